@@ -1,0 +1,6 @@
+# With QVDBASE_SANITIZE every target of the build, tests included, runs under the address and
+# undefined-behaviour sanitizers; a finding ends the process.
+if(QVDBASE_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
