@@ -1,0 +1,47 @@
+// A folder of its own for every test.
+#include "support/temp_folder.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <stdexcept>
+#include <system_error>
+
+namespace qvdbase::test {
+namespace fs = std::filesystem;
+namespace {
+
+// Folders that a test has closed to everybody are opened again, else they could not be removed.
+void openAllFolders(const fs::path& root) {
+  std::error_code ignored;
+  fs::permissions(root, fs::perms::owner_all, fs::perm_options::add, ignored);
+  for (const fs::directory_entry& entry : fs::directory_iterator(root, ignored)) {
+    if (entry.is_directory(ignored) && !entry.is_symlink(ignored)) openAllFolders(entry.path());
+  }
+}
+
+}  // namespace
+
+TempFolder::TempFolder() {
+  std::string name = (fs::canonical(fs::temp_directory_path()) / "qvdbase-test-XXXXXX").string();
+  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make " + name);
+  path_ = name;
+}
+
+TempFolder::~TempFolder() {
+  if (testing::Test::HasFailure() && std::getenv("QVDBASE_KEEP_FOLDERS") != nullptr) {
+    std::cerr << "kept: " << path_.string() << '\n';
+    return;
+  }
+  std::error_code ignored;
+  openAllFolders(path_);
+  fs::remove_all(path_, ignored);
+}
+
+const QVWCHAR* TempFolder::wide(const fs::path& name) {
+  return handedOut_.emplace_back(u16(name));
+}
+
+}  // namespace qvdbase::test
