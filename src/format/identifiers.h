@@ -1,0 +1,27 @@
+// Identifiers of databases, tables and records: eight identity bytes and their 16-bit sum, and the
+// 64-bit number that stands for them outside the engine.
+#pragma once
+
+#include <cstdint>
+
+// Writes a new 10-byte identifier to `id`. Returns 1.
+int GenerateUuID(unsigned char* id);
+
+// The identity bytes read most significant first; the sum is not examined. Returns 1.
+int internal_ConvertUuID_2Int64(const unsigned char* id, uint64_t* value);
+
+// The inverse, with the right sum. Returns 1, or 0 when `id` is null.
+int internal_ConvertInt64_2UuID(uint64_t value, unsigned char* id);
+
+// Seeds the generator that identifiers draw on. Runs by itself when the library is loaded.
+void Initializer();
+
+namespace qvdbase {
+
+// The 64-bit number of a 10-byte identifier.
+uint64_t identifierNumber(const unsigned char* id);
+
+// Whether the last two bytes of a 10-byte identifier are the sum of the others.
+bool identifierSumIsRight(const unsigned char* id);
+
+}  // namespace qvdbase
