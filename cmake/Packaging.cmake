@@ -1,0 +1,37 @@
+# What is installed: both libraries, the public headers, the tool, a CMake package and a pkg-config
+# file. All of it may be moved after the installation; nothing installed names a fixed path.
+# Used as a subfolder of another project, nothing of ours is installed unless that is asked for.
+if(NOT QVDBASE_INSTALL)
+  return()
+endif()
+include(CMakePackageConfigHelpers)
+
+install(TARGETS qvdbase qvdbase_static EXPORT QVDbaseTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/qvdbase DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
+if(TARGET qvdb)
+  install(TARGETS qvdb RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+# The library is C++ inside. A program whose linker is run as for C must name the C++ library.
+target_link_libraries(qvdbase_static INTERFACE $<INSTALL_INTERFACE:$<$<LINK_LANGUAGE:C>:stdc++>>)
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/QVDbase)
+install(EXPORT QVDbaseTargets NAMESPACE QVDbase:: DESTINATION ${package_folder})
+configure_package_config_file(
+  ${PROJECT_SOURCE_DIR}/cmake/QVDbaseConfig.cmake.in ${PROJECT_BINARY_DIR}/QVDbaseConfig.cmake
+  INSTALL_DESTINATION ${package_folder} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/QVDbaseConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/QVDbaseConfig.cmake
+              ${PROJECT_BINARY_DIR}/QVDbaseConfigVersion.cmake
+        DESTINATION ${package_folder})
+
+# pkg-config finds the prefix from where the file itself lies.
+set(pc_folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH pc_prefix /prefix/${pc_folder} /prefix)
+string(REGEX REPLACE "/$" "" pc_prefix "${pc_prefix}")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/qvdbase.pc.in ${PROJECT_BINARY_DIR}/qvdbase.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qvdbase.pc DESTINATION ${pc_folder})
