@@ -1,0 +1,173 @@
+// The entries of the open files: descriptors, locks, and who shares with whom.
+#include "platform/file_entries.h"
+
+#include <algorithm>
+#include <new>
+
+#include "platform/memory.h"
+#include "platform/system_calls.h"
+
+namespace qvdbase::platform {
+
+struct SurplusDescriptor {
+  int descriptor;
+  SurplusDescriptor* next;
+};
+
+namespace {
+
+// Never destroyed: static objects of the application may still close files while they go.
+constinit FileEntry* firstEntry = nullptr;
+
+// A FIFO or a terminal under the name must neither block the call nor become ours.
+constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+FileEntry* addEntry(const struct stat& status) {
+  void* memory = allocate(sizeof(FileEntry));
+  if (memory == nullptr) return nullptr;
+  auto* entry = new (memory) FileEntry{};
+  entry->device = status.st_dev;
+  entry->inode = status.st_ino;
+  entry->readWrite = -1;
+  entry->readOnly = -1;
+  entry->next = firstEntry;
+  firstEntry = entry;
+  return entry;
+}
+
+// A close that a signal interrupts has closed: to repeat it could hit another file.
+bool closeDescriptor(int descriptor) {
+  return descriptor < 0 || systemCalls().close(descriptor) == 0 || errno == EINTR;
+}
+
+bool removeEntry(FileEntry* entry) {
+  FileEntry** link = &firstEntry;
+  while (*link != entry) link = &(*link)->next;
+  *link = entry->next;
+
+  // The lock goes with the descriptors. It is not cleared by a call of its own: a process made by
+  // fork that closes a file it inherited would take the lock from its parent.
+  bool closed = true;
+  for (SurplusDescriptor* surplus = entry->surplus; surplus != nullptr;) {
+    SurplusDescriptor* next = surplus->next;
+    closed &= closeDescriptor(surplus->descriptor);
+    release(surplus);
+    surplus = next;
+  }
+  closed &= closeDescriptor(entry->readOnly);
+  closed &= closeDescriptor(entry->readWrite);
+  release(entry);
+  return closed;
+}
+
+Sharing strongestNeed(const FileEntry& entry) {
+  if (entry.exclusiveOpeners > 0) return Sharing::exclusive;
+  return entry.sharedOpeners > 0 ? Sharing::shared : Sharing::none;
+}
+
+bool changeLock(FileEntry* entry, Sharing strength) {
+  if (strength == entry->lock) return true;
+  if (!setFileLock(entry->readWrite, strength)) return false;
+  entry->lock = strength;
+  return true;
+}
+
+bool hasDescriptor(const FileEntry& entry, bool writable) {
+  return entry.readWrite >= 0 || (!writable && entry.readOnly >= 0);
+}
+
+// The file's entry, made if there is none, with a descriptor of the wanted kind.
+FileEntry* entryWithDescriptor(const Directory& directory, const EntryName& name, bool writable) {
+  struct stat status = {};
+  if (!regularFileStatus(directory, name, &status)) return nullptr;
+  FileEntry* entry = findEntry(status.st_dev, status.st_ino);
+  if (entry != nullptr && hasDescriptor(*entry, writable)) return entry;
+
+  // The name may have come to stand for another file since: what counts is what was opened.
+  const int descriptor = openRegularFile(directory, name, writable ? O_RDWR : O_RDONLY, &status);
+  if (descriptor < 0) return nullptr;
+  entry = findEntry(status.st_dev, status.st_ino);
+  if (entry == nullptr) entry = addEntry(status);
+  if (entry == nullptr) {
+    closeDescriptor(descriptor);
+    return nullptr;
+  }
+  int& place = writable ? entry->readWrite : entry->readOnly;
+  if (place < 0) {
+    place = descriptor;
+  } else {
+    keepDescriptor(entry, descriptor);
+  }
+  return entry;
+}
+
+bool admit(FileEntry* entry, Sharing sharing) {
+  if (sharing == Sharing::exclusive && entry->exclusiveOpeners > 0) return false;
+  if (!changeLock(entry, std::max(entry->lock, sharing))) return false;
+  ++entry->openers;
+  if (sharing == Sharing::shared) ++entry->sharedOpeners;
+  if (sharing == Sharing::exclusive) ++entry->exclusiveOpeners;
+  return true;
+}
+
+}  // namespace
+
+FileEntry* findEntry(dev_t device, ino_t inode) {
+  FileEntry* entry = firstEntry;
+  while (entry != nullptr && (entry->device != device || entry->inode != inode)) {
+    entry = entry->next;
+  }
+  return entry;
+}
+
+FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing sharing) {
+  FileEntry* entry = entryWithDescriptor(directory, name, sharing != Sharing::none);
+  if (entry == nullptr) return nullptr;
+  if (admit(entry, sharing)) return entry;
+  if (entry->openers == 0) removeEntry(entry);
+  return nullptr;
+}
+
+bool leaveEntry(FileEntry* entry, Sharing sharing) {
+  --entry->openers;
+  if (sharing == Sharing::shared) --entry->sharedOpeners;
+  if (sharing == Sharing::exclusive) --entry->exclusiveOpeners;
+  if (entry->openers == 0) return removeEntry(entry);
+  changeLock(entry, strongestNeed(*entry));  // a lock that will not weaken only keeps others out
+  return true;
+}
+
+void keepDescriptor(FileEntry* entry, int descriptor) {
+  auto* surplus = static_cast<SurplusDescriptor*>(allocate(sizeof(SurplusDescriptor)));
+  // Without memory to remember it the descriptor stays open: better lost than the file's lock.
+  if (surplus == nullptr) return;
+  entry->surplus = new (surplus) SurplusDescriptor{descriptor, entry->surplus};
+}
+
+bool regularFileStatus(const Directory& directory, const EntryName& name, struct stat* status) {
+  if (directory.descriptor() < 0 || !name.isValid()) return false;
+  const int result = systemCalls().statusAt(directory.descriptor(), name.bytes(), status, 0);
+  return result == 0 && S_ISREG(status->st_mode);
+}
+
+int openRegularFile(const Directory& directory, const EntryName& name, int access,
+                    struct stat* status) {
+  const int descriptor = uninterrupted([&] {
+    return systemCalls().openAt(directory.descriptor(), name.bytes(), access | kOpenFlags, 0);
+  });
+  if (descriptor < 0) return -1;
+  if (systemCalls().status(descriptor, status) == 0 && S_ISREG(status->st_mode)) return descriptor;
+  closeDescriptor(descriptor);
+  return -1;
+}
+
+bool setFileLock(int descriptor, Sharing strength) {
+  struct flock lock = {};  // from 0 over length 0: the whole file, however long it becomes
+  lock.l_whence = SEEK_SET;
+  lock.l_type = F_UNLCK;
+  if (strength == Sharing::shared) lock.l_type = F_RDLCK;
+  if (strength == Sharing::exclusive) lock.l_type = F_WRLCK;
+  return uninterrupted([&] { return systemCalls().setLock(descriptor, &lock); }) == 0;
+}
+
+}  // namespace qvdbase::platform

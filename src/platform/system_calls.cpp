@@ -1,0 +1,79 @@
+// The host's side of the table of system calls.
+//
+// QVDBASE_PORTABLE_POSIX selects, wherever a Linux call is used, its plain POSIX twin. Here that is
+// the kind of lock: Linux can tie a lock to one open file description, POSIX only to the process.
+#include "platform/system_calls.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <limits>
+
+namespace qvdbase::platform {
+namespace {
+
+int hostOpenAt(int directory, const char* name, int flags, mode_t mode) {
+  return ::openat(directory, name, flags, mode);
+}
+
+uint64_t hostFileSizeLimit() {
+  struct rlimit limit = {};
+  if (::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+    return std::numeric_limits<uint64_t>::max();
+  }
+  return static_cast<uint64_t>(limit.rlim_cur);
+}
+
+int hostSetLock(int descriptor, struct flock* lock) {
+#if defined(F_OFD_SETLK) && !defined(QVDBASE_PORTABLE_POSIX)
+  lock->l_pid = 0;  // required by this call
+  return ::fcntl(descriptor, F_OFD_SETLK, lock);
+#else
+  return ::fcntl(descriptor, F_SETLK, lock);
+#endif
+}
+
+time_t hostTime() {
+  return ::time(nullptr);
+}
+
+uint64_t hostMicroseconds() {
+  struct timespec now = {};
+  if (::clock_gettime(CLOCK_MONOTONIC, &now) != 0) return 0;
+  return static_cast<uint64_t>(now.tv_sec) * 1'000'000u +
+         static_cast<uint64_t>(now.tv_nsec) / 1'000u;
+}
+
+constexpr SystemCalls kHostCalls = {
+    .openAt = hostOpenAt,
+    .close = ::close,
+    .status = ::fstat,
+    .statusAt = ::fstatat,
+    .makeDirectoryAt = ::mkdirat,
+    .readAt = ::pread,
+    .writeAt = ::pwrite,
+    .truncate = ::ftruncate,
+    .sync = ::fsync,
+    .fileSizeLimit = hostFileSizeLimit,
+    .setLock = hostSetLock,
+    .time = hostTime,
+    .processClock = ::clock,
+    .microseconds = hostMicroseconds,
+    .allocate = std::malloc,
+    .release = std::free,
+};
+
+}  // namespace
+
+constinit const SystemCalls* detail::currentSystemCalls = &kHostCalls;
+
+const SystemCalls& hostSystemCalls() {
+  return kHostCalls;
+}
+
+void replaceSystemCalls(const SystemCalls* calls) {
+  detail::currentSystemCalls = calls != nullptr ? calls : &kHostCalls;
+}
+
+}  // namespace qvdbase::platform

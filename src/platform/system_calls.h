@@ -1,0 +1,79 @@
+// Every call by which the library reaches its host, in one table that can be replaced.
+//
+// The layers above and the rest of this one never call the host directly. So a test can put its own
+// table in place, record each call, and make each one fail; and another host needs only another
+// table. The calls keep the conventions of their POSIX counterparts: -1 and errno on failure.
+#ifndef QVDBASE_PLATFORM_SYSTEM_CALLS_H
+#define QVDBASE_PLATFORM_SYSTEM_CALLS_H
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+namespace qvdbase::platform {
+
+static_assert(sizeof(off_t) == 8, "file positions are 64-bit");
+
+struct SystemCalls {
+  // Files and directories.
+  int (*openAt)(int directory, const char* name, int flags, mode_t mode);
+  int (*close)(int descriptor);
+  int (*status)(int descriptor, struct stat* result);
+  int (*statusAt)(int directory, const char* name, struct stat* result, int flags);
+  int (*makeDirectoryAt)(int directory, const char* name, mode_t mode);
+
+  // Contents.
+  ssize_t (*readAt)(int descriptor, void* buffer, size_t count, off_t position);
+  ssize_t (*writeAt)(int descriptor, const void* buffer, size_t count, off_t position);
+  int (*truncate)(int descriptor, off_t length);
+  int (*sync)(int descriptor);
+  // The length that no file of this process may pass; beyond it a write would raise a signal.
+  uint64_t (*fileSizeLimit)();
+
+  // Sets or clears a lock without waiting. The lock belongs to the open file description of
+  // `descriptor` where the host has such locks, else to the process.
+  int (*setLock)(int descriptor, struct flock* lock);
+
+  // Time.
+  time_t (*time)();
+  clock_t (*processClock)();
+  uint64_t (*microseconds)();  // since some fixed moment of the past; never set back
+
+  // Memory.
+  void* (*allocate)(size_t size);
+  void (*release)(void* memory);
+};
+
+// The table whose calls go straight to the host.
+const SystemCalls& hostSystemCalls();
+
+// Puts `calls` in place of the table in use; null puts the host's back. The table must live as long
+// as it is in use. Not to be called while another thread works in the library.
+void replaceSystemCalls(const SystemCalls* calls);
+
+namespace detail {
+extern const SystemCalls* currentSystemCalls;
+}
+
+// The table in use.
+inline const SystemCalls& systemCalls() {
+  return *detail::currentSystemCalls;
+}
+
+// Repeats a call for as long as a signal interrupts it.
+template <typename Call>
+auto uninterrupted(Call call) {
+  for (;;) {
+    const auto result = call();
+    if (result >= 0 || errno != EINTR) return result;
+  }
+}
+
+}  // namespace qvdbase::platform
+
+#endif
