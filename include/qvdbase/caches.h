@@ -20,10 +20,10 @@ QVDBASE_API int EraseSFGDB2TCache(int index);
 // Kept for callers that link against them; they do nothing and write no output.
 QVDBASE_API int internal_AddOneTableCache(int16_t db, uint64_t table, int64_t position);  // 1
 QVDBASE_API int internal_AddOneRecordCache(int16_t db, uint64_t table, uint64_t record,
-                                           int64_t position);                             // 0
-QVDBASE_API int internal_FindOneCacheDB(int16_t db, int* index);                          // 0
+                                           int64_t position);     // 0
+QVDBASE_API int internal_FindOneCacheDB(int16_t db, int* index);  // 0
 QVDBASE_API int internal_FindOneCacheTB(int16_t db, uint64_t table, int* dbIndex,
-                                        int* tableIndex);                                 // 0
+                                        int* tableIndex);  // 0
 
 QVDBASE_API int QVMIN(int a, int b);
 QVDBASE_API int QVMAX(int a, int b);
@@ -50,9 +50,9 @@ QVDBASE_API int internal_BinarySearchForCode(const record1Cache* array, const re
                                              int32_t count, int32_t* indexOut);
 
 // One step of an insertion sort: elements 0 to count - 2 are in order, and the last element, the
-// newcomer, moves to its place. Only a few places around the one that the search finds are examined,
-// the last of them not at all: a newcomer that belongs elsewhere stays last. A newcomer whose key is
-// there already stays last too. Returns 1; 0 when array is null or count is 0 or less.
+// newcomer, moves to its place. Only a few places around the one that the search finds are
+// examined, the last of them not at all: a newcomer that belongs elsewhere stays last. A newcomer
+// whose key is there already stays last too. Returns 1; 0 when array is null or count is 0 or less.
 QVDBASE_API int internal_QuickSortRecordCache(record1Cache* array, int count);
 
 #endif

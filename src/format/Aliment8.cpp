@@ -32,7 +32,9 @@ Unsigned field(const unsigned char* buf) {
   return value;
 }
 
-int64_t positionField(const unsigned char* buf) { return static_cast<int64_t>(field<uint64_t>(buf)); }
+int64_t positionField(const unsigned char* buf) {
+  return static_cast<int64_t>(field<uint64_t>(buf));
+}
 
 void putPosition(unsigned char* buf, int64_t position) {
   PutToBuffer_Int64(buf, static_cast<uint64_t>(position));
@@ -56,9 +58,15 @@ int GetFromBuffer_Int64(const unsigned char* buf, uint64_t* out) {
 int PutToBuffer_BYTE(unsigned char* buf, unsigned char value) {
   return putLittleEndian(buf, value);
 }
-int PutToBuffer_Int16(unsigned char* buf, uint16_t value) { return putLittleEndian(buf, value); }
-int PutToBuffer_Int32(unsigned char* buf, uint32_t value) { return putLittleEndian(buf, value); }
-int PutToBuffer_Int64(unsigned char* buf, uint64_t value) { return putLittleEndian(buf, value); }
+int PutToBuffer_Int16(unsigned char* buf, uint16_t value) {
+  return putLittleEndian(buf, value);
+}
+int PutToBuffer_Int32(unsigned char* buf, uint32_t value) {
+  return putLittleEndian(buf, value);
+}
+int PutToBuffer_Int64(unsigned char* buf, uint64_t value) {
+  return putLittleEndian(buf, value);
+}
 
 void RZPutQVWCHAR2Buffer(unsigned char* buf, const QVWCHAR* text, int byteCount) {
   for (int i = 0; i < byteCount / 2; ++i) buf += PutToBuffer_Int16(buf, text[i]);

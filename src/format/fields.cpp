@@ -39,9 +39,15 @@ bool readBytes(int16_t file, void* bytes, uint32_t count) {
   return QVFile().QVReadFile(file, bytes, count, &gbl_realReaden) == 1;
 }
 
-bool readUint8(int16_t file, uint8_t* value) { return readBytes(file, value, 1); }
-bool readUint16(int16_t file, uint16_t* value) { return readBigEndian(file, value); }
-bool readUint32(int16_t file, uint32_t* value) { return readBigEndian(file, value); }
+bool readUint8(int16_t file, uint8_t* value) {
+  return readBytes(file, value, 1);
+}
+bool readUint16(int16_t file, uint16_t* value) {
+  return readBigEndian(file, value);
+}
+bool readUint32(int16_t file, uint32_t* value) {
+  return readBigEndian(file, value);
+}
 
 bool readInt64(int16_t file, int64_t* value) {
   uint64_t bits = 0;
@@ -54,9 +60,15 @@ bool writeBytes(int16_t file, const void* bytes, uint32_t count) {
   return QVFile().QVWriteFile(file, bytes, count, &gbl_realWriten) == 1;
 }
 
-bool writeUint8(int16_t file, uint8_t value) { return writeBytes(file, &value, 1); }
-bool writeUint16(int16_t file, uint16_t value) { return writeBigEndian(file, value); }
-bool writeUint32(int16_t file, uint32_t value) { return writeBigEndian(file, value); }
+bool writeUint8(int16_t file, uint8_t value) {
+  return writeBytes(file, &value, 1);
+}
+bool writeUint16(int16_t file, uint16_t value) {
+  return writeBigEndian(file, value);
+}
+bool writeUint32(int16_t file, uint32_t value) {
+  return writeBigEndian(file, value);
+}
 
 bool writeInt64(int16_t file, int64_t value) {
   return writeBigEndian(file, static_cast<uint64_t>(value));

@@ -16,12 +16,12 @@ inline constexpr int64_t kIdentitySize = 8;
 
 // File header, from offset 0.
 inline constexpr int64_t kSignatureSize = 4;
-inline constexpr int64_t kVersionPos = kSignatureSize;                        // uint16
-inline constexpr int64_t kDatabaseIDPos = kVersionPos + 2;                    // identifier
-inline constexpr int64_t kTableCountPos = kDatabaseIDPos + kIdentifierSize;   // int16
-inline constexpr int64_t kSlotCountPos = kTableCountPos + 2;                  // uint16
-inline constexpr int64_t kSlotSizePos = kSlotCountPos + 2;                    // uint16
-inline constexpr int64_t kDirectoryPos = kSlotSizePos + 2;                    // the first slot
+inline constexpr int64_t kVersionPos = kSignatureSize;                       // uint16
+inline constexpr int64_t kDatabaseIDPos = kVersionPos + 2;                   // identifier
+inline constexpr int64_t kTableCountPos = kDatabaseIDPos + kIdentifierSize;  // int16
+inline constexpr int64_t kSlotCountPos = kTableCountPos + 2;                 // uint16
+inline constexpr int64_t kSlotSizePos = kSlotCountPos + 2;                   // uint16
+inline constexpr int64_t kDirectoryPos = kSlotSizePos + 2;                   // the first slot
 static_assert(kDirectoryPos == 22);
 
 inline constexpr uint16_t kNewSlotCount = 32;  // slots that a new file gets
@@ -92,11 +92,11 @@ inline constexpr int64_t kRecordBlockOverhead = record::kData + 1;  // header an
 
 // Table-data block, offsets from the block's position.
 namespace tabledata {
-inline constexpr int64_t kBlockMark = 0;                           // uint8
-inline constexpr int64_t kHeaderSize = kBlockMark + 1;             // uint16
-inline constexpr int64_t kTableID = kHeaderSize + 2;               // identifier
+inline constexpr int64_t kBlockMark = 0;                            // uint8
+inline constexpr int64_t kHeaderSize = kBlockMark + 1;              // uint16
+inline constexpr int64_t kTableID = kHeaderSize + 2;                // identifier
 inline constexpr int64_t kDataLength = kTableID + kIdentifierSize;  // uint32
-inline constexpr int64_t kDataCapacity = kDataLength + 4;          // uint32
+inline constexpr int64_t kDataCapacity = kDataLength + 4;           // uint32
 inline constexpr int64_t kData = kDataCapacity + 4;  // dataCapacity bytes, then the end mark
 static_assert(kData == 21);
 }  // namespace tabledata

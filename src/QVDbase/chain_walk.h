@@ -1,0 +1,36 @@
+// Notices when a walk along a chain comes round to a record it has passed before.
+//
+// A damaged or hostile chain can loop while its table counts four thousand million records; the
+// walk that such a count asks for would take hours. This is Brent's method: it remembers one
+// position, renewed at every power of two, so that it costs one comparison per step and no memory,
+// and finds a loop after at most a few times as many steps as it has records.
+#pragma once
+
+#include <cstdint>
+
+namespace qvdbase {
+
+class LoopDetector {
+ public:
+  // To be told each position of the walk, in order. Returns whether the walk has been at this
+  // position before; period() is then the number of steps since.
+  bool visited(int64_t position) {
+    if (steps_ != 0 && position == remembered_) return true;
+    if (steps_ == limit_) {
+      remembered_ = position;
+      limit_ = limit_ == 0 ? 1 : limit_ * 2;
+      steps_ = 0;
+    }
+    ++steps_;
+    return false;
+  }
+
+  uint64_t period() const { return steps_; }
+
+ private:
+  int64_t remembered_ = -1;
+  uint64_t steps_ = 0;  // steps since the remembered position
+  uint64_t limit_ = 0;
+};
+
+}  // namespace qvdbase

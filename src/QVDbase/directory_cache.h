@@ -1,0 +1,32 @@
+// The directory cache: one entry for each open database whose directory has been read, so that the
+// operations after the first need not read header and directory numbers again.
+//
+// An entry is found by its handle; it lives until the database is closed, or until a whole-file
+// operation drops it. What others change in the header meanwhile is not seen.
+#pragma once
+
+#include <qvdbase/caches.h>
+
+#include "format/layout.h"
+
+namespace qvdbase {
+
+struct DirectoryCacheEntry {
+  int16_t fileRef;           // the database handle
+  internal_Head1* headCopy;  // owned by the entry
+  int16_t tableCount;
+  int16_t slotCount;
+  uint16_t slotSize;
+  int64_t directoryPos;
+};
+
+// The database's entry, borrowed, or null.
+DirectoryCacheEntry* findDirectoryEntry(int16_t db);
+
+// Adds an entry with a copy of `head`. Where memory cannot be had, nothing is cached.
+void addDirectoryEntry(DirectoryCacheEntry entry, const internal_Head1& head);
+
+// Drops the database's entry, if it has one.
+void dropDirectoryEntry(int16_t db);
+
+}  // namespace qvdbase

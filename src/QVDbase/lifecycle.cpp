@@ -1,0 +1,103 @@
+// Creating, opening, inspecting and closing databases.
+#include <qvdbase/QVFile.h>
+#include <qvdbase/qvdbase.h>
+
+#include <cstring>
+
+#include "QVDbase/directory_cache.h"
+#include "QVDbase/header.h"
+#include "QVDbase/position.h"
+#include "format/Aliment8.h"
+#include "format/fields.h"
+#include "format/identifiers.h"
+
+int32_t Gbl_Flush_Time = 0;
+
+namespace {
+
+constexpr int kReadWriteOneWriter = 3;
+constexpr int kReadWriteShared = 4;
+
+bool writeNewHeader(int16_t db, const void* signature, uint16_t version) {
+  using namespace qvdbase;
+  unsigned char databaseID[kIdentifierSize];
+  if (!writeBytes(db, signature, kSignatureSize)) return false;
+  if (!writeUint16(db, version)) return false;
+  GenerateUuID(databaseID);
+  return writeBytes(db, databaseID, sizeof databaseID) && writeUint16(db, 0) &&
+         writeUint16(db, kNewSlotCount) && writeUint16(db, kSlotImageSize);
+}
+
+bool writeFreeSlots(int16_t db) {
+  tablePart1 slot;
+  std::memset(&slot, 0, sizeof slot);
+  for (int i = 0; i < qvdbase::kNewSlotCount; ++i) {
+    if (WriteOne_TablePartOne(db, &slot) != 1) return false;
+  }
+  return true;
+}
+
+void handOutHeader(const internal_Head1& head, void* signatureOut, uint16_t* versionOut,
+                   void* idOut) {
+  if (signatureOut != nullptr) {
+    std::memcpy(signatureOut, head.signature, sizeof head.signature);
+    static_cast<unsigned char*>(signatureOut)[sizeof head.signature] = 0;
+  }
+  if (versionOut != nullptr) *versionOut = head.version;
+  if (idOut != nullptr) std::memcpy(idOut, head.databaseID, sizeof head.databaseID);
+}
+
+}  // namespace
+
+int GenerateUuID_Int64(uint64_t* value) {
+  if (value == nullptr) return 0;
+  unsigned char id[qvdbase::kIdentifierSize];
+  GenerateUuID(id);
+  return internal_ConvertUuID_2Int64(id, value);
+}
+
+int16_t CreateDBaseW(const QVWCHAR* path, const void* signature, int version) {
+  if (path == nullptr || signature == nullptr) return 0;
+  int16_t db = 0;
+  if (QVFile().QVCreateAndOpenFile(path, kReadWriteOneWriter, &db, 0) != 1) return 0;
+  qvdbase::CallScope scope(db);
+  // A file that cannot be completed stays as far as it was written, and open: no half-made database
+  // is ever handed out, and nothing is deleted that might have been somebody's.
+  if (!writeNewHeader(db, signature, static_cast<uint16_t>(version))) return 0;
+  if (!writeFreeSlots(db)) return 0;
+  return scope.end() ? db : int16_t{0};
+}
+
+int16_t OpenDBaseW(const QVWCHAR* path, int permission) {
+  int16_t db = 0;
+  return QVFile().QVOpenFile(path, permission, &db) == 1 ? db : int16_t{0};
+}
+
+uint16_t CloseDBase(int16_t db) {
+  qvdbase::dropDirectoryEntry(db);  // first, so that it is gone even if the close fails
+  return static_cast<uint16_t>(QVFile().QVCloseFile(db));
+}
+
+int FlushDBase(int16_t) {
+  return 1;
+}
+
+int GetDBaseInfoW(const QVWCHAR* path, void* signatureOut, uint16_t* versionOut, void* idOut) {
+  int16_t db = 0;
+  if (QVFile().QVOpenFile(path, kReadWriteShared, &db) != 1) return 0;
+  internal_Head1 head;
+  const int result = internal_GetDBHead1(db, &head);
+  if (result == 1) handOutHeader(head, signatureOut, versionOut, idOut);
+  qvdbase::dropDirectoryEntry(db);
+  QVFile().QVCloseFile(db);
+  return result;
+}
+
+int SetDBaseVersion(int16_t db, uint16_t version) {
+  qvdbase::SavedPosition position(db);
+  // Without a position to come back to nothing is written, and the call reports success all the
+  // same: callers rely on it.
+  if (!position.known()) return position.leave(1);
+  if (myFileSeek(db, qvdbase::kVersionPos, kFromStart) != 0) return position.restore(0);
+  return position.restore(qvdbase::writeUint16(db, version) ? 1 : 0);
+}

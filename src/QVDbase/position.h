@@ -1,0 +1,72 @@
+// File positions: seeking, telling, and the object by which every exported operation gives the
+// caller back the position it found.
+#pragma once
+
+#include <qvdbase/qvdbase.h>
+
+#include <cstdint>
+
+// Where a seek counts from.
+inline constexpr uint32_t kFromStart = 1;
+inline constexpr uint32_t kFromEnd = 2;
+inline constexpr uint32_t kFromCurrent = 3;
+
+// Returns 0, or -1 when the file cannot be positioned there.
+int myFileSeek(int16_t db, int64_t offset, uint32_t mode);
+
+// Returns the position, or -1 for a handle that is not open.
+int64_t myGetFilePos(int16_t db);
+
+// Calls callback(a, b, context) and puts the file position back afterwards; with handle 0 it only
+// calls. Returns the callback's result.
+uint16_t SavedCallBack(int16_t db, QVProgressFunction callback, int a, int b, void* context);
+
+namespace qvdbase {
+
+// The length of one exported call on a database: inside, the platform layer may gather the call's
+// small transfers; at the end everything written must be with the operating system. Nests.
+class CallScope {
+ public:
+  explicit CallScope(int16_t db);
+  ~CallScope();
+  CallScope(const CallScope&) = delete;
+  CallScope& operator=(const CallScope&) = delete;
+
+  // Ends the scope. Returns false when a write of the call could not be completed.
+  [[nodiscard]] bool end();
+
+ private:
+  int16_t db_;
+  bool ended_ = false;
+};
+
+// Keeps the position that a call found. Every way out of an exported operation goes through
+// restore, or, where the operation is known to leave the position behind, through leave. Both end
+// the call's scope and turn a success into a failure when its writes could not be completed.
+class SavedPosition {
+ public:
+  explicit SavedPosition(int16_t db);
+
+  // Whether the handle has a position at all.
+  bool known() const { return position_ != -1; }
+
+  template <typename Result>
+  [[nodiscard]] Result restore(Result result) {
+    const bool complete = scope_.end();
+    // A position of -1 is refused by the seek and so stays unrestored.
+    myFileSeek(db_, position_, kFromStart);
+    return complete ? result : Result{0};
+  }
+
+  template <typename Result>
+  [[nodiscard]] Result leave(Result result) {
+    return scope_.end() ? result : Result{0};
+  }
+
+ private:
+  CallScope scope_;
+  int16_t db_;
+  int64_t position_;
+};
+
+}  // namespace qvdbase

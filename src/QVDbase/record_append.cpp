@@ -1,0 +1,149 @@
+// Record append: writes a new record block at the end of the file and links it behind the table's
+// last record.
+//
+// Order of writes: the block, the link in the old last record, the slot. The block is complete
+// before anything points to it, and the slot comes last, so that it never counts a block that the
+// chain does not reach.
+#include "QVDbase/record_append.h"
+
+#include <qvdbase/qvdbase.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "QVDbase/position.h"
+#include "QVDbase/record_find.h"
+#include "QVDbase/tables.h"
+#include "format/fields.h"
+#include "format/fill.h"
+#include "format/identifiers.h"
+#include "platform/clock.h"
+
+using namespace qvdbase;
+
+namespace {
+
+bool writeNewRecordID(int16_t db, unsigned char* recordID, bool useGivenID) {
+  if (useGivenID) return writeBytes(db, recordID, kIdentifierSize);
+  unsigned char generated[kIdentifierSize];
+  GenerateUuID(generated);
+  if (recordID != nullptr) std::memcpy(recordID, generated, sizeof generated);
+  return writeBytes(db, generated, sizeof generated);
+}
+
+// The block's fields from the mark to the two times.
+bool writeBlockStart(int16_t db, const unsigned char* tableID, unsigned char* recordID,
+                     bool useGivenID) {
+  if (!writeUint8(db, kRecordMark) || !writeUint16(db, kRecordHeaderSize) ||
+      !writeBytes(db, tableID, kIdentifierSize) || !writeNewRecordID(db, recordID, useGivenID)) {
+    return false;
+  }
+  const uint32_t now = platform::secondsSinceEpoch();
+  return writeUint32(db, now) && writeUint32(db, now);
+}
+
+// The record that the new one goes behind: 0 when the table has none. Returns false when the slot
+// contradicts itself.
+bool previousRecord(const tablePart1& slot, int64_t* prevRecordPos) {
+  *prevRecordPos = slot.recordCount == 0 ? 0 : slot.lastRecordPos;
+  if (slot.recordCount == 0) return slot.lastRecordPos == 0 && slot.firstRecordPos == 0;
+  return slot.lastRecordPos != 0;
+}
+
+// The block's fields from the links to the end mark.
+bool writeBlockRest(int16_t db, int64_t prevRecordPos, const unsigned char* payload, uint32_t size,
+                    uint32_t capacity) {
+  if (!writeInt64(db, prevRecordPos) || !writeInt64(db, 0) || !writeUint32(db, size) ||
+      !writeUint32(db, capacity) || !writeBytes(db, payload, size)) {
+    return false;
+  }
+  if (capacity > size && internal_WriteEmptyDatas(db, capacity - size) != 1) return false;
+  return writeUint8(db, kBlockEndMark);
+}
+
+bool linkBehind(int16_t db, int64_t prevRecordPos, const unsigned char* tableID,
+                int64_t newRecordPos) {
+  recordPart1 previous;
+  if (!readRecordHeaderAt(db, prevRecordPos, tableID, &previous)) return false;
+  if (previous.nextRecordPos != 0) return false;  // not the end of the chain: do not cut it
+  return writeLink(db, prevRecordPos, record::kNextRecordPos, newRecordPos);
+}
+
+void takeIn(tablePart1* slot, int64_t newRecordPos) {
+  if (slot->firstRecordPos == 0) slot->firstRecordPos = newRecordPos;
+  slot->lastWrittenRecordPos = newRecordPos;
+  slot->lastRecordPos = newRecordPos;
+  slot->recordCount += 1;
+  slot->recordWriteCount += 1;
+}
+
+int addRecord(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
+              uint32_t reserve, unsigned char* recordID, uint16_t useGivenID) {
+  FoundTable found;
+  if (!findTable(db, table, &found)) return 0;
+  return internal_AddOneRecordData(db, &found.slot, found.slot.tableID, found.slotPos,
+                                   found.slotSize, payload, size, reserve, recordID, useGivenID);
+}
+
+}  // namespace
+
+int AddRecordData(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
+                  uint32_t reserve, uint64_t* record) {
+  if (record == nullptr) return 0;
+  if (payload == nullptr && size > 0) return 0;
+  SavedPosition position(db);
+  unsigned char recordID[kIdentifierSize];
+  const int result = position.restore(addRecord(db, table, payload, size, reserve, recordID, 0));
+  if (result == 1) *record = identifierNumber(recordID);
+  return result;
+}
+
+int AddRecordData_AssignRecordID(int16_t db, uint64_t table, const unsigned char* payload,
+                                 uint32_t size, uint32_t reserve, const uint64_t* record) {
+  if (record == nullptr) return 0;
+  if (payload == nullptr && size > 0) return 0;
+  SavedPosition position(db);
+  unsigned char recordID[kIdentifierSize];
+  internal_ConvertInt64_2UuID(*record, recordID);
+  return position.restore(addRecord(db, table, payload, size, reserve, recordID, 1));
+}
+
+int internal_AddOneRecordData(int16_t db, tablePart1* slot, const unsigned char* tableID,
+                              int64_t slotPos, uint16_t slotSize, const unsigned char* payload,
+                              uint32_t size, uint32_t reserve, unsigned char* recordID,
+                              uint16_t useGivenID) {
+  if (recordID == nullptr) return 0;
+  if (!chainHeadMatchesCount(*slot)) return 0;
+  int64_t newRecordPos = 0;
+  return internal_WriteOneRecordDataInEOF(db, slot, tableID, recordID, slotPos, slotSize, payload,
+                                          size, reserve, &newRecordPos, useGivenID);
+}
+
+int internal_WriteOneRecordDataInEOF(int16_t db, tablePart1* slot, const unsigned char* tableID,
+                                     unsigned char* recordID, int64_t slotPos, uint16_t slotSize,
+                                     const unsigned char* payload, uint32_t size, uint32_t reserve,
+                                     int64_t* newRecordPos, uint16_t useGivenID) {
+  if (myFileSeek(db, 0, kFromEnd) != 0) return 0;
+  const int64_t blockPos = myGetFilePos(db);
+  if (!writeBlockStart(db, tableID, recordID, useGivenID != 0)) return 0;
+  int64_t prevRecordPos = 0;
+  if (!previousRecord(*slot, &prevRecordPos)) return 0;
+  if (!writeBlockRest(db, prevRecordPos, payload, size, std::max(size, reserve))) return 0;
+  if (prevRecordPos != 0 && !linkBehind(db, prevRecordPos, tableID, blockPos)) return 0;
+
+  // The slot is read afresh only to see that it is still one; what is written is the caller's. A
+  // packed table keeps its source's table-data positions that way.
+  if (!slotIsStillUsed(db, slotPos, slotSize)) return 0;
+  takeIn(slot, blockPos);
+  if (!rewriteSlot(db, slotPos, *slot)) return 0;
+  *newRecordPos = blockPos;
+  return 1;
+}
+
+namespace qvdbase {
+
+bool chainHeadMatchesCount(const tablePart1& slot) {
+  return (slot.firstRecordPos == 0) == (slot.recordCount == 0);
+}
+
+}  // namespace qvdbase

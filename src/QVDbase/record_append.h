@@ -1,0 +1,30 @@
+// Appending records.
+#pragma once
+
+#include <cstdint>
+
+#include "format/layout.h"
+
+// Appends a record to the table of the slot, under the identifier in `recordID` when useGivenID is
+// not 0, else under a new one that is stored there. On success *slot is the slot as now in the
+// file. Returns 1; 0 when recordID is null, when the slot's first position and count disagree, and
+// when internal_WriteOneRecordDataInEOF fails.
+int internal_AddOneRecordData(int16_t db, tablePart1* slot, const unsigned char* tableID,
+                              int64_t slotPos, uint16_t slotSize, const unsigned char* payload,
+                              uint32_t size, uint32_t reserve, unsigned char* recordID,
+                              uint16_t useGivenID);
+
+// Writes a record block at the end of the file, links it behind the slot's last record and rewrites
+// the slot. recordID may be null when useGivenID is 0. Returns 1 with the slot updated and the
+// block's position stored, or 0.
+int internal_WriteOneRecordDataInEOF(int16_t db, tablePart1* slot, const unsigned char* tableID,
+                                     unsigned char* recordID, int64_t slotPos, uint16_t slotSize,
+                                     const unsigned char* payload, uint32_t size, uint32_t reserve,
+                                     int64_t* newRecordPos, uint16_t useGivenID);
+
+namespace qvdbase {
+
+// Whether the slot's first position and its count agree on there being records.
+bool chainHeadMatchesCount(const tablePart1& slot);
+
+}  // namespace qvdbase

@@ -1,0 +1,88 @@
+// Record deletion: links the record's neighbours to each other, or moves the ends of the chain, and
+// rewrites the slot last. The record's own block is never written to.
+//
+// Whether a record is the first, the last or one between is decided by the slot. The neighbours are
+// read to see that they are records of this table; whether they point back is not asked.
+#include "QVDbase/record_delete.h"
+
+#include <qvdbase/qvdbase.h>
+
+#include "QVDbase/position.h"
+
+using namespace qvdbase;
+
+namespace {
+
+bool neighbourIsSound(int16_t db, int64_t recordPos, const tablePart1& slot) {
+  recordPart1 neighbour;
+  return readRecordHeaderAt(db, recordPos, slot.tableID, &neighbour);
+}
+
+bool unlinkOnly(tablePart1* slot) {
+  if (slot->recordCount != 1) return false;
+  slot->recordCount = 0;
+  slot->firstRecordPos = 0;
+  slot->lastWrittenRecordPos = 0;
+  slot->lastRecordPos = 0;
+  return true;
+}
+
+bool unlinkFirst(int16_t db, tablePart1* slot, const recordPart1& header) {
+  if (header.prevRecordPos != 0) return false;
+  const int64_t next = header.nextRecordPos;
+  if (next == 0) return unlinkOnly(slot);
+  if (!neighbourIsSound(db, next, *slot)) return false;
+  if (!writeLink(db, next, record::kPrevRecordPos, 0)) return false;
+  slot->firstRecordPos = next;
+  slot->lastWrittenRecordPos = next;
+  slot->recordCount -= 1;
+  return true;
+}
+
+bool unlinkLast(int16_t db, tablePart1* slot, const recordPart1& header) {
+  const int64_t previous = header.prevRecordPos;
+  if (previous == 0 || header.nextRecordPos != 0) return false;
+  if (!neighbourIsSound(db, previous, *slot)) return false;
+  if (!writeLink(db, previous, record::kNextRecordPos, 0)) return false;
+  slot->lastWrittenRecordPos = previous;
+  slot->lastRecordPos = previous;
+  slot->recordCount -= 1;
+  return true;
+}
+
+bool unlinkMiddle(int16_t db, tablePart1* slot, const recordPart1& header) {
+  const int64_t previous = header.prevRecordPos;
+  const int64_t next = header.nextRecordPos;
+  if (previous == 0 || next == 0) return false;
+  if (!neighbourIsSound(db, previous, *slot) || !neighbourIsSound(db, next, *slot)) return false;
+  if (!writeLink(db, previous, record::kNextRecordPos, next)) return false;
+  if (!writeLink(db, next, record::kPrevRecordPos, previous)) return false;
+  slot->lastWrittenRecordPos = next;
+  slot->recordCount -= 1;
+  return true;
+}
+
+bool unlinkFromChain(int16_t db, tablePart1* slot, const recordPart1& header, int64_t recordPos) {
+  if (slot->firstRecordPos == recordPos) return unlinkFirst(db, slot, header);
+  if (slot->lastRecordPos == recordPos) return unlinkLast(db, slot, header);
+  return unlinkMiddle(db, slot, header);
+}
+
+}  // namespace
+
+int DeleteOneRecord(int16_t db, uint64_t table, uint64_t record, int*) {
+  SavedPosition position(db);
+  FoundRecord found;
+  if (!findRecord(db, table, record, &found)) return position.restore(0);
+  return position.restore(unlinkRecord(db, &found) ? 1 : 0);
+}
+
+namespace qvdbase {
+
+bool unlinkRecord(int16_t db, FoundRecord* found) {
+  FoundTable& table = found->table;
+  return unlinkFromChain(db, &table.slot, found->header, found->recordPos) &&
+         rewriteSlot(db, table.slotPos, table.slot);
+}
+
+}  // namespace qvdbase

@@ -1,0 +1,106 @@
+// Record modification: in place while the payload fits the record's room, else by relocation.
+//
+// A relocation appends the new block first, then links predecessor and successor to it. The old
+// block is never written to: until the links are changed it is the record, and afterwards it is
+// dead space.
+#include "QVDbase/record_modify.h"
+
+#include <qvdbase/qvdbase.h>
+
+#include "QVDbase/position.h"
+#include "format/fields.h"
+#include "platform/clock.h"
+
+using namespace qvdbase;
+
+namespace {
+
+bool writeBlock(int16_t db, const unsigned char* tableID, const recordPart1& header,
+                const unsigned char* payload) {
+  return writeUint8(db, header.blockMark) && writeUint16(db, header.headerSize) &&
+         writeBytes(db, tableID, kIdentifierSize) &&
+         writeBytes(db, header.recordID, sizeof header.recordID) &&
+         writeUint32(db, header.createTime) && writeUint32(db, header.modifyTime) &&
+         writeInt64(db, header.prevRecordPos) && writeInt64(db, header.nextRecordPos) &&
+         writeUint32(db, header.dataLength) && writeUint32(db, header.dataCapacity) &&
+         writeBytes(db, payload, header.dataLength) && writeUint8(db, kBlockEndMark);
+}
+
+bool relinkPredecessor(int16_t db, FoundRecord* found, int64_t newRecordPos) {
+  FoundTable& table = found->table;
+  const int64_t prevRecordPos = found->header.prevRecordPos;
+  if (prevRecordPos == 0) {
+    table.slot.firstRecordPos = newRecordPos;
+    return rewriteSlot(db, table.slotPos, table.slot);
+  }
+  recordPart1 previous;
+  return readRecordHeaderAt(db, prevRecordPos, table.slot.tableID, &previous) &&
+         previous.nextRecordPos == found->recordPos &&
+         writeLink(db, prevRecordPos, record::kNextRecordPos, newRecordPos);
+}
+
+bool relinkSuccessor(int16_t db, FoundRecord* found, int64_t newRecordPos) {
+  FoundTable& table = found->table;
+  const int64_t nextRecordPos = found->header.nextRecordPos;
+  if (nextRecordPos == 0) {
+    table.slot.lastRecordPos = newRecordPos;
+    return rewriteSlot(db, table.slotPos, table.slot);
+  }
+  recordPart1 next;
+  return readRecordHeaderAt(db, nextRecordPos, table.slot.tableID, &next) &&
+         next.prevRecordPos == found->recordPos &&
+         writeLink(db, nextRecordPos, record::kPrevRecordPos, newRecordPos);
+}
+
+}  // namespace
+
+int ModifyRecordData(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
+                     uint64_t record, int*) {
+  if (size == 0 || payload == nullptr) return 0;
+  SavedPosition position(db);
+  FoundRecord found;
+  if (!findRecord(db, table, record, &found)) return position.restore(0);
+  if (size <= found.header.dataCapacity) {
+    // The one success that leaves the position where the write ended, just behind the payload.
+    if (overwriteRecord(db, found.recordPos, payload, size)) return position.leave(1);
+    return position.restore(0);
+  }
+  int64_t newRecordPos = 0;
+  return position.restore(relocateRecord(db, &found, payload, size, &newRecordPos) ? 1 : 0);
+}
+
+int internal_WriteOneRecordDataInEOF_Modify(int16_t db, const tablePart1* slot, recordPart1* header,
+                                            const unsigned char* payload, uint32_t size,
+                                            int64_t* newRecordPos) {
+  header->dataLength = size;
+  header->dataCapacity = size;  // a relocated record keeps no spare room
+  header->blockMark = kRecordMark;
+  header->headerSize = kRecordHeaderSize;
+  header->endMarkValue = kHeaderInMemoryEndMark;
+  if (myFileSeek(db, 0, kFromEnd) != 0) return 0;
+  if (newRecordPos != nullptr) *newRecordPos = myGetFilePos(db);
+  return writeBlock(db, slot->tableID, *header, payload) ? 1 : 0;
+}
+
+namespace qvdbase {
+
+bool overwriteRecord(int16_t db, int64_t recordPos, const unsigned char* payload, uint32_t size) {
+  constexpr int64_t kOverLinks = record::kDataLength - record::kPrevRecordPos;
+  constexpr int64_t kOverCapacity = record::kData - record::kDataCapacity;
+  return myFileSeek(db, recordPos + record::kModifyTime, kFromStart) == 0 &&
+         writeUint32(db, platform::secondsSinceEpoch()) &&
+         myFileSeek(db, kOverLinks, kFromCurrent) == 0 && writeUint32(db, size) &&
+         myFileSeek(db, kOverCapacity, kFromCurrent) == 0 && writeBytes(db, payload, size);
+}
+
+bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload, uint32_t size,
+                    int64_t* newRecordPos) {
+  found->header.modifyTime = platform::secondsSinceEpoch();
+  if (internal_WriteOneRecordDataInEOF_Modify(db, &found->table.slot, &found->header, payload, size,
+                                              newRecordPos) != 1) {
+    return false;
+  }
+  return relinkPredecessor(db, found, *newRecordPos) && relinkSuccessor(db, found, *newRecordPos);
+}
+
+}  // namespace qvdbase

@@ -1,0 +1,36 @@
+// Table data: the one block of free bytes that a table may carry.
+#pragma once
+
+#include <cstdint>
+
+#include "format/layout.h"
+
+// Stores data for the table of the slot: over its present block when that has room, else as a new
+// block. Returns 1; 0 when the present block is damaged (nothing is appended then) and when the
+// file cannot be read or written.
+int internal_SetOneTableData(int16_t db, tablePart1* slot, const unsigned char* tableID,
+                             int64_t slotPos, uint16_t slotSize, const unsigned char* data,
+                             uint32_t size, uint32_t reserve);
+
+// Writes a new table-data block at the end of the file and points the slot at slotPos to it. On
+// success the updated slot is copied to *slotOut, unless that is null. Returns 1 or 0.
+int internal_WriteOneTableLinkInEOF(int16_t db, const unsigned char* tableID, int64_t slotPos,
+                                    uint16_t slotSize, const unsigned char* data, uint32_t size,
+                                    uint32_t reserve, tablePart1* slotOut);
+
+namespace qvdbase {
+
+struct TableDataHeader {
+  uint32_t dataLength;
+  uint32_t dataCapacity;
+};
+
+// Seeks to a table-data block and checks mark, header size and owner; the file then stands at its
+// dataLength.
+[[nodiscard]] bool seekTableData(int16_t db, int64_t blockPos, const unsigned char* tableID);
+
+// seekTableData, then both lengths; the file then stands at the data.
+[[nodiscard]] bool readTableDataHeader(int16_t db, int64_t blockPos, const unsigned char* tableID,
+                                       TableDataHeader* header);
+
+}  // namespace qvdbase

@@ -1,0 +1,168 @@
+// The table directory: adding, finding, counting and listing tables.
+//
+// Slots are filled in order and never freed, so the slot of the next table is always the one behind
+// the last in use. AddTable writes that slot first and the count after it: a table that is not
+// counted yet is not there, and the next AddTable writes over it.
+#include "QVDbase/tables.h"
+
+#include <qvdbase/qvdbase.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "QVDbase/directory_cache.h"
+#include "QVDbase/position.h"
+#include "format/Aliment8.h"
+#include "format/fields.h"
+#include "format/identifiers.h"
+
+using qvdbase::DirectoryNumbers;
+using qvdbase::SavedPosition;
+
+namespace {
+
+std::size_t storedNameLength(const char* name) {
+  const char* end = name + qvdbase::kTableNameSize;
+  return static_cast<std::size_t>(std::find(name, end, '\0') - name);
+}
+
+tablePart1 newTableSlot(const char* name) {
+  tablePart1 slot;
+  std::memset(&slot, 0, sizeof slot);
+  slot.slotMark = qvdbase::kSlotMark;
+  slot.infoSize = qvdbase::kInfoSize;
+  GenerateUuID(slot.tableID);
+  std::memcpy(slot.tableName, name, storedNameLength(name));
+  slot.tableVersion = qvdbase::kNewTableVersion;
+  slot.dataInfoSize = qvdbase::kNewTableDataInfoSize;
+  slot.slotEndMark = qvdbase::kSlotEndMark;
+  return slot;
+}
+
+// Reads past the slots in use, which must be sound and must not have the name. The file then stands
+// at the slot that comes next.
+bool nameIsFree(int16_t db, const DirectoryNumbers& directory, const char* name) {
+  for (int i = 0; i < directory.tableCount; ++i) {
+    tablePart1 slot;
+    if (!qvdbase::readUsedSlot(db, directory.slotSize, &slot)) return false;
+    if (qvdbase::tableNameEquals(slot, name)) return false;
+  }
+  return true;
+}
+
+bool storeTableCount(int16_t db, int64_t directoryPos, int16_t tableCount) {
+  const int64_t countPos = directoryPos - qvdbase::kTableCountBeforeDirectory;
+  if (myFileSeek(db, countPos, kFromStart) != 0) return false;
+  if (!qvdbase::writeUint16(db, static_cast<uint16_t>(tableCount))) return false;
+  if (auto* entry = qvdbase::findDirectoryEntry(db)) entry->tableCount = tableCount;
+  return true;
+}
+
+uint64_t addTable(int16_t db, const char* name) {
+  DirectoryNumbers directory;
+  if (!qvdbase::readDirectoryNumbers(db, &directory)) return 0;
+  const int64_t directoryPos = myGetFilePos(db);
+  // The last slot stays free on purpose: a directory of 32 slots holds 31 tables.
+  if (directory.tableCount >= directory.slotCount - 1) return 0;
+  if (!nameIsFree(db, directory, name)) return 0;
+
+  const tablePart1 slot = newTableSlot(name);
+  if (WriteOne_TablePartOne(db, &slot) != 1) return 0;
+  const auto tableCount = static_cast<int16_t>(directory.tableCount + 1);
+  if (!storeTableCount(db, directoryPos, tableCount)) return 0;
+  return qvdbase::identifierNumber(slot.tableID);
+}
+
+// The slots in use, in order, up to the first for which wanted(slot, index) holds. Returns false
+// when there is none and when a slot before it is damaged.
+template <typename Wanted>
+bool findSlot(int16_t db, tablePart1* slot, Wanted wanted) {
+  DirectoryNumbers directory;
+  if (!qvdbase::readDirectoryNumbers(db, &directory)) return false;
+  for (int i = 0; i < directory.tableCount; ++i) {
+    if (!qvdbase::readUsedSlot(db, directory.slotSize, slot)) return false;
+    if (wanted(*slot, i)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+uint64_t AddTable(int16_t db, const char* name) {
+  if (name == nullptr || *name == '\0') return 0;
+  SavedPosition position(db);
+  return position.restore(addTable(db, name));
+}
+
+uint64_t FindTableByName(int16_t db, const char* name) {
+  if (name == nullptr || *name == '\0') return 0;
+  SavedPosition position(db);
+  tablePart1 slot;
+  const bool found = findSlot(db, &slot, [name](const tablePart1& candidate, int) {
+    return qvdbase::tableNameEquals(candidate, name);
+  });
+  return position.restore(found ? qvdbase::identifierNumber(slot.tableID) : uint64_t{0});
+}
+
+int GetNumberOfTable(int16_t db, int32_t* count) {
+  if (count == nullptr) return 0;
+  SavedPosition position(db);
+  DirectoryNumbers directory;
+  if (!qvdbase::readDirectoryNumbers(db, &directory)) return position.restore(0);
+  *count = directory.tableCount;
+  return position.restore(1);
+}
+
+uint64_t GetTableNameAndIDByIndex(int16_t db, int index, char* name) {
+  if (name == nullptr) return 0;
+  SavedPosition position(db);
+  tablePart1 slot;
+  const bool found = findSlot(db, &slot, [index](const tablePart1&, int i) { return i == index; });
+  if (!found) return position.restore(uint64_t{0});
+  const std::size_t length = storedNameLength(slot.tableName);
+  std::memcpy(name, slot.tableName, length);
+  name[length] = '\0';
+  return position.restore(qvdbase::identifierNumber(slot.tableID));
+}
+
+int internal_GetOneTableInfo(int16_t db, uint64_t table, int16_t tableCount, uint16_t slotSize,
+                             tablePart1* slot, int64_t* slotPos) {
+  if (slot == nullptr || slotPos == nullptr) return 0;
+  for (int i = 0; i < tableCount; ++i) {
+    *slotPos = myGetFilePos(db);
+    if (!qvdbase::readUsedSlot(db, slotSize, slot)) return 0;
+    if (qvdbase::identifierNumber(slot->tableID) == table) return 1;
+  }
+  return 0;
+}
+
+namespace qvdbase {
+
+bool findTable(int16_t db, uint64_t table, FoundTable* found) {
+  DirectoryNumbers directory;
+  if (!readDirectoryNumbers(db, &directory)) return false;
+  found->slotSize = directory.slotSize;
+  return internal_GetOneTableInfo(db, table, directory.tableCount, directory.slotSize, &found->slot,
+                                  &found->slotPos) == 1;
+}
+
+bool readUsedSlot(int16_t db, uint16_t slotSize, tablePart1* slot) {
+  return ReadOne_TablePartOne(db, slot, slotSize) == 1 && slotHoldsTable(*slot);
+}
+
+bool rewriteSlot(int16_t db, int64_t slotPos, const tablePart1& slot) {
+  return myFileSeek(db, slotPos, kFromStart) == 0 && WriteOne_TablePartOne(db, &slot) == 1;
+}
+
+bool slotIsStillUsed(int16_t db, int64_t slotPos, uint16_t slotSize) {
+  tablePart1 present;
+  return myFileSeek(db, slotPos, kFromStart) == 0 && readUsedSlot(db, slotSize, &present);
+}
+
+bool tableNameEquals(const tablePart1& slot, const char* name) {
+  const std::size_t stored = storedNameLength(slot.tableName);
+  // `name` is read only as far as it equals the stored one.
+  return std::strncmp(slot.tableName, name, stored) == 0 && name[stored] == '\0';
+}
+
+}  // namespace qvdbase

@@ -1,0 +1,42 @@
+// The table directory: finding the slot of a table.
+#pragma once
+
+#include <cstdint>
+
+#include "QVDbase/header.h"
+#include "format/layout.h"
+
+// Finds a table by its identifier among the first `tableCount` slots. The file must stand at the
+// first slot. Returns 1 with the slot and its position stored, the file just behind the slot;
+// returns 0 when an output is null, when a slot before the wanted one cannot be read or is damaged,
+// and when there is no such table. The position is not restored.
+int internal_GetOneTableInfo(int16_t db, uint64_t table, int16_t tableCount, uint16_t slotSize,
+                             tablePart1* slot, int64_t* slotPos);
+
+namespace qvdbase {
+
+// A table that was found: its slot as read, and what is needed to rewrite it in place.
+struct FoundTable {
+  tablePart1 slot;
+  int64_t slotPos;
+  uint16_t slotSize;
+};
+
+// Reads the directory and finds a table: how every operation on one table begins. The position is
+// not restored.
+[[nodiscard]] bool findTable(int16_t db, uint64_t table, FoundTable* found);
+
+// Reads the slot at the file's position; it must hold a table.
+[[nodiscard]] bool readUsedSlot(int16_t db, uint16_t slotSize, tablePart1* slot);
+
+// Seeks to slotPos and writes the slot there.
+[[nodiscard]] bool rewriteSlot(int16_t db, int64_t slotPos, const tablePart1& slot);
+
+// Whether the slot at slotPos can be read and holds a table. What it holds else does not matter
+// to the writers, which go on with the slot they have.
+[[nodiscard]] bool slotIsStillUsed(int16_t db, int64_t slotPos, uint16_t slotSize);
+
+// The stored name, which ends after 32 bytes at the latest, against a terminated one.
+bool tableNameEquals(const tablePart1& slot, const char* name);
+
+}  // namespace qvdbase
