@@ -60,6 +60,11 @@ void FakeHost::forget() {
   writes_.clear();
 }
 
+void FakeHost::releaseBlocks() {
+  for (void* block : blocks_) hostSystemCalls().release(block);
+  blocks_.clear();
+}
+
 bool FakeHost::failsNow(Call call) {
   ++counts_[call];
   const auto plan = plans_.find(call);
@@ -123,7 +128,13 @@ platform::SystemCalls FakeHost::table() {
   };
   calls.allocate = [](size_t size) -> void* {
     if (current().failsNow(Call::allocate)) return nullptr;
-    return hostSystemCalls().allocate(size);
+    void* block = hostSystemCalls().allocate(size);
+    if (block != nullptr) current().blocks_.insert(block);
+    return block;
+  };
+  calls.release = [](void* block) {
+    current().blocks_.erase(block);
+    hostSystemCalls().release(block);
   };
   return calls;
 }
