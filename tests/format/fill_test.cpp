@@ -63,7 +63,9 @@ TEST_F(Fill, FailsWhenItsBufferCannotBeHad) {
 }
 
 TEST_F(Fill, FailsOnAFileThatIsNotOpen) {
+  FakeHost host;
   EXPECT_EQ(internal_WriteEmptyDatas(0, 10), 0);
+  host.releaseBlocks();
 }
 
 }  // namespace
