@@ -37,6 +37,10 @@ bool CallScope::end() {
   return platform::endTransferScope(db_);
 }
 
+bool CallScope::completeWrites() {
+  return platform::flushTransfers();
+}
+
 SavedPosition::SavedPosition(int16_t db) : scope_(db), db_(db), position_(myGetFilePos(db)) {}
 
 }  // namespace qvdbase

@@ -35,6 +35,10 @@ class CallScope {
   // Ends the scope. Returns false when a write of the call could not be completed.
   [[nodiscard]] bool end();
 
+  // Completes all writes made so far, for what must not be done before they are: true when the
+  // operating system has them.
+  [[nodiscard]] static bool completeWrites();
+
  private:
   int16_t db_;
   bool ended_ = false;
@@ -42,7 +46,8 @@ class CallScope {
 
 // Keeps the position that a call found. Every way out of an exported operation goes through
 // restore, or, where the operation is known to leave the position behind, through leave. Both end
-// the call's scope and turn a success into a failure when its writes could not be completed.
+// the call's scope and turn a success into a failure when its writes could not be completed; such a
+// failure restores the position in either case.
 class SavedPosition {
  public:
   explicit SavedPosition(int16_t db);
@@ -53,17 +58,21 @@ class SavedPosition {
   template <typename Result>
   [[nodiscard]] Result restore(Result result) {
     const bool complete = scope_.end();
-    // A position of -1 is refused by the seek and so stays unrestored.
-    myFileSeek(db_, position_, kFromStart);
+    goBack();
     return complete ? result : Result{0};
   }
 
   template <typename Result>
   [[nodiscard]] Result leave(Result result) {
-    return scope_.end() ? result : Result{0};
+    if (scope_.end()) return result;
+    goBack();
+    return Result{0};
   }
 
  private:
+  // A position of -1 is refused by the seek and so stays unrestored.
+  void goBack() { myFileSeek(db_, position_, kFromStart); }
+
   CallScope scope_;
   int16_t db_;
   int64_t position_;
