@@ -54,6 +54,8 @@ bool storeTableCount(int16_t db, int64_t directoryPos, int16_t tableCount) {
   const int64_t countPos = directoryPos - qvdbase::kTableCountBeforeDirectory;
   if (myFileSeek(db, countPos, kFromStart) != 0) return false;
   if (!qvdbase::writeUint16(db, static_cast<uint16_t>(tableCount))) return false;
+  // The cache must not count a table that the file does not: a later AddTable would go behind it.
+  if (!qvdbase::CallScope::completeWrites()) return false;
   if (auto* entry = qvdbase::findDirectoryEntry(db)) entry->tableCount = tableCount;
   return true;
 }
