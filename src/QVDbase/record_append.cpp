@@ -69,12 +69,13 @@ bool linkBehind(int16_t db, int64_t prevRecordPos, const unsigned char* tableID,
   return writeLink(db, prevRecordPos, record::kNextRecordPos, newRecordPos);
 }
 
-void takeIn(tablePart1* slot, int64_t newRecordPos) {
-  if (slot->firstRecordPos == 0) slot->firstRecordPos = newRecordPos;
-  slot->lastWrittenRecordPos = newRecordPos;
-  slot->lastRecordPos = newRecordPos;
-  slot->recordCount += 1;
-  slot->recordWriteCount += 1;
+tablePart1 withRecord(tablePart1 slot, int64_t newRecordPos) {
+  if (slot.firstRecordPos == 0) slot.firstRecordPos = newRecordPos;
+  slot.lastWrittenRecordPos = newRecordPos;
+  slot.lastRecordPos = newRecordPos;
+  slot.recordCount += 1;
+  slot.recordWriteCount += 1;
+  return slot;
 }
 
 int addRecord(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
@@ -134,8 +135,9 @@ int internal_WriteOneRecordDataInEOF(int16_t db, tablePart1* slot, const unsigne
   // The slot is read afresh only to see that it is still one; what is written is the caller's. A
   // packed table keeps its source's table-data positions that way.
   if (!slotIsStillUsed(db, slotPos, slotSize)) return 0;
-  takeIn(slot, blockPos);
-  if (!rewriteSlot(db, slotPos, *slot)) return 0;
+  const tablePart1 updated = withRecord(*slot, blockPos);
+  if (!rewriteSlot(db, slotPos, updated)) return 0;
+  *slot = updated;
   *newRecordPos = blockPos;
   return 1;
 }
