@@ -162,8 +162,8 @@ TEST_F(SlotReader, SetsTheGroupSizesWhateverTheFileHolds) {
 
 TEST_F(SlotReader, DoesNotLookAtTheFiller) {
   Bytes bytes = distinctBytes();
-  for (const std::size_t filler : {1, 52, 53, 54, 55, 58, 59, 68, 71, 98, 99, 108, 111, 137, 143}) {
-    bytes[filler] = 0x11;
+  for (const int filler : {1, 52, 53, 54, 55, 58, 59, 68, 71, 98, 99, 108, 111, 137, 143}) {
+    bytes[static_cast<std::size_t>(filler)] = 0x11;
   }
   const std::int16_t f = file(bytes);
   tablePart1 slot = {};
