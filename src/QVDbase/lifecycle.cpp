@@ -60,7 +60,7 @@ int16_t CreateDBaseW(const QVWCHAR* path, const void* signature, int version) {
   if (path == nullptr || signature == nullptr) return 0;
   int16_t db = 0;
   if (QVFile().QVCreateAndOpenFile(path, kReadWriteOneWriter, &db, 0) != 1) return 0;
-  qvdbase::CallScope scope(db);
+  qvdbase::CallScope scope;
   // A file that cannot be completed stays as far as it was written, and open: no half-made database
   // is ever handed out, and nothing is deleted that might have been somebody's.
   if (!writeNewHeader(db, signature, static_cast<uint16_t>(version))) return 0;

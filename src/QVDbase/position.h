@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "platform/transfer.h"
+
 // Where a seek counts from.
 inline constexpr uint32_t kFromStart = 1;
 inline constexpr uint32_t kFromEnd = 2;
@@ -23,26 +25,13 @@ uint16_t SavedCallBack(int16_t db, QVProgressFunction callback, int a, int b, vo
 
 namespace qvdbase {
 
-// The length of one exported call on a database: inside, the platform layer may gather the call's
-// small transfers; at the end everything written must be with the operating system. Nests.
-class CallScope {
- public:
-  explicit CallScope(int16_t db);
-  ~CallScope();
-  CallScope(const CallScope&) = delete;
-  CallScope& operator=(const CallScope&) = delete;
+// The length of one exported call: inside, the platform layer may gather the call's small
+// transfers; at the end everything written must be with the operating system.
+using CallScope = platform::TransferScope;
 
-  // Ends the scope. Returns false when a write of the call could not be completed.
-  [[nodiscard]] bool end();
-
-  // Completes all writes made so far, for what must not be done before they are: true when the
-  // operating system has them.
-  [[nodiscard]] static bool completeWrites();
-
- private:
-  int16_t db_;
-  bool ended_ = false;
-};
+// Calls a function of the caller's from inside an operation. What the operation wrote is with the
+// operating system before, and what the function changes is seen after.
+uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context);
 
 // Keeps the position that a call found. Every way out of an exported operation goes through
 // restore, or, where the operation is known to leave the position behind, through leave. Both end

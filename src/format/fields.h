@@ -2,17 +2,59 @@
 //
 // Each function is one transfer at the file's current position, which moves on by the bytes
 // transferred. A transfer that is cut short is a failure.
+//
+// The readers stand in this header, so that the ten fields of a record header cost a walk along a
+// chain no more than ten comparisons and ten loads.
 #pragma once
 
+#include <qvdbase/qvdbase.h>
+
+#include <cstddef>
 #include <cstdint>
+#include <utility>
+
+#include "support/file_transfers.h"
 
 namespace qvdbase {
 
-[[nodiscard]] bool readBytes(int16_t file, void* bytes, uint32_t count);
-[[nodiscard]] bool readUint8(int16_t file, uint8_t* value);
-[[nodiscard]] bool readUint16(int16_t file, uint16_t* value);
-[[nodiscard]] bool readUint32(int16_t file, uint32_t* value);
-[[nodiscard]] bool readInt64(int16_t file, int64_t* value);
+namespace detail {
+
+// Composed in one expression, which compilers turn into a load and a byte swap.
+template <typename Unsigned, std::size_t... index>
+Unsigned composed(const unsigned char* bytes, std::index_sequence<index...>) {
+  return static_cast<Unsigned>(
+      ((static_cast<uint64_t>(bytes[index]) << 8 * (sizeof(Unsigned) - 1 - index)) | ...));
+}
+
+template <typename Unsigned>
+[[nodiscard]] inline bool readBigEndian(int16_t file, Unsigned* value) {
+  unsigned char bytes[sizeof(Unsigned)];
+  if (!readFile(file, bytes, sizeof bytes, &gbl_realReaden)) return false;
+  *value = composed<Unsigned>(bytes, std::make_index_sequence<sizeof(Unsigned)>());
+  return true;
+}
+
+}  // namespace detail
+
+[[nodiscard]] inline bool readBytes(int16_t file, void* bytes, uint32_t count) {
+  return readFile(file, bytes, count, &gbl_realReaden);
+}
+
+[[nodiscard]] inline bool readUint8(int16_t file, uint8_t* value) {
+  return readBytes(file, value, 1);
+}
+[[nodiscard]] inline bool readUint16(int16_t file, uint16_t* value) {
+  return detail::readBigEndian(file, value);
+}
+[[nodiscard]] inline bool readUint32(int16_t file, uint32_t* value) {
+  return detail::readBigEndian(file, value);
+}
+[[nodiscard]] inline bool readInt64(int16_t file, int64_t* value) {
+  uint64_t bits = 0;
+  if (!detail::readBigEndian(file, &bits)) return false;
+  *value = static_cast<int64_t>(bits);
+  return true;
+}
 
 [[nodiscard]] bool writeBytes(int16_t file, const void* bytes, uint32_t count);
 [[nodiscard]] bool writeUint8(int16_t file, uint8_t value);

@@ -62,6 +62,7 @@ bool closeFile(int16_t file) {
   OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return false;
   const OpenFile closing = *openFile;
+  forgetTransfers(closing.entry);
   *openFile = {};
   if (file < lowestCandidate) lowestCandidate = file;
   return leaveEntry(closing.entry, closing.sharing);

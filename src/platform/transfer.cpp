@@ -1,38 +1,105 @@
-// Reading and writing at a file's position: one system call for each transfer, more only when the
-// host moves fewer bytes than it was asked to.
+// Transfers at a position, and the scopes in which they are made cheap.
 #include "platform/transfer.h"
 
-#include <algorithm>
-#include <limits>
-
+#include "platform/gathered_writes.h"
+#include "platform/plain_transfer.h"
+#include "platform/read_windows.h"
 #include "platform/system_calls.h"
 
 namespace qvdbase::platform {
 namespace {
 
-// How many of `count` bytes may lie between `position` and `limit`.
-size_t bytesBelow(uint64_t limit, uint64_t position, size_t count) {
-  return position >= limit ? 0 : static_cast<size_t>(std::min<uint64_t>(count, limit - position));
+#if defined(QVDBASE_PLAIN_TRANSFERS)
+constexpr bool kGathers = false;
+#else
+constexpr bool kGathers = true;
+#endif
+
+// The innermost scope that is open; null outside, and while a caller's function runs.
+constinit TransferScope* currentScope = nullptr;
+
+// The process's limit on the length of files; a write that passes it would raise a signal that ends
+// the process. Asked once for each outermost scope.
+constinit uint64_t scopeSizeLimit = 0;
+constinit bool scopeSizeLimitKnown = false;
+
+uint64_t sizeLimitInScope() {
+  if (!scopeSizeLimitKnown) scopeSizeLimit = systemCalls().fileSizeLimit();
+  scopeSizeLimitKnown = true;
+  return scopeSizeLimit;
 }
 
-constexpr auto kLargestPosition = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+void serveFromNothing() {
+  detail::servedWindow = {};
+}
+
+// Nothing that was read or asked may be believed any longer.
+void forgetWhatWasRead() {
+  serveFromNothing();
+  dropAllWindows();
+  scopeSizeLimitKnown = false;
+}
 
 }  // namespace
 
-bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved) {
-  auto* bytes = static_cast<char*>(buffer);
-  const auto start = static_cast<uint64_t>(file.position);
-  const size_t wanted = bytesBelow(kLargestPosition, start, count);
-  size_t done = 0;
-  while (done < wanted) {
-    const ssize_t got = uninterrupted([&] {
-      return systemCalls().readAt(file.descriptor, bytes + done, wanted - done,
-                                  static_cast<off_t>(start + done));
-    });
-    if (got <= 0) break;
-    done += static_cast<size_t>(got);
+// Where a refused write is noted: in the scope in which it was made.
+struct ScopeAccess {
+  static bool failed() { return currentScope->failed_; }
+
+  static bool flush() {
+    if (flushGathered()) return true;
+    serveFromNothing();
+    dropAllWindows();  // they hold what the file does not
+    if (currentScope != nullptr) currentScope->failed_ = true;
+    return false;
   }
-  file.position = static_cast<int64_t>(start + done);
+};
+
+namespace {
+
+size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
+  if (isPending(file.entry, file.position, count) && !ScopeAccess::flush()) return 0;
+  const ReadWindow* window = nullptr;
+  const size_t done = readThroughWindows(file.entry, file.position, buffer, count, &window);
+  if (window == nullptr || isPending(file.entry)) {
+    serveFromNothing();
+  } else {
+    detail::servedWindow = {window->entry, window->start, window->length, window->bytes};
+  }
+  return done;
+}
+
+size_t writeInScope(const OpenFile& file, const void* buffer, size_t count) {
+  if (ScopeAccess::failed()) return 0;
+  serveFromNothing();
+  const size_t wanted = bytesBelow(sizeLimitInScope(), file.position, count);
+  if (!canGather(file.entry, file.position, wanted) && !ScopeAccess::flush()) return 0;
+  size_t done = wanted;
+  if (canGather(file.entry, file.position, wanted)) {
+    gatherWrite(file.entry, file.position, buffer, wanted);
+  } else {
+    done = writePlain(file.descriptor, file.position, buffer, wanted);
+  }
+  overwriteWindows(file.entry, file.position, buffer, done);
+  return done;
+}
+
+size_t writeOutsideScope(const OpenFile& file, const void* buffer, size_t count) {
+  const size_t wanted = bytesBelow(systemCalls().fileSizeLimit(), file.position, count);
+  return writePlain(file.descriptor, file.position, buffer, wanted);
+}
+
+}  // namespace
+
+constinit detail::ServedWindow detail::servedWindow = {};
+
+bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved) {
+  *moved = 0;
+  if (count == 0) return true;
+  const size_t done = currentScope != nullptr
+                          ? readInScope(file, buffer, count)
+                          : readPlain(file.descriptor, file.position, buffer, count);
+  file.position += static_cast<int64_t>(done);
   *moved = static_cast<uint32_t>(done);
   return done == count;
 }
@@ -41,40 +108,64 @@ bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_
   *moved = 0;
   if (!file.isWritable()) return false;
   if (count == 0) return true;
-  const auto* bytes = static_cast<const char*>(buffer);
-  const auto start = static_cast<uint64_t>(file.position);
-  // A write that passes the process's limit would raise a signal that ends it.
-  const uint64_t limit = std::min(kLargestPosition, systemCalls().fileSizeLimit());
-  const size_t wanted = bytesBelow(limit, start, count);
-  size_t done = 0;
-  while (done < wanted) {
-    const ssize_t put = uninterrupted([&] {
-      return systemCalls().writeAt(file.descriptor, bytes + done, wanted - done,
-                                   static_cast<off_t>(start + done));
-    });
-    if (put <= 0) break;
-    done += static_cast<size_t>(put);
-  }
-  file.position = static_cast<int64_t>(start + done);
+  const size_t done = currentScope != nullptr ? writeInScope(file, buffer, count)
+                                              : writeOutsideScope(file, buffer, count);
+  file.position += static_cast<int64_t>(done);
   *moved = static_cast<uint32_t>(done);
   return done == count;
 }
 
 bool fileLength(const OpenFile& file, int64_t* length) {
+  if (isPending(file.entry) && !ScopeAccess::flush()) return false;
   struct stat status = {};
   if (systemCalls().status(file.descriptor, &status) != 0) return false;
   *length = static_cast<int64_t>(status.st_size);
   return true;
 }
 
-void beginTransferScope(int16_t) {}
+// A scope within a scope starts afresh too: between the two, others may have written.
+TransferScope::TransferScope() : outer_(currentScope) {
+  flushTransfers();
+  if (kGathers) currentScope = this;
+}
 
-bool endTransferScope(int16_t) {
-  return true;
+TransferScope::~TransferScope() {
+  if (!ended_) static_cast<void>(end());
+}
+
+bool TransferScope::end() {
+  if (ended_) return !failed_;
+  ended_ = true;
+  ScopeAccess::flush();
+  if (kGathers) currentScope = outer_;
+  if (currentScope == nullptr) forgetWhatWasRead();
+  return !failed_;
+}
+
+bool TransferScope::completeWrites() {
+  return ScopeAccess::flush();
+}
+
+TransferPause::TransferPause() : paused_(currentScope) {
+  flushTransfers();
+  currentScope = nullptr;
+}
+
+TransferPause::~TransferPause() {
+  forgetWhatWasRead();
+  currentScope = paused_;
 }
 
 bool flushTransfers() {
-  return true;
+  const bool complete = ScopeAccess::flush();
+  forgetWhatWasRead();
+  return complete;
+}
+
+void forgetTransfers(const FileEntry* file) {
+  if (isPending(file)) ScopeAccess::flush();
+  serveFromNothing();
+  dropWindows(file);
 }
 
 }  // namespace qvdbase::platform

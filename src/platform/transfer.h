@@ -1,19 +1,57 @@
-// Reading and writing at a file's position.
+// Reading and writing at a file's position: the one place where small transfers are made cheap.
 //
-// All bytes that go between a file and the library pass here. A transfer scope spans one exported
-// call of the library: between its begin and its end the file is worked on by this call alone.
+// All bytes that go between a file and the library pass here. Outside a transfer scope each
+// transfer is a system call. A scope spans one exported call of the library; inside it reads are
+// served from windows and neighbouring writes are gathered, under these rules:
+//
+//   1. Writes reach the host in the order in which they were made.
+//   2. Gathered writes are handed over before anything could observe them: before a read of their
+//      bytes, before the file's length is asked, before a transfer on another file, before a
+//      caller's function is called, and at the end of the scope.
+//   3. Nothing that was read outlives the scope, or a call of a caller's function within it.
+//   4. A write that the host refuses makes the transfer that handed it over fail, or the end of the
+//      scope; every later write of the scope fails too, so that nothing is written behind a hole.
 #ifndef QVDBASE_PLATFORM_TRANSFER_H
 #define QVDBASE_PLATFORM_TRANSFER_H
 
 #include <cstdint>
+#include <cstring>
 
 #include "platform/open_files.h"
 
 namespace qvdbase::platform {
 
-// Reads `count` bytes at the position and moves it behind what was read. Stores the number of bytes
-// read. True when it is `count`; fewer come when the file ends or the host fails.
-bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved);
+namespace detail {
+
+// The bytes from which the next read can be served without further questions: the window used last,
+// while its file has no gathered writes. No entry outside a scope.
+struct ServedWindow {
+  const FileEntry* entry;
+  int64_t start;
+  uint64_t length;
+  const uint8_t* bytes;
+};
+extern ServedWindow servedWindow;
+
+bool readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved);
+
+}  // namespace detail
+
+// Reads `count` bytes at the position and moves it behind what was read. Stores the
+// number of bytes read. True when it is `count`; fewer come when the file ends or the host fails.
+inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved) {
+  const detail::ServedWindow& window = detail::servedWindow;
+  const uint64_t offset =
+      static_cast<uint64_t>(file.position) - static_cast<uint64_t>(window.start);
+  if (file.entry != window.entry || offset >= window.length || count > window.length - offset ||
+      count == 0) {
+    return detail::readElsewhere(file, buffer, count, moved);
+  }
+  std::memcpy(buffer, window.bytes + offset, count);
+  file.position += count;
+  *moved = count;
+  return true;
+}
 
 // Writes `count` bytes at the position and moves it behind what was written. Stores the number of
 // bytes written. True when it is `count`, and the file is open for writing.
@@ -22,13 +60,47 @@ bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_
 // Stores the file's length in bytes.
 bool fileLength(const OpenFile& file, int64_t* length);
 
-// Opens and ends a scope on a file; scopes may be nested. A number that is not in use is ignored.
-// The end returns true when everything that was written is with the operating system.
-void beginTransferScope(int16_t file);
-bool endTransferScope(int16_t file);
+// The length of one exported call. Scopes nest, the inner one ending first.
+class TransferScope {
+ public:
+  TransferScope();
+  ~TransferScope();
+  TransferScope(const TransferScope&) = delete;
+  TransferScope& operator=(const TransferScope&) = delete;
 
-// Hands everything that was written to the operating system. True when it has it all.
+  // Ends the scope. True when everything that was written in it is with the operating system.
+  [[nodiscard]] bool end();
+
+  // Hands over what was written so far, for what must not be done before it is with the operating
+  // system. True when that has it all.
+  [[nodiscard]] static bool completeWrites();
+
+ private:
+  friend struct ScopeAccess;
+  TransferScope* outer_;
+  bool failed_ = false;
+  bool ended_ = false;
+};
+
+// Steps out of the scopes that are open while a function of the caller's runs: what was written is
+// handed over first, and what was read is forgotten before and after.
+class TransferPause {
+ public:
+  TransferPause();
+  ~TransferPause();
+  TransferPause(const TransferPause&) = delete;
+  TransferPause& operator=(const TransferPause&) = delete;
+
+ private:
+  TransferScope* paused_;
+};
+
+// Hands everything that was written to the operating system and forgets what was read. True when
+// the operating system has it all.
 bool flushTransfers();
+
+// To be told before a file's last descriptor goes.
+void forgetTransfers(const FileEntry* file);
 
 }  // namespace qvdbase::platform
 

@@ -11,6 +11,7 @@
 #include "platform/open_files.h"
 #include "platform/transfer.h"
 #include "platform/utf8_names.h"
+#include "support/file_transfers.h"
 
 namespace platform = qvdbase::platform;
 
@@ -196,19 +197,22 @@ int QVFile::QVDeleteFile(const QVWCHAR* path) {
 }
 
 int QVFile::QVReadFile(int16_t file, void* buffer, uint32_t count, uint32_t* actualCount) {
-  platform::OpenFile* openFile = platform::findOpenFile(file);
-  if (openFile == nullptr || (buffer == nullptr && count != 0)) return 0;
+  if (platform::findOpenFile(file) == nullptr) return 0;
   uint32_t unused = 0;
   uint32_t* moved = actualCount != nullptr ? actualCount : &unused;
-  return platform::readAtPosition(*openFile, buffer, count, moved) ? 1 : 0;
+  if (count == 0) {
+    *moved = 0;
+    return 1;
+  }
+  if (buffer == nullptr) return 0;
+  return qvdbase::readFile(file, buffer, count, moved) ? 1 : 0;
 }
 
 int QVFile::QVWriteFile(int16_t file, const void* buffer, uint32_t count, uint32_t* actualCount) {
-  platform::OpenFile* openFile = platform::findOpenFile(file);
-  if (openFile == nullptr || (buffer == nullptr && count != 0)) return 0;
+  if (platform::findOpenFile(file) == nullptr || (buffer == nullptr && count != 0)) return 0;
   uint32_t unused = 0;
   uint32_t* moved = actualCount != nullptr ? actualCount : &unused;
-  return platform::writeAtPosition(*openFile, buffer, count, moved) ? 1 : 0;
+  return qvdbase::writeFile(file, buffer, count, moved) ? 1 : 0;
 }
 
 int QVFile::QVSeekFile(int16_t file, uint16_t mode, int64_t offset) {
