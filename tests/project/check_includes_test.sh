@@ -26,7 +26,8 @@ freshTree() {
   plant src/QVDbase/header.cpp '#include "QVDbase/position.h"'
   plant src/exports/short_names.cpp '#include <qvdbase/qvdbase.h>'
   plant src/qvdb/database.cpp '#include <qvdbase/qvdb.hpp>'
-  plant include/qvdbase/qvdb.hpp '#include <qvdbase/base.h>'
+  plant include/qvdbase/qvdb.hpp '#include <qvdbase/qvdb/error.hpp>'
+  plant include/qvdbase/qvdb/error.hpp '#include <qvdbase/base.h>'
   plant tools/qvdb/main.cpp '#include <qvdbase/qvdb.hpp>'
 }
 
@@ -60,6 +61,8 @@ refuses src/support/host.cpp '#include <sys/stat.h>'
 refuses include/qvdbase/inner.h '#include "format/layout.h"'
 refuses include/qvdbase/inner.h '#include <platform/files.h>'
 refuses include/qvdbase/upper.h '#include <qvdbase/qvdb.hpp>'
+refuses include/qvdbase/upper.h '#include <qvdbase/qvdb/error.hpp>'
+refuses src/maintenance/upper.cpp '#include <qvdbase/qvdb/error.hpp>'
 refuses tools/qvdb/inner.cpp '#include "QVDbase/header.h"'
 
 exit "$failures"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every public header compiles without warnings: on its own, twice, and before and behind all of the
+# Every public header compiles without warnings: on its own, twice, and before and behind each of the
 # others. The headers for C do so as C11 and as C++20, the others as C++20.
 #
 # Usage: headers_test.sh INCLUDE-FOLDER CC CXX
@@ -12,14 +12,13 @@ failures=0
 
 all=()
 both=()
-for path in "$include"/qvdbase/*; do
-  header=qvdbase/$(basename -- "$path")
+while IFS= read -r header; do
   all+=("$header")
   case $header in
     *.hpp | */caches.h | */QVFile.h | */QVList.h | */QVWString.h) ;; # C++ only
     *) both+=("$header") ;;
   esac
-done
+done < <(cd -- "$include" && find qvdbase -type f | sort)
 [ ${#both[@]} -gt 0 ] || { echo "no headers in $include"; exit 1; }
 
 # compiles LANGUAGE HEADER...: a file that includes these headers, in this order, and nothing else.
@@ -35,24 +34,23 @@ compiles() {
   if ! "${compiler[@]}" -Wall -Wextra -pedantic -Werror -fsyntax-only -I "$include" "$source"; then
     echo "as $language: $*"
     failures=$((failures + 1))
+    [ "$failures" -lt 3 ] || exit 1
   fi
 }
 
-# orders LANGUAGE HEADER...: each header alone and doubled, and first with all others behind it, the
-# others once in forward and once in backward order. So each stands before and behind each other.
+# orders LANGUAGE HEADER...: each header alone, then all in this order, each twice, and all in the
+# opposite order. So each stands before and behind each other.
 orders() {
-  local language=$1 first other
+  local language=$1 header
   shift
-  for first in "$@"; do
-    local forward=("$first" "$first") backward=("$first")
-    for other in "$@"; do
-      [ "$other" = "$first" ] || forward+=("$other")
-      [ "$other" = "$first" ] || backward=("$first" "$other" "${backward[@]:1}")
-    done
-    compiles "$language" "$first"
-    compiles "$language" "${forward[@]}"
-    compiles "$language" "${backward[@]}"
+  local forward=() backward=()
+  for header in "$@"; do
+    compiles "$language" "$header"
+    forward+=("$header" "$header")
+    backward=("$header" ${backward[@]+"${backward[@]}"})
   done
+  compiles "$language" "${forward[@]}"
+  compiles "$language" "${backward[@]}"
 }
 
 orders c "${both[@]}"
