@@ -1,0 +1,10 @@
+# Random sequences come from RapidCheck. Its package has a CMake file in some distributions only.
+find_package(rapidcheck CONFIG QUIET)
+if(TARGET rapidcheck)
+  target_link_libraries(model_tests PRIVATE rapidcheck)
+else()
+  find_path(RAPIDCHECK_INCLUDE_DIR rapidcheck.h REQUIRED)
+  find_library(RAPIDCHECK_LIBRARY rapidcheck REQUIRED)
+  target_include_directories(model_tests SYSTEM PRIVATE ${RAPIDCHECK_INCLUDE_DIR})
+  target_link_libraries(model_tests PRIVATE ${RAPIDCHECK_LIBRARY})
+endif()
