@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
 
 #include "platform/plain_transfer.h"
@@ -75,6 +76,11 @@ void fill(ReadWindow& window, const FileEntry* file, size_t needed) {
 }
 
 }  // namespace
+
+bool windowsHold(const FileEntry* file, int64_t position, size_t count) {
+  return std::any_of(std::begin(windows), std::end(windows),
+                     [&](const ReadWindow& window) { return window.holds(file, position, count); });
+}
 
 size_t readThroughWindows(const FileEntry* file, int64_t position, void* buffer, size_t count,
                           const ReadWindow** served) {

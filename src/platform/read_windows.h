@@ -33,6 +33,9 @@ struct ReadWindow {
   }
 };
 
+// Whether a window holds all of a read.
+bool windowsHold(const FileEntry* file, int64_t position, size_t count);
+
 // Serves a read from the windows, filling one if need be. Stores the window that served it, or null
 // when the read was too large for one and went past them. Returns the number of bytes read, fewer
 // than `count` when the file ends or the host fails.

@@ -58,7 +58,10 @@ struct ScopeAccess {
 namespace {
 
 size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
-  if (isPending(file.entry, file.position, count) && !ScopeAccess::flush()) return 0;
+  // A window must not be filled with what gathered writes are about to change.
+  const bool mustFlush = isPending(file.entry, file.position, count) ||
+                         (isPending(file.entry) && !windowsHold(file.entry, file.position, count));
+  if (mustFlush && !ScopeAccess::flush()) return 0;
   const ReadWindow* window = nullptr;
   const size_t done = readThroughWindows(file.entry, file.position, buffer, count, &window);
   if (window == nullptr || isPending(file.entry)) {

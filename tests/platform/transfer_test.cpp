@@ -1,0 +1,374 @@
+// Transfer scopes: what is gathered and served from memory inside one call, and what nobody may
+// notice of it.
+#include "platform/transfer.h"
+
+#include <gtest/gtest.h>
+#include <qvdbase/QVFile.h>
+
+#include <random>
+
+#include "support/bytes.h"
+#include "support/recorded_calls.h"
+#include "support/temp_folder.h"
+
+namespace qvdbase::test {
+namespace {
+
+using platform::TransferPause;
+using platform::TransferScope;
+
+#if defined(QVDBASE_PLAIN_TRANSFERS)
+constexpr bool kGathers = false;
+#else
+constexpr bool kGathers = true;
+#endif
+
+Bytes patterned(std::size_t size) {
+  Bytes bytes(size);
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
+  return bytes;
+}
+
+class Transfers : public ::testing::Test {
+ protected:
+  int16_t open(const char* name, const Bytes& content) {
+    writeFile(folder / name, content);
+    int16_t file = 0;
+    EXPECT_EQ(QVFile().QVOpenFile(folder.wide(name), 4, &file), 1);
+    files_.push_back(file);
+    return file;
+  }
+
+  void TearDown() override {
+    for (int16_t file : files_) QVFile().QVCloseFile(file);
+  }
+
+  static bool seek(int16_t file, int64_t position) {
+    return QVFile().QVSeekFile(file, 1, position) == 1;
+  }
+  static bool write(int16_t file, const std::string& text) {
+    uint32_t moved = 0;
+    return QVFile().QVWriteFile(file, text.data(), static_cast<uint32_t>(text.size()), &moved) == 1;
+  }
+  static bool writeAt(int16_t file, int64_t position, const std::string& text) {
+    return seek(file, position) && write(file, text);
+  }
+  // The bytes that could be read; fewer than asked for when the read failed.
+  static std::string readAt(int16_t file, int64_t position, uint32_t count) {
+    std::string text(count, '?');
+    uint32_t moved = 0;
+    EXPECT_TRUE(seek(file, position));
+    QVFile().QVReadFile(file, text.data(), count, &moved);
+    text.resize(moved);
+    return text;
+  }
+
+  TempFolder folder;
+  std::vector<int16_t> files_;
+};
+
+TEST_F(Transfers, OutsideAScopeEachIsASystemCall) {
+  const int16_t file = open("f", patterned(100));
+  RecordedCalls host;
+  EXPECT_TRUE(writeAt(file, 0, "ab"));
+  EXPECT_TRUE(write(file, "cd"));
+  EXPECT_EQ(readAt(file, 0, 1), "a");
+  EXPECT_EQ(readAt(file, 1, 1), "b");
+  EXPECT_EQ(host.count(Call::write), 2);
+  EXPECT_EQ(host.count(Call::read), 2);
+}
+
+TEST_F(Transfers, InsideAScopeNeighbouringWritesAreOneSystemCall) {
+  if (!kGathers) GTEST_SKIP();
+  const int16_t file = open("f", patterned(100));
+  RecordedCalls host;
+  TransferScope scope;
+  EXPECT_TRUE(writeAt(file, 10, "ab"));
+  EXPECT_TRUE(write(file, "cd"));
+  EXPECT_TRUE(write(file, "ef"));
+  EXPECT_EQ(host.count(Call::write), 0);
+  EXPECT_TRUE(scope.end());
+  ASSERT_EQ(host.writes().size(), 1u);
+  EXPECT_EQ(host.writes()[0].position, 10);
+  EXPECT_EQ(host.writes()[0].bytes.str(), "abcdef");
+}
+
+TEST_F(Transfers, InsideAScopeNeighbouringReadsAreOneSystemCall) {
+  if (!kGathers) GTEST_SKIP();
+  const int16_t file = open("f", patterned(100));
+  RecordedCalls host;
+  TransferScope scope;
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(readAt(file, i, 1),
+              std::string(1, static_cast<char>(patterned(100)[std::size_t(i)])));
+  }
+  EXPECT_EQ(host.count(Call::read), 1);
+}
+
+TEST_F(Transfers, WritesReachTheFileInTheOrderInWhichTheyWereMade) {
+  const int16_t file = open("f", patterned(100));
+  RecordedCalls host;
+  TransferScope scope;
+  EXPECT_TRUE(writeAt(file, 50, "block"));
+  EXPECT_TRUE(writeAt(file, 20, "link"));
+  EXPECT_TRUE(writeAt(file, 24, "slot"));
+  EXPECT_TRUE(writeAt(file, 20, "LINK"));
+  EXPECT_TRUE(scope.end());
+  const auto log = ranges(host.writes());
+  ASSERT_EQ(log.size(), 3u);
+  EXPECT_EQ(log[0].bytes.str(), "block");
+  EXPECT_EQ(log[1].bytes.str(), "linkslot");
+  EXPECT_EQ(log[2].bytes.str(), "LINK");
+}
+
+TEST_F(Transfers, WritesReachSeveralFilesInTheOrderInWhichTheyWereMade) {
+  RecordedCalls host;
+  const int16_t one = open("one", patterned(10));
+  const int16_t two = open("two", patterned(10));
+  TransferScope scope;
+  EXPECT_TRUE(writeAt(one, 0, "a"));
+  EXPECT_TRUE(writeAt(two, 0, "b"));
+  EXPECT_TRUE(writeAt(one, 1, "c"));
+  EXPECT_TRUE(scope.end());
+  ASSERT_EQ(host.writes().size(), 3u);
+  EXPECT_EQ(host.writes()[0].file, "one");
+  EXPECT_EQ(host.writes()[1].file, "two");
+  EXPECT_EQ(host.writes()[2].file, "one");
+}
+
+TEST_F(Transfers, WhatWasWrittenIsReadBackAndWithTheSystemByThen) {
+  const int16_t file = open("f", patterned(100));
+  RecordedCalls host;
+  TransferScope scope;
+  EXPECT_EQ(readAt(file, 0, 1).size(), 1u);
+  EXPECT_TRUE(writeAt(file, 10, "new"));
+  EXPECT_EQ(readAt(file, 11, 2), "ew");
+  EXPECT_EQ(host.count(Call::write), 1);
+  EXPECT_EQ(readAt(file, 9, 5).substr(1, 3), "new");
+}
+
+TEST_F(Transfers, ALengthThatIsAskedCountsWhatWasWritten) {
+  const int16_t file = open("f", patterned(100));
+  TransferScope scope;
+  EXPECT_TRUE(writeAt(file, 100, "tail"));
+  int64_t position = 0;
+  EXPECT_EQ(QVFile().QVSeekFile(file, 2, 0), 1);
+  EXPECT_EQ(QVFile().QVGetFilePos(file, &position), 1);
+  EXPECT_EQ(position, 104);
+}
+
+TEST_F(Transfers, WhatOthersWriteBetweenTwoScopesIsSeen) {
+  const int16_t file = open("f", patterned(100));
+  {
+    TransferScope scope;
+    EXPECT_EQ(readAt(file, 0, 100).size(), 100u);
+  }
+  writeFile(folder / "f", Bytes(100, 0x55));
+  TransferScope scope;
+  EXPECT_EQ(readAt(file, 0, 1), "\x55");
+}
+
+TEST_F(Transfers, AFileCutShortBetweenTwoScopesMakesReadsFail) {
+  const int16_t file = open("f", patterned(100));
+  {
+    TransferScope scope;
+    EXPECT_EQ(readAt(file, 0, 100).size(), 100u);
+  }
+  std::filesystem::resize_file(folder / "f", 50);
+  TransferScope scope;
+  EXPECT_EQ(readAt(file, 48, 4).size(), 2u);
+  EXPECT_EQ(readAt(file, 60, 4).size(), 0u);
+}
+
+TEST_F(Transfers, APauseHandsOverWhatWasWrittenAndForgetsWhatWasRead) {
+  const int16_t file = open("f", patterned(100));
+  TransferScope scope;
+  EXPECT_EQ(readAt(file, 50, 10).size(), 10u);
+  EXPECT_TRUE(writeAt(file, 0, "mine"));
+  {
+    TransferPause pause;
+    EXPECT_EQ(readFile(folder / "f").str().substr(0, 4), "mine");
+    writeFile(folder / "f", Bytes(100, 0x55));
+    EXPECT_EQ(readAt(file, 50, 1), "\x55");
+    writeFile(folder / "f", Bytes(100, 0x66));
+    EXPECT_EQ(readAt(file, 50, 1), "\x66");
+  }
+  EXPECT_EQ(readAt(file, 50, 1), "\x66");
+  EXPECT_TRUE(scope.end());
+}
+
+TEST_F(Transfers, AnInnerScopeSeesAndHandsOverLikeACallOfItsOwn) {
+  const int16_t file = open("f", patterned(100));
+  TransferScope outer;
+  EXPECT_EQ(readAt(file, 50, 10).size(), 10u);
+  EXPECT_TRUE(writeAt(file, 0, "outer"));
+  {
+    TransferScope inner;
+    EXPECT_EQ(readFile(folder / "f").str().substr(0, 5), "outer");
+    EXPECT_TRUE(writeAt(file, 50, "inner"));
+    EXPECT_TRUE(inner.end());
+    EXPECT_EQ(readFile(folder / "f").str().substr(50, 5), "inner");
+  }
+  EXPECT_EQ(readAt(file, 50, 5), "inner");
+}
+
+TEST_F(Transfers, ARefusedWriteFailsWhereItIsHandedOverAndAtTheEnd) {
+  if (!kGathers) GTEST_SKIP();
+  const Bytes before = patterned(100);
+  const int16_t file = open("f", before);
+  RecordedCalls host;
+  host.failOnce(Call::write);
+  TransferScope scope;
+  EXPECT_EQ(readAt(file, 0, 100).size(), 100u);
+  EXPECT_TRUE(writeAt(file, 10, "lost"));
+  EXPECT_FALSE(writeAt(file, 50, "behind"));  // hands the first one over
+  EXPECT_FALSE(write(file, "later"));         // though the host would take it now
+  EXPECT_EQ(readAt(file, 10, 4), before.str().substr(10, 4));
+  EXPECT_FALSE(scope.end());
+  EXPECT_TRUE(sameBytes(readFile(folder / "f"), before));
+}
+
+TEST_F(Transfers, AWriteRefusedAtTheEndOfAScopeFailsTheScope) {
+  if (!kGathers) GTEST_SKIP();
+  const int16_t file = open("f", patterned(10));
+  RecordedCalls host;
+  host.failOnce(Call::write);
+  TransferScope scope;
+  EXPECT_TRUE(writeAt(file, 0, "lost"));
+  EXPECT_FALSE(scope.end());
+}
+
+TEST_F(Transfers, AReadThatNeedsARefusedWriteFails) {
+  if (!kGathers) GTEST_SKIP();
+  const int16_t file = open("f", patterned(10));
+  RecordedCalls host;
+  host.failOnce(Call::write);
+  TransferScope scope;
+  EXPECT_TRUE(writeAt(file, 0, "lost"));
+  EXPECT_EQ(readAt(file, 2, 1), "");
+  EXPECT_FALSE(scope.end());
+}
+
+TEST_F(Transfers, ALengthThatNeedsARefusedWriteIsNotTold) {
+  if (!kGathers) GTEST_SKIP();
+  const int16_t file = open("f", patterned(10));
+  RecordedCalls host;
+  host.failOnce(Call::write);
+  TransferScope scope;
+  EXPECT_TRUE(writeAt(file, 10, "lost"));
+  EXPECT_EQ(QVFile().QVSeekFile(file, 2, 0), 0);
+  EXPECT_FALSE(scope.end());
+}
+
+TEST_F(Transfers, AFailureOfAnOuterScopeDoesNotFailTheInnerOne) {
+  if (!kGathers) GTEST_SKIP();
+  const int16_t file = open("f", patterned(10));
+  RecordedCalls host;
+  host.failOnce(Call::write);
+  TransferScope outer;
+  EXPECT_TRUE(writeAt(file, 0, "lost"));
+  TransferScope inner;
+  EXPECT_TRUE(writeAt(file, 5, "kept"));
+  EXPECT_TRUE(inner.end());
+  EXPECT_FALSE(outer.end());
+  EXPECT_EQ(readFile(folder / "f").str().substr(5, 4), "kept");
+}
+
+TEST_F(Transfers, AFileClosedInsideAScopeHasItsWrites) {
+  const int16_t file = open("f", patterned(10));
+  TransferScope scope;
+  EXPECT_TRUE(writeAt(file, 0, "last"));
+  EXPECT_EQ(QVFile().QVCloseFile(file), 1);
+  EXPECT_EQ(readFile(folder / "f").str().substr(0, 4), "last");
+  EXPECT_TRUE(scope.end());
+}
+
+TEST_F(Transfers, AFailingReadFailsAndMovesNothing) {
+  const int16_t file = open("f", patterned(10));
+  RecordedCalls host;
+  host.failOnce(Call::read);
+  TransferScope scope;
+  EXPECT_EQ(readAt(file, 3, 2), "");
+  int64_t position = 0;
+  QVFile().QVGetFilePos(file, &position);
+  EXPECT_EQ(position, 3);
+  EXPECT_EQ(readAt(file, 3, 2).size(), 2u);
+}
+
+TEST_F(Transfers, ACutReadIsGoneOnWith) {
+  const int16_t file = open("f", patterned(100));
+  RecordedCalls host;
+  host.cutOnce(Call::read, exactly(3));
+  TransferScope scope;
+  EXPECT_EQ(readAt(file, 10, 50), patterned(100).str().substr(10, 50));
+}
+
+TEST_F(Transfers, AWriteStopsAtTheProcessesLimit) {
+  const int16_t file = open("f", patterned(10));
+  RecordedCalls host;
+  host.setFileSizeLimit(14);
+  TransferScope scope;
+  uint32_t moved = 0;
+  ASSERT_TRUE(seek(file, 10));
+  EXPECT_EQ(QVFile().QVWriteFile(file, "beyond", 6, &moved), 0);
+  EXPECT_EQ(moved, 4u);
+  static_cast<void>(scope.end());
+  EXPECT_EQ(readFile(folder / "f").str().substr(10), "beyo");
+}
+
+TEST_F(Transfers, AtTheLargestPositionNothingIsReadAndNothingWraps) {
+  const int16_t file = open("f", patterned(10));
+  TransferScope scope;
+  for (int64_t back : {0, 1, 100, 200000}) {
+    EXPECT_EQ(readAt(file, INT64_MAX - back, 20), "");
+  }
+  EXPECT_FALSE(writeAt(file, INT64_MAX - 2, "abcd"));
+}
+
+// Small and large transfers at random places, forwards, backwards and across the end, against the
+// same on an array of bytes.
+TEST_F(Transfers, InAScopeAreWhatTheyAreWithoutOne) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&](std::size_t limit) { return random() % limit; };
+  Bytes model = patterned(300000);
+  const int16_t file = open("f", model);
+  std::size_t place = 0;
+  for (int round = 0; round < 20; ++round) {
+    TransferScope scope;
+    for (int step = 0; step < 200; ++step) {
+      const std::size_t count = below(20) == 0 ? below(200000) : 1 + below(200);
+      switch (below(4)) {
+        case 0:
+          place = below(model.size() + 1000);
+          break;
+        case 1:
+          place = place > count ? place - count : 0;
+          break;
+        default:
+          break;
+      }
+      if (below(3) != 0) {
+        const std::size_t end = std::min(place + count, model.size());
+        const std::string expected =
+            place < end ? std::string(model.begin() + static_cast<std::ptrdiff_t>(place),
+                                      model.begin() + static_cast<std::ptrdiff_t>(end))
+                        : std::string();
+        ASSERT_EQ(readAt(file, static_cast<int64_t>(place), static_cast<uint32_t>(count)),
+                  expected);
+      } else {
+        const std::string text(count, static_cast<char>(random()));
+        ASSERT_TRUE(writeAt(file, static_cast<int64_t>(place), text));
+        if (model.size() < place + count) model.resize(place + count);
+        std::copy(text.begin(), text.end(), model.begin() + static_cast<std::ptrdiff_t>(place));
+      }
+      place = std::min(place + count, model.size() + 500);
+    }
+    ASSERT_TRUE(scope.end());
+    ASSERT_TRUE(sameBytes(readFile(folder / "f"), model));
+  }
+}
+
+}  // namespace
+}  // namespace qvdbase::test
