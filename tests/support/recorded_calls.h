@@ -191,6 +191,9 @@ class RecordedCalls {
   std::size_t openDescriptors() const { return opened_.size(); }
   // Gives the blocks back in the library's place, where it is known to leave one behind.
   void releaseBlocks();
+  // The same for a test that does not know which of the blocks are still in use: they stay, but no
+  // leak checker complains of them.
+  void excuseBlocks() const;
 
  private:
   struct Plan {
