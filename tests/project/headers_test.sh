@@ -31,7 +31,8 @@ compiles() {
   echo 'extern int something;' >>"$source"
   local compiler=("$cc" -std=c11)
   [ "$language" = c ] || compiler=("$cxx" -std=c++20)
-  if ! "${compiler[@]}" -Wall -Wextra -pedantic -Werror -fsyntax-only -I "$include" "$source"; then
+  if ! "${compiler[@]}" -Wall -Wextra -pedantic -Werror -I "$include" \
+    -c "$source" -o "$scratch/object"; then
     echo "as $language: $*"
     failures=$((failures + 1))
     [ "$failures" -lt 3 ] || exit 1
