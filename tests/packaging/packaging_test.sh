@@ -43,7 +43,7 @@ if [ -e "$prefix/bin/qvdb" ]; then
 fi
 
 note "CMake, C and C++"
-cmake -S "$here/consumer" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -G Ninja -S "$here/consumer" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" >"$scratch/log" || { cat "$scratch/log"; exit 1; }
 cmake --build "$scratch/cmake"
 for program in c_qvdbase c_qvdbase_static cxx_qvdbase cxx_qvdbase_static; do
@@ -51,7 +51,7 @@ for program in c_qvdbase c_qvdbase_static cxx_qvdbase cxx_qvdbase_static; do
 done
 
 note "CMake, a project that knows no C++"
-cmake -S "$here/consumer" -B "$scratch/cmake_c" -DCMAKE_PREFIX_PATH="$prefix" -DWITH_CXX=OFF \
+cmake -G Ninja -S "$here/consumer" -B "$scratch/cmake_c" -DCMAKE_PREFIX_PATH="$prefix" -DWITH_CXX=OFF \
   -DCMAKE_C_COMPILER="$cc" >"$scratch/log" || { cat "$scratch/log"; exit 1; }
 cmake --build "$scratch/cmake_c"
 for program in c_qvdbase c_qvdbase_static; do
