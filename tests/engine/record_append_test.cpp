@@ -497,12 +497,12 @@ TEST_F(RecordAppendInside, HandsBackTheUpdatedSlotAndThePosition) {
   const std::int16_t db = start();
   ASSERT_EQ(append(db, nullptr, 0), 1);
   EXPECT_EQ(newRecordPos, image.end());
-  EXPECT_EQ(slotInMemory.lastRecordPos, newRecordPos);
-  EXPECT_EQ(slotInMemory.lastWrittenRecordPos, newRecordPos);
-  EXPECT_EQ(slotInMemory.firstRecordPos, a);
+  EXPECT_EQ(std::int64_t{slotInMemory.lastRecordPos}, newRecordPos);
+  EXPECT_EQ(std::int64_t{slotInMemory.lastWrittenRecordPos}, newRecordPos);
+  EXPECT_EQ(std::int64_t{slotInMemory.firstRecordPos}, a);
   EXPECT_EQ(slotInMemory.recordCount, 4u);
   EXPECT_EQ(slotInMemory.recordWriteCount, 4u);
-  EXPECT_EQ(slotInMemory.firstDataPos, 0x123456);
+  EXPECT_EQ(std::int64_t{slotInMemory.firstDataPos}, 0x123456);
 }
 
 TEST_F(RecordAppendInside, LinksTheBlockButCountsItNotWhenTheSlotHasLostAMark) {
@@ -531,7 +531,7 @@ TEST_F(RecordAppendInside, LeavesTheCallersSlotAloneWhenItCannotBeWritten) {
   host.fullAfter(57 + 8);
   EXPECT_EQ(append(db, nullptr, 0), 0);
   EXPECT_EQ(slotInMemory.recordCount, 3u);
-  EXPECT_EQ(slotInMemory.lastRecordPos, c);
+  EXPECT_EQ(std::int64_t{slotInMemory.lastRecordPos}, c);
   EXPECT_EQ(newRecordPos, -7);
 }
 
