@@ -1,0 +1,25 @@
+// QVDbase for C++20: databases, tables and records as objects. Includes the whole layer.
+//
+//   auto database = qvdb::Database::create("notes.qvd");
+//   auto notes = database.add_table("notes");
+//   const qvdb::Id id = notes.add(std::as_bytes(std::span(text)));
+//   for (const qvdb::Record& record : notes.records()) use(record.id(), record.payload());
+//
+// Absence is a std::optional, failure is a qvdb::Error that says which operation failed and, found
+// by looking at the file afterwards, why. Destructors never throw. Everything that is written is
+// written by the functions of qvdbase.h or by what they consist of, and the two can be mixed on one
+// open database through Database::handle().
+//
+// The rules of the C functions hold here too: one thread at a time, in the whole process; when an
+// operation has returned, all that it wrote is with the operating system, and Database::sync() asks
+// for more. No operation of this layer moves the file position of the handle.
+#ifndef QVDBASE_QVDB_HPP
+#define QVDBASE_QVDB_HPP
+
+#include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/id.hpp>
+#include <qvdbase/qvdb/record.hpp>
+#include <qvdbase/qvdb/table.hpp>
+
+#endif

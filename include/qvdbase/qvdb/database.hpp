@@ -1,0 +1,139 @@
+// qvdb::Database: an open database file.
+#ifndef QVDBASE_QVDB_DATABASE_HPP
+#define QVDBASE_QVDB_DATABASE_HPP
+
+#include <qvdbase/base.h>
+#include <qvdbase/qvdb/id.hpp>
+#include <qvdbase/qvdb/table.hpp>
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qvdb {
+
+// How a database is opened. The values are the permissions of OpenDBaseW.
+enum class Mode : int {
+  any = 0,        // shared, or read_only where that is not allowed
+  read_only = 1,  // never writes a byte; stands beside every other opener
+  exclusive = 3,  // reads and writes, and keeps every other writer out
+  shared = 4,     // reads and writes beside others who open it shared
+};
+
+// What the header of a database file tells.
+struct DatabaseInfo {
+  std::array<char, 4> signature{};
+  std::uint16_t version = 0;
+  Id id;
+  int table_count = 0;
+  int slot_count = 0;
+  int slot_size = 0;
+  std::uint64_t file_size = 0;
+
+  // Whether tables and records can be used: the library takes versions 100 to 199.
+  bool version_is_usable() const noexcept { return version >= 100 && version <= 199; }
+};
+
+struct CreateOptions {
+  // The first byte must be 'Q' or 'q', the second 'V' or 'v'; the others are free.
+  std::array<char, 4> signature{'Q', 'V', 'd', 'b'};
+  std::uint16_t version = 100;
+  // Whether a file that is there already, and is not empty, is emptied first.
+  bool overwrite = false;
+};
+
+// An open database. It can be moved, not copied, and closes itself.
+//
+// Paths are those of the system; a relative one starts at the current folder. The library cannot
+// reach every path: a folder on the way whose name holds a tab, a double quote, a backslash or two
+// blanks in a row, or begins or ends with a blank, would be taken for another one, so that such a
+// path is refused with path_not_reachable; so are a file name with a backslash, a path that is not
+// UTF-8, and one of more than 2,047 characters (UTF-16 units).
+class QVDBASE_API Database {
+ public:
+  // Creates an empty database and leaves it open exclusively. Missing folders of the path are made.
+  //
+  // Throws Error: path_not_reachable; file_exists; not_a_file; access_denied; in_use (nothing in
+  // the file has changed then); bad_argument for a signature or a version that the library itself
+  // would refuse later; disk_full; cannot_write; cannot_open.
+  static Database create(const std::filesystem::path& path, const CreateOptions& options = {});
+
+  // Opens a database and looks at its header.
+  //
+  // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use;
+  // not_a_database; version_out_of_range; cannot_read; cannot_open.
+  static Database open(const std::filesystem::path& path, Mode mode = Mode::read_only);
+
+  // Takes over a handle that the C functions opened; the object closes it. The path is for
+  // messages.
+  static Database adopt(std::int16_t handle, const std::filesystem::path& path, Mode mode);
+
+  // Reads the header of a file whatever its version is. The file is opened for reading only.
+  // Throws as open() does, without version_out_of_range.
+  static DatabaseInfo inspect(const std::filesystem::path& path);
+
+  // The path in the form in which the C functions take it: absolute, UTF-16. Throws
+  // path_not_reachable as described above.
+  static std::u16string native_path(const std::filesystem::path& path);
+
+  // Closed; to be assigned to.
+  Database() noexcept = default;
+  Database(Database&&) noexcept = default;
+  Database& operator=(Database&& other) noexcept;
+  ~Database();
+
+  // Closes the database; its tables and records cannot be used any more. A closed one stays closed.
+  // Throws Error: cannot_write when the system reports a failure; the database is closed then too.
+  // (The destructor closes without a word.)
+  void close();
+
+  bool is_open() const noexcept;
+
+  // The handle for the C functions. It stays this object's: do not close it.
+  std::int16_t handle() const;
+
+  // As it was given to create() or open().
+  const std::filesystem::path& path() const;
+  Mode mode() const;
+
+  // The header as it is in the file. Throws not_a_database; cannot_read.
+  DatabaseInfo info() const;
+
+  // Stores a version, any from 100 to 199. Throws bad_argument; read_only; cannot_write.
+  void set_version(std::uint16_t version);
+
+  // All tables, in the order in which they were added. Throws directory_damaged.
+  std::vector<Table> tables() const;
+
+  // A table by name or identifier; nothing when there is none. Throws directory_damaged when the
+  // table is not found before the damage.
+  std::optional<Table> find_table(std::string_view name) const;
+  std::optional<Table> find_table(Id table) const;
+
+  // A table that must be there. Throws table_missing.
+  Table table(std::string_view name) const;
+
+  // Adds a table. The name has 1 to 32 bytes, none of them zero.
+  // Throws Error: bad_name; name_too_long; table_exists; directory_full; directory_damaged;
+  // read_only; cannot_write.
+  Table add_table(std::string_view name);
+
+  // Waits until the device has all that was written. Without it a power failure can lose what the
+  // system had not written yet. Throws Error: cannot_write.
+  void sync();
+
+ private:
+  explicit Database(std::shared_ptr<detail::OpenDatabase> state) noexcept;
+  detail::OpenDatabase& state() const;
+
+  std::shared_ptr<detail::OpenDatabase> state_;
+};
+
+}  // namespace qvdb
+
+#endif

@@ -1,0 +1,139 @@
+// qvdb::Table: one table of an open database, its records and its block of table data.
+#ifndef QVDBASE_QVDB_TABLE_HPP
+#define QVDBASE_QVDB_TABLE_HPP
+
+#include <qvdbase/base.h>
+#include <qvdbase/qvdb/id.hpp>
+#include <qvdbase/qvdb/record.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace qvdb {
+
+namespace detail {
+class Operation;
+}
+
+// What a table's slot in the directory tells.
+struct TableInfo {
+  Id id;
+  std::string name;  // 1 to 32 bytes
+  std::uint16_t version = 0;
+  std::uint32_t record_count = 0;
+  std::uint32_t record_write_count = 0;  // records that were ever added
+  std::uint32_t data_write_count = 0;    // table-data blocks that were ever appended
+  std::int64_t first_record_position = 0;
+  std::int64_t last_record_position = 0;
+  std::int64_t data_position = 0;  // of the table-data block; 0 when there is none
+};
+
+// A table of an open database. Tables come from a Database and are cheap to copy; all copies stand
+// for the same table. A table may outlive its Database object: once the database is closed, each
+// operation throws Error not_open.
+//
+// Every operation can throw Error with not_open, not_a_database, version_out_of_range,
+// directory_damaged and table_missing (the file was replaced or damaged since the table was found),
+// and cannot_read. Operations that write can also throw read_only, disk_full and cannot_write. What
+// else each can throw stands with it.
+//
+// A record is searched by walking the table's chain from its first record, which takes time in
+// proportion to the number of records before it. The operations that take a Record instead of an
+// identifier go straight to it.
+class QVDBASE_API Table {
+ public:
+  Id id() const noexcept { return id_; }
+  const std::string& name() const noexcept { return name_; }
+
+  // The slot as it now is.
+  TableInfo info() const;
+
+  // The number of records, as the slot counts them.
+  std::uint32_t count() const;
+
+  // ---- Reading records
+
+  // All records, in order. Nothing is read before the walk begins.
+  RecordRange records() const;
+
+  // Searches a record; of several with the identifier, the first. Nothing when there is none.
+  // Throws chain_damaged when the record is not found before the damage.
+  std::optional<Record> find(Id record) const;
+
+  // A record's payload; nothing when there is no such record. Throws as find() and Record::read().
+  std::optional<std::vector<std::byte>> get(Id record) const;
+
+  // Reads the beginning of a record's payload, as much as the buffer takes. Returns the payload's
+  // whole size, which may be more than that; nothing when there is no such record.
+  std::optional<std::uint32_t> get(Id record, std::span<std::byte> buffer) const;
+
+  // ---- Writing records
+
+  // Adds a record behind the last one and returns its new identifier.
+  //
+  // reserve  room to keep for later growth; the record has room for the larger of both
+  //
+  // Throws too_large for a payload of 2^32 bytes or more; chain_damaged when the table's last
+  // record cannot be linked to. The record is then not in the table.
+  Id add(std::span<const std::byte> payload, std::uint32_t reserve = 0);
+
+  // The same under a given identifier. Nothing checks whether the table has it already.
+  void add_with_id(Id record, std::span<const std::byte> payload, std::uint32_t reserve = 0);
+
+  // Replaces a record's payload and sets its time of last modification. A payload that fits the
+  // record's room is written over the old one, a larger one goes to a new block without spare room.
+  // Returns false when there is no such record.
+  //
+  // Throws empty_payload, too_large, and chain_damaged when the record cannot be reached or its
+  // neighbours cannot be linked to a new block.
+  bool modify(Id record, std::span<const std::byte> payload);
+
+  // Sets a record's time of last modification to now. False when there is no such record.
+  bool touch(Id record);
+
+  // Takes a record out of the table. Its bytes stay in the file until the database is packed. False
+  // when there is no such record. Throws chain_damaged when its neighbours cannot be linked.
+  bool remove(Id record);
+
+  // The same for a record that was found before, in constant time: where it was found is looked at,
+  // and only if it is not there, or its neighbours do not point to it, it is searched by its
+  // identifier.
+  bool modify(const Record& record, std::span<const std::byte> payload);
+  bool touch(const Record& record);
+  bool remove(const Record& record);
+
+  // ---- Table data
+
+  // The size of the table's block of data; nothing when it has none. Throws data_damaged when the
+  // block is not where it should be, as do the others here.
+  std::optional<std::uint32_t> data_size() const;
+
+  // The data; nothing when the table has none. Throws too_large when there is not enough memory.
+  std::optional<std::vector<std::byte>> data() const;
+
+  // Reads part of the data, as Record::read() does. 0 when the table has none.
+  std::size_t read_data(std::uint64_t offset, std::span<std::byte> buffer) const;
+
+  // Stores data: over the present block when that has room, else in a new block with room for the
+  // larger of size and reserve. Throws too_large.
+  void set_data(std::span<const std::byte> data, std::uint32_t reserve = 0);
+
+ private:
+  friend class Database;
+  Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name);
+  [[noreturn]] void failedChange(const detail::Operation& operation, const Record& record,
+                                 std::uint64_t size) const;
+
+  std::shared_ptr<detail::OpenDatabase> database_;
+  Id id_;
+  std::string name_;
+};
+
+}  // namespace qvdb
+
+#endif

@@ -1,0 +1,37 @@
+// One forward walk along a table's chain of records.
+#include "qvdb/chain_walker.h"
+
+#include "QVDbase/record_find.h"
+
+namespace qvdb::detail {
+
+ChainWalker::Step ChainWalker::damaged(const char* how) {
+  damage_ = how;
+  return Step::damaged;
+}
+
+ChainWalker::Step ChainWalker::next(std::int16_t db, recordPart1* header, std::int64_t* recordPos) {
+  if (number_ == slot_.recordCount) return Step::end;
+  if (nextPos_ == 0 && hasChanged_) return Step::end;
+  ++number_;
+  if (nextPos_ == 0) return damaged("the chain ends before it");
+  if (loop_.visited(nextPos_)) return damaged("the chain comes round to an earlier record");
+  if (!qvdbase::readRecordHeaderAt(db, nextPos_, slot_.tableID, header)) {
+    return damaged("the chain leads to a place where no record of this table stands");
+  }
+  *recordPos = nextPos_;
+  nextPos_ = header->nextRecordPos;
+  return Step::record;
+}
+
+bool ChainWalker::resumeBehind(std::int16_t db, std::int64_t recordPos, std::uint32_t number) {
+  recordPart1 header;
+  if (!qvdbase::readRecordHeaderAt(db, recordPos, slot_.tableID, &header)) return false;
+  nextPos_ = header.nextRecordPos;
+  number_ = number;
+  hasChanged_ = true;
+  loop_ = qvdbase::LoopDetector();
+  return true;
+}
+
+}  // namespace qvdb::detail

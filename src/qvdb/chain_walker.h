@@ -1,0 +1,45 @@
+// One forward walk along a table's chain of records, which tells where and how the chain is
+// damaged.
+#pragma once
+
+#include <cstdint>
+
+#include "QVDbase/chain_walk.h"
+#include "format/layout.h"
+
+namespace qvdb::detail {
+
+class ChainWalker {
+ public:
+  ChainWalker() = default;
+  explicit ChainWalker(const tablePart1& slot) : slot_(slot), nextPos_(slot.firstRecordPos) {}
+
+  enum class Step { record, end, damaged };
+
+  // Reads the next record's header. The caller holds a ReadScope. After `damaged` number() and
+  // damage() tell what is wrong.
+  Step next(std::int16_t db, recordPart1* header, std::int64_t* recordPos);
+
+  // Goes on behind the record at a position, of which `number` records have been passed by then.
+  // To be used when the chain has changed under the walk: it then ends where the chain ends, with
+  // the count that it began with as its limit only. False when no header can be read there.
+  bool resumeBehind(std::int16_t db, std::int64_t recordPos, std::uint32_t number);
+
+  // The record that the last step was about, counted from 1.
+  std::uint32_t number() const { return number_; }
+  std::uint32_t count() const { return slot_.recordCount; }
+  const char* damage() const { return damage_; }
+  const unsigned char* tableID() const { return slot_.tableID; }
+
+ private:
+  Step damaged(const char* how);
+
+  tablePart1 slot_ = {};
+  std::int64_t nextPos_ = 0;
+  std::uint32_t number_ = 0;
+  bool hasChanged_ = false;
+  qvdbase::LoopDetector loop_;
+  const char* damage_ = "";
+};
+
+}  // namespace qvdb::detail

@@ -1,0 +1,316 @@
+// qvdb::Database: creating, opening, closing, tables by name.
+#include <qvdbase/qvdbase.h>
+#include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/error.hpp>
+
+#include <algorithm>
+#include <utility>
+
+#include "QVDbase/header.h"
+#include "format/fields.h"
+#include "format/identifiers.h"
+#include "format/layout.h"
+#include "platform/open_failure.h"
+#include "platform/sync.h"
+#include "qvdb/native_path.h"
+#include "qvdb/open_database.h"
+
+namespace qvdb {
+
+using detail::OpenDatabase;
+using detail::Operation;
+using detail::ReadScope;
+using qvdbase::platform::OpenFailure;
+
+namespace {
+
+struct Cause {
+  Reason reason;
+  const char* why;
+};
+
+Cause causeOf(OpenFailure failure) {
+  switch (failure) {
+    case OpenFailure::folderMissing:
+      return {Reason::no_such_file, "a folder on its way does not exist"};
+    case OpenFailure::fileMissing:
+      return {Reason::no_such_file, "there is no such file"};
+    case OpenFailure::notAFile:
+      return {Reason::not_a_file, "it is not a regular file"};
+    case OpenFailure::nameTooLong:
+      return {Reason::path_not_reachable, "a name in it is too long for the system"};
+    case OpenFailure::accessDenied:
+      return {Reason::access_denied, "the system denies access"};
+    case OpenFailure::readOnlyVolume:
+      return {Reason::access_denied, "it lies on a read-only file system"};
+    case OpenFailure::inUse:
+      return {Reason::in_use, "it is in use"};
+    case OpenFailure::tooManyOpen:
+      return {Reason::cannot_open, "too many files are open"};
+    case OpenFailure::none:
+    case OpenFailure::other:
+      break;
+  }
+  return {Reason::cannot_open, "the system cannot open it"};
+}
+
+[[noreturn]] void failToOpen(const char* operation, const std::filesystem::path& path,
+                             OpenFailure failure) {
+  const Cause cause = causeOf(failure);
+  throw Error(operation, cause.reason, detail::failureMessage(path, operation, cause.why));
+}
+
+std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode mode,
+                                        const char* operation) {
+  const std::vector<QVWCHAR> wide = detail::nativePath(path, operation);
+  const int permission = static_cast<int>(mode);
+  auto state = std::make_shared<OpenDatabase>();
+  state->path = path;
+  state->mode = mode;
+  state->handle = OpenDBaseW(wide.data(), permission);
+  if (state->handle == 0) {
+    failToOpen(operation, path, qvdbase::platform::findOpenFailure(wide.data(), permission));
+  }
+  return state;
+}
+
+bool isBadSignature(const std::array<char, 4>& signature) {
+  return (signature[0] != 'Q' && signature[0] != 'q') ||
+         (signature[1] != 'V' && signature[1] != 'v');
+}
+
+bool isUsableVersion(std::uint16_t version) {
+  return version >= qvdbase::kFirstVersion && version <= qvdbase::kLastVersion;
+}
+
+DatabaseInfo readInfo(const Operation& operation) {
+  ReadScope scope(operation.db());
+  internal_Head1 head;
+  if (internal_GetDBHead1(operation.db(), &head) != 1) {
+    static_cast<void>(operation.directory());
+    operation.fail(Reason::not_a_database, "the file is not a database");
+  }
+  std::uint16_t tables = 0;
+  std::uint16_t slots = 0;
+  std::uint16_t slotSize = 0;
+  if (!qvdbase::readUint16(operation.db(), &tables) ||
+      !qvdbase::readUint16(operation.db(), &slots) ||
+      !qvdbase::readUint16(operation.db(), &slotSize)) {
+    operation.fail(Reason::not_a_database, "the file is cut off inside its header");
+  }
+  DatabaseInfo info;
+  std::copy_n(reinterpret_cast<const char*>(head.signature), 4, info.signature.begin());
+  info.version = head.version;
+  info.id = Id{qvdbase::identifierNumber(head.databaseID)};
+  info.table_count = static_cast<std::int16_t>(tables);
+  info.slot_count = static_cast<std::int16_t>(slots);
+  info.slot_size = slotSize;
+  info.file_size = operation.fileLength();
+  return info;
+}
+
+}  // namespace
+
+Database::Database(std::shared_ptr<OpenDatabase> state) noexcept : state_(std::move(state)) {}
+
+Database::~Database() {
+  if (state_ != nullptr && state_->handle != 0) CloseDBase(std::exchange(state_->handle, 0));
+}
+
+// What this object held closes here, not when the other one happens to go.
+Database& Database::operator=(Database&& other) noexcept {
+  Database taken(std::move(other));
+  state_.swap(taken.state_);
+  return *this;
+}
+
+Database Database::create(const std::filesystem::path& path, const CreateOptions& options) {
+  constexpr const char* kOperation = "create the database";
+  const auto refuse = [&path](Reason reason, const char* why) {
+    throw Error(kOperation, reason, detail::failureMessage(path, kOperation, why));
+  };
+  if (isBadSignature(options.signature)) {
+    refuse(Reason::bad_argument, "a signature begins with the letters Q and V, in either case");
+  }
+  if (!isUsableVersion(options.version)) {
+    refuse(Reason::bad_argument, "a version lies between 100 and 199");
+  }
+  const std::vector<QVWCHAR> wide = detail::nativePath(path, kOperation);
+  std::error_code error;
+  const auto status = std::filesystem::status(path, error);
+  if (std::filesystem::exists(status)) {
+    if (!std::filesystem::is_regular_file(status)) {
+      refuse(Reason::not_a_file, "something that is no file stands there");
+    }
+    if (!options.overwrite && std::filesystem::file_size(path, error) != 0) {
+      refuse(Reason::file_exists, "the file exists already");
+    }
+  }
+  auto state = std::make_shared<OpenDatabase>();
+  state->path = path;
+  state->mode = Mode::exclusive;
+  state->handle = CreateDBaseW(wide.data(), options.signature.data(), options.version);
+  if (state->handle == 0) {
+    const OpenFailure failure = qvdbase::platform::findCreateFailure(wide.data());
+    const auto space = std::filesystem::space(std::filesystem::absolute(path).parent_path(), error);
+    if (!error && space.available < 8192) refuse(Reason::disk_full, "the disk is full");
+    failToOpen(kOperation, path, failure);
+  }
+  return Database(std::move(state));
+}
+
+Database Database::open(const std::filesystem::path& path, Mode mode) {
+  constexpr const char* kOperation = "open the database";
+  Database database(openState(path, mode, kOperation));
+  ReadScope scope(database.handle());
+  static_cast<void>(Operation(database.state_, kOperation).directory());
+  return database;
+}
+
+Database Database::adopt(std::int16_t handle, const std::filesystem::path& path, Mode mode) {
+  auto state = std::make_shared<OpenDatabase>();
+  state->path = path;
+  state->mode = mode;
+  state->handle = handle;
+  return Database(std::move(state));
+}
+
+DatabaseInfo Database::inspect(const std::filesystem::path& path) {
+  constexpr const char* kOperation = "look at the database";
+  return readInfo(Operation(openState(path, Mode::read_only, kOperation), kOperation));
+}
+
+std::u16string Database::native_path(const std::filesystem::path& path) {
+  const std::vector<QVWCHAR> wide = detail::nativePath(path, "use this path");
+  return {wide.begin(), wide.end() - 1};
+}
+
+void Database::close() {
+  if (!is_open()) return;
+  const std::int16_t handle = std::exchange(state_->handle, 0);
+  if (CloseDBase(handle) != 0) return;
+  constexpr const char* kOperation = "close the database";
+  throw Error(kOperation, Reason::cannot_write,
+              detail::failureMessage(state_->path, kOperation, "the system reports a failure"));
+}
+
+bool Database::is_open() const noexcept {
+  return state_ != nullptr && state_->handle != 0;
+}
+
+OpenDatabase& Database::state() const {
+  if (state_ == nullptr) {
+    throw Error("use the database", Reason::not_open, "cannot use the database: none is open");
+  }
+  return *state_;
+}
+
+std::int16_t Database::handle() const {
+  return state().handle;
+}
+
+const std::filesystem::path& Database::path() const {
+  return state().path;
+}
+
+Mode Database::mode() const {
+  return state().mode;
+}
+
+DatabaseInfo Database::info() const {
+  static_cast<void>(state());
+  return readInfo(Operation(state_, "read the header"));
+}
+
+void Database::set_version(std::uint16_t version) {
+  static_cast<void>(state());
+  const Operation operation(state_, "set the version");
+  if (!isUsableVersion(version)) {
+    operation.fail(Reason::bad_argument, "a version lies between 100 and 199");
+  }
+  operation.requireWritable();
+  if (SetDBaseVersion(operation.db(), version) != 1) operation.failedWrite(0);
+}
+
+std::vector<Table> Database::tables() const {
+  static_cast<void>(state());
+  const Operation operation(state_, "list the tables");
+  ReadScope scope(operation.db());
+  std::vector<Table> tables;
+  tablePart1 slot;
+  static_cast<void>(operation.findSlot(&slot, [&](const tablePart1& used) {
+    const Id id{qvdbase::identifierNumber(used.tableID)};
+    tables.push_back(Table(state_, id, detail::storedName(used)));
+    return false;
+  }));
+  return tables;
+}
+
+std::optional<Table> Database::find_table(std::string_view name) const {
+  static_cast<void>(state());
+  const Operation operation(state_, "find the table");
+  ReadScope scope(operation.db());
+  tablePart1 slot;
+  if (!operation.findSlot(
+          &slot, [name](const tablePart1& used) { return detail::storedName(used) == name; })) {
+    return std::nullopt;
+  }
+  return Table(state_, Id{qvdbase::identifierNumber(slot.tableID)}, std::string(name));
+}
+
+std::optional<Table> Database::find_table(Id table) const {
+  static_cast<void>(state());
+  const Operation operation(state_, "find the table");
+  ReadScope scope(operation.db());
+  tablePart1 slot;
+  if (!operation.findSlot(&slot, [table](const tablePart1& used) {
+        return qvdbase::identifierNumber(used.tableID) == table.value;
+      })) {
+    return std::nullopt;
+  }
+  return Table(state_, table, detail::storedName(slot));
+}
+
+Table Database::table(std::string_view name) const {
+  std::optional<Table> found = find_table(name);
+  if (found) return *std::move(found);
+  Operation(state_, "find the table")
+      .fail(Reason::table_missing, "it has no table named '" + std::string(name) + "'");
+}
+
+Table Database::add_table(std::string_view name) {
+  static_cast<void>(state());
+  const Operation operation(state_, "add the table");
+  if (name.empty() || name.find('\0') != std::string_view::npos) {
+    operation.fail(Reason::bad_name, "a table name has at least one byte, and no zero bytes");
+  }
+  if (name.size() > qvdbase::kTableNameSize) {
+    operation.fail(Reason::name_too_long, "a table name has at most 32 bytes, and this one has " +
+                                              std::to_string(name.size()));
+  }
+  operation.requireWritable();
+  const std::uint64_t id = AddTable(operation.db(), std::string(name).c_str());
+  if (id != 0) return Table(state_, Id{id}, std::string(name));
+
+  if (find_table(name)) {
+    operation.fail(Reason::table_exists,
+                   "a table named '" + std::string(name) + "' exists already");
+  }
+  ReadScope scope(operation.db());
+  const qvdbase::DirectoryNumbers numbers = operation.directory();
+  if (numbers.tableCount >= numbers.slotCount - 1) {
+    operation.fail(Reason::directory_full, "it has " + std::to_string(numbers.tableCount) +
+                                               " tables, and no room for more");
+  }
+  operation.failedWrite(0);
+}
+
+void Database::sync() {
+  static_cast<void>(state());
+  const Operation operation(state_, "wait for the device");
+  if (!qvdbase::platform::syncFile(operation.db())) {
+    operation.fail(Reason::cannot_write, "the system reports a failure");
+  }
+}
+
+}  // namespace qvdb

@@ -1,0 +1,102 @@
+// What a Database, its tables and its records share.
+#include "qvdb/open_database.h"
+
+#include <qvdbase/qvdbase.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "QVDbase/header.h"
+#include "format/layout.h"
+#include "platform/open_files.h"
+#include "platform/transfer.h"
+
+namespace qvdb::detail {
+
+OpenDatabase::~OpenDatabase() {
+  if (handle != 0) CloseDBase(handle);
+}
+
+Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
+    : database_(*database), name_(name) {
+  if (database_.handle == 0) fail(Reason::not_open, "it was closed");
+}
+
+void Operation::fail(Reason reason, const std::string& why,
+                     std::optional<std::uint64_t> recordNumber) const {
+  throw Error(name_, reason, failureMessage(database_.path, name_, why), recordNumber);
+}
+
+void Operation::requireWritable() const {
+  const auto* file = qvdbase::platform::findOpenFile(db());
+  if (file == nullptr) fail(Reason::not_open, "its handle was closed by other means");
+  if (!file->isWritable()) fail(Reason::read_only, "it was opened for reading only");
+}
+
+qvdbase::DirectoryNumbers Operation::directory() const {
+  qvdbase::DirectoryNumbers numbers;
+  if (qvdbase::readDirectoryNumbers(db(), &numbers)) {
+    if (numbers.tableCount >= 0) return numbers;
+    fail(Reason::directory_damaged, "its number of tables is damaged");
+  }
+  if (qvdbase::platform::findOpenFile(db()) == nullptr) {
+    fail(Reason::not_open, "its handle was closed by other means");
+  }
+  internal_Head1 head;
+  if (internal_GetDBHead1(db(), &head) != 1) {
+    fail(Reason::not_a_database,
+         fileLength() == 0 ? "the file is empty, not a database" : "the file is not a database");
+  }
+  if (head.version < qvdbase::kFirstVersion || head.version > qvdbase::kLastVersion) {
+    fail(Reason::version_out_of_range,
+         "its version is " + std::to_string(head.version) + ", and only 100 to 199 can be used");
+  }
+  fail(Reason::not_a_database, "the file is cut off inside its header");
+}
+
+qvdbase::FoundTable Operation::table(Id table) const {
+  qvdbase::FoundTable found;
+  // The common case reads each slot once; only a failure looks at them again, to tell why.
+  if (qvdbase::findTable(db(), table.value, &found)) return found;
+  tablePart1 slot;
+  static_cast<void>(findSlot(&slot, [](const tablePart1&) { return false; }));
+  fail(Reason::table_missing, "it has no table " + to_string(table));
+}
+
+void Operation::readSlot(const qvdbase::DirectoryNumbers& numbers, int index,
+                         tablePart1* slot) const {
+  if (qvdbase::readUsedSlot(db(), numbers.slotSize, slot)) return;
+  fail(Reason::directory_damaged,
+       "entry " + std::to_string(index + 1) + " of its table directory is damaged");
+}
+
+std::uint64_t Operation::fileLength() const {
+  const auto* file = qvdbase::platform::findOpenFile(db());
+  std::int64_t length = 0;
+  if (file == nullptr || !qvdbase::platform::fileLength(*file, &length)) {
+    fail(Reason::cannot_read, "the system does not tell the file's length");
+  }
+  return static_cast<std::uint64_t>(length);
+}
+
+void Operation::failedWrite(std::uint64_t bytes) const {
+  requireWritable();
+  std::error_code error;
+  const auto space = std::filesystem::space(database_.path, error);
+  if (!error && space.available < bytes) {
+    fail(Reason::disk_full, "the disk is full");
+  }
+  fail(Reason::cannot_write, "the file cannot be written");
+}
+
+std::string storedName(const tablePart1& slot) {
+  const char* end = std::find(std::begin(slot.tableName), std::end(slot.tableName), '\0');
+  return {slot.tableName, end};
+}
+
+std::string failureMessage(const std::filesystem::path& path, const char* operation,
+                           const std::string& why) {
+  return path.native() + ": cannot " + operation + ": " + why;
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,98 @@
+// What a Database, its tables and its records share: the handle, and how their failures are told.
+#pragma once
+
+#include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/error.hpp>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "QVDbase/position.h"
+#include "QVDbase/tables.h"
+
+namespace qvdb::detail {
+
+struct OpenDatabase {
+  std::int16_t handle = 0;  // 0 once it is closed
+  std::filesystem::path path;
+  Mode mode = Mode::read_only;
+  // Raised by every operation of this layer that can have changed the chains; a walk that sees it
+  // raised gives up what it has read ahead.
+  std::uint64_t changes = 0;
+
+  ~OpenDatabase();
+};
+
+// The length of one reading operation: gives the file position back and ends the transfer scope
+// however the operation is left.
+class ReadScope {
+ public:
+  explicit ReadScope(std::int16_t db) : position_(db) {}
+  ~ReadScope() { static_cast<void>(position_.restore(0)); }
+  ReadScope(const ReadScope&) = delete;
+  ReadScope& operator=(const ReadScope&) = delete;
+
+ private:
+  qvdbase::SavedPosition position_;
+};
+
+// One operation on an open database: what its errors name. `name` is a literal that goes on from
+// "cannot ...".
+class Operation {
+ public:
+  // Throws not_open when there is no database, or a closed one.
+  Operation(const std::shared_ptr<OpenDatabase>& database, const char* name);
+
+  std::int16_t db() const { return database_.handle; }
+  const OpenDatabase& database() const { return database_; }
+  const char* name() const { return name_; }
+
+  [[noreturn]] void fail(Reason reason, const std::string& why,
+                         std::optional<std::uint64_t> recordNumber = std::nullopt) const;
+
+  // Throws read_only unless the handle may write.
+  void requireWritable() const;
+
+  // Reads the directory numbers. Throws not_a_database, version_out_of_range, directory_damaged or
+  // cannot_read.
+  qvdbase::DirectoryNumbers directory() const;
+
+  // Finds a table that must be there. Throws as directory() and directory_damaged, table_missing.
+  qvdbase::FoundTable table(Id table) const;
+
+  // Walks the slots up to the first for which wanted(slot) holds. False when there is none; throws
+  // directory_damaged when a slot before it is.
+  template <typename Wanted>
+  bool findSlot(tablePart1* slot, Wanted wanted) const {
+    const qvdbase::DirectoryNumbers numbers = directory();
+    for (int i = 0; i < numbers.tableCount; ++i) {
+      readSlot(numbers, i, slot);
+      if (wanted(*slot)) return true;
+    }
+    return false;
+  }
+
+  std::uint64_t fileLength() const;
+
+  // After a write that failed although nothing in the file speaks against it: throws disk_full when
+  // the device has less than `bytes` to give, else cannot_write.
+  [[noreturn]] void failedWrite(std::uint64_t bytes) const;
+
+ private:
+  void readSlot(const qvdbase::DirectoryNumbers& numbers, int index, tablePart1* slot) const;
+
+  OpenDatabase& database_;
+  const char* name_;
+};
+
+// The slot's name, which ends after 32 bytes at the latest.
+std::string storedName(const tablePart1& slot);
+
+// The message of an error: the file, what was tried, why it failed.
+std::string failureMessage(const std::filesystem::path& path, const char* operation,
+                           const std::string& why);
+
+}  // namespace qvdb::detail

@@ -1,0 +1,116 @@
+// qvdb::Record: reading the payload of a record that was found.
+#include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/record.hpp>
+
+#include <algorithm>
+#include <new>
+
+#include "QVDbase/record_find.h"
+#include "format/fields.h"
+#include "format/identifiers.h"
+#include "qvdb/open_database.h"
+#include "qvdb/records.h"
+
+namespace qvdb {
+
+using detail::Operation;
+using detail::ReadScope;
+
+namespace {
+
+constexpr const char* kRead = "read the record";
+
+// The size that the payload has now. Leaves the file wherever; throws when no block of the record
+// stands there any more or the payload does not lie inside the file.
+std::uint32_t presentSize(const Operation& operation, Id table, const RecordInfo& info) {
+  unsigned char tableID[qvdbase::kIdentifierSize];
+  internal_ConvertInt64_2UuID(table.value, tableID);
+  recordPart1 header;
+  if (!qvdbase::readRecordHeaderAt(operation.db(), info.position, tableID, &header) ||
+      qvdbase::identifierNumber(header.recordID) != info.id.value) {
+    operation.fail(Reason::record_missing,
+                   "record " + to_string(info.id) + " does not stand any more where it stood");
+  }
+  const auto dataPos = static_cast<std::uint64_t>(info.data_position);
+  if (dataPos + header.dataLength > operation.fileLength()) {
+    operation.fail(Reason::data_damaged, "the payload of record " + to_string(info.id) +
+                                             " reaches beyond the end of the file");
+  }
+  return header.dataLength;
+}
+
+void readPayload(const Operation& operation, const RecordInfo& info, std::uint64_t offset,
+                 std::span<std::byte> buffer) {
+  const std::int64_t from = info.data_position + static_cast<std::int64_t>(offset);
+  if (myFileSeek(operation.db(), from, kFromStart) != 0 ||
+      !qvdbase::readBytes(operation.db(), buffer.data(),
+                          static_cast<std::uint32_t>(buffer.size()))) {
+    operation.fail(Reason::cannot_read,
+                   "the payload of record " + to_string(info.id) + " cannot be read");
+  }
+}
+
+}  // namespace
+
+Record::Record(std::shared_ptr<detail::OpenDatabase> database, Id table, const RecordInfo& info)
+    : database_(std::move(database)), table_(table), info_(info) {}
+
+std::size_t Record::read(std::uint64_t offset, std::span<std::byte> buffer) const {
+  const Operation operation(database_, kRead);
+  ReadScope scope(operation.db());
+  const std::uint64_t size = presentSize(operation, table_, info_);
+  if (offset >= size) return 0;
+  const auto count =
+      static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), size - offset));
+  readPayload(operation, info_, offset, buffer.first(count));
+  return count;
+}
+
+std::vector<std::byte> Record::payload() const {
+  std::vector<std::byte> buffer;
+  payload(buffer);
+  return buffer;
+}
+
+void Record::payload(std::vector<std::byte>& buffer) const {
+  const Operation operation(database_, kRead);
+  ReadScope scope(operation.db());
+  detail::resizeFor(operation, &buffer, presentSize(operation, table_, info_));
+  readPayload(operation, info_, 0, buffer);
+}
+
+namespace detail {
+
+RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos) {
+  RecordInfo info;
+  info.id = Id{qvdbase::identifierNumber(header.recordID)};
+  info.create_time = header.createTime;
+  info.modify_time = header.modifyTime;
+  info.size = header.dataLength;
+  info.capacity = header.dataCapacity;
+  info.position = recordPos;
+  info.data_position = recordPos + qvdbase::record::kData;
+  return info;
+}
+
+void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, std::uint32_t size) {
+  try {
+    buffer->resize(size);
+  } catch (const std::bad_alloc&) {
+    operation.fail(Reason::too_large,
+                   "there is not enough memory for its " + std::to_string(size) + " bytes");
+  }
+}
+
+void failDamagedChain(const Operation& operation, const ChainWalker& walker,
+                      const std::string& table) {
+  operation.fail(Reason::chain_damaged,
+                 "the records of table '" + table + "' are damaged at record " +
+                     std::to_string(walker.number()) + " of " + std::to_string(walker.count()) +
+                     ": " + walker.damage(),
+                 walker.number());
+}
+
+}  // namespace detail
+
+}  // namespace qvdb
