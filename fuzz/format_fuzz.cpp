@@ -24,6 +24,10 @@ void check(bool condition) {
   if (!condition) std::abort();
 }
 
+bool isOneOf(const char* set, QVWCHAR c) {
+  return c != 0 && c < 128 && std::strchr(set, static_cast<char>(c)) != nullptr;
+}
+
 class Input {
  public:
   Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
@@ -88,10 +92,7 @@ int64_t readDigits(const QVWCHAR* format, size_t* at) {
 Directive firstDirective(const QVWCHAR* format) {
   Directive directive;
   size_t at = 0;
-  const auto is = [&](const char* set) {
-    return format[at] != 0 && format[at] < 128 &&
-           std::strchr(set, static_cast<char>(format[at])) != nullptr;
-  };
+  const auto is = [&](const char* set) { return isOneOf(set, format[at]); };
   while (format[at] != 0 && format[at] != '%') ++at;
   if (format[at] == '%') {
     ++at;
@@ -209,8 +210,7 @@ void writePiece(const QVWCHAR* format, const Directive& directive, Input* input)
   if (directive.precision >= 0 || directive.precisionArgument)
     precision = std::max<int64_t>(precision, 0);
   if (width > kWidest) return;
-  const bool isInteger =
-      std::strchr("dioxXup", directive.conversion < 128 ? directive.conversion : 0) != nullptr;
+  const bool isInteger = isOneOf("dioxXup", directive.conversion);
   if (isInteger && precision > kWidest) return;
 
   std::vector<QVWCHAR> string = input->takeText(40);
@@ -231,8 +231,7 @@ void writePiece(const QVWCHAR* format, const Directive& directive, Input* input)
   const Call call{format, buffer.get(), &directive, widthArgument, precisionArgument};
   const int count = writeWith(call, input, nullString ? nullptr : string.data(), address.get());
   check(count >= 0 && static_cast<size_t>(count) < room && buffer[static_cast<size_t>(count)] == 0);
-  if (std::strchr("csdiouxXpaAeEfgG", directive.conversion < 128 ? directive.conversion : 0) !=
-      nullptr) {
+  if (isOneOf("csdiouxXpaAeEfgG", directive.conversion)) {
     check(count >= width);
   }
 }
@@ -256,7 +255,7 @@ void convertNumbers(Input* input) {
   const int precision = input->takeInt();
   const int width = std::min(input->takeInt(), kWidest);
   const int flags = input->take<uint8_t>();
-  const QVWCHAR form = "eEfgGx"[input->take<uint8_t>() % 6];
+  const auto form = static_cast<QVWCHAR>("eEfgGx"[input->take<uint8_t>() % 6]);
 
   std::unique_ptr<QVWCHAR[]> digits(new QVWCHAR[352]);
   int decimalPoint = 0;
