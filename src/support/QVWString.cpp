@@ -4,9 +4,9 @@
 // Formatted output stands in QVWString_format.cpp and QVWString_float.cpp.
 #include <qvdbase/QVWString.h>
 
-#include <cstdlib>
 #include <cstring>
 
+#include "platform/memory.h"
 #include "platform/utf8.h"
 #include "support/core_string.h"
 
@@ -221,20 +221,21 @@ int QVWString::Replace(QVWCHAR* subject, const QVWCHAR* from, const QVWCHAR* to)
   QVWCHAR onStack[kReplaceStackLength];
   QVWCHAR* scratch = onStack;
   if (result.length > kReplaceStackLength) {
-    scratch = static_cast<QVWCHAR*>(std::malloc(result.length * sizeof(QVWCHAR)));
+    scratch = static_cast<QVWCHAR*>(qvdbase::platform::allocate(result.length * sizeof(QVWCHAR)));
     if (scratch == nullptr) return 0;
   }
   buildReplacement(scratch, subject, from, to, toLength);
   std::memcpy(subject, scratch, result.length * sizeof(QVWCHAR));
   subject[result.length] = 0;
-  if (scratch != onStack) std::free(scratch);
+  if (scratch != onStack) qvdbase::platform::release(scratch);
   return 1;
 }
 
 void QVWString::TrimPlus(QVWCHAR* text) {
   if (text == nullptr || *text == 0) return;
   const auto length = static_cast<size_t>(wcslen(text));
-  auto* scratch = static_cast<QVWCHAR*>(std::malloc((length + 2) * sizeof(QVWCHAR)));
+  auto* scratch =
+      static_cast<QVWCHAR*>(qvdbase::platform::allocate((length + 2) * sizeof(QVWCHAR)));
   if (scratch == nullptr) return;
 
   // No two spaces are neighbours in the scratch, so that one at either end is all there can be.
@@ -244,7 +245,7 @@ void QVWString::TrimPlus(QVWCHAR* text) {
   if (begin < end && scratch[begin] == ' ') ++begin;
   std::memcpy(text, scratch + begin, (end - begin) * sizeof(QVWCHAR));
   text[end - begin] = 0;
-  std::free(scratch);
+  qvdbase::platform::release(scratch);
 }
 
 __CFString* QVWString::ConvertQVWCHARBufferToCFString(const QVWCHAR* text) {

@@ -1,8 +1,9 @@
 // The platform string: a length, and behind it the characters with a terminator.
 #include "support/core_string.h"
 
-#include <cstdlib>
 #include <cstring>
+
+#include "platform/memory.h"
 
 struct __CFString {
   size_t length;
@@ -21,8 +22,8 @@ QVWCHAR* charactersOf(__CFString* string) {
 
 __CFString* createCoreString(const QVWCHAR* characters, size_t length) {
   const size_t byteCount = length * sizeof(QVWCHAR);
-  auto* string =
-      static_cast<__CFString*>(std::malloc(sizeof(__CFString) + byteCount + sizeof(QVWCHAR)));
+  auto* string = static_cast<__CFString*>(
+      platform::allocate(sizeof(__CFString) + byteCount + sizeof(QVWCHAR)));
   if (string == nullptr) return nullptr;
   string->length = length;
   std::memcpy(charactersOf(string), characters, byteCount);
