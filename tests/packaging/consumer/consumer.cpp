@@ -1,25 +1,37 @@
-// A program in C++20 that knows nothing but the installed headers: an error of the C++ layer, made
-// inside the library, is caught here, and the support classes are there.
+// A program in C++20 that knows nothing but the installed headers: an error that the library throws
+// is caught here by its type, and the support classes are there.
 // Usage: consumer FILE, a path at which nothing stands yet.
 #include <qvdbase/QVList.h>
 #include <qvdbase/caches.h>
-#include <qvdbase/qvdbase.h>
 
 #include <cstdio>
-#include <string>
+#include <qvdbase/qvdb.hpp>
+
+namespace {
+
+bool reportsAMissingFile(const char* path) {
+  try {
+    qvdb::Database::open(path);
+  } catch (const qvdb::Error& error) {
+    return error.reason() == qvdb::Reason::no_such_file;
+  }
+  return false;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) return 2;
-  const std::string file = argv[1];
-  std::u16string path(file.begin(), file.end());
+  if (argc != 2 || !reportsAMissingFile(argv[1])) return 1;
 
-  const int16_t db = CreateDBaseW(reinterpret_cast<const QVWCHAR*>(path.c_str()), "QVdb", 100);
-  if (db == 0 || AddTable(db, "things") == 0) return 1;
-  if (SearchForGDB2TCache(db) == -1 || gbl_Gdb2tDQ.GetSize() != 1) return 1;
-  if (CloseDBase(db) == 0) return 1;
+  qvdb::Database database = qvdb::Database::create(argv[1]);
+  qvdb::Table table = database.add_table("things");
+  table.add({});
+  if (table.count() != 1) return 1;
+  if (SearchForGDB2TCache(database.handle()) == -1 || gbl_Gdb2tDQ.GetSize() != 1) return 1;
+  database.close();
 
   QVList list;
-  if (list.Add(&db, sizeof db) != 1 || list.GetSize() != 1) return 1;
+  if (list.Add("a", 1) != 1 || list.GetSize() != 1) return 1;
   std::puts("ok");
   return 0;
 }
