@@ -326,6 +326,18 @@ TEST_F(CallingBack, CallsAlsoWithAHandleThatIsNotOpen) {
 
 // ---- the generator ----
 
+// Whether the generator of a fresh process gives what it gives without a seed.
+bool generatorIsUnseeded() {
+  const int first = std::rand();
+  std::srand(1);
+  return first == std::rand();
+}
+
+TEST(LoadingDeathTest, HasSeededTheGeneratorBeforeMain) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // runs this test in a process of its own
+  EXPECT_EXIT(std::exit(generatorIsUnseeded() ? 1 : 0), testing::ExitedWithCode(0), "");
+}
+
 TEST(Loading, SeedsTheGeneratorWithProcessorTimePlusTime) {
   FakeHost host;
   host.setTime(4000);
