@@ -11,8 +11,8 @@ install(TARGETS qvdbase qvdbase_static EXPORT QVDbaseTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/qvdbase DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
-if(TARGET qvdb)
-  install(TARGETS qvdb RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(TARGET qvdb_tool)
+  install(TARGETS qvdb_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
 # The library is C++ inside. A program whose linker is run as for C must name the C++ library.
