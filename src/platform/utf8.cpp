@@ -1,7 +1,7 @@
 // Text conversion from 16-bit characters to UTF-8, character by character.
 #include "platform/utf8.h"
 
-namespace qvdbase {
+namespace qvdbase::platform {
 namespace {
 
 bool isHighSurrogate(QVWCHAR c) {
@@ -56,4 +56,4 @@ Utf8Progress convertToUtf8(const QVWCHAR* text, size_t length, unsigned char* ou
   return done;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::platform

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-namespace qvdbase {
+namespace qvdbase::platform {
 
 struct Utf8Progress {
   size_t consumed;  // 16-bit characters that were converted
@@ -19,6 +19,6 @@ struct Utf8Progress {
 // are always enough.
 Utf8Progress convertToUtf8(const QVWCHAR* text, size_t length, unsigned char* out, size_t room);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::platform
 
 #endif

@@ -257,8 +257,8 @@ int QVWString::ConvertQVWCHARBufferToUTF8Buffer(const QVWCHAR* source, unsigned 
                                                 int size) {
   if (source == nullptr) return 0;
   const size_t room = size > 0 ? static_cast<size_t>(size) : 0;
-  const qvdbase::Utf8Progress done =
-      qvdbase::convertToUtf8(source, static_cast<size_t>(wcslen(source)), destination, room);
+  const qvdbase::platform::Utf8Progress done = qvdbase::platform::convertToUtf8(
+      source, static_cast<size_t>(wcslen(source)), destination, room);
   destination[done.produced] = 0;
   return 1;
 }
