@@ -1,0 +1,35 @@
+// qvdb add-table: adds a table to a database.
+#include "qvdb/commands.h"
+#include "qvdb/locate.h"
+#include "qvdb/output.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string name;
+};
+
+int run(const Options& options) {
+  Database database = openToWrite(options.file);
+  printLine(to_string(database.add_table(options.name).id()));
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("NAME", options->name, "The new table's name, of 1 to 32 bytes.");
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kAddTableCommand = {
+    "add-table", "add a table",
+    "Adds an empty table to a database and prints its identifier. A database has room for 31 "
+    "tables; they cannot be renamed or removed later.",
+    "qvdb add-table notes.qvd letters", define};
+
+}  // namespace qvdb::tool

@@ -1,0 +1,67 @@
+// A command of the tool: its name, its help and what it does. Each command has a file of its own;
+// the list of them is in commands.cpp.
+#ifndef QVDB_TOOL_COMMAND_H
+#define QVDB_TOOL_COMMAND_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qvdb::tool {
+
+// Exit statuses.
+inline constexpr int kDone = 0;
+inline constexpr int kFailed = 1;      // something failed, or what was asked for is not there
+inline constexpr int kWrongUsage = 2;  // the command line makes no sense
+
+// The arguments and options of a command. A definition binds each to a variable that is filled
+// before the command runs. The library that reads command lines is known to one file only.
+class Arguments {
+ public:
+  class Parser;
+  explicit Arguments(Parser& parser) : parser_(parser) {}
+
+  // Arguments by place. The first must be given, the second may be left out, the third may be given
+  // many times: at least `atLeast` times.
+  void argument(const char* name, std::string& value, const char* help);
+  void optionalArgument(const char* name, std::optional<std::string>& value, const char* help);
+  void arguments(const char* name, std::vector<std::string>& values, int atLeast, const char* help);
+
+  // Options: `names` as in "-o,--output".
+  void option(const char* names, const char* valueName, std::optional<std::string>& value,
+              const char* help);
+  void option(const char* names, const char* valueName, std::optional<std::uint64_t>& value,
+              const char* help);
+  void flag(const char* names, bool& value, const char* help);
+
+  // Options that many commands have.
+  void json(bool& value);
+  void force(bool& value, const char* help);
+
+ private:
+  Parser& parser_;
+};
+
+// Runs a command and returns its exit status.
+using Action = std::function<int()>;
+
+struct Command {
+  const char* name;
+  const char* summary;      // one line, for the list of commands
+  const char* description;  // paragraphs, separated by empty lines
+  const char* examples;     // one to a line
+  Action (*define)(Arguments& arguments);
+};
+
+// Binds the arguments to a new Options, and makes an action of run(options).
+template <typename Options>
+Action actionOf(const std::shared_ptr<Options>& options, int (*run)(const Options&)) {
+  return [options, run] { return run(*options); };
+}
+
+}  // namespace qvdb::tool
+
+#endif

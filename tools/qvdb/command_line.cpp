@@ -1,0 +1,250 @@
+// Reads the command line. The only file that knows the library for it.
+//
+// Each command's help is laid out like a manual page: usage, description, arguments, options,
+// examples, exit status.
+#include "qvdb/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <sstream>
+
+#include "qvdb/commands.h"
+#include "qvdb/failure.h"
+#include "qvdb/output.h"
+
+namespace qvdb::tool {
+
+// One command under construction: the library's object, and what its help is made of.
+class Arguments::Parser {
+ public:
+  Parser(CLI::App* app, const Command& command) : app_(app), command_(command) {}
+
+  CLI::App* app() { return app_; }
+
+  void describeArgument(const std::string& usage, const char* name, const char* help) {
+    usage_ += " " + usage;
+    arguments_.push_back({name, help});
+  }
+  void describeOption(const std::string& names, const char* valueName, const char* help) {
+    std::string left = names;
+    const std::size_t comma = left.find(',');
+    if (comma != std::string::npos) left.insert(comma + 1, " ");
+    if (valueName != nullptr) left += std::string(" ") + valueName;
+    options_.push_back({left, help});
+  }
+
+  std::string help() const;
+
+ private:
+  struct Entry {
+    std::string left;
+    std::string help;
+  };
+  static void section(std::ostream& out, const char* title, const std::vector<Entry>& entries);
+
+  CLI::App* app_;
+  const Command& command_;
+  std::string usage_;
+  std::vector<Entry> arguments_;
+  std::vector<Entry> options_;
+};
+
+namespace {
+
+constexpr std::size_t kWidth = 79;
+constexpr std::size_t kHelpColumn = 10;
+
+// Words of a paragraph, broken into lines with an indentation.
+void wrap(std::ostream& out, const std::string& text, std::size_t indent) {
+  std::istringstream words(text);
+  std::string line(indent, ' ');
+  std::string word;
+  bool isEmpty = true;
+  while (words >> word) {
+    if (!isEmpty && line.size() + 1 + word.size() > kWidth) {
+      out << line << '\n';
+      line.assign(indent, ' ');
+      isEmpty = true;
+    }
+    if (!isEmpty) line += ' ';
+    line += word;
+    isEmpty = false;
+  }
+  if (!isEmpty) out << line << '\n';
+}
+
+void paragraphs(std::ostream& out, const std::string& text, std::size_t indent) {
+  std::size_t from = 0;
+  while (from < text.size()) {
+    const std::size_t end = std::min(text.find("\n\n", from), text.size());
+    if (from != 0) out << '\n';
+    wrap(out, text.substr(from, end - from), indent);
+    from = end + 2;
+  }
+}
+
+std::string overview() {
+  std::ostringstream out;
+  out << "qvdb - create, inspect, fill and empty QVDbase database files\n\n"
+         "USAGE\n  qvdb COMMAND [ARGUMENT]...\n  qvdb COMMAND --help\n\nCOMMANDS\n";
+  for (const Command* command : allCommands()) {
+    out << "  " << command->name
+        << std::string(12 - std::min<std::size_t>(11, std::string_view(command->name).size()), ' ')
+        << command->summary << '\n';
+  }
+  out << "\nA TABLE is named by its name or its identifier, a RECORD by its identifier or, in a\n"
+         "table of imported files, by its file's name. Identifiers are written as 0x and\n"
+         "hexadecimal digits, or in decimal.\n\n"
+         "OPTIONS\n  -h, --help    show this help, or that of a command\n"
+         "  --version     show the version\n\n"
+         "EXAMPLES\n"
+         "  qvdb create photos.qvd\n"
+         "  qvdb import photos.qvd holiday ~/Pictures/holiday/\n"
+         "  qvdb records photos.qvd holiday\n"
+         "  qvdb export photos.qvd holiday /mnt/copy\n\n"
+         "EXIT STATUS\n  0  done\n  1  failed, or what was asked for is not there\n"
+         "  2  wrong usage\n";
+  return out.str();
+}
+
+std::uint64_t numberOf(const std::string& name, const std::string& text) {
+  std::uint64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) {
+    throw CLI::ValidationError(name, "'" + text + "' is not a number");
+  }
+  return value;
+}
+
+std::string withoutDashes(const char* names) {
+  const std::string all = names;
+  return all.substr(all.rfind(',') + 1);
+}
+
+}  // namespace
+
+std::string Arguments::Parser::help() const {
+  std::ostringstream out;
+  out << "qvdb " << command_.name << " - " << command_.summary << "\n\nUSAGE\n  qvdb "
+      << command_.name << (options_.empty() ? "" : " [OPTION]...") << usage_ << "\n\nDESCRIPTION\n";
+  paragraphs(out, command_.description, 2);
+  section(out, "ARGUMENTS", arguments_);
+  std::vector<Entry> options = options_;
+  options.push_back({"-h, --help", "Show this help."});
+  section(out, "OPTIONS", options);
+  out << "\nEXAMPLES\n";
+  std::istringstream lines(command_.examples);
+  for (std::string line; std::getline(lines, line);) out << "  " << line << '\n';
+  out << "\nEXIT STATUS\n  0  done\n  1  failed, or what was asked for is not there\n"
+         "  2  wrong usage\n";
+  return out.str();
+}
+
+void Arguments::Parser::section(std::ostream& out, const char* title,
+                                const std::vector<Entry>& entries) {
+  if (entries.empty()) return;
+  out << '\n' << title << '\n';
+  for (const Entry& entry : entries) {
+    out << "  " << entry.left << '\n';
+    wrap(out, entry.help, kHelpColumn);
+  }
+}
+
+void Arguments::argument(const char* name, std::string& value, const char* help) {
+  parser_.app()->add_option(name, value)->required();
+  parser_.describeArgument(name, name, help);
+}
+
+void Arguments::optionalArgument(const char* name, std::optional<std::string>& value,
+                                 const char* help) {
+  parser_.app()->add_option_function<std::string>(
+      name, [&value](const std::string& text) { value = text; });
+  parser_.describeArgument("[" + std::string(name) + "]", name, help);
+}
+
+void Arguments::arguments(const char* name, std::vector<std::string>& values, int atLeast,
+                          const char* help) {
+  auto* option = parser_.app()->add_option(name, values);
+  if (atLeast > 0) option->required()->expected(atLeast, 1 << 28);
+  const std::string usage = std::string(name) + "...";
+  parser_.describeArgument(atLeast > 0 ? usage : "[" + usage + "]", name, help);
+}
+
+void Arguments::option(const char* names, const char* valueName, std::optional<std::string>& value,
+                       const char* help) {
+  parser_.app()->add_option_function<std::string>(
+      names, [&value](const std::string& text) { value = text; });
+  parser_.describeOption(names, valueName, help);
+}
+
+void Arguments::option(const char* names, const char* valueName,
+                       std::optional<std::uint64_t>& value, const char* help) {
+  parser_.app()->add_option_function<std::string>(
+      names, [&value, name = withoutDashes(names)](const std::string& text) {
+        value = numberOf(name, text);
+      });
+  parser_.describeOption(names, valueName, help);
+}
+
+void Arguments::flag(const char* names, bool& value, const char* help) {
+  parser_.app()->add_flag(names, value);
+  parser_.describeOption(names, nullptr, help);
+}
+
+void Arguments::json(bool& value) {
+  flag("--json", value, "Print JSON, in ASCII, for other programs to read.");
+}
+
+void Arguments::force(bool& value, const char* help) {
+  flag("-f,--force", value, help);
+}
+
+std::optional<Action> readCommandLine(int argc, const char* const* argv) {
+  std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+  if (words.size() == 1 && words[0] == "help") words[0] = "--help";
+  if (words.size() == 2 && words[0] == "help") words = {words[1], "--help"};
+
+  CLI::App app("", "qvdb");
+  app.set_version_flag("--version", "qvdb " QVDB_VERSION);
+  app.formatter_fn([](const CLI::App*, std::string, CLI::AppFormatMode) { return overview(); });
+  app.require_subcommand(0, 1);
+
+  std::vector<std::unique_ptr<Arguments::Parser>> parsers;
+  std::vector<Action> actions;
+  for (const Command* command : allCommands()) {
+    CLI::App* sub = app.add_subcommand(command->name, command->summary);
+    auto parser = std::make_unique<Arguments::Parser>(sub, *command);
+    Arguments arguments(*parser);
+    actions.push_back(command->define(arguments));
+    sub->formatter_fn(
+        [p = parser.get()](const CLI::App*, std::string, CLI::AppFormatMode) { return p->help(); });
+    parsers.push_back(std::move(parser));
+  }
+
+  const std::string named = words.empty() ? "" : words[0];
+  try {
+    std::reverse(words.begin(), words.end());
+    app.parse(words);
+  } catch (const CLI::CallForHelp&) {
+    print(app.help());
+    return std::nullopt;
+  } catch (const CLI::CallForVersion& version) {
+    printLine(version.what());
+    return std::nullopt;
+  } catch (const CLI::ParseError& error) {
+    const auto chosen = app.get_subcommands();
+    const std::string help =
+        chosen.empty() ? "qvdb --help" : "qvdb " + chosen[0]->get_name() + " --help";
+    if (chosen.empty() && !named.empty() && named[0] != '-') {
+      throw wrongUsage("there is no command '" + named + "'; see '" + help + "'");
+    }
+    throw wrongUsage(std::string(error.what()) + "; see '" + help + "'");
+  }
+  for (std::size_t i = 0; i < actions.size(); ++i) {
+    if (parsers[i]->app()->parsed()) return actions[i];
+  }
+  throw wrongUsage("no command was given; see 'qvdb --help'");
+}
+
+}  // namespace qvdb::tool

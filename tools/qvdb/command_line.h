@@ -1,0 +1,17 @@
+// Reads the command line: picks the command, fills its arguments, or shows help.
+#ifndef QVDB_TOOL_COMMAND_LINE_H
+#define QVDB_TOOL_COMMAND_LINE_H
+
+#include <optional>
+
+#include "qvdb/command.h"
+
+namespace qvdb::tool {
+
+// The action of the command that was named. Nothing when help or the version was asked for and has
+// been printed. Throws Failure (wrong usage).
+std::optional<Action> readCommandLine(int argc, const char* const* argv);
+
+}  // namespace qvdb::tool
+
+#endif

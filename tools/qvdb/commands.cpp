@@ -1,0 +1,15 @@
+// The list of commands.
+#include "qvdb/commands.h"
+
+namespace qvdb::tool {
+
+std::span<const Command* const> allCommands() {
+  static constexpr const Command* kAll[] = {
+      &kCreateCommand, &kInfoCommand,   &kTablesCommand, &kAddTableCommand, &kRecordsCommand,
+      &kGetCommand,    &kPutCommand,    &kSetCommand,    &kRmCommand,       &kTouchCommand,
+      &kDataCommand,   &kImportCommand, &kExportCommand, &kStatCommand,
+  };
+  return kAll;
+}
+
+}  // namespace qvdb::tool

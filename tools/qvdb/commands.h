@@ -1,0 +1,31 @@
+// All commands of the tool, in the order in which the help lists them.
+#ifndef QVDB_TOOL_COMMANDS_H
+#define QVDB_TOOL_COMMANDS_H
+
+#include <span>
+
+#include "qvdb/command.h"
+
+namespace qvdb::tool {
+
+std::span<const Command* const> allCommands();
+
+// One to a file of the same name.
+extern const Command kCreateCommand;
+extern const Command kInfoCommand;
+extern const Command kTablesCommand;
+extern const Command kAddTableCommand;
+extern const Command kRecordsCommand;
+extern const Command kGetCommand;
+extern const Command kPutCommand;
+extern const Command kSetCommand;
+extern const Command kRmCommand;
+extern const Command kTouchCommand;
+extern const Command kDataCommand;
+extern const Command kImportCommand;
+extern const Command kExportCommand;
+extern const Command kStatCommand;
+
+}  // namespace qvdb::tool
+
+#endif

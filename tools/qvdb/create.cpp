@@ -1,0 +1,60 @@
+// qvdb create: makes an empty database.
+#include <algorithm>
+
+#include "qvdb/commands.h"
+#include "qvdb/failure.h"
+#include "qvdb/output.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::optional<std::string> signature;
+  std::optional<std::uint64_t> version;
+  bool force = false;
+};
+
+int run(const Options& options) {
+  CreateOptions create;
+  create.overwrite = options.force;
+  if (options.signature) {
+    if (options.signature->size() != create.signature.size()) {
+      throw wrongUsage("--signature takes 4 bytes; the first is Q or q, the second V or v");
+    }
+    std::copy(options.signature->begin(), options.signature->end(), create.signature.begin());
+  }
+  if (options.version) {
+    if (*options.version < 100 || *options.version > 199) {
+      throw wrongUsage("--db-version takes a number from 100 to 199");
+    }
+    create.version = static_cast<std::uint16_t>(*options.version);
+  }
+  const Database database = Database::create(options.file, create);
+  printLine(to_string(database.info().id));
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, "The database file to make. Missing folders are made.");
+  arguments.option("--signature", "TEXT", options->signature,
+                   "The four bytes that the file begins with: Q or q, V or v, and two of your own "
+                   "choice. Default: QVdb.");
+  arguments.option("--db-version", "NUMBER", options->version,
+                   "The version that the file states, 100 to 199. Default: 100.");
+  arguments.force(options->force, "Empty a file that is there already. One in use stays as it is.");
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kCreateCommand = {
+    "create", "make an empty database",
+    "Makes a new database file without tables and prints its identifier. A file that is there "
+    "already is left alone unless --force is given; an empty file is taken over.",
+    "qvdb create notes.qvd\n"
+    "qvdb create --signature QVx1 --force notes.qvd",
+    define};
+
+}  // namespace qvdb::tool

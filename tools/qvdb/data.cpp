@@ -1,0 +1,83 @@
+// qvdb data: reads or sets a table's block of data.
+#include <limits>
+
+#include "qvdb/commands.h"
+#include "qvdb/delivery.h"
+#include "qvdb/imported_files.h"
+#include "qvdb/input.h"
+#include "qvdb/locate.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::optional<std::string> set;
+  std::optional<std::uint64_t> reserve;
+  DeliveryOptions delivery;
+};
+
+int setData(const Options& options) {
+  const std::uint64_t reserve = options.reserve.value_or(0);
+  if (reserve > std::numeric_limits<std::uint32_t>::max()) {
+    throw wrongUsage("--reserve takes at most 4294967295 bytes");
+  }
+  Database database = openToWrite(options.file);
+  Table table = findTable(database, options.table);
+  std::byte start[8] = {};
+  const std::size_t got = table.read_data(0, start);
+  if (!options.delivery.force && ImportedFiles::isOurs(std::span(start).first(got))) {
+    throw Failure(options.file + ": the data of table '" + table.name() +
+                  "' holds the names of imported files; use --force to replace it");
+  }
+  table.set_data(readInput(*options.set), static_cast<std::uint32_t>(reserve));
+  return kDone;
+}
+
+int run(const Options& options) {
+  if (options.set) return setData(options);
+  if (options.reserve) throw wrongUsage("--reserve goes with --set");
+  const Database database = openToRead(options.file);
+  const Table table = findTable(database, options.table);
+  if (!table.data_size()) {
+    throw Failure(options.file + ": table '" + table.name() +
+                  "' has no data; 'qvdb data --set' gives it some");
+  }
+  deliver([&](std::uint64_t offset,
+              std::span<std::byte> buffer) { return table.read_data(offset, buffer); },
+          options.delivery);
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.option("-s,--set", "PATH", options->set,
+                   "Store this file as the table's data; '-' is standard input.");
+  arguments.option("--reserve", "BYTES", options->reserve,
+                   "With --set: keep at least this much room, so that the data can grow in place.");
+  arguments.option("-o,--output", "PATH", options->delivery.output,
+                   "Write to this file, which must not exist yet; '-' is standard output.");
+  arguments.force(options->delivery.force,
+                  "Replace the output file if it exists; with --set, replace the names of imported "
+                  "files.");
+  arguments.flag("--raw", options->delivery.raw,
+                 "Show the data on a terminal even if it is not plain text.");
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kDataCommand = {
+    "data", "read or set a table's block of data",
+    "Besides its records a table can carry one block of bytes of its own. Without --set it is "
+    "written to standard output or to a file, and the database is only read; with --set it is "
+    "replaced. A table without data gives status 1.",
+    "qvdb data notes.qvd letters\n"
+    "qvdb data notes.qvd letters --set description.json\n"
+    "qvdb data notes.qvd letters --output description.json",
+    define};
+
+}  // namespace qvdb::tool

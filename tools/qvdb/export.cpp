@@ -1,0 +1,185 @@
+// qvdb export: writes the records of a table back as files.
+//
+// Folders come first, then the files in the order of the records, then symbolic links, and last the
+// permissions and times of folders: so no file is ever written through a link that came from the
+// database, and a folder that must not be written to is closed only when it is full.
+#include <sys/stat.h>
+
+#include <unordered_map>
+
+#include "qvdb/commands.h"
+#include "qvdb/folder_writer.h"
+#include "qvdb/imported_files.h"
+#include "qvdb/interrupt.h"
+#include "qvdb/locate.h"
+#include "qvdb/output.h"
+#include "qvdb/progress.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::string folder;
+  bool force = false;
+  bool byId = false;
+};
+
+class Exporter {
+ public:
+  Exporter(const Table& table, std::optional<ImportedFiles> files, FolderWriter& writer)
+      : table_(table), files_(std::move(files)), writer_(writer) {
+    if (files_) isWritten_.resize(files_->list().size());
+  }
+
+  // Throws Failure when anything that will be written is there already.
+  void check();
+  void run();
+  std::string summary() const;
+  std::uint64_t namesWithoutRecord() const;
+
+ private:
+  // Calls take(file, record) for all records, in order.
+  template <typename Take>
+  void forEachFile(Take take);
+  ImportedFile fileOf(const Record& record);
+  template <typename Take>
+  void forEachNamed(FileKind kind, Take take);
+
+  const Table& table_;
+  std::optional<ImportedFiles> files_;
+  FolderWriter& writer_;
+  std::vector<bool> isWritten_;            // of each imported file
+  std::unordered_map<Id, unsigned> byId_;  // files named by identifier, and how many of each
+  std::uint64_t filesDone_ = 0;
+  std::uint64_t bytesDone_ = 0;
+};
+
+template <typename Take>
+void Exporter::forEachNamed(FileKind kind, Take take) {
+  if (!files_) return;
+  for (const ImportedFile& file : files_->list()) {
+    throwIfInterrupted();
+    if (file.kind == kind) take(file);
+  }
+}
+
+// The name that the record was imported under, or one made of its identifier. Further records of
+// the same identifier get numbers.
+ImportedFile Exporter::fileOf(const Record& record) {
+  if (files_) {
+    const auto index = files_->find(record.id());
+    if (index && !isWritten_[*index]) {
+      isWritten_[*index] = true;
+      return files_->list()[*index];
+    }
+  }
+  ImportedFile file;
+  file.record = record.id();
+  file.mode = 0644;
+  file.seconds = record.info().modify_time;
+  file.name = to_string(record.id());
+  const unsigned number = ++byId_[record.id()];
+  if (number > 1) file.name += "-" + std::to_string(number);
+  return file;
+}
+
+template <typename Take>
+void Exporter::forEachFile(Take take) {
+  isWritten_.assign(isWritten_.size(), false);
+  byId_.clear();
+  for (const Record& record : table_.records()) {
+    throwIfInterrupted();
+    take(fileOf(record), record);
+  }
+}
+
+void Exporter::check() {
+  if (writer_.wasEmpty()) return;
+  const auto checkOne = [this](const ImportedFile& file) { writer_.check(file); };
+  forEachNamed(FileKind::folder, checkOne);
+  forEachNamed(FileKind::link, checkOne);
+  forEachFile([&](const ImportedFile& file, const Record&) { checkOne(file); });
+}
+
+void Exporter::run() {
+  Progress progress("exporting", table_.count(), "records");
+  forEachNamed(FileKind::folder,
+               [this](const ImportedFile& file) { writer_.makeFolder(file.name); });
+  forEachFile([&](const ImportedFile& file, const Record& record) {
+    writer_.writeFile(file, [&](std::uint64_t offset, std::span<std::byte> buffer) {
+      const std::size_t got = record.read(offset, buffer);
+      bytesDone_ += got;
+      return got;
+    });
+    ++filesDone_;
+    progress.step();
+  });
+  forEachNamed(FileKind::link, [this](const ImportedFile& file) { writer_.makeLink(file); });
+  if (!files_) return;
+  for (auto file = files_->list().rbegin(); file != files_->list().rend(); ++file) {
+    if (file->kind == FileKind::folder) writer_.finishFolder(*file);
+  }
+}
+
+std::uint64_t Exporter::namesWithoutRecord() const {
+  std::uint64_t count = 0;
+  for (std::size_t i = 0; i < isWritten_.size(); ++i) {
+    if (files_->list()[i].kind == FileKind::file && !isWritten_[i]) ++count;
+  }
+  return count;
+}
+
+std::string Exporter::summary() const {
+  return "exported " + counted(filesDone_, "file", "files") + ", " +
+         counted(bytesDone_, "byte", "bytes");
+}
+
+int run(const Options& options) {
+  const Database database = openToRead(options.file);
+  const Table table = findTable(database, options.table);
+  std::optional<ImportedFiles> files;
+  if (!options.byId) files = ImportedFiles::of(database, table);
+  FolderWriter writer(options.folder, options.force);
+  Exporter exporter(table, std::move(files), writer);
+  exporter.check();
+  exporter.run();
+  if (const std::uint64_t missing = exporter.namesWithoutRecord()) {
+    complain(options.file + ": " + counted(missing, "name has no record", "names have no record") +
+             " any more; nothing was written for " + (missing == 1 ? "it" : "them"));
+  }
+  printLine(exporter.summary());
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.argument("FOLDER", options->folder, "Where to write. It is made if it is missing.");
+  arguments.force(options->force, "Replace files that are in the folder already.");
+  arguments.flag("--by-id", options->byId,
+                 "Name all files by their records' identifiers and ignore the names of imported "
+                 "files.");
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kExportCommand = {
+    "export", "write records back as files",
+    "Writes each record of a table to a file in a folder. What 'qvdb import' stored gets its name, "
+    "permissions and time back, and its folders and symbolic links are made again; other records "
+    "are named by their identifiers. The database is only read.\n\n"
+    "Nothing is overwritten unless --force is given: if a file is in the way, nothing at all is "
+    "written. Nothing is ever written outside the folder: names that would lead out of it are an "
+    "error, and symbolic links in it are not followed.\n\n"
+    "Ctrl-C stops between two files and removes a half-written one.",
+    "qvdb export photos.qvd holiday /mnt/copy\n"
+    "diff -r ~/Pictures/holiday /mnt/copy\n"
+    "qvdb export --force photos.qvd holiday /mnt/copy",
+    define};
+
+}  // namespace qvdb::tool

@@ -1,0 +1,61 @@
+// How the tool fails.
+#include "qvdb/failure.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+
+Failure systemFailure(const std::string& path, const char* what) {
+  return Failure(path + ": cannot " + what + ": " + std::generic_category().message(errno));
+}
+
+std::string adviceFor(const Error& error) {
+  switch (error.reason()) {
+    case Reason::no_such_file:
+      return "check the path, or make a database with 'qvdb create'";
+    case Reason::not_a_file:
+      return "give the path of a database file";
+    case Reason::file_exists:
+      return "choose another name, or use --force to replace it";
+    case Reason::access_denied:
+      return "check the permissions of the file and its folder";
+    case Reason::in_use:
+      return "wait until the other program has closed it";
+    case Reason::not_a_database:
+      return "give the path of a database file";
+    case Reason::version_out_of_range:
+      return "'qvdb info' shows what the file says of itself";
+    case Reason::directory_damaged:
+    case Reason::chain_damaged:
+    case Reason::data_damaged:
+      return "make a copy of the file before you do anything else with it";
+    case Reason::bad_name:
+    case Reason::name_too_long:
+      return "choose a name of 1 to 32 bytes";
+    case Reason::table_missing:
+      return "'qvdb tables' lists the tables";
+    case Reason::table_exists:
+      return "choose another name";
+    case Reason::directory_full:
+      return "use another database for more tables";
+    case Reason::empty_payload:
+      return "'qvdb rm' deletes a record";
+    case Reason::disk_full:
+      return "make room and try again";
+    default:
+      return {};
+  }
+}
+
+void complain(const std::string& message) {
+  const std::string line = "qvdb: " + escaped(message) + "\n";
+  // Where standard error cannot be written there is nobody left to tell.
+  static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
+}
+
+}  // namespace qvdb::tool

@@ -1,0 +1,38 @@
+// Lists the files, folders and symbolic links that an import takes in.
+#ifndef QVDB_TOOL_FILE_TREE_H
+#define QVDB_TOOL_FILE_TREE_H
+
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "qvdb/imported_files.h"
+
+namespace qvdb::tool {
+
+struct FoundFile {
+  ImportedFile file;  // without a record
+  std::string path;   // where it is now; empty for a folder or a link, which are not read again
+  std::uint64_t size = 0;  // when it was looked at
+};
+
+struct FileTree {
+  std::vector<FoundFile> files;  // folders before what is in them, each folder in order of names
+  std::vector<std::string> leftOut;  // what is neither file nor folder nor link, and the database
+};
+
+// Lists PATHs with everything below them. A PATH gives its last part as the first part of the
+// names; one that ends in '/' or '/.', or is '.', stands for what is in the folder. Symbolic links
+// are not followed (except such a PATH), folders of other file systems are entered.
+//
+// `database` is left out where it lies among the files. Throws Failure when a path cannot be read,
+// and when two of them give the same name; Interrupted.
+FileTree listFiles(const std::vector<std::string>& paths, const std::string& database);
+
+// What the system tells of a file, in our form.
+ImportedFile propertiesOf(const struct stat& status, std::string name);
+
+}  // namespace qvdb::tool
+
+#endif

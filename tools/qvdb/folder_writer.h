@@ -1,0 +1,55 @@
+// Writes files into a folder, and nowhere else, whatever their names say.
+//
+// Every step goes from folder to folder by open descriptors and follows no symbolic link, so that
+// neither a name nor a link, one that was there or one that was just written, leads out of it.
+#ifndef QVDB_TOOL_FOLDER_WRITER_H
+#define QVDB_TOOL_FOLDER_WRITER_H
+
+#include <string>
+#include <string_view>
+
+#include "qvdb/delivery.h"
+#include "qvdb/imported_files.h"
+#include "qvdb/input.h"
+
+namespace qvdb::tool {
+
+class FolderWriter {
+ public:
+  // Opens the folder, which may be a symbolic link, or makes it. Throws Failure.
+  FolderWriter(const std::string& path, bool force);
+
+  // Whether nothing was in the folder when it was opened.
+  bool wasEmpty() const { return wasEmpty_; }
+
+  // Throws Failure when the name is not safe, or something is in the way: anything for a file or a
+  // link (unless force is set and it is no folder), anything but a folder for a folder.
+  void check(const ImportedFile& file);
+
+  // Each throws Failure; a half-written file is removed. Folders that a name goes through are made
+  // where they are missing.
+  void makeFolder(const std::string& name);
+  void writeFile(const ImportedFile& file, const PieceReader& read);
+  void makeLink(const ImportedFile& file);
+
+  // Sets permissions and times of a folder: to be done last, and from the bottom up.
+  void finishFolder(const ImportedFile& file);
+
+ private:
+  // Goes to the folder that the name lies in; the last part of the name is returned.
+  std::string enterParent(const std::string& name, bool make);
+  Descriptor openFolder(int from, const std::string& part, const std::string& name, bool make);
+  std::string pathOf(std::string_view name) const;
+
+  std::string path_;
+  bool force_;
+  bool wasEmpty_ = false;
+  Descriptor root_;
+  Descriptor parent_;
+  std::string parentName_;  // with a '/' at its end; empty for the root
+  bool hasParent_ = false;
+};
+
+}  // namespace qvdb::tool
+
+#endif

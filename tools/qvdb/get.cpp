@@ -1,0 +1,52 @@
+// qvdb get: hands out a record's payload.
+#include "qvdb/commands.h"
+#include "qvdb/delivery.h"
+#include "qvdb/locate.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::string record;
+  DeliveryOptions delivery;
+};
+
+int run(const Options& options) {
+  const Database database = openToRead(options.file);
+  const Table table = findTable(database, options.table);
+  const Id id = recordId(database, table, options.record);
+  const auto record = table.find(id);
+  if (!record) throw noSuchRecord(database, table, id);
+  deliver([&](std::uint64_t offset,
+              std::span<std::byte> buffer) { return record->read(offset, buffer); },
+          options.delivery);
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.argument("RECORD", options->record, kRecordHelp);
+  arguments.option("-o,--output", "PATH", options->delivery.output,
+                   "Write to this file, which must not exist yet; '-' is standard output.");
+  arguments.force(options->delivery.force, "Replace the output file if it exists.");
+  arguments.flag("--raw", options->delivery.raw,
+                 "Show the payload on a terminal even if it is not plain text.");
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kGetCommand = {
+    "get", "hand out a record's payload",
+    "Writes the payload of a record, byte for byte, to standard output or to a file. On a terminal "
+    "only plain text is shown unless --raw is given. The database is only read.",
+    "qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978\n"
+    "qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978 --output letter.pdf\n"
+    "qvdb get photos.qvd holiday beach/IMG1.jpg | display -",
+    define};
+
+}  // namespace qvdb::tool

@@ -1,0 +1,293 @@
+// qvdb import: stores files and folders as records, and their names in the table's data.
+//
+// The order of the work decides what an interruption leaves behind. Everything is listed and
+// checked first. Then the names of all new files are stored, with the identifiers that their
+// records are going to have, and then the records, one by one. So a record never stands without its
+// name; names whose records never came are passed over by everything that reads them, and a new
+// import of the same files fills them in. An import that is interrupted politely takes such names
+// back before it ends.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <unordered_map>
+
+#include "qvdb/commands.h"
+#include "qvdb/file_tree.h"
+#include "qvdb/imported_files.h"
+#include "qvdb/input.h"
+#include "qvdb/interrupt.h"
+#include "qvdb/locate.h"
+#include "qvdb/output.h"
+#include "qvdb/progress.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::vector<std::string> paths;
+  bool replace = false;
+};
+
+class Importer {
+ public:
+  Importer(Database& database, Table& table, ImportedFiles names, bool replace)
+      : database_(database), table_(table), names_(std::move(names)), replace_(replace) {}
+
+  // Decides for each file whether it is new. Throws Failure, with nothing changed, when one is
+  // there already and must not be replaced.
+  void check(const FileTree& tree);
+
+  // Stores everything.
+  void run(const FileTree& tree);
+
+  std::string summary() const;
+
+ private:
+  static constexpr std::size_t kNew = ~std::size_t{0};
+
+  void loadRecords();
+  void storeNames();
+  void addNames(const FileTree& tree);
+  void store(const FoundFile& found, std::size_t index);
+  void replaceRecord(const Record& record, std::size_t index);
+  void noteProperties(const FoundFile& found, std::size_t index, const struct stat& status);
+  [[noreturn]] void stop(std::size_t firstMissing, const FileTree& tree);
+
+  Database& database_;
+  Table& table_;
+  ImportedFiles names_;
+  bool replace_;
+  bool areRecordsLoaded_ = false;
+  bool namesHaveChanged_ = false;
+  std::unordered_map<Id, Record> records_;  // those that stand under the names that we had
+  std::vector<std::size_t> places_;         // of each file in names_, or kNew
+  std::size_t hadNames_ = 0;
+  std::vector<std::byte> buffer_;
+  std::uint64_t files_ = 0;
+  std::uint64_t folders_ = 0;
+  std::uint64_t links_ = 0;
+  std::uint64_t bytes_ = 0;
+};
+
+// The records that have names: a name without its record is one that an import did not come to.
+void Importer::loadRecords() {
+  if (areRecordsLoaded_) return;
+  areRecordsLoaded_ = true;
+  for (const Record& record : table_.records()) {
+    throwIfInterrupted();
+    if (names_.find(record.id())) records_.emplace(record.id(), record);
+  }
+}
+
+void Importer::check(const FileTree& tree) {
+  hadNames_ = names_.list().size();
+  std::uint64_t clashes = 0;
+  std::string first;
+  for (const FoundFile& found : tree.files) {
+    const auto there = names_.find(found.file.name);
+    places_.push_back(there.value_or(kNew));
+    if (!there) continue;
+    const ImportedFile& old = names_.list()[*there];
+    if (old.kind != found.file.kind) {
+      throw Failure(database_.path().native() + ": '" + found.file.name +
+                    "' is of another kind in table '" + table_.name() +
+                    "'; import into another table");
+    }
+    if (old.kind == FileKind::file) loadRecords();
+    const bool isThere =
+        old.kind == FileKind::link || (old.kind == FileKind::file && records_.contains(old.record));
+    if (isThere && clashes++ == 0) first = found.file.name;
+  }
+  if (clashes == 0 || replace_) return;
+  throw Failure(database_.path().native() + ": table '" + table_.name() + "' has '" + first + "'" +
+                (clashes > 1 ? " and " + counted(clashes - 1, "other file", "other files") : "") +
+                " already; use --replace to renew what is there");
+}
+
+// Names only ever grow by a half more than needed, so that many small imports into one table do not
+// copy all names each time.
+void Importer::storeNames() {
+  const std::uint64_t size = names_.bytes().size();
+  const auto present = table_.data_size();
+  const std::uint64_t reserve = present ? size + size / 2 : size;
+  table_.set_data(names_.bytes(),
+                  static_cast<std::uint32_t>(std::min<std::uint64_t>(reserve, 0xFFFFFFFF)));
+}
+
+void Importer::addNames(const FileTree& tree) {
+  bool hasNew = false;
+  for (std::size_t i = 0; i < tree.files.size(); ++i) {
+    ImportedFile file = tree.files[i].file;
+    const std::size_t place = places_[i];
+    const bool isChangedLink =
+        place != kNew && file.kind == FileKind::link && names_.list()[place].target != file.target;
+    if (place != kNew && !isChangedLink) continue;
+    if (isChangedLink) names_.remove(place);
+    if (file.kind == FileKind::file) file.record = new_id();
+    places_[i] = names_.list().size();
+    names_.add(std::move(file));
+    hasNew = true;
+  }
+  if (hasNew || hadNames_ == 0) storeNames();
+}
+
+void Importer::run(const FileTree& tree) {
+  addNames(tree);
+  Progress progress("importing", tree.files.size(), "files");
+  for (std::size_t i = 0; i < tree.files.size(); ++i) {
+    if (isInterrupted()) stop(i, tree);
+    try {
+      store(tree.files[i], places_[i]);
+    } catch (const Interrupted&) {
+      stop(i, tree);
+    } catch (...) {
+      // What is not stored must not be named; but the failure is what the user has to hear.
+      try {
+        stop(i, tree);
+      } catch (...) {
+      }
+      throw;
+    }
+    progress.step();
+  }
+  if (namesHaveChanged_) storeNames();
+}
+
+void Importer::store(const FoundFile& found, std::size_t index) {
+  const ImportedFile& name = names_.list()[index];
+  if (name.kind != FileKind::file) {
+    ++(name.kind == FileKind::folder ? folders_ : links_);
+    struct stat none = {};
+    return noteProperties(found, index, none);
+  }
+  const Descriptor file(::open(found.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (!file) throw systemFailure(found.path, "open");
+  struct stat status = {};
+  if (::fstat(file.number(), &status) != 0) throw systemFailure(found.path, "look at it");
+  if (!S_ISREG(status.st_mode)) throw Failure(found.path + ": is no file any more");
+  readAll(file.number(), found.path, &buffer_);
+
+  const auto old = records_.find(name.record);
+  if (old != records_.end()) {
+    replaceRecord(old->second, index);
+  } else {
+    table_.add_with_id(name.record, buffer_);
+  }
+  noteProperties(found, index, status);
+  ++files_;
+  bytes_ += buffer_.size();
+}
+
+// A record cannot be changed to hold nothing: an empty file gets a new record.
+void Importer::replaceRecord(const Record& record, std::size_t index) {
+  if (!buffer_.empty()) {
+    if (!table_.modify(record, buffer_)) throw noSuchRecord(database_, table_, record.id());
+    return;
+  }
+  if (record.size() == 0) return;
+  ImportedFile renewed = names_.list()[index];
+  table_.remove(record);
+  renewed.record = new_id();
+  names_.update(index, renewed);
+  namesHaveChanged_ = true;
+  table_.add_with_id(renewed.record, buffer_);
+}
+
+// Mode and times as they are now: those of a file when it was read, those of others when they were
+// listed.
+void Importer::noteProperties(const FoundFile& found, std::size_t index,
+                              const struct stat& status) {
+  const ImportedFile& old = names_.list()[index];
+  ImportedFile now = found.file;
+  if (now.kind == FileKind::file) now = propertiesOf(status, found.file.name);
+  now.record = old.record;
+  if (now.mode == old.mode && now.seconds == old.seconds && now.nanoseconds == old.nanoseconds) {
+    return;
+  }
+  names_.update(index, now);
+  namesHaveChanged_ = true;
+}
+
+// Takes back the names of what was not stored.
+void Importer::stop(std::size_t firstMissing, const FileTree& tree) {
+  for (std::size_t i = firstMissing; i < tree.files.size(); ++i) {
+    if (places_[i] < hadNames_) continue;
+    names_.cut(places_[i]);  // new names stand in the order of the files
+    break;
+  }
+  storeNames();
+  throw Failure("interrupted: " + counted(firstMissing, "file is", "files are") + " stored, " +
+                std::to_string(tree.files.size() - firstMissing) +
+                " are not; the database is sound, and importing again with --replace completes it");
+}
+
+std::string Importer::summary() const {
+  return "imported " + counted(files_, "file", "files") + ", " +
+         counted(folders_, "folder", "folders") + " and " +
+         counted(links_, "symbolic link", "symbolic links") + ", " +
+         counted(bytes_, "byte", "bytes");
+}
+
+ImportedFiles namesOf(const Database& database, const Table& table) {
+  if (auto files = ImportedFiles::of(database, table)) return *std::move(files);
+  if (table.data_size().value_or(0) == 0) return {};
+  throw Failure(
+      database.path().native() + ": table '" + table.name() +
+      "' has data of its own, where the names would have to go; import into another table");
+}
+
+int run(const Options& options) {
+  Database database = openToWrite(options.file);
+  const FileTree tree = listFiles(options.paths, options.file);
+  for (const std::string& path : tree.leftOut) complain("left out: " + path);
+
+  std::optional<Table> table = database.find_table(options.table);
+  if (!table && parse_id(options.table)) table = findTable(database, options.table);
+  if (!table) table = database.add_table(options.table);
+  Importer importer(database, *table, namesOf(database, *table), options.replace);
+  importer.check(tree);
+  throwIfInterrupted();
+  importer.run(tree);
+  printLine(importer.summary());
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table,
+                     "The table to fill: its name, or its identifier. A name that no table has "
+                     "makes a new table.");
+  arguments.arguments("PATH", options->paths, 1,
+                      "Files and folders to import. A PATH that ends in '/' stands for what is in "
+                      "the folder.");
+  arguments.flag("-r,--replace", options->replace,
+                 "Renew files that the table has already, each in its record.");
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kImportCommand = {
+    "import", "store files and folders as records",
+    "Stores each file, also in folders below, as a record of its own. The names, and the folders, "
+    "symbolic links, permissions and times, go to the table's data, from where 'qvdb export' "
+    "restores them. Names are relative: 'import ... photos' names the files photos/..., while "
+    "'photos/' and '.' leave that out.\n\n"
+    "More can be imported into the same table later. A file whose name is in the table already is "
+    "an error, found before anything is changed, unless --replace is given; then it takes the "
+    "place of the old one. Files that are gone from a folder stay in the table.\n\n"
+    "Sockets, pipes, devices and the database itself are left out, with a line on standard error. "
+    "Owners, access lists and hard links are not kept. A file can have 4,294,967,295 bytes at "
+    "most; memory is needed for the largest file, and for the names.\n\n"
+    "Ctrl-C stops between two files and leaves a sound database.",
+    "qvdb create photos.qvd && qvdb import photos.qvd holiday ~/Pictures/holiday/\n"
+    "qvdb import --replace photos.qvd holiday ~/Pictures/holiday/\n"
+    "qvdb import src.qvd project src include README.md",
+    define};
+
+}  // namespace qvdb::tool

@@ -1,0 +1,254 @@
+// The names and properties of imported files.
+//
+// The block: "QVfiles" and the format's version 1; then entries until the end, each of
+//   1  kind: 'f' file, 'd' folder, 'l' symbolic link, '-' removed
+//   2  permission bits
+//   8  time of last modification: seconds since 1970, signed
+//   4  and nanoseconds
+//   8  the record's identifier; 0 for a folder or a link
+//   n  how many bytes the name shares with the beginning of the entry's before
+//   n  how many bytes follow of it, and these
+//   n  how many bytes the link's target has, and these; 0 for others
+// Integers most significant byte first; n is a number in groups of 7 bits, least significant group
+// first, the top bit set in all bytes but the last.
+#include "qvdb/imported_files.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "qvdb/failure.h"
+
+namespace qvdb::tool {
+namespace {
+
+constexpr char kMark[8] = {'Q', 'V', 'f', 'i', 'l', 'e', 's', 1};
+constexpr std::size_t kFixedSize = 23;
+
+// Names that share their beginnings take little room in the block, and much more in memory. No real
+// folder comes near this; a hostile block could fill all memory otherwise.
+constexpr std::uint64_t kLargestExpansion = 64;
+
+void putNumber(std::uint64_t value, int width, std::byte* to) {
+  for (int i = width - 1; i >= 0; --i) {
+    to[i] = static_cast<std::byte>(value & 0xFF);
+    value >>= 8;
+  }
+}
+
+void appendCount(std::size_t value, std::vector<std::byte>* to) {
+  while (value >= 0x80) {
+    to->push_back(static_cast<std::byte>((value & 0x7F) | 0x80));
+    value >>= 7;
+  }
+  to->push_back(static_cast<std::byte>(value));
+}
+
+void appendText(std::string_view text, std::vector<std::byte>* to) {
+  const auto bytes = std::as_bytes(std::span(text));
+  to->insert(to->end(), bytes.begin(), bytes.end());
+}
+
+// Takes values from the front of a block; fails for good when it has too few bytes.
+class Reader {
+ public:
+  explicit Reader(std::span<const std::byte> data) : data_(data) {}
+
+  bool isAtEnd() const { return at_ == data_.size(); }
+  bool hasFailed() const { return failed_; }
+  std::size_t position() const { return at_; }
+
+  std::uint64_t number(int width) {
+    std::uint64_t value = 0;
+    for (int i = 0; i < width; ++i) value = value << 8 | next();
+    return value;
+  }
+
+  std::size_t count() {
+    std::uint64_t value = 0;
+    for (int shift = 0; shift < 35; shift += 7) {
+      const std::uint8_t byte = next();
+      value |= static_cast<std::uint64_t>(byte & 0x7F) << shift;
+      if (byte < 0x80) return static_cast<std::size_t>(value);
+    }
+    failed_ = true;
+    return 0;
+  }
+
+  std::string_view text(std::size_t size) {
+    if (size > data_.size() - at_) {
+      failed_ = true;
+      return {};
+    }
+    const auto* from = reinterpret_cast<const char*>(data_.data()) + at_;
+    at_ += size;
+    return {from, size};
+  }
+
+ private:
+  std::uint8_t next() {
+    if (at_ == data_.size()) {
+      failed_ = true;
+      return 0;
+    }
+    return static_cast<std::uint8_t>(data_[at_++]);
+  }
+
+  std::span<const std::byte> data_;
+  std::size_t at_ = 0;
+  bool failed_ = false;
+};
+
+bool isKind(char kind) {
+  return kind == '-' || kind == 'f' || kind == 'd' || kind == 'l';
+}
+
+// A target has no zero byte, and only a link, or one that was removed, has a target.
+bool isSoundEntry(const ImportedFile& file, char kind) {
+  if (!isKind(kind) || !isSafeName(file.name)) return false;
+  if (file.nanoseconds >= 1'000'000'000) return false;
+  if (file.kind == FileKind::link && file.target.empty()) return false;
+  return file.target.find('\0') == std::string::npos;
+}
+
+}  // namespace
+
+bool isSafeName(std::string_view name) {
+  if (name.empty() || name.find('\0') != std::string_view::npos) return false;
+  for (std::size_t from = 0; from <= name.size();) {
+    const std::size_t end = std::min(name.find('/', from), name.size());
+    const std::string_view part = name.substr(from, end - from);
+    if (part.empty() || part == "." || part == "..") return false;
+    from = end + 1;
+  }
+  return true;
+}
+
+ImportedFiles::ImportedFiles() {
+  const auto mark = std::as_bytes(std::span(kMark));
+  bytes_.assign(mark.begin(), mark.end());
+}
+
+bool ImportedFiles::isOurs(std::span<const std::byte> data) {
+  return data.size() >= sizeof kMark && std::memcmp(data.data(), kMark, sizeof kMark) == 0;
+}
+
+std::optional<ImportedFiles> ImportedFiles::of(const Database& database, const Table& table) {
+  std::byte start[sizeof kMark] = {};
+  const std::size_t got = table.read_data(0, start);
+  if (!isOurs(std::span(start).first(got))) return std::nullopt;
+  ImportedFiles files;
+  if (files.decode(*table.data())) return files;
+  throw Failure(database.path().native() + ": the names of the files in table '" + table.name() +
+                "' are damaged; 'qvdb export --by-id' exports the records all the same");
+}
+
+bool ImportedFiles::decode(std::span<const std::byte> data) {
+  Reader reader(data);
+  static_cast<void>(reader.text(sizeof kMark));
+  std::uint64_t namesTogether = 0;
+  while (!reader.isAtEnd()) {
+    const std::size_t start = reader.position();
+    ImportedFile file;
+    const auto kind = static_cast<char>(reader.number(1));
+    file.kind = static_cast<FileKind>(kind);
+    file.mode = static_cast<std::uint16_t>(reader.number(2));
+    file.seconds = static_cast<std::int64_t>(reader.number(8));
+    file.nanoseconds = static_cast<std::uint32_t>(reader.number(4));
+    file.record = Id{reader.number(8)};
+    const std::size_t shared = reader.count();
+    if (shared > (list_.empty() ? 0 : list_.back().name.size())) return false;
+    if (shared > 0) file.name = list_.back().name.substr(0, shared);
+    file.name += reader.text(reader.count());
+    file.target = reader.text(reader.count());
+    if (reader.hasFailed() || !isSoundEntry(file, kind)) return false;
+    namesTogether += file.name.size();
+    if (namesTogether > kLargestExpansion * data.size()) return false;
+    starts_.push_back(start);
+    list_.push_back(std::move(file));
+  }
+  bytes_.assign(data.begin(), data.end());
+  return true;
+}
+
+void ImportedFiles::index() const {
+  if (areIndexed_) return;
+  areIndexed_ = true;
+  byName_.reserve(list_.size());
+  byRecord_.reserve(list_.size());
+  for (std::size_t i = 0; i < list_.size(); ++i) {
+    if (list_[i].kind == FileKind::removed) continue;
+    byName_.emplace(list_[i].name, i);
+    if (list_[i].kind == FileKind::file) byRecord_.emplace(list_[i].record, i);
+  }
+}
+
+std::optional<std::size_t> ImportedFiles::find(std::string_view name) const {
+  index();
+  const auto found = byName_.find(name);
+  return found == byName_.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::optional<std::size_t> ImportedFiles::find(Id record) const {
+  index();
+  const auto found = byRecord_.find(record);
+  return found == byRecord_.end() ? std::nullopt : std::optional(found->second);
+}
+
+void ImportedFiles::add(ImportedFile file) {
+  const std::string_view before = list_.empty() ? std::string_view() : list_.back().name;
+  const auto differs =
+      std::mismatch(before.begin(), before.end(), file.name.begin(), file.name.end());
+  const auto shared = static_cast<std::size_t>(differs.first - before.begin());
+  starts_.push_back(bytes_.size());
+  bytes_.resize(bytes_.size() + kFixedSize);
+  appendCount(shared, &bytes_);
+  appendCount(file.name.size() - shared, &bytes_);
+  appendText(std::string_view(file.name).substr(shared), &bytes_);
+  appendCount(file.target.size(), &bytes_);
+  appendText(file.target, &bytes_);
+  list_.push_back(std::move(file));
+  putFixed(list_.size() - 1);
+  areIndexed_ = false;
+  byName_.clear();
+  byRecord_.clear();
+}
+
+void ImportedFiles::remove(std::size_t index) {
+  areIndexed_ = false;
+  byName_.clear();
+  byRecord_.clear();
+  list_[index].kind = FileKind::removed;
+  putFixed(index);
+}
+
+void ImportedFiles::update(std::size_t index, const ImportedFile& as) {
+  ImportedFile& file = list_[index];
+  if (file.record != as.record) areIndexed_ = false, byName_.clear(), byRecord_.clear();
+  file.mode = as.mode;
+  file.seconds = as.seconds;
+  file.nanoseconds = as.nanoseconds;
+  file.record = as.record;
+  putFixed(index);
+}
+
+void ImportedFiles::cut(std::size_t index) {
+  if (index >= list_.size()) return;
+  areIndexed_ = false;
+  byName_.clear();
+  byRecord_.clear();
+  bytes_.resize(starts_[index]);
+  starts_.resize(index);
+  list_.resize(index);
+}
+
+void ImportedFiles::putFixed(std::size_t index) {
+  const ImportedFile& file = list_[index];
+  std::byte* to = bytes_.data() + starts_[index];
+  to[0] = static_cast<std::byte>(file.kind);
+  putNumber(file.mode, 2, to + 1);
+  putNumber(static_cast<std::uint64_t>(file.seconds), 8, to + 3);
+  putNumber(file.nanoseconds, 4, to + 11);
+  putNumber(file.record.value, 8, to + 15);
+}
+
+}  // namespace qvdb::tool

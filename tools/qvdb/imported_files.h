@@ -1,0 +1,88 @@
+// The names, kinds, modes and times of the files that were imported into a table, as the table's
+// data block holds them. docs/imported-files.md describes the format for other programs.
+//
+// The block is a list of entries behind eight bytes of identification. New entries go behind the
+// old ones and a removed entry only changes its kind, so that a block that grows or is corrected in
+// place is readable at every moment, also when the program ends in the middle of it.
+#ifndef QVDB_TOOL_IMPORTED_FILES_H
+#define QVDB_TOOL_IMPORTED_FILES_H
+
+#include <qvdbase/qvdb.hpp>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace qvdb::tool {
+
+enum class FileKind : char {
+  removed = '-',
+  file = 'f',
+  folder = 'd',
+  link = 'l',
+};
+
+struct ImportedFile {
+  FileKind kind = FileKind::file;
+  std::uint16_t mode = 0;  // permission bits
+  std::int64_t seconds = 0;
+  std::uint32_t nanoseconds = 0;
+  Id record;           // of a file; 0 otherwise
+  std::string name;    // relative, '/' between its parts
+  std::string target;  // of a link
+};
+
+// Whether the name leads to a place inside a folder and nowhere else: parts that are not empty, not
+// "." and not "..", without zero bytes, and no '/' at either end.
+bool isSafeName(std::string_view name);
+
+class ImportedFiles {
+ public:
+  ImportedFiles();
+
+  // The files of a table. Nothing when its data is absent, empty or something else. Throws Failure
+  // when it begins as such a block does and is damaged; qvdb::Error.
+  static std::optional<ImportedFiles> of(const Database& database, const Table& table);
+
+  // Whether a block of table data begins as one of these does.
+  static bool isOurs(std::span<const std::byte> data);
+
+  // Removed entries are in the list too.
+  const std::vector<ImportedFile>& list() const { return list_; }
+
+  // The index of an entry that is not removed.
+  std::optional<std::size_t> find(std::string_view name) const;
+  std::optional<std::size_t> find(Id record) const;
+
+  // `name` must not be in the list yet.
+  void add(ImportedFile file);
+  void remove(std::size_t index);
+  // Changes mode, times and record.
+  void update(std::size_t index, const ImportedFile& as);
+  // Forgets all entries from `index` on.
+  void cut(std::size_t index);
+
+  // The block.
+  std::span<const std::byte> bytes() const { return bytes_; }
+
+ private:
+  bool decode(std::span<const std::byte> data);
+  void putFixed(std::size_t index);
+
+  std::vector<ImportedFile> list_;
+  std::vector<std::size_t> starts_;  // of each entry in bytes_
+  std::vector<std::byte> bytes_;
+  // Made when they are first asked for.
+  mutable std::unordered_map<std::string_view, std::size_t> byName_;
+  mutable std::unordered_map<Id, std::size_t> byRecord_;
+  mutable bool areIndexed_ = false;
+  void index() const;
+};
+
+}  // namespace qvdb::tool
+
+#endif

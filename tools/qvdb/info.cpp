@@ -1,0 +1,70 @@
+// qvdb info: what the header of a database says.
+#include <nlohmann/json.hpp>
+#include <qvdbase/qvdb.hpp>
+
+#include "qvdb/commands.h"
+#include "qvdb/output.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  bool json = false;
+};
+
+constexpr std::uint16_t kUnfinishedPack = 101;
+
+const char* stateOf(const DatabaseInfo& info) {
+  if (!info.version_is_usable()) return "unusable: the version is not in 100 to 199";
+  if (info.version == kUnfinishedPack) return "the copy of a database whose packing did not finish";
+  return "usable";
+}
+
+int run(const Options& options) {
+  const DatabaseInfo info = Database::inspect(options.file);
+  const std::string_view signature(info.signature.data(), info.signature.size());
+  if (options.json) {
+    Json json;
+    addText(&json, "file", options.file);
+    json["size"] = info.file_size;
+    addText(&json, "signature", signature);
+    json["version"] = info.version;
+    json["id"] = to_string(info.id);
+    json["tables"] = info.table_count;
+    json["usable"] = info.version_is_usable();
+    printJson(json);
+    return kDone;
+  }
+  printLine("file       " + escaped(options.file));
+  printLine("size       " + std::to_string(info.file_size) + " bytes");
+  printLine("signature  " + escaped(signature));
+  printLine("version    " + std::to_string(info.version));
+  printLine("id         " + to_string(info.id));
+  printLine("tables     " + std::to_string(info.table_count) + " of " +
+            std::to_string(std::max(info.slot_count - 1, 0)));
+  printLine(std::string("state      ") + stateOf(info));
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, "The database file.");
+  arguments.json(options->json);
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kInfoCommand = {
+    "info", "show what a database says of itself",
+    "Shows the header of a database file: its size, signature, version and identifier, and how "
+    "many "
+    "tables it has. The file is only read. A file whose version the library does not take is shown "
+    "all the same.",
+    "qvdb info notes.qvd\n"
+    "qvdb info --json notes.qvd",
+    define};
+
+}  // namespace qvdb::tool

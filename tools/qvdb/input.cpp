@@ -1,0 +1,79 @@
+// Reading what is to be stored.
+#include "qvdb/input.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "qvdb/failure.h"
+#include "qvdb/interrupt.h"
+
+namespace qvdb::tool {
+namespace {
+
+constexpr std::size_t kPiece = 65536;
+constexpr std::size_t kLargestPayload = 0xFFFFFFFF;
+
+// Room for the file as it is now, and a byte more to see its end; pipes grow as they come.
+std::size_t firstRoom(int descriptor) {
+  struct stat status = {};
+  if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return kPiece;
+  return std::min(static_cast<std::size_t>(status.st_size), kLargestPayload) + 1;
+}
+
+std::size_t readSome(int descriptor, const std::string& name, std::byte* to, std::size_t room) {
+  for (;;) {
+    const ssize_t got = ::read(descriptor, to, room);
+    if (got >= 0) return static_cast<std::size_t>(got);
+    if (errno != EINTR) throw systemFailure(name, "read");
+    throwIfInterrupted();
+  }
+}
+
+}  // namespace
+
+Descriptor::~Descriptor() {
+  if (number_ >= 0) ::close(number_);
+}
+
+Descriptor::Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+  std::swap(number_, other.number_);
+  return *this;
+}
+
+void readAll(int descriptor, const std::string& name, std::vector<std::byte>* buffer) {
+  const std::size_t room = firstRoom(descriptor);
+  if (buffer->size() < room) buffer->resize(room);
+  std::size_t size = 0;
+  while (const std::size_t got =
+             readSome(descriptor, name, buffer->data() + size, buffer->size() - size)) {
+    size += got;
+    if (size > kLargestPayload) {
+      throw Failure(name +
+                    ": has more than 4,294,967,295 bytes, which is the most that a record "
+                    "can hold; split it");
+    }
+    if (size == buffer->size()) buffer->resize(size + std::max(size, kPiece));
+    throwIfInterrupted();
+  }
+  buffer->resize(size);
+}
+
+std::vector<std::byte> readInput(const std::string& path) {
+  std::vector<std::byte> buffer;
+  if (path == "-") {
+    readAll(STDIN_FILENO, "standard input", &buffer);
+    return buffer;
+  }
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) throw systemFailure(path, "open");
+  readAll(file.number(), path, &buffer);
+  return buffer;
+}
+
+}  // namespace qvdb::tool

@@ -1,0 +1,37 @@
+// Reading what is to be stored: a file, or standard input for "-".
+#ifndef QVDB_TOOL_INPUT_H
+#define QVDB_TOOL_INPUT_H
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace qvdb::tool {
+
+// A file descriptor that closes itself.
+class Descriptor {
+ public:
+  explicit Descriptor(int number = -1) : number_(number) {}
+  ~Descriptor();
+  Descriptor(Descriptor&& other) noexcept;
+  Descriptor& operator=(Descriptor&& other) noexcept;
+
+  int number() const { return number_; }
+  explicit operator bool() const { return number_ >= 0; }
+
+ private:
+  int number_;
+};
+
+// Replaces what is in the buffer by everything that can be read. The sizes of payloads end at
+// 4,294,967,295 bytes; more throws Failure, as does a failure to read. `name` is for messages.
+void readAll(int descriptor, const std::string& name, std::vector<std::byte>* buffer);
+
+// The whole of a file, or of standard input for "-".
+std::vector<std::byte> readInput(const std::string& path);
+
+}  // namespace qvdb::tool
+
+#endif

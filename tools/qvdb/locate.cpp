@@ -1,0 +1,88 @@
+// From what the user types to databases, tables and records.
+#include "qvdb/locate.h"
+
+#include <unordered_map>
+
+#include "qvdb/imported_files.h"
+#include "qvdb/interrupt.h"
+
+namespace qvdb::tool {
+namespace {
+
+Id idOfName(const Database& database, const Table& table, const ImportedFiles& files,
+            std::string name) {
+  if (name.starts_with("./")) name.erase(0, 2);
+  const auto index = files.find(name);
+  if (!index) {
+    throw Failure(database.path().native() + ": table '" + table.name() + "' has no file '" + name +
+                  "'; 'qvdb records' lists what it has");
+  }
+  const ImportedFile& file = files.list()[*index];
+  if (file.kind == FileKind::file) return file.record;
+  throw Failure(database.path().native() + ": '" + name + "' is a " +
+                (file.kind == FileKind::link ? "symbolic link" : "folder") +
+                ", which has no record");
+}
+
+}  // namespace
+
+Database openToRead(const std::string& path) {
+  return Database::open(path, Mode::read_only);
+}
+
+Database openToWrite(const std::string& path) {
+  return Database::open(path, Mode::exclusive);
+}
+
+Table findTable(const Database& database, const std::string& nameOrId) {
+  if (auto table = database.find_table(nameOrId)) return *table;
+  if (const auto id = parse_id(nameOrId)) {
+    if (auto table = database.find_table(*id)) return *table;
+  }
+  throw Failure(database.path().native() + ": there is no table '" + nameOrId +
+                "'; 'qvdb tables' lists the tables");
+}
+
+Id recordId(const Database& database, const Table& table, const std::string& idOrName) {
+  if (const auto id = parse_id(idOrName)) return *id;
+  const auto files = ImportedFiles::of(database, table);
+  if (files) return idOfName(database, table, *files, idOrName);
+  throw Failure("'" + idOrName +
+                "' is no identifier: write 0x and hexadecimal digits, or a decimal number");
+}
+
+Failure noSuchRecord(const Database& database, const Table& table, Id record) {
+  return Failure(database.path().native() + ": table '" + table.name() + "' has no record " +
+                 to_string(record) + "; 'qvdb records' lists what it has");
+}
+
+std::vector<Record> findRecords(const Database& database, const Table& table,
+                                const std::vector<std::string>& idsOrNames) {
+  std::optional<ImportedFiles> files;
+  std::vector<Id> ids;
+  for (const std::string& text : idsOrNames) {
+    const auto id = parse_id(text);
+    if (!id && !files) files = ImportedFiles::of(database, table);
+    ids.push_back(!id && files ? idOfName(database, table, *files, text)
+                               : recordId(database, table, text));
+  }
+  std::unordered_map<Id, std::optional<Record>> wanted;
+  for (const Id id : ids) wanted.emplace(id, std::nullopt);
+  std::size_t missing = wanted.size();
+  auto records = table.records();
+  for (auto record = records.begin(); missing > 0 && record != records.end(); ++record) {
+    const auto found = wanted.find(record->id());
+    if (found == wanted.end() || found->second) continue;  // the first of several counts
+    found->second = *record;
+    --missing;
+    throwIfInterrupted();
+  }
+  std::vector<Record> result;
+  for (const Id id : ids) {
+    if (!wanted[id]) throw noSuchRecord(database, table, id);
+    result.push_back(*wanted[id]);
+  }
+  return result;
+}
+
+}  // namespace qvdb::tool

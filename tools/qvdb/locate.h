@@ -1,0 +1,44 @@
+// From what the user types to databases, tables and records.
+#ifndef QVDB_TOOL_LOCATE_H
+#define QVDB_TOOL_LOCATE_H
+
+#include <qvdbase/qvdb.hpp>
+
+#include <string>
+#include <vector>
+
+#include "qvdb/failure.h"
+
+namespace qvdb::tool {
+
+inline constexpr const char* kFileHelp = "The database file.";
+inline constexpr const char* kTableHelp = "A table: its name, or its identifier.";
+inline constexpr const char* kRecordHelp =
+    "A record: its identifier or, in a table of imported files, the name of a file. Write ./NAME "
+    "for "
+    "a name that looks like a number.";
+
+// Opens for reading only: the file stays as it is, byte for byte.
+Database openToRead(const std::string& path);
+
+// Opens for writing, and keeps other writers out meanwhile.
+Database openToWrite(const std::string& path);
+
+// A table by name, else by identifier. Throws Failure when there is none.
+Table findTable(const Database& database, const std::string& nameOrId);
+
+// The identifier that was written, or that of the imported file of that name. Throws Failure for
+// anything else. Whether the record is there is not looked at.
+Id recordId(const Database& database, const Table& table, const std::string& idOrName);
+
+// The failure that a record is not there.
+Failure noSuchRecord(const Database& database, const Table& table, Id record);
+
+// All of these records, found in one walk, in the order asked for. Throws Failure when one is not
+// there.
+std::vector<Record> findRecords(const Database& database, const Table& table,
+                                const std::vector<std::string>& idsOrNames);
+
+}  // namespace qvdb::tool
+
+#endif

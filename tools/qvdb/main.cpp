@@ -1,0 +1,62 @@
+// qvdb: the command-line tool. Runs the command that was named and turns failures into one line on
+// standard error and an exit status.
+#include <exception>
+#include <filesystem>
+#include <new>
+
+#include "qvdb/command_line.h"
+#include "qvdb/failure.h"
+#include "qvdb/interrupt.h"
+#include "qvdb/output.h"
+
+namespace {
+
+using namespace qvdb::tool;
+
+// What was printed before a failure is printed; if that fails too, the first failure counts.
+void flushWhatThereIs() {
+  try {
+    flushOutput();
+  } catch (...) {
+    discardOutput();
+  }
+}
+
+int fail(const std::string& message, int status) {
+  flushWhatThereIs();
+  complain(message);
+  return status;
+}
+
+int failWithError(const qvdb::Error& error) {
+  const std::string advice = adviceFor(error);
+  return fail(advice.empty() ? error.what() : error.what() + ("; " + advice), kFailed);
+}
+
+int run(int argc, char** argv) {
+  const auto action = readCommandLine(argc, argv);
+  const int status = action ? (*action)() : kDone;
+  flushOutput();
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  catchInterrupts();
+  try {
+    return run(argc, argv);
+  } catch (const Failure& failure) {
+    return fail(failure.what(), failure.status());
+  } catch (const qvdb::Error& error) {
+    return failWithError(error);
+  } catch (const Interrupted&) {
+    return fail("interrupted", kFailed);
+  } catch (const OutputClosed&) {
+    return kFailed;
+  } catch (const std::bad_alloc&) {
+    return fail("there is not enough memory", kFailed);
+  } catch (const std::exception& exception) {
+    return fail(exception.what(), kFailed);
+  }
+}

@@ -1,0 +1,105 @@
+// Standard output.
+#include "qvdb/output.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <nlohmann/json.hpp>
+
+#include "qvdb/failure.h"
+#include "qvdb/interrupt.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+constexpr std::size_t kBufferSize = 65536;
+std::string waiting;  // not written yet
+
+void writeAll(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+    if (written < 0 && errno == EINTR) {
+      throwIfInterrupted();
+      continue;
+    }
+    if (written < 0 && errno == EPIPE) throw OutputClosed();
+    if (written < 0) throw systemFailure("standard output", "write");
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+}  // namespace
+
+void print(std::string_view text) {
+  if (waiting.size() + text.size() > kBufferSize) flushOutput();
+  if (text.size() > kBufferSize) {
+    writeAll(text);
+  } else {
+    waiting += text;
+  }
+}
+
+void printLine(std::string_view text) {
+  print(text);
+  print("\n");
+}
+
+void print(std::span<const std::byte> bytes) {
+  print(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+}
+
+void flushOutput() {
+  std::string text;
+  text.swap(waiting);
+  writeAll(text);
+  text.clear();
+  waiting.swap(text);
+}
+
+void discardOutput() {
+  waiting.clear();
+}
+
+bool outputIsTerminal() {
+  return ::isatty(STDOUT_FILENO) == 1;
+}
+
+std::string jsonText(const Json& value, bool indented) {
+  return value.dump(indented ? 2 : -1, ' ', true, Json::error_handler_t::replace);
+}
+
+void printJson(const Json& value) {
+  printLine(jsonText(value, true));
+}
+
+void addText(Json* object, const char* key, std::string_view bytes) {
+  (*object)[key] = bytes;
+  if (isUtf8(bytes)) return;
+  std::string digits;
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    digits += "0123456789abcdef"[byte >> 4];
+    digits += "0123456789abcdef"[byte & 15];
+  }
+  (*object)[std::string(key) + "_bytes"] = digits;
+}
+
+JsonArrayWriter::JsonArrayWriter(const Json& head, const char* arrayName) {
+  std::string text = jsonText(head, false);
+  text.pop_back();  // the closing brace
+  if (!head.empty()) text += ',';
+  print(text + "\"" + arrayName + "\":[");
+}
+
+void JsonArrayWriter::add(const Json& element) {
+  print(hasElements_ ? ",\n" : "\n");
+  hasElements_ = true;
+  print(jsonText(element, false));
+}
+
+void JsonArrayWriter::finish() {
+  print("\n]}\n");
+}
+
+}  // namespace qvdb::tool

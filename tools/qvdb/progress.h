@@ -1,0 +1,39 @@
+// Progress of long work: one line on standard error that renews itself, only on a terminal.
+#ifndef QVDB_TOOL_PROGRESS_H
+#define QVDB_TOOL_PROGRESS_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace qvdb::tool {
+
+class Progress {
+ public:
+  // "importing 120 of 1000 files"; a total of 0 is not known and not shown.
+  Progress(const char* doing, std::uint64_t total, const char* things);
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  void step();
+  void setTo(std::uint64_t done);
+
+  // Takes the line away.
+  void clear();
+
+ private:
+  void show();
+
+  std::string doing_;
+  std::uint64_t total_;
+  std::string things_;
+  std::uint64_t done_ = 0;
+  bool isShown_ = false;
+  bool isTerminal_;
+  std::chrono::steady_clock::time_point next_;
+};
+
+}  // namespace qvdb::tool
+
+#endif

@@ -1,0 +1,68 @@
+// qvdb rm: deletes records.
+#include <unordered_set>
+
+#include "qvdb/commands.h"
+#include "qvdb/imported_files.h"
+#include "qvdb/interrupt.h"
+#include "qvdb/locate.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::vector<std::string> records;
+};
+
+// The names of imported files go with their records.
+void forgetNames(Table& table, std::optional<ImportedFiles>& files,
+                 const std::unordered_set<Id>& gone) {
+  if (!files) return;
+  bool hasChanged = false;
+  for (std::size_t i = 0; i < files->list().size(); ++i) {
+    const ImportedFile& file = files->list()[i];
+    if (file.kind != FileKind::file || !gone.contains(file.record)) continue;
+    files->remove(i);
+    hasChanged = true;
+  }
+  if (hasChanged) table.set_data(files->bytes());
+}
+
+int run(const Options& options) {
+  Database database = openToWrite(options.file);
+  Table table = findTable(database, options.table);
+  const std::vector<Record> records = findRecords(database, table, options.records);
+  std::optional<ImportedFiles> files = ImportedFiles::of(database, table);
+  std::unordered_set<Id> gone;
+  for (const Record& record : records) {
+    if (isInterrupted()) break;
+    if (gone.insert(record.id()).second && !table.remove(record)) {
+      throw noSuchRecord(database, table, record.id());
+    }
+  }
+  forgetNames(table, files, gone);
+  throwIfInterrupted();
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.arguments("RECORD", options->records, 1, kRecordHelp);
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kRmCommand = {
+    "rm", "delete records",
+    "Takes one or more records out of a table. Either all of them are in the table, or nothing is "
+    "deleted. Their bytes stay in the file until it is compacted. In a table of imported files "
+    "the names go too.",
+    "qvdb rm notes.qvd letters 0x1f5e2d3c4b5a6978\n"
+    "qvdb rm photos.qvd holiday beach/IMG1.jpg beach/IMG2.jpg",
+    define};
+
+}  // namespace qvdb::tool

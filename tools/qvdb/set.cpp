@@ -1,0 +1,47 @@
+// qvdb set: replaces a record's payload.
+#include "qvdb/commands.h"
+#include "qvdb/input.h"
+#include "qvdb/locate.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::string record;
+  std::optional<std::string> input;
+};
+
+int run(const Options& options) {
+  Database database = openToWrite(options.file);
+  Table table = findTable(database, options.table);
+  const Record record = findRecords(database, table, {options.record}).front();
+  const std::vector<std::byte> payload = readInput(options.input.value_or("-"));
+  if (!table.modify(record, payload)) throw noSuchRecord(database, table, record.id());
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.argument("RECORD", options->record, kRecordHelp);
+  arguments.optionalArgument("INPUT", options->input,
+                             "The file with the new payload; '-', and none, is standard input.");
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kSetCommand = {
+    "set", "replace a record's payload",
+    "Replaces the payload of a record and sets its time of last modification. The record keeps its "
+    "identifier and its place in the order. A payload that fits the record's room is written over "
+    "the old one; a larger one goes to a new place, and the old bytes stay in the file until it is "
+    "compacted. A payload cannot be replaced by an empty one.",
+    "qvdb set notes.qvd letters 0x1f5e2d3c4b5a6978 letter.txt\n"
+    "sed s/old/new/ letter.txt | qvdb set notes.qvd letters 0x1f5e2d3c4b5a6978",
+    define};
+
+}  // namespace qvdb::tool

@@ -1,0 +1,151 @@
+// qvdb stat: statistics of a database and its tables.
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "qvdb/commands.h"
+#include "qvdb/interrupt.h"
+#include "qvdb/locate.h"
+#include "qvdb/output.h"
+#include "qvdb/progress.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::optional<std::string> table;
+  bool json = false;
+};
+
+// Bytes of a file beside payloads and table data: header and directory; what surrounds the room of
+// a record; what surrounds that of table data.
+constexpr std::uint64_t kDirectoryEnd = 22 + 32 * 144;
+constexpr std::uint64_t kRecordOverhead = 55 + 1;
+constexpr std::uint64_t kDataOverhead = 21 + 1;
+
+struct TableStatistics {
+  TableInfo info;
+  std::uint64_t records = 0;
+  std::uint64_t payload = 0;
+  std::uint64_t room = 0;
+  std::uint32_t smallest = 0;
+  std::uint32_t largest = 0;
+  std::uint32_t oldest = 0;  // create time
+  std::uint32_t latest = 0;  // modify time
+  std::optional<std::uint32_t> dataSize;
+
+  void take(const RecordInfo& record) {
+    smallest = records == 0 ? record.size : std::min(smallest, record.size);
+    oldest = records == 0 ? record.create_time : std::min(oldest, record.create_time);
+    largest = std::max(largest, record.size);
+    latest = std::max(latest, record.modify_time);
+    payload += record.size;
+    room += record.capacity;
+    ++records;
+  }
+
+  // The room of table data is not told apart from its size: what it has to spare counts as unused.
+  std::uint64_t liveBytes() const {
+    return records * kRecordOverhead + room + (dataSize ? *dataSize + kDataOverhead : 0);
+  }
+};
+
+TableStatistics statisticsOf(const Table& table) {
+  TableStatistics statistics;
+  statistics.info = table.info();
+  statistics.dataSize = table.data_size();
+  Progress progress("reading", statistics.info.record_count, "records");
+  for (const Record& record : table.records()) {
+    throwIfInterrupted();
+    statistics.take(record.info());
+    progress.step();
+  }
+  return statistics;
+}
+
+Json jsonOf(const TableStatistics& table) {
+  Json json;
+  json["id"] = to_string(table.info.id);
+  addText(&json, "name", table.info.name);
+  json["records"] = table.records;
+  json["records_ever_added"] = table.info.record_write_count;
+  json["payload_bytes"] = table.payload;
+  json["room_bytes"] = table.room;
+  json["smallest"] = table.records == 0 ? Json(nullptr) : Json(table.smallest);
+  json["largest"] = table.records == 0 ? Json(nullptr) : Json(table.largest);
+  json["first_created"] = table.records == 0 ? Json(nullptr) : Json(timeText(table.oldest));
+  json["last_modified"] = table.records == 0 ? Json(nullptr) : Json(timeText(table.latest));
+  json["data_size"] = table.dataSize ? Json(*table.dataSize) : Json(nullptr);
+  return json;
+}
+
+void printTable(const TableStatistics& table) {
+  printLine("");
+  printLine("table           " + escaped(table.info.name) + "  " + to_string(table.info.id));
+  printLine("  records       " + std::to_string(table.records) + " (" +
+            std::to_string(table.info.record_write_count) + " were ever added)");
+  if (table.records != 0) {
+    printLine("  payload       " + std::to_string(table.payload) + " bytes, " +
+              std::to_string(table.payload / table.records) + " on average, " +
+              std::to_string(table.smallest) + " to " + std::to_string(table.largest));
+    printLine("  room          " + std::to_string(table.room) + " bytes");
+    printLine("  times         created from " + timeText(table.oldest) + ", modified until " +
+              timeText(table.latest));
+  }
+  printLine("  table data    " +
+            (table.dataSize ? std::to_string(*table.dataSize) + " bytes" : std::string("none")));
+}
+
+int run(const Options& options) {
+  const Database database = openToRead(options.file);
+  std::vector<Table> tables = database.tables();
+  if (options.table) tables = {findTable(database, *options.table)};
+  std::vector<TableStatistics> all;
+  std::uint64_t live = kDirectoryEnd;
+  for (const Table& table : tables) {
+    all.push_back(statisticsOf(table));
+    live += all.back().liveBytes();
+  }
+  const std::uint64_t size = database.info().file_size;
+  const std::uint64_t unused = size - std::min(size, live);
+  if (options.json) {
+    Json json;
+    addText(&json, "file", options.file);
+    json["size"] = size;
+    if (!options.table) json["unused_bytes"] = unused;
+    json["tables"] = Json::array();
+    for (const TableStatistics& table : all) json["tables"].push_back(jsonOf(table));
+    printJson(json);
+    return kDone;
+  }
+  printLine("file            " + escaped(options.file));
+  printLine("size            " + std::to_string(size) + " bytes");
+  if (!options.table) {
+    printLine("unused          " + std::to_string(unused) +
+              " bytes of deleted and replaced contents");
+  }
+  for (const TableStatistics& table : all) printTable(table);
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.optionalArgument("TABLE", options->table, "Only this table: its name, or identifier.");
+  arguments.json(options->json);
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kStatCommand = {
+    "stat", "show statistics",
+    "Walks over all records and shows, for each table, how many there are, their sizes and times, "
+    "and how much of the file belongs to deleted or replaced contents. The file is only read.",
+    "qvdb stat notes.qvd\n"
+    "qvdb stat notes.qvd letters\n"
+    "qvdb stat --json notes.qvd",
+    define};
+
+}  // namespace qvdb::tool

@@ -1,0 +1,118 @@
+// Text for people.
+#include "qvdb/text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+namespace qvdb::tool {
+namespace {
+
+bool isControl(std::uint32_t code) {
+  return code < 0x20 || (code >= 0x7F && code < 0xA0);
+}
+
+// Characters that reorder what stands beside them, or end a line.
+bool isDeceptive(std::uint32_t code) {
+  return (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069) ||
+         code == 0x200E || code == 0x200F || code == 0x2028 || code == 0x2029;
+}
+
+void appendHex(std::string* text, std::string_view bytes) {
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    *text += "\\x";
+    *text += "0123456789abcdef"[byte >> 4];
+    *text += "0123456789abcdef"[byte & 15];
+  }
+}
+
+// How long the character would be that begins with this byte; 0 for a byte that begins none.
+std::size_t announcedLength(unsigned char byte) {
+  if (byte < 0x80) return 1;
+  if (byte >= 0xC2 && byte < 0xE0) return 2;
+  if (byte >= 0xE0 && byte < 0xF0) return 3;
+  return byte >= 0xF0 && byte < 0xF5 ? 4 : 0;
+}
+
+}  // namespace
+
+std::size_t utf8Character(std::string_view bytes, std::uint32_t* code) {
+  if (bytes.empty()) return 0;
+  const auto first = static_cast<unsigned char>(bytes[0]);
+  const std::size_t length = announcedLength(first);
+  if (length == 0 || length > bytes.size()) return 0;
+  std::uint32_t value = length == 1 ? first : first & (0x7Fu >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    const auto byte = static_cast<unsigned char>(bytes[i]);
+    if ((byte & 0xC0u) != 0x80) return 0;
+    value = value << 6 | (byte & 0x3Fu);
+  }
+  const bool isOverlong = (length == 3 && value < 0x800) || (length == 4 && value < 0x10000);
+  if (isOverlong || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) return 0;
+  *code = value;
+  return length;
+}
+
+bool isUtf8(std::string_view bytes) {
+  while (!bytes.empty()) {
+    std::uint32_t code = 0;
+    const std::size_t length = utf8Character(bytes, &code);
+    if (length == 0) return false;
+    bytes.remove_prefix(length);
+  }
+  return true;
+}
+
+std::string escaped(std::string_view bytes) {
+  std::string text;
+  while (!bytes.empty()) {
+    std::uint32_t code = 0;
+    const std::size_t length = utf8Character(bytes, &code);
+    const std::string_view character = bytes.substr(0, std::max<std::size_t>(length, 1));
+    if (length == 0 || isControl(code) || isDeceptive(code)) {
+      appendHex(&text, character);
+    } else if (code == '\\') {
+      text += "\\\\";
+    } else {
+      text += character;
+    }
+    bytes.remove_prefix(character.size());
+  }
+  return text;
+}
+
+bool isBinary(std::string_view bytes, std::size_t* pending) {
+  *pending = 0;
+  while (!bytes.empty()) {
+    std::uint32_t code = 0;
+    const std::size_t length = utf8Character(bytes, &code);
+    if (length == 0) {
+      const std::size_t announced = announcedLength(static_cast<unsigned char>(bytes[0]));
+      if (announced <= bytes.size()) return true;
+      *pending = bytes.size();
+      return false;
+    }
+    const bool isLayout = code == '\n' || code == '\t' || code == '\r';
+    if (!isLayout && (isControl(code) || isDeceptive(code))) return true;
+    bytes.remove_prefix(length);
+  }
+  return false;
+}
+
+std::string timeText(std::int64_t seconds) {
+  const auto time = static_cast<std::time_t>(seconds);
+  std::tm parts = {};
+  char text[32];
+  if (::gmtime_r(&time, &parts) == nullptr ||
+      std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
+    return std::to_string(seconds);
+  }
+  return text;
+}
+
+std::string counted(std::uint64_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+}  // namespace qvdb::tool

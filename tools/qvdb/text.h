@@ -1,0 +1,33 @@
+// Text for people: what comes from a file is escaped before it reaches a terminal.
+#ifndef QVDB_TOOL_TEXT_H
+#define QVDB_TOOL_TEXT_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace qvdb::tool {
+
+// The length of the well-formed UTF-8 character at the beginning of `bytes`, or 0. Stores its code.
+std::size_t utf8Character(std::string_view bytes, std::uint32_t* code);
+
+bool isUtf8(std::string_view bytes);
+
+// Control characters, bytes that are no UTF-8, and characters that change the direction of text
+// become \xHH, byte by byte; a backslash becomes two. Everything else stays.
+std::string escaped(std::string_view bytes);
+
+// Whether the bytes hold something that must not reach a terminal as it is. Line ends and tabs are
+// fine. `bytes` may be a part of a longer text: a character that is cut off at its end is not
+// judged, and `pending` receives how many bytes of it there are.
+bool isBinary(std::string_view bytes, std::size_t* pending);
+
+// Seconds since 1970 as "2024-05-01T12:34:56Z".
+std::string timeText(std::int64_t seconds);
+
+// "1 file", "2 files".
+std::string counted(std::uint64_t count, const char* one, const char* many);
+
+}  // namespace qvdb::tool
+
+#endif

@@ -1,0 +1,41 @@
+// qvdb touch: sets the time of last modification of records.
+#include "qvdb/commands.h"
+#include "qvdb/interrupt.h"
+#include "qvdb/locate.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::vector<std::string> records;
+};
+
+int run(const Options& options) {
+  Database database = openToWrite(options.file);
+  Table table = findTable(database, options.table);
+  for (const Record& record : findRecords(database, table, options.records)) {
+    throwIfInterrupted();
+    if (!table.touch(record)) throw noSuchRecord(database, table, record.id());
+  }
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.arguments("RECORD", options->records, 1, kRecordHelp);
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kTouchCommand = {
+    "touch", "set the modification time of records to now",
+    "Sets the time of last modification of one or more records to now and changes nothing else. "
+    "Either all of them are in the table, or nothing is changed.",
+    "qvdb touch notes.qvd letters 0x1f5e2d3c4b5a6978", define};
+
+}  // namespace qvdb::tool
