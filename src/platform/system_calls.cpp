@@ -34,6 +34,15 @@ int hostSetLock(int descriptor, struct flock* lock) {
 #endif
 }
 
+int hostFindLock(int descriptor, struct flock* lock) {
+#if defined(F_OFD_GETLK) && !defined(QVDBASE_PORTABLE_POSIX)
+  lock->l_pid = 0;  // required by this call
+  return ::fcntl(descriptor, F_OFD_GETLK, lock);
+#else
+  return ::fcntl(descriptor, F_GETLK, lock);
+#endif
+}
+
 time_t hostTime() {
   return ::time(nullptr);
 }
@@ -57,6 +66,7 @@ constexpr SystemCalls kHostCalls = {
     .sync = ::fsync,
     .fileSizeLimit = hostFileSizeLimit,
     .setLock = hostSetLock,
+    .findLock = hostFindLock,
     .time = hostTime,
     .processClock = ::clock,
     .microseconds = hostMicroseconds,

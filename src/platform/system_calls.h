@@ -38,6 +38,8 @@ struct SystemCalls {
   // Sets or clears a lock without waiting. The lock belongs to the open file description of
   // `descriptor` where the host has such locks, else to the process.
   int (*setLock)(int descriptor, struct flock* lock);
+  // Stores a lock of somebody else that stands in the way of `lock`, or F_UNLCK as its type.
+  int (*findLock)(int descriptor, struct flock* lock);
 
   // Time.
   time_t (*time)();

@@ -1,0 +1,78 @@
+// Block headers in memory, field by field at the offsets of the layout.
+#include "format/block_heads.h"
+
+#include <cstring>
+
+namespace qvdbase {
+namespace {
+
+template <typename Field>
+void load(const unsigned char* bytes, Field* field) {
+  *field = static_cast<Field>(loadBigEndian(bytes, sizeof(Field)));
+}
+
+template <typename Field>
+void store(unsigned char* bytes, Field field) {
+  storeBigEndian(bytes, sizeof(Field), static_cast<uint64_t>(field));
+}
+
+}  // namespace
+
+uint64_t loadBigEndian(const unsigned char* bytes, int width) {
+  uint64_t value = 0;
+  for (int i = 0; i < width; ++i) value = value << 8 | bytes[i];
+  return value;
+}
+
+void storeBigEndian(unsigned char* bytes, int width, uint64_t value) {
+  for (int i = width; i-- > 0; value >>= 8) bytes[i] = static_cast<unsigned char>(value & 0xFF);
+}
+
+recordPart1 decodeRecordHead(const unsigned char* bytes) {
+  recordPart1 head = {};
+  load(bytes + record::kBlockMark, &head.blockMark);
+  load(bytes + record::kHeaderSize, &head.headerSize);
+  std::memcpy(head.tableID, bytes + record::kTableID, sizeof head.tableID);
+  std::memcpy(head.recordID, bytes + record::kRecordID, sizeof head.recordID);
+  load(bytes + record::kCreateTime, &head.createTime);
+  load(bytes + record::kModifyTime, &head.modifyTime);
+  load(bytes + record::kPrevRecordPos, &head.prevRecordPos);
+  load(bytes + record::kNextRecordPos, &head.nextRecordPos);
+  load(bytes + record::kDataLength, &head.dataLength);
+  load(bytes + record::kDataCapacity, &head.dataCapacity);
+  head.endMarkValue = kHeaderInMemoryEndMark;
+  return head;
+}
+
+void encodeRecordHead(const recordPart1& head, unsigned char* bytes) {
+  store(bytes + record::kBlockMark, head.blockMark);
+  store(bytes + record::kHeaderSize, head.headerSize);
+  std::memcpy(bytes + record::kTableID, head.tableID, sizeof head.tableID);
+  std::memcpy(bytes + record::kRecordID, head.recordID, sizeof head.recordID);
+  store(bytes + record::kCreateTime, head.createTime);
+  store(bytes + record::kModifyTime, head.modifyTime);
+  store(bytes + record::kPrevRecordPos, head.prevRecordPos);
+  store(bytes + record::kNextRecordPos, head.nextRecordPos);
+  store(bytes + record::kDataLength, head.dataLength);
+  store(bytes + record::kDataCapacity, head.dataCapacity);
+}
+
+TableDataHead decodeTableDataHead(const unsigned char* bytes) {
+  TableDataHead head = {};
+  load(bytes + tabledata::kBlockMark, &head.blockMark);
+  load(bytes + tabledata::kHeaderSize, &head.headerSize);
+  std::memcpy(head.tableID, bytes + tabledata::kTableID, sizeof head.tableID);
+  load(bytes + tabledata::kDataLength, &head.dataLength);
+  load(bytes + tabledata::kDataCapacity, &head.dataCapacity);
+  return head;
+}
+
+void encodeTableDataHead(const TableDataHead& head, unsigned char* bytes) {
+  store(bytes + tabledata::kBlockMark, head.blockMark);
+  store(bytes + tabledata::kHeaderSize, head.headerSize);
+  std::memcpy(bytes + tabledata::kTableID, head.tableID, sizeof head.tableID);
+  store(bytes + tabledata::kDataLength, head.dataLength);
+  store(bytes + tabledata::kDataCapacity, head.dataCapacity);
+}
+
+}  // namespace qvdbase

@@ -1,0 +1,32 @@
+// The headers of both kinds of block as bytes in memory: for readers that look at a file's bytes
+// themselves, and for writers that compose whole blocks.
+//
+// The functions judge nothing; `bytes` holds as many as the header has (record::kData and
+// tabledata::kData).
+#pragma once
+
+#include <cstdint>
+
+#include "format/layout.h"
+
+namespace qvdbase {
+
+// Numbers of `width` bytes (1 to 8), most significant first.
+uint64_t loadBigEndian(const unsigned char* bytes, int width);
+void storeBigEndian(unsigned char* bytes, int width, uint64_t value);
+
+recordPart1 decodeRecordHead(const unsigned char* bytes);
+void encodeRecordHead(const recordPart1& head, unsigned char* bytes);
+
+struct TableDataHead {
+  uint8_t blockMark;
+  uint16_t headerSize;
+  unsigned char tableID[kIdentifierSize];
+  uint32_t dataLength;
+  uint32_t dataCapacity;
+};
+
+TableDataHead decodeTableDataHead(const unsigned char* bytes);
+void encodeTableDataHead(const TableDataHead& head, unsigned char* bytes);
+
+}  // namespace qvdbase

@@ -1,0 +1,53 @@
+// A file opened by its host path for nothing but reading, at any position, straight from the host:
+// no handle number, no shared position, no mapping (a file cut short meanwhile gives short reads).
+#ifndef QVDBASE_PLATFORM_READ_ONLY_FILE_H
+#define QVDBASE_PLATFORM_READ_ONLY_FILE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "platform/file_entries.h"
+
+namespace qvdbase::platform {
+
+// What changes when anybody writes to a file. Times are in nanoseconds.
+struct FileStamp {
+  int64_t size = 0;
+  int64_t modifyTime = 0;
+  int64_t statusTime = 0;
+
+  bool operator==(const FileStamp&) const = default;
+};
+
+// What a path stands for.
+enum class PathKind : uint8_t { nothing, regularFile, somethingElse };
+PathKind kindOfPath(const std::string& path);
+
+class ReadOnlyFile {
+ public:
+  ReadOnlyFile() = default;
+  ~ReadOnlyFile();
+  ReadOnlyFile(const ReadOnlyFile&) = delete;
+  ReadOnlyFile& operator=(const ReadOnlyFile&) = delete;
+
+  // Opens the regular file at this absolute path, in UTF-8. Takes no lock and minds nobody's.
+  bool open(const std::string& path);
+  bool isOpen() const { return entry_ != nullptr; }
+
+  // Reads up to `count` bytes at `position` and returns how many there were; fewer come at the end
+  // of the file and where the host cannot read.
+  size_t readAt(int64_t position, void* buffer, size_t count) const;
+
+  bool stamp(FileStamp* stamp) const;
+
+  // Whether another process holds a lock on the file, as everyone does who has it open for writing.
+  bool isLockedByOthers() const;
+
+ private:
+  FileEntry* entry_ = nullptr;
+};
+
+}  // namespace qvdbase::platform
+
+#endif
