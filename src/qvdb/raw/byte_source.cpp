@@ -1,0 +1,29 @@
+// Bounded reads from memory and from files.
+#include "qvdb/raw/byte_source.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace qvdbase::raw {
+namespace {
+
+// How many of `count` bytes at `position` lie inside a source of `size` bytes.
+size_t available(int64_t position, size_t count, int64_t size) {
+  if (position < 0 || position >= size) return 0;
+  return static_cast<size_t>(std::min(static_cast<uint64_t>(size - position), uint64_t{count}));
+}
+
+}  // namespace
+
+size_t MemorySource::readAt(int64_t position, void* buffer, size_t count) const {
+  const size_t there = available(position, count, size());
+  if (there > 0) std::memcpy(buffer, bytes_.data() + position, there);
+  return there;
+}
+
+size_t FileSource::readAt(int64_t position, void* buffer, size_t count) const {
+  const size_t there = available(position, count, size_);
+  return there > 0 ? file_.readAt(position, buffer, there) : 0;
+}
+
+}  // namespace qvdbase::raw

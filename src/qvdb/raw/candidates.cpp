@@ -1,0 +1,187 @@
+// Finding and grading candidates.
+//
+// In random bytes a candidate of grade A comes about with a chance below 2^-64 for each place: mark
+// and header size are three bytes, the identifiers' sums four more, and the end mark has to stand
+// where an equally random capacity says. A table that is in the directory adds ten bytes.
+#include "qvdb/raw/candidates.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+#include "format/Aliment8.h"
+#include "format/block_heads.h"
+#include "format/identifiers.h"
+
+namespace qvdbase::raw {
+namespace {
+
+constexpr size_t kChunk = size_t{1} << 20;
+constexpr size_t kMarkPrefix = 3;     // mark and header size
+constexpr int64_t kSizesPattern = 4;  // slot count and slot size
+
+bool isBlockStart(const uint8_t* bytes) {
+  const uint64_t headerSize = loadBigEndian(bytes + 1, 2);
+  return (bytes[0] == kRecordMark && headerSize == kRecordHeaderSize) ||
+         (bytes[0] == kTableDataMark && headerSize == kTableDataHeaderSize);
+}
+
+// Calls `found` with the offset of each byte `value` among the first `count`.
+template <typename Found>
+void eachByte(const std::vector<uint8_t>& buffer, size_t count, int value, Found found) {
+  const uint8_t* const begin = buffer.data();
+  const uint8_t* place = begin;
+  while ((place = static_cast<const uint8_t*>(
+              std::memchr(place, value, count - static_cast<size_t>(place - begin)))) != nullptr) {
+    found(static_cast<size_t>(place - begin));
+    ++place;
+  }
+}
+
+bool looksLikeHeader(const uint8_t* bytes) {
+  const uint64_t version = loadBigEndian(bytes + kVersionPos, 2);
+  return std::toupper(bytes[0]) == 'Q' && std::toupper(bytes[1]) == 'V' &&
+         version >= kFirstVersion && version <= kLastVersion &&
+         loadBigEndian(bytes + kSlotCountPos, 2) == kNewSlotCount &&
+         loadBigEndian(bytes + kSlotSizePos, 2) == kSlotImageSize;
+}
+
+}  // namespace
+
+ScanHits findHits(const ByteSource& source, const Range& range) {
+  ScanHits hits;
+  std::vector<uint8_t> buffer(
+      static_cast<size_t>(std::min<int64_t>(range.size(), static_cast<int64_t>(kChunk))));
+  // Chunks overlap by what a hit needs behind its first byte, and begin where the last one's
+  // search ended.
+  for (int64_t start = range.begin; start < range.end;) {
+    const auto want = static_cast<size_t>(
+        std::min<int64_t>(range.end - start, static_cast<int64_t>(buffer.size())));
+    const size_t held = source.readAt(start, buffer.data(), want);
+    const bool isLast = held < want || start + static_cast<int64_t>(held) >= range.end;
+    const size_t searched = held < kMarkPrefix ? 0 : held - (kMarkPrefix - 1);
+    for (const uint8_t mark : {kRecordMark, kTableDataMark}) {
+      eachByte(buffer, searched, mark, [&](size_t offset) {
+        if (isBlockStart(buffer.data() + offset)) {
+          hits.marks.push_back(start + static_cast<int64_t>(offset));
+        }
+      });
+    }
+    eachByte(buffer, held, kSlotImageSize, [&](size_t offset) {
+      if (offset < kSizesPattern - 1) return;
+      if (loadBigEndian(buffer.data() + offset - 3, 4) != (uint64_t{kNewSlotCount} << 16 | 144)) {
+        return;
+      }
+      const int64_t origin = start + static_cast<int64_t>(offset) - 3 - kSlotCountPos;
+      if (origin >= range.begin) hits.headers.push_back(origin);
+    });
+    if (isLast) break;
+    start += static_cast<int64_t>(held) - static_cast<int64_t>(kSizesPattern);
+  }
+  std::sort(hits.marks.begin(), hits.marks.end());
+  hits.marks.erase(std::unique(hits.marks.begin(), hits.marks.end()), hits.marks.end());
+  return hits;
+}
+
+std::optional<NestedDatabase> CandidateReader::readNested(int64_t origin) {
+  const uint8_t* header = window_.at(origin, kDirectoryPos);
+  if (header == nullptr || !looksLikeHeader(header)) return std::nullopt;
+  NestedDatabase nested;
+  nested.origin = origin;
+  for (int i = 0; i < kNewSlotCount; ++i) {
+    const uint8_t* image =
+        window_.at(origin + kDirectoryPos + int64_t{i} * kSlotImageSize, kSlotImageSize);
+    if (image == nullptr) break;
+    if (image[slot::kSlotMark] != kSlotMark || image[slot::kSlotEndMark] != kSlotEndMark) continue;
+    Id id;
+    std::memcpy(id.data(), image + slot::kTableID, kIdentifierSize);
+    nested.tables.push_back(id);
+  }
+  return nested;
+}
+
+// A table of the directory, also when the sum in the block is damaged, or any identifier with a
+// right sum.
+bool CandidateReader::findOwner(const unsigned char* tableID, uint32_t* owner, int* errors) {
+  const uint64_t number = identifierNumber(tableID);
+  for (uint32_t i = 0; i < knownOwners_; ++i) {
+    if (std::memcmp(survey_.owners[i].id.data(), tableID, kIdentifierSize) == 0) {
+      *owner = i;
+      return true;
+    }
+  }
+  for (uint32_t i = 0; i < knownOwners_; ++i) {
+    if (survey_.owners[i].number != number) continue;
+    *owner = i;
+    ++*errors;
+    return true;
+  }
+  if (number == 0 || !identifierSumIsRight(tableID)) return false;
+  *owner = ownerOf(tableID, &survey_);
+  return true;
+}
+
+bool CandidateReader::readRecordHead(int64_t position, Block* block, int* errors) {
+  const uint8_t* bytes = window_.at(position, record::kData);
+  if (bytes == nullptr) return false;
+  const recordPart1 head = decodeRecordHead(bytes);
+  const bool sumIsRight = identifierSumIsRight(head.recordID);
+  // Without a table of the directory the record's own sum has to be right, or anything would do.
+  if (!findOwner(head.tableID, &block->owner, errors)) return false;
+  if (!isKnown(block->owner) && !sumIsRight) return false;
+  block->kind = BlockKind::record;
+  block->prev = head.prevRecordPos;
+  block->next = head.nextRecordPos;
+  block->recordID = identifierNumber(head.recordID);
+  block->createTime = head.createTime;
+  block->modifyTime = head.modifyTime;
+  block->length = head.dataLength;
+  block->capacity = head.dataCapacity;
+  if (!sumIsRight) block->flaws |= kWrongIdSum;
+  if (block->recordID == 0) block->flaws |= kZeroId;
+  if (block->flaws != 0) ++*errors;
+  return true;
+}
+
+bool CandidateReader::readTableDataHead(int64_t position, Block* block, int* errors) {
+  const uint8_t* bytes = window_.at(position, tabledata::kData);
+  if (bytes == nullptr) return false;
+  const TableDataHead head = decodeTableDataHead(bytes);
+  if (!findOwner(head.tableID, &block->owner, errors)) return false;
+  block->kind = BlockKind::tableData;
+  block->length = head.dataLength;
+  block->capacity = head.dataCapacity;
+  return true;
+}
+
+void CandidateReader::judgeExtent(int64_t limit, Block* block, int* errors) {
+  block->end = block->claimedEnd();
+  if (block->length > block->capacity) block->flaws |= kLengthAboveCapacity;
+  if (block->end > survey_.size) block->flaws |= kBeyondEnd;
+  if (block->end > limit) {
+    block->flaws |= kCutShort;
+    block->end = limit;
+  } else if (window_.byteAt(block->end - 1) != kBlockEndMark) {
+    block->flaws |= kNoEndMark;
+  }
+  if (block->flaws & kBeyondEnd) block->flaws &= static_cast<uint8_t>(~kCutShort);
+  if (block->flaws & (kLengthAboveCapacity | kBeyondEnd | kCutShort | kNoEndMark)) ++*errors;
+}
+
+std::optional<Block> CandidateReader::read(int64_t position, int64_t limit) {
+  const int mark = window_.byteAt(position);
+  const bool isRecord = mark == kRecordMark;
+  if (position > limit - (isRecord ? record::kData : tabledata::kData)) return std::nullopt;
+  Block block;
+  block.position = position;
+  int errors = 0;
+  const bool isCandidate = isRecord ? readRecordHead(position, &block, &errors)
+                                    : readTableDataHead(position, &block, &errors);
+  if (!isCandidate) return std::nullopt;
+  judgeExtent(limit, &block, &errors);
+  block.grade = errors == 0 ? Grade::a : errors == 1 ? Grade::b : Grade::c;
+  if (block.grade == Grade::c && !isKnown(block.owner)) return std::nullopt;
+  return block;
+}
+
+}  // namespace qvdbase::raw

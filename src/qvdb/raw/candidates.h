@@ -1,0 +1,53 @@
+// Candidates: places in the file where the bytes look like a block.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "qvdb/raw/survey.h"
+
+namespace qvdbase::raw {
+
+// A database header inside the bytes that were scanned, with the tables of its directory.
+struct NestedDatabase {
+  int64_t origin = 0;
+  std::vector<Id> tables;
+};
+
+struct ScanHits {
+  std::vector<int64_t> marks;    // where a block mark and the header size behind it stand
+  std::vector<int64_t> headers;  // where a database header may begin
+};
+
+// Every hit in the range, in ascending order.
+ScanHits findHits(const ByteSource& source, const Range& range);
+
+// Reads candidates, all through one window: ask in ascending order.
+class CandidateReader {
+ public:
+  CandidateReader(const ByteSource& source, Survey* survey) : window_(source), survey_(*survey) {
+    knownOwners_ = survey_.owners.size();
+  }
+
+  // The block at `position` if enough of it is right, with its grade; it must lie below `limit`.
+  std::optional<Block> read(int64_t position, int64_t limit);
+
+  std::optional<NestedDatabase> readNested(int64_t origin);
+
+  // Whether the owner has a slot in the directory.
+  bool isKnown(uint32_t owner) const { return owner < knownOwners_; }
+
+  int64_t unreadableAt() const { return window_.unreadableAt(); }
+
+ private:
+  bool findOwner(const unsigned char* tableID, uint32_t* owner, int* errors);
+  bool readRecordHead(int64_t position, Block* block, int* errors);
+  bool readTableDataHead(int64_t position, Block* block, int* errors);
+  void judgeExtent(int64_t limit, Block* block, int* errors);
+
+  Window window_;
+  Survey& survey_;
+  size_t knownOwners_ = 0;
+};
+
+}  // namespace qvdbase::raw

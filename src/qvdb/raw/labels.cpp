@@ -1,0 +1,221 @@
+// Step 5 of a survey: what became of each block.
+//
+// Blocks are never changed after they leave the chain, and nothing is written over them. So a block
+// that its neighbours no longer name was taken out (whoever unlinks a block relinks its neighbours
+// first), while one that they still name belongs to a chain that was broken elsewhere.
+//
+// The blocks of one record stand in the file in the order in which they were written. Of a record
+// that no chain holds, the last whole block is its last version.
+#include <algorithm>
+
+#include "qvdb/raw/survey.h"
+
+namespace qvdbase::raw {
+namespace {
+
+enum class Evidence { none, agree, disagree };
+
+class Labeller {
+ public:
+  explicit Labeller(Survey* survey) : survey_(*survey) {}
+
+  void run() {
+    std::vector<uint32_t> records;
+    for (uint32_t i = 0; i < survey_.blocks.size(); ++i) {
+      if (survey_.blocks[i].kind == BlockKind::record) records.push_back(i);
+    }
+    std::sort(records.begin(), records.end(), [&](uint32_t a, uint32_t b) {
+      const Block& x = survey_.blocks[a];
+      const Block& y = survey_.blocks[b];
+      if (x.owner != y.owner) return x.owner < y.owner;
+      if (x.recordID != y.recordID) return x.recordID < y.recordID;
+      return x.position < y.position;
+    });
+    distinct_.assign(survey_.owners.size(), 0);
+    undecided_.assign(survey_.owners.size(), {});
+    for (size_t begin = 0; begin < records.size();) {
+      size_t end = begin + 1;
+      while (end < records.size() && isSameRecord(records[begin], records[end])) ++end;
+      labelVersions(&records[begin], end - begin);
+      begin = end;
+    }
+    for (uint32_t owner = 0; owner < undecided_.size(); ++owner) decide(owner);
+    countRecords(records);
+    labelTableData();
+  }
+
+ private:
+  Block& block(uint32_t number) { return survey_.blocks[number]; }
+
+  bool isSameRecord(uint32_t a, uint32_t b) {
+    return block(a).owner == block(b).owner && block(a).recordID == block(b).recordID;
+  }
+
+  // All blocks of one record, in file order.
+  void labelVersions(const uint32_t* versions, size_t count) {
+    const Block* live = nullptr;
+    bool isWhole = false;
+    for (size_t i = 0; i < count; ++i) {
+      const Block& each = block(versions[i]);
+      isWhole |= each.isReached() || each.grade == Grade::a;
+      if (each.reach & kForward) live = &each;
+    }
+    for (size_t i = 0; i < count && live == nullptr; ++i) {
+      if (block(versions[i]).reach & kBackward) live = &block(versions[i]);
+    }
+    if (isWhole) ++distinct_[block(versions[0]).owner];
+    for (size_t i = 0; i < count; ++i) labelBeside(live, &block(versions[i]));
+    if (live == nullptr) labelUnreached(versions, count);
+  }
+
+  // A version of a record that the chain holds in the block `live`.
+  static void labelBeside(const Block* live, Block* version) {
+    if (live == nullptr) return;
+    if (version == live || (version->reach & kForward)) {
+      version->label = Label::live;
+    } else if (version->reach & kUncounted) {
+      version->label = Label::unlinked;
+    } else if (version->position > live->position) {
+      version->label = Label::unfinishedRelocation;
+    } else {
+      version->label = Label::superseded;
+    }
+  }
+
+  void labelUnreached(const uint32_t* versions, size_t count) {
+    size_t last = count;
+    for (size_t i = 0; i < count; ++i) {
+      const Block& each = block(versions[i]);
+      if (each.grade == Grade::a || each.isReached()) last = i;
+    }
+    if (last == count) last = count - 1;
+    for (size_t i = 0; i < count; ++i) {
+      Block& each = block(versions[i]);
+      if (each.reach & kUncounted) {
+        each.label = Label::unlinked;
+      } else if (i != last) {
+        each.label = i < last ? Label::superseded : Label::unfinishedRelocation;
+      } else {
+        labelLastVersion(versions[i]);
+      }
+    }
+  }
+
+  void labelLastVersion(uint32_t number) {
+    Block& last = block(number);
+    const Evidence evidence = askNeighbours(last);
+    const bool isTorn = last.grade != Grade::a && last.next == 0 &&
+                        (last.flaws & (kBeyondEnd | kCutShort | kNoEndMark)) != 0;
+    if (evidence == Evidence::agree || (evidence == Evidence::none && !isChainSound(last.owner))) {
+      last.label = isTorn && evidence == Evidence::none ? Label::unlinked : Label::detached;
+    } else if (isTorn) {
+      last.label = Label::unlinked;
+    } else {
+      last.label = Label::deleted;
+      // Whatever has had a successor was counted once.
+      if (last.next == 0) undecided_[last.owner].push_back(number);
+    }
+  }
+
+  Evidence askNeighbours(const Block& asked) {
+    Evidence evidence = Evidence::none;
+    const auto ask = [&](int64_t position, int64_t Block::*link) {
+      if (position == 0) return;
+      const uint32_t number = survey_.byPosition.find(position);
+      if (number == kNoBlock) return;
+      const Block& neighbour = block(number);
+      if (neighbour.kind != BlockKind::record || neighbour.owner != asked.owner) return;
+      const bool agrees = neighbour.*link == asked.position;
+      if (!agrees) {
+        evidence = Evidence::disagree;
+      } else if (evidence == Evidence::none) {
+        evidence = Evidence::agree;
+      }
+    };
+    ask(asked.prev, &Block::next);
+    ask(asked.next, &Block::prev);
+    return evidence;
+  }
+
+  // Whether both walks of the owner's chain meet all that its slot counts: then nothing of it is
+  // missing.
+  bool isChainSound(uint32_t owner) {
+    for (const Table& table : survey_.tables) {
+      if (table.owner != owner) continue;
+      const Slot& slot = survey_.slots[static_cast<size_t>(table.slot)];
+      if (table.forward.end != WalkEnd::complete || table.backward.end != WalkEnd::complete) {
+        return false;
+      }
+      return table.forward.blocks.size() >= slot.fields.recordCount;
+    }
+    return false;
+  }
+
+  // Deleted, or never linked? A block that was deleted as the last of its chain looks like one that
+  // was written and never linked. The slot knows how many records were ever counted.
+  void decide(uint32_t owner) {
+    const int slot = survey_.owners[owner].slot;
+    if (slot == kNoSlot || undecided_[owner].empty()) return;
+    const uint32_t counted = survey_.slots[static_cast<size_t>(slot)].fields.recordWriteCount;
+    if (distinct_[owner] <= counted) return;
+    const bool all = distinct_[owner] - counted >= undecided_[owner].size();
+    for (const uint32_t number : undecided_[owner]) {
+      block(number).label = all ? Label::unlinked : Label::deletedOrUnlinked;
+    }
+  }
+
+  void countRecords(const std::vector<uint32_t>& records) {
+    const Block* counted = nullptr;
+    for (const uint32_t number : records) {
+      const Block& each = block(number);
+      const bool isMissing = each.label == Label::detached || each.label == Label::unlinked;
+      const bool counts = each.label == Label::live || (isMissing && each.grade == Grade::a);
+      const bool isCounted =
+          counted != nullptr && counted->owner == each.owner && counted->recordID == each.recordID;
+      if (!counts || isCounted) continue;
+      ++survey_.owners[each.owner].records;
+      counted = &each;
+    }
+  }
+
+  void labelTableData() {
+    std::vector<const Block*> current(survey_.owners.size(), nullptr);
+    std::vector<Block*> newest(survey_.owners.size(), nullptr);
+    for (Block& each : survey_.blocks) {
+      if (each.kind != BlockKind::tableData) continue;
+      if (each.reach & kAsData) current[each.owner] = &each;
+      Block*& candidate = newest[each.owner];
+      const bool isBetter = candidate == nullptr || each.grade < candidate->grade ||
+                            (each.grade == candidate->grade && each.position > candidate->position);
+      if (isBetter) candidate = &each;
+    }
+    for (Block& each : survey_.blocks) {
+      if (each.kind != BlockKind::tableData) continue;
+      each.label = labelOfData(each, current[each.owner], newest[each.owner]);
+    }
+  }
+
+  Label labelOfData(const Block& data, const Block* current, const Block* newest) const {
+    if (data.reach & kAsData) return Label::live;
+    if (current != nullptr) {
+      return data.position > current->position ? Label::unlinked : Label::superseded;
+    }
+    if (&data != newest) return data.grade == Grade::a ? Label::superseded : Label::unlinked;
+    const int slot = survey_.owners[data.owner].slot;
+    const bool wasNeverSet =
+        slot != kNoSlot && survey_.slots[static_cast<size_t>(slot)].fields.firstDataPos == 0;
+    return wasNeverSet ? Label::unlinked : Label::detached;
+  }
+
+  Survey& survey_;
+  std::vector<uint64_t> distinct_;                // records of each owner, counted by identifier
+  std::vector<std::vector<uint32_t>> undecided_;  // of each owner
+};
+
+}  // namespace
+
+void labelBlocks(Survey* survey) {
+  Labeller(survey).run();
+}
+
+}  // namespace qvdbase::raw

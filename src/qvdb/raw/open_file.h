@@ -1,0 +1,36 @@
+// A database file opened to be looked at, with failures told as the C++ layer tells them.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "platform/read_only_file.h"
+#include "qvdb/raw/byte_source.h"
+
+namespace qvdbase::raw {
+
+class OpenedFile {
+ public:
+  // Throws qvdb::Error, in the name of `operation`: no_such_file, not_a_file, access_denied,
+  // cannot_open, path_not_reachable.
+  OpenedFile(const std::filesystem::path& path, const char* operation);
+
+  const ByteSource& source() const { return *source_; }
+
+  // Whether anybody has written to the file since it was opened here: its size, its times, or the
+  // bytes of its header and directory are others.
+  bool hasChanged() const;
+
+  bool isLockedByOthers() const { return file_.isLockedByOthers(); }
+
+ private:
+  static constexpr size_t kWatchedSize = 4630;  // header and directory
+
+  platform::ReadOnlyFile file_;
+  platform::FileStamp stamp_;
+  std::optional<FileSource> source_;
+  std::vector<unsigned char> watched_;
+};
+
+}  // namespace qvdbase::raw
