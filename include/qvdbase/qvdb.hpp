@@ -16,6 +16,7 @@
 #ifndef QVDBASE_QVDB_HPP
 #define QVDBASE_QVDB_HPP
 
+#include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/id.hpp>

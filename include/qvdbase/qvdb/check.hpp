@@ -1,0 +1,174 @@
+// qvdb::check: is this file sound? And if it is not: what is wrong, what will fail because of it,
+// and what to do.
+//
+//   const qvdb::CheckReport report = qvdb::check("notes.qvd", [](const qvdb::Finding& finding) {
+//     std::cout << finding.code << ": " << finding.message << "\n";
+//   });
+//   if (report.state == qvdb::CheckState::damaged) ...
+//
+// The check only reads. It goes by the format and not by the library's own walks, which stop where
+// their users stop: it follows each chain from both ends, looks at all bytes that no chain covers,
+// and accounts for every one. It takes time in proportion to the blocks and to the bytes that are
+// not in use, and memory in proportion to the blocks. No number in the file makes it take more.
+//
+// The file may be open elsewhere. A check beside a running writer, whose half-done work looks like
+// damage, is repeated and in the end says in_use rather than anything else.
+#ifndef QVDBASE_QVDB_CHECK_HPP
+#define QVDBASE_QVDB_CHECK_HPP
+
+#include <qvdbase/base.h>
+#include <qvdbase/qvdb/id.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qvdb {
+
+enum class Severity {
+  information,  // worth knowing, nothing wrong
+  warning,      // legal, but dangerous or unusual
+  error,        // damage
+};
+
+// "information", "warning", "error".
+QVDBASE_API std::string_view to_string(Severity severity) noexcept;
+
+// One thing that was found.
+struct Finding {
+  Severity severity = Severity::information;
+  std::string code;          // "R5"; see finding_codes()
+  int slot = -1;             // the table's slot; -1 when it is about no table
+  std::string table;         // its name, as it stands in the file
+  Id table_id;               // 0 when it is about no table
+  Id record;                 // 0 when it is about no record
+  std::int64_t offset = -1;  // where in the file; -1 when nowhere in particular
+  std::string message;       // what was found here, one sentence
+  std::uint64_t more = 0;    // how many others like it are not told one by one
+};
+
+// What a code stands for, in general.
+struct FindingCode {
+  std::string_view code;
+  Severity severity;         // the gravest that it comes with
+  std::string_view meaning;  // what it is
+  std::string_view fails;    // the library calls that fail because of it
+  std::string_view advice;   // what to do
+};
+
+// All codes, in the order of the file's parts.
+QVDBASE_API std::span<const FindingCode> finding_codes() noexcept;
+
+// The entry of one code; an entry of empty texts when there is none.
+QVDBASE_API const FindingCode& finding_code(std::string_view code) noexcept;
+
+// How the library's own calls will fare with a table of this file, worked out from what they read.
+struct TableOutlook {
+  int slot = 0;
+  std::string name;
+  Id id;
+  bool reachable = false;             // the directory leads to it: without that, every call fails
+  bool append = false;                // AddRecordData
+  bool list = false;                  // GetRecordUuIDList
+  bool find_all = false;              // GetOneRecordInfo, for every record of the chain
+  bool get_data = false;              // GetTableData; true as well when the table has none
+  bool set_data = false;              // SetTableData
+  std::uint32_t counted = 0;          // recordCount of the slot
+  std::uint64_t walked = 0;           // records that the forward walk meets within the count
+  std::uint64_t found_elsewhere = 0;  // records of the table beyond that, reached or lost
+};
+
+// What every byte of the file is. The sum is the size of the file.
+struct SpaceUse {
+  std::uint64_t directory = 0;   // header and slots
+  std::uint64_t records = 0;     // blocks of records in use, the reserve included
+  std::uint64_t table_data = 0;  // blocks of table data in use
+  std::uint64_t superseded = 0;  // older versions of records and of table data
+  std::uint64_t deleted = 0;     // records that were deleted
+  std::uint64_t unlinked = 0;    // blocks that never got into a chain, torn ones included
+  std::uint64_t lost = 0;        // blocks that belong to a chain that does not lead to them
+  std::uint64_t orphans = 0;     // blocks of tables that the directory does not have
+  std::uint64_t unknown = 0;     // bytes that are no block
+  std::uint64_t reserve = 0;     // of `records`: room that holds no data
+};
+
+enum class CheckState {
+  sound,    // nothing but information
+  unusual,  // warnings
+  damaged,  // errors
+  in_use,   // somebody writes: what was found may be work in progress
+};
+
+struct CheckReport {
+  CheckState state = CheckState::sound;
+  std::uint64_t errors = 0;
+  std::uint64_t warnings = 0;
+  std::uint64_t informations = 0;
+  std::uint64_t file_size = 0;
+  std::uint64_t blocks = 0;
+  SpaceUse space;
+  std::vector<TableOutlook> tables;
+  bool pack = false;  // PackOneDB2NewW will succeed
+  int repair = 0;     // what FixOneDBLinkErrorW will report: 0, 1 (failure) or 2 (rewritten)
+};
+
+struct CheckOptions {
+  bool categories = false;  // look into the records of "QVrz_Category"
+  bool deep = false;        // look for blocks inside the payloads of records (reads everything)
+  // Findings of one code and table that are told one by one; the last one counts the others.
+  std::uint64_t most_alike = 20;
+  // The present time in seconds since 1970, for judging times; 0 asks the clock.
+  std::int64_t now = 0;
+  // How often a check that was disturbed by a writer is repeated, and how long it waits before.
+  int retries = 2;
+  int wait_milliseconds = 200;
+};
+
+using FindingVisitor = std::function<void(const Finding&)>;
+
+// Checks a file. The visitor, which may be empty, gets every finding, the header's first, each
+// table's in the order of the slots, and those about space last.
+//
+// Throws Error with no_such_file, not_a_file, access_denied, cannot_open or path_not_reachable.
+// What is wrong inside the file is never thrown.
+QVDBASE_API CheckReport check(const std::filesystem::path& path, const FindingVisitor& visitor = {},
+                              const CheckOptions& options = {});
+
+// Checks a database that is in memory.
+QVDBASE_API CheckReport check_image(std::span<const std::byte> image,
+                                    const FindingVisitor& visitor = {},
+                                    const CheckOptions& options = {});
+
+// What link repair (FixOneDBLinkErrorW) would make of a table.
+struct RepairedTable {
+  int slot = 0;
+  std::string name;
+  Id id;
+  bool rewritten = false;       // false: its chain counts as sound, or it is skipped
+  std::uint32_t counted = 0;    // records before, as the slot counts them
+  std::uint64_t reachable = 0;  // records that can still be found: from both ends, and by scanning
+  std::uint64_t kept = 0;       // records that its chain will have afterwards
+  std::uint64_t lost = 0;       // reachable ones that it will not have
+};
+
+struct RepairPreview {
+  int result = 0;       // as FixOneDBLinkErrorW will report it: 0 sound, 1 failure, 2 rewritten
+  std::string failure;  // why it will fail; empty when it will not
+  bool unfinished_pack = false;  // the file is an unfinished pack; repair will hide that
+  std::vector<RepairedTable> tables;
+  std::uint64_t lost = 0;  // of all tables
+  bool salvage_gives_more = false;
+};
+
+// Says what link repair would do to a file, without writing. Link repair keeps what the forward
+// walk reaches; everything else drops out of the chain. Throws as check() does.
+QVDBASE_API RepairPreview predict_repair(const std::filesystem::path& path);
+
+}  // namespace qvdb
+
+#endif

@@ -1,0 +1,182 @@
+// What each code means, what fails because of it, and what to do: the words that a finding itself
+// need not repeat. In the order of the parts of a file.
+#include <qvdbase/qvdb/check.hpp>
+
+namespace qvdb {
+namespace {
+
+constexpr Severity kError = Severity::error;
+constexpr Severity kWarning = Severity::warning;
+constexpr Severity kInformation = Severity::information;
+
+constexpr std::string_view kNothing = "nothing";
+constexpr std::string_view kAll = "every call on tables and records; pack and link repair";
+constexpr std::string_view kTail =
+    "listing the table; lookups, changes and deletions of the records behind it; pack unless the "
+    "chain simply ends there";
+constexpr std::string_view kSalvage = "run 'qvdb salvage' into a new file";
+constexpr std::string_view kTailAdvice =
+    "run 'qvdb salvage' into a new file; link repair would keep only what is reached from the "
+    "front";
+constexpr std::string_view kLeave = "nothing needs to be done";
+constexpr std::string_view kPack = "nothing needs to be done; 'qvdb compact' drops it";
+
+constexpr FindingCode kCodes[] = {
+    // ---- The file as a whole
+    {"F1", kError, "the file is empty", "every call",
+     "restore it from a copy; a pack that failed, or the copying of a frame, leaves "
+     "such a file behind and has not changed its source"},
+    {"F2", kError, "the file is cut off before the end of its directory", kAll,
+     "restore it from a copy; 'qvdb salvage' finds what blocks there are"},
+    {"F3", kWarning, "not a regular file, or one with holes where data should be", kNothing,
+     "look whether the file was copied whole"},
+    {"F5", kError, "the system cannot read a part of the file", "every call that needs that part",
+     "copy what can be read from the device, then run 'qvdb salvage' on the copy"},
+
+    // ---- Header
+    {"H1", kError, "the file does not begin with the letters of a database", kAll,
+     "if it was one, run 'qvdb salvage' into a new file"},
+    {"H2", kError, "the version lies outside 100 to 199", kAll,
+     "if the rest is sound, set the version to 100"},
+    {"H3", kError, "the file is an unfinished pack: its version is 101", kNothing,
+     "the source of the pack is the good copy: use that; link repair would set the version and "
+     "hide "
+     "that records are missing"},
+    {"H4", kError, "the database identifier is damaged", kNothing,
+     "harmless to the library; programs that compare identifiers may refuse the file"},
+    {"H5", kError, "the number of tables is impossible",
+     "every call on tables that are not counted; adding tables", kSalvage},
+    {"H6", kError, "the number or the size of the slots is not what every file has", kAll,
+     kSalvage},
+
+    // ---- Directory
+    {"D1", kError, "a slot in use lacks one of its marks",
+     "every call on this table and on those behind it; adding tables; pack and link repair",
+     kSalvage},
+    {"D2", kError, "a slot that is not counted holds a table",
+     "every call on this table; the next AddTable writes over the slot",
+     "if the table has records, run 'qvdb salvage' into a new file before anything is added; else "
+     "it "
+     "is what an interrupted AddTable leaves"},
+    {"D3", kError, "a table identifier is damaged, zero, or used by two slots",
+     "calls on the second table of the same identifier", kSalvage},
+    {"D4", kWarning, "a table name is empty, appears twice, or is not fit to be shown",
+     "finding the second table by its name", "use the table's identifier"},
+    {"D5", kInformation, "a slot is not written exactly as the library writes it", kNothing,
+     kLeave},
+    {"D6", kError, "the number of records and the ends of the chain contradict each other",
+     "appending to the table; listing it or finding records in it", kSalvage},
+    {"D7", kError, "a position in a slot cannot be right",
+     "calls that start from there: listing and finding from the first record, appending from the "
+     "last",
+     kTailAdvice},
+    {"D8", kWarning, "a table counts more records than were ever added to it", kNothing,
+     "legal after a link repair; otherwise look at the other findings on the table"},
+    {"D9", kWarning, "the counts and the positions of the table data contradict each other",
+     "reading the table data, if its first position is the wrong one", "set the table data again"},
+    {"D10", kInformation, "a free slot is not as a new file has it", kNothing, kLeave},
+
+    // ---- Chains of records
+    {"R1", kError, "a link leads to where no block can be", kTail, kTailAdvice},
+    {"R2", kError, "there is no record block where a link leads", kTail, kTailAdvice},
+    {"R3", kError, "a link leads into another table's chain", kTail, kTailAdvice},
+    {"R4", kError, "a record identifier is damaged, or zero",
+     "finding this record by the identifier it had", kSalvage},
+    {"R5", kError, "the chain ends before the number of records is reached",
+     "listing the table; finding a record that is not there, or is behind the end", kTailAdvice},
+    {"R6", kError, "the last counted record has a successor: an append was cut off",
+     "appending to the table; deleting or enlarging its last record",
+     "'qvdb salvage' brings the record in; link repair drops it and mends the table"},
+    {"R7", kError, "the walk from the front does not end at the table's last record",
+     "appending to the table; deleting its last record", kTailAdvice},
+    {"R8", kError, "a record's back link does not name its predecessor",
+     "deleting this record; enlarging it or its predecessor",
+     "link repair mends this without loss if it is the only kind of finding on the table"},
+    {"R9", kError, "the chain leads back into itself",
+     "nothing at once: lookups and listing repeat records, and miss those behind", kTailAdvice},
+    {"R10", kError, "records that only the walk from the back reaches",
+     "listing the table; finding these records",
+     "run 'qvdb salvage' into a new file; link repair would drop them"},
+    {"R11", kError, "a record claims more data than it has room for",
+     "reading the record: it gives bytes of what lies behind", kSalvage},
+    {"R12", kError, "a record reaches beyond the end of the file",
+     "reading the record; pack, if the data itself is cut off", kSalvage},
+    {"R13", kError, "a record's end mark is missing", kNothing,
+     "something was written over the block; compare its data with a copy"},
+    {"R14", kWarning, "a record's times cannot be right", kNothing, kLeave},
+    {"R15", kWarning, "an identifier stands for several records of a table",
+     "finding any but the first of them", "add the others again under identifiers of their own"},
+    {"R16", kInformation, "the last written record is no longer in the chain", kNothing, kLeave},
+
+    // ---- Table data
+    {"T1", kError, "the position of the table data cannot be right",
+     "reading and setting the table data; pack and link repair of the file", kSalvage},
+    {"T2", kError, "there is no table data of this table where its slot says",
+     "reading and setting the table data; pack and link repair of the file", kSalvage},
+    {"T3", kError, "there is sound table data that the slot does not point to, as a pack leaves it",
+     "reading and setting the table data; pack and link repair of the file",
+     "'qvdb salvage' into a new file finds the data; 'qvdb compact' of the source avoids it"},
+    {"T4", kError, "the block of table data is not whole",
+     "pack and link repair of the file; reading the data, if it is cut off", kSalvage},
+    {"T5", kInformation, "no end mark stands directly behind the table data", kNothing, kLeave},
+
+    // ---- Space
+    {"S1", kError, "two blocks overlap", "reading the first of them gives bytes of the second",
+     kSalvage},
+    {"S2", kWarning, "blocks that no chain leads to", kNothing,
+     "superseded and deleted ones: 'qvdb compact' drops them; lost or unlinked ones: 'qvdb "
+     "salvage' "
+     "brings them back"},
+    {"S3", kInformation, "table data that no slot points to", kNothing, kPack},
+    {"S4", kWarning, "a block that was never finished", kNothing,
+     "an append was cut off; 'qvdb compact' drops it"},
+    {"S5", kWarning, "bytes that are no block", kNothing,
+     "something else wrote to the file, or the system lost what was written; 'qvdb compact' drops "
+     "them"},
+    {"S6", kInformation, "blocks inside the payload of another", kNothing,
+     "a database is stored as a record; it counts as data"},
+    {"S7", kInformation, "space that is not used", kNothing, kPack},
+
+    // ---- Categories
+    {"C1", kError, "a category record is shorter than its own counts say",
+     "pack with new identifiers; decoding the record", "write the record again"},
+    {"C2", kError, "a category names a record that does not exist", "pack with new identifiers",
+     "take the entry out of the category"},
+    {"C3", kWarning, "a category names the last record of the records table",
+     "pack with new identifiers", "append another record to \"QVrz_Record\" before"},
+    {"C4", kWarning, "categories without the tables that belong to them",
+     "pack with new identifiers", "use the ordinary pack"},
+
+    // ---- What will happen
+    {"W1", kInformation, "what the library's calls will do with this file now", "those named",
+     "see the other findings"},
+};
+
+constexpr FindingCode kUnknown = {"", kInformation, "", "", ""};
+
+}  // namespace
+
+std::span<const FindingCode> finding_codes() noexcept {
+  return kCodes;
+}
+
+const FindingCode& finding_code(std::string_view code) noexcept {
+  for (const FindingCode& each : kCodes) {
+    if (each.code == code) return each;
+  }
+  return kUnknown;
+}
+
+std::string_view to_string(Severity severity) noexcept {
+  switch (severity) {
+    case Severity::information:
+      return "information";
+    case Severity::warning:
+      return "warning";
+    case Severity::error:
+      return "error";
+  }
+  return "";
+}
+
+}  // namespace qvdb

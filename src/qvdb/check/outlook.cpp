@@ -1,0 +1,183 @@
+// What the library's calls will do with a file, worked out from what they read and in which order.
+//
+// These are exact for the file as it is: they follow the rules of the operations themselves,
+// applied to the walks of the survey, which saw more than the operations ever do.
+#include <algorithm>
+#include <cctype>
+
+#include "format/identifiers.h"
+#include "qvdb/check/parts.h"
+
+namespace qvdbase::check {
+namespace {
+
+using raw::Block;
+using raw::DataState;
+using raw::Slot;
+using raw::Survey;
+using raw::Table;
+using raw::WalkEnd;
+
+bool headerIsUsable(const Survey& survey) {
+  const raw::Header& header = survey.header;
+  return survey.headerThere && std::toupper(header.fields.signature[0]) == 'Q' &&
+         std::toupper(header.fields.signature[1]) == 'V' &&
+         header.fields.version >= kFirstVersion && header.fields.version <= kLastVersion &&
+         header.slotSize == survey.slotStride;
+}
+
+// Whether the walk from the front gets through all counted records. One that loops does: it is the
+// count that ends it.
+bool walkSucceeds(const Table& table, uint32_t count) {
+  return table.forward.blocks.size() >= count || table.forward.end == WalkEnd::loop;
+}
+
+bool canAppend(const Survey& survey, const Table& table, const tablePart1& slot) {
+  if ((slot.recordCount == 0) != (slot.firstRecordPos == 0)) return false;
+  if (slot.recordCount == 0) return slot.lastRecordPos == 0;
+  if (slot.lastRecordPos == 0 || table.backward.blocks.empty()) return false;
+  return survey.blocks[table.backward.blocks.front()].next == 0;
+}
+
+bool canReadData(const Survey& survey, const Table& table, const tablePart1& slot) {
+  if (slot.firstDataPos == 0) return true;
+  if (table.dataState != DataState::sound || !identifierSumIsRight(slot.tableID)) return false;
+  const Block& block = survey.blocks[table.dataBlock];
+  return block.dataPos() + int64_t{block.length} <= survey.size;
+}
+
+// The test that pack and link repair make before they touch the records.
+bool dataIsWhole(const Survey& survey, const Table& table) {
+  if (table.dataState == DataState::none) return true;
+  if (table.dataState != DataState::sound) return false;
+  return (survey.blocks[table.dataBlock].flaws & (raw::kBeyondEnd | raw::kNoEndMark)) == 0;
+}
+
+bool hasRecords(const tablePart1& slot) {
+  return slot.recordCount != 0 && slot.firstRecordPos != 0;
+}
+
+bool canPackRecords(const Survey& survey, const Table& table, const tablePart1& slot) {
+  if (!hasRecords(slot)) return true;
+  const bool walks =
+      walkSucceeds(table, slot.recordCount) || table.forward.end == WalkEnd::complete;
+  if (!walks) return false;
+  const size_t count = std::min<size_t>(table.forward.blocks.size(), slot.recordCount);
+  return std::all_of(table.forward.blocks.begin(),
+                     table.forward.blocks.begin() + static_cast<std::ptrdiff_t>(count),
+                     [&](uint32_t number) {
+                       const Block& block = survey.blocks[number];
+                       return block.dataPos() + int64_t{block.length} <= survey.size;
+                     });
+}
+
+uint64_t distinctRecords(const Survey& survey, const Table& table, uint64_t count) {
+  std::vector<uint64_t> records;
+  for (uint64_t i = 0; i < count; ++i) {
+    records.push_back(survey.blocks[table.forward.blocks[i]].recordID);
+  }
+  std::sort(records.begin(), records.end());
+  return static_cast<uint64_t>(std::unique(records.begin(), records.end()) - records.begin());
+}
+
+// Link repair on one table. False when it fails there.
+bool repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* repaired,
+                 std::string* failure) {
+  const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+  const uint64_t count = slot.fields.recordCount;
+  repaired->slot = slot.index;
+  repaired->name = raw::nameOf(slot.fields);
+  repaired->id.value = identifierNumber(slot.fields.tableID);
+  repaired->counted = slot.fields.recordCount;
+  repaired->reachable = survey.owners[table.owner].records;
+  if (!dataIsWhole(survey, table)) {
+    *failure = "the table data of " + shown(repaired->name) + " is not where it should be";
+    return false;
+  }
+  const auto forward = std::min<uint64_t>(table.forward.blocks.size(), count);
+  const auto backward = std::min<uint64_t>(table.backward.blocks.size(), count);
+  repaired->kept = forward;
+  if (!hasRecords(slot.fields)) {
+    repaired->kept = 0;
+  } else if (forward == 0 && backward == 0) {
+    *failure = "no record of " + shown(repaired->name) + " can be reached";
+    return false;
+  } else {
+    // Sound to it is a chain of which both walks meet as many records as are counted.
+    repaired->rewritten = forward > 0 && (forward < count || backward < count);
+  }
+  const uint64_t kept = distinctRecords(survey, table, repaired->kept);
+  repaired->lost = repaired->reachable - std::min(repaired->reachable, kept);
+  return true;
+}
+
+}  // namespace
+
+bool isReachable(const Survey& survey, const Slot& slot) {
+  if (!headerIsUsable(survey) || !slot.counted) return false;
+  const uint64_t number = identifierNumber(slot.fields.tableID);
+  for (const Slot& each : survey.slots) {
+    if (!each.holdsTable()) return false;
+    if (each.index == slot.index) return true;
+    if (identifierNumber(each.fields.tableID) == number) return false;  // found instead
+  }
+  return false;
+}
+
+qvdb::TableOutlook outlookOf(const Survey& survey, const Table& table) {
+  const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+  const tablePart1& fields = slot.fields;
+  qvdb::TableOutlook outlook;
+  outlook.slot = slot.index;
+  outlook.name = raw::nameOf(fields);
+  outlook.id.value = identifierNumber(fields.tableID);
+  outlook.reachable = isReachable(survey, slot);
+  outlook.counted = fields.recordCount;
+  outlook.walked = std::min<uint64_t>(table.forward.blocks.size(), fields.recordCount);
+  const uint64_t found = survey.owners[table.owner].records;
+  outlook.found_elsewhere = found - std::min(found, outlook.walked);
+  if (!outlook.reachable) return outlook;
+  outlook.append = canAppend(survey, table, fields);
+  outlook.list = fields.recordCount == 0 || walkSucceeds(table, fields.recordCount);
+  outlook.find_all = outlook.list && outlook.found_elsewhere == 0;
+  outlook.get_data = canReadData(survey, table, fields);
+  outlook.set_data = table.dataState == DataState::none || table.dataState == DataState::sound;
+  return outlook;
+}
+
+bool willPack(const Survey& survey) {
+  if (!headerIsUsable(survey) || survey.header.slotCount != survey.slots.size()) return false;
+  for (const Slot& slot : survey.slots) {
+    if (!slot.counted) break;
+    if (!slot.holdsTable()) return false;
+    const Table* table = survey.tableOfSlot(slot.index);
+    if (!dataIsWhole(survey, *table) || !canPackRecords(survey, *table, slot.fields)) return false;
+  }
+  return survey.header.tableCount <= static_cast<int>(survey.slots.size());
+}
+
+qvdb::RepairPreview willRepair(const Survey& survey) {
+  qvdb::RepairPreview preview;
+  preview.unfinished_pack = survey.header.fields.version == kUnfinishedPackVersion;
+  if (!headerIsUsable(survey)) preview.failure = "the header is not that of a usable database";
+  for (const Slot& slot : survey.slots) {
+    if (!slot.counted || !preview.failure.empty()) break;
+    if (!slot.holdsTable()) {
+      preview.failure = "slot " + std::to_string(slot.index) + " lacks its marks";
+      break;
+    }
+    qvdb::RepairedTable repaired;
+    if (!repairTable(survey, *survey.tableOfSlot(slot.index), &repaired, &preview.failure)) break;
+    if (repaired.rewritten) preview.result = 2;
+    preview.lost += repaired.lost;
+    preview.tables.push_back(std::move(repaired));
+  }
+  if (preview.failure.empty() && survey.header.tableCount > static_cast<int>(survey.slots.size())) {
+    preview.failure = "the number of tables is impossible";
+  }
+  if (!preview.failure.empty()) preview.result = 1;
+  preview.salvage_gives_more = preview.lost > 0 || preview.result == 1;
+  return preview;
+}
+
+}  // namespace qvdbase::check
