@@ -13,12 +13,15 @@
 #include <qvdbase/qvdbase.h>
 #include <rapidcheck.h>
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "QVDbase/position.h"
+#include "QVDbase/record_batch.h"
 #include "model/model.h"
 #include "support/fake_host.h"
 #include "support/file_checker.h"
@@ -36,6 +39,7 @@ enum class Kind {
   getTableData,
   addRecord,
   assignRecord,
+  addBatch,
   modifyRecord,
   touchRecord,
   deleteRecord,
@@ -45,10 +49,10 @@ enum class Kind {
   reopen,
 };
 
-constexpr std::array kKindNames = {"addTable",     "findTable",    "listTables",   "setTableData",
-                                   "getTableData", "addRecord",    "assignRecord", "modifyRecord",
-                                   "touchRecord",  "deleteRecord", "recordInfo",   "listRecords",
-                                   "setVersion",   "reopen"};
+constexpr std::array kKindNames = {"addTable",     "findTable",   "listTables",   "setTableData",
+                                   "getTableData", "addRecord",   "assignRecord", "addBatch",
+                                   "modifyRecord", "touchRecord", "deleteRecord", "recordInfo",
+                                   "listRecords",  "setVersion",  "reopen"};
 
 // One operation. The choices are numbers that the present state gives a meaning to (the one after
 // the last table or record stands for one that is not there), so that any part of a sequence is a
@@ -77,6 +81,7 @@ rc::Gen<Kind> anyKind() {
                                          {2, Kind::getTableData},
                                          {10, Kind::addRecord},
                                          {5, Kind::assignRecord},
+                                         {1, Kind::addBatch},
                                          {10, Kind::modifyRecord},
                                          {2, Kind::touchRecord},
                                          {6, Kind::deleteRecord},
@@ -171,6 +176,8 @@ class Pair {
         return addRecord(tableID(op), pattern(op.size, seed_), op.reserve);
       case Kind::assignRecord:
         return assignRecord(tableID(op), op.record % 8, pattern(op.size, seed_), op.reserve);
+      case Kind::addBatch:
+        return addBatch(tableID(op), op.record % 8 + 1, op.size, op.reserve);
       case Kind::modifyRecord:
         return modifyRecord(tableID(op), recordID(op), pattern(op.size, seed_));
       case Kind::touchRecord:
@@ -276,6 +283,28 @@ class Pair {
     Model::Table* owner = model_.table(table);
     RC_ASSERT(result == (owner == nullptr ? 0 : 1));
     if (owner != nullptr) model_.addRecord(*owner, id, data, reserve, now_);
+  }
+
+  // Many appends at once must leave the file that as many single ones leave.
+  void addBatch(std::uint64_t table, unsigned count, std::uint32_t firstSize,
+                std::uint32_t reserve) {
+    SavedPosition saved(db_);
+    FoundTable found;
+    Model::Table* owner = model_.table(table);
+    RC_ASSERT(qvdbase::findTable(db_, table, &found) == (owner != nullptr));
+    if (owner == nullptr) return static_cast<void>(saved.restore(0));
+    RecordBatch batch(db_, found);
+    RC_ASSERT(batch.begin());
+    for (unsigned i = 0; i < count; ++i) {
+      const Bytes data = pattern(firstSize / (i + 1), seed_ + i);
+      BatchRecord record = {{}, now_, now_, size(data), reserve};
+      std::copy_n(identifier(i).begin(), 10, record.recordID);
+      RC_ASSERT(batch.add(record, data.data()));
+      model_.addRecord(*owner, i, data, reserve, now_);
+    }
+    RC_ASSERT(batch.finish());
+    RC_ASSERT(batch.taken() == count);
+    RC_ASSERT(saved.restore(1) == 1);
   }
 
   void modifyRecord(std::uint64_t table, std::uint64_t record, const Bytes& data) {
