@@ -524,6 +524,15 @@ TEST_F(RecordAppendInside, LinksTheBlockButCountsItNotWhenTheSlotHasLostAMark) {
   }
 }
 
+TEST_F(RecordAppendInside, FailsWhenAnEmptyTableHasAFirstRecord) {
+  allowDamage();
+  slotInMemory.recordCount = 0;
+  slotInMemory.lastRecordPos = 0;
+  const std::int16_t db = start();
+  EXPECT_EQ(append(db, nullptr, 0), 0);
+  EXPECT_EQ(fileSize(), base.size() + blockStart().size());
+}
+
 TEST_F(RecordAppendInside, LeavesTheCallersSlotAloneWhenItCannotBeWritten) {
   allowDamage();
   const std::int16_t db = start();
@@ -636,6 +645,17 @@ TEST_F(RecordAppend, StopsBeforeTheFillWhenItsBufferCannotBeHad) {
   host.heal();
   EXPECT_EQ(position(db), 77);
   expectOnlyAppended(newBlock(bytesOf("x"), c, 3).cut(56));
+}
+
+TEST_F(RecordAppend, NeedsNoBufferForTheFillWithoutAFill) {
+  threeRecords();
+  const std::int16_t db = start();
+  ASSERT_EQ(numberOfRecords(db, kNotes), 3u);
+  host.failFrom(Call::allocate);
+  EXPECT_EQ(assign(db, bytesOf("abc"), 3), 1);
+  host.heal();
+  takeIn(bytesOf("abc"));
+  expectFile();
 }
 
 TEST_F(RecordAppend, AppendsAgainAfterAFailure) {

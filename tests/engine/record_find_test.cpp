@@ -621,6 +621,15 @@ TEST_F(RecordList, IsEmptyForATableWithoutRecords) {
   EXPECT_EQ(buffer[0], kUnwritten);
 }
 
+TEST_F(RecordList, IsEmptyUnderACountOf0WhereverTheChainBegins) {
+  image.slot(notes).firstRecordPos = -1;
+  expectDamage();
+  const std::int16_t db = start();
+  const Listing listing = listOf(db);
+  EXPECT_EQ(listing.result, 1);
+  EXPECT_EQ(listing.count, 0u);
+}
+
 TEST_F(RecordList, RefusesNullPointers) {
   threeRecords();
   const std::int16_t db = start();
