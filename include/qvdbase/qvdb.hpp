@@ -16,10 +16,12 @@
 #ifndef QVDBASE_QVDB_HPP
 #define QVDBASE_QVDB_HPP
 
+#include <qvdbase/qvdb/bulk.hpp>
 #include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/id.hpp>
+#include <qvdbase/qvdb/index.hpp>
 #include <qvdbase/qvdb/record.hpp>
 #include <qvdbase/qvdb/table.hpp>
 

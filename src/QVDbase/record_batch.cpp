@@ -23,6 +23,17 @@ bool lastRecordIsOpen(int16_t db, const tablePart1& slot) {
   return readRecordHeaderAt(db, slot.lastRecordPos, slot.tableID, &last) && last.nextRecordPos == 0;
 }
 
+// Whether nobody has changed the chain since the batch began: its first record says what lies
+// before it, and its blocks stand where the end of the file was.
+bool hasSameChain(const tablePart1& now, const tablePart1& then) {
+  return now.recordCount == then.recordCount && now.recordWriteCount == then.recordWriteCount &&
+         now.firstRecordPos == then.firstRecordPos && now.lastRecordPos == then.lastRecordPos;
+}
+
+bool endsAt(int16_t db, int64_t position) {
+  return myFileSeek(db, 0, kFromEnd) == 0 && myGetFilePos(db) == position;
+}
+
 }  // namespace
 
 RecordBatch::RecordBatch(int16_t db, const FoundTable& table) : db_(db), table_(table) {}
@@ -90,8 +101,8 @@ bool RecordBatch::writePiece() {
   CallScope scope;
   const uint32_t length = pieceUsed_;
   pieceUsed_ = 0;
-  const bool written = myFileSeek(db_, piecePos_, kFromStart) == 0 &&
-                       writeBytes(db_, piece_.data(), length) && linkToWritten(piecePos_);
+  const bool written =
+      endsAt(db_, piecePos_) && writeBytes(db_, piece_.data(), length) && linkToWritten(piecePos_);
   const bool complete = scope.end() && written;
   piecePos_ += length;
   if (complete) written_ = added_;
@@ -105,8 +116,7 @@ bool RecordBatch::writeAlone(const unsigned char* header, const unsigned char* p
   CallScope scope;
   const int64_t blockPos = piecePos_;
   const uint32_t fill = capacity - record.dataLength;
-  const bool written = myFileSeek(db_, blockPos, kFromStart) == 0 &&
-                       writeBytes(db_, header, record::kData) &&
+  const bool written = endsAt(db_, blockPos) && writeBytes(db_, header, record::kData) &&
                        writeBytes(db_, payload, record.dataLength) &&
                        (fill == 0 || internal_WriteEmptyDatas(db_, fill) == 1) &&
                        writeUint8(db_, kBlockEndMark) && linkToWritten(blockPos);
@@ -138,12 +148,15 @@ bool RecordBatch::endsSoundly() {
 bool RecordBatch::takeIn() {
   CallScope scope;
   if (failed_ && !endsSoundly()) return false;
-  tablePart1 slot = table_.slot;
+  tablePart1 slot;
+  if (myFileSeek(db_, table_.slotPos, kFromStart) != 0 ||
+      !readUsedSlot(db_, table_.slotSize, &slot) || !hasSameChain(slot, table_.slot)) {
+    return false;
+  }
   if (slot.recordCount != 0) {
     if (!lastRecordIsOpen(db_, slot)) return false;
     if (!writeLink(db_, slot.lastRecordPos, record::kNextRecordPos, written_.first)) return false;
   }
-  if (!slotIsStillUsed(db_, table_.slotPos, table_.slotSize)) return false;
   if (slot.firstRecordPos == 0) slot.firstRecordPos = written_.first;
   slot.lastWrittenRecordPos = written_.last;
   slot.lastRecordPos = written_.last;

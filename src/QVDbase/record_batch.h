@@ -26,7 +26,9 @@ struct BatchRecord {
 
 class RecordBatch {
  public:
-  // A batch for a table that was found. Nothing else may write to the file until it is finished.
+  // A batch for a table that was found. Nothing else may be appended to the file, and nothing
+  // changed in the table's chain, until it is finished; where that happens all the same, the batch
+  // fails.
   RecordBatch(int16_t db, const FoundTable& table);
   RecordBatch(const RecordBatch&) = delete;
   RecordBatch& operator=(const RecordBatch&) = delete;

@@ -107,6 +107,16 @@ size_t readThroughWindows(const FileEntry* file, int64_t position, void* buffer,
   return got;
 }
 
+void fillWindow(const FileEntry* file, int64_t position, size_t count) {
+  if (count > kLargestWindow || position > kLastWindowPosition) return;
+  if (windowsHold(file, position, count)) return;
+  ReadWindow& window = windowToRefill();
+  window.start = position;
+  window.size = count;
+  fill(window, file, count);
+  window.lastUsed = ++fillings;
+}
+
 void overwriteWindows(const FileEntry* file, int64_t position, const void* bytes, size_t count) {
   for (ReadWindow& window : windows) {
     if (window.entry != file) continue;

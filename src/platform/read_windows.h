@@ -42,6 +42,9 @@ bool windowsHold(const FileEntry* file, int64_t position, size_t count);
 size_t readThroughWindows(const FileEntry* file, int64_t position, void* buffer, size_t count,
                           const ReadWindow** served);
 
+// Fills a window with these bytes, unless one holds them.
+void fillWindow(const FileEntry* file, int64_t position, size_t count);
+
 // Takes bytes that the call has written over into the windows that hold their place.
 void overwriteWindows(const FileEntry* file, int64_t position, const void* bytes, size_t count);
 

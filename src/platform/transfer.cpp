@@ -107,6 +107,12 @@ bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_
   return done == count;
 }
 
+void readAhead(const OpenFile& file, int64_t position, uint32_t count) {
+  if (currentScope == nullptr || isPending(file.entry)) return;
+  serveFromNothing();
+  fillWindow(file.entry, position, count);
+}
+
 bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_t* moved) {
   *moved = 0;
   if (!file.isWritable()) return false;

@@ -53,6 +53,10 @@ inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_
   return true;
 }
 
+// Fills a window with these bytes, when a scope is open. Changes nothing else, and never fails: the
+// reads that follow say what cannot be read.
+void readAhead(const OpenFile& file, int64_t position, uint32_t count);
+
 // Writes `count` bytes at the position and moves it behind what was written. Stores the number of
 // bytes written. True when it is `count`, and the file is open for writing.
 bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_t* moved);

@@ -9,11 +9,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "QVDbase/position.h"
 #include "QVDbase/tables.h"
 
 namespace qvdb::detail {
+
+struct TableIndex;
 
 struct OpenDatabase {
   std::int16_t handle = 0;  // 0 once it is closed
@@ -22,6 +25,8 @@ struct OpenDatabase {
   // Raised by every operation of this layer that can have changed the chains; a walk that sees it
   // raised gives up what it has read ahead.
   std::uint64_t changes = 0;
+  // The indexes of its tables that somebody holds; see table_index.h.
+  std::vector<std::weak_ptr<TableIndex>> indexes;
 
   ~OpenDatabase();
 };

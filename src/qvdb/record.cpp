@@ -20,6 +20,14 @@ namespace {
 
 constexpr const char* kRead = "read the record";
 
+// Below this size a payload's buffer is had without asking whether the file can hold it.
+constexpr std::uint32_t kSmallPayload = 64 * 1024;
+
+[[noreturn]] void failBeyondEnd(const Operation& operation, Id record) {
+  operation.fail(Reason::data_damaged, "the payload of record " + to_string(record) +
+                                           " reaches beyond the end of the file");
+}
+
 // The size that the payload has now. Leaves the file wherever; throws when no block of the record
 // stands there any more or the payload does not lie inside the file.
 std::uint32_t presentSize(const Operation& operation, Id table, const RecordInfo& info) {
@@ -33,8 +41,7 @@ std::uint32_t presentSize(const Operation& operation, Id table, const RecordInfo
   }
   const auto dataPos = static_cast<std::uint64_t>(info.data_position);
   if (dataPos + header.dataLength > operation.fileLength()) {
-    operation.fail(Reason::data_damaged, "the payload of record " + to_string(info.id) +
-                                             " reaches beyond the end of the file");
+    failBeyondEnd(operation, info.id);
   }
   return header.dataLength;
 }
@@ -91,6 +98,27 @@ RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos) {
   info.position = recordPos;
   info.data_position = recordPos + qvdbase::record::kData;
   return info;
+}
+
+void readWholePayload(const Operation& operation, const qvdbase::FoundRecord& found,
+                      std::vector<std::byte>* buffer) {
+  const std::uint32_t size = found.header.dataLength;
+  const auto end = static_cast<std::uint64_t>(found.recordPos) + qvdbase::record::kData + size;
+  if (size > kSmallPayload && end > operation.fileLength()) {
+    failBeyondEnd(operation, Id{qvdbase::identifierNumber(found.header.recordID)});
+  }
+  resizeFor(operation, buffer, size);
+  readPayloadStart(operation, found, *buffer);
+}
+
+void readPayloadStart(const Operation& operation, const qvdbase::FoundRecord& found,
+                      std::span<std::byte> buffer) {
+  const auto count =
+      static_cast<std::uint32_t>(std::min<std::size_t>(buffer.size(), found.header.dataLength));
+  if (myFileSeek(operation.db(), found.recordPos + qvdbase::record::kData, kFromStart) != 0 ||
+      !qvdbase::readBytes(operation.db(), buffer.data(), count)) {
+    failBeyondEnd(operation, Id{qvdbase::identifierNumber(found.header.recordID)});
+  }
 }
 
 void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, std::uint32_t size) {

@@ -4,9 +4,11 @@
 #include <qvdbase/qvdb/record.hpp>
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
+#include "QVDbase/record_find.h"
 #include "format/layout.h"
 #include "qvdb/chain_walker.h"
 #include "qvdb/open_database.h"
@@ -17,6 +19,13 @@ RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos);
 
 // Throws too_large when there is not enough memory.
 void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, std::uint32_t size);
+
+// Read the payload of a record whose header has been read: all of it, or as much of its beginning
+// as the buffer takes. Throw data_damaged when it reaches beyond the end of the file.
+void readWholePayload(const Operation& operation, const qvdbase::FoundRecord& found,
+                      std::vector<std::byte>* buffer);
+void readPayloadStart(const Operation& operation, const qvdbase::FoundRecord& found,
+                      std::span<std::byte> buffer);
 
 // Throws chain_damaged for the walker's last step.
 [[noreturn]] void failDamagedChain(const Operation& operation, const ChainWalker& walker,

@@ -12,6 +12,7 @@
 #include "qvdb/chain_walker.h"
 #include "qvdb/open_database.h"
 #include "qvdb/records.h"
+#include "qvdb/table_index.h"
 
 namespace qvdb {
 
@@ -86,9 +87,33 @@ RecordRange Table::records() const {
   return RecordRange(database_, id_);
 }
 
+RecordIndex Table::index() const {
+  const Operation operation(database_, "index the table");
+  if (operation.database().mode != Mode::exclusive) {
+    operation.fail(Reason::bad_argument,
+                   "others may change it: an index needs a database that is opened exclusively");
+  }
+  ReadScope scope(operation.db());
+  RecordIndex index(detail::makeIndex(*database_, id_));
+  if (!index.index_->isStale) return index;
+  ChainWalker walker;
+  if (!detail::buildIndex(operation, *index.index_, &walker)) {
+    detail::failDamagedChain(operation, walker, name_);
+  }
+  return index;
+}
+
 std::optional<Record> Table::find(Id record) const {
   const Operation operation(database_, "find the record");
   ReadScope scope(operation.db());
+  if (const auto index = detail::indexOf(*database_, id_)) {
+    qvdbase::FoundRecord found;
+    const detail::Answer answer = detail::askIndex(operation, *index, record, &found);
+    if (answer == detail::Answer::absent) return std::nullopt;
+    if (answer == detail::Answer::found) {
+      return Record(database_, id_, detail::recordInfo(found.header, found.recordPos));
+    }
+  }
   ChainWalker walker(operation.table(id_).slot);
   for (;;) {
     recordPart1 header;
@@ -103,12 +128,35 @@ std::optional<Record> Table::find(Id record) const {
 }
 
 std::optional<std::vector<std::byte>> Table::get(Id record) const {
+  if (const auto index = detail::indexOf(*database_, id_)) {
+    const Operation operation(database_, "read the record");
+    ReadScope scope(operation.db());
+    qvdbase::FoundRecord found;
+    const detail::Answer answer = detail::askIndex(operation, *index, record, &found);
+    if (answer == detail::Answer::absent) return std::nullopt;
+    if (answer == detail::Answer::found) {
+      std::vector<std::byte> buffer;
+      detail::readWholePayload(operation, found, &buffer);
+      return buffer;
+    }
+  }
   const std::optional<Record> found = find(record);
   if (!found) return std::nullopt;
   return found->payload();
 }
 
 std::optional<std::uint32_t> Table::get(Id record, std::span<std::byte> buffer) const {
+  if (const auto index = detail::indexOf(*database_, id_)) {
+    const Operation operation(database_, "read the record");
+    ReadScope scope(operation.db());
+    qvdbase::FoundRecord found;
+    const detail::Answer answer = detail::askIndex(operation, *index, record, &found);
+    if (answer == detail::Answer::absent) return std::nullopt;
+    if (answer == detail::Answer::found) {
+      detail::readPayloadStart(operation, found, buffer);
+      return found.header.dataLength;
+    }
+  }
   const std::optional<Record> found = find(record);
   if (!found) return std::nullopt;
   found->read(0, buffer);

@@ -7,6 +7,7 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/table.hpp>
 
+#include <functional>
 #include <limits>
 
 #include "QVDbase/record_append.h"
@@ -16,6 +17,7 @@
 #include "format/identifiers.h"
 #include "qvdb/open_database.h"
 #include "qvdb/records.h"
+#include "qvdb/table_index.h"
 
 namespace qvdb {
 
@@ -73,22 +75,6 @@ class PositionKeeper {
   operation.failedWrite(size + qvdbase::kRecordBlockOverhead);
 }
 
-// The record at the place where it was found, if it is still there and in the chain: its own header
-// and both neighbours, or the slot where it has none, must say so.
-bool standsInChain(std::int16_t db, const tablePart1& slot, const recordPart1& header,
-                   std::int64_t position) {
-  recordPart1 neighbour;
-  if (header.prevRecordPos == 0) {
-    if (slot.firstRecordPos != position) return false;
-  } else if (!qvdbase::readRecordHeaderAt(db, header.prevRecordPos, slot.tableID, &neighbour) ||
-             neighbour.nextRecordPos != position) {
-    return false;
-  }
-  if (header.nextRecordPos == 0) return slot.lastRecordPos == position;
-  return qvdbase::readRecordHeaderAt(db, header.nextRecordPos, slot.tableID, &neighbour) &&
-         neighbour.prevRecordPos == position;
-}
-
 bool locate(const Operation& operation, Id table, const Record& record,
             qvdbase::FoundRecord* found) {
   found->table = operation.table(table);
@@ -96,33 +82,124 @@ bool locate(const Operation& operation, Id table, const Record& record,
   return qvdbase::readRecordHeaderAt(operation.db(), found->recordPos, found->table.slot.tableID,
                                      &found->header) &&
          qvdbase::identifierNumber(found->header.recordID) == record.id().value &&
-         standsInChain(operation.db(), found->table.slot, found->header, found->recordPos);
+         detail::standsInChain(operation.db(), found->table.slot, found->header, found->recordPos);
+}
+
+// The length of one writing operation: gives the file position back and ends the transfer scope
+// however the operation is left.
+class WriteScope {
+ public:
+  explicit WriteScope(std::int16_t db) : position_(db) {}
+  ~WriteScope() {
+    if (!isFinished_) static_cast<void>(position_.restore(0));
+  }
+  WriteScope(const WriteScope&) = delete;
+  WriteScope& operator=(const WriteScope&) = delete;
+
+  // Whether the operation was done and all its writes are with the operating system.
+  bool finish(bool done) {
+    isFinished_ = true;
+    return position_.restore(done);
+  }
+
+ private:
+  qvdbase::SavedPosition position_;
+  bool isFinished_ = false;
+};
+
+// What AddRecordData does, with the new record's place noted in the table's index.
+Id addRecord(const Operation& operation, detail::OpenDatabase& database, Id table,
+             const NewRecord& record) {
+  const std::uint32_t size = sizeOf(operation, record.payload);
+  operation.requireWritable();
+  unsigned char recordID[qvdbase::kIdentifierSize];
+  if (record.id) internal_ConvertInt64_2UuID(record.id->value, recordID);
+  {
+    WriteScope scope(operation.db());
+    qvdbase::FoundTable found = operation.table(table);
+    ++database.changes;
+    const bool done =
+        internal_AddOneRecordData(operation.db(), &found.slot, found.slot.tableID, found.slotPos,
+                                  found.slotSize, bytesOf(record.payload), size, record.reserve,
+                                  recordID, record.id ? 1 : 0) == 1;
+    if (scope.finish(done)) {
+      const Id id{qvdbase::identifierNumber(recordID)};
+      detail::noteAdded(database, found.slot, id, found.slot.lastRecordPos);
+      return id;
+    }
+  }
+  failedAppend(operation, table, std::max(size, record.reserve));
+}
+
+// What is done to a record whose place is known.
+using Change = std::function<bool(qvdbase::FoundRecord*)>;
+
+// What ModifyRecordData does behind its search.
+bool changePayload(const Operation& operation, detail::OpenDatabase& database,
+                   qvdbase::FoundRecord* found, std::span<const std::byte> payload) {
+  const auto size = static_cast<std::uint32_t>(payload.size());
+  ++database.changes;
+  if (size <= found->header.dataCapacity) {
+    return qvdbase::overwriteRecord(operation.db(), found->recordPos, bytesOf(payload), size);
+  }
+  std::int64_t newPosition = 0;
+  const Id record{qvdbase::identifierNumber(found->header.recordID)};
+  if (!qvdbase::relocateRecord(operation.db(), found, bytesOf(payload), size, &newPosition)) {
+    return false;
+  }
+  detail::noteMoved(database, found->table.slot, record, newPosition);
+  return true;
+}
+
+// What DeleteOneRecord does behind its search.
+bool unlink(const Operation& operation, detail::OpenDatabase& database,
+            qvdbase::FoundRecord* found) {
+  ++database.changes;
+  if (!qvdbase::unlinkRecord(operation.db(), found)) return false;
+  detail::noteRemoved(database, found->table.slot,
+                      Id{qvdbase::identifierNumber(found->header.recordID)});
+  return true;
+}
+
+bool touchRecord(const Operation& operation, const qvdbase::FoundRecord& found) {
+  return internal_ModifyOneRecordDataInfo_LMTime(operation.db(), found.table.slot.tableID,
+                                                 found.recordPos) == 1;
+}
+
+// Changes the record that was found before, if it still stands there.
+bool changeAt(const Operation& operation, Id table, const Record& record, const Change& change) {
+  WriteScope scope(operation.db());
+  qvdbase::FoundRecord found;
+  return scope.finish(locate(operation, table, record, &found) && change(&found));
+}
+
+// Changes a record by way of the table's index. `unknown` also when there is no index, and when the
+// change failed: the ordinary way then finds out why.
+detail::Answer changeByIndex(const Operation& operation, detail::OpenDatabase& database, Id table,
+                             Id record, const Change& change) {
+  using detail::Answer;
+  const std::shared_ptr<detail::TableIndex> index = detail::indexOf(database, table);
+  if (index == nullptr) return Answer::unknown;
+  WriteScope scope(operation.db());
+  qvdbase::FoundRecord found;
+  const Answer answer = detail::askIndex(operation, *index, record, &found);
+  if (answer != Answer::found) return answer;
+  found.table = operation.table(table);
+  if (scope.finish(change(&found))) return Answer::found;
+  index->isStale = true;
+  return Answer::unknown;
 }
 
 }  // namespace
 
 Id Table::add(std::span<const std::byte> payload, std::uint32_t reserve) {
   const Operation operation(database_, "add a record");
-  const std::uint32_t size = sizeOf(operation, payload);
-  operation.requireWritable();
-  Id record;
-  ++database_->changes;
-  if (AddRecordData(operation.db(), id_.value, bytesOf(payload), size, reserve, &record.value) !=
-      1) {
-    failedAppend(operation, id_, std::max(size, reserve));
-  }
-  return record;
+  return addRecord(operation, *database_, id_, NewRecord(payload, reserve));
 }
 
 void Table::add_with_id(Id record, std::span<const std::byte> payload, std::uint32_t reserve) {
   const Operation operation(database_, "add a record");
-  const std::uint32_t size = sizeOf(operation, payload);
-  operation.requireWritable();
-  ++database_->changes;
-  if (AddRecordData_AssignRecordID(operation.db(), id_.value, bytesOf(payload), size, reserve,
-                                   &record.value) != 1) {
-    failedAppend(operation, id_, std::max(size, reserve));
-  }
+  addRecord(operation, *database_, id_, NewRecord(payload, reserve, record));
 }
 
 bool Table::modify(Id record, std::span<const std::byte> payload) {
@@ -132,6 +209,11 @@ bool Table::modify(Id record, std::span<const std::byte> payload) {
     operation.fail(Reason::empty_payload, "a record cannot be changed to hold nothing; delete it");
   }
   operation.requireWritable();
+  const detail::Answer answer =
+      changeByIndex(operation, *database_, id_, record, [&](qvdbase::FoundRecord* found) {
+        return changePayload(operation, *database_, found, payload);
+      });
+  if (answer != detail::Answer::unknown) return answer == detail::Answer::found;
   {
     PositionKeeper position(operation.db());
     ++database_->changes;
@@ -148,6 +230,10 @@ bool Table::modify(Id record, std::span<const std::byte> payload) {
 bool Table::touch(Id record) {
   const Operation operation(database_, "touch the record");
   operation.requireWritable();
+  const detail::Answer answer =
+      changeByIndex(operation, *database_, id_, record,
+                    [&](qvdbase::FoundRecord* found) { return touchRecord(operation, *found); });
+  if (answer != detail::Answer::unknown) return answer == detail::Answer::found;
   if (ModifyOneRecordInfo_LMTime(operation.db(), id_.value, record.value) == 1) return true;
   if (!find(record)) return false;
   operation.failedWrite(0);
@@ -156,6 +242,10 @@ bool Table::touch(Id record) {
 bool Table::remove(Id record) {
   const Operation operation(database_, "delete the record");
   operation.requireWritable();
+  const detail::Answer answer = changeByIndex(
+      operation, *database_, id_, record,
+      [&](qvdbase::FoundRecord* found) { return unlink(operation, *database_, found); });
+  if (answer != detail::Answer::unknown) return answer == detail::Answer::found;
   ++database_->changes;
   if (DeleteOneRecord(operation.db(), id_.value, record.value, nullptr) == 1) return true;
   const std::optional<Record> found = find(record);
@@ -165,54 +255,30 @@ bool Table::remove(Id record) {
 
 bool Table::modify(const Record& record, std::span<const std::byte> payload) {
   const Operation operation(database_, "change the record");
-  const std::uint32_t size = sizeOf(operation, payload);
-  if (size == 0) return modify(record.id(), payload);
+  if (sizeOf(operation, payload) == 0) return modify(record.id(), payload);
   operation.requireWritable();
-  {
-    qvdbase::SavedPosition position(operation.db());
-    qvdbase::FoundRecord found;
-    bool done = false;
-    if (locate(operation, id_, record, &found)) {
-      ++database_->changes;
-      std::int64_t newPosition = 0;
-      done = size <= found.header.dataCapacity
-                 ? qvdbase::overwriteRecord(operation.db(), found.recordPos, bytesOf(payload), size)
-                 : qvdbase::relocateRecord(operation.db(), &found, bytesOf(payload), size,
-                                           &newPosition);
-    }
-    if (position.restore(done)) return true;
-  }
-  return modify(record.id(), payload);
+  return changeAt(operation, id_, record,
+                  [&](qvdbase::FoundRecord* found) {
+                    return changePayload(operation, *database_, found, payload);
+                  }) ||
+         modify(record.id(), payload);
 }
 
 bool Table::touch(const Record& record) {
   const Operation operation(database_, "touch the record");
   operation.requireWritable();
-  {
-    qvdbase::SavedPosition position(operation.db());
-    qvdbase::FoundRecord found;
-    const bool done = locate(operation, id_, record, &found) &&
-                      internal_ModifyOneRecordDataInfo_LMTime(
-                          operation.db(), found.table.slot.tableID, found.recordPos) == 1;
-    if (position.restore(done)) return true;
-  }
-  return touch(record.id());
+  return changeAt(operation, id_, record,
+                  [&](qvdbase::FoundRecord* found) { return touchRecord(operation, *found); }) ||
+         touch(record.id());
 }
 
 bool Table::remove(const Record& record) {
   const Operation operation(database_, "delete the record");
   operation.requireWritable();
-  {
-    qvdbase::SavedPosition position(operation.db());
-    qvdbase::FoundRecord found;
-    bool done = false;
-    if (locate(operation, id_, record, &found)) {
-      ++database_->changes;
-      done = qvdbase::unlinkRecord(operation.db(), &found);
-    }
-    if (position.restore(done)) return true;
-  }
-  return remove(record.id());
+  return changeAt(
+             operation, id_, record,
+             [&](qvdbase::FoundRecord* found) { return unlink(operation, *database_, found); }) ||
+         remove(record.id());
 }
 
 // The record is there, so its neighbours, or the file, must have refused.
@@ -223,7 +289,7 @@ void Table::failedChange(const detail::Operation& operation, const Record& recor
   recordPart1 header;
   const std::int64_t position = record.info().position;
   if (!qvdbase::readRecordHeaderAt(operation.db(), position, slot.tableID, &header) ||
-      !standsInChain(operation.db(), slot, header, position)) {
+      !detail::standsInChain(operation.db(), slot, header, position)) {
     operation.fail(
         Reason::chain_damaged,
         "the chain of table '" + name_ + "' is damaged beside record " + to_string(record.id()));

@@ -20,4 +20,11 @@ inline bool writeFile(int16_t file, const void* buffer, uint32_t count, uint32_t
   return openFile != nullptr && platform::writeAtPosition(*openFile, buffer, count, moved);
 }
 
+// Reads some bytes into memory inside a scope, for the reads that will follow there. What cannot be
+// read is left to them.
+inline void readAhead(int16_t file, int64_t position, uint32_t count) {
+  const platform::OpenFile* openFile = platform::findOpenFile(file);
+  if (openFile != nullptr) platform::readAhead(*openFile, position, count);
+}
+
 }  // namespace qvdbase

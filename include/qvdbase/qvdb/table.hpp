@@ -3,13 +3,16 @@
 #define QVDBASE_QVDB_TABLE_HPP
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/bulk.hpp>
 #include <qvdbase/qvdb/id.hpp>
+#include <qvdbase/qvdb/index.hpp>
 #include <qvdbase/qvdb/record.hpp>
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <ranges>
 #include <span>
 #include <string>
 #include <vector>
@@ -84,6 +87,25 @@ class QVDBASE_API Table {
 
   // The same under a given identifier. Nothing checks whether the table has it already.
   void add_with_id(Id record, std::span<const std::byte> payload, std::uint32_t reserve = 0);
+
+  // Adds many records: gathers them and writes them in large pieces. See BulkAppender.
+  BulkAppender appender();
+
+  // The same for all of a range, whose elements are, or turn into, NewRecord: byte vectors, spans
+  // of bytes, ... Returns how many there were. Throws as BulkAppender does; when the range itself
+  // throws, the records before that are added.
+  template <std::ranges::input_range Range>
+  requires std::convertible_to<std::ranges::range_reference_t<Range>, NewRecord> std::uint32_t
+  append_all(Range&& records) {
+    BulkAppender bulk = appender();
+    for (auto&& record : records) bulk.add(record);
+    return bulk.finish();
+  }
+
+  // Makes the operations on records by identifier run in constant time, as long as the index or a
+  // copy of it lives. See RecordIndex. Throws bad_argument unless the database was opened
+  // exclusively, chain_damaged when the records cannot all be reached, and std::bad_alloc.
+  RecordIndex index() const;
 
   // Replaces a record's payload and sets its time of last modification. A payload that fits the
   // record's room is written over the old one, a larger one goes to a new block without spare room.

@@ -1,0 +1,48 @@
+// qvdb::RecordIndex: records of one table by identifier, in constant time.
+#ifndef QVDBASE_QVDB_INDEX_HPP
+#define QVDBASE_QVDB_INDEX_HPP
+
+#include <qvdbase/base.h>
+#include <qvdbase/qvdb/id.hpp>
+
+#include <cstddef>
+#include <memory>
+
+namespace qvdb {
+
+namespace detail {
+struct TableIndex;
+}
+
+// While a table has an index, every operation of Table that takes an identifier (find, get, modify,
+// touch, remove) goes straight to the record instead of walking the chain, and every operation of
+// this layer keeps the index up to date. It lives in memory only, as long as this object or a copy
+// of it does; it is built in one walk over the table and takes 16 bytes for each record, and up to
+// a half more.
+//
+//   const qvdb::RecordIndex index = table.index();
+//   table.get(id);                                    // constant time from here on
+//
+// The index is never believed without looking: before a record is used, its block is read and must
+// be one of this table, carry the identifier, and have neighbours that point back to it. Where
+// anything is otherwise, or where the table's slot shows that records were added or deleted past
+// this layer, the operation walks the chain as it would without an index, and the index is built
+// again at the next occasion. So results are those of a table without an index.
+class QVDBASE_API RecordIndex {
+ public:
+  // The number of different identifiers in it.
+  std::size_t size() const noexcept;
+
+  // The memory that it takes.
+  std::size_t bytes() const noexcept;
+
+ private:
+  friend class Table;
+  explicit RecordIndex(std::shared_ptr<detail::TableIndex> index);
+
+  std::shared_ptr<detail::TableIndex> index_;
+};
+
+}  // namespace qvdb
+
+#endif

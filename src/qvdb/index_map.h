@@ -1,0 +1,45 @@
+// A hash map from record identifiers to file positions, 16 bytes an entry.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace qvdb::detail {
+
+// Open addressing with linear probing; erasing moves later entries back, so that there are no
+// tombstones and a search ends at the first empty place. Position 0 marks an empty place: no record
+// stands there.
+class IndexMap {
+ public:
+  // Keeps the position that is there already. Returns whether there was none. Throws
+  // std::bad_alloc.
+  bool insert(std::uint64_t key, std::int64_t position);
+
+  // Sets the position of a key that is there; no effect on others.
+  void replace(std::uint64_t key, std::int64_t position);
+
+  void erase(std::uint64_t key);
+  std::optional<std::int64_t> find(std::uint64_t key) const;
+  void clear();
+
+  std::size_t size() const { return size_; }
+  std::size_t bytes() const { return places_.capacity() * sizeof(Entry); }
+
+ private:
+  struct Entry {
+    std::uint64_t key = 0;
+    std::int64_t position = 0;
+  };
+
+  std::size_t home(std::uint64_t key) const;
+  std::size_t placeOf(std::uint64_t key) const;  // of the key, or the empty place where it belongs
+  std::size_t next(std::size_t place) const { return place + 1 == places_.size() ? 0 : place + 1; }
+  void grow();
+
+  std::vector<Entry> places_;
+  std::size_t size_ = 0;
+};
+
+}  // namespace qvdb::detail

@@ -1,0 +1,180 @@
+// Building, asking and maintaining the index of a table.
+#include "qvdb/table_index.h"
+
+#include <qvdbase/qvdb/index.hpp>
+
+#include <algorithm>
+#include <new>
+
+#include "format/identifiers.h"
+#include "qvdb/chain_walker.h"
+#include "support/file_transfers.h"
+
+namespace qvdb {
+
+RecordIndex::RecordIndex(std::shared_ptr<detail::TableIndex> index) : index_(std::move(index)) {}
+std::size_t RecordIndex::size() const noexcept {
+  return index_->map.size();
+}
+std::size_t RecordIndex::bytes() const noexcept {
+  return index_->map.bytes();
+}
+
+namespace detail {
+namespace {
+
+// Around a record that is looked up: room for the header before it and for its payload and the
+// header behind it, when records are small.
+constexpr std::int64_t kReadBefore = 1280;
+constexpr std::uint32_t kReadAround = 4096;
+
+Id tableOf(const tablePart1& slot) {
+  return Id{qvdbase::identifierNumber(slot.tableID)};
+}
+
+void readNeighbourhood(std::int16_t db, std::int64_t position) {
+  qvdbase::readAhead(db, std::max<std::int64_t>(0, position - kReadBefore), kReadAround);
+}
+
+// The neighbours that are records; the ends of the chain are the slot's affair.
+bool neighboursPointBack(std::int16_t db, const unsigned char* tableID, const recordPart1& header,
+                         std::int64_t position) {
+  recordPart1 neighbour;
+  if (header.prevRecordPos != 0 &&
+      (!qvdbase::readRecordHeaderAt(db, header.prevRecordPos, tableID, &neighbour) ||
+       neighbour.nextRecordPos != position)) {
+    return false;
+  }
+  return header.nextRecordPos == 0 ||
+         (qvdbase::readRecordHeaderAt(db, header.nextRecordPos, tableID, &neighbour) &&
+          neighbour.prevRecordPos == position);
+}
+
+bool isEndOfChain(const recordPart1& header) {
+  return header.prevRecordPos == 0 || header.nextRecordPos == 0;
+}
+
+bool slotAgrees(const tablePart1& slot, const recordPart1& header, std::int64_t position) {
+  return (header.prevRecordPos != 0 || slot.firstRecordPos == position) &&
+         (header.nextRecordPos != 0 || slot.lastRecordPos == position);
+}
+
+bool verify(const Operation& operation, const TableIndex& index, Id record,
+            qvdbase::FoundRecord* found) {
+  unsigned char tableID[qvdbase::kIdentifierSize];
+  internal_ConvertInt64_2UuID(index.table.value, tableID);
+  readNeighbourhood(operation.db(), found->recordPos);
+  return qvdbase::readRecordHeaderAt(operation.db(), found->recordPos, tableID, &found->header) &&
+         qvdbase::identifierNumber(found->header.recordID) == record.value &&
+         neighboursPointBack(operation.db(), tableID, found->header, found->recordPos) &&
+         (!isEndOfChain(found->header) ||
+          slotAgrees(operation.table(index.table).slot, found->header, found->recordPos));
+}
+
+bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index) {
+  for (;;) {
+    recordPart1 header;
+    std::int64_t position = 0;
+    const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
+    if (step == ChainWalker::Step::end) return true;
+    if (step == ChainWalker::Step::damaged) return false;
+    const bool isNew = index.map.insert(qvdbase::identifierNumber(header.recordID), position);
+    index.hasDuplicates = index.hasDuplicates || !isNew;
+  }
+}
+
+}  // namespace
+
+ChainState chainState(const tablePart1& slot) {
+  return {slot.recordCount, slot.recordWriteCount, slot.firstRecordPos, slot.lastRecordPos};
+}
+
+std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table) {
+  for (const std::weak_ptr<TableIndex>& held : database.indexes) {
+    std::shared_ptr<TableIndex> index = held.lock();
+    if (index != nullptr && index->table == table) return index;
+  }
+  return nullptr;
+}
+
+std::shared_ptr<TableIndex> makeIndex(OpenDatabase& database, Id table) {
+  if (std::shared_ptr<TableIndex> present = indexOf(database, table)) return present;
+  std::erase_if(database.indexes, [](const auto& held) { return held.expired(); });
+  auto index = std::make_shared<TableIndex>();
+  index->table = table;
+  database.indexes.push_back(index);
+  return index;
+}
+
+bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walkerOut) {
+  index.isStale = true;
+  index.hasDuplicates = false;
+  index.map.clear();
+  const tablePart1 slot = operation.table(index.table).slot;
+  ChainWalker walker(slot);
+  const bool complete = walkInto(operation, walker, index);
+  if (walkerOut != nullptr) *walkerOut = walker;
+  if (!complete) return false;
+  index.state = chainState(slot);
+  index.isStale = false;
+  return true;
+}
+
+Answer askIndex(const Operation& operation, TableIndex& index, Id record,
+                qvdbase::FoundRecord* found) {
+  if (index.isStale && !buildIndex(operation, index)) return Answer::unknown;
+  const std::optional<std::int64_t> position = index.map.find(record.value);
+  if (!position) {
+    if (chainState(operation.table(index.table).slot) == index.state) return Answer::absent;
+    index.isStale = true;
+    return Answer::unknown;
+  }
+  found->recordPos = *position;
+  if (verify(operation, index, record, found)) return Answer::found;
+  index.isStale = true;
+  return Answer::unknown;
+}
+
+void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position) {
+  const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
+  if (index == nullptr || index->isStale) return;
+  ChainState expected = chainState(slot);
+  const bool oneMore = expected.recordCount == index->state.recordCount + 1 &&
+                       expected.recordWriteCount == index->state.recordWriteCount + 1;
+  index->state = expected;
+  try {
+    index->isStale = !oneMore;
+    if (!index->map.insert(record.value, position)) index->hasDuplicates = true;
+  } catch (const std::bad_alloc&) {
+    index->isStale = true;
+  }
+}
+
+void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position) {
+  const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
+  if (index == nullptr) return;
+  index->map.replace(record.value, position);
+  index->state.firstRecordPos = slot.firstRecordPos;
+  index->state.lastRecordPos = slot.lastRecordPos;
+  // Of two records with one identifier it may have been the second that moved.
+  if (index->hasDuplicates) index->isStale = true;
+}
+
+void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
+  const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
+  if (index == nullptr) return;
+  if (slot.recordCount + 1 != index->state.recordCount) index->isStale = true;
+  index->map.erase(record.value);
+  index->state = chainState(slot);
+  // Another record with the identifier may come to light now.
+  if (index->hasDuplicates) index->isStale = true;
+}
+
+bool standsInChain(std::int16_t db, const tablePart1& slot, const recordPart1& header,
+                   std::int64_t position) {
+  return slotAgrees(slot, header, position) &&
+         neighboursPointBack(db, slot.tableID, header, position);
+}
+
+}  // namespace detail
+}  // namespace qvdb

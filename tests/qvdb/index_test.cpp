@@ -1,0 +1,214 @@
+// Indexes: what is found in constant time is what the walk would find, whatever happens beside
+// them.
+#include <map>
+#include <random>
+
+#include "qvdb/index_map.h"
+#include "qvdb/layer_fixture.h"
+#include "support/recorded_calls.h"
+
+namespace qvdbase::test {
+namespace {
+
+using qvdb::Id;
+using qvdb::Mode;
+using qvdb::Reason;
+
+using LayerIndex = LayerTest;
+
+TEST(IndexMap, AgreesWithAMapThroughRandomInsertionsAndErasures) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937_64 random(seed);
+  qvdb::detail::IndexMap map;
+  std::map<uint64_t, int64_t> model;
+  for (int step = 0; step < 60000; ++step) {
+    const uint64_t key = random() % 3000 << (step % 2 == 0 ? 0 : 40);
+    const auto position = static_cast<int64_t>(random() % 1000000 + 1);
+    switch (random() % 4) {
+      case 0:
+      case 1:
+        ASSERT_EQ(map.insert(key, position), model.emplace(key, position).second);
+        break;
+      case 2:
+        map.erase(key);
+        model.erase(key);
+        break;
+      default:
+        map.replace(key, position);
+        if (model.contains(key)) model[key] = position;
+    }
+    ASSERT_EQ(map.size(), model.size());
+    const auto found = map.find(key);
+    ASSERT_EQ(found.has_value(), model.contains(key));
+    if (found) {
+      ASSERT_EQ(*found, model[key]);
+    }
+  }
+  for (const auto& [key, position] : model) ASSERT_EQ(map.find(key), position);
+}
+
+TEST(IndexMap, OfNothingFindsNothing) {
+  qvdb::detail::IndexMap map;
+  EXPECT_EQ(map.find(1), std::nullopt);
+  map.erase(1);
+  map.replace(1, 5);
+  EXPECT_EQ(map.size(), 0u);
+}
+
+TEST_F(LayerIndex, NeedsAnExclusivelyOpenedDatabase) {
+  createDatabase().add_table("t");
+  auto database = openDatabase(Mode::shared);
+  expectError(Reason::bad_argument, [&] { static_cast<void>(database.table("t").index()); });
+}
+
+TEST_F(LayerIndex, OfADamagedChainSaysWhere) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  table.add(span(bytesOf("a")));
+  table.add(span(bytesOf("b")));
+  database.close();
+  Bytes image = contents();
+  const auto first = static_cast<std::size_t>(slot(0).firstRecordPos);
+  for (std::size_t i = 0; i < 8; ++i) image[first + 39 + i] = 0;
+  writeFile(path(), image);
+  allowDamage();
+  auto damaged = openDatabase();
+  expectError(Reason::chain_damaged, [&] { static_cast<void>(damaged.table("t").index()); });
+}
+
+TEST_F(LayerIndex, FindsARecordWithoutWalkingTheChain) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  std::vector<Id> ids;
+  for (int i = 0; i < 2000; ++i)
+    ids.push_back(table.add(span(Bytes(300, static_cast<uint8_t>(i)))));
+  const qvdb::RecordIndex index = table.index();
+  EXPECT_EQ(index.size(), 2000u);
+  EXPECT_GE(index.bytes(), 2000u * 16);
+  EXPECT_LE(index.bytes(), 2000u * 24);
+  RecordedCalls host;
+  EXPECT_EQ(bytes(table.get(ids[1900])), Bytes(300, static_cast<uint8_t>(1900)));
+#if !defined(QVDBASE_PLAIN_TRANSFERS)
+  EXPECT_LE(host.count(Call::read), 4);
+#else
+  EXPECT_LE(host.count(Call::read), 60);
+#endif
+}
+
+TEST_F(LayerIndex, KnowsThatARecordIsNotThereWithoutWalkingTheChain) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  for (int i = 0; i < 2000; ++i) table.add(span(Bytes(300, 'x')));
+  const qvdb::RecordIndex index = table.index();
+  RecordedCalls host;
+  EXPECT_EQ(table.find(Id{12345}), std::nullopt);
+  EXPECT_LE(host.count(Call::read), 4);
+}
+
+TEST_F(LayerIndex, IsSharedByAllCopiesOfATableAndEndsWithItsLastHolder) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  const Id id = table.add(span(bytesOf("a")));
+  auto index = std::make_unique<qvdb::RecordIndex>(table.index());
+  const qvdb::RecordIndex second = database.table("t").index();
+  table.add(span(bytesOf("b")));
+  EXPECT_EQ(index->size(), 2u);
+  EXPECT_EQ(second.size(), 2u);
+  index.reset();
+  EXPECT_EQ(bytes(table.get(id)), bytesOf("a"));
+}
+
+TEST_F(LayerIndex, GivesTheFirstOfTwoRecordsWithOneIdentifierAndThenTheOther) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  table.add_with_id(Id{7}, span(bytesOf("first")));
+  const qvdb::RecordIndex index = table.index();
+  table.add_with_id(Id{7}, span(bytesOf("second")));
+  EXPECT_EQ(bytes(table.get(Id{7})), bytesOf("first"));
+  EXPECT_TRUE(table.remove(Id{7}));
+  EXPECT_EQ(bytes(table.get(Id{7})), bytesOf("second"));
+  EXPECT_TRUE(table.remove(Id{7}));
+  EXPECT_EQ(table.find(Id{7}), std::nullopt);
+}
+
+TEST_F(LayerIndex, SeesWhatTheCFunctionsChange) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  const Id a = table.add(span(bytesOf("a")));
+  const Id b = table.add(span(bytesOf("b")));
+  const Id c = table.add(span(bytesOf("c")));
+  const qvdb::RecordIndex index = table.index();
+  const int16_t db = database.handle();
+  const uint64_t id = table.id().value;
+
+  uint64_t added = 0;
+  ASSERT_EQ(AddRecordData(db, id, bytesOf("new").data(), 3, 0, &added), 1);
+  EXPECT_EQ(bytes(table.get(Id{added})), bytesOf("new"));
+  ASSERT_EQ(ModifyRecordData(db, id, bytesOf("longer").data(), 6, b.value, nullptr), 1);
+  EXPECT_EQ(bytes(table.get(b)), bytesOf("longer"));
+  ASSERT_EQ(DeleteOneRecord(db, id, a.value, nullptr), 1);
+  EXPECT_EQ(table.find(a), std::nullopt);
+  EXPECT_EQ(bytes(table.get(c)), bytesOf("c"));
+}
+
+TEST_F(LayerIndex, DoesNotBelieveABlockThatIsNoLongerInTheChain) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  table.add(span(bytesOf("a")));
+  const Id b = table.add(span(bytesOf("b")));
+  table.add(span(bytesOf("c")));
+  const qvdb::RecordIndex index = table.index();
+  ASSERT_EQ(DeleteOneRecord(database.handle(), table.id().value, b.value, nullptr), 1);
+  EXPECT_EQ(table.find(b), std::nullopt);
+  EXPECT_FALSE(table.remove(b));
+  EXPECT_FALSE(table.modify(b, span(bytesOf("x"))));
+  EXPECT_FALSE(table.touch(b));
+}
+
+// One random life of a table with and one without an index: the same results, the same bytes.
+TEST_F(LayerIndex, ChangesNoResultAndNoByte) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  RecordedCalls host;
+  host.setTime(1'000'000);
+  createDatabase("start.qvd").add_table("t");
+  writeFile(path("with.qvd"), contents("start.qvd"));
+  writeFile(path("without.qvd"), contents("start.qvd"));
+  auto withIndex = openDatabase(Mode::exclusive, "with.qvd");
+  auto without = openDatabase(Mode::exclusive, "without.qvd");
+  auto one = withIndex.table("t");
+  auto two = without.table("t");
+  qvdb::RecordIndex index = one.index();
+
+  std::mt19937 random(seed);
+  for (int step = 0; step < 600; ++step) {
+    const Id id{random() % 60 + 1};
+    const Bytes payload(random() % 200 + 1, static_cast<uint8_t>(step));
+    switch (random() % 6) {
+      case 0:
+      case 1: {
+        if (random() % 10 != 0 && one.find(id)) break;  // now and then the same identifier again
+        one.add_with_id(id, span(payload));
+        two.add_with_id(id, span(payload));
+        break;
+      }
+      case 2:
+        ASSERT_EQ(one.modify(id, span(payload)), two.modify(id, span(payload)));
+        break;
+      case 3:
+        ASSERT_EQ(one.remove(id), two.remove(id));
+        break;
+      case 4:
+        ASSERT_EQ(one.touch(id), two.touch(id));
+        break;
+      default:
+        ASSERT_EQ(bytes(one.get(id)), bytes(two.get(id)));
+    }
+    ASSERT_EQ(idsOf(one), idsOf(two));
+  }
+  EXPECT_TRUE(sameBytes(contents("with.qvd"), contents("without.qvd")));
+}
+
+}  // namespace
+}  // namespace qvdbase::test
