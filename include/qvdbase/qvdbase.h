@@ -279,6 +279,174 @@ QVDBASE_API int ModifyRecordData(int16_t db, uint64_t table, const unsigned char
  * when the file cannot be read or written. */
 QVDBASE_API int DeleteOneRecord(int16_t db, uint64_t table, uint64_t record, int* unused);
 
+/* ---- Maintenance ---------------------------------------------------------------------------- */
+
+/* Packs a database into a new file: every table with its current data and the records of its
+ * chain, which keep identifiers, times, payload and room. Deleted records, the old places of
+ * modified ones and old table data stay behind. The source is opened with permission 4 for the
+ * length of the call and is not changed.
+ *
+ * A table that has records loses its table data: its slot in the new file carries the table-data
+ * positions of the source.
+ *
+ * srcPath   the database
+ * dstPath   the new file; made and, if it is there, emptied as CreateDBaseW does. Must not be the
+ *           source, and is refused while anybody has it open
+ * userData  handed to callback
+ * callback  may be null; called as callback(userData, percent, null), with percent 1, with 1 to 98
+ *           after each record, with 99 after each table and with 100 when both files are closed. 0
+ *           ends the pack as a failure, at 100 too
+ *
+ * Returns 1. Returns 0 when a path is null, when the source cannot be opened or read or is damaged
+ * where its live blocks are, when the new file cannot be made or written, when memory for a payload
+ * or a block cannot be had, and when callback returns 0. The new file is then emptied, not removed.
+ * While it is filled it carries version 101, at the end 100. */
+QVDBASE_API int PackOneDB2NewW(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int userData,
+                               QVProgressFunction callback);
+
+/* The same, telling its file numbers, with differences that make it useless for ordinary
+ * databases; it is kept for programs that call it. It takes slots for images of a structure in
+ * memory, so that it fails on the first table of any file below 4 GiB. A database without tables
+ * becomes a header and a directory of such images, which table operations cannot use. A table that
+ * has table data fails it when its slot could be written. The version is never touched, callback
+ * is called for records only when the percent changes, and not with 99.
+ *
+ * outSrcRef  receives the source's number when the new file is open; 0 whenever the source is
+ * closed outDstRef  receives the new file's number likewise; 0 when it is finished, and after a
+ * failure only if the header's copy, a payload or a block was in memory at that moment status 100
+ * at first, 0 once the new file exists, 100 when it cannot be made. The new file is emptied after a
+ * failure only when this is not 100 then: callback may store 100 to keep it
+ *
+ * The three pointers must not be null. Returns 1, or 0. */
+QVDBASE_API int PackOneDB2New_WithHandle(const QVWCHAR* srcPath, const QVWCHAR* dstPath,
+                                         int userData, QVProgressFunction callback,
+                                         uint16_t* outSrcRef, uint16_t* outDstRef, int* status);
+
+/* Packs an open database into a new file under new identifiers: its own, and those of its records.
+ * The records of the tables "QVrz_Info" and "QVrz_Category" keep theirs (and their times); all
+ * others get new ones, and new times. For the records of the table "QVrz_Record" the new
+ * identifiers also replace the old ones in the second lists of the category records (see
+ * qvrzdb_sub.h), which are the records of "QVrz_Category".
+ *
+ * Of a chain of n records of "QVrz_Record" only the first n - 1 can be replaced: a category that
+ * lists the last one fails the call. A table with other records behind "QVrz_Record" in the
+ * directory disturbs the replacement as well.
+ *
+ * dstPath      as in PackOneDB2NewW
+ * srcRef       the source, which stays open, its file position kept
+ * callback     may be null; called as callback(userData, percent, callbackArg), with percent 1,
+ *              with 1 to 98 after each record, and with 100 when the new file is closed. 0 ends the
+ *              call as a failure, at 100 too
+ * outSrcRef    receives srcRef when the new file is open
+ * outDstRef    receives the new file's number then; 0 when it is finished, and after a failure only
+ *              if the header's copy, a payload or a block was in memory at that moment
+ * status       as in PackOneDB2New_WithHandle
+ * callbackArg  handed to callback
+ *
+ * outSrcRef, outDstRef and status must not be null. Returns 1. Returns 0 as PackOneDB2NewW does,
+ * when dstPath is null, when there is no table "QVrz_Category", when a category record is damaged,
+ * and when one lists an identifier that was not replaced. */
+QVDBASE_API int PackOneDB2AllNewUUIDFile(const QVWCHAR* dstPath, int16_t srcRef, int userData,
+                                         QVProgressFunction callback, uint16_t* outSrcRef,
+                                         uint16_t* outDstRef, int* status, void* callbackArg);
+
+/* Checks the record chain of every table and relinks the broken ones, in place. Keep a copy of the
+ * file: what can be reached only backwards from a chain's last record is dropped from the table.
+ * The file is opened with permission 4 for the length of the call; its version becomes 100.
+ *
+ * srcPath      the database
+ * callback     may be null; called as callback(percent, userData, callbackArg), with percent 1,
+ *              with 1 to 98 for each record of either walk, with 99, and with 100 when the file is
+ *              closed. 0 stops the repair, except at 100
+ * result       0 nothing to repair, 2 at least one table was rewritten, 1 failure (also on a file
+ *              that is no database), 10 stopped. What was written before a failure stays
+ *
+ * Returns 1 when the file could be opened: `result` tells the rest. Returns 0 when srcPath or
+ * result is null and when the file cannot be opened for writing. */
+QVDBASE_API int FixOneDBLinkErrorW(const QVWCHAR* srcPath, QVProgressFunction callback,
+                                   int userData, void* callbackArg, int* result);
+
+/* Meant to copy header and directory of a database into a new file, without records. It does not:
+ * with any database that has slots it returns 0, leaves an empty file at dstPath, and leaves the
+ * source open under a number that nobody is told. It is kept for programs that call it; do not use
+ * it in new ones.
+ *
+ * status  100, and 0 once the new file exists; must not be null
+ *
+ * Returns 0 as said. A path that is null, a source that cannot be opened or read, and a new file
+ * that cannot be made leave status at 100 and no file open. */
+QVDBASE_API int DupFrameForRzbd3W(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int* status);
+
+/* ---- Short names ---------------------------------------------------------------------------- */
+
+/* A second name for each function above: same arguments, same result, same effect. */
+
+/* GenerateUuID_Int64 */
+QVDBASE_API int PGUI64(uint64_t* value);
+/* CreateDBaseW */
+QVDBASE_API int16_t PCDBW(const QVWCHAR* path, const void* signature, int version);
+/* OpenDBaseW */
+QVDBASE_API int16_t PCODBW(const QVWCHAR* path, int permission);
+/* GetDBaseInfoW */
+QVDBASE_API int PGDBIW(const QVWCHAR* path, void* signatureOut, uint16_t* versionOut, void* idOut);
+/* CloseDBase */
+QVDBASE_API uint16_t PCCDB(int16_t db);
+/* FlushDBase */
+QVDBASE_API int PCFDB(int16_t db);
+/* SetDBaseVersion */
+QVDBASE_API int PSDBV(int16_t db, uint16_t version);
+/* AddTable */
+QVDBASE_API uint64_t PCAT(int16_t db, const char* name);
+/* FindTableByName */
+QVDBASE_API uint64_t PCFTBN(int16_t db, const char* name);
+/* GetNumberOfTable */
+QVDBASE_API int PCGNOT(int16_t db, int32_t* count);
+/* GetTableNameAndIDByIndex */
+QVDBASE_API uint64_t PCGTNAIDBI(int16_t db, int index, char* name);
+/* SetTableData */
+QVDBASE_API int PCSTD(int16_t db, uint64_t table, const unsigned char* data, uint32_t size,
+                      uint32_t reserve);
+/* GetTableDataSize */
+QVDBASE_API int PCGTDS(int16_t db, uint64_t table, uint32_t* size);
+/* GetTableData */
+QVDBASE_API int PCGTD(int16_t db, uint64_t table, void* buffer);
+/* AddRecordData */
+QVDBASE_API int PCARD(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
+                      uint32_t reserve, uint64_t* record);
+/* AddRecordData_AssignRecordID */
+QVDBASE_API int PCARDARID(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
+                          uint32_t reserve, const uint64_t* record);
+/* GetNumberOfRecords */
+QVDBASE_API int PCGNOR(int16_t db, uint64_t table, uint32_t* count);
+/* GetRecordUuIDList */
+QVDBASE_API int PCGRUIDL(int16_t db, uint64_t table, uint64_t* list, uint32_t* count);
+/* GetOneRecordInfo */
+QVDBASE_API int PCGORI(int16_t db, uint64_t table, uint64_t record, oneRecordInfoP1* info,
+                       int* unused);
+/* ModifyOneRecordInfo_LMTime */
+QVDBASE_API int PCMORILMT(int16_t db, uint64_t table, uint64_t record);
+/* ModifyRecordData */
+QVDBASE_API int PCMRD(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
+                      uint64_t record, int* unused);
+/* DeleteOneRecord */
+QVDBASE_API int PCDOR(int16_t db, uint64_t table, uint64_t record, int* unused);
+/* PackOneDB2NewW */
+QVDBASE_API int PCPOD2NW(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int userData,
+                         QVProgressFunction callback);
+/* PackOneDB2New_WithHandle */
+QVDBASE_API int PCPOD2NWH(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int userData,
+                          QVProgressFunction callback, uint16_t* outSrcRef, uint16_t* outDstRef,
+                          int* status);
+/* PackOneDB2AllNewUUIDFile */
+QVDBASE_API int PCPOD2ANUUIDF(const QVWCHAR* dstPath, int16_t srcRef, int userData,
+                              QVProgressFunction callback, uint16_t* outSrcRef, uint16_t* outDstRef,
+                              int* status, void* callbackArg);
+/* FixOneDBLinkErrorW */
+QVDBASE_API int PCFODBLEW(const QVWCHAR* srcPath, QVProgressFunction callback, int userData,
+                          void* callbackArg, int* result);
+/* DupFrameForRzbd3W */
+QVDBASE_API int PCDFFW3W(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int* status);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,230 @@
+// Decoding and encoding category records.
+//
+// Decoding goes in three stages: the first field, whose failing means that there is nothing to
+// decode; the other fixed fields, whose failing returns at once; and from the first list on the
+// part whose failing gives back all that the record owns. The payload's length bounds the lists
+// before memory is taken for them: a list that crosses it was always going to fail.
+#include "maintenance/category_codec.h"
+
+#include <qvdbase/Aliment8.h>
+
+#include <cstring>
+
+#include "QVDbase/position.h"
+#include "format/fields.h"
+#include "format/identifiers.h"
+#include "format/layout.h"
+#include "maintenance/file_extent.h"
+#include "platform/memory.h"
+
+using namespace qvdbase;
+
+namespace {
+
+// Bytes of the payload that reach to the end of each fixed field.
+constexpr uint32_t kThroughCategoryID = 8;
+constexpr int kNameBytes = 64;
+constexpr uint32_t kThroughName = kThroughCategoryID + kNameBytes;
+constexpr uint32_t kThroughParam = kThroughName + 4;
+constexpr uint32_t kThroughRelatedID = kThroughParam + 8;
+constexpr uint32_t kThroughFirstIDCount = kThroughRelatedID + 4;
+static_assert(kThroughFirstIDCount == 88);
+constexpr uint64_t kFixedBytes = kThroughFirstIDCount + 4 + 4;  // with empty lists, no free bytes
+constexpr uint64_t kSpareBytes = 10;  // what the encoder allocates beyond the payload
+
+uint64_t entriesOf(int32_t count) {
+  return count > 0 ? static_cast<uint64_t>(count) : 0;
+}
+
+bool readCount(int16_t db, int32_t* count) {
+  uint32_t bits = 0;
+  if (!readUint32(db, &bits)) return false;
+  *count = static_cast<int32_t>(bits);
+  return true;
+}
+
+bool readIdentity(int16_t db, uint64_t* id) {
+  unsigned char bytes[kIdentitySize];
+  if (!readBytes(db, bytes, sizeof bytes)) return false;
+  *id = identifierNumber(bytes);
+  return true;
+}
+
+// The fields between the first one and the lists; each must be covered by the payload's length.
+bool readFixedFields(int16_t db, uint32_t dataLength, qvrzOneCategoryRecord* record) {
+  unsigned char name[kNameBytes];
+  if (!readBytes(db, name, sizeof name)) return false;
+  RZGetQVWCHARFromBuffer(record->categoryName, name, kNameBytes);
+  if (dataLength < kThroughName) return false;
+  uint32_t param = 0;
+  if (!readUint32(db, &param) || dataLength < kThroughParam) return false;
+  record->categoryParam = param;
+  if (!readIdentity(db, &record->relatedID) || dataLength < kThroughRelatedID) return false;
+  int32_t count = 0;
+  if (!readCount(db, &count) || dataLength < kThroughFirstIDCount) return false;
+  record->firstIDCount = count;
+  return true;
+}
+
+// The part of the payload behind the fixed fields, with the count of bytes consumed so far.
+class VariablePart {
+ public:
+  VariablePart(int16_t db, uint32_t dataLength, ExtraData extraData)
+      : db_(db), dataLength_(dataLength), extraData_(extraData) {}
+
+  bool read(qvrzOneCategoryRecord* record) {
+    return readList(record->firstIDCount, &record->firstIDs) &&
+           readListCount(&record->secondIDCount) &&
+           readList(record->secondIDCount, &record->secondIDs) && readExtra(record);
+  }
+
+ private:
+  bool readList(int32_t count, uint64_t** list) {
+    const uint64_t entries = entriesOf(count);
+    if (entries == 0) return true;
+    const uint64_t bytes = entries * kIdentitySize;
+    *list = nullptr;
+    if (consumed_ + bytes > dataLength_ || !fileHoldsAhead(db_, bytes)) return false;
+    *list = static_cast<uint64_t*>(platform::allocate(bytes));
+    if (*list == nullptr) return false;
+    std::memset(*list, 0, bytes);
+    for (uint64_t i = 0; i < entries; ++i) {
+      static_cast<void>(readIdentity(db_, *list + i));  // an entry that cannot be read stays unset
+    }
+    consumed_ += bytes;
+    return true;
+  }
+
+  bool readListCount(int32_t* count) { return readCount(db_, count) && consume(4); }
+
+  bool readExtra(qvrzOneCategoryRecord* record) {
+    uint32_t length = 0;
+    if (!readUint32(db_, &length)) return false;
+    record->extraLength = length;
+    if (!consume(4)) return false;
+    if (extraData_ == ExtraData::ownBuffer && !makeExtraBuffer(record)) return false;
+    const bool fileHoldsIt = fileHoldsAhead(db_, length);
+    // Longer than the rest of the payload: never read into a buffer that is made for the rest. The
+    // read would succeed, and the record fail, where the file goes on far enough; elsewhere the
+    // read would fail, which counts as read.
+    if (length > dataLength_ - consumed_) return !fileHoldsIt;
+    if (length != 0 && fileHoldsIt && record->extraData != nullptr) {
+      static_cast<void>(readBytes(db_, record->extraData, length));
+    }
+    return true;
+  }
+
+  bool makeExtraBuffer(qvrzOneCategoryRecord* record) const {
+    const int64_t fileLength = fileLengthOf(db_);
+    const uint32_t length = record->extraLength;
+    if (fileLength < 0 || length > static_cast<uint64_t>(fileLength)) return false;
+    platform::release(record->extraData);
+    record->extraData = static_cast<unsigned char*>(platform::allocate(length));
+    if (record->extraData == nullptr) return false;
+    std::memset(record->extraData, 0, length);
+    return true;
+  }
+
+  bool consume(uint64_t bytes) {
+    if (consumed_ + bytes > dataLength_) return false;
+    consumed_ += bytes;
+    return true;
+  }
+
+  int16_t db_;
+  uint64_t dataLength_;
+  ExtraData extraData_;
+  uint64_t consumed_ = kThroughFirstIDCount;
+};
+
+unsigned char* putNumber(unsigned char* out, uint64_t value, int bytes) {
+  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
+    *out++ = static_cast<unsigned char>(value >> shift & 0xFF);
+  }
+  return out;
+}
+
+unsigned char* putList(unsigned char* out, int32_t count, const uint64_t* list) {
+  out = putNumber(out, static_cast<uint32_t>(count), 4);
+  for (int32_t i = 0; i < count; ++i) out = putNumber(out, list[i], kIdentitySize);
+  return out;
+}
+
+bool pointersMatchCounts(const qvrzOneCategoryRecord& record) {
+  return (record.firstIDCount <= 0 || record.firstIDs != nullptr) &&
+         (record.secondIDCount <= 0 || record.secondIDs != nullptr) &&
+         (record.extraLength == 0 || record.extraData != nullptr);
+}
+
+void putCategory(const qvrzOneCategoryRecord& record, unsigned char* out) {
+  out = putNumber(out, record.categoryID, kIdentitySize);
+  RZPutQVWCHAR2Buffer(out, record.categoryName, kNameBytes);
+  out += kNameBytes;
+  out = putNumber(out, record.categoryParam, 4);
+  out = putNumber(out, record.relatedID, kIdentitySize);
+  out = putList(out, record.firstIDCount, record.firstIDs);
+  out = putList(out, record.secondIDCount, record.secondIDs);
+  out = putNumber(out, record.extraLength, 4);
+  if (record.extraLength != 0) std::memcpy(out, record.extraData, record.extraLength);
+}
+
+}  // namespace
+
+namespace qvdbase {
+
+CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraData extraData,
+                                qvrzOneCategoryRecord* record) {
+  const CallScope scope(db);
+  const int64_t position = myGetFilePos(db);
+  if (position == -1) return CategoryDecoding::failed;
+  const auto restored = [&](CategoryDecoding outcome) {
+    return myFileSeek(db, position, kFromStart) == 0 ? outcome : CategoryDecoding::failed;
+  };
+
+  if (info.dataLength <= kThroughCategoryID || info.dataPos == 0) {
+    return restored(CategoryDecoding::untouched);
+  }
+  if (myFileSeek(db, info.dataPos, kFromStart) != 0) return CategoryDecoding::failed;
+  if (!readIdentity(db, &record->categoryID)) return restored(CategoryDecoding::untouched);
+  // Up to the lists a failure gives nothing back and leaves the position where it was reached.
+  if (!readFixedFields(db, info.dataLength, record)) return CategoryDecoding::failed;
+
+  VariablePart rest(db, info.dataLength, extraData);
+  const auto outcome = rest.read(record) ? CategoryDecoding::decoded : CategoryDecoding::failed;
+  if (restored(outcome) == CategoryDecoding::decoded) return outcome;
+  // The caller's free bytes too, on purpose: after a late failure the record owns nothing.
+  releaseCategoryParts(record);
+  return CategoryDecoding::failed;
+}
+
+void releaseCategoryParts(qvrzOneCategoryRecord* record) {
+  platform::release(record->firstIDs);
+  platform::release(record->secondIDs);
+  platform::release(record->extraData);
+  record->firstIDs = nullptr;
+  record->secondIDs = nullptr;
+  record->extraData = nullptr;
+}
+
+}  // namespace qvdbase
+
+int InternalReadOneRecord2CategoryStruct(int16_t db, const oneRecordInfoP1* info,
+                                         qvrzOneCategoryRecord** record) {
+  if (info == nullptr || record == nullptr || *record == nullptr) return 0;
+  const auto outcome = decodeCategory(db, *info, ExtraData::callersBuffer, *record);
+  // A payload without a category is a success that decodes nothing.
+  return outcome == CategoryDecoding::failed ? 0 : 1;
+}
+
+unsigned char* InternalPutOneCategory2Buffer(int16_t, const qvrzOneCategoryRecord* record,
+                                             uint32_t* length) {
+  if (record == nullptr || length == nullptr || !pointersMatchCounts(*record)) return nullptr;
+  const uint64_t entries = entriesOf(record->firstIDCount) + entriesOf(record->secondIDCount);
+  const uint64_t payload = kFixedBytes + entries * kIdentitySize + record->extraLength;
+  if (payload > UINT32_MAX) return nullptr;
+  auto* buffer = static_cast<unsigned char*>(platform::allocate(payload + kSpareBytes));
+  if (buffer == nullptr) return nullptr;
+  putCategory(*record, buffer);
+  *length = static_cast<uint32_t>(payload);
+  return buffer;
+}

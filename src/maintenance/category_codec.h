@@ -1,0 +1,30 @@
+// The category codec as the renumbering pack uses it.
+#pragma once
+
+#include <qvdbase/qvrzdb_sub.h>
+
+#include <cstdint>
+
+namespace qvdbase {
+
+enum class CategoryDecoding {
+  failed,
+  untouched,  // there is no category in the payload; the record is as it was
+  decoded,
+};
+
+// Where the decoder puts the free bytes.
+enum class ExtraData {
+  callersBuffer,  // into the buffer that the record brings along
+  ownBuffer,      // into a zero-filled one that it makes, as large as the payload claims; a claim
+                  // above the length of the file counts as one that cannot be had
+};
+
+// InternalReadOneRecord2CategoryStruct, with more to tell.
+CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraData extraData,
+                                qvrzOneCategoryRecord* record);
+
+// Gives the record's lists and free bytes back and sets the pointers to null.
+void releaseCategoryParts(qvrzOneCategoryRecord* record);
+
+}  // namespace qvdbase

@@ -1,0 +1,22 @@
+// How much a file holds.
+#include "maintenance/file_extent.h"
+
+#include "QVDbase/position.h"
+
+namespace qvdbase {
+
+int64_t fileLengthOf(int16_t db) {
+  const int64_t position = myGetFilePos(db);
+  if (position == -1 || myFileSeek(db, 0, kFromEnd) != 0) return -1;
+  const int64_t length = myGetFilePos(db);
+  return myFileSeek(db, position, kFromStart) == 0 ? length : -1;
+}
+
+bool fileHoldsAhead(int16_t db, uint64_t count) {
+  const int64_t position = myGetFilePos(db);
+  const int64_t length = fileLengthOf(db);
+  if (position == -1 || length < position) return count == 0;
+  return count <= static_cast<uint64_t>(length - position);
+}
+
+}  // namespace qvdbase

@@ -1,0 +1,84 @@
+// Replacing old identifiers by new ones.
+#include "maintenance/id_pairs.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace qvdbase {
+
+bool IdPairs::begin(uint32_t expected, uint64_t likely) {
+  platform::Buffer array(std::min<uint64_t>(expected, likely) * sizeof(UUIDMapping));
+  if (!array) return false;
+  array_ = std::move(array);
+  exist_ = true;
+  count_ = 0;
+  written_ = 0;
+  return true;
+}
+
+bool IdPairs::write(UUIDMapping pair) {
+  const uint64_t offset = cursor_ * sizeof pair;
+  if (offset + sizeof pair > array_.size() && !makeRoom(cursor_ + 1)) return false;
+  std::memcpy(array_.data() + offset, &pair, sizeof pair);
+  written_ = std::max(written_, cursor_ + 1);
+  return true;
+}
+
+// Doubles, so that growing pair by pair costs no more than copying everything once.
+bool IdPairs::makeRoom(uint64_t room) {
+  platform::Buffer larger(std::max(room, 2 * written_) * sizeof(UUIDMapping));
+  if (!larger) return false;
+  std::memcpy(larger.data(), array_.data(), written_ * sizeof(UUIDMapping));
+  array_ = std::move(larger);
+  return true;
+}
+
+const UUIDMapping* IdPairs::pairs() const {
+  return reinterpret_cast<const UUIDMapping*>(array_.data());
+}
+
+bool IdPairs::buildIndex() {
+  try {
+    newOfOld_.reserve(searched());
+    for (uint64_t i = 0; i < searched(); ++i) {
+      newOfOld_.try_emplace(pairs()[i].oldID, pairs()[i].newID);  // the first one stays
+    }
+  } catch (...) {
+    return false;
+  }
+  return true;
+}
+
+const uint64_t* IdPairs::find(uint64_t oldID) const {
+  const auto found = newOfOld_.find(oldID);
+  return found == newOfOld_.end() ? nullptr : &found->second;
+}
+
+bool IdPairs::convert(qvrzOneCategoryRecord* record) {
+  if (!indexed_ && !buildIndex()) return false;
+  indexed_ = true;
+  for (int32_t i = 0; i < record->secondIDCount; ++i) {
+    const uint64_t* newID = find(record->secondIDs[i]);
+    if (newID == nullptr) return false;
+    record->secondIDs[i] = *newID;
+  }
+  return true;
+}
+
+}  // namespace qvdbase
+
+// The linear search, for callers with pairs of their own.
+int InternalConvertOldCategoryID2New(qvrzOneCategoryRecord** record, const UUIDMapping* pairs,
+                                     int32_t count) {
+  if (pairs == nullptr || record == nullptr || *record == nullptr) return 0;
+  if ((*record)->secondIDs == nullptr && (*record)->secondIDCount > 0) return 0;
+  const UUIDMapping* end = pairs + std::max(count, 0);
+  for (int32_t i = 0; i < (*record)->secondIDCount; ++i) {
+    uint64_t& entry = (*record)->secondIDs[i];
+    const UUIDMapping* found =
+        std::find_if(pairs, end, [&](const UUIDMapping& pair) { return pair.oldID == entry; });
+    if (found == end) return 0;
+    entry = found->newID;
+  }
+  return 1;
+}

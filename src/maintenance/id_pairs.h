@@ -1,0 +1,56 @@
+// The old and new identifiers of the renewed records, and what replaces the one by the other.
+//
+// Writing and counting are two things on purpose. Pairs are written at a cursor that goes back to
+// the start with every table; the count goes back to 0 only when a new array begins. It is raised
+// with every step from one record to the next, in tables that write nothing too. So the pair of a
+// table's last record is written but not counted, and a table that is renewed after the remembered
+// one overwrites its pairs from the first on. Callers rely on what comes of this.
+#pragma once
+
+#include <qvdbase/qvrzdb_sub.h>
+
+#include <cstdint>
+#include <unordered_map>
+
+#include "platform/memory.h"
+
+namespace qvdbase {
+
+class IdPairs {
+ public:
+  // Begins a new array for that many expected pairs, of which at most `likely` are made room for at
+  // once: the rest comes as it is written, because the expectation is a number from a file. False
+  // when memory cannot be had.
+  [[nodiscard]] bool begin(uint32_t expected, uint64_t likely);
+  bool exist() const { return exist_; }
+
+  // The cursor.
+  void rewind() { cursor_ = 0; }
+  [[nodiscard]] bool write(UUIDMapping pair);  // false when memory cannot be had
+  void advance() {
+    ++cursor_;
+    ++count_;
+  }
+
+  // Replaces each entry of secondIDs, as InternalConvertOldCategoryID2New does with the counted
+  // pairs. Fails at the first entry that is not among them. No more pairs may be written then.
+  [[nodiscard]] bool convert(qvrzOneCategoryRecord* record);
+
+ private:
+  const UUIDMapping* pairs() const;
+  // What was counted without being written matches nothing.
+  uint64_t searched() const { return count_ < written_ ? count_ : written_; }
+  bool makeRoom(uint64_t room);
+  bool buildIndex();
+  const uint64_t* find(uint64_t oldID) const;
+
+  platform::Buffer array_;
+  bool exist_ = false;
+  uint64_t cursor_ = 0;
+  uint64_t count_ = 0;
+  uint64_t written_ = 0;
+  std::unordered_map<uint64_t, uint64_t> newOfOld_;  // the first pair of each oldID
+  bool indexed_ = false;
+};
+
+}  // namespace qvdbase

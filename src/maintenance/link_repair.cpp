@@ -1,0 +1,298 @@
+// Link repair: checks the record chain of every table, in place, and rewrites the links of a chain
+// that is broken. Payloads are neither moved nor changed.
+//
+// Each chain is walked twice, forwards from the slot's first record and backwards from its last.
+// When both walks meet as many records as the slot counts, the chain is sound and nothing of it is
+// written. Otherwise what was reached is put in one order and written back as a clean chain, with
+// the slot's ends and count after it. Only positions that were really read are ever kept, and each
+// only once: a chain that loops ends where it comes round, whatever the slot counts.
+#include "maintenance/link_repair.h"
+
+#include <qvdbase/QVFile.h>
+#include <qvdbase/qvdbase.h>
+
+#include <algorithm>
+#include <limits>
+#include <optional>
+#include <unordered_map>
+
+#include "QVDbase/directory_cache.h"
+#include "QVDbase/header.h"
+#include "QVDbase/position.h"
+#include "QVDbase/record_find.h"
+#include "QVDbase/tables.h"
+#include "format/Aliment8.h"
+#include "format/fields.h"
+#include "format/identifiers.h"
+#include "maintenance/table_data_block.h"
+#include "maintenance/visited_records.h"
+#include "platform/transfer.h"
+
+using namespace qvdbase;
+
+namespace {
+
+constexpr int kOpenShared = 4;
+
+// What the repair came to, as its caller is told.
+constexpr int kNothingToRepair = 0;
+constexpr int kFailed = 1;
+constexpr int kRepaired = 2;
+constexpr int kStopped = 10;
+
+// How the walk forwards ended. Only the first of these is a chain as it should be.
+enum class Forward { complete, unreadable, tooShort, badLink, loop };
+
+struct RepairProgress {
+  QVProgressFunction function;  // called as function(percent, userData, argument); may be null
+  int userData;
+  void* argument;
+};
+
+class LinkRepair {
+ public:
+  LinkRepair(RepairProgress progress, int* result) : progress_(progress), result_(result) {}
+
+  int run(const QVWCHAR* srcPath) {
+    *result_ = kNothingToRepair;
+    if (QVFile().QVOpenFile(srcPath, kOpenShared, &db_) != 1) return 0;
+    scope_.emplace(db_);
+    if (!repairWithoutThrowing() || !scope_->end()) {
+      *result_ = stopped_ ? kStopped : kFailed;
+      close();
+      return 1;  // says only that the file could be opened; the rest is in the result
+    }
+    close();
+    callFunctionDirectly(100);
+    return 1;
+  }
+
+ private:
+  bool repairWithoutThrowing() {
+    try {
+      return repair();
+    } catch (...) {
+      return false;  // no memory for the lists
+    }
+  }
+
+  bool repair() {
+    if (!readDirectoryNumbers(db_, &directory_)) return false;
+    const int64_t directoryPos = myGetFilePos(db_);
+    if (!report(1)) return false;
+    countRecords();
+    if (myFileSeek(db_, directoryPos, kFromStart) != 0) return false;
+    for (int t = 0; t < directory_.tableCount; ++t) {
+      if (!repairTable()) return false;
+    }
+    return report(99) && SetDBaseVersion(db_, kFinishedVersion) == 1;
+  }
+
+  // The sum of the counts of all tables, each as GetNumberOfRecords tells it of its identifier: of
+  // the first slot that has it. Ends at the first slot that holds no table.
+  void countRecords() {
+    std::unordered_map<uint64_t, uint32_t> counts;
+    for (int t = 0; t < directory_.tableCount; ++t) {
+      tablePart1 slot;
+      if (!readUsedSlot(db_, directory_.slotSize, &slot)) return;
+      const uint64_t table = identifierNumber(slot.tableID);
+      if (table != 0) total_ += counts.try_emplace(table, slot.recordCount).first->second;
+    }
+  }
+
+  bool repairTable() {
+    slotPos_ = myGetFilePos(db_);
+    if (!readUsedSlot(db_, directory_.slotSize, &slot_)) return false;
+    const int64_t behindSlot = myGetFilePos(db_);
+    int64_t length = 0;
+    if (slot_.firstDataPos != 0 &&
+        !measureTableDataBlock(db_, slot_.firstDataPos, slot_.tableID, &length)) {
+      return false;
+    }
+    if (!repairChain()) return false;
+    return myFileSeek(db_, behindSlot, kFromStart) == 0;
+  }
+
+  bool repairChain() {
+    forward_.clear();
+    backward_.clear();
+    merged_.clear();
+    if (slot_.recordCount == 0 || slot_.firstRecordPos == 0) return true;
+    Forward forward{};
+    bool backwardComplete = false;
+    if (!walkForward(&forward) || !walkBackward(&backwardComplete)) return false;
+    if (backwardComplete && forward == Forward::complete) return true;
+    if (forward_.empty() && backward_.empty()) return false;
+    merge();
+    relink();
+    return writeBack();
+  }
+
+  // The two walks return false only when the caller stops them.
+  bool walkForward(Forward* outcome) {
+    *outcome = Forward::unreadable;
+    if (myFileSeek(db_, slot_.firstRecordPos, kFromStart) != 0) return true;
+    for (uint32_t i = 0; i < slot_.recordCount; ++i) {
+      recordPartP1Class entry;
+      *outcome = Forward::unreadable;
+      if (!readEntry(&entry)) return true;
+      *outcome = Forward::loop;
+      if (forward_.has(entry.recordPos)) return true;
+      if (!visit(&forward_, entry)) return false;
+      const bool lastCounted = i == slot_.recordCount - 1;
+      *outcome = lastCounted ? Forward::complete : Forward::tooShort;
+      // Whatever the last link holds: all counted records were there.
+      if (lastCounted || entry.nextRecordPos == 0) return true;
+      *outcome = Forward::badLink;
+      if (myFileSeek(db_, entry.nextRecordPos, kFromStart) != 0) return true;
+    }
+    return true;
+  }
+
+  bool walkBackward(bool* complete) {
+    *complete = false;
+    if (myFileSeek(db_, slot_.lastRecordPos, kFromStart) != 0) return true;
+    for (uint32_t j = 0; j < slot_.recordCount; ++j) {
+      recordPartP1Class entry;
+      if (!readEntry(&entry) || backward_.has(entry.recordPos)) return true;
+      if (!visit(&backward_, entry)) return false;
+      *complete = j == slot_.recordCount - 1;
+      if (*complete || entry.prevRecordPos == 0) return true;
+      if (myFileSeek(db_, entry.prevRecordPos, kFromStart) != 0) return true;
+    }
+    return true;
+  }
+
+  bool readEntry(recordPartP1Class* entry) {
+    recordPart1 header;
+    entry->recordPos = myGetFilePos(db_);
+    if (internal_GetOneRecordDataInfo(db_, slot_.tableID, &header) != 1) return false;
+    entry->tableID = identifierNumber(header.tableID);
+    entry->recordID = identifierNumber(header.recordID);
+    entry->prevRecordPos = header.prevRecordPos;
+    entry->nextRecordPos = header.nextRecordPos;
+    entry->dataLength = header.dataLength;
+    entry->dataCapacity = header.dataCapacity;
+    return true;
+  }
+
+  // Each record counts a half in either walk.
+  bool visit(VisitedRecords* records, const recordPartP1Class& entry) {
+    records->append(entry);
+    visited_ += 0.5;
+    return report(percentVisited());
+  }
+
+  int percentVisited() const {
+    if (total_ == 0) return 1;
+    const double percent = visited_ * 97.0 / static_cast<double>(total_) + 1.0;
+    return percent < std::numeric_limits<int>::max() ? static_cast<int>(percent)
+                                                     : std::numeric_limits<int>::max();
+  }
+
+  void merge() {
+    for (QVNode* node = forward_.first(); node != nullptr; node = node->next) {
+      merged_.appendIfNew(VisitedRecords::entryOf(node));
+    }
+    // Kept deliberately: by the count of the backward list it is the forward list that is read,
+    // from that index down to its first entry. Whatever was met only backwards stays out of the
+    // chain. Indexes that the forward list does not have are passed over.
+    const int from = std::min(backward_.size(), forward_.size()) - 1;
+    for (QVNode* node = forward_.nodeAt(from); node != nullptr; node = node->prev) {
+      merged_.appendIfNew(VisitedRecords::entryOf(node));
+    }
+  }
+
+  void relink() {
+    for (QVNode* node = merged_.first(); node != nullptr; node = node->next) {
+      recordPartP1Class& entry = VisitedRecords::entryOf(node);
+      entry.prevRecordPos = 0;
+      entry.nextRecordPos = 0;
+      if (node->prev == nullptr) continue;
+      recordPartP1Class& previous = VisitedRecords::entryOf(node->prev);
+      entry.prevRecordPos = previous.recordPos;
+      previous.nextRecordPos = entry.recordPos;
+    }
+  }
+
+  // The links first, then the slot, if it changes.
+  bool writeBack() {
+    if (merged_.empty()) return true;
+    *result_ = kRepaired;
+    bool slotChanges = false;
+    const auto set = [&](int64_t* field, int64_t value) {
+      slotChanges = slotChanges || *field != value;
+      *field = value;
+    };
+    for (QVNode* node = merged_.first(); node != nullptr; node = node->next) {
+      const recordPartP1Class& entry = VisitedRecords::entryOf(node);
+      if (node->prev == nullptr) set(&slot_.firstRecordPos, entry.recordPos);
+      if (node->next == nullptr) set(&slot_.lastRecordPos, entry.recordPos);
+      if (FixOneDataLinkInfo(db_, &entry) != 1) return false;
+    }
+    const auto count = static_cast<uint32_t>(merged_.size());
+    slotChanges = slotChanges || slot_.recordCount != count;
+    slot_.recordCount = count;
+    return !slotChanges || rewriteSlot(db_, slotPos_, slot_);
+  }
+
+  // Through SavedCallBack, so that the function may move the file's position. False when it asks to
+  // stop, and when what was written cannot be completed.
+  bool report(int percent) {
+    if (progress_.function == nullptr) return true;
+    if (!platform::flushTransfers()) return false;
+    stopped_ = SavedCallBack(db_, progress_.function, percent, progress_.userData,
+                             progress_.argument) == 0;
+    return !stopped_;
+  }
+
+  void callFunctionDirectly(int percent) {
+    if (progress_.function != nullptr) {
+      progress_.function(percent, progress_.userData, progress_.argument);
+    }
+  }
+
+  void close() {
+    scope_.reset();
+    dropDirectoryEntry(db_);
+    QVFile().QVCloseFile(db_);
+  }
+
+  RepairProgress progress_;
+  int* result_;
+  int16_t db_ = 0;
+  std::optional<CallScope> scope_;
+  DirectoryNumbers directory_{};
+  uint64_t total_ = 0;
+  double visited_ = 0;
+  bool stopped_ = false;
+
+  // The table at hand.
+  tablePart1 slot_{};
+  int64_t slotPos_ = 0;
+  VisitedRecords forward_;
+  VisitedRecords backward_;
+  VisitedRecords merged_;
+};
+
+}  // namespace
+
+int FixOneDBLinkErrorW(const QVWCHAR* srcPath, QVProgressFunction callback, int userData,
+                       void* callbackArg, int* result) {
+  if (srcPath == nullptr || result == nullptr) return 0;
+  return LinkRepair({callback, userData, callbackArg}, result).run(srcPath);
+}
+
+int FixOneDataLinkInfo(int16_t db, const recordPartP1Class* entry) {
+  static_assert(record::kNextRecordPos == record::kPrevRecordPos + 8);
+  const int64_t linksPos = entry->recordPos + record::kPrevRecordPos;
+  if (myFileSeek(db, linksPos, kFromStart) != 0) return 0;
+  return writeInt64(db, entry->prevRecordPos) && writeInt64(db, entry->nextRecordPos) ? 1 : 0;
+}
+
+int Internal_CheckRPP1Class_Duplicate(QVList* list, const recordPartP1Class* entry) {
+  for (QVNode* node = list->GetNodeAt(0); node != nullptr; node = node->next) {
+    if (static_cast<const recordPartP1Class*>(node->data)->recordPos == entry->recordPos) return 1;
+  }
+  return 0;
+}

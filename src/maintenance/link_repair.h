@@ -1,0 +1,25 @@
+// Link repair: what it keeps of a record it has visited, and the routines on it.
+#pragma once
+
+#include <qvdbase/QVList.h>
+
+#include <cstdint>
+
+// One visited record, stored by copy in the lists of the repair.
+struct recordPartP1Class {
+  uint64_t tableID;
+  uint64_t recordID;
+  int64_t prevRecordPos;  // 0 for none
+  int64_t nextRecordPos;  // 0 for none
+  int64_t recordPos;      // where the block lies: two entries with the same one are the same record
+  uint32_t dataLength;
+  uint32_t dataCapacity;
+};
+
+// Writes both links of the entry over those of its block. Returns 1, or 0 when the file cannot be
+// positioned or written.
+int FixOneDataLinkInfo(int16_t db, const recordPartP1Class* entry);
+
+// Returns 1 when an element of the list has the entry's recordPos, else 0. Looks at each in turn:
+// the repair itself asks the set of positions that it keeps beside each list.
+int Internal_CheckRPP1Class_Duplicate(QVList* list, const recordPartP1Class* entry);

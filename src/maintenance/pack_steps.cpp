@@ -1,0 +1,258 @@
+// The steps that the packs have in common.
+#include "maintenance/pack_steps.h"
+
+#include <qvdbase/QVFile.h>
+
+#include <algorithm>
+
+#include "QVDbase/directory_cache.h"
+#include "QVDbase/record_find.h"
+#include "QVDbase/tables.h"
+#include "format/Aliment8.h"
+#include "format/fields.h"
+#include "maintenance/file_extent.h"
+#include "maintenance/pack_record.h"
+#include "maintenance/table_data_block.h"
+#include "platform/memory.h"
+#include "platform/transfer.h"
+
+namespace qvdbase {
+namespace {
+
+constexpr int kOpenShared = 4;
+constexpr int kCreateOneWriter = 2;
+constexpr int kEmptyExisting = 0;  // a file that is there is emptied, not refused
+
+constexpr uint64_t kLargestTransfer = 1u << 30;
+
+// A payload up to this length is read without asking first whether the file holds it.
+constexpr uint32_t kUnsuspiciousLength = 1u << 16;
+
+bool readLong(int16_t file, uint8_t* bytes, uint64_t count) {
+  while (count > 0) {
+    const auto part = static_cast<uint32_t>(std::min(count, kLargestTransfer));
+    if (!readBytes(file, bytes, part)) return false;
+    bytes += part;
+    count -= part;
+  }
+  return true;
+}
+
+bool writeLong(int16_t file, const uint8_t* bytes, uint64_t count) {
+  while (count > 0) {
+    const auto part = static_cast<uint32_t>(std::min(count, kLargestTransfer));
+    if (!writeBytes(file, bytes, part)) return false;
+    bytes += part;
+    count -= part;
+  }
+  return true;
+}
+
+void zeroRecordFields(tablePart1* slot) {
+  slot->recordCount = 0;
+  slot->recordWriteCount = 0;
+  slot->firstRecordPos = 0;
+  slot->lastWrittenRecordPos = 0;
+  slot->lastRecordPos = 0;
+}
+
+}  // namespace
+
+bool PackSteps::openSource(const QVWCHAR* srcPath) {
+  int16_t file = 0;
+  if (QVFile().QVOpenFile(srcPath, kOpenShared, &file) != 1) return false;
+  src_ = file;
+  srcScope_.emplace(src_);
+  return true;
+}
+
+bool PackSteps::readSourceDirectory() {
+  if (!readDirectoryNumbers(src_, &directory_)) return false;
+  headerLength_ = myGetFilePos(src_);
+  return true;
+}
+
+bool PackSteps::createDestination() {
+  int16_t file = 0;
+  if (QVFile().QVCreateAndOpenFile(dstPath_, kCreateOneWriter, &file, kEmptyExisting) != 1) {
+    return false;
+  }
+  dst_ = file;
+  dstScope_.emplace(dst_);
+  return true;
+}
+
+bool PackSteps::copyHeader() {
+  const auto length = static_cast<uint32_t>(headerLength_);
+  platform::Buffer header(length);
+  // Intended: without memory for it the header is left out, without an error, and everything else
+  // is done all the same. The slots then begin at the start of the destination.
+  if (!header) return true;
+  bufferHeld_ = true;
+  if (myFileSeek(src_, 0, kFromStart) != 0) return false;
+  if (!readBytes(src_, header.data(), length)) return false;
+  adjustHeader(header.data());
+  if (!writeBytes(dst_, header.data(), length)) return false;
+  bufferHeld_ = false;
+  return true;
+}
+
+bool PackSteps::copyDirectory() {
+  for (int i = 0; i < directory_.slotCount; ++i) {
+    tablePart1 slot;
+    if (ReadOne_TablePartOne(src_, &slot, directory_.slotSize) != 1) return false;
+    totalRecords_ += slot.recordCount;
+    zeroRecordFields(&slot);
+    if (!writeDirectorySlot(slot)) return false;
+  }
+  return true;
+}
+
+bool PackSteps::copyTables() {
+  if (!seekBoth(headerLength_, headerLength_)) return false;
+  for (int t = 0; t < directory_.tableCount; ++t) {
+    if (!copyTable()) return false;
+  }
+  return true;
+}
+
+bool PackSteps::copyTable() {
+  const int64_t slotPos = myGetFilePos(dst_);
+  tablePart1 slot;
+  if (!readTableSlot(dst_, &slot)) return false;  // only to move past it
+  if (!readTableSlot(src_, &slot) || !slotHoldsTable(slot)) return false;
+  const int64_t behindSrcSlot = myGetFilePos(src_);
+  const int64_t behindDstSlot = myGetFilePos(dst_);
+
+  if (slot.firstDataPos != 0 && !copyTableData(slot, slotPos)) return false;
+  if (slot.recordCount != 0 && slot.firstRecordPos != 0 && !copyRecords(slot, slotPos)) {
+    return false;
+  }
+  if (!reportTable()) return false;
+  return seekBoth(behindSrcSlot, behindDstSlot);
+}
+
+bool PackSteps::copyTableData(const tablePart1& slot, int64_t slotPos) {
+  int64_t length = 0;
+  int64_t newDataPos = 0;
+  if (!measureTableDataBlock(src_, slot.firstDataPos, slot.tableID, &length)) return false;
+  if (!copyBlock(slot.firstDataPos, length, &newDataPos)) return false;
+
+  tablePart1 copy = slot;
+  copy.firstDataPos = newDataPos;
+  copy.lastWrittenDataPos = newDataPos;
+  copy.lastDataPos = newDataPos;
+  zeroRecordFields(&copy);
+  if (myFileSeek(dst_, slotPos, kFromStart) != 0) return false;
+  return acceptsSlotRewrite(WriteOne_TablePartOne(dst_, &copy) == 1);
+}
+
+bool PackSteps::copyBlock(int64_t blockPos, int64_t length, int64_t* newBlockPos) {
+  const auto count = static_cast<uint64_t>(length);
+  platform::Buffer block(count + 1);
+  if (!block) return false;
+  bufferHeld_ = true;
+  if (myFileSeek(src_, blockPos, kFromStart) != 0) return false;
+  if (!readLong(src_, block.data(), count)) return false;
+  if (myFileSeek(dst_, 0, kFromEnd) != 0) return false;
+  *newBlockPos = myGetFilePos(dst_);
+  if (!writeLong(dst_, block.data(), count)) return false;
+  bufferHeld_ = false;
+  return true;
+}
+
+bool PackSteps::copyRecords(const tablePart1& slot, int64_t slotPos) {
+  // Required, and meant: the working slot is the source's again, its three table-data positions
+  // included, and the first record appended writes these over the ones that copyTableData has just
+  // put into the destination. A packed table that has records does not find its table data.
+  tablePart1 working = slot;
+  zeroRecordFields(&working);
+  if (myFileSeek(src_, slot.firstRecordPos, kFromStart) != 0) return false;
+  if (!beginRecords(slot)) return false;
+  for (uint32_t i = 0; i < slot.recordCount; ++i) {
+    recordPart1 header;
+    if (!copyRecord(&working, slotPos, &header)) return false;
+    ++copiedRecords_;
+    if (!reportRecord(percentOfRecords())) return false;
+    if (header.nextRecordPos == 0) return true;
+    if (myFileSeek(src_, header.nextRecordPos, kFromStart) != 0) return false;
+    steppedOn();
+  }
+  // A chain that goes on is cut here, and one that loops ends after as many copies as were counted.
+  return true;
+}
+
+bool PackSteps::copyRecord(tablePart1* working, int64_t slotPos, recordPart1* header) {
+  if (internal_GetOneRecordDataInfo(src_, working->tableID, header) != 1) return false;
+  const uint32_t length = header->dataLength;
+  // A length that the file does not hold is a read that fails, without the memory for it.
+  if (length > kUnsuspiciousLength && !fileHoldsAhead(src_, length)) {
+    bufferHeld_ = true;
+    return false;
+  }
+  platform::Buffer payload(uint64_t{length} + 1);
+  if (!payload) return false;
+  bufferHeld_ = true;
+  if (!readBytes(src_, payload.data(), length)) return false;
+  if (!appendRecord(working, slotPos, *header, payload.data())) return false;
+  bufferHeld_ = false;
+  return true;
+}
+
+bool PackSteps::writeDirectorySlot(const tablePart1& slot) {
+  return WriteOne_TablePartOne(dst_, &slot) == 1;
+}
+
+bool PackSteps::readTableSlot(int16_t file, tablePart1* slot) {
+  return ReadOne_TablePartOne(file, slot, directory_.slotSize) == 1;
+}
+
+bool PackSteps::appendRecord(tablePart1* working, int64_t slotPos, const recordPart1& source,
+                             const unsigned char* payload) {
+  return internal_AddOneRecordData_ForPack(dst_, working, working->tableID, slotPos,
+                                           directory_.slotSize, payload, &source) == 1;
+}
+
+bool PackSteps::completeDestination() {
+  const bool complete = !dstScope_ || dstScope_->end();
+  dstScope_.reset();
+  return complete;
+}
+
+void PackSteps::closeSource() {
+  srcScope_.reset();
+  dropDirectoryEntry(src_);
+  QVFile().QVCloseFile(src_);
+}
+
+void PackSteps::closeDestination() {
+  dstScope_.reset();
+  dropDirectoryEntry(dst_);
+  QVFile().QVCloseFile(dst_);
+}
+
+bool PackSteps::report(uint32_t percent) {
+  if (progress_.function == nullptr) return true;
+  if (!platform::flushTransfers()) return false;
+  return progress_.function(progress_.userData, static_cast<int>(percent), progress_.argument) != 0;
+}
+
+// From 1 to 98, in unsigned 32-bit arithmetic; a total of 0 counts as no progress.
+uint32_t PackSteps::percentOfRecords() const {
+  return totalRecords_ == 0 ? 1 : 97u * copiedRecords_ / totalRecords_ + 1;
+}
+
+void PackSteps::fail() {
+  if (src_ != 0) releaseSource();
+  if (dst_ != 0) {
+    closeDestination();
+    if (emptiesDestination()) QVFile().QVDeleteFile(dstPath_);
+  }
+  if (bufferHeld_) failedWithBuffer();
+}
+
+bool PackSteps::seekBoth(int64_t srcPos, int64_t dstPos) {
+  return myFileSeek(src_, srcPos, kFromStart) == 0 && myFileSeek(dst_, dstPos, kFromStart) == 0;
+}
+
+}  // namespace qvdbase

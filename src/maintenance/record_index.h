@@ -1,0 +1,39 @@
+// Where the records of a table lie, for an operation that looks up many of them.
+//
+// A lookup in the engine walks the chain from its first record. This index walks it once and then
+// answers as that walk would: the first record of an identifier wins, and what lies behind the
+// point at which the walk fails is not found.
+#pragma once
+
+#include <cstdint>
+#include <unordered_map>
+
+#include "QVDbase/tables.h"
+
+namespace qvdbase {
+
+class RecordIndex {
+ public:
+  // Walks the table's chain. False when there is no such table or memory runs out. The position is
+  // not restored.
+  [[nodiscard]] bool build(int16_t db, uint64_t table);
+
+  const FoundTable& table() const { return table_; }
+
+  // The record's position, or 0.
+  int64_t find(uint64_t record) const;
+
+  // To be told of a record that was relocated, and of the table as it is since.
+  void moved(uint64_t record, int64_t newRecordPos, const FoundTable& table) {
+    positions_[record] = newRecordPos;
+    table_ = table;
+  }
+
+ private:
+  void walk(int16_t db);
+
+  FoundTable table_{};
+  std::unordered_map<uint64_t, int64_t> positions_;
+};
+
+}  // namespace qvdbase

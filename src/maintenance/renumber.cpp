@@ -1,0 +1,154 @@
+// Packing a database into a new file under all new identifiers.
+//
+// The new file gets an identifier of its own, and so do its records, with two exceptions: those of
+// the tables "QVrz_Info" and "QVrz_Category" keep theirs. For the table "QVrz_Record" each old
+// identifier is remembered with the new one, and at the end the category records, which list
+// records of that table, are given the new identifiers.
+//
+// The source is the caller's open database, and stays open. The version is never touched.
+#include <qvdbase/qvdbase.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "QVDbase/record_append.h"
+#include "format/identifiers.h"
+#include "maintenance/category_codec.h"
+#include "maintenance/category_renewal.h"
+#include "maintenance/file_extent.h"
+#include "maintenance/id_pairs.h"
+#include "maintenance/pack_steps.h"
+#include "platform/memory.h"
+
+using namespace qvdbase;
+
+namespace {
+
+constexpr int kKept = 100;  // the status of a new file that does not exist or is to be kept
+constexpr int kEmptied = 0;
+
+constexpr const char* kInfoTable = "QVrz_Info";
+constexpr const char* kRememberedTable = "QVrz_Record";
+
+struct RenumberOutputs {
+  uint16_t* srcRef;
+  uint16_t* dstRef;
+  int* status;
+};
+
+class Renumber : public PackSteps {
+ public:
+  Renumber(const QVWCHAR* dstPath, int16_t src, PackProgress progress, RenumberOutputs out,
+           qvrzOneCategoryRecord* category)
+      : PackSteps(dstPath, progress), out_(out), category_(category) {
+    src_ = src;
+  }
+
+  int run() {
+    if (fill() && finish() && report(100)) return 1;
+    fail();
+    return 0;
+  }
+
+ private:
+  bool fill() {
+    if (src_ == 0 || !readSourceDirectory() || !createDestinationForCaller()) return false;
+    if (kDatabaseIDPos + kIdentifierSize > headerLength()) return false;
+    if (!copyHeader() || !copyDirectory() || !report(1) || !copyTables()) return false;
+    return CategoryRenewal(src_, dst_, category_, pairs_.exist() ? &pairs_ : nullptr).run();
+  }
+
+  bool createDestinationForCaller() {
+    if (!createDestination()) {
+      *out_.status = kKept;
+      return false;
+    }
+    *out_.status = kEmptied;
+    *out_.srcRef = static_cast<uint16_t>(src_);
+    *out_.dstRef = static_cast<uint16_t>(dst_);
+    return true;
+  }
+
+  bool finish() {
+    if (!completeDestination()) return false;
+    closeDestination();
+    *out_.dstRef = 0;
+    return true;
+  }
+
+  // The place is fixed: what the directory cache serves of the header does not tell it.
+  void adjustHeader(unsigned char* header) override { GenerateUuID(header + kDatabaseIDPos); }
+
+  bool beginRecords(const tablePart1& slot) override {
+    keepsIdentifiers_ = tableNameEquals(slot, kInfoTable) || tableNameEquals(slot, kCategoryTable);
+    if (tableNameEquals(slot, kRememberedTable) && !pairs_.begin(slot.recordCount, mostPairs())) {
+      return false;
+    }
+    pairs_.rewind();  // with every table, whereas the count goes on: see IdPairs
+    return true;
+  }
+
+  // Only behind a step that succeeded: the pair of a table's last record is not counted.
+  void steppedOn() override { pairs_.advance(); }
+
+  bool appendRecord(tablePart1* working, int64_t slotPos, const recordPart1& source,
+                    const unsigned char* payload) override {
+    if (keepsIdentifiers_) return PackSteps::appendRecord(working, slotPos, source, payload);
+    unsigned char newID[kIdentifierSize];
+    if (internal_AddOneRecordData(dst_, working, working->tableID, slotPos, directory_.slotSize,
+                                  payload, source.dataLength, source.dataCapacity, newID, 0) != 1) {
+      return false;
+    }
+    if (!pairs_.exist()) return true;
+    return pairs_.write({identifierNumber(source.recordID), identifierNumber(newID)});
+  }
+
+  void releaseSource() override {}  // it is the caller's
+  bool emptiesDestination() override { return *out_.status != kKept; }
+  void failedWithBuffer() override { *out_.dstRef = 0; }
+
+  // As many records as the source can hold.
+  uint64_t mostPairs() const {
+    return static_cast<uint64_t>(std::max<int64_t>(fileLengthOf(src_), 0) / kRecordBlockOverhead);
+  }
+
+  RenumberOutputs out_;
+  qvrzOneCategoryRecord* category_;
+  IdPairs pairs_;
+  bool keepsIdentifiers_ = false;
+};
+
+// The one record that all category records are decoded into, and what it owns.
+class CategoryRecord {
+ public:
+  CategoryRecord() : record_(platform::allocate(sizeof(qvrzOneCategoryRecord))) {
+    if (record_ != nullptr) std::memset(record_, 0, sizeof(qvrzOneCategoryRecord));
+  }
+  ~CategoryRecord() {
+    if (record_ == nullptr) return;
+    releaseCategoryParts(get());
+    platform::release(record_);
+  }
+  CategoryRecord(const CategoryRecord&) = delete;
+  CategoryRecord& operator=(const CategoryRecord&) = delete;
+
+  qvrzOneCategoryRecord* get() const { return static_cast<qvrzOneCategoryRecord*>(record_); }
+
+ private:
+  void* record_;
+};
+
+}  // namespace
+
+int PackOneDB2AllNewUUIDFile(const QVWCHAR* dstPath, int16_t srcRef, int userData,
+                             QVProgressFunction callback, uint16_t* outSrcRef, uint16_t* outDstRef,
+                             int* status, void* callbackArg) {
+  *status = kKept;
+  if (dstPath == nullptr) return 0;
+  const CategoryRecord category;
+  if (category.get() == nullptr) return 0;
+  SavedPosition position(srcRef);
+  Renumber renumber(dstPath, srcRef, {callback, userData, callbackArg},
+                    {outSrcRef, outDstRef, status}, category.get());
+  return position.restore(renumber.run());
+}
