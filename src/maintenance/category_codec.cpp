@@ -174,7 +174,7 @@ namespace qvdbase {
 
 CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraData extraData,
                                 qvrzOneCategoryRecord* record) {
-  const CallScope scope(db);
+  const CallScope scope;
   const int64_t position = myGetFilePos(db);
   if (position == -1) return CategoryDecoding::failed;
   const auto restored = [&](CategoryDecoding outcome) {

@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <optional>
 #include <unordered_map>
 
 #include "QVDbase/directory_cache.h"
@@ -26,7 +25,6 @@
 #include "format/identifiers.h"
 #include "maintenance/table_data_block.h"
 #include "maintenance/visited_records.h"
-#include "platform/transfer.h"
 
 using namespace qvdbase;
 
@@ -56,8 +54,7 @@ class LinkRepair {
   int run(const QVWCHAR* srcPath) {
     *result_ = kNothingToRepair;
     if (QVFile().QVOpenFile(srcPath, kOpenShared, &db_) != 1) return 0;
-    scope_.emplace(db_);
-    if (!repairWithoutThrowing() || !scope_->end()) {
+    if (!repairInScope()) {
       *result_ = stopped_ ? kStopped : kFailed;
       close();
       return 1;  // says only that the file could be opened; the rest is in the result
@@ -68,9 +65,10 @@ class LinkRepair {
   }
 
  private:
-  bool repairWithoutThrowing() {
+  bool repairInScope() {
+    CallScope scope;
     try {
-      return repair();
+      return repair() && scope.end();
     } catch (...) {
       return false;  // no memory for the lists
     }
@@ -240,7 +238,7 @@ class LinkRepair {
   // stop, and when what was written cannot be completed.
   bool report(int percent) {
     if (progress_.function == nullptr) return true;
-    if (!platform::flushTransfers()) return false;
+    if (!CallScope::completeWrites()) return false;
     stopped_ = SavedCallBack(db_, progress_.function, percent, progress_.userData,
                              progress_.argument) == 0;
     return !stopped_;
@@ -253,7 +251,6 @@ class LinkRepair {
   }
 
   void close() {
-    scope_.reset();
     dropDirectoryEntry(db_);
     QVFile().QVCloseFile(db_);
   }
@@ -261,7 +258,6 @@ class LinkRepair {
   RepairProgress progress_;
   int* result_;
   int16_t db_ = 0;
-  std::optional<CallScope> scope_;
   DirectoryNumbers directory_{};
   uint64_t total_ = 0;
   double visited_ = 0;

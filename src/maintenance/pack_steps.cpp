@@ -14,7 +14,6 @@
 #include "maintenance/pack_record.h"
 #include "maintenance/table_data_block.h"
 #include "platform/memory.h"
-#include "platform/transfer.h"
 
 namespace qvdbase {
 namespace {
@@ -62,7 +61,6 @@ bool PackSteps::openSource(const QVWCHAR* srcPath) {
   int16_t file = 0;
   if (QVFile().QVOpenFile(srcPath, kOpenShared, &file) != 1) return false;
   src_ = file;
-  srcScope_.emplace(src_);
   return true;
 }
 
@@ -78,7 +76,6 @@ bool PackSteps::createDestination() {
     return false;
   }
   dst_ = file;
-  dstScope_.emplace(dst_);
   return true;
 }
 
@@ -92,7 +89,7 @@ bool PackSteps::copyHeader() {
   if (myFileSeek(src_, 0, kFromStart) != 0) return false;
   if (!readBytes(src_, header.data(), length)) return false;
   adjustHeader(header.data());
-  if (!writeBytes(dst_, header.data(), length)) return false;
+  if (!writeBytes(dst_, header.data(), length) || !CallScope::completeWrites()) return false;
   bufferHeld_ = false;
   return true;
 }
@@ -105,7 +102,7 @@ bool PackSteps::copyDirectory() {
     zeroRecordFields(&slot);
     if (!writeDirectorySlot(slot)) return false;
   }
-  return true;
+  return CallScope::completeWrites();
 }
 
 bool PackSteps::copyTables() {
@@ -144,7 +141,7 @@ bool PackSteps::copyTableData(const tablePart1& slot, int64_t slotPos) {
   copy.lastDataPos = newDataPos;
   zeroRecordFields(&copy);
   if (myFileSeek(dst_, slotPos, kFromStart) != 0) return false;
-  return acceptsSlotRewrite(WriteOne_TablePartOne(dst_, &copy) == 1);
+  return rewriteSlotWithData(copy) && CallScope::completeWrites();
 }
 
 bool PackSteps::copyBlock(int64_t blockPos, int64_t length, int64_t* newBlockPos) {
@@ -156,7 +153,7 @@ bool PackSteps::copyBlock(int64_t blockPos, int64_t length, int64_t* newBlockPos
   if (!readLong(src_, block.data(), count)) return false;
   if (myFileSeek(dst_, 0, kFromEnd) != 0) return false;
   *newBlockPos = myGetFilePos(dst_);
-  if (!writeLong(dst_, block.data(), count)) return false;
+  if (!writeLong(dst_, block.data(), count) || !CallScope::completeWrites()) return false;
   bufferHeld_ = false;
   return true;
 }
@@ -174,12 +171,12 @@ bool PackSteps::copyRecords(const tablePart1& slot, int64_t slotPos) {
     if (!copyRecord(&working, slotPos, &header)) return false;
     ++copiedRecords_;
     if (!reportRecord(percentOfRecords())) return false;
-    if (header.nextRecordPos == 0) return true;
+    if (header.nextRecordPos == 0) return completeRecords();
     if (myFileSeek(src_, header.nextRecordPos, kFromStart) != 0) return false;
     steppedOn();
   }
   // A chain that goes on is cut here, and one that loops ends after as many copies as were counted.
-  return true;
+  return completeRecords();
 }
 
 bool PackSteps::copyRecord(tablePart1* working, int64_t slotPos, recordPart1* header) {
@@ -195,8 +192,17 @@ bool PackSteps::copyRecord(tablePart1* working, int64_t slotPos, recordPart1* he
   bufferHeld_ = true;
   if (!readBytes(src_, payload.data(), length)) return false;
   if (!appendRecord(working, slotPos, *header, payload.data())) return false;
+  if (progress_.function != nullptr && !CallScope::completeWrites()) return false;
   bufferHeld_ = false;
   return true;
+}
+
+// Between two progress calls the writes of many records are gathered. One that is refused belongs
+// to a record whose payload was in memory when it was made.
+bool PackSteps::completeRecords() {
+  if (CallScope::completeWrites()) return true;
+  bufferHeld_ = true;
+  return false;
 }
 
 bool PackSteps::writeDirectorySlot(const tablePart1& slot) {
@@ -207,6 +213,10 @@ bool PackSteps::readTableSlot(int16_t file, tablePart1* slot) {
   return ReadOne_TablePartOne(file, slot, directory_.slotSize) == 1;
 }
 
+bool PackSteps::rewriteSlotWithData(const tablePart1& slot) {
+  return WriteOne_TablePartOne(dst_, &slot) == 1;
+}
+
 bool PackSteps::appendRecord(tablePart1* working, int64_t slotPos, const recordPart1& source,
                              const unsigned char* payload) {
   return internal_AddOneRecordData_ForPack(dst_, working, working->tableID, slotPos,
@@ -214,27 +224,23 @@ bool PackSteps::appendRecord(tablePart1* working, int64_t slotPos, const recordP
 }
 
 bool PackSteps::completeDestination() {
-  const bool complete = !dstScope_ || dstScope_->end();
-  dstScope_.reset();
-  return complete;
+  return scope_.end();
 }
 
 void PackSteps::closeSource() {
-  srcScope_.reset();
   dropDirectoryEntry(src_);
   QVFile().QVCloseFile(src_);
 }
 
 void PackSteps::closeDestination() {
-  dstScope_.reset();
   dropDirectoryEntry(dst_);
   QVFile().QVCloseFile(dst_);
 }
 
 bool PackSteps::report(uint32_t percent) {
   if (progress_.function == nullptr) return true;
-  if (!platform::flushTransfers()) return false;
-  return progress_.function(progress_.userData, static_cast<int>(percent), progress_.argument) != 0;
+  return callOutside(progress_.function, progress_.userData, static_cast<int>(percent),
+                     progress_.argument) != 0;
 }
 
 // From 1 to 98, in unsigned 32-bit arithmetic; a total of 0 counts as no progress.

@@ -17,7 +17,6 @@
 #include <qvdbase/qvdbase.h>
 
 #include <cstdint>
-#include <optional>
 
 #include "QVDbase/header.h"
 #include "QVDbase/position.h"
@@ -51,7 +50,7 @@ class PackSteps {
   [[nodiscard]] bool copyHeader();
   [[nodiscard]] bool copyDirectory();
   [[nodiscard]] bool copyTables();
-  // The end of the destination's call scope: false when a write could not be completed.
+  // Ends the call's scope: false when a write could not be completed.
   [[nodiscard]] bool completeDestination();
   // The numbers stay in src_ and dst_: a failure at the very last step closes them once more.
   void closeSource();
@@ -59,8 +58,8 @@ class PackSteps {
 
   int64_t headerLength() const { return headerLength_; }
 
-  // Calls the progress function, with everything written so far in the hands of the operating
-  // system. False when it asks to stop. Without a function there is nothing to do.
+  // Calls the progress function. False when it asks to stop. Without a function there is nothing to
+  // do. Everything written before is in the hands of the operating system: each step sees to it.
   [[nodiscard]] bool report(uint32_t percent);
 
   // The one way out of a pack that failed: both files are closed, the destination is emptied.
@@ -74,8 +73,8 @@ class PackSteps {
   virtual bool writeDirectorySlot(const tablePart1& slot);
   // Reads a slot of either file, at its position.
   virtual bool readTableSlot(int16_t file, tablePart1* slot);
-  // What the write of the slot behind a table-data copy means for the pack: true goes on.
-  virtual bool acceptsSlotRewrite(bool written) { return written; }
+  // Writes the slot, at its position, once the table's data is copied. True goes on.
+  virtual bool rewriteSlotWithData(const tablePart1& slot);
   // Called when the walk along a table's chain begins, and after each step to a next record.
   virtual bool beginRecords(const tablePart1&) { return true; }
   virtual void steppedOn() {}
@@ -101,14 +100,14 @@ class PackSteps {
   bool copyTableData(const tablePart1& slot, int64_t slotPos);
   bool copyBlock(int64_t blockPos, int64_t length, int64_t* newBlockPos);
   bool copyRecords(const tablePart1& slot, int64_t slotPos);
+  bool completeRecords();
   bool copyRecord(tablePart1* working, int64_t slotPos, recordPart1* header);
   bool seekBoth(int64_t srcPos, int64_t dstPos);
   uint32_t percentOfRecords() const;
 
   const QVWCHAR* dstPath_;
   PackProgress progress_;
-  std::optional<CallScope> srcScope_;
-  std::optional<CallScope> dstScope_;
+  CallScope scope_;
   int64_t headerLength_ = 0;
   uint32_t totalRecords_ = 0;
   uint32_t copiedRecords_ = 0;

@@ -11,9 +11,11 @@
 #include <algorithm>
 #include <cstring>
 
+#include "format/Aliment8.h"
 #include "format/fields.h"
 #include "maintenance/pack_steps.h"
 #include "platform/memory.h"
+#include "platform/transfer.h"
 
 using namespace qvdbase;
 
@@ -84,8 +86,13 @@ class PackWithHandle : public PackSteps {
     return true;
   }
 
-  // The wrong way round, and meant: the rewrite that succeeds ends the pack.
-  bool acceptsSlotRewrite(bool written) override { return !written; }
+  // The wrong way round, and meant: the rewrite that succeeds ends the pack, and one that fails
+  // does not. Made past the scope, in which a write may be gathered and fails every later one.
+  bool rewriteSlotWithData(const tablePart1& slot) override {
+    if (!CallScope::completeWrites()) return false;
+    const platform::TransferPause direct;
+    return WriteOne_TablePartOne(dst_, &slot) != 1;
+  }
 
   bool reportRecord(uint32_t percent) override {
     if (percent == lastReported_) return true;
