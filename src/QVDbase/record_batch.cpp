@@ -8,14 +8,19 @@
 #include "QVDbase/position.h"
 #include "QVDbase/record_append.h"
 #include "QVDbase/record_find.h"
+#include "format/block_heads.h"
 #include "format/fields.h"
 #include "format/fill.h"
-#include "format/record_image.h"
 
 namespace qvdbase {
 namespace {
 
 constexpr uint32_t kPieceSize = uint32_t{1} << 20;
+
+void putNextRecordPos(unsigned char* block, int64_t nextRecordPos) {
+  storeBigEndian(block + record::kNextRecordPos, sizeof nextRecordPos,
+                 static_cast<uint64_t>(nextRecordPos));
+}
 
 // Whether the record that the batch goes behind is there and is the last one.
 bool lastRecordIsOpen(int16_t db, const tablePart1& slot) {
@@ -62,6 +67,8 @@ bool RecordBatch::add(const BatchRecord& record, const unsigned char* payload) {
 
   const int64_t blockPos = piecePos_ + pieceUsed_;
   recordPart1 header = {};
+  header.blockMark = kRecordMark;
+  header.headerSize = kRecordHeaderSize;
   std::memcpy(header.tableID, table_.slot.tableID, kIdentifierSize);
   std::memcpy(header.recordID, record.recordID, kIdentifierSize);
   header.createTime = record.createTime;
@@ -70,7 +77,7 @@ bool RecordBatch::add(const BatchRecord& record, const unsigned char* payload) {
   header.dataLength = record.dataLength;
   header.dataCapacity = capacity;
   unsigned char image[record::kData];
-  encodeRecordHeader(header, image);
+  encodeRecordHead(header, image);
 
   if (blockSize > int64_t{kPieceSize}) return writeAlone(image, payload, record, capacity);
   if (pieceUsed_ > 0) putNextRecordPos(piece_.data() + lastInPiece_, blockPos);
