@@ -125,6 +125,29 @@ TEST(Leaks, NoDescriptorStaysOpenBesideAnOpenerWhateverFails) {
   }
 }
 
+// A signal may interrupt a call anywhere; the operation goes on as if nothing had happened.
+TEST(Interruption, ChangesNoResult) {
+  for (const Operation& operation : kOperations) {
+    for (const Call call : {Call::open, Call::lock, Call::truncate}) {
+      for (int step = 0;; ++step) {
+        TempFolder folder;
+        std::filesystem::create_directory(folder / "d");
+        writeFile(folder / "f", bytesOf("bytes"));
+        TempFolder undisturbed;
+        std::filesystem::create_directory(undisturbed / "d");
+        writeFile(undisturbed / "f", bytesOf("bytes"));
+        FakeHost host;
+        const int expected = operation.run(undisturbed);
+        host.failOnce(call, step, EINTR);
+        const int result = operation.run(folder);
+        host.heal();
+        EXPECT_EQ(result, expected) << operation.name << ", step " << step;
+        if (!host.failed()) break;
+      }
+    }
+  }
+}
+
 TEST(Descriptors, AreClosedInProgramsThatTheProcessStarts) {
   TempFolder folder;
   writeFile(folder / "f", bytesOf("bytes"));

@@ -159,9 +159,9 @@ TEST_F(EntryTest, ProtectsItsBytesFromAnEmptyingThatMistookTheFile) {
     MistakenLook look(folder_ / "decoy");
     EXPECT_FALSE(platform::emptyFile(directory_, EntryName(u"f"_w)));
   }
-  EXPECT_EQ(readFile(folder_ / "f").str(), "bytes");
   EXPECT_EQ(other_.open(folder_.wide("f"), 4), 0);
   EXPECT_TRUE(platform::leaveEntry(entry, Sharing::exclusive));
+  EXPECT_EQ(readFile(folder_ / "f").str(), "bytes");
   EXPECT_EQ(openDescriptors(), before);
 }
 
