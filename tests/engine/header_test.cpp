@@ -86,6 +86,16 @@ TEST_F(ReadingTheHeader, FailsOnAFileThatIsCutOff) {
   expectDamage("short");
 }
 
+TEST_F(ReadingTheHeader, StaysWhereItFails) {
+  FileImage image;
+  image.header().signature = bytesOf("QXdb");
+  const std::int16_t db = put(image);
+  internal_Head1 head;
+  EXPECT_EQ(internal_GetDBHead1(db, &head), 0);
+  EXPECT_EQ(position(db), 4);
+  expectDamage(kDefaultFile, {"H1"});
+}
+
 TEST_F(ReadingTheHeader, FailsWithoutAnOutputOrAHandle) {
   const std::int16_t db = create();
   internal_Head1 head;
@@ -213,6 +223,21 @@ TEST_F(ReadingTheDirectoryNumbers, FailsOnAFileThatIsCutOffAndCachesNothing) {
   Numbers numbers;
   EXPECT_EQ(readNumbers(db, &numbers), 1);
   expectDamage("short", {"F2"});
+}
+
+TEST_F(ReadingTheDirectoryNumbers, RefusesAVersionOutOfRangeAndStaysBehindTheHeader) {
+  for (const int version : {0, 99, 200, 65535}) {
+    FileImage image;
+    image.header().version = static_cast<std::uint16_t>(version);
+    const std::int16_t db = put(image);
+    Numbers numbers;
+    EXPECT_EQ(readNumbers(db, &numbers), 0) << version;
+    EXPECT_EQ(numbers.tableCount, 0x5A);
+    EXPECT_EQ(position(db), 16);
+    EXPECT_EQ(SearchForGDB2TCache(db), -1);
+    close(db);
+  }
+  expectDamage(kDefaultFile, {"H2"});
 }
 
 TEST_F(ReadingTheDirectoryNumbers, SucceedsUncachedWhenTheCacheGetsNoMemory) {

@@ -216,6 +216,13 @@ INSTANTIATE_TEST_SUITE_P(Staying, InsertingTheNewest,
                                          // Its place is beyond the two that are examined.
                                          Insertion{{5, 5, 9, 5}, {5, 5, 9, 5}}));
 
+// Only places near the one that the search came to are looked at, though a larger key lies before.
+TEST(InsertingOne, DoesNotLookAtPlacesFarBelow) {
+  auto array = elements({10, 90, 20, 30, 40, 50, 60, 70, 65});
+  EXPECT_EQ(internal_QuickSortRecordCache(array.data(), 9), 1);
+  EXPECT_EQ(keysOf(array), (Keys{10, 90, 20, 30, 40, 50, 60, 65, 70}));
+}
+
 TEST(InsertingOne, TakesThePositionsAlong) {
   auto array = elements({10, 20, 30, 15});
   EXPECT_EQ(internal_QuickSortRecordCache(array.data(), 4), 1);

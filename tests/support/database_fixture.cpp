@@ -2,6 +2,7 @@
 #include "support/database_fixture.h"
 
 #include <qvdbase/QVFile.h>
+#include <qvdbase/caches.h>
 
 #include <fstream>
 #include <utility>
@@ -173,6 +174,7 @@ void DatabaseTest::allowDamage(const std::string& name) {
 void DatabaseTest::TearDown() {
   for (const auto& [db, name] : std::exchange(open_, {})) {
     EXPECT_NE(CloseDBase(db), 0) << "handle " << db << " of " << name << " does not close";
+    EXPECT_EQ(SearchForGDB2TCache(db), -1) << "handle " << db << " left a cache entry behind";
   }
   for (const auto& entry : fs::recursive_directory_iterator(folder.path())) {
     if (entry.is_regular_file() && startsAsDatabase(entry.path())) databases_.insert(entry.path());
