@@ -1,0 +1,25 @@
+// The seed of a random test: a new one on each run, printed, and taken from QVDBASE_TEST_SEED in
+// the environment to repeat a run.
+//
+//   std::mt19937_64 random(randomSeed());
+#ifndef QVDBASE_TESTS_SUPPORT_RANDOM_SEED_H
+#define QVDBASE_TESTS_SUPPORT_RANDOM_SEED_H
+
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <random>
+
+namespace qvdbase::test {
+
+inline std::uint64_t randomSeed() {
+  const char* const given = std::getenv("QVDBASE_TEST_SEED");
+  const std::uint64_t seed =
+      given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device{}();
+  std::cout << "QVDBASE_TEST_SEED=" << seed << std::endl;
+  return seed;
+}
+
+}  // namespace qvdbase::test
+
+#endif
