@@ -1,0 +1,4 @@
+# The tests include the sources of the fuzz targets, and read their corpora.
+target_include_directories(fuzz_replay_tests PRIVATE ${PROJECT_SOURCE_DIR})
+target_compile_definitions(fuzz_replay_tests PRIVATE
+  QVDBASE_FUZZ_CORPUS="${PROJECT_SOURCE_DIR}/fuzz/corpus")
