@@ -83,12 +83,11 @@ void roundDigits(QVWCHAR* buffer, int last, bool exponentForm, int* decimalPoint
       ++buffer[--place];
       continue;
     }
-    // 9.99 became 10.0: one more digit before the point, and in the fixed form one more in all.
+    // 9.99 became 10.0: one more digit before the point, and in the fixed form one more in all;
+    // the digit at `last` is that one, a zero by now (or the new 1).
     buffer[0] = '1';
     ++*decimalPoint;
-    if (exponentForm) continue;
-    if (end > 0) buffer[end] = '0';
-    end = std::min(end + 1, kDigitBuffer - 1);
+    if (!exponentForm) end = std::min(end + 1, kDigitBuffer - 1);
   }
   buffer[end] = 0;
 }
