@@ -46,7 +46,10 @@ bool CategoryRenewal::renew(uint64_t recordID) {
   const auto outcome =
       decodeCategory(src_, recordInfo(header, recordPos), ExtraData::ownBuffer, record_);
   if (outcome == CategoryDecoding::failed) return false;
-  if (outcome == CategoryDecoding::untouched) return true;  // too short: stays as it was copied
+  if (outcome == CategoryDecoding::untouched) {
+    // Too short for a category, it stays as it was copied. One that could not be read must not.
+    return header.dataLength <= kIdentitySize;
+  }
   bool done = pairs_ == nullptr || pairs_->convert(record_);
   if (done) {
     uint32_t size = 0;
