@@ -20,9 +20,11 @@
 #include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/history.hpp>
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/index.hpp>
 #include <qvdbase/qvdb/record.hpp>
+#include <qvdbase/qvdb/salvage.hpp>
 #include <qvdbase/qvdb/table.hpp>
 
 #endif

@@ -3,8 +3,9 @@
 #include "platform/read_only_file.h"
 
 #include <algorithm>
-#include <vector>
+#include <memory>
 
+#include "platform/host_path.h"
 #include "platform/system_calls.h"
 
 namespace qvdbase::platform {
@@ -16,40 +17,15 @@ int64_t nanoseconds(const struct timespec& time) {
   return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
 }
 
-bool nameFrom(const std::string& component, std::vector<QVWCHAR>* name) {
-  name->assign(component.size() + 1, 0);
-  return utf16FromUtf8(component.data(), component.size(), name->data(), name->size());
-}
-
-// Walks to the directory of the path's last component and hands that component over.
-bool walkToParent(const std::string& path, Directory* directory, std::string* last) {
-  if (path.empty() || path.front() != '/' || !directory->enterRoot()) return false;
-  std::vector<QVWCHAR> name;
-  size_t start = 1;
-  for (size_t slash; (slash = path.find('/', start)) != std::string::npos; start = slash + 1) {
-    if (!nameFrom(path.substr(start, slash - start), &name)) return false;
-    const EntryName entry(name.data());
-    if (!entry.isValid() || !directory->enter(entry)) return false;
-  }
-  *last = path.substr(start);
-  return !last->empty();
-}
-
 }  // namespace
 
 PathKind kindOfPath(const std::string& path) {
   Directory directory;
-  std::string last;
-  std::vector<QVWCHAR> name;
-  if (!walkToParent(path, &directory, &last) || !nameFrom(last, &name)) {
-    return path == "/" ? PathKind::somethingElse : PathKind::nothing;
-  }
-  const EntryName entry(name.data());
+  const std::unique_ptr<EntryName> name = walkToParent(path, &directory);
+  if (!name) return path == "/" ? PathKind::somethingElse : PathKind::nothing;
   struct stat status = {};
-  if (!entry.isValid() ||
-      systemCalls().statusAt(directory.descriptor(), entry.bytes(), &status, 0) != 0) {
-    return PathKind::nothing;
-  }
+  const int found = systemCalls().statusAt(directory.descriptor(), name->bytes(), &status, 0);
+  if (found != 0) return PathKind::nothing;
   return S_ISREG(status.st_mode) ? PathKind::regularFile : PathKind::somethingElse;
 }
 
@@ -59,12 +35,9 @@ ReadOnlyFile::~ReadOnlyFile() {
 
 bool ReadOnlyFile::open(const std::string& path) {
   Directory directory;
-  std::string last;
-  std::vector<QVWCHAR> name;
-  if (isOpen() || !walkToParent(path, &directory, &last) || !nameFrom(last, &name)) return false;
-  const EntryName entry(name.data());
-  if (!entry.isValid()) return false;
-  entry_ = joinEntry(directory, entry, Sharing::none);
+  const std::unique_ptr<EntryName> name = walkToParent(path, &directory);
+  if (isOpen() || !name) return false;
+  entry_ = joinEntry(directory, *name, Sharing::none);
   return isOpen();
 }
 

@@ -32,6 +32,11 @@ class Labeller {
       return x.position < y.position;
     });
     distinct_.assign(survey_.owners.size(), 0);
+    hasChain_.assign(survey_.owners.size(), false);
+    for (const uint32_t number : records) {
+      const Block& each = block(number);
+      if (each.isReached() || askNeighbours(each) == Evidence::agree) hasChain_[each.owner] = true;
+    }
     undecided_.assign(survey_.owners.size(), {});
     for (size_t begin = 0; begin < records.size();) {
       size_t end = begin + 1;
@@ -103,7 +108,10 @@ class Labeller {
 
   void labelLastVersion(uint32_t number) {
     Block& last = block(number);
-    const Evidence evidence = askNeighbours(last);
+    Evidence evidence = askNeighbours(last);
+    // A block without neighbours is its table's only record or none at all.
+    const bool standsAlone = last.prev == 0 && last.next == 0;
+    if (standsAlone && hasChain_[last.owner]) evidence = Evidence::disagree;
     const bool isTorn = last.grade != Grade::a && last.next == 0 &&
                         (last.flaws & (kBeyondEnd | kCutShort | kNoEndMark)) != 0;
     if (evidence == Evidence::agree || (evidence == Evidence::none && !isChainSound(last.owner))) {
@@ -117,23 +125,30 @@ class Labeller {
     }
   }
 
+  bool isRecordOf(uint32_t owner, int64_t position) {
+    const uint32_t number = survey_.byPosition.find(position);
+    return number != kNoBlock && block(number).kind == BlockKind::record &&
+           block(number).owner == owner;
+  }
+
   Evidence askNeighbours(const Block& asked) {
     Evidence evidence = Evidence::none;
-    const auto ask = [&](int64_t position, int64_t Block::*link) {
-      if (position == 0) return;
-      const uint32_t number = survey_.byPosition.find(position);
-      if (number == kNoBlock) return;
-      const Block& neighbour = block(number);
-      if (neighbour.kind != BlockKind::record || neighbour.owner != asked.owner) return;
-      const bool agrees = neighbour.*link == asked.position;
-      if (!agrees) {
+    // `link` of the neighbour at `position` should lead here; `beyond` is the other neighbour.
+    const auto ask = [&](int64_t position, int64_t Block::*link, int64_t beyond) {
+      if (!isRecordOf(asked.owner, position)) return;
+      const int64_t named = block(survey_.byPosition.find(position)).*link;
+      if (named == asked.position) {
+        if (evidence == Evidence::none) evidence = Evidence::agree;
+        return;
+      }
+      // A neighbour that names a block which is not there proves nothing: a move may have been
+      // lost. Unless it names what lies beyond: then the block was taken out in between.
+      if (named == 0 || named == beyond || isRecordOf(asked.owner, named)) {
         evidence = Evidence::disagree;
-      } else if (evidence == Evidence::none) {
-        evidence = Evidence::agree;
       }
     };
-    ask(asked.prev, &Block::next);
-    ask(asked.next, &Block::prev);
+    ask(asked.prev, &Block::next, asked.next);
+    ask(asked.next, &Block::prev, asked.prev);
     return evidence;
   }
 
@@ -208,6 +223,7 @@ class Labeller {
   }
 
   Survey& survey_;
+  std::vector<bool> hasChain_;                    // whether anything of each owner's chain is left
   std::vector<uint64_t> distinct_;                // records of each owner, counted by identifier
   std::vector<std::vector<uint32_t>> undecided_;  // of each owner
 };

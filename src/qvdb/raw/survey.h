@@ -120,9 +120,10 @@ struct Block {
   }
   // Behind its last byte if its capacity is right.
   int64_t claimedEnd() const { return dataPos() + int64_t{capacity} + 1; }
+  bool isCut() const { return (flaws & (kBeyondEnd | kCutShort)) != 0; }
   // Bytes of payload that are there.
   int64_t dataThere() const {
-    const int64_t room = end - dataPos();
+    const int64_t room = isCut() ? end - dataPos() : int64_t{capacity};
     return room < 0 ? 0 : room < length ? room : int64_t{length};
   }
   bool isReached() const { return reach != 0; }

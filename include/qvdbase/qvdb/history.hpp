@@ -1,0 +1,49 @@
+// qvdb::history and qvdb::undelete: the versions of a record that are still in a file.
+//
+// Changing a record so that it needs more room, and deleting it, leave its old block where it is
+// until the database is packed.
+#ifndef QVDBASE_QVDB_HISTORY_HPP
+#define QVDBASE_QVDB_HISTORY_HPP
+
+#include <qvdbase/base.h>
+#include <qvdbase/qvdb/id.hpp>
+#include <qvdbase/qvdb/salvage.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace qvdb {
+
+// Every version of a record that is in the file, oldest first, whether or not a chain leads to it.
+// Changes that fitted the record's room left no version of their own. Empty when there is none.
+//
+// table  a name, or an identifier as parse_id() reads it (also of a table that the directory does
+//        not have); a table of that name comes first
+//
+// Throws Error: no_such_file, not_a_file, access_denied, cannot_open, path_not_reachable;
+// table_missing.
+QVDBASE_API std::vector<FoundBlock> history(const std::filesystem::path& path,
+                                            std::string_view table, Id record);
+
+// The payload of a version, as much of it as is there. Throws as history() does, cannot_read when
+// the file no longer has it, and too_large when there is not enough memory.
+QVDBASE_API std::vector<std::byte> read_version(const std::filesystem::path& path,
+                                                const FoundBlock& version);
+
+// Writes a new file with everything that `source` has in use, and with one version of a record
+// brought back: the last one, or the one at `offset`. It takes the place of the version in use, if
+// there is one; else it becomes the table's last record.
+//
+// Throws as history() and salvage() do; record_missing when there is no such version; bad_argument
+// when the record is in use and no offset is given.
+QVDBASE_API SalvageReport undelete(const std::filesystem::path& source,
+                                   const std::filesystem::path& target, std::string_view table,
+                                   Id record, std::optional<std::int64_t> offset = std::nullopt);
+
+}  // namespace qvdb
+
+#endif

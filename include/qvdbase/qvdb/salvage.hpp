@@ -1,0 +1,128 @@
+// qvdb::salvage: get back from a damaged file what can be got back, into a new file.
+//
+//   const qvdb::SalvageReport report = qvdb::salvage("damaged.qvd", "saved.qvd");
+//
+// A database only ever grows: blocks are never written over by others, and each carries the
+// identifiers of its table and record, with sums, and its times. So nearly everything can be found
+// without a chain that leads to it. Salvage lays down what the chains reach from both ends,
+// searches all other bytes for blocks, works out what each of them was, and writes a new file with
+// records under their old identifiers, with their times and their spare room. The source is only
+// read.
+#ifndef QVDBASE_QVDB_SALVAGE_HPP
+#define QVDBASE_QVDB_SALVAGE_HPP
+
+#include <qvdbase/base.h>
+#include <qvdbase/qvdb/id.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qvdb {
+
+// What a block was found to be.
+enum class BlockLabel {
+  live,                 // in use
+  lost,                 // in use, but no chain leads to it any more
+  superseded,           // an older version of a record, or of a table's data
+  unfinished,           // a newer version of a record, of a move that was cut off
+  deleted,              // a record that was deleted
+  unlinked,             // appended, but cut off before it was counted
+  deleted_or_unlinked,  // one of both; the file does not tell which
+};
+
+// "live", "lost", ...
+QVDBASE_API std::string_view to_string(BlockLabel label) noexcept;
+
+// How much of a block proved right.
+enum class BlockGrade {
+  a,  // all of it
+  b,  // all but one of end mark, identifier sum, capacity; its payload may be cut
+  c,  // only its header
+};
+
+// A block that was found.
+struct FoundBlock {
+  bool is_table_data = false;  // else a record
+  BlockLabel label = BlockLabel::live;
+  BlockGrade grade = BlockGrade::a;
+  bool is_orphan = false;  // its table is not in the directory
+  Id table;
+  std::string table_name;  // empty for an orphan
+  Id record;               // 0 for table data
+  std::int64_t offset = 0;
+  std::uint32_t length = 0;  // as the block says
+  std::uint64_t there = 0;   // bytes of payload that are there
+  std::uint32_t capacity = 0;
+  std::uint32_t create_time = 0;  // of records
+  std::uint32_t modify_time = 0;
+  std::string written_to;  // the table of the new file that it went to; empty when left out
+};
+
+using BlockVisitor = std::function<void(const FoundBlock&)>;
+
+struct SalvageOptions {
+  // What is taken beside what was live, lost or unlinked, and beside unfinished versions. Records
+  // that are not their table's own any more go into a table "lost-and-found".
+  bool deleted = false;   // deleted records
+  bool versions = false;  // older versions of records
+  // Tables that the directory does not have, as "table-<identifier>". They are taken in any case
+  // when the directory is damaged.
+  bool orphans = false;
+  BlockGrade lowest_grade = BlockGrade::a;
+  bool in_place_tables = false;  // deleted records go back into their own tables
+  // Where the database begins in the source, for an image of a device: positions count from there.
+  // Below 0: as many bytes are missing at the front.
+  std::int64_t from = 0;
+  bool ignore_directory = false;  // take header and directory for bytes like others
+  // A folder for payloads, one file each, and "manifest.jsonl" with a line for each; it is made.
+  // Empty: none.
+  std::filesystem::path extract_to = {};
+};
+
+struct ByteRange {
+  std::int64_t offset = 0;
+  std::int64_t size = 0;
+};
+
+struct SalvageReport {
+  std::uint64_t blocks_found = 0;
+  std::uint64_t tables_written = 0;
+  std::uint64_t records_written = 0;
+  std::uint64_t data_written = 0;     // blocks of table data
+  std::uint64_t payload_bytes = 0;    // written
+  std::uint64_t records_cut = 0;      // of those written, the ones whose payload is not all there
+  std::uint64_t blocks_left_out = 0;  // found, but not asked for
+  std::uint64_t tables_left_out = 0;  // a database has room for 31
+  std::uint64_t bytes_unknown = 0;    // bytes that belong to no block
+  std::vector<ByteRange> unknown;     // where they are
+  std::vector<std::string> notes;     // what had to be made up or given up, one sentence each
+  bool source_in_use = false;         // another process has the source open for writing
+  bool verified = false;              // the new file was checked and holds what was to be written
+};
+
+// Salvages `source` into `target`, which must not exist. The visitor, which may be empty, gets
+// every block that was found, in file order.
+//
+// Throws Error: for the source no_such_file, not_a_file, access_denied, cannot_open and, when it
+// changes meanwhile, in_use; for the target file_exists, access_denied, cannot_open, cannot_write,
+// disk_full (what was written of it is removed); path_not_reachable. Finding nothing is no error.
+QVDBASE_API SalvageReport salvage(const std::filesystem::path& source,
+                                  const std::filesystem::path& target,
+                                  const BlockVisitor& visitor = {},
+                                  const SalvageOptions& options = {});
+
+// The same from memory.
+QVDBASE_API SalvageReport salvage_image(std::span<const std::byte> image,
+                                        const std::filesystem::path& target,
+                                        const BlockVisitor& visitor = {},
+                                        const SalvageOptions& options = {});
+
+}  // namespace qvdb
+
+#endif

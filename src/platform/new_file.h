@@ -1,0 +1,40 @@
+// A file that is being made: created where nothing was, open to nobody else, written at any
+// position straight to the host.
+#ifndef QVDBASE_PLATFORM_NEW_FILE_H
+#define QVDBASE_PLATFORM_NEW_FILE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "platform/file_entries.h"
+
+namespace qvdbase::platform {
+
+class NewFile {
+ public:
+  NewFile() = default;
+  ~NewFile();
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+
+  // Creates the file at this absolute path, in UTF-8. Fails when anything is there.
+  bool create(const std::string& path);
+
+  // True when all bytes were written.
+  bool writeAt(int64_t position, const void* bytes, size_t count);
+
+  // Hands everything to the device and closes the file. True when both succeeded.
+  bool finish();
+
+  // Whether the last write failed because there was no room.
+  bool wasFull() const { return wasFull_; }
+
+ private:
+  FileEntry* entry_ = nullptr;
+  bool wasFull_ = false;
+};
+
+}  // namespace qvdbase::platform
+
+#endif

@@ -1,0 +1,223 @@
+// Blocks are found wherever the damage is: every block that it did not touch, and none that never
+// was. Bytes of noise at many places, no header, no directory, the file cut off at any byte.
+#include <algorithm>
+#include <random>
+
+#include "check/random_database.h"
+#include "salvage/salvage_kit.h"
+#include "support/file_image.h"
+
+namespace qvdbase::test {
+namespace {
+
+using raw::Block;
+using raw::Survey;
+
+// A database in which everything has happened, and what the survey says of it undamaged.
+struct Original {
+  explicit Original(std::uint64_t seed) {
+    TempFolder folder;
+    RandomDatabase database(folder, "random.qvd", seed);
+    database.run(600);
+    database.close();
+    bytes = readFile(database.path());
+    survey = surveyOf(bytes);
+    for (const Block& block : survey.blocks) byPosition[block.position] = &block;
+  }
+
+  Bytes bytes;
+  Survey survey;
+  std::map<std::int64_t, const Block*> byPosition;
+};
+
+const Original& original() {
+  static const Original instance(firstSeed());
+  return instance;
+}
+
+// Expects the survey of `bytes`, in which `touched` was damaged, to find every other block, and
+// nothing where none was; and a salvage to take every record that was in use.
+void expectRecall(const Original& before, const Bytes& bytes, const raw::Range& touched,
+                  const std::string& where) {
+  const Survey survey = surveyOf(bytes);
+  const salvage::Plan plan = salvage::makePlan(survey, {});
+  std::set<std::int64_t> found;
+  std::set<std::int64_t> taken;
+  for (std::size_t i = 0; i < survey.blocks.size(); ++i) {
+    const std::int64_t position = survey.blocks[i].position;
+    found.insert(position);
+    if (plan.destination[i] >= 0) taken.insert(position);
+    EXPECT_TRUE(before.byPosition.contains(position)) << where << ": invented " << position;
+  }
+  for (const auto& [position, block] : before.byPosition) {
+    const bool isTouched = position < touched.end && block->end > touched.begin;
+    if (isTouched) continue;
+    EXPECT_TRUE(found.contains(position)) << where << ": missed " << position;
+    if (block->label == raw::Label::live) {
+      EXPECT_TRUE(taken.contains(position)) << where << ": left out " << position;
+    }
+  }
+}
+
+TEST(SalvageOfNoise, FindsEveryBlockThatTheNoiseDidNotTouch) {
+  const Original& before = original();
+  std::mt19937 random(static_cast<unsigned>(firstSeed()));
+  const std::uint64_t places = seeds(60, 10'000);
+  constexpr std::size_t kNoise = 512;
+  for (std::uint64_t i = 0; i < places && !testing::Test::HasFailure(); ++i) {
+    const std::size_t at = random() % (before.bytes.size() - kNoise);
+    Bytes bytes = before.bytes;
+    for (std::size_t n = 0; n < kNoise; ++n) bytes[at + n] = static_cast<std::uint8_t>(random());
+    expectRecall(before, bytes,
+                 {static_cast<std::int64_t>(at), static_cast<std::int64_t>(at + kNoise)},
+                 "noise at " + std::to_string(at));
+  }
+}
+
+TEST(SalvageOfNoise, FindsEveryBlockWithoutHeaderAndDirectory) {
+  const Original& before = original();
+  Bytes bytes = before.bytes;
+  std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
+  expectRecall(before, bytes, {0, 4630}, "no directory");
+}
+
+TEST(SalvageOfNoise, FindsEveryWholeBlockOfAFileThatWasCutOff) {
+  const Original& before = original();
+  const std::uint64_t step = seeds(37, 1) == 1 ? 1 : 37;
+  for (std::size_t cut = 1; cut <= 2000 && !testing::Test::HasFailure(); cut += step) {
+    const std::size_t size = before.bytes.size() - cut;
+    expectRecall(before, before.bytes.cut(size),
+                 {static_cast<std::int64_t>(size), static_cast<std::int64_t>(before.bytes.size())},
+                 "cut at " + std::to_string(size));
+  }
+}
+
+// The order of records survives a lost directory, deletions and moves included.
+TEST(SalvageOfNoise, KeepsTheOrderOfRecordsWithoutADirectory) {
+  const Original& before = original();
+  Bytes bytes = before.bytes;
+  std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
+  const Salvaged saved = salvaged(bytes);
+  const ReadDatabase was = readDatabase(before.bytes);
+  for (const ReadTable& table : was.tables) {
+    if (table.records.size() < 2) continue;
+    const auto is = std::find_if(saved.database.tables.begin(), saved.database.tables.end(),
+                                 [&](const ReadTable& each) { return each.id == table.id; });
+    ASSERT_NE(is, saved.database.tables.end());
+    EXPECT_EQ(contentsOf(*is), contentsOf(table));
+  }
+}
+
+// ---- databases stored as payloads
+
+Bytes nestedDatabase() {
+  FileImage image;
+  const std::size_t table = image.addTable("inner", 0x4411);
+  for (std::uint64_t i = 1; i < 9; ++i) image.addRecord(table, 0x900 + i, pattern(30));
+  image.setTableData(table, bytesOf("inner data"));
+  return image.build();
+}
+
+struct Nested {
+  FileImage image;
+  std::size_t table = image.addTable("outer", 0x11);
+  std::int64_t a = 0;
+  std::int64_t b = 0;
+  std::int64_t c = 0;
+
+  explicit Nested(const Bytes& payload) {
+    a = image.addRecord(table, 0xA1, bytesOf("before"));
+    b = image.addRecord(table, 0xA2, payload, {.reserve = std::uint32_t(payload.size() + 100)});
+    c = image.addRecord(table, 0xA3, bytesOf("behind"));
+  }
+
+  void deleteMiddle() {
+    image.record(a).nextRecordPos = c;
+    image.record(c).prevRecordPos = a;
+    image.slot(table).recordCount = 2;
+  }
+
+  void expectOnlyOwnBlocks(Bytes bytes) const {
+    for (const bool hasDirectory : {true, false}) {
+      if (!hasDirectory) std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
+      std::set<std::int64_t> found;
+      for (const Block& block : surveyOf(bytes).blocks) found.insert(block.position);
+      EXPECT_EQ(found, (std::set<std::int64_t>{a, b, c})) << hasDirectory;
+    }
+  }
+};
+
+TEST(SalvageOfNestedDatabases, TakesAPayloadForAPayload) {
+  Nested outer(nestedDatabase());
+  outer.expectOnlyOwnBlocks(outer.image.build());
+  outer.deleteMiddle();
+  outer.expectOnlyOwnBlocks(outer.image.build());
+}
+
+TEST(SalvageOfNestedDatabases, TakesACopyOfTheDatabaseItselfForAPayload) {
+  FileImage earlier;
+  const std::size_t table = earlier.addTable("outer", 0x11);
+  earlier.addRecord(table, 0xA1, bytesOf("before"));
+  Nested outer(earlier.build());
+  outer.expectOnlyOwnBlocks(outer.image.build());
+  outer.deleteMiddle();
+  outer.expectOnlyOwnBlocks(outer.image.build());
+}
+
+TEST(SalvageOfNestedDatabases, DoesNotTakeNestedBlocksWhenTheOuterHeaderIsDestroyed) {
+  Nested outer(nestedDatabase());
+  outer.deleteMiddle();
+  Bytes bytes = outer.image.build();
+  bytes = bytes.with(static_cast<std::size_t>(outer.b), Bytes().fill(55, 0xEE));
+  for (const Block& block : surveyOf(bytes).blocks) {
+    EXPECT_TRUE(block.position == outer.a || block.position == outer.c) << block.position;
+  }
+}
+
+TEST(SalvageOfNestedDatabases, AreFoundWhenTheyAreAskedFor) {
+  const Nested outer(nestedDatabase());
+  EXPECT_EQ(surveyOf(outer.image.build()).nestedBlocks.size(), 0u);
+  EXPECT_EQ(surveyOf(outer.image.build(), {.deep = true}).nestedBlocks.size(), 9u);
+}
+
+// ---- size
+
+// A source of zeros with a block at its end.
+class SparseSource : public raw::ByteSource {
+ public:
+  SparseSource(std::int64_t size, const Bytes& end) : size_(size), end_(end) {}
+  std::int64_t size() const override { return size_; }
+  std::size_t readAt(std::int64_t position, void* buffer, std::size_t count) const override {
+    count = static_cast<std::size_t>(
+        std::min<std::int64_t>(static_cast<std::int64_t>(count), size_ - position));
+    EXPECT_LE(count, std::size_t{1} << 20) << "large pieces cost memory";
+    std::fill_n(static_cast<std::uint8_t*>(buffer), count, std::uint8_t{0});
+    const std::int64_t start = size_ - static_cast<std::int64_t>(end_.size());
+    for (std::size_t i = 0; i < end_.size(); ++i) {
+      const std::int64_t place = start + static_cast<std::int64_t>(i) - position;
+      if (place >= 0 && place < static_cast<std::int64_t>(count)) {
+        static_cast<std::uint8_t*>(buffer)[place] = end_[i];
+      }
+    }
+    return count;
+  }
+
+ private:
+  std::int64_t size_;
+  const Bytes& end_;
+};
+
+TEST(SalvageOfLargeFiles, FindsOneBlockAtTheEnd) {
+  RecordFields record;
+  record.tableID = identifier(0x11);
+  record.recordID = identifier(0xA1);
+  const Bytes block = record.encode();
+  const std::int64_t size = std::int64_t(seeds(64, 4096)) << 20;
+  const SparseSource source(size, block);
+  const Survey survey = raw::makeSurvey(source);
+  ASSERT_EQ(survey.blocks.size(), 1u);
+  EXPECT_EQ(survey.blocks[0].position, size - static_cast<std::int64_t>(block.size()));
+}
+
+}  // namespace
+}  // namespace qvdbase::test
