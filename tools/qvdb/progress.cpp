@@ -6,7 +6,6 @@
 namespace qvdb::tool {
 namespace {
 
-constexpr auto kFirst = std::chrono::milliseconds(300);  // short work shows nothing
 constexpr auto kInterval = std::chrono::milliseconds(100);
 
 void writeError(const std::string& text) {
@@ -20,7 +19,7 @@ Progress::Progress(const char* doing, std::uint64_t total, const char* things)
       total_(total),
       things_(things),
       isTerminal_(::isatty(STDERR_FILENO) == 1),
-      next_(std::chrono::steady_clock::now() + kFirst) {}
+      next_(std::chrono::steady_clock::now()) {}
 
 Progress::~Progress() {
   clear();

@@ -1,0 +1,513 @@
+// qvdb import and qvdb export: files into records and back.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <thread>
+
+#include "tool/tool_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The data of a table of imported files, made by hand as docs/imported-files.md describes it.
+class NameBlock {
+ public:
+  NameBlock& entry(char kind, std::uint16_t mode, std::uint64_t record, const std::string& rest,
+                   std::uint8_t shared = 0, const std::string& target = {}) {
+    bytes_.text(std::string(1, kind)).be(2, mode).be(8, 1000).be(4, 5).be(8, record);
+    bytes_.be(1, shared).be(1, rest.size()).text(rest).be(1, target.size()).text(target);
+    return *this;
+  }
+  const Bytes& bytes() const { return bytes_; }
+
+ private:
+  Bytes bytes_ = bytesOf("QVfiles").be(1, 1);
+};
+
+class ToolImport : public ToolTest {
+ protected:
+  void SetUp() override { done({"create", "test.qvd"}); }
+
+  // A folder with most things that a folder can hold.
+  void makeFiles(const fs::path& root) {
+    fs::create_directories(root / "sub/deeper");
+    fs::create_directories(root / "empty folder/inside");
+    writeFile(root / "a.txt", bytesOf("text\n"));
+    writeFile(root / "empty", {});
+    writeFile(root / "sub/binary", pattern(100'000));
+    writeFile(root / "sub/deeper/x", bytesOf("x"));
+    writeFile(root / "sub.txt", bytesOf("sorts between sub and what is in it"));
+    writeFile(root / "name\nwith \xff odd \x1b bytes", bytesOf("odd"));
+    fs::create_symlink("a.txt", root / "link");
+    fs::create_symlink("/nowhere/at/all", root / "sub/dangling");
+    fs::permissions(root / "a.txt", fs::perms(0640));
+    fs::permissions(root / "sub", fs::perms(0750));
+    setTime(root / "a.txt", 1'000'000'007, 123'456'789);
+    setTime(root / "link", 1'000'000'009, 7);
+    setTime(root / "sub", 1'000'000'011, 0);
+  }
+
+  // Writes a file, and makes the folder for it.
+  void store(const std::string& name, const Bytes& contents) {
+    fs::create_directories(path(name).parent_path());
+    writeFile(path(name), contents);
+  }
+
+  static void setTime(const fs::path& path, time_t seconds, long nanoseconds) {
+    const timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+  }
+
+  // Every file below a folder: kind, mode, time, and contents or target.
+  static std::map<std::string, std::string> inventory(const fs::path& root) {
+    std::map<std::string, std::string> result;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+      struct stat status = {};
+      ::lstat(entry.path().c_str(), &status);
+      std::ostringstream text;
+      text << std::oct << status.st_mode << ' ' << std::dec << status.st_mtim.tv_sec << '.'
+           << status.st_mtim.tv_nsec << ' ';
+      if (S_ISREG(status.st_mode)) text << readFile(entry.path()).str();
+      if (S_ISLNK(status.st_mode)) text << fs::read_symlink(entry.path()).native();
+      result[fs::relative(entry.path(), root).native()] = text.str();
+    }
+    return result;
+  }
+
+  std::vector<std::string> namesIn(const std::string& table) {
+    std::vector<std::string> names;
+    const auto list = json({"records", "--json", "test.qvd", table});
+    for (const auto& record : list["records"]) {
+      names.push_back(record.contains("name") ? record["name"].get<std::string>() : "-");
+    }
+    return names;
+  }
+};
+
+using ToolExport = ToolImport;
+
+TEST_F(ToolImport, AndExportGiveBackEveryFileWithItsKindModeTimeAndContents) {
+  makeFiles(path("in"));
+  EXPECT_EQ(line({"import", "test.qvd", "files", "in/"}),
+            "imported 6 files, 4 folders and 2 symbolic links, 100044 bytes");
+  expectOnlyRead([&] { done({"export", "test.qvd", "files", "out"}); });
+  EXPECT_EQ(inventory(path("out")), inventory(path("in")));
+}
+
+TEST_F(ToolImport, MakesOneRecordForEachFile) {
+  makeFiles(path("in"));
+  done({"import", "test.qvd", "files", "in/"});
+  EXPECT_EQ(database().tables[0].records.size(), 6u);
+  EXPECT_EQ(done({"get", "test.qvd", "files", "a.txt"}), "text\n");
+  EXPECT_EQ(bytesOf(done({"get", "test.qvd", "files", "sub/binary"})), pattern(100'000));
+  fails({"get", "test.qvd", "files", "sub"}, 1, {"'sub'", "folder"});
+  fails({"get", "test.qvd", "files", "link"}, 1, {"'link'", "symbolic link"});
+  fails({"get", "test.qvd", "files", "absent"}, 1, {"'absent'"});
+}
+
+TEST_F(ToolImport, StoresTheNamesInTheDocumentedFormat) {
+  fs::create_directory(path("d"));
+  writeFile(path("d/file one"), bytesOf("1"));
+  writeFile(path("d/file two"), bytesOf("2"));
+  fs::create_symlink("file one", path("d/link"));
+  for (const char* name : {"d/file one", "d/file two", "d/link", "d"}) {
+    if (fs::path(name).filename() != "link") fs::permissions(path(name), fs::perms(0700));
+    setTime(path(name), 1000, 5);
+  }
+  done({"import", "test.qvd", "files", "d"});
+  const ReadTable table = database().tables[0];
+  ASSERT_EQ(table.records.size(), 2u);
+  ASSERT_TRUE(table.data.has_value());
+  EXPECT_EQ(table.data->data(), NameBlock()
+                                    .entry('d', 0700, 0, "d")
+                                    .entry('f', 0700, table.records[0].id, "/file one", 1)
+                                    .entry('f', 0700, table.records[1].id, "two", 7)
+                                    .entry('l', 0777, 0, "link", 2, "file one")
+                                    .bytes());
+}
+
+TEST_F(ToolImport, NamesFilesByWhatIsBehindTheLastSlashOfEachPath) {
+  store("dir/inner/f", {});
+  writeFile(path("single"), {});
+  done({"import", "test.qvd", "a", "dir", "single", path("dir/inner").native()});
+  EXPECT_EQ(namesIn("a"), (Words{"dir/inner/f", "single", "inner/f"}));
+  done({"import", "test.qvd", "b", "dir/."});
+  EXPECT_EQ(namesIn("b"), (Words{"inner/f"}));
+  fails({"import", "test.qvd", "c", "dir/inner", "dir/"}, 1, {"two of the paths", "'inner"});
+  fails({"import", "test.qvd", "c", "absent"}, 1, {"absent"});
+  fails({"import", "test.qvd", "c", ""}, 1, {"empty path"});
+  EXPECT_EQ(json({"tables", "--json", "test.qvd"})["tables"].size(), 2u);
+}
+
+TEST_F(ToolImport, LeavesOutTheDatabaseItselfAndWhatIsNoFile) {
+  writeFile(path("f"), bytesOf("f"));
+  ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
+  const Outcome outcome = run({"import", "test.qvd", "files", "."});
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  EXPECT_NE(outcome.err.find("left out: ./pipe"), std::string::npos) << outcome;
+  EXPECT_NE(outcome.err.find("left out: ./test.qvd (the database itself)"), std::string::npos);
+  EXPECT_EQ(namesIn("files"), (Words{"f"}));
+}
+
+TEST_F(ToolImport, OfMoreFilesExtendsTheTable) {
+  store("one/a", bytesOf("a"));
+  store("two/b", bytesOf("b"));
+  done({"import", "test.qvd", "files", "one"});
+  done({"import", "test.qvd", "files", "two"});
+  done({"export", "test.qvd", "files", "out"});
+  EXPECT_EQ(inventory(path("out/one")), inventory(path("one")));
+  EXPECT_EQ(inventory(path("out/two")), inventory(path("two")));
+}
+
+TEST_F(ToolImport, OfAFileThatIsThereChangesNothingWithoutReplace) {
+  makeFiles(path("in"));
+  done({"import", "test.qvd", "files", "in/"});
+  store("in/new", bytesOf("new"));
+  expectOnlyRead([&] {
+    fails({"import", "test.qvd", "files", "in/"}, 1, {"test.qvd", "already", "--replace"});
+  });
+}
+
+TEST_F(ToolImport, WithReplaceRenewsAndExtends) {
+  makeFiles(path("in"));
+  done({"import", "test.qvd", "files", "in/"});
+  const std::string before = json({"records", "--json", "test.qvd", "files"})["records"][0]["id"];
+  store("in/a.txt", bytesOf("grown beyond its room"));
+  store("in/sub/binary", bytesOf("shrunk"));
+  store("in/sub/deeper/x", {});
+  store("in/empty", bytesOf("filled"));
+  store("in/new", bytesOf("new"));
+  fs::remove(path("in/link"));
+  fs::create_symlink("elsewhere", path("in/link"));
+  fs::permissions(path("in/sub"), fs::perms(0700));
+  done({"import", "--replace", "test.qvd", "files", "in/"});
+  done({"export", "test.qvd", "files", "out"});
+  EXPECT_EQ(inventory(path("out")), inventory(path("in")));
+  EXPECT_EQ(json({"records", "--json", "test.qvd", "files"})["records"][0]["id"], before);
+}
+
+TEST_F(ToolImport, KeepsFilesThatAreGoneFromTheFolder) {
+  store("in/a", bytesOf("a"));
+  store("in/b", bytesOf("b"));
+  done({"import", "test.qvd", "files", "in"});
+  fs::remove(path("in/a"));
+  done({"import", "--replace", "test.qvd", "files", "in"});
+  EXPECT_EQ(namesIn("files"), (Words{"in/a", "in/b"}));
+}
+
+TEST_F(ToolImport, RefusesAFileOfAnotherKind) {
+  store("in/a", bytesOf("a"));
+  done({"import", "test.qvd", "files", "in"});
+  fs::remove(path("in/a"));
+  fs::create_directory(path("in/a"));
+  expectOnlyRead([&] {
+    fails({"import", "--replace", "test.qvd", "files", "in"}, 1, {"in/a", "another kind"});
+  });
+}
+
+TEST_F(ToolImport, RefusesATableWithDataOfItsOwn) {
+  done({"add-table", "test.qvd", "files"});
+  done({"data", "test.qvd", "files", "--set", "-"}, "something");
+  writeFile(path("f"), {});
+  expectOnlyRead([&] {
+    fails({"import", "test.qvd", "files", "f"}, 1, {"data of its own", "another"});
+  });
+}
+
+TEST_F(ToolImport, ProtectsItsNamesFromTheDataCommand) {
+  writeFile(path("f"), {});
+  done({"import", "test.qvd", "files", "f"});
+  expectOnlyRead([&] {
+    fails({"data", "test.qvd", "files", "--set", "-"}, 1, {"names", "--force"}, "x");
+  });
+  done({"data", "test.qvd", "files", "--set", "-", "--force"}, "x");
+}
+
+TEST_F(ToolImport, CompletesWhatWasKilledInTheMiddle) {
+  writeFile(path("a"), bytesOf("a"));
+  writeFile(path("b"), bytesOf("b"));
+  done({"import", "test.qvd", "files", "a", "b"});
+  // A name whose record never came, as after a kill.
+  const std::uint64_t last = database().tables[0].records[1].id;
+  const std::int16_t db = open();
+  const std::uint64_t table = FindTableByName(db, "files");
+  ASSERT_EQ(DeleteOneRecord(db, table, last, nullptr), 1);
+  close(db);
+  const Outcome outcome = run({"export", "test.qvd", "files", "out"});
+  EXPECT_EQ(outcome.status, 0);
+  expectOneLine(outcome.err, {"1 name has no record"});
+  fails({"get", "test.qvd", "files", "b"}, 1, {"no record"});
+  EXPECT_EQ(line({"import", "test.qvd", "files", "b"}),
+            "imported 1 file, 0 folders and 0 symbolic links, 1 byte");
+  EXPECT_EQ(done({"get", "test.qvd", "files", "b"}), "b");
+}
+
+TEST_F(ToolImport, RemovedFilesTakeTheirNamesWithThem) {
+  makeFiles(path("in"));
+  done({"import", "test.qvd", "files", "in/"});
+  done({"rm", "test.qvd", "files", "a.txt", "sub/deeper/x"});
+  done({"export", "test.qvd", "files", "out"});
+  EXPECT_FALSE(fs::exists(path("out/a.txt")));
+  EXPECT_FALSE(fs::exists(path("out/sub/deeper/x")));
+  EXPECT_TRUE(fs::exists(path("out/sub/binary")));
+  done({"import", "test.qvd", "files", "in/a.txt"});
+  EXPECT_EQ(done({"get", "test.qvd", "files", "a.txt"}), "text\n");
+}
+
+TEST_F(ToolImport, AFileWhoseNameLooksLikeANumberIsReachedByItsPath) {
+  writeFile(path("17"), bytesOf("seventeen"));
+  done({"import", "test.qvd", "files", "17"});
+  EXPECT_EQ(done({"get", "test.qvd", "files", "./17"}), "seventeen");
+  fails({"get", "test.qvd", "files", "17"}, 1, {"0x0000000000000011"});
+}
+
+TEST_F(ToolImport, OfManySmallFoldersOneAfterTheOtherDoesNotCopyTheNamesEachTime) {
+  for (int i = 0; i < 40; ++i) {
+    const std::string name = "file-" + std::to_string(i);
+    writeFile(path(name), bytesOf("x"));
+    done({"import", "test.qvd", "files", name});
+  }
+  EXPECT_EQ(namesIn("files").size(), 40u);
+  EXPECT_LT(database().tables[0].slot.dataWriteCount, 12u);
+}
+
+TEST_F(ToolImport, StopsAtCtrlCBetweenTwoFilesAndKeepsWhatIsStored) {
+  fs::create_directory(path("in"));
+  Outcome outcome;
+  // How far the tool gets before the signal reaches it is not in our hands: with enough files it
+  // comes in the middle.
+  for (int files = 10'000; files <= 160'000; files *= 2) {
+    for (int i = files / 2; i < files; ++i) store("in/" + std::to_string(i), bytesOf("x"));
+    ProgramCall call = callOf({"import", "test.qvd", "files", "in"});
+    call.meanwhile = [this](pid_t process) {
+      // The names come first, in one piece; then the records, one by one.
+      const auto start = fileSize();
+      std::size_t named = 0;
+      for (;;) {
+        const std::size_t now = fileSize();
+        if (named != 0 && now > named + 1000) break;
+        if (named == 0 && now > start) named = now;
+        siginfo_t ended = {};
+        ::waitid(P_PID, static_cast<id_t>(process), &ended, WEXITED | WNOWAIT | WNOHANG);
+        if (ended.si_pid != 0) return;
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+      }
+      ::kill(process, SIGINT);
+    };
+    outcome = runProgram(call);
+    if (outcome.status == 1) break;
+    done({"create", "--force", "test.qvd"});
+  }
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  EXPECT_EQ(outcome.out, "");
+  expectOneLine(outcome.err, {"interrupted", "sound", "--replace"});
+  const std::size_t stored = database().tables[0].records.size();
+  EXPECT_GT(stored, 0u);
+  // Exactly what is stored is named.
+  EXPECT_EQ(line({"export", "test.qvd", "files", "out"}),
+            "exported " + std::to_string(stored) + " files, " + std::to_string(stored) + " bytes");
+  done({"import", "--replace", "test.qvd", "files", "in"});
+}
+
+TEST_F(ToolImport, ShowsProgressOnATerminalOnly) {
+  for (int i = 0; i < 3; ++i) store("in/" + std::to_string(i), bytesOf("x"));
+  EXPECT_EQ(run({"import", "test.qvd", "quiet", "in"}).err, "");
+  ProgramCall call = callOf({"import", "test.qvd", "shown", "in"});
+  call.terminal = Terminal::error;
+  const Outcome outcome = runProgram(call);
+  EXPECT_NE(outcome.err.find("importing 1 of 4 files"), std::string::npos) << outcome;
+  EXPECT_TRUE(outcome.err.ends_with("\r\x1b[K")) << "the line was not taken away";
+}
+
+// ---- export
+
+TEST_F(ToolExport, NamesFilesByIdentifierWithoutImportedNames) {
+  const std::int16_t db = open();
+  const std::uint64_t table = addTable(db, "notes");
+  assignRecord(db, table, 0xA1, bytesOf("one"));
+  assignRecord(db, table, 0xA2, {});
+  assignRecord(db, table, 0xA1, bytesOf("again"));
+  close(db);
+  EXPECT_EQ(line({"export", "test.qvd", "notes", "a/b/out"}), "exported 3 files, 8 bytes");
+  EXPECT_EQ(readFile(path("a/b/out/0x00000000000000a1")), bytesOf("one"));
+  EXPECT_EQ(readFile(path("a/b/out/0x00000000000000a2")), Bytes());
+  EXPECT_EQ(readFile(path("a/b/out/0x00000000000000a1-2")), bytesOf("again"));
+}
+
+TEST_F(ToolExport, NamesRecordsThatWereAddedLaterByIdentifier) {
+  writeFile(path("f"), bytesOf("f"));
+  done({"import", "test.qvd", "files", "f"});
+  done({"put", "--id", "7", "test.qvd", "files"}, "later");
+  done({"export", "test.qvd", "files", "out"});
+  EXPECT_EQ(readFile(path("out/f")), bytesOf("f"));
+  EXPECT_EQ(readFile(path("out/0x0000000000000007")), bytesOf("later"));
+  done({"export", "--by-id", "test.qvd", "files", "ids"});
+  EXPECT_FALSE(fs::exists(path("ids/f")));
+  EXPECT_TRUE(fs::exists(path("ids/0x0000000000000007")));
+}
+
+TEST_F(ToolExport, WritesNothingWhenAnythingIsInTheWay) {
+  makeFiles(path("in"));
+  done({"import", "test.qvd", "files", "in/"});
+  store("out/sub/binary", bytesOf("precious"));
+  const auto before = inventory(path("out"));
+  fails({"export", "test.qvd", "files", "out"}, 1, {"out/sub/binary", "exists", "--force"});
+  EXPECT_EQ(inventory(path("out")), before);
+  done({"export", "--force", "test.qvd", "files", "out"});
+  EXPECT_EQ(inventory(path("out")), inventory(path("in")));
+  done({"export", "--force", "test.qvd", "files", "out"});
+  EXPECT_EQ(inventory(path("out")), inventory(path("in")));
+}
+
+TEST_F(ToolExport, BesideOtherFilesLeavesThemAlone) {
+  writeFile(path("f"), bytesOf("f"));
+  done({"import", "test.qvd", "files", "f"});
+  store("out/other", bytesOf("other"));
+  done({"export", "test.qvd", "files", "out"});
+  EXPECT_EQ(readFile(path("out/other")), bytesOf("other"));
+  fs::remove(path("out/f"));
+  fs::create_directory(path("out/f"));
+  fails({"export", "--force", "test.qvd", "files", "out"}, 1, {"out/f", "folder"});
+}
+
+TEST_F(ToolExport, RestoresAFolderThatMayNotBeWrittenTo) {
+  store("in/locked/f", bytesOf("f"));
+  fs::permissions(path("in/locked"), fs::perms(0555));
+  done({"import", "test.qvd", "files", "in/"});
+  done({"export", "test.qvd", "files", "out"});
+  EXPECT_EQ(inventory(path("out")), inventory(path("in")));
+  fs::permissions(path("in/locked"), fs::perms(0755));
+  fs::permissions(path("out/locked"), fs::perms(0755));
+}
+
+TEST_F(ToolExport, DropsTheRightToActInAnothersName) {
+  writeFile(path("f"), bytesOf("f"));
+  ASSERT_EQ(::chmod(path("f").c_str(), 06755), 0);
+  done({"import", "test.qvd", "files", "f"});
+  done({"export", "test.qvd", "files", "out"});
+  struct stat status = {};
+  ASSERT_EQ(::stat(path("out/f").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0755u);
+}
+
+// Names in a file can say anything.
+class HostileNames : public ToolImport {
+ protected:
+  void SetUp() override {
+    fs::create_directory(path("outside"));
+    fs::create_directory(path("out"));
+  }
+
+  // A database whose table "files" has one record, 0xA1, and these names.
+  void names(const NameBlock& block) {
+    FileImage image;
+    image.addTable("files", 0x11);
+    image.addRecord(0, 0xA1, bytesOf("payload"));
+    image.setTableData(0, block.bytes());
+    writeFile(path(), image.build());
+  }
+
+  void expectRefused() {
+    const Outcome outcome = run({"export", "test.qvd", "files", "out"});
+    EXPECT_EQ(outcome.status, 1) << outcome;
+    expectOneLine(outcome.err, {});
+    EXPECT_TRUE(fs::is_empty(path("outside")));
+    std::size_t entries = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder.path())) ++entries;
+    EXPECT_EQ(entries, 3u) << "something was written beside the folder";
+  }
+};
+
+TEST_F(HostileNames, ThatLeadOutOfTheFolderAreRefused) {
+  for (const std::string& name :
+       Words{"../x", "..", ".", "", "/x", "a/../../x", "a/..", "a//b", "a/", "./a", "a/./b", "/",
+             folder.path().native() + "/outside/x"}) {
+    names(NameBlock().entry('f', 0644, 0xA1, name));
+    expectRefused();
+    names(NameBlock().entry('d', 0755, 0, name));
+    expectRefused();
+    names(NameBlock().entry('l', 0777, 0, name, 0, "target"));
+    expectRefused();
+    EXPECT_TRUE(fs::is_empty(path("out"))) << name;
+  }
+  names(NameBlock().entry('f', 0644, 0xA1, std::string("a\0b", 3)));
+  expectRefused();
+}
+
+TEST_F(HostileNames, DoNotWriteThroughALinkThatComesFirst) {
+  names(NameBlock().entry('l', 0777, 0, "a", 0, "../outside").entry('f', 0644, 0xA1, "a/x"));
+  expectRefused();
+}
+
+TEST_F(HostileNames, DoNotWriteThroughALinkThatIsThere) {
+  fs::create_symlink("../outside", path("out/a"));
+  names(NameBlock().entry('f', 0644, 0xA1, "a/x"));
+  expectRefused();
+  const Outcome forced = run({"export", "--force", "test.qvd", "files", "out"});
+  EXPECT_EQ(forced.status, 1) << forced;
+  EXPECT_TRUE(fs::is_empty(path("outside")));
+}
+
+TEST_F(HostileNames, ReplaceALinkThatIsThereAndNotWhatItLeadsTo) {
+  writeFile(path("outside/x"), bytesOf("precious"));
+  fs::create_symlink("../outside/x", path("out/x"));
+  names(NameBlock().entry('f', 0644, 0xA1, "x"));
+  fails({"export", "test.qvd", "files", "out"}, 1, {"out/x", "exists"});
+  done({"export", "--force", "test.qvd", "files", "out"});
+  EXPECT_FALSE(fs::is_symlink(path("out/x")));
+  EXPECT_EQ(readFile(path("out/x")), bytesOf("payload"));
+  EXPECT_EQ(readFile(path("outside/x")), bytesOf("precious"));
+}
+
+TEST_F(HostileNames, ThatAreDoubledOrContradictAreAFailureNotADisaster) {
+  names(NameBlock().entry('l', 0777, 0, "x", 0, "../outside/y").entry('f', 0644, 0xA1, "x"));
+  expectRefused();
+  names(NameBlock().entry('d', 0755, 0, "x").entry('f', 0644, 0xA1, "x"));
+  expectRefused();
+}
+
+TEST_F(HostileNames, ThatAreDamagedAreToldAndDoNotStandInTheWayOfTheRecords) {
+  const Bytes sound = NameBlock().entry('f', 0644, 0xA1, "x").bytes();
+  for (std::size_t length = 9; length < sound.size(); ++length) {
+    FileImage image;
+    image.addTable("files", 0x11);
+    image.addRecord(0, 0xA1, bytesOf("payload"));
+    image.setTableData(0, sound.cut(length));
+    writeFile(path(), image.build());
+    fails({"export", "test.qvd", "files", "out"}, 1, {"damaged", "--by-id"});
+  }
+  done({"export", "--by-id", "test.qvd", "files", "out"});
+  EXPECT_EQ(readFile(path("out/0x00000000000000a1")), bytesOf("payload"));
+}
+
+TEST_F(HostileNames, CannotFillTheMemory) {
+  // Each entry takes 27 bytes here and repeats a name that grows with every one.
+  NameBlock block;
+  for (int i = 0; i < 3; ++i) block.entry('f', 0644, 1, std::string(255, 'x'), 0);
+  Bytes bytes = block.bytes();
+  for (unsigned i = 1; i < 60'000; ++i) {
+    const unsigned shared = 255 + i - 1;
+    bytes.text("f").be(2, 0644).be(8, 0).be(4, 0).be(8, 1);
+    for (unsigned rest = shared;; rest >>= 7) {
+      bytes.be(1, rest < 0x80 ? rest : (rest & 0x7F) | 0x80);
+      if (rest < 0x80) break;
+    }
+    bytes.be(1, 1).text("x").be(1, 0);
+  }
+  FileImage image;
+  image.addTable("files", 0x11);
+  image.setTableData(0, bytes);
+  writeFile(path(), image.build());
+  fails({"export", "test.qvd", "files", "out"}, 1, {"damaged"});
+}
+
+}  // namespace
+}  // namespace qvdbase::test

@@ -1,0 +1,204 @@
+// qvdb get, put, set, rm, touch and data
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tool/tool_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+using ToolGet = ToolTest;
+using ToolPut = ToolTest;
+using ToolSet = ToolTest;
+using ToolRm = ToolTest;
+using ToolTouch = ToolTest;
+using ToolData = ToolTest;
+
+// ---- get
+
+TEST_F(ToolGet, WritesThePayloadToStandardOutputByteForByte) {
+  const Bytes payload = pattern(300'000);
+  const Words ids = notes({bytesOf("text\n"), payload, {}});
+  expectOnlyRead([&] {
+    EXPECT_EQ(done({"get", "test.qvd", "notes", ids[0]}), "text\n");
+    EXPECT_EQ(bytesOf(done({"get", "test.qvd", "notes", ids[1]})), payload);
+    EXPECT_EQ(done({"get", "test.qvd", "notes", ids[2]}), "");
+    EXPECT_EQ(done({"get", "test.qvd", "notes", ids[0], "--output", "-"}), "text\n");
+  });
+}
+
+TEST_F(ToolGet, WritesToAFileThatIsNotThereYet) {
+  const Words ids = notes({bytesOf("text")});
+  EXPECT_EQ(done({"get", "test.qvd", "notes", ids[0], "-o", "out.txt"}), "");
+  EXPECT_EQ(readFile(path("out.txt")), bytesOf("text"));
+  writeFile(path("out.txt"), bytesOf("precious"));
+  fails({"get", "test.qvd", "notes", ids[0], "-o", "out.txt"}, 1, {"out.txt", "exists", "--force"});
+  EXPECT_EQ(readFile(path("out.txt")), bytesOf("precious"));
+  done({"get", "test.qvd", "notes", ids[0], "-o", "out.txt", "--force"});
+  EXPECT_EQ(readFile(path("out.txt")), bytesOf("text"));
+  fails({"get", "test.qvd", "notes", ids[0], "-o", "no/such/folder"}, 1, {"no/such/folder"});
+}
+
+TEST_F(ToolGet, TakesHexadecimalAndDecimalIdentifiers) {
+  const Words ids = notes({bytesOf("text")});
+  const std::string decimal = std::to_string(std::stoull(ids[0], nullptr, 16));
+  EXPECT_EQ(done({"get", "test.qvd", "notes", decimal}), "text");
+  fails({"get", "test.qvd", "notes", "0x1"}, 1, {"0x0000000000000001", "qvdb records"});
+  fails({"get", "test.qvd", "notes", "nonsense"}, 1, {"nonsense", "identifier"});
+}
+
+TEST_F(ToolGet, ShowsOnlyPlainTextOnATerminal) {
+  const Words ids = notes({bytesOf("gr\u00fc\u00dfe\n"), bytesOf("\x1b[2J"), bytesOf("\xff\xfe")});
+  ProgramCall call = callOf({"get", "test.qvd", "notes", ids[0]});
+  call.terminal = Terminal::output;
+  EXPECT_EQ(runProgram(call).out, "gr\u00fc\u00dfe\r\n");
+  for (const std::string& id : {ids[1], ids[2]}) {
+    call.arguments = {"get", "test.qvd", "notes", id};
+    const Outcome refused = runProgram(call);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.out, "");
+    expectOneLine(refused.err, {"--output", "--raw"});
+  }
+  call.arguments = {"get", "--raw", "test.qvd", "notes", ids[1]};
+  EXPECT_EQ(runProgram(call).out, "\x1b[2J");
+}
+
+TEST_F(ToolGet, DoesNotTrustALengthInTheFile) {
+  FileImage image;
+  image.addTable("notes", 0x11);
+  const auto at = image.addRecord(0, 0xA1, bytesOf("x"));
+  image.record(at).dataLength = 0xFFFFFFFF;
+  writeFile(path(), image.build());
+  allowDamage();
+  fails({"get", "test.qvd", "notes", "0xa1"}, 1, {"beyond the end"});
+  fails({"get", "test.qvd", "notes", "0xa1", "-o", "out"}, 1, {"beyond the end"});
+  EXPECT_FALSE(std::filesystem::exists(path("out")));
+}
+
+// ---- put
+
+TEST_F(ToolPut, StoresStandardInputAndPrintsTheIdentifier) {
+  notes({});
+  const std::string first = line({"put", "test.qvd", "notes"}, "hello");
+  const std::string second = line({"put", "test.qvd", "notes", "-"}, std::string("a\0b", 3));
+  const std::string third = line({"put", "test.qvd", "notes"});
+  EXPECT_EQ(done({"get", "test.qvd", "notes", first}), "hello");
+  EXPECT_EQ(done({"get", "test.qvd", "notes", second}), std::string("a\0b", 3));
+  EXPECT_EQ(done({"get", "test.qvd", "notes", third}), "");
+  EXPECT_EQ(json({"records", "--json", "test.qvd", "notes"})["records"][1]["id"], second);
+}
+
+TEST_F(ToolPut, StoresSeveralFilesARecordEach) {
+  notes({});
+  writeFile(path("a"), bytesOf("one"));
+  writeFile(path("b"), pattern(200'000));
+  const std::string out = done({"put", "test.qvd", "notes", "a", "b"});
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2);
+  EXPECT_EQ(bytesOf(done({"get", "test.qvd", "notes", out.substr(19, 18)})), pattern(200'000));
+  fails({"put", "test.qvd", "notes", "absent"}, 1, {"absent", "open"});
+}
+
+TEST_F(ToolPut, KeepsReserveAndGivenIdentifier) {
+  notes({});
+  EXPECT_EQ(line({"put", "--id", "0xabc", "--reserve", "100", "test.qvd", "notes"}, "x"),
+            "0x0000000000000abc");
+  const auto record = json({"records", "--json", "test.qvd", "notes"})["records"][0];
+  EXPECT_EQ(record["capacity"], 100);
+  expectOnlyRead([&] {
+    fails({"put", "--id", "0xabc", "test.qvd", "notes"}, 1, {"already", "qvdb set"}, "y");
+    fails({"put", "--id", "1", "test.qvd", "notes", "a", "b"}, 2, {"--id"});
+    fails({"put", "--id", "x", "test.qvd", "notes"}, 2, {"--id"});
+    fails({"put", "--reserve", "4294967296", "test.qvd", "notes"}, 2, {"--reserve"});
+  });
+}
+
+TEST_F(ToolPut, StopsAtCtrlCWithWhatIsStoredSoFar) {
+  notes({});
+  writeFile(path("a"), bytesOf("stored"));
+  ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
+  ProgramCall call = callOf({"put", "test.qvd", "notes", "a", "pipe"});
+  int held = -1;
+  call.meanwhile = [&](pid_t process) {
+    held = ::open(path("pipe").c_str(), O_WRONLY);  // returns when the tool has opened it, too
+    ::kill(process, SIGINT);
+  };
+  const Outcome outcome = runProgram(call);
+  ::close(held);
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  expectOneLine(outcome.err, {"interrupted"});
+  EXPECT_EQ(json({"records", "--json", "test.qvd", "notes"})["count"], 1);
+}
+
+// ---- set
+
+TEST_F(ToolSet, ReplacesThePayload) {
+  const Words ids = notes({bytesOf("old"), bytesOf("other")});
+  EXPECT_EQ(done({"set", "test.qvd", "notes", ids[0]}, "a longer one"), "");
+  EXPECT_EQ(done({"get", "test.qvd", "notes", ids[0]}), "a longer one");
+  writeFile(path("in"), bytesOf("short"));
+  done({"set", "test.qvd", "notes", ids[0], "in"});
+  EXPECT_EQ(done({"get", "test.qvd", "notes", ids[0]}), "short");
+  EXPECT_EQ(done({"get", "test.qvd", "notes", ids[1]}), "other");
+}
+
+TEST_F(ToolSet, ChangesNothingWhenItCannot) {
+  const Words ids = notes({bytesOf("old")});
+  expectOnlyRead([&] {
+    fails({"set", "test.qvd", "notes", "0x1"}, 1, {"0x0000000000000001"}, "x");
+    fails({"set", "test.qvd", "notes", ids[0]}, 1, {"qvdb rm"});
+    fails({"set", "test.qvd", "notes", ids[0], "absent"}, 1, {"absent"});
+  });
+}
+
+// ---- rm and touch
+
+TEST_F(ToolRm, DeletesAllOfThemOrNone) {
+  const Words ids = notes({bytesOf("1"), bytesOf("2"), bytesOf("3"), bytesOf("4")});
+  expectOnlyRead([&] { fails({"rm", "test.qvd", "notes", ids[0], "0x1"}, 1, {"no record"}); });
+  EXPECT_EQ(done({"rm", "test.qvd", "notes", ids[2], ids[0], ids[0]}), "");
+  const auto list = json({"records", "--json", "test.qvd", "notes"})["records"];
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(list[0]["id"], ids[1]);
+  EXPECT_EQ(list[1]["id"], ids[3]);
+}
+
+TEST_F(ToolTouch, SetsTheTimeOfModificationOnly) {
+  FileImage image;
+  image.addTable("notes", 0x11);
+  image.addRecord(0, 0xA1, bytesOf("1"), {.createTime = 5, .modifyTime = 50});
+  image.addRecord(0, 0xA2, bytesOf("2"), {.createTime = 5, .modifyTime = 50});
+  writeFile(path(), image.build());
+  expectOnlyRead([&] { fails({"touch", "test.qvd", "notes", "0xa1", "7"}, 1, {"no record"}); });
+  done({"touch", "test.qvd", "notes", "0xa1"});
+  const auto list = json({"records", "--json", "test.qvd", "notes"})["records"];
+  EXPECT_EQ(list[0]["created"], "1970-01-01T00:00:05Z");
+  EXPECT_GT(list[0]["modified"], "2020-01-01T00:00:00Z");
+  EXPECT_EQ(list[1]["modified"], "1970-01-01T00:00:50Z");
+}
+
+TEST_F(ToolTouch, OfADatabaseInUseFailsAtOnce) {
+  const Words ids = notes({bytesOf("1")});
+  const std::int16_t db = open();
+  expectUnchanged([&] { fails({"touch", "test.qvd", "notes", ids[0]}, 1, {"in use", "wait"}); });
+  close(db);
+}
+
+// ---- data
+
+TEST_F(ToolData, IsSetAndHandedOut) {
+  notes({});
+  fails({"data", "test.qvd", "notes"}, 1, {"no data", "--set"});
+  EXPECT_EQ(done({"data", "test.qvd", "notes", "--set", "-", "--reserve", "50"}, "some data"), "");
+  expectOnlyRead([&] { EXPECT_EQ(done({"data", "test.qvd", "notes"}), "some data"); });
+  writeFile(path("in"), pattern(1000));
+  done({"data", "test.qvd", "notes", "--set", "in"});
+  done({"data", "test.qvd", "notes", "-o", "out"});
+  EXPECT_EQ(readFile(path("out")), pattern(1000));
+  fails({"data", "test.qvd", "notes", "-o", "out"}, 1, {"exists"});
+  fails({"data", "test.qvd", "notes", "--reserve", "5"}, 2, {"--set"});
+}
+
+}  // namespace
+}  // namespace qvdbase::test

@@ -1,0 +1,75 @@
+// qvdb tables and qvdb add-table
+#include "tool/tool_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+using ToolTables = ToolTest;
+using ToolAddTable = ToolTest;
+
+TEST_F(ToolTables, AreListedInOrder) {
+  const std::int16_t db = create();
+  addRecord(db, addTable(db, "notes"), bytesOf("x"));
+  setTableData(db, addTable(db, "with data"), bytesOf("12345"));
+  close(db);
+  expectOnlyRead([&] {
+    const auto tables = json({"tables", "--json", "test.qvd"})["tables"];
+    ASSERT_EQ(tables.size(), 2u);
+    EXPECT_EQ(tables[0]["name"], "notes");
+    EXPECT_EQ(tables[0]["records"], 1);
+    EXPECT_EQ(tables[0]["data_size"], nullptr);
+    EXPECT_EQ(tables[1]["name"], "with data");
+    EXPECT_EQ(tables[1]["data_size"], 5);
+    const std::string text = done({"tables", "test.qvd"});
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3);
+    EXPECT_NE(text.find(tables[1]["id"].get<std::string>()), std::string::npos);
+  });
+}
+
+TEST_F(ToolTables, OfHostileNamesDoNotReachTheTerminal) {
+  FileImage image;
+  image.addTable("\x1b]0;owned\x07\n\xff", 1);
+  writeFile(path(), image.build());
+  const std::string text = done({"tables", "test.qvd"});
+  EXPECT_NE(text.find("\\x1b]0;owned\\x07\\x0a\\xff"), std::string::npos) << text;
+  EXPECT_EQ(text.find('\x1b'), std::string::npos);
+  const auto table = json({"tables", "--json", "test.qvd"})["tables"][0];
+  EXPECT_EQ(table["name_bytes"], "1b5d303b6f776e6564070aff");
+}
+
+TEST_F(ToolTables, BehindADamagedSlotAreAFailure) {
+  FileImage image;
+  image.addTable("one", 1);
+  image.addTable("two", 2);
+  image.slot(1).slotMark = 0;
+  writeFile(path(), image.build());
+  allowDamage();
+  fails({"tables", "test.qvd"}, 1, {"entry 2", "copy"});
+}
+
+TEST_F(ToolAddTable, AddsItAndPrintsItsIdentifier) {
+  done({"create", "test.qvd"});
+  const std::string id = line({"add-table", "test.qvd", "notes"});
+  const auto table = json({"tables", "--json", "test.qvd"})["tables"][0];
+  EXPECT_EQ(table["name"], "notes");
+  EXPECT_EQ(table["id"], id);
+}
+
+TEST_F(ToolAddTable, RefusesNamesThatCannotBe) {
+  notes({});
+  expectOnlyRead([&] {
+    fails({"add-table", "test.qvd", "notes"}, 1, {"'notes'", "exists"});
+    fails({"add-table", "test.qvd", std::string(33, 'n')}, 1, {"32 bytes", "33"});
+    fails({"add-table", "test.qvd", ""}, 1, {"name"});
+  });
+}
+
+TEST_F(ToolAddTable, RefusesTheThirtySecond) {
+  const std::int16_t db = create();
+  for (int i = 0; i < 31; ++i) addTable(db, "t" + std::to_string(i));
+  close(db);
+  expectOnlyRead([&] { fails({"add-table", "test.qvd", "more"}, 1, {"31 tables"}); });
+}
+
+}  // namespace
+}  // namespace qvdbase::test
