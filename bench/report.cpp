@@ -1,0 +1,117 @@
+// Turns the results of a run into tables: for each size, number and workload the median of each
+// store, the spread of its turns, and its ratio to the best peer and to the raw limit.
+//
+//   qvdbase_bench_report RESULTS.json...
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Series {
+  std::vector<double> times;  // nanoseconds for one operation, one value a turn
+  double diskPerRecord = 0;
+
+  double at(double quantile) const {
+    std::vector<double> sorted = times;
+    std::sort(sorted.begin(), sorted.end());
+    return sorted[static_cast<std::size_t>(quantile * static_cast<double>(sorted.size() - 1) +
+                                           0.5)];
+  }
+  double median() const { return at(0.5); }
+  double spread() const { return (at(1) - at(0)) / median(); }
+};
+
+using ByStore = std::map<std::string, Series>;
+using Key = std::pair<std::pair<long, long>, std::string>;  // value size, records, workload
+
+std::map<Key, ByStore> read(int argc, char** argv) {
+  std::map<Key, ByStore> all;
+  for (int i = 1; i < argc; ++i) {
+    std::ifstream file(argv[i]);
+    const nlohmann::json results = nlohmann::json::parse(file);
+    for (const auto& run : results.at("benchmarks")) {
+      if (run.value("run_type", "iteration") != "iteration" || run.contains("error_occurred"))
+        continue;
+      std::stringstream name(run.at("name").get<std::string>());
+      std::string workload, store, value, records;
+      std::getline(name, workload, '/');
+      std::getline(name, store, '/');
+      std::getline(name, value, '/');
+      std::getline(name, records, '/');
+      Series& series = all[{{std::stol(value), std::stol(records)}, workload}][store];
+      series.times.push_back(run.at("real_time").get<double>());
+      if (run.contains("disk_per_record")) {
+        series.diskPerRecord = run.at("disk_per_record").get<double>();
+      }
+    }
+  }
+  return all;
+}
+
+bool isOurs(const std::string& store) {
+  return store.starts_with("qvdbase");
+}
+
+std::string ratio(double time, double to) {
+  if (to <= 0) return "";
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2f", time / to);
+  return text;
+}
+
+std::string nanoseconds(double time) {
+  char text[32];
+  if (time < 1e4) {
+    std::snprintf(text, sizeof text, "%.0f ns", time);
+  } else if (time < 1e7) {
+    std::snprintf(text, sizeof text, "%.1f us", time / 1e3);
+  } else {
+    std::snprintf(text, sizeof text, "%.1f ms", time / 1e6);
+  }
+  return text;
+}
+
+void print(const Key& key, const ByStore& stores) {
+  double best = 0;
+  double raw = 0;
+  for (const auto& [store, series] : stores) {
+    if (store == "raw") raw = series.median();
+    if (isOurs(store) || store == "raw") continue;
+    best = best == 0 ? series.median() : std::min(best, series.median());
+  }
+  std::vector<std::pair<double, std::string>> order;
+  for (const auto& [store, series] : stores) order.emplace_back(series.median(), store);
+  std::sort(order.begin(), order.end());
+  for (const auto& [time, store] : order) {
+    const Series& series = stores.at(store);
+    const std::string disk =
+        series.diskPerRecord > 0 ? std::to_string(static_cast<long>(series.diskPerRecord)) : "";
+    std::printf("| %s | %s%s%s | %s | %.0f %% | %s | %s | %s |\n", key.second.c_str(),
+                isOurs(store) ? "**" : "", store.c_str(), isOurs(store) ? "**" : "",
+                nanoseconds(time).c_str(), series.spread() * 100, ratio(time, best).c_str(),
+                ratio(time, raw).c_str(), disk.c_str());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::pair<long, long> size{-1, -1};
+  for (const auto& [key, stores] : read(argc, argv)) {
+    if (key.first != size) {
+      size = key.first;
+      std::printf("\n### Values of %ld bytes, %ld records\n\n", size.first, size.second);
+      std::printf(
+          "| workload | store | median per operation | spread | to the best peer | to raw | "
+          "bytes on disk per record |\n|---|---|---|---|---|---|---|\n");
+    }
+    print(key, stores);
+  }
+  return 0;
+}

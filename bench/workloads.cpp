@@ -1,0 +1,283 @@
+// The workloads, each registered for every store, value size and number of records.
+//
+// A store is filled once for each size and number and then kept: reading workloads find it as it
+// was, those that change it change a few thousand records at each turn. The framework runs the
+// turns of all benchmarks in random order, so that a slow moment of the machine falls on all alike.
+#include <benchmark/benchmark.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <random>
+
+#include "raw.h"
+#include "store.h"
+
+namespace bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+std::filesystem::path scratchFolder() {
+  static const std::filesystem::path folder = [] {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/qvdbase-bench-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) failed("no scratch folder");
+    return std::filesystem::path(pattern);
+  }();
+  return folder;
+}
+
+std::uint64_t bytesOnDisk(const std::filesystem::path& folder) {
+  std::uint64_t bytes = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+    struct stat status;
+    if (stat(entry.path().c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+      bytes += static_cast<std::uint64_t>(status.st_blocks) * 512;
+    }
+  }
+  return bytes;
+}
+
+struct Case {
+  const StoreKind* kind;
+  std::size_t valueSize;
+  std::size_t records;
+};
+
+// A store that is filled and open.
+struct Filled {
+  std::filesystem::path folder;
+  std::unique_ptr<Store> store;
+  std::vector<Key> keys;
+  std::mt19937_64 random{1};
+
+  Key anyKey() { return keys[random() % keys.size()]; }
+};
+
+Bytes valueOf(std::size_t size) {
+  Bytes value(size);
+  for (std::size_t i = 0; i < size; ++i) value[i] = static_cast<char>(i * 31 + 7);
+  return value;
+}
+
+std::filesystem::path freshFolder() {
+  static int number = 0;
+  const auto folder = scratchFolder() / std::to_string(number++);
+  std::filesystem::create_directory(folder);
+  return folder;
+}
+
+Filled& filled(const Case& c) {
+  static std::map<std::string, Filled> all;
+  const std::string name =
+      c.kind->name + "/" + std::to_string(c.valueSize) + "/" + std::to_string(c.records);
+  Filled& entry = all[name];
+  if (entry.store != nullptr) return entry;
+  entry.folder = freshFolder();
+  entry.store = c.kind->make();
+  entry.store->open(entry.folder);
+  entry.store->appendMany(c.records, valueOf(c.valueSize), &entry.keys);
+  return entry;
+}
+
+// One turn of `operations` operations, timed as a whole.
+template <typename Operation>
+void timed(benchmark::State& state, std::size_t operations, Operation operation) {
+  for (auto unused : state) {
+    static_cast<void>(unused);
+    const auto start = Clock::now();
+    for (std::size_t i = 0; i < operations; ++i) operation();
+    state.SetIterationTime(secondsSince(start) / static_cast<double>(operations));
+  }
+}
+
+constexpr std::size_t kOperations = 2000;
+
+void append(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  const Bytes value = valueOf(c.valueSize);
+  timed(state, kOperations, [&] { f.keys.push_back(f.store->append(value)); });
+}
+
+void batch(benchmark::State& state, const Case& c) {
+  const Bytes value = valueOf(c.valueSize);
+  for (auto unused : state) {
+    static_cast<void>(unused);
+    const auto folder = freshFolder();
+    const auto store = c.kind->make();
+    store->open(folder);
+    const auto start = Clock::now();
+    store->appendMany(c.records, value, nullptr);
+    state.SetIterationTime(secondsSince(start) / static_cast<double>(c.records));
+    state.counters["disk_per_record"] =
+        static_cast<double>(bytesOnDisk(folder)) / static_cast<double>(c.records);
+    store->close();
+    std::filesystem::remove_all(folder);
+  }
+}
+
+void scanKeys(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  for (auto unused : state) {
+    static_cast<void>(unused);
+    const auto start = Clock::now();
+    benchmark::DoNotOptimize(f.store->scanKeys());
+    state.SetIterationTime(secondsSince(start) / static_cast<double>(f.keys.size()));
+  }
+}
+
+void scanValues(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  for (auto unused : state) {
+    static_cast<void>(unused);
+    const auto start = Clock::now();
+    if (f.store->scanValues() < f.keys.size() * c.valueSize / 2) failed(c.kind->name + ": scan");
+    state.SetIterationTime(secondsSince(start) / static_cast<double>(f.keys.size()));
+  }
+}
+
+void lookup(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  Bytes value;
+  static_cast<void>(f.store->get(f.anyKey(), &value));  // an index is built outside the time
+  timed(state, kOperations, [&] {
+    if (!f.store->get(f.anyKey(), &value)) failed(c.kind->name + ": lookup");
+  });
+}
+
+void absent(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  Bytes value;
+  static_cast<void>(f.store->get(f.anyKey(), &value));
+  timed(state, kOperations, [&] {
+    if (f.store->get((Key{1} << 62) + f.random() % 1000000, &value)) failed(c.kind->name);
+  });
+}
+
+void update(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  Bytes value = valueOf(c.valueSize);
+  static_cast<void>(f.store->get(f.anyKey(), &value));
+  value = valueOf(c.valueSize);
+  timed(state, kOperations, [&] {
+    if (!f.store->update(f.anyKey(), value)) failed(c.kind->name + ": update");
+  });
+}
+
+void grow(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  Bytes value;
+  static_cast<void>(f.store->get(f.anyKey(), &value));
+  std::size_t size = c.valueSize + c.valueSize / 2;
+  timed(state, kOperations, [&] {
+    value.assign(size, 'g');
+    if (!f.store->update(f.anyKey(), value)) failed(c.kind->name + ": grow");
+  });
+}
+
+void remove(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  Bytes value;
+  static_cast<void>(f.store->get(f.anyKey(), &value));
+  const std::size_t operations = std::min<std::size_t>(500, c.records / 20);
+  timed(state, operations, [&] {
+    const std::size_t place = f.random() % f.keys.size();
+    if (!f.store->remove(f.keys[place])) failed(c.kind->name + ": remove");
+    f.keys[place] = f.keys.back();
+    f.keys.pop_back();
+  });
+}
+
+void openAndRead(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  for (auto unused : state) {
+    static_cast<void>(unused);
+    f.store->close();
+    const auto start = Clock::now();
+    f.store->open(f.folder);
+    const bool found = c.kind->name.starts_with("qvdbase") || [&] {
+      Bytes value;
+      return f.store->get(f.keys.front(), &value);
+    }();
+    state.SetIterationTime(secondsSince(start));
+    if (!found) failed(c.kind->name + ": first read");
+  }
+}
+
+void compact(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  for (auto unused : state) {
+    static_cast<void>(unused);
+    const auto start = Clock::now();
+    if (!f.store->compact()) {
+      state.SkipWithError("does not compact");
+      return;
+    }
+    state.SetIterationTime(secondsSince(start) / static_cast<double>(f.keys.size()));
+  }
+}
+
+// What the walk of the C interface costs for each record: a search for one that is not there.
+void chainStep(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c);
+  Bytes value;
+  for (auto unused : state) {
+    static_cast<void>(unused);
+    const auto start = Clock::now();
+    if (f.store->get(12345, &value)) failed("found what is not there");
+    state.SetIterationTime(secondsSince(start) / static_cast<double>(f.keys.size()));
+  }
+}
+
+using Workload = void (*)(benchmark::State&, const Case&);
+
+void add(const char* workload, Workload run, const Case& c) {
+  const std::string name = std::string(workload) + "/" + c.kind->name + "/" +
+                           std::to_string(c.valueSize) + "/" + std::to_string(c.records);
+  benchmark::RegisterBenchmark(name.c_str(), [run, c](benchmark::State& state) { run(state, c); })
+      ->UseManualTime()
+      ->Iterations(1)
+      ->Unit(benchmark::kNanosecond);
+}
+
+void addAll(const Case& c) {
+  add("append", append, c);
+  add("batch", batch, c);
+  add("scan-ids", scanKeys, c);
+  add("open+read", openAndRead, c);
+  if (c.kind->name == "qvdbase-c") {
+    add("chain-step", chainStep, c);
+    return;
+  }
+  add("scan-payloads", scanValues, c);
+  add("lookup", lookup, c);
+  add("absent", absent, c);
+  add("update", update, c);
+  add("grow", grow, c);
+  add("delete", remove, c);
+  add("compact", compact, c);
+}
+
+}  // namespace
+
+void registerWorkloads(const std::vector<std::size_t>& valueSizes,
+                       const std::vector<std::size_t>& recordCounts) {
+  for (const std::size_t valueSize : valueSizes) {
+    for (const std::size_t records : recordCounts) {
+      for (const StoreKind& kind : storeKinds()) addAll({&kind, valueSize, records});
+      registerRaw(valueSize, records, scratchFolder());
+    }
+  }
+}
+
+void removeScratch() {
+  std::filesystem::remove_all(scratchFolder());
+}
+
+}  // namespace bench
