@@ -17,9 +17,6 @@ class Gdbm : public Store {
   void open(const std::filesystem::path& folder) override {
     db_ = gdbm_open((folder / "data.gdbm").c_str(), 0, GDBM_WRCREAT, 0644, nullptr);
     if (db_ == nullptr) failed("gdbm: open");
-    gdbm_count_t count = 0;
-    gdbm_count(db_, &count);
-    next_ = count + 1;
   }
   void close() override { gdbm_close(db_); }
 

@@ -21,9 +21,6 @@ class Lmdb : public Store {
     check(mdb_env_open(env_, folder.c_str(), MDB_NOSYNC | flags_, 0644));
     MDB_txn* txn = begin(0);
     check(mdb_dbi_open(txn, nullptr, MDB_CREATE, &dbi_));
-    MDB_stat stat;
-    check(mdb_stat(txn, dbi_, &stat));
-    next_ = stat.ms_entries + 1;
     check(mdb_txn_commit(txn));
   }
   void close() override { mdb_env_close(env_); }

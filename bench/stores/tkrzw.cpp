@@ -16,7 +16,6 @@ class Tkrzw : public Store {
     tkrzw::HashDBM::TuningParameters tuning;
     tuning.num_buckets = 2'000'003;
     check(db_.OpenAdvanced(folder / "data.tkh", true, tkrzw::File::OPEN_DEFAULT, tuning));
-    next_ = static_cast<Key>(db_.CountSimple()) + 1;
   }
   void close() override { check(db_.Close()); }
 

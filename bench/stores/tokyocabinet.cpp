@@ -16,7 +16,6 @@ class TokyoCabinet : public Store {
     tchdbsetxmsiz(db_, std::int64_t{64} << 20);
     if (!tchdbopen(db_, (folder / "data.tch").c_str(), HDBOWRITER | HDBOCREAT))
       failed("tokyocabinet: open");
-    next_ = tchdbrnum(db_) + 1;
   }
   void close() override { tchdbdel(db_); }
 
