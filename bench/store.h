@@ -39,6 +39,11 @@ class Store {
   virtual bool update(Key key, std::span<const char> value) = 0;
   virtual bool remove(Key key) = 0;
 
+  // The read of one record right after opening: the first one.
+  virtual void firstRead(Key first, Bytes* value) {
+    if (!get(first, value)) throw std::runtime_error("the first record is not there");
+  }
+
   // Gives dead space back; false when the store cannot.
   virtual bool compact() = 0;
 };

@@ -50,10 +50,11 @@ class Indexed : public Store {
   }
   std::uint64_t scanValues() override {
     std::uint64_t sum = 0;
-    std::vector<std::byte> buffer;
-    for (const qvdb::Record& record : table_->records()) {
-      record.payload(buffer);
-      sum += buffer.size();
+    Bytes copy;
+    for (const qvdb::Record& record : table_->records(qvdb::Load::payloads)) {
+      const auto* bytes = reinterpret_cast<const char*>(record.loaded().data());
+      copy.assign(bytes, bytes + record.loaded().size());
+      sum += copy.size();
     }
     return sum;
   }
@@ -75,6 +76,14 @@ class Indexed : public Store {
     return table_->remove(qvdb::Id{key});
   }
   bool compact() override { return false; }
+  void firstRead(Key, Bytes* value) override {
+    for (const qvdb::Record& record : table_->records()) {
+      const std::vector<std::byte> payload = record.payload();
+      value->assign(reinterpret_cast<const char*>(payload.data()),
+                    reinterpret_cast<const char*>(payload.data()) + payload.size());
+      return;
+    }
+  }
 
  private:
   static constexpr std::size_t kLargestValue = 4096;
@@ -135,6 +144,10 @@ class PlainC : public Store {
   bool update(Key, std::span<const char>) override { return false; }
   bool remove(Key) override { return false; }
   bool compact() override { return false; }
+  void firstRead(Key key, Bytes*) override {
+    oneRecordInfoP1 info;
+    if (GetOneRecordInfo(db_, table_, key, &info, nullptr) != 1) failed("qvdbase: first read");
+  }
 
  private:
   std::int16_t db_ = 0;

@@ -2,13 +2,16 @@
 #include "format/block_heads.h"
 
 #include <cstring>
+#include <type_traits>
+
+#include "format/big_endian.h"
 
 namespace qvdbase {
 namespace {
 
 template <typename Field>
 void load(const unsigned char* bytes, Field* field) {
-  *field = static_cast<Field>(loadBigEndian(bytes, sizeof(Field)));
+  *field = static_cast<Field>(loadBigEndian<std::make_unsigned_t<Field>>(bytes));
 }
 
 template <typename Field>

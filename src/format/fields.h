@@ -9,28 +9,20 @@
 
 #include <qvdbase/qvdbase.h>
 
-#include <cstddef>
 #include <cstdint>
-#include <utility>
 
+#include "format/big_endian.h"
 #include "support/file_transfers.h"
 
 namespace qvdbase {
 
 namespace detail {
 
-// Composed in one expression, which compilers turn into a load and a byte swap.
-template <typename Unsigned, std::size_t... index>
-Unsigned composed(const unsigned char* bytes, std::index_sequence<index...>) {
-  return static_cast<Unsigned>(
-      ((static_cast<uint64_t>(bytes[index]) << 8 * (sizeof(Unsigned) - 1 - index)) | ...));
-}
-
 template <typename Unsigned>
 [[nodiscard]] inline bool readBigEndian(int16_t file, Unsigned* value) {
   unsigned char bytes[sizeof(Unsigned)];
   if (!readFile(file, bytes, sizeof bytes, &gbl_realReaden)) return false;
-  *value = composed<Unsigned>(bytes, std::make_index_sequence<sizeof(Unsigned)>());
+  *value = loadBigEndian<Unsigned>(bytes);
   return true;
 }
 

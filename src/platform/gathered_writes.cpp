@@ -49,6 +49,10 @@ bool isPending(const FileEntry* file, int64_t position, size_t count) {
                             static_cast<uint64_t>(pending.position - position) < count);
 }
 
+int64_t pendingEnd(const FileEntry* file) {
+  return isPending(file) ? pending.position + static_cast<int64_t>(pending.length) : -1;
+}
+
 bool flushGathered() {
   if (pending.length == 0) return true;
   const size_t length = pending.length;

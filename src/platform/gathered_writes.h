@@ -26,6 +26,9 @@ void gatherWrite(const FileEntry* file, int64_t position, const void* buffer, si
 bool isPending(const FileEntry* file);
 bool isPending(const FileEntry* file, int64_t position, size_t count);
 
+// Where the pending bytes of this file end, or -1 when there are none.
+int64_t pendingEnd(const FileEntry* file);
+
 // Hands the pending bytes to the host. False when it did not take them all; they are gone then.
 bool flushGathered();
 

@@ -82,29 +82,25 @@ bool windowsHold(const FileEntry* file, int64_t position, size_t count) {
                      [&](const ReadWindow& window) { return window.holds(file, position, count); });
 }
 
-size_t readThroughWindows(const FileEntry* file, int64_t position, void* buffer, size_t count,
-                          const ReadWindow** served) {
-  *served = nullptr;
-  if (count > kLargestWindow / 2 || position > kLastWindowPosition) {
-    return readPlain(descriptorOf(*file), position, buffer, count);
-  }
+size_t ReadWindow::copy(int64_t position, void* buffer, size_t count) const {
+  const auto offset = static_cast<size_t>(position - start);
+  const size_t held = length <= offset ? 0 : std::min(count, length - offset);
+  if (held > 0) std::memcpy(buffer, bytes + offset, held);
+  return held;
+}
+
+const ReadWindow* windowWith(const FileEntry* file, int64_t position, size_t count) {
+  if (count > kLargestWindow / 2 || position > kLastWindowPosition) return nullptr;
   for (ReadWindow& window : windows) {
     if (!window.holds(file, position, count)) continue;
-    *served = &window;
     window.lastUsed = ++fillings;
-    std::memcpy(buffer, window.bytes + (position - window.start), count);
-    return count;
+    return &window;
   }
-
   ReadWindow& window = windowToRefill();
   placeWindow(window, neighbour(file, position), position, count);
-  const auto offset = static_cast<size_t>(position - window.start);
-  fill(window, file, offset + count);
+  fill(window, file, static_cast<size_t>(position - window.start) + count);
   window.lastUsed = ++fillings;
-  *served = &window;
-  const size_t got = window.length <= offset ? 0 : std::min(count, window.length - offset);
-  if (got > 0) std::memcpy(buffer, window.bytes + offset, got);
-  return got;
+  return &window;
 }
 
 void fillWindow(const FileEntry* file, int64_t position, size_t count) {

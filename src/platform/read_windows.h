@@ -31,16 +31,18 @@ struct ReadWindow {
     const auto offset = static_cast<uint64_t>(position - start);
     return offset <= length && count <= length - offset;
   }
+
+  // Copies as many of the bytes as it holds, and returns how many those are. The window begins at
+  // or before the position.
+  size_t copy(int64_t position, void* buffer, size_t count) const;
 };
 
 // Whether a window holds all of a read.
 bool windowsHold(const FileEntry* file, int64_t position, size_t count);
 
-// Serves a read from the windows, filling one if need be. Stores the window that served it, or null
-// when the read was too large for one and went past them. Returns the number of bytes read, fewer
-// than `count` when the file ends or the host fails.
-size_t readThroughWindows(const FileEntry* file, int64_t position, void* buffer, size_t count,
-                          const ReadWindow** served);
+// The window that holds a read, filled for it if need be; it holds less when the file ends or the
+// host fails. Null when the read is too large for a window.
+const ReadWindow* windowWith(const FileEntry* file, int64_t position, size_t count);
 
 // Fills a window with these bytes, unless one holds them.
 void fillWindow(const FileEntry* file, int64_t position, size_t count);

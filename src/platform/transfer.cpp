@@ -57,25 +57,49 @@ struct ScopeAccess {
 
 namespace {
 
-size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
+// The window for a read, or null: when the read is too large for one, and, with *refused set, when
+// writes that must go first are refused.
+const ReadWindow* windowFor(const FileEntry* entry, int64_t position, size_t count, bool* refused) {
   // A window must not be filled with what gathered writes are about to change.
-  const bool mustFlush = isPending(file.entry, file.position, count) ||
-                         (isPending(file.entry) && !windowsHold(file.entry, file.position, count));
-  if (mustFlush && !ScopeAccess::flush()) return 0;
-  const ReadWindow* window = nullptr;
-  const size_t done = readThroughWindows(file.entry, file.position, buffer, count, &window);
-  if (window == nullptr || isPending(file.entry)) {
-    serveFromNothing();
-  } else {
+  const bool mustFlush = isPending(entry, position, count) ||
+                         (isPending(entry) && !windowsHold(entry, position, count));
+  serveFromNothing();
+  *refused = mustFlush && !ScopeAccess::flush();
+  if (*refused) return nullptr;
+  const ReadWindow* window = windowWith(entry, position, count);
+  if (window != nullptr && !isPending(entry)) {
     detail::servedWindow = {window->entry, window->start, window->length, window->bytes};
   }
-  return done;
+  return window;
+}
+
+size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
+  bool refused = false;
+  const ReadWindow* window = windowFor(file.entry, file.position, count, &refused);
+  if (refused) return 0;
+  if (window == nullptr) return readPlain(file.descriptor, file.position, buffer, count);
+  return window->copy(file.position, buffer, count);
+}
+
+// Fields of one header lie a few bytes apart. Where the bytes between have been read in this call
+// they are gathered too, so that the fields reach the host as one write, in their order.
+constexpr int64_t kLargestGap = 64;
+
+void gatherGap(const FileEntry* entry, int64_t position) {
+  const int64_t end = pendingEnd(entry);
+  if (end < 0 || position <= end || position - end > kLargestGap) return;
+  const auto count = static_cast<size_t>(position - end);
+  if (!windowsHold(entry, end, count) || !canGather(entry, end, count)) return;
+  uint8_t gap[kLargestGap];
+  windowWith(entry, end, count)->copy(end, gap, count);
+  gatherWrite(entry, end, gap, count);
 }
 
 size_t writeInScope(const OpenFile& file, const void* buffer, size_t count) {
   if (ScopeAccess::failed()) return 0;
   serveFromNothing();
   const size_t wanted = bytesBelow(sizeLimitInScope(), file.position, count);
+  gatherGap(file.entry, file.position);
   if (!canGather(file.entry, file.position, wanted) && !ScopeAccess::flush()) return 0;
   size_t done = wanted;
   if (canGather(file.entry, file.position, wanted)) {
@@ -95,6 +119,14 @@ size_t writeOutsideScope(const OpenFile& file, const void* buffer, size_t count)
 }  // namespace
 
 constinit detail::ServedWindow detail::servedWindow = {};
+
+const uint8_t* detail::viewElsewhere(const OpenFile& file, int64_t position, uint32_t count) {
+  if (currentScope == nullptr || count == 0 || position < 0) return nullptr;
+  bool refused = false;
+  const ReadWindow* window = windowFor(file.entry, position, count, &refused);
+  if (window == nullptr || !window->holds(file.entry, position, count)) return nullptr;
+  return window->bytes + (position - window->start);
+}
 
 bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved) {
   *moved = 0;

@@ -4,7 +4,8 @@
 // transfer is a system call. A scope spans one exported call of the library; inside it reads are
 // served from windows and neighbouring writes are gathered, under these rules:
 //
-//   1. Writes reach the host in the order in which they were made.
+//   1. Writes reach the host in the order in which they were made. Between two fields of one header
+//      a few bytes may be written again as they are, so that the fields go out together.
 //   2. Gathered writes are handed over before anything could observe them: before a read of their
 //      bytes, before the file's length is asked, before a transfer on another file, before a
 //      caller's function is called, and at the end of the scope.
@@ -34,6 +35,7 @@ struct ServedWindow {
 extern ServedWindow servedWindow;
 
 bool readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved);
+const uint8_t* viewElsewhere(const OpenFile& file, int64_t position, uint32_t count);
 
 }  // namespace detail
 
@@ -51,6 +53,18 @@ inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_
   file.position += count;
   *moved = count;
   return true;
+}
+
+// The bytes at a place of the file where they lie in memory, without moving the position; they hold
+// until the next transfer. Null outside a scope, and where not all of them can be had: reading them
+// tells more.
+inline const uint8_t* viewBytes(const OpenFile& file, int64_t position, uint32_t count) {
+  const detail::ServedWindow& window = detail::servedWindow;
+  const uint64_t offset = static_cast<uint64_t>(position) - static_cast<uint64_t>(window.start);
+  if (file.entry != window.entry || offset >= window.length || count > window.length - offset) {
+    return detail::viewElsewhere(file, position, count);
+  }
+  return window.bytes + offset;
 }
 
 // Fills a window with these bytes, when a scope is open. Changes nothing else, and never fails: the

@@ -1,9 +1,28 @@
 // One forward walk along a table's chain of records.
 #include "qvdb/chain_walker.h"
 
+#include <cstring>
+
 #include "QVDbase/record_find.h"
+#include "format/block_heads.h"
+#include "support/file_transfers.h"
 
 namespace qvdb::detail {
+
+namespace {
+
+// The header in one view, or, where there is none, field by field.
+bool readHead(std::int16_t db, std::int64_t position, const unsigned char* tableID,
+              recordPart1* header) {
+  const unsigned char* view = qvdbase::viewFile(db, position, qvdbase::record::kData);
+  if (view == nullptr) return qvdbase::readRecordHeaderAt(db, position, tableID, header);
+  *header = qvdbase::decodeRecordHead(view);
+  return header->blockMark == qvdbase::kRecordMark &&
+         header->headerSize == qvdbase::kRecordHeaderSize &&
+         std::memcmp(header->tableID, tableID, sizeof header->tableID) == 0;
+}
+
+}  // namespace
 
 ChainWalker::Step ChainWalker::damaged(const char* how) {
   damage_ = how;
@@ -16,7 +35,7 @@ ChainWalker::Step ChainWalker::next(std::int16_t db, recordPart1* header, std::i
   ++number_;
   if (nextPos_ == 0) return damaged("the chain ends before it");
   if (loop_.visited(nextPos_)) return damaged("the chain comes round to an earlier record");
-  if (!qvdbase::readRecordHeaderAt(db, nextPos_, slot_.tableID, header)) {
+  if (!readHead(db, nextPos_, slot_.tableID, header)) {
     return damaged("the chain leads to a place where no record of this table stands");
   }
   *recordPos = nextPos_;

@@ -83,8 +83,8 @@ std::uint32_t Table::count() const {
   return operation.table(id_).slot.recordCount;
 }
 
-RecordRange Table::records() const {
-  return RecordRange(database_, id_);
+RecordRange Table::records(Load load) const {
+  return RecordRange(database_, id_, load);
 }
 
 RecordIndex Table::index() const {

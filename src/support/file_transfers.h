@@ -20,6 +20,13 @@ inline bool writeFile(int16_t file, const void* buffer, uint32_t count, uint32_t
   return openFile != nullptr && platform::writeAtPosition(*openFile, buffer, count, moved);
 }
 
+// Bytes of the file where they lie in memory, until the next transfer; null when they cannot be had
+// that way. Moves no position.
+inline const unsigned char* viewFile(int16_t file, int64_t position, uint32_t count) {
+  const platform::OpenFile* openFile = platform::findOpenFile(file);
+  return openFile == nullptr ? nullptr : platform::viewBytes(*openFile, position, count);
+}
+
 // Reads some bytes into memory inside a scope, for the reads that will follow there. What cannot be
 // read is left to them.
 inline void readAhead(int16_t file, int64_t position, uint32_t count) {

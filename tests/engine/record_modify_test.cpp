@@ -491,9 +491,17 @@ TEST_F(RecordModify, WritesTimeLengthAndPayloadInThatOrder) {
   threeRecords();
   const auto log =
       ranges(writesOf([](std::int16_t db) { return modify(db, kB, bytesOf("fits")); }));
+#if defined(QVDBASE_PLAIN_TRANSFERS)
   const std::vector<Write> expected = {{b + 27, hex("5F5E1000"), kDefaultFile},
                                        {b + 47, hex("00000004"), kDefaultFile},
                                        {b + 55, bytesOf("fits"), kDefaultFile}};
+#else
+  // Links and capacity lie between; they go out again as they were.
+  const Bytes block = image.build().from(static_cast<std::size_t>(b));
+  const Bytes whole =
+      Bytes(hex("5F5E1000")).add(block.at(31, 16)).be(4, 4).add(block.at(51, 4)).text("fits");
+  const std::vector<Write> expected = {{b + 27, whole, kDefaultFile}};
+#endif
   EXPECT_EQ(log, expected);
 }
 

@@ -136,6 +136,33 @@ TEST_F(Transfers, WritesReachSeveralFilesInTheOrderInWhichTheyWereMade) {
   EXPECT_EQ(host.writes()[2].file, "one");
 }
 
+TEST_F(Transfers, FieldsAFewBytesApartAreOneSystemCallWhereTheBytesBetweenWereRead) {
+  if (!kGathers) GTEST_SKIP();
+  const Bytes before = patterned(200);
+  const int16_t file = open("f", before);
+  RecordedCalls host;
+  TransferScope scope;
+  EXPECT_EQ(readAt(file, 0, 1).size(), 1u);
+  EXPECT_TRUE(writeAt(file, 10, "ab"));
+  EXPECT_TRUE(writeAt(file, 28, "cd"));
+  EXPECT_TRUE(writeAt(file, 100, "ef"));  // too far off
+  EXPECT_TRUE(scope.end());
+  ASSERT_EQ(host.writes().size(), 2u);
+  EXPECT_EQ(host.writes()[0].bytes.str(), "ab" + before.str().substr(12, 16) + "cd");
+  EXPECT_EQ(host.writes()[1].bytes.str(), "ef");
+}
+
+TEST_F(Transfers, BytesThatWereNotReadAreNotWritten) {
+  if (!kGathers) GTEST_SKIP();
+  const int16_t file = open("f", patterned(200));
+  RecordedCalls host;
+  TransferScope scope;
+  EXPECT_TRUE(writeAt(file, 10, "ab"));
+  EXPECT_TRUE(writeAt(file, 28, "cd"));
+  EXPECT_TRUE(scope.end());
+  EXPECT_EQ(host.writes().size(), 2u);
+}
+
 TEST_F(Transfers, WhatWasWrittenIsReadBackAndWithTheSystemByThen) {
   const int16_t file = open("f", patterned(100));
   RecordedCalls host;
@@ -221,7 +248,7 @@ TEST_F(Transfers, ARefusedWriteFailsWhereItIsHandedOverAndAtTheEnd) {
   TransferScope scope;
   EXPECT_EQ(readAt(file, 0, 100).size(), 100u);
   EXPECT_TRUE(writeAt(file, 10, "lost"));
-  EXPECT_FALSE(writeAt(file, 50, "behind"));  // hands the first one over
+  EXPECT_FALSE(writeAt(file, 90, "behind"));  // hands the first one over
   EXPECT_FALSE(write(file, "later"));         // though the host would take it now
   EXPECT_EQ(readAt(file, 10, 4), before.str().substr(10, 4));
   EXPECT_FALSE(scope.end());

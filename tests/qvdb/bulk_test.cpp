@@ -119,5 +119,63 @@ TEST_F(LayerBulk, SaysThatTheFileCannotBeWritten) {
   EXPECT_EQ(table.count(), idsOf(table).size());
 }
 
+using LayerLoadedWalk = LayerTest;
+
+TEST_F(LayerLoadedWalk, DeliversEveryPayloadWithItsRecord) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  std::vector<Bytes> payloads;
+  for (std::size_t i = 0; i < 700; ++i) {
+    payloads.push_back(Bytes(i % 7 == 0 ? 0 : i * 13 % 900, static_cast<uint8_t>(i)));
+  }
+  payloads.push_back(Bytes(400'000, 'L'));  // more than a window holds
+  payloads.push_back(Bytes(5, 'e'));
+  for (const Bytes& payload : payloads) table.add(span(payload), 3);
+  std::vector<Bytes> loaded;
+  for (const qvdb::Record& record : table.records(qvdb::Load::payloads)) {
+    loaded.push_back(bytes(record.loaded()));
+  }
+  EXPECT_EQ(loaded, payloads);
+}
+
+TEST_F(LayerLoadedWalk, LoadsNothingUnlessAsked) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  table.add(span(bytesOf("abc")));
+  for (const qvdb::Record& record : table.records()) EXPECT_TRUE(record.loaded().empty());
+}
+
+TEST_F(LayerLoadedWalk, DeliversTheRecordsBeforeAPayloadThatIsCutOff) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  for (int i = 0; i < 5; ++i) table.add(span(Bytes(100, 'x')));
+  database.close();
+  writeFile(path(), contents().cut(fileSize() - 50));
+  allowDamage();
+  auto damaged = openDatabase(qvdb::Mode::read_only);
+  auto cut = damaged.table("t");
+  int delivered = 0;
+  expectError(Reason::data_damaged, [&] {
+    for (const qvdb::Record& record : cut.records(qvdb::Load::payloads)) {
+      EXPECT_EQ(record.loaded().size(), 100u);
+      ++delivered;
+    }
+  });
+  EXPECT_EQ(delivered, 4);
+}
+
+TEST_F(LayerLoadedWalk, SeesWhatTheLayerChangesMeanwhile) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  std::vector<Id> ids;
+  for (int i = 0; i < 4; ++i) ids.push_back(table.add(span(Bytes(10, 'a'))));
+  std::vector<std::string> seen;
+  for (const qvdb::Record& record : table.records(qvdb::Load::payloads)) {
+    seen.push_back(bytes(record.loaded()).str());
+    if (record.id() == ids[0]) table.modify(ids[2], span(bytesOf("changed")));
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"aaaaaaaaaa", "aaaaaaaaaa", "changed", "aaaaaaaaaa"}));
+}
+
 }  // namespace
 }  // namespace qvdbase::test

@@ -62,7 +62,7 @@ class QVDBASE_API Table {
   // ---- Reading records
 
   // All records, in order. Nothing is read before the walk begins.
-  RecordRange records() const;
+  RecordRange records(Load load = Load::headers) const;
 
   // Searches a record; of several with the identifier, the first. Nothing when there is none.
   // Throws chain_damaged when the record is not found before the damage.
