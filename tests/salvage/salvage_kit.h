@@ -66,9 +66,10 @@ inline const ReadTable* tableNamed(const ReadDatabase& database, const std::stri
 }
 
 // The records that a salvage would take, with their payloads, without writing the new file.
-inline std::map<std::pair<std::uint64_t, std::uint64_t>, Bytes> takenRecords(const Bytes& bytes) {
+inline std::map<std::pair<std::uint64_t, std::uint64_t>, Bytes> takenRecords(
+    const Bytes& bytes, const qvdb::SalvageOptions& options = {}) {
   const raw::Survey survey = surveyOf(bytes);
-  const salvage::Plan plan = salvage::makePlan(survey, {});
+  const salvage::Plan plan = salvage::makePlan(survey, options);
   std::map<std::pair<std::uint64_t, std::uint64_t>, Bytes> records;
   for (const salvage::PlannedTable& table : plan.tables) {
     for (const std::uint32_t number : table.records) {

@@ -1,0 +1,25 @@
+// How much the long families try: a sample in the ordinary suite, everything with
+// QVDBASE_TEST_ALL=1 in the environment (scripts/test --all).
+#ifndef QVDBASE_TESTS_SUPPORT_TEST_EXTENT_H
+#define QVDBASE_TESTS_SUPPORT_TEST_EXTENT_H
+
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+namespace qvdbase::test {
+
+inline bool testEverything() {
+  const char* const all = std::getenv("QVDBASE_TEST_ALL");
+  return all != nullptr && *all != '\0' && std::string(all) != "0";
+}
+
+// One line of what a family has tried, for docs/testing.md: scripts/test-counts collects them.
+inline void tellCount(const std::string& what, std::uint64_t count) {
+  std::cout << "COUNT " << what << ": " << count << std::endl;
+}
+
+}  // namespace qvdbase::test
+
+#endif
