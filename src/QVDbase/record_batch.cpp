@@ -105,12 +105,12 @@ bool RecordBatch::finish() {
 // counts, and a piece that is refused must not make the taking in of those before it fail.
 bool RecordBatch::writePiece() {
   if (pieceUsed_ == 0) return true;
-  CallScope scope;
+  SavedPosition position(db_);
   const uint32_t length = pieceUsed_;
   pieceUsed_ = 0;
   const bool written =
       endsAt(db_, piecePos_) && writeBytes(db_, piece_.data(), length) && linkToWritten(piecePos_);
-  const bool complete = scope.end() && written;
+  const bool complete = position.restore(written);
   piecePos_ += length;
   if (complete) written_ = added_;
   failed_ = !complete;
@@ -120,14 +120,14 @@ bool RecordBatch::writePiece() {
 // A block that no piece can hold. The piece before it has been written.
 bool RecordBatch::writeAlone(const unsigned char* header, const unsigned char* payload,
                              const BatchRecord& record, uint32_t capacity) {
-  CallScope scope;
+  SavedPosition position(db_);
   const int64_t blockPos = piecePos_;
   const uint32_t fill = capacity - record.dataLength;
   const bool written = endsAt(db_, blockPos) && writeBytes(db_, header, record::kData) &&
                        writeBytes(db_, payload, record.dataLength) &&
                        (fill == 0 || internal_WriteEmptyDatas(db_, fill) == 1) &&
                        writeUint8(db_, kBlockEndMark) && linkToWritten(blockPos);
-  const bool complete = scope.end() && written;
+  const bool complete = position.restore(written);
   piecePos_ += int64_t{capacity} + kRecordBlockOverhead;
   failed_ = !complete;
   if (!complete) return false;

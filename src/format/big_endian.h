@@ -16,12 +16,23 @@ Unsigned composed(const unsigned char* bytes, std::index_sequence<index...>) {
       ((static_cast<uint64_t>(bytes[index]) << 8 * (sizeof(Unsigned) - 1 - index)) | ...));
 }
 
+template <typename Unsigned, std::size_t... index>
+void decomposed(unsigned char* bytes, Unsigned value, std::index_sequence<index...>) {
+  ((bytes[index] = static_cast<unsigned char>(value >> 8 * (sizeof(Unsigned) - 1 - index) & 0xFF)),
+   ...);
+}
+
 }  // namespace detail
 
 // Composed in one expression, which compilers turn into a load and a byte swap.
 template <typename Unsigned>
 Unsigned loadBigEndian(const unsigned char* bytes) {
   return detail::composed<Unsigned>(bytes, std::make_index_sequence<sizeof(Unsigned)>());
+}
+
+template <typename Unsigned>
+void storeBigEndian(unsigned char* bytes, Unsigned value) {
+  detail::decomposed(bytes, value, std::make_index_sequence<sizeof(Unsigned)>());
 }
 
 }  // namespace qvdbase

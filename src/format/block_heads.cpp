@@ -16,7 +16,7 @@ void load(const unsigned char* bytes, Field* field) {
 
 template <typename Field>
 void store(unsigned char* bytes, Field field) {
-  storeBigEndian(bytes, sizeof(Field), static_cast<uint64_t>(field));
+  storeBigEndian(bytes, static_cast<std::make_unsigned_t<Field>>(field));
 }
 
 }  // namespace

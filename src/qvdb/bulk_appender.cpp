@@ -92,10 +92,8 @@ Id BulkAppender::add(const NewRecord& record) {
   entry.modifyTime = entry.createTime;
   entry.dataLength = static_cast<std::uint32_t>(record.payload.size());
   entry.reserve = record.reserve;
-  const std::int64_t position = myGetFilePos(operation.db());
   const bool done =
       bulk_->batch.add(entry, reinterpret_cast<const unsigned char*>(record.payload.data()));
-  myFileSeek(operation.db(), position, kFromStart);
   if (done) return Id{qvdbase::identifierNumber(entry.recordID)};
 
   ReadScope scope(operation.db());

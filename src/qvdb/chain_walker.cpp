@@ -9,9 +9,6 @@
 
 namespace qvdb::detail {
 
-namespace {
-
-// The header in one view, or, where there is none, field by field.
 bool readHead(std::int16_t db, std::int64_t position, const unsigned char* tableID,
               recordPart1* header) {
   const unsigned char* view = qvdbase::viewFile(db, position, qvdbase::record::kData);
@@ -21,8 +18,6 @@ bool readHead(std::int16_t db, std::int64_t position, const unsigned char* table
          header->headerSize == qvdbase::kRecordHeaderSize &&
          std::memcmp(header->tableID, tableID, sizeof header->tableID) == 0;
 }
-
-}  // namespace
 
 ChainWalker::Step ChainWalker::damaged(const char* how) {
   damage_ = how;

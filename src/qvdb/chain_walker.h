@@ -9,6 +9,11 @@
 
 namespace qvdb::detail {
 
+// Reads the header of a record of this table in one view, or, where there is none, field by field.
+// False when no such header stands there.
+bool readHead(std::int16_t db, std::int64_t position, const unsigned char* tableID,
+              recordPart1* header);
+
 class ChainWalker {
  public:
   ChainWalker() = default;

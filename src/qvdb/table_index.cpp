@@ -4,6 +4,7 @@
 #include <qvdbase/qvdb/index.hpp>
 
 #include <algorithm>
+#include <cstdlib>
 #include <new>
 
 #include "format/identifiers.h"
@@ -23,31 +24,32 @@ std::size_t RecordIndex::bytes() const noexcept {
 namespace detail {
 namespace {
 
-// Around a record that is looked up: room for the header before it and for its payload and the
-// header behind it, when records are small.
-constexpr std::int64_t kReadBefore = 1280;
-constexpr std::uint32_t kReadAround = 4096;
+// How much is read around a record that is looked up: the header before it, its payload and the
+// header behind it, when records lie in order and have about the usual size.
+constexpr std::int64_t kLeastAround = 256;
+constexpr std::int64_t kMostAround = 4096;
 
 Id tableOf(const tablePart1& slot) {
   return Id{qvdbase::identifierNumber(slot.tableID)};
 }
 
-void readNeighbourhood(std::int16_t db, std::int64_t position) {
-  qvdbase::readAhead(db, std::max<std::int64_t>(0, position - kReadBefore), kReadAround);
+void readNeighbourhood(std::int16_t db, const TableIndex& index, std::int64_t position) {
+  const std::int64_t before = std::clamp(index.usualBlock, kLeastAround, kMostAround);
+  const std::int64_t from = std::max<std::int64_t>(0, position - before);
+  const std::int64_t behind = before + qvdbase::record::kData;
+  qvdbase::readAhead(db, from, static_cast<std::uint32_t>(position - from + behind));
 }
 
 // The neighbours that are records; the ends of the chain are the slot's affair.
 bool neighboursPointBack(std::int16_t db, const unsigned char* tableID, const recordPart1& header,
                          std::int64_t position) {
   recordPart1 neighbour;
-  if (header.prevRecordPos != 0 &&
-      (!qvdbase::readRecordHeaderAt(db, header.prevRecordPos, tableID, &neighbour) ||
-       neighbour.nextRecordPos != position)) {
+  if (header.prevRecordPos != 0 && (!readHead(db, header.prevRecordPos, tableID, &neighbour) ||
+                                    neighbour.nextRecordPos != position)) {
     return false;
   }
-  return header.nextRecordPos == 0 ||
-         (qvdbase::readRecordHeaderAt(db, header.nextRecordPos, tableID, &neighbour) &&
-          neighbour.prevRecordPos == position);
+  return header.nextRecordPos == 0 || (readHead(db, header.nextRecordPos, tableID, &neighbour) &&
+                                       neighbour.prevRecordPos == position);
 }
 
 bool isEndOfChain(const recordPart1& header) {
@@ -63,12 +65,20 @@ bool verify(const Operation& operation, const TableIndex& index, Id record,
             qvdbase::FoundRecord* found) {
   unsigned char tableID[qvdbase::kIdentifierSize];
   internal_ConvertInt64_2UuID(index.table.value, tableID);
-  readNeighbourhood(operation.db(), found->recordPos);
-  return qvdbase::readRecordHeaderAt(operation.db(), found->recordPos, tableID, &found->header) &&
+  readNeighbourhood(operation.db(), index, found->recordPos);
+  return readHead(operation.db(), found->recordPos, tableID, &found->header) &&
          qvdbase::identifierNumber(found->header.recordID) == record.value &&
          neighboursPointBack(operation.db(), tableID, found->header, found->recordPos) &&
          (!isEndOfChain(found->header) ||
           slotAgrees(operation.table(index.table).slot, found->header, found->recordPos));
+}
+
+// The distance between blocks, with a quarter to spare for the larger ones.
+std::int64_t usualBlock(const tablePart1& slot) {
+  if (slot.firstRecordPos < 0 || slot.lastRecordPos < 0) return 0;
+  const std::int64_t records = std::max<std::int64_t>(1, slot.recordCount);
+  const std::int64_t spread = std::abs(slot.lastRecordPos - slot.firstRecordPos) / records;
+  return spread + spread / 4;
 }
 
 bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index) {
@@ -116,6 +126,7 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
   if (walkerOut != nullptr) *walkerOut = walker;
   if (!complete) return false;
   index.state = chainState(slot);
+  index.usualBlock = usualBlock(slot);
   index.isStale = false;
   return true;
 }

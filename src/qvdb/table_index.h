@@ -28,8 +28,9 @@ struct TableIndex {
   Id table;
   IndexMap map;
   ChainState state;
-  bool isStale = true;         // to be built again before it is used
-  bool hasDuplicates = false;  // some identifier is there twice; the map has the first one
+  std::int64_t usualBlock = 0;  // bytes from one record to the next, about
+  bool isStale = true;          // to be built again before it is used
+  bool hasDuplicates = false;   // some identifier is there twice; the map has the first one
 };
 
 // The outcome of asking an index: it knows the record, knows that there is none, or does not know.
