@@ -32,6 +32,14 @@ bool walkSucceeds(const Table& table, uint32_t count) {
   return table.forward.blocks.size() >= count || table.forward.end == WalkEnd::loop;
 }
 
+// Listing goes where the last counted record's link leads, too, though it does not read there.
+bool canList(const Survey& survey, const Table& table, uint32_t count) {
+  if (count == 0) return true;
+  if (!walkSucceeds(table, count)) return false;
+  if (table.forward.blocks.size() < count) return true;
+  return survey.blocks[table.forward.blocks[count - 1]].next >= 0;
+}
+
 bool canAppend(const Survey& survey, const Table& table, const tablePart1& slot) {
   if ((slot.recordCount == 0) != (slot.firstRecordPos == 0)) return false;
   if (slot.recordCount == 0) return slot.lastRecordPos == 0;
@@ -138,7 +146,7 @@ qvdb::TableOutlook outlookOf(const Survey& survey, const Table& table) {
   outlook.found_elsewhere = found - std::min(found, outlook.walked);
   if (!outlook.reachable) return outlook;
   outlook.append = canAppend(survey, table, fields);
-  outlook.list = fields.recordCount == 0 || walkSucceeds(table, fields.recordCount);
+  outlook.list = canList(survey, table, fields.recordCount);
   outlook.find_all = outlook.list && outlook.found_elsewhere == 0;
   outlook.get_data = canReadData(survey, table, fields);
   outlook.set_data = table.dataState == DataState::none || table.dataState == DataState::sound;
