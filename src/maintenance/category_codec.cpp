@@ -87,7 +87,7 @@ class VariablePart {
     if (consumed_ + bytes > dataLength_ || !fileHoldsAhead(db_, bytes)) return false;
     *list = static_cast<uint64_t*>(platform::allocate(bytes));
     if (*list == nullptr) return false;
-    std::memset(*list, 0, bytes);
+    std::memset(*list, 0, static_cast<size_t>(bytes));
     for (uint64_t i = 0; i < entries; ++i) {
       static_cast<void>(readIdentity(db_, *list + i));  // an entry that cannot be read stays unset
     }

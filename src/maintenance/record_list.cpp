@@ -53,7 +53,7 @@ bool RecordList::add(uint64_t record) {
   if ((count_ + 1) * sizeof record > list_.size()) {
     platform::Buffer larger(2 * list_.size());
     if (!larger) return false;
-    std::memcpy(larger.data(), list_.data(), count_ * sizeof record);
+    std::memcpy(larger.data(), list_.data(), static_cast<size_t>(count_) * sizeof record);
     list_ = std::move(larger);
   }
   std::memcpy(list_.data() + count_ * sizeof record, &record, sizeof record);

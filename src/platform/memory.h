@@ -11,10 +11,12 @@
 
 namespace qvdbase::platform {
 
-// At least `size` bytes, uninitialised, aligned for any type; null when they cannot be had.
-// They can be given to a caller of the library, who returns them with free().
-inline void* allocate(size_t size) {
-  return systemCalls().allocate(size != 0 ? size : 1);
+// At least `size` bytes, uninitialised, aligned for any type; null when they cannot be had, which
+// on a 32-bit host includes all that does not fit its addresses. They can be given to a caller of
+// the library, who returns them with free().
+inline void* allocate(uint64_t size) {
+  if (size > SIZE_MAX) return nullptr;
+  return systemCalls().allocate(size != 0 ? static_cast<size_t>(size) : 1);
 }
 
 // Gives memory from allocate() back; null is ignored.
@@ -26,8 +28,9 @@ inline void release(void* memory) {
 class Buffer {
  public:
   Buffer() = default;
-  explicit Buffer(size_t size)
-      : bytes_(static_cast<uint8_t*>(allocate(size))), size_(bytes_ != nullptr ? size : 0) {}
+  explicit Buffer(uint64_t size)
+      : bytes_(static_cast<uint8_t*>(allocate(size))),
+        size_(bytes_ != nullptr ? static_cast<size_t>(size) : 0) {}
   ~Buffer() { release(bytes_); }
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;

@@ -576,7 +576,7 @@ class RecordList : public RecordFind {
     seek(db, 77);
     listing.result = GetRecordUuIDList(db, table, buffer.data(), &listing.count);
     EXPECT_EQ(position(db), 77);
-    listing.ids.assign(buffer.begin(), buffer.begin() + listing.count);
+    listing.ids.assign(buffer.data(), buffer.data() + listing.count);
     return listing;
   }
 

@@ -15,7 +15,7 @@ Bytes roomFor(const Bytes& data, std::uint32_t reserve, std::uint8_t fill) {
 void overlay(Bytes& file, std::int64_t position, const Bytes& block) {
   const auto start = static_cast<std::size_t>(position);
   if (file.size() < start + block.size()) file.resize(start + block.size());
-  std::copy(block.begin(), block.end(), file.begin() + position);
+  std::copy(block.begin(), block.end(), file.data() + start);
 }
 
 }  // namespace

@@ -46,8 +46,8 @@ class ChainCheck {
   }
 
   // Records that the walk meets within the count.
-  uint64_t countedBlocks() const {
-    return std::min<uint64_t>(table_.forward.blocks.size(), count_);
+  size_t countedBlocks() const {
+    return static_cast<size_t>(std::min<uint64_t>(table_.forward.blocks.size(), count_));
   }
 
   // Where a walk could not go on: the link, and what it leads to.
@@ -141,7 +141,7 @@ class ChainCheck {
 
   void checkBackLinks() {
     int64_t predecessor = 0;
-    for (uint64_t i = 0; i < countedBlocks(); ++i) {
+    for (size_t i = 0; i < countedBlocks(); ++i) {
       const Block& each = block(table_.forward.blocks[i]);
       if (each.prev != predecessor) {
         findings_.error("R8", aboutBlock(each, record::kPrevRecordPos),
