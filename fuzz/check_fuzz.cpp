@@ -1,0 +1,125 @@
+// Fuzz target: checks the input as a database file, and holds the library to what the check
+// foretells; then salvages it.
+//
+// The check says of each table which calls will fail, whether a pack will succeed and what link
+// repair will report. Each of these calls is made, on a copy. What salvage writes must be sound.
+#include <qvdbase/qvdbase.h>
+#include <qvdbase/qvdb.hpp>
+#include <qvdbase/qvdb/check.hpp>
+#include <qvdbase/qvdb/salvage.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "fuzz/hostile_file.h"
+
+namespace {
+
+using namespace qvdbase::fuzz;
+
+constexpr uint32_t kLongestList = 100'000;
+constexpr uint64_t kMostPacked = 10'000;
+
+qvdb::CheckOptions options() {
+  qvdb::CheckOptions chosen;
+  chosen.deep = true;
+  chosen.now = 2'000'000'000;
+  chosen.retries = 0;
+  return chosen;
+}
+
+std::span<const std::byte> asBytes(const uint8_t* data, size_t size) {
+  return {reinterpret_cast<const std::byte*>(data), size};
+}
+
+void requireWholeAccount(const qvdb::CheckReport& report, size_t size) {
+  const qvdb::SpaceUse& space = report.space;
+  const uint64_t sum = space.directory + space.records + space.table_data + space.superseded +
+                       space.deleted + space.unlinked + space.lost + space.orphans + space.unknown;
+  require(report.file_size == size && sum == size, "every byte is accounted for, once");
+}
+
+void requireOutlook(const qvdb::TableOutlook& told, const std::filesystem::path& path,
+                    const uint8_t* data, size_t size) {
+  if (!told.reachable) return;
+  const uint64_t table = told.id.value;
+  const std::vector<QVWCHAR> wide = widePath(path);
+  int16_t db = OpenDBaseW(wide.data(), 1);
+  uint32_t count = 0;
+  GetNumberOfRecords(db, table, &count);
+  if (count <= kLongestList) {
+    std::vector<uint64_t> list(std::max(count, 1u));
+    uint32_t stored = 0;
+    require((GetRecordUuIDList(db, table, list.data(), &stored) == 1) == told.list,
+            "listing fares as the check foretells");
+  }
+  uint32_t dataSize = 0;
+  if (GetTableDataSize(db, table, &dataSize) == 1 && dataSize > 0 && dataSize <= kLongestList) {
+    std::vector<uint8_t> buffer(dataSize);
+    require((GetTableData(db, table, buffer.data()) == 1) == told.get_data,
+            "reading table data fares as the check foretells");
+  }
+  CloseDBase(db);
+
+  const uint8_t payload[] = {1, 2, 3};
+  uint64_t record = 0;
+  db = OpenDBaseW(wide.data(), 3);
+  require((AddRecordData(db, table, payload, 3, 0, &record) == 1) == told.append,
+          "appending fares as the check foretells");
+  CloseDBase(db);
+  writeBytes(path, data, size);
+  db = OpenDBaseW(wide.data(), 3);
+  require((SetTableData(db, table, payload, 3, 0) == 1) == told.set_data,
+          "setting table data fares as the check foretells");
+  CloseDBase(db);
+  writeBytes(path, data, size);
+}
+
+void requireForetold(const qvdb::CheckReport& report, const std::filesystem::path& path,
+                     const uint8_t* data, size_t size) {
+  for (const qvdb::TableOutlook& each : report.tables) requireOutlook(each, path, data, size);
+  const std::vector<QVWCHAR> wide = widePath(path);
+  const std::vector<QVWCHAR> packed = widePath(scratchPath("packed.qvd"));
+  uint64_t counted = 0;
+  for (const qvdb::TableOutlook& each : report.tables) counted += each.counted;
+  // A pack copies as many records as are counted, also round and round a chain that loops.
+  if (counted <= kMostPacked) {
+    require((PackOneDB2NewW(wide.data(), packed.data(), 0, nullptr) == 1) == report.pack,
+            "the pack fares as the check foretells");
+  }
+  const qvdb::RepairPreview preview = qvdb::predict_repair(path);
+  int result = 77;
+  FixOneDBLinkErrorW(wide.data(), nullptr, 0, nullptr, &result);
+  require(result == report.repair, "repair reports what the check foretells");
+  require(result == preview.result, "repair reports what its preview says");
+}
+
+void salvage(const uint8_t* data, size_t size) {
+  const std::filesystem::path target = scratchPath("saved.qvd");
+  std::filesystem::remove(target);
+  qvdb::SalvageOptions chosen;
+  chosen.deleted = chosen.versions = chosen.orphans = size % 2 == 1;
+  qvdb::salvage_image(asBytes(data, size), target, {}, chosen);
+  const qvdb::CheckReport report = qvdb::check(target, {}, options());
+  require(report.errors == 0, "what salvage writes is sound");  // whatever its payloads hold
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::filesystem::path path = scratchPath("checked.qvd");
+  writeBytes(path, data, size);
+  const WorkLimits limits(size);
+  qvdb::CheckOptions everything = options();
+  everything.categories = true;
+  const qvdb::CheckReport report = qvdb::check(path, {}, everything);
+  const qvdb::CheckReport again = qvdb::check_image(asBytes(data, size), {}, everything);
+  require(report.errors == again.errors && report.warnings == again.warnings,
+          "a file and the same bytes in memory give the same findings");
+  requireWholeAccount(report, size);
+  requireForetold(report, path, data, size);
+  salvage(data, size);
+  return 0;
+}

@@ -1,0 +1,46 @@
+// Runs a fuzz target over a folder of its corpus, without a fuzzing engine. A target that finds
+// something ends the process.
+#ifndef QVDBASE_TESTS_FUZZ_REPLAY_REPLAY_H
+#define QVDBASE_TESTS_FUZZ_REPLAY_REPLAY_H
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+
+#include "support/bytes.h"
+
+namespace qvdbase::test {
+
+using FuzzTarget = int (*)(const std::uint8_t*, std::size_t);
+
+// Returns how many inputs there were.
+inline int replay(FuzzTarget target, const char* folder) {
+  int count = 0;
+  const auto path = std::filesystem::path(QVDBASE_FUZZ_CORPUS) / folder;
+  for (const auto& entry : std::filesystem::directory_iterator(path)) {
+    SCOPED_TRACE(entry.path().filename());
+    const Bytes input = readFile(entry.path());
+    EXPECT_EQ(target(input.data(), input.size()), 0);
+    ++count;
+  }
+  return count;
+}
+
+// Each input cut behind every `step`th byte.
+inline void replayCut(FuzzTarget target, const char* folder, std::size_t step) {
+  const auto path = std::filesystem::path(QVDBASE_FUZZ_CORPUS) / folder;
+  for (const auto& entry : std::filesystem::directory_iterator(path)) {
+    SCOPED_TRACE(entry.path().filename());
+    const Bytes input = readFile(entry.path());
+    for (std::size_t size = 0; size < input.size(); size += step) {
+      const Bytes cut = input.cut(size);
+      EXPECT_EQ(target(cut.data(), cut.size()), 0);
+    }
+  }
+}
+
+}  // namespace qvdbase::test
+
+#endif
