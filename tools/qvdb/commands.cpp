@@ -5,10 +5,9 @@ namespace qvdb::tool {
 
 std::span<const Command* const> allCommands() {
   static constexpr const Command* kAll[] = {
-      &kCreateCommand,  &kInfoCommand,    &kTablesCommand,   &kAddTableCommand, &kRecordsCommand,
-      &kGetCommand,     &kPutCommand,     &kSetCommand,      &kRmCommand,       &kTouchCommand,
-      &kDataCommand,    &kImportCommand,  &kExportCommand,   &kStatCommand,     &kCheckCommand,
-      &kSalvageCommand, &kHistoryCommand, &kUndeleteCommand,
+      &kCreateCommand, &kInfoCommand,   &kTablesCommand, &kAddTableCommand, &kRecordsCommand,
+      &kGetCommand,    &kPutCommand,    &kSetCommand,    &kRmCommand,       &kTouchCommand,
+      &kDataCommand,   &kImportCommand, &kExportCommand, &kStatCommand,
   };
   return kAll;
 }
