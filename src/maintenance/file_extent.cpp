@@ -15,6 +15,7 @@ int64_t fileLengthOf(int16_t db) {
 bool fileHoldsAhead(int16_t db, uint64_t count) {
   const int64_t position = myGetFilePos(db);
   const int64_t length = fileLengthOf(db);
+  if (length == -1) return true;  // not known: the read itself will tell
   if (position == -1 || length < position) return count == 0;
   return count <= static_cast<uint64_t>(length - position);
 }

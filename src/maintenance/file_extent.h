@@ -12,7 +12,7 @@ namespace qvdbase {
 int64_t fileLengthOf(int16_t db);
 
 // Whether `count` bytes lie ahead of the file's position, that is, whether a read of them can
-// succeed. The position stays.
+// succeed. True as well when the file's length cannot be had. The position stays.
 bool fileHoldsAhead(int16_t db, uint64_t count);
 
 }  // namespace qvdbase

@@ -83,7 +83,8 @@ class LinkRepair {
     for (int t = 0; t < directory_.tableCount; ++t) {
       if (!repairTable()) return false;
     }
-    return report(99) && SetDBaseVersion(db_, kFinishedVersion) == 1;
+    // The version says that the repair came to its end, so that everything must be written before.
+    return report(99) && CallScope::completeWrites() && SetDBaseVersion(db_, kFinishedVersion) == 1;
   }
 
   // The sum of the counts of all tables, each as GetNumberOfRecords tells it of its identifier: of

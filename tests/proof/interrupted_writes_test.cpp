@@ -86,6 +86,8 @@ std::set<std::uint64_t> blocksIn(const Bytes& bytes) {
 class InterruptedWrites : public testing::TestWithParam<BaseState> {
  protected:
   const QVWCHAR* put(const char* name, const Bytes& bytes) {
+    // A new file each time: some file systems wait for the disk when one is emptied and refilled.
+    std::filesystem::remove(folder / name);
     writeFile(folder / name, bytes);
     return wide_.emplace(name, (folder / name).u16string()).first->second.data();
   }

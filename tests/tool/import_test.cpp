@@ -317,6 +317,35 @@ TEST_F(ToolImport, StopsAtCtrlCBetweenTwoFilesAndKeepsWhatIsStored) {
   done({"import", "--replace", "test.qvd", "files", "in"});
 }
 
+TEST_F(ToolImport, ThatCannotBeWrittenToItsEndNamesExactlyWhatIsStored) {
+  for (int i = 0; i < 500; ++i) store("in/" + std::to_string(1000 + i), pattern(10'000));
+  ProgramCall call = callOf({});
+  call.program = "/bin/sh";
+  // A limit on the size of files stands in for a full disk. Its unit is 512 or 1,024 bytes.
+  call.arguments = {
+      "-c", std::string("ulimit -f 4000; exec '") + QVDB_TOOL + "' import test.qvd files in/"};
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  expectOneLine(outcome.err, {"test.qvd", "cannot be written"});
+  const std::size_t stored = database().tables[0].records.size();
+  EXPECT_GT(stored, 0u);
+  EXPECT_LT(stored, 500u);
+  EXPECT_EQ(
+      line({"export", "test.qvd", "files", "out"}),
+      "exported " + std::to_string(stored) + " files, " + std::to_string(stored) + "0000 bytes");
+  allowDamage();  // the block that was begun stands unlinked at the end
+}
+
+TEST_F(ToolImport, OfAFileThatCannotBeReadKeepsWhatCameBefore) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root may read everything";
+  store("in/1", bytesOf("1"));
+  store("in/2", bytesOf("2"));
+  fs::permissions(path("in/2"), fs::perms(0));
+  fails({"import", "test.qvd", "files", "in/"}, 1, {"in/2", "open"});
+  EXPECT_EQ(namesIn("files"), (Words{"1"}));
+  done({"export", "test.qvd", "files", "out"});
+}
+
 TEST_F(ToolImport, ShowsProgressOnATerminalOnly) {
   for (int i = 0; i < 3; ++i) store("in/" + std::to_string(i), bytesOf("x"));
   EXPECT_EQ(run({"import", "test.qvd", "quiet", "in"}).err, "");

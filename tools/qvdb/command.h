@@ -16,6 +16,7 @@ namespace qvdb::tool {
 inline constexpr int kDone = 0;
 inline constexpr int kFailed = 1;      // something failed, or what was asked for is not there
 inline constexpr int kWrongUsage = 2;  // the command line makes no sense
+inline constexpr int kInUse = 4;       // somebody writes to the file: no result
 
 // The arguments and options of a command. A definition binds each to a variable that is filled
 // before the command runs. The library that reads command lines is known to one file only.
@@ -54,6 +55,8 @@ struct Command {
   const char* description;  // paragraphs, separated by empty lines
   const char* examples;     // one to a line
   Action (*define)(Arguments& arguments);
+  // Exit statuses of its own, one to a line as "4  the file is in use"; null for the usual ones.
+  const char* exitStatus = nullptr;
 };
 
 // Binds the arguments to a new Options, and makes an action of run(options).

@@ -54,6 +54,8 @@ namespace {
 
 constexpr std::size_t kWidth = 79;
 constexpr std::size_t kHelpColumn = 10;
+constexpr const char* kExitStatus =
+    "0  done\n1  failed, or what was asked for is not there\n2  wrong usage\n";
 
 // Words of a paragraph, broken into lines with an indentation.
 void wrap(std::ostream& out, const std::string& text, std::size_t indent) {
@@ -136,8 +138,9 @@ std::string Arguments::Parser::help() const {
   out << "\nEXAMPLES\n";
   std::istringstream lines(command_.examples);
   for (std::string line; std::getline(lines, line);) out << "  " << line << '\n';
-  out << "\nEXIT STATUS\n  0  done\n  1  failed, or what was asked for is not there\n"
-         "  2  wrong usage\n";
+  out << "\nEXIT STATUS\n";
+  std::istringstream statuses(command_.exitStatus != nullptr ? command_.exitStatus : kExitStatus);
+  for (std::string line; std::getline(statuses, line);) out << "  " << line << '\n';
   return out.str();
 }
 

@@ -5,9 +5,10 @@ namespace qvdb::tool {
 
 std::span<const Command* const> allCommands() {
   static constexpr const Command* kAll[] = {
-      &kCreateCommand, &kInfoCommand,   &kTablesCommand, &kAddTableCommand, &kRecordsCommand,
-      &kGetCommand,    &kPutCommand,    &kSetCommand,    &kRmCommand,       &kTouchCommand,
-      &kDataCommand,   &kImportCommand, &kExportCommand, &kStatCommand,
+      &kCreateCommand,  &kInfoCommand,    &kTablesCommand,   &kAddTableCommand, &kRecordsCommand,
+      &kGetCommand,     &kPutCommand,     &kSetCommand,      &kRmCommand,       &kTouchCommand,
+      &kDataCommand,    &kImportCommand,  &kExportCommand,   &kStatCommand,     &kCheckCommand,
+      &kSalvageCommand, &kHistoryCommand, &kUndeleteCommand,
   };
   return kAll;
 }

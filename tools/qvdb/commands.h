@@ -25,6 +25,10 @@ extern const Command kDataCommand;
 extern const Command kImportCommand;
 extern const Command kExportCommand;
 extern const Command kStatCommand;
+extern const Command kCheckCommand;
+extern const Command kSalvageCommand;
+extern const Command kHistoryCommand;
+extern const Command kUndeleteCommand;
 
 }  // namespace qvdb::tool
 

@@ -33,7 +33,9 @@ std::string adviceFor(const Error& error) {
     case Reason::directory_damaged:
     case Reason::chain_damaged:
     case Reason::data_damaged:
-      return "make a copy of the file before you do anything else with it";
+      return "make a copy of the file before you do anything else with it; 'qvdb check' tells what "
+             "is "
+             "wrong, 'qvdb salvage' saves what can be saved";
     case Reason::bad_name:
     case Reason::name_too_long:
       return "choose a name of 1 to 32 bytes";

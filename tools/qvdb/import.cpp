@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <exception>
+#include <optional>
 #include <unordered_map>
 
 #include "qvdb/commands.h"
@@ -48,12 +50,16 @@ class Importer {
 
  private:
   static constexpr std::size_t kNew = ~std::size_t{0};
+  static constexpr std::size_t kBatch = 1024;  // files that a kill can lose at most
 
   void loadRecords();
   void storeNames();
   void addNames(const FileTree& tree);
-  void store(const FoundFile& found, std::size_t index);
-  void replaceRecord(const Record& record, std::size_t index);
+  void store(const FoundFile& found, std::size_t place);
+  void append(Id record, std::size_t place);
+  void finishBatch();
+  std::size_t firstNotStored(std::size_t current);
+  void replaceRecord(const Record& record, std::size_t place);
   void noteProperties(const FoundFile& found, std::size_t index, const struct stat& status);
   [[noreturn]] void stop(std::size_t firstMissing, const FileTree& tree);
 
@@ -66,6 +72,8 @@ class Importer {
   std::unordered_map<Id, Record> records_;  // those that stand under the names that we had
   std::vector<std::size_t> places_;         // of each file in names_, or kNew
   std::size_t hadNames_ = 0;
+  std::optional<BulkAppender> bulk_;
+  std::vector<std::size_t> batch_;  // the files, by their place in the tree, that are in bulk_
   std::vector<std::byte> buffer_;
   std::uint64_t files_ = 0;
   std::uint64_t folders_ = 0;
@@ -138,26 +146,60 @@ void Importer::addNames(const FileTree& tree) {
 void Importer::run(const FileTree& tree) {
   addNames(tree);
   Progress progress("importing", tree.files.size(), "files");
-  for (std::size_t i = 0; i < tree.files.size(); ++i) {
-    if (isInterrupted()) stop(i, tree);
-    try {
-      store(tree.files[i], places_[i]);
-    } catch (const Interrupted&) {
-      stop(i, tree);
-    } catch (...) {
-      // What is not stored must not be named; but the failure is what the user has to hear.
-      try {
-        stop(i, tree);
-      } catch (...) {
-      }
-      throw;
+  std::size_t at = 0;
+  try {
+    for (; at < tree.files.size(); ++at) {
+      throwIfInterrupted();
+      store(tree.files[at], at);
+      progress.step();
     }
-    progress.step();
+    finishBatch();
+  } catch (const Interrupted&) {
+    stop(firstNotStored(at), tree);
+  } catch (...) {
+    // What is not stored must not be named; but the failure is what the user has to hear.
+    const std::exception_ptr failure = std::current_exception();
+    try {
+      stop(firstNotStored(at), tree);
+    } catch (...) {
+    }
+    std::rethrow_exception(failure);
   }
   if (namesHaveChanged_) storeNames();
 }
 
-void Importer::store(const FoundFile& found, std::size_t index) {
+// Takes in what can be taken in, and tells which file is the first that is not in the table, when
+// the work ends at `current`.
+std::size_t Importer::firstNotStored(std::size_t current) {
+  if (!bulk_) return current;
+  try {
+    bulk_->finish();
+  } catch (const Error&) {
+    // How far it came is asked below.
+  }
+  const std::size_t taken = bulk_->taken();
+  if (taken < batch_.size()) current = std::min(current, batch_[taken]);
+  bulk_.reset();
+  batch_.clear();
+  return current;
+}
+
+void Importer::append(Id record, std::size_t place) {
+  if (!bulk_) bulk_ = table_.appender();
+  batch_.push_back(place);
+  bulk_->add(NewRecord(buffer_, 0, record));
+  if (batch_.size() == kBatch) finishBatch();
+}
+
+// To be called before anything else is changed in the table, too.
+void Importer::finishBatch() {
+  if (bulk_) bulk_->finish();
+  bulk_.reset();
+  batch_.clear();
+}
+
+void Importer::store(const FoundFile& found, std::size_t place) {
+  const std::size_t index = places_[place];
   const ImportedFile& name = names_.list()[index];
   if (name.kind != FileKind::file) {
     ++(name.kind == FileKind::folder ? folders_ : links_);
@@ -173,9 +215,9 @@ void Importer::store(const FoundFile& found, std::size_t index) {
 
   const auto old = records_.find(name.record);
   if (old != records_.end()) {
-    replaceRecord(old->second, index);
+    replaceRecord(old->second, place);
   } else {
-    table_.add_with_id(name.record, buffer_);
+    append(name.record, place);
   }
   noteProperties(found, index, status);
   ++files_;
@@ -183,18 +225,20 @@ void Importer::store(const FoundFile& found, std::size_t index) {
 }
 
 // A record cannot be changed to hold nothing: an empty file gets a new record.
-void Importer::replaceRecord(const Record& record, std::size_t index) {
+void Importer::replaceRecord(const Record& record, std::size_t place) {
+  if (buffer_.empty() && record.size() == 0) return;
+  finishBatch();
   if (!buffer_.empty()) {
     if (!table_.modify(record, buffer_)) throw noSuchRecord(database_, table_, record.id());
     return;
   }
-  if (record.size() == 0) return;
+  const std::size_t index = places_[place];
   ImportedFile renewed = names_.list()[index];
   table_.remove(record);
   renewed.record = new_id();
   names_.update(index, renewed);
   namesHaveChanged_ = true;
-  table_.add_with_id(renewed.record, buffer_);
+  append(renewed.record, place);
 }
 
 // Mode and times as they are now: those of a file when it was read, those of others when they were

@@ -26,10 +26,10 @@ std::size_t firstRoom(int descriptor) {
 
 std::size_t readSome(int descriptor, const std::string& name, std::byte* to, std::size_t room) {
   for (;;) {
+    waitForInput(descriptor);
     const ssize_t got = ::read(descriptor, to, room);
     if (got >= 0) return static_cast<std::size_t>(got);
-    if (errno != EINTR) throw systemFailure(name, "read");
-    throwIfInterrupted();
+    if (errno != EINTR && errno != EAGAIN) throw systemFailure(name, "read");
   }
 }
 
@@ -59,7 +59,6 @@ void readAll(int descriptor, const std::string& name, std::vector<std::byte>* bu
                     "can hold; split it");
     }
     if (size == buffer->size()) buffer->resize(size + std::max(size, kPiece));
-    throwIfInterrupted();
   }
   buffer->resize(size);
 }
@@ -70,7 +69,8 @@ std::vector<std::byte> readInput(const std::string& path) {
     readAll(STDIN_FILENO, "standard input", &buffer);
     return buffer;
   }
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // A pipe that nobody writes to yet is waited for when it is read, where Ctrl-C is noticed.
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) throw systemFailure(path, "open");
   readAll(file.number(), path, &buffer);
   return buffer;

@@ -1,6 +1,11 @@
 // Ctrl-C and its kind.
 #include "qvdb/interrupt.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
 #include <initializer_list>
 
@@ -9,13 +14,22 @@ namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
 
+// A signal that comes just before a read would be noted, and the read would wait all the same. So
+// the handler writes into a pipe, and who waits for input waits for the pipe too.
+int notice[2] = {-1, -1};
+
 void noteInterrupt(int) {
+  const int error = errno;
   interrupted = 1;
+  static_cast<void>(!::write(notice[1], "", 1));
+  errno = error;
 }
 
 }  // namespace
 
 void catchInterrupts() {
+  // Without the pipe a signal is noted all the same.
+  static_cast<void>(!::pipe2(notice, O_CLOEXEC | O_NONBLOCK));
   struct sigaction action = {};
   action.sa_handler = noteInterrupt;
   action.sa_flags = static_cast<int>(SA_RESETHAND);  // and without SA_RESTART: waiting reads return
@@ -27,6 +41,14 @@ void catchInterrupts() {
     ::sigaction(signal, &action, nullptr);
   }
   std::signal(SIGPIPE, SIG_IGN);
+}
+
+void waitForInput(int descriptor) {
+  pollfd sources[2] = {{descriptor, POLLIN, 0}, {notice[0], POLLIN, 0}};
+  do {
+    throwIfInterrupted();
+  } while (::poll(sources, 2, -1) < 0 && errno == EINTR);
+  throwIfInterrupted();
 }
 
 bool isInterrupted() {

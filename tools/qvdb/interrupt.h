@@ -12,6 +12,10 @@ struct Interrupted {};
 // of the first three ends the process at once.
 void catchInterrupts();
 
+// Waits until the descriptor has something to read, or is at its end. Throws Interrupted when a
+// signal comes meanwhile, or has come before.
+void waitForInput(int descriptor);
+
 bool isInterrupted();
 void throwIfInterrupted();
 

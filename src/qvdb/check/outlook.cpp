@@ -32,6 +32,17 @@ bool walkSucceeds(const Table& table, uint32_t count) {
   return table.forward.blocks.size() >= count || table.forward.end == WalkEnd::loop;
 }
 
+// Walks go where the last counted record's link leads, too, though they do not read there: only a
+// position below zero cannot be gone to.
+bool canLeaveLastRecord(const Survey& survey, const Table& table, uint32_t count) {
+  if (count == 0 || table.forward.blocks.size() < count) return true;
+  return survey.blocks[table.forward.blocks[count - 1]].next >= 0;
+}
+
+bool canList(const Survey& survey, const Table& table, uint32_t count) {
+  return count == 0 || (walkSucceeds(table, count) && canLeaveLastRecord(survey, table, count));
+}
+
 bool canAppend(const Survey& survey, const Table& table, const tablePart1& slot) {
   if ((slot.recordCount == 0) != (slot.firstRecordPos == 0)) return false;
   if (slot.recordCount == 0) return slot.lastRecordPos == 0;
@@ -39,11 +50,17 @@ bool canAppend(const Survey& survey, const Table& table, const tablePart1& slot)
   return survey.blocks[table.backward.blocks.front()].next == 0;
 }
 
-bool canReadData(const Survey& survey, const Table& table, const tablePart1& slot) {
+// The readers of table data compare its owner with the identifier made afresh from the number, and
+// so with the right sum, whatever the sum in the slot is.
+bool canReadData(const Survey& survey, const tablePart1& slot) {
   if (slot.firstDataPos == 0) return true;
-  if (table.dataState != DataState::sound || !identifierSumIsRight(slot.tableID)) return false;
-  const Block& block = survey.blocks[table.dataBlock];
-  return block.dataPos() + int64_t{block.length} <= survey.size;
+  const uint32_t number = survey.byPosition.find(slot.firstDataPos);
+  if (number == raw::kNoBlock) return false;
+  const Block& block = survey.blocks[number];
+  raw::Id wanted;
+  internal_ConvertInt64_2UuID(identifierNumber(slot.tableID), wanted.data());
+  return block.kind == raw::BlockKind::tableData && survey.owners[block.owner].id == wanted &&
+         block.dataPos() + int64_t{block.length} <= survey.size;
 }
 
 // The test that pack and link repair make before they touch the records.
@@ -61,7 +78,7 @@ bool canPackRecords(const Survey& survey, const Table& table, const tablePart1& 
   if (!hasRecords(slot)) return true;
   const bool walks =
       walkSucceeds(table, slot.recordCount) || table.forward.end == WalkEnd::complete;
-  if (!walks) return false;
+  if (!walks || !canLeaveLastRecord(survey, table, slot.recordCount)) return false;
   const size_t count = std::min<size_t>(table.forward.blocks.size(), slot.recordCount);
   return std::all_of(table.forward.blocks.begin(),
                      table.forward.blocks.begin() + static_cast<std::ptrdiff_t>(count),
@@ -138,9 +155,9 @@ qvdb::TableOutlook outlookOf(const Survey& survey, const Table& table) {
   outlook.found_elsewhere = found - std::min(found, outlook.walked);
   if (!outlook.reachable) return outlook;
   outlook.append = canAppend(survey, table, fields);
-  outlook.list = fields.recordCount == 0 || walkSucceeds(table, fields.recordCount);
+  outlook.list = canList(survey, table, fields.recordCount);
   outlook.find_all = outlook.list && outlook.found_elsewhere == 0;
-  outlook.get_data = canReadData(survey, table, fields);
+  outlook.get_data = canReadData(survey, fields);
   outlook.set_data = table.dataState == DataState::none || table.dataState == DataState::sound;
   return outlook;
 }

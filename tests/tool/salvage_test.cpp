@@ -1,0 +1,121 @@
+// qvdb salvage, history and undelete
+#include "tool/tool_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+class ToolSalvage : public ToolTest {
+ protected:
+  Words ids = notes({bytesOf("first"), bytesOf("second"), bytesOf("third")});
+
+  // Cuts the chain behind the first record.
+  void cutChain() {
+    patchFile(path(), 4630 + 39, Bytes().zeros(8));
+    allowDamage();
+  }
+
+  std::string payloadOf(const std::string& file, const std::string& id) {
+    return done({"get", file, "notes", id});
+  }
+};
+
+TEST_F(ToolSalvage, WritesASoundFileWithEverything) {
+  cutChain();
+  expectOnlyRead([&] {
+    EXPECT_EQ(done({"salvage", "test.qvd", "saved.qvd"}),
+              "3 blocks live: 3 written\n"
+              "1 table, 3 records, 16 bytes of payload written and checked\n");
+  });
+  EXPECT_EQ(payloadOf("saved.qvd", ids[2]), "third");
+  done({"check", "--strict", "saved.qvd"});
+}
+
+TEST_F(ToolSalvage, TakesDeletedRecordsWhenItIsAskedTo) {
+  done({"rm", "test.qvd", "notes", ids[1]});
+  done({"salvage", "test.qvd", "without.qvd"});
+  EXPECT_EQ(json({"records", "--json", "without.qvd", "notes"})["records"].size(), 2u);
+  done({"salvage", "--deleted", "test.qvd", "apart.qvd"});
+  EXPECT_EQ(done({"get", "apart.qvd", "lost-and-found", ids[1]}), "second");
+  done({"salvage", "--deleted", "--in-place-tables", "test.qvd", "inside.qvd"});
+  EXPECT_EQ(payloadOf("inside.qvd", ids[1]), "second");
+}
+
+TEST_F(ToolSalvage, ListsBlocksAndPrintsJson) {
+  done({"rm", "test.qvd", "notes", ids[1]});
+  const std::string listed = done({"salvage", "-v", "test.qvd", "a.qvd"});
+  EXPECT_NE(listed.find("4630  A  " + ids[0] + "  notes  5 bytes  live  -> notes\n"),
+            std::string::npos)
+      << listed;
+  EXPECT_NE(listed.find("deleted  left out\n"), std::string::npos) << listed;
+  const auto report = json({"salvage", "--json", "test.qvd", "b.qvd"});
+  EXPECT_EQ(report["verified"], true);
+  EXPECT_EQ(report["records_written"], 2);
+  EXPECT_EQ(report["blocks_left_out"], 1);
+}
+
+TEST_F(ToolSalvage, ReadsStandardInputAndExtractsPayloads) {
+  done({"salvage", "--extract", "out", "-", "saved.qvd"}, contents().str());
+  EXPECT_EQ(readFile(path("out/4630.bin")), bytesOf("first"));
+  EXPECT_TRUE(std::filesystem::exists(path("out/manifest.jsonl")));
+  EXPECT_EQ(payloadOf("saved.qvd", ids[0]), "first");
+}
+
+TEST_F(ToolSalvage, TakesImagesThatBeginElsewhere) {
+  writeFile(path("disk.img"), pattern(4096).add(contents()));
+  done({"salvage", "--from", "4096", "disk.img", "a.qvd"});
+  EXPECT_EQ(payloadOf("a.qvd", ids[1]), "second");
+  writeFile(path("tail.img"), contents().from(4630));
+  done({"salvage", "--from", "-4630", "tail.img", "b.qvd"});
+  EXPECT_EQ(json({"tables", "--json", "b.qvd"})["tables"][0]["records"], 3);
+}
+
+TEST_F(ToolSalvage, WritesOverNothingAndSaysWhatIsWrong) {
+  writeFile(path("here"), bytesOf("here"));
+  fails({"salvage", "test.qvd", "here"}, 1, {"here", "exists"});
+  EXPECT_EQ(readFile(path("here")), bytesOf("here"));
+  fails({"salvage", "absent", "new.qvd"}, 1, {"absent", "no such file"});
+  fails({"salvage", "--grade", "D", "test.qvd", "new.qvd"}, 2, {"--grade"});
+  fails({"salvage", "--from", "there", "test.qvd", "new.qvd"}, 2, {"--from"});
+  fails({"salvage", "test.qvd"}, 2, {"DST"});
+  EXPECT_FALSE(std::filesystem::exists(path("new.qvd")));
+}
+
+class ToolHistory : public ToolSalvage {
+ protected:
+  void SetUp() override {
+    done({"set", "test.qvd", "notes", ids[1], "-"}, "a longer text");
+    done({"rm", "test.qvd", "notes", ids[1]});
+  }
+};
+
+TEST_F(ToolHistory, ListsVersionsAndWritesOneOfThem) {
+  expectOnlyRead([&] {
+    const auto versions = json({"history", "--json", "test.qvd", "notes", ids[1]})["versions"];
+    ASSERT_EQ(versions.size(), 2u);
+    EXPECT_EQ(versions[0]["label"], "superseded");
+    EXPECT_EQ(versions[1]["label"], "deleted");
+    const std::string at = std::to_string(versions[0]["offset"].get<int>());
+    EXPECT_EQ(done({"history", "--at", at, "test.qvd", "notes", ids[1]}), "second");
+    EXPECT_NE(done({"history", "test.qvd", "notes", ids[1]}).find(at + "  6 bytes  superseded"),
+              std::string::npos);
+  });
+  fails({"history", "--at", "1", "test.qvd", "notes", ids[1]}, 1, {"no version", "at 1"});
+  fails({"history", "test.qvd", "notes", "0xee"}, 1, {"no trace", "0xee"});
+  fails({"history", "test.qvd", "absent", ids[1]}, 1, {"absent"});
+  fails({"history", "test.qvd", "notes", "second"}, 2, {"'second'"});
+}
+
+TEST_F(ToolHistory, UndeleteBringsARecordBack) {
+  expectOnlyRead([&] { done({"undelete", "test.qvd", "new.qvd", "notes", ids[1]}); });
+  EXPECT_EQ(payloadOf("new.qvd", ids[1]), "a longer text");
+  EXPECT_EQ(payloadOf("new.qvd", ids[2]), "third");
+  const auto versions = json({"history", "--json", "test.qvd", "notes", ids[1]})["versions"];
+  const std::string at = std::to_string(versions[0]["offset"].get<int>());
+  done({"undelete", "--at", at, "test.qvd", "old.qvd", "notes", ids[1]});
+  EXPECT_EQ(payloadOf("old.qvd", ids[1]), "second");
+  fails({"undelete", "test.qvd", "x.qvd", "notes", ids[0]}, 1, {"in use"});
+  fails({"undelete", "test.qvd", "x.qvd", "notes", "0xee"}, 1, {"no such version"});
+}
+
+}  // namespace
+}  // namespace qvdbase::test

@@ -1,0 +1,231 @@
+// qvdb check: is this file sound?
+#include <nlohmann/json.hpp>
+
+#include <set>
+
+#include "qvdb/commands.h"
+#include "qvdb/locate.h"
+#include "qvdb/output.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  bool categories = false;
+  bool deep = false;
+  bool strict = false;
+  bool verbose = false;
+  bool json = false;
+};
+
+const char* nameOf(CheckState state) {
+  switch (state) {
+    case CheckState::sound:
+      return "sound";
+    case CheckState::unusual:
+      return "unusual";
+    case CheckState::damaged:
+      return "damaged";
+    case CheckState::in_use:
+      break;
+  }
+  return "in use";
+}
+
+int statusOf(const CheckReport& report, const Options& options) {
+  if (report.state == CheckState::in_use) return kInUse;
+  if (report.state == CheckState::damaged) return kFailed;
+  return report.state == CheckState::unusual && options.strict ? kFailed : kDone;
+}
+
+// ---- for people
+
+std::string placeOf(const Finding& finding) {
+  std::string place;
+  if (finding.slot >= 0) place += " table " + escaped(finding.table);
+  if (finding.slot >= 0 && finding.table.empty()) place += to_string(finding.table_id);
+  if (finding.record.value != 0) place += " record " + to_string(finding.record);
+  if (finding.offset >= 0) place += " at " + std::to_string(finding.offset);
+  return place;
+}
+
+// What a code means is told with its first finding.
+void printFinding(const Finding& finding, std::set<std::string>* explained) {
+  printLine(std::string(to_string(finding.severity)) + " " + finding.code + placeOf(finding));
+  printLine("  " + escaped(finding.message));
+  if (finding.more > 0) {
+    printLine("  " + counted(finding.more, "more finding", "more findings") + " like this.");
+  }
+  if (finding.code == "W1" || !explained->insert(finding.code).second) return;
+  const FindingCode& code = finding_code(finding.code);
+  printLine("  meaning  " + std::string(code.meaning));
+  printLine("  fails    " + std::string(code.fails));
+  printLine("  do       " + std::string(code.advice));
+}
+
+void printSpace(const SpaceUse& space) {
+  const auto line = [](const char* what, std::uint64_t bytes) {
+    if (bytes == 0) return;
+    const std::string number = std::to_string(bytes);
+    printLine(std::string(16 - std::min<std::size_t>(number.size(), 16), ' ') + number + "  " +
+              what);
+  };
+  printLine("bytes:");
+  line("header and directory", space.directory);
+  line("records", space.records);
+  line("table data", space.table_data);
+  line("older versions", space.superseded);
+  line("deleted records", space.deleted);
+  line("blocks that never got into a chain", space.unlinked);
+  line("blocks of broken chains", space.lost);
+  line("blocks of unknown tables", space.orphans);
+  line("no block", space.unknown);
+}
+
+std::string summaryOf(const CheckReport& report) {
+  std::string text =
+      std::string(nameOf(report.state)) + ": " + counted(report.errors, "error", "errors") + ", " +
+      counted(report.warnings, "warning", "warnings") + "; " +
+      counted(report.blocks, "block", "blocks") + ", " + counted(report.file_size, "byte", "bytes");
+  if (report.state == CheckState::in_use) {
+    text +=
+        ". Somebody has it open for writing, or changed it meanwhile: what was found can be "
+        "work in progress. Check it again when nobody writes";
+  }
+  return text;
+}
+
+// ---- for programs
+
+Json jsonOf(const Finding& finding) {
+  const FindingCode& code = finding_code(finding.code);
+  Json json;
+  json["severity"] = to_string(finding.severity);
+  json["code"] = finding.code;
+  if (finding.slot >= 0) {
+    json["slot"] = finding.slot;
+    addText(&json, "table", finding.table);
+    json["table_id"] = to_string(finding.table_id);
+  }
+  if (finding.record.value != 0) json["record"] = to_string(finding.record);
+  if (finding.offset >= 0) json["offset"] = finding.offset;
+  json["message"] = escaped(finding.message);
+  if (finding.more > 0) json["more"] = finding.more;
+  json["meaning"] = code.meaning;
+  json["fails"] = code.fails;
+  json["advice"] = code.advice;
+  return json;
+}
+
+Json jsonOf(const TableOutlook& table) {
+  Json json;
+  json["slot"] = table.slot;
+  addText(&json, "name", table.name);
+  json["id"] = to_string(table.id);
+  json["counted"] = table.counted;
+  json["walked"] = table.walked;
+  json["found_elsewhere"] = table.found_elsewhere;
+  json["works"] = {{"reach", table.reachable},   {"append", table.append},
+                   {"list", table.list},         {"find_all", table.find_all},
+                   {"get_data", table.get_data}, {"set_data", table.set_data}};
+  return json;
+}
+
+Json jsonOf(const SpaceUse& space) {
+  return {{"directory", space.directory},
+          {"records", space.records},
+          {"table_data", space.table_data},
+          {"superseded", space.superseded},
+          {"deleted", space.deleted},
+          {"unlinked", space.unlinked},
+          {"lost", space.lost},
+          {"orphans", space.orphans},
+          {"unknown", space.unknown}};
+}
+
+void printJsonReport(const Options& options, const CheckReport& report,
+                     const std::vector<Finding>& findings) {
+  Json json;
+  addText(&json, "file", options.file);
+  json["state"] = nameOf(report.state);
+  json["errors"] = report.errors;
+  json["warnings"] = report.warnings;
+  json["informations"] = report.informations;
+  json["size"] = report.file_size;
+  json["blocks"] = report.blocks;
+  json["space"] = jsonOf(report.space);
+  json["pack_works"] = report.pack;
+  json["repair_result"] = report.repair;
+  json["tables"] = Json::array();
+  for (const TableOutlook& table : report.tables) json["tables"].push_back(jsonOf(table));
+  json["findings"] = Json::array();
+  for (const Finding& finding : findings) json["findings"].push_back(jsonOf(finding));
+  printJson(json);
+}
+
+// What will fail now is what the user wants to know first when something does.
+bool isTold(const Finding& finding, const Options& options, const CheckReport& report) {
+  if (options.verbose || finding.severity != Severity::information) return true;
+  return finding.code == "W1" && report.errors > 0;
+}
+
+int run(const Options& options) {
+  std::vector<Finding> findings;
+  const CheckReport report =
+      check(options.file, [&](const Finding& finding) { findings.push_back(finding); },
+            {.categories = options.categories, .deep = options.deep});
+  if (options.json) {
+    printJsonReport(options, report, findings);
+    return statusOf(report, options);
+  }
+  std::set<std::string> explained;
+  for (const Finding& finding : findings) {
+    if (isTold(finding, options, report)) printFinding(finding, &explained);
+  }
+  if (options.verbose) printSpace(report.space);
+  printLine(escaped(options.file) + ": " + summaryOf(report));
+  return statusOf(report, options);
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.flag("--categories", options->categories,
+                 "Also look into the records of QVrz_Category, as a pack with new identifiers will "
+                 "have to.");
+  arguments.flag("--deep", options->deep,
+                 "Also look for databases inside the payloads of records, which reads everything.");
+  arguments.flag("--strict", options->strict, "Let warnings count as findings: exit with 1.");
+  arguments.flag("-v,--verbose", options->verbose,
+                 "Also show what is worth knowing without being wrong, and what every byte of the "
+                 "file is.");
+  arguments.json(options->json);
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kCheckCommand = {
+    "check",
+    "look for damage",
+    "Reads a whole database by its format and reports everything that is wrong with it: header, "
+    "directory, the chain of every table from both ends, table data, and every byte that no chain "
+    "covers. Each finding tells its severity (error: damage; warning: legal but dangerous or "
+    "unusual; information, with -v), a code, the place, which of the library's calls fail because "
+    "of it, and what to do. The file is only read, and any file can be checked.\n\n"
+    "A file that somebody writes to meanwhile is read again, up to three times in all. If it is "
+    "still being changed, or is open for writing elsewhere while there are findings, these may be "
+    "work in progress: the exit status is then 4.\n\n"
+    "What to do about damage, symptom by symptom, is told in docs/recovery.md.",
+    "qvdb check notes.qvd\n"
+    "qvdb check --json --strict notes.qvd\n"
+    "qvdb check -v --categories photos.qvd",
+    define,
+    "0  no errors (with --strict: no warnings either)\n"
+    "1  errors were found, or the file cannot be read\n"
+    "2  wrong usage\n"
+    "4  the file is in use: what was found may be work in progress"};
+
+}  // namespace qvdb::tool

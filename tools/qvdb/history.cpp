@@ -1,0 +1,120 @@
+// qvdb history: the versions of a record that are still in the file.
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstring>
+
+#include "qvdb/commands.h"
+#include "qvdb/delivery.h"
+#include "qvdb/locate.h"
+#include "qvdb/output.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::string record;
+  std::optional<std::uint64_t> at;
+  DeliveryOptions delivery;
+  bool json = false;
+};
+
+Id idOf(const std::string& text) {
+  const std::optional<Id> id = parse_id(text);
+  if (!id) throw wrongUsage("'" + text + "' is no identifier of a record");
+  return *id;
+}
+
+void printVersion(const FoundBlock& version) {
+  printLine(timeText(version.modify_time) + std::string(2, ' ') + std::to_string(version.offset) +
+            "  " + std::to_string(version.there) + " bytes  " +
+            std::string(to_string(version.label)) +
+            (version.there < version.length ? ", cut short" : ""));
+}
+
+Json jsonOf(const FoundBlock& version) {
+  static constexpr const char* kGrades[] = {"A", "B", "C"};
+  Json json;
+  json["offset"] = version.offset;
+  json["label"] = to_string(version.label);
+  json["grade"] = kGrades[static_cast<int>(version.grade)];
+  json["created"] = timeText(version.create_time);
+  json["modified"] = timeText(version.modify_time);
+  json["length"] = version.length;
+  json["there"] = version.there;
+  json["capacity"] = version.capacity;
+  return json;
+}
+
+int deliverVersion(const Options& options, const std::vector<FoundBlock>& versions) {
+  const auto wanted = std::find_if(versions.begin(), versions.end(), [&](const FoundBlock& each) {
+    return static_cast<std::uint64_t>(each.offset) == *options.at;
+  });
+  if (wanted == versions.end()) {
+    throw Failure(options.file + ": there is no version of the record at " +
+                  std::to_string(*options.at) + "; 'qvdb history' without --at lists them");
+  }
+  const std::vector<std::byte> payload = read_version(options.file, *wanted);
+  deliver(
+      [&](std::uint64_t offset, std::span<std::byte> buffer) {
+        const std::size_t from = std::min<std::uint64_t>(offset, payload.size());
+        const std::size_t count = std::min(buffer.size(), payload.size() - from);
+        if (count > 0) std::memcpy(buffer.data(), payload.data() + from, count);
+        return count;
+      },
+      options.delivery);
+  return kDone;
+}
+
+int run(const Options& options) {
+  const std::vector<FoundBlock> versions =
+      history(options.file, options.table, idOf(options.record));
+  if (versions.empty()) {
+    throw Failure(options.file + ": there is no trace of the record " + options.record);
+  }
+  if (options.at) return deliverVersion(options, versions);
+  if (options.json) {
+    Json json;
+    addText(&json, "file", options.file);
+    json["record"] = to_string(versions.front().record);
+    json["versions"] = Json::array();
+    for (const FoundBlock& version : versions) json["versions"].push_back(jsonOf(version));
+    printJson(json);
+    return kDone;
+  }
+  printLine("MODIFIED              OFFSET");
+  for (const FoundBlock& version : versions) printVersion(version);
+  return kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.argument("RECORD", options->record, "The identifier of a record, in use or not.");
+  arguments.option("--at", "OFFSET", options->at,
+                   "Write the payload of the version at this offset to standard output.");
+  arguments.option("-o,--output", "FILE", options->delivery.output,
+                   "With --at: write to this file instead.");
+  arguments.force(options->delivery.force, "With -o: write over a file that is there.");
+  arguments.flag("--raw", options->delivery.raw, "With --at: let binary bytes go to a terminal.");
+  arguments.json(options->json);
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kHistoryCommand = {
+    "history", "show the versions of a record",
+    "Shows every version of a record that is still in the file, oldest first: when it was written, "
+    "where it is, its size, and what became of it. Deleting a record leaves its bytes in the file "
+    "until it is compacted, and so does changing it to something that needs more room than it had; "
+    "a change that fitted its room left no version of its own. The file is only read.",
+    "qvdb history notes.qvd letters 0x1f5e2d3c4b5a6978\n"
+    "qvdb history --at 5082 -o old.txt notes.qvd letters 0x1f5e2d3c4b5a6978",
+    define};
+
+}  // namespace qvdb::tool

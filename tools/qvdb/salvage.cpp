@@ -1,0 +1,196 @@
+// qvdb salvage: get back from a damaged file what can be got back.
+#include <nlohmann/json.hpp>
+
+#include <charconv>
+#include <map>
+
+#include "qvdb/commands.h"
+#include "qvdb/input.h"
+#include "qvdb/locate.h"
+#include "qvdb/output.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string source;
+  std::string target;
+  SalvageOptions salvage;
+  std::optional<std::string> grade;
+  std::optional<std::string> from;
+  std::optional<std::string> extract;
+  bool verbose = false;
+  bool json = false;
+};
+
+BlockGrade gradeOf(const std::string& text) {
+  if (text == "A" || text == "a") return BlockGrade::a;
+  if (text == "B" || text == "b") return BlockGrade::b;
+  if (text == "C" || text == "c") return BlockGrade::c;
+  throw wrongUsage("--grade takes A, B or C, not '" + text + "'");
+}
+
+std::int64_t offsetOf(const std::string& text) {
+  std::int64_t offset = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), offset);
+  if (error != std::errc() || end != text.data() + text.size()) {
+    throw wrongUsage("--from takes a number of bytes, not '" + text + "'");
+  }
+  return offset;
+}
+
+SalvageOptions optionsOf(const Options& options) {
+  SalvageOptions salvage = options.salvage;
+  if (options.grade) salvage.lowest_grade = gradeOf(*options.grade);
+  if (options.from) salvage.from = offsetOf(*options.from);
+  if (options.extract) salvage.extract_to = *options.extract;
+  return salvage;
+}
+
+std::string keyOf(const FoundBlock& block) {
+  std::string key = std::string(to_string(block.label));
+  if (block.is_orphan) key += ", of an unknown table";
+  if (block.is_table_data) key += ", table data";
+  return key;
+}
+
+struct Tally {
+  std::uint64_t found = 0;
+  std::uint64_t written = 0;
+};
+
+std::string lineOf(const FoundBlock& block) {
+  static constexpr const char* kGrades[] = {"A", "B", "C"};
+  return std::to_string(block.offset) + "  " + kGrades[static_cast<int>(block.grade)] + "  " +
+         (block.is_table_data ? "table data        " : to_string(block.record)) + "  " +
+         (block.table_name.empty() ? to_string(block.table) : escaped(block.table_name)) + "  " +
+         std::to_string(block.there) + " bytes  " + keyOf(block) +
+         (block.written_to.empty() ? "  left out" : "  -> " + escaped(block.written_to));
+}
+
+Json jsonOf(const SalvageReport& report, const std::map<std::string, Tally>& tallies) {
+  Json json;
+  json["verified"] = report.verified;
+  json["source_in_use"] = report.source_in_use;
+  json["tables_written"] = report.tables_written;
+  json["records_written"] = report.records_written;
+  json["table_data_written"] = report.data_written;
+  json["payload_bytes"] = report.payload_bytes;
+  json["records_cut"] = report.records_cut;
+  json["blocks_found"] = report.blocks_found;
+  json["blocks_left_out"] = report.blocks_left_out;
+  json["tables_left_out"] = report.tables_left_out;
+  json["bytes_unknown"] = report.bytes_unknown;
+  json["unknown"] = Json::array();
+  for (const ByteRange& range : report.unknown) {
+    json["unknown"].push_back({{"offset", range.offset}, {"size", range.size}});
+  }
+  json["blocks"] = Json::array();
+  for (const auto& [label, tally] : tallies) {
+    json["blocks"].push_back(
+        {{"label", label}, {"found", tally.found}, {"written", tally.written}});
+  }
+  json["notes"] = Json::array();
+  for (const std::string& note : report.notes) json["notes"].push_back(escaped(note));
+  return json;
+}
+
+void printReport(const SalvageReport& report, const std::map<std::string, Tally>& tallies) {
+  for (const auto& [label, tally] : tallies) {
+    printLine(counted(tally.found, "block", "blocks") + " " + label + ": " +
+              std::to_string(tally.written) + " written");
+  }
+  for (const ByteRange& range : report.unknown) {
+    printLine(counted(static_cast<std::uint64_t>(range.size), "byte", "bytes") + " at " +
+              std::to_string(range.offset) + " are no block: not recovered");
+  }
+  for (const std::string& note : report.notes) printLine(escaped(note));
+  if (report.records_cut > 0) {
+    printLine(counted(report.records_cut, "record has", "records have") +
+              " lost a part of the payload");
+  }
+  if (report.source_in_use) {
+    printLine("Somebody has the source open for writing: do it again when nobody does.");
+  }
+  printLine(counted(report.tables_written, "table", "tables") + ", " +
+            counted(report.records_written, "record", "records") + ", " +
+            counted(report.payload_bytes, "byte", "bytes") + " of payload written and " +
+            (report.verified ? "checked" : "NOT as they should be: check the new file"));
+}
+
+int run(const Options& options) {
+  std::map<std::string, Tally> tallies;
+  const BlockVisitor visit = [&](const FoundBlock& block) {
+    Tally& tally = tallies[keyOf(block)];
+    ++tally.found;
+    if (!block.written_to.empty()) ++tally.written;
+    if (options.verbose && !options.json) printLine(lineOf(block));
+  };
+  const SalvageOptions salvageOptions = optionsOf(options);
+  const SalvageReport report =
+      options.source == "-" ? salvage_image(readInput("-"), options.target, visit, salvageOptions)
+                            : salvage(options.source, options.target, visit, salvageOptions);
+  if (options.json) {
+    printJson(jsonOf(report, tallies));
+  } else {
+    printReport(report, tallies);
+  }
+  return report.verified ? kDone : kFailed;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  SalvageOptions& salvage = options->salvage;
+  arguments.argument("SRC", options->source,
+                     "The damaged file, or an image of a device; '-' is standard input.");
+  arguments.argument("DST", options->target, "The new file. Nothing may be there yet.");
+  arguments.flag("--deleted", salvage.deleted,
+                 "Also take deleted records, into the table lost-and-found.");
+  arguments.flag("--versions", salvage.versions,
+                 "Also take older versions of records, into the table lost-and-found.");
+  arguments.flag("--orphans", salvage.orphans,
+                 "Also take tables that the directory does not have, under names made of their "
+                 "identifiers. That is done in any case when the directory is damaged.");
+  arguments.option("--grade", "GRADE", options->grade,
+                   "Take blocks down to this grade: A, all of the block is right (the default); B, "
+                   "all but one of end mark, identifier and capacity, so that the payload may be "
+                   "cut; C, only the header.");
+  arguments.flag("--in-place-tables", salvage.in_place_tables,
+                 "Put deleted records back into their own tables, behind the others.");
+  arguments.option("--extract", "DIR", options->extract,
+                   "Also write every payload to a file of its own in this folder, and a line of "
+                   "JSON for each to DIR/manifest.jsonl.");
+  arguments.option("--from", "OFFSET", options->from,
+                   "Where the database begins in SRC, in bytes. Below 0: as many bytes are missing "
+                   "at its front.");
+  arguments.flag("--ignore-directory", salvage.ignore_directory,
+                 "Do not believe the directory: go by the blocks alone.");
+  arguments.flag("-v,--verbose", options->verbose, "List every block that was found.");
+  arguments.json(options->json);
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kSalvageCommand = {
+    "salvage",
+    "save what can be saved into a new file",
+    "Finds the records and the table data of a damaged database, by following the chains from both "
+    "ends and by searching all other bytes for blocks, and writes a new database with what was in "
+    "use or lost. Records keep their identifiers, times and spare room. SRC is only read.\n\n"
+    "Deleted records and older versions are left out unless they are asked for. When the move of a "
+    "record was cut off, the version in use stays in its table and the newer one goes into the "
+    "table lost-and-found.\n\n"
+    "At the end the new file is checked. What could not be recovered is reported with its place "
+    "in the file.",
+    "qvdb salvage damaged.qvd saved.qvd\n"
+    "qvdb salvage --deleted --extract payloads damaged.qvd saved.qvd\n"
+    "qvdb salvage --grade B cut-short.qvd saved.qvd\n"
+    "qvdb salvage --from 1048576 disk.img saved.qvd",
+    define,
+    "0  done, and the new file is sound\n"
+    "1  failed\n"
+    "2  wrong usage"};
+
+}  // namespace qvdb::tool

@@ -1,0 +1,57 @@
+// qvdb undelete: bring a version of a record back.
+#include "qvdb/commands.h"
+#include "qvdb/locate.h"
+#include "qvdb/output.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string source;
+  std::string target;
+  std::string table;
+  std::string record;
+  std::optional<std::uint64_t> at;
+};
+
+int run(const Options& options) {
+  const std::optional<Id> record = parse_id(options.record);
+  if (!record) throw wrongUsage("'" + options.record + "' is no identifier of a record");
+  std::optional<std::int64_t> offset;
+  if (options.at) {
+    if (*options.at > INT64_MAX) throw wrongUsage("--at is beyond the end of every file");
+    offset = static_cast<std::int64_t>(*options.at);
+  }
+  const SalvageReport report =
+      undelete(options.source, options.target, options.table, *record, offset);
+  for (const std::string& note : report.notes) printLine(escaped(note));
+  if (report.verified) return kDone;
+  throw Failure(options.target + ": the new file is not as it should be; 'qvdb check' tells more");
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("SRC", options->source, kFileHelp);
+  arguments.argument("DST", options->target, "The new file. Nothing may be there yet.");
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.argument("RECORD", options->record, "The identifier of the record.");
+  arguments.option("--at", "OFFSET", options->at,
+                   "The version at this offset, as 'qvdb history' shows it, instead of the last.");
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kUndeleteCommand = {
+    "undelete", "bring a deleted record back",
+    "Writes a new database with everything that SRC has in use, and with a deleted record: its "
+    "last "
+    "version, at the end of its table, or the version that --at names. A record that is in use can "
+    "be given an earlier version with --at, which takes its place. SRC is only read.",
+    "qvdb history notes.qvd letters 0x1f5e2d3c4b5a6978\n"
+    "qvdb undelete notes.qvd restored.qvd letters 0x1f5e2d3c4b5a6978\n"
+    "qvdb undelete --at 5082 notes.qvd restored.qvd letters 0x1f5e2d3c4b5a6978",
+    define};
+
+}  // namespace qvdb::tool
