@@ -5,6 +5,7 @@
 
 #include "format/layout.h"
 #include "qvdb/layer_fixture.h"
+#include "support/unprivileged.h"
 
 namespace qvdbase::test {
 namespace {
@@ -111,14 +112,34 @@ TEST_F(LayerDatabase, OpenExclusivelyKeepsOtherWritersOut) {
 }
 
 TEST_F(LayerDatabase, ThatMayNotBeReadOrWrittenSaysSo) {
-  if (::geteuid() == 0) GTEST_SKIP() << "root may read and write everything";
   createDatabase();
-  ::chmod(path().c_str(), 0444);
-  expectError(Reason::access_denied, [&] { openDatabase(Mode::exclusive); });
-  EXPECT_TRUE(openDatabase(Mode::any).is_open());
-  ::chmod(path().c_str(), 0);
-  expectError(Reason::access_denied, [&] { openDatabase(Mode::read_only); });
+  for (const mode_t mode : {0444u, 0000u}) {
+    ::chmod(path().c_str(), mode);
+    Unprivileged user(folder.path());
+    if (!user) GTEST_SKIP() << "root cannot act as somebody else here";
+    expectError(Reason::access_denied, [&] { openDatabase(Mode::exclusive); });
+    expectError(Reason::access_denied, [&] { openDatabase(Mode::shared); });
+    if (mode != 0) {
+      EXPECT_TRUE(openDatabase(Mode::any).is_open());
+    } else {
+      expectError(Reason::access_denied, [&] { openDatabase(Mode::read_only); });
+    }
+    expectError(Reason::access_denied, [&] { Database::create(path(), {.overwrite = true}); });
+  }
   ::chmod(path().c_str(), 0644);
+}
+
+TEST_F(LayerDatabase, InAFolderThatMayNotBeUsedSaysSo) {
+  createDatabase("closed/test.qvd");
+  ::chmod(path("closed").c_str(), 0);
+  {
+    Unprivileged user(folder.path());
+    if (!user) GTEST_SKIP() << "root cannot act as somebody else here";
+    expectError(Reason::access_denied, [&] { Database::open(path("closed/test.qvd")); });
+    expectError(Reason::access_denied, [&] { Database::create(path("closed/new.qvd")); });
+    expectError(Reason::access_denied, [&] { Database::create(path("closed/deeper/new.qvd")); });
+  }
+  ::chmod(path("closed").c_str(), 0755);
 }
 
 TEST_F(LayerDatabase, OpenedForReadingIsNeverWritten) {

@@ -41,6 +41,7 @@ void catchInterrupts() {
     ::sigaction(signal, &action, nullptr);
   }
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 void waitForInput(int descriptor) {

@@ -8,8 +8,8 @@ namespace qvdb::tool {
 // Thrown by throwIfInterrupted; main says "interrupted".
 struct Interrupted {};
 
-// From now on SIGINT, SIGTERM and SIGHUP are only noted, and SIGPIPE is ignored. A second signal
-// of the first three ends the process at once.
+// From now on SIGINT, SIGTERM and SIGHUP are only noted; a second one of a kind ends the process at
+// once. Signals that come because something cannot be written are ignored: the write fails, too.
 void catchInterrupts();
 
 // Waits until the descriptor has something to read, or is at its end. Throws Interrupted when a

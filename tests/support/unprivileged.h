@@ -1,0 +1,39 @@
+// Lets a test meet the permissions of files as an ordinary user does, also when root runs it.
+//
+//   Unprivileged user(folder.path());
+//   if (!user) GTEST_SKIP() << "...";
+#ifndef QVDBASE_TESTS_SUPPORT_UNPRIVILEGED_H
+#define QVDBASE_TESTS_SUPPORT_UNPRIVILEGED_H
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace qvdbase::test {
+
+// While it lives, root acts as an ordinary user, who may use the folder; processes that are started
+// meanwhile do too. For an ordinary user nothing changes.
+class Unprivileged {
+ public:
+  explicit Unprivileged(const std::filesystem::path& folder) : wasRoot_(::geteuid() == 0) {
+    if (wasRoot_) works_ = ::chmod(folder.c_str(), 0777) == 0 && ::seteuid(kNobody) == 0;
+  }
+  ~Unprivileged() {
+    if (wasRoot_ && works_ && ::seteuid(0) != 0) std::abort();
+  }
+  Unprivileged(const Unprivileged&) = delete;
+  Unprivileged& operator=(const Unprivileged&) = delete;
+
+  explicit operator bool() const { return works_; }
+
+ private:
+  static constexpr uid_t kNobody = 65534;
+  bool wasRoot_;
+  bool works_ = true;
+};
+
+}  // namespace qvdbase::test
+
+#endif
