@@ -23,6 +23,7 @@
 #include <qvdbase/qvdb/history.hpp>
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/index.hpp>
+#include <qvdbase/qvdb/maintenance.hpp>
 #include <qvdbase/qvdb/record.hpp>
 #include <qvdbase/qvdb/salvage.hpp>
 #include <qvdbase/qvdb/table.hpp>

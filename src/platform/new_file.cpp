@@ -21,6 +21,14 @@ bool NewFile::create(const std::string& path) {
   return entry_ != nullptr;
 }
 
+// The owner first: changing it can take permissions away. Only a privileged process may give files
+// away; another one that copies its own file has nothing to change.
+bool NewFile::setAccess(const FileAccess& access) {
+  const int descriptor = descriptorOf(*entry_);
+  static_cast<void>(systemCalls().changeOwner(descriptor, access.owner, access.group));
+  return systemCalls().changeMode(descriptor, static_cast<mode_t>(access.mode)) == 0;
+}
+
 bool NewFile::writeAt(int64_t position, const void* bytes, size_t count) {
   const auto limit = systemCalls().fileSizeLimit();
   for (size_t done = 0; done < count;) {

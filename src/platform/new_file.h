@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/file_entries.h"
+#include "platform/read_only_file.h"
 
 namespace qvdbase::platform {
 
@@ -20,6 +20,9 @@ class NewFile {
 
   // Creates the file at this absolute path, in UTF-8. Fails when anything is there.
   bool create(const std::string& path);
+
+  // Gives it another file's permissions, and its owner and group where the host allows that.
+  bool setAccess(const FileAccess& access);
 
   // True when all bytes were written.
   bool writeAt(int64_t position, const void* bytes, size_t count);

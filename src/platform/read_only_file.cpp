@@ -62,6 +62,13 @@ bool ReadOnlyFile::stamp(FileStamp* stamp) const {
   return true;
 }
 
+bool ReadOnlyFile::access(FileAccess* access) const {
+  struct stat status = {};
+  if (systemCalls().status(descriptorOf(*entry_), &status) != 0) return false;
+  *access = {static_cast<uint32_t>(status.st_mode & 07777), status.st_uid, status.st_gid};
+  return true;
+}
+
 bool ReadOnlyFile::isLockedByOthers() const {
   struct flock lock = {};
   lock.l_type = F_WRLCK;  // meets locks of either strength

@@ -20,6 +20,13 @@ struct FileStamp {
   bool operator==(const FileStamp&) const = default;
 };
 
+// Who may do what with a file.
+struct FileAccess {
+  uint32_t mode = 0;  // the permission bits
+  uint32_t owner = 0;
+  uint32_t group = 0;
+};
+
 // What a path stands for.
 enum class PathKind : uint8_t { nothing, regularFile, somethingElse };
 PathKind kindOfPath(const std::string& path);
@@ -40,6 +47,7 @@ class ReadOnlyFile {
   size_t readAt(int64_t position, void* buffer, size_t count) const;
 
   bool stamp(FileStamp* stamp) const;
+  bool access(FileAccess* access) const;
 
   // Whether another process holds a lock on the file, as everyone does who has it open for writing.
   bool isLockedByOthers() const;

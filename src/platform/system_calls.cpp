@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 
@@ -60,6 +61,11 @@ constexpr SystemCalls kHostCalls = {
     .status = ::fstat,
     .statusAt = ::fstatat,
     .makeDirectoryAt = ::mkdirat,
+    .renameAt = ::renameat,
+    .linkAt = ::linkat,
+    .removeAt = ::unlinkat,
+    .changeMode = ::fchmod,
+    .changeOwner = ::fchown,
     .readAt = ::pread,
     .writeAt = ::pwrite,
     .truncate = ::ftruncate,

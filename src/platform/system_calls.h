@@ -26,6 +26,11 @@ struct SystemCalls {
   int (*status)(int descriptor, struct stat* result);
   int (*statusAt)(int directory, const char* name, struct stat* result, int flags);
   int (*makeDirectoryAt)(int directory, const char* name, mode_t mode);
+  int (*renameAt)(int fromDirectory, const char* from, int toDirectory, const char* to);
+  int (*linkAt)(int fromDirectory, const char* from, int toDirectory, const char* to, int flags);
+  int (*removeAt)(int directory, const char* name, int flags);
+  int (*changeMode)(int descriptor, mode_t mode);
+  int (*changeOwner)(int descriptor, uid_t owner, gid_t group);
 
   // Contents.
   ssize_t (*readAt)(int descriptor, void* buffer, size_t count, off_t position);

@@ -29,6 +29,10 @@ extern const Command kCheckCommand;
 extern const Command kSalvageCommand;
 extern const Command kHistoryCommand;
 extern const Command kUndeleteCommand;
+extern const Command kCompactCommand;
+extern const Command kPackCommand;
+extern const Command kRenumberCommand;
+extern const Command kRepairCommand;
 
 }  // namespace qvdb::tool
 

@@ -17,7 +17,7 @@ void writeError(const std::string& text) {
 Progress::Progress(const char* doing, std::uint64_t total, const char* things)
     : doing_(doing),
       total_(total),
-      things_(things),
+      things_(things != nullptr ? things : ""),
       isTerminal_(::isatty(STDERR_FILENO) == 1),
       next_(std::chrono::steady_clock::now()) {}
 
@@ -39,12 +39,16 @@ void Progress::setTo(std::uint64_t done) {
 }
 
 void Progress::show() {
-  std::string line = "\r\x1b[K" + doing_ + " " + std::to_string(done_);
-  if (total_ != 0) {
+  std::string line = "\r\x1b[K" + doing_ + " ";
+  const std::string done = std::to_string(done_);
+  if (things_.empty()) {
+    line += std::to_string(done_ * 100 / total_) + " %";
+  } else if (total_ != 0) {
+    line += done;
     line += " of " + std::to_string(total_);
     line += " " + things_ + " (" + std::to_string(done_ * 100 / total_) + " %)";
   } else {
-    line += " " + things_;
+    line += done + " " + things_;
   }
   writeError(line);
   isShown_ = true;

@@ -10,7 +10,8 @@ namespace qvdb::tool {
 
 class Progress {
  public:
-  // "importing 120 of 1000 files"; a total of 0 is not known and not shown.
+  // "importing 120 of 1000 files"; a total of 0 is not known and not shown. Without things only the
+  // percent is shown: "packing 12 %".
   Progress(const char* doing, std::uint64_t total, const char* things);
   ~Progress();
   Progress(const Progress&) = delete;

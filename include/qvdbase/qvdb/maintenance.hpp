@@ -1,0 +1,123 @@
+// Operations on whole database files: compact, pack, renumber, repair.
+//
+//   qvdb::compact("notes.qvd");                              drop what is dead, keep all the rest
+//   qvdb::compact("notes.qvd", "copy.qvd", showProgress);
+//
+// A database only grows: deleted records and the old places of changed ones stay in the file until
+// it is rewritten. compact() is what rewrites it. The other three are the library's operations of
+// qvdbase.h exactly as they are, with reasons for their failures and without half-made files:
+// pack() loses the data of tables that have records, and renumber() gives new identifiers.
+//
+// None of them leaves a target that is not finished. The new file is written beside its target,
+// under a name that begins with ".qvdb-" and ends in ".tmp", and takes the target's name only when
+// it is complete and the device has it. A process that is killed on the way leaves that temporary
+// file behind, and nothing else; it can be deleted.
+#ifndef QVDBASE_QVDB_MAINTENANCE_HPP
+#define QVDBASE_QVDB_MAINTENANCE_HPP
+
+#include <qvdbase/base.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace qvdb {
+
+// Told how far an operation is, in percent, never less than before; may be empty. Returning false
+// stops the operation, which then throws Error with Reason::cancelled. It may be called very often,
+// and may throw: the operation ends with its exception. It must not work on the databases of the
+// operation.
+using ProgressFunction = std::function<bool(int percent)>;
+
+// For the operations that make a file.
+struct TargetOptions {
+  // Whether a target that is there already is replaced. An empty file is no obstacle in any case.
+  bool overwrite = false;
+};
+
+struct CompactOptions {
+  bool overwrite = false;  // as in TargetOptions
+  bool dry_run = false;    // only work out the result: nothing is written
+};
+
+struct CompactReport {
+  std::uint64_t size_before = 0;  // bytes of the source
+  std::uint64_t size_after = 0;   // bytes of the compacted file
+  std::uint64_t tables = 0;
+  std::uint64_t records = 0;
+  std::uint64_t data_blocks = 0;  // tables with table data
+};
+
+// Rewrites a database without what is dead in it. Everything live is kept: signature, version and
+// identifier of the database; name, identifier, flags and counters of the tables, and their data;
+// identifiers, times, payloads, room and order of the records; and permissions of the file. The
+// room behind payloads and data is filled with zeros. The new file is read back and compared with
+// the source before it takes its place.
+//
+// The first form puts the new file in the place of the source. Nobody else may have the source
+// open for writing then; one who has it open for reading goes on reading the old file. Symbolic
+// links are followed; further hard links keep the old file. The second form makes a new file, and
+// only reads the source; naming the source itself as target is the first form.
+//
+// Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use, also when the
+// source is changed meanwhile; not_a_database; version_out_of_range; directory_damaged,
+// chain_damaged and data_damaged for a source that is not sound (qvdb::check tells where, and
+// qvdb::salvage helps); file_exists; disk_full; cannot_read; cannot_write; cancelled. The source
+// is then as it was, and so is the target.
+QVDBASE_API CompactReport compact(const std::filesystem::path& source,
+                                  const ProgressFunction& progress = {},
+                                  const CompactOptions& options = {});
+QVDBASE_API CompactReport compact(const std::filesystem::path& source,
+                                  const std::filesystem::path& target,
+                                  const ProgressFunction& progress = {},
+                                  const CompactOptions& options = {});
+
+struct PackReport {
+  std::uint64_t size_before = 0;
+  std::uint64_t size_after = 0;
+  // Tables that have data in the source and cannot find it in the new file, because they have
+  // records.
+  std::vector<std::string> tables_without_data;
+};
+
+// PackOneDB2NewW: a new file with every table, its records under their identifiers, and the data of
+// tables without records. The version becomes 100. The source must be writable, and nobody may have
+// it open exclusively; it is not changed.
+//
+// Throws Error as compact() does, and bad_argument when source and target are the same file.
+QVDBASE_API PackReport pack(const std::filesystem::path& source,
+                            const std::filesystem::path& target,
+                            const ProgressFunction& progress = {},
+                            const TargetOptions& options = {});
+
+// PackOneDB2AllNewUUIDFile: a new file with new identifiers for the database and its records, save
+// those of the tables "QVrz_Info" and "QVrz_Category"; categories are given the new identifiers of
+// the records that they list. A database without a table "QVrz_Category" cannot be renumbered.
+//
+// Throws Error as pack() does; table_missing without that table; data_damaged when the categories
+// cannot be renewed, above all because one lists an identifier that was not replaced.
+QVDBASE_API PackReport renumber(const std::filesystem::path& source,
+                                const std::filesystem::path& target,
+                                const ProgressFunction& progress = {},
+                                const TargetOptions& options = {});
+
+enum class RepairOutcome {
+  sound,     // every chain was found sound; only the version was set to 100
+  relinked,  // the chain of at least one table was rewritten
+};
+
+// FixOneDBLinkErrorW: checks the record chain of every table, in place, and rewrites those that are
+// broken, from what can be reached from their first record: everything else drops out.
+// predict_repair() says beforehand what would be lost, and salvage() loses less.
+//
+// Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use;
+// not_a_database; version_out_of_range; directory_damaged when a table or its data is damaged in a
+// way that it does not repair; cannot_write; cancelled. What was rewritten before stays.
+QVDBASE_API RepairOutcome repair(const std::filesystem::path& path,
+                                 const ProgressFunction& progress = {});
+
+}  // namespace qvdb
+
+#endif

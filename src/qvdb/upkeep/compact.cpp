@@ -1,0 +1,195 @@
+// qvdb::compact: survey, write, compare, place.
+//
+// Until the last step, which gives the new file its name, nothing has happened to the source or the
+// target. Everything before it can fail, be cancelled or be killed.
+#include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/maintenance.hpp>
+
+#include <algorithm>
+#include <optional>
+
+#include "platform/new_file.h"
+#include "platform/read_only_file.h"
+#include "qvdb/open_database.h"
+#include "qvdb/raw/open_file.h"
+#include "qvdb/upkeep/live_copy.h"
+#include "qvdb/upkeep/progress.h"
+#include "qvdb/upkeep/target_file.h"
+
+namespace qvdb {
+namespace {
+
+namespace fs = std::filesystem;
+
+using detail::CopyOutcome;
+using detail::failOn;
+using detail::LiveDamage;
+using detail::LiveDatabase;
+using detail::LiveLayout;
+using detail::LiveReader;
+using detail::TargetFile;
+using qvdbase::raw::ByteSource;
+
+constexpr const char* kOperation = "compact the database";
+
+// A part of the work, as a range of percents that is passed through record by record.
+class Stage {
+ public:
+  Stage(detail::Reporter& reporter, const fs::path& path, int from, int to, std::uint64_t total)
+      : reporter_(reporter), path_(path), from_(from), to_(to), total_(total) {}
+
+  // One record more. Throws cancelled, and what the caller's function throws.
+  void step() {
+    const std::uint64_t share = std::min(done_++, total_);
+    const auto width = static_cast<std::uint64_t>(to_ - from_);
+    report(from_ + static_cast<int>(total_ == 0 ? 0 : share * width / total_));
+  }
+
+  void report(int percent) {
+    if (reporter_.report(percent) || !reporter_.wantsToStop()) return;
+    failOn(path_, kOperation, Reason::cancelled, "it was cancelled");
+  }
+
+ private:
+  detail::Reporter& reporter_;
+  const fs::path& path_;
+  int from_;
+  int to_;
+  std::uint64_t total_;
+  std::uint64_t done_ = 0;
+};
+
+class Compaction {
+ public:
+  Compaction(const fs::path& source, const ProgressFunction& progress)
+      : source_(source), resolved_(detail::resolved(source, kOperation)), reporter_(progress) {}
+
+  // Without a target nothing is written.
+  CompactReport run(std::optional<TargetFile>& target) {
+    const qvdbase::raw::OpenedFile file(resolved_, kOperation);
+    survey(file);
+    const LiveLayout layout(file.source(), database_);
+    if (target) {
+      write(file.source(), layout, *target);
+      compare(file, *target);
+    }
+    refuseIfChanged(file);
+    if (target) target->place();
+    // Too late to stop anything.
+    static_cast<void>(reporter_.report(100));
+    return reportOn(file.source(), layout);
+  }
+
+ private:
+  // Said rather than anything else that is found then: half-done work looks like damage.
+  void refuseIfChanged(const qvdbase::raw::OpenedFile& file) const {
+    if (!file.hasChanged()) return;
+    failOn(source_, kOperation, Reason::in_use, "it was changed meanwhile");
+  }
+
+  void survey(const qvdbase::raw::OpenedFile& file) {
+    Stage stage(reporter_, source_, 0, 20, countedRecords());
+    LiveReader reader(file.source());
+    if (reader.read(&database_, [&] { stage.step(); })) return;
+    refuseIfChanged(file);
+    const std::string message = detail::failureMessage(source_, kOperation, reader.why());
+    if (reader.damage() == LiveDamage::chain && reader.recordNumber() != 0) {
+      throw Error(kOperation, Reason::chain_damaged, message, reader.recordNumber());
+    }
+    throw Error(kOperation, reasonOf(reader.damage()), message);
+  }
+
+  static Reason reasonOf(LiveDamage damage) {
+    if (damage == LiveDamage::chain) return Reason::chain_damaged;
+    return damage == LiveDamage::data ? Reason::data_damaged : Reason::directory_damaged;
+  }
+
+  // For the progress of the survey, which does not know yet whether they are there.
+  std::uint64_t countedRecords() const {
+    const Database database = Database::open(source_, Mode::read_only);
+    std::uint64_t count = 0;
+    for (const Table& table : database.tables()) count += table.count();
+    return count;
+  }
+
+  void write(const ByteSource& source, const LiveLayout& layout, const TargetFile& target) {
+    Stage stage(reporter_, source_, 20, 60, database_.recordCount());
+    qvdbase::platform::NewFile file;
+    if (!file.create(target.temporary())) {
+      failOn(target.given(), kOperation, Reason::access_denied,
+             "the system does not let us make a file in its folder");
+    }
+    takeOverAccess(file);
+    switch (copyLive(source, database_, layout, &file, [&] { stage.step(); })) {
+      case CopyOutcome::cannotRead:
+        failOn(source_, kOperation, Reason::cannot_read, "the system cannot read it");
+      case CopyOutcome::cannotWrite:
+        target.failWriting(file.wasFull());
+      case CopyOutcome::done:
+        break;
+    }
+    if (!file.finish()) target.failWriting(!target.hasRoomFor(layout.size()));
+  }
+
+  void takeOverAccess(qvdbase::platform::NewFile& file) const {
+    qvdbase::platform::ReadOnlyFile source;
+    qvdbase::platform::FileAccess access;
+    if (source.open(resolved_.native()) && source.access(&access) && file.setAccess(access)) return;
+    failOn(source_, kOperation, Reason::cannot_write, "its permissions cannot be given to a copy");
+  }
+
+  void compare(const qvdbase::raw::OpenedFile& file, const TargetFile& target) {
+    Stage stage(reporter_, source_, 60, 100, database_.recordCount());
+    const qvdbase::raw::OpenedFile copy(target.temporary(), kOperation);
+    if (isLiveCopy(copy.source(), file.source(), database_, [&] { stage.step(); })) return;
+    refuseIfChanged(file);
+    failOn(source_, kOperation, Reason::cannot_write,
+           "what was written is not what can be read back");
+  }
+
+  CompactReport reportOn(const ByteSource& source, const LiveLayout& layout) const {
+    CompactReport report;
+    report.size_before = static_cast<std::uint64_t>(source.size());
+    report.size_after = layout.size();
+    report.tables = database_.tables.size();
+    report.records = database_.recordCount();
+    for (const detail::LiveTable& table : database_.tables) {
+      if (table.slot.firstDataPos != 0) ++report.data_blocks;
+    }
+    return report;
+  }
+
+  const fs::path source_;
+  const fs::path resolved_;
+  detail::Reporter reporter_;
+  LiveDatabase database_;
+};
+
+CompactReport compactTo(const fs::path& source, const fs::path& target,
+                        const ProgressFunction& progress, const CompactOptions& options,
+                        bool overwrite) {
+  // Opened for a clear word on files that are no database.
+  static_cast<void>(Database::open(source, Mode::read_only));
+  Compaction compaction(source, progress);
+  std::optional<TargetFile> file;
+  if (!options.dry_run) file.emplace(target, kOperation, overwrite);
+  return compaction.run(file);
+}
+
+}  // namespace
+
+CompactReport compact(const fs::path& source, const ProgressFunction& progress,
+                      const CompactOptions& options) {
+  // The source as target: held exclusively from the beginning, and always to be replaced.
+  return compactTo(source, source, progress, options, true);
+}
+
+CompactReport compact(const fs::path& source, const fs::path& target,
+                      const ProgressFunction& progress, const CompactOptions& options) {
+  std::error_code error;
+  const bool isInPlace = fs::equivalent(source, target, error);
+  return compactTo(source, target, progress, options, isInPlace || options.overwrite);
+}
+
+}  // namespace qvdb

@@ -1,0 +1,43 @@
+// A caller's progress function between C++ and C: percents that never fall, exceptions that do not
+// cross C functions, and what became of it all.
+#pragma once
+
+#include <qvdbase/qvdbase.h>
+#include <qvdbase/qvdb/maintenance.hpp>
+
+#include <exception>
+
+namespace qvdb::detail {
+
+class Reporter {
+ public:
+  explicit Reporter(const ProgressFunction& function) : function_(function) {}
+  ~Reporter();
+  Reporter(const Reporter&) = delete;
+  Reporter& operator=(const Reporter&) = delete;
+
+  // Calls the function. False when the operation is to stop; it may not be called again then.
+  bool report(int percent) noexcept;
+
+  // Rethrows what the function threw; otherwise tells whether it asked to stop.
+  bool wantsToStop() const;
+
+  // The progress functions to hand to the C functions. Packs call with the percent second, and the
+  // first of them without any argument that could lead here: it finds the reporter that was made
+  // last, which is why there is one at a time.
+  static std::uint16_t packProgress(int userData, int percent, void* unused) noexcept;
+  static std::uint16_t repairProgress(int percent, int userData, void* unused) noexcept;
+
+  // Makes this the reporter that the two functions above find.
+  void listen();
+
+ private:
+  const ProgressFunction& function_;
+  Reporter* before_ = nullptr;
+  bool isListening_ = false;
+  int highest_ = -1;
+  bool stops_ = false;
+  std::exception_ptr exception_;
+};
+
+}  // namespace qvdb::detail

@@ -1,0 +1,112 @@
+// Files that appear under their name only when they are finished.
+#include "qvdb/upkeep/target_file.h"
+
+#include <qvdbase/qvdb/id.hpp>
+
+#include <system_error>
+
+#include "platform/open_failure.h"
+#include "platform/placing.h"
+#include "qvdb/native_path.h"
+#include "qvdb/open_database.h"
+
+namespace qvdb::detail {
+
+namespace fs = std::filesystem;
+namespace platform = qvdbase::platform;
+
+void failOn(const fs::path& path, const char* operation, Reason reason, const std::string& why) {
+  throw Error(operation, reason, failureMessage(path, operation, why));
+}
+
+fs::path resolved(const fs::path& path, const char* operation) {
+  std::error_code error;
+  if (path.empty()) failOn(path, operation, Reason::path_not_reachable, "the path is empty");
+  fs::path result = fs::weakly_canonical(fs::absolute(path, error), error);
+  if (error) failOn(path, operation, Reason::path_not_reachable, error.message());
+  return result;
+}
+
+namespace {
+
+// Opened past the checks of Database::open: what is replaced need not be a database.
+Database openExclusively(const fs::path& path, const char* operation) {
+  const std::vector<QVWCHAR> wide = nativePath(path, operation);
+  constexpr int kExclusive = static_cast<int>(Mode::exclusive);
+  const std::int16_t handle = OpenDBaseW(wide.data(), kExclusive);
+  if (handle != 0) return Database::adopt(handle, path, Mode::exclusive);
+  switch (platform::findOpenFailure(wide.data(), kExclusive)) {
+    case platform::OpenFailure::inUse:
+      failOn(path, operation, Reason::in_use, "it is in use");
+    case platform::OpenFailure::fileMissing:
+    case platform::OpenFailure::folderMissing:
+      failOn(path, operation, Reason::no_such_file, "there is no such file");
+    case platform::OpenFailure::notAFile:
+      failOn(path, operation, Reason::not_a_file, "it is not a regular file");
+    case platform::OpenFailure::accessDenied:
+    case platform::OpenFailure::readOnlyVolume:
+      failOn(path, operation, Reason::access_denied, "the system does not let us write it");
+    default:
+      failOn(path, operation, Reason::cannot_open, "the system cannot open it");
+  }
+}
+
+}  // namespace
+
+HeldFile::HeldFile(const fs::path& path, const char* operation)
+    : file_(openExclusively(path, operation)) {
+  if (platform::openersOf(file_.handle()) > 1) {
+    failOn(path, operation, Reason::in_use, "this program has it open in another place");
+  }
+}
+
+TargetFile::TargetFile(const fs::path& target, const char* operation, bool overwrite)
+    : given_(target), place_(resolved(target, operation).native()), operation_(operation) {
+  const fs::path place = place_;
+  static_cast<void>(nativePath(place, operation));
+  std::error_code error;
+  const fs::file_status status = fs::status(place, error);
+  if (fs::exists(status)) {
+    if (!fs::is_regular_file(status)) {
+      failOn(given_, operation_, Reason::not_a_file, "something that is no file stands there");
+    }
+    replaces_ = overwrite || fs::file_size(place, error) == 0;
+    if (!replaces_) failOn(given_, operation_, Reason::file_exists, "the file exists already");
+    replaced_ = HeldFile(place, operation_);
+  }
+  fs::create_directories(place.parent_path(), error);
+  const std::string name = ".qvdb-" + to_string(new_id()).substr(2) + ".tmp";
+  temporary_ = (place.parent_path() / name).native();
+}
+
+TargetFile::~TargetFile() {
+  if (!isPlaced_) platform::removeFile(temporary_);
+}
+
+void TargetFile::place() {
+  switch (platform::placeFile(temporary_, place_, replaces_)) {
+    case platform::Placing::occupied:
+      failOn(given_, operation_, Reason::file_exists, "a file of that name has appeared meanwhile");
+    case platform::Placing::failed:
+      failOn(given_, operation_, Reason::cannot_write,
+             "the system does not let the new file take its place");
+    case platform::Placing::done:
+      isPlaced_ = true;
+  }
+  if (platform::syncFolderOf(place_)) return;
+  failOn(given_, operation_, Reason::cannot_write,
+         "the new file is in its place, but the system reports a failure of the device");
+}
+
+void TargetFile::failWriting(bool isFull) const {
+  if (isFull) failOn(given_, operation_, Reason::disk_full, "the disk is full");
+  failOn(given_, operation_, Reason::cannot_write, "the new file cannot be written");
+}
+
+bool TargetFile::hasRoomFor(std::uint64_t bytes) const {
+  std::error_code error;
+  const auto space = fs::space(fs::path(place_).parent_path(), error);
+  return error || space.available >= bytes;
+}
+
+}  // namespace qvdb::detail

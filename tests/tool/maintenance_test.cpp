@@ -1,0 +1,176 @@
+// qvdb compact, pack, renumber, repair
+#include <csignal>
+
+#include "support/maintenance_fixture.h"
+#include "tool/tool_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+class ToolMaintenance : public ToolTest {
+ protected:
+  ToolMaintenance() {
+    allowDamage(kSource);
+    allowDamage(kTarget);
+  }
+
+  void putLively() { writeFile(path(kSource), LivelyDatabase().image.build()); }
+
+  std::size_t filesInFolder() const {
+    return static_cast<std::size_t>(std::distance(
+        std::filesystem::directory_iterator(folder.path()), std::filesystem::directory_iterator()));
+  }
+};
+
+TEST_F(ToolMaintenance, CompactsInPlaceAndSaysWhatItGained) {
+  putLively();
+  const std::size_t before = fileSize(kSource);
+  const std::string would = line({"compact", "--dry-run", kSource});
+  EXPECT_EQ(fileSize(kSource), before);
+  const std::string text = line({"compact", kSource});
+  const std::size_t after = fileSize(kSource);
+  EXPECT_LT(after, before);
+  EXPECT_EQ(text, std::to_string(before) + " bytes became " + std::to_string(after) + ": " +
+                      std::to_string(before - after) + " bytes gained, 3 records in 3 tables");
+  EXPECT_EQ(would, std::to_string(before) + " bytes would become " + std::to_string(after) + ": " +
+                       std::to_string(before - after) + " bytes to gain, 3 records in 3 tables");
+  EXPECT_EQ(done({"data", kSource, "one"}), "data of one");
+  EXPECT_EQ(filesInFolder(), 1u);
+}
+
+TEST_F(ToolMaintenance, CompactsIntoAnotherFileAndLeavesTheSource) {
+  putLively();
+  expectUnchanged([&] { done({"compact", kSource, kTarget}); }, kSource);
+  EXPECT_EQ(done({"data", kTarget, "one"}), "data of one");
+  fails({"compact", kSource, kTarget}, 1, {kTarget, "exists", "--force"});
+  done({"compact", "--force", kSource, kTarget});
+}
+
+TEST_F(ToolMaintenance, PacksAndWarnsOfTheTableDataThatIsLost) {
+  putLively();
+  const Outcome outcome = run({"pack", kSource, kTarget});
+  EXPECT_EQ(outcome.status, 0);
+  expectOneLine(outcome.err, {"'one'", "lost its data", "compact"});
+  EXPECT_TRUE(sameBytes(contents(kTarget), LivelyDatabase().packed().build()));
+}
+
+TEST_F(ToolMaintenance, RenumbersADatabaseWithCategories) {
+  FileImage image;
+  image.addTable("QVrz_Category", 0x505);
+  image.addTable("t", 0x606);
+  image.addRecord(1, 0xA1, bytesOf("x"));
+  writeFile(path(kSource), image.build());
+  EXPECT_EQ(line({"renumber", kSource, kTarget}), "renumbered 4687 bytes into 4687");
+  EXPECT_NE(database(kTarget).tables.at(1).records.at(0).id, 0xA1u);
+  putLively();
+  fails({"renumber", "--force", kSource, kTarget}, 1, {kSource, "QVrz_Category"});
+}
+
+TEST_F(ToolMaintenance, RepairsAndSaysSo) {
+  LivelyDatabase lively;
+  writeFile(path(kSource), lively.image.build());
+  EXPECT_EQ(line({"repair", kSource}), "every chain is sound; nothing was repaired");
+  lively.image.record(lively.c).prevRecordPos = 0;
+  writeFile(path(kSource), lively.image.build());
+  expectUnchanged(
+      [&] {
+        EXPECT_EQ(line({"repair", "-n", kSource}), "broken chains would be relinked");
+      },
+      kSource);
+  EXPECT_EQ(line({"repair", kSource}), "repaired: broken chains were relinked");
+}
+
+TEST_F(ToolMaintenance, RepairSaysWhichRecordsDropOut) {
+  LivelyDatabase lively;
+  lively.image.record(lively.a).nextRecordPos = 0;
+  writeFile(path(kSource), lively.image.build());
+  const Outcome outcome = run({"repair", kSource});
+  EXPECT_EQ(outcome.status, 0);
+  expectOneLine(outcome.err, {kSource, "'one'", "records", "salvage"});
+  EXPECT_EQ(slot(0, kSource).recordCount, 1u);
+}
+
+TEST_F(ToolMaintenance, RepairFailsOnWhatItCannotMend) {
+  LivelyDatabase lively;
+  lively.image.slot(1).slotMark = 0;
+  writeFile(path(kSource), lively.image.build());
+  expectUnchanged([&] { fails({"repair", kSource}, 1, {kSource, "cannot repair"}); }, kSource);
+  fails({"repair", "-n", kSource}, 1, {kSource, "would fail"});
+}
+
+TEST_F(ToolMaintenance, RefusesWhatMakesNoSenseAndLeavesNoEmptyTarget) {
+  writeFile(path("text"), bytesOf("just text"));
+  for (const char* command : {"pack", "renumber", "compact"}) {
+    fails({command, "missing", kTarget}, 1, {"missing", "no such file"});
+    fails({command, "text", kTarget}, 1, {"text", "not a database"});
+    fails({command}, 2, {"SOURCE"});
+    EXPECT_FALSE(std::filesystem::exists(path(kTarget)));
+  }
+  putLively();
+  fails({"pack", kSource, kSource}, 1, {"source itself"});
+  fails({"renumber", kSource, kSource}, 1, {"source itself"});
+  fails({"repair", "missing"}, 1, {"missing", "no such file"});
+  fails({"repair", "text"}, 1, {"text", "not a database"});
+  EXPECT_EQ(readFile(path("text")), bytesOf("just text"));
+  EXPECT_EQ(filesInFolder(), 2u);
+}
+
+TEST_F(ToolMaintenance, RefusesDatabasesInUse) {
+  putLively();
+  const std::int16_t db = open(kSource, 3);
+  expectUnchanged(
+      [&] {
+        fails({"compact", kSource}, 1, {kSource, "in use"});
+        fails({"pack", kSource, kTarget}, 1, {kSource, "in use"});
+        fails({"repair", kSource}, 1, {kSource, "in use"});
+      },
+      kSource);
+  close(db);
+  EXPECT_EQ(filesInFolder(), 1u);
+}
+
+TEST_F(ToolMaintenance, StopsAtCtrlCWithoutATrace) {
+  FileImage image;
+  image.addTable("QVrz_Category", 0x404);
+  image.addTable("t", 0x505);
+  std::int64_t previous = 0;
+  Bytes file;
+  {
+    // Many records, made by hand: the image's own bookkeeping would take long.
+    constexpr std::size_t kCount = 200000;
+    SlotFields& slot = image.slot(1);
+    slot.recordCount = slot.recordWriteCount = kCount;
+    slot.firstRecordPos = kDirectoryEnd;
+    slot.lastRecordPos = slot.lastWrittenRecordPos =
+        static_cast<std::int64_t>(kDirectoryEnd + (kCount - 1) * 56);
+    file = image.build();
+    for (std::size_t i = 0; i < kCount; ++i) {
+      const auto position = static_cast<std::int64_t>(kDirectoryEnd + i * 56);
+      RecordFields record;
+      record.tableID = slot.tableID;
+      record.recordID = identifier(i + 1);
+      record.prevRecordPos = previous;
+      record.nextRecordPos = i + 1 < kCount ? position + 56 : 0;
+      file.add(record.encode());
+      previous = position;
+    }
+  }
+  writeFile(path(kSource), file);
+  for (const Words& words : {Words{"pack", kSource, kTarget}, Words{"renumber", kSource, kTarget},
+                             Words{"compact", kSource, kTarget}}) {
+    ProgramCall call = callOf(words);
+    // As soon as the temporary file is there, the work has begun.
+    call.meanwhile = [this](pid_t process) {
+      while (filesInFolder() < 2 && ::kill(process, 0) == 0) ::usleep(100);
+      ::kill(process, SIGINT);
+    };
+    const Outcome outcome = runProgram(call);
+    EXPECT_EQ(outcome.status, 1) << words[0];
+    expectOneLine(outcome.err, {"interrupted"});
+    EXPECT_EQ(filesInFolder(), 1u) << words[0];
+  }
+  EXPECT_TRUE(sameBytes(contents(kSource), file));
+}
+
+}  // namespace
+}  // namespace qvdbase::test

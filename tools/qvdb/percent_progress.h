@@ -1,0 +1,23 @@
+// Progress of an operation on a whole file, in percent.
+#ifndef QVDB_TOOL_PERCENT_PROGRESS_H
+#define QVDB_TOOL_PERCENT_PROGRESS_H
+
+#include <qvdbase/qvdb.hpp>
+
+#include "qvdb/interrupt.h"
+#include "qvdb/progress.h"
+
+namespace qvdb::tool {
+
+// To be handed to the operation. Shows the percent, and throws Interrupted after Ctrl-C.
+inline ProgressFunction percentOn(Progress& progress) {
+  return [&progress](int percent) {
+    throwIfInterrupted();
+    progress.setTo(static_cast<std::uint64_t>(percent));
+    return true;
+  };
+}
+
+}  // namespace qvdb::tool
+
+#endif
