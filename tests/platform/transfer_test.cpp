@@ -8,6 +8,7 @@
 #include <random>
 
 #include "support/bytes.h"
+#include "support/random_seed.h"
 #include "support/recorded_calls.h"
 #include "support/temp_folder.h"
 
@@ -355,8 +356,7 @@ TEST_F(Transfers, AtTheLargestPositionNothingIsReadAndNothingWraps) {
 // Small and large transfers at random places, forwards, backwards and across the end, against the
 // same on an array of bytes.
 TEST_F(Transfers, InAScopeAreWhatTheyAreWithoutOne) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  const auto seed = static_cast<unsigned>(randomSeed());
   std::mt19937 random(seed);
   const auto below = [&](std::size_t limit) { return random() % limit; };
   Bytes model = patterned(300000);

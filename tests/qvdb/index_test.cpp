@@ -5,6 +5,7 @@
 
 #include "qvdb/index_map.h"
 #include "qvdb/layer_fixture.h"
+#include "support/random_seed.h"
 #include "support/recorded_calls.h"
 
 namespace qvdbase::test {
@@ -17,8 +18,7 @@ using qvdb::Reason;
 using LayerIndex = LayerTest;
 
 TEST(IndexMap, AgreesWithAMapThroughRandomInsertionsAndErasures) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  const auto seed = static_cast<unsigned>(randomSeed());
   std::mt19937_64 random(seed);
   qvdb::detail::IndexMap map;
   std::map<uint64_t, int64_t> model;
@@ -168,8 +168,7 @@ TEST_F(LayerIndex, DoesNotBelieveABlockThatIsNoLongerInTheChain) {
 
 // One random life of a table with and one without an index: the same results, the same bytes.
 TEST_F(LayerIndex, ChangesNoResultAndNoByte) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  const auto seed = static_cast<unsigned>(randomSeed());
   RecordedCalls host;
   host.setTime(1'000'000);
   createDatabase("start.qvd").add_table("t");

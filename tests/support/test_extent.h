@@ -15,9 +15,9 @@ inline bool testEverything() {
   return all != nullptr && *all != '\0' && std::string(all) != "0";
 }
 
-// One line of what a family has tried, for docs/testing.md: scripts/test-counts collects them.
+// One line of what a family has tried; scripts/test-counts adds up those of a run of everything.
 inline void tellCount(const std::string& what, std::uint64_t count) {
-  std::cout << "COUNT " << what << ": " << count << std::endl;
+  std::cout << (testEverything() ? "COUNT " : "SAMPLE ") << what << ": " << count << std::endl;
 }
 
 }  // namespace qvdbase::test
