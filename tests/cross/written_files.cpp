@@ -1,0 +1,122 @@
+// Database files that come out the same on every machine.
+#include "cross/written_files.h"
+
+#include <qvdbase/qvdbase.h>
+
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/bytes.h"
+#include "support/file_fields.h"
+#include "support/replaced_calls.h"
+
+namespace qvdbase::test {
+namespace {
+
+std::vector<QVWCHAR> wide(const std::filesystem::path& path) {
+  const std::u16string text = path.u16string();
+  std::vector<QVWCHAR> units(text.begin(), text.end());
+  units.push_back(0);
+  return units;
+}
+
+void succeed(bool answer, const char* call) {
+  if (!answer) throw std::runtime_error(std::string(call) + " failed");
+}
+
+std::uint64_t addTable(std::int16_t db, const char* name) {
+  std::srand(1);
+  const std::uint64_t table = AddTable(db, name);
+  succeed(table != 0, "AddTable");
+  return table;
+}
+
+void add(std::int16_t db, std::uint64_t table, std::uint64_t id, const Bytes& data,
+         std::uint32_t reserve = 0) {
+  succeed(AddRecordData_AssignRecordID(db, table, data.data(),
+                                       static_cast<std::uint32_t>(data.size()), reserve, &id) == 1,
+          "AddRecordData_AssignRecordID");
+}
+
+void modify(std::int16_t db, std::uint64_t table, std::uint64_t id, const Bytes& data) {
+  succeed(ModifyRecordData(db, table, data.data(), static_cast<std::uint32_t>(data.size()), id,
+                           nullptr) == 1,
+          "ModifyRecordData");
+}
+
+// A category of one record.
+Bytes category(std::uint64_t lists) {
+  Bytes payload = Bytes().be(8, 0xC1).text("K").zeros(63).be(4, 0x01020304).be(8, 0xD1);
+  return payload.be(4, 1).be(8, 0x1122334455667788).be(4, 1).be(8, lists).be(4, 2).text("ab");
+}
+
+void writeRecords(const std::filesystem::path& path, std::uint64_t* clock) {
+  std::srand(1);
+  const std::int16_t db = CreateDBaseW(wide(path).data(), "QVdb", 100);
+  succeed(db != 0, "CreateDBaseW");
+  // Tables take their identifiers from the counter: with the generator afresh, only that differs.
+  ++*clock;
+  const std::uint64_t categories = addTable(db, "QVrz_Category");
+  ++*clock;
+  const std::uint64_t records = addTable(db, "QVrz_Record");
+  add(db, categories, 0xC1, category(0xA1B2C3D4E5F60718));
+  add(db, records, 0xA1B2C3D4E5F60718, bytesOf("first"));
+  add(db, records, 0x8000000000000002, bytesOf("second"), 300);
+  add(db, records, 0xFFFFFFFFFFFFFF03, pattern(1000));
+  add(db, records, 0x04, {});
+  modify(db, records, 0x8000000000000002, bytesOf("written over"));
+  modify(db, records, 0xFFFFFFFFFFFFFF03, pattern(1500, 2));
+  succeed(DeleteOneRecord(db, records, 0x04, nullptr) == 1, "DeleteOneRecord");
+  const Bytes data = bytesOf("table data");
+  succeed(SetTableData(db, records, data.data(), 10, 20) == 1, "SetTableData");
+  CloseDBase(db);
+}
+
+void pack(const std::filesystem::path& folder) {
+  succeed(PackOneDB2NewW(wide(folder / "records.qvd").data(), wide(folder / "packed.qvd").data(), 0,
+                         nullptr) == 1,
+          "PackOneDB2NewW");
+}
+
+void renumber(const std::filesystem::path& folder) {
+  const std::int16_t db = OpenDBaseW(wide(folder / "records.qvd").data(), 1);
+  std::uint16_t from = 0;
+  std::uint16_t to = 0;
+  int status = 0;
+  std::srand(1);
+  const int result = PackOneDB2AllNewUUIDFile(wide(folder / "renumbered.qvd").data(), db, 0,
+                                              nullptr, &from, &to, &status, nullptr);
+  CloseDBase(db);
+  succeed(result == 1, "PackOneDB2AllNewUUIDFile");
+}
+
+void repair(const std::filesystem::path& folder) {
+  const std::filesystem::path path = folder / "repaired.qvd";
+  Bytes file = readFile(folder / "records.qvd");
+  // The first record of the second table loses its link to the next.
+  const SlotFields slot = decodeSlot(file, 1);
+  file.putBe(static_cast<std::size_t>(slot.firstRecordPos) + 39, 8, 0);
+  writeFile(path, file);
+  int result = 0;
+  FixOneDBLinkErrorW(wide(path).data(), nullptr, 0, nullptr, &result);
+  succeed(result == 2, "FixOneDBLinkErrorW");
+}
+
+std::uint64_t counter = 0;
+
+}  // namespace
+
+void writeFiles(const std::filesystem::path& folder) {
+  counter = kCounter;
+  ReplacedCalls calls;
+  calls->time = [] { return static_cast<time_t>(kWrittenAt); };
+  calls->microseconds = [] { return counter; };
+  writeRecords(folder / "records.qvd", &counter);
+  pack(folder);
+  renumber(folder);
+  repair(folder);
+}
+
+}  // namespace qvdbase::test

@@ -1,0 +1,20 @@
+// Database files that come out the same on every machine: written through the C interface, with
+// clocks that stand still and a generator that starts afresh before every identifier.
+#ifndef QVDBASE_TESTS_CROSS_WRITTEN_FILES_H
+#define QVDBASE_TESTS_CROSS_WRITTEN_FILES_H
+
+#include <cstdint>
+#include <filesystem>
+
+namespace qvdbase::test {
+
+inline constexpr std::uint32_t kWrittenAt = 0x87654321;  // beyond what 31 bits of seconds hold
+inline constexpr std::uint64_t kCounter = 0x00000005A0000001;
+
+// Writes "records.qvd" and what maintenance makes of it: "packed.qvd", "renumbered.qvd" and
+// "repaired.qvd". Throws std::runtime_error when a call fails.
+void writeFiles(const std::filesystem::path& folder);
+
+}  // namespace qvdbase::test
+
+#endif
