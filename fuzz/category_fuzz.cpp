@@ -35,9 +35,10 @@ void encodeAgain(const qvrzOneCategoryRecord& category, const uint8_t* payload, 
   uint32_t length = 0;
   unsigned char* const encoded = InternalPutOneCategory2Buffer(0, &category, &length);
   if (encoded == nullptr) return;
-  // A negative count is kept and has no entries; the free bytes may be cut by the record's length.
   require(length >= 96, "the fixed fields are there");
-  require(std::equal(encoded, encoded + std::min<size_t>(length, size), payload),
+  // Free bytes that reach beyond the record are not read.
+  const size_t taken = length <= size ? length : length - category.extraLength;
+  require(taken <= size && std::equal(encoded, encoded + taken, payload),
           "what was decoded is encoded again");
   std::free(encoded);
 }
@@ -66,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(result == 0 || result == 1, "the answer is 0 or 1");
   if (result == 1 && info.dataLength > 8 && category.extraLength <= info.dataLength) {
     renew(&category);
-    if (info.dataLength <= payloadSize) encodeAgain(category, payload, payloadSize);
+    if (info.dataLength <= payloadSize) encodeAgain(category, payload, info.dataLength);
   }
   require(CloseDBase(db) != 0, "an open database closes");
   std::free(category.firstIDs);

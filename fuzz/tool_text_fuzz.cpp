@@ -24,7 +24,7 @@ void require(bool condition, const char* what) {
 void identifiers(std::string_view text) {
   const std::optional<qvdb::Id> id = qvdb::parse_id(text);
   if (!id) return;
-  require(text.size() <= 20 && text.find_first_not_of("0123456789abcdefABCDEFxX") == text.npos,
+  require(text.find_first_not_of("0123456789abcdefABCDEFxX") == text.npos,
           "an identifier is digits");
   require(qvdb::parse_id(qvdb::to_string(*id)) == id, "an identifier reads as it is written");
   require(qvdb::parse_id(std::to_string(id->value)) == id, "and in decimal");
