@@ -300,6 +300,37 @@ TEST_F(DecodingACategory, FailsLateWhenAListThatThePayloadCoversIsCutOffWithTheF
   allowDamage();
 }
 
+TEST_F(DecodingACategory, FailsEarlyWithoutFreeingWhenAFixedFieldIsCutOffWithTheFile) {
+  allowDamage();
+  for (const unsigned length : {8u, 71u, 72u, 75u, 76u, 83u, 84u, 87u}) {
+    SCOPED_TRACE(length);
+    store(Payload().encode());
+    giveExtraBuffer(4);
+    std::filesystem::resize_file(path(), static_cast<std::uintmax_t>(info_.dataPos) + length);
+    seek(db_, 77);
+    EXPECT_EQ(decode(), 0);
+    EXPECT_NE(record.extraData, nullptr);
+    EXPECT_NE(position(db_), 77) << "an early failure leaves the position where it was reached";
+    close(db_);
+    clear();
+  }
+}
+
+TEST_F(DecodingACategory, FailsLateWhenACountIsCutOffWithTheFile) {
+  allowDamage();
+  for (const unsigned length : {88u, 91u, 92u, 95u}) {
+    SCOPED_TRACE(length);
+    store(Payload().encode());
+    giveExtraBuffer(4);
+    std::filesystem::resize_file(path(), static_cast<std::uintmax_t>(info_.dataPos) + length);
+    seek(db_, 77);
+    EXPECT_EQ(decode(), 0);
+    EXPECT_EQ(record.extraData, nullptr);
+    EXPECT_EQ(position(db_), 77);
+    close(db_);
+  }
+}
+
 TEST_F(DecodingACategory, AsksForNoMemoryThatTheFileCannotFill) {
   Bytes payload = Payload().encode();
   payload.putBe(84, 4, 0x1FFFFFF0);

@@ -109,6 +109,14 @@ TEST_F(FrameDuplication, HasStatus100AndClosesTheSourceWhenTheTargetCannotBeMade
   EXPECT_EQ(status, 100);
 }
 
+TEST_F(FrameDuplication, SharesTheSourceWithAWriter) {
+  putSource(FileImage());
+  ASSERT_EQ(OpenDBaseW(wide(kSource), 3), 1);
+  EXPECT_EQ(duplicate(), 0);
+  EXPECT_EQ(status, 0);  // it came as far as ever
+  EXPECT_EQ(closeWhatIsOpen(), (std::vector<std::int16_t>{1, 2}));
+}
+
 TEST_F(FrameDuplication, RefusesItsSourceAsTarget) {
   const FileImage source;
   putSource(source);

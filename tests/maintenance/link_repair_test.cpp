@@ -272,6 +272,16 @@ TEST_F(LinkRepair, LeavesTheSlotUnwrittenWhenOnlyLinksWereWrong) {
   }
 }
 
+TEST_F(LinkRepair, SharesTheFileWithAWriter) {
+  fourRecords();
+  image.record(at[2]).prevRecordPos = 0;
+  putSource(image);
+  const std::int16_t writer = OpenDBaseW(wide(kSource), 3);
+  EXPECT_EQ(repair(), 1);
+  EXPECT_EQ(result, kRewritten);
+  CloseDBase(writer);
+}
+
 // ---- damage that fails the repair ----
 
 TEST_F(LinkRepair, FailsOnASlotInUseWithoutItsMarks) {

@@ -296,6 +296,34 @@ TEST_F(Pack, HasClosedBothFilesWhenItReports100) {
   ASSERT_EQ(pack(), 1);
 }
 
+// Whatever the progress function has opened under those numbers meanwhile is closed with them.
+TEST_F(Pack, ClosesBothNumbersOnceMoreOnPurposeWhenTheCallWith100ReturnsZero) {
+  putSource(withRecords({5}));
+  log.stopAt = 3;
+  log.during = [this](std::size_t index) {
+    if (index != 3) return;
+    EXPECT_EQ(OpenDBaseW(wide(kSource), 1), 1);
+    EXPECT_EQ(OpenDBaseW(wide(kSource), 1), 2);
+  };
+  EXPECT_EQ(pack(), 0);
+  EXPECT_EQ(position(1), -1);
+  EXPECT_EQ(position(2), -1);
+  expectTargetEmptied();
+}
+
+TEST_F(Pack, SharesTheSourceWithAWriterButNotTheTarget) {
+  putSource(withRecords({5}));
+  const std::int16_t writer = OpenDBaseW(wide(kSource), 3);
+  ASSERT_EQ(writer, 1);
+  log.during = [this](std::size_t index) {
+    if (index != 0) return;
+    EXPECT_EQ(QVFile().QVWriteFile(2, "", 0, nullptr), 1) << "the source is open for reading only";
+    EXPECT_EQ(OpenDBaseW(wide(kTarget), 3), 0) << "the target has room for another writer";
+  };
+  EXPECT_EQ(pack(), 1);
+  CloseDBase(writer);
+}
+
 TEST_F(Pack, FailsAtEachSingleCallThatReturnsZeroEvenAtThatWith100) {
   putSource(withRecords({5, 6}));
   ASSERT_EQ(pack(), 1);

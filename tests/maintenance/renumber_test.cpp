@@ -402,6 +402,18 @@ TEST_F(Renumber, FailsAtEachSingleCallThatReturnsZeroEvenAtThatWith100) {
   }
 }
 
+// Whatever the progress function has opened under that number meanwhile is closed with it.
+TEST_F(Renumber, ClosesTheTargetsNumberOnceMoreOnPurposeWhenTheCallWith100ReturnsZero) {
+  addCategories({});
+  log.stopAt = 1;
+  log.during = [this](std::size_t index) {
+    if (index != 1) return;
+    EXPECT_EQ(OpenDBaseW(wide(kSource), 1), 2);
+  };
+  expectRefused();
+  EXPECT_EQ(position(2), -1);
+}
+
 TEST_F(Renumber, TellsBothNumbersWhileItRunsAndTheTargetsZeroAtTheEnd) {
   addCategories({});
   putSource(image);
