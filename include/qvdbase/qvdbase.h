@@ -311,11 +311,13 @@ QVDBASE_API int PackOneDB2NewW(const QVWCHAR* srcPath, const QVWCHAR* dstPath, i
  * has table data fails it when its slot could be written. The version is never touched, callback
  * is called for records only when the percent changes, and not with 99.
  *
- * outSrcRef  receives the source's number when the new file is open; 0 whenever the source is
- * closed outDstRef  receives the new file's number likewise; 0 when it is finished, and after a
- * failure only if the header's copy, a payload or a block was in memory at that moment status 100
- * at first, 0 once the new file exists, 100 when it cannot be made. The new file is emptied after a
- * failure only when this is not 100 then: callback may store 100 to keep it
+ * outSrcRef  receives the source's number when the new file is open, and 0 whenever the source is
+ *            closed
+ * outDstRef  receives the new file's number likewise, and 0 when it is finished; after a failure
+ *            only if the header's copy, a payload or a block was in memory at that moment
+ * status     100 at first, 0 once the new file exists, 100 when it cannot be made. The new file is
+ *            emptied after a failure only when this is not 100 then: callback may store 100 to
+ *            keep it
  *
  * The three pointers must not be null. Returns 1, or 0. */
 QVDBASE_API int PackOneDB2New_WithHandle(const QVWCHAR* srcPath, const QVWCHAR* dstPath,
