@@ -27,7 +27,7 @@ Bytes categoryPayload(const std::vector<std::uint64_t>& second, const Bytes& ext
 // The second list of such a payload.
 std::vector<std::uint64_t> secondList(const Bytes& payload) {
   std::vector<std::uint64_t> ids;
-  const std::size_t count = payload.beAt(96, 4);
+  const auto count = static_cast<std::size_t>(payload.beAt(96, 4));
   for (std::size_t i = 0; i < count; ++i) ids.push_back(payload.beAt(100 + 8 * i, 8));
   return ids;
 }
