@@ -183,8 +183,9 @@ bool TransferScope::end() {
   return !failed_;
 }
 
+// A write that was refused at a read, a view or a closing counts still.
 bool TransferScope::completeWrites() {
-  return ScopeAccess::flush();
+  return ScopeAccess::flush() && (currentScope == nullptr || !ScopeAccess::failed());
 }
 
 TransferPause::TransferPause() : paused_(currentScope) {

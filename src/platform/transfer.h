@@ -7,11 +7,14 @@
 //   1. Writes reach the host in the order in which they were made. Between two fields of one header
 //      a few bytes may be written again as they are, so that the fields go out together.
 //   2. Gathered writes are handed over before anything could observe them: before a read of their
-//      bytes, before the file's length is asked, before a transfer on another file, before a
-//      caller's function is called, and at the end of the scope.
+//      bytes, before the file's length is asked, before a write on another file, before a caller's
+//      function is called, before the file is closed, before a scope within the scope, and at its
+//      end.
 //   3. Nothing that was read outlives the scope, or a call of a caller's function within it.
-//   4. A write that the host refuses makes the transfer that handed it over fail, or the end of the
-//      scope; every later write of the scope fails too, so that nothing is written behind a hole.
+//   4. A gathered write that the host refuses makes the transfer that handed it over fail, or the
+//      end of the scope; every later write of the scope fails too, so that nothing is written
+//      behind a hole. A write too large to be gathered is refused where it is made, as it is
+//      outside.
 #ifndef QVDBASE_PLATFORM_TRANSFER_H
 #define QVDBASE_PLATFORM_TRANSFER_H
 
@@ -78,7 +81,8 @@ bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_
 // Stores the file's length in bytes.
 bool fileLength(const OpenFile& file, int64_t* length);
 
-// The length of one exported call. Scopes nest, the inner one ending first.
+// The length of one exported call. Scopes nest, the inner one ending first; it stands for a call of
+// its own, whose writes and whose end know nothing of a failure outside it.
 class TransferScope {
  public:
   TransferScope();
@@ -90,7 +94,7 @@ class TransferScope {
   [[nodiscard]] bool end();
 
   // Hands over what was written so far, for what must not be done before it is with the operating
-  // system. True when that has it all.
+  // system. True when that has it all, whatever handed it over.
   [[nodiscard]] static bool completeWrites();
 
  private:

@@ -8,6 +8,7 @@
 #include <random>
 
 #include "support/bytes.h"
+#include "support/file_transfers.h"
 #include "support/random_seed.h"
 #include "support/recorded_calls.h"
 #include "support/temp_folder.h"
@@ -286,6 +287,58 @@ TEST_F(Transfers, ALengthThatNeedsARefusedWriteIsNotTold) {
   EXPECT_TRUE(writeAt(file, 10, "lost"));
   EXPECT_EQ(QVFile().QVSeekFile(file, 2, 0), 0);
   EXPECT_FALSE(scope.end());
+}
+
+TEST_F(Transfers, AViewShowsTheBytesOfTheFileAndMovesNothing) {
+  if (!kGathers) GTEST_SKIP();
+  const Bytes before = patterned(100);
+  const int16_t file = open("f", before);
+  EXPECT_EQ(viewFile(file, 10, 4), nullptr);  // outside a scope nothing is kept
+  TransferScope scope;
+  ASSERT_TRUE(writeAt(file, 10, "new"));
+  const unsigned char* view = viewFile(file, 8, 8);
+  ASSERT_NE(view, nullptr);
+  EXPECT_EQ(std::string(view, view + 8),
+            before.str().substr(8, 2) + "new" + before.str().substr(13, 3));
+  EXPECT_EQ(readFile(folder / "f").str().substr(10, 3), "new");
+  int64_t position = 0;
+  EXPECT_EQ(QVFile().QVGetFilePos(file, &position), 1);
+  EXPECT_EQ(position, 13);
+  EXPECT_EQ(viewFile(file, 96, 5), nullptr);
+  EXPECT_EQ(viewFile(file, -1, 1), nullptr);
+  EXPECT_TRUE(scope.end());
+}
+
+TEST_F(Transfers, AWriteRefusedAtAViewIsMissedWhenTheWritesAreToBeComplete) {
+  if (!kGathers) GTEST_SKIP();
+  const Bytes before = patterned(100);
+  const int16_t file = open("f", before);
+  RecordedCalls host;
+  host.failOnce(Call::write);
+  TransferScope scope;
+  EXPECT_TRUE(TransferScope::completeWrites());
+  EXPECT_TRUE(writeAt(file, 10, "lost"));
+  EXPECT_EQ(viewFile(file, 8, 8), nullptr);
+  EXPECT_FALSE(TransferScope::completeWrites());
+  EXPECT_EQ(readAt(file, 10, 4), before.str().substr(10, 4));
+  EXPECT_FALSE(TransferScope::completeWrites());
+  EXPECT_FALSE(scope.end());
+}
+
+TEST_F(Transfers, ReadingAheadIsServedFromAndNeverStale) {
+  if (!kGathers) GTEST_SKIP();
+  const Bytes before = patterned(8000);
+  const int16_t file = open("f", before);
+  RecordedCalls host;
+  TransferScope scope;
+  readAhead(file, 1000, 5000);
+  EXPECT_EQ(readAt(file, 5000, 500), before.str().substr(5000, 500));
+  EXPECT_EQ(readAt(file, 1000, 10), before.str().substr(1000, 10));
+  EXPECT_EQ(host.count(Call::read), 1);
+  EXPECT_TRUE(writeAt(file, 7000, "new"));
+  readAhead(file, 6500, 1000);  // not before the write is with the system
+  EXPECT_EQ(readAt(file, 7000, 3), "new");
+  EXPECT_TRUE(scope.end());
 }
 
 TEST_F(Transfers, AFailureOfAnOuterScopeDoesNotFailTheInnerOne) {
