@@ -97,8 +97,9 @@ Directive firstDirective(const QVWCHAR* format) {
   if (format[at] == '%') {
     ++at;
     while (is(" #+-0")) ++at;
+    const bool widthDigits = is("0123456789");
     directive.width = readDigits(format, &at);
-    if (is("*")) directive.widthArgument = ++at > 0;
+    if (!widthDigits && is("*")) directive.widthArgument = ++at > 0;
     if (is(".")) {
       ++at;
       const bool digits = is("0123456789");

@@ -151,7 +151,10 @@ Directive Formatter::readDirective() {
 }
 
 void Formatter::readWidth(Directive* directive) {
-  if (isDigit(*format_)) directive->width = text_.skip_atoi(&format_);
+  if (isDigit(*format_)) {
+    directive->width = text_.skip_atoi(&format_);
+    return;  // digits or an argument: a '*' behind digits is no width any more
+  }
   if (*format_ != '*') return;
   ++format_;
   directive->width = va_arg(arguments_, int);

@@ -296,6 +296,11 @@ TEST(FormatWidth, ComesFromAnArgument) {
   EXPECT_TRUE(formats(u"  1.5", u"%*.1f", 5, 1.5));
 }
 
+TEST(FormatWidth, IsDigitsOrAnArgumentButNotBoth) {
+  EXPECT_TRUE(formats(u"%*d 42", u"%5*d %d", 42));
+  EXPECT_TRUE(formats(u"%*7", u"%-5*%d", 7));
+}
+
 TEST(FormatWidth, PutsTheTextToTheLeftWhenItsArgumentIsNegative) {
   EXPECT_TRUE(formats(u"42   |", u"%*d|", -5, 42));
   EXPECT_TRUE(formats(u"42   |", u"%0*d|", -5, 42));
