@@ -208,7 +208,7 @@ TEST(Walk, WithoutMemoryForCleaningNeverTakesARawComponentForAPathFromTheRoot) {
   TempFolder folder;
   FakeHost host;
   host.failFrom(FakeHost::Call::allocate);
-  EXPECT_EQ(QVFile().QVGetParentDirectoryFSRef(u"/tmp/usr"_w, nullptr), 0);
+  EXPECT_EQ(QVFile().QVGetParentDirectoryFSRef(u"/usr/dev"_w, nullptr), 0);
   EXPECT_TRUE(host.failed());
 }
 

@@ -1,4 +1,4 @@
-// The fixture for tests of the C++ layer: the database fixture, with helpers in the layer's types.
+// The fixture for tests of the C++ layer: the database fixture, with shorthands in its types.
 #ifndef QVDBASE_TESTS_QVDB_LAYER_FIXTURE_H
 #define QVDBASE_TESTS_QVDB_LAYER_FIXTURE_H
 

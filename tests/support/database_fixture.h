@@ -1,4 +1,4 @@
-// The fixture for tests on databases: a folder of its own, helpers around the C interface, and a
+// The fixture for tests on databases: a folder of its own, shorthands for the C interface, and a
 // check of every database file at the end.
 //
 //   using AddTable = DatabaseTest;
@@ -16,7 +16,7 @@
 //   expectDamage("test.qvd");           some finding or other
 //   allowDamage("test.qvd");            not checked at all
 //
-// The helpers that add something expect success and fail the test otherwise.
+// Those that add something expect success and fail the test otherwise.
 #ifndef QVDBASE_TESTS_SUPPORT_DATABASE_FIXTURE_H
 #define QVDBASE_TESTS_SUPPORT_DATABASE_FIXTURE_H
 
