@@ -108,7 +108,7 @@ void checkName(const Slot& slot, std::set<std::string>* seen, Findings* findings
     findings->information("D4", about, "There are bytes behind the end of the name.");
   }
   if (std::any_of(name.begin(), name.end(),
-                  [](char c) { return (c >= 0 && c < 0x20) || c == 0x7F; })) {
+                  [](unsigned char c) { return c < 0x20 || c == 0x7F; })) {
     findings->information("D4", about, "The name " + shown(name) + " holds control characters.");
   }
 }
