@@ -75,7 +75,13 @@ class Indexed : public Store {
     needIndex();
     return table_->remove(qvdb::Id{key});
   }
-  bool compact() override { return false; }
+  bool compact() override {
+    const std::filesystem::path folder = path_.parent_path();
+    close();
+    qvdb::compact(path_);
+    open(folder);
+    return true;
+  }
   void firstRead(Key, Bytes* value) override {
     for (const qvdb::Record& record : table_->records()) {
       const std::vector<std::byte> payload = record.payload();
