@@ -1,6 +1,7 @@
 // What the library's calls will do with a file, worked out from what they read and in which order.
 //
-// These are exact for the file as it is: they follow the rules of the operations themselves,
+// These are exact for the file as it is, unless its directory is laid out in another way than every
+// other: then nothing counts as usable. They follow the rules of the operations themselves,
 // applied to the walks of the survey, which saw more than the operations ever do.
 #include <algorithm>
 #include <cctype>
@@ -57,9 +58,8 @@ bool canReadData(const Survey& survey, const tablePart1& slot) {
   const uint32_t number = survey.byPosition.find(slot.firstDataPos);
   if (number == raw::kNoBlock) return false;
   const Block& block = survey.blocks[number];
-  raw::Id wanted;
-  internal_ConvertInt64_2UuID(identifierNumber(slot.tableID), wanted.data());
-  return block.kind == raw::BlockKind::tableData && survey.owners[block.owner].id == wanted &&
+  return block.kind == raw::BlockKind::tableData && !(block.flaws & raw::kWrongTableSum) &&
+         survey.owners[block.owner].number == identifierNumber(slot.tableID) &&
          block.dataPos() + int64_t{block.length} <= survey.size;
 }
 

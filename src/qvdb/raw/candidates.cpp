@@ -100,24 +100,26 @@ std::optional<NestedDatabase> CandidateReader::readNested(int64_t origin) {
   return nested;
 }
 
-// A table of the directory, also when the sum in the block is damaged, or any identifier with a
-// right sum.
-bool CandidateReader::findOwner(const unsigned char* tableID, uint32_t* owner, int* errors) {
+// A table of the directory, also when the sum is damaged in the block or in the slot; or any
+// identifier with a right sum.
+bool CandidateReader::findOwner(const unsigned char* tableID, Block* block, int* errors) {
   const uint64_t number = identifierNumber(tableID);
+  const bool sumIsRight = identifierSumIsRight(tableID);
+  if (!sumIsRight) block->flaws |= kWrongTableSum;
   for (uint32_t i = 0; i < knownOwners_; ++i) {
     if (std::memcmp(survey_.owners[i].id.data(), tableID, kIdentifierSize) == 0) {
-      *owner = i;
+      block->owner = i;
       return true;
     }
   }
   for (uint32_t i = 0; i < knownOwners_; ++i) {
     if (survey_.owners[i].number != number) continue;
-    *owner = i;
-    ++*errors;
+    block->owner = i;
+    if (!sumIsRight) ++*errors;
     return true;
   }
-  if (number == 0 || !identifierSumIsRight(tableID)) return false;
-  *owner = ownerOf(tableID, &survey_);
+  if (number == 0 || !sumIsRight) return false;
+  block->owner = ownerOf(tableID, &survey_);
   return true;
 }
 
@@ -127,7 +129,7 @@ bool CandidateReader::readRecordHead(int64_t position, Block* block, int* errors
   const recordPart1 head = decodeRecordHead(bytes);
   const bool sumIsRight = identifierSumIsRight(head.recordID);
   // Without a table of the directory the record's own sum has to be right, or anything would do.
-  if (!findOwner(head.tableID, &block->owner, errors)) return false;
+  if (!findOwner(head.tableID, block, errors)) return false;
   if (!isKnown(block->owner) && !sumIsRight) return false;
   block->kind = BlockKind::record;
   block->prev = head.prevRecordPos;
@@ -139,7 +141,7 @@ bool CandidateReader::readRecordHead(int64_t position, Block* block, int* errors
   block->capacity = head.dataCapacity;
   if (!sumIsRight) block->flaws |= kWrongIdSum;
   if (block->recordID == 0) block->flaws |= kZeroId;
-  if (block->flaws != 0) ++*errors;
+  if (block->flaws & (kWrongIdSum | kZeroId)) ++*errors;
   return true;
 }
 
@@ -147,7 +149,7 @@ bool CandidateReader::readTableDataHead(int64_t position, Block* block, int* err
   const uint8_t* bytes = window_.at(position, tabledata::kData);
   if (bytes == nullptr) return false;
   const TableDataHead head = decodeTableDataHead(bytes);
-  if (!findOwner(head.tableID, &block->owner, errors)) return false;
+  if (!findOwner(head.tableID, block, errors)) return false;
   block->kind = BlockKind::tableData;
   block->length = head.dataLength;
   block->capacity = head.dataCapacity;

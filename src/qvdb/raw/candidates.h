@@ -40,7 +40,7 @@ class CandidateReader {
   int64_t unreadableAt() const { return window_.unreadableAt(); }
 
  private:
-  bool findOwner(const unsigned char* tableID, uint32_t* owner, int* errors);
+  bool findOwner(const unsigned char* tableID, Block* block, int* errors);
   bool readRecordHead(int64_t position, Block* block, int* errors);
   bool readTableDataHead(int64_t position, Block* block, int* errors);
   void judgeExtent(int64_t limit, Block* block, int* errors);

@@ -106,6 +106,8 @@ class ChainReader {
       block.flaws |= kNoEndMark;
     }
     if (!isBelieved(block)) block.flaws |= kUnbelieved;
+    const Id& table = survey_.owners[block.owner].id;
+    if (!identifierSumIsRight(table.data())) block.flaws |= kWrongTableSum;
     const auto number = static_cast<uint32_t>(survey_.blocks.size());
     survey_.blocks.push_back(block);
     survey_.byPosition.add(block.position, number);

@@ -86,6 +86,7 @@ enum Flaw : uint8_t {
   kNoEndMark = 16,
   kCutShort = 32,    // its capacity reaches over other blocks; `end` is where they begin
   kUnbelieved = 64,  // nothing confirms its capacity
+  kWrongTableSum = 128,
 };
 
 // Who leads to a block; any number of them.
