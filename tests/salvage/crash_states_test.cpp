@@ -3,6 +3,7 @@
 // was in the file before the operation is found in each of them.
 #include <qvdbase/qvdbase.h>
 #include <qvdbase/qvdb/check.hpp>
+#include <qvdbase/qvdb/error.hpp>
 
 #include <functional>
 
@@ -188,6 +189,69 @@ TEST(CheckOfCrashStates, NamesEveryUnfinishedState) {
                            << checked.text();
     }
   }
+}
+
+// ---- open_checked: the ends of the chains
+
+bool opensChecked(const Bytes& bytes) {
+  TempFolder folder;
+  writeFile(folder / "a.qvd", bytes);
+  try {
+    return qvdb::open_checked(folder / "a.qvd", qvdb::Mode::exclusive).is_open();
+  } catch (const qvdb::Error& error) {
+    EXPECT_TRUE(error.reason() == qvdb::Reason::chain_damaged ||
+                error.reason() == qvdb::Reason::directory_damaged)
+        << error.what();
+    return false;
+  }
+}
+
+TEST(OpenChecked, OpensSoundFiles) {
+  for (const BaseFile& base : baseFiles()) EXPECT_TRUE(opensChecked(base.bytes)) << base.name;
+  EXPECT_TRUE(opensChecked(FileImage().build()));
+  for (std::uint64_t seed = firstSeed(); seed < firstSeed() + 5; ++seed) {
+    TempFolder folder;
+    RandomDatabase database(folder, "random.qvd", seed);
+    database.run(100);
+    database.close();
+    EXPECT_TRUE(opensChecked(readFile(database.path()))) << "QVDBASE_TEST_SEED=" << seed;
+  }
+}
+
+// The states between two writes of an operation in which a chain is broken. The ends of the chain
+// show five of the eight, among them the two in which what is added next would be lost or refused.
+TEST(OpenChecked, RefusesMostStatesThatAnInterruptedOperationLeaves) {
+  const Bytes base = usedFile().bytes;
+  std::set<std::string> refused;
+  std::set<std::string> opened;
+  for (const Operation& operation : kOperations) {
+    const std::vector<Write> writes = ranges(writesOf(operation, base));
+    for (std::size_t n = 1; n < writes.size(); ++n) {
+      const Bytes bytes =
+          applied(base, {writes.begin(), writes.begin() + static_cast<std::ptrdiff_t>(n)});
+      const std::string state = operation.name + (" " + std::to_string(n));
+      if (checkBytes(bytes, {}).report.state == qvdb::CheckState::damaged) {
+        (opensChecked(bytes) ? opened : refused).insert(state);
+      } else {
+        EXPECT_TRUE(opensChecked(bytes)) << state;
+      }
+    }
+  }
+  EXPECT_EQ(refused,
+            (std::set<std::string>{"append 2", "relocate the first 2", "relocate the last 2",
+                                   "delete the first 1", "delete the last 1"}));
+  EXPECT_EQ(opened, (std::set<std::string>{"relocate in the middle 2", "delete in the middle 1",
+                                           "delete in the middle 2"}));
+}
+
+TEST(OpenChecked, LeavesNothingOpenWhenItRefuses) {
+  const BaseFile base = usedFile();
+  Bytes bytes = base.bytes;
+  bytes[slotOffset(base.target)] = 0;
+  TempFolder folder;
+  writeFile(folder / "a.qvd", bytes);
+  EXPECT_THROW(qvdb::open_checked(folder / "a.qvd", qvdb::Mode::exclusive), qvdb::Error);
+  EXPECT_NO_THROW(qvdb::Database::open(folder / "a.qvd", qvdb::Mode::exclusive));
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #define QVDBASE_QVDB_CHECK_HPP
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/id.hpp>
 
 #include <cstddef>
@@ -143,6 +144,18 @@ QVDBASE_API CheckReport check(const std::filesystem::path& path, const FindingVi
 QVDBASE_API CheckReport check_image(std::span<const std::byte> image,
                                     const FindingVisitor& visitor = {},
                                     const CheckOptions& options = {});
+
+// Opens a database as Database::open() does, and looks at both ends of every table's chain: that
+// the slot's count and positions agree, that nothing precedes the first record and nothing follows
+// the last, and that the neighbours of both point back at them. That takes a constant time for each
+// table and finds most of what an interrupted operation leaves behind, above all the states in
+// which records added from now on would be lost. It is no check(): damage inside of a chain stays
+// unseen.
+//
+// Throws Error as Database::open() does, and besides: directory_damaged for a slot in use without
+// its marks; chain_damaged for a table whose ends are not as they should be. The message names the
+// table.
+QVDBASE_API Database open_checked(const std::filesystem::path& path, Mode mode = Mode::read_only);
 
 // What link repair (FixOneDBLinkErrorW) would make of a table.
 struct RepairedTable {

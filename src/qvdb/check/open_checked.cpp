@@ -1,0 +1,110 @@
+// qvdb::open_checked: a look at the ends of every chain.
+//
+// The slot is the last thing that most operations write. So a state that an operation left
+// unfinished shows at the ends of a chain: the last record has a successor that is not counted, or
+// the record that the slot names is no longer the one that its neighbour names.
+#include <qvdbase/qvdb/check.hpp>
+#include <qvdbase/qvdb/error.hpp>
+
+#include <cstring>
+#include <optional>
+
+#include "format/block_heads.h"
+#include "qvdb/check/findings.h"
+#include "qvdb/raw/open_file.h"
+#include "qvdb/raw/survey.h"
+
+namespace qvdb {
+namespace {
+
+using qvdbase::raw::ByteSource;
+using qvdbase::raw::Slot;
+using qvdbase::raw::Survey;
+
+constexpr const char* kOperation = "open the database";
+
+// One table's ends. Each function returns what is wrong, or null.
+class Ends {
+ public:
+  Ends(const ByteSource& source, const tablePart1& slot) : source_(source), slot_(slot) {}
+
+  const char* problem() const {
+    const std::int64_t first = slot_.firstRecordPos;
+    const std::int64_t last = slot_.lastRecordPos;
+    if (slot_.recordCount == 0) {
+      return first != 0 || last != 0 ? "it counts no records, but has positions of some" : nullptr;
+    }
+    if (first == 0 || last == 0) return "it counts records, but has no positions of them";
+    if ((slot_.recordCount == 1) != (first == last)) {
+      return "the number of records does not fit the positions of the first and the last";
+    }
+    const char* atFirst = problemAtFirst(first);
+    return atFirst != nullptr ? atFirst : problemAtLast(last);
+  }
+
+ private:
+  const char* problemAtFirst(std::int64_t first) const {
+    const std::optional<recordPart1> head = recordAt(first);
+    if (!head) return "its first record is not where it should be";
+    if (head->prevRecordPos != 0) return "something precedes its first record";
+    if (head->nextRecordPos == 0) return nullptr;
+    const std::optional<recordPart1> second = recordAt(head->nextRecordPos);
+    const bool pointsBack = second && second->prevRecordPos == first;
+    return pointsBack ? nullptr : "its second record does not point back at the first";
+  }
+
+  const char* problemAtLast(std::int64_t last) const {
+    const std::optional<recordPart1> head = recordAt(last);
+    if (!head) return "its last record is not where it should be";
+    if (head->nextRecordPos != 0) return "something follows its last record: an append was cut off";
+    if (head->prevRecordPos == 0) return nullptr;
+    const std::optional<recordPart1> before = recordAt(head->prevRecordPos);
+    const bool pointsHere = before && before->nextRecordPos == last;
+    return pointsHere ? nullptr : "the record before the last one leads somewhere else";
+  }
+
+  // The header of a record of this table.
+  std::optional<recordPart1> recordAt(std::int64_t position) const {
+    unsigned char bytes[qvdbase::record::kData];
+    if (source_.readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
+    const recordPart1 head = qvdbase::decodeRecordHead(bytes);
+    const bool isOwn = head.blockMark == qvdbase::kRecordMark &&
+                       head.headerSize == qvdbase::kRecordHeaderSize &&
+                       std::memcmp(head.tableID, slot_.tableID, sizeof head.tableID) == 0;
+    return isOwn ? std::optional(head) : std::nullopt;
+  }
+
+  const ByteSource& source_;
+  const tablePart1& slot_;
+};
+
+[[noreturn]] void fail(const std::filesystem::path& path, Reason reason, const std::string& why) {
+  throw Error(kOperation, reason, path.native() + ": cannot " + kOperation + ": " + why);
+}
+
+}  // namespace
+
+Database open_checked(const std::filesystem::path& path, Mode mode) {
+  Database database = Database::open(path, mode);
+  const qvdbase::raw::OpenedFile file(path, kOperation);
+  Survey survey;
+  qvdbase::raw::readDirectory(file.source(), {}, &survey);
+  if (survey.header.tableCount < 0 ||
+      survey.header.tableCount > static_cast<int>(survey.slots.size())) {
+    fail(path, Reason::directory_damaged, "the number of tables is impossible");
+  }
+  for (const Slot& slot : survey.slots) {
+    if (!slot.counted) break;
+    if (!slot.holdsTable()) {
+      fail(path, Reason::directory_damaged,
+           "slot " + std::to_string(slot.index) + " lacks its marks");
+    }
+    if (const char* problem = Ends(file.source(), slot.fields).problem()) {
+      fail(path, Reason::chain_damaged,
+           "table " + qvdbase::check::shown(qvdbase::raw::nameOf(slot.fields)) + ": " + problem);
+    }
+  }
+  return database;
+}
+
+}  // namespace qvdb
