@@ -164,6 +164,13 @@ TEST_F(Pack, CutsAChainThatIsLongerThanItsCount) {
   expectPacked(source, expected);
 }
 
+TEST_F(Pack, FollowsTheLinkOfTheLastCountedRecordToo) {
+  FileImage source = withRecords({5, 6});
+  source.record(source.slot(0).lastRecordPos).nextRecordPos = -1;
+  allowDamage(kSource);
+  expectRefused(source);
+}
+
 TEST_F(Pack, StopsAtTheEndOfAChainThatIsShorterThanItsCount) {
   FileImage source = withRecords({5, 6});
   source.slot(0).recordCount = 4000000000u;
@@ -338,6 +345,18 @@ TEST_F(Pack, FailsAtEachSingleCallThatReturnsZeroEvenAtThatWith100) {
     EXPECT_EQ(log.percents(), std::vector<int>(all.begin(), all.begin() + 1 + log.stopAt));
     expectTargetEmptied();
   }
+}
+
+TEST_F(Pack, ClosesItsNumbersOnceMoreAsRequiredWhenTheCallWith100ReturnsZero) {
+  putSource(withRecords({5}));
+  log.stopAt = 3;
+  log.during = [this](std::size_t index) {
+    if (index != 3) return;
+    EXPECT_EQ(OpenDBaseW(wide(kSource), 1), 1);  // the source's number until then
+  };
+  EXPECT_EQ(pack(), 0);
+  EXPECT_EQ(position(1), -1);
+  expectTargetEmptied();
 }
 
 TEST_F(Pack, TakesAnyResultButZeroAsConsent) {

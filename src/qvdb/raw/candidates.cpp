@@ -17,13 +17,17 @@ namespace qvdbase::raw {
 namespace {
 
 constexpr size_t kChunk = size_t{1} << 20;
-constexpr size_t kMarkPrefix = 3;     // mark and header size
-constexpr int64_t kSizesPattern = 4;  // slot count and slot size
+constexpr size_t kMarkPrefix = 3;    // mark and header size
+constexpr size_t kSizesPattern = 4;  // slot count and slot size
 
 bool isBlockStart(const uint8_t* bytes) {
   const uint64_t headerSize = loadBigEndian(bytes + 1, 2);
   return (bytes[0] == kRecordMark && headerSize == kRecordHeaderSize) ||
          (bytes[0] == kTableDataMark && headerSize == kTableDataHeaderSize);
+}
+
+bool isSizesPattern(const uint8_t* bytes) {
+  return loadBigEndian(bytes, 2) == kNewSlotCount && loadBigEndian(bytes + 2, 2) == kSlotImageSize;
 }
 
 // Calls `found` with the offset of each byte `value` among the first `count`.
@@ -48,39 +52,36 @@ bool looksLikeHeader(const uint8_t* bytes) {
 
 }  // namespace
 
-ScanHits findHits(const ByteSource& source, const Range& range) {
-  ScanHits hits;
+void findHits(const ByteSource& source, const Range& range,
+              const std::function<void(const ScanHits&)>& found) {
   std::vector<uint8_t> buffer(
       static_cast<size_t>(std::min<int64_t>(range.size(), static_cast<int64_t>(kChunk))));
-  // Chunks overlap by what a hit needs behind its first byte, and begin where the last one's
-  // search ended.
+  // Pieces overlap by what a hit needs behind its first byte.
+  int64_t searchedTo = range.begin;
   for (int64_t start = range.begin; start < range.end;) {
     const auto want = static_cast<size_t>(
         std::min<int64_t>(range.end - start, static_cast<int64_t>(buffer.size())));
     const size_t held = source.readAt(start, buffer.data(), want);
-    const bool isLast = held < want || start + static_cast<int64_t>(held) >= range.end;
+    ScanHits hits;
     const size_t searched = held < kMarkPrefix ? 0 : held - (kMarkPrefix - 1);
     for (const uint8_t mark : {kRecordMark, kTableDataMark}) {
       eachByte(buffer, searched, mark, [&](size_t offset) {
-        if (isBlockStart(buffer.data() + offset)) {
-          hits.marks.push_back(start + static_cast<int64_t>(offset));
-        }
+        const int64_t position = start + static_cast<int64_t>(offset);
+        if (position < searchedTo || !isBlockStart(buffer.data() + offset)) return;
+        hits.marks.push_back(position);
       });
     }
+    std::sort(hits.marks.begin(), hits.marks.end());
     eachByte(buffer, held, kSlotImageSize, [&](size_t offset) {
-      if (offset < kSizesPattern - 1) return;
-      if (loadBigEndian(buffer.data() + offset - 3, 4) != (uint64_t{kNewSlotCount} << 16 | 144)) {
-        return;
-      }
+      if (offset < kSizesPattern - 1 || !isSizesPattern(buffer.data() + offset - 3)) return;
       const int64_t origin = start + static_cast<int64_t>(offset) - 3 - kSlotCountPos;
       if (origin >= range.begin) hits.headers.push_back(origin);
     });
-    if (isLast) break;
-    start += static_cast<int64_t>(held) - static_cast<int64_t>(kSizesPattern);
+    if (!hits.marks.empty() || !hits.headers.empty()) found(hits);
+    searchedTo = start + static_cast<int64_t>(searched);
+    if (held < want || start + static_cast<int64_t>(held) >= range.end) break;
+    start += static_cast<int64_t>(held - (kSizesPattern - 1));
   }
-  std::sort(hits.marks.begin(), hits.marks.end());
-  hits.marks.erase(std::unique(hits.marks.begin(), hits.marks.end()), hits.marks.end());
-  return hits;
 }
 
 std::optional<NestedDatabase> CandidateReader::readNested(int64_t origin) {

@@ -1,6 +1,7 @@
 // Candidates: places in the file where the bytes look like a block.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -19,8 +20,10 @@ struct ScanHits {
   std::vector<int64_t> headers;  // where a database header may begin
 };
 
-// Every hit in the range, in ascending order.
-ScanHits findHits(const ByteSource& source, const Range& range);
+// Searches the range in pieces and hands over the hits of each, if there are any: marks in
+// ascending order, and none twice.
+void findHits(const ByteSource& source, const Range& range,
+              const std::function<void(const ScanHits&)>& found);
 
 // Reads candidates, all through one window: ask in ascending order.
 class CandidateReader {

@@ -24,17 +24,17 @@ class GapScanner {
       : source_(source), survey_(*survey), reader_(source, survey) {}
 
   void scan(const Range& gap) {
-    const ScanHits hits = findHits(source_, gap);
-    for (const int64_t origin : hits.headers) {
-      const std::optional<NestedDatabase> nested = reader_.readNested(origin);
-      if (!nested) continue;
-      for (const Id& table : nested->tables) nested_[table].push_back(origin);
-    }
-    for (const int64_t position : hits.marks) {
-      if (const std::optional<Block> block = reader_.read(position, gap.end)) {
-        candidates_.push_back(*block);
+    findHits(source_, gap, [&](const ScanHits& hits) {
+      for (const int64_t origin : hits.headers) {
+        const std::optional<NestedDatabase> nested = reader_.readNested(origin);
+        if (!nested) continue;
+        for (const Id& table : nested->tables) nested_[table].push_back(origin);
       }
-    }
+      for (const int64_t position : hits.marks) {
+        const std::optional<Block> block = reader_.read(position, gap.end);
+        if (block) candidates_.push_back(*block);
+      }
+    });
   }
 
   void resolve() {
@@ -193,10 +193,12 @@ void scanPayloads(const ByteSource& source, Survey* survey) {
     const Block block = survey->blocks[i];
     const Range payload = {block.dataPos(), block.dataPos() + block.dataThere()};
     if (payload.size() < kTableDataBlockOverhead) continue;
-    for (const int64_t position : findHits(source, payload).marks) {
-      const std::optional<Block> found = reader.read(position, payload.end);
-      if (found && found->grade == Grade::a) survey->nestedBlocks.push_back(position);
-    }
+    findHits(source, payload, [&](const ScanHits& hits) {
+      for (const int64_t position : hits.marks) {
+        const std::optional<Block> found = reader.read(position, payload.end);
+        if (found && found->grade == Grade::a) survey->nestedBlocks.push_back(position);
+      }
+    });
   }
 }
 
