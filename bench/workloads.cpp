@@ -277,7 +277,10 @@ void registerWorkloads(const std::vector<std::size_t>& valueSizes,
   }
 }
 
+// The stores go before the program's static objects do: some of them still need theirs.
 void removeScratch() {
+  for (auto& [name, entry] : allFilled()) entry.store->close();
+  allFilled().clear();
   std::filesystem::remove_all(scratchFolder());
 }
 
