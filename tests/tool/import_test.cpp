@@ -16,6 +16,13 @@
 namespace qvdbase::test {
 namespace {
 
+// What the export of so many files of one byte each says.
+std::string exportedLine(std::size_t files) {
+  const std::string plural = files == 1 ? "" : "s";
+  const std::string number = std::to_string(files);
+  return "exported " + number + " file" + plural + ", " + number + " byte" + plural;
+}
+
 namespace fs = std::filesystem;
 
 // The data of a table of imported files, made by hand as docs/imported-files.md describes it.
@@ -313,8 +320,7 @@ TEST_F(ToolImport, StopsAtCtrlCBetweenTwoFilesAndKeepsWhatIsStored) {
   const std::size_t stored = database().tables[0].records.size();
   EXPECT_GT(stored, 0u);
   // Exactly what is stored is named.
-  EXPECT_EQ(line({"export", "test.qvd", "files", "out"}),
-            "exported " + std::to_string(stored) + " files, " + std::to_string(stored) + " bytes");
+  EXPECT_EQ(line({"export", "test.qvd", "files", "out"}), exportedLine(stored));
   done({"import", "--replace", "test.qvd", "files", "in"});
 }
 
