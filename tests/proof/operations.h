@@ -121,7 +121,7 @@ inline Operation appendAll(std::uint64_t table) {
               const auto bytes = std::as_bytes(std::span(payload.data(), payload.size()));
               const std::vector<qvdb::NewRecord> records = {
                   {bytes.first(10)}, {bytes, 70}, {bytes.first(0)}};
-              database.find_table(qvdb::Id(table)).value().append_all(records);
+              database.find_table(qvdb::Id{table}).value().append_all(records);
               return true;
             } catch (const std::exception&) {
               return false;
