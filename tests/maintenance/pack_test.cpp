@@ -347,18 +347,6 @@ TEST_F(Pack, FailsAtEachSingleCallThatReturnsZeroEvenAtThatWith100) {
   }
 }
 
-TEST_F(Pack, ClosesItsNumbersOnceMoreAsRequiredWhenTheCallWith100ReturnsZero) {
-  putSource(withRecords({5}));
-  log.stopAt = 3;
-  log.during = [this](std::size_t index) {
-    if (index != 3) return;
-    EXPECT_EQ(OpenDBaseW(wide(kSource), 1), 1);  // the source's number until then
-  };
-  EXPECT_EQ(pack(), 0);
-  EXPECT_EQ(position(1), -1);
-  expectTargetEmptied();
-}
-
 TEST_F(Pack, TakesAnyResultButZeroAsConsent) {
   putSource(withRecords({5}));
   log.goOn = 0x8000;
