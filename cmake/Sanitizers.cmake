@@ -6,4 +6,6 @@ if(QVDBASE_SANITIZE)
   # The code that the sanitizers insert leads this one warning of GCC astray; builds without them
   # keep it.
   add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
+  # A program in C that uses the library needs the runtime for C++ too.
+  add_link_options($<$<LINK_LANG_AND_ID:C,Clang>:-fsanitize-link-c++-runtime>)
 endif()

@@ -204,6 +204,10 @@ bool flushTransfers() {
   return complete;
 }
 
+bool gathersTransfers() {
+  return kGathers;
+}
+
 void forgetTransfers(const FileEntry* file) {
   if (isPending(file)) ScopeAccess::flush();
   serveFromNothing();

@@ -121,6 +121,10 @@ class TransferPause {
 // the operating system has it all.
 bool flushTransfers();
 
+// Whether the library was built to make transfers cheap: false with QVDBASE_PLAIN_TRANSFERS, where
+// each is a system call of its own.
+bool gathersTransfers();
+
 // To be told before a file's last descriptor goes.
 void forgetTransfers(const FileEntry* file);
 

@@ -4,3 +4,11 @@ add_executable(cross_files ${CMAKE_CURRENT_SOURCE_DIR}/cross/cross_files.cpp
 target_link_libraries(cross_files PRIVATE test_support)
 qvdbase_warnings(cross_files)
 target_sources(cross_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/cross/written_files.cpp)
+# Whichever way the bytes go to the host, the files are the same.
+if(name IN_LIST folders_run_twice)
+  qvdbase_with_plain_platform(cross_files_plain cross_files)
+  add_test(NAME cross.FilesAreTheSameWithPlainTransfers
+    COMMAND ${CMAKE_COMMAND} -DONE=$<TARGET_FILE:cross_files> -DOTHER=$<TARGET_FILE:cross_files_plain>
+            -DSCRATCH=${CMAKE_CURRENT_BINARY_DIR}/cross_files_scratch
+            -P ${CMAKE_CURRENT_SOURCE_DIR}/cross/same_files.cmake)
+endif()

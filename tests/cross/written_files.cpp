@@ -4,6 +4,7 @@
 #include <qvdbase/qvdbase.h>
 
 #include <cstdlib>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -106,6 +107,52 @@ void repair(const std::filesystem::path& folder) {
 
 std::uint64_t counter = 0;
 
+// A number below `limit`, the same ones on every machine.
+std::uint32_t draw(std::mt19937& random, std::uint32_t limit) {
+  return static_cast<std::uint32_t>(random()) % limit;
+}
+
+// One change of a table. Sizes go from nothing to more than any window or buffer of the library
+// holds.
+void changeAtRandom(std::int16_t db, std::uint64_t table, std::mt19937& random,
+                    std::vector<std::uint64_t>& ids) {
+  const std::uint32_t largest = draw(random, 8) == 0 ? 200'000 : 300;
+  const std::uint32_t size = draw(random, largest);
+  const Bytes data = pattern(size, draw(random, 250));
+  const std::uint32_t more = draw(random, 500);
+  const std::uint32_t action = draw(random, 10);
+  const std::size_t which = ids.empty() ? 0 : draw(random, static_cast<std::uint32_t>(ids.size()));
+  if (ids.empty() || action < 5) {
+    ids.push_back(std::uint64_t{draw(random, 1'000'000)} << 20 | ids.size());
+    add(db, table, ids.back(), data, more < 150 ? more : 0);
+  } else if (action < 8) {
+    modify(db, table, ids[which], data);
+  } else if (action < 9) {
+    succeed(DeleteOneRecord(db, table, ids[which], nullptr) == 1, "DeleteOneRecord");
+    ids.erase(ids.begin() + static_cast<std::ptrdiff_t>(which));
+  } else {
+    succeed(SetTableData(db, table, data.data(), size, size + more) == 1, "SetTableData");
+  }
+}
+
+void writeSequence(const std::filesystem::path& path) {
+  std::srand(1);
+  const std::int16_t db = CreateDBaseW(wide(path).data(), "QVdb", 100);
+  succeed(db != 0, "CreateDBaseW");
+  std::vector<std::uint64_t> tables;
+  for (const char* name : {"one", "two", "three"}) {
+    ++counter;
+    tables.push_back(addTable(db, name));
+  }
+  std::mt19937 random(1);
+  std::vector<std::vector<std::uint64_t>> ids(tables.size());
+  for (int i = 0; i < 600; ++i) {
+    const std::size_t which = draw(random, static_cast<std::uint32_t>(tables.size()));
+    changeAtRandom(db, tables[which], random, ids[which]);
+  }
+  CloseDBase(db);
+}
+
 }  // namespace
 
 void writeFiles(const std::filesystem::path& folder) {
@@ -117,6 +164,7 @@ void writeFiles(const std::filesystem::path& folder) {
   pack(folder);
   renumber(folder);
   repair(folder);
+  writeSequence(folder / "sequence.qvd");
 }
 
 }  // namespace qvdbase::test

@@ -19,12 +19,6 @@ namespace {
 using platform::TransferPause;
 using platform::TransferScope;
 
-#if defined(QVDBASE_PLAIN_TRANSFERS)
-constexpr bool kGathers = false;
-#else
-constexpr bool kGathers = true;
-#endif
-
 Bytes patterned(std::size_t size) {
   Bytes bytes(size);
   for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
@@ -81,7 +75,7 @@ TEST_F(Transfers, OutsideAScopeEachIsASystemCall) {
 }
 
 TEST_F(Transfers, InsideAScopeNeighbouringWritesAreOneSystemCall) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const int16_t file = open("f", patterned(100));
   RecordedCalls host;
   TransferScope scope;
@@ -96,7 +90,7 @@ TEST_F(Transfers, InsideAScopeNeighbouringWritesAreOneSystemCall) {
 }
 
 TEST_F(Transfers, InsideAScopeNeighbouringReadsAreOneSystemCall) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const int16_t file = open("f", patterned(100));
   RecordedCalls host;
   TransferScope scope;
@@ -139,7 +133,7 @@ TEST_F(Transfers, WritesReachSeveralFilesInTheOrderInWhichTheyWereMade) {
 }
 
 TEST_F(Transfers, FieldsAFewBytesApartAreOneSystemCallWhereTheBytesBetweenWereRead) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const Bytes before = patterned(200);
   const int16_t file = open("f", before);
   RecordedCalls host;
@@ -155,7 +149,7 @@ TEST_F(Transfers, FieldsAFewBytesApartAreOneSystemCallWhereTheBytesBetweenWereRe
 }
 
 TEST_F(Transfers, BytesThatWereNotReadAreNotWritten) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const int16_t file = open("f", patterned(200));
   RecordedCalls host;
   TransferScope scope;
@@ -242,7 +236,7 @@ TEST_F(Transfers, AnInnerScopeSeesAndHandsOverLikeACallOfItsOwn) {
 }
 
 TEST_F(Transfers, ARefusedWriteFailsWhereItIsHandedOverAndAtTheEnd) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const Bytes before = patterned(100);
   const int16_t file = open("f", before);
   RecordedCalls host;
@@ -258,7 +252,7 @@ TEST_F(Transfers, ARefusedWriteFailsWhereItIsHandedOverAndAtTheEnd) {
 }
 
 TEST_F(Transfers, AWriteRefusedAtTheEndOfAScopeFailsTheScope) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const int16_t file = open("f", patterned(10));
   RecordedCalls host;
   host.failOnce(Call::write);
@@ -268,7 +262,7 @@ TEST_F(Transfers, AWriteRefusedAtTheEndOfAScopeFailsTheScope) {
 }
 
 TEST_F(Transfers, AReadThatNeedsARefusedWriteFails) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const int16_t file = open("f", patterned(10));
   RecordedCalls host;
   host.failOnce(Call::write);
@@ -279,7 +273,7 @@ TEST_F(Transfers, AReadThatNeedsARefusedWriteFails) {
 }
 
 TEST_F(Transfers, ALengthThatNeedsARefusedWriteIsNotTold) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const int16_t file = open("f", patterned(10));
   RecordedCalls host;
   host.failOnce(Call::write);
@@ -290,7 +284,7 @@ TEST_F(Transfers, ALengthThatNeedsARefusedWriteIsNotTold) {
 }
 
 TEST_F(Transfers, AViewShowsTheBytesOfTheFileAndMovesNothing) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const Bytes before = patterned(100);
   const int16_t file = open("f", before);
   EXPECT_EQ(viewFile(file, 10, 4), nullptr);  // outside a scope nothing is kept
@@ -310,7 +304,7 @@ TEST_F(Transfers, AViewShowsTheBytesOfTheFileAndMovesNothing) {
 }
 
 TEST_F(Transfers, AWriteRefusedAtAViewIsMissedWhenTheWritesAreToBeComplete) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const Bytes before = patterned(100);
   const int16_t file = open("f", before);
   RecordedCalls host;
@@ -326,7 +320,7 @@ TEST_F(Transfers, AWriteRefusedAtAViewIsMissedWhenTheWritesAreToBeComplete) {
 }
 
 TEST_F(Transfers, ReadingAheadIsServedFromAndNeverStale) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const Bytes before = patterned(8000);
   const int16_t file = open("f", before);
   RecordedCalls host;
@@ -342,7 +336,7 @@ TEST_F(Transfers, ReadingAheadIsServedFromAndNeverStale) {
 }
 
 TEST_F(Transfers, AFailureOfAnOuterScopeDoesNotFailTheInnerOne) {
-  if (!kGathers) GTEST_SKIP();
+  if (!platform::gathersTransfers()) GTEST_SKIP();
   const int16_t file = open("f", patterned(10));
   RecordedCalls host;
   host.failOnce(Call::write);

@@ -33,6 +33,8 @@ class Unprivileged {
   // The leak checker of a sanitizer build cannot look at a process that gave up its rights.
 #if defined(__SANITIZE_ADDRESS__)
   static constexpr bool kCanDropRights = false;
+#elif defined(__has_feature)
+  static constexpr bool kCanDropRights = !__has_feature(address_sanitizer);
 #else
   static constexpr bool kCanDropRights = true;
 #endif
