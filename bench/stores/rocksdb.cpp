@@ -1,94 +1,29 @@
-// RocksDB, its log written and not synced.
+// RocksDB.
 #include <rocksdb/db.h>
 #include <rocksdb/write_batch.h>
 
-#include "store.h"
+#include "stores/log_structured.h"
 
 namespace bench {
 namespace {
 
-rocksdb::Slice slice(std::span<const char> bytes) {
-  return {bytes.data(), bytes.size()};
-}
-rocksdb::Slice slice(const KeyBytes& key) {
-  return {key.bytes, sizeof key.bytes};
-}
+struct Api {
+  using Options = rocksdb::Options;
+  using Database = rocksdb::DB;
+  using WriteBatch = rocksdb::WriteBatch;
+  using Iterator = rocksdb::Iterator;
+  using Slice = rocksdb::Slice;
+  using Status = rocksdb::Status;
+  static constexpr const char* kName = "rocksdb";
+  static constexpr auto kNoCompression = rocksdb::kNoCompression;
 
-void check(const rocksdb::Status& status) {
-  if (!status.ok()) failed("rocksdb: " + status.ToString());
-}
-
-class RocksDb : public Store {
- public:
-  void open(const std::filesystem::path& folder) override {
-    rocksdb::Options options;
-    options.create_if_missing = true;
-    options.compression = rocksdb::kNoCompression;
-    options.write_buffer_size = std::size_t{64} << 20;
-    rocksdb::DB* db = nullptr;
-    check(rocksdb::DB::Open(options, folder / "rocksdb", &db));
-    db_.reset(db);
-  }
-  void close() override { db_.reset(); }
-
-  Key append(std::span<const char> value) override {
-    check(db_->Put({}, slice(KeyBytes(next_)), slice(value)));
-    return next_++;
-  }
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    while (count > 0) {
-      rocksdb::WriteBatch batch;
-      for (std::size_t i = 0; i < 1000 && count > 0; ++i, --count) {
-        if (keys != nullptr) keys->push_back(next_);
-        batch.Put(slice(KeyBytes(next_++)), slice(value));
-      }
-      check(db_->Write({}, &batch));
-    }
-  }
-
-  std::uint64_t scanKeys() override {
-    return scan([](rocksdb::Iterator& i) { return keyOf(i.key().data()); });
-  }
-  std::uint64_t scanValues() override {
-    Bytes copy;
-    return scan([&](rocksdb::Iterator& i) {
-      copy.assign(i.value().data(), i.value().data() + i.value().size());
-      return static_cast<std::uint64_t>(copy.size());
-    });
-  }
-
-  bool get(Key key, Bytes* value) override {
-    if (!db_->Get({}, slice(KeyBytes(key)), &found_).ok()) return false;
-    value->assign(found_.begin(), found_.end());
-    return true;
-  }
-  bool update(Key key, std::span<const char> value) override {
-    return db_->Put({}, slice(KeyBytes(key)), slice(value)).ok();
-  }
-  bool remove(Key key) override { return db_->Delete({}, slice(KeyBytes(key))).ok(); }
-  bool compact() override {
-    db_->CompactRange({}, nullptr, nullptr);
-    return true;
-  }
-
- private:
-  template <typename Row>
-  std::uint64_t scan(Row row) {
-    const std::unique_ptr<rocksdb::Iterator> i(db_->NewIterator({}));
-    std::uint64_t sum = 0;
-    for (i->SeekToFirst(); i->Valid(); i->Next()) sum += row(*i);
-    return sum;
-  }
-
-  std::unique_ptr<rocksdb::DB> db_;
-  std::string found_;
-  Key next_ = 1;
+  static void compactAll(Database& database) { database.CompactRange({}, nullptr, nullptr); }
 };
 
 }  // namespace
 
 std::unique_ptr<Store> makeRocksDb() {
-  return std::make_unique<RocksDb>();
+  return std::make_unique<LogStructuredStore<Api>>();
 }
 
 }  // namespace bench
