@@ -13,6 +13,7 @@
 
 #include "format/Aliment8.h"
 #include "format/fields.h"
+#include "format/slot_structure.h"
 #include "maintenance/pack_steps.h"
 #include "platform/memory.h"
 #include "platform/transfer.h"
@@ -72,8 +73,10 @@ class PackWithHandle : public PackSteps {
   bool writeDirectorySlot(const tablePart1& slot) override {
     platform::Buffer image(directory_.slotSize);
     if (!image) return false;
+    unsigned char structure[sizeof slot];
+    storeSlotStructure(slot, structure);
     std::memset(image.data(), 0, image.size());
-    std::memcpy(image.data(), &slot, std::min(image.size(), sizeof slot));
+    std::memcpy(image.data(), structure, std::min(image.size(), sizeof structure));
     return writeBytes(dst_, image.data(), directory_.slotSize);
   }
 
@@ -81,8 +84,9 @@ class PackWithHandle : public PackSteps {
   bool readTableSlot(int16_t file, tablePart1* slot) override {
     platform::Buffer image(directory_.slotSize);
     if (!image || !readBytes(file, image.data(), directory_.slotSize)) return false;
-    std::memset(slot, 0, sizeof *slot);
-    std::memcpy(slot, image.data(), std::min(image.size(), sizeof *slot));
+    unsigned char structure[sizeof *slot] = {};
+    std::memcpy(structure, image.data(), std::min(image.size(), sizeof structure));
+    loadSlotStructure(structure, slot);
     return true;
   }
 
