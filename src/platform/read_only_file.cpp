@@ -55,6 +55,15 @@ size_t ReadOnlyFile::readAt(int64_t position, void* buffer, size_t count) const 
   return done;
 }
 
+bool ReadOnlyFile::nextHole(int64_t position, int64_t size, FileHole* hole) const {
+  const int descriptor = descriptorOf(*entry_);
+  const off_t begin = systemCalls().nextHole(descriptor, position);
+  if (begin < position || begin >= size) return false;
+  const off_t end = systemCalls().nextStored(descriptor, begin);
+  *hole = {begin, end > begin && end < size ? end : size};  // no bytes behind the last hole
+  return true;
+}
+
 bool ReadOnlyFile::stamp(FileStamp* stamp) const {
   struct stat status = {};
   if (systemCalls().status(descriptorOf(*entry_), &status) != 0) return false;

@@ -20,6 +20,12 @@ struct FileStamp {
   bool operator==(const FileStamp&) const = default;
 };
 
+// A part of a file that is not stored.
+struct FileHole {
+  int64_t begin = 0;
+  int64_t end = 0;
+};
+
 // Who may do what with a file.
 struct FileAccess {
   uint32_t mode = 0;  // the permission bits
@@ -45,6 +51,10 @@ class ReadOnlyFile {
   // Reads up to `count` bytes at `position` and returns how many there were; fewer come at the end
   // of the file and where the host cannot read.
   size_t readAt(int64_t position, void* buffer, size_t count) const;
+
+  // The first hole, bytes that were never stored and read as zeros, that ends behind `position`.
+  // False when there is none before `size`, the file's, or the host does not tell.
+  bool nextHole(int64_t position, int64_t size, FileHole* hole) const;
 
   bool stamp(FileStamp* stamp) const;
   bool access(FileAccess* access) const;

@@ -18,6 +18,27 @@ int hostOpenAt(int directory, const char* name, int flags, mode_t mode) {
   return ::openat(directory, name, flags, mode);
 }
 
+// Both move the position of the descriptor, which nothing here goes by.
+off_t hostNextHole(int descriptor, off_t position) {
+#if defined(SEEK_HOLE) && !defined(QVDBASE_PORTABLE_POSIX)
+  return ::lseek(descriptor, position, SEEK_HOLE);
+#else
+  static_cast<void>(descriptor);
+  static_cast<void>(position);
+  return -1;
+#endif
+}
+
+off_t hostNextStored(int descriptor, off_t position) {
+#if defined(SEEK_DATA) && !defined(QVDBASE_PORTABLE_POSIX)
+  return ::lseek(descriptor, position, SEEK_DATA);
+#else
+  static_cast<void>(descriptor);
+  static_cast<void>(position);
+  return -1;
+#endif
+}
+
 uint64_t hostFileSizeLimit() {
   struct rlimit limit = {};
   if (::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
@@ -70,6 +91,8 @@ constexpr SystemCalls kHostCalls = {
     .writeAt = ::pwrite,
     .truncate = ::ftruncate,
     .sync = ::fsync,
+    .nextHole = hostNextHole,
+    .nextStored = hostNextStored,
     .fileSizeLimit = hostFileSizeLimit,
     .setLock = hostSetLock,
     .findLock = hostFindLock,

@@ -37,6 +37,10 @@ struct SystemCalls {
   ssize_t (*writeAt)(int descriptor, const void* buffer, size_t count, off_t position);
   int (*truncate)(int descriptor, off_t length);
   int (*sync)(int descriptor);
+  // Where the next hole begins, and where the next bytes that are stored do, at or behind
+  // `position`; the end of the file counts as a hole. -1 also where the host does not know holes.
+  off_t (*nextHole)(int descriptor, off_t position);
+  off_t (*nextStored)(int descriptor, off_t position);
   // The length that no file of this process may pass; beyond it a write would raise a signal.
   uint64_t (*fileSizeLimit)();
 

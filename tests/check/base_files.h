@@ -94,8 +94,10 @@ inline BaseFile categoryFile() {
   return {"Categories", image.build(), records, categories, empty, 4};
 }
 
-inline std::vector<BaseFile> baseFiles() {
-  return {manyTables(), usedFile(), categoryFile()};
+// All three, made once.
+inline const std::vector<BaseFile>& baseFiles() {
+  static const std::vector<BaseFile> files = {manyTables(), usedFile(), categoryFile()};
+  return files;
 }
 
 // What the check finds in these bytes.

@@ -3,11 +3,15 @@
 #include <gtest/gtest.h>
 #include <qvdbase/qvdbase.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <qvdbase/qvdb/error.hpp>
 
+#include <deque>
+
 #include "check/base_files.h"
+#include "check/random_database.h"
 #include "platform/system_calls.h"
 #include "support/temp_folder.h"
 
@@ -121,7 +125,9 @@ TEST_F(CheckFile, ClaimsNoDamageWhileAnotherProcessMayWrite) {
   const auto path = put(damaged());
   for (const int permission : {3, 4}) {
     OtherProcess writer(folder, permission);
-    EXPECT_EQ(qvdb::check(path, {}, kQuick).state, qvdb::CheckState::in_use) << permission;
+    const qvdb::CheckReport report = qvdb::check(path, {}, kQuick);
+    EXPECT_EQ(report.state, qvdb::CheckState::in_use) << permission;
+    EXPECT_GT(report.errors, 0u) << "what may be damage is told";
   }
   OtherProcess reader(folder, 1);
   EXPECT_EQ(qvdb::check(path, {}, kQuick).state, qvdb::CheckState::damaged);
@@ -131,6 +137,82 @@ TEST_F(CheckFile, CallsASoundFileSoundBesideAnIdleWriter) {
   const auto path = put(usedFile().bytes);
   OtherProcess writer(folder, 3);
   EXPECT_EQ(qvdb::check(path, {}, kQuick).state, qvdb::CheckState::sound);
+}
+
+// ---- beside a writer at work
+
+// A process that changes a database without end: it adds, changes, moves and deletes records, with
+// the file open all the time or opened anew again and again.
+class RunningWriter {
+ public:
+  RunningWriter(TempFolder& folder, int permission, bool reopens, std::uint64_t seed) {
+    child_ = fork();
+    if (child_ == 0) work(folder.wide("test.qvd"), permission, reopens, seed);
+  }
+  ~RunningWriter() {
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+  }
+
+  bool isRunning() const { return waitpid(child_, nullptr, WNOHANG) == 0; }
+
+ private:
+  [[noreturn]] static void work(const QVWCHAR* path, int permission, bool reopens,
+                                std::uint64_t seed) {
+    std::mt19937 random(static_cast<unsigned>(seed));
+    std::deque<std::uint64_t> records;
+    int16_t db = OpenDBaseW(path, permission);
+    for (std::uint64_t id = 1; db != 0; ++id) {
+      bool works = AddRecordData_AssignRecordID(db, kTable, pattern(40).data(), 40, 0, &id) == 1;
+      records.push_back(id);
+      const std::uint64_t changed = records[random() % records.size()];
+      works = works && ModifyRecordData(db, kTable, pattern(50).data(), 50, changed, nullptr) == 1;
+      if (records.size() > 50) {
+        works = works && DeleteOneRecord(db, kTable, records.front(), nullptr) == 1;
+        records.pop_front();
+      }
+      if (!works) break;
+      if (!reopens || random() % 4 != 0) continue;
+      CloseDBase(db);
+      db = OpenDBaseW(path, permission);
+    }
+    _exit(1);
+  }
+
+ public:
+  static constexpr std::uint64_t kTable = 0x11;
+
+ private:
+  pid_t child_ = -1;
+};
+
+TEST_F(CheckFile, NeverReportsDamageBesideARunningWriter) {
+  const std::uint64_t seed = firstSeed();
+  std::uint64_t checks = 0;
+  std::uint64_t disturbed = 0;
+  for (const bool reopens : {false, true}) {
+    for (const int permission : {3, 4}) {
+      FileImage image;
+      image.addTable("notes", RunningWriter::kTable);
+      put(image.build());
+      RunningWriter writer(folder, permission, reopens, seed);
+      for (std::uint64_t i = 0; i < seeds(15, 500) && !HasFailure(); ++i, ++checks) {
+        std::string told;
+        const qvdb::CheckReport report =
+            qvdb::check(folder / "test.qvd",
+                        [&](const qvdb::Finding& finding) { told += finding.message + "\n"; },
+                        {.retries = 1, .wait_milliseconds = 0});
+        EXPECT_TRUE(report.state == qvdb::CheckState::in_use ||
+                    report.state == qvdb::CheckState::sound)
+            << "permission " << permission << ", opens anew: " << reopens << "\n"
+            << told;
+        if (report.state == qvdb::CheckState::in_use) ++disturbed;
+      }
+      EXPECT_TRUE(writer.isRunning());
+    }
+  }
+  EXPECT_GT(disturbed, 0u) << "no check met a write";
+  tellCount("checks beside a running writer", checks);
 }
 
 // A host on which the file changes while it is read.
@@ -174,7 +256,12 @@ TEST_F(CheckFile, GivesUpOnAFileThatKeepsChanging) {
   for (const Bytes& bytes : {damaged(), usedFile().bytes}) {
     const auto path = put(bytes);
     ChangingHost host(path, 100);
-    EXPECT_EQ(qvdb::check(path, {}, kQuick).state, qvdb::CheckState::in_use);
+    int findings = 0;
+    const qvdb::CheckReport report = qvdb::check(
+        path, [&](const qvdb::Finding&) { ++findings; }, kQuick);
+    EXPECT_EQ(report.state, qvdb::CheckState::in_use);
+    EXPECT_EQ(findings, 0) << "of a state that the file was never in";
+    EXPECT_EQ(report.errors + report.warnings, 0u);
   }
 }
 
@@ -199,6 +286,75 @@ TEST_F(CheckFile, SaysWhereTheSystemCannotRead) {
       path, [&](const qvdb::Finding& finding) { codes.insert(finding.code); }, kQuick);
   platform::replaceSystemCalls(nullptr);
   EXPECT_TRUE(codes.contains("F5"));
+}
+
+// A payload of zeros in a large block, which begins at 4630 and ends at 4630 + 56 + 100,000.
+Bytes withLargePayload() {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  image.addRecord(table, 0xA1, Bytes().zeros(100'000));
+  image.addRecord(table, 0xA2, bytesOf("small"));
+  return image.build();
+}
+
+// A host that knows one hole.
+class HostWithHole {
+ public:
+  static constexpr off_t kBegin = 20'480;
+  static constexpr off_t kEnd = 28'672;
+
+  HostWithHole() {
+    calls_.nextHole = [](int, off_t position) {
+      return position <= kBegin ? kBegin : position < kEnd ? position : off_t{200'000};
+    };
+    calls_.nextStored = [](int, off_t position) {
+      return position < kBegin || position >= kEnd ? position : kEnd;
+    };
+    platform::replaceSystemCalls(&calls_);
+  }
+  ~HostWithHole() { platform::replaceSystemCalls(nullptr); }
+
+ private:
+  platform::SystemCalls calls_ = platform::hostSystemCalls();
+};
+
+TEST_F(CheckFile, WarnsOfHolesInPayloads) {
+  const auto path = put(withLargePayload());
+  const HostWithHole host;
+  std::vector<qvdb::Finding> findings;
+  const qvdb::CheckReport report = qvdb::check(
+      path, [&](const qvdb::Finding& finding) { findings.push_back(finding); }, kQuick);
+  EXPECT_EQ(report.state, qvdb::CheckState::unusual);
+  ASSERT_EQ(findings.size(), 1u);
+  EXPECT_EQ(findings[0].code, "F3");
+  EXPECT_EQ(findings[0].offset, HostWithHole::kBegin);
+  EXPECT_EQ(findings[0].record.value, 0xA1u);
+  EXPECT_EQ(findings[0].message,
+            "From here, 8192 bytes of the record at 4630 are a hole in the file and read as "
+            "zeros.");
+}
+
+TEST_F(CheckFile, MindsNoHolesOutsideOfPayloads) {
+  Bytes bytes = withLargePayload();
+  bytes.putBe(4630 + 47, 4, 10);  // the rest is room
+  const auto path = put(bytes);
+  const HostWithHole host;
+  EXPECT_EQ(qvdb::check(path, {}, kQuick).state, qvdb::CheckState::sound);
+}
+
+// The same with a hole that the system itself knows of.
+TEST_F(CheckFile, SeesARealHole) {
+  const Bytes bytes = withLargePayload();
+  const auto path = put(bytes.cut(5000));
+  std::filesystem::resize_file(path, bytes.size());
+  patchFile(path, 100'000, bytes.from(100'000));
+  struct stat status = {};
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  if (status.st_blocks * 512 >= status.st_size) GTEST_SKIP() << "no holes in this file system";
+  std::set<std::string> codes;
+  qvdb::check(
+      path, [&](const qvdb::Finding& finding) { codes.insert(finding.code); }, kQuick);
+  EXPECT_EQ(codes, std::set<std::string>{"F3"});
 }
 
 TEST_F(CheckFile, TellsNoMoreThanTheLimitOfFindingsThatAreAlike) {

@@ -24,7 +24,7 @@ void expectSurvived(const Bytes& bytes, const std::string& what) {
 
 TEST(CheckOfHostileFiles, SurvivesRandomChanges) {
   const std::uint64_t first = firstSeed();
-  const std::vector<BaseFile> bases = baseFiles();
+  const std::vector<BaseFile>& bases = baseFiles();
   for (std::uint64_t seed = first; seed < first + seeds(400, 20'000); ++seed) {
     std::mt19937 random(static_cast<unsigned>(seed));
     Bytes bytes = bases[seed % bases.size()].bytes;
@@ -45,11 +45,12 @@ TEST(CheckOfHostileFiles, SurvivesRandomChanges) {
 }
 
 TEST(CheckOfHostileFiles, SurvivesRandomBytes) {
-  for (std::uint32_t seed = 1; seed <= 20; ++seed) {
-    std::mt19937 random(seed);
+  const std::uint64_t first = firstSeed();
+  for (std::uint64_t seed = first; seed < first + seeds(20, 1000); ++seed) {
+    std::mt19937 random(static_cast<unsigned>(seed));
     Bytes bytes(random() % 30'000);
     for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
-    expectSurvived(bytes, "random bytes");
+    expectSurvived(bytes, "random bytes, QVDBASE_TEST_SEED=" + std::to_string(seed));
     Bytes headed = FileImage().build().add(bytes);
     headed.putBe(16, 2, 31);
     expectSurvived(headed, "random bytes behind a directory");

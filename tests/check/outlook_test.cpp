@@ -5,6 +5,7 @@
 
 #include "check/base_files.h"
 #include "check/random_database.h"
+#include "qvdb/raw/survey.h"
 #include "support/temp_folder.h"
 
 namespace qvdbase::test {
@@ -36,6 +37,21 @@ class Outlook : public testing::Test {
     if (size > 1'000'000) return false;
     std::vector<unsigned char> data(size + 1);
     return size == 0 || GetTableData(db, table, data.data()) == 1;
+  }
+
+  // Whether `call` succeeds for each record that the table's walk meets, each on a fresh copy.
+  template <typename Call>
+  bool succeedsForAll(const Bytes& bytes, const qvdb::TableOutlook& table, Call call) {
+    const raw::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
+    const raw::Survey survey = raw::makeSurvey(source);
+    const raw::Walk& walk = survey.tableOfSlot(table.slot)->forward;
+    if (walk.blocks.size() < table.counted && walk.end != raw::WalkEnd::loop) return false;
+    const std::size_t count = std::min<std::size_t>(walk.blocks.size(), table.counted);
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::uint64_t record = survey.blocks[walk.blocks[i]].recordID;
+      if (!succeeds(bytes, [&](auto db) { return call(db, record) == 1; })) return false;
+    }
+    return true;
   }
 
   // Whether pack and link repair do what was foretold.
@@ -84,6 +100,19 @@ class Outlook : public testing::Test {
       EXPECT_EQ(succeeds(bytes, [&](auto db) { return SetTableData(db, id, nullptr, 0, 0) == 1; }),
                 table.set_data)
           << where;
+      EXPECT_EQ(succeedsForAll(bytes, table,
+                               [&](auto db, std::uint64_t each) {
+                                 return DeleteOneRecord(db, id, each, nullptr);
+                               }),
+                table.delete_all)
+          << where;
+      const Bytes large = pattern(3000);
+      EXPECT_EQ(succeedsForAll(bytes, table,
+                               [&](auto db, std::uint64_t each) {
+                                 return ModifyRecordData(db, id, large.data(), 3000, each, nullptr);
+                               }),
+                table.enlarge_all)
+          << where;
       const ReadDatabase slots = slotsOf(bytes);
       const bool hasData =
           slots.tables[static_cast<std::size_t>(table.slot)].slot.firstDataPos != 0;
@@ -105,7 +134,7 @@ class Outlook : public testing::Test {
     return database;
   }
 
-  TempFolder folder;
+  TempFolder folder{TempFolder::inMemory()};
 };
 
 // Damage without rhyme or reason: single bytes of header, slots and block headers.

@@ -13,7 +13,7 @@ TEST(Check, FindsNothingWrongInTheBaseFiles) {
     EXPECT_EQ(sum(checked.report.space), base.bytes.size());
     for (const qvdb::TableOutlook& table : checked.report.tables) {
       EXPECT_TRUE(table.reachable && table.append && table.list && table.find_all &&
-                  table.get_data && table.set_data);
+                  table.delete_all && table.enlarge_all && table.get_data && table.set_data);
     }
     EXPECT_TRUE(checked.report.pack);
     EXPECT_EQ(checked.report.repair, 0);

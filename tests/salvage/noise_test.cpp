@@ -1,5 +1,10 @@
 // Blocks are found wherever the damage is: every block that it did not touch, and none that never
 // was. Bytes of noise at many places, no header, no directory, the file cut off at any byte.
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <random>
 
@@ -68,10 +73,11 @@ TEST(SalvageOfNoise, FindsEveryBlockThatTheNoiseDidNotTouch) {
     const std::size_t at = random() % (before.bytes.size() - kNoise);
     Bytes bytes = before.bytes;
     for (std::size_t n = 0; n < kNoise; ++n) bytes[at + n] = static_cast<std::uint8_t>(random());
-    expectRecall(before, bytes,
-                 {static_cast<std::int64_t>(at), static_cast<std::int64_t>(at + kNoise)},
-                 "noise at " + std::to_string(at));
+    expectRecall(
+        before, bytes, {static_cast<std::int64_t>(at), static_cast<std::int64_t>(at + kNoise)},
+        "QVDBASE_TEST_SEED=" + std::to_string(firstSeed()) + ", noise at " + std::to_string(at));
   }
+  tellCount("places of noise", places);
 }
 
 TEST(SalvageOfNoise, FindsEveryBlockWithoutHeaderAndDirectory) {
@@ -217,6 +223,77 @@ TEST(SalvageOfLargeFiles, FindsOneBlockAtTheEnd) {
   const Survey survey = raw::makeSurvey(source);
   ASSERT_EQ(survey.blocks.size(), 1u);
   EXPECT_EQ(survey.blocks[0].position, size - static_cast<std::int64_t>(block.size()));
+}
+
+// Kilobytes of memory that a salvage takes, in a process of its own; 0 when it fails.
+long memoryOfSalvage(const std::filesystem::path& source, const std::filesystem::path& target) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const qvdb::SalvageReport report = qvdb::salvage(source, target);
+    _exit(report.verified && report.records_written == 2 ? 0 : 1);
+  }
+  int status = 0;
+  struct rusage usage = {};
+  if (wait4(child, &status, 0, &usage) != child || status != 0) return 0;
+  return usage.ru_maxrss;
+}
+
+// Blocks at the end of 4 GiB of nothing, one of them directly behind the hole, as it may be where
+// the device works in pages.
+TEST(SalvageOfLargeFiles, FindsBlocksBehindAHole) {
+  TempFolder folder;
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
+  image.addRecord(table, 0xA2, bytesOf("second"));
+  const Bytes blocks = image.build().from(static_cast<std::size_t>(a));
+  constexpr std::uint64_t kEnd = std::uint64_t{4} << 30;
+  writeFile(folder / "large.qvd", Bytes(image.build()).cut(4630));
+  std::filesystem::resize_file(folder / "large.qvd", kEnd);
+  patchFile(folder / "large.qvd", kEnd, blocks);
+  struct stat status = {};
+  ASSERT_EQ(stat((folder / "large.qvd").c_str(), &status), 0);
+  if (status.st_blocks * 512 > status.st_size / 2) GTEST_SKIP() << "no holes in this file system";
+
+  const long kilobytes = memoryOfSalvage(folder / "large.qvd", folder / "saved.qvd");
+  EXPECT_GT(kilobytes, 0);
+#if !defined(__SANITIZE_ADDRESS__)
+  EXPECT_LT(kilobytes, 100L * 1024);
+#endif
+  const ReadDatabase saved = readDatabase(folder / "saved.qvd");
+  ASSERT_EQ(saved.tables.size(), 1u);
+  EXPECT_EQ(contentsOf(saved.tables[0]),
+            (Contents{{0xA1, bytesOf("first")}, {0xA2, bytesOf("second")}}));
+}
+
+// A search goes on where a hole ends, and misses nothing there.
+TEST(SalvageOfLargeFiles, FindsABlockDirectlyBehindAHole) {
+  constexpr std::int64_t kMegabyte = std::int64_t{1} << 20;
+  class Holey : public raw::MemorySource {
+   public:
+    Holey(const Bytes& bytes, platform::FileHole hole)
+        : raw::MemorySource(asBytes(bytes)), hole_(hole) {}
+    std::optional<platform::FileHole> nextHole(std::int64_t position) const override {
+      if (position >= hole_.end) return std::nullopt;
+      return platform::FileHole{std::max(position, hole_.begin), hole_.end};
+    }
+
+   private:
+    platform::FileHole hole_;
+  };
+  for (std::int64_t inside = 0; inside <= 4; ++inside) {
+    Bytes bytes = FileImage().build();
+    bytes.zeros(static_cast<std::size_t>(2 * kMegabyte) - bytes.size());
+    const auto behind = static_cast<std::int64_t>(bytes.size()) + inside;
+    RecordFields record;
+    record.tableID = identifier(0x11);
+    record.recordID = identifier(0xA1);
+    bytes.zeros(static_cast<std::size_t>(inside)).add(record.encode());
+    const Holey source(bytes, {10'000, behind});
+    const Survey survey = raw::makeSurvey(source);
+    ASSERT_EQ(survey.blocks.size(), 1u) << inside;
+    EXPECT_EQ(survey.blocks[0].position, behind);
+  }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <iostream>
@@ -24,8 +25,15 @@ void openAllFolders(const fs::path& root) {
 
 }  // namespace
 
-TempFolder::TempFolder() {
-  std::string name = (fs::canonical(fs::temp_directory_path()) / "qvdbase-test-XXXXXX").string();
+TempFolder::TempFolder() : TempFolder(fs::temp_directory_path()) {}
+
+fs::path TempFolder::inMemory() {
+  constexpr const char* kSharedMemory = "/dev/shm";
+  return ::access(kSharedMemory, W_OK) == 0 ? fs::path(kSharedMemory) : fs::temp_directory_path();
+}
+
+TempFolder::TempFolder(const fs::path& under) {
+  std::string name = (fs::canonical(under) / "qvdbase-test-XXXXXX").string();
   if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make " + name);
   path_ = name;
 }

@@ -23,9 +23,14 @@ namespace qvdbase::test {
 class TempFolder {
  public:
   TempFolder();
+  explicit TempFolder(const std::filesystem::path& under);
   ~TempFolder();
   TempFolder(const TempFolder&) = delete;
   TempFolder& operator=(const TempFolder&) = delete;
+
+  // Where files cost no more than memory, if the system has such a folder: for families of many
+  // files.
+  static std::filesystem::path inMemory();
 
   // The folder: an absolute path without symbolic links in it.
   const std::filesystem::path& path() const { return path_; }

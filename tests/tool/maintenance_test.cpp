@@ -82,14 +82,40 @@ TEST_F(ToolMaintenance, RepairsAndSaysSo) {
   EXPECT_EQ(line({"repair", kSource}), "repaired: broken chains were relinked");
 }
 
-TEST_F(ToolMaintenance, RepairSaysWhichRecordsDropOut) {
+TEST_F(ToolMaintenance, RepairLosesNothingUnlessItIsForced) {
   LivelyDatabase lively;
   lively.image.record(lively.a).nextRecordPos = 0;
   writeFile(path(kSource), lively.image.build());
-  const Outcome outcome = run({"repair", kSource});
-  EXPECT_EQ(outcome.status, 0);
-  expectOneLine(outcome.err, {kSource, "'one'", "records", "salvage"});
+  const std::string losses =
+      "table one: 2 records that can still be found would drop out of its "
+      "chain, 1 would stay\n";
+  expectUnchanged(
+      [&] {
+        const Outcome refused = run({"repair", kSource});
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_EQ(refused.out, losses);
+        expectOneLine(refused.err, {kSource, "not repaired", "2 records would", "'qvdb salvage'"});
+        EXPECT_EQ(done({"repair", "-n", kSource}), losses + "broken chains would be relinked\n");
+      },
+      kSource);
+  EXPECT_EQ(done({"repair", "--force", kSource}),
+            losses + "repaired: broken chains were relinked\n");
   EXPECT_EQ(slot(0, kSource).recordCount, 1u);
+}
+
+TEST_F(ToolMaintenance, RepairHidesNoUnfinishedPack) {
+  LivelyDatabase lively;
+  lively.image.header().version = 101;
+  writeFile(path(kSource), lively.image.build());
+  expectUnchanged(
+      [&] {
+        const Outcome refused = run({"repair", kSource});
+        EXPECT_EQ(refused.status, 1);
+        expectOneLine(refused.err, {kSource, "unfinished pack", "source"});
+      },
+      kSource);
+  done({"repair", "--force", kSource});
+  EXPECT_EQ(contents(kSource).beAt(4, 2), 100u);
 }
 
 TEST_F(ToolMaintenance, RepairFailsOnWhatItCannotMend) {

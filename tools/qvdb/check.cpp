@@ -85,15 +85,16 @@ void printSpace(const SpaceUse& space) {
 }
 
 std::string summaryOf(const CheckReport& report) {
+  if (report.state == CheckState::in_use) {
+    const std::uint64_t findings = report.errors + report.warnings;
+    if (findings == 0) return "in use: it changed while it was read; check it again later";
+    return "in use: open for writing elsewhere; " + counted(findings, "finding", "findings") +
+           ", shown with -v, can be work in progress; check it again later";
+  }
   std::string text =
       std::string(nameOf(report.state)) + ": " + counted(report.errors, "error", "errors") + ", " +
       counted(report.warnings, "warning", "warnings") + "; " +
       counted(report.blocks, "block", "blocks") + ", " + counted(report.file_size, "byte", "bytes");
-  if (report.state == CheckState::in_use) {
-    text +=
-        ". Somebody has it open for writing, or changed it meanwhile: what was found can be "
-        "work in progress. Check it again when nobody writes";
-  }
   return text;
 }
 
@@ -127,9 +128,14 @@ Json jsonOf(const TableOutlook& table) {
   json["counted"] = table.counted;
   json["walked"] = table.walked;
   json["found_elsewhere"] = table.found_elsewhere;
-  json["works"] = {{"reach", table.reachable},   {"append", table.append},
-                   {"list", table.list},         {"find_all", table.find_all},
-                   {"get_data", table.get_data}, {"set_data", table.set_data}};
+  json["works"] = {{"reach", table.reachable},
+                   {"append", table.append},
+                   {"list", table.list},
+                   {"find_all", table.find_all},
+                   {"delete_all", table.delete_all},
+                   {"enlarge_all", table.enlarge_all},
+                   {"get_data", table.get_data},
+                   {"set_data", table.set_data}};
   return json;
 }
 
@@ -167,7 +173,9 @@ void printJsonReport(const Options& options, const CheckReport& report,
 
 // What will fail now is what the user wants to know first when something does.
 bool isTold(const Finding& finding, const Options& options, const CheckReport& report) {
-  if (options.verbose || finding.severity != Severity::information) return true;
+  if (options.verbose) return true;
+  if (report.state == CheckState::in_use) return false;  // not to be taken for damage
+  if (finding.severity != Severity::information) return true;
   return finding.code == "W1" && report.errors > 0;
 }
 
@@ -217,7 +225,7 @@ extern const Command kCheckCommand = {
     "of it, and what to do. The file is only read, and any file can be checked.\n\n"
     "A file that somebody writes to meanwhile is read again, up to three times in all. If it is "
     "still being changed, or is open for writing elsewhere while there are findings, these may be "
-    "work in progress: the exit status is then 4.\n\n"
+    "work in progress: they are shown only with -v or --json, and the exit status is 4.\n\n"
     "What to do about damage, symptom by symptom, is told in docs/recovery.md.",
     "qvdb check notes.qvd\n"
     "qvdb check --json --strict notes.qvd\n"

@@ -12,41 +12,60 @@ namespace {
 struct Options {
   std::string file;
   bool dryRun = false;
+  bool force = false;
 };
 
-// What drops out of the chains is still in the file; nothing of it goes without a word.
-void tellLosses(const Options& options, const RepairPreview& preview) {
+// Says which records would drop out of the chains.
+void tellLosses(const RepairPreview& preview) {
   for (const RepairedTable& table : preview.tables) {
     if (table.lost == 0) continue;
-    complain(options.file + ": table '" + table.name +
-             "': " + counted(table.lost, "record that can", "records that can") +
-             " still be found " + (options.dryRun ? "would drop" : "dropped") +
-             " out of its chain; 'qvdb salvage' gets " + (table.lost == 1 ? "it" : "them") +
-             " back");
+    printLine("table " + escaped(table.name) + ": " +
+              counted(table.lost, "record that can", "records that can") +
+              " still be found would " + "drop out of its chain, " + std::to_string(table.kept) +
+              " would stay");
   }
   if (preview.unfinished_pack) {
-    complain(options.file + ": this is an unfinished pack; its source is the complete database");
+    printLine("this is an unfinished pack, which repair would hide; its source is complete");
   }
 }
 
 int predict(const Options& options, const RepairPreview& preview) {
   if (preview.result == 1) throw Failure(options.file + ": repair would fail: " + preview.failure);
-  tellLosses(options, preview);
+  tellLosses(preview);
   printLine(preview.result == 0 ? "every chain is sound; there is nothing to repair"
                                 : "broken chains would be relinked");
   return kDone;
+}
+
+// Nothing is lost without the user's word for it.
+void refuseLosses(const Options& options, const RepairPreview& preview) {
+  if (options.force) return;
+  if (preview.lost > 0) {
+    throw Failure(options.file + ": not repaired, for " +
+                  counted(preview.lost, "record would drop out of its chain",
+                          "records would drop out of their chains") +
+                  "; 'qvdb salvage' keeps them in a new file, and --force repairs all the same");
+  }
+  if (preview.unfinished_pack) {
+    throw Failure(options.file +
+                  ": not repaired, for it is an unfinished pack; use its source, which is "
+                  "complete, or 'qvdb salvage'; --force repairs all the same");
+  }
 }
 
 int run(const Options& options) {
   static_cast<void>(Database::inspect(options.file));
   const RepairPreview preview = predict_repair(options.file);
   if (options.dryRun) return predict(options, preview);
+  if (preview.result != 1) {
+    tellLosses(preview);
+    refuseLosses(options, preview);
+  }
   RepairOutcome outcome = RepairOutcome::sound;
   {
     Progress progress("repairing", 100, nullptr);
     outcome = repair(options.file, percentOn(progress));
   }
-  tellLosses(options, preview);
   printLine(outcome == RepairOutcome::sound ? "every chain is sound; nothing was repaired"
                                             : "repaired: broken chains were relinked");
   return kDone;
@@ -56,22 +75,30 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.flag("-n,--dry-run", options->dryRun, "Only say what would be done, and what lost.");
+  arguments.force(options->force, "Repair also when records would be lost by it.");
   return actionOf(options, run);
 }
 
 }  // namespace
 
 extern const Command kRepairCommand = {
-    "repair", "relink broken chains of records, in place",
+    "repair",
+    "relink broken chains of records, in place",
     "Follows the records of each table from both ends. Where the two do not agree with each other "
     "and with the number of records, the chain is rewritten from what its beginning leads to. "
     "Payloads are neither moved nor changed; the version becomes 100.\n\n"
-    "What can be found only from the end of a chain, or not from any end, drops out of it; a line "
-    "on standard error says how many records that were. 'qvdb salvage' gets them back, best from "
-    "a copy made before: --dry-run tells beforehand.\n\n"
+    "What can be found only from the end of a chain, or not from any end, drops out of it: with "
+    "one "
+    "link of 1,000 records broken, that can be nearly all. Before anything is written the command "
+    "says how many records each table would lose. If that is any, or if the file is an unfinished "
+    "pack, it stops there; 'qvdb salvage' writes a new file that has them. --force repairs all the "
+    "same.\n\n"
     "Ctrl-C stops; tables that were rewritten until then stay so.",
     "qvdb repair --dry-run notes.qvd\n"
     "cp notes.qvd copy.qvd && qvdb repair notes.qvd",
-    define};
+    define,
+    "0  done, or nothing to do; with --dry-run: it was told\n"
+    "1  failed, or refused because records would be lost\n"
+    "2  wrong usage"};
 
 }  // namespace qvdb::tool

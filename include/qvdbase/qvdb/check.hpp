@@ -12,7 +12,9 @@
 // not in use, and memory in proportion to the blocks. No number in the file makes it take more.
 //
 // The file may be open elsewhere. A check beside a running writer, whose half-done work looks like
-// damage, is repeated and in the end says in_use rather than anything else.
+// damage, is repeated and in the end says in_use rather than anything else. If the file changed
+// even during the last attempt, there are no findings; if it only was open for writing, they are
+// told.
 #ifndef QVDBASE_QVDB_CHECK_HPP
 #define QVDBASE_QVDB_CHECK_HPP
 
@@ -76,7 +78,9 @@ struct TableOutlook {
   bool reachable = false;             // the directory leads to it: without that, every call fails
   bool append = false;                // AddRecordData
   bool list = false;                  // GetRecordUuIDList
-  bool find_all = false;              // GetOneRecordInfo, for every record of the chain
+  bool find_all = false;              // GetOneRecordInfo, for every record of the table
+  bool delete_all = false;            // DeleteOneRecord, for whichever record of the chain
+  bool enlarge_all = false;           // ModifyRecordData beyond its room, for whichever of them
   bool get_data = false;              // GetTableData; true as well when the table has none
   bool set_data = false;              // SetTableData
   std::uint32_t counted = 0;          // recordCount of the slot
@@ -95,7 +99,9 @@ struct SpaceUse {
   std::uint64_t lost = 0;        // blocks that belong to a chain that does not lead to them
   std::uint64_t orphans = 0;     // blocks of tables that the directory does not have
   std::uint64_t unknown = 0;     // bytes that are no block
-  std::uint64_t reserve = 0;     // of `records`: room that holds no data
+  // Of `records` and `table_data`: room behind the payloads, and what of it holds older data.
+  std::uint64_t reserve = 0;
+  std::uint64_t stale = 0;
 };
 
 enum class CheckState {

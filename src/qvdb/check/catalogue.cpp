@@ -28,8 +28,9 @@ constexpr FindingCode kCodes[] = {
      "such a file behind and has not changed its source"},
     {"F2", kError, "the file is cut off before the end of its directory", kAll,
      "restore it from a copy; 'qvdb salvage' finds what blocks there are"},
-    {"F3", kWarning, "not a regular file, or one with holes where data should be", kNothing,
-     "look whether the file was copied whole"},
+    {"F3", kWarning, "the file has holes where data should be", kNothing,
+     "nothing if the data is meant to be zeros, of which copying programs make holes; else the "
+     "system lost what was written there: take it from a copy"},
     {"F5", kError, "the system cannot read a part of the file", "every call that needs that part",
      "copy what can be read from the device, then run 'qvdb salvage' on the copy"},
 

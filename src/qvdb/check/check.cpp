@@ -43,15 +43,18 @@ std::string namesOf(const TableOutlook& outlook) {
   note(outlook.append, "appending");
   note(outlook.list, "listing");
   note(outlook.find_all, "finding every record");
+  note(outlook.delete_all, "deleting every record");
+  note(outlook.enlarge_all, "enlarging every record");
   note(outlook.get_data, "reading its data");
   note(outlook.set_data, "setting its data");
   return text;
 }
 
-void addOutlook(const Survey& survey, CheckReport* report, Findings* findings) {
+void addOutlook(const ByteSource& source, const Survey& survey, CheckReport* report,
+                Findings* findings) {
   std::string whole;
   for (const Table& table : survey.tables) {
-    const TableOutlook outlook = qvdbase::check::outlookOf(survey, table);
+    const TableOutlook outlook = qvdbase::check::outlookOf(source, survey, table);
     const std::string failing = outlook.reachable
                                     ? namesOf(outlook)
                                     : std::string("every call: the table is not reachable");
@@ -82,8 +85,9 @@ void judge(const ByteSource& source, const Survey& survey, const CheckOptions& o
   }
   qvdbase::check::checkRecords(survey, now, findings);
   if (options.categories) qvdbase::check::checkCategories(source, survey, findings);
-  report->space = qvdbase::check::checkSpace(survey, findings);
-  addOutlook(survey, report, findings);
+  qvdbase::check::checkHoles(source, survey, findings);
+  report->space = qvdbase::check::checkSpace(source, survey, findings);
+  addOutlook(source, survey, report, findings);
 }
 
 Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
@@ -106,10 +110,11 @@ Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
   return checked;
 }
 
-// Whether what was found can be work in progress.
-bool isDisturbed(const OpenedFile& file, const Checked& checked) {
-  if (file.hasChanged()) return true;
-  return checked.report.state != CheckState::sound && file.isLockedByOthers();
+// Takes back what was found while the file changed under the reader's hands: it is true of no state
+// that the file was ever in.
+void takeBack(Checked* checked) {
+  checked->findings.clear();
+  checked->report.errors = checked->report.warnings = checked->report.informations = 0;
 }
 
 CheckReport tell(Checked checked, const FindingVisitor& visitor) {
@@ -125,9 +130,14 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
                   const CheckOptions& options) {
   for (int attempt = 0;; ++attempt) {
     OpenedFile file(path, "check the database");
+    file.watch();
     Checked checked = checkOnce(file.source(), options);
-    if (!isDisturbed(file, checked)) return tell(std::move(checked), visitor);
+    const bool hasChanged = file.hasChanged();
+    // What was found can be work in progress.
+    const bool isInProgress = checked.report.state != CheckState::sound && file.isLockedByOthers();
+    if (!hasChanged && !isInProgress) return tell(std::move(checked), visitor);
     if (attempt >= options.retries) {
+      if (hasChanged) takeBack(&checked);
       checked.report.state = CheckState::in_use;
       return tell(std::move(checked), visitor);
     }

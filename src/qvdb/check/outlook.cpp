@@ -5,7 +5,10 @@
 // applied to the walks of the survey, which saw more than the operations ever do.
 #include <algorithm>
 #include <cctype>
+#include <cstring>
+#include <optional>
 
+#include "format/block_heads.h"
 #include "format/identifiers.h"
 #include "qvdb/check/parts.h"
 
@@ -88,6 +91,78 @@ bool canPackRecords(const Survey& survey, const Table& table, const tablePart1& 
                      });
 }
 
+// What deletion and relocation ask of the neighbours of every record that the walk from the front
+// meets within the count.
+class NeighbourCheck {
+ public:
+  NeighbourCheck(const raw::ByteSource& source, const Survey& survey, const Table& table)
+      : source_(source),
+        survey_(survey),
+        table_(table),
+        slot_(survey.slots[static_cast<size_t>(table.slot)].fields) {}
+
+  bool canDeleteAll() const {
+    return everyRecord([&](const Block& each) { return canDelete(each); });
+  }
+  bool canEnlargeAll() const {
+    return everyRecord([&](const Block& each) { return canRelocate(each); });
+  }
+
+ private:
+  template <typename Can>
+  bool everyRecord(Can can) const {
+    const auto& walk = table_.forward.blocks;
+    if (!walkSucceeds(table_, slot_.recordCount)) return false;
+    const size_t count = std::min<size_t>(walk.size(), slot_.recordCount);
+    return std::all_of(walk.begin(), walk.begin() + static_cast<std::ptrdiff_t>(count),
+                       [&](uint32_t number) { return can(survey_.blocks[number]); });
+  }
+
+  bool canDelete(const Block& each) const {
+    if (each.position == slot_.firstRecordPos) {
+      if (each.prev != 0) return false;
+      return each.next == 0 ? slot_.recordCount == 1 : headAt(each.next).has_value();
+    }
+    if (each.prev == 0 || !headAt(each.prev)) return false;
+    if (each.position == slot_.lastRecordPos) return each.next == 0;
+    return each.next != 0 && headAt(each.next);
+  }
+
+  bool canRelocate(const Block& each) const {
+    const auto leadsHere = [&](int64_t neighbour, int64_t recordPart1::*link) {
+      if (neighbour == 0) return true;
+      const std::optional<recordPart1> head = headAt(neighbour);
+      return head && (*head).*link == each.position;
+    };
+    return leadsHere(each.prev, &recordPart1::nextRecordPos) &&
+           leadsHere(each.next, &recordPart1::prevRecordPos);
+  }
+
+  // The links of the record of this table at `position`, wherever that is.
+  std::optional<recordPart1> headAt(int64_t position) const {
+    const uint32_t number = survey_.byPosition.find(position);
+    if (number != raw::kNoBlock && survey_.blocks[number].isReached()) {
+      const Block& block = survey_.blocks[number];
+      if (block.kind != raw::BlockKind::record || block.owner != table_.owner) return std::nullopt;
+      recordPart1 head = {};
+      head.prevRecordPos = block.prev;
+      head.nextRecordPos = block.next;
+      return head;
+    }
+    unsigned char bytes[record::kData];
+    if (source_.readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
+    const recordPart1 head = decodeRecordHead(bytes);
+    const bool isOwn = head.blockMark == kRecordMark && head.headerSize == kRecordHeaderSize &&
+                       std::memcmp(head.tableID, slot_.tableID, sizeof head.tableID) == 0;
+    return isOwn ? std::optional(head) : std::nullopt;
+  }
+
+  const raw::ByteSource& source_;
+  const Survey& survey_;
+  const Table& table_;
+  const tablePart1& slot_;
+};
+
 uint64_t distinctRecords(const Survey& survey, const Table& table, uint64_t count) {
   std::vector<uint64_t> records;
   for (size_t i = 0; i < count; ++i) {
@@ -141,7 +216,8 @@ bool isReachable(const Survey& survey, const Slot& slot) {
   return false;
 }
 
-qvdb::TableOutlook outlookOf(const Survey& survey, const Table& table) {
+qvdb::TableOutlook outlookOf(const raw::ByteSource& source, const Survey& survey,
+                             const Table& table) {
   const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
   const tablePart1& fields = slot.fields;
   qvdb::TableOutlook outlook;
@@ -157,6 +233,9 @@ qvdb::TableOutlook outlookOf(const Survey& survey, const Table& table) {
   outlook.append = canAppend(survey, table, fields);
   outlook.list = canList(survey, table, fields.recordCount);
   outlook.find_all = outlook.list && outlook.found_elsewhere == 0;
+  const NeighbourCheck neighbours(source, survey, table);
+  outlook.delete_all = neighbours.canDeleteAll();
+  outlook.enlarge_all = neighbours.canEnlargeAll();
   outlook.get_data = canReadData(survey, fields);
   outlook.set_data = table.dataState == DataState::none || table.dataState == DataState::sound;
   return outlook;

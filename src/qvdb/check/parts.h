@@ -24,8 +24,12 @@ void checkTableData(const raw::ByteSource& source, const raw::Survey& survey,
 // Identifiers and times of all live records; `now` in seconds since 1970.
 void checkRecords(const raw::Survey& survey, int64_t now, Findings* findings);
 
-// Overlaps, dead blocks, bytes that are none, and what every byte is.
-qvdb::SpaceUse checkSpace(const raw::Survey& survey, Findings* findings);
+// Payloads in use of which a part was never stored.
+void checkHoles(const raw::ByteSource& source, const raw::Survey& survey, Findings* findings);
+
+// Overlaps, dead blocks, bytes that are none, what lies behind payloads, and what every byte is.
+qvdb::SpaceUse checkSpace(const raw::ByteSource& source, const raw::Survey& survey,
+                          Findings* findings);
 
 void checkCategories(const raw::ByteSource& source, const raw::Survey& survey, Findings* findings);
 
@@ -34,7 +38,8 @@ void checkCategories(const raw::ByteSource& source, const raw::Survey& survey, F
 // Whether the directory leads to the slot.
 bool isReachable(const raw::Survey& survey, const raw::Slot& slot);
 
-qvdb::TableOutlook outlookOf(const raw::Survey& survey, const raw::Table& table);
+qvdb::TableOutlook outlookOf(const raw::ByteSource& source, const raw::Survey& survey,
+                             const raw::Table& table);
 bool willPack(const raw::Survey& survey);
 qvdb::RepairPreview willRepair(const raw::Survey& survey);
 

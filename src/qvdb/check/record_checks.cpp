@@ -12,6 +12,7 @@ using raw::Label;
 using raw::Survey;
 
 constexpr int64_t kDay = 24 * 60 * 60;
+constexpr int64_t kTimesBeginAnew = int64_t{1} << 32;  // in 2106
 
 class RecordChecks {
  public:
@@ -70,7 +71,9 @@ class RecordChecks {
     if (block.createTime == 0 || block.modifyTime == 0) {
       report(" has a time of zero.");
     } else if (block.createTime > block.modifyTime) {
-      report(" was modified before it was created.");
+      const bool isWrapped = int64_t{block.modifyTime} + kTimesBeginAnew <= latest_;
+      report(isWrapped ? " was created before and modified after the 32-bit times began anew."
+                       : " was modified before it was created.");
     } else if (block.modifyTime > latest_) {
       report(" has a time in the future.");
     }

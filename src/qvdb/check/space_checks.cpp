@@ -43,7 +43,8 @@ const char* describe(Kind kind) {
 
 class SpaceCheck {
  public:
-  SpaceCheck(const Survey& survey, Findings* findings) : survey_(survey), findings_(*findings) {}
+  SpaceCheck(const raw::ByteSource& source, const Survey& survey, Findings* findings)
+      : window_(source), survey_(survey), findings_(*findings) {}
 
   qvdb::SpaceUse run() {
     space_.directory = static_cast<uint64_t>(std::min(survey_.blocksStart, survey_.size));
@@ -52,6 +53,9 @@ class SpaceCheck {
     reportHeaps();
     reportLeftovers();
     reportNested();
+    for (const uint32_t number : raw::blocksInFileOrder(survey_)) {
+      if (survey_.blocks[number].label == Label::live) lookBehindPayload(survey_.blocks[number]);
+    }
     reportUnused();
     return space_;
   }
@@ -78,9 +82,6 @@ class SpaceCheck {
     const auto bytes = static_cast<uint64_t>(block.end - block.position);
     uint64_t* const part = partOf(block);
     *part += bytes;
-    if (part == &space_.records && block.capacity > block.length) {
-      space_.reserve += std::min<uint64_t>(block.capacity - block.length, bytes);
-    }
     if (block.isReached()) return;
     if (block.grade != Grade::a) return reportTorn(block);
     const Kind kind = kindOf(block);
@@ -198,6 +199,38 @@ class SpaceCheck {
                               " inside the payloads of others: a database is stored there.");
   }
 
+  // Room that was never used is all zeros, as the library fills it. A payload that was written over
+  // a longer one leaves the rest of that behind it; table data has an end mark between the two.
+  void lookBehindPayload(const Block& block) {
+    if (block.capacity <= block.length || block.isCut()) return;
+    int64_t position = block.dataPos() + block.length;
+    const int64_t end = position + (block.capacity - block.length);
+    space_.reserve += static_cast<uint64_t>(end - position);
+    if (block.kind == BlockKind::tableData && window_.byteAt(position) == kBlockEndMark) ++position;
+    const uint64_t stale = usedBytes(position, end);
+    if (stale == 0) return;
+    space_.stale += stale;
+    if (++staleBlocks_ == 1) firstStale_ = position;
+  }
+
+  // How many bytes there are up to the last one that is not zero.
+  uint64_t usedBytes(int64_t begin, int64_t end) {
+    int64_t used = begin;
+    for (int64_t position = begin; position < end;) {
+      const auto count = static_cast<size_t>(
+          std::min<int64_t>(end - position, static_cast<int64_t>(raw::Window::kLargestView)));
+      const uint8_t* bytes = window_.at(position, count);
+      if (bytes == nullptr) break;
+      for (size_t i = count; i > 0; --i) {
+        if (bytes[i - 1] == 0) continue;
+        used = position + static_cast<int64_t>(i);
+        break;
+      }
+      position += static_cast<int64_t>(count);
+    }
+    return static_cast<uint64_t>(used - begin);
+  }
+
   void reportUnused() {
     const uint64_t dead = space_.superseded + space_.deleted + space_.unknown;
     if (dead > 0) {
@@ -205,14 +238,21 @@ class SpaceCheck {
                             counted(dead, "byte") + " of " + std::to_string(survey_.size) +
                                 " would come back by packing.");
     }
-    if (space_.reserve > 0) {
+    if (space_.reserve > space_.stale) {
       findings_.information("S7", {},
-                            counted(space_.reserve, "byte") +
-                                " of room in records hold no data; older data may still stand "
-                                "there.");
+                            counted(space_.reserve - space_.stale, "byte") +
+                                " of spare room in blocks were never used.");
+    }
+    if (space_.stale > 0) {
+      findings_.information("S7", {.offset = firstStale_},
+                            counted(space_.stale, "byte") + " of older data can still be read " +
+                                "behind the payloads of " + counted(staleBlocks_, "block") + ".");
     }
   }
 
+  raw::Window window_;
+  uint64_t staleBlocks_ = 0;
+  int64_t firstStale_ = -1;
   const Survey& survey_;
   Findings& findings_;
   qvdb::SpaceUse space_;
@@ -222,8 +262,8 @@ class SpaceCheck {
 
 }  // namespace
 
-qvdb::SpaceUse checkSpace(const Survey& survey, Findings* findings) {
-  return SpaceCheck(survey, findings).run();
+qvdb::SpaceUse checkSpace(const raw::ByteSource& source, const Survey& survey, Findings* findings) {
+  return SpaceCheck(source, survey, findings).run();
 }
 
 }  // namespace qvdbase::check

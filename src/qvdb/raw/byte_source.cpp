@@ -26,4 +26,10 @@ size_t FileSource::readAt(int64_t position, void* buffer, size_t count) const {
   return there > 0 ? file_.readAt(position, buffer, there) : 0;
 }
 
+std::optional<platform::FileHole> FileSource::nextHole(int64_t position) const {
+  platform::FileHole hole;
+  if (position >= size_ || !file_.nextHole(position, size_, &hole)) return std::nullopt;
+  return hole;
+}
+
 }  // namespace qvdbase::raw

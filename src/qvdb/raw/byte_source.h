@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "platform/read_only_file.h"
@@ -20,6 +21,11 @@ class ByteSource {
 
   // Reads up to `count` bytes at `position`; returns how many there were.
   virtual size_t readAt(int64_t position, void* buffer, size_t count) const = 0;
+
+  // The first part, ending behind `position`, that reads as zeros because it was never stored.
+  virtual std::optional<platform::FileHole> nextHole(int64_t /*position*/) const {
+    return std::nullopt;
+  }
 };
 
 class MemorySource : public ByteSource {
@@ -40,6 +46,7 @@ class FileSource : public ByteSource {
 
   int64_t size() const override { return size_; }
   size_t readAt(int64_t position, void* buffer, size_t count) const override;
+  std::optional<platform::FileHole> nextHole(int64_t position) const override;
 
  private:
   const platform::ReadOnlyFile& file_;

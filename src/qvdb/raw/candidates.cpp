@@ -50,6 +50,16 @@ bool looksLikeHeader(const uint8_t* bytes) {
          loadBigEndian(bytes + kSlotSizePos, 2) == kSlotImageSize;
 }
 
+// Where the search goes on from `start`: behind a large hole, which reads as zeros, but for what a
+// header may have in front of its first other byte.
+int64_t passHole(const ByteSource& source, int64_t start, const Range& range) {
+  if (range.end - start < static_cast<int64_t>(kChunk)) return start;
+  const std::optional<platform::FileHole> hole = source.nextHole(start);
+  if (!hole || hole->begin > start) return start;
+  const int64_t behind = hole->end - static_cast<int64_t>(kSizesPattern - 1);
+  return std::max(start, std::min(behind, range.end));
+}
+
 }  // namespace
 
 void findHits(const ByteSource& source, const Range& range,
@@ -58,7 +68,8 @@ void findHits(const ByteSource& source, const Range& range,
       static_cast<size_t>(std::min<int64_t>(range.size(), static_cast<int64_t>(kChunk))));
   // Pieces overlap by what a hit needs behind its first byte.
   int64_t searchedTo = range.begin;
-  for (int64_t start = range.begin; start < range.end;) {
+  for (int64_t start = passHole(source, range.begin, range); start < range.end;
+       start = passHole(source, start, range)) {
     const auto want = static_cast<size_t>(
         std::min<int64_t>(range.end - start, static_cast<int64_t>(buffer.size())));
     const size_t held = source.readAt(start, buffer.data(), want);

@@ -3,7 +3,9 @@
 
 #include <qvdbase/qvdb/error.hpp>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace qvdbase::raw {
@@ -14,6 +16,17 @@ namespace {
   throw qvdb::Error(
       operation, reason,
       path.native() + ": cannot " + operation + ": " + std::string(qvdb::to_string(reason)));
+}
+
+// The times of a file move in ticks of the system's clock, of up to ten milliseconds. A write in
+// the same tick as the one before leaves them as they are. So a file that was written just now is
+// given time until every further write shows.
+constexpr std::chrono::milliseconds kTick(12);
+
+bool isFresh(const platform::FileStamp& stamp) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto age = now - std::chrono::nanoseconds(stamp.modifyTime);
+  return age < kTick && age > -kTick;
 }
 
 std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
@@ -41,7 +54,16 @@ OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation)
   const std::string absolute = std::filesystem::absolute(path, error).native();
   if (error || path.empty()) refuse(path, operation, qvdb::Reason::path_not_reachable);
   if (!file_.open(absolute)) refuse(path, operation, whyNotOpen(absolute));
+  wasLocked_ = file_.isLockedByOthers();
   if (!file_.stamp(&stamp_)) refuse(path, operation, qvdb::Reason::cannot_open);
+  source_.emplace(file_, stamp_.size);
+  watched_ = firstBytes(*source_, kWatchedSize);
+}
+
+void OpenedFile::watch() {
+  if (!isFresh(stamp_)) return;
+  std::this_thread::sleep_for(kTick);
+  if (!file_.stamp(&stamp_)) return;
   source_.emplace(file_, stamp_.size);
   watched_ = firstBytes(*source_, kWatchedSize);
 }

@@ -18,16 +18,22 @@ class OpenedFile {
 
   const ByteSource& source() const { return *source_; }
 
+  // Makes sure that every write from now on shows in hasChanged(), which may take a moment for a
+  // file that was written just now. To be called before source() is.
+  void watch();
+
   // Whether anybody has written to the file since it was opened here: its size, its times, or the
   // bytes of its header and directory are others.
   bool hasChanged() const;
 
-  bool isLockedByOthers() const { return file_.isLockedByOthers(); }
+  // Whether anybody else has it open for writing, or had when it was opened here.
+  bool isLockedByOthers() const { return wasLocked_ || file_.isLockedByOthers(); }
 
  private:
   static constexpr size_t kWatchedSize = 4630;  // header and directory
 
   platform::ReadOnlyFile file_;
+  bool wasLocked_ = false;
   platform::FileStamp stamp_;
   std::optional<FileSource> source_;
   std::vector<unsigned char> watched_;

@@ -96,6 +96,13 @@ class ShiftedSource : public ByteSource {
     return missing + whole_.readAt(0, static_cast<char*>(buffer) + missing, count - missing);
   }
 
+  std::optional<qvdbase::platform::FileHole> nextHole(std::int64_t position) const override {
+    std::optional<qvdbase::platform::FileHole> hole =
+        whole_.nextHole(std::max<std::int64_t>(position + from_, 0));
+    if (hole) *hole = {hole->begin - from_, hole->end - from_};
+    return hole;
+  }
+
  private:
   const ByteSource& whole_;
   std::int64_t from_;
@@ -118,7 +125,8 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
 
 SalvageReport salvage(const std::filesystem::path& source, const std::filesystem::path& target,
                       const BlockVisitor& visitor, const SalvageOptions& options) {
-  const qvdbase::raw::OpenedFile file(source, "salvage the database");
+  qvdbase::raw::OpenedFile file(source, "salvage the database");
+  file.watch();
   SalvageReport report = salvageSource(file.source(), target, visitor, options);
   report.source_in_use = file.isLockedByOthers();
   if (file.hasChanged()) {

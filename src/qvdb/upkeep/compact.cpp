@@ -67,7 +67,8 @@ class Compaction {
 
   // Without a target nothing is written.
   CompactReport run(std::optional<TargetFile>& target) {
-    const qvdbase::raw::OpenedFile file(resolved_, kOperation);
+    qvdbase::raw::OpenedFile file(resolved_, kOperation);
+    file.watch();
     survey(file);
     const LiveLayout layout(file.source(), database_);
     if (target) {

@@ -1,0 +1,75 @@
+// Room behind payloads: never used, or full of older data that anybody can still read.
+#include <gtest/gtest.h>
+
+#include "check/base_files.h"
+
+namespace qvdbase::test {
+namespace {
+
+struct Shortened {
+  FileImage image;
+  std::size_t table = image.addTable("notes", 0x11);
+
+  Checked check() const { return checkBytes(image.build()); }
+
+  // A payload whose last bytes are what an older, longer one has left.
+  std::int64_t add(std::uint64_t id, const Bytes& room, std::uint32_t length) {
+    const std::int64_t at = image.addRecord(table, id, room);
+    image.record(at).dataLength = length;
+    return at;
+  }
+};
+
+TEST(CheckOfSpace, CallsRoomThatHoldsFillNeverUsed) {
+  Shortened file;
+  file.image.addRecord(file.table, 0xA1, bytesOf("text"), {.reserve = 10'000});
+  file.image.setTableData(file.table, bytesOf("data"), 100);
+  const Checked checked = file.check();
+  EXPECT_EQ(checked.report.space.reserve, 9996u + 96);
+  EXPECT_EQ(checked.report.space.stale, 0u);
+  ASSERT_EQ(checked.findings.size(), 1u) << checked.text();
+  EXPECT_EQ(checked.first("S7").message, "10092 bytes of spare room in blocks were never used.");
+}
+
+TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
+  Shortened file;
+  const std::int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);
+  file.add(0xA2, Bytes().zeros(9000).text("x").zeros(3), 1);
+  const Checked checked = file.check();
+  EXPECT_EQ(checked.report.space.stale, 4u + 9000);
+  EXPECT_EQ(checked.report.space.reserve, 24u + 9003);
+  EXPECT_EQ(checked.report.state, qvdb::CheckState::sound);
+  std::string told;
+  for (const qvdb::Finding& each : checked.findings) {
+    if (each.offset == first + 55 + 2) told = each.message;
+  }
+  EXPECT_EQ(told, "9004 bytes of older data can still be read behind the payloads of 2 blocks.");
+}
+
+// The end mark that stands directly behind data that was written over older data is none of it.
+TEST(CheckOfSpace, TellsOlderTableDataBehindItsEndMark) {
+  Shortened file;
+  const std::int64_t at = file.image.setTableData(file.table, bytesOf("datai"), 40);
+  file.image.tableData(at).dataLength = 4;
+  EXPECT_EQ(file.check().report.space.stale, 0u);
+  Bytes& room = file.image.tableData(at).room;
+  room[5] = 'o';
+  room[6] = 'l';
+  EXPECT_EQ(file.check().report.space.stale, 2u);
+}
+
+TEST(CheckOfSpace, LooksForOlderDataOnlyBehindWhatIsInUse) {
+  Shortened file;
+  file.add(0xA1, bytesOf("secret"), 2);
+  RecordFields dead;
+  dead.tableID = identifier(0x11);
+  dead.recordID = identifier(0xDD);
+  dead.room = bytesOf("deleted secret");
+  dead.dataLength = 3;
+  dead.dataCapacity = 14;
+  file.image.addDeadRecord(dead);
+  EXPECT_EQ(file.check().report.space.stale, 4u);
+}
+
+}  // namespace
+}  // namespace qvdbase::test
