@@ -95,7 +95,7 @@ class CheckOfRandomFiles : public CheckOfPacks, public testing::WithParamInterfa
 
   // Each share has seeds of its own; the first share's first is the one that is printed.
   static std::uint64_t first() { return firstSeed() + std::uint64_t(GetParam()) * share(); }
-  static std::uint64_t share() { return seeds(100, 10'000) / kShares; }
+  static std::uint64_t share() { return seeds(500, 10'000) / kShares; }
 };
 
 TEST_P(CheckOfRandomFiles, FindsNoDamageInThemNorInTheirPacks) {
