@@ -1,6 +1,8 @@
 // Batches: the same file as single appends would have made, and a sound table wherever they stop.
 #include "QVDbase/record_batch.h"
 
+#include <functional>
+
 #include "QVDbase/position.h"
 #include "format/identifiers.h"
 #include "support/database_fixture.h"
@@ -45,6 +47,7 @@ class Batches : public DatabaseTest {
     FoundTable found;
     EXPECT_TRUE(findTable(db, table, &found));
     RecordBatch batch(db, found);
+    if (beforehand) beforehand();
     bool complete = batch.begin();
     for (const Planned& planned : records) {
       BatchRecord record;
@@ -55,6 +58,7 @@ class Batches : public DatabaseTest {
       record.reserve = planned.reserve;
       complete = complete && batch.add(record, planned.payload.data());
     }
+    if (meanwhile) meanwhile();
     complete = batch.finish() && complete;
     *taken = batch.taken();
     EXPECT_EQ(position.restore(1), 1);
@@ -87,8 +91,45 @@ class Batches : public DatabaseTest {
     close(two);
   }
 
+  // A batch of three records behind two others, on a file that was changed before, refuses to begin
+  // and leaves the file as it is.
+  void expectNotBegun(const std::function<void(FileImage&)>& damage) {
+    close(fresh("batch.qvd"));
+    FileImage image;
+    image.addTable("t", table);
+    image.addRecord(0, 1, bytesOf("one"));
+    image.addRecord(0, 2, bytesOf("two"));
+    damage(image);
+    writeFile(path("batch.qvd"), image.build());
+    allowDamage("batch.qvd");
+    const int16_t db = open("batch.qvd");
+    uint32_t taken = 7;
+    expectUnchanged([&] { EXPECT_FALSE(appendBatch(db, mixedRecords(100, 3), &taken)); },
+                    "batch.qvd");
+    EXPECT_EQ(taken, 0u);
+    close(db);
+  }
+
+  // A batch behind two records while another program changes these bytes before it is finished:
+  // nothing is taken in, and what is in the file's old part stays.
+  void expectNotTakenIn(std::size_t offset, const Bytes& patch) {
+    const int16_t db = fresh("batch.qvd");
+    appendEach(db, mixedRecords(1, 2));
+    const Bytes changed = contents("batch.qvd").with(offset, patch);
+    allowDamage("batch.qvd");
+    meanwhile = [&] { patchFile(path("batch.qvd"), offset, patch); };
+    uint32_t taken = 7;
+    EXPECT_FALSE(appendBatch(db, mixedRecords(100, 3), &taken)) << offset;
+    meanwhile = nullptr;
+    EXPECT_EQ(taken, 0u) << offset;
+    EXPECT_TRUE(sameBytes(contents("batch.qvd").cut(changed.size()), changed)) << offset;
+    close(db);
+  }
+
   RecordedCalls host;
   uint64_t table = 0;
+  std::function<void()> beforehand;  // runs before a batch begins
+  std::function<void()> meanwhile;   // runs when its last record was added
 
  private:
   Bytes start_;
@@ -202,6 +243,134 @@ TEST_F(Batches, OfWhichOnePieceIsRefusedKeepThoseBefore) {
     std::filesystem::remove(path("batch.qvd"));
   }
   EXPECT_EQ(takenCounts, (std::set<uint32_t>{0, 10, 20}));
+}
+
+TEST_F(Batches, DoNotBeginInATableWhoseSlotContradictsItself) {
+  expectNotBegun([](FileImage& image) { image.slot(0).firstRecordPos = 0; });
+  expectNotBegun([](FileImage& image) { image.slot(0).lastRecordPos = 0; });
+  expectNotBegun([](FileImage& image) { image.slot(0).recordCount = 0; });
+  expectNotBegun([](FileImage& image) {
+    image.slot(0).recordCount = 0;
+    image.slot(0).firstRecordPos = 0;
+  });
+}
+
+TEST_F(Batches, DoNotBeginBehindWhatIsNoRecord) {
+  for (const int64_t position : {int64_t{1}, int64_t{-1}, int64_t{1} << 40}) {
+    expectNotBegun([=](FileImage& image) { image.slot(0).lastRecordPos = position; });
+  }
+}
+
+TEST_F(Batches, DoNotBeginWithoutMemoryOrTheEndOfTheFile) {
+  for (const Call call : {Call::allocate, Call::status}) {
+    const int16_t db = fresh("batch.qvd");
+    FoundTable found;
+    ASSERT_TRUE(findTable(db, table, &found));
+    const Bytes before = contents("batch.qvd");
+    host.failFrom(call);
+    RecordBatch batch(db, found);
+    EXPECT_FALSE(batch.begin()) << nameOf(call);
+    BatchRecord record = {};
+    EXPECT_FALSE(batch.add(record, nullptr)) << nameOf(call);
+    EXPECT_FALSE(batch.finish()) << nameOf(call);
+    host.heal();
+    EXPECT_EQ(batch.taken(), 0u);
+    EXPECT_TRUE(sameBytes(contents("batch.qvd"), before));
+    close(db);
+  }
+}
+
+TEST_F(Batches, TakeNoMoreRecordsThanATableCounts) {
+  close(fresh("batch.qvd"));
+  FileImage image;
+  image.addTable("t", table);
+  image.addRecord(0, 1, bytesOf("one"));
+  image.slot(0).recordCount = 0xFFFFFFFD;
+  writeFile(path("batch.qvd"), image.build());
+  allowDamage("batch.qvd");
+  uint32_t taken = 0;
+  EXPECT_FALSE(appendBatch(open("batch.qvd"), mixedRecords(100, 3), &taken));
+  EXPECT_EQ(taken, 2u);
+  EXPECT_EQ(slot(0, "batch.qvd").recordCount, 0xFFFFFFFF);
+}
+
+TEST_F(Batches, AreNotTakenIntoAChainThatHasChanged) {
+  const std::size_t slotPos = 22;
+  expectNotTakenIn(slotPos + 60, Bytes().le(4, 3));     // recordCount
+  expectNotTakenIn(slotPos + 64, Bytes().le(4, 9));     // recordWriteCount
+  expectNotTakenIn(slotPos + 72, Bytes().le(8, 4631));  // firstRecordPos
+  expectNotTakenIn(slotPos + 88, Bytes().le(8, 4630));  // lastRecordPos
+}
+
+TEST_F(Batches, AreNotTakenIntoATableWhoseSlotIsGone) {
+  expectNotTakenIn(22, Bytes{0});
+}
+
+TEST_F(Batches, AreNotTakenInBehindARecordThatIsNotTheLastAnyMore) {
+  const int16_t db = fresh("batch.qvd");
+  appendEach(db, mixedRecords(1, 2));
+  const auto last = static_cast<std::size_t>(slot(0, "batch.qvd").lastRecordPos);
+  close(db);
+  std::filesystem::remove(path("batch.qvd"));
+  expectNotTakenIn(last + 39, Bytes().be(8, 4630));
+  std::filesystem::remove(path("batch.qvd"));
+  expectNotTakenIn(last, Bytes{0});
+}
+
+TEST_F(Batches, WriteNothingWhenTheFileHasGrownMeanwhile) {
+  const std::vector<Planned> ofEachKind[] = {mixedRecords(100, 3), {{100, Bytes(2 << 20, 'b'), 0}}};
+  for (const std::vector<Planned>& records : ofEachKind) {
+    const int16_t db = fresh("batch.qvd");
+    FoundTable found;
+    ASSERT_TRUE(findTable(db, table, &found));
+    RecordBatch batch(db, found);
+    ASSERT_TRUE(batch.begin());
+    Bytes grown = contents("batch.qvd");
+    patchFile(path("batch.qvd"), grown.size(), bytesOf("x"));
+    grown.text("x");
+    allowDamage("batch.qvd");
+    for (const Planned& planned : records) {
+      BatchRecord record = {};
+      record.dataLength = static_cast<uint32_t>(planned.payload.size());
+      if (!batch.add(record, planned.payload.data())) break;
+    }
+    EXPECT_FALSE(batch.finish());
+    EXPECT_EQ(batch.taken(), 0u);
+    EXPECT_TRUE(sameBytes(contents("batch.qvd"), grown));
+    close(db);
+  }
+}
+
+// Each read and each write fails once, and from then on: what is taken in is a beginning of the
+// batch, and the chain is sound.
+TEST_F(Batches, WithARecordTooLargeForAPieceStopAtEachFailure) {
+  const std::vector<Planned> records = {{100, Bytes(10, 'a'), 0},
+                                        {101, Bytes((1 << 20) + 5, 'b'), (1 << 20) + 40},
+                                        {102, Bytes(7, 'c'), 0}};
+  allowDamage("batch.qvd");
+  const auto failEach = [&](const std::function<void(int)>& failAt) {
+    for (int step = 0;; ++step) {
+      SCOPED_TRACE(step);
+      const int16_t db = fresh("batch.qvd");
+      appendEach(db, mixedRecords(1, 1));
+      beforehand = [&] { failAt(step); };
+      uint32_t taken = 0;
+      const bool complete = appendBatch(db, records, &taken);
+      host.heal();
+      beforehand = nullptr;
+      EXPECT_EQ(complete, taken == 3);
+      EXPECT_NE(complete, host.failed());
+      std::vector<uint64_t> expected = {1, 100, 101, 102};
+      expected.resize(1 + taken);
+      EXPECT_EQ(list(db, table), expected);
+      close(db);
+      std::filesystem::remove(path("batch.qvd"));
+      if (!host.failed() || HasFailure()) return;
+    }
+  };
+  failEach([&](int step) { host.failOnce(Call::write, step); });
+  failEach([&](int step) { host.failFrom(Call::write, step); });
+  failEach([&](int step) { host.failOnce(Call::read, step); });
 }
 
 }  // namespace
