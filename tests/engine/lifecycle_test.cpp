@@ -124,24 +124,28 @@ TEST_F(CreatingADatabase, RefusesNull) {
 TEST_F(CreatingADatabase, LeavesThePartialFileOpenWhenAWriteFails) {
   const std::int16_t next = create("first.qvd");
   close(next);
-  for (int step = 0;; ++step) {
-    const std::string name = "partial" + std::to_string(step);
-    FakeHost host;
-    host.failFrom(FakeHost::Call::write, step);
-    const std::int16_t db = CreateDBaseW(wide(name), "QVdb", 100);
-    host.heal();
-    if (!host.failed()) {
-      EXPECT_NE(db, 0);
-      EXPECT_NE(CloseDBase(db), 0);
-      break;
+  const auto failEach = [&](const std::string& prefix, const auto& failAt) {
+    for (int step = 0;; ++step) {
+      const std::string name = prefix + std::to_string(step);
+      FakeHost host;
+      failAt(host, step);
+      const std::int16_t db = CreateDBaseW(wide(name), "QVdb", 100);
+      host.heal();
+      if (!host.failed()) {
+        EXPECT_NE(db, 0);
+        EXPECT_NE(CloseDBase(db), 0);
+        break;
+      }
+      EXPECT_EQ(db, 0);
+      ASSERT_TRUE(std::filesystem::exists(path(name)));
+      EXPECT_LT(fileSize(name), 4630u);
+      EXPECT_EQ(OpenDBaseW(wide(name), 3), 0) << "the file is not open any more";
+      EXPECT_NE(CloseDBase(next), 0);  // the number that was not handed out
+      allowDamage(name);
     }
-    EXPECT_EQ(db, 0);
-    ASSERT_TRUE(std::filesystem::exists(path(name)));
-    EXPECT_LT(fileSize(name), 4630u);
-    EXPECT_EQ(OpenDBaseW(wide(name), 3), 0) << "the file is not open any more";
-    EXPECT_NE(CloseDBase(next), 0);  // the number that was not handed out
-    allowDamage(name);
-  }
+  };
+  failEach("partial", [](FakeHost& host, int step) { host.failFrom(Call::write, step); });
+  failEach("interrupted", [](FakeHost& host, int step) { host.failOnce(Call::write, step); });
 }
 
 // ---- opening ----

@@ -8,11 +8,16 @@
 #include <string>
 #include <vector>
 
+#include "QVDbase/directory_cache.h"
+
 namespace {
 // Allocations of this program that have not been freed yet.
 long g_liveAllocations = 0;
+// How many more succeed before one fails; none fails while this is negative.
+long g_allocationsLeft = -1;
 
 void* countedAllocation(std::size_t size) {
+  if (g_allocationsLeft >= 0 && g_allocationsLeft-- == 0) throw std::bad_alloc();
   void* memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   ++g_liveAllocations;
@@ -391,6 +396,33 @@ TEST(List, FreesWhatIsDeletedOrReplaced) {
   EXPECT_EQ(g_liveAllocations - before, 3);
   list.DelAll();
   EXPECT_EQ(g_liveAllocations, before);
+}
+
+TEST(List, StaysAsItIsWhenTheMemoryForANewElementCannotBeHad) {
+  const std::string text(100, 'x');
+  QVList list;
+  fill(list, {"a", "b"});
+  const long before = g_liveAllocations;
+  for (long left = 0; left < 2; ++left) {  // the node, and its bytes
+    g_allocationsLeft = left;
+    EXPECT_THROW(list.Add(text.data(), 100), std::bad_alloc);
+    g_allocationsLeft = left;
+    EXPECT_THROW(list.InsAt(text.data(), 100, 0), std::bad_alloc);
+    EXPECT_EQ(g_liveAllocations, before);
+    EXPECT_EQ(elements(list), (Elements{"a", "b"}));
+  }
+}
+
+// No exception may leave an operation on a database: without memory nothing is cached.
+TEST(List, OfCachedDirectoriesIsLeftAsItIsWhenItsMemoryCannotBeHad) {
+  const long before = g_liveAllocations;
+  for (long left = 0; left < 2; ++left) {
+    g_allocationsLeft = left;
+    qvdbase::addDirectoryEntry({}, internal_Head1{});
+    EXPECT_EQ(g_allocationsLeft, -1);
+    EXPECT_EQ(g_liveAllocations, before);
+    EXPECT_EQ(gbl_Gdb2tDQ.GetSize(), 0);
+  }
 }
 
 }  // namespace
