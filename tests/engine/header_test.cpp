@@ -154,6 +154,18 @@ TEST_F(ReadingTheDirectoryNumbers, ReadsTheFileOnce) {
   EXPECT_EQ(position(db), 22);
 }
 
+TEST_F(ReadingTheDirectoryNumbers, NeedsAHeaderRecordOnlyTheFirstTime) {
+  const std::int16_t db = put(sampleImage());
+  Numbers numbers;
+  EXPECT_EQ(readNumbers(db, nullptr, &numbers), 0);
+  ASSERT_EQ(readNumbers(db, &numbers), 1);
+  numbers = {};
+  EXPECT_EQ(readNumbers(db, nullptr, &numbers), 1);
+  EXPECT_EQ(numbers.tableCount, 1);
+  EXPECT_EQ(numbers.slotCount, 32);
+  EXPECT_EQ(numbers.slotSize, 144);
+}
+
 TEST_F(ReadingTheDirectoryNumbers, EndsAtTheFirstSlotAlsoWhenServedFromTheCache) {
   const std::int16_t db = put(sampleImage());
   Numbers numbers;

@@ -153,6 +153,15 @@ TEST_P(SearchingNearby, StoresTheIndex) {
 const Keys kFour = {10, 20, 30, 40};
 const Keys kFive = {10, 20, 30, 40, 50};
 
+TEST(SearchingAmongNone, FindsNothingWithoutElements) {
+  const record1Cache one = {7, 0};
+  for (const std::int32_t count : {0, -1}) {
+    std::int32_t index = -99;
+    EXPECT_EQ(internal_BinarySearchForCode(&one, &one, count, &index), -2);
+    EXPECT_EQ(index, 0);
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Found, SearchingNearby,
     testing::Values(Search{kFour, 20, 0, 1}, Search{kFour, 30, 0, 2}, Search{kFour, 40, 0, 3},

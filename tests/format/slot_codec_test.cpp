@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <functional>
+#include <limits>
 
 #include "format/Aliment8.h"
 #include "support/database_fixture.h"
@@ -222,6 +223,25 @@ TEST_F(SlotReader, LeavesTheOutputUntouchedWhenTheReadFails) {
   const Bytes before = image(slot);
   EXPECT_EQ(ReadOne_TablePartOne(f, &slot, 144), 0);
   EXPECT_EQ(image(slot), before);
+}
+
+TEST_F(SlotReader, ReadsNothingForANegativeLength) {
+  const std::int16_t f = file(distinctBytes());
+  tablePart1 slot = {};
+  for (const int length : {-1, std::numeric_limits<int>::min()}) {
+    EXPECT_EQ(ReadOne_TablePartOne(f, &slot, length), 0);
+    EXPECT_EQ(position(f), 0);
+  }
+}
+
+TEST_F(SlotReader, ReadsNothingOfALongSlotWithoutMemoryForIt) {
+  const std::int16_t f = file(distinctBytes().zeros(1));
+  FakeHost host;
+  host.failOnce(FakeHost::Call::allocate);
+  tablePart1 slot = {};
+  EXPECT_EQ(ReadOne_TablePartOne(f, &slot, 145), 0);
+  EXPECT_EQ(position(f), 0);
+  EXPECT_EQ(ReadOne_TablePartOne(f, &slot, 145), 1);
 }
 
 TEST_F(SlotReader, FailsOnAHandleThatIsNotOpen) {
