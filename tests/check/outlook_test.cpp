@@ -178,6 +178,21 @@ TEST_F(Outlook, TellsWhatLinkRepairWouldLose) {
   expectTrue(image.build(), "a cleared link");
 }
 
+TEST_F(Outlook, TellsWhatLinkRepairWouldMiss) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  const std::int64_t first = image.addRecord(table, 1, {});
+  image.addRecord(table, 2, {});
+  image.slot(table).recordCount = image.slot(table).recordWriteCount = 1;
+  image.slot(table).lastRecordPos = first;
+  writeFile(folder / "a.qvd", image.build());
+  const qvdb::RepairPreview preview = qvdb::predict_repair(folder / "a.qvd");
+  EXPECT_EQ(preview.result, 0);
+  EXPECT_EQ(preview.lost, 0u);
+  EXPECT_EQ(preview.missed, 1u);
+  EXPECT_TRUE(preview.salvage_gives_more);
+}
+
 TEST_F(Outlook, SaysThatLinkRepairHidesAnUnfinishedPack) {
   FileImage image;
   image.header().version = 101;

@@ -1,4 +1,5 @@
 // What a salvage writes: what was in use, as it was; nothing else unless asked for.
+#include <qvdbase/qvdbase.h>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/salvage.hpp>
 
@@ -102,6 +103,19 @@ TEST(Salvage, TakesInTheRecordOfAnAppendThatWasNotCounted) {
     if (!isLinked) parts.image.record(parts.d).nextRecordPos = 0;
     EXPECT_EQ(parts.saved(), parts.all) << isLinked;
   }
+}
+
+// Link repair ends a broken chain where it breaks, and does not touch what lies behind.
+TEST(Salvage, BringsBackAllThatLinkRepairHasCutOff) {
+  TempFolder folder;
+  Parts parts;
+  parts.image.record(parts.b).nextRecordPos = 0;
+  writeFile(folder / "a.qvd", parts.image.build());
+  int result = 0;
+  ASSERT_EQ(FixOneDBLinkErrorW(folder.wide("a.qvd"), nullptr, 0, nullptr, &result), 1);
+  const Bytes repaired = readFile(folder / "a.qvd");
+  ASSERT_EQ(readDatabase(repaired).tables[0].records.size(), 2u);
+  EXPECT_EQ(contentsOf(salvaged(repaired).database.tables[0]), parts.all);
 }
 
 // Takes the third record out, as a deletion does.

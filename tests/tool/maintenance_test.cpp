@@ -103,6 +103,31 @@ TEST_F(ToolMaintenance, RepairLosesNothingUnlessItIsForced) {
   EXPECT_EQ(slot(0, kSource).recordCount, 1u);
 }
 
+// A record was linked but never counted: the table refuses appends, and link repair calls it sound.
+TEST_F(ToolMaintenance, RepairCallsNothingSoundThatIsNot) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  image.addRecord(table, 0xA2, bytesOf("second"));
+  SlotFields& slot = image.slot(table);
+  slot.recordCount = slot.recordWriteCount = 1;
+  slot.lastRecordPos = slot.lastWrittenRecordPos = first;
+  writeFile(path(kSource), image.build());
+  allowDamage(kSource);
+  expectUnchanged(
+      [&] {
+        for (const Words& words : {Words{"repair", kSource}, Words{"repair", "-n", kSource}}) {
+          const Outcome outcome = run(words);
+          EXPECT_EQ(outcome.status, 1);
+          EXPECT_EQ(outcome.out,
+                    "table notes: 1 record outside of its chain, which repair takes "
+                    "for sound\n");
+          expectOneLine(outcome.err, {kSource, "'qvdb check' finds 1 error", "'qvdb salvage'"});
+        }
+      },
+      kSource);
+}
+
 TEST_F(ToolMaintenance, RepairHidesNoUnfinishedPack) {
   LivelyDatabase lively;
   lively.image.header().version = 101;

@@ -18,6 +18,10 @@ struct Options {
 // Says which records would drop out of the chains.
 void tellLosses(const RepairPreview& preview) {
   for (const RepairedTable& table : preview.tables) {
+    if (table.missed > 0) {
+      printLine("table " + escaped(table.name) + ": " + counted(table.missed, "record", "records") +
+                " outside of its chain, which repair takes for sound");
+    }
     if (table.lost == 0) continue;
     printLine("table " + escaped(table.name) + ": " +
               counted(table.lost, "record that can", "records that can") +
@@ -29,9 +33,19 @@ void tellLosses(const RepairPreview& preview) {
   }
 }
 
+// Link repair counts records and no more. So what it calls sound need not be.
+void refuseFalseComfort(const Options& options, const char* what) {
+  const CheckReport report = check(options.file);
+  if (report.state != CheckState::damaged) return;
+  throw Failure(options.file + ": " + what + ", but 'qvdb check' finds " +
+                counted(report.errors, "error", "errors") +
+                "; 'qvdb salvage' writes a new file without them");
+}
+
 int predict(const Options& options, const RepairPreview& preview) {
   if (preview.result == 1) throw Failure(options.file + ": repair would fail: " + preview.failure);
   tellLosses(preview);
+  if (preview.result == 0) refuseFalseComfort(options, "repair would change nothing");
   printLine(preview.result == 0 ? "every chain is sound; there is nothing to repair"
                                 : "broken chains would be relinked");
   return kDone;
@@ -44,7 +58,8 @@ void refuseLosses(const Options& options, const RepairPreview& preview) {
     throw Failure(options.file + ": not repaired, for " +
                   counted(preview.lost, "record would drop out of its chain",
                           "records would drop out of their chains") +
-                  "; 'qvdb salvage' keeps them in a new file, and --force repairs all the same");
+                  "; 'qvdb salvage' keeps " + (preview.lost == 1 ? "it" : "them") +
+                  " in a new file, and --force repairs all the same");
   }
   if (preview.unfinished_pack) {
     throw Failure(options.file +
@@ -66,6 +81,8 @@ int run(const Options& options) {
     Progress progress("repairing", 100, nullptr);
     outcome = repair(options.file, percentOn(progress));
   }
+  refuseFalseComfort(options, outcome == RepairOutcome::sound ? "nothing was repaired"
+                                                              : "repaired what repair knows of");
   printLine(outcome == RepairOutcome::sound ? "every chain is sound; nothing was repaired"
                                             : "repaired: broken chains were relinked");
   return kDone;
@@ -93,12 +110,15 @@ extern const Command kRepairCommand = {
     "says how many records each table would lose. If that is any, or if the file is an unfinished "
     "pack, it stops there; 'qvdb salvage' writes a new file that has them. --force repairs all the "
     "same.\n\n"
+    "Repair goes by the number of records that either end leads to, and takes some chains for "
+    "sound that are not: one with a record that was linked but never counted, for example. When "
+    "'qvdb check' finds errors behind it, the command says so and fails.\n\n"
     "Ctrl-C stops; tables that were rewritten until then stay so.",
     "qvdb repair --dry-run notes.qvd\n"
     "cp notes.qvd copy.qvd && qvdb repair notes.qvd",
     define,
     "0  done, or nothing to do; with --dry-run: it was told\n"
-    "1  failed, or refused because records would be lost\n"
+    "1  failed, or refused because records would be lost, or did not mend all damage\n"
     "2  wrong usage"};
 
 }  // namespace qvdb::tool

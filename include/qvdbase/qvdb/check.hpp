@@ -172,7 +172,8 @@ struct RepairedTable {
   std::uint32_t counted = 0;    // records before, as the slot counts them
   std::uint64_t reachable = 0;  // records that can still be found: from both ends, and by scanning
   std::uint64_t kept = 0;       // records that its chain will have afterwards
-  std::uint64_t lost = 0;       // reachable ones that it will not have
+  std::uint64_t lost = 0;       // of a chain that is rewritten: reachable ones that drop out of it
+  std::uint64_t missed = 0;     // of one that counts as sound: reachable ones that are not in it
 };
 
 struct RepairPreview {
@@ -181,11 +182,14 @@ struct RepairPreview {
   bool unfinished_pack = false;  // the file is an unfinished pack; repair will hide that
   std::vector<RepairedTable> tables;
   std::uint64_t lost = 0;  // of all tables
+  std::uint64_t missed = 0;
   bool salvage_gives_more = false;
 };
 
 // Says what link repair would do to a file, without writing. Link repair keeps what the forward
-// walk reaches; everything else drops out of the chain. Throws as check() does.
+// walk reaches; everything else drops out of the chain. It takes some broken chains for sound, such
+// as one with a record that was never counted, and leaves them as they are: check() tells. Throws as
+// check() does.
 QVDBASE_API RepairPreview predict_repair(const std::filesystem::path& path);
 
 }  // namespace qvdb

@@ -199,7 +199,8 @@ bool repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* 
     repaired->rewritten = forward > 0 && (forward < count || backward < count);
   }
   const uint64_t kept = distinctRecords(survey, table, repaired->kept);
-  repaired->lost = repaired->reachable - std::min(repaired->reachable, kept);
+  const uint64_t others = repaired->reachable - std::min(repaired->reachable, kept);
+  (repaired->rewritten ? repaired->lost : repaired->missed) = others;
   return true;
 }
 
@@ -266,13 +267,14 @@ qvdb::RepairPreview willRepair(const Survey& survey) {
     if (!repairTable(survey, *survey.tableOfSlot(slot.index), &repaired, &preview.failure)) break;
     if (repaired.rewritten) preview.result = 2;
     preview.lost += repaired.lost;
+    preview.missed += repaired.missed;
     preview.tables.push_back(std::move(repaired));
   }
   if (preview.failure.empty() && survey.header.tableCount > static_cast<int>(survey.slots.size())) {
     preview.failure = "the number of tables is impossible";
   }
   if (!preview.failure.empty()) preview.result = 1;
-  preview.salvage_gives_more = preview.lost > 0 || preview.result == 1;
+  preview.salvage_gives_more = preview.lost > 0 || preview.missed > 0 || preview.result == 1;
   return preview;
 }
 

@@ -132,24 +132,30 @@ class Labeller {
   }
 
   Evidence askNeighbours(const Block& asked) {
-    Evidence evidence = Evidence::none;
+    bool isTakenOut = false;
+    bool isCutOff = false;
+    bool isNamed = false;
     // `link` of the neighbour at `position` should lead here; `beyond` is the other neighbour.
     const auto ask = [&](int64_t position, int64_t Block::*link, int64_t beyond) {
       if (!isRecordOf(asked.owner, position)) return;
       const int64_t named = block(survey_.byPosition.find(position)).*link;
-      if (named == asked.position) {
-        if (evidence == Evidence::none) evidence = Evidence::agree;
-        return;
-      }
       // A neighbour that names a block which is not there proves nothing: a move may have been
       // lost. Unless it names what lies beyond: then the block was taken out in between.
-      if (named == 0 || named == beyond || isRecordOf(asked.owner, named)) {
-        evidence = Evidence::disagree;
+      if (named == asked.position) {
+        isNamed = true;
+      } else if (named == 0) {
+        isCutOff = true;
+      } else if (named == beyond || isRecordOf(asked.owner, named)) {
+        isTakenOut = true;
       }
     };
     ask(asked.prev, &Block::next, asked.next);
     ask(asked.next, &Block::prev, asked.prev);
-    return evidence;
+    if (isTakenOut) return Evidence::disagree;
+    // Where one side still names the block and the other ends before it, the chain was cut, as link
+    // repair does it: a deletion relinks both sides.
+    if (isNamed) return Evidence::agree;
+    return isCutOff ? Evidence::disagree : Evidence::none;
   }
 
   // Whether both walks of the owner's chain meet all that its slot counts: then nothing of it is
