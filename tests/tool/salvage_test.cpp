@@ -71,7 +71,7 @@ TEST_F(ToolSalvage, TakesImagesThatBeginElsewhere) {
 
 TEST_F(ToolSalvage, WritesOverNothingAndSaysWhatIsWrong) {
   writeFile(path("here"), bytesOf("here"));
-  fails({"salvage", "test.qvd", "here"}, 1, {"here", "exists"});
+  fails({"salvage", "test.qvd", "here"}, 1, {"here", "exists", "another name for the new file"});
   EXPECT_EQ(readFile(path("here")), bytesOf("here"));
   fails({"salvage", "absent", "new.qvd"}, 1, {"absent", "no such file"});
   fails({"salvage", "--grade", "D", "test.qvd", "new.qvd"}, 2, {"--grade"});

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string_view>
 #include <system_error>
 
 #include "qvdb/text.h"
@@ -21,6 +22,10 @@ std::string adviceFor(const Error& error) {
     case Reason::not_a_file:
       return "give the path of a database file";
     case Reason::file_exists:
+      // What is saved from a damaged file goes over nothing, with no way to ask for it.
+      if (error.operation() == std::string_view("write the salvaged database")) {
+        return "choose another name for the new file";
+      }
       return "choose another name, or use --force to replace it";
     case Reason::access_denied:
       return "check the permissions of the file and its folder";

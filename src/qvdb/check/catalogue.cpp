@@ -38,7 +38,7 @@ constexpr FindingCode kCodes[] = {
     {"H1", kError, "the file does not begin with the letters of a database", kAll,
      "if it was one, run 'qvdb salvage' into a new file"},
     {"H2", kError, "the version lies outside 100 to 199", kAll,
-     "if the rest is sound, set the version to 100"},
+     "run 'qvdb salvage' into a new file, which gets the version 100"},
     {"H3", kError, "the file is an unfinished pack: its version is 101", kNothing,
      "the source of the pack is the good copy: use that; link repair would set the version and "
      "hide "
