@@ -1,0 +1,1 @@
+set(seconds 1200)  # with QVDBASE_TEST_ALL
