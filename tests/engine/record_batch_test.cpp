@@ -343,6 +343,38 @@ TEST_F(Batches, WriteNothingWhenTheFileHasGrownMeanwhile) {
   }
 }
 
+// A batch of which the second piece cannot be written looks at the last record of the first.
+TEST_F(Batches, ThatAreCutOffEndAtARecordThatIsThereAndHasNoSuccessor) {
+  constexpr std::int64_t kFirstBlock = 4630;
+  constexpr std::int64_t kTenthBlock = kFirstBlock + 9 * (100'000 + 56);
+  allowDamage("batch.qvd");
+  const auto cutOff = [&](std::int64_t offset, const Bytes& patch) {
+    const int16_t db = fresh("batch.qvd");
+    FoundTable found;
+    ASSERT_TRUE(findTable(db, table, &found));
+    RecordBatch batch(db, found);
+    ASSERT_TRUE(batch.begin());
+    const Bytes payload(100'000, 'a');
+    BatchRecord record = {};
+    record.dataLength = 100'000;
+    for (int i = 0; i < 11; ++i) ASSERT_TRUE(batch.add(record, payload.data()));
+    ASSERT_EQ(fileSize("batch.qvd"), 4630u + 10 * 100'056);
+    patchFile(path("batch.qvd"), static_cast<std::size_t>(offset), patch);
+    host.failOnce(Call::write);
+    EXPECT_FALSE(batch.finish());
+    host.heal();
+    EXPECT_EQ(batch.taken(), slot(0, "batch.qvd").recordCount);
+    EXPECT_EQ(batch.table().slot.recordCount, batch.taken());
+    close(db);
+  };
+  cutOff(kTenthBlock, Bytes{0});  // no record any more
+  EXPECT_EQ(slot(0, "batch.qvd").recordCount, 0u);
+  cutOff(kTenthBlock + 39, Bytes().be(8, 4630));  // the link that got there before the failure
+  EXPECT_EQ(slot(0, "batch.qvd").recordCount, 10u);
+  EXPECT_EQ(slot(0, "batch.qvd").lastRecordPos, kTenthBlock);
+  EXPECT_EQ(contents("batch.qvd").beAt(static_cast<std::size_t>(kTenthBlock) + 39, 8), 0u);
+}
+
 // Each read and each write fails once, and from then on: what is taken in is a beginning of the
 // batch, and the chain is sound.
 TEST_F(Batches, WithARecordTooLargeForAPieceStopAtEachFailure) {

@@ -124,6 +124,15 @@ TEST(NewIdentifierNumber, IsTheNumberOfANewIdentifier) {
   EXPECT_EQ(number, id.beAt(0, 8));
 }
 
+TEST(IdentifierSum, IsRightOnlyInItsTwoBytesMostSignificantFirst) {
+  EXPECT_TRUE(identifierSumIsRight(hex("1122334455667788 0264").data()));
+  EXPECT_TRUE(identifierSumIsRight(hex("FFFFFFFFFFFFFFFF 07F8").data()));
+  for (const char* wrong : {"1122334455667788 0263", "1122334455667788 0364",
+                            "1122334455667788 6402", "1122334455667789 0264"}) {
+    EXPECT_FALSE(identifierSumIsRight(hex(wrong).data())) << wrong;
+  }
+}
+
 TEST(NewIdentifierNumber, RefusesNull) {
   EXPECT_EQ(GenerateUuID_Int64(nullptr), 0);
 }
