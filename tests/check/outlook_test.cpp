@@ -54,10 +54,19 @@ class Outlook : public testing::Test {
     return true;
   }
 
+  static bool hasRoomFor(const Bytes& bytes, const qvdb::TableOutlook& table, std::uint32_t size) {
+    const raw::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
+    const raw::Survey survey = raw::makeSurvey(source);
+    const std::vector<std::uint32_t>& walk = survey.tableOfSlot(table.slot)->forward.blocks;
+    return std::any_of(walk.begin(), walk.end(), [&](std::uint32_t number) {
+      return survey.blocks[number].capacity >= size;
+    });
+  }
+
   // Whether pack and link repair do what was foretold.
   void expectTrueOfTheFile(const Bytes& bytes, const Checked& checked, const std::string& what) {
     for (const qvdb::TableOutlook& table : checked.report.tables) {
-      if (table.counted > 100'000) return;  // would copy a loop for hours
+      if (table.counted > 5'000) return;  // would copy a loop for long
     }
     writeFile(folder / "a.qvd", bytes);
     EXPECT_EQ(PackOneDB2NewW(folder.wide("a.qvd"), folder.wide("b.qvd"), 0, nullptr) == 1,
@@ -106,13 +115,6 @@ class Outlook : public testing::Test {
                                }),
                 table.delete_all)
           << where;
-      const Bytes large = pattern(3000);
-      EXPECT_EQ(succeedsForAll(bytes, table,
-                               [&](auto db, std::uint64_t each) {
-                                 return ModifyRecordData(db, id, large.data(), 3000, each, nullptr);
-                               }),
-                table.enlarge_all)
-          << where;
       const ReadDatabase slots = slotsOf(bytes);
       const bool hasData =
           slots.tables[static_cast<std::size_t>(table.slot)].slot.firstDataPos != 0;
@@ -120,6 +122,15 @@ class Outlook : public testing::Test {
         EXPECT_EQ(succeeds(bytes, [&](auto db) { return readsData(db, id); }), table.get_data)
             << where;
       }
+      // Where a damaged capacity leaves room for it, a large payload makes no record move.
+      if (hasRoomFor(bytes, table, 3000)) continue;
+      const Bytes large = pattern(3000);
+      EXPECT_EQ(succeedsForAll(bytes, table,
+                               [&](auto db, std::uint64_t each) {
+                                 return ModifyRecordData(db, id, large.data(), 3000, each, nullptr);
+                               }),
+                table.enlarge_all)
+          << where;
     }
   }
 
