@@ -627,7 +627,7 @@ TEST_F(RecordAppend, WritesNothingWhenTheEndOfTheFileCannotBeFound) {
   threeRecords();
   const std::int16_t db = start();
   seek(db, 77);
-  host.failFrom(Call::status);
+  host.failFrom(Call::length);
   EXPECT_EQ(assign(db, bytesOf("x")), 0);
   host.heal();
   EXPECT_EQ(position(db), 77);

@@ -476,7 +476,7 @@ TEST_F(RecordModifyInside, TellsThePositionBeforeItWrites) {
 
 TEST_F(RecordModifyInside, FailsWhenTheEndOfTheFileCannotBeFound) {
   const std::int16_t db = start();
-  host.failFrom(Call::status);
+  host.failFrom(Call::length);
   std::int64_t newRecordPos = -7;
   EXPECT_EQ(internal_WriteOneRecordDataInEOF_Modify(db, &slotInMemory, &header,
                                                     bytesOf("abc").data(), 3, &newRecordPos),
@@ -567,7 +567,7 @@ TEST_F(RecordModify, WritesNothingWhenTheEndOfTheFileCannotBeFound) {
   threeRecords();
   const std::int16_t db = start();
   seek(db, 77);
-  host.failFrom(Call::status);
+  host.failFrom(Call::length);
   EXPECT_EQ(modify(db, kB, large), 0);
   host.heal();
   EXPECT_EQ(position(db), 77);

@@ -63,8 +63,9 @@ const Operation kOperations[] = {
 };
 
 using Call = FakeHost::Call;
-constexpr Call kCalls[] = {Call::open, Call::close, Call::status,   Call::makeDirectory,
-                           Call::lock, Call::read,  Call::truncate, Call::allocate};
+constexpr Call kCalls[] = {Call::open,   Call::close,         Call::status,
+                           Call::length, Call::makeDirectory, Call::lock,
+                           Call::read,   Call::truncate,      Call::allocate};
 
 TEST(Leaks, NoDescriptorStaysOpenBehindAnyOperation) {
   for (const Operation& operation : kOperations) {

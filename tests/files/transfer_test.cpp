@@ -325,7 +325,7 @@ TEST_F(TransferTest, SeekWithAnotherModeIsRefused) {
 TEST_F(TransferTest, SeekFromTheEndFailsWhenTheLengthCannotBeHad) {
   ASSERT_EQ(file_.QVSeekFile(number_, 1, 4), 1);
   FakeHost host;
-  host.failFrom(FakeHost::Call::status);
+  host.failFrom(FakeHost::Call::length);
   EXPECT_EQ(file_.QVSeekFile(number_, 2, 0), 0);
   EXPECT_EQ(position(), 4);
 }

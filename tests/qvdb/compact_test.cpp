@@ -385,8 +385,8 @@ TEST_F(Compact, LeavesTheSourceOrTheWholeResultWhicheverCallFails) {
   const Bytes before = source.image.build();
   const Bytes after = compacted(source).build();
   RecordedCalls host;
-  for (const Call call : {Call::open, Call::status, Call::statusAt, Call::read, Call::write,
-                          Call::sync, Call::close, Call::lock, Call::allocate}) {
+  for (const Call call : {Call::open, Call::status, Call::length, Call::statusAt, Call::read,
+                          Call::write, Call::sync, Call::close, Call::lock, Call::allocate}) {
     for (int step = 0;; ++step) {
       putSource(source.image);
       host.failOnce(call, step);

@@ -25,10 +25,10 @@ std::string lastPart(const char* name) {
 // ---- writes -------------------------------------------------------------------------------------
 
 const char* nameOf(Call call) {
-  static constexpr const char* kNames[] = {"open",          "close",        "status",   "statusAt",
-                                           "makeDirectory", "read",         "write",    "truncate",
-                                           "sync",          "sizeLimit",    "lock",     "time",
-                                           "processClock",  "microseconds", "allocate", "release"};
+  static constexpr const char* kNames[] = {
+      "open",  "close",        "status",       "statusAt", "makeDirectory", "read",
+      "write", "truncate",     "sync",         "length",   "sizeLimit",     "lock",
+      "time",  "processClock", "microseconds", "allocate", "release"};
   return kNames[static_cast<std::size_t>(call)];
 }
 
@@ -287,6 +287,13 @@ struct RecordedCalls::Calls {
     return result;
   }
 
+  static int64_t lengthOf(int descriptor) {
+    const Verdict verdict = host().begin(Call::length);
+    const int64_t result = verdict.fails ? -1 : real().lengthOf(descriptor);
+    host().note({Call::length, descriptor, {}, 0, 0, result}, verdict);
+    return result;
+  }
+
   static int setLock(int descriptor, struct flock* lock) {
     const Verdict verdict = host().begin(Call::lock);
     const int result = verdict.fails ? -1 : real().setLock(descriptor, lock);
@@ -347,6 +354,7 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.writeAt = Calls::writeAt;
   table_.truncate = Calls::truncate;
   table_.sync = Calls::sync;
+  table_.lengthOf = Calls::lengthOf;
   table_.fileSizeLimit = Calls::fileSizeLimit;
   table_.setLock = Calls::setLock;
   table_.time = Calls::time;

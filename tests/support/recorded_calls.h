@@ -74,6 +74,7 @@ enum class Call {
   write,
   truncate,
   sync,
+  length,  // of a file
   sizeLimit,
   lock,
   time,
@@ -85,8 +86,9 @@ enum class Call {
 
 // All kinds that can fail, for tests that go through them.
 inline constexpr Call kFailingCalls[] = {
-    Call::open,  Call::close,    Call::status, Call::statusAt, Call::makeDirectory, Call::read,
-    Call::write, Call::truncate, Call::sync,   Call::lock,     Call::time,          Call::allocate,
+    Call::open, Call::close, Call::status,   Call::statusAt, Call::makeDirectory,
+    Call::read, Call::write, Call::truncate, Call::sync,     Call::length,
+    Call::lock, Call::time,  Call::allocate,
 };
 
 const char* nameOf(Call call);
