@@ -3,13 +3,8 @@
 
 #include <qvdbase/QVFile.h>
 
-int myFileSeek(int16_t db, int64_t offset, uint32_t mode) {
+int qvdbase::detail::seekInOtherMode(int16_t db, int64_t offset, uint32_t mode) {
   return QVFile().QVSeekFile(db, static_cast<uint16_t>(mode), offset) == 1 ? 0 : -1;
-}
-
-int64_t myGetFilePos(int16_t db) {
-  int64_t position = 0;
-  return QVFile().QVGetFilePos(db, &position) == 1 ? position : -1;
 }
 
 uint16_t SavedCallBack(int16_t db, QVProgressFunction callback, int a, int b, void* context) {

@@ -7,17 +7,28 @@
 #include <cstdint>
 
 #include "platform/transfer.h"
+#include "support/file_transfers.h"
 
 // Where a seek counts from.
 inline constexpr uint32_t kFromStart = 1;
 inline constexpr uint32_t kFromEnd = 2;
 inline constexpr uint32_t kFromCurrent = 3;
 
-// Returns 0, or -1 when the file cannot be positioned there.
-int myFileSeek(int16_t db, int64_t offset, uint32_t mode);
+namespace qvdbase::detail {
+int seekInOtherMode(int16_t db, int64_t offset, uint32_t mode);
+}
+
+// Returns 0, or -1 when the file cannot be positioned there. Inline for the walks, which seek at
+// every record.
+inline int myFileSeek(int16_t db, int64_t offset, uint32_t mode) {
+  if (mode == kFromStart) return qvdbase::seekTo(db, offset) ? 0 : -1;
+  return qvdbase::detail::seekInOtherMode(db, offset, mode);
+}
 
 // Returns the position, or -1 for a handle that is not open.
-int64_t myGetFilePos(int16_t db);
+inline int64_t myGetFilePos(int16_t db) {
+  return qvdbase::positionOf(db);
+}
 
 // Calls callback(a, b, context) and puts the file position back afterwards; with handle 0 it only
 // calls. Returns the callback's result.

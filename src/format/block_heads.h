@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 #include "format/layout.h"
 
@@ -17,6 +18,14 @@ void storeBigEndian(unsigned char* bytes, int width, uint64_t value);
 
 recordPart1 decodeRecordHead(const unsigned char* bytes);
 void encodeRecordHead(const recordPart1& head, unsigned char* bytes);
+
+// Whether a header is that of a record of this table: its mark, its size and its owner.
+inline bool isRecordOf(const unsigned char* bytes, const unsigned char* tableID) {
+  return bytes[record::kBlockMark] == kRecordMark &&
+         bytes[record::kHeaderSize] == (kRecordHeaderSize >> 8) &&
+         bytes[record::kHeaderSize + 1] == (kRecordHeaderSize & 0xFF) &&
+         std::memcmp(bytes + record::kTableID, tableID, kIdentifierSize) == 0;
+}
 
 struct TableDataHead {
   uint8_t blockMark;

@@ -25,6 +25,20 @@ void storeSum(unsigned char* id) {
 
 [[maybe_unused]] const bool seededAtLoad = (Initializer(), true);
 
+// Four random bytes, four of the clocks, and the sum.
+void composeIdentifier(uint64_t counter, uint32_t seconds, unsigned char* id) {
+  for (int i = 0; i < 4; ++i) {
+    const int r = std::rand();
+    // The added quotient makes the bytes slightly uneven; identifiers have always been made so.
+    const unsigned mixed = static_cast<unsigned>(r) + static_cast<unsigned>(r / 255);
+    id[i] = static_cast<unsigned char>(mixed & 0xFF);
+  }
+  const auto low = static_cast<uint32_t>(counter);
+  const auto high = static_cast<uint32_t>(counter >> 32);
+  qvdbase::storeBigEndian(id + 4, static_cast<uint32_t>(seconds + low + high));
+  storeSum(id);
+}
+
 }  // namespace
 
 void Initializer() {
@@ -34,17 +48,7 @@ void Initializer() {
 
 int GenerateUuID(unsigned char* id) {
   const uint64_t counter = qvdbase::platform::microsecondCounter();
-  for (int i = 0; i < 4; ++i) {
-    const int r = std::rand();
-    // The added quotient makes the bytes slightly uneven; identifiers have always been made so.
-    const unsigned mixed = static_cast<unsigned>(r) + static_cast<unsigned>(r / 255);
-    id[i] = static_cast<unsigned char>(mixed & 0xFF);
-  }
-  const auto low = static_cast<uint32_t>(counter);
-  const auto high = static_cast<uint32_t>(counter >> 32);
-  const uint32_t t = qvdbase::platform::secondsSinceEpoch() + low + high;
-  for (int i = 0; i < 4; ++i) id[4 + i] = static_cast<unsigned char>(t >> (24 - 8 * i) & 0xFF);
-  storeSum(id);
+  composeIdentifier(counter, qvdbase::platform::secondsSinceEpoch(), id);
   return 1;
 }
 
@@ -64,10 +68,14 @@ int internal_ConvertInt64_2UuID(uint64_t value, unsigned char* id) {
 
 namespace qvdbase {
 
-uint64_t identifierNumber(const unsigned char* id) {
-  uint64_t value = 0;
-  for (int i = 0; i < kIdentitySize; ++i) value = value << 8 | id[i];
-  return value;
+void IdentifierSeries::next(unsigned char* id) {
+  if (left_ == 0) {
+    counter_ = platform::microsecondCounter();
+    seconds_ = platform::secondsSinceEpoch();
+    left_ = kForOneAsking;
+  }
+  --left_;
+  composeIdentifier(counter_++, seconds_, id);
 }
 
 bool identifierSumIsRight(const unsigned char* id) {

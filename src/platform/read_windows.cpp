@@ -18,7 +18,13 @@ constexpr size_t kWindowCount = 4;
 constexpr int64_t kLastWindowPosition =
     std::numeric_limits<int64_t>::max() - int64_t{kLargestWindow};
 
-constinit ReadWindow windows[kWindowCount] = {};
+constinit uint8_t rooms[kWindowCount][kLargestWindow] = {};
+constinit ReadWindow windows[kWindowCount] = {
+    {nullptr, 0, 0, 0, 0, rooms[0]},
+    {nullptr, 0, 0, 0, 0, rooms[1]},
+    {nullptr, 0, 0, 0, 0, rooms[2]},
+    {nullptr, 0, 0, 0, 0, rooms[3]},
+};
 constinit uint64_t fillings = 0;
 
 // Whether a read goes on from a window: it lies beside it, no further off than the window is large.
@@ -103,14 +109,17 @@ const ReadWindow* windowWith(const FileEntry* file, int64_t position, size_t cou
   return &window;
 }
 
-void fillWindow(const FileEntry* file, int64_t position, size_t count) {
-  if (count > kLargestWindow || position > kLastWindowPosition) return;
-  if (windowsHold(file, position, count)) return;
+const ReadWindow* fillWindow(const FileEntry* file, int64_t position, size_t count) {
+  if (count > kLargestWindow || position > kLastWindowPosition) return nullptr;
+  for (const ReadWindow& window : windows) {
+    if (window.holds(file, position, count)) return &window;
+  }
   ReadWindow& window = windowToRefill();
   window.start = position;
   window.size = count;
   fill(window, file, count);
   window.lastUsed = ++fillings;
+  return &window;
 }
 
 void overwriteWindows(const FileEntry* file, int64_t position, const void* bytes, size_t count) {

@@ -24,7 +24,7 @@ struct ReadWindow {
   size_t length;
   size_t size;        // how much the latest filling asked for
   uint64_t lastUsed;  // in fillings
-  uint8_t bytes[kLargestWindow];
+  uint8_t* bytes;     // room for kLargestWindow; away from the rest, which is looked at much more
 
   bool holds(const FileEntry* file, int64_t position, size_t count) const {
     if (entry != file || position < start) return false;
@@ -44,8 +44,9 @@ bool windowsHold(const FileEntry* file, int64_t position, size_t count);
 // host fails. Null when the read is too large for a window.
 const ReadWindow* windowWith(const FileEntry* file, int64_t position, size_t count);
 
-// Fills a window with these bytes, unless one holds them.
-void fillWindow(const FileEntry* file, int64_t position, size_t count);
+// A window that begins with these bytes or has them all, filled for them if need be. Null when they
+// are too many.
+const ReadWindow* fillWindow(const FileEntry* file, int64_t position, size_t count);
 
 // Takes bytes that the call has written over into the windows that hold their place.
 void overwriteWindows(const FileEntry* file, int64_t position, const void* bytes, size_t count);

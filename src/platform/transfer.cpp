@@ -33,6 +33,12 @@ void serveFromNothing() {
   detail::servedWindow = {};
 }
 
+void serveFrom(const OpenFile& file, const ReadWindow& window) {
+  constexpr uint64_t kAllButOne = detail::kSmallRead - 1;
+  const uint64_t smallReads = window.length > kAllButOne ? window.length - kAllButOne : 0;
+  detail::servedWindow = {&file, window.start, window.length, smallReads, window.bytes};
+}
+
 // Nothing that was read or asked may be believed any longer.
 void forgetWhatWasRead() {
   serveFromNothing();
@@ -59,7 +65,8 @@ namespace {
 
 // The window for a read, or null: when the read is too large for one, and, with *refused set, when
 // writes that must go first are refused.
-const ReadWindow* windowFor(const FileEntry* entry, int64_t position, size_t count, bool* refused) {
+const ReadWindow* windowFor(const OpenFile& file, int64_t position, size_t count, bool* refused) {
+  const FileEntry* entry = file.entry;
   // A window must not be filled with what gathered writes are about to change.
   const bool mustFlush = isPending(entry, position, count) ||
                          (isPending(entry) && !windowsHold(entry, position, count));
@@ -68,21 +75,22 @@ const ReadWindow* windowFor(const FileEntry* entry, int64_t position, size_t cou
   if (*refused) return nullptr;
   const ReadWindow* window = windowWith(entry, position, count);
   if (window != nullptr && !isPending(entry)) {
-    detail::servedWindow = {window->entry, window->start, window->length, window->bytes};
+    serveFrom(file, *window);
   }
   return window;
 }
 
 size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
   bool refused = false;
-  const ReadWindow* window = windowFor(file.entry, file.position, count, &refused);
+  const ReadWindow* window = windowFor(file, file.position, count, &refused);
   if (refused) return 0;
   if (window == nullptr) return readPlain(file.descriptor, file.position, buffer, count);
   return window->copy(file.position, buffer, count);
 }
 
 // Fields of one header lie a few bytes apart. Where the bytes between have been read in this call
-// they are gathered too, so that the fields reach the host as one write, in their order.
+// they are gathered too, so that the fields reach the host as one write, in their order. Not more
+// than that: a gap between two records may hold a block that nobody is to write to.
 constexpr int64_t kLargestGap = 64;
 
 void gatherGap(const FileEntry* entry, int64_t position) {
@@ -90,9 +98,8 @@ void gatherGap(const FileEntry* entry, int64_t position) {
   if (end < 0 || position <= end || position - end > kLargestGap) return;
   const auto count = static_cast<size_t>(position - end);
   if (!windowsHold(entry, end, count) || !canGather(entry, end, count)) return;
-  uint8_t gap[kLargestGap];
-  windowWith(entry, end, count)->copy(end, gap, count);
-  gatherWrite(entry, end, gap, count);
+  const ReadWindow* window = windowWith(entry, end, count);
+  gatherWrite(entry, end, window->bytes + (end - window->start), count);
 }
 
 size_t writeInScope(const OpenFile& file, const void* buffer, size_t count) {
@@ -123,7 +130,7 @@ constinit detail::ServedWindow detail::servedWindow = {};
 const uint8_t* detail::viewElsewhere(const OpenFile& file, int64_t position, uint32_t count) {
   if (currentScope == nullptr || count == 0 || position < 0) return nullptr;
   bool refused = false;
-  const ReadWindow* window = windowFor(file.entry, position, count, &refused);
+  const ReadWindow* window = windowFor(file, position, count, &refused);
   if (window == nullptr || !window->holds(file.entry, position, count)) return nullptr;
   return window->bytes + (position - window->start);
 }
@@ -142,7 +149,8 @@ bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_
 void readAhead(const OpenFile& file, int64_t position, uint32_t count) {
   if (currentScope == nullptr || isPending(file.entry)) return;
   serveFromNothing();
-  fillWindow(file.entry, position, count);
+  const ReadWindow* window = fillWindow(file.entry, position, count);
+  if (window != nullptr) serveFrom(file, *window);
 }
 
 bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_t* moved) {
@@ -158,10 +166,8 @@ bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_
 
 bool fileLength(const OpenFile& file, int64_t* length) {
   if (isPending(file.entry) && !ScopeAccess::flush()) return false;
-  struct stat status = {};
-  if (systemCalls().status(file.descriptor, &status) != 0) return false;
-  *length = static_cast<int64_t>(status.st_size);
-  return true;
+  *length = systemCalls().lengthOf(file.descriptor);
+  return *length >= 0;
 }
 
 // A scope within a scope starts afresh too: between the two, others may have written.

@@ -28,17 +28,27 @@ namespace qvdbase::platform {
 namespace detail {
 
 // The bytes from which the next read can be served without further questions: the window used last,
-// while its file has no gathered writes. No entry outside a scope.
+// for the number that used it, while its file has no gathered writes. Outside a scope, and after
+// anything else that could make it wrong, it holds no bytes.
 struct ServedWindow {
-  const FileEntry* entry;
+  const OpenFile* file;
   int64_t start;
   uint64_t length;
+  uint64_t smallReads;  // from offsets below this one a read of kSmallRead bytes lies inside
   const uint8_t* bytes;
 };
+inline constexpr uint32_t kSmallRead = 16;
 extern ServedWindow servedWindow;
 
 bool readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved);
 const uint8_t* viewElsewhere(const OpenFile& file, int64_t position, uint32_t count);
+
+// Whether the window holds `count` bytes from an offset, counted with wrapping from its start. For
+// the sizes of fields, which are known where this is inlined, that is one comparison.
+inline bool servesAt(const ServedWindow& window, uint64_t offset, uint32_t count) {
+  if (count <= kSmallRead && offset < window.smallReads) return true;
+  return offset < window.length && count <= window.length - offset;
+}
 
 }  // namespace detail
 
@@ -48,8 +58,7 @@ inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_
   const detail::ServedWindow& window = detail::servedWindow;
   const uint64_t offset =
       static_cast<uint64_t>(file.position) - static_cast<uint64_t>(window.start);
-  if (file.entry != window.entry || offset >= window.length || count > window.length - offset ||
-      count == 0) {
+  if (&file != window.file || !detail::servesAt(window, offset, count)) {
     return detail::readElsewhere(file, buffer, count, moved);
   }
   std::memcpy(buffer, window.bytes + offset, count);
@@ -64,7 +73,7 @@ inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_
 inline const uint8_t* viewBytes(const OpenFile& file, int64_t position, uint32_t count) {
   const detail::ServedWindow& window = detail::servedWindow;
   const uint64_t offset = static_cast<uint64_t>(position) - static_cast<uint64_t>(window.start);
-  if (file.entry != window.entry || offset >= window.length || count > window.length - offset) {
+  if (&file != window.file || !detail::servesAt(window, offset, count)) {
     return detail::viewElsewhere(file, position, count);
   }
   return window.bytes + offset;

@@ -20,6 +20,21 @@ inline bool writeFile(int16_t file, const void* buffer, uint32_t count, uint32_t
   return openFile != nullptr && platform::writeAtPosition(*openFile, buffer, count, moved);
 }
 
+// Where the file stands, or -1 for a number that is not in use.
+inline int64_t positionOf(int16_t file) {
+  const platform::OpenFile* openFile = platform::findOpenFile(file);
+  return openFile == nullptr ? -1 : openFile->position;
+}
+
+// Sets the position, counted from the start. False for a negative one and for a number that is not
+// in use.
+inline bool seekTo(int16_t file, int64_t position) {
+  platform::OpenFile* openFile = platform::findOpenFile(file);
+  if (openFile == nullptr || position < 0) return false;
+  openFile->position = position;
+  return true;
+}
+
 // Bytes of the file where they lie in memory, until the next transfer; null when they cannot be had
 // that way. Moves no position.
 inline const unsigned char* viewFile(int16_t file, int64_t position, uint32_t count) {
