@@ -15,7 +15,9 @@
 namespace qvdbase {
 namespace {
 
-constexpr uint32_t kPieceSize = uint32_t{1} << 20;
+// Larger pieces are written a little faster, but the host then keeps them in larger units, in which
+// each later change of a few bytes costs more.
+constexpr uint32_t kPieceSize = uint32_t{256} << 10;
 
 void putNextRecordPos(unsigned char* block, int64_t nextRecordPos) {
   storeBigEndian(block + record::kNextRecordPos, sizeof nextRecordPos,

@@ -27,6 +27,7 @@ struct detail::Bulk {
 
   std::shared_ptr<OpenDatabase> database;
   qvdbase::RecordBatch batch;
+  qvdbase::IdentifierSeries identifiers;
   bool isFinished = false;
 
   // Takes in what is in the file. The index, if there is one, is built again when it is next used:
@@ -86,7 +87,7 @@ Id BulkAppender::add(const NewRecord& record) {
   if (record.id) {
     internal_ConvertInt64_2UuID(record.id->value, entry.recordID);
   } else {
-    GenerateUuID(entry.recordID);
+    bulk_->identifiers.next(entry.recordID);
   }
   entry.createTime = qvdbase::platform::secondsSinceEpoch();
   entry.modifyTime = entry.createTime;

@@ -1,8 +1,6 @@
 // One forward walk along a table's chain of records.
 #include "qvdb/chain_walker.h"
 
-#include <cstring>
-
 #include "QVDbase/record_find.h"
 #include "format/block_heads.h"
 #include "support/file_transfers.h"
@@ -14,9 +12,7 @@ bool readHead(std::int16_t db, std::int64_t position, const unsigned char* table
   const unsigned char* view = qvdbase::viewFile(db, position, qvdbase::record::kData);
   if (view == nullptr) return qvdbase::readRecordHeaderAt(db, position, tableID, header);
   *header = qvdbase::decodeRecordHead(view);
-  return header->blockMark == qvdbase::kRecordMark &&
-         header->headerSize == qvdbase::kRecordHeaderSize &&
-         std::memcmp(header->tableID, tableID, sizeof header->tableID) == 0;
+  return qvdbase::isRecordOf(view, tableID);
 }
 
 ChainWalker::Step ChainWalker::damaged(const char* how) {

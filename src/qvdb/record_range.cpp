@@ -21,7 +21,7 @@ namespace qvdb {
 
 namespace {
 constexpr const char* kWalk = "list the records";
-constexpr std::size_t kFirstBatch = 8;
+constexpr std::size_t kFirstBatch = 4;
 constexpr std::size_t kLargestBatch = 1024;
 // A batch ends when its payloads pass this size, so that memory holds little more than the largest.
 constexpr std::size_t kLoadedBytes = 256 * 1024;

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "format/big_endian.h"
+#include "format/block_heads.h"
 #include "format/identifiers.h"
 #include "qvdb/chain_walker.h"
 #include "support/file_transfers.h"
@@ -25,8 +27,9 @@ namespace detail {
 namespace {
 
 // How much is read around a record that is looked up: the header before it, its payload and the
-// header behind it, when records lie in order and have about the usual size.
-constexpr std::int64_t kLeastAround = 256;
+// header behind it, when records lie in order and have about the usual size. Small records get room
+// for a few dead blocks between them: some hundred bytes more cost a read next to nothing.
+constexpr std::int64_t kLeastAround = 512;
 constexpr std::int64_t kMostAround = 4096;
 
 Id tableOf(const tablePart1& slot) {
@@ -40,16 +43,28 @@ void readNeighbourhood(std::int16_t db, const TableIndex& index, std::int64_t po
   qvdbase::readAhead(db, from, static_cast<std::uint32_t>(position - from + behind));
 }
 
+// Whether a record of this table stands at a place, with this position in one of its links.
+bool linksTo(std::int16_t db, std::int64_t recordPos, const unsigned char* tableID,
+             std::int64_t link, std::int64_t position) {
+  recordPart1 header;
+  const unsigned char* block = qvdbase::viewFile(db, recordPos, qvdbase::record::kData);
+  if (block == nullptr) {
+    if (!readHead(db, recordPos, tableID, &header)) return false;
+    const bool isNext = link == qvdbase::record::kNextRecordPos;
+    return (isNext ? header.nextRecordPos : header.prevRecordPos) == position;
+  }
+  return qvdbase::isRecordOf(block, tableID) &&
+         static_cast<std::int64_t>(qvdbase::loadBigEndian<std::uint64_t>(block + link)) == position;
+}
+
 // The neighbours that are records; the ends of the chain are the slot's affair.
 bool neighboursPointBack(std::int16_t db, const unsigned char* tableID, const recordPart1& header,
                          std::int64_t position) {
-  recordPart1 neighbour;
-  if (header.prevRecordPos != 0 && (!readHead(db, header.prevRecordPos, tableID, &neighbour) ||
-                                    neighbour.nextRecordPos != position)) {
-    return false;
-  }
-  return header.nextRecordPos == 0 || (readHead(db, header.nextRecordPos, tableID, &neighbour) &&
-                                       neighbour.prevRecordPos == position);
+  using namespace qvdbase::record;
+  const std::int64_t previous = header.prevRecordPos;
+  const std::int64_t next = header.nextRecordPos;
+  return (previous == 0 || linksTo(db, previous, tableID, kNextRecordPos, position)) &&
+         (next == 0 || linksTo(db, next, tableID, kPrevRecordPos, position));
 }
 
 bool isEndOfChain(const recordPart1& header) {
@@ -63,8 +78,7 @@ bool slotAgrees(const tablePart1& slot, const recordPart1& header, std::int64_t 
 
 bool verify(const Operation& operation, const TableIndex& index, Id record,
             qvdbase::FoundRecord* found) {
-  unsigned char tableID[qvdbase::kIdentifierSize];
-  internal_ConvertInt64_2UuID(index.table.value, tableID);
+  const unsigned char* tableID = index.tableID;
   readNeighbourhood(operation.db(), index, found->recordPos);
   return readHead(operation.db(), found->recordPos, tableID, &found->header) &&
          qvdbase::identifierNumber(found->header.recordID) == record.value &&
@@ -112,6 +126,7 @@ std::shared_ptr<TableIndex> makeIndex(OpenDatabase& database, Id table) {
   std::erase_if(database.indexes, [](const auto& held) { return held.expired(); });
   auto index = std::make_shared<TableIndex>();
   index->table = table;
+  internal_ConvertInt64_2UuID(table.value, index->tableID);
   database.indexes.push_back(index);
   return index;
 }

@@ -26,6 +26,7 @@ ChainState chainState(const tablePart1& slot);
 
 struct TableIndex {
   Id table;
+  unsigned char tableID[qvdbase::kIdentifierSize];  // the same, as blocks hold it
   IndexMap map;
   ChainState state;
   std::int64_t usualBlock = 0;  // bytes from one record to the next, about

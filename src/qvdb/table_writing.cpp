@@ -7,7 +7,6 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/table.hpp>
 
-#include <functional>
 #include <limits>
 
 #include "QVDbase/record_append.h"
@@ -131,17 +130,21 @@ Id addRecord(const Operation& operation, detail::OpenDatabase& database, Id tabl
   failedAppend(operation, table, std::max(size, record.reserve));
 }
 
-// What is done to a record whose place is known.
-using Change = std::function<bool(qvdbase::FoundRecord*)>;
+// Makes sure that the record's table has been read, for the changes that need more of it than its
+// identifier.
+void needTable(const Operation& operation, Id table, qvdbase::FoundRecord* found) {
+  if (found->table.slotSize == 0) found->table = operation.table(table);
+}
 
 // What ModifyRecordData does behind its search.
-bool changePayload(const Operation& operation, detail::OpenDatabase& database,
+bool changePayload(const Operation& operation, detail::OpenDatabase& database, Id table,
                    qvdbase::FoundRecord* found, std::span<const std::byte> payload) {
   const auto size = static_cast<std::uint32_t>(payload.size());
   ++database.changes;
   if (size <= found->header.dataCapacity) {
     return qvdbase::overwriteRecord(operation.db(), found->recordPos, bytesOf(payload), size);
   }
+  needTable(operation, table, found);
   std::int64_t newPosition = 0;
   const Id record{qvdbase::identifierNumber(found->header.recordID)};
   if (!qvdbase::relocateRecord(operation.db(), found, bytesOf(payload), size, &newPosition)) {
@@ -152,8 +155,9 @@ bool changePayload(const Operation& operation, detail::OpenDatabase& database,
 }
 
 // What DeleteOneRecord does behind its search.
-bool unlink(const Operation& operation, detail::OpenDatabase& database,
+bool unlink(const Operation& operation, detail::OpenDatabase& database, Id table,
             qvdbase::FoundRecord* found) {
+  needTable(operation, table, found);
   ++database.changes;
   if (!qvdbase::unlinkRecord(operation.db(), found)) return false;
   detail::noteRemoved(database, found->table.slot,
@@ -162,19 +166,23 @@ bool unlink(const Operation& operation, detail::OpenDatabase& database,
 }
 
 bool touchRecord(const Operation& operation, const qvdbase::FoundRecord& found) {
-  return internal_ModifyOneRecordDataInfo_LMTime(operation.db(), found.table.slot.tableID,
+  return internal_ModifyOneRecordDataInfo_LMTime(operation.db(), found.header.tableID,
                                                  found.recordPos) == 1;
 }
 
-// Changes the record that was found before, if it still stands there.
+// Changes the record that was found before, if it still stands there. `change` is given the record
+// and tells whether it was done.
+template <typename Change>
 bool changeAt(const Operation& operation, Id table, const Record& record, const Change& change) {
   WriteScope scope(operation.db());
   qvdbase::FoundRecord found;
   return scope.finish(locate(operation, table, record, &found) && change(&found));
 }
 
-// Changes a record by way of the table's index. `unknown` also when there is no index, and when the
-// change failed: the ordinary way then finds out why.
+// Changes a record by way of the table's index; the table has not been read when `change` is
+// called. `unknown` also when there is no index, and when the change failed: the ordinary way then
+// finds out why.
+template <typename Change>
 detail::Answer changeByIndex(const Operation& operation, detail::OpenDatabase& database, Id table,
                              Id record, const Change& change) {
   using detail::Answer;
@@ -184,7 +192,7 @@ detail::Answer changeByIndex(const Operation& operation, detail::OpenDatabase& d
   qvdbase::FoundRecord found;
   const Answer answer = detail::askIndex(operation, *index, record, &found);
   if (answer != Answer::found) return answer;
-  found.table = operation.table(table);
+  found.table.slotSize = 0;  // see needTable
   if (scope.finish(change(&found))) return Answer::found;
   index->isStale = true;
   return Answer::unknown;
@@ -211,7 +219,7 @@ bool Table::modify(Id record, std::span<const std::byte> payload) {
   operation.requireWritable();
   const detail::Answer answer =
       changeByIndex(operation, *database_, id_, record, [&](qvdbase::FoundRecord* found) {
-        return changePayload(operation, *database_, found, payload);
+        return changePayload(operation, *database_, id_, found, payload);
       });
   if (answer != detail::Answer::unknown) return answer == detail::Answer::found;
   {
@@ -244,7 +252,7 @@ bool Table::remove(Id record) {
   operation.requireWritable();
   const detail::Answer answer = changeByIndex(
       operation, *database_, id_, record,
-      [&](qvdbase::FoundRecord* found) { return unlink(operation, *database_, found); });
+      [&](qvdbase::FoundRecord* found) { return unlink(operation, *database_, id_, found); });
   if (answer != detail::Answer::unknown) return answer == detail::Answer::found;
   ++database_->changes;
   if (DeleteOneRecord(operation.db(), id_.value, record.value, nullptr) == 1) return true;
@@ -259,7 +267,7 @@ bool Table::modify(const Record& record, std::span<const std::byte> payload) {
   operation.requireWritable();
   return changeAt(operation, id_, record,
                   [&](qvdbase::FoundRecord* found) {
-                    return changePayload(operation, *database_, found, payload);
+                    return changePayload(operation, *database_, id_, found, payload);
                   }) ||
          modify(record.id(), payload);
 }
@@ -275,9 +283,10 @@ bool Table::touch(const Record& record) {
 bool Table::remove(const Record& record) {
   const Operation operation(database_, "delete the record");
   operation.requireWritable();
-  return changeAt(
-             operation, id_, record,
-             [&](qvdbase::FoundRecord* found) { return unlink(operation, *database_, found); }) ||
+  return changeAt(operation, id_, record,
+                  [&](qvdbase::FoundRecord* found) {
+                    return unlink(operation, *database_, id_, found);
+                  }) ||
          remove(record.id());
 }
 

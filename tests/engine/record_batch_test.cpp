@@ -172,7 +172,7 @@ TEST_F(Batches, WithRecordsTooLargeForAPiece) {
 }
 
 TEST_F(Batches, AtThePiecesBorder) {
-  for (uint32_t size = (1 << 20) - 58; size < (1 << 20) - 54; ++size) {
+  for (uint32_t size = (256 << 10) - 58; size < (256 << 10) - 54; ++size) {
     expectSameAsSingleAppends({}, {{1, Bytes(size, 'a'), 0}, {2, Bytes(3, 'b'), 0}});
   }
 }
@@ -238,7 +238,7 @@ TEST_F(Batches, ThatCannotBeWrittenOutLeaveASoundTable) {
 TEST_F(Batches, OfWhichOnePieceIsRefusedKeepThoseBefore) {
   std::vector<Planned> records;
   for (uint64_t i = 0; i < 25; ++i)
-    records.push_back({100 + i, Bytes(100'000, static_cast<uint8_t>(i)), 0});
+    records.push_back({100 + i, Bytes(25'000, static_cast<uint8_t>(i)), 0});
   allowDamage("batch.qvd");
   std::set<uint32_t> takenCounts;
   for (int step = 0;; ++step) {

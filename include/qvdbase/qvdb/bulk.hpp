@@ -30,9 +30,9 @@ struct NewRecord {
   std::optional<Id> id;   // nothing: a new one. Nothing checks whether the table has it already
 };
 
-// Adds records behind the last one of a table. Their blocks are gathered in memory (one megabyte)
-// and written in large pieces; the table takes them in all at once, when finish() is called. The
-// file is then the same as if they had been added one by one.
+// Adds records behind the last one of a table. Their blocks are gathered in memory (256 KiB) and
+// written in large pieces; the table takes them in all at once, when finish() is called. The file
+// is then the same as if they had been added one by one.
 //
 // Until finish() no reader sees any of the records, and a process that is killed has added none of
 // them. Meanwhile nothing else may be added to the database and nothing changed in this table: the
