@@ -3,6 +3,8 @@
 //   --values=100,1024        sizes of values, in bytes
 //   --records=10000,100000   numbers of records
 //   --peak-memory=STORE      instead: fills and reads one store and prints its peak memory in KiB
+//   --lookup=yes             with --peak-memory: looks a record up too, for which ours make an
+//   index
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
@@ -38,9 +40,12 @@ std::string option(int* argc, char** argv, const std::string& name, const std::s
   return value;
 }
 
-int printPeakMemory(const std::string& name, std::size_t valueSize, std::size_t records) {
-  char pattern[] = "/tmp/qvdbase-bench-XXXXXX";
-  const std::filesystem::path folder = mkdtemp(pattern);
+int printPeakMemory(const std::string& name, std::size_t valueSize, std::size_t records,
+                    bool looksUp) {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/qvdbase-bench-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) return 1;
+  const std::filesystem::path folder = pattern;
   for (const bench::StoreKind& kind : bench::storeKinds()) {
     if (kind.name != name) continue;
     const auto store = kind.make();
@@ -48,6 +53,8 @@ int printPeakMemory(const std::string& name, std::size_t valueSize, std::size_t 
     store->appendMany(records, bench::Bytes(valueSize, 'v'), nullptr);
     store->scanKeys();
     store->scanValues();
+    bench::Bytes value;
+    if (looksUp) store->get(1, &value);
     store->close();
   }
   std::filesystem::remove_all(folder);
@@ -63,7 +70,8 @@ int main(int argc, char** argv) {
   const auto values = numbers(option(&argc, argv, "values", "100"));
   const auto records = numbers(option(&argc, argv, "records", "10000"));
   const std::string store = option(&argc, argv, "peak-memory", "");
-  if (!store.empty()) return printPeakMemory(store, values.at(0), records.at(0));
+  const bool looksUp = option(&argc, argv, "lookup", "no") != "no";
+  if (!store.empty()) return printPeakMemory(store, values.at(0), records.at(0), looksUp);
   bench::registerWorkloads(values, records);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

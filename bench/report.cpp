@@ -2,11 +2,13 @@
 // store, the spread of its turns, and its ratio to the best peer and to the raw limit.
 //
 //   qvdbase_bench_report RESULTS.json...
+//   qvdbase_bench_report --growth RESULTS.json...     one table instead: a column for each number
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -30,20 +32,20 @@ struct Series {
 using ByStore = std::map<std::string, Series>;
 using Key = std::pair<std::pair<long, long>, std::string>;  // value size, records, workload
 
-std::map<Key, ByStore> read(int argc, char** argv) {
+std::map<Key, ByStore> read(const std::vector<std::string>& files) {
   std::map<Key, ByStore> all;
-  for (int i = 1; i < argc; ++i) {
-    std::ifstream file(argv[i]);
+  for (const std::string& name : files) {
+    std::ifstream file(name);
     const nlohmann::json results = nlohmann::json::parse(file);
     for (const auto& run : results.at("benchmarks")) {
       if (run.value("run_type", "iteration") != "iteration" || run.contains("error_occurred"))
         continue;
-      std::stringstream name(run.at("name").get<std::string>());
+      std::stringstream parts(run.at("name").get<std::string>());
       std::string workload, store, value, records;
-      std::getline(name, workload, '/');
-      std::getline(name, store, '/');
-      std::getline(name, value, '/');
-      std::getline(name, records, '/');
+      std::getline(parts, workload, '/');
+      std::getline(parts, store, '/');
+      std::getline(parts, value, '/');
+      std::getline(parts, records, '/');
       Series& series = all[{{std::stol(value), std::stol(records)}, workload}][store];
       series.times.push_back(run.at("real_time").get<double>());
       if (run.contains("disk_per_record")) {
@@ -99,11 +101,9 @@ void print(const Key& key, const ByStore& stores) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+void printTables(const std::map<Key, ByStore>& all) {
   std::pair<long, long> size{-1, -1};
-  for (const auto& [key, stores] : read(argc, argv)) {
+  for (const auto& [key, stores] : all) {
     if (key.first != size) {
       size = key.first;
       std::printf("\n### Values of %ld bytes, %ld records\n\n", size.first, size.second);
@@ -113,5 +113,40 @@ int main(int argc, char** argv) {
     }
     print(key, stores);
   }
+}
+
+// How the cost of an operation grows with the number of records.
+void printGrowth(const std::map<Key, ByStore>& all) {
+  std::map<std::string, std::map<long, double>> medians;  // by workload and store, then by number
+  std::set<long> numbers;
+  for (const auto& [key, stores] : all) {
+    numbers.insert(key.first.second);
+    for (const auto& [store, series] : stores) {
+      medians[key.second + " | " + store][key.first.second] = series.median();
+    }
+  }
+  std::printf("| workload | store |");
+  for (const long number : numbers) std::printf(" %ld records |", number);
+  std::printf("\n|---|---|");
+  for (std::size_t i = 0; i < numbers.size(); ++i) std::printf("---|");
+  std::printf("\n");
+  for (const auto& [row, byNumber] : medians) {
+    std::printf("| %s |", row.c_str());
+    for (const long number : numbers) {
+      const auto found = byNumber.find(number);
+      std::printf(" %s |", found == byNumber.end() ? "" : nanoseconds(found->second).c_str());
+    }
+    std::printf("\n");
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> files(argv + 1, argv + argc);
+  const bool growth = !files.empty() && files.front() == "--growth";
+  if (growth) files.erase(files.begin());
+  const std::map<Key, ByStore> all = read(files);
+  growth ? printGrowth(all) : printTables(all);
   return 0;
 }

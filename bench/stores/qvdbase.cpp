@@ -14,14 +14,15 @@ namespace {
 class Indexed : public Store {
  public:
   void open(const std::filesystem::path& folder) override {
-    path_ = folder / "data.qvd";
-    if (std::filesystem::exists(path_)) {
+    if (isMade_) {
       database_ = qvdb::Database::open(path_, qvdb::Mode::exclusive);
       table_ = database_->table("t");
-    } else {
-      database_ = qvdb::Database::create(path_);
-      table_ = database_->add_table("t");
+      return;
     }
+    path_ = folder / "data.qvd";
+    database_ = qvdb::Database::create(path_);
+    table_ = database_->add_table("t");
+    isMade_ = true;
   }
   void close() override {
     index_.reset();
@@ -83,10 +84,9 @@ class Indexed : public Store {
     return true;
   }
   void firstRead(Key, Bytes* value) override {
-    for (const qvdb::Record& record : table_->records()) {
-      const std::vector<std::byte> payload = record.payload();
-      value->assign(reinterpret_cast<const char*>(payload.data()),
-                    reinterpret_cast<const char*>(payload.data()) + payload.size());
+    for (const qvdb::Record& record : table_->records(qvdb::Load::payloads)) {
+      const auto* bytes = reinterpret_cast<const char*>(record.loaded().data());
+      value->assign(bytes, bytes + record.loaded().size());
       return;
     }
   }
@@ -98,6 +98,7 @@ class Indexed : public Store {
     if (!index_) index_ = table_->index();
   }
 
+  bool isMade_ = false;
   std::filesystem::path path_;
   std::optional<qvdb::Database> database_;
   std::optional<qvdb::Table> table_;
@@ -111,10 +112,10 @@ class PlainC : public Store {
   void open(const std::filesystem::path& folder) override {
     const std::u16string path = (folder / "data.qvd").u16string();
     const auto* wide = reinterpret_cast<const QVWCHAR*>(path.c_str());
-    const bool exists = std::filesystem::exists(folder / "data.qvd");
-    db_ = exists ? OpenDBaseW(wide, 3) : CreateDBaseW(wide, "QVdb", 100);
+    db_ = isMade_ ? OpenDBaseW(wide, 3) : CreateDBaseW(wide, "QVdb", 100);
     if (db_ == 0) failed("qvdbase: open");
-    table_ = exists ? FindTableByName(db_, "t") : AddTable(db_, "t");
+    table_ = isMade_ ? FindTableByName(db_, "t") : AddTable(db_, "t");
+    isMade_ = true;
   }
   void close() override { CloseDBase(db_); }
 
@@ -156,6 +157,7 @@ class PlainC : public Store {
   }
 
  private:
+  bool isMade_ = false;
   std::int16_t db_ = 0;
   std::uint64_t table_ = 0;
 };
