@@ -1,8 +1,10 @@
 // The workloads, each registered for every store, value size and number of records.
 //
-// A store is filled once for each size and number and then kept: reading workloads find it as it
-// was, those that change it change a few thousand records at each turn. The framework runs the
-// turns of all benchmarks in random order, so that a slow moment of the machine falls on all alike.
+// A store is filled once for each size and number and then kept, three times over: for the
+// workloads that read, which find it as it was; for those that write records where they are or at
+// the end; and for those that move and delete records, a few thousand at each turn. Large stores
+// are there once: a few thousand records do not change them much. The framework runs the turns of
+// all benchmarks in random order, so that a slow moment of the machine falls on all alike.
 #include <benchmark/benchmark.h>
 #include <sys/stat.h>
 
@@ -78,9 +80,16 @@ std::map<std::string, Filled>& allFilled() {
   return all;
 }
 
-Filled& filled(const Case& c) {
-  const std::string name =
-      c.kind->name + "/" + std::to_string(c.valueSize) + "/" + std::to_string(c.records);
+// What is done to a store.
+enum class Use { read, write, move };
+
+constexpr std::size_t kLargeStore = 64 * 1024 * 1024;
+
+Filled& filled(const Case& c, Use use) {
+  const bool isLarge = c.valueSize * c.records > kLargeStore;
+  const std::string name = c.kind->name + "/" + std::to_string(c.valueSize) + "/" +
+                           std::to_string(c.records) + "/" +
+                           std::to_string(isLarge ? 0 : static_cast<int>(use));
   Filled& entry = allFilled()[name];
   if (entry.store != nullptr) return entry;
   entry.folder = freshFolder();
@@ -104,7 +113,7 @@ void timed(benchmark::State& state, std::size_t operations, Operation operation)
 constexpr std::size_t kOperations = 2000;
 
 void append(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::write);
   const Bytes value = valueOf(c.valueSize);
   timed(state, kOperations, [&] { f.keys.push_back(f.store->append(value)); });
 }
@@ -127,7 +136,7 @@ void batch(benchmark::State& state, const Case& c) {
 }
 
 void scanKeys(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::read);
   for (auto unused : state) {
     static_cast<void>(unused);
     const auto start = Clock::now();
@@ -137,7 +146,7 @@ void scanKeys(benchmark::State& state, const Case& c) {
 }
 
 void scanValues(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::read);
   for (auto unused : state) {
     static_cast<void>(unused);
     const auto start = Clock::now();
@@ -147,7 +156,7 @@ void scanValues(benchmark::State& state, const Case& c) {
 }
 
 void lookup(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::read);
   Bytes value;
   static_cast<void>(f.store->get(f.anyKey(), &value));  // an index is built outside the time
   timed(state, kOperations, [&] {
@@ -156,7 +165,7 @@ void lookup(benchmark::State& state, const Case& c) {
 }
 
 void absent(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::read);
   Bytes value;
   static_cast<void>(f.store->get(f.anyKey(), &value));
   timed(state, kOperations, [&] {
@@ -165,7 +174,7 @@ void absent(benchmark::State& state, const Case& c) {
 }
 
 void update(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::write);
   Bytes value = valueOf(c.valueSize);
   static_cast<void>(f.store->get(f.anyKey(), &value));
   value = valueOf(c.valueSize);
@@ -175,7 +184,7 @@ void update(benchmark::State& state, const Case& c) {
 }
 
 void grow(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::move);
   Bytes value;
   static_cast<void>(f.store->get(f.anyKey(), &value));
   std::size_t size = c.valueSize + c.valueSize / 2;
@@ -186,7 +195,7 @@ void grow(benchmark::State& state, const Case& c) {
 }
 
 void remove(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::move);
   Bytes value;
   static_cast<void>(f.store->get(f.anyKey(), &value));
   const std::size_t operations = std::min<std::size_t>(500, c.records / 20);
@@ -199,7 +208,7 @@ void remove(benchmark::State& state, const Case& c) {
 }
 
 void openAndRead(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::read);
   Bytes value;
   for (auto unused : state) {
     static_cast<void>(unused);
@@ -212,7 +221,7 @@ void openAndRead(benchmark::State& state, const Case& c) {
 }
 
 void compact(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::move);
   for (auto unused : state) {
     static_cast<void>(unused);
     const auto start = Clock::now();
@@ -226,7 +235,7 @@ void compact(benchmark::State& state, const Case& c) {
 
 // What the walk of the C interface costs for each record: a search for one that is not there.
 void chainStep(benchmark::State& state, const Case& c) {
-  Filled& f = filled(c);
+  Filled& f = filled(c, Use::read);
   Bytes value;
   for (auto unused : state) {
     static_cast<void>(unused);

@@ -7,7 +7,7 @@ namespace qvdbase::raw {
 namespace {
 
 constexpr size_t kSmallest = Window::kLargestView;
-constexpr size_t kLargest = size_t{1} << 20;
+constexpr size_t kLargest = size_t{256} << 10;
 
 }  // namespace
 

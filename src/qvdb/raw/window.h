@@ -1,6 +1,6 @@
 // A window on a source: a view of a few bytes at any position, kept cheap for readers that move
-// forward in small steps. The window grows while they do, up to a megabyte, and shrinks to a page
-// when they jump, so that large payloads in between are not read.
+// forward in small steps. The window grows while they do, up to 256 KiB, and shrinks to a page when
+// they jump, so that large payloads in between are not read.
 #pragma once
 
 #include <vector>

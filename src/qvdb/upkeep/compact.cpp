@@ -73,7 +73,7 @@ class Compaction {
     const LiveLayout layout(file.source(), database_);
     if (target) {
       write(file.source(), layout, *target);
-      compare(file, *target);
+      compare(file, layout, *target);
     }
     refuseIfChanged(file);
     if (target) target->place();
@@ -140,10 +140,11 @@ class Compaction {
     failOn(source_, kOperation, Reason::cannot_write, "its permissions cannot be given to a copy");
   }
 
-  void compare(const qvdbase::raw::OpenedFile& file, const TargetFile& target) {
+  void compare(const qvdbase::raw::OpenedFile& file, const LiveLayout& layout,
+               const TargetFile& target) {
     Stage stage(reporter_, source_, 60, 100, database_.recordCount());
     const qvdbase::raw::OpenedFile copy(target.temporary(), kOperation);
-    if (isLiveCopy(copy.source(), file.source(), database_, [&] { stage.step(); })) return;
+    if (isLiveCopy(copy.source(), file.source(), database_, layout, [&] { stage.step(); })) return;
     refuseIfChanged(file);
     failOn(source_, kOperation, Reason::cannot_write,
            "what was written is not what can be read back");

@@ -17,7 +17,7 @@ using raw::Window;
 
 namespace {
 
-constexpr std::size_t kPiece = std::size_t{1} << 20;
+constexpr std::size_t kPiece = std::size_t{256} << 10;
 
 TableDataHead liveData(Window& window, std::int64_t position) {
   const uint8_t* bytes = window.at(position, tabledata::kData);
@@ -247,14 +247,15 @@ LiveLayout::LiveLayout(const ByteSource& source, const LiveDatabase& database) {
       place.data = end_;
       end_ += liveData(window, table.slot.firstDataPos).dataCapacity + kTableDataBlockOverhead;
     }
-    for (const std::int64_t from : table.records) {
-      if (place.firstRecord == 0) place.firstRecord = end_;
-      place.lastRecord = end_;
-      if (from == table.slot.lastWrittenRecordPos) place.lastWrittenRecord = end_;
-      end_ += liveRecord(window, from).dataCapacity + kRecordBlockOverhead;
+    if (!table.records.empty()) {
+      // What was written last may be a block that is dead.
+      const std::int64_t lastWritten =
+          table.bytesBeforeLastWritten < 0 ? table.bytesBeforeLast : table.bytesBeforeLastWritten;
+      place.firstRecord = end_;
+      place.lastRecord = end_ + table.bytesBeforeLast;
+      place.lastWrittenRecord = end_ + lastWritten;
+      end_ += table.blockBytes;
     }
-    // It may name a block that is dead.
-    if (place.lastWrittenRecord == 0) place.lastWrittenRecord = place.lastRecord;
     tables_.push_back(place);
   }
 }
@@ -277,13 +278,13 @@ CopyOutcome copyLive(const ByteSource& source, const LiveDatabase& database,
 }
 
 bool isLiveCopy(const ByteSource& copy, const ByteSource& source, const LiveDatabase& database,
-                const std::function<void()>& step) {
+                const LiveLayout& layout, const std::function<void()>& step) {
   LiveDatabase copied;
   if (!LiveReader(copy).read(&copied, [] {})) return false;
   if (copied.header != database.header || copied.tables.size() != database.tables.size()) {
     return false;
   }
-  if (copy.size() != static_cast<std::int64_t>(LiveLayout(source, database).size())) return false;
+  if (copy.size() != static_cast<std::int64_t>(layout.size())) return false;
   Comparison comparison(copy, source);
   for (std::size_t i = 0; i < database.tables.size(); ++i) {
     if (!comparison.sameTable(copied.tables[i], database.tables[i], step)) return false;

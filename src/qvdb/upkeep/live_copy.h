@@ -41,6 +41,7 @@ CopyOutcome copyLive(const qvdbase::raw::ByteSource& source, const LiveDatabase&
 // Reads the new file back and compares it with the source: header, tables, data, every record with
 // its payload, all in order, and nothing else in it. False when anything differs or cannot be read.
 bool isLiveCopy(const qvdbase::raw::ByteSource& copy, const qvdbase::raw::ByteSource& source,
-                const LiveDatabase& database, const std::function<void()>& step);
+                const LiveDatabase& database, const LiveLayout& layout,
+                const std::function<void()>& step);
 
 }  // namespace qvdb::detail

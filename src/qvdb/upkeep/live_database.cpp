@@ -94,6 +94,9 @@ bool LiveReader::readChain(LiveTable* table, const std::function<void()>& step) 
       return damaged("reaches beyond the end of the file");
     }
     table->records.push_back(position);
+    if (position == slot.lastWrittenRecordPos) table->bytesBeforeLastWritten = table->blockBytes;
+    table->bytesBeforeLast = table->blockBytes;
+    table->blockBytes += std::int64_t{head.dataCapacity} + kRecordBlockOverhead;
     previous = position;
     position = head.nextRecordPos;
   }

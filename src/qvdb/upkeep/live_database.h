@@ -18,6 +18,12 @@ struct LiveTable {
   tablePart1 slot{};
   std::string name;
   std::vector<std::int64_t> records;  // the positions of their blocks, in the order of the chain
+
+  // How long those blocks are together, and how long the ones before two of them: for placing them
+  // elsewhere without reading them again.
+  std::int64_t blockBytes = 0;
+  std::int64_t bytesBeforeLast = 0;
+  std::int64_t bytesBeforeLastWritten = -1;  // -1 when no live block is the one written last
 };
 
 struct LiveDatabase {
