@@ -275,7 +275,7 @@ TEST_F(Batches, DoNotBeginBehindWhatIsNoRecord) {
 }
 
 TEST_F(Batches, DoNotBeginWithoutMemoryOrTheEndOfTheFile) {
-  for (const Call call : {Call::allocate, Call::status}) {
+  for (const Call call : {Call::allocate, Call::length}) {
     SCOPED_TRACE(nameOf(call));
     expectRefused(fresh("batch.qvd"), [&] { host.failFrom(call); });
   }

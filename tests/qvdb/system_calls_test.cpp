@@ -7,17 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "platform/transfer.h"
 #include "qvdb/layer_fixture.h"
 #include "support/recorded_calls.h"
 
 namespace qvdbase::test {
 namespace {
-
-#if defined(QVDBASE_PLAIN_TRANSFERS)
-constexpr bool kGathers = false;
-#else
-constexpr bool kGathers = true;
-#endif
 
 constexpr int kRecords = 400;
 constexpr std::size_t kSize = 100;
@@ -27,7 +22,7 @@ class SystemCallsTest : public LayerTest {
  protected:
   void SetUp() override {
     LayerTest::SetUp();
-    if (!kGathers) GTEST_SKIP() << "each transfer is a system call of its own";
+    if (!platform::gathersTransfers()) GTEST_SKIP() << "each transfer is a system call of its own";
     database_.emplace(createDatabase());
     table_.emplace(database_->add_table("t"));
     qvdb::BulkAppender bulk = table_->appender();
