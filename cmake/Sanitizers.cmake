@@ -8,4 +8,5 @@ if(QVDBASE_SANITIZE)
   add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   # A program in C that uses the library needs the runtime for C++ too.
   add_link_options($<$<LINK_LANG_AND_ID:C,Clang>:-fsanitize-link-c++-runtime>)
+  link_libraries($<$<LINK_LANG_AND_ID:C,Clang>:stdc++>)
 endif()
