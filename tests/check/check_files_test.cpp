@@ -204,27 +204,27 @@ TEST_F(CheckFile, NeverReportsDamageBesideARunningWriter) {
   const std::uint64_t seed = firstSeed();
   std::uint64_t checks = 0;
   std::uint64_t disturbed = 0;
-  for (const bool reopens : {false, true}) {
-    for (const int permission : {3, 4}) {
-      FileImage image;
-      image.addTable("notes", RunningWriter::kTable);
-      put(image.build());
-      RunningWriter writer(folder, permission, reopens, seed);
-      for (std::uint64_t i = 0; i < seeds(15, 200) && !HasFailure(); ++i, ++checks) {
-        writer.waitForWrites();
-        std::string told;
-        const qvdb::CheckReport report =
-            qvdb::check(folder / "test.qvd",
-                        [&](const qvdb::Finding& finding) { told += finding.message + "\n"; },
-                        {.retries = 1, .wait_milliseconds = 0});
-        EXPECT_TRUE(report.state == qvdb::CheckState::in_use ||
-                    report.state == qvdb::CheckState::sound)
-            << "permission " << permission << ", opens anew: " << reopens << "\n"
-            << told;
-        if (report.state == qvdb::CheckState::in_use) ++disturbed;
-      }
-      EXPECT_TRUE(writer.isRunning());
+  for (std::uint64_t round = 0; round < seeds(4, 80) && !HasFailure(); ++round) {
+    const bool reopens = round % 2 == 1;
+    const int permission = round % 4 < 2 ? 3 : 4;
+    FileImage image;
+    image.addTable("notes", RunningWriter::kTable);
+    put(image.build());
+    RunningWriter writer(folder, permission, reopens, seed + round);
+    for (int i = 0; i < 15 && !HasFailure(); ++i, ++checks) {
+      writer.waitForWrites();
+      std::string told;
+      const qvdb::CheckReport report =
+          qvdb::check(folder / "test.qvd",
+                      [&](const qvdb::Finding& finding) { told += finding.message + "\n"; },
+                      {.retries = 1, .wait_milliseconds = 0});
+      EXPECT_TRUE(report.state == qvdb::CheckState::in_use ||
+                  report.state == qvdb::CheckState::sound)
+          << "permission " << permission << ", opens anew: " << reopens << "\n"
+          << told;
+      if (report.state == qvdb::CheckState::in_use) ++disturbed;
     }
+    EXPECT_TRUE(writer.isRunning());
   }
   EXPECT_GT(disturbed, 0u) << "no check met a write";
   tellCount("checks beside a running writer", checks);
