@@ -99,7 +99,8 @@ void change(int16_t db, const TableNumbers& at, int choice) {
   int64_t position = -1;
   QVFile().QVGetFilePos(db, &position);
   const bool inPlace = (index == 5 || index == 8) && result == 1;  // leaves the position behind
-  require(position == kPosition || inPlace, "the position is kept");
+  const bool untouched = index == 4 && result == 0;  // an unreadable directory does, too
+  require(position == kPosition || inPlace || untouched, "the position is kept");
 }
 
 int callsLeft = 0;
