@@ -116,6 +116,16 @@ TEST_F(SettingTableData, AppendsAtTheEndOfTheFileWhereverTheHandleStands) {
   EXPECT_EQ(tableData(static_cast<std::int64_t>(end)).data(), bytesOf("for one"));
 }
 
+// An AddTable that was interrupted leaves such a slot.
+TEST_F(SettingTableData, DoesNotKnowATableThatIsNotCounted) {
+  Sample sample;
+  sample.image.header().tableCount = 1;
+  writeFile(path(), sample.image.build());
+  allowDamage();
+  const std::int16_t db = open();
+  expectUnchanged([&] { EXPECT_EQ(set(db, bytesOf("abc")), 0); });
+}
+
 TEST_F(SettingTableData, LeavesOtherTablesAlone) {
   const std::int16_t db = put(Sample().image);
   const Bytes before = contents();
