@@ -108,7 +108,7 @@ int callsLeft = 0;
 // A pack copies as many records as a slot counts, also round and round a chain that loops. It is
 // the caller who stops it.
 uint16_t countDown(int, int, void*) {
-  return --callsLeft > 0 ? 1 : 0;
+  return --callsLeft > 0 && !WorkLimits::isHalfWritten() ? 1 : 0;
 }
 
 }  // namespace

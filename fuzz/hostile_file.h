@@ -57,6 +57,10 @@ class WorkLimits {
     platform::replaceSystemCalls(&calls_);
   }
   ~WorkLimits() { platform::replaceSystemCalls(nullptr); }
+
+  // Whether half of what may be written has been.
+  static bool isHalfWritten() { return written_ > mostWritten_ / 2; }
+
   WorkLimits(const WorkLimits&) = delete;
   WorkLimits& operator=(const WorkLimits&) = delete;
 

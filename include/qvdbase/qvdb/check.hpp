@@ -188,8 +188,8 @@ struct RepairPreview {
 
 // Says what link repair would do to a file, without writing. Link repair keeps what the forward
 // walk reaches; everything else drops out of the chain. It takes some broken chains for sound, such
-// as one with a record that was never counted, and leaves them as they are: check() tells. Throws as
-// check() does.
+// as one with a record that was never counted, and leaves them as they are: check() tells. Throws
+// as check() does.
 QVDBASE_API RepairPreview predict_repair(const std::filesystem::path& path);
 
 }  // namespace qvdb
