@@ -9,6 +9,7 @@
 
 #include <qvdbase/base.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -34,7 +35,10 @@ inline void require(bool condition, const char* what) {
 // Counts what the library asks of the host, for as long as it lives.
 class WorkLimits {
  public:
-  explicit WorkLimits(size_t inputSize) {
+  // Whoever packs a record makes the room that it claims, up to 4 GB for each: with `diskFills` the
+  // host has no more space beyond the limit, where a write is otherwise a finding.
+  explicit WorkLimits(size_t inputSize, bool diskFills = false) {
+    diskFills_ = diskFills;
     calls_ = platform::hostSystemCalls();
     calls_.allocate = [](size_t size) {
       require(size <= largest_, "memory is asked for in proportion to the file");
@@ -45,6 +49,10 @@ class WorkLimits {
       return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
     };
     calls_.writeAt = [](int descriptor, const void* buffer, size_t count, off_t position) {
+      if (diskFills_ && written_ + count > mostWritten_) {
+        errno = ENOSPC;
+        return ssize_t{-1};
+      }
       written_ += count;
       require(++writes_ <= kMostCalls && written_ <= mostWritten_,
               "what is written is in proportion to the file");
@@ -58,9 +66,6 @@ class WorkLimits {
   }
   ~WorkLimits() { platform::replaceSystemCalls(nullptr); }
 
-  // Whether half of what may be written has been.
-  static bool isHalfWritten() { return written_ > mostWritten_ / 2; }
-
   WorkLimits(const WorkLimits&) = delete;
   WorkLimits& operator=(const WorkLimits&) = delete;
 
@@ -70,6 +75,7 @@ class WorkLimits {
 
   // The calls are plain functions.
   static inline platform::SystemCalls calls_;
+  static inline bool diskFills_ = false;
   static inline size_t largest_ = 0;
   static inline uint64_t mostWritten_ = 0;
   static inline uint64_t written_ = 0;
