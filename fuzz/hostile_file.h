@@ -17,6 +17,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,7 +43,13 @@ class WorkLimits {
     calls_ = platform::hostSystemCalls();
     calls_.allocate = [](size_t size) {
       require(size <= largest_, "memory is asked for in proportion to the file");
-      return platform::hostSystemCalls().allocate(size);
+      void* memory = platform::hostSystemCalls().allocate(size);
+      if (size == kFillChunkSize) fillChunks_.insert(memory);
+      return memory;
+    };
+    calls_.release = [](void* memory) {
+      fillChunks_.erase(memory);
+      platform::hostSystemCalls().release(memory);
     };
     calls_.readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
       require(++reads_ <= kMostCalls, "reads end");
@@ -64,7 +71,12 @@ class WorkLimits {
     written_ = reads_ = writes_ = 0;
     platform::replaceSystemCalls(&calls_);
   }
-  ~WorkLimits() { platform::replaceSystemCalls(nullptr); }
+  // A write that fails leaves the chunk behind that fills room, as it is documented to.
+  ~WorkLimits() {
+    platform::replaceSystemCalls(nullptr);
+    for (void* chunk : fillChunks_) platform::hostSystemCalls().release(chunk);
+    fillChunks_.clear();
+  }
 
   WorkLimits(const WorkLimits&) = delete;
   WorkLimits& operator=(const WorkLimits&) = delete;
@@ -75,6 +87,7 @@ class WorkLimits {
 
   // The calls are plain functions.
   static inline platform::SystemCalls calls_;
+  static inline std::set<void*> fillChunks_;
   static inline bool diskFills_ = false;
   static inline size_t largest_ = 0;
   static inline uint64_t mostWritten_ = 0;

@@ -61,7 +61,7 @@ inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_
   if (&file != window.file || !detail::servesAt(window, offset, count)) {
     return detail::readElsewhere(file, buffer, count, moved);
   }
-  std::memcpy(buffer, window.bytes + offset, count);
+  if (count != 0) std::memcpy(buffer, window.bytes + offset, count);  // null goes with 0 bytes
   file.position += count;
   *moved = count;
   return true;

@@ -31,6 +31,22 @@ TEST(CheckOfSpace, CallsRoomThatHoldsFillNeverUsed) {
   EXPECT_EQ(checked.first("S7").message, "10092 bytes of spare room in blocks were never used.");
 }
 
+TEST(CheckOfSpace, TellsWhereAStoredDatabaseBegins) {
+  FileImage inner;
+  inner.addRecord(inner.addTable("inner", 0x4411), 0x901, bytesOf("within"));
+  FileImage outer;
+  const std::size_t table = outer.addTable("outer", 0x11);
+  outer.addRecord(table, 0xA1, bytesOf("before"));
+  const std::int64_t at = outer.addRecord(table, 0xA2, inner.build());
+  EXPECT_EQ(checkBytes(outer.build()).findings.size(), 0u);
+  const Checked checked = checkBytes(outer.build(), {.deep = true, .now = kNow});
+  ASSERT_EQ(checked.findings.size(), 1u) << checked.text();
+  EXPECT_EQ(checked.first("S6").message,
+            "1 block inside the payloads of others: a database is stored there, the first one from "
+            "offset " +
+                std::to_string(at + 55) + ".");
+}
+
 TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
   Shortened file;
   const std::int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);

@@ -184,6 +184,8 @@ TEST(SalvageOfNestedDatabases, AreFoundWhenTheyAreAskedFor) {
   const Nested outer(nestedDatabase());
   EXPECT_EQ(surveyOf(outer.image.build()).nestedBlocks.size(), 0u);
   EXPECT_EQ(surveyOf(outer.image.build(), {.deep = true}).nestedBlocks.size(), 9u);
+  EXPECT_EQ(surveyOf(outer.image.build(), {.deep = true}).nestedDatabases,
+            std::vector<std::int64_t>{outer.b + 55});
 }
 
 // ---- size

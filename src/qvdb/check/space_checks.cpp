@@ -194,9 +194,12 @@ class SpaceCheck {
 
   void reportNested() {
     if (survey_.nestedBlocks.empty()) return;
-    findings_.information("S6", {.offset = survey_.nestedBlocks.front()},
-                          counted(survey_.nestedBlocks.size(), "block") +
-                              " inside the payloads of others: a database is stored there.");
+    std::string detail = counted(survey_.nestedBlocks.size(), "block") +
+                         " inside the payloads of others: a database is stored there";
+    if (!survey_.nestedDatabases.empty()) {
+      detail += ", the first one from offset " + std::to_string(survey_.nestedDatabases.front());
+    }
+    findings_.information("S6", {.offset = survey_.nestedBlocks.front()}, detail + ".");
   }
 
   // Room that was never used is all zeros, as the library fills it. A payload that was written over

@@ -28,6 +28,7 @@ class GapScanner {
       for (const int64_t origin : hits.headers) {
         const std::optional<NestedDatabase> nested = reader_.readNested(origin);
         if (!nested) continue;
+        survey_.nestedDatabases.push_back(origin);
         for (const Id& table : nested->tables) nested_[table].push_back(origin);
       }
       for (const int64_t position : hits.marks) {
@@ -194,6 +195,9 @@ void scanPayloads(const ByteSource& source, Survey* survey) {
     const Range payload = {block.dataPos(), block.dataPos() + block.dataThere()};
     if (payload.size() < kTableDataBlockOverhead) continue;
     findHits(source, payload, [&](const ScanHits& hits) {
+      for (const int64_t origin : hits.headers) {
+        if (reader.readNested(origin)) survey->nestedDatabases.push_back(origin);
+      }
       for (const int64_t position : hits.marks) {
         const std::optional<Block> found = reader.read(position, payload.end);
         if (found && found->grade == Grade::a) survey->nestedBlocks.push_back(position);
