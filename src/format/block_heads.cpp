@@ -31,19 +31,23 @@ void storeBigEndian(unsigned char* bytes, int width, uint64_t value) {
   for (int i = width; i-- > 0; value >>= 8) bytes[i] = static_cast<unsigned char>(value & 0xFF);
 }
 
+void decodeRecordHead(const unsigned char* bytes, recordPart1* head) {
+  load(bytes + record::kBlockMark, &head->blockMark);
+  load(bytes + record::kHeaderSize, &head->headerSize);
+  std::memcpy(head->tableID, bytes + record::kTableID, sizeof head->tableID);
+  std::memcpy(head->recordID, bytes + record::kRecordID, sizeof head->recordID);
+  load(bytes + record::kCreateTime, &head->createTime);
+  load(bytes + record::kModifyTime, &head->modifyTime);
+  load(bytes + record::kPrevRecordPos, &head->prevRecordPos);
+  load(bytes + record::kNextRecordPos, &head->nextRecordPos);
+  load(bytes + record::kDataLength, &head->dataLength);
+  load(bytes + record::kDataCapacity, &head->dataCapacity);
+  head->endMarkValue = kHeaderInMemoryEndMark;
+}
+
 recordPart1 decodeRecordHead(const unsigned char* bytes) {
   recordPart1 head = {};
-  load(bytes + record::kBlockMark, &head.blockMark);
-  load(bytes + record::kHeaderSize, &head.headerSize);
-  std::memcpy(head.tableID, bytes + record::kTableID, sizeof head.tableID);
-  std::memcpy(head.recordID, bytes + record::kRecordID, sizeof head.recordID);
-  load(bytes + record::kCreateTime, &head.createTime);
-  load(bytes + record::kModifyTime, &head.modifyTime);
-  load(bytes + record::kPrevRecordPos, &head.prevRecordPos);
-  load(bytes + record::kNextRecordPos, &head.nextRecordPos);
-  load(bytes + record::kDataLength, &head.dataLength);
-  load(bytes + record::kDataCapacity, &head.dataCapacity);
-  head.endMarkValue = kHeaderInMemoryEndMark;
+  decodeRecordHead(bytes, &head);
   return head;
 }
 

@@ -16,6 +16,8 @@ namespace qvdbase {
 uint64_t loadBigEndian(const unsigned char* bytes, int width);
 void storeBigEndian(unsigned char* bytes, int width, uint64_t value);
 
+// In place: a copy of fields that have just been stored one by one would wait for all of them.
+void decodeRecordHead(const unsigned char* bytes, recordPart1* head);
 recordPart1 decodeRecordHead(const unsigned char* bytes);
 void encodeRecordHead(const recordPart1& head, unsigned char* bytes);
 

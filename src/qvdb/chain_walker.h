@@ -21,9 +21,13 @@ class ChainWalker {
 
   enum class Step { record, end, damaged };
 
+  // Where the next record's block is, as far as there is one.
+  std::int64_t nextPosition() const { return nextPos_; }
+
   // Reads the next record's header. The caller holds a ReadScope. After `damaged` number() and
-  // damage() tell what is wrong.
-  Step next(std::int16_t db, recordPart1* header, std::int64_t* recordPos);
+  // damage() tell what is wrong. `head` are the header's bytes where the caller has them already.
+  Step next(std::int16_t db, recordPart1* header, std::int64_t* recordPos,
+            const unsigned char* head = nullptr);
 
   // Goes on behind the record at a position, of which `number` records have been passed by then.
   // To be used when the chain has changed under the walk: it then ends where the chain ends, with

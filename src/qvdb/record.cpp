@@ -88,15 +88,19 @@ void Record::payload(std::vector<std::byte>& buffer) const {
 
 namespace detail {
 
+void storeInfo(const recordPart1& header, std::int64_t recordPos, RecordInfo* info) {
+  info->id = Id{qvdbase::identifierNumber(header.recordID)};
+  info->create_time = header.createTime;
+  info->modify_time = header.modifyTime;
+  info->size = header.dataLength;
+  info->capacity = header.dataCapacity;
+  info->position = recordPos;
+  info->data_position = recordPos + qvdbase::record::kData;
+}
+
 RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos) {
   RecordInfo info;
-  info.id = Id{qvdbase::identifierNumber(header.recordID)};
-  info.create_time = header.createTime;
-  info.modify_time = header.modifyTime;
-  info.size = header.dataLength;
-  info.capacity = header.dataCapacity;
-  info.position = recordPos;
-  info.data_position = recordPos + qvdbase::record::kData;
+  storeInfo(header, recordPos, &info);
   return info;
 }
 

@@ -2,7 +2,8 @@
 //
 // Headers are read in batches, each inside one transfer scope; the first batches are small, for
 // those who want only the first records. A damage that is met while reading ahead is kept until the
-// walk has delivered the records before it.
+// walk has delivered the records before it. Where the records of a batch lay close together in the
+// order of the file, the next batch is what a large piece of the file holds.
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/record.hpp>
 
@@ -12,7 +13,9 @@
 #include <utility>
 
 #include "QVDbase/tables.h"
+#include "format/big_endian.h"
 #include "qvdb/chain_walker.h"
+#include "qvdb/file_piece.h"
 #include "qvdb/open_database.h"
 #include "qvdb/records.h"
 #include "support/file_transfers.h"
@@ -25,6 +28,11 @@ constexpr std::size_t kFirstBatch = 4;
 constexpr std::size_t kLargestBatch = 1024;
 // A batch ends when its payloads pass this size, so that memory holds little more than the largest.
 constexpr std::size_t kLoadedBytes = 256 * 1024;
+// Batches of so many records, which lie no further apart on average, are worth a piece of the file;
+// so many must have come of one to read another.
+constexpr std::size_t kWorthAPiece = 128;
+constexpr std::int64_t kWidestStep = 4096;
+constexpr std::size_t kLeastOfAPiece = 16;
 }  // namespace
 
 struct detail::Walk {
@@ -36,6 +44,8 @@ struct detail::Walk {
   std::vector<RecordInfo> batch;
   std::vector<std::byte> payloads;  // of the batch, one behind the other
   std::size_t payloadAt = 0;        // of the current record
+  FilePiece piece;                  // with the batch's records, payloads included, if it is dense
+  bool isDense = false;             // the next batch is worth a piece of the file
   std::size_t at = 0;               // of the current record in the batch
   std::uint32_t delivered = 0;      // records, the current one included
   std::uint64_t changesSeen = 0;    // OpenDatabase::changes when the batch was read
@@ -77,6 +87,57 @@ struct detail::Walk {
     }
   }
 
+  // The next record's header in the piece; null when the record is not in it as far as it is
+  // wanted.
+  const unsigned char* nextInPiece() const {
+    const std::int64_t position = walker.nextPosition();
+    const unsigned char* head = piece.at(position, qvdbase::record::kData);
+    if (head == nullptr || load == Load::headers) return head;
+    const auto size = qvdbase::loadBigEndian<std::uint32_t>(head + qvdbase::record::kDataLength);
+    return piece.at(position + qvdbase::record::kData, size) != nullptr ? head : nullptr;
+  }
+
+  void judgeDensity(bool byPiece) {
+    if (byPiece) {
+      isDense = batch.size() >= kLeastOfAPiece;
+      return;
+    }
+    if (batch.size() < kWorthAPiece) return;
+    const std::int64_t span = batch.back().position - batch.front().position;
+    isDense = span > 0 && span / static_cast<std::int64_t>(batch.size()) <= kWidestStep;
+  }
+
+  // Takes one record into the batch. False when none follows, or its payload cannot be had.
+  bool takeNext(const Operation& operation, const unsigned char* head) {
+    recordPart1 header;
+    std::int64_t position = 0;
+    const ChainWalker::Step step = walker.next(operation.db(), &header, &position, head);
+    isDamaged = step == ChainWalker::Step::damaged;
+    if (step != ChainWalker::Step::record) return false;
+    if (head == nullptr && !tryLoadPayload(operation, header, position)) return false;
+    storeInfo(header, position, &batch.emplace_back());
+    return true;
+  }
+
+  void readBatch(const Operation& operation) {
+    while (batch.size() < batchSize && payloads.size() < kLoadedBytes) {
+      if (!takeNext(operation, nullptr)) break;
+    }
+    batchSize = std::min(batchSize * 2, kLargestBatch);
+    judgeDensity(false);
+  }
+
+  // A record that is larger than a piece is a batch of its own.
+  void takeFromPiece(const Operation& operation) {
+    const unsigned char* head = nextInPiece();
+    bool more = takeNext(operation, head);
+    while (more && head != nullptr) {
+      head = nextInPiece();
+      more = head != nullptr && takeNext(operation, head);
+    }
+    judgeDensity(true);
+  }
+
   // Reads the next batch. It stays empty at the end of the walk; throws when the damage is next.
   void refill(const Operation& operation) {
     batch.clear();
@@ -86,16 +147,12 @@ struct detail::Walk {
     changesSeen = database->changes;
     if (payloadFailure != nullptr) std::rethrow_exception(std::exchange(payloadFailure, nullptr));
     if (isDamaged) failDamagedChain(operation, walker, tableName);
-    while (batch.size() < batchSize && payloads.size() < kLoadedBytes) {
-      recordPart1 header;
-      std::int64_t position = 0;
-      const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
-      isDamaged = step == ChainWalker::Step::damaged;
-      if (step != ChainWalker::Step::record) break;
-      if (!tryLoadPayload(operation, header, position)) break;
-      batch.push_back(recordInfo(header, position));
+    const std::int64_t next = walker.nextPosition();
+    if (isDense && next > 0 && piece.read(operation.db(), next)) {
+      takeFromPiece(operation);
+    } else {
+      readBatch(operation);
     }
-    batchSize = std::min(batchSize * 2, kLargestBatch);
     if (batch.empty() && isDamaged) failDamagedChain(operation, walker, tableName);
   }
 
@@ -138,6 +195,8 @@ void RecordRange::start() {
   walk.tableName = detail::storedName(found.slot);
   walk.walker = detail::ChainWalker(found.slot);
   walk.isDamaged = false;
+  walk.payloadFailure = nullptr;
+  walk.isDense = false;
   walk.delivered = 0;
   walk.batchSize = kFirstBatch;
   walk.refill(operation);
@@ -166,8 +225,14 @@ void RecordRange::take() {
   ++walk.delivered;
   current_.info_ = walk.batch[walk.at];
   if (walk.load == Load::headers) return;
-  current_.loaded_ = std::span(walk.payloads).subspan(walk.payloadAt, current_.info_.size);
-  walk.payloadAt += current_.info_.size;
+  const std::uint32_t size = current_.info_.size;
+  if (walk.payloads.empty()) {  // they stand in the piece, or have no bytes
+    const unsigned char* bytes = walk.piece.at(current_.info_.data_position, size);
+    current_.loaded_ = std::as_bytes(std::span(bytes, bytes != nullptr ? size : 0));
+    return;
+  }
+  current_.loaded_ = std::span(walk.payloads).subspan(walk.payloadAt, size);
+  walk.payloadAt += size;
 }
 
 }  // namespace qvdb

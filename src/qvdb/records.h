@@ -15,6 +15,7 @@
 
 namespace qvdb::detail {
 
+void storeInfo(const recordPart1& header, std::int64_t recordPos, RecordInfo* info);
 RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos);
 
 // Throws too_large when there is not enough memory.
