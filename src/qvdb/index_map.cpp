@@ -1,6 +1,8 @@
 // The hash map of an index.
 #include "qvdb/index_map.h"
 
+#include <algorithm>
+
 namespace qvdb::detail {
 namespace {
 
@@ -29,6 +31,10 @@ std::size_t IndexMap::placeOf(std::uint64_t key) const {
   std::size_t place = home(key);
   while (places_[place].position != 0 && places_[place].key != key) place = next(place);
   return place;
+}
+
+void IndexMap::reserve(std::size_t count) {
+  if (size_ == 0) places_ = std::vector<Entry>(std::max(kSmallest, count + count / 5));
 }
 
 bool IndexMap::insert(std::uint64_t key, std::int64_t position) {

@@ -13,6 +13,10 @@ namespace qvdb::detail {
 // stands there.
 class IndexMap {
  public:
+  // Makes room for so many keys at once, with a few to come, in a map that is empty. Throws
+  // std::bad_alloc.
+  void reserve(std::size_t count);
+
   // Keeps the position that is there already. Returns whether there was none. Throws
   // std::bad_alloc.
   bool insert(std::uint64_t key, std::int64_t position);

@@ -32,6 +32,8 @@ namespace {
 constexpr std::int64_t kLeastAround = 512;
 constexpr std::int64_t kMostAround = 4096;
 
+constexpr std::uint64_t kSmallestBlock = qvdbase::kRecordBlockOverhead;
+
 Id tableOf(const tablePart1& slot) {
   return Id{qvdbase::identifierNumber(slot.tableID)};
 }
@@ -136,6 +138,10 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
   index.hasDuplicates = false;
   index.map.clear();
   const tablePart1 slot = operation.table(index.table).slot;
+  // To grow while it is filled would take more than twice the memory. The file's length bounds what
+  // a damaged count asks for.
+  index.map.reserve(static_cast<std::size_t>(
+      std::min<std::uint64_t>(slot.recordCount, operation.fileLength() / kSmallestBlock)));
   ChainWalker walker(slot);
   const bool complete = walkInto(operation, walker, index);
   if (walkerOut != nullptr) *walkerOut = walker;
