@@ -1,41 +1,16 @@
 // qvdb pack: the library's pack, as it is.
 #include "qvdb/commands.h"
-#include "qvdb/failure.h"
-#include "qvdb/output.h"
-#include "qvdb/percent_progress.h"
-#include "qvdb/text.h"
+#include "qvdb/packing.h"
 
 namespace qvdb::tool {
 namespace {
 
-struct Options {
-  std::string source;
-  std::string target;
-  bool force = false;
-};
-
-int run(const Options& options) {
-  PackReport report;
-  {
-    Progress progress("packing", 100, nullptr);
-    report =
-        pack(options.source, options.target, percentOn(progress), {.overwrite = options.force});
-  }
-  for (const std::string& table : report.tables_without_data) {
-    complain(options.target + ": table '" + table +
-             "' has records, and so lost its data; 'qvdb compact' keeps it");
-  }
-  printLine("packed " + counted(report.size_before, "byte", "bytes") + " into " +
-            std::to_string(report.size_after));
-  return kDone;
+int run(const PackOptions& options) {
+  return runPacking({pack, "packing", "packed", "; 'qvdb compact' keeps it"}, options);
 }
 
 Action define(Arguments& arguments) {
-  const auto options = std::make_shared<Options>();
-  arguments.argument("SOURCE", options->source, "The database file. It is not changed.");
-  arguments.argument("TARGET", options->target, "The file to make. Missing folders are made.");
-  arguments.force(options->force, "Replace a target that is there already.");
-  return actionOf(options, run);
+  return actionOf(definePacking(arguments), run);
 }
 
 }  // namespace

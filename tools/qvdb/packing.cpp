@@ -1,0 +1,34 @@
+#include "qvdb/packing.h"
+
+#include "qvdb/failure.h"
+#include "qvdb/output.h"
+#include "qvdb/percent_progress.h"
+#include "qvdb/text.h"
+
+namespace qvdb::tool {
+
+std::shared_ptr<PackOptions> definePacking(Arguments& arguments) {
+  auto options = std::make_shared<PackOptions>();
+  arguments.argument("SOURCE", options->source, "The database file. It is not changed.");
+  arguments.argument("TARGET", options->target, "The file to make. Missing folders are made.");
+  arguments.force(options->force, "Replace a target that is there already.");
+  return options;
+}
+
+int runPacking(const Packing& packing, const PackOptions& options) {
+  PackReport report;
+  {
+    Progress progress(packing.doing, 100, nullptr);
+    report = packing.operation(options.source, options.target, percentOn(progress),
+                               {.overwrite = options.force});
+  }
+  for (const std::string& table : report.tables_without_data) {
+    complain(options.target + ": table '" + table + "' has records, and so lost its data" +
+             packing.lostData);
+  }
+  printLine(packing.done + (" " + counted(report.size_before, "byte", "bytes")) + " into " +
+            std::to_string(report.size_after));
+  return kDone;
+}
+
+}  // namespace qvdb::tool

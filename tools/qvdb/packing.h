@@ -1,0 +1,36 @@
+// What the two commands that copy a database as the library packs have in common.
+#ifndef QVDB_TOOL_PACKING_H
+#define QVDB_TOOL_PACKING_H
+
+#include <qvdbase/qvdb.hpp>
+
+#include <string>
+
+#include "qvdb/command.h"
+
+namespace qvdb::tool {
+
+// How a command packs, and what it calls that.
+struct Packing {
+  PackReport (*operation)(const std::filesystem::path& source, const std::filesystem::path& target,
+                          const ProgressFunction& progress, const TargetOptions& options);
+  const char* doing;     // "packing"
+  const char* done;      // "packed"
+  const char* lostData;  // ends the complaint about a table whose data was lost
+};
+
+struct PackOptions {
+  std::string source;
+  std::string target;
+  bool force = false;
+};
+
+// Binds the arguments of such a command.
+std::shared_ptr<PackOptions> definePacking(Arguments& arguments);
+
+// Packs, and returns the exit status.
+int runPacking(const Packing& packing, const PackOptions& options);
+
+}  // namespace qvdb::tool
+
+#endif
