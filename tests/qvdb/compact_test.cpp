@@ -21,16 +21,6 @@ class Compact : public LayerTest {
 
   void putSource(const FileImage& image) { writeFile(path(kSource), image.build()); }
 
-  // The names in the folder.
-  std::vector<std::string> names() const {
-    std::vector<std::string> result;
-    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
-      result.push_back(entry.path().filename().native());
-    }
-    std::sort(result.begin(), result.end());
-    return result;
-  }
-
   // What a compaction makes of LivelyDatabase: data first, then the records, table after table.
   static FileImage compacted(LivelyDatabase& lively) {
     FileImage target;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <qvdbase/qvdb.hpp>
 
+#include <algorithm>
 #include <optional>
 #include <span>
 #include <string>
@@ -59,6 +60,16 @@ class LayerTest : public DatabaseTest {
   qvdb::Database openImage(const FileImage& image, qvdb::Mode mode = qvdb::Mode::exclusive) {
     writeFile(path(), image.build());
     return openDatabase(mode);
+  }
+
+  // The names in the folder, sorted.
+  std::vector<std::string> names() const {
+    std::vector<std::string> result;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+      result.push_back(entry.path().filename().native());
+    }
+    std::sort(result.begin(), result.end());
+    return result;
   }
 
   static std::vector<std::uint64_t> idsOf(const qvdb::Table& table) {

@@ -23,15 +23,6 @@ class WholeFile : public LayerTest {
 
   void putSource(const FileImage& image) { writeFile(path(kSource), image.build()); }
 
-  std::vector<std::string> names() const {
-    std::vector<std::string> result;
-    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
-      result.push_back(entry.path().filename().native());
-    }
-    std::sort(result.begin(), result.end());
-    return result;
-  }
-
   static FileImage withCategory(const std::vector<std::uint64_t>& listed) {
     FileImage image;
     image.addTable("QVrz_Record", 0x202);
