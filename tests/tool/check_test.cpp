@@ -54,6 +54,16 @@ TEST_F(ToolCheck, PrintsJson) {
   EXPECT_EQ(sum, report["size"]);
 }
 
+TEST_F(ToolCheck, PrintsHowMuchRoomIsSpareAndWhatOfItHoldsOlderData) {
+  notes({bytesOf("sixteen bytes ab")});
+  const std::int64_t record = database().tables[0].records[0].position;
+  patchFile(path(), static_cast<std::uint64_t>(record) + 47, Bytes().be(4, 4));  // the length
+  const auto report = nlohmann::json::parse(run({"check", "--json", "test.qvd"}).out);
+  EXPECT_EQ(report["state"], "sound");
+  EXPECT_EQ(report["spare_room"]["bytes"], 12);
+  EXPECT_EQ(report["spare_room"]["stale"], 12);
+}
+
 TEST_F(ToolCheck, CountsWarningsOnlyWhenItIsStrict) {
   damaged(23, Bytes().zeros(8));  // both times
   EXPECT_EQ(run({"check", "test.qvd"}).status, 0);

@@ -162,6 +162,7 @@ void printJsonReport(const Options& options, const CheckReport& report,
   json["size"] = report.file_size;
   json["blocks"] = report.blocks;
   json["space"] = jsonOf(report.space);
+  json["spare_room"] = {{"bytes", report.space.reserve}, {"stale", report.space.stale}};
   json["pack_works"] = report.pack;
   json["repair_result"] = report.repair;
   json["tables"] = Json::array();
