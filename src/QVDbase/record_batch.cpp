@@ -8,6 +8,7 @@
 #include "QVDbase/position.h"
 #include "QVDbase/record_append.h"
 #include "QVDbase/record_find.h"
+#include "format/big_endian.h"
 #include "format/block_heads.h"
 #include "format/fields.h"
 #include "format/fill.h"
@@ -20,8 +21,7 @@ namespace {
 constexpr uint32_t kPieceSize = uint32_t{256} << 10;
 
 void putNextRecordPos(unsigned char* block, int64_t nextRecordPos) {
-  storeBigEndian(block + record::kNextRecordPos, sizeof nextRecordPos,
-                 static_cast<uint64_t>(nextRecordPos));
+  storeBigEndian(block + record::kNextRecordPos, static_cast<uint64_t>(nextRecordPos));
 }
 
 // Whether the record that the batch goes behind is there and is the last one.
@@ -78,13 +78,11 @@ bool RecordBatch::add(const BatchRecord& record, const unsigned char* payload) {
   header.prevRecordPos = added_.count == 0 ? table_.slot.lastRecordPos : added_.last;
   header.dataLength = record.dataLength;
   header.dataCapacity = capacity;
-  unsigned char image[record::kData];
-  encodeRecordHead(header, image);
 
-  if (blockSize > int64_t{kPieceSize}) return writeAlone(image, payload, record, capacity);
+  if (blockSize > int64_t{kPieceSize}) return writeAlone(header, payload, capacity);
   if (pieceUsed_ > 0) putNextRecordPos(piece_.data() + lastInPiece_, blockPos);
   unsigned char* block = piece_.data() + pieceUsed_;
-  std::memcpy(block, image, sizeof image);
+  encodeRecordHead(header, block);
   if (record.dataLength > 0) std::memcpy(block + record::kData, payload, record.dataLength);
   std::memset(block + record::kData + record.dataLength, 0, capacity - record.dataLength);
   block[record::kData + capacity] = kBlockEndMark;
@@ -120,13 +118,15 @@ bool RecordBatch::writePiece() {
 }
 
 // A block that no piece can hold. The piece before it has been written.
-bool RecordBatch::writeAlone(const unsigned char* header, const unsigned char* payload,
-                             const BatchRecord& record, uint32_t capacity) {
+bool RecordBatch::writeAlone(const recordPart1& header, const unsigned char* payload,
+                             uint32_t capacity) {
   SavedPosition position(db_);
   const int64_t blockPos = piecePos_;
-  const uint32_t fill = capacity - record.dataLength;
-  const bool written = endsAt(db_, blockPos) && writeBytes(db_, header, record::kData) &&
-                       writeBytes(db_, payload, record.dataLength) &&
+  const uint32_t fill = capacity - header.dataLength;
+  unsigned char image[record::kData];
+  encodeRecordHead(header, image);
+  const bool written = endsAt(db_, blockPos) && writeBytes(db_, image, record::kData) &&
+                       writeBytes(db_, payload, header.dataLength) &&
                        (fill == 0 || internal_WriteEmptyDatas(db_, fill) == 1) &&
                        writeUint8(db_, kBlockEndMark) && linkToWritten(blockPos);
   const bool complete = position.restore(written);

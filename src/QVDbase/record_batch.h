@@ -59,8 +59,8 @@ class RecordBatch {
   };
 
   [[nodiscard]] bool writePiece();
-  [[nodiscard]] bool writeAlone(const unsigned char* header, const unsigned char* payload,
-                                const BatchRecord& record, uint32_t capacity);
+  [[nodiscard]] bool writeAlone(const recordPart1& header, const unsigned char* payload,
+                                uint32_t capacity);
   [[nodiscard]] bool linkToWritten(int64_t pieceFirst);
   [[nodiscard]] bool endsSoundly();
   [[nodiscard]] bool takeIn();

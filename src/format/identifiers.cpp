@@ -11,32 +11,33 @@
 
 namespace {
 
-unsigned sumOfIdentityBytes(const unsigned char* id) {
+unsigned sumOfIdentityBytes(uint64_t number) {
   unsigned sum = 0;
-  for (int i = 0; i < qvdbase::kIdentitySize; ++i) sum += id[i];
+  for (; number != 0; number >>= 8) sum += static_cast<unsigned>(number & 0xFF);
   return sum;
 }
 
-void storeSum(unsigned char* id) {
-  const unsigned sum = sumOfIdentityBytes(id);
-  id[8] = static_cast<unsigned char>(sum >> 8 & 0xFF);
-  id[9] = static_cast<unsigned char>(sum & 0xFF);
+void storeIdentifier(uint64_t number, unsigned char* id) {
+  qvdbase::storeBigEndian(id, number);
+  qvdbase::storeBigEndian(id + qvdbase::kIdentitySize,
+                          static_cast<uint16_t>(sumOfIdentityBytes(number)));
 }
 
 [[maybe_unused]] const bool seededAtLoad = (Initializer(), true);
 
-// Four random bytes, four of the clocks, and the sum.
-void composeIdentifier(uint64_t counter, uint32_t seconds, unsigned char* id) {
+// Four random bytes, four of the clocks, and the sum. `random` makes numbers as std::rand does.
+template <typename Random>
+void composeIdentifier(Random random, uint64_t counter, uint32_t seconds, unsigned char* id) {
+  uint64_t number = 0;
   for (int i = 0; i < 4; ++i) {
-    const int r = std::rand();
+    const int r = random();
     // The added quotient makes the bytes slightly uneven; identifiers have always been made so.
     const unsigned mixed = static_cast<unsigned>(r) + static_cast<unsigned>(r / 255);
-    id[i] = static_cast<unsigned char>(mixed & 0xFF);
+    number = number << 8 | (mixed & 0xFF);
   }
   const auto low = static_cast<uint32_t>(counter);
   const auto high = static_cast<uint32_t>(counter >> 32);
-  qvdbase::storeBigEndian(id + 4, static_cast<uint32_t>(seconds + low + high));
-  storeSum(id);
+  storeIdentifier(number << 32 | static_cast<uint32_t>(seconds + low + high), id);
 }
 
 }  // namespace
@@ -48,7 +49,7 @@ void Initializer() {
 
 int GenerateUuID(unsigned char* id) {
   const uint64_t counter = qvdbase::platform::microsecondCounter();
-  composeIdentifier(counter, qvdbase::platform::secondsSinceEpoch(), id);
+  composeIdentifier(std::rand, counter, qvdbase::platform::secondsSinceEpoch(), id);
   return 1;
 }
 
@@ -59,14 +60,24 @@ int internal_ConvertUuID_2Int64(const unsigned char* id, uint64_t* value) {
 
 int internal_ConvertInt64_2UuID(uint64_t value, unsigned char* id) {
   if (id == nullptr) return 0;
-  for (int i = qvdbase::kIdentitySize; i-- > 0; value >>= 8) {
-    id[i] = static_cast<unsigned char>(value & 0xFF);
-  }
-  storeSum(id);
+  storeIdentifier(value, id);
   return 1;
 }
 
 namespace qvdbase {
+
+IdentifierSeries::IdentifierSeries() {
+  for (int i = 0; i < 4; ++i) state_ = state_ << 16 ^ static_cast<uint64_t>(std::rand());
+}
+
+// SplitMix64, of which the upper bits are taken.
+int IdentifierSeries::random() {
+  state_ += 0x9E37'79B9'7F4A'7C15u;
+  uint64_t mixed = state_;
+  mixed = (mixed ^ mixed >> 30) * 0xBF58'476D'1CE4'E5B9u;
+  mixed = (mixed ^ mixed >> 27) * 0x94D0'49BB'1331'11EBu;
+  return static_cast<int>((mixed ^ mixed >> 31) >> 33);
+}
 
 void IdentifierSeries::next(unsigned char* id) {
   if (left_ == 0) {
@@ -75,11 +86,11 @@ void IdentifierSeries::next(unsigned char* id) {
     left_ = kForOneAsking;
   }
   --left_;
-  composeIdentifier(counter_++, seconds_, id);
+  composeIdentifier([this] { return random(); }, counter_++, seconds_, id);
 }
 
 bool identifierSumIsRight(const unsigned char* id) {
-  return sumOfIdentityBytes(id) == id[8] * 256u + id[9];
+  return sumOfIdentityBytes(identifierNumber(id)) == loadBigEndian<uint16_t>(id + kIdentitySize);
 }
 
 }  // namespace qvdbase

@@ -28,15 +28,20 @@ inline uint64_t identifierNumber(const unsigned char* id) {
 // Whether the last two bytes of a 10-byte identifier are the sum of the others.
 bool identifierSumIsRight(const unsigned char* id);
 
-// New identifiers for many records made in a row. Asking the clock costs as much as laying out a
-// small record, so it is asked once for a few identifiers, and these take the microseconds that
-// follow.
+// New identifiers for many records made in a row, made like the others but for what would cost more
+// than laying out a small record. The C library's generator, which is locked for each number, gives
+// the seed of a generator of the series' own; and the clock is asked once for a few identifiers,
+// which take the microseconds that follow.
 class IdentifierSeries {
  public:
+  IdentifierSeries();
   void next(unsigned char* id);
 
  private:
   static constexpr unsigned kForOneAsking = 16;
+  int random();
+
+  uint64_t state_ = 0;
   uint64_t counter_ = 0;
   uint32_t seconds_ = 0;
   unsigned left_ = 0;

@@ -112,6 +112,69 @@ TEST(NewIdentifier, DiffersFromTheOnesBefore) {
   EXPECT_EQ(seen.size(), 1000u);
 }
 
+Bytes nextOf(IdentifierSeries& series) {
+  Bytes id(10, 0xEE);
+  series.next(id.data());
+  return id;
+}
+
+TEST(IdentifiersInARow, CarryTheSumsOfTheirBytes) {
+  IdentifierSeries series;
+  for (int i = 0; i < 100; ++i) {
+    const Bytes id = nextOf(series);
+    unsigned sum = 0;
+    for (std::size_t k = 0; k < 8; ++k) sum += id[k];
+    EXPECT_EQ(id.beAt(8, 2), sum);
+  }
+}
+
+TEST(IdentifiersInARow, DifferFromEachOtherAndFromThoseOfAnotherRow) {
+  FakeHost host;  // whose clocks stand still
+  IdentifierSeries one;
+  IdentifierSeries other;
+  std::set<Bytes> seen;
+  for (int i = 0; i < 1000; ++i) {
+    seen.insert(nextOf(one));
+    seen.insert(nextOf(other));
+  }
+  EXPECT_EQ(seen.size(), 2000u);
+}
+
+// r + r / 255 is r modulo 255 in its last byte: 255 never comes.
+TEST(IdentifiersInARow, TakeAnyValueInEachOfTheFirstFourBytesThatOthersTake) {
+  IdentifierSeries series;
+  std::set<std::uint8_t> values[4];
+  for (int i = 0; i < 20'000; ++i) {
+    const Bytes id = nextOf(series);
+    for (std::size_t k = 0; k < 4; ++k) values[k].insert(id[k]);
+  }
+  for (const auto& each : values) EXPECT_EQ(each.size(), 255u);
+  for (const auto& each : values) EXPECT_FALSE(each.contains(255));
+}
+
+TEST(IdentifiersInARow, AreSeededByTheGenerator) {
+  const auto firstAfter = [](unsigned seed) {
+    std::srand(seed);
+    IdentifierSeries series;
+    return nextOf(series).cut(4);
+  };
+  EXPECT_EQ(firstAfter(4711), firstAfter(4711));
+  EXPECT_NE(firstAfter(4711), firstAfter(4712));
+}
+
+TEST(IdentifiersInARow, TakeTheMicrosecondsThatFollowAndAskTheClockNowAndThen) {
+  FakeHost host;
+  host.setTime(0x50000000);
+  host.setMicroseconds(0x00000007'00000900);
+  IdentifierSeries series;
+  EXPECT_EQ(nextOf(series).at(4, 4), hex("50000907"));
+  host.setTime(0x60000000);
+  for (std::uint64_t i = 1; i < 16; ++i) {
+    EXPECT_EQ(nextOf(series).beAt(4, 4), 0x50000907 + i);
+  }
+  EXPECT_EQ(nextOf(series).at(4, 4), hex("60000907"));
+}
+
 TEST(NewIdentifierNumber, IsTheNumberOfANewIdentifier) {
   FakeHost host;
   host.setTime(1000);
