@@ -5,6 +5,8 @@
 #include <cstdint>
 
 #include "QVDbase/chain_walk.h"
+#include "format/big_endian.h"
+#include "format/block_heads.h"
 #include "format/layout.h"
 
 namespace qvdb::detail {
@@ -24,10 +26,22 @@ class ChainWalker {
   // Where the next record's block is, as far as there is one.
   std::int64_t nextPosition() const { return nextPos_; }
 
+  // Whether as many records have been passed as the table counts.
+  bool isAtCount() const { return number_ == slot_.recordCount; }
+
   // Reads the next record's header. The caller holds a ReadScope. After `damaged` number() and
-  // damage() tell what is wrong. `head` are the header's bytes where the caller has them already.
-  Step next(std::int16_t db, recordPart1* header, std::int64_t* recordPos,
-            const unsigned char* head = nullptr);
+  // damage() tell what is wrong.
+  Step next(std::int16_t db, recordPart1* header, std::int64_t* recordPos);
+
+  // The same for a caller who has the bytes at nextPosition() already.
+  Step pass(const unsigned char* head) {
+    const Step step = arrive();
+    if (step != Step::record) return step;
+    if (!qvdbase::isRecordOf(head, slot_.tableID)) return damaged(kNoRecord);
+    nextPos_ = static_cast<std::int64_t>(
+        qvdbase::loadBigEndian<std::uint64_t>(head + qvdbase::record::kNextRecordPos));
+    return Step::record;
+  }
 
   // Goes on behind the record at a position, of which `number` records have been passed by then.
   // To be used when the chain has changed under the walk: it then ends where the chain ends, with
@@ -41,7 +55,22 @@ class ChainWalker {
   const unsigned char* tableID() const { return slot_.tableID; }
 
  private:
-  Step damaged(const char* how);
+  static constexpr const char* kNoRecord =
+      "the chain leads to a place where no record of this table stands";
+
+  // Begins a step: says whether a record is to stand at nextPosition().
+  Step arrive() {
+    if (isAtCount() || (nextPos_ == 0 && hasChanged_)) return Step::end;
+    ++number_;
+    if (nextPos_ == 0) return damaged("the chain ends before it");
+    if (loop_.visited(nextPos_)) return damaged("the chain comes round to an earlier record");
+    return Step::record;
+  }
+
+  Step damaged(const char* how) {
+    damage_ = how;
+    return Step::damaged;
+  }
 
   tablePart1 slot_ = {};
   std::int64_t nextPos_ = 0;

@@ -3,7 +3,8 @@
 // Headers are read in batches, each inside one transfer scope; the first batches are small, for
 // those who want only the first records. A damage that is met while reading ahead is kept until the
 // walk has delivered the records before it. Where the records of a batch lay close together in the
-// order of the file, the next batch is what a large piece of the file holds.
+// order of the file, a large piece of the file is read instead, and the walk goes from record to
+// record in there: nothing is decoded ahead, and payloads are handed out where they stand.
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/record.hpp>
 
@@ -44,11 +45,13 @@ struct detail::Walk {
   std::vector<RecordInfo> batch;
   std::vector<std::byte> payloads;  // of the batch, one behind the other
   std::size_t payloadAt = 0;        // of the current record
-  FilePiece piece;                  // with the batch's records, payloads included, if it is dense
-  bool isDense = false;             // the next batch is worth a piece of the file
-  std::size_t at = 0;               // of the current record in the batch
-  std::uint32_t delivered = 0;      // records, the current one included
-  std::uint64_t changesSeen = 0;    // OpenDatabase::changes when the batch was read
+  FilePiece piece;
+  bool inPiece = false;           // the walk goes through the piece, and there is no batch
+  std::size_t fromPiece = 0;      // records that have come of the piece
+  bool isDense = false;           // what follows is worth a piece
+  std::size_t at = 0;             // of the current record in the batch
+  std::uint32_t delivered = 0;    // records, the current one included
+  std::uint64_t changesSeen = 0;  // OpenDatabase::changes when the batch was read
   std::size_t batchSize = kFirstBatch;
   bool isDamaged = false;             // at the walker's last step
   std::exception_ptr payloadFailure;  // of the record behind the batch
@@ -87,59 +90,63 @@ struct detail::Walk {
     }
   }
 
-  // The next record's header in the piece; null when the record is not in it as far as it is
-  // wanted.
-  const unsigned char* nextInPiece() const {
-    const std::int64_t position = walker.nextPosition();
-    const unsigned char* head = piece.at(position, qvdbase::record::kData);
-    if (head == nullptr || load == Load::headers) return head;
-    const auto size = qvdbase::loadBigEndian<std::uint32_t>(head + qvdbase::record::kDataLength);
-    return piece.at(position + qvdbase::record::kData, size) != nullptr ? head : nullptr;
-  }
-
-  void judgeDensity(bool byPiece) {
-    if (byPiece) {
-      isDense = batch.size() >= kLeastOfAPiece;
-      return;
-    }
+  void judgeDensity() {
     if (batch.size() < kWorthAPiece) return;
     const std::int64_t span = batch.back().position - batch.front().position;
     isDense = span > 0 && span / static_cast<std::int64_t>(batch.size()) <= kWidestStep;
   }
 
   // Takes one record into the batch. False when none follows, or its payload cannot be had.
-  bool takeNext(const Operation& operation, const unsigned char* head) {
+  bool takeNext(const Operation& operation) {
     recordPart1 header;
     std::int64_t position = 0;
-    const ChainWalker::Step step = walker.next(operation.db(), &header, &position, head);
+    const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
     isDamaged = step == ChainWalker::Step::damaged;
     if (step != ChainWalker::Step::record) return false;
-    if (head == nullptr && !tryLoadPayload(operation, header, position)) return false;
+    if (!tryLoadPayload(operation, header, position)) return false;
     storeInfo(header, position, &batch.emplace_back());
     return true;
   }
 
   void readBatch(const Operation& operation) {
     while (batch.size() < batchSize && payloads.size() < kLoadedBytes) {
-      if (!takeNext(operation, nullptr)) break;
+      if (!takeNext(operation)) break;
     }
     batchSize = std::min(batchSize * 2, kLargestBatch);
-    judgeDensity(false);
+    judgeDensity();
   }
 
-  // A record that is larger than a piece is a batch of its own.
-  void takeFromPiece(const Operation& operation) {
-    const unsigned char* head = nextInPiece();
-    bool more = takeNext(operation, head);
-    while (more && head != nullptr) {
-      head = nextInPiece();
-      more = head != nullptr && takeNext(operation, head);
+  // The next record out of the piece. False when it is not in there as far as it is wanted, or when
+  // none follows.
+  bool takeFromPiece(RecordInfo* info, std::span<const std::byte>* payload) {
+    const std::int64_t position = walker.nextPosition();
+    const unsigned char* head = piece.at(position, qvdbase::record::kData);
+    if (head == nullptr) return false;
+    const auto size = qvdbase::loadBigEndian<std::uint32_t>(head + qvdbase::record::kDataLength);
+    const unsigned char* bytes = nullptr;
+    if (load == Load::payloads) {
+      bytes = piece.at(position + qvdbase::record::kData, size);
+      if (bytes == nullptr) return false;
     }
-    judgeDensity(true);
+    const ChainWalker::Step step = walker.pass(head);
+    isDamaged = step == ChainWalker::Step::damaged;
+    if (step != ChainWalker::Step::record) return false;
+    storeInfo(head, position, info);
+    if (bytes != nullptr) *payload = std::as_bytes(std::span(bytes, size));
+    ++fromPiece;
+    return true;
   }
 
-  // Reads the next batch. It stays empty at the end of the walk; throws when the damage is next.
-  void refill(const Operation& operation) {
+  // Reads the piece that begins with the next record, if one is worth it. A record that is larger
+  // than a piece is left to a batch.
+  bool readPiece(const Operation& operation) {
+    const std::int64_t next = walker.nextPosition();
+    return isDense && next > 0 && !walker.isAtCount() && piece.read(operation.db(), next);
+  }
+
+  // Reads what follows and takes the first record of it. False at the end of the walk; throws when
+  // the damage is next.
+  bool refill(const Operation& operation, RecordInfo* info, std::span<const std::byte>* payload) {
     batch.clear();
     payloads.clear();
     at = 0;
@@ -147,13 +154,28 @@ struct detail::Walk {
     changesSeen = database->changes;
     if (payloadFailure != nullptr) std::rethrow_exception(std::exchange(payloadFailure, nullptr));
     if (isDamaged) failDamagedChain(operation, walker, tableName);
-    const std::int64_t next = walker.nextPosition();
-    if (isDense && next > 0 && piece.read(operation.db(), next)) {
-      takeFromPiece(operation);
-    } else {
-      readBatch(operation);
-    }
+    if (inPiece) isDense = fromPiece >= kLeastOfAPiece;
+    fromPiece = 0;
+    inPiece = readPiece(operation);
+    if (inPiece && takeFromPiece(info, payload)) return true;
+    inPiece = false;
+    if (!isDamaged) readBatch(operation);
     if (batch.empty() && isDamaged) failDamagedChain(operation, walker, tableName);
+    return takeFromBatch(info, payload);
+  }
+
+  bool takeFromBatch(RecordInfo* info, std::span<const std::byte>* payload) {
+    if (at == batch.size()) return false;
+    *info = batch[at++];
+    if (load == Load::headers) return true;
+    *payload = std::span<const std::byte>(payloads).subspan(payloadAt, info->size);
+    payloadAt += info->size;
+    return true;
+  }
+
+  // The next record of what has been read.
+  bool take(RecordInfo* info, std::span<const std::byte>* payload) {
+    return inPiece ? takeFromPiece(info, payload) : takeFromBatch(info, payload);
   }
 
   // The chain has changed: what was read ahead may be wrong, so the walk goes on from the block of
@@ -197,42 +219,33 @@ void RecordRange::start() {
   walk.isDamaged = false;
   walk.payloadFailure = nullptr;
   walk.isDense = false;
+  walk.inPiece = false;
   walk.delivered = 0;
   walk.batchSize = kFirstBatch;
-  walk.refill(operation);
   current_ = Record(walk.database, walk.table, {});
-  take();
+  done_ = !walk.refill(operation, &current_.info_, &current_.loaded_);
+  walk.delivered = done_ ? 0 : 1;
 }
 
 void RecordRange::advance() {
   detail::Walk& walk = *walk_;
   const bool hasChanged = walk.database->changes != walk.changesSeen;
-  ++walk.at;
-  if (walk.at == walk.batch.size() || hasChanged || walk.database->handle == 0) {
-    done_ = true;  // unless a record follows; an error ends the walk
-    const detail::Operation operation(walk.database, kWalk);
-    detail::ReadScope scope(operation.db());
-    if (hasChanged) walk.rereadBehind(operation, current_.info_.position);
-    walk.refill(operation);
+  const bool isOpen = walk.database->handle != 0;
+  if (hasChanged || !isOpen || !walk.take(&current_.info_, &current_.loaded_)) {
+    return readOn(hasChanged);
   }
-  take();
+  ++walk.delivered;
 }
 
-void RecordRange::take() {
+// Apart from the step that is taken for nearly every record, which so stays small.
+void RecordRange::readOn(bool hasChanged) {
+  done_ = true;  // unless a record follows; an error ends the walk
   detail::Walk& walk = *walk_;
-  done_ = walk.at == walk.batch.size();
-  if (done_) return;
-  ++walk.delivered;
-  current_.info_ = walk.batch[walk.at];
-  if (walk.load == Load::headers) return;
-  const std::uint32_t size = current_.info_.size;
-  if (walk.payloads.empty()) {  // they stand in the piece, or have no bytes
-    const unsigned char* bytes = walk.piece.at(current_.info_.data_position, size);
-    current_.loaded_ = std::as_bytes(std::span(bytes, bytes != nullptr ? size : 0));
-    return;
-  }
-  current_.loaded_ = std::span(walk.payloads).subspan(walk.payloadAt, size);
-  walk.payloadAt += size;
+  const detail::Operation operation(walk.database, kWalk);
+  detail::ReadScope scope(operation.db());
+  if (hasChanged) walk.rereadBehind(operation, current_.info_.position);
+  done_ = !walk.refill(operation, &current_.info_, &current_.loaded_);
+  if (!done_) ++walk.delivered;
 }
 
 }  // namespace qvdb

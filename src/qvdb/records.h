@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "QVDbase/record_find.h"
+#include "format/identifiers.h"
 #include "format/layout.h"
 #include "qvdb/chain_walker.h"
 #include "qvdb/open_database.h"
@@ -16,6 +17,17 @@
 namespace qvdb::detail {
 
 void storeInfo(const recordPart1& header, std::int64_t recordPos, RecordInfo* info);
+// The same from the header's bytes.
+inline void storeInfo(const unsigned char* head, std::int64_t recordPos, RecordInfo* info) {
+  using namespace qvdbase;
+  info->id.value = identifierNumber(head + record::kRecordID);
+  info->create_time = loadBigEndian<std::uint32_t>(head + record::kCreateTime);
+  info->modify_time = loadBigEndian<std::uint32_t>(head + record::kModifyTime);
+  info->size = loadBigEndian<std::uint32_t>(head + record::kDataLength);
+  info->capacity = loadBigEndian<std::uint32_t>(head + record::kDataCapacity);
+  info->position = recordPos;
+  info->data_position = recordPos + record::kData;
+}
 RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos);
 
 // Throws too_large when there is not enough memory.

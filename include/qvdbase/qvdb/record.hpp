@@ -116,7 +116,7 @@ class QVDBASE_API RecordRange {
   RecordRange(std::shared_ptr<detail::OpenDatabase> database, Id table, Load load);
   void start();
   void advance();
-  void take();
+  void readOn(bool hasChanged);
 
   std::unique_ptr<detail::Walk> walk_;
   Record current_;
