@@ -1,5 +1,5 @@
 // Fuzz target: checks the input as a database file, and holds the library to what the check
-// foretells; then salvages it.
+// foretells; then salvages it, with the databases that are stored in it.
 //
 // The check says of each table which calls will fail, whether a pack will succeed and what link
 // repair will report. Each of these calls is made, on a copy. What salvage writes must be sound.
@@ -108,9 +108,14 @@ void salvage(const uint8_t* data, size_t size) {
   std::filesystem::remove(target);
   qvdb::SalvageOptions chosen;
   chosen.deleted = chosen.versions = chosen.orphans = size % 2 == 1;
-  qvdb::salvage_image(asBytes(data, size), target, {}, chosen);
+  chosen.deep_to = scratchPath("inside");
+  std::filesystem::remove_all(chosen.deep_to);
+  const qvdb::SalvageReport saved = qvdb::salvage_image(asBytes(data, size), target, {}, chosen);
   const qvdb::CheckReport report = qvdb::check(target, {}, options());
   require(report.errors == 0, "what salvage writes is sound");  // whatever its payloads hold
+  for (const qvdb::StoredDatabase& each : saved.stored) {
+    require(qvdb::check(each.file).errors == 0, "what salvage makes of a stored database is sound");
+  }
 }
 
 }  // namespace

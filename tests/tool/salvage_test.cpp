@@ -69,6 +69,29 @@ TEST_F(ToolSalvage, TakesImagesThatBeginElsewhere) {
   EXPECT_EQ(json({"tables", "--json", "b.qvd"})["tables"][0]["records"], 3);
 }
 
+TEST_F(ToolSalvage, SavesDatabasesThatAreStoredInPayloads) {
+  const Bytes inner = contents();
+  const std::string id = done({"put", "test.qvd", "notes", "-"}, inner.str());
+  const std::string at = std::to_string(database().tables[0].records[3].position + 55);
+  EXPECT_EQ(done({"salvage", "--deep", "inside", "test.qvd", "a.qvd"}),
+            "4 blocks live: 4 written\n"
+            "A database stored at " +
+                at + ": 1 table, 3 records written to inside/at-" + at +
+                ".qvd\n"
+                "1 table, 4 records, " +
+                std::to_string(inner.size() + 16) + " bytes of payload written and checked\n");
+  EXPECT_EQ(payloadOf("inside/at-" + at + ".qvd", ids[1]), "second");
+  const auto report = json({"salvage", "--json", "--deep", "again", "test.qvd", "b.qvd"});
+  const auto stored = report["stored"].at(0);
+  EXPECT_EQ(std::to_string(stored["offset"].get<int>()), at);
+  EXPECT_EQ(stored["file"], "again/at-" + at + ".qvd");
+  EXPECT_EQ(stored["tables_written"], 1);
+  EXPECT_EQ(stored["records_written"], 3);
+  EXPECT_EQ(stored["verified"], true);
+  fails({"salvage", "--deep", "inside", "test.qvd", "c.qvd"}, 1, {"inside/at-" + at, "exists"});
+  EXPECT_FALSE(std::filesystem::exists(path("c.qvd")));
+}
+
 TEST_F(ToolSalvage, WritesOverNothingAndSaysWhatIsWrong) {
   writeFile(path("here"), bytesOf("here"));
   fails({"salvage", "test.qvd", "here"}, 1, {"here", "exists", "another name for the new file"});

@@ -1,6 +1,7 @@
 // qvdb salvage: get back from a damaged file what can be got back.
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <map>
 
@@ -20,6 +21,7 @@ struct Options {
   std::optional<std::string> grade;
   std::optional<std::string> from;
   std::optional<std::string> extract;
+  std::optional<std::string> deep;
   bool verbose = false;
   bool json = false;
 };
@@ -45,6 +47,7 @@ SalvageOptions optionsOf(const Options& options) {
   if (options.grade) salvage.lowest_grade = gradeOf(*options.grade);
   if (options.from) salvage.from = offsetOf(*options.from);
   if (options.extract) salvage.extract_to = *options.extract;
+  if (options.deep) salvage.deep_to = *options.deep;
   return salvage;
 }
 
@@ -69,6 +72,15 @@ std::string lineOf(const FoundBlock& block) {
          (block.written_to.empty() ? "  left out" : "  -> " + escaped(block.written_to));
 }
 
+Json jsonOf(const StoredDatabase& stored) {
+  Json json = {{"offset", stored.offset}};
+  addText(&json, "file", stored.file.native());
+  json["tables_written"] = stored.tables_written;
+  json["records_written"] = stored.records_written;
+  json["verified"] = stored.verified;
+  return json;
+}
+
 Json jsonOf(const SalvageReport& report, const std::map<std::string, Tally>& tallies) {
   Json json;
   json["verified"] = report.verified;
@@ -91,6 +103,8 @@ Json jsonOf(const SalvageReport& report, const std::map<std::string, Tally>& tal
     json["blocks"].push_back(
         {{"label", label}, {"found", tally.found}, {"written", tally.written}});
   }
+  json["stored"] = Json::array();
+  for (const StoredDatabase& each : report.stored) json["stored"].push_back(jsonOf(each));
   json["notes"] = Json::array();
   for (const std::string& note : report.notes) json["notes"].push_back(escaped(note));
   return json;
@@ -106,6 +120,13 @@ void printReport(const SalvageReport& report, const std::map<std::string, Tally>
               std::to_string(range.offset) + " are no block: not recovered");
   }
   for (const std::string& note : report.notes) printLine(escaped(note));
+  for (const StoredDatabase& each : report.stored) {
+    printLine("A database stored at " + std::to_string(each.offset) + ": " +
+              counted(each.tables_written, "table", "tables") + ", " +
+              counted(each.records_written, "record", "records") + " written to " +
+              escaped(each.file.native()) +
+              (each.verified ? "" : ", NOT as they should be: check it"));
+  }
   if (report.records_cut > 0) {
     printLine(counted(report.records_cut, "record has", "records have") +
               " lost a part of the payload");
@@ -136,7 +157,10 @@ int run(const Options& options) {
   } else {
     printReport(report, tallies);
   }
-  return report.verified ? kDone : kFailed;
+  const bool isVerified =
+      report.verified && std::all_of(report.stored.begin(), report.stored.end(),
+                                     [](const StoredDatabase& each) { return each.verified; });
+  return isVerified ? kDone : kFailed;
 }
 
 Action define(Arguments& arguments) {
@@ -161,6 +185,10 @@ Action define(Arguments& arguments) {
   arguments.option("--extract", "DIR", options->extract,
                    "Also write every payload to a file of its own in this folder, and a line of "
                    "JSON for each to DIR/manifest.jsonl.");
+  arguments.option(
+      "--deep", "DIR", options->deep,
+      "Also look for databases that are stored in payloads, or that stand side by side "
+      "in an image of a device, and salvage each into DIR/at-OFFSET.qvd.");
   arguments.option("--from", "OFFSET", options->from,
                    "Where the database begins in SRC, in bytes. Below 0: as many bytes are missing "
                    "at its front.");
@@ -187,9 +215,10 @@ extern const Command kSalvageCommand = {
     "qvdb salvage damaged.qvd saved.qvd\n"
     "qvdb salvage --deleted --extract payloads damaged.qvd saved.qvd\n"
     "qvdb salvage --grade B cut-short.qvd saved.qvd\n"
-    "qvdb salvage --from 1048576 disk.img saved.qvd",
+    "qvdb salvage --from 1048576 disk.img saved.qvd\n"
+    "qvdb salvage --deep inside disk.img all.qvd",
     define,
-    "0  done, and the new file is sound\n"
+    "0  done, and the new files are sound\n"
     "1  failed\n"
     "2  wrong usage"};
 

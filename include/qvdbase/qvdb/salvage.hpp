@@ -83,6 +83,20 @@ struct SalvageOptions {
   // A folder for payloads, one file each, and "manifest.jsonl" with a line for each; it is made.
   // Empty: none.
   std::filesystem::path extract_to = {};
+  // A folder for the databases that are stored in payloads, or beside the blocks as in an image of
+  // a device: each is salvaged as well, under the same options, into "at-<offset>.qvd"; the folder
+  // is made. This reads everything, and what stands in a stored database once more. At most 1,000
+  // are taken. Empty: none.
+  std::filesystem::path deep_to = {};
+};
+
+// A database that was found stored in the source.
+struct StoredDatabase {
+  std::int64_t offset = 0;  // where it begins
+  std::filesystem::path file;
+  std::uint64_t tables_written = 0;
+  std::uint64_t records_written = 0;
+  bool verified = false;  // as SalvageReport has it
 };
 
 struct ByteRange {
@@ -94,16 +108,17 @@ struct SalvageReport {
   std::uint64_t blocks_found = 0;
   std::uint64_t tables_written = 0;
   std::uint64_t records_written = 0;
-  std::uint64_t data_written = 0;     // blocks of table data
-  std::uint64_t payload_bytes = 0;    // written
-  std::uint64_t records_cut = 0;      // of those written, the ones whose payload is not all there
-  std::uint64_t blocks_left_out = 0;  // found, but not asked for
-  std::uint64_t tables_left_out = 0;  // a database has room for 31
-  std::uint64_t bytes_unknown = 0;    // bytes that belong to no block
-  std::vector<ByteRange> unknown;     // where they are
-  std::vector<std::string> notes;     // what had to be made up or given up, one sentence each
-  bool source_in_use = false;         // another process has the source open for writing
-  bool verified = false;              // the new file was checked and holds what was to be written
+  std::uint64_t data_written = 0;      // blocks of table data
+  std::uint64_t payload_bytes = 0;     // written
+  std::uint64_t records_cut = 0;       // of those written, the ones whose payload is not all there
+  std::uint64_t blocks_left_out = 0;   // found, but not asked for
+  std::uint64_t tables_left_out = 0;   // a database has room for 31
+  std::uint64_t bytes_unknown = 0;     // bytes that belong to no block
+  std::vector<ByteRange> unknown;      // where they are
+  std::vector<std::string> notes;      // what had to be made up or given up, one sentence each
+  std::vector<StoredDatabase> stored;  // what went to `deep_to`
+  bool source_in_use = false;          // another process has the source open for writing
+  bool verified = false;               // the new file was checked and holds what was to be written
 };
 
 // Salvages `source` into `target`, which must not exist. The visitor, which may be empty, gets
@@ -111,7 +126,8 @@ struct SalvageReport {
 //
 // Throws Error: for the source no_such_file, not_a_file, access_denied, cannot_open and, when it
 // changes meanwhile, in_use; for the target file_exists, access_denied, cannot_open, cannot_write,
-// disk_full (what was written of it is removed); path_not_reachable. Finding nothing is no error.
+// disk_full (what was written of it is removed); path_not_reachable. file_exists also for a file in
+// `deep_to`: then nothing is written. Finding nothing is no error.
 QVDBASE_API SalvageReport salvage(const std::filesystem::path& source,
                                   const std::filesystem::path& target,
                                   const BlockVisitor& visitor = {},

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "platform/clock.h"
+#include "qvdb/check/check_source.h"
 #include "qvdb/check/findings.h"
 #include "qvdb/check/parts.h"
 #include "qvdb/raw/open_file.h"
@@ -157,3 +158,7 @@ RepairPreview predict_repair(const std::filesystem::path& path) {
 }
 
 }  // namespace qvdb
+
+qvdb::CheckReport qvdbase::check::checkSource(const raw::ByteSource& source) {
+  return qvdb::checkOnce(source, {}).report;
+}

@@ -1,14 +1,16 @@
 // qvdb::salvage: survey, plan, write, verify.
-#include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/salvage.hpp>
 
 #include <algorithm>
 #include <cstring>
 
+#include "qvdb/check/check_source.h"
 #include "qvdb/raw/open_file.h"
+#include "qvdb/raw/part_source.h"
 #include "qvdb/salvage/extract.h"
 #include "qvdb/salvage/run.h"
+#include "qvdb/salvage/stored_databases.h"
 #include "qvdb/salvage/writer.h"
 
 namespace qvdbase::salvage {
@@ -35,10 +37,9 @@ void tell(const Survey& survey, const Plan& plan, const qvdb::BlockVisitor& visi
 
 // The new file must be sound, and hold as many records as were planned for each table.
 bool verify(const Plan& plan, const std::filesystem::path& target) {
-  const qvdb::CheckReport report = qvdb::check(target);
-  const bool isSound = report.errors == 0 && report.state != qvdb::CheckState::in_use &&
-                       report.tables.size() == plan.tables.size();
-  if (!isSound) return false;
+  const raw::OpenedFile file(target, "check the salvaged database");
+  const qvdb::CheckReport report = check::checkSource(file.source());
+  if (report.errors != 0 || report.tables.size() != plan.tables.size()) return false;
   for (size_t i = 0; i < plan.tables.size(); ++i) {
     if (report.tables[i].walked != plan.tables[i].records.size()) return false;
   }
@@ -77,36 +78,12 @@ namespace {
 
 using qvdbase::raw::ByteSource;
 
-// A source that begins somewhere inside of another, or before it: then zeros stand for the bytes
-// that are missing at the front.
-class ShiftedSource : public ByteSource {
- public:
-  ShiftedSource(const ByteSource& whole, std::int64_t from) : whole_(whole), from_(from) {}
-
-  std::int64_t size() const override { return std::max<std::int64_t>(whole_.size() - from_, 0); }
-
-  std::size_t readAt(std::int64_t position, void* buffer, std::size_t count) const override {
-    if (position < 0) return 0;
-    const std::int64_t place = position + from_;
-    if (place >= 0) return whole_.readAt(place, buffer, count);
-    const auto missing = static_cast<std::size_t>(
-        std::min<std::uint64_t>(count, static_cast<std::uint64_t>(-place)));
-    std::memset(buffer, 0, missing);
-    if (missing == count) return count;
-    return missing + whole_.readAt(0, static_cast<char*>(buffer) + missing, count - missing);
-  }
-
-  std::optional<qvdbase::platform::FileHole> nextHole(std::int64_t position) const override {
-    std::optional<qvdbase::platform::FileHole> hole =
-        whole_.nextHole(std::max<std::int64_t>(position + from_, 0));
-    if (hole) *hole = {hole->begin - from_, hole->end - from_};
-    return hole;
-  }
-
- private:
-  const ByteSource& whole_;
-  std::int64_t from_;
-};
+// Takes back what was written.
+void removeFiles(const std::filesystem::path& target, const SalvageReport& report) {
+  std::error_code ignored;
+  std::filesystem::remove(target, ignored);
+  for (const StoredDatabase& each : report.stored) std::filesystem::remove(each.file, ignored);
+}
 
 SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options) {
@@ -115,10 +92,21 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
     throw Error("salvage the database", Reason::bad_argument,
                 "cannot salvage the database: it cannot begin that far before the source");
   }
-  const ShiftedSource source(whole, options.from);
-  const qvdbase::raw::Survey survey =
-      qvdbase::raw::makeSurvey(source, {.ignoreDirectory = options.ignore_directory});
-  return qvdbase::salvage::run(source, survey, target, visitor, options);
+  const qvdbase::raw::PartSource source(whole, options.from, whole.size());
+  const bool isDeep = !options.deep_to.empty();
+  const qvdbase::raw::Survey survey = qvdbase::raw::makeSurvey(
+      source, {.deep = isDeep, .ignoreDirectory = options.ignore_directory});
+  if (!isDeep) return qvdbase::salvage::run(source, survey, target, visitor, options);
+
+  const qvdbase::salvage::StoredDatabases stored(source, survey, options);
+  SalvageReport report = qvdbase::salvage::run(source, survey, target, visitor, options);
+  try {
+    stored.salvage(&report);
+  } catch (...) {
+    removeFiles(target, report);
+    throw;
+  }
+  return report;
 }
 
 }  // namespace
@@ -130,8 +118,7 @@ SalvageReport salvage(const std::filesystem::path& source, const std::filesystem
   SalvageReport report = salvageSource(file.source(), target, visitor, options);
   report.source_in_use = file.isLockedByOthers();
   if (file.hasChanged()) {
-    std::error_code ignored;
-    std::filesystem::remove(target, ignored);
+    removeFiles(target, report);
     throw Error("salvage the database", Reason::in_use,
                 source.native() + ": cannot salvage the database: it was changed meanwhile");
   }

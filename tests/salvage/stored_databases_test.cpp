@@ -1,0 +1,203 @@
+// Databases that are stored in payloads, or stand side by side in an image, are salvaged as well:
+// each into a file of its own.
+#include <qvdbase/qvdb/error.hpp>
+
+#include "platform/system_calls.h"
+#include "salvage/salvage_kit.h"
+#include "support/file_image.h"
+
+namespace qvdbase::test {
+namespace {
+
+FileImage innerImage(const std::string& name, std::uint64_t id) {
+  FileImage image;
+  const std::size_t table = image.addTable(name, id);
+  image.addRecord(table, 0x901, bytesOf(name + " one"));
+  image.addRecord(table, 0x902, bytesOf(name + " two"), {.reserve = 30});
+  return image;
+}
+
+Contents innerContents(const std::string& name) {
+  return {{0x901, bytesOf(name + " one")}, {0x902, bytesOf(name + " two")}};
+}
+
+class StoredDatabases : public testing::Test {
+ protected:
+  // A database that holds `payload` between two other records.
+  explicit StoredDatabases(const Bytes& payload = innerImage("inner", 0x4411).build()) {
+    a = outer.addRecord(table, 0xA1, bytesOf("before"));
+    b = outer.addRecord(table, 0xA2, payload);
+    c = outer.addRecord(table, 0xA3, bytesOf("behind"));
+  }
+
+  qvdb::SalvageReport salvage(const Bytes& bytes, const qvdb::SalvageOptions& options = {}) {
+    qvdb::SalvageOptions deep = options;
+    deep.deep_to = folder / "inside/here";
+    return qvdb::salvage_image(asBytes(bytes), folder / "saved.qvd", {}, deep);
+  }
+
+  std::filesystem::path fileAt(std::int64_t offset) const {
+    return folder / ("inside/here/at-" + std::to_string(offset) + ".qvd");
+  }
+
+  // Expects a sound file with this one table.
+  void expectSaved(std::int64_t offset, const std::string& name, const Contents& contents) {
+    const std::vector<Finding> findings = checkFile(fileAt(offset));
+    EXPECT_TRUE(findings.empty()) << describe(findings);
+    const ReadDatabase saved = readDatabase(fileAt(offset));
+    ASSERT_EQ(saved.tables.size(), 1u);
+    EXPECT_EQ(saved.tables[0].name, name);
+    EXPECT_EQ(contentsOf(saved.tables[0]), contents);
+  }
+
+  TempFolder folder;
+  FileImage outer;
+  std::size_t table = outer.addTable("outer", 0x11);
+  std::int64_t a = 0;
+  std::int64_t b = 0;
+  std::int64_t c = 0;
+};
+
+TEST_F(StoredDatabases, GoIntoFilesOfTheirOwn) {
+  const qvdb::SalvageReport report = salvage(outer.build());
+  ASSERT_EQ(report.stored.size(), 1u);
+  EXPECT_EQ(report.stored[0].offset, b + 55);
+  EXPECT_EQ(report.stored[0].file, fileAt(b + 55));
+  EXPECT_EQ(report.stored[0].tables_written, 1u);
+  EXPECT_EQ(report.stored[0].records_written, 2u);
+  EXPECT_TRUE(report.stored[0].verified);
+  expectSaved(b + 55, "inner", innerContents("inner"));
+  EXPECT_EQ(report.records_written, 3u);
+  EXPECT_EQ(readDatabase(folder / "saved.qvd").tables.size(), 1u);
+}
+
+TEST_F(StoredDatabases, AreLeftAloneUnlessTheyAreAskedFor) {
+  const Bytes bytes = outer.build();
+  EXPECT_TRUE(qvdb::salvage_image(asBytes(bytes), folder / "saved.qvd").stored.empty());
+  EXPECT_FALSE(std::filesystem::exists(folder / "inside"));
+}
+
+TEST_F(StoredDatabases, AreFoundInDeletedRecords) {
+  outer.record(a).nextRecordPos = c;
+  outer.record(c).prevRecordPos = a;
+  outer.slot(table).recordCount = 2;
+  EXPECT_EQ(salvage(outer.build()).records_written, 2u);
+  expectSaved(b + 55, "inner", innerContents("inner"));
+}
+
+TEST_F(StoredDatabases, AreSalvagedUnderTheSameOptions) {
+  FileImage inner = innerImage("inner", 0x4411);
+  RecordFields dead;
+  dead.tableID = identifier(0x4411);
+  dead.recordID = identifier(0xDD);
+  dead.room = bytesOf("deleted");
+  dead.dataLength = dead.dataCapacity = 7;
+  inner.addDeadRecord(dead);
+  inner.slot(0).recordWriteCount = 3;
+  FileImage image;
+  const std::int64_t at = image.addRecord(image.addTable("outer", 0x11), 0xA1, inner.build());
+  salvage(image.build(), {.deleted = true, .in_place_tables = true});
+  Contents contents = innerContents("inner");
+  contents.emplace_back(0xDD, bytesOf("deleted"));
+  expectSaved(at + 55, "inner", contents);
+}
+
+TEST_F(StoredDatabases, InsideOthersAreFoundToo) {
+  FileImage middle;
+  const std::int64_t within =
+      middle.addRecord(middle.addTable("middle", 0x22), 0xB1, innerImage("inner", 0x4411).build());
+  FileImage image;
+  const std::int64_t at = image.addRecord(image.addTable("outer", 0x11), 0xA1, middle.build());
+  EXPECT_EQ(salvage(image.build()).stored.size(), 2u);
+  expectSaved(at + 55 + within + 55, "inner", innerContents("inner"));
+  EXPECT_EQ(readDatabase(fileAt(at + 55)).tables.at(0).name, "middle");
+}
+
+TEST_F(StoredDatabases, SideBySideInAnImageEachGetAFile) {
+  const Bytes first = innerImage("first", 0x4411).build();
+  Bytes image = pattern(5000);
+  image.add(first).add(pattern(3000)).add(innerImage("second", 0x4422).build());
+  const auto second = static_cast<std::int64_t>(5000 + first.size() + 3000);
+  EXPECT_EQ(salvage(image).stored.size(), 2u);
+  expectSaved(5000, "first", innerContents("first"));
+  expectSaved(second, "second", innerContents("second"));
+}
+
+// What stands behind the payload belongs to the outer database.
+TEST_F(StoredDatabases, EndWhereTheirPayloadEnds) {
+  const Bytes whole = innerImage("inner", 0x4411).build();
+  FileImage image;
+  const std::size_t outerTable = image.addTable("outer", 0x11);
+  const std::int64_t at =
+      image.addRecord(outerTable, 0xA1, whole.cut(whole.size() - 22 - 3));  // end mark, spare room
+  image.addRecord(outerTable, 0xA2, bytesOf("behind"));
+  salvage(image.build());
+  expectSaved(at + 55, "inner", {{0x901, bytesOf("inner one")}, {0x902, bytesOf("inner ")}});
+}
+
+TEST_F(StoredDatabases, CountOffsetsFromWhereTheOuterOneBegins) {
+  Bytes image = pattern(700);
+  image.add(outer.build());
+  EXPECT_EQ(salvage(image, {.from = 700}).stored.at(0).offset, b + 55);
+  expectSaved(b + 55, "inner", innerContents("inner"));
+}
+
+TEST_F(StoredDatabases, AreNotTheOneWhoseDirectoryIsIgnored) {
+  EXPECT_EQ(salvage(outer.build(), {.ignore_directory = true}).stored.size(), 1u);
+}
+
+TEST_F(StoredDatabases, BeginInNoDirectoryOfAnother) {
+  Bytes inner = innerImage("inner", 0x4411).build();
+  const Bytes header = inner.at(0, 22);
+  inner = inner.with(22 + 31 * 144, header);  // the last slot, which is free
+  FileImage image;
+  image.addRecord(image.addTable("outer", 0x11), 0xA1, inner);
+  EXPECT_EQ(salvage(image.build()).stored.size(), 1u);
+}
+
+TEST_F(StoredDatabases, AreRefusedBeforeAnythingIsWrittenWhenAFileIsThere) {
+  std::filesystem::create_directories(folder / "inside/here");
+  writeFile(fileAt(b + 55), bytesOf("here"));
+  try {
+    salvage(outer.build());
+    ADD_FAILURE() << "no error";
+  } catch (const qvdb::Error& error) {
+    EXPECT_EQ(error.reason(), qvdb::Reason::file_exists);
+    EXPECT_NE(std::string(error.what()).find(fileAt(b + 55).native()), std::string::npos);
+  }
+  EXPECT_EQ(readFile(fileAt(b + 55)), bytesOf("here"));
+  EXPECT_FALSE(std::filesystem::exists(folder / "saved.qvd"));
+}
+
+TEST_F(StoredDatabases, TakeEverythingBackWhenOneOfThemCannotBeWritten) {
+  outer.addRecord(table, 0xA4, innerImage("other", 0x4422).build());
+  static int left;
+  left = 2;  // the outer one and the first of the inner ones
+  platform::SystemCalls calls = platform::hostSystemCalls();
+  calls.writeAt = [](int fd, const void* bytes, size_t count, off_t position) -> ssize_t {
+    if (--left >= 0) return pwrite(fd, bytes, count, position);
+    errno = ENOSPC;
+    return -1;
+  };
+  platform::replaceSystemCalls(&calls);
+  EXPECT_THROW(salvage(outer.build()), qvdb::Error);
+  platform::replaceSystemCalls(nullptr);
+  EXPECT_LT(left, 0);
+  EXPECT_FALSE(std::filesystem::exists(folder / "saved.qvd"));
+  EXPECT_TRUE(std::filesystem::is_empty(folder / "inside/here"));
+}
+
+TEST_F(StoredDatabases, AreTakenUpToAThousand) {
+  FileImage image;
+  const std::size_t holder = image.addTable("holder", 0x11);
+  const Bytes empty = FileImage().build();
+  for (std::uint64_t i = 1; i <= 1002; ++i) image.addRecord(holder, i, empty);
+  const qvdb::SalvageReport report = salvage(image.build());
+  EXPECT_EQ(report.stored.size(), 1000u);
+  ASSERT_EQ(report.notes.size(), 1u);
+  EXPECT_EQ(report.notes[0],
+            "There seem to be 2 more databases stored in payloads than are salvaged at once.");
+}
+
+}  // namespace
+}  // namespace qvdbase::test
