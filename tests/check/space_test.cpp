@@ -47,6 +47,26 @@ TEST(CheckOfSpace, TellsWhereAStoredDatabaseBegins) {
                 std::to_string(at + 55) + ".");
 }
 
+// A deleted record stays one whole block, also when a live record holds the same database.
+TEST(CheckOfSpace, TakesStoredDatabasesInDeletedAndLiveRecordsForPayloads) {
+  FileImage inner;
+  inner.addRecord(inner.addTable("inner", 0x4411), 0x901, bytesOf("within"));
+  FileImage outer;
+  const std::size_t table = outer.addTable("outer", 0x11);
+  const std::int64_t dead = outer.addRecord(table, 0xA1, inner.build());
+  const std::int64_t live = outer.addRecord(table, 0xA2, inner.build());
+  outer.record(live).prevRecordPos = 0;
+  outer.slot(table).firstRecordPos = live;
+  outer.slot(table).recordCount = 1;
+  const Checked checked = checkBytes(outer.build(), {.deep = true, .now = kNow});
+  EXPECT_EQ(checked.report.state, qvdb::CheckState::sound) << checked.text();
+  EXPECT_EQ(checked.report.space.deleted, inner.build().size() + 56);
+  EXPECT_EQ(checked.first("S6").message,
+            "2 blocks inside the payloads of others: a database is stored there, the first one "
+            "from offset " +
+                std::to_string(dead + 55) + ".");
+}
+
 TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
   Shortened file;
   const std::int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);

@@ -85,6 +85,21 @@ TEST_F(StoredDatabases, AreFoundInDeletedRecords) {
   expectSaved(b + 55, "inner", innerContents("inner"));
 }
 
+// That a live record holds the same database makes its tables no tables of the outer one.
+TEST_F(StoredDatabases, AreFoundInDeletedAndLiveRecordsAtOnce) {
+  const std::int64_t d = outer.addRecord(table, 0xA4, innerImage("inner", 0x4411).build());
+  outer.record(a).nextRecordPos = c;
+  outer.record(c).prevRecordPos = a;
+  outer.slot(table).recordCount = 3;
+  const qvdb::SalvageReport report = salvage(outer.build(), {.deleted = true});
+  EXPECT_EQ(report.stored.size(), 2u);
+  EXPECT_EQ(report.records_written, 4u);
+  EXPECT_EQ(report.records_cut, 0u);
+  EXPECT_EQ(report.blocks_left_out, 0u);
+  expectSaved(b + 55, "inner", innerContents("inner"));
+  expectSaved(d + 55, "inner", innerContents("inner"));
+}
+
 TEST_F(StoredDatabases, AreSalvagedUnderTheSameOptions) {
   FileImage inner = innerImage("inner", 0x4411);
   RecordFields dead;

@@ -186,12 +186,12 @@ Leftover kindOf(const ByteSource& source, const Range& range) {
   return std::equal(bytes, bytes + there, expected) ? Leftover::torn : Leftover::bytes;
 }
 
-// The payloads of live blocks hold blocks only when databases are stored in them.
+// The payloads of live blocks hold blocks only when databases are stored in them. Those of dead
+// blocks lie in gaps. Comes last: the tables that are met here are no tables of this database.
 void scanPayloads(const ByteSource& source, Survey* survey) {
   CandidateReader reader(source, survey);
-  const size_t count = survey->blocks.size();
-  for (size_t i = 0; i < count; ++i) {
-    const Block block = survey->blocks[i];
+  for (const Block& block : survey->blocks) {
+    if (!block.isReached()) continue;
     const Range payload = {block.dataPos(), block.dataPos() + block.dataThere()};
     if (payload.size() < kTableDataBlockOverhead) continue;
     findHits(source, payload, [&](const ScanHits& hits) {
@@ -209,11 +209,14 @@ void scanPayloads(const ByteSource& source, Survey* survey) {
 }  // namespace
 
 void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* survey) {
-  if (options.deep) scanPayloads(source, survey);
   GapScanner scanner(source, survey);
   for (const Range& gap : gapsBetween(*survey, blocksInFileOrder(*survey))) scanner.scan(gap);
   scanner.resolve();
   if (scanner.unreadableAt() >= 0) survey->unreadableAt = scanner.unreadableAt();
+
+  if (options.deep) scanPayloads(source, survey);
+  std::sort(survey->nestedBlocks.begin(), survey->nestedBlocks.end());
+  std::sort(survey->nestedDatabases.begin(), survey->nestedDatabases.end());
 
   const std::vector<uint32_t> order = blocksInFileOrder(*survey);
   extendUnbelieved(order, survey);

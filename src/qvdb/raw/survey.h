@@ -204,7 +204,7 @@ struct Survey {
   std::vector<Table> tables;  // one per slot that is a table, counted or not
   std::vector<Overlap> overlaps;
   std::vector<LeftoverRange> leftovers;
-  std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others
+  std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others; ascending
   std::vector<int64_t> nestedDatabases;  // where databases seem to begin that are not this one
   int64_t unreadableAt = -1;
 

@@ -43,11 +43,9 @@ int64_t endOfPayload(const raw::Survey& survey, const std::vector<uint32_t>& ord
 StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
                                  const qvdb::SalvageOptions& options)
     : source_(source), options_(options) {
-  std::vector<int64_t> origins = survey.nestedDatabases;
-  std::sort(origins.begin(), origins.end());
   const std::vector<uint32_t> order = raw::blocksInFileOrder(survey);
   int64_t free = 1;  // what begins at 0 is the database itself
-  for (const int64_t origin : origins) {
+  for (const int64_t origin : survey.nestedDatabases) {
     if (origin < free) continue;  // no database begins in the directory of another
     free = origin + kSmallestSize;
     if (places_.size() == kMostDatabases) {
