@@ -1,8 +1,6 @@
 // Files that appear under their name only when they are finished.
 #include "qvdb/upkeep/target_file.h"
 
-#include <qvdbase/qvdb/id.hpp>
-
 #include <system_error>
 
 #include "platform/open_failure.h"
@@ -61,7 +59,10 @@ HeldFile::HeldFile(const fs::path& path, const char* operation)
 }
 
 TargetFile::TargetFile(const fs::path& target, const char* operation, bool overwrite)
-    : given_(target), place_(resolved(target, operation).native()), operation_(operation) {
+    : given_(target),
+      place_(resolved(target, operation).native()),
+      operation_(operation),
+      temporary_(place_) {
   const fs::path place = place_;
   static_cast<void>(nativePath(place, operation));
   std::error_code error;
@@ -75,23 +76,17 @@ TargetFile::TargetFile(const fs::path& target, const char* operation, bool overw
     replaced_ = HeldFile(place, operation_);
   }
   fs::create_directories(place.parent_path(), error);
-  const std::string name = ".qvdb-" + to_string(new_id()).substr(2) + ".tmp";
-  temporary_ = (place.parent_path() / name).native();
-}
-
-TargetFile::~TargetFile() {
-  if (!isPlaced_) platform::removeFile(temporary_);
 }
 
 void TargetFile::place() {
-  switch (platform::placeFile(temporary_, place_, replaces_)) {
+  switch (temporary_.place(replaces_)) {
     case platform::Placing::occupied:
       failOn(given_, operation_, Reason::file_exists, "a file of that name has appeared meanwhile");
     case platform::Placing::failed:
       failOn(given_, operation_, Reason::cannot_write,
              "the system does not let the new file take its place");
     case platform::Placing::done:
-      isPlaced_ = true;
+      break;
   }
   if (platform::syncFolderOf(place_)) return;
   failOn(given_, operation_, Reason::cannot_write,

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <string>
 
+#include "qvdb/temporary_file.h"
+
 namespace qvdb::detail {
 
 // Throws an Error of this operation on this file.
@@ -36,17 +38,12 @@ class TargetFile {
   // or device, in_use when somebody has it open for writing.
   TargetFile(const std::filesystem::path& target, const char* operation, bool overwrite);
 
-  // Removes what is under the temporary name.
-  ~TargetFile();
-  TargetFile(const TargetFile&) = delete;
-  TargetFile& operator=(const TargetFile&) = delete;
-
   // As it was named.
   const std::filesystem::path& given() const { return given_; }
 
   // Where to write: an absolute path in the target's folder, where nothing is. Missing folders are
   // made.
-  const std::string& temporary() const { return temporary_; }
+  const std::string& temporary() const { return temporary_.path(); }
 
   // Puts the finished file, which the device must have already, in its place and waits until the
   // device has its name. Throws file_exists when the place was taken meanwhile, cannot_write.
@@ -59,10 +56,9 @@ class TargetFile {
  private:
   std::filesystem::path given_;
   std::string place_;
-  std::string temporary_;
   const char* operation_;
   bool replaces_ = false;
-  bool isPlaced_ = false;
+  TemporaryFile temporary_;
   HeldFile replaced_;
 };
 
