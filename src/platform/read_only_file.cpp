@@ -1,5 +1,6 @@
 // Read-only files join the process's entry of the file like every opener: a descriptor of their own
 // would, where locks belong to the process, take the locks of the others with it when it closes.
+// Block devices, on which nobody opens a database, have one of their own.
 #include "platform/read_only_file.h"
 
 #include <algorithm>
@@ -17,6 +18,21 @@ int64_t nanoseconds(const struct timespec& time) {
   return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
 }
 
+// Without O_NONBLOCK: with it, a drive that holds no medium opens too, as an empty one.
+int openBlockDevice(const Directory& directory, const EntryName& name) {
+  struct stat status = {};
+  if (directory.descriptor() < 0 || !name.isValid()) return -1;
+  const int found = systemCalls().statusAt(directory.descriptor(), name.bytes(), &status, 0);
+  if (found != 0 || !S_ISBLK(status.st_mode)) return -1;
+  const int descriptor = uninterrupted([&] {
+    return systemCalls().openAt(directory.descriptor(), name.bytes(), O_RDONLY | O_CLOEXEC, 0);
+  });
+  if (descriptor < 0) return -1;
+  if (systemCalls().status(descriptor, &status) == 0 && S_ISBLK(status.st_mode)) return descriptor;
+  systemCalls().close(descriptor);
+  return -1;
+}
+
 }  // namespace
 
 PathKind kindOfPath(const std::string& path) {
@@ -26,11 +42,13 @@ PathKind kindOfPath(const std::string& path) {
   struct stat status = {};
   const int found = systemCalls().statusAt(directory.descriptor(), name->bytes(), &status, 0);
   if (found != 0) return PathKind::nothing;
+  if (S_ISBLK(status.st_mode)) return PathKind::blockDevice;
   return S_ISREG(status.st_mode) ? PathKind::regularFile : PathKind::somethingElse;
 }
 
 ReadOnlyFile::~ReadOnlyFile() {
   if (entry_ != nullptr) leaveEntry(entry_, Sharing::none);
+  if (device_ >= 0) systemCalls().close(device_);
 }
 
 bool ReadOnlyFile::open(const std::string& path) {
@@ -38,6 +56,7 @@ bool ReadOnlyFile::open(const std::string& path) {
   const std::unique_ptr<EntryName> name = walkToParent(path, &directory);
   if (isOpen() || !name) return false;
   entry_ = joinEntry(directory, *name, Sharing::none);
+  if (entry_ == nullptr) device_ = openBlockDevice(directory, *name);
   return isOpen();
 }
 
@@ -46,7 +65,7 @@ size_t ReadOnlyFile::readAt(int64_t position, void* buffer, size_t count) const 
   while (done < count) {
     const size_t part = std::min(count - done, kLargestTransfer);
     const ssize_t moved = uninterrupted([&] {
-      return systemCalls().readAt(descriptorOf(*entry_), static_cast<char*>(buffer) + done, part,
+      return systemCalls().readAt(descriptor(), static_cast<char*>(buffer) + done, part,
                                   position + static_cast<int64_t>(done));
     });
     if (moved <= 0) break;
@@ -56,24 +75,27 @@ size_t ReadOnlyFile::readAt(int64_t position, void* buffer, size_t count) const 
 }
 
 bool ReadOnlyFile::nextHole(int64_t position, int64_t size, FileHole* hole) const {
-  const int descriptor = descriptorOf(*entry_);
-  const off_t begin = systemCalls().nextHole(descriptor, position);
+  const off_t begin = systemCalls().nextHole(descriptor(), position);
   if (begin < position || begin >= size) return false;
-  const off_t end = systemCalls().nextStored(descriptor, begin);
+  const off_t end = systemCalls().nextStored(descriptor(), begin);
   *hole = {begin, end > begin && end < size ? end : size};  // no bytes behind the last hole
   return true;
 }
 
 bool ReadOnlyFile::stamp(FileStamp* stamp) const {
   struct stat status = {};
-  if (systemCalls().status(descriptorOf(*entry_), &status) != 0) return false;
+  if (systemCalls().status(descriptor(), &status) != 0) return false;
+  if (device_ >= 0) {
+    *stamp = {systemCalls().lengthOf(device_), 0, 0};  // its status tells no size
+    return stamp->size >= 0;
+  }
   *stamp = {status.st_size, nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
   return true;
 }
 
 bool ReadOnlyFile::access(FileAccess* access) const {
   struct stat status = {};
-  if (systemCalls().status(descriptorOf(*entry_), &status) != 0) return false;
+  if (systemCalls().status(descriptor(), &status) != 0) return false;
   *access = {static_cast<uint32_t>(status.st_mode & 07777), status.st_uid, status.st_gid};
   return true;
 }
@@ -82,7 +104,7 @@ bool ReadOnlyFile::isLockedByOthers() const {
   struct flock lock = {};
   lock.l_type = F_WRLCK;  // meets locks of either strength
   lock.l_whence = SEEK_SET;
-  if (systemCalls().findLock(descriptorOf(*entry_), &lock) != 0) return false;
+  if (systemCalls().findLock(descriptor(), &lock) != 0) return false;
   return lock.l_type != F_UNLCK;
 }
 

@@ -1,5 +1,6 @@
-// A file opened by its host path for nothing but reading, at any position, straight from the host:
-// no handle number, no shared position, no mapping (a file cut short meanwhile gives short reads).
+// A file, or a block device, opened by its host path for nothing but reading, at any position,
+// straight from the host: no handle number, no shared position, no mapping (a file cut short
+// meanwhile gives short reads).
 #ifndef QVDBASE_PLATFORM_READ_ONLY_FILE_H
 #define QVDBASE_PLATFORM_READ_ONLY_FILE_H
 
@@ -11,7 +12,8 @@
 
 namespace qvdbase::platform {
 
-// What changes when anybody writes to a file. Times are in nanoseconds.
+// What changes when anybody writes to a file. Times are in nanoseconds. Those of a device belong to
+// its name and not to its bytes: they are 0.
 struct FileStamp {
   int64_t size = 0;
   int64_t modifyTime = 0;
@@ -34,7 +36,7 @@ struct FileAccess {
 };
 
 // What a path stands for.
-enum class PathKind : uint8_t { nothing, regularFile, somethingElse };
+enum class PathKind : uint8_t { nothing, regularFile, blockDevice, somethingElse };
 PathKind kindOfPath(const std::string& path);
 
 class ReadOnlyFile {
@@ -44,9 +46,10 @@ class ReadOnlyFile {
   ReadOnlyFile(const ReadOnlyFile&) = delete;
   ReadOnlyFile& operator=(const ReadOnlyFile&) = delete;
 
-  // Opens the regular file at this absolute path, in UTF-8. Takes no lock and minds nobody's.
+  // Opens the regular file or block device at this absolute path, in UTF-8. Takes no lock and minds
+  // nobody's.
   bool open(const std::string& path);
-  bool isOpen() const { return entry_ != nullptr; }
+  bool isOpen() const { return entry_ != nullptr || device_ >= 0; }
 
   // Reads up to `count` bytes at `position` and returns how many there were; fewer come at the end
   // of the file and where the host cannot read.
@@ -63,7 +66,10 @@ class ReadOnlyFile {
   bool isLockedByOthers() const;
 
  private:
+  int descriptor() const { return entry_ != nullptr ? descriptorOf(*entry_) : device_; }
+
   FileEntry* entry_ = nullptr;
+  int device_ = -1;  // the descriptor of a block device
 };
 
 }  // namespace qvdbase::platform

@@ -41,8 +41,9 @@ struct SystemCalls {
   // `position`; the end of the file counts as a hole. -1 also where the host does not know holes.
   off_t (*nextHole)(int descriptor, off_t position);
   off_t (*nextStored)(int descriptor, off_t position);
-  // The length of a regular file, or -1. Not by way of its status: a host that has told a file's
-  // times must store a new one at the next write, which more than doubles what that costs.
+  // The length of a regular file or block device, or -1. Not by way of its status: that has no size
+  // of devices, and a host that has told a file's times must store a new one at the next write,
+  // which more than doubles what that costs.
   int64_t (*lengthOf)(int descriptor);
   // The length that no file of this process may pass; beyond it a write would raise a signal.
   uint64_t (*fileSizeLimit)();

@@ -42,6 +42,7 @@ qvdb::Reason whyNotOpen(const std::string& path) {
     case platform::PathKind::somethingElse:
       return qvdb::Reason::not_a_file;
     case platform::PathKind::regularFile:
+    case platform::PathKind::blockDevice:
       break;
   }
   return qvdb::Reason::access_denied;
