@@ -1,9 +1,13 @@
 // The versions of one record, and bringing one of them back.
 #include <qvdbase/qvdbase.h>
+#include <unistd.h>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/history.hpp>
 
+#include <fstream>
+
 #include "salvage/salvage_kit.h"
+#include "support/replaced_calls.h"
 
 namespace qvdbase::test {
 namespace {
@@ -127,6 +131,24 @@ TEST_F(Undelete, PutsAnOlderVersionInThePlaceOfTheOneInUse) {
             (Contents{{0xA1, bytesOf("first text")},
                       {0xA2, bytesOf("first text")},
                       {0xA3, bytesOf("first text")}}));
+}
+
+// A writer beside it, which adds a byte whenever the new file is written to.
+TEST_F(Undelete, LeavesNothingWhenTheFileIsChangedMeanwhile) {
+  remove(0xA2);
+  static std::filesystem::path source;
+  source = path();
+  {
+    ReplacedCalls calls;
+    calls->writeAt = [](int descriptor, const void* bytes, size_t count, off_t position) {
+      std::ofstream(source, std::ios::binary | std::ios::app) << 'x';
+      return ::pwrite(descriptor, bytes, count, position);
+    };
+    EXPECT_EQ(reasonOf([&] { qvdb::undelete(path(), folder / "b.qvd", "notes", Id{0xA2}); }),
+              qvdb::Reason::in_use);
+  }
+  std::filesystem::remove(path());
+  EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
 }
 
 TEST_F(Undelete, WantsAVersionOfARecordThatIsInUse) {

@@ -60,6 +60,26 @@ TEST_F(ToolSalvage, ReadsStandardInputAndExtractsPayloads) {
   EXPECT_EQ(payloadOf("saved.qvd", ids[0]), "first");
 }
 
+TEST_F(ToolSalvage, LeavesNothingWhenNobodyReadsItsOutputAnyMore) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  for (std::uint64_t id = 1; id <= 1500; ++id) image.addRecord(table, id, bytesOf("text"));
+  writeFile(path(), image.build());
+  ProgramCall call = callOf({"salvage", "-v", "--extract", "out", "test.qvd", "saved.qvd"});
+  call.closesOutput = true;
+  EXPECT_EQ(runProgram(call).status, 1);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()),
+                          std::filesystem::directory_iterator()),
+            1);
+}
+
+TEST_F(ToolSalvage, ExtractsOverNothing) {
+  done({"salvage", "--extract", "out", "test.qvd", "a.qvd"});
+  fails({"salvage", "--extract", "out", "test.qvd", "b.qvd"}, 1,
+        {"out/manifest.jsonl", "exists", "another folder"});
+  EXPECT_FALSE(std::filesystem::exists(path("b.qvd")));
+}
+
 TEST_F(ToolSalvage, TakesImagesThatBeginElsewhere) {
   writeFile(path("disk.img"), pattern(4096).add(contents()));
   done({"salvage", "--from", "4096", "disk.img", "a.qvd"});
@@ -88,7 +108,8 @@ TEST_F(ToolSalvage, SavesDatabasesThatAreStoredInPayloads) {
   EXPECT_EQ(stored["tables_written"], 1);
   EXPECT_EQ(stored["records_written"], 3);
   EXPECT_EQ(stored["verified"], true);
-  fails({"salvage", "--deep", "inside", "test.qvd", "c.qvd"}, 1, {"inside/at-" + at, "exists"});
+  fails({"salvage", "--deep", "inside", "test.qvd", "c.qvd"}, 1,
+        {"inside/at-" + at, "exists", "another folder"});
   EXPECT_FALSE(std::filesystem::exists(path("c.qvd")));
 }
 
@@ -138,6 +159,14 @@ TEST_F(ToolHistory, UndeleteBringsARecordBack) {
   EXPECT_EQ(payloadOf("old.qvd", ids[1]), "second");
   fails({"undelete", "test.qvd", "x.qvd", "notes", ids[0]}, 1, {"in use"});
   fails({"undelete", "test.qvd", "x.qvd", "notes", "0xee"}, 1, {"no such version"});
+}
+
+TEST_F(ToolHistory, UndeleteSaysWhenSomebodyWritesToTheSource) {
+  EXPECT_EQ(done({"undelete", "test.qvd", "alone.qvd", "notes", ids[1]}), "");
+  const std::int16_t db = open();
+  EXPECT_EQ(done({"undelete", "test.qvd", "beside.qvd", "notes", ids[1]}),
+            "Somebody has the source open for writing: do it again when nobody does.\n");
+  close(db);
 }
 
 }  // namespace

@@ -11,6 +11,19 @@
 
 namespace qvdb::tool {
 
+namespace {
+
+// What is saved from a damaged file goes over nothing, with no way to ask for it.
+std::string adviceForTakenName(std::string_view operation) {
+  if (operation == "write the salvaged database") return "choose another name for the new file";
+  if (operation == "extract payloads" || operation == "salvage the stored databases") {
+    return "choose another folder";
+  }
+  return "choose another name, or use --force to replace it";
+}
+
+}  // namespace
+
 Failure systemFailure(const std::string& path, const char* what) {
   return Failure(path + ": cannot " + what + ": " + std::generic_category().message(errno));
 }
@@ -22,11 +35,7 @@ std::string adviceFor(const Error& error) {
     case Reason::not_a_file:
       return "give the path of a database file";
     case Reason::file_exists:
-      // What is saved from a damaged file goes over nothing, with no way to ask for it.
-      if (error.operation() == std::string_view("write the salvaged database")) {
-        return "choose another name for the new file";
-      }
-      return "choose another name, or use --force to replace it";
+      return adviceForTakenName(error.operation());
     case Reason::access_denied:
       return "check the permissions of the file and its folder";
     case Reason::in_use:

@@ -131,9 +131,7 @@ void printReport(const SalvageReport& report, const std::map<std::string, Tally>
     printLine(counted(report.records_cut, "record has", "records have") +
               " lost a part of the payload");
   }
-  if (report.source_in_use) {
-    printLine("Somebody has the source open for writing: do it again when nobody does.");
-  }
+  if (report.source_in_use) printLine(kSourceInUse);
   printLine(counted(report.tables_written, "table", "tables") + ", " +
             counted(report.records_written, "record", "records") + ", " +
             counted(report.payload_bytes, "byte", "bytes") + " of payload written and " +
@@ -167,7 +165,7 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   SalvageOptions& salvage = options->salvage;
   arguments.argument("SRC", options->source,
-                     "The damaged file, or an image of a device; '-' is standard input.");
+                     "The damaged file, or a device or an image of one; '-' is standard input.");
   arguments.argument("DST", options->target, "The new file. Nothing may be there yet.");
   arguments.flag("--deleted", salvage.deleted,
                  "Also take deleted records, into the table lost-and-found.");
@@ -184,7 +182,7 @@ Action define(Arguments& arguments) {
                  "Put deleted records back into their own tables, behind the others.");
   arguments.option("--extract", "DIR", options->extract,
                    "Also write every payload to a file of its own in this folder, and a line of "
-                   "JSON for each to DIR/manifest.jsonl.");
+                   "JSON for each to DIR/manifest.jsonl. None of these may be there yet.");
   arguments.option(
       "--deep", "DIR", options->deep,
       "Also look for databases that are stored in payloads, or that stand side by side "
@@ -211,7 +209,10 @@ extern const Command kSalvageCommand = {
     "record was cut off, the version in use stays in its table and the newer one goes into the "
     "table lost-and-found.\n\n"
     "At the end the new file is checked. What could not be recovered is reported with its place "
-    "in the file.",
+    "in the file.\n\n"
+    "The new file appears under its name only when it is finished, and nothing stays of a salvage "
+    "that failed. Only a process that is killed leaves something behind: a file .qvdb-....tmp in "
+    "the folder of DST, and what it has written to DIR.",
     "qvdb salvage damaged.qvd saved.qvd\n"
     "qvdb salvage --deleted --extract payloads damaged.qvd saved.qvd\n"
     "qvdb salvage --grade B cut-short.qvd saved.qvd\n"

@@ -28,6 +28,10 @@ std::string timeText(std::int64_t seconds);
 // "1 file", "2 files".
 std::string counted(std::uint64_t count, const char* one, const char* many);
 
+// What was saved from a file may be work in progress of its writer.
+inline constexpr const char* kSourceInUse =
+    "Somebody has the source open for writing: do it again when nobody does.";
+
 }  // namespace qvdb::tool
 
 #endif

@@ -26,6 +26,7 @@ int run(const Options& options) {
   const SalvageReport report =
       undelete(options.source, options.target, options.table, *record, offset);
   for (const std::string& note : report.notes) printLine(escaped(note));
+  if (report.source_in_use) printLine(kSourceInUse);
   if (report.verified) return kDone;
   throw Failure(options.target + ": the new file is not as it should be; 'qvdb check' tells more");
 }

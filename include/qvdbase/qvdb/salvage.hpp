@@ -81,7 +81,7 @@ struct SalvageOptions {
   std::int64_t from = 0;
   bool ignore_directory = false;  // take header and directory for bytes like others
   // A folder for payloads, one file each, and "manifest.jsonl" with a line for each; it is made.
-  // Empty: none.
+  // Nothing in it is written over. Empty: none.
   std::filesystem::path extract_to = {};
   // A folder for the databases that are stored in payloads, or beside the blocks as in an image of
   // a device: each is salvaged as well, under the same options, into "at-<offset>.qvd"; the folder
@@ -121,13 +121,14 @@ struct SalvageReport {
   bool verified = false;               // the new file was checked and holds what was to be written
 };
 
-// Salvages `source` into `target`, which must not exist. The visitor, which may be empty, gets
-// every block that was found, in file order.
+// Salvages `source`, a file or a block device, into `target`, which must not exist and appears when
+// it is finished. The visitor, which may be empty, gets every block that was found, in file order.
 //
 // Throws Error: for the source no_such_file, not_a_file, access_denied, cannot_open and, when it
 // changes meanwhile, in_use; for the target file_exists, access_denied, cannot_open, cannot_write,
-// disk_full (what was written of it is removed); path_not_reachable. file_exists also for a file in
-// `deep_to`: then nothing is written. Finding nothing is no error.
+// disk_full; path_not_reachable. file_exists also for a file in `deep_to` or `extract_to`: then
+// nothing is written. What was written is removed, also when the visitor throws. Finding nothing is
+// no error.
 QVDBASE_API SalvageReport salvage(const std::filesystem::path& source,
                                   const std::filesystem::path& target,
                                   const BlockVisitor& visitor = {},

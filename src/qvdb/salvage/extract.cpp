@@ -1,21 +1,39 @@
 // Payload files are named by where their block stands in the source, which is the one thing that is
-// surely different for each.
+// surely different for each. Nothing is written over: the source may be a file of that name, from
+// an earlier salvage.
 #include "qvdb/salvage/extract.h"
 
 #include <qvdbase/qvdb/error.hpp>
 
 #include <algorithm>
-#include <fstream>
+#include <cstdio>
+#include <system_error>
 
 namespace qvdbase::salvage {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr size_t kPiece = size_t{1} << 20;
 constexpr const char* kOperation = "extract payloads";
+constexpr const char* kManifest = "manifest.jsonl";
 
-[[noreturn]] void fail(const std::filesystem::path& path) {
-  throw qvdb::Error(kOperation, qvdb::Reason::cannot_write,
-                    path.native() + ": cannot " + kOperation + ": it cannot be written");
+[[noreturn]] void fail(const fs::path& path, qvdb::Reason reason, const std::string& why) {
+  throw qvdb::Error(kOperation, reason, path.native() + ": cannot " + kOperation + ": " + why);
+}
+
+[[noreturn]] void failWriting(const fs::path& path) {
+  fail(path, qvdb::Reason::cannot_write, "it cannot be written");
+}
+
+void refuseWhatIsThere(const fs::path& path) {
+  std::error_code error;
+  if (!fs::exists(fs::symlink_status(path, error))) return;
+  fail(path, qvdb::Reason::file_exists, std::string(qvdb::to_string(qvdb::Reason::file_exists)));
+}
+
+std::string nameOf(const raw::Block& block) {
+  return std::to_string(block.position) + ".bin";
 }
 
 // FNV-1a, 64 bits: enough to see that a payload file was changed.
@@ -69,41 +87,96 @@ std::string line(const qvdb::FoundBlock& found, const std::string& file, const s
          ",\"there\":" + std::to_string(found.there) + ",\"fnv1a64\":\"" + hash + "\"}\n";
 }
 
-std::string extractOne(const raw::ByteSource& source, const raw::Block& block,
-                       const std::filesystem::path& path) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  std::vector<char> piece(kPiece);
-  Hash hash;
-  const int64_t there = block.dataThere();
-  for (int64_t done = 0; done < there;) {
-    const auto want = static_cast<size_t>(std::min<int64_t>(there - done, kPiece));
-    const size_t held = source.readAt(block.dataPos() + done, piece.data(), want);
-    std::fill(piece.begin() + static_cast<std::ptrdiff_t>(held), piece.end(), '\0');
-    out.write(piece.data(), static_cast<std::streamsize>(want));
-    hash.add(piece.data(), want);
-    done += static_cast<int64_t>(want);
-  }
-  if (!out.flush()) fail(path);
-  return hash.text();
-}
-
 }  // namespace
 
-void extractPayloads(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan,
-                     const std::filesystem::path& folder) {
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  std::ofstream manifest(folder / "manifest.jsonl", std::ios::binary | std::ios::trunc);
-  if (error || !manifest) fail(folder);
-  for (const uint32_t number : raw::blocksInFileOrder(survey)) {
-    const int place = plan.destination[number];
-    if (place < 0) continue;
-    qvdb::FoundBlock found = describe(survey, number);
-    found.written_to = plan.tables[static_cast<size_t>(place)].name();
-    const std::string file = std::to_string(found.offset) + ".bin";
-    manifest << line(found, file, extractOne(source, survey.blocks[number], folder / file));
+// A file that was not there before.
+class Extraction::Output {
+ public:
+  explicit Output(const fs::path& path) : path_(path), file_(std::fopen(path.c_str(), "wbx")) {
+    if (file_ != nullptr) return;
+    refuseWhatIsThere(path);
+    failWriting(path);
   }
-  if (!manifest.flush()) fail(folder / "manifest.jsonl");
+  ~Output() {
+    if (file_ != nullptr) std::fclose(file_);
+  }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  void write(const char* bytes, size_t count) {
+    if (std::fwrite(bytes, 1, count, file_) != count) failWriting(path_);
+  }
+  void finish() {
+    std::FILE* file = file_;
+    file_ = nullptr;
+    if (std::fclose(file) != 0) failWriting(path_);
+  }
+
+ private:
+  const fs::path path_;
+  std::FILE* file_;
+};
+
+Extraction::Extraction(const raw::Survey& survey, const Plan& plan, const fs::path& folder)
+    : survey_(survey), plan_(plan), folder_(folder) {
+  for (const uint32_t number : raw::blocksInFileOrder(survey)) {
+    if (plan.destination[number] >= 0) blocks_.push_back(number);
+  }
+  std::error_code error;
+  if (!fs::exists(fs::symlink_status(folder_, error))) return;
+  refuseWhatIsThere(folder_ / kManifest);
+  for (const uint32_t number : blocks_) refuseWhatIsThere(folder_ / nameOf(survey.blocks[number]));
+}
+
+Extraction::~Extraction() {
+  if (isKept_) return;
+  std::error_code ignored;
+  if (manifestMade_) fs::remove(folder_ / kManifest, ignored);
+  for (size_t i = 0; i < filesMade_; ++i) {
+    fs::remove(folder_ / nameOf(survey_.blocks[blocks_[i]]), ignored);
+  }
+  std::for_each(foldersMade_.rbegin(), foldersMade_.rend(),
+                [&](const fs::path& each) { fs::remove(each, ignored); });
+}
+
+// Missing folders are made one by one, so that no more than these are removed again.
+void Extraction::makeFolder() {
+  std::error_code error;
+  fs::path path;
+  for (const fs::path& part : folder_) {
+    path /= part;
+    if (fs::create_directory(path, error)) foldersMade_.push_back(path);
+  }
+  if (!fs::is_directory(folder_, error)) failWriting(folder_);
+}
+
+void Extraction::write(const raw::ByteSource& source) {
+  makeFolder();
+  Output manifest(folder_ / kManifest);
+  manifestMade_ = true;
+  std::vector<char> piece(kPiece);
+  for (const uint32_t number : blocks_) {
+    const raw::Block& block = survey_.blocks[number];
+    const std::string file = nameOf(block);
+    Output output(folder_ / file);
+    ++filesMade_;
+    Hash hash;
+    const int64_t there = block.dataThere();
+    for (int64_t done = 0; done < there;) {
+      const auto want = static_cast<size_t>(std::min<int64_t>(there - done, kPiece));
+      const size_t held = source.readAt(block.dataPos() + done, piece.data(), want);
+      std::fill(piece.begin() + static_cast<std::ptrdiff_t>(held), piece.end(), '\0');
+      output.write(piece.data(), want);
+      hash.add(piece.data(), want);
+      done += static_cast<int64_t>(want);
+    }
+    output.finish();
+    qvdb::FoundBlock found = describe(survey_, number);
+    found.written_to = plan_.tables[static_cast<size_t>(plan_.destination[number])].name();
+    const std::string text = line(found, file, hash.text());
+    manifest.write(text.data(), text.size());
+  }
+  manifest.finish();
 }
 
 }  // namespace qvdbase::salvage

@@ -8,7 +8,6 @@
 
 #include "qvdb/raw/open_file.h"
 #include "qvdb/raw/survey.h"
-#include "qvdb/salvage/plan.h"
 #include "qvdb/salvage/run.h"
 
 namespace qvdb {
@@ -103,7 +102,8 @@ std::vector<std::byte> read_version(const std::filesystem::path& path, const Fou
 
 SalvageReport undelete(const std::filesystem::path& source, const std::filesystem::path& target,
                        std::string_view table, Id record, std::optional<std::int64_t> offset) {
-  const OpenedFile file(source, kUndelete);
+  OpenedFile file(source, kUndelete);
+  file.watch();
   const Survey survey = qvdbase::raw::makeSurvey(file.source());
   const std::vector<std::uint32_t> versions =
       versionsOf(survey, ownerNamed(survey, table, source, kUndelete), record);
@@ -117,10 +117,10 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
   if (chosen == qvdbase::raw::kNoBlock) {
     fail(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
   }
-  SalvageReport report =
-      qvdbase::salvage::run(file.source(), survey, target, {}, {}, {.block = chosen});
-  report.source_in_use = file.isLockedByOthers();
-  return report;
+  qvdbase::salvage::Run run(file.source(), survey, target, {}, {}, {.block = chosen});
+  qvdbase::salvage::lookAtSourceAgain(file, source, kUndelete, &run.report());
+  run.place();
+  return run.report();
 }
 
 }  // namespace qvdb

@@ -3,13 +3,49 @@
 
 #include <qvdbase/qvdb/salvage.hpp>
 
+#include <optional>
+
 #include "qvdb/raw/byte_source.h"
+#include "qvdb/raw/open_file.h"
+#include "qvdb/salvage/extract.h"
 #include "qvdb/salvage/plan.h"
+#include "qvdb/salvage/target.h"
+#include "qvdb/salvage/writer.h"
 
 namespace qvdbase::salvage {
 
+// Everything is written and verified when the object is made, but the new file has not got its name
+// yet. Unless place() is called, the object leaves nothing behind.
+class Run {
+ public:
+  // All but `wanted` must outlive the run. Throws qvdb::Error, and what the visitor throws.
+  Run(const raw::ByteSource& source, const raw::Survey& survey, const std::filesystem::path& target,
+      const qvdb::BlockVisitor& visitor, const qvdb::SalvageOptions& options,
+      const Wanted& wanted = {});
+
+  qvdb::SalvageReport& report() { return report_; }
+
+  // Gives the new file its name. Throws qvdb::Error.
+  void place();
+
+ private:
+  void tell(const raw::Survey& survey, const qvdb::BlockVisitor& visitor);
+  bool verify() const;
+
+  const Plan plan_;
+  Target target_;
+  std::optional<Extraction> extraction_;
+  qvdb::SalvageReport report_;
+};
+
+// A run that is placed at once.
 qvdb::SalvageReport run(const raw::ByteSource& source, const raw::Survey& survey,
                         const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
-                        const qvdb::SalvageOptions& options, const Wanted& wanted = {});
+                        const qvdb::SalvageOptions& options);
+
+// What is known of the source when all of it was read. Says in the report whether anybody else has
+// it open for writing. Throws in_use, in the name of `operation`, when it was changed meanwhile.
+void lookAtSourceAgain(const raw::OpenedFile& source, const std::filesystem::path& path,
+                       const char* operation, qvdb::SalvageReport* report);
 
 }  // namespace qvdbase::salvage

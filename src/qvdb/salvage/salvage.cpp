@@ -2,73 +2,92 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/salvage.hpp>
 
-#include <algorithm>
-#include <cstring>
+#include <functional>
+#include <optional>
 
+#include "platform/read_only_file.h"
 #include "qvdb/check/check_source.h"
-#include "qvdb/raw/open_file.h"
 #include "qvdb/raw/part_source.h"
-#include "qvdb/salvage/extract.h"
 #include "qvdb/salvage/run.h"
 #include "qvdb/salvage/stored_databases.h"
-#include "qvdb/salvage/writer.h"
 
 namespace qvdbase::salvage {
-namespace {
 
 using raw::Survey;
 
-void tell(const Survey& survey, const Plan& plan, const qvdb::BlockVisitor& visitor,
-          qvdb::SalvageReport* report) {
-  report->blocks_found = survey.blocks.size();
+Run::Run(const raw::ByteSource& source, const Survey& survey, const std::filesystem::path& target,
+         const qvdb::BlockVisitor& visitor, const qvdb::SalvageOptions& options,
+         const Wanted& wanted)
+    : plan_(makePlan(survey, options, wanted)), target_(target) {
+  if (!options.extract_to.empty()) extraction_.emplace(survey, plan_, options.extract_to);
+  const Written written = writeFile(source, survey, plan_, target_);
+  if (extraction_) extraction_->write(source);
+  tell(survey, visitor);
+  report_.tables_written = plan_.tables.size();
+  report_.records_written = written.records;
+  report_.data_written = written.data;
+  report_.payload_bytes = written.payloadBytes;
+  report_.records_cut = written.recordsCut;
+  report_.tables_left_out = plan_.tablesLeftOut;
+  report_.notes = plan_.notes;
+  if (survey.unreadableAt >= 0) {
+    report_.notes.push_back("The system cannot read the source at " +
+                            std::to_string(survey.unreadableAt) + ".");
+  }
+  report_.verified = verify();
+}
+
+void Run::place() {
+  target_.place();
+  if (extraction_) extraction_->keep();
+}
+
+void Run::tell(const Survey& survey, const qvdb::BlockVisitor& visitor) {
+  report_.blocks_found = survey.blocks.size();
   for (const uint32_t number : raw::blocksInFileOrder(survey)) {
-    const int place = plan.destination[number];
-    if (place < 0) ++report->blocks_left_out;
+    const int place = plan_.destination[number];
+    if (place < 0) ++report_.blocks_left_out;
     if (!visitor) continue;
     qvdb::FoundBlock found = describe(survey, number);
-    if (place >= 0) found.written_to = plan.tables[static_cast<size_t>(place)].name();
+    if (place >= 0) found.written_to = plan_.tables[static_cast<size_t>(place)].name();
     visitor(found);
   }
   for (const raw::LeftoverRange& leftover : survey.leftovers) {
-    report->bytes_unknown += static_cast<uint64_t>(leftover.range.size());
-    report->unknown.push_back({leftover.range.begin, leftover.range.size()});
+    report_.bytes_unknown += static_cast<uint64_t>(leftover.range.size());
+    report_.unknown.push_back({leftover.range.begin, leftover.range.size()});
   }
 }
 
 // The new file must be sound, and hold as many records as were planned for each table.
-bool verify(const Plan& plan, const std::filesystem::path& target) {
-  const raw::OpenedFile file(target, "check the salvaged database");
-  const qvdb::CheckReport report = check::checkSource(file.source());
-  if (report.errors != 0 || report.tables.size() != plan.tables.size()) return false;
-  for (size_t i = 0; i < plan.tables.size(); ++i) {
-    if (report.tables[i].walked != plan.tables[i].records.size()) return false;
+bool Run::verify() const {
+  platform::ReadOnlyFile file;
+  platform::FileStamp stamp;
+  if (!file.open(target_.temporary()) || !file.stamp(&stamp)) {
+    target_.fail(qvdb::Reason::cannot_open);
+  }
+  const raw::FileSource source(file, stamp.size);
+  const qvdb::CheckReport report = check::checkSource(source);
+  if (report.errors != 0 || report.tables.size() != plan_.tables.size()) return false;
+  for (size_t i = 0; i < plan_.tables.size(); ++i) {
+    if (report.tables[i].walked != plan_.tables[i].records.size()) return false;
   }
   return true;
 }
 
-}  // namespace
-
 qvdb::SalvageReport run(const raw::ByteSource& source, const Survey& survey,
                         const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
-                        const qvdb::SalvageOptions& options, const Wanted& wanted) {
-  qvdb::SalvageReport report;
-  const Plan plan = makePlan(survey, options, wanted);
-  const Written written = writeFile(source, survey, plan, target);
-  if (!options.extract_to.empty()) extractPayloads(source, survey, plan, options.extract_to);
-  tell(survey, plan, visitor, &report);
-  report.tables_written = plan.tables.size();
-  report.records_written = written.records;
-  report.data_written = written.data;
-  report.payload_bytes = written.payloadBytes;
-  report.records_cut = written.recordsCut;
-  report.tables_left_out = plan.tablesLeftOut;
-  report.notes = plan.notes;
-  if (survey.unreadableAt >= 0) {
-    report.notes.push_back("The system cannot read the source at " +
-                           std::to_string(survey.unreadableAt) + ".");
-  }
-  report.verified = verify(plan, target);
-  return report;
+                        const qvdb::SalvageOptions& options) {
+  Run all(source, survey, target, visitor, options);
+  all.place();
+  return all.report();
+}
+
+void lookAtSourceAgain(const raw::OpenedFile& source, const std::filesystem::path& path,
+                       const char* operation, qvdb::SalvageReport* report) {
+  report->source_in_use = source.isLockedByOthers();
+  if (!source.hasChanged()) return;
+  throw qvdb::Error(operation, qvdb::Reason::in_use,
+                    path.native() + ": cannot " + operation + ": it was changed meanwhile");
 }
 
 }  // namespace qvdbase::salvage
@@ -77,57 +96,61 @@ namespace qvdb {
 namespace {
 
 using qvdbase::raw::ByteSource;
+using qvdbase::salvage::Run;
+using qvdbase::salvage::StoredDatabases;
 
-// Takes back what was written.
-void removeFiles(const std::filesystem::path& target, const SalvageReport& report) {
-  std::error_code ignored;
-  std::filesystem::remove(target, ignored);
-  for (const StoredDatabase& each : report.stored) std::filesystem::remove(each.file, ignored);
+constexpr const char* kOperation = "salvage the database";
+
+// Called when everything is written, and before the new file gets its name.
+using LastLook = std::function<void(SalvageReport*)>;
+
+// The new file comes last: it appears when all that was asked for is there.
+SalvageReport finish(Run* run, const StoredDatabases* stored, const LastLook& lastLook) {
+  SalvageReport& report = run->report();
+  try {
+    if (stored != nullptr) stored->salvage(&report);
+    if (lastLook) lastLook(&report);
+    run->place();
+    return report;
+  } catch (...) {
+    std::error_code ignored;
+    for (const StoredDatabase& each : report.stored) std::filesystem::remove(each.file, ignored);
+    throw;
+  }
 }
 
 SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path& target,
-                            const BlockVisitor& visitor, const SalvageOptions& options) {
+                            const BlockVisitor& visitor, const SalvageOptions& options,
+                            const LastLook& lastLook) {
   constexpr std::int64_t kMostMissing = std::int64_t{1} << 62;
   if (options.from < -kMostMissing) {
-    throw Error("salvage the database", Reason::bad_argument,
+    throw Error(kOperation, Reason::bad_argument,
                 "cannot salvage the database: it cannot begin that far before the source");
   }
   const qvdbase::raw::PartSource source(whole, options.from, whole.size());
   const bool isDeep = !options.deep_to.empty();
   const qvdbase::raw::Survey survey = qvdbase::raw::makeSurvey(
       source, {.deep = isDeep, .ignoreDirectory = options.ignore_directory});
-  if (!isDeep) return qvdbase::salvage::run(source, survey, target, visitor, options);
-
-  const qvdbase::salvage::StoredDatabases stored(source, survey, options);
-  SalvageReport report = qvdbase::salvage::run(source, survey, target, visitor, options);
-  try {
-    stored.salvage(&report);
-  } catch (...) {
-    removeFiles(target, report);
-    throw;
-  }
-  return report;
+  std::optional<StoredDatabases> stored;
+  if (isDeep) stored.emplace(source, survey, options);
+  Run run(source, survey, target, visitor, options);
+  return finish(&run, stored ? &*stored : nullptr, lastLook);
 }
 
 }  // namespace
 
 SalvageReport salvage(const std::filesystem::path& source, const std::filesystem::path& target,
                       const BlockVisitor& visitor, const SalvageOptions& options) {
-  qvdbase::raw::OpenedFile file(source, "salvage the database");
+  qvdbase::raw::OpenedFile file(source, kOperation);
   file.watch();
-  SalvageReport report = salvageSource(file.source(), target, visitor, options);
-  report.source_in_use = file.isLockedByOthers();
-  if (file.hasChanged()) {
-    removeFiles(target, report);
-    throw Error("salvage the database", Reason::in_use,
-                source.native() + ": cannot salvage the database: it was changed meanwhile");
-  }
-  return report;
+  return salvageSource(file.source(), target, visitor, options, [&](SalvageReport* report) {
+    qvdbase::salvage::lookAtSourceAgain(file, source, kOperation, report);
+  });
 }
 
 SalvageReport salvage_image(std::span<const std::byte> image, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options) {
-  return salvageSource(qvdbase::raw::MemorySource(image), target, visitor, options);
+  return salvageSource(qvdbase::raw::MemorySource(image), target, visitor, options, {});
 }
 
 std::string_view to_string(BlockLabel label) noexcept {

@@ -3,8 +3,6 @@
 // identifiers, the times and the spare room that the blocks are to have.
 #include "qvdb/salvage/writer.h"
 
-#include <qvdbase/qvdb/error.hpp>
-
 #include <algorithm>
 #include <cstring>
 
@@ -20,13 +18,6 @@ using raw::Block;
 
 constexpr size_t kBuffer = size_t{1} << 20;
 constexpr int64_t kBlocksStart = kDirectoryPos + int64_t{kNewSlotCount} * kSlotImageSize;
-constexpr const char* kOperation = "write the salvaged database";
-
-[[noreturn]] void fail(const std::filesystem::path& target, qvdb::Reason reason) {
-  throw qvdb::Error(
-      kOperation, reason,
-      target.native() + ": cannot " + kOperation + ": " + std::string(qvdb::to_string(reason)));
-}
 
 // What a block will hold in the new file.
 struct Content {
@@ -43,17 +34,8 @@ Content contentOf(const Block& block) {
 // Bytes in order, through a buffer.
 class Output {
  public:
-  Output(const std::filesystem::path& target) : target_(target), buffer_(kBuffer) {
-    std::error_code error;
-    const std::string path = std::filesystem::absolute(target, error).native();
-    if (error || target.empty()) fail(target, qvdb::Reason::path_not_reachable);
-    if (std::filesystem::exists(std::filesystem::symlink_status(target, error))) {
-      fail(target, qvdb::Reason::file_exists);
-    }
-    if (!std::filesystem::is_directory(std::filesystem::path(path).parent_path(), error)) {
-      fail(target, qvdb::Reason::path_not_reachable);
-    }
-    if (!file_.create(path)) fail(target, qvdb::Reason::access_denied);
+  explicit Output(const Target& target) : target_(target), buffer_(kBuffer) {
+    if (!file_.create(target.temporary())) target.fail(qvdb::Reason::access_denied);
   }
 
   void write(const void* bytes, size_t count) {
@@ -81,19 +63,19 @@ class Output {
 
   void finish() {
     flush();
-    if (!file_.finish()) fail(target_, qvdb::Reason::cannot_write);
+    if (!file_.finish()) target_.fail(qvdb::Reason::cannot_write);
   }
 
  private:
   void flush() {
     if (!file_.writeAt(flushed_, buffer_.data(), held_)) {
-      fail(target_, file_.wasFull() ? qvdb::Reason::disk_full : qvdb::Reason::cannot_write);
+      target_.fail(file_.wasFull() ? qvdb::Reason::disk_full : qvdb::Reason::cannot_write);
     }
     flushed_ += static_cast<int64_t>(held_);
     held_ = 0;
   }
 
-  const std::filesystem::path& target_;
+  const Target& target_;
   platform::NewFile file_;
   std::vector<unsigned char> buffer_;
   size_t held_ = 0;
@@ -247,17 +229,11 @@ class Writer {
 }  // namespace
 
 Written writeFile(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan,
-                  const std::filesystem::path& target) {
+                  const Target& target) {
   Output output(target);
-  try {
-    const Written written = Writer(source, survey, plan, &output).write();
-    output.finish();
-    return written;
-  } catch (...) {
-    std::error_code ignored;
-    std::filesystem::remove(target, ignored);
-    throw;
-  }
+  const Written written = Writer(source, survey, plan, &output).write();
+  output.finish();
+  return written;
 }
 
 }  // namespace qvdbase::salvage

@@ -1,10 +1,9 @@
 // Writing the new file of a salvage.
 #pragma once
 
-#include <filesystem>
-
 #include "qvdb/raw/byte_source.h"
 #include "qvdb/salvage/plan.h"
+#include "qvdb/salvage/target.h"
 
 namespace qvdbase::salvage {
 
@@ -15,9 +14,9 @@ struct Written {
   uint64_t recordsCut = 0;
 };
 
-// Writes what the plan says, from front to back, in a new file at `target`, and removes it again
-// when that fails. Throws qvdb::Error.
+// Writes what the plan says, from front to back, under the temporary name of `target`. Throws
+// qvdb::Error.
 Written writeFile(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan,
-                  const std::filesystem::path& target);
+                  const Target& target);
 
 }  // namespace qvdbase::salvage
