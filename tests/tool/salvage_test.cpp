@@ -50,6 +50,7 @@ TEST_F(ToolSalvage, ListsBlocksAndPrintsJson) {
   const auto report = json({"salvage", "--json", "test.qvd", "b.qvd"});
   EXPECT_EQ(report["verified"], true);
   EXPECT_EQ(report["records_written"], 2);
+  EXPECT_EQ(report["bytes_unreadable"], 0);
   EXPECT_EQ(report["blocks_left_out"], 1);
 }
 

@@ -90,6 +90,7 @@ Json jsonOf(const SalvageReport& report, const std::map<std::string, Tally>& tal
   json["table_data_written"] = report.data_written;
   json["payload_bytes"] = report.payload_bytes;
   json["records_cut"] = report.records_cut;
+  json["bytes_unreadable"] = report.bytes_unreadable;
   json["blocks_found"] = report.blocks_found;
   json["blocks_left_out"] = report.blocks_left_out;
   json["tables_left_out"] = report.tables_left_out;
@@ -209,7 +210,7 @@ extern const Command kSalvageCommand = {
     "record was cut off, the version in use stays in its table and the newer one goes into the "
     "table lost-and-found.\n\n"
     "At the end the new file is checked. What could not be recovered is reported with its place "
-    "in the file.\n\n"
+    "in the file. Zeros stand in for payload that the system cannot read, and are counted.\n\n"
     "The new file appears under its name only when it is finished, and nothing stays of a salvage "
     "that failed. Only a process that is killed leaves something behind: a file .qvdb-....tmp in "
     "the folder of DST, and what it has written to DIR.",

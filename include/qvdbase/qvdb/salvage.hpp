@@ -111,6 +111,7 @@ struct SalvageReport {
   std::uint64_t data_written = 0;      // blocks of table data
   std::uint64_t payload_bytes = 0;     // written
   std::uint64_t records_cut = 0;       // of those written, the ones whose payload is not all there
+  std::uint64_t bytes_unreadable = 0;  // of those payloads: the system cannot read them; now zeros
   std::uint64_t blocks_left_out = 0;   // found, but not asked for
   std::uint64_t tables_left_out = 0;   // a database has room for 31
   std::uint64_t bytes_unknown = 0;     // bytes that belong to no block

@@ -9,12 +9,13 @@
 #include <cstdio>
 #include <system_error>
 
+#include "qvdb/salvage/payload_reader.h"
+
 namespace qvdbase::salvage {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kPiece = size_t{1} << 20;
 constexpr const char* kOperation = "extract payloads";
 constexpr const char* kManifest = "manifest.jsonl";
 
@@ -50,6 +51,12 @@ class Hash {
   uint64_t value_ = 0xCBF29CE484222325u;
 };
 
+// What was written of a payload.
+struct Content {
+  std::string hash;         // of all of it
+  uint64_t unreadable = 0;  // bytes for which zeros stand
+};
+
 // Names in files may hold any bytes: what is not plain ASCII is escaped byte by byte, so that the
 // line is JSON whatever the name is.
 std::string quoted(const std::string& text) {
@@ -69,7 +76,7 @@ std::string quoted(const std::string& text) {
   return result + "\"";
 }
 
-std::string line(const qvdb::FoundBlock& found, const std::string& file, const std::string& hash) {
+std::string line(const qvdb::FoundBlock& found, const std::string& file, const Content& content) {
   static constexpr const char* kGrades[] = {"A", "B", "C"};
   const std::string number = std::to_string(found.offset);
   std::string text = "{\"file\":" + quoted(file) + ",\"offset\":" + number + ",\"kind\":\"" +
@@ -84,7 +91,8 @@ std::string line(const qvdb::FoundBlock& found, const std::string& file, const s
             ",\"modified\":" + std::to_string(found.modify_time);
   }
   return text + ",\"length\":" + std::to_string(found.length) +
-         ",\"there\":" + std::to_string(found.there) + ",\"fnv1a64\":\"" + hash + "\"}\n";
+         ",\"there\":" + std::to_string(found.there) + ",\"fnv1a64\":\"" + content.hash +
+         "\",\"unreadable\":" + std::to_string(content.unreadable) + "}\n";
 }
 
 }  // namespace
@@ -154,26 +162,23 @@ void Extraction::write(const raw::ByteSource& source) {
   makeFolder();
   Output manifest(folder_ / kManifest);
   manifestMade_ = true;
-  std::vector<char> piece(kPiece);
+  PayloadReader payloads(source);
   for (const uint32_t number : blocks_) {
-    const raw::Block& block = survey_.blocks[number];
-    const std::string file = nameOf(block);
+    const std::string file = nameOf(survey_.blocks[number]);
     Output output(folder_ / file);
     ++filesMade_;
     Hash hash;
-    const int64_t there = block.dataThere();
-    for (int64_t done = 0; done < there;) {
-      const auto want = static_cast<size_t>(std::min<int64_t>(there - done, kPiece));
-      const size_t held = source.readAt(block.dataPos() + done, piece.data(), want);
-      std::fill(piece.begin() + static_cast<std::ptrdiff_t>(held), piece.end(), '\0');
-      output.write(piece.data(), want);
-      hash.add(piece.data(), want);
-      done += static_cast<int64_t>(want);
-    }
+    Content content;
+    content.unreadable =
+        payloads.read(survey_.blocks[number], [&](const char* bytes, size_t count) {
+          output.write(bytes, count);
+          hash.add(bytes, count);
+        });
     output.finish();
+    content.hash = hash.text();
     qvdb::FoundBlock found = describe(survey_, number);
     found.written_to = plan_.tables[static_cast<size_t>(plan_.destination[number])].name();
-    const std::string text = line(found, file, hash.text());
+    const std::string text = line(found, file, content);
     manifest.write(text.data(), text.size());
   }
   manifest.finish();

@@ -30,6 +30,7 @@ class Run {
 
  private:
   void tell(const raw::Survey& survey, const qvdb::BlockVisitor& visitor);
+  void note(const raw::Survey& survey, const Written& written);
   bool verify() const;
 
   const Plan plan_;

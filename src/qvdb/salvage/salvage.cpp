@@ -27,13 +27,10 @@ Run::Run(const raw::ByteSource& source, const Survey& survey, const std::filesys
   report_.records_written = written.records;
   report_.data_written = written.data;
   report_.payload_bytes = written.payloadBytes;
+  report_.bytes_unreadable = written.bytesUnreadable;
   report_.records_cut = written.recordsCut;
   report_.tables_left_out = plan_.tablesLeftOut;
-  report_.notes = plan_.notes;
-  if (survey.unreadableAt >= 0) {
-    report_.notes.push_back("The system cannot read the source at " +
-                            std::to_string(survey.unreadableAt) + ".");
-  }
+  note(survey, written);
   report_.verified = verify();
 }
 
@@ -56,6 +53,21 @@ void Run::tell(const Survey& survey, const qvdb::BlockVisitor& visitor) {
     report_.bytes_unknown += static_cast<uint64_t>(leftover.range.size());
     report_.unknown.push_back({leftover.range.begin, leftover.range.size()});
   }
+}
+
+void Run::note(const Survey& survey, const Written& written) {
+  report_.notes = plan_.notes;
+  int64_t position = survey.unreadableAt;
+  if (position < 0 || (written.unreadableAt >= 0 && written.unreadableAt < position)) {
+    position = written.unreadableAt;
+  }
+  if (position < 0) return;
+  std::string text = "The system cannot read the source at " + std::to_string(position);
+  if (written.bytesUnreadable > 0) {
+    text += "; zeros stand for " + std::to_string(written.bytesUnreadable) +
+            (written.bytesUnreadable == 1 ? " byte" : " bytes") + " of payload";
+  }
+  report_.notes.push_back(text + ".");
 }
 
 // The new file must be sound, and hold as many records as were planned for each table.

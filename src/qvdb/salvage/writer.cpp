@@ -10,6 +10,7 @@
 #include "format/block_heads.h"
 #include "format/identifiers.h"
 #include "platform/new_file.h"
+#include "qvdb/salvage/payload_reader.h"
 
 namespace qvdbase::salvage {
 namespace {
@@ -85,13 +86,14 @@ class Output {
 class Writer {
  public:
   Writer(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan, Output* output)
-      : source_(source), survey_(survey), plan_(plan), output_(*output) {}
+      : payloads_(source), survey_(survey), plan_(plan), output_(*output) {}
 
   Written write() {
     layOut();
     writeHeader();
     for (size_t i = 0; i < kNewSlotCount; ++i) writeSlot(i);
     for (const Place& place : places_) writeTable(place);
+    written_.unreadableAt = payloads_.unreadableAt();
     return written_;
   }
 
@@ -181,9 +183,9 @@ class Writer {
     unsigned char bytes[record::kData];
     encodeRecordHead(head, bytes);
     output_.write(bytes, sizeof bytes);
-    writePayload(from, content);
+    const bool isWhole = writePayload(from, content) && content.length == from.length;
     ++written_.records;
-    if (content.length < from.length) ++written_.recordsCut;
+    if (!isWhole) ++written_.recordsCut;
   }
 
   void writeTableData(const PlannedTable& table, const Block& from) {
@@ -201,24 +203,19 @@ class Writer {
     ++written_.data;
   }
 
-  // The payload, fill up to the capacity, and the end mark. Where the source cannot be read, zeros
-  // stand in for its bytes.
-  void writePayload(const Block& from, const Content& content) {
-    std::vector<unsigned char> piece(std::min<size_t>(content.length, kBuffer));
-    for (int64_t done = 0; done < content.length;) {
-      const auto want = static_cast<size_t>(
-          std::min<int64_t>(content.length - done, static_cast<int64_t>(piece.size())));
-      const size_t held = source_.readAt(from.dataPos() + done, piece.data(), want);
-      std::fill(piece.begin() + static_cast<std::ptrdiff_t>(held), piece.end(), 0);
-      output_.write(piece.data(), want);
-      done += static_cast<int64_t>(want);
-    }
+  // The payload, fill up to the capacity, and the end mark. False when the source could not be read
+  // everywhere.
+  bool writePayload(const Block& from, const Content& content) {
+    const uint64_t unreadable =
+        payloads_.read(from, [&](const char* bytes, size_t count) { output_.write(bytes, count); });
     output_.fill(content.capacity - content.length);
     output_.write(&kBlockEndMark, 1);
     written_.payloadBytes += content.length;
+    written_.bytesUnreadable += unreadable;
+    return unreadable == 0;
   }
 
-  const raw::ByteSource& source_;
+  PayloadReader payloads_;
   const raw::Survey& survey_;
   const Plan& plan_;
   Output& output_;
