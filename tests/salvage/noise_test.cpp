@@ -11,6 +11,7 @@
 #include "check/random_database.h"
 #include "salvage/salvage_kit.h"
 #include "support/file_image.h"
+#include "support/sanitized.h"
 
 namespace qvdbase::test {
 namespace {
@@ -226,20 +227,6 @@ TEST(SalvageOfLargeFiles, FindsOneBlockAtTheEnd) {
   ASSERT_EQ(survey.blocks.size(), 1u);
   EXPECT_EQ(survey.blocks[0].position, size - static_cast<std::int64_t>(block.size()));
 }
-
-// The sanitizers take memory of their own.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QVDBASE_IS_SANITIZED
-#endif
-#elif defined(__SANITIZE_ADDRESS__)
-#define QVDBASE_IS_SANITIZED
-#endif
-#if defined(QVDBASE_IS_SANITIZED)
-constexpr bool kIsSanitized = true;
-#else
-constexpr bool kIsSanitized = false;
-#endif
 
 // Kilobytes of memory that a salvage takes, in a process of its own; 0 when it fails.
 long memoryOfSalvage(const std::filesystem::path& source, const std::filesystem::path& target) {

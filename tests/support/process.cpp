@@ -105,6 +105,10 @@ Outcome runProgram(const ProgramCall& call) {
   Channel in = pipeChannel(false);
   Channel out = call.terminal == Terminal::output ? terminalChannel() : pipeChannel(true);
   Channel err = call.terminal == Terminal::error ? terminalChannel() : pipeChannel(true);
+  if (!call.inputFile.empty()) {
+    in.theirs = End(::open(call.inputFile.c_str(), O_RDONLY | O_CLOEXEC));
+    if (in.theirs.get() < 0) failed("open the input file");
+  }
   if (!call.outputFile.empty()) {
     out.theirs = End(::open(call.outputFile.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
     if (out.theirs.get() < 0) failed("open the output file");

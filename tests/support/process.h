@@ -25,6 +25,7 @@ struct ProgramCall {
   std::filesystem::path folder;  // where it runs; empty: here
   Terminal terminal = Terminal::none;
   bool closesOutput = false;  // nobody reads its standard output
+  std::string inputFile;      // standard input is this file instead
   std::string outputFile;     // standard output goes to this file instead
   // Called once the program runs, with its process identifier; for sending signals.
   std::function<void(pid_t)> meanwhile;

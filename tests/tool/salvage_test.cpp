@@ -1,4 +1,7 @@
 // qvdb salvage, history and undelete
+#include <sys/stat.h>
+
+#include "support/sanitized.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {
@@ -59,6 +62,48 @@ TEST_F(ToolSalvage, ReadsStandardInputAndExtractsPayloads) {
   EXPECT_EQ(readFile(path("out/4630.bin")), bytesOf("first"));
   EXPECT_TRUE(std::filesystem::exists(path("out/manifest.jsonl")));
   EXPECT_EQ(payloadOf("saved.qvd", ids[0]), "first");
+}
+
+// It would not fit into memory; the database stands behind what is no part of it.
+TEST_F(ToolSalvage, ReadsStandardInputInPlaceWhenItIsAFile) {
+  constexpr std::uint64_t kBegin = std::uint64_t{5} << 30;
+  writeFile(path("disk.img"), pattern(100));
+  std::filesystem::resize_file(path("disk.img"), kBegin);
+  patchFile(path("disk.img"), kBegin, contents());
+  struct stat status = {};
+  ASSERT_EQ(::stat(path("disk.img").c_str(), &status), 0);
+  if (status.st_blocks * 512 > status.st_size / 2) GTEST_SKIP() << "no holes in this file system";
+
+  ProgramCall call = callOf({"salvage", "--from", std::to_string(kBegin), "-", "saved.qvd"});
+  call.inputFile = path("disk.img");
+  EXPECT_EQ(runProgram(call).status, 0);
+  EXPECT_EQ(payloadOf("saved.qvd", ids[1]), "second");
+  call.arguments = {"salvage", "-", "all.qvd"};  // through the hole
+  EXPECT_EQ(runProgram(call).status, 0);
+  EXPECT_EQ(json({"tables", "--json", "all.qvd"})["tables"][0]["records"], 3);
+}
+
+TEST_F(ToolSalvage, ReadsStandardInputFromWhereItStands) {
+  writeFile(path("disk.img"), pattern(4096).add(contents()));
+  ProgramCall call =
+      callOf({"-c", "dd bs=4096 count=1 of=skipped && exec \"$0\" salvage - a.qvd", QVDB_TOOL});
+  call.program = "/bin/sh";
+  call.inputFile = path("disk.img");
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  EXPECT_EQ(readFile(path("skipped")), pattern(4096));
+  EXPECT_EQ(database("a.qvd").tables.at(0).name, "notes");
+}
+
+TEST_F(ToolSalvage, SaysWhenAPipeHoldsMoreThanMemoryDoes) {
+  if (kIsSanitized) GTEST_SKIP() << "the sanitizers take more memory than is left here";
+  ProgramCall call = callOf(
+      {"-c", "ulimit -v 300000; head -c 400000000 /dev/zero | \"$0\" salvage - a.qvd", QVDB_TOOL});
+  call.program = "/bin/sh";
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  expectOneLine(outcome.err, {"standard input", "not enough memory", "file"});
+  EXPECT_FALSE(std::filesystem::exists(path("a.qvd")));
 }
 
 TEST_F(ToolSalvage, LeavesNothingWhenNobodyReadsItsOutputAnyMore) {

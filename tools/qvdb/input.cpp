@@ -1,4 +1,4 @@
-// Reading what is to be stored.
+// Reading what is to be stored, or salvaged.
 #include "qvdb/input.h"
 
 #include <fcntl.h>
@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
+#include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "qvdb/failure.h"
@@ -16,6 +19,8 @@ namespace {
 
 constexpr std::size_t kPiece = 65536;
 constexpr std::size_t kLargestPayload = 0xFFFFFFFF;
+constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+constexpr const char* kStandardInput = "standard input";
 
 // Room for the file as it is now, and a byte more to see its end; pipes grow as they come.
 std::size_t firstRoom(int descriptor) {
@@ -33,6 +38,24 @@ std::size_t readSome(int descriptor, const std::string& name, std::byte* to, std
   }
 }
 
+void readUpTo(std::size_t most, int descriptor, const std::string& name,
+              std::vector<std::byte>* buffer) {
+  const std::size_t room = firstRoom(descriptor);
+  if (buffer->size() < room) buffer->resize(room);
+  std::size_t size = 0;
+  while (const std::size_t got =
+             readSome(descriptor, name, buffer->data() + size, buffer->size() - size)) {
+    size += got;
+    if (size > most) {
+      throw Failure(name +
+                    ": has more than 4,294,967,295 bytes, which is the most that a record "
+                    "can hold; split it");
+    }
+    if (size == buffer->size()) buffer->resize(size + std::max(size, kPiece));
+  }
+  buffer->resize(size);
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
@@ -47,26 +70,13 @@ Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
 }
 
 void readAll(int descriptor, const std::string& name, std::vector<std::byte>* buffer) {
-  const std::size_t room = firstRoom(descriptor);
-  if (buffer->size() < room) buffer->resize(room);
-  std::size_t size = 0;
-  while (const std::size_t got =
-             readSome(descriptor, name, buffer->data() + size, buffer->size() - size)) {
-    size += got;
-    if (size > kLargestPayload) {
-      throw Failure(name +
-                    ": has more than 4,294,967,295 bytes, which is the most that a record "
-                    "can hold; split it");
-    }
-    if (size == buffer->size()) buffer->resize(size + std::max(size, kPiece));
-  }
-  buffer->resize(size);
+  readUpTo(kLargestPayload, descriptor, name, buffer);
 }
 
 std::vector<std::byte> readInput(const std::string& path) {
   std::vector<std::byte> buffer;
   if (path == "-") {
-    readAll(STDIN_FILENO, "standard input", &buffer);
+    readAll(STDIN_FILENO, kStandardInput, &buffer);
     return buffer;
   }
   // A pipe that nobody writes to yet is waited for when it is read, where Ctrl-C is noticed.
@@ -74,6 +84,32 @@ std::vector<std::byte> readInput(const std::string& path) {
   if (!file) throw systemFailure(path, "open");
   readAll(file.number(), path, &buffer);
   return buffer;
+}
+
+std::optional<std::string> pathOfStandardInput() {
+  constexpr const char* kPath = "/dev/stdin";
+  struct stat status = {};
+  if (::fstat(STDIN_FILENO, &status) != 0) return std::nullopt;
+  if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) return std::nullopt;
+  if (::lseek(STDIN_FILENO, 0, SEEK_CUR) != 0) return std::nullopt;
+  // What another user has opened for us may refuse to be opened again.
+  const Descriptor again(::open(kPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat found = {};
+  if (!again || ::fstat(again.number(), &found) != 0) return std::nullopt;
+  if (found.st_dev != status.st_dev || found.st_ino != status.st_ino) return std::nullopt;
+  return kPath;
+}
+
+std::vector<std::byte> readStandardInput() {
+  std::vector<std::byte> buffer;
+  try {
+    readUpTo(kNoLimit, STDIN_FILENO, kStandardInput, &buffer);
+    return buffer;
+  } catch (const std::bad_alloc&) {
+  } catch (const std::length_error&) {
+  }
+  throw Failure(std::string(kStandardInput) +
+                ": there is not enough memory for it; write it to a file and name that");
 }
 
 }  // namespace qvdb::tool

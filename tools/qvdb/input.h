@@ -1,10 +1,11 @@
-// Reading what is to be stored: a file, or standard input for "-".
+// Reading what is to be stored, or salvaged: a file, or standard input for "-".
 #ifndef QVDB_TOOL_INPUT_H
 #define QVDB_TOOL_INPUT_H
 
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,13 @@ void readAll(int descriptor, const std::string& name, std::vector<std::byte>* bu
 
 // The whole of a file, or of standard input for "-".
 std::vector<std::byte> readInput(const std::string& path);
+
+// A path by which standard input can be opened, for reading it in place: when it is a file or a
+// block device of which nothing was read yet.
+std::optional<std::string> pathOfStandardInput();
+
+// All of standard input, as far as there is memory for it. Throws Failure.
+std::vector<std::byte> readStandardInput();
 
 }  // namespace qvdb::tool
 

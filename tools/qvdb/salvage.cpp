@@ -139,6 +139,15 @@ void printReport(const SalvageReport& report, const std::map<std::string, Tally>
             (report.verified ? "checked" : "NOT as they should be: check the new file"));
 }
 
+// Standard input is read in place where it can be: an image need not fit into memory.
+SalvageReport salvageSource(const Options& options, const BlockVisitor& visit) {
+  const SalvageOptions how = optionsOf(options);
+  if (options.source != "-") return salvage(options.source, options.target, visit, how);
+  const auto path = pathOfStandardInput();
+  if (path) return salvage(*path, options.target, visit, how);
+  return salvage_image(readStandardInput(), options.target, visit, how);
+}
+
 int run(const Options& options) {
   std::map<std::string, Tally> tallies;
   const BlockVisitor visit = [&](const FoundBlock& block) {
@@ -147,10 +156,7 @@ int run(const Options& options) {
     if (!block.written_to.empty()) ++tally.written;
     if (options.verbose && !options.json) printLine(lineOf(block));
   };
-  const SalvageOptions salvageOptions = optionsOf(options);
-  const SalvageReport report =
-      options.source == "-" ? salvage_image(readInput("-"), options.target, visit, salvageOptions)
-                            : salvage(options.source, options.target, visit, salvageOptions);
+  const SalvageReport report = salvageSource(options, visit);
   if (options.json) {
     printJson(jsonOf(report, tallies));
   } else {

@@ -1,0 +1,22 @@
+// Whether the tests run under the address sanitizer, which takes memory of its own.
+#ifndef QVDBASE_TESTS_SUPPORT_SANITIZED_H
+#define QVDBASE_TESTS_SUPPORT_SANITIZED_H
+
+namespace qvdbase::test {
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QVDBASE_IS_SANITIZED
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+#define QVDBASE_IS_SANITIZED
+#endif
+#if defined(QVDBASE_IS_SANITIZED)
+inline constexpr bool kIsSanitized = true;
+#else
+inline constexpr bool kIsSanitized = false;
+#endif
+
+}  // namespace qvdbase::test
+
+#endif
