@@ -26,8 +26,8 @@ int runPacking(const Packing& packing, const PackOptions& options) {
     complain(options.target + ": table '" + table + "' has records, and so lost its data" +
              packing.lostData);
   }
-  printLine(packing.done + (" " + counted(report.size_before, "byte", "bytes")) + " into " +
-            std::to_string(report.size_after));
+  printLine(std::string(packing.done) + " " + counted(report.size_before, "byte", "bytes") +
+            " into " + std::to_string(report.size_after));
   return kDone;
 }
 
