@@ -1,5 +1,5 @@
 // A piece of the file in memory, for a walk whose records lie close together in the order of the
-// file: one read brings hundreds of them, headers and payloads, and none is read twice.
+// file: one read brings hundreds of them, headers and payloads.
 #pragma once
 
 #include <cstddef>

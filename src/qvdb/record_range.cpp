@@ -44,12 +44,12 @@ struct detail::Walk {
   Load load = Load::headers;
   std::vector<RecordInfo> batch;
   std::vector<std::byte> payloads;  // of the batch, one behind the other
-  std::size_t payloadAt = 0;        // of the current record
+  std::size_t payloadAt = 0;        // of the next record
   FilePiece piece;
   bool inPiece = false;           // the walk goes through the piece, and there is no batch
   std::size_t fromPiece = 0;      // records that have come of the piece
   bool isDense = false;           // what follows is worth a piece
-  std::size_t at = 0;             // of the current record in the batch
+  std::size_t at = 0;             // of the next record in the batch
   std::uint32_t delivered = 0;    // records, the current one included
   std::uint64_t changesSeen = 0;  // OpenDatabase::changes when the batch was read
   std::size_t batchSize = kFirstBatch;
@@ -158,7 +158,7 @@ struct detail::Walk {
     fromPiece = 0;
     inPiece = readPiece(operation);
     if (inPiece && takeFromPiece(info, payload)) return true;
-    inPiece = false;
+    if (inPiece) isDense = inPiece = false;
     if (!isDamaged) readBatch(operation);
     if (batch.empty() && isDamaged) failDamagedChain(operation, walker, tableName);
     return takeFromBatch(info, payload);

@@ -169,6 +169,83 @@ TEST_F(LongWalk, EndsInALoopWithinAPiece) {
   EXPECT_LE(seen, 10'000u);
 }
 
+// The next record lies in the piece, but the table counts no more.
+TEST_F(LongWalk, EndsWhereTheCountEndsWithinAPiece) {
+  FileImage image;
+  image.addTable("notes", 0x11);
+  for (std::uint64_t i = 0; i < 1000; ++i) image.addRecord(0, 0xA0 + i, pattern(5));
+  image.slot(0).recordCount = 600;
+  allowDamage();
+  for (const Load load : {Load::headers, Load::payloads}) {
+    auto database = openImage(image);
+    EXPECT_EQ(std::ranges::distance(database.table("notes").records(load)), 600);
+  }
+}
+
+TEST_F(LongWalk, TellsThatTheChainEndsBeforeTheCountWithinAPiece) {
+  FileImage image;
+  image.addTable("notes", 0x11);
+  for (std::uint64_t i = 0; i < 1000; ++i) image.addRecord(0, 0xA0 + i, pattern(5));
+  image.slot(0).recordCount = 1001;
+  allowDamage();
+  auto database = openImage(image);
+  std::size_t seen = 0;
+  const std::string why = expectError(Reason::chain_damaged, [&] {
+    for ([[maybe_unused]] const auto& record : database.table("notes").records()) ++seen;
+  });
+  EXPECT_EQ(seen, 1000u);
+  EXPECT_NE(why.find("1001"), std::string::npos) << why;
+}
+
+// A piece holds some 840 of these: one of the damages stands at the beginning of one.
+TEST_F(LongWalk, TellsOfADamageThatIsTheFirstOfAPiece) {
+  FileImage image;
+  image.addTable("notes", 0x11);
+  std::vector<std::int64_t> at;
+  for (std::uint64_t i = 0; i < 3000; ++i) at.push_back(image.addRecord(0, 0xA0 + i, pattern(100)));
+  allowDamage();
+  const Bytes sound = image.build();
+  for (std::size_t damaged = 1000; damaged < 1900; ++damaged) {
+    writeFile(path(), sound.with(static_cast<std::size_t>(at[damaged]), Bytes().zeros(1)));
+    auto database = openDatabase(qvdb::Mode::read_only);
+    std::size_t seen = 0;
+    expectError(Reason::chain_damaged, [&] {
+      for ([[maybe_unused]] const auto& record : database.table("notes").records()) ++seen;
+    });
+    ASSERT_EQ(seen, damaged);
+  }
+}
+
+TEST_F(LongWalk, FailsWhenTheDatabaseIsClosedWithinAPiece) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  fill(table, 2000, 50);
+  std::size_t seen = 0;
+  expectError(Reason::not_open, [&] {
+    for ([[maybe_unused]] const auto& record : table.records()) {
+      if (++seen == 1500) database.close();
+    }
+  });
+  EXPECT_EQ(seen, 1500u);
+}
+
+// A piece that cannot hold its first record is not tried again: each of the large records that
+// follow costs its own reads.
+TEST_F(LongWalk, ReadsNoPiecesInVain) {
+  if (!platform::gathersTransfers()) GTEST_SKIP();
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  fill(table, 300, 100);
+  fill(table, 100, 300'000);
+  std::size_t asked = 0;
+  RecordedCalls host;
+  EXPECT_EQ(std::ranges::distance(table.records(Load::payloads)), 400);
+  for (const Event& event : host.events()) {
+    if (event.call == Call::read) asked += event.count;
+  }
+  EXPECT_LE(asked, 100u * 310'000 + 1'000'000);
+}
+
 // 10,000 blocks of 156 bytes are 1,560,000 bytes, or twelve pieces of 128 KiB: a few reads more for
 // the first batches and the ends of pieces, and none of them twice.
 TEST_F(LongWalk, ReadsTheFileInLargePieces) {

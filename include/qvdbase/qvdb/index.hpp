@@ -18,7 +18,8 @@ struct TableIndex;
 // touch, remove) goes straight to the record instead of walking the chain, and every operation of
 // this layer keeps the index up to date. It lives in memory only, as long as this object or a copy
 // of it does; it is built in one walk over the table and takes 16 bytes for each record and a fifth
-// more. When added records make it grow, it takes more than twice that for a moment.
+// more. When added records make it grow, it takes up to 23 bytes for each, and more than twice that
+// for a moment.
 //
 //   const qvdb::RecordIndex index = table.index();
 //   table.get(id);                                    // constant time from here on
