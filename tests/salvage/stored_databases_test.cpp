@@ -63,9 +63,9 @@ TEST_F(StoredDatabases, GoIntoFilesOfTheirOwn) {
   ASSERT_EQ(report.stored.size(), 1u);
   EXPECT_EQ(report.stored[0].offset, b + 55);
   EXPECT_EQ(report.stored[0].file, fileAt(b + 55));
-  EXPECT_EQ(report.stored[0].tables_written, 1u);
-  EXPECT_EQ(report.stored[0].records_written, 2u);
-  EXPECT_TRUE(report.stored[0].verified);
+  EXPECT_EQ(report.stored[0].report.tables_written, 1u);
+  EXPECT_EQ(report.stored[0].report.records_written, 2u);
+  EXPECT_TRUE(report.stored[0].report.verified);
   expectSaved(b + 55, "inner", innerContents("inner"));
   EXPECT_EQ(report.records_written, 3u);
   EXPECT_EQ(readDatabase(folder / "saved.qvd").tables.size(), 1u);
@@ -138,6 +138,67 @@ TEST_F(StoredDatabases, SideBySideInAnImageEachGetAFile) {
   expectSaved(second, "second", innerContents("second"));
 }
 
+// The older one has no blocks of what was added later.
+TEST_F(StoredDatabases, SideBySideAreNotMixedWhenOneIsALaterCopyOfTheOther) {
+  FileImage later = innerImage("inner", 0x4411);
+  later.addRecord(0, 0x903, bytesOf("inner three"));
+  Bytes image = pattern(5000);
+  image.add(innerImage("inner", 0x4411).build());
+  const auto second = static_cast<std::int64_t>(image.size());
+  image.add(later.build());
+  EXPECT_EQ(salvage(image).stored.size(), 2u);
+  expectSaved(5000, "inner", innerContents("inner"));
+  Contents contents = innerContents("inner");
+  contents.emplace_back(0x903, bytesOf("inner three"));
+  expectSaved(second, "inner", contents);
+}
+
+// A database in a record whose header was destroyed does not end the one around it.
+TEST_F(StoredDatabases, SideBySideReachAsFarAsTheirDirectoriesSay) {
+  Bytes image = pattern(5000);
+  image.add(outer.build().with(static_cast<std::size_t>(b), Bytes().fill(55, 0xEE)));
+  salvage(image);
+  const ReadDatabase saved = readDatabase(fileAt(5000));
+  ASSERT_EQ(saved.tables.size(), 1u);
+  EXPECT_EQ(contentsOf(saved.tables[0]),
+            (Contents{{0xA1, bytesOf("before")}, {0xA3, bytesOf("behind")}}));
+  expectSaved(5000 + b + 55, "inner", innerContents("inner"));
+}
+
+TEST_F(StoredDatabases, WithoutTablesTakeNothingOfWhatFollows) {
+  Bytes image = pattern(5000);
+  image.add(FileImage().build()).add(innerImage("inner", 0x4411).build());
+  EXPECT_EQ(salvage(image).stored.size(), 2u);
+  EXPECT_TRUE(readDatabase(fileAt(5000)).tables.empty());
+  expectSaved(5000 + 4630, "inner", innerContents("inner"));
+}
+
+TEST_F(StoredDatabases, InSpareRoomEndWithTheirBlock) {
+  const Bytes inner = innerImage("inner", 0x4411).build();
+  FileImage image;
+  const std::size_t holder = image.addTable("outer", 0x11);
+  const std::int64_t at = image.addRecord(holder, 0xA1, inner);
+  image.addRecord(holder, 0xA2, bytesOf("behind"));
+  image.record(at).dataLength = 0;
+  image.record(at).nextRecordPos = 0;  // deleted: dead blocks are searched as a whole
+  image.slot(holder).recordCount = 0;
+  image.slot(holder).firstRecordPos = image.slot(holder).lastRecordPos = 0;
+  image.slot(holder).lastWrittenRecordPos = 0;
+  EXPECT_EQ(salvage(image.build()).stored.size(), 1u);
+  expectSaved(at + 55, "inner", innerContents("inner"));
+}
+
+TEST_F(StoredDatabases, NeedAFolderThatCanBeMade) {
+  writeFile(folder / "inside", bytesOf("a file"));
+  try {
+    salvage(outer.build());
+    ADD_FAILURE() << "no error";
+  } catch (const qvdb::Error& error) {
+    EXPECT_EQ(error.reason(), qvdb::Reason::path_not_reachable);
+  }
+  EXPECT_FALSE(std::filesystem::exists(folder / "saved.qvd"));
+}
+
 // What stands behind the payload belongs to the outer database.
 TEST_F(StoredDatabases, EndWhereTheirPayloadEnds) {
   const Bytes whole = innerImage("inner", 0x4411).build();
@@ -161,13 +222,31 @@ TEST_F(StoredDatabases, AreNotTheOneWhoseDirectoryIsIgnored) {
   EXPECT_EQ(salvage(outer.build(), {.ignore_directory = true}).stored.size(), 1u);
 }
 
-TEST_F(StoredDatabases, BeginInNoDirectoryOfAnother) {
-  Bytes inner = innerImage("inner", 0x4411).build();
-  const Bytes header = inner.at(0, 22);
-  inner = inner.with(22 + 31 * 144, header);  // the last slot, which is free
+// An old header that was left in front of a database does not hide it.
+TEST_F(StoredDatabases, AreFoundBehindAHeaderThatWasLeft) {
+  const Bytes inner = innerImage("inner", 0x4411).build();
+  Bytes payload = inner.cut(512);
+  payload.add(inner);
   FileImage image;
-  image.addRecord(image.addTable("outer", 0x11), 0xA1, inner);
-  EXPECT_EQ(salvage(image.build()).stored.size(), 1u);
+  const std::int64_t at = image.addRecord(image.addTable("outer", 0x11), 0xA1, payload);
+  salvage(image.build());
+  expectSaved(at + 55 + 512, "inner", innerContents("inner"));
+}
+
+TEST_F(StoredDatabases, TellOfWhatIsCutInThem) {
+  const Bytes whole = innerImage("inner", 0x4411).build();
+  FileImage image;
+  image.addRecord(image.addTable("outer", 0x11), 0xA1, whole.cut(whole.size() - 22 - 3));
+  EXPECT_EQ(salvage(image.build()).stored.at(0).report.records_cut, 1u);
+}
+
+// As many bytes as a file can have are missing at the front.
+TEST_F(StoredDatabases, AreFoundBehindAFrontThatIsMissing) {
+  const std::int64_t missing = std::int64_t{1} << 50;
+  const qvdb::SalvageReport report = salvage(outer.build(), {.from = -missing});
+  ASSERT_EQ(report.stored.size(), 2u);
+  EXPECT_EQ(report.stored[0].offset, missing);
+  expectSaved(missing + b + 55, "inner", innerContents("inner"));
 }
 
 TEST_F(StoredDatabases, AreRefusedBeforeAnythingIsWrittenWhenAFileIsThere) {

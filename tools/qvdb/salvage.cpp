@@ -72,19 +72,9 @@ std::string lineOf(const FoundBlock& block) {
          (block.written_to.empty() ? "  left out" : "  -> " + escaped(block.written_to));
 }
 
-Json jsonOf(const StoredDatabase& stored) {
-  Json json = {{"offset", stored.offset}};
-  addText(&json, "file", stored.file.native());
-  json["tables_written"] = stored.tables_written;
-  json["records_written"] = stored.records_written;
-  json["verified"] = stored.verified;
-  return json;
-}
-
-Json jsonOf(const SalvageReport& report, const std::map<std::string, Tally>& tallies) {
+Json jsonOf(const SalvageReport& report) {
   Json json;
   json["verified"] = report.verified;
-  json["source_in_use"] = report.source_in_use;
   json["tables_written"] = report.tables_written;
   json["records_written"] = report.records_written;
   json["table_data_written"] = report.data_written;
@@ -99,6 +89,21 @@ Json jsonOf(const SalvageReport& report, const std::map<std::string, Tally>& tal
   for (const ByteRange& range : report.unknown) {
     json["unknown"].push_back({{"offset", range.offset}, {"size", range.size}});
   }
+  json["notes"] = Json::array();
+  for (const std::string& note : report.notes) json["notes"].push_back(escaped(note));
+  return json;
+}
+
+Json jsonOf(const StoredDatabase& stored) {
+  Json json = jsonOf(stored.report);
+  json["offset"] = stored.offset;
+  addText(&json, "file", stored.file.native());
+  return json;
+}
+
+Json jsonOf(const SalvageReport& report, const std::map<std::string, Tally>& tallies) {
+  Json json = jsonOf(report);
+  json["source_in_use"] = report.source_in_use;
   json["blocks"] = Json::array();
   for (const auto& [label, tally] : tallies) {
     json["blocks"].push_back(
@@ -106,9 +111,22 @@ Json jsonOf(const SalvageReport& report, const std::map<std::string, Tally>& tal
   }
   json["stored"] = Json::array();
   for (const StoredDatabase& each : report.stored) json["stored"].push_back(jsonOf(each));
-  json["notes"] = Json::array();
-  for (const std::string& note : report.notes) json["notes"].push_back(escaped(note));
   return json;
+}
+
+std::string cutRecords(const SalvageReport& report) {
+  return counted(report.records_cut, "record has", "records have") + " lost a part of the payload";
+}
+
+void printStored(const StoredDatabase& stored) {
+  const SalvageReport& report = stored.report;
+  printLine("A database stored at " + std::to_string(stored.offset) + ": " +
+            counted(report.tables_written, "table", "tables") + ", " +
+            counted(report.records_written, "record", "records") + " written to " +
+            escaped(stored.file.native()) +
+            (report.verified ? "" : ", NOT as they should be: check it"));
+  for (const std::string& note : report.notes) printLine("  " + escaped(note));
+  if (report.records_cut > 0) printLine("  " + cutRecords(report));
 }
 
 void printReport(const SalvageReport& report, const std::map<std::string, Tally>& tallies) {
@@ -121,17 +139,8 @@ void printReport(const SalvageReport& report, const std::map<std::string, Tally>
               std::to_string(range.offset) + " are no block: not recovered");
   }
   for (const std::string& note : report.notes) printLine(escaped(note));
-  for (const StoredDatabase& each : report.stored) {
-    printLine("A database stored at " + std::to_string(each.offset) + ": " +
-              counted(each.tables_written, "table", "tables") + ", " +
-              counted(each.records_written, "record", "records") + " written to " +
-              escaped(each.file.native()) +
-              (each.verified ? "" : ", NOT as they should be: check it"));
-  }
-  if (report.records_cut > 0) {
-    printLine(counted(report.records_cut, "record has", "records have") +
-              " lost a part of the payload");
-  }
+  for (const StoredDatabase& each : report.stored) printStored(each);
+  if (report.records_cut > 0) printLine(cutRecords(report));
   if (report.source_in_use) printLine(kSourceInUse);
   printLine(counted(report.tables_written, "table", "tables") + ", " +
             counted(report.records_written, "record", "records") + ", " +
@@ -162,9 +171,10 @@ int run(const Options& options) {
   } else {
     printReport(report, tallies);
   }
-  const bool isVerified =
-      report.verified && std::all_of(report.stored.begin(), report.stored.end(),
-                                     [](const StoredDatabase& each) { return each.verified; });
+  const bool isVerified = report.verified && std::all_of(report.stored.begin(), report.stored.end(),
+                                                         [](const StoredDatabase& each) {
+                                                           return each.report.verified;
+                                                         });
   return isVerified ? kDone : kFailed;
 }
 

@@ -84,25 +84,18 @@ struct SalvageOptions {
   // Nothing in it is written over. Empty: none.
   std::filesystem::path extract_to = {};
   // A folder for the databases that are stored in payloads, or beside the blocks as in an image of
-  // a device: each is salvaged as well, under the same options, into "at-<offset>.qvd"; the folder
-  // is made. This reads everything, and what stands in a stored database once more. At most 1,000
-  // are taken. Empty: none.
+  // a device: each is salvaged as well, taking the same, into "at-<offset>.qvd"; the folder is
+  // made. This reads everything, and each stored database once more. At most 1,000 are taken.
+  // Empty: none.
   std::filesystem::path deep_to = {};
-};
-
-// A database that was found stored in the source.
-struct StoredDatabase {
-  std::int64_t offset = 0;  // where it begins
-  std::filesystem::path file;
-  std::uint64_t tables_written = 0;
-  std::uint64_t records_written = 0;
-  bool verified = false;  // as SalvageReport has it
 };
 
 struct ByteRange {
   std::int64_t offset = 0;
   std::int64_t size = 0;
 };
+
+struct StoredDatabase;
 
 struct SalvageReport {
   std::uint64_t blocks_found = 0;
@@ -120,6 +113,13 @@ struct SalvageReport {
   std::vector<StoredDatabase> stored;  // what went to `deep_to`
   bool source_in_use = false;          // another process has the source open for writing
   bool verified = false;               // the new file was checked and holds what was to be written
+};
+
+// A database that was found stored in the source.
+struct StoredDatabase {
+  std::int64_t offset = 0;  // where it begins
+  std::filesystem::path file;
+  SalvageReport report;  // its positions count from the offset
 };
 
 // Salvages `source`, a file or a block device, into `target`, which must not exist and appears when

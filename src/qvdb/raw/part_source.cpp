@@ -19,7 +19,9 @@ size_t PartSource::readAt(int64_t position, void* buffer, size_t count) const {
 }
 
 std::optional<platform::FileHole> PartSource::nextHole(int64_t position) const {
-  std::optional<platform::FileHole> hole = whole_.nextHole(std::max<int64_t>(position + begin_, 0));
+  const int64_t place = position + begin_;
+  if (place < 0) return platform::FileHole{0, std::min(-begin_, size())};
+  std::optional<platform::FileHole> hole = whole_.nextHole(place);
   if (hole) *hole = {hole->begin - begin_, std::min(hole->end, end_) - begin_};
   if (hole && hole->begin >= hole->end) return std::nullopt;
   return hole;

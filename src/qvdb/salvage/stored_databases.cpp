@@ -1,6 +1,7 @@
-// A stored database ends where the payload ends in which it stands. What stands in no payload, as
-// in an image of a device, may reach to the end of the source: blocks of other databases behind it
-// are not in its directory, and stay out.
+// A stored database ends where the payload ends in which it stands. One that stands in no payload,
+// as in an image of a device, ends where the next such begins, behind everything that its own
+// directory points to: a later copy of the same database would have blocks of its tables. One
+// without tables is its directory and nothing else.
 #include "qvdb/salvage/stored_databases.h"
 
 #include <qvdbase/qvdb/error.hpp>
@@ -16,7 +17,7 @@ namespace {
 constexpr const char* kOperation = "salvage the stored databases";
 constexpr int64_t kSmallestSize = kDirectoryPos + int64_t{kNewSlotCount} * kSlotImageSize;
 
-// Each is surveyed on its own, so that a file made of nothing but headers would take for ever.
+// Each is surveyed on its own, and a hostile directory can claim everything that follows.
 constexpr size_t kMostDatabases = 1000;
 
 [[noreturn]] void fail(const std::filesystem::path& path, qvdb::Reason reason) {
@@ -25,17 +26,41 @@ constexpr size_t kMostDatabases = 1000;
       path.native() + ": cannot " + kOperation + ": " + std::string(qvdb::to_string(reason)));
 }
 
-// Where the payload that holds `position` ends; the source's end where none does. `order` is the
-// file's.
+// Where the payload that holds `position` ends, or the block where it lies in spare room; 0 where
+// no block holds it. `order` is the file's.
 int64_t endOfPayload(const raw::Survey& survey, const std::vector<uint32_t>& order,
                      int64_t position) {
   const auto behind = std::upper_bound(
       order.begin(), order.end(), position,
       [&](int64_t wanted, uint32_t number) { return wanted < survey.blocks[number].position; });
-  if (behind == order.begin()) return survey.size;
+  if (behind == order.begin()) return 0;
   const raw::Block& block = survey.blocks[*(behind - 1)];
   const int64_t end = block.dataPos() + block.dataThere();
-  return position < end ? end : position < block.end ? block.end : survey.size;
+  return position < end ? end : position < block.end ? block.end : 0;
+}
+
+// How far the database that begins at `origin` reaches at least, by its directory.
+struct Reach {
+  int64_t end;
+  bool hasTables;
+};
+
+Reach reachOf(const raw::ByteSource& source, int64_t origin) {
+  const raw::PartSource part(source, origin, source.size());
+  raw::Survey survey;
+  raw::readDirectory(part, {}, &survey);
+  int64_t farthest = kSmallestSize;
+  bool hasTables = survey.header.tableCount != 0;
+  for (const raw::Slot& slot : survey.slots) {
+    if (!slot.isTable()) continue;
+    hasTables = true;
+    const tablePart1& fields = slot.fields;
+    for (const int64_t position : {fields.firstRecordPos, fields.lastRecordPos,
+                                   fields.lastWrittenRecordPos, fields.firstDataPos}) {
+      if (position < part.size()) farthest = std::max(farthest, position);
+    }
+  }
+  return {origin + farthest, hasTables};
 }
 
 }  // namespace
@@ -44,15 +69,24 @@ StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Surve
                                  const qvdb::SalvageOptions& options)
     : source_(source), options_(options) {
   const std::vector<uint32_t> order = raw::blocksInFileOrder(survey);
-  int64_t free = 1;  // what begins at 0 is the database itself
+  std::vector<raw::Range> found;  // an end of 0 stands for one in no payload
   for (const int64_t origin : survey.nestedDatabases) {
-    if (origin < free) continue;  // no database begins in the directory of another
-    free = origin + kSmallestSize;
-    if (places_.size() == kMostDatabases) {
-      ++leftOut_;
-    } else {
-      places_.push_back({origin, endOfPayload(survey, order, origin)});
+    if (origin == 0) continue;  // the database itself
+    found.push_back({origin, endOfPayload(survey, order, origin)});
+  }
+  leftOut_ = found.size() - std::min(found.size(), kMostDatabases);
+  for (size_t i = 0; i < found.size() - leftOut_; ++i) {
+    const Reach reach = reachOf(source, found[i].begin);
+    raw::Range place = found[i];
+    if (!reach.hasTables) {
+      place.end = std::min(place.begin + kSmallestSize, source.size());
+    } else if (place.end == 0) {
+      const auto next = std::find_if(
+          found.begin() + static_cast<std::ptrdiff_t>(i) + 1, found.end(),
+          [&](const raw::Range& each) { return each.end == 0 && each.begin >= reach.end; });
+      place.end = next != found.end() ? next->begin : source.size();
     }
+    places_.push_back(place);
   }
   for (const raw::Range& place : places_) {
     std::error_code error;
@@ -79,9 +113,7 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) const {
     const raw::PartSource part(source_, place.begin, place.end);
     const raw::Survey survey = raw::makeSurvey(part);
     const std::filesystem::path file = fileOf(place.begin);
-    const qvdb::SalvageReport inner = run(part, survey, file, {}, options);
-    report->stored.push_back(
-        {place.begin, file, inner.tables_written, inner.records_written, inner.verified});
+    report->stored.push_back({place.begin, file, run(part, survey, file, {}, options)});
   }
   if (leftOut_ > 0) {
     report->notes.push_back("There seem to be " + std::to_string(leftOut_) +
