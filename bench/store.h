@@ -46,6 +46,9 @@ class Store {
 
   // Gives dead space back; false when the store cannot.
   virtual bool compact() = 0;
+
+  // Reads the whole store, which is closed, to see that it is sound. Only ours is asked.
+  virtual void inspect() {}
 };
 
 [[noreturn]] inline void failed(const std::string& what) {

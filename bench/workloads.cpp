@@ -233,6 +233,18 @@ void compact(benchmark::State& state, const Case& c) {
   }
 }
 
+void check(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c, Use::read);
+  for (auto unused : state) {
+    static_cast<void>(unused);
+    f.store->close();
+    const auto start = Clock::now();
+    f.store->inspect();
+    state.SetIterationTime(secondsSince(start) / static_cast<double>(f.keys.size()));
+    f.store->open(f.folder);
+  }
+}
+
 // What the walk of the C interface costs for each record: a search for one that is not there.
 void chainStep(benchmark::State& state, const Case& c) {
   Filled& f = filled(c, Use::read);
@@ -266,6 +278,7 @@ void addAll(const Case& c) {
     add("chain-step", chainStep, c);
     return;
   }
+  if (c.kind->name == "qvdbase") add("check", check, c);
   add("scan-payloads", scanValues, c);
   add("lookup", lookup, c);
   add("absent", absent, c);

@@ -83,6 +83,9 @@ class Indexed : public Store {
     open(folder);
     return true;
   }
+  void inspect() override {
+    if (qvdb::check(path_).state != qvdb::CheckState::sound) failed("qvdbase: not sound");
+  }
   void firstRead(Key, Bytes* value) override {
     for (const qvdb::Record& record : table_->records(qvdb::Load::payloads)) {
       const auto* bytes = reinterpret_cast<const char*>(record.loaded().data());
