@@ -1,5 +1,6 @@
 // Fuzz target: checks the input as a database file, and holds the library to what the check
-// foretells; then salvages it, with the databases that are stored in it.
+// foretells; then salvages it, with the databases that are stored in it, and reads all that was
+// saved.
 //
 // The check says of each table which calls will fail, whether a pack will succeed and what link
 // repair will report. Each of these calls is made, on a copy. What salvage writes must be sound.
@@ -103,6 +104,22 @@ bool hasUsualLayout(const uint8_t* data, size_t size) {
   return size >= 22 && std::equal(kSizes, kSizes + 4, data + 18);
 }
 
+// Reads everything through the C++ layer.
+void dump(const std::filesystem::path& path, const qvdb::SalvageReport& saved) {
+  const auto database = qvdb::Database::open(path, qvdb::Mode::read_only);
+  uint64_t records = 0;
+  uint64_t bytes = 0;
+  for (const qvdb::Table& table : database.tables()) {
+    for (const qvdb::Record& record : table.records(qvdb::Load::payloads)) {
+      bytes += record.loaded().size();
+      ++records;
+    }
+    if (const auto data = table.data()) bytes += data->size();
+  }
+  require(records == saved.records_written && bytes == saved.payload_bytes,
+          "what salvage says that it wrote can be read");
+}
+
 void salvage(const uint8_t* data, size_t size) {
   const std::filesystem::path target = scratchPath("saved.qvd");
   std::filesystem::remove(target);
@@ -113,8 +130,10 @@ void salvage(const uint8_t* data, size_t size) {
   const qvdb::SalvageReport saved = qvdb::salvage_image(asBytes(data, size), target, {}, chosen);
   const qvdb::CheckReport report = qvdb::check(target, {}, options());
   require(report.errors == 0, "what salvage writes is sound");  // whatever its payloads hold
+  dump(target, saved);
   for (const qvdb::StoredDatabase& each : saved.stored) {
     require(qvdb::check(each.file).errors == 0, "what salvage makes of a stored database is sound");
+    dump(each.file, each.report);
   }
 }
 
