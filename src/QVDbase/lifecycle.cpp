@@ -6,6 +6,7 @@
 
 #include "QVDbase/directory_cache.h"
 #include "QVDbase/header.h"
+#include "QVDbase/lifecycle.h"
 #include "QVDbase/position.h"
 #include "format/Aliment8.h"
 #include "format/fields.h"
@@ -56,16 +57,26 @@ int GenerateUuID_Int64(uint64_t* value) {
   return internal_ConvertUuID_2Int64(id, value);
 }
 
+namespace qvdbase {
+
+bool createDatabaseFile(const QVWCHAR* path, int16_t* db) {
+  return QVFile().QVCreateAndOpenFile(path, kReadWriteOneWriter, db, 0) == 1;
+}
+
+bool writeNewDatabase(int16_t db, const void* signature, uint16_t version) {
+  CallScope scope;
+  return writeNewHeader(db, signature, version) && writeFreeSlots(db) && scope.end();
+}
+
+}  // namespace qvdbase
+
 int16_t CreateDBaseW(const QVWCHAR* path, const void* signature, int version) {
   if (path == nullptr || signature == nullptr) return 0;
   int16_t db = 0;
-  if (QVFile().QVCreateAndOpenFile(path, kReadWriteOneWriter, &db, 0) != 1) return 0;
-  qvdbase::CallScope scope;
+  if (!qvdbase::createDatabaseFile(path, &db)) return 0;
   // A file that cannot be completed stays as far as it was written, and open: no half-made database
   // is ever handed out, and nothing is deleted that might have been somebody's.
-  if (!writeNewHeader(db, signature, static_cast<uint16_t>(version))) return 0;
-  if (!writeFreeSlots(db)) return 0;
-  return scope.end() ? db : int16_t{0};
+  return qvdbase::writeNewDatabase(db, signature, static_cast<uint16_t>(version)) ? db : int16_t{0};
 }
 
 int16_t OpenDBaseW(const QVWCHAR* path, int permission) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "QVDbase/header.h"
+#include "QVDbase/lifecycle.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
@@ -149,14 +150,21 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
   auto state = std::make_shared<OpenDatabase>();
   state->path = path;
   state->mode = Mode::exclusive;
-  state->handle = CreateDBaseW(wide.data(), options.signature.data(), options.version);
-  if (state->handle == 0) {
-    const OpenFailure failure = qvdbase::platform::findCreateFailure(wide.data());
-    const auto space = std::filesystem::space(std::filesystem::absolute(path).parent_path(), error);
-    if (!error && space.available < 8192) refuse(Reason::disk_full, "the disk is full");
-    failToOpen(kOperation, path, failure);
+  const bool isMade = qvdbase::createDatabaseFile(wide.data(), &state->handle);
+  if (isMade &&
+      qvdbase::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
+    return Database(std::move(state));
   }
-  return Database(std::move(state));
+  if (isMade) CloseDBase(state->handle);
+  // The name of a file that was there before may be somebody's.
+  const bool wasMadeHere = !std::filesystem::exists(status);
+  if (wasMadeHere && (isMade || std::filesystem::file_size(path, error) == 0)) {
+    std::filesystem::remove(path, error);
+  }
+  const auto space = std::filesystem::space(std::filesystem::absolute(path).parent_path(), error);
+  if (!error && space.available < 8192) refuse(Reason::disk_full, "the disk is full");
+  if (isMade) refuse(Reason::cannot_write, "the file cannot be written");
+  failToOpen(kOperation, path, qvdbase::platform::findCreateFailure(wide.data()));
 }
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {

@@ -170,32 +170,41 @@ bool touchRecord(const Operation& operation, const qvdbase::FoundRecord& found) 
                                                  found.recordPos) == 1;
 }
 
+// What became of a change whose place was known. A change that was begun and failed is not tried
+// another way: what is in the file of it would be written once more.
+enum class Changed { done, absent, failed, unknown };
+
+bool isDecided(Changed changed) {
+  return changed == Changed::done || changed == Changed::absent;
+}
+
 // Changes the record that was found before, if it still stands there. `change` is given the record
 // and tells whether it was done.
 template <typename Change>
-bool changeAt(const Operation& operation, Id table, const Record& record, const Change& change) {
+Changed changeAt(const Operation& operation, Id table, const Record& record, const Change& change) {
   WriteScope scope(operation.db());
   qvdbase::FoundRecord found;
-  return scope.finish(locate(operation, table, record, &found) && change(&found));
+  if (!locate(operation, table, record, &found)) return Changed::unknown;
+  return scope.finish(change(&found)) ? Changed::done : Changed::failed;
 }
 
 // Changes a record by way of the table's index; the table has not been read when `change` is
-// called. `unknown` also when there is no index, and when the change failed: the ordinary way then
-// finds out why.
+// called. `unknown` also when there is no index.
 template <typename Change>
-detail::Answer changeByIndex(const Operation& operation, detail::OpenDatabase& database, Id table,
-                             Id record, const Change& change) {
+Changed changeByIndex(const Operation& operation, detail::OpenDatabase& database, Id table,
+                      Id record, const Change& change) {
   using detail::Answer;
   const std::shared_ptr<detail::TableIndex> index = detail::indexOf(database, table);
-  if (index == nullptr) return Answer::unknown;
+  if (index == nullptr) return Changed::unknown;
   WriteScope scope(operation.db());
   qvdbase::FoundRecord found;
   const Answer answer = detail::askIndex(operation, *index, record, &found);
-  if (answer != Answer::found) return answer;
+  if (answer == Answer::absent) return Changed::absent;
+  if (answer != Answer::found) return Changed::unknown;
   found.table.slotSize = 0;  // see needTable
-  if (scope.finish(change(&found))) return Answer::found;
+  if (scope.finish(change(&found))) return Changed::done;
   index->isStale = true;
-  return Answer::unknown;
+  return Changed::failed;
 }
 
 }  // namespace
@@ -217,12 +226,12 @@ bool Table::modify(Id record, std::span<const std::byte> payload) {
     operation.fail(Reason::empty_payload, "a record cannot be changed to hold nothing; delete it");
   }
   operation.requireWritable();
-  const detail::Answer answer =
+  const Changed changed =
       changeByIndex(operation, *database_, id_, record, [&](qvdbase::FoundRecord* found) {
         return changePayload(operation, *database_, id_, found, payload);
       });
-  if (answer != detail::Answer::unknown) return answer == detail::Answer::found;
-  {
+  if (isDecided(changed)) return changed == Changed::done;
+  if (changed == Changed::unknown) {
     PositionKeeper position(operation.db());
     ++database_->changes;
     if (ModifyRecordData(operation.db(), id_.value, bytesOf(payload), size, record.value,
@@ -230,69 +239,73 @@ bool Table::modify(Id record, std::span<const std::byte> payload) {
       return true;
     }
   }
-  const std::optional<Record> found = find(record);
-  if (!found) return false;
-  failedChange(operation, *found, size);
+  return failedChange(operation, record, size);
 }
 
 bool Table::touch(Id record) {
   const Operation operation(database_, "touch the record");
   operation.requireWritable();
-  const detail::Answer answer =
+  const Changed changed =
       changeByIndex(operation, *database_, id_, record,
                     [&](qvdbase::FoundRecord* found) { return touchRecord(operation, *found); });
-  if (answer != detail::Answer::unknown) return answer == detail::Answer::found;
-  if (ModifyOneRecordInfo_LMTime(operation.db(), id_.value, record.value) == 1) return true;
-  if (!find(record)) return false;
-  operation.failedWrite(0);
+  if (isDecided(changed)) return changed == Changed::done;
+  if (changed == Changed::unknown &&
+      ModifyOneRecordInfo_LMTime(operation.db(), id_.value, record.value) == 1) {
+    return true;
+  }
+  return failedTouch(operation, record);
 }
 
 bool Table::remove(Id record) {
   const Operation operation(database_, "delete the record");
   operation.requireWritable();
-  const detail::Answer answer = changeByIndex(
+  const Changed changed = changeByIndex(
       operation, *database_, id_, record,
       [&](qvdbase::FoundRecord* found) { return unlink(operation, *database_, id_, found); });
-  if (answer != detail::Answer::unknown) return answer == detail::Answer::found;
-  ++database_->changes;
-  if (DeleteOneRecord(operation.db(), id_.value, record.value, nullptr) == 1) return true;
-  const std::optional<Record> found = find(record);
-  if (!found) return false;
-  failedChange(operation, *found, 0);
+  if (isDecided(changed)) return changed == Changed::done;
+  if (changed == Changed::unknown) {
+    ++database_->changes;
+    if (DeleteOneRecord(operation.db(), id_.value, record.value, nullptr) == 1) return true;
+  }
+  return failedChange(operation, record, 0);
 }
 
 bool Table::modify(const Record& record, std::span<const std::byte> payload) {
   const Operation operation(database_, "change the record");
   if (sizeOf(operation, payload) == 0) return modify(record.id(), payload);
   operation.requireWritable();
-  return changeAt(operation, id_, record,
-                  [&](qvdbase::FoundRecord* found) {
-                    return changePayload(operation, *database_, id_, found, payload);
-                  }) ||
-         modify(record.id(), payload);
+  const Changed changed = changeAt(operation, id_, record, [&](qvdbase::FoundRecord* found) {
+    return changePayload(operation, *database_, id_, found, payload);
+  });
+  if (changed == Changed::unknown) return modify(record.id(), payload);
+  return changed == Changed::done || failedChange(operation, record.id(), payload.size());
 }
 
 bool Table::touch(const Record& record) {
   const Operation operation(database_, "touch the record");
   operation.requireWritable();
-  return changeAt(operation, id_, record,
-                  [&](qvdbase::FoundRecord* found) { return touchRecord(operation, *found); }) ||
-         touch(record.id());
+  const Changed changed = changeAt(operation, id_, record, [&](qvdbase::FoundRecord* found) {
+    return touchRecord(operation, *found);
+  });
+  if (changed == Changed::unknown) return touch(record.id());
+  return changed == Changed::done || failedTouch(operation, record.id());
 }
 
 bool Table::remove(const Record& record) {
   const Operation operation(database_, "delete the record");
   operation.requireWritable();
-  return changeAt(operation, id_, record,
-                  [&](qvdbase::FoundRecord* found) {
-                    return unlink(operation, *database_, id_, found);
-                  }) ||
-         remove(record.id());
+  const Changed changed = changeAt(operation, id_, record, [&](qvdbase::FoundRecord* found) {
+    return unlink(operation, *database_, id_, found);
+  });
+  if (changed == Changed::unknown) return remove(record.id());
+  return changed == Changed::done || failedChange(operation, record.id(), 0);
 }
 
-// The record is there, so its neighbours, or the file, must have refused.
-void Table::failedChange(const detail::Operation& operation, const Record& record,
-                         std::uint64_t size) const {
+// False when the record is not there. Else its neighbours, or the file, must have refused.
+bool Table::failedChange(const detail::Operation& operation, Id id, std::uint64_t size) const {
+  const std::optional<Record> found = find(id);
+  if (!found) return false;
+  const Record& record = *found;
   ReadScope scope(operation.db());
   const tablePart1 slot = operation.table(id_).slot;
   recordPart1 header;
@@ -308,6 +321,11 @@ void Table::failedChange(const detail::Operation& operation, const Record& recor
                    "the ends of the chain of table '" + name_ + "' contradict its count");
   }
   operation.failedWrite(size + qvdbase::kRecordBlockOverhead);
+}
+
+bool Table::failedTouch(const detail::Operation& operation, Id record) const {
+  if (!find(record)) return false;
+  operation.failedWrite(0);
 }
 
 void Table::set_data(std::span<const std::byte> data, std::uint32_t reserve) {

@@ -18,6 +18,7 @@
 #include <set>
 #include <sstream>
 
+#include "proof/failures.h"
 #include "proof/scripted_calls.h"
 #include "support/database_fixture.h"
 #include "support/file_checker.h"
@@ -32,42 +33,6 @@ using Files = std::vector<std::pair<std::string, Bytes>>;
 std::int64_t positionOf(std::int16_t db) {
   std::int64_t position = -1;
   return QVFile().QVGetFilePos(db, &position) == 1 ? position : -1;
-}
-
-// A way for calls of a kind to fail, from the one after `skip` others on.
-struct Failure {
-  std::string name;
-  Call kind;
-  std::function<void(RecordedCalls&, int skip)> plan;
-  bool isError = true;  // else a transfer is cut short, which is legal
-  bool isForGood = false;
-};
-
-std::vector<Failure> allFailures() {
-  std::vector<Failure> all;
-  for (const Call kind : kFailingCalls) {
-    const std::string name = nameOf(kind);
-    all.push_back({name + " fails once", kind,
-                   [=](RecordedCalls& host, int skip) { host.failOnce(kind, skip); }});
-    all.push_back({name + " fails from then on", kind,
-                   [=](RecordedCalls& host, int skip) { host.failFrom(kind, skip); }, true, true});
-  }
-  const std::pair<const char*, Part> parts[] = {
-      {"0 bytes", noneOf()}, {"1 byte", exactly(1)}, {"half", halfOf()}, {"all but 1", allBut(1)}};
-  for (const Call kind : {Call::read, Call::write}) {
-    for (const auto& [text, part] : parts) {
-      const std::string name = std::string(nameOf(kind)) + " moves " + text;
-      all.push_back(
-          {name, kind,
-           [=, part = part](RecordedCalls& host, int skip) { host.cutOnce(kind, part, skip); },
-           false});
-      all.push_back(
-          {name + " and fails from then on", kind,
-           [=, part = part](RecordedCalls& host, int skip) { host.cutFrom(kind, part, skip); },
-           true, true});
-    }
-  }
-  return all;
 }
 
 // What one attempt led to.
@@ -207,11 +172,6 @@ class FailingCalls : public testing::TestWithParam<ScriptedCall> {
   Workbench bench;
   Files before_;
 };
-
-// Of a long call's transfers the sample tries the first fifty, and then ever fewer.
-int afterStep(int skip) {
-  return skip + 1 + (testEverything() ? 0 : skip / 50);
-}
 
 TEST_P(FailingCalls, EndInTheStatedFailureOrInFullSuccess) {
   const ScriptedCall& scripted = GetParam();

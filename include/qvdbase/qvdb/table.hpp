@@ -148,8 +148,8 @@ class QVDBASE_API Table {
  private:
   friend class Database;
   Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name);
-  [[noreturn]] void failedChange(const detail::Operation& operation, const Record& record,
-                                 std::uint64_t size) const;
+  bool failedChange(const detail::Operation& operation, Id record, std::uint64_t size) const;
+  bool failedTouch(const detail::Operation& operation, Id record) const;
 
   std::shared_ptr<detail::OpenDatabase> database_;
   Id id_;

@@ -1,0 +1,271 @@
+// Failing calls to the host under the C++ layer: over a script of its operations, each call of each
+// kind fails once, fails from then on, or moves only a part of its bytes. Whatever happens,
+//
+//   - an operation that returns has had its whole effect;
+//   - one that does not throws qvdb::Error, and nothing else;
+//   - what it only reads is as it was, and a file that it was to make is whole or not there;
+//   - every record that it was not about can still be had, by salvage at the latest;
+//   - no file stays open and no memory stays taken, but for the chunk that fills room.
+#include <gtest/gtest.h>
+#include <qvdbase/qvdb.hpp>
+#include <qvdbase/qvdb/check.hpp>
+#include <qvdbase/qvdb/history.hpp>
+#include <qvdbase/qvdb/salvage.hpp>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "proof/failures.h"
+#include "proof/scripted_calls.h"
+#include "salvage/salvage_kit.h"
+
+namespace qvdbase::test {
+namespace {
+
+using qvdb::Database;
+using qvdb::Id;
+using qvdb::Mode;
+using qvdb::Table;
+using Path = std::filesystem::path;
+using Files = std::vector<std::pair<std::string, Bytes>>;
+
+constexpr Id kFirst{0xA1};
+constexpr Id kMiddle{0xA2};
+constexpr Id kLast{0xA4};
+
+struct LayerCall {
+  const char* name;
+  std::function<void(const Path& folder)> run;
+  bool writesSource = false;         // source.qvd; else it is as it was
+  Id about = {};                     // the record of source.qvd that may be changed or gone
+  bool takesErrorForDamage = false;  // a failed read, and mends it
+};
+
+std::vector<std::byte> payload(std::size_t size) {
+  return std::vector<std::byte>(size, std::byte{'p'});
+}
+
+// An operation on the table "notes" of source.qvd.
+LayerCall onNotes(const char* name, std::function<void(Table&)> change, Id about = {}) {
+  const auto run = [change = std::move(change)](const Path& folder) {
+    Database database = Database::open(folder / "source.qvd", Mode::exclusive);
+    Table notes = database.table("notes");
+    change(notes);
+  };
+  return {name, run, true, about};
+}
+
+LayerCall making(const char* name, std::function<void(const Path& source, const Path& made)> run) {
+  return {name, [run = std::move(run)](const Path& folder) {
+            run(folder / "source.qvd", folder / "new.qvd");
+          }};
+}
+
+void readEverything(const Path& folder) {
+  const Database database = Database::open(folder / "source.qvd", Mode::read_only);
+  for (const Table& table : database.tables()) {
+    for (const qvdb::Record& record : table.records(qvdb::Load::payloads)) {
+      if (table.get(record.id()) != record.payload()) throw std::logic_error("other bytes");
+    }
+    static_cast<void>(table.data());
+  }
+}
+
+void changeByIndex(Table& notes) {
+  const qvdb::RecordIndex index = notes.index();
+  notes.modify(kMiddle, payload(500));
+}
+
+std::vector<LayerCall> readingCalls() {
+  return {
+      {"Read", readEverything},
+      {"Check", [](const Path& folder) { qvdb::check(folder / "source.qvd", {}, {.retries = 0}); }},
+      {"OpenChecked", [](const Path& folder) { qvdb::open_checked(folder / "source.qvd"); }},
+      {"PredictRepair", [](const Path& folder) { qvdb::predict_repair(folder / "source.qvd"); }},
+      {"History",
+       [](const Path& folder) { qvdb::history(folder / "source.qvd", "notes", kMiddle); }},
+      making("Create", [](const Path&, const Path& made) { Database::create(made); }),
+      making("CompactToAnother",
+             [](const Path& source, const Path& made) { qvdb::compact(source, made); }),
+      making("Pack", [](const Path& source, const Path& made) { qvdb::pack(source, made); }),
+      making("Renumber",
+             [](const Path& source, const Path& made) { qvdb::renumber(source, made); }),
+      making("Salvage", [](const Path& source, const Path& made) { qvdb::salvage(source, made); }),
+      making("Undelete",
+             [](const Path& source, const Path& made) {
+               const auto versions = qvdb::history(source, "notes", kMiddle);
+               qvdb::undelete(source, made, "notes", kMiddle, versions.at(0).offset);
+             }),
+  };
+}
+
+std::vector<LayerCall> changingCalls() {
+  return {
+      onNotes("Add", [](Table& notes) { notes.add(payload(70), 90); }),
+      onNotes("AppendAll",
+              [](Table& notes) {
+                const std::vector<std::vector<std::byte>> many(4, payload(200'000));
+                notes.append_all(many);
+              }),
+      onNotes(
+          "ModifyInPlace", [](Table& notes) { notes.modify(kMiddle, payload(40)); }, kMiddle),
+      onNotes(
+          "ModifyAndMove", [](Table& notes) { notes.modify(kLast, payload(400)); }, kLast),
+      onNotes("ModifyByIndex", changeByIndex, kMiddle),
+      onNotes("Touch", [](Table& notes) { notes.touch(kFirst); }),
+      onNotes(
+          "Remove", [](Table& notes) { notes.remove(kFirst); }, kFirst),
+      onNotes("SetDataInPlace", [](Table& notes) { notes.set_data(payload(10)); }),
+      onNotes("SetLargerData", [](Table& notes) { notes.set_data(payload(300), 310); }),
+      {"AddTable",
+       [](const Path& folder) {
+         Database::open(folder / "source.qvd", Mode::exclusive).add_table("more");
+       },
+       true},
+      {"SetVersionAndSync",
+       [](const Path& folder) {
+         Database database = Database::open(folder / "source.qvd", Mode::exclusive);
+         database.set_version(150);
+         database.sync();
+       },
+       true},
+      {"CompactInPlace", [](const Path& folder) { qvdb::compact(folder / "source.qvd"); }},
+      {"Repair", [](const Path& folder) { qvdb::repair(folder / "broken.qvd"); }, false, {}, true},
+  };
+}
+
+std::vector<LayerCall> layerCalls() {
+  std::vector<LayerCall> all = readingCalls();
+  for (LayerCall& each : changingCalls()) all.push_back(std::move(each));
+  return all;
+}
+
+const Bytes* fileOf(const Files& files, const std::string& name) {
+  for (const auto& [each, bytes] : files) {
+    if (each == name) return &bytes;
+  }
+  return nullptr;
+}
+
+bool isClock(Call kind) {
+  return kind == Call::time;
+}
+
+class FailingLayerCalls : public testing::TestWithParam<LayerCall> {
+ protected:
+  struct Outcome {
+    bool succeeded = false;
+    bool failed = false;  // something was made to fail
+    std::string message;
+    Files files;
+  };
+
+  Outcome attempt(const Failure* failure, int skip) {
+    bench_.reset();
+    before_ = bench_.files();
+    RecordedCalls host;
+    host.setTime(5000);
+    host.setMicroseconds(6000);
+    std::srand(1);  // identifiers are the same in each attempt
+    if (failure != nullptr) failure->plan(host, skip);
+    Outcome outcome;
+    try {
+      GetParam().run(bench_.folder.path());
+      outcome.succeeded = true;
+    } catch (const qvdb::Error& error) {
+      outcome.message = error.what();
+      EXPECT_NE(outcome.message, "");
+    }
+    outcome.failed = failure != nullptr && host.failed();
+    host.heal();
+    EXPECT_EQ(host.openDescriptors(), 0u);
+    const bool mayLeak = failure != nullptr && failure->kind == Call::write && !outcome.succeeded;
+    EXPECT_LE(host.heldBlocks(), mayLeak ? 1u : 0u);
+    host.releaseBlocks();
+    outcome.files = bench_.files();
+    return outcome;
+  }
+
+  void expectWholeEffect(const Outcome& outcome, const Outcome& whole) {
+    for (const auto& [name, bytes] : whole.files) {
+      const Bytes* const is = fileOf(outcome.files, name);
+      ASSERT_NE(is, nullptr) << name;
+      EXPECT_TRUE(sameBytes(*is, bytes)) << name;
+    }
+    EXPECT_EQ(outcome.files.size(), whole.files.size());
+  }
+
+  // To remove a file, its folder is opened: when the host opens nothing any more, a file under a
+  // temporary name stays.
+  static bool mayStay(const Failure& failure, const std::string& name) {
+    return failure.kind == Call::open && failure.isForGood && name.ends_with(".tmp");
+  }
+
+  void expectNoHarm(const Failure& failure, const Outcome& outcome, const Outcome& whole) {
+    const LayerCall& call = GetParam();
+    const Bytes* const source = fileOf(outcome.files, "source.qvd");
+    ASSERT_NE(source, nullptr);
+    // Its message says so when the new file is in its place all the same.
+    const bool isPlaced = outcome.message.find("the new file is in its place") != std::string::npos;
+    if (isPlaced) return expectWholeEffect(outcome, whole);
+    if (!call.writesSource) {
+      EXPECT_TRUE(sameBytes(*source, *fileOf(before_, "source.qvd"))) << outcome.message;
+    } else {
+      expectOtherRecords(*source);
+    }
+    for (const auto& [name, bytes] : outcome.files) {
+      EXPECT_TRUE(fileOf(before_, name) != nullptr || mayStay(failure, name))
+          << name << " is left behind: " << outcome.message;
+    }
+  }
+
+  void expectOtherRecords(const Bytes& source) {
+    static const auto all = recordsOf(readDatabase(*fileOf(before_, "source.qvd")));
+    const auto found = takenRecords(source);
+    for (const auto& [key, bytes] : all) {
+      if (key.second == GetParam().about.value) continue;
+      const auto is = found.find(key);
+      ASSERT_NE(is, found.end()) << "record " << key.second;
+      EXPECT_EQ(is->second, bytes) << "record " << key.second;
+    }
+  }
+
+ private:
+  Workbench bench_;
+  Files before_;
+};
+
+TEST_P(FailingLayerCalls, ThrowOrHaveTheirWholeEffect) {
+  const Outcome whole = attempt(nullptr, 0);
+  ASSERT_TRUE(whole.succeeded);
+  std::uint64_t attempts = 0;
+  for (const Failure& failure : allFailures()) {
+    for (int skip = 0;; skip = afterStep(skip)) {
+      SCOPED_TRACE(failure.name + " after " + std::to_string(skip));
+      const Outcome outcome = attempt(&failure, skip);
+      if (!outcome.failed) {
+        EXPECT_TRUE(outcome.succeeded);
+        break;
+      }
+      ++attempts;
+      if (!outcome.succeeded) {
+        expectNoHarm(failure, outcome, whole);
+      } else if (!isClock(failure.kind) &&
+                 !(GetParam().takesErrorForDamage && failure.kind == Call::read)) {
+        expectWholeEffect(outcome, whole);
+      }
+      if (HasFailure()) return;
+    }
+  }
+  tellCount("failing calls, operations of the C++ layer", 1);
+  tellCount("failing calls, failures under the C++ layer", attempts);
+}
+
+std::string nameOfLayerCall(const testing::TestParamInfo<LayerCall>& call) {
+  return call.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, FailingLayerCalls, testing::ValuesIn(layerCalls()), nameOfLayerCall);
+
+}  // namespace
+}  // namespace qvdbase::test

@@ -1,0 +1,58 @@
+// Every way for a call to the host to fail.
+#ifndef QVDBASE_TESTS_PROOF_FAILURES_H
+#define QVDBASE_TESTS_PROOF_FAILURES_H
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/recorded_calls.h"
+#include "support/test_extent.h"
+
+namespace qvdbase::test {
+
+// A way for calls of a kind to fail, from the one after `skip` others on.
+struct Failure {
+  std::string name;
+  Call kind;
+  std::function<void(RecordedCalls&, int skip)> plan;
+  bool isError = true;  // else a transfer is cut short, which is legal
+  bool isForGood = false;
+};
+
+inline std::vector<Failure> allFailures() {
+  std::vector<Failure> all;
+  for (const Call kind : kFailingCalls) {
+    const std::string name = nameOf(kind);
+    all.push_back({name + " fails once", kind,
+                   [=](RecordedCalls& host, int skip) { host.failOnce(kind, skip); }});
+    all.push_back({name + " fails from then on", kind,
+                   [=](RecordedCalls& host, int skip) { host.failFrom(kind, skip); }, true, true});
+  }
+  const std::pair<const char*, Part> parts[] = {
+      {"0 bytes", noneOf()}, {"1 byte", exactly(1)}, {"half", halfOf()}, {"all but 1", allBut(1)}};
+  for (const Call kind : {Call::read, Call::write}) {
+    for (const auto& [text, part] : parts) {
+      const std::string name = std::string(nameOf(kind)) + " moves " + text;
+      all.push_back(
+          {name, kind,
+           [=, part = part](RecordedCalls& host, int skip) { host.cutOnce(kind, part, skip); },
+           false});
+      all.push_back(
+          {name + " and fails from then on", kind,
+           [=, part = part](RecordedCalls& host, int skip) { host.cutFrom(kind, part, skip); },
+           true, true});
+    }
+  }
+  return all;
+}
+
+// Of a long call's transfers the sample tries the first fifty, and then ever fewer.
+inline int afterStep(int skip) {
+  return skip + 1 + (testEverything() ? 0 : skip / 50);
+}
+
+}  // namespace qvdbase::test
+
+#endif
