@@ -433,13 +433,19 @@ TEST_F(ReadingTableData, WorksAfterReopening) {
 
 // ---- failing on the way ----
 
+// Also when only a single write fails, and those behind it would not.
 TEST_F(SettingTableData, LeavesTheOldDataWhenAnAppendFails) {
-  for (int step = 0;; ++step) {
+  for (int attempt = 0;; ++attempt) {
+    const int step = attempt / 2;
     const Sample sample;
     const std::int16_t db = put(sample.image);
     ASSERT_EQ(size(db), 5);
     FakeHost host;
-    host.failFrom(FakeHost::Call::write, step);
+    if (attempt % 2 == 0) {
+      host.failFrom(FakeHost::Call::write, step);
+    } else {
+      host.failOnce(FakeHost::Call::write, step);
+    }
     int result = -1;
     expectPositionKept(db, [&] {
       if (result == -1) result = set(db, pattern(50), 60);
