@@ -9,6 +9,7 @@
 #include <qvdbase/qvdb/error.hpp>
 
 #include <deque>
+#include <map>
 #include <utility>
 
 #include "check/base_files.h"
@@ -280,27 +281,34 @@ TEST_F(CheckFile, GivesUpOnAFileThatKeepsChanging) {
   }
 }
 
-// A host that cannot read one byte of the file.
+// A host that cannot read one byte of the file: of a chain, and where only a search could find it.
 TEST_F(CheckFile, SaysWhereTheSystemCannotRead) {
-  const auto path = put(usedFile().bytes);
+  static off_t bad;
   platform::SystemCalls calls = platform::hostSystemCalls();
   calls.readAt = [](int descriptor, void* buffer, size_t count, off_t position) -> ssize_t {
-    constexpr off_t kBad = 4740;  // in the header of the second block
-    if (position <= kBad && position + static_cast<off_t>(count) > kBad) {
-      if (position == kBad) {
+    if (position <= bad && position + static_cast<off_t>(count) > bad) {
+      if (position == bad) {
         errno = EIO;
         return -1;
       }
-      count = static_cast<size_t>(kBad - position);
+      count = static_cast<size_t>(bad - position);
     }
     return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
   };
-  platform::replaceSystemCalls(&calls);
-  std::set<std::string> codes;
-  qvdb::check(
-      path, [&](const qvdb::Finding& finding) { codes.insert(finding.code); }, kQuick);
-  platform::replaceSystemCalls(nullptr);
-  EXPECT_TRUE(codes.contains("F5"));
+  for (const bool hasDirectory : {true, false}) {
+    Bytes bytes = usedFile().bytes;
+    if (!hasDirectory) bytes = bytes.with(22, Bytes().zeros(4608));
+    const auto path = put(bytes);
+    bad = hasDirectory ? 4740 : 4700;  // in the second block's header; in the first one's payload
+    platform::replaceSystemCalls(&calls);
+    std::map<std::string, std::int64_t> offsets;
+    qvdb::check(
+        path, [&](const qvdb::Finding& finding) { offsets.emplace(finding.code, finding.offset); },
+        kQuick);
+    platform::replaceSystemCalls(nullptr);
+    ASSERT_TRUE(offsets.contains("F5")) << hasDirectory;
+    EXPECT_EQ(offsets["F5"], bad);
+  }
 }
 
 // A payload of zeros in a large block, which begins at 4630 and ends at 4630 + 56 + 100,000.

@@ -41,11 +41,10 @@ const Original& original() {
   return instance;
 }
 
-// Expects the survey of `bytes`, in which `touched` was damaged, to find every other block, and
+// Expects the survey of bytes in which `touched` was damaged to have found every other block, and
 // nothing where none was; and a salvage to take every record that was in use.
-void expectRecall(const Original& before, const Bytes& bytes, const raw::Range& touched,
+void expectRecall(const Original& before, const Survey& survey, const raw::Range& touched,
                   const std::string& where) {
-  const Survey survey = surveyOf(bytes);
   const salvage::Plan plan = salvage::makePlan(survey, {});
   std::set<std::int64_t> found;
   std::set<std::int64_t> taken;
@@ -75,7 +74,8 @@ TEST(SalvageOfNoise, FindsEveryBlockThatTheNoiseDidNotTouch) {
     Bytes bytes = before.bytes;
     for (std::size_t n = 0; n < kNoise; ++n) bytes[at + n] = static_cast<std::uint8_t>(random());
     expectRecall(
-        before, bytes, {static_cast<std::int64_t>(at), static_cast<std::int64_t>(at + kNoise)},
+        before, surveyOf(bytes),
+        {static_cast<std::int64_t>(at), static_cast<std::int64_t>(at + kNoise)},
         "QVDBASE_TEST_SEED=" + std::to_string(firstSeed()) + ", noise at " + std::to_string(at));
   }
   tellCount("places of noise", places);
@@ -85,7 +85,7 @@ TEST(SalvageOfNoise, FindsEveryBlockWithoutHeaderAndDirectory) {
   const Original& before = original();
   Bytes bytes = before.bytes;
   std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
-  expectRecall(before, bytes, {0, 4630}, "no directory");
+  expectRecall(before, surveyOf(bytes), {0, 4630}, "no directory");
 }
 
 TEST(SalvageOfNoise, FindsEveryWholeBlockOfAFileThatWasCutOff) {
@@ -93,7 +93,7 @@ TEST(SalvageOfNoise, FindsEveryWholeBlockOfAFileThatWasCutOff) {
   const std::uint64_t step = seeds(37, 1) == 1 ? 1 : 37;
   for (std::size_t cut = 1; cut <= 2000 && !testing::Test::HasFailure(); cut += step) {
     const std::size_t size = before.bytes.size() - cut;
-    expectRecall(before, before.bytes.cut(size),
+    expectRecall(before, surveyOf(before.bytes.cut(size)),
                  {static_cast<std::int64_t>(size), static_cast<std::int64_t>(before.bytes.size())},
                  "cut at " + std::to_string(size));
   }
@@ -113,6 +113,73 @@ TEST(SalvageOfNoise, KeepsTheOrderOfRecordsWithoutADirectory) {
     ASSERT_NE(is, saved.database.tables.end());
     EXPECT_EQ(contentsOf(*is), contentsOf(table));
   }
+}
+
+// ---- a device that cannot read some of its bytes
+
+// A source of which one range cannot be read.
+class UnreadableSource : public raw::MemorySource {
+ public:
+  UnreadableSource(const Bytes& bytes, raw::Range bad)
+      : raw::MemorySource(asBytes(bytes)), bad_(bad) {}
+  std::size_t readAt(std::int64_t position, void* buffer, std::size_t count) const override {
+    ++reads;
+    if (position >= bad_.begin && position < bad_.end) return 0;
+    if (position < bad_.begin) {
+      count = std::min(count, static_cast<std::size_t>(bad_.begin - position));
+    }
+    return raw::MemorySource::readAt(position, buffer, count);
+  }
+  mutable std::int64_t reads = 0;
+
+ private:
+  raw::Range bad_;
+};
+
+TEST(SalvageOfUnreadableFiles, FindsEveryBlockThatCanBeRead) {
+  const Original& before = original();
+  Bytes blind = before.bytes;
+  std::fill(blind.begin(), blind.begin() + 4630, std::uint8_t{0});
+  const auto size = static_cast<std::int64_t>(blind.size());
+  for (std::int64_t begin = 8192; begin < size; begin += size / 20) {
+    // Pages of a device, and other parts, as an image has them that begins anywhere on it.
+    for (const raw::Range bad :
+         {raw::Range{begin / 4096 * 4096, begin / 4096 * 4096 + 4096},
+          raw::Range{begin, begin + 9000}, raw::Range{begin, begin + 1}, raw::Range{begin, size}}) {
+      const raw::Range inside = {bad.begin, std::min(bad.end, size)};
+      const UnreadableSource source(blind, inside);
+      const Survey survey = raw::makeSurvey(source);
+      const std::string where = "unreadable from " + std::to_string(inside.begin) + " to " +
+                                std::to_string(inside.end) +
+                                ", QVDBASE_TEST_SEED=" + std::to_string(firstSeed());
+      expectRecall(before, survey, inside, where);
+      EXPECT_EQ(survey.unreadableAt, inside.begin) << where;
+    }
+  }
+}
+
+TEST(SalvageOfUnreadableFiles, AsksOnceForEachPageThatCannotBeRead) {
+  RecordFields record;
+  record.tableID = identifier(0x11);
+  record.recordID = identifier(0xA1);
+  Bytes bytes = FileImage().build();
+  constexpr std::int64_t kPages = 5000;
+  bytes.zeros(static_cast<std::size_t>((kPages + 2) * 4096) - bytes.size());
+  const auto end = static_cast<std::int64_t>(bytes.size());
+  bytes.add(record.encode());
+  const UnreadableSource source(bytes, {8192, end});
+  const Survey survey = raw::makeSurvey(source);
+  ASSERT_EQ(survey.blocks.size(), 1u);
+  EXPECT_EQ(survey.blocks[0].position, end);
+  EXPECT_LT(source.reads, kPages + 200);
+}
+
+TEST(SalvageOfUnreadableFiles, NotesADirectoryThatCannotBeRead) {
+  const Bytes& bytes = original().bytes;
+  EXPECT_EQ(raw::makeSurvey(UnreadableSource(bytes, {0, 4096})).unreadableAt, 0);
+  EXPECT_EQ(raw::makeSurvey(UnreadableSource(bytes, {200, 300})).unreadableAt, 22 + 144);
+  EXPECT_EQ(surveyOf(bytes.cut(3000)).unreadableAt, -1);
+  EXPECT_EQ(surveyOf(bytes.cut(10)).unreadableAt, -1);
 }
 
 // ---- databases stored as payloads

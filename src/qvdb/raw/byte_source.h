@@ -28,6 +28,10 @@ class ByteSource {
   }
 };
 
+// The first position behind `position`, where a byte could not be read, that can be read again;
+// `end` if there is none before it. Asks page by page, and looks closer where a page can be read.
+int64_t nextReadable(const ByteSource& source, int64_t position, int64_t end);
+
 class MemorySource : public ByteSource {
  public:
   explicit MemorySource(std::span<const std::byte> bytes) : bytes_(bytes) {}

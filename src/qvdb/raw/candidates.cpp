@@ -60,39 +60,55 @@ int64_t passHole(const ByteSource& source, int64_t start, const Range& range) {
   return std::max(start, std::min(behind, range.end));
 }
 
+// The hits in the `held` bytes from `start` on: marks from `searchedTo` on, and headers that begin
+// in the range.
+ScanHits hitsIn(const std::vector<uint8_t>& buffer, size_t held, int64_t start, int64_t searchedTo,
+                const Range& range) {
+  ScanHits hits;
+  const size_t searched = held < kMarkPrefix ? 0 : held - (kMarkPrefix - 1);
+  for (const uint8_t mark : {kRecordMark, kTableDataMark}) {
+    eachByte(buffer, searched, mark, [&](size_t offset) {
+      const int64_t position = start + static_cast<int64_t>(offset);
+      if (position < searchedTo || !isBlockStart(buffer.data() + offset)) return;
+      hits.marks.push_back(position);
+    });
+  }
+  std::sort(hits.marks.begin(), hits.marks.end());
+  eachByte(buffer, held, kSlotImageSize, [&](size_t offset) {
+    if (offset < kSizesPattern - 1 || !isSizesPattern(buffer.data() + offset - 3)) return;
+    const int64_t origin = start + static_cast<int64_t>(offset) - 3 - kSlotCountPos;
+    if (origin >= range.begin) hits.headers.push_back(origin);
+  });
+  return hits;
+}
+
 }  // namespace
 
-void findHits(const ByteSource& source, const Range& range,
-              const std::function<void(const ScanHits&)>& found) {
+int64_t findHits(const ByteSource& source, const Range& range,
+                 const std::function<void(const ScanHits&)>& found) {
   std::vector<uint8_t> buffer(
       static_cast<size_t>(std::min<int64_t>(range.size(), static_cast<int64_t>(kChunk))));
-  // Pieces overlap by what a hit needs behind its first byte.
+  int64_t unreadableAt = -1;
   int64_t searchedTo = range.begin;
   for (int64_t start = passHole(source, range.begin, range); start < range.end;
        start = passHole(source, start, range)) {
     const auto want = static_cast<size_t>(
         std::min<int64_t>(range.end - start, static_cast<int64_t>(buffer.size())));
     const size_t held = source.readAt(start, buffer.data(), want);
-    ScanHits hits;
-    const size_t searched = held < kMarkPrefix ? 0 : held - (kMarkPrefix - 1);
-    for (const uint8_t mark : {kRecordMark, kTableDataMark}) {
-      eachByte(buffer, searched, mark, [&](size_t offset) {
-        const int64_t position = start + static_cast<int64_t>(offset);
-        if (position < searchedTo || !isBlockStart(buffer.data() + offset)) return;
-        hits.marks.push_back(position);
-      });
-    }
-    std::sort(hits.marks.begin(), hits.marks.end());
-    eachByte(buffer, held, kSlotImageSize, [&](size_t offset) {
-      if (offset < kSizesPattern - 1 || !isSizesPattern(buffer.data() + offset - 3)) return;
-      const int64_t origin = start + static_cast<int64_t>(offset) - 3 - kSlotCountPos;
-      if (origin >= range.begin) hits.headers.push_back(origin);
-    });
+    const ScanHits hits = hitsIn(buffer, held, start, searchedTo, range);
     if (!hits.marks.empty() || !hits.headers.empty()) found(hits);
-    searchedTo = start + static_cast<int64_t>(searched);
-    if (held < want || start + static_cast<int64_t>(held) >= range.end) break;
-    start += static_cast<int64_t>(held - (kSizesPattern - 1));
+    const int64_t end = start + static_cast<int64_t>(held);
+    if (end == range.end) break;
+    if (held < want) {
+      if (unreadableAt < 0) unreadableAt = end;
+      start = searchedTo = nextReadable(source, end, range.end);
+    } else {
+      // Pieces overlap by what a hit needs behind its first byte.
+      searchedTo = end - static_cast<int64_t>(kMarkPrefix - 1);
+      start = end - static_cast<int64_t>(kSizesPattern - 1);
+    }
   }
+  return unreadableAt;
 }
 
 std::optional<NestedDatabase> CandidateReader::readNested(int64_t origin) {

@@ -21,9 +21,10 @@ struct ScanHits {
 };
 
 // Searches the range in pieces and hands over the hits of each, if there are any: marks in
-// ascending order, and none twice.
-void findHits(const ByteSource& source, const Range& range,
-              const std::function<void(const ScanHits&)>& found);
+// ascending order, and none twice. What cannot be read is passed over; returns where that first
+// happened, or -1.
+int64_t findHits(const ByteSource& source, const Range& range,
+                 const std::function<void(const ScanHits&)>& found);
 
 // Reads candidates, all through one window: ask in ascending order.
 class CandidateReader {

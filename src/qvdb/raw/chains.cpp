@@ -172,7 +172,7 @@ void followChains(const ByteSource& source, Survey* survey) {
     reader.follow(&table);
     survey->tables.push_back(std::move(table));
   }
-  survey->unreadableAt = reader.unreadableAt();
+  survey->noteUnreadable(reader.unreadableAt());
 }
 
 }  // namespace qvdbase::raw

@@ -26,7 +26,11 @@ constexpr Layout kUsualLayout = {kNewSlotCount, kSlotImageSize};
 
 void readHeader(const ByteSource& source, Survey* survey) {
   unsigned char bytes[kDirectoryPos] = {};
-  survey->headerThere = source.readAt(0, bytes, sizeof bytes) == sizeof bytes;
+  const size_t held = source.readAt(0, bytes, sizeof bytes);
+  survey->headerThere = held == sizeof bytes;
+  if (!survey->headerThere && survey->size >= kDirectoryPos) {
+    survey->noteUnreadable(static_cast<int64_t>(held));
+  }
   Header& header = survey->header;
   std::memcpy(header.fields.signature, bytes, kSignatureSize);
   header.fields.version = static_cast<uint16_t>(loadBigEndian(bytes + kVersionPos, 2));
@@ -117,6 +121,8 @@ void readDirectory(const ByteSource& source, const SurveyOptions& options, Surve
   } else {
     layout = kUsualLayout;
   }
+  const int64_t next = kDirectoryPos + static_cast<int64_t>(survey->slots.size()) * layout.stride;
+  if (next < layout.end() && next <= survey->size - kSlotImageSize) survey->noteUnreadable(next);
   survey->slotStride = layout.stride;
   survey->blocksStart = std::max(survey->blocksStart, std::min(layout.end(), survey->size));
   for (const Slot& slot : survey->slots) {

@@ -24,7 +24,7 @@ class GapScanner {
       : source_(source), survey_(*survey), reader_(source, survey) {}
 
   void scan(const Range& gap) {
-    findHits(source_, gap, [&](const ScanHits& hits) {
+    const int64_t unreadableAt = findHits(source_, gap, [&](const ScanHits& hits) {
       for (const int64_t origin : hits.headers) {
         const std::optional<NestedDatabase> nested = reader_.readNested(origin);
         if (!nested) continue;
@@ -36,6 +36,7 @@ class GapScanner {
         if (block) candidates_.push_back(*block);
       }
     });
+    survey_.noteUnreadable(unreadableAt);
   }
 
   void resolve() {
@@ -194,7 +195,7 @@ void scanPayloads(const ByteSource& source, Survey* survey) {
     if (!block.isReached()) continue;
     const Range payload = {block.dataPos(), block.dataPos() + block.dataThere()};
     if (payload.size() < kTableDataBlockOverhead) continue;
-    findHits(source, payload, [&](const ScanHits& hits) {
+    const int64_t unreadableAt = findHits(source, payload, [&](const ScanHits& hits) {
       for (const int64_t origin : hits.headers) {
         if (reader.readNested(origin)) survey->nestedDatabases.push_back(origin);
       }
@@ -203,6 +204,7 @@ void scanPayloads(const ByteSource& source, Survey* survey) {
         if (found && found->grade == Grade::a) survey->nestedBlocks.push_back(position);
       }
     });
+    survey->noteUnreadable(unreadableAt);
   }
 }
 
@@ -212,7 +214,7 @@ void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* su
   GapScanner scanner(source, survey);
   for (const Range& gap : gapsBetween(*survey, blocksInFileOrder(*survey))) scanner.scan(gap);
   scanner.resolve();
-  if (scanner.unreadableAt() >= 0) survey->unreadableAt = scanner.unreadableAt();
+  survey->noteUnreadable(scanner.unreadableAt());
 
   if (options.deep) scanPayloads(source, survey);
   std::sort(survey->nestedBlocks.begin(), survey->nestedBlocks.end());

@@ -206,7 +206,12 @@ struct Survey {
   std::vector<LeftoverRange> leftovers;
   std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others; ascending
   std::vector<int64_t> nestedDatabases;  // where databases seem to begin that are not this one
-  int64_t unreadableAt = -1;
+  int64_t unreadableAt = -1;             // the first place met that could not be read
+
+  // Negative positions stand for none.
+  void noteUnreadable(int64_t position) {
+    if (position >= 0 && unreadableAt < 0) unreadableAt = position;
+  }
 
   const Table* tableOfSlot(int slot) const {
     for (const Table& table : tables) {
