@@ -97,6 +97,22 @@ TEST(CheckOfHostileFiles, IsLinearInNestedHeaders) {
   expectSurvived(bytes, "nested headers");
 }
 
+// Blocks of as many tables as there are blocks, outside of payloads and inside of one.
+TEST(CheckOfHostileFiles, IsLinearInTablesThatTheDirectoryDoesNotHave) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  Bytes blocks;
+  RecordFields record;
+  for (std::uint64_t i = 0; i < 40'000; ++i) {
+    record.tableID = identifier(0x10000 + i);
+    record.recordID = identifier(i + 1);
+    blocks.add(record.encode());
+  }
+  image.addRecord(table, 0xA1, blocks);
+  image.addRaw(blocks);
+  expectSurvived(image.build(), "a table for each block");
+}
+
 TEST(CheckOfHostileFiles, DoesNotBelieveASlotCount) {
   for (const std::uint64_t count : {0u, 1u, 127u, 128u, 0x7FFFu, 0xFFFFu}) {
     Bytes bytes = usedFile().bytes;

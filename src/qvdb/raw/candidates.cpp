@@ -134,13 +134,14 @@ bool CandidateReader::findOwner(const unsigned char* tableID, Block* block, int*
   const uint64_t number = identifierNumber(tableID);
   const bool sumIsRight = identifierSumIsRight(tableID);
   if (!sumIsRight) block->flaws |= kWrongTableSum;
-  for (uint32_t i = 0; i < knownOwners_; ++i) {
-    if (std::memcmp(survey_.owners[i].id.data(), tableID, kIdentifierSize) == 0) {
-      block->owner = i;
-      return true;
-    }
+  Id id;
+  std::memcpy(id.data(), tableID, kIdentifierSize);
+  const auto found = survey_.ownerNumbers.find(id);
+  if (found != survey_.ownerNumbers.end() && survey_.isKnown(found->second)) {
+    block->owner = found->second;
+    return true;
   }
-  for (uint32_t i = 0; i < knownOwners_; ++i) {
+  for (uint32_t i = 0; i < survey_.knownOwners; ++i) {
     if (survey_.owners[i].number != number) continue;
     block->owner = i;
     if (!sumIsRight) ++*errors;
@@ -158,7 +159,7 @@ bool CandidateReader::readRecordHead(int64_t position, Block* block, int* errors
   const bool sumIsRight = identifierSumIsRight(head.recordID);
   // Without a table of the directory the record's own sum has to be right, or anything would do.
   if (!findOwner(head.tableID, block, errors)) return false;
-  if (!isKnown(block->owner) && !sumIsRight) return false;
+  if (!survey_.isKnown(block->owner) && !sumIsRight) return false;
   block->kind = BlockKind::record;
   block->prev = head.prevRecordPos;
   block->next = head.nextRecordPos;
@@ -210,7 +211,7 @@ std::optional<Block> CandidateReader::read(int64_t position, int64_t limit) {
   if (!isCandidate) return std::nullopt;
   judgeExtent(limit, &block, &errors);
   block.grade = errors == 0 ? Grade::a : errors == 1 ? Grade::b : Grade::c;
-  if (block.grade == Grade::c && !isKnown(block.owner)) return std::nullopt;
+  if (block.grade == Grade::c && !survey_.isKnown(block.owner)) return std::nullopt;
   return block;
 }
 

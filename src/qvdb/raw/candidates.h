@@ -29,17 +29,12 @@ int64_t findHits(const ByteSource& source, const Range& range,
 // Reads candidates, all through one window: ask in ascending order.
 class CandidateReader {
  public:
-  CandidateReader(const ByteSource& source, Survey* survey) : window_(source), survey_(*survey) {
-    knownOwners_ = survey_.owners.size();
-  }
+  CandidateReader(const ByteSource& source, Survey* survey) : window_(source), survey_(*survey) {}
 
   // The block at `position` if enough of it is right, with its grade; it must lie below `limit`.
   std::optional<Block> read(int64_t position, int64_t limit);
 
   std::optional<NestedDatabase> readNested(int64_t origin);
-
-  // Whether the owner has a slot in the directory.
-  bool isKnown(uint32_t owner) const { return owner < knownOwners_; }
 
   int64_t unreadableAt() const { return window_.unreadableAt(); }
 
@@ -51,7 +46,6 @@ class CandidateReader {
 
   Window window_;
   Survey& survey_;
-  size_t knownOwners_ = 0;
 };
 
 }  // namespace qvdbase::raw

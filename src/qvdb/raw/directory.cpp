@@ -130,6 +130,7 @@ void readDirectory(const ByteSource& source, const SurveyOptions& options, Surve
     const uint32_t owner = ownerOf(slot.fields.tableID, survey);
     if (survey->owners[owner].slot == kNoSlot) survey->owners[owner].slot = slot.index;
   }
+  survey->knownOwners = static_cast<uint32_t>(survey->owners.size());
 }
 
 }  // namespace qvdbase::raw

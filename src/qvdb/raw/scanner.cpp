@@ -51,7 +51,7 @@ class GapScanner {
  private:
   // An owner is native when a slot knows it, or when a block of it stands outside of all others.
   bool isNative(const Block& block) const {
-    return reader_.isKnown(block.owner) || established_[block.owner];
+    return survey_.isKnown(block.owner) || established_[block.owner];
   }
 
   void establishOwners() {
@@ -97,7 +97,7 @@ class GapScanner {
       const int64_t origin = nestedOrigin(block);
       const bool isCovered = block.position < covered;
       const bool isNested =
-          origin != 0 && (reader_.isKnown(block.owner) ? isCopyOfOwn(block, origin)
+          origin != 0 && (survey_.isKnown(block.owner) ? isCopyOfOwn(block, origin)
                                                        : isCovered || !survey_.tables.empty());
       if (isNested) {
         survey_.nestedBlocks.push_back(block.position);

@@ -198,6 +198,7 @@ struct Survey {
   int64_t blocksStart = 0;          // where the first block may be
   std::vector<Slot> slots;
   std::vector<Owner> owners;
+  uint32_t knownOwners = 0;  // how many of them, the first ones, have a slot in the directory
   std::map<Id, uint32_t> ownerNumbers;
   std::vector<Block> blocks;
   PositionIndex byPosition;
@@ -212,6 +213,9 @@ struct Survey {
   void noteUnreadable(int64_t position) {
     if (position >= 0 && unreadableAt < 0) unreadableAt = position;
   }
+
+  // Whether the owner has a slot in the directory.
+  bool isKnown(uint32_t owner) const { return owner < knownOwners; }
 
   const Table* tableOfSlot(int slot) const {
     for (const Table& table : tables) {
