@@ -113,6 +113,29 @@ TEST(CheckOfHostileFiles, IsLinearInTablesThatTheDirectoryDoesNotHave) {
   expectSurvived(image.build(), "a table for each block");
 }
 
+// A record of which each version holds the whole database up to then is stored over and over.
+TEST(CheckOfHostileFiles, IsLinearInCopiesOfTheDatabaseItself) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  FileImage earlier;
+  earlier.addTable("notes", 0x11);
+  earlier.addRaw(pattern(77));  // what stood there before a pack
+  for (std::uint64_t i = 1; i <= 20; ++i) {
+    image.addRecord(table, i, bytesOf("text"));
+    earlier.addRecord(table, i, bytesOf("text"));
+  }
+  const Bytes copy = earlier.build();
+  RecordFields version;
+  version.tableID = identifier(0x11);
+  version.recordID = identifier(0xFF);
+  version.room = copy;
+  version.dataLength = version.dataCapacity = static_cast<std::uint32_t>(copy.size());
+  for (int i = 0; i < 1000; ++i) image.addDeadRecord(version);
+  const Bytes bytes = image.build();
+  expectSurvived(bytes, "copies");
+  EXPECT_EQ(checkBytes(bytes).report.blocks, 1020u);
+}
+
 TEST(CheckOfHostileFiles, DoesNotBelieveASlotCount) {
   for (const std::uint64_t count : {0u, 1u, 127u, 128u, 0x7FFFu, 0xFFFFu}) {
     Bytes bytes = usedFile().bytes;

@@ -67,6 +67,30 @@ TEST(CheckOfSpace, TakesStoredDatabasesInDeletedAndLiveRecordsForPayloads) {
                 std::to_string(dead + 55) + ".");
 }
 
+// The same of a copy of the database itself: its blocks are neither deleted nor lost records.
+TEST(CheckOfSpace, TakesACopyOfTheDatabaseItselfInADeletedRecordForAPayload) {
+  FileImage earlier;
+  const std::size_t then = earlier.addTable("notes", 0x11);
+  earlier.addRecord(then, 0xD1, bytesOf("left behind by a pack"));
+  const std::int64_t kept = earlier.addRecord(then, 0xA1, bytesOf("kept"));
+  earlier.record(kept).prevRecordPos = 0;
+  earlier.slot(then).firstRecordPos = kept;
+  earlier.slot(then).recordCount = 1;
+  Shortened file;
+  const std::int64_t a = file.image.addRecord(file.table, 0xA1, bytesOf("kept"));
+  const std::int64_t copy = file.image.addRecord(file.table, 0xA2, earlier.build());
+  file.image.record(a).nextRecordPos = 0;
+  file.image.slot(file.table).lastRecordPos = a;
+  file.image.slot(file.table).recordCount = 1;
+  const Checked checked = file.check();
+  EXPECT_EQ(checked.report.state, qvdb::CheckState::sound) << checked.text();
+  EXPECT_EQ(checked.report.space.deleted, earlier.build().size() + 56);
+  EXPECT_EQ(checked.first("S6").message,
+            "2 blocks inside the payloads of others: a database is stored there, the first one "
+            "from offset " +
+                std::to_string(copy + 55) + ".");
+}
+
 TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
   Shortened file;
   const std::int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);

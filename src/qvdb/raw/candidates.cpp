@@ -121,9 +121,12 @@ std::optional<NestedDatabase> CandidateReader::readNested(int64_t origin) {
         window_.at(origin + kDirectoryPos + int64_t{i} * kSlotImageSize, kSlotImageSize);
     if (image == nullptr) break;
     if (image[slot::kSlotMark] != kSlotMark || image[slot::kSlotEndMark] != kSlotEndMark) continue;
-    Id id;
-    std::memcpy(id.data(), image + slot::kTableID, kIdentifierSize);
-    nested.tables.push_back(id);
+    tablePart1 fields = {};
+    decodeSlot(image, &fields);
+    const uint64_t number = identifierNumber(fields.tableID);
+    if (number == 0) continue;
+    nested.tables.push_back(
+        {number, fields.firstRecordPos, fields.lastRecordPos, fields.firstDataPos});
   }
   return nested;
 }

@@ -9,10 +9,18 @@
 
 namespace qvdbase::raw {
 
+// A table in the directory of a nested database. Its positions count from where that begins.
+struct NestedTable {
+  uint64_t number = 0;  // its identifier
+  int64_t firstRecord = 0;
+  int64_t lastRecord = 0;
+  int64_t data = 0;
+};
+
 // A database header inside the bytes that were scanned, with the tables of its directory.
 struct NestedDatabase {
   int64_t origin = 0;
-  std::vector<Id> tables;
+  std::vector<NestedTable> tables;
 };
 
 struct ScanHits {

@@ -5,18 +5,27 @@
 //
 //   - One that covers another whole one loses. A torn append claims room that later blocks were
 //     written into, and its end mark may seem to be there.
-//   - Unless what it covers is no block of this database but part of a database stored as a
-//   payload:
-//     its tables are in no slot here, and stand nowhere but inside of other blocks.
+//   - Unless what it covers is no block of this file but part of a payload (nested.cpp), or of a
+//     table that is in no slot here and stands nowhere but inside of other blocks.
 //   - A candidate that is not whole is cut where the next one begins.
+//
+// A block in use competes as well if its end mark is right but what stands behind it is no block:
+// either something came behind the last block, or the capacity is damaged and leads to a byte that
+// looks like an end mark. It loses to blocks of the directory's tables only, and to those that a
+// neighbour in the file names.
 #include <algorithm>
 
 #include "format/block_heads.h"
 #include "qvdb/raw/candidates.h"
+#include "qvdb/raw/nested.h"
 #include "qvdb/raw/survey.h"
 
 namespace qvdbase::raw {
 namespace {
+
+bool comesBefore(const Candidate& a, const Candidate& b) {
+  return a.block.position < b.block.position;
+}
 
 class GapScanner {
  public:
@@ -26,30 +35,54 @@ class GapScanner {
   void scan(const Range& gap) {
     const int64_t unreadableAt = findHits(source_, gap, [&](const ScanHits& hits) {
       for (const int64_t origin : hits.headers) {
-        const std::optional<NestedDatabase> nested = reader_.readNested(origin);
-        if (!nested) continue;
+        if (!reader_.readNested(origin)) continue;
         survey_.nestedDatabases.push_back(origin);
-        for (const Id& table : nested->tables) nested_[table].push_back(origin);
+        databases_.push_back({origin, gap.end});
       }
       for (const int64_t position : hits.marks) {
         const std::optional<Block> block = reader_.read(position, gap.end);
-        if (block) candidates_.push_back(*block);
+        if (block) candidates_.push_back({*block});
       }
     });
     survey_.noteUnreadable(unreadableAt);
   }
 
   void resolve() {
-    establishOwners();
+    enterBlocksInUse();
+    judgeNested(survey_, databases_, &reader_, &candidates_);
     dropNested();
+    establishOwners();
     findSuccessors();
-    accept();
+    for (size_t i = 0; i < candidates_.size(); ++i) decide(i);
+    survey_.noteUnreadable(reader_.unreadableAt());
   }
 
-  int64_t unreadableAt() const { return reader_.unreadableAt(); }
-
  private:
-  // An owner is native when a slot knows it, or when a block of it stands outside of all others.
+  void enterBlocksInUse() {
+    constexpr uint8_t kWrongEnd = kBeyondEnd | kCutShort | kNoEndMark | kLengthAboveCapacity;
+    const size_t found = candidates_.size();
+    for (const Block& block : survey_.blocks) {
+      if (!(block.flaws & kUnbelieved) || (block.flaws & kWrongEnd)) continue;
+      candidates_.push_back({block});
+      candidates_.back().block.end = block.claimedEnd();
+    }
+    if (candidates_.size() > found) std::sort(candidates_.begin(), candidates_.end(), comesBefore);
+  }
+
+  void dropNested() {
+    for (const Candidate& each : candidates_) {
+      if (each.isNested) survey_.nestedBlocks.push_back(each.block.position);
+    }
+    std::erase_if(candidates_, [](const Candidate& each) { return each.isNested; });
+  }
+
+  // Whether it is this database's beyond doubt.
+  bool isOwn(const Candidate& each) const {
+    return survey_.isKnown(each.block.owner) || each.isAnchored;
+  }
+
+  // An owner is native when a slot knows it, or when a block of it belongs here or stands outside
+  // of all others.
   bool isNative(const Block& block) const {
     return survey_.isKnown(block.owner) || established_[block.owner];
   }
@@ -57,99 +90,70 @@ class GapScanner {
   void establishOwners() {
     established_.assign(survey_.owners.size(), false);
     int64_t covered = 0;
-    for (const Block& block : candidates_) {
-      if (block.position >= covered) established_[block.owner] = true;
+    for (const Candidate& each : candidates_) {
+      const Block& block = each.block;
+      if (each.isAnchored || block.position >= covered) established_[block.owner] = true;
       if (block.grade == Grade::a) covered = std::max(covered, block.end);
     }
   }
 
-  // The nearest nested database before `block` that has its table; 0 for none.
-  int64_t nestedOrigin(const Block& block) const {
-    const auto found = nested_.find(survey_.owners[block.owner].id);
-    if (found == nested_.end()) return 0;
-    const std::vector<int64_t>& origins = found->second;  // ascending, as they were found
-    const auto behind = std::upper_bound(origins.begin(), origins.end(), block.position);
-    return behind == origins.begin() ? 0 : *(behind - 1);
-  }
-
-  // A copy of this very database, of an earlier day: the block is here as well, at the same
-  // distance from the start.
-  bool isCopyOfOwn(const Block& block, int64_t origin) const {
-    const int64_t here = block.position - origin;
-    const uint32_t number = survey_.byPosition.find(here);
-    const Block* own = number != kNoBlock ? &survey_.blocks[number] : candidateAt(here);
-    return own != nullptr && own->owner == block.owner && own->recordID == block.recordID &&
-           own->createTime == block.createTime;
-  }
-
-  const Block* candidateAt(int64_t position) const {
-    const auto found = std::lower_bound(
-        candidates_.begin(), candidates_.end(), position,
-        [](const Block& block, int64_t wanted) { return block.position < wanted; });
-    return found != candidates_.end() && found->position == position ? &*found : nullptr;
-  }
-
-  void dropNested() {
-    if (nested_.empty()) return;
-    std::vector<Block> kept;
-    int64_t covered = 0;
-    for (const Block& block : candidates_) {
-      const int64_t origin = nestedOrigin(block);
-      const bool isCovered = block.position < covered;
-      const bool isNested =
-          origin != 0 && (survey_.isKnown(block.owner) ? isCopyOfOwn(block, origin)
-                                                       : isCovered || !survey_.tables.empty());
-      if (isNested) {
-        survey_.nestedBlocks.push_back(block.position);
-        continue;
-      }
-      if (block.grade == Grade::a) covered = std::max(covered, block.end);
-      kept.push_back(block);
-    }
-    candidates_ = std::move(kept);
-  }
-
-  // For every candidate the start of the next native one behind it: a whole one, and any.
+  // For every candidate the start of the next native one behind it: any, a whole one, and a whole
+  // one that is surely this database's.
   void findSuccessors() {
     constexpr int64_t kNever = INT64_MAX;
-    nextWhole_.assign(candidates_.size() + 1, kNever);
-    nextNative_.assign(candidates_.size() + 1, kNever);
+    for (auto* next : {&nextNative_, &nextWhole_, &nextOwn_}) {
+      next->assign(candidates_.size() + 1, kNever);
+    }
     for (size_t i = candidates_.size(); i-- > 0;) {
-      const Block& block = candidates_[i];
-      const bool native = isNative(block);
-      nextNative_[i] = native ? block.position : nextNative_[i + 1];
-      nextWhole_[i] = native && block.grade == Grade::a ? block.position : nextWhole_[i + 1];
+      const Candidate& each = candidates_[i];
+      const int64_t position = each.block.position;
+      const bool isAny = isNative(each.block) && !each.block.isReached();
+      const bool isWhole = isAny && (each.block.grade == Grade::a || each.isAnchored);
+      nextNative_[i] = isAny ? position : nextNative_[i + 1];
+      nextWhole_[i] = isWhole ? position : nextWhole_[i + 1];
+      nextOwn_[i] = isWhole && isOwn(each) ? position : nextOwn_[i + 1];
     }
   }
 
-  void accept() {
-    int64_t covered = 0;
-    for (size_t i = 0; i < candidates_.size(); ++i) {
-      Block block = candidates_[i];
-      if (block.position < covered) {
-        if (block.grade == Grade::a) survey_.nestedBlocks.push_back(block.position);
-        continue;
-      }
-      if (!isNative(block)) continue;
-      if (block.grade == Grade::a && nextWhole_[i + 1] < block.end) block.grade = Grade::b;
-      if (block.grade != Grade::a && nextNative_[i + 1] < block.end) {
-        block.flaws |= kCutShort;
-        block.end = nextNative_[i + 1];
-      }
-      covered = block.end;
-      survey_.byPosition.add(block.position, static_cast<uint32_t>(survey_.blocks.size()));
-      survey_.blocks.push_back(block);
+  void decide(size_t i) {
+    const Block& block = candidates_[i].block;
+    if (block.isReached()) {
+      if (nextOwn_[i + 1] >= block.end) confirm(block);
+    } else if (block.position < covered_) {
+      if (block.grade == Grade::a) survey_.nestedBlocks.push_back(block.position);
+    } else if (isNative(block)) {
+      accept(i);
     }
+  }
+
+  void confirm(const Block& block) {
+    Block& inUse = survey_.blocks[survey_.byPosition.find(block.position)];
+    inUse.flaws &= static_cast<uint8_t>(~kUnbelieved);
+    inUse.end = covered_ = block.end;
+  }
+
+  void accept(size_t i) {
+    Block block = candidates_[i].block;
+    if (block.grade == Grade::a && nextWhole_[i + 1] < block.end) block.grade = Grade::b;
+    if (block.grade != Grade::a && nextNative_[i + 1] < block.end) {
+      block.flaws |= kCutShort;
+      block.end = nextNative_[i + 1];
+    }
+    covered_ = block.end;
+    survey_.byPosition.add(block.position, static_cast<uint32_t>(survey_.blocks.size()));
+    survey_.blocks.push_back(block);
   }
 
   const ByteSource& source_;
   Survey& survey_;
   CandidateReader reader_;
-  std::vector<Block> candidates_;
-  std::map<Id, std::vector<int64_t>> nested_;
+  std::vector<Candidate> candidates_;
+  std::vector<Range> databases_;  // from where each begins to the end of its gap
   std::vector<bool> established_;
-  std::vector<int64_t> nextWhole_;
   std::vector<int64_t> nextNative_;
+  std::vector<int64_t> nextWhole_;
+  std::vector<int64_t> nextOwn_;
+  int64_t covered_ = 0;
 };
 
 std::vector<Range> gapsBetween(const Survey& survey, const std::vector<uint32_t>& order) {
@@ -208,17 +212,22 @@ void scanPayloads(const ByteSource& source, Survey* survey) {
   }
 }
 
+void sortUnique(std::vector<int64_t>* positions) {
+  std::sort(positions->begin(), positions->end());
+  positions->erase(std::unique(positions->begin(), positions->end()), positions->end());
+}
+
 }  // namespace
 
 void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* survey) {
   GapScanner scanner(source, survey);
   for (const Range& gap : gapsBetween(*survey, blocksInFileOrder(*survey))) scanner.scan(gap);
   scanner.resolve();
-  survey->noteUnreadable(scanner.unreadableAt());
 
+  // The payload of a block in use that nothing confirmed is met twice.
   if (options.deep) scanPayloads(source, survey);
-  std::sort(survey->nestedBlocks.begin(), survey->nestedBlocks.end());
-  std::sort(survey->nestedDatabases.begin(), survey->nestedDatabases.end());
+  sortUnique(&survey->nestedBlocks);
+  sortUnique(&survey->nestedDatabases);
 
   const std::vector<uint32_t> order = blocksInFileOrder(*survey);
   extendUnbelieved(order, survey);

@@ -6,7 +6,8 @@
 //   1. directory.cpp   the header and every slot
 //   2. chains.cpp      both walks of each table's chain, and its table data
 //   3. extents.cpp     what the blocks so found cover, and where they overlap
-//   4. scanner.cpp     candidates for blocks in all bytes that are left
+//   4. scanner.cpp     candidates for blocks in all bytes that are left; nested.cpp tells which of
+//                      them are parts of payloads
 //   5. labels.cpp      what each unreferenced block is: superseded, deleted, never linked, ...
 //
 // No count and no length in the file is trusted: every walk ends at a block that it has met, and
@@ -205,7 +206,7 @@ struct Survey {
   std::vector<Table> tables;  // one per slot that is a table, counted or not
   std::vector<Overlap> overlaps;
   std::vector<LeftoverRange> leftovers;
-  std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others; ascending
+  std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others
   std::vector<int64_t> nestedDatabases;  // where databases seem to begin that are not this one
   int64_t unreadableAt = -1;             // the first place met that could not be read
 
