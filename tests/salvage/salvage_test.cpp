@@ -215,6 +215,29 @@ TEST(Salvage, GivesATableBackTheIdentifierThatItsBlocksCarry) {
   EXPECT_EQ(contentsOf(saved.database.tables[0]), parts.all);
 }
 
+// Two slots with the same identifier, of which one has a wrong sum: it is the other's.
+TEST(Salvage, GivesNoIdentifierToTwoTables) {
+  for (const bool isFirst : {false, true}) {
+    FileImage image;
+    if (isFirst) image.addTable("empty", 0x11);
+    const std::size_t notes = image.addTable("notes", 0x11);
+    if (!isFirst) image.addTable("empty", 0x11);
+    image.addRecord(notes, 0xA1, bytesOf("text"));
+    image.slot(isFirst ? 0 : 1).tableID[9] ^= 0x40;
+    const Salvaged saved = salvaged(image.build());
+    ASSERT_EQ(saved.database.tables.size(), 2u);
+    const ReadTable& kept = saved.database.tables[notes];
+    EXPECT_EQ(kept.id, 0x11u);
+    EXPECT_EQ(contentsOf(kept), (Contents{{0xA1, bytesOf("text")}}));
+    EXPECT_EQ(saved.database.tables[1 - notes].name, "empty");
+    EXPECT_NE(saved.database.tables[1 - notes].id, 0x11u);
+    ASSERT_EQ(saved.report.notes.size(), 1u);
+    EXPECT_EQ(saved.report.notes[0],
+              "The identifier of the table empty is damaged, and as it stands is that of another; "
+              "it has a new one.");
+  }
+}
+
 TEST(Salvage, TakesCutPayloadsWhenItIsAskedTo) {
   Parts parts;
   Bytes bytes = parts.image.build();

@@ -3,14 +3,16 @@
 // Tables of the directory come first, in its order, each with its chain: what the walk from the
 // front reaches, then pieces that no end leads to, then what only the walk from the back reaches,
 // then records that were never counted. A table whose own identifier was damaged takes the one that
-// the blocks behind its positions carry. Blocks of unknown tables make tables of their own. What is
-// no part of its table any more goes to "lost-and-found".
+// the blocks behind its positions carry; one whose damaged identifier is another table's takes a
+// new one. Blocks of unknown tables make tables of their own. What is no part of its table any more
+// goes to "lost-and-found".
 #include "qvdb/salvage/plan.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "format/identifiers.h"
 
@@ -205,6 +207,11 @@ class Planner {
     }
   }
 
+  // What is neither counted nor filled is an AddTable that was cut off.
+  bool isPlannable(const Table& table) const {
+    return slotOf(table).counted || !groups_[owners_.at(table.slot)].isEmpty();
+  }
+
   void planTable(const Table& table) {
     const Slot& slot = slotOf(table);
     const uint32_t owner = owners_[table.slot];
@@ -213,31 +220,50 @@ class Planner {
       return note("Slot " + std::to_string(slot.index) +
                   " has the identifier of another; only the first of them was taken.");
     }
-    if (!slot.counted && group.isEmpty()) return;  // an AddTable that was cut off
+    if (!isPlannable(table)) return;
     PlannedTable planned;
     planned.slot = slot.fields;
     planned.slot.slotMark = kSlotMark;
     planned.slot.slotEndMark = kSlotEndMark;
-    giveIdentifier(survey_.owners[owner], owner != table.owner, &planned);
+    giveIdentifier(owner, owner != table.owner, &planned);
     if (planned.slot.tableName[0] == '\0') {
-      giveName(&planned, survey_.owners[owner].number);
+      giveName(&planned, identifierNumber(planned.slot.tableID));
     }
     planned.records = chainOf(table, group);
     planned.data = group.data;
     add(std::move(planned), &group);
   }
 
-  void giveIdentifier(const raw::Owner& owner, bool isAdopted, PlannedTable* planned) {
+  void giveIdentifier(uint32_t owner, bool isAdopted, PlannedTable* planned) {
     if (isAdopted) {
       note("The identifier of the table " + planned->name() +
            " is damaged; its blocks say which it was.");
     }
-    if (owner.number == 0) {
+    const uint64_t number = survey_.owners[owner].number;
+    if (number == 0) {
       GenerateUuID(planned->slot.tableID);
       note("The identifier of the table " + planned->name() + " is zero; it has a new one.");
+    } else if (isOfAnother(owner)) {
+      GenerateUuID(planned->slot.tableID);
+      note("The identifier of the table " + planned->name() +
+           " is damaged, and as it stands is that of another; it has a new one.");
     } else {
-      internal_ConvertInt64_2UuID(owner.number, planned->slot.tableID);
+      internal_ConvertInt64_2UuID(number, planned->slot.tableID);
+      given_.insert(number);
     }
+  }
+
+  // Two slots may hold the same number, and differ in its sum: it belongs to the one whose sum is
+  // right, or else to the first.
+  bool isOfAnother(uint32_t owner) const {
+    const raw::Owner& mine = survey_.owners[owner];
+    if (given_.contains(mine.number)) return true;
+    if (identifierSumIsRight(mine.id.data())) return false;
+    return std::any_of(survey_.tables.begin(), survey_.tables.end(), [&](const Table& table) {
+      const raw::Owner& other = survey_.owners[owners_.at(table.slot)];
+      return isPlannable(table) && other.number == mine.number &&
+             identifierSumIsRight(other.id.data());
+    });
   }
 
   static std::string madeName(uint64_t number) {
@@ -337,6 +363,7 @@ class Planner {
   Plan plan_;
   std::vector<Group> groups_;       // by owner
   std::map<int, uint32_t> owners_;  // of each slot, after adoption
+  std::set<uint64_t> given_;        // identifiers of tables that have been planned
   std::vector<uint32_t> strays_;
 };
 
