@@ -91,6 +91,19 @@ TEST(CheckOfSpace, TakesACopyOfTheDatabaseItselfInADeletedRecordForAPayload) {
                 std::to_string(copy + 55) + ".");
 }
 
+TEST(CheckOfSpace, TellsOfAStoredDatabaseWithoutBlocks) {
+  Shortened file;
+  const std::int64_t at = file.image.addRecord(file.table, 0xA1, FileImage().build());
+  EXPECT_EQ(file.check().findings.size(), 0u);
+  const Checked checked = checkBytes(file.image.build(), {.deep = true, .now = kNow});
+  ASSERT_EQ(checked.findings.size(), 1u) << checked.text();
+  EXPECT_EQ(checked.first("S6").offset, at + 55);
+  EXPECT_EQ(checked.first("S6").message,
+            "1 header without a block inside the payloads of others: a database is stored there, "
+            "the first one from offset " +
+                std::to_string(at + 55) + ".");
+}
+
 TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
   Shortened file;
   const std::int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);

@@ -193,13 +193,17 @@ class SpaceCheck {
   }
 
   void reportNested() {
-    if (survey_.nestedBlocks.empty()) return;
-    std::string detail = counted(survey_.nestedBlocks.size(), "block") +
-                         " inside the payloads of others: a database is stored there";
-    if (!survey_.nestedDatabases.empty()) {
-      detail += ", the first one from offset " + std::to_string(survey_.nestedDatabases.front());
+    const std::vector<int64_t>& blocks = survey_.nestedBlocks;
+    const std::vector<int64_t>& databases = survey_.nestedDatabases;
+    if (blocks.empty() && databases.empty()) return;
+    std::string detail = blocks.empty() ? counted(databases.size(), "header") + " without a block"
+                                        : counted(blocks.size(), "block");
+    detail += " inside the payloads of others: a database is stored there";
+    if (!databases.empty()) {
+      detail += ", the first one from offset " + std::to_string(databases.front());
     }
-    findings_.information("S6", {.offset = survey_.nestedBlocks.front()}, detail + ".");
+    const int64_t first = blocks.empty() ? databases.front() : blocks.front();
+    findings_.information("S6", {.offset = first}, detail + ".");
   }
 
   // Room that was never used is all zeros, as the library fills it. A payload that was written over
