@@ -104,6 +104,25 @@ TEST(CheckOfSpace, TellsOfAStoredDatabaseWithoutBlocks) {
                 std::to_string(at + 55) + ".");
 }
 
+// A pack takes along what the chains lead to. That is not all that one may want back.
+TEST(CheckOfSpace, TellsWhatAPackWouldLeaveBehind) {
+  Shortened file;
+  const std::int64_t a = file.image.addRecord(file.table, 0xA1, bytesOf("kept"));
+  file.image.addRecord(file.table, 0xA2, bytesOf("deleted"));  // 63 bytes
+  file.image.record(a).nextRecordPos = 0;
+  file.image.slot(file.table).lastRecordPos = a;
+  file.image.slot(file.table).recordCount = 1;
+  EXPECT_EQ(file.check().first("S7").message,
+            "63 bytes of " + std::to_string(file.image.end()) + " would come back by packing.");
+  RecordFields orphan;
+  orphan.tableID = identifier(0x22);
+  orphan.recordID = identifier(0xB1);
+  file.image.addDeadRecord(orphan);  // 56 bytes
+  EXPECT_EQ(file.check().first("S7").message,
+            "119 bytes of " + std::to_string(file.image.end()) +
+                " would come back by packing; 56 of them hold what was lost, not deleted.");
+}
+
 TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
   Shortened file;
   const std::int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);

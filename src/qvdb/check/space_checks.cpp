@@ -239,11 +239,15 @@ class SpaceCheck {
   }
 
   void reportUnused() {
-    const uint64_t dead = space_.superseded + space_.deleted + space_.unknown;
+    // A pack takes along what the chains lead to, and nothing else.
+    const uint64_t lost = space_.unlinked + space_.lost + space_.orphans;
+    const uint64_t dead = space_.superseded + space_.deleted + space_.unknown + lost;
     if (dead > 0) {
+      const std::string warning =
+          "; " + std::to_string(lost) + " of them hold what was lost, not deleted";
       findings_.information("S7", {},
                             counted(dead, "byte") + " of " + std::to_string(survey_.size) +
-                                " would come back by packing.");
+                                " would come back by packing" + (lost > 0 ? warning : "") + ".");
     }
     if (space_.reserve > space_.stale) {
       findings_.information("S7", {},
