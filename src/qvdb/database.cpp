@@ -155,12 +155,10 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
       qvdbase::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
     return Database(std::move(state));
   }
+  // The name of a file that was there before may be somebody's; a new one goes while nobody else
+  // can have it open.
+  if (isMade && !std::filesystem::exists(status)) std::filesystem::remove(path, error);
   if (isMade) CloseDBase(state->handle);
-  // The name of a file that was there before may be somebody's.
-  const bool wasMadeHere = !std::filesystem::exists(status);
-  if (wasMadeHere && (isMade || std::filesystem::file_size(path, error) == 0)) {
-    std::filesystem::remove(path, error);
-  }
   const auto space = std::filesystem::space(std::filesystem::absolute(path).parent_path(), error);
   if (!error && space.available < 8192) refuse(Reason::disk_full, "the disk is full");
   if (isMade) refuse(Reason::cannot_write, "the file cannot be written");

@@ -177,30 +177,21 @@ TEST_P(FailingCalls, EndInTheStatedFailureOrInFullSuccess) {
   const ScriptedCall& scripted = GetParam();
   const Outcome whole = attempt(nullptr, 0);
   ASSERT_TRUE(whole.succeeded);
-  std::uint64_t attempts = 0;
-  for (const Failure& failure : allFailures()) {
-    for (int skip = 0;; skip = afterStep(skip)) {
-      SCOPED_TRACE(failure.name + " after " + std::to_string(skip));
-      const Outcome outcome = attempt(&failure, skip);
-      if (!outcome.failed) {
-        EXPECT_TRUE(outcome.succeeded);
-        break;
-      }
-      ++attempts;
-      const bool passesOver = scripted.passesOver.contains(failure.kind);
-      if (failure.kind == Call::write && failure.isError && !passesOver) {
-        EXPECT_FALSE(outcome.succeeded) << "success, although a write has failed";
-      }
-      if (failure.kind == Call::time) {
-        EXPECT_TRUE(outcome.succeeded) << "a clock that fails is a clock that shows a late time";
-      } else if (scripted.takesErrorForDamage && failure.kind == Call::read) {
-        expectBlocksKept(outcome);
-      } else if (!passesOver || (failure.kind == Call::write && outcome.succeeded)) {
-        expectFiles(outcome, whole);
-      }
-      if (HasFailure()) return;
-    }
-  }
+  const std::uint64_t attempts = tryAllFailures(
+      50, [&](const Failure* failure, int skip) { return attempt(failure, skip); },
+      [&](const Failure& failure, const Outcome& outcome) {
+        const bool passesOver = scripted.passesOver.contains(failure.kind);
+        if (failure.kind == Call::write && failure.isError && !passesOver) {
+          EXPECT_FALSE(outcome.succeeded) << "success, although a write has failed";
+        }
+        if (failure.kind == Call::time) {
+          EXPECT_TRUE(outcome.succeeded) << "a clock that fails is a clock that shows a late time";
+        } else if (scripted.takesErrorForDamage && failure.kind == Call::read) {
+          expectBlocksKept(outcome);
+        } else if (!passesOver || (failure.kind == Call::write && outcome.succeeded)) {
+          expectFiles(outcome, whole);
+        }
+      });
   tellCount("failing calls, calls of the script", 1);
   tellCount("failing calls, failures", attempts);
 }

@@ -2,6 +2,9 @@
 #ifndef QVDBASE_TESTS_PROOF_FAILURES_H
 #define QVDBASE_TESTS_PROOF_FAILURES_H
 
+#include <gtest/gtest.h>
+
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
@@ -48,9 +51,26 @@ inline std::vector<Failure> allFailures() {
   return all;
 }
 
-// Of a long call's transfers the sample tries the first fifty, and then ever fewer.
-inline int afterStep(int skip) {
-  return skip + 1 + (testEverything() ? 0 : skip / 50);
+// Lets every call fail in every way: `attempt` with the failure and how many calls it passes over,
+// and `judge` what came of it, as long as something failed. Of a long operation's calls the sample
+// tries the first `closely`, and then ever fewer. Returns how many attempts there were.
+template <typename Attempt, typename Judge>
+std::uint64_t tryAllFailures(int closely, Attempt attempt, Judge judge) {
+  std::uint64_t attempts = 0;
+  for (const Failure& failure : allFailures()) {
+    for (int skip = 0;; skip += 1 + (testEverything() ? 0 : skip / closely)) {
+      SCOPED_TRACE(failure.name + " after " + std::to_string(skip));
+      const auto outcome = attempt(&failure, skip);
+      if (!outcome.failed) {
+        EXPECT_TRUE(outcome.succeeded);
+        break;
+      }
+      ++attempts;
+      judge(failure, outcome);
+      if (testing::Test::HasFailure()) return attempts;
+    }
+  }
+  return attempts;
 }
 
 }  // namespace qvdbase::test

@@ -3,8 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
+
 #include "format/layout.h"
 #include "qvdb/layer_fixture.h"
+#include "support/recorded_calls.h"
 #include "support/unprivileged.h"
 
 namespace qvdbase::test {
@@ -140,6 +143,30 @@ TEST_F(LayerDatabase, InAFolderThatMayNotBeUsedSaysSo) {
     expectError(Reason::access_denied, [&] { Database::create(path("closed/deeper/new.qvd")); });
   }
   ::chmod(path("closed").c_str(), 0755);
+}
+
+// Somebody else may be about to fill it.
+TEST_F(LayerDatabase, ThatCannotBeCreatedLeavesAFileThatHasAppearedMeanwhile) {
+  allowDamage();
+  RecordedCalls host;
+  host.observe([&](Call call) {
+    if (call == Call::open) std::ofstream(path(), std::ios::app);
+  });
+  host.failFrom(Call::open);
+  EXPECT_THROW(Database::create(path()), qvdb::Error);
+  host.heal();
+  EXPECT_TRUE(std::filesystem::exists(path()));
+}
+
+TEST_F(LayerDatabase, ThatCannotBeWrittenIsNotLeftHalfMade) {
+  RecordedCalls host;
+  host.failFrom(Call::write);
+  EXPECT_NE(expectError(Reason::cannot_write, [&] { Database::create(path()); })
+                .find("the file cannot be written"),
+            std::string::npos);
+  host.heal();
+  EXPECT_FALSE(std::filesystem::exists(path()));
+  EXPECT_EQ(host.openDescriptors(), 0u);
 }
 
 TEST_F(LayerDatabase, OpenedForReadingIsNeverWritten) {
