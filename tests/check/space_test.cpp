@@ -31,40 +31,45 @@ TEST(CheckOfSpace, CallsRoomThatHoldsFillNeverUsed) {
   EXPECT_EQ(checked.first("S7").message, "10092 bytes of spare room in blocks were never used.");
 }
 
+Bytes innerDatabase() {
+  FileImage image;
+  image.addRecord(image.addTable("inner", 0x4411), 0x901, bytesOf("within"));
+  return image.build();
+}
+
+// What is told of blocks in payloads, where the first stored database is the payload of `record`.
+std::string storedIn(const std::string& blocks, std::int64_t record) {
+  return blocks +
+         " inside the payloads of others: a database is stored there, the first one from offset " +
+         std::to_string(record + 55) + ".";
+}
+
 TEST(CheckOfSpace, TellsWhereAStoredDatabaseBegins) {
-  FileImage inner;
-  inner.addRecord(inner.addTable("inner", 0x4411), 0x901, bytesOf("within"));
+  const Bytes inner = innerDatabase();
   FileImage outer;
   const std::size_t table = outer.addTable("outer", 0x11);
   outer.addRecord(table, 0xA1, bytesOf("before"));
-  const std::int64_t at = outer.addRecord(table, 0xA2, inner.build());
+  const std::int64_t at = outer.addRecord(table, 0xA2, inner);
   EXPECT_EQ(checkBytes(outer.build()).findings.size(), 0u);
   const Checked checked = checkBytes(outer.build(), {.deep = true, .now = kNow});
   ASSERT_EQ(checked.findings.size(), 1u) << checked.text();
-  EXPECT_EQ(checked.first("S6").message,
-            "1 block inside the payloads of others: a database is stored there, the first one from "
-            "offset " +
-                std::to_string(at + 55) + ".");
+  EXPECT_EQ(checked.first("S6").message, storedIn("1 block", at));
 }
 
 // A deleted record stays one whole block, also when a live record holds the same database.
 TEST(CheckOfSpace, TakesStoredDatabasesInDeletedAndLiveRecordsForPayloads) {
-  FileImage inner;
-  inner.addRecord(inner.addTable("inner", 0x4411), 0x901, bytesOf("within"));
+  const Bytes inner = innerDatabase();
   FileImage outer;
   const std::size_t table = outer.addTable("outer", 0x11);
-  const std::int64_t dead = outer.addRecord(table, 0xA1, inner.build());
-  const std::int64_t live = outer.addRecord(table, 0xA2, inner.build());
+  const std::int64_t dead = outer.addRecord(table, 0xA1, inner);
+  const std::int64_t live = outer.addRecord(table, 0xA2, inner);
   outer.record(live).prevRecordPos = 0;
   outer.slot(table).firstRecordPos = live;
   outer.slot(table).recordCount = 1;
   const Checked checked = checkBytes(outer.build(), {.deep = true, .now = kNow});
   EXPECT_EQ(checked.report.state, qvdb::CheckState::sound) << checked.text();
-  EXPECT_EQ(checked.report.space.deleted, inner.build().size() + 56);
-  EXPECT_EQ(checked.first("S6").message,
-            "2 blocks inside the payloads of others: a database is stored there, the first one "
-            "from offset " +
-                std::to_string(dead + 55) + ".");
+  EXPECT_EQ(checked.report.space.deleted, inner.size() + 56);
+  EXPECT_EQ(checked.first("S6").message, storedIn("2 blocks", dead));
 }
 
 // The same of a copy of the database itself: its blocks are neither deleted nor lost records.
@@ -85,10 +90,7 @@ TEST(CheckOfSpace, TakesACopyOfTheDatabaseItselfInADeletedRecordForAPayload) {
   const Checked checked = file.check();
   EXPECT_EQ(checked.report.state, qvdb::CheckState::sound) << checked.text();
   EXPECT_EQ(checked.report.space.deleted, earlier.build().size() + 56);
-  EXPECT_EQ(checked.first("S6").message,
-            "2 blocks inside the payloads of others: a database is stored there, the first one "
-            "from offset " +
-                std::to_string(copy + 55) + ".");
+  EXPECT_EQ(checked.first("S6").message, storedIn("2 blocks", copy));
 }
 
 TEST(CheckOfSpace, TellsOfAStoredDatabaseWithoutBlocks) {
@@ -98,10 +100,7 @@ TEST(CheckOfSpace, TellsOfAStoredDatabaseWithoutBlocks) {
   const Checked checked = checkBytes(file.image.build(), {.deep = true, .now = kNow});
   ASSERT_EQ(checked.findings.size(), 1u) << checked.text();
   EXPECT_EQ(checked.first("S6").offset, at + 55);
-  EXPECT_EQ(checked.first("S6").message,
-            "1 header without a block inside the payloads of others: a database is stored there, "
-            "the first one from offset " +
-                std::to_string(at + 55) + ".");
+  EXPECT_EQ(checked.first("S6").message, storedIn("1 header without a block", at));
 }
 
 // A pack takes along what the chains lead to. That is not all that one may want back.

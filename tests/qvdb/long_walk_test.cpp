@@ -30,6 +30,15 @@ class LongWalk : public LayerTest {
     return seen;
   }
 
+  // A table of so many records, of which it counts `counted`.
+  static FileImage counting(std::uint32_t counted, std::uint64_t records) {
+    FileImage image;
+    image.addTable("notes", 0x11);
+    for (std::uint64_t i = 0; i < records; ++i) image.addRecord(0, 0xA0 + i, pattern(5));
+    image.slot(0).recordCount = counted;
+    return image;
+  }
+
   // Appends records of `size` bytes.
   static std::vector<Kept> fill(qvdb::Table& table, std::size_t count, std::size_t size) {
     std::vector<Kept> kept;
@@ -171,10 +180,7 @@ TEST_F(LongWalk, EndsInALoopWithinAPiece) {
 
 // The next record lies in the piece, but the table counts no more.
 TEST_F(LongWalk, EndsWhereTheCountEndsWithinAPiece) {
-  FileImage image;
-  image.addTable("notes", 0x11);
-  for (std::uint64_t i = 0; i < 1000; ++i) image.addRecord(0, 0xA0 + i, pattern(5));
-  image.slot(0).recordCount = 600;
+  const FileImage image = counting(600, 1000);
   allowDamage();
   for (const Load load : {Load::headers, Load::payloads}) {
     auto database = openImage(image);
@@ -183,10 +189,7 @@ TEST_F(LongWalk, EndsWhereTheCountEndsWithinAPiece) {
 }
 
 TEST_F(LongWalk, TellsThatTheChainEndsBeforeTheCountWithinAPiece) {
-  FileImage image;
-  image.addTable("notes", 0x11);
-  for (std::uint64_t i = 0; i < 1000; ++i) image.addRecord(0, 0xA0 + i, pattern(5));
-  image.slot(0).recordCount = 1001;
+  const FileImage image = counting(1001, 1000);
   allowDamage();
   auto database = openImage(image);
   std::size_t seen = 0;

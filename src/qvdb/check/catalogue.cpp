@@ -137,8 +137,7 @@ constexpr FindingCode kCodes[] = {
      "something else wrote to the file, or the system lost what was written; 'qvdb compact' drops "
      "them"},
     {"S6", kInformation, "blocks inside the payload of another", kNothing,
-     "a database is stored as a record; it counts as data, and 'qvdb salvage --deep' "
-     "takes it out"},
+     "a database is stored as a record; it counts as data, and 'qvdb salvage --deep' takes it out"},
     {"S7", kInformation, "space that is not used", kNothing, kPack},
 
     // ---- Categories

@@ -5,9 +5,7 @@
 
 #include <qvdbase/qvdb/error.hpp>
 
-#include <algorithm>
 #include <cstdio>
-#include <system_error>
 
 #include "qvdb/salvage/payload_reader.h"
 
@@ -28,8 +26,7 @@ constexpr const char* kManifest = "manifest.jsonl";
 }
 
 void refuseWhatIsThere(const fs::path& path) {
-  std::error_code error;
-  if (!fs::exists(fs::symlink_status(path, error))) return;
+  if (!isTaken(path)) return;
   fail(path, qvdb::Reason::file_exists, std::string(qvdb::to_string(qvdb::Reason::file_exists)));
 }
 
@@ -130,43 +127,22 @@ Extraction::Extraction(const raw::Survey& survey, const Plan& plan, const fs::pa
   for (const uint32_t number : raw::blocksInFileOrder(survey)) {
     if (plan.destination[number] >= 0) blocks_.push_back(number);
   }
-  std::error_code error;
-  if (!fs::exists(fs::symlink_status(folder_, error))) return;
-  refuseWhatIsThere(folder_ / kManifest);
-  for (const uint32_t number : blocks_) refuseWhatIsThere(folder_ / nameOf(survey.blocks[number]));
-}
-
-Extraction::~Extraction() {
-  if (isKept_) return;
-  std::error_code ignored;
-  if (manifestMade_) fs::remove(folder_ / kManifest, ignored);
-  for (size_t i = 0; i < filesMade_; ++i) {
-    fs::remove(folder_ / nameOf(survey_.blocks[blocks_[i]]), ignored);
+  if (!isTaken(folder)) return;
+  refuseWhatIsThere(folder_.fileNamed(kManifest));
+  for (const uint32_t number : blocks_) {
+    refuseWhatIsThere(folder_.fileNamed(nameOf(survey.blocks[number])));
   }
-  std::for_each(foldersMade_.rbegin(), foldersMade_.rend(),
-                [&](const fs::path& each) { fs::remove(each, ignored); });
-}
-
-// Missing folders are made one by one, so that no more than these are removed again.
-void Extraction::makeFolder() {
-  std::error_code error;
-  fs::path path;
-  for (const fs::path& part : folder_) {
-    path /= part;
-    if (fs::create_directory(path, error)) foldersMade_.push_back(path);
-  }
-  if (!fs::is_directory(folder_, error)) failWriting(folder_);
 }
 
 void Extraction::write(const raw::ByteSource& source) {
-  makeFolder();
-  Output manifest(folder_ / kManifest);
-  manifestMade_ = true;
+  if (!folder_.make()) failWriting(folder_.path());
+  Output manifest(folder_.fileNamed(kManifest));
+  folder_.add(kManifest);
   PayloadReader payloads(source);
   for (const uint32_t number : blocks_) {
     const std::string file = nameOf(survey_.blocks[number]);
-    Output output(folder_ / file);
-    ++filesMade_;
+    Output output(folder_.fileNamed(file));
+    folder_.add(file);
     Hash hash;
     Content content;
     content.unreadable =

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "qvdb/raw/byte_source.h"
+#include "qvdb/salvage/new_folder.h"
 #include "qvdb/salvage/plan.h"
 
 namespace qvdbase::salvage {
@@ -16,28 +17,17 @@ class Extraction {
   // is there already, so that a salvage can be refused before anything is written.
   Extraction(const raw::Survey& survey, const Plan& plan, const std::filesystem::path& folder);
 
-  // Removes what was written, unless it is to be kept.
-  ~Extraction();
-  Extraction(const Extraction&) = delete;
-  Extraction& operator=(const Extraction&) = delete;
-
-  // Throws qvdb::Error.
+  // What is written goes with the object, unless it is to be kept. Throws qvdb::Error.
   void write(const raw::ByteSource& source);
-  void keep() { isKept_ = true; }
+  void keep() { folder_.keep(); }
 
  private:
   class Output;
 
-  void makeFolder();
-
   const raw::Survey& survey_;
   const Plan& plan_;
-  const std::filesystem::path folder_;
-  std::vector<uint32_t> blocks_;                    // those to be written, in file order
-  std::vector<std::filesystem::path> foldersMade_;  // outermost first
-  size_t filesMade_ = 0;                            // of the blocks' files
-  bool manifestMade_ = false;
-  bool isKept_ = false;
+  NewFolder folder_;
+  std::vector<uint32_t> blocks_;  // those to be written, in file order
 };
 
 }  // namespace qvdbase::salvage

@@ -1,5 +1,4 @@
-// A read that fails in a large piece gives up only what a device loses with one sector, and goes on
-// behind it.
+// A read that fails in a large piece gives up only what cannot be read, and goes on behind it.
 #include "qvdb/salvage/payload_reader.h"
 
 #include <algorithm>
@@ -8,7 +7,6 @@ namespace qvdbase::salvage {
 namespace {
 
 constexpr size_t kPiece = size_t{1} << 20;
-constexpr int64_t kSector = 4096;
 
 }  // namespace
 
@@ -36,11 +34,13 @@ uint64_t PayloadReader::load(int64_t position, size_t count) {
     to += held;
     count -= held;
     if (count == 0) break;
-    const size_t lost = std::min(count, static_cast<size_t>(kSector - position % kSector));
+    const int64_t next =
+        raw::nextReadable(source_, position, position + static_cast<int64_t>(count));
+    const auto lost = static_cast<size_t>(next - position);
     if (unreadableAt_ < 0 || position < unreadableAt_) unreadableAt_ = position;
     unreadable += lost;
     std::fill_n(to, lost, '\0');
-    position += static_cast<int64_t>(lost);
+    position = next;
     to += lost;
     count -= lost;
   }

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <optional>
+#include <utility>
 
 #include "platform/read_only_file.h"
 #include "qvdb/check/check_source.h"
@@ -116,21 +117,6 @@ constexpr const char* kOperation = "salvage the database";
 // Called when everything is written, and before the new file gets its name.
 using LastLook = std::function<void(SalvageReport*)>;
 
-// The new file comes last: it appears when all that was asked for is there.
-SalvageReport finish(Run* run, const StoredDatabases* stored, const LastLook& lastLook) {
-  SalvageReport& report = run->report();
-  try {
-    if (stored != nullptr) stored->salvage(&report);
-    if (lastLook) lastLook(&report);
-    run->place();
-    return report;
-  } catch (...) {
-    std::error_code ignored;
-    for (const StoredDatabase& each : report.stored) std::filesystem::remove(each.file, ignored);
-    throw;
-  }
-}
-
 SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options,
                             const LastLook& lastLook) {
@@ -146,7 +132,12 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
   std::optional<StoredDatabases> stored;
   if (isDeep) stored.emplace(source, survey, options);
   Run run(source, survey, target, visitor, options);
-  return finish(&run, stored ? &*stored : nullptr, lastLook);
+  // The new file comes last: it appears when all that was asked for is there.
+  if (stored) stored->salvage(&run.report());
+  if (lastLook) lastLook(&run.report());
+  run.place();
+  if (stored) stored->keep();
+  return std::move(run.report());
 }
 
 }  // namespace

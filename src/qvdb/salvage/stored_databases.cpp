@@ -63,47 +63,41 @@ Reach reachOf(const raw::ByteSource& source, int64_t origin) {
   return {origin + farthest, hasTables};
 }
 
+std::string nameOf(const raw::Range& place) {
+  return "at-" + std::to_string(place.begin) + ".qvd";
+}
+
 }  // namespace
 
 StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
                                  const qvdb::SalvageOptions& options)
-    : source_(source), options_(options) {
+    : source_(source), options_(options), folder_(options.deep_to) {
   const std::vector<uint32_t> order = raw::blocksInFileOrder(survey);
   std::vector<raw::Range> found;  // an end of 0 stands for one in no payload
+  std::vector<int64_t> loose;     // where those begin
   for (const int64_t origin : survey.nestedDatabases) {
     if (origin == 0) continue;  // the database itself
     found.push_back({origin, endOfPayload(survey, order, origin)});
+    if (found.back().end == 0) loose.push_back(origin);
   }
   leftOut_ = found.size() - std::min(found.size(), kMostDatabases);
-  for (size_t i = 0; i < found.size() - leftOut_; ++i) {
-    const Reach reach = reachOf(source, found[i].begin);
-    raw::Range place = found[i];
+  found.resize(found.size() - leftOut_);
+  for (raw::Range& place : found) {
+    const Reach reach = reachOf(source, place.begin);
     if (!reach.hasTables) {
       place.end = std::min(place.begin + kSmallestSize, source.size());
     } else if (place.end == 0) {
-      const auto next = std::find_if(
-          found.begin() + static_cast<std::ptrdiff_t>(i) + 1, found.end(),
-          [&](const raw::Range& each) { return each.end == 0 && each.begin >= reach.end; });
-      place.end = next != found.end() ? next->begin : source.size();
+      const auto next = std::lower_bound(loose.begin(), loose.end(), reach.end);
+      place.end = next != loose.end() ? *next : source.size();
     }
-    places_.push_back(place);
+    const std::filesystem::path file = folder_.fileNamed(nameOf(place));
+    if (isTaken(file)) fail(file, qvdb::Reason::file_exists);
   }
-  for (const raw::Range& place : places_) {
-    std::error_code error;
-    const std::filesystem::path file = fileOf(place.begin);
-    const bool isThere = std::filesystem::exists(std::filesystem::symlink_status(file, error));
-    if (isThere) fail(file, qvdb::Reason::file_exists);
-  }
+  places_ = std::move(found);
 }
 
-std::filesystem::path StoredDatabases::fileOf(int64_t origin) const {
-  return options_.deep_to / ("at-" + std::to_string(origin) + ".qvd");
-}
-
-void StoredDatabases::salvage(qvdb::SalvageReport* report) const {
-  std::error_code error;
-  std::filesystem::create_directories(options_.deep_to, error);
-  if (error) fail(options_.deep_to, qvdb::Reason::path_not_reachable);
+void StoredDatabases::salvage(qvdb::SalvageReport* report) {
+  if (!folder_.make()) fail(folder_.path(), qvdb::Reason::path_not_reachable);
   qvdb::SalvageOptions options = options_;
   options.from = 0;
   options.ignore_directory = false;
@@ -112,8 +106,9 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) const {
   for (const raw::Range& place : places_) {
     const raw::PartSource part(source_, place.begin, place.end);
     const raw::Survey survey = raw::makeSurvey(part);
-    const std::filesystem::path file = fileOf(place.begin);
+    const std::filesystem::path file = folder_.fileNamed(nameOf(place));
     report->stored.push_back({place.begin, file, run(part, survey, file, {}, options)});
+    folder_.add(nameOf(place));
   }
   if (leftOut_ > 0) {
     report->notes.push_back("There seem to be " + std::to_string(leftOut_) +

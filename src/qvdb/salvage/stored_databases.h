@@ -7,6 +7,7 @@
 
 #include "qvdb/raw/byte_source.h"
 #include "qvdb/raw/survey.h"
+#include "qvdb/salvage/new_folder.h"
 
 namespace qvdbase::salvage {
 
@@ -18,14 +19,15 @@ class StoredDatabases {
   StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
                   const qvdb::SalvageOptions& options);
 
-  // Salvages each into a file of its own, and tells of it in the report. Throws qvdb::Error.
-  void salvage(qvdb::SalvageReport* report) const;
+  // Salvages each into a file of its own, and tells of it in the report. The files go with the
+  // object, unless they are to be kept. Throws qvdb::Error.
+  void salvage(qvdb::SalvageReport* report);
+  void keep() { folder_.keep(); }
 
  private:
-  std::filesystem::path fileOf(int64_t origin) const;
-
   const raw::ByteSource& source_;
   const qvdb::SalvageOptions& options_;
+  NewFolder folder_;
   std::vector<raw::Range> places_;
   uint64_t leftOut_ = 0;
 };

@@ -1,0 +1,39 @@
+// A folder for files of a salvage beside the new database.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace qvdbase::salvage {
+
+class NewFolder {
+ public:
+  // The folder may be there already. Nothing is made yet.
+  explicit NewFolder(const std::filesystem::path& path) : path_(path) {}
+
+  // Removes what was made, unless it is to be kept.
+  ~NewFolder();
+  NewFolder(const NewFolder&) = delete;
+  NewFolder& operator=(const NewFolder&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path fileNamed(const std::string& name) const { return path_ / name; }
+
+  // Makes the folder and those that are missing on the way to it. False when it cannot be had.
+  bool make();
+
+  // To be told of each file when it has been made.
+  void add(const std::string& name) { made_.push_back(path_ / name); }
+  void keep() { isKept_ = true; }
+
+ private:
+  const std::filesystem::path path_;
+  std::vector<std::filesystem::path> made_;  // folders, outermost first, and then files
+  bool isKept_ = false;
+};
+
+// Whether anything stands there, be it a link to nothing.
+bool isTaken(const std::filesystem::path& path);
+
+}  // namespace qvdbase::salvage
