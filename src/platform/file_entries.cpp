@@ -84,8 +84,11 @@ bool hasDescriptor(const FileEntry& entry, bool writable) {
   return entry.readWrite >= 0 || (!writable && entry.readOnly >= 0);
 }
 
-// The file's entry, made if there is none, with a descriptor of the wanted kind.
-FileEntry* entryWithDescriptor(const Directory& directory, const EntryName& name, bool writable) {
+// The file's entry, made if there is none, with a descriptor of the wanted kind. *added tells
+// whether the entry got that descriptor just now.
+FileEntry* entryWithDescriptor(const Directory& directory, const EntryName& name, bool writable,
+                               bool* added) {
+  *added = false;
   struct stat status = {};
   if (!regularFileStatus(directory, name, &status)) return nullptr;
   FileEntry* entry = findEntry(status.st_dev, status.st_ino);
@@ -103,6 +106,7 @@ FileEntry* entryWithDescriptor(const Directory& directory, const EntryName& name
   int& place = writable ? entry->readWrite : entry->readOnly;
   if (place < 0) {
     place = descriptor;
+    *added = true;
   } else {
     keepDescriptor(entry, descriptor);
   }
@@ -129,10 +133,17 @@ FileEntry* findEntry(dev_t device, ino_t inode) {
 }
 
 FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing sharing) {
-  FileEntry* entry = entryWithDescriptor(directory, name, sharing != Sharing::none);
+  bool added = false;
+  FileEntry* entry = entryWithDescriptor(directory, name, sharing != Sharing::none, &added);
   if (entry == nullptr) return nullptr;
   if (admit(entry, sharing)) return entry;
-  if (entry->openers == 0) removeEntry(entry);
+  if (entry->openers == 0) {
+    removeEntry(entry);
+  } else if (added) {
+    // Whoever has the file open only reads it, and holds no lock that closing could drop.
+    closeDescriptor(entry->readWrite);
+    entry->readWrite = -1;
+  }
   return nullptr;
 }
 

@@ -93,6 +93,24 @@ TEST_F(EntryTest, AReaderUsesTheWritersDescriptor) {
   EXPECT_TRUE(platform::leaveEntry(writer, Sharing::none));
 }
 
+TEST_F(EntryTest, ARefusedWriterLeavesReadersNoDescriptorToWriteWith) {
+  FileEntry* reader = join(u"f", Sharing::none);
+  ASSERT_NE(reader, nullptr);
+  const int others = other_.open(folder_.wide("f"), 3);
+  ASSERT_NE(others, 0);
+  const int before = openDescriptors();
+  for (const Sharing sharing : {Sharing::exclusive, Sharing::shared}) {
+    EXPECT_EQ(join(u"f", sharing), nullptr);
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(::fcntl(platform::descriptorOf(*reader), F_GETFL) & O_ACCMODE, O_RDONLY);
+  }
+  EXPECT_EQ(other_.close(others), 1);
+  EXPECT_EQ(join(u"f", Sharing::exclusive), reader);  // and one that is not refused has its own
+  EXPECT_EQ(::fcntl(platform::descriptorOf(*reader), F_GETFL) & O_ACCMODE, O_RDWR);
+  EXPECT_TRUE(platform::leaveEntry(reader, Sharing::exclusive));
+  EXPECT_TRUE(platform::leaveEntry(reader, Sharing::none));
+}
+
 TEST_F(EntryTest, ExistsOnlyWhileItHasAnOpener) {
   struct stat status = {};
   ASSERT_EQ(::stat((folder_ / "f").c_str(), &status), 0);
