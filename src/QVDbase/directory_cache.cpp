@@ -2,6 +2,7 @@
 #include "QVDbase/directory_cache.h"
 
 #include <cstring>
+#include <new>
 
 #include "platform/memory.h"
 
@@ -47,7 +48,8 @@ void addDirectoryEntry(DirectoryCacheEntry entry, const internal_Head1& head) {
   entry.headCopy = static_cast<internal_Head1*>(copy);
   try {
     if (gbl_Gdb2tDQ.Add(&entry, sizeof entry) == 1) return;
-  } catch (...) {
+  } catch (const std::bad_alloc&) {
+    // Without the entry every call reads the three numbers from the file.
   }
   platform::release(copy);
 }

@@ -7,7 +7,6 @@
 
 #include <qvdbase/qvdbase.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "QVDbase/directory_cache.h"
@@ -21,9 +20,12 @@ using qvdbase::SavedPosition;
 
 namespace {
 
+// Of a name, stored or a caller's, the bytes before its zero, 32 at most. Nothing behind the zero
+// is touched, not even by a pointer.
 std::size_t storedNameLength(const char* name) {
-  const char* end = name + qvdbase::kTableNameSize;
-  return static_cast<std::size_t>(std::find(name, end, '\0') - name);
+  std::size_t length = 0;
+  while (length < qvdbase::kTableNameSize && name[length] != '\0') ++length;
+  return length;
 }
 
 tablePart1 newTableSlot(const char* name) {
