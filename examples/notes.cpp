@@ -1,4 +1,5 @@
 // Keeps notes: adds one, then lists them all. Usage: notes_cpp FILE TEXT
+#include <exception>
 #include <filesystem>
 #include <iostream>
 #include <qvdbase/qvdb.hpp>
@@ -6,14 +7,22 @@
 #include <string_view>
 #include <vector>
 
+// Exclusively: to read and write, while no other program writes.
+qvdb::Database open_or_create(const std::filesystem::path& path) try {
+  return qvdb::Database::open(path, qvdb::Mode::exclusive);
+} catch (const qvdb::Error& error) {
+  if (error.reason() != qvdb::Reason::no_such_file) throw;
+  return qvdb::Database::create(path);  // refuses a file that is there after all
+}
+
 int main(int argc, char** argv) try {
-  if (argc != 3) return 2;
-  const std::filesystem::path path = argv[1];
+  if (argc != 3) {
+    std::cerr << "usage: notes_cpp FILE TEXT\n";
+    return 2;
+  }
   const std::string_view text = argv[2];
 
-  // Exclusively: to read and write, while nobody else writes.
-  auto database = std::filesystem::exists(path) ? qvdb::Database::open(path, qvdb::Mode::exclusive)
-                                                : qvdb::Database::create(path);
+  auto database = open_or_create(argv[1]);
   auto notes = database.find_table("notes");
   if (!notes) notes = database.add_table("notes");
   notes->add(std::as_bytes(std::span(text)));
@@ -23,7 +32,7 @@ int main(int argc, char** argv) try {
     note.payload(payload);
     std::cout.write(reinterpret_cast<const char*>(payload.data()), std::ssize(payload)) << '\n';
   }
-} catch (const qvdb::Error& error) {
-  std::cerr << error.what() << '\n';
+} catch (const std::exception& error) {
+  std::cerr << "notes_cpp: " << error.what() << '\n';
   return 1;
 }
