@@ -29,6 +29,22 @@
  * inside a progress function that is running on it. A table, record or table-data buffer passed in
  * stays the caller's; nothing is kept after the call. Functions that fill a caller's buffer do not
  * know its size: ask for the size first, as their descriptions say.
+ *
+ * Several writers. Open a database that you write to with permission 3 (2 means the same). With
+ * 4, and with 0, other processes may write at the same time, and the library does not take turns
+ * for them: a call reads the table's slot, appends and writes the slot back, so that of two
+ * calls at one moment the one loses records that the other has acknowledged. Permission 4
+ * therefore means "I take turns by other means": every writer holds a lock of the application's
+ * own around each call.
+ *
+ * Tables are added through one handle at a time. A handle keeps the number of tables from its
+ * first look at the directory: a table added through another handle, in this process or
+ * elsewhere, is overwritten by the next AddTable through the first one. A handle that is closed
+ * and opened again takes another look.
+ *
+ * A handle that a child process got by fork is used in one of the two processes only, as by a
+ * daemon that continues in its child. The lock excludes other processes, not these two from each
+ * other: when both use the handle, records are lost.
  */
 #ifndef QVDBASE_QVDBASE_H
 #define QVDBASE_QVDBASE_H
@@ -92,8 +108,9 @@ QVDBASE_API int16_t CreateDBaseW(const QVWCHAR* path, const void* signature, int
  *
  * path        the file
  * permission  1 read only; 2 or 3 read and write, excluding every other writer; 4 read and write,
- *             shared with others who open with 4; 0 the most that can be had (4, else 1). Only the
- *             low 8 bits count
+ *             shared with others who open with 4, which needs turns taken by other means (see
+ *             "Several writers" above); 0 the most that can be obtained (4, else 1). Only the low 8
+ *             bits count
  *
  * Returns the handle, positioned at 0; 0 when the path is null, the file is not there or is not a
  * regular file, the permission is not one of these or cannot be granted. */

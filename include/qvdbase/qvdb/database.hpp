@@ -18,11 +18,17 @@
 namespace qvdb {
 
 // How a database is opened. The values are the permissions of OpenDBaseW.
+//
+// `exclusive` is the mode for writing. `shared` means "I take turns by other means": the library
+// does not take turns for its openers, and of two calls at one moment one can lose what the other
+// has written and acknowledged. A second opener that adds tables overwrites those of the first
+// even when both take turns. What qvdbase.h says under "Several writers" holds here too, also of
+// a database that is used on both sides of a fork.
 enum class Mode : int {
   any = 0,        // shared, or read_only where that is not allowed
   read_only = 1,  // never writes a byte; stands beside every other opener
   exclusive = 3,  // reads and writes, and keeps every other writer out
-  shared = 4,     // reads and writes beside others who open it shared
+  shared = 4,     // reads and writes beside other shared openers, all of which take turns
 };
 
 // What the header of a database file tells.
