@@ -119,6 +119,7 @@ constexpr SystemCalls kHostCalls = {
     .microseconds = hostMicroseconds,
     .allocate = std::malloc,
     .release = std::free,
+    .processId = ::getpid,
 };
 
 }  // namespace

@@ -62,6 +62,9 @@ struct SystemCalls {
   // Memory.
   void* (*allocate)(size_t size);
   void (*release)(void* memory);
+
+  // The process.
+  pid_t (*processId)();
 };
 
 // The table whose calls go straight to the host.

@@ -9,6 +9,7 @@
 #include "QVDbase/record_batch.h"
 #include "format/identifiers.h"
 #include "platform/clock.h"
+#include "platform/process_mark.h"
 #include "qvdb/open_database.h"
 #include "qvdb/table_index.h"
 
@@ -29,6 +30,7 @@ struct detail::Bulk {
   qvdbase::RecordBatch batch;
   qvdbase::IdentifierSeries identifiers;
   bool isFinished = false;
+  qvdbase::platform::ProcessMark maker;
 
   // Takes in what is in the file. The index, if there is one, is built again when it is next used:
   // that costs less than telling it of each record.
@@ -68,7 +70,7 @@ BulkAppender& BulkAppender::operator=(BulkAppender&& other) noexcept {
 }
 
 BulkAppender::~BulkAppender() {
-  if (bulk_ == nullptr || bulk_->isFinished) return;
+  if (bulk_ == nullptr || bulk_->isFinished || !bulk_->maker.isOwn()) return;
   try {
     ReadScope scope(bulk_->database->handle);
     static_cast<void>(bulk_->finish());

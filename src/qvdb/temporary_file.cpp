@@ -10,7 +10,7 @@ TemporaryFile::TemporaryFile(const std::filesystem::path& place)
       path_((place.parent_path() / (".qvdb-" + to_string(new_id()).substr(2) + ".tmp")).native()) {}
 
 TemporaryFile::~TemporaryFile() {
-  if (!isPlaced_) qvdbase::platform::removeFile(path_);
+  if (!isPlaced_ && maker_.isOwn()) qvdbase::platform::removeFile(path_);
 }
 
 qvdbase::platform::Placing TemporaryFile::place(bool replaces) {

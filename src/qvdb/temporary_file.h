@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/placing.h"
+#include "platform/process_mark.h"
 
 namespace qvdb::detail {
 
@@ -13,7 +14,7 @@ class TemporaryFile {
   // `place` is an absolute path. Nothing is made yet.
   explicit TemporaryFile(const std::filesystem::path& place);
 
-  // Removes what is under the temporary name, unless it was placed.
+  // Removes what is under the temporary name, unless it was placed or another process made it.
   ~TemporaryFile();
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
@@ -29,6 +30,7 @@ class TemporaryFile {
   std::string place_;
   std::string path_;
   bool isPlaced_ = false;
+  qvdbase::platform::ProcessMark maker_;
 };
 
 }  // namespace qvdb::detail

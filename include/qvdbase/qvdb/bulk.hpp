@@ -45,7 +45,8 @@ class QVDBASE_API BulkAppender {
  public:
   BulkAppender(BulkAppender&&) noexcept;
   BulkAppender& operator=(BulkAppender&&) noexcept;
-  // Finishes, if that has not been done; a failure goes unnoticed then.
+  // Finishes, if that has not been done; a failure goes unnoticed then. In a child that got the
+  // appender by fork it does nothing: the batch is still the parent's.
   ~BulkAppender();
 
   // Adds a record and returns its identifier. Throws Error as Table::add() does. When the file

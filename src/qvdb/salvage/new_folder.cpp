@@ -8,7 +8,7 @@ namespace qvdbase::salvage {
 namespace fs = std::filesystem;
 
 NewFolder::~NewFolder() {
-  if (isKept_) return;
+  if (isKept_ || !maker_.isOwn()) return;
   std::error_code ignored;
   std::for_each(made_.rbegin(), made_.rend(),
                 [&](const fs::path& each) { fs::remove(each, ignored); });

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/process_mark.h"
+
 namespace qvdbase::salvage {
 
 class NewFolder {
@@ -12,7 +14,7 @@ class NewFolder {
   // The folder may be there already. Nothing is made yet.
   explicit NewFolder(const std::filesystem::path& path) : path_(path) {}
 
-  // Removes what was made, unless it is to be kept.
+  // Removes what was made, unless it is to be kept or another process made it.
   ~NewFolder();
   NewFolder(const NewFolder&) = delete;
   NewFolder& operator=(const NewFolder&) = delete;
@@ -31,6 +33,7 @@ class NewFolder {
   const std::filesystem::path path_;
   std::vector<std::filesystem::path> made_;  // folders, outermost first, and then files
   bool isKept_ = false;
+  platform::ProcessMark maker_;
 };
 
 // Whether anything stands there, be it a link to nothing.
