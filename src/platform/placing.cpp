@@ -31,12 +31,23 @@ bool isTaken(const Place& place) {
                                 AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-// A second name is given only where none stands, in one step; a rename would replace silently.
-// Some file systems have no second names: there a look must do.
+// Whether the host or the file system lacks the call, as opposed to refusing it.
+bool lacksCall(int error) {
+  return error == ENOSYS || error == EINVAL || error == ENOTSUP || error == EOPNOTSUPP;
+}
+
+// An ordinary rename would replace silently. Where there is none that refuses to, the file gets a
+// second name first, which a file that is there forbids; a process that is killed then leaves both
+// names of the whole file. Some file systems have no second names either: there a look must do.
 Placing placeWhereNothingIs(const Place& from, const Place& to) {
-  if (systemCalls().linkAt(from.folder(), from.name->bytes(), to.folder(), to.name->bytes(), 0) ==
-      0) {
-    systemCalls().removeAt(from.folder(), from.name->bytes(), 0);
+  const SystemCalls& calls = systemCalls();
+  if (calls.renameNewAt(from.folder(), from.name->bytes(), to.folder(), to.name->bytes()) == 0) {
+    return Placing::done;
+  }
+  if (errno == EEXIST) return Placing::occupied;
+  if (!lacksCall(errno)) return Placing::failed;
+  if (calls.linkAt(from.folder(), from.name->bytes(), to.folder(), to.name->bytes(), 0) == 0) {
+    calls.removeAt(from.folder(), from.name->bytes(), 0);
     return Placing::done;
   }
   if (errno == EEXIST || isTaken(to)) return Placing::occupied;

@@ -1,12 +1,15 @@
 // The host's side of the table of system calls.
 //
 // QVDBASE_PORTABLE_POSIX selects, wherever a Linux call is used, its plain POSIX twin. Here that is
-// the kind of lock: Linux can tie a lock to one open file description, POSIX only to the process.
+// the kind of lock, which Linux can tie to one open file description and POSIX only to the process;
+// renaming without replacing; and extended attributes.
 #include "platform/system_calls.h"
 
 #include <sys/resource.h>
 #if !defined(QVDBASE_PORTABLE_POSIX) && defined(__linux__)
 #include <sys/syscall.h>
+#include <sys/xattr.h>
+#define QVDBASE_HAS_ATTRIBUTES 1
 #endif
 #include <unistd.h>
 
@@ -20,6 +23,32 @@ namespace {
 int hostOpenAt(int directory, const char* name, int flags, mode_t mode) {
   return ::openat(directory, name, flags, mode);
 }
+
+int hostRenameNewAt(int fromDirectory, const char* from, int toDirectory, const char* to) {
+#if defined(RENAME_NOREPLACE) && !defined(QVDBASE_PORTABLE_POSIX)
+  return ::renameat2(fromDirectory, from, toDirectory, to, RENAME_NOREPLACE);
+#else
+  static_cast<void>(fromDirectory);
+  static_cast<void>(from);
+  static_cast<void>(toDirectory);
+  static_cast<void>(to);
+  errno = ENOSYS;
+  return -1;
+#endif
+}
+
+#if defined(QVDBASE_HAS_ATTRIBUTES)
+int hostWriteAttribute(int descriptor, const char* name, const void* value, size_t size) {
+  return ::fsetxattr(descriptor, name, value, size, 0);
+}
+#else
+// The arguments do not matter: there is nothing to list, read or write.
+template <typename Result, typename... Arguments>
+Result noAttributes(Arguments...) {
+  errno = ENOTSUP;
+  return -1;
+}
+#endif
 
 // Both move the position of the descriptor, which nothing here goes by.
 off_t hostNextHole(int descriptor, off_t position) {
@@ -104,6 +133,18 @@ constexpr SystemCalls kHostCalls = {
     .removeAt = ::unlinkat,
     .changeMode = ::fchmod,
     .changeOwner = ::fchown,
+    .renameNewAt = hostRenameNewAt,
+#if defined(QVDBASE_HAS_ATTRIBUTES)
+    .listAttributes = ::flistxattr,
+    .readAttribute = ::fgetxattr,
+    .writeAttribute = hostWriteAttribute,
+    .removeAttribute = ::fremovexattr,
+#else
+    .listAttributes = noAttributes<ssize_t, int, char*, size_t>,
+    .readAttribute = noAttributes<ssize_t, int, const char*, void*, size_t>,
+    .writeAttribute = noAttributes<int, int, const char*, const void*, size_t>,
+    .removeAttribute = noAttributes<int, int, const char*>,
+#endif
     .readAt = ::pread,
     .writeAt = ::pwrite,
     .truncate = ::ftruncate,

@@ -31,6 +31,15 @@ struct SystemCalls {
   int (*removeAt)(int directory, const char* name, int flags);
   int (*changeMode)(int descriptor, mode_t mode);
   int (*changeOwner)(int descriptor, uid_t owner, gid_t group);
+  // Renames only where nothing has the new name, in one step: fails with EEXIST where something
+  // does, with ENOSYS or EINVAL where the host or the file system has no such call.
+  int (*renameNewAt)(int fromDirectory, const char* from, int toDirectory, const char* to);
+  // Extended attributes, by name: access lists and what users attach to a file. ENOTSUP where the
+  // host has none.
+  ssize_t (*listAttributes)(int descriptor, char* names, size_t size);
+  ssize_t (*readAttribute)(int descriptor, const char* name, void* value, size_t size);
+  int (*writeAttribute)(int descriptor, const char* name, const void* value, size_t size);
+  int (*removeAttribute)(int descriptor, const char* name);
 
   // Contents.
   ssize_t (*readAt)(int descriptor, void* buffer, size_t count, off_t position);
