@@ -13,6 +13,7 @@
 #include <unordered_map>
 
 #include "platform/memory.h"
+#include "support/seeded_hash.h"
 
 namespace qvdbase {
 
@@ -49,7 +50,7 @@ class IdPairs {
   uint64_t cursor_ = 0;
   uint64_t count_ = 0;
   uint64_t written_ = 0;
-  std::unordered_map<uint64_t, uint64_t> newOfOld_;  // the first pair of each oldID
+  std::unordered_map<uint64_t, uint64_t, SeededHash> newOfOld_;  // the first pair of each oldID
   bool indexed_ = false;
 };
 

@@ -25,6 +25,7 @@
 #include "format/identifiers.h"
 #include "maintenance/table_data_block.h"
 #include "maintenance/visited_records.h"
+#include "support/seeded_hash.h"
 
 using namespace qvdbase;
 
@@ -90,7 +91,7 @@ class LinkRepair {
   // The sum of the counts of all tables, each as GetNumberOfRecords tells it of its identifier: of
   // the first slot that has it. Ends at the first slot that holds no table.
   void countRecords() {
-    std::unordered_map<uint64_t, uint32_t> counts;
+    std::unordered_map<uint64_t, uint32_t, SeededHash> counts;
     for (int t = 0; t < directory_.tableCount; ++t) {
       tablePart1 slot;
       if (!readUsedSlot(db_, directory_.slotSize, &slot)) return;

@@ -9,6 +9,7 @@
 #include <unordered_map>
 
 #include "QVDbase/tables.h"
+#include "support/seeded_hash.h"
 
 namespace qvdbase {
 
@@ -33,7 +34,7 @@ class RecordIndex {
   void walk(int16_t db);
 
   FoundTable table_{};
-  std::unordered_map<uint64_t, int64_t> positions_;
+  std::unordered_map<uint64_t, int64_t, SeededHash> positions_;
 };
 
 }  // namespace qvdbase

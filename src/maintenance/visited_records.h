@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "maintenance/link_repair.h"
+#include "support/seeded_hash.h"
 
 namespace qvdbase {
 
@@ -41,7 +42,7 @@ class VisitedRecords {
 
  private:
   QVList list_;
-  std::unordered_set<int64_t> positions_;
+  std::unordered_set<int64_t, SeededHash> positions_;
 };
 
 }  // namespace qvdbase

@@ -1,11 +1,13 @@
 // A hash table from file positions to numbers of blocks: 12 bytes per place, at most two thirds of
-// the places taken.
+// the places taken. The positions come from a file, so that the hash has a seed.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <utility>
 #include <vector>
+
+#include "support/seeded_hash.h"
 
 namespace qvdbase::raw {
 
@@ -31,8 +33,7 @@ class PositionIndex {
 
  private:
   size_t placeOf(int64_t position) const {
-    const uint64_t mixed = static_cast<uint64_t>(position) * 0x9E3779B97F4A7C15u;
-    return static_cast<size_t>(mixed >> 20) & (keys_.size() - 1);
+    return static_cast<size_t>(mixed(static_cast<uint64_t>(position), seed_)) & (keys_.size() - 1);
   }
 
   void put(int64_t position, uint32_t value) {
@@ -53,6 +54,7 @@ class PositionIndex {
     }
   }
 
+  HashSeed seed_ = hashSeed();
   std::vector<int64_t> keys_;
   std::vector<uint32_t> values_;
   size_t taken_ = 0;

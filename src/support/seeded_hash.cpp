@@ -1,0 +1,27 @@
+// Drawing the seed: from the clock, which counts nanoseconds, and from where the system has put the
+// program and its stack.
+#include "support/seeded_hash.h"
+
+#include <chrono>
+
+namespace qvdbase {
+namespace {
+
+HashSeed drawn() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+  const auto today = std::chrono::system_clock::now().time_since_epoch().count();
+  const auto program = reinterpret_cast<uintptr_t>(&drawn);
+  const auto stack = reinterpret_cast<uintptr_t>(&now);
+  const HashSeed places = {program, stack};
+  const HashSeed clocks = {static_cast<uint64_t>(now), static_cast<uint64_t>(today)};
+  return {mixed(clocks.before, places), mixed(clocks.between, clocks) ^ mixed(stack, places)};
+}
+
+}  // namespace
+
+const HashSeed& hashSeed() {
+  static const HashSeed seed = drawn();
+  return seed;
+}
+
+}  // namespace qvdbase
