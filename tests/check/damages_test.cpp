@@ -132,11 +132,14 @@ const Damage kDamages[] = {
        c.bytes = c.bytes.with(c.freeSlot(0), slot.encode());
      },
      {}},
-    {"TableSum", "D3", [](Corrupter& c) { c.flip(c.slot(15)); }, {"R3", "R5", "T2", "T3", "D7"}},
+    {"TableSum",
+     "D3",
+     [](Corrupter& c) { c.flip(c.slot(15)); },
+     {"R3", "R5", "T2", "T3", "D7", "S8"}},
     {"TableZero",
      "D3",
      [](Corrupter& c) { c.bytes = c.bytes.with(c.slot(6), Bytes().zeros(10)); },
-     {"R3", "R5", "T2", "D7"}},
+     {"R3", "R5", "T2", "D7", "S8"}},
     {"TableTwice",
      "D3",
      [](Corrupter& c) {
@@ -194,8 +197,10 @@ const Damage kDamages[] = {
     {"RecordHeaderSize", "R2", [](Corrupter& c) { c.flip(c.record(2, 2)); }, kBrokenChain},
     {"NextIsTableData", "R2", [](Corrupter& c) { c.link(c.record(2, kNext), c.data()); },
      kBrokenChain},
-    {"RecordOfNoTable", "R3",
-     [](Corrupter& c) { c.bytes = c.bytes.with(c.record(2, 3), identifier(0x987)); }, kBrokenChain},
+    {"RecordOfNoTable",
+     "R3",
+     [](Corrupter& c) { c.bytes = c.bytes.with(c.record(2, 3), identifier(0x987)); },
+     {"R5", "R10", "S8"}},
     {"CrossedChains", "R3", [](Corrupter& c) { c.link(c.record(2, kNext), c.otherRecord()); },
      kBrokenChain},
     {"RecordSum", "R4", [](Corrupter& c) { c.flip(c.record(2, 22)); }, {}},
@@ -286,7 +291,7 @@ const Damage kDamages[] = {
     {"DataOfOtherTable",
      "T2",
      [](Corrupter& c) { c.bytes = c.bytes.with(c.data(3), identifier(0x987)); },
-     {"T3"}},
+     {"T3", "S8"}},
     {"DataPositionStale", "T3", [](Corrupter& c) { c.slotLink(112, c.record(1)); }, {"T2"}},
     {"DataLength",
      "T4",
@@ -325,6 +330,22 @@ const Damage kDamages[] = {
      },
      {},
      true},
+    {"RecordOfALostTable",
+     "S8",
+     [](Corrupter& c) {
+       const std::size_t end = c.bytes.size();
+       c.bytes.add(c.bytes.at(c.record(2), 56 + c.recordCapacity(2)));
+       c.bytes = c.bytes.with(end + 3, identifier(0x987));
+     },
+     {}},
+    {"TableDataOfALostTable",
+     "S8",
+     [](Corrupter& c) {
+       const std::size_t end = c.bytes.size();
+       c.bytes.add(c.bytes.at(c.data(), 22 + c.dataCapacity()));
+       c.bytes = c.bytes.with(end + 3, identifier(0x987));
+     },
+     {}},
     {"TornRecordHeader", "S4", [](Corrupter& c) { c.bytes.add(hex("870040")); }, {}},
     {"TornRecord",
      "S4",

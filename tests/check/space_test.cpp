@@ -122,6 +122,11 @@ TEST(CheckOfSpace, TellsWhatAPackWouldLeaveBehind) {
                 " would come back by packing; 56 of them hold what was lost, not deleted.");
 }
 
+// Spare capacity survives a compaction, so the advice must not promise it back.
+TEST(CheckOfSpace, SaysThatCompactKeepsSpareCapacity) {
+  EXPECT_NE(qvdb::finding_code("S7").advice.find("keeps the spare capacity"), std::string::npos);
+}
+
 TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
   Shortened file;
   const std::int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);

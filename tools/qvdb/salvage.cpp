@@ -189,8 +189,10 @@ Action define(Arguments& arguments) {
   arguments.flag("--versions", salvage.versions,
                  "Also take older versions of records, into the table lost-and-found.");
   arguments.flag("--orphans", salvage.orphans,
-                 "Also take tables that the directory does not have, under names made of their "
-                 "identifiers. That is done in any case when the directory is damaged.");
+                 "Blocks of tables that the directory does not have are taken into tables named "
+                 "after their identifiers. Also take those that may be something else: pieces of a "
+                 "torn block's payload or, with --from, of another database. That is done in any "
+                 "case when the directory is damaged.");
   arguments.option("--grade", "GRADE", options->grade,
                    "Take blocks down to this grade: A, all of the block is right (the default); B, "
                    "all but one of end mark, identifier and capacity, so that the payload may be "

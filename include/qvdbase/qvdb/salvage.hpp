@@ -71,8 +71,10 @@ struct SalvageOptions {
   // that are not their table's own any more go into a table "lost-and-found".
   bool deleted = false;   // deleted records
   bool versions = false;  // older versions of records
-  // Tables that the directory does not have, as "table-<identifier>". They are taken in any case
-  // when the directory is damaged.
+  // Whole blocks of tables that the directory does not have are always taken, into tables named
+  // "table-<identifier>". This takes those as well that may be something else: pieces of a torn
+  // block's payload, where they lie in the space that it claims; or, in an image (`from`), blocks
+  // of another database. These are taken in any case when the directory is damaged.
   bool orphans = false;
   BlockGrade lowest_grade = BlockGrade::a;
   bool in_place_tables = false;  // deleted records go back into their own tables

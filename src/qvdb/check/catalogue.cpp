@@ -138,7 +138,12 @@ constexpr FindingCode kCodes[] = {
      "them"},
     {"S6", kInformation, "blocks inside the payload of another", kNothing,
      "a database is stored as a record; it counts as data, and 'qvdb salvage --deep' takes it out"},
-    {"S7", kInformation, "space that is not used", kNothing, kPack},
+    {"S7", kInformation, "space that is not used", kNothing,
+     "nothing needs to be done; 'qvdb compact' drops what is dead and clears older data after "
+     "payloads, but keeps the spare capacity of blocks"},
+    {"S8", kError, "whole blocks of a table that the directory does not have",
+     "every call on that table",
+     "run 'qvdb salvage' into a new file: it takes them into a table named after the identifier"},
 
     // ---- Categories
     {"C1", kError, "a category record is shorter than its own counts say",

@@ -1,4 +1,4 @@
-// What every byte of the file is, and what is wrong with that: S1 to S7.
+// What every byte of the file is, and what is wrong with that: S1 to S8.
 #include <algorithm>
 #include <map>
 
@@ -36,7 +36,7 @@ const char* describe(Kind kind) {
     case Kind::lost:
       return "records of a chain that no longer leads to them";
     case Kind::orphan:
-      return "blocks of tables that the directory does not have";
+      return "blocks of unknown tables, inside blocks that are not whole";
   }
   return "";
 }
@@ -51,6 +51,7 @@ class SpaceCheck {
     reportOverlaps();
     for (const Block& block : survey_.blocks) place(block);
     reportHeaps();
+    reportOrphans();
     reportLeftovers();
     reportNested();
     for (const uint32_t number : raw::blocksInFileOrder(survey_)) {
@@ -84,12 +85,20 @@ class SpaceCheck {
     *part += bytes;
     if (block.isReached()) return;
     if (block.grade != Grade::a) return reportTorn(block);
+    if (survey_.isOrphan(block)) return addOrphan(block, bytes);
     const Kind kind = kindOf(block);
     auto& heaps = block.kind == BlockKind::record ? records_ : tableData_;
     Heap& heap = heaps[{survey_.owners[block.owner].slot, kind}];
     ++heap.blocks;
     heap.bytes += bytes;
     if (heap.first < 0) heap.first = block.position;
+  }
+
+  void addOrphan(const Block& block, uint64_t bytes) {
+    Heap& heap = orphans_[block.owner];
+    ++heap.blocks;
+    heap.bytes += bytes;
+    if (heap.first < 0 || block.position < heap.first) heap.first = block.position;
   }
 
   uint64_t* partOf(const Block& block) {
@@ -146,6 +155,16 @@ class SpaceCheck {
     findings_.warning("S4",
                       {.slot = slotOf(block), .record = block.recordID, .offset = block.position},
                       text + ". Nothing points to it.");
+  }
+
+  void reportOrphans() {
+    for (const auto& [owner, heap] : orphans_) {
+      const uint64_t table = survey_.owners[owner].number;
+      findings_.error("S8", {.tableID = table, .offset = heap.first},
+                      counted(heap.blocks, "whole block") + ", " + counted(heap.bytes, "byte") +
+                          ", of the table " + shownId(table) +
+                          ", which the directory does not have.");
+    }
   }
 
   void reportHeaps() {
@@ -269,6 +288,7 @@ class SpaceCheck {
   qvdb::SpaceUse space_;
   std::map<std::pair<int, Kind>, Heap> records_;
   std::map<std::pair<int, Kind>, Heap> tableData_;
+  std::map<uint32_t, Heap> orphans_;  // by their table's number among the owners
 };
 
 }  // namespace

@@ -180,6 +180,18 @@ void extendUnbelieved(const std::vector<uint32_t>& order, Survey* survey) {
   }
 }
 
+// Says of each block whether it begins in what one that is not whole claims before it.
+void markInTornBlocks(const std::vector<uint32_t>& order, Survey* survey) {
+  constexpr uint8_t kNotWhole = kBeyondEnd | kCutShort | kNoEndMark;
+  int64_t claimed = 0;
+  for (const uint32_t number : order) {
+    Block& block = survey->blocks[number];
+    block.isInTornBlock = block.position < claimed;
+    const bool isTorn = block.grade != Grade::a || (block.flaws & kNotWhole) != 0;
+    if (isTorn) claimed = std::max(claimed, block.claimedEnd());
+  }
+}
+
 Leftover kindOf(const ByteSource& source, const Range& range) {
   unsigned char bytes[3] = {};
   const size_t held = source.readAt(range.begin, bytes, sizeof bytes);
@@ -231,6 +243,7 @@ void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* su
 
   const std::vector<uint32_t> order = blocksInFileOrder(*survey);
   extendUnbelieved(order, survey);
+  markInTornBlocks(order, survey);
   for (const Range& gap : gapsBetween(*survey, order)) {
     survey->leftovers.push_back({gap, kindOf(source, gap)});
   }

@@ -116,6 +116,9 @@ struct Block {
   uint8_t flaws = 0;
   uint8_t reach = 0;
   int8_t slot = kNoSlot;  // the slot whose chain or data it is
+  // It begins in the space that a block before it claims which is not whole: it may be a piece of
+  // that one's payload.
+  bool isInTornBlock = false;
 
   int64_t dataPos() const {
     return position + (kind == BlockKind::record ? record::kData : tabledata::kData);
@@ -217,6 +220,12 @@ struct Survey {
 
   // Whether the owner has a slot in the directory.
   bool isKnown(uint32_t owner) const { return owner < knownOwners; }
+
+  // Whether it is a whole block of a table that the directory does not have. No operation removes a
+  // table, so its slot was lost; unless the block is a piece of a payload.
+  bool isOrphan(const Block& block) const {
+    return owners[block.owner].slot == kNoSlot && block.grade == Grade::a && !block.isInTornBlock;
+  }
 
   const Table* tableOfSlot(int slot) const {
     for (const Table& table : tables) {

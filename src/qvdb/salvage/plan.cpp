@@ -119,6 +119,13 @@ class Planner {
 
   bool isOrphan(const Block& each) const { return survey_.owners[each.owner].slot == raw::kNoSlot; }
 
+  // A block of a table that the directory does not have counts as lost, unless it may be a piece of
+  // a payload. In an image it may as well be of another database.
+  bool isTakenAsOrphan(const Block& each) const {
+    const bool isWholeFile = options_.from == 0;
+    return takesOrphans_ || (isWholeFile && survey_.isOrphan(each));
+  }
+
   // Another version of the record that is to be brought back.
   bool isOtherVersion(uint32_t number) const {
     if (wanted_ == raw::kNoBlock || number == wanted_) return false;
@@ -184,7 +191,7 @@ class Planner {
       case Label::none:
         break;
     }
-    if (!isOrphan(each) || takesOrphans_) strays_.push_back(number);
+    if (!isOrphan(each) || isTakenAsOrphan(each)) strays_.push_back(number);
   }
 
   // ---- tables of the directory
@@ -304,8 +311,9 @@ class Planner {
     for (size_t owner = 0; owner < groups_.size(); ++owner) {
       Group& group = groups_[owner];
       const bool isKnown = survey_.owners[owner].slot != raw::kNoSlot;
-      if (group.isPlanned || group.isEmpty() || isKnown) continue;
-      if (!takesOrphans_ && !holdsWanted(group)) continue;
+      if (group.isPlanned || isKnown) continue;
+      if (!holdsWanted(group)) dropPiecesOfPayloads(&group);
+      if (group.isEmpty()) continue;
       PlannedTable planned;
       planned.slot =
           newSlot(madeName(survey_.owners[owner].number), survey_.owners[owner].id.data());
@@ -315,6 +323,13 @@ class Planner {
       note("The directory does not have the table " + planned.name() + "; its name is lost.");
       add(std::move(planned), &group);
     }
+  }
+
+  void dropPiecesOfPayloads(Group* group) const {
+    const auto isPiece = [&](uint32_t number) { return !isTakenAsOrphan(block(number)); };
+    std::erase_if(group->members, isPiece);
+    std::erase_if(group->unlinked, isPiece);
+    if (group->data != raw::kNoBlock && isPiece(group->data)) group->data = raw::kNoBlock;
   }
 
   bool holdsWanted(const Group& group) const {

@@ -99,7 +99,6 @@ StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Surve
 void StoredDatabases::salvage(qvdb::SalvageReport* report) {
   if (!folder_.make()) fail(folder_.path(), qvdb::Reason::path_not_reachable);
   qvdb::SalvageOptions options = options_;
-  options.from = 0;
   options.ignore_directory = false;
   options.extract_to.clear();
   options.deep_to.clear();
@@ -107,6 +106,7 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) {
     const raw::PartSource part(source_, place.begin, place.end);
     const raw::Survey survey = raw::makeSurvey(part);
     const std::filesystem::path file = folder_.fileNamed(nameOf(place));
+    options.from = place.begin;
     report->stored.push_back({place.begin, file, run(part, survey, file, {}, options)});
     folder_.add(nameOf(place));
   }
