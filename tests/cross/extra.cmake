@@ -10,5 +10,6 @@ if(name IN_LIST folders_run_twice)
   add_test(NAME cross.FilesAreTheSameWithPlainTransfers
     COMMAND ${CMAKE_COMMAND} -DONE=$<TARGET_FILE:cross_files> -DOTHER=$<TARGET_FILE:cross_files_plain>
             -DSCRATCH=${CMAKE_CURRENT_BINARY_DIR}/cross_files_scratch
+            "-DEMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR}"
             -P ${CMAKE_CURRENT_SOURCE_DIR}/cross/same_files.cmake)
 endif()

@@ -1,11 +1,11 @@
 # Lets two programs write their files, and compares these byte for byte.
 #
-#   cmake -DONE=PROGRAM -DOTHER=PROGRAM -DSCRATCH=FOLDER -P same_files.cmake
+#   cmake -DONE=PROGRAM -DOTHER=PROGRAM -DSCRATCH=FOLDER [-DEMULATOR=COMMAND] -P same_files.cmake
 foreach(side ONE OTHER)
   set(folder ${SCRATCH}/${side})
   file(REMOVE_RECURSE ${folder})
   file(MAKE_DIRECTORY ${folder})
-  execute_process(COMMAND ${${side}} write ${folder} COMMAND_ERROR_IS_FATAL ANY)
+  execute_process(COMMAND ${EMULATOR} ${${side}} write ${folder} COMMAND_ERROR_IS_FATAL ANY)
   file(GLOB names RELATIVE ${folder} ${folder}/*)
   set(names_${side} ${names})
 endforeach()

@@ -172,7 +172,7 @@ class NestedJudge {
   // The block whose payload begins with the database.
   const Block* holderOf(int64_t origin) const {
     for (const BlockKind kind : {BlockKind::record, BlockKind::tableData}) {
-      const int headSize = kind == BlockKind::record ? record::kData : tabledata::kData;
+      const int64_t headSize = kind == BlockKind::record ? record::kData : tabledata::kData;
       const Block* block = blockAt(origin - headSize);
       if (block != nullptr && block->kind == kind) return block;
     }

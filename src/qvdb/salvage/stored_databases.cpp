@@ -80,8 +80,9 @@ StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Surve
     found.push_back({origin, endOfPayload(survey, order, origin)});
     if (found.back().end == 0) loose.push_back(origin);
   }
-  leftOut_ = found.size() - std::min(found.size(), kMostDatabases);
-  found.resize(found.size() - leftOut_);
+  const std::size_t kept = std::min(found.size(), kMostDatabases);
+  leftOut_ = found.size() - kept;
+  found.resize(kept);
   for (raw::Range& place : found) {
     const Reach reach = reachOf(source, place.begin);
     if (!reach.hasTables) {
