@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -171,6 +172,71 @@ TEST_F(Recorder, CountsWhatIsHeld) {
   host.failOnce(Call::allocate);
   EXPECT_EQ(systemCalls().allocate(10), nullptr);
   EXPECT_EQ(host.heldBlocks(), 0u);
+}
+
+// The addresses of a table's functions.
+std::array<std::uintptr_t, kCallCount> functionsOf(const platform::SystemCalls& table) {
+  return std::bit_cast<std::array<std::uintptr_t, kCallCount>>(table);
+}
+
+TEST_F(Recorder, StandsBeforeEveryCallOfTheTable) {
+  const auto recorded = functionsOf(systemCalls());
+  const auto real = functionsOf(platform::hostSystemCalls());
+  for (std::size_t i = 0; i < kCallCount; ++i) {
+    EXPECT_NE(recorded[i], real[i]) << nameOf(static_cast<Call>(i));
+  }
+}
+
+TEST_F(Recorder, FailsCallsOnNamesAndRightsWithoutEffect) {
+  host.forget();
+  for (const Call call : {Call::rename, Call::renameNew, Call::link, Call::remove, Call::changeMode,
+                          Call::changeOwner, Call::listAttributes, Call::readAttribute,
+                          Call::writeAttribute, Call::removeAttribute}) {
+    host.failFrom(call, 0, EPERM);
+  }
+  const std::string from = folder / "file", to = folder / "other";
+  EXPECT_EQ(systemCalls().renameAt(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str()), -1);
+  EXPECT_EQ(systemCalls().renameNewAt(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str()), -1);
+  EXPECT_EQ(systemCalls().linkAt(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), 0), -1);
+  EXPECT_EQ(systemCalls().removeAt(AT_FDCWD, from.c_str(), 0), -1);
+  EXPECT_EQ(systemCalls().changeMode(descriptor, 0400), -1);
+  EXPECT_EQ(systemCalls().changeOwner(descriptor, 0, 0), -1);
+  EXPECT_EQ(systemCalls().listAttributes(descriptor, buffer.data(), buffer.size()), -1);
+  EXPECT_EQ(systemCalls().readAttribute(descriptor, "user.a", buffer.data(), buffer.size()), -1);
+  EXPECT_EQ(systemCalls().writeAttribute(descriptor, "user.a", "b", 1), -1);
+  EXPECT_EQ(systemCalls().removeAttribute(descriptor, "user.a"), -1);
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_TRUE(std::filesystem::exists(from));
+  EXPECT_FALSE(std::filesystem::exists(to));
+  ASSERT_EQ(host.events().size(), 10u);
+  EXPECT_EQ(host.events()[0].file, "file");
+  EXPECT_EQ(host.events()[4].position, 0400);
+
+  host.heal();
+  EXPECT_EQ(systemCalls().renameAt(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str()), 0);
+  EXPECT_EQ(systemCalls().linkAt(AT_FDCWD, to.c_str(), AT_FDCWD, from.c_str(), 0), 0);
+  EXPECT_EQ(systemCalls().removeAt(AT_FDCWD, to.c_str(), 0), 0);
+  EXPECT_EQ(contents(), "");
+  EXPECT_FALSE(std::filesystem::exists(to));
+}
+
+TEST_F(Recorder, FailsQuestionsAboutLocksAndHoles) {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  host.failOnce(Call::findLock, 0, EINVAL);
+  EXPECT_EQ(systemCalls().findLock(descriptor, &lock), -1);
+  EXPECT_EQ(systemCalls().findLock(descriptor, &lock), 0);
+  EXPECT_EQ(lock.l_type, F_UNLCK);
+  write("abc", 0);
+  host.failOnce(Call::nextHole);
+  host.failOnce(Call::nextStored);
+  host.forget();
+  EXPECT_EQ(systemCalls().nextHole(descriptor, 1), -1);
+  EXPECT_EQ(systemCalls().nextStored(descriptor, 2), -1);
+  EXPECT_EQ(systemCalls().nextHole(descriptor, 1),
+            platform::hostSystemCalls().nextHole(descriptor, 1));
+  ASSERT_EQ(host.events().size(), 3u);
+  EXPECT_EQ(host.events()[1].position, 2);
 }
 
 TEST_F(Recorder, RunsTheTestsFunctionBeforeEachCall) {

@@ -260,7 +260,7 @@ TEST_P(FailingLayerCalls, ThrowOrHaveTheirWholeEffect) {
       [&](const Failure& failure, const Outcome& outcome) {
         if (!outcome.succeeded) {
           expectNoHarm(failure, outcome, whole);
-        } else if (failure.kind != Call::time && !GetParam().passesOver.contains(failure.kind)) {
+        } else if (!isClock(failure.kind) && !GetParam().passesOver.contains(failure.kind)) {
           expectWholeEffect(outcome, whole);
         }
       });

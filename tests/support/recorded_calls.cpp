@@ -26,9 +26,14 @@ std::string lastPart(const char* name) {
 
 const char* nameOf(Call call) {
   static constexpr const char* kNames[] = {
-      "open",  "close",        "status",       "statusAt", "makeDirectory", "read",
-      "write", "truncate",     "sync",         "length",   "sizeLimit",     "lock",
-      "time",  "processClock", "microseconds", "allocate", "release"};
+      "open",       "close",          "status",        "statusAt",       "makeDirectory",
+      "rename",     "link",           "remove",        "changeMode",     "changeOwner",
+      "renameNew",  "listAttributes", "readAttribute", "writeAttribute", "removeAttribute",
+      "read",       "write",          "truncate",      "sync",           "nextHole",
+      "nextStored", "length",         "sizeLimit",     "lock",           "findLock",
+      "time",       "processClock",   "microseconds",  "allocate",       "release",
+      "processId"};
+  static_assert(std::size(kNames) == kCallCount);
   return kNames[static_cast<std::size_t>(call)];
 }
 
@@ -249,6 +254,79 @@ struct RecordedCalls::Calls {
     return result;
   }
 
+  static int renameAt(int fromDirectory, const char* from, int toDirectory, const char* to) {
+    const Verdict verdict = host().begin(Call::rename);
+    const int result = verdict.fails ? -1 : real().renameAt(fromDirectory, from, toDirectory, to);
+    host().note({Call::rename, fromDirectory, lastPart(from), 0, 0, result}, verdict);
+    return result;
+  }
+
+  static int linkAt(int fromDirectory, const char* from, int toDirectory, const char* to,
+                    int flags) {
+    const Verdict verdict = host().begin(Call::link);
+    const int result =
+        verdict.fails ? -1 : real().linkAt(fromDirectory, from, toDirectory, to, flags);
+    host().note({Call::link, fromDirectory, lastPart(from), 0, 0, result}, verdict);
+    return result;
+  }
+
+  static int removeAt(int directory, const char* name, int flags) {
+    const Verdict verdict = host().begin(Call::remove);
+    const int result = verdict.fails ? -1 : real().removeAt(directory, name, flags);
+    host().note({Call::remove, directory, lastPart(name), 0, 0, result}, verdict);
+    return result;
+  }
+
+  static int changeMode(int descriptor, mode_t mode) {
+    const Verdict verdict = host().begin(Call::changeMode);
+    const int result = verdict.fails ? -1 : real().changeMode(descriptor, mode);
+    host().note({Call::changeMode, descriptor, {}, mode, 0, result}, verdict);
+    return result;
+  }
+
+  static int changeOwner(int descriptor, uid_t owner, gid_t group) {
+    const Verdict verdict = host().begin(Call::changeOwner);
+    const int result = verdict.fails ? -1 : real().changeOwner(descriptor, owner, group);
+    host().note({Call::changeOwner, descriptor, {}, 0, 0, result}, verdict);
+    return result;
+  }
+
+  static int renameNewAt(int fromDirectory, const char* from, int toDirectory, const char* to) {
+    const Verdict verdict = host().begin(Call::renameNew);
+    const int result =
+        verdict.fails ? -1 : real().renameNewAt(fromDirectory, from, toDirectory, to);
+    host().note({Call::renameNew, fromDirectory, lastPart(from), 0, 0, result}, verdict);
+    return result;
+  }
+
+  static ssize_t listAttributes(int descriptor, char* names, size_t size) {
+    const Verdict verdict = host().begin(Call::listAttributes);
+    const ssize_t result = verdict.fails ? -1 : real().listAttributes(descriptor, names, size);
+    host().note({Call::listAttributes, descriptor, {}, 0, size, result}, verdict);
+    return result;
+  }
+
+  static ssize_t readAttribute(int descriptor, const char* name, void* value, size_t size) {
+    const Verdict verdict = host().begin(Call::readAttribute);
+    const ssize_t result = verdict.fails ? -1 : real().readAttribute(descriptor, name, value, size);
+    host().note({Call::readAttribute, descriptor, {}, 0, size, result}, verdict);
+    return result;
+  }
+
+  static int writeAttribute(int descriptor, const char* name, const void* value, size_t size) {
+    const Verdict verdict = host().begin(Call::writeAttribute);
+    const int result = verdict.fails ? -1 : real().writeAttribute(descriptor, name, value, size);
+    host().note({Call::writeAttribute, descriptor, {}, 0, size, result}, verdict);
+    return result;
+  }
+
+  static int removeAttribute(int descriptor, const char* name) {
+    const Verdict verdict = host().begin(Call::removeAttribute);
+    const int result = verdict.fails ? -1 : real().removeAttribute(descriptor, name);
+    host().note({Call::removeAttribute, descriptor, {}, 0, 0, result}, verdict);
+    return result;
+  }
+
   static ssize_t readAt(int descriptor, void* buffer, size_t count, off_t position) {
     const Verdict verdict = host().begin(Call::read, count);
     ssize_t result = -1;
@@ -287,6 +365,20 @@ struct RecordedCalls::Calls {
     return result;
   }
 
+  static off_t nextHole(int descriptor, off_t position) {
+    const Verdict verdict = host().begin(Call::nextHole);
+    const off_t result = verdict.fails ? -1 : real().nextHole(descriptor, position);
+    host().note({Call::nextHole, descriptor, {}, position, 0, result}, verdict);
+    return result;
+  }
+
+  static off_t nextStored(int descriptor, off_t position) {
+    const Verdict verdict = host().begin(Call::nextStored);
+    const off_t result = verdict.fails ? -1 : real().nextStored(descriptor, position);
+    host().note({Call::nextStored, descriptor, {}, position, 0, result}, verdict);
+    return result;
+  }
+
   static int64_t lengthOf(int descriptor) {
     const Verdict verdict = host().begin(Call::length);
     const int64_t result = verdict.fails ? -1 : real().lengthOf(descriptor);
@@ -298,6 +390,14 @@ struct RecordedCalls::Calls {
     const Verdict verdict = host().begin(Call::lock);
     const int result = verdict.fails ? -1 : real().setLock(descriptor, lock);
     host().note({Call::lock, descriptor, {}, lock->l_type, 0, result}, verdict);
+    return result;
+  }
+
+  static int findLock(int descriptor, struct flock* lock) {
+    const Verdict verdict = host().begin(Call::findLock);
+    const auto type = lock->l_type;
+    const int result = verdict.fails ? -1 : real().findLock(descriptor, lock);
+    host().note({Call::findLock, descriptor, {}, type, 0, result}, verdict);
     return result;
   }
 
@@ -327,6 +427,12 @@ struct RecordedCalls::Calls {
     return host().microseconds_ ? *host().microseconds_ : real().microseconds();
   }
 
+  // Asked for by every destructor; counted, but not written down one by one.
+  static pid_t processId() {
+    host().begin(Call::processId);
+    return real().processId();
+  }
+
   static void* allocate(size_t size) {
     const Verdict verdict = host().begin(Call::allocate, size);
     void* block = verdict.fails ? nullptr : real().allocate(size);
@@ -350,18 +456,32 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.status = Calls::status;
   table_.statusAt = Calls::statusAt;
   table_.makeDirectoryAt = Calls::makeDirectoryAt;
+  table_.renameAt = Calls::renameAt;
+  table_.linkAt = Calls::linkAt;
+  table_.removeAt = Calls::removeAt;
+  table_.changeMode = Calls::changeMode;
+  table_.changeOwner = Calls::changeOwner;
+  table_.renameNewAt = Calls::renameNewAt;
+  table_.listAttributes = Calls::listAttributes;
+  table_.readAttribute = Calls::readAttribute;
+  table_.writeAttribute = Calls::writeAttribute;
+  table_.removeAttribute = Calls::removeAttribute;
   table_.readAt = Calls::readAt;
   table_.writeAt = Calls::writeAt;
   table_.truncate = Calls::truncate;
   table_.sync = Calls::sync;
+  table_.nextHole = Calls::nextHole;
+  table_.nextStored = Calls::nextStored;
   table_.lengthOf = Calls::lengthOf;
   table_.fileSizeLimit = Calls::fileSizeLimit;
   table_.setLock = Calls::setLock;
+  table_.findLock = Calls::findLock;
   table_.time = Calls::time;
   table_.processClock = Calls::processClock;
   table_.microseconds = Calls::microseconds;
   table_.allocate = Calls::allocate;
   table_.release = Calls::release;
+  table_.processId = Calls::processId;
   g_current = this;
   platform::replaceSystemCalls(&table_);
 }

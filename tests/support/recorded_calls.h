@@ -51,6 +51,7 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -62,34 +63,68 @@
 
 namespace qvdbase::test {
 
-// The kinds of calls, one for each in the library's table. There is none for seeking: positions are
-// the library's own.
+// The kinds of calls, one for each in the library's table and in its order. There is none for
+// seeking: positions are the library's own.
 enum class Call {
   open,
   close,
   status,    // of a descriptor
   statusAt,  // of a name
   makeDirectory,
+  rename,
+  link,
+  remove,
+  changeMode,
+  changeOwner,
+  renameNew,
+  listAttributes,
+  readAttribute,
+  writeAttribute,
+  removeAttribute,
   read,
   write,
   truncate,
   sync,
+  nextHole,
+  nextStored,
   length,  // of a file
   sizeLimit,
   lock,
+  findLock,
   time,
   processClock,
   microseconds,
   allocate,
   release,
+  processId,
 };
+inline constexpr std::size_t kCallCount = static_cast<std::size_t>(Call::processId) + 1;
+
+// A call that the recorder does not know reaches the host unseen, and no test makes it fail.
+static_assert(sizeof(platform::SystemCalls) == kCallCount * sizeof(void (*)()),
+              "the library's table has a call without a kind: give it one here, a function in "
+              "recorded_calls.cpp, and a place in kFailingCalls or among those that cannot fail");
 
 // All kinds that can fail, for tests that go through them.
 inline constexpr Call kFailingCalls[] = {
-    Call::open, Call::close, Call::status,   Call::statusAt, Call::makeDirectory,
-    Call::read, Call::write, Call::truncate, Call::sync,     Call::length,
-    Call::lock, Call::time,  Call::allocate,
+    Call::open,          Call::close,          Call::status,
+    Call::statusAt,      Call::makeDirectory,  Call::rename,
+    Call::link,          Call::remove,         Call::changeMode,
+    Call::changeOwner,   Call::renameNew,      Call::listAttributes,
+    Call::readAttribute, Call::writeAttribute, Call::removeAttribute,
+    Call::read,          Call::write,          Call::truncate,
+    Call::sync,          Call::nextHole,       Call::nextStored,
+    Call::length,        Call::lock,           Call::findLock,
+    Call::time,          Call::processClock,   Call::microseconds,
+    Call::allocate,
 };
+inline constexpr Call kNeverFailing[] = {Call::sizeLimit, Call::release, Call::processId};
+static_assert(std::size(kFailingCalls) + std::size(kNeverFailing) == kCallCount);
+
+// A clock that fails shows some time: nothing fails because of it.
+constexpr bool isClock(Call call) {
+  return call == Call::time || call == Call::processClock || call == Call::microseconds;
+}
 
 const char* nameOf(Call call);
 
@@ -124,8 +159,10 @@ Bytes applied(Bytes file, const std::vector<Write>& writes, std::size_t count = 
 struct Event {
   Call call;
   int descriptor = -1;        // of the file, or of the directory in which a name is looked up
-  std::string file;           // as in Write; the name itself for open, statusAt and makeDirectory
-  std::int64_t position = 0;  // read, write; the new length for truncate; the lock's type for lock
+  std::string file;           // as in Write; the name itself for calls on names, the old one for
+                              // rename and link
+  std::int64_t position = 0;  // read, write, nextHole, nextStored; the new length for truncate;
+                              // the lock's type for lock and findLock; the mode for changeMode
   std::size_t count = 0;      // bytes asked for: read, write, allocate
   std::int64_t result = 0;    // what the library was told; 0 for a null pointer, 1 for any other
   bool chosen = false;        // whether it failed or was cut because the test wanted it to
