@@ -82,7 +82,7 @@ ImportedFile Exporter::fileOf(const Record& record) {
   file.seconds = record.info().modify_time;
   file.name = to_string(record.id());
   const unsigned number = ++byId_[record.id()];
-  if (number > 1) file.name += "-" + std::to_string(number);
+  if (number > 1) file.name.append("-").append(std::to_string(number));
   return file;
 }
 
