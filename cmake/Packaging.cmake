@@ -1,12 +1,12 @@
-# What is installed: both libraries, the public headers, the tool, a CMake package and a pkg-config
-# file. All of it may be moved after the installation; nothing installed names a fixed path.
+# What is installed: both libraries, the public headers, the tool, a CMake package, a pkg-config file,
+# the licence and the documents for users. All of it may be moved after the installation; nothing installed names a fixed path.
 # Used as a subfolder of another project, nothing of ours is installed unless that is asked for.
 if(NOT QVDBASE_INSTALL)
   return()
 endif()
 include(CMakePackageConfigHelpers)
 
-install(TARGETS qvdbase qvdbase_static EXPORT QVDbaseTargets
+install(TARGETS qvdbase qvdbase_static qvdbase_qvdb qvdbase_qvdb_static EXPORT QVDbaseTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/qvdbase DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
@@ -14,6 +14,13 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/qvdbase DESTINATION ${CMAKE_INST
 if(TARGET qvdb_tool)
   install(TARGETS qvdb_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
+
+# The documents refer to one another by their places in the source tree, which are kept.
+set(doc_folder ${CMAKE_INSTALL_DATAROOTDIR}/doc/qvdbase)
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/README.md
+              ${PROJECT_SOURCE_DIR}/CHANGELOG.md ${PROJECT_SOURCE_DIR}/SECURITY.md
+        DESTINATION ${doc_folder})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${doc_folder})
 
 # The library is C++ inside. A program whose linker is run as for C must name the C++ library.
 target_link_libraries(qvdbase_static INTERFACE $<INSTALL_INTERFACE:$<$<LINK_LANGUAGE:C>:stdc++>>)

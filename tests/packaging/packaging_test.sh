@@ -46,7 +46,7 @@ note "CMake, C and C++"
 cmake -G Ninja -S "$here/consumer" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" >"$scratch/log" || { cat "$scratch/log"; exit 1; }
 cmake --build "$scratch/cmake"
-for program in c_qvdbase c_qvdbase_static cxx_qvdbase cxx_qvdbase_static; do
+for program in c_qvdbase c_qvdbase_static cxx_qvdb cxx_qvdb_static cxx_qvdbase cxx_qvdbase_static; do
   runs "$scratch/cmake/$program"
 done
 
@@ -61,6 +61,10 @@ done
 # pkg-config's answers are words of a command line; the scratch path has none of the characters
 # that would need care.
 export PKG_CONFIG_PATH=$libraries/pkgconfig
+pkg-config --validate qvdbase
+version=$(sed -n 's/.*PACKAGE_VERSION "\(.*\)".*/\1/p' "$libraries/cmake/QVDbase/QVDbaseConfigVersion.cmake" | head -1)
+[ "$(pkg-config --modversion qvdbase)" = "$version" ] ||
+  { echo "pkg-config says $(pkg-config --modversion qvdbase), CMake $version"; exit 1; }
 warnings=(-Wall -Wextra -Wpedantic -Werror)
 cflags=$(pkg-config --cflags qvdbase)
 shared=$(pkg-config --libs qvdbase)

@@ -12,7 +12,7 @@ trap 'rm -rf -- "$scratch"' EXIT
 cmake -G Ninja -S "$here/subfolder" -B "$scratch/build" -DQVDBASE_FOLDER="$1" \
   -DCMAKE_C_COMPILER="$2" -DCMAKE_CXX_COMPILER="$3"
 cmake --build "$scratch/build"
-for program in c_qvdbase c_qvdbase_static; do
+for program in c_qvdbase c_qvdbase_static cxx_qvdb cxx_qvdb_static; do
   "$scratch/build/$program" "$scratch/$program.qvdb"
 done
 if [ -e "$scratch/build/qvdbase/cmake_install.cmake" ] &&

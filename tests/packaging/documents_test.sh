@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# What is installed besides libraries, headers and tool: the licence, and the documents for users,
+# whose references to one another lead somewhere.
+#
+# Usage: documents_test.sh BUILD-FOLDER
+set -euo pipefail
+
+scratch=$(mktemp -d)
+trap 'rm -rf -- "$scratch"' EXIT
+cmake --install "$1" --prefix "$scratch/prefix" >"$scratch/log" || { cat "$scratch/log"; exit 1; }
+
+documents=$scratch/prefix/share/doc/qvdbase
+failures=0
+for document in LICENSE README.md CHANGELOG.md SECURITY.md docs/format.md docs/recovery.md; do
+  [ -s "$documents/$document" ] || { echo "$document is not installed"; failures=1; }
+done
+[ "$failures" = 0 ] || exit 1
+
+# Headers lie elsewhere in an installation; what is about the sources is for those who have them.
+while IFS=: read -r document target; do
+  target=${target#](}
+  target=${target%%[#)]*}
+  case $target in
+    '' | *://* | *CONTRIBUTING.md | include/* | ../include/* | ../tests/* | ../fuzz/* | ../scripts/*) continue ;;
+  esac
+  [ -e "$(dirname -- "$document")/$target" ] ||
+    { echo "${document#"$documents/"} refers to $target, which is not installed"; failures=1; }
+done < <(grep -roE --include='*.md' '\]\([^)]*\)' -- "$documents")
+exit "$failures"
