@@ -141,8 +141,9 @@ int run(const Options& options) {
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   std::optional<ImportedFiles> files;
-  if (!options.byId) files = ImportedFiles::of(database, table);
+  if (!options.byId) files = readNames(database, table);
   FolderWriter writer(options.folder, options.force);
+  const bool hasAllNames = !files || files->isWhole();
   Exporter exporter(table, std::move(files), writer);
   exporter.check();
   exporter.run();
@@ -151,7 +152,7 @@ int run(const Options& options) {
              " any more; nothing was written for " + (missing == 1 ? "it" : "them"));
   }
   printLine(exporter.summary());
-  return kDone;
+  return hasAllNames ? kDone : kFailed;
 }
 
 Action define(Arguments& arguments) {
@@ -173,9 +174,12 @@ extern const Command kExportCommand = {
     "Writes each record of a table to a file in a folder. What 'qvdb import' stored gets its name, "
     "permissions and time back, and its folders and symbolic links are made again; other records "
     "are named by their identifiers. The database is only read.\n\n"
+    "Where the list of names is damaged, the files whose names are lost are named by their "
+    "records' identifiers as well, and the status is 1.\n\n"
     "Nothing is overwritten unless --force is given: if a file is in the way, nothing at all is "
-    "written. Nothing is ever written outside the folder: names that would lead out of it are an "
-    "error, and symbolic links in it are not followed.\n\n"
+    "written. Nothing is ever written outside the folder: a name that would lead out of it counts "
+    "as "
+    "damage, and symbolic links in the folder are not followed.\n\n"
     "Ctrl-C stops between two files and removes a half-written one.",
     "qvdb export photos.qvd holiday /mnt/copy\n"
     "diff -r ~/Pictures/holiday /mnt/copy\n"

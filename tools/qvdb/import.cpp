@@ -277,7 +277,7 @@ std::string Importer::summary() const {
 }
 
 ImportedFiles namesOf(const Database& database, const Table& table) {
-  if (auto files = ImportedFiles::of(database, table)) return *std::move(files);
+  if (auto files = readNames(database, table)) return *std::move(files);
   if (table.data_size().value_or(0) == 0) return {};
   throw Failure(
       database.path().native() + ": table '" + table.name() +

@@ -24,6 +24,10 @@ namespace {
 constexpr char kMark[8] = {'Q', 'V', 'f', 'i', 'l', 'e', 's', 1};
 constexpr std::size_t kFixedSize = 23;
 
+// What a list that is being shortened has in place of its next entry's kind, for the moment until
+// its length is written: the mark that ends every block of the file.
+constexpr char kCutOffHere = 'i';
+
 // Names that share their beginnings take little room in the block, and much more in memory. No real
 // folder comes near this; a hostile block could fill all memory otherwise.
 constexpr std::uint64_t kLargestExpansion = 64;
@@ -105,9 +109,27 @@ bool isKind(char kind) {
 // A target has no zero byte, and only a link, or one that was removed, has a target.
 bool isSoundEntry(const ImportedFile& file, char kind) {
   if (!isKind(kind) || !isSafeName(file.name)) return false;
-  if (file.nanoseconds >= 1'000'000'000) return false;
   if (file.kind == FileKind::link && file.target.empty()) return false;
   return file.target.find('\0') == std::string::npos;
+}
+
+// The next entry of a list; nothing when it makes no sense. A time that was half written is none.
+std::optional<ImportedFile> nextEntry(Reader* reader, const std::vector<ImportedFile>& before) {
+  ImportedFile file;
+  const auto kind = static_cast<char>(reader->number(1));
+  file.kind = static_cast<FileKind>(kind);
+  file.mode = static_cast<std::uint16_t>(reader->number(2));
+  file.seconds = static_cast<std::int64_t>(reader->number(8));
+  file.nanoseconds = static_cast<std::uint32_t>(reader->number(4));
+  if (file.nanoseconds >= 1'000'000'000) file.nanoseconds = 0;
+  file.record = Id{reader->number(8)};
+  const std::size_t shared = reader->count();
+  if (shared > (before.empty() ? 0 : before.back().name.size())) return std::nullopt;
+  if (shared > 0) file.name = before.back().name.substr(0, shared);
+  file.name += reader->text(reader->count());
+  file.target = reader->text(reader->count());
+  if (reader->hasFailed() || !isSoundEntry(file, kind)) return std::nullopt;
+  return file;
 }
 
 }  // namespace
@@ -126,48 +148,43 @@ bool isSafeName(std::string_view name) {
 ImportedFiles::ImportedFiles() {
   const auto mark = std::as_bytes(std::span(kMark));
   bytes_.assign(mark.begin(), mark.end());
+  end_ = bytes_.size();
 }
 
 bool ImportedFiles::isOurs(std::span<const std::byte> data) {
   return data.size() >= sizeof kMark && std::memcmp(data.data(), kMark, sizeof kMark) == 0;
 }
 
-std::optional<ImportedFiles> ImportedFiles::of(const Database& database, const Table& table) {
+std::optional<ImportedFiles> ImportedFiles::of(const Table& table) {
   std::byte start[sizeof kMark] = {};
   const std::size_t got = table.read_data(0, start);
   if (!isOurs(std::span(start).first(got))) return std::nullopt;
   ImportedFiles files;
-  if (files.decode(*table.data())) return files;
-  throw Failure(database.path().native() + ": the names of the files in table '" + table.name() +
-                "' are damaged; 'qvdb export --by-id' exports the records all the same");
+  files.decode(*table.data());
+  return files;
 }
 
-bool ImportedFiles::decode(std::span<const std::byte> data) {
+void ImportedFiles::decode(std::vector<std::byte> data) {
   Reader reader(data);
   static_cast<void>(reader.text(sizeof kMark));
   std::uint64_t namesTogether = 0;
   while (!reader.isAtEnd()) {
-    const std::size_t start = reader.position();
-    ImportedFile file;
-    const auto kind = static_cast<char>(reader.number(1));
-    file.kind = static_cast<FileKind>(kind);
-    file.mode = static_cast<std::uint16_t>(reader.number(2));
-    file.seconds = static_cast<std::int64_t>(reader.number(8));
-    file.nanoseconds = static_cast<std::uint32_t>(reader.number(4));
-    file.record = Id{reader.number(8)};
-    const std::size_t shared = reader.count();
-    if (shared > (list_.empty() ? 0 : list_.back().name.size())) return false;
-    if (shared > 0) file.name = list_.back().name.substr(0, shared);
-    file.name += reader.text(reader.count());
-    file.target = reader.text(reader.count());
-    if (reader.hasFailed() || !isSoundEntry(file, kind)) return false;
-    namesTogether += file.name.size();
-    if (namesTogether > kLargestExpansion * data.size()) return false;
-    starts_.push_back(start);
-    list_.push_back(std::move(file));
+    end_ = reader.position();
+    if (static_cast<char>(data[end_]) == kCutOffHere) {
+      data.resize(end_);
+      break;
+    }
+    std::optional<ImportedFile> file = nextEntry(&reader, list_);
+    if (file) namesTogether += file->name.size();
+    if (!file || namesTogether > kLargestExpansion * data.size()) {
+      isWhole_ = false;
+      break;
+    }
+    starts_.push_back(end_);
+    list_.push_back(*std::move(file));
   }
-  bytes_.assign(data.begin(), data.end());
-  return true;
+  if (isWhole_) end_ = data.size();
+  bytes_ = std::move(data);
 }
 
 void ImportedFiles::index() const {
@@ -195,6 +212,8 @@ std::optional<std::size_t> ImportedFiles::find(Id record) const {
 }
 
 void ImportedFiles::add(ImportedFile file) {
+  bytes_.resize(end_);
+  isWhole_ = true;
   const std::string_view before = list_.empty() ? std::string_view() : list_.back().name;
   const auto differs =
       std::mismatch(before.begin(), before.end(), file.name.begin(), file.name.end());
@@ -206,6 +225,7 @@ void ImportedFiles::add(ImportedFile file) {
   appendText(std::string_view(file.name).substr(shared), &bytes_);
   appendCount(file.target.size(), &bytes_);
   appendText(file.target, &bytes_);
+  end_ = bytes_.size();
   list_.push_back(std::move(file));
   putFixed(list_.size() - 1);
   areIndexed_ = false;
@@ -236,7 +256,9 @@ void ImportedFiles::cut(std::size_t index) {
   areIndexed_ = false;
   byName_.clear();
   byRecord_.clear();
-  bytes_.resize(starts_[index]);
+  end_ = starts_[index];
+  bytes_.resize(end_);
+  isWhole_ = true;
   starts_.resize(index);
   list_.resize(index);
 }

@@ -1,9 +1,12 @@
 // The names, kinds, modes and times of the files that were imported into a table, as the table's
 // data block holds them. docs/imported-files.md describes the format for other programs.
 //
-// The block is a list of entries behind eight bytes of identification. New entries go behind the
-// old ones and a removed entry only changes its kind, so that a block that grows or is corrected in
-// place is readable at every moment, also when the program ends in the middle of it.
+// The block is a list of entries after eight bytes of identification. New entries follow the old
+// ones and a removed entry only changes its kind, so that a block that is written over in place is
+// readable at every moment, also when the program ends in the middle of it.
+//
+// A list that was damaged by other means (a power failure, a failing device) is read up to its
+// first entry that makes no sense. What precedes that entry is kept.
 #ifndef QVDB_TOOL_IMPORTED_FILES_H
 #define QVDB_TOOL_IMPORTED_FILES_H
 
@@ -44,12 +47,15 @@ class ImportedFiles {
  public:
   ImportedFiles();
 
-  // The files of a table. Nothing when its data is absent, empty or something else. Throws Failure
-  // when it begins as such a block does and is damaged; qvdb::Error.
-  static std::optional<ImportedFiles> of(const Database& database, const Table& table);
+  // The files of a table, as far as they can be read. Nothing when its data is absent, empty or
+  // something else. Throws qvdb::Error.
+  static std::optional<ImportedFiles> of(const Table& table);
 
   // Whether a block of table data begins as one of these does.
   static bool isOurs(std::span<const std::byte> data);
+
+  // Whether all of the list could be read.
+  bool isWhole() const { return isWhole_; }
 
   // Removed entries are in the list too.
   const std::vector<ImportedFile>& list() const { return list_; }
@@ -58,7 +64,7 @@ class ImportedFiles {
   std::optional<std::size_t> find(std::string_view name) const;
   std::optional<std::size_t> find(Id record) const;
 
-  // `name` must not be in the list yet.
+  // `name` must not be in the list yet. What could not be read of the list is given up.
   void add(ImportedFile file);
   void remove(std::size_t index);
   // Changes mode, times and record.
@@ -70,12 +76,14 @@ class ImportedFiles {
   std::span<const std::byte> bytes() const { return bytes_; }
 
  private:
-  bool decode(std::span<const std::byte> data);
+  void decode(std::vector<std::byte> data);
   void putFixed(std::size_t index);
 
   std::vector<ImportedFile> list_;
   std::vector<std::size_t> starts_;  // of each entry in bytes_
   std::vector<std::byte> bytes_;
+  std::size_t end_ = 0;  // of the last entry in bytes_: what follows cannot be read
+  bool isWhole_ = true;
   // Made when they are first asked for.
   mutable std::unordered_map<std::string_view, std::size_t> byName_;
   mutable std::unordered_map<Id, std::size_t> byRecord_;

@@ -3,8 +3,8 @@
 
 #include <unordered_map>
 
-#include "qvdb/imported_files.h"
 #include "qvdb/interrupt.h"
+#include "qvdb/text.h"
 
 namespace qvdb::tool {
 namespace {
@@ -15,7 +15,8 @@ Id idOfName(const Database& database, const Table& table, const ImportedFiles& f
   const auto index = files.find(name);
   if (!index) {
     throw Failure(database.path().native() + ": table '" + table.name() + "' has no file '" + name +
-                  "'; 'qvdb records' lists what it has");
+                  "'" + (files.isWhole() ? "" : " before the damage in its list of names") +
+                  "; 'qvdb records' lists what it has");
   }
   const ImportedFile& file = files.list()[*index];
   if (file.kind == FileKind::file) return file.record;
@@ -43,9 +44,29 @@ Table findTable(const Database& database, const std::string& nameOrId) {
                 "'; 'qvdb tables' lists the tables");
 }
 
+std::optional<ImportedFiles> readNames(const Database& database, const Table& table) {
+  const std::string where = database.path().native() + ": ";
+  const std::string ofTable = " of table '" + table.name() + "'";
+  try {
+    auto files = ImportedFiles::of(table);
+    if (files && !files->isWhole()) {
+      complain(where + "the names of the files" + ofTable + " are damaged after the first " +
+               std::to_string(files->list().size()) +
+               "; the other records have only their identifiers");
+    }
+    return files;
+  } catch (const Error& error) {
+    if (error.reason() != Reason::data_damaged) throw;
+    complain(where + "the data" + ofTable +
+             " cannot be reached, as is usual in a packed file; records have only their "
+             "identifiers, and 'qvdb salvage' into a new file brings the data back");
+    return std::nullopt;
+  }
+}
+
 Id recordId(const Database& database, const Table& table, const std::string& idOrName) {
   if (const auto id = parse_id(idOrName)) return *id;
-  const auto files = ImportedFiles::of(database, table);
+  const auto files = ImportedFiles::of(table);
   if (files) return idOfName(database, table, *files, idOrName);
   throw Failure("'" + idOrName +
                 "' is no identifier: write 0x and hexadecimal digits, or a decimal number");
@@ -62,7 +83,7 @@ std::vector<Record> findRecords(const Database& database, const Table& table,
   std::vector<Id> ids;
   for (const std::string& text : idsOrNames) {
     const auto id = parse_id(text);
-    if (!id && !files) files = ImportedFiles::of(database, table);
+    if (!id && !files) files = ImportedFiles::of(table);
     ids.push_back(!id && files ? idOfName(database, table, *files, text)
                                : recordId(database, table, text));
   }

@@ -4,10 +4,12 @@
 
 #include <qvdbase/qvdb.hpp>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "qvdb/failure.h"
+#include "qvdb/imported_files.h"
 
 namespace qvdb::tool {
 
@@ -26,6 +28,10 @@ Database openToWrite(const std::string& path);
 
 // A table by name, else by identifier. Throws Failure when there is none.
 Table findTable(const Database& database, const std::string& nameOrId);
+
+// The names of a table's imported files, as far as they can be read: a line on standard error says
+// so when that is not all. Nothing when the table has none.
+std::optional<ImportedFiles> readNames(const Database& database, const Table& table);
 
 // The identifier that was written, or that of the imported file of that name. Throws Failure for
 // anything else. Whether the record is there is not looked at.

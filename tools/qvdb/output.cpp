@@ -98,8 +98,10 @@ void JsonArrayWriter::add(const Json& element) {
   print(jsonText(element, false));
 }
 
-void JsonArrayWriter::finish() {
-  print("\n]}\n");
+void JsonArrayWriter::finish(const std::string& error) {
+  std::string end = "\n]";
+  if (!error.empty()) end += ",\"error\":" + jsonText(Json(error), false);
+  print(end + "}\n");
 }
 
 }  // namespace qvdb::tool

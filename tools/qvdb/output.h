@@ -44,7 +44,8 @@ class JsonArrayWriter {
   // `head` is an object; the array becomes its last member.
   JsonArrayWriter(const Json& head, const char* arrayName);
   void add(const Json& element);
-  void finish();
+  // Ends the document, also one whose array stops early: then `error` says why.
+  void finish(const std::string& error = {});
 
  private:
   bool hasElements_ = false;

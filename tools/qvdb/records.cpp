@@ -60,27 +60,41 @@ void forEachRecord(const Table& table, std::uint64_t limit, Take take) {
   }
 }
 
-int run(const Options& options) {
-  const Database database = openToRead(options.file);
-  const Table table = findTable(database, options.table);
-  const auto files = ImportedFiles::of(database, table);
-  const std::uint64_t limit = options.limit.value_or(~std::uint64_t{0});
-  if (!options.json) {
-    printLine(std::string("ID                        SIZE        ROOM  CREATED               ") +
-              "MODIFIED" + (files ? "              NAME" : ""));
-    forEachRecord(table, limit, [&](const Record& r) { printRecord(r, nameOf(files, r.id())); });
-    return kDone;
-  }
+// The document is whole, with brackets and all, also where the records end early.
+void printJsonList(const Options& options, const Table& table,
+                   const std::optional<ImportedFiles>& files, std::uint64_t limit) {
   Json head;
   addText(&head, "file", options.file);
   addText(&head, "table", table.name());
   head["table_id"] = to_string(table.id());
   head["count"] = table.count();
   JsonArrayWriter writer(head, "records");
-  forEachRecord(table, limit,
-                [&](const Record& r) { writer.add(jsonOf(r, nameOf(files, r.id()))); });
+  try {
+    forEachRecord(table, limit,
+                  [&](const Record& r) { writer.add(jsonOf(r, nameOf(files, r.id()))); });
+  } catch (const Error& error) {
+    writer.finish(escaped(error.what()));
+    throw;
+  } catch (const Interrupted&) {
+    writer.finish("interrupted");
+    throw;
+  }
   writer.finish();
-  return kDone;
+}
+
+int run(const Options& options) {
+  const Database database = openToRead(options.file);
+  const Table table = findTable(database, options.table);
+  const auto files = readNames(database, table);
+  const std::uint64_t limit = options.limit.value_or(~std::uint64_t{0});
+  if (options.json) {
+    printJsonList(options, table, files, limit);
+  } else {
+    printLine(std::string("ID                        SIZE        ROOM  CREATED               ") +
+              "MODIFIED" + (files ? "              NAME" : ""));
+    forEachRecord(table, limit, [&](const Record& r) { printRecord(r, nameOf(files, r.id())); });
+  }
+  return files && !files->isWhole() ? kFailed : kDone;
 }
 
 Action define(Arguments& arguments) {
@@ -100,7 +114,9 @@ extern const Command kRecordsCommand = {
     "the times of creation and last modification (UTC) and, in a table of imported files, the "
     "file's name. The file is only read.\n\n"
     "Control characters in names are shown as \\x and two hexadecimal digits. Where the chain of "
-    "records is damaged the listing ends there, with status 1 and the number of the record.",
+    "records is damaged the listing ends there, with status 1 and the number of the record; a JSON "
+    "list then ends with a member \"error\". Where the list of names is damaged the records whose "
+    "names are lost are listed without, with status 1.",
     "qvdb records notes.qvd letters\n"
     "qvdb records --limit 10 notes.qvd letters\n"
     "qvdb records --json notes.qvd letters | jq -r '.records[].id'",

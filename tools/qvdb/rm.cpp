@@ -33,7 +33,7 @@ int run(const Options& options) {
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
   const std::vector<Record> records = findRecords(database, table, options.records);
-  std::optional<ImportedFiles> files = ImportedFiles::of(database, table);
+  std::optional<ImportedFiles> files = readNames(database, table);
   std::unordered_set<Id> gone;
   for (const Record& record : records) {
     if (isInterrupted()) break;
