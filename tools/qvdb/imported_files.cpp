@@ -31,6 +31,7 @@ constexpr char kCutOffHere = 'i';
 // Names that share their beginnings take little room in the block, and much more in memory. No real
 // folder comes near this; a hostile block could fill all memory otherwise.
 constexpr std::uint64_t kLargestExpansion = 64;
+constexpr std::size_t kLongestName = 65'535;
 
 void putNumber(std::uint64_t value, int width, std::byte* to) {
   for (int i = width - 1; i >= 0; --i) {
@@ -109,6 +110,7 @@ bool isKind(char kind) {
 // A target has no zero byte, and only a link, or one that was removed, has a target.
 bool isSoundEntry(const ImportedFile& file, char kind) {
   if (!isKind(kind) || !isSafeName(file.name)) return false;
+  if (file.name.size() > kLongestName || file.target.size() > kLongestName) return false;
   if (file.kind == FileKind::link && file.target.empty()) return false;
   return file.target.find('\0') == std::string::npos;
 }

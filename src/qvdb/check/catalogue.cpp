@@ -155,6 +155,13 @@ constexpr FindingCode kCodes[] = {
     {"C4", kWarning, "categories without the tables that belong to them",
      "pack with new identifiers", "use the ordinary pack"},
 
+    // ---- Imported files
+    {"I1", kWarning, "the list of imported files is damaged",
+     "no call of the library; the command-line tool knows the names before the damage only",
+     "'qvdb export' writes all records, those without a name under their identifiers"},
+    {"I2", kInformation, "a list of imported files has names without records", kNothing,
+     "an import that was killed leaves them; importing the same files again completes them"},
+
     // ---- What will happen
     {"W1", kInformation, "what the library's calls will do with this file now", "those named",
      "see the other findings"},

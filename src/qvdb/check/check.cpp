@@ -83,6 +83,7 @@ void judge(const ByteSource& source, const Survey& survey, const CheckOptions& o
     qvdbase::check::checkCounts(survey, table, findings);
     qvdbase::check::checkChain(survey, table, findings);
     qvdbase::check::checkTableData(source, survey, table, findings);
+    qvdbase::check::checkImportedNames(source, survey, table, findings);
   }
   qvdbase::check::checkRecords(survey, now, findings);
   if (options.categories) qvdbase::check::checkCategories(source, survey, findings);

@@ -37,6 +37,10 @@ std::string counted(uint64_t count, const char* thing) {
   return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
+std::string counted(uint64_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
 std::string shown(const std::string& name) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string text = "\"";

@@ -57,6 +57,7 @@ class Findings {
 
 // "1 record", "2 records".
 std::string counted(uint64_t count, const char* thing);
+std::string counted(uint64_t count, const char* one, const char* many);
 
 // A name from a file, made fit to be shown: quoted, what is not printable escaped.
 std::string shown(const std::string& name);

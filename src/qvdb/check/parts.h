@@ -20,6 +20,8 @@ void checkCounts(const raw::Survey& survey, const raw::Table& table, Findings* f
 void checkChain(const raw::Survey& survey, const raw::Table& table, Findings* findings);
 void checkTableData(const raw::ByteSource& source, const raw::Survey& survey,
                     const raw::Table& table, Findings* findings);
+void checkImportedNames(const raw::ByteSource& source, const raw::Survey& survey,
+                        const raw::Table& table, Findings* findings);
 
 // Identifiers and times of all live records; `now` in seconds since 1970.
 void checkRecords(const raw::Survey& survey, int64_t now, Findings* findings);
