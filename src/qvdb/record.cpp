@@ -28,14 +28,23 @@ constexpr std::uint32_t kSmallPayload = 64 * 1024;
                                            " reaches beyond the end of the file");
 }
 
+// The header of the record's block as it now is; false when no block of this record is there any
+// more. A table whose identifier has a wrong sum has the same wrong sum in its slot and its blocks.
+bool readPresentHeader(const Operation& operation, Id table, const RecordInfo& info,
+                       recordPart1* header) {
+  unsigned char tableID[qvdbase::kIdentifierSize];
+  internal_ConvertInt64_2UuID(table.value, tableID);
+  return (qvdbase::readRecordHeaderAt(operation.db(), info.position, tableID, header) ||
+          qvdbase::readRecordHeaderAt(operation.db(), info.position,
+                                      operation.table(table).slot.tableID, header)) &&
+         qvdbase::identifierNumber(header->recordID) == info.id.value;
+}
+
 // The size that the payload has now. Leaves the file wherever; throws when no block of the record
 // stands there any more or the payload does not lie inside the file.
 std::uint32_t presentSize(const Operation& operation, Id table, const RecordInfo& info) {
-  unsigned char tableID[qvdbase::kIdentifierSize];
-  internal_ConvertInt64_2UuID(table.value, tableID);
   recordPart1 header;
-  if (!qvdbase::readRecordHeaderAt(operation.db(), info.position, tableID, &header) ||
-      qvdbase::identifierNumber(header.recordID) != info.id.value) {
+  if (!readPresentHeader(operation, table, info, &header)) {
     operation.fail(Reason::record_missing,
                    "record " + to_string(info.id) + " does not stand any more where it stood");
   }
