@@ -59,6 +59,41 @@ TEST_F(ToolRecords, BeforeADamageAreListedAndTheDamageIsTold) {
   expectOneLine(outcome.err, {"test.qvd", "record 2 of 3", "copy"});
 }
 
+TEST_F(ToolRecords, InJsonAreAWholeDocumentAlsoWhereTheChainIsDamaged) {
+  for (const bool atTheStart : {false, true}) {
+    FileImage image;
+    image.addTable("notes", 0x11);
+    const auto first = image.addRecord(0, 0xA1, bytesOf("1"));
+    const auto second = image.addRecord(0, 0xA2, bytesOf("2"));
+    image.record(atTheStart ? first : second).blockMark = 0;
+    writeFile(path(), image.build());
+    allowDamage();
+    const Outcome outcome = run({"records", "--json", "test.qvd", "notes"});
+    EXPECT_EQ(outcome.status, 1);
+    expectOneLine(outcome.err, {"test.qvd"});
+    const auto list = nlohmann::json::parse(outcome.out);
+    EXPECT_EQ(list["records"].size(), atTheStart ? 0u : 1u);
+    EXPECT_NE(list["error"].get<std::string>().find("damaged"), std::string::npos) << outcome;
+  }
+}
+
+TEST_F(ToolStat, CountsTheRecordsBeforeADamage) {
+  FileImage image;
+  image.addTable("notes", 0x11);
+  image.addRecord(0, 0xA1, bytesOf("1"));
+  const auto second = image.addRecord(0, 0xA2, bytesOf("2"));
+  image.record(second).blockMark = 0;
+  image.addTable("other", 0x12);
+  writeFile(path(), image.build());
+  allowDamage();
+  const Outcome outcome = run({"stat", "--json", "test.qvd"});
+  EXPECT_EQ(outcome.status, 1);
+  expectOneLine(outcome.err, {"record 2 of 2"});
+  const auto tables = nlohmann::json::parse(outcome.out)["tables"];
+  ASSERT_EQ(tables.size(), 2u);
+  EXPECT_EQ(tables[0]["records"], 1);
+}
+
 TEST_F(ToolStat, CountsRecordsBytesAndWhatIsUnused) {
   FileImage image;
   image.addTable("notes", 0x11);

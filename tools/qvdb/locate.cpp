@@ -1,6 +1,8 @@
 // From what the user types to databases, tables and records.
 #include "qvdb/locate.h"
 
+#include <qvdbase/qvdbase.h>
+
 #include <unordered_map>
 
 #include "qvdb/interrupt.h"
@@ -8,6 +10,8 @@
 
 namespace qvdb::tool {
 namespace {
+
+constexpr std::uint16_t kUnfinishedPack = 101;
 
 Id idOfName(const Database& database, const Table& table, const ImportedFiles& files,
             std::string name) {
@@ -25,6 +29,14 @@ Id idOfName(const Database& database, const Table& table, const ImportedFiles& f
                 ", which has no record");
 }
 
+// What a packed file has in the slots of tables that have records and data.
+std::string unreachableData(const Table& table) {
+  return "the data of table '" + table.name() +
+         "' is not where its slot says, as is usual in a packed file; 'qvdb salvage' into a new "
+         "file "
+         "brings it back";
+}
+
 }  // namespace
 
 Database openToRead(const std::string& path) {
@@ -32,7 +44,38 @@ Database openToRead(const std::string& path) {
 }
 
 Database openToWrite(const std::string& path) {
-  return Database::open(path, Mode::exclusive);
+  Database database = Database::open(path, Mode::exclusive);
+  if (database.info().version != kUnfinishedPack) return database;
+  throw Failure(path +
+                ": is an unfinished pack (version 101), in which records are missing; use the "
+                "source of the pack, or 'qvdb salvage' to make a new file of what is there");
+}
+
+std::vector<Table> tablesOf(const Database& database, std::exception_ptr* failure) {
+  try {
+    return database.tables();
+  } catch (const Error& error) {
+    if (error.reason() != Reason::directory_damaged) throw;
+    *failure = std::current_exception();
+  }
+  std::vector<Table> tables;
+  char name[33] = {};
+  for (int i = 0;; ++i) {
+    const std::uint64_t id = GetTableNameAndIDByIndex(database.handle(), i, name);
+    const auto table = id != 0 ? database.find_table(Id{id}) : std::nullopt;
+    if (!table) return tables;
+    tables.push_back(*table);
+  }
+}
+
+DataSize dataSizeOf(const Database& database, const Table& table) {
+  try {
+    return {true, table.data_size()};
+  } catch (const Error& error) {
+    if (error.reason() != Reason::data_damaged) throw;
+    complain(database.path().native() + ": " + unreachableData(table));
+    return {};
+  }
 }
 
 Table findTable(const Database& database, const std::string& nameOrId) {
@@ -46,20 +89,17 @@ Table findTable(const Database& database, const std::string& nameOrId) {
 
 std::optional<ImportedFiles> readNames(const Database& database, const Table& table) {
   const std::string where = database.path().native() + ": ";
-  const std::string ofTable = " of table '" + table.name() + "'";
   try {
     auto files = ImportedFiles::of(table);
     if (files && !files->isWhole()) {
-      complain(where + "the names of the files" + ofTable + " are damaged after the first " +
-               std::to_string(files->list().size()) +
+      complain(where + "the names of the files of table '" + table.name() +
+               "' are damaged after the first " + std::to_string(files->list().size()) +
                "; the other records have only their identifiers");
     }
     return files;
   } catch (const Error& error) {
     if (error.reason() != Reason::data_damaged) throw;
-    complain(where + "the data" + ofTable +
-             " cannot be reached, as is usual in a packed file; records have only their "
-             "identifiers, and 'qvdb salvage' into a new file brings the data back");
+    complain(where + unreachableData(table));
     return std::nullopt;
   }
 }

@@ -4,6 +4,8 @@
 
 #include <qvdbase/qvdb.hpp>
 
+#include <cstdint>
+#include <exception>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,8 +25,19 @@ inline constexpr const char* kRecordHelp =
 // Opens for reading only: the file stays as it is, byte for byte.
 Database openToRead(const std::string& path);
 
-// Opens for writing, and keeps other writers out meanwhile.
+// Opens for writing, and keeps other writers out meanwhile. Throws Failure for an unfinished pack.
 Database openToWrite(const std::string& path);
+
+// The tables of a database, those before the damage when its directory is damaged: then the failure
+// is stored, to be thrown when they have been shown.
+std::vector<Table> tablesOf(const Database& database, std::exception_ptr* failure);
+
+// The size of a table's data.
+struct DataSize {
+  bool isKnown = false;  // false when the data cannot be reached: a line on standard error says so
+  std::optional<std::uint32_t> bytes;  // nothing when there is none
+};
+DataSize dataSizeOf(const Database& database, const Table& table);
 
 // A table by name, else by identifier. Throws Failure when there is none.
 Table findTable(const Database& database, const std::string& nameOrId);

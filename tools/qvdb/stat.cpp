@@ -33,7 +33,7 @@ struct TableStatistics {
   std::uint32_t largest = 0;
   std::uint32_t oldest = 0;  // create time
   std::uint32_t latest = 0;  // modify time
-  std::optional<std::uint32_t> dataSize;
+  DataSize dataSize;
 
   void take(const RecordInfo& record) {
     smallest = records == 0 ? record.size : std::min(smallest, record.size);
@@ -47,19 +47,27 @@ struct TableStatistics {
 
   // The room of table data is not told apart from its size: what it has to spare counts as unused.
   std::uint64_t liveBytes() const {
-    return records * kRecordOverhead + room + (dataSize ? *dataSize + kDataOverhead : 0);
+    return records * kRecordOverhead + room +
+           (dataSize.bytes ? *dataSize.bytes + kDataOverhead : 0);
   }
 };
 
-TableStatistics statisticsOf(const Table& table) {
+// Of the records before the damage when the table's chain is damaged: then the failure is stored.
+TableStatistics statisticsOf(const Database& database, const Table& table,
+                             std::exception_ptr* failure) {
   TableStatistics statistics;
   statistics.info = table.info();
-  statistics.dataSize = table.data_size();
+  statistics.dataSize = dataSizeOf(database, table);
   Progress progress("reading", statistics.info.record_count, "records");
-  for (const Record& record : table.records()) {
-    throwIfInterrupted();
-    statistics.take(record.info());
-    progress.step();
+  try {
+    for (const Record& record : table.records()) {
+      throwIfInterrupted();
+      statistics.take(record.info());
+      progress.step();
+    }
+  } catch (const Error& error) {
+    if (error.reason() != Reason::chain_damaged) throw;
+    if (!*failure) *failure = std::current_exception();
   }
   return statistics;
 }
@@ -76,7 +84,8 @@ Json jsonOf(const TableStatistics& table) {
   json["largest"] = table.records == 0 ? Json(nullptr) : Json(table.largest);
   json["first_created"] = table.records == 0 ? Json(nullptr) : Json(timeText(table.oldest));
   json["last_modified"] = table.records == 0 ? Json(nullptr) : Json(timeText(table.latest));
-  json["data_size"] = table.dataSize ? Json(*table.dataSize) : Json(nullptr);
+  json["data_size"] = table.dataSize.bytes ? Json(*table.dataSize.bytes) : Json(nullptr);
+  if (!table.dataSize.isKnown) json["data_is_unreachable"] = true;
   return json;
 }
 
@@ -93,18 +102,25 @@ void printTable(const TableStatistics& table) {
     printLine("  times         created from " + timeText(table.oldest) + ", modified until " +
               timeText(table.latest));
   }
-  printLine("  table data    " +
-            (table.dataSize ? std::to_string(*table.dataSize) + " bytes" : std::string("none")));
+  printLine("  table data    " + (!table.dataSize.isKnown ? std::string("cannot be reached")
+                                  : table.dataSize.bytes
+                                      ? std::to_string(*table.dataSize.bytes) + " bytes"
+                                      : std::string("none")));
 }
 
 int run(const Options& options) {
   const Database database = openToRead(options.file);
-  std::vector<Table> tables = database.tables();
-  if (options.table) tables = {findTable(database, *options.table)};
+  std::exception_ptr failure;
+  std::vector<Table> tables;
+  if (options.table) {
+    tables = {findTable(database, *options.table)};
+  } else {
+    tables = tablesOf(database, &failure);
+  }
   std::vector<TableStatistics> all;
   std::uint64_t live = kDirectoryEnd;
   for (const Table& table : tables) {
-    all.push_back(statisticsOf(table));
+    all.push_back(statisticsOf(database, table, &failure));
     live += all.back().liveBytes();
   }
   const std::uint64_t size = database.info().file_size;
@@ -113,19 +129,20 @@ int run(const Options& options) {
     Json json;
     addText(&json, "file", options.file);
     json["size"] = size;
-    if (!options.table) json["unused_bytes"] = unused;
+    if (!options.table && !failure) json["unused_bytes"] = unused;
     json["tables"] = Json::array();
     for (const TableStatistics& table : all) json["tables"].push_back(jsonOf(table));
     printJson(json);
-    return kDone;
+  } else {
+    printLine("file            " + escaped(options.file));
+    printLine("size            " + std::to_string(size) + " bytes");
+    if (!options.table && !failure) {
+      printLine("unused          " + std::to_string(unused) +
+                " bytes of deleted and replaced contents");
+    }
+    for (const TableStatistics& table : all) printTable(table);
   }
-  printLine("file            " + escaped(options.file));
-  printLine("size            " + std::to_string(size) + " bytes");
-  if (!options.table) {
-    printLine("unused          " + std::to_string(unused) +
-              " bytes of deleted and replaced contents");
-  }
-  for (const TableStatistics& table : all) printTable(table);
+  if (failure) std::rethrow_exception(failure);
   return kDone;
 }
 
@@ -142,7 +159,8 @@ Action define(Arguments& arguments) {
 extern const Command kStatCommand = {
     "stat", "show statistics",
     "Walks over all records and shows, for each table, how many there are, their sizes and times, "
-    "and how much of the file belongs to deleted or replaced contents. The file is only read.",
+    "and how much of the file belongs to deleted or replaced contents. Of what is damaged the part "
+    "before the damage counts, and the status is 1. The file is only read.",
     "qvdb stat notes.qvd\n"
     "qvdb stat notes.qvd letters\n"
     "qvdb stat --json notes.qvd",

@@ -18,35 +18,43 @@ std::string column(std::string text, std::size_t width) {
   return std::string(width - std::min(width, text.size()), ' ') + text;
 }
 
-void printTable(const Table& table) {
-  const auto dataSize = table.data_size();
-  printLine(to_string(table.id()) + column(std::to_string(table.count()), 12) +
-            column(dataSize ? std::to_string(*dataSize) : "-", 12) + "  " + escaped(table.name()));
+std::string sizeText(const DataSize& size) {
+  if (!size.isKnown) return "?";
+  return size.bytes ? std::to_string(*size.bytes) : "-";
 }
 
-Json jsonOf(const Table& table) {
+void printTable(const Table& table, const DataSize& size) {
+  printLine(to_string(table.id()) + column(std::to_string(table.count()), 12) +
+            column(sizeText(size), 12) + "  " + escaped(table.name()));
+}
+
+Json jsonOf(const Table& table, const DataSize& size) {
   Json json;
   json["id"] = to_string(table.id());
   addText(&json, "name", table.name());
   json["records"] = table.count();
-  const auto dataSize = table.data_size();
-  json["data_size"] = dataSize ? Json(*dataSize) : Json(nullptr);
+  json["data_size"] = size.bytes ? Json(*size.bytes) : Json(nullptr);
+  if (!size.isKnown) json["data_is_unreachable"] = true;
   return json;
 }
 
 int run(const Options& options) {
   const Database database = openToRead(options.file);
-  const std::vector<Table> tables = database.tables();
+  std::exception_ptr failure;
+  const std::vector<Table> tables = tablesOf(database, &failure);
   if (options.json) {
     Json json;
     addText(&json, "file", options.file);
     json["tables"] = Json::array();
-    for (const Table& table : tables) json["tables"].push_back(jsonOf(table));
+    for (const Table& table : tables) {
+      json["tables"].push_back(jsonOf(table, dataSizeOf(database, table)));
+    }
     printJson(json);
-    return kDone;
+  } else {
+    printLine("ID                     RECORDS        DATA  NAME");
+    for (const Table& table : tables) printTable(table, dataSizeOf(database, table));
   }
-  printLine("ID                     RECORDS        DATA  NAME");
-  for (const Table& table : tables) printTable(table);
+  if (failure) std::rethrow_exception(failure);
   return kDone;
 }
 
@@ -62,7 +70,9 @@ Action define(Arguments& arguments) {
 extern const Command kTablesCommand = {
     "tables", "list the tables",
     "Lists the tables of a database in the order in which they were added: identifier, number of "
-    "records, bytes of table data ('-' when the table has none) and name. The file is only read.",
+    "records, bytes of table data ('-' when the table has none, '?' when it cannot be reached) and "
+    "name. Where the directory is damaged the list ends there, with status 1. The file is only "
+    "read.",
     "qvdb tables notes.qvd\n"
     "qvdb tables --json notes.qvd",
     define};
