@@ -333,8 +333,10 @@ TEST_F(ToolImport, ThatCannotBeWrittenToItsEndNamesExactlyWhatIsStored) {
       "-c", std::string("ulimit -f 4000; exec '") + QVDB_TOOL + "' import test.qvd files in/"};
   const Outcome outcome = runProgram(call);
   EXPECT_EQ(outcome.status, 1) << outcome;
-  expectOneLine(outcome.err, {"test.qvd", "cannot be written"});
   const std::size_t stored = database().tables[0].records.size();
+  expectOneLine(outcome.err, {"test.qvd", "cannot be written",
+                              std::to_string(stored) + " files are stored, " +
+                                  std::to_string(500 - stored) + " are not"});
   EXPECT_GT(stored, 0u);
   EXPECT_LT(stored, 500u);
   EXPECT_EQ(
@@ -343,17 +345,28 @@ TEST_F(ToolImport, ThatCannotBeWrittenToItsEndNamesExactlyWhatIsStored) {
   allowDamage();  // the block that was begun stands unlinked at the end
 }
 
-TEST_F(ToolImport, OfAFileThatCannotBeReadKeepsWhatCameBefore) {
+TEST_F(ToolImport, OfAFileThatNoRecordCanHoldStoresNothing) {
   store("in/1", bytesOf("1"));
+  store("in/large", {});
+  fs::resize_file(path("in/large"), 4'294'967'296);
+  expectOnlyRead([&] {
+    fails({"import", "test.qvd", "files", "in/"}, 1, {"in/large", "4,294,967,295", "nothing"});
+  });
+}
+
+TEST_F(ToolImport, OfAFileThatCannotBeReadKeepsWhatCameBefore) {
+  store("in/0/1", bytesOf("1"));
   store("in/2", bytesOf("2"));
+  fs::create_symlink("2", path("in/1"));
   fs::permissions(path("in/2"), fs::perms(0));
   fs::permissions(path(), fs::perms(0666));
   {
     Unprivileged user(folder.path());
     if (!user || ::access(QVDB_TOOL, X_OK) != 0) GTEST_SKIP() << "only root can run the tool here";
-    fails({"import", "test.qvd", "files", "in/"}, 1, {"in/2", "open"});
+    fails({"import", "test.qvd", "files", "in/"}, 1,
+          {"in/2", "open", "1 file is stored, 1 is not", "--replace"});
   }
-  EXPECT_EQ(namesIn("files"), (Words{"1"}));
+  EXPECT_EQ(namesIn("files"), (Words{"0/1"}));
   done({"export", "test.qvd", "files", "out"});
 }
 

@@ -77,6 +77,18 @@ TEST_F(ToolGet, DoesNotTrustALengthInTheFile) {
   EXPECT_FALSE(std::filesystem::exists(path("out")));
 }
 
+TEST_F(ToolGet, FindsTheRecordsOfATableWhoseIdentifierHasAWrongSum) {
+  FileImage image;
+  image.addTable("notes", 0x11);
+  image.slot(0).tableID[9] ^= 1;
+  const auto at = image.addRecord(0, 0xA1, bytesOf("payload"));
+  image.record(at).tableID = image.slot(0).tableID;
+  writeFile(path(), image.build());
+  allowDamage();
+  EXPECT_EQ(json({"records", "--json", "test.qvd", "notes"})["records"].size(), 1u);
+  EXPECT_EQ(done({"get", "test.qvd", "notes", "0xa1"}), "payload");
+}
+
 // ---- put
 
 TEST_F(ToolPut, StoresStandardInputAndPrintsTheIdentifier) {
@@ -114,7 +126,67 @@ TEST_F(ToolPut, KeepsReserveAndGivenIdentifier) {
   });
 }
 
-TEST_F(ToolPut, StopsAtCtrlCWithWhatIsStoredSoFar) {
+TEST_F(ToolPut, StoresAllInputsOrNone) {
+  notes({});
+  writeFile(path("a"), bytesOf("one"));
+  writeFile(path("b"), bytesOf("two"));
+  expectOnlyRead([&] {
+    fails({"put", "test.qvd", "notes", "a", "absent", "b"}, 1, {"absent", "open"});
+    fails({"put", "test.qvd", "notes", "a", ".", "b"}, 1, {"folder", "qvdb import"});
+  });
+}
+
+TEST_F(ToolPut, RefusesTheIdentifierThatStandsForNone) {
+  notes({});
+  expectOnlyRead([&] {
+    for (const char* id : {"0", "0x0", "0x0000000000000000"}) {
+      fails({"put", "--id", id, "test.qvd", "notes"}, 2, {"--id", "0"}, "x");
+    }
+  });
+}
+
+TEST_F(ToolPut, RefusesAFileThatNoRecordCanHoldBeforeAnythingIsStored) {
+  notes({});
+  writeFile(path("a"), bytesOf("one"));
+  writeFile(path("large"), {});
+  std::filesystem::resize_file(path("large"), 4'294'967'296);
+  expectOnlyRead([&] {
+    fails({"put", "test.qvd", "notes", "a", "large"}, 1, {"large", "4,294,967,295", "split"});
+  });
+}
+
+// Another program can write to the database while 'put' waits for its input.
+TEST_F(ToolPut, ReadsItsInputBeforeItOpensTheDatabase) {
+  notes({});
+  ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
+  ProgramCall call = callOf({"put", "test.qvd", "notes", "pipe"});
+  call.meanwhile = [&](pid_t) {
+    const int held = ::open(path("pipe").c_str(), O_WRONLY);  // returns when 'put' has opened it
+    done({"put", "test.qvd", "notes"}, "first");
+    EXPECT_EQ(::write(held, "second", 6), 6);
+    ::close(held);
+  };
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  const auto records = database().tables[0].records;
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].fields.data(), bytesOf("first"));
+  EXPECT_EQ(records[1].fields.data(), bytesOf("second"));
+}
+
+TEST_F(ToolPut, IntoAnUnfinishedPackIsRefused) {
+  FileImage image;
+  image.header().version = 101;
+  image.addTable("notes", 0x11);
+  writeFile(path(), image.build());
+  allowDamage();
+  expectOnlyRead([&] {
+    fails({"put", "test.qvd", "notes"}, 1, {"unfinished pack", "101", "qvdb salvage"}, "x");
+    fails({"add-table", "test.qvd", "more"}, 1, {"unfinished pack"});
+  });
+}
+
+TEST_F(ToolPut, StopsAtCtrlCWithNothingStored) {
   notes({});
   writeFile(path("a"), bytesOf("stored"));
   ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
@@ -128,7 +200,7 @@ TEST_F(ToolPut, StopsAtCtrlCWithWhatIsStoredSoFar) {
   ::close(held);
   EXPECT_EQ(outcome.status, 1) << outcome;
   expectOneLine(outcome.err, {"interrupted"});
-  EXPECT_EQ(json({"records", "--json", "test.qvd", "notes"})["count"], 1);
+  EXPECT_EQ(json({"records", "--json", "test.qvd", "notes"})["count"], 0);
 }
 
 // ---- set

@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <exception>
+#include <new>
 #include <optional>
 #include <unordered_map>
 
@@ -59,9 +59,9 @@ class Importer {
   void append(Id record, std::size_t place);
   void finishBatch();
   std::size_t firstNotStored(std::size_t current);
+  std::string stop(std::size_t current, const FileTree& tree);
   void replaceRecord(const Record& record, std::size_t place);
   void noteProperties(const FoundFile& found, std::size_t index, const struct stat& status);
-  [[noreturn]] void stop(std::size_t firstMissing, const FileTree& tree);
 
   Database& database_;
   Table& table_;
@@ -155,15 +155,14 @@ void Importer::run(const FileTree& tree) {
     }
     finishBatch();
   } catch (const Interrupted&) {
-    stop(firstNotStored(at), tree);
-  } catch (...) {
-    // What is not stored must not be named; but the failure is what the user has to hear.
-    const std::exception_ptr failure = std::current_exception();
-    try {
-      stop(firstNotStored(at), tree);
-    } catch (...) {
-    }
-    std::rethrow_exception(failure);
+    throw Failure("interrupted; " + stop(at, tree));
+  } catch (const Failure& failure) {
+    throw Failure(failure.what() + ("; " + stop(at, tree)), failure.status());
+  } catch (const Error& error) {
+    const std::string advice = adviceFor(error);
+    throw Failure(error.what() + (advice.empty() ? "" : "; " + advice) + "; " + stop(at, tree));
+  } catch (const std::bad_alloc&) {
+    throw Failure("there is not enough memory; " + stop(at, tree));
   }
   if (namesHaveChanged_) storeNames();
 }
@@ -256,17 +255,29 @@ void Importer::noteProperties(const FoundFile& found, std::size_t index,
   namesHaveChanged_ = true;
 }
 
-// Takes back the names of what was not stored.
-void Importer::stop(std::size_t firstMissing, const FileTree& tree) {
+// Ends the work at `current`: takes back the names of what is not stored, and says how much is.
+std::string Importer::stop(std::size_t current, const FileTree& tree) {
+  const std::size_t firstMissing = firstNotStored(current);
   for (std::size_t i = firstMissing; i < tree.files.size(); ++i) {
     if (places_[i] < hadNames_) continue;
     names_.cut(places_[i]);  // new names stand in the order of the files
     break;
   }
-  storeNames();
-  throw Failure("interrupted: " + counted(firstMissing, "file is", "files are") + " stored, " +
-                std::to_string(tree.files.size() - firstMissing) +
-                " are not; the database is sound, and importing again with --replace completes it");
+  try {
+    storeNames();
+  } catch (const Error&) {
+    // Names without records do no harm. The failure that ended the import is what counts.
+  }
+  const auto files = [&](std::size_t from, std::size_t to) {
+    return static_cast<std::uint64_t>(
+        std::count_if(tree.files.begin() + static_cast<std::ptrdiff_t>(from),
+                      tree.files.begin() + static_cast<std::ptrdiff_t>(to),
+                      [](const FoundFile& f) { return f.file.kind == FileKind::file; }));
+  };
+  const std::uint64_t missing = files(firstMissing, tree.files.size());
+  return counted(files(0, firstMissing), "file is", "files are") + " stored, " +
+         counted(missing, "is", "are") +
+         " not; the database is sound, and importing again with --replace completes it";
 }
 
 std::string Importer::summary() const {
@@ -284,9 +295,32 @@ ImportedFiles namesOf(const Database& database, const Table& table) {
       "' has data of its own, where the names would have to go; import into another table");
 }
 
+// Nothing is stored of an import that has to stop at a file which no record can hold.
+void refuseTooLarge(const FileTree& tree) {
+  constexpr std::uint64_t kLargest = 0xFFFFFFFF;
+  std::uint64_t others = 0;
+  const FoundFile* first = nullptr;
+  for (const FoundFile& found : tree.files) {
+    if (found.size <= kLargest) continue;
+    if (first == nullptr) {
+      first = &found;
+    } else {
+      ++others;
+    }
+  }
+  if (first == nullptr) return;
+  throw Failure(
+      first->path +
+      (others > 0 ? " and " + counted(others, "other file", "other files") : std::string()) + ": " +
+      (others > 0 ? "have" : "has") +
+      " more than 4,294,967,295 bytes, the most that a record can hold; nothing was "
+      "stored; split what is larger, or import the other files by name");
+}
+
 int run(const Options& options) {
   Database database = openToWrite(options.file);
   const FileTree tree = listFiles(options.paths, options.file);
+  refuseTooLarge(tree);
   for (const std::string& path : tree.leftOut) complain("left out: " + path);
 
   std::optional<Table> table = database.find_table(options.table);
@@ -328,7 +362,8 @@ extern const Command kImportCommand = {
     "Sockets, pipes, devices and the database itself are left out, with a line on standard error. "
     "Owners, access lists and hard links are not kept. A file can have 4,294,967,295 bytes at "
     "most; memory is needed for the largest file, and for the names.\n\n"
-    "Ctrl-C stops between two files and leaves a sound database.",
+    "Ctrl-C stops between two files and leaves a sound database. Whatever stops an import, the "
+    "message says how many files are stored.",
     "qvdb create photos.qvd && qvdb import photos.qvd holiday ~/Pictures/holiday/\n"
     "qvdb import --replace photos.qvd holiday ~/Pictures/holiday/\n"
     "qvdb import src.qvd project src include README.md",

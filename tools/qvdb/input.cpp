@@ -22,6 +22,12 @@ constexpr std::size_t kLargestPayload = 0xFFFFFFFF;
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr const char* kStandardInput = "standard input";
 
+Failure tooLarge(const std::string& name) {
+  return Failure(name +
+                 ": has more than 4,294,967,295 bytes, which is the most that a record can hold; "
+                 "split it");
+}
+
 // Room for the file as it is now, and a byte more to see its end; pipes grow as they come.
 std::size_t firstRoom(int descriptor) {
   struct stat status = {};
@@ -47,9 +53,7 @@ void readUpTo(std::size_t most, int descriptor, const std::string& name,
              readSome(descriptor, name, buffer->data() + size, buffer->size() - size)) {
     size += got;
     if (size > most) {
-      throw Failure(name +
-                    ": has more than 4,294,967,295 bytes, which is the most that a record "
-                    "can hold; split it");
+      throw tooLarge(name);
     }
     if (size == buffer->size()) buffer->resize(size + std::max(size, kPiece));
   }
@@ -73,17 +77,34 @@ void readAll(int descriptor, const std::string& name, std::vector<std::byte>* bu
   readUpTo(kLargestPayload, descriptor, name, buffer);
 }
 
-std::vector<std::byte> readInput(const std::string& path) {
-  std::vector<std::byte> buffer;
-  if (path == "-") {
-    readAll(STDIN_FILENO, kStandardInput, &buffer);
-    return buffer;
+Input::Input(const std::string& path) : name_(path == "-" ? kStandardInput : path) {
+  if (path != "-") {
+    // A pipe that has no writer yet is waited for when it is read, where Ctrl-C is noticed.
+    file_ = Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file_) throw systemFailure(path, "open");
   }
-  // A pipe that nobody writes to yet is waited for when it is read, where Ctrl-C is noticed.
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!file) throw systemFailure(path, "open");
-  readAll(file.number(), path, &buffer);
-  return buffer;
+  struct stat status = {};
+  if (::fstat(number(), &status) != 0) throw systemFailure(name_, "look at it");
+  if (S_ISDIR(status.st_mode)) {
+    throw Failure(name_ + ": is a folder; 'qvdb import' stores folders");
+  }
+  isRegular_ = file_ && S_ISREG(status.st_mode);
+  if (!isRegular_) return;
+  if (static_cast<std::uint64_t>(status.st_size) > kLargestPayload) throw tooLarge(name_);
+}
+
+void Input::prepare() {
+  if (!isRegular_) contents();
+}
+
+const std::vector<std::byte>& Input::contents() {
+  if (!isRead_) readAll(number(), name_, &contents_);
+  isRead_ = true;
+  return contents_;
+}
+
+std::vector<std::byte> readInput(const std::string& path) {
+  return Input(path).contents();
 }
 
 std::optional<std::string> pathOfStandardInput() {

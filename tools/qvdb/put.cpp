@@ -26,34 +26,52 @@ std::uint32_t reserveOf(const Options& options) {
   return static_cast<std::uint32_t>(reserve);
 }
 
-// Adds one record, under the given identifier, if there is one, unless the table has it already.
-Id put(const Database& database, Table& table, const std::vector<std::byte>& payload,
-       const std::optional<Id>& id, std::uint32_t reserve) {
-  if (!id) return table.add(payload, reserve);
-  if (table.find(*id)) {
-    throw Failure(database.path().native() + ": table '" + table.name() + "' has a record " +
-                  to_string(*id) + " already; 'qvdb set' changes it");
+// Nothing when none was given.
+std::optional<Id> idOf(const Options& options) {
+  if (!options.id) return std::nullopt;
+  const std::optional<Id> id = parse_id(*options.id);
+  if (!id) throw wrongUsage("--id takes 0x and hexadecimal digits, or a decimal number");
+  if (id->value == 0) throw wrongUsage("--id cannot be 0, which stands for no record");
+  return id;
+}
+
+// Everything that can be waited for is read here, before the database is locked.
+std::vector<Input> openInputs(std::vector<std::string> paths) {
+  if (paths.empty()) paths.emplace_back("-");
+  std::vector<Input> inputs;
+  inputs.reserve(paths.size());
+  for (const std::string& path : paths) inputs.emplace_back(path);
+  for (Input& input : inputs) {
+    throwIfInterrupted();
+    input.prepare();
   }
-  table.add_with_id(*id, payload, reserve);
-  return *id;
+  return inputs;
+}
+
+void refuseTaken(const Database& database, const Table& table, Id id) {
+  if (!table.find(id)) return;
+  throw Failure(database.path().native() + ": table '" + table.name() + "' has a record " +
+                to_string(id) + " already; 'qvdb set' changes it");
 }
 
 int run(const Options& options) {
   const std::uint32_t reserve = reserveOf(options);
-  std::optional<Id> id;
-  if (options.id && !(id = parse_id(*options.id))) {
-    throw wrongUsage("--id takes 0x and hexadecimal digits, or a decimal number");
-  }
-  std::vector<std::string> inputs = options.inputs;
-  if (inputs.empty()) inputs.push_back("-");
-  if (id && inputs.size() > 1) throw wrongUsage("--id goes with a single input");
+  const std::optional<Id> id = idOf(options);
+  if (id && options.inputs.size() > 1) throw wrongUsage("--id goes with a single input");
+  std::vector<Input> inputs = openInputs(options.inputs);
 
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
-  for (const std::string& input : inputs) {
+  if (id) refuseTaken(database, table, *id);
+  std::vector<Id> ids;
+  // All of them are in the table, or none is.
+  BulkAppender appender = table.appender();
+  for (Input& input : inputs) {
     throwIfInterrupted();
-    printLine(to_string(put(database, table, readInput(input), id, reserve)));
+    ids.push_back(appender.add(NewRecord(input.contents(), reserve, id)));
   }
+  appender.finish();
+  for (const Id each : ids) printLine(to_string(each));
   return kDone;
 }
 
@@ -74,9 +92,9 @@ Action define(Arguments& arguments) {
 
 extern const Command kPutCommand = {
     "put", "add records",
-    "Adds a record behind the last one for each input and prints its identifier. An input may be "
-    "empty; the most that a record can hold is 4,294,967,295 bytes. An input is read whole before "
-    "anything of it is stored.",
+    "Adds a record after the last one for each input and prints its identifier. An input may be "
+    "empty; the most that a record can hold is 4,294,967,295 bytes. All inputs are stored, or none "
+    "is. Standard input and pipes are read to their end before the database is opened.",
     "echo hello | qvdb put notes.qvd letters\n"
     "qvdb put notes.qvd letters a.txt b.txt c.txt\n"
     "qvdb put --id 0x1 --reserve 4096 notes.qvd letters draft.txt",
