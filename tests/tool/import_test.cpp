@@ -380,6 +380,84 @@ TEST_F(ToolImport, ShowsProgressOnATerminalOnly) {
   EXPECT_TRUE(outcome.err.ends_with("\r\x1b[K")) << "the line was not taken away";
 }
 
+// ---- records that were deleted
+
+using ToolUndelete = ToolImport;
+
+TEST_F(ToolUndelete, TakesTheNameOfAFileAndGivesItBack) {
+  store("in/a", bytesOf("first"));
+  store("in/b", bytesOf("second"));
+  done({"import", "test.qvd", "files", "in/"});
+  const std::string id = json({"records", "--json", "test.qvd", "files"})["records"][0]["id"];
+  done({"rm", "test.qvd", "files", "a"});
+  EXPECT_EQ(json({"history", "--json", "test.qvd", "files", "a"})["record"], id);
+  expectOnlyRead([&] {
+    EXPECT_EQ(line({"undelete", "test.qvd", "new.qvd", "files", "a"}),
+              "The record is named 'a' again.");
+  });
+  EXPECT_EQ(done({"get", "new.qvd", "files", "a"}), "first");
+  EXPECT_EQ(json({"records", "--json", "new.qvd", "files"})["records"][1]["id"], id);
+  done({"export", "new.qvd", "files", "out"});
+  EXPECT_EQ(inventory(path("out")), inventory(path("in")));
+  // By its identifier it gets its name, too.
+  done({"undelete", "test.qvd", "new2.qvd", "files", id});
+  EXPECT_EQ(done({"get", "new2.qvd", "files", "a"}), "first");
+}
+
+TEST_F(ToolUndelete, LeavesANameToTheFileThatHasItNow) {
+  store("in/a", bytesOf("old"));
+  done({"import", "test.qvd", "files", "in/"});
+  const std::string old = json({"records", "--json", "test.qvd", "files"})["records"][0]["id"];
+  done({"rm", "test.qvd", "files", "a"});
+  store("in/a", bytesOf("new"));
+  done({"import", "test.qvd", "files", "in/"});
+  EXPECT_NE(json({"history", "--json", "test.qvd", "files", "a"})["record"], old);
+  EXPECT_EQ(line({"undelete", "test.qvd", "new.qvd", "files", "a"}),
+            "Another file is named 'a' now: the record has no name.");
+  EXPECT_EQ(done({"get", "new.qvd", "files", "a"}), "new");
+  EXPECT_EQ(done({"get", "new.qvd", "files", old}), "old");
+}
+
+TEST_F(ToolUndelete, OfANameThatNoFileHasOrHadIsAFailure) {
+  store("in/a", bytesOf("a"));
+  done({"import", "test.qvd", "files", "in/"});
+  fails({"undelete", "test.qvd", "new.qvd", "files", "b"}, 1, {"'b'"});
+  fails({"history", "test.qvd", "files", "b"}, 1, {"'b'"});
+  done({"add-table", "test.qvd", "notes"});
+  fails({"history", "test.qvd", "notes", "b"}, 2, {"'b'", "identifier"});
+}
+
+TEST_F(ToolImport, DeletedRecordsAreListedWithTheirNames) {
+  for (const char* name : {"a", "b", "c", "d"}) store(std::string("in/") + name, bytesOf(name));
+  done({"import", "test.qvd", "files", "in/"});
+  const auto all = json({"records", "--json", "test.qvd", "files"})["records"];
+  EXPECT_TRUE(json({"records", "--deleted", "--json", "test.qvd", "files"})["deleted"].empty());
+  done({"set", "test.qvd", "files", "b"}, "a longer one, which moves");
+  done({"rm", "test.qvd", "files", "c", "a"});
+  const std::string other = line({"put", "test.qvd", "files"}, "without a name");
+  done({"rm", "test.qvd", "files", other});
+  expectOnlyRead([&] {
+    const auto deleted = json({"records", "--deleted", "--json", "test.qvd", "files"})["deleted"];
+    ASSERT_EQ(deleted.size(), 3u);
+    EXPECT_EQ(deleted[0]["name"], "a");
+    EXPECT_EQ(deleted[0]["id"], all[0]["id"]);
+    EXPECT_EQ(deleted[1]["name"], "c");
+    EXPECT_EQ(deleted[2]["id"], other);
+    EXPECT_FALSE(deleted[2].contains("name"));
+    const std::string text = done({"records", "--deleted", "test.qvd", "files"});
+    EXPECT_TRUE(text.starts_with("ID  ")) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4);
+  });
+}
+
+TEST_F(ToolImport, HistoryHasAHeadForEachColumn) {
+  store("in/a", bytesOf("a"));
+  done({"import", "test.qvd", "files", "in/"});
+  const std::string text = done({"history", "test.qvd", "files", "a"});
+  EXPECT_TRUE(text.starts_with("MODIFIED                  OFFSET        SIZE  STATE\n")) << text;
+  EXPECT_NE(text.find("           1  live\n"), std::string::npos) << text;
+}
+
 // ---- export
 
 TEST_F(ToolExport, NamesFilesByIdentifierWithoutImportedNames) {

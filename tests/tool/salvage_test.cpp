@@ -186,7 +186,7 @@ TEST_F(ToolHistory, ListsVersionsAndWritesOneOfThem) {
     EXPECT_EQ(versions[1]["label"], "deleted");
     const std::string at = std::to_string(versions[0]["offset"].get<int>());
     EXPECT_EQ(done({"history", "--at", at, "test.qvd", "notes", ids[1]}), "second");
-    EXPECT_NE(done({"history", "test.qvd", "notes", ids[1]}).find(at + "  6 bytes  superseded"),
+    EXPECT_NE(done({"history", "test.qvd", "notes", ids[1]}).find(at + "           6  superseded"),
               std::string::npos);
   });
   fails({"history", "--at", "1", "test.qvd", "notes", ids[1]}, 1, {"no version", "at 1"});

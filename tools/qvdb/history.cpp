@@ -22,16 +22,13 @@ struct Options {
   bool json = false;
 };
 
-Id idOf(const std::string& text) {
-  const std::optional<Id> id = parse_id(text);
-  if (!id) throw wrongUsage("'" + text + "' is no identifier of a record");
-  return *id;
-}
-
 void printVersion(const FoundBlock& version) {
-  printLine(timeText(version.modify_time) + std::string(2, ' ') + std::to_string(version.offset) +
-            "  " + std::to_string(version.there) + " bytes  " +
-            std::string(to_string(version.label)) +
+  const auto column = [](std::uint64_t number) {
+    const std::string text = std::to_string(number);
+    return std::string(12 - std::min<std::size_t>(12, text.size()), ' ') + text;
+  };
+  printLine(timeText(version.modify_time) + column(static_cast<std::uint64_t>(version.offset)) +
+            column(version.there) + "  " + std::string(to_string(version.label)) +
             (version.there < version.length ? ", cut short" : ""));
 }
 
@@ -71,7 +68,8 @@ int deliverVersion(const Options& options, const std::vector<FoundBlock>& versio
 
 int run(const Options& options) {
   const std::vector<FoundBlock> versions =
-      history(options.file, options.table, idOf(options.record));
+      history(options.file, options.table,
+              recordIdInUseOrNot(options.file, options.table, options.record, Prefer::inUse));
   if (versions.empty()) {
     throw Failure(options.file + ": there is no trace of the record " + options.record);
   }
@@ -85,7 +83,7 @@ int run(const Options& options) {
     printJson(json);
     return kDone;
   }
-  printLine("MODIFIED              OFFSET");
+  printLine("MODIFIED                  OFFSET        SIZE  STATE");
   for (const FoundBlock& version : versions) printVersion(version);
   return kDone;
 }
@@ -94,7 +92,7 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
-  arguments.argument("RECORD", options->record, "The identifier of a record, in use or not.");
+  arguments.argument("RECORD", options->record, kRecordInUseOrNotHelp);
   arguments.option("--at", "OFFSET", options->at,
                    "Write the payload of the version at this offset to standard output.");
   arguments.option("-o,--output", "FILE", options->delivery.output,
@@ -114,6 +112,7 @@ extern const Command kHistoryCommand = {
     "until it is compacted, and so does changing it to something that needs more room than it had; "
     "a change that fitted its room left no version of its own. The file is only read.",
     "qvdb history notes.qvd letters 0x1f5e2d3c4b5a6978\n"
+    "qvdb history photos.qvd holiday beach/IMG1.jpg\n"
     "qvdb history --at 5082 -o old.txt notes.qvd letters 0x1f5e2d3c4b5a6978",
     define};
 

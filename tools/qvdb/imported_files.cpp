@@ -195,10 +195,36 @@ void ImportedFiles::index() const {
   byName_.reserve(list_.size());
   byRecord_.reserve(list_.size());
   for (std::size_t i = 0; i < list_.size(); ++i) {
-    if (list_[i].kind == FileKind::removed) continue;
+    if (list_[i].kind == FileKind::removed) {
+      // Folders and links have no record.
+      if (list_[i].record.value == 0) continue;
+      removedByName_.insert_or_assign(list_[i].name, i);
+      removedByRecord_.insert_or_assign(list_[i].record, i);
+      continue;
+    }
     byName_.emplace(list_[i].name, i);
     if (list_[i].kind == FileKind::file) byRecord_.emplace(list_[i].record, i);
   }
+}
+
+void ImportedFiles::forgetIndex() {
+  areIndexed_ = false;
+  byName_.clear();
+  byRecord_.clear();
+  removedByName_.clear();
+  removedByRecord_.clear();
+}
+
+std::optional<std::size_t> ImportedFiles::findRemoved(std::string_view name) const {
+  index();
+  const auto found = removedByName_.find(name);
+  return found == removedByName_.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::optional<std::size_t> ImportedFiles::findRemoved(Id record) const {
+  index();
+  const auto found = removedByRecord_.find(record);
+  return found == removedByRecord_.end() ? std::nullopt : std::optional(found->second);
 }
 
 std::optional<std::size_t> ImportedFiles::find(std::string_view name) const {
@@ -230,22 +256,24 @@ void ImportedFiles::add(ImportedFile file) {
   end_ = bytes_.size();
   list_.push_back(std::move(file));
   putFixed(list_.size() - 1);
-  areIndexed_ = false;
-  byName_.clear();
-  byRecord_.clear();
+  forgetIndex();
 }
 
 void ImportedFiles::remove(std::size_t index) {
-  areIndexed_ = false;
-  byName_.clear();
-  byRecord_.clear();
+  forgetIndex();
   list_[index].kind = FileKind::removed;
+  putFixed(index);
+}
+
+void ImportedFiles::restore(std::size_t index) {
+  forgetIndex();
+  list_[index].kind = FileKind::file;
   putFixed(index);
 }
 
 void ImportedFiles::update(std::size_t index, const ImportedFile& as) {
   ImportedFile& file = list_[index];
-  if (file.record != as.record) areIndexed_ = false, byName_.clear(), byRecord_.clear();
+  if (file.record != as.record) forgetIndex();
   file.mode = as.mode;
   file.seconds = as.seconds;
   file.nanoseconds = as.nanoseconds;
@@ -255,9 +283,7 @@ void ImportedFiles::update(std::size_t index, const ImportedFile& as) {
 
 void ImportedFiles::cut(std::size_t index) {
   if (index >= list_.size()) return;
-  areIndexed_ = false;
-  byName_.clear();
-  byRecord_.clear();
+  forgetIndex();
   end_ = starts_[index];
   bytes_.resize(end_);
   isWhole_ = true;

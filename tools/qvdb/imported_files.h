@@ -64,9 +64,15 @@ class ImportedFiles {
   std::optional<std::size_t> find(std::string_view name) const;
   std::optional<std::size_t> find(Id record) const;
 
+  // The last entry of a file of that name, or record, that was removed.
+  std::optional<std::size_t> findRemoved(std::string_view name) const;
+  std::optional<std::size_t> findRemoved(Id record) const;
+
   // `name` must not be in the list yet. What could not be read of the list is given up.
   void add(ImportedFile file);
   void remove(std::size_t index);
+  // Makes a file of a removed entry again. Its name must not be in the list.
+  void restore(std::size_t index);
   // Changes mode, times and record.
   void update(std::size_t index, const ImportedFile& as);
   // Forgets all entries from `index` on.
@@ -87,8 +93,11 @@ class ImportedFiles {
   // Made when they are first asked for.
   mutable std::unordered_map<std::string_view, std::size_t> byName_;
   mutable std::unordered_map<Id, std::size_t> byRecord_;
+  mutable std::unordered_map<std::string_view, std::size_t> removedByName_;
+  mutable std::unordered_map<Id, std::size_t> removedByRecord_;
   mutable bool areIndexed_ = false;
   void index() const;
+  void forgetIndex();
 };
 
 }  // namespace qvdb::tool

@@ -13,9 +13,19 @@ namespace {
 
 constexpr std::uint16_t kUnfinishedPack = 101;
 
+// "./17" is the name 17, which would be taken for an identifier.
+std::string withoutDot(const std::string& name) {
+  return name.starts_with("./") ? name.substr(2) : name;
+}
+
+Failure noIdentifier(const std::string& text) {
+  return Failure("'" + text +
+                 "' is no identifier: write 0x and hexadecimal digits, or a decimal number");
+}
+
 Id idOfName(const Database& database, const Table& table, const ImportedFiles& files,
-            std::string name) {
-  if (name.starts_with("./")) name.erase(0, 2);
+            const std::string& idOrName) {
+  const std::string name = withoutDot(idOrName);
   const auto index = files.find(name);
   if (!index) {
     throw Failure(database.path().native() + ": table '" + table.name() + "' has no file '" + name +
@@ -108,8 +118,20 @@ Id recordId(const Database& database, const Table& table, const std::string& idO
   if (const auto id = parse_id(idOrName)) return *id;
   const auto files = ImportedFiles::of(table);
   if (files) return idOfName(database, table, *files, idOrName);
-  throw Failure("'" + idOrName +
-                "' is no identifier: write 0x and hexadecimal digits, or a decimal number");
+  throw noIdentifier(idOrName);
+}
+
+Id recordIdInUseOrNot(const std::string& path, const std::string& table,
+                      const std::string& idOrName, Prefer prefer) {
+  if (const auto id = parse_id(idOrName)) return *id;
+  const Database database = openToRead(path);
+  const Table found = findTable(database, table);
+  const auto files = ImportedFiles::of(found);
+  if (!files) throw wrongUsage(noIdentifier(idOrName).what());
+  const auto removed = files->findRemoved(withoutDot(idOrName));
+  const auto inUse = files->find(withoutDot(idOrName));
+  if (removed && (prefer == Prefer::deleted || !inUse)) return files->list()[*removed].record;
+  return idOfName(database, found, *files, idOrName);
 }
 
 Failure noSuchRecord(const Database& database, const Table& table, Id record) {

@@ -50,6 +50,16 @@ std::optional<ImportedFiles> readNames(const Database& database, const Table& ta
 // anything else. Whether the record is there is not looked at.
 Id recordId(const Database& database, const Table& table, const std::string& idOrName);
 
+inline constexpr const char* kRecordInUseOrNotHelp =
+    "A record, in use or deleted: its identifier or, in a table of imported files, the name of a "
+    "file. Write ./NAME for a name that looks like a number.";
+
+// The same for a record that may have been deleted, whose file's name then stays in the list of
+// names. A name can have been given again: `prefer` says which record is wanted.
+enum class Prefer { inUse, deleted };
+Id recordIdInUseOrNot(const std::string& path, const std::string& table,
+                      const std::string& idOrName, Prefer prefer);
+
 // The failure that a record is not there.
 Failure noSuchRecord(const Database& database, const Table& table, Id record);
 

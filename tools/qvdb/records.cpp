@@ -15,6 +15,7 @@ struct Options {
   std::string file;
   std::string table;
   std::optional<std::uint64_t> limit;
+  bool deleted = false;
   bool json = false;
 };
 
@@ -82,7 +83,70 @@ void printJsonList(const Options& options, const Table& table,
   writer.finish();
 }
 
+// ---- deleted records
+
+// The name that the record's file had.
+const std::string* formerName(const std::optional<ImportedFiles>& files, Id record) {
+  if (!files) return nullptr;
+  const auto index = files->findRemoved(record);
+  return index ? &files->list()[*index].name : nameOf(files, record);
+}
+
+void printDeleted(const FoundBlock& block, const std::string* name) {
+  std::string line = to_string(block.record) + column(std::to_string(block.there), 12) +
+                     column(std::to_string(block.offset), 12) + "  " + timeText(block.create_time) +
+                     "  " + timeText(block.modify_time);
+  if (name != nullptr) line += "  " + escaped(*name);
+  printLine(line);
+}
+
+Json jsonOf(const FoundBlock& block, const std::string* name) {
+  Json json;
+  json["id"] = to_string(block.record);
+  json["size"] = block.there;
+  json["offset"] = block.offset;
+  json["created"] = timeText(block.create_time);
+  json["modified"] = timeText(block.modify_time);
+  json["label"] = to_string(block.label);
+  if (name != nullptr) addText(&json, "name", *name);
+  return json;
+}
+
+// The names, where the file is sound enough to be opened: deleted records are found without.
+std::optional<ImportedFiles> namesOfTable(const Options& options) {
+  try {
+    const Database database = openToRead(options.file);
+    return readNames(database, findTable(database, options.table));
+  } catch (const Error&) {
+  } catch (const Failure&) {
+  }
+  return std::nullopt;
+}
+
+int listDeleted(const Options& options) {
+  std::vector<FoundBlock> blocks = deleted_records(options.file, options.table);
+  const auto files = namesOfTable(options);
+  if (options.limit && *options.limit < blocks.size()) {
+    blocks.resize(static_cast<std::size_t>(*options.limit));
+  }
+  if (options.json) {
+    Json head;
+    addText(&head, "file", options.file);
+    addText(&head, "table", options.table);
+    JsonArrayWriter writer(head, "deleted");
+    for (const FoundBlock& block : blocks)
+      writer.add(jsonOf(block, formerName(files, block.record)));
+    writer.finish();
+    return kDone;
+  }
+  printLine(std::string("ID                        SIZE      OFFSET  CREATED               ") +
+            "MODIFIED" + (files ? "              NAME" : ""));
+  for (const FoundBlock& block : blocks) printDeleted(block, formerName(files, block.record));
+  return kDone;
+}
+
 int run(const Options& options) {
+  if (options.deleted) return listDeleted(options);
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   const auto files = readNames(database, table);
@@ -102,6 +166,8 @@ Action define(Arguments& arguments) {
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.option("-n,--limit", "NUMBER", options->limit, "Stop after so many records.");
+  arguments.flag("--deleted", options->deleted,
+                 "List deleted records instead, as far as they are still in the file.");
   arguments.json(options->json);
   return actionOf(options, run);
 }
@@ -113,12 +179,15 @@ extern const Command kRecordsCommand = {
     "Lists a table's records in their order: identifier, bytes of payload, bytes of room for it, "
     "the times of creation and last modification (UTC) and, in a table of imported files, the "
     "file's name. The file is only read.\n\n"
+    "With --deleted the last version of each deleted record is listed, with its place in the file; "
+    "'qvdb undelete' brings one back, 'qvdb history' shows its earlier versions.\n\n"
     "Control characters in names are shown as \\x and two hexadecimal digits. Where the chain of "
     "records is damaged the listing ends there, with status 1 and the number of the record; a JSON "
     "list then ends with a member \"error\". Where the list of names is damaged the records whose "
     "names are lost are listed without, with status 1.",
     "qvdb records notes.qvd letters\n"
     "qvdb records --limit 10 notes.qvd letters\n"
+    "qvdb records --deleted photos.qvd holiday\n"
     "qvdb records --json notes.qvd letters | jq -r '.records[].id'",
     define};
 

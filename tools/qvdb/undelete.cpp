@@ -1,5 +1,6 @@
 // qvdb undelete: bring a version of a record back.
 #include "qvdb/commands.h"
+#include "qvdb/imported_files.h"
 #include "qvdb/locate.h"
 #include "qvdb/output.h"
 #include "qvdb/text.h"
@@ -15,19 +16,43 @@ struct Options {
   std::optional<std::uint64_t> at;
 };
 
+// The name that the record's file had in the table of imported files, unless another file has it
+// now. The record keeps its identifier either way.
+void restoreName(const Options& options, Id record) {
+  Database database = Database::open(options.target, Mode::exclusive);
+  std::optional<Table> table = database.find_table(options.table);
+  if (!table && parse_id(options.table)) table = database.find_table(*parse_id(options.table));
+  if (!table) return;
+  std::optional<ImportedFiles> files = ImportedFiles::of(*table);
+  const auto removed = files ? files->findRemoved(record) : std::nullopt;
+  if (!removed || files->find(record)) return;
+  const std::string name = files->list()[*removed].name;
+  if (files->find(name)) {
+    printLine("Another file is named '" + escaped(name) + "' now: the record has no name.");
+    return;
+  }
+  files->restore(*removed);
+  table->set_data(files->bytes());
+  database.sync();
+  printLine("The record is named '" + escaped(name) + "' again.");
+}
+
 int run(const Options& options) {
-  const std::optional<Id> record = parse_id(options.record);
-  if (!record) throw wrongUsage("'" + options.record + "' is no identifier of a record");
   std::optional<std::int64_t> offset;
   if (options.at) {
     if (*options.at > INT64_MAX) throw wrongUsage("--at is beyond the end of every file");
     offset = static_cast<std::int64_t>(*options.at);
   }
+  const Id record = recordIdInUseOrNot(options.source, options.table, options.record,
+                                       options.at ? Prefer::inUse : Prefer::deleted);
   const SalvageReport report =
-      undelete(options.source, options.target, options.table, *record, offset);
+      undelete(options.source, options.target, options.table, record, offset);
   for (const std::string& note : report.notes) printLine(escaped(note));
   if (report.source_in_use) printLine(kSourceInUse);
-  if (report.verified) return kDone;
+  if (report.verified) {
+    restoreName(options, record);
+    return kDone;
+  }
   throw Failure(options.target + ": the new file is not as it should be; 'qvdb check' tells more");
 }
 
@@ -36,7 +61,7 @@ Action define(Arguments& arguments) {
   arguments.argument("SRC", options->source, kFileHelp);
   arguments.argument("DST", options->target, "The new file. Nothing may be there yet.");
   arguments.argument("TABLE", options->table, kTableHelp);
-  arguments.argument("RECORD", options->record, "The identifier of the record.");
+  arguments.argument("RECORD", options->record, kRecordInUseOrNotHelp);
   arguments.option("--at", "OFFSET", options->at,
                    "The version at this offset, as 'qvdb history' shows it, instead of the last.");
   return actionOf(options, run);
@@ -49,9 +74,11 @@ extern const Command kUndeleteCommand = {
     "Writes a new database with everything that SRC has in use, and with a deleted record: its "
     "last "
     "version, at the end of its table, or the version that --at names. A record that is in use can "
-    "be given an earlier version with --at, which takes its place. SRC is only read.",
+    "be given an earlier version with --at, which takes its place. A record of an imported file "
+    "gets its name back, unless another file has that name now. SRC is only read.",
     "qvdb history notes.qvd letters 0x1f5e2d3c4b5a6978\n"
     "qvdb undelete notes.qvd restored.qvd letters 0x1f5e2d3c4b5a6978\n"
+    "qvdb undelete photos.qvd restored.qvd holiday beach/IMG1.jpg\n"
     "qvdb undelete --at 5082 notes.qvd restored.qvd letters 0x1f5e2d3c4b5a6978",
     define};
 

@@ -29,6 +29,13 @@ namespace qvdb {
 QVDBASE_API std::vector<FoundBlock> history(const std::filesystem::path& path,
                                             std::string_view table, Id record);
 
+// The last version of every record of a table that is not in use any more, in the order in which
+// these versions were written. Deleted records are in the file until it is rewritten; a record
+// whose adding was cut off looks like a deleted one where the file does not tell which it is
+// (BlockLabel::deleted_or_unlinked). Throws as history() does.
+QVDBASE_API std::vector<FoundBlock> deleted_records(const std::filesystem::path& path,
+                                                    std::string_view table);
+
 // The payload of a version, as much of it as is there. Throws as history() does, cannot_read when
 // the file no longer has it, and too_large when there is not enough memory.
 QVDBASE_API std::vector<std::byte> read_version(const std::filesystem::path& path,

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <new>
+#include <set>
 
 #include "qvdb/raw/open_file.h"
 #include "qvdb/raw/survey.h"
@@ -65,6 +66,16 @@ std::uint32_t choose(const Survey& survey, const std::vector<std::uint32_t>& ver
   return chosen;
 }
 
+// In the chain of its table, or belonging there.
+bool isInUse(const Block& block) {
+  return block.kind == BlockKind::record &&
+         (block.label == Label::live || block.label == Label::detached);
+}
+
+bool isDeleted(const Block& block) {
+  return block.label == Label::deleted || block.label == Label::deletedOrUnlinked;
+}
+
 }  // namespace
 
 std::vector<FoundBlock> history(const std::filesystem::path& path, std::string_view table,
@@ -76,6 +87,27 @@ std::vector<FoundBlock> history(const std::filesystem::path& path, std::string_v
        versionsOf(survey, ownerNamed(survey, table, path, kHistory), record)) {
     found.push_back(qvdbase::salvage::describe(survey, number));
   }
+  return found;
+}
+
+std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::string_view table) {
+  constexpr const char* kList = "list the deleted records";
+  const OpenedFile file(path, kList);
+  const Survey survey = qvdbase::raw::makeSurvey(file.source());
+  const std::uint32_t owner = ownerNamed(survey, table, path, kList);
+  std::set<std::uint64_t> passed;
+  std::vector<FoundBlock> found;
+  const std::vector<std::uint32_t> order = qvdbase::raw::blocksInFileOrder(survey);
+  for (const Block& block : survey.blocks) {
+    if (block.owner == owner && isInUse(block)) passed.insert(block.recordID);
+  }
+  for (auto number = order.rbegin(); number != order.rend(); ++number) {
+    const Block& block = survey.blocks[*number];
+    if (block.kind != BlockKind::record || block.owner != owner || !isDeleted(block)) continue;
+    if (!passed.insert(block.recordID).second) continue;
+    found.push_back(qvdbase::salvage::describe(survey, *number));
+  }
+  std::reverse(found.begin(), found.end());
   return found;
 }
 
