@@ -219,7 +219,7 @@ TEST_F(ToolSet, ChangesNothingWhenItCannot) {
   const Words ids = notes({bytesOf("old")});
   expectOnlyRead([&] {
     fails({"set", "test.qvd", "notes", "0x1"}, 1, {"0x0000000000000001"}, "x");
-    fails({"set", "test.qvd", "notes", ids[0]}, 1, {"qvdb rm"});
+    fails({"set", "test.qvd", "notes", ids[0]}, 1, {"standard input", "empty", "qvdb rm"});
     fails({"set", "test.qvd", "notes", ids[0], "absent"}, 1, {"absent"});
   });
 }

@@ -23,6 +23,7 @@ int setData(const Options& options) {
   if (reserve > std::numeric_limits<std::uint32_t>::max()) {
     throw wrongUsage("--reserve takes at most 4294967295 bytes");
   }
+  const std::vector<std::byte> data = readInput(*options.set);
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
   std::byte start[8] = {};
@@ -31,7 +32,7 @@ int setData(const Options& options) {
     throw Failure(options.file + ": the data of table '" + table.name() +
                   "' holds the names of imported files; use --force to replace it");
   }
-  table.set_data(readInput(*options.set), static_cast<std::uint32_t>(reserve));
+  table.set_data(data, static_cast<std::uint32_t>(reserve));
   return kDone;
 }
 

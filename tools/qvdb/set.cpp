@@ -14,10 +14,17 @@ struct Options {
 };
 
 int run(const Options& options) {
+  const std::string input = options.input.value_or("-");
+  const std::vector<std::byte> payload = readInput(input);
+  if (payload.empty()) {
+    throw Failure(
+        (input == "-" ? "standard input" : input) +
+        ": is empty, and a record cannot be changed to hold nothing; 'qvdb rm' deletes it, "
+        "and 'qvdb put' can add an empty one");
+  }
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
   const Record record = findRecords(database, table, {options.record}).front();
-  const std::vector<std::byte> payload = readInput(options.input.value_or("-"));
   if (!table.modify(record, payload)) throw noSuchRecord(database, table, record.id());
   return kDone;
 }
