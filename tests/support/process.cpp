@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -50,13 +51,16 @@ Channel pipeChannel(bool weRead) {
   return {End(ends[weRead ? 0 : 1]), End(ends[weRead ? 1 : 0])};
 }
 
-Channel terminalChannel() {
+Channel terminalChannel(unsigned short columns) {
   End ours(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
   if (ours.get() < 0 || ::grantpt(ours.get()) != 0 || ::unlockpt(ours.get()) != 0) {
     failed("make a terminal");
   }
   End theirs(::open(::ptsname(ours.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
   if (theirs.get() < 0) failed("open a terminal");
+  winsize size = {};
+  size.ws_col = columns;
+  if (columns != 0 && ::ioctl(theirs.get(), TIOCSWINSZ, &size) != 0) failed("set its width");
   return {std::move(ours), std::move(theirs)};
 }
 
@@ -103,8 +107,11 @@ void converse(const std::string& input, End* in, End* out, End* err, Outcome* ou
 
 Outcome runProgram(const ProgramCall& call) {
   Channel in = pipeChannel(false);
-  Channel out = call.terminal == Terminal::output ? terminalChannel() : pipeChannel(true);
-  Channel err = call.terminal == Terminal::error ? terminalChannel() : pipeChannel(true);
+  const auto channel = [&call](Terminal stream) {
+    return call.terminal == stream ? terminalChannel(call.terminalColumns) : pipeChannel(true);
+  };
+  Channel out = channel(Terminal::output);
+  Channel err = channel(Terminal::error);
   if (!call.inputFile.empty()) {
     in.theirs = End(::open(call.inputFile.c_str(), O_RDONLY | O_CLOEXEC));
     if (in.theirs.get() < 0) failed("open the input file");

@@ -24,9 +24,10 @@ struct ProgramCall {
   std::string input;             // what it reads from standard input
   std::filesystem::path folder;  // where it runs; empty: here
   Terminal terminal = Terminal::none;
-  bool closesOutput = false;  // nobody reads its standard output
-  std::string inputFile;      // standard input is this file instead
-  std::string outputFile;     // standard output goes to this file instead
+  unsigned short terminalColumns = 0;  // its width; 0: it tells none
+  bool closesOutput = false;           // nobody reads its standard output
+  std::string inputFile;               // standard input is this file instead
+  std::string outputFile;              // standard output goes to this file instead
   // Called once the program runs, with its process identifier; for sending signals.
   std::function<void(pid_t)> meanwhile;
 };

@@ -50,6 +50,55 @@ TEST_F(Usage, WrongUsageIsStatus2AndPointsToTheHelp) {
   fails({"records", "--limit", "many", "a.qvd", "t"}, 2, {"--limit", "'many'"});
 }
 
+TEST_F(Usage, ACommandThatThereIsNotIsGuessed) {
+  const std::vector<std::pair<std::string, std::string>> meant = {
+      {"new", "create"},   {"creat", "create"},      {"cerate", "create"}, {"ls", "tables"},
+      {"delete", "rm"},    {"add", "put"},           {"cat", "get"},       {"undelet", "undelete"},
+      {"verify", "check"}, {"ad-table", "add-table"}};
+  for (const auto& [word, command] : meant) {
+    fails({word, "a.qvd"}, 2, {"'" + word + "'", "did you mean 'qvdb " + command + "'?"});
+  }
+  fails({"notes.qvd"}, 2, {"did you mean 'qvdb info notes.qvd'?"});
+  const std::string text = fails({"frobnicate"}, 2, {"'frobnicate'"});
+  EXPECT_EQ(text.find("mean"), std::string::npos) << text;
+}
+
+// What does not fit into 80 columns is broken by the terminal, in the middle of a word.
+TEST_F(Usage, HelpFitsAnOrdinaryTerminal) {
+  std::istringstream overview(done({"--help"}));
+  for (std::string text; std::getline(overview, text);) {
+    EXPECT_LE(text.size(), 80u) << text;
+    if (!text.starts_with("  ") || text.size() < 14 || text[2] == ' ' || text[2] == '-') continue;
+    const std::string command = text.substr(2, text.find(' ', 2) - 2);
+    if (command == "qvdb" || command.size() < 2) continue;
+    std::istringstream help(done({command, "--help"}));
+    for (std::string line; std::getline(help, line);) EXPECT_LE(line.size(), 80u) << line;
+  }
+}
+
+TEST_F(Usage, AMessageIsBrokenBetweenWordsOnATerminal) {
+  ProgramCall call = callOf({"tables", "absent.qvd"});
+  call.terminal = Terminal::error;
+  call.terminalColumns = 40;
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  std::istringstream lines(outcome.err);
+  std::string all;
+  int count = 0;
+  for (std::string text; std::getline(lines, text); ++count) {
+    if (text.ends_with('\r')) text.pop_back();
+    EXPECT_LE(text.size(), 40u) << text;
+    if (count > 0) {
+      EXPECT_TRUE(text.starts_with("      ")) << text;
+      all += text.substr(5);
+    } else {
+      all = text;
+    }
+  }
+  EXPECT_GT(count, 1);
+  EXPECT_EQ(all + "\n", run({"tables", "absent.qvd"}).err);
+}
+
 TEST_F(Usage, AnErrorNamesTheFileWhatIsWrongAndWhatToDo) {
   fails({"tables", "absent.qvd"}, 1, {"absent.qvd", "no such file", "qvdb create"});
   writeFile(path("text"), bytesOf("this is only text, but long enough for a header"));

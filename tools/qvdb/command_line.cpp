@@ -12,6 +12,8 @@
 #include "qvdb/commands.h"
 #include "qvdb/failure.h"
 #include "qvdb/output.h"
+#include "qvdb/suggestion.h"
+#include "qvdb/text.h"
 
 namespace qvdb::tool {
 
@@ -54,26 +56,13 @@ namespace {
 
 constexpr std::size_t kWidth = 79;
 constexpr std::size_t kHelpColumn = 10;
+constexpr std::size_t kStatusColumn = 5;
 constexpr const char* kExitStatus =
     "0  done\n1  failed, or what was asked for is not there\n2  wrong usage\n";
 
-// Words of a paragraph, broken into lines with an indentation.
 void wrap(std::ostream& out, const std::string& text, std::size_t indent) {
-  std::istringstream words(text);
-  std::string line(indent, ' ');
-  std::string word;
-  bool isEmpty = true;
-  while (words >> word) {
-    if (!isEmpty && line.size() + 1 + word.size() > kWidth) {
-      out << line << '\n';
-      line.assign(indent, ' ');
-      isEmpty = true;
-    }
-    if (!isEmpty) line += ' ';
-    line += word;
-    isEmpty = false;
-  }
-  if (!isEmpty) out << line << '\n';
+  const std::string space(indent, ' ');
+  out << wrapped(space + text, kWidth, indent);
 }
 
 void paragraphs(std::ostream& out, const std::string& text, std::size_t indent) {
@@ -95,9 +84,9 @@ std::string overview() {
         << std::string(12 - std::min<std::size_t>(11, std::string_view(command->name).size()), ' ')
         << command->summary << '\n';
   }
-  out << "\nA TABLE is named by its name or its identifier, a RECORD by its identifier or, in a\n"
-         "table of imported files, by its file's name. Identifiers are written as 0x and\n"
-         "hexadecimal digits, or in decimal.\n\n"
+  out << "\nA TABLE is named by its name or its identifier, a RECORD by its identifier or,\n"
+         "in a table of imported files, by its file's name. Identifiers are written as 0x\n"
+         "and hexadecimal digits, or in decimal.\n\n"
          "OPTIONS\n  -h, --help    show this help, or that of a command\n"
          "  --version     show the version\n\n"
          "EXAMPLES\n"
@@ -140,7 +129,9 @@ std::string Arguments::Parser::help() const {
   for (std::string line; std::getline(lines, line);) out << "  " << line << '\n';
   out << "\nEXIT STATUS\n";
   std::istringstream statuses(command_.exitStatus != nullptr ? command_.exitStatus : kExitStatus);
-  for (std::string line; std::getline(statuses, line);) out << "  " << line << '\n';
+  for (std::string line; std::getline(statuses, line);) {
+    out << wrapped("  " + line, kWidth, kStatusColumn);
+  }
   return out.str();
 }
 
@@ -240,7 +231,9 @@ std::optional<Action> readCommandLine(int argc, const char* const* argv) {
     const std::string help =
         chosen.empty() ? "qvdb --help" : "qvdb " + chosen[0]->get_name() + " --help";
     if (chosen.empty() && !named.empty() && named[0] != '-') {
-      throw wrongUsage("there is no command '" + named + "'; see '" + help + "'");
+      const std::string suggestion = suggestionFor(named);
+      throw wrongUsage("there is no command '" + named + "'; " +
+                       (suggestion.empty() ? "" : suggestion + " ") + "see '" + help + "'");
     }
     throw wrongUsage(std::string(error.what()) + "; see '" + help + "'");
   }

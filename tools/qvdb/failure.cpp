@@ -1,6 +1,7 @@
 // How the tool fails.
 #include "qvdb/failure.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,8 @@
 namespace qvdb::tool {
 
 namespace {
+
+constexpr unsigned short kIndent = 6;  // of the lines that continue a message
 
 // What is saved from a damaged file goes over nothing, with no way to ask for it.
 std::string adviceForTakenName(std::string_view operation) {
@@ -68,8 +71,16 @@ std::string adviceFor(const Error& error) {
   }
 }
 
+// One line; on a terminal that is narrower, as many as it takes to break it between words.
 void complain(const std::string& message) {
-  const std::string line = "qvdb: " + escaped(message) + "\n";
+  std::string line = "qvdb: " + escaped(message);
+  winsize size = {};
+  if (::isatty(STDERR_FILENO) == 1 && ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 &&
+      size.ws_col > kIndent) {
+    line = wrapped(line, size.ws_col, kIndent);
+  } else {
+    line += '\n';
+  }
   // Where standard error cannot be written there is nobody left to tell.
   static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
 }

@@ -111,6 +111,30 @@ std::string timeText(std::int64_t seconds) {
   return text;
 }
 
+std::string wrapped(std::string_view text, std::size_t width, std::size_t indent) {
+  const std::size_t start = std::min(text.find_first_not_of(' '), text.size());
+  std::string result(text.substr(0, start));
+  std::size_t column = start;
+  bool isLineStart = true;
+  for (std::size_t from = start; from < text.size();) {
+    const std::size_t end = std::min(text.find(' ', from), text.size());
+    const std::string_view word = text.substr(from, end - from);
+    const auto size = static_cast<std::size_t>(
+        std::count_if(word.begin(), word.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+    if (!isLineStart && column + 1 + size > width) {
+      result += '\n' + std::string(indent, ' ');
+      column = indent;
+      isLineStart = true;
+    }
+    if (!isLineStart) result += ' ', ++column;
+    result += word;
+    column += size;
+    isLineStart = false;
+    from = std::min(text.find_first_not_of(' ', end), text.size());
+  }
+  return result + '\n';
+}
+
 std::string counted(std::uint64_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);
 }

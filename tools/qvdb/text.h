@@ -25,6 +25,11 @@ bool isBinary(std::string_view bytes, std::size_t* pending);
 // Seconds since 1970 as "2024-05-01T12:34:56Z".
 std::string timeText(std::int64_t seconds);
 
+// The text in lines of at most `width` columns, as far as its words allow, each with a line end.
+// Lines are broken between words only; all but the first are indented. Blanks that the text begins
+// with stay.
+std::string wrapped(std::string_view text, std::size_t width, std::size_t indent);
+
 // "1 file", "2 files".
 std::string counted(std::uint64_t count, const char* one, const char* many);
 

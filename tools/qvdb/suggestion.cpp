@@ -1,0 +1,118 @@
+// Guessing what a mistaken name of a command means: other usual words for the same thing, slips of
+// the keyboard, and a file where the command is missing.
+#include "qvdb/suggestion.h"
+
+#include <algorithm>
+#include <numeric>
+#include <vector>
+
+#include "qvdb/commands.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct OtherWord {
+  std::string_view word;
+  std::string_view command;
+};
+
+constexpr OtherWord kOtherWords[] = {
+    {"new", "create"},
+    {"init", "create"},
+    {"make", "create"},
+    {"open", "info"},
+    {"show", "info"},
+    {"header", "info"},
+    {"ls", "tables"},
+    {"list", "tables"},
+    {"table", "tables"},
+    {"addtable", "add-table"},
+    {"new-table", "add-table"},
+    {"create-table", "add-table"},
+    {"record", "records"},
+    {"cat", "get"},
+    {"read", "get"},
+    {"fetch", "get"},
+    {"add", "put"},
+    {"append", "put"},
+    {"insert", "put"},
+    {"store", "put"},
+    {"update", "set"},
+    {"modify", "set"},
+    {"write", "set"},
+    {"replace", "set"},
+    {"delete", "rm"},
+    {"del", "rm"},
+    {"remove", "rm"},
+    {"load", "import"},
+    {"extract", "export"},
+    {"dump", "export"},
+    {"stats", "stat"},
+    {"statistics", "stat"},
+    {"verify", "check"},
+    {"fsck", "check"},
+    {"validate", "check"},
+    {"recover", "salvage"},
+    {"rescue", "salvage"},
+    {"log", "history"},
+    {"versions", "history"},
+    {"restore", "undelete"},
+    {"unremove", "undelete"},
+    {"vacuum", "compact"},
+    {"shrink", "compact"},
+    {"fix", "repair"},
+};
+
+// How many letters must be put in, taken out or changed, or exchanged with their neighbour, to make
+// one word of the other.
+std::size_t distance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> before(b.size() + 1);
+  std::vector<std::size_t> last(b.size() + 1);
+  std::vector<std::size_t> now(b.size() + 1);
+  std::iota(last.begin(), last.end(), std::size_t{0});
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    now[0] = i;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t changed = last[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
+      now[j] = std::min({last[j] + 1, now[j - 1] + 1, changed});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+        now[j] = std::min(now[j], before[j - 2] + 1);
+      }
+    }
+    before.swap(last);
+    last.swap(now);
+  }
+  return last[b.size()];
+}
+
+// The command that is the fewest letters away; nothing when none is near.
+std::string_view nearest(std::string_view word) {
+  constexpr std::size_t kLongestWord = 20;
+  if (word.size() > kLongestWord) return {};
+  std::string_view found;
+  std::size_t best = word.size() < 5 ? 2 : 3;  // this far off is no slip any more
+  for (const Command* command : allCommands()) {
+    const std::size_t away = distance(word, command->name);
+    if (away >= best) continue;
+    best = away;
+    found = command->name;
+  }
+  return found;
+}
+
+}  // namespace
+
+std::string suggestionFor(std::string_view word) {
+  const auto question = [](std::string_view command) {
+    return "did you mean 'qvdb " + std::string(command) + "'?";
+  };
+  for (const OtherWord& other : kOtherWords) {
+    if (other.word == word) return question(other.command);
+  }
+  const std::string_view command = nearest(word);
+  if (!command.empty()) return question(command);
+  if (word.find_first_of("./") == std::string_view::npos) return {};
+  return question("info " + std::string(word));
+}
+
+}  // namespace qvdb::tool

@@ -1,0 +1,15 @@
+// What the user may have meant by the name of a command that there is not.
+#ifndef QVDB_TOOL_SUGGESTION_H
+#define QVDB_TOOL_SUGGESTION_H
+
+#include <string>
+#include <string_view>
+
+namespace qvdb::tool {
+
+// "did you mean 'qvdb create'?", or nothing.
+std::string suggestionFor(std::string_view word);
+
+}  // namespace qvdb::tool
+
+#endif
