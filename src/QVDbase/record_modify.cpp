@@ -85,12 +85,11 @@ int internal_WriteOneRecordDataInEOF_Modify(int16_t db, const tablePart1* slot, 
 namespace qvdbase {
 
 bool overwriteRecord(int16_t db, int64_t recordPos, const unsigned char* payload, uint32_t size) {
-  constexpr int64_t kOverLinks = record::kDataLength - record::kPrevRecordPos;
-  constexpr int64_t kOverCapacity = record::kData - record::kDataCapacity;
+  constexpr uint32_t kOverLinks = record::kDataLength - record::kPrevRecordPos;
+  constexpr uint32_t kOverCapacity = record::kData - record::kDataCapacity;
   return myFileSeek(db, recordPos + record::kModifyTime, kFromStart) == 0 &&
-         writeUint32(db, platform::secondsSinceEpoch()) &&
-         myFileSeek(db, kOverLinks, kFromCurrent) == 0 && writeUint32(db, size) &&
-         myFileSeek(db, kOverCapacity, kFromCurrent) == 0 && writeBytes(db, payload, size);
+         writeUint32(db, platform::secondsSinceEpoch()) && writeUint32After(db, kOverLinks, size) &&
+         writeBytesAfter(db, kOverCapacity, payload, size);
 }
 
 bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload, uint32_t size,

@@ -1,9 +1,6 @@
 // Writing fields: big-endian integers, composed byte by byte so that the host's own order does not
-// matter. And the counts of bytes moved, which every field transfer leaves behind.
+// matter.
 #include "format/fields.h"
-
-uint32_t gbl_realReaden = 0;
-uint32_t gbl_realWriten = 0;
 
 namespace qvdbase {
 namespace {
@@ -11,10 +8,7 @@ namespace {
 template <typename Unsigned>
 bool writeBigEndian(int16_t file, Unsigned value) {
   unsigned char bytes[sizeof(Unsigned)];
-  uint64_t rest = value;
-  for (std::size_t i = sizeof bytes; i-- > 0; rest >>= 8) {
-    bytes[i] = static_cast<unsigned char>(rest & 0xFF);
-  }
+  storeBigEndian(bytes, value);
   return writeBytes(file, bytes, sizeof bytes);
 }
 
@@ -36,6 +30,16 @@ bool writeUint32(int16_t file, uint32_t value) {
 
 bool writeInt64(int16_t file, int64_t value) {
   return writeBigEndian(file, static_cast<uint64_t>(value));
+}
+
+bool writeUint32After(int16_t file, uint32_t gap, uint32_t value) {
+  unsigned char bytes[sizeof value];
+  storeBigEndian(bytes, value);
+  return writeBytesAfter(file, gap, bytes, sizeof bytes);
+}
+
+bool writeBytesAfter(int16_t file, uint32_t gap, const void* bytes, uint32_t count) {
+  return writeFileAfter(file, gap, bytes, count, &gbl_realWriten);
 }
 
 }  // namespace qvdbase

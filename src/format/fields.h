@@ -54,4 +54,9 @@ template <typename Unsigned>
 [[nodiscard]] bool writeUint32(int16_t file, uint32_t value);
 [[nodiscard]] bool writeInt64(int16_t file, int64_t value);
 
+// The same, `gap` bytes after the position: for the next field to be written of one header, the
+// fields between staying as they are.
+[[nodiscard]] bool writeUint32After(int16_t file, uint32_t gap, uint32_t value);
+[[nodiscard]] bool writeBytesAfter(int16_t file, uint32_t gap, const void* bytes, uint32_t count);
+
 }  // namespace qvdbase

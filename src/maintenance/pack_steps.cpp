@@ -249,6 +249,8 @@ uint32_t PackSteps::percentOfRecords() const {
 }
 
 void PackSteps::fail() {
+  // First, so that the scope is over when the one around it ends, whichever step failed.
+  static_cast<void>(scope_.end());
   if (src_ != 0) releaseSource();
   if (dst_ != 0) {
     closeDestination();

@@ -3,7 +3,9 @@
 // Windows live inside one transfer scope only. Within it this call alone works on the file, so a
 // window can differ from the file in nothing but what the call itself writes, and that is told to
 // `overwriteWindows`. A window that goes on from another, forwards or backwards, is twice as large;
-// where the reads jump, a small one starts afresh. Files are read, never mapped: a mapping would
+// where the reads jump, a small one starts afresh. What a window does not get proves nothing about
+// the bytes that were wanted: one that grows backwards begins before them, and the host may fail
+// there. Files are read, never mapped: a mapping would
 // end the process by a signal where the file is cut short or its device fails; a read just says so.
 #ifndef QVDBASE_PLATFORM_READ_WINDOWS_H
 #define QVDBASE_PLATFORM_READ_WINDOWS_H

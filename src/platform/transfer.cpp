@@ -1,6 +1,11 @@
 // Transfers at a position, and the scopes in which they are made cheap.
 #include "platform/transfer.h"
 
+#include <qvdbase/qvdbase.h>
+
+#include <cassert>
+#include <limits>
+
 #include "platform/gathered_writes.h"
 #include "platform/plain_transfer.h"
 #include "platform/read_windows.h"
@@ -15,7 +20,9 @@ constexpr bool kGathers = false;
 constexpr bool kGathers = true;
 #endif
 
-// The innermost scope that is open; null outside, and while a caller's function runs.
+// The innermost scope that is open, and the same again, null while a caller's function runs: the
+// one in which a transfer is made.
+constinit TransferScope* innermostScope = nullptr;
 constinit TransferScope* currentScope = nullptr;
 
 // The process's limit on the length of files; a write that passes it would raise a signal that ends
@@ -53,11 +60,22 @@ struct ScopeAccess {
   static bool failed() { return currentScope->failed_; }
 
   static bool flush() {
-    if (flushGathered()) return true;
+    RefusedWrite refused = {};
+    if (flushGathered(&refused)) return true;
     serveFromNothing();
     dropAllWindows();  // they hold what the file does not
-    if (currentScope != nullptr) currentScope->failed_ = true;
+    if (currentScope != nullptr) {
+      currentScope->failed_ = true;
+      currentScope->bytesRead_ = refused.read;
+      currentScope->bytesWritten_ = refused.written;
+    }
     return false;
+  }
+
+  static bool isOpen(const TransferScope* scope) {
+    const TransferScope* open = innermostScope;
+    while (open != nullptr && open != scope) open = open->outer_;
+    return open != nullptr;
   }
 };
 
@@ -84,33 +102,36 @@ size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
   bool refused = false;
   const ReadWindow* window = windowFor(file, file.position, count, &refused);
   if (refused) return 0;
-  if (window == nullptr) return readPlain(file.descriptor, file.position, buffer, count);
-  return window->copy(file.position, buffer, count);
+  if (window != nullptr && window->holds(file.entry, file.position, count)) {
+    return window->copy(file.position, buffer, count);
+  }
+  // Too much for a window, or not all in it: what was asked for may still be there.
+  return readPlain(file.descriptor, file.position, buffer, count);
 }
 
-// Fields of one header lie a few bytes apart. Where the bytes between have been read in this call
-// they are gathered too, so that the fields reach the host as one write, in their order. Not more
-// than that: a gap between two records may hold a block that nobody is to write to.
-constexpr int64_t kLargestGap = 64;
-
-void gatherGap(const FileEntry* entry, int64_t position) {
-  const int64_t end = pendingEnd(entry);
-  if (end < 0 || position <= end || position - end > kLargestGap) return;
-  const auto count = static_cast<size_t>(position - end);
-  if (!windowsHold(entry, end, count) || !canGather(entry, end, count)) return;
-  const ReadWindow* window = windowWith(entry, end, count);
-  gatherWrite(entry, end, window->bytes + (end - window->start), count);
+// Gathers the bytes between two fields of one header, so that the fields reach the host as one
+// write. Only where nobody else can have changed them since they were read: of files that other
+// processes write to as well, each field is written by itself.
+void gatherGap(const OpenFile& file, uint32_t gap, uint32_t count) {
+  if (file.sharing != Sharing::exclusive || ScopeAccess::failed() || count == 0) return;
+  if (!continuesPending(file) || !canGather(file, gap)) return;
+  if (!windowsHold(file.entry, file.position, gap)) return;
+  // The process's limit may lie in the gap.
+  const int64_t next = file.position + static_cast<int64_t>(gap);
+  if (bytesBelow(sizeLimitInScope(), next, count) == 0) return;
+  const ReadWindow* window = windowWith(file.entry, file.position, gap);
+  gatherUnchanged(window->bytes + (file.position - window->start), gap);
 }
 
-size_t writeInScope(const OpenFile& file, const void* buffer, size_t count) {
+size_t writeInScope(OpenFile& file, const void* buffer, size_t count) {
   if (ScopeAccess::failed()) return 0;
   serveFromNothing();
   const size_t wanted = bytesBelow(sizeLimitInScope(), file.position, count);
-  gatherGap(file.entry, file.position);
-  if (!canGather(file.entry, file.position, wanted) && !ScopeAccess::flush()) return 0;
+  if (wanted == 0) return 0;
+  if (!canGather(file, wanted) && !ScopeAccess::flush()) return 0;
   size_t done = wanted;
-  if (canGather(file.entry, file.position, wanted)) {
-    gatherWrite(file.entry, file.position, buffer, wanted);
+  if (canGather(file, wanted)) {
+    gatherWrite(file, buffer, wanted, gbl_realReaden);
   } else {
     done = writePlain(file.descriptor, file.position, buffer, wanted);
   }
@@ -164,6 +185,15 @@ bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_
   return done == count;
 }
 
+bool writeAfterGap(OpenFile& file, uint32_t gap, const void* buffer, uint32_t count,
+                   uint32_t* moved) {
+  constexpr int64_t kLargestPosition = std::numeric_limits<int64_t>::max();
+  if (file.position > kLargestPosition - static_cast<int64_t>(gap)) return false;
+  if (currentScope != nullptr && file.isWritable()) gatherGap(file, gap, count);
+  file.position += static_cast<int64_t>(gap);
+  return writeAtPosition(file, buffer, count, moved);
+}
+
 bool fileLength(const OpenFile& file, int64_t* length) {
   if (isPending(file.entry) && !ScopeAccess::flush()) return false;
   *length = systemCalls().lengthOf(file.descriptor);
@@ -171,9 +201,12 @@ bool fileLength(const OpenFile& file, int64_t* length) {
 }
 
 // A scope within a scope starts afresh too: between the two, others may have written.
-TransferScope::TransferScope() : outer_(currentScope) {
+TransferScope::TransferScope() : outer_(innermostScope) {
   flushTransfers();
-  if (kGathers) currentScope = this;
+  if (!kGathers) return;
+  resumed_ = currentScope;
+  innermostScope = this;
+  currentScope = this;
 }
 
 TransferScope::~TransferScope() {
@@ -182,11 +215,23 @@ TransferScope::~TransferScope() {
 
 bool TransferScope::end() {
   if (ended_) return !failed_;
+  if (kGathers) leaveChain();
   ended_ = true;
-  ScopeAccess::flush();
-  if (kGathers) currentScope = outer_;
   if (currentScope == nullptr) forgetWhatWasRead();
   return !failed_;
+}
+
+// Scopes within this one end with it: nothing may point to a scope that is gone.
+void TransferScope::leaveChain() {
+  assert(innermostScope == this && "a scope ends before one within it");
+  while (innermostScope != this) static_cast<void>(innermostScope->end());
+  if (currentScope == this) ScopeAccess::flush();
+  innermostScope = outer_;
+  currentScope = resumed_;
+  if (!failed_) return;
+  // What came after the refused write would not have been done without gathering.
+  gbl_realReaden = bytesRead_;
+  gbl_realWriten = bytesWritten_;
 }
 
 // A write that was refused at a read, a view or a closing counts still.
@@ -201,7 +246,8 @@ TransferPause::TransferPause() : paused_(currentScope) {
 
 TransferPause::~TransferPause() {
   forgetWhatWasRead();
-  currentScope = paused_;
+  assert((paused_ == nullptr || ScopeAccess::isOpen(paused_)) && "a scope ends while it is paused");
+  currentScope = ScopeAccess::isOpen(paused_) ? paused_ : nullptr;
 }
 
 bool flushTransfers() {

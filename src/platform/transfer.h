@@ -4,8 +4,11 @@
 // transfer is a system call. A scope spans one exported call of the library; inside it reads are
 // served from windows and neighbouring writes are gathered, under these rules:
 //
-//   1. Writes reach the host in the order in which they were made. Between two fields of one header
-//      a few bytes may be written again as they are, so that the fields go out together.
+//   1. Writes reach the host in the order in which they were made, and nothing else does. The one
+//      exception: where an operation writes two fields of one header and passes over those between
+//      them (writeAfterGap), the bytes between may be written again as they were read, so that the
+//      fields go out together; only through a number opened with 2 or 3, while no other process can
+//      write to the file.
 //   2. Gathered writes are handed over before anything could observe them: before a read of their
 //      bytes, before the file's length is asked, before a write on another file, before a caller's
 //      function is called, before the file is closed, before a scope within the scope, and at its
@@ -13,8 +16,13 @@
 //   3. Nothing that was read outlives the scope, or a call of a caller's function within it.
 //   4. A gathered write that the host refuses makes the transfer that handed it over fail, or the
 //      end of the scope; every later write of the scope fails too, so that nothing is written
-//      behind a hole. A write too large to be gathered is refused where it is made, as it is
-//      outside.
+//      after a hole. A write too large to be gathered is refused where it is made, as it is
+//      outside. Either way bytes, position and gbl_realReaden and gbl_realWriten are in the end
+//      what they are when each transfer is a system call; identifiers may have been drawn for what
+//      was then not written.
+//   5. Reading ahead never makes a read fail: where a window does not get the wanted bytes, they
+//   are
+//      asked for alone.
 #ifndef QVDBASE_PLATFORM_TRANSFER_H
 #define QVDBASE_PLATFORM_TRANSFER_H
 
@@ -87,11 +95,17 @@ void readAhead(const OpenFile& file, int64_t position, uint32_t count);
 // bytes written. True when it is `count`, and the file is open for writing.
 bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_t* moved);
 
+// The same, `gap` bytes after the position; for fields of one header with others between them that
+// stay as they are. False also, with nothing changed, for a position beyond the largest.
+bool writeAfterGap(OpenFile& file, uint32_t gap, const void* buffer, uint32_t count,
+                   uint32_t* moved);
+
 // Stores the file's length in bytes.
 bool fileLength(const OpenFile& file, int64_t* length);
 
-// The length of one exported call. Scopes nest, the inner one ending first; it stands for a call of
-// its own, whose writes and whose end know nothing of a failure outside it.
+// The length of one exported call. Scopes nest, the inner one ending first; it is a call of its
+// own, whose writes and whose end know nothing of a failure outside it. A scope that ends before
+// one within it is a mistake, which is asserted; the inner one then ends with it.
 class TransferScope {
  public:
   TransferScope();
@@ -108,9 +122,14 @@ class TransferScope {
 
  private:
   friend struct ScopeAccess;
+  void leaveChain();
+
   TransferScope* outer_;
+  TransferScope* resumed_ = nullptr;  // outer_, or null when this one began in a caller's function
   bool failed_ = false;
   bool ended_ = false;
+  uint32_t bytesRead_ = 0;  // once it has failed: the counts as they were then
+  uint32_t bytesWritten_ = 0;
 };
 
 // Steps out of the scopes that are open while a function of the caller's runs: what was written is

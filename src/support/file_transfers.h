@@ -20,6 +20,14 @@ inline bool writeFile(int16_t file, const void* buffer, uint32_t count, uint32_t
   return openFile != nullptr && platform::writeAtPosition(*openFile, buffer, count, moved);
 }
 
+// The same, `gap` bytes after the position. What lies between belongs to the header that is being
+// written and stays as it is. False also where that position is beyond the largest.
+inline bool writeFileAfter(int16_t file, uint32_t gap, const void* buffer, uint32_t count,
+                           uint32_t* moved) {
+  platform::OpenFile* openFile = platform::findOpenFile(file);
+  return openFile != nullptr && platform::writeAfterGap(*openFile, gap, buffer, count, moved);
+}
+
 // Where the file stands, or -1 for a number that is not in use.
 inline int64_t positionOf(int16_t file) {
   const platform::OpenFile* openFile = platform::findOpenFile(file);

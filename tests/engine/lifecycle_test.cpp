@@ -494,6 +494,26 @@ TEST_F(SettingTheVersion, CountsTheBytesWritten) {
   EXPECT_EQ(gbl_realWriten, 2u);
 }
 
+// The file stays open under the lowest number, at the first byte that it did not get.
+TEST(CreatingOnAFullDisk, LeavesPositionAndCountWhereTheHostHasStopped) {
+  TempFolder folder;
+  for (std::size_t n = 0; n < 4630; n += n < 200 ? 1 : 97) {
+    SCOPED_TRACE(n);
+    FakeHost host;
+    host.fullAfter(n);
+    EXPECT_EQ(CreateDBaseW(folder.wide("f"), "QVdb", 100), 0);
+    std::int64_t position = -1;
+    EXPECT_EQ(QVFile().QVGetFilePos(1, &position), 1);
+    EXPECT_EQ(position, static_cast<std::int64_t>(n));
+    std::size_t begin = n < 22 ? 0 : 22 + (n - 22) / 144 * 144;
+    for (const std::size_t field : {4u, 6u, 16u, 18u, 20u}) {
+      if (n < 22 && n >= field) begin = field;
+    }
+    EXPECT_EQ(gbl_realWriten, n - begin);
+    EXPECT_EQ(CloseDBase(1), 1);
+  }
+}
+
 TEST_F(InspectingAFile, CountsTheBytesRead) {
   close(create());
   gbl_realReaden = 99;

@@ -404,7 +404,7 @@ TEST_F(Batches, WithARecordTooLargeForAPieceStopAtEachFailure) {
   };
   failEach([&](int step) { host.failOnce(Call::write, step); });
   failEach([&](int step) { host.failFrom(Call::write, step); });
-  failEach([&](int step) { host.failOnce(Call::read, step); });
+  failEach([&](int step) { host.failFrom(Call::read, step); });
 }
 
 }  // namespace

@@ -405,6 +405,33 @@ TEST_F(RecordDelete, WritesTheLinksThenTheSlot) {
                                            {slotPos, slotAfter(a, b, b), kDefaultFile}}));
 }
 
+// The predecessor's link and the successor's are 40 bytes apart: the end of one block and the
+// beginning of another are between them.
+TEST_F(RecordDelete, WritesNothingBetweenTheLinksOfBlocksThatAreNextToEachOther) {
+  a = image.addRecord(notes, kA, {});
+  c = image.addRecord(notes, kC, {});
+  b = image.addRecord(notes, kB, {});
+  ASSERT_EQ(c, a + 56);
+  // B is between them in the chain.
+  image.record(a).nextRecordPos = b;
+  image.record(b).prevRecordPos = a;
+  image.record(b).nextRecordPos = c;
+  image.record(c).prevRecordPos = b;
+  image.record(c).nextRecordPos = 0;
+  image.slot(notes).lastRecordPos = c;
+  for (const int permission : {3, 4}) {
+    const std::int16_t db = start(permission);
+    host.forget();
+    ASSERT_EQ(erase(db, kB), 1);
+    const std::vector<Write> log = ranges(host.writes());
+    close(db);
+    ASSERT_EQ(log.size(), 3u);
+    EXPECT_EQ(log[0], (Write{a + 39, Bytes().be(8, std::uint64_t(c)), kDefaultFile}));
+    EXPECT_EQ(log[1], (Write{c + 31, Bytes().be(8, std::uint64_t(a)), kDefaultFile}));
+    EXPECT_EQ(log[2].position, std::int64_t(slotOffset(notes)));
+  }
+}
+
 TEST_F(RecordDelete, StopsTakingOutTheFirstRecordAtTheFirstFailure) {
   threeRecords();
   expectStopsAtEachFailure([](std::int16_t db) { return erase(db, kA); });

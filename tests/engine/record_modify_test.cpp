@@ -501,6 +501,36 @@ TEST_F(RecordModify, WritesTimeLengthAndPayloadInThatOrder) {
       Bytes(hex("5F5E1000")).add(block.at(31, 16)).be(4, 4).add(block.at(51, 4)).text("fits");
   const std::vector<Write> together = {{b + 27, whole, kDefaultFile}};
   EXPECT_EQ(log, platform::gathersTransfers() ? together : apart);
+
+  // A file that others may write to gets the three fields alone.
+  const std::int16_t db = start(4);
+  host.forget();
+  EXPECT_EQ(modify(db, kB, bytesOf("fits")), 1);
+  EXPECT_EQ(ranges(host.writes()), apart);
+}
+
+// Another process that has the file open with permission 4 appends a record while this one is
+// modified: its link and its count are there afterwards.
+TEST_F(RecordModify, KeepsALinkThatAnotherProcessWritesInTheMiddleOfIt) {
+  threeRecords();
+  const std::int16_t db = start(4);
+  const std::int64_t d = image.addRecord(notes, 0xD4, bytesOf("theirs"));
+  const FileImage theirs = image;
+  bool isDone = false;
+  host.observe([&](Call call) {
+    if (call != Call::write || isDone) return;
+    isDone = true;
+    writeFile(path(), FileImage(theirs).build());
+  });
+  EXPECT_EQ(modify(db, kC, bytesOf("mine")), 1);
+  host.observe(nullptr);
+  EXPECT_TRUE(isDone);
+  RecordFields& own = image.record(c);
+  EXPECT_EQ(own.nextRecordPos, d);
+  own.modifyTime = static_cast<std::uint32_t>(kNow);
+  own.dataLength = 4;
+  own.room = bytesOf("mine").add(own.room.from(4));
+  expectFile();
 }
 
 TEST_F(RecordModify, WritesTheNewBlockThenTheLinkInThePredecessorThenTheOneInTheSuccessor) {

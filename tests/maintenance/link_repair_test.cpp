@@ -1,7 +1,12 @@
 // Link repair: which chains are rewritten, and how; what the caller is told.
 #include "maintenance/link_repair.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
 #include "support/maintenance_fixture.h"
+#include "support/replaced_calls.h"
 
 namespace qvdbase::test {
 namespace {
@@ -484,6 +489,73 @@ TEST_F(LinkRepair, FailsWhereverAWriteFails) {
     EXPECT_EQ(repair(), 1);
     host.heal();
     EXPECT_EQ(result, kFailure) << room;
+  }
+}
+
+// A version that cannot be written is a failure, although all links are repaired.
+TEST_F(LinkRepair, FailsWithoutReporting100WhenTheVersionCannotBeWritten) {
+  fourRecords();
+  image.header().version = 123;
+  expected = image;
+  image.record(at[3]).prevRecordPos = 0;
+  RecordedCalls host;
+  putSource(image);
+  ASSERT_EQ(repair(), 1);
+  const std::size_t all = byteCount(host.writes());
+  for (const std::size_t missing : {2u, 1u}) {
+    putSource(image);
+    host.fullAfter(all - missing);
+    EXPECT_EQ(repair(), 1);
+    host.heal();
+    EXPECT_EQ(result, kFailure);
+    EXPECT_EQ(log.repairPercents().back(), 99);
+    EXPECT_TRUE(sameBytes(contents(kSource).from(22), expected.build().from(22)));
+  }
+}
+
+// The links of the records are written, and nothing between them.
+TEST_F(LinkRepair, WritesNothingBetweenTheLinksOfRecordsThatAreNextToEachOther) {
+  const std::size_t table = image.addTable("t", 0x101);
+  for (std::size_t i = 0; i < 4; ++i) at[i] = image.addRecord(table, 0xA0 + i, {});
+  image.record(at[3]).prevRecordPos = 0;
+  RecordedCalls host;
+  putSource(image);
+  ASSERT_EQ(repair(), 1);
+  EXPECT_EQ(result, kRewritten);
+  const std::vector<Write> writes = ranges(host.writes());
+  ASSERT_EQ(writes.size(), 5u);  // the version last
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(writes[i].position, at[i] + 31);
+    EXPECT_EQ(writes[i].bytes.size(), 16u);
+  }
+}
+
+// Four records, and a place between two of them that cannot be read: they stay four, however far
+// the library reads ahead.
+TEST_F(LinkRepair, KeepsEveryRecordThatTheHostCanDeliver) {
+  static std::int64_t bad;
+  const std::size_t table = image.addTable("t", 0x101);
+  for (std::size_t i = 0; i < 4; ++i) at[i] = image.addRecord(table, 0xA0 + i, pattern(9000));
+  image.header().version = 100;
+  putSource(image);
+  for (bad = at[0] + 100; bad < at[3] + 9000; bad += 1500) {
+    const auto isBeside = [](std::int64_t record) {
+      return bad + 50 < record || bad > record + 64;
+    };
+    if (!std::all_of(std::begin(at), std::end(at), isBeside)) continue;
+    SCOPED_TRACE(bad);
+    ReplacedCalls calls;
+    calls->readAt = [](int descriptor, void* buffer, std::size_t count, off_t position) -> ssize_t {
+      if (position < bad + 50 && position + static_cast<off_t>(count) > bad) {
+        errno = EIO;
+        if (position >= bad) return -1;
+        count = static_cast<std::size_t>(bad - position);
+      }
+      return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+    };
+    EXPECT_EQ(repair(), 1);
+    EXPECT_EQ(result, kNothing);
+    EXPECT_TRUE(sameBytes(contents(kSource), image.build()));
   }
 }
 

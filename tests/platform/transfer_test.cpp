@@ -4,13 +4,17 @@
 
 #include <gtest/gtest.h>
 #include <qvdbase/QVFile.h>
+#include <qvdbase/qvdbase.h>
 
+#include <cstring>
+#include <optional>
 #include <random>
 
 #include "support/bytes.h"
 #include "support/file_transfers.h"
 #include "support/random_seed.h"
 #include "support/recorded_calls.h"
+#include "support/replaced_calls.h"
 #include "support/temp_folder.h"
 
 namespace qvdbase::test {
@@ -27,10 +31,10 @@ Bytes patterned(std::size_t size) {
 
 class Transfers : public ::testing::Test {
  protected:
-  int16_t open(const char* name, const Bytes& content) {
+  int16_t open(const char* name, const Bytes& content, int permission = 4) {
     writeFile(folder / name, content);
     int16_t file = 0;
-    EXPECT_EQ(QVFile().QVOpenFile(folder.wide(name), 4, &file), 1);
+    EXPECT_EQ(QVFile().QVOpenFile(folder.wide(name), permission, &file), 1);
     files_.push_back(file);
     return file;
   }
@@ -48,6 +52,11 @@ class Transfers : public ::testing::Test {
   }
   static bool writeAt(int16_t file, int64_t position, const std::string& text) {
     return seek(file, position) && write(file, text);
+  }
+  // As the fields of one header with others between them are written.
+  static bool writeAfter(int16_t file, uint32_t gap, const std::string& text) {
+    return writeFileAfter(file, gap, text.data(), static_cast<uint32_t>(text.size()),
+                          &gbl_realWriten);
   }
   // The bytes that could be read; fewer than asked for when the read failed.
   static std::string readAt(int16_t file, int64_t position, uint32_t count) {
@@ -132,31 +141,82 @@ TEST_F(Transfers, WritesReachSeveralFilesInTheOrderInWhichTheyWereMade) {
   EXPECT_EQ(host.writes()[2].file, "one");
 }
 
-TEST_F(Transfers, FieldsAFewBytesApartAreOneSystemCallWhereTheBytesBetweenWereRead) {
+TEST_F(Transfers, FieldsOfOneHeaderAreOneSystemCallWhereNobodyElseCanWrite) {
   if (!platform::gathersTransfers()) GTEST_SKIP();
   const Bytes before = patterned(200);
-  const int16_t file = open("f", before);
-  RecordedCalls host;
-  TransferScope scope;
-  EXPECT_EQ(readAt(file, 0, 1).size(), 1u);
-  EXPECT_TRUE(writeAt(file, 10, "ab"));
-  EXPECT_TRUE(writeAt(file, 28, "cd"));
-  EXPECT_TRUE(writeAt(file, 100, "ef"));  // too far off
-  EXPECT_TRUE(scope.end());
-  ASSERT_EQ(host.writes().size(), 2u);
-  EXPECT_EQ(host.writes()[0].bytes.str(), "ab" + before.str().substr(12, 16) + "cd");
-  EXPECT_EQ(host.writes()[1].bytes.str(), "ef");
+  for (const int permission : {2, 3}) {
+    const int16_t file = open("f", before, permission);
+    RecordedCalls host;
+    TransferScope scope;
+    EXPECT_EQ(readAt(file, 0, 1).size(), 1u);
+    EXPECT_TRUE(writeAt(file, 10, "ab"));
+    EXPECT_TRUE(writeAfter(file, 16, "cd"));
+    EXPECT_TRUE(writeAt(file, 40, "ef"));  // a seek leads anywhere, into another block too
+    EXPECT_TRUE(scope.end());
+    ASSERT_EQ(host.writes().size(), 2u);
+    EXPECT_EQ(host.writes()[0].bytes.str(), "ab" + before.str().substr(12, 16) + "cd");
+    EXPECT_EQ(host.writes()[1].bytes.str(), "ef");
+    QVFile().QVCloseFile(file);
+  }
+}
+
+TEST_F(Transfers, FieldsAreWrittenAloneWhereOthersMayWriteBetweenThem) {
+  const Bytes before = patterned(200);
+  for (const int permission : {0, 4}) {
+    const int16_t file = open("f", before, permission);
+    RecordedCalls host;
+    TransferScope scope;
+    EXPECT_EQ(readAt(file, 0, 1).size(), 1u);
+    EXPECT_TRUE(writeAt(file, 10, "ab"));
+    EXPECT_TRUE(writeAfter(file, 16, "cd"));
+    EXPECT_TRUE(scope.end());
+    ASSERT_EQ(host.writes().size(), 2u);
+    EXPECT_EQ(host.writes()[0].bytes.str(), "ab");
+    EXPECT_EQ(host.writes()[1].position, 28);
+    EXPECT_EQ(host.writes()[1].bytes.str(), "cd");
+    QVFile().QVCloseFile(file);
+  }
 }
 
 TEST_F(Transfers, BytesThatWereNotReadAreNotWritten) {
   if (!platform::gathersTransfers()) GTEST_SKIP();
-  const int16_t file = open("f", patterned(200));
+  const int16_t file = open("f", patterned(200), 3);
   RecordedCalls host;
   TransferScope scope;
   EXPECT_TRUE(writeAt(file, 10, "ab"));
-  EXPECT_TRUE(writeAt(file, 28, "cd"));
+  EXPECT_TRUE(writeAfter(file, 16, "cd"));
   EXPECT_TRUE(scope.end());
   EXPECT_EQ(host.writes().size(), 2u);
+}
+
+TEST_F(Transfers, AfterAGapNothingIsWrittenBeyondTheLargestPosition) {
+  const int16_t file = open("f", patterned(10), 3);
+  TransferScope scope;
+  EXPECT_TRUE(seek(file, INT64_MAX - 3));
+  EXPECT_FALSE(writeAfter(file, 4, "x"));
+  int64_t position = 0;
+  EXPECT_EQ(QVFile().QVGetFilePos(file, &position), 1);
+  EXPECT_EQ(position, INT64_MAX - 3);
+}
+
+// To write past the limit would end the process.
+TEST_F(Transfers, TheProcessesLimitHoldsBetweenTwoFieldsToo) {
+  const Bytes before = patterned(100);
+  for (uint64_t limit = 10; limit < 36; ++limit) {
+    SCOPED_TRACE(limit);
+    const int16_t file = open("f", before, 3);
+    RecordedCalls host;
+    host.setFileSizeLimit(limit);
+    TransferScope scope;
+    EXPECT_EQ(readAt(file, 0, 1).size(), 1u);
+    const bool all = writeAt(file, 10, "ab") && writeAfter(file, 16, "cdef");
+    EXPECT_EQ(all, limit >= 32);
+    EXPECT_TRUE(scope.end());
+    for (const Write& each : host.writes()) {
+      EXPECT_LE(static_cast<uint64_t>(each.position) + each.bytes.size(), limit);
+    }
+    QVFile().QVCloseFile(file);
+  }
 }
 
 TEST_F(Transfers, WhatWasWrittenIsReadBackAndWithTheSystemByThen) {
@@ -249,6 +309,36 @@ TEST_F(Transfers, ARefusedWriteFailsWhereItIsHandedOverAndAtTheEnd) {
   EXPECT_EQ(readAt(file, 10, 4), before.str().substr(10, 4));
   EXPECT_FALSE(scope.end());
   EXPECT_TRUE(sameBytes(readFile(folder / "f"), before));
+}
+
+// The disk is full after n bytes: whatever the library has gathered by then, position and counts
+// are those of the write that did not get all of its bytes.
+TEST_F(Transfers, ARefusedRunEndsAsItsWritesWouldHaveOneByOne) {
+  for (const int permission : {3, 4}) {
+    for (uint32_t n = 0; n < 9; ++n) {
+      SCOPED_TRACE(n);
+      const int16_t file = open("f", patterned(100), permission);
+      RecordedCalls host;
+      host.fullAfter(n);
+      TransferScope scope;
+      bool all = true;
+      uint32_t place = 10;
+      for (const char* const text : {"ab", "cdef", "ghi"}) {
+        Bytes read(place);
+        all = all && seek(file, 50) && qvdbase::readFile(file, read.data(), place, &gbl_realReaden);
+        const auto size = static_cast<uint32_t>(std::strlen(text));
+        all = all && seek(file, place) && qvdbase::writeFile(file, text, size, &gbl_realWriten);
+        place += size;
+      }
+      EXPECT_FALSE(scope.end() && all);
+      int64_t position = 0;
+      EXPECT_EQ(QVFile().QVGetFilePos(file, &position), 1);
+      EXPECT_EQ(position, 10 + n);
+      EXPECT_EQ(gbl_realWriten, n < 2 ? n : n < 6 ? n - 2 : n - 6);
+      EXPECT_EQ(gbl_realReaden, n < 2 ? 10u : n < 6 ? 12u : 16u);
+      QVFile().QVCloseFile(file);
+    }
+  }
 }
 
 TEST_F(Transfers, AWriteRefusedAtTheEndOfAScopeFailsTheScope) {
@@ -349,6 +439,28 @@ TEST_F(Transfers, AFailureOfAnOuterScopeDoesNotFailTheInnerOne) {
   EXPECT_EQ(readFile(folder / "f").str().substr(5, 4), "kept");
 }
 
+#ifdef NDEBUG
+TEST_F(Transfers, AScopeThatEndsTooEarlyTakesThoseWithinItAlong) {
+  const int16_t file = open("f", patterned(10));
+  std::optional<TransferScope> outer(std::in_place);
+  std::optional<TransferScope> inner(std::in_place);
+  EXPECT_TRUE(writeAt(file, 0, "in"));
+  EXPECT_TRUE(outer->end());
+  EXPECT_EQ(readFile(folder / "f").str().substr(0, 2), "in");
+  outer.reset();
+  inner.reset();
+  EXPECT_TRUE(writeAt(file, 4, "out"));
+  EXPECT_EQ(readFile(folder / "f").str().substr(4, 3), "out");
+}
+#else
+TEST_F(Transfers, AScopeThatEndsTooEarlyIsAMistake) {
+  if (!platform::gathersTransfers()) GTEST_SKIP();
+  TransferScope outer;
+  TransferScope inner;
+  EXPECT_DEATH(static_cast<void>(outer.end()), "ends before one within it");
+}
+#endif
+
 TEST_F(Transfers, AFileClosedInsideAScopeHasItsWrites) {
   const int16_t file = open("f", patterned(10));
   TransferScope scope;
@@ -361,13 +473,49 @@ TEST_F(Transfers, AFileClosedInsideAScopeHasItsWrites) {
 TEST_F(Transfers, AFailingReadFailsAndMovesNothing) {
   const int16_t file = open("f", patterned(10));
   RecordedCalls host;
-  host.failOnce(Call::read);
+  host.failFrom(Call::read);
   TransferScope scope;
   EXPECT_EQ(readAt(file, 3, 2), "");
   int64_t position = 0;
   QVFile().QVGetFilePos(file, &position);
   EXPECT_EQ(position, 3);
+  host.heal();
   EXPECT_EQ(readAt(file, 3, 2).size(), 2u);
+}
+
+// Reads forwards and backwards around a place that cannot be read: on hosts that give what lies
+// before it, and on those that give nothing when it is among the bytes asked for.
+TEST_F(Transfers, WhatTheHostCanDeliverIsReadWhateverLiesAround) {
+  constexpr int64_t kBad = 150'000;
+  constexpr int64_t kBadEnd = kBad + 4096;
+  static bool failsWhole;
+  const Bytes before = patterned(300'000);
+  for (const bool whole : {false, true}) {
+    failsWhole = whole;
+    const int16_t file = open("f", before);
+    ReplacedCalls calls;
+    calls->readAt = [](int descriptor, void* buffer, size_t count, off_t position) -> ssize_t {
+      const off_t end = position + static_cast<off_t>(count);
+      if (position < kBadEnd && end > kBad) {
+        errno = EIO;
+        if (failsWhole || position >= kBad) return -1;
+        count = static_cast<size_t>(kBad - position);
+      }
+      return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+    };
+    TransferScope scope;
+    const auto expectAt = [&](int64_t position) {
+      const bool isGood = position + 20 <= kBad || position >= kBadEnd;
+      const auto held = static_cast<size_t>(std::max<int64_t>(kBad - position, 0));
+      const size_t size = isGood ? 20 : position >= kBad || failsWhole ? 0 : held;
+      EXPECT_EQ(readAt(file, position, 20),
+                before.str().substr(static_cast<size_t>(position), size))
+          << position;
+    };
+    for (int64_t position = 299'000; position > 0; position -= 700) expectAt(position);
+    for (int64_t position = 100; position < 299'000; position += 500) expectAt(position);
+    EXPECT_TRUE(scope.end());
+  }
 }
 
 TEST_F(Transfers, ACutReadIsGoneOnWith) {
