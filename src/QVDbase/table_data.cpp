@@ -39,6 +39,15 @@ bool overwriteTableData(int16_t db, int64_t blockPos, const unsigned char* data,
          writeUint32(db, size);
 }
 
+// In a scope of its own: a write that is refused here must not fail those for a later slot.
+bool setDataOfSlot(int16_t db, tablePart1* slot, int64_t slotPos, uint16_t slotSize,
+                   const unsigned char* data, uint32_t size, uint32_t reserve) {
+  CallScope scope;
+  return internal_SetOneTableData(db, slot, slot->tableID, slotPos, slotSize, data, size,
+                                  reserve) == 1 &&
+         scope.end();
+}
+
 // Walks the slots in use and sets the data of each that has the identifier until one succeeds.
 int setTableData(int16_t db, uint64_t table, const unsigned char* data, uint32_t size,
                  uint32_t reserve) {
@@ -51,10 +60,7 @@ int setTableData(int16_t db, uint64_t table, const unsigned char* data, uint32_t
     if (identifierNumber(slot.tableID) != table) continue;
 
     const int64_t nextSlotPos = myGetFilePos(db);
-    if (internal_SetOneTableData(db, &slot, slot.tableID, slotPos, directory.slotSize, data, size,
-                                 reserve) == 1) {
-      return 1;
-    }
+    if (setDataOfSlot(db, &slot, slotPos, directory.slotSize, data, size, reserve)) return 1;
     if (myFileSeek(db, nextSlotPos, kFromStart) != 0) return 0;
   }
   return 0;

@@ -270,6 +270,31 @@ TEST_F(SettingTableData, OnAReadOnlyDatabaseFails) {
   });
 }
 
+// Two slots of one identifier, the first with data, the second without.
+TEST_F(SettingTableData, GoesOnBehindASlotWhoseDataCouldNotBeWritten) {
+  Sample sample;
+  const std::size_t second = sample.image.addTable("three", kTable);
+  const std::int64_t end = sample.image.end();
+  // Each write for the first slot in turn is refused: of those into its block, and of a new one.
+  for (const Bytes& bytes : {bytesOf("HEY"), bytesOf("more than ten")}) {
+    for (int step = 0; step < 2; ++step) {
+      SCOPED_TRACE(step);
+      const std::int16_t db = put(sample.image);
+      FakeHost host;
+      host.failOnce(FakeHost::Call::write, step);
+      EXPECT_EQ(set(db, bytes), 1);
+      EXPECT_TRUE(host.failed());
+      host.heal();
+      close(db);
+      const SlotFields now = slot(second);
+      EXPECT_GE(now.firstDataPos, end);
+      EXPECT_EQ(tableData(now.firstDataPos).data(), bytes);
+      EXPECT_EQ(slot(1).encode(), sample.image.slot(1).encode());
+    }
+  }
+  allowDamage();
+}
+
 TEST_F(SettingTableData, GoesOnBehindASlotWhoseBlockIsDamaged) {
   Sample sample;
   sample.image.tableData(sample.data).blockMark = 0;
