@@ -68,12 +68,15 @@ typedef struct oneRecordInfoP1 {
 } oneRecordInfoP1;
 
 /* A progress function. What its two numbers mean and what it is handed as its third argument is
- * said by each operation. Returning 0 asks the operation to stop. */
+ * said by each operation. Returning 0 asks the operation to stop. One that throws counts as one
+ * that returned 0; what it threw is lost. When its thread is cancelled inside it, the operation
+ * closes the files that it opened, and the cancellation goes on. */
 typedef uint16_t (*QVProgressFunction)(int, int, void*);
 
 /* ---- Variables ------------------------------------------------------------------------------ */
 
-/* Bytes moved by the latest read and the latest write of the library, process-wide. */
+/* Bytes moved by the latest read and the latest write of the library, process-wide. When a write
+ * failed, the bytes of it that were written. */
 extern QVDBASE_API uint32_t gbl_realReaden;
 extern QVDBASE_API uint32_t gbl_realWriten;
 

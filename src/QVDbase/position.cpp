@@ -3,6 +3,8 @@
 
 #include <qvdbase/QVFile.h>
 
+#include "platform/thread_cancelled.h"
+
 int qvdbase::detail::seekInOtherMode(int16_t db, int64_t offset, uint32_t mode) {
   return QVFile().QVSeekFile(db, static_cast<uint16_t>(mode), offset) == 1 ? 0 : -1;
 }
@@ -19,7 +21,13 @@ namespace qvdbase {
 
 uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context) {
   platform::TransferPause pause;
-  return callback(a, b, context);
+  try {
+    return callback(a, b, context);
+  } catch (platform::ThreadCancelled&) {
+    throw;
+  } catch (...) {
+    return 0;  // it asks to stop: what it threw must not cross a C function
+  }
 }
 
 SavedPosition::SavedPosition(int16_t db) : db_(db), position_(myGetFilePos(db)) {}

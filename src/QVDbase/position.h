@@ -31,7 +31,7 @@ inline int64_t myGetFilePos(int16_t db) {
 }
 
 // Calls callback(a, b, context) and puts the file position back afterwards; with handle 0 it only
-// calls. Returns the callback's result.
+// calls. Returns the callback's result, 0 when it throws.
 uint16_t SavedCallBack(int16_t db, QVProgressFunction callback, int a, int b, void* context);
 
 namespace qvdbase {
@@ -41,7 +41,8 @@ namespace qvdbase {
 using CallScope = platform::TransferScope;
 
 // Calls a function of the caller's from inside an operation. What the operation wrote is with the
-// operating system before, and what the function changes is seen after.
+// operating system before, and what the function changes is seen after. Returns 0 when it throws;
+// only the cancellation of its thread passes.
 uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context);
 
 // Keeps the position that a call found. Every way out of an exported operation goes through

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 
 namespace qvdbase {
 
@@ -43,8 +44,8 @@ bool IdPairs::buildIndex() {
     for (uint64_t i = 0; i < searched(); ++i) {
       newOfOld_.try_emplace(pairs()[i].oldID, pairs()[i].newID);  // the first one stays
     }
-  } catch (...) {
-    return false;
+  } catch (const std::exception&) {
+    return false;  // no memory
   }
   return true;
 }

@@ -12,6 +12,7 @@
 #include <qvdbase/qvdbase.h>
 
 #include <algorithm>
+#include <exception>
 #include <limits>
 #include <unordered_map>
 
@@ -25,6 +26,7 @@
 #include "format/identifiers.h"
 #include "maintenance/table_data_block.h"
 #include "maintenance/visited_records.h"
+#include "platform/thread_cancelled.h"
 #include "support/seeded_hash.h"
 
 using namespace qvdbase;
@@ -55,24 +57,26 @@ class LinkRepair {
   int run(const QVWCHAR* srcPath) {
     *result_ = kNothingToRepair;
     if (QVFile().QVOpenFile(srcPath, kOpenShared, &db_) != 1) return 0;
-    if (!repairInScope()) {
-      *result_ = stopped_ ? kStopped : kFailed;
-      close();
-      return 1;  // says only that the file could be opened; the rest is in the result
-    }
-    close();
-    callFunctionDirectly(100);
-    return 1;
+    const bool complete = repairAndClose();
+    if (!complete) *result_ = stopped_ ? kStopped : kFailed;
+    if (complete) callFunctionDirectly(100);
+    return 1;  // says only that the file could be opened; the rest is in the result
   }
 
  private:
-  bool repairInScope() {
-    CallScope scope;
+  bool repairAndClose() {
+    bool complete = false;
     try {
-      return repair() && scope.end();
-    } catch (...) {
-      return false;  // no memory for the lists
+      CallScope scope;
+      complete = repair() && scope.end();
+    } catch (platform::ThreadCancelled&) {
+      close();
+      throw;
+    } catch (const std::exception&) {
+      // No memory for the lists.
     }
+    close();
+    return complete;
   }
 
   bool repair() {
@@ -251,7 +255,7 @@ class LinkRepair {
 
   void callFunctionDirectly(int percent) {
     if (progress_.function != nullptr) {
-      progress_.function(percent, progress_.userData, progress_.argument);
+      callOutside(progress_.function, percent, progress_.userData, progress_.argument);
     }
   }
 

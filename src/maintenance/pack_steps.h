@@ -17,10 +17,12 @@
 #include <qvdbase/qvdbase.h>
 
 #include <cstdint>
+#include <exception>
 
 #include "QVDbase/header.h"
 #include "QVDbase/position.h"
 #include "format/layout.h"
+#include "platform/thread_cancelled.h"
 
 namespace qvdbase {
 
@@ -62,8 +64,21 @@ class PackSteps {
   // do. Everything written before is in the hands of the operating system: each step sees to it.
   [[nodiscard]] bool report(uint32_t percent);
 
-  // The one way out of a pack that failed: both files are closed, the destination is emptied.
-  void fail();
+  // Takes the steps of a pack that has opened its source, and returns its result. Whatever ends
+  // them early, the cancellation of the thread included, no file stays open that they opened.
+  template <typename Steps>
+  int attempt(Steps steps) {
+    try {
+      if (steps()) return 1;
+    } catch (platform::ThreadCancelled&) {
+      fail();
+      throw;
+    } catch (const std::exception&) {
+      // No memory, which is a failure like the others.
+    }
+    fail();
+    return 0;
+  }
 
   // ---- What the packs do differently, and how it is done unless one of them says otherwise.
 
@@ -96,6 +111,8 @@ class PackSteps {
   DirectoryNumbers directory_{};
 
  private:
+  // The one way out of a pack that failed: both files are closed, the destination is emptied.
+  void fail();
   bool copyTable();
   bool copyTableData(const tablePart1& slot, int64_t slotPos);
   bool copyBlock(int64_t blockPos, int64_t length, int64_t* newBlockPos);

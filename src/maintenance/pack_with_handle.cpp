@@ -38,9 +38,7 @@ class PackWithHandle : public PackSteps {
 
   int run(const QVWCHAR* srcPath) {
     if (!openSource(srcPath)) return 0;
-    if (fill() && finish() && report(100)) return 1;
-    fail();
-    return 0;
+    return attempt([this] { return fill() && finish() && report(100); });
   }
 
  private:

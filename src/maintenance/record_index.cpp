@@ -1,6 +1,8 @@
 // The index over one table's records.
 #include "maintenance/record_index.h"
 
+#include <exception>
+
 #include "QVDbase/chain_walk.h"
 #include "QVDbase/position.h"
 #include "QVDbase/record_find.h"
@@ -13,8 +15,8 @@ bool RecordIndex::build(int16_t db, uint64_t table) {
   if (!findTable(db, table, &table_)) return false;
   try {
     walk(db);
-  } catch (...) {
-    return false;
+  } catch (const std::exception&) {
+    return false;  // no memory
   }
   return true;
 }

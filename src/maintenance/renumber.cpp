@@ -45,9 +45,7 @@ class Renumber : public PackSteps {
   }
 
   int run() {
-    if (fill() && finish() && report(100)) return 1;
-    fail();
-    return 0;
+    return attempt([this] { return fill() && finish() && report(100); });
   }
 
  private:
