@@ -5,7 +5,8 @@
 //     written the beginning of what it would have written, and nothing else;
 //   - the file position is as stated, and outputs are as stated;
 //   - no file stays open and no memory stays taken, but for what is stated;
-//   - the handle works afterwards, and sees what a new one sees.
+//   - the handle works afterwards, and sees what a new one sees;
+//   - what the file layer then writes reaches the file.
 #include <gtest/gtest.h>
 #include <qvdbase/QVFile.h>
 #include <qvdbase/caches.h>
@@ -22,6 +23,7 @@
 #include "proof/scripted_calls.h"
 #include "support/database_fixture.h"
 #include "support/file_checker.h"
+#include "support/reaching_writes.h"
 #include "support/recorded_calls.h"
 #include "support/test_extent.h"
 
@@ -87,6 +89,7 @@ class FailingCalls : public testing::TestWithParam<ScriptedCall> {
     host.heal();
 
     outcome.writes = host.writes();
+    expectWritesReachTheFile();
     expectHandle(outcome);
     expectNothingLeft(host, outcome, failure);
     outcome.files = bench.files();
