@@ -399,11 +399,14 @@ def scanned():
     db.raw(b"bytes that are no block")
     unlinked = db.place(Record(slot.number, 0xA000_0000_6555_1404, b"never linked", START))
     unlinked.prev = third.position
+    orphan = db.place(Record(0x5EA1_0000_6555_1322, 0xA000_0000_6555_1405, b"of another table", START))
     return db, db.describe(
-        "What a scan finds: a deleted record, older table data, a record that was never linked, and "
-        "bytes that are no block. The block inside a payload is none of these.",
-        [entry(slot, [first, second, third], newer)], check=["S2", "S5"],
-        unreached=[(deleted, "deleted"), (older, "older version"), (unlinked, "never counted")])
+        "What a scan finds: a deleted record, older table data, a record that was never linked, a "
+        "record of a table that no slot has, and bytes that are no block. The block inside a payload "
+        "is none of these.",
+        [entry(slot, [first, second, third], newer)], check=["S2", "S5", "S8"],
+        unreached=[(deleted, "deleted"), (older, "older version"), (unlinked, "never counted"),
+                   (orphan, "orphan")])
 
 
 FILES = (empty, notes, changes, full, categories, packed, unfinished, interrupted, damaged, scanned)
