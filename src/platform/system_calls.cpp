@@ -21,7 +21,13 @@ namespace qvdbase::platform {
 namespace {
 
 int hostOpenAt(int directory, const char* name, int flags, mode_t mode) {
-  return ::openat(directory, name, flags, mode);
+  const int descriptor = ::openat(directory, name, flags, mode);
+  if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
+  const int kept = ::fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int error = errno;
+  ::close(descriptor);
+  errno = error;
+  return kept;
 }
 
 int hostRenameNewAt(int fromDirectory, const char* from, int toDirectory, const char* to) {

@@ -21,6 +21,8 @@ static_assert(sizeof(off_t) == 8, "file positions are 64-bit");
 
 struct SystemCalls {
   // Files and directories.
+  // Descriptors 0 to 2 are the standard streams: a file must never have one of them, or the next
+  // diagnostic would go into it. They are not returned, even where they are closed.
   int (*openAt)(int directory, const char* name, int flags, mode_t mode);
   int (*close)(int descriptor);
   int (*status)(int descriptor, struct stat* result);

@@ -68,6 +68,10 @@ Channel terminalChannel(unsigned short columns) {
 [[noreturn]] void become(const ProgramCall& call, char* const* words,
                          const std::array<int, 3>& streams) {
   for (int i = 0; i < 3; ++i) {
+    if (call.closedStreams.contains(i)) {
+      ::close(i);
+      continue;
+    }
     if (::dup2(streams[static_cast<std::size_t>(i)], i) < 0) ::_exit(126);
   }
   if (!call.folder.empty() && ::chdir(call.folder.c_str()) != 0) ::_exit(126);

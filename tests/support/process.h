@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ struct ProgramCall {
   Terminal terminal = Terminal::none;
   unsigned short terminalColumns = 0;  // its width; 0: it tells none
   bool closesOutput = false;           // nobody reads its standard output
+  std::set<int> closedStreams;         // standard streams, 0 to 2, that it is started without
   std::string inputFile;               // standard input is this file instead
   std::string outputFile;              // standard output goes to this file instead
   // Called once the program runs, with its process identifier; for sending signals.

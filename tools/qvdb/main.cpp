@@ -8,6 +8,7 @@
 #include "qvdb/failure.h"
 #include "qvdb/interrupt.h"
 #include "qvdb/output.h"
+#include "qvdb/standard_streams.h"
 
 namespace {
 
@@ -43,6 +44,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  openMissingStreams();
   catchInterrupts();
   try {
     return run(argc, argv);

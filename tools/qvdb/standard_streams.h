@@ -1,0 +1,14 @@
+// The standard streams that the tool was started without.
+#ifndef QVDB_TOOL_STANDARD_STREAMS_H
+#define QVDB_TOOL_STANDARD_STREAMS_H
+
+namespace qvdb::tool {
+
+// Opens the null device on each standard stream that is closed, as daemons and schedulers leave
+// them, so that no file gets its descriptor. What is printed then goes nowhere; reading standard
+// input fails. To be called before anything else is opened.
+void openMissingStreams();
+
+}  // namespace qvdb::tool
+
+#endif
