@@ -95,9 +95,10 @@ bool syncFolderOf(const std::string& path) {
   return syncAndClose(folder) || errno == EINVAL || errno == ENOTSUP || errno == EACCES;
 }
 
-uint32_t openersOf(int16_t file) {
+uint32_t writersOf(int16_t file) {
   const OpenFile* openFile = findOpenFile(file);
-  return openFile == nullptr ? 0 : openFile->entry->openers;
+  if (openFile == nullptr) return 0;
+  return openFile->entry->sharedOpeners + openFile->entry->exclusiveOpeners;
 }
 
 }  // namespace qvdbase::platform

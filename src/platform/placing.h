@@ -26,8 +26,8 @@ bool syncFileAt(const std::string& path);
 // Waits until the device has the names in the folder of this path, where the host can do that.
 bool syncFolderOf(const std::string& path);
 
-// How often this process has the open file open, under whatever numbers.
-uint32_t openersOf(int16_t file);
+// How often this process has the open file open for writing, under whatever numbers.
+uint32_t writersOf(int16_t file);
 
 }  // namespace qvdbase::platform
 

@@ -23,7 +23,7 @@ constexpr int kStopped = 10;
 RepairOutcome repair(const std::filesystem::path& path, const ProgressFunction& progress) {
   // Held open for the whole time, so that no other writer comes in between.
   const Database held = Database::open(path, Mode::exclusive);
-  if (qvdbase::platform::openersOf(held.handle()) > 1) {
+  if (qvdbase::platform::writersOf(held.handle()) > 1) {
     detail::failOn(path, kOperation, Reason::in_use, "this program has it open in another place");
   }
   const std::vector<QVWCHAR> nativePath = detail::nativePath(path, kOperation);

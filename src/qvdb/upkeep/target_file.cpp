@@ -53,7 +53,7 @@ Database openExclusively(const fs::path& path, const char* operation) {
 
 HeldFile::HeldFile(const fs::path& path, const char* operation)
     : file_(openExclusively(path, operation)) {
-  if (platform::openersOf(file_.handle()) > 1) {
+  if (platform::writersOf(file_.handle()) > 1) {
     failOn(path, operation, Reason::in_use, "this program has it open in another place");
   }
 }
