@@ -33,7 +33,7 @@ constexpr int kNoAccessTime = 0;
 FileEntry* addEntry(const struct stat& status) {
   void* memory = allocate(sizeof(FileEntry));
   if (memory == nullptr) return nullptr;
-  auto* entry = new (memory) FileEntry{};
+  auto* entry = new (memory) FileEntry{};  // marked as this process's
   entry->device = status.st_dev;
   entry->inode = status.st_ino;
   entry->readWrite = -1;
@@ -73,6 +73,11 @@ Sharing strongestNeed(const FileEntry& entry) {
   return entry.sharedOpeners > 0 ? Sharing::shared : Sharing::none;
 }
 
+// Whether another process may hold the lock together with this one, or in its place.
+bool mayBelongToOthers(const FileEntry& entry) {
+  return locksPassToChildren() ? entry.locker.maybeShared() : !entry.locker.isOwn();
+}
+
 bool changeLock(FileEntry* entry, Sharing strength) {
   if (strength == entry->lock) return true;
   if (!setFileLock(entry->readWrite, strength)) return false;
@@ -106,6 +111,7 @@ FileEntry* entryWithDescriptor(const Directory& directory, const EntryName& name
   int& place = writable ? entry->readWrite : entry->readOnly;
   if (place < 0) {
     place = descriptor;
+    if (writable) entry->locker = ProcessMark();
     *added = true;
   } else {
     keepDescriptor(entry, descriptor);
@@ -113,13 +119,69 @@ FileEntry* entryWithDescriptor(const Directory& directory, const EntryName& name
   return entry;
 }
 
-bool admit(FileEntry* entry, Sharing sharing) {
+// Whether the lock is not this process's to rely on for one more opener.
+bool needsLockOfItsOwn(const FileEntry& entry, Sharing sharing) {
+  if (sharing == Sharing::none || !mayBelongToOthers(entry)) return false;
+  return !entry.locker.isOwn() || sharing > entry.lock;
+}
+
+// Opens the entry's file once more, with a lock as strong as its openers need, and puts that in the
+// place of the description that another process may share. It cannot be had while the shared lock
+// is exclusive: whoever holds that excludes this process, too.
+bool reopenWithLock(const Directory& directory, const EntryName& name, const FileEntry& entry) {
+  struct stat status = {};
+  const int descriptor = openRegularFile(directory, name, O_RDWR, &status);
+  if (descriptor < 0) return false;
+  const bool replaced = status.st_dev == entry.device && status.st_ino == entry.inode &&
+                        setFileLock(descriptor, strongestNeed(entry)) &&
+                        systemCalls().replaceDescriptor(descriptor, entry.readWrite) >= 0;
+  closeDescriptor(descriptor);
+  return replaced;
+}
+
+bool takeLockOfItsOwn(const Directory& directory, const EntryName& name, FileEntry* entry) {
+  const Sharing needed = strongestNeed(*entry);
+  const bool taken = locksPassToChildren() ? reopenWithLock(directory, name, *entry)
+                                           : setFileLock(entry->readWrite, needed);
+  if (!taken) return false;
+  entry->lock = needed;
+  entry->locker = ProcessMark();
+  return true;
+}
+
+bool admit(const Directory& directory, const EntryName& name, FileEntry* entry, Sharing sharing) {
   if (sharing == Sharing::exclusive && entry->exclusiveOpeners > 0) return false;
+  if (needsLockOfItsOwn(*entry, sharing) && !takeLockOfItsOwn(directory, name, entry)) return false;
   if (!changeLock(entry, std::max(entry->lock, sharing))) return false;
   ++entry->openers;
   if (sharing == Sharing::shared) ++entry->sharedOpeners;
   if (sharing == Sharing::exclusive) ++entry->exclusiveOpeners;
   return true;
+}
+
+void countOff(FileEntry* entry, Sharing sharing) {
+  --entry->openers;
+  if (sharing == Sharing::shared) --entry->sharedOpeners;
+  if (sharing == Sharing::exclusive) --entry->exclusiveOpeners;
+}
+
+// Lets the lock fall back to what the openers need. One that does not weaken only keeps others out.
+void relaxLock(FileEntry* entry) {
+  if (!mayBelongToOthers(*entry)) changeLock(entry, strongestNeed(*entry));
+}
+
+// Undoes what was done for an opener that is not counted.
+void withdraw(FileEntry* entry, bool added) {
+  if (entry->openers == 0) {
+    removeEntry(entry);
+  } else if (added) {
+    // All who have the file open only read it: the lock can go with the descriptor.
+    closeDescriptor(entry->readWrite);
+    entry->readWrite = -1;
+    entry->lock = Sharing::none;
+  } else {
+    relaxLock(entry);
+  }
 }
 
 }  // namespace
@@ -136,23 +198,15 @@ FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing 
   bool added = false;
   FileEntry* entry = entryWithDescriptor(directory, name, sharing != Sharing::none, &added);
   if (entry == nullptr) return nullptr;
-  if (admit(entry, sharing)) return entry;
-  if (entry->openers == 0) {
-    removeEntry(entry);
-  } else if (added) {
-    // Whoever has the file open only reads it, and holds no lock that closing could drop.
-    closeDescriptor(entry->readWrite);
-    entry->readWrite = -1;
-  }
+  if (admit(directory, name, entry, sharing)) return entry;
+  withdraw(entry, added);
   return nullptr;
 }
 
 bool leaveEntry(FileEntry* entry, Sharing sharing) {
-  --entry->openers;
-  if (sharing == Sharing::shared) --entry->sharedOpeners;
-  if (sharing == Sharing::exclusive) --entry->exclusiveOpeners;
+  countOff(entry, sharing);
   if (entry->openers == 0) return removeEntry(entry);
-  changeLock(entry, strongestNeed(*entry));  // a lock that will not weaken only keeps others out
+  relaxLock(entry);
   return true;
 }
 

@@ -6,6 +6,13 @@
 //   - a plain POSIX lock goes as soon as the process closes any descriptor of the file, so no
 //     descriptor may be closed before the last opener goes.
 // An entry exists exactly as long as it has an opener.
+//
+// After a fork both processes have the entry. Where locks belong to open file descriptions they
+// then hold one lock together, which either could weaken or strengthen for the other; where locks
+// belong to the process, the child holds none. So:
+//   - a lock that may be held together is not weakened: it goes with the last descriptor of both;
+//   - before it would be strengthened, and before a child admits a writer of its own, the entry
+//     gets a new description with a lock of this process alone, or the opener is refused.
 #ifndef QVDBASE_PLATFORM_FILE_ENTRIES_H
 #define QVDBASE_PLATFORM_FILE_ENTRIES_H
 
@@ -14,6 +21,7 @@
 #include <cstdint>
 
 #include "platform/directory.h"
+#include "platform/process_mark.h"
 
 namespace qvdbase::platform {
 
@@ -36,7 +44,8 @@ struct FileEntry {
   uint32_t openers;
   uint32_t sharedOpeners;
   uint32_t exclusiveOpeners;
-  Sharing lock;  // the lock that is held
+  Sharing lock;        // the lock that is held
+  ProcessMark locker;  // who opened readWrite, to which the lock belongs
   FileEntry* next;
 };
 

@@ -5,6 +5,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+
 #include "platform/system_calls.h"
 
 namespace qvdbase::platform {
@@ -12,13 +14,17 @@ namespace qvdbase::platform {
 class ProcessMark {
  public:
   // Made with the object that it marks, in the process that the object belongs to.
-  ProcessMark() : process_(systemCalls().processId()) {}
+  ProcessMark() : process_(systemCalls().processId()), forks_(systemCalls().forkCount()) {}
 
   // Whether this process is the one that made the mark.
   bool isOwn() const { return process_ == systemCalls().processId(); }
 
+  // Whether a child may have got the marked object by fork, or this process is such a child.
+  bool maybeShared() const { return !isOwn() || forks_ != systemCalls().forkCount(); }
+
  private:
   pid_t process_;
+  uint32_t forks_;
 };
 
 }  // namespace qvdbase::platform

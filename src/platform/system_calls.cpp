@@ -5,6 +5,7 @@
 // renaming without replacing; and extended attributes.
 #include "platform/system_calls.h"
 
+#include <pthread.h>
 #include <sys/resource.h>
 #if !defined(QVDBASE_PORTABLE_POSIX) && defined(__linux__)
 #include <sys/syscall.h>
@@ -13,6 +14,7 @@
 #endif
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
@@ -55,6 +57,16 @@ Result noAttributes(Arguments...) {
   return -1;
 }
 #endif
+
+int hostReplaceDescriptor(int from, int descriptor) {
+#if defined(__linux__) && !defined(QVDBASE_PORTABLE_POSIX)
+  return ::dup3(from, descriptor, O_CLOEXEC);
+#else
+  const int result = ::dup2(from, descriptor);
+  if (result >= 0) static_cast<void>(::fcntl(descriptor, F_SETFD, FD_CLOEXEC));
+  return result;
+#endif
+}
 
 // Both move the position of the descriptor, which nothing here goes by.
 off_t hostNextHole(int descriptor, off_t position) {
@@ -99,6 +111,12 @@ uint64_t hostFileSizeLimit() {
   return static_cast<uint64_t>(limit.rlim_cur);
 }
 
+#if defined(F_OFD_SETLK) && !defined(QVDBASE_PORTABLE_POSIX)
+constexpr bool kLocksBelongToDescriptions = true;
+#else
+constexpr bool kLocksBelongToDescriptions = false;
+#endif
+
 int hostSetLock(int descriptor, struct flock* lock) {
 #if defined(F_OFD_SETLK) && !defined(QVDBASE_PORTABLE_POSIX)
   lock->l_pid = 0;  // required by this call
@@ -128,6 +146,19 @@ uint64_t hostMicroseconds() {
          static_cast<uint64_t>(now.tv_nsec) / 1'000u;
 }
 
+std::atomic<uint32_t> forks = 0;
+
+void countFork() {
+  forks.fetch_add(1, std::memory_order_relaxed);
+}
+
+// Counting begins with the first question: before it there is nothing that a child could share.
+uint32_t hostForkCount() {
+  static const int unused = ::pthread_atfork(countFork, nullptr, nullptr);
+  static_cast<void>(unused);
+  return forks.load(std::memory_order_relaxed);
+}
+
 constexpr SystemCalls kHostCalls = {
     .openAt = hostOpenAt,
     .close = ::close,
@@ -151,6 +182,7 @@ constexpr SystemCalls kHostCalls = {
     .writeAttribute = noAttributes<int, int, const char*, const void*, size_t>,
     .removeAttribute = noAttributes<int, int, const char*>,
 #endif
+    .replaceDescriptor = hostReplaceDescriptor,
     .readAt = ::pread,
     .writeAt = ::pwrite,
     .truncate = ::ftruncate,
@@ -167,11 +199,16 @@ constexpr SystemCalls kHostCalls = {
     .allocate = std::malloc,
     .release = std::free,
     .processId = ::getpid,
+    .forkCount = hostForkCount,
 };
 
 }  // namespace
 
 constinit const SystemCalls* detail::currentSystemCalls = &kHostCalls;
+
+bool locksPassToChildren() {
+  return kLocksBelongToDescriptions;
+}
 
 const SystemCalls& hostSystemCalls() {
   return kHostCalls;

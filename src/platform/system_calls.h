@@ -42,6 +42,8 @@ struct SystemCalls {
   ssize_t (*readAttribute)(int descriptor, const char* name, void* value, size_t size);
   int (*writeAttribute)(int descriptor, const char* name, const void* value, size_t size);
   int (*removeAttribute)(int descriptor, const char* name);
+  // Makes the number `descriptor` name what `from` names, in one step; what it named is closed.
+  int (*replaceDescriptor)(int from, int descriptor);
 
   // Contents.
   ssize_t (*readAt)(int descriptor, void* buffer, size_t count, off_t position);
@@ -76,7 +78,14 @@ struct SystemCalls {
 
   // The process.
   pid_t (*processId)();
+  // How often this process has made others by fork, since some fixed moment before the first call.
+  uint32_t (*forkCount)();
 };
+
+// Whether a lock passes to a process made by fork, which shares it with its parent from then on:
+// with the kind of lock that belongs to an open file description, but not with one that belongs to
+// the process.
+bool locksPassToChildren();
 
 // The table whose calls go straight to the host.
 const SystemCalls& hostSystemCalls();

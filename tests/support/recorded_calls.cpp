@@ -25,14 +25,39 @@ std::string lastPart(const char* name) {
 // ---- writes -------------------------------------------------------------------------------------
 
 const char* nameOf(Call call) {
-  static constexpr const char* kNames[] = {
-      "open",       "close",          "status",        "statusAt",       "makeDirectory",
-      "rename",     "link",           "remove",        "changeMode",     "changeOwner",
-      "renameNew",  "listAttributes", "readAttribute", "writeAttribute", "removeAttribute",
-      "read",       "write",          "truncate",      "sync",           "nextHole",
-      "nextStored", "length",         "sizeLimit",     "lock",           "findLock",
-      "time",       "processClock",   "microseconds",  "allocate",       "release",
-      "processId"};
+  static constexpr const char* kNames[] = {"open",
+                                           "close",
+                                           "status",
+                                           "statusAt",
+                                           "makeDirectory",
+                                           "rename",
+                                           "link",
+                                           "remove",
+                                           "changeMode",
+                                           "changeOwner",
+                                           "renameNew",
+                                           "listAttributes",
+                                           "readAttribute",
+                                           "writeAttribute",
+                                           "removeAttribute",
+                                           "replaceDescriptor",
+                                           "read",
+                                           "write",
+                                           "truncate",
+                                           "sync",
+                                           "nextHole",
+                                           "nextStored",
+                                           "length",
+                                           "sizeLimit",
+                                           "lock",
+                                           "findLock",
+                                           "time",
+                                           "processClock",
+                                           "microseconds",
+                                           "allocate",
+                                           "release",
+                                           "processId",
+                                           "forkCount"};
   static_assert(std::size(kNames) == kCallCount);
   return kNames[static_cast<std::size_t>(call)];
 }
@@ -327,6 +352,13 @@ struct RecordedCalls::Calls {
     return result;
   }
 
+  static int replaceDescriptor(int from, int descriptor) {
+    const Verdict verdict = host().begin(Call::replaceDescriptor);
+    const int result = verdict.fails ? -1 : real().replaceDescriptor(from, descriptor);
+    host().note({Call::replaceDescriptor, descriptor, {}, 0, 0, result}, verdict);
+    return result;
+  }
+
   static ssize_t readAt(int descriptor, void* buffer, size_t count, off_t position) {
     const Verdict verdict = host().begin(Call::read, count);
     ssize_t result = -1;
@@ -433,6 +465,11 @@ struct RecordedCalls::Calls {
     return real().processId();
   }
 
+  static uint32_t forkCount() {
+    host().begin(Call::forkCount);
+    return real().forkCount();
+  }
+
   static void* allocate(size_t size) {
     const Verdict verdict = host().begin(Call::allocate, size);
     void* block = verdict.fails ? nullptr : real().allocate(size);
@@ -466,6 +503,7 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.readAttribute = Calls::readAttribute;
   table_.writeAttribute = Calls::writeAttribute;
   table_.removeAttribute = Calls::removeAttribute;
+  table_.replaceDescriptor = Calls::replaceDescriptor;
   table_.readAt = Calls::readAt;
   table_.writeAt = Calls::writeAt;
   table_.truncate = Calls::truncate;
@@ -482,6 +520,7 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.allocate = Calls::allocate;
   table_.release = Calls::release;
   table_.processId = Calls::processId;
+  table_.forkCount = Calls::forkCount;
   g_current = this;
   platform::replaceSystemCalls(&table_);
 }

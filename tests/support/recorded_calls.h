@@ -81,6 +81,7 @@ enum class Call {
   readAttribute,
   writeAttribute,
   removeAttribute,
+  replaceDescriptor,
   read,
   write,
   truncate,
@@ -97,8 +98,9 @@ enum class Call {
   allocate,
   release,
   processId,
+  forkCount,
 };
-inline constexpr std::size_t kCallCount = static_cast<std::size_t>(Call::processId) + 1;
+inline constexpr std::size_t kCallCount = static_cast<std::size_t>(Call::forkCount) + 1;
 
 // A call that the recorder does not know reaches the host unseen, and no test makes it fail.
 static_assert(sizeof(platform::SystemCalls) == kCallCount * sizeof(void (*)()),
@@ -107,18 +109,38 @@ static_assert(sizeof(platform::SystemCalls) == kCallCount * sizeof(void (*)()),
 
 // All kinds that can fail, for tests that go through them.
 inline constexpr Call kFailingCalls[] = {
-    Call::open,          Call::close,          Call::status,
-    Call::statusAt,      Call::makeDirectory,  Call::rename,
-    Call::link,          Call::remove,         Call::changeMode,
-    Call::changeOwner,   Call::renameNew,      Call::listAttributes,
-    Call::readAttribute, Call::writeAttribute, Call::removeAttribute,
-    Call::read,          Call::write,          Call::truncate,
-    Call::sync,          Call::nextHole,       Call::nextStored,
-    Call::length,        Call::lock,           Call::findLock,
-    Call::time,          Call::processClock,   Call::microseconds,
+    Call::open,
+    Call::close,
+    Call::status,
+    Call::statusAt,
+    Call::makeDirectory,
+    Call::rename,
+    Call::link,
+    Call::remove,
+    Call::changeMode,
+    Call::changeOwner,
+    Call::renameNew,
+    Call::listAttributes,
+    Call::readAttribute,
+    Call::writeAttribute,
+    Call::removeAttribute,
+    Call::replaceDescriptor,
+    Call::read,
+    Call::write,
+    Call::truncate,
+    Call::sync,
+    Call::nextHole,
+    Call::nextStored,
+    Call::length,
+    Call::lock,
+    Call::findLock,
+    Call::time,
+    Call::processClock,
+    Call::microseconds,
     Call::allocate,
 };
-inline constexpr Call kNeverFailing[] = {Call::sizeLimit, Call::release, Call::processId};
+inline constexpr Call kNeverFailing[] = {Call::sizeLimit, Call::release, Call::processId,
+                                         Call::forkCount};
 static_assert(std::size(kFailingCalls) + std::size(kNeverFailing) == kCallCount);
 
 // A clock that fails shows some time: nothing fails because of it.
