@@ -9,10 +9,33 @@ namespace {
 
 constexpr mode_t kFileMode = 0666;  // less what the process masks out
 
-// Locking comes first: what another process writes under its lock must not be cut off.
-bool lockAndEmpty(int descriptor) {
-  if (!setFileLock(descriptor, Sharing::exclusive)) return false;
+// Locking comes first: what another process writes under its lock must not be cut off. Then the
+// name is looked at, for a file that another one has replaced is not the one to empty.
+bool lockAndEmpty(const Directory& directory, const EntryName& name, int descriptor,
+                  const struct stat& status, bool* wasReplaced) {
+  const bool isLocked = setFileLock(descriptor, Sharing::exclusive);
+  const NameOf found = lookAtName(directory, name, status.st_dev, status.st_ino);
+  *wasReplaced = found == NameOf::anotherOrNone;
+  if (!isLocked || found != NameOf::thisFile) return false;
   return uninterrupted([&] { return systemCalls().truncate(descriptor, 0); }) == 0;
+}
+
+// One try. *wasReplaced is set when it failed because the name is another file's by now.
+bool tryToEmpty(const Directory& directory, const EntryName& name, bool* wasReplaced) {
+  // Asked before opening: where locks are the process's, closing would drop those of the openers.
+  struct stat status = {};
+  if (!regularFileStatus(directory, name, &status)) return false;
+  if (findEntry(status.st_dev, status.st_ino) != nullptr) return false;
+
+  const int descriptor = openRegularFile(directory, name, O_WRONLY, &status);
+  if (descriptor < 0) return false;
+  if (FileEntry* entry = findEntry(status.st_dev, status.st_ino); entry != nullptr) {
+    keepDescriptor(entry, descriptor);
+    return false;
+  }
+  const bool emptied = lockAndEmpty(directory, name, descriptor, status, wasReplaced);
+  systemCalls().close(descriptor);
+  return emptied;
 }
 
 }  // namespace
@@ -34,20 +57,12 @@ bool createFile(const Directory& directory, const EntryName& name) {
 }
 
 bool emptyFile(const Directory& directory, const EntryName& name) {
-  // Asked before opening: where locks are the process's, closing would drop those of the openers.
-  struct stat status = {};
-  if (!regularFileStatus(directory, name, &status)) return false;
-  if (findEntry(status.st_dev, status.st_ino) != nullptr) return false;
-
-  const int descriptor = openRegularFile(directory, name, O_WRONLY, &status);
-  if (descriptor < 0) return false;
-  if (FileEntry* entry = findEntry(status.st_dev, status.st_ino); entry != nullptr) {
-    keepDescriptor(entry, descriptor);
-    return false;
+  for (int i = 0; i < kOpeningTries; ++i) {
+    bool wasReplaced = false;
+    if (tryToEmpty(directory, name, &wasReplaced)) return true;
+    if (!wasReplaced) return false;
   }
-  const bool emptied = lockAndEmpty(descriptor);
-  systemCalls().close(descriptor);
-  return emptied;
+  return false;
 }
 
 bool isEmptyFile(const Directory& directory, const EntryName& name) {

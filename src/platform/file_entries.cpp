@@ -184,6 +184,22 @@ void withdraw(FileEntry* entry, bool added) {
   }
 }
 
+// One try. *wasReplaced is set when it failed because the name is another file's by now.
+FileEntry* tryToJoin(const Directory& directory, const EntryName& name, Sharing sharing,
+                     bool* wasReplaced) {
+  bool added = false;
+  FileEntry* entry = entryWithDescriptor(directory, name, sharing != Sharing::none, &added);
+  if (entry == nullptr) return nullptr;
+  const bool admitted = admit(directory, name, entry, sharing);
+  if (sharing == Sharing::none && admitted) return entry;
+  const NameOf found = lookAtName(directory, name, entry->device, entry->inode);
+  if (admitted && found == NameOf::thisFile) return entry;
+  *wasReplaced = found == NameOf::anotherOrNone;
+  if (admitted) countOff(entry, sharing);
+  withdraw(entry, added);
+  return nullptr;
+}
+
 }  // namespace
 
 FileEntry* findEntry(dev_t device, ino_t inode) {
@@ -195,12 +211,13 @@ FileEntry* findEntry(dev_t device, ino_t inode) {
 }
 
 FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing sharing) {
-  bool added = false;
-  FileEntry* entry = entryWithDescriptor(directory, name, sharing != Sharing::none, &added);
-  if (entry == nullptr) return nullptr;
-  if (admit(directory, name, entry, sharing)) return entry;
-  withdraw(entry, added);
-  return nullptr;
+  FileEntry* entry = nullptr;
+  for (int i = 0; i < kOpeningTries; ++i) {
+    bool wasReplaced = false;
+    entry = tryToJoin(directory, name, sharing, &wasReplaced);
+    if (!wasReplaced) break;
+  }
+  return entry;
 }
 
 bool leaveEntry(FileEntry* entry, Sharing sharing) {
@@ -221,6 +238,15 @@ bool regularFileStatus(const Directory& directory, const EntryName& name, struct
   if (directory.descriptor() < 0 || !name.isValid()) return false;
   const int result = systemCalls().statusAt(directory.descriptor(), name.bytes(), status, 0);
   return result == 0 && S_ISREG(status->st_mode);
+}
+
+NameOf lookAtName(const Directory& directory, const EntryName& name, dev_t device, ino_t inode) {
+  struct stat status = {};
+  if (systemCalls().statusAt(directory.descriptor(), name.bytes(), &status, 0) != 0) {
+    return errno == ENOENT ? NameOf::anotherOrNone : NameOf::unknown;
+  }
+  const bool isSame = status.st_dev == device && status.st_ino == inode && status.st_nlink > 0;
+  return isSame ? NameOf::thisFile : NameOf::anotherOrNone;
 }
 
 int openRegularFile(const Directory& directory, const EntryName& name, int access,

@@ -53,8 +53,10 @@ struct FileEntry {
 FileEntry* findEntry(dev_t device, ino_t inode);
 
 // Counts one more opener of the regular file `name`, with everything that it needs: the entry, a
-// descriptor (one for writing unless `sharing` is none), the lock. Returns null, and changes
-// nothing, when one of these cannot be had.
+// descriptor (one for writing unless `sharing` is none), the lock. A file that is locked then still
+// is the one of that name: where another has taken its place between opening and locking, the
+// opening begins again, a limited number of times. Returns null, and changes nothing, when one of
+// these cannot be had.
 FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing sharing);
 
 // Counts an opener off. The lock falls back to what the others need; with the last one the entry
@@ -76,6 +78,14 @@ bool regularFileStatus(const Directory& directory, const EntryName& name, struct
 // status. Returns the descriptor or -1.
 int openRegularFile(const Directory& directory, const EntryName& name, int access,
                     struct stat* status);
+
+// Whether `name` still is the name of that file. To be asked while its lock is held: whoever
+// replaces a file by another one holds that lock meanwhile.
+enum class NameOf : uint8_t { thisFile, anotherOrNone, unknown };
+NameOf lookAtName(const Directory& directory, const EntryName& name, dev_t device, ino_t inode);
+
+// How often an opening begins again because the file was replaced meanwhile.
+inline constexpr int kOpeningTries = 100;
 
 // Sets the lock on the whole of a file, or clears it; never waits.
 bool setFileLock(int descriptor, Sharing strength);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <utility>
 
 #include "platform/file_creation.h"
 #include "platform/open_files.h"
@@ -47,19 +48,26 @@ class EntryTest : public testing::Test {
   Directory directory_;
 };
 
-// While this lives, looking at any name tells about the decoy instead.
+// The first look at any name finds the decoy instead, and so does the first one after again().
 class MistakenLook {
  public:
   explicit MistakenLook(const std::filesystem::path& decoy) {
     EXPECT_EQ(::stat(decoy.c_str(), &decoy_), 0);
-    calls_->statusAt = [](int, const char*, struct stat* result, int) {
+    again();
+    calls_->statusAt = [](int directory, const char* name, struct stat* result, int flags) {
+      if (!std::exchange(isMistaken_, false)) {
+        return platform::hostSystemCalls().statusAt(directory, name, result, flags);
+      }
       *result = decoy_;
       return 0;
     };
   }
 
+  static void again() { isMistaken_ = true; }
+
  private:
   inline static struct stat decoy_ = {};
+  inline static bool isMistaken_ = false;
   ReplacedCalls calls_;
 };
 
@@ -157,7 +165,9 @@ TEST_F(EntryTest, KeepsADescriptorThatTurnsOutToBeSurplusUntilItGoes) {
   {
     MistakenLook look(folder_ / "decoy");
     EXPECT_EQ(join(u"f", Sharing::exclusive), nullptr);
+    look.again();
     EXPECT_EQ(join(u"f", Sharing::shared), entry);
+    look.again();
     EXPECT_EQ(join(u"f", Sharing::none), entry);
   }
   EXPECT_EQ(other_.open(folder_.wide("f"), 4), 0);
