@@ -124,25 +124,37 @@ int internal_WriteOneRecordDataInEOF(int16_t db, tablePart1* slot, const unsigne
                                      unsigned char* recordID, int64_t slotPos, uint16_t slotSize,
                                      const unsigned char* payload, uint32_t size, uint32_t reserve,
                                      int64_t* newRecordPos, uint16_t useGivenID) {
-  if (myFileSeek(db, 0, kFromEnd) != 0) return 0;
-  const int64_t blockPos = myGetFilePos(db);
-  if (!writeBlockStart(db, tableID, recordID, useGivenID != 0)) return 0;
-  int64_t prevRecordPos = 0;
-  if (!previousRecord(*slot, &prevRecordPos)) return 0;
-  if (!writeBlockRest(db, prevRecordPos, payload, size, std::max(size, reserve))) return 0;
-  if (prevRecordPos != 0 && !linkBehind(db, prevRecordPos, tableID, blockPos)) return 0;
-
-  // The slot is read afresh only to see that it is still one; what is written is the caller's. A
-  // packed table keeps its source's table-data positions that way.
-  if (!slotIsStillUsed(db, slotPos, slotSize)) return 0;
-  const tablePart1 updated = withRecord(*slot, blockPos);
-  if (!rewriteSlot(db, slotPos, updated)) return 0;
-  *slot = updated;
+  int64_t blockPos = 0;
+  if (!appendRecord(db, slot, tableID, recordID, slotPos, slotSize, payload, size, reserve,
+                    useGivenID != 0, &blockPos)) {
+    return 0;
+  }
   *newRecordPos = blockPos;
   return 1;
 }
 
 namespace qvdbase {
+
+bool appendRecord(int16_t db, tablePart1* slot, const unsigned char* tableID,
+                  unsigned char* recordID, int64_t slotPos, uint16_t slotSize,
+                  const unsigned char* payload, uint32_t size, uint32_t reserve, bool useGivenID,
+                  int64_t* blockPos) {
+  if (myFileSeek(db, 0, kFromEnd) != 0) return false;
+  *blockPos = myGetFilePos(db);
+  if (!writeBlockStart(db, tableID, recordID, useGivenID)) return false;
+  int64_t prevRecordPos = 0;
+  if (!previousRecord(*slot, &prevRecordPos)) return false;
+  if (!writeBlockRest(db, prevRecordPos, payload, size, std::max(size, reserve))) return false;
+  if (prevRecordPos != 0 && !linkBehind(db, prevRecordPos, tableID, *blockPos)) return false;
+
+  // The slot is read afresh only to see that it is still one; what is written is the caller's. A
+  // packed table keeps its source's table-data positions that way.
+  if (!slotIsStillUsed(db, slotPos, slotSize)) return false;
+  const tablePart1 updated = withRecord(*slot, *blockPos);
+  if (!rewriteSlot(db, slotPos, updated)) return false;
+  *slot = updated;
+  return true;
+}
 
 bool chainHeadMatchesCount(const tablePart1& slot) {
   return (slot.firstRecordPos == 0) == (slot.recordCount == 0);

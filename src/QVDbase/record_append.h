@@ -14,7 +14,7 @@ int internal_AddOneRecordData(int16_t db, tablePart1* slot, const unsigned char*
                               uint32_t size, uint32_t reserve, unsigned char* recordID,
                               uint16_t useGivenID);
 
-// Writes a record block at the end of the file, links it behind the slot's last record and rewrites
+// Writes a record block at the end of the file, links it after the slot's last record and rewrites
 // the slot. recordID may be null when useGivenID is 0. Returns 1 with the slot updated and the
 // block's position stored, or 0.
 int internal_WriteOneRecordDataInEOF(int16_t db, tablePart1* slot, const unsigned char* tableID,
@@ -23,6 +23,13 @@ int internal_WriteOneRecordDataInEOF(int16_t db, tablePart1* slot, const unsigne
                                      int64_t* newRecordPos, uint16_t useGivenID);
 
 namespace qvdbase {
+
+// The same, with the block's position stored before anything is written, for callers that take the
+// block back after a failure.
+[[nodiscard]] bool appendRecord(int16_t db, tablePart1* slot, const unsigned char* tableID,
+                                unsigned char* recordID, int64_t slotPos, uint16_t slotSize,
+                                const unsigned char* payload, uint32_t size, uint32_t reserve,
+                                bool useGivenID, int64_t* blockPos);
 
 // Whether the slot's first position and its count agree on there being records.
 bool chainHeadMatchesCount(const tablePart1& slot);

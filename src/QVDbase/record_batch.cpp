@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "QVDbase/position.h"
 #include "QVDbase/record_append.h"
@@ -37,10 +38,6 @@ bool hasSameChain(const tablePart1& now, const tablePart1& then) {
          now.firstRecordPos == then.firstRecordPos && now.lastRecordPos == then.lastRecordPos;
 }
 
-bool endsAt(int16_t db, int64_t position) {
-  return myFileSeek(db, 0, kFromEnd) == 0 && myGetFilePos(db) == position;
-}
-
 }  // namespace
 
 RecordBatch::RecordBatch(int16_t db, const FoundTable& table) : db_(db), table_(table) {}
@@ -55,6 +52,7 @@ bool RecordBatch::begin() {
   if (!piece_) return false;
   if (myFileSeek(db_, 0, kFromEnd) != 0) return false;
   piecePos_ = myGetFilePos(db_);
+  appended_ = {piecePos_, piecePos_};
   failed_ = false;
   return true;
 }
@@ -62,12 +60,26 @@ bool RecordBatch::begin() {
 bool RecordBatch::add(const BatchRecord& record, const unsigned char* payload) {
   const uint32_t capacity = std::max(record.dataLength, record.reserve);
   const int64_t blockSize = int64_t{capacity} + kRecordBlockOverhead;
-  constexpr int64_t kFarthest = std::numeric_limits<int64_t>::max() - 2 * int64_t{kPieceSize};
-  if (failed_ || piecePos_ > kFarthest - blockSize) return false;
-  if (table_.slot.recordCount > UINT32_MAX - added_.count - 1) return false;
+  if (!canAdd(blockSize)) return false;
   if (blockSize > int64_t{kPieceSize} - pieceUsed_ && !writePiece()) return false;
 
-  const int64_t blockPos = piecePos_ + pieceUsed_;
+  recordPart1 header = headerOf(record);
+  header.dataLength = record.dataLength;
+  header.dataCapacity = capacity;
+  if (blockSize > int64_t{kPieceSize}) return writeAlone(header, payload, capacity);
+  unsigned char* data = piece_.data() + pieceUsed_ + record::kData;
+  if (record.dataLength > 0) std::memcpy(data, payload, record.dataLength);
+  completeInPiece(header);
+  return true;
+}
+
+bool RecordBatch::canAdd(int64_t blockSize) const {
+  constexpr int64_t kFarthest = std::numeric_limits<int64_t>::max() - 2 * int64_t{kPieceSize};
+  return !failed_ && !open_.isOpen && piecePos_ <= kFarthest - blockSize &&
+         table_.slot.recordCount <= UINT32_MAX - added_.count - 1;
+}
+
+recordPart1 RecordBatch::headerOf(const BatchRecord& record) const {
   recordPart1 header = {};
   header.blockMark = kRecordMark;
   header.headerSize = kRecordHeaderSize;
@@ -76,29 +88,54 @@ bool RecordBatch::add(const BatchRecord& record, const unsigned char* payload) {
   header.createTime = record.createTime;
   header.modifyTime = record.modifyTime;
   header.prevRecordPos = added_.count == 0 ? table_.slot.lastRecordPos : added_.last;
-  header.dataLength = record.dataLength;
-  header.dataCapacity = capacity;
+  return header;
+}
 
-  if (blockSize > int64_t{kPieceSize}) return writeAlone(header, payload, capacity);
-  if (pieceUsed_ > 0) putNextRecordPos(piece_.data() + lastInPiece_, blockPos);
-  unsigned char* block = piece_.data() + pieceUsed_;
-  encodeRecordHead(header, block);
-  if (record.dataLength > 0) std::memcpy(block + record::kData, payload, record.dataLength);
-  std::memset(block + record::kData + record.dataLength, 0, capacity - record.dataLength);
-  block[record::kData + capacity] = kBlockEndMark;
-
-  lastInPiece_ = pieceUsed_;
-  pieceUsed_ += static_cast<uint32_t>(blockSize);
+void RecordBatch::noteAdded(int64_t blockPos) {
   if (added_.count == 0) added_.first = blockPos;
   added_.last = blockPos;
   added_.count += 1;
-  return true;
+}
+
+// Makes a whole block of the payload that is in its place behind the blocks of the piece.
+void RecordBatch::completeInPiece(const recordPart1& header) {
+  const int64_t blockPos = piecePos_ + pieceUsed_;
+  if (pieceUsed_ > 0) putNextRecordPos(piece_.data() + lastInPiece_, blockPos);
+  unsigned char* block = piece_.data() + pieceUsed_;
+  encodeRecordHead(header, block);
+  std::memset(block + record::kData + header.dataLength, 0,
+              header.dataCapacity - header.dataLength);
+  block[record::kData + header.dataCapacity] = kBlockEndMark;
+  lastInPiece_ = pieceUsed_;
+  pieceUsed_ += static_cast<uint32_t>(kRecordBlockOverhead + header.dataCapacity);
+  noteAdded(blockPos);
+}
+
+bool RecordBatch::writeOut() {
+  return !failed_ && !open_.isOpen && writePiece();
 }
 
 bool RecordBatch::finish() {
+  if (open_.isOpen) return false;
   const bool complete = !failed_ && writePiece();
   const bool takenIn = written_.count == 0 || takeIn();
   return complete && takenIn;
+}
+
+void RecordBatch::discard() {
+  failed_ = true;
+  open_.isOpen = false;
+  pieceUsed_ = 0;
+  if (!isLinked_ && appended_.end > appended_.from) static_cast<void>(takeBack(db_, appended_));
+}
+
+// Whether the file still ends where the next bytes go; so many of them then count as this batch's.
+bool RecordBatch::standsAtEnd(int64_t length) {
+  if (myFileSeek(db_, 0, kFromEnd) != 0) return false;
+  disturbed_ = myGetFilePos(db_) != piecePos_;
+  if (disturbed_) return false;
+  appended_.end = piecePos_ + length;
+  return true;
 }
 
 // Each piece has a scope of its own: that it is with the operating system must be known before it
@@ -109,7 +146,7 @@ bool RecordBatch::writePiece() {
   const uint32_t length = pieceUsed_;
   pieceUsed_ = 0;
   const bool written =
-      endsAt(db_, piecePos_) && writeBytes(db_, piece_.data(), length) && linkToWritten(piecePos_);
+      standsAtEnd(length) && writeBytes(db_, piece_.data(), length) && linkToWritten(piecePos_);
   const bool complete = position.restore(written);
   piecePos_ += length;
   if (complete) written_ = added_;
@@ -125,7 +162,8 @@ bool RecordBatch::writeAlone(const recordPart1& header, const unsigned char* pay
   const uint32_t fill = capacity - header.dataLength;
   unsigned char image[record::kData];
   encodeRecordHead(header, image);
-  const bool written = endsAt(db_, blockPos) && writeBytes(db_, image, record::kData) &&
+  const bool written = standsAtEnd(int64_t{capacity} + kRecordBlockOverhead) &&
+                       writeBytes(db_, image, record::kData) &&
                        writeBytes(db_, payload, header.dataLength) &&
                        (fill == 0 || internal_WriteEmptyDatas(db_, fill) == 1) &&
                        writeUint8(db_, kBlockEndMark) && linkToWritten(blockPos);
@@ -133,9 +171,108 @@ bool RecordBatch::writeAlone(const recordPart1& header, const unsigned char* pay
   piecePos_ += int64_t{capacity} + kRecordBlockOverhead;
   failed_ = !complete;
   if (!complete) return false;
-  added_.first = added_.count == 0 ? blockPos : added_.first;
-  added_.last = blockPos;
-  added_.count += 1;
+  noteAdded(blockPos);
+  written_ = added_;
+  return true;
+}
+
+bool RecordBatch::openRecord(const BatchRecord& record) {
+  if (!canAdd(int64_t{UINT32_MAX} + kRecordBlockOverhead)) return false;
+  if (kPieceSize - pieceUsed_ < record::kData && !writePiece()) return false;
+  open_ = {};
+  open_.isOpen = true;
+  open_.header = headerOf(record);
+  open_.reserve = record.reserve;
+  open_.blockPos = piecePos_ + pieceUsed_;
+  open_.inPiece = record::kData;  // the header is stored last
+  return true;
+}
+
+bool RecordBatch::appendPayload(const unsigned char* bytes, uint32_t count) {
+  if (failed_ || !open_.isOpen || count > UINT32_MAX - open_.length) return false;
+  while (count > 0) {
+    if (open_.isInFile && open_.inPiece == 0 && count >= kPieceSize) {
+      open_.length += count;
+      return writeOpenPart(bytes, count);
+    }
+    if (pieceUsed_ + open_.inPiece == kPieceSize && !makeSpace()) return false;
+    const uint32_t fitting = std::min(count, kPieceSize - pieceUsed_ - open_.inPiece);
+    std::memcpy(piece_.data() + pieceUsed_ + open_.inPiece, bytes, fitting);
+    open_.inPiece += fitting;
+    open_.length += fitting;
+    bytes += fitting;
+    count -= fitting;
+  }
+  return true;
+}
+
+bool RecordBatch::closeRecord() {
+  if (failed_ || !open_.isOpen) return false;
+  const uint32_t capacity = std::max(open_.length, open_.reserve);
+  const int64_t blockSize = int64_t{capacity} + kRecordBlockOverhead;
+  const auto fits = [&] { return blockSize <= int64_t{kPieceSize} - pieceUsed_; };
+  if (!open_.isInFile && !fits() && pieceUsed_ > 0 && !makeSpace()) return false;
+  if (!open_.isInFile && !fits() && !makeSpace()) return false;
+  open_.header.dataLength = open_.length;
+  open_.header.dataCapacity = capacity;
+  open_.isOpen = false;
+  if (open_.isInFile) return closeInFile();
+  completeInPiece(open_.header);
+  return true;
+}
+
+bool RecordBatch::dropRecord() {
+  if (!open_.isOpen) return !failed_;
+  open_.isOpen = false;
+  if (failed_ || !open_.isInFile) return !failed_;
+  failed_ = !takeBack(db_, {open_.blockPos, appended_.end}) || myFileSeek(db_, 0, kFromEnd) != 0;
+  if (failed_) return false;
+  const int64_t end = myGetFilePos(db_);
+  disturbed_ = end != open_.blockPos && end != piecePos_;
+  failed_ = disturbed_;
+  if (!failed_) piecePos_ = appended_.end = end;
+  return !failed_;
+}
+
+// Writes the blocks before the record that is open, or, once there are none, what there is of it.
+bool RecordBatch::makeSpace() {
+  if (const uint32_t before = pieceUsed_; before > 0) {
+    if (!writePiece()) return false;
+    std::memmove(piece_.data(), piece_.data() + before, open_.inPiece);
+    return true;
+  }
+  if (!open_.isInFile) {
+    open_.header.dataLength = open_.header.dataCapacity = UINT32_MAX;
+    encodeRecordHead(open_.header, piece_.data());
+  }
+  open_.isInFile = true;
+  return writeOpenPart(piece_.data(), std::exchange(open_.inPiece, 0));
+}
+
+bool RecordBatch::writeOpenPart(const unsigned char* bytes, uint32_t count) {
+  SavedPosition position(db_);
+  const bool complete = position.restore(standsAtEnd(count) && writeBytes(db_, bytes, count));
+  piecePos_ += count;
+  failed_ = !complete;
+  return complete;
+}
+
+// The lengths follow once all that they count is there.
+bool RecordBatch::closeInFile() {
+  SavedPosition position(db_);
+  const uint32_t rest = std::exchange(open_.inPiece, 0);
+  const uint32_t fill = open_.header.dataCapacity - open_.length;
+  const bool written =
+      standsAtEnd(int64_t{rest} + fill + 1) && writeBytes(db_, piece_.data(), rest) &&
+      (fill == 0 || internal_WriteEmptyDatas(db_, fill) == 1) && writeUint8(db_, kBlockEndMark) &&
+      myFileSeek(db_, open_.blockPos + record::kDataLength, kFromStart) == 0 &&
+      writeUint32(db_, open_.header.dataLength) && writeUint32(db_, open_.header.dataCapacity) &&
+      linkToWritten(open_.blockPos);
+  const bool complete = position.restore(written);
+  piecePos_ += int64_t{rest} + fill + 1;
+  failed_ = !complete;
+  if (!complete) return false;
+  noteAdded(open_.blockPos);
   written_ = added_;
   return true;
 }
@@ -159,11 +296,13 @@ bool RecordBatch::takeIn() {
   if (failed_ && !endsSoundly()) return false;
   tablePart1 slot;
   if (myFileSeek(db_, table_.slotPos, kFromStart) != 0 ||
-      !readUsedSlot(db_, table_.slotSize, &slot) || !hasSameChain(slot, table_.slot)) {
+      !readUsedSlot(db_, table_.slotSize, &slot)) {
     return false;
   }
+  disturbed_ = disturbed_ || !hasSameChain(slot, table_.slot);
+  if (disturbed_ || (slot.recordCount != 0 && !lastRecordIsOpen(db_, slot))) return false;
+  isLinked_ = true;
   if (slot.recordCount != 0) {
-    if (!lastRecordIsOpen(db_, slot)) return false;
     if (!writeLink(db_, slot.lastRecordPos, record::kNextRecordPos, written_.first)) return false;
   }
   if (slot.firstRecordPos == 0) slot.firstRecordPos = written_.first;

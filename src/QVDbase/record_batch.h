@@ -3,13 +3,18 @@
 // The blocks are those that single appends would write, at the same places; what differs is how
 // they get there. They are laid out in memory, linked to each other, and written in large pieces.
 // Then the table's last record is linked to the first of them and the slot is written, once. Until
-// then no reader meets any of them: a batch that is cut off leaves the table as it was, with dead
-// blocks at the end of the file.
+// then no reader reaches any of them: a batch that is cut off leaves the table as it was, with dead
+// blocks at the end of the file, and one that is discarded leaves nothing.
+//
+// A record whose payload is not at hand as a whole is added in pieces. As long as it fits the piece
+// in memory it is like any other; a larger one is written with lengths that reach beyond any file,
+// so that it counts as cut off, and gets its own when all of it is there.
 #pragma once
 
 #include <cstdint>
 
 #include "QVDbase/tables.h"
+#include "QVDbase/take_back.h"
 #include "format/layout.h"
 #include "platform/memory.h"
 
@@ -27,8 +32,7 @@ struct BatchRecord {
 class RecordBatch {
  public:
   // A batch for a table that was found. Nothing else may be appended to the file, and nothing
-  // changed in the table's chain, until it is finished; where that happens all the same, the batch
-  // fails.
+  // changed in the table's chain, until it is finished; where that happens anyway, the batch fails.
   RecordBatch(int16_t db, const FoundTable& table);
   RecordBatch(const RecordBatch&) = delete;
   RecordBatch& operator=(const RecordBatch&) = delete;
@@ -41,11 +45,34 @@ class RecordBatch {
   // still takes in those that are wholly in the file.
   [[nodiscard]] bool add(const BatchRecord& record, const unsigned char* payload);
 
+  // The same for a record in pieces: its header (dataLength does not count), its payload from the
+  // beginning on, as often as wanted, and its end. In between nothing else can be added. False as
+  // for add(), and from appendPayload(), with nothing written, when the payload would reach 2^32
+  // bytes.
+  [[nodiscard]] bool openRecord(const BatchRecord& record);
+  [[nodiscard]] bool appendPayload(const unsigned char* bytes, uint32_t count);
+  [[nodiscard]] bool closeRecord();
+
+  // Gives up the record that is open; the batch goes on without it. False when what was written of
+  // it cannot be taken back: the batch takes no more records then.
+  bool dropRecord();
+
+  // Writes what is still in memory. finish() does that too, but takes in a part when it fails.
+  [[nodiscard]] bool writeOut();
+
   // Writes what is still in memory and takes the records into the table, in the order in which they
-  // were added. True when all of them are in it; taken() tells how many are.
+  // were added. True when all of them are in it; taken() says how many are.
   [[nodiscard]] bool finish();
 
+  // Takes back all that was written, as takeBack() does. To be called instead of finish(), or after
+  // it has failed; no effect once the table's chain has been written to. Leaves the file position
+  // anywhere.
+  void discard();
+
   uint32_t taken() const { return taken_; }
+
+  // Whether it failed because the file or the table was changed by others meanwhile.
+  bool wasDisturbed() const { return disturbed_; }
 
   // The table as it is after finish().
   const FoundTable& table() const { return table_; }
@@ -58,7 +85,26 @@ class RecordBatch {
     uint32_t count = 0;
   };
 
+  // The record that is added in pieces.
+  struct OpenRecord {
+    bool isOpen = false;
+    bool isInFile = false;  // its beginning is; else all of it is in memory
+    recordPart1 header;
+    uint32_t reserve;
+    int64_t blockPos;
+    uint32_t length;   // of the payload so far
+    uint32_t inPiece;  // bytes of it in memory, behind the blocks of the piece
+  };
+
+  [[nodiscard]] bool canAdd(int64_t blockSize) const;
+  [[nodiscard]] recordPart1 headerOf(const BatchRecord& record) const;
+  void noteAdded(int64_t blockPos);
+  void completeInPiece(const recordPart1& header);
+  [[nodiscard]] bool standsAtEnd(int64_t length);
   [[nodiscard]] bool writePiece();
+  [[nodiscard]] bool writeOpenPart(const unsigned char* bytes, uint32_t count);
+  [[nodiscard]] bool makeSpace();
+  [[nodiscard]] bool closeInFile();
   [[nodiscard]] bool writeAlone(const recordPart1& header, const unsigned char* payload,
                                 uint32_t capacity);
   [[nodiscard]] bool linkToWritten(int64_t pieceFirst);
@@ -73,8 +119,12 @@ class RecordBatch {
   int64_t piecePos_ = 0;      // where the piece goes: the end of the file
   Chain added_;
   Chain written_;
+  OpenRecord open_ = {};
+  Appended appended_;  // what this batch has written, or tried to
   uint32_t taken_ = 0;
   bool failed_ = false;
+  bool disturbed_ = false;
+  bool isLinked_ = false;  // the table's chain has been written to, or may have been
 };
 
 }  // namespace qvdbase

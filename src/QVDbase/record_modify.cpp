@@ -92,6 +92,14 @@ bool overwriteRecord(int16_t db, int64_t recordPos, const unsigned char* payload
          writeBytesAfter(db, kOverCapacity, payload, size);
 }
 
+bool overwritePart(int16_t db, int64_t recordPos, uint32_t offset, const unsigned char* bytes,
+                   uint32_t count) {
+  return myFileSeek(db, recordPos + record::kModifyTime, kFromStart) == 0 &&
+         writeUint32(db, platform::secondsSinceEpoch()) &&
+         myFileSeek(db, recordPos + record::kData + offset, kFromStart) == 0 &&
+         writeBytes(db, bytes, count);
+}
+
 bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload, uint32_t size,
                     int64_t* newRecordPos) {
   found->header.modifyTime = platform::secondsSinceEpoch();

@@ -23,4 +23,9 @@ namespace qvdbase {
 [[nodiscard]] bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload,
                                   uint32_t size, int64_t* newRecordPos);
 
+// Writes over part of the payload of a record that was found, and its modifyTime first. The caller
+// has made sure that the record's dataLength covers the part.
+[[nodiscard]] bool overwritePart(int16_t db, int64_t recordPos, uint32_t offset,
+                                 const unsigned char* bytes, uint32_t count);
+
 }  // namespace qvdbase
