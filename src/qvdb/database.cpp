@@ -115,7 +115,9 @@ DatabaseInfo readInfo(const Operation& operation) {
 Database::Database(std::shared_ptr<OpenDatabase> state) noexcept : state_(std::move(state)) {}
 
 Database::~Database() {
-  if (state_ != nullptr && state_->handle != 0) CloseDBase(std::exchange(state_->handle, 0));
+  if (state_ == nullptr || state_->handle == 0) return;
+  state_->discardBulk();
+  CloseDBase(std::exchange(state_->handle, 0));
 }
 
 // What this object held closes here, not when the other one happens to go.
@@ -193,6 +195,7 @@ std::u16string Database::native_path(const std::filesystem::path& path) {
 
 void Database::close() {
   if (!is_open()) return;
+  state_->discardBulk();
   const std::int16_t handle = std::exchange(state_->handle, 0);
   if (CloseDBase(handle) != 0) return;
   constexpr const char* kOperation = "close the database";

@@ -59,6 +59,8 @@ std::string_view to_string(Reason reason) noexcept {
       return "not open";
     case Reason::cancelled:
       return "cancelled";
+    case Reason::appender_open:
+      return "an appender is open";
   }
   return "unknown reason";
 }

@@ -10,11 +10,16 @@
 #include "format/layout.h"
 #include "platform/open_files.h"
 #include "platform/transfer.h"
+#include "qvdb/bulk.h"
 
 namespace qvdb::detail {
 
 OpenDatabase::~OpenDatabase() {
   if (handle != 0) CloseDBase(handle);
+}
+
+void OpenDatabase::discardBulk() noexcept {
+  if (bulk != nullptr) bulk->discard();
 }
 
 Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
@@ -31,6 +36,22 @@ void Operation::requireWritable() const {
   const auto* file = qvdbase::platform::findOpenFile(db());
   if (file == nullptr) fail(Reason::not_open, "its handle was closed by other means");
   if (!file->isWritable()) fail(Reason::read_only, "it was opened for reading only");
+}
+
+void Operation::requireIdentifier(Id record) const {
+  if (record.value == 0) {
+    fail(Reason::bad_argument, "identifier 0 stands for no record; use another, or let it be made");
+  }
+}
+
+void Operation::requireNoBulk() const {
+  if (database_.bulk == nullptr) return;
+  fail(Reason::appender_open,
+       "records are being added to it by an appender or a writer; finish or discard that first");
+}
+
+void Operation::requireNoBulkOf(Id table) const {
+  if (database_.bulk != nullptr && database_.bulk->table == table) requireNoBulk();
 }
 
 qvdbase::DirectoryNumbers Operation::directory() const {

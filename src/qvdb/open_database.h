@@ -17,6 +17,7 @@
 namespace qvdb::detail {
 
 struct TableIndex;
+struct Bulk;
 
 struct OpenDatabase {
   std::int16_t handle = 0;  // 0 once it is closed
@@ -27,8 +28,13 @@ struct OpenDatabase {
   std::uint64_t changes = 0;
   // The indexes of its tables that somebody holds; see table_index.h.
   std::vector<std::weak_ptr<TableIndex>> indexes;
+  // The batch that is open, of an appender or a writer, or null; see bulk.h.
+  Bulk* bulk = nullptr;
 
   ~OpenDatabase();
+
+  // To be called before the handle is closed: the batch that is open is discarded.
+  void discardBulk() noexcept;
 };
 
 // The length of one reading operation: gives the file position back and ends the transfer scope
@@ -60,6 +66,15 @@ class Operation {
 
   // Throws read_only unless the handle may write.
   void requireWritable() const;
+
+  // Throws bad_argument for the identifier of a new record that is 0, which stands for none.
+  void requireIdentifier(Id record) const;
+
+  // Throws appender_open when there is an open batch, for operations that append to the file.
+  void requireNoBulk() const;
+
+  // The same when it is one of this table, for operations that change a table's chain.
+  void requireNoBulkOf(Id table) const;
 
   // Reads the directory numbers. Throws not_a_database, version_out_of_range, directory_damaged or
   // cannot_read.

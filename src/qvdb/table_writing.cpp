@@ -14,6 +14,7 @@
 #include "QVDbase/record_find.h"
 #include "QVDbase/record_modify.h"
 #include "format/identifiers.h"
+#include "qvdb/failed_append.h"
 #include "qvdb/open_database.h"
 #include "qvdb/records.h"
 #include "qvdb/table_index.h"
@@ -25,7 +26,7 @@ using detail::ReadScope;
 
 namespace {
 
-std::uint32_t sizeOf(const Operation& operation, std::span<const std::byte> bytes) {
+std::uint32_t sizeOf(const Operation& operation, ByteView bytes) {
   if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
     operation.fail(Reason::too_large, "it would be " + std::to_string(bytes.size()) +
                                           " bytes, and 4,294,967,295 are the most");
@@ -33,22 +34,9 @@ std::uint32_t sizeOf(const Operation& operation, std::span<const std::byte> byte
   return static_cast<std::uint32_t>(bytes.size());
 }
 
-const unsigned char* bytesOf(std::span<const std::byte> bytes) {
+const unsigned char* bytesOf(ByteView bytes) {
   return reinterpret_cast<const unsigned char*>(bytes.data());
 }
-
-// Puts the file position back after a C function that leaves it somewhere.
-class PositionKeeper {
- public:
-  explicit PositionKeeper(std::int16_t db) : db_(db), position_(myGetFilePos(db)) {}
-  ~PositionKeeper() { myFileSeek(db_, position_, kFromStart); }
-  PositionKeeper(const PositionKeeper&) = delete;
-  PositionKeeper& operator=(const PositionKeeper&) = delete;
-
- private:
-  std::int16_t db_;
-  std::int64_t position_;
-};
 
 // An append failed: the table is gone, its ends contradict its count, its last record is not one or
 // has a successor, or the file cannot be written.
@@ -108,26 +96,33 @@ class WriteScope {
 
 // What AddRecordData does, with the new record's place noted in the table's index.
 Id addRecord(const Operation& operation, detail::OpenDatabase& database, Id table,
-             const NewRecord& record) {
-  const std::uint32_t size = sizeOf(operation, record.payload);
+             std::optional<Id> record, ByteView payload, std::uint32_t reserve) {
+  const std::uint32_t size = sizeOf(operation, payload);
   operation.requireWritable();
+  operation.requireNoBulk();
+  if (record) operation.requireIdentifier(*record);
   unsigned char recordID[qvdbase::kIdentifierSize];
-  if (record.id) internal_ConvertInt64_2UuID(record.id->value, recordID);
+  if (record) internal_ConvertInt64_2UuID(record->value, recordID);
+  std::int64_t blockPos = 0;
+  std::int64_t last = 0;
   {
     WriteScope scope(operation.db());
     qvdbase::FoundTable found = operation.table(table);
+    last = found.slot.lastRecordPos;
     ++database.changes;
     const bool done =
-        internal_AddOneRecordData(operation.db(), &found.slot, found.slot.tableID, found.slotPos,
-                                  found.slotSize, bytesOf(record.payload), size, record.reserve,
-                                  recordID, record.id ? 1 : 0) == 1;
+        qvdbase::chainHeadMatchesCount(found.slot) &&
+        qvdbase::appendRecord(operation.db(), &found.slot, found.slot.tableID, recordID,
+                              found.slotPos, found.slotSize, bytesOf(payload), size, reserve,
+                              record.has_value(), &blockPos);
     if (scope.finish(done)) {
       const Id id{qvdbase::identifierNumber(recordID)};
-      detail::noteAdded(database, found.slot, id, found.slot.lastRecordPos);
+      detail::noteAdded(database, found.slot, id, blockPos);
       return id;
     }
   }
-  failedAppend(operation, table, std::max(size, record.reserve));
+  detail::takeBackBlock(operation, table, blockPos, {{last, qvdbase::record::kNextRecordPos}});
+  failedAppend(operation, table, std::max(size, reserve));
 }
 
 // Makes sure that the record's table has been read, for the changes that need more of it than its
@@ -136,27 +131,49 @@ void needTable(const Operation& operation, Id table, qvdbase::FoundRecord* found
   if (found->table.slotSize == 0) found->table = operation.table(table);
 }
 
-// What ModifyRecordData does behind its search.
+// A record that moves to a new block, and its neighbours.
+struct Move {
+  std::int64_t newPosition = 0;  // 0: it does not move
+  std::int64_t previous = 0;
+  std::int64_t next = 0;
+};
+
+// What ModifyRecordData does after its search.
 bool changePayload(const Operation& operation, detail::OpenDatabase& database, Id table,
-                   qvdbase::FoundRecord* found, std::span<const std::byte> payload) {
+                   qvdbase::FoundRecord* found, ByteView payload, Move* move) {
   const auto size = static_cast<std::uint32_t>(payload.size());
   ++database.changes;
   if (size <= found->header.dataCapacity) {
     return qvdbase::overwriteRecord(operation.db(), found->recordPos, bytesOf(payload), size);
   }
+  operation.requireNoBulk();
   needTable(operation, table, found);
-  std::int64_t newPosition = 0;
   const Id record{qvdbase::identifierNumber(found->header.recordID)};
-  if (!qvdbase::relocateRecord(operation.db(), found, bytesOf(payload), size, &newPosition)) {
+  move->previous = found->header.prevRecordPos;
+  move->next = found->header.nextRecordPos;
+  if (!qvdbase::relocateRecord(operation.db(), found, bytesOf(payload), size, &move->newPosition)) {
     return false;
   }
-  detail::noteMoved(database, found->table.slot, record, newPosition);
+  detail::noteMoved(database, found->table.slot, record, move->newPosition);
   return true;
 }
 
-// What DeleteOneRecord does behind its search.
+bool changePart(const Operation& operation, detail::OpenDatabase& database,
+                const qvdbase::FoundRecord& found, std::uint64_t offset, ByteView bytes) {
+  const std::uint32_t size = found.header.dataLength;
+  if (offset > size || bytes.size() > size - offset) {
+    operation.fail(Reason::bad_argument, "it would end beyond the " + std::to_string(size) +
+                                             " bytes that the record has");
+  }
+  ++database.changes;
+  return qvdbase::overwritePart(operation.db(), found.recordPos, static_cast<std::uint32_t>(offset),
+                                bytesOf(bytes), static_cast<std::uint32_t>(bytes.size()));
+}
+
+// What DeleteOneRecord does after its search.
 bool unlink(const Operation& operation, detail::OpenDatabase& database, Id table,
             qvdbase::FoundRecord* found) {
+  operation.requireNoBulkOf(table);
   needTable(operation, table, found);
   ++database.changes;
   if (!qvdbase::unlinkRecord(operation.db(), found)) return false;
@@ -207,132 +224,172 @@ Changed changeByIndex(const Operation& operation, detail::OpenDatabase& database
   return Changed::failed;
 }
 
-}  // namespace
-
-Id Table::add(std::span<const std::byte> payload, std::uint32_t reserve) {
-  const Operation operation(database_, "add a record");
-  return addRecord(operation, *database_, id_, NewRecord(payload, reserve));
-}
-
-void Table::add_with_id(Id record, std::span<const std::byte> payload, std::uint32_t reserve) {
-  const Operation operation(database_, "add a record");
-  addRecord(operation, *database_, id_, NewRecord(payload, reserve, record));
-}
-
-bool Table::modify(Id record, std::span<const std::byte> payload) {
-  const Operation operation(database_, "change the record");
-  const std::uint32_t size = sizeOf(operation, payload);
-  if (size == 0) {
-    operation.fail(Reason::empty_payload, "a record cannot be changed to hold nothing; delete it");
+// Changes a record by walking to it.
+template <typename Change>
+Changed changeByWalk(const Operation& operation, Id table, Id record, const Change& change) {
+  WriteScope scope(operation.db());
+  qvdbase::FoundRecord found;
+  if (!qvdbase::findRecord(operation.db(), table.value, record.value, &found)) {
+    return Changed::unknown;
   }
-  operation.requireWritable();
-  const Changed changed =
-      changeByIndex(operation, *database_, id_, record, [&](qvdbase::FoundRecord* found) {
-        return changePayload(operation, *database_, id_, found, payload);
-      });
-  if (isDecided(changed)) return changed == Changed::done;
-  if (changed == Changed::unknown) {
-    PositionKeeper position(operation.db());
-    ++database_->changes;
-    if (ModifyRecordData(operation.db(), id_.value, bytesOf(payload), size, record.value,
-                         nullptr) == 1) {
-      return true;
-    }
-  }
-  return failedChange(operation, record, size);
+  return scope.finish(change(&found)) ? Changed::done : Changed::failed;
 }
 
-bool Table::touch(Id record) {
-  const Operation operation(database_, "touch the record");
-  operation.requireWritable();
-  const Changed changed =
-      changeByIndex(operation, *database_, id_, record,
-                    [&](qvdbase::FoundRecord* found) { return touchRecord(operation, *found); });
-  if (isDecided(changed)) return changed == Changed::done;
-  if (changed == Changed::unknown &&
-      ModifyOneRecordInfo_LMTime(operation.db(), id_.value, record.value) == 1) {
-    return true;
-  }
-  return failedTouch(operation, record);
+// Changes a record on the shortest way there is: one that was found before, or one by identifier.
+template <typename Change>
+Changed changeOne(const Operation& operation, detail::OpenDatabase& database, Id table, Id record,
+                  const Change& change) {
+  const Changed changed = changeByIndex(operation, database, table, record, change);
+  return changed == Changed::unknown ? changeByWalk(operation, table, record, change) : changed;
 }
 
-bool Table::remove(Id record) {
-  const Operation operation(database_, "delete the record");
-  operation.requireWritable();
-  const Changed changed = changeByIndex(
-      operation, *database_, id_, record,
-      [&](qvdbase::FoundRecord* found) { return unlink(operation, *database_, id_, found); });
-  if (isDecided(changed)) return changed == Changed::done;
-  if (changed == Changed::unknown) {
-    ++database_->changes;
-    if (DeleteOneRecord(operation.db(), id_.value, record.value, nullptr) == 1) return true;
-  }
-  return failedChange(operation, record, 0);
+template <typename Change>
+Changed changeOne(const Operation& operation, detail::OpenDatabase& database, Id table,
+                  const Record& record, const Change& change) {
+  const Changed changed = changeAt(operation, table, record, change);
+  if (changed != Changed::unknown) return changed;
+  return changeOne(operation, database, table, record.id(), change);
 }
 
-bool Table::modify(const Record& record, std::span<const std::byte> payload) {
-  const Operation operation(database_, "change the record");
-  if (sizeOf(operation, payload) == 0) return modify(record.id(), payload);
-  operation.requireWritable();
-  const Changed changed = changeAt(operation, id_, record, [&](qvdbase::FoundRecord* found) {
-    return changePayload(operation, *database_, id_, found, payload);
-  });
-  if (changed == Changed::unknown) return modify(record.id(), payload);
-  return changed == Changed::done || failedChange(operation, record.id(), payload.size());
+Id idOf(Id record) {
+  return record;
+}
+Id idOf(const Record& record) {
+  return record.id();
 }
 
-bool Table::touch(const Record& record) {
-  const Operation operation(database_, "touch the record");
-  operation.requireWritable();
-  const Changed changed = changeAt(operation, id_, record, [&](qvdbase::FoundRecord* found) {
-    return touchRecord(operation, *found);
-  });
-  if (changed == Changed::unknown) return touch(record.id());
-  return changed == Changed::done || failedTouch(operation, record.id());
-}
-
-bool Table::remove(const Record& record) {
-  const Operation operation(database_, "delete the record");
-  operation.requireWritable();
-  const Changed changed = changeAt(operation, id_, record, [&](qvdbase::FoundRecord* found) {
-    return unlink(operation, *database_, id_, found);
-  });
-  if (changed == Changed::unknown) return remove(record.id());
-  return changed == Changed::done || failedChange(operation, record.id(), 0);
-}
-
-// False when the record is not there. Else its neighbours, or the file, must have refused.
-bool Table::failedChange(const detail::Operation& operation, Id id, std::uint64_t size) const {
-  const std::optional<Record> found = find(id);
+// False when the record is not there. Else its neighbours, or the file, must have refused. `size`
+// is what was to be written, at least.
+bool failedChange(const Operation& operation, const Table& table, Id id, std::uint64_t size,
+                  bool isDeletion) {
+  const std::optional<Record> found = table.find(id);
   if (!found) return false;
-  const Record& record = *found;
   ReadScope scope(operation.db());
-  const tablePart1 slot = operation.table(id_).slot;
+  const tablePart1 slot = operation.table(table.id()).slot;
   recordPart1 header;
-  const std::int64_t position = record.info().position;
+  const std::int64_t position = found->info().position;
   if (!qvdbase::readRecordHeaderAt(operation.db(), position, slot.tableID, &header) ||
       !detail::standsInChain(operation.db(), slot, header, position)) {
-    operation.fail(
-        Reason::chain_damaged,
-        "the chain of table '" + name_ + "' is damaged beside record " + to_string(record.id()));
+    operation.fail(Reason::chain_damaged, "the chain of table '" + table.name() +
+                                              "' is damaged beside record " + to_string(id));
   }
-  if (size == 0 && slot.recordCount == 1 && slot.firstRecordPos != slot.lastRecordPos) {
+  if (isDeletion && slot.recordCount == 1 && slot.firstRecordPos != slot.lastRecordPos) {
     operation.fail(Reason::chain_damaged,
-                   "the ends of the chain of table '" + name_ + "' contradict its count");
+                   "the ends of the chain of table '" + table.name() + "' contradict its count");
   }
-  operation.failedWrite(size + qvdbase::kRecordBlockOverhead);
+  operation.failedWrite(size);
 }
 
-bool Table::failedTouch(const detail::Operation& operation, Id record) const {
-  if (!find(record)) return false;
+// The four changes, each for a record that was found before and for one by identifier.
+template <typename Whom>
+bool modifyOne(const Operation& operation, detail::OpenDatabase& database, const Table& table,
+               const Whom& record, ByteView payload) {
+  const std::uint32_t size = sizeOf(operation, payload);
+  operation.requireWritable();
+  Move move;
+  const Changed changed =
+      changeOne(operation, database, table.id(), record, [&](qvdbase::FoundRecord* found) {
+        return changePayload(operation, database, table.id(), found, payload, &move);
+      });
+  if (isDecided(changed)) return changed == Changed::done;
+  detail::takeBackBlock(operation, table.id(), move.newPosition,
+                        {{move.previous, qvdbase::record::kNextRecordPos},
+                         {move.next, qvdbase::record::kPrevRecordPos}});
+  return failedChange(operation, table, idOf(record), size + qvdbase::kRecordBlockOverhead, false);
+}
+
+template <typename Whom>
+bool writeOne(const Operation& operation, detail::OpenDatabase& database, const Table& table,
+              const Whom& record, std::uint64_t offset, ByteView bytes) {
+  operation.requireWritable();
+  const Changed changed =
+      changeOne(operation, database, table.id(), record, [&](qvdbase::FoundRecord* found) {
+        return changePart(operation, database, *found, offset, bytes);
+      });
+  if (isDecided(changed)) return changed == Changed::done;
+  return failedChange(operation, table, idOf(record), 0, false);
+}
+
+template <typename Whom>
+bool touchOne(const Operation& operation, detail::OpenDatabase& database, const Table& table,
+              const Whom& record) {
+  operation.requireWritable();
+  const Changed changed =
+      changeOne(operation, database, table.id(), record,
+                [&](qvdbase::FoundRecord* found) { return touchRecord(operation, *found); });
+  if (isDecided(changed)) return changed == Changed::done;
+  if (!table.find(idOf(record))) return false;
   operation.failedWrite(0);
 }
 
-void Table::set_data(std::span<const std::byte> data, std::uint32_t reserve) {
+template <typename Whom>
+bool removeOne(const Operation& operation, detail::OpenDatabase& database, const Table& table,
+               const Whom& record) {
+  operation.requireWritable();
+  const Changed changed = changeOne(
+      operation, database, table.id(), record,
+      [&](qvdbase::FoundRecord* found) { return unlink(operation, database, table.id(), found); });
+  if (isDecided(changed)) return changed == Changed::done;
+  return failedChange(operation, table, idOf(record), 0, true);
+}
+
+constexpr const char* kAdd = "add a record";
+constexpr const char* kChange = "change the record";
+constexpr const char* kTouch = "touch the record";
+constexpr const char* kDelete = "delete the record";
+
+}  // namespace
+
+Id Table::add(ByteView payload, std::uint32_t reserve) {
+  const Operation operation(database_, kAdd);
+  return addRecord(operation, *database_, id_, std::nullopt, payload, reserve);
+}
+
+void Table::add_with_id(Id record, ByteView payload, std::uint32_t reserve) {
+  const Operation operation(database_, kAdd);
+  addRecord(operation, *database_, id_, record, payload, reserve);
+}
+
+bool Table::modify(Id record, ByteView payload) {
+  return modifyOne(Operation(database_, kChange), *database_, *this, record, payload);
+}
+
+bool Table::modify(const Record& record, ByteView payload) {
+  return modifyOne(Operation(database_, kChange), *database_, *this, record, payload);
+}
+
+bool Table::write(Id record, std::uint64_t offset, ByteView bytes) {
+  return writeOne(Operation(database_, kChange), *database_, *this, record, offset, bytes);
+}
+
+bool Table::write(const Record& record, std::uint64_t offset, ByteView bytes) {
+  return writeOne(Operation(database_, kChange), *database_, *this, record, offset, bytes);
+}
+
+bool Table::touch(Id record) {
+  return touchOne(Operation(database_, kTouch), *database_, *this, record);
+}
+
+bool Table::touch(const Record& record) {
+  return touchOne(Operation(database_, kTouch), *database_, *this, record);
+}
+
+bool Table::remove(Id record) {
+  return removeOne(Operation(database_, kDelete), *database_, *this, record);
+}
+
+bool Table::remove(const Record& record) {
+  return removeOne(Operation(database_, kDelete), *database_, *this, record);
+}
+
+void Table::set_data(ByteView data, std::uint32_t reserve) {
   const Operation operation(database_, "set the table's data");
   const std::uint32_t size = sizeOf(operation, data);
   operation.requireWritable();
+  operation.requireNoBulk();
+  const auto end = static_cast<std::int64_t>(operation.fileLength());
   if (SetTableData(operation.db(), id_.value, bytesOf(data), size, reserve) == 1) return;
+  detail::takeBackBlock(operation, id_, end);
   static_cast<void>(data_size());
   operation.failedWrite(std::max(size, reserve) + qvdbase::kTableDataBlockOverhead);
 }

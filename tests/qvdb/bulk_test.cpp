@@ -8,6 +8,7 @@
 namespace qvdbase::test {
 namespace {
 
+using qvdb::Database;
 using qvdb::Id;
 using qvdb::NewRecord;
 using qvdb::Reason;
@@ -48,11 +49,129 @@ TEST_F(LayerBulk, ShowsNothingBeforeItIsFinished) {
   expectError(Reason::bad_argument, [&] { bulk.add(span(bytesOf("b"))); });
 }
 
-TEST_F(LayerBulk, IsFinishedByItsEnd) {
-  auto database = createDatabase();
-  auto table = database.add_table("t");
-  { table.appender().add(span(bytesOf("a"))); }
-  EXPECT_EQ(table.count(), 1u);
+// What the database holds before the batch begins, to be found again byte for byte after it.
+class DiscardedBatches : public LayerTest {
+ protected:
+  void SetUp() override {
+    LayerTest::SetUp();
+    database = createDatabase();
+    table = database.add_table("t");
+    table->add(span(bytesOf("before")));
+    database.add_table("other").add(span(bytesOf("elsewhere")));
+  }
+
+  // 700 records in three pieces, of which two are in the file.
+  static void fill(qvdb::BulkAppender& bulk) {
+    for (int i = 0; i < 700; ++i) bulk.add(span(Bytes(1000, 'x')));
+  }
+
+  // Neither a check nor a salvage finds anything but the two records.
+  void expectNothingToSalvage() {
+    database.close();
+    EXPECT_EQ(qvdb::check(path()).state, qvdb::CheckState::sound);
+    qvdb::SalvageOptions everything;
+    everything.deleted = true;
+    everything.versions = true;
+    everything.orphans = true;
+    EXPECT_EQ(qvdb::salvage(path(), path("saved.qvd"), {}, everything).records_written, 2u);
+  }
+
+  qvdb::Database database;
+  std::optional<qvdb::Table> table;
+};
+
+TEST_F(DiscardedBatches, LeaveTheFileAsItWas) {
+  expectUnchanged([&] {
+    auto bulk = table->appender();
+    fill(bulk);
+    EXPECT_GT(fileSize(), 500'000u);
+  });
+  EXPECT_EQ(table->count(), 1u);
+  expectNothingToSalvage();
+}
+
+TEST_F(DiscardedBatches, AreThoseThatAnExceptionLeaves) {
+  expectUnchanged([&] {
+    EXPECT_THROW(
+        {
+          auto bulk = table->appender();
+          fill(bulk);
+          throw std::runtime_error("enough");
+        },
+        std::runtime_error);
+  });
+}
+
+TEST_F(DiscardedBatches, AreThoseWhoseDatabaseIsClosed) {
+  const Bytes before = contents();
+  auto bulk = table->appender();
+  fill(bulk);
+  database.close();
+  EXPECT_TRUE(sameBytes(contents(), before));
+  expectError(Reason::not_open, [&] { bulk.finish(); });
+}
+
+TEST_F(DiscardedBatches, AreThoseWhoseAppenderIsAssignedTo) {
+  const Bytes before = contents();
+  auto elsewhere = Database::create(path("elsewhere.qvd"));
+  auto bulk = table->appender();
+  fill(bulk);
+  bulk = elsewhere.add_table("t").appender();
+  EXPECT_TRUE(sameBytes(contents(), before));
+  table->add(span(bytesOf("again")));
+}
+
+// A record that was added past the layer stays; the zeros over the batch are bytes of no block.
+TEST_F(DiscardedBatches, AreOverwrittenWhenSomethingElseWasAppended) {
+  expectDamage(kDefaultFile, {"S5"});
+  const std::size_t before = fileSize();
+  {
+    auto bulk = table->appender();
+    fill(bulk);
+    const std::size_t end = fileSize();
+    addRecord(database.handle(), table->id().value, bytesOf("past the layer"));
+    EXPECT_GT(fileSize(), end);
+  }
+  EXPECT_EQ(table->count(), 2u);
+  database.close();
+  const Bytes file = contents();
+  const std::size_t kept = fileSize() - (14 + 56);
+  EXPECT_EQ(file.at(before, kept - before), Bytes(kept - before));
+  EXPECT_EQ(qvdb::salvage(path(), path("saved.qvd")).records_written, 3u);
+}
+
+TEST_F(DiscardedBatches, AreOverwrittenWhereOtherProcessesMayWrite) {
+  expectDamage(kDefaultFile, {"S5"});
+  database.close();
+  const Bytes before = contents();
+  {
+    auto shared = openDatabase(qvdb::Mode::shared);
+    auto notes = shared.table("t");
+    auto bulk = notes.appender();
+    fill(bulk);
+  }
+  const Bytes after = contents();
+  EXPECT_EQ(after.at(0, before.size()), before);
+  EXPECT_EQ(after.at(before.size(), after.size() - before.size()),
+            Bytes(after.size() - before.size()));
+}
+
+TEST_F(DiscardedBatches, AreThoseThatCannotBeWritten) {
+  for (const std::size_t space : {100'000u, 300'000u, 650'000u}) {
+    expectUnchanged([&] {
+      RecordedCalls host;
+      host.fullAfter(space);
+      auto bulk = table->appender();
+      expectError(Reason::cannot_write, [&] {
+        fill(bulk);
+        bulk.finish();
+      });
+      EXPECT_EQ(bulk.taken(), 0u);
+      expectError(Reason::bad_argument, [&] { bulk.add(span(bytesOf("more"))); });
+      expectError(Reason::bad_argument, [&] { bulk.finish(); });
+    });
+  }
+  table->add(span(bytesOf("after")));
 }
 
 // Records 1 and 2, and a third that cannot be had.
@@ -83,21 +202,77 @@ struct ThrowingRange {
   Bytes payload;
 };
 
-TEST_F(LayerBulk, OfARangeThatThrowsKeepsWhatCameBefore) {
+TEST_F(LayerBulk, OfARangeThatThrowsKeepsNothing) {
   auto database = createDatabase();
   auto table = database.add_table("t");
-  EXPECT_THROW(table.append_all(ThrowingRange{bytesOf("p")}), std::runtime_error);
-  EXPECT_EQ(idsOf(table), (std::vector<uint64_t>{1, 2}));
+  expectUnchanged(
+      [&] { EXPECT_THROW(table.append_all(ThrowingRange{bytesOf("p")}), std::runtime_error); });
+  EXPECT_EQ(idsOf(table), (std::vector<uint64_t>{}));
 }
 
-TEST_F(LayerBulk, NoticesThatSomebodyElseAppended) {
+// What would disturb an open batch is refused before anything is written, and the batch goes on.
+TEST_F(LayerBulk, RefusesCallsThatWouldDisturbIt) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  auto other = database.add_table("other");
+  const Id id = table.add(span(bytesOf("abc")));
+  const Id elsewhere = other.add(span(bytesOf("abc")), 10);
+  const Bytes larger(100, 'l');
+  const auto refused = [&](auto operation) { expectError(Reason::appender_open, operation); };
+  auto bulk = table.appender();
+  bulk.add(span(bytesOf("first")));
+  expectUnchanged([&] {
+    for (qvdb::Table* each : {&table, &other}) {
+      refused([&] { each->add(span(bytesOf("x"))); });
+      refused([&] { each->add_with_id(Id{7}, span(bytesOf("x"))); });
+      refused([&] { each->set_data(span(bytesOf("x"))); });
+      refused([&] { each->appender(); });
+      refused([&] { each->writer(); });
+      refused([&] { each->append_all(std::vector<Bytes>{bytesOf("x")}); });
+    }
+    refused([&] { table.modify(id, span(larger)); });
+    refused([&] { table.modify(*table.find(id), span(larger)); });
+    refused([&] { other.modify(elsewhere, span(larger)); });
+    refused([&] { table.remove(id); });
+    refused([&] { table.remove(*table.find(id)); });
+    const qvdb::RecordIndex index = table.index();
+    refused([&] { table.modify(id, span(larger)); });
+    refused([&] { table.remove(id); });
+  });
+  EXPECT_TRUE(table.modify(id, span(bytesOf("xyz"))));
+  EXPECT_TRUE(table.touch(id));
+  EXPECT_TRUE(other.modify(elsewhere, span(bytesOf("in place"))));
+  EXPECT_TRUE(other.remove(elsewhere));
+  database.add_table("third");
+  bulk.add(span(bytesOf("second")));
+  EXPECT_EQ(bulk.finish(), 2u);
+  EXPECT_EQ(table.count(), 3u);
+  table.add(span(larger));
+  EXPECT_TRUE(table.remove(id));
+}
+
+TEST_F(LayerBulk, NoticesWhatWasAppendedPastTheLayer) {
   auto database = createDatabase();
   auto table = database.add_table("t");
   auto bulk = table.appender();
   bulk.add(span(bytesOf("lost")));
-  const Id id = table.add(span(bytesOf("kept")));
-  expectError(Reason::cannot_write, [&] { bulk.finish(); });
-  EXPECT_EQ(idsOf(table), (std::vector<uint64_t>{id.value}));
+  const uint64_t id = addRecord(database.handle(), table.id().value, bytesOf("kept"));
+  const std::string message = expectError(Reason::cannot_write, [&] { bulk.finish(); });
+  EXPECT_NE(message.find("past this layer"), std::string::npos) << message;
+  EXPECT_EQ(idsOf(table), (std::vector<uint64_t>{id}));
+}
+
+TEST_F(LayerBulk, RefusesIdentifierZero) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  auto bulk = table.appender();
+  expectError(Reason::bad_argument, [&] { bulk.add(NewRecord(span(bytesOf("a")), 0, Id{0})); });
+  bulk.add(span(bytesOf("b")));
+  EXPECT_EQ(bulk.finish(), 1u);
+  expectUnchanged([&] {
+    expectError(Reason::bad_argument, [&] { table.add_with_id(Id{0}, span(bytesOf("a"))); });
+    expectError(Reason::bad_argument, [&] { table.writer(0, Id{0}); });
+  });
 }
 
 TEST_F(LayerBulk, LeavesTheFilePositionWhereItWas) {

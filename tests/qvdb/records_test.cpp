@@ -103,14 +103,19 @@ TEST_F(LayerRecords, AreChangedInPlaceOrMoved) {
   EXPECT_FALSE(table.modify(qvdb::Id{1}, span(pattern(60))));
 }
 
-TEST_F(LayerRecords, CannotBeChangedToHoldNothing) {
+TEST_F(LayerRecords, CanBeChangedToHoldNothing) {
   auto database = createDatabase();
   auto table = database.add_table("notes");
-  const qvdb::Id id = table.add(span(bytesOf("x")));
-  expectUnchanged([&] {
-    expectError(Reason::empty_payload, [&] { table.modify(id, {}); });
-    expectError(Reason::empty_payload, [&] { table.modify(*table.find(id), {}); });
-  });
+  const qvdb::Id first = table.add(span(bytesOf("abc")));
+  const qvdb::Id second = table.add(span(bytesOf("de")));
+  EXPECT_TRUE(table.modify(first, {}));
+  EXPECT_TRUE(table.modify(*table.find(second), {}));
+  for (const qvdb::Id id : {first, second}) {
+    EXPECT_EQ(bytes(table.get(id)), Bytes());
+    EXPECT_EQ(table.find(id)->size(), 0u);
+  }
+  EXPECT_EQ(table.find(first)->info().capacity, 3u);
+  EXPECT_FALSE(table.modify(qvdb::Id{1}, {}));
 }
 
 TEST_F(LayerRecords, FoundBeforeAreChangedTouchedAndDeletedWhereTheyLie) {

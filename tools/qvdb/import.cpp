@@ -50,7 +50,9 @@ class Importer {
 
  private:
   static constexpr std::size_t kNew = ~std::size_t{0};
-  static constexpr std::size_t kBatch = 1024;  // files that a kill can lose at most
+  // What a kill, or a write that fails, can lose at most: files, and bytes.
+  static constexpr std::size_t kBatch = 1024;
+  static constexpr std::size_t kBatchBytes = std::size_t{1} << 20;
 
   void loadRecords();
   void storeNames();
@@ -73,6 +75,7 @@ class Importer {
   std::vector<std::size_t> places_;         // of each file in names_, or kNew
   std::size_t hadNames_ = 0;
   std::optional<BulkAppender> bulk_;
+  std::size_t batchBytes_ = 0;      // in it
   std::vector<std::size_t> batch_;  // the files, by their place in the tree, that are in bulk_
   std::vector<std::byte> buffer_;
   std::uint64_t files_ = 0;
@@ -186,8 +189,9 @@ std::size_t Importer::firstNotStored(std::size_t current) {
 void Importer::append(Id record, std::size_t place) {
   if (!bulk_) bulk_ = table_.appender();
   batch_.push_back(place);
+  batchBytes_ += buffer_.size();
   bulk_->add(NewRecord(buffer_, 0, record));
-  if (batch_.size() == kBatch) finishBatch();
+  if (batch_.size() == kBatch || batchBytes_ >= kBatchBytes) finishBatch();
 }
 
 // To be called before anything else is changed in the table, too.
@@ -195,6 +199,7 @@ void Importer::finishBatch() {
   if (bulk_) bulk_->finish();
   bulk_.reset();
   batch_.clear();
+  batchBytes_ = 0;
 }
 
 void Importer::store(const FoundFile& found, std::size_t place) {

@@ -3,7 +3,9 @@
 #define QVDBASE_QVDB_BULK_HPP
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/bytes.hpp>
 #include <qvdbase/qvdb/id.hpp>
+#include <qvdbase/qvdb/writer.hpp>
 
 #include <concepts>
 #include <cstddef>
@@ -11,51 +13,70 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <utility>
 
 namespace qvdb {
 
-namespace detail {
-struct OpenDatabase;
-struct Bulk;
-}  // namespace detail
-
-// A record that is to be added. Bytes turn into one by themselves.
+// A record that is to be added. Bytes and text turn into one by themselves; they are the caller's,
+// who keeps them until the record has been added.
 struct NewRecord {
-  template <std::convertible_to<std::span<const std::byte>> Bytes>
-  NewRecord(const Bytes& bytes, std::uint32_t room = 0, std::optional<Id> identifier = std::nullopt)
-      : payload(bytes), reserve(room), id(identifier) {}
+  template <std::convertible_to<ByteView> Bytes>
+  NewRecord(Bytes&& bytes, std::uint32_t spare = 0, std::optional<Id> identifier = std::nullopt)
+      : payload(ByteView(std::forward<Bytes>(bytes)).span()), reserve(spare), id(identifier) {}
 
   std::span<const std::byte> payload;
-  std::uint32_t reserve;  // the record has room for the larger of reserve and its payload
+  std::uint32_t reserve;  // the record has capacity for the larger of reserve and its payload
   std::optional<Id> id;   // nothing: a new one. Nothing checks whether the table has it already
 };
 
-// Adds records behind the last one of a table. Their blocks are gathered in memory (256 KiB) and
+// Adds records after the last one of a table. Their blocks are gathered in memory (256 KiB) and
 // written in large pieces; the table takes them in all at once, when finish() is called. The file
 // is then the same as if they had been added one by one.
-//
-// Until finish() no reader sees any of the records, and a process that is killed has added none of
-// them. Meanwhile nothing else may be added to the database and nothing changed in this table: the
-// appender would notice and fail. Reading is fine.
 //
 //   qvdb::BulkAppender bulk = table.appender();
 //   for (...) bulk.add(payload);
 //   bulk.finish();
+//
+// Until finish() no reader sees any of the records, and a process that is killed has added none of
+// them. An appender that ends without finish(), as it does when an exception leaves its block, or
+// whose database is closed before, discards them: the file is cut back to where the batch began,
+// and nothing of them can be salvaged. Where the file cannot be cut, because the database is open
+// in Mode::shared or because something was appended past this layer, zeros are written over them.
+//
+// From its making to its end the appender is the open batch of its database, of which there is one
+// at most. Calls that would disturb it throw Error appender_open at once, before anything is
+// written: those that add a record or set table data anywhere in the database, those that open
+// another appender or writer, a change by which a record of any table has to move, and a deletion
+// from this table. Reading, changes in place, deletions from other tables and new tables are fine.
+// Changes past this layer, through the C functions or by another program, cannot be refused: the
+// batch notices them when it next writes, and is discarded.
 class QVDBASE_API BulkAppender {
  public:
   BulkAppender(BulkAppender&&) noexcept;
-  BulkAppender& operator=(BulkAppender&&) noexcept;
-  // Finishes, if that has not been done; a failure goes unnoticed then. In a child that got the
-  // appender by fork it does nothing: the batch is still the parent's.
-  ~BulkAppender();
+  BulkAppender& operator=(BulkAppender&&) noexcept;  // what this one had open is discarded
+  ~BulkAppender();                                   // discards, unless finish() was called
 
-  // Adds a record and returns its identifier. Throws Error as Table::add() does. When the file
-  // cannot be written, those records are taken in that are wholly in the file, in order, and the
-  // appender takes no more.
+  // Adds a record to the batch and returns its identifier.
+  //
+  // Throws Error: too_large for a payload of 2^32 bytes or more (the batch can go on); bad_argument
+  // when the batch was finished or discarded; appender_open while a writer of this appender is
+  // open; not_open. When the file cannot be written, or was changed past this layer, it throws
+  // disk_full or cannot_write, and the batch is discarded.
   Id add(const NewRecord& record);
 
-  // Takes the records into the table; the appender takes no more after that. Returns how many there
-  // are in this batch. Throws Error as add() does.
+  // Adds a record whose payload is written in pieces. Until the writer is finished or discarded the
+  // appender takes nothing else. Throws as add() does.
+  //
+  // reserve  capacity to keep for later growth; the record has the larger of this and its size
+  // record   its identifier; nothing: a new one
+  RecordWriter writer(std::uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
+
+  // Takes the records into the table, all of them or, when it throws, none; the appender takes no
+  // more after that. Returns how many there are in this batch. Throws Error as add() does. A second
+  // call returns the same number again.
+  //
+  // A failure to write the last few bytes, the link to the batch and the table's entry, can leave
+  // the link there without the entry: qvdb::check() reports that.
   std::uint32_t finish();
 
   // How many records of the batch are in the table: 0 before finish().
@@ -63,9 +84,9 @@ class QVDBASE_API BulkAppender {
 
  private:
   friend class Table;
-  BulkAppender(std::shared_ptr<detail::OpenDatabase> database, Id table);
+  explicit BulkAppender(std::shared_ptr<detail::Bulk> bulk);
 
-  std::unique_ptr<detail::Bulk> bulk_;
+  std::shared_ptr<detail::Bulk> bulk_;
 };
 
 }  // namespace qvdb

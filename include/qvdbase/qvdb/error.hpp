@@ -51,6 +51,8 @@ enum class Reason {
 
   not_open,   // the database was closed
   cancelled,  // the caller's progress function asked to stop
+
+  appender_open,  // an appender or a writer is open, and this would disturb it: finish it first
 };
 
 // The reason in a few words, for example "no such file".

@@ -4,9 +4,11 @@
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/bulk.hpp>
+#include <qvdbase/qvdb/bytes.hpp>
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/index.hpp>
 #include <qvdbase/qvdb/record.hpp>
+#include <qvdbase/qvdb/writer.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -18,10 +20,6 @@
 #include <vector>
 
 namespace qvdb {
-
-namespace detail {
-class Operation;
-}
 
 // What a table's slot in the directory tells.
 struct TableInfo {
@@ -77,23 +75,35 @@ class QVDBASE_API Table {
 
   // ---- Writing records
 
-  // Adds a record behind the last one and returns its new identifier.
+  // Adds a record after the last one and returns its new identifier.
   //
-  // reserve  room to keep for later growth; the record has room for the larger of both
+  // payload  bytes or text, as ByteView takes them
+  // reserve  capacity to keep for later growth, in bytes; the record has the larger of both
   //
   // Throws too_large for a payload of 2^32 bytes or more; chain_damaged when the table's last
-  // record cannot be linked to. The record is then not in the table.
-  Id add(std::span<const std::byte> payload, std::uint32_t reserve = 0);
+  // record cannot be linked to; appender_open. The record is then not in the table, and a database
+  // that is open exclusively has its length from before: a full disk does not get fuller.
+  Id add(ByteView payload, std::uint32_t reserve = 0);
 
-  // The same under a given identifier. Nothing checks whether the table has it already.
-  void add_with_id(Id record, std::span<const std::byte> payload, std::uint32_t reserve = 0);
+  // The same under a given identifier. Nothing checks whether the table has it already. Throws
+  // bad_argument, too, for identifier 0, which stands for no record.
+  void add_with_id(Id record, ByteView payload, std::uint32_t reserve = 0);
 
-  // Adds many records: gathers them and writes them in large pieces. See BulkAppender.
+  // Adds a record whose payload comes in pieces, of any number and size. See RecordWriter.
+  //
+  // reserve  as for add()
+  // record   the new record's identifier; nothing: a new one
+  //
+  // Throws as add() and add_with_id().
+  RecordWriter writer(std::uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
+
+  // Adds many records: gathers them and writes them in large pieces. See BulkAppender. Throws
+  // chain_damaged when the table's last record cannot be linked to; appender_open.
   BulkAppender appender();
 
-  // The same for all of a range, whose elements are, or turn into, NewRecord: byte vectors, spans
-  // of bytes, ... Returns how many there were. Throws as BulkAppender does; when the range itself
-  // throws, the records before that are added.
+  // The same for all of a range, whose elements are, or turn into, NewRecord: byte vectors,
+  // strings, spans of bytes, ... Returns how many there were. Adds all of them or none: none when
+  // one cannot be written, which throws as BulkAppender does, nor when the range itself throws.
   template <std::ranges::input_range Range>
   requires std::convertible_to<std::ranges::range_reference_t<Range>, NewRecord> std::uint32_t
   append_all(Range&& records) {
@@ -108,24 +118,33 @@ class QVDBASE_API Table {
   RecordIndex index() const;
 
   // Replaces a record's payload and sets its time of last modification. A payload that fits the
-  // record's room is written over the old one, a larger one goes to a new block without spare room.
-  // Returns false when there is no such record.
+  // record's capacity, an empty one always, is written over the old one; a larger one goes to a new
+  // block without spare capacity. Returns false when there is no such record.
   //
-  // Throws empty_payload, too_large, and chain_damaged when the record cannot be reached or its
-  // neighbours cannot be linked to a new block.
-  bool modify(Id record, std::span<const std::byte> payload);
+  // Throws too_large; chain_damaged when the record cannot be reached or its neighbours cannot be
+  // linked to a new block; appender_open when it would need a new block.
+  bool modify(Id record, ByteView payload);
+
+  // Writes over a part of a record's payload, from byte `offset` of it on, and sets its time of
+  // last modification. The payload keeps its size. Returns false when there is no such record.
+  //
+  // Throws bad_argument, with nothing written, when offset + bytes.size() is beyond the payload's
+  // present size; chain_damaged when the record cannot be reached.
+  bool write(Id record, std::uint64_t offset, ByteView bytes);
 
   // Sets a record's time of last modification to now. False when there is no such record.
   bool touch(Id record);
 
   // Takes a record out of the table. Its bytes stay in the file until the database is packed. False
-  // when there is no such record. Throws chain_damaged when its neighbours cannot be linked.
+  // when there is no such record. Throws chain_damaged when its neighbours cannot be linked;
+  // appender_open while records are being added to this table.
   bool remove(Id record);
 
   // The same for a record that was found before, in constant time: where it was found is looked at,
   // and only if it is not there, or its neighbours do not point to it, it is searched by its
   // identifier.
-  bool modify(const Record& record, std::span<const std::byte> payload);
+  bool modify(const Record& record, ByteView payload);
+  bool write(const Record& record, std::uint64_t offset, ByteView bytes);
   bool touch(const Record& record);
   bool remove(const Record& record);
 
@@ -141,15 +160,13 @@ class QVDBASE_API Table {
   // Reads part of the data, as Record::read() does. 0 when the table has none.
   std::size_t read_data(std::uint64_t offset, std::span<std::byte> buffer) const;
 
-  // Stores data: over the present block when that has room, else in a new block with room for the
-  // larger of size and reserve. Throws too_large.
-  void set_data(std::span<const std::byte> data, std::uint32_t reserve = 0);
+  // Stores data: over the present block when that has the capacity, else in a new block with
+  // capacity for the larger of size and reserve. Throws too_large; appender_open.
+  void set_data(ByteView data, std::uint32_t reserve = 0);
 
  private:
   friend class Database;
   Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name);
-  bool failedChange(const detail::Operation& operation, Id record, std::uint64_t size) const;
-  bool failedTouch(const detail::Operation& operation, Id record) const;
 
   std::shared_ptr<detail::OpenDatabase> database_;
   Id id_;

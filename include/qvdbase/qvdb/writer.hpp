@@ -1,0 +1,78 @@
+// qvdb::RecordWriter: a new record whose payload comes in pieces.
+#ifndef QVDBASE_QVDB_WRITER_HPP
+#define QVDBASE_QVDB_WRITER_HPP
+
+#include <qvdbase/base.h>
+#include <qvdbase/qvdb/bytes.hpp>
+#include <qvdbase/qvdb/id.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+namespace qvdb {
+
+namespace detail {
+struct Bulk;
+}
+
+// Writes a new record whose payload does not have to be in memory as a whole, nor its size known
+// beforehand. Whatever the size, the writer takes 256 KiB of memory.
+//
+//   qvdb::RecordWriter writer = table.writer();
+//   while (const std::size_t count = read(buffer)) writer.write(std::span(buffer).first(count));
+//   const qvdb::Id id = writer.finish();
+//
+// Until finish() no reader sees the record; it is then as if it had been added whole. A writer that
+// ends without it discards what it has written: the file is cut back to where it was. Where that is
+// not possible, because the database is open in Mode::shared or because something was appended past
+// this layer, zeros are written over it. A process that is killed leaves the beginning of a block
+// at the end of the file, to which nothing leads.
+//
+// From its making to its end the writer is an open batch: see BulkAppender for what cannot be done
+// to the database meanwhile.
+class QVDBASE_API RecordWriter {
+ public:
+  RecordWriter(RecordWriter&&) noexcept;
+  RecordWriter& operator=(RecordWriter&&) noexcept;  // what this one had open is discarded
+  ~RecordWriter();                                   // discards, unless finish() was called
+
+  // The identifier that the record will have.
+  Id id() const noexcept { return id_; }
+
+  // The bytes written so far.
+  std::uint32_t size() const noexcept { return size_; }
+
+  // Adds bytes to the end of the payload, any number of them.
+  //
+  // Throws Error: too_large when the payload would have 2^32 bytes or more (nothing of these bytes
+  // is written then, and the writer can go on); bad_argument when the writer was finished or
+  // discarded; not_open. When the file cannot be written, or was changed past this layer, it throws
+  // disk_full or cannot_write, and everything is discarded: the record, and with it the batch of
+  // the appender that the writer comes from.
+  void write(ByteView bytes);
+
+  // Completes the record and returns its identifier. A writer of a table puts it into the table;
+  // one of an appender adds it to the batch. Throws as write() does; chain_damaged never, since the
+  // end of the chain was looked at when the writer was made.
+  Id finish();
+
+  // Gives the record up. An appender's batch goes on without it. No effect after finish().
+  void discard() noexcept;
+
+ private:
+  friend class Table;
+  friend class BulkAppender;
+  RecordWriter(std::shared_ptr<detail::Bulk> bulk, std::uint32_t reserve, std::optional<Id> record,
+               bool isAlone);
+  void requireOpen() const;
+
+  std::shared_ptr<detail::Bulk> bulk_;
+  Id id_;
+  std::uint32_t size_ = 0;
+  bool isAlone_;  // the record is all of its batch
+};
+
+}  // namespace qvdb
+
+#endif

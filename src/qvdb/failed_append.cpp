@@ -1,0 +1,45 @@
+// What an append that failed has left at the end of the file.
+#include "qvdb/failed_append.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "QVDbase/take_back.h"
+#include "format/fields.h"
+
+namespace qvdb::detail {
+namespace {
+
+bool slotLeadsTo(const tablePart1& slot, std::int64_t blockPos) {
+  const std::int64_t positions[] = {slot.firstRecordPos,       slot.lastRecordPos,
+                                    slot.lastWrittenRecordPos, slot.firstDataPos,
+                                    slot.lastWrittenDataPos,   slot.lastDataPos};
+  return std::any_of(std::begin(positions), std::end(positions),
+                     [blockPos](std::int64_t position) { return position >= blockPos; });
+}
+
+// A link that cannot be read may be the one.
+bool mayLeadTo(std::int16_t db, const LinkPlace& link, std::int64_t blockPos) {
+  std::int64_t position = 0;
+  if (link.recordPos == 0) return false;
+  return myFileSeek(db, link.recordPos + link.offset, kFromStart) != 0 ||
+         !qvdbase::readInt64(db, &position) || position == blockPos;
+}
+
+}  // namespace
+
+void takeBackBlock(const Operation& operation, Id table, std::int64_t blockPos,
+                   std::initializer_list<LinkPlace> links) {
+  if (blockPos == 0) return;
+  ReadScope scope(operation.db());
+  qvdbase::FoundTable found;
+  if (!qvdbase::findTable(operation.db(), table.value, &found)) return;
+  if (slotLeadsTo(found.slot, blockPos)) return;
+  for (const LinkPlace& link : links) {
+    if (mayLeadTo(operation.db(), link, blockPos)) return;
+  }
+  // The handle is exclusive, or nothing is cut: whatever lies there was appended by this call.
+  qvdbase::cutBack(operation.db(), {blockPos, std::numeric_limits<std::int64_t>::max()});
+}
+
+}  // namespace qvdb::detail
