@@ -1,0 +1,251 @@
+// Failing calls to the host under the commands of the tool that store files, write them back and
+// rewrite databases: each call of each kind fails once, fails from then on, or moves only a part of
+// its bytes. The commands run in this process. Whatever happens,
+//
+//   - a command that reports success has had its whole effect;
+//   - one that does not ends with a message, not with an exception of another kind;
+//   - what it only reads is as it was, and every record that was there before can still be had;
+//   - a file under the name that was asked for is whole;
+//   - no file of the library stays open.
+//
+// And the same commands in a process that is killed at each of their calls: no record is missing,
+// and no file that is not whole has the name that was asked for.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <qvdbase/qvdb.hpp>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "proof/failures.h"
+#include "qvdb/command_line.h"
+#include "qvdb/failure.h"
+#include "qvdb/output.h"
+#include "salvage/salvage_kit.h"
+#include "support/temp_folder.h"
+
+namespace qvdbase::test {
+namespace {
+
+namespace fs = std::filesystem;
+using Files = std::map<std::string, Bytes>;
+
+struct ToolCall {
+  const char* name;
+  std::vector<std::string> words;  // "@" stands for the folder of the test
+  bool changesDatabase = false;    // full.qvd; else it is as it was
+  const char* product = nullptr;   // what it makes: a file, or a folder of files
+  std::set<Call> passesOver = {};  // failures that it goes on without, as is stated of it
+};
+
+std::vector<ToolCall> toolCalls() {
+  return {
+      {"Import", {"import", "@/full.qvd", "more", "@/in/"}, true},
+      {"ImportReplacing", {"import", "--replace", "@/full.qvd", "photos", "@/changed/"}, true},
+      {"Export", {"export", "@/full.qvd", "photos", "@/out"}, false, "out"},
+      {"Put", {"put", "@/full.qvd", "photos", "@/in/b"}, true},
+      {"Remove", {"rm", "@/full.qvd", "photos", "a.txt"}, true},
+      {"Compact", {"compact", "@/full.qvd"}, true},
+      {"CompactToAnother", {"compact", "@/full.qvd", "@/new.qvd"}, false, "new.qvd"},
+  };
+}
+
+// Runs a command as main() does, without its output. Returns its exit status.
+int runCommand(const fs::path& folder, const std::vector<std::string>& words,
+               std::string* message) {
+  std::vector<std::string> all = {"qvdb"};
+  for (std::string word : words) {
+    if (word.starts_with('@')) word.replace(0, 1, folder.native());
+    all.push_back(std::move(word));
+  }
+  std::vector<const char*> pointers;
+  for (const std::string& word : all) pointers.push_back(word.c_str());
+  int status = qvdb::tool::kFailed;
+  try {
+    const auto action =
+        qvdb::tool::readCommandLine(static_cast<int>(pointers.size()), pointers.data());
+    status = action ? (*action)() : qvdb::tool::kDone;
+  } catch (const qvdb::tool::Failure& failure) {
+    *message = failure.what();
+    status = failure.status();
+  } catch (const qvdb::Error& error) {
+    *message = error.what();
+  } catch (const std::bad_alloc&) {
+    *message = "there is not enough memory";
+  }
+  qvdb::tool::discardOutput();
+  return status;
+}
+
+class FailingToolCalls : public testing::TestWithParam<ToolCall> {
+ protected:
+  struct Attempt {
+    bool succeeded = false;
+    bool failed = false;  // something was made to fail
+    std::string message;
+    Files files;
+  };
+
+  void SetUp() override {
+    fs::create_directories(folder / "in/sub");
+    fs::create_directories(folder / "changed");
+    writeFile(folder / "in/a.txt", bytesOf("text\n"));
+    writeFile(folder / "in/b", pattern(70'000));
+    writeFile(folder / "in/sub/c", bytesOf("c"));
+    writeFile(folder / "changed/a.txt", pattern(900, 4));
+    std::string message;
+    ASSERT_EQ(runCommand(folder.path(), {"create", "@/full.qvd"}, &message), 0) << message;
+    ASSERT_EQ(runCommand(folder.path(), {"import", "@/full.qvd", "photos", "@/in/"}, &message), 0)
+        << message;
+    full_ = readFile(folder / "full.qvd");
+    ASSERT_EQ(takenRecords(full_).size(), 3u);
+  }
+
+  void reset() {
+    for (const auto& each : fs::directory_iterator(folder.path())) {
+      const fs::path name = each.path().filename();
+      if (name != "in" && name != "changed") fs::remove_all(each.path());
+    }
+    writeFile(folder / "full.qvd", full_);
+  }
+
+  // Identifiers and times are the same in each attempt.
+  static void stopClocks(RecordedCalls& host) {
+    host.setTime(5000);
+    host.setMicroseconds(6000);
+    std::srand(1);
+  }
+
+  Attempt attempt(const Failure* failure, int skip) {
+    reset();
+    RecordedCalls host;
+    stopClocks(host);
+    if (failure != nullptr) failure->plan(host, skip);
+    Attempt result;
+    const int status = runCommand(folder.path(), GetParam().words, &result.message);
+    result.succeeded = status == 0;
+    result.failed = failure != nullptr && host.failed();
+    host.heal();
+    EXPECT_EQ(host.openDescriptors(), 0u);
+    host.releaseBlocks();
+    result.files = filesNow();
+    return result;
+  }
+
+  // Runs the command in a process that ends at the call after `skip` others. Returns whether it
+  // did.
+  bool killAfter(int skip) {
+    reset();
+    const pid_t child = ::fork();
+    if (child == 0) {
+      RecordedCalls host;
+      stopClocks(host);
+      int left = skip;
+      host.observe([&](Call) {
+        if (left-- == 0) ::kill(::getpid(), SIGKILL);
+      });
+      std::string message;
+      ::_exit(runCommand(folder.path(), GetParam().words, &message));
+    }
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0);
+    return WIFSIGNALED(status);
+  }
+
+  Files filesNow() const {
+    Files result;
+    for (const auto& each : fs::recursive_directory_iterator(folder.path())) {
+      if (!each.is_regular_file()) continue;
+      result[fs::relative(each.path(), folder.path()).native()] = readFile(each.path());
+    }
+    return result;
+  }
+
+  // The file that was asked for, or those in the folder that was, are whole.
+  void expectWholeProducts(const Attempt& outcome, const Attempt& whole) {
+    if (GetParam().product == nullptr) return;
+    const std::string product = GetParam().product;
+    for (const auto& [name, bytes] : whole.files) {
+      if (name != product && !name.starts_with(product + "/")) continue;
+      const auto is = outcome.files.find(name);
+      if (is == outcome.files.end()) {
+        EXPECT_FALSE(outcome.succeeded) << name << " is not there";
+      } else {
+        EXPECT_TRUE(sameBytes(is->second, bytes)) << name << ": " << outcome.message;
+      }
+    }
+  }
+
+  void expectRecordsKept(const Attempt& outcome) {
+    const auto is = outcome.files.find("full.qvd");
+    ASSERT_NE(is, outcome.files.end()) << outcome.message;
+    if (!GetParam().changesDatabase) {
+      EXPECT_TRUE(sameBytes(is->second, full_)) << outcome.message;
+      return;
+    }
+    const auto found = takenRecords(is->second, {.deleted = true});
+    for (const auto& [key, bytes] : takenRecords(full_)) {
+      const auto place = found.find(key);
+      ASSERT_NE(place, found.end()) << "record " << key.second << ": " << outcome.message;
+      const bool isReplaced = std::string(GetParam().name) == "ImportReplacing";
+      EXPECT_TRUE(isReplaced || place->second == bytes) << "record " << key.second;
+    }
+  }
+
+  TempFolder folder;
+  Bytes full_;
+};
+
+TEST_P(FailingToolCalls, EndInAMessageOrInFullSuccess) {
+  const Attempt whole = attempt(nullptr, 0);
+  ASSERT_TRUE(whole.succeeded) << whole.message;
+  const std::uint64_t attempts = tryAllFailures(
+      2, [&](const Failure* failure, int skip) { return attempt(failure, skip); },
+      [&](const Failure& failure, const Attempt& outcome) {
+        EXPECT_TRUE(outcome.succeeded || !outcome.message.empty());
+        expectRecordsKept(outcome);
+        if (isClock(failure.kind) || GetParam().passesOver.contains(failure.kind)) return;
+        expectWholeProducts(outcome, whole);
+        if (!outcome.succeeded) return;
+        for (const auto& [name, bytes] : whole.files) {
+          const auto is = outcome.files.find(name);
+          ASSERT_NE(is, outcome.files.end()) << name;
+          EXPECT_TRUE(sameBytes(is->second, bytes)) << name;
+        }
+      });
+  tellCount("failing calls, failures under the tool", attempts);
+}
+
+TEST_P(FailingToolCalls, LoseNothingWhenTheirProcessIsKilled) {
+  const Attempt whole = attempt(nullptr, 0);
+  ASSERT_TRUE(whole.succeeded) << whole.message;
+  std::uint64_t kills = 0;
+  for (int skip = 0; killAfter(skip); skip += testEverything() ? 1 : 1 + skip / 10) {
+    SCOPED_TRACE("killed after " + std::to_string(skip) + " calls");
+    ++kills;
+    const Attempt outcome{.message = "killed", .files = filesNow()};
+    expectRecordsKept(outcome);
+    expectWholeProducts(outcome, whole);
+    if (HasFailure()) return;
+  }
+  tellCount("killed commands of the tool", kills);
+}
+
+std::string nameOfToolCall(const testing::TestParamInfo<ToolCall>& info) {
+  return info.param.name;
+}
+
+void PrintTo(const ToolCall& call, std::ostream* out) {
+  *out << call.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, FailingToolCalls, testing::ValuesIn(toolCalls()), nameOfToolCall);
+
+}  // namespace
+}  // namespace qvdbase::test
