@@ -1,9 +1,13 @@
 // qvdb::pack, renumber and repair: the library's operations, with reasons and without half-made
 // files.
+#include <pthread.h>
+
 #include <algorithm>
+#include <functional>
 
 #include "qvdb/layer_fixture.h"
 #include "support/maintenance_fixture.h"
+#include "support/reaching_writes.h"
 
 namespace qvdbase::test {
 namespace {
@@ -125,6 +129,36 @@ TEST_F(WholeFile, ExceptionsOfProgressFunctionsComeOutWhole) {
   EXPECT_THROW(renumber(path(kSource), path(kTarget), throwing), Mine);
   EXPECT_THROW(repair(path(kSource), throwing), Mine);
   EXPECT_EQ(names(), std::vector<std::string>{kSource});
+}
+
+TEST_F(WholeFile, LetTheCancellationOfTheirThreadPass) {
+  putSource(withCategory({0xA0}));
+  const auto cancelling = [](int) -> bool {
+    pthread_cancel(pthread_self());
+    pthread_testcancel();
+    return true;
+  };
+  const std::function<void()> operations[] = {
+      [&] { pack(path(kSource), path(kTarget), cancelling); },
+      [&] { renumber(path(kSource), path(kTarget), cancelling); },
+      [&] { repair(path(kSource), cancelling); },
+  };
+  for (const std::function<void()>& operation : operations) {
+    const auto start = [](void* run) -> void* {
+      (*static_cast<const std::function<void()>*>(run))();
+      return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, start,
+                             const_cast<void*>(static_cast<const void*>(&operation))),
+              0);
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(names(), std::vector<std::string>{kSource});
+    expectWritesReachTheFile();
+    qvdb::Database::open(path(kSource), qvdb::Mode::exclusive);  // nobody has it open
+  }
 }
 
 TEST_F(WholeFile, AnOperationCanRunInsideTheProgressFunctionOfAnother) {

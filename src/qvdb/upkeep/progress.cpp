@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "platform/thread_cancelled.h"
+
 namespace qvdb::detail {
 namespace {
 
@@ -22,12 +24,14 @@ void Reporter::listen() {
   isListening_ = true;
 }
 
-bool Reporter::report(int percent) noexcept {
+bool Reporter::report(int percent) {
   if (stops_) return false;
   highest_ = std::clamp(percent, std::max(highest_, 0), 100);
   if (!function_) return true;
   try {
     stops_ = !function_(highest_);
+  } catch (qvdbase::platform::ThreadCancelled&) {
+    throw;
   } catch (...) {
     exception_ = std::current_exception();
     stops_ = true;
@@ -40,11 +44,11 @@ bool Reporter::wantsToStop() const {
   return stops_;
 }
 
-std::uint16_t Reporter::packProgress(int, int percent, void*) noexcept {
+std::uint16_t Reporter::packProgress(int, int percent, void*) {
   return listener->report(percent) ? 1 : 0;
 }
 
-std::uint16_t Reporter::repairProgress(int percent, int, void*) noexcept {
+std::uint16_t Reporter::repairProgress(int percent, int, void*) {
   return listener->report(percent) ? 1 : 0;
 }
 

@@ -16,8 +16,9 @@ class Reporter {
   Reporter(const Reporter&) = delete;
   Reporter& operator=(const Reporter&) = delete;
 
-  // Calls the function. False when the operation is to stop; it may not be called again then.
-  bool report(int percent) noexcept;
+  // Calls the function. False when the operation is to stop; it may not be called again then. Keeps
+  // what the function throws; only the cancellation of its thread passes.
+  bool report(int percent);
 
   // Rethrows what the function threw; otherwise tells whether it asked to stop.
   bool wantsToStop() const;
@@ -25,8 +26,8 @@ class Reporter {
   // The progress functions to hand to the C functions. Packs call with the percent second, and the
   // first of them without any argument that could lead here: it finds the reporter that was made
   // last, which is why there is one at a time.
-  static std::uint16_t packProgress(int userData, int percent, void* unused) noexcept;
-  static std::uint16_t repairProgress(int percent, int userData, void* unused) noexcept;
+  static std::uint16_t packProgress(int userData, int percent, void* unused);
+  static std::uint16_t repairProgress(int percent, int userData, void* unused);
 
   // Makes this the reporter that the two functions above find.
   void listen();
