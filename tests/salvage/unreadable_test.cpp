@@ -2,6 +2,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
+
+#include "qvdb/raw/window.h"
 #include "salvage/salvage_kit.h"
 #include "support/file_image.h"
 #include "support/replaced_calls.h"
@@ -71,6 +74,27 @@ class Unreadable : public testing::Test {
 
   TempFolder folder;
 };
+
+// A device that gives all the bytes that it is asked for, or none.
+class AllOrNothing : public raw::ByteSource {
+ public:
+  int64_t size() const override { return 100'000; }
+  size_t readAt(int64_t position, void* buffer, size_t count) const override {
+    if (position < 10'512 && position + static_cast<int64_t>(count) > 10'000) return 0;
+    std::memset(buffer, 'x', count);
+    return count;
+  }
+};
+
+TEST(WindowOnADevice, HasTheBytesNextToThoseThatCannotBeRead) {
+  const AllOrNothing device;
+  raw::Window window(device);
+  for (int64_t position = 8000; position < 12'000; position += 100) {
+    const bool isGood = position + 100 <= 10'000 || position >= 10'512;
+    EXPECT_EQ(window.at(position, 100) != nullptr, isGood) << position;
+  }
+  EXPECT_EQ(window.unreadableAt(), 10'500);
+}
 
 TEST_F(Unreadable, BytesOfAPayloadBecomeZerosAndAreTold) {
   const qvdb::SalvageReport report = salvage(threeRecords(), 8192, 12'288);

@@ -22,6 +22,8 @@ const uint8_t* Window::load(int64_t position, size_t count) {
   if (buffer_.size() < step_) buffer_.resize(step_);
   start_ = position;
   held_ = source_.readAt(position, buffer_.data(), step_);
+  // A host may give nothing at all where it cannot give everything.
+  if (held_ < count) held_ = source_.readAt(position, buffer_.data(), count);
   if (count <= held_) return buffer_.data();
   unreadableAt_ = position + static_cast<int64_t>(held_);
   return nullptr;
