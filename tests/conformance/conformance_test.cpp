@@ -155,7 +155,7 @@ TEST_P(CFunctions, DecodeTheCategories) {
     ASSERT_EQ(InternalReadOneRecord2CategoryStruct(db, &info, &decoded), 1);
     const auto& expected = categories[i];
     EXPECT_EQ(record.categoryID, numberIn(expected["id"]));
-    std::u16string name(reinterpret_cast<const char16_t*>(record.categoryName), 32);
+    std::u16string name(std::begin(record.categoryName), std::end(record.categoryName));
     name.resize(std::min(name.find(u'\0'), name.size()));
     EXPECT_EQ(std::filesystem::path(name).string(), expected["name"].get<std::string>());
     EXPECT_EQ(record.categoryParam, expected["param"].get<std::uint32_t>());
@@ -282,17 +282,17 @@ TEST_P(Tool, ChecksTheFile) {
 }
 
 TEST_P(Tool, ListsTheRecords) {
-  if (std::string(GetParam()) == "damaged") return;  // it uses no table of a damaged directory
   for (const ExpectedTable& table : file.tables()) {
     SCOPED_TRACE(table.name);
-    if (!slotLeadsToData(table)) continue;  // it looks for the names of files there
-    const std::string name = qvdb::to_string(qvdb::Id{table.id});
+    // Names can be equal; an identifier is looked for in the whole directory.
+    const bool isWhole = std::string(GetParam()) != "damaged";
+    const std::string name = isWhole ? qvdb::to_string(qvdb::Id{table.id}) : table.name;
     const Outcome outcome = run({"records", "--json", file.path().string(), name});
     EXPECT_EQ(outcome.status, table.complete ? 0 : 1) << outcome;
-    if (!table.complete) continue;
     const auto listing = nlohmann::json::parse(outcome.out);
     std::vector<std::uint64_t> ids;
     for (const auto& record : listing["records"]) ids.push_back(numberIn(record["id"]));
+    if (table.loops) ids.resize(table.records.size());
     EXPECT_EQ(ids, table.ids());
   }
 }

@@ -6,6 +6,7 @@
 #include <qvdbase/qvdbase.h>
 #include <qvdbase/qvdb/check.hpp>
 
+#include <algorithm>
 #include <fstream>
 #include <regex>
 #include <set>
@@ -169,6 +170,20 @@ TEST_F(FormatDocument, NamesEveryCodeOfACheckAndNoOther) {
   std::set<std::string> known;
   for (const qvdb::FindingCode& each : qvdb::finding_codes()) known.emplace(each.code);
   EXPECT_EQ(named, known);
+}
+
+TEST_F(FormatDocument, NumbersItsRules) {
+  std::ifstream document(QVDBASE_DOCS "/format.md");
+  const std::regex rule("\\| ([0-9]+) \\| `[A-Z][0-9].*");
+  std::smatch match;
+  int last = 0;
+  for (std::string line; std::getline(document, line);) {
+    if (!std::regex_match(line, match, rule)) continue;
+    EXPECT_EQ(std::stoi(match[1]), last + 1) << line;
+    last = std::stoi(match[1]);
+    EXPECT_EQ(std::count(line.begin(), line.end(), '|'), 6) << line;
+  }
+  EXPECT_GT(last, 40);
 }
 
 }  // namespace
