@@ -3,7 +3,7 @@
 // row.
 #include <gtest/gtest.h>
 #include <qvdbase/qvdbase.h>
-#include <qvdbase/qvdb/check.hpp>
+#include <qvdbase/qvdb.hpp>
 
 #include <fstream>
 #include <functional>
@@ -101,9 +101,23 @@ class CutOffStates : public DatabaseTest {
     EXPECT_EQ(grave, Codes());
   }
 
+  // A record that comes in pieces, more than are kept in memory.
+  std::vector<Write> writesOfPieces() {
+    close(put(before));
+    RecordedCalls host;
+    auto database = qvdb::Database::open(path(), qvdb::Mode::exclusive);
+    qvdb::RecordWriter writer = database.table("tasks").writer();
+    for (int i = 0; i < 3; ++i) writer.write(pattern(200'000));
+    writer.finish();
+    return host.writes();
+  }
+
   // The operation without as many of its last writes, of which each is one stretch of bytes.
   void expectWithout(std::size_t missing, const std::string& name, const Operation& operation) {
-    const std::vector<Write> log = writesOf(operation);
+    expectWithout(missing, name, writesOf(operation));
+  }
+
+  void expectWithout(std::size_t missing, const std::string& name, const std::vector<Write>& log) {
     std::vector<Write> kept = ranges(log);
     ASSERT_GT(kept.size(), missing) << name;
     kept.resize(kept.size() - missing);
@@ -135,6 +149,8 @@ TEST_F(CutOffStates, AreReportedAsThePageSays) {
     return SetTableData(db, table, bytesOf("newer data").data(), 10, 0);
   });
   expectState("adding a record, inside the block", applied(before, writesOf(add), 40));
+  expectWithout(3, "adding a record in pieces, before its lengths", writesOfPieces());
+  expectWithout(2, "adding a record, before the link", writesOfPieces());
   expectWithout(2, "adding a record, before the link", add);
   expectWithout(1, "adding a record, before the slot", add);
   for (const std::size_t record : {0u, 1u, 2u}) {
