@@ -1,6 +1,7 @@
 // Walking from directory to directory.
 #include "platform/directory.h"
 
+#include "platform/host_failure.h"
 #include "platform/system_calls.h"
 
 namespace qvdbase::platform {
@@ -67,7 +68,9 @@ bool Directory::enter(const EntryName& name) {
 
 bool Directory::makeDirectory(const EntryName& name) const {
   if (descriptor_ < 0 || !name.isValid()) return false;
-  return systemCalls().makeDirectoryAt(descriptor_, name.bytes(), kDirectoryMode) == 0;
+  if (systemCalls().makeDirectoryAt(descriptor_, name.bytes(), kDirectoryMode) == 0) return true;
+  if (errno != EEXIST) noteHostFailure();
+  return false;
 }
 
 bool Directory::identify(FSRef* ref) const {

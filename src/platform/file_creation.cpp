@@ -2,6 +2,7 @@
 #include "platform/file_creation.h"
 
 #include "platform/file_entries.h"
+#include "platform/host_failure.h"
 #include "platform/system_calls.h"
 
 namespace qvdbase::platform {
@@ -51,7 +52,10 @@ bool createFile(const Directory& directory, const EntryName& name) {
   constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY;
   const int descriptor = uninterrupted(
       [&] { return systemCalls().openAt(directory.descriptor(), name.bytes(), flags, kFileMode); });
-  if (descriptor < 0) return false;
+  if (descriptor < 0) {
+    noteHostFailure();
+    return false;
+  }
   systemCalls().close(descriptor);
   return true;
 }

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "platform/file_creation.h"
+#include "platform/host_failure.h"
 #include "platform/host_path.h"
 #include "platform/system_calls.h"
 
@@ -33,13 +34,16 @@ bool NewFile::writeAt(int64_t position, const void* bytes, size_t count) {
   const auto limit = systemCalls().fileSizeLimit();
   for (size_t done = 0; done < count;) {
     const int64_t place = position + static_cast<int64_t>(done);
-    if (static_cast<uint64_t>(place) + (count - done) > limit) return !(wasFull_ = true);
+    if (static_cast<uint64_t>(place) + (count - done) > limit) {
+      noteHostFailure(EFBIG);
+      return false;
+    }
     const ssize_t moved = uninterrupted([&] {
       return systemCalls().writeAt(descriptorOf(*entry_), static_cast<const char*>(bytes) + done,
                                    count - done, place);
     });
     if (moved <= 0) {
-      wasFull_ = moved == 0 || errno == ENOSPC || errno == EDQUOT || errno == EFBIG;
+      noteHostFailure(moved < 0 ? errno : ENOSPC);
       return false;
     }
     done += static_cast<size_t>(moved);
@@ -49,6 +53,7 @@ bool NewFile::writeAt(int64_t position, const void* bytes, size_t count) {
 
 bool NewFile::finish() {
   const bool synced = systemCalls().sync(descriptorOf(*entry_)) == 0;
+  if (!synced) noteHostFailure();
   FileEntry* entry = entry_;
   entry_ = nullptr;
   return leaveEntry(entry, Sharing::exclusive) && synced;

@@ -24,18 +24,14 @@ class NewFile {
   // Gives it another file's permissions, and its owner and group where the host allows that.
   bool setAccess(const FileAccess& access);
 
-  // True when all bytes were written.
+  // True when all bytes were written; why not is the last failure of the host (host_failure.h).
   bool writeAt(int64_t position, const void* bytes, size_t count);
 
   // Hands everything to the device and closes the file. True when both succeeded.
   bool finish();
 
-  // Whether the last write failed because there was no room.
-  bool wasFull() const { return wasFull_; }
-
  private:
   FileEntry* entry_ = nullptr;
-  bool wasFull_ = false;
 };
 
 }  // namespace qvdbase::platform

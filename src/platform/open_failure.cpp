@@ -5,18 +5,19 @@
 
 #include "platform/directory.h"
 #include "platform/file_entries.h"
+#include "platform/host_failure.h"
 #include "platform/system_calls.h"
 #include "platform/utf8_names.h"
 
 namespace qvdbase::platform {
 namespace {
 
-OpenFailure failureOf(int error) {
+OpenFailure causeOf(int error) {
   switch (error) {
     case ENOENT:
       return OpenFailure::fileMissing;
     case ENOTDIR:
-      return OpenFailure::folderMissing;
+      return OpenFailure::notAFolder;
     case EISDIR:
     case ENXIO:
       return OpenFailure::notAFile;
@@ -32,9 +33,22 @@ OpenFailure failureOf(int error) {
     case EMFILE:
     case ENFILE:
       return OpenFailure::tooManyOpen;
+    case ENOSPC:
+    case EDQUOT:
+      return OpenFailure::noSpace;
     default:
       return OpenFailure::other;
   }
+}
+
+OpenFailureFound failureOf(int error) {
+  return {causeOf(error), {error, std::system_category()}};
+}
+
+// A lock is refused while another process holds one; anything else says that there are none here.
+OpenFailureFound lockFailureOf(int error) {
+  const bool isHeld = error == EACCES || error == EAGAIN;
+  return {isHeld ? OpenFailure::inUse : OpenFailure::cannotLock, {error, std::system_category()}};
 }
 
 struct Place {
@@ -43,23 +57,25 @@ struct Place {
 };
 
 // Follows the path to its last component.
-OpenFailure walk(const QVWCHAR* path, Place* place) {
+OpenFailureFound walk(const QVWCHAR* path, Place* place) {
   if (!place->folder.enterRoot()) return failureOf(errno);
   while (*path == '/') ++path;
   for (;;) {
     size_t length = 0;
     while (path[length] != 0 && path[length] != '/') {
-      if (length == kMaxPathCharacters) return OpenFailure::nameTooLong;
+      if (length == kMaxPathCharacters) return failureOf(ENAMETOOLONG);
       place->name[length] = path[length];
       ++length;
     }
     place->name[length] = 0;
-    if (path[length] == 0) return OpenFailure::none;
+    if (path[length] == 0) return {};
     errno = 0;
     if (!place->folder.enter(EntryName(place->name))) {
-      return errno == ENOENT ? OpenFailure::folderMissing : failureOf(errno);
+      OpenFailureFound found = failureOf(errno);
+      if (found.failure == OpenFailure::fileMissing) found.failure = OpenFailure::folderMissing;
+      return found;
     }
-    if (place->folder.descriptor() < 0) return OpenFailure::folderMissing;
+    if (place->folder.descriptor() < 0) return failureOf(ENOTDIR);
     path += length + 1;
   }
 }
@@ -67,29 +83,30 @@ OpenFailure walk(const QVWCHAR* path, Place* place) {
 // Opens the file for itself, to see what the host says, and tries the lock. Where this process has
 // it open for writing that is known already: a second descriptor must not be closed then, because
 // with some hosts the file's lock would go with it.
-OpenFailure tryToOpen(const Place& place, const EntryName& name, int access, Sharing sharing) {
+OpenFailureFound tryToOpen(const Place& place, const EntryName& name, int access, Sharing sharing) {
   struct stat status = {};
   errno = 0;
   const int descriptor = openRegularFile(place.folder, name, access, &status);
   if (descriptor < 0) return failureOf(errno);
-  const bool free = sharing == Sharing::none || setFileLock(descriptor, sharing);
+  OpenFailureFound found;
+  if (sharing != Sharing::none && !setFileLock(descriptor, sharing)) found = lockFailureOf(errno);
   systemCalls().close(descriptor);
-  return free ? OpenFailure::none : OpenFailure::inUse;
+  return found;
 }
 
-OpenFailure lookAtFile(const Place& place, Sharing sharing, bool forEmptying) {
+OpenFailureFound lookAtFile(const Place& place, Sharing sharing, bool forEmptying) {
   const EntryName name(place.name);
   struct stat status = {};
-  if (!name.isValid()) return OpenFailure::other;
+  if (!name.isValid()) return {OpenFailure::other, {}};
   if (systemCalls().statusAt(place.folder.descriptor(), name.bytes(), &status, 0) != 0) {
     return failureOf(errno);
   }
-  if (!S_ISREG(status.st_mode)) return OpenFailure::notAFile;
+  if (!S_ISREG(status.st_mode)) return {OpenFailure::notAFile, {}};
   const FileEntry* entry = findEntry(status.st_dev, status.st_ino);
-  if (entry != nullptr && forEmptying) return OpenFailure::inUse;
+  if (entry != nullptr && forEmptying) return {OpenFailure::inUse, {}};
   if (entry != nullptr && entry->readWrite >= 0) {
     // With a descriptor for writing at hand, only another opener or the lock can have refused.
-    return sharing == Sharing::none ? OpenFailure::none : OpenFailure::inUse;
+    return {sharing == Sharing::none ? OpenFailure::none : OpenFailure::inUse, {}};
   }
   return tryToOpen(place, name, sharing == Sharing::none ? O_RDONLY : O_RDWR, sharing);
 }
@@ -106,23 +123,36 @@ Sharing sharingOf(int permission) {
   }
 }
 
+// What the host answered when it was asked to make a file or folder. That there is no such file
+// means that it makes none there.
+OpenFailureFound refusalOf(const std::error_code& code) {
+  if (!code || code.value() == ENOENT) return {OpenFailure::other, code};
+  return failureOf(code.value());
+}
+
 }  // namespace
 
-OpenFailure findOpenFailure(const QVWCHAR* path, int permission) {
+OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission) {
   Place place;
-  const OpenFailure onTheWay = walk(path, &place);
-  if (onTheWay != OpenFailure::none) return onTheWay;
+  const OpenFailureFound onTheWay = walk(path, &place);
+  if (onTheWay.failure != OpenFailure::none) return onTheWay;
   return lookAtFile(place, sharingOf(permission), false);
 }
 
-OpenFailure findCreateFailure(const QVWCHAR* path) {
+// Where a folder or the file still is missing, the host refused to make it.
+OpenFailureFound findCreateFailure(const QVWCHAR* path) {
+  const std::error_code refusal = lastHostFailure();
   Place place;
-  const OpenFailure onTheWay = walk(path, &place);
-  // Creating makes missing folders, so where one is missing still it was not allowed to.
-  if (onTheWay == OpenFailure::folderMissing) return OpenFailure::accessDenied;
-  if (onTheWay != OpenFailure::none) return onTheWay;
-  const OpenFailure atFile = lookAtFile(place, Sharing::exclusive, true);
-  return atFile == OpenFailure::fileMissing ? OpenFailure::accessDenied : atFile;
+  OpenFailureFound found = walk(path, &place);
+  if (found.failure == OpenFailure::none) found = lookAtFile(place, Sharing::exclusive, true);
+  const bool isMissing =
+      found.failure == OpenFailure::folderMissing || found.failure == OpenFailure::fileMissing;
+  if (!isMissing) return found;
+  return refusalOf(refusal);
+}
+
+OpenFailureFound lastCreateFailure() {
+  return refusalOf(lastHostFailure());
 }
 
 }  // namespace qvdbase::platform

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "platform/host_failure.h"
 #include "platform/system_calls.h"
 
 namespace qvdbase::platform {
@@ -26,6 +27,7 @@ size_t readPlain(int descriptor, int64_t position, void* buffer, size_t count) {
   while (done < wanted) {
     const ptrdiff_t got =
         readOnce(descriptor, position + static_cast<int64_t>(done), bytes + done, wanted - done);
+    if (got < 0) noteHostFailure();
     if (got <= 0) break;
     done += static_cast<size_t>(got);
   }
@@ -40,7 +42,10 @@ size_t writePlain(int descriptor, int64_t position, const void* buffer, size_t c
       return systemCalls().writeAt(descriptor, bytes + done, count - done,
                                    position + static_cast<off_t>(done));
     });
-    if (put <= 0) break;
+    if (put <= 0) {
+      noteHostFailure(put < 0 ? errno : ENOSPC);
+      break;
+    }
     done += static_cast<size_t>(put);
   }
   return done;

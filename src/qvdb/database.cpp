@@ -11,8 +11,10 @@
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
+#include "platform/host_failure.h"
 #include "platform/open_failure.h"
 #include "platform/sync.h"
+#include "qvdb/failure.h"
 #include "qvdb/native_path.h"
 #include "qvdb/open_database.h"
 
@@ -21,45 +23,8 @@ namespace qvdb {
 using detail::OpenDatabase;
 using detail::Operation;
 using detail::ReadScope;
-using qvdbase::platform::OpenFailure;
 
 namespace {
-
-struct Cause {
-  Reason reason;
-  const char* why;
-};
-
-Cause causeOf(OpenFailure failure) {
-  switch (failure) {
-    case OpenFailure::folderMissing:
-      return {Reason::no_such_file, "a folder on its way does not exist"};
-    case OpenFailure::fileMissing:
-      return {Reason::no_such_file, "there is no such file"};
-    case OpenFailure::notAFile:
-      return {Reason::not_a_file, "it is not a regular file"};
-    case OpenFailure::nameTooLong:
-      return {Reason::path_not_reachable, "a name in it is too long for the system"};
-    case OpenFailure::accessDenied:
-      return {Reason::access_denied, "the system denies access"};
-    case OpenFailure::readOnlyVolume:
-      return {Reason::access_denied, "it lies on a read-only file system"};
-    case OpenFailure::inUse:
-      return {Reason::in_use, "it is in use"};
-    case OpenFailure::tooManyOpen:
-      return {Reason::cannot_open, "too many files are open"};
-    case OpenFailure::none:
-    case OpenFailure::other:
-      break;
-  }
-  return {Reason::cannot_open, "the system cannot open it"};
-}
-
-[[noreturn]] void failToOpen(const char* operation, const std::filesystem::path& path,
-                             OpenFailure failure) {
-  const Cause cause = causeOf(failure);
-  throw Error(operation, cause.reason, detail::failureMessage(path, operation, cause.why));
-}
 
 std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode mode,
                                         const char* operation) {
@@ -70,10 +35,16 @@ std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode 
   state->mode = mode;
   state->handle = OpenDBaseW(wide.data(), permission);
   if (state->handle == 0) {
-    failToOpen(operation, path, qvdbase::platform::findOpenFailure(wide.data(), permission));
+    detail::throwOpenFailure(path, operation,
+                             qvdbase::platform::findOpenFailure(wide.data(), permission));
   }
   return state;
 }
+
+constexpr std::uint64_t kNewDatabaseSize =
+    qvdbase::kDirectoryPos + std::uint64_t{qvdbase::kNewSlotCount} * qvdbase::kSlotImageSize;
+
+constexpr const char* kOpen = "open the database";
 
 bool isBadSignature(const std::array<char, 4>& signature) {
   return (signature[0] != 'Q' && signature[0] != 'q') ||
@@ -129,8 +100,9 @@ Database& Database::operator=(Database&& other) noexcept {
 
 Database Database::create(const std::filesystem::path& path, const CreateOptions& options) {
   constexpr const char* kOperation = "create the database";
+  qvdbase::platform::forgetHostFailure();
   const auto refuse = [&path](Reason reason, const char* why) {
-    throw Error(kOperation, reason, detail::failureMessage(path, kOperation, why));
+    detail::throwError(path, kOperation, reason, why);
   };
   if (isBadSignature(options.signature)) {
     refuse(Reason::bad_argument, "a signature begins with the letters Q and V, in either case");
@@ -159,19 +131,19 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
   }
   // The name of a file that was there before may be somebody's; a new one goes while nobody else
   // can have it open.
-  if (isMade && !std::filesystem::exists(status)) std::filesystem::remove(path, error);
-  if (isMade) CloseDBase(state->handle);
-  const auto space = std::filesystem::space(std::filesystem::absolute(path).parent_path(), error);
-  if (!error && space.available < 8192) refuse(Reason::disk_full, "the disk is full");
-  if (isMade) refuse(Reason::cannot_write, "the file cannot be written");
-  failToOpen(kOperation, path, qvdbase::platform::findCreateFailure(wide.data()));
+  if (!isMade) {
+    detail::throwOpenFailure(path, kOperation, qvdbase::platform::findCreateFailure(wide.data()));
+  }
+  const auto failure = qvdbase::platform::findWriteFailure(kNewDatabaseSize);
+  if (!std::filesystem::exists(status)) std::filesystem::remove(path, error);
+  CloseDBase(std::exchange(state->handle, 0));
+  detail::throwWriteFailure(path, kOperation, failure);
 }
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {
-  constexpr const char* kOperation = "open the database";
-  Database database(openState(path, mode, kOperation));
+  Database database(openState(path, mode, kOpen));
   ReadScope scope(database.handle());
-  static_cast<void>(Operation(database.state_, kOperation).directory());
+  static_cast<void>(Operation(database.state_, kOpen).directory());
   return database;
 }
 
@@ -199,8 +171,8 @@ void Database::close() {
   const std::int16_t handle = std::exchange(state_->handle, 0);
   if (CloseDBase(handle) != 0) return;
   constexpr const char* kOperation = "close the database";
-  throw Error(kOperation, Reason::cannot_write,
-              detail::failureMessage(state_->path, kOperation, "the system reports a failure"));
+  detail::throwError(state_->path, kOperation, Reason::cannot_write,
+                     "the system reports a failure");
 }
 
 bool Database::is_open() const noexcept {
@@ -284,7 +256,7 @@ Table Database::table(std::string_view name) const {
   std::optional<Table> found = find_table(name);
   if (found) return *std::move(found);
   Operation(state_, "find the table")
-      .fail(Reason::table_missing, "it has no table named '" + std::string(name) + "'");
+      .failMissingTable(std::string(name), "it has no table named '" + std::string(name) + "'");
 }
 
 Table Database::add_table(std::string_view name) {
@@ -297,15 +269,18 @@ Table Database::add_table(std::string_view name) {
     operation.fail(Reason::name_too_long, "a table name has at most 32 bytes, and this one has " +
                                               std::to_string(name.size()));
   }
+  operation.about(name);
   operation.requireWritable();
   const std::uint64_t id = AddTable(operation.db(), std::string(name).c_str());
   if (id != 0) return Table(state_, Id{id}, std::string(name));
 
-  if (find_table(name)) {
+  ReadScope scope(operation.db());
+  tablePart1 slot;
+  if (operation.findSlot(
+          &slot, [name](const tablePart1& used) { return detail::storedName(used) == name; })) {
     operation.fail(Reason::table_exists,
                    "a table named '" + std::string(name) + "' exists already");
   }
-  ReadScope scope(operation.db());
   const qvdbase::DirectoryNumbers numbers = operation.directory();
   if (numbers.tableCount >= numbers.slotCount - 1) {
     operation.fail(Reason::directory_full, "it has " + std::to_string(numbers.tableCount) +

@@ -1,6 +1,8 @@
 // qvdb::Error and the words for its reasons.
 #include <qvdbase/qvdb/error.hpp>
 
+#include <utility>
+
 namespace qvdb {
 
 std::string_view to_string(Reason reason) noexcept {
@@ -61,16 +63,21 @@ std::string_view to_string(Reason reason) noexcept {
       return "cancelled";
     case Reason::appender_open:
       return "an appender is open";
+    case Reason::cannot_lock:
+      return "cannot be locked";
+    case Reason::read_only_file_system:
+      return "read-only file system";
+    case Reason::size_limit:
+      return "too long for the limits of the system";
   }
   return "unknown reason";
 }
 
-Error::Error(const char* operation, Reason reason, const std::string& message,
-             std::optional<std::uint64_t> recordNumber)
+Error::Error(const char* operation, Reason reason, const std::string& message, ErrorDetails details)
     : std::runtime_error(message),
       operation_(operation),
       reason_(reason),
-      recordNumber_(recordNumber) {}
+      details_(std::make_shared<const ErrorDetails>(std::move(details))) {}
 
 Error::Error(const Error&) noexcept = default;
 Error& Error::operator=(const Error&) noexcept = default;

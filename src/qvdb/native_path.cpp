@@ -14,6 +14,7 @@
 #include <string>
 
 #include "platform/utf8_names.h"
+#include "qvdb/failure.h"
 
 namespace qvdb::detail {
 namespace {
@@ -82,9 +83,8 @@ class PathConverter {
   }
 
   [[noreturn]] void refuse(const std::string& why) const {
-    throw Error(operation_, Reason::path_not_reachable,
-                given_.native() + ": cannot " + operation_ +
-                    ": the library cannot reach this path: " + why);
+    throwError(given_, operation_, Reason::path_not_reachable,
+               "the library cannot reach this path: " + why);
   }
 
   const std::filesystem::path& given_;

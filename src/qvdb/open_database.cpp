@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "QVDbase/header.h"
 #include "format/layout.h"
+#include "platform/host_failure.h"
 #include "platform/open_files.h"
 #include "platform/transfer.h"
 #include "qvdb/bulk.h"
+#include "qvdb/failure.h"
 
 namespace qvdb::detail {
 
@@ -24,12 +27,31 @@ void OpenDatabase::discardBulk() noexcept {
 
 Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
     : database_(*database), name_(name) {
+  qvdbase::platform::forgetHostFailure();
   if (database_.handle == 0) fail(Reason::not_open, "it was closed");
 }
 
 void Operation::fail(Reason reason, const std::string& why,
                      std::optional<std::uint64_t> recordNumber) const {
-  throw Error(name_, reason, failureMessage(database_.path, name_, why), recordNumber);
+  ErrorDetails known = details();
+  known.record_number = recordNumber;
+  known.system_code = qvdbase::platform::lastHostFailure();
+  throwError(database_.path, name_, reason, why, std::move(known));
+}
+
+void Operation::about(const tablePart1& slot) const {
+  std::copy_n(slot.tableName, tableName_.size(), tableName_.begin());
+}
+
+void Operation::about(std::string_view table) const {
+  tableName_.fill('\0');
+  std::copy_n(table.begin(), std::min(table.size(), tableName_.size()), tableName_.begin());
+}
+
+ErrorDetails Operation::details() const {
+  ErrorDetails known;
+  known.table.assign(tableName_.begin(), std::find(tableName_.begin(), tableName_.end(), '\0'));
+  return known;
 }
 
 void Operation::requireWritable() const {
@@ -78,10 +100,19 @@ qvdbase::DirectoryNumbers Operation::directory() const {
 qvdbase::FoundTable Operation::table(Id table) const {
   qvdbase::FoundTable found;
   // The common case reads each slot once; only a failure looks at them again, to tell why.
-  if (qvdbase::findTable(db(), table.value, &found)) return found;
+  if (qvdbase::findTable(db(), table.value, &found)) {
+    about(found.slot);
+    return found;
+  }
   tablePart1 slot;
   static_cast<void>(findSlot(&slot, [](const tablePart1&) { return false; }));
-  fail(Reason::table_missing, "it has no table " + to_string(table));
+  failMissingTable(to_string(table), "it has no table " + to_string(table));
+}
+
+void Operation::failMissingTable(const std::string& wanted, const std::string& why) const {
+  ErrorDetails known;
+  known.table = wanted;
+  throwError(database_.path, name_, Reason::table_missing, why, std::move(known));
 }
 
 void Operation::readSlot(const qvdbase::DirectoryNumbers& numbers, int index,
@@ -102,22 +133,17 @@ std::uint64_t Operation::fileLength() const {
 
 void Operation::failedWrite(std::uint64_t bytes) const {
   requireWritable();
-  std::error_code error;
-  const auto space = std::filesystem::space(database_.path, error);
-  if (!error && space.available < bytes) {
-    fail(Reason::disk_full, "the disk is full");
-  }
-  fail(Reason::cannot_write, "the file cannot be written");
+  std::int64_t length = 0;
+  const auto* file = qvdbase::platform::findOpenFile(db());
+  if (!qvdbase::platform::fileLength(*file, &length)) length = 0;
+  throwWriteFailure(database_.path, name_,
+                    qvdbase::platform::findWriteFailure(static_cast<std::uint64_t>(length) + bytes),
+                    details());
 }
 
 std::string storedName(const tablePart1& slot) {
   const char* end = std::find(std::begin(slot.tableName), std::end(slot.tableName), '\0');
   return {slot.tableName, end};
-}
-
-std::string failureMessage(const std::filesystem::path& path, const char* operation,
-                           const std::string& why) {
-  return path.native() + ": cannot " + operation + ": " + why;
 }
 
 }  // namespace qvdb::detail

@@ -4,15 +4,18 @@
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "QVDbase/position.h"
 #include "QVDbase/tables.h"
+#include "format/layout.h"
 
 namespace qvdb::detail {
 
@@ -54,7 +57,8 @@ class ReadScope {
 // "cannot ...".
 class Operation {
  public:
-  // Throws not_open when there is no database, or a closed one.
+  // Throws not_open when there is no database, or a closed one. What the host answered to earlier
+  // operations is forgotten.
   Operation(const std::shared_ptr<OpenDatabase>& database, const char* name);
 
   std::int16_t db() const { return database_.handle; }
@@ -80,6 +84,9 @@ class Operation {
   // cannot_read.
   qvdbase::DirectoryNumbers directory() const;
 
+  // Throws table_missing; `wanted` is what was looked for.
+  [[noreturn]] void failMissingTable(const std::string& wanted, const std::string& why) const;
+
   // Finds a table that must be there. Throws as directory() and directory_damaged, table_missing.
   qvdbase::FoundTable table(Id table) const;
 
@@ -97,22 +104,26 @@ class Operation {
 
   std::uint64_t fileLength() const;
 
-  // After a write that failed although nothing in the file speaks against it: throws disk_full when
-  // the device has less than `bytes` to give, else cannot_write.
+  // Names the table in the errors that follow. table() does that for the one it finds.
+  void about(const tablePart1& slot) const;
+  void about(std::string_view table) const;
+
+  // After a write that failed although nothing in the file speaks against it: throws what the host
+  // answered (disk_full, size_limit, ...), or cannot_write. `bytes` are those that the file would
+  // have become longer.
   [[noreturn]] void failedWrite(std::uint64_t bytes) const;
 
  private:
   void readSlot(const qvdbase::DirectoryNumbers& numbers, int index, tablePart1* slot) const;
 
+  ErrorDetails details() const;
+
   OpenDatabase& database_;
   const char* name_;
+  mutable std::array<char, qvdbase::kTableNameSize> tableName_{};  // zeros where it is not known
 };
 
 // The slot's name, which ends after 32 bytes at the latest.
 std::string storedName(const tablePart1& slot);
-
-// The message of an error: the file, what was tried, why it failed.
-std::string failureMessage(const std::filesystem::path& path, const char* operation,
-                           const std::string& why);
 
 }  // namespace qvdb::detail

@@ -46,6 +46,18 @@ std::string expectError(qvdb::Reason reason, Operation&& operation) {
   return {};
 }
 
+// The same, for a look at the error itself.
+template <typename Operation>
+std::optional<qvdb::Error> errorOf(Operation&& operation) {
+  try {
+    operation();
+  } catch (const qvdb::Error& error) {
+    return error;
+  }
+  ADD_FAILURE() << "no error";
+  return std::nullopt;
+}
+
 class LayerTest : public DatabaseTest {
  protected:
   qvdb::Database createDatabase(const std::string& name = kDefaultFile) {

@@ -5,10 +5,13 @@
 #include <qvdbase/base.h>
 
 #include <cstdint>
+#include <filesystem>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 namespace qvdb {
 
@@ -53,21 +56,33 @@ enum class Reason {
   cancelled,  // the caller's progress function asked to stop
 
   appender_open,  // an appender or a writer is open, and this would disturb it: finish it first
+
+  // Files again
+  cannot_lock,            // the file system has no locks, so that no writer could be kept out
+  read_only_file_system,  // nothing can be written where the file is, or would be
+  size_limit,             // the file would be longer than this process, or the file system, allows
 };
 
 // The reason in a few words, for example "no such file".
 QVDBASE_API std::string_view to_string(Reason reason) noexcept;
 
+// What else is known of a failure. Each may be empty.
+struct ErrorDetails {
+  std::filesystem::path path;  // the file that it is about, as the caller named it
+  std::string table;           // the table's name, or what was given for one
+  std::error_code system_code;
+  std::optional<std::uint64_t> record_number;
+};
+
 // A failed operation. what() is one sentence in English that names the file; names of tables and
-// files stand in it as they are, control characters included.
+// files are in it unchanged, control characters included.
 class QVDBASE_API Error : public std::runtime_error {
  public:
-  // operation     what was tried, for example "open the database"; must outlive the error, as a
-  //               literal does
-  // message       what() returns it
-  // recordNumber  which record of the chain it is about, counted from 1
+  // operation  what was tried, for example "open the database"; must outlive the error, as a
+  //            literal does
+  // message    what() returns it
   Error(const char* operation, Reason reason, const std::string& message,
-        std::optional<std::uint64_t> recordNumber = std::nullopt);
+        ErrorDetails details = {});
   Error(const Error&) noexcept;
   Error& operator=(const Error&) noexcept;
   ~Error() override;
@@ -77,14 +92,25 @@ class QVDBASE_API Error : public std::runtime_error {
 
   Reason reason() const noexcept { return reason_; }
 
+  // The file, as the caller named it; empty where the operation has none.
+  const std::filesystem::path& path() const noexcept { return details_->path; }
+
+  // The name of the table in which it failed; empty where it is not about one table. With
+  // table_missing: what was looked for, a name or an identifier.
+  const std::string& table() const noexcept { return details_->table; }
+
+  // The system's own code, where a call to the system failed and its code is known. Of
+  // std::system_category(): comparable with std::errc.
+  std::error_code system_code() const noexcept { return details_->system_code; }
+
   // With chain_damaged: the first record that cannot be read, counted from 1 in the order of the
   // chain, where the operation has come that far.
-  std::optional<std::uint64_t> record_number() const noexcept { return recordNumber_; }
+  std::optional<std::uint64_t> record_number() const noexcept { return details_->record_number; }
 
  private:
   const char* operation_;
   Reason reason_;
-  std::optional<std::uint64_t> recordNumber_;
+  std::shared_ptr<const ErrorDetails> details_;  // shared, so that copying an error never fails
 };
 
 }  // namespace qvdb

@@ -8,9 +8,11 @@
 
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include "format/block_heads.h"
 #include "qvdb/check/findings.h"
+#include "qvdb/failure.h"
 #include "qvdb/raw/open_file.h"
 #include "qvdb/raw/survey.h"
 
@@ -78,8 +80,11 @@ class Ends {
   const tablePart1& slot_;
 };
 
-[[noreturn]] void fail(const std::filesystem::path& path, Reason reason, const std::string& why) {
-  throw Error(kOperation, reason, path.native() + ": cannot " + kOperation + ": " + why);
+[[noreturn]] void fail(const std::filesystem::path& path, Reason reason, const std::string& why,
+                       const std::string& table = {}) {
+  ErrorDetails known;
+  known.table = table;
+  detail::throwError(path, kOperation, reason, why, std::move(known));
 }
 
 }  // namespace
@@ -101,7 +106,8 @@ Database open_checked(const std::filesystem::path& path, Mode mode) {
     }
     if (const char* problem = Ends(file.source(), slot.fields).problem()) {
       fail(path, Reason::chain_damaged,
-           "table " + qvdbase::check::shown(qvdbase::raw::nameOf(slot.fields)) + ": " + problem);
+           "table " + qvdbase::check::shown(qvdbase::raw::nameOf(slot.fields)) + ": " + problem,
+           qvdbase::raw::nameOf(slot.fields));
     }
   }
   return database;

@@ -8,14 +8,16 @@
 #include <thread>
 #include <vector>
 
+#include "platform/open_failure.h"
+#include "platform/utf8_names.h"
+#include "qvdb/failure.h"
+
 namespace qvdbase::raw {
 namespace {
 
 [[noreturn]] void refuse(const std::filesystem::path& path, const char* operation,
                          qvdb::Reason reason) {
-  throw qvdb::Error(
-      operation, reason,
-      path.native() + ": cannot " + operation + ": " + std::string(qvdb::to_string(reason)));
+  qvdb::detail::throwError(path, operation, reason, std::string(qvdb::to_string(reason)));
 }
 
 // The times of a file move in ticks of the system's clock, of up to ten milliseconds. A write in
@@ -35,17 +37,18 @@ std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
   return bytes;
 }
 
-qvdb::Reason whyNotOpen(const std::string& path) {
-  switch (platform::kindOfPath(path)) {
-    case platform::PathKind::nothing:
-      return qvdb::Reason::no_such_file;
-    case platform::PathKind::somethingElse:
-      return qvdb::Reason::not_a_file;
-    case platform::PathKind::regularFile:
-    case platform::PathKind::blockDevice:
-      break;
+[[noreturn]] void refuseWhatDoesNotOpen(const std::filesystem::path& path, const char* operation,
+                                        const std::string& absolute) {
+  if (platform::kindOfPath(absolute) == platform::PathKind::blockDevice) {
+    refuse(path, operation, qvdb::Reason::access_denied);
   }
-  return qvdb::Reason::access_denied;
+  std::vector<QVWCHAR> wide(absolute.size() + 1);
+  if (!platform::utf16FromUtf8(absolute.data(), absolute.size(), wide.data(), wide.size())) {
+    refuse(path, operation, qvdb::Reason::path_not_reachable);
+  }
+  constexpr int kReadOnly = 1;
+  qvdb::detail::throwOpenFailure(path, operation,
+                                 platform::findOpenFailure(wide.data(), kReadOnly));
 }
 
 }  // namespace
@@ -54,7 +57,7 @@ OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation)
   std::error_code error;
   const std::string absolute = std::filesystem::absolute(path, error).native();
   if (error || path.empty()) refuse(path, operation, qvdb::Reason::path_not_reachable);
-  if (!file_.open(absolute)) refuse(path, operation, whyNotOpen(absolute));
+  if (!file_.open(absolute)) refuseWhatDoesNotOpen(path, operation, absolute);
   wasLocked_ = file_.isLockedByOthers();
   if (!file_.stamp(&stamp_)) refuse(path, operation, qvdb::Reason::cannot_open);
   source_.emplace(file_, stamp_.size);

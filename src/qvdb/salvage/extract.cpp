@@ -7,6 +7,7 @@
 
 #include <cstdio>
 
+#include "qvdb/failure.h"
 #include "qvdb/salvage/payload_reader.h"
 
 namespace qvdbase::salvage {
@@ -18,7 +19,7 @@ constexpr const char* kOperation = "extract payloads";
 constexpr const char* kManifest = "manifest.jsonl";
 
 [[noreturn]] void fail(const fs::path& path, qvdb::Reason reason, const std::string& why) {
-  throw qvdb::Error(kOperation, reason, path.native() + ": cannot " + kOperation + ": " + why);
+  qvdb::detail::throwError(path, kOperation, reason, why);
 }
 
 [[noreturn]] void failWriting(const fs::path& path) {

@@ -7,6 +7,7 @@
 #include <new>
 #include <set>
 
+#include "qvdb/failure.h"
 #include "qvdb/raw/open_file.h"
 #include "qvdb/raw/survey.h"
 #include "qvdb/salvage/run.h"
@@ -25,7 +26,7 @@ constexpr const char* kUndelete = "bring the record back";
 
 [[noreturn]] void fail(const std::filesystem::path& path, const char* operation, Reason reason,
                        const std::string& why) {
-  throw Error(operation, reason, path.native() + ": cannot " + operation + ": " + why);
+  detail::throwError(path, operation, reason, why);
 }
 
 // The table of that name or identifier among those that the file shows traces of.

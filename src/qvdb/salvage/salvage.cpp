@@ -8,6 +8,7 @@
 
 #include "platform/read_only_file.h"
 #include "qvdb/check/check_source.h"
+#include "qvdb/failure.h"
 #include "qvdb/raw/part_source.h"
 #include "qvdb/salvage/run.h"
 #include "qvdb/salvage/stored_databases.h"
@@ -99,8 +100,7 @@ void lookAtSourceAgain(const raw::OpenedFile& source, const std::filesystem::pat
                        const char* operation, qvdb::SalvageReport* report) {
   report->source_in_use = source.isLockedByOthers();
   if (!source.hasChanged()) return;
-  throw qvdb::Error(operation, qvdb::Reason::in_use,
-                    path.native() + ": cannot " + operation + ": it was changed meanwhile");
+  qvdb::detail::throwError(path, operation, qvdb::Reason::in_use, "it was changed meanwhile");
 }
 
 }  // namespace qvdbase::salvage

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "qvdb/failure.h"
 #include "qvdb/raw/part_source.h"
 #include "qvdb/salvage/run.h"
 
@@ -21,9 +22,7 @@ constexpr int64_t kSmallestSize = kDirectoryPos + int64_t{kNewSlotCount} * kSlot
 constexpr size_t kMostDatabases = 1000;
 
 [[noreturn]] void fail(const std::filesystem::path& path, qvdb::Reason reason) {
-  throw qvdb::Error(
-      kOperation, reason,
-      path.native() + ": cannot " + kOperation + ": " + std::string(qvdb::to_string(reason)));
+  qvdb::detail::throwError(path, kOperation, reason, std::string(qvdb::to_string(reason)));
 }
 
 // Where the payload that holds `position` ends, or the block where it lies in spare room; 0 where

@@ -3,6 +3,8 @@
 
 #include <system_error>
 
+#include "qvdb/failure.h"
+
 namespace qvdbase::salvage {
 namespace {
 
@@ -11,9 +13,7 @@ namespace fs = std::filesystem;
 constexpr const char* kOperation = "write the salvaged database";
 
 [[noreturn]] void failOn(const fs::path& path, qvdb::Reason reason) {
-  throw qvdb::Error(
-      kOperation, reason,
-      path.native() + ": cannot " + kOperation + ": " + std::string(qvdb::to_string(reason)));
+  qvdb::detail::throwError(path, kOperation, reason, std::string(qvdb::to_string(reason)));
 }
 
 fs::path judged(const fs::path& given) {
@@ -29,7 +29,9 @@ fs::path judged(const fs::path& given) {
 
 }  // namespace
 
-Target::Target(const fs::path& given) : given_(given), place_(judged(given)), file_(place_) {}
+Target::Target(const fs::path& given) : given_(given), place_(judged(given)), file_(place_) {
+  platform::forgetHostFailure();
+}
 
 void Target::place() {
   switch (file_.place(false)) {
@@ -47,6 +49,14 @@ void Target::place() {
 
 void Target::fail(qvdb::Reason reason) const {
   failOn(given_, reason);
+}
+
+void Target::failMaking() const {
+  qvdb::detail::throwOpenFailure(given_, kOperation, platform::lastCreateFailure());
+}
+
+void Target::failWriting() const {
+  qvdb::detail::throwWriteFailure(given_, kOperation, platform::findWriteFailure(0));
 }
 
 }  // namespace qvdbase::salvage

@@ -27,6 +27,9 @@ class Target {
 
   // Throws an error that names the new file.
   [[noreturn]] void fail(qvdb::Reason reason) const;
+  // The same after a file could not be made, or written: with what the host answered.
+  [[noreturn]] void failMaking() const;
+  [[noreturn]] void failWriting() const;
 
  private:
   std::filesystem::path given_;

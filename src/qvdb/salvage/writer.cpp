@@ -36,7 +36,7 @@ Content contentOf(const Block& block) {
 class Output {
  public:
   explicit Output(const Target& target) : target_(target), buffer_(kBuffer) {
-    if (!file_.create(target.temporary())) target.fail(qvdb::Reason::access_denied);
+    if (!file_.create(target.temporary())) target.failMaking();
   }
 
   void write(const void* bytes, size_t count) {
@@ -64,14 +64,12 @@ class Output {
 
   void finish() {
     flush();
-    if (!file_.finish()) target_.fail(qvdb::Reason::cannot_write);
+    if (!file_.finish()) target_.failWriting();
   }
 
  private:
   void flush() {
-    if (!file_.writeAt(flushed_, buffer_.data(), held_)) {
-      target_.fail(file_.wasFull() ? qvdb::Reason::disk_full : qvdb::Reason::cannot_write);
-    }
+    if (!file_.writeAt(flushed_, buffer_.data(), held_)) target_.failWriting();
     flushed_ += static_cast<int64_t>(held_);
     held_ = 0;
   }

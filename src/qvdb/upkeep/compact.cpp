@@ -8,9 +8,11 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "platform/new_file.h"
 #include "platform/read_only_file.h"
+#include "qvdb/failure.h"
 #include "qvdb/open_database.h"
 #include "qvdb/raw/open_file.h"
 #include "qvdb/upkeep/live_copy.h"
@@ -94,11 +96,12 @@ class Compaction {
     LiveReader reader(file.source());
     if (reader.read(&database_, [&] { stage.step(); })) return;
     refuseIfChanged(file);
-    const std::string message = detail::failureMessage(source_, kOperation, reader.why());
+    ErrorDetails known;
     if (reader.damage() == LiveDamage::chain && reader.recordNumber() != 0) {
-      throw Error(kOperation, Reason::chain_damaged, message, reader.recordNumber());
+      known.record_number = reader.recordNumber();
     }
-    throw Error(kOperation, reasonOf(reader.damage()), message);
+    detail::throwError(source_, kOperation, reasonOf(reader.damage()), reader.why(),
+                       std::move(known));
   }
 
   static Reason reasonOf(LiveDamage damage) {
@@ -117,20 +120,17 @@ class Compaction {
   void write(const ByteSource& source, const LiveLayout& layout, const TargetFile& target) {
     Stage stage(reporter_, source_, 20, 60, database_.recordCount());
     qvdbase::platform::NewFile file;
-    if (!file.create(target.temporary())) {
-      failOn(target.given(), kOperation, Reason::access_denied,
-             "the system does not let us make a file in its folder");
-    }
+    if (!file.create(target.temporary())) target.failMaking();
     takeOverAccess(file);
     switch (copyLive(source, database_, layout, &file, [&] { stage.step(); })) {
       case CopyOutcome::cannotRead:
         failOn(source_, kOperation, Reason::cannot_read, "the system cannot read it");
       case CopyOutcome::cannotWrite:
-        target.failWriting(file.wasFull());
+        target.failWriting();
       case CopyOutcome::done:
         break;
     }
-    if (!file.finish()) target.failWriting(!target.hasRoomFor(layout.size()));
+    if (!file.finish()) target.failWriting();
   }
 
   void takeOverAccess(qvdbase::platform::NewFile& file) const {

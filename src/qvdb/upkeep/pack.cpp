@@ -67,22 +67,23 @@ class Packing {
     if (!done && reporter.wantsToStop()) {
       failOn(source_, operation_, Reason::cancelled, "it was cancelled");
     }
-    if (!done) failPack(other);
+    if (!done) failPack(report.size_before, other);
     std::error_code error;
     report.size_after = fs::file_size(target_.temporary(), error);
-    if (!qvdbase::platform::syncFileAt(target_.temporary())) target_.failWriting(false);
+    if (!qvdbase::platform::syncFileAt(target_.temporary())) target_.failWriting();
     target_.place();
     return report;
   }
 
  private:
   // The library says only that it failed.
-  [[noreturn]] void failPack(const std::function<void()>& other) const {
+  [[noreturn]] void failPack(std::uint64_t length, const std::function<void()>& other) const {
+    const auto failure = qvdbase::platform::findWriteFailure(length);
     if (!check(source_).pack) {
       failOn(source_, operation_, Reason::chain_damaged, "the database is damaged");
     }
-    if (target_.hasRoomFor(database_.info().file_size) && other) other();
-    target_.failWriting(!target_.hasRoomFor(database_.info().file_size));
+    if (!failure.code && other) other();
+    target_.failWriting(failure);
   }
 
   const char* operation_;

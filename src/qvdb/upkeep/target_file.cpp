@@ -5,6 +5,7 @@
 
 #include "platform/open_failure.h"
 #include "platform/placing.h"
+#include "qvdb/failure.h"
 #include "qvdb/native_path.h"
 #include "qvdb/open_database.h"
 
@@ -14,7 +15,7 @@ namespace fs = std::filesystem;
 namespace platform = qvdbase::platform;
 
 void failOn(const fs::path& path, const char* operation, Reason reason, const std::string& why) {
-  throw Error(operation, reason, failureMessage(path, operation, why));
+  throwError(path, operation, reason, why);
 }
 
 fs::path resolved(const fs::path& path, const char* operation) {
@@ -33,20 +34,7 @@ Database openExclusively(const fs::path& path, const char* operation) {
   constexpr int kExclusive = static_cast<int>(Mode::exclusive);
   const std::int16_t handle = OpenDBaseW(wide.data(), kExclusive);
   if (handle != 0) return Database::adopt(handle, path, Mode::exclusive);
-  switch (platform::findOpenFailure(wide.data(), kExclusive)) {
-    case platform::OpenFailure::inUse:
-      failOn(path, operation, Reason::in_use, "it is in use");
-    case platform::OpenFailure::fileMissing:
-    case platform::OpenFailure::folderMissing:
-      failOn(path, operation, Reason::no_such_file, "there is no such file");
-    case platform::OpenFailure::notAFile:
-      failOn(path, operation, Reason::not_a_file, "it is not a regular file");
-    case platform::OpenFailure::accessDenied:
-    case platform::OpenFailure::readOnlyVolume:
-      failOn(path, operation, Reason::access_denied, "the system does not let us write it");
-    default:
-      failOn(path, operation, Reason::cannot_open, "the system cannot open it");
-  }
+  throwOpenFailure(path, operation, platform::findOpenFailure(wide.data(), kExclusive));
 }
 
 }  // namespace
@@ -63,6 +51,7 @@ TargetFile::TargetFile(const fs::path& target, const char* operation, bool overw
       place_(resolved(target, operation).native()),
       operation_(operation),
       temporary_(place_) {
+  platform::forgetHostFailure();
   const fs::path place = place_;
   static_cast<void>(nativePath(place, operation));
   std::error_code error;
@@ -93,15 +82,16 @@ void TargetFile::place() {
          "the new file is in its place, but the system reports a failure of the device");
 }
 
-void TargetFile::failWriting(bool isFull) const {
-  if (isFull) failOn(given_, operation_, Reason::disk_full, "the disk is full");
-  failOn(given_, operation_, Reason::cannot_write, "the new file cannot be written");
+void TargetFile::failMaking() const {
+  throwOpenFailure(given_, operation_, platform::lastCreateFailure());
 }
 
-bool TargetFile::hasRoomFor(std::uint64_t bytes) const {
-  std::error_code error;
-  const auto space = fs::space(fs::path(place_).parent_path(), error);
-  return error || space.available >= bytes;
+void TargetFile::failWriting() const {
+  failWriting(platform::findWriteFailure(0));
+}
+
+void TargetFile::failWriting(const platform::WriteFailure& found) const {
+  throwWriteFailure(given_, operation_, found);
 }
 
 }  // namespace qvdb::detail

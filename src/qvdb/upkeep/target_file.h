@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/host_failure.h"
 #include "qvdb/temporary_file.h"
 
 namespace qvdb::detail {
@@ -49,9 +50,12 @@ class TargetFile {
   // device has its name. Throws file_exists when the place was taken meanwhile, cannot_write.
   void place();
 
-  // After a write that failed: throws disk_full or cannot_write.
-  [[noreturn]] void failWriting(bool isFull) const;
-  bool hasRoomFor(std::uint64_t bytes) const;
+  // After a file could not be made: throws what the host answered, such as access_denied.
+  [[noreturn]] void failMaking() const;
+
+  // After a write that failed: throws what the host answered, such as disk_full, or cannot_write.
+  [[noreturn]] void failWriting() const;
+  [[noreturn]] void failWriting(const qvdbase::platform::WriteFailure& found) const;
 
  private:
   std::filesystem::path given_;

@@ -1,0 +1,48 @@
+// What the host answered when a call failed.
+#include "platform/host_failure.h"
+
+#include "platform/system_calls.h"
+
+namespace qvdbase::platform {
+namespace {
+
+constinit thread_local int lastCode = 0;
+
+WriteObstacle obstacleOf(int code) {
+  switch (code) {
+    case ENOSPC:
+    case EDQUOT:
+      return WriteObstacle::full;
+    case EFBIG:
+      return WriteObstacle::sizeLimit;
+    case EROFS:
+      return WriteObstacle::readOnlyVolume;
+    default:
+      return WriteObstacle::unknown;
+  }
+}
+
+}  // namespace
+
+void forgetHostFailure() {
+  lastCode = 0;
+}
+
+void noteHostFailure() {
+  lastCode = errno;
+}
+
+void noteHostFailure(int code) {
+  lastCode = code;
+}
+
+std::error_code lastHostFailure() {
+  return {lastCode, std::system_category()};
+}
+
+WriteFailure findWriteFailure(uint64_t length) {
+  if (lastCode == 0 && length > systemCalls().fileSizeLimit()) noteHostFailure(EFBIG);
+  return {obstacleOf(lastCode), lastHostFailure()};
+}
+
+}  // namespace qvdbase::platform

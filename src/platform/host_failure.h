@@ -1,0 +1,42 @@
+// What the host answered when a call failed, for the layer that reports reasons. The operations
+// themselves say only that they failed; the code of the last failure is kept until the next
+// operation begins.
+#ifndef QVDBASE_PLATFORM_HOST_FAILURE_H
+#define QVDBASE_PLATFORM_HOST_FAILURE_H
+
+#include <cstdint>
+#include <system_error>
+
+namespace qvdbase::platform {
+
+// To be called when an operation of the layer above begins.
+void forgetHostFailure();
+
+// Keeps the code of the call that has just failed, from errno. `noteHostFailure(code)` keeps that
+// code instead. errno is unchanged.
+void noteHostFailure();
+void noteHostFailure(int code);
+
+// The code of the last failure; no error when there was none.
+std::error_code lastHostFailure();
+
+// Why a file could not be written, as far as the host said.
+enum class WriteObstacle : uint8_t {
+  unknown,
+  full,       // the device, or the user's share of it
+  sizeLimit,  // of this process, or of the file system
+  readOnlyVolume,
+};
+
+struct WriteFailure {
+  WriteObstacle obstacle = WriteObstacle::unknown;
+  std::error_code code;
+};
+
+// Looks at the last failure, after writing failed in a file that would have become `length` bytes
+// long. A write that this process is not allowed to make never reaches the host.
+WriteFailure findWriteFailure(uint64_t length);
+
+}  // namespace qvdbase::platform
+
+#endif
