@@ -18,6 +18,11 @@ inline uint64_t microsecondCounter() {
   return systemCalls().microseconds();
 }
 
+// Lets that much time pass, less when a signal arrives.
+inline void pauseFor(uint64_t microseconds) {
+  systemCalls().pause(microseconds);
+}
+
 // The processor time that this process has used, in the host's own ticks, modulo 2^32.
 inline uint32_t processClock() {
   return static_cast<uint32_t>(systemCalls().processClock());

@@ -159,6 +159,13 @@ uint32_t hostForkCount() {
   return forks.load(std::memory_order_relaxed);
 }
 
+void hostPause(uint64_t microseconds) {
+  struct timespec length = {};
+  length.tv_sec = static_cast<time_t>(microseconds / 1'000'000u);
+  length.tv_nsec = static_cast<long>(microseconds % 1'000'000u * 1'000u);
+  ::nanosleep(&length, nullptr);
+}
+
 constexpr SystemCalls kHostCalls = {
     .openAt = hostOpenAt,
     .close = ::close,
@@ -196,6 +203,7 @@ constexpr SystemCalls kHostCalls = {
     .time = hostTime,
     .processClock = ::clock,
     .microseconds = hostMicroseconds,
+    .pause = hostPause,
     .allocate = std::malloc,
     .release = std::free,
     .processId = ::getpid,

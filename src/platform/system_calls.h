@@ -70,7 +70,8 @@ struct SystemCalls {
   // Time.
   time_t (*time)();
   clock_t (*processClock)();
-  uint64_t (*microseconds)();  // since some fixed moment of the past; never set back
+  uint64_t (*microseconds)();            // since some fixed moment of the past; never set back
+  void (*pause)(uint64_t microseconds);  // returns early when a signal arrives
 
   // Memory.
   void* (*allocate)(size_t size);

@@ -14,9 +14,11 @@
 #include "platform/host_failure.h"
 #include "platform/open_failure.h"
 #include "platform/sync.h"
+#include "qvdb/check/ends.h"
 #include "qvdb/failure.h"
 #include "qvdb/native_path.h"
 #include "qvdb/open_database.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb {
 
@@ -145,6 +147,36 @@ Database Database::open(const std::filesystem::path& path, Mode mode) {
   ReadScope scope(database.handle());
   static_cast<void>(Operation(database.state_, kOpen).directory());
   return database;
+}
+
+// A file that appears between looking and creating was created by another process, and is opened;
+// one that cannot be opened then has been removed again, which is an answer, too.
+Database Database::openOrCreate(const std::filesystem::path& path, Mode mode) {
+  try {
+    return open(path, mode);
+  } catch (const Error& error) {
+    if (error.reason() != Reason::no_such_file) throw;
+  }
+  try {
+    Database created = create(path);
+    if (mode == Mode::exclusive) return created;
+  } catch (const Error& error) {
+    if (error.reason() != Reason::file_exists) throw;
+  }
+  return open(path, mode);
+}
+
+Database Database::open(const std::filesystem::path& path, const OpenOptions& options) {
+  if (options.create && options.mode == Mode::read_only) {
+    detail::throwError(path, kOpen, Reason::bad_argument,
+                       "a file that is not there cannot be created for reading only");
+  }
+  return detail::whileInUse(options.wait, [&] {
+    Database database =
+        options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
+    if (options.check) detail::checkEnds(path);
+    return database;
+  });
 }
 
 Database Database::adopt(std::int16_t handle, const std::filesystem::path& path, Mode mode) {

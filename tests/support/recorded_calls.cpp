@@ -54,6 +54,7 @@ const char* nameOf(Call call) {
                                            "time",
                                            "processClock",
                                            "microseconds",
+                                           "pause",
                                            "allocate",
                                            "release",
                                            "processId",
@@ -465,6 +466,11 @@ struct RecordedCalls::Calls {
     return real().processId();
   }
 
+  static void pause(uint64_t length) {
+    host().begin(Call::pause);
+    real().pause(length);
+  }
+
   static uint32_t forkCount() {
     host().begin(Call::forkCount);
     return real().forkCount();
@@ -517,6 +523,7 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.time = Calls::time;
   table_.processClock = Calls::processClock;
   table_.microseconds = Calls::microseconds;
+  table_.pause = Calls::pause;
   table_.allocate = Calls::allocate;
   table_.release = Calls::release;
   table_.processId = Calls::processId;

@@ -95,6 +95,7 @@ enum class Call {
   time,
   processClock,
   microseconds,
+  pause,
   allocate,
   release,
   processId,
@@ -139,8 +140,8 @@ inline constexpr Call kFailingCalls[] = {
     Call::microseconds,
     Call::allocate,
 };
-inline constexpr Call kNeverFailing[] = {Call::sizeLimit, Call::release, Call::processId,
-                                         Call::forkCount};
+inline constexpr Call kNeverFailing[] = {Call::pause, Call::sizeLimit, Call::release,
+                                         Call::processId, Call::forkCount};
 static_assert(std::size(kFailingCalls) + std::size(kNeverFailing) == kCallCount);
 
 // A clock that fails shows some time: nothing fails because of it.

@@ -161,6 +161,8 @@ QVDBASE_API CheckReport check_image(std::span<const std::byte> image,
 // Throws Error as Database::open() does, and besides: directory_damaged for a slot in use without
 // its marks; chain_damaged for a table whose ends are not as they should be. The message names the
 // table.
+//
+// The same as Database::open() with OpenOptions{.mode = mode, .check = true}.
 QVDBASE_API Database open_checked(const std::filesystem::path& path, Mode mode = Mode::read_only);
 
 // What link repair (FixOneDBLinkErrorW) would make of a table.

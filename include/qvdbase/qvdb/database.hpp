@@ -7,6 +7,7 @@
 #include <qvdbase/qvdb/table.hpp>
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -29,6 +30,21 @@ enum class Mode : int {
   read_only = 1,  // never writes a byte; stands beside every other opener
   exclusive = 3,  // reads and writes, and keeps every other writer out
   shared = 4,     // reads and writes beside other shared openers, all of which take turns
+};
+
+// How a database is opened, with everything that can be asked for.
+struct OpenOptions {
+  Mode mode = Mode::read_only;
+
+  // Whether a file that is not there is created, with the default CreateOptions. One that is there
+  // is opened as it is, whatever it holds. Not with read_only.
+  bool create = false;
+
+  // Whether the ends of every table's chain are looked at, as open_checked() does it.
+  bool check = false;
+
+  // How long opening is tried again while the database is in use; nothing else is waited for.
+  std::chrono::milliseconds wait{0};
 };
 
 // What the header of a database file tells.
@@ -71,9 +87,12 @@ class QVDBASE_API Database {
 
   // Opens a database and looks at its header.
   //
-  // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use;
-  // not_a_database; version_out_of_range; cannot_read; cannot_open.
+  // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use, after
+  // waiting where that is asked for; cannot_lock; read_only_file_system; not_a_database;
+  // version_out_of_range; cannot_read; cannot_open. With `create` also what create() throws, and
+  // bad_argument with read_only; with `check` also what open_checked() throws.
   static Database open(const std::filesystem::path& path, Mode mode = Mode::read_only);
+  static Database open(const std::filesystem::path& path, const OpenOptions& options);
 
   // Takes over a handle that the C functions opened; the object closes it. The path is for
   // messages.
@@ -135,6 +154,7 @@ class QVDBASE_API Database {
 
  private:
   explicit Database(std::shared_ptr<detail::OpenDatabase> state) noexcept;
+  static Database openOrCreate(const std::filesystem::path& path, Mode mode);
   detail::OpenDatabase& state() const;
 
   std::shared_ptr<detail::OpenDatabase> state_;

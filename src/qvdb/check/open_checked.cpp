@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "format/block_heads.h"
+#include "qvdb/check/ends.h"
 #include "qvdb/check/findings.h"
 #include "qvdb/failure.h"
 #include "qvdb/raw/open_file.h"
@@ -90,7 +91,13 @@ class Ends {
 }  // namespace
 
 Database open_checked(const std::filesystem::path& path, Mode mode) {
-  Database database = Database::open(path, mode);
+  OpenOptions options;
+  options.mode = mode;
+  options.check = true;
+  return Database::open(path, options);
+}
+
+void detail::checkEnds(const std::filesystem::path& path) {
   const qvdbase::raw::OpenedFile file(path, kOperation);
   Survey survey;
   qvdbase::raw::readDirectory(file.source(), {}, &survey);
@@ -110,7 +117,6 @@ Database open_checked(const std::filesystem::path& path, Mode mode) {
            qvdbase::raw::nameOf(slot.fields));
     }
   }
-  return database;
 }
 
 }  // namespace qvdb
