@@ -173,9 +173,9 @@ TEST_F(ToolMaintenance, RefusesDatabasesInUse) {
   const std::int16_t db = open(kSource, 3);
   expectUnchanged(
       [&] {
-        fails({"compact", kSource}, 1, {kSource, "in use"});
-        fails({"pack", kSource, kTarget}, 1, {kSource, "in use"});
-        fails({"repair", kSource}, 1, {kSource, "in use"});
+        fails({"compact", kSource}, 3, {kSource, "in use"});
+        fails({"pack", kSource, kTarget}, 3, {kSource, "in use"});
+        fails({"repair", kSource}, 3, {kSource, "in use"});
       },
       kSource);
   close(db);

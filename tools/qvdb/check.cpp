@@ -7,6 +7,7 @@
 #include "qvdb/locate.h"
 #include "qvdb/output.h"
 #include "qvdb/text.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -35,7 +36,7 @@ const char* nameOf(CheckState state) {
 }
 
 int statusOf(const CheckReport& report, const Options& options) {
-  if (report.state == CheckState::in_use) return kInUse;
+  if (report.state == CheckState::in_use) return kWorkInProgress;
   if (report.state == CheckState::damaged) return kFailed;
   return report.state == CheckState::unusual && options.strict ? kFailed : kDone;
 }
@@ -180,11 +181,21 @@ bool isTold(const Finding& finding, const Options& options, const CheckReport& r
   return finding.code == "W1" && report.errors > 0;
 }
 
+// With --wait again and again, until the file is at rest.
+CheckReport checkAtRest(const Options& options, std::vector<Finding>* findings) {
+  const Patience patience;
+  for (;;) {
+    findings->clear();
+    const CheckReport report =
+        check(options.file, [&](const Finding& finding) { findings->push_back(finding); },
+              {.categories = options.categories, .deep = options.deep});
+    if (report.state != CheckState::in_use || !patience.waitForNextAttempt()) return report;
+  }
+}
+
 int run(const Options& options) {
   std::vector<Finding> findings;
-  const CheckReport report =
-      check(options.file, [&](const Finding& finding) { findings.push_back(finding); },
-            {.categories = options.categories, .deep = options.deep});
+  const CheckReport report = checkAtRest(options, &findings);
   if (options.json) {
     printJsonReport(options, report, findings);
     return statusOf(report, options);

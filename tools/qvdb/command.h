@@ -14,9 +14,10 @@ namespace qvdb::tool {
 
 // Exit statuses.
 inline constexpr int kDone = 0;
-inline constexpr int kFailed = 1;      // something failed, or what was asked for is not there
-inline constexpr int kWrongUsage = 2;  // the command line makes no sense
-inline constexpr int kInUse = 4;       // somebody writes to the file: no result
+inline constexpr int kFailed = 1;          // something failed, or what was asked for is not there
+inline constexpr int kWrongUsage = 2;      // the command line makes no sense
+inline constexpr int kInUse = 3;           // another process has the database open
+inline constexpr int kWorkInProgress = 4;  // check: another process writes to it, so no verdict
 
 // The arguments and options of a command. A definition binds each to a variable that is filled
 // before the command runs. The library that reads command lines is known to one file only.

@@ -14,6 +14,7 @@
 #include "qvdb/output.h"
 #include "qvdb/suggestion.h"
 #include "qvdb/text.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb::tool {
 
@@ -58,7 +59,8 @@ constexpr std::size_t kWidth = 79;
 constexpr std::size_t kHelpColumn = 10;
 constexpr std::size_t kStatusColumn = 5;
 constexpr const char* kExitStatus =
-    "0  done\n1  failed, or what was asked for is not there\n2  wrong usage\n";
+    "0  done\n1  failed, or what was asked for is not there\n2  wrong usage\n"
+    "3  another process has the database open\n";
 
 void wrap(std::ostream& out, const std::string& text, std::size_t indent) {
   const std::string space(indent, ' ');
@@ -95,7 +97,7 @@ std::string overview() {
          "  qvdb records photos.qvd holiday\n"
          "  qvdb export photos.qvd holiday /mnt/copy\n\n"
          "EXIT STATUS\n  0  done\n  1  failed, or what was asked for is not there\n"
-         "  2  wrong usage\n";
+         "  2  wrong usage\n  3  another process has the database open\n";
   return out.str();
 }
 
@@ -211,6 +213,9 @@ std::optional<Action> readCommandLine(int argc, const char* const* argv) {
     auto parser = std::make_unique<Arguments::Parser>(sub, *command);
     Arguments arguments(*parser);
     actions.push_back(command->define(arguments));
+    arguments.option("--wait", "SECONDS", waitSeconds,
+                     "How long to wait for a database that another process has open for writing. "
+                     "Default: not at all.");
     sub->formatter_fn(
         [p = parser.get()](const CLI::App*, std::string, CLI::AppFormatMode) { return p->help(); });
     parsers.push_back(std::move(parser));

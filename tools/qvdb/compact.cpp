@@ -4,6 +4,7 @@
 #include "qvdb/output.h"
 #include "qvdb/percent_progress.h"
 #include "qvdb/text.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -30,8 +31,10 @@ int run(const Options& options) {
   CompactReport report;
   {
     Progress progress(options.dryRun ? "reading" : "compacting", 100, nullptr);
-    report = options.target ? compact(options.source, *options.target, percentOn(progress), how)
+    report = whileInUse([&] {
+      return options.target ? compact(options.source, *options.target, percentOn(progress), how)
                             : compact(options.source, percentOn(progress), how);
+    });
   }
   printLine(summary(report, options.dryRun));
   return kDone;

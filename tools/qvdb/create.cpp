@@ -4,6 +4,7 @@
 #include "qvdb/commands.h"
 #include "qvdb/failure.h"
 #include "qvdb/output.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -30,7 +31,7 @@ int run(const Options& options) {
     }
     create.version = static_cast<std::uint16_t>(*options.version);
   }
-  const Database database = Database::create(options.file, create);
+  const Database database = whileInUse([&] { return Database::create(options.file, create); });
   printLine(to_string(database.info().id));
   return kDone;
 }

@@ -42,7 +42,13 @@ std::string adviceFor(const Error& error) {
     case Reason::access_denied:
       return "check the permissions of the file and its folder";
     case Reason::in_use:
-      return "wait until the other program has closed it";
+      return "wait until the other program has closed it, or use --wait SECONDS";
+    case Reason::cannot_lock:
+      return "work on a copy on another file system";
+    case Reason::read_only_file_system:
+      return "work on a copy on a file system that can be written";
+    case Reason::size_limit:
+      return "raise the limit on the size of files ('ulimit -f')";
     case Reason::not_a_database:
       return "give the path of a database file";
     case Reason::version_out_of_range:

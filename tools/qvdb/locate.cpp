@@ -7,6 +7,7 @@
 
 #include "qvdb/interrupt.h"
 #include "qvdb/text.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -54,7 +55,7 @@ Database openToRead(const std::string& path) {
 }
 
 Database openToWrite(const std::string& path) {
-  Database database = Database::open(path, Mode::exclusive);
+  Database database = whileInUse([&] { return Database::open(path, Mode::exclusive); });
   if (database.info().version != kUnfinishedPack) return database;
   throw Failure(path +
                 ": is an unfinished pack (version 101), in which records are missing; use the "

@@ -25,7 +25,8 @@ inline constexpr const char* kRecordHelp =
 // Opens for reading only: the file stays as it is, byte for byte.
 Database openToRead(const std::string& path);
 
-// Opens for writing, and keeps other writers out meanwhile. Throws Failure for an unfinished pack.
+// Opens for writing, and keeps other writers out meanwhile. Waits for it as --wait allows. Throws
+// Failure for an unfinished pack.
 Database openToWrite(const std::string& path);
 
 // The tables of a database, those before the damage when its directory is damaged: then the failure

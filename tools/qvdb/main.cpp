@@ -31,7 +31,8 @@ int fail(const std::string& message, int status) {
 
 int failWithError(const qvdb::Error& error) {
   const std::string advice = adviceFor(error);
-  return fail(advice.empty() ? error.what() : error.what() + ("; " + advice), kFailed);
+  const int status = error.reason() == qvdb::Reason::in_use ? kInUse : kFailed;
+  return fail(advice.empty() ? error.what() : error.what() + ("; " + advice), status);
 }
 
 int run(int argc, char** argv) {

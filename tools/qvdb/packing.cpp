@@ -4,6 +4,7 @@
 #include "qvdb/output.h"
 #include "qvdb/percent_progress.h"
 #include "qvdb/text.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb::tool {
 
@@ -19,8 +20,10 @@ int runPacking(const Packing& packing, const PackOptions& options) {
   PackReport report;
   {
     Progress progress(packing.doing, 100, nullptr);
-    report = packing.operation(options.source, options.target, percentOn(progress),
+    report = whileInUse([&] {
+      return packing.operation(options.source, options.target, percentOn(progress),
                                {.overwrite = options.force});
+    });
   }
   for (const std::string& table : report.tables_without_data) {
     complain(options.target + ": table '" + table + "' has records, and so lost its data" +

@@ -5,6 +5,7 @@
 #include "qvdb/output.h"
 #include "qvdb/percent_progress.h"
 #include "qvdb/text.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -79,7 +80,7 @@ int run(const Options& options) {
   RepairOutcome outcome = RepairOutcome::sound;
   {
     Progress progress("repairing", 100, nullptr);
-    outcome = repair(options.file, percentOn(progress));
+    outcome = whileInUse([&] { return repair(options.file, percentOn(progress)); });
   }
   refuseFalseComfort(options, outcome == RepairOutcome::sound ? "nothing was repaired"
                                                               : "repaired what repair knows of");

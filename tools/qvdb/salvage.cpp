@@ -10,6 +10,7 @@
 #include "qvdb/locate.h"
 #include "qvdb/output.h"
 #include "qvdb/text.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -165,7 +166,10 @@ int run(const Options& options) {
     if (!block.written_to.empty()) ++tally.written;
     if (options.verbose && !options.json) printLine(lineOf(block));
   };
-  const SalvageReport report = salvageSource(options, visit);
+  const SalvageReport report = whileInUse([&] {
+    tallies.clear();
+    return salvageSource(options, visit);
+  });
   if (options.json) {
     printJson(jsonOf(report, tallies));
   } else {

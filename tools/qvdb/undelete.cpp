@@ -4,6 +4,7 @@
 #include "qvdb/locate.h"
 #include "qvdb/output.h"
 #include "qvdb/text.h"
+#include "qvdb/waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -45,8 +46,8 @@ int run(const Options& options) {
   }
   const Id record = recordIdInUseOrNot(options.source, options.table, options.record,
                                        options.at ? Prefer::inUse : Prefer::deleted);
-  const SalvageReport report =
-      undelete(options.source, options.target, options.table, record, offset);
+  const SalvageReport report = whileInUse(
+      [&] { return undelete(options.source, options.target, options.table, record, offset); });
   for (const std::string& note : report.notes) printLine(escaped(note));
   if (report.source_in_use) printLine(kSourceInUse);
   if (report.verified) {

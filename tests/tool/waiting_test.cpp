@@ -1,0 +1,107 @@
+// Waiting for a database that another process has open: --wait, and the status of those who do not.
+#include <signal.h>
+#include <unistd.h>
+
+#include "support/forked.h"
+#include "tool/tool_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+// Another process that has the database open exclusively until it is ended.
+class Holder {
+ public:
+  explicit Holder(const QVWCHAR* path) {
+    int ready[2];
+    if (::pipe(ready) != 0) throw std::runtime_error("no pipe");
+    process_ = ::fork();
+    if (process_ == 0) {
+      if (OpenDBaseW(path, 3) == 0) ::_exit(1);
+      static_cast<void>(!::write(ready[1], "y", 1));
+      for (;;) ::pause();
+    }
+    ::close(ready[1]);
+    char answer = 0;
+    isHolding_ = ::read(ready[0], &answer, 1) == 1;
+    ::close(ready[0]);
+  }
+  ~Holder() { end(); }
+  Holder(const Holder&) = delete;
+  Holder& operator=(const Holder&) = delete;
+
+  bool isHolding() const { return isHolding_; }
+  void end() {
+    if (process_ <= 0) return;
+    ::kill(process_, SIGKILL);
+    endOf(process_);
+    process_ = -1;
+  }
+
+ private:
+  pid_t process_ = -1;
+  bool isHolding_ = false;
+};
+
+using ToolWait = ToolTest;
+
+TEST_F(ToolWait, ADatabaseInUseHasAStatusOfItsOwn) {
+  const Words ids = notes({bytesOf("a")});
+  writeFile(path("input"), bytesOf("b"));
+  const Holder holder(wide(kDefaultFile));
+  ASSERT_TRUE(holder.isHolding());
+  const std::vector<Words> commands = {
+      {"create", "--force", kDefaultFile},        {"add-table", kDefaultFile, "more"},
+      {"put", kDefaultFile, "notes", "input"},    {"set", kDefaultFile, "notes", ids[0], "input"},
+      {"touch", kDefaultFile, "notes", ids[0]},   {"rm", kDefaultFile, "notes", ids[0]},
+      {"import", kDefaultFile, "files", "input"}, {"compact", kDefaultFile},
+      {"pack", kDefaultFile, "packed.qvd"},       {"repair", kDefaultFile},
+  };
+  expectUnchanged([&] {
+    for (const Words& words : commands) {
+      fails(words, 3, {"in use", "--wait"});
+      Words waiting = words;
+      waiting.insert(waiting.begin() + 1, {"--wait", "0"});
+      fails(waiting, 3, {"in use"});
+    }
+  });
+  // Readers need not wait.
+  EXPECT_EQ(done({"get", "--wait", "100000", kDefaultFile, "notes", ids[0]}), "a");
+}
+
+TEST_F(ToolWait, WaitsUntilTheDatabaseIsFree) {
+  notes({bytesOf("a")});
+  writeFile(path("input"), bytesOf("b"));
+  Holder holder(wide(kDefaultFile));
+  ASSERT_TRUE(holder.isHolding());
+  ProgramCall call = callOf({"put", "--wait", "100000", kDefaultFile, "notes", "input"});
+  call.meanwhile = [&](pid_t) { holder.end(); };
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  EXPECT_EQ(database().tables[0].records.size(), 2u);
+}
+
+TEST_F(ToolWait, StopsWaitingAtCtrlC) {
+  notes({bytesOf("a")});
+  writeFile(path("input"), bytesOf("b"));
+  const Holder holder(wide(kDefaultFile));
+  ASSERT_TRUE(holder.isHolding());
+  ProgramCall call = callOf({"put", "--wait", "100000", kDefaultFile, "notes", "input"});
+  // Until it catches signals it ends by one, which is as good.
+  call.meanwhile = [](pid_t tool) {
+    ::usleep(300'000);  // in which it begins to wait
+    ::kill(tool, SIGINT);
+  };
+  const Outcome outcome = runProgram(call);
+  EXPECT_TRUE(outcome.status == 1 || outcome.signal == SIGINT) << outcome;
+}
+
+TEST_F(ToolWait, TakesWholeSeconds) {
+  notes({});
+  for (const char* text : {"", "soon", "-1", "1.5", "1s"}) {
+    fails({"tables", "--wait", text, kDefaultFile}, 2, {"--wait"});
+  }
+  EXPECT_NE(done({"put", "--help"}).find("--wait SECONDS"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace qvdbase::test
