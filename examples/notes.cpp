@@ -1,19 +1,10 @@
 // Keeps notes: adds one, then lists them all. Usage: notes_cpp FILE TEXT
 #include <exception>
-#include <filesystem>
 #include <iostream>
 #include <qvdbase/qvdb.hpp>
 #include <span>
 #include <string_view>
 #include <vector>
-
-// Exclusively: to read and write, while no other program writes.
-qvdb::Database open_or_create(const std::filesystem::path& path) try {
-  return qvdb::Database::open(path, qvdb::Mode::exclusive);
-} catch (const qvdb::Error& error) {
-  if (error.reason() != qvdb::Reason::no_such_file) throw;
-  return qvdb::Database::create(path);  // refuses a file that is there after all
-}
 
 int main(int argc, char** argv) try {
   if (argc != 3) {
@@ -22,7 +13,9 @@ int main(int argc, char** argv) try {
   }
   const std::string_view text = argv[2];
 
-  auto database = open_or_create(argv[1]);
+  // Exclusively: to read and write, while no other program writes. A file that is there is opened,
+  // and never emptied, whatever the reason is for which that fails.
+  auto database = qvdb::Database::open(argv[1], {.mode = qvdb::Mode::exclusive, .create = true});
   auto notes = database.find_table("notes");
   if (!notes) notes = database.add_table("notes");
   notes->add(std::as_bytes(std::span(text)));
