@@ -6,4 +6,6 @@ endif()
 find_package(nlohmann_json REQUIRED)
 add_dependencies(${name}_tests qvdb_tool)
 target_compile_definitions(${name}_tests PRIVATE QVDB_TOOL="$<TARGET_FILE:qvdb_tool>")
+# Named from the top: the C++ layer has headers of the same names.
+target_include_directories(${name}_tests PRIVATE ${PROJECT_SOURCE_DIR})
 target_link_libraries(${name}_tests PRIVATE qvdb_tool_objects nlohmann_json::nlohmann_json)

@@ -23,11 +23,11 @@
 #include <vector>
 
 #include "proof/failures.h"
-#include "qvdb/command_line.h"
-#include "qvdb/failure.h"
-#include "qvdb/output.h"
 #include "salvage/salvage_kit.h"
 #include "support/temp_folder.h"
+#include "tools/qvdb/command_line.h"
+#include "tools/qvdb/failure.h"
+#include "tools/qvdb/output.h"
 
 namespace qvdbase::test {
 namespace {
