@@ -3,6 +3,9 @@
 #include <qvdbase/qvdb/id.hpp>
 
 #include <charconv>
+#include <ostream>
+
+#include "support/seeded_hash.h"
 
 namespace qvdb {
 
@@ -31,6 +34,14 @@ std::optional<Id> parse_id(std::string_view text) noexcept {
   const auto [stopped, error] = std::from_chars(text.data(), end, id.value, isHex ? 16 : 10);
   if (error != std::errc() || stopped != end) return std::nullopt;
   return id;
+}
+
+std::ostream& operator<<(std::ostream& out, Id id) {
+  return out << to_string(id);
+}
+
+std::size_t detail::hashOf(Id id) noexcept {
+  return qvdbase::SeededHash()(id.value);
 }
 
 }  // namespace qvdb

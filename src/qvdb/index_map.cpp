@@ -8,20 +8,11 @@ namespace {
 
 constexpr std::size_t kSmallest = 64;
 
-// Identifiers are not random in all their bits, and may be chosen by the application.
-std::uint64_t mixed(std::uint64_t key) {
-  key ^= key >> 32;
-  key *= 0xD6E8FEB86659FD93u;
-  key ^= key >> 32;
-  key *= 0xD6E8FEB86659FD93u;
-  return key ^ (key >> 32);
-}
-
 }  // namespace
 
 // The hash's share of the places: the upper half of the product, in 32-bit steps.
 std::size_t IndexMap::home(std::uint64_t key) const {
-  const std::uint64_t hash = mixed(key);
+  const std::uint64_t hash = qvdbase::mixed(key, seed_);
   const std::uint64_t places = places_.size();
   const std::uint64_t low = (hash & 0xFFFFFFFFu) * places >> 32;
   return static_cast<std::size_t>(((hash >> 32) * places + low) >> 32);

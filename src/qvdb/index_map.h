@@ -6,8 +6,13 @@
 #include <optional>
 #include <vector>
 
+#include "support/seeded_hash.h"
+
 namespace qvdb::detail {
 
+// Identifiers are not random in all their bits, and whoever makes a file chooses them: the hash is
+// another one in each process.
+//
 // Open addressing with linear probing; erasing moves later entries back, so that there are no
 // tombstones and a search ends at the first empty place. Position 0 marks an empty place: no record
 // stands there.
@@ -42,6 +47,7 @@ class IndexMap {
   std::size_t next(std::size_t place) const { return place + 1 == places_.size() ? 0 : place + 1; }
   void grow();
 
+  qvdbase::HashSeed seed_ = qvdbase::hashSeed();
   std::vector<Entry> places_;
   std::size_t size_ = 0;
 };

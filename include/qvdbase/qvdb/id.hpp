@@ -2,12 +2,18 @@
 #ifndef QVDBASE_QVDB_ID_HPP
 #define QVDBASE_QVDB_ID_HPP
 
+#if __cplusplus < 202002L
+#error \
+    "qvdb.hpp needs C++20: compile with -std=c++20 (CMake: target_compile_features(... cxx_std_20))"
+#endif
+
 #include <qvdbase/base.h>
 
 #include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,14 +38,20 @@ QVDBASE_API std::string to_string(Id id);
 // when the text is anything else.
 QVDBASE_API std::optional<Id> parse_id(std::string_view text) noexcept;
 
+// Writes an identifier as to_string() does.
+QVDBASE_API std::ostream& operator<<(std::ostream& out, Id id);
+
+namespace detail {
+QVDBASE_API std::size_t hashOf(Id id) noexcept;
+}
+
 }  // namespace qvdb
 
 template <>
 struct std::hash<qvdb::Id> {
-  std::size_t operator()(qvdb::Id id) const noexcept {
-    // Identifiers made in the same second differ in few of their low bits.
-    return static_cast<std::size_t>((id.value ^ (id.value >> 32)) * 0x9E3779B97F4A7C15u);
-  }
+  // Another hash in each process: identifiers come from files, whose makers could otherwise choose
+  // them so that all fall into one bucket.
+  std::size_t operator()(qvdb::Id id) const noexcept { return qvdb::detail::hashOf(id); }
 };
 
 #endif
