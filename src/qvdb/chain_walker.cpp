@@ -26,10 +26,7 @@ ChainWalker::Step ChainWalker::next(std::int16_t db, recordPart1* header, std::i
 bool ChainWalker::resumeBehind(std::int16_t db, std::int64_t recordPos, std::uint32_t number) {
   recordPart1 header;
   if (!qvdbase::readRecordHeaderAt(db, recordPos, slot_.tableID, &header)) return false;
-  nextPos_ = header.nextRecordPos;
-  number_ = number;
-  hasChanged_ = true;
-  loop_ = qvdbase::LoopDetector();
+  resumeAt(header.nextRecordPos, number);
   return true;
 }
 

@@ -48,6 +48,14 @@ class ChainWalker {
   // the count that it began with as its limit only. False when no header can be read there.
   bool resumeBehind(std::int16_t db, std::int64_t recordPos, std::uint32_t number);
 
+  // The same before the record at a position, or at the end for 0.
+  void resumeAt(std::int64_t recordPos, std::uint32_t number) {
+    nextPos_ = recordPos;
+    number_ = number;
+    hasChanged_ = true;
+    loop_ = qvdbase::LoopDetector();
+  }
+
   // The record that the last step was about, counted from 1.
   std::uint32_t number() const { return number_; }
   std::uint32_t count() const { return slot_.recordCount; }

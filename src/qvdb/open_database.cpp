@@ -25,8 +25,19 @@ void OpenDatabase::discardBulk() noexcept {
   if (bulk != nullptr) bulk->discard();
 }
 
+namespace {
+
+// Tables and records that were made without a database have none.
+OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const char* operation) {
+  if (database != nullptr) return *database;
+  throw Error(operation, Reason::not_open,
+              std::string("cannot ") + operation + ": it belongs to no database");
+}
+
+}  // namespace
+
 Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
-    : database_(*database), name_(name) {
+    : database_(databaseOf(database, name)), name_(name) {
   qvdbase::platform::forgetHostFailure();
   if (database_.handle == 0) fail(Reason::not_open, "it was closed");
 }

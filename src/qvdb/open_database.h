@@ -21,6 +21,17 @@ namespace qvdb::detail {
 
 struct TableIndex;
 struct Bulk;
+struct Walk;
+
+// A change of one record that has been made.
+struct RecordChange {
+  enum class Kind { added, inPlace, moved, removed };
+
+  Kind kind;
+  Id table;
+  std::int64_t position;  // of the record's block, before the change
+  std::int64_t to = 0;    // moved: of its new block; removed: of the record after it, or 0
+};
 
 struct OpenDatabase {
   std::int16_t handle = 0;  // 0 once it is closed
@@ -31,10 +42,16 @@ struct OpenDatabase {
   std::uint64_t changes = 0;
   // The indexes of its tables that somebody holds; see table_index.h.
   std::vector<std::weak_ptr<TableIndex>> indexes;
+  // The walks that have begun.
+  std::vector<Walk*> walks;
   // The batch that is open, of an appender or a writer, or null; see bulk.h.
   Bulk* bulk = nullptr;
 
   ~OpenDatabase();
+
+  // Reports a change to the walks, of which those go on that it does not concern. To be called once
+  // for the latest step of `changes`.
+  void noteChange(const RecordChange& change);
 
   // To be called before the handle is closed: the batch that is open is discarded.
   void discardBulk() noexcept;

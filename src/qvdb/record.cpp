@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "QVDbase/record_find.h"
 #include "format/fields.h"
@@ -70,6 +71,29 @@ void readPayload(const Operation& operation, const RecordInfo& info, std::uint64
 
 Record::Record(std::shared_ptr<detail::OpenDatabase> database, Id table, const RecordInfo& info)
     : database_(std::move(database)), table_(table), info_(info) {}
+
+Record::Record(const Record& other)
+    : database_(other.database_),
+      table_(other.table_),
+      info_(other.info_),
+      loaded_(other.loaded_),
+      kept_(other.kept_) {
+  keepLoaded();
+}
+
+Record& Record::operator=(const Record& other) {
+  Record copy(other);
+  return *this = std::move(copy);
+}
+
+// The walk's buffer will hold other bytes soon.
+void Record::keepLoaded() {
+  if (loaded_.empty() || kept_ != nullptr) return;
+  std::shared_ptr<std::byte[]> kept(new std::byte[loaded_.size()]);
+  std::copy(loaded_.begin(), loaded_.end(), kept.get());
+  loaded_ = {kept.get(), loaded_.size()};
+  kept_ = std::move(kept);
+}
 
 std::size_t Record::read(std::uint64_t offset, std::span<std::byte> buffer) const {
   const Operation operation(database_, kRead);

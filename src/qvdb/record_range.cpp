@@ -37,6 +37,13 @@ constexpr std::size_t kLeastOfAPiece = 16;
 }  // namespace
 
 struct detail::Walk {
+  Walk() = default;
+  ~Walk() {
+    if (database != nullptr) std::erase(database->walks, this);
+  }
+  Walk(const Walk&) = delete;
+  Walk& operator=(const Walk&) = delete;
+
   std::shared_ptr<OpenDatabase> database;
   Id table;
   std::string tableName;
@@ -52,7 +59,14 @@ struct detail::Walk {
   std::size_t at = 0;             // of the next record in the batch
   std::uint32_t delivered = 0;    // records, the current one included
   std::uint64_t changesSeen = 0;  // OpenDatabase::changes when the batch was read
+  std::int64_t pieceAt = 0;       // the current record, where it came of the piece
   std::size_t batchSize = kFirstBatch;
+  // What has become of the current record, when it has moved or is gone.
+  struct {
+    std::uint32_t number = 0;  // the record, as `delivered` counts
+    bool isGone = false;
+    std::int64_t position = 0;  // of its new block; of the record after it, when it is gone
+  } changed;
   bool isDamaged = false;             // at the walker's last step
   std::exception_ptr payloadFailure;  // of the record behind the batch
 
@@ -132,6 +146,7 @@ struct detail::Walk {
     isDamaged = step == ChainWalker::Step::damaged;
     if (step != ChainWalker::Step::record) return false;
     storeInfo(head, position, info);
+    pieceAt = position;
     if (bytes != nullptr) *payload = std::as_bytes(std::span(bytes, size));
     ++fromPiece;
     return true;
@@ -178,19 +193,59 @@ struct detail::Walk {
     return inPiece ? takeFromPiece(info, payload) : takeFromBatch(info, payload);
   }
 
+  // Whether the walk has delivered a record and has not ended.
+  bool hasCurrent() const { return delivered > 0 && (inPiece || at > 0); }
+
+  // Where the current record is now.
+  std::int64_t currentPosition() const {
+    if (changed.number == delivered) return changed.position;
+    return inPiece ? pieceAt : batch[at - 1].position;
+  }
+
+  bool isCurrentGone() const { return changed.number == delivered && changed.isGone; }
+
+  // A change of this table that leaves what was read ahead as it is in the file: one of the record
+  // that was just delivered, or an addition beyond what was read.
+  bool goesOnAfter(const RecordChange& change) {
+    using Kind = RecordChange::Kind;
+    if (change.kind == Kind::added) {
+      const bool wasAtEnd = walker.nextPosition() == 0;
+      if (wasAtEnd && isCurrentGone() && changed.position == 0) changed.position = change.position;
+      return !wasAtEnd && !inPiece;
+    }
+    if (change.position != currentPosition()) return false;
+    const bool wasGone = isCurrentGone();  // then it is the record after it that has changed
+    if (change.kind != Kind::inPlace) {
+      changed = {delivered, wasGone || change.kind == Kind::removed, change.to};
+    }
+    return !wasGone;
+  }
+
+  void note(const RecordChange& change) {
+    const bool isUpToDate = changesSeen + 1 == database->changes;
+    const bool goesOn = change.table != table || (hasCurrent() && goesOnAfter(change));
+    if (isUpToDate && goesOn) changesSeen = database->changes;
+  }
+
   // The chain has changed: what was read ahead may be wrong, so the walk goes on from the block of
-  // the current record, whose links stand even when it is no part of the chain any more.
-  void rereadBehind(const Operation& operation, std::int64_t position) {
+  // the current record.
+  void rereadBehind(const Operation& operation, std::int64_t foundAt) {
     isDamaged = false;
     payloadFailure = nullptr;
+    if (isCurrentGone()) return walker.resumeAt(changed.position, delivered);
+    const std::int64_t position = hasCurrent() ? currentPosition() : foundAt;
     if (!walker.resumeBehind(operation.db(), position, delivered)) {
       operation.fail(Reason::chain_damaged,
                      "record " + std::to_string(delivered) + " of table '" + tableName +
-                         "' does not stand any more where it stood",
+                         "' is not any more where it was",
                      delivered);
     }
   }
 };
+
+void detail::OpenDatabase::noteChange(const RecordChange& change) {
+  for (Walk* walk : walks) walk->note(change);
+}
 
 RecordRange::RecordRange(std::shared_ptr<detail::OpenDatabase> database, Id table, Load load)
     : walk_(std::make_unique<detail::Walk>()) {
@@ -203,7 +258,7 @@ RecordRange::RecordRange(RecordRange&&) noexcept = default;
 RecordRange& RecordRange::operator=(RecordRange&&) noexcept = default;
 RecordRange::~RecordRange() = default;
 
-RecordRange::iterator RecordRange::begin() {
+RecordRange::iterator RecordRange::begin() & {
   start();
   return iterator(this);
 }
@@ -214,6 +269,8 @@ void RecordRange::start() {
   const detail::Operation operation(walk.database, kWalk);
   detail::ReadScope scope(operation.db());
   const qvdbase::FoundTable found = operation.table(walk.table);
+  auto& walks = walk.database->walks;
+  if (std::find(walks.begin(), walks.end(), &walk) == walks.end()) walks.push_back(&walk);
   walk.tableName = detail::storedName(found.slot);
   walk.walker = detail::ChainWalker(found.slot);
   walk.isDamaged = false;
@@ -221,6 +278,7 @@ void RecordRange::start() {
   walk.isDense = false;
   walk.inPiece = false;
   walk.delivered = 0;
+  walk.changed = {};
   walk.batchSize = kFirstBatch;
   current_ = Record(walk.database, walk.table, {});
   done_ = !walk.refill(operation, &current_.info_, &current_.loaded_);

@@ -127,9 +127,13 @@ std::optional<Record> Table::find(Id record) const {
   }
 }
 
+bool Table::contains(Id record) const {
+  return find(record).has_value();
+}
+
 std::optional<std::vector<std::byte>> Table::get(Id record) const {
+  const Operation operation(database_, "read the record");
   if (const auto index = detail::indexOf(*database_, id_)) {
-    const Operation operation(database_, "read the record");
     ReadScope scope(operation.db());
     qvdbase::FoundRecord found;
     const detail::Answer answer = detail::askIndex(operation, *index, record, &found);
@@ -146,8 +150,8 @@ std::optional<std::vector<std::byte>> Table::get(Id record) const {
 }
 
 std::optional<std::uint32_t> Table::get(Id record, std::span<std::byte> buffer) const {
+  const Operation operation(database_, "read the record");
   if (const auto index = detail::indexOf(*database_, id_)) {
-    const Operation operation(database_, "read the record");
     ReadScope scope(operation.db());
     qvdbase::FoundRecord found;
     const detail::Answer answer = detail::askIndex(operation, *index, record, &found);

@@ -23,6 +23,7 @@ namespace qvdb {
 
 using detail::Operation;
 using detail::ReadScope;
+using Kind = detail::RecordChange::Kind;
 
 namespace {
 
@@ -118,6 +119,7 @@ Id addRecord(const Operation& operation, detail::OpenDatabase& database, Id tabl
     if (scope.finish(done)) {
       const Id id{qvdbase::identifierNumber(recordID)};
       detail::noteAdded(database, found.slot, id, blockPos);
+      database.noteChange({Kind::added, table, blockPos});
       return id;
     }
   }
@@ -144,6 +146,7 @@ bool changePayload(const Operation& operation, detail::OpenDatabase& database, I
   const auto size = static_cast<std::uint32_t>(payload.size());
   ++database.changes;
   if (size <= found->header.dataCapacity) {
+    database.noteChange({Kind::inPlace, table, found->recordPos});
     return qvdbase::overwriteRecord(operation.db(), found->recordPos, bytesOf(payload), size);
   }
   operation.requireNoBulk();
@@ -155,10 +158,11 @@ bool changePayload(const Operation& operation, detail::OpenDatabase& database, I
     return false;
   }
   detail::noteMoved(database, found->table.slot, record, move->newPosition);
+  database.noteChange({Kind::moved, table, found->recordPos, move->newPosition});
   return true;
 }
 
-bool changePart(const Operation& operation, detail::OpenDatabase& database,
+bool changePart(const Operation& operation, detail::OpenDatabase& database, Id table,
                 const qvdbase::FoundRecord& found, std::uint64_t offset, ByteView bytes) {
   const std::uint32_t size = found.header.dataLength;
   if (offset > size || bytes.size() > size - offset) {
@@ -166,6 +170,7 @@ bool changePart(const Operation& operation, detail::OpenDatabase& database,
                                              " bytes that the record has");
   }
   ++database.changes;
+  database.noteChange({Kind::inPlace, table, found.recordPos});
   return qvdbase::overwritePart(operation.db(), found.recordPos, static_cast<std::uint32_t>(offset),
                                 bytesOf(bytes), static_cast<std::uint32_t>(bytes.size()));
 }
@@ -179,6 +184,7 @@ bool unlink(const Operation& operation, detail::OpenDatabase& database, Id table
   if (!qvdbase::unlinkRecord(operation.db(), found)) return false;
   detail::noteRemoved(database, found->table.slot,
                       Id{qvdbase::identifierNumber(found->header.recordID)});
+  database.noteChange({Kind::removed, table, found->recordPos, found->header.nextRecordPos});
   return true;
 }
 
@@ -292,6 +298,7 @@ bool modifyOne(const Operation& operation, detail::OpenDatabase& database, const
         return changePayload(operation, database, table.id(), found, payload, &move);
       });
   if (isDecided(changed)) return changed == Changed::done;
+  ++database.changes;  // it may have been made in part
   detail::takeBackBlock(operation, table.id(), move.newPosition,
                         {{move.previous, qvdbase::record::kNextRecordPos},
                          {move.next, qvdbase::record::kPrevRecordPos}});
@@ -304,7 +311,7 @@ bool writeOne(const Operation& operation, detail::OpenDatabase& database, const 
   operation.requireWritable();
   const Changed changed =
       changeOne(operation, database, table.id(), record, [&](qvdbase::FoundRecord* found) {
-        return changePart(operation, database, *found, offset, bytes);
+        return changePart(operation, database, table.id(), *found, offset, bytes);
       });
   if (isDecided(changed)) return changed == Changed::done;
   return failedChange(operation, table, idOf(record), 0, false);
@@ -330,6 +337,7 @@ bool removeOne(const Operation& operation, detail::OpenDatabase& database, const
       operation, database, table.id(), record,
       [&](qvdbase::FoundRecord* found) { return unlink(operation, database, table.id(), found); });
   if (isDecided(changed)) return changed == Changed::done;
+  ++database.changes;  // it may have been made in part
   return failedChange(operation, table, idOf(record), 0, true);
 }
 
@@ -351,35 +359,43 @@ void Table::add_with_id(Id record, ByteView payload, std::uint32_t reserve) {
 }
 
 bool Table::modify(Id record, ByteView payload) {
-  return modifyOne(Operation(database_, kChange), *database_, *this, record, payload);
+  const Operation operation(database_, kChange);
+  return modifyOne(operation, *database_, *this, record, payload);
 }
 
 bool Table::modify(const Record& record, ByteView payload) {
-  return modifyOne(Operation(database_, kChange), *database_, *this, record, payload);
+  const Operation operation(database_, kChange);
+  return modifyOne(operation, *database_, *this, record, payload);
 }
 
 bool Table::write(Id record, std::uint64_t offset, ByteView bytes) {
-  return writeOne(Operation(database_, kChange), *database_, *this, record, offset, bytes);
+  const Operation operation(database_, kChange);
+  return writeOne(operation, *database_, *this, record, offset, bytes);
 }
 
 bool Table::write(const Record& record, std::uint64_t offset, ByteView bytes) {
-  return writeOne(Operation(database_, kChange), *database_, *this, record, offset, bytes);
+  const Operation operation(database_, kChange);
+  return writeOne(operation, *database_, *this, record, offset, bytes);
 }
 
 bool Table::touch(Id record) {
-  return touchOne(Operation(database_, kTouch), *database_, *this, record);
+  const Operation operation(database_, kTouch);
+  return touchOne(operation, *database_, *this, record);
 }
 
 bool Table::touch(const Record& record) {
-  return touchOne(Operation(database_, kTouch), *database_, *this, record);
+  const Operation operation(database_, kTouch);
+  return touchOne(operation, *database_, *this, record);
 }
 
 bool Table::remove(Id record) {
-  return removeOne(Operation(database_, kDelete), *database_, *this, record);
+  const Operation operation(database_, kDelete);
+  return removeOne(operation, *database_, *this, record);
 }
 
 bool Table::remove(const Record& record) {
-  return removeOne(Operation(database_, kDelete), *database_, *this, record);
+  const Operation operation(database_, kDelete);
+  return removeOne(operation, *database_, *this, record);
 }
 
 void Table::set_data(ByteView data, std::uint32_t reserve) {

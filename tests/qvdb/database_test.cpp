@@ -177,7 +177,8 @@ TEST_F(LayerDatabase, OpenedForReadingIsNeverWritten) {
   }
   auto database = openDatabase(Mode::read_only);
   auto table = database.table("notes");
-  const qvdb::Record record = *table.records().begin();
+  auto all = table.records();
+  const qvdb::Record record = *all.begin();
   expectUnchanged([&] {
     expectError(Reason::read_only, [&] { database.add_table("more"); });
     expectError(Reason::read_only, [&] { database.set_version(150); });
@@ -197,8 +198,8 @@ TEST_F(LayerDatabase, ClosesItselfAndItsTablesAndRecordsSayThatItIsClosed) {
   auto database = createDatabase();
   auto table = database.add_table("notes");
   table.add(span(bytesOf("x")));
-  const qvdb::Record record = *table.records().begin();
   auto records = table.records();
+  const qvdb::Record record = *records.begin();
   auto walk = records.begin();
   database.close();
   database.close();

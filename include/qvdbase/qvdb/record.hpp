@@ -5,6 +5,7 @@
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/id.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -20,23 +21,48 @@ struct OpenDatabase;
 struct Walk;
 }  // namespace detail
 
-// What a record's header tells.
+// What a record's header holds.
 struct RecordInfo {
   Id id;
   std::uint32_t create_time = 0;  // seconds since 1970, modulo 2^32
   std::uint32_t modify_time = 0;
   std::uint32_t size = 0;          // bytes of payload
-  std::uint32_t capacity = 0;      // bytes of room for it
+  std::uint32_t capacity = 0;      // bytes that the payload can grow to in place
   std::int64_t position = 0;       // of the record's block in the file
   std::int64_t data_position = 0;  // of the payload in the file
+
+  // The times, from 1970 to the year 2106, where the numbers in the file begin again at 0.
+  std::chrono::sys_seconds created() const noexcept { return timeOf(create_time); }
+  std::chrono::sys_seconds modified() const noexcept { return timeOf(modify_time); }
+
+  friend bool operator==(const RecordInfo&, const RecordInfo&) = default;
+
+ private:
+  static std::chrono::sys_seconds timeOf(std::uint32_t seconds) noexcept {
+    return std::chrono::sys_seconds(std::chrono::seconds(seconds));
+  }
 };
 
 // A record as it was found. It knows where the record lies, so that its payload is read without
 // another search. It stays usable while the database is open; when the record was changed or
-// deleted in the meantime, see read().
+// deleted in the meantime, see read(). A Record that was made without one finds nothing to read:
+// its operations throw not_open.
 class QVDBASE_API Record {
  public:
   Record() = default;
+  // A copy keeps a payload of its own where there is a loaded one, for as long as it lives; copies
+  // of a copy share it. Throws std::bad_alloc.
+  Record(const Record& other);
+  Record& operator=(const Record& other);
+  Record(Record&&) noexcept = default;
+  Record& operator=(Record&&) noexcept = default;
+  ~Record() = default;
+
+  // Whether both are the same record, as it was found, of the same open database: that of one
+  // Database object. What is loaded does not count.
+  friend bool operator==(const Record& a, const Record& b) noexcept {
+    return a.database_ == b.database_ && a.table_ == b.table_ && a.info_ == b.info_;
+  }
 
   // The header as it was when the record was found.
   const RecordInfo& info() const noexcept { return info_; }
@@ -44,8 +70,9 @@ class QVDBASE_API Record {
   std::uint32_t size() const noexcept { return info_.size; }
   Id table() const noexcept { return table_; }
 
-  // The payload as a walk over records(Load::payloads) has read it; empty for any other record. It
-  // holds until the walk goes on.
+  // The payload as a walk over records(Load::payloads) has read it; empty for any other record.
+  // That of the record that the walk delivers holds until the walk continues, that of a copy as
+  // long as the copy.
   std::span<const std::byte> loaded() const noexcept { return loaded_; }
 
   // Reads part of the payload: as many bytes as the buffer takes and the payload has from `offset`
@@ -70,11 +97,13 @@ class QVDBASE_API Record {
   friend class Table;
   friend class RecordRange;
   Record(std::shared_ptr<detail::OpenDatabase> database, Id table, const RecordInfo& info);
+  void keepLoaded();
 
   std::shared_ptr<detail::OpenDatabase> database_;
   Id table_;
   RecordInfo info_;
   std::span<const std::byte> loaded_;
+  std::shared_ptr<const std::byte[]> kept_;  // what loaded_ shows, in a copy
 };
 
 // What a walk reads of each record.
@@ -96,8 +125,10 @@ enum class Load {
 //
 // Records may be added, changed and deleted during the walk. What this layer changes in the same
 // open database is noticed: a record that was deleted ahead of the walk is not delivered any more,
-// and one that moved is delivered from where it now is. A change made past this layer, through the
-// C functions or by another program, can go unnoticed within a batch; it never does harm.
+// and one that moved is delivered from where it now is. To delete or change the record that the
+// walk has just delivered costs no more than elsewhere; after a change of any other record of the
+// table, what was read ahead is read again. A change made past this layer, through the C functions
+// or by another program, can go unnoticed within a batch; it never does harm.
 class QVDBASE_API RecordRange {
  public:
   class iterator;
@@ -107,8 +138,10 @@ class QVDBASE_API RecordRange {
   ~RecordRange();
 
   // Starts the walk, or starts it again from the first record. Throws Error when the table cannot
-  // be read or its first record is damaged.
-  iterator begin();
+  // be read or its first record is damaged. The iterator belongs to the range, which so must have a
+  // name, or be that of a range-based for.
+  iterator begin() &;
+  iterator begin() && = delete;
   std::default_sentinel_t end() const noexcept { return std::default_sentinel; }
 
  private:

@@ -10,6 +10,7 @@
 #include <qvdbase/qvdb/record.hpp>
 #include <qvdbase/qvdb/writer.hpp>
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -48,6 +49,15 @@ struct TableInfo {
 // identifier go straight to it.
 class QVDBASE_API Table {
  public:
+  // No table, to be assigned to: each operation throws not_open, the name is empty, the identifier
+  // 0.
+  Table() = default;
+
+  // Whether both stand for the same table of the same open database: that of one Database object.
+  friend bool operator==(const Table& a, const Table& b) noexcept {
+    return a.database_ == b.database_ && a.id_ == b.id_;
+  }
+
   Id id() const noexcept { return id_; }
   const std::string& name() const noexcept { return name_; }
 
@@ -65,6 +75,9 @@ class QVDBASE_API Table {
   // Searches a record; of several with the identifier, the first. Nothing when there is none.
   // Throws chain_damaged when the record is not found before the damage.
   std::optional<Record> find(Id record) const;
+
+  // Whether there is such a record. Throws as find().
+  bool contains(Id record) const;
 
   // A record's payload; nothing when there is no such record. Throws as find() and Record::read().
   std::optional<std::vector<std::byte>> get(Id record) const;
@@ -172,6 +185,23 @@ class QVDBASE_API Table {
   Id id_;
   std::string name_;
 };
+
+// Deletes all records of a table for which the predicate, called with a const Record&, is true.
+// Returns how many they were. One walk over the table: the cost of each deletion does not depend on
+// the number of records.
+//
+// load  Load::payloads when the predicate looks at Record::loaded()
+//
+// Throws Error as the walk and Table::remove() do; the records that were deleted before stay
+// deleted.
+template <std::predicate<const Record&> Predicate>
+std::uint32_t erase_if(Table& table, Predicate predicate, Load load = Load::headers) {
+  std::uint32_t erased = 0;
+  for (const Record& record : table.records(load)) {
+    if (predicate(record) && table.remove(record)) ++erased;
+  }
+  return erased;
+}
 
 }  // namespace qvdb
 
