@@ -13,10 +13,23 @@
 // The rules of the C functions hold here too: one thread at a time, in the whole process; when an
 // operation has returned, all that it wrote is with the operating system, and Database::sync() asks
 // for more. No operation of this layer moves the file position of the handle.
+//
+// What stays when the library is updated: source code that compiles with one version of this layer
+// compiles with every later 1.x version and means the same; structs of options and reports get new
+// members at their end only, with defaults, and enumerations new values. Binary code is another
+// matter: the C functions keep their interface for as long as the library is libqvdbase.so.1, the
+// classes and structs of this layer do not. An application that uses them is to be compiled again
+// with the headers of each version that it is run with.
 #ifndef QVDBASE_QVDB_HPP
 #define QVDBASE_QVDB_HPP
 
+#if __cplusplus < 202002L
+#error \
+    "qvdb.hpp needs C++20: compile with -std=c++20 (CMake: target_compile_features(... cxx_std_20))"
+#endif
+
 #include <qvdbase/qvdb/bulk.hpp>
+#include <qvdbase/qvdb/bytes.hpp>
 #include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
@@ -27,5 +40,6 @@
 #include <qvdbase/qvdb/record.hpp>
 #include <qvdbase/qvdb/salvage.hpp>
 #include <qvdbase/qvdb/table.hpp>
+#include <qvdbase/qvdb/writer.hpp>
 
 #endif

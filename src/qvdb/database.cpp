@@ -284,6 +284,14 @@ std::optional<Table> Database::find_table(Id table) const {
   return Table(state_, table, detail::storedName(slot));
 }
 
+bool Database::contains(std::string_view name) const {
+  return find_table(name).has_value();
+}
+
+bool Database::contains(Id table) const {
+  return find_table(table).has_value();
+}
+
 Table Database::table(std::string_view name) const {
   std::optional<Table> found = find_table(name);
   if (found) return *std::move(found);
@@ -319,6 +327,11 @@ Table Database::add_table(std::string_view name) {
                                                " tables, and no room for more");
   }
   operation.failedWrite(0);
+}
+
+Table Database::find_or_add_table(std::string_view name) {
+  std::optional<Table> found = find_table(name);
+  return found ? *std::move(found) : add_table(name);
 }
 
 void Database::sync() {

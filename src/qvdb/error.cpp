@@ -1,6 +1,7 @@
 // qvdb::Error and the words for its reasons.
 #include <qvdbase/qvdb/error.hpp>
 
+#include <ostream>
 #include <utility>
 
 namespace qvdb {
@@ -71,6 +72,10 @@ std::string_view to_string(Reason reason) noexcept {
       return "too long for the limits of the system";
   }
   return "unknown reason";
+}
+
+std::ostream& operator<<(std::ostream& out, Reason reason) {
+  return out << to_string(reason);
 }
 
 Error::Error(const char* operation, Reason reason, const std::string& message, ErrorDetails details)

@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <iosfwd>
 #include <span>
 #include <string>
 #include <string_view>
@@ -41,6 +42,9 @@ enum class Severity {
 
 // "information", "warning", "error".
 QVDBASE_API std::string_view to_string(Severity severity) noexcept;
+
+// Writes these words.
+QVDBASE_API std::ostream& operator<<(std::ostream& out, Severity severity);
 
 // One thing that was found.
 struct Finding {

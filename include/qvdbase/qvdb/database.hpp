@@ -140,6 +140,10 @@ class QVDBASE_API Database {
   std::optional<Table> find_table(std::string_view name) const;
   std::optional<Table> find_table(Id table) const;
 
+  // Whether there is such a table. Throws as find_table().
+  bool contains(std::string_view name) const;
+  bool contains(Id table) const;
+
   // A table that must be there. Throws table_missing.
   Table table(std::string_view name) const;
 
@@ -147,6 +151,10 @@ class QVDBASE_API Database {
   // Throws Error: bad_name; name_too_long; table_exists; directory_full; directory_damaged;
   // read_only; cannot_write.
   Table add_table(std::string_view name);
+
+  // The table of that name, which is added when there is none. Throws as find_table() and
+  // add_table(); never table_exists.
+  Table find_or_add_table(std::string_view name);
 
   // Waits until the device has all that was written. Without it a power failure can lose what the
   // system had not written yet. Throws Error: cannot_write.

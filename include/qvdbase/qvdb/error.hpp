@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <iosfwd>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -42,7 +43,7 @@ enum class Reason {
   table_exists,
   directory_full,  // 31 tables
   record_missing,
-  empty_payload,  // a record cannot be changed to hold nothing
+  empty_payload,  // no operation throws this any more: a record can be changed to hold nothing
   too_large,      // more bytes than a record or a table's data can hold, or than memory can
   bad_argument,
 
@@ -65,6 +66,9 @@ enum class Reason {
 
 // The reason in a few words, for example "no such file".
 QVDBASE_API std::string_view to_string(Reason reason) noexcept;
+
+// Writes these words.
+QVDBASE_API std::ostream& operator<<(std::ostream& out, Reason reason);
 
 // What else is known of a failure. Each may be empty.
 struct ErrorDetails {

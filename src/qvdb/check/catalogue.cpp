@@ -194,4 +194,8 @@ std::string_view to_string(Severity severity) noexcept {
   return "";
 }
 
+std::ostream& operator<<(std::ostream& out, Severity severity) {
+  return out << to_string(severity);
+}
+
 }  // namespace qvdb
