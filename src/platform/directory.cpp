@@ -18,9 +18,9 @@ constexpr int kSearch = O_RDONLY;
 
 constexpr mode_t kDirectoryMode = 0777;  // less what the process masks out
 
-int openDirectory(int from, const char* name) {
-  return uninterrupted(
-      [&] { return systemCalls().openAt(from, name, kSearch | O_DIRECTORY | O_CLOEXEC, 0); });
+int openDirectory(int from, const char* name, int more = 0) {
+  constexpr int kFlags = kSearch | O_DIRECTORY | O_CLOEXEC;
+  return uninterrupted([&] { return systemCalls().openAt(from, name, kFlags | more, 0); });
 }
 
 FSRef refOf(const struct stat& status) {
@@ -64,6 +64,15 @@ bool Directory::enter(const EntryName& name) {
   const int next = openDirectory(descriptor_, name.bytes());
   if (next < 0 && errno == ENOTDIR) return moveToLeaf(name);
   return moveTo(next);
+}
+
+bool Directory::enterNoLink(const EntryName& name) {
+  if (descriptor_ < 0 || !name.isValid() || name.isEmpty()) return false;
+  return moveTo(openDirectory(descriptor_, name.bytes(), O_NOFOLLOW));
+}
+
+bool Directory::enterOpen(int descriptor) {
+  return moveTo(openDirectory(descriptor, "."));
 }
 
 bool Directory::makeDirectory(const EntryName& name) const {

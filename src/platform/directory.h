@@ -25,6 +25,12 @@ class Directory {
   // On failure the place is unchanged.
   bool enter(const EntryName& name);
 
+  // Goes to the entry `name`, which must be a directory and no link.
+  bool enterNoLink(const EntryName& name);
+
+  // Goes to a directory that the caller has open.
+  bool enterOpen(int descriptor);
+
   // Makes the directory `name` here. Fails when an entry of that name is there already.
   bool makeDirectory(const EntryName& name) const;
 

@@ -60,6 +60,13 @@ bool createFile(const Directory& directory, const EntryName& name) {
   return true;
 }
 
+int createOpenFile(const Directory& directory, const EntryName& name, mode_t mode) {
+  if (directory.descriptor() < 0 || !name.isValid()) return -1;
+  constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
+  return uninterrupted(
+      [&] { return systemCalls().openAt(directory.descriptor(), name.bytes(), flags, mode); });
+}
+
 bool emptyFile(const Directory& directory, const EntryName& name) {
   for (int i = 0; i < kOpeningTries; ++i) {
     bool wasReplaced = false;

@@ -2,6 +2,8 @@
 #ifndef QVDBASE_PLATFORM_FILE_CREATION_H
 #define QVDBASE_PLATFORM_FILE_CREATION_H
 
+#include <sys/types.h>
+
 #include "platform/directory.h"
 
 namespace qvdbase::platform {
@@ -12,6 +14,10 @@ bool entryExists(const Directory& directory, const EntryName& name);
 // Makes the file `name`, empty. Fails when an entry of that name is there, even a symbolic link
 // whose target is missing.
 bool createFile(const Directory& directory, const EntryName& name);
+
+// The same, and opens it for reading and writing, with this mode less what the process masks out.
+// Returns the descriptor or -1.
+int createOpenFile(const Directory& directory, const EntryName& name, mode_t mode);
 
 // Empties the regular file `name`. Fails, changing nothing, while this process has it open or
 // another process holds a lock on it; for a file that is empty already no less.

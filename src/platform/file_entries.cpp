@@ -220,6 +220,23 @@ FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing 
   return entry;
 }
 
+FileEntry* enterNewFile(int descriptor) {
+  struct stat status = {};
+  FileEntry* entry = nullptr;
+  if (systemCalls().status(descriptor, &status) == 0) entry = addEntry(status);
+  if (entry == nullptr) {
+    closeDescriptor(descriptor);
+    return nullptr;
+  }
+  entry->readWrite = descriptor;
+  if (!changeLock(entry, Sharing::exclusive)) {
+    removeEntry(entry);
+    return nullptr;
+  }
+  entry->openers = entry->exclusiveOpeners = 1;
+  return entry;
+}
+
 bool leaveEntry(FileEntry* entry, Sharing sharing) {
   countOff(entry, sharing);
   if (entry->openers == 0) return removeEntry(entry);

@@ -59,6 +59,16 @@ FileEntry* findEntry(dev_t device, ino_t inode);
 // these cannot be had.
 FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing sharing);
 
+// The entry of a file that this process has just made, with an exclusive opener. Takes over the
+// descriptor, which is open for reading and writing. Null when the file cannot be locked, or memory
+// is short; the descriptor is closed then.
+FileEntry* enterNewFile(int descriptor);
+
+// Counts one more opener, who only reads. Needs no more than there is.
+inline void addReader(FileEntry* entry) {
+  ++entry->openers;
+}
+
 // Counts an opener off. The lock falls back to what the others need; with the last one the entry
 // goes. Returns false when the host reports that closing failed (the opener is gone all the same).
 bool leaveEntry(FileEntry* entry, Sharing sharing);

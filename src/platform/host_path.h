@@ -1,4 +1,4 @@
-// Walking a whole path of the host, in UTF-8, component by component.
+// Walking a whole path of the host, in the host's own bytes, component by component.
 #ifndef QVDBASE_PLATFORM_HOST_PATH_H
 #define QVDBASE_PLATFORM_HOST_PATH_H
 

@@ -1,33 +1,68 @@
-// Making and writing a new file.
+// Making, writing and placing a new file.
 #include "platform/new_file.h"
-
-#include <memory>
 
 #include "platform/file_creation.h"
 #include "platform/host_failure.h"
 #include "platform/host_path.h"
+#include "platform/open_files.h"
+#include "platform/placing.h"
 #include "platform/system_calls.h"
+#include "platform/temporary_name.h"
+#include "platform/transfer.h"
 
 namespace qvdbase::platform {
+namespace {
 
+constexpr mode_t kOwnersMode = 0600;
+constexpr mode_t kUsualMode = 0666;  // less what the process masks out
+
+}  // namespace
+
+// The name goes first: while the lock is held no other opener can have begun to use the file.
 NewFile::~NewFile() {
-  if (entry_ != nullptr) leaveEntry(entry_, Sharing::exclusive);
+  if (entry_ == nullptr) return;
+  if (!isPlaced_ && maker_.isOwn() && !isAnothers(temporaryFolder(), temporary_.c_str())) {
+    systemCalls().removeAt(temporaryFolder(), temporary_.c_str(), 0);
+  }
+  if (!isHandedOver_) leaveEntry(entry_, Sharing::exclusive);
 }
 
-bool NewFile::create(const std::string& path) {
-  Directory directory;
-  const std::unique_ptr<EntryName> name = walkToParent(path, &directory);
-  if (entry_ != nullptr || !name || !createFile(directory, *name)) return false;
-  entry_ = joinEntry(directory, *name, Sharing::exclusive);
+bool NewFile::create(const std::string& place, OpenTo openTo) {
+  name_ = walkToParent(place, &folder_);
+  if (!name_) noteHostFailure();
+  return name_ && createHere(openTo);
+}
+
+bool NewFile::createIn(int folder, const std::string& name) {
+  name_ = std::make_unique<EntryName>(std::string_view(name));
+  if (!name_->isValid()) return false;
+  if (folder_.enterOpen(folder)) return createHere(OpenTo::owner);
+  noteHostFailure();
+  return false;
+}
+
+bool NewFile::createHere(OpenTo openTo) {
+  const mode_t mode = openTo == OpenTo::owner ? kOwnersMode : kUsualMode;
+  int descriptor = -1;
+  const bool isMade = makeUnderTemporaryName(&temporary_, [&](const char* name) {
+    descriptor = createOpenFile(folder_, EntryName(std::string_view(name)), mode);
+    return descriptor >= 0;
+  });
+  if (isMade) entry_ = enterNewFile(descriptor);
+  if (entry_ == nullptr) noteHostFailure();
+  if (isMade && entry_ == nullptr) {
+    systemCalls().removeAt(folder_.descriptor(), temporary_.c_str(), 0);
+  }
   return entry_ != nullptr;
 }
 
-// The owner first: changing it can take permissions away. Only a privileged process may give files
-// away; another one that copies its own file has nothing to change.
-bool NewFile::setAccess(const FileAccess& access) {
-  const int descriptor = descriptorOf(*entry_);
-  static_cast<void>(systemCalls().changeOwner(descriptor, access.owner, access.group));
-  return systemCalls().changeMode(descriptor, static_cast<mode_t>(access.mode)) == 0;
+bool NewFile::takeOver(const std::string& place, std::unique_ptr<PrivateFolder> folder) {
+  name_ = walkToParent(place, &folder_);
+  private_ = std::move(folder);
+  temporary_ = PrivateFolder::kFileName;
+  if (!name_) return false;
+  entry_ = private_->joinFile();
+  return entry_ != nullptr;
 }
 
 bool NewFile::writeAt(int64_t position, const void* bytes, size_t count) {
@@ -39,11 +74,11 @@ bool NewFile::writeAt(int64_t position, const void* bytes, size_t count) {
       return false;
     }
     const ssize_t moved = uninterrupted([&] {
-      return systemCalls().writeAt(descriptorOf(*entry_), static_cast<const char*>(bytes) + done,
+      return systemCalls().writeAt(descriptor(), static_cast<const char*>(bytes) + done,
                                    count - done, place);
     });
     if (moved <= 0) {
-      noteHostFailure(moved < 0 ? errno : ENOSPC);
+      noteHostFailure(moved == 0 ? ENOSPC : errno);
       return false;
     }
     done += static_cast<size_t>(moved);
@@ -51,12 +86,57 @@ bool NewFile::writeAt(int64_t position, const void* bytes, size_t count) {
   return true;
 }
 
-bool NewFile::finish() {
-  const bool synced = systemCalls().sync(descriptorOf(*entry_)) == 0;
-  if (!synced) noteHostFailure();
-  FileEntry* entry = entry_;
-  entry_ = nullptr;
-  return leaveEntry(entry, Sharing::exclusive) && synced;
+uint64_t NewFile::size() const {
+  const int64_t length = systemCalls().lengthOf(descriptor());
+  return length > 0 ? static_cast<uint64_t>(length) : 0;
+}
+
+Placing NewFile::place(const Replaced& replaced, Waits waits) {
+  if (isHandedOver_ && !flushTransfers()) return Placing::notStored;
+  if (waits != Waits::no && !syncDescriptor(descriptor())) {
+    noteHostFailure();
+    return Placing::notStored;
+  }
+  const Placing placing = giveName(replaced);
+  if (placing != Placing::done) return placing;
+  isPlaced_ = true;
+  private_.reset();
+  if (waits != Waits::forName || syncFolder(folder_)) return Placing::done;
+  return Placing::notNamed;
+}
+
+// Whether the name is that of our file. Who may write to the folder can give it to another file; to
+// look just before the step does not exclude that, but leaves hardly a moment.
+bool NewFile::isOurs(int folder, const char* name) const {
+  struct stat status = {};
+  if (systemCalls().statusAt(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  return status.st_dev == entry_->device && status.st_ino == entry_->inode;
+}
+
+// Where the host does not tell, the name is taken for ours: it was made where nothing had it.
+bool NewFile::isAnothers(int folder, const char* name) const {
+  struct stat status = {};
+  if (systemCalls().statusAt(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  return status.st_dev != entry_->device || status.st_ino != entry_->inode;
+}
+
+void NewFile::takeBack() {
+  if (!isPlaced_ || !isOurs(folder_.descriptor(), name_->bytes())) return;
+  systemCalls().removeAt(folder_.descriptor(), name_->bytes(), 0);
+}
+
+Placing NewFile::giveName(const Replaced& replaced) {
+  const NamedIn from = {temporaryFolder(), temporary_.c_str()};
+  if (!isOurs(from.folder, from.name)) return Placing::failed;
+  const NamedIn to = {folder_.descriptor(), name_->bytes()};
+  if (!replaced.isAnything && replaced.file == nullptr) return renameWhereNothingIs(from, to);
+  if (replaced.file != nullptr && !replaced.file->isNamed(folder_, *name_)) return Placing::changed;
+  return renameOver(from, to);
+}
+
+bool NewFile::handOver(int16_t* file) {
+  isHandedOver_ = openEntry(entry_, Sharing::exclusive, file);
+  return isHandedOver_;
 }
 
 }  // namespace qvdbase::platform

@@ -58,6 +58,21 @@ bool openFile(const Directory& directory, const EntryName& name, int permission,
   }
 }
 
+bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file) {
+  int16_t number = 0;
+  OpenFile* openFile = lowestFreeNumber(&number);
+  if (openFile == nullptr) return false;
+  *openFile = {entry, 0, descriptorOf(*entry), sharing};
+  *file = number;
+  return true;
+}
+
+uint32_t writersOf(int16_t file) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return 0;
+  return openFile->entry->sharedOpeners + openFile->entry->exclusiveOpeners;
+}
+
 bool closeFile(int16_t file) {
   OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return false;

@@ -40,6 +40,13 @@ inline OpenFile* findOpenFile(int16_t file) {
 // Returns false, with `file` unwritten, when the file or the permission cannot be had.
 bool openFile(const Directory& directory, const EntryName& name, int permission, int16_t* file);
 
+// Makes an opener of a file, who shares it in this way, an open file at position 0. False, with
+// `file` unwritten, when no number is free.
+bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file);
+
+// How many openers in this process write to the open file, under whatever numbers.
+uint32_t writersOf(int16_t file);
+
 // Frees the number. False for a number that is not in use, and when the host reports that closing
 // failed; the number is free then too.
 bool closeFile(int16_t file);

@@ -1,33 +1,39 @@
-// Putting a finished file in its place: under its name at once and whole, or not at all.
+// Giving names to files, in one step each, and waiting until the device has them.
 #ifndef QVDBASE_PLATFORM_PLACING_H
 #define QVDBASE_PLATFORM_PLACING_H
 
 #include <cstdint>
-#include <string>
+
+#include "platform/directory.h"
 
 namespace qvdbase::platform {
 
 enum class Placing : uint8_t {
   done,
-  occupied,  // something stands there, and was not to be replaced
-  failed,
+  occupied,   // something is there, and was not to be replaced
+  changed,    // what was to be replaced is not there any more, or is another file by now
+  failed,     // the host refuses
+  notStored,  // the device does not take the file; nothing was placed
+  notNamed,   // it was placed, but the device does not take its name
 };
 
-// Gives the file `from` the name `to` instead of its own. Both are absolute paths, in UTF-8, on one
-// device. With `replaces`, a file that has the name makes way in the same moment.
-Placing placeFile(const std::string& from, const std::string& to, bool replaces);
+// A name in an open folder.
+struct NamedIn {
+  int folder;
+  const char* name;
+};
 
-// Takes a file's name away. False when it has none, or the host refuses.
-bool removeFile(const std::string& path);
+// Gives the file another name instead of its own, unless something has that name: then occupied.
+Placing renameWhereNothingIs(const NamedIn& from, const NamedIn& to);
+
+// The same; a file that has the name loses it in the same moment.
+Placing renameOver(const NamedIn& from, const NamedIn& to);
 
 // Waits until the device has the file's contents.
-bool syncFileAt(const std::string& path);
+bool syncDescriptor(int descriptor);
 
-// Waits until the device has the names in the folder of this path, where the host can do that.
-bool syncFolderOf(const std::string& path);
-
-// How often this process has the open file open for writing, under whatever numbers.
-uint32_t writersOf(int16_t file);
+// Waits until the device has the names in the folder, where the host can do that.
+bool syncFolder(const Directory& folder);
 
 }  // namespace qvdbase::platform
 

@@ -60,6 +60,11 @@ bool ReadOnlyFile::open(const std::string& path) {
   return isOpen();
 }
 
+void ReadOnlyFile::share(FileEntry* entry) {
+  addReader(entry);
+  entry_ = entry;
+}
+
 size_t ReadOnlyFile::readAt(int64_t position, void* buffer, size_t count) const {
   size_t done = 0;
   while (done < count) {
@@ -90,13 +95,6 @@ bool ReadOnlyFile::stamp(FileStamp* stamp) const {
     return stamp->size >= 0;
   }
   *stamp = {status.st_size, nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
-  return true;
-}
-
-bool ReadOnlyFile::access(FileAccess* access) const {
-  struct stat status = {};
-  if (systemCalls().status(descriptor(), &status) != 0) return false;
-  *access = {static_cast<uint32_t>(status.st_mode & 07777), status.st_uid, status.st_gid};
   return true;
 }
 

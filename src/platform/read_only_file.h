@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/file_access.h"
 #include "platform/file_entries.h"
 
 namespace qvdbase::platform {
@@ -28,13 +29,6 @@ struct FileHole {
   int64_t end = 0;
 };
 
-// Who may do what with a file.
-struct FileAccess {
-  uint32_t mode = 0;  // the permission bits
-  uint32_t owner = 0;
-  uint32_t group = 0;
-};
-
 // What a path stands for.
 enum class PathKind : uint8_t { nothing, regularFile, blockDevice, somethingElse };
 PathKind kindOfPath(const std::string& path);
@@ -49,7 +43,12 @@ class ReadOnlyFile {
   // Opens the regular file or block device at this absolute path, in UTF-8. Takes no lock and minds
   // nobody's.
   bool open(const std::string& path);
+  // Reads a file of this process, which keeps it open meanwhile, through the descriptor that it
+  // has.
+  void share(FileEntry* entry);
   bool isOpen() const { return entry_ != nullptr || device_ >= 0; }
+
+  bool isDevice() const { return device_ >= 0; }
 
   // Reads up to `count` bytes at `position` and returns how many there were; fewer come at the end
   // of the file and where the host cannot read.
@@ -60,7 +59,7 @@ class ReadOnlyFile {
   bool nextHole(int64_t position, int64_t size, FileHole* hole) const;
 
   bool stamp(FileStamp* stamp) const;
-  bool access(FileAccess* access) const;
+  bool access(FileAccess* access) const { return readAccess(descriptor(), access); }
 
   // Whether another process holds a lock on the file, as everyone does who has it open for writing.
   bool isLockedByOthers() const;

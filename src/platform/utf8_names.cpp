@@ -65,6 +65,15 @@ EntryName::EntryName(const QVWCHAR* name) {
   isValid_ = done.consumed == length && std::strchr(bytes_, '/') == nullptr;
 }
 
+EntryName::EntryName(std::string_view name) {
+  bytes_[0] = '\0';
+  if (name.size() > kMaxNameBytes || name.find('/') != name.npos || name.find('\0') != name.npos) {
+    return;
+  }
+  bytes_[name.copy(bytes_, name.size())] = '\0';
+  isValid_ = true;
+}
+
 bool utf16FromUtf8(const char* bytes, size_t length, QVWCHAR* text, size_t capacity) {
   size_t used = 0;
   for (size_t i = 0; i < length;) {

@@ -5,6 +5,7 @@
 #include <qvdbase/base.h>
 
 #include <cstddef>
+#include <string_view>
 
 namespace qvdbase::platform {
 
@@ -19,6 +20,8 @@ inline constexpr size_t kMaxNameBytes = kMaxPathCharacters * 3;
 class EntryName {
  public:
   explicit EntryName(const QVWCHAR* name);
+  // A name that is in the host's form already: any bytes but zeros and '/'.
+  explicit EntryName(std::string_view name);
 
   bool isValid() const { return isValid_; }
   bool isEmpty() const { return bytes_[0] == '\0'; }

@@ -18,6 +18,7 @@
 #include "qvdb/failure.h"
 #include "qvdb/native_path.h"
 #include "qvdb/open_database.h"
+#include "qvdb/target_file.h"
 #include "qvdb/waiting.h"
 
 namespace qvdb {
@@ -102,44 +103,34 @@ Database& Database::operator=(Database&& other) noexcept {
 
 Database Database::create(const std::filesystem::path& path, const CreateOptions& options) {
   constexpr const char* kOperation = "create the database";
-  qvdbase::platform::forgetHostFailure();
-  const auto refuse = [&path](Reason reason, const char* why) {
-    detail::throwError(path, kOperation, reason, why);
-  };
   if (isBadSignature(options.signature)) {
-    refuse(Reason::bad_argument, "a signature begins with the letters Q and V, in either case");
+    detail::failOn(path, kOperation, Reason::bad_argument,
+                   "a signature begins with the letters Q and V, in either case");
   }
   if (!isUsableVersion(options.version)) {
-    refuse(Reason::bad_argument, "a version lies between 100 and 199");
+    detail::failOn(path, kOperation, Reason::bad_argument, "a version lies between 100 and 199");
   }
-  const std::vector<QVWCHAR> wide = detail::nativePath(path, kOperation);
-  std::error_code error;
-  const auto status = std::filesystem::status(path, error);
-  if (std::filesystem::exists(status)) {
-    if (!std::filesystem::is_regular_file(status)) {
-      refuse(Reason::not_a_file, "something that is no file stands there");
-    }
-    if (!options.overwrite && std::filesystem::file_size(path, error) != 0) {
-      refuse(Reason::file_exists, "the file exists already");
-    }
+  static_cast<void>(detail::nativePath(path, kOperation));
+  using detail::Existing;
+  auto state = std::make_shared<OpenDatabase>();  // outlives the target, whose file it closes
+  detail::TargetFile target(
+      path, kOperation,
+      {.existing = options.overwrite ? Existing::isReplaced : Existing::isReplacedIfEmpty,
+       .createFolders = options.create_folders,
+       .waits = options.sync ? qvdbase::platform::Waits::forName : qvdbase::platform::Waits::no});
+  if (target.isReadHere()) {
+    detail::failOn(path, kOperation, Reason::in_use, "this program has it open");
   }
-  auto state = std::make_shared<OpenDatabase>();
   state->path = path;
   state->mode = Mode::exclusive;
-  const bool isMade = qvdbase::createDatabaseFile(wide.data(), &state->handle);
-  if (isMade &&
-      qvdbase::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
-    return Database(std::move(state));
+  if (!target.create(nullptr).handOver(&state->handle)) {
+    detail::failOn(path, kOperation, Reason::cannot_open, "too many files are open");
   }
-  // The name of a file that was there before may be somebody's; a new one goes while nobody else
-  // can have it open.
-  if (!isMade) {
-    detail::throwOpenFailure(path, kOperation, qvdbase::platform::findCreateFailure(wide.data()));
+  if (!qvdbase::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
+    target.failWriting(qvdbase::platform::findWriteFailure(kNewDatabaseSize));
   }
-  const auto failure = qvdbase::platform::findWriteFailure(kNewDatabaseSize);
-  if (!std::filesystem::exists(status)) std::filesystem::remove(path, error);
-  CloseDBase(std::exchange(state->handle, 0));
-  detail::throwWriteFailure(path, kOperation, failure);
+  target.place();
+  return Database(std::move(state));
 }
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {

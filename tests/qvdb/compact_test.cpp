@@ -185,7 +185,7 @@ TEST_F(Compact, TakesAnEmptyFileOverAndMakesMissingFolders) {
   writeFile(path(kTarget), {});
   compact(path(kSource), path(kTarget));
   EXPECT_EQ(fileSize(kTarget), kDirectoryEnd);
-  compact(path(kSource), path("new/folder/x.qvd"));
+  compact(path(kSource), path("new/folder/x.qvd"), {}, {.create_folders = true});
   EXPECT_EQ(fileSize("new/folder/x.qvd"), kDirectoryEnd);
 }
 
@@ -223,10 +223,13 @@ TEST_F(Compact, RefusesASourceInUse) {
     expectError(Reason::in_use, [&] { compact(path(kSource)); });
     close(db);
   }
-  // Only reading it is no harm.
+  // Only reading it is no harm, on either side.
   const std::int16_t db = open(kSource, 4);
   compact(path(kSource), path(kTarget));
   close(db);
+  const std::int16_t reader = open(kSource, 1);
+  compact(path(kSource));
+  close(reader);
 }
 
 TEST_F(Compact, MindsNoReaderInItsOwnProcess) {

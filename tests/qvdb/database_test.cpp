@@ -74,8 +74,10 @@ TEST_F(LayerDatabase, IsNotCreatedWithWhatTheLibraryWouldRefuseLater) {
   EXPECT_FALSE(std::filesystem::exists(path()));
 }
 
-TEST_F(LayerDatabase, CreatedInAMissingFolderMakesTheFolder) {
-  EXPECT_TRUE(Database::create(path("a/b/c.qvd")).is_open());
+TEST_F(LayerDatabase, CreatedInAMissingFolderMakesTheFolderIfItIsAskedTo) {
+  expectError(Reason::path_not_reachable, [&] { Database::create(path("a/b/c.qvd")); });
+  EXPECT_FALSE(std::filesystem::exists(path("a")));
+  EXPECT_TRUE(Database::create(path("a/b/c.qvd"), {.create_folders = true}).is_open());
   EXPECT_TRUE(std::filesystem::exists(path("a/b/c.qvd")));
 }
 
@@ -284,7 +286,7 @@ TEST_F(LayerPaths, MayBeRelative) {
   WorkingFolder inside(path("sub"));
   Database::create("here.qvd");
   Database::create("../above.qvd");
-  Database::create("./deep/x.qvd");
+  Database::create("./deep/x.qvd", {.create_folders = true});
   EXPECT_TRUE(std::filesystem::exists(path("sub/here.qvd")));
   EXPECT_TRUE(std::filesystem::exists(path("above.qvd")));
   EXPECT_TRUE(std::filesystem::exists(path("sub/deep/x.qvd")));
@@ -294,7 +296,7 @@ TEST_F(LayerPaths, OfAnyLegalNameThatTheFileLayerTakesAreReached) {
   for (const char* name :
        {"with blank/a b.qvd", "ümläut/日本.qvd", "'quote'/x'.qvd", "a,b;c/*?.qvd",
         "x/  two  blanks .qvd", "y/tab\tin name.qvd", "z/\"quoted\".qvd"}) {
-    Database::create(path(name)).close();
+    Database::create(path(name), {.create_folders = true}).close();
     EXPECT_TRUE(std::filesystem::exists(path(name))) << name;
     EXPECT_TRUE(Database::open(path(name)).is_open()) << name;
   }
@@ -331,7 +333,7 @@ TEST_F(LayerPaths, MayHaveUpTo2047Characters) {
   while (name.size() + 101 < 2040) name += "/" + std::string(100, 'x');
   name += "/" + std::string(2046 - name.size(), 'y');
   ASSERT_EQ(name.size(), 2047u);
-  EXPECT_TRUE(Database::create(name).is_open());
+  EXPECT_TRUE(Database::create(name, {.create_folders = true}).is_open());
   EXPECT_EQ(Database::native_path(name).size(), 2047u);
   expectError(Reason::path_not_reachable, [&] { Database::open(name + "y"); });
 }

@@ -61,7 +61,7 @@ std::optional<qvdb::Error> errorOf(Operation&& operation) {
 class LayerTest : public DatabaseTest {
  protected:
   qvdb::Database createDatabase(const std::string& name = kDefaultFile) {
-    return qvdb::Database::create(path(name));
+    return qvdb::Database::create(path(name), {.create_folders = true});
   }
   qvdb::Database openDatabase(qvdb::Mode mode = qvdb::Mode::exclusive,
                               const std::string& name = kDefaultFile) {

@@ -33,6 +33,7 @@ class StoredDatabases : public testing::Test {
   qvdb::SalvageReport salvage(const Bytes& bytes, const qvdb::SalvageOptions& options = {}) {
     qvdb::SalvageOptions deep = options;
     deep.deep_to = folder / "inside/here";
+    deep.create_folders = true;
     return qvdb::salvage_image(asBytes(bytes), folder / "saved.qvd", {}, deep);
   }
 

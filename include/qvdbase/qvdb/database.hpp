@@ -65,8 +65,13 @@ struct CreateOptions {
   // The first byte must be 'Q' or 'q', the second 'V' or 'v'; the others are free.
   std::array<char, 4> signature{'Q', 'V', 'd', 'b'};
   std::uint16_t version = 100;
-  // Whether a file that is there already, and is not empty, is emptied first.
+  // Whether a file that is there already, and is not empty, is replaced. The new one then gets its
+  // owner, group and permissions.
   bool overwrite = false;
+  bool create_folders = false;  // whether missing folders on the way are made
+  // Whether create() waits until the device has the file before it gets its name, and then until
+  // the device has the name.
+  bool sync = true;
 };
 
 // An open database. It can be moved, not copied, and closes itself.
@@ -78,11 +83,13 @@ struct CreateOptions {
 // UTF-8, and one of more than 2,047 characters (UTF-16 units).
 class QVDBASE_API Database {
  public:
-  // Creates an empty database and leaves it open exclusively. Missing folders of the path are made.
+  // Creates an empty database and leaves it open exclusively. It is made under a temporary name,
+  // and gets its own when it is complete: a file that it replaces is there, unchanged, until then.
   //
-  // Throws Error: path_not_reachable; file_exists; not_a_file; access_denied; in_use (nothing in
-  // the file has changed then); bad_argument for a signature or a version that the library itself
-  // would refuse later; disk_full; cannot_write; cannot_open.
+  // Throws Error: path_not_reachable; file_exists; not_a_file; access_denied;
+  // in_use (nothing in the file has changed then); bad_argument for a signature or a version that
+  // the library itself would refuse later, and for a file to be replaced that has several hard
+  // links; disk_full; cannot_read; cannot_write; cannot_open.
   static Database create(const std::filesystem::path& path, const CreateOptions& options = {});
 
   // Opens a database and looks at its header.

@@ -11,7 +11,13 @@
 // None of them leaves a target that is not finished. The new file is written beside its target,
 // under a name that begins with ".qvdb-" and ends in ".tmp", and takes the target's name only when
 // it is complete and the device has it. A process that is killed on the way leaves that temporary
-// file behind, and nothing else; it can be deleted.
+// file, or folder, and nothing else; it can be deleted.
+//
+// A new file gets permissions, access list, attributes and group of its source, and its owner where
+// the system allows that. Where the group cannot be kept, its rights go; where access list or
+// attributes cannot be kept, the operation fails. A file that takes the place of another one gets
+// all this from that one. A file with several hard links is not replaced: the other names would
+// keep the old one.
 #ifndef QVDBASE_QVDB_MAINTENANCE_HPP
 #define QVDBASE_QVDB_MAINTENANCE_HPP
 
@@ -35,11 +41,14 @@ using ProgressFunction = std::function<bool(int percent)>;
 struct TargetOptions {
   // Whether a target that is there already is replaced. An empty file is no obstacle in any case.
   bool overwrite = false;
+  // Whether missing folders on the way to the target are made.
+  bool create_folders = false;
 };
 
 struct CompactOptions {
-  bool overwrite = false;  // as in TargetOptions
-  bool dry_run = false;    // only work out the result: nothing is written
+  bool overwrite = false;       // as in TargetOptions
+  bool dry_run = false;         // only work out the result: nothing is written
+  bool create_folders = false;  // as in TargetOptions
 };
 
 struct CompactReport {
@@ -58,14 +67,15 @@ struct CompactReport {
 //
 // The first form puts the new file in the place of the source. Nobody else may have the source
 // open for writing then; one who has it open for reading goes on reading the old file. Symbolic
-// links are followed; further hard links keep the old file. The second form makes a new file, and
-// only reads the source; naming the source itself as target is the first form.
+// links are followed. The second form makes a new file, and only reads the source; naming the
+// source itself as target is the first form.
 //
 // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use, also when the
 // source is changed meanwhile; not_a_database; version_out_of_range; directory_damaged,
 // chain_damaged and data_damaged for a source that is not sound (qvdb::check tells where, and
-// qvdb::salvage helps); file_exists; disk_full; cannot_read; cannot_write; cancelled. The source
-// is then as it was, and so is the target.
+// qvdb::salvage helps); file_exists; bad_argument for a file to be replaced that has several hard
+// links; disk_full; cannot_read; cannot_write; cancelled. The source is then as it was, and so is
+// the target.
 QVDBASE_API CompactReport compact(const std::filesystem::path& source,
                                   const ProgressFunction& progress = {},
                                   const CompactOptions& options = {});
@@ -110,7 +120,8 @@ enum class RepairOutcome {
 
 // FixOneDBLinkErrorW: checks the record chain of every table, in place, and rewrites those that are
 // broken, from what can be reached from their first record: everything else drops out.
-// predict_repair() says beforehand what would be lost, and salvage() loses less.
+// predict_repair() says beforehand what would be lost, and salvage() loses less. When it returns,
+// the device has what was written.
 //
 // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use;
 // not_a_database; version_out_of_range; directory_damaged when a table or its data is damaged in a

@@ -90,6 +90,7 @@ struct SalvageOptions {
   // made. This reads everything, and each stored database once more. At most 1,000 are taken.
   // Empty: none.
   std::filesystem::path deep_to = {};
+  bool create_folders = false;  // whether missing folders on the way to new files are made
 };
 
 struct ByteRange {

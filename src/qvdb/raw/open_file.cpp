@@ -64,6 +64,15 @@ OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation)
   watched_ = firstBytes(*source_, kWatchedSize);
 }
 
+// Devices belong to a group of the system's, which is nobody's in particular.
+platform::FileAccess OpenedFile::access(const std::filesystem::path& path,
+                                        const char* operation) const {
+  platform::FileAccess access;
+  if (!file_.access(&access)) refuse(path, operation, qvdb::Reason::cannot_read);
+  if (file_.isDevice()) access.mode &= 0600;
+  return access;
+}
+
 void OpenedFile::watch() {
   if (!isFresh(stamp_)) return;
   std::this_thread::sleep_for(kTick);

@@ -26,6 +26,10 @@ class OpenedFile {
   // bytes of its header and directory are others.
   bool hasChanged() const;
 
+  // Who may do what with it, for files that are made from it; of a device, what its owner may.
+  // Throws cannot_read.
+  platform::FileAccess access(const std::filesystem::path& path, const char* operation) const;
+
   // Whether anybody else has it open for writing, or had when it was opened here.
   bool isLockedByOthers() const { return wasLocked_ || file_.isLockedByOthers(); }
 

@@ -9,6 +9,7 @@
 
 #include "qvdb/failure.h"
 #include "qvdb/salvage/payload_reader.h"
+#include "qvdb/target_file.h"
 
 namespace qvdbase::salvage {
 namespace {
@@ -20,10 +21,6 @@ constexpr const char* kManifest = "manifest.jsonl";
 
 [[noreturn]] void fail(const fs::path& path, qvdb::Reason reason, const std::string& why) {
   qvdb::detail::throwError(path, kOperation, reason, why);
-}
-
-[[noreturn]] void failWriting(const fs::path& path) {
-  fail(path, qvdb::Reason::cannot_write, "it cannot be written");
 }
 
 void refuseWhatIsThere(const fs::path& path) {
@@ -98,37 +95,50 @@ std::string line(const qvdb::FoundBlock& found, const std::string& file, const C
 // A file that was not there before.
 class Extraction::Output {
  public:
-  explicit Output(const fs::path& path) : path_(path), file_(std::fopen(path.c_str(), "wbx")) {
-    if (file_ != nullptr) return;
-    refuseWhatIsThere(path);
-    failWriting(path);
+  Output(const fs::path& path, const std::optional<platform::FileAccess>& access)
+      : target_(path, kOperation, {}) {
+    target_.create(access ? &*access : nullptr);
   }
-  ~Output() {
-    if (file_ != nullptr) std::fclose(file_);
-  }
-  Output(const Output&) = delete;
-  Output& operator=(const Output&) = delete;
 
   void write(const char* bytes, size_t count) {
-    if (std::fwrite(bytes, 1, count, file_) != count) failWriting(path_);
+    waiting_.append(bytes, count);
+    if (waiting_.size() >= kBuffer) flush();
   }
   void finish() {
-    std::FILE* file = file_;
-    file_ = nullptr;
-    if (std::fclose(file) != 0) failWriting(path_);
+    flush();
+    target_.place();
   }
 
  private:
-  const fs::path path_;
-  std::FILE* file_;
+  static constexpr size_t kBuffer = size_t{1} << 18;
+
+  void flush() {
+    if (!target_.file().writeAt(written_, waiting_.data(), waiting_.size())) {
+      target_.failWriting();
+    }
+    written_ += static_cast<int64_t>(waiting_.size());
+    waiting_.clear();
+  }
+
+  qvdb::detail::TargetFile target_;
+  std::string waiting_;
+  int64_t written_ = 0;
 };
 
-Extraction::Extraction(const raw::Survey& survey, const Plan& plan, const fs::path& folder)
-    : survey_(survey), plan_(plan), folder_(folder) {
+Extraction::Extraction(const raw::Survey& survey, const Plan& plan,
+                       const qvdb::SalvageOptions& options, const platform::FileAccess* access)
+    : survey_(survey),
+      plan_(plan),
+      makesParents_(options.create_folders),
+      folder_(options.extract_to) {
+  if (access != nullptr) {
+    access_ = *access;
+    access_->attributes.clear();  // what users attached is about the database
+  }
   for (const uint32_t number : raw::blocksInFileOrder(survey)) {
     if (plan.destination[number] >= 0) blocks_.push_back(number);
   }
-  if (!isTaken(folder)) return;
+  if (!isTaken(folder_.path())) return;
   refuseWhatIsThere(folder_.fileNamed(kManifest));
   for (const uint32_t number : blocks_) {
     refuseWhatIsThere(folder_.fileNamed(nameOf(survey.blocks[number])));
@@ -136,14 +146,12 @@ Extraction::Extraction(const raw::Survey& survey, const Plan& plan, const fs::pa
 }
 
 void Extraction::write(const raw::ByteSource& source) {
-  if (!folder_.make()) failWriting(folder_.path());
-  Output manifest(folder_.fileNamed(kManifest));
-  folder_.add(kManifest);
+  folder_.make(kOperation, makesParents_, qvdb::Reason::cannot_write);
+  Output manifest(folder_.fileNamed(kManifest), access_);
   PayloadReader payloads(source);
   for (const uint32_t number : blocks_) {
     const std::string file = nameOf(survey_.blocks[number]);
-    Output output(folder_.fileNamed(file));
-    folder_.add(file);
+    Output output(folder_.fileNamed(file), access_);
     Hash hash;
     Content content;
     content.unreadable =
@@ -152,6 +160,7 @@ void Extraction::write(const raw::ByteSource& source) {
           hash.add(bytes, count);
         });
     output.finish();
+    folder_.add(file);
     content.hash = hash.text();
     qvdb::FoundBlock found = describe(survey_, number);
     found.written_to = plan_.tables[static_cast<size_t>(plan_.destination[number])].name();
@@ -159,6 +168,7 @@ void Extraction::write(const raw::ByteSource& source) {
     manifest.write(text.data(), text.size());
   }
   manifest.finish();
+  folder_.add(kManifest);
 }
 
 }  // namespace qvdbase::salvage

@@ -150,7 +150,8 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
   if (chosen == qvdbase::raw::kNoBlock) {
     fail(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
   }
-  qvdbase::salvage::Run run(file.source(), survey, target, {}, {}, {.block = chosen});
+  const qvdbase::platform::FileAccess access = file.access(source, kUndelete);
+  qvdbase::salvage::Run run(file.source(), survey, target, {}, {}, &access, {.block = chosen});
   qvdbase::salvage::lookAtSourceAgain(file, source, kUndelete, &run.report());
   run.place();
   return run.report();

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <system_error>
 
+#include "qvdb/target_file.h"
+
 namespace qvdbase::salvage {
 
 namespace fs = std::filesystem;
@@ -15,14 +17,18 @@ NewFolder::~NewFolder() {
 }
 
 // One by one, so that no more than these are removed again.
-bool NewFolder::make() {
+void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
   std::error_code error;
+  if (!parents && !fs::is_directory(path_, error)) {
+    qvdb::detail::requireFolder((path_ / "").parent_path(), operation, false);
+  }
   fs::path path;
   for (const fs::path& part : path_) {
     path /= part;
     if (fs::create_directory(path, error)) made_.push_back(path);
   }
-  return fs::is_directory(path_, error);
+  if (fs::is_directory(path_, error)) return;
+  qvdb::detail::failOn(path_, operation, reason, "the folder cannot be created");
 }
 
 bool isTaken(const fs::path& path) {

@@ -1,6 +1,8 @@
 // A folder for files of a salvage beside the new database.
 #pragma once
 
+#include <qvdbase/qvdb/error.hpp>
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -22,8 +24,10 @@ class NewFolder {
   const std::filesystem::path& path() const { return path_; }
   std::filesystem::path fileNamed(const std::string& name) const { return path_ / name; }
 
-  // Makes the folder and those that are missing on the way to it. False when it cannot be had.
-  bool make();
+  // Makes the folder, and with `parents` those that are missing on the way to it. Throws
+  // qvdb::Error of this operation: path_not_reachable, access_denied, and `reason` when the host
+  // refuses.
+  void make(const char* operation, bool parents, qvdb::Reason reason);
 
   // To be told of each file when it has been made.
   void add(const std::string& name) { made_.push_back(path_ / name); }

@@ -9,8 +9,8 @@
 #include "qvdb/raw/open_file.h"
 #include "qvdb/salvage/extract.h"
 #include "qvdb/salvage/plan.h"
-#include "qvdb/salvage/target.h"
 #include "qvdb/salvage/writer.h"
+#include "qvdb/target_file.h"
 
 namespace qvdbase::salvage {
 
@@ -18,10 +18,11 @@ namespace qvdbase::salvage {
 // yet. Unless place() is called, the object leaves nothing behind.
 class Run {
  public:
-  // All but `wanted` must outlive the run. Throws qvdb::Error, and what the visitor throws.
+  // `access` is that of the source, for the new files; null for the usual one. All but `wanted`
+  // must outlive the run. Throws qvdb::Error, and what the visitor throws.
   Run(const raw::ByteSource& source, const raw::Survey& survey, const std::filesystem::path& target,
       const qvdb::BlockVisitor& visitor, const qvdb::SalvageOptions& options,
-      const Wanted& wanted = {});
+      const platform::FileAccess* access, const Wanted& wanted = {});
 
   qvdb::SalvageReport& report() { return report_; }
 
@@ -34,7 +35,7 @@ class Run {
   bool verify() const;
 
   const Plan plan_;
-  Target target_;
+  qvdb::detail::TargetFile target_;
   std::optional<Extraction> extraction_;
   qvdb::SalvageReport report_;
 };
@@ -42,7 +43,7 @@ class Run {
 // A run that is placed at once.
 qvdb::SalvageReport run(const raw::ByteSource& source, const raw::Survey& survey,
                         const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
-                        const qvdb::SalvageOptions& options);
+                        const qvdb::SalvageOptions& options, const platform::FileAccess* access);
 
 // What is known of the source when all of it was read. Says in the report whether anybody else has
 // it open for writing. Throws in_use, in the name of `operation`, when it was changed meanwhile.

@@ -17,12 +17,20 @@ namespace qvdbase::salvage {
 
 using raw::Survey;
 
+namespace {
+
+constexpr const char* kWriteOperation = "write the salvaged database";
+
+}  // namespace
+
 Run::Run(const raw::ByteSource& source, const Survey& survey, const std::filesystem::path& target,
          const qvdb::BlockVisitor& visitor, const qvdb::SalvageOptions& options,
-         const Wanted& wanted)
-    : plan_(makePlan(survey, options, wanted)), target_(target) {
-  if (!options.extract_to.empty()) extraction_.emplace(survey, plan_, options.extract_to);
-  const Written written = writeFile(source, survey, plan_, target_);
+         const platform::FileAccess* access, const Wanted& wanted)
+    : plan_(makePlan(survey, options, wanted)),
+      target_(target, kWriteOperation, {.createFolders = options.create_folders}) {
+  if (!options.extract_to.empty()) extraction_.emplace(survey, plan_, options, access);
+  target_.create(access);
+  const Written written = writeFile(source, survey, plan_, &target_);
   if (extraction_) extraction_->write(source);
   tell(survey, visitor);
   report_.tables_written = plan_.tables.size();
@@ -76,9 +84,8 @@ void Run::note(const Survey& survey, const Written& written) {
 bool Run::verify() const {
   platform::ReadOnlyFile file;
   platform::FileStamp stamp;
-  if (!file.open(target_.temporary()) || !file.stamp(&stamp)) {
-    target_.fail(qvdb::Reason::cannot_open);
-  }
+  file.share(target_.file().entry());
+  if (!file.stamp(&stamp)) return false;
   const raw::FileSource source(file, stamp.size);
   const qvdb::CheckReport report = check::checkSource(source);
   if (report.errors != 0 || report.tables.size() != plan_.tables.size()) return false;
@@ -90,8 +97,8 @@ bool Run::verify() const {
 
 qvdb::SalvageReport run(const raw::ByteSource& source, const Survey& survey,
                         const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
-                        const qvdb::SalvageOptions& options) {
-  Run all(source, survey, target, visitor, options);
+                        const qvdb::SalvageOptions& options, const platform::FileAccess* access) {
+  Run all(source, survey, target, visitor, options, access);
   all.place();
   return all.report();
 }
@@ -119,7 +126,7 @@ using LastLook = std::function<void(SalvageReport*)>;
 
 SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options,
-                            const LastLook& lastLook) {
+                            const qvdbase::platform::FileAccess* access, const LastLook& lastLook) {
   constexpr std::int64_t kMostMissing = std::int64_t{1} << 62;
   if (options.from < -kMostMissing) {
     throw Error(kOperation, Reason::bad_argument,
@@ -130,8 +137,8 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
   const qvdbase::raw::Survey survey = qvdbase::raw::makeSurvey(
       source, {.deep = isDeep, .ignoreDirectory = options.ignore_directory});
   std::optional<StoredDatabases> stored;
-  if (isDeep) stored.emplace(source, survey, options);
-  Run run(source, survey, target, visitor, options);
+  if (isDeep) stored.emplace(source, survey, options, access);
+  Run run(source, survey, target, visitor, options, access);
   // The new file comes last: it appears when all that was asked for is there.
   if (stored) stored->salvage(&run.report());
   if (lastLook) lastLook(&run.report());
@@ -146,14 +153,16 @@ SalvageReport salvage(const std::filesystem::path& source, const std::filesystem
                       const BlockVisitor& visitor, const SalvageOptions& options) {
   qvdbase::raw::OpenedFile file(source, kOperation);
   file.watch();
-  return salvageSource(file.source(), target, visitor, options, [&](SalvageReport* report) {
+  const qvdbase::platform::FileAccess access = file.access(source, kOperation);
+  const LastLook lastLook = [&](SalvageReport* report) {
     qvdbase::salvage::lookAtSourceAgain(file, source, kOperation, report);
-  });
+  };
+  return salvageSource(file.source(), target, visitor, options, &access, lastLook);
 }
 
 SalvageReport salvage_image(std::span<const std::byte> image, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options) {
-  return salvageSource(qvdbase::raw::MemorySource(image), target, visitor, options, {});
+  return salvageSource(qvdbase::raw::MemorySource(image), target, visitor, options, nullptr, {});
 }
 
 std::string_view to_string(BlockLabel label) noexcept {

@@ -69,8 +69,9 @@ std::string nameOf(const raw::Range& place) {
 }  // namespace
 
 StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
-                                 const qvdb::SalvageOptions& options)
-    : source_(source), options_(options), folder_(options.deep_to) {
+                                 const qvdb::SalvageOptions& options,
+                                 const platform::FileAccess* access)
+    : source_(source), options_(options), access_(access), folder_(options.deep_to) {
   const std::vector<uint32_t> order = raw::blocksInFileOrder(survey);
   std::vector<raw::Range> found;  // an end of 0 stands for one in no payload
   std::vector<int64_t> loose;     // where those begin
@@ -97,7 +98,7 @@ StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Surve
 }
 
 void StoredDatabases::salvage(qvdb::SalvageReport* report) {
-  if (!folder_.make()) fail(folder_.path(), qvdb::Reason::path_not_reachable);
+  folder_.make(kOperation, options_.create_folders, qvdb::Reason::path_not_reachable);
   qvdb::SalvageOptions options = options_;
   options.ignore_directory = false;
   options.extract_to.clear();
@@ -107,7 +108,7 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) {
     const raw::Survey survey = raw::makeSurvey(part);
     const std::filesystem::path file = folder_.fileNamed(nameOf(place));
     options.from = place.begin;
-    report->stored.push_back({place.begin, file, run(part, survey, file, {}, options)});
+    report->stored.push_back({place.begin, file, run(part, survey, file, {}, options, access_)});
     folder_.add(nameOf(place));
   }
   if (leftOut_ > 0) {

@@ -17,7 +17,7 @@ class StoredDatabases {
   // Throws qvdb::Error (file_exists) when one of the files to be made is there already, so that a
   // salvage can be refused before anything is written.
   StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
-                  const qvdb::SalvageOptions& options);
+                  const qvdb::SalvageOptions& options, const platform::FileAccess* access);
 
   // Salvages each into a file of its own, and tells of it in the report. The files go with the
   // object, unless they are to be kept. Throws qvdb::Error.
@@ -27,6 +27,7 @@ class StoredDatabases {
  private:
   const raw::ByteSource& source_;
   const qvdb::SalvageOptions& options_;
+  const platform::FileAccess* access_;
   NewFolder folder_;
   std::vector<raw::Range> places_;
   uint64_t leftOut_ = 0;

@@ -9,7 +9,6 @@
 #include "format/Aliment8.h"
 #include "format/block_heads.h"
 #include "format/identifiers.h"
-#include "platform/new_file.h"
 #include "qvdb/salvage/payload_reader.h"
 
 namespace qvdbase::salvage {
@@ -35,9 +34,7 @@ Content contentOf(const Block& block) {
 // Bytes in order, through a buffer.
 class Output {
  public:
-  explicit Output(const Target& target) : target_(target), buffer_(kBuffer) {
-    if (!file_.create(target.temporary())) target.failMaking();
-  }
+  explicit Output(qvdb::detail::TargetFile* target) : target_(*target), buffer_(kBuffer) {}
 
   void write(const void* bytes, size_t count) {
     const auto* from = static_cast<const unsigned char*>(bytes);
@@ -62,20 +59,14 @@ class Output {
 
   int64_t position() const { return flushed_ + static_cast<int64_t>(held_); }
 
-  void finish() {
-    flush();
-    if (!file_.finish()) target_.failWriting();
-  }
-
- private:
   void flush() {
-    if (!file_.writeAt(flushed_, buffer_.data(), held_)) target_.failWriting();
+    if (!target_.file().writeAt(flushed_, buffer_.data(), held_)) target_.failWriting();
     flushed_ += static_cast<int64_t>(held_);
     held_ = 0;
   }
 
-  const Target& target_;
-  platform::NewFile file_;
+ private:
+  qvdb::detail::TargetFile& target_;
   std::vector<unsigned char> buffer_;
   size_t held_ = 0;
   int64_t flushed_ = 0;
@@ -224,10 +215,10 @@ class Writer {
 }  // namespace
 
 Written writeFile(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan,
-                  const Target& target) {
+                  qvdb::detail::TargetFile* target) {
   Output output(target);
   const Written written = Writer(source, survey, plan, &output).write();
-  output.finish();
+  output.flush();
   return written;
 }
 

@@ -3,7 +3,7 @@
 
 #include "qvdb/raw/byte_source.h"
 #include "qvdb/salvage/plan.h"
-#include "qvdb/salvage/target.h"
+#include "qvdb/target_file.h"
 
 namespace qvdbase::salvage {
 
@@ -16,9 +16,9 @@ struct Written {
   int64_t unreadableAt = -1;     // the lowest position of these in the source
 };
 
-// Writes what the plan says, from front to back, under the temporary name of `target`. Throws
-// qvdb::Error.
+// Writes what the plan says, from front to back, into the file of `target`, which has been created.
+// Throws qvdb::Error.
 Written writeFile(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan,
-                  const Target& target);
+                  qvdb::detail::TargetFile* target);
 
 }  // namespace qvdbase::salvage

@@ -13,11 +13,12 @@
 #include "platform/new_file.h"
 #include "platform/read_only_file.h"
 #include "qvdb/failure.h"
+#include "qvdb/native_path.h"
 #include "qvdb/open_database.h"
 #include "qvdb/raw/open_file.h"
+#include "qvdb/target_file.h"
 #include "qvdb/upkeep/live_copy.h"
 #include "qvdb/upkeep/progress.h"
-#include "qvdb/upkeep/target_file.h"
 
 namespace qvdb {
 namespace {
@@ -75,7 +76,7 @@ class Compaction {
     const LiveLayout layout(file.source(), database_);
     if (target) {
       write(file.source(), layout, *target);
-      compare(file, layout, *target);
+      compare(file, layout, target->file());
     }
     refuseIfChanged(file);
     if (target) target->place();
@@ -117,11 +118,10 @@ class Compaction {
     return count;
   }
 
-  void write(const ByteSource& source, const LiveLayout& layout, const TargetFile& target) {
+  void write(const ByteSource& source, const LiveLayout& layout, TargetFile& target) {
     Stage stage(reporter_, source_, 20, 60, database_.recordCount());
-    qvdbase::platform::NewFile file;
-    if (!file.create(target.temporary())) target.failMaking();
-    takeOverAccess(file);
+    const qvdbase::platform::FileAccess access = detail::accessOf(source_, kOperation);
+    qvdbase::platform::NewFile& file = target.create(&access);
     switch (copyLive(source, database_, layout, &file, [&] { stage.step(); })) {
       case CopyOutcome::cannotRead:
         failOn(source_, kOperation, Reason::cannot_read, "the system cannot read it");
@@ -130,21 +130,17 @@ class Compaction {
       case CopyOutcome::done:
         break;
     }
-    if (!file.finish()) target.failWriting();
-  }
-
-  void takeOverAccess(qvdbase::platform::NewFile& file) const {
-    qvdbase::platform::ReadOnlyFile source;
-    qvdbase::platform::FileAccess access;
-    if (source.open(resolved_.native()) && source.access(&access) && file.setAccess(access)) return;
-    failOn(source_, kOperation, Reason::cannot_write, "its permissions cannot be given to a copy");
   }
 
   void compare(const qvdbase::raw::OpenedFile& file, const LiveLayout& layout,
-               const TargetFile& target) {
+               const qvdbase::platform::NewFile& made) {
     Stage stage(reporter_, source_, 60, 100, database_.recordCount());
-    const qvdbase::raw::OpenedFile copy(target.temporary(), kOperation);
-    if (isLiveCopy(copy.source(), file.source(), database_, layout, [&] { stage.step(); })) return;
+    qvdbase::platform::ReadOnlyFile read;
+    read.share(made.entry());
+    qvdbase::platform::FileStamp stamp;
+    const bool isKnown = read.stamp(&stamp);
+    const qvdbase::raw::FileSource copy(read, isKnown ? stamp.size : 0);
+    if (isLiveCopy(copy, file.source(), database_, layout, [&] { stage.step(); })) return;
     refuseIfChanged(file);
     failOn(source_, kOperation, Reason::cannot_write,
            "what was written is not what can be read back");
@@ -175,7 +171,13 @@ CompactReport compactTo(const fs::path& source, const fs::path& target,
   static_cast<void>(Database::open(source, Mode::read_only));
   Compaction compaction(source, progress);
   std::optional<TargetFile> file;
-  if (!options.dry_run) file.emplace(target, kOperation, overwrite);
+  const detail::TargetRules rules = {
+      .existing = overwrite ? detail::Existing::isReplaced : detail::Existing::isReplacedIfEmpty,
+      .createFolders = options.create_folders};
+  if (!options.dry_run) {
+    static_cast<void>(detail::nativePath(detail::resolved(target, kOperation), kOperation));
+    file.emplace(target, kOperation, rules);
+  }
   return compaction.run(file);
 }
 

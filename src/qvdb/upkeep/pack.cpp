@@ -5,10 +5,9 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
 
-#include "platform/placing.h"
 #include "qvdb/native_path.h"
+#include "qvdb/target_file.h"
 #include "qvdb/upkeep/progress.h"
-#include "qvdb/upkeep/target_file.h"
 
 namespace qvdb {
 namespace {
@@ -48,8 +47,9 @@ class Packing {
       : operation_(operation),
         source_(source),
         database_(Database::open(source, mode)),
-        target_(differing(operation, source, target), operation, options.overwrite),
-        nativeTarget_(detail::nativePath(target_.temporary(), operation)) {}
+        access_(detail::accessOf(source, operation)),
+        target_(differing(operation, source, target), operation, rulesOf(options)),
+        nativeTarget_(detail::nativePath(target_.makePrivateFolder(), operation)) {}
 
   const Database& database() const { return database_; }
   const QVWCHAR* nativeTarget() const { return nativeTarget_.data(); }
@@ -68,14 +68,19 @@ class Packing {
       failOn(source_, operation_, Reason::cancelled, "it was cancelled");
     }
     if (!done) failPack(report.size_before, other);
-    std::error_code error;
-    report.size_after = fs::file_size(target_.temporary(), error);
-    if (!qvdbase::platform::syncFileAt(target_.temporary())) target_.failWriting();
+    target_.takeOver(access_);
+    report.size_after = target_.file().size();
     target_.place();
     return report;
   }
 
  private:
+  static detail::TargetRules rulesOf(const TargetOptions& options) {
+    return {.existing = options.overwrite ? detail::Existing::isReplaced
+                                          : detail::Existing::isReplacedIfEmpty,
+            .createFolders = options.create_folders};
+  }
+
   // The library says only that it failed.
   [[noreturn]] void failPack(std::uint64_t length, const std::function<void()>& other) const {
     const auto failure = qvdbase::platform::findWriteFailure(length);
@@ -89,6 +94,7 @@ class Packing {
   const char* operation_;
   fs::path source_;
   Database database_;
+  qvdbase::platform::FileAccess access_;
   TargetFile target_;
   std::vector<QVWCHAR> nativeTarget_;
 };

@@ -3,10 +3,11 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
 
-#include "platform/placing.h"
+#include "platform/open_files.h"
+#include "platform/sync.h"
 #include "qvdb/native_path.h"
+#include "qvdb/target_file.h"
 #include "qvdb/upkeep/progress.h"
-#include "qvdb/upkeep/target_file.h"
 
 namespace qvdb {
 namespace {
@@ -34,8 +35,11 @@ RepairOutcome repair(const std::filesystem::path& path, const ProgressFunction& 
       FixOneDBLinkErrorW(nativePath.data(), detail::Reporter::repairProgress, 0, nullptr, &result);
   // What the function threw or asked for with the last percent comes too late to stop anything.
   const bool stops = reporter.wantsToStop();
-  if (opened == 1 && result == kNothingToRepair) return RepairOutcome::sound;
-  if (opened == 1 && result == kRepaired) return RepairOutcome::relinked;
+  const bool isDone = opened == 1 && (result == kNothingToRepair || result == kRepaired);
+  if (isDone && !qvdbase::platform::syncFile(held.handle())) {
+    detail::failOn(path, kOperation, Reason::cannot_write, "the system reports a failure");
+  }
+  if (isDone) return result == kRepaired ? RepairOutcome::relinked : RepairOutcome::sound;
   if (result == kStopped || stops) {
     detail::failOn(path, kOperation, Reason::cancelled, "it was cancelled");
   }
