@@ -45,7 +45,7 @@ TEST_F(ToolCreate, DoesNotEmptyADatabaseInUse) {
 }
 
 TEST_F(ToolCreate, ReachesFoldersWithOrdinaryNamesAndSaysWhichItCannot) {
-  done({"create", "some folder/below/test.qvd"});
+  done({"create", "--parents", "some folder/below/test.qvd"});
   EXPECT_TRUE(std::filesystem::exists(path("some folder/below/test.qvd")));
   fails({"create", "two  blanks/test.qvd"}, 1, {"two  blanks", "cannot reach", "rename"});
   EXPECT_FALSE(std::filesystem::exists(path("two blanks")));

@@ -9,3 +9,11 @@ target_compile_definitions(${name}_tests PRIVATE QVDB_TOOL="$<TARGET_FILE:qvdb_t
 # Named from the top: the C++ layer has headers of the same names.
 target_include_directories(${name}_tests PRIVATE ${PROJECT_SOURCE_DIR})
 target_link_libraries(${name}_tests PRIVATE qvdb_tool_objects nlohmann_json::nlohmann_json)
+
+# Loaded into the tool by tests that look at what it asks of the device.
+add_library(watched_host MODULE ${folder}/watched_host.cpp)
+qvdbase_warnings(watched_host)
+target_compile_features(watched_host PRIVATE cxx_std_20)
+target_link_libraries(watched_host PRIVATE ${CMAKE_DL_LIBS})
+add_dependencies(${name}_tests watched_host)
+target_compile_definitions(${name}_tests PRIVATE WATCHED_HOST="$<TARGET_FILE:watched_host>")

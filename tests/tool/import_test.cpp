@@ -467,7 +467,8 @@ TEST_F(ToolExport, NamesFilesByIdentifierWithoutImportedNames) {
   assignRecord(db, table, 0xA2, {});
   assignRecord(db, table, 0xA1, bytesOf("again"));
   close(db);
-  EXPECT_EQ(line({"export", "test.qvd", "notes", "a/b/out"}), "exported 3 files, 8 bytes");
+  EXPECT_EQ(line({"export", "--parents", "test.qvd", "notes", "a/b/out"}),
+            "exported 3 files, 8 bytes");
   EXPECT_EQ(readFile(path("a/b/out/0x00000000000000a1")), bytesOf("one"));
   EXPECT_EQ(readFile(path("a/b/out/0x00000000000000a2")), Bytes());
   EXPECT_EQ(readFile(path("a/b/out/0x00000000000000a1-2")), bytesOf("again"));

@@ -9,11 +9,13 @@ namespace {
 struct Options {
   std::string file;
   std::string name;
+  bool noSync = false;
 };
 
 int run(const Options& options) {
   Database database = openToWrite(options.file);
   printLine(to_string(database.add_table(options.name).id()));
+  finishWriting(database, options.noSync);
   return kDone;
 }
 
@@ -21,6 +23,7 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("NAME", options->name, "The new table's name, of 1 to 32 bytes.");
+  arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
 

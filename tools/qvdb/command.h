@@ -42,6 +42,8 @@ class Arguments {
   // Options that many commands have.
   void json(bool& value);
   void force(bool& value, const char* help);
+  void parents(bool& value);
+  void noSync(bool& value);
 
  private:
   Parser& parser_;

@@ -196,6 +196,15 @@ void Arguments::force(bool& value, const char* help) {
   flag("-f,--force", value, help);
 }
 
+void Arguments::parents(bool& value) {
+  flag("-p,--parents", value, "Make missing folders on the way.");
+}
+
+void Arguments::noSync(bool& value) {
+  flag("--no-sync", value,
+       "Do not wait until the device has everything: faster, but a loss of power can undo it.");
+}
+
 std::optional<Action> readCommandLine(int argc, const char* const* argv) {
   std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
   if (words.size() == 1 && words[0] == "help") words[0] = "--help";

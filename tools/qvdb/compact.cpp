@@ -14,6 +14,7 @@ struct Options {
   std::optional<std::string> target;
   bool dryRun = false;
   bool force = false;
+  bool parents = false;
 };
 
 std::string summary(const CompactReport& report, bool isDryRun) {
@@ -27,7 +28,8 @@ std::string summary(const CompactReport& report, bool isDryRun) {
 }
 
 int run(const Options& options) {
-  const CompactOptions how = {.overwrite = options.force, .dry_run = options.dryRun};
+  const CompactOptions how = {
+      .overwrite = options.force, .dry_run = options.dryRun, .create_folders = options.parents};
   CompactReport report;
   {
     Progress progress(options.dryRun ? "reading" : "compacting", 100, nullptr);
@@ -48,6 +50,7 @@ Action define(Arguments& arguments) {
                              "source.");
   arguments.flag("-n,--dry-run", options->dryRun, "Only say what would be gained.");
   arguments.force(options->force, "Replace a target that is there already.");
+  arguments.parents(options->parents);
   return actionOf(options, run);
 }
 

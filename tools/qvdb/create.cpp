@@ -14,11 +14,15 @@ struct Options {
   std::optional<std::string> signature;
   std::optional<std::uint64_t> version;
   bool force = false;
+  bool parents = false;
+  bool noSync = false;
 };
 
 int run(const Options& options) {
   CreateOptions create;
   create.overwrite = options.force;
+  create.create_folders = options.parents;
+  create.sync = !options.noSync;
   if (options.signature) {
     if (options.signature->size() != create.signature.size()) {
       throw wrongUsage("--signature takes 4 bytes; the first is Q or q, the second V or v");
@@ -38,13 +42,16 @@ int run(const Options& options) {
 
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
-  arguments.argument("FILE", options->file, "The database file to make. Missing folders are made.");
+  arguments.argument("FILE", options->file, "The database file to make.");
   arguments.option("--signature", "TEXT", options->signature,
                    "The four bytes that the file begins with: Q or q, V or v, and two of your own "
                    "choice. Default: QVdb.");
   arguments.option("--db-version", "NUMBER", options->version,
                    "The version that the file states, 100 to 199. Default: 100.");
-  arguments.force(options->force, "Empty a file that is there already. One in use stays as it is.");
+  arguments.force(options->force,
+                  "Replace a file that is there already. One in use stays as it is.");
+  arguments.parents(options->parents);
+  arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
 
@@ -53,7 +60,8 @@ Action define(Arguments& arguments) {
 extern const Command kCreateCommand = {
     "create", "make an empty database",
     "Makes a new database file without tables and prints its identifier. A file that is there "
-    "already is left alone unless --force is given; an empty file is taken over.",
+    "already is left alone unless --force is given; an empty file is replaced. The file appears "
+    "under its name when it is complete.",
     "qvdb create notes.qvd\n"
     "qvdb create --signature QVx1 --force notes.qvd",
     define};

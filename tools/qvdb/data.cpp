@@ -33,6 +33,7 @@ int setData(const Options& options) {
                   "' holds the names of imported files; use --force to replace it");
   }
   table.set_data(data, static_cast<std::uint32_t>(reserve));
+  finishWriting(database, options.delivery.noSync);
   return kDone;
 }
 
@@ -47,7 +48,7 @@ int run(const Options& options) {
   }
   deliver([&](std::uint64_t offset,
               std::span<std::byte> buffer) { return table.read_data(offset, buffer); },
-          options.delivery);
+          options.file, options.delivery);
   return kDone;
 }
 
@@ -64,6 +65,8 @@ Action define(Arguments& arguments) {
   arguments.force(options->delivery.force,
                   "Replace the output file if it exists; with --set, replace the names of imported "
                   "files.");
+  arguments.parents(options->delivery.parents);
+  arguments.noSync(options->delivery.noSync);
   arguments.flag("--raw", options->delivery.raw,
                  "Show the data on a terminal even if it is not plain text.");
   return actionOf(options, run);

@@ -2,10 +2,10 @@
 #include "qvdb/delivery.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <string_view>
 #include <vector>
 
@@ -63,50 +63,36 @@ void writeAll(int descriptor, const std::string& name, std::span<const std::byte
   }
 }
 
-bool isRegular(const std::string& path) {
+// What is no file, a device or a pipe, is written to.
+bool isSomethingElse(const std::string& path) {
   struct stat status = {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
 }
 
-// A file is replaced only when the new one is complete; a device or a pipe is written to.
-void deliverToFile(const PieceReader& read, const std::string& path, bool force) {
-  const Descriptor created(
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
-  std::string temporary = path;
-  Descriptor replacing;
-  if (!created) {
-    if (errno != EEXIST) throw systemFailure(path, "create");
-    if (!force) throw Failure(path + ": exists already; use --force to replace it");
-    if (!isRegular(path)) {
-      const Descriptor device(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-      if (!device) throw systemFailure(path, "open");
-      return writePieces(read, device.number(), path);
-    }
-    temporary = path + ".qvdb-" + std::to_string(::getpid());
-    replacing = Descriptor(
-        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
-    if (!replacing) throw systemFailure(temporary, "create");
-  }
-  try {
-    writePieces(read, created ? created.number() : replacing.number(), path);
-    if (replacing && ::rename(temporary.c_str(), path.c_str()) != 0) {
-      throw systemFailure(path, "replace");
-    }
-  } catch (...) {
-    ::unlink(temporary.c_str());
-    throw;
-  }
+void deliverToDevice(const PieceReader& read, const std::string& path, bool force) {
+  if (!force) throw Failure(path + ": exists already; use --force to write to it");
+  const Descriptor device(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!device) throw systemFailure(path, "open");
+  forEachPiece(read,
+               [&](std::span<const std::byte> piece) { writeAll(device.number(), path, piece); });
 }
 
 }  // namespace
 
-void deliver(const PieceReader& read, const DeliveryOptions& options) {
+void deliver(const PieceReader& read, const std::string& source, const DeliveryOptions& options) {
   if (!options.output || *options.output == "-") return deliverToStandardOutput(read, options.raw);
-  deliverToFile(read, *options.output, options.force);
+  if (isSomethingElse(*options.output)) {
+    return deliverToDevice(read, *options.output, options.force);
+  }
+  OutputFile file(
+      *options.output, source,
+      {.overwrite = options.force, .create_folders = options.parents, .sync = !options.noSync});
+  writePieces(read, file);
+  file.place();
 }
 
-void writePieces(const PieceReader& read, int descriptor, const std::string& name) {
-  forEachPiece(read, [&](std::span<const std::byte> piece) { writeAll(descriptor, name, piece); });
+void writePieces(const PieceReader& read, OutputFile& file) {
+  forEachPiece(read, [&](std::span<const std::byte> piece) { file.write(piece); });
 }
 
 }  // namespace qvdb::tool

@@ -2,6 +2,8 @@
 #ifndef QVDB_TOOL_DELIVERY_H
 #define QVDB_TOOL_DELIVERY_H
 
+#include <qvdbase/qvdb.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -16,17 +18,19 @@ using PieceReader = std::function<std::size_t(std::uint64_t offset, std::span<st
 
 struct DeliveryOptions {
   std::optional<std::string> output;  // a file, or "-" or nothing for standard output
-  bool force = false;                 // write over a file that is there
+  bool force = false;                 // replace a file that is there
   bool raw = false;                   // let binary bytes go to a terminal
+  bool parents = false;               // make missing folders on the way to the file
+  bool noSync = false;                // do not wait for the device
 };
 
-// Delivers all bytes, in pieces. Throws Failure when the file exists and force is not set, when
-// binary bytes would go to a terminal and raw is not set (nothing has been written then), and when
-// something cannot be written (a half-written file is removed).
-void deliver(const PieceReader& read, const DeliveryOptions& options);
+// Delivers all bytes, in pieces. A new file gets the permissions of `source`, the database. Throws
+// Failure when binary bytes would go to a terminal and raw is not set, and when something cannot be
+// written; Error for the file (see OutputFile). Nothing of the file is left then.
+void deliver(const PieceReader& read, const std::string& source, const DeliveryOptions& options);
 
-// Writes all bytes to an open file. Throws Failure; Interrupted.
-void writePieces(const PieceReader& read, int descriptor, const std::string& name);
+// Writes all bytes to a new file. Throws Error; Interrupted.
+void writePieces(const PieceReader& read, OutputFile& file);
 
 }  // namespace qvdb::tool
 

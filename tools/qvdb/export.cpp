@@ -4,6 +4,7 @@
 // permissions and times of folders: so no file is ever written through a link that came from the
 // database, and a folder that must not be written to is closed only when it is full.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <unordered_map>
 
@@ -23,7 +24,7 @@ struct Options {
   std::string file;
   std::string table;
   std::string folder;
-  bool force = false;
+  FolderOptions folderOptions;
   bool byId = false;
 };
 
@@ -118,6 +119,7 @@ void Exporter::run() {
     progress.step();
   });
   forEachNamed(FileKind::link, [this](const ImportedFile& file) { writer_.makeLink(file); });
+  writer_.sync();
   if (!files_) return;
   for (auto file = files_->list().rbegin(); file != files_->list().rend(); ++file) {
     if (file->kind == FileKind::folder) writer_.finishFolder(*file);
@@ -138,11 +140,14 @@ std::string Exporter::summary() const {
 }
 
 int run(const Options& options) {
+  if (options.folderOptions.samePermissions && ::geteuid() != 0) {
+    throw wrongUsage("--same-permissions is for root: the umask counts for everybody else");
+  }
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   std::optional<ImportedFiles> files;
   if (!options.byId) files = readNames(database, table);
-  FolderWriter writer(options.folder, options.force);
+  FolderWriter writer(options.folder, options.folderOptions);
   const bool hasAllNames = !files || files->isWhole();
   Exporter exporter(table, std::move(files), writer);
   exporter.check();
@@ -160,7 +165,12 @@ Action define(Arguments& arguments) {
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.argument("FOLDER", options->folder, "Where to write. It is made if it is missing.");
-  arguments.force(options->force, "Replace files that are in the folder already.");
+  FolderOptions& folder = options->folderOptions;
+  arguments.force(folder.force, "Replace files that are in the folder already.");
+  arguments.parents(folder.parents);
+  arguments.flag("--same-permissions", folder.samePermissions,
+                 "Give files and folders their permissions whatever the umask says; for root.");
+  arguments.noSync(folder.noSync);
   arguments.flag("--by-id", options->byId,
                  "Name all files by their records' identifiers and ignore the names of imported "
                  "files.");
@@ -173,14 +183,15 @@ extern const Command kExportCommand = {
     "export", "write records back as files",
     "Writes each record of a table to a file in a folder. What 'qvdb import' stored gets its name, "
     "permissions and time back, and its folders and symbolic links are made again; other records "
-    "are named by their identifiers. The database is only read.\n\n"
+    "are named by their identifiers. Permissions that the umask forbids are left out. The database "
+    "is only read.\n\n"
     "Where the list of names is damaged, the files whose names are lost are named by their "
     "records' identifiers as well, and the status is 1.\n\n"
     "Nothing is overwritten unless --force is given: if a file is in the way, nothing at all is "
     "written. Nothing is ever written outside the folder: a name that would lead out of it counts "
-    "as "
-    "damage, and symbolic links in the folder are not followed.\n\n"
-    "Ctrl-C stops between two files and removes a half-written one.",
+    "as damage, and symbolic links in the folder are not followed.\n\n"
+    "Each file appears under its name when it is complete. Ctrl-C stops between two files; only a "
+    "process that is killed leaves something behind, a file .qvdb-....tmp, which you may delete.",
     "qvdb export photos.qvd holiday /mnt/copy\n"
     "diff -r ~/Pictures/holiday /mnt/copy\n"
     "qvdb export --force photos.qvd holiday /mnt/copy",

@@ -33,6 +33,9 @@ Failure systemFailure(const std::string& path, const char* what) {
 
 std::string adviceFor(const Error& error) {
   switch (error.reason()) {
+    case Reason::path_not_reachable:
+      if (!std::string_view(error.what()).ends_with("does not exist")) return {};
+      return "make it first, or use --parents";
     case Reason::no_such_file:
       return "check the path, or make a database with 'qvdb create'";
     case Reason::not_a_file:

@@ -21,29 +21,49 @@ bool isEmptyFolder(const std::string& path) {
   return std::filesystem::is_empty(path, error) && !error;
 }
 
-// Permissions that a file from elsewhere may bring: not those to act in its owner's name.
-mode_t modeOf(const ImportedFile& file) {
-  return file.mode & 0777;
+// The only way to ask is to set it.
+mode_t maskOfProcess() {
+  const mode_t mask = ::umask(0777);
+  ::umask(mask);
+  return mask;
 }
 
+struct Times {
+  timespec values[2] = {};
+
+  explicit Times(const ImportedFile& file) {
+    values[0].tv_nsec = UTIME_OMIT;
+    values[1].tv_sec = static_cast<time_t>(file.seconds);
+    values[1].tv_nsec = static_cast<long>(file.nanoseconds);
+  }
+};
+
 void setTimes(int folder, const char* name, const ImportedFile& file, const std::string& path) {
-  timespec times[2] = {};
-  times[0].tv_nsec = UTIME_OMIT;
-  times[1].tv_sec = static_cast<time_t>(file.seconds);
-  times[1].tv_nsec = static_cast<long>(file.nanoseconds);
-  if (::utimensat(folder, name, times, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (::utimensat(folder, name, Times(file).values, AT_SYMLINK_NOFOLLOW) != 0) {
     throw systemFailure(path, "set its time");
   }
 }
 
 }  // namespace
 
-FolderWriter::FolderWriter(const std::string& path, bool force) : path_(path), force_(force) {
+FolderWriter::FolderWriter(const std::string& path, const FolderOptions& options)
+    : path_(path), options_(options), masked_(options.samePermissions ? 0 : maskOfProcess()) {
   std::error_code error;
-  std::filesystem::create_directories(path, error);
+  if (options.parents) {
+    std::filesystem::create_directories(path, error);
+  } else if (::mkdir(path.c_str(), 0777) != 0 && errno == ENOENT) {
+    throw Failure(path + ": the folder that it would be in does not exist; make it first, or use " +
+                  "--parents");
+  }
   root_ = Descriptor(::open(path.c_str(), kFolderFlags));
   if (!root_) throw systemFailure(path, "open the folder");
   wasEmpty_ = isEmptyFolder(path);
+}
+
+// Permissions that a file from elsewhere may bring: not those to act in its owner's name, and none
+// that the user does not give to new files.
+mode_t FolderWriter::modeOf(const ImportedFile& file) const {
+  return file.mode & 0777 & ~masked_;
 }
 
 std::string FolderWriter::pathOf(std::string_view name) const {
@@ -102,7 +122,11 @@ void FolderWriter::check(const ImportedFile& file) {
     throw Failure(pathOf(file.name) + ": is in the way of a folder; nothing was written");
   }
   if (isFolder) throw Failure(pathOf(file.name) + ": is a folder; nothing was written");
-  if (!force_) {
+  if (options_.force && S_ISREG(status.st_mode) && status.st_nlink > 1) {
+    throw Failure(pathOf(file.name) + ": has several names (hard links), of which only this one " +
+                  "would get the new file; nothing was written; remove it first");
+  }
+  if (!options_.force) {
     throw Failure(pathOf(file.name) +
                   ": exists already; nothing was written; use --force to replace what is there");
   }
@@ -113,42 +137,51 @@ void FolderWriter::makeFolder(const std::string& name) {
   if (!openFolder(parent_.number(), last, name, true)) {
     throw systemFailure(pathOf(name), "make the folder");
   }
+  written_.insert(parentName_);
 }
 
 void FolderWriter::writeFile(const ImportedFile& file, const PieceReader& read) {
   const std::string path = pathOf(file.name);
   const std::string last = enterParent(file.name, true);
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
-  // A file that is there is replaced only when the new one is complete.
-  std::string written = last;
-  Descriptor out(::openat(parent_.number(), written.c_str(), kFlags, 0600));
-  if (!out && errno == EEXIST && force_) {
-    written = ".qvdb-" + std::to_string(::getpid());
-    out = Descriptor(::openat(parent_.number(), written.c_str(), kFlags, 0600));
+  OutputFile out(parent_.number(), last, path,
+                 {.overwrite = options_.force, .sync = !options_.noSync});
+  writePieces(read, out);
+  if (::fchmod(out.descriptor(), modeOf(file)) != 0)
+    throw systemFailure(path, "set its permissions");
+  if (::futimens(out.descriptor(), Times(file).values) != 0) {
+    throw systemFailure(path, "set its time");
   }
-  if (!out) throw systemFailure(path, "create");
-  try {
-    writePieces(read, out.number(), path);
-    if (::fchmod(out.number(), modeOf(file)) != 0) throw systemFailure(path, "set its permissions");
-    setTimes(parent_.number(), written.c_str(), file, path);
-    if (written != last &&
-        ::renameat(parent_.number(), written.c_str(), parent_.number(), last.c_str()) != 0) {
-      throw systemFailure(path, "replace");
-    }
-  } catch (...) {
-    ::unlinkat(parent_.number(), written.c_str(), 0);
-    throw;
-  }
+  out.place();
+  written_.insert(parentName_);
 }
 
+// One that is there makes way in one step, as a file does.
 void FolderWriter::makeLink(const ImportedFile& file) {
   const std::string path = pathOf(file.name);
   const std::string last = enterParent(file.name, true);
-  if (force_) ::unlinkat(parent_.number(), last.c_str(), 0);
-  if (::symlinkat(file.target.c_str(), parent_.number(), last.c_str()) != 0) {
+  const int folder = parent_.number();
+  const std::string made =
+      options_.force ? ".qvdb-" + to_string(new_id()).substr(2) + ".tmp" : last;
+  if (::symlinkat(file.target.c_str(), folder, made.c_str()) != 0) {
     throw systemFailure(path, "make the symbolic link");
   }
-  setTimes(parent_.number(), last.c_str(), file, path);
+  setTimes(folder, made.c_str(), file, path);
+  if (made != last && ::renameat(folder, made.c_str(), folder, last.c_str()) != 0) {
+    const Failure failure = systemFailure(path, "replace");
+    ::unlinkat(folder, made.c_str(), 0);
+    throw failure;
+  }
+  written_.insert(parentName_);
+}
+
+void FolderWriter::sync() {
+  if (options_.noSync) return;
+  for (const std::string& name : written_) {
+    enterParent(name + "x", false);  // any name in it leads there
+    if (::fsync(parent_.number()) != 0 && errno != EINVAL)
+      throw systemFailure(pathOf(name), "sync");
+  }
+  if (::fsync(root_.number()) != 0 && errno != EINVAL) throw systemFailure(path_, "sync");
 }
 
 void FolderWriter::finishFolder(const ImportedFile& file) {

@@ -5,6 +5,9 @@
 #ifndef QVDB_TOOL_FOLDER_WRITER_H
 #define QVDB_TOOL_FOLDER_WRITER_H
 
+#include <sys/types.h>
+
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -14,16 +17,24 @@
 
 namespace qvdb::tool {
 
+struct FolderOptions {
+  bool force = false;            // replace what is there
+  bool parents = false;          // make missing folders on the way
+  bool samePermissions = false;  // do without the umask
+  bool noSync = false;           // do not wait for the device
+};
+
 class FolderWriter {
  public:
   // Opens the folder, which may be a symbolic link, or makes it. Throws Failure.
-  FolderWriter(const std::string& path, bool force);
+  FolderWriter(const std::string& path, const FolderOptions& options);
 
   // Whether nothing was in the folder when it was opened.
   bool wasEmpty() const { return wasEmpty_; }
 
   // Throws Failure when the name is not safe, or something is in the way: anything for a file or a
-  // link (unless force is set and it is no folder), anything but a folder for a folder.
+  // link (unless force is set and it is no folder), anything but a folder for a folder, a file with
+  // several hard links.
   void check(const ImportedFile& file);
 
   // Each throws Failure; a half-written file is removed. Folders that a name goes through are made
@@ -31,6 +42,9 @@ class FolderWriter {
   void makeFolder(const std::string& name);
   void writeFile(const ImportedFile& file, const PieceReader& read);
   void makeLink(const ImportedFile& file);
+
+  // Waits until the device has the names of all that was written.
+  void sync();
 
   // Sets permissions and times of a folder: to be done last, and from the bottom up.
   void finishFolder(const ImportedFile& file);
@@ -41,8 +55,12 @@ class FolderWriter {
   Descriptor openFolder(int from, const std::string& part, const std::string& name, bool make);
   std::string pathOf(std::string_view name) const;
 
+  mode_t modeOf(const ImportedFile& file) const;
+
   std::string path_;
-  bool force_;
+  FolderOptions options_;
+  mode_t masked_;                  // the permissions that the user does not want new files to have
+  std::set<std::string> written_;  // the folders that got new names, as parentName_
   bool wasEmpty_ = false;
   Descriptor root_;
   Descriptor parent_;

@@ -21,7 +21,7 @@ int run(const Options& options) {
   if (!record) throw noSuchRecord(database, table, id);
   deliver([&](std::uint64_t offset,
               std::span<std::byte> buffer) { return record->read(offset, buffer); },
-          options.delivery);
+          options.file, options.delivery);
   return kDone;
 }
 
@@ -33,6 +33,8 @@ Action define(Arguments& arguments) {
   arguments.option("-o,--output", "PATH", options->delivery.output,
                    "Write to this file, which must not exist yet; '-' is standard output.");
   arguments.force(options->delivery.force, "Replace the output file if it exists.");
+  arguments.parents(options->delivery.parents);
+  arguments.noSync(options->delivery.noSync);
   arguments.flag("--raw", options->delivery.raw,
                  "Show the payload on a terminal even if it is not plain text.");
   return actionOf(options, run);

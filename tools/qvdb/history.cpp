@@ -62,7 +62,7 @@ int deliverVersion(const Options& options, const std::vector<FoundBlock>& versio
         if (count > 0) std::memcpy(buffer.data(), payload.data() + from, count);
         return count;
       },
-      options.delivery);
+      options.file, options.delivery);
   return kDone;
 }
 
@@ -97,7 +97,9 @@ Action define(Arguments& arguments) {
                    "Write the payload of the version at this offset to standard output.");
   arguments.option("-o,--output", "FILE", options->delivery.output,
                    "With --at: write to this file instead.");
-  arguments.force(options->delivery.force, "With -o: write over a file that is there.");
+  arguments.force(options->delivery.force, "With -o: replace a file that is there.");
+  arguments.parents(options->delivery.parents);
+  arguments.noSync(options->delivery.noSync);
   arguments.flag("--raw", options->delivery.raw, "With --at: let binary bytes go to a terminal.");
   arguments.json(options->json);
   return actionOf(options, run);

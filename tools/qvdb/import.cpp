@@ -32,6 +32,7 @@ struct Options {
   std::string table;
   std::vector<std::string> paths;
   bool replace = false;
+  bool noSync = false;
 };
 
 class Importer {
@@ -335,6 +336,7 @@ int run(const Options& options) {
   importer.check(tree);
   throwIfInterrupted();
   importer.run(tree);
+  finishWriting(database, options.noSync);
   printLine(importer.summary());
   return kDone;
 }
@@ -350,6 +352,7 @@ Action define(Arguments& arguments) {
                       "the folder.");
   arguments.flag("-r,--replace", options->replace,
                  "Renew files that the table has already, each in its record.");
+  arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
 

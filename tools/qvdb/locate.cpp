@@ -89,6 +89,10 @@ DataSize dataSizeOf(const Database& database, const Table& table) {
   }
 }
 
+void finishWriting(Database& database, bool noSync) {
+  if (!noSync) database.sync();
+}
+
 Table findTable(const Database& database, const std::string& nameOrId) {
   if (auto table = database.find_table(nameOrId)) return *table;
   if (const auto id = parse_id(nameOrId)) {

@@ -40,6 +40,9 @@ struct DataSize {
 };
 DataSize dataSizeOf(const Database& database, const Table& table);
 
+// Waits until the device has everything that was written, unless that is not wanted.
+void finishWriting(Database& database, bool noSync);
+
 // A table by name, else by identifier. Throws Failure when there is none.
 Table findTable(const Database& database, const std::string& nameOrId);
 

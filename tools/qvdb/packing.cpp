@@ -11,8 +11,9 @@ namespace qvdb::tool {
 std::shared_ptr<PackOptions> definePacking(Arguments& arguments) {
   auto options = std::make_shared<PackOptions>();
   arguments.argument("SOURCE", options->source, "The database file. It is not changed.");
-  arguments.argument("TARGET", options->target, "The file to make. Missing folders are made.");
+  arguments.argument("TARGET", options->target, "The file to make.");
   arguments.force(options->force, "Replace a target that is there already.");
+  arguments.parents(options->parents);
   return options;
 }
 
@@ -22,7 +23,7 @@ int runPacking(const Packing& packing, const PackOptions& options) {
     Progress progress(packing.doing, 100, nullptr);
     report = whileInUse([&] {
       return packing.operation(options.source, options.target, percentOn(progress),
-                               {.overwrite = options.force});
+                               {.overwrite = options.force, .create_folders = options.parents});
     });
   }
   for (const std::string& table : report.tables_without_data) {

@@ -23,6 +23,7 @@ struct PackOptions {
   std::string source;
   std::string target;
   bool force = false;
+  bool parents = false;
 };
 
 // Binds the arguments of such a command.

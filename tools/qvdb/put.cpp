@@ -16,6 +16,7 @@ struct Options {
   std::vector<std::string> inputs;
   std::optional<std::string> id;
   std::optional<std::uint64_t> reserve;
+  bool noSync = false;
 };
 
 std::uint32_t reserveOf(const Options& options) {
@@ -71,6 +72,7 @@ int run(const Options& options) {
     ids.push_back(appender.add(NewRecord(input.contents(), reserve, id)));
   }
   appender.finish();
+  finishWriting(database, options.noSync);
   for (const Id each : ids) printLine(to_string(each));
   return kDone;
 }
@@ -85,6 +87,7 @@ Action define(Arguments& arguments) {
                    "Store the record under this identifier, which the table must not have yet.");
   arguments.option("--reserve", "BYTES", options->reserve,
                    "Keep at least this much room, so that the record can grow in place later.");
+  arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
 

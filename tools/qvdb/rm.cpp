@@ -13,6 +13,7 @@ struct Options {
   std::string file;
   std::string table;
   std::vector<std::string> records;
+  bool noSync = false;
 };
 
 // The names of imported files go with their records.
@@ -42,6 +43,7 @@ int run(const Options& options) {
     }
   }
   forgetNames(table, files, gone);
+  finishWriting(database, options.noSync);
   throwIfInterrupted();
   return kDone;
 }
@@ -51,6 +53,7 @@ Action define(Arguments& arguments) {
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.arguments("RECORD", options->records, 1, kRecordHelp);
+  arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
 

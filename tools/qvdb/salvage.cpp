@@ -215,6 +215,7 @@ Action define(Arguments& arguments) {
                    "at its front.");
   arguments.flag("--ignore-directory", salvage.ignore_directory,
                  "Do not believe the directory: go by the blocks alone.");
+  arguments.parents(salvage.create_folders);
   arguments.flag("-v,--verbose", options->verbose, "List every block that was found.");
   arguments.json(options->json);
   return actionOf(options, run);

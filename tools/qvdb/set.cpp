@@ -11,6 +11,7 @@ struct Options {
   std::string table;
   std::string record;
   std::optional<std::string> input;
+  bool noSync = false;
 };
 
 int run(const Options& options) {
@@ -26,6 +27,7 @@ int run(const Options& options) {
   Table table = findTable(database, options.table);
   const Record record = findRecords(database, table, {options.record}).front();
   if (!table.modify(record, payload)) throw noSuchRecord(database, table, record.id());
+  finishWriting(database, options.noSync);
   return kDone;
 }
 
@@ -36,6 +38,7 @@ Action define(Arguments& arguments) {
   arguments.argument("RECORD", options->record, kRecordHelp);
   arguments.optionalArgument("INPUT", options->input,
                              "The file with the new payload; '-', and none, is standard input.");
+  arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
 

@@ -10,6 +10,7 @@ struct Options {
   std::string file;
   std::string table;
   std::vector<std::string> records;
+  bool noSync = false;
 };
 
 int run(const Options& options) {
@@ -19,6 +20,7 @@ int run(const Options& options) {
     throwIfInterrupted();
     if (!table.touch(record)) throw noSuchRecord(database, table, record.id());
   }
+  finishWriting(database, options.noSync);
   return kDone;
 }
 
@@ -27,6 +29,7 @@ Action define(Arguments& arguments) {
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.arguments("RECORD", options->records, 1, kRecordHelp);
+  arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
 
