@@ -266,8 +266,8 @@ std::size_t tryCase(const Operation& operation, const Host& with, const std::str
 // All numbers up to `end`, of large ones a few: each case is a run of the operation.
 std::vector<std::size_t> steps(std::size_t end) {
   std::vector<std::size_t> result;
-  for (std::size_t n = 0; n < end; n += 1 + n / 40) result.push_back(n);
-  for (std::size_t n = end - std::min<std::size_t>(end, 170); n < end; n += 3) result.push_back(n);
+  for (std::size_t n = 0; n < end; n += 1 + n / 15) result.push_back(n);
+  for (std::size_t n = end - std::min<std::size_t>(end, 170); n < end; n += 5) result.push_back(n);
   return result;
 }
 
@@ -280,7 +280,7 @@ void tryFullDisks(const Operation& operation, std::size_t written) {
 }
 
 void tryLimits(const Operation& operation) {
-  for (std::uint64_t limit = 0; limit < 6500; limit += limit < 30 ? 1 : limit < 4600 ? 113 : 5) {
+  for (std::uint64_t limit = 0; limit < 6500; limit += limit < 30 ? 1 : limit < 4600 ? 331 : 13) {
     Host with;
     with.limit = limit;
     tryCase(operation, with, "limit " + std::to_string(limit));
@@ -289,7 +289,7 @@ void tryLimits(const Operation& operation) {
 
 void tryBadPlaces(const Operation& operation) {
   for (const bool failsWhole : {false, true}) {
-    for (std::int64_t begin = 0; begin < 30'000; begin += begin < 6000 ? 61 : 601) {
+    for (std::int64_t begin = 0; begin < 30'000; begin += begin < 6000 ? 149 : 1501) {
       Host with;
       with.badBegin = begin;
       with.badEnd = begin + 50;
