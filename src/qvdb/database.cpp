@@ -36,10 +36,13 @@ std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode 
   auto state = std::make_shared<OpenDatabase>();
   state->path = path;
   state->mode = mode;
-  state->handle = OpenDBaseW(wide.data(), permission);
-  if (state->handle == 0) {
-    detail::throwOpenFailure(path, operation,
-                             qvdbase::platform::findOpenFailure(wide.data(), permission));
+  // What was in the way may be gone when it is looked for: then opening is tried again.
+  for (int tries = 3; state->handle == 0; --tries) {
+    state->handle = OpenDBaseW(wide.data(), permission);
+    if (state->handle != 0) break;
+    const auto found = qvdbase::platform::findOpenFailure(wide.data(), permission);
+    if (tries > 1 && found.failure == qvdbase::platform::OpenFailure::none) continue;
+    detail::throwOpenFailure(path, operation, found);
   }
   return state;
 }

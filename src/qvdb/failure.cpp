@@ -22,7 +22,7 @@ Cause causeOf(OpenFailure failure) {
     case OpenFailure::folderMissing:
       return {Reason::no_such_file, "a folder on its way does not exist"};
     case OpenFailure::notAFolder:
-      return {Reason::path_not_reachable, "something on its way is not a folder"};
+      return {Reason::no_such_file, "something on its way is not a folder"};
     case OpenFailure::fileMissing:
       return {Reason::no_such_file, "there is no such file"};
     case OpenFailure::notAFile:

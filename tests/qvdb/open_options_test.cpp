@@ -59,7 +59,7 @@ TEST_F(LayerOpen, CreatesNothingWithoutBeingAskedToOrForReadingOnly) {
 TEST_F(LayerOpen, LooksAtTheEndsOfTheChainsWhenAskedTo) {
   { auto table = createDatabase().add_table("notes"); }
   FileImage image;
-  image.addTable(0x1101, "notes");
+  image.addTable("notes", 0x1101);
   image.slot(0).recordCount = 1;  // of which no position is known
   expectDamage();
   writeFile(path(), image.build());
