@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <exception>
 #include <unordered_map>
 
 #include "qvdb/commands.h"
@@ -37,6 +38,7 @@ class Exporter {
 
   // Throws Failure when anything that will be written is there already.
   void check();
+  // Throws Error, when all that can be is written, where the chain of the records is damaged.
   void run();
   std::string summary() const;
   std::uint64_t namesWithoutRecord() const;
@@ -45,6 +47,7 @@ class Exporter {
   // Calls take(file, record) for all records, in order.
   template <typename Take>
   void forEachFile(Take take);
+  void finishFolders();
   ImportedFile fileOf(const Record& record);
   template <typename Take>
   void forEachNamed(FileKind kind, Take take);
@@ -63,7 +66,13 @@ void Exporter::forEachNamed(FileKind kind, Take take) {
   if (!files_) return;
   for (const ImportedFile& file : files_->list()) {
     throwIfInterrupted();
-    if (file.kind == kind) take(file);
+    if (file.kind != kind) continue;
+    // Of two links of a name the later one counts.
+    if (kind == FileKind::link && &file != &files_->list()[*files_->find(file.name)] &&
+        files_->list()[*files_->find(file.name)].kind == FileKind::link) {
+      continue;
+    }
+    take(file);
   }
 }
 
@@ -109,7 +118,7 @@ void Exporter::run() {
   Progress progress("exporting", table_.count(), "records");
   forEachNamed(FileKind::folder,
                [this](const ImportedFile& file) { writer_.makeFolder(file.name); });
-  forEachFile([&](const ImportedFile& file, const Record& record) {
+  const auto writeOne = [&](const ImportedFile& file, const Record& record) {
     writer_.writeFile(file, [&](std::uint64_t offset, std::span<std::byte> buffer) {
       const std::size_t got = record.read(offset, buffer);
       bytesDone_ += got;
@@ -117,10 +126,22 @@ void Exporter::run() {
     });
     ++filesDone_;
     progress.step();
-  });
+  };
+  // Where the chain is damaged everything else is written anyway.
+  std::exception_ptr failure;
+  try {
+    forEachFile(writeOne);
+  } catch (const Error& error) {
+    if (error.reason() != Reason::chain_damaged) throw;
+    failure = std::current_exception();
+  }
   forEachNamed(FileKind::link, [this](const ImportedFile& file) { writer_.makeLink(file); });
   writer_.sync();
-  if (!files_) return;
+  if (files_) finishFolders();
+  if (failure) std::rethrow_exception(failure);
+}
+
+void Exporter::finishFolders() {
   for (auto file = files_->list().rbegin(); file != files_->list().rend(); ++file) {
     if (file->kind == FileKind::folder) writer_.finishFolder(*file);
   }

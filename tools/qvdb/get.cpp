@@ -16,11 +16,9 @@ struct Options {
 int run(const Options& options) {
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
-  const Id id = recordId(database, table, options.record);
-  const auto record = table.find(id);
-  if (!record) throw noSuchRecord(database, table, id);
+  const Record record = findRecords(database, table, {options.record}).front();
   deliver([&](std::uint64_t offset,
-              std::span<std::byte> buffer) { return record->read(offset, buffer); },
+              std::span<std::byte> buffer) { return record.read(offset, buffer); },
           options.file, options.delivery);
   return kDone;
 }

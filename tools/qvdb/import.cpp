@@ -54,6 +54,7 @@ class Importer {
   // What a kill, or a write that fails, can lose at most: files, and bytes.
   static constexpr std::size_t kBatch = 1024;
   static constexpr std::size_t kBatchBytes = std::size_t{1} << 20;
+  static constexpr std::uint64_t kLargeFile = std::uint64_t{1} << 20;  // stored in pieces
 
   void loadRecords();
   void storeNames();
@@ -63,13 +64,19 @@ class Importer {
   void finishBatch();
   std::size_t firstNotStored(std::size_t current);
   std::string stop(std::size_t current, const FileTree& tree);
-  void replaceRecord(const Record& record, std::size_t place);
+  void appendPieces(Id record, std::size_t place, const Descriptor& file);
+  void replaceRecord(const Record& record, std::size_t place, const Descriptor& file,
+                     std::uint64_t size);
+  void dropOldLinks(std::size_t firstMissing);
+  const std::string& pathOf(std::size_t place) const { return tree_->files[place].path; }
   void noteProperties(const FoundFile& found, std::size_t index, const struct stat& status);
 
   Database& database_;
   Table& table_;
   ImportedFiles names_;
   bool replace_;
+  std::unordered_map<std::size_t, std::size_t> oldLinks_;  // of files in the tree: in names_
+  const FileTree* tree_ = nullptr;
   bool areRecordsLoaded_ = false;
   bool namesHaveChanged_ = false;
   std::unordered_map<Id, Record> records_;  // those that stand under the names that we had
@@ -138,7 +145,7 @@ void Importer::addNames(const FileTree& tree) {
     const bool isChangedLink =
         place != kNew && file.kind == FileKind::link && names_.list()[place].target != file.target;
     if (place != kNew && !isChangedLink) continue;
-    if (isChangedLink) names_.remove(place);
+    if (isChangedLink) oldLinks_.emplace(i, place);
     if (file.kind == FileKind::file) file.record = new_id();
     places_[i] = names_.list().size();
     names_.add(std::move(file));
@@ -148,6 +155,7 @@ void Importer::addNames(const FileTree& tree) {
 }
 
 void Importer::run(const FileTree& tree) {
+  tree_ = &tree;
   addNames(tree);
   Progress progress("importing", tree.files.size(), "files");
   std::size_t at = 0;
@@ -168,6 +176,7 @@ void Importer::run(const FileTree& tree) {
   } catch (const std::bad_alloc&) {
     throw Failure("there is not enough memory; " + stop(at, tree));
   }
+  dropOldLinks(tree.files.size());
   if (namesHaveChanged_) storeNames();
 }
 
@@ -187,12 +196,26 @@ std::size_t Importer::firstNotStored(std::size_t current) {
   return current;
 }
 
+// Adds what is in buffer_.
 void Importer::append(Id record, std::size_t place) {
   if (!bulk_) bulk_ = table_.appender();
   batch_.push_back(place);
   batchBytes_ += buffer_.size();
   bulk_->add(NewRecord(buffer_, 0, record));
+  bytes_ += buffer_.size();
   if (batch_.size() == kBatch || batchBytes_ >= kBatchBytes) finishBatch();
+}
+
+// Adds a file that is never in memory as a whole.
+void Importer::appendPieces(Id record, std::size_t place, const Descriptor& file) {
+  if (!bulk_) bulk_ = table_.appender();
+  batch_.push_back(place);
+  RecordWriter writer = bulk_->writer(0, record);
+  forEachInputPiece(file.number(), pathOf(place),
+                    [&](std::span<const std::byte> piece) { writer.write(piece); });
+  bytes_ += writer.size();
+  writer.finish();
+  finishBatch();
 }
 
 // To be called before anything else is changed in the table, too.
@@ -216,34 +239,50 @@ void Importer::store(const FoundFile& found, std::size_t place) {
   struct stat status = {};
   if (::fstat(file.number(), &status) != 0) throw systemFailure(found.path, "look at it");
   if (!S_ISREG(status.st_mode)) throw Failure(found.path + ": is no file any more");
-  readAll(file.number(), found.path, &buffer_);
-
+  const auto size = static_cast<std::uint64_t>(status.st_size);
   const auto old = records_.find(name.record);
   if (old != records_.end()) {
-    replaceRecord(old->second, place);
+    replaceRecord(old->second, place, file, size);
+  } else if (size > kLargeFile) {
+    appendPieces(name.record, place, file);
   } else {
+    readAll(file.number(), found.path, &buffer_);
     append(name.record, place);
   }
   noteProperties(found, index, status);
   ++files_;
-  bytes_ += buffer_.size();
 }
 
-// A record cannot be changed to hold nothing: an empty file gets a new record.
-void Importer::replaceRecord(const Record& record, std::size_t place) {
-  if (buffer_.empty() && record.size() == 0) return;
-  finishBatch();
-  if (!buffer_.empty()) {
+// A record cannot be changed to hold nothing, and a change has the whole payload in memory: for an
+// empty file, or a large one, a new record under the old identifier comes first, and then the old
+// one goes.
+void Importer::replaceRecord(const Record& record, std::size_t place, const Descriptor& file,
+                             std::uint64_t size) {
+  if (size <= kLargeFile) readAll(file.number(), pathOf(place), &buffer_);
+  if (size <= kLargeFile && !buffer_.empty()) {
+    finishBatch();
     if (!table_.modify(record, buffer_)) throw noSuchRecord(database_, table_, record.id());
+    bytes_ += buffer_.size();
     return;
   }
-  const std::size_t index = places_[place];
-  ImportedFile renewed = names_.list()[index];
+  if (size <= kLargeFile && record.size() == 0) return;
+  if (size <= kLargeFile) {
+    append(record.id(), place);
+  } else {
+    appendPieces(record.id(), place, file);
+  }
+  finishBatch();
   table_.remove(record);
-  renewed.record = new_id();
-  names_.update(index, renewed);
-  namesHaveChanged_ = true;
-  append(renewed.record, place);
+}
+
+// Deletes the entries of links that have new ones. The list has both for a time, in which the later
+// one counts, so that a kill loses none. Links from `firstMissing` on keep their old entries.
+void Importer::dropOldLinks(std::size_t firstMissing) {
+  for (const auto& [place, old] : oldLinks_) {
+    if (place >= firstMissing) continue;
+    names_.remove(old);
+    namesHaveChanged_ = true;
+  }
 }
 
 // Mode and times as they are now: those of a file when it was read, those of others when they were
@@ -269,6 +308,7 @@ std::string Importer::stop(std::size_t current, const FileTree& tree) {
     names_.cut(places_[i]);  // new names stand in the order of the files
     break;
   }
+  dropOldLinks(firstMissing);
   try {
     storeNames();
   } catch (const Error&) {
@@ -369,7 +409,7 @@ extern const Command kImportCommand = {
     "place of the old one. Files that are gone from a folder stay in the table.\n\n"
     "Sockets, pipes, devices and the database itself are left out, with a line on standard error. "
     "Owners, access lists and hard links are not kept. A file can have 4,294,967,295 bytes at "
-    "most; memory is needed for the largest file, and for the names.\n\n"
+    "most; memory is needed for the names, not for the files.\n\n"
     "Ctrl-C stops between two files and leaves a sound database. Whatever stops an import, the "
     "message says how many files are stored.",
     "qvdb create photos.qvd && qvdb import photos.qvd holiday ~/Pictures/holiday/\n"

@@ -202,7 +202,11 @@ void ImportedFiles::index() const {
       removedByRecord_.insert_or_assign(list_[i].record, i);
       continue;
     }
-    byName_.emplace(list_[i].name, i);
+    const auto [there, isNew] = byName_.emplace(list_[i].name, i);
+    // A link that is being replaced: see addNames of the import.
+    if (!isNew && list_[i].kind == FileKind::link && list_[there->second].kind == FileKind::link) {
+      there->second = i;
+    }
     if (list_[i].kind == FileKind::file) byRecord_.emplace(list_[i].record, i);
   }
 }

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -18,6 +20,7 @@ namespace qvdb::tool {
 namespace {
 
 constexpr std::size_t kPiece = 65536;
+constexpr std::size_t kMostInMemory = std::size_t{1} << 20;
 constexpr std::size_t kLargestPayload = 0xFFFFFFFF;
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr const char* kStandardInput = "standard input";
@@ -60,6 +63,18 @@ void readUpTo(std::size_t most, int descriptor, const std::string& name,
   buffer->resize(size);
 }
 
+// A file that is gone when it is closed.
+Descriptor unnamedFile() {
+  std::error_code error;
+  const std::filesystem::path folder = std::filesystem::temp_directory_path(error);
+  if (error) throw Failure("there is no folder for temporary files; set TMPDIR");
+  std::string path = (folder / "qvdb-XXXXXX").native();
+  Descriptor file(::mkostemp(path.data(), O_CLOEXEC));
+  if (!file) throw systemFailure(path, "create a temporary file");
+  ::unlink(path.c_str());
+  return file;
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
@@ -93,18 +108,56 @@ Input::Input(const std::string& path) : name_(path == "-" ? kStandardInput : pat
   if (static_cast<std::uint64_t>(status.st_size) > kLargestPayload) throw tooLarge(name_);
 }
 
-void Input::prepare() {
-  if (!isRegular_) contents();
+void Input::spool(std::span<const std::byte> piece) {
+  while (!piece.empty()) {
+    const ssize_t written = ::write(spooled_.number(), piece.data(), piece.size());
+    if (written < 0 && errno != EINTR) throw systemFailure("temporary file", "write");
+    if (written > 0) piece = piece.subspan(static_cast<std::size_t>(written));
+  }
 }
 
-const std::vector<std::byte>& Input::contents() {
-  if (!isRead_) readAll(number(), name_, &contents_);
-  isRead_ = true;
-  return contents_;
+void Input::prepare() {
+  if (isRegular_) return;
+  forEachInputPiece(number(), name_, [this](std::span<const std::byte> piece) {
+    if (!spooled_ && start_.size() + piece.size() <= kMostInMemory) {
+      start_.insert(start_.end(), piece.begin(), piece.end());
+      return;
+    }
+    if (!spooled_) {
+      spooled_ = unnamedFile();
+      spool(start_);
+      start_ = {};
+    }
+    spool(piece);
+  });
+  if (spooled_ && ::lseek(spooled_.number(), 0, SEEK_SET) != 0) {
+    throw systemFailure("temporary file", "read");
+  }
+}
+
+void Input::forEachPiece(const TakePiece& take) {
+  if (isRegular_ || spooled_) {
+    forEachInputPiece(isRegular_ ? number() : spooled_.number(), name_, take);
+  } else {
+    take(start_);
+  }
+}
+
+void forEachInputPiece(int descriptor, const std::string& name, const TakePiece& take) {
+  std::vector<std::byte> buffer(4 * kPiece);
+  std::uint64_t size = 0;
+  while (const std::size_t got = readSome(descriptor, name, buffer.data(), buffer.size())) {
+    size += got;
+    if (size > kLargestPayload) throw tooLarge(name);
+    take(std::span<const std::byte>(buffer).first(got));
+  }
 }
 
 std::vector<std::byte> readInput(const std::string& path) {
-  return Input(path).contents();
+  const Input input(path);
+  std::vector<std::byte> buffer;
+  readAll(input.number(), input.name(), &buffer);
+  return buffer;
 }
 
 std::optional<std::string> pathOfStandardInput() {

@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -30,6 +32,11 @@ class Descriptor {
 // 4,294,967,295 bytes; more throws Failure, as does a failure to read. `name` is for messages.
 void readAll(int descriptor, const std::string& name, std::vector<std::byte>* buffer);
 
+// Calls take(piece) for everything that can be read, in pieces of at most 256 KiB. Throws Failure
+// for more than 4,294,967,295 bytes, as readAll does.
+using TakePiece = std::function<void(std::span<const std::byte>)>;
+void forEachInputPiece(int descriptor, const std::string& name, const TakePiece& take);
+
 // Something that is to be stored: a file, a pipe, or standard input for "-". It is opened, and all
 // that could fail or wait for another program is done, before a database is locked for it.
 class Input {
@@ -37,20 +44,24 @@ class Input {
   // Opens it. Throws Failure when it cannot be opened, is no file, or is too large for a record.
   explicit Input(const std::string& path);
 
-  // Reads what does not come from a regular file: pipes, and standard input.
+  // Reads what does not come from a regular file: pipes, and standard input. What is large goes to
+  // a temporary file without a name. Throws Failure; Interrupted.
   void prepare();
 
-  // The whole of it; good until the next call. Throws Failure; Interrupted.
-  const std::vector<std::byte>& contents();
+  // Calls take(piece) for all of it, once. Throws as prepare() does.
+  void forEachPiece(const TakePiece& take);
+
+  int number() const { return file_ ? file_.number() : 0; }
+  const std::string& name() const { return name_; }
 
  private:
-  int number() const { return file_ ? file_.number() : 0; }
+  void spool(std::span<const std::byte> piece);
 
   std::string name_;
   Descriptor file_;  // none for standard input
   bool isRegular_ = false;
-  bool isRead_ = false;
-  std::vector<std::byte> contents_;
+  std::vector<std::byte> start_;  // what has been read before, unless it went to `spooled_`
+  Descriptor spooled_;
 };
 
 // The whole of a file, or of standard input for "-".

@@ -69,7 +69,9 @@ int run(const Options& options) {
   BulkAppender appender = table.appender();
   for (Input& input : inputs) {
     throwIfInterrupted();
-    ids.push_back(appender.add(NewRecord(input.contents(), reserve, id)));
+    RecordWriter writer = appender.writer(reserve, id);
+    input.forEachPiece([&writer](std::span<const std::byte> piece) { writer.write(piece); });
+    ids.push_back(writer.finish());
   }
   appender.finish();
   finishWriting(database, options.noSync);
