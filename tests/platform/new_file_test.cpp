@@ -46,7 +46,7 @@ class NewFileTest : public testing::Test {
 
   // Makes a file that holds "new".
   void make(NewFile& file) {
-    ASSERT_EQ(file.create(place().native()), OpenFailure::none);
+    ASSERT_TRUE(file.create(place().native()));
     ASSERT_TRUE(file.writeAt(0, "new", 3));
   }
 
@@ -198,7 +198,7 @@ TEST_F(NewFileTest, ReportsARenameThatTheHostRefuses) {
 TEST_F(NewFileTest, TakesThePlaceOfTheFileThatIsHeld) {
   writeFile(place(), bytesOf("old"));
   HeldFile old;
-  ASSERT_EQ(old.hold(place().native()), OpenFailure::none);
+  ASSERT_EQ(old.hold(place().native()).failure, OpenFailure::none);
   NewFile file;
   make(file);
   EXPECT_EQ(file.place({.file = &old}, Waits::no), Placing::done);
@@ -208,7 +208,7 @@ TEST_F(NewFileTest, TakesThePlaceOfTheFileThatIsHeld) {
 TEST_F(NewFileTest, DoesNotTakeThePlaceOfAnotherFileThanTheOneThatIsHeld) {
   writeFile(place(), bytesOf("old"));
   HeldFile old;
-  ASSERT_EQ(old.hold(place().native()), OpenFailure::none);
+  ASSERT_EQ(old.hold(place().native()).failure, OpenFailure::none);
   NewFile file;
   make(file);
   writeFile(folder_ / "other", bytesOf("acknowledged"));
@@ -225,9 +225,9 @@ TEST_F(NewFileTest, AFileIsHeldBesideReadersButNotBesideWriters) {
   HeldFile reader;
   ASSERT_TRUE(reader.lookAt(place().native()));
   HeldFile writer;
-  EXPECT_EQ(writer.hold(place().native()), OpenFailure::none);
+  EXPECT_EQ(writer.hold(place().native()).failure, OpenFailure::none);
   HeldFile second;
-  EXPECT_EQ(second.hold(place().native()), OpenFailure::inUse);
+  EXPECT_EQ(second.hold(place().native()).failure, OpenFailure::inUse);
 }
 
 // ---- what the device has ----
@@ -272,7 +272,7 @@ TEST_F(NewFileTest, IsNotPlacedWhenTheDeviceDoesNotTakeIt) {
 TEST_F(NewFileTest, ComesOutOfAFolderThatNoOtherUserCanEnter) {
   auto folder = std::make_unique<platform::PrivateFolder>();
   const mode_t mask = ::umask(0);
-  ASSERT_EQ(folder->make(place().native()), OpenFailure::none);
+  ASSERT_TRUE(folder->make(place().native()));
   ::umask(mask);
   const fs::path path = folder->filePath();
   EXPECT_EQ(modeOf(path.parent_path()), 0700u);
@@ -288,7 +288,7 @@ TEST_F(NewFileTest, ComesOutOfAFolderThatNoOtherUserCanEnter) {
 TEST_F(NewFileTest, GoesWithItsPrivateFolder) {
   {
     platform::PrivateFolder folder;
-    ASSERT_EQ(folder.make(place().native()), OpenFailure::none);
+    ASSERT_TRUE(folder.make(place().native()));
     writeFile(folder.filePath(), bytesOf("half"));
   }
   EXPECT_TRUE(names().empty());
