@@ -162,7 +162,7 @@ TEST_F(DiscardedBatches, AreThoseThatCannotBeWritten) {
       RecordedCalls host;
       host.fullAfter(space);
       auto bulk = table->appender();
-      expectError(Reason::cannot_write, [&] {
+      expectError(Reason::disk_full, [&] {
         fill(bulk);
         bulk.finish();
       });

@@ -161,7 +161,7 @@ TEST_F(PayloadsInPieces, ThatCannotBeWrittenLeaveNothing) {
   for (const std::size_t space : {std::size_t{10}, kPiece, kPiece + 100, 2 * kPiece + 50}) {
     expectUnchanged([&] {
       host_.fullAfter(space);
-      expectError(Reason::cannot_write, [&] {
+      expectError(Reason::disk_full, [&] {
         RecordWriter writer = table->writer();
         writeInPieces(writer, payload, 10'000);
         writer.finish();
@@ -288,7 +288,7 @@ TEST_F(FullDevices, GetNoFullerByAttemptsThatFail) {
       SCOPED_TRACE(space);
       expectUnchanged([&] {
         host.fullAfter(space);
-        expectError(Reason::cannot_write, operation);
+        expectError(Reason::disk_full, operation);
         host.heal();
       });
     }
@@ -330,7 +330,7 @@ TEST_F(FullDevices, AreNoReasonToCutWhatOtherProcessesMayHaveAppended) {
   const std::size_t before = fileSize();
   RecordedCalls host;
   host.fullAfter(50'000);
-  expectError(Reason::cannot_write, [&] { table.add(span(Bytes(100'000, 'l'))); });
+  expectError(Reason::disk_full, [&] { table.add(span(Bytes(100'000, 'l'))); });
   EXPECT_EQ(host.count(Call::truncate), 0);
   EXPECT_EQ(fileSize(), before + 50'000);
 }
