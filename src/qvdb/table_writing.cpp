@@ -14,6 +14,7 @@
 #include "QVDbase/record_find.h"
 #include "QVDbase/record_modify.h"
 #include "format/identifiers.h"
+#include "platform/host_failure.h"
 #include "qvdb/failed_append.h"
 #include "qvdb/open_database.h"
 #include "qvdb/records.h"
@@ -264,11 +265,30 @@ Id idOf(const Record& record) {
   return record.id();
 }
 
+// What the host answered to a write, kept over the operations that look for another reason.
+class KeptHostFailure {
+ public:
+  KeptHostFailure() : code_(qvdbase::platform::lastHostFailure().value()) {}
+  ~KeptHostFailure() {
+    if (code_ != 0) qvdbase::platform::noteHostFailure(code_);
+  }
+  KeptHostFailure(const KeptHostFailure&) = delete;
+  KeptHostFailure& operator=(const KeptHostFailure&) = delete;
+
+ private:
+  int code_;
+};
+
+std::optional<Record> findAfterFailure(const Table& table, Id record) {
+  const KeptHostFailure kept;
+  return table.find(record);
+}
+
 // False when the record is not there. Else its neighbours, or the file, must have refused. `size`
 // is what was to be written, at least.
 bool failedChange(const Operation& operation, const Table& table, Id id, std::uint64_t size,
                   bool isDeletion) {
-  const std::optional<Record> found = table.find(id);
+  const std::optional<Record> found = findAfterFailure(table, id);
   if (!found) return false;
   ReadScope scope(operation.db());
   const tablePart1 slot = operation.table(table.id()).slot;
@@ -325,7 +345,7 @@ bool touchOne(const Operation& operation, detail::OpenDatabase& database, const 
       changeOne(operation, database, table.id(), record,
                 [&](qvdbase::FoundRecord* found) { return touchRecord(operation, *found); });
   if (isDecided(changed)) return changed == Changed::done;
-  if (!table.find(idOf(record))) return false;
+  if (!findAfterFailure(table, idOf(record))) return false;
   operation.failedWrite(0);
 }
 
@@ -406,7 +426,10 @@ void Table::set_data(ByteView data, std::uint32_t reserve) {
   const auto end = static_cast<std::int64_t>(operation.fileLength());
   if (SetTableData(operation.db(), id_.value, bytesOf(data), size, reserve) == 1) return;
   detail::takeBackBlock(operation, id_, end);
-  static_cast<void>(data_size());
+  {
+    const KeptHostFailure kept;
+    static_cast<void>(data_size());
+  }
   operation.failedWrite(std::max(size, reserve) + qvdbase::kTableDataBlockOverhead);
 }
 
