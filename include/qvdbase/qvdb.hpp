@@ -37,6 +37,7 @@
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/index.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
+#include <qvdbase/qvdb/mend.hpp>
 #include <qvdbase/qvdb/output_file.hpp>
 #include <qvdbase/qvdb/record.hpp>
 #include <qvdbase/qvdb/salvage.hpp>

@@ -70,6 +70,8 @@ std::string_view to_string(Reason reason) noexcept {
       return "read-only file system";
     case Reason::size_limit:
       return "too long for the limits of the system";
+    case Reason::damaged:
+      return "damaged";
   }
   return "unknown reason";
 }

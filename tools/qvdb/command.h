@@ -37,6 +37,9 @@ class Arguments {
               const char* help);
   void option(const char* names, const char* valueName, std::optional<std::uint64_t>& value,
               const char* help);
+  // One that may be given many times.
+  void option(const char* names, const char* valueName, std::vector<std::string>& values,
+              const char* help);
   void flag(const char* names, bool& value, const char* help);
 
   // Options that many commands have.

@@ -183,6 +183,12 @@ void Arguments::option(const char* names, const char* valueName,
   parser_.describeOption(names, valueName, help);
 }
 
+void Arguments::option(const char* names, const char* valueName, std::vector<std::string>& values,
+                       const char* help) {
+  parser_.app()->add_option(names, values)->allow_extra_args(false);
+  parser_.describeOption(names, valueName, help);
+}
+
 void Arguments::flag(const char* names, bool& value, const char* help) {
   parser_.app()->add_flag(names, value);
   parser_.describeOption(names, nullptr, help);

@@ -29,6 +29,7 @@ extern const Command kCheckCommand;
 extern const Command kSalvageCommand;
 extern const Command kHistoryCommand;
 extern const Command kUndeleteCommand;
+extern const Command kMendCommand;
 extern const Command kCompactCommand;
 extern const Command kPackCommand;
 extern const Command kRenumberCommand;

@@ -15,7 +15,42 @@ struct Options {
   bool dryRun = false;
   bool force = false;
   bool parents = false;
+  std::vector<std::string> drop;
+  std::vector<std::string> clear;
+  std::vector<std::string> rename;
 };
+
+// From OLD=NEW. A name that holds '=' can be the new one.
+std::pair<std::string, std::string> renamingOf(const std::string& text) {
+  const std::size_t place = text.find('=');
+  if (place == std::string::npos) throw wrongUsage("--rename takes OLD=NEW, not '" + text + "'");
+  return {text.substr(0, place), text.substr(place + 1)};
+}
+
+CompactOptions optionsOf(const Options& options) {
+  CompactOptions how = {.overwrite = options.force,
+                        .dry_run = options.dryRun,
+                        .force = options.force,
+                        .create_folders = options.parents,
+                        .drop = options.drop,
+                        .clear = options.clear};
+  for (const std::string& each : options.rename) how.rename.push_back(renamingOf(each));
+  return how;
+}
+
+// What was left behind besides dead space.
+void tellLosses(const Options& options, const CompactReport& report) {
+  if (report.records_lost > 0) {
+    complain(options.source + ": " + counted(report.records_lost, "record", "records") +
+             " that 'qvdb salvage' finds " + (report.records_lost == 1 ? "is" : "are") +
+             " not in the new file");
+  }
+  if (report.torn_blocks > 0) {
+    printLine(counted(report.torn_blocks, "torn block", "torn blocks") +
+              " of writes that were cut off " + (report.torn_blocks == 1 ? "is" : "are") +
+              " left behind");
+  }
+}
 
 std::string summary(const CompactReport& report, bool isDryRun) {
   const bool gains = report.size_after < report.size_before;
@@ -28,8 +63,7 @@ std::string summary(const CompactReport& report, bool isDryRun) {
 }
 
 int run(const Options& options) {
-  const CompactOptions how = {
-      .overwrite = options.force, .dry_run = options.dryRun, .create_folders = options.parents};
+  const CompactOptions how = optionsOf(options);
   CompactReport report;
   {
     Progress progress(options.dryRun ? "reading" : "compacting", 100, nullptr);
@@ -38,6 +72,7 @@ int run(const Options& options) {
                             : compact(options.source, percentOn(progress), how);
     });
   }
+  tellLosses(options, report);
   printLine(summary(report, options.dryRun));
   return kDone;
 }
@@ -49,7 +84,13 @@ Action define(Arguments& arguments) {
                              "The file to make. Without it the new file takes the place of the "
                              "source.");
   arguments.flag("-n,--dry-run", options->dryRun, "Only say what would be gained.");
-  arguments.force(options->force, "Replace a target that is there already.");
+  arguments.option("--drop", "TABLE", options->drop, "Leave this table out, with all it has.");
+  arguments.option("--clear", "TABLE", options->clear,
+                   "Leave the records of this table out; its data stays.");
+  arguments.option("--rename", "OLD=NEW", options->rename, "Give this table another name.");
+  arguments.force(options->force,
+                  "Replace a target that is there already, and compact also when records would be "
+                  "lost.");
   arguments.parents(options->parents);
   return actionOf(options, run);
 }
@@ -65,10 +106,16 @@ extern const Command kCompactCommand = {
     "Until that moment the source is untouched, whatever happens: Ctrl-C, a full disk, a loss of "
     "power. As much room is needed as the new file takes. Only a process that is killed leaves "
     "something behind: a file .qvdb-....tmp in the folder, which you may delete.\n\n"
-    "A damaged database is refused; 'qvdb check' says what is wrong, and 'qvdb salvage' helps.",
+    "The database is checked first. One with errors, or with records that 'qvdb salvage' would "
+    "bring back and the new file would not have, is refused with their number: 'qvdb mend' "
+    "completes what was cut off, 'qvdb salvage' saves the rest, and --force leaves it behind. A "
+    "chain that breaks is refused in any case.\n\n"
+    "--drop, --clear and --rename can be given many times, and mean the tables by the names that "
+    "they have in the source.",
     "qvdb compact notes.qvd\n"
     "qvdb compact --dry-run notes.qvd\n"
-    "qvdb compact notes.qvd small.qvd",
+    "qvdb compact notes.qvd small.qvd\n"
+    "qvdb compact --drop drafts --rename letters=mail notes.qvd",
     define};
 
 }  // namespace qvdb::tool

@@ -32,6 +32,7 @@ Failure systemFailure(const std::string& path, const char* what) {
 }
 
 std::string adviceFor(const Error& error) {
+  if (error.operation() == std::string_view("write to the table")) return "run 'qvdb mend'";
   switch (error.reason()) {
     case Reason::path_not_reachable:
       if (!std::string_view(error.what()).ends_with("does not exist")) return {};
@@ -56,6 +57,11 @@ std::string adviceFor(const Error& error) {
       return "give the path of a database file";
     case Reason::version_out_of_range:
       return "'qvdb info' shows what the file says of itself";
+    case Reason::damaged:
+      return error.operation() == std::string_view("mend the database")
+                 ? "'qvdb salvage' writes what can be saved into a new file"
+                 : "'qvdb mend' completes what was cut off, 'qvdb salvage' saves the rest into a "
+                   "new file, --force leaves it behind";
     case Reason::directory_damaged:
     case Reason::chain_damaged:
     case Reason::data_damaged:

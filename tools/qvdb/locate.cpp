@@ -94,9 +94,13 @@ void finishWriting(Database& database, bool noSync) {
 }
 
 Table findTable(const Database& database, const std::string& nameOrId) {
-  if (auto table = database.find_table(nameOrId)) return *table;
-  if (const auto id = parse_id(nameOrId)) {
-    if (auto table = database.find_table(*id)) return *table;
+  auto table = database.find_table(nameOrId);
+  const auto id = parse_id(nameOrId);
+  if (!table && id) table = database.find_table(*id);
+  if (table) {
+    // Written to, a table that an interrupted operation has left would only get worse.
+    if (database.mode() != Mode::read_only) check_ends(database, table->id());
+    return *table;
   }
   throw Failure(database.path().native() + ": there is no table '" + nameOrId +
                 "'; 'qvdb tables' lists the tables");

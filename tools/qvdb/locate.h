@@ -43,7 +43,9 @@ DataSize dataSizeOf(const Database& database, const Table& table);
 // Waits until the device has everything that was written, unless that is not wanted.
 void finishWriting(Database& database, bool noSync);
 
-// A table by name, else by identifier. Throws Failure when there is none.
+// A table by name, else by identifier. Throws Failure when there is none, and Error chain_damaged
+// when the database is open for writing and the ends of the table's chain are not as they should
+// be.
 Table findTable(const Database& database, const std::string& nameOrId);
 
 // The names of a table's imported files, as far as they can be read: a line on standard error says

@@ -12,7 +12,9 @@ std::shared_ptr<PackOptions> definePacking(Arguments& arguments) {
   auto options = std::make_shared<PackOptions>();
   arguments.argument("SOURCE", options->source, "The database file. It is not changed.");
   arguments.argument("TARGET", options->target, "The file to make.");
-  arguments.force(options->force, "Replace a target that is there already.");
+  arguments.force(options->force,
+                  "Replace a target that is there already, and pack also when records would be "
+                  "lost.");
   arguments.parents(options->parents);
   return options;
 }
@@ -22,9 +24,15 @@ int runPacking(const Packing& packing, const PackOptions& options) {
   {
     Progress progress(packing.doing, 100, nullptr);
     report = whileInUse([&] {
-      return packing.operation(options.source, options.target, percentOn(progress),
-                               {.overwrite = options.force, .create_folders = options.parents});
+      return packing.operation(
+          options.source, options.target, percentOn(progress),
+          {.overwrite = options.force, .force = options.force, .create_folders = options.parents});
     });
+  }
+  if (report.records_lost > 0) {
+    complain(options.source + ": " + counted(report.records_lost, "record", "records") +
+             " that 'qvdb salvage' finds " + (report.records_lost == 1 ? "is" : "are") +
+             " not in the new file");
   }
   for (const std::string& table : report.tables_without_data) {
     complain(options.target + ": table '" + table + "' has records, and so lost its data" +

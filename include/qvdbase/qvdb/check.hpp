@@ -157,10 +157,10 @@ QVDBASE_API CheckReport check_image(std::span<const std::byte> image,
 
 // Opens a database as Database::open() does, and looks at both ends of every table's chain: that
 // the slot's count and positions agree, that nothing precedes the first record and nothing follows
-// the last, and that the neighbours of both point back at them. That takes a constant time for each
-// table and finds most of what an interrupted operation leaves behind, above all the states in
-// which records added from now on would be lost. It is no check(): damage inside of a chain stays
-// unseen.
+// the last, and that the neighbours of both, and of the record written last, point back at them.
+// That takes a constant time for each table and finds most of what an interrupted operation leaves
+// behind, above all the states in which records added from now on would be lost. It is no check():
+// damage inside of a chain stays unseen.
 //
 // Throws Error as Database::open() does, and besides: directory_damaged for a slot in use without
 // its marks; chain_damaged for a table whose ends are not as they should be. The message names the
@@ -168,6 +168,12 @@ QVDBASE_API CheckReport check_image(std::span<const std::byte> image,
 //
 // The same as Database::open() with OpenOptions{.mode = mode, .check = true}.
 QVDBASE_API Database open_checked(const std::filesystem::path& path, Mode mode = Mode::read_only);
+
+// Looks at the ends of one table's chain as open_checked() does, for a database that is open:
+// before the table is written to. What an interrupted operation has left there, mend() completes.
+//
+// Throws Error with chain_damaged, whose operation() is "write to the table".
+QVDBASE_API void check_ends(const Database& database, Id table);
 
 // What link repair (FixOneDBLinkErrorW) would make of a table.
 struct RepairedTable {

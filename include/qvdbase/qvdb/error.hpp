@@ -62,6 +62,9 @@ enum class Reason {
   cannot_lock,            // the file system has no locks, so that no writer could be kept out
   read_only_file_system,  // nothing can be written where the file is, or would be
   size_limit,             // the file would be longer than this process, or the file system, allows
+
+  // What the file holds again
+  damaged,  // what the operation would leave behind is more than dead space; see qvdb::check
 };
 
 // The reason in a few words, for example "no such file".

@@ -27,6 +27,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qvdb {
@@ -41,6 +42,9 @@ using ProgressFunction = std::function<bool(int percent)>;
 struct TargetOptions {
   // Whether a target that is there already is replaced. An empty file is no obstacle in any case.
   bool overwrite = false;
+  // Whether a source is copied that has errors, or records or table data that salvage() would bring
+  // back and the copy would not have.
+  bool force = false;
   // Whether missing folders on the way to the target are made.
   bool create_folders = false;
 };
@@ -48,7 +52,12 @@ struct TargetOptions {
 struct CompactOptions {
   bool overwrite = false;       // as in TargetOptions
   bool dry_run = false;         // only work out the result: nothing is written
+  bool force = false;           // as in TargetOptions
   bool create_folders = false;  // as in TargetOptions
+  // Changes to tables, by the names that they have in the source. No table may be named twice.
+  std::vector<std::string> drop = {};   // tables that the new file does not have
+  std::vector<std::string> clear = {};  // tables that lose all records; they keep their data
+  std::vector<std::pair<std::string, std::string>> rename = {};  // from, to
 };
 
 struct CompactReport {
@@ -57,13 +66,22 @@ struct CompactReport {
   std::uint64_t tables = 0;
   std::uint64_t records = 0;
   std::uint64_t data_blocks = 0;  // tables with table data
+  // What was left behind besides dead space: records that salvage() would bring back (only with
+  // `force`), and torn blocks of writes that were cut off, which it would not.
+  std::uint64_t records_lost = 0;
+  std::uint64_t torn_blocks = 0;
 };
 
 // Rewrites a database without what is dead in it. Everything live is kept: signature, version and
 // identifier of the database; name, identifier, flags and counters of the tables, and their data;
 // identifiers, times, payloads, room and order of the records; and permissions of the file. The
 // room behind payloads and data is filled with zeros. The new file is read back and compared with
-// the source before it takes its place.
+// the source before it takes its place. Table data that a pack has moved is found and carried
+// along.
+//
+// The source is checked first. One with errors, or with records or table data that no chain leads
+// to any more, is refused unless `force` is set: a copy would be sound, and have less in it. With
+// `force` a chain that breaks is refused as before.
 //
 // The first form puts the new file in the place of the source. Nobody else may have the source
 // open for writing then; one who has it open for reading goes on reading the old file. Symbolic
@@ -73,9 +91,11 @@ struct CompactReport {
 // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use, also when the
 // source is changed meanwhile; not_a_database; version_out_of_range; directory_damaged,
 // chain_damaged and data_damaged for a source that is not sound (qvdb::check tells where, and
-// qvdb::salvage helps); file_exists; bad_argument for a file to be replaced that has several hard
-// links; disk_full; cannot_read; cannot_write; cancelled. The source is then as it was, and so is
-// the target.
+// qvdb::salvage helps); damaged, with the number of records that would be lost, for one whose
+// chains are whole all the same; table_missing, table_exists, bad_name, name_too_long and
+// bad_argument for changes to tables; file_exists; bad_argument for a file to be replaced that has
+// several hard links; disk_full; cannot_read; cannot_write; cancelled. The source is then as it
+// was, and so is the target.
 QVDBASE_API CompactReport compact(const std::filesystem::path& source,
                                   const ProgressFunction& progress = {},
                                   const CompactOptions& options = {});
@@ -90,11 +110,14 @@ struct PackReport {
   // Tables that have data in the source and cannot find it in the new file, because they have
   // records.
   std::vector<std::string> tables_without_data;
+  std::uint64_t records_lost = 0;  // as in CompactReport
 };
 
 // PackOneDB2NewW: a new file with every table, its records under their identifiers, and the data of
 // tables without records. The version becomes 100. The source must be writable, and nobody may have
 // it open exclusively; it is not changed.
+//
+// The source is checked first, as compact() does, and refused with `damaged` unless `force` is set.
 //
 // Throws Error as compact() does, and bad_argument when source and target are the same file.
 QVDBASE_API PackReport pack(const std::filesystem::path& source,

@@ -92,9 +92,8 @@ void judge(const ByteSource& source, const Survey& survey, const CheckOptions& o
   addOutlook(source, survey, report, findings);
 }
 
-Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
+Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOptions& options) {
   Checked checked;
-  const Survey survey = qvdbase::raw::makeSurvey(source, {.deep = options.deep});
   Findings findings(options.most_alike);
   if (qvdbase::check::checkHeader(survey, &findings)) {
     judge(source, survey, options, &checked.report, &findings);
@@ -110,6 +109,10 @@ Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
   checked.report.state = stateOf(findings);
   checked.findings = findings.all();
   return checked;
+}
+
+Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
+  return checkOnce(source, qvdbase::raw::makeSurvey(source, {.deep = options.deep}), options);
 }
 
 // Takes back what was found while the file changed under the reader's hands: it is true of no state
@@ -162,4 +165,10 @@ RepairPreview predict_repair(const std::filesystem::path& path) {
 
 qvdb::CheckReport qvdbase::check::checkSource(const raw::ByteSource& source) {
   return qvdb::checkOnce(source, {}).report;
+}
+
+qvdb::CheckReport qvdbase::check::checkSurvey(const raw::ByteSource& source,
+                                              const raw::Survey& survey,
+                                              const qvdb::FindingVisitor& visitor) {
+  return qvdb::tell(qvdb::checkOnce(source, survey, {}), visitor);
 }

@@ -4,10 +4,15 @@
 #include <qvdbase/qvdb/check.hpp>
 
 #include "qvdb/raw/byte_source.h"
+#include "qvdb/raw/survey.h"
 
 namespace qvdbase::check {
 
-// Without the findings themselves: what they come to.
+// Without the findings: what they come to.
 qvdb::CheckReport checkSource(const raw::ByteSource& source);
+
+// The same with a survey of it that is there already; the visitor gets every finding.
+qvdb::CheckReport checkSurvey(const raw::ByteSource& source, const raw::Survey& survey,
+                              const qvdb::FindingVisitor& visitor);
 
 }  // namespace qvdbase::check

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "format/block_heads.h"
+#include "format/identifiers.h"
 #include "qvdb/check/ends.h"
 #include "qvdb/check/findings.h"
 #include "qvdb/failure.h"
@@ -42,7 +43,9 @@ class Ends {
       return "the number of records does not fit the positions of the first and the last";
     }
     const char* atFirst = problemAtFirst(first);
-    return atFirst != nullptr ? atFirst : problemAtLast(last);
+    if (atFirst != nullptr) return atFirst;
+    const char* atLast = problemAtLast(last);
+    return atLast != nullptr ? atLast : problemAtLastWritten(slot_.lastWrittenRecordPos);
   }
 
  private:
@@ -66,6 +69,20 @@ class Ends {
     return pointsHere ? nullptr : "the record before the last one leads somewhere else";
   }
 
+  // It may have left the chain since; then neither neighbour names it.
+  const char* problemAtLastWritten(std::int64_t position) const {
+    const std::optional<recordPart1> head = recordAt(position);
+    if (!head) return nullptr;
+    const auto before = head->prevRecordPos != 0 ? recordAt(head->prevRecordPos) : std::nullopt;
+    const auto after = head->nextRecordPos != 0 ? recordAt(head->nextRecordPos) : std::nullopt;
+    const bool fromFront =
+        before ? before->nextRecordPos == position : slot_.firstRecordPos == position;
+    const bool fromBack =
+        after ? after->prevRecordPos == position : slot_.lastRecordPos == position;
+    return fromFront == fromBack ? nullptr
+                                 : "only one neighbour names the record that was written last";
+  }
+
   // The header of a record of this table.
   std::optional<recordPart1> recordAt(std::int64_t position) const {
     unsigned char bytes[qvdbase::record::kData];
@@ -82,10 +99,14 @@ class Ends {
 };
 
 [[noreturn]] void fail(const std::filesystem::path& path, Reason reason, const std::string& why,
-                       const std::string& table = {}) {
+                       const std::string& table = {}, const char* operation = kOperation) {
   ErrorDetails known;
   known.table = table;
-  detail::throwError(path, kOperation, reason, why, std::move(known));
+  detail::throwError(path, operation, reason, why, std::move(known));
+}
+
+std::string describe(const Slot& slot, const char* problem) {
+  return "table " + qvdbase::check::shown(qvdbase::raw::nameOf(slot.fields)) + ": " + problem;
 }
 
 }  // namespace
@@ -112,10 +133,23 @@ void detail::checkEnds(const std::filesystem::path& path) {
            "slot " + std::to_string(slot.index) + " lacks its marks");
     }
     if (const char* problem = Ends(file.source(), slot.fields).problem()) {
-      fail(path, Reason::chain_damaged,
-           "table " + qvdbase::check::shown(qvdbase::raw::nameOf(slot.fields)) + ": " + problem,
-           qvdbase::raw::nameOf(slot.fields));
+      fail(path, Reason::chain_damaged, describe(slot, problem), qvdbase::raw::nameOf(slot.fields));
     }
+  }
+}
+
+void check_ends(const Database& database, Id table) {
+  constexpr const char* kWriting = "write to the table";
+  const qvdbase::raw::OpenedFile file(database.path(), kWriting);
+  Survey survey;
+  qvdbase::raw::readDirectory(file.source(), {}, &survey);
+  for (const Slot& slot : survey.slots) {
+    if (!slot.counted) break;
+    if (qvdbase::identifierNumber(slot.fields.tableID) != table.value) continue;
+    const char* problem = Ends(file.source(), slot.fields).problem();
+    if (problem == nullptr) return;
+    fail(database.path(), Reason::chain_damaged, describe(slot, problem),
+         qvdbase::raw::nameOf(slot.fields), kWriting);
   }
 }
 

@@ -1,4 +1,4 @@
-// qvdb::compact: survey, write, compare, place.
+// qvdb::compact: survey, judge, write, compare, place.
 //
 // Until the last step, which gives the new file its name, nothing has happened to the source or the
 // target. Everything before it can fail, be cancelled or be killed.
@@ -16,9 +16,12 @@
 #include "qvdb/native_path.h"
 #include "qvdb/open_database.h"
 #include "qvdb/raw/open_file.h"
+#include "qvdb/raw/packed_data.h"
 #include "qvdb/target_file.h"
 #include "qvdb/upkeep/live_copy.h"
 #include "qvdb/upkeep/progress.h"
+#include "qvdb/upkeep/table_changes.h"
+#include "qvdb/upkeep/verdict.h"
 
 namespace qvdb {
 namespace {
@@ -65,14 +68,21 @@ class Stage {
 
 class Compaction {
  public:
-  Compaction(const fs::path& source, const ProgressFunction& progress)
-      : source_(source), resolved_(detail::resolved(source, kOperation)), reporter_(progress) {}
+  Compaction(const fs::path& source, const ProgressFunction& progress,
+             const CompactOptions& options)
+      : source_(source),
+        resolved_(detail::resolved(source, kOperation)),
+        options_(options),
+        reporter_(progress) {}
 
   // Without a target nothing is written.
   CompactReport run(std::optional<TargetFile>& target) {
     qvdbase::raw::OpenedFile file(resolved_, kOperation);
     file.watch();
-    survey(file);
+    const qvdbase::raw::Survey all = qvdbase::raw::makeSurvey(file.source());
+    survey(file, all);
+    judge(file, all);
+    detail::changeTables(options_, source_, kOperation, &database_);
     const LiveLayout layout(file.source(), database_);
     if (target) {
       write(file.source(), layout, *target);
@@ -92,9 +102,15 @@ class Compaction {
     failOn(source_, kOperation, Reason::in_use, "it was changed meanwhile");
   }
 
-  void survey(const qvdbase::raw::OpenedFile& file) {
+  void survey(const qvdbase::raw::OpenedFile& file, const qvdbase::raw::Survey& all) {
     Stage stage(reporter_, source_, 0, 20, countedRecords());
     LiveReader reader(file.source());
+    for (const qvdbase::raw::Table& table : all.tables) {
+      const std::uint32_t data = packedData(all, table);
+      if (data != qvdbase::raw::kNoBlock) {
+        reader.setDataPosition(table.slot, all.blocks[data].position);
+      }
+    }
     if (reader.read(&database_, [&] { stage.step(); })) return;
     refuseIfChanged(file);
     ErrorDetails known;
@@ -103,6 +119,14 @@ class Compaction {
     }
     detail::throwError(source_, kOperation, reasonOf(reader.damage()), reader.why(),
                        std::move(known));
+  }
+
+  // The chains are whole. Refuses what would be lost beside them.
+  void judge(const qvdbase::raw::OpenedFile& file, const qvdbase::raw::Survey& all) {
+    verdict_ = detail::judgeCopy(file.source(), all);
+    if (verdict_.isClean() || options_.force) return;
+    refuseIfChanged(file);
+    failOn(source_, kOperation, Reason::damaged, verdict_.why());
   }
 
   static Reason reasonOf(LiveDamage damage) {
@@ -155,13 +179,17 @@ class Compaction {
     for (const detail::LiveTable& table : database_.tables) {
       if (table.slot.firstDataPos != 0) ++report.data_blocks;
     }
+    report.records_lost = verdict_.records;
+    report.torn_blocks = verdict_.tornBlocks;
     return report;
   }
 
   const fs::path source_;
   const fs::path resolved_;
+  const CompactOptions& options_;
   detail::Reporter reporter_;
   LiveDatabase database_;
+  detail::Verdict verdict_;
 };
 
 CompactReport compactTo(const fs::path& source, const fs::path& target,
@@ -169,7 +197,7 @@ CompactReport compactTo(const fs::path& source, const fs::path& target,
                         bool overwrite) {
   // Opened for a clear word on files that are no database.
   static_cast<void>(Database::open(source, Mode::read_only));
-  Compaction compaction(source, progress);
+  Compaction compaction(source, progress, options);
   std::optional<TargetFile> file;
   const detail::TargetRules rules = {
       .existing = overwrite ? detail::Existing::isReplaced : detail::Existing::isReplacedIfEmpty,

@@ -62,6 +62,11 @@ bool LiveReader::readDirectory(LiveDatabase* database) {
       return fail(LiveDamage::directory,
                   "entry " + std::to_string(i + 1) + " of its table directory is damaged");
     }
+    for (const auto& [slot, position] : dataPositions_) {
+      if (slot != i) continue;
+      tablePart1& fields = table.slot;
+      fields.firstDataPos = fields.lastWrittenDataPos = fields.lastDataPos = position;
+    }
     table.name = storedName(table.slot);
     database->tables.push_back(std::move(table));
   }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "format/layout.h"
@@ -49,6 +50,11 @@ class LiveReader {
  public:
   explicit LiveReader(const qvdbase::raw::ByteSource& source) : source_(source), window_(source) {}
 
+  // Where the data of the table in that slot lies, if the slot does not say it.
+  void setDataPosition(int slot, std::int64_t position) {
+    dataPositions_.emplace_back(slot, position);
+  }
+
   // False when something does not fit; damage() and why() tell then. `step` is called for each
   // record and may throw.
   bool read(LiveDatabase* database, const std::function<void()>& step);
@@ -70,6 +76,7 @@ class LiveReader {
   std::string why_;
   std::uint64_t recordNumber_ = 0;
   std::int64_t blocksStart_ = 0;
+  std::vector<std::pair<int, std::int64_t>> dataPositions_;
 };
 
 // The header of the block at a position that LiveReader has accepted.

@@ -5,9 +5,13 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
 
+#include "qvdb/check/parts.h"
 #include "qvdb/native_path.h"
+#include "qvdb/raw/open_file.h"
+#include "qvdb/raw/survey.h"
 #include "qvdb/target_file.h"
 #include "qvdb/upkeep/progress.h"
+#include "qvdb/upkeep/verdict.h"
 
 namespace qvdb {
 namespace {
@@ -49,7 +53,8 @@ class Packing {
         database_(Database::open(source, mode)),
         access_(detail::accessOf(source, operation)),
         target_(differing(operation, source, target), operation, rulesOf(options)),
-        nativeTarget_(detail::nativePath(target_.makePrivateFolder(), operation)) {}
+        nativeTarget_(detail::nativePath(target_.makePrivateFolder(), operation)),
+        isForced_(options.force) {}
 
   const Database& database() const { return database_; }
   const QVWCHAR* nativeTarget() const { return nativeTarget_.data(); }
@@ -61,6 +66,7 @@ class Packing {
     PackReport report;
     report.size_before = database_.info().file_size;
     report.tables_without_data = tablesThatLoseData(database_);
+    report.records_lost = judge();
     Reporter reporter(progress);
     reporter.listen();
     const bool done = pack();
@@ -81,6 +87,17 @@ class Packing {
             .createFolders = options.create_folders};
   }
 
+  // Returns how many records would be lost. Refuses that, and errors, unless it is forced.
+  std::uint64_t judge() const {
+    const qvdbase::raw::OpenedFile file(detail::resolved(source_, operation_), operation_);
+    const qvdbase::raw::Survey survey = qvdbase::raw::makeSurvey(file.source());
+    const detail::Verdict verdict = detail::judgeCopy(file.source(), survey);
+    if (verdict.isClean() || isForced_) return verdict.records;
+    if (file.hasChanged()) failOn(source_, operation_, Reason::in_use, "it is being changed");
+    const bool canPack = qvdbase::check::willPack(survey);
+    failOn(source_, operation_, canPack ? Reason::damaged : Reason::chain_damaged, verdict.why());
+  }
+
   // The library says only that it failed.
   [[noreturn]] void failPack(std::uint64_t length, const std::function<void()>& other) const {
     const auto failure = qvdbase::platform::findWriteFailure(length);
@@ -97,6 +114,7 @@ class Packing {
   qvdbase::platform::FileAccess access_;
   TargetFile target_;
   std::vector<QVWCHAR> nativeTarget_;
+  bool isForced_;
 };
 
 }  // namespace

@@ -1,0 +1,31 @@
+// Another source with some of its bytes replaced: what a file would be after a few writes.
+#pragma once
+
+#include <vector>
+
+#include "qvdb/raw/byte_source.h"
+
+namespace qvdbase::raw {
+
+struct Patch {
+  int64_t position = 0;
+  std::vector<unsigned char> bytes;
+};
+
+class PatchedSource : public ByteSource {
+ public:
+  // Both must outlive the object. Later patches go over earlier ones; none reaches beyond `size`,
+  // which is at most that of `whole`.
+  PatchedSource(const ByteSource& whole, const std::vector<Patch>& patches, int64_t size)
+      : whole_(whole), patches_(patches), size_(size) {}
+
+  int64_t size() const override { return size_; }
+  size_t readAt(int64_t position, void* buffer, size_t count) const override;
+
+ private:
+  const ByteSource& whole_;
+  const std::vector<Patch>& patches_;
+  int64_t size_;
+};
+
+}  // namespace qvdbase::raw

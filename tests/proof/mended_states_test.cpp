@@ -1,0 +1,160 @@
+// Mending and compacting every state in which an interrupted operation can leave a file. Each is
+// mended or refused: where it is mended, check finds no error and no record is lost; where it is
+// refused, not a byte has changed. A compaction of it refuses, or loses nothing that salvage finds.
+#include <gtest/gtest.h>
+#include <qvdbase/qvdb.hpp>
+
+#include <algorithm>
+#include <set>
+
+#include "check/base_files.h"
+#include "proof/base_states.h"
+#include "proof/operations.h"
+#include "salvage/salvage_kit.h"
+#include "support/recorded_calls.h"
+#include "support/test_extent.h"
+
+namespace qvdbase::test {
+namespace {
+
+using Effect = Operation::Effect;
+using Key = std::pair<std::uint64_t, std::uint64_t>;
+using Records = std::map<Key, Bytes>;
+
+std::vector<Write> recorded(const TempFolder& folder, const BaseState& base,
+                            const Operation& operation) {
+  writeFile(folder / "recorded.qvd", base.bytes);
+  RecordedCalls host;
+  host.setTime(5000);
+  operation.run(folder / "recorded.qvd");
+  return host.writes("recorded.qvd");
+}
+
+// At and around each place where the writes go on elsewhere; everything: after every byte.
+std::set<std::size_t> cuts(const std::vector<Write>& writes) {
+  const std::size_t total = byteCount(writes);
+  std::set<std::size_t> result = {0, total};
+  for (std::size_t n = 0; testEverything() && n < total; ++n) result.insert(n);
+  std::size_t end = 0;
+  for (const Write& each : ranges(writes)) {
+    end += each.bytes.size();
+    for (std::size_t near = end > 4 ? end - 4 : 0; near <= end + 1; ++near) {
+      if (near <= total) result.insert(near);
+    }
+  }
+  return result;
+}
+
+class MendedStates : public testing::TestWithParam<BaseState> {
+ protected:
+  void put(const Bytes& bytes) {
+    std::filesystem::remove(path_);
+    writeFile(path_, bytes);
+  }
+
+  // What `bytes` hold of the records before the operation.
+  void expectRecords(const Records& found, const Operation& operation) {
+    for (const auto& [key, payload] : before_) {
+      const bool isNamed = key.second == operation.record;
+      const auto place = found.find(key);
+      if (place == found.end()) {
+        EXPECT_TRUE(isNamed && operation.effect == Effect::removes) << "lost " << key.second;
+      } else if (!isNamed || operation.effect == Effect::none) {
+        EXPECT_EQ(place->second, payload) << "payload of " << key.second;
+      }
+    }
+  }
+
+  void expectMended(const Bytes& bytes, const Operation& operation, qvdb::CutOffWrites cutOff) {
+    put(bytes);
+    try {
+      const qvdb::MendReport report = qvdb::mend(path_, {.cut_off = cutOff});
+      const Bytes mended = readFile(path_);
+      EXPECT_TRUE(!report.steps.empty() || mended == bytes);
+      const Checked checked = checkBytes(mended);
+      EXPECT_EQ(checked.report.errors, 0u) << checked.text();
+      if (mended.size() >= 4630) expectRecords(recordsOf(readDatabase(mended)), operation);
+      // What is linked or discarded may show itself only when a link is cleared.
+      if (cutOff != qvdb::CutOffWrites::keep) qvdb::mend(path_, {.cut_off = cutOff});
+      EXPECT_TRUE(qvdb::mend(path_, {.cut_off = cutOff}).steps.empty());
+      ++mended_;
+    } catch (const qvdb::Error& error) {
+      EXPECT_EQ(error.reason(), qvdb::Reason::damaged) << error.what();
+      EXPECT_EQ(readFile(path_), bytes);
+      ++refused_;
+      refusals_.insert(error.what());
+    }
+  }
+
+  void expectCompacted(const Bytes& bytes, const Operation& operation) {
+    put(bytes);
+    try {
+      qvdb::compact(path_);
+    } catch (const qvdb::Error& error) {
+      EXPECT_EQ(readFile(path_), bytes) << error.what();
+      return;
+    }
+    expectRecords(recordsOf(readDatabase(path_)), operation);
+    const Records found = takenRecords(bytes);
+    for (const auto& each : recordsOf(readDatabase(path_))) EXPECT_TRUE(found.contains(each.first));
+    EXPECT_EQ(found.size(), recordsOf(readDatabase(path_)).size());
+  }
+
+  TempFolder folder;
+  const std::filesystem::path path_ = folder / "a.qvd";
+  Records before_;
+  std::uint64_t mended_ = 0;
+  std::uint64_t refused_ = 0;
+  std::set<std::string> refusals_;
+};
+
+TEST_P(MendedStates, AreSoundAndLoseNothing) {
+  const BaseState& base = GetParam();
+  before_ = recordsOf(readDatabase(base.bytes));
+  for (const Operation& operation : operationsOn(base)) {
+    const std::vector<Write> writes = recorded(folder, base, operation);
+    std::size_t i = 0;
+    for (const std::size_t n : cuts(writes)) {
+      SCOPED_TRACE(operation.name + ", " + std::to_string(n) + " of " +
+                   std::to_string(byteCount(writes)) + " bytes");
+      const Bytes bytes = applied(base.bytes, writes, n);
+      for (const auto cutOff :
+           {qvdb::CutOffWrites::keep, qvdb::CutOffWrites::link, qvdb::CutOffWrites::discard}) {
+        if (testEverything() || cutOff == qvdb::CutOffWrites::keep || i % 2 == 0) {
+          expectMended(bytes, operation, cutOff);
+        }
+      }
+      expectCompacted(bytes, operation);
+      ++i;
+      if (HasFailure()) return;
+    }
+    // Between two whole writes nothing is refused.
+    std::vector<Write> some;
+    for (const Write& each : ranges(writes)) {
+      some.push_back(each);
+      SCOPED_TRACE(operation.name + ", " + std::to_string(some.size()) + " whole writes");
+      put(applied(base.bytes, some));
+      EXPECT_NO_THROW(qvdb::mend(path_));
+      if (HasFailure()) return;
+    }
+  }
+  tellCount("interrupted writes, mended", mended_);
+  tellCount("interrupted writes, refused by mend", refused_);
+}
+
+std::vector<BaseState> soundStates() {
+  std::vector<BaseState> sound = baseStates();
+  std::erase_if(sound, [](const BaseState& each) { return !each.isSound; });
+  return sound;
+}
+
+std::string nameOfState(const testing::TestParamInfo<BaseState>& info) {
+  std::string name = info.param.name;
+  std::replace(name.begin(), name.end(), ' ', '_');
+  return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(On, MendedStates, testing::ValuesIn(soundStates()), nameOfState);
+
+}  // namespace
+}  // namespace qvdbase::test

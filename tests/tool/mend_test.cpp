@@ -1,0 +1,96 @@
+// qvdb mend, and the commands that refuse what it mends
+#include "tool/tool_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+class ToolMend : public ToolTest {
+ protected:
+  ToolMend() { allowDamage(kDefaultFile); }
+
+  // Two records, of which the slot counts the first.
+  void putUncounted() {
+    FileImage image;
+    const std::size_t table = image.addTable("notes", 0x11);
+    const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+    image.addRecord(table, 0xA2, bytesOf("second"));
+    SlotFields& slot = image.slot(table);
+    slot.recordCount = slot.recordWriteCount = 1;
+    slot.lastRecordPos = slot.lastWrittenRecordPos = first;
+    writeFile(path(), image.build());
+  }
+};
+
+TEST_F(ToolMend, CountsWhatWasLinkedSoThatTheTableTakesRecordsAgain) {
+  putUncounted();
+  expectUnchanged([&] {
+    fails({"put", kDefaultFile, "notes"}, 1, {"append was cut off", "run 'qvdb mend'"}, "third");
+    fails({"compact", kDefaultFile}, 1, {kDefaultFile});
+    EXPECT_NE(done({"mend", "-n", kDefaultFile}).find("this would make"), std::string::npos);
+  });
+  EXPECT_EQ(done({"mend", kDefaultFile}),
+            "table 'notes': 1 record that was linked but not counted is counted\n"
+            "the database is sound\n");
+  EXPECT_EQ(slot(0).recordCount, 2u);
+  done({"put", kDefaultFile, "notes"}, "third");
+  EXPECT_EQ(line({"mend", kDefaultFile}), "there is nothing to mend");
+}
+
+TEST_F(ToolMend, LinksOrDiscardsWhatWasNeverLinked) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  image.addRecord(table, 0xA2, bytesOf("second"));
+  SlotFields& slot = image.slot(table);
+  slot.recordCount = slot.recordWriteCount = 1;
+  slot.lastRecordPos = slot.lastWrittenRecordPos = first;
+  image.record(first).nextRecordPos = 0;
+  writeFile(path(), image.build());
+  expectUnchanged([&] {
+    fails({"compact", kDefaultFile}, 1,
+          {"1 record would be lost", "cut off", "0x00000000000000a2", "'qvdb mend'", "--force"});
+    EXPECT_NE(done({"mend", kDefaultFile}).find("--discard"), std::string::npos);
+  });
+  done({"mend", "--discard", kDefaultFile});
+  EXPECT_EQ(fileSize(), static_cast<std::size_t>(first) + 56 + 5);
+  writeFile(path(), image.build());
+  done({"mend", "--link", kDefaultFile});
+  EXPECT_EQ(done({"get", kDefaultFile, "notes", "0xa2"}), "second");
+}
+
+TEST_F(ToolMend, RefusesOtherDamageAndChangesNothing) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  image.addRecord(table, 0xA2, bytesOf("second"));
+  image.record(first).blockMark = 0;
+  writeFile(path(), image.build());
+  expectUnchanged([&] {
+    fails({"mend", kDefaultFile}, 1, {kDefaultFile, "nothing was changed", "salvage"});
+  });
+}
+
+TEST_F(ToolMend, CompactDropsClearsAndRenamesTables) {
+  FileImage image;
+  for (const char* name : {"one", "two", "three"}) {
+    const std::size_t table = image.addTable(name, 0x11 + image.header().tableCount);
+    image.addRecord(table, 0xA1, bytesOf(name));
+  }
+  image.setTableData(2, bytesOf("about"));
+  writeFile(path(), image.build());
+  fails({"compact", "--drop", "four", kDefaultFile}, 1, {"there is no table 'four'"});
+  fails({"compact", "--rename", "one=two", kDefaultFile}, 1, {"two tables 'two'"});
+  fails({"compact", "--rename", "one", kDefaultFile}, 2, {"OLD=NEW"});
+  done({"compact", "--drop", "one", "--rename", "two=one", "--clear", "three", kDefaultFile});
+  const ReadDatabase after = database();
+  ASSERT_EQ(after.tables.size(), 2u);
+  EXPECT_EQ(after.tables[0].name, "one");
+  EXPECT_EQ(after.tables[0].id, 0x12u);
+  EXPECT_EQ(after.tables[0].records.at(0).fields.data(), bytesOf("two"));
+  EXPECT_EQ(after.tables[1].name, "three");
+  EXPECT_TRUE(after.tables[1].records.empty());
+  EXPECT_EQ(done({"data", kDefaultFile, "three"}), "about");
+}
+
+}  // namespace
+}  // namespace qvdbase::test
