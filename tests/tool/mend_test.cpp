@@ -73,7 +73,8 @@ TEST_F(ToolMend, RefusesOtherDamageAndChangesNothing) {
 TEST_F(ToolMend, CompactDropsClearsAndRenamesTables) {
   FileImage image;
   for (const char* name : {"one", "two", "three"}) {
-    const std::size_t table = image.addTable(name, 0x11 + image.header().tableCount);
+    const std::size_t table =
+        image.addTable(name, static_cast<std::uint64_t>(0x11 + image.header().tableCount));
     image.addRecord(table, 0xA1, bytesOf(name));
   }
   image.setTableData(2, bytesOf("about"));
