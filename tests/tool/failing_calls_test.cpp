@@ -49,6 +49,7 @@ std::vector<ToolCall> toolCalls() {
       {"ImportReplacing", {"import", "--replace", "@/full.qvd", "photos", "@/changed/"}, true},
       {"Export", {"export", "@/full.qvd", "photos", "@/out"}, false, "out"},
       {"Put", {"put", "@/full.qvd", "photos", "@/in/b"}, true},
+      {"GetToFile", {"get", "@/full.qvd", "photos", "b", "-o", "@/got"}, false, "got"},
       {"Remove", {"rm", "@/full.qvd", "photos", "a.txt"}, true},
       {"Compact", {"compact", "@/full.qvd"}, true},
       {"CompactToAnother", {"compact", "@/full.qvd", "@/new.qvd"}, false, "new.qvd"},
