@@ -97,7 +97,7 @@ TEST_F(ToolCheck, ChecksWhatIsNoDatabaseAtAll) {
   EXPECT_NE(run({"check", "empty"}).out.find("error F1"), std::string::npos);
   EXPECT_EQ(run({"check", "empty"}).status, 1);
   fails({"check", "absent"}, 1, {"absent", "no such file"});
-  fails({"check", "."}, 1, {"not a file"});
+  fails({"check", "."}, 1, {"not a regular file"});
 }
 
 TEST_F(ToolCheck, EscapesWhatTheFileSays) {
