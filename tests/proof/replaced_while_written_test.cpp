@@ -3,6 +3,7 @@
 // and closes it, slowly between opening and locking, so that the file is often replaced just there.
 // Every record that was acknowledged is in the file of that name at the end.
 #include <gtest/gtest.h>
+#include <qvdbase/QVFile.h>
 #include <qvdbase/qvdbase.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -24,6 +25,16 @@ namespace fs = std::filesystem;
 
 class ReplacedWhileWritten : public DatabaseTest {
  protected:
+  // Through the handle: where a lock belongs to the process, closing another descriptor of the file
+  // would give it up.
+  Bytes contents(std::int16_t db) {
+    Bytes result(fs::file_size(path()), 0);
+    std::uint32_t moved = 0;
+    QVFile().QVSeekFile(db, 1, 0);
+    QVFile().QVReadFile(db, result.data(), static_cast<std::uint32_t>(result.size()), &moved);
+    return result;
+  }
+
   // Until it is ended from outside, or left alone.
   [[noreturn]] void replaceForEver(pid_t parent) {
     while (::getppid() == parent) {
@@ -32,9 +43,9 @@ class ReplacedWhileWritten : public DatabaseTest {
         std::this_thread::yield();
         continue;
       }
+      writeFile(path("copy"), contents(db));
       std::error_code error;
-      fs::copy_file(path(), path("copy"), fs::copy_options::overwrite_existing, error);
-      if (!error) fs::rename(path("copy"), path(), error);
+      fs::rename(path("copy"), path(), error);
       CloseDBase(db);
     }
     ::_exit(0);
