@@ -27,8 +27,9 @@ Placing renameWhereNothingIs(const NamedIn& from, const NamedIn& to) {
   if (errno == EEXIST) return Placing::occupied;
   if (!lacksCall(errno)) return Placing::failed;
   if (calls.linkAt(from.folder, from.name, to.folder, to.name, 0) == 0) {
-    calls.removeAt(from.folder, from.name, 0);
-    return Placing::done;
+    if (calls.removeAt(from.folder, from.name, 0) == 0) return Placing::done;
+    // A file of two names would be refused by whatever replaces it later.
+    return calls.removeAt(to.folder, to.name, 0) == 0 ? Placing::failed : Placing::done;
   }
   if (errno == EEXIST || isTaken(to)) return Placing::occupied;
   return renameOver(from, to);
@@ -48,7 +49,8 @@ bool syncFolder(const Directory& folder) {
   const int descriptor =
       uninterrupted([&] { return systemCalls().openAt(folder.descriptor(), ".", flags, 0); });
   const bool isSynced = descriptor >= 0 && syncDescriptor(descriptor);
-  // Not every file system can: what it cannot do it has no need of, or nobody can help.
+  // Some file systems cannot sync a directory. Those errors count as success: nothing more can be
+  // done.
   const bool isMoot = errno == EINVAL || errno == ENOTSUP || errno == EACCES;
   if (descriptor >= 0) systemCalls().close(descriptor);
   return isSynced || isMoot;
