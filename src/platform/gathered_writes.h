@@ -87,8 +87,8 @@ inline void gatherWrite(OpenFile& file, const void* buffer, size_t count, uint32
   pending.writes[pending.writeCount++] = {begin, pending.length, readBefore};
 }
 
-// Takes in bytes that nobody writes, between two writes, for which canGather holds; there are
-// pending bytes before them.
+// Takes in bytes that nobody writes, between two writes. There are pending bytes before them, and
+// canGather holds for them and the write after them together, which must follow.
 inline void gatherUnchanged(const void* bytes, size_t count) {
   detail::PendingRun& pending = detail::pending;
   std::memcpy(pending.bytes + pending.length, bytes, count);

@@ -189,6 +189,29 @@ TEST_F(Transfers, BytesThatWereNotReadAreNotWritten) {
   EXPECT_EQ(host.writes().size(), 2u);
 }
 
+// A field that is too large to be gathered goes out by itself, and the fields before it without
+// the bytes between; so do refused ones, with the position and the count of the one refused.
+TEST_F(Transfers, BytesBetweenFieldsAreWrittenOnlyWithTheFieldAfterThem) {
+  const std::string large(40000, 'x');
+  for (std::size_t space = 0; space < 20; ++space) {
+    SCOPED_TRACE(space);
+    const int16_t file = open("f", patterned(200), 3);
+    RecordedCalls host;
+    host.fullAfter(space);
+    TransferScope scope;
+    EXPECT_EQ(readAt(file, 0, 20).size(), 20u);
+    EXPECT_FALSE(writeAt(file, 10, "ab") && writeAfter(file, 16, large));
+    static_cast<void>(scope.end());
+    int64_t position = 0;
+    EXPECT_EQ(QVFile().QVGetFilePos(file, &position), 1);
+    EXPECT_EQ(position, space < 2 ? 10 + int64_t(space) : 26 + int64_t(space));
+    const auto log = host.writes();
+    EXPECT_EQ(byteCount(log), space);
+    for (const Write& each : log) EXPECT_TRUE(each.position == 10 || each.position == 28);
+    QVFile().QVCloseFile(file);
+  }
+}
+
 TEST_F(Transfers, AfterAGapNothingIsWrittenBeyondTheLargestPosition) {
   const int16_t file = open("f", patterned(10), 3);
   TransferScope scope;
