@@ -51,7 +51,6 @@ qvdbase::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id>
   entry.createTime = qvdbase::platform::secondsSinceEpoch();
   entry.modifyTime = entry.createTime;
   entry.reserve = reserve;
-  latest = Id{qvdbase::identifierNumber(entry.recordID)};
   return entry;
 }
 
@@ -96,6 +95,7 @@ void Bulk::add(const Operation& operation, const NewRecord& record) {
     failed(operation, std::max(entry.dataLength, entry.reserve) +
                           std::uint64_t{qvdbase::kRecordBlockOverhead});
   }
+  latest = Id{qvdbase::identifierNumber(entry.recordID)};
 }
 
 void Bulk::failed(const Operation& operation, std::uint64_t bytes) {

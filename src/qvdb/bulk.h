@@ -67,7 +67,7 @@ struct Bulk {
   Id table;
   qvdbase::RecordBatch batch;
   qvdbase::IdentifierSeries identifiers;
-  Id latest;  // the identifier of the record that was added last
+  Id latest;  // of the record that was added last; one that a writer has open is not yet
   State state = State::discarded;
   bool inPieces = false;  // a RecordWriter is at work on it
   qvdbase::platform::ProcessMark maker;

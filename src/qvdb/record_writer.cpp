@@ -6,6 +6,7 @@
 #include <limits>
 #include <utility>
 
+#include "format/identifiers.h"
 #include "qvdb/bulk.h"
 #include "qvdb/open_database.h"
 
@@ -25,7 +26,7 @@ RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, std::uint32_t res
   bulk->requireNoWriter(operation);
   const qvdbase::BatchRecord entry = bulk->entryOf(operation, record, reserve);
   if (!bulk->batch.openRecord(entry)) bulk->failed(operation, qvdbase::kRecordBlockOverhead);
-  id_ = bulk->latest;
+  id_ = Id{qvdbase::identifierNumber(entry.recordID)};
   bulk->inPieces = true;
   bulk_ = std::move(bulk);
 }
@@ -66,6 +67,7 @@ Id RecordWriter::finish() {
   bulk_->requireOpen(operation);
   if (!bulk_->batch.closeRecord()) bulk_->failed(operation, qvdbase::kRecordBlockOverhead);
   bulk_->inPieces = false;
+  bulk_->latest = id_;
   if (isAlone_) bulk_->finish(operation);
   bulk_.reset();
   return id_;

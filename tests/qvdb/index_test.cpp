@@ -143,6 +143,19 @@ TEST_F(LayerIndex, GivesTheFirstOfTwoRecordsWithOneIdentifierAndThenTheOther) {
   EXPECT_EQ(table.find(Id{7}), std::nullopt);
 }
 
+TEST_F(LayerIndex, KnowsTheOneRecordOfABatchThatGaveUpAnother) {
+  auto db = createDatabase();
+  auto table = db.add_table("t");
+  table.add(span(bytesOf("first")));
+  const auto index = table.index();
+  auto bulk = table.appender();
+  const Id added = bulk.add(span(bytesOf("second")));
+  bulk.writer().discard();
+  EXPECT_EQ(bulk.finish(), 1u);
+  ASSERT_TRUE(table.find(added));
+  EXPECT_EQ(bytes(table.get(added)), bytesOf("second"));
+}
+
 TEST_F(LayerIndex, SeesWhatTheCFunctionsChange) {
   auto database = createDatabase();
   auto table = database.add_table("t");
