@@ -36,6 +36,23 @@ TEST_F(ToolMend, CountsWhatWasLinkedSoThatTheTableTakesRecordsAgain) {
   EXPECT_EQ(line({"mend", kDefaultFile}), "there is nothing to mend");
 }
 
+// The last record: its predecessor lets go of it, and the slot still has it.
+TEST_F(ToolMend, FinishesADeletionSoThatTheTableTakesRecordsAgain) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  image.addRecord(table, 0xA2, bytesOf("second"));
+  image.record(first).nextRecordPos = 0;
+  writeFile(path(), image.build());
+  expectUnchanged([&] {
+    fails({"put", kDefaultFile, "notes"}, 1, {"run 'qvdb mend'"}, "third");
+    fails({"set", kDefaultFile, "notes", "0xa1"}, 1, {"run 'qvdb mend'"}, "data");
+  });
+  EXPECT_NE(done({"mend", kDefaultFile}).find("deletion"), std::string::npos);
+  done({"put", kDefaultFile, "notes"}, "third");
+  EXPECT_EQ(slot(0).recordCount, 2u);
+}
+
 TEST_F(ToolMend, LinksOrDiscardsWhatWasNeverLinked) {
   FileImage image;
   const std::size_t table = image.addTable("notes", 0x11);

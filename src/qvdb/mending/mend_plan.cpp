@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <set>
+#include <unordered_map>
 #include <utility>
 
 #include "format/Aliment8.h"
@@ -10,6 +11,7 @@
 #include "qvdb/mending/chain_completion.h"
 #include "qvdb/raw/packed_data.h"
 #include "qvdb/salvage/plan.h"
+#include "support/seeded_hash.h"
 
 namespace qvdbase::mending {
 namespace {
@@ -72,22 +74,36 @@ class Planner {
 
   // ---- what cut-off writes have left at the end of the file
 
+  // A piece at the end of the file that may go.
+  struct Piece {
+    int64_t begin;
+    int64_t end;
+    const Block* block;  // null: bytes that only begin like one
+  };
+
+  // Latest end first.
+  std::vector<Piece> cutOffPieces() const {
+    std::vector<Piece> pieces;
+    for (const raw::LeftoverRange& each : survey_.leftovers) {
+      if (each.kind != raw::Leftover::torn) continue;
+      pieces.push_back({each.range.begin, each.range.end, nullptr});
+    }
+    for (const Block& each : survey_.blocks) {
+      const bool isTorn = each.grade != Grade::a && !each.isReached();
+      if (isTorn || isLeftOver(each)) pieces.push_back({each.position, each.end, &each});
+    }
+    std::stable_sort(pieces.begin(), pieces.end(),
+                     [](const Piece& a, const Piece& b) { return a.end > b.end; });
+    return pieces;
+  }
+
   void cutEnd() {
     int64_t end = survey_.size;
-    for (bool goesOn = true; goesOn;) {
-      goesOn = false;
-      for (const raw::LeftoverRange& each : survey_.leftovers) {
-        if (each.range.end != end || each.kind != raw::Leftover::torn) continue;
-        end = each.range.begin;
-        goesOn = true;
-      }
-      for (const Block& each : survey_.blocks) {
-        const bool isTorn = each.grade != Grade::a && !each.isReached();
-        if (each.end != end || !(isLeftOver(each) || isTorn)) continue;
-        end = each.position;
-        if (each.kind == BlockKind::record) noteGone(each);
-        goesOn = true;
-      }
+    for (const Piece& piece : cutOffPieces()) {
+      if (piece.end > end) continue;
+      if (piece.end < end) break;
+      end = piece.begin;
+      if (piece.block != nullptr && piece.block->kind == BlockKind::record) noteGone(*piece.block);
     }
     if (end == survey_.size) return;
     plan_.size = end;
@@ -141,14 +157,15 @@ class Planner {
   }
 
   void linkLeftOver(const Table& table, std::vector<uint32_t>* chain, tablePart1* fields) {
+    // By record identifier, its first place in the chain.
+    std::unordered_map<uint64_t, size_t, SeededHash> places;
+    for (size_t i = 0; i < chain->size(); ++i) places.try_emplace(block((*chain)[i]).recordID, i);
     for (const uint32_t number : leftOverOf(table)) {
       const Block& each = block(number);
-      const auto present = std::find_if(chain->begin(), chain->end(), [&](uint32_t other) {
-        return block(other).recordID == each.recordID;
-      });
+      const auto [place, isNew] = places.try_emplace(each.recordID, chain->size());
       const std::string record = "the record at " + std::to_string(each.position);
-      if (present != chain->end()) {
-        *present = number;
+      if (!isNew) {
+        (*chain)[place->second] = number;
         plan_.steps.push_back(nameOf(table) + record + " takes the place of its older version");
         continue;
       }

@@ -16,16 +16,19 @@ class PatchedSource : public ByteSource {
  public:
   // Both must outlive the object. Later patches go over earlier ones; none reaches beyond `size`,
   // which is at most that of `whole`.
-  PatchedSource(const ByteSource& whole, const std::vector<Patch>& patches, int64_t size)
-      : whole_(whole), patches_(patches), size_(size) {}
+  PatchedSource(const ByteSource& whole, const std::vector<Patch>& patches, int64_t size);
 
   int64_t size() const override { return size_; }
   size_t readAt(int64_t position, void* buffer, size_t count) const override;
 
  private:
+  // The patches with bytes in a range, in the order in which they go over each other.
+  std::vector<const Patch*> patchesIn(int64_t begin, int64_t end) const;
+
   const ByteSource& whole_;
-  const std::vector<Patch>& patches_;
   int64_t size_;
+  std::vector<const Patch*> byPosition_;
+  int64_t longest_ = 0;  // of the patches, in bytes
 };
 
 }  // namespace qvdbase::raw

@@ -3,10 +3,9 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/mend.hpp>
 
-#include <system_error>
-
 #include "QVDbase/position.h"
 #include "format/fields.h"
+#include "platform/cutting.h"
 #include "platform/open_files.h"
 #include "qvdb/check/check_source.h"
 #include "qvdb/mending/mend_plan.h"
@@ -68,9 +67,10 @@ class Mending {
   }
 
   void cut() {
-    std::error_code error;
-    std::filesystem::resize_file(path_, static_cast<std::uintmax_t>(plan_.size), error);
-    if (error) failOn(path_, kOperation, Reason::cannot_write, "the system cannot shorten it");
+    const auto* file = qvdbase::platform::findOpenFile(database_.handle());
+    if (file == nullptr || !qvdbase::platform::cutFile(*file, plan_.size)) {
+      failOn(path_, kOperation, Reason::cannot_write, "the system cannot shorten it");
+    }
   }
 
   const std::filesystem::path path_;
