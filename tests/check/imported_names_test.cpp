@@ -34,10 +34,10 @@ struct Imported {
   std::int64_t list = 0;  // where it begins
 };
 
-Imported checkList(const Bytes& list) {
+Imported checkList(const Bytes& list, const Bytes& record = bytesOf("1")) {
   FileImage image;
   image.addTable("files", 0x11);
-  image.addRecord(0, 0xA1, bytesOf("1"));
+  image.addRecord(0, 0xA1, record);
   image.setTableData(0, list, static_cast<std::uint32_t>(list.size() + 20));
   return {checkBytes(image.build(), {.now = kNow}), image.slot(0).firstDataPos + 21};
 }
@@ -121,7 +121,11 @@ TEST(CheckOfImportedNames, IsNotHeldUpByNamesThatShareEverything) {
     }
     list.be(1, 1).text("x").be(1, 0);
   }
-  EXPECT_EQ(checkList(list).checked.codes(qvdb::Severity::warning), std::set<std::string>{"I1"});
+  const Checked checked = checkList(list).checked;
+  EXPECT_EQ(checked.codes(qvdb::Severity::warning), std::set<std::string>{"I1"});
+  // How far it is read does not depend on where in the file it is.
+  const Checked after = checkList(list, Bytes(std::size_t{3} << 20, '1')).checked;
+  EXPECT_EQ(after.first("I1").message, checked.first("I1").message);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ bool isSafeName(std::string_view name) {
 class NameList {
  public:
   NameList(const raw::ByteSource& source, const Block& block)
-      : window_(source), at_(block.dataPos()), end_(at_ + block.dataThere()) {}
+      : window_(source), at_(block.dataPos()), size_(block.dataThere()), end_(at_ + size_) {}
 
   bool isOurs() {
     const uint8_t* mark = end_ - at_ < int64_t{sizeof kMark} ? nullptr : take(sizeof kMark);
@@ -54,7 +54,6 @@ class NameList {
 
   // False when the entry makes no sense.
   bool next() {
-    const int64_t size = end_;
     const uint8_t* fixed = take(kFixedSize);
     if (fixed == nullptr) return false;
     kind_ = static_cast<char>(fixed[0]);
@@ -66,7 +65,7 @@ class NameList {
     std::string target;
     if (!text(&name_) || !text(&target)) return false;
     together_ += name_.size();
-    if (together_ > kLargestExpansion * static_cast<uint64_t>(size)) return false;
+    if (together_ > kLargestExpansion * static_cast<uint64_t>(size_)) return false;
     const bool isKnown = kind_ == 'f' || kind_ == 'd' || kind_ == 'l' || kind_ == '-';
     return isKnown && isSafeName(name_) && target.find('\0') == std::string::npos &&
            (kind_ != 'l' || !target.empty());
@@ -112,6 +111,7 @@ class NameList {
 
   raw::Window window_;
   int64_t at_;
+  int64_t size_;  // of the list
   int64_t end_;
   char kind_ = 0;
   uint64_t record_ = 0;
