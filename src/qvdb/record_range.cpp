@@ -97,7 +97,7 @@ struct detail::Walk {
     try {
       loadPayload(operation, header, position);
       return true;
-    } catch (...) {
+    } catch (const std::exception&) {
       if (batch.empty()) throw;
       payloadFailure = std::current_exception();
       return false;

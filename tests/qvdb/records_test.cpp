@@ -1,8 +1,12 @@
 // Records through the C++ layer: adding, finding, walking, reading, changing and deleting them.
+#include <pthread.h>
+
 #include <algorithm>
+#include <functional>
 #include <ranges>
 
 #include "qvdb/layer_fixture.h"
+#include "support/recorded_calls.h"
 
 namespace qvdbase::test {
 namespace {
@@ -341,6 +345,33 @@ TEST_F(DamagedChain, CutShortByAnotherProgramMakesReadsFail) {
   expectError(Reason::data_damaged, [&] { static_cast<void>(record->payload()); });
   std::filesystem::resize_file(path(), static_cast<std::uintmax_t>(at[4]) + 10);
   expectError(Reason::record_missing, [&] { static_cast<void>(record->payload()); });
+}
+
+// At whichever read it is: the process would end if the walk kept what unwinds its thread.
+TEST_F(LayerRecords, LetTheCancellationOfTheirThreadPass) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  for (int i = 0; i < 6; ++i) table.add(span(Bytes(100'000, 'x')));
+  const std::function<void()> walk = [&] {
+    for (const qvdb::Record& record : table.records(qvdb::Load::payloads)) record.payload();
+  };
+  const auto start = [](void* run) -> void* {
+    (*static_cast<const std::function<void()>*>(run))();
+    return nullptr;
+  };
+  void* result = PTHREAD_CANCELED;
+  int step = 0;
+  for (; result == PTHREAD_CANCELED; ++step) {
+    RecordedCalls host;
+    host.observe([&](Call call) {
+      if (call == Call::read && host.count(Call::read) == step) pthread_exit(PTHREAD_CANCELED);
+    });
+    pthread_t thread;
+    void* argument = const_cast<void*>(static_cast<const void*>(&walk));
+    ASSERT_EQ(pthread_create(&thread, nullptr, start, argument), 0);
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+  }
+  EXPECT_GT(step, 6);
 }
 
 }  // namespace
