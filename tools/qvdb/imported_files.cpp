@@ -192,7 +192,6 @@ void ImportedFiles::decode(std::vector<std::byte> data) {
 void ImportedFiles::index() const {
   if (areIndexed_) return;
   areIndexed_ = true;
-  byName_.reserve(list_.size());
   byRecord_.reserve(list_.size());
   for (std::size_t i = 0; i < list_.size(); ++i) {
     if (list_[i].kind == FileKind::removed) {

@@ -13,6 +13,7 @@
 #include <qvdbase/qvdb.hpp>
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -90,10 +91,11 @@ class ImportedFiles {
   std::vector<std::byte> bytes_;
   std::size_t end_ = 0;  // of the last entry in bytes_: what follows cannot be read
   bool isWhole_ = true;
-  // Made when they are first asked for.
-  mutable std::unordered_map<std::string_view, std::size_t> byName_;
+  // Made when they are first asked for. Those by name are sorted: hashed, names could be chosen so
+  // that all fall into one bucket.
+  mutable std::map<std::string_view, std::size_t> byName_;
   mutable std::unordered_map<Id, std::size_t> byRecord_;
-  mutable std::unordered_map<std::string_view, std::size_t> removedByName_;
+  mutable std::map<std::string_view, std::size_t> removedByName_;
   mutable std::unordered_map<Id, std::size_t> removedByRecord_;
   mutable bool areIndexed_ = false;
   void index() const;
