@@ -253,26 +253,20 @@ void Importer::store(const FoundFile& found, std::size_t place) {
   ++files_;
 }
 
-// A record cannot be changed to hold nothing, and a change has the whole payload in memory: for an
-// empty file, or a large one, a new record under the old identifier comes first, and then the old
-// one goes.
+// A change has the whole payload in memory: for a large file a new record under the old identifier
+// comes first, and then the old one goes.
 void Importer::replaceRecord(const Record& record, std::size_t place, const Descriptor& file,
                              std::uint64_t size) {
-  if (size <= kLargeFile) readAll(file.number(), pathOf(place), &buffer_);
-  if (size <= kLargeFile && !buffer_.empty()) {
+  if (size > kLargeFile) {
+    appendPieces(record.id(), place, file);
     finishBatch();
-    if (!table_.modify(record, buffer_)) throw noSuchRecord(database_, table_, record.id());
-    bytes_ += buffer_.size();
+    table_.remove(record);
     return;
   }
-  if (size <= kLargeFile && record.size() == 0) return;
-  if (size <= kLargeFile) {
-    append(record.id(), place);
-  } else {
-    appendPieces(record.id(), place, file);
-  }
+  readAll(file.number(), pathOf(place), &buffer_);
   finishBatch();
-  table_.remove(record);
+  if (!table_.modify(record, buffer_)) throw noSuchRecord(database_, table_, record.id());
+  bytes_ += buffer_.size();
 }
 
 // Deletes the entries of links that have new ones. The list has both for a time, in which the later
