@@ -31,8 +31,8 @@ bool lastRecordIsOpen(int16_t db, const tablePart1& slot) {
   return readRecordHeaderAt(db, slot.lastRecordPos, slot.tableID, &last) && last.nextRecordPos == 0;
 }
 
-// Whether nobody has changed the chain since the batch began: its first record says what lies
-// before it, and its blocks stand where the end of the file was.
+// Whether the chain is as it was when the batch began: its first record says what lies before it,
+// and its blocks are where the end of the file was.
 bool hasSameChain(const tablePart1& now, const tablePart1& then) {
   return now.recordCount == then.recordCount && now.recordWriteCount == then.recordWriteCount &&
          now.firstRecordPos == then.firstRecordPos && now.lastRecordPos == then.lastRecordPos;

@@ -20,7 +20,7 @@ using qvdbase::SavedPosition;
 
 namespace {
 
-// Of a name, stored or a caller's, the bytes before its zero, 32 at most. Nothing behind the zero
+// Of a name, stored or a caller's, the bytes before its zero, 32 at most. Nothing after the zero
 // is touched, not even by a pointer.
 std::size_t storedNameLength(const char* name) {
   std::size_t length = 0;

@@ -89,7 +89,7 @@ bool hasDescriptor(const FileEntry& entry, bool writable) {
   return entry.readWrite >= 0 || (!writable && entry.readOnly >= 0);
 }
 
-// The file's entry, made if there is none, with a descriptor of the wanted kind. *added tells
+// The file's entry, made if there is none, with a descriptor of the wanted kind. *added says
 // whether the entry got that descriptor just now.
 FileEntry* entryWithDescriptor(const Directory& directory, const EntryName& name, bool writable,
                                bool* added) {
@@ -126,8 +126,8 @@ bool needsLockOfItsOwn(const FileEntry& entry, Sharing sharing) {
 }
 
 // Opens the entry's file once more, with a lock as strong as its openers need, and puts that in the
-// place of the description that another process may share. It cannot be had while the shared lock
-// is exclusive: whoever holds that excludes this process, too.
+// place of the description that another process may share. It cannot be obtained while the shared
+// lock is exclusive: whoever holds that excludes this process, too.
 bool reopenWithLock(const Directory& directory, const EntryName& name, const FileEntry& entry) {
   struct stat status = {};
   const int descriptor = openRegularFile(directory, name, O_RDWR, &status);

@@ -68,7 +68,7 @@ int hostReplaceDescriptor(int from, int descriptor) {
 #endif
 }
 
-// Both move the position of the descriptor, which nothing here goes by.
+// Both move the position of the descriptor, which nothing here relies on.
 off_t hostNextHole(int descriptor, off_t position) {
 #if defined(SEEK_HOLE) && !defined(QVDBASE_PORTABLE_POSIX)
   return ::lseek(descriptor, position, SEEK_HOLE);
