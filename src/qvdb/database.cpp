@@ -168,7 +168,7 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
   return detail::whileInUse(options.wait, [&] {
     Database database =
         options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
-    if (options.check) detail::checkEnds(path);
+    if (options.check) detail::checkEnds(database);
     return database;
   });
 }

@@ -118,8 +118,9 @@ Database open_checked(const std::filesystem::path& path, Mode mode) {
   return Database::open(path, options);
 }
 
-void detail::checkEnds(const std::filesystem::path& path) {
-  const qvdbase::raw::OpenedFile file(path, kOperation);
+void detail::checkEnds(const Database& database) {
+  const std::filesystem::path& path = database.path();
+  const qvdbase::raw::OpenedFile file(database.handle(), path, kOperation);
   Survey survey;
   qvdbase::raw::readDirectory(file.source(), {}, &survey);
   if (survey.header.tableCount < 0 ||
@@ -140,7 +141,7 @@ void detail::checkEnds(const std::filesystem::path& path) {
 
 void check_ends(const Database& database, Id table) {
   constexpr const char* kWriting = "write to the table";
-  const qvdbase::raw::OpenedFile file(database.path(), kWriting);
+  const qvdbase::raw::OpenedFile file(database.handle(), database.path(), kWriting);
   Survey survey;
   qvdbase::raw::readDirectory(file.source(), {}, &survey);
   for (const Slot& slot : survey.slots) {

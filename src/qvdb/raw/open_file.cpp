@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/open_failure.h"
+#include "platform/open_files.h"
 #include "platform/utf8_names.h"
 #include "qvdb/failure.h"
 
@@ -59,6 +60,18 @@ OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation)
   if (error || path.empty()) refuse(path, operation, qvdb::Reason::path_not_reachable);
   if (!file_.open(absolute)) refuseWhatDoesNotOpen(path, operation, absolute);
   wasLocked_ = file_.isLockedByOthers();
+  begin(path, operation);
+}
+
+OpenedFile::OpenedFile(std::int16_t file, const std::filesystem::path& path,
+                       const char* operation) {
+  const platform::OpenFile* open = platform::findOpenFile(file);
+  if (open == nullptr) refuse(path, operation, qvdb::Reason::cannot_open);
+  file_.share(open->entry);
+  begin(path, operation);
+}
+
+void OpenedFile::begin(const std::filesystem::path& path, const char* operation) {
   if (!file_.stamp(&stamp_)) refuse(path, operation, qvdb::Reason::cannot_open);
   source_.emplace(file_, stamp_.size);
   watched_ = firstBytes(*source_, kWatchedSize);

@@ -1,6 +1,7 @@
 // A database file opened to be looked at, with failures told as the C++ layer tells them.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <vector>
@@ -15,6 +16,10 @@ class OpenedFile {
   // Throws qvdb::Error, in the name of `operation`: no_such_file, not_a_file, access_denied,
   // cannot_open, path_not_reachable.
   OpenedFile(const std::filesystem::path& path, const char* operation);
+
+  // The file that this process has open for writing under that number, whatever its name leads to
+  // by now. Throws cannot_open.
+  OpenedFile(std::int16_t file, const std::filesystem::path& path, const char* operation);
 
   const ByteSource& source() const { return *source_; }
 
@@ -34,6 +39,8 @@ class OpenedFile {
   bool isLockedByOthers() const { return wasLocked_ || file_.isLockedByOthers(); }
 
  private:
+  void begin(const std::filesystem::path& path, const char* operation);
+
   static constexpr size_t kWatchedSize = 4630;  // header and directory
 
   platform::ReadOnlyFile file_;

@@ -6,8 +6,10 @@
 #include "QVDbase/position.h"
 #include "format/fields.h"
 #include "platform/cutting.h"
+#include "platform/host_failure.h"
 #include "platform/open_files.h"
 #include "qvdb/check/check_source.h"
+#include "qvdb/failure.h"
 #include "qvdb/mending/mend_plan.h"
 #include "qvdb/raw/open_file.h"
 #include "qvdb/target_file.h"
@@ -16,6 +18,7 @@ namespace qvdb {
 namespace {
 
 using detail::failOn;
+using detail::throwWriteFailure;
 using qvdbase::mending::MendPlan;
 
 constexpr const char* kOperation = "mend the database";
@@ -32,7 +35,7 @@ class Mending {
   MendReport run(const MendOptions& options) {
     MendReport report;
     {
-      qvdbase::raw::OpenedFile file(path_, kOperation);
+      qvdbase::raw::OpenedFile file(database_.handle(), path_, kOperation);
       file.watch();
       plan_ = qvdbase::mending::planMend(file.source(), options.cut_off);
       if (file.hasChanged()) failOn(path_, kOperation, Reason::in_use, "it was changed meanwhile");
@@ -48,10 +51,11 @@ class Mending {
 
  private:
   void write() {
+    qvdbase::platform::forgetHostFailure();
     for (const qvdbase::raw::Patch& patch : plan_.patches) writePatch(patch);
     if (plan_.size < static_cast<std::int64_t>(database_.info().file_size)) cut();
     database_.sync();
-    const qvdbase::raw::OpenedFile file(path_, kOperation);
+    const qvdbase::raw::OpenedFile file(database_.handle(), path_, kOperation);
     if (qvdbase::check::checkSource(file.source()).errors == 0) return;
     failOn(path_, kOperation, Reason::cannot_write, "what was written cannot be read back");
   }
@@ -62,15 +66,15 @@ class Mending {
     qvdbase::SavedPosition position(db);
     const bool isWritten = myFileSeek(db, patch.position, kFromStart) == 0 &&
                            qvdbase::writeBytes(db, patch.bytes.data(), count);
-    if (position.restore(isWritten ? 1 : 0) != 1)
-      failOn(path_, kOperation, Reason::cannot_write, "the system cannot write it");
+    if (position.restore(isWritten ? 1 : 0) == 1) return;
+    throwWriteFailure(path_, kOperation, qvdbase::platform::findWriteFailure(0));
   }
 
+  // By the open file, which is locked: its name may lead to another one by now.
   void cut() {
     const auto* file = qvdbase::platform::findOpenFile(database_.handle());
-    if (file == nullptr || !qvdbase::platform::cutFile(*file, plan_.size)) {
-      failOn(path_, kOperation, Reason::cannot_write, "the system cannot shorten it");
-    }
+    if (file != nullptr && qvdbase::platform::cutFile(*file, plan_.size)) return;
+    failOn(path_, kOperation, Reason::cannot_write, "the system cannot shorten it");
   }
 
   const std::filesystem::path path_;

@@ -89,7 +89,7 @@ class Packing {
 
   // Returns how many records would be lost. Refuses that, and errors, unless it is forced.
   std::uint64_t judge() const {
-    const qvdbase::raw::OpenedFile file(detail::resolved(source_, operation_), operation_);
+    const qvdbase::raw::OpenedFile file(database_.handle(), source_, operation_);
     const qvdbase::raw::Survey survey = qvdbase::raw::makeSurvey(file.source());
     const detail::Verdict verdict = detail::judgeCopy(file.source(), survey);
     if (verdict.isClean() || isForced_) return verdict.records;
