@@ -123,13 +123,6 @@ Sharing sharingOf(int permission) {
   }
 }
 
-// What the host answered when it was asked to make a file or folder. That there is no such file
-// means that it makes none there.
-OpenFailureFound refusalOf(const std::error_code& code) {
-  if (!code || code.value() == ENOENT) return {OpenFailure::other, code};
-  return failureOf(code.value());
-}
-
 }  // namespace
 
 OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission) {
@@ -148,11 +141,18 @@ OpenFailureFound findCreateFailure(const QVWCHAR* path) {
   const bool isMissing =
       found.failure == OpenFailure::folderMissing || found.failure == OpenFailure::fileMissing;
   if (!isMissing) return found;
-  return refusalOf(refusal);
+  return createFailureOf(refusal);
 }
 
 OpenFailureFound lastCreateFailure() {
-  return refusalOf(lastHostFailure());
+  return createFailureOf(lastHostFailure());
+}
+
+// That there is no such file means that the host makes none there.
+OpenFailureFound createFailureOf(const std::error_code& code) {
+  OpenFailureFound found = failureOf(code.value());
+  if (!code || code.value() == ENOENT) found.failure = OpenFailure::other;
+  return found;
 }
 
 }  // namespace qvdbase::platform

@@ -40,8 +40,10 @@ OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission);
 // hindrance: creating makes them.
 OpenFailureFound findCreateFailure(const QVWCHAR* path);
 
-// The same from the last failure of the host alone, after a new file could not be made.
+// The same from the last failure of the host alone, after a new file could not be made, and from
+// the code with which the host refused to make a folder.
 OpenFailureFound lastCreateFailure();
+OpenFailureFound createFailureOf(const std::error_code& code);
 
 }  // namespace qvdbase::platform
 

@@ -207,7 +207,7 @@ bool Database::is_open() const noexcept {
 
 OpenDatabase& Database::state() const {
   if (state_ == nullptr) {
-    throw Error("use the database", Reason::not_open, "cannot use the database: none is open");
+    detail::throwError("use the database", Reason::not_open, "none is open");
   }
   return *state_;
 }

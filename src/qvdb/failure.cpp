@@ -78,10 +78,24 @@ void throwError(const std::filesystem::path& path, const char* operation, Reason
               std::move(details));
 }
 
+void throwError(const char* operation, Reason reason, const std::string& why) {
+  throw Error(operation, reason, std::string("cannot ") + operation + ": " + why);
+}
+
 void throwOpenFailure(const std::filesystem::path& path, const char* operation,
                       const OpenFailureFound& found) {
   const Cause cause = causeOf(found.failure);
   throwError(path, operation, cause.reason, withSystemsWord(cause, found.code),
+             {.path = {}, .table = {}, .system_code = found.code, .record_number = {}});
+}
+
+void throwFolderFailure(const std::filesystem::path& path, const char* operation,
+                        const std::string& what, const std::error_code& code) {
+  const OpenFailureFound found = qvdbase::platform::createFailureOf(code);
+  Cause cause = causeOf(found.failure);
+  if (found.failure == OpenFailure::other) cause.why = "the system refuses";
+  if (cause.reason == Reason::no_such_file) cause.reason = Reason::path_not_reachable;
+  throwError(path, operation, cause.reason, what + ": " + withSystemsWord(cause, found.code),
              {.path = {}, .table = {}, .system_code = found.code, .record_number = {}});
 }
 

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "platform/host_failure.h"
 #include "platform/open_failure.h"
@@ -17,9 +18,17 @@ namespace qvdb::detail {
 [[noreturn]] void throwError(const std::filesystem::path& path, const char* operation,
                              Reason reason, const std::string& why, ErrorDetails details = {});
 
+// The same where no file is concerned: "cannot OPERATION: WHY".
+[[noreturn]] void throwError(const char* operation, Reason reason, const std::string& why);
+
 // A file that could not be opened, or created.
 [[noreturn]] void throwOpenFailure(const std::filesystem::path& path, const char* operation,
                                    const qvdbase::platform::OpenFailureFound& found);
+
+// A folder that could not be made or looked at, for the sake of the file `path`. `what` says of
+// which folder that is so, and begins the reason: "its folder cannot be created".
+[[noreturn]] void throwFolderFailure(const std::filesystem::path& path, const char* operation,
+                                     const std::string& what, const std::error_code& code);
 
 // A file that could not be written.
 [[noreturn]] void throwWriteFailure(const std::filesystem::path& path, const char* operation,

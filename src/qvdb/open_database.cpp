@@ -30,8 +30,7 @@ namespace {
 // Tables and records that were made without a database have none.
 OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const char* operation) {
   if (database != nullptr) return *database;
-  throw Error(operation, Reason::not_open,
-              std::string("cannot ") + operation + ": it belongs to no database");
+  throwError(operation, Reason::not_open, "it belongs to no database");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "format/identifiers.h"
 #include "qvdb/bulk.h"
+#include "qvdb/failure.h"
 #include "qvdb/open_database.h"
 
 namespace qvdb {
@@ -83,8 +84,7 @@ void RecordWriter::discard() noexcept {
 // A writer without its batch was finished, discarded or moved from.
 void RecordWriter::requireOpen() const {
   if (bulk_ != nullptr) return;
-  throw Error(detail::kWrite, Reason::bad_argument,
-              "cannot write the record: its writer was finished or discarded");
+  detail::throwError(detail::kWrite, Reason::bad_argument, "its writer was finished or discarded");
 }
 
 }  // namespace qvdb

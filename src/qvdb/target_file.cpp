@@ -22,9 +22,15 @@ fs::path resolved(const fs::path& path, const char* operation) {
   if (path.empty()) failOn(path, operation, Reason::path_not_reachable, "the path is empty");
   fs::path result = fs::weakly_canonical(fs::absolute(path, error), error);
   if (error == std::errc::permission_denied) {
-    failOn(path, operation, Reason::access_denied, "the system denies access to its folder");
+    throwFolderFailure(path, operation, "its folder cannot be reached", error);
   }
-  if (error) failOn(path, operation, Reason::path_not_reachable, error.message());
+  if (error) {
+    throwError(path, operation, Reason::path_not_reachable, error.message(),
+               {.path = {},
+                .table = {},
+                .system_code = {error.value(), std::system_category()},
+                .record_number = {}});
+  }
   return result;
 }
 
@@ -32,13 +38,14 @@ void requireFolder(const fs::path& file, const char* operation, bool create) {
   std::error_code error;
   const fs::path folder = fs::absolute(file, error).parent_path();
   if (create) fs::create_directories(folder, error);
-  if (create && error) {
-    failOn(file, operation, Reason::access_denied,
-           "its folder cannot be created (" + error.message() + ")");
+  if (create && error) throwFolderFailure(file, operation, "its folder cannot be created", error);
+  const fs::file_status status = fs::status(folder, error);
+  if (fs::is_directory(status)) return;
+  if (!fs::status_known(status)) {
+    throwFolderFailure(file, operation, "its folder cannot be reached", error);
   }
-  if (fs::is_directory(folder, error)) return;
-  if (error == std::errc::permission_denied) {
-    failOn(file, operation, Reason::access_denied, "the system denies access to its folder");
+  if (fs::exists(status)) {
+    failOn(file, operation, Reason::path_not_reachable, folder.native() + " is not a folder");
   }
   failOn(file, operation, Reason::path_not_reachable,
          "the folder " + folder.native() + " does not exist");

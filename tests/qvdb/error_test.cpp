@@ -102,6 +102,31 @@ TEST_F(LayerErrors, NameWhatIsNotAFolder) {
   }
 }
 
+TEST_F(LayerErrors, SayWhyAFolderCannotBeMade) {
+  const qvdb::CreateOptions making = {.create_folders = true};
+  const std::string tooLong = "new/" + std::string(300, 'x') + "/a.qvd";
+  expectReason(errorOf([&] { Database::create(path(tooLong), making); }),
+               Reason::path_not_reachable, ENAMETOOLONG);
+  writeFile(path("file"), bytesOf("x"));
+  allowDamage("file");
+  expectReason(errorOf([&] { Database::create(path("file/new/a.qvd"), making); }),
+               Reason::path_not_reachable, ENOTDIR);
+  if (!std::filesystem::is_directory("/proc/self")) GTEST_SKIP() << "there is no /proc here";
+  const auto refused = errorOf([&] { Database::create("/proc/new/a.qvd", making); });
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->reason(), Reason::cannot_open) << refused->what();
+  EXPECT_NE(std::string(refused->what()).find("its folder cannot be created"), std::string::npos);
+  EXPECT_TRUE(refused->system_code()) << refused->what();
+}
+
+TEST_F(LayerErrors, SayThatAFileIsWhereAFolderShouldBe) {
+  writeFile(path("file"), bytesOf("x"));
+  allowDamage("file");
+  const std::string message =
+      expectError(Reason::path_not_reachable, [&] { Database::create(path("file/x.qvd")); });
+  EXPECT_NE(message.find("file is not a folder"), std::string::npos) << message;
+}
+
 // Its file system has no space by any count, which is not what is wrong.
 TEST_F(LayerErrors, DoNotTakeAFolderThatTakesNoFilesForAFullDisk) {
   if (!std::filesystem::is_directory("/proc/self")) GTEST_SKIP() << "there is no /proc here";

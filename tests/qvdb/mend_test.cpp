@@ -70,9 +70,8 @@ TEST_F(Mend, SaysThatTheHostDoesNotShortenTheFile) {
     errno = EIO;
     return -1;
   };
-  const std::string message = expectError(Reason::cannot_write, [&] {
-    qvdb::mend(path(), {.cut_off = qvdb::CutOffWrites::discard});
-  });
+  const std::string message = expectError(
+      Reason::cannot_write, [&] { qvdb::mend(path(), {.cut_off = qvdb::CutOffWrites::discard}); });
   EXPECT_NE(message.find("cannot mend the database"), std::string::npos) << message;
   EXPECT_EQ(readFile(path()).size(), cutOffAppend().size());
 }
@@ -84,9 +83,7 @@ TEST_F(Mend, SaysWhatTheHostAnsweredWhenALinkCannotBeWritten) {
     errno = EROFS;
     return -1;
   };
-  const auto error = errorOf([&] {
-    qvdb::mend(path(), {.cut_off = qvdb::CutOffWrites::link});
-  });
+  const auto error = errorOf([&] { qvdb::mend(path(), {.cut_off = qvdb::CutOffWrites::link}); });
   ASSERT_TRUE(error);
   EXPECT_EQ(error->reason(), Reason::read_only_file_system) << error->what();
   EXPECT_EQ(error->system_code().value(), EROFS);

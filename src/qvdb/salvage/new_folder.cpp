@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <system_error>
 
+#include "qvdb/failure.h"
 #include "qvdb/target_file.h"
 
 namespace qvdbase::salvage {
@@ -23,12 +24,17 @@ void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
     qvdb::detail::requireFolder((path_ / "").parent_path(), operation, false);
   }
   fs::path path;
+  std::error_code refusal;  // the last one, which is about the folder itself or one on its way
   for (const fs::path& part : path_) {
     path /= part;
     if (fs::create_directory(path, error)) made_.push_back(path);
+    if (error) refusal = error;
   }
   if (fs::is_directory(path_, error)) return;
-  qvdb::detail::failOn(path_, operation, reason, "the folder cannot be created");
+  if (isTaken(path_)) {
+    qvdb::detail::failOn(path_, operation, reason, "something that is no folder has that name");
+  }
+  qvdb::detail::throwFolderFailure(path_, operation, "the folder cannot be created", refusal);
 }
 
 bool isTaken(const fs::path& path) {

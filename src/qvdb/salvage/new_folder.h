@@ -25,8 +25,8 @@ class NewFolder {
   std::filesystem::path fileNamed(const std::string& name) const { return path_ / name; }
 
   // Makes the folder, and with `parents` those that are missing on the way to it. Throws
-  // qvdb::Error of this operation: path_not_reachable, access_denied, and `reason` when the host
-  // refuses.
+  // qvdb::Error of this operation: path_not_reachable, what the host answers, and `reason` when
+  // something else has the name.
   void make(const char* operation, bool parents, qvdb::Reason reason);
 
   // To be told of each file when it has been made.

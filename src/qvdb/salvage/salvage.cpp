@@ -129,8 +129,8 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
                             const qvdbase::platform::FileAccess* access, const LastLook& lastLook) {
   constexpr std::int64_t kMostMissing = std::int64_t{1} << 62;
   if (options.from < -kMostMissing) {
-    throw Error(kOperation, Reason::bad_argument,
-                "cannot salvage the database: it cannot begin that far before the source");
+    detail::throwError(kOperation, Reason::bad_argument,
+                       "it cannot begin that far before the source");
   }
   const qvdbase::raw::PartSource source(whole, options.from, whole.size());
   const bool isDeep = !options.deep_to.empty();
