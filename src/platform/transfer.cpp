@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "platform/gathered_writes.h"
+#include "platform/host_failure.h"
 #include "platform/plain_transfer.h"
 #include "platform/read_windows.h"
 #include "platform/system_calls.h"
@@ -124,10 +125,17 @@ void gatherGap(const OpenFile& file, uint32_t gap, uint32_t count) {
   gatherUnchanged(window->bytes + (file.position - window->start), gap);
 }
 
+// What the limit cuts off never reaches the host, whose answer is known.
+size_t writableBytes(uint64_t limit, int64_t position, size_t count) {
+  const size_t below = bytesBelow(limit, position, count);
+  if (below < count) noteHostFailure(EFBIG);
+  return below;
+}
+
 size_t writeInScope(OpenFile& file, const void* buffer, size_t count) {
   if (ScopeAccess::failed()) return 0;
   serveFromNothing();
-  const size_t wanted = bytesBelow(sizeLimitInScope(), file.position, count);
+  const size_t wanted = writableBytes(sizeLimitInScope(), file.position, count);
   if (wanted == 0) return 0;
   if (!canGather(file, wanted) && !ScopeAccess::flush()) return 0;
   size_t done = wanted;
@@ -141,7 +149,7 @@ size_t writeInScope(OpenFile& file, const void* buffer, size_t count) {
 }
 
 size_t writeOutsideScope(const OpenFile& file, const void* buffer, size_t count) {
-  const size_t wanted = bytesBelow(systemCalls().fileSizeLimit(), file.position, count);
+  const size_t wanted = writableBytes(systemCalls().fileSizeLimit(), file.position, count);
   return writePlain(file.descriptor, file.position, buffer, wanted);
 }
 

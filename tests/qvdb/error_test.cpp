@@ -67,6 +67,21 @@ TEST_F(LayerErrors, SayThatAFileMayNotBecomeLonger) {
   expectReason(errorOf([&] { table.add(span(bytesOf("too much"))); }), Reason::size_limit, EFBIG);
 }
 
+// What a batch has written is cut off again before the reason is looked for.
+TEST_F(LayerErrors, SayThatAFileMayNotBecomeLongerForABatch) {
+  auto database = createDatabase();
+  auto table = database.add_table("notes");
+  allowDamage();
+  RecordedCalls host;
+  host.setFileSizeLimit(fileSize() + 300);
+  expectReason(errorOf([&] {
+                 auto appender = table.appender();
+                 for (int i = 0; i < 8; ++i) appender.add(span(bytesOf("a small record")));
+                 appender.finish();
+               }),
+               Reason::size_limit, EFBIG);
+}
+
 TEST_F(LayerErrors, TellAReadOnlyFileSystemFromOneThatDeniesAccess) {
   createDatabase();
   for (const auto& [code, reason] : {std::pair(EROFS, Reason::read_only_file_system),
