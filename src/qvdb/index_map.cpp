@@ -24,6 +24,13 @@ std::size_t IndexMap::placeOf(std::uint64_t key) const {
   return place;
 }
 
+std::size_t IndexMap::stepsTo(std::uint64_t key) const {
+  if (places_.empty()) return 0;
+  const std::size_t from = home(key);
+  const std::size_t to = placeOf(key);
+  return (to >= from ? to : to + places_.size()) - from + 1;
+}
+
 void IndexMap::reserve(std::size_t count) {
   if (size_ == 0) places_ = std::vector<Entry>(std::max(kSmallest, count + count / 5));
 }

@@ -18,6 +18,8 @@ namespace qvdb::detail {
 // stands there.
 class IndexMap {
  public:
+  explicit IndexMap(const qvdbase::HashSeed& seed = qvdbase::hashSeed()) : seed_(seed) {}
+
   // Makes room for so many keys at once, with a few to come, in a map that is empty. Throws
   // std::bad_alloc.
   void reserve(std::size_t count);
@@ -34,6 +36,8 @@ class IndexMap {
   void clear();
 
   std::size_t size() const { return size_; }
+  // How many places a search for this key looks at.
+  std::size_t stepsTo(std::uint64_t key) const;
   std::size_t bytes() const { return places_.capacity() * sizeof(Entry); }
 
  private:
@@ -47,7 +51,7 @@ class IndexMap {
   std::size_t next(std::size_t place) const { return place + 1 == places_.size() ? 0 : place + 1; }
   void grow();
 
-  qvdbase::HashSeed seed_ = qvdbase::hashSeed();
+  qvdbase::HashSeed seed_;
   std::vector<Entry> places_;
   std::size_t size_ = 0;
 };

@@ -2,6 +2,7 @@
 // them.
 #include <map>
 #include <random>
+#include <vector>
 
 #include "platform/transfer.h"
 #include "qvdb/index_map.h"
@@ -61,6 +62,55 @@ TEST(IndexMap, TakesTheKeysThatItHasRoomForWithoutGrowing) {
   map.reserve(100'000);  // not while there is something in it
   EXPECT_EQ(map.find(0x10001), 1);
   EXPECT_EQ(map.size(), 5000u);
+}
+
+// The number that is hashed to `hash` by who knows the seed: each step of the hash undone.
+std::uint64_t unmixed(std::uint64_t hash, const HashSeed& seed) {
+  std::uint64_t inverse = 1;  // of the factor: each round doubles the number of its right bits
+  for (int i = 0; i < 6; ++i) inverse *= 2 - 0xD6E8FEB86659FD93u * inverse;
+  hash = (hash ^ (hash >> 32)) * inverse;
+  hash = ((hash ^ (hash >> 32)) ^ seed.between) * inverse;
+  return (hash ^ (hash >> 32)) ^ seed.before;
+}
+
+constexpr std::size_t kCrafted = 5000;
+
+// Identifiers of which a map with this seed takes all for the same place.
+std::vector<std::uint64_t> collidingUnder(const HashSeed& seed) {
+  std::vector<std::uint64_t> keys;
+  for (std::size_t i = 0; i < kCrafted; ++i) keys.push_back(unmixed(i, seed));
+  return keys;
+}
+
+// The places that searches for all keys look at, after some have come and gone.
+std::size_t stepsOfAll(qvdb::detail::IndexMap& map, const std::vector<std::uint64_t>& keys) {
+  for (const std::uint64_t key : keys) EXPECT_TRUE(map.insert(key, 1));
+  for (std::size_t i = 0; i < keys.size(); i += 2) map.erase(keys[i]);
+  for (std::size_t i = 0; i < keys.size(); i += 2) EXPECT_TRUE(map.insert(keys[i], 1));
+  std::size_t steps = 0;
+  for (const std::uint64_t key : keys) steps += map.stepsTo(key);
+  return steps;
+}
+
+TEST(IndexMap, FindsCraftedIdentifiersInAFewStepsUnlessItsSeedIsKnown) {
+  const HashSeed known = {0x0123456789ABCDEF, 0x42};
+  qvdb::detail::IndexMap attacked(known);
+  EXPECT_EQ(stepsOfAll(attacked, collidingUnder(known)), kCrafted * (kCrafted + 1) / 2);
+
+  // Full to seven eighths a map needs 4.5 steps on average.
+  constexpr std::size_t kFew = 20 * kCrafted;
+  const HashSeed others[] = {hashSeed(), {}, {1, 0}, {0, 1}};
+  for (const HashSeed& seed : others) {
+    qvdb::detail::IndexMap map(seed);
+    EXPECT_LE(stepsOfAll(map, collidingUnder(known)), kFew) << seed.before;
+  }
+  for (const std::uint64_t distance : {std::uint64_t{1}, std::uint64_t{1} << 32,
+                                       std::uint64_t{1} << 51, std::uint64_t{0xFFFFFFFF}}) {
+    std::vector<std::uint64_t> keys;
+    for (std::size_t i = 1; i <= kCrafted; ++i) keys.push_back(i * distance);
+    qvdb::detail::IndexMap map;
+    EXPECT_LE(stepsOfAll(map, keys), kFew) << distance;
+  }
 }
 
 TEST(IndexMap, OfNothingFindsNothing) {
