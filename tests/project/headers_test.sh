@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Every public header compiles without warnings: on its own, twice, and before and behind each of the
-# others. The headers for C do so as C11 and as C++20, the others as C++20.
+# others. The headers for C do so as C11 and as C++20, the others as C++20. The one of the whole
+# C++ layer says what it needs when it is compiled as C++17.
 #
 # Usage: headers_test.sh INCLUDE-FOLDER CC CXX
 set -euo pipefail
@@ -54,7 +55,23 @@ orders() {
   compiles "$language" "${backward[@]}"
 }
 
+# refused HEADER: the first thing that the compiler reports of it as C++17 is what it needs.
+refused() {
+  printf '#include <%s>\n' "$1" >"$scratch/old.cpp"
+  if "$cxx" -std=c++17 -I "$include" -c "$scratch/old.cpp" -o "$scratch/object" \
+    2>"$scratch/said"; then
+    echo "as C++17: $1 is not refused"
+    failures=$((failures + 1))
+  elif ! grep -m 1 'error:' "$scratch/said" | grep -q 'needs C++20: compile with -std=c++20'; then
+    echo "as C++17: $1"
+    head -n 5 "$scratch/said"
+    failures=$((failures + 1))
+  fi
+}
+
 orders c "${both[@]}"
 orders cpp "${all[@]}"
+refused qvdbase/qvdb.hpp
+refused qvdbase/qvdb/id.hpp
 echo "${#all[@]} headers, ${#both[@]} of them for C"
 exit "$failures"
