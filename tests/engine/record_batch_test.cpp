@@ -2,6 +2,7 @@
 #include "QVDbase/record_batch.h"
 
 #include <functional>
+#include <optional>
 
 #include "QVDbase/position.h"
 #include "format/identifiers.h"
@@ -405,6 +406,204 @@ TEST_F(Batches, WithARecordTooLargeForAPieceStopAtEachFailure) {
   failEach([&](int step) { host.failOnce(Call::write, step); });
   failEach([&](int step) { host.failFrom(Call::write, step); });
   failEach([&](int step) { host.failFrom(Call::read, step); });
+}
+
+// ---- a record in pieces ----
+
+// A payload that is longer than what is kept in memory, and one that is not.
+constexpr uint32_t kShort = 1000;
+constexpr uint32_t kLong = 700'000;
+
+class BatchesInPieces : public Batches {
+ protected:
+  void begin(std::size_t recordsBefore = 1) {
+    db = fresh("batch.qvd");
+    appendEach(db, mixedRecords(1, static_cast<int>(recordsBefore)));
+    before = contents("batch.qvd");
+    position.emplace(db);
+    FoundTable found;
+    ASSERT_TRUE(findTable(db, table, &found));
+    batch.emplace(db, found);
+    ASSERT_TRUE(batch->begin());
+  }
+  void end() {
+    EXPECT_EQ(position->restore(1), 1);
+    batch.reset();
+    position.reset();
+    close(db);
+  }
+
+  static BatchRecord named(uint64_t id, uint32_t length = 0, uint32_t reserve = 0) {
+    BatchRecord record;
+    internal_ConvertInt64_2UuID(id, record.recordID);
+    record.createTime = kNow;
+    record.modifyTime = kNow;
+    record.dataLength = length;
+    record.reserve = reserve;
+    return record;
+  }
+  bool addWhole(uint64_t id, const Bytes& payload) {
+    return batch->add(named(id, static_cast<uint32_t>(payload.size())), payload.data());
+  }
+  bool append(const Bytes& payload) {
+    for (std::size_t at = 0; at < payload.size(); at += 10'000) {
+      const std::size_t count = std::min<std::size_t>(10'000, payload.size() - at);
+      if (!batch->appendPayload(payload.data() + at, static_cast<uint32_t>(count))) return false;
+    }
+    return true;
+  }
+  std::vector<uint64_t> finished() {
+    EXPECT_TRUE(batch->finish());
+    return list(db, table);
+  }
+
+  int16_t db = 0;
+  Bytes before;
+  std::optional<SavedPosition> position;
+  std::optional<RecordBatch> batch;
+};
+
+TEST_F(BatchesInPieces, AreTheFileThatSingleAppendsMake) {
+  for (const uint32_t length : {0u, kShort, kLong}) {
+    for (const uint32_t reserve : {0u, length + 100}) {
+      SCOPED_TRACE(length);
+      const Bytes payload(length, 'p');
+      const int16_t single = fresh("single.qvd");
+      appendEach(single, mixedRecords(1, 1));
+      appendEach(single, {{7, payload, reserve}, {8, bytesOf("next"), 0}});
+      close(single);
+      begin();
+      EXPECT_TRUE(batch->openRecord(named(7, 999, reserve)));  // the length does not count
+      EXPECT_TRUE(append(payload));
+      EXPECT_TRUE(batch->closeRecord());
+      EXPECT_TRUE(addWhole(8, bytesOf("next")));
+      EXPECT_TRUE(batch->finish());
+      end();
+      EXPECT_TRUE(sameBytes(contents("batch.qvd"), contents("single.qvd")));
+    }
+  }
+}
+
+TEST_F(BatchesInPieces, TakeNothingElseWhileTheyAreOpen) {
+  begin();
+  EXPECT_FALSE(append(bytesOf("of no record")));
+  EXPECT_FALSE(batch->closeRecord());
+  EXPECT_TRUE(batch->openRecord(named(7)));
+  EXPECT_FALSE(batch->openRecord(named(8)));
+  EXPECT_FALSE(addWhole(8, bytesOf("x")));
+  EXPECT_FALSE(batch->writeOut());
+  EXPECT_FALSE(batch->finish());
+  EXPECT_TRUE(append(bytesOf("payload")));
+  EXPECT_TRUE(batch->closeRecord());
+  EXPECT_EQ(finished(), (std::vector<uint64_t>{1, 7}));
+  end();
+}
+
+TEST_F(BatchesInPieces, GoOnWithoutARecordThatIsDropped) {
+  for (const uint32_t length : {0u, kShort, kLong}) {
+    SCOPED_TRACE(length);
+    const int16_t single = fresh("single.qvd");
+    appendEach(single, mixedRecords(1, 1));
+    appendEach(single, {{6, bytesOf("first"), 0}, {8, bytesOf("next"), 0}});
+    close(single);
+    begin();
+    EXPECT_TRUE(addWhole(6, bytesOf("first")));
+    EXPECT_TRUE(batch->openRecord(named(7)));
+    EXPECT_TRUE(append(Bytes(length, 'p')));
+    EXPECT_TRUE(batch->dropRecord());
+    EXPECT_TRUE(batch->dropRecord());  // none is open: no effect
+    EXPECT_TRUE(addWhole(8, bytesOf("next")));
+    EXPECT_EQ(finished(), (std::vector<uint64_t>{1, 6, 8}));
+    end();
+    EXPECT_TRUE(sameBytes(contents("batch.qvd"), contents("single.qvd")));
+  }
+}
+
+// Where the file cannot be cut off, zeros are written over the record, and the batch goes on after
+// them.
+TEST_F(BatchesInPieces, CoverADroppedRecordThatCannotBeCutOff) {
+  begin();
+  allowDamage("batch.qvd");
+  EXPECT_TRUE(batch->openRecord(named(7)));
+  EXPECT_TRUE(append(Bytes(kLong, 'p')));
+  const std::size_t written = fileSize("batch.qvd");
+  const auto grown = [&] {
+    Bytes bytes = before;
+    bytes.resize(written, 0);
+    return bytes;
+  };
+  host.failOnce(Call::truncate);
+  EXPECT_TRUE(batch->dropRecord());
+  host.heal();
+  EXPECT_TRUE(sameBytes(contents("batch.qvd"), grown()));
+  EXPECT_TRUE(addWhole(8, bytesOf("next")));
+  EXPECT_EQ(finished(), (std::vector<uint64_t>{1, 8}));
+  EXPECT_EQ(slot(0, "batch.qvd").lastRecordPos, static_cast<int64_t>(written));
+  end();
+}
+
+TEST_F(BatchesInPieces, FailWhenADroppedRecordCannotBeTakenBack) {
+  begin();
+  allowDamage("batch.qvd");
+  EXPECT_TRUE(batch->openRecord(named(7)));
+  EXPECT_TRUE(append(Bytes(kLong, 'p')));
+  host.failFrom(Call::truncate);
+  host.failFrom(Call::write);
+  EXPECT_FALSE(batch->dropRecord());
+  host.heal();
+  EXPECT_FALSE(addWhole(8, bytesOf("next")));
+  EXPECT_FALSE(batch->openRecord(named(8)));
+  EXPECT_FALSE(batch->finish());
+  EXPECT_EQ(batch->taken(), 0u);
+  batch->discard();
+  EXPECT_TRUE(sameBytes(contents("batch.qvd"), before));
+  end();
+}
+
+TEST_F(BatchesInPieces, ThatAreDiscardedLeaveTheFileAsItWas) {
+  for (const uint32_t length : {0u, kShort, kLong}) {
+    for (const bool isClosed : {false, true}) {
+      SCOPED_TRACE(length);
+      begin(length == kShort ? 0 : 2);
+      EXPECT_TRUE(addWhole(6, Bytes(300'000, 'a')));
+      EXPECT_TRUE(batch->openRecord(named(7)));
+      EXPECT_TRUE(append(Bytes(length, 'p')));
+      EXPECT_TRUE(!isClosed || batch->closeRecord());
+      batch->discard();
+      EXPECT_TRUE(sameBytes(contents("batch.qvd"), before));
+      EXPECT_FALSE(addWhole(8, bytesOf("next")));
+      EXPECT_FALSE(batch->openRecord(named(8)));
+      EXPECT_FALSE(batch->finish());
+      EXPECT_TRUE(sameBytes(contents("batch.qvd"), before));
+      end();
+    }
+  }
+}
+
+// What others have appended meanwhile stays, and so does a batch that was taken in.
+TEST_F(BatchesInPieces, ThatAreDiscardedTakeBackNothingElse) {
+  begin();
+  allowDamage("batch.qvd");
+  EXPECT_TRUE(batch->openRecord(named(7)));
+  EXPECT_TRUE(append(Bytes(kLong, 'p')));
+  const std::size_t written = fileSize("batch.qvd");
+  const auto grown = [&] {
+    Bytes bytes = before;
+    bytes.resize(written, 0);
+    return bytes;
+  };
+  patchFile(path("batch.qvd"), written, bytesOf("of another"));
+  batch->discard();
+  EXPECT_TRUE(sameBytes(contents("batch.qvd"), grown().text("of another")));
+  end();
+
+  begin();
+  EXPECT_TRUE(addWhole(8, bytesOf("taken in")));
+  EXPECT_TRUE(batch->finish());
+  const Bytes after = contents("batch.qvd");
+  batch->discard();
+  EXPECT_TRUE(sameBytes(contents("batch.qvd"), after));
+  end();
 }
 
 }  // namespace
