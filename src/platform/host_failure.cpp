@@ -7,6 +7,7 @@ namespace qvdbase::platform {
 namespace {
 
 constinit thread_local int lastCode = 0;
+constinit thread_local int lastWriteCode = 0;
 
 WriteObstacle obstacleOf(int code) {
   switch (code) {
@@ -26,6 +27,7 @@ WriteObstacle obstacleOf(int code) {
 
 void forgetHostFailure() {
   lastCode = 0;
+  lastWriteCode = 0;
 }
 
 void noteHostFailure() {
@@ -36,12 +38,22 @@ void noteHostFailure(int code) {
   lastCode = code;
 }
 
+void noteRefusedWrite(int code) {
+  lastCode = code;
+  lastWriteCode = code;
+}
+
 std::error_code lastHostFailure() {
   return {lastCode, std::system_category()};
 }
 
+std::error_code lastRefusedWrite() {
+  return {lastWriteCode, std::system_category()};
+}
+
 WriteFailure findWriteFailure(uint64_t length) {
   if (lastCode == 0 && length > systemCalls().fileSizeLimit()) noteHostFailure(EFBIG);
+  if (lastWriteCode != 0) return {obstacleOf(lastWriteCode), lastRefusedWrite()};
   return {obstacleOf(lastCode), lastHostFailure()};
 }
 

@@ -17,8 +17,14 @@ void forgetHostFailure();
 void noteHostFailure();
 void noteHostFailure(int code);
 
+// The same for a write that the host has refused.
+void noteRefusedWrite(int code);
+
 // The code of the last failure; no error when there was none.
 std::error_code lastHostFailure();
+
+// The code of the last write that the host has refused; no error when it refused none.
+std::error_code lastRefusedWrite();
 
 // Why a file could not be written, as far as the host said.
 enum class WriteObstacle : uint8_t {
@@ -33,8 +39,9 @@ struct WriteFailure {
   std::error_code code;
 };
 
-// Looks at the last failure, after writing failed in a file that would have become `length` bytes
-// long. A write that this process is not allowed to make never reaches the host.
+// Looks at the last refused write, or else at the last failure, after writing failed in a file that
+// would have become `length` bytes long. A write that this process is not allowed to make never
+// reaches the host.
 WriteFailure findWriteFailure(uint64_t length);
 
 }  // namespace qvdbase::platform

@@ -43,7 +43,7 @@ size_t writePlain(int descriptor, int64_t position, const void* buffer, size_t c
                                    position + static_cast<off_t>(done));
     });
     if (put <= 0) {
-      noteHostFailure(put < 0 ? errno : ENOSPC);
+      noteRefusedWrite(put < 0 ? errno : ENOSPC);
       break;
     }
     done += static_cast<size_t>(put);

@@ -308,6 +308,7 @@ Table Database::add_table(std::string_view name) {
   const std::uint64_t id = AddTable(operation.db(), std::string(name).c_str());
   if (id != 0) return Table(state_, Id{id}, std::string(name));
 
+  operation.failIfWriteWasRefused(0);
   ReadScope scope(operation.db());
   tablePart1 slot;
   if (operation.findSlot(

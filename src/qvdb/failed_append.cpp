@@ -18,28 +18,34 @@ bool slotLeadsTo(const tablePart1& slot, std::int64_t blockPos) {
                      [blockPos](std::int64_t position) { return position >= blockPos; });
 }
 
-// A link that cannot be read may be the one.
-bool mayLeadTo(std::int16_t db, const LinkPlace& link, std::int64_t blockPos) {
+enum class Leads { no, unknown, yes };
+
+Leads leadsTo(std::int16_t db, const LinkPlace& link, std::int64_t blockPos) {
   std::int64_t position = 0;
-  if (link.recordPos == 0) return false;
-  return myFileSeek(db, link.recordPos + link.offset, kFromStart) != 0 ||
-         !qvdbase::readInt64(db, &position) || position == blockPos;
+  if (link.recordPos == 0) return Leads::no;
+  if (myFileSeek(db, link.recordPos + link.offset, kFromStart) != 0 ||
+      !qvdbase::readInt64(db, &position)) {
+    return Leads::unknown;
+  }
+  return position == blockPos ? Leads::yes : Leads::no;
 }
 
 }  // namespace
 
-void takeBackBlock(const Operation& operation, Id table, std::int64_t blockPos,
+bool takeBackBlock(const Operation& operation, Id table, std::int64_t blockPos,
                    std::initializer_list<LinkPlace> links) {
-  if (blockPos == 0) return;
+  if (blockPos == 0) return false;
   ReadScope scope(operation.db());
   qvdbase::FoundTable found;
-  if (!qvdbase::findTable(operation.db(), table.value, &found)) return;
-  if (slotLeadsTo(found.slot, blockPos)) return;
+  if (!qvdbase::findTable(operation.db(), table.value, &found)) return false;
+  if (slotLeadsTo(found.slot, blockPos)) return found.slot.firstRecordPos == blockPos;
   for (const LinkPlace& link : links) {
-    if (mayLeadTo(operation.db(), link, blockPos)) return;
+    const Leads leads = leadsTo(operation.db(), link, blockPos);
+    if (leads != Leads::no) return leads == Leads::yes;
   }
   // The handle is exclusive, or nothing is cut: whatever lies there was appended by this call.
   qvdbase::cutBack(operation.db(), {blockPos, std::numeric_limits<std::int64_t>::max()});
+  return false;
 }
 
 }  // namespace qvdb::detail

@@ -20,7 +20,10 @@ struct LinkPlace {
 // appended, so that a full disk does not get fuller with every attempt. Only in a database that is
 // open exclusively, and only when nothing leads to the block: neither the table's slot nor one of
 // the links that the operation would have written last. Positions of 0 are none.
-void takeBackBlock(const Operation& operation, Id table, std::int64_t blockPos,
+//
+// Returns whether a link, or the beginning of the table, is known to lead to the block: then the
+// operation itself has written there before it failed.
+bool takeBackBlock(const Operation& operation, Id table, std::int64_t blockPos,
                    std::initializer_list<LinkPlace> links = {});
 
 }  // namespace qvdb::detail

@@ -151,6 +151,10 @@ void Operation::failedWrite(std::uint64_t bytes) const {
                     details());
 }
 
+void Operation::failIfWriteWasRefused(std::uint64_t bytes) const {
+  if (qvdbase::platform::lastRefusedWrite()) failedWrite(bytes);
+}
+
 std::string storedName(const tablePart1& slot) {
   const char* end = std::find(std::begin(slot.tableName), std::end(slot.tableName), '\0');
   return {slot.tableName, end};

@@ -130,6 +130,10 @@ class Operation {
   // have become longer.
   [[noreturn]] void failedWrite(std::uint64_t bytes) const;
 
+  // To be called first after a change that failed: throws the same when the host has refused a
+  // write of it. What is in the file then is a part of the change, and no reason for its failure.
+  void failIfWriteWasRefused(std::uint64_t bytes) const;
+
  private:
   void readSlot(const qvdbase::DirectoryNumbers& numbers, int index, tablePart1* slot) const;
 

@@ -42,7 +42,7 @@ const unsigned char* bytesOf(ByteView bytes) {
 
 // An append failed: the table is gone, its ends contradict its count, its last record is not one or
 // has a successor, or the file cannot be written.
-[[noreturn]] void failedAppend(const Operation& operation, Id table, std::uint64_t size) {
+[[noreturn]] void failedAppend(const Operation& operation, Id table, std::uint64_t length) {
   ReadScope scope(operation.db());
   const tablePart1 slot = operation.table(table).slot;
   const std::string of = "table '" + detail::storedName(slot) + "'";
@@ -61,7 +61,7 @@ const unsigned char* bytesOf(ByteView bytes) {
     operation.fail(Reason::chain_damaged, "the last record of " + of + " has a successor",
                    slot.recordCount);
   }
-  operation.failedWrite(size + qvdbase::kRecordBlockOverhead);
+  operation.failedWrite(length);
 }
 
 bool locate(const Operation& operation, Id table, const Record& record,
@@ -124,8 +124,13 @@ Id addRecord(const Operation& operation, detail::OpenDatabase& database, Id tabl
       return id;
     }
   }
-  detail::takeBackBlock(operation, table, blockPos, {{last, qvdbase::record::kNextRecordPos}});
-  failedAppend(operation, table, std::max(size, reserve));
+  const bool isLinked =
+      detail::takeBackBlock(operation, table, blockPos, {{last, qvdbase::record::kNextRecordPos}});
+  const std::uint64_t length =
+      std::uint64_t{std::max(size, reserve)} + qvdbase::kRecordBlockOverhead;
+  operation.failIfWriteWasRefused(length);
+  if (isLinked && qvdbase::platform::lastHostFailure()) operation.failedWrite(length);
+  failedAppend(operation, table, length);
 }
 
 // Makes sure that the record's table has been read, for the changes that need more of it than its
@@ -288,6 +293,7 @@ std::optional<Record> findAfterFailure(const Table& table, Id record) {
 // is what was to be written, at least.
 bool failedChange(const Operation& operation, const Table& table, Id id, std::uint64_t size,
                   bool isDeletion) {
+  operation.failIfWriteWasRefused(size);
   const std::optional<Record> found = findAfterFailure(table, id);
   if (!found) return false;
   ReadScope scope(operation.db());
@@ -319,10 +325,12 @@ bool modifyOne(const Operation& operation, detail::OpenDatabase& database, const
       });
   if (isDecided(changed)) return changed == Changed::done;
   ++database.changes;  // it may have been made in part
-  detail::takeBackBlock(operation, table.id(), move.newPosition,
-                        {{move.previous, qvdbase::record::kNextRecordPos},
-                         {move.next, qvdbase::record::kPrevRecordPos}});
-  return failedChange(operation, table, idOf(record), size + qvdbase::kRecordBlockOverhead, false);
+  const bool isLinked = detail::takeBackBlock(operation, table.id(), move.newPosition,
+                                              {{move.previous, qvdbase::record::kNextRecordPos},
+                                               {move.next, qvdbase::record::kPrevRecordPos}});
+  const std::uint64_t length = std::uint64_t{size} + qvdbase::kRecordBlockOverhead;
+  if (isLinked && qvdbase::platform::lastHostFailure()) operation.failedWrite(length);
+  return failedChange(operation, table, idOf(record), length, false);
 }
 
 template <typename Whom>
@@ -345,6 +353,7 @@ bool touchOne(const Operation& operation, detail::OpenDatabase& database, const 
       changeOne(operation, database, table.id(), record,
                 [&](qvdbase::FoundRecord* found) { return touchRecord(operation, *found); });
   if (isDecided(changed)) return changed == Changed::done;
+  operation.failIfWriteWasRefused(0);
   if (!findAfterFailure(table, idOf(record))) return false;
   operation.failedWrite(0);
 }
@@ -426,11 +435,14 @@ void Table::set_data(ByteView data, std::uint32_t reserve) {
   const auto end = static_cast<std::int64_t>(operation.fileLength());
   if (SetTableData(operation.db(), id_.value, bytesOf(data), size, reserve) == 1) return;
   detail::takeBackBlock(operation, id_, end);
+  const std::uint64_t length =
+      std::uint64_t{std::max(size, reserve)} + qvdbase::kTableDataBlockOverhead;
+  operation.failIfWriteWasRefused(length);
   {
     const KeptHostFailure kept;
     static_cast<void>(data_size());
   }
-  operation.failedWrite(std::max(size, reserve) + qvdbase::kTableDataBlockOverhead);
+  operation.failedWrite(length);
 }
 
 }  // namespace qvdb

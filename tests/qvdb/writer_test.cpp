@@ -1,6 +1,8 @@
 // Payloads in pieces: a record that is written bit by bit, alone or in a batch, and a part of one
 // that is written over.
 #include <cstdlib>
+#include <functional>
+#include <system_error>
 
 #include "qvdb/layer_fixture.h"
 #include "support/recorded_calls.h"
@@ -333,6 +335,145 @@ TEST_F(FullDevices, AreNoReasonToCutWhatOtherProcessesMayHaveAppended) {
   expectError(Reason::disk_full, [&] { table.add(span(Bytes(100'000, 'l'))); });
   EXPECT_EQ(host.count(Call::truncate), 0);
   EXPECT_EQ(fileSize(), before + 50'000);
+}
+
+// Wherever in the change the space ends, that is the reason: what is in the file then is a part of
+// the change, and no damage that was in its way.
+TEST_F(FullDevices, AreTheReasonWhereverAChangeStops) {
+  allowDamage();
+  struct Change {
+    const char* name;
+    std::function<void(qvdb::Database&, qvdb::Table&)> run;
+  };
+  const Bytes large(300, 'l');
+  const Change changes[] = {
+      {"add", [&](auto&, auto& t) { t.add(span(large)); }},
+      {"append_all", [&](auto&, auto& t) { t.append_all(std::vector{span(large)}); }},
+      {"move the first", [&](auto&, auto& t) { t.modify(Id{1}, span(large)); }},
+      {"move one between", [&](auto&, auto& t) { t.modify(Id{2}, span(large)); }},
+      {"move the last", [&](auto&, auto& t) { t.modify(*t.find(Id{3}), span(large)); }},
+      {"change in place", [&](auto&, auto& t) { t.modify(Id{1}, span(bytesOf("FIRST"))); }},
+      {"write a part", [&](auto&, auto& t) { t.write(Id{1}, 2, span(bytesOf("RST"))); }},
+      {"touch", [&](auto&, auto& t) { t.touch(Id{1}); }},
+      {"remove the first", [&](auto&, auto& t) { t.remove(Id{1}); }},
+      {"remove one between", [&](auto&, auto& t) { t.remove(Id{2}); }},
+      {"remove by record", [&](auto&, auto& t) { t.remove(*t.find(Id{2})); }},
+      {"remove the last", [&](auto&, auto& t) { t.remove(Id{3}); }},
+      {"erase_if", [&](auto&, auto& t) { qvdb::erase_if(t, [](auto&) { return true; }); }},
+      {"set_data", [&](auto&, auto& t) { t.set_data(span(large)); }},
+      {"add_table", [&](auto& d, auto&) { d.add_table("more"); }},
+      {"find_or_add_table", [&](auto& d, auto&) { d.find_or_add_table("more"); }},
+      {"set_version", [&](auto& d, auto&) { d.set_version(120); }},
+  };
+  {
+    auto database = createDatabase();
+    auto table = database.add_table("t");
+    std::uint64_t id = 0;
+    for (const char* text : {"first", "middle", "last"}) {
+      table.add_with_id(Id{++id}, span(bytesOf(text)));
+    }
+    table.set_data(span(bytesOf("data")));
+  }
+  const Bytes before = contents();
+  for (const Change& change : changes) {
+    for (const auto& [error, reason] :
+         {std::pair(ENOSPC, Reason::disk_full), std::pair(EIO, Reason::cannot_write)}) {
+      std::size_t space = 0;
+      for (bool isDone = false; !isDone && !HasFailure(); space += 9) {
+        SCOPED_TRACE(std::string(change.name) + ", space for " + std::to_string(space));
+        writeFile(path(), before);
+        auto database = openDatabase();
+        auto table = database.table("t");
+        RecordedCalls host;
+        host.fullAfter(space, error);
+        try {
+          change.run(database, table);
+          EXPECT_FALSE(host.failed());
+          isDone = true;
+        } catch (const qvdb::Error& failure) {
+          EXPECT_EQ(failure.reason(), reason) << failure.what();
+          EXPECT_EQ(failure.system_code(), std::error_code(error, std::system_category()));
+        }
+        host.heal();
+      }
+      EXPECT_GT(space, 9u) << change.name;
+    }
+  }
+}
+
+// After the link a read can fail, too.
+TEST_F(FullDevices, AreNotTheOnlyOnesToStopAChangeHalfWay) {
+  allowDamage();
+  {
+    auto database = createDatabase();
+    auto table = database.add_table("t");
+    for (std::uint64_t id : {1u, 2u, 3u}) table.add_with_id(Id{id}, span(Bytes(100'000, 'p')));
+  }
+  const Bytes before = contents();
+  const auto expectReason = [&](auto change) {
+    int partly = 0;
+    for (int step = 0;; ++step) {
+      SCOPED_TRACE(step);
+      writeFile(path(), before);
+      auto database = openDatabase();
+      auto table = database.table("t");
+      RecordedCalls host;
+      host.failFrom(Call::read, step);
+      int reads = 0;
+      host.observe([&](Call call) {
+        if (call == Call::read && ++reads == step + 3) host.heal();
+      });
+      try {
+        change(table);
+      } catch (const qvdb::Error& failure) {
+        if (contents().cut(before.size()) != before) {
+          ++partly;
+          EXPECT_EQ(failure.reason(), Reason::cannot_write) << failure.what();
+        }
+      }
+      host.observe(nullptr);
+      host.heal();
+      if (reads <= step) break;
+    }
+    return partly;
+  };
+  static_cast<void>(expectReason([&](auto& t) { t.add(span(bytesOf("x"))); }));
+  EXPECT_GT(expectReason([&](auto& t) { t.modify(Id{2}, span(Bytes(200'000, 'l'))); }), 0);
+}
+
+// The new file has the space that it needs, and not a byte more.
+TEST_F(FullDevices, CanBeCompactedAfterwards) {
+  for (const qvdb::Mode mode : {qvdb::Mode::exclusive, qvdb::Mode::shared}) {
+    SCOPED_TRACE(static_cast<int>(mode));
+    {
+      auto database = qvdb::Database::create(path(), {.overwrite = true});
+      auto table = database.add_table("t");
+      table.add_with_id(Id{1}, span(Bytes(100'000, 'd')));
+      table.add_with_id(Id{2}, span(bytesOf("kept")));
+      table.remove(Id{1});
+    }
+    qvdb::compact(path(), path("expected.qvd"));
+    const Bytes expected = contents("expected.qvd");
+    RecordedCalls host;
+    {
+      auto database = openDatabase(mode);
+      auto table = database.table("t");
+      for (const std::size_t space : {50'000u, 60u, 0u}) {
+        host.fullAfter(space);
+        expectError(Reason::disk_full, [&] { table.add(span(Bytes(100'000, 'l'))); });
+        expectError(Reason::disk_full, [&] { table.set_data(span(Bytes(100'000, 'l'))); });
+        expectError(Reason::disk_full, [&] {
+          RecordWriter writer = table.writer();
+          for (int i = 0; i < 4; ++i) writer.write(span(Bytes(100'000, 'l')));
+          writer.finish();
+        });
+      }
+    }
+    host.fullAfter(expected.size() + 22);  // the header is written twice
+    qvdb::compact(path());
+    EXPECT_TRUE(sameBytes(contents(), expected));
+    std::filesystem::remove(path("expected.qvd"));
+  }
 }
 
 }  // namespace
