@@ -154,10 +154,19 @@ TEST_F(ProductsOfTheTool, FollowLinksAsCompactDoes) {
   allowDamage("link");
   fs::remove(path("file"));
   for (const Words& words : {Words{"get", "-f", kDefaultFile, "notes", id_, "-o", "link"},
+                             Words{"get", kDefaultFile, "notes", id_, "-o", "link"},
                              Words{"compact", "-f", kDefaultFile, "link"}}) {
-    fails(words, 1, {"link", "leads nowhere"});
+    fails(words, 1, {"link", "leads nowhere; remove the link, or choose another name"});
   }
   EXPECT_FALSE(fs::exists(path("file")));
+}
+
+// The reason is why it cannot be made, not that it is missing then.
+TEST_F(ProductsOfTheTool, AreNotExportedToAFolderThatCannotBeMade) {
+  for (const char* option : {"--no-sync", "--parents"}) {
+    fails({"export", option, kDefaultFile, "notes", std::string(300, 'x')}, 1,
+          {"cannot make the folder"});
+  }
 }
 
 TEST_F(ProductsOfTheTool, AreMadeInMissingFoldersOnlyOnRequest) {

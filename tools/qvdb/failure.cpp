@@ -16,6 +16,13 @@ namespace {
 
 constexpr unsigned short kIndent = 6;  // of the lines that continue a message
 
+// Not even --force follows such a link.
+constexpr const char* kAdviceForLink = "remove the link, or choose another name";
+
+bool leadsNowhere(const Error& error) {
+  return std::string_view(error.what()).ends_with("leads nowhere");
+}
+
 // What is saved from a damaged file goes over nothing, with no way to ask for it.
 std::string adviceForTakenName(std::string_view operation) {
   if (operation == "write the salvaged database") return "choose another name for the new file";
@@ -35,6 +42,7 @@ std::string adviceFor(const Error& error) {
   if (error.operation() == std::string_view("write to the table")) return "run 'qvdb mend'";
   switch (error.reason()) {
     case Reason::path_not_reachable:
+      if (leadsNowhere(error)) return kAdviceForLink;
       if (!std::string_view(error.what()).ends_with("does not exist")) return {};
       return "make it first, or use --parents";
     case Reason::no_such_file:
@@ -42,6 +50,7 @@ std::string adviceFor(const Error& error) {
     case Reason::not_a_file:
       return "give the path of a database file";
     case Reason::file_exists:
+      if (leadsNowhere(error)) return kAdviceForLink;
       return adviceForTakenName(error.operation());
     case Reason::access_denied:
       return "check the permissions of the file and its folder";
@@ -65,9 +74,8 @@ std::string adviceFor(const Error& error) {
     case Reason::directory_damaged:
     case Reason::chain_damaged:
     case Reason::data_damaged:
-      return "make a copy of the file before you do anything else with it; 'qvdb check' tells what "
-             "is "
-             "wrong, 'qvdb salvage' saves what can be saved";
+      return "make a copy of the file before you do anything else with it; 'qvdb check' shows what "
+             "is wrong, 'qvdb salvage' saves what can be saved";
     case Reason::bad_name:
     case Reason::name_too_long:
       return "choose a name of 1 to 32 bytes";
@@ -80,7 +88,7 @@ std::string adviceFor(const Error& error) {
     case Reason::empty_payload:
       return "'qvdb rm' deletes a record";
     case Reason::disk_full:
-      return "make room and try again";
+      return "free some space and try again";
     default:
       return {};
   }

@@ -50,8 +50,10 @@ FolderWriter::FolderWriter(const std::string& path, const FolderOptions& options
     : path_(path), options_(options), masked_(options.samePermissions ? 0 : maskOfProcess()) {
   std::error_code error;
   if (options.parents) {
-    std::filesystem::create_directories(path, error);
-  } else if (::mkdir(path.c_str(), 0777) != 0 && errno == ENOENT) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+  }
+  if (::mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) {
+    if (errno != ENOENT || options.parents) throw systemFailure(path, "make the folder");
     throw Failure(path + ": the folder that it would be in does not exist; make it first, or use " +
                   "--parents");
   }
