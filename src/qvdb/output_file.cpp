@@ -53,6 +53,11 @@ class OutputFile::State {
 OutputFile::OutputFile(const std::filesystem::path& target, const std::filesystem::path& source,
                        const OutputOptions& options)
     : state_(std::make_unique<State>(target, options)) {
+  std::error_code error;
+  if (std::filesystem::equivalent(target, source, error)) {
+    detail::failOn(target, kOperation, Reason::bad_argument,
+                   "it is the database itself; choose another name");
+  }
   platform::FileAccess access = detail::accessOf(source, kOperation);
   access.attributes.clear();  // what users attached is about the database
   state_->target().create(&access);

@@ -161,6 +161,24 @@ TEST_F(ProductsOfTheTool, FollowLinksAsCompactDoes) {
   EXPECT_FALSE(fs::exists(path("file")));
 }
 
+// Not even with --force: the rest of the database would be lost.
+TEST_F(ProductsOfTheTool, DoNotReplaceTheDatabaseThatTheyComeFrom) {
+  fs::create_directory(path("in"));
+  writeFile(path("in/test.qvd"), bytesOf("has the name of the database"));
+  done({"import", kDefaultFile, "files", "in/"});
+  fs::create_symlink(kDefaultFile, path("link"));
+  const auto version = json({"history", "--json", kDefaultFile, "notes", id_})["versions"][0];
+  expectOnlyRead([&] {
+    for (const char* target : {kDefaultFile, "link"}) {
+      fails({"get", "-f", kDefaultFile, "notes", id_, "-o", target}, 1, {"the database itself"});
+    }
+    fails({"history", "-f", kDefaultFile, "notes", id_, "--at", version["offset"].dump(), "-o",
+           kDefaultFile},
+          1, {"the database itself"});
+    fails({"export", "-f", kDefaultFile, "files", "."}, 1, {"test.qvd", "the database itself"});
+  });
+}
+
 // The reason is why it cannot be made, not that it is missing then.
 TEST_F(ProductsOfTheTool, AreNotExportedToAFolderThatCannotBeMade) {
   for (const char* option : {"--no-sync", "--parents"}) {

@@ -168,7 +168,9 @@ int run(const Options& options) {
   const Table table = findTable(database, options.table);
   std::optional<ImportedFiles> files;
   if (!options.byId) files = readNames(database, table);
-  FolderWriter writer(options.folder, options.folderOptions);
+  FolderOptions folderOptions = options.folderOptions;
+  folderOptions.database = options.file;
+  FolderWriter writer(options.folder, folderOptions);
   const bool hasAllNames = !files || files->isWhole();
   Exporter exporter(table, std::move(files), writer);
   exporter.check();

@@ -128,10 +128,20 @@ void FolderWriter::check(const ImportedFile& file) {
     throw Failure(pathOf(file.name) + ": has several names (hard links), of which only this one " +
                   "would get the new file; nothing was written; remove it first");
   }
+  if (options_.force && isDatabase(status)) {
+    throw Failure(pathOf(file.name) + ": is the database itself; nothing was written; choose " +
+                  "another folder");
+  }
   if (!options_.force) {
     throw Failure(pathOf(file.name) +
                   ": exists already; nothing was written; use --force to replace what is there");
   }
+}
+
+bool FolderWriter::isDatabase(const struct stat& status) const {
+  struct stat database = {};
+  return ::stat(options_.database.c_str(), &database) == 0 && database.st_dev == status.st_dev &&
+         database.st_ino == status.st_ino;
 }
 
 void FolderWriter::makeFolder(const std::string& name) {

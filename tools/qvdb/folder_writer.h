@@ -5,6 +5,7 @@
 #ifndef QVDB_TOOL_FOLDER_WRITER_H
 #define QVDB_TOOL_FOLDER_WRITER_H
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <set>
@@ -22,6 +23,7 @@ struct FolderOptions {
   bool parents = false;          // make missing folders on the way
   bool samePermissions = false;  // do without the umask
   bool noSync = false;           // do not wait for the device
+  std::string database = {};     // the file that is never replaced: where everything comes from
 };
 
 class FolderWriter {
@@ -34,7 +36,7 @@ class FolderWriter {
 
   // Throws Failure when the name is not safe, or something is in the way: anything for a file or a
   // link (unless force is set and it is no folder), anything but a folder for a folder, a file with
-  // several hard links.
+  // several hard links, the database itself.
   void check(const ImportedFile& file);
 
   // Each throws Failure; a half-written file is removed. Folders that a name goes through are made
@@ -54,6 +56,7 @@ class FolderWriter {
   std::string enterParent(const std::string& name, bool make);
   Descriptor openFolder(int from, const std::string& part, const std::string& name, bool make);
   std::string pathOf(std::string_view name) const;
+  bool isDatabase(const struct stat& status) const;
 
   mode_t modeOf(const ImportedFile& file) const;
 

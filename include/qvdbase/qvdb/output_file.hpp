@@ -36,8 +36,8 @@ class QVDBASE_API OutputFile {
   // group of `source`, the database that it is made from, and its owner where the system allows
   // that, unless it replaces a file. Where the group cannot be kept, its rights go.
   //
-  // Throws Error: path_not_reachable; file_exists; not_a_file; in_use when a file
-  // to be replaced is locked, as an open database is; bad_argument when it has several hard links;
+  // Throws Error: path_not_reachable; file_exists; not_a_file; in_use when a file to be replaced is
+  // locked, as an open database is; bad_argument when it has several hard links, or is `source`;
   // access_denied; disk_full; cannot_open; cannot_read; cannot_write.
   OutputFile(const std::filesystem::path& target, const std::filesystem::path& source,
              const OutputOptions& options = {});
