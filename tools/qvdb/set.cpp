@@ -17,12 +17,6 @@ struct Options {
 int run(const Options& options) {
   const std::string input = options.input.value_or("-");
   const std::vector<std::byte> payload = readInput(input);
-  if (payload.empty()) {
-    throw Failure(
-        (input == "-" ? "standard input" : input) +
-        ": is empty, and a record cannot be changed to hold nothing; 'qvdb rm' deletes it, "
-        "and 'qvdb put' can add an empty one");
-  }
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
   const Record record = findRecords(database, table, {options.record}).front();
@@ -49,7 +43,7 @@ extern const Command kSetCommand = {
     "Replaces the payload of a record and sets its time of last modification. The record keeps its "
     "identifier and its place in the order. A payload that fits the record's room is written over "
     "the old one; a larger one goes to a new place, and the old bytes stay in the file until it is "
-    "compacted. A payload cannot be replaced by an empty one.",
+    "compacted. An empty input leaves an empty record.",
     "qvdb set notes.qvd letters 0x1f5e2d3c4b5a6978 letter.txt\n"
     "sed s/old/new/ letter.txt | qvdb set notes.qvd letters 0x1f5e2d3c4b5a6978",
     define};
