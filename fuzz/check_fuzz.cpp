@@ -127,7 +127,14 @@ void salvage(const uint8_t* data, size_t size) {
   chosen.deleted = chosen.versions = chosen.orphans = size % 2 == 1;
   chosen.deep_to = scratchPath("inside");
   std::filesystem::remove_all(chosen.deep_to);
-  const qvdb::SalvageReport saved = qvdb::salvage_image(asBytes(data, size), target, {}, chosen);
+  qvdb::SalvageReport saved;
+  try {
+    saved = qvdb::salvage_image(asBytes(data, size), target, {}, chosen);
+  } catch (const qvdb::Error& error) {
+    require(error.reason() == qvdb::Reason::not_a_database, "only nothing cannot be salvaged");
+    require(!std::filesystem::exists(target), "no file is made of nothing");
+    return;
+  }
   const qvdb::CheckReport report = qvdb::check(target, {}, options());
   require(report.errors == 0, "what salvage writes is sound");  // whatever its payloads hold
   dump(target, saved);

@@ -263,10 +263,23 @@ TEST(Salvage, EndsALoop) {
   EXPECT_EQ(parts.saved(), parts.all);
 }
 
-TEST(Salvage, WritesAnEmptyDatabaseWhenThereIsNothing) {
-  for (const Bytes& bytes : {Bytes(), pattern(3), pattern(20'000), FileImage().build()}) {
-    const Salvaged saved = salvaged(bytes);
-    EXPECT_TRUE(saved.database.tables.empty());
+// A database without tables is something; its header alone is enough to know it by.
+TEST(Salvage, WritesAnEmptyDatabaseForAnEmptyOne) {
+  for (const Bytes& bytes : {FileImage().build(), FileImage().build().at(0, 22)}) {
+    EXPECT_TRUE(salvaged(bytes).database.tables.empty());
+  }
+}
+
+TEST(Salvage, MakesNoFileWhenThereIsNothing) {
+  TempFolder folder;
+  for (const Bytes& bytes : {Bytes(), pattern(3), pattern(20'000), FileImage().build().at(0, 21)}) {
+    try {
+      qvdb::salvage_image(asBytes(bytes), folder / "saved.qvd");
+      ADD_FAILURE() << "a file of " << bytes.size() << " bytes is salvaged";
+    } catch (const qvdb::Error& error) {
+      EXPECT_EQ(error.reason(), qvdb::Reason::not_a_database) << error.what();
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
   }
 }
 

@@ -1,6 +1,8 @@
 // qvdb salvage, history and undelete
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "support/sanitized.h"
 #include "tool/tool_fixture.h"
 
@@ -164,6 +166,11 @@ TEST_F(ToolSalvage, WritesOverNothingAndSaysWhatIsWrong) {
   fails({"salvage", "test.qvd", "here"}, 1, {"here", "exists", "another name for the new file"});
   EXPECT_EQ(readFile(path("here")), bytesOf("here"));
   fails({"salvage", "absent", "new.qvd"}, 1, {"absent", "no such file"});
+  for (const char* text : {"", "QVdb", "a file that is longer than a header, but is none"}) {
+    writeFile(path("text"), bytesOf(text));
+    fails({"salvage", "text", "new.qvd"}, 1, {"text", "no table and no record"});
+    EXPECT_FALSE(std::filesystem::exists(path("new.qvd"))) << text;
+  }
   fails({"salvage", "--grade", "D", "test.qvd", "new.qvd"}, 2, {"--grade"});
   fails({"salvage", "--from", "there", "test.qvd", "new.qvd"}, 2, {"--from"});
   fails({"salvage", "test.qvd"}, 2, {"DST"});

@@ -131,8 +131,8 @@ struct StoredDatabase {
 // Throws Error: for the source no_such_file, not_a_file, access_denied, cannot_open and, when it
 // changes meanwhile, in_use; for the target file_exists, access_denied, cannot_open, cannot_write,
 // disk_full; path_not_reachable. file_exists also for a file in `deep_to` or `extract_to`: then
-// nothing is written. What was written is removed, also when the visitor throws. Finding nothing is
-// no error.
+// nothing is written. not_a_database when no block and no table is found, and the source does not
+// begin as a database does. What was written is removed, also when the visitor throws.
 QVDBASE_API SalvageReport salvage(const std::filesystem::path& source,
                                   const std::filesystem::path& target,
                                   const BlockVisitor& visitor = {},

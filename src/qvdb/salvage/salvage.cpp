@@ -2,6 +2,7 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/salvage.hpp>
 
+#include <cctype>
 #include <functional>
 #include <optional>
 #include <utility>
@@ -124,8 +125,17 @@ constexpr const char* kOperation = "salvage the database";
 // Called when everything is written, and before the new file gets its name.
 using LastLook = std::function<void(SalvageReport*)>;
 
-SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path& target,
-                            const BlockVisitor& visitor, const SalvageOptions& options,
+// A database without tables is something, as long as it can be seen to be one.
+bool holdsNothing(const qvdbase::raw::Survey& survey) {
+  const auto& signature = survey.header.fields.signature;
+  const bool beginsAsDatabase =
+      survey.headerThere && std::toupper(signature[0]) == 'Q' && std::toupper(signature[1]) == 'V';
+  return survey.blocks.empty() && survey.tables.empty() && !beginsAsDatabase;
+}
+
+SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path& name,
+                            const std::filesystem::path& target, const BlockVisitor& visitor,
+                            const SalvageOptions& options,
                             const qvdbase::platform::FileAccess* access, const LastLook& lastLook) {
   constexpr std::int64_t kMostMissing = std::int64_t{1} << 62;
   if (options.from < -kMostMissing) {
@@ -138,6 +148,10 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
       source, {.deep = isDeep, .ignoreDirectory = options.ignore_directory});
   std::optional<StoredDatabases> stored;
   if (isDeep) stored.emplace(source, survey, options, access);
+  if (holdsNothing(survey) && (!stored || stored->isEmpty())) {
+    detail::throwError(name, kOperation, Reason::not_a_database,
+                       "it holds no table and no record, and does not begin as a database does");
+  }
   Run run(source, survey, target, visitor, options, access);
   // The new file comes last: it appears when all that was asked for is there.
   if (stored) stored->salvage(&run.report());
@@ -157,12 +171,13 @@ SalvageReport salvage(const std::filesystem::path& source, const std::filesystem
   const LastLook lastLook = [&](SalvageReport* report) {
     qvdbase::salvage::lookAtSourceAgain(file, source, kOperation, report);
   };
-  return salvageSource(file.source(), target, visitor, options, &access, lastLook);
+  return salvageSource(file.source(), source, target, visitor, options, &access, lastLook);
 }
 
 SalvageReport salvage_image(std::span<const std::byte> image, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options) {
-  return salvageSource(qvdbase::raw::MemorySource(image), target, visitor, options, nullptr, {});
+  return salvageSource(qvdbase::raw::MemorySource(image), "the image", target, visitor, options,
+                       nullptr, {});
 }
 
 std::string_view to_string(BlockLabel label) noexcept {

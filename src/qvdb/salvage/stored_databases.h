@@ -19,6 +19,8 @@ class StoredDatabases {
   StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
                   const qvdb::SalvageOptions& options, const platform::FileAccess* access);
 
+  bool isEmpty() const { return places_.empty(); }
+
   // Salvages each into a file of its own, and tells of it in the report. The files go with the
   // object, unless they are to be kept. Throws qvdb::Error.
   void salvage(qvdb::SalvageReport* report);
