@@ -342,12 +342,26 @@ TEST_F(Products, ThatAreDatabasesHaveTheAttributesOfTheirSource) {
   ASSERT_EQ(::chmod(source().c_str(), 0600), 0);
   qvdb::compact(source());
   EXPECT_EQ(attribute(source(), "user.note"), "from last year");
+  fs::copy_file(source(), target());
+  ASSERT_TRUE(setAttribute(target(), "user.note", "of the one that is replaced"));
   {
-    qvdb::OutputFile file(source(), source(), {.overwrite = true});
+    qvdb::OutputFile file(target(), source(), {.overwrite = true});
     file.place();
   }
-  EXPECT_EQ(attribute(source(), "user.note"), "from last year");
-  EXPECT_EQ(fileSize(kSource), 0u);
+  EXPECT_EQ(attribute(target(), "user.note"), "of the one that is replaced");
+  EXPECT_EQ(fileSize(kTarget), 0u);
+}
+
+// A payload in the place of its database would be all that is left of it.
+TEST_F(Products, DoNotReplaceTheirSource) {
+  fs::create_symlink(source(), path("link"));
+  const Bytes before = contents(kSource);
+  for (const fs::path& same : {source(), path("link")}) {
+    const std::string message = expectError(
+        Reason::bad_argument, [&] { qvdb::OutputFile(same, source(), {.overwrite = true}); });
+    EXPECT_NE(message.find("the database itself"), std::string::npos) << message;
+  }
+  EXPECT_EQ(contents(kSource), before);
 }
 
 TEST_F(Products, AreNotMadeWhenAttributesCannotBeKept) {
