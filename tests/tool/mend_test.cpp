@@ -75,6 +75,39 @@ TEST_F(ToolMend, LinksOrDiscardsWhatWasNeverLinked) {
   EXPECT_EQ(done({"get", kDefaultFile, "notes", "0xa2"}), "second");
 }
 
+// The process of an appender is killed: its blocks name each other, and nothing else names them.
+TEST_F(ToolMend, LinksOrDiscardsABatchThatWasNeverLinked) {
+  constexpr std::uint64_t kRecords = 3000;
+  enum class Last { whole, torn, followed };
+  for (const Last last : {Last::whole, Last::torn, Last::followed}) {
+    FileImage image;
+    const std::size_t table = image.addTable("notes", 0x11);
+    const std::size_t other = image.addTable("others", 0x22);
+    const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+    for (std::uint64_t i = 1; i < kRecords; ++i) {
+      image.addRecord(table, 0xA1 + i, bytesOf("more"));
+    }
+    if (last == Last::followed) image.addRecord(other, 0xB1, bytesOf("later"));
+    SlotFields& slot = image.slot(table);
+    slot.recordCount = slot.recordWriteCount = 1;
+    slot.lastRecordPos = slot.lastWrittenRecordPos = first;
+    image.record(first).nextRecordPos = 0;
+    const Bytes whole = image.build();
+    const Bytes bytes = last == Last::torn ? whole.cut(whole.size() - 3) : whole;
+    const std::uint64_t added = kRecords - (last == Last::torn ? 2 : 1);
+    writeFile(path(), bytes);
+    fails({"compact", kDefaultFile}, 1,
+          {std::to_string(added) + " records would be lost", "cut off", "0x00000000000000a2"});
+    done({"mend", "--discard", kDefaultFile});
+    EXPECT_EQ(database().tables.at(0).records.size(), 1u);
+    done({"compact", kDefaultFile});
+    writeFile(path(), bytes);
+    done({"mend", "--link", kDefaultFile});
+    EXPECT_EQ(database().tables.at(0).records.size(), 1 + added);
+    done({"compact", kDefaultFile});
+  }
+}
+
 TEST_F(ToolMend, RefusesOtherDamageAndChangesNothing) {
   FileImage image;
   const std::size_t table = image.addTable("notes", 0x11);

@@ -183,6 +183,8 @@ class Planner {
       if (each.label != Label::unlinked) continue;
       ++fields->recordWriteCount;
       noteGone(each);
+      // The records of a batch name each other, as those of a chain that was broken do.
+      if (each.next != 0) writeLink(each.position + record::kNextRecordPos, 0);
       plan_.steps.push_back(nameOf(table) + "the record at " + std::to_string(each.position) +
                             ", which was never linked, counts as deleted");
     }

@@ -4,6 +4,10 @@
 // that its neighbours no longer name was taken out (whoever unlinks a block relinks its neighbours
 // first), while one that they still name belongs to a chain that was broken elsewhere.
 //
+// A batch of records that was cut off before it was linked is the exception: its blocks name each
+// other. Of a chain that is whole without them, the count of records that were ever written says
+// whether they were part of it.
+//
 // The blocks of one record stand in the file in the order in which they were written. Of a record
 // that no chain holds, the last whole block is its last version.
 #include <algorithm>
@@ -38,6 +42,7 @@ class Labeller {
       if (each.isReached() || askNeighbours(each) == Evidence::agree) hasChain_[each.owner] = true;
     }
     undecided_.assign(survey_.owners.size(), {});
+    apart_.assign(survey_.owners.size(), {});
     for (size_t begin = 0; begin < records.size();) {
       size_t end = begin + 1;
       while (end < records.size() && isSameRecord(records[begin], records[end])) ++end;
@@ -116,6 +121,8 @@ class Labeller {
                         (last.flaws & (kBeyondEnd | kCutShort | kNoEndMark)) != 0;
     if (evidence == Evidence::agree || (evidence == Evidence::none && !isChainSound(last.owner))) {
       last.label = isTorn && evidence == Evidence::none ? Label::unlinked : Label::detached;
+      const bool isWhole = last.grade == Grade::a;
+      if (isWhole && isChainSound(last.owner)) apart_[last.owner].push_back(number);
     } else if (isTorn) {
       last.label = Label::unlinked;
     } else {
@@ -176,13 +183,18 @@ class Labeller {
   // was written and never linked. The slot knows how many records were ever counted.
   void decide(uint32_t owner) {
     const int slot = survey_.owners[owner].slot;
-    if (slot == kNoSlot || undecided_[owner].empty()) return;
+    const std::vector<uint32_t>& undecided = undecided_[owner];
+    const std::vector<uint32_t>& apart = apart_[owner];
+    if (slot == kNoSlot || undecided.size() + apart.size() == 0) return;
     const uint32_t counted = survey_.slots[static_cast<size_t>(slot)].fields.recordWriteCount;
     if (distinct_[owner] <= counted) return;
-    const bool all = distinct_[owner] - counted >= undecided_[owner].size();
-    for (const uint32_t number : undecided_[owner]) {
+    const uint64_t neverCounted = distinct_[owner] - counted;
+    const bool all = neverCounted >= undecided.size();
+    for (const uint32_t number : undecided) {
       block(number).label = all ? Label::unlinked : Label::deletedOrUnlinked;
     }
+    if (neverCounted < undecided.size() + apart.size()) return;
+    for (const uint32_t number : apart) block(number).label = Label::unlinked;
   }
 
   void countRecords(const std::vector<uint32_t>& records) {
@@ -232,6 +244,7 @@ class Labeller {
   std::vector<bool> hasChain_;                    // whether anything of each owner's chain is left
   std::vector<uint64_t> distinct_;                // records of each owner, counted by identifier
   std::vector<std::vector<uint32_t>> undecided_;  // of each owner
+  std::vector<std::vector<uint32_t>> apart_;  // of each owner: detached from a chain that is whole
 };
 
 }  // namespace
