@@ -1,15 +1,18 @@
-// qvdb::mend works on the file that it has opened and locked, and on no other, and says what the
-// host answered.
+// qvdb::mend works on the file that it has opened and locked, and on no other, says what the host
+// answered, and can be begun again.
 #include <filesystem>
 
 #include "qvdb/layer_fixture.h"
 #include "support/file_image.h"
+#include "support/file_reader.h"
+#include "support/recorded_calls.h"
 #include "support/replaced_calls.h"
 
 namespace qvdbase::test {
 namespace {
 
 namespace fs = std::filesystem;
+using qvdb::CutOffWrites;
 using qvdb::Reason;
 
 // A record that was written and never linked, at the end of the file.
@@ -87,6 +90,58 @@ TEST_F(Mend, SaysWhatTheHostAnsweredWhenALinkCannotBeWritten) {
   ASSERT_TRUE(error);
   EXPECT_EQ(error->reason(), Reason::read_only_file_system) << error->what();
   EXPECT_EQ(error->system_code().value(), EROFS);
+}
+
+// A record that is linked but not counted, a batch that was never linked, a deletion of which one
+// link is written.
+Bytes interrupted() {
+  FileImage image;
+  const std::size_t uncounted = image.addTable("uncounted", 0x11);
+  const std::size_t batch = image.addTable("batch", 0x22);
+  const std::size_t deletion = image.addTable("deletion", 0x33);
+  const std::int64_t first = image.addRecord(uncounted, 0xA1, bytesOf("counted"));
+  image.addRecord(uncounted, 0xA2, bytesOf("not counted"));
+  const std::int64_t kept = image.addRecord(deletion, 0xD1, bytesOf("kept"));
+  image.addRecord(deletion, 0xD2, bytesOf("going"));
+  const std::int64_t last = image.addRecord(batch, 0xB1, bytesOf("counted"));
+  for (std::uint64_t i = 2; i < 6; ++i) image.addRecord(batch, 0xB0 + i, bytesOf("of the batch"));
+  for (const auto& [table, position] : {std::pair{uncounted, first}, std::pair{batch, last}}) {
+    SlotFields& slot = image.slot(table);
+    slot.recordCount = slot.recordWriteCount = 1;
+    slot.lastRecordPos = slot.lastWrittenRecordPos = position;
+  }
+  image.record(last).nextRecordPos = 0;
+  image.record(kept).nextRecordPos = 0;
+  return image.build();
+}
+
+TEST_F(Mend, StoppedBeforeAnyOfItsWritesCanBeBegunAgain) {
+  for (const auto& [cutOff, ofBatch] :
+       {std::pair{CutOffWrites::keep, 1u}, std::pair{CutOffWrites::link, 5u},
+        std::pair{CutOffWrites::discard, 1u}}) {
+    bool isStopped = true;
+    int step = 0;
+    for (; isStopped; ++step) {
+      SCOPED_TRACE(step);
+      writeFile(path(), interrupted());
+      RecordedCalls host;
+      host.failFrom(Call::write, step);
+      try {
+        qvdb::mend(path(), {.cut_off = cutOff});
+        isStopped = false;
+      } catch (const qvdb::Error& error) {
+        EXPECT_EQ(error.reason(), qvdb::Reason::cannot_write) << error.what();
+      }
+      host.heal();
+      qvdb::mend(path(), {.cut_off = cutOff});
+      EXPECT_EQ(qvdb::check(path()).errors, 0u);
+      const ReadDatabase mended = readDatabase(contents());
+      EXPECT_EQ(mended.tables.at(0).records.size(), 2u);
+      EXPECT_EQ(mended.tables.at(1).records.size(), ofBatch);
+      EXPECT_EQ(mended.tables.at(2).records.size(), 1u);
+    }
+    EXPECT_GT(step, 2);
+  }
 }
 
 }  // namespace
