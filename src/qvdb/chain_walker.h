@@ -64,7 +64,7 @@ class ChainWalker {
 
  private:
   static constexpr const char* kNoRecord =
-      "the chain leads to a place where no record of this table stands";
+      "the chain leads to a place where there is no record of this table";
 
   // Begins a step: says whether a record is to stand at nextPosition().
   Step arrive() {

@@ -217,8 +217,9 @@ TEST_F(ToolHistory, UndeleteBringsARecordBack) {
 TEST_F(ToolHistory, UndeleteSaysWhenSomebodyWritesToTheSource) {
   EXPECT_EQ(done({"undelete", "test.qvd", "alone.qvd", "notes", ids[1]}), "");
   const std::int16_t db = open();
-  EXPECT_EQ(done({"undelete", "test.qvd", "beside.qvd", "notes", ids[1]}),
-            "Somebody has the source open for writing: do it again when nobody does.\n");
+  EXPECT_EQ(
+      done({"undelete", "test.qvd", "beside.qvd", "notes", ids[1]}),
+      "Another process has the source open for writing: repeat this when it has closed it.\n");
   close(db);
 }
 

@@ -35,7 +35,7 @@ std::string counted(std::uint64_t count, const char* one, const char* many);
 
 // What was saved from a file may be work in progress of its writer.
 inline constexpr const char* kSourceInUse =
-    "Somebody has the source open for writing: do it again when nobody does.";
+    "Another process has the source open for writing: repeat this when it has closed it.";
 
 }  // namespace qvdb::tool
 
