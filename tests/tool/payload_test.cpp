@@ -203,6 +203,20 @@ TEST_F(ToolPut, StopsAtCtrlCWithNothingStored) {
   EXPECT_EQ(json({"records", "--json", "test.qvd", "notes"})["count"], 0);
 }
 
+// A record that is cut off would get the first bytes of what is appended, to whichever table.
+TEST_F(ToolPut, AddsNothingAfterARecordThatIsCutOff) {
+  notes({bytesOf("first"), bytesOf("last")});
+  done({"add-table", "test.qvd", "other"});
+  allowDamage(kDefaultFile);
+  std::filesystem::resize_file(path(kDefaultFile),
+                               std::filesystem::file_size(path(kDefaultFile)) - 1);
+  const Bytes before = readFile(path(kDefaultFile));
+  for (const char* table : {"notes", "other"}) {
+    fails({"put", kDefaultFile, table}, 1, {"notes", "beyond the end of the file"}, "x");
+    EXPECT_TRUE(sameBytes(readFile(path(kDefaultFile)), before));
+  }
+}
+
 // ---- set
 
 TEST_F(ToolSet, ReplacesThePayload) {

@@ -171,6 +171,8 @@ QVDBASE_API Database open_checked(const std::filesystem::path& path, Mode mode =
 
 // Looks at the ends of one table's chain as open_checked() does, for a database that is open:
 // before the table is written to. What an interrupted operation has left there, mend() completes.
+// Looks at the other tables, too, for a last record that reaches beyond the end of the file: what
+// is appended would be taken for the bytes that it lacks. Only salvage() helps then.
 //
 // Throws Error with chain_damaged, whose operation() is "write to the table".
 QVDBASE_API void check_ends(const Database& database, Id table);

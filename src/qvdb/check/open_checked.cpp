@@ -48,6 +48,17 @@ class Ends {
     return atLast != nullptr ? atLast : problemAtLastWritten(slot_.lastWrittenRecordPos);
   }
 
+  // What is appended now, to whichever table, would be taken for the bytes that are missing.
+  const char* problemBeyondFile() const {
+    if (slot_.recordCount == 0) return nullptr;
+    const std::optional<recordPart1> head = recordAt(slot_.lastRecordPos);
+    if (!head) return nullptr;
+    const std::int64_t size = qvdbase::kRecordBlockOverhead + std::int64_t{head->dataCapacity};
+    return slot_.lastRecordPos > source_.size() - size
+               ? "its last record reaches beyond the end of the file"
+               : nullptr;
+  }
+
  private:
   const char* problemAtFirst(std::int64_t first) const {
     const std::optional<recordPart1> head = recordAt(first);
@@ -63,6 +74,7 @@ class Ends {
     const std::optional<recordPart1> head = recordAt(last);
     if (!head) return "its last record is not where it should be";
     if (head->nextRecordPos != 0) return "something follows its last record: an append was cut off";
+    if (const char* problem = problemBeyondFile()) return problem;
     if (head->prevRecordPos == 0) return nullptr;
     const std::optional<recordPart1> before = recordAt(head->prevRecordPos);
     const bool pointsHere = before && before->nextRecordPos == last;
@@ -146,9 +158,10 @@ void check_ends(const Database& database, Id table) {
   qvdbase::raw::readDirectory(file.source(), {}, &survey);
   for (const Slot& slot : survey.slots) {
     if (!slot.counted) break;
-    if (qvdbase::identifierNumber(slot.fields.tableID) != table.value) continue;
-    const char* problem = Ends(file.source(), slot.fields).problem();
-    if (problem == nullptr) return;
+    const Ends ends(file.source(), slot.fields);
+    const bool isAsked = qvdbase::identifierNumber(slot.fields.tableID) == table.value;
+    const char* problem = isAsked ? ends.problem() : ends.problemBeyondFile();
+    if (problem == nullptr) continue;
     fail(database.path(), Reason::chain_damaged, describe(slot, problem),
          qvdbase::raw::nameOf(slot.fields), kWriting);
   }
