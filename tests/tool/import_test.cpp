@@ -334,7 +334,7 @@ TEST_F(ToolImport, ThatCannotBeWrittenToItsEndNamesExactlyWhatIsStored) {
   const Outcome outcome = runProgram(call);
   EXPECT_EQ(outcome.status, 1) << outcome;
   const std::size_t stored = database().tables[0].records.size();
-  expectOneLine(outcome.err, {"test.qvd", "cannot be written",
+  expectOneLine(outcome.err, {"test.qvd", "raise the limit on the size of files",
                               std::to_string(stored) + " files are stored, " +
                                   std::to_string(500 - stored) + " are not"});
   EXPECT_GT(stored, 0u);
