@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <ranges>
 #include <set>
 
 #include "proof/failures.h"
@@ -188,11 +187,15 @@ void discardBatch(Table& notes) {
 
 void appendRangeThatThrows(Table& notes) {
   struct Stop {};
-  const std::vector<int> numbers = {1, 2, 3};
-  const auto payloads = numbers | std::views::transform([](int number) {
-                          if (number == 3) throw Stop();
-                          return payload(200'000);
-                        });
+  static const auto large = payload(200'000);
+  struct Element {
+    int number;
+    operator qvdb::NewRecord() const {
+      if (number == 3) throw Stop();
+      return qvdb::NewRecord(large);
+    }
+  };
+  const std::vector<Element> payloads = {{1}, {2}, {3}};
   try {
     notes.append_all(payloads);
   } catch (const Stop&) {
