@@ -8,6 +8,13 @@
 // searches all other bytes for blocks, works out what each of them was, and writes a new file with
 // records under their old identifiers, with their times and their spare room. The source is only
 // read.
+//
+// A power failure can leave a chain that leads to a block of which only a part reached the device.
+// A block without an end mark, or that extends beyond the file, does not replace an older version
+// of its record that is whole: that one takes its place, and what there is of the newer one goes
+// into the table "lost-and-found". Blocks with the record identifier 0 are always left out, with a
+// note: which record they were is not known, and the older version of a record that moved into one
+// takes its place.
 #ifndef QVDBASE_QVDB_SALVAGE_HPP
 #define QVDBASE_QVDB_SALVAGE_HPP
 

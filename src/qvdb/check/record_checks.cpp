@@ -45,8 +45,8 @@ class RecordChecks {
                       theRecord(block) + " has an identifier with a wrong sum.");
     }
     if (block.flaws & raw::kZeroId) {
-      findings_.warning("R4", about(block, record::kRecordID),
-                        theRecord(block) + " has the identifier zero.");
+      findings_.error("R4", about(block, record::kRecordID),
+                      theRecord(block) + " has the identifier zero.");
     }
     if (block.flaws & raw::kLengthAboveCapacity) {
       findings_.error("R11", about(block, record::kDataLength),

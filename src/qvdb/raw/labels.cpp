@@ -10,6 +10,10 @@
 //
 // The blocks of one record stand in the file in the order in which they were written. Of a record
 // that no chain holds, the last whole block is its last version.
+//
+// A power failure can leave a moved record's links on the device, and of its new block only a part.
+// So a block in a chain replaces an older version only if it is complete: it has an identifier, and
+// its end mark is there.
 #include <algorithm>
 
 #include "qvdb/raw/survey.h"
@@ -37,9 +41,14 @@ class Labeller {
     });
     distinct_.assign(survey_.owners.size(), 0);
     hasChain_.assign(survey_.owners.size(), false);
+    nameless_.assign(survey_.owners.size(), nullptr);
     for (const uint32_t number : records) {
       const Block& each = block(number);
-      if (each.isReached() || askNeighbours(each) == Evidence::agree) hasChain_[each.owner] = true;
+      if (each.recordID == 0) {
+        if (each.isReached()) nameless_[each.owner] = &each;
+      } else if (each.isReached() || askNeighbours(each) == Evidence::agree) {
+        hasChain_[each.owner] = true;
+      }
     }
     undecided_.assign(survey_.owners.size(), {});
     apart_.assign(survey_.owners.size(), {});
@@ -63,25 +72,60 @@ class Labeller {
 
   // All blocks of one record, in file order.
   void labelVersions(const uint32_t* versions, size_t count) {
-    const Block* live = nullptr;
-    bool isWhole = false;
-    for (size_t i = 0; i < count; ++i) {
-      const Block& each = block(versions[i]);
-      isWhole |= each.isReached() || each.grade == Grade::a;
-      if (each.reach & kForward) live = &each;
-    }
-    for (size_t i = 0; i < count && live == nullptr; ++i) {
-      if (block(versions[i]).reach & kBackward) live = &block(versions[i]);
-    }
-    if (isWhole) ++distinct_[block(versions[0]).owner];
+    const bool isWhole = std::any_of(versions, versions + count, [&](uint32_t number) {
+      return block(number).isReached() || block(number).grade == Grade::a;
+    });
+    const bool isNameless = block(versions[0]).recordID == 0;
+    if (isWhole && !isNameless) ++distinct_[block(versions[0]).owner];
+    const Block* const live = liveVersion(versions, count, isNameless);
     for (size_t i = 0; i < count; ++i) labelBeside(live, &block(versions[i]));
     if (live == nullptr) labelUnreached(versions, count);
   }
 
-  // A version of a record that the chain holds in the block `live`.
+  // The block that holds the record: what the walk from the front reaches comes before what only
+  // the walk from the back does. Null where neither reaches any.
+  const Block* liveVersion(const uint32_t* versions, size_t count, bool isNameless) {
+    const Block* reached = nullptr;
+    const Block* complete = nullptr;
+    for (const Reach direction : {kBackward, kForward}) {
+      const Block* first = nullptr;
+      const Block* firstComplete = nullptr;
+      for (size_t i = 0; i < count; ++i) {
+        const Block& each = block(versions[i]);
+        if (!(each.reach & direction)) continue;
+        if (first == nullptr || direction == kForward) first = &each;
+        if (hasOpenEnd(each)) continue;
+        if (firstComplete == nullptr || direction == kForward) firstComplete = &each;
+      }
+      if (first != nullptr) reached = first;
+      if (firstComplete != nullptr) complete = firstComplete;
+    }
+    if (complete != nullptr) return complete;
+    if (reached == nullptr || isNameless) return reached;
+    const Block* const older = wholeVersionBefore(*reached, versions, count);
+    return older != nullptr ? older : reached;
+  }
+
+  const Block* wholeVersionBefore(const Block& open, const uint32_t* versions, size_t count) {
+    const Block* older = nullptr;
+    for (size_t i = 0; i < count && block(versions[i]).position < open.position; ++i) {
+      const Block& each = block(versions[i]);
+      if (!each.isReached() && each.grade == Grade::a) older = &each;
+    }
+    return older;
+  }
+
+  static bool hasOpenEnd(const Block& asked) {
+    return (asked.flaws & (kBeyondEnd | kNoEndMark)) != 0;
+  }
+
+  // A version of a record that the block `live` holds.
   static void labelBeside(const Block* live, Block* version) {
     if (live == nullptr) return;
-    if (version == live || (version->reach & kForward)) {
+    const bool isComplete = version->recordID == 0 || !hasOpenEnd(*version);
+    if (version == live) {
+      version->label = version->isReached() ? Label::live : Label::detached;
+    } else if ((version->reach & kForward) && (isComplete || hasOpenEnd(*live))) {
       version->label = Label::live;
     } else if (version->reach & kUncounted) {
       version->label = Label::unlinked;
@@ -116,7 +160,11 @@ class Labeller {
     Evidence evidence = askNeighbours(last);
     // A block without neighbours is its table's only record or none at all.
     const bool standsAlone = last.prev == 0 && last.next == 0;
-    if (standsAlone && hasChain_[last.owner]) evidence = Evidence::disagree;
+    if (standsAlone && hasChain_[last.owner]) {
+      evidence = Evidence::disagree;
+    } else if (standsAlone && mayHaveReplaced(nameless_[last.owner], last)) {
+      evidence = Evidence::agree;
+    }
     const bool isTorn = last.grade != Grade::a && last.next == 0 &&
                         (last.flaws & (kBeyondEnd | kCutShort | kNoEndMark)) != 0;
     if (evidence == Evidence::agree || (evidence == Evidence::none && !isChainSound(last.owner))) {
@@ -138,6 +186,14 @@ class Labeller {
            block(number).owner == owner;
   }
 
+  // Whether the block in a chain, which has no identifier, may be the moved record of the other: a
+  // record keeps the time of its creation, as far as that reached the device.
+  static bool mayHaveReplaced(const Block* nameless, const Block& older) {
+    if (nameless == nullptr || nameless->recordID != 0 || older.recordID == 0) return false;
+    return nameless->isReached() && nameless->position > older.position &&
+           (nameless->createTime == 0 || nameless->createTime == older.createTime);
+  }
+
   Evidence askNeighbours(const Block& asked) {
     bool isTakenOut = false;
     bool isCutOff = false;
@@ -146,9 +202,11 @@ class Labeller {
     const auto ask = [&](int64_t position, int64_t Block::*link, int64_t beyond) {
       if (!isRecordOf(asked.owner, position)) return;
       const int64_t named = block(survey_.byPosition.find(position)).*link;
+      const bool isReplaced = isRecordOf(asked.owner, named) &&
+                              mayHaveReplaced(&block(survey_.byPosition.find(named)), asked);
       // A neighbour that names a block which is not there proves nothing: a move may have been
       // lost. Unless it names what lies beyond: then the block was taken out in between.
-      if (named == asked.position) {
+      if (named == asked.position || isReplaced) {
         isNamed = true;
       } else if (named == 0) {
         isCutOff = true;
@@ -205,7 +263,7 @@ class Labeller {
       const bool counts = each.label == Label::live || (isMissing && each.grade == Grade::a);
       const bool isCounted =
           counted != nullptr && counted->owner == each.owner && counted->recordID == each.recordID;
-      if (!counts || isCounted) continue;
+      if (!counts || isCounted || each.recordID == 0) continue;
       ++survey_.owners[each.owner].records;
       counted = &each;
     }
@@ -241,8 +299,9 @@ class Labeller {
   }
 
   Survey& survey_;
-  std::vector<bool> hasChain_;                    // whether anything of each owner's chain is left
-  std::vector<uint64_t> distinct_;                // records of each owner, counted by identifier
+  std::vector<bool> hasChain_;          // whether anything of each owner's chain is left
+  std::vector<const Block*> nameless_;  // of each owner, one in its chain with identifier 0
+  std::vector<uint64_t> distinct_;      // records of each owner, counted by identifier
   std::vector<std::vector<uint32_t>> undecided_;  // of each owner
   std::vector<std::vector<uint32_t>> apart_;  // of each owner: detached from a chain that is whole
 };

@@ -2,10 +2,11 @@
 //
 // Tables of the directory come first, in its order, each with its chain: what the walk from the
 // front reaches, then pieces that no end leads to, then what only the walk from the back reaches,
-// then records that were never counted. A table whose own identifier was damaged takes the one that
-// the blocks behind its positions carry; one whose damaged identifier is another table's takes a
-// new one. Blocks of unknown tables make tables of their own. What is no part of its table any more
-// goes to "lost-and-found".
+// then records that were never counted. Where a chain leads to a block that does not count, since
+// it is a record's torn new version or has no identifier, the older version takes its place. A
+// table whose own identifier was damaged takes the one that the blocks behind its positions carry;
+// one whose damaged identifier is another table's takes a new one. Blocks of unknown tables make
+// tables of their own. What is no part of its table any more goes to "lost-and-found".
 #include "qvdb/salvage/plan.h"
 
 #include <algorithm>
@@ -40,6 +41,40 @@ tablePart1 newSlot(const std::string& name, const unsigned char* id) {
   return slot;
 }
 
+// The members of a table that take the place of blocks which do not count: found by the identifier
+// or, where the block has none, by the links, which a moved record takes along.
+class OlderVersions {
+ public:
+  OlderVersions(const Survey& survey, const std::vector<uint32_t>& members) : survey_(survey) {
+    for (const uint32_t number : members) {
+      const Block& each = survey.blocks[number];
+      if (each.reach & raw::kForward) continue;
+      byRecord_[each.recordID] = number;
+      if (each.next != 0) byNext_[each.next] = number;
+      byPrev_[each.prev] = number;
+    }
+  }
+
+  uint32_t instead(uint32_t number) const {
+    const Block& asked = survey_.blocks[number];
+    if (asked.recordID != 0) return found(byRecord_, asked.recordID);
+    const uint32_t sameNext = found(byNext_, asked.next);
+    return sameNext != raw::kNoBlock ? sameNext : found(byPrev_, asked.prev);
+  }
+
+ private:
+  template <typename Key>
+  static uint32_t found(const std::map<Key, uint32_t>& numbers, Key key) {
+    const auto place = numbers.find(key);
+    return place == numbers.end() ? raw::kNoBlock : place->second;
+  }
+
+  const Survey& survey_;
+  std::map<uint64_t, uint32_t> byRecord_;
+  std::map<int64_t, uint32_t> byNext_;
+  std::map<int64_t, uint32_t> byPrev_;
+};
+
 class Planner {
  public:
   Planner(const Survey& survey, const qvdb::SalvageOptions& options, const Wanted& wanted)
@@ -52,6 +87,10 @@ class Planner {
     plan_.destination.assign(survey_.blocks.size(), -1);
     planHeader();
     groupBlocks();
+    if (nameless_ > 0) {
+      note("Left out: " + std::to_string(nameless_) +
+           (nameless_ == 1 ? " record block" : " record blocks") + " with the identifier 0.");
+    }
     adoptOwners();
     for (const Table& table : survey_.tables) planTable(table);
     planOrphans();
@@ -147,6 +186,10 @@ class Planner {
     groups_.resize(survey_.owners.size());
     for (const uint32_t number : raw::blocksInFileOrder(survey_)) {
       const Block& each = block(number);
+      if (isNameless(each)) {
+        ++nameless_;
+        continue;
+      }
       Group& group = groups_[each.owner];
       if (number == replaced_) {
         group.members.push_back(number);  // add() puts the wanted one there
@@ -160,6 +203,12 @@ class Planner {
         placeRecord(number, each, &group);
       }
     }
+  }
+
+  // No record has the identifier 0: such a block was torn or damaged, and what it is a version of
+  // is not known.
+  static bool isNameless(const Block& each) {
+    return each.kind == BlockKind::record && each.recordID == 0;
   }
 
   static void placeWanted(uint32_t number, const Block& each, Group* group) {
@@ -291,7 +340,12 @@ class Planner {
       isMember[number] = false;
       chain.push_back(number);
     };
-    for (const uint32_t number : table.forward.blocks) take(number);
+    const OlderVersions older(survey_, group.members);
+    const auto takeOrReplace = [&](uint32_t number) {
+      if (!isMember[number]) number = older.instead(number);
+      if (number != raw::kNoBlock) take(number);
+    };
+    for (const uint32_t number : table.forward.blocks) takeOrReplace(number);
 
     std::vector<uint32_t> detached;
     for (const uint32_t number : group.members) {
@@ -299,7 +353,7 @@ class Planner {
     }
     for (const uint32_t number : inLinkOrder(survey_, detached)) take(number);
     const std::vector<uint32_t>& backward = table.backward.blocks;
-    std::for_each(backward.rbegin(), backward.rend(), take);
+    std::for_each(backward.rbegin(), backward.rend(), takeOrReplace);
     for (const uint32_t number : group.members) take(number);
     chain.insert(chain.end(), group.unlinked.begin(), group.unlinked.end());
     return chain;
@@ -380,6 +434,7 @@ class Planner {
   std::map<int, uint32_t> owners_;  // of each slot, after adoption
   std::set<uint64_t> given_;        // identifiers of tables that have been planned
   std::vector<uint32_t> strays_;
+  uint64_t nameless_ = 0;  // record blocks with the identifier 0
 };
 
 qvdb::BlockLabel publicLabel(Label label) {
