@@ -21,7 +21,7 @@ class Completer {
         back_(table.backward.blocks.rbegin(), table.backward.blocks.rend()),
         forwardIsWhole_(table.forward.end == WalkEnd::complete),
         backIsWhole_(table.backward.end == WalkEnd::complete),
-        name_("'" + raw::nameOf(slot_) + "'") {}
+        name_(raw::nameOf(slot_)) {}
 
   Completion run() {
     decide();
@@ -39,9 +39,9 @@ class Completer {
   size_t count() const { return slot_.recordCount; }
 
   void refuse(const std::string& why) {
-    if (result_.refusal.empty()) result_.refusal = "table " + name_ + ": " + why;
+    if (result_.refusal.empty()) result_.refusal = "table '" + name_ + "': " + why;
   }
-  void step(std::string what) { result_.steps.push_back("table " + name_ + ": " + what); }
+  void step(std::string what) { result_.steps.push_back("table '" + name_ + "': " + what); }
 
   bool endsAtLast(const Chain& chain) const {
     return !chain.empty() && positionOf(chain.back()) == slot_.lastRecordPos;
