@@ -97,7 +97,7 @@ void RecordBatch::noteAdded(int64_t blockPos) {
   added_.count += 1;
 }
 
-// Makes a whole block of the payload that is in its place behind the blocks of the piece.
+// Makes a whole block of the payload that is in its place after the blocks of the piece.
 void RecordBatch::completeInPiece(const recordPart1& header) {
   const int64_t blockPos = piecePos_ + pieceUsed_;
   if (pieceUsed_ > 0) putNextRecordPos(piece_.data() + lastInPiece_, blockPos);

@@ -93,7 +93,7 @@ class RecordBatch {
     uint32_t reserve;
     int64_t blockPos;
     uint32_t length;   // of the payload so far
-    uint32_t inPiece;  // bytes of it in memory, behind the blocks of the piece
+    uint32_t inPiece;  // bytes of it in memory, after the blocks of the piece
   };
 
   [[nodiscard]] bool canAdd(int64_t blockSize) const;

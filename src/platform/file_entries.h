@@ -56,7 +56,7 @@ FileEntry* findEntry(dev_t device, ino_t inode);
 // descriptor (one for writing unless `sharing` is none), the lock. A file that is locked then still
 // is the one of that name: where another has taken its place between opening and locking, the
 // opening begins again, a limited number of times. Returns null, and changes nothing, when one of
-// these cannot be had.
+// these cannot be obtained.
 FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing sharing);
 
 // The entry of a file that this process has just made, with an exclusive opener. Takes over the

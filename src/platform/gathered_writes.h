@@ -87,7 +87,7 @@ inline void gatherWrite(OpenFile& file, const void* buffer, size_t count, uint32
   pending.writes[pending.writeCount++] = {begin, pending.length, readBefore};
 }
 
-// Takes in bytes that nobody writes, between two writes. There are pending bytes before them, and
+// Takes in bytes that no call writes, between two writes. There are pending bytes before them, and
 // canGather holds for them and the write after them together, which must follow.
 inline void gatherUnchanged(const void* bytes, size_t count) {
   detail::PendingRun& pending = detail::pending;

@@ -1,5 +1,5 @@
 // A folder of our own beside the place of a new file, for routines that make a file by its path:
-// nobody else can put anything under that path, or read what is there.
+// no other user can put anything under that path, or read what is there.
 #ifndef QVDBASE_PLATFORM_PRIVATE_FOLDER_H
 #define QVDBASE_PLATFORM_PRIVATE_FOLDER_H
 

@@ -111,9 +111,9 @@ size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
 }
 
 // Gathers the bytes between two fields of one header, so that the fields reach the host as one
-// write. Only where nobody else can have changed them since they were read: of files that other
-// processes write to as well, each field is written by itself. And only where the second field
-// joins them: a run that the host refuses ends with a field.
+// write. Only where no other process can have changed them since they were read: of files that
+// other processes write to as well, each field is written by itself. And only where the second
+// field joins them: a run that the host refuses ends with a field.
 void gatherGap(const OpenFile& file, uint32_t gap, uint32_t count) {
   if (file.sharing != Sharing::exclusive || ScopeAccess::failed() || count == 0) return;
   if (!continuesPending(file) || !canGather(file, size_t{gap} + count)) return;

@@ -62,7 +62,7 @@ Cause causeOf(WriteObstacle obstacle) {
   return {Reason::cannot_write, "the file cannot be written"};
 }
 
-// What the system says stands for itself only where no reason of ours says it.
+// What the system says is the reason only where no reason of ours says it.
 std::string withSystemsWord(const Cause& cause, const std::error_code& code) {
   const bool isGeneral =
       cause.reason == Reason::cannot_open || cause.reason == Reason::cannot_write;

@@ -11,7 +11,7 @@
 
 namespace qvdbase {
 
-// Two numbers that nobody outside of this process knows; drawn at the first call.
+// Two numbers that no other process knows; drawn at the first call.
 struct HashSeed {
   uint64_t before;
   uint64_t between;

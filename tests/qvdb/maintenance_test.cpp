@@ -157,7 +157,7 @@ TEST_F(WholeFile, LetTheCancellationOfTheirThreadPass) {
     EXPECT_EQ(result, PTHREAD_CANCELED);
     EXPECT_EQ(names(), std::vector<std::string>{kSource});
     expectWritesReachTheFile();
-    qvdb::Database::open(path(kSource), qvdb::Mode::exclusive);  // nobody has it open
+    qvdb::Database::open(path(kSource), qvdb::Mode::exclusive);  // no other opener is left
   }
 }
 

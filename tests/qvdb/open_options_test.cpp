@@ -70,7 +70,7 @@ TEST_F(LayerOpen, LooksAtTheEndsOfTheChainsWhenAskedTo) {
   EXPECT_EQ(error->table(), "notes");
 }
 
-// The clock stands; each pause moves it on. So nothing here depends on time that passes.
+// The clock stands still, and each pause advances it. So nothing here depends on time that passes.
 class PatientHost {
  public:
   PatientHost() {

@@ -109,7 +109,7 @@ TEST(SalvageOfIncompleteBlocks, BringsNoDeletedRecordBack) {
   FileImage image;
   const std::size_t table = image.addTable("notes", kTable);
   const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
-  RecordFields deleted;  // it was the last one, behind the first
+  RecordFields deleted;  // it was the last one, after the first
   deleted.tableID = identifier(kTable);
   deleted.recordID = identifier(0xA2);
   deleted.createTime = deleted.modifyTime = 900;

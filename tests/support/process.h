@@ -26,7 +26,7 @@ struct ProgramCall {
   std::filesystem::path folder;  // where it runs; empty: here
   Terminal terminal = Terminal::none;
   unsigned short terminalColumns = 0;  // its width; 0: it tells none
-  bool closesOutput = false;           // nobody reads its standard output
+  bool closesOutput = false;           // no process reads its standard output
   std::set<int> closedStreams;         // standard streams, 0 to 2, that it is started without
   std::string inputFile;               // standard input is this file instead
   std::string outputFile;              // standard output goes to this file instead

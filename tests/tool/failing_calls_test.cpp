@@ -4,7 +4,7 @@
 //
 //   - a command that reports success has had its whole effect;
 //   - one that does not ends with a message, not with an exception of another kind;
-//   - what it only reads is as it was, and every record that was there before can still be had;
+//   - what it only reads is as it was, and every record that was there before can still be read;
 //   - a file under the name that was asked for is whole;
 //   - no file of the library stays open.
 //

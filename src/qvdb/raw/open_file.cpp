@@ -77,7 +77,7 @@ void OpenedFile::begin(const std::filesystem::path& path, const char* operation)
   watched_ = firstBytes(*source_, kWatchedSize);
 }
 
-// Devices belong to a group of the system's, which is nobody's in particular.
+// Devices belong to a group of the system's, not to one of its users.
 platform::FileAccess OpenedFile::access(const std::filesystem::path& path,
                                         const char* operation) const {
   platform::FileAccess access;

@@ -4,7 +4,7 @@
 // front reaches, then pieces that no end leads to, then what only the walk from the back reaches,
 // then records that were never counted. Where a chain leads to a block that does not count, since
 // it is a record's torn new version or has no identifier, the older version takes its place. A
-// table whose own identifier was damaged takes the one that the blocks behind its positions carry;
+// table whose own identifier was damaged takes the one that the blocks at its positions carry;
 // one whose damaged identifier is another table's takes a new one. Blocks of unknown tables make
 // tables of their own. What is no part of its table any more goes to "lost-and-found".
 #include "qvdb/salvage/plan.h"

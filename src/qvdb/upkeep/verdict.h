@@ -18,7 +18,7 @@ struct Verdict {
   std::uint64_t dataBlocks = 0;  // the same of table data
   std::uint64_t cutOff = 0;      // of the records, those of writes that were cut off
   std::string firstCutOff;       // where the first of these lies
-  std::uint64_t tornBlocks = 0;  // of writes that were cut off: nobody can bring them back
+  std::uint64_t tornBlocks = 0;  // of writes that were cut off: nothing brings them back
   bool grows = false;            // the copy would be larger than the source
 
   bool isClean() const { return errors == 0 && records == 0 && dataBlocks == 0 && !grows; }
