@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "format/layout.h"
-#include "platform/system_calls.h"
+#include "platform/host/system_calls.h"
 
 namespace qvdbase::fuzz {
 

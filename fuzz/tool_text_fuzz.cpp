@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "qvdb/text.h"
+#include "text.h"
 
 namespace {
 

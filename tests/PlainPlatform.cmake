@@ -10,10 +10,11 @@ if(QVDBASE_SANITIZE OR QVDBASE_PLAIN_TRANSFERS OR QVDBASE_PORTABLE_POSIX)
 endif()
 # The other folders read and write files on a way of their own, or not at all, or run the tool; the
 # preset "plain" takes them too.
-set(folders_run_twice cross engine exports files fuzz_replay maintenance model platform proof qvdb)
+set(folders_run_twice cross QVDbase exports support fuzz_replay maintenance model objects platform proof
+    upkeep)
 
 set(plain_sources)
-foreach(name directory file_entries system_calls transfer)
+foreach(name paths/directory handles/file_entries host/system_calls transfer/transfer)
   list(APPEND plain_sources ${PROJECT_SOURCE_DIR}/src/platform/${name}.cpp)
 endforeach()
 add_library(plain_platform OBJECT ${plain_sources})

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 using qvdbase::DirectoryCacheEntry;
 

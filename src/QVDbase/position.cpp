@@ -3,7 +3,7 @@
 
 #include <qvdbase/QVFile.h>
 
-#include "platform/thread_cancelled.h"
+#include "platform/host/thread_cancelled.h"
 
 int qvdbase::detail::seekInOtherMode(int16_t db, int64_t offset, uint32_t mode) {
   return QVFile().QVSeekFile(db, static_cast<uint16_t>(mode), offset) == 1 ? 0 : -1;

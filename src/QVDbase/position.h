@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "platform/transfer.h"
+#include "platform/transfer/transfer.h"
 #include "support/file_transfers.h"
 
 // Where a seek counts from.

@@ -17,7 +17,7 @@
 #include "format/fields.h"
 #include "format/fill.h"
 #include "format/identifiers.h"
-#include "platform/clock.h"
+#include "platform/host/clock.h"
 
 using namespace qvdbase;
 

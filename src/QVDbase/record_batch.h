@@ -16,7 +16,7 @@
 #include "QVDbase/tables.h"
 #include "QVDbase/take_back.h"
 #include "format/layout.h"
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 namespace qvdbase {
 

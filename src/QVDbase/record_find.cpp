@@ -10,7 +10,7 @@
 #include "QVDbase/position.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
-#include "platform/clock.h"
+#include "platform/host/clock.h"
 
 using namespace qvdbase;
 

@@ -9,7 +9,7 @@
 
 #include "QVDbase/position.h"
 #include "format/fields.h"
-#include "platform/clock.h"
+#include "platform/host/clock.h"
 
 using namespace qvdbase;
 

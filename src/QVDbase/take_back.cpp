@@ -5,8 +5,8 @@
 
 #include "QVDbase/position.h"
 #include "format/fields.h"
-#include "platform/cutting.h"
-#include "platform/open_files.h"
+#include "platform/handles/cutting.h"
+#include "platform/handles/open_files.h"
 
 namespace qvdbase {
 namespace {

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "format/fields.h"
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 namespace {
 

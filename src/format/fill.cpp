@@ -5,7 +5,7 @@
 
 #include "format/fields.h"
 #include "format/layout.h"
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 int internal_WriteEmptyDatas(int16_t file, uint32_t count) {
   using qvdbase::kFillChunkSize;

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "format/layout.h"
-#include "platform/clock.h"
+#include "platform/host/clock.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "format/identifiers.h"
 #include "format/layout.h"
 #include "maintenance/file_extent.h"
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 using namespace qvdbase;
 

@@ -6,7 +6,7 @@
 #include "QVDbase/record_modify.h"
 #include "maintenance/category_codec.h"
 #include "maintenance/record_list.h"
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 namespace qvdbase {
 

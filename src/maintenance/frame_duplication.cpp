@@ -12,7 +12,7 @@
 #include "QVDbase/position.h"
 #include "format/Aliment8.h"
 #include "format/fields.h"
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 using namespace qvdbase;
 

@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <unordered_map>
 
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 #include "support/seeded_hash.h"
 
 namespace qvdbase {

@@ -26,7 +26,7 @@
 #include "format/identifiers.h"
 #include "maintenance/table_data_block.h"
 #include "maintenance/visited_records.h"
-#include "platform/thread_cancelled.h"
+#include "platform/host/thread_cancelled.h"
 #include "support/seeded_hash.h"
 
 using namespace qvdbase;

@@ -13,7 +13,7 @@
 #include "maintenance/file_extent.h"
 #include "maintenance/pack_record.h"
 #include "maintenance/table_data_block.h"
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 namespace qvdbase {
 namespace {

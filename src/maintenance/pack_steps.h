@@ -22,7 +22,7 @@
 #include "QVDbase/header.h"
 #include "QVDbase/position.h"
 #include "format/layout.h"
-#include "platform/thread_cancelled.h"
+#include "platform/host/thread_cancelled.h"
 
 namespace qvdbase {
 

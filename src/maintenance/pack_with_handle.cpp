@@ -15,8 +15,8 @@
 #include "format/fields.h"
 #include "format/slot_structure.h"
 #include "maintenance/pack_steps.h"
-#include "platform/memory.h"
-#include "platform/transfer.h"
+#include "platform/host/memory.h"
+#include "platform/transfer/transfer.h"
 
 using namespace qvdbase;
 

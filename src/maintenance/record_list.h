@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "QVDbase/tables.h"
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 namespace qvdbase {
 

@@ -18,7 +18,7 @@
 #include "maintenance/file_extent.h"
 #include "maintenance/id_pairs.h"
 #include "maintenance/pack_steps.h"
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 using namespace qvdbase;
 

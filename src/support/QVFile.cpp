@@ -6,11 +6,11 @@
 #include <qvdbase/QVFile.h>
 #include <qvdbase/QVWString.h>
 
-#include "platform/directory.h"
-#include "platform/file_creation.h"
-#include "platform/open_files.h"
-#include "platform/transfer.h"
-#include "platform/utf8_names.h"
+#include "platform/handles/file_creation.h"
+#include "platform/handles/open_files.h"
+#include "platform/paths/directory.h"
+#include "platform/paths/utf8_names.h"
+#include "platform/transfer/transfer.h"
 #include "support/file_transfers.h"
 
 namespace platform = qvdbase::platform;

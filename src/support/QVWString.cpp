@@ -6,8 +6,8 @@
 
 #include <cstring>
 
-#include "platform/memory.h"
-#include "platform/utf8.h"
+#include "platform/host/memory.h"
+#include "platform/paths/utf8.h"
 #include "support/core_string.h"
 
 namespace {

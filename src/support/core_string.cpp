@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "platform/memory.h"
+#include "platform/host/memory.h"
 
 struct __CFString {
   size_t length;

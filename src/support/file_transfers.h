@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "platform/open_files.h"
-#include "platform/transfer.h"
+#include "platform/handles/open_files.h"
+#include "platform/transfer/transfer.h"
 
 namespace qvdbase {
 

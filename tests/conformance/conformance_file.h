@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "support/bytes.h"
+#include "kit/bytes.h"
 
 namespace qvdbase::test {
 

@@ -10,12 +10,12 @@
 #include <set>
 
 #include "conformance/conformance_file.h"
-#include "qvdb/raw/byte_source.h"
-#include "qvdb/raw/survey.h"
-#include "support/file_fields.h"
-#include "support/file_reader.h"
-#include "support/process.h"
-#include "support/wide.h"
+#include "kit/file_fields.h"
+#include "kit/file_reader.h"
+#include "kit/process.h"
+#include "kit/wide.h"
+#include "recovery/survey/byte_source.h"
+#include "recovery/survey/survey.h"
 
 namespace qvdbase::test {
 namespace {

@@ -16,11 +16,11 @@
 #include <string>
 #include <vector>
 
-#include "check/base_files.h"
-#include "support/file_image.h"
-#include "support/replaced_calls.h"
-#include "support/temp_folder.h"
-#include "support/wide.h"
+#include "kit/file_image.h"
+#include "kit/replaced_calls.h"
+#include "kit/temp_folder.h"
+#include "kit/wide.h"
+#include "recovery/check/base_files.h"
 
 namespace qvdbase::test {
 namespace {

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "support/bytes.h"
-#include "support/file_fields.h"
-#include "support/replaced_calls.h"
+#include "kit/bytes.h"
+#include "kit/file_fields.h"
+#include "kit/replaced_calls.h"
 
 namespace qvdbase::test {
 namespace {

@@ -5,9 +5,9 @@
 
 #include <cstdlib>
 
-#include "support/file_image.h"
-#include "support/file_reader.h"
-#include "support/temp_folder.h"
+#include "kit/file_image.h"
+#include "kit/file_reader.h"
+#include "kit/temp_folder.h"
 
 namespace qvdbase::test {
 namespace {

@@ -13,9 +13,9 @@
 #include <span>
 #include <string>
 
-#include "support/bytes.h"
-#include "support/database_fixture.h"
-#include "support/recorded_calls.h"
+#include "kit/bytes.h"
+#include "kit/database_fixture.h"
+#include "kit/recorded_calls.h"
 
 namespace qvdbase::test {
 namespace {

@@ -12,8 +12,8 @@
 #include <set>
 #include <string>
 
-#include "support/bytes.h"
-#include "support/database_fixture.h"
+#include "kit/bytes.h"
+#include "kit/database_fixture.h"
 
 namespace qvdbase::test {
 namespace {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <memory>
 
-#include "support/maintenance_fixture.h"
+#include "kit/maintenance_fixture.h"
 
 namespace qvdbase::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "support/bytes.h"
+#include "kit/bytes.h"
 
 namespace qvdbase::test {
 namespace {

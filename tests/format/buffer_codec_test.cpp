@@ -4,7 +4,7 @@
 
 #include <array>
 
-#include "support/bytes.h"
+#include "kit/bytes.h"
 
 namespace qvdbase::test {
 namespace {

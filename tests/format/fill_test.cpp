@@ -3,8 +3,8 @@
 
 #include <qvdbase/QVFile.h>
 
-#include "support/database_fixture.h"
-#include "support/fake_host.h"
+#include "kit/database_fixture.h"
+#include "kit/fake_host.h"
 
 namespace qvdbase::test {
 namespace {

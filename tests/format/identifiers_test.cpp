@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <set>
 
-#include "support/bytes.h"
-#include "support/fake_host.h"
+#include "kit/bytes.h"
+#include "kit/fake_host.h"
 
 namespace qvdbase::test {
 namespace {

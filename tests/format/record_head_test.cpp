@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "format/block_heads.h"
-#include "support/bytes.h"
+#include "kit/bytes.h"
 
 namespace qvdbase::test {
 namespace {

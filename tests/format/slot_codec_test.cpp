@@ -7,8 +7,8 @@
 #include <limits>
 
 #include "format/Aliment8.h"
-#include "support/database_fixture.h"
-#include "support/fake_host.h"
+#include "kit/database_fixture.h"
+#include "kit/fake_host.h"
 
 namespace qvdbase::test {
 namespace {

@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "support/bytes.h"
+#include "kit/bytes.h"
 
 using namespace qvdbase::test;
 

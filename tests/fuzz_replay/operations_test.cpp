@@ -6,8 +6,8 @@
 #include <random>
 
 #include "fuzz_replay/replay.h"
-#include "support/random_seed.h"
-#include "support/test_extent.h"
+#include "kit/random_seed.h"
+#include "kit/test_extent.h"
 
 using namespace qvdbase::test;
 

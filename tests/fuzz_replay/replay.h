@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <filesystem>
 
-#include "support/bytes.h"
-#include "support/test_extent.h"
+#include "kit/bytes.h"
+#include "kit/test_extent.h"
 
 namespace qvdbase::test {
 

@@ -4,9 +4,9 @@
 #include <set>
 #include <string>
 
-#include "support/file_checker.h"
-#include "support/file_image.h"
-#include "support/file_reader.h"
+#include "kit/file_checker.h"
+#include "kit/file_image.h"
+#include "kit/file_reader.h"
 
 namespace qvdbase::test {
 namespace {

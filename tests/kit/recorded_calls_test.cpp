@@ -1,5 +1,5 @@
 // The recorder of system calls: what it writes down, and how it makes calls fail.
-#include "support/recorded_calls.h"
+#include "kit/recorded_calls.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "support/temp_folder.h"
+#include "kit/temp_folder.h"
 
 namespace qvdbase::test {
 namespace {

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "support/database_fixture.h"
-#include "support/recorded_calls.h"
+#include "kit/database_fixture.h"
+#include "kit/recorded_calls.h"
 
 namespace qvdbase::test {
 namespace {

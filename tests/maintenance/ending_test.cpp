@@ -7,9 +7,9 @@
 #include <stdexcept>
 
 #include "QVDbase/position.h"
-#include "check/base_files.h"
-#include "support/maintenance_fixture.h"
-#include "support/reaching_writes.h"
+#include "kit/maintenance_fixture.h"
+#include "kit/reaching_writes.h"
+#include "recovery/check/base_files.h"
 
 namespace qvdbase::test {
 namespace {

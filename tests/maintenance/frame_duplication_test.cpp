@@ -1,5 +1,5 @@
 // Frame duplication: its required outcome, which is a failure that leaves an empty file.
-#include "support/maintenance_fixture.h"
+#include "kit/maintenance_fixture.h"
 
 namespace qvdbase::test {
 namespace {

@@ -3,8 +3,8 @@
 
 #include <cerrno>
 
-#include "support/maintenance_fixture.h"
-#include "support/replaced_calls.h"
+#include "kit/maintenance_fixture.h"
+#include "kit/replaced_calls.h"
 
 namespace qvdbase::test {
 namespace {

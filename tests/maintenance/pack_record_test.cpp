@@ -2,7 +2,7 @@
 #include "maintenance/pack_record.h"
 
 #include "format/Aliment8.h"
-#include "support/record_fixture.h"
+#include "kit/record_fixture.h"
 
 namespace qvdbase::test {
 namespace {

@@ -1,5 +1,5 @@
 // Packing into a new file: what arrives there, the order and the numbers of the progress calls.
-#include "support/maintenance_fixture.h"
+#include "kit/maintenance_fixture.h"
 
 namespace qvdbase::test {
 namespace {

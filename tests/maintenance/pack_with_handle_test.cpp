@@ -1,5 +1,5 @@
 // The pack that reports its file numbers: every point in which it differs from the other one.
-#include "support/maintenance_fixture.h"
+#include "kit/maintenance_fixture.h"
 
 namespace qvdbase::test {
 namespace {

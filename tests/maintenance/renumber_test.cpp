@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "support/maintenance_fixture.h"
+#include "kit/maintenance_fixture.h"
 
 namespace qvdbase::test {
 namespace {

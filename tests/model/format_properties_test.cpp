@@ -9,7 +9,7 @@
 
 #include "format/Aliment8.h"
 #include "format/identifiers.h"
-#include "support/file_fields.h"
+#include "kit/file_fields.h"
 
 namespace qvdbase::test {
 namespace {

@@ -11,8 +11,8 @@
 #include <ostream>
 #include <vector>
 
-#include "support/file_image.h"
-#include "support/temp_folder.h"
+#include "kit/file_image.h"
+#include "kit/temp_folder.h"
 
 namespace qvdbase::test {
 namespace {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "support/file_image.h"
+#include "kit/file_image.h"
 
 namespace qvdbase::test {
 

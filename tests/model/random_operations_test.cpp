@@ -22,11 +22,11 @@
 
 #include "QVDbase/position.h"
 #include "QVDbase/record_batch.h"
+#include "kit/fake_host.h"
+#include "kit/file_checker.h"
+#include "kit/file_reader.h"
+#include "kit/temp_folder.h"
 #include "model/model.h"
-#include "support/fake_host.h"
-#include "support/file_checker.h"
-#include "support/file_reader.h"
-#include "support/temp_folder.h"
 
 namespace qvdbase::test {
 namespace {

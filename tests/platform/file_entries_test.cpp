@@ -1,6 +1,6 @@
 // The entries of open files: shared descriptors, and a name that comes to stand for another file
 // between looking and opening.
-#include "platform/file_entries.h"
+#include "platform/handles/file_entries.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,14 +11,14 @@
 #include <filesystem>
 #include <utility>
 
-#include "platform/file_creation.h"
-#include "platform/open_files.h"
-#include "support/bytes.h"
-#include "support/fake_host.h"
-#include "support/open_descriptors.h"
-#include "support/other_process.h"
-#include "support/replaced_calls.h"
-#include "support/temp_folder.h"
+#include "kit/bytes.h"
+#include "kit/fake_host.h"
+#include "kit/open_descriptors.h"
+#include "kit/other_process.h"
+#include "kit/replaced_calls.h"
+#include "kit/temp_folder.h"
+#include "platform/handles/file_creation.h"
+#include "platform/handles/open_files.h"
 
 namespace qvdbase::test {
 namespace {

@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <utility>
 
-#include "platform/clock.h"
-#include "platform/memory.h"
-#include "support/replaced_calls.h"
+#include "kit/replaced_calls.h"
+#include "platform/host/clock.h"
+#include "platform/host/memory.h"
 
 namespace qvdbase::test {
 namespace {

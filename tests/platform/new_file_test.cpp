@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/new_file.h"
-#include "support/bytes.h"
-#include "support/replaced_calls.h"
-#include "support/temp_folder.h"
+#include "kit/bytes.h"
+#include "kit/replaced_calls.h"
+#include "kit/temp_folder.h"
+#include "platform/handles/new_file.h"
 
 namespace qvdbase::test {
 namespace {

@@ -1,11 +1,11 @@
 // Files and block devices that are opened only to be read.
-#include "platform/read_only_file.h"
+#include "platform/handles/read_only_file.h"
 
 #include <gtest/gtest.h>
 
-#include "support/bytes.h"
-#include "support/pretended_device.h"
-#include "support/temp_folder.h"
+#include "kit/bytes.h"
+#include "kit/pretended_device.h"
+#include "kit/temp_folder.h"
 
 namespace qvdbase::test {
 namespace {

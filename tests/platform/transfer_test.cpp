@@ -1,6 +1,6 @@
 // Transfer scopes: what is gathered and served from memory inside one call, and what nobody may
 // notice of it.
-#include "platform/transfer.h"
+#include "platform/transfer/transfer.h"
 
 #include <gtest/gtest.h>
 #include <qvdbase/QVFile.h>
@@ -10,12 +10,12 @@
 #include <optional>
 #include <random>
 
-#include "support/bytes.h"
+#include "kit/bytes.h"
+#include "kit/random_seed.h"
+#include "kit/recorded_calls.h"
+#include "kit/replaced_calls.h"
+#include "kit/temp_folder.h"
 #include "support/file_transfers.h"
-#include "support/random_seed.h"
-#include "support/recorded_calls.h"
-#include "support/replaced_calls.h"
-#include "support/temp_folder.h"
 
 namespace qvdbase::test {
 namespace {

@@ -1,5 +1,5 @@
 // Names between 16-bit characters and UTF-8.
-#include "platform/utf8_names.h"
+#include "platform/paths/utf8_names.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "support/wide.h"
+#include "kit/wide.h"
 
 namespace qvdbase::test {
 namespace {

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "check/base_files.h"
-#include "support/file_image.h"
+#include "kit/file_image.h"
+#include "recovery/check/base_files.h"
 
 namespace qvdbase::test {
 

@@ -19,13 +19,13 @@
 #include <set>
 #include <sstream>
 
+#include "kit/database_fixture.h"
+#include "kit/file_checker.h"
+#include "kit/reaching_writes.h"
+#include "kit/recorded_calls.h"
+#include "kit/test_extent.h"
 #include "proof/failures.h"
 #include "proof/scripted_calls.h"
-#include "support/database_fixture.h"
-#include "support/file_checker.h"
-#include "support/reaching_writes.h"
-#include "support/recorded_calls.h"
-#include "support/test_extent.h"
 
 namespace qvdbase::test {
 namespace {

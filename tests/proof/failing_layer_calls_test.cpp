@@ -19,7 +19,7 @@
 
 #include "proof/failures.h"
 #include "proof/scripted_calls.h"
-#include "salvage/salvage_kit.h"
+#include "recovery/salvage/salvage_kit.h"
 
 namespace qvdbase::test {
 namespace {

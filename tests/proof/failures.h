@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "support/recorded_calls.h"
-#include "support/test_extent.h"
+#include "kit/recorded_calls.h"
+#include "kit/test_extent.h"
 
 namespace qvdbase::test {
 

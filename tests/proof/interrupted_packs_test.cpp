@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 #include <qvdbase/qvdbase.h>
 
+#include "kit/recorded_calls.h"
+#include "kit/test_extent.h"
+#include "kit/wide.h"
 #include "proof/base_states.h"
-#include "salvage/salvage_kit.h"
-#include "support/recorded_calls.h"
-#include "support/test_extent.h"
-#include "support/wide.h"
+#include "recovery/salvage/salvage_kit.h"
 
 namespace qvdbase::test {
 namespace {

@@ -12,12 +12,12 @@
 #include <algorithm>
 #include <set>
 
-#include "check/base_files.h"
+#include "kit/recorded_calls.h"
+#include "kit/test_extent.h"
 #include "proof/base_states.h"
 #include "proof/operations.h"
-#include "salvage/salvage_kit.h"
-#include "support/recorded_calls.h"
-#include "support/test_extent.h"
+#include "recovery/check/base_files.h"
+#include "recovery/salvage/salvage_kit.h"
 
 namespace qvdbase::test {
 namespace {

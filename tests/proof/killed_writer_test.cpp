@@ -15,10 +15,10 @@
 #include <map>
 #include <random>
 
-#include "check/base_files.h"
-#include "salvage/salvage_kit.h"
-#include "support/random_seed.h"
-#include "support/test_extent.h"
+#include "kit/random_seed.h"
+#include "kit/test_extent.h"
+#include "recovery/check/base_files.h"
+#include "recovery/salvage/salvage_kit.h"
 
 namespace qvdbase::test {
 namespace {

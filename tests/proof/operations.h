@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "kit/wide.h"
 #include "proof/base_states.h"
-#include "support/wide.h"
 
 namespace qvdbase::test {
 

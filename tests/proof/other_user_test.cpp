@@ -11,8 +11,8 @@
 
 #include <functional>
 
-#include "support/bytes.h"
-#include "support/temp_folder.h"
+#include "kit/bytes.h"
+#include "kit/temp_folder.h"
 
 namespace qvdbase::test {
 namespace {

@@ -13,10 +13,10 @@
 #include <cstring>
 #include <set>
 
-#include "salvage/salvage_kit.h"
-#include "support/recorded_calls.h"
-#include "support/temp_folder.h"
-#include "support/test_extent.h"
+#include "kit/recorded_calls.h"
+#include "kit/temp_folder.h"
+#include "kit/test_extent.h"
+#include "recovery/salvage/salvage_kit.h"
 
 namespace qvdbase::test {
 namespace {

@@ -13,10 +13,10 @@
 #include <set>
 #include <thread>
 
-#include "support/database_fixture.h"
-#include "support/forked.h"
-#include "support/replaced_calls.h"
-#include "support/test_extent.h"
+#include "kit/database_fixture.h"
+#include "kit/forked.h"
+#include "kit/replaced_calls.h"
+#include "kit/test_extent.h"
 
 namespace qvdbase::test {
 namespace {

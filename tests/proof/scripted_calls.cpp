@@ -8,9 +8,9 @@
 
 #include <cstring>
 
-#include "check/base_files.h"
-#include "platform/memory.h"
-#include "support/file_image.h"
+#include "kit/file_image.h"
+#include "platform/host/memory.h"
+#include "recovery/check/base_files.h"
 
 namespace qvdbase::test {
 namespace {

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "support/bytes.h"
-#include "support/recorded_calls.h"
-#include "support/temp_folder.h"
+#include "kit/bytes.h"
+#include "kit/recorded_calls.h"
+#include "kit/temp_folder.h"
 
 namespace qvdbase::test {
 

@@ -22,9 +22,9 @@
 #include <string>
 #include <vector>
 
+#include "kit/temp_folder.h"
 #include "proof/failures.h"
-#include "salvage/salvage_kit.h"
-#include "support/temp_folder.h"
+#include "recovery/salvage/salvage_kit.h"
 #include "tools/qvdb/command_line.h"
 #include "tools/qvdb/failure.h"
 #include "tools/qvdb/output.h"

@@ -10,7 +10,7 @@
 #include <map>
 #include <thread>
 
-#include "support/unprivileged.h"
+#include "kit/unprivileged.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {

@@ -1,7 +1,7 @@
 // qvdb compact, pack, renumber, repair
 #include <csignal>
 
-#include "support/maintenance_fixture.h"
+#include "kit/maintenance_fixture.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {

@@ -1,7 +1,7 @@
 // put, import and get of files that are larger than the memory that the tool may take.
 #include <filesystem>
 
-#include "support/sanitized.h"
+#include "kit/sanitized.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {

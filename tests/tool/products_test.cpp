@@ -9,8 +9,8 @@
 #include <set>
 #include <sstream>
 
-#include "support/sanitized.h"
-#include "support/unprivileged.h"
+#include "kit/sanitized.h"
+#include "kit/unprivileged.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {

@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "support/sanitized.h"
+#include "kit/sanitized.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "support/database_fixture.h"
-#include "support/process.h"
+#include "kit/database_fixture.h"
+#include "kit/process.h"
 
 namespace qvdbase::test {
 

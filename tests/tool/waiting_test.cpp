@@ -2,7 +2,7 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "support/forked.h"
+#include "kit/forked.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {

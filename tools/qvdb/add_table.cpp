@@ -1,7 +1,7 @@
 // qvdb add-table: adds a table to a database.
-#include "qvdb/commands.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
+#include "commands.h"
+#include "locate.h"
+#include "output.h"
 
 namespace qvdb::tool {
 namespace {

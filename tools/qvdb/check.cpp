@@ -3,11 +3,11 @@
 
 #include <set>
 
-#include "qvdb/commands.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/text.h"
-#include "qvdb/waiting.h"
+#include "commands.h"
+#include "locate.h"
+#include "output.h"
+#include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {

@@ -2,19 +2,19 @@
 //
 // Each command's help is laid out like a manual page: usage, description, arguments, options,
 // examples, exit status.
-#include "qvdb/command_line.h"
+#include "command_line.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <sstream>
 
-#include "qvdb/commands.h"
-#include "qvdb/failure.h"
-#include "qvdb/output.h"
-#include "qvdb/suggestion.h"
-#include "qvdb/text.h"
-#include "qvdb/waiting.h"
+#include "commands.h"
+#include "failure.h"
+#include "output.h"
+#include "suggestion.h"
+#include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 

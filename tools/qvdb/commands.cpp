@@ -1,5 +1,5 @@
 // The list of commands.
-#include "qvdb/commands.h"
+#include "commands.h"
 
 namespace qvdb::tool {
 

@@ -4,7 +4,7 @@
 
 #include <span>
 
-#include "qvdb/command.h"
+#include "command.h"
 
 namespace qvdb::tool {
 

@@ -1,10 +1,10 @@
 // qvdb compact: rewrites a database without what is dead in it.
-#include "qvdb/commands.h"
-#include "qvdb/failure.h"
-#include "qvdb/output.h"
-#include "qvdb/percent_progress.h"
-#include "qvdb/text.h"
-#include "qvdb/waiting.h"
+#include "commands.h"
+#include "failure.h"
+#include "output.h"
+#include "percent_progress.h"
+#include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,10 +1,10 @@
 // qvdb create: makes an empty database.
 #include <algorithm>
 
-#include "qvdb/commands.h"
-#include "qvdb/failure.h"
-#include "qvdb/output.h"
-#include "qvdb/waiting.h"
+#include "commands.h"
+#include "failure.h"
+#include "output.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,11 +1,11 @@
 // qvdb data: reads or sets a table's block of data.
 #include <limits>
 
-#include "qvdb/commands.h"
-#include "qvdb/delivery.h"
-#include "qvdb/imported_files.h"
-#include "qvdb/input.h"
-#include "qvdb/locate.h"
+#include "commands.h"
+#include "delivery.h"
+#include "imported_files.h"
+#include "input.h"
+#include "locate.h"
 
 namespace qvdb::tool {
 namespace {

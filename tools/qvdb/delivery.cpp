@@ -1,5 +1,5 @@
 // Handing bytes from a database to the user.
-#include "qvdb/delivery.h"
+#include "delivery.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,11 +9,11 @@
 #include <string_view>
 #include <vector>
 
-#include "qvdb/failure.h"
-#include "qvdb/input.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/output.h"
-#include "qvdb/text.h"
+#include "failure.h"
+#include "input.h"
+#include "interrupt.h"
+#include "output.h"
+#include "text.h"
 
 namespace qvdb::tool {
 namespace {

@@ -9,14 +9,14 @@
 #include <exception>
 #include <unordered_map>
 
-#include "qvdb/commands.h"
-#include "qvdb/folder_writer.h"
-#include "qvdb/imported_files.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/progress.h"
-#include "qvdb/text.h"
+#include "commands.h"
+#include "folder_writer.h"
+#include "imported_files.h"
+#include "interrupt.h"
+#include "locate.h"
+#include "output.h"
+#include "progress.h"
+#include "text.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,5 +1,5 @@
 // How the tool fails.
-#include "qvdb/failure.h"
+#include "failure.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "qvdb/text.h"
+#include "text.h"
 
 namespace qvdb::tool {
 

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "qvdb/command.h"
+#include "command.h"
 
 namespace qvdb::tool {
 

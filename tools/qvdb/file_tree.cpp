@@ -1,5 +1,5 @@
 // Lists the files that an import takes in.
-#include "qvdb/file_tree.h"
+#include "file_tree.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -10,9 +10,9 @@
 #include <memory>
 #include <unordered_set>
 
-#include "qvdb/failure.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/progress.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "progress.h"
 
 namespace qvdb::tool {
 namespace {

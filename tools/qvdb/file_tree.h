@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "qvdb/imported_files.h"
+#include "imported_files.h"
 
 namespace qvdb::tool {
 

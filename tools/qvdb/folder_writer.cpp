@@ -1,5 +1,5 @@
 // Writes files into a folder, and nowhere else.
-#include "qvdb/folder_writer.h"
+#include "folder_writer.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "qvdb/failure.h"
+#include "failure.h"
 
 namespace qvdb::tool {
 namespace {

@@ -12,9 +12,9 @@
 #include <string>
 #include <string_view>
 
-#include "qvdb/delivery.h"
-#include "qvdb/imported_files.h"
-#include "qvdb/input.h"
+#include "delivery.h"
+#include "imported_files.h"
+#include "input.h"
 
 namespace qvdb::tool {
 

@@ -1,7 +1,7 @@
 // qvdb get: hands out a record's payload.
-#include "qvdb/commands.h"
-#include "qvdb/delivery.h"
-#include "qvdb/locate.h"
+#include "commands.h"
+#include "delivery.h"
+#include "locate.h"
 
 namespace qvdb::tool {
 namespace {

@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "qvdb/commands.h"
-#include "qvdb/delivery.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/text.h"
+#include "commands.h"
+#include "delivery.h"
+#include "locate.h"
+#include "output.h"
+#include "text.h"
 
 namespace qvdb::tool {
 namespace {

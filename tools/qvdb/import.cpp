@@ -14,15 +14,15 @@
 #include <optional>
 #include <unordered_map>
 
-#include "qvdb/commands.h"
-#include "qvdb/file_tree.h"
-#include "qvdb/imported_files.h"
-#include "qvdb/input.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/progress.h"
-#include "qvdb/text.h"
+#include "commands.h"
+#include "file_tree.h"
+#include "imported_files.h"
+#include "input.h"
+#include "interrupt.h"
+#include "locate.h"
+#include "output.h"
+#include "progress.h"
+#include "text.h"
 
 namespace qvdb::tool {
 namespace {

@@ -11,12 +11,12 @@
 //   n  how many bytes the link's target has, and these; 0 for others
 // Integers most significant byte first; n is a number in groups of 7 bits, least significant group
 // first, the top bit set in all bytes but the last.
-#include "qvdb/imported_files.h"
+#include "imported_files.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "qvdb/failure.h"
+#include "failure.h"
 
 namespace qvdb::tool {
 namespace {

@@ -2,9 +2,9 @@
 #include <nlohmann/json.hpp>
 #include <qvdbase/qvdb.hpp>
 
-#include "qvdb/commands.h"
-#include "qvdb/output.h"
-#include "qvdb/text.h"
+#include "commands.h"
+#include "output.h"
+#include "text.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,5 +1,5 @@
 // Reading what is to be stored, or salvaged.
-#include "qvdb/input.h"
+#include "input.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,8 +13,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "qvdb/failure.h"
-#include "qvdb/interrupt.h"
+#include "failure.h"
+#include "interrupt.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,5 +1,5 @@
 // Ctrl-C and its kind.
-#include "qvdb/interrupt.h"
+#include "interrupt.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,13 +1,13 @@
 // From what the user types to databases, tables and records.
-#include "qvdb/locate.h"
+#include "locate.h"
 
 #include <qvdbase/qvdbase.h>
 
 #include <unordered_map>
 
-#include "qvdb/interrupt.h"
-#include "qvdb/text.h"
-#include "qvdb/waiting.h"
+#include "interrupt.h"
+#include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {

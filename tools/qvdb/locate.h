@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "qvdb/failure.h"
-#include "qvdb/imported_files.h"
+#include "failure.h"
+#include "imported_files.h"
 
 namespace qvdb::tool {
 

@@ -4,11 +4,11 @@
 #include <filesystem>
 #include <new>
 
-#include "qvdb/command_line.h"
-#include "qvdb/failure.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/output.h"
-#include "qvdb/standard_streams.h"
+#include "command_line.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "output.h"
+#include "standard_streams.h"
 
 namespace {
 

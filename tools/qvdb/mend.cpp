@@ -1,10 +1,10 @@
 // qvdb mend: complete in place what an interrupted operation has begun.
-#include "qvdb/commands.h"
-#include "qvdb/failure.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/text.h"
-#include "qvdb/waiting.h"
+#include "commands.h"
+#include "failure.h"
+#include "locate.h"
+#include "output.h"
+#include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {

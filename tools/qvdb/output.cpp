@@ -1,14 +1,14 @@
 // Standard output.
-#include "qvdb/output.h"
+#include "output.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
-#include "qvdb/failure.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/text.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "text.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,6 +1,6 @@
 // qvdb pack: the library's pack, as it is.
-#include "qvdb/commands.h"
-#include "qvdb/packing.h"
+#include "commands.h"
+#include "packing.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,10 +1,10 @@
-#include "qvdb/packing.h"
+#include "packing.h"
 
-#include "qvdb/failure.h"
-#include "qvdb/output.h"
-#include "qvdb/percent_progress.h"
-#include "qvdb/text.h"
-#include "qvdb/waiting.h"
+#include "failure.h"
+#include "output.h"
+#include "percent_progress.h"
+#include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "qvdb/command.h"
+#include "command.h"
 
 namespace qvdb::tool {
 

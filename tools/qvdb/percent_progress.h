@@ -4,8 +4,8 @@
 
 #include <qvdbase/qvdb.hpp>
 
-#include "qvdb/interrupt.h"
-#include "qvdb/progress.h"
+#include "interrupt.h"
+#include "progress.h"
 
 namespace qvdb::tool {
 

@@ -1,5 +1,5 @@
 // Progress of long work.
-#include "qvdb/progress.h"
+#include "progress.h"
 
 #include <unistd.h>
 

@@ -1,11 +1,11 @@
 // qvdb put: adds records.
 #include <limits>
 
-#include "qvdb/commands.h"
-#include "qvdb/input.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
+#include "commands.h"
+#include "input.h"
+#include "interrupt.h"
+#include "locate.h"
+#include "output.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,12 +1,12 @@
 // qvdb records: lists the records of a table.
 #include <nlohmann/json.hpp>
 
-#include "qvdb/commands.h"
-#include "qvdb/imported_files.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/text.h"
+#include "commands.h"
+#include "imported_files.h"
+#include "interrupt.h"
+#include "locate.h"
+#include "output.h"
+#include "text.h"
 
 namespace qvdb::tool {
 namespace {

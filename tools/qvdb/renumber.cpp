@@ -1,6 +1,6 @@
 // qvdb renumber: the library's pack under all new identifiers, as it is.
-#include "qvdb/commands.h"
-#include "qvdb/packing.h"
+#include "commands.h"
+#include "packing.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,11 +1,11 @@
 // qvdb repair: the library's link repair, as it is.
-#include "qvdb/commands.h"
-#include "qvdb/failure.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/percent_progress.h"
-#include "qvdb/text.h"
-#include "qvdb/waiting.h"
+#include "commands.h"
+#include "failure.h"
+#include "locate.h"
+#include "output.h"
+#include "percent_progress.h"
+#include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,10 +1,10 @@
 // qvdb rm: deletes records.
 #include <unordered_set>
 
-#include "qvdb/commands.h"
-#include "qvdb/imported_files.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/locate.h"
+#include "commands.h"
+#include "imported_files.h"
+#include "interrupt.h"
+#include "locate.h"
 
 namespace qvdb::tool {
 namespace {

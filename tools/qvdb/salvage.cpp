@@ -5,12 +5,12 @@
 #include <charconv>
 #include <map>
 
-#include "qvdb/commands.h"
-#include "qvdb/input.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/text.h"
-#include "qvdb/waiting.h"
+#include "commands.h"
+#include "input.h"
+#include "locate.h"
+#include "output.h"
+#include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,7 +1,7 @@
 // qvdb set: replaces a record's payload.
-#include "qvdb/commands.h"
-#include "qvdb/input.h"
-#include "qvdb/locate.h"
+#include "commands.h"
+#include "input.h"
+#include "locate.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,5 +1,5 @@
 // The standard streams that the tool was started without.
-#include "qvdb/standard_streams.h"
+#include "standard_streams.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -2,12 +2,12 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "qvdb/commands.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/progress.h"
-#include "qvdb/text.h"
+#include "commands.h"
+#include "interrupt.h"
+#include "locate.h"
+#include "output.h"
+#include "progress.h"
+#include "text.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,12 +1,12 @@
 // Guessing what a mistaken name of a command means: other usual words for the same thing, slips of
 // the keyboard, and a file where the command is missing.
-#include "qvdb/suggestion.h"
+#include "suggestion.h"
 
 #include <algorithm>
 #include <numeric>
 #include <vector>
 
-#include "qvdb/commands.h"
+#include "commands.h"
 
 namespace qvdb::tool {
 namespace {

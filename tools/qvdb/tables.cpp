@@ -1,10 +1,10 @@
 // qvdb tables: lists the tables of a database.
 #include <nlohmann/json.hpp>
 
-#include "qvdb/commands.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/text.h"
+#include "commands.h"
+#include "locate.h"
+#include "output.h"
+#include "text.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,5 +1,5 @@
 // Text for people.
-#include "qvdb/text.h"
+#include "text.h"
 
 #include <algorithm>
 #include <cstdio>

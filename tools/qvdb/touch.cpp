@@ -1,7 +1,7 @@
 // qvdb touch: sets the time of last modification of records.
-#include "qvdb/commands.h"
-#include "qvdb/interrupt.h"
-#include "qvdb/locate.h"
+#include "commands.h"
+#include "interrupt.h"
+#include "locate.h"
 
 namespace qvdb::tool {
 namespace {

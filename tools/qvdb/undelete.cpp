@@ -1,10 +1,10 @@
 // qvdb undelete: bring a version of a record back.
-#include "qvdb/commands.h"
-#include "qvdb/imported_files.h"
-#include "qvdb/locate.h"
-#include "qvdb/output.h"
-#include "qvdb/text.h"
-#include "qvdb/waiting.h"
+#include "commands.h"
+#include "imported_files.h"
+#include "locate.h"
+#include "output.h"
+#include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,9 +1,9 @@
 // Waiting for a database that is in use.
-#include "qvdb/waiting.h"
+#include "waiting.h"
 
 #include <thread>
 
-#include "qvdb/interrupt.h"
+#include "interrupt.h"
 
 namespace qvdb::tool {
 namespace {

@@ -1,0 +1,109 @@
+// How operations of this layer fail.
+#include "failure/failure.h"
+
+#include <utility>
+
+namespace qvdb::detail {
+
+using qvdbase::platform::OpenFailure;
+using qvdbase::platform::OpenFailureFound;
+using qvdbase::platform::WriteFailure;
+using qvdbase::platform::WriteObstacle;
+
+namespace {
+
+struct Cause {
+  Reason reason;
+  const char* why;
+};
+
+Cause causeOf(OpenFailure failure) {
+  switch (failure) {
+    case OpenFailure::folderMissing:
+      return {Reason::no_such_file, "a folder on its way does not exist"};
+    case OpenFailure::notAFolder:
+      return {Reason::no_such_file, "something on its way is not a folder"};
+    case OpenFailure::fileMissing:
+      return {Reason::no_such_file, "there is no such file"};
+    case OpenFailure::notAFile:
+      return {Reason::not_a_file, "it is not a regular file"};
+    case OpenFailure::nameTooLong:
+      return {Reason::path_not_reachable, "a name in it is too long for the system"};
+    case OpenFailure::accessDenied:
+      return {Reason::access_denied, "the system denies access"};
+    case OpenFailure::readOnlyVolume:
+      return {Reason::read_only_file_system, "it is on a read-only file system"};
+    case OpenFailure::inUse:
+      return {Reason::in_use, "it is in use"};
+    case OpenFailure::cannotLock:
+      return {Reason::cannot_lock, "its file system does not lock files"};
+    case OpenFailure::tooManyOpen:
+      return {Reason::cannot_open, "too many files are open"};
+    case OpenFailure::noSpace:
+      return {Reason::disk_full, "the disk is full"};
+    case OpenFailure::none:
+    case OpenFailure::other:
+      break;
+  }
+  return {Reason::cannot_open, "the system cannot open it"};
+}
+
+Cause causeOf(WriteObstacle obstacle) {
+  switch (obstacle) {
+    case WriteObstacle::full:
+      return {Reason::disk_full, "the disk is full"};
+    case WriteObstacle::sizeLimit:
+      return {Reason::size_limit, "it would be longer than the limits of the system allow"};
+    case WriteObstacle::readOnlyVolume:
+      return {Reason::read_only_file_system, "it is on a read-only file system"};
+    case WriteObstacle::unknown:
+      break;
+  }
+  return {Reason::cannot_write, "the file cannot be written"};
+}
+
+// What the system says is the reason only where no reason of ours says it.
+std::string withSystemsWord(const Cause& cause, const std::error_code& code) {
+  const bool isGeneral =
+      cause.reason == Reason::cannot_open || cause.reason == Reason::cannot_write;
+  return isGeneral && code ? std::string(cause.why) + " (" + code.message() + ")" : cause.why;
+}
+
+}  // namespace
+
+void throwError(const std::filesystem::path& path, const char* operation, Reason reason,
+                const std::string& why, ErrorDetails details) {
+  details.path = path;
+  throw Error(operation, reason, path.native() + ": cannot " + operation + ": " + why,
+              std::move(details));
+}
+
+void throwError(const char* operation, Reason reason, const std::string& why) {
+  throw Error(operation, reason, std::string("cannot ") + operation + ": " + why);
+}
+
+void throwOpenFailure(const std::filesystem::path& path, const char* operation,
+                      const OpenFailureFound& found) {
+  const Cause cause = causeOf(found.failure);
+  throwError(path, operation, cause.reason, withSystemsWord(cause, found.code),
+             {.path = {}, .table = {}, .system_code = found.code, .record_number = {}});
+}
+
+void throwFolderFailure(const std::filesystem::path& path, const char* operation,
+                        const std::string& what, const std::error_code& code) {
+  const OpenFailureFound found = qvdbase::platform::createFailureOf(code);
+  Cause cause = causeOf(found.failure);
+  if (found.failure == OpenFailure::other) cause.why = "the system refuses";
+  if (cause.reason == Reason::no_such_file) cause.reason = Reason::path_not_reachable;
+  throwError(path, operation, cause.reason, what + ": " + withSystemsWord(cause, found.code),
+             {.path = {}, .table = {}, .system_code = found.code, .record_number = {}});
+}
+
+void throwWriteFailure(const std::filesystem::path& path, const char* operation,
+                       const WriteFailure& found, ErrorDetails details) {
+  const Cause cause = causeOf(found.obstacle);
+  details.system_code = found.code;
+  throwError(path, operation, cause.reason, withSystemsWord(cause, found.code), std::move(details));
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,38 @@
+// How operations of this layer fail: the one place that puts the sentence of an error together, and
+// the ones that turn what the host said into a reason.
+#pragma once
+
+#include <qvdbase/qvdb/error.hpp>
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include "platform/handles/open_failure.h"
+#include "platform/host/host_failure.h"
+
+namespace qvdb::detail {
+
+// Throws an Error on this file: "PATH: cannot OPERATION: WHY". `operation` is a literal. The path
+// of the details is set to `path`.
+[[noreturn]] void throwError(const std::filesystem::path& path, const char* operation,
+                             Reason reason, const std::string& why, ErrorDetails details = {});
+
+// The same where no file is concerned: "cannot OPERATION: WHY".
+[[noreturn]] void throwError(const char* operation, Reason reason, const std::string& why);
+
+// A file that could not be opened, or created.
+[[noreturn]] void throwOpenFailure(const std::filesystem::path& path, const char* operation,
+                                   const qvdbase::platform::OpenFailureFound& found);
+
+// A folder that could not be made or looked at, for the sake of the file `path`. `what` says of
+// which folder that is so, and begins the reason: "its folder cannot be created".
+[[noreturn]] void throwFolderFailure(const std::filesystem::path& path, const char* operation,
+                                     const std::string& what, const std::error_code& code);
+
+// A file that could not be written.
+[[noreturn]] void throwWriteFailure(const std::filesystem::path& path, const char* operation,
+                                    const qvdbase::platform::WriteFailure& found,
+                                    ErrorDetails details = {});
+
+}  // namespace qvdb::detail

@@ -1,0 +1,113 @@
+// An open batch: from its making to the taking in of its records, or to their removal.
+#include "objects/bulk.h"
+
+#include <qvdbase/qvdb/error.hpp>
+
+#include <algorithm>
+#include <limits>
+
+#include "format/identifiers.h"
+#include "objects/table_index.h"
+#include "platform/host/clock.h"
+
+namespace qvdb::detail {
+
+std::shared_ptr<Bulk> Bulk::open(const std::shared_ptr<OpenDatabase>& database, Id table) {
+  const Operation operation(database, kAppend);
+  operation.requireWritable();
+  operation.requireNoBulk();
+  ReadScope scope(operation.db());
+  auto bulk = std::make_shared<Bulk>(database, operation.table(table));
+  if (!bulk->batch.begin()) {
+    operation.fail(Reason::chain_damaged,
+                   "nothing can be added to the table: the end of its chain is damaged");
+  }
+  bulk->table = table;
+  bulk->state = State::open;
+  database->bulk = bulk.get();
+  return bulk;
+}
+
+void Bulk::requireOpen(const Operation& operation) const {
+  if (state == State::finished) operation.fail(Reason::bad_argument, "the batch is finished");
+  if (state == State::discarded) operation.fail(Reason::bad_argument, "the batch was discarded");
+}
+
+void Bulk::requireNoWriter(const Operation& operation) const {
+  if (!inPieces) return;
+  operation.fail(Reason::appender_open,
+                 "a record of the batch is being written in pieces; finish its writer first");
+}
+
+qvdbase::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id> record,
+                                   std::uint32_t reserve) {
+  qvdbase::BatchRecord entry = {};
+  if (record) {
+    operation.requireIdentifier(*record);
+    internal_ConvertInt64_2UuID(record->value, entry.recordID);
+  } else {
+    identifiers.next(entry.recordID);
+  }
+  entry.createTime = qvdbase::platform::secondsSinceEpoch();
+  entry.modifyTime = entry.createTime;
+  entry.reserve = reserve;
+  return entry;
+}
+
+// An index is built again when it is next used, which costs less than noting many records in it.
+void Bulk::finish(const Operation& operation) {
+  ReadScope scope(operation.db());
+  ++database->changes;
+  if (!batch.writeOut() || !batch.finish()) failed(operation, 1);
+  state = State::finished;
+  database->bulk = nullptr;
+  const tablePart1& slot = batch.table().slot;
+  if (batch.taken() == 1) return noteAdded(*database, slot, latest, slot.lastRecordPos);
+  if (const auto index = indexOf(*database, table)) index->isStale = true;
+}
+
+void Bulk::discard() noexcept {
+  if (!isOpen()) return;
+  state = State::discarded;
+  database->bulk = nullptr;
+  if (!ownsFile()) return;
+  ReadScope scope(database->handle);
+  batch.discard();
+}
+
+void Bulk::dropRecord() noexcept {
+  inPieces = false;
+  if (!isOpen() || !ownsFile()) return;
+  ReadScope scope(database->handle);
+  batch.dropRecord();
+}
+
+void Bulk::add(const Operation& operation, const NewRecord& record) {
+  const std::size_t size = record.payload.size();
+  if (size > std::numeric_limits<std::uint32_t>::max()) {
+    operation.fail(Reason::too_large, "a record would be " + std::to_string(size) +
+                                          " bytes, and 4,294,967,295 are the most");
+  }
+  qvdbase::BatchRecord entry = entryOf(operation, record.id, record.reserve);
+  entry.dataLength = static_cast<std::uint32_t>(size);
+  const auto* payload = reinterpret_cast<const unsigned char*>(record.payload.data());
+  if (!batch.add(entry, payload)) {
+    failed(operation, std::max(entry.dataLength, entry.reserve) +
+                          std::uint64_t{qvdbase::kRecordBlockOverhead});
+  }
+  latest = Id{qvdbase::identifierNumber(entry.recordID)};
+}
+
+void Bulk::failed(const Operation& operation, std::uint64_t bytes) {
+  discard();
+  if (const auto index = indexOf(*database, table)) index->isStale = true;
+  if (batch.wasDisturbed()) {
+    operation.fail(
+        Reason::cannot_write,
+        "the file or the table was changed past this layer meanwhile; nothing was added");
+  }
+  ReadScope scope(operation.db());
+  operation.failedWrite(bytes);
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,76 @@
+// An open batch: what a BulkAppender and the RecordWriters on it share.
+#pragma once
+
+#include <qvdbase/qvdb/bulk.hpp>
+
+#include <cstdint>
+#include <memory>
+
+#include "QVDbase/record_batch.h"
+#include "format/identifiers.h"
+#include "objects/open_database.h"
+#include "platform/host/process_mark.h"
+
+namespace qvdb::detail {
+
+inline constexpr const char* kAppend = "add the records";
+inline constexpr const char* kWrite = "write the record";
+
+// Known to its database from its making until it is finished or discarded. At most one is open on a
+// database: two would write to the same end of the file.
+struct Bulk {
+  enum class State { open, finished, discarded };
+
+  // Throws appender_open, and chain_damaged when the end of the table's chain is damaged.
+  static std::shared_ptr<Bulk> open(const std::shared_ptr<OpenDatabase>& database, Id table);
+
+  Bulk(const std::shared_ptr<OpenDatabase>& opened, const qvdbase::FoundTable& found)
+      : database(opened), batch(opened->handle, found) {}
+  ~Bulk() { discard(); }
+  Bulk(const Bulk&) = delete;
+  Bulk& operator=(const Bulk&) = delete;
+
+  bool isOpen() const { return state == State::open; }
+
+  // Whether what it has in the file can, and may, be taken back.
+  bool ownsFile() const { return database->handle != 0 && maker.isOwn(); }
+
+  // Throws bad_argument when the batch is not open any more.
+  void requireOpen(const Operation& operation) const;
+
+  // Throws appender_open while a record of the batch is written in pieces.
+  void requireNoWriter(const Operation& operation) const;
+
+  // What the engine wants to know of a new record, but for the length of its payload. Throws
+  // bad_argument for identifier 0.
+  qvdbase::BatchRecord entryOf(const Operation& operation, std::optional<Id> record,
+                               std::uint32_t reserve);
+
+  // Takes in the records: all of them, or none and the batch is discarded. Throws as failed().
+  void finish(const Operation& operation);
+
+  // Forgets the records and takes them out of the file. No effect on a batch that is not open. In a
+  // child that got the batch by fork nothing is done to the file.
+  void discard() noexcept;
+
+  // The same for the record that a writer has open; the batch goes on without it.
+  void dropRecord() noexcept;
+
+  // Adds what add() of an appender adds. Throws too_large and as failed().
+  void add(const Operation& operation, const NewRecord& record);
+
+  // After a write that failed: discards, and throws the reason. `bytes` are those that were wanted
+  // at least.
+  [[noreturn]] void failed(const Operation& operation, std::uint64_t bytes);
+
+  std::shared_ptr<OpenDatabase> database;
+  Id table;
+  qvdbase::RecordBatch batch;
+  qvdbase::IdentifierSeries identifiers;
+  Id latest;  // of the record that was added last; one that a writer has open is not yet
+  State state = State::discarded;
+  bool inPieces = false;  // a RecordWriter is at work on it
+  qvdbase::platform::ProcessMark maker;
+};
+
+}  // namespace qvdb::detail

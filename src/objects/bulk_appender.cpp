@@ -1,0 +1,58 @@
+// qvdb::BulkAppender: many records in one batch.
+#include <qvdbase/qvdb/bulk.hpp>
+#include <qvdbase/qvdb/table.hpp>
+
+#include <utility>
+
+#include "objects/bulk.h"
+#include "objects/open_database.h"
+
+namespace qvdb {
+
+using detail::Operation;
+
+BulkAppender Table::appender() {
+  return BulkAppender(detail::Bulk::open(database_, id_));
+}
+
+BulkAppender::BulkAppender(std::shared_ptr<detail::Bulk> bulk) : bulk_(std::move(bulk)) {}
+
+BulkAppender::BulkAppender(BulkAppender&&) noexcept = default;
+
+BulkAppender& BulkAppender::operator=(BulkAppender&& other) noexcept {
+  BulkAppender taken(std::move(other));
+  bulk_.swap(taken.bulk_);
+  return *this;
+}
+
+// A writer that is still there keeps the batch, but not its records.
+BulkAppender::~BulkAppender() {
+  if (bulk_ != nullptr) bulk_->discard();
+}
+
+Id BulkAppender::add(const NewRecord& record) {
+  const Operation operation(bulk_->database, detail::kAppend);
+  bulk_->requireOpen(operation);
+  bulk_->requireNoWriter(operation);
+  bulk_->add(operation, record);
+  return bulk_->latest;
+}
+
+RecordWriter BulkAppender::writer(std::uint32_t reserve, std::optional<Id> record) {
+  return RecordWriter(bulk_, reserve, record, false);
+}
+
+std::uint32_t BulkAppender::finish() {
+  const Operation operation(bulk_->database, detail::kAppend);
+  if (bulk_->state == detail::Bulk::State::finished) return taken();
+  bulk_->requireOpen(operation);
+  bulk_->requireNoWriter(operation);
+  bulk_->finish(operation);
+  return taken();
+}
+
+std::uint32_t BulkAppender::taken() const noexcept {
+  return bulk_->batch.taken();
+}
+
+}  // namespace qvdb

@@ -1,0 +1,33 @@
+// One forward walk along a table's chain of records.
+#include "objects/chain_walker.h"
+
+#include "QVDbase/record_find.h"
+#include "support/file_transfers.h"
+
+namespace qvdb::detail {
+
+bool readHead(std::int16_t db, std::int64_t position, const unsigned char* tableID,
+              recordPart1* header) {
+  const unsigned char* view = qvdbase::viewFile(db, position, qvdbase::record::kData);
+  if (view == nullptr) return qvdbase::readRecordHeaderAt(db, position, tableID, header);
+  qvdbase::decodeRecordHead(view, header);
+  return qvdbase::isRecordOf(view, tableID);
+}
+
+ChainWalker::Step ChainWalker::next(std::int16_t db, recordPart1* header, std::int64_t* recordPos) {
+  const Step step = arrive();
+  if (step != Step::record) return step;
+  if (!readHead(db, nextPos_, slot_.tableID, header)) return damaged(kNoRecord);
+  *recordPos = nextPos_;
+  nextPos_ = header->nextRecordPos;
+  return Step::record;
+}
+
+bool ChainWalker::resumeBehind(std::int16_t db, std::int64_t recordPos, std::uint32_t number) {
+  recordPart1 header;
+  if (!qvdbase::readRecordHeaderAt(db, recordPos, slot_.tableID, &header)) return false;
+  resumeAt(header.nextRecordPos, number);
+  return true;
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,340 @@
+// qvdb::Database: creating, opening, closing, tables by name.
+#include <qvdbase/qvdbase.h>
+#include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/error.hpp>
+
+#include <algorithm>
+#include <utility>
+
+#include "QVDbase/header.h"
+#include "QVDbase/lifecycle.h"
+#include "failure/failure.h"
+#include "failure/native_path.h"
+#include "format/fields.h"
+#include "format/identifiers.h"
+#include "format/layout.h"
+#include "objects/open_database.h"
+#include "objects/waiting.h"
+#include "platform/handles/open_failure.h"
+#include "platform/handles/sync.h"
+#include "platform/host/host_failure.h"
+#include "products/target_file.h"
+#include "recovery/check/ends.h"
+
+namespace qvdb {
+
+using detail::OpenDatabase;
+using detail::Operation;
+using detail::ReadScope;
+
+namespace {
+
+std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode mode,
+                                        const char* operation) {
+  const std::vector<QVWCHAR> wide = detail::nativePath(path, operation);
+  const int permission = static_cast<int>(mode);
+  auto state = std::make_shared<OpenDatabase>();
+  state->path = path;
+  state->mode = mode;
+  // What was in the way may be gone when it is looked for: then opening is tried again.
+  for (int tries = 3; state->handle == 0; --tries) {
+    state->handle = OpenDBaseW(wide.data(), permission);
+    if (state->handle != 0) break;
+    const auto found = qvdbase::platform::findOpenFailure(wide.data(), permission);
+    if (tries > 1 && found.failure == qvdbase::platform::OpenFailure::none) continue;
+    detail::throwOpenFailure(path, operation, found);
+  }
+  return state;
+}
+
+constexpr std::uint64_t kNewDatabaseSize =
+    qvdbase::kDirectoryPos + std::uint64_t{qvdbase::kNewSlotCount} * qvdbase::kSlotImageSize;
+
+constexpr const char* kOpen = "open the database";
+
+bool isBadSignature(const std::array<char, 4>& signature) {
+  return (signature[0] != 'Q' && signature[0] != 'q') ||
+         (signature[1] != 'V' && signature[1] != 'v');
+}
+
+bool isUsableVersion(std::uint16_t version) {
+  return version >= qvdbase::kFirstVersion && version <= qvdbase::kLastVersion;
+}
+
+DatabaseInfo readInfo(const Operation& operation) {
+  ReadScope scope(operation.db());
+  internal_Head1 head;
+  if (internal_GetDBHead1(operation.db(), &head) != 1) {
+    static_cast<void>(operation.directory());
+    operation.fail(Reason::not_a_database, "the file is not a database");
+  }
+  std::uint16_t tables = 0;
+  std::uint16_t slots = 0;
+  std::uint16_t slotSize = 0;
+  if (!qvdbase::readUint16(operation.db(), &tables) ||
+      !qvdbase::readUint16(operation.db(), &slots) ||
+      !qvdbase::readUint16(operation.db(), &slotSize)) {
+    operation.fail(Reason::not_a_database, "the file is cut off inside its header");
+  }
+  DatabaseInfo info;
+  std::copy_n(reinterpret_cast<const char*>(head.signature), 4, info.signature.begin());
+  info.version = head.version;
+  info.id = Id{qvdbase::identifierNumber(head.databaseID)};
+  info.table_count = static_cast<std::int16_t>(tables);
+  info.slot_count = static_cast<std::int16_t>(slots);
+  info.slot_size = slotSize;
+  info.file_size = operation.fileLength();
+  return info;
+}
+
+}  // namespace
+
+Database::Database(std::shared_ptr<OpenDatabase> state) noexcept : state_(std::move(state)) {}
+
+Database::~Database() {
+  if (state_ == nullptr || state_->handle == 0) return;
+  state_->discardBulk();
+  CloseDBase(std::exchange(state_->handle, 0));
+}
+
+// What this object held closes here, not when the other one happens to go.
+Database& Database::operator=(Database&& other) noexcept {
+  Database taken(std::move(other));
+  state_.swap(taken.state_);
+  return *this;
+}
+
+Database Database::create(const std::filesystem::path& path, const CreateOptions& options) {
+  constexpr const char* kOperation = "create the database";
+  if (isBadSignature(options.signature)) {
+    detail::failOn(path, kOperation, Reason::bad_argument,
+                   "a signature begins with the letters Q and V, in either case");
+  }
+  if (!isUsableVersion(options.version)) {
+    detail::failOn(path, kOperation, Reason::bad_argument, "a version lies between 100 and 199");
+  }
+  static_cast<void>(detail::nativePath(path, kOperation));
+  using detail::Existing;
+  auto state = std::make_shared<OpenDatabase>();  // outlives the target, whose file it closes
+  detail::TargetFile target(
+      path, kOperation,
+      {.existing = options.overwrite ? Existing::isReplaced : Existing::isReplacedIfEmpty,
+       .createFolders = options.create_folders,
+       .waits = options.sync ? qvdbase::platform::Waits::forName : qvdbase::platform::Waits::no});
+  if (target.isReadHere()) {
+    detail::failOn(path, kOperation, Reason::in_use, "this program has it open");
+  }
+  state->path = path;
+  state->mode = Mode::exclusive;
+  if (!target.create(nullptr).handOver(&state->handle)) {
+    detail::failOn(path, kOperation, Reason::cannot_open, "too many files are open");
+  }
+  if (!qvdbase::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
+    target.failWriting(qvdbase::platform::findWriteFailure(kNewDatabaseSize));
+  }
+  target.place();
+  return Database(std::move(state));
+}
+
+Database Database::open(const std::filesystem::path& path, Mode mode) {
+  Database database(openState(path, mode, kOpen));
+  ReadScope scope(database.handle());
+  static_cast<void>(Operation(database.state_, kOpen).directory());
+  return database;
+}
+
+// A file that appears between looking and creating was created by another process, and is opened;
+// one that cannot be opened then has been removed again, which is an answer, too.
+Database Database::openOrCreate(const std::filesystem::path& path, Mode mode) {
+  try {
+    return open(path, mode);
+  } catch (const Error& error) {
+    if (error.reason() != Reason::no_such_file) throw;
+  }
+  try {
+    Database created = create(path);
+    if (mode == Mode::exclusive) return created;
+  } catch (const Error& error) {
+    if (error.reason() != Reason::file_exists) throw;
+  }
+  return open(path, mode);
+}
+
+Database Database::open(const std::filesystem::path& path, const OpenOptions& options) {
+  if (options.create && options.mode == Mode::read_only) {
+    detail::throwError(path, kOpen, Reason::bad_argument,
+                       "a file that is not there cannot be created for reading only");
+  }
+  return detail::whileInUse(options.wait, [&] {
+    Database database =
+        options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
+    if (options.check) detail::checkEnds(database);
+    return database;
+  });
+}
+
+Database Database::adopt(std::int16_t handle, const std::filesystem::path& path, Mode mode) {
+  auto state = std::make_shared<OpenDatabase>();
+  state->path = path;
+  state->mode = mode;
+  state->handle = handle;
+  return Database(std::move(state));
+}
+
+DatabaseInfo Database::inspect(const std::filesystem::path& path) {
+  constexpr const char* kOperation = "look at the database";
+  return readInfo(Operation(openState(path, Mode::read_only, kOperation), kOperation));
+}
+
+std::u16string Database::native_path(const std::filesystem::path& path) {
+  const std::vector<QVWCHAR> wide = detail::nativePath(path, "use this path");
+  return {wide.begin(), wide.end() - 1};
+}
+
+void Database::close() {
+  if (!is_open()) return;
+  state_->discardBulk();
+  const std::int16_t handle = std::exchange(state_->handle, 0);
+  if (CloseDBase(handle) != 0) return;
+  constexpr const char* kOperation = "close the database";
+  detail::throwError(state_->path, kOperation, Reason::cannot_write,
+                     "the system reports a failure");
+}
+
+bool Database::is_open() const noexcept {
+  return state_ != nullptr && state_->handle != 0;
+}
+
+OpenDatabase& Database::state() const {
+  if (state_ == nullptr) {
+    detail::throwError("use the database", Reason::not_open, "none is open");
+  }
+  return *state_;
+}
+
+std::int16_t Database::handle() const {
+  return state().handle;
+}
+
+const std::filesystem::path& Database::path() const {
+  return state().path;
+}
+
+Mode Database::mode() const {
+  return state().mode;
+}
+
+DatabaseInfo Database::info() const {
+  static_cast<void>(state());
+  return readInfo(Operation(state_, "read the header"));
+}
+
+void Database::set_version(std::uint16_t version) {
+  static_cast<void>(state());
+  const Operation operation(state_, "set the version");
+  if (!isUsableVersion(version)) {
+    operation.fail(Reason::bad_argument, "a version lies between 100 and 199");
+  }
+  operation.requireWritable();
+  if (SetDBaseVersion(operation.db(), version) != 1) operation.failedWrite(0);
+}
+
+std::vector<Table> Database::tables() const {
+  static_cast<void>(state());
+  const Operation operation(state_, "list the tables");
+  ReadScope scope(operation.db());
+  std::vector<Table> tables;
+  tablePart1 slot;
+  static_cast<void>(operation.findSlot(&slot, [&](const tablePart1& used) {
+    const Id id{qvdbase::identifierNumber(used.tableID)};
+    tables.push_back(Table(state_, id, detail::storedName(used)));
+    return false;
+  }));
+  return tables;
+}
+
+std::optional<Table> Database::find_table(std::string_view name) const {
+  static_cast<void>(state());
+  const Operation operation(state_, "find the table");
+  ReadScope scope(operation.db());
+  tablePart1 slot;
+  if (!operation.findSlot(
+          &slot, [name](const tablePart1& used) { return detail::storedName(used) == name; })) {
+    return std::nullopt;
+  }
+  return Table(state_, Id{qvdbase::identifierNumber(slot.tableID)}, std::string(name));
+}
+
+std::optional<Table> Database::find_table(Id table) const {
+  static_cast<void>(state());
+  const Operation operation(state_, "find the table");
+  ReadScope scope(operation.db());
+  tablePart1 slot;
+  if (!operation.findSlot(&slot, [table](const tablePart1& used) {
+        return qvdbase::identifierNumber(used.tableID) == table.value;
+      })) {
+    return std::nullopt;
+  }
+  return Table(state_, table, detail::storedName(slot));
+}
+
+bool Database::contains(std::string_view name) const {
+  return find_table(name).has_value();
+}
+
+bool Database::contains(Id table) const {
+  return find_table(table).has_value();
+}
+
+Table Database::table(std::string_view name) const {
+  std::optional<Table> found = find_table(name);
+  if (found) return *std::move(found);
+  Operation(state_, "find the table")
+      .failMissingTable(std::string(name), "it has no table named '" + std::string(name) + "'");
+}
+
+Table Database::add_table(std::string_view name) {
+  static_cast<void>(state());
+  const Operation operation(state_, "add the table");
+  if (name.empty() || name.find('\0') != std::string_view::npos) {
+    operation.fail(Reason::bad_name, "a table name has at least one byte, and no zero bytes");
+  }
+  if (name.size() > qvdbase::kTableNameSize) {
+    operation.fail(Reason::name_too_long, "a table name has at most 32 bytes, and this one has " +
+                                              std::to_string(name.size()));
+  }
+  operation.about(name);
+  operation.requireWritable();
+  const std::uint64_t id = AddTable(operation.db(), std::string(name).c_str());
+  if (id != 0) return Table(state_, Id{id}, std::string(name));
+
+  operation.failIfWriteWasRefused(0);
+  ReadScope scope(operation.db());
+  tablePart1 slot;
+  if (operation.findSlot(
+          &slot, [name](const tablePart1& used) { return detail::storedName(used) == name; })) {
+    operation.fail(Reason::table_exists,
+                   "a table named '" + std::string(name) + "' exists already");
+  }
+  const qvdbase::DirectoryNumbers numbers = operation.directory();
+  if (numbers.tableCount >= numbers.slotCount - 1) {
+    operation.fail(Reason::directory_full, "it has " + std::to_string(numbers.tableCount) +
+                                               " tables, and no room for more");
+  }
+  operation.failedWrite(0);
+}
+
+Table Database::find_or_add_table(std::string_view name) {
+  std::optional<Table> found = find_table(name);
+  return found ? *std::move(found) : add_table(name);
+}
+
+void Database::sync() {
+  static_cast<void>(state());
+  const Operation operation(state_, "wait for the device");
+  if (!qvdbase::platform::syncFile(operation.db())) {
+    operation.fail(Reason::cannot_write, "the system reports a failure");
+  }
+}
+
+}  // namespace qvdb

@@ -1,0 +1,163 @@
+// What a Database, its tables and its records share.
+#include "objects/open_database.h"
+
+#include <qvdbase/qvdbase.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "QVDbase/header.h"
+#include "failure/failure.h"
+#include "format/layout.h"
+#include "objects/bulk.h"
+#include "platform/handles/open_files.h"
+#include "platform/host/host_failure.h"
+#include "platform/transfer/transfer.h"
+
+namespace qvdb::detail {
+
+OpenDatabase::~OpenDatabase() {
+  if (handle != 0) CloseDBase(handle);
+}
+
+void OpenDatabase::discardBulk() noexcept {
+  if (bulk != nullptr) bulk->discard();
+}
+
+namespace {
+
+// Tables and records that were made without a database have none.
+OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const char* operation) {
+  if (database != nullptr) return *database;
+  throwError(operation, Reason::not_open, "it belongs to no database");
+}
+
+}  // namespace
+
+Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
+    : database_(databaseOf(database, name)), name_(name) {
+  qvdbase::platform::forgetHostFailure();
+  if (database_.handle == 0) fail(Reason::not_open, "it was closed");
+}
+
+void Operation::fail(Reason reason, const std::string& why,
+                     std::optional<std::uint64_t> recordNumber) const {
+  ErrorDetails known = details();
+  known.record_number = recordNumber;
+  known.system_code = qvdbase::platform::lastHostFailure();
+  throwError(database_.path, name_, reason, why, std::move(known));
+}
+
+void Operation::about(const tablePart1& slot) const {
+  std::copy_n(slot.tableName, tableName_.size(), tableName_.begin());
+}
+
+void Operation::about(std::string_view table) const {
+  tableName_.fill('\0');
+  std::copy_n(table.begin(), std::min(table.size(), tableName_.size()), tableName_.begin());
+}
+
+ErrorDetails Operation::details() const {
+  ErrorDetails known;
+  known.table.assign(tableName_.begin(), std::find(tableName_.begin(), tableName_.end(), '\0'));
+  return known;
+}
+
+void Operation::requireWritable() const {
+  const auto* file = qvdbase::platform::findOpenFile(db());
+  if (file == nullptr) fail(Reason::not_open, "its handle was closed by other means");
+  if (!file->isWritable()) fail(Reason::read_only, "it was opened for reading only");
+}
+
+void Operation::requireIdentifier(Id record) const {
+  if (record.value == 0) {
+    fail(Reason::bad_argument, "identifier 0 stands for no record; use another, or let it be made");
+  }
+}
+
+void Operation::requireNoBulk() const {
+  if (database_.bulk == nullptr) return;
+  fail(Reason::appender_open,
+       "records are being added to it by an appender or a writer; finish or discard that first");
+}
+
+void Operation::requireNoBulkOf(Id table) const {
+  if (database_.bulk != nullptr && database_.bulk->table == table) requireNoBulk();
+}
+
+qvdbase::DirectoryNumbers Operation::directory() const {
+  qvdbase::DirectoryNumbers numbers;
+  if (qvdbase::readDirectoryNumbers(db(), &numbers)) {
+    if (numbers.tableCount >= 0) return numbers;
+    fail(Reason::directory_damaged, "its number of tables is damaged");
+  }
+  if (qvdbase::platform::findOpenFile(db()) == nullptr) {
+    fail(Reason::not_open, "its handle was closed by other means");
+  }
+  internal_Head1 head;
+  if (internal_GetDBHead1(db(), &head) != 1) {
+    fail(Reason::not_a_database,
+         fileLength() == 0 ? "the file is empty, not a database" : "the file is not a database");
+  }
+  if (head.version < qvdbase::kFirstVersion || head.version > qvdbase::kLastVersion) {
+    fail(Reason::version_out_of_range,
+         "its version is " + std::to_string(head.version) + ", and only 100 to 199 can be used");
+  }
+  fail(Reason::not_a_database, "the file is cut off inside its header");
+}
+
+qvdbase::FoundTable Operation::table(Id table) const {
+  qvdbase::FoundTable found;
+  // The common case reads each slot once; only a failure looks at them again, to tell why.
+  if (qvdbase::findTable(db(), table.value, &found)) {
+    about(found.slot);
+    return found;
+  }
+  tablePart1 slot;
+  static_cast<void>(findSlot(&slot, [](const tablePart1&) { return false; }));
+  failMissingTable(to_string(table), "it has no table " + to_string(table));
+}
+
+void Operation::failMissingTable(const std::string& wanted, const std::string& why) const {
+  ErrorDetails known;
+  known.table = wanted;
+  throwError(database_.path, name_, Reason::table_missing, why, std::move(known));
+}
+
+void Operation::readSlot(const qvdbase::DirectoryNumbers& numbers, int index,
+                         tablePart1* slot) const {
+  if (qvdbase::readUsedSlot(db(), numbers.slotSize, slot)) return;
+  fail(Reason::directory_damaged,
+       "entry " + std::to_string(index + 1) + " of its table directory is damaged");
+}
+
+std::uint64_t Operation::fileLength() const {
+  const auto* file = qvdbase::platform::findOpenFile(db());
+  std::int64_t length = 0;
+  if (file == nullptr || !qvdbase::platform::fileLength(*file, &length)) {
+    fail(Reason::cannot_read, "the system does not tell the file's length");
+  }
+  return static_cast<std::uint64_t>(length);
+}
+
+void Operation::failedWrite(std::uint64_t bytes) const {
+  requireWritable();
+  std::int64_t length = 0;
+  const auto* file = qvdbase::platform::findOpenFile(db());
+  if (!qvdbase::platform::fileLength(*file, &length)) length = 0;
+  throwWriteFailure(database_.path, name_,
+                    qvdbase::platform::findWriteFailure(static_cast<std::uint64_t>(length) + bytes),
+                    details());
+}
+
+void Operation::failIfWriteWasRefused(std::uint64_t bytes) const {
+  if (qvdbase::platform::lastRefusedWrite()) failedWrite(bytes);
+}
+
+std::string storedName(const tablePart1& slot) {
+  const char* end = std::find(std::begin(slot.tableName), std::end(slot.tableName), '\0');
+  return {slot.tableName, end};
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,90 @@
+// qvdb::RecordWriter: one record of a batch, its payload in pieces.
+#include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/table.hpp>
+#include <qvdbase/qvdb/writer.hpp>
+
+#include <limits>
+#include <utility>
+
+#include "failure/failure.h"
+#include "format/identifiers.h"
+#include "objects/bulk.h"
+#include "objects/open_database.h"
+
+namespace qvdb {
+
+using detail::Operation;
+
+RecordWriter Table::writer(std::uint32_t reserve, std::optional<Id> record) {
+  return RecordWriter(detail::Bulk::open(database_, id_), reserve, record, true);
+}
+
+RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, std::uint32_t reserve,
+                           std::optional<Id> record, bool isAlone)
+    : isAlone_(isAlone) {
+  const Operation operation(bulk->database, detail::kWrite);
+  bulk->requireOpen(operation);
+  bulk->requireNoWriter(operation);
+  const qvdbase::BatchRecord entry = bulk->entryOf(operation, record, reserve);
+  if (!bulk->batch.openRecord(entry)) bulk->failed(operation, qvdbase::kRecordBlockOverhead);
+  id_ = Id{qvdbase::identifierNumber(entry.recordID)};
+  bulk->inPieces = true;
+  bulk_ = std::move(bulk);
+}
+
+RecordWriter::RecordWriter(RecordWriter&&) noexcept = default;
+
+RecordWriter& RecordWriter::operator=(RecordWriter&& other) noexcept {
+  RecordWriter taken(std::move(other));
+  bulk_.swap(taken.bulk_);
+  std::swap(id_, taken.id_);
+  std::swap(size_, taken.size_);
+  std::swap(isAlone_, taken.isAlone_);
+  return *this;
+}
+
+RecordWriter::~RecordWriter() {
+  discard();
+}
+
+void RecordWriter::write(ByteView bytes) {
+  requireOpen();
+  const Operation operation(bulk_->database, detail::kWrite);
+  bulk_->requireOpen(operation);
+  constexpr std::uint32_t kMost = std::numeric_limits<std::uint32_t>::max();
+  if (bytes.size() > kMost - size_) {
+    operation.fail(Reason::too_large, "it would be " + std::to_string(bytes.size() + size_) +
+                                          " bytes, and 4,294,967,295 are the most");
+  }
+  const auto* from = reinterpret_cast<const unsigned char*>(bytes.data());
+  const auto count = static_cast<std::uint32_t>(bytes.size());
+  if (!bulk_->batch.appendPayload(from, count)) bulk_->failed(operation, count);
+  size_ += count;
+}
+
+Id RecordWriter::finish() {
+  requireOpen();
+  const Operation operation(bulk_->database, detail::kWrite);
+  bulk_->requireOpen(operation);
+  if (!bulk_->batch.closeRecord()) bulk_->failed(operation, qvdbase::kRecordBlockOverhead);
+  bulk_->inPieces = false;
+  bulk_->latest = id_;
+  if (isAlone_) bulk_->finish(operation);
+  bulk_.reset();
+  return id_;
+}
+
+void RecordWriter::discard() noexcept {
+  const std::shared_ptr<detail::Bulk> bulk = std::exchange(bulk_, nullptr);
+  if (bulk == nullptr) return;
+  bulk->dropRecord();
+  if (isAlone_) bulk->discard();
+}
+
+// A writer without its batch was finished, discarded or moved from.
+void RecordWriter::requireOpen() const {
+  if (bulk_ != nullptr) return;
+  detail::throwError(detail::kWrite, Reason::bad_argument, "its writer was finished or discarded");
+}
+
+}  // namespace qvdb

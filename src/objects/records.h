@@ -1,0 +1,47 @@
+// What the parts of the layer that deal with records share.
+#pragma once
+
+#include <qvdbase/qvdb/record.hpp>
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "QVDbase/record_find.h"
+#include "format/identifiers.h"
+#include "format/layout.h"
+#include "objects/chain_walker.h"
+#include "objects/open_database.h"
+
+namespace qvdb::detail {
+
+void storeInfo(const recordPart1& header, std::int64_t recordPos, RecordInfo* info);
+// The same from the header's bytes.
+inline void storeInfo(const unsigned char* head, std::int64_t recordPos, RecordInfo* info) {
+  using namespace qvdbase;
+  info->id.value = identifierNumber(head + record::kRecordID);
+  info->create_time = loadBigEndian<std::uint32_t>(head + record::kCreateTime);
+  info->modify_time = loadBigEndian<std::uint32_t>(head + record::kModifyTime);
+  info->size = loadBigEndian<std::uint32_t>(head + record::kDataLength);
+  info->capacity = loadBigEndian<std::uint32_t>(head + record::kDataCapacity);
+  info->position = recordPos;
+  info->data_position = recordPos + record::kData;
+}
+RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos);
+
+// Throws too_large when there is not enough memory.
+void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, std::uint32_t size);
+
+// Read the payload of a record whose header has been read: all of it, or as much of its beginning
+// as the buffer takes. Throw data_damaged when it reaches beyond the end of the file.
+void readWholePayload(const Operation& operation, const qvdbase::FoundRecord& found,
+                      std::vector<std::byte>* buffer);
+void readPayloadStart(const Operation& operation, const qvdbase::FoundRecord& found,
+                      std::span<std::byte> buffer);
+
+// Throws chain_damaged for the walker's last step.
+[[noreturn]] void failDamagedChain(const Operation& operation, const ChainWalker& walker,
+                                   const std::string& table);
+
+}  // namespace qvdb::detail

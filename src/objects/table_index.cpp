@@ -1,0 +1,212 @@
+// Building, asking and maintaining the index of a table.
+#include "objects/table_index.h"
+
+#include <qvdbase/qvdb/index.hpp>
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+
+#include "format/big_endian.h"
+#include "format/block_heads.h"
+#include "format/identifiers.h"
+#include "objects/chain_walker.h"
+#include "support/file_transfers.h"
+
+namespace qvdb {
+
+RecordIndex::RecordIndex(std::shared_ptr<detail::TableIndex> index) : index_(std::move(index)) {}
+std::size_t RecordIndex::size() const noexcept {
+  return index_->map.size();
+}
+std::size_t RecordIndex::bytes() const noexcept {
+  return index_->map.bytes();
+}
+
+namespace detail {
+namespace {
+
+// How much is read around a record that is looked up: the header before it, its payload and the
+// header behind it, when records lie in order and have about the usual size. Small records get room
+// for a few dead blocks between them: some hundred bytes more cost a read next to nothing.
+constexpr std::int64_t kLeastAround = 512;
+constexpr std::int64_t kMostAround = 4096;
+
+constexpr std::uint64_t kSmallestBlock = qvdbase::kRecordBlockOverhead;
+
+Id tableOf(const tablePart1& slot) {
+  return Id{qvdbase::identifierNumber(slot.tableID)};
+}
+
+void readNeighbourhood(std::int16_t db, const TableIndex& index, std::int64_t position) {
+  const std::int64_t before = std::clamp(index.usualBlock, kLeastAround, kMostAround);
+  const std::int64_t from = std::max<std::int64_t>(0, position - before);
+  const std::int64_t behind = before + qvdbase::record::kData;
+  qvdbase::readAhead(db, from, static_cast<std::uint32_t>(position - from + behind));
+}
+
+// Whether a record of this table stands at a place, with this position in one of its links.
+bool linksTo(std::int16_t db, std::int64_t recordPos, const unsigned char* tableID,
+             std::int64_t link, std::int64_t position) {
+  recordPart1 header;
+  const unsigned char* block = qvdbase::viewFile(db, recordPos, qvdbase::record::kData);
+  if (block == nullptr) {
+    if (!readHead(db, recordPos, tableID, &header)) return false;
+    const bool isNext = link == qvdbase::record::kNextRecordPos;
+    return (isNext ? header.nextRecordPos : header.prevRecordPos) == position;
+  }
+  return qvdbase::isRecordOf(block, tableID) &&
+         static_cast<std::int64_t>(qvdbase::loadBigEndian<std::uint64_t>(block + link)) == position;
+}
+
+// The neighbours that are records; the ends of the chain are the slot's affair.
+bool neighboursPointBack(std::int16_t db, const unsigned char* tableID, const recordPart1& header,
+                         std::int64_t position) {
+  using namespace qvdbase::record;
+  const std::int64_t previous = header.prevRecordPos;
+  const std::int64_t next = header.nextRecordPos;
+  return (previous == 0 || linksTo(db, previous, tableID, kNextRecordPos, position)) &&
+         (next == 0 || linksTo(db, next, tableID, kPrevRecordPos, position));
+}
+
+bool isEndOfChain(const recordPart1& header) {
+  return header.prevRecordPos == 0 || header.nextRecordPos == 0;
+}
+
+bool slotAgrees(const tablePart1& slot, const recordPart1& header, std::int64_t position) {
+  return (header.prevRecordPos != 0 || slot.firstRecordPos == position) &&
+         (header.nextRecordPos != 0 || slot.lastRecordPos == position);
+}
+
+bool verify(const Operation& operation, const TableIndex& index, Id record,
+            qvdbase::FoundRecord* found) {
+  const unsigned char* tableID = index.tableID;
+  readNeighbourhood(operation.db(), index, found->recordPos);
+  return readHead(operation.db(), found->recordPos, tableID, &found->header) &&
+         qvdbase::identifierNumber(found->header.recordID) == record.value &&
+         neighboursPointBack(operation.db(), tableID, found->header, found->recordPos) &&
+         (!isEndOfChain(found->header) ||
+          slotAgrees(operation.table(index.table).slot, found->header, found->recordPos));
+}
+
+// The distance between blocks, with a quarter to spare for the larger ones.
+std::int64_t usualBlock(const tablePart1& slot) {
+  if (slot.firstRecordPos < 0 || slot.lastRecordPos < 0) return 0;
+  const std::int64_t records = std::max<std::int64_t>(1, slot.recordCount);
+  const std::int64_t spread = std::abs(slot.lastRecordPos - slot.firstRecordPos) / records;
+  return spread + spread / 4;
+}
+
+bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index) {
+  for (;;) {
+    recordPart1 header;
+    std::int64_t position = 0;
+    const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
+    if (step == ChainWalker::Step::end) return true;
+    if (step == ChainWalker::Step::damaged) return false;
+    const bool isNew = index.map.insert(qvdbase::identifierNumber(header.recordID), position);
+    index.hasDuplicates = index.hasDuplicates || !isNew;
+  }
+}
+
+}  // namespace
+
+ChainState chainState(const tablePart1& slot) {
+  return {slot.recordCount, slot.recordWriteCount, slot.firstRecordPos, slot.lastRecordPos};
+}
+
+std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table) {
+  for (const std::weak_ptr<TableIndex>& held : database.indexes) {
+    std::shared_ptr<TableIndex> index = held.lock();
+    if (index != nullptr && index->table == table) return index;
+  }
+  return nullptr;
+}
+
+std::shared_ptr<TableIndex> makeIndex(OpenDatabase& database, Id table) {
+  if (std::shared_ptr<TableIndex> present = indexOf(database, table)) return present;
+  std::erase_if(database.indexes, [](const auto& held) { return held.expired(); });
+  auto index = std::make_shared<TableIndex>();
+  index->table = table;
+  internal_ConvertInt64_2UuID(table.value, index->tableID);
+  database.indexes.push_back(index);
+  return index;
+}
+
+bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walkerOut) {
+  index.isStale = true;
+  index.hasDuplicates = false;
+  index.map.clear();
+  const tablePart1 slot = operation.table(index.table).slot;
+  // To grow while it is filled would take more than twice the memory. The file's length bounds what
+  // a damaged count asks for.
+  index.map.reserve(static_cast<std::size_t>(
+      std::min<std::uint64_t>(slot.recordCount, operation.fileLength() / kSmallestBlock)));
+  ChainWalker walker(slot);
+  const bool complete = walkInto(operation, walker, index);
+  if (walkerOut != nullptr) *walkerOut = walker;
+  if (!complete) return false;
+  index.state = chainState(slot);
+  index.usualBlock = usualBlock(slot);
+  index.isStale = false;
+  return true;
+}
+
+Answer askIndex(const Operation& operation, TableIndex& index, Id record,
+                qvdbase::FoundRecord* found) {
+  if (index.isStale && !buildIndex(operation, index)) return Answer::unknown;
+  const std::optional<std::int64_t> position = index.map.find(record.value);
+  if (!position) {
+    if (chainState(operation.table(index.table).slot) == index.state) return Answer::absent;
+    index.isStale = true;
+    return Answer::unknown;
+  }
+  found->recordPos = *position;
+  if (verify(operation, index, record, found)) return Answer::found;
+  index.isStale = true;
+  return Answer::unknown;
+}
+
+void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position) {
+  const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
+  if (index == nullptr || index->isStale) return;
+  ChainState expected = chainState(slot);
+  const bool oneMore = expected.recordCount == index->state.recordCount + 1 &&
+                       expected.recordWriteCount == index->state.recordWriteCount + 1;
+  index->state = expected;
+  try {
+    index->isStale = !oneMore;
+    if (!index->map.insert(record.value, position)) index->hasDuplicates = true;
+  } catch (const std::bad_alloc&) {
+    index->isStale = true;
+  }
+}
+
+void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position) {
+  const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
+  if (index == nullptr) return;
+  index->map.replace(record.value, position);
+  index->state.firstRecordPos = slot.firstRecordPos;
+  index->state.lastRecordPos = slot.lastRecordPos;
+  // Of two records with one identifier it may have been the second that moved.
+  if (index->hasDuplicates) index->isStale = true;
+}
+
+void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
+  const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
+  if (index == nullptr) return;
+  if (slot.recordCount + 1 != index->state.recordCount) index->isStale = true;
+  index->map.erase(record.value);
+  index->state = chainState(slot);
+  // Another record with the identifier may come to light now.
+  if (index->hasDuplicates) index->isStale = true;
+}
+
+bool standsInChain(std::int16_t db, const tablePart1& slot, const recordPart1& header,
+                   std::int64_t position) {
+  return slotAgrees(slot, header, position) &&
+         neighboursPointBack(db, slot.tableID, header, position);
+}
+
+}  // namespace detail
+}  // namespace qvdb

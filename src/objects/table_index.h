@@ -1,0 +1,65 @@
+// The index of one table, and what the operations of the layer do with it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "QVDbase/record_find.h"
+#include "objects/chain_walker.h"
+#include "objects/index_map.h"
+#include "objects/open_database.h"
+
+namespace qvdb::detail {
+
+// What a table's slot says of its chain. As long as it is what the index remembers, no record was
+// added or deleted that the index was not told of.
+struct ChainState {
+  std::uint32_t recordCount = 0;
+  std::uint32_t recordWriteCount = 0;
+  std::int64_t firstRecordPos = 0;
+  std::int64_t lastRecordPos = 0;
+
+  friend bool operator==(const ChainState&, const ChainState&) = default;
+};
+ChainState chainState(const tablePart1& slot);
+
+struct TableIndex {
+  Id table;
+  unsigned char tableID[qvdbase::kIdentifierSize];  // the same, as blocks hold it
+  IndexMap map;
+  ChainState state;
+  std::int64_t usualBlock = 0;  // bytes from one record to the next, about
+  bool isStale = true;          // to be built again before it is used
+  bool hasDuplicates = false;   // some identifier is there twice; the map has the first one
+};
+
+// The outcome of asking an index: it knows the record, knows that there is none, or does not know.
+enum class Answer { found, absent, unknown };
+
+// The index of a table while one is held, else null.
+std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table);
+
+// Makes the table's index known to the database for as long as somebody holds it.
+std::shared_ptr<TableIndex> makeIndex(OpenDatabase& database, Id table);
+
+// Builds the index in one walk. False when the chain is damaged, which *walker tells more about (it
+// may be null); the index stays stale then.
+bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walker = nullptr);
+
+// Looks a record up and verifies it against the file. The caller holds a scope; after `found` the
+// record's neighbourhood has been read in it. Fills the header and the position only.
+Answer askIndex(const Operation& operation, TableIndex& index, Id record,
+                qvdbase::FoundRecord* found);
+
+// To be told of every change of a chain, with the slot as it is now.
+void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position);
+void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position);
+void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record);
+
+// Whether the record at a position is in the chain: both neighbours, or the slot where it has none,
+// must say so.
+bool standsInChain(std::int16_t db, const tablePart1& slot, const recordPart1& header,
+                   std::int64_t position);
+
+}  // namespace qvdb::detail

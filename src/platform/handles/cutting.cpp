@@ -1,0 +1,18 @@
+// Making an open file shorter.
+#include "platform/handles/cutting.h"
+
+#include "platform/host/system_calls.h"
+#include "platform/transfer/transfer.h"
+
+namespace qvdbase::platform {
+
+bool cutFile(const OpenFile& file, int64_t length) {
+  if (file.sharing != Sharing::exclusive || length < 0) return false;
+  flushTransfers();  // a refused write is the scope's affair: it is cut off, or lies before
+  const int64_t present = systemCalls().lengthOf(file.descriptor);
+  if (present < length) return false;
+  if (present == length) return true;
+  return uninterrupted([&] { return systemCalls().truncate(file.descriptor, length); }) == 0;
+}
+
+}  // namespace qvdbase::platform

@@ -1,0 +1,105 @@
+// The files that this process has open: one entry for each device and inode, however often and
+// under whatever names the file was opened.
+//
+// An entry owns the file's descriptors and its lock. Both belong to the file as a whole:
+//   - a lock of each opener's own would conflict with those of the others in this process;
+//   - a plain POSIX lock goes as soon as the process closes any descriptor of the file, so no
+//     descriptor may be closed before the last opener goes.
+// An entry exists exactly as long as it has an opener.
+//
+// After a fork both processes have the entry. Where locks belong to open file descriptions they
+// then hold one lock together, which either could weaken or strengthen for the other; where locks
+// belong to the process, the child holds none. So:
+//   - a lock that may be held together is not weakened: it goes with the last descriptor of both;
+//   - before it would be strengthened, and before a child admits a writer of its own, the entry
+//     gets a new description with a lock of this process alone, or the opener is refused.
+#ifndef QVDBASE_PLATFORM_FILE_ENTRIES_H
+#define QVDBASE_PLATFORM_FILE_ENTRIES_H
+
+#include <sys/stat.h>
+
+#include <cstdint>
+
+#include "platform/host/process_mark.h"
+#include "platform/paths/directory.h"
+
+namespace qvdbase::platform {
+
+// What an opener asks of the others; the order is that of strength. It is also the strength of the
+// lock that keeps other processes to it.
+enum class Sharing : uint8_t {
+  none,       // reads only: takes no lock and minds nobody
+  shared,     // reads and writes beside others
+  exclusive,  // reads and writes, the only one of its kind here, alone among processes
+};
+
+struct SurplusDescriptor;
+
+struct FileEntry {
+  dev_t device;
+  ino_t inode;
+  int readWrite;               // descriptor, or -1
+  int readOnly;                // descriptor, or -1
+  SurplusDescriptor* surplus;  // descriptors that nobody uses but that must not be closed yet
+  uint32_t openers;
+  uint32_t sharedOpeners;
+  uint32_t exclusiveOpeners;
+  Sharing lock;        // the lock that is held
+  ProcessMark locker;  // who opened readWrite, to which the lock belongs
+  FileEntry* next;
+};
+
+// The entry of that file, or null when this process does not have it open.
+FileEntry* findEntry(dev_t device, ino_t inode);
+
+// Counts one more opener of the regular file `name`, with everything that it needs: the entry, a
+// descriptor (one for writing unless `sharing` is none), the lock. A file that is locked then still
+// is the one of that name: where another has taken its place between opening and locking, the
+// opening begins again, a limited number of times. Returns null, and changes nothing, when one of
+// these cannot be obtained.
+FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing sharing);
+
+// The entry of a file that this process has just made, with an exclusive opener. Takes over the
+// descriptor, which is open for reading and writing. Null when the file cannot be locked, or memory
+// is short; the descriptor is closed then.
+FileEntry* enterNewFile(int descriptor);
+
+// Counts one more opener, who only reads. Needs no more than there is.
+inline void addReader(FileEntry* entry) {
+  ++entry->openers;
+}
+
+// Counts an opener off. The lock falls back to what the others need; with the last one the entry
+// goes. Returns false when the host reports that closing failed (the opener is gone all the same).
+bool leaveEntry(FileEntry* entry, Sharing sharing);
+
+// The descriptor through which every opener may read, and those that share or exclude may write.
+inline int descriptorOf(const FileEntry& entry) {
+  return entry.readWrite >= 0 ? entry.readWrite : entry.readOnly;
+}
+
+// Takes over a descriptor that turned out to be one of this entry's file, until the entry goes.
+void keepDescriptor(FileEntry* entry, int descriptor);
+
+// Tells what `name` stands for. False when nothing is there or it is not a regular file.
+bool regularFileStatus(const Directory& directory, const EntryName& name, struct stat* status);
+
+// Opens the regular file `name` with these access flags, never waiting for anything, and tells its
+// status. Returns the descriptor or -1.
+int openRegularFile(const Directory& directory, const EntryName& name, int access,
+                    struct stat* status);
+
+// Whether `name` still is the name of that file. To be asked while its lock is held: whoever
+// replaces a file by another one holds that lock meanwhile.
+enum class NameOf : uint8_t { thisFile, anotherOrNone, unknown };
+NameOf lookAtName(const Directory& directory, const EntryName& name, dev_t device, ino_t inode);
+
+// How often an opening begins again because the file was replaced meanwhile.
+inline constexpr int kOpeningTries = 100;
+
+// Sets the lock on the whole of a file, or clears it; never waits.
+bool setFileLock(int descriptor, Sharing strength);
+
+}  // namespace qvdbase::platform
+
+#endif

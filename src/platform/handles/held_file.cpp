@@ -1,0 +1,83 @@
+// Holding a file that is going to be replaced.
+#include "platform/handles/held_file.h"
+
+#include <memory>
+#include <vector>
+
+#include "platform/host/system_calls.h"
+#include "platform/paths/host_path.h"
+
+namespace qvdbase::platform {
+namespace {
+
+constexpr int kExclusively = 3;
+
+OpenFailureFound whyNot(const std::string& path) {
+  std::vector<QVWCHAR> wide(path.size() + 1);
+  if (!utf16FromUtf8(path.data(), path.size(), wide.data(), wide.size())) {
+    return {OpenFailure::other, {}};
+  }
+  const OpenFailureFound found = findOpenFailure(wide.data(), kExclusively);
+  if (found.failure == OpenFailure::none) return {OpenFailure::inUse, {}};
+  return found;
+}
+
+}  // namespace
+
+HeldFile::~HeldFile() {
+  if (entry_ != nullptr) leaveEntry(entry_, sharing_);
+}
+
+OpenFailureFound HeldFile::hold(const std::string& path) {
+  Directory folder;
+  const std::unique_ptr<EntryName> name = walkToParent(path, &folder);
+  if (!name || !join(folder, *name)) return whyNot(path);
+  return {};
+}
+
+bool HeldFile::lookAt(const std::string& path) {
+  Directory folder;
+  const std::unique_ptr<EntryName> name = walkToParent(path, &folder);
+  if (!name) return false;
+  sharing_ = Sharing::none;
+  entry_ = joinEntry(folder, *name, sharing_);
+  return entry_ != nullptr;
+}
+
+OpenFailureFound HeldFile::holdEntry(const Directory& folder, const EntryName& name) {
+  struct stat status = {};
+  if (systemCalls().statusAt(folder.descriptor(), name.bytes(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+    return {OpenFailure::fileMissing, {}};
+  if (!S_ISREG(status.st_mode)) return {OpenFailure::notAFile, {}};
+  errno = 0;
+  if (join(folder, name)) return {};
+  const bool isDenied = errno == EACCES || errno == EPERM;
+  return {isDenied ? OpenFailure::accessDenied : OpenFailure::inUse, {}};
+}
+
+// False also when others in this process write to it.
+bool HeldFile::join(const Directory& folder, const EntryName& name) {
+  FileEntry* entry = joinEntry(folder, name, Sharing::exclusive);
+  if (entry == nullptr) return false;
+  if (entry->sharedOpeners + entry->exclusiveOpeners > 1) {
+    leaveEntry(entry, Sharing::exclusive);
+    return false;
+  }
+  entry_ = entry;
+  return true;
+}
+
+uint64_t HeldFile::nameCount() const {
+  struct stat status = {};
+  if (systemCalls().status(descriptorOf(*entry_), &status) != 0) return 0;
+  return static_cast<uint64_t>(status.st_nlink);
+}
+
+bool HeldFile::isNamed(const Directory& folder, const EntryName& name) const {
+  struct stat status = {};
+  if (systemCalls().statusAt(folder.descriptor(), name.bytes(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+    return false;
+  return status.st_dev == entry_->device && status.st_ino == entry_->inode;
+}
+
+}  // namespace qvdbase::platform

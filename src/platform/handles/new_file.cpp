@@ -1,0 +1,142 @@
+// Making, writing and placing a new file.
+#include "platform/handles/new_file.h"
+
+#include "platform/handles/file_creation.h"
+#include "platform/handles/open_files.h"
+#include "platform/host/host_failure.h"
+#include "platform/host/system_calls.h"
+#include "platform/paths/host_path.h"
+#include "platform/paths/placing.h"
+#include "platform/paths/temporary_name.h"
+#include "platform/transfer/transfer.h"
+
+namespace qvdbase::platform {
+namespace {
+
+constexpr mode_t kOwnersMode = 0600;
+constexpr mode_t kUsualMode = 0666;  // less what the process masks out
+
+}  // namespace
+
+// The name goes first: while the lock is held no other opener can have begun to use the file.
+NewFile::~NewFile() {
+  if (entry_ == nullptr) return;
+  if (!isPlaced_ && maker_.isOwn() && !isAnothers(temporaryFolder(), temporary_.c_str())) {
+    systemCalls().removeAt(temporaryFolder(), temporary_.c_str(), 0);
+  }
+  if (!isHandedOver_) leaveEntry(entry_, Sharing::exclusive);
+}
+
+bool NewFile::create(const std::string& place, OpenTo openTo) {
+  name_ = walkToParent(place, &folder_);
+  if (!name_) noteHostFailure();
+  return name_ && createHere(openTo);
+}
+
+bool NewFile::createIn(int folder, const std::string& name) {
+  name_ = std::make_unique<EntryName>(std::string_view(name));
+  if (!name_->isValid()) return false;
+  if (folder_.enterOpen(folder)) return createHere(OpenTo::owner);
+  noteHostFailure();
+  return false;
+}
+
+bool NewFile::createHere(OpenTo openTo) {
+  const mode_t mode = openTo == OpenTo::owner ? kOwnersMode : kUsualMode;
+  int descriptor = -1;
+  const bool isMade = makeUnderTemporaryName(&temporary_, [&](const char* name) {
+    descriptor = createOpenFile(folder_, EntryName(std::string_view(name)), mode);
+    return descriptor >= 0;
+  });
+  if (isMade) entry_ = enterNewFile(descriptor);
+  if (entry_ == nullptr) noteHostFailure();
+  if (isMade && entry_ == nullptr) {
+    systemCalls().removeAt(folder_.descriptor(), temporary_.c_str(), 0);
+  }
+  return entry_ != nullptr;
+}
+
+bool NewFile::takeOver(const std::string& place, std::unique_ptr<PrivateFolder> folder) {
+  name_ = walkToParent(place, &folder_);
+  private_ = std::move(folder);
+  temporary_ = PrivateFolder::kFileName;
+  if (!name_) return false;
+  entry_ = private_->joinFile();
+  return entry_ != nullptr;
+}
+
+bool NewFile::writeAt(int64_t position, const void* bytes, size_t count) {
+  const auto limit = systemCalls().fileSizeLimit();
+  for (size_t done = 0; done < count;) {
+    const int64_t place = position + static_cast<int64_t>(done);
+    if (static_cast<uint64_t>(place) + (count - done) > limit) {
+      noteHostFailure(EFBIG);
+      return false;
+    }
+    const ssize_t moved = uninterrupted([&] {
+      return systemCalls().writeAt(descriptor(), static_cast<const char*>(bytes) + done,
+                                   count - done, place);
+    });
+    if (moved <= 0) {
+      noteHostFailure(moved == 0 ? ENOSPC : errno);
+      return false;
+    }
+    done += static_cast<size_t>(moved);
+  }
+  return true;
+}
+
+uint64_t NewFile::size() const {
+  const int64_t length = systemCalls().lengthOf(descriptor());
+  return length > 0 ? static_cast<uint64_t>(length) : 0;
+}
+
+Placing NewFile::place(const Replaced& replaced, Waits waits) {
+  if (isHandedOver_ && !flushTransfers()) return Placing::notStored;
+  if (waits != Waits::no && !syncDescriptor(descriptor())) {
+    noteHostFailure();
+    return Placing::notStored;
+  }
+  const Placing placing = giveName(replaced);
+  if (placing != Placing::done) return placing;
+  isPlaced_ = true;
+  private_.reset();
+  if (waits != Waits::forName || syncFolder(folder_)) return Placing::done;
+  return Placing::notNamed;
+}
+
+// Whether the name is that of our file. Who may write to the folder can give it to another file; to
+// look just before the step does not exclude that, but leaves hardly a moment.
+bool NewFile::isOurs(int folder, const char* name) const {
+  struct stat status = {};
+  if (systemCalls().statusAt(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  return status.st_dev == entry_->device && status.st_ino == entry_->inode;
+}
+
+// Where the host does not tell, the name is taken for ours: it was made where nothing had it.
+bool NewFile::isAnothers(int folder, const char* name) const {
+  struct stat status = {};
+  if (systemCalls().statusAt(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  return status.st_dev != entry_->device || status.st_ino != entry_->inode;
+}
+
+void NewFile::takeBack() {
+  if (!isPlaced_ || !isOurs(folder_.descriptor(), name_->bytes())) return;
+  systemCalls().removeAt(folder_.descriptor(), name_->bytes(), 0);
+}
+
+Placing NewFile::giveName(const Replaced& replaced) {
+  const NamedIn from = {temporaryFolder(), temporary_.c_str()};
+  if (!isOurs(from.folder, from.name)) return Placing::failed;
+  const NamedIn to = {folder_.descriptor(), name_->bytes()};
+  if (!replaced.isAnything && replaced.file == nullptr) return renameWhereNothingIs(from, to);
+  if (replaced.file != nullptr && !replaced.file->isNamed(folder_, *name_)) return Placing::changed;
+  return renameOver(from, to);
+}
+
+bool NewFile::handOver(int16_t* file) {
+  isHandedOver_ = openEntry(entry_, Sharing::exclusive, file);
+  return isHandedOver_;
+}
+
+}  // namespace qvdbase::platform

@@ -1,0 +1,158 @@
+// Looking why a file could not be opened.
+#include "platform/handles/open_failure.h"
+
+#include <algorithm>
+
+#include "platform/handles/file_entries.h"
+#include "platform/host/host_failure.h"
+#include "platform/host/system_calls.h"
+#include "platform/paths/directory.h"
+#include "platform/paths/utf8_names.h"
+
+namespace qvdbase::platform {
+namespace {
+
+OpenFailure causeOf(int error) {
+  switch (error) {
+    case ENOENT:
+      return OpenFailure::fileMissing;
+    case ENOTDIR:
+      return OpenFailure::notAFolder;
+    case EISDIR:
+    case ENXIO:
+      return OpenFailure::notAFile;
+    case ENAMETOOLONG:
+      return OpenFailure::nameTooLong;
+    case EACCES:
+    case EPERM:
+      return OpenFailure::accessDenied;
+    case EROFS:
+      return OpenFailure::readOnlyVolume;
+    case ETXTBSY:
+      return OpenFailure::inUse;
+    case EMFILE:
+    case ENFILE:
+      return OpenFailure::tooManyOpen;
+    case ENOSPC:
+    case EDQUOT:
+      return OpenFailure::noSpace;
+    default:
+      return OpenFailure::other;
+  }
+}
+
+OpenFailureFound failureOf(int error) {
+  return {causeOf(error), {error, std::system_category()}};
+}
+
+// A lock is refused while another process holds one; anything else says that there are none here.
+OpenFailureFound lockFailureOf(int error) {
+  const bool isHeld = error == EACCES || error == EAGAIN;
+  return {isHeld ? OpenFailure::inUse : OpenFailure::cannotLock, {error, std::system_category()}};
+}
+
+struct Place {
+  Directory folder;
+  QVWCHAR name[kMaxPathCharacters + 1] = {};  // the last component
+};
+
+// Follows the path to its last component.
+OpenFailureFound walk(const QVWCHAR* path, Place* place) {
+  if (!place->folder.enterRoot()) return failureOf(errno);
+  while (*path == '/') ++path;
+  for (;;) {
+    size_t length = 0;
+    while (path[length] != 0 && path[length] != '/') {
+      if (length == kMaxPathCharacters) return failureOf(ENAMETOOLONG);
+      place->name[length] = path[length];
+      ++length;
+    }
+    place->name[length] = 0;
+    if (path[length] == 0) return {};
+    errno = 0;
+    if (!place->folder.enter(EntryName(place->name))) {
+      OpenFailureFound found = failureOf(errno);
+      if (found.failure == OpenFailure::fileMissing) found.failure = OpenFailure::folderMissing;
+      return found;
+    }
+    if (place->folder.descriptor() < 0) return failureOf(ENOTDIR);
+    path += length + 1;
+  }
+}
+
+// Opens the file for itself, to see what the host says, and tries the lock. Where this process has
+// it open for writing that is known already: a second descriptor must not be closed then, because
+// with some hosts the file's lock would go with it.
+OpenFailureFound tryToOpen(const Place& place, const EntryName& name, int access, Sharing sharing) {
+  struct stat status = {};
+  errno = 0;
+  const int descriptor = openRegularFile(place.folder, name, access, &status);
+  if (descriptor < 0) return failureOf(errno);
+  OpenFailureFound found;
+  if (sharing != Sharing::none && !setFileLock(descriptor, sharing)) found = lockFailureOf(errno);
+  systemCalls().close(descriptor);
+  return found;
+}
+
+OpenFailureFound lookAtFile(const Place& place, Sharing sharing, bool forEmptying) {
+  const EntryName name(place.name);
+  struct stat status = {};
+  if (!name.isValid()) return {OpenFailure::other, {}};
+  if (systemCalls().statusAt(place.folder.descriptor(), name.bytes(), &status, 0) != 0) {
+    return failureOf(errno);
+  }
+  if (!S_ISREG(status.st_mode)) return {OpenFailure::notAFile, {}};
+  const FileEntry* entry = findEntry(status.st_dev, status.st_ino);
+  if (entry != nullptr && forEmptying) return {OpenFailure::inUse, {}};
+  if (entry != nullptr && entry->readWrite >= 0) {
+    // With a descriptor for writing at hand, only another opener or the lock can have refused.
+    return {sharing == Sharing::none ? OpenFailure::none : OpenFailure::inUse, {}};
+  }
+  return tryToOpen(place, name, sharing == Sharing::none ? O_RDONLY : O_RDWR, sharing);
+}
+
+Sharing sharingOf(int permission) {
+  switch (static_cast<int8_t>(permission)) {
+    case 2:
+    case 3:
+      return Sharing::exclusive;
+    case 4:
+      return Sharing::shared;
+    default:
+      return Sharing::none;
+  }
+}
+
+}  // namespace
+
+OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission) {
+  Place place;
+  const OpenFailureFound onTheWay = walk(path, &place);
+  if (onTheWay.failure != OpenFailure::none) return onTheWay;
+  return lookAtFile(place, sharingOf(permission), false);
+}
+
+// Where a folder or the file still is missing, the host refused to make it.
+OpenFailureFound findCreateFailure(const QVWCHAR* path) {
+  const std::error_code refusal = lastHostFailure();
+  Place place;
+  OpenFailureFound found = walk(path, &place);
+  if (found.failure == OpenFailure::none) found = lookAtFile(place, Sharing::exclusive, true);
+  const bool isMissing =
+      found.failure == OpenFailure::folderMissing || found.failure == OpenFailure::fileMissing;
+  if (!isMissing) return found;
+  return createFailureOf(refusal);
+}
+
+OpenFailureFound lastCreateFailure() {
+  return createFailureOf(lastHostFailure());
+}
+
+// That there is no such file means that the host makes none there.
+OpenFailureFound createFailureOf(const std::error_code& code) {
+  OpenFailureFound found = failureOf(code.value());
+  if (!code || code.value() == ENOENT) found.failure = OpenFailure::other;
+  return found;
+}
+
+}  // namespace qvdbase::platform

@@ -1,0 +1,110 @@
+// File reference numbers and their positions.
+#include "platform/handles/open_files.h"
+
+#include "platform/transfer/transfer.h"
+
+namespace qvdbase::platform {
+
+// Zeros, and never destroyed: static objects of the application may still close files.
+constinit OpenFile detail::openFiles[kLargestFileNumber + 1] = {};
+
+namespace {
+
+// No number below this one is free.
+constinit int lowestCandidate = 1;
+
+OpenFile* lowestFreeNumber(int16_t* number) {
+  while (lowestCandidate <= kLargestFileNumber &&
+         detail::openFiles[lowestCandidate].entry != nullptr) {
+    ++lowestCandidate;
+  }
+  if (lowestCandidate > kLargestFileNumber) return nullptr;
+  *number = static_cast<int16_t>(lowestCandidate);
+  return &detail::openFiles[lowestCandidate];
+}
+
+bool openAs(const Directory& directory, const EntryName& name, Sharing sharing, int16_t* file) {
+  int16_t number = 0;
+  OpenFile* openFile = lowestFreeNumber(&number);
+  if (openFile == nullptr) return false;
+  FileEntry* entry = joinEntry(directory, name, sharing);
+  if (entry == nullptr) return false;
+  *openFile = {entry, 0, descriptorOf(*entry), sharing};
+  *file = number;
+  return true;
+}
+
+// Adds two positions. False when the sum is negative or too large.
+bool addPositions(int64_t base, int64_t offset, int64_t* sum) {
+  return !__builtin_add_overflow(base, offset, sum) && *sum >= 0;
+}
+
+}  // namespace
+
+bool openFile(const Directory& directory, const EntryName& name, int permission, int16_t* file) {
+  switch (static_cast<int8_t>(permission)) {
+    case 0:
+      return openAs(directory, name, Sharing::shared, file) ||
+             openAs(directory, name, Sharing::none, file);
+    case 1:
+      return openAs(directory, name, Sharing::none, file);
+    case 2:
+    case 3:
+      return openAs(directory, name, Sharing::exclusive, file);
+    case 4:
+      return openAs(directory, name, Sharing::shared, file);
+    default:
+      return false;
+  }
+}
+
+bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file) {
+  int16_t number = 0;
+  OpenFile* openFile = lowestFreeNumber(&number);
+  if (openFile == nullptr) return false;
+  *openFile = {entry, 0, descriptorOf(*entry), sharing};
+  *file = number;
+  return true;
+}
+
+uint32_t writersOf(int16_t file) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return 0;
+  return openFile->entry->sharedOpeners + openFile->entry->exclusiveOpeners;
+}
+
+bool closeFile(int16_t file) {
+  OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return false;
+  const OpenFile closing = *openFile;
+  forgetTransfers(closing.entry);
+  *openFile = {};
+  if (file < lowestCandidate) lowestCandidate = file;
+  return leaveEntry(closing.entry, closing.sharing);
+}
+
+bool seekFile(int16_t file, uint16_t mode, int64_t offset) {
+  OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return false;
+  int64_t base = 0;
+  switch (mode) {
+    case kSeekNowhere:
+      return true;
+    case kSeekFromStart:
+      break;
+    case kSeekFromEnd:
+      if (!fileLength(*openFile, &base)) return false;
+      break;
+    case kSeekFromPosition:
+      base = openFile->position;
+      break;
+    default:
+      return false;
+  }
+  int64_t position = 0;
+  if (!addPositions(base, offset, &position)) return false;
+  openFile->position = position;
+  return true;
+}
+
+}  // namespace qvdbase::platform

@@ -1,0 +1,68 @@
+// File reference numbers: the handles of the library. Each stands for one opening of a file, with a
+// position and rights of its own; several may stand on the same file entry.
+#ifndef QVDBASE_PLATFORM_OPEN_FILES_H
+#define QVDBASE_PLATFORM_OPEN_FILES_H
+
+#include <cstdint>
+
+#include "platform/handles/file_entries.h"
+
+namespace qvdbase::platform {
+
+struct OpenFile {
+  FileEntry* entry;  // null while the number is free
+  int64_t position;
+  int descriptor;
+  Sharing sharing;
+
+  bool isWritable() const { return sharing != Sharing::none; }
+};
+
+inline constexpr int kLargestFileNumber = 32767;
+
+namespace detail {
+extern OpenFile openFiles[kLargestFileNumber + 1];  // number 0 is never used
+}
+
+// The open file of that number, or null: every transfer comes this way, so it costs an index.
+inline OpenFile* findOpenFile(int16_t file) {
+  if (file <= 0) return nullptr;
+  OpenFile* openFile = &detail::openFiles[file];
+  return openFile->entry != nullptr ? openFile : nullptr;
+}
+
+// Opens the regular file `name` and stores the lowest free number, at position 0. The low 8 bits of
+// `permission` count, as a signed value:
+//   0  the most that can be had: as 4, else as 1
+//   1  reading; no lock
+//   2, 3  reading and writing, excluding every other writer
+//   4  reading and writing, shared
+// Returns false, with `file` unwritten, when the file or the permission cannot be had.
+bool openFile(const Directory& directory, const EntryName& name, int permission, int16_t* file);
+
+// Makes an opener of a file, who shares it in this way, an open file at position 0. False, with
+// `file` unwritten, when no number is free.
+bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file);
+
+// How many openers in this process write to the open file, under whatever numbers.
+uint32_t writersOf(int16_t file);
+
+// Frees the number. False for a number that is not in use, and when the host reports that closing
+// failed; the number is free then too.
+bool closeFile(int16_t file);
+
+// How a new position is counted.
+enum SeekMode : uint16_t {
+  kSeekNowhere = 0,  // the position stays, the offset is ignored
+  kSeekFromStart = 1,
+  kSeekFromEnd = 2,
+  kSeekFromPosition = 3,
+};
+
+// Sets the position, which may lie beyond the end. False, with the position unchanged, for a
+// negative position, one above 2^63 - 1, another mode, or a number that is not in use.
+bool seekFile(int16_t file, uint16_t mode, int64_t offset);
+
+}  // namespace qvdbase::platform
+
+#endif

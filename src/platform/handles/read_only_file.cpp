@@ -1,0 +1,109 @@
+// Read-only files join the process's entry of the file like every opener: a descriptor of their own
+// would, where locks belong to the process, take the locks of the others with it when it closes.
+// Block devices, on which nobody opens a database, have one of their own.
+#include "platform/handles/read_only_file.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "platform/host/system_calls.h"
+#include "platform/paths/host_path.h"
+
+namespace qvdbase::platform {
+namespace {
+
+constexpr size_t kLargestTransfer = size_t{1} << 30;  // below the limit of every host
+
+int64_t nanoseconds(const struct timespec& time) {
+  return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+// Without O_NONBLOCK: with it, a drive that holds no medium opens too, as an empty one.
+int openBlockDevice(const Directory& directory, const EntryName& name) {
+  struct stat status = {};
+  if (directory.descriptor() < 0 || !name.isValid()) return -1;
+  const int found = systemCalls().statusAt(directory.descriptor(), name.bytes(), &status, 0);
+  if (found != 0 || !S_ISBLK(status.st_mode)) return -1;
+  const int descriptor = uninterrupted([&] {
+    return systemCalls().openAt(directory.descriptor(), name.bytes(), O_RDONLY | O_CLOEXEC, 0);
+  });
+  if (descriptor < 0) return -1;
+  if (systemCalls().status(descriptor, &status) == 0 && S_ISBLK(status.st_mode)) return descriptor;
+  systemCalls().close(descriptor);
+  return -1;
+}
+
+}  // namespace
+
+PathKind kindOfPath(const std::string& path) {
+  Directory directory;
+  const std::unique_ptr<EntryName> name = walkToParent(path, &directory);
+  if (!name) return path == "/" ? PathKind::somethingElse : PathKind::nothing;
+  struct stat status = {};
+  const int found = systemCalls().statusAt(directory.descriptor(), name->bytes(), &status, 0);
+  if (found != 0) return PathKind::nothing;
+  if (S_ISBLK(status.st_mode)) return PathKind::blockDevice;
+  return S_ISREG(status.st_mode) ? PathKind::regularFile : PathKind::somethingElse;
+}
+
+ReadOnlyFile::~ReadOnlyFile() {
+  if (entry_ != nullptr) leaveEntry(entry_, Sharing::none);
+  if (device_ >= 0) systemCalls().close(device_);
+}
+
+bool ReadOnlyFile::open(const std::string& path) {
+  Directory directory;
+  const std::unique_ptr<EntryName> name = walkToParent(path, &directory);
+  if (isOpen() || !name) return false;
+  entry_ = joinEntry(directory, *name, Sharing::none);
+  if (entry_ == nullptr) device_ = openBlockDevice(directory, *name);
+  return isOpen();
+}
+
+void ReadOnlyFile::share(FileEntry* entry) {
+  addReader(entry);
+  entry_ = entry;
+}
+
+size_t ReadOnlyFile::readAt(int64_t position, void* buffer, size_t count) const {
+  size_t done = 0;
+  while (done < count) {
+    const size_t part = std::min(count - done, kLargestTransfer);
+    const ssize_t moved = uninterrupted([&] {
+      return systemCalls().readAt(descriptor(), static_cast<char*>(buffer) + done, part,
+                                  position + static_cast<int64_t>(done));
+    });
+    if (moved <= 0) break;
+    done += static_cast<size_t>(moved);
+  }
+  return done;
+}
+
+bool ReadOnlyFile::nextHole(int64_t position, int64_t size, FileHole* hole) const {
+  const off_t begin = systemCalls().nextHole(descriptor(), position);
+  if (begin < position || begin >= size) return false;
+  const off_t end = systemCalls().nextStored(descriptor(), begin);
+  *hole = {begin, end > begin && end < size ? end : size};  // no bytes behind the last hole
+  return true;
+}
+
+bool ReadOnlyFile::stamp(FileStamp* stamp) const {
+  struct stat status = {};
+  if (systemCalls().status(descriptor(), &status) != 0) return false;
+  if (device_ >= 0) {
+    *stamp = {systemCalls().lengthOf(device_), 0, 0};  // its status tells no size
+    return stamp->size >= 0;
+  }
+  *stamp = {status.st_size, nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
+  return true;
+}
+
+bool ReadOnlyFile::isLockedByOthers() const {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;  // meets locks of either strength
+  lock.l_whence = SEEK_SET;
+  if (systemCalls().findLock(descriptor(), &lock) != 0) return false;
+  return lock.l_type != F_UNLCK;
+}
+
+}  // namespace qvdbase::platform

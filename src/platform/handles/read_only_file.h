@@ -1,0 +1,76 @@
+// A file, or a block device, opened by its host path for nothing but reading, at any position,
+// straight from the host: no handle number, no shared position, no mapping (a file cut short
+// meanwhile gives short reads).
+#ifndef QVDBASE_PLATFORM_READ_ONLY_FILE_H
+#define QVDBASE_PLATFORM_READ_ONLY_FILE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "platform/handles/file_access.h"
+#include "platform/handles/file_entries.h"
+
+namespace qvdbase::platform {
+
+// What changes when anybody writes to a file. Times are in nanoseconds. Those of a device belong to
+// its name and not to its bytes: they are 0.
+struct FileStamp {
+  int64_t size = 0;
+  int64_t modifyTime = 0;
+  int64_t statusTime = 0;
+
+  bool operator==(const FileStamp&) const = default;
+};
+
+// A part of a file that is not stored.
+struct FileHole {
+  int64_t begin = 0;
+  int64_t end = 0;
+};
+
+// What a path stands for.
+enum class PathKind : uint8_t { nothing, regularFile, blockDevice, somethingElse };
+PathKind kindOfPath(const std::string& path);
+
+class ReadOnlyFile {
+ public:
+  ReadOnlyFile() = default;
+  ~ReadOnlyFile();
+  ReadOnlyFile(const ReadOnlyFile&) = delete;
+  ReadOnlyFile& operator=(const ReadOnlyFile&) = delete;
+
+  // Opens the regular file or block device at this absolute path, in UTF-8. Takes no lock and minds
+  // nobody's.
+  bool open(const std::string& path);
+  // Reads a file of this process, which keeps it open meanwhile, through the descriptor that it
+  // has.
+  void share(FileEntry* entry);
+  bool isOpen() const { return entry_ != nullptr || device_ >= 0; }
+
+  bool isDevice() const { return device_ >= 0; }
+
+  // Reads up to `count` bytes at `position` and returns how many there were; fewer come at the end
+  // of the file and where the host cannot read.
+  size_t readAt(int64_t position, void* buffer, size_t count) const;
+
+  // The first hole, bytes that were never stored and read as zeros, that ends behind `position`.
+  // False when there is none before `size`, the file's, or the host does not tell.
+  bool nextHole(int64_t position, int64_t size, FileHole* hole) const;
+
+  bool stamp(FileStamp* stamp) const;
+  bool access(FileAccess* access) const { return readAccess(descriptor(), access); }
+
+  // Whether another process holds a lock on the file, as everyone does who has it open for writing.
+  bool isLockedByOthers() const;
+
+ private:
+  int descriptor() const { return entry_ != nullptr ? descriptorOf(*entry_) : device_; }
+
+  FileEntry* entry_ = nullptr;
+  int device_ = -1;  // the descriptor of a block device
+};
+
+}  // namespace qvdbase::platform
+
+#endif

@@ -1,0 +1,32 @@
+// Which process made something. A child that got it by fork must let go of it without finishing or
+// undoing anything: the file, and what is to become of it, are still its parent's.
+#ifndef QVDBASE_PLATFORM_PROCESS_MARK_H
+#define QVDBASE_PLATFORM_PROCESS_MARK_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "platform/host/system_calls.h"
+
+namespace qvdbase::platform {
+
+class ProcessMark {
+ public:
+  // Made with the object that it marks, in the process that the object belongs to.
+  ProcessMark() : process_(systemCalls().processId()), forks_(systemCalls().forkCount()) {}
+
+  // Whether this process is the one that made the mark.
+  bool isOwn() const { return process_ == systemCalls().processId(); }
+
+  // Whether a child may have got the marked object by fork, or this process is such a child.
+  bool maybeShared() const { return !isOwn() || forks_ != systemCalls().forkCount(); }
+
+ private:
+  pid_t process_;
+  uint32_t forks_;
+};
+
+}  // namespace qvdbase::platform
+
+#endif

@@ -1,0 +1,54 @@
+// Transfers at a position, straight to the host.
+#include "platform/transfer/plain_transfer.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "platform/host/host_failure.h"
+#include "platform/host/system_calls.h"
+
+namespace qvdbase::platform {
+
+size_t bytesBelow(uint64_t limit, int64_t position, size_t count) {
+  constexpr auto kLargestPosition = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+  const uint64_t end = std::min(limit, kLargestPosition);
+  const auto start = static_cast<uint64_t>(position);
+  return start >= end ? 0 : static_cast<size_t>(std::min<uint64_t>(count, end - start));
+}
+
+ptrdiff_t readOnce(int descriptor, int64_t position, void* buffer, size_t count) {
+  return uninterrupted([&] { return systemCalls().readAt(descriptor, buffer, count, position); });
+}
+
+size_t readPlain(int descriptor, int64_t position, void* buffer, size_t count) {
+  auto* bytes = static_cast<char*>(buffer);
+  const size_t wanted = bytesBelow(UINT64_MAX, position, count);
+  size_t done = 0;
+  while (done < wanted) {
+    const ptrdiff_t got =
+        readOnce(descriptor, position + static_cast<int64_t>(done), bytes + done, wanted - done);
+    if (got < 0) noteHostFailure();
+    if (got <= 0) break;
+    done += static_cast<size_t>(got);
+  }
+  return done;
+}
+
+size_t writePlain(int descriptor, int64_t position, const void* buffer, size_t count) {
+  const auto* bytes = static_cast<const char*>(buffer);
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t put = uninterrupted([&] {
+      return systemCalls().writeAt(descriptor, bytes + done, count - done,
+                                   position + static_cast<off_t>(done));
+    });
+    if (put <= 0) {
+      noteRefusedWrite(put < 0 ? errno : ENOSPC);
+      break;
+    }
+    done += static_cast<size_t>(put);
+  }
+  return done;
+}
+
+}  // namespace qvdbase::platform

@@ -1,0 +1,198 @@
+// Files that appear under their name only when they are finished.
+#include "products/target_file.h"
+
+#include <system_error>
+
+#include "failure/failure.h"
+#include "platform/handles/open_failure.h"
+#include "platform/handles/read_only_file.h"
+
+namespace qvdb::detail {
+
+namespace fs = std::filesystem;
+namespace platform = qvdbase::platform;
+
+void failOn(const fs::path& path, const char* operation, Reason reason, const std::string& why) {
+  throwError(path, operation, reason, why);
+}
+
+fs::path resolved(const fs::path& path, const char* operation) {
+  std::error_code error;
+  if (path.empty()) failOn(path, operation, Reason::path_not_reachable, "the path is empty");
+  fs::path result = fs::weakly_canonical(fs::absolute(path, error), error);
+  if (error == std::errc::permission_denied) {
+    throwFolderFailure(path, operation, "its folder cannot be reached", error);
+  }
+  if (error) {
+    throwError(path, operation, Reason::path_not_reachable, error.message(),
+               {.path = {},
+                .table = {},
+                .system_code = {error.value(), std::system_category()},
+                .record_number = {}});
+  }
+  return result;
+}
+
+void requireFolder(const fs::path& file, const char* operation, bool create) {
+  std::error_code error;
+  const fs::path folder = fs::absolute(file, error).parent_path();
+  if (create) fs::create_directories(folder, error);
+  if (create && error) throwFolderFailure(file, operation, "its folder cannot be created", error);
+  const fs::file_status status = fs::status(folder, error);
+  if (fs::is_directory(status)) return;
+  if (!fs::status_known(status)) {
+    throwFolderFailure(file, operation, "its folder cannot be reached", error);
+  }
+  if (fs::exists(status)) {
+    failOn(file, operation, Reason::path_not_reachable, folder.native() + " is not a folder");
+  }
+  failOn(file, operation, Reason::path_not_reachable,
+         "the folder " + folder.native() + " does not exist");
+}
+
+platform::FileAccess accessOf(const fs::path& file, const char* operation) {
+  platform::ReadOnlyFile source;
+  platform::FileAccess access;
+  if (source.open(resolved(file, operation).native()) && source.access(&access)) return access;
+  failOn(file, operation, Reason::cannot_read,
+         "its permissions, access list or attributes cannot be read");
+}
+
+TargetFile::TargetFile(const fs::path& target, const char* operation, const TargetRules& rules)
+    : given_(target), place_(resolved(target, operation)), operation_(operation), rules_(rules) {
+  platform::forgetHostFailure();
+  judge();
+}
+
+TargetFile::TargetFile(int folder, const std::string& name, const fs::path& path,
+                       const char* operation, const TargetRules& rules)
+    : given_(path), place_(path), operation_(operation), rules_(rules) {
+  file_.emplace();
+  platform::forgetHostFailure();
+  if (!file_->createIn(folder, name)) failMaking();
+  if (rules_.existing == Existing::isKept) return;
+  switch (held_.holdEntry(file_->folder(), platform::EntryName(std::string_view(name))).failure) {
+    case platform::OpenFailure::none:
+      refuseSeveralNames();
+      break;
+    case platform::OpenFailure::inUse:
+      fail(Reason::in_use, "it is in use");
+    default:
+      isAnythingReplaced_ = true;
+  }
+}
+
+void TargetFile::fail(Reason reason, const std::string& why) const {
+  failOn(given_, operation_, reason, why);
+}
+
+void TargetFile::judge() {
+  if (!place_.has_filename()) fail(Reason::not_a_file, "it names a folder");
+  std::error_code error;
+  const bool isLink = fs::is_symlink(fs::symlink_status(given_, error));
+  const fs::file_status status = fs::status(place_, error);
+  if (!fs::exists(status)) {
+    const bool isKept = rules_.existing == Existing::isKept;
+    if (isLink) {
+      fail(isKept ? Reason::file_exists : Reason::path_not_reachable,
+           "it is a symbolic link that leads nowhere");
+    }
+    return requireFolder(place_, operation_, rules_.createFolders);
+  }
+  const bool isFile = fs::is_regular_file(status);
+  if (rules_.existing != Existing::isKept && !isFile) {
+    fail(Reason::not_a_file, "something that is no file has that name");
+  }
+  const bool isReplaced =
+      rules_.existing == Existing::isReplaced ||
+      (rules_.existing == Existing::isReplacedIfEmpty && fs::file_size(place_, error) == 0);
+  if (!isReplaced) fail(Reason::file_exists, "the file exists already");
+  hold();
+}
+
+void TargetFile::hold() {
+  const platform::OpenFailureFound found = held_.hold(place_.native());
+  const bool isDenied = found.failure == platform::OpenFailure::accessDenied;
+  if (found.failure == platform::OpenFailure::fileMissing) return;  // it has gone meanwhile
+  const bool isLookedAt = isDenied && rules_.mayBeReadOnly && held_.lookAt(place_.native());
+  if (found.failure != platform::OpenFailure::none && !isLookedAt) {
+    throwOpenFailure(given_, operation_, found);
+  }
+  refuseSeveralNames();
+  if (held_.access(&heldAccess_)) return;
+  fail(Reason::cannot_read, "its access list or its attributes cannot be read");
+}
+
+void TargetFile::refuseSeveralNames() const {
+  if (held_.nameCount() <= 1) return;
+  fail(Reason::bad_argument,
+       "it has " + std::to_string(held_.nameCount()) +
+           " names (hard links), of which only this one would get the new file; remove it first");
+}
+
+platform::NewFile& TargetFile::create(const platform::FileAccess* source) {
+  const bool hasAccess = held_.isHeld() || source != nullptr;
+  file_.emplace();
+  const bool isMade = file_->create(
+      place_.native(), hasAccess ? platform::OpenTo::owner : platform::OpenTo::allButMasked);
+  if (!isMade) failMaking();
+  giveAccess(source);
+  return *file_;
+}
+
+void TargetFile::giveAccess(const platform::FileAccess* source) {
+  const platform::FileAccess* access = held_.isHeld() ? &heldAccess_ : source;
+  if (access == nullptr || file_->setAccess(*access)) return;
+  fail(Reason::cannot_write,
+       "its permissions, access list or attributes cannot be given to the new file");
+}
+
+const std::string& TargetFile::makePrivateFolder() {
+  private_ = std::make_unique<platform::PrivateFolder>();
+  if (!private_->make(place_.native())) failMaking();
+  return private_->filePath();
+}
+
+void TargetFile::takeOver(const platform::FileAccess& source) {
+  file_.emplace();
+  if (!file_->takeOver(place_.native(), std::move(private_))) failWriting();
+  giveAccess(&source);
+}
+
+void TargetFile::place() {
+  switch (
+      file_->place({.isAnything = isAnythingReplaced_, .file = held_.isHeld() ? &held_ : nullptr},
+                   rules_.waits)) {
+    case platform::Placing::done:
+      return;
+    case platform::Placing::occupied:
+      fail(Reason::file_exists, "a file of that name has appeared meanwhile");
+    case platform::Placing::changed:
+      fail(Reason::in_use, "another program has replaced it meanwhile");
+    case platform::Placing::failed:
+      fail(Reason::cannot_write, "the system does not let the new file take its place");
+    case platform::Placing::notStored:
+      failWriting();
+    case platform::Placing::notNamed:
+      if (!held_.isHeld() && !isAnythingReplaced_) {
+        file_->takeBack();
+        fail(Reason::cannot_write, "the system reports a failure of the device");
+      }
+      fail(Reason::cannot_write,
+           "the new file is in its place, but the system reports a failure of the device");
+  }
+}
+
+void TargetFile::failMaking() const {
+  throwOpenFailure(given_, operation_, platform::lastCreateFailure());
+}
+
+void TargetFile::failWriting() const {
+  failWriting(platform::findWriteFailure(0));
+}
+
+void TargetFile::failWriting(const platform::WriteFailure& found) const {
+  throwWriteFailure(given_, operation_, found);
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,105 @@
+// The target of an operation that makes a file: judged before the work, written under a temporary
+// name beside its place, and put there in one step at the end.
+#pragma once
+
+#include <qvdbase/qvdb/error.hpp>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/handles/file_access.h"
+#include "platform/handles/held_file.h"
+#include "platform/handles/new_file.h"
+#include "platform/host/host_failure.h"
+
+namespace qvdb::detail {
+
+// Throws an Error of this operation on this file.
+[[noreturn]] void failOn(const std::filesystem::path& path, const char* operation, Reason reason,
+                         const std::string& why);
+
+// The file that a path leads to: absolute, symbolic links followed as far as they exist.
+std::filesystem::path resolved(const std::filesystem::path& path, const char* operation);
+
+// Makes the folder that the file is to lie in, and those on the way to it, if that is asked for.
+// Throws path_not_reachable when it is not there, access_denied.
+void requireFolder(const std::filesystem::path& file, const char* operation, bool create);
+
+// Who may do what with the file, to be given to one that is made from it. Throws cannot_read.
+qvdbase::platform::FileAccess accessOf(const std::filesystem::path& file, const char* operation);
+
+// What becomes of a file that has the target's name already.
+enum class Existing : std::uint8_t { isKept, isReplacedIfEmpty, isReplaced };
+
+struct TargetRules {
+  Existing existing = Existing::isKept;
+  bool createFolders = false;
+  bool mayBeReadOnly = false;  // a file that cannot be written is replaced, too
+  qvdbase::platform::Waits waits = qvdbase::platform::Waits::forName;
+};
+
+class TargetFile {
+ public:
+  // Throws file_exists when the target is there and must not be replaced; not_a_file for a folder,
+  // a device, or a link that leads nowhere; in_use when anybody else has it open for writing;
+  // path_not_reachable; and bad_argument when it cannot be replaced for its hard links.
+  TargetFile(const std::filesystem::path& target, const char* operation, const TargetRules& rules);
+
+  // The entry `name` of an open folder, and the file begun: its owner's alone. What has the name
+  // makes way, whatever it is, if the rules say so. Throws the same.
+  TargetFile(int folder, const std::string& name, const std::filesystem::path& path,
+             const char* operation, const TargetRules& rules);
+
+  // As it was named.
+  const std::filesystem::path& given() const { return given_; }
+
+  // Whether a file is going to be replaced that this process also reads.
+  bool isReadHere() const { return held_.isHeld() && held_.isReadHere(); }
+
+  // Makes the file, empty. It gets the access of the file that it replaces, else that of its
+  // source, if that is given, else what the process gives to new files. Throws.
+  qvdbase::platform::NewFile& create(const qvdbase::platform::FileAccess* source);
+
+  // For a routine that makes the file by its path: a path at which nothing is, in a folder that no
+  // other user can enter. Throws.
+  const std::string& makePrivateFolder();
+  // Takes over what the routine has made. Throws.
+  void takeOver(const qvdbase::platform::FileAccess& source);
+
+  // Valid once it is made.
+  qvdbase::platform::NewFile& file() { return *file_; }
+  const qvdbase::platform::NewFile& file() const { return *file_; }
+
+  // Puts the finished file in its place. Throws file_exists when the place was taken meanwhile,
+  // in_use when what was to be replaced was replaced by others, disk_full, cannot_write.
+  void place();
+
+  // After a file could not be made: throws what the host answered, such as access_denied.
+  [[noreturn]] void failMaking() const;
+
+  // After a write that failed: throws what the host answered, such as disk_full, or cannot_write.
+  [[noreturn]] void failWriting() const;
+  [[noreturn]] void failWriting(const qvdbase::platform::WriteFailure& found) const;
+
+ private:
+  void judge();
+  void hold();
+  void refuseSeveralNames() const;
+  void giveAccess(const qvdbase::platform::FileAccess* source);
+  [[noreturn]] void fail(Reason reason, const std::string& why) const;
+
+  std::filesystem::path given_;
+  std::filesystem::path place_;
+  const char* operation_;
+  TargetRules rules_;
+  bool isAnythingReplaced_ = false;
+  qvdbase::platform::HeldFile held_;
+  qvdbase::platform::FileAccess heldAccess_;
+  std::unique_ptr<qvdbase::platform::PrivateFolder> private_;
+  std::optional<qvdbase::platform::NewFile> file_;
+};
+
+}  // namespace qvdb::detail

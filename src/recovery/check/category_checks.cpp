@@ -1,0 +1,140 @@
+// The records of "QVrz_Category", as far as a pack with new identifiers will have to understand
+// them: C1 to C4.
+#include <algorithm>
+#include <map>
+
+#include "format/block_heads.h"
+#include "recovery/check/parts.h"
+
+namespace qvdbase::check {
+namespace {
+
+using raw::Block;
+using raw::Slot;
+using raw::Survey;
+using raw::Table;
+
+// The payload: 8 bytes of identifier, 64 of name, 4 and 8 more, then two counted lists of
+// identifiers and a counted run of bytes.
+constexpr int64_t kFirstCount = 84;
+constexpr int64_t kIdentity = 8;
+constexpr int64_t kSmallestDecoded = 8;  // up to here nothing is decoded at all
+
+const Table* tableNamed(const Survey& survey, const char* name) {
+  for (const Table& table : survey.tables) {
+    const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+    if (slot.counted && raw::nameOf(slot.fields) == name) return &table;
+  }
+  return nullptr;
+}
+
+class CategoryCheck {
+ public:
+  CategoryCheck(const raw::ByteSource& source, const Survey& survey, Findings* findings)
+      : window_(source), survey_(survey), findings_(*findings) {}
+
+  void run() {
+    const Table* categories = tableNamed(survey_, "QVrz_Category");
+    const Table* records = tableNamed(survey_, "QVrz_Record");
+    const Table* info = tableNamed(survey_, "QVrz_Info");
+    if (categories == nullptr) {
+      if (records != nullptr || info != nullptr) {
+        findings_.warning("C4", {}, "There is no table \"QVrz_Category\" beside the other two.");
+      }
+      return;
+    }
+    slot_ = &survey_.slots[static_cast<size_t>(categories->slot)];
+    if (records == nullptr || info == nullptr) {
+      findings_.warning("C4", {.slot = slot_},
+                        std::string("There is no table \"") +
+                            (records == nullptr ? "QVrz_Record" : "QVrz_Info") +
+                            "\" beside the categories.");
+    }
+    if (records != nullptr) {
+      for (const uint32_t number : records->forward.blocks) {
+        known_.push_back(survey_.blocks[number].recordID);
+      }
+      if (!known_.empty()) last_ = known_.back();
+      std::sort(known_.begin(), known_.end());
+      hasRecords_ = true;
+    }
+    for (const uint32_t number : categories->forward.blocks) check(survey_.blocks[number]);
+  }
+
+ private:
+  void check(const Block& block) {
+    if (block.length <= kSmallestDecoded) return;
+    const int64_t end = block.dataPos() + block.dataThere();
+    int64_t place = block.dataPos() + kFirstCount;
+    uint32_t counts[2] = {};
+    for (int list = 0; list < 2; ++list) {
+      if (!read(&place, end, 4, &counts[list])) return tooShort(block);
+      const auto count = static_cast<int32_t>(counts[list]);
+      if (count < 0) {
+        return findings_.error("C1", about(block),
+                               the(block) + " has a negative count of entries.");
+      }
+      if (int64_t{count} * kIdentity > end - place) return tooShort(block);
+      if (list == 1) checkEntries(block, place, count);
+      place += int64_t{count} * kIdentity;
+    }
+    uint32_t extra = 0;
+    if (!read(&place, end, 4, &extra) || int64_t{extra} > end - place) tooShort(block);
+  }
+
+  bool read(int64_t* place, int64_t end, int width, uint32_t* value) {
+    if (*place > end - width) return false;
+    const uint8_t* bytes = window_.at(*place, static_cast<size_t>(width));
+    if (bytes == nullptr) return false;
+    *value = static_cast<uint32_t>(loadBigEndian(bytes, width));
+    *place += width;
+    return true;
+  }
+
+  void checkEntries(const Block& block, int64_t place, int32_t count) {
+    if (!hasRecords_) return;
+    for (int32_t i = 0; i < count; ++i, place += kIdentity) {
+      const uint8_t* bytes = window_.at(place, kIdentity);
+      if (bytes == nullptr) return;
+      const uint64_t id = loadBigEndian(bytes, kIdentity);
+      const About where = {.slot = slot_, .record = block.recordID, .offset = place};
+      if (!std::binary_search(known_.begin(), known_.end(), id)) {
+        findings_.error(
+            "C2", where,
+            the(block) + " names the record " + shownId(id) + ", which does not exist.");
+      } else if (id == last_) {
+        findings_.warning("C3", where,
+                          the(block) + " names the last record of \"QVrz_Record\", " + shownId(id) +
+                              ", which a pack with new identifiers does not find.");
+      }
+    }
+  }
+
+  void tooShort(const Block& block) {
+    findings_.error("C1", about(block), the(block) + " is shorter than its counts say.");
+  }
+
+  About about(const Block& block) const {
+    return {.slot = slot_, .record = block.recordID, .offset = block.dataPos()};
+  }
+
+  static std::string the(const Block& block) {
+    return "The category at " + std::to_string(block.position);
+  }
+
+  raw::Window window_;
+  const Survey& survey_;
+  Findings& findings_;
+  const Slot* slot_ = nullptr;
+  std::vector<uint64_t> known_;
+  uint64_t last_ = 0;
+  bool hasRecords_ = false;
+};
+
+}  // namespace
+
+void checkCategories(const raw::ByteSource& source, const Survey& survey, Findings* findings) {
+  CategoryCheck(source, survey, findings).run();
+}
+
+}  // namespace qvdbase::check

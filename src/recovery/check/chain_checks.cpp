@@ -1,0 +1,193 @@
+// One table's chain: R1 to R3, R5 to R10, and D7 for what the slot itself points to.
+#include <algorithm>
+
+#include "recovery/check/parts.h"
+
+namespace qvdbase::check {
+namespace {
+
+using raw::Block;
+using raw::Slot;
+using raw::Survey;
+using raw::Table;
+using raw::Walk;
+using raw::WalkEnd;
+
+std::string at(int64_t position) {
+  return "at " + std::to_string(position);
+}
+
+class ChainCheck {
+ public:
+  ChainCheck(const Survey& survey, const Table& table, Findings* findings)
+      : survey_(survey),
+        table_(table),
+        slot_(survey.slots[static_cast<size_t>(table.slot)]),
+        count_(slot_.fields.recordCount),
+        findings_(*findings) {}
+
+  void run() {
+    checkEnd(table_.forward, kIsForward);
+    checkEnd(table_.backward, !kIsForward);
+    checkSharing();
+    if (count_ == 0) return;
+    checkLength();
+    checkBackLinks();
+    checkOnlyBackward();
+  }
+
+ private:
+  static constexpr bool kIsForward = true;
+
+  const Block& block(uint32_t number) const { return survey_.blocks[number]; }
+
+  About aboutBlock(const Block& block, int64_t field = 0) const {
+    return {.slot = &slot_, .record = block.recordID, .offset = block.position + field};
+  }
+
+  // Records that the walk meets within the count.
+  size_t countedBlocks() const {
+    return static_cast<size_t>(std::min<uint64_t>(table_.forward.blocks.size(), count_));
+  }
+
+  // Where a walk could not go on: the link, and what it leads to.
+  void checkEnd(const Walk& walk, bool isForward) {
+    if (walk.end == WalkEnd::complete) return;
+    const bool fromSlot = walk.blocks.empty();
+    About about = {.slot = &slot_};
+    std::string link;
+    if (fromSlot) {
+      about.offset = slot_.position + (isForward ? slot::kFirstRecordPos : slot::kLastRecordPos);
+      link = isForward ? "The position of the first record" : "The position of the last record";
+    } else {
+      const Block& last = block(walk.blocks.back());
+      about = aboutBlock(last, isForward ? record::kNextRecordPos : record::kPrevRecordPos);
+      link = "The " + std::string(isForward ? "next" : "previous") + " link of the record " +
+             at(last.position);
+    }
+    explainEnd(walk, about, link + ", " + std::to_string(walk.stoppedAt) + ", ", fromSlot);
+  }
+
+  void explainEnd(const Walk& walk, const About& about, const std::string& link, bool fromSlot) {
+    const char* const bad = fromSlot ? "D7" : "R1";
+    switch (walk.end) {
+      case WalkEnd::complete:
+        return;
+      case WalkEnd::outside:
+        return findings_.error(bad, about,
+                               link + "is no place where a block can be: blocks lie from " +
+                                   std::to_string(survey_.blocksStart) + " to " +
+                                   std::to_string(survey_.size) + ".");
+      case WalkEnd::notRecord:
+        if (isInsideBlock(walk.stoppedAt)) {
+          return findings_.error(bad, about, link + "leads into the middle of a block.");
+        }
+        return findings_.error("R2", about, link + "leads to no record block.");
+      case WalkEnd::otherTable:
+        return findings_.error("R3", about, link + "leads to a record of another table.");
+      case WalkEnd::loop:
+        return findings_.error("R9", about, link + "leads back to a record that was passed.");
+      case WalkEnd::unreadable:
+        return findings_.error("F5", about, link + "leads to where the system cannot read.");
+    }
+  }
+
+  bool isInsideBlock(int64_t position) const {
+    if (survey_.byPosition.find(position) != raw::kNoBlock) return false;
+    return std::any_of(survey_.blocks.begin(), survey_.blocks.end(), [&](const Block& each) {
+      return position > each.position && position < each.end;
+    });
+  }
+
+  // Blocks that the chain of an earlier slot holds already: possible where two slots have the same
+  // identifier.
+  void checkSharing() {
+    const auto shared =
+        std::count_if(table_.forward.blocks.begin(), table_.forward.blocks.end(),
+                      [&](uint32_t number) { return block(number).slot != slot_.index; });
+    if (shared == 0) return;
+    findings_.error("R3", {.slot = &slot_, .offset = slot_.position},
+                    counted(static_cast<uint64_t>(shared), "record") +
+                        " of the chain stand in another table's chain as well.");
+  }
+
+  void checkLength() {
+    const std::vector<uint32_t>& blocks = table_.forward.blocks;
+    const WalkEnd end = table_.forward.end;
+    if (blocks.size() < count_ && end != WalkEnd::loop) {
+      About about = {.slot = &slot_, .offset = slot_.position + slot::kRecordCount};
+      if (!blocks.empty()) about = aboutBlock(block(blocks.back()), record::kNextRecordPos);
+      findings_.error("R5", about,
+                      "The chain " + std::string(end == WalkEnd::complete ? "ends" : "breaks") +
+                          " after " + counted(blocks.size(), "record") + " of " +
+                          std::to_string(count_) + ".");
+    }
+    if (blocks.empty() || (blocks.size() < count_ && end != WalkEnd::complete)) return;
+
+    const Block& last = block(blocks[countedBlocks() - 1]);
+    if (last.next != 0) {
+      findings_.error("R6", aboutBlock(last, record::kNextRecordPos),
+                      "The last of " + counted(count_, "counted record") + ", " +
+                          at(last.position) + ", has a successor at " + std::to_string(last.next) +
+                          ".");
+    }
+    if (last.position != slot_.fields.lastRecordPos) {
+      findings_.error("R7", {.slot = &slot_, .offset = slot_.position + slot::kLastRecordPos},
+                      "The walk from the front ends " + at(last.position) +
+                          ", but the slot's last record is " + at(slot_.fields.lastRecordPos) +
+                          ".");
+    }
+  }
+
+  void checkBackLinks() {
+    int64_t predecessor = 0;
+    for (size_t i = 0; i < countedBlocks(); ++i) {
+      const Block& each = block(table_.forward.blocks[i]);
+      if (each.prev != predecessor) {
+        findings_.error("R8", aboutBlock(each, record::kPrevRecordPos),
+                        "The record " + at(each.position) + " names " + std::to_string(each.prev) +
+                            " as its predecessor; " +
+                            (predecessor == 0 ? "it is the first of the chain."
+                                              : "it follows " + at(predecessor).substr(3) + "."));
+      }
+      predecessor = each.position;
+    }
+  }
+
+  void checkOnlyBackward() {
+    uint64_t onlyHere = 0;
+    uint64_t older = 0;
+    const Block* first = nullptr;
+    for (const uint32_t number : table_.backward.blocks) {
+      const Block& each = block(number);
+      if (each.reach & (raw::kForward | raw::kUncounted)) continue;
+      if (first == nullptr) first = &each;
+      ++(each.label == raw::Label::superseded ? older : onlyHere);
+    }
+    if (first == nullptr) return;
+    std::string text = "From the back, the chain leads to ";
+    if (onlyHere > 0) {
+      text += counted(onlyHere, "record") +
+              " that the walk from the front does not reach; link repair would drop them";
+    }
+    if (older > 0) {
+      text += std::string(onlyHere > 0 ? ", and to " : "") + counted(older, "older version") +
+              " of records, left by a move that was cut off";
+    }
+    findings_.error("R10", aboutBlock(*first), text + ".");
+  }
+
+  const Survey& survey_;
+  const Table& table_;
+  const Slot& slot_;
+  const uint64_t count_;
+  Findings& findings_;
+};
+
+}  // namespace
+
+void checkChain(const Survey& survey, const Table& table, Findings* findings) {
+  ChainCheck(survey, table, findings).run();
+}
+
+}  // namespace qvdbase::check

@@ -1,0 +1,18 @@
+// The check of a source that nobody else can change.
+#pragma once
+
+#include <qvdbase/qvdb/check.hpp>
+
+#include "recovery/survey/byte_source.h"
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::check {
+
+// Without the findings: what they come to.
+qvdb::CheckReport checkSource(const raw::ByteSource& source);
+
+// The same with a survey of it that is there already; the visitor gets every finding.
+qvdb::CheckReport checkSurvey(const raw::ByteSource& source, const raw::Survey& survey,
+                              const qvdb::FindingVisitor& visitor);
+
+}  // namespace qvdbase::check

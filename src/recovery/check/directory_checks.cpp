@@ -1,0 +1,159 @@
+// The slots, one by one and beside each other: D1 to D5 and D10.
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include "format/Aliment8.h"
+#include "format/identifiers.h"
+#include "recovery/check/parts.h"
+
+namespace qvdbase::check {
+namespace {
+
+using raw::Slot;
+using raw::Survey;
+
+struct Filler {
+  int begin;
+  int end;
+};
+constexpr Filler kFillers[] = {{1, 2},    {52, 56},   {58, 60},  {68, 72},
+                               {98, 100}, {108, 112}, {137, 144}};
+
+bool hasBlocks(const Survey& survey, const Slot& slot) {
+  return std::any_of(survey.blocks.begin(), survey.blocks.end(), [&](const raw::Block& block) {
+    return std::memcmp(survey.owners[block.owner].id.data(), slot.fields.tableID,
+                       kIdentifierSize) == 0;
+  });
+}
+
+void checkMarks(const Survey& survey, const Slot& slot, Findings* findings) {
+  if (slot.holdsTable()) return;
+  const char* missing = slot.hasEndMark() ? "its first mark is missing"
+                        : slot.hasMark()  ? "its end mark is missing"
+                                          : "both of its marks are missing";
+  const int behind = survey.header.tableCount - slot.index - 1;
+  std::string text =
+      "Slot " + std::to_string(slot.index) + " should hold a table, but " + missing + ".";
+  if (behind > 0) {
+    text += " It hides the " + counted(static_cast<uint64_t>(behind), "table") + " behind it.";
+  }
+  findings->error("D1", {.slot = &slot, .offset = slot.position}, text);
+}
+
+void checkUncounted(const Survey& survey, const Slot& slot, Findings* findings) {
+  const About about = {.slot = &slot, .offset = slot.position};
+  std::string text = "Slot " + std::to_string(slot.index) +
+                     " is beyond the number of tables, but is marked as a table";
+  if (!slot.holdsTable()) text += slot.isTable() ? " in part" : " with one of its marks";
+  if (!raw::nameOf(slot.fields).empty()) text += " named " + shown(raw::nameOf(slot.fields));
+  if (slot.isTable() && hasBlocks(survey, slot)) {
+    return findings->error("D2", about, text + "; there are blocks of it in the file.");
+  }
+  findings->warning("D2", about, text + "; there are no blocks of it.");
+}
+
+void checkFreeSlot(const Slot& slot, Findings* findings) {
+  const tablePart1 empty = {};
+  std::array<unsigned char, kSlotImageSize> expected;
+  encodeSlot(empty, expected.data());
+  if (slot.image == expected) return;
+
+  // One of the packs writes the slot as it lies in memory.
+  tablePart1 inMemory;
+  std::memset(&inMemory, 0, sizeof inMemory);
+  inMemory.infoSize = kInfoSize;
+  inMemory.recordsInfoSize = kRecordsInfoSize;
+  inMemory.dataInfoSize = kDataInfoSize;
+  std::array<unsigned char, kSlotImageSize> raw = {};
+  std::memcpy(raw.data(), &inMemory, sizeof inMemory);
+  findings->information(
+      "D10", {.slot = &slot, .offset = slot.position},
+      "The free slot " + std::to_string(slot.index) +
+          (slot.image == raw ? " is the memory image that the pack with handles writes."
+                             : " holds bytes that a new file does not have there."));
+}
+
+void checkIdentifier(const Slot& slot, std::map<uint64_t, int>* seen, Findings* findings) {
+  const About about = {.slot = &slot, .offset = slot.position + slot::kTableID};
+  const uint64_t number = identifierNumber(slot.fields.tableID);
+  if (!identifierSumIsRight(slot.fields.tableID)) {
+    findings->error("D3", about, "The sum of the table's identifier is wrong.");
+  } else if (number == 0) {
+    findings->error("D3", about, "The table's identifier is zero, which stands for no table.");
+  }
+  const auto [first, isNew] = seen->try_emplace(number, slot.index);
+  if (!isNew) {
+    findings->error("D3", about,
+                    "The table's identifier " + shownId(number) + " is that of slot " +
+                        std::to_string(first->second) + " already.");
+  }
+}
+
+void checkName(const Slot& slot, std::set<std::string>* seen, Findings* findings) {
+  const About about = {.slot = &slot, .offset = slot.position + slot::kTableName};
+  const std::string name = raw::nameOf(slot.fields);
+  const char* const end = slot.fields.tableName + kTableNameSize;
+  if (name.empty()) findings->warning("D4", about, "The table has no name.");
+  if (!name.empty() && !seen->insert(name).second) {
+    const bool isCut = name.size() == static_cast<size_t>(kTableNameSize);
+    findings->add(isCut ? qvdb::Severity::information : qvdb::Severity::warning, "D4", about,
+                  "Another table is named " + shown(name) +
+                      (isCut ? " as well: names are cut after 32 bytes." : " as well."));
+  }
+  if (name.size() == static_cast<size_t>(kTableNameSize)) {
+    findings->information("D4", about, "The name takes all 32 bytes and has no terminator.");
+  } else if (std::any_of(slot.fields.tableName + name.size(), end, [](char c) { return c != 0; })) {
+    findings->information("D4", about, "There are bytes behind the end of the name.");
+  }
+  if (std::any_of(name.begin(), name.end(),
+                  [](unsigned char c) { return c < 0x20 || c == 0x7F; })) {
+    findings->information("D4", about, "The name " + shown(name) + " holds control characters.");
+  }
+}
+
+void checkConstants(const Slot& slot, Findings* findings) {
+  std::string odd;
+  const auto note = [&](const char* what) { odd += (odd.empty() ? "" : ", ") + std::string(what); };
+  const auto le16 = [&](int offset) {
+    return slot.image[static_cast<size_t>(offset)] | slot.image[static_cast<size_t>(offset) + 1]
+                                                         << 8;
+  };
+  if (le16(slot::kInfoSize) != kInfoSize || le16(slot::kRecordsInfoSize) != kRecordsInfoSize ||
+      le16(slot::kDataInfoSize) != kDataInfoSize) {
+    note("sizes of field groups");
+  }
+  const bool fillersRight = std::all_of(std::begin(kFillers), std::end(kFillers), [&](Filler f) {
+    return std::all_of(slot.image.begin() + f.begin, slot.image.begin() + f.end,
+                       [](unsigned char c) { return c == kSlotFiller; });
+  });
+  if (!fillersRight) note("filler bytes");
+  if (slot.fields.tableVersion != kNewTableVersion) note("table version");
+  if (slot.fields.tableFlags1 != 0 || slot.fields.tableFlags2 != 0) note("flags");
+  if (odd.empty()) return;
+  findings->information("D5", {.slot = &slot, .offset = slot.position},
+                        "The slot is not as the library writes it: " + odd + ".");
+}
+
+}  // namespace
+
+void checkDirectory(const Survey& survey, Findings* findings) {
+  std::map<uint64_t, int> identifiers;
+  std::set<std::string> names;
+  for (const Slot& slot : survey.slots) {
+    if (slot.counted) {
+      checkMarks(survey, slot, findings);
+    } else if (slot.isTable() || slot.hasMark() || slot.hasEndMark()) {
+      checkUncounted(survey, slot, findings);
+    } else {
+      checkFreeSlot(slot, findings);
+    }
+    if (!slot.isTable()) continue;
+    checkIdentifier(slot, &identifiers, findings);
+    checkName(slot, &names, findings);
+    checkConstants(slot, findings);
+  }
+}
+
+}  // namespace qvdbase::check

@@ -1,0 +1,68 @@
+// Collecting findings: what the parts of the checker report to.
+#pragma once
+
+#include <qvdbase/qvdb/check.hpp>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::check {
+
+// What a finding is about, beside its text.
+struct About {
+  const raw::Slot* slot = nullptr;
+  uint64_t tableID = 0;  // taken from the slot when there is one
+  uint64_t record = 0;
+  int64_t offset = -1;
+};
+
+class Findings {
+ public:
+  explicit Findings(uint64_t mostAlike) : mostAlike_(mostAlike) {}
+
+  void add(qvdb::Severity severity, const char* code, const About& about, std::string message);
+
+  void error(const char* code, const About& about, std::string message) {
+    add(qvdb::Severity::error, code, about, std::move(message));
+  }
+  void warning(const char* code, const About& about, std::string message) {
+    add(qvdb::Severity::warning, code, about, std::move(message));
+  }
+  void information(const char* code, const About& about, std::string message) {
+    add(qvdb::Severity::information, code, about, std::move(message));
+  }
+
+  uint64_t count(qvdb::Severity severity) const { return counts_[static_cast<size_t>(severity)]; }
+
+  // In the order in which they came; of those that are alike, the last one told counts the rest.
+  const std::vector<qvdb::Finding>& all() const { return findings_; }
+
+ private:
+  struct Alike {
+    uint64_t count = 0;
+    size_t last = 0;
+  };
+
+  uint64_t mostAlike_;
+  uint64_t counts_[3] = {};
+  std::vector<qvdb::Finding> findings_;
+  std::map<std::tuple<std::string, int, qvdb::Severity>, Alike> alike_;
+};
+
+// "1 record", "2 records".
+std::string counted(uint64_t count, const char* thing);
+std::string counted(uint64_t count, const char* one, const char* many);
+
+// A name from a file, made fit to be shown: quoted, what is not printable escaped.
+std::string shown(const std::string& name);
+
+// "0x" and 16 digits.
+std::string shownId(uint64_t id);
+
+}  // namespace qvdbase::check

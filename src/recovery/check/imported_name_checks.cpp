@@ -1,0 +1,168 @@
+// The lists of names that the command-line tool keeps as the data of tables of imported files: I1
+// and I2. To the library such a list is opaque; docs/imported-files.md describes it.
+#include <algorithm>
+#include <cstring>
+
+#include "format/block_heads.h"
+#include "recovery/check/parts.h"
+
+namespace qvdbase::check {
+namespace {
+
+using raw::Block;
+using raw::DataState;
+using raw::Slot;
+using raw::Survey;
+using raw::Table;
+
+constexpr char kMark[8] = {'Q', 'V', 'f', 'i', 'l', 'e', 's', 1};
+
+// An entry: kind, permissions, seconds, nanoseconds, record; then counted texts.
+constexpr size_t kFixedSize = 23;
+constexpr size_t kNanoseconds = 11;
+constexpr size_t kRecord = 15;
+constexpr uint64_t kNanosecondsEnd = 1'000'000'000;
+constexpr uint64_t kLongestName = 65'535;
+constexpr uint64_t kLargestExpansion = 64;  // of all names, against the bytes of the list
+
+bool isSafeName(std::string_view name) {
+  if (name.empty() || name.find('\0') != std::string_view::npos) return false;
+  for (size_t from = 0; from <= name.size();) {
+    const size_t end = std::min(name.find('/', from), name.size());
+    const std::string_view part = name.substr(from, end - from);
+    if (part.empty() || part == "." || part == "..") return false;
+    from = end + 1;
+  }
+  return true;
+}
+
+// Reads one list from its front. It keeps the name of one entry at a time.
+class NameList {
+ public:
+  NameList(const raw::ByteSource& source, const Block& block)
+      : window_(source), at_(block.dataPos()), size_(block.dataThere()), end_(at_ + size_) {}
+
+  bool isOurs() {
+    const uint8_t* mark = end_ - at_ < int64_t{sizeof kMark} ? nullptr : take(sizeof kMark);
+    return mark != nullptr && std::memcmp(mark, kMark, sizeof kMark) == 0;
+  }
+
+  // 'i' is what follows a list that was being shortened.
+  bool isAtEnd() { return at_ == end_ || window_.byteAt(at_) == kBlockEndMark; }
+
+  int64_t position() const { return at_; }
+
+  // False when the entry makes no sense.
+  bool next() {
+    const uint8_t* fixed = take(kFixedSize);
+    if (fixed == nullptr) return false;
+    kind_ = static_cast<char>(fixed[0]);
+    record_ = loadBigEndian(fixed + kRecord, 8);
+    hasWrongTime_ = loadBigEndian(fixed + kNanoseconds, 4) >= kNanosecondsEnd;
+    uint64_t shared = 0;
+    if (!count(&shared) || shared > name_.size()) return false;
+    name_.resize(static_cast<size_t>(shared));
+    std::string target;
+    if (!text(&name_) || !text(&target)) return false;
+    together_ += name_.size();
+    if (together_ > kLargestExpansion * static_cast<uint64_t>(size_)) return false;
+    const bool isKnown = kind_ == 'f' || kind_ == 'd' || kind_ == 'l' || kind_ == '-';
+    return isKnown && isSafeName(name_) && target.find('\0') == std::string::npos &&
+           (kind_ != 'l' || !target.empty());
+  }
+
+  char kind() const { return kind_; }
+  uint64_t record() const { return record_; }
+  bool hasWrongTime() const { return hasWrongTime_; }
+
+ private:
+  const uint8_t* take(size_t size) {
+    if (end_ - at_ < static_cast<int64_t>(size)) return nullptr;
+    const uint8_t* bytes = window_.at(at_, size);
+    at_ += static_cast<int64_t>(size);
+    return bytes;
+  }
+
+  bool count(uint64_t* value) {
+    *value = 0;
+    for (int shift = 0; shift < 35; shift += 7) {
+      const uint8_t* byte = take(1);
+      if (byte == nullptr) return false;
+      *value |= uint64_t{*byte & 0x7Fu} << shift;
+      if (*byte < 0x80) return true;
+    }
+    return false;
+  }
+
+  // Adds a counted text to what there is.
+  bool text(std::string* to) {
+    uint64_t left = 0;
+    if (!count(&left) || left > static_cast<uint64_t>(end_ - at_)) return false;
+    if (to->size() + left > kLongestName) return false;
+    while (left > 0) {
+      const auto piece = static_cast<size_t>(std::min<uint64_t>(left, raw::Window::kLargestView));
+      const uint8_t* bytes = take(piece);
+      if (bytes == nullptr) return false;
+      to->append(reinterpret_cast<const char*>(bytes), piece);
+      left -= piece;
+    }
+    return true;
+  }
+
+  raw::Window window_;
+  int64_t at_;
+  int64_t size_;  // of the list
+  int64_t end_;
+  char kind_ = 0;
+  uint64_t record_ = 0;
+  bool hasWrongTime_ = false;
+  std::string name_;
+  uint64_t together_ = 0;
+};
+
+std::vector<uint64_t> recordsOf(const Survey& survey, const Table& table) {
+  std::vector<uint64_t> records;
+  for (const uint32_t number : table.forward.blocks) {
+    records.push_back(survey.blocks[number].recordID);
+  }
+  std::sort(records.begin(), records.end());
+  return records;
+}
+
+}  // namespace
+
+void checkImportedNames(const raw::ByteSource& source, const Survey& survey, const Table& table,
+                        Findings* findings) {
+  if (table.dataState != DataState::sound) return;
+  const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+  const Block& block = survey.blocks[table.dataBlock];
+  NameList list(source, block);
+  if (!list.isOurs()) return;
+  const std::vector<uint64_t> records = recordsOf(survey, table);
+  uint64_t entries = 0;
+  uint64_t withoutRecord = 0;
+  while (!list.isAtEnd()) {
+    const int64_t position = list.position();
+    if (!list.next()) {
+      findings->warning("I1", {.slot = &slot, .offset = position},
+                        "The list of imported files cannot be read beyond its first " +
+                            counted(entries, "entry", "entries") + ".");
+      return;
+    }
+    ++entries;
+    if (list.hasWrongTime()) {
+      findings->warning("I1", {.slot = &slot, .offset = position},
+                        "The time of an imported file is impossible.");
+    }
+    if (list.kind() == 'f' && !std::binary_search(records.begin(), records.end(), list.record())) {
+      ++withoutRecord;
+    }
+  }
+  if (withoutRecord == 0) return;
+  findings->information(
+      "I2", {.slot = &slot, .offset = block.dataPos()},
+      counted(withoutRecord, "name of an imported file has", "names of imported files have") +
+          " no record.");
+}
+
+}  // namespace qvdbase::check

@@ -1,0 +1,170 @@
+// qvdb::open_checked: a look at the ends of every chain.
+//
+// The slot is the last thing that most operations write. So a state that an operation left
+// unfinished shows at the ends of a chain: the last record has a successor that is not counted, or
+// the record that the slot names is no longer the one that its neighbour names.
+#include <qvdbase/qvdb/check.hpp>
+#include <qvdbase/qvdb/error.hpp>
+
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "failure/failure.h"
+#include "format/block_heads.h"
+#include "format/identifiers.h"
+#include "recovery/check/ends.h"
+#include "recovery/check/findings.h"
+#include "recovery/survey/open_file.h"
+#include "recovery/survey/survey.h"
+
+namespace qvdb {
+namespace {
+
+using qvdbase::raw::ByteSource;
+using qvdbase::raw::Slot;
+using qvdbase::raw::Survey;
+
+constexpr const char* kOperation = "open the database";
+
+// One table's ends. Each function returns what is wrong, or null.
+class Ends {
+ public:
+  Ends(const ByteSource& source, const tablePart1& slot) : source_(source), slot_(slot) {}
+
+  const char* problem() const {
+    const std::int64_t first = slot_.firstRecordPos;
+    const std::int64_t last = slot_.lastRecordPos;
+    if (slot_.recordCount == 0) {
+      return first != 0 || last != 0 ? "it counts no records, but has positions of some" : nullptr;
+    }
+    if (first == 0 || last == 0) return "it counts records, but has no positions of them";
+    if ((slot_.recordCount == 1) != (first == last)) {
+      return "the number of records does not fit the positions of the first and the last";
+    }
+    const char* atFirst = problemAtFirst(first);
+    if (atFirst != nullptr) return atFirst;
+    const char* atLast = problemAtLast(last);
+    return atLast != nullptr ? atLast : problemAtLastWritten(slot_.lastWrittenRecordPos);
+  }
+
+  // What is appended now, to whichever table, would be taken for the bytes that are missing.
+  const char* problemBeyondFile() const {
+    if (slot_.recordCount == 0) return nullptr;
+    const std::optional<recordPart1> head = recordAt(slot_.lastRecordPos);
+    if (!head) return nullptr;
+    const std::int64_t size = qvdbase::kRecordBlockOverhead + std::int64_t{head->dataCapacity};
+    return slot_.lastRecordPos > source_.size() - size
+               ? "its last record reaches beyond the end of the file"
+               : nullptr;
+  }
+
+ private:
+  const char* problemAtFirst(std::int64_t first) const {
+    const std::optional<recordPart1> head = recordAt(first);
+    if (!head) return "its first record is not where it should be";
+    if (head->prevRecordPos != 0) return "something precedes its first record";
+    if (head->nextRecordPos == 0) return nullptr;
+    const std::optional<recordPart1> second = recordAt(head->nextRecordPos);
+    const bool pointsBack = second && second->prevRecordPos == first;
+    return pointsBack ? nullptr : "its second record does not point back at the first";
+  }
+
+  const char* problemAtLast(std::int64_t last) const {
+    const std::optional<recordPart1> head = recordAt(last);
+    if (!head) return "its last record is not where it should be";
+    if (head->nextRecordPos != 0) return "something follows its last record: an append was cut off";
+    if (const char* problem = problemBeyondFile()) return problem;
+    if (head->prevRecordPos == 0) return nullptr;
+    const std::optional<recordPart1> before = recordAt(head->prevRecordPos);
+    const bool pointsHere = before && before->nextRecordPos == last;
+    return pointsHere ? nullptr : "the record before the last one leads somewhere else";
+  }
+
+  // It may have left the chain since; then neither neighbour names it.
+  const char* problemAtLastWritten(std::int64_t position) const {
+    const std::optional<recordPart1> head = recordAt(position);
+    if (!head) return nullptr;
+    const auto before = head->prevRecordPos != 0 ? recordAt(head->prevRecordPos) : std::nullopt;
+    const auto after = head->nextRecordPos != 0 ? recordAt(head->nextRecordPos) : std::nullopt;
+    const bool fromFront =
+        before ? before->nextRecordPos == position : slot_.firstRecordPos == position;
+    const bool fromBack =
+        after ? after->prevRecordPos == position : slot_.lastRecordPos == position;
+    return fromFront == fromBack ? nullptr
+                                 : "only one neighbour names the record that was written last";
+  }
+
+  // The header of a record of this table.
+  std::optional<recordPart1> recordAt(std::int64_t position) const {
+    unsigned char bytes[qvdbase::record::kData];
+    if (source_.readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
+    const recordPart1 head = qvdbase::decodeRecordHead(bytes);
+    const bool isOwn = head.blockMark == qvdbase::kRecordMark &&
+                       head.headerSize == qvdbase::kRecordHeaderSize &&
+                       std::memcmp(head.tableID, slot_.tableID, sizeof head.tableID) == 0;
+    return isOwn ? std::optional(head) : std::nullopt;
+  }
+
+  const ByteSource& source_;
+  const tablePart1& slot_;
+};
+
+[[noreturn]] void fail(const std::filesystem::path& path, Reason reason, const std::string& why,
+                       const std::string& table = {}, const char* operation = kOperation) {
+  ErrorDetails known;
+  known.table = table;
+  detail::throwError(path, operation, reason, why, std::move(known));
+}
+
+std::string describe(const Slot& slot, const char* problem) {
+  return "table " + qvdbase::check::shown(qvdbase::raw::nameOf(slot.fields)) + ": " + problem;
+}
+
+}  // namespace
+
+Database open_checked(const std::filesystem::path& path, Mode mode) {
+  OpenOptions options;
+  options.mode = mode;
+  options.check = true;
+  return Database::open(path, options);
+}
+
+void detail::checkEnds(const Database& database) {
+  const std::filesystem::path& path = database.path();
+  const qvdbase::raw::OpenedFile file(database.handle(), path, kOperation);
+  Survey survey;
+  qvdbase::raw::readDirectory(file.source(), {}, &survey);
+  if (survey.header.tableCount < 0 ||
+      survey.header.tableCount > static_cast<int>(survey.slots.size())) {
+    fail(path, Reason::directory_damaged, "the number of tables is impossible");
+  }
+  for (const Slot& slot : survey.slots) {
+    if (!slot.counted) break;
+    if (!slot.holdsTable()) {
+      fail(path, Reason::directory_damaged,
+           "slot " + std::to_string(slot.index) + " lacks its marks");
+    }
+    if (const char* problem = Ends(file.source(), slot.fields).problem()) {
+      fail(path, Reason::chain_damaged, describe(slot, problem), qvdbase::raw::nameOf(slot.fields));
+    }
+  }
+}
+
+void check_ends(const Database& database, Id table) {
+  constexpr const char* kWriting = "write to the table";
+  const qvdbase::raw::OpenedFile file(database.handle(), database.path(), kWriting);
+  Survey survey;
+  qvdbase::raw::readDirectory(file.source(), {}, &survey);
+  for (const Slot& slot : survey.slots) {
+    if (!slot.counted) break;
+    const Ends ends(file.source(), slot.fields);
+    const bool isAsked = qvdbase::identifierNumber(slot.fields.tableID) == table.value;
+    const char* problem = isAsked ? ends.problem() : ends.problemBeyondFile();
+    if (problem == nullptr) continue;
+    fail(database.path(), Reason::chain_damaged, describe(slot, problem),
+         qvdbase::raw::nameOf(slot.fields), kWriting);
+  }
+}
+
+}  // namespace qvdb

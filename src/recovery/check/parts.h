@@ -1,0 +1,48 @@
+// The parts of the checker. Each judges one part of a survey and reports what it finds.
+#pragma once
+
+#include <qvdbase/qvdb/check.hpp>
+
+#include <vector>
+
+#include "recovery/check/findings.h"
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::check {
+
+// Size and header. False when there is nothing behind them that could be looked at.
+bool checkHeader(const raw::Survey& survey, Findings* findings);
+
+void checkDirectory(const raw::Survey& survey, Findings* findings);
+
+// What is wrong with one table's slot, chain, and table data.
+void checkCounts(const raw::Survey& survey, const raw::Table& table, Findings* findings);
+void checkChain(const raw::Survey& survey, const raw::Table& table, Findings* findings);
+void checkTableData(const raw::ByteSource& source, const raw::Survey& survey,
+                    const raw::Table& table, Findings* findings);
+void checkImportedNames(const raw::ByteSource& source, const raw::Survey& survey,
+                        const raw::Table& table, Findings* findings);
+
+// Identifiers and times of all live records; `now` in seconds since 1970.
+void checkRecords(const raw::Survey& survey, int64_t now, Findings* findings);
+
+// Payloads in use of which a part was never stored.
+void checkHoles(const raw::ByteSource& source, const raw::Survey& survey, Findings* findings);
+
+// Overlaps, dead blocks, bytes that are none, what lies behind payloads, and what every byte is.
+qvdb::SpaceUse checkSpace(const raw::ByteSource& source, const raw::Survey& survey,
+                          Findings* findings);
+
+void checkCategories(const raw::ByteSource& source, const raw::Survey& survey, Findings* findings);
+
+// ---- What the library's calls will do
+
+// Whether the directory leads to the slot.
+bool isReachable(const raw::Survey& survey, const raw::Slot& slot);
+
+qvdb::TableOutlook outlookOf(const raw::ByteSource& source, const raw::Survey& survey,
+                             const raw::Table& table);
+bool willPack(const raw::Survey& survey);
+qvdb::RepairPreview willRepair(const raw::Survey& survey);
+
+}  // namespace qvdbase::check

@@ -1,0 +1,192 @@
+#include "recovery/mend/chain_completion.h"
+
+#include <algorithm>
+
+namespace qvdbase::mending {
+namespace {
+
+using raw::Block;
+using raw::Survey;
+using raw::Table;
+using raw::WalkEnd;
+
+using Chain = std::vector<uint32_t>;
+
+class Completer {
+ public:
+  Completer(const Survey& survey, const Table& table)
+      : survey_(survey),
+        slot_(survey.slots[static_cast<size_t>(table.slot)].fields),
+        forward_(table.forward.blocks),
+        back_(table.backward.blocks.rbegin(), table.backward.blocks.rend()),
+        forwardIsWhole_(table.forward.end == WalkEnd::complete),
+        backIsWhole_(table.backward.end == WalkEnd::complete),
+        name_(raw::nameOf(slot_)) {}
+
+  Completion run() {
+    decide();
+    for (const uint32_t number : result_.chain) {
+      if (block(number).flaws == 0) continue;
+      refuse("the record at " + std::to_string(block(number).position) + " is damaged");
+    }
+    noteBackLinks();
+    return std::move(result_);
+  }
+
+ private:
+  const Block& block(uint32_t number) const { return survey_.blocks[number]; }
+  int64_t positionOf(uint32_t number) const { return block(number).position; }
+  size_t count() const { return slot_.recordCount; }
+
+  void refuse(const std::string& why) {
+    if (result_.refusal.empty()) result_.refusal = "table '" + name_ + "': " + why;
+  }
+  void step(std::string what) { result_.steps.push_back("table '" + name_ + "': " + what); }
+
+  bool endsAtLast(const Chain& chain) const {
+    return !chain.empty() && positionOf(chain.back()) == slot_.lastRecordPos;
+  }
+  bool beginsAtFirst(const Chain& chain) const {
+    return !chain.empty() && positionOf(chain.front()) == slot_.firstRecordPos;
+  }
+  bool isPrefix(const Chain& part, const Chain& whole) const {
+    return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
+  }
+
+  void decide() {
+    if (count() == 0) {
+      if (slot_.firstRecordPos != 0 || slot_.lastRecordPos != 0) {
+        refuse("it counts no records, but has positions of some");
+      }
+    } else if (!forwardIsWhole_ || forward_.empty()) {
+      restoreForward();
+    } else if (forward_.size() > count()) {
+      countLinked();
+    } else if (forward_.size() < count()) {
+      finishDeletion();
+    } else {
+      keepForward();
+    }
+  }
+
+  // ---- the walk from the front breaks
+
+  void restoreForward() {
+    const bool isLastLink = forward_.size() == count() && endsAtLast(forward_);
+    if (isLastLink && backIsWhole_ && back_ == forward_) {
+      step("the link of the last record, which leads nowhere, is cleared");
+      result_.chain = forward_;
+      return;
+    }
+    const bool canRestore = backIsWhole_ && back_.size() == count() && isPrefix(forward_, back_) &&
+                            (forward_.empty() || beginsAtFirst(back_));
+    if (!canRestore) return refuse("the chain breaks, and from the back it is not whole either");
+    step(forward_.empty() ? "the position of the first record is restored"
+                          : "the link of the record at " +
+                                std::to_string(positionOf(forward_.back())) + " is restored");
+    result_.chain = back_;
+  }
+
+  // ---- more records than the slot counts
+
+  void countLinked() {
+    const size_t counted = count();
+    if (endsAtLast(forward_)) {
+      step("the number of records becomes " + std::to_string(forward_.size()));
+      result_.chain = forward_;
+      return;
+    }
+    bool isAppend = positionOf(forward_[counted - 1]) == slot_.lastRecordPos;
+    for (size_t i = counted; i < forward_.size(); ++i) {
+      isAppend = isAppend && block(forward_[i]).prev == positionOf(forward_[i - 1]);
+    }
+    if (!isAppend) return refuse("the chain goes on after its last record, and not as an append");
+    result_.added = static_cast<uint32_t>(forward_.size() - counted);
+    step(std::to_string(result_.added) +
+         (result_.added == 1 ? " record that was" : " records that were") +
+         " linked but not counted " + (result_.added == 1 ? "is" : "are") + " counted");
+    result_.lastWritten = positionOf(forward_.back());
+    result_.chain = forward_;
+  }
+
+  // ---- fewer records than the slot counts
+
+  void finishDeletion() {
+    if (backIsWhole_ && back_ == forward_ && endsAtLast(forward_)) {
+      step("the number of records becomes " + std::to_string(forward_.size()));
+      result_.chain = forward_;
+      return;
+    }
+    // Only the link from the front leads past the record.
+    const bool isBegun = backIsWhole_ && back_.size() == count() && beginsAtFirst(back_) &&
+                         forward_.size() + 1 == count();
+    if (!isBegun) return refuse("the chain ends before the number of records is reached");
+    const auto differ = std::mismatch(forward_.begin(), forward_.end(), back_.begin());
+    if (!std::equal(differ.first, forward_.end(), differ.second + 1, back_.end())) {
+      return refuse("the walks from both ends lead to different records");
+    }
+    finish(*differ.second, static_cast<size_t>(differ.second - back_.begin()));
+    result_.chain = forward_;
+  }
+
+  // `index` is the place of the record in the chain before.
+  void finish(uint32_t number, size_t index) {
+    result_.gone.push_back(number);
+    step("the deletion of the record at " + std::to_string(positionOf(number)) + " is finished");
+    const bool isLast = index == forward_.size();
+    result_.lastWritten = positionOf(isLast ? forward_.back() : forward_[index]);
+  }
+
+  // ---- as many records as the slot counts
+
+  void keepForward() {
+    const bool firstIsLeft = backIsWhole_ && forward_.size() > 1 && endsAtLast(forward_) &&
+                             block(forward_[1]).prev == 0 &&
+                             isPrefix(back_, Chain(forward_.begin() + 1, forward_.end())) &&
+                             back_.size() + 1 == forward_.size();
+    if (firstIsLeft) {
+      const uint32_t first = forward_.front();
+      result_.gone.push_back(first);
+      step("the deletion of the record at " + std::to_string(positionOf(first)) + " is finished");
+      result_.chain.assign(forward_.begin() + 1, forward_.end());
+      result_.lastWritten = positionOf(result_.chain.front());
+      return;
+    }
+    for (const uint32_t number : back_) {
+      const Block& each = block(number);
+      if ((each.reach & raw::kForward) || each.label == raw::Label::superseded) continue;
+      return refuse("from the back the chain leads to other records than from the front");
+    }
+    if (!endsAtLast(forward_)) step("the position of the last record is set");
+    result_.chain = forward_;
+  }
+
+  void noteBackLinks() {
+    if (!result_.refusal.empty()) return;
+    int64_t predecessor = 0;
+    for (const uint32_t number : result_.chain) {
+      if (block(number).prev != predecessor) {
+        step("the back link of the record at " + std::to_string(positionOf(number)) +
+             " is pointed at its predecessor");
+      }
+      predecessor = positionOf(number);
+    }
+  }
+
+  const Survey& survey_;
+  const tablePart1& slot_;
+  const Chain& forward_;
+  const Chain back_;  // the walk from the back, in the order of the chain
+  const bool forwardIsWhole_;
+  const bool backIsWhole_;
+  const std::string name_;
+  Completion result_;
+};
+
+}  // namespace
+
+Completion completeChain(const Survey& survey, const Table& table) {
+  return Completer(survey, table).run();
+}
+
+}  // namespace qvdbase::mending

@@ -1,0 +1,23 @@
+// What the chain of one table was about to become when an operation on it was interrupted.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::mending {
+
+struct Completion {
+  std::vector<uint32_t> chain;     // blocks of the survey, in order
+  std::vector<uint32_t> gone;      // records whose deletion is finished
+  std::vector<std::string> steps;  // what is done, a sentence each
+  std::string refusal;             // why there is no such chain, or not just one; else empty
+  uint32_t added = 0;              // records that were never counted before
+  int64_t lastWritten = 0;         // the record written last; 0: as the slot says
+};
+
+Completion completeChain(const raw::Survey& survey, const raw::Table& table);
+
+}  // namespace qvdbase::mending

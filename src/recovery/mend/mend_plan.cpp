@@ -1,0 +1,269 @@
+#include "recovery/mend/mend_plan.h"
+
+#include <algorithm>
+#include <set>
+#include <unordered_map>
+#include <utility>
+
+#include "format/Aliment8.h"
+#include "format/block_heads.h"
+#include "recovery/check/check_source.h"
+#include "recovery/mend/chain_completion.h"
+#include "recovery/salvage/plan.h"
+#include "recovery/survey/packed_data.h"
+#include "support/seeded_hash.h"
+
+namespace qvdbase::mending {
+namespace {
+
+using qvdb::CutOffWrites;
+using raw::Block;
+using raw::BlockKind;
+using raw::Grade;
+using raw::Label;
+using raw::Slot;
+using raw::Survey;
+using raw::Table;
+
+// Records by table and record identifier.
+using Records = std::set<std::pair<uint64_t, uint64_t>>;
+
+// A record that a write was about to bring into its table, as far as it is in the file whole.
+bool isLeftOver(const Block& block) {
+  const bool isCutOff =
+      block.label == Label::unlinked || block.label == Label::unfinishedRelocation;
+  return isCutOff && block.kind == BlockKind::record && !block.isReached() &&
+         block.grade == Grade::a;
+}
+
+// What a salvage would bring back.
+Records salvageable(const Survey& survey) {
+  Records records;
+  const salvage::Plan plan = salvage::makePlan(survey, {});
+  for (uint32_t number = 0; number < survey.blocks.size(); ++number) {
+    const Block& block = survey.blocks[number];
+    if (plan.destination[number] < 0 || block.kind != BlockKind::record) continue;
+    records.emplace(survey.owners[block.owner].number, block.recordID);
+  }
+  return records;
+}
+
+class Planner {
+ public:
+  Planner(const raw::ByteSource& source, CutOffWrites cutOff)
+      : source_(source), cutOff_(cutOff), survey_(raw::makeSurvey(source)) {}
+
+  MendPlan make() {
+    plan_.size = survey_.size;
+    if (survey_.header.fields.version == kUnfinishedPackVersion) {
+      plan_.refusal = "it is an unfinished pack; its source is complete";
+      return std::move(plan_);
+    }
+    if (cutOff_ == CutOffWrites::discard) cutEnd();
+    for (const Table& table : survey_.tables) {
+      if (survey_.slots[static_cast<size_t>(table.slot)].counted) mendTable(table);
+    }
+    // The slots last: what they count is then linked.
+    for (raw::Patch& slot : slots_) plan_.patches.push_back(std::move(slot));
+    verify();
+    return std::move(plan_);
+  }
+
+ private:
+  const Block& block(uint32_t number) const { return survey_.blocks[number]; }
+
+  // ---- what cut-off writes have left at the end of the file
+
+  // A piece at the end of the file that may go.
+  struct Piece {
+    int64_t begin;
+    int64_t end;
+    const Block* block;  // null: bytes that only begin like one
+  };
+
+  // Latest end first.
+  std::vector<Piece> cutOffPieces() const {
+    std::vector<Piece> pieces;
+    for (const raw::LeftoverRange& each : survey_.leftovers) {
+      if (each.kind != raw::Leftover::torn) continue;
+      pieces.push_back({each.range.begin, each.range.end, nullptr});
+    }
+    for (const Block& each : survey_.blocks) {
+      const bool isTorn = each.grade != Grade::a && !each.isReached();
+      if (isTorn || isLeftOver(each)) pieces.push_back({each.position, each.end, &each});
+    }
+    std::stable_sort(pieces.begin(), pieces.end(),
+                     [](const Piece& a, const Piece& b) { return a.end > b.end; });
+    return pieces;
+  }
+
+  void cutEnd() {
+    int64_t end = survey_.size;
+    for (const Piece& piece : cutOffPieces()) {
+      if (piece.end > end) continue;
+      if (piece.end < end) break;
+      end = piece.begin;
+      if (piece.block != nullptr && piece.block->kind == BlockKind::record) noteGone(*piece.block);
+    }
+    if (end == survey_.size) return;
+    plan_.size = end;
+    plan_.steps.push_back(std::to_string(survey_.size - end) +
+                          " bytes of writes that were cut off are removed from the end");
+  }
+
+  void noteGone(const Block& each) {
+    gone_.emplace(survey_.owners[each.owner].number, each.recordID);
+  }
+
+  // ---- tables
+
+  void mendTable(const Table& table) {
+    const Slot& slot = survey_.slots[static_cast<size_t>(table.slot)];
+    Completion completion = completeChain(survey_, table);
+    if (!completion.refusal.empty()) {
+      if (plan_.refusal.empty()) plan_.refusal = completion.refusal;
+      return;
+    }
+    tablePart1 fields = slot.fields;
+    fields.recordWriteCount += completion.added;
+    if (completion.lastWritten != 0) fields.lastWrittenRecordPos = completion.lastWritten;
+    for (const uint32_t number : completion.gone) noteGone(block(number));
+    for (std::string& step : completion.steps) plan_.steps.push_back(std::move(step));
+    if (cutOff_ == CutOffWrites::link) linkLeftOver(table, &completion.chain, &fields);
+    if (cutOff_ == CutOffWrites::discard) discardLeftOver(table, &fields);
+    link(completion.chain);
+    fields.recordCount = static_cast<uint32_t>(completion.chain.size());
+    fields.recordWriteCount = std::max(fields.recordWriteCount, fields.recordCount);
+    fields.firstRecordPos = completion.chain.empty() ? 0 : block(completion.chain.front()).position;
+    fields.lastRecordPos = completion.chain.empty() ? 0 : block(completion.chain.back()).position;
+    if (completion.chain.empty()) fields.lastWrittenRecordPos = 0;
+    pointAtPackedData(table, &fields);
+    writeSlot(slot, fields);
+  }
+
+  std::string nameOf(const Table& table) const {
+    return "table '" + raw::nameOf(survey_.slots[static_cast<size_t>(table.slot)].fields) + "': ";
+  }
+
+  std::vector<uint32_t> leftOverOf(const Table& table) const {
+    std::vector<uint32_t> found;
+    for (const uint32_t number : raw::blocksInFileOrder(survey_)) {
+      const Block& each = block(number);
+      if (each.owner == table.owner && isLeftOver(each) && each.end <= plan_.size) {
+        found.push_back(number);
+      }
+    }
+    return found;
+  }
+
+  void linkLeftOver(const Table& table, std::vector<uint32_t>* chain, tablePart1* fields) {
+    // By record identifier, its first place in the chain.
+    std::unordered_map<uint64_t, size_t, SeededHash> places;
+    for (size_t i = 0; i < chain->size(); ++i) places.try_emplace(block((*chain)[i]).recordID, i);
+    for (const uint32_t number : leftOverOf(table)) {
+      const Block& each = block(number);
+      const auto [place, isNew] = places.try_emplace(each.recordID, chain->size());
+      const std::string record = "the record at " + std::to_string(each.position);
+      if (!isNew) {
+        (*chain)[place->second] = number;
+        plan_.steps.push_back(nameOf(table) + record + " takes the place of its older version");
+        continue;
+      }
+      chain->push_back(number);
+      ++fields->recordWriteCount;
+      fields->lastWrittenRecordPos = each.position;
+      plan_.steps.push_back(nameOf(table) + record + ", which was never linked, is added");
+    }
+  }
+
+  // A block that counts as written but is in no chain was deleted.
+  void discardLeftOver(const Table& table, tablePart1* fields) {
+    for (const uint32_t number : leftOverOf(table)) {
+      const Block& each = block(number);
+      if (each.label != Label::unlinked) continue;
+      ++fields->recordWriteCount;
+      noteGone(each);
+      // The records of a batch name each other, as those of a chain that was broken do.
+      if (each.next != 0) writeLink(each.position + record::kNextRecordPos, 0);
+      plan_.steps.push_back(nameOf(table) + "the record at " + std::to_string(each.position) +
+                            ", which was never linked, counts as deleted");
+    }
+  }
+
+  void pointAtPackedData(const Table& table, tablePart1* fields) {
+    const uint32_t data = raw::packedData(survey_, table);
+    if (data == raw::kNoBlock) return;
+    const int64_t position = block(data).position;
+    fields->firstDataPos = fields->lastWrittenDataPos = fields->lastDataPos = position;
+    fields->dataBlockCount = 1;
+    fields->dataWriteCount = std::max<uint32_t>(fields->dataWriteCount, 1);
+    plan_.steps.push_back(nameOf(table) + "the data that a pack has moved is found at " +
+                          std::to_string(position));
+  }
+
+  void link(const std::vector<uint32_t>& chain) {
+    for (size_t i = 0; i < chain.size(); ++i) {
+      const Block& each = block(chain[i]);
+      const int64_t prev = i == 0 ? 0 : block(chain[i - 1]).position;
+      const int64_t next = i + 1 == chain.size() ? 0 : block(chain[i + 1]).position;
+      if (each.next != next) writeLink(each.position + record::kNextRecordPos, next);
+      if (each.prev != prev) writeLink(each.position + record::kPrevRecordPos, prev);
+    }
+  }
+
+  void writeLink(int64_t position, int64_t value) {
+    raw::Patch patch = {position, std::vector<unsigned char>(8)};
+    storeBigEndian(patch.bytes.data(), 8, static_cast<uint64_t>(value));
+    plan_.patches.push_back(std::move(patch));
+  }
+
+  void writeSlot(const Slot& slot, const tablePart1& fields) {
+    raw::Patch before = {slot.position, std::vector<unsigned char>(kSlotImageSize)};
+    raw::Patch after = before;
+    encodeSlot(slot.fields, before.bytes.data());
+    encodeSlot(fields, after.bytes.data());
+    if (after.bytes != before.bytes) slots_.push_back(std::move(after));
+  }
+
+  // ---- what it comes to
+
+  void verify() {
+    if (!plan_.refusal.empty()) return;
+    const raw::PatchedSource mended(source_, plan_.patches, plan_.size);
+    const Survey survey = raw::makeSurvey(mended);
+    std::string first;
+    const qvdb::CheckReport report =
+        check::checkSurvey(mended, survey, [&](const qvdb::Finding& finding) {
+          const bool isError = finding.severity == qvdb::Severity::error;
+          if (isError && first.empty()) first = finding.code + ": " + finding.message;
+        });
+    if (report.errors > 0) {
+      plan_.refusal = "it has damage that no interrupted operation leaves (" + first + ")";
+      return;
+    }
+    const Records after = salvageable(survey);
+    for (const auto& each : salvageable(survey_)) {
+      if (after.contains(each) || gone_.contains(each)) continue;
+      plan_.refusal = "the record " + qvdb::to_string(qvdb::Id{each.second}) +
+                      " would be lost; it can be completed in more than one way";
+      return;
+    }
+    plan_.leftOver = static_cast<uint64_t>(
+        std::count_if(survey.blocks.begin(), survey.blocks.end(), isLeftOver));
+  }
+
+  const raw::ByteSource& source_;
+  const CutOffWrites cutOff_;
+  const Survey survey_;
+  MendPlan plan_;
+  std::vector<raw::Patch> slots_;
+  Records gone_;  // deleted, or discarded
+};
+
+}  // namespace
+
+MendPlan planMend(const raw::ByteSource& source, CutOffWrites cutOff) {
+  return Planner(source, cutOff).make();
+}
+
+}  // namespace qvdbase::mending

@@ -1,0 +1,45 @@
+#include "recovery/salvage/new_folder.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include "failure/failure.h"
+#include "products/target_file.h"
+
+namespace qvdbase::salvage {
+
+namespace fs = std::filesystem;
+
+NewFolder::~NewFolder() {
+  if (isKept_ || !maker_.isOwn()) return;
+  std::error_code ignored;
+  std::for_each(made_.rbegin(), made_.rend(),
+                [&](const fs::path& each) { fs::remove(each, ignored); });
+}
+
+// One by one, so that no more than these are removed again.
+void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
+  std::error_code error;
+  if (!parents && !fs::is_directory(path_, error)) {
+    qvdb::detail::requireFolder((path_ / "").parent_path(), operation, false);
+  }
+  fs::path path;
+  std::error_code refusal;  // the last one, which is about the folder itself or one on its way
+  for (const fs::path& part : path_) {
+    path /= part;
+    if (fs::create_directory(path, error)) made_.push_back(path);
+    if (error) refusal = error;
+  }
+  if (fs::is_directory(path_, error)) return;
+  if (isTaken(path_)) {
+    qvdb::detail::failOn(path_, operation, reason, "something that is no folder has that name");
+  }
+  qvdb::detail::throwFolderFailure(path_, operation, "the folder cannot be created", refusal);
+}
+
+bool isTaken(const fs::path& path) {
+  std::error_code error;
+  return fs::exists(fs::symlink_status(path, error));
+}
+
+}  // namespace qvdbase::salvage

@@ -1,0 +1,46 @@
+// A folder for files of a salvage beside the new database.
+#pragma once
+
+#include <qvdbase/qvdb/error.hpp>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "platform/host/process_mark.h"
+
+namespace qvdbase::salvage {
+
+class NewFolder {
+ public:
+  // The folder may be there already. Nothing is made yet.
+  explicit NewFolder(const std::filesystem::path& path) : path_(path) {}
+
+  // Removes what was made, unless it is to be kept or another process made it.
+  ~NewFolder();
+  NewFolder(const NewFolder&) = delete;
+  NewFolder& operator=(const NewFolder&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path fileNamed(const std::string& name) const { return path_ / name; }
+
+  // Makes the folder, and with `parents` those that are missing on the way to it. Throws
+  // qvdb::Error of this operation: path_not_reachable, what the host answers, and `reason` when
+  // something else has the name.
+  void make(const char* operation, bool parents, qvdb::Reason reason);
+
+  // To be told of each file when it has been made.
+  void add(const std::string& name) { made_.push_back(path_ / name); }
+  void keep() { isKept_ = true; }
+
+ private:
+  const std::filesystem::path path_;
+  std::vector<std::filesystem::path> made_;  // folders, outermost first, and then files
+  bool isKept_ = false;
+  platform::ProcessMark maker_;
+};
+
+// Whether anything stands there, be it a link to nothing.
+bool isTaken(const std::filesystem::path& path);
+
+}  // namespace qvdbase::salvage

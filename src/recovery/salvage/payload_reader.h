@@ -1,0 +1,34 @@
+// Reading the payloads of a damaged file. Where the system cannot read, zeros stand in, and are
+// counted.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "recovery/survey/byte_source.h"
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::salvage {
+
+class PayloadReader {
+ public:
+  // The source must outlive the reader.
+  explicit PayloadReader(const raw::ByteSource& source);
+
+  // Hands over the payload of the block, as far as it is there, in pieces. Returns how many of its
+  // bytes could not be read.
+  uint64_t read(const raw::Block& block, const std::function<void(const char*, size_t)>& take);
+
+  // The lowest position that could not be read; negative when there was none.
+  int64_t unreadableAt() const { return unreadableAt_; }
+
+ private:
+  uint64_t load(int64_t position, size_t count);
+
+  const raw::ByteSource& source_;
+  std::vector<char> piece_;
+  int64_t unreadableAt_ = -1;
+};
+
+}  // namespace qvdbase::salvage

@@ -1,0 +1,43 @@
+// The plan of a salvage: which blocks of the source go where in the new file.
+#pragma once
+
+#include <qvdbase/qvdb/salvage.hpp>
+
+#include <string>
+#include <vector>
+
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::salvage {
+
+// A table of the new file.
+struct PlannedTable {
+  tablePart1 slot = {};           // what is taken over; counts and positions are the writer's
+  std::vector<uint32_t> records;  // blocks of the survey, in chain order
+  uint32_t data = raw::kNoBlock;
+  std::string name() const { return raw::nameOf(slot); }
+};
+
+struct Plan {
+  raw::Header header;
+  std::vector<PlannedTable> tables;
+  std::vector<int> destination;  // of each block of the survey: the table's place, or -1
+  uint64_t tablesLeftOut = 0;
+  std::vector<std::string> notes;
+};
+
+// A version of a record that is to be brought back, whatever its label; kNoBlock for none.
+struct Wanted {
+  uint32_t block = raw::kNoBlock;
+};
+
+Plan makePlan(const raw::Survey& survey, const qvdb::SalvageOptions& options,
+              const Wanted& wanted = {});
+
+// Sorts blocks that no chain holds any more: those that still name each other stay together, and
+// the pieces follow in the order of the file.
+std::vector<uint32_t> inLinkOrder(const raw::Survey& survey, std::vector<uint32_t> blocks);
+
+qvdb::FoundBlock describe(const raw::Survey& survey, uint32_t number);
+
+}  // namespace qvdbase::salvage

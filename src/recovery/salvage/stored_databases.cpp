@@ -1,0 +1,120 @@
+// A stored database ends where the payload ends in which it stands. One that stands in no payload,
+// as in an image of a device, ends where the next such begins, behind everything that its own
+// directory points to: a later copy of the same database would have blocks of its tables. One
+// without tables is its directory and nothing else.
+#include "recovery/salvage/stored_databases.h"
+
+#include <qvdbase/qvdb/error.hpp>
+
+#include <algorithm>
+
+#include "failure/failure.h"
+#include "recovery/salvage/run.h"
+#include "recovery/survey/part_source.h"
+
+namespace qvdbase::salvage {
+namespace {
+
+constexpr const char* kOperation = "salvage the stored databases";
+constexpr int64_t kSmallestSize = kDirectoryPos + int64_t{kNewSlotCount} * kSlotImageSize;
+
+// Each is surveyed on its own, and a hostile directory can claim everything that follows.
+constexpr size_t kMostDatabases = 1000;
+
+[[noreturn]] void fail(const std::filesystem::path& path, qvdb::Reason reason) {
+  qvdb::detail::throwError(path, kOperation, reason, std::string(qvdb::to_string(reason)));
+}
+
+// Where the payload that holds `position` ends, or the block where it lies in spare room; 0 where
+// no block holds it. `order` is the file's.
+int64_t endOfPayload(const raw::Survey& survey, const std::vector<uint32_t>& order,
+                     int64_t position) {
+  const auto behind = std::upper_bound(
+      order.begin(), order.end(), position,
+      [&](int64_t wanted, uint32_t number) { return wanted < survey.blocks[number].position; });
+  if (behind == order.begin()) return 0;
+  const raw::Block& block = survey.blocks[*(behind - 1)];
+  const int64_t end = block.dataPos() + block.dataThere();
+  return position < end ? end : position < block.end ? block.end : 0;
+}
+
+// How far the database that begins at `origin` reaches at least, by its directory.
+struct Reach {
+  int64_t end;
+  bool hasTables;
+};
+
+Reach reachOf(const raw::ByteSource& source, int64_t origin) {
+  const raw::PartSource part(source, origin, source.size());
+  raw::Survey survey;
+  raw::readDirectory(part, {}, &survey);
+  int64_t farthest = kSmallestSize;
+  bool hasTables = survey.header.tableCount != 0;
+  for (const raw::Slot& slot : survey.slots) {
+    if (!slot.isTable()) continue;
+    hasTables = true;
+    const tablePart1& fields = slot.fields;
+    for (const int64_t position : {fields.firstRecordPos, fields.lastRecordPos,
+                                   fields.lastWrittenRecordPos, fields.firstDataPos}) {
+      if (position < part.size()) farthest = std::max(farthest, position);
+    }
+  }
+  return {origin + farthest, hasTables};
+}
+
+std::string nameOf(const raw::Range& place) {
+  return "at-" + std::to_string(place.begin) + ".qvd";
+}
+
+}  // namespace
+
+StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
+                                 const qvdb::SalvageOptions& options,
+                                 const platform::FileAccess* access)
+    : source_(source), options_(options), access_(access), folder_(options.deep_to) {
+  const std::vector<uint32_t> order = raw::blocksInFileOrder(survey);
+  std::vector<raw::Range> found;  // an end of 0 stands for one in no payload
+  std::vector<int64_t> loose;     // where those begin
+  for (const int64_t origin : survey.nestedDatabases) {
+    if (origin == 0) continue;  // the database itself
+    found.push_back({origin, endOfPayload(survey, order, origin)});
+    if (found.back().end == 0) loose.push_back(origin);
+  }
+  const std::size_t kept = std::min(found.size(), kMostDatabases);
+  leftOut_ = found.size() - kept;
+  found.resize(kept);
+  for (raw::Range& place : found) {
+    const Reach reach = reachOf(source, place.begin);
+    if (!reach.hasTables) {
+      place.end = std::min(place.begin + kSmallestSize, source.size());
+    } else if (place.end == 0) {
+      const auto next = std::lower_bound(loose.begin(), loose.end(), reach.end);
+      place.end = next != loose.end() ? *next : source.size();
+    }
+    const std::filesystem::path file = folder_.fileNamed(nameOf(place));
+    if (isTaken(file)) fail(file, qvdb::Reason::file_exists);
+  }
+  places_ = std::move(found);
+}
+
+void StoredDatabases::salvage(qvdb::SalvageReport* report) {
+  folder_.make(kOperation, options_.create_folders, qvdb::Reason::path_not_reachable);
+  qvdb::SalvageOptions options = options_;
+  options.ignore_directory = false;
+  options.extract_to.clear();
+  options.deep_to.clear();
+  for (const raw::Range& place : places_) {
+    const raw::PartSource part(source_, place.begin, place.end);
+    const raw::Survey survey = raw::makeSurvey(part);
+    const std::filesystem::path file = folder_.fileNamed(nameOf(place));
+    options.from = place.begin;
+    report->stored.push_back({place.begin, file, run(part, survey, file, {}, options, access_)});
+    folder_.add(nameOf(place));
+  }
+  if (leftOut_ > 0) {
+    report->notes.push_back("There seem to be " + std::to_string(leftOut_) +
+                            " more databases stored in payloads than are salvaged at once.");
+  }
+}
+
+}  // namespace qvdbase::salvage

@@ -1,0 +1,38 @@
+// Salvaging the databases that are stored in payloads of another one.
+#pragma once
+
+#include <qvdbase/qvdb/salvage.hpp>
+
+#include <vector>
+
+#include "recovery/salvage/new_folder.h"
+#include "recovery/survey/byte_source.h"
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::salvage {
+
+class StoredDatabases {
+ public:
+  // Those that a deep survey of the source has found. Source, survey and options must outlive this.
+  // Throws qvdb::Error (file_exists) when one of the files to be made is there already, so that a
+  // salvage can be refused before anything is written.
+  StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
+                  const qvdb::SalvageOptions& options, const platform::FileAccess* access);
+
+  bool isEmpty() const { return places_.empty(); }
+
+  // Salvages each into a file of its own, and tells of it in the report. The files go with the
+  // object, unless they are to be kept. Throws qvdb::Error.
+  void salvage(qvdb::SalvageReport* report);
+  void keep() { folder_.keep(); }
+
+ private:
+  const raw::ByteSource& source_;
+  const qvdb::SalvageOptions& options_;
+  const platform::FileAccess* access_;
+  NewFolder folder_;
+  std::vector<raw::Range> places_;
+  uint64_t leftOut_ = 0;
+};
+
+}  // namespace qvdbase::salvage

@@ -1,0 +1,24 @@
+// Writing the new file of a salvage.
+#pragma once
+
+#include "products/target_file.h"
+#include "recovery/salvage/plan.h"
+#include "recovery/survey/byte_source.h"
+
+namespace qvdbase::salvage {
+
+struct Written {
+  uint64_t records = 0;
+  uint64_t data = 0;
+  uint64_t payloadBytes = 0;
+  uint64_t recordsCut = 0;
+  uint64_t bytesUnreadable = 0;  // of the payloads: zeros stand for them
+  int64_t unreadableAt = -1;     // the lowest position of these in the source
+};
+
+// Writes what the plan says, from front to back, into the file of `target`, which has been created.
+// Throws qvdb::Error.
+Written writeFile(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan,
+                  qvdb::detail::TargetFile* target);
+
+}  // namespace qvdbase::salvage

@@ -1,0 +1,60 @@
+// Where the bytes of a database image come from: a file, or memory.
+//
+// What reads by the format alone (the checker, the salvager) goes through this interface. The size
+// is taken once; a source that turns out shorter later gives short reads, nothing worse.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "platform/handles/read_only_file.h"
+
+namespace qvdbase::raw {
+
+class ByteSource {
+ public:
+  virtual ~ByteSource() = default;
+
+  virtual int64_t size() const = 0;
+
+  // Reads up to `count` bytes at `position`; returns how many there were.
+  virtual size_t readAt(int64_t position, void* buffer, size_t count) const = 0;
+
+  // The first part, ending behind `position`, that reads as zeros because it was never stored.
+  virtual std::optional<platform::FileHole> nextHole(int64_t /*position*/) const {
+    return std::nullopt;
+  }
+};
+
+// The first position behind `position`, where a byte could not be read, that can be read again;
+// `end` if there is none before it. Asks page by page, and looks closer where a page can be read.
+int64_t nextReadable(const ByteSource& source, int64_t position, int64_t end);
+
+class MemorySource : public ByteSource {
+ public:
+  explicit MemorySource(std::span<const std::byte> bytes) : bytes_(bytes) {}
+
+  int64_t size() const override { return static_cast<int64_t>(bytes_.size()); }
+  size_t readAt(int64_t position, void* buffer, size_t count) const override;
+
+ private:
+  std::span<const std::byte> bytes_;
+};
+
+class FileSource : public ByteSource {
+ public:
+  // The file must be open and outlive the source.
+  FileSource(const platform::ReadOnlyFile& file, int64_t size) : file_(file), size_(size) {}
+
+  int64_t size() const override { return size_; }
+  size_t readAt(int64_t position, void* buffer, size_t count) const override;
+  std::optional<platform::FileHole> nextHole(int64_t position) const override;
+
+ private:
+  const platform::ReadOnlyFile& file_;
+  int64_t size_;
+};
+
+}  // namespace qvdbase::raw

@@ -1,0 +1,59 @@
+// Candidates: places in the file where the bytes look like a block.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::raw {
+
+// A table in the directory of a nested database. Its positions count from where that begins.
+struct NestedTable {
+  uint64_t number = 0;  // its identifier
+  int64_t firstRecord = 0;
+  int64_t lastRecord = 0;
+  int64_t data = 0;
+};
+
+// A database header inside the bytes that were scanned, with the tables of its directory.
+struct NestedDatabase {
+  int64_t origin = 0;
+  std::vector<NestedTable> tables;
+};
+
+struct ScanHits {
+  std::vector<int64_t> marks;    // where a block mark and the header size behind it stand
+  std::vector<int64_t> headers;  // where a database header may begin
+};
+
+// Searches the range in pieces and hands over the hits of each, if there are any: marks in
+// ascending order, and none twice. What cannot be read is passed over; returns where that first
+// happened, or -1.
+int64_t findHits(const ByteSource& source, const Range& range,
+                 const std::function<void(const ScanHits&)>& found);
+
+// Reads candidates, all through one window: ask in ascending order.
+class CandidateReader {
+ public:
+  CandidateReader(const ByteSource& source, Survey* survey) : window_(source), survey_(*survey) {}
+
+  // The block at `position` if enough of it is right, with its grade; it must lie below `limit`.
+  std::optional<Block> read(int64_t position, int64_t limit);
+
+  std::optional<NestedDatabase> readNested(int64_t origin);
+
+  int64_t unreadableAt() const { return window_.unreadableAt(); }
+
+ private:
+  bool findOwner(const unsigned char* tableID, Block* block, int* errors);
+  bool readRecordHead(int64_t position, Block* block, int* errors);
+  bool readTableDataHead(int64_t position, Block* block, int* errors);
+  void judgeExtent(int64_t limit, Block* block, int* errors);
+
+  Window window_;
+  Survey& survey_;
+};
+
+}  // namespace qvdbase::raw

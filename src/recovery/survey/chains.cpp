@@ -1,0 +1,178 @@
+// Step 2 of a survey: from every slot along the chain, from both ends, and to the table data.
+//
+// A walk goes on as long as its next block is a record block of the table that it has not met
+// before, so it ends whatever the links and the slot's count say. It also goes on behind the last
+// counted record: an append that was cut off before the slot was written leaves one there.
+#include <cstring>
+
+#include "format/block_heads.h"
+#include "format/identifiers.h"
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::raw {
+namespace {
+
+class ChainReader {
+ public:
+  ChainReader(const ByteSource& source, Survey* survey) : window_(source), survey_(*survey) {}
+
+  void follow(Table* table) {
+    const Slot& slot = survey_.slots[static_cast<size_t>(table->slot)];
+    const tablePart1& fields = slot.fields;
+    walk(*table, fields.firstRecordPos, fields.recordCount, kForward, &table->forward);
+    walk(*table, fields.lastRecordPos, 0, kBackward, &table->backward);
+    if (fields.firstDataPos != 0) readTableData(fields.firstDataPos, table);
+  }
+
+  int64_t unreadableAt() const { return window_.unreadableAt(); }
+
+ private:
+  void walk(const Table& table, int64_t position, uint32_t count, Reach direction, Walk* walk) {
+    ++walkNumber_;
+    while (position != 0) {
+      const uint32_t number = recordAt(position, table.owner, &walk->end);
+      if (number != kNoBlock && survey_.blocks[number].walk == walkNumber_) {
+        walk->end = WalkEnd::loop;
+      }
+      if (walk->end != WalkEnd::complete) {
+        walk->stoppedAt = position;
+        return;
+      }
+      Block& block = survey_.blocks[number];
+      block.walk = walkNumber_;
+      if (block.slot == kNoSlot) block.slot = static_cast<int8_t>(table.slot);
+      const bool isBehindCount = direction == kForward && walk->blocks.size() >= count;
+      block.reach = static_cast<uint8_t>(block.reach | (isBehindCount ? kUncounted : direction));
+      walk->blocks.push_back(number);
+      position = direction == kForward ? block.next : block.prev;
+    }
+  }
+
+  // The number of the record block of `owner` at `position`; kNoBlock, with the reason, if there is
+  // none.
+  uint32_t recordAt(int64_t position, uint32_t owner, WalkEnd* why) {
+    if (position < survey_.blocksStart || position >= survey_.size) {
+      *why = WalkEnd::outside;
+      return kNoBlock;
+    }
+    const uint32_t known = survey_.byPosition.find(position);
+    if (known != kNoBlock) {
+      const Block& block = survey_.blocks[known];
+      if (block.kind == BlockKind::record && block.owner == owner) return known;
+      *why = block.kind == BlockKind::record ? WalkEnd::otherTable : WalkEnd::notRecord;
+      return kNoBlock;
+    }
+    const bool hasRoom = position <= survey_.size - record::kData;
+    const uint8_t* bytes = hasRoom ? window_.at(position, record::kData) : nullptr;
+    if (bytes == nullptr) {
+      *why = hasRoom ? WalkEnd::unreadable : WalkEnd::notRecord;
+      return kNoBlock;
+    }
+    const recordPart1 head = decodeRecordHead(bytes);
+    if (head.blockMark != kRecordMark || head.headerSize != kRecordHeaderSize) {
+      *why = WalkEnd::notRecord;
+      return kNoBlock;
+    }
+    if (std::memcmp(head.tableID, survey_.owners[owner].id.data(), kIdentifierSize) != 0) {
+      *why = WalkEnd::otherTable;
+      return kNoBlock;
+    }
+    return add(blockOf(position, head, owner));
+  }
+
+  static Block blockOf(int64_t position, const recordPart1& head, uint32_t owner) {
+    Block block;
+    block.position = position;
+    block.prev = head.prevRecordPos;
+    block.next = head.nextRecordPos;
+    block.recordID = identifierNumber(head.recordID);
+    block.createTime = head.createTime;
+    block.modifyTime = head.modifyTime;
+    block.length = head.dataLength;
+    block.capacity = head.dataCapacity;
+    block.owner = owner;
+    if (!identifierSumIsRight(head.recordID)) block.flaws |= kWrongIdSum;
+    if (block.recordID == 0) block.flaws |= kZeroId;
+    return block;
+  }
+
+  uint32_t add(Block block) {
+    if (block.length > block.capacity) block.flaws |= kLengthAboveCapacity;
+    block.end = block.claimedEnd();
+    if (block.end > survey_.size) {
+      block.flaws |= kBeyondEnd;
+      block.end = survey_.size;
+    } else if (window_.byteAt(block.end - 1) != kBlockEndMark) {
+      block.flaws |= kNoEndMark;
+    }
+    if (!isBelieved(block)) block.flaws |= kUnbelieved;
+    const Id& table = survey_.owners[block.owner].id;
+    if (!identifierSumIsRight(table.data())) block.flaws |= kWrongTableSum;
+    const auto number = static_cast<uint32_t>(survey_.blocks.size());
+    survey_.blocks.push_back(block);
+    survey_.byPosition.add(block.position, number);
+    return number;
+  }
+
+  // Whether the bytes where the block ends confirm its capacity: the end mark, or where that is
+  // damaged, that the next block begins right there.
+  bool isBelieved(const Block& block) {
+    if (block.flaws & kBeyondEnd) return false;
+    if (block.end == survey_.size) return true;
+    const int mark = window_.byteAt(block.end);
+    if (mark != kRecordMark && mark != kTableDataMark) return false;
+    if (!(block.flaws & kNoEndMark)) return true;
+    const uint8_t* bytes = window_.at(block.end, record::kTableID);
+    return bytes != nullptr && loadBigEndian(bytes + record::kHeaderSize, 2) ==
+                                   (mark == kRecordMark ? kRecordHeaderSize : kTableDataHeaderSize);
+  }
+
+  void readTableData(int64_t position, Table* table) {
+    table->dataState = DataState::outside;
+    if (position < survey_.blocksStart || position >= survey_.size) return;
+    table->dataState = DataState::notData;
+    const uint8_t* bytes = window_.at(position, tabledata::kData);
+    if (bytes == nullptr) return;
+    const TableDataHead head = decodeTableDataHead(bytes);
+    if (head.blockMark != kTableDataMark || head.headerSize != kTableDataHeaderSize) return;
+    table->dataState = DataState::otherTable;
+    if (std::memcmp(head.tableID, survey_.owners[table->owner].id.data(), kIdentifierSize) != 0) {
+      return;
+    }
+    table->dataState = DataState::sound;
+    table->dataBlock = survey_.byPosition.find(position);
+    if (table->dataBlock == kNoBlock) {
+      Block block;
+      block.position = position;
+      block.kind = BlockKind::tableData;
+      block.length = head.dataLength;
+      block.capacity = head.dataCapacity;
+      block.owner = table->owner;
+      table->dataBlock = add(block);
+    }
+    Block& block = survey_.blocks[table->dataBlock];
+    block.reach |= kAsData;
+    block.slot = static_cast<int8_t>(table->slot);
+  }
+
+  Window window_;
+  Survey& survey_;
+  uint32_t walkNumber_ = 0;
+};
+
+}  // namespace
+
+void followChains(const ByteSource& source, Survey* survey) {
+  ChainReader reader(source, survey);
+  for (const Slot& slot : survey->slots) {
+    if (!slot.isTable()) continue;
+    Table table;
+    table.slot = slot.index;
+    table.owner = ownerOf(slot.fields.tableID, survey);
+    reader.follow(&table);
+    survey->tables.push_back(std::move(table));
+  }
+  survey->noteUnreadable(reader.unreadableAt());
+}
+
+}  // namespace qvdbase::raw

@@ -1,0 +1,136 @@
+// Step 1 of a survey: the header and the slots.
+//
+// The slots are taken as the header lays them out, unless that makes no sense; then as every file
+// is made, 32 of 144 bytes.
+#include <algorithm>
+#include <cstring>
+
+#include "format/Aliment8.h"
+#include "format/block_heads.h"
+#include "format/identifiers.h"
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::raw {
+namespace {
+
+constexpr int kLargestStride = 4096;
+constexpr int kMostSlots = 127;
+
+struct Layout {
+  int slotCount;
+  int stride;
+  int64_t end() const { return kDirectoryPos + int64_t{slotCount} * stride; }
+};
+
+constexpr Layout kUsualLayout = {kNewSlotCount, kSlotImageSize};
+
+void readHeader(const ByteSource& source, Survey* survey) {
+  unsigned char bytes[kDirectoryPos] = {};
+  const size_t held = source.readAt(0, bytes, sizeof bytes);
+  survey->headerThere = held == sizeof bytes;
+  if (!survey->headerThere && survey->size >= kDirectoryPos) {
+    survey->noteUnreadable(static_cast<int64_t>(held));
+  }
+  Header& header = survey->header;
+  std::memcpy(header.fields.signature, bytes, kSignatureSize);
+  header.fields.version = static_cast<uint16_t>(loadBigEndian(bytes + kVersionPos, 2));
+  std::memcpy(header.fields.databaseID, bytes + kDatabaseIDPos, kIdentifierSize);
+  header.fields.databaseIDPos = kDatabaseIDPos;
+  header.tableCount = static_cast<int16_t>(loadBigEndian(bytes + kTableCountPos, 2));
+  header.slotCount = static_cast<uint16_t>(loadBigEndian(bytes + kSlotCountPos, 2));
+  header.slotSize = static_cast<uint16_t>(loadBigEndian(bytes + kSlotSizePos, 2));
+}
+
+std::vector<Slot> readSlots(const ByteSource& source, const Layout& layout, int tableCount) {
+  std::vector<Slot> slots;
+  for (int i = 0; i < layout.slotCount; ++i) {
+    Slot slot;
+    slot.index = i;
+    slot.position = kDirectoryPos + int64_t{i} * layout.stride;
+    if (source.readAt(slot.position, slot.image.data(), kSlotImageSize) != kSlotImageSize) break;
+    decodeSlot(slot.image.data(), &slot.fields);
+    slot.counted = i < tableCount;
+    slots.push_back(slot);
+  }
+  return slots;
+}
+
+int tablesIn(const std::vector<Slot>& slots) {
+  return static_cast<int>(
+      std::count_if(slots.begin(), slots.end(), [](const Slot& s) { return s.holdsTable(); }));
+}
+
+// Slots that are as the slot writer leaves them: fillers and group sizes.
+int wellFormed(const std::vector<Slot>& slots) {
+  return static_cast<int>(std::count_if(slots.begin(), slots.end(), [](const Slot& s) {
+    return s.image[1] == kSlotFiller && s.image[slot::kInfoSize] == kInfoSize &&
+           s.image[slot::kRecordsInfoSize] == kRecordsInfoSize &&
+           s.image[slot::kDataInfoSize] == kDataInfoSize;
+  }));
+}
+
+bool isPlausible(const Layout& layout, int64_t size) {
+  return layout.stride >= kSlotImageSize && layout.stride <= kLargestStride &&
+         layout.slotCount > 0 && layout.slotCount <= kMostSlots && layout.end() <= size;
+}
+
+}  // namespace
+
+std::string nameOf(const tablePart1& slot) {
+  const char* end = std::find(slot.tableName, slot.tableName + kTableNameSize, '\0');
+  return std::string(slot.tableName, end);
+}
+
+uint32_t ownerOf(const unsigned char* id, Survey* survey) {
+  Owner owner;
+  std::memcpy(owner.id.data(), id, kIdentifierSize);
+  const auto [place, isNew] =
+      survey->ownerNumbers.try_emplace(owner.id, static_cast<uint32_t>(survey->owners.size()));
+  if (isNew) {
+    owner.number = identifierNumber(id);
+    survey->owners.push_back(owner);
+  }
+  return place->second;
+}
+
+bool Slot::isTable() const {
+  if (holdsTable()) return true;
+  const bool hasTraces = hasMark() || hasEndMark() || fields.tableName[0] != '\0';
+  return hasTraces && identifierNumber(fields.tableID) != 0 && identifierSumIsRight(fields.tableID);
+}
+
+void readDirectory(const ByteSource& source, const SurveyOptions& options, Survey* survey) {
+  survey->size = source.size();
+  survey->blocksStart = std::max<int64_t>(options.from, 1);  // a link of 0 leads nowhere
+  if (options.ignoreDirectory) return;
+  readHeader(source, survey);
+
+  Layout layout = {survey->header.slotCount, survey->header.slotSize};
+  const int tableCount = survey->header.tableCount;
+  survey->slots = readSlots(source, kUsualLayout, tableCount);
+  const bool isUsual = layout.slotCount == kNewSlotCount && layout.stride == kSlotImageSize;
+  if (!isUsual && isPlausible(layout, survey->size)) {
+    std::vector<Slot> claimed = readSlots(source, layout, tableCount);
+    const bool asGood = tablesIn(claimed) >= tablesIn(survey->slots) &&
+                        wellFormed(claimed) >= wellFormed(survey->slots);
+    if (asGood) {
+      survey->slots = std::move(claimed);
+    } else {
+      layout = kUsualLayout;
+    }
+  } else {
+    layout = kUsualLayout;
+  }
+  const int64_t next = kDirectoryPos + static_cast<int64_t>(survey->slots.size()) * layout.stride;
+  if (next < layout.end() && next <= survey->size - kSlotImageSize) survey->noteUnreadable(next);
+  survey->slotStride = layout.stride;
+  survey->blocksStart = std::max(survey->blocksStart, std::min(layout.end(), survey->size));
+  for (const Slot& slot : survey->slots) {
+    if (!slot.isTable()) continue;
+    const uint32_t owner = ownerOf(slot.fields.tableID, survey);
+    if (survey->owners[owner].slot == kNoSlot) survey->owners[owner].slot = slot.index;
+  }
+  survey->knownOwners = static_cast<uint32_t>(survey->owners.size());
+}
+
+}  // namespace qvdbase::raw

@@ -1,0 +1,304 @@
+// Blocks that are parts of payloads.
+//
+// A payload may hold a database, or a piece of one, or what an older and longer payload has left
+// behind a shorter one. It may be a copy of this very database, of an earlier day, so that its
+// blocks bear tables and even records of this one. What tells them apart is where they stand, and
+// their links, which count from where their own database begins. The first rule that applies:
+//
+//   - A block that its neighbour in this file names belongs to this file, wherever it stands.
+//   - What stands inside of a whole block is part of its payload. That block must hold none of
+//     those above, and its end mark must be its own. A torn append claims room that others were
+//     written into, and where it seems to have an end mark, that is a byte of one of them.
+//   - Where the block that held a database is not whole, the chains of the stored directory,
+//     followed from where it begins, lead to blocks of its own. What stands before the end of the
+//     last of them is its own too, and so is what follows without a byte between: a database is one
+//     stretch of bytes. It ends before anything begins that is surely this file's, or whose links
+//     fit better here.
+//   - Behind the beginning of such a database, a block of one of its tables is part of it if this
+//     file has the same block at the same distance from its own beginning, or if its links fit
+//     better there than here; and if its table is unknown here, also if they do not tell.
+//
+// So a block of this file can be taken for a nested one only if no block of this file names it, and
+// something explains it that stands before it.
+#include "recovery/survey/nested.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+namespace qvdbase::raw {
+namespace {
+
+constexpr size_t kNone = SIZE_MAX;
+constexpr int64_t kBlocksStart = kDirectoryPos + int64_t{kNewSlotCount} * kSlotImageSize;
+
+// How well a block's links fit a database.
+enum class Fit {
+  none,
+  near,    // a neighbour stands there, but names another block
+  linked,  // a neighbour stands there and names it
+};
+
+class NestedJudge {
+ public:
+  NestedJudge(const Survey& survey, std::vector<Candidate>* candidates)
+      : survey_(survey), candidates_(*candidates) {
+    for (size_t i = 0; i < candidates_.size(); ++i) {
+      byPosition_.add(candidates_[i].block.position, static_cast<uint32_t>(i));
+    }
+  }
+
+  void judge(const std::vector<Range>& places, CandidateReader* reader) {
+    anchor();
+    findWholeBlocks();
+    isWalked_.assign(places.empty() ? 0 : candidates_.size(), false);
+    for (const Range& place : places) {
+      const bool isInside = coverOf(place.begin) != kNone;
+      if (!isInside) enterStoredDatabase(place, reader);
+    }
+    int64_t end = 0;
+    auto stretch = stretches_.begin();
+    for (Candidate& each : candidates_) {
+      const Block& block = each.block;
+      for (; stretch != stretches_.end() && stretch->begin < block.position; ++stretch) {
+        end = std::max(end, stretch->end);
+      }
+      if (each.isAnchored || block.isReached()) continue;
+      each.isNested = coverOf(block.position) != kNone || block.position < end || isStored(block);
+    }
+  }
+
+ private:
+  uint64_t tableOf(const Block& block) const { return survey_.owners[block.owner].number; }
+
+  const Block* blockAt(int64_t position) const {
+    const uint32_t inUse = survey_.byPosition.find(position);
+    if (inUse != kNoBlock) return &survey_.blocks[inUse];
+    const uint32_t candidate = byPosition_.find(position);
+    return candidate != kNoBlock ? &candidates_[candidate].block : nullptr;
+  }
+
+  // The number of the first candidate at `position` or behind it.
+  size_t candidateFrom(int64_t position) const {
+    const auto found = std::lower_bound(
+        candidates_.begin(), candidates_.end(), position,
+        [](const Candidate& each, int64_t wanted) { return each.block.position < wanted; });
+    return static_cast<size_t>(found - candidates_.begin());
+  }
+
+  // How well a block fits the database that begins at `origin`.
+  Fit fit(const Block& block, int64_t origin) const {
+    Fit best = Fit::none;
+    if (block.kind != BlockKind::record) return best;
+    const auto ask = [&](int64_t link, int64_t Block::*back) {
+      if (link <= 0 || link >= survey_.size - origin) return;
+      const Block* neighbour = blockAt(origin + link);
+      if (neighbour == nullptr || neighbour->kind != BlockKind::record) return;
+      if (neighbour->owner != block.owner) return;
+      const bool isNamed = neighbour->*back == block.position - origin;
+      best = std::max(best, isNamed ? Fit::linked : Fit::near);
+    };
+    ask(block.prev, &Block::next);
+    ask(block.next, &Block::prev);
+    return best;
+  }
+
+  void anchor() {
+    for (Candidate& each : candidates_) {
+      each.isAnchored = fit(each.block, 0) == Fit::linked;
+      if (each.isAnchored) anchoredTables_.insert(tableOf(each.block));
+    }
+  }
+
+  // ---- whole blocks
+
+  void findWholeBlocks() {
+    nextAnchored_.assign(candidates_.size() + 1, INT64_MAX);
+    std::vector<bool> isWhole(candidates_.size());
+    // Of those behind the one in hand, the ones that reach further than all before them; the
+    // nearest is the last.
+    std::vector<size_t> furthest;
+    for (size_t i = candidates_.size(); i-- > 0;) {
+      const Block& block = candidates_[i].block;
+      nextAnchored_[i] = candidates_[i].isAnchored ? block.position : nextAnchored_[i + 1];
+      if (block.grade != Grade::a) continue;
+      isWhole[i] = nextAnchored_[i + 1] >= block.end && hasOwnEnd(block, furthest);
+      while (!furthest.empty() && candidates_[furthest.back()].block.end <= block.end) {
+        furthest.pop_back();
+      }
+      furthest.push_back(i);
+    }
+    size_t cover = kNone;
+    for (size_t i = 0; i < candidates_.size(); ++i) {
+      const bool isFurther =
+          cover == kNone || candidates_[i].block.end > candidates_[cover].block.end;
+      if (isWhole[i] && isFurther) cover = i;
+      covers_.push_back(cover);
+    }
+  }
+
+  // Whether no other that begins inside of the block reaches to its end.
+  bool hasOwnEnd(const Block& block, const std::vector<size_t>& furthest) const {
+    const auto inside = std::partition_point(furthest.begin(), furthest.end(), [&](size_t number) {
+      return candidates_[number].block.position >= block.end;
+    });
+    return inside == furthest.end() || candidates_[*inside].block.end < block.end;
+  }
+
+  // The whole block that holds `position`; kNone if there is none.
+  size_t coverOf(int64_t position) const {
+    const size_t behind = candidateFrom(position);
+    const size_t cover = behind == 0 ? kNone : covers_[behind - 1];
+    return cover != kNone && candidates_[cover].block.end > position ? cover : kNone;
+  }
+
+  // ---- databases that no whole block holds
+
+  void enterStoredDatabase(const Range& place, CandidateReader* reader) {
+    const std::optional<NestedDatabase> nested = reader->readNested(place.begin);
+    const Block* holder = holderOf(place.begin);
+    if (!nested || !(holder != nullptr || canOnlyBeStored(*nested))) return;
+    int64_t limit = std::min(place.end, nextAnchored_[candidateFrom(place.begin)]);
+    if (holder != nullptr && holder->length <= holder->capacity) {
+      limit = std::min(limit, place.begin + holder->length);
+    }
+    lengthen(place.begin, place.begin + kBlocksStart, limit);
+    lengthen(place.begin, endOf(*nested, limit), limit);
+    for (const NestedTable& table : nested->tables) {
+      places_[table.number].push_back({place.begin, limit});
+    }
+  }
+
+  // The block whose payload begins with the database.
+  const Block* holderOf(int64_t origin) const {
+    for (const BlockKind kind : {BlockKind::record, BlockKind::tableData}) {
+      const int64_t headSize = kind == BlockKind::record ? record::kData : tabledata::kData;
+      const Block* block = blockAt(origin - headSize);
+      if (block != nullptr && block->kind == kind) return block;
+    }
+    return nullptr;
+  }
+
+  // In an image without a directory a database that nothing seems to hold may be one of those that
+  // are looked for.
+  bool canOnlyBeStored(const NestedDatabase& nested) const {
+    const auto hasBlocksHere = [&](const NestedTable& table) {
+      return anchoredTables_.contains(table.number);
+    };
+    return !survey_.tables.empty() ||
+           std::any_of(nested.tables.begin(), nested.tables.end(), hasBlocksHere);
+  }
+
+  // Adds a stretch from `origin` to the end of the last of the blocks that stand one behind the
+  // other from `end` on. What other stretches cover is not gone through again.
+  void lengthen(int64_t origin, int64_t end, int64_t limit) {
+    if (end < stretchesEnd_ || end > limit) return;
+    for (uint32_t number = byPosition_.find(end); number != kNoBlock && end < limit;
+         number = byPosition_.find(end)) {
+      const Candidate& each = candidates_[number];
+      if (each.block.isReached() || homeOf(each.block, origin) == Home::here) break;
+      end = endOf(each.block);
+      if (each.block.grade != Grade::a) break;
+    }
+    stretches_.push_back({origin, end});
+    stretchesEnd_ = end;
+  }
+
+  // Where the last of the blocks ends to which the directory leads.
+  int64_t endOf(const NestedDatabase& nested, int64_t limit) {
+    int64_t end = nested.origin;
+    for (const NestedTable& table : nested.tables) {
+      const Part part = {nested.origin, limit, table.number};
+      follow(part, table.firstRecord, &Block::next, &Block::prev, &end);
+      follow(part, table.lastRecord, &Block::prev, &Block::next, &end);
+      const uint32_t data = find(part, table.data, BlockKind::tableData);
+      if (data != kNoBlock) end = std::max(end, endOf(candidates_[data].block));
+    }
+    return end;
+  }
+
+  static int64_t endOf(const Block& block) {
+    return block.grade == Grade::a ? block.end : block.dataPos();
+  }
+
+  // Where blocks of a stored table may be.
+  struct Part {
+    int64_t origin;
+    int64_t limit;
+    uint64_t table;
+  };
+
+  void follow(const Part& part, int64_t position, int64_t Block::*onward, int64_t Block::*back,
+              int64_t* end) {
+    for (int64_t from = 0; position != 0;) {
+      const uint32_t number = find(part, position, BlockKind::record);
+      if (number == kNoBlock || isWalked_[number]) return;
+      const Block& block = candidates_[number].block;
+      if (block.*back != from) return;
+      isWalked_[number] = true;  // so that all walks together take one step for each
+      *end = std::max(*end, endOf(block));
+      from = position;
+      position = block.*onward;
+    }
+  }
+
+  // The candidate at that distance from the origin, if it is of the kind and of the table.
+  uint32_t find(const Part& part, int64_t position, BlockKind kind) const {
+    if (position <= 0 || position >= part.limit - part.origin) return kNoBlock;
+    const uint32_t number = byPosition_.find(part.origin + position);
+    if (number == kNoBlock) return kNoBlock;
+    const Block& block = candidates_[number].block;
+    const bool fits = !block.isReached() && block.kind == kind && tableOf(block) == part.table;
+    return fits ? number : kNoBlock;
+  }
+
+  // Whether the nearest of these databases before the block explains it.
+  bool isStored(const Block& block) const {
+    const auto found = places_.find(tableOf(block));
+    if (found == places_.end()) return false;
+    const std::vector<Range>& places = found->second;  // ascending, as they were entered
+    const auto behind = std::lower_bound(
+        places.begin(), places.end(), block.position,
+        [](const Range& place, int64_t position) { return place.begin < position; });
+    if (behind == places.begin() || block.position >= (behind - 1)->end) return false;
+    const Home home = homeOf(block, (behind - 1)->begin);
+    const bool isForeign = !survey_.tables.empty() && !survey_.isKnown(block.owner);
+    return home == Home::there || (home == Home::unknown && isForeign);
+  }
+
+  // Whether a block belongs here or to the database that begins at `origin`.
+  enum class Home { here, unknown, there };
+  Home homeOf(const Block& block, int64_t origin) const {
+    if (isCopyOfOwn(block, origin)) return Home::there;
+    const Fit here = fit(block, 0);
+    const Fit there = fit(block, origin);
+    return here > there ? Home::here : here < there ? Home::there : Home::unknown;
+  }
+
+  // Whether this file has the same block at the same distance from its own beginning.
+  bool isCopyOfOwn(const Block& block, int64_t origin) const {
+    const Block* own = blockAt(block.position - origin);
+    return own != nullptr && own->owner == block.owner && own->recordID == block.recordID &&
+           own->createTime == block.createTime;
+  }
+
+  const Survey& survey_;
+  std::vector<Candidate>& candidates_;
+  PositionIndex byPosition_;
+  std::set<uint64_t> anchoredTables_;
+  std::vector<int64_t> nextAnchored_;  // for each: where it or the next anchored one begins
+  std::vector<size_t> covers_;         // for each: of it and all before it, the furthest whole one
+  std::vector<bool> isWalked_;
+  std::vector<Range> stretches_;                   // of these databases
+  int64_t stretchesEnd_ = 0;                       // of the furthest
+  std::map<uint64_t, std::vector<Range>> places_;  // where they may be, by their tables
+};
+
+}  // namespace
+
+void judgeNested(const Survey& survey, const std::vector<Range>& places, CandidateReader* reader,
+                 std::vector<Candidate>* candidates) {
+  NestedJudge(survey, candidates).judge(places, reader);
+}
+
+}  // namespace qvdbase::raw

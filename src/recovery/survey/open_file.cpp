@@ -1,0 +1,103 @@
+// Opening a file to look at it, and noticing that it changed.
+#include "recovery/survey/open_file.h"
+
+#include <qvdbase/qvdb/error.hpp>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "failure/failure.h"
+#include "platform/handles/open_failure.h"
+#include "platform/handles/open_files.h"
+#include "platform/paths/utf8_names.h"
+
+namespace qvdbase::raw {
+namespace {
+
+[[noreturn]] void refuse(const std::filesystem::path& path, const char* operation,
+                         qvdb::Reason reason) {
+  qvdb::detail::throwError(path, operation, reason, std::string(qvdb::to_string(reason)));
+}
+
+// The times of a file move in ticks of the system's clock, of up to ten milliseconds. A write in
+// the same tick as the one before leaves them as they are. So a file that was written just now is
+// given time until every further write shows.
+constexpr std::chrono::milliseconds kTick(12);
+
+bool isFresh(const platform::FileStamp& stamp) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto age = now - std::chrono::nanoseconds(stamp.modifyTime);
+  return age < kTick && age > -kTick;
+}
+
+std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
+  std::vector<unsigned char> bytes(count);
+  bytes.resize(source.readAt(0, bytes.data(), count));
+  return bytes;
+}
+
+[[noreturn]] void refuseWhatDoesNotOpen(const std::filesystem::path& path, const char* operation,
+                                        const std::string& absolute) {
+  if (platform::kindOfPath(absolute) == platform::PathKind::blockDevice) {
+    refuse(path, operation, qvdb::Reason::access_denied);
+  }
+  std::vector<QVWCHAR> wide(absolute.size() + 1);
+  if (!platform::utf16FromUtf8(absolute.data(), absolute.size(), wide.data(), wide.size())) {
+    refuse(path, operation, qvdb::Reason::path_not_reachable);
+  }
+  constexpr int kReadOnly = 1;
+  qvdb::detail::throwOpenFailure(path, operation,
+                                 platform::findOpenFailure(wide.data(), kReadOnly));
+}
+
+}  // namespace
+
+OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation) {
+  std::error_code error;
+  const std::string absolute = std::filesystem::absolute(path, error).native();
+  if (error || path.empty()) refuse(path, operation, qvdb::Reason::path_not_reachable);
+  if (!file_.open(absolute)) refuseWhatDoesNotOpen(path, operation, absolute);
+  wasLocked_ = file_.isLockedByOthers();
+  begin(path, operation);
+}
+
+OpenedFile::OpenedFile(std::int16_t file, const std::filesystem::path& path,
+                       const char* operation) {
+  const platform::OpenFile* open = platform::findOpenFile(file);
+  if (open == nullptr) refuse(path, operation, qvdb::Reason::cannot_open);
+  file_.share(open->entry);
+  begin(path, operation);
+}
+
+void OpenedFile::begin(const std::filesystem::path& path, const char* operation) {
+  if (!file_.stamp(&stamp_)) refuse(path, operation, qvdb::Reason::cannot_open);
+  source_.emplace(file_, stamp_.size);
+  watched_ = firstBytes(*source_, kWatchedSize);
+}
+
+// Devices belong to a group of the system's, not to one of its users.
+platform::FileAccess OpenedFile::access(const std::filesystem::path& path,
+                                        const char* operation) const {
+  platform::FileAccess access;
+  if (!file_.access(&access)) refuse(path, operation, qvdb::Reason::cannot_read);
+  if (file_.isDevice()) access.mode &= 0600;
+  return access;
+}
+
+void OpenedFile::watch() {
+  if (!isFresh(stamp_)) return;
+  std::this_thread::sleep_for(kTick);
+  if (!file_.stamp(&stamp_)) return;
+  source_.emplace(file_, stamp_.size);
+  watched_ = firstBytes(*source_, kWatchedSize);
+}
+
+bool OpenedFile::hasChanged() const {
+  platform::FileStamp now;
+  if (!file_.stamp(&now) || !(now == stamp_)) return true;
+  return firstBytes(*source_, kWatchedSize) != watched_;
+}
+
+}  // namespace qvdbase::raw

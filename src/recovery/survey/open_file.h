@@ -1,0 +1,53 @@
+// A database file opened to be looked at, with failures told as the C++ layer tells them.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "platform/handles/read_only_file.h"
+#include "recovery/survey/byte_source.h"
+
+namespace qvdbase::raw {
+
+class OpenedFile {
+ public:
+  // Throws qvdb::Error, in the name of `operation`: no_such_file, not_a_file, access_denied,
+  // cannot_open, path_not_reachable.
+  OpenedFile(const std::filesystem::path& path, const char* operation);
+
+  // The file that this process has open for writing under that number, whatever its name leads to
+  // by now. Throws cannot_open.
+  OpenedFile(std::int16_t file, const std::filesystem::path& path, const char* operation);
+
+  const ByteSource& source() const { return *source_; }
+
+  // Makes sure that every write from now on shows in hasChanged(), which may take a moment for a
+  // file that was written just now. To be called before source() is.
+  void watch();
+
+  // Whether anybody has written to the file since it was opened here: its size, its times, or the
+  // bytes of its header and directory are others.
+  bool hasChanged() const;
+
+  // Who may do what with it, for files that are made from it; of a device, what its owner may.
+  // Throws cannot_read.
+  platform::FileAccess access(const std::filesystem::path& path, const char* operation) const;
+
+  // Whether anybody else has it open for writing, or had when it was opened here.
+  bool isLockedByOthers() const { return wasLocked_ || file_.isLockedByOthers(); }
+
+ private:
+  void begin(const std::filesystem::path& path, const char* operation);
+
+  static constexpr size_t kWatchedSize = 4630;  // header and directory
+
+  platform::ReadOnlyFile file_;
+  bool wasLocked_ = false;
+  platform::FileStamp stamp_;
+  std::optional<FileSource> source_;
+  std::vector<unsigned char> watched_;
+};
+
+}  // namespace qvdbase::raw

@@ -1,0 +1,37 @@
+#include "recovery/survey/packed_data.h"
+
+#include <algorithm>
+
+namespace qvdbase::raw {
+namespace {
+
+// Whether the slot's position may be that of a block which was damaged: what is there is no block,
+// or one of a table that the directory does not have. Then an older block must not stand in for it.
+bool mayBeDamaged(const Survey& survey, int64_t position) {
+  const uint32_t number = survey.byPosition.find(position);
+  if (number != kNoBlock && survey.owners[survey.blocks[number].owner].slot == kNoSlot) return true;
+  return std::any_of(survey.leftovers.begin(), survey.leftovers.end(), [&](const auto& leftover) {
+    return position >= leftover.range.begin && position < leftover.range.end;
+  });
+}
+
+}  // namespace
+
+uint32_t packedData(const Survey& survey, const Table& table) {
+  if (table.dataState == DataState::none || table.dataState == DataState::sound) return kNoBlock;
+  const tablePart1& slot = survey.slots[static_cast<size_t>(table.slot)].fields;
+  if (slot.recordCount == 0 || mayBeDamaged(survey, slot.firstDataPos)) return kNoBlock;
+  uint32_t found = kNoBlock;
+  for (uint32_t number = 0; number < survey.blocks.size(); ++number) {
+    const Block& each = survey.blocks[number];
+    if (each.kind != BlockKind::tableData || each.owner != table.owner) continue;
+    if (found != kNoBlock) return kNoBlock;
+    found = number;
+  }
+  if (found == kNoBlock) return kNoBlock;
+  const Block& data = survey.blocks[found];
+  const bool isWhole = !data.isReached() && data.grade == Grade::a;
+  return isWhole && data.end == slot.firstRecordPos ? found : kNoBlock;
+}
+
+}  // namespace qvdbase::raw

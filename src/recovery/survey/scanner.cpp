@@ -1,0 +1,252 @@
+// Step 4 of a survey: blocks in the bytes that no chain covers.
+//
+// Every place where a mark stands is looked at, also inside of other candidates: nothing is stepped
+// over by a length that was not confirmed. Then candidates compete:
+//
+//   - One that covers another whole one loses. A torn append claims room that later blocks were
+//     written into, and its end mark may seem to be there.
+//   - Unless what it covers is no block of this file but part of a payload (nested.cpp), or of a
+//     table that is in no slot here and stands nowhere but inside of other blocks.
+//   - A candidate that is not whole is cut where the next one begins.
+//
+// A block in use competes as well if its end mark is right but what stands behind it is no block:
+// either something came behind the last block, or the capacity is damaged and leads to a byte that
+// looks like an end mark. It loses to blocks of the directory's tables only, and to those that a
+// neighbour in the file names.
+#include <algorithm>
+
+#include "format/block_heads.h"
+#include "recovery/survey/candidates.h"
+#include "recovery/survey/nested.h"
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::raw {
+namespace {
+
+bool comesBefore(const Candidate& a, const Candidate& b) {
+  return a.block.position < b.block.position;
+}
+
+class GapScanner {
+ public:
+  GapScanner(const ByteSource& source, Survey* survey)
+      : source_(source), survey_(*survey), reader_(source, survey) {}
+
+  void scan(const Range& gap) {
+    const int64_t unreadableAt = findHits(source_, gap, [&](const ScanHits& hits) {
+      for (const int64_t origin : hits.headers) {
+        if (!reader_.readNested(origin)) continue;
+        survey_.nestedDatabases.push_back(origin);
+        databases_.push_back({origin, gap.end});
+      }
+      for (const int64_t position : hits.marks) {
+        const std::optional<Block> block = reader_.read(position, gap.end);
+        if (block) candidates_.push_back({*block});
+      }
+    });
+    survey_.noteUnreadable(unreadableAt);
+  }
+
+  void resolve() {
+    enterBlocksInUse();
+    judgeNested(survey_, databases_, &reader_, &candidates_);
+    dropNested();
+    establishOwners();
+    findSuccessors();
+    for (size_t i = 0; i < candidates_.size(); ++i) decide(i);
+    survey_.noteUnreadable(reader_.unreadableAt());
+  }
+
+ private:
+  void enterBlocksInUse() {
+    constexpr uint8_t kWrongEnd = kBeyondEnd | kCutShort | kNoEndMark | kLengthAboveCapacity;
+    const size_t found = candidates_.size();
+    for (const Block& block : survey_.blocks) {
+      if (!(block.flaws & kUnbelieved) || (block.flaws & kWrongEnd)) continue;
+      candidates_.push_back({block});
+      candidates_.back().block.end = block.claimedEnd();
+    }
+    if (candidates_.size() > found) std::sort(candidates_.begin(), candidates_.end(), comesBefore);
+  }
+
+  void dropNested() {
+    for (const Candidate& each : candidates_) {
+      if (each.isNested) survey_.nestedBlocks.push_back(each.block.position);
+    }
+    std::erase_if(candidates_, [](const Candidate& each) { return each.isNested; });
+  }
+
+  // Whether it is this database's beyond doubt.
+  bool isOwn(const Candidate& each) const {
+    return survey_.isKnown(each.block.owner) || each.isAnchored;
+  }
+
+  // An owner is native when a slot knows it, or when a block of it belongs here or stands outside
+  // of all others.
+  bool isNative(const Block& block) const {
+    return survey_.isKnown(block.owner) || established_[block.owner];
+  }
+
+  void establishOwners() {
+    established_.assign(survey_.owners.size(), false);
+    int64_t covered = 0;
+    for (const Candidate& each : candidates_) {
+      const Block& block = each.block;
+      if (each.isAnchored || block.position >= covered) established_[block.owner] = true;
+      if (block.grade == Grade::a) covered = std::max(covered, block.end);
+    }
+  }
+
+  // For every candidate the start of the next native one behind it: any, a whole one, and a whole
+  // one that is surely this database's.
+  void findSuccessors() {
+    constexpr int64_t kNever = INT64_MAX;
+    for (auto* next : {&nextNative_, &nextWhole_, &nextOwn_}) {
+      next->assign(candidates_.size() + 1, kNever);
+    }
+    for (size_t i = candidates_.size(); i-- > 0;) {
+      const Candidate& each = candidates_[i];
+      const int64_t position = each.block.position;
+      const bool isAny = isNative(each.block) && !each.block.isReached();
+      const bool isWhole = isAny && (each.block.grade == Grade::a || each.isAnchored);
+      nextNative_[i] = isAny ? position : nextNative_[i + 1];
+      nextWhole_[i] = isWhole ? position : nextWhole_[i + 1];
+      nextOwn_[i] = isWhole && isOwn(each) ? position : nextOwn_[i + 1];
+    }
+  }
+
+  void decide(size_t i) {
+    const Block& block = candidates_[i].block;
+    if (block.isReached()) {
+      if (nextOwn_[i + 1] >= block.end) confirm(block);
+    } else if (block.position < covered_) {
+      if (block.grade == Grade::a) survey_.nestedBlocks.push_back(block.position);
+    } else if (isNative(block)) {
+      accept(i);
+    }
+  }
+
+  void confirm(const Block& block) {
+    Block& inUse = survey_.blocks[survey_.byPosition.find(block.position)];
+    inUse.flaws &= static_cast<uint8_t>(~kUnbelieved);
+    inUse.end = covered_ = block.end;
+  }
+
+  void accept(size_t i) {
+    Block block = candidates_[i].block;
+    if (block.grade == Grade::a && nextWhole_[i + 1] < block.end) block.grade = Grade::b;
+    if (block.grade != Grade::a && nextNative_[i + 1] < block.end) {
+      block.flaws |= kCutShort;
+      block.end = nextNative_[i + 1];
+    }
+    covered_ = block.end;
+    survey_.byPosition.add(block.position, static_cast<uint32_t>(survey_.blocks.size()));
+    survey_.blocks.push_back(block);
+  }
+
+  const ByteSource& source_;
+  Survey& survey_;
+  CandidateReader reader_;
+  std::vector<Candidate> candidates_;
+  std::vector<Range> databases_;  // from where each begins to the end of its gap
+  std::vector<bool> established_;
+  std::vector<int64_t> nextNative_;
+  std::vector<int64_t> nextWhole_;
+  std::vector<int64_t> nextOwn_;
+  int64_t covered_ = 0;
+};
+
+std::vector<Range> gapsBetween(const Survey& survey, const std::vector<uint32_t>& order) {
+  std::vector<Range> gaps;
+  int64_t position = survey.blocksStart;
+  for (const uint32_t number : order) {
+    const Block& block = survey.blocks[number];
+    if (block.position > position) gaps.push_back({position, block.position});
+    position = std::max(position, block.end);
+  }
+  if (position < survey.size) gaps.push_back({position, survey.size});
+  return gaps;
+}
+
+// Gives a block whose capacity nothing confirmed the bytes back in which no other was found.
+void extendUnbelieved(const std::vector<uint32_t>& order, Survey* survey) {
+  for (size_t i = 0; i < order.size(); ++i) {
+    Block& block = survey->blocks[order[i]];
+    if (!(block.flaws & kUnbelieved)) continue;
+    const int64_t limit =
+        i + 1 < order.size() ? survey->blocks[order[i + 1]].position : survey->size;
+    block.end = std::min(block.claimedEnd(), limit);
+    if (block.claimedEnd() > limit && !(block.flaws & kBeyondEnd)) block.flaws |= kCutShort;
+  }
+}
+
+// Says of each block whether it begins in what one that is not whole claims before it.
+void markInTornBlocks(const std::vector<uint32_t>& order, Survey* survey) {
+  constexpr uint8_t kNotWhole = kBeyondEnd | kCutShort | kNoEndMark;
+  int64_t claimed = 0;
+  for (const uint32_t number : order) {
+    Block& block = survey->blocks[number];
+    block.isInTornBlock = block.position < claimed;
+    const bool isTorn = block.grade != Grade::a || (block.flaws & kNotWhole) != 0;
+    if (isTorn) claimed = std::max(claimed, block.claimedEnd());
+  }
+}
+
+Leftover kindOf(const ByteSource& source, const Range& range) {
+  unsigned char bytes[3] = {};
+  const size_t held = source.readAt(range.begin, bytes, sizeof bytes);
+  const bool isRecord = bytes[0] == kRecordMark;
+  if (held == 0 || (!isRecord && bytes[0] != kTableDataMark)) return Leftover::bytes;
+  const auto there = static_cast<size_t>(std::min<int64_t>(range.size(), 3));
+  const unsigned char expected[3] = {
+      bytes[0], 0, static_cast<unsigned char>(isRecord ? kRecordHeaderSize : kTableDataHeaderSize)};
+  return std::equal(bytes, bytes + there, expected) ? Leftover::torn : Leftover::bytes;
+}
+
+// The payloads of live blocks hold blocks only when databases are stored in them. Those of dead
+// blocks lie in gaps. Comes last: the tables that are met here are no tables of this database.
+void scanPayloads(const ByteSource& source, Survey* survey) {
+  CandidateReader reader(source, survey);
+  for (const Block& block : survey->blocks) {
+    if (!block.isReached()) continue;
+    const Range payload = {block.dataPos(), block.dataPos() + block.dataThere()};
+    if (payload.size() < kTableDataBlockOverhead) continue;
+    const int64_t unreadableAt = findHits(source, payload, [&](const ScanHits& hits) {
+      for (const int64_t origin : hits.headers) {
+        if (reader.readNested(origin)) survey->nestedDatabases.push_back(origin);
+      }
+      for (const int64_t position : hits.marks) {
+        const std::optional<Block> found = reader.read(position, payload.end);
+        if (found && found->grade == Grade::a) survey->nestedBlocks.push_back(position);
+      }
+    });
+    survey->noteUnreadable(unreadableAt);
+  }
+}
+
+void sortUnique(std::vector<int64_t>* positions) {
+  std::sort(positions->begin(), positions->end());
+  positions->erase(std::unique(positions->begin(), positions->end()), positions->end());
+}
+
+}  // namespace
+
+void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* survey) {
+  GapScanner scanner(source, survey);
+  for (const Range& gap : gapsBetween(*survey, blocksInFileOrder(*survey))) scanner.scan(gap);
+  scanner.resolve();
+
+  // The payload of a block in use that nothing confirmed is met twice.
+  if (options.deep) scanPayloads(source, survey);
+  sortUnique(&survey->nestedBlocks);
+  sortUnique(&survey->nestedDatabases);
+
+  const std::vector<uint32_t> order = blocksInFileOrder(*survey);
+  extendUnbelieved(order, survey);
+  markInTornBlocks(order, survey);
+  for (const Range& gap : gapsBetween(*survey, order)) {
+    survey->leftovers.push_back({gap, kindOf(source, gap)});
+  }
+}
+
+}  // namespace qvdbase::raw

@@ -1,0 +1,16 @@
+// The steps of a survey, one after the other.
+#include "recovery/survey/survey.h"
+
+namespace qvdbase::raw {
+
+Survey makeSurvey(const ByteSource& source, const SurveyOptions& options) {
+  Survey survey;
+  readDirectory(source, options, &survey);
+  followChains(source, &survey);
+  layExtents(&survey);
+  scanGaps(source, options, &survey);
+  labelBlocks(&survey);
+  return survey;
+}
+
+}  // namespace qvdbase::raw

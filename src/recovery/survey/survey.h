@@ -1,0 +1,266 @@
+// A survey of a database image: everything that its bytes say, read by the format alone and without
+// a judgement. The checker turns it into findings, the salvager into a new file.
+//
+// It is made in this order:
+//
+//   1. directory.cpp   the header and every slot
+//   2. chains.cpp      both walks of each table's chain, and its table data
+//   3. extents.cpp     what the blocks so found cover, and where they overlap
+//   4. scanner.cpp     candidates for blocks in all bytes that are left; nested.cpp tells which of
+//                      them are parts of payloads
+//   5. labels.cpp      what each unreferenced block is: superseded, deleted, never linked, ...
+//
+// No count and no length in the file is trusted: every walk ends at a block that it has met, and
+// memory grows with the blocks that are really there.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "format/layout.h"
+#include "recovery/survey/byte_source.h"
+#include "recovery/survey/position_index.h"
+#include "recovery/survey/window.h"
+
+namespace qvdbase::raw {
+
+using Id = std::array<unsigned char, kIdentifierSize>;
+
+inline constexpr uint32_t kNoBlock = PositionIndex::kNone;
+inline constexpr int kNoSlot = -1;
+
+// ---- header and directory ----
+
+struct Header {
+  internal_Head1 fields = {};
+  int16_t tableCount = 0;
+  uint16_t slotCount = 0;
+  uint16_t slotSize = 0;
+};
+
+struct Slot {
+  int index = 0;
+  int64_t position = 0;
+  bool counted = false;  // below the header's table count
+  tablePart1 fields = {};
+  std::array<unsigned char, kSlotImageSize> image = {};
+
+  bool hasMark() const { return fields.slotMark == kSlotMark; }
+  bool hasEndMark() const { return fields.slotEndMark == kSlotEndMark; }
+  // What the engine asks of a slot in use.
+  bool holdsTable() const { return hasMark() && hasEndMark(); }
+  // Whether chains are followed from here: also when a mark was damaged.
+  bool isTable() const;
+};
+
+// ---- blocks ----
+
+enum class BlockKind : uint8_t { record, tableData };
+
+// How much of a block that was found by scanning proved right.
+enum class Grade : uint8_t {
+  a,  // all of it, and behind it begins a block, or bytes end
+  b,  // all but one of end mark, sum and capacity
+  c,  // the header only
+};
+
+enum class Label : uint8_t {
+  none,
+  live,                  // in the table's chain, or the table's current data
+  detached,              // its neighbours still point at it, but no end of the chain leads here
+  superseded,            // an older version of a record, or of the table's data
+  unfinishedRelocation,  // a newer version that never got into the chain
+  deleted,
+  unlinked,           // appended, but never counted
+  deletedOrUnlinked,  // the block alone cannot tell
+};
+
+// What is wrong with a block; any number of them.
+enum Flaw : uint8_t {
+  kWrongIdSum = 1,
+  kZeroId = 2,
+  kLengthAboveCapacity = 4,
+  kBeyondEnd = 8,
+  kNoEndMark = 16,
+  kCutShort = 32,    // its capacity reaches over other blocks; `end` is where they begin
+  kUnbelieved = 64,  // nothing confirms its capacity
+  kWrongTableSum = 128,
+};
+
+// Who leads to a block; any number of them.
+enum Reach : uint8_t {
+  kForward = 1,    // the forward walk, within the slot's count
+  kBackward = 2,   // the backward walk
+  kUncounted = 4,  // the forward walk, but behind the last counted record
+  kAsData = 8,     // the slot's table data
+};
+
+struct Block {
+  int64_t position = 0;
+  int64_t end = 0;  // behind its last byte, as far as that is believed
+  int64_t prev = 0;
+  int64_t next = 0;
+  uint64_t recordID = 0;
+  uint32_t createTime = 0;
+  uint32_t modifyTime = 0;
+  uint32_t length = 0;
+  uint32_t capacity = 0;
+  uint32_t owner = 0;  // index in Survey::owners
+  uint32_t walk = 0;   // the last walk that met it
+  BlockKind kind = BlockKind::record;
+  Grade grade = Grade::a;
+  Label label = Label::none;
+  uint8_t flaws = 0;
+  uint8_t reach = 0;
+  int8_t slot = kNoSlot;  // the slot whose chain or data it is
+  // It begins in the space that a block before it claims which is not whole: it may be a piece of
+  // that one's payload.
+  bool isInTornBlock = false;
+
+  int64_t dataPos() const {
+    return position + (kind == BlockKind::record ? record::kData : tabledata::kData);
+  }
+  // Behind its last byte if its capacity is right.
+  int64_t claimedEnd() const { return dataPos() + int64_t{capacity} + 1; }
+  bool isCut() const { return (flaws & (kBeyondEnd | kCutShort)) != 0; }
+  // Bytes of payload that are there.
+  int64_t dataThere() const {
+    const int64_t room = isCut() ? end - dataPos() : int64_t{capacity};
+    return room < 0 ? 0 : room < length ? room : int64_t{length};
+  }
+  bool isReached() const { return reach != 0; }
+};
+
+// A table identifier that occurs in blocks.
+struct Owner {
+  Id id = {};
+  uint64_t number = 0;
+  int slot = kNoSlot;  // the first slot that holds a table of this identifier
+  // Records of it that can be had whole: live, detached, or never linked. Versions count as one.
+  uint64_t records = 0;
+};
+
+// ---- chains ----
+
+enum class WalkEnd : uint8_t {
+  complete,    // a link of 0
+  outside,     // a position where no block can be
+  notRecord,   // wrong mark or header size
+  otherTable,  // a record block of another table
+  loop,        // a block that this walk has passed
+  unreadable,  // the host could not read it
+};
+
+struct Walk {
+  std::vector<uint32_t> blocks;
+  WalkEnd end = WalkEnd::complete;
+  int64_t stoppedAt = 0;  // the position that could not be followed; 0 when complete
+};
+
+enum class DataState : uint8_t { none, sound, outside, notData, otherTable };
+
+struct Table {
+  int slot = 0;
+  uint32_t owner = 0;
+  Walk forward;
+  Walk backward;
+  DataState dataState = DataState::none;
+  uint32_t dataBlock = kNoBlock;  // also when it has flaws
+};
+
+// ---- space ----
+
+struct Range {
+  int64_t begin = 0;
+  int64_t end = 0;
+  int64_t size() const { return end - begin; }
+};
+
+enum class Leftover : uint8_t {
+  torn,   // begins like a block
+  bytes,  // begins like nothing
+};
+
+struct LeftoverRange {
+  Range range;
+  Leftover kind;
+};
+
+struct Overlap {
+  uint32_t first = kNoBlock;  // kNoBlock: the directory
+  uint32_t second = kNoBlock;
+};
+
+struct Survey {
+  int64_t size = 0;
+  Header header;
+  bool headerThere = false;
+  int slotStride = kSlotImageSize;  // bytes from slot to slot, as the survey took them
+  int64_t blocksStart = 0;          // where the first block may be
+  std::vector<Slot> slots;
+  std::vector<Owner> owners;
+  uint32_t knownOwners = 0;  // how many of them, the first ones, have a slot in the directory
+  std::map<Id, uint32_t> ownerNumbers;
+  std::vector<Block> blocks;
+  PositionIndex byPosition;
+  std::vector<Table> tables;  // one per slot that is a table, counted or not
+  std::vector<Overlap> overlaps;
+  std::vector<LeftoverRange> leftovers;
+  std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others
+  std::vector<int64_t> nestedDatabases;  // where databases seem to begin that are not this one
+  int64_t unreadableAt = -1;             // the first place met that could not be read
+
+  // Negative positions stand for none.
+  void noteUnreadable(int64_t position) {
+    if (position >= 0 && unreadableAt < 0) unreadableAt = position;
+  }
+
+  // Whether the owner has a slot in the directory.
+  bool isKnown(uint32_t owner) const { return owner < knownOwners; }
+
+  // Whether it is a whole block of a table that the directory does not have. No operation removes a
+  // table, so its slot was lost; unless the block is a piece of a payload.
+  bool isOrphan(const Block& block) const {
+    return owners[block.owner].slot == kNoSlot && block.grade == Grade::a && !block.isInTornBlock;
+  }
+
+  const Table* tableOfSlot(int slot) const {
+    for (const Table& table : tables) {
+      if (table.slot == slot) return &table;
+    }
+    return nullptr;
+  }
+};
+
+struct SurveyOptions {
+  bool deep = false;             // look for blocks inside the payloads of live blocks, too
+  int64_t from = 0;              // first byte that may belong to a block
+  bool ignoreDirectory = false;  // take the image for blocks alone
+};
+
+Survey makeSurvey(const ByteSource& source, const SurveyOptions& options = {});
+
+// ---- the steps ----
+
+void readDirectory(const ByteSource& source, const SurveyOptions& options, Survey* survey);
+void followChains(const ByteSource& source, Survey* survey);
+void layExtents(Survey* survey);
+void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* survey);
+void labelBlocks(Survey* survey);
+
+// The numbers of all blocks, sorted by position.
+std::vector<uint32_t> blocksInFileOrder(const Survey& survey);
+
+// Ends every block at the latest where the next one of `order` begins.
+void cutAtSuccessors(const std::vector<uint32_t>& order, Survey* survey);
+
+// The number of that identifier among the owners, which it joins if it is new.
+uint32_t ownerOf(const unsigned char* id, Survey* survey);
+
+// A table's name as far as it goes.
+std::string nameOf(const tablePart1& slot);
+
+}  // namespace qvdbase::raw

@@ -1,0 +1,226 @@
+// qvdb::compact: survey, judge, write, compare, place.
+//
+// Until the last step, which gives the new file its name, nothing has happened to the source or the
+// target. Everything before it can fail, be cancelled or be killed.
+#include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/maintenance.hpp>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "failure/failure.h"
+#include "failure/native_path.h"
+#include "platform/handles/new_file.h"
+#include "platform/handles/read_only_file.h"
+#include "products/target_file.h"
+#include "recovery/survey/open_file.h"
+#include "recovery/survey/packed_data.h"
+#include "upkeep/live_copy.h"
+#include "upkeep/progress.h"
+#include "upkeep/table_changes.h"
+#include "upkeep/verdict.h"
+
+namespace qvdb {
+namespace {
+
+namespace fs = std::filesystem;
+
+using detail::CopyOutcome;
+using detail::failOn;
+using detail::LiveDamage;
+using detail::LiveDatabase;
+using detail::LiveLayout;
+using detail::LiveReader;
+using detail::TargetFile;
+using qvdbase::raw::ByteSource;
+
+constexpr const char* kOperation = "compact the database";
+
+// A part of the work, as a range of percents that is passed through record by record.
+class Stage {
+ public:
+  Stage(detail::Reporter& reporter, const fs::path& path, int from, int to, std::uint64_t total)
+      : reporter_(reporter), path_(path), from_(from), to_(to), total_(total) {}
+
+  // One record more. Throws cancelled, and what the caller's function throws.
+  void step() {
+    const std::uint64_t share = std::min(done_++, total_);
+    const auto width = static_cast<std::uint64_t>(to_ - from_);
+    report(from_ + static_cast<int>(total_ == 0 ? 0 : share * width / total_));
+  }
+
+  void report(int percent) {
+    if (reporter_.report(percent) || !reporter_.wantsToStop()) return;
+    failOn(path_, kOperation, Reason::cancelled, "it was cancelled");
+  }
+
+ private:
+  detail::Reporter& reporter_;
+  const fs::path& path_;
+  int from_;
+  int to_;
+  std::uint64_t total_;
+  std::uint64_t done_ = 0;
+};
+
+class Compaction {
+ public:
+  Compaction(const fs::path& source, const ProgressFunction& progress,
+             const CompactOptions& options)
+      : source_(source),
+        resolved_(detail::resolved(source, kOperation)),
+        options_(options),
+        reporter_(progress) {}
+
+  // Without a target nothing is written.
+  CompactReport run(std::optional<TargetFile>& target) {
+    qvdbase::raw::OpenedFile file(resolved_, kOperation);
+    file.watch();
+    const qvdbase::raw::Survey all = qvdbase::raw::makeSurvey(file.source());
+    survey(file, all);
+    judge(file, all);
+    detail::changeTables(options_, source_, kOperation, &database_);
+    const LiveLayout layout(file.source(), database_);
+    if (target) {
+      write(file.source(), layout, *target);
+      compare(file, layout, target->file());
+    }
+    refuseIfChanged(file);
+    if (target) target->place();
+    // Too late to stop anything.
+    static_cast<void>(reporter_.report(100));
+    return reportOn(file.source(), layout);
+  }
+
+ private:
+  // Said rather than anything else that is found then: half-done work looks like damage.
+  void refuseIfChanged(const qvdbase::raw::OpenedFile& file) const {
+    if (!file.hasChanged()) return;
+    failOn(source_, kOperation, Reason::in_use, "it was changed meanwhile");
+  }
+
+  void survey(const qvdbase::raw::OpenedFile& file, const qvdbase::raw::Survey& all) {
+    Stage stage(reporter_, source_, 0, 20, countedRecords());
+    LiveReader reader(file.source());
+    for (const qvdbase::raw::Table& table : all.tables) {
+      const std::uint32_t data = packedData(all, table);
+      if (data != qvdbase::raw::kNoBlock) {
+        reader.setDataPosition(table.slot, all.blocks[data].position);
+      }
+    }
+    if (reader.read(&database_, [&] { stage.step(); })) return;
+    refuseIfChanged(file);
+    ErrorDetails known;
+    if (reader.damage() == LiveDamage::chain && reader.recordNumber() != 0) {
+      known.record_number = reader.recordNumber();
+    }
+    detail::throwError(source_, kOperation, reasonOf(reader.damage()), reader.why(),
+                       std::move(known));
+  }
+
+  // The chains are whole. Refuses what would be lost beside them.
+  void judge(const qvdbase::raw::OpenedFile& file, const qvdbase::raw::Survey& all) {
+    verdict_ = detail::judgeCopy(file.source(), all);
+    if (verdict_.isClean() || options_.force) return;
+    refuseIfChanged(file);
+    failOn(source_, kOperation, Reason::damaged, verdict_.why());
+  }
+
+  static Reason reasonOf(LiveDamage damage) {
+    if (damage == LiveDamage::chain) return Reason::chain_damaged;
+    return damage == LiveDamage::data ? Reason::data_damaged : Reason::directory_damaged;
+  }
+
+  // For the progress of the survey, which does not know yet whether they are there.
+  std::uint64_t countedRecords() const {
+    const Database database = Database::open(source_, Mode::read_only);
+    std::uint64_t count = 0;
+    for (const Table& table : database.tables()) count += table.count();
+    return count;
+  }
+
+  void write(const ByteSource& source, const LiveLayout& layout, TargetFile& target) {
+    Stage stage(reporter_, source_, 20, 60, database_.recordCount());
+    const qvdbase::platform::FileAccess access = detail::accessOf(source_, kOperation);
+    qvdbase::platform::NewFile& file = target.create(&access);
+    switch (copyLive(source, database_, layout, &file, [&] { stage.step(); })) {
+      case CopyOutcome::cannotRead:
+        failOn(source_, kOperation, Reason::cannot_read, "the system cannot read it");
+      case CopyOutcome::cannotWrite:
+        target.failWriting();
+      case CopyOutcome::done:
+        break;
+    }
+  }
+
+  void compare(const qvdbase::raw::OpenedFile& file, const LiveLayout& layout,
+               const qvdbase::platform::NewFile& made) {
+    Stage stage(reporter_, source_, 60, 100, database_.recordCount());
+    qvdbase::platform::ReadOnlyFile read;
+    read.share(made.entry());
+    qvdbase::platform::FileStamp stamp;
+    const bool isKnown = read.stamp(&stamp);
+    const qvdbase::raw::FileSource copy(read, isKnown ? stamp.size : 0);
+    if (isLiveCopy(copy, file.source(), database_, layout, [&] { stage.step(); })) return;
+    refuseIfChanged(file);
+    failOn(source_, kOperation, Reason::cannot_write,
+           "what was written is not what can be read back");
+  }
+
+  CompactReport reportOn(const ByteSource& source, const LiveLayout& layout) const {
+    CompactReport report;
+    report.size_before = static_cast<std::uint64_t>(source.size());
+    report.size_after = layout.size();
+    report.tables = database_.tables.size();
+    report.records = database_.recordCount();
+    for (const detail::LiveTable& table : database_.tables) {
+      if (table.slot.firstDataPos != 0) ++report.data_blocks;
+    }
+    report.records_lost = verdict_.records;
+    report.torn_blocks = verdict_.tornBlocks;
+    return report;
+  }
+
+  const fs::path source_;
+  const fs::path resolved_;
+  const CompactOptions& options_;
+  detail::Reporter reporter_;
+  LiveDatabase database_;
+  detail::Verdict verdict_;
+};
+
+CompactReport compactTo(const fs::path& source, const fs::path& target,
+                        const ProgressFunction& progress, const CompactOptions& options,
+                        bool overwrite) {
+  // Opened for a clear word on files that are no database.
+  static_cast<void>(Database::open(source, Mode::read_only));
+  Compaction compaction(source, progress, options);
+  std::optional<TargetFile> file;
+  const detail::TargetRules rules = {
+      .existing = overwrite ? detail::Existing::isReplaced : detail::Existing::isReplacedIfEmpty,
+      .createFolders = options.create_folders};
+  if (!options.dry_run) {
+    static_cast<void>(detail::nativePath(detail::resolved(target, kOperation), kOperation));
+    file.emplace(target, kOperation, rules);
+  }
+  return compaction.run(file);
+}
+
+}  // namespace
+
+CompactReport compact(const fs::path& source, const ProgressFunction& progress,
+                      const CompactOptions& options) {
+  // The source as target: held exclusively from the beginning, and always to be replaced.
+  return compactTo(source, source, progress, options, true);
+}
+
+CompactReport compact(const fs::path& source, const fs::path& target,
+                      const ProgressFunction& progress, const CompactOptions& options) {
+  std::error_code error;
+  const bool isInPlace = fs::equivalent(source, target, error);
+  return compactTo(source, target, progress, options, isInPlace || options.overwrite);
+}
+
+}  // namespace qvdb

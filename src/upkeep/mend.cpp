@@ -1,0 +1,91 @@
+// qvdb::mend: plan, look at what the plan comes to, write.
+#include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/mend.hpp>
+
+#include "QVDbase/position.h"
+#include "failure/failure.h"
+#include "format/fields.h"
+#include "platform/handles/cutting.h"
+#include "platform/handles/open_files.h"
+#include "platform/host/host_failure.h"
+#include "products/target_file.h"
+#include "recovery/check/check_source.h"
+#include "recovery/mend/mend_plan.h"
+#include "recovery/survey/open_file.h"
+
+namespace qvdb {
+namespace {
+
+using detail::failOn;
+using detail::throwWriteFailure;
+using qvdbase::mending::MendPlan;
+
+constexpr const char* kOperation = "mend the database";
+
+class Mending {
+ public:
+  explicit Mending(const std::filesystem::path& path)
+      : path_(path), database_(Database::open(path, Mode::exclusive)) {
+    if (qvdbase::platform::writersOf(database_.handle()) > 1) {
+      failOn(path, kOperation, Reason::in_use, "this program has it open in another place");
+    }
+  }
+
+  MendReport run(const MendOptions& options) {
+    MendReport report;
+    {
+      qvdbase::raw::OpenedFile file(database_.handle(), path_, kOperation);
+      file.watch();
+      plan_ = qvdbase::mending::planMend(file.source(), options.cut_off);
+      if (file.hasChanged()) failOn(path_, kOperation, Reason::in_use, "it was changed meanwhile");
+    }
+    if (!plan_.refusal.empty()) {
+      failOn(path_, kOperation, Reason::damaged, plan_.refusal + "; nothing was changed");
+    }
+    if (!options.dry_run && !plan_.steps.empty()) write();
+    report.steps = std::move(plan_.steps);
+    report.left_over = plan_.leftOver;
+    return report;
+  }
+
+ private:
+  void write() {
+    qvdbase::platform::forgetHostFailure();
+    for (const qvdbase::raw::Patch& patch : plan_.patches) writePatch(patch);
+    if (plan_.size < static_cast<std::int64_t>(database_.info().file_size)) cut();
+    database_.sync();
+    const qvdbase::raw::OpenedFile file(database_.handle(), path_, kOperation);
+    if (qvdbase::check::checkSource(file.source()).errors == 0) return;
+    failOn(path_, kOperation, Reason::cannot_write, "what was written cannot be read back");
+  }
+
+  void writePatch(const qvdbase::raw::Patch& patch) {
+    const std::int16_t db = database_.handle();
+    const auto count = static_cast<std::uint32_t>(patch.bytes.size());
+    qvdbase::SavedPosition position(db);
+    const bool isWritten = myFileSeek(db, patch.position, kFromStart) == 0 &&
+                           qvdbase::writeBytes(db, patch.bytes.data(), count);
+    if (position.restore(isWritten ? 1 : 0) == 1) return;
+    throwWriteFailure(path_, kOperation, qvdbase::platform::findWriteFailure(0));
+  }
+
+  // By the open file, which is locked: its name may lead to another one by now.
+  void cut() {
+    const auto* file = qvdbase::platform::findOpenFile(database_.handle());
+    if (file != nullptr && qvdbase::platform::cutFile(*file, plan_.size)) return;
+    failOn(path_, kOperation, Reason::cannot_write, "the system cannot shorten it");
+  }
+
+  const std::filesystem::path path_;
+  Database database_;
+  MendPlan plan_;
+};
+
+}  // namespace
+
+MendReport mend(const std::filesystem::path& path, const MendOptions& options) {
+  return Mending(path).run(options);
+}
+
+}  // namespace qvdb

@@ -1,0 +1,156 @@
+// qvdb::pack and qvdb::renumber: the library's packs, into a temporary file that then takes the
+// target's place.
+#include <qvdbase/qvdb/check.hpp>
+#include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/maintenance.hpp>
+
+#include "failure/native_path.h"
+#include "products/target_file.h"
+#include "recovery/check/parts.h"
+#include "recovery/survey/open_file.h"
+#include "recovery/survey/survey.h"
+#include "upkeep/progress.h"
+#include "upkeep/verdict.h"
+
+namespace qvdb {
+namespace {
+
+namespace fs = std::filesystem;
+
+using detail::failOn;
+using detail::Reporter;
+using detail::TargetFile;
+
+constexpr const char* kCategoryTable = "QVrz_Category";
+
+const fs::path& differing(const char* operation, const fs::path& source, const fs::path& target) {
+  std::error_code error;
+  if (fs::equivalent(source, target, error)) {
+    failOn(target, operation, Reason::bad_argument, "it is the source itself");
+  }
+  return target;
+}
+
+std::vector<std::string> tablesThatLoseData(const Database& database) {
+  std::vector<std::string> names;
+  for (const Table& table : database.tables()) {
+    const TableInfo info = table.info();
+    if (info.record_count != 0 && info.first_record_position != 0 && info.data_position != 0) {
+      names.push_back(table.name());
+    }
+  }
+  return names;
+}
+
+// A pack on its way: what both kinds share around the library's function.
+class Packing {
+ public:
+  Packing(const char* operation, const fs::path& source, Mode mode, const fs::path& target,
+          const TargetOptions& options)
+      : operation_(operation),
+        source_(source),
+        database_(Database::open(source, mode)),
+        access_(detail::accessOf(source, operation)),
+        target_(differing(operation, source, target), operation, rulesOf(options)),
+        nativeTarget_(detail::nativePath(target_.makePrivateFolder(), operation)),
+        isForced_(options.force) {}
+
+  const Database& database() const { return database_; }
+  const QVWCHAR* nativeTarget() const { return nativeTarget_.data(); }
+
+  // `pack` calls the library's function. `other` is why it can fail on a sound source and a target
+  // that can be written.
+  PackReport run(const ProgressFunction& progress, const std::function<bool()>& pack,
+                 const std::function<void()>& other = {}) {
+    PackReport report;
+    report.size_before = database_.info().file_size;
+    report.tables_without_data = tablesThatLoseData(database_);
+    report.records_lost = judge();
+    Reporter reporter(progress);
+    reporter.listen();
+    const bool done = pack();
+    if (!done && reporter.wantsToStop()) {
+      failOn(source_, operation_, Reason::cancelled, "it was cancelled");
+    }
+    if (!done) failPack(report.size_before, other);
+    target_.takeOver(access_);
+    report.size_after = target_.file().size();
+    target_.place();
+    return report;
+  }
+
+ private:
+  static detail::TargetRules rulesOf(const TargetOptions& options) {
+    return {.existing = options.overwrite ? detail::Existing::isReplaced
+                                          : detail::Existing::isReplacedIfEmpty,
+            .createFolders = options.create_folders};
+  }
+
+  // Returns how many records would be lost. Refuses that, and errors, unless it is forced.
+  std::uint64_t judge() const {
+    const qvdbase::raw::OpenedFile file(database_.handle(), source_, operation_);
+    const qvdbase::raw::Survey survey = qvdbase::raw::makeSurvey(file.source());
+    const detail::Verdict verdict = detail::judgeCopy(file.source(), survey);
+    if (verdict.isClean() || isForced_) return verdict.records;
+    if (file.hasChanged()) failOn(source_, operation_, Reason::in_use, "it is being changed");
+    const bool canPack = qvdbase::check::willPack(survey);
+    failOn(source_, operation_, canPack ? Reason::damaged : Reason::chain_damaged, verdict.why());
+  }
+
+  // The library says only that it failed.
+  [[noreturn]] void failPack(std::uint64_t length, const std::function<void()>& other) const {
+    const auto failure = qvdbase::platform::findWriteFailure(length);
+    if (!check(source_).pack) {
+      failOn(source_, operation_, Reason::chain_damaged, "the database is damaged");
+    }
+    if (!failure.code && other) other();
+    target_.failWriting(failure);
+  }
+
+  const char* operation_;
+  fs::path source_;
+  Database database_;
+  qvdbase::platform::FileAccess access_;
+  TargetFile target_;
+  std::vector<QVWCHAR> nativeTarget_;
+  bool isForced_;
+};
+
+}  // namespace
+
+PackReport pack(const fs::path& source, const fs::path& target, const ProgressFunction& progress,
+                const TargetOptions& options) {
+  constexpr const char* kOperation = "pack the database";
+  Packing packing(kOperation, source, Mode::shared, target, options);
+  const std::vector<QVWCHAR> nativeSource = detail::nativePath(source, kOperation);
+  return packing.run(progress, [&] {
+    return PackOneDB2NewW(nativeSource.data(), packing.nativeTarget(), 0, Reporter::packProgress) ==
+           1;
+  });
+}
+
+PackReport renumber(const fs::path& source, const fs::path& target,
+                    const ProgressFunction& progress, const TargetOptions& options) {
+  constexpr const char* kOperation = "renumber the database";
+  Packing packing(kOperation, source, Mode::any, target, options);
+  if (!packing.database().find_table(kCategoryTable)) {
+    failOn(source, kOperation, Reason::table_missing,
+           std::string("it has no table '") + kCategoryTable + "', which it cannot do without");
+  }
+  const auto renumberOpenFile = [&] {
+    std::uint16_t srcRef = 0;
+    std::uint16_t dstRef = 0;
+    int status = 0;
+    return PackOneDB2AllNewUUIDFile(packing.nativeTarget(), packing.database().handle(), 0,
+                                    Reporter::packProgress, &srcRef, &dstRef, &status,
+                                    nullptr) == 1;
+  };
+  return packing.run(progress, renumberOpenFile, [&] {
+    failOn(source, kOperation, Reason::data_damaged,
+           "its categories cannot be renewed: one is damaged, or lists a record that has no new "
+           "identifier");
+  });
+}
+
+}  // namespace qvdb

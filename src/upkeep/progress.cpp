@@ -1,0 +1,55 @@
+// Handing progress on.
+#include "upkeep/progress.h"
+
+#include <algorithm>
+
+#include "platform/host/thread_cancelled.h"
+
+namespace qvdb::detail {
+namespace {
+
+// The one that the C functions report to. A progress function may itself run an operation on
+// other files; its reporter stands in front for that long.
+Reporter* listener = nullptr;
+
+}  // namespace
+
+Reporter::~Reporter() {
+  if (isListening_) listener = before_;
+}
+
+void Reporter::listen() {
+  before_ = listener;
+  listener = this;
+  isListening_ = true;
+}
+
+bool Reporter::report(int percent) {
+  if (stops_) return false;
+  highest_ = std::clamp(percent, std::max(highest_, 0), 100);
+  if (!function_) return true;
+  try {
+    stops_ = !function_(highest_);
+  } catch (qvdbase::platform::ThreadCancelled&) {
+    throw;
+  } catch (...) {
+    exception_ = std::current_exception();
+    stops_ = true;
+  }
+  return !stops_;
+}
+
+bool Reporter::wantsToStop() const {
+  if (exception_) std::rethrow_exception(exception_);
+  return stops_;
+}
+
+std::uint16_t Reporter::packProgress(int, int percent, void*) {
+  return listener->report(percent) ? 1 : 0;
+}
+
+std::uint16_t Reporter::repairProgress(int percent, int, void*) {
+  return listener->report(percent) ? 1 : 0;
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,126 @@
+#include "upkeep/verdict.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "recovery/check/check_source.h"
+#include "recovery/salvage/plan.h"
+#include "recovery/survey/packed_data.h"
+
+namespace qvdb::detail {
+
+using qvdbase::raw::Block;
+using qvdbase::raw::BlockKind;
+using qvdbase::raw::Grade;
+using qvdbase::raw::kNoBlock;
+using qvdbase::raw::Label;
+using qvdbase::raw::Leftover;
+using qvdbase::raw::Survey;
+using qvdbase::raw::Table;
+
+namespace {
+
+std::string counted(std::uint64_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+// What such a copy takes along, and how large it will be.
+struct Copied {
+  std::vector<bool> blocks;
+  std::int64_t size = 0;
+};
+
+Copied copiedBlocks(const Survey& survey) {
+  Copied copied = {std::vector<bool>(survey.blocks.size(), false), survey.blocksStart};
+  const auto take = [&](std::uint32_t number) {
+    const Block& block = survey.blocks[number];
+    copied.blocks[number] = true;
+    copied.size += block.claimedEnd() - block.position;
+  };
+  for (const Table& table : survey.tables) {
+    const auto& slot = survey.slots[static_cast<std::size_t>(table.slot)];
+    if (!slot.counted) continue;
+    const std::vector<std::uint32_t>& walk = table.forward.blocks;
+    const auto count = std::min<std::size_t>(walk.size(), slot.fields.recordCount);
+    std::for_each(walk.begin(), walk.begin() + static_cast<std::ptrdiff_t>(count), take);
+    const bool isInPlace = table.dataState == qvdbase::raw::DataState::sound;
+    const std::uint32_t data = isInPlace ? table.dataBlock : packedData(survey, table);
+    if (data != kNoBlock) take(data);
+  }
+  return copied;
+}
+
+// Errors of the slots whose data a pack has moved: the data is found all the same.
+class Errors {
+ public:
+  Errors(const Survey& survey, Verdict* verdict) : survey_(survey), verdict_(*verdict) {}
+
+  void note(const Finding& finding) {
+    if (finding.severity != Severity::error || isOfPackedData(finding)) return;
+    verdict_.errors += 1 + finding.more;
+    if (verdict_.firstError.empty()) verdict_.firstError = finding.code + ": " + finding.message;
+  }
+
+ private:
+  bool isOfPackedData(const Finding& finding) const {
+    if (finding.code != "T1" && finding.code != "T2" && finding.code != "T3") return false;
+    const Table* table = survey_.tableOfSlot(finding.slot);
+    return table != nullptr && packedData(survey_, *table) != kNoBlock;
+  }
+
+  const Survey& survey_;
+  Verdict& verdict_;
+};
+
+void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
+  const qvdbase::salvage::Plan plan = qvdbase::salvage::makePlan(survey, {});
+  for (const std::uint32_t number : blocksInFileOrder(survey)) {
+    const Block& block = survey.blocks[number];
+    if (!block.isReached() && block.grade != Grade::a) ++verdict->tornBlocks;
+    if (plan.destination[number] < 0 || copied.blocks[number]) continue;
+    if (block.kind == BlockKind::tableData) {
+      ++verdict->dataBlocks;
+      continue;
+    }
+    ++verdict->records;
+    if (block.label != Label::unlinked && block.label != Label::unfinishedRelocation) continue;
+    if (verdict->cutOff++ == 0) {
+      verdict->firstCutOff =
+          to_string(Id{block.recordID}) + " at offset " + std::to_string(block.position);
+    }
+  }
+  for (const auto& leftover : survey.leftovers) {
+    if (leftover.kind == Leftover::torn) ++verdict->tornBlocks;
+  }
+}
+
+}  // namespace
+
+std::string Verdict::why() const {
+  std::string text;
+  const auto add = [&](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
+  if (errors > 0) add("it has " + counted(errors, "error", "errors") + " (" + firstError + ")");
+  if (records > 0) add(counted(records, "record", "records") + " would be lost");
+  if (cutOff > 0) {
+    add(counted(cutOff, "of them is from a write", "of them are from writes") +
+        " that was cut off (" + firstCutOff + ")");
+  }
+  if (dataBlocks > 0) {
+    add(counted(dataBlocks, "block of table data", "blocks of table data") + " would be lost");
+  }
+  if (grows) add("the copy would be larger than the file");
+  return text;
+}
+
+Verdict judgeCopy(const qvdbase::raw::ByteSource& source, const Survey& survey) {
+  Verdict verdict;
+  Errors errors(survey, &verdict);
+  static_cast<void>(qvdbase::check::checkSurvey(
+      source, survey, [&](const Finding& finding) { errors.note(finding); }));
+  const Copied copied = copiedBlocks(survey);
+  countLosses(survey, copied, &verdict);
+  verdict.grows = copied.size > survey.size;
+  return verdict;
+}
+
+}  // namespace qvdb::detail

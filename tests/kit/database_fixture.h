@@ -1,0 +1,129 @@
+// The fixture for tests on databases: a folder of its own, shorthands for the C interface, and a
+// check of every database file at the end.
+//
+//   using AddTable = DatabaseTest;
+//   TEST_F(AddTable, StoresTheName) {
+//     const int16_t db = create();                 "test.qvd" in the test's folder
+//     const uint64_t table = addTable(db, "notes");
+//     EXPECT_EQ(slot(0).name(), "notes");          read by the format, not by the library
+//   }
+//
+// When the test ends, the handles that it left open are closed, and every file in the folder that
+// begins with the database letters, or that was made or opened through the fixture, is walked by
+// the independent checker. A finding fails the test unless it was announced:
+//
+//   expectDamage("test.qvd", {"R5"});   these codes (file_checker.h), no more and no fewer
+//   expectDamage("test.qvd");           some finding or other
+//   allowDamage("test.qvd");            not checked at all
+//
+// Those that add something expect success and fail the test otherwise.
+#ifndef QVDBASE_TESTS_SUPPORT_DATABASE_FIXTURE_H
+#define QVDBASE_TESTS_SUPPORT_DATABASE_FIXTURE_H
+
+#include <gtest/gtest.h>
+#include <qvdbase/qvdbase.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kit/bytes.h"
+#include "kit/file_checker.h"
+#include "kit/file_image.h"
+#include "kit/file_reader.h"
+#include "kit/temp_folder.h"
+
+namespace qvdbase::test {
+
+inline constexpr const char* kDefaultFile = "test.qvd";
+
+class DatabaseTest : public testing::Test {
+ protected:
+  // ---- files and handles; all names are relative to the test's folder ----
+
+  std::filesystem::path path(const std::string& name = kDefaultFile) const;
+  const QVWCHAR* wide(const std::string& name = kDefaultFile) { return folder.wide(name); }
+  // A fresh database, open with permission 3.
+  std::int16_t create(const std::string& name = kDefaultFile, int version = 100);
+  std::int16_t open(const std::string& name = kDefaultFile, int permission = 3);
+  // Writes a file made by hand and opens it.
+  std::int16_t put(const FileImage& image, const std::string& name = kDefaultFile,
+                   int permission = 3);
+  std::int16_t put(const Bytes& content, const std::string& name = kDefaultFile,
+                   int permission = 3);
+  void close(std::int16_t db);
+  // Closes and opens again; the handle may be another one.
+  std::int16_t reopen(std::int16_t db, int permission = 3);
+
+  // ---- what lies in the file, read without the library ----
+
+  Bytes contents(const std::string& name = kDefaultFile) const;
+  std::size_t fileSize(const std::string& name = kDefaultFile) const;
+  HeaderFields header(const std::string& name = kDefaultFile) const;
+  SlotFields slot(std::size_t index, const std::string& name = kDefaultFile) const;
+  RecordFields record(std::int64_t position, const std::string& name = kDefaultFile) const;
+  TableDataFields tableData(std::int64_t position, const std::string& name = kDefaultFile) const;
+  ReadDatabase database(const std::string& name = kDefaultFile) const;
+
+  // ---- the C interface, expecting success ----
+
+  std::uint64_t addTable(std::int16_t db, const std::string& name);
+  void setTableData(std::int16_t db, std::uint64_t table, const Bytes& data,
+                    std::uint32_t reserve = 0);
+  std::uint64_t addRecord(std::int16_t db, std::uint64_t table, const Bytes& payload,
+                          std::uint32_t reserve = 0);
+  void assignRecord(std::int16_t db, std::uint64_t table, std::uint64_t id, const Bytes& payload,
+                    std::uint32_t reserve = 0);
+  oneRecordInfoP1 info(std::int16_t db, std::uint64_t table, std::uint64_t record);
+  Bytes payload(std::int16_t db, std::uint64_t table, std::uint64_t record);
+  std::vector<std::uint64_t> list(std::int16_t db, std::uint64_t table);
+  std::uint32_t numberOfRecords(std::int16_t db, std::uint64_t table);
+
+  // ---- the file position of a handle ----
+
+  static std::int64_t position(std::int16_t db);  // -1 when there is none
+  static void seek(std::int16_t db, std::int64_t position);
+
+  // Runs the operation from three positions (at the start, inside, beyond the end of the file) and
+  // expects to find each again afterwards.
+  template <typename Operation>
+  void expectPositionKept(std::int16_t db, Operation&& operation) {
+    for (const std::int64_t start : {std::int64_t{0}, std::int64_t{77}, std::int64_t{1} << 40}) {
+      seek(db, start);
+      operation();
+      EXPECT_EQ(position(db), start) << "the position was not restored";
+    }
+  }
+
+  // Runs the operation and expects the file to be, byte for byte, what it was.
+  template <typename Operation>
+  void expectUnchanged(Operation&& operation, const std::string& name = kDefaultFile) {
+    const Bytes before = contents(name);
+    operation();
+    EXPECT_TRUE(sameBytes(contents(name), before)) << "the file was changed";
+  }
+
+  // ---- announcements for the check at the end ----
+
+  void expectDamage(const std::string& name = kDefaultFile, std::set<std::string> codes = {});
+  void allowDamage(const std::string& name = kDefaultFile);
+
+  void TearDown() override;
+
+  TempFolder folder;
+
+ private:
+  void checkOne(const std::filesystem::path& file);
+
+  std::map<std::int16_t, std::string> open_;  // handle to name
+  std::set<std::filesystem::path> databases_;
+  std::map<std::filesystem::path, std::set<std::string>> damaged_;
+  std::set<std::filesystem::path> unchecked_;
+};
+
+}  // namespace qvdbase::test
+
+#endif

@@ -1,0 +1,27 @@
+// Puts chosen system calls of a test's own in place of the host's, for as long as the object lives.
+//
+//   ReplacedCalls calls;
+//   calls->fileSizeLimit = [] { return uint64_t{100}; };
+#ifndef QVDBASE_TESTS_SUPPORT_REPLACED_CALLS_H
+#define QVDBASE_TESTS_SUPPORT_REPLACED_CALLS_H
+
+#include "platform/host/system_calls.h"
+
+namespace qvdbase::test {
+
+class ReplacedCalls {
+ public:
+  ReplacedCalls() { platform::replaceSystemCalls(&calls_); }
+  ~ReplacedCalls() { platform::replaceSystemCalls(nullptr); }
+  ReplacedCalls(const ReplacedCalls&) = delete;
+  ReplacedCalls& operator=(const ReplacedCalls&) = delete;
+
+  platform::SystemCalls* operator->() { return &calls_; }
+
+ private:
+  platform::SystemCalls calls_ = platform::hostSystemCalls();
+};
+
+}  // namespace qvdbase::test
+
+#endif

@@ -1,0 +1,287 @@
+// Indexes: what is found in constant time is what the walk would find, whatever happens beside
+// them.
+#include <map>
+#include <random>
+#include <vector>
+
+#include "kit/random_seed.h"
+#include "kit/recorded_calls.h"
+#include "objects/index_map.h"
+#include "objects/layer_fixture.h"
+#include "platform/transfer/transfer.h"
+
+namespace qvdbase::test {
+namespace {
+
+using qvdb::Id;
+using qvdb::Mode;
+using qvdb::Reason;
+
+using LayerIndex = LayerTest;
+
+TEST(IndexMap, AgreesWithAMapThroughRandomInsertionsAndErasures) {
+  const auto seed = static_cast<unsigned>(randomSeed());
+  std::mt19937_64 random(seed);
+  qvdb::detail::IndexMap map;
+  std::map<uint64_t, int64_t> model;
+  for (int step = 0; step < 60000; ++step) {
+    const uint64_t key = random() % 3000 << (step % 2 == 0 ? 0 : 40);
+    const auto position = static_cast<int64_t>(random() % 1000000 + 1);
+    switch (random() % 4) {
+      case 0:
+      case 1:
+        ASSERT_EQ(map.insert(key, position), model.emplace(key, position).second);
+        break;
+      case 2:
+        map.erase(key);
+        model.erase(key);
+        break;
+      default:
+        map.replace(key, position);
+        if (model.contains(key)) model[key] = position;
+    }
+    ASSERT_EQ(map.size(), model.size());
+    const auto found = map.find(key);
+    ASSERT_EQ(found.has_value(), model.contains(key));
+    if (found) {
+      ASSERT_EQ(*found, model[key]);
+    }
+  }
+  for (const auto& [key, position] : model) ASSERT_EQ(map.find(key), position);
+}
+
+TEST(IndexMap, TakesTheKeysThatItHasRoomForWithoutGrowing) {
+  qvdb::detail::IndexMap map;
+  map.reserve(5000);
+  const std::size_t bytes = map.bytes();
+  EXPECT_LE(bytes, 5000u * 20);
+  for (std::uint64_t key = 1; key <= 5000; ++key) {
+    EXPECT_TRUE(map.insert(key * 0x10001, static_cast<std::int64_t>(key)));
+  }
+  EXPECT_EQ(map.bytes(), bytes);
+  map.reserve(100'000);  // not while there is something in it
+  EXPECT_EQ(map.find(0x10001), 1);
+  EXPECT_EQ(map.size(), 5000u);
+}
+
+// The number that is hashed to `hash` by who knows the seed: each step of the hash undone.
+std::uint64_t unmixed(std::uint64_t hash, const HashSeed& seed) {
+  std::uint64_t inverse = 1;  // of the factor: each round doubles the number of its right bits
+  for (int i = 0; i < 6; ++i) inverse *= 2 - 0xD6E8FEB86659FD93u * inverse;
+  hash = (hash ^ (hash >> 32)) * inverse;
+  hash = ((hash ^ (hash >> 32)) ^ seed.between) * inverse;
+  return (hash ^ (hash >> 32)) ^ seed.before;
+}
+
+constexpr std::size_t kCrafted = 5000;
+
+// Identifiers of which a map with this seed takes all for the same place.
+std::vector<std::uint64_t> collidingUnder(const HashSeed& seed) {
+  std::vector<std::uint64_t> keys;
+  for (std::size_t i = 0; i < kCrafted; ++i) keys.push_back(unmixed(i, seed));
+  return keys;
+}
+
+// The places that searches for all keys look at, after some have come and gone.
+std::size_t stepsOfAll(qvdb::detail::IndexMap& map, const std::vector<std::uint64_t>& keys) {
+  for (const std::uint64_t key : keys) EXPECT_TRUE(map.insert(key, 1));
+  for (std::size_t i = 0; i < keys.size(); i += 2) map.erase(keys[i]);
+  for (std::size_t i = 0; i < keys.size(); i += 2) EXPECT_TRUE(map.insert(keys[i], 1));
+  std::size_t steps = 0;
+  for (const std::uint64_t key : keys) steps += map.stepsTo(key);
+  return steps;
+}
+
+TEST(IndexMap, FindsCraftedIdentifiersInAFewStepsUnlessItsSeedIsKnown) {
+  const HashSeed known = {0x0123456789ABCDEF, 0x42};
+  qvdb::detail::IndexMap attacked(known);
+  EXPECT_EQ(stepsOfAll(attacked, collidingUnder(known)), kCrafted * (kCrafted + 1) / 2);
+
+  // Full to seven eighths a map needs 4.5 steps on average.
+  constexpr std::size_t kFew = 20 * kCrafted;
+  const HashSeed others[] = {hashSeed(), {}, {1, 0}, {0, 1}};
+  for (const HashSeed& seed : others) {
+    qvdb::detail::IndexMap map(seed);
+    EXPECT_LE(stepsOfAll(map, collidingUnder(known)), kFew) << seed.before;
+  }
+  for (const std::uint64_t distance : {std::uint64_t{1}, std::uint64_t{1} << 32,
+                                       std::uint64_t{1} << 51, std::uint64_t{0xFFFFFFFF}}) {
+    std::vector<std::uint64_t> keys;
+    for (std::size_t i = 1; i <= kCrafted; ++i) keys.push_back(i * distance);
+    qvdb::detail::IndexMap map;
+    EXPECT_LE(stepsOfAll(map, keys), kFew) << distance;
+  }
+}
+
+TEST(IndexMap, OfNothingFindsNothing) {
+  qvdb::detail::IndexMap map;
+  EXPECT_EQ(map.find(1), std::nullopt);
+  map.erase(1);
+  map.replace(1, 5);
+  EXPECT_EQ(map.size(), 0u);
+}
+
+TEST_F(LayerIndex, NeedsAnExclusivelyOpenedDatabase) {
+  createDatabase().add_table("t");
+  auto database = openDatabase(Mode::shared);
+  expectError(Reason::bad_argument, [&] { static_cast<void>(database.table("t").index()); });
+}
+
+TEST_F(LayerIndex, OfADamagedChainSaysWhere) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  table.add(span(bytesOf("a")));
+  table.add(span(bytesOf("b")));
+  database.close();
+  Bytes image = contents();
+  const auto first = static_cast<std::size_t>(slot(0).firstRecordPos);
+  for (std::size_t i = 0; i < 8; ++i) image[first + 39 + i] = 0;
+  writeFile(path(), image);
+  allowDamage();
+  auto damaged = openDatabase();
+  expectError(Reason::chain_damaged, [&] { static_cast<void>(damaged.table("t").index()); });
+}
+
+TEST_F(LayerIndex, FindsARecordWithoutWalkingTheChain) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  std::vector<Id> ids;
+  for (int i = 0; i < 2000; ++i)
+    ids.push_back(table.add(span(Bytes(300, static_cast<uint8_t>(i)))));
+  const qvdb::RecordIndex index = table.index();
+  EXPECT_EQ(index.size(), 2000u);
+  EXPECT_GE(index.bytes(), 2000u * 16);
+  EXPECT_LE(index.bytes(), 2000u * 20);
+  RecordedCalls host;
+  EXPECT_EQ(bytes(table.get(ids[1900])), Bytes(300, static_cast<uint8_t>(1900)));
+  EXPECT_LE(host.count(Call::read), platform::gathersTransfers() ? 4 : 60);
+}
+
+TEST_F(LayerIndex, KnowsThatARecordIsNotThereWithoutWalkingTheChain) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  for (int i = 0; i < 2000; ++i) table.add(span(Bytes(300, 'x')));
+  const qvdb::RecordIndex index = table.index();
+  RecordedCalls host;
+  EXPECT_EQ(table.find(Id{12345}), std::nullopt);
+  EXPECT_LE(host.count(Call::read), 4);
+}
+
+TEST_F(LayerIndex, IsSharedByAllCopiesOfATableAndEndsWithItsLastHolder) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  const Id id = table.add(span(bytesOf("a")));
+  auto index = std::make_unique<qvdb::RecordIndex>(table.index());
+  const qvdb::RecordIndex second = database.table("t").index();
+  table.add(span(bytesOf("b")));
+  EXPECT_EQ(index->size(), 2u);
+  EXPECT_EQ(second.size(), 2u);
+  index.reset();
+  EXPECT_EQ(bytes(table.get(id)), bytesOf("a"));
+}
+
+TEST_F(LayerIndex, GivesTheFirstOfTwoRecordsWithOneIdentifierAndThenTheOther) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  table.add_with_id(Id{7}, span(bytesOf("first")));
+  const qvdb::RecordIndex index = table.index();
+  table.add_with_id(Id{7}, span(bytesOf("second")));
+  EXPECT_EQ(bytes(table.get(Id{7})), bytesOf("first"));
+  EXPECT_TRUE(table.remove(Id{7}));
+  EXPECT_EQ(bytes(table.get(Id{7})), bytesOf("second"));
+  EXPECT_TRUE(table.remove(Id{7}));
+  EXPECT_EQ(table.find(Id{7}), std::nullopt);
+}
+
+TEST_F(LayerIndex, KnowsTheOneRecordOfABatchThatGaveUpAnother) {
+  auto db = createDatabase();
+  auto table = db.add_table("t");
+  table.add(span(bytesOf("first")));
+  const auto index = table.index();
+  auto bulk = table.appender();
+  const Id added = bulk.add(span(bytesOf("second")));
+  bulk.writer().discard();
+  EXPECT_EQ(bulk.finish(), 1u);
+  ASSERT_TRUE(table.find(added));
+  EXPECT_EQ(bytes(table.get(added)), bytesOf("second"));
+}
+
+TEST_F(LayerIndex, SeesWhatTheCFunctionsChange) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  const Id a = table.add(span(bytesOf("a")));
+  const Id b = table.add(span(bytesOf("b")));
+  const Id c = table.add(span(bytesOf("c")));
+  const qvdb::RecordIndex index = table.index();
+  const int16_t db = database.handle();
+  const uint64_t id = table.id().value;
+
+  uint64_t added = 0;
+  ASSERT_EQ(AddRecordData(db, id, bytesOf("new").data(), 3, 0, &added), 1);
+  EXPECT_EQ(bytes(table.get(Id{added})), bytesOf("new"));
+  ASSERT_EQ(ModifyRecordData(db, id, bytesOf("longer").data(), 6, b.value, nullptr), 1);
+  EXPECT_EQ(bytes(table.get(b)), bytesOf("longer"));
+  ASSERT_EQ(DeleteOneRecord(db, id, a.value, nullptr), 1);
+  EXPECT_EQ(table.find(a), std::nullopt);
+  EXPECT_EQ(bytes(table.get(c)), bytesOf("c"));
+}
+
+TEST_F(LayerIndex, DoesNotBelieveABlockThatIsNoLongerInTheChain) {
+  auto database = createDatabase();
+  auto table = database.add_table("t");
+  table.add(span(bytesOf("a")));
+  const Id b = table.add(span(bytesOf("b")));
+  table.add(span(bytesOf("c")));
+  const qvdb::RecordIndex index = table.index();
+  ASSERT_EQ(DeleteOneRecord(database.handle(), table.id().value, b.value, nullptr), 1);
+  EXPECT_EQ(table.find(b), std::nullopt);
+  EXPECT_FALSE(table.remove(b));
+  EXPECT_FALSE(table.modify(b, span(bytesOf("x"))));
+  EXPECT_FALSE(table.touch(b));
+}
+
+// One random life of a table with and one without an index: the same results, the same bytes.
+TEST_F(LayerIndex, ChangesNoResultAndNoByte) {
+  const auto seed = static_cast<unsigned>(randomSeed());
+  RecordedCalls host;
+  host.setTime(1'000'000);
+  createDatabase("start.qvd").add_table("t");
+  writeFile(path("with.qvd"), contents("start.qvd"));
+  writeFile(path("without.qvd"), contents("start.qvd"));
+  auto withIndex = openDatabase(Mode::exclusive, "with.qvd");
+  auto without = openDatabase(Mode::exclusive, "without.qvd");
+  auto one = withIndex.table("t");
+  auto two = without.table("t");
+  qvdb::RecordIndex index = one.index();
+
+  std::mt19937 random(seed);
+  for (int step = 0; step < 600; ++step) {
+    const Id id{random() % 60 + 1};
+    const Bytes payload(random() % 200 + 1, static_cast<uint8_t>(step));
+    switch (random() % 6) {
+      case 0:
+      case 1: {
+        if (random() % 10 != 0 && one.find(id)) break;  // now and then the same identifier again
+        one.add_with_id(id, span(payload));
+        two.add_with_id(id, span(payload));
+        break;
+      }
+      case 2:
+        ASSERT_EQ(one.modify(id, span(payload)), two.modify(id, span(payload)));
+        break;
+      case 3:
+        ASSERT_EQ(one.remove(id), two.remove(id));
+        break;
+      case 4:
+        ASSERT_EQ(one.touch(id), two.touch(id));
+        break;
+      default:
+        ASSERT_EQ(bytes(one.get(id)), bytes(two.get(id)));
+    }
+    ASSERT_EQ(idsOf(one), idsOf(two));
+  }
+  EXPECT_TRUE(sameBytes(contents("with.qvd"), contents("without.qvd")));
+}
+
+}  // namespace
+}  // namespace qvdbase::test

@@ -1,0 +1,129 @@
+// Opening with options: creating what is not there, looking at the chains, waiting.
+#include "kit/replaced_calls.h"
+#include "objects/layer_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+using qvdb::Database;
+using qvdb::Mode;
+using qvdb::OpenOptions;
+using qvdb::Reason;
+
+using LayerOpen = LayerTest;
+
+TEST_F(LayerOpen, CreatesAFileOnlyWhereNoneIs) {
+  for (const Mode mode : {Mode::exclusive, Mode::shared, Mode::any}) {
+    const std::string name = std::to_string(static_cast<int>(mode)) + ".qvd";
+    {
+      auto database = Database::open(path(name), {.mode = mode, .create = true});
+      EXPECT_EQ(database.mode(), mode);
+      database.add_table("notes");
+    }
+    auto database = Database::open(path(name), {.mode = mode, .create = true});
+    EXPECT_EQ(database.tables().size(), 1u);
+  }
+}
+
+TEST_F(LayerOpen, DoesNotCreateOverAFileThatCannotBeOpened) {
+  auto holder = createDatabase();
+  holder.add_table("notes");
+  expectUnchanged([&] {
+    expectError(Reason::in_use,
+                [&] { Database::open(path(), {.mode = Mode::exclusive, .create = true}); });
+  });
+  writeFile(path("text"), bytesOf("just text"));
+  writeFile(path("empty"), {});
+  allowDamage("text");
+  allowDamage("empty");
+  for (const char* name : {"text", "empty"}) {
+    expectUnchanged(
+        [&] {
+          expectError(Reason::not_a_database, [&] {
+            Database::open(path(name), {.mode = Mode::exclusive, .create = true});
+          });
+        },
+        name);
+  }
+}
+
+TEST_F(LayerOpen, CreatesNothingWithoutBeingAskedToOrForReadingOnly) {
+  expectError(Reason::no_such_file,
+              [&] { Database::open(path(), OpenOptions{.mode = Mode::exclusive}); });
+  expectError(Reason::bad_argument, [&] { Database::open(path(), {.create = true}); });
+  EXPECT_EQ(names(), std::vector<std::string>{});
+}
+
+TEST_F(LayerOpen, LooksAtTheEndsOfTheChainsWhenAskedTo) {
+  { auto table = createDatabase().add_table("notes"); }
+  FileImage image;
+  image.addTable("notes", 0x1101);
+  image.slot(0).recordCount = 1;  // of which no position is known
+  expectDamage();
+  writeFile(path(), image.build());
+  EXPECT_TRUE(Database::open(path(), OpenOptions{}).is_open());
+  const auto error = errorOf([&] { Database::open(path(), {.check = true}); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->reason(), Reason::chain_damaged);
+  EXPECT_EQ(error->table(), "notes");
+}
+
+// The clock stands still, and each pause advances it. So nothing here depends on time that passes.
+class PatientHost {
+ public:
+  PatientHost() {
+    now_ = 1'000;
+    pauses_ = 0;
+    calls_->microseconds = [] { return now_; };
+    calls_->pause = [](std::uint64_t length) {
+      now_ += length;
+      ++pauses_;
+    };
+  }
+  static int pauses() { return pauses_; }
+  static std::uint64_t waited() { return now_ - 1'000; }
+  platform::SystemCalls* operator->() { return calls_.operator->(); }
+
+ private:
+  inline static std::uint64_t now_ = 0;
+  inline static int pauses_ = 0;
+  ReplacedCalls calls_;
+};
+
+TEST_F(LayerOpen, WaitsForADatabaseInUseAsLongAsItIsAllowedTo) {
+  auto holder = createDatabase();
+  for (const auto wait : {0ms, 1ms, 35ms}) {
+    PatientHost host;
+    expectError(Reason::in_use,
+                [&] { Database::open(path(), {.mode = Mode::exclusive, .wait = wait}); });
+    EXPECT_EQ(host.waited(), static_cast<std::uint64_t>(wait.count()) * 1'000);
+  }
+}
+
+TEST_F(LayerOpen, GetsADatabaseThatBecomesFreeMeanwhile) {
+  createDatabase();
+  static int refusals = 0;
+  refusals = 5;
+  PatientHost host;
+  host->setLock = [](int descriptor, struct flock* lock) {
+    if (refusals == 0) return platform::hostSystemCalls().setLock(descriptor, lock);
+    --refusals;
+    errno = EAGAIN;
+    return -1;
+  };
+  auto database = Database::open(path(), {.mode = Mode::exclusive, .wait = 24h});
+  EXPECT_TRUE(database.is_open());
+  EXPECT_GT(host.pauses(), 0);
+}
+
+TEST_F(LayerOpen, DoesNotWaitForAnythingElse) {
+  PatientHost host;
+  expectError(Reason::no_such_file,
+              [&] { Database::open(path(), {.mode = Mode::exclusive, .wait = 24h}); });
+  EXPECT_EQ(host.pauses(), 0);
+}
+
+}  // namespace
+}  // namespace qvdbase::test

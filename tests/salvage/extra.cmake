@@ -1,1 +1,0 @@
-set(seconds 1200)  # with QVDBASE_TEST_ALL

@@ -1,0 +1,148 @@
+// qvdb::mend works on the file that it has opened and locked, and on no other, says what the host
+// answered, and can be begun again.
+#include <filesystem>
+
+#include "kit/file_image.h"
+#include "kit/file_reader.h"
+#include "kit/recorded_calls.h"
+#include "kit/replaced_calls.h"
+#include "objects/layer_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+namespace fs = std::filesystem;
+using qvdb::CutOffWrites;
+using qvdb::Reason;
+
+// A record that was written and never linked, at the end of the file.
+Bytes cutOffAppend() {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  image.addRecord(table, 0xA2, bytesOf("second"));
+  SlotFields& slot = image.slot(table);
+  slot.recordCount = slot.recordWriteCount = 1;
+  slot.lastRecordPos = slot.lastWrittenRecordPos = first;
+  image.record(first).nextRecordPos = 0;
+  return image.build();
+}
+
+constexpr std::size_t kSecondSize = 56 + 6;
+
+class Mend : public LayerTest {
+ protected:
+  Mend() {
+    allowDamage();
+    allowDamage("opened.qvd");
+  }
+};
+
+TEST_F(Mend, ChangesTheFileThatItHasLockedWhateverTheNameLeadsToMeanwhile) {
+  static fs::path name;
+  static fs::path opened;
+  static fs::path other;
+  name = path();
+  opened = path("opened.qvd");
+  other = path("other.qvd");
+  const Bytes damaged = cutOffAppend();
+  writeFile(path(), damaged);
+  writeFile(other, damaged);
+  {
+    ReplacedCalls calls;
+    // The first read follows the opening and the lock.
+    calls->readAt = [](int descriptor, void* buffer, std::size_t count, off_t position) {
+      if (!fs::exists(opened)) {
+        fs::rename(name, opened);
+        fs::rename(other, name);
+      }
+      return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+    };
+    const qvdb::MendReport report = qvdb::mend(path(), {.cut_off = qvdb::CutOffWrites::discard});
+    EXPECT_FALSE(report.steps.empty());
+  }
+  ASSERT_TRUE(fs::exists(opened));
+  EXPECT_EQ(readFile(opened).size(), damaged.size() - kSecondSize);
+  EXPECT_EQ(readFile(path()), damaged);
+}
+
+TEST_F(Mend, SaysThatTheHostDoesNotShortenTheFile) {
+  writeFile(path(), cutOffAppend());
+  ReplacedCalls calls;
+  calls->truncate = [](int, off_t) {
+    errno = EIO;
+    return -1;
+  };
+  const std::string message = expectError(
+      Reason::cannot_write, [&] { qvdb::mend(path(), {.cut_off = qvdb::CutOffWrites::discard}); });
+  EXPECT_NE(message.find("cannot mend the database"), std::string::npos) << message;
+  EXPECT_EQ(readFile(path()).size(), cutOffAppend().size());
+}
+
+TEST_F(Mend, SaysWhatTheHostAnsweredWhenALinkCannotBeWritten) {
+  writeFile(path(), cutOffAppend());
+  ReplacedCalls calls;
+  calls->writeAt = [](int, const void*, std::size_t, off_t) -> ssize_t {
+    errno = EROFS;
+    return -1;
+  };
+  const auto error = errorOf([&] { qvdb::mend(path(), {.cut_off = qvdb::CutOffWrites::link}); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->reason(), Reason::read_only_file_system) << error->what();
+  EXPECT_EQ(error->system_code().value(), EROFS);
+}
+
+// A record that is linked but not counted, a batch that was never linked, a deletion of which one
+// link is written.
+Bytes interrupted() {
+  FileImage image;
+  const std::size_t uncounted = image.addTable("uncounted", 0x11);
+  const std::size_t batch = image.addTable("batch", 0x22);
+  const std::size_t deletion = image.addTable("deletion", 0x33);
+  const std::int64_t first = image.addRecord(uncounted, 0xA1, bytesOf("counted"));
+  image.addRecord(uncounted, 0xA2, bytesOf("not counted"));
+  const std::int64_t kept = image.addRecord(deletion, 0xD1, bytesOf("kept"));
+  image.addRecord(deletion, 0xD2, bytesOf("going"));
+  const std::int64_t last = image.addRecord(batch, 0xB1, bytesOf("counted"));
+  for (std::uint64_t i = 2; i < 6; ++i) image.addRecord(batch, 0xB0 + i, bytesOf("of the batch"));
+  for (const auto& [table, position] : {std::pair{uncounted, first}, std::pair{batch, last}}) {
+    SlotFields& slot = image.slot(table);
+    slot.recordCount = slot.recordWriteCount = 1;
+    slot.lastRecordPos = slot.lastWrittenRecordPos = position;
+  }
+  image.record(last).nextRecordPos = 0;
+  image.record(kept).nextRecordPos = 0;
+  return image.build();
+}
+
+TEST_F(Mend, StoppedBeforeAnyOfItsWritesCanBeBegunAgain) {
+  for (const auto& [cutOff, ofBatch] :
+       {std::pair{CutOffWrites::keep, 1u}, std::pair{CutOffWrites::link, 5u},
+        std::pair{CutOffWrites::discard, 1u}}) {
+    bool isStopped = true;
+    int step = 0;
+    for (; isStopped; ++step) {
+      SCOPED_TRACE(step);
+      writeFile(path(), interrupted());
+      RecordedCalls host;
+      host.failFrom(Call::write, step);
+      try {
+        qvdb::mend(path(), {.cut_off = cutOff});
+        isStopped = false;
+      } catch (const qvdb::Error& error) {
+        EXPECT_EQ(error.reason(), qvdb::Reason::cannot_write) << error.what();
+      }
+      host.heal();
+      qvdb::mend(path(), {.cut_off = cutOff});
+      EXPECT_EQ(qvdb::check(path()).errors, 0u);
+      const ReadDatabase mended = readDatabase(contents());
+      EXPECT_EQ(mended.tables.at(0).records.size(), 2u);
+      EXPECT_EQ(mended.tables.at(1).records.size(), ofBatch);
+      EXPECT_EQ(mended.tables.at(2).records.size(), 1u);
+    }
+    EXPECT_GT(step, 2);
+  }
+}
+
+}  // namespace
+}  // namespace qvdbase::test
