@@ -23,10 +23,7 @@
 #ifndef QVDBASE_QVDB_HPP
 #define QVDBASE_QVDB_HPP
 
-#if __cplusplus < 202002L
-#error \
-    "qvdb.hpp needs C++20: compile with -std=c++20 (CMake: target_compile_features(... cxx_std_20))"
-#endif
+#include <qvdbase/qvdb/cpp20.hpp>
 
 #include <qvdbase/qvdb/bulk.hpp>
 #include <qvdbase/qvdb/bytes.hpp>

@@ -2,6 +2,8 @@
 #ifndef QVDBASE_QVDB_BYTES_HPP
 #define QVDBASE_QVDB_BYTES_HPP
 
+#include <qvdbase/qvdb/cpp20.hpp>
+
 #include <concepts>
 #include <cstddef>
 #include <ranges>

@@ -3,6 +3,7 @@
 #define QVDBASE_QVDB_ERROR_HPP
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/cpp20.hpp>
 
 #include <cstdint>
 #include <filesystem>

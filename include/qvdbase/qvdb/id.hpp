@@ -2,12 +2,8 @@
 #ifndef QVDBASE_QVDB_ID_HPP
 #define QVDBASE_QVDB_ID_HPP
 
-#if __cplusplus < 202002L
-#error \
-    "qvdb.hpp needs C++20: compile with -std=c++20 (CMake: target_compile_features(... cxx_std_20))"
-#endif
-
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/cpp20.hpp>
 
 #include <compare>
 #include <cstddef>

@@ -22,6 +22,7 @@
 #define QVDBASE_QVDB_MAINTENANCE_HPP
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/cpp20.hpp>
 
 #include <cstdint>
 #include <filesystem>

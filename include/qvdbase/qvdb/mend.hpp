@@ -11,6 +11,7 @@
 #define QVDBASE_QVDB_MEND_HPP
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/cpp20.hpp>
 
 #include <cstdint>
 #include <filesystem>

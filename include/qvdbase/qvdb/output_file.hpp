@@ -11,6 +11,7 @@
 #define QVDBASE_QVDB_OUTPUT_FILE_HPP
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/cpp20.hpp>
 
 #include <cstddef>
 #include <filesystem>
