@@ -1,5 +1,6 @@
 # What is installed: both libraries, the public headers, the tool, a CMake package, a pkg-config file,
-# the licence and the documents for users. All of it may be moved after the installation; nothing installed names a fixed path.
+# the licence and the documents for users. All of it may be moved after the installation; nothing installed names a
+# fixed path, unless CMAKE_INSTALL_LIBDIR or another of these folders is given as one.
 # Used as a subfolder of another project, nothing of ours is installed unless that is asked for.
 if(NOT QVDBASE_INSTALL)
   return()
@@ -36,9 +37,21 @@ install(FILES ${PROJECT_BINARY_DIR}/QVDbaseConfig.cmake
               ${PROJECT_BINARY_DIR}/QVDbaseConfigVersion.cmake
         DESTINATION ${package_folder})
 
-# pkg-config finds the prefix from where the file itself lies.
+# pkg-config finds the prefix from where the file itself lies, unless that is a place of its own.
 set(pc_folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-file(RELATIVE_PATH pc_prefix /prefix/${pc_folder} /prefix)
-string(REGEX REPLACE "/$" "" pc_prefix "${pc_prefix}")
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(pc_prefix "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH pc_up /prefix/${pc_folder} /prefix)
+  string(REGEX REPLACE "/$" "" pc_up "${pc_up}")
+  set(pc_prefix "\${pcfiledir}/${pc_up}")
+endif()
+foreach(folder libdir includedir)
+  string(TOUPPER ${folder} name)
+  set(pc_${folder} "${CMAKE_INSTALL_${name}}")
+  if(NOT IS_ABSOLUTE "${pc_${folder}}")
+    set(pc_${folder} "\${prefix}/${pc_${folder}}")
+  endif()
+endforeach()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/qvdbase.pc.in ${PROJECT_BINARY_DIR}/qvdbase.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qvdbase.pc DESTINATION ${pc_folder})
