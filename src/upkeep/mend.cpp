@@ -40,6 +40,11 @@ class Mending {
       plan_ = qvdbase::mending::planMend(file.source(), options.cut_off);
       if (file.hasChanged()) failOn(path_, kOperation, Reason::in_use, "it was changed meanwhile");
     }
+    if (plan_.unreadableAt >= 0) {
+      failOn(path_, kOperation, Reason::cannot_read,
+             "the system cannot read it at " + std::to_string(plan_.unreadableAt) +
+                 "; nothing was changed");
+    }
     if (!plan_.refusal.empty()) {
       failOn(path_, kOperation, Reason::damaged, plan_.refusal + "; nothing was changed");
     }

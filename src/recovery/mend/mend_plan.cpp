@@ -55,6 +55,8 @@ class Planner {
 
   MendPlan make() {
     plan_.size = survey_.size;
+    plan_.unreadableAt = survey_.unreadableAt;
+    if (plan_.unreadableAt >= 0) return std::move(plan_);
     if (survey_.header.fields.version == kUnfinishedPackVersion) {
       plan_.refusal = "it is an unfinished pack; its source is complete";
       return std::move(plan_);
@@ -231,6 +233,7 @@ class Planner {
     if (!plan_.refusal.empty()) return;
     const raw::PatchedSource mended(source_, plan_.patches, plan_.size);
     const Survey survey = raw::makeSurvey(mended);
+    plan_.unreadableAt = survey.unreadableAt;
     std::string first;
     const qvdb::CheckReport report =
         check::checkSurvey(mended, survey, [&](const qvdb::Finding& finding) {

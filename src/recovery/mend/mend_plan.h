@@ -36,6 +36,7 @@ struct MendPlan {
   int64_t size = 0;                 // that of the mended file: less than before where it is cut off
   std::vector<std::string> steps;   // what is done, a sentence each
   std::string refusal;              // why nothing can be done; else empty
+  int64_t unreadableAt = -1;        // what the host could not read: nothing is known of it then
   uint64_t leftOver = 0;            // whole blocks of writes that were cut off, which stay
 };
 

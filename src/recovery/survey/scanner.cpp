@@ -192,9 +192,10 @@ void markInTornBlocks(const std::vector<uint32_t>& order, Survey* survey) {
   }
 }
 
-Leftover kindOf(const ByteSource& source, const Range& range) {
+Leftover kindOf(const ByteSource& source, const Range& range, Survey* survey) {
   unsigned char bytes[3] = {};
   const size_t held = source.readAt(range.begin, bytes, sizeof bytes);
+  if (held == 0) survey->noteUnreadable(range.begin);
   const bool isRecord = bytes[0] == kRecordMark;
   if (held == 0 || (!isRecord && bytes[0] != kTableDataMark)) return Leftover::bytes;
   const auto there = static_cast<size_t>(std::min<int64_t>(range.size(), 3));
@@ -222,6 +223,7 @@ void scanPayloads(const ByteSource& source, Survey* survey) {
     });
     survey->noteUnreadable(unreadableAt);
   }
+  survey->noteUnreadable(reader.unreadableAt());
 }
 
 void sortUnique(std::vector<int64_t>* positions) {
@@ -245,7 +247,7 @@ void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* su
   extendUnbelieved(order, survey);
   markInTornBlocks(order, survey);
   for (const Range& gap : gapsBetween(*survey, order)) {
-    survey->leftovers.push_back({gap, kindOf(source, gap)});
+    survey->leftovers.push_back({gap, kindOf(source, gap, survey)});
   }
 }
 
