@@ -117,6 +117,7 @@ TEST_F(ToolMend, RefusesOtherDamageAndChangesNothing) {
   writeFile(path(), image.build());
   expectUnchanged([&] {
     fails({"mend", kDefaultFile}, 1, {kDefaultFile, "nothing was changed", "salvage"});
+    fails({"put", kDefaultFile, "notes"}, 1, {"if that refuses, 'qvdb salvage'"}, "third");
   });
 }
 

@@ -19,6 +19,8 @@ constexpr unsigned short kIndent = 6;  // of the lines that continue a message
 // Not even --force follows such a link.
 constexpr const char* kAdviceForLink = "remove the link, or choose another name";
 
+constexpr const char* kAdviceToSalvage = "'qvdb salvage' writes what can be saved into a new file";
+
 bool leadsNowhere(const Error& error) {
   return std::string_view(error.what()).ends_with("leads nowhere");
 }
@@ -39,7 +41,11 @@ Failure systemFailure(const std::string& path, const char* what) {
 }
 
 std::string adviceFor(const Error& error) {
-  if (error.operation() == std::string_view("write to the table")) return "run 'qvdb mend'";
+  if (error.operation() == std::string_view("write to the table")) {
+    return "run 'qvdb mend'; if that refuses, 'qvdb salvage' writes what can be saved into a new "
+           "file";
+  }
+  const bool isMending = error.operation() == std::string_view("mend the database");
   switch (error.reason()) {
     case Reason::path_not_reachable:
       if (leadsNowhere(error)) return kAdviceForLink;
@@ -66,9 +72,11 @@ std::string adviceFor(const Error& error) {
       return "give the path of a database file";
     case Reason::version_out_of_range:
       return "'qvdb info' shows what the file says of itself";
+    case Reason::cannot_read:
+      return isMending ? kAdviceToSalvage : "";
     case Reason::damaged:
-      return error.operation() == std::string_view("mend the database")
-                 ? "'qvdb salvage' writes what can be saved into a new file"
+      return isMending
+                 ? kAdviceToSalvage
                  : "'qvdb mend' completes what was cut off, 'qvdb salvage' saves the rest into a "
                    "new file, --force leaves it behind";
     case Reason::directory_damaged:
