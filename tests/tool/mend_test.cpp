@@ -108,6 +108,30 @@ TEST_F(ToolMend, LinksOrDiscardsABatchThatWasNeverLinked) {
   }
 }
 
+// Of a table of which older records were deleted and compacted away, the counts leave open whether
+// the batch was ever part of it.
+TEST_F(ToolMend, LinksButDoesNotDiscardABatchThatMayHaveBeenLinked) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  for (std::uint64_t i = 1; i < 4; ++i) image.addRecord(table, 0xA1 + i, bytesOf("more"));
+  SlotFields& slot = image.slot(table);
+  slot.recordCount = 1;
+  slot.recordWriteCount = 9;
+  slot.lastRecordPos = slot.lastWrittenRecordPos = first;
+  image.record(first).nextRecordPos = 0;
+  writeFile(path(), image.build());
+  expectUnchanged([&] {
+    fails({"compact", kDefaultFile}, 1, {"3 records would be lost", "'qvdb mend'"});
+    EXPECT_NE(done({"mend", kDefaultFile}).find("3 records"), std::string::npos);
+    EXPECT_NE(done({"mend", "--discard", kDefaultFile}).find("--link takes them"),
+              std::string::npos);
+  });
+  done({"mend", "--link", kDefaultFile});
+  EXPECT_EQ(database().tables.at(0).records.size(), 4u);
+  done({"compact", kDefaultFile});
+}
+
 TEST_F(ToolMend, RefusesOtherDamageAndChangesNothing) {
   FileImage image;
   const std::size_t table = image.addTable("notes", 0x11);

@@ -144,5 +144,120 @@ TEST_F(Mend, StoppedBeforeAnyOfItsWritesCanBeBegunAgain) {
   }
 }
 
+// A batch whose process was killed, in a table whose older records were deleted and compacted away:
+// the slot counts more records than the file has without them, which leaves open whether they were
+// part of the table.
+class BatchAfterACompaction : public Mend {
+ protected:
+  static constexpr std::size_t kRecords = 3;
+
+  // `kept` of five records are left, and the batch has reached the file but for `missing` of its
+  // last writes: the slot, the link.
+  void putBatch(std::size_t kept, std::size_t missing) {
+    std::filesystem::remove(path());
+    qvdb::Database database = createDatabase();
+    qvdb::Table table = database.add_table("notes");
+    std::vector<qvdb::Id> ids;
+    for (const char* text : {"a", "b", "c", "d", "e"}) ids.push_back(table.add(text));
+    for (std::size_t i = 0; i < ids.size() - kept; ++i) table.remove(ids[i]);
+    database.close();
+    qvdb::compact(path());
+    const Bytes before = contents();
+    std::vector<Write> writes;
+    {
+      RecordedCalls host;
+      database = openDatabase();
+      database.table("notes").append_all(payloads_);
+      writes = ranges(host.writes());
+      database.close();
+    }
+    ASSERT_GT(writes.size(), missing);
+    writes.resize(writes.size() - missing);
+    writeFile(path(), applied(before, writes));
+    damaged_ = contents();
+  }
+
+  std::vector<std::string> payloadsNow() {
+    std::vector<std::string> result;
+    const ReadDatabase database = readDatabase(contents());
+    for (const ReadRecord& record : database.tables.at(0).records) {
+      const Bytes data = record.fields.data();
+      result.emplace_back(data.begin(), data.end());
+    }
+    return result;
+  }
+
+  const std::vector<std::string> payloads_ = {"first", "second", "third"};
+  Bytes damaged_;
+};
+
+TEST_F(BatchAfterACompaction, IsLinkedOnRequest) {
+  for (const std::size_t kept : {0u, 1u, 2u, 5u}) {
+    SCOPED_TRACE(kept);
+    putBatch(kept, kept == 0 ? 1 : 2);
+    if (HasFatalFailure()) return;
+    const std::string message = expectError(Reason::damaged, [&] { qvdb::compact(path()); });
+    EXPECT_NE(message.find("3 records would be lost"), std::string::npos) << message;
+    const qvdb::MendReport asItIs = qvdb::mend(path());
+    EXPECT_TRUE(asItIs.steps.empty());
+    EXPECT_EQ(asItIs.left_over, kRecords);
+    EXPECT_TRUE(sameBytes(contents(), damaged_));
+    const qvdb::MendReport linked = qvdb::mend(path(), {.cut_off = CutOffWrites::link});
+    EXPECT_EQ(linked.steps.size(), kRecords);
+    EXPECT_EQ(linked.left_over, 0u);
+    std::vector<std::string> expected = {"a", "b", "c", "d", "e"};
+    expected.erase(expected.begin(), expected.end() - static_cast<std::ptrdiff_t>(kept));
+    expected.insert(expected.end(), payloads_.begin(), payloads_.end());
+    EXPECT_EQ(payloadsNow(), expected);
+    EXPECT_EQ(qvdb::compact(path()).records, kept + kRecords);
+  }
+}
+
+// They may be records that a link repair has cut off, as they are in the next test.
+TEST_F(BatchAfterACompaction, IsNotDiscarded) {
+  putBatch(1, 2);
+  const qvdb::MendReport report = qvdb::mend(path(), {.cut_off = CutOffWrites::discard});
+  EXPECT_EQ(report.left_over, kRecords);
+  EXPECT_TRUE(sameBytes(contents(), damaged_));
+}
+
+TEST_F(Mend, LinksAgainWhatALinkRepairHasCutOff) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  std::vector<std::int64_t> records;
+  for (std::uint64_t i = 0; i < 5; ++i) {
+    records.push_back(image.addRecord(table, 0xA1 + i, bytesOf("text")));
+  }
+  SlotFields& slot = image.slot(table);
+  slot.recordCount = 2;
+  slot.lastRecordPos = records[1];
+  image.record(records[1]).nextRecordPos = 0;
+  writeFile(path(), image.build());
+  EXPECT_EQ(qvdb::mend(path()).left_over, 3u);
+  qvdb::mend(path(), {.cut_off = CutOffWrites::link});
+  EXPECT_EQ(readDatabase(contents()).tables.at(0).records.size(), 5u);
+  EXPECT_EQ(qvdb::check(path()).errors, 0u);
+}
+
+// Nothing says which of the two followed the last record, and whether the other one did.
+TEST_F(Mend, LeavesTwoPiecesOfAChainApart) {
+  FileImage image;
+  const std::size_t table = image.addTable("notes", 0x11);
+  std::vector<std::int64_t> records;
+  for (std::uint64_t i = 0; i < 5; ++i) {
+    records.push_back(image.addRecord(table, 0xA1 + i, bytesOf("text")));
+  }
+  SlotFields& slot = image.slot(table);
+  slot.recordCount = 1;
+  slot.lastRecordPos = records[0];
+  image.record(records[0]).nextRecordPos = 0;
+  image.record(records[3]).prevRecordPos = records[0];
+  image.record(records[2]).nextRecordPos = 0;
+  const Bytes before = image.build();
+  writeFile(path(), before);
+  EXPECT_EQ(qvdb::mend(path(), {.cut_off = CutOffWrites::link}).left_over, 0u);
+  EXPECT_TRUE(sameBytes(contents(), before));
+}
+
 }  // namespace
 }  // namespace qvdbase::test

@@ -22,16 +22,24 @@ CutOffWrites cutOffOf(const Options& options) {
   return options.discard ? CutOffWrites::discard : CutOffWrites::keep;
 }
 
+std::string aboutLeftOver(std::uint64_t count, const Options& options) {
+  if (options.discard) {
+    return counted(count, "record", "records") +
+           " that may have been part of a table once stay as they are; --link takes them into "
+           "their "
+           "tables, 'qvdb compact --force' drops them";
+  }
+  return counted(count, "record", "records") +
+         " of writes that were cut off stay as they are; --link takes them into their tables, "
+         "--discard removes them";
+}
+
 int run(const Options& options) {
   const CutOffWrites cutOff = cutOffOf(options);
   const MendReport report = whileInUse(
       [&] { return mend(options.file, {.cut_off = cutOff, .dry_run = options.dryRun}); });
   for (const std::string& step : report.steps) printLine(escaped(step));
-  if (report.left_over > 0) {
-    printLine(counted(report.left_over, "record", "records") +
-              " of writes that were cut off stay as they are; --link takes them into their tables, "
-              "--discard removes them");
-  }
+  if (report.left_over > 0) printLine(aboutLeftOver(report.left_over, options));
   if (report.steps.empty()) {
     printLine("there is nothing to mend");
   } else {
@@ -67,7 +75,9 @@ extern const Command kMendCommand = {
     "no error and every record that 'qvdb salvage' would find. All other damage is refused. A "
     "deletion that was begun is finished; 'qvdb undelete' brings its record back.\n\n"
     "Records that were written but never linked stay as they are unless --link or --discard is "
-    "given. Their writes never returned, so that either is right.",
+    "given. Their writes never returned, so that either is right. Where it cannot be ruled out "
+    "that "
+    "they were part of their table once and were cut off by a link repair, --discard leaves them.",
     "qvdb mend --dry-run notes.qvd\n"
     "qvdb mend notes.qvd",
     define,

@@ -24,9 +24,11 @@ namespace qvdb {
 // that were about to be added, newer versions of records that were about to be moved. Their
 // operations never returned, so that either is right.
 enum class CutOffWrites {
-  keep,     // they stay as they are; salvage() brings them back
-  link,     // they come into their tables
-  discard,  // they count as deleted; at the end of the file they are cut off, torn blocks included
+  keep,  // they stay as they are; salvage() brings them back
+  link,  // they come into their tables
+  // They count as deleted; at the end of the file they are cut off, torn blocks included. A batch
+  // that may also be what a link repair has cut off a chain stays: its writes may have returned.
+  discard,
 };
 
 struct MendOptions {
@@ -37,7 +39,7 @@ struct MendOptions {
 struct MendReport {
   // What was done, or would be, one sentence each. Empty: there was nothing to mend.
   std::vector<std::string> steps;
-  // Whole blocks of writes that were cut off, which are still there.
+  // Whole blocks of writes that were cut off, which are still there and could be linked.
   std::uint64_t left_over = 0;
 };
 

@@ -36,6 +36,32 @@ bool isLeftOver(const Block& block) {
          block.grade == Grade::a;
 }
 
+// The records that belong after the last one of a chain which is whole without them: the first of
+// them names it, and they name each other. They are a batch that was never linked, or what a link
+// repair has cut off; the slot's counts cannot always tell, and in their table they are right
+// either way. None where there are others besides, or where their order is not that of writing.
+std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
+  const tablePart1& slot = survey.slots[static_cast<size_t>(table.slot)].fields;
+  const bool isWhole = table.forward.end == raw::WalkEnd::complete &&
+                       table.backward.end == raw::WalkEnd::complete &&
+                       table.forward.blocks.size() == slot.recordCount &&
+                       table.backward.blocks.size() == slot.recordCount;
+  if (!isWhole) return {};
+  std::vector<uint32_t> tail;
+  int64_t previous = slot.lastRecordPos;
+  for (const uint32_t number : raw::blocksInFileOrder(survey)) {
+    const Block& each = survey.blocks[number];
+    const bool isApart = each.owner == table.owner && each.kind == BlockKind::record &&
+                         each.label == Label::detached && !each.isReached();
+    if (!isApart) continue;
+    const bool isNamed = tail.empty() || survey.blocks[tail.back()].next == each.position;
+    if (each.grade != Grade::a || each.prev != previous || !isNamed) return {};
+    tail.push_back(number);
+    previous = each.position;
+  }
+  return tail;
+}
+
 // What a salvage would bring back.
 Records salvageable(const Survey& survey) {
   Records records;
@@ -155,6 +181,8 @@ class Planner {
         found.push_back(number);
       }
     }
+    if (cutOff_ != CutOffWrites::link) return found;
+    for (const uint32_t number : tailApart(survey_, table)) found.push_back(number);
     return found;
   }
 
@@ -253,6 +281,10 @@ class Planner {
     }
     plan_.leftOver = static_cast<uint64_t>(
         std::count_if(survey.blocks.begin(), survey.blocks.end(), isLeftOver));
+    for (const Table& table : survey.tables) {
+      if (!survey.slots[static_cast<size_t>(table.slot)].counted) continue;
+      plan_.leftOver += tailApart(survey, table).size();
+    }
   }
 
   const raw::ByteSource& source_;
