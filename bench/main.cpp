@@ -4,13 +4,15 @@
 //   --records=10000,100000   numbers of records
 //   --peak-memory=STORE      instead: fills and reads one store and prints its peak memory in KiB
 //   --lookup=yes             with --peak-memory: looks a record up too, for which ours make an
-//   index
+//                            index
+//   --list                   instead: prints what each workload measures
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
+#include <string_view>
 
 #include "raw.h"
 #include "store.h"
@@ -67,6 +69,10 @@ int printPeakMemory(const std::string& name, std::size_t valueSize, std::size_t 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::string_view(argv[1]) == "--list") {
+    bench::listWorkloads();
+    return 0;
+  }
   const auto values = numbers(option(&argc, argv, "values", "100"));
   const auto records = numbers(option(&argc, argv, "records", "10000"));
   const std::string store = option(&argc, argv, "peak-memory", "");

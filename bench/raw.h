@@ -1,4 +1,5 @@
-// The raw limits: what the same bytes cost without a store.
+// What main.cpp runs: the workloads on every store, and the raw limits, which are what the same
+// bytes cost without a store.
 #pragma once
 
 #include <cstddef>
@@ -11,6 +12,8 @@ void registerRaw(std::size_t valueSize, std::size_t records, const std::filesyst
 
 void registerWorkloads(const std::vector<std::size_t>& valueSizes,
                        const std::vector<std::size_t>& recordCounts);
+// Prints a line for each workload: its name, what it measures, and which stores run it.
+void listWorkloads();
 void removeScratch();
 
 }  // namespace bench

@@ -1,14 +1,16 @@
-// The workloads, each registered for every store, value size and number of records.
+// The workloads: what each does to a store, and the table of all of them, from which they are
+// registered for every store, value size and number of records.
 //
-// A store is filled once for each size and number and then kept, three times over: for the
-// workloads that read, which find it as it was; for those that write records where they are or at
-// the end; and for those that move and delete records, a few thousand at each turn. Large stores
-// are there once: a few thousand records do not change them much. The framework runs the turns of
-// all benchmarks in random order, so that a slow moment of the machine falls on all alike.
+// A store is filled once for each size and number and then kept, in three copies: for the workloads
+// that read, which find it unchanged; for those that write records in place or at the end; and for
+// those that move and delete records, a few thousand at each turn. Of a large store there is one
+// copy: a few thousand records do not change it much. The framework runs the turns of all
+// benchmarks in random order, so that a slow moment of the machine affects all alike.
 #include <benchmark/benchmark.h>
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -245,7 +247,7 @@ void check(benchmark::State& state, const Case& c) {
   }
 }
 
-// What the walk of the C interface costs for each record: a search for one that is not there.
+// What the walk of the C interface costs for each record.
 void chainStep(benchmark::State& state, const Case& c) {
   Filled& f = filled(c, Use::read);
   Bytes value;
@@ -258,34 +260,71 @@ void chainStep(benchmark::State& state, const Case& c) {
   }
 }
 
-using Workload = void (*)(benchmark::State&, const Case&);
+// The stores that run a workload.
+enum class Stores { all, keyed, oursIndexed, oursC };
 
-void add(const char* workload, Workload run, const Case& c) {
-  const std::string name = std::string(workload) + "/" + c.kind->name + "/" +
+struct Workload {
+  const char* name;
+  const char* summary;
+  Stores stores;
+  void (*run)(benchmark::State&, const Case&);
+};
+
+// What is measured, for one record if nothing else is said. raw.cpp has the same names for the raw
+// limits.
+constexpr Workload kWorkloads[] = {
+    {"append", "add a record with a call of its own", Stores::all, append},
+    {"batch", "fill a new store in the way it recommends for many records", Stores::all, batch},
+    {"scan-ids", "walk all records, reading identifiers only", Stores::all, scanKeys},
+    {"open+read", "open the store and read its first record", Stores::all, openAndRead},
+    {"scan-payloads", "walk all records, reading their values", Stores::keyed, scanValues},
+    {"lookup", "read a record that is there, chosen at random", Stores::keyed, lookup},
+    {"absent", "look up a record that is not there", Stores::keyed, absent},
+    {"update", "write a value of the same size over a random record's", Stores::keyed, update},
+    {"grow", "write a value half as large again over a random record's", Stores::keyed, grow},
+    {"delete", "remove a random record", Stores::keyed, remove},
+    {"compact", "give dead space back", Stores::keyed, compact},
+    {"check", "read the whole closed store to see that it is sound", Stores::oursIndexed, check},
+    {"chain-step", "search for an absent record by walking the chain", Stores::oursC, chainStep},
+};
+
+// The C interface alone has no lookup by key: its searches walk the chain.
+bool isRunBy(const StoreKind& kind, Stores stores) {
+  switch (stores) {
+    case Stores::all:
+      return true;
+    case Stores::keyed:
+      return kind.name != "qvdbase-c";
+    case Stores::oursIndexed:
+      return kind.name == "qvdbase";
+    case Stores::oursC:
+      return kind.name == "qvdbase-c";
+  }
+  return false;
+}
+
+void add(const Workload& workload, const Case& c) {
+  const std::string name = std::string(workload.name) + "/" + c.kind->name + "/" +
                            std::to_string(c.valueSize) + "/" + std::to_string(c.records);
+  const auto run = workload.run;
   benchmark::RegisterBenchmark(name.c_str(), [run, c](benchmark::State& state) { run(state, c); })
       ->UseManualTime()
       ->Iterations(1)
       ->Unit(benchmark::kNanosecond);
 }
 
-void addAll(const Case& c) {
-  add("append", append, c);
-  add("batch", batch, c);
-  add("scan-ids", scanKeys, c);
-  add("open+read", openAndRead, c);
-  if (c.kind->name == "qvdbase-c") {
-    add("chain-step", chainStep, c);
-    return;
+const char* describe(Stores stores) {
+  switch (stores) {
+    case Stores::all:
+      return "every store";
+    case Stores::keyed:
+      return "every store but qvdbase-c";
+    case Stores::oursIndexed:
+      return "qvdbase";
+    case Stores::oursC:
+      return "qvdbase-c";
   }
-  if (c.kind->name == "qvdbase") add("check", check, c);
-  add("scan-payloads", scanValues, c);
-  add("lookup", lookup, c);
-  add("absent", absent, c);
-  add("update", update, c);
-  add("grow", grow, c);
-  add("delete", remove, c);
-  add("compact", compact, c);
+  return "";
 }
 
 }  // namespace
@@ -294,9 +333,19 @@ void registerWorkloads(const std::vector<std::size_t>& valueSizes,
                        const std::vector<std::size_t>& recordCounts) {
   for (const std::size_t valueSize : valueSizes) {
     for (const std::size_t records : recordCounts) {
-      for (const StoreKind& kind : storeKinds()) addAll({&kind, valueSize, records});
+      for (const StoreKind& kind : storeKinds()) {
+        for (const Workload& workload : kWorkloads) {
+          if (isRunBy(kind, workload.stores)) add(workload, {&kind, valueSize, records});
+        }
+      }
       registerRaw(valueSize, records, scratchFolder());
     }
+  }
+}
+
+void listWorkloads() {
+  for (const Workload& workload : kWorkloads) {
+    std::printf("%-13s  %-60s  %s\n", workload.name, workload.summary, describe(workload.stores));
   }
 }
 

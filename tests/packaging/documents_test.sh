@@ -21,7 +21,7 @@ while IFS=: read -r document target; do
   target=${target#](}
   target=${target%%[#)]*}
   case $target in
-    '' | *://* | *CONTRIBUTING.md | include/* | ../include/* | ../tests/* | ../fuzz/* | ../scripts/*) continue ;;
+    '' | *://* | *CONTRIBUTING.md | include/* | ../include/* | ../tests/* | ../bench/* | ../fuzz/* | ../scripts/*) continue ;;
   esac
   [ -e "$(dirname -- "$document")/$target" ] ||
     { echo "${document#"$documents/"} refers to $target, which is not installed"; failures=1; }
