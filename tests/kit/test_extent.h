@@ -15,7 +15,7 @@ inline bool testEverything() {
   return all != nullptr && *all != '\0' && std::string(all) != "0";
 }
 
-// One line of what a family has tried; scripts/test-counts adds up those of a run of everything.
+// One line of what a family has tried, for the log; docs/testing.md says how to add them up.
 inline void tellCount(const std::string& what, std::uint64_t count) {
   std::cout << (testEverything() ? "COUNT " : "SAMPLE ") << what << ": " << count << std::endl;
 }
