@@ -19,8 +19,8 @@
 
 namespace {
 
-std::vector<std::size_t> numbers(const std::string& list) {
-  std::vector<std::size_t> result;
+std::vector<size_t> numbers(const std::string& list) {
+  std::vector<size_t> result;
   std::stringstream stream(list);
   for (std::string number; std::getline(stream, number, ',');) result.push_back(std::stoul(number));
   return result;
@@ -42,8 +42,7 @@ std::string option(int* argc, char** argv, const std::string& name, const std::s
   return value;
 }
 
-int printPeakMemory(const std::string& name, std::size_t valueSize, std::size_t records,
-                    bool looksUp) {
+int printPeakMemory(const std::string& name, size_t valueSize, size_t records, bool looksUp) {
   const char* base = std::getenv("TMPDIR");
   std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/qvdbase-bench-XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) return 1;

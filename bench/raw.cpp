@@ -25,8 +25,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kOverhead = 56;
-constexpr std::size_t kPiece = std::size_t{1} << 20;
+constexpr size_t kOverhead = 56;
+constexpr size_t kPiece = size_t{1} << 20;
 
 struct File {
   explicit File(const std::filesystem::path& path)
@@ -40,20 +40,20 @@ struct File {
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
-  void write(const void* bytes, std::size_t count, std::size_t position) const {
+  void write(const void* bytes, size_t count, size_t position) const {
     if (pwrite(descriptor, bytes, count, static_cast<off_t>(position)) !=
         static_cast<ssize_t>(count)) {
       throw std::runtime_error("cannot write");
     }
   }
-  void read(void* bytes, std::size_t count, std::size_t position) const {
+  void read(void* bytes, size_t count, size_t position) const {
     if (pread(descriptor, bytes, count, static_cast<off_t>(position)) < 0) {
       throw std::runtime_error("cannot read");
     }
   }
-  void fill(std::size_t bytes) const {
+  void fill(size_t bytes) const {
     const std::vector<char> piece(kPiece, 'r');
-    for (std::size_t at = 0; at < bytes; at += kPiece)
+    for (size_t at = 0; at < bytes; at += kPiece)
       write(piece.data(), std::min(kPiece, bytes - at), at);
   }
 
@@ -62,17 +62,17 @@ struct File {
 };
 
 struct Raw {
-  std::size_t block;  // bytes of a block
-  std::size_t records;
+  size_t block;  // bytes of a block
+  size_t records;
   std::filesystem::path scratch;
 
   std::filesystem::path path(const char* name) const { return scratch / name; }
-  std::size_t bytes() const { return block * records; }
+  size_t bytes() const { return block * records; }
 };
 
 void append(const Raw& raw) {
   static File file(raw.path("raw-append"));
-  static std::size_t end = 8192;
+  static size_t end = 8192;
   std::vector<char> block(raw.block, 'b');
   const char slot[144] = {};
   struct stat status;
@@ -88,8 +88,8 @@ void append(const Raw& raw) {
 void copyFile(const Raw& raw, const File& from) {
   const File to(raw.path("raw-copy"));
   std::vector<char> piece(kPiece);
-  for (std::size_t at = 0; at < raw.bytes(); at += kPiece) {
-    const std::size_t count = std::min(kPiece, raw.bytes() - at);
+  for (size_t at = 0; at < raw.bytes(); at += kPiece) {
+    const size_t count = std::min(kPiece, raw.bytes() - at);
     from.read(piece.data(), count, at);
     to.write(piece.data(), count, at);
   }
@@ -97,7 +97,7 @@ void copyFile(const Raw& raw, const File& from) {
 
 void readAll(const Raw& raw, const File& file) {
   std::vector<char> piece(kPiece);
-  for (std::size_t at = 0; at < raw.bytes(); at += kPiece) file.read(piece.data(), kPiece, at);
+  for (size_t at = 0; at < raw.bytes(); at += kPiece) file.read(piece.data(), kPiece, at);
 }
 
 void readAnywhere(const Raw& raw, const File& file) {
@@ -109,7 +109,7 @@ void readAnywhere(const Raw& raw, const File& file) {
 
 void copyHeaders(const Raw& raw, const std::vector<char>& memory) {
   char header[55];
-  for (std::size_t at = 0; at + raw.block <= memory.size(); at += raw.block) {
+  for (size_t at = 0; at + raw.block <= memory.size(); at += raw.block) {
     std::memcpy(header, memory.data() + at, sizeof header);
     benchmark::DoNotOptimize(header);
   }
@@ -118,7 +118,7 @@ void copyHeaders(const Raw& raw, const std::vector<char>& memory) {
 
 template <typename Run>
 void add(
-    const char* workload, std::size_t valueSize, const Raw& raw, double operations, Run run,
+    const char* workload, size_t valueSize, const Raw& raw, double operations, Run run,
     const std::function<void()>& prepare = [] {}) {
   const std::string name = std::string(workload) + "/raw/" + std::to_string(valueSize) + "/" +
                            std::to_string(raw.records);
@@ -140,7 +140,7 @@ void add(
 
 }  // namespace
 
-void registerRaw(std::size_t valueSize, std::size_t records, const std::filesystem::path& scratch) {
+void registerRaw(size_t valueSize, size_t records, const std::filesystem::path& scratch) {
   const Raw raw{valueSize + kOverhead, records, scratch};
   const auto each = static_cast<double>(records);
   const auto file = [raw, kept = std::make_shared<std::unique_ptr<File>>()]() -> const File& {

@@ -8,10 +8,10 @@
 
 namespace bench {
 
-void registerRaw(std::size_t valueSize, std::size_t records, const std::filesystem::path& scratch);
+void registerRaw(size_t valueSize, size_t records, const std::filesystem::path& scratch);
 
-void registerWorkloads(const std::vector<std::size_t>& valueSizes,
-                       const std::vector<std::size_t>& recordCounts);
+void registerWorkloads(const std::vector<size_t>& valueSizes,
+                       const std::vector<size_t>& recordCounts);
 // Prints a line for each workload: its name, what it measures, and which stores run it.
 void listWorkloads();
 void removeScratch();

@@ -22,8 +22,7 @@ struct Series {
   double at(double quantile) const {
     std::vector<double> sorted = times;
     std::sort(sorted.begin(), sorted.end());
-    return sorted[static_cast<std::size_t>(quantile * static_cast<double>(sorted.size() - 1) +
-                                           0.5)];
+    return sorted[static_cast<size_t>(quantile * static_cast<double>(sorted.size() - 1) + 0.5)];
   }
   double median() const { return at(0.5); }
   double spread() const { return (at(1) - at(0)) / median(); }
@@ -128,7 +127,7 @@ void printGrowth(const std::map<Key, ByStore>& all) {
   std::printf("| workload | store |");
   for (const long number : numbers) std::printf(" %ld records |", number);
   std::printf("\n|---|---|");
-  for (std::size_t i = 0; i < numbers.size(); ++i) std::printf("---|");
+  for (size_t i = 0; i < numbers.size(); ++i) std::printf("---|");
   std::printf("\n");
   for (const auto& [row, byNumber] : medians) {
     std::printf("| %s |", row.c_str());

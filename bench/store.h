@@ -14,7 +14,7 @@
 
 namespace bench {
 
-using Key = std::uint64_t;
+using Key = uint64_t;
 using Bytes = std::vector<char>;
 
 class Store {
@@ -28,12 +28,11 @@ class Store {
   // Adds a record under the next key and returns it. Stores that make their own keys do so.
   virtual Key append(std::span<const char> value) = 0;
   // Adds `count` records of this value in the way that the store recommends for many.
-  virtual void appendMany(std::size_t count, std::span<const char> value,
-                          std::vector<Key>* keys) = 0;
+  virtual void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) = 0;
 
   // Walks all records: a sum over the keys; the sum of the bytes of all values.
-  virtual std::uint64_t scanKeys() = 0;
-  virtual std::uint64_t scanValues() = 0;
+  virtual uint64_t scanKeys() = 0;
+  virtual uint64_t scanValues() = 0;
 
   virtual bool get(Key key, Bytes* value) = 0;
   virtual bool update(Key key, std::span<const char> value) = 0;

@@ -37,12 +37,12 @@ std::filesystem::path scratchFolder() {
   return folder;
 }
 
-std::uint64_t bytesOnDisk(const std::filesystem::path& folder) {
-  std::uint64_t bytes = 0;
+uint64_t bytesOnDisk(const std::filesystem::path& folder) {
+  uint64_t bytes = 0;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
     struct stat status;
     if (stat(entry.path().c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
-      bytes += static_cast<std::uint64_t>(status.st_blocks) * 512;
+      bytes += static_cast<uint64_t>(status.st_blocks) * 512;
     }
   }
   return bytes;
@@ -50,8 +50,8 @@ std::uint64_t bytesOnDisk(const std::filesystem::path& folder) {
 
 struct Case {
   const StoreKind* kind;
-  std::size_t valueSize;
-  std::size_t records;
+  size_t valueSize;
+  size_t records;
 };
 
 // A store that is filled and open.
@@ -64,9 +64,9 @@ struct Filled {
   Key anyKey() { return keys[random() % keys.size()]; }
 };
 
-Bytes valueOf(std::size_t size) {
+Bytes valueOf(size_t size) {
   Bytes value(size);
-  for (std::size_t i = 0; i < size; ++i) value[i] = static_cast<char>(i * 31 + 7);
+  for (size_t i = 0; i < size; ++i) value[i] = static_cast<char>(i * 31 + 7);
   return value;
 }
 
@@ -85,7 +85,7 @@ std::map<std::string, Filled>& allFilled() {
 // What is done to a store.
 enum class Use { read, write, move };
 
-constexpr std::size_t kLargeStore = 64 * 1024 * 1024;
+constexpr size_t kLargeStore = 64 * 1024 * 1024;
 
 Filled& filled(const Case& c, Use use) {
   const bool isLarge = c.valueSize * c.records > kLargeStore;
@@ -103,16 +103,16 @@ Filled& filled(const Case& c, Use use) {
 
 // One turn of `operations` operations, timed as a whole.
 template <typename Operation>
-void timed(benchmark::State& state, std::size_t operations, Operation operation) {
+void timed(benchmark::State& state, size_t operations, Operation operation) {
   for (auto unused : state) {
     static_cast<void>(unused);
     const auto start = Clock::now();
-    for (std::size_t i = 0; i < operations; ++i) operation();
+    for (size_t i = 0; i < operations; ++i) operation();
     state.SetIterationTime(secondsSince(start) / static_cast<double>(operations));
   }
 }
 
-constexpr std::size_t kOperations = 2000;
+constexpr size_t kOperations = 2000;
 
 void append(benchmark::State& state, const Case& c) {
   Filled& f = filled(c, Use::write);
@@ -189,7 +189,7 @@ void grow(benchmark::State& state, const Case& c) {
   Filled& f = filled(c, Use::move);
   Bytes value;
   static_cast<void>(f.store->get(f.anyKey(), &value));
-  std::size_t size = c.valueSize + c.valueSize / 2;
+  size_t size = c.valueSize + c.valueSize / 2;
   timed(state, kOperations, [&] {
     value.assign(size, 'g');
     if (!f.store->update(f.anyKey(), value)) failed(c.kind->name + ": grow");
@@ -200,9 +200,9 @@ void remove(benchmark::State& state, const Case& c) {
   Filled& f = filled(c, Use::move);
   Bytes value;
   static_cast<void>(f.store->get(f.anyKey(), &value));
-  const std::size_t operations = std::min<std::size_t>(500, c.records / 20);
+  const size_t operations = std::min<size_t>(500, c.records / 20);
   timed(state, operations, [&] {
-    const std::size_t place = f.random() % f.keys.size();
+    const size_t place = f.random() % f.keys.size();
     if (!f.store->remove(f.keys[place])) failed(c.kind->name + ": remove");
     f.keys[place] = f.keys.back();
     f.keys.pop_back();
@@ -329,10 +329,10 @@ const char* describe(Stores stores) {
 
 }  // namespace
 
-void registerWorkloads(const std::vector<std::size_t>& valueSizes,
-                       const std::vector<std::size_t>& recordCounts) {
-  for (const std::size_t valueSize : valueSizes) {
-    for (const std::size_t records : recordCounts) {
+void registerWorkloads(const std::vector<size_t>& valueSizes,
+                       const std::vector<size_t>& recordCounts) {
+  for (const size_t valueSize : valueSizes) {
+    for (const size_t records : recordCounts) {
       for (const StoreKind& kind : storeKinds()) {
         for (const Workload& workload : kWorkloads) {
           if (isRunBy(kind, workload.stores)) add(workload, {&kind, valueSize, records});

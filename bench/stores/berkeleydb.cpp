@@ -13,7 +13,7 @@ void check(int result) {
   if (result != 0) failed(std::string("berkeleydb: ") + db_strerror(result));
 }
 
-DBT dbt(const void* bytes, std::size_t size) {
+DBT dbt(const void* bytes, size_t size) {
   DBT result;
   std::memset(&result, 0, sizeof result);
   result.data = const_cast<void*>(bytes);
@@ -46,11 +46,11 @@ class BerkeleyDb : public Store {
     put(nullptr, next_, value);
     return next_++;
   }
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
     while (count > 0) {
       DB_TXN* txn = nullptr;
       check(env_->txn_begin(env_, nullptr, &txn, 0));
-      for (std::size_t i = 0; i < 1000 && count > 0; ++i, --count) {
+      for (size_t i = 0; i < 1000 && count > 0; ++i, --count) {
         if (keys != nullptr) keys->push_back(next_);
         put(txn, next_++, value);
       }
@@ -59,15 +59,15 @@ class BerkeleyDb : public Store {
     }
   }
 
-  std::uint64_t scanKeys() override {
+  uint64_t scanKeys() override {
     return scan([](const DBT& key, const DBT&) { return keyOf(key.data); });
   }
-  std::uint64_t scanValues() override {
+  uint64_t scanValues() override {
     Bytes copy;
     return scan([&](const DBT&, const DBT& value) {
       const auto* bytes = static_cast<const char*>(value.data);
       copy.assign(bytes, bytes + value.size);
-      return static_cast<std::uint64_t>(copy.size());
+      return static_cast<uint64_t>(copy.size());
     });
   }
 
@@ -101,10 +101,10 @@ class BerkeleyDb : public Store {
     check(db_->put(db_, txn, &k, &v, 0));
   }
   template <typename Row>
-  std::uint64_t scan(Row row) {
+  uint64_t scan(Row row) {
     DBC* cursor = nullptr;
     check(db_->cursor(db_, nullptr, &cursor, 0));
-    std::uint64_t sum = 0;
+    uint64_t sum = 0;
     DBT key = dbt(nullptr, 0);
     DBT value = dbt(nullptr, 0);
     while (cursor->get(cursor, &key, &value, DB_NEXT) == 0) sum += row(key, value);

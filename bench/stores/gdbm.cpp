@@ -24,21 +24,21 @@ class Gdbm : public Store {
     put(next_, value);
     return next_++;
   }
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    for (std::size_t i = 0; i < count; ++i) {
+  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+    for (size_t i = 0; i < count; ++i) {
       const Key key = append(value);
       if (keys != nullptr) keys->push_back(key);
     }
   }
 
-  std::uint64_t scanKeys() override {
+  uint64_t scanKeys() override {
     return scan([](datum key) { return keyOf(key.dptr); });
   }
-  std::uint64_t scanValues() override {
+  uint64_t scanValues() override {
     return scan([this](datum key) {
       const datum value = gdbm_fetch(db_, key);
       std::free(value.dptr);
-      return static_cast<std::uint64_t>(value.dsize);
+      return static_cast<uint64_t>(value.dsize);
     });
   }
 
@@ -67,8 +67,8 @@ class Gdbm : public Store {
       failed("gdbm: store");
   }
   template <typename Row>
-  std::uint64_t scan(Row row) {
-    std::uint64_t sum = 0;
+  uint64_t scan(Row row) {
+    uint64_t sum = 0;
     datum key = gdbm_firstkey(db_);
     while (key.dptr != nullptr) {
       sum += row(key);

@@ -17,7 +17,7 @@ class Lmdb : public Store {
 
   void open(const std::filesystem::path& folder) override {
     check(mdb_env_create(&env_));
-    check(mdb_env_set_mapsize(env_, std::size_t{32} << 30));
+    check(mdb_env_set_mapsize(env_, size_t{32} << 30));
     check(mdb_env_open(env_, folder.c_str(), MDB_NOSYNC | flags_, 0644));
     MDB_txn* txn = begin(0);
     check(mdb_dbi_open(txn, nullptr, MDB_CREATE, &dbi_));
@@ -31,24 +31,24 @@ class Lmdb : public Store {
     check(mdb_txn_commit(txn));
     return next_++;
   }
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
     MDB_txn* txn = begin(0);
-    for (std::size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
       if (keys != nullptr) keys->push_back(next_);
       put(txn, next_++, value, MDB_APPEND);
     }
     check(mdb_txn_commit(txn));
   }
 
-  std::uint64_t scanKeys() override {
+  uint64_t scanKeys() override {
     return scan([](const MDB_val& key, const MDB_val&) { return keyOf(key.mv_data); });
   }
-  std::uint64_t scanValues() override {
+  uint64_t scanValues() override {
     Bytes copy;
     return scan([&](const MDB_val&, const MDB_val& value) {
       const auto* bytes = static_cast<const char*>(value.mv_data);
       copy.assign(bytes, bytes + value.mv_size);
-      return static_cast<std::uint64_t>(copy.size());
+      return static_cast<uint64_t>(copy.size());
     });
   }
 
@@ -94,11 +94,11 @@ class Lmdb : public Store {
     check(mdb_put(txn, dbi_, &k, &v, flags));
   }
   template <typename Row>
-  std::uint64_t scan(Row row) {
+  uint64_t scan(Row row) {
     MDB_txn* txn = begin(MDB_RDONLY);
     MDB_cursor* cursor = nullptr;
     check(mdb_cursor_open(txn, dbi_, &cursor));
-    std::uint64_t sum = 0;
+    uint64_t sum = 0;
     MDB_val key;
     MDB_val value;
     while (mdb_cursor_get(cursor, &key, &value, MDB_NEXT) == MDB_SUCCESS) sum += row(key, value);

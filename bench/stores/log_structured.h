@@ -14,7 +14,7 @@ class LogStructuredStore : public Store {
     typename Api::Options options;
     options.create_if_missing = true;
     options.compression = Api::kNoCompression;
-    options.write_buffer_size = std::size_t{64} << 20;
+    options.write_buffer_size = size_t{64} << 20;
     typename Api::Database* db = nullptr;
     check(Api::Database::Open(options, folder / Api::kName, &db));
     db_.reset(db);
@@ -25,10 +25,10 @@ class LogStructuredStore : public Store {
     check(db_->Put({}, slice(KeyBytes(next_)), slice(value)));
     return next_++;
   }
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
     while (count > 0) {
       typename Api::WriteBatch batch;
-      for (std::size_t i = 0; i < 1000 && count > 0; ++i, --count) {
+      for (size_t i = 0; i < 1000 && count > 0; ++i, --count) {
         if (keys != nullptr) keys->push_back(next_);
         batch.Put(slice(KeyBytes(next_++)), slice(value));
       }
@@ -36,14 +36,14 @@ class LogStructuredStore : public Store {
     }
   }
 
-  std::uint64_t scanKeys() override {
+  uint64_t scanKeys() override {
     return scan([](auto& i) { return keyOf(i.key().data()); });
   }
-  std::uint64_t scanValues() override {
+  uint64_t scanValues() override {
     Bytes copy;
     return scan([&](auto& i) {
       copy.assign(i.value().data(), i.value().data() + i.value().size());
-      return static_cast<std::uint64_t>(copy.size());
+      return static_cast<uint64_t>(copy.size());
     });
   }
 
@@ -72,9 +72,9 @@ class LogStructuredStore : public Store {
   }
 
   template <typename Row>
-  std::uint64_t scan(Row row) {
+  uint64_t scan(Row row) {
     const std::unique_ptr<typename Api::Iterator> i(db_->NewIterator({}));
-    std::uint64_t sum = 0;
+    uint64_t sum = 0;
     for (i->SeekToFirst(); i->Valid(); i->Next()) sum += row(*i);
     return sum;
   }

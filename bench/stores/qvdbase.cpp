@@ -34,23 +34,23 @@ class Indexed : public Store {
     return table_->add(std::as_bytes(value)).value;
   }
 
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
     qvdb::BulkAppender bulk = table_->appender();
     const qvdb::NewRecord record(std::as_bytes(value));
-    for (std::size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
       const Key key = bulk.add(record).value;
       if (keys != nullptr) keys->push_back(key);
     }
     bulk.finish();
   }
 
-  std::uint64_t scanKeys() override {
-    std::uint64_t sum = 0;
+  uint64_t scanKeys() override {
+    uint64_t sum = 0;
     for (const qvdb::Record& record : table_->records()) sum += record.id().value;
     return sum;
   }
-  std::uint64_t scanValues() override {
-    std::uint64_t sum = 0;
+  uint64_t scanValues() override {
+    uint64_t sum = 0;
     Bytes copy;
     for (const qvdb::Record& record : table_->records(qvdb::Load::payloads)) {
       const auto* bytes = reinterpret_cast<const char*>(record.loaded().data());
@@ -65,7 +65,7 @@ class Indexed : public Store {
     value->resize(kLargestValue);
     const auto size = table_->get(qvdb::Id{key}, std::as_writable_bytes(std::span(*value)));
     if (!size) return false;
-    value->resize(std::min<std::size_t>(*size, kLargestValue));
+    value->resize(std::min<size_t>(*size, kLargestValue));
     return true;
   }
   bool update(Key key, std::span<const char> value) override {
@@ -95,7 +95,7 @@ class Indexed : public Store {
   }
 
  private:
-  static constexpr std::size_t kLargestValue = 4096;
+  static constexpr size_t kLargestValue = 4096;
 
   void needIndex() {
     if (!index_) index_ = table_->index();
@@ -125,28 +125,28 @@ class PlainC : public Store {
   Key append(std::span<const char> value) override {
     Key key = 0;
     const auto* bytes = reinterpret_cast<const unsigned char*>(value.data());
-    if (AddRecordData(db_, table_, bytes, static_cast<std::uint32_t>(value.size()), 0, &key) != 1) {
+    if (AddRecordData(db_, table_, bytes, static_cast<uint32_t>(value.size()), 0, &key) != 1) {
       failed("qvdbase: append");
     }
     return key;
   }
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    for (std::size_t i = 0; i < count; ++i) {
+  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+    for (size_t i = 0; i < count; ++i) {
       const Key key = append(value);
       if (keys != nullptr) keys->push_back(key);
     }
   }
 
-  std::uint64_t scanKeys() override {
-    std::uint32_t count = 0;
+  uint64_t scanKeys() override {
+    uint32_t count = 0;
     GetNumberOfRecords(db_, table_, &count);
     std::vector<Key> keys(count);
     GetRecordUuIDList(db_, table_, keys.data(), &count);
-    std::uint64_t sum = 0;
+    uint64_t sum = 0;
     for (const Key key : keys) sum += key;
     return sum;
   }
-  std::uint64_t scanValues() override { return 0; }
+  uint64_t scanValues() override { return 0; }
   bool get(Key key, Bytes*) override {
     oneRecordInfoP1 info;
     return GetOneRecordInfo(db_, table_, key, &info, nullptr) == 1;
@@ -161,8 +161,8 @@ class PlainC : public Store {
 
  private:
   bool isMade_ = false;
-  std::int16_t db_ = 0;
-  std::uint64_t table_ = 0;
+  int16_t db_ = 0;
+  uint64_t table_ = 0;
 };
 
 }  // namespace

@@ -33,26 +33,26 @@ class Sqlite : public Store {
     finish(insert_);
     return static_cast<Key>(sqlite3_last_insert_rowid(db_));
   }
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
     run("BEGIN");
-    for (std::size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
       const Key key = append(value);
       if (keys != nullptr) keys->push_back(key);
     }
     run("COMMIT");
   }
 
-  std::uint64_t scanKeys() override {
+  uint64_t scanKeys() override {
     return scan("SELECT k FROM t", [](sqlite3_stmt* row) {
-      return static_cast<std::uint64_t>(sqlite3_column_int64(row, 0));
+      return static_cast<uint64_t>(sqlite3_column_int64(row, 0));
     });
   }
-  std::uint64_t scanValues() override {
+  uint64_t scanValues() override {
     return scan("SELECT k, v FROM t", [](sqlite3_stmt* row) {
       copy_.assign(
           static_cast<const char*>(sqlite3_column_blob(row, 1)),
           static_cast<const char*>(sqlite3_column_blob(row, 1)) + sqlite3_column_bytes(row, 1));
-      return static_cast<std::uint64_t>(copy_.size());
+      return static_cast<uint64_t>(copy_.size());
     });
   }
 
@@ -98,9 +98,9 @@ class Sqlite : public Store {
     sqlite3_reset(statement);
   }
   template <typename Row>
-  std::uint64_t scan(const char* sql, Row row) {
+  uint64_t scan(const char* sql, Row row) {
     sqlite3_stmt* statement = prepare(sql);
-    std::uint64_t sum = 0;
+    uint64_t sum = 0;
     while (sqlite3_step(statement) == SQLITE_ROW) sum += row(statement);
     sqlite3_finalize(statement);
     return sum;

@@ -23,22 +23,22 @@ class Tkrzw : public Store {
     check(db_.Set(KeyBytes(next_).view(), {value.data(), value.size()}));
     return next_++;
   }
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    for (std::size_t i = 0; i < count; ++i) {
+  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+    for (size_t i = 0; i < count; ++i) {
       const Key key = append(value);
       if (keys != nullptr) keys->push_back(key);
     }
   }
 
-  std::uint64_t scanKeys() override {
-    std::uint64_t sum = 0;
+  uint64_t scanKeys() override {
+    uint64_t sum = 0;
     const auto i = db_.MakeIterator();
     std::string key;
     for (i->First(); i->Get(&key, nullptr).IsOK(); i->Next()) sum += keyOf(key.data());
     return sum;
   }
-  std::uint64_t scanValues() override {
-    std::uint64_t sum = 0;
+  uint64_t scanValues() override {
+    uint64_t sum = 0;
     const auto i = db_.MakeIterator();
     std::string key;
     std::string value;

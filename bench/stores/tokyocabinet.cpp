@@ -13,7 +13,7 @@ class TokyoCabinet : public Store {
   void open(const std::filesystem::path& folder) override {
     db_ = tchdbnew();
     tchdbtune(db_, 2'000'003, -1, -1, HDBTLARGE);
-    tchdbsetxmsiz(db_, std::int64_t{64} << 20);
+    tchdbsetxmsiz(db_, int64_t{64} << 20);
     if (!tchdbopen(db_, (folder / "data.tch").c_str(), HDBOWRITER | HDBOCREAT))
       failed("tokyocabinet: open");
   }
@@ -23,15 +23,15 @@ class TokyoCabinet : public Store {
     put(next_, value);
     return next_++;
   }
-  void appendMany(std::size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    for (std::size_t i = 0; i < count; ++i) {
+  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+    for (size_t i = 0; i < count; ++i) {
       const Key key = append(value);
       if (keys != nullptr) keys->push_back(key);
     }
   }
 
-  std::uint64_t scanKeys() override {
-    std::uint64_t sum = 0;
+  uint64_t scanKeys() override {
+    uint64_t sum = 0;
     int size = 0;
     tchdbiterinit(db_);
     while (void* key = tchdbiternext(db_, &size)) {
@@ -40,12 +40,12 @@ class TokyoCabinet : public Store {
     }
     return sum;
   }
-  std::uint64_t scanValues() override {
-    std::uint64_t sum = 0;
+  uint64_t scanValues() override {
+    uint64_t sum = 0;
     TCXSTR* key = tcxstrnew();
     TCXSTR* value = tcxstrnew();
     tchdbiterinit(db_);
-    while (tchdbiternext3(db_, key, value)) sum += static_cast<std::uint64_t>(tcxstrsize(value));
+    while (tchdbiternext3(db_, key, value)) sum += static_cast<uint64_t>(tcxstrsize(value));
     tcxstrdel(key);
     tcxstrdel(value);
     return sum;

@@ -2,6 +2,7 @@
 #ifndef QVDBASE_BASE_H
 #define QVDBASE_BASE_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 /* Marks what the shared library shows to applications; everything else stays hidden. */

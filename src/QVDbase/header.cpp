@@ -21,9 +21,9 @@ bool signatureIsOurs(const unsigned char* signature) {
 // not the header copy: callers have always had to do without the header's fields then. Only bytes
 // that belong to the entry are read.
 void overwriteWithEntryBytes(const DirectoryCacheEntry& entry, internal_Head1* head) {
-  constexpr std::size_t kFrom = offsetof(DirectoryCacheEntry, headCopy);
-  constexpr std::size_t kAvailable = sizeof(DirectoryCacheEntry) - kFrom;
-  constexpr std::size_t kCount =
+  constexpr size_t kFrom = offsetof(DirectoryCacheEntry, headCopy);
+  constexpr size_t kAvailable = sizeof(DirectoryCacheEntry) - kFrom;
+  constexpr size_t kCount =
       kAvailable < sizeof(internal_Head1) ? kAvailable : sizeof(internal_Head1);
   std::memcpy(head, reinterpret_cast<const unsigned char*>(&entry) + kFrom, kCount);
 }

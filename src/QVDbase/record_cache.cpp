@@ -61,8 +61,8 @@ int internal_BSearchRecordCache(const record1Cache* array, int count, uint64_t k
                                 int* indexOut) {
   if (array == nullptr || count <= 0) return 0;
   const record1Cache probe{key, 0};
-  const void* found = std::bsearch(&probe, array, static_cast<std::size_t>(count),
-                                   sizeof(record1Cache), internal_Record_Bsearch_Compare);
+  const void* found = std::bsearch(&probe, array, static_cast<size_t>(count), sizeof(record1Cache),
+                                   internal_Record_Bsearch_Compare);
   if (found == nullptr) return 0;
   const auto* element = static_cast<const record1Cache*>(found);
   *indexOut = static_cast<int>(element - array);

@@ -22,8 +22,8 @@ namespace {
 
 // Of a name, stored or a caller's, the bytes before its zero, 32 at most. Nothing after the zero
 // is touched, not even by a pointer.
-std::size_t storedNameLength(const char* name) {
-  std::size_t length = 0;
+size_t storedNameLength(const char* name) {
+  size_t length = 0;
   while (length < qvdbase::kTableNameSize && name[length] != '\0') ++length;
   return length;
 }
@@ -123,7 +123,7 @@ uint64_t GetTableNameAndIDByIndex(int16_t db, int index, char* name) {
   tablePart1 slot;
   const bool found = findSlot(db, &slot, [index](const tablePart1&, int i) { return i == index; });
   if (!found) return position.restore(uint64_t{0});
-  const std::size_t length = storedNameLength(slot.tableName);
+  const size_t length = storedNameLength(slot.tableName);
   std::memcpy(name, slot.tableName, length);
   name[length] = '\0';
   return position.restore(qvdbase::identifierNumber(slot.tableID));
@@ -164,7 +164,7 @@ bool slotIsStillUsed(int16_t db, int64_t slotPos, uint16_t slotSize) {
 }
 
 bool tableNameEquals(const tablePart1& slot, const char* name) {
-  const std::size_t stored = storedNameLength(slot.tableName);
+  const size_t stored = storedNameLength(slot.tableName);
   // `name` is read only as far as it equals the stored one.
   return std::strncmp(slot.tableName, name, stored) == 0 && name[stored] == '\0';
 }

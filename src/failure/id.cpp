@@ -17,8 +17,8 @@ Id new_id() {
 
 std::string to_string(Id id) {
   std::string text = "0x0000000000000000";
-  std::uint64_t rest = id.value;
-  for (std::size_t i = text.size() - 1; i >= 2; --i) {
+  uint64_t rest = id.value;
+  for (size_t i = text.size() - 1; i >= 2; --i) {
     text[i] = "0123456789abcdef"[rest & 15];
     rest >>= 4;
   }
@@ -40,7 +40,7 @@ std::ostream& operator<<(std::ostream& out, Id id) {
   return out << to_string(id);
 }
 
-std::size_t detail::hashOf(Id id) noexcept {
+size_t detail::hashOf(Id id) noexcept {
   return qvdbase::SeededHash()(id.value);
 }
 

@@ -77,8 +77,7 @@ class PathConverter {
     if (!qvdbase::platform::utf16FromUtf8(name.data(), name.size(), wide.data(), wide.size())) {
       refuse("it is not valid UTF-8");
     }
-    wide.resize(static_cast<std::size_t>(std::find(wide.begin(), wide.end(), 0) - wide.begin()) +
-                1);
+    wide.resize(static_cast<size_t>(std::find(wide.begin(), wide.end(), 0) - wide.begin()) + 1);
     return wide;
   }
 

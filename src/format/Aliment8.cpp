@@ -11,7 +11,7 @@ namespace {
 template <typename Unsigned>
 int getLittleEndian(const unsigned char* buf, Unsigned* out) {
   uint64_t value = 0;
-  for (std::size_t i = sizeof(Unsigned); i-- > 0;) value = value << 8 | buf[i];
+  for (size_t i = sizeof(Unsigned); i-- > 0;) value = value << 8 | buf[i];
   *out = static_cast<Unsigned>(value);
   return static_cast<int>(sizeof(Unsigned));
 }
@@ -19,7 +19,7 @@ int getLittleEndian(const unsigned char* buf, Unsigned* out) {
 template <typename Unsigned>
 int putLittleEndian(unsigned char* buf, Unsigned value) {
   uint64_t rest = value;
-  for (std::size_t i = 0; i < sizeof(Unsigned); ++i, rest >>= 8) {
+  for (size_t i = 0; i < sizeof(Unsigned); ++i, rest >>= 8) {
     buf[i] = static_cast<unsigned char>(rest & 0xFF);
   }
   return static_cast<int>(sizeof(Unsigned));

@@ -10,13 +10,13 @@ namespace qvdbase {
 
 namespace detail {
 
-template <typename Unsigned, std::size_t... index>
+template <typename Unsigned, size_t... index>
 Unsigned composed(const unsigned char* bytes, std::index_sequence<index...>) {
   return static_cast<Unsigned>(
       ((static_cast<uint64_t>(bytes[index]) << 8 * (sizeof(Unsigned) - 1 - index)) | ...));
 }
 
-template <typename Unsigned, std::size_t... index>
+template <typename Unsigned, size_t... index>
 void decomposed(unsigned char* bytes, Unsigned value, std::index_sequence<index...>) {
   ((bytes[index] = static_cast<unsigned char>(value >> 8 * (sizeof(Unsigned) - 1 - index) & 0xFF)),
    ...);

@@ -9,8 +9,8 @@ namespace qvdbase {
 namespace {
 
 struct NumberPlace {
-  std::size_t offset;
-  std::size_t size;
+  size_t offset;
+  size_t size;
 };
 
 #define QVDBASE_NUMBER(field) \

@@ -40,7 +40,7 @@ void Bulk::requireNoWriter(const Operation& operation) const {
 }
 
 qvdbase::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id> record,
-                                   std::uint32_t reserve) {
+                                   uint32_t reserve) {
   qvdbase::BatchRecord entry = {};
   if (record) {
     operation.requireIdentifier(*record);
@@ -83,22 +83,22 @@ void Bulk::dropRecord() noexcept {
 }
 
 void Bulk::add(const Operation& operation, const NewRecord& record) {
-  const std::size_t size = record.payload.size();
-  if (size > std::numeric_limits<std::uint32_t>::max()) {
+  const size_t size = record.payload.size();
+  if (size > std::numeric_limits<uint32_t>::max()) {
     operation.fail(Reason::too_large, "a record would be " + std::to_string(size) +
                                           " bytes, and 4,294,967,295 are the most");
   }
   qvdbase::BatchRecord entry = entryOf(operation, record.id, record.reserve);
-  entry.dataLength = static_cast<std::uint32_t>(size);
+  entry.dataLength = static_cast<uint32_t>(size);
   const auto* payload = reinterpret_cast<const unsigned char*>(record.payload.data());
   if (!batch.add(entry, payload)) {
-    failed(operation, std::max(entry.dataLength, entry.reserve) +
-                          std::uint64_t{qvdbase::kRecordBlockOverhead});
+    failed(operation,
+           std::max(entry.dataLength, entry.reserve) + uint64_t{qvdbase::kRecordBlockOverhead});
   }
   latest = Id{qvdbase::identifierNumber(entry.recordID)};
 }
 
-void Bulk::failed(const Operation& operation, std::uint64_t bytes) {
+void Bulk::failed(const Operation& operation, uint64_t bytes) {
   discard();
   if (const auto index = indexOf(*database, table)) index->isStale = true;
   if (batch.wasDisturbed()) {

@@ -44,7 +44,7 @@ struct Bulk {
   // What the engine wants to know of a new record, but for the length of its payload. Throws
   // bad_argument for identifier 0.
   qvdbase::BatchRecord entryOf(const Operation& operation, std::optional<Id> record,
-                               std::uint32_t reserve);
+                               uint32_t reserve);
 
   // Takes in the records: all of them, or none and the batch is discarded. Throws as failed().
   void finish(const Operation& operation);
@@ -61,7 +61,7 @@ struct Bulk {
 
   // After a write that failed: discards, and throws the reason. `bytes` are those that were wanted
   // at least.
-  [[noreturn]] void failed(const Operation& operation, std::uint64_t bytes);
+  [[noreturn]] void failed(const Operation& operation, uint64_t bytes);
 
   std::shared_ptr<OpenDatabase> database;
   Id table;

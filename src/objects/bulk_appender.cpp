@@ -38,11 +38,11 @@ Id BulkAppender::add(const NewRecord& record) {
   return bulk_->latest;
 }
 
-RecordWriter BulkAppender::writer(std::uint32_t reserve, std::optional<Id> record) {
+RecordWriter BulkAppender::writer(uint32_t reserve, std::optional<Id> record) {
   return RecordWriter(bulk_, reserve, record, false);
 }
 
-std::uint32_t BulkAppender::finish() {
+uint32_t BulkAppender::finish() {
   const Operation operation(bulk_->database, detail::kAppend);
   if (bulk_->state == detail::Bulk::State::finished) return taken();
   bulk_->requireOpen(operation);
@@ -51,7 +51,7 @@ std::uint32_t BulkAppender::finish() {
   return taken();
 }
 
-std::uint32_t BulkAppender::taken() const noexcept {
+uint32_t BulkAppender::taken() const noexcept {
   return bulk_->batch.taken();
 }
 

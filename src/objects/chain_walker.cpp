@@ -6,15 +6,14 @@
 
 namespace qvdb::detail {
 
-bool readHead(std::int16_t db, std::int64_t position, const unsigned char* tableID,
-              recordPart1* header) {
+bool readHead(int16_t db, int64_t position, const unsigned char* tableID, recordPart1* header) {
   const unsigned char* view = qvdbase::viewFile(db, position, qvdbase::record::kData);
   if (view == nullptr) return qvdbase::readRecordHeaderAt(db, position, tableID, header);
   qvdbase::decodeRecordHead(view, header);
   return qvdbase::isRecordOf(view, tableID);
 }
 
-ChainWalker::Step ChainWalker::next(std::int16_t db, recordPart1* header, std::int64_t* recordPos) {
+ChainWalker::Step ChainWalker::next(int16_t db, recordPart1* header, int64_t* recordPos) {
   const Step step = arrive();
   if (step != Step::record) return step;
   if (!readHead(db, nextPos_, slot_.tableID, header)) return damaged(kNoRecord);
@@ -23,7 +22,7 @@ ChainWalker::Step ChainWalker::next(std::int16_t db, recordPart1* header, std::i
   return Step::record;
 }
 
-bool ChainWalker::resumeBehind(std::int16_t db, std::int64_t recordPos, std::uint32_t number) {
+bool ChainWalker::resumeBehind(int16_t db, int64_t recordPos, uint32_t number) {
   recordPart1 header;
   if (!qvdbase::readRecordHeaderAt(db, recordPos, slot_.tableID, &header)) return false;
   resumeAt(header.nextRecordPos, number);

@@ -13,8 +13,7 @@ namespace qvdb::detail {
 
 // Reads the header of a record of this table in one view, or, where there is none, field by field.
 // False when no such header stands there.
-bool readHead(std::int16_t db, std::int64_t position, const unsigned char* tableID,
-              recordPart1* header);
+bool readHead(int16_t db, int64_t position, const unsigned char* tableID, recordPart1* header);
 
 class ChainWalker {
  public:
@@ -24,32 +23,32 @@ class ChainWalker {
   enum class Step { record, end, damaged };
 
   // Where the next record's block is, as far as there is one.
-  std::int64_t nextPosition() const { return nextPos_; }
+  int64_t nextPosition() const { return nextPos_; }
 
   // Whether as many records have been passed as the table counts.
   bool isAtCount() const { return number_ == slot_.recordCount; }
 
   // Reads the next record's header. The caller holds a ReadScope. After `damaged` number() and
   // damage() tell what is wrong.
-  Step next(std::int16_t db, recordPart1* header, std::int64_t* recordPos);
+  Step next(int16_t db, recordPart1* header, int64_t* recordPos);
 
   // The same for a caller who has the bytes at nextPosition() already.
   Step pass(const unsigned char* head) {
     const Step step = arrive();
     if (step != Step::record) return step;
     if (!qvdbase::isRecordOf(head, slot_.tableID)) return damaged(kNoRecord);
-    nextPos_ = static_cast<std::int64_t>(
-        qvdbase::loadBigEndian<std::uint64_t>(head + qvdbase::record::kNextRecordPos));
+    nextPos_ = static_cast<int64_t>(
+        qvdbase::loadBigEndian<uint64_t>(head + qvdbase::record::kNextRecordPos));
     return Step::record;
   }
 
   // Goes on behind the record at a position, of which `number` records have been passed by then.
   // To be used when the chain has changed under the walk: it then ends where the chain ends, with
   // the count that it began with as its limit only. False when no header can be read there.
-  bool resumeBehind(std::int16_t db, std::int64_t recordPos, std::uint32_t number);
+  bool resumeBehind(int16_t db, int64_t recordPos, uint32_t number);
 
   // The same before the record at a position, or at the end for 0.
-  void resumeAt(std::int64_t recordPos, std::uint32_t number) {
+  void resumeAt(int64_t recordPos, uint32_t number) {
     nextPos_ = recordPos;
     number_ = number;
     hasChanged_ = true;
@@ -57,8 +56,8 @@ class ChainWalker {
   }
 
   // The record that the last step was about, counted from 1.
-  std::uint32_t number() const { return number_; }
-  std::uint32_t count() const { return slot_.recordCount; }
+  uint32_t number() const { return number_; }
+  uint32_t count() const { return slot_.recordCount; }
   const char* damage() const { return damage_; }
   const unsigned char* tableID() const { return slot_.tableID; }
 
@@ -81,8 +80,8 @@ class ChainWalker {
   }
 
   tablePart1 slot_ = {};
-  std::int64_t nextPos_ = 0;
-  std::uint32_t number_ = 0;
+  int64_t nextPos_ = 0;
+  uint32_t number_ = 0;
   bool hasChanged_ = false;
   qvdbase::LoopDetector loop_;
   const char* damage_ = "";

@@ -13,13 +13,13 @@
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
+#include "objects/chain_ends.h"
 #include "objects/open_database.h"
 #include "objects/waiting.h"
 #include "platform/handles/open_failure.h"
 #include "platform/handles/sync.h"
 #include "platform/host/host_failure.h"
 #include "products/target_file.h"
-#include "recovery/check/ends.h"
 
 namespace qvdb {
 
@@ -47,8 +47,8 @@ std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode 
   return state;
 }
 
-constexpr std::uint64_t kNewDatabaseSize =
-    qvdbase::kDirectoryPos + std::uint64_t{qvdbase::kNewSlotCount} * qvdbase::kSlotImageSize;
+constexpr uint64_t kNewDatabaseSize =
+    qvdbase::kDirectoryPos + uint64_t{qvdbase::kNewSlotCount} * qvdbase::kSlotImageSize;
 
 constexpr const char* kOpen = "open the database";
 
@@ -57,7 +57,7 @@ bool isBadSignature(const std::array<char, 4>& signature) {
          (signature[1] != 'V' && signature[1] != 'v');
 }
 
-bool isUsableVersion(std::uint16_t version) {
+bool isUsableVersion(uint16_t version) {
   return version >= qvdbase::kFirstVersion && version <= qvdbase::kLastVersion;
 }
 
@@ -68,9 +68,9 @@ DatabaseInfo readInfo(const Operation& operation) {
     static_cast<void>(operation.directory());
     operation.fail(Reason::not_a_database, "the file is not a database");
   }
-  std::uint16_t tables = 0;
-  std::uint16_t slots = 0;
-  std::uint16_t slotSize = 0;
+  uint16_t tables = 0;
+  uint16_t slots = 0;
+  uint16_t slotSize = 0;
   if (!qvdbase::readUint16(operation.db(), &tables) ||
       !qvdbase::readUint16(operation.db(), &slots) ||
       !qvdbase::readUint16(operation.db(), &slotSize)) {
@@ -80,8 +80,8 @@ DatabaseInfo readInfo(const Operation& operation) {
   std::copy_n(reinterpret_cast<const char*>(head.signature), 4, info.signature.begin());
   info.version = head.version;
   info.id = Id{qvdbase::identifierNumber(head.databaseID)};
-  info.table_count = static_cast<std::int16_t>(tables);
-  info.slot_count = static_cast<std::int16_t>(slots);
+  info.table_count = static_cast<int16_t>(tables);
+  info.slot_count = static_cast<int16_t>(slots);
   info.slot_size = slotSize;
   info.file_size = operation.fileLength();
   return info;
@@ -173,7 +173,7 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
   });
 }
 
-Database Database::adopt(std::int16_t handle, const std::filesystem::path& path, Mode mode) {
+Database Database::adopt(int16_t handle, const std::filesystem::path& path, Mode mode) {
   auto state = std::make_shared<OpenDatabase>();
   state->path = path;
   state->mode = mode;
@@ -194,7 +194,7 @@ std::u16string Database::native_path(const std::filesystem::path& path) {
 void Database::close() {
   if (!is_open()) return;
   state_->discardBulk();
-  const std::int16_t handle = std::exchange(state_->handle, 0);
+  const int16_t handle = std::exchange(state_->handle, 0);
   if (CloseDBase(handle) != 0) return;
   constexpr const char* kOperation = "close the database";
   detail::throwError(state_->path, kOperation, Reason::cannot_write,
@@ -212,7 +212,7 @@ OpenDatabase& Database::state() const {
   return *state_;
 }
 
-std::int16_t Database::handle() const {
+int16_t Database::handle() const {
   return state().handle;
 }
 
@@ -229,7 +229,7 @@ DatabaseInfo Database::info() const {
   return readInfo(Operation(state_, "read the header"));
 }
 
-void Database::set_version(std::uint16_t version) {
+void Database::set_version(uint16_t version) {
   static_cast<void>(state());
   const Operation operation(state_, "set the version");
   if (!isUsableVersion(version)) {
@@ -305,7 +305,7 @@ Table Database::add_table(std::string_view name) {
   }
   operation.about(name);
   operation.requireWritable();
-  const std::uint64_t id = AddTable(operation.db(), std::string(name).c_str());
+  const uint64_t id = AddTable(operation.db(), std::string(name).c_str());
   if (id != 0) return Table(state_, Id{id}, std::string(name));
 
   operation.failIfWriteWasRefused(0);

@@ -10,18 +10,18 @@
 namespace qvdb::detail {
 namespace {
 
-bool slotLeadsTo(const tablePart1& slot, std::int64_t blockPos) {
-  const std::int64_t positions[] = {slot.firstRecordPos,       slot.lastRecordPos,
-                                    slot.lastWrittenRecordPos, slot.firstDataPos,
-                                    slot.lastWrittenDataPos,   slot.lastDataPos};
+bool slotLeadsTo(const tablePart1& slot, int64_t blockPos) {
+  const int64_t positions[] = {slot.firstRecordPos,       slot.lastRecordPos,
+                               slot.lastWrittenRecordPos, slot.firstDataPos,
+                               slot.lastWrittenDataPos,   slot.lastDataPos};
   return std::any_of(std::begin(positions), std::end(positions),
-                     [blockPos](std::int64_t position) { return position >= blockPos; });
+                     [blockPos](int64_t position) { return position >= blockPos; });
 }
 
 enum class Leads { no, unknown, yes };
 
-Leads leadsTo(std::int16_t db, const LinkPlace& link, std::int64_t blockPos) {
-  std::int64_t position = 0;
+Leads leadsTo(int16_t db, const LinkPlace& link, int64_t blockPos) {
+  int64_t position = 0;
   if (link.recordPos == 0) return Leads::no;
   if (myFileSeek(db, link.recordPos + link.offset, kFromStart) != 0 ||
       !qvdbase::readInt64(db, &position)) {
@@ -32,7 +32,7 @@ Leads leadsTo(std::int16_t db, const LinkPlace& link, std::int64_t blockPos) {
 
 }  // namespace
 
-bool takeBackBlock(const Operation& operation, Id table, std::int64_t blockPos,
+bool takeBackBlock(const Operation& operation, Id table, int64_t blockPos,
                    std::initializer_list<LinkPlace> links) {
   if (blockPos == 0) return false;
   ReadScope scope(operation.db());
@@ -44,7 +44,7 @@ bool takeBackBlock(const Operation& operation, Id table, std::int64_t blockPos,
     if (leads != Leads::no) return leads == Leads::yes;
   }
   // The handle is exclusive, or nothing is cut: whatever lies there was appended by this call.
-  qvdbase::cutBack(operation.db(), {blockPos, std::numeric_limits<std::int64_t>::max()});
+  qvdbase::cutBack(operation.db(), {blockPos, std::numeric_limits<int64_t>::max()});
   return false;
 }
 

@@ -12,8 +12,8 @@ namespace qvdb::detail {
 
 // A record at a position, and the offset of one of its links.
 struct LinkPlace {
-  std::int64_t recordPos;
-  std::int64_t offset;
+  int64_t recordPos;
+  int64_t offset;
 };
 
 // Cuts the file back to where a block was to begin that a failed operation on this table has
@@ -23,7 +23,7 @@ struct LinkPlace {
 //
 // Returns whether a link, or the beginning of the table, is known to lead to the block: then the
 // operation itself has written there before it failed.
-bool takeBackBlock(const Operation& operation, Id table, std::int64_t blockPos,
+bool takeBackBlock(const Operation& operation, Id table, int64_t blockPos,
                    std::initializer_list<LinkPlace> links = {});
 
 }  // namespace qvdb::detail

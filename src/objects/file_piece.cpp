@@ -6,11 +6,11 @@
 namespace qvdb::detail {
 namespace {
 
-constexpr std::uint32_t kPieceSize = 128 * 1024;
+constexpr uint32_t kPieceSize = 128 * 1024;
 
 }  // namespace
 
-bool FilePiece::read(std::int16_t db, std::int64_t position) {
+bool FilePiece::read(int16_t db, int64_t position) {
   bytes_.resize(kPieceSize);
   start_ = position;
   length_ = 0;

@@ -12,19 +12,19 @@ class FilePiece {
  public:
   // Reads what the file has from a position on, up to the piece's size. False when there is
   // nothing.
-  bool read(std::int16_t db, std::int64_t position);
+  bool read(int16_t db, int64_t position);
 
   // The bytes at a position of the file; null when not all of them are in the piece.
-  const unsigned char* at(std::int64_t position, std::uint32_t count) const {
-    const auto offset = static_cast<std::uint64_t>(position) - static_cast<std::uint64_t>(start_);
+  const unsigned char* at(int64_t position, uint32_t count) const {
+    const auto offset = static_cast<uint64_t>(position) - static_cast<uint64_t>(start_);
     if (offset > length_ || count > length_ - offset) return nullptr;
     return bytes_.data() + offset;
   }
 
  private:
   std::vector<unsigned char> bytes_;
-  std::int64_t start_ = 0;
-  std::uint32_t length_ = 0;
+  int64_t start_ = 0;
+  uint32_t length_ = 0;
 };
 
 }  // namespace qvdb::detail

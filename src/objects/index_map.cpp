@@ -6,36 +6,36 @@
 namespace qvdb::detail {
 namespace {
 
-constexpr std::size_t kSmallest = 64;
+constexpr size_t kSmallest = 64;
 
 }  // namespace
 
 // The hash's share of the places: the upper half of the product, in 32-bit steps.
-std::size_t IndexMap::home(std::uint64_t key) const {
-  const std::uint64_t hash = qvdbase::mixed(key, seed_);
-  const std::uint64_t places = places_.size();
-  const std::uint64_t low = (hash & 0xFFFFFFFFu) * places >> 32;
-  return static_cast<std::size_t>(((hash >> 32) * places + low) >> 32);
+size_t IndexMap::home(uint64_t key) const {
+  const uint64_t hash = qvdbase::mixed(key, seed_);
+  const uint64_t places = places_.size();
+  const uint64_t low = (hash & 0xFFFFFFFFu) * places >> 32;
+  return static_cast<size_t>(((hash >> 32) * places + low) >> 32);
 }
 
-std::size_t IndexMap::placeOf(std::uint64_t key) const {
-  std::size_t place = home(key);
+size_t IndexMap::placeOf(uint64_t key) const {
+  size_t place = home(key);
   while (places_[place].position != 0 && places_[place].key != key) place = next(place);
   return place;
 }
 
-std::size_t IndexMap::stepsTo(std::uint64_t key) const {
+size_t IndexMap::stepsTo(uint64_t key) const {
   if (places_.empty()) return 0;
-  const std::size_t from = home(key);
-  const std::size_t to = placeOf(key);
+  const size_t from = home(key);
+  const size_t to = placeOf(key);
   return (to >= from ? to : to + places_.size()) - from + 1;
 }
 
-void IndexMap::reserve(std::size_t count) {
+void IndexMap::reserve(size_t count) {
   if (size_ == 0) places_ = std::vector<Entry>(std::max(kSmallest, count + count / 5));
 }
 
-bool IndexMap::insert(std::uint64_t key, std::int64_t position) {
+bool IndexMap::insert(uint64_t key, int64_t position) {
   if ((size_ + 1) * 8 > places_.size() * 7) grow();
   Entry& entry = places_[placeOf(key)];
   if (entry.position != 0) return false;
@@ -44,19 +44,19 @@ bool IndexMap::insert(std::uint64_t key, std::int64_t position) {
   return true;
 }
 
-void IndexMap::replace(std::uint64_t key, std::int64_t position) {
+void IndexMap::replace(uint64_t key, int64_t position) {
   if (size_ == 0) return;
   Entry& entry = places_[placeOf(key)];
   if (entry.position != 0) entry.position = position;
 }
 
 // Entries behind the gap move into it unless that would put them before their home.
-void IndexMap::erase(std::uint64_t key) {
+void IndexMap::erase(uint64_t key) {
   if (size_ == 0) return;
-  std::size_t gap = placeOf(key);
+  size_t gap = placeOf(key);
   if (places_[gap].position == 0) return;
-  for (std::size_t place = next(gap); places_[place].position != 0; place = next(place)) {
-    const std::size_t from = home(places_[place].key);
+  for (size_t place = next(gap); places_[place].position != 0; place = next(place)) {
+    const size_t from = home(places_[place].key);
     const bool homeLiesBetween =
         gap < place ? (from > gap && from <= place) : (from > gap || from <= place);
     if (homeLiesBetween) continue;
@@ -67,7 +67,7 @@ void IndexMap::erase(std::uint64_t key) {
   --size_;
 }
 
-std::optional<std::int64_t> IndexMap::find(std::uint64_t key) const {
+std::optional<int64_t> IndexMap::find(uint64_t key) const {
   if (size_ == 0) return std::nullopt;
   const Entry& entry = places_[placeOf(key)];
   if (entry.position == 0) return std::nullopt;

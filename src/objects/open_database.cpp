@@ -42,7 +42,7 @@ Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* 
 }
 
 void Operation::fail(Reason reason, const std::string& why,
-                     std::optional<std::uint64_t> recordNumber) const {
+                     std::optional<uint64_t> recordNumber) const {
   ErrorDetails known = details();
   known.record_number = recordNumber;
   known.system_code = qvdbase::platform::lastHostFailure();
@@ -132,26 +132,26 @@ void Operation::readSlot(const qvdbase::DirectoryNumbers& numbers, int index,
        "entry " + std::to_string(index + 1) + " of its table directory is damaged");
 }
 
-std::uint64_t Operation::fileLength() const {
+uint64_t Operation::fileLength() const {
   const auto* file = qvdbase::platform::findOpenFile(db());
-  std::int64_t length = 0;
+  int64_t length = 0;
   if (file == nullptr || !qvdbase::platform::fileLength(*file, &length)) {
     fail(Reason::cannot_read, "the system does not tell the file's length");
   }
-  return static_cast<std::uint64_t>(length);
+  return static_cast<uint64_t>(length);
 }
 
-void Operation::failedWrite(std::uint64_t bytes) const {
+void Operation::failedWrite(uint64_t bytes) const {
   requireWritable();
-  std::int64_t length = 0;
+  int64_t length = 0;
   const auto* file = qvdbase::platform::findOpenFile(db());
   if (!qvdbase::platform::fileLength(*file, &length)) length = 0;
   throwWriteFailure(database_.path, name_,
-                    qvdbase::platform::findWriteFailure(static_cast<std::uint64_t>(length) + bytes),
+                    qvdbase::platform::findWriteFailure(static_cast<uint64_t>(length) + bytes),
                     details());
 }
 
-void Operation::failIfWriteWasRefused(std::uint64_t bytes) const {
+void Operation::failIfWriteWasRefused(uint64_t bytes) const {
   if (qvdbase::platform::lastRefusedWrite()) failedWrite(bytes);
 }
 

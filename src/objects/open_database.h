@@ -29,17 +29,17 @@ struct RecordChange {
 
   Kind kind;
   Id table;
-  std::int64_t position;  // of the record's block, before the change
-  std::int64_t to = 0;    // moved: of its new block; removed: of the record after it, or 0
+  int64_t position;  // of the record's block, before the change
+  int64_t to = 0;    // moved: of its new block; removed: of the record after it, or 0
 };
 
 struct OpenDatabase {
-  std::int16_t handle = 0;  // 0 once it is closed
+  int16_t handle = 0;  // 0 once it is closed
   std::filesystem::path path;
   Mode mode = Mode::read_only;
   // Raised by every operation of this layer that can have changed the chains; a walk that sees it
   // raised gives up what it has read ahead.
-  std::uint64_t changes = 0;
+  uint64_t changes = 0;
   // The indexes of its tables that somebody holds; see table_index.h.
   std::vector<std::weak_ptr<TableIndex>> indexes;
   // The walks that have begun.
@@ -61,7 +61,7 @@ struct OpenDatabase {
 // however the operation is left.
 class ReadScope {
  public:
-  explicit ReadScope(std::int16_t db) : position_(db) {}
+  explicit ReadScope(int16_t db) : position_(db) {}
   ~ReadScope() { static_cast<void>(position_.restore(0)); }
   ReadScope(const ReadScope&) = delete;
   ReadScope& operator=(const ReadScope&) = delete;
@@ -78,12 +78,12 @@ class Operation {
   // operations is forgotten.
   Operation(const std::shared_ptr<OpenDatabase>& database, const char* name);
 
-  std::int16_t db() const { return database_.handle; }
+  int16_t db() const { return database_.handle; }
   const OpenDatabase& database() const { return database_; }
   const char* name() const { return name_; }
 
   [[noreturn]] void fail(Reason reason, const std::string& why,
-                         std::optional<std::uint64_t> recordNumber = std::nullopt) const;
+                         std::optional<uint64_t> recordNumber = std::nullopt) const;
 
   // Throws read_only unless the handle may write.
   void requireWritable() const;
@@ -119,7 +119,7 @@ class Operation {
     return false;
   }
 
-  std::uint64_t fileLength() const;
+  uint64_t fileLength() const;
 
   // Names the table in the errors that follow. table() does that for the one it finds.
   void about(const tablePart1& slot) const;
@@ -128,11 +128,11 @@ class Operation {
   // After a write that failed although nothing in the file speaks against it: throws what the host
   // answered (disk_full, size_limit, ...), or cannot_write. `bytes` are those that the file would
   // have become longer.
-  [[noreturn]] void failedWrite(std::uint64_t bytes) const;
+  [[noreturn]] void failedWrite(uint64_t bytes) const;
 
   // To be called first after a change that failed: throws the same when the host has refused a
   // write of it. What is in the file then is a part of the change, and no reason for its failure.
-  void failIfWriteWasRefused(std::uint64_t bytes) const;
+  void failIfWriteWasRefused(uint64_t bytes) const;
 
  private:
   void readSlot(const qvdbase::DirectoryNumbers& numbers, int index, tablePart1* slot) const;

@@ -22,7 +22,7 @@ namespace {
 constexpr const char* kRead = "read the record";
 
 // Below this size a payload's buffer is had without asking whether the file can hold it.
-constexpr std::uint32_t kSmallPayload = 64 * 1024;
+constexpr uint32_t kSmallPayload = 64 * 1024;
 
 [[noreturn]] void failBeyondEnd(const Operation& operation, Id record) {
   operation.fail(Reason::data_damaged, "the payload of record " + to_string(record) +
@@ -43,25 +43,24 @@ bool readPresentHeader(const Operation& operation, Id table, const RecordInfo& i
 
 // The size that the payload has now. Leaves the file wherever; throws when no block of the record
 // stands there any more or the payload does not lie inside the file.
-std::uint32_t presentSize(const Operation& operation, Id table, const RecordInfo& info) {
+uint32_t presentSize(const Operation& operation, Id table, const RecordInfo& info) {
   recordPart1 header;
   if (!readPresentHeader(operation, table, info, &header)) {
     operation.fail(Reason::record_missing,
                    "record " + to_string(info.id) + " does not stand any more where it stood");
   }
-  const auto dataPos = static_cast<std::uint64_t>(info.data_position);
+  const auto dataPos = static_cast<uint64_t>(info.data_position);
   if (dataPos + header.dataLength > operation.fileLength()) {
     failBeyondEnd(operation, info.id);
   }
   return header.dataLength;
 }
 
-void readPayload(const Operation& operation, const RecordInfo& info, std::uint64_t offset,
+void readPayload(const Operation& operation, const RecordInfo& info, uint64_t offset,
                  std::span<std::byte> buffer) {
-  const std::int64_t from = info.data_position + static_cast<std::int64_t>(offset);
+  const int64_t from = info.data_position + static_cast<int64_t>(offset);
   if (myFileSeek(operation.db(), from, kFromStart) != 0 ||
-      !qvdbase::readBytes(operation.db(), buffer.data(),
-                          static_cast<std::uint32_t>(buffer.size()))) {
+      !qvdbase::readBytes(operation.db(), buffer.data(), static_cast<uint32_t>(buffer.size()))) {
     operation.fail(Reason::cannot_read,
                    "the payload of record " + to_string(info.id) + " cannot be read");
   }
@@ -95,13 +94,12 @@ void Record::keepLoaded() {
   kept_ = std::move(kept);
 }
 
-std::size_t Record::read(std::uint64_t offset, std::span<std::byte> buffer) const {
+size_t Record::read(uint64_t offset, std::span<std::byte> buffer) const {
   const Operation operation(database_, kRead);
   ReadScope scope(operation.db());
-  const std::uint64_t size = presentSize(operation, table_, info_);
+  const uint64_t size = presentSize(operation, table_, info_);
   if (offset >= size) return 0;
-  const auto count =
-      static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), size - offset));
+  const auto count = static_cast<size_t>(std::min<uint64_t>(buffer.size(), size - offset));
   readPayload(operation, info_, offset, buffer.first(count));
   return count;
 }
@@ -121,7 +119,7 @@ void Record::payload(std::vector<std::byte>& buffer) const {
 
 namespace detail {
 
-void storeInfo(const recordPart1& header, std::int64_t recordPos, RecordInfo* info) {
+void storeInfo(const recordPart1& header, int64_t recordPos, RecordInfo* info) {
   info->id = Id{qvdbase::identifierNumber(header.recordID)};
   info->create_time = header.createTime;
   info->modify_time = header.modifyTime;
@@ -131,7 +129,7 @@ void storeInfo(const recordPart1& header, std::int64_t recordPos, RecordInfo* in
   info->data_position = recordPos + qvdbase::record::kData;
 }
 
-RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos) {
+RecordInfo recordInfo(const recordPart1& header, int64_t recordPos) {
   RecordInfo info;
   storeInfo(header, recordPos, &info);
   return info;
@@ -139,8 +137,8 @@ RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos) {
 
 void readWholePayload(const Operation& operation, const qvdbase::FoundRecord& found,
                       std::vector<std::byte>* buffer) {
-  const std::uint32_t size = found.header.dataLength;
-  const auto end = static_cast<std::uint64_t>(found.recordPos) + qvdbase::record::kData + size;
+  const uint32_t size = found.header.dataLength;
+  const auto end = static_cast<uint64_t>(found.recordPos) + qvdbase::record::kData + size;
   if (size > kSmallPayload && end > operation.fileLength()) {
     failBeyondEnd(operation, Id{qvdbase::identifierNumber(found.header.recordID)});
   }
@@ -151,14 +149,14 @@ void readWholePayload(const Operation& operation, const qvdbase::FoundRecord& fo
 void readPayloadStart(const Operation& operation, const qvdbase::FoundRecord& found,
                       std::span<std::byte> buffer) {
   const auto count =
-      static_cast<std::uint32_t>(std::min<std::size_t>(buffer.size(), found.header.dataLength));
+      static_cast<uint32_t>(std::min<size_t>(buffer.size(), found.header.dataLength));
   if (myFileSeek(operation.db(), found.recordPos + qvdbase::record::kData, kFromStart) != 0 ||
       !qvdbase::readBytes(operation.db(), buffer.data(), count)) {
     failBeyondEnd(operation, Id{qvdbase::identifierNumber(found.header.recordID)});
   }
 }
 
-void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, std::uint32_t size) {
+void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, uint32_t size) {
   try {
     buffer->resize(size);
   } catch (const std::bad_alloc&) {

@@ -25,15 +25,15 @@ namespace qvdb {
 
 namespace {
 constexpr const char* kWalk = "list the records";
-constexpr std::size_t kFirstBatch = 4;
-constexpr std::size_t kLargestBatch = 1024;
+constexpr size_t kFirstBatch = 4;
+constexpr size_t kLargestBatch = 1024;
 // A batch ends when its payloads pass this size, so that memory holds little more than the largest.
-constexpr std::size_t kLoadedBytes = 256 * 1024;
+constexpr size_t kLoadedBytes = 256 * 1024;
 // Batches of so many records, which lie no further apart on average, are worth a piece of the file;
 // so many must have come of one to read another.
-constexpr std::size_t kWorthAPiece = 128;
-constexpr std::int64_t kWidestStep = 4096;
-constexpr std::size_t kLeastOfAPiece = 16;
+constexpr size_t kWorthAPiece = 128;
+constexpr int64_t kWidestStep = 4096;
+constexpr size_t kLeastOfAPiece = 16;
 }  // namespace
 
 struct detail::Walk {
@@ -51,29 +51,29 @@ struct detail::Walk {
   Load load = Load::headers;
   std::vector<RecordInfo> batch;
   std::vector<std::byte> payloads;  // of the batch, one behind the other
-  std::size_t payloadAt = 0;        // of the next record
+  size_t payloadAt = 0;             // of the next record
   FilePiece piece;
-  bool inPiece = false;           // the walk goes through the piece, and there is no batch
-  std::size_t fromPiece = 0;      // records that have come of the piece
-  bool isDense = false;           // what follows is worth a piece
-  std::size_t at = 0;             // of the next record in the batch
-  std::uint32_t delivered = 0;    // records, the current one included
-  std::uint64_t changesSeen = 0;  // OpenDatabase::changes when the batch was read
-  std::int64_t pieceAt = 0;       // the current record, where it came of the piece
-  std::size_t batchSize = kFirstBatch;
+  bool inPiece = false;      // the walk goes through the piece, and there is no batch
+  size_t fromPiece = 0;      // records that have come of the piece
+  bool isDense = false;      // what follows is worth a piece
+  size_t at = 0;             // of the next record in the batch
+  uint32_t delivered = 0;    // records, the current one included
+  uint64_t changesSeen = 0;  // OpenDatabase::changes when the batch was read
+  int64_t pieceAt = 0;       // the current record, where it came of the piece
+  size_t batchSize = kFirstBatch;
   // What has become of the current record, when it has moved or is gone.
   struct {
-    std::uint32_t number = 0;  // the record, as `delivered` counts
+    uint32_t number = 0;  // the record, as `delivered` counts
     bool isGone = false;
-    std::int64_t position = 0;  // of its new block; of the record after it, when it is gone
+    int64_t position = 0;  // of its new block; of the record after it, when it is gone
   } changed;
   bool isDamaged = false;             // at the walker's last step
   std::exception_ptr payloadFailure;  // of the record behind the batch
 
   // Reads the payload behind the others of the batch.
-  void loadPayload(const Operation& operation, const recordPart1& header, std::int64_t position) {
-    const std::size_t from = payloads.size();
-    const std::uint32_t size = header.dataLength;
+  void loadPayload(const Operation& operation, const recordPart1& header, int64_t position) {
+    const size_t from = payloads.size();
+    const uint32_t size = header.dataLength;
     if (size == 0) return;
     if (const unsigned char* view =
             qvdbase::viewFile(operation.db(), position + qvdbase::record::kData, size)) {
@@ -91,8 +91,7 @@ struct detail::Walk {
   }
 
   // A payload that cannot be read is an error when the walk gets there, like a damaged header.
-  bool tryLoadPayload(const Operation& operation, const recordPart1& header,
-                      std::int64_t position) {
+  bool tryLoadPayload(const Operation& operation, const recordPart1& header, int64_t position) {
     if (load == Load::headers) return true;
     try {
       loadPayload(operation, header, position);
@@ -106,14 +105,14 @@ struct detail::Walk {
 
   void judgeDensity() {
     if (batch.size() < kWorthAPiece) return;
-    const std::int64_t span = batch.back().position - batch.front().position;
-    isDense = span > 0 && span / static_cast<std::int64_t>(batch.size()) <= kWidestStep;
+    const int64_t span = batch.back().position - batch.front().position;
+    isDense = span > 0 && span / static_cast<int64_t>(batch.size()) <= kWidestStep;
   }
 
   // Takes one record into the batch. False when none follows, or its payload cannot be had.
   bool takeNext(const Operation& operation) {
     recordPart1 header;
-    std::int64_t position = 0;
+    int64_t position = 0;
     const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
     isDamaged = step == ChainWalker::Step::damaged;
     if (step != ChainWalker::Step::record) return false;
@@ -133,10 +132,10 @@ struct detail::Walk {
   // The next record out of the piece. False when it is not in there as far as it is wanted, or when
   // none follows.
   bool takeFromPiece(RecordInfo* info, std::span<const std::byte>* payload) {
-    const std::int64_t position = walker.nextPosition();
+    const int64_t position = walker.nextPosition();
     const unsigned char* head = piece.at(position, qvdbase::record::kData);
     if (head == nullptr) return false;
-    const auto size = qvdbase::loadBigEndian<std::uint32_t>(head + qvdbase::record::kDataLength);
+    const auto size = qvdbase::loadBigEndian<uint32_t>(head + qvdbase::record::kDataLength);
     const unsigned char* bytes = nullptr;
     if (load == Load::payloads) {
       bytes = piece.at(position + qvdbase::record::kData, size);
@@ -155,7 +154,7 @@ struct detail::Walk {
   // Reads the piece that begins with the next record, if one is worth it. A record that is larger
   // than a piece is left to a batch.
   bool readPiece(const Operation& operation) {
-    const std::int64_t next = walker.nextPosition();
+    const int64_t next = walker.nextPosition();
     return isDense && next > 0 && !walker.isAtCount() && piece.read(operation.db(), next);
   }
 
@@ -197,7 +196,7 @@ struct detail::Walk {
   bool hasCurrent() const { return delivered > 0 && (inPiece || at > 0); }
 
   // Where the current record is now.
-  std::int64_t currentPosition() const {
+  int64_t currentPosition() const {
     if (changed.number == delivered) return changed.position;
     return inPiece ? pieceAt : batch[at - 1].position;
   }
@@ -229,11 +228,11 @@ struct detail::Walk {
 
   // The chain has changed: what was read ahead may be wrong, so the walk goes on from the block of
   // the current record.
-  void rereadBehind(const Operation& operation, std::int64_t foundAt) {
+  void rereadBehind(const Operation& operation, int64_t foundAt) {
     isDamaged = false;
     payloadFailure = nullptr;
     if (isCurrentGone()) return walker.resumeAt(changed.position, delivered);
-    const std::int64_t position = hasCurrent() ? currentPosition() : foundAt;
+    const int64_t position = hasCurrent() ? currentPosition() : foundAt;
     if (!walker.resumeBehind(operation.db(), position, delivered)) {
       operation.fail(Reason::chain_damaged,
                      "record " + std::to_string(delivered) + " of table '" + tableName +

@@ -15,11 +15,11 @@ namespace qvdb {
 
 using detail::Operation;
 
-RecordWriter Table::writer(std::uint32_t reserve, std::optional<Id> record) {
+RecordWriter Table::writer(uint32_t reserve, std::optional<Id> record) {
   return RecordWriter(detail::Bulk::open(database_, id_), reserve, record, true);
 }
 
-RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, std::uint32_t reserve,
+RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, uint32_t reserve,
                            std::optional<Id> record, bool isAlone)
     : isAlone_(isAlone) {
   const Operation operation(bulk->database, detail::kWrite);
@@ -51,13 +51,13 @@ void RecordWriter::write(ByteView bytes) {
   requireOpen();
   const Operation operation(bulk_->database, detail::kWrite);
   bulk_->requireOpen(operation);
-  constexpr std::uint32_t kMost = std::numeric_limits<std::uint32_t>::max();
+  constexpr uint32_t kMost = std::numeric_limits<uint32_t>::max();
   if (bytes.size() > kMost - size_) {
     operation.fail(Reason::too_large, "it would be " + std::to_string(bytes.size() + size_) +
                                           " bytes, and 4,294,967,295 are the most");
   }
   const auto* from = reinterpret_cast<const unsigned char*>(bytes.data());
-  const auto count = static_cast<std::uint32_t>(bytes.size());
+  const auto count = static_cast<uint32_t>(bytes.size());
   if (!bulk_->batch.appendPayload(from, count)) bulk_->failed(operation, count);
   size_ += count;
 }

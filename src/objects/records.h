@@ -16,22 +16,22 @@
 
 namespace qvdb::detail {
 
-void storeInfo(const recordPart1& header, std::int64_t recordPos, RecordInfo* info);
+void storeInfo(const recordPart1& header, int64_t recordPos, RecordInfo* info);
 // The same from the header's bytes.
-inline void storeInfo(const unsigned char* head, std::int64_t recordPos, RecordInfo* info) {
+inline void storeInfo(const unsigned char* head, int64_t recordPos, RecordInfo* info) {
   using namespace qvdbase;
   info->id.value = identifierNumber(head + record::kRecordID);
-  info->create_time = loadBigEndian<std::uint32_t>(head + record::kCreateTime);
-  info->modify_time = loadBigEndian<std::uint32_t>(head + record::kModifyTime);
-  info->size = loadBigEndian<std::uint32_t>(head + record::kDataLength);
-  info->capacity = loadBigEndian<std::uint32_t>(head + record::kDataCapacity);
+  info->create_time = loadBigEndian<uint32_t>(head + record::kCreateTime);
+  info->modify_time = loadBigEndian<uint32_t>(head + record::kModifyTime);
+  info->size = loadBigEndian<uint32_t>(head + record::kDataLength);
+  info->capacity = loadBigEndian<uint32_t>(head + record::kDataCapacity);
   info->position = recordPos;
   info->data_position = recordPos + record::kData;
 }
-RecordInfo recordInfo(const recordPart1& header, std::int64_t recordPos);
+RecordInfo recordInfo(const recordPart1& header, int64_t recordPos);
 
 // Throws too_large when there is not enough memory.
-void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, std::uint32_t size);
+void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, uint32_t size);
 
 // Read the payload of a record whose header has been read: all of it, or as much of its beginning
 // as the buffer takes. Throw data_damaged when it reaches beyond the end of the file.

@@ -24,8 +24,8 @@ namespace {
 
 // The block of table data: where its data begins, and its size. Nothing when the table has none.
 struct DataBlock {
-  std::int64_t dataPos;
-  std::uint32_t size;
+  int64_t dataPos;
+  uint32_t size;
 };
 
 std::optional<DataBlock> findData(const Operation& operation, Id table) {
@@ -39,17 +39,16 @@ std::optional<DataBlock> findData(const Operation& operation, Id table) {
                                              "' is not where it should be");
   }
   const DataBlock block{found.slot.firstDataPos + qvdbase::tabledata::kData, header.dataLength};
-  if (static_cast<std::uint64_t>(block.dataPos) + block.size > operation.fileLength()) {
+  if (static_cast<uint64_t>(block.dataPos) + block.size > operation.fileLength()) {
     operation.fail(Reason::data_damaged, "the data of table '" + detail::storedName(found.slot) +
                                              "' reaches beyond the end of the file");
   }
   return block;
 }
 
-void readData(const Operation& operation, std::int64_t position, std::span<std::byte> buffer) {
+void readData(const Operation& operation, int64_t position, std::span<std::byte> buffer) {
   if (myFileSeek(operation.db(), position, kFromStart) == 0 &&
-      qvdbase::readBytes(operation.db(), buffer.data(),
-                         static_cast<std::uint32_t>(buffer.size()))) {
+      qvdbase::readBytes(operation.db(), buffer.data(), static_cast<uint32_t>(buffer.size()))) {
     return;
   }
   operation.fail(Reason::cannot_read, "the data cannot be read");
@@ -77,7 +76,7 @@ TableInfo Table::info() const {
   return info;
 }
 
-std::uint32_t Table::count() const {
+uint32_t Table::count() const {
   const Operation operation(database_, "count the records");
   ReadScope scope(operation.db());
   return operation.table(id_).slot.recordCount;
@@ -117,7 +116,7 @@ std::optional<Record> Table::find(Id record) const {
   ChainWalker walker(operation.table(id_).slot);
   for (;;) {
     recordPart1 header;
-    std::int64_t position = 0;
+    int64_t position = 0;
     const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
     if (step == ChainWalker::Step::end) return std::nullopt;
     if (step == ChainWalker::Step::damaged) detail::failDamagedChain(operation, walker, name_);
@@ -149,7 +148,7 @@ std::optional<std::vector<std::byte>> Table::get(Id record) const {
   return found->payload();
 }
 
-std::optional<std::uint32_t> Table::get(Id record, std::span<std::byte> buffer) const {
+std::optional<uint32_t> Table::get(Id record, std::span<std::byte> buffer) const {
   const Operation operation(database_, "read the record");
   if (const auto index = detail::indexOf(*database_, id_)) {
     ReadScope scope(operation.db());
@@ -167,7 +166,7 @@ std::optional<std::uint32_t> Table::get(Id record, std::span<std::byte> buffer) 
   return found->size();
 }
 
-std::optional<std::uint32_t> Table::data_size() const {
+std::optional<uint32_t> Table::data_size() const {
   const Operation operation(database_, "look at the table's data");
   ReadScope scope(operation.db());
   const std::optional<DataBlock> block = findData(operation, id_);
@@ -186,14 +185,13 @@ std::optional<std::vector<std::byte>> Table::data() const {
   return data;
 }
 
-std::size_t Table::read_data(std::uint64_t offset, std::span<std::byte> buffer) const {
+size_t Table::read_data(uint64_t offset, std::span<std::byte> buffer) const {
   const Operation operation(database_, "read the table's data");
   ReadScope scope(operation.db());
   const std::optional<DataBlock> block = findData(operation, id_);
   if (!block || offset >= block->size) return 0;
-  const auto count =
-      static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), block->size - offset));
-  readData(operation, block->dataPos + static_cast<std::int64_t>(offset), buffer.first(count));
+  const auto count = static_cast<size_t>(std::min<uint64_t>(buffer.size(), block->size - offset));
+  readData(operation, block->dataPos + static_cast<int64_t>(offset), buffer.first(count));
   return count;
 }
 

@@ -16,10 +16,10 @@
 namespace qvdb {
 
 RecordIndex::RecordIndex(std::shared_ptr<detail::TableIndex> index) : index_(std::move(index)) {}
-std::size_t RecordIndex::size() const noexcept {
+size_t RecordIndex::size() const noexcept {
   return index_->map.size();
 }
-std::size_t RecordIndex::bytes() const noexcept {
+size_t RecordIndex::bytes() const noexcept {
   return index_->map.bytes();
 }
 
@@ -29,25 +29,25 @@ namespace {
 // How much is read around a record that is looked up: the header before it, its payload and the
 // header behind it, when records lie in order and have about the usual size. Small records get room
 // for a few dead blocks between them: some hundred bytes more cost a read next to nothing.
-constexpr std::int64_t kLeastAround = 512;
-constexpr std::int64_t kMostAround = 4096;
+constexpr int64_t kLeastAround = 512;
+constexpr int64_t kMostAround = 4096;
 
-constexpr std::uint64_t kSmallestBlock = qvdbase::kRecordBlockOverhead;
+constexpr uint64_t kSmallestBlock = qvdbase::kRecordBlockOverhead;
 
 Id tableOf(const tablePart1& slot) {
   return Id{qvdbase::identifierNumber(slot.tableID)};
 }
 
-void readNeighbourhood(std::int16_t db, const TableIndex& index, std::int64_t position) {
-  const std::int64_t before = std::clamp(index.usualBlock, kLeastAround, kMostAround);
-  const std::int64_t from = std::max<std::int64_t>(0, position - before);
-  const std::int64_t behind = before + qvdbase::record::kData;
-  qvdbase::readAhead(db, from, static_cast<std::uint32_t>(position - from + behind));
+void readNeighbourhood(int16_t db, const TableIndex& index, int64_t position) {
+  const int64_t before = std::clamp(index.usualBlock, kLeastAround, kMostAround);
+  const int64_t from = std::max<int64_t>(0, position - before);
+  const int64_t behind = before + qvdbase::record::kData;
+  qvdbase::readAhead(db, from, static_cast<uint32_t>(position - from + behind));
 }
 
 // Whether a record of this table stands at a place, with this position in one of its links.
-bool linksTo(std::int16_t db, std::int64_t recordPos, const unsigned char* tableID,
-             std::int64_t link, std::int64_t position) {
+bool linksTo(int16_t db, int64_t recordPos, const unsigned char* tableID, int64_t link,
+             int64_t position) {
   recordPart1 header;
   const unsigned char* block = qvdbase::viewFile(db, recordPos, qvdbase::record::kData);
   if (block == nullptr) {
@@ -56,15 +56,15 @@ bool linksTo(std::int16_t db, std::int64_t recordPos, const unsigned char* table
     return (isNext ? header.nextRecordPos : header.prevRecordPos) == position;
   }
   return qvdbase::isRecordOf(block, tableID) &&
-         static_cast<std::int64_t>(qvdbase::loadBigEndian<std::uint64_t>(block + link)) == position;
+         static_cast<int64_t>(qvdbase::loadBigEndian<uint64_t>(block + link)) == position;
 }
 
 // The neighbours that are records; the ends of the chain are the slot's affair.
-bool neighboursPointBack(std::int16_t db, const unsigned char* tableID, const recordPart1& header,
-                         std::int64_t position) {
+bool neighboursPointBack(int16_t db, const unsigned char* tableID, const recordPart1& header,
+                         int64_t position) {
   using namespace qvdbase::record;
-  const std::int64_t previous = header.prevRecordPos;
-  const std::int64_t next = header.nextRecordPos;
+  const int64_t previous = header.prevRecordPos;
+  const int64_t next = header.nextRecordPos;
   return (previous == 0 || linksTo(db, previous, tableID, kNextRecordPos, position)) &&
          (next == 0 || linksTo(db, next, tableID, kPrevRecordPos, position));
 }
@@ -73,7 +73,7 @@ bool isEndOfChain(const recordPart1& header) {
   return header.prevRecordPos == 0 || header.nextRecordPos == 0;
 }
 
-bool slotAgrees(const tablePart1& slot, const recordPart1& header, std::int64_t position) {
+bool slotAgrees(const tablePart1& slot, const recordPart1& header, int64_t position) {
   return (header.prevRecordPos != 0 || slot.firstRecordPos == position) &&
          (header.nextRecordPos != 0 || slot.lastRecordPos == position);
 }
@@ -90,17 +90,17 @@ bool verify(const Operation& operation, const TableIndex& index, Id record,
 }
 
 // The distance between blocks, with a quarter to spare for the larger ones.
-std::int64_t usualBlock(const tablePart1& slot) {
+int64_t usualBlock(const tablePart1& slot) {
   if (slot.firstRecordPos < 0 || slot.lastRecordPos < 0) return 0;
-  const std::int64_t records = std::max<std::int64_t>(1, slot.recordCount);
-  const std::int64_t spread = std::abs(slot.lastRecordPos - slot.firstRecordPos) / records;
+  const int64_t records = std::max<int64_t>(1, slot.recordCount);
+  const int64_t spread = std::abs(slot.lastRecordPos - slot.firstRecordPos) / records;
   return spread + spread / 4;
 }
 
 bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index) {
   for (;;) {
     recordPart1 header;
-    std::int64_t position = 0;
+    int64_t position = 0;
     const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
     if (step == ChainWalker::Step::end) return true;
     if (step == ChainWalker::Step::damaged) return false;
@@ -140,8 +140,8 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
   const tablePart1 slot = operation.table(index.table).slot;
   // To grow while it is filled would take more than twice the memory. The file's length bounds what
   // a damaged count asks for.
-  index.map.reserve(static_cast<std::size_t>(
-      std::min<std::uint64_t>(slot.recordCount, operation.fileLength() / kSmallestBlock)));
+  index.map.reserve(static_cast<size_t>(
+      std::min<uint64_t>(slot.recordCount, operation.fileLength() / kSmallestBlock)));
   ChainWalker walker(slot);
   const bool complete = walkInto(operation, walker, index);
   if (walkerOut != nullptr) *walkerOut = walker;
@@ -155,7 +155,7 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
 Answer askIndex(const Operation& operation, TableIndex& index, Id record,
                 qvdbase::FoundRecord* found) {
   if (index.isStale && !buildIndex(operation, index)) return Answer::unknown;
-  const std::optional<std::int64_t> position = index.map.find(record.value);
+  const std::optional<int64_t> position = index.map.find(record.value);
   if (!position) {
     if (chainState(operation.table(index.table).slot) == index.state) return Answer::absent;
     index.isStale = true;
@@ -167,7 +167,7 @@ Answer askIndex(const Operation& operation, TableIndex& index, Id record,
   return Answer::unknown;
 }
 
-void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position) {
+void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position) {
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr || index->isStale) return;
   ChainState expected = chainState(slot);
@@ -182,7 +182,7 @@ void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, std::i
   }
 }
 
-void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position) {
+void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position) {
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr) return;
   index->map.replace(record.value, position);
@@ -202,8 +202,8 @@ void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
   if (index->hasDuplicates) index->isStale = true;
 }
 
-bool standsInChain(std::int16_t db, const tablePart1& slot, const recordPart1& header,
-                   std::int64_t position) {
+bool standsInChain(int16_t db, const tablePart1& slot, const recordPart1& header,
+                   int64_t position) {
   return slotAgrees(slot, header, position) &&
          neighboursPointBack(db, slot.tableID, header, position);
 }

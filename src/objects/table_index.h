@@ -15,10 +15,10 @@ namespace qvdb::detail {
 // What a table's slot says of its chain. As long as it is what the index remembers, no record was
 // added or deleted that the index was not told of.
 struct ChainState {
-  std::uint32_t recordCount = 0;
-  std::uint32_t recordWriteCount = 0;
-  std::int64_t firstRecordPos = 0;
-  std::int64_t lastRecordPos = 0;
+  uint32_t recordCount = 0;
+  uint32_t recordWriteCount = 0;
+  int64_t firstRecordPos = 0;
+  int64_t lastRecordPos = 0;
 
   friend bool operator==(const ChainState&, const ChainState&) = default;
 };
@@ -29,9 +29,9 @@ struct TableIndex {
   unsigned char tableID[qvdbase::kIdentifierSize];  // the same, as blocks hold it
   IndexMap map;
   ChainState state;
-  std::int64_t usualBlock = 0;  // bytes from one record to the next, about
-  bool isStale = true;          // to be built again before it is used
-  bool hasDuplicates = false;   // some identifier is there twice; the map has the first one
+  int64_t usualBlock = 0;      // bytes from one record to the next, about
+  bool isStale = true;         // to be built again before it is used
+  bool hasDuplicates = false;  // some identifier is there twice; the map has the first one
 };
 
 // The outcome of asking an index: it knows the record, knows that there is none, or does not know.
@@ -53,13 +53,12 @@ Answer askIndex(const Operation& operation, TableIndex& index, Id record,
                 qvdbase::FoundRecord* found);
 
 // To be told of every change of a chain, with the slot as it is now.
-void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position);
-void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, std::int64_t position);
+void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
+void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
 void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record);
 
 // Whether the record at a position is in the chain: both neighbours, or the slot where it has none,
 // must say so.
-bool standsInChain(std::int16_t db, const tablePart1& slot, const recordPart1& header,
-                   std::int64_t position);
+bool standsInChain(int16_t db, const tablePart1& slot, const recordPart1& header, int64_t position);
 
 }  // namespace qvdb::detail

@@ -28,12 +28,12 @@ using Kind = detail::RecordChange::Kind;
 
 namespace {
 
-std::uint32_t sizeOf(const Operation& operation, ByteView bytes) {
-  if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
+uint32_t sizeOf(const Operation& operation, ByteView bytes) {
+  if (bytes.size() > std::numeric_limits<uint32_t>::max()) {
     operation.fail(Reason::too_large, "it would be " + std::to_string(bytes.size()) +
                                           " bytes, and 4,294,967,295 are the most");
   }
-  return static_cast<std::uint32_t>(bytes.size());
+  return static_cast<uint32_t>(bytes.size());
 }
 
 const unsigned char* bytesOf(ByteView bytes) {
@@ -42,7 +42,7 @@ const unsigned char* bytesOf(ByteView bytes) {
 
 // An append failed: the table is gone, its ends contradict its count, its last record is not one or
 // has a successor, or the file cannot be written.
-[[noreturn]] void failedAppend(const Operation& operation, Id table, std::uint64_t length) {
+[[noreturn]] void failedAppend(const Operation& operation, Id table, uint64_t length) {
   ReadScope scope(operation.db());
   const tablePart1 slot = operation.table(table).slot;
   const std::string of = "table '" + detail::storedName(slot) + "'";
@@ -78,7 +78,7 @@ bool locate(const Operation& operation, Id table, const Record& record,
 // however the operation is left.
 class WriteScope {
  public:
-  explicit WriteScope(std::int16_t db) : position_(db) {}
+  explicit WriteScope(int16_t db) : position_(db) {}
   ~WriteScope() {
     if (!isFinished_) static_cast<void>(position_.restore(0));
   }
@@ -98,15 +98,15 @@ class WriteScope {
 
 // What AddRecordData does, with the new record's place noted in the table's index.
 Id addRecord(const Operation& operation, detail::OpenDatabase& database, Id table,
-             std::optional<Id> record, ByteView payload, std::uint32_t reserve) {
-  const std::uint32_t size = sizeOf(operation, payload);
+             std::optional<Id> record, ByteView payload, uint32_t reserve) {
+  const uint32_t size = sizeOf(operation, payload);
   operation.requireWritable();
   operation.requireNoBulk();
   if (record) operation.requireIdentifier(*record);
   unsigned char recordID[qvdbase::kIdentifierSize];
   if (record) internal_ConvertInt64_2UuID(record->value, recordID);
-  std::int64_t blockPos = 0;
-  std::int64_t last = 0;
+  int64_t blockPos = 0;
+  int64_t last = 0;
   {
     WriteScope scope(operation.db());
     qvdbase::FoundTable found = operation.table(table);
@@ -126,8 +126,7 @@ Id addRecord(const Operation& operation, detail::OpenDatabase& database, Id tabl
   }
   const bool isLinked =
       detail::takeBackBlock(operation, table, blockPos, {{last, qvdbase::record::kNextRecordPos}});
-  const std::uint64_t length =
-      std::uint64_t{std::max(size, reserve)} + qvdbase::kRecordBlockOverhead;
+  const uint64_t length = uint64_t{std::max(size, reserve)} + qvdbase::kRecordBlockOverhead;
   operation.failIfWriteWasRefused(length);
   if (isLinked && qvdbase::platform::lastHostFailure()) operation.failedWrite(length);
   failedAppend(operation, table, length);
@@ -141,15 +140,15 @@ void needTable(const Operation& operation, Id table, qvdbase::FoundRecord* found
 
 // A record that moves to a new block, and its neighbours.
 struct Move {
-  std::int64_t newPosition = 0;  // 0: it does not move
-  std::int64_t previous = 0;
-  std::int64_t next = 0;
+  int64_t newPosition = 0;  // 0: it does not move
+  int64_t previous = 0;
+  int64_t next = 0;
 };
 
 // What ModifyRecordData does after its search.
 bool changePayload(const Operation& operation, detail::OpenDatabase& database, Id table,
                    qvdbase::FoundRecord* found, ByteView payload, Move* move) {
-  const auto size = static_cast<std::uint32_t>(payload.size());
+  const auto size = static_cast<uint32_t>(payload.size());
   ++database.changes;
   if (size <= found->header.dataCapacity) {
     database.noteChange({Kind::inPlace, table, found->recordPos});
@@ -169,16 +168,16 @@ bool changePayload(const Operation& operation, detail::OpenDatabase& database, I
 }
 
 bool changePart(const Operation& operation, detail::OpenDatabase& database, Id table,
-                const qvdbase::FoundRecord& found, std::uint64_t offset, ByteView bytes) {
-  const std::uint32_t size = found.header.dataLength;
+                const qvdbase::FoundRecord& found, uint64_t offset, ByteView bytes) {
+  const uint32_t size = found.header.dataLength;
   if (offset > size || bytes.size() > size - offset) {
     operation.fail(Reason::bad_argument, "it would end beyond the " + std::to_string(size) +
                                              " bytes that the record has");
   }
   ++database.changes;
   database.noteChange({Kind::inPlace, table, found.recordPos});
-  return qvdbase::overwritePart(operation.db(), found.recordPos, static_cast<std::uint32_t>(offset),
-                                bytesOf(bytes), static_cast<std::uint32_t>(bytes.size()));
+  return qvdbase::overwritePart(operation.db(), found.recordPos, static_cast<uint32_t>(offset),
+                                bytesOf(bytes), static_cast<uint32_t>(bytes.size()));
 }
 
 // What DeleteOneRecord does after its search.
@@ -291,7 +290,7 @@ std::optional<Record> findAfterFailure(const Table& table, Id record) {
 
 // False when the record is not there. Else its neighbours, or the file, must have refused. `size`
 // is what was to be written, at least.
-bool failedChange(const Operation& operation, const Table& table, Id id, std::uint64_t size,
+bool failedChange(const Operation& operation, const Table& table, Id id, uint64_t size,
                   bool isDeletion) {
   operation.failIfWriteWasRefused(size);
   const std::optional<Record> found = findAfterFailure(table, id);
@@ -299,7 +298,7 @@ bool failedChange(const Operation& operation, const Table& table, Id id, std::ui
   ReadScope scope(operation.db());
   const tablePart1 slot = operation.table(table.id()).slot;
   recordPart1 header;
-  const std::int64_t position = found->info().position;
+  const int64_t position = found->info().position;
   if (!qvdbase::readRecordHeaderAt(operation.db(), position, slot.tableID, &header) ||
       !detail::standsInChain(operation.db(), slot, header, position)) {
     operation.fail(Reason::chain_damaged, "the chain of table '" + table.name() +
@@ -316,7 +315,7 @@ bool failedChange(const Operation& operation, const Table& table, Id id, std::ui
 template <typename Whom>
 bool modifyOne(const Operation& operation, detail::OpenDatabase& database, const Table& table,
                const Whom& record, ByteView payload) {
-  const std::uint32_t size = sizeOf(operation, payload);
+  const uint32_t size = sizeOf(operation, payload);
   operation.requireWritable();
   Move move;
   const Changed changed =
@@ -328,14 +327,14 @@ bool modifyOne(const Operation& operation, detail::OpenDatabase& database, const
   const bool isLinked = detail::takeBackBlock(operation, table.id(), move.newPosition,
                                               {{move.previous, qvdbase::record::kNextRecordPos},
                                                {move.next, qvdbase::record::kPrevRecordPos}});
-  const std::uint64_t length = std::uint64_t{size} + qvdbase::kRecordBlockOverhead;
+  const uint64_t length = uint64_t{size} + qvdbase::kRecordBlockOverhead;
   if (isLinked && qvdbase::platform::lastHostFailure()) operation.failedWrite(length);
   return failedChange(operation, table, idOf(record), length, false);
 }
 
 template <typename Whom>
 bool writeOne(const Operation& operation, detail::OpenDatabase& database, const Table& table,
-              const Whom& record, std::uint64_t offset, ByteView bytes) {
+              const Whom& record, uint64_t offset, ByteView bytes) {
   operation.requireWritable();
   const Changed changed =
       changeOne(operation, database, table.id(), record, [&](qvdbase::FoundRecord* found) {
@@ -377,12 +376,12 @@ constexpr const char* kDelete = "delete the record";
 
 }  // namespace
 
-Id Table::add(ByteView payload, std::uint32_t reserve) {
+Id Table::add(ByteView payload, uint32_t reserve) {
   const Operation operation(database_, kAdd);
   return addRecord(operation, *database_, id_, std::nullopt, payload, reserve);
 }
 
-void Table::add_with_id(Id record, ByteView payload, std::uint32_t reserve) {
+void Table::add_with_id(Id record, ByteView payload, uint32_t reserve) {
   const Operation operation(database_, kAdd);
   addRecord(operation, *database_, id_, record, payload, reserve);
 }
@@ -397,12 +396,12 @@ bool Table::modify(const Record& record, ByteView payload) {
   return modifyOne(operation, *database_, *this, record, payload);
 }
 
-bool Table::write(Id record, std::uint64_t offset, ByteView bytes) {
+bool Table::write(Id record, uint64_t offset, ByteView bytes) {
   const Operation operation(database_, kChange);
   return writeOne(operation, *database_, *this, record, offset, bytes);
 }
 
-bool Table::write(const Record& record, std::uint64_t offset, ByteView bytes) {
+bool Table::write(const Record& record, uint64_t offset, ByteView bytes) {
   const Operation operation(database_, kChange);
   return writeOne(operation, *database_, *this, record, offset, bytes);
 }
@@ -427,16 +426,15 @@ bool Table::remove(const Record& record) {
   return removeOne(operation, *database_, *this, record);
 }
 
-void Table::set_data(ByteView data, std::uint32_t reserve) {
+void Table::set_data(ByteView data, uint32_t reserve) {
   const Operation operation(database_, "set the table's data");
-  const std::uint32_t size = sizeOf(operation, data);
+  const uint32_t size = sizeOf(operation, data);
   operation.requireWritable();
   operation.requireNoBulk();
-  const auto end = static_cast<std::int64_t>(operation.fileLength());
+  const auto end = static_cast<int64_t>(operation.fileLength());
   if (SetTableData(operation.db(), id_.value, bytesOf(data), size, reserve) == 1) return;
   detail::takeBackBlock(operation, id_, end);
-  const std::uint64_t length =
-      std::uint64_t{std::max(size, reserve)} + qvdbase::kTableDataBlockOverhead;
+  const uint64_t length = uint64_t{std::max(size, reserve)} + qvdbase::kTableDataBlockOverhead;
   operation.failIfWriteWasRefused(length);
   {
     const KeptHostFailure kept;

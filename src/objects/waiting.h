@@ -13,21 +13,20 @@ namespace qvdb::detail {
 
 // Between two tries. The lock of another process cannot be waited for without a limit in time, so
 // it is asked for again.
-inline constexpr std::uint64_t kPauseMicroseconds = 10'000;
+inline constexpr uint64_t kPauseMicroseconds = 10'000;
 
 // Calls `attempt` until it does not throw in_use, for `wait` at most, and at least once.
 template <typename Attempt>
 auto whileInUse(std::chrono::milliseconds wait, Attempt attempt) {
   using qvdbase::platform::microsecondCounter;
-  const std::int64_t milliseconds =
-      std::clamp<std::int64_t>(wait.count(), 0, INT64_MAX / 1'000 - 1);
-  const auto length = static_cast<std::uint64_t>(milliseconds) * 1'000;
-  const std::uint64_t begin = microsecondCounter();
+  const int64_t milliseconds = std::clamp<int64_t>(wait.count(), 0, INT64_MAX / 1'000 - 1);
+  const auto length = static_cast<uint64_t>(milliseconds) * 1'000;
+  const uint64_t begin = microsecondCounter();
   for (;;) {
     try {
       return attempt();
     } catch (const Error& error) {
-      const std::uint64_t passed = microsecondCounter() - begin;
+      const uint64_t passed = microsecondCounter() - begin;
       if (error.reason() != Reason::in_use || passed >= length) throw;
       qvdbase::platform::pauseFor(std::min(kPauseMicroseconds, length - passed));
     }

@@ -42,12 +42,12 @@ class OutputFile::State {
     if (!target_.file().writeAt(size_, bytes.data(), bytes.size())) {
       target_.failWriting();
     }
-    size_ += static_cast<std::int64_t>(bytes.size());
+    size_ += static_cast<int64_t>(bytes.size());
   }
 
  private:
   detail::TargetFile target_;
-  std::int64_t size_ = 0;
+  int64_t size_ = 0;
 };
 
 OutputFile::OutputFile(const std::filesystem::path& target, const std::filesystem::path& source,

@@ -32,7 +32,7 @@ void requireFolder(const std::filesystem::path& file, const char* operation, boo
 qvdbase::platform::FileAccess accessOf(const std::filesystem::path& file, const char* operation);
 
 // What becomes of a file that has the target's name already.
-enum class Existing : std::uint8_t { isKept, isReplacedIfEmpty, isReplaced };
+enum class Existing : uint8_t { isKept, isReplacedIfEmpty, isReplaced };
 
 struct TargetRules {
   Existing existing = Existing::isKept;

@@ -11,8 +11,8 @@ void storeBytes(QVNode* node, const void* bytes, int size) {
   node->data = nullptr;
   node->dataSize = 0;
   if (size < 1) return;
-  node->data = new unsigned char[static_cast<std::size_t>(size)];
-  std::memcpy(node->data, bytes, static_cast<std::size_t>(size));
+  node->data = new unsigned char[static_cast<size_t>(size)];
+  std::memcpy(node->data, bytes, static_cast<size_t>(size));
   node->dataSize = size;
 }
 
@@ -112,7 +112,7 @@ int QVList::GetAt(void* buffer, int* size, int index) {
   const bool hasData = node->data != nullptr && node->dataSize > 0;
   *size = hasData ? node->dataSize : 0;
   if (hasData && buffer != nullptr) {
-    std::memcpy(buffer, node->data, static_cast<std::size_t>(node->dataSize));
+    std::memcpy(buffer, node->data, static_cast<size_t>(node->dataSize));
   }
   return 1;
 }

@@ -41,13 +41,13 @@ constexpr const char* kOperation = "compact the database";
 // A part of the work, as a range of percents that is passed through record by record.
 class Stage {
  public:
-  Stage(detail::Reporter& reporter, const fs::path& path, int from, int to, std::uint64_t total)
+  Stage(detail::Reporter& reporter, const fs::path& path, int from, int to, uint64_t total)
       : reporter_(reporter), path_(path), from_(from), to_(to), total_(total) {}
 
   // One record more. Throws cancelled, and what the caller's function throws.
   void step() {
-    const std::uint64_t share = std::min(done_++, total_);
-    const auto width = static_cast<std::uint64_t>(to_ - from_);
+    const uint64_t share = std::min(done_++, total_);
+    const auto width = static_cast<uint64_t>(to_ - from_);
     report(from_ + static_cast<int>(total_ == 0 ? 0 : share * width / total_));
   }
 
@@ -61,8 +61,8 @@ class Stage {
   const fs::path& path_;
   int from_;
   int to_;
-  std::uint64_t total_;
-  std::uint64_t done_ = 0;
+  uint64_t total_;
+  uint64_t done_ = 0;
 };
 
 class Compaction {
@@ -105,7 +105,7 @@ class Compaction {
     Stage stage(reporter_, source_, 0, 20, countedRecords());
     LiveReader reader(file.source());
     for (const qvdbase::raw::Table& table : all.tables) {
-      const std::uint32_t data = packedData(all, table);
+      const uint32_t data = packedData(all, table);
       if (data != qvdbase::raw::kNoBlock) {
         reader.setDataPosition(table.slot, all.blocks[data].position);
       }
@@ -134,9 +134,9 @@ class Compaction {
   }
 
   // For the progress of the survey, which does not know yet whether they are there.
-  std::uint64_t countedRecords() const {
+  uint64_t countedRecords() const {
     const Database database = Database::open(source_, Mode::read_only);
-    std::uint64_t count = 0;
+    uint64_t count = 0;
     for (const Table& table : database.tables()) count += table.count();
     return count;
   }
@@ -171,7 +171,7 @@ class Compaction {
 
   CompactReport reportOn(const ByteSource& source, const LiveLayout& layout) const {
     CompactReport report;
-    report.size_before = static_cast<std::uint64_t>(source.size());
+    report.size_before = static_cast<uint64_t>(source.size());
     report.size_after = layout.size();
     report.tables = database_.tables.size();
     report.records = database_.recordCount();

@@ -17,9 +17,9 @@ using raw::Window;
 
 namespace {
 
-constexpr std::size_t kPiece = std::size_t{256} << 10;
+constexpr size_t kPiece = size_t{256} << 10;
 
-TableDataHead liveData(Window& window, std::int64_t position) {
+TableDataHead liveData(Window& window, int64_t position) {
   const uint8_t* bytes = window.at(position, tabledata::kData);
   return bytes != nullptr ? decodeTableDataHead(bytes) : TableDataHead{};
 }
@@ -34,12 +34,12 @@ class Writer {
       : source_(source), window_(source), target_(target), buffer_(kPiece) {}
 
   Window& window() { return window_; }
-  std::int64_t position() const { return flushed_ + static_cast<std::int64_t>(held_); }
+  int64_t position() const { return flushed_ + static_cast<int64_t>(held_); }
 
-  void write(const void* bytes, std::size_t count) {
+  void write(const void* bytes, size_t count) {
     const auto* from = static_cast<const unsigned char*>(bytes);
     while (count > 0) {
-      const std::size_t part = std::min(count, buffer_.size() - held_);
+      const size_t part = std::min(count, buffer_.size() - held_);
       std::memcpy(buffer_.data() + held_, from, part);
       took(part);
       from += part;
@@ -47,10 +47,9 @@ class Writer {
     }
   }
 
-  void zeros(std::uint64_t count) {
+  void zeros(uint64_t count) {
     while (count > 0) {
-      const auto part =
-          static_cast<std::size_t>(std::min<std::uint64_t>(count, buffer_.size() - held_));
+      const auto part = static_cast<size_t>(std::min<uint64_t>(count, buffer_.size() - held_));
       std::memset(buffer_.data() + held_, 0, part);
       took(part);
       count -= part;
@@ -58,29 +57,29 @@ class Writer {
   }
 
   // Bytes of the source; short payloads come out of its window.
-  void copy(std::int64_t from, std::uint32_t count) {
+  void copy(int64_t from, uint32_t count) {
     if (count <= Window::kLargestView) {
       const uint8_t* bytes = window_.at(from, count);
       if (bytes == nullptr) throw CannotRead();
       return write(bytes, count);
     }
     while (count > 0) {
-      const std::size_t part = std::min<std::size_t>(count, buffer_.size() - held_);
+      const size_t part = std::min<size_t>(count, buffer_.size() - held_);
       if (source_.readAt(from, buffer_.data() + held_, part) != part) throw CannotRead();
       took(part);
-      from += static_cast<std::int64_t>(part);
-      count -= static_cast<std::uint32_t>(part);
+      from += static_cast<int64_t>(part);
+      count -= static_cast<uint32_t>(part);
     }
   }
 
   void flush() {
     if (!target_.writeAt(flushed_, buffer_.data(), held_)) throw CannotWrite();
-    flushed_ += static_cast<std::int64_t>(held_);
+    flushed_ += static_cast<int64_t>(held_);
     held_ = 0;
   }
 
  private:
-  void took(std::size_t count) {
+  void took(size_t count) {
     held_ += count;
     if (held_ == buffer_.size()) flush();
   }
@@ -89,8 +88,8 @@ class Writer {
   Window window_;
   platform::NewFile& target_;
   std::vector<unsigned char> buffer_;
-  std::size_t held_ = 0;
-  std::int64_t flushed_ = 0;
+  size_t held_ = 0;
+  int64_t flushed_ = 0;
 };
 
 void writeSlot(Writer& out, const tablePart1& slot) {
@@ -110,7 +109,7 @@ tablePart1 slotOf(const LiveTable& table, const LiveLayout::Table& place) {
 
 void writeDirectory(Writer& out, const LiveDatabase& database, const LiveLayout& layout) {
   out.zeros(kDirectoryPos);  // until everything else is there
-  for (std::size_t i = 0; i < database.tables.size(); ++i) {
+  for (size_t i = 0; i < database.tables.size(); ++i) {
     writeSlot(out, slotOf(database.tables[i], layout.tables()[i]));
   }
   const tablePart1 freeSlot{};
@@ -118,13 +117,13 @@ void writeDirectory(Writer& out, const LiveDatabase& database, const LiveLayout&
 }
 
 // The fill behind payload and data is new: what stood there is dead.
-void writeRoom(Writer& out, std::int64_t from, std::uint32_t length, std::uint32_t capacity) {
+void writeRoom(Writer& out, int64_t from, uint32_t length, uint32_t capacity) {
   out.copy(from, length);
   out.zeros(capacity - length);
   out.write(&kBlockEndMark, 1);
 }
 
-void writeData(Writer& out, std::int64_t from) {
+void writeData(Writer& out, int64_t from) {
   const TableDataHead head = liveData(out.window(), from);
   unsigned char bytes[tabledata::kData];
   encodeTableDataHead(head, bytes);
@@ -132,11 +131,11 @@ void writeData(Writer& out, std::int64_t from) {
   writeRoom(out, from + tabledata::kData, head.dataLength, head.dataCapacity);
 }
 
-std::int64_t writeRecord(Writer& out, std::int64_t from, std::int64_t previous, bool isLast) {
-  const std::int64_t position = out.position();
+int64_t writeRecord(Writer& out, int64_t from, int64_t previous, bool isLast) {
+  const int64_t position = out.position();
   recordPart1 head = liveRecord(out.window(), from);
-  const std::uint32_t length = head.dataLength;
-  const std::uint32_t capacity = head.dataCapacity;
+  const uint32_t length = head.dataLength;
+  const uint32_t capacity = head.dataCapacity;
   head.prevRecordPos = previous;
   head.nextRecordPos = isLast ? 0 : position + capacity + kRecordBlockOverhead;
   unsigned char bytes[record::kData];
@@ -148,8 +147,8 @@ std::int64_t writeRecord(Writer& out, std::int64_t from, std::int64_t previous, 
 
 void writeTable(Writer& out, const LiveTable& table, const std::function<void()>& step) {
   if (table.slot.firstDataPos != 0) writeData(out, table.slot.firstDataPos);
-  std::int64_t previous = 0;
-  for (std::size_t i = 0; i < table.records.size(); ++i) {
+  int64_t previous = 0;
+  for (size_t i = 0; i < table.records.size(); ++i) {
     step();
     previous = writeRecord(out, table.records[i], previous, i + 1 == table.records.size());
   }
@@ -167,7 +166,7 @@ class Comparison {
     if (copy.records.size() != source.records.size() || !sameSlot(copy.slot, source.slot)) {
       return false;
     }
-    for (std::size_t i = 0; i < source.records.size(); ++i) {
+    for (size_t i = 0; i < source.records.size(); ++i) {
       step();
       if (!sameRecord(copy.records[i], source.records[i])) return false;
     }
@@ -188,7 +187,7 @@ class Comparison {
     return std::memcmp(first, second, sizeof first) == 0;
   }
 
-  bool sameRecord(std::int64_t copyPos, std::int64_t sourcePos) {
+  bool sameRecord(int64_t copyPos, int64_t sourcePos) {
     const recordPart1 copy = liveRecord(copyWindow_, copyPos);
     const recordPart1 source = liveRecord(sourceWindow_, sourcePos);
     return std::memcmp(copy.tableID, source.tableID, kIdentifierSize) == 0 &&
@@ -199,7 +198,7 @@ class Comparison {
            copyWindow_.byteAt(copyPos + record::kData + copy.dataCapacity) == kBlockEndMark;
   }
 
-  bool sameData(std::int64_t copyPos, std::int64_t sourcePos) {
+  bool sameData(int64_t copyPos, int64_t sourcePos) {
     if (copyPos == 0 || sourcePos == 0) return copyPos == sourcePos;
     const TableDataHead copy = liveData(copyWindow_, copyPos);
     const TableDataHead source = liveData(sourceWindow_, sourcePos);
@@ -208,7 +207,7 @@ class Comparison {
            copyWindow_.byteAt(copyPos + tabledata::kData + copy.dataCapacity) == kBlockEndMark;
   }
 
-  bool sameBytes(std::int64_t copyPos, std::int64_t sourcePos, std::uint32_t count) {
+  bool sameBytes(int64_t copyPos, int64_t sourcePos, uint32_t count) {
     if (count <= Window::kLargestView) {
       const uint8_t* first = copyWindow_.at(copyPos, count);
       const uint8_t* second = sourceWindow_.at(sourcePos, count);
@@ -216,14 +215,14 @@ class Comparison {
     }
     first_.resize(kPiece);
     second_.resize(kPiece);
-    for (std::uint32_t done = 0; done < count;) {
-      const std::size_t part = std::min<std::size_t>(count - done, kPiece);
+    for (uint32_t done = 0; done < count;) {
+      const size_t part = std::min<size_t>(count - done, kPiece);
       if (copy_.readAt(copyPos + done, first_.data(), part) != part ||
           source_.readAt(sourcePos + done, second_.data(), part) != part ||
           std::memcmp(first_.data(), second_.data(), part) != 0) {
         return false;
       }
-      done += static_cast<std::uint32_t>(part);
+      done += static_cast<uint32_t>(part);
     }
     return true;
   }
@@ -249,7 +248,7 @@ LiveLayout::LiveLayout(const ByteSource& source, const LiveDatabase& database) {
     }
     if (!table.records.empty()) {
       // What was written last may be a block that is dead.
-      const std::int64_t lastWritten =
+      const int64_t lastWritten =
           table.bytesBeforeLastWritten < 0 ? table.bytesBeforeLast : table.bytesBeforeLastWritten;
       place.firstRecord = end_;
       place.lastRecord = end_ + table.bytesBeforeLast;
@@ -284,9 +283,9 @@ bool isLiveCopy(const ByteSource& copy, const ByteSource& source, const LiveData
   if (copied.header != database.header || copied.tables.size() != database.tables.size()) {
     return false;
   }
-  if (copy.size() != static_cast<std::int64_t>(layout.size())) return false;
+  if (copy.size() != static_cast<int64_t>(layout.size())) return false;
   Comparison comparison(copy, source);
-  for (std::size_t i = 0; i < database.tables.size(); ++i) {
+  for (size_t i = 0; i < database.tables.size(); ++i) {
     if (!comparison.sameTable(copied.tables[i], database.tables[i], step)) return false;
   }
   return true;

@@ -15,18 +15,18 @@ class LiveLayout {
  public:
   LiveLayout(const qvdbase::raw::ByteSource& source, const LiveDatabase& database);
 
-  std::uint64_t size() const { return static_cast<std::uint64_t>(end_); }
+  uint64_t size() const { return static_cast<uint64_t>(end_); }
 
   struct Table {
-    std::int64_t data = 0;  // 0 for none
-    std::int64_t firstRecord = 0;
-    std::int64_t lastRecord = 0;
-    std::int64_t lastWrittenRecord = 0;
+    int64_t data = 0;  // 0 for none
+    int64_t firstRecord = 0;
+    int64_t lastRecord = 0;
+    int64_t lastWrittenRecord = 0;
   };
   const std::vector<Table>& tables() const { return tables_; }
 
  private:
-  std::int64_t end_ = 0;
+  int64_t end_ = 0;
   std::vector<Table> tables_;
 };
 

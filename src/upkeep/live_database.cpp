@@ -11,8 +11,8 @@ namespace qvdb::detail {
 
 using namespace qvdbase;
 
-std::uint64_t LiveDatabase::recordCount() const {
-  std::uint64_t count = 0;
+uint64_t LiveDatabase::recordCount() const {
+  uint64_t count = 0;
   for (const LiveTable& table : tables) count += table.records.size();
   return count;
 }
@@ -23,9 +23,9 @@ bool LiveReader::fail(LiveDamage damage, const std::string& why) {
   return false;
 }
 
-bool LiveReader::holds(std::int64_t position, std::uint64_t size) const {
+bool LiveReader::holds(int64_t position, uint64_t size) const {
   return position >= blocksStart_ && position <= source_.size() &&
-         size <= static_cast<std::uint64_t>(source_.size() - position);
+         size <= static_cast<uint64_t>(source_.size() - position);
 }
 
 bool LiveReader::read(LiveDatabase* database, const std::function<void()>& step) {
@@ -40,11 +40,11 @@ bool LiveReader::readDirectory(LiveDatabase* database) {
   const uint8_t* header = window_.at(0, database->header.size());
   if (header == nullptr) return fail(LiveDamage::directory, "the file is cut off in its header");
   std::memcpy(database->header.data(), header, database->header.size());
-  const auto number = [&](std::int64_t offset) {
-    return static_cast<std::uint16_t>(loadBigEndian(database->header.data() + offset, 2));
+  const auto number = [&](int64_t offset) {
+    return static_cast<uint16_t>(loadBigEndian(database->header.data() + offset, 2));
   };
-  database->tableCount = static_cast<std::int16_t>(number(kTableCountPos));
-  database->slotCount = static_cast<std::int16_t>(number(kSlotCountPos));
+  database->tableCount = static_cast<int16_t>(number(kTableCountPos));
+  database->slotCount = static_cast<int16_t>(number(kSlotCountPos));
   database->slotSize = number(kSlotSizePos);
   if (database->slotSize != kSlotImageSize || database->tableCount < 0 ||
       database->tableCount > database->slotCount) {
@@ -54,7 +54,7 @@ bool LiveReader::readDirectory(LiveDatabase* database) {
   if (blocksStart_ > source_.size()) {
     return fail(LiveDamage::directory, "the file is cut off in its directory");
   }
-  for (std::int16_t i = 0; i < database->tableCount; ++i) {
+  for (int16_t i = 0; i < database->tableCount; ++i) {
     const uint8_t* image = window_.at(kDirectoryPos + i * kSlotImageSize, kSlotImageSize);
     LiveTable table;
     if (image != nullptr) decodeSlot(image, &table.slot);
@@ -75,14 +75,14 @@ bool LiveReader::readDirectory(LiveDatabase* database) {
 
 bool LiveReader::readChain(LiveTable* table, const std::function<void()>& step) {
   const tablePart1& slot = table->slot;
-  std::int64_t position = slot.firstRecordPos;
-  std::int64_t previous = 0;
+  int64_t position = slot.firstRecordPos;
+  int64_t previous = 0;
   const auto damaged = [&](const char* how) {
     recordNumber_ = table->records.size() + 1;
     return fail(LiveDamage::chain, "record " + std::to_string(recordNumber_) + " of table '" +
                                        table->name + "' " + how);
   };
-  for (std::uint32_t i = 0; i < slot.recordCount; ++i) {
+  for (uint32_t i = 0; i < slot.recordCount; ++i) {
     step();
     if (position == 0) return damaged("is missing: the chain ends before it");
     const uint8_t* bytes =
@@ -95,13 +95,13 @@ bool LiveReader::readChain(LiveTable* table, const std::function<void()>& step) 
     }
     if (head.prevRecordPos != previous) return damaged("does not point back to the one before it");
     if (head.dataLength > head.dataCapacity) return damaged("claims more bytes than it has room");
-    if (!holds(position, std::uint64_t{head.dataCapacity} + kRecordBlockOverhead)) {
+    if (!holds(position, uint64_t{head.dataCapacity} + kRecordBlockOverhead)) {
       return damaged("reaches beyond the end of the file");
     }
     table->records.push_back(position);
     if (position == slot.lastWrittenRecordPos) table->bytesBeforeLastWritten = table->blockBytes;
     table->bytesBeforeLast = table->blockBytes;
-    table->blockBytes += std::int64_t{head.dataCapacity} + kRecordBlockOverhead;
+    table->blockBytes += int64_t{head.dataCapacity} + kRecordBlockOverhead;
     previous = position;
     position = head.nextRecordPos;
   }
@@ -116,7 +116,7 @@ bool LiveReader::readChain(LiveTable* table, const std::function<void()>& step) 
 }
 
 bool LiveReader::readData(const LiveTable& table) {
-  const std::int64_t position = table.slot.firstDataPos;
+  const int64_t position = table.slot.firstDataPos;
   if (position == 0) return true;
   const auto damaged = [&] {
     return fail(LiveDamage::data, "the data of table '" + table.name + "' is damaged");
@@ -129,11 +129,11 @@ bool LiveReader::readData(const LiveTable& table) {
                        head.headerSize == kTableDataHeaderSize &&
                        std::memcmp(head.tableID, table.slot.tableID, kIdentifierSize) == 0 &&
                        head.dataLength <= head.dataCapacity &&
-                       holds(position, std::uint64_t{head.dataCapacity} + kTableDataBlockOverhead);
+                       holds(position, uint64_t{head.dataCapacity} + kTableDataBlockOverhead);
   return isSound || damaged();
 }
 
-recordPart1 liveRecord(raw::Window& window, std::int64_t position) {
+recordPart1 liveRecord(raw::Window& window, int64_t position) {
   const uint8_t* bytes = window.at(position, record::kData);
   return bytes != nullptr ? decodeRecordHead(bytes) : recordPart1{};
 }

@@ -18,26 +18,26 @@ namespace qvdb::detail {
 struct LiveTable {
   tablePart1 slot{};
   std::string name;
-  std::vector<std::int64_t> records;  // the positions of their blocks, in the order of the chain
+  std::vector<int64_t> records;  // the positions of their blocks, in the order of the chain
 
   // How long those blocks are together, and how long the ones before two of them: for placing them
   // elsewhere without reading them again.
-  std::int64_t blockBytes = 0;
-  std::int64_t bytesBeforeLast = 0;
-  std::int64_t bytesBeforeLastWritten = -1;  // -1 when no live block is the one written last
+  int64_t blockBytes = 0;
+  int64_t bytesBeforeLast = 0;
+  int64_t bytesBeforeLastWritten = -1;  // -1 when no live block is the one written last
 };
 
 struct LiveDatabase {
   std::array<unsigned char, qvdbase::kDirectoryPos> header{};
-  std::int16_t tableCount = 0;
-  std::int16_t slotCount = 0;
-  std::uint16_t slotSize = 0;
+  int16_t tableCount = 0;
+  int16_t slotCount = 0;
+  uint16_t slotSize = 0;
   std::vector<LiveTable> tables;
 
-  std::int64_t blocksStart() const {
-    return qvdbase::kDirectoryPos + std::int64_t{slotCount} * qvdbase::kSlotImageSize;
+  int64_t blocksStart() const {
+    return qvdbase::kDirectoryPos + int64_t{slotCount} * qvdbase::kSlotImageSize;
   }
-  std::uint64_t recordCount() const;
+  uint64_t recordCount() const;
 };
 
 // How a table's damage is told: the table, and what is wrong with it.
@@ -51,9 +51,7 @@ class LiveReader {
   explicit LiveReader(const qvdbase::raw::ByteSource& source) : source_(source), window_(source) {}
 
   // Where the data of the table in that slot lies, if the slot does not say it.
-  void setDataPosition(int slot, std::int64_t position) {
-    dataPositions_.emplace_back(slot, position);
-  }
+  void setDataPosition(int slot, int64_t position) { dataPositions_.emplace_back(slot, position); }
 
   // False when something does not fit; damage() and why() tell then. `step` is called for each
   // record and may throw.
@@ -61,25 +59,25 @@ class LiveReader {
 
   LiveDamage damage() const { return damage_; }
   const std::string& why() const { return why_; }
-  std::uint64_t recordNumber() const { return recordNumber_; }  // counted from 1; 0 for none
+  uint64_t recordNumber() const { return recordNumber_; }  // counted from 1; 0 for none
 
  private:
   bool fail(LiveDamage damage, const std::string& why);
   bool readDirectory(LiveDatabase* database);
   bool readChain(LiveTable* table, const std::function<void()>& step);
   bool readData(const LiveTable& table);
-  bool holds(std::int64_t position, std::uint64_t size) const;
+  bool holds(int64_t position, uint64_t size) const;
 
   const qvdbase::raw::ByteSource& source_;
   qvdbase::raw::Window window_;
   LiveDamage damage_ = LiveDamage::none;
   std::string why_;
-  std::uint64_t recordNumber_ = 0;
-  std::int64_t blocksStart_ = 0;
-  std::vector<std::pair<int, std::int64_t>> dataPositions_;
+  uint64_t recordNumber_ = 0;
+  int64_t blocksStart_ = 0;
+  std::vector<std::pair<int, int64_t>> dataPositions_;
 };
 
 // The header of the block at a position that LiveReader has accepted.
-recordPart1 liveRecord(qvdbase::raw::Window& window, std::int64_t position);
+recordPart1 liveRecord(qvdbase::raw::Window& window, int64_t position);
 
 }  // namespace qvdb::detail

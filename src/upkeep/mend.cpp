@@ -58,7 +58,7 @@ class Mending {
   void write() {
     qvdbase::platform::forgetHostFailure();
     for (const qvdbase::raw::Patch& patch : plan_.patches) writePatch(patch);
-    if (plan_.size < static_cast<std::int64_t>(database_.info().file_size)) cut();
+    if (plan_.size < static_cast<int64_t>(database_.info().file_size)) cut();
     database_.sync();
     const qvdbase::raw::OpenedFile file(database_.handle(), path_, kOperation);
     if (qvdbase::check::checkSource(file.source()).errors == 0) return;
@@ -66,8 +66,8 @@ class Mending {
   }
 
   void writePatch(const qvdbase::raw::Patch& patch) {
-    const std::int16_t db = database_.handle();
-    const auto count = static_cast<std::uint32_t>(patch.bytes.size());
+    const int16_t db = database_.handle();
+    const auto count = static_cast<uint32_t>(patch.bytes.size());
     qvdbase::SavedPosition position(db);
     const bool isWritten = myFileSeek(db, patch.position, kFromStart) == 0 &&
                            qvdbase::writeBytes(db, patch.bytes.data(), count);

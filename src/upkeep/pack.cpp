@@ -88,7 +88,7 @@ class Packing {
   }
 
   // Returns how many records would be lost. Refuses that, and errors, unless it is forced.
-  std::uint64_t judge() const {
+  uint64_t judge() const {
     const qvdbase::raw::OpenedFile file(database_.handle(), source_, operation_);
     const qvdbase::raw::Survey survey = qvdbase::raw::makeSurvey(file.source());
     const detail::Verdict verdict = detail::judgeCopy(file.source(), survey);
@@ -99,7 +99,7 @@ class Packing {
   }
 
   // The library says only that it failed.
-  [[noreturn]] void failPack(std::uint64_t length, const std::function<void()>& other) const {
+  [[noreturn]] void failPack(uint64_t length, const std::function<void()>& other) const {
     const auto failure = qvdbase::platform::findWriteFailure(length);
     if (!check(source_).pack) {
       failOn(source_, operation_, Reason::chain_damaged, "the database is damaged");
@@ -139,8 +139,8 @@ PackReport renumber(const fs::path& source, const fs::path& target,
            std::string("it has no table '") + kCategoryTable + "', which it cannot do without");
   }
   const auto renumberOpenFile = [&] {
-    std::uint16_t srcRef = 0;
-    std::uint16_t dstRef = 0;
+    uint16_t srcRef = 0;
+    uint16_t dstRef = 0;
     int status = 0;
     return PackOneDB2AllNewUUIDFile(packing.nativeTarget(), packing.database().handle(), 0,
                                     Reporter::packProgress, &srcRef, &dstRef, &status,

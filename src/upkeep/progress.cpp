@@ -44,11 +44,11 @@ bool Reporter::wantsToStop() const {
   return stops_;
 }
 
-std::uint16_t Reporter::packProgress(int, int percent, void*) {
+uint16_t Reporter::packProgress(int, int percent, void*) {
   return listener->report(percent) ? 1 : 0;
 }
 
-std::uint16_t Reporter::repairProgress(int percent, int, void*) {
+uint16_t Reporter::repairProgress(int percent, int, void*) {
   return listener->report(percent) ? 1 : 0;
 }
 

@@ -26,8 +26,8 @@ class Reporter {
   // The progress functions to hand to the C functions. Packs call with the percent second, and the
   // first of them without any argument that could lead here: it finds the reporter that was made
   // last, which is why there is one at a time.
-  static std::uint16_t packProgress(int userData, int percent, void* unused);
-  static std::uint16_t repairProgress(int percent, int userData, void* unused);
+  static uint16_t packProgress(int userData, int percent, void* unused);
+  static uint16_t repairProgress(int percent, int userData, void* unused);
 
   // Makes this the reporter that the two functions above find.
   void listen();

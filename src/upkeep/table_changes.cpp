@@ -21,8 +21,8 @@ class Changes {
       : path_(path), operation_(operation), database_(*database) {}
 
   void apply(const CompactOptions& options) {
-    std::set<std::size_t> dropped;
-    std::vector<std::pair<std::size_t, std::string>> renamed;
+    std::set<size_t> dropped;
+    std::vector<std::pair<size_t, std::string>> renamed;
     for (const std::string& name : options.clear) clear(&database_.tables[indexOf(name)]);
     for (const std::string& name : options.drop) dropped.insert(indexOf(name));
     for (const auto& [from, to] : options.rename) renamed.emplace_back(indexOf(from), to);
@@ -31,7 +31,7 @@ class Changes {
     for (auto index = dropped.rbegin(); index != dropped.rend(); ++index) {
       database_.tables.erase(database_.tables.begin() + static_cast<std::ptrdiff_t>(*index));
     }
-    database_.tableCount = static_cast<std::int16_t>(database_.tables.size());
+    database_.tableCount = static_cast<int16_t>(database_.tables.size());
     storeBigEndian(database_.header.data() + kTableCountPos, 2, database_.tables.size());
   }
 
@@ -40,13 +40,13 @@ class Changes {
     failOn(path_, operation_, reason, why);
   }
 
-  std::size_t indexOf(const std::string& name) {
+  size_t indexOf(const std::string& name) {
     const auto found = std::find_if(database_.tables.begin(), database_.tables.end(),
                                     [&](const LiveTable& table) { return table.name == name; });
     if (found == database_.tables.end()) {
       fail(Reason::table_missing, "there is no table '" + name + "'");
     }
-    const auto index = static_cast<std::size_t>(found - database_.tables.begin());
+    const auto index = static_cast<size_t>(found - database_.tables.begin());
     if (!named_.insert(index).second) {
       fail(Reason::bad_argument, "the table '" + name + "' is named twice");
     }
@@ -75,11 +75,11 @@ class Changes {
     std::memcpy(table->slot.tableName, name.data(), name.size());
   }
 
-  void refuseEqualNames(const std::vector<std::pair<std::size_t, std::string>>& renamed,
-                        const std::set<std::size_t>& dropped) {
+  void refuseEqualNames(const std::vector<std::pair<size_t, std::string>>& renamed,
+                        const std::set<size_t>& dropped) {
     for (const auto& [index, name] : renamed) database_.tables[index].name = name;
     for (const auto& each : renamed) {
-      for (std::size_t i = 0; i < database_.tables.size(); ++i) {
+      for (size_t i = 0; i < database_.tables.size(); ++i) {
         if (i == each.first || dropped.contains(i)) continue;
         if (database_.tables[i].name != each.second) continue;
         fail(Reason::table_exists, "there would be two tables '" + each.second + "'");
@@ -90,7 +90,7 @@ class Changes {
   const std::filesystem::path& path_;
   const char* operation_;
   LiveDatabase& database_;
-  std::set<std::size_t> named_;
+  std::set<size_t> named_;
 };
 
 }  // namespace

@@ -20,31 +20,31 @@ using qvdbase::raw::Table;
 
 namespace {
 
-std::string counted(std::uint64_t count, const char* one, const char* many) {
+std::string counted(uint64_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
 // What such a copy takes along, and how large it will be.
 struct Copied {
   std::vector<bool> blocks;
-  std::int64_t size = 0;
+  int64_t size = 0;
 };
 
 Copied copiedBlocks(const Survey& survey) {
   Copied copied = {std::vector<bool>(survey.blocks.size(), false), survey.blocksStart};
-  const auto take = [&](std::uint32_t number) {
+  const auto take = [&](uint32_t number) {
     const Block& block = survey.blocks[number];
     copied.blocks[number] = true;
     copied.size += block.claimedEnd() - block.position;
   };
   for (const Table& table : survey.tables) {
-    const auto& slot = survey.slots[static_cast<std::size_t>(table.slot)];
+    const auto& slot = survey.slots[static_cast<size_t>(table.slot)];
     if (!slot.counted) continue;
-    const std::vector<std::uint32_t>& walk = table.forward.blocks;
-    const auto count = std::min<std::size_t>(walk.size(), slot.fields.recordCount);
+    const std::vector<uint32_t>& walk = table.forward.blocks;
+    const auto count = std::min<size_t>(walk.size(), slot.fields.recordCount);
     std::for_each(walk.begin(), walk.begin() + static_cast<std::ptrdiff_t>(count), take);
     const bool isInPlace = table.dataState == qvdbase::raw::DataState::sound;
-    const std::uint32_t data = isInPlace ? table.dataBlock : packedData(survey, table);
+    const uint32_t data = isInPlace ? table.dataBlock : packedData(survey, table);
     if (data != kNoBlock) take(data);
   }
   return copied;
@@ -74,7 +74,7 @@ class Errors {
 
 void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
   const qvdbase::salvage::Plan plan = qvdbase::salvage::makePlan(survey, {});
-  for (const std::uint32_t number : blocksInFileOrder(survey)) {
+  for (const uint32_t number : blocksInFileOrder(survey)) {
     const Block& block = survey.blocks[number];
     if (!block.isReached() && block.grade != Grade::a) ++verdict->tornBlocks;
     if (plan.destination[number] < 0 || copied.blocks[number]) continue;

@@ -12,14 +12,14 @@
 namespace qvdb::detail {
 
 struct Verdict {
-  std::uint64_t errors = 0;  // that check finds, without those of data that a pack has moved
+  uint64_t errors = 0;  // that check finds, without those of data that a pack has moved
   std::string firstError;
-  std::uint64_t records = 0;     // that a salvage would bring back and the copy would not have
-  std::uint64_t dataBlocks = 0;  // the same of table data
-  std::uint64_t cutOff = 0;      // of the records, those of writes that were cut off
-  std::string firstCutOff;       // where the first of these lies
-  std::uint64_t tornBlocks = 0;  // of writes that were cut off: nothing brings them back
-  bool grows = false;            // the copy would be larger than the source
+  uint64_t records = 0;     // that a salvage would bring back and the copy would not have
+  uint64_t dataBlocks = 0;  // the same of table data
+  uint64_t cutOff = 0;      // of the records, those of writes that were cut off
+  std::string firstCutOff;  // where the first of these lies
+  uint64_t tornBlocks = 0;  // of writes that were cut off: nothing brings them back
+  bool grows = false;       // the copy would be larger than the source
 
   bool isClean() const { return errors == 0 && records == 0 && dataBlocks == 0 && !grows; }
   std::string why() const;

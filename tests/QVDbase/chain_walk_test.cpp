@@ -11,20 +11,20 @@ namespace {
 using qvdbase::LoopDetector;
 
 // Position of the n-th step of a walk over `tail` records and then a loop of `round`.
-std::int64_t positionAt(std::uint64_t step, std::uint64_t tail, std::uint64_t round) {
-  const std::uint64_t place = step < tail ? step : tail + (step - tail) % round;
-  return static_cast<std::int64_t>(4630 + 61 * place);
+int64_t positionAt(uint64_t step, uint64_t tail, uint64_t round) {
+  const uint64_t place = step < tail ? step : tail + (step - tail) % round;
+  return static_cast<int64_t>(4630 + 61 * place);
 }
 
 TEST(LoopDetector, FindsEveryLoopWithinAFewRounds) {
-  for (const std::uint64_t tail : {0u, 1u, 2u, 3u, 100u, 1023u, 5000u}) {
-    for (const std::uint64_t round : {1u, 2u, 3u, 64u, 1000u, 4099u}) {
+  for (const uint64_t tail : {0u, 1u, 2u, 3u, 100u, 1023u, 5000u}) {
+    for (const uint64_t round : {1u, 2u, 3u, 64u, 1000u, 4099u}) {
       SCOPED_TRACE(std::to_string(tail) + " and " + std::to_string(round));
       // Positions are remembered after 1, 2, 4, 8... steps: one of them soon lies in the loop and
       // is kept for a whole round of it.
-      const std::uint64_t most = 3 * (tail + round) + 3;
+      const uint64_t most = 3 * (tail + round) + 3;
       LoopDetector walk;
-      std::uint64_t step = 0;
+      uint64_t step = 0;
       while (step < most && !walk.visited(positionAt(step, tail, round))) ++step;
       EXPECT_LT(step, most);
       EXPECT_EQ(walk.period(), round);
@@ -34,7 +34,7 @@ TEST(LoopDetector, FindsEveryLoopWithinAFewRounds) {
 
 TEST(LoopDetector, SaysNothingOfAWalkThatNeverComesRound) {
   LoopDetector walk;
-  for (std::int64_t position = 0; position < 100000; ++position) {
+  for (int64_t position = 0; position < 100000; ++position) {
     ASSERT_FALSE(walk.visited(position));
   }
 }

@@ -11,19 +11,19 @@ namespace {
 
 class DirectoryCache : public DatabaseTest {
  protected:
-  static bool readDirectory(std::int16_t db) {
-    std::int32_t count = 0;
+  static bool readDirectory(int16_t db) {
+    int32_t count = 0;
     return GetNumberOfTable(db, &count) == 1;
   }
 
-  static std::int32_t numberOfTables(std::int16_t db) {
-    std::int32_t count = -99;
+  static int32_t numberOfTables(int16_t db) {
+    int32_t count = -99;
     EXPECT_EQ(GetNumberOfTable(db, &count), 1);
     return count;
   }
 
   // An entry as the engine makes it, for a handle that need not be open.
-  static void addEntry(std::int16_t db, std::int16_t tableCount) {
+  static void addEntry(int16_t db, int16_t tableCount) {
     DirectoryCacheEntry entry = {};
     entry.fileRef = db;
     entry.tableCount = tableCount;
@@ -42,12 +42,12 @@ class DirectoryCache : public DatabaseTest {
 
 TEST_F(DirectoryCache, HasNoEntryForAnyHandleWhenEmpty) {
   for (const int db : {0, 1, -1, 32767, -32768}) {
-    EXPECT_EQ(SearchForGDB2TCache(static_cast<std::int16_t>(db)), -1);
+    EXPECT_EQ(SearchForGDB2TCache(static_cast<int16_t>(db)), -1);
   }
 }
 
 TEST_F(DirectoryCache, GetsOneEntryHoweverOftenADirectoryIsRead) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   EXPECT_TRUE(readDirectory(db));
   EXPECT_TRUE(readDirectory(db));
   EXPECT_EQ(gbl_Gdb2tDQ.GetSize(), 1);
@@ -57,10 +57,10 @@ TEST_F(DirectoryCache, GetsOneEntryHoweverOftenADirectoryIsRead) {
 }
 
 TEST_F(DirectoryCache, KeepsEntriesInTheOrderOfTheFirstReads) {
-  const std::int16_t a = create("a.qvd");
-  const std::int16_t b = create("b.qvd");
-  const std::int16_t c = create("c.qvd");
-  for (const std::int16_t db : {b, a, c, a}) EXPECT_TRUE(readDirectory(db));
+  const int16_t a = create("a.qvd");
+  const int16_t b = create("b.qvd");
+  const int16_t c = create("c.qvd");
+  for (const int16_t db : {b, a, c, a}) EXPECT_TRUE(readDirectory(db));
   EXPECT_EQ(SearchForGDB2TCache(b), 0);
   EXPECT_EQ(SearchForGDB2TCache(a), 1);
   EXPECT_EQ(SearchForGDB2TCache(c), 2);
@@ -71,7 +71,7 @@ TEST_F(DirectoryCache, KeepsEntriesInTheOrderOfTheFirstReads) {
 }
 
 TEST_F(DirectoryCache, HoldsHandleCountsAndThePositionOfTheFirstSlot) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   addTable(db, "t");
   int size = 0;
   const auto* entry = static_cast<const DirectoryCacheEntry*>(gbl_Gdb2tDQ.GetAtNoCopy(&size, 0));
@@ -105,8 +105,8 @@ TEST_F(DirectoryCache, ComparesHandlesAsSignedNumbers) {
 
 TEST_F(DirectoryCache, ErasesOneEntryAndGivesItsMemoryBack) {
   FakeHost host;
-  const std::int16_t db = create();
-  const std::size_t before = host.heldBlocks();
+  const int16_t db = create();
+  const size_t before = host.heldBlocks();
   EXPECT_TRUE(readDirectory(db));
   EXPECT_EQ(host.heldBlocks(), before + 1);
   EXPECT_NE(EraseSFGDB2TCache(SearchForGDB2TCache(db)), 0);
@@ -129,7 +129,7 @@ TEST_F(DirectoryCache, ErasesNothingAtAnIndexWithoutAnEntry) {
 }
 
 TEST_F(DirectoryCache, FillsUpAgainAfterItsOnlyEntryWasErased) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   for (int i = 0; i < 3; ++i) {
     EXPECT_TRUE(readDirectory(db));
     EXPECT_EQ(SearchForGDB2TCache(db), 0);
@@ -140,8 +140,8 @@ TEST_F(DirectoryCache, FillsUpAgainAfterItsOnlyEntryWasErased) {
 
 TEST_F(DirectoryCache, HidesATableThatAnotherHandleAdded) {
   close(create());
-  const std::int16_t a = open(kDefaultFile, 4);
-  const std::int16_t b = open(kDefaultFile, 4);
+  const int16_t a = open(kDefaultFile, 4);
+  const int16_t b = open(kDefaultFile, 4);
   EXPECT_EQ(numberOfTables(a), 0);
   addTable(b, "t");
   EXPECT_EQ(numberOfTables(b), 1);
@@ -152,10 +152,10 @@ TEST_F(DirectoryCache, HidesATableThatAnotherHandleAdded) {
 }
 
 TEST_F(DirectoryCache, ServesAStaleEntryToTheNextFileOfThatNumber) {
-  const std::int16_t old = CreateDBaseW(wide("old.qvd"), "QVdb", 100);
+  const int16_t old = CreateDBaseW(wide("old.qvd"), "QVdb", 100);
   addTable(old, "t");
   ASSERT_EQ(QVFile().QVCloseFile(old), 1);  // leaves the entry behind
-  const std::int16_t db = create("new.qvd");
+  const int16_t db = create("new.qvd");
   ASSERT_EQ(db, old);
   EXPECT_EQ(numberOfTables(db), 1);
   EXPECT_EQ(header("new.qvd").tableCount, 0);

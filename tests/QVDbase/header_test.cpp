@@ -25,17 +25,17 @@ FileImage sampleImage() {
 }
 
 struct Numbers {
-  std::int16_t tableCount = 0x5A;
-  std::int16_t slotCount = 0x5A;
-  std::uint16_t slotSize = 0x5A;
+  int16_t tableCount = 0x5A;
+  int16_t slotCount = 0x5A;
+  uint16_t slotSize = 0x5A;
 };
 
-int readNumbers(std::int16_t db, internal_Head1* head, Numbers* numbers) {
+int readNumbers(int16_t db, internal_Head1* head, Numbers* numbers) {
   return internal_GetDBHead2Table(db, head, &numbers->tableCount, &numbers->slotCount,
                                   &numbers->slotSize);
 }
 
-int readNumbers(std::int16_t db, Numbers* numbers) {
+int readNumbers(int16_t db, Numbers* numbers) {
   internal_Head1 head;
   return readNumbers(db, &head, numbers);
 }
@@ -45,7 +45,7 @@ int readNumbers(std::int16_t db, Numbers* numbers) {
 using ReadingTheHeader = DatabaseTest;
 
 TEST_F(ReadingTheHeader, TellsItsFieldsAndEndsBehindThem) {
-  const std::int16_t db = put(sampleImage());
+  const int16_t db = put(sampleImage());
   seek(db, 3000);
   internal_Head1 head;
   EXPECT_EQ(internal_GetDBHead1(db, &head), 1);
@@ -59,7 +59,7 @@ TEST_F(ReadingTheHeader, TellsItsFieldsAndEndsBehindThem) {
 TEST_F(ReadingTheHeader, DoesNotJudgeTheVersion) {
   FileImage image;
   image.header().version = 0xFFFF;
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   internal_Head1 head;
   EXPECT_EQ(internal_GetDBHead1(db, &head), 1);
   EXPECT_EQ(head.version, 0xFFFF);
@@ -67,7 +67,7 @@ TEST_F(ReadingTheHeader, DoesNotJudgeTheVersion) {
 }
 
 TEST_F(ReadingTheHeader, DoesNotLookAtTheCache) {
-  const std::int16_t db = put(sampleImage());
+  const int16_t db = put(sampleImage());
   Numbers numbers;
   ASSERT_EQ(readNumbers(db, &numbers), 1);
   internal_Head1 head;
@@ -77,8 +77,8 @@ TEST_F(ReadingTheHeader, DoesNotLookAtTheCache) {
 
 TEST_F(ReadingTheHeader, FailsOnAFileThatIsCutOff) {
   const Bytes file = FileImage().build();
-  for (std::size_t length = 0; length < 16; ++length) {
-    const std::int16_t db = put(file.cut(length), "short");
+  for (size_t length = 0; length < 16; ++length) {
+    const int16_t db = put(file.cut(length), "short");
     internal_Head1 head;
     EXPECT_EQ(internal_GetDBHead1(db, &head), 0) << length;
     close(db);
@@ -89,7 +89,7 @@ TEST_F(ReadingTheHeader, FailsOnAFileThatIsCutOff) {
 TEST_F(ReadingTheHeader, StaysWhereItFails) {
   FileImage image;
   image.header().signature = bytesOf("QXdb");
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   internal_Head1 head;
   EXPECT_EQ(internal_GetDBHead1(db, &head), 0);
   EXPECT_EQ(position(db), 4);
@@ -97,7 +97,7 @@ TEST_F(ReadingTheHeader, StaysWhereItFails) {
 }
 
 TEST_F(ReadingTheHeader, FailsWithoutAnOutputOrAHandle) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   internal_Head1 head;
   EXPECT_EQ(internal_GetDBHead1(db, nullptr), 0);
   EXPECT_EQ(internal_GetDBHead1(0, &head), 0);
@@ -111,7 +111,7 @@ TEST_F(ReadingTheDirectoryNumbers, TellsThemAndEndsAtTheFirstSlot) {
   FileImage image = sampleImage();
   image.header().slotCount = 0x1234;
   image.header().slotSize = 0xFEDC;
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   Numbers numbers;
   EXPECT_EQ(readNumbers(db, &numbers), 1);
   EXPECT_EQ(numbers.tableCount, 1);
@@ -124,7 +124,7 @@ TEST_F(ReadingTheDirectoryNumbers, TellsThemAndEndsAtTheFirstSlot) {
 TEST_F(ReadingTheDirectoryNumbers, TakesTheTableCountAsSigned) {
   FileImage image;
   image.header().tableCount = -2;
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   Numbers numbers;
   EXPECT_EQ(readNumbers(db, &numbers), 1);
   EXPECT_EQ(numbers.tableCount, -2);
@@ -132,7 +132,7 @@ TEST_F(ReadingTheDirectoryNumbers, TakesTheTableCountAsSigned) {
 }
 
 TEST_F(ReadingTheDirectoryNumbers, FillsTheHeaderRecordTheFirstTime) {
-  const std::int16_t db = put(sampleImage());
+  const int16_t db = put(sampleImage());
   internal_Head1 head;
   Numbers numbers;
   EXPECT_EQ(readNumbers(db, &head, &numbers), 1);
@@ -141,7 +141,7 @@ TEST_F(ReadingTheDirectoryNumbers, FillsTheHeaderRecordTheFirstTime) {
 }
 
 TEST_F(ReadingTheDirectoryNumbers, ReadsTheFileOnce) {
-  const std::int16_t db = put(sampleImage());
+  const int16_t db = put(sampleImage());
   Numbers numbers;
   ASSERT_EQ(readNumbers(db, &numbers), 1);
   FakeHost host;
@@ -155,7 +155,7 @@ TEST_F(ReadingTheDirectoryNumbers, ReadsTheFileOnce) {
 }
 
 TEST_F(ReadingTheDirectoryNumbers, NeedsAHeaderRecordOnlyTheFirstTime) {
-  const std::int16_t db = put(sampleImage());
+  const int16_t db = put(sampleImage());
   Numbers numbers;
   EXPECT_EQ(readNumbers(db, nullptr, &numbers), 0);
   ASSERT_EQ(readNumbers(db, &numbers), 1);
@@ -167,7 +167,7 @@ TEST_F(ReadingTheDirectoryNumbers, NeedsAHeaderRecordOnlyTheFirstTime) {
 }
 
 TEST_F(ReadingTheDirectoryNumbers, EndsAtTheFirstSlotAlsoWhenServedFromTheCache) {
-  const std::int16_t db = put(sampleImage());
+  const int16_t db = put(sampleImage());
   Numbers numbers;
   ASSERT_EQ(readNumbers(db, &numbers), 1);
   seek(db, 4000);
@@ -179,7 +179,7 @@ TEST_F(ReadingTheDirectoryNumbers, EndsAtTheFirstSlotAlsoWhenServedFromTheCache)
 // the three numbers, two bytes of padding, the position of the first slot. Where references have
 // four bytes that is less than the record holds; what is behind stays.
 TEST_F(ReadingTheDirectoryNumbers, OverwritesTheHeaderRecordWithTheEntryWhenServedFromTheCache) {
-  const std::int16_t db = put(sampleImage());
+  const int16_t db = put(sampleImage());
   Numbers numbers;
   ASSERT_EQ(readNumbers(db, &numbers), 1);
   internal_Head1 head;
@@ -191,22 +191,22 @@ TEST_F(ReadingTheDirectoryNumbers, OverwritesTheHeaderRecordWithTheEntryWhenServ
   int size = 0;
   const void* entry = gbl_Gdb2tDQ.GetAtNoCopy(&size, SearchForGDB2TCache(db));
   ASSERT_NE(entry, nullptr);
-  Bytes entryBytes(static_cast<std::size_t>(size));
+  Bytes entryBytes(static_cast<size_t>(size));
   std::memcpy(entryBytes.data(), entry, entryBytes.size());
   const Bytes handedOut = entryBytes.from(sizeof(void*));
   EXPECT_EQ(bytes.cut(handedOut.size()), handedOut);
   EXPECT_EQ(bytes.from(handedOut.size()), Bytes().fill(bytes.size() - handedOut.size(), 0xEE));
-  std::int16_t counts[2];
+  int16_t counts[2];
   std::memcpy(counts, bytes.data() + sizeof(void*), sizeof counts);
   EXPECT_EQ(counts[0], 1);
   EXPECT_EQ(counts[1], 32);
-  std::int64_t directoryPos = 0;
+  int64_t directoryPos = 0;
   std::memcpy(&directoryPos, bytes.data() + sizeof(void*) + 8, sizeof directoryPos);
   EXPECT_EQ(directoryPos, 22);
 }
 
 TEST_F(ReadingTheDirectoryNumbers, ServesWhatTheCacheHoldsThoughTheFileHasChanged) {
-  const std::int16_t db = put(sampleImage());
+  const int16_t db = put(sampleImage());
   Numbers numbers;
   ASSERT_EQ(readNumbers(db, &numbers), 1);
   patchFile(path(), 0, hex("0000"));  // no longer our letters
@@ -227,14 +227,14 @@ TEST_F(ReadingTheDirectoryNumbers, ServesWhatTheCacheHoldsThoughTheFileHasChange
 
 TEST_F(ReadingTheDirectoryNumbers, FailsOnAFileThatIsCutOffAndCachesNothing) {
   const Bytes file = FileImage().build();
-  for (std::size_t length = 0; length < 22; ++length) {
-    const std::int16_t db = put(file.cut(length), "short");
+  for (size_t length = 0; length < 22; ++length) {
+    const int16_t db = put(file.cut(length), "short");
     Numbers numbers;
     EXPECT_EQ(readNumbers(db, &numbers), 0) << length;
     EXPECT_EQ(SearchForGDB2TCache(db), -1);
     close(db);
   }
-  const std::int16_t db = put(file.cut(22), "short");
+  const int16_t db = put(file.cut(22), "short");
   Numbers numbers;
   EXPECT_EQ(readNumbers(db, &numbers), 1);
   expectDamage("short", {"F2"});
@@ -243,8 +243,8 @@ TEST_F(ReadingTheDirectoryNumbers, FailsOnAFileThatIsCutOffAndCachesNothing) {
 TEST_F(ReadingTheDirectoryNumbers, RefusesAVersionOutOfRangeAndStaysBehindTheHeader) {
   for (const int version : {0, 99, 200, 65535}) {
     FileImage image;
-    image.header().version = static_cast<std::uint16_t>(version);
-    const std::int16_t db = put(image);
+    image.header().version = static_cast<uint16_t>(version);
+    const int16_t db = put(image);
     Numbers numbers;
     EXPECT_EQ(readNumbers(db, &numbers), 0) << version;
     EXPECT_EQ(numbers.tableCount, 0x5A);
@@ -256,7 +256,7 @@ TEST_F(ReadingTheDirectoryNumbers, RefusesAVersionOutOfRangeAndStaysBehindTheHea
 }
 
 TEST_F(ReadingTheDirectoryNumbers, SucceedsUncachedWhenTheCacheGetsNoMemory) {
-  const std::int16_t db = put(sampleImage());
+  const int16_t db = put(sampleImage());
   FakeHost host;
   host.failFrom(FakeHost::Call::allocate);
   Numbers numbers;
@@ -271,7 +271,7 @@ TEST_F(ReadingTheDirectoryNumbers, SucceedsUncachedWhenTheCacheGetsNoMemory) {
 }
 
 TEST_F(ReadingTheDirectoryNumbers, FailsWhenTheFirstSlotCannotBeSoughtThoughCached) {
-  const std::int16_t db = OpenDBaseW((put(sampleImage()), wide()), 1);
+  const int16_t db = OpenDBaseW((put(sampleImage()), wide()), 1);
   Numbers numbers;
   ASSERT_EQ(readNumbers(db, &numbers), 1);
   ASSERT_EQ(QVFile().QVCloseFile(db), 1);  // leaves the entry behind
@@ -284,7 +284,7 @@ TEST_F(ReadingTheDirectoryNumbers, FailsWhenTheFirstSlotCannotBeSoughtThoughCach
 using Seeking = DatabaseTest;
 
 TEST_F(Seeking, CountsFromStartEndAndPosition) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   EXPECT_EQ(myFileSeek(db, 100, 1), 0);
   EXPECT_EQ(myGetFilePos(db), 100);
   EXPECT_EQ(myFileSeek(db, 16, 3), 0);
@@ -298,7 +298,7 @@ TEST_F(Seeking, CountsFromStartEndAndPosition) {
 }
 
 TEST_F(Seeking, StaysWhereItIsWhenItFails) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   seek(db, 50);
   EXPECT_EQ(myFileSeek(db, -1, 1), -1);
   EXPECT_EQ(myFileSeek(db, -51, 3), -1);
@@ -308,7 +308,7 @@ TEST_F(Seeking, StaysWhereItIsWhenItFails) {
 }
 
 TEST_F(Seeking, FailsOnAHandleThatIsNotOpen) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   close(db);
   EXPECT_EQ(myFileSeek(db, 0, 1), -1);
   EXPECT_EQ(myFileSeek(0, 0, 1), -1);
@@ -317,13 +317,13 @@ TEST_F(Seeking, FailsOnAHandleThatIsNotOpen) {
 }
 
 struct Visit {
-  std::int16_t db = 0;
+  int16_t db = 0;
   int a = 0;
   int b = 0;
   int calls = 0;
 };
 
-std::uint16_t moveAndNote(int a, int b, void* context) {
+uint16_t moveAndNote(int a, int b, void* context) {
   auto* call = static_cast<Visit*>(context);
   call->a = a;
   call->b = b;
@@ -357,7 +357,7 @@ TEST_F(CallingBack, LeavesThePositionAloneWithoutAHandle) {
 }
 
 TEST_F(CallingBack, CallsAlsoWithAHandleThatIsNotOpen) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   close(db);
   Visit call;
   EXPECT_EQ(SavedCallBack(db, moveAndNote, 1, 2, &call), 0xFEDC);

@@ -21,8 +21,8 @@ const char* kFreeSlot =
     "0000000000000000 0000000000000000 0000000000000000 00 CCCCCCCCCCCCCC";
 
 // Whether the directory of an open database can be read, as every table operation does first.
-bool directoryReads(std::int16_t db) {
-  std::int32_t count = 0;
+bool directoryReads(int16_t db) {
+  int32_t count = 0;
   return GetNumberOfTable(db, &count) == 1;
 }
 
@@ -59,7 +59,7 @@ TEST_F(CreatingADatabase, LeavesItOpenAtItsEnd) {
 }
 
 TEST_F(CreatingADatabase, LeavesItOpenForWriting) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   EXPECT_NE(AddTable(db, "t"), 0u);
 }
 
@@ -74,7 +74,7 @@ TEST_F(CreatingADatabase, EntersNothingIntoTheDirectoryCache) {
 }
 
 TEST_F(CreatingADatabase, StoresAnySignatureThoughReadersRefuseIt) {
-  const std::int16_t db = CreateDBaseW(wide(), "\0\1\2\3", 100);
+  const int16_t db = CreateDBaseW(wide(), "\0\1\2\3", 100);
   ASSERT_NE(db, 0);
   EXPECT_EQ(contents().cut(4), hex("00010203"));
   EXPECT_FALSE(directoryReads(db));
@@ -122,14 +122,14 @@ TEST_F(CreatingADatabase, RefusesNull) {
 }
 
 TEST_F(CreatingADatabase, LeavesThePartialFileOpenWhenAWriteFails) {
-  const std::int16_t next = create("first.qvd");
+  const int16_t next = create("first.qvd");
   close(next);
   const auto failEach = [&](const std::string& prefix, const auto& failAt) {
     for (int step = 0;; ++step) {
       const std::string name = prefix + std::to_string(step);
       FakeHost host;
       failAt(host, step);
-      const std::int16_t db = CreateDBaseW(wide(name), "QVdb", 100);
+      const int16_t db = CreateDBaseW(wide(name), "QVdb", 100);
       host.heal();
       if (!host.failed()) {
         EXPECT_NE(db, 0);
@@ -162,7 +162,7 @@ TEST_F(OpeningADatabase, DoesNotLookAtTheContents) {
   writeFile(path("empty"), {});
   writeFile(path("other"), bytesOf("this is no database"));
   for (const char* name : {"empty", "other"}) {
-    const std::int16_t db = OpenDBaseW(wide(name), 3);
+    const int16_t db = OpenDBaseW(wide(name), 3);
     EXPECT_NE(db, 0) << name;
     EXPECT_EQ(host.count(FakeHost::Call::read), 0);
     EXPECT_NE(CloseDBase(db), 0);
@@ -171,10 +171,10 @@ TEST_F(OpeningADatabase, DoesNotLookAtTheContents) {
 
 TEST_F(OpeningADatabase, OfAnotherFileLetsEveryTableOperationFail) {
   writeFile(path("other"), bytesOf("this is no database, though it is longer than a header"));
-  const std::int16_t db = OpenDBaseW(wide("other"), 3);
+  const int16_t db = OpenDBaseW(wide("other"), 3);
   const Bytes before = contents("other");
-  std::int32_t count = 99;
-  std::uint32_t size = 99;
+  int32_t count = 99;
+  uint32_t size = 99;
   EXPECT_EQ(GetNumberOfTable(db, &count), 0);
   EXPECT_EQ(AddTable(db, "t"), 0u);
   EXPECT_EQ(FindTableByName(db, "t"), 0u);
@@ -195,7 +195,7 @@ TEST_F(OpeningADatabase, FailsWithoutAFile) {
 
 TEST_F(OpeningADatabase, ForReadingOnlyLetsNothingBeWritten) {
   close(create());
-  const std::int16_t db = open(kDefaultFile, 1);
+  const int16_t db = open(kDefaultFile, 1);
   EXPECT_TRUE(directoryReads(db));
   expectUnchanged([&] {
     expectPositionKept(db, [&] {
@@ -207,7 +207,7 @@ TEST_F(OpeningADatabase, ForReadingOnlyLetsNothingBeWritten) {
 
 TEST_F(OpeningADatabase, TakesThePermissionFromTheLow8Bits) {
   close(create());
-  const std::int16_t db = OpenDBaseW(wide(), 256 + 1);
+  const int16_t db = OpenDBaseW(wide(), 256 + 1);
   EXPECT_NE(db, 0);
   EXPECT_EQ(AddTable(db, "t"), 0u);
   EXPECT_NE(CloseDBase(db), 0);
@@ -225,14 +225,14 @@ TEST_F(OpeningADatabase, RefusesAnUnknownPermission) {
 using ClosingADatabase = DatabaseTest;
 
 TEST_F(ClosingADatabase, FreesItsHandle) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   close(db);
   EXPECT_EQ(position(db), -1);
   EXPECT_EQ(open(), db);
 }
 
 TEST_F(ClosingADatabase, DropsItsCacheEntry) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   ASSERT_TRUE(directoryReads(db));
   ASSERT_NE(SearchForGDB2TCache(db), -1);
   close(db);
@@ -240,7 +240,7 @@ TEST_F(ClosingADatabase, DropsItsCacheEntry) {
 }
 
 TEST_F(ClosingADatabase, DropsItsCacheEntryAlsoWhenTheCloseFails) {
-  const std::int16_t db = CreateDBaseW(wide(), "QVdb", 100);
+  const int16_t db = CreateDBaseW(wide(), "QVdb", 100);
   ASSERT_TRUE(directoryReads(db));
   ASSERT_EQ(QVFile().QVCloseFile(db), 1);  // behind the engine's back
   ASSERT_NE(SearchForGDB2TCache(db), -1);
@@ -249,8 +249,8 @@ TEST_F(ClosingADatabase, DropsItsCacheEntryAlsoWhenTheCloseFails) {
 }
 
 TEST_F(ClosingADatabase, LeavesTheEntriesOfOthersAlone) {
-  const std::int16_t a = create("a.qvd");
-  const std::int16_t b = create("b.qvd");
+  const int16_t a = create("a.qvd");
+  const int16_t b = create("b.qvd");
   ASSERT_TRUE(directoryReads(a) && directoryReads(b));
   close(a);
   EXPECT_NE(SearchForGDB2TCache(b), -1);
@@ -258,7 +258,7 @@ TEST_F(ClosingADatabase, LeavesTheEntriesOfOthersAlone) {
 }
 
 TEST_F(ClosingADatabase, FailsForAHandleThatIsNotOpen) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   close(db);
   EXPECT_EQ(CloseDBase(db), 0);
   EXPECT_EQ(CloseDBase(0), 0);
@@ -267,7 +267,7 @@ TEST_F(ClosingADatabase, FailsForAHandleThatIsNotOpen) {
 
 TEST(FlushingADatabase, SucceedsForAnyHandle) {
   for (const int db : {0, 1, -1, 32767, -32768}) {
-    EXPECT_EQ(FlushDBase(static_cast<std::int16_t>(db)), 1);
+    EXPECT_EQ(FlushDBase(static_cast<int16_t>(db)), 1);
   }
 }
 
@@ -277,7 +277,7 @@ class InspectingAFile : public DatabaseTest {
  protected:
   // The outputs, one byte longer than they must be.
   std::array<unsigned char, 6> signature_ = {'#', '#', '#', '#', '#', '#'};
-  std::uint16_t version_ = 0xEEEE;
+  uint16_t version_ = 0xEEEE;
   std::array<unsigned char, 11> id_ = {};
 
   void SetUp() override { id_.fill('#'); }
@@ -344,7 +344,7 @@ TEST_F(InspectingAFile, RefusesOtherLettersAndTheOtherOrder) {
 
 TEST_F(InspectingAFile, NeedsTheFirst16Bytes) {
   const Bytes file = FileImage().build();
-  for (std::size_t length = 0; length < 16; ++length) {
+  for (size_t length = 0; length < 16; ++length) {
     writeFile(path("short"), file.cut(length));
     EXPECT_EQ(inspect("short"), 0) << length;
   }
@@ -363,7 +363,7 @@ TEST_F(InspectingAFile, FailsWithoutAFile) {
 TEST_F(InspectingAFile, LeavesNoHandleOpen) {
   close(create());
   writeFile(path("other"), bytesOf("other"));
-  const std::int16_t before = open();
+  const int16_t before = open();
   close(before);
   EXPECT_EQ(inspect(), 1);
   EXPECT_EQ(inspect("other"), 0);
@@ -371,7 +371,7 @@ TEST_F(InspectingAFile, LeavesNoHandleOpen) {
 }
 
 TEST_F(InspectingAFile, WorksBesideAWriterOfThisProcess) {
-  const std::int16_t db = create(kDefaultFile, 177);
+  const int16_t db = create(kDefaultFile, 177);
   EXPECT_EQ(inspect(), 1);
   EXPECT_EQ(version_, 177);
   expectPositionKept(db, [&] { EXPECT_EQ(inspect(), 1); });
@@ -386,7 +386,7 @@ TEST_F(InspectingAFile, DropsAnEntryThatBelongedToItsHandleNumber) {
   close(create());
   writeFile(path("other"), bytesOf("other"));
   for (const char* name : {kDefaultFile, "other"}) {
-    const std::int16_t db = OpenDBaseW(wide(), 3);
+    const int16_t db = OpenDBaseW(wide(), 3);
     ASSERT_TRUE(directoryReads(db));
     ASSERT_EQ(QVFile().QVCloseFile(db), 1);  // leaves the entry behind
     ASSERT_NE(SearchForGDB2TCache(db), -1);
@@ -400,23 +400,23 @@ TEST_F(InspectingAFile, DropsAnEntryThatBelongedToItsHandleNumber) {
 using SettingTheVersion = DatabaseTest;
 
 TEST_F(SettingTheVersion, WritesTwoBytesAndKeepsThePosition) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   const Bytes before = contents();
   expectPositionKept(db, [&] { EXPECT_EQ(SetDBaseVersion(db, 0x0089), 1); });
   EXPECT_TRUE(sameBytes(contents(), before.with(4, hex("0089"))));
 }
 
 TEST_F(SettingTheVersion, TakesAnyValue) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   for (const int version : {0, 99, 200, 250, 65535}) {
-    EXPECT_EQ(SetDBaseVersion(db, static_cast<std::uint16_t>(version)), 1);
+    EXPECT_EQ(SetDBaseVersion(db, static_cast<uint16_t>(version)), 1);
     EXPECT_EQ(header().version, version);
   }
   expectDamage(kDefaultFile, {"H2"});
 }
 
 TEST_F(SettingTheVersion, IsNotSeenByTheDirectoryCacheUntilTheDatabaseIsOpenedAgain) {
-  std::int16_t db = create();
+  int16_t db = create();
   ASSERT_TRUE(directoryReads(db));
   EXPECT_EQ(SetDBaseVersion(db, 250), 1);
   EXPECT_TRUE(directoryReads(db));
@@ -428,14 +428,14 @@ TEST_F(SettingTheVersion, IsNotSeenByTheDirectoryCacheUntilTheDatabaseIsOpenedAg
 }
 
 TEST_F(SettingTheVersion, IsSeenAtOnceWhereTheDirectoryWasNotRead) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   EXPECT_EQ(SetDBaseVersion(db, 250), 1);
   EXPECT_FALSE(directoryReads(db));
   expectDamage(kDefaultFile, {"H2"});
 }
 
 TEST_F(SettingTheVersion, SucceedsWithoutWritingOnAHandleThatIsNotOpen) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   close(db);
   expectUnchanged([&] {
     EXPECT_EQ(SetDBaseVersion(db, 150), 1);
@@ -444,7 +444,7 @@ TEST_F(SettingTheVersion, SucceedsWithoutWritingOnAHandleThatIsNotOpen) {
 }
 
 TEST_F(SettingTheVersion, FailsWhenTheWriteFails) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   FakeHost host;
   host.failFrom(FakeHost::Call::write);
   expectPositionKept(db, [&] { EXPECT_EQ(SetDBaseVersion(db, 150), 0); });
@@ -459,14 +459,14 @@ class VersionInRange : public Version {};
 class VersionOutOfRange : public Version {};
 
 TEST_P(VersionInRange, LetsTheDirectoryBeRead) {
-  const std::int16_t db = create(kDefaultFile, GetParam());
+  const int16_t db = create(kDefaultFile, GetParam());
   EXPECT_TRUE(directoryReads(db));
   EXPECT_NE(AddTable(db, "t"), 0u);
   if (GetParam() == 101) expectDamage(kDefaultFile, {"H3"});
 }
 
 TEST_P(VersionOutOfRange, LetsEveryTableOperationFail) {
-  const std::int16_t db = create(kDefaultFile, GetParam());
+  const int16_t db = create(kDefaultFile, GetParam());
   expectUnchanged([&] {
     expectPositionKept(db, [&] {
       EXPECT_FALSE(directoryReads(db));
@@ -488,7 +488,7 @@ TEST(Variables, StartAtZero) {
 }
 
 TEST_F(SettingTheVersion, CountsTheBytesWritten) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   gbl_realWriten = 99;
   EXPECT_EQ(SetDBaseVersion(db, 150), 1);
   EXPECT_EQ(gbl_realWriten, 2u);
@@ -497,16 +497,16 @@ TEST_F(SettingTheVersion, CountsTheBytesWritten) {
 // The file stays open under the lowest number, at the first byte that it did not get.
 TEST(CreatingOnAFullDisk, LeavesPositionAndCountWhereTheHostHasStopped) {
   TempFolder folder;
-  for (std::size_t n = 0; n < 4630; n += n < 200 ? 1 : 97) {
+  for (size_t n = 0; n < 4630; n += n < 200 ? 1 : 97) {
     SCOPED_TRACE(n);
     FakeHost host;
     host.fullAfter(n);
     EXPECT_EQ(CreateDBaseW(folder.wide("f"), "QVdb", 100), 0);
-    std::int64_t position = -1;
+    int64_t position = -1;
     EXPECT_EQ(QVFile().QVGetFilePos(1, &position), 1);
-    EXPECT_EQ(position, static_cast<std::int64_t>(n));
-    std::size_t begin = n < 22 ? 0 : 22 + (n - 22) / 144 * 144;
-    for (const std::size_t field : {4u, 6u, 16u, 18u, 20u}) {
+    EXPECT_EQ(position, static_cast<int64_t>(n));
+    size_t begin = n < 22 ? 0 : 22 + (n - 22) / 144 * 144;
+    for (const size_t field : {4u, 6u, 16u, 18u, 20u}) {
       if (n < 22 && n >= field) begin = field;
     }
     EXPECT_EQ(gbl_realWriten, n - begin);

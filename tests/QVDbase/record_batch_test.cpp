@@ -69,7 +69,7 @@ class Batches : public DatabaseTest {
   static std::vector<Planned> mixedRecords(uint64_t firstID, int count) {
     std::vector<Planned> records;
     for (int i = 0; i < count; ++i) {
-      const auto size = static_cast<std::size_t>(i % 5 == 0 ? 0 : (i * 7919) % 3000);
+      const auto size = static_cast<size_t>(i % 5 == 0 ? 0 : (i * 7919) % 3000);
       const auto reserve = static_cast<uint32_t>(i % 3 == 0 ? size + 100 : 0);
       records.push_back(
           {firstID + static_cast<uint64_t>(i), Bytes(size, static_cast<uint8_t>(i)), reserve});
@@ -126,7 +126,7 @@ class Batches : public DatabaseTest {
 
   // A batch behind two records while another program changes these bytes before it is finished:
   // nothing is taken in, and what is in the file's old part stays.
-  void expectNotTakenIn(std::size_t offset, const Bytes& patch) {
+  void expectNotTakenIn(size_t offset, const Bytes& patch) {
     const int16_t db = fresh("batch.qvd");
     appendEach(db, mixedRecords(1, 2));
     const Bytes changed = contents("batch.qvd").with(offset, patch);
@@ -197,7 +197,7 @@ TEST_F(Batches, DoNotBeginBehindARecordThatHasASuccessor) {
   appendEach(db, mixedRecords(1, 2));
   close(db);
   Bytes bytes = contents("batch.qvd");
-  const auto last = static_cast<std::size_t>(slot(0, "batch.qvd").lastRecordPos);
+  const auto last = static_cast<size_t>(slot(0, "batch.qvd").lastRecordPos);
   bytes[last + 46] = 1;
   writeFile(path("batch.qvd"), bytes);
   allowDamage("batch.qvd");
@@ -216,7 +216,7 @@ TEST_F(Batches, ThatCannotBeWrittenOutLeaveASoundTable) {
     records.push_back({100 + i, Bytes(100'000, static_cast<uint8_t>(i)), 0});
   allowDamage("batch.qvd");  // the torn piece at the end is no block
   std::set<uint32_t> takenCounts;
-  for (std::size_t room = 0; room < 2'501'000; room += 86'413) {
+  for (size_t room = 0; room < 2'501'000; room += 86'413) {
     const int16_t db = fresh("batch.qvd");
     appendEach(db, mixedRecords(1, 1));
     host.fullAfter(room);
@@ -297,7 +297,7 @@ TEST_F(Batches, TakeNoMoreRecordsThanATableCounts) {
 }
 
 TEST_F(Batches, AreNotTakenIntoAChainThatHasChanged) {
-  const std::size_t slotPos = 22;
+  const size_t slotPos = 22;
   expectNotTakenIn(slotPos + 60, Bytes().le(4, 3));     // recordCount
   expectNotTakenIn(slotPos + 64, Bytes().le(4, 9));     // recordWriteCount
   expectNotTakenIn(slotPos + 72, Bytes().le(8, 4631));  // firstRecordPos
@@ -311,7 +311,7 @@ TEST_F(Batches, AreNotTakenIntoATableWhoseSlotIsGone) {
 TEST_F(Batches, AreNotTakenInBehindARecordThatIsNotTheLastAnyMore) {
   const int16_t db = fresh("batch.qvd");
   appendEach(db, mixedRecords(1, 2));
-  const auto last = static_cast<std::size_t>(slot(0, "batch.qvd").lastRecordPos);
+  const auto last = static_cast<size_t>(slot(0, "batch.qvd").lastRecordPos);
   close(db);
   std::filesystem::remove(path("batch.qvd"));
   expectNotTakenIn(last + 39, Bytes().be(8, 4630));
@@ -346,10 +346,10 @@ TEST_F(Batches, WriteNothingWhenTheFileHasGrownMeanwhile) {
 
 // A batch of which the second piece cannot be written looks at the last record of the first.
 TEST_F(Batches, ThatAreCutOffEndAtARecordThatIsThereAndHasNoSuccessor) {
-  constexpr std::int64_t kFirstBlock = 4630;
-  constexpr std::int64_t kTenthBlock = kFirstBlock + 9 * (100'000 + 56);
+  constexpr int64_t kFirstBlock = 4630;
+  constexpr int64_t kTenthBlock = kFirstBlock + 9 * (100'000 + 56);
   allowDamage("batch.qvd");
-  const auto cutOff = [&](std::int64_t offset, const Bytes& patch) {
+  const auto cutOff = [&](int64_t offset, const Bytes& patch) {
     const int16_t db = fresh("batch.qvd");
     FoundTable found;
     ASSERT_TRUE(findTable(db, table, &found));
@@ -360,7 +360,7 @@ TEST_F(Batches, ThatAreCutOffEndAtARecordThatIsThereAndHasNoSuccessor) {
     record.dataLength = 100'000;
     for (int i = 0; i < 11; ++i) ASSERT_TRUE(batch.add(record, payload.data()));
     ASSERT_EQ(fileSize("batch.qvd"), 4630u + 10 * 100'056);
-    patchFile(path("batch.qvd"), static_cast<std::size_t>(offset), patch);
+    patchFile(path("batch.qvd"), static_cast<size_t>(offset), patch);
     host.failOnce(Call::write);
     EXPECT_FALSE(batch.finish());
     host.heal();
@@ -373,7 +373,7 @@ TEST_F(Batches, ThatAreCutOffEndAtARecordThatIsThereAndHasNoSuccessor) {
   cutOff(kTenthBlock + 39, Bytes().be(8, 4630));  // the link that got there before the failure
   EXPECT_EQ(slot(0, "batch.qvd").recordCount, 10u);
   EXPECT_EQ(slot(0, "batch.qvd").lastRecordPos, kTenthBlock);
-  EXPECT_EQ(contents("batch.qvd").beAt(static_cast<std::size_t>(kTenthBlock) + 39, 8), 0u);
+  EXPECT_EQ(contents("batch.qvd").beAt(static_cast<size_t>(kTenthBlock) + 39, 8), 0u);
 }
 
 // Each read and each write fails once, and from then on: what is taken in is a beginning of the
@@ -416,7 +416,7 @@ constexpr uint32_t kLong = 700'000;
 
 class BatchesInPieces : public Batches {
  protected:
-  void begin(std::size_t recordsBefore = 1) {
+  void begin(size_t recordsBefore = 1) {
     db = fresh("batch.qvd");
     appendEach(db, mixedRecords(1, static_cast<int>(recordsBefore)));
     before = contents("batch.qvd");
@@ -446,8 +446,8 @@ class BatchesInPieces : public Batches {
     return batch->add(named(id, static_cast<uint32_t>(payload.size())), payload.data());
   }
   bool append(const Bytes& payload) {
-    for (std::size_t at = 0; at < payload.size(); at += 10'000) {
-      const std::size_t count = std::min<std::size_t>(10'000, payload.size() - at);
+    for (size_t at = 0; at < payload.size(); at += 10'000) {
+      const size_t count = std::min<size_t>(10'000, payload.size() - at);
       if (!batch->appendPayload(payload.data() + at, static_cast<uint32_t>(count))) return false;
     }
     return true;
@@ -526,7 +526,7 @@ TEST_F(BatchesInPieces, CoverADroppedRecordThatCannotBeCutOff) {
   allowDamage("batch.qvd");
   EXPECT_TRUE(batch->openRecord(named(7)));
   EXPECT_TRUE(append(Bytes(kLong, 'p')));
-  const std::size_t written = fileSize("batch.qvd");
+  const size_t written = fileSize("batch.qvd");
   const auto grown = [&] {
     Bytes bytes = before;
     bytes.resize(written, 0);
@@ -586,7 +586,7 @@ TEST_F(BatchesInPieces, ThatAreDiscardedTakeBackNothingElse) {
   allowDamage("batch.qvd");
   EXPECT_TRUE(batch->openRecord(named(7)));
   EXPECT_TRUE(append(Bytes(kLong, 'p')));
-  const std::size_t written = fileSize("batch.qvd");
+  const size_t written = fileSize("batch.qvd");
   const auto grown = [&] {
     Bytes bytes = before;
     bytes.resize(written, 0);

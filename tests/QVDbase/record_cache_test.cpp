@@ -8,15 +8,15 @@
 namespace qvdbase::test {
 namespace {
 
-using Keys = std::vector<std::uint64_t>;
+using Keys = std::vector<uint64_t>;
 
-constexpr std::uint64_t kTopBit = 0x8000000000000000;
+constexpr uint64_t kTopBit = 0x8000000000000000;
 
 // Elements of these keys; each position tells the index that the element started at.
 std::vector<record1Cache> elements(const Keys& keys) {
   std::vector<record1Cache> result;
-  for (const std::uint64_t key : keys) {
-    result.push_back({key, 1000 + static_cast<std::int64_t>(result.size())});
+  for (const uint64_t key : keys) {
+    result.push_back({key, 1000 + static_cast<int64_t>(result.size())});
   }
   return result;
 }
@@ -57,7 +57,7 @@ using Comparator = int (*)(const void*, const void*);
 
 class Comparing : public testing::TestWithParam<Comparator> {
  protected:
-  static int compare(std::uint64_t a, std::uint64_t b) {
+  static int compare(uint64_t a, uint64_t b) {
     const record1Cache first = {a, 1};
     const record1Cache second = {b, 2};
     return GetParam()(&first, &second);
@@ -92,12 +92,12 @@ INSTANTIATE_TEST_SUITE_P(Both, Comparing,
 TEST(SearchingForAKey, StoresPositionAndIndex) {
   const auto array = elements({10, 20, 30, kTopBit, kTopBit + 1});
   for (int i = 0; i < countOf(array); ++i) {
-    std::int64_t position = 0;
+    int64_t position = 0;
     int index = -1;
-    EXPECT_EQ(internal_BSearchRecordCache(array.data(), countOf(array),
-                                          array[static_cast<std::size_t>(i)].recordKey, &position,
-                                          &index),
-              1);
+    EXPECT_EQ(
+        internal_BSearchRecordCache(array.data(), countOf(array),
+                                    array[static_cast<size_t>(i)].recordKey, &position, &index),
+        1);
     EXPECT_EQ(index, i);
     EXPECT_EQ(position, 1000 + i);
   }
@@ -105,9 +105,8 @@ TEST(SearchingForAKey, StoresPositionAndIndex) {
 
 TEST(SearchingForAKey, StoresNothingWhenItIsAbsent) {
   const auto array = elements({10, 20, 30});
-  for (const std::uint64_t key :
-       {std::uint64_t{5}, std::uint64_t{15}, std::uint64_t{31}, kTopBit}) {
-    std::int64_t position = 77;
+  for (const uint64_t key : {uint64_t{5}, uint64_t{15}, uint64_t{31}, kTopBit}) {
+    int64_t position = 77;
     int index = 78;
     EXPECT_EQ(internal_BSearchRecordCache(array.data(), 3, key, &position, &index), 0);
     EXPECT_EQ(position, 77);
@@ -117,7 +116,7 @@ TEST(SearchingForAKey, StoresNothingWhenItIsAbsent) {
 
 TEST(SearchingForAKey, FailsWithoutElements) {
   const auto array = elements({10});
-  std::int64_t position = 77;
+  int64_t position = 77;
   int index = 78;
   EXPECT_EQ(internal_BSearchRecordCache(array.data(), 0, 10, &position, &index), 0);
   EXPECT_EQ(internal_BSearchRecordCache(nullptr, 1, 10, &position, &index), 0);
@@ -129,9 +128,9 @@ TEST(SearchingForAKey, FailsWithoutElements) {
 
 struct Search {
   Keys keys;
-  std::uint64_t key;
+  uint64_t key;
   int result;
-  std::int32_t index;
+  int32_t index;
 };
 
 void PrintTo(const Search& search, std::ostream* out) {
@@ -144,7 +143,7 @@ TEST_P(SearchingNearby, StoresTheIndex) {
   const Search& search = GetParam();
   const auto array = elements(search.keys);
   const record1Cache key = {search.key, 0};
-  std::int32_t index = -99;
+  int32_t index = -99;
   EXPECT_EQ(internal_BinarySearchForCode(array.data(), &key, countOf(array), &index),
             search.result);
   EXPECT_EQ(index, search.index);
@@ -155,8 +154,8 @@ const Keys kFive = {10, 20, 30, 40, 50};
 
 TEST(SearchingAmongNone, FindsNothingWithoutElements) {
   const record1Cache one = {7, 0};
-  for (const std::int32_t count : {0, -1}) {
-    std::int32_t index = -99;
+  for (const int32_t count : {0, -1}) {
+    int32_t index = -99;
     EXPECT_EQ(internal_BinarySearchForCode(&one, &one, count, &index), -2);
     EXPECT_EQ(index, 0);
   }

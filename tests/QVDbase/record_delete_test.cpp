@@ -11,13 +11,13 @@ namespace {
 
 class RecordDelete : public RecordTest {
  protected:
-  static int erase(std::int16_t db, std::uint64_t record, std::uint64_t table = kNotes) {
+  static int erase(int16_t db, uint64_t record, uint64_t table = kNotes) {
     return DeleteOneRecord(db, table, record, nullptr);
   }
 
   // Deleting fails, restores the position and changes nothing.
-  void expectRefused(std::uint64_t record) {
-    const std::int16_t db = start();
+  void expectRefused(uint64_t record) {
+    const int16_t db = start();
     expectPositionKept(db, [&] { EXPECT_EQ(erase(db, record), 0); });
     expectFile();
     close(db);
@@ -28,7 +28,7 @@ class RecordDelete : public RecordTest {
 
 TEST_F(RecordDelete, EmptiesTheTableOfItsOnlyRecord) {
   image.addRecord(notes, kA, bytesOf("only"));
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kA), 1);
   SlotFields& owner = image.slot(notes);
   owner.recordCount = 0;
@@ -38,7 +38,7 @@ TEST_F(RecordDelete, EmptiesTheTableOfItsOnlyRecord) {
 
 TEST_F(RecordDelete, WritesTheEmptiedSlotByteForByte) {
   image.addRecord(notes, kA, bytesOf("only"));
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kA), 1);
   // recordCount 0, recordWriteCount still 1, a gap, three positions.
   EXPECT_EQ(contents().at(22 + 60, 36), hex("00000000 01000000 CCCCCCCC 0000000000000000"
@@ -47,9 +47,9 @@ TEST_F(RecordDelete, WritesTheEmptiedSlotByteForByte) {
 
 TEST_F(RecordDelete, LetsANewChainBeginInAnEmptiedTable) {
   image.addRecord(notes, kA, bytesOf("only"));
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kA), 1);
-  const auto position = static_cast<std::int64_t>(fileSize());
+  const auto position = static_cast<int64_t>(fileSize());
   assignRecord(db, kNotes, kB, bytesOf("new"));
   const SlotFields owner = slot(notes);
   EXPECT_EQ(owner.recordCount, 1u);
@@ -62,7 +62,7 @@ TEST_F(RecordDelete, LetsANewChainBeginInAnEmptiedTable) {
 
 TEST_F(RecordDelete, MakesTheSecondRecordTheFirst) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kA), 1);
   image.record(b).prevRecordPos = 0;
   image.slot(notes).firstRecordPos = image.slot(notes).lastWrittenRecordPos = b;
@@ -72,7 +72,7 @@ TEST_F(RecordDelete, MakesTheSecondRecordTheFirst) {
 
 TEST_F(RecordDelete, LinksTheNeighboursOfAMiddleRecord) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kB), 1);
   image.record(a).nextRecordPos = c;
   image.record(c).prevRecordPos = a;
@@ -84,14 +84,14 @@ TEST_F(RecordDelete, LinksTheNeighboursOfAMiddleRecord) {
 TEST_F(RecordDelete, SetsTheLastWrittenRecordToTheSuccessorOfAMiddleOne) {
   threeRecords();
   image.slot(notes).lastWrittenRecordPos = a;
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kB), 1);
   EXPECT_EQ(slot(notes).lastWrittenRecordPos, c);
 }
 
 TEST_F(RecordDelete, MakesTheLastButOneTheLast) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kC), 1);
   image.record(b).nextRecordPos = 0;
   image.slot(notes).lastRecordPos = image.slot(notes).lastWrittenRecordPos = b;
@@ -101,11 +101,11 @@ TEST_F(RecordDelete, MakesTheLastButOneTheLast) {
 
 TEST_F(RecordDelete, LeavesTheDeletedBlockAsItWas) {
   threeRecords();
-  for (const std::uint64_t record : {kA, kB, kC}) {
-    const std::int16_t db = start();
+  for (const uint64_t record : {kA, kB, kC}) {
+    const int16_t db = start();
     const oneRecordInfoP1 told = info(db, kNotes, record);
     ASSERT_EQ(erase(db, record), 1);
-    const auto at = static_cast<std::size_t>(told.recordPos);
+    const auto at = static_cast<size_t>(told.recordPos);
     EXPECT_EQ(contents().at(at, 56 + told.dataCapacity), base.at(at, 56 + told.dataCapacity));
     EXPECT_EQ(fileSize(), base.size());
     close(db);
@@ -114,7 +114,7 @@ TEST_F(RecordDelete, LeavesTheDeletedBlockAsItWas) {
 
 TEST_F(RecordDelete, CountsDownButNotTheRecordsEverWritten) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kB), 1);
   EXPECT_EQ(slot(notes).recordCount, 2u);
   EXPECT_EQ(slot(notes).recordWriteCount, 3u);
@@ -122,13 +122,13 @@ TEST_F(RecordDelete, CountsDownButNotTheRecordsEverWritten) {
 }
 
 TEST_F(RecordDelete, RemovesRecordsInAnyOrder) {
-  const std::vector<std::vector<std::uint64_t>> orders = {{kA, kB, kC}, {kA, kC, kB}, {kB, kA, kC},
-                                                          {kB, kC, kA}, {kC, kA, kB}, {kC, kB, kA}};
+  const std::vector<std::vector<uint64_t>> orders = {{kA, kB, kC}, {kA, kC, kB}, {kB, kA, kC},
+                                                     {kB, kC, kA}, {kC, kA, kB}, {kC, kB, kA}};
   threeRecords();
   for (const auto& order : orders) {
-    const std::int16_t db = start();
-    std::uint32_t left = 3;
-    for (const std::uint64_t record : order) {
+    const int16_t db = start();
+    uint32_t left = 3;
+    for (const uint64_t record : order) {
       ASSERT_EQ(erase(db, record), 1);
       EXPECT_EQ(list(db, kNotes).size(), --left);
     }
@@ -141,7 +141,7 @@ TEST_F(RecordDelete, KeepsTheRestOfTheSlot) {
   threeRecords();
   image.slot(notes).tableFlags1 = 0x1234;
   image.setTableData(notes, bytesOf("about the notes"));
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kC), 1);
   image.record(b).nextRecordPos = 0;
   image.slot(notes).lastRecordPos = image.slot(notes).lastWrittenRecordPos = b;
@@ -152,24 +152,24 @@ TEST_F(RecordDelete, KeepsTheRestOfTheSlot) {
 TEST_F(RecordDelete, TakesTheEarlierOfTwoRecordsWithOneIdentifier) {
   image.addRecord(notes, kA, bytesOf("one"));
   image.addRecord(notes, kA, bytesOf("two"));
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kA), 1);
   EXPECT_EQ(payload(db, kNotes, kA), bytesOf("two"));
 }
 
 TEST_F(RecordDelete, FreesTheIdentifierForANewRecord) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kB), 1);
   assignRecord(db, kNotes, kB, bytesOf("again"));
-  EXPECT_EQ(list(db, kNotes), (std::vector<std::uint64_t>{kA, kC, kB}));
+  EXPECT_EQ(list(db, kNotes), (std::vector<uint64_t>{kA, kC, kB}));
   EXPECT_EQ(payload(db, kNotes, kB), bytesOf("again"));
 }
 
 TEST_F(RecordDelete, RestoresThePosition) {
   threeRecords();
-  const std::int16_t db = start();
-  std::uint64_t next[] = {kB, kA, kC};
+  const int16_t db = start();
+  uint64_t next[] = {kB, kA, kC};
   int i = 0;
   expectPositionKept(db, [&] { EXPECT_EQ(erase(db, next[i++]), 1); });
 }
@@ -178,14 +178,14 @@ TEST_F(RecordDelete, RestoresThePosition) {
 
 TEST_F(RecordDelete, FailsForARecordThatWasDeletedBefore) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kB), 1);
   expectUnchanged([&] { EXPECT_EQ(erase(db, kB), 0); });
 }
 
 TEST_F(RecordDelete, FailsForARecordOrATableThatIsNotThere) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] {
     EXPECT_EQ(erase(db, kNoRecord), 0);
     EXPECT_EQ(erase(db, kA, kNoTable), 0);
@@ -209,8 +209,8 @@ TEST_F(RecordDelete, FailsOnAVersionOutsideTheRange) {
 
 TEST_F(RecordDelete, FailsOnAHandleOpenedForReading) {
   threeRecords();
-  const std::int16_t db = start(1);
-  for (const std::uint64_t record : {kA, kB, kC}) {
+  const int16_t db = start(1);
+  for (const uint64_t record : {kA, kB, kC}) {
     expectPositionKept(db, [&] { EXPECT_EQ(erase(db, record), 0); });
   }
   expectFile();
@@ -218,7 +218,7 @@ TEST_F(RecordDelete, FailsOnAHandleOpenedForReading) {
 
 TEST_F(RecordDelete, LeavesTheUnusedArgumentAlone) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   int unused = 5;
   EXPECT_EQ(DeleteOneRecord(db, kNotes, kA, &unused), 1);
   EXPECT_EQ(unused, 5);
@@ -243,12 +243,12 @@ TEST_F(RecordDelete, RefusesTheOnlyRecordOfAChainThatShouldHoldTwo) {
 
 TEST_F(RecordDelete, RefusesASoleRecordUnlessItsTableCountsOne) {
   // The lookup notices first that the chain is short; so this is asked of the unlinking itself.
-  const std::int64_t only = image.addRecord(notes, kA, bytesOf("only"));
-  const std::int16_t db = start();
+  const int64_t only = image.addRecord(notes, kA, bytesOf("only"));
+  const int16_t db = start();
   FoundRecord found;
   ASSERT_TRUE(findRecord(db, kNotes, kA, &found));
   ASSERT_EQ(found.recordPos, only);
-  for (const std::uint32_t recordCount : {0u, 2u, 0xFFFFFFFFu}) {
+  for (const uint32_t recordCount : {0u, 2u, 0xFFFFFFFFu}) {
     found.table.slot.recordCount = recordCount;
     EXPECT_FALSE(unlinkRecord(db, &found));
   }
@@ -290,7 +290,7 @@ TEST_F(RecordDelete, TakesARecordForTheFirstOrTheLastAsTheSlotSays) {
   threeRecords();
   image.slot(notes).lastRecordPos = a;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kA), 1);
   image.record(b).prevRecordPos = 0;
   image.slot(notes).firstRecordPos = image.slot(notes).lastWrittenRecordPos = b;
@@ -323,7 +323,7 @@ TEST_F(RecordDelete, RefusesWhenTheSuccessorIsNotSound) {
 TEST_F(RecordDelete, RefusesWhenASuccessorLiesWhereNoBlockCan) {
   threeRecords();
   expectDamage();
-  for (const std::int64_t hostile : kHostilePositions) {
+  for (const int64_t hostile : kHostilePositions) {
     SCOPED_TRACE(hostile);
     image.record(a).nextRecordPos = hostile;
     expectRefused(kA);
@@ -338,14 +338,14 @@ TEST_F(RecordDelete, RefusesWhenAPredecessorIsNotSound) {
   threeRecords();
   RecordFields dead = image.record(a);
   dead.blockMark = 134;
-  const std::int64_t wrongMark = image.addDeadRecord(dead);
+  const int64_t wrongMark = image.addDeadRecord(dead);
   dead.blockMark = 135;
   dead.tableID = identifier(kOther);
-  const std::int64_t ofAnotherTable = image.addDeadRecord(dead);
-  std::vector<std::int64_t> positions = {wrongMark, ofAnotherTable};
+  const int64_t ofAnotherTable = image.addDeadRecord(dead);
+  std::vector<int64_t> positions = {wrongMark, ofAnotherTable};
   positions.insert(positions.end(), std::begin(kHostilePositions), std::end(kHostilePositions));
   expectDamage();
-  for (const std::int64_t position : positions) {
+  for (const int64_t position : positions) {
     SCOPED_TRACE(position);
     image.record(b).prevRecordPos = position;
     expectRefused(kB);
@@ -360,7 +360,7 @@ TEST_F(RecordDelete, DoesNotAskWhetherTheNeighboursPointBack) {
   threeRecords();
   image.record(c).prevRecordPos = a;  // not B
   allowDamage();
-  std::int16_t db = start();
+  int16_t db = start();
   ASSERT_EQ(erase(db, kB), 1);
   EXPECT_EQ(record(a).nextRecordPos, c);
   EXPECT_EQ(record(c).prevRecordPos, a);
@@ -380,15 +380,15 @@ TEST_F(RecordDelete, DoesNotAskWhetherTheNeighboursPointBack) {
 TEST_F(RecordDelete, WritesTheLinksThenTheSlot) {
   threeRecords();
   const FileImage before = image;
-  const auto slotPos = static_cast<std::int64_t>(slotOffset(notes));
-  const auto linkTo = [](std::int64_t position) {
-    return Bytes().be(8, static_cast<std::uint64_t>(position));
+  const auto slotPos = static_cast<int64_t>(slotOffset(notes));
+  const auto linkTo = [](int64_t position) {
+    return Bytes().be(8, static_cast<uint64_t>(position));
   };
-  const auto logOf = [&](std::uint64_t record) {
+  const auto logOf = [&](uint64_t record) {
     image = before;
-    return ranges(writesOf([record](std::int16_t db) { return erase(db, record); }));
+    return ranges(writesOf([record](int16_t db) { return erase(db, record); }));
   };
-  const auto slotAfter = [&](std::int64_t first, std::int64_t last, std::int64_t lastWritten) {
+  const auto slotAfter = [&](int64_t first, int64_t last, int64_t lastWritten) {
     SlotFields owner = FileImage(before).slot(notes);
     owner.firstRecordPos = first;
     owner.lastRecordPos = last;
@@ -420,41 +420,41 @@ TEST_F(RecordDelete, WritesNothingBetweenTheLinksOfBlocksThatAreNextToEachOther)
   image.record(c).nextRecordPos = 0;
   image.slot(notes).lastRecordPos = c;
   for (const int permission : {3, 4}) {
-    const std::int16_t db = start(permission);
+    const int16_t db = start(permission);
     host.forget();
     ASSERT_EQ(erase(db, kB), 1);
     const std::vector<Write> log = ranges(host.writes());
     close(db);
     ASSERT_EQ(log.size(), 3u);
-    EXPECT_EQ(log[0], (Write{a + 39, Bytes().be(8, std::uint64_t(c)), kDefaultFile}));
-    EXPECT_EQ(log[1], (Write{c + 31, Bytes().be(8, std::uint64_t(a)), kDefaultFile}));
-    EXPECT_EQ(log[2].position, std::int64_t(slotOffset(notes)));
+    EXPECT_EQ(log[0], (Write{a + 39, Bytes().be(8, uint64_t(c)), kDefaultFile}));
+    EXPECT_EQ(log[1], (Write{c + 31, Bytes().be(8, uint64_t(a)), kDefaultFile}));
+    EXPECT_EQ(log[2].position, int64_t(slotOffset(notes)));
   }
 }
 
 TEST_F(RecordDelete, StopsTakingOutTheFirstRecordAtTheFirstFailure) {
   threeRecords();
-  expectStopsAtEachFailure([](std::int16_t db) { return erase(db, kA); });
+  expectStopsAtEachFailure([](int16_t db) { return erase(db, kA); });
 }
 
 TEST_F(RecordDelete, StopsTakingOutAMiddleRecordAtTheFirstFailure) {
   threeRecords();
-  expectStopsAtEachFailure([](std::int16_t db) { return erase(db, kB); });
+  expectStopsAtEachFailure([](int16_t db) { return erase(db, kB); });
 }
 
 TEST_F(RecordDelete, StopsTakingOutTheLastRecordAtTheFirstFailure) {
   threeRecords();
-  expectStopsAtEachFailure([](std::int16_t db) { return erase(db, kC); });
+  expectStopsAtEachFailure([](int16_t db) { return erase(db, kC); });
 }
 
 TEST_F(RecordDelete, StopsTakingOutTheOnlyRecordAtTheFirstFailure) {
   image.addRecord(notes, kA, bytesOf("only"));
-  expectStopsAtEachFailure([](std::int16_t db) { return erase(db, kA); });
+  expectStopsAtEachFailure([](int16_t db) { return erase(db, kA); });
 }
 
 TEST_F(RecordDelete, ReadsNoClock) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(erase(db, kB), 1);
   EXPECT_EQ(host.count(Call::time), 0);
 }
@@ -462,7 +462,7 @@ TEST_F(RecordDelete, ReadsNoClock) {
 TEST_F(RecordDelete, WritesEachLinkAndTheSlotOnItsOwn) {
   if (platform::gathersTransfers()) GTEST_SKIP();
   threeRecords();
-  EXPECT_EQ(expectStopsAtEachWrite([](std::int16_t db) { return erase(db, kB); }), 3);
+  EXPECT_EQ(expectStopsAtEachWrite([](int16_t db) { return erase(db, kB); }), 3);
 }
 
 }  // namespace

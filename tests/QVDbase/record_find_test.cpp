@@ -11,23 +11,23 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::uint32_t kMost = 0xFFFFFFFF;
+constexpr uint32_t kMost = 0xFFFFFFFF;
 
 class RecordFind : public RecordTest {
  protected:
-  static int find(std::int16_t db, std::uint64_t record, oneRecordInfoP1* info = nullptr) {
+  static int find(int16_t db, uint64_t record, oneRecordInfoP1* info = nullptr) {
     oneRecordInfoP1 unused{};
     return GetOneRecordInfo(db, kNotes, record, info != nullptr ? info : &unused, nullptr);
   }
 
   // Makes the chain of "notes" a loop: `tail` records, then `round` records that go round for ever.
   // The identifiers are 1, 2, ... in the order of the chain.
-  void loop(int tail, int round, std::uint32_t recordCount) {
-    std::vector<std::int64_t> positions;
+  void loop(int tail, int round, uint32_t recordCount) {
+    std::vector<int64_t> positions;
     for (int i = 1; i <= tail + round; ++i) {
-      positions.push_back(image.addRecord(notes, static_cast<std::uint64_t>(i), {}));
+      positions.push_back(image.addRecord(notes, static_cast<uint64_t>(i), {}));
     }
-    image.record(positions.back()).nextRecordPos = positions[static_cast<std::size_t>(tail)];
+    image.record(positions.back()).nextRecordPos = positions[static_cast<size_t>(tail)];
     image.slot(notes).recordCount = recordCount;
     expectDamage();
   }
@@ -37,7 +37,7 @@ class RecordFind : public RecordTest {
 
 TEST_F(RecordFind, TellsEveryFieldOfARecord) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   oneRecordInfoP1 info;
   std::memset(&info, 0xEE, sizeof info);
   ASSERT_EQ(find(db, kB, &info), 1);
@@ -53,14 +53,14 @@ TEST_F(RecordFind, TellsEveryFieldOfARecord) {
 
 TEST_F(RecordFind, LaysTheInformationOutIn48Bytes) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   oneRecordInfoP1 info{};
   ASSERT_EQ(find(db, kB, &info), 1);
   static_assert(sizeof info == 48);
   unsigned char bytes[48];
   std::memcpy(bytes, &info, sizeof bytes);
-  std::uint32_t length = 0;
-  std::int64_t dataPos = 0;
+  uint32_t length = 0;
+  int64_t dataPos = 0;
   std::memcpy(&length, bytes + 24, sizeof length);
   std::memcpy(&dataPos, bytes + 40, sizeof dataPos);
   EXPECT_EQ(length, 6u);
@@ -68,29 +68,29 @@ TEST_F(RecordFind, LaysTheInformationOutIn48Bytes) {
 }
 
 TEST_F(RecordFind, TellsLengthAndRoomOfAStoredRecord) {
-  const std::int16_t db = start();
-  const std::uint64_t id = addRecord(db, kNotes, pattern(10), 50);
+  const int16_t db = start();
+  const uint64_t id = addRecord(db, kNotes, pattern(10), 50);
   const oneRecordInfoP1 told = info(db, kNotes, id);
   EXPECT_EQ(told.dataLength, 10u);
   EXPECT_EQ(told.dataCapacity, 50u);
   EXPECT_EQ(told.recordPos, 4630);
   EXPECT_EQ(told.dataPos, 4685);
-  EXPECT_EQ(told.createTime, static_cast<std::uint32_t>(kNow));
+  EXPECT_EQ(told.createTime, static_cast<uint32_t>(kNow));
 }
 
 TEST_F(RecordFind, FindsTheFirstTheMiddleAndTheLastRecord) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(info(db, kNotes, kA).recordPos, a);
   EXPECT_EQ(info(db, kNotes, kB).recordPos, b);
   EXPECT_EQ(info(db, kNotes, kC).recordPos, c);
 }
 
 TEST_F(RecordFind, FindsTheEarlierOfTwoRecordsWithOneIdentifier) {
-  const std::int64_t first = image.addRecord(notes, kA, bytesOf("one"));
-  const std::int64_t second = image.addRecord(notes, kB, bytesOf("two"));
+  const int64_t first = image.addRecord(notes, kA, bytesOf("one"));
+  const int64_t second = image.addRecord(notes, kB, bytesOf("two"));
   image.addRecord(notes, kB, bytesOf("three"));
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(info(db, kNotes, kA).recordPos, first);
   EXPECT_EQ(info(db, kNotes, kB).recordPos, second);
 }
@@ -99,14 +99,14 @@ TEST_F(RecordFind, ComparesTheEightIdentityBytesAndNotTheirSum) {
   threeRecords();
   image.record(b).recordID = hex("00000000000000B2 FFFF");
   expectDamage(kDefaultFile, {"R4"});
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(info(db, kNotes, kB).recordPos, b);
 }
 
 TEST_F(RecordFind, LooksInTheOneTableOnly) {
   threeRecords();
   image.addRecord(other, kNoRecord, bytesOf("elsewhere"));
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(find(db, kNoRecord), 0);
   EXPECT_EQ(info(db, kOther, kNoRecord).tableID, kOther);
 }
@@ -116,7 +116,7 @@ TEST_F(RecordFind, TellsLengthsThatNoFileHolds) {
   image.record(b).dataLength = kMost;
   image.record(b).dataCapacity = kMost - 1;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   const oneRecordInfoP1 told = info(db, kNotes, kB);
   EXPECT_EQ(told.dataLength, kMost);
   EXPECT_EQ(told.dataCapacity, kMost - 1);
@@ -125,14 +125,14 @@ TEST_F(RecordFind, TellsLengthsThatNoFileHolds) {
 
 TEST_F(RecordFind, RefusesANullInformation) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] { EXPECT_EQ(GetOneRecordInfo(db, kNotes, kA, nullptr, nullptr), 0); });
   EXPECT_EQ(host.count(Call::read), 0);
 }
 
 TEST_F(RecordFind, LeavesTheUnusedArgumentAlone) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   oneRecordInfoP1 told{};
   int unused = 5;
   EXPECT_EQ(GetOneRecordInfo(db, kNotes, kA, &told, &unused), 1);
@@ -140,13 +140,13 @@ TEST_F(RecordFind, LeavesTheUnusedArgumentAlone) {
 }
 
 TEST_F(RecordFind, FailsInATableWithoutRecords) {
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] { EXPECT_EQ(find(db, kA), 0); });
 }
 
 TEST_F(RecordFind, FailsForARecordOrATableThatIsNotThere) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   oneRecordInfoP1 told{};
   expectPositionKept(db, [&] {
     EXPECT_EQ(find(db, kNoRecord), 0);
@@ -159,15 +159,15 @@ TEST_F(RecordFind, FailsForARecordOrATableThatIsNotThere) {
 
 TEST_F(RecordFind, RestoresThePositionWhenARecordIsFound) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] { EXPECT_EQ(find(db, kC), 1); });
 }
 
 TEST_F(RecordFind, ReadsWithoutWriting) {
   threeRecords();
-  const std::int16_t db = start(1);
-  std::uint32_t count = 0;
-  std::uint64_t ids[3];
+  const int16_t db = start(1);
+  uint32_t count = 0;
+  uint64_t ids[3];
   EXPECT_EQ(find(db, kC), 1);
   EXPECT_EQ(GetRecordUuIDList(db, kNotes, ids, &count), 1);
   EXPECT_EQ(GetNumberOfRecords(db, kNotes, &count), 1);
@@ -183,7 +183,7 @@ TEST_F(RecordFind, StopsAtADamagedRecordAndFindsTheOnesBefore) {
   const RecordFields sound = image.record(b);
   const auto expectStop = [&](const char* damage) {
     SCOPED_TRACE(damage);
-    const std::int16_t db = start();
+    const int16_t db = start();
     EXPECT_EQ(find(db, kA), 1);
     expectPositionKept(db, [&] {
       EXPECT_EQ(find(db, kB), 0);
@@ -206,7 +206,7 @@ TEST_F(RecordFind, ExpectsTheTableBytesOfTheSlotWhateverTheirSum) {
   image.slot(notes).tableID = hex("1122334455667788 0001");
   image.addRecord(notes, kA, {});
   expectDamage(kDefaultFile, {"D3"});
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(find(db, kA), 1);
   EXPECT_EQ(numberOfRecords(db, kNotes), 1u);
 }
@@ -216,7 +216,7 @@ TEST_F(RecordFind, FailsWhereTheChainEndsBeforeItsCount) {
   image.addRecord(notes, kB, bytesOf("two"));
   image.slot(notes).recordCount = 3;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(find(db, kA), 1);
   // The second record has no successor while one more is expected: not even it is found.
   EXPECT_EQ(find(db, kB), 0);
@@ -227,7 +227,7 @@ TEST_F(RecordFind, LooksAtNoMoreRecordsThanTheSlotCounts) {
   threeRecords();
   image.slot(notes).recordCount = 2;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(find(db, kA), 1);
   EXPECT_EQ(find(db, kB), 1);
   EXPECT_EQ(find(db, kC), 0);
@@ -237,7 +237,7 @@ TEST_F(RecordFind, FindsNothingUnderACountOf0) {
   threeRecords();
   image.slot(notes).recordCount = 0;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(find(db, kA), 0);
 }
 
@@ -245,7 +245,7 @@ TEST_F(RecordFind, FindsTheLastCountedRecordWhateverItsSuccessor) {
   threeRecords();
   image.record(c).nextRecordPos = -3;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(find(db, kC), 1);
   expectPositionKept(db, [&] { EXPECT_EQ(find(db, kNoRecord), 0); });
 }
@@ -253,10 +253,10 @@ TEST_F(RecordFind, FindsTheLastCountedRecordWhateverItsSuccessor) {
 TEST_F(RecordFind, FailsAtPositionsWhereNoBlockCanLie) {
   threeRecords();
   expectDamage();
-  for (const std::int64_t hostile : kHostilePositions) {
+  for (const int64_t hostile : kHostilePositions) {
     SCOPED_TRACE(hostile);
     image.slot(notes).firstRecordPos = hostile;
-    std::int16_t db = start();
+    int16_t db = start();
     expectPositionKept(db, [&] { EXPECT_EQ(find(db, kA), 0); });
     close(db);
 
@@ -274,13 +274,13 @@ TEST_F(RecordFind, FailsWhenTheFileEndsInsideAHeader) {
   threeRecords();
   allowDamage();
   const Bytes whole = image.build();
-  for (std::size_t kept = 0; kept < 55; ++kept) {
-    const std::int16_t db = put(whole.cut(static_cast<std::size_t>(c) + kept));
+  for (size_t kept = 0; kept < 55; ++kept) {
+    const int16_t db = put(whole.cut(static_cast<size_t>(c) + kept));
     EXPECT_EQ(find(db, kC), 0) << kept;
     EXPECT_EQ(find(db, kB), 1) << kept;
     close(db);
   }
-  const std::int16_t db = put(whole.cut(static_cast<std::size_t>(c) + 55));
+  const int16_t db = put(whole.cut(static_cast<size_t>(c) + 55));
   EXPECT_EQ(find(db, kC), 1);
 }
 
@@ -291,9 +291,9 @@ TEST_F(RecordFind, EndsInALoopUnderTheLargestCount) {
     image = FileImage();
     image.addTable("notes", kNotes);
     loop(tail, round, kMost);
-    const std::int16_t db = start();
+    const int16_t db = start();
     for (int i = 1; i <= tail + round; ++i) {
-      EXPECT_EQ(find(db, static_cast<std::uint64_t>(i)), 1);
+      EXPECT_EQ(find(db, static_cast<uint64_t>(i)), 1);
     }
     expectPositionKept(db, [&] { EXPECT_EQ(find(db, kNoRecord), 0); });
     close(db);
@@ -302,7 +302,7 @@ TEST_F(RecordFind, EndsInALoopUnderTheLargestCount) {
 
 TEST_F(RecordFind, FindsRecordsOfALoopUnderASmallCount) {
   loop(1, 2, 3);
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(find(db, 3), 1);
   EXPECT_EQ(find(db, 4), 0);
 }
@@ -311,11 +311,11 @@ TEST_F(RecordFind, FailsWhenTheDirectoryCannotBeRead) {
   threeRecords();
   allowDamage();
   const Bytes whole = image.build();
-  for (const std::size_t kept : {0u, 5u, 21u, 22u, 22u + 143u}) {
-    const std::int16_t db = put(whole.cut(kept));
+  for (const size_t kept : {0u, 5u, 21u, 22u, 22u + 143u}) {
+    const int16_t db = put(whole.cut(kept));
     expectPositionKept(db, [&] {
       EXPECT_EQ(find(db, kA), 0);
-      std::uint32_t count = 5;
+      uint32_t count = 5;
       EXPECT_EQ(GetNumberOfRecords(db, kNotes, &count), 0);
       EXPECT_EQ(count, 0u);
     });
@@ -325,15 +325,15 @@ TEST_F(RecordFind, FailsWhenTheDirectoryCannotBeRead) {
 
 TEST_F(RecordFind, FailsAtEachFailingRead) {
   threeRecords();
-  expectStopsAtEachRead([](std::int16_t db) { return find(db, kC); });
-  expectGoesOnAfterEachShortTransfer([](std::int16_t db) { return find(db, kC); });
+  expectStopsAtEachRead([](int16_t db) { return find(db, kC); });
+  expectGoesOnAfterEachShortTransfer([](int16_t db) { return find(db, kC); });
 }
 
 // ---- the header reader and the walk, from inside ------------------------------------------------
 
 TEST_F(RecordFind, ReadsAHeaderFieldByField) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   recordPart1 header;
   std::memset(&header, 0xEE, sizeof header);
   seek(db, b);
@@ -356,15 +356,15 @@ TEST_F(RecordFind, ReadsNeitherPayloadNorEndMarkWithAHeader) {
   threeRecords();
   image.record(c).blockEndMark = 0;
   expectDamage(kDefaultFile, {"R13"});
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(find(db, kC), 1);
 }
 
 TEST_F(RecordFind, RejectsAHeaderThatDiffersInAnyByteOfItsTable) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   recordPart1 header;
-  for (std::size_t i = 0; i < 10; ++i) {
+  for (size_t i = 0; i < 10; ++i) {
     Bytes wanted = identifier(kNotes);
     wanted[i] ^= 0x80;
     seek(db, b);
@@ -376,14 +376,14 @@ TEST_F(RecordFind, RejectsAHeaderThatDiffersInAnyByteOfItsTable) {
 
 TEST_F(RecordFind, HandsOutHeaderAndPositionOfTheRecordFound) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   tablePart1 owner{};
   owner.recordCount = 3;
   owner.firstRecordPos = a;
   const Bytes id = identifier(kNotes);
   std::copy(id.begin(), id.end(), owner.tableID);
   recordPart1 header{};
-  std::int64_t recordPos = 0;
+  int64_t recordPos = 0;
   ASSERT_EQ(internal_FindOneRecord(db, &owner, kC, &header, &recordPos, nullptr), 1);
   EXPECT_EQ(recordPos, c);
   EXPECT_EQ(header.createTime, 31u);
@@ -394,21 +394,21 @@ TEST_F(RecordFind, HandsOutHeaderAndPositionOfTheRecordFound) {
 
 class RecordTouch : public RecordTest {
  protected:
-  static int touch(std::int16_t db, std::uint64_t record = kB, std::uint64_t table = kNotes) {
+  static int touch(int16_t db, uint64_t record = kB, uint64_t table = kNotes) {
     return ModifyOneRecordInfo_LMTime(db, table, record);
   }
 };
 
 TEST_F(RecordTouch, ChangesTheFourBytesOfTheTimeOnly) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(touch(db), 1);
-  EXPECT_TRUE(sameBytes(contents(), base.with(static_cast<std::size_t>(b) + 27, hex("5F5E1000"))));
+  EXPECT_TRUE(sameBytes(contents(), base.with(static_cast<size_t>(b) + 27, hex("5F5E1000"))));
 }
 
 TEST_F(RecordTouch, StoresTheClockModulo2To32) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   host.setTime(0x7'0000'0009);
   ASSERT_EQ(touch(db), 1);
   EXPECT_EQ(record(b).modifyTime, 9u);
@@ -419,7 +419,7 @@ TEST_F(RecordTouch, StoresTheClockModulo2To32) {
 
 TEST_F(RecordTouch, RestoresThePosition) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] {
     EXPECT_EQ(touch(db), 1);
     EXPECT_EQ(touch(db, kNoRecord), 0);
@@ -429,7 +429,7 @@ TEST_F(RecordTouch, RestoresThePosition) {
 
 TEST_F(RecordTouch, ChangesNothingForWhatIsNotThere) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(touch(db, kNoRecord), 0);
   EXPECT_EQ(touch(db, kB, kNoTable), 0);
   EXPECT_EQ(touch(db, kB, kOther), 0);
@@ -441,22 +441,22 @@ TEST_F(RecordTouch, ChangesNothingForWhatIsNotThere) {
 TEST_F(RecordTouch, LeavesThePositionBehindWhenHeaderOrDirectoryCannotBeRead) {
   struct Case {
     const char* what;
-    std::size_t offset;
+    size_t offset;
     Bytes patch;
-    std::int64_t position;  // where the reading ends
+    int64_t position;  // where the reading ends
   };
   const Case cases[] = {{"signature", 0, bytesOf("XV"), 4}, {"version", 4, hex("0063"), 16}};
   threeRecords();
   allowDamage();
   for (const Case& each : cases) {
     SCOPED_TRACE(each.what);
-    const std::int16_t db = put(image.build().with(each.offset, each.patch));
+    const int16_t db = put(image.build().with(each.offset, each.patch));
     seek(db, 77);
     EXPECT_EQ(touch(db), 0);
     EXPECT_EQ(position(db), each.position);
     close(db);
   }
-  const std::int16_t db = put(image.build().cut(19));
+  const int16_t db = put(image.build().cut(19));
   seek(db, 77);
   EXPECT_EQ(touch(db), 0);
   EXPECT_EQ(position(db), 19);
@@ -466,24 +466,24 @@ TEST_F(RecordTouch, RestoresThePositionWhenASlotIsDamaged) {
   threeRecords();
   image.slot(notes).slotMark = 0;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] { EXPECT_EQ(touch(db), 0); });
   expectFile();
 }
 
 TEST_F(RecordTouch, ChangesNothingOnAHandleOpenedForReading) {
   threeRecords();
-  const std::int16_t db = start(1);
+  const int16_t db = start(1);
   expectPositionKept(db, [&] { EXPECT_EQ(touch(db), 0); });
   expectFile();
 }
 
 TEST_F(RecordTouch, TouchesTheEarlierOfTwoRecordsWithOneIdentifier) {
-  const std::int64_t first = image.addRecord(notes, kA, {});
-  const std::int64_t second = image.addRecord(notes, kA, {});
-  const std::int16_t db = start();
+  const int64_t first = image.addRecord(notes, kA, {});
+  const int64_t second = image.addRecord(notes, kA, {});
+  const int16_t db = start();
   ASSERT_EQ(touch(db, kA), 1);
-  EXPECT_EQ(record(first).modifyTime, static_cast<std::uint32_t>(kNow));
+  EXPECT_EQ(record(first).modifyTime, static_cast<uint32_t>(kNow));
   EXPECT_EQ(record(second).modifyTime, 1000u);
 }
 
@@ -492,7 +492,7 @@ TEST_F(RecordTouch, EndsInALoopUnderTheLargestCount) {
   image.record(c).nextRecordPos = a;
   image.slot(notes).recordCount = kMost;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(touch(db, kNoRecord), 0);
   expectFile();
   EXPECT_EQ(touch(db, kC), 1);
@@ -504,7 +504,7 @@ TEST_F(RecordTouch, ChecksTheBlockBeforeItWrites) {
   const RecordFields sound = image.record(b);
   const auto expectRefused = [&](const char* damage) {
     SCOPED_TRACE(damage);
-    const std::int16_t db = start();
+    const int16_t db = start();
     EXPECT_EQ(internal_ModifyOneRecordDataInfo_LMTime(db, identifier(kNotes).data(), b), 0);
     expectFile();
     close(db);
@@ -520,8 +520,8 @@ TEST_F(RecordTouch, ChecksTheBlockBeforeItWrites) {
 
 TEST_F(RecordTouch, WritesNothingAtPositionsWhereNoBlockCanLie) {
   threeRecords();
-  const std::int16_t db = start();
-  for (const std::int64_t hostile : kHostilePositions) {
+  const int16_t db = start();
+  for (const int64_t hostile : kHostilePositions) {
     EXPECT_EQ(internal_ModifyOneRecordDataInfo_LMTime(db, identifier(kNotes).data(), hostile), 0);
   }
   expectFile();
@@ -530,23 +530,23 @@ TEST_F(RecordTouch, WritesNothingAtPositionsWhereNoBlockCanLie) {
 TEST_F(RecordTouch, NeedsTheFileToReachUpToTheTime) {
   threeRecords();
   allowDamage();
-  const auto touchCutAt = [&](std::size_t kept) {
-    const std::int16_t db = put(image.build().cut(static_cast<std::size_t>(c) + kept));
+  const auto touchCutAt = [&](size_t kept) {
+    const int16_t db = put(image.build().cut(static_cast<size_t>(c) + kept));
     const int result = internal_ModifyOneRecordDataInfo_LMTime(db, identifier(kNotes).data(), c);
     close(db);
     return result;
   };
-  for (std::size_t kept = 0; kept < 27; ++kept) {
+  for (size_t kept = 0; kept < 27; ++kept) {
     EXPECT_EQ(touchCutAt(kept), 0) << kept;
-    EXPECT_EQ(fileSize(), static_cast<std::size_t>(c) + kept);
+    EXPECT_EQ(fileSize(), static_cast<size_t>(c) + kept);
   }
   EXPECT_EQ(touchCutAt(27), 1);
-  EXPECT_EQ(contents().from(static_cast<std::size_t>(c) + 27), hex("5F5E1000"));
+  EXPECT_EQ(contents().from(static_cast<size_t>(c) + 27), hex("5F5E1000"));
 }
 
 TEST_F(RecordTouch, StopsAtEachFailingWrite) {
   threeRecords();
-  const Operation operation = [](std::int16_t db) { return touch(db); };
+  const Operation operation = [](int16_t db) { return touch(db); };
   expectStopsAtEachByte(operation);
   expectStopsAtEachWrite(operation);
   expectGoesOnAfterEachShortTransfer(operation);
@@ -554,7 +554,7 @@ TEST_F(RecordTouch, StopsAtEachFailingWrite) {
 
 TEST_F(RecordTouch, ReadsTheClockOnce) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(touch(db), 1);
   EXPECT_EQ(host.count(Call::time), 1);
 }
@@ -565,12 +565,12 @@ class RecordList : public RecordFind {
  protected:
   struct Listing {
     int result = -1;
-    std::uint32_t count = 7;
-    std::vector<std::uint64_t> ids;  // as many as counted
+    uint32_t count = 7;
+    std::vector<uint64_t> ids;  // as many as counted
   };
-  static constexpr std::uint64_t kUnwritten = 0xEEEEEEEEEEEEEEEE;
+  static constexpr uint64_t kUnwritten = 0xEEEEEEEEEEEEEEEE;
 
-  Listing listOf(std::int16_t db, std::size_t room = 10, std::uint64_t table = kNotes) {
+  Listing listOf(int16_t db, size_t room = 10, uint64_t table = kNotes) {
     Listing listing;
     buffer.assign(room, kUnwritten);
     seek(db, 77);
@@ -580,14 +580,14 @@ class RecordList : public RecordFind {
     return listing;
   }
 
-  std::vector<std::uint64_t> buffer;
+  std::vector<uint64_t> buffer;
 };
 
-using Ids = std::vector<std::uint64_t>;
+using Ids = std::vector<uint64_t>;
 
 TEST_F(RecordList, ListsInTheOrderOfTheChain) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 1);
   EXPECT_EQ(listing.ids, (Ids{kA, kB, kC}));
@@ -602,19 +602,19 @@ TEST_F(RecordList, FollowsTheLinksAndNotTheOrderInTheFile) {
   image.record(b).prevRecordPos = c;
   image.record(b).nextRecordPos = 0;
   image.slot(notes).lastRecordPos = b;
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(listOf(db).ids, (Ids{kA, kC, kB}));
 }
 
 TEST_F(RecordList, LeavesOutADeletedRecord) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(DeleteOneRecord(db, kNotes, kB, nullptr), 1);
   EXPECT_EQ(listOf(db).ids, (Ids{kA, kC}));
 }
 
 TEST_F(RecordList, IsEmptyForATableWithoutRecords) {
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 1);
   EXPECT_EQ(listing.count, 0u);
@@ -624,7 +624,7 @@ TEST_F(RecordList, IsEmptyForATableWithoutRecords) {
 TEST_F(RecordList, IsEmptyUnderACountOf0WhereverTheChainBegins) {
   image.slot(notes).firstRecordPos = -1;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 1);
   EXPECT_EQ(listing.count, 0u);
@@ -632,9 +632,9 @@ TEST_F(RecordList, IsEmptyUnderACountOf0WhereverTheChainBegins) {
 
 TEST_F(RecordList, RefusesNullPointers) {
   threeRecords();
-  const std::int16_t db = start();
-  std::uint32_t count = 7;
-  std::uint64_t ids[3] = {kUnwritten};
+  const int16_t db = start();
+  uint32_t count = 7;
+  uint64_t ids[3] = {kUnwritten};
   expectPositionKept(db, [&] {
     EXPECT_EQ(GetRecordUuIDList(db, kNotes, nullptr, &count), 0);
     EXPECT_EQ(GetRecordUuIDList(db, kNotes, ids, nullptr), 0);
@@ -645,7 +645,7 @@ TEST_F(RecordList, RefusesNullPointers) {
 
 TEST_F(RecordList, CountsNothingForATableThatIsNotThere) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db, 10, kNoTable);
   EXPECT_EQ(listing.result, 0);
   EXPECT_EQ(listing.count, 0u);
@@ -655,7 +655,7 @@ TEST_F(RecordList, CountsNothingWhenTheDirectoryCannotBeRead) {
   threeRecords();
   image.header().version = 200;
   expectDamage(kDefaultFile, {"H2"});
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 0);
   EXPECT_EQ(listing.count, 0u);
@@ -665,9 +665,9 @@ TEST_F(RecordList, CountsTheRecordsOfAChainThatEndsEarly) {
   image.addRecord(notes, kA, bytesOf("one"));
   image.addRecord(notes, kB, bytesOf("two"));
   expectDamage();
-  for (const std::uint32_t recordCount : {3u, kMost}) {
+  for (const uint32_t recordCount : {3u, kMost}) {
     image.slot(notes).recordCount = recordCount;
-    const std::int16_t db = start();
+    const int16_t db = start();
     const Listing listing = listOf(db);
     EXPECT_EQ(listing.result, 0);
     EXPECT_EQ(listing.ids, (Ids{kA, kB}));
@@ -682,7 +682,7 @@ TEST_F(RecordList, GoesOnIntoAPayloadThatLooksLikeAHeaderWhereTheChainEndsEarly)
   image.addRecord(notes, kA, disguised.encode());
   image.slot(notes).recordCount = 2;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 1);
   EXPECT_EQ(listing.ids, (Ids{kA, 0x5EED}));
@@ -692,7 +692,7 @@ TEST_F(RecordList, ListsNoMoreThanTheSlotCounts) {
   threeRecords();
   image.slot(notes).recordCount = 2;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 1);
   EXPECT_EQ(listing.ids, (Ids{kA, kB}));
@@ -703,7 +703,7 @@ TEST_F(RecordList, StopsAtADamagedRecord) {
   threeRecords();
   image.record(b).blockMark = 0;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 0);
   EXPECT_EQ(listing.ids, (Ids{kA}));
@@ -713,7 +713,7 @@ TEST_F(RecordList, CountsNoRecordWhoseSuccessorCannotBeReached) {
   threeRecords();
   image.record(b).nextRecordPos = -1;
   expectDamage();
-  std::int16_t db = start();
+  int16_t db = start();
   Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 0);
   EXPECT_EQ(listing.ids, (Ids{kA}));
@@ -722,7 +722,7 @@ TEST_F(RecordList, CountsNoRecordWhoseSuccessorCannotBeReached) {
 
   // The same at the last record of the count, though nothing would be read there.
   image.record(b).nextRecordPos = c;
-  image.record(c).nextRecordPos = std::numeric_limits<std::int64_t>::min();
+  image.record(c).nextRecordPos = std::numeric_limits<int64_t>::min();
   db = start();
   listing = listOf(db);
   EXPECT_EQ(listing.result, 0);
@@ -731,9 +731,9 @@ TEST_F(RecordList, CountsNoRecordWhoseSuccessorCannotBeReached) {
 
 TEST_F(RecordList, DoesNotMindWhereTheLastCountedRecordLeads) {
   threeRecords();
-  image.record(c).nextRecordPos = std::numeric_limits<std::int64_t>::max();
+  image.record(c).nextRecordPos = std::numeric_limits<int64_t>::max();
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 1);
   EXPECT_EQ(listing.ids, (Ids{kA, kB, kC}));
@@ -742,9 +742,9 @@ TEST_F(RecordList, DoesNotMindWhereTheLastCountedRecordLeads) {
 TEST_F(RecordList, FailsAtFirstPositionsWhereNoBlockCanLie) {
   threeRecords();
   expectDamage();
-  for (const std::int64_t hostile : kHostilePositions) {
+  for (const int64_t hostile : kHostilePositions) {
     image.slot(notes).firstRecordPos = hostile;
-    const std::int16_t db = start();
+    const int16_t db = start();
     const Listing listing = listOf(db);
     EXPECT_EQ(listing.result, 0) << hostile;
     EXPECT_EQ(listing.count, 0u) << hostile;
@@ -755,18 +755,18 @@ TEST_F(RecordList, FailsAtFirstPositionsWhereNoBlockCanLie) {
 TEST_F(RecordList, ListsALoopAsOftenAsTheSlotCounts) {
   const int shapes[][2] = {{0, 1}, {0, 2}, {1, 1}, {3, 5}, {7, 1}, {2, 8}, {11, 3}};
   for (const auto& [tail, round] : shapes) {
-    for (const std::uint32_t recordCount : {1u, 5u, 17u, 100u}) {
+    for (const uint32_t recordCount : {1u, 5u, 17u, 100u}) {
       SCOPED_TRACE(std::to_string(tail) + " and " + std::to_string(round));
       image = FileImage();
       image.addTable("notes", kNotes);
       loop(tail, round, recordCount);
       allowDamage();  // a count that ends within the tail looks like a short one
-      const std::int16_t db = start();
+      const int16_t db = start();
       const Listing listing = listOf(db, recordCount);
       Ids expected;
       for (int i = 0; i < static_cast<int>(recordCount); ++i) {
         const int place = i < tail ? i : tail + (i - tail) % round;
-        expected.push_back(static_cast<std::uint64_t>(place + 1));
+        expected.push_back(static_cast<uint64_t>(place + 1));
       }
       EXPECT_EQ(listing.result, 1);
       EXPECT_EQ(listing.ids, expected);
@@ -776,13 +776,13 @@ TEST_F(RecordList, ListsALoopAsOftenAsTheSlotCounts) {
 }
 
 TEST_F(RecordList, ListsALoopUnderALargeCountWithoutReadingItAgainAndAgain) {
-  constexpr std::uint32_t kMany = 5'000'000;
+  constexpr uint32_t kMany = 5'000'000;
   loop(2, 3, kMany);
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db, kMany);
   EXPECT_EQ(listing.result, 1);
   ASSERT_EQ(listing.count, kMany);
-  for (std::uint32_t i = 2; i < kMany; ++i) {
+  for (uint32_t i = 2; i < kMany; ++i) {
     ASSERT_EQ(listing.ids[i], 3u + (i - 2) % 3) << i;
   }
   EXPECT_LT(host.count(Call::read), 1000);
@@ -797,7 +797,7 @@ TEST_F(RecordList, ListsALoopThatLeadsThroughAPayload) {
   image.addRecord(notes, kA, disguised.encode());
   image.slot(notes).recordCount = 7;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   const Listing listing = listOf(db);
   EXPECT_EQ(listing.result, 1);
   EXPECT_EQ(listing.ids, (Ids{kA, 0x5EED, kA, 0x5EED, kA, 0x5EED, kA}));
@@ -805,9 +805,9 @@ TEST_F(RecordList, ListsALoopThatLeadsThroughAPayload) {
 
 TEST_F(RecordList, FailsAtEachFailingRead) {
   threeRecords();
-  const Operation operation = [](std::int16_t db) {
-    std::uint64_t ids[3];
-    std::uint32_t count = 0;
+  const Operation operation = [](int16_t db) {
+    uint64_t ids[3];
+    uint32_t count = 0;
     return GetRecordUuIDList(db, kNotes, ids, &count);
   };
   expectStopsAtEachRead(operation);
@@ -817,10 +817,10 @@ TEST_F(RecordList, FailsAtEachFailingRead) {
 // ---- the number ---------------------------------------------------------------------------------
 
 TEST_F(RecordFind, CountsTheRecordsOfATable) {
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(numberOfRecords(db, kNotes), 0u);
   addRecord(db, kNotes, {});
-  const std::uint64_t second = addRecord(db, kNotes, {});
+  const uint64_t second = addRecord(db, kNotes, {});
   EXPECT_EQ(numberOfRecords(db, kNotes), 2u);
   ASSERT_EQ(DeleteOneRecord(db, kNotes, second, nullptr), 1);
   EXPECT_EQ(numberOfRecords(db, kNotes), 1u);
@@ -832,15 +832,15 @@ TEST_F(RecordFind, TellsTheNumberInTheSlotWithoutVisitingTheRecords) {
   image.slot(notes).recordCount = kMost;
   image.record(a).blockMark = 0;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(numberOfRecords(db, kNotes), kMost);
 }
 
 TEST_F(RecordFind, SetsTheNumberTo0BeforeItLooks) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] {
-    std::uint32_t count = 9;
+    uint32_t count = 9;
     EXPECT_EQ(GetNumberOfRecords(db, kNoTable, &count), 0);
     EXPECT_EQ(count, 0u);
     count = 9;
@@ -853,8 +853,8 @@ TEST_F(RecordFind, SetsTheNumberTo0BeforeItLooks) {
 
 TEST_F(RecordFind, TellsNoNumberWhenTheSlotsCannotBeRead) {
   threeRecords();
-  const Operation operation = [](std::int16_t db) {
-    std::uint32_t count = 9;
+  const Operation operation = [](int16_t db) {
+    uint32_t count = 9;
     const int result = GetNumberOfRecords(db, kNotes, &count);
     EXPECT_EQ(count, result == 1 ? 3u : 0u);
     return result;

@@ -14,25 +14,24 @@ namespace {
 
 class RecordModify : public RecordTest {
  protected:
-  static int modify(std::int16_t db, std::uint64_t record, const Bytes& payload,
-                    std::uint64_t table = kNotes) {
-    return ModifyRecordData(db, table, payload.data(), static_cast<std::uint32_t>(payload.size()),
+  static int modify(int16_t db, uint64_t record, const Bytes& payload, uint64_t table = kNotes) {
+    return ModifyRecordData(db, table, payload.data(), static_cast<uint32_t>(payload.size()),
                             record, nullptr);
   }
 
   // The image after the record at `position` was overwritten by `payload`.
-  void overwrite(std::int64_t position, const Bytes& payload) {
+  void overwrite(int64_t position, const Bytes& payload) {
     RecordFields& record = image.record(position);
-    record.modifyTime = static_cast<std::uint32_t>(kNow);
-    record.dataLength = static_cast<std::uint32_t>(payload.size());
+    record.modifyTime = static_cast<uint32_t>(kNow);
+    record.dataLength = static_cast<uint32_t>(payload.size());
     record.room = record.room.with(0, payload);
   }
 
   // The block that takes the place of the one at `position`.
-  RecordFields relocated(std::int64_t position, const Bytes& payload) {
+  RecordFields relocated(int64_t position, const Bytes& payload) {
     RecordFields record = image.record(position);
-    record.modifyTime = static_cast<std::uint32_t>(kNow);
-    record.dataLength = record.dataCapacity = static_cast<std::uint32_t>(payload.size());
+    record.modifyTime = static_cast<uint32_t>(kNow);
+    record.dataLength = record.dataCapacity = static_cast<uint32_t>(payload.size());
     record.room = payload;
     return record;
   }
@@ -44,18 +43,18 @@ class RecordModify : public RecordTest {
 
 TEST_F(RecordModify, WritesOverThePayloadThatLeavesRoom) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kB, bytesOf("another one")), 1);
-  const auto at = static_cast<std::size_t>(b);
+  const auto at = static_cast<size_t>(b);
   EXPECT_TRUE(sameBytes(contents(), base.with(at + 27, hex("5F5E1000"))
                                         .with(at + 47, hex("0000000B"))
                                         .with(at + 55, bytesOf("another one"))));
 }
 
 TEST_F(RecordModify, KeepsTheRoomOfARecordThatIsWrittenOver) {
-  const std::int16_t db = start();
-  const std::uint64_t id = addRecord(db, kNotes, pattern(10), 50);
-  const std::size_t size = fileSize();
+  const int16_t db = start();
+  const uint64_t id = addRecord(db, kNotes, pattern(10), 50);
+  const size_t size = fileSize();
   ASSERT_EQ(modify(db, id, pattern(40)), 1);
   EXPECT_EQ(fileSize(), size);
   const RecordFields now = record(4630);
@@ -65,18 +64,18 @@ TEST_F(RecordModify, KeepsTheRoomOfARecordThatIsWrittenOver) {
 }
 
 TEST_F(RecordModify, RelocatesTheRecordThatOutgrowsItsRoom) {
-  const std::int16_t db = start();
-  const std::uint64_t id = addRecord(db, kNotes, pattern(10), 50);
-  const std::size_t size = fileSize();
+  const int16_t db = start();
+  const uint64_t id = addRecord(db, kNotes, pattern(10), 50);
+  const size_t size = fileSize();
   ASSERT_EQ(modify(db, id, pattern(60)), 1);
   EXPECT_EQ(fileSize(), size + 55 + 60 + 1);
-  EXPECT_EQ(record(static_cast<std::int64_t>(size)).dataCapacity, 60u);
+  EXPECT_EQ(record(static_cast<int64_t>(size)).dataCapacity, 60u);
   EXPECT_EQ(payload(db, kNotes, id), pattern(60));
 }
 
 TEST_F(RecordModify, WritesOverWhenThePayloadJustFits) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kB, pattern(20)), 1);
   overwrite(b, pattern(20));
   expectFile();
@@ -85,8 +84,8 @@ TEST_F(RecordModify, WritesOverWhenThePayloadJustFits) {
 }
 
 TEST_F(RecordModify, LeavesTheTailOfALongerPayloadBehindTheNewOne) {
-  const std::int16_t db = start();
-  const std::uint64_t id = addRecord(db, kNotes, pattern(40));
+  const int16_t db = start();
+  const uint64_t id = addRecord(db, kNotes, pattern(40));
   ASSERT_EQ(modify(db, id, bytesOf("short")), 1);
   const oneRecordInfoP1 now = info(db, kNotes, id);
   EXPECT_EQ(now.dataLength, 5u);
@@ -98,7 +97,7 @@ TEST_F(RecordModify, ComparesWithTheRoomAndNotWithTheLength) {
   threeRecords();
   image.record(b).dataLength = 0xFFFFFFFF;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kB, pattern(21)), 1);
   EXPECT_EQ(fileSize(), base.size() + 55 + 21 + 1);
 }
@@ -107,7 +106,7 @@ TEST_F(RecordModify, TakesTheRoomAtItsWord) {
   threeRecords();
   image.record(c).dataCapacity = 0xFFFFFFFF;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kC, pattern(5)), 1);
   overwrite(c, pattern(5));
   expectFile();
@@ -115,7 +114,7 @@ TEST_F(RecordModify, TakesTheRoomAtItsWord) {
 
 TEST_F(RecordModify, LeavesThePositionBehindThePayloadItWroteOver) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   seek(db, 77);
   ASSERT_EQ(modify(db, kB, bytesOf("1234567")), 1);
   EXPECT_EQ(position(db), b + 55 + 7);
@@ -126,7 +125,7 @@ TEST_F(RecordModify, LeavesThePositionBehindThePayloadItWroteOver) {
 TEST_F(RecordModify, WritesTheNewBlockByteForByte) {
   image.addRecord(notes, kA, bytesOf("old"),
                   {.reserve = 5, .createTime = 0x0A0B0C0D, .modifyTime = 0x0A0B0C0E});
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kA, bytesOf("longer")), 1);
   EXPECT_EQ(contents().from(4630 + 61), hex("87 0040"
                                             "1122334455667788 0264"
@@ -138,10 +137,10 @@ TEST_F(RecordModify, WritesTheNewBlockByteForByte) {
 }
 
 TEST_F(RecordModify, MovesBothEndsOfAChainWithItsOnlyRecord) {
-  const std::int64_t old = image.addRecord(notes, kA, bytesOf("old"));
-  const std::int16_t db = start();
+  const int64_t old = image.addRecord(notes, kA, bytesOf("old"));
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kA, large), 1);
-  const std::int64_t moved = image.addDeadRecord(relocated(old, large));
+  const int64_t moved = image.addDeadRecord(relocated(old, large));
   image.slot(notes).firstRecordPos = moved;
   image.slot(notes).lastRecordPos = moved;  // and not the last written one
   expectFile();
@@ -149,9 +148,9 @@ TEST_F(RecordModify, MovesBothEndsOfAChainWithItsOnlyRecord) {
 
 TEST_F(RecordModify, MovesTheFirstRecord) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kA, large), 1);
-  const std::int64_t moved = image.addDeadRecord(relocated(a, large));
+  const int64_t moved = image.addDeadRecord(relocated(a, large));
   image.slot(notes).firstRecordPos = moved;
   image.record(b).prevRecordPos = moved;
   expectFile();
@@ -159,9 +158,9 @@ TEST_F(RecordModify, MovesTheFirstRecord) {
 
 TEST_F(RecordModify, ChangesOnlyTheLinksOfTheNeighboursForAMiddleRecord) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kB, large), 1);
-  const std::int64_t moved = image.addDeadRecord(relocated(b, large));
+  const int64_t moved = image.addDeadRecord(relocated(b, large));
   image.record(a).nextRecordPos = moved;
   image.record(c).prevRecordPos = moved;
   expectFile();
@@ -169,9 +168,9 @@ TEST_F(RecordModify, ChangesOnlyTheLinksOfTheNeighboursForAMiddleRecord) {
 
 TEST_F(RecordModify, MovesTheLastRecord) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kC, large), 1);
-  const std::int64_t moved = image.addDeadRecord(relocated(c, large));
+  const int64_t moved = image.addDeadRecord(relocated(c, large));
   image.record(b).nextRecordPos = moved;
   image.slot(notes).lastRecordPos = moved;
   expectFile();
@@ -179,37 +178,37 @@ TEST_F(RecordModify, MovesTheLastRecord) {
 
 TEST_F(RecordModify, LeavesTheOldBlockAsItWas) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kB, large), 1);
-  const auto at = static_cast<std::size_t>(b);
+  const auto at = static_cast<size_t>(b);
   EXPECT_EQ(contents().at(at, 76), base.at(at, 76));
 }
 
 TEST_F(RecordModify, KeepsOrderIdentifierAndCreateTime) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kB, large), 1);
-  EXPECT_EQ(list(db, kNotes), (std::vector<std::uint64_t>{kA, kB, kC}));
+  EXPECT_EQ(list(db, kNotes), (std::vector<uint64_t>{kA, kB, kC}));
   const oneRecordInfoP1 now = info(db, kNotes, kB);
   EXPECT_EQ(now.createTime, 21u);
-  EXPECT_EQ(now.modifyTime, static_cast<std::uint32_t>(kNow));
+  EXPECT_EQ(now.modifyTime, static_cast<uint32_t>(kNow));
   EXPECT_EQ(payload(db, kNotes, kB), large);
 }
 
 TEST_F(RecordModify, RelocatesTheSameRecordAgainAndAgain) {
   threeRecords();
-  const std::int16_t db = start();
-  for (const std::uint32_t size : {30u, 31u, 40000u, 40001u}) {
+  const int16_t db = start();
+  for (const uint32_t size : {30u, 31u, 40000u, 40001u}) {
     ASSERT_EQ(modify(db, kB, pattern(size)), 1);
     EXPECT_EQ(payload(db, kNotes, kB), pattern(size));
   }
-  EXPECT_EQ(list(db, kNotes), (std::vector<std::uint64_t>{kA, kB, kC}));
+  EXPECT_EQ(list(db, kNotes), (std::vector<uint64_t>{kA, kB, kC}));
 }
 
 TEST_F(RecordModify, RestoresThePositionAfterARelocation) {
   threeRecords();
-  const std::int16_t db = start();
-  std::uint32_t size = 30;
+  const int16_t db = start();
+  uint32_t size = 30;
   expectPositionKept(db, [&] { EXPECT_EQ(modify(db, kB, pattern(++size)), 1); });
 }
 
@@ -217,9 +216,9 @@ TEST_F(RecordModify, MakesARecordWithoutPredecessorTheFirst) {
   threeRecords();
   image.record(b).prevRecordPos = 0;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kB, large), 1);
-  const std::int64_t moved = image.addDeadRecord(relocated(b, large));
+  const int64_t moved = image.addDeadRecord(relocated(b, large));
   image.slot(notes).firstRecordPos = moved;
   image.record(c).prevRecordPos = moved;
   expectFile();
@@ -228,11 +227,11 @@ TEST_F(RecordModify, MakesARecordWithoutPredecessorTheFirst) {
 TEST_F(RecordModify, KeepsTheRestOfTheSlot) {
   image.slot(notes).tableFlags1 = 0x1234;
   image.slot(notes).tableFlags2 = 0x5678;
-  const std::int64_t old = image.addRecord(notes, kA, bytesOf("old"));
+  const int64_t old = image.addRecord(notes, kA, bytesOf("old"));
   image.setTableData(notes, bytesOf("about the notes"));
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kA, large), 1);
-  const std::int64_t moved = image.addDeadRecord(relocated(old, large));
+  const int64_t moved = image.addDeadRecord(relocated(old, large));
   image.slot(notes).firstRecordPos = image.slot(notes).lastRecordPos = moved;
   expectFile();
 }
@@ -241,7 +240,7 @@ TEST_F(RecordModify, KeepsTheRestOfTheSlot) {
 
 TEST_F(RecordModify, ReadsTheClockOnce) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kB, bytesOf("x")), 1);
   EXPECT_EQ(host.count(Call::time), 1);
   ASSERT_EQ(modify(db, kB, large), 1);
@@ -250,7 +249,7 @@ TEST_F(RecordModify, ReadsTheClockOnce) {
 
 TEST_F(RecordModify, StoresTheClockModulo2To32) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   host.setTime(0x3'0000'0007);
   ASSERT_EQ(modify(db, kB, bytesOf("x")), 1);
   EXPECT_EQ(info(db, kNotes, kB).modifyTime, 7u);
@@ -263,7 +262,7 @@ TEST_F(RecordModify, StoresTheClockModulo2To32) {
 
 TEST_F(RecordModify, RefusesASizeOf0AndANullPayload) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] {
     EXPECT_EQ(ModifyRecordData(db, kNotes, bytesOf("x").data(), 0, kB, nullptr), 0);
     EXPECT_EQ(ModifyRecordData(db, kNotes, nullptr, 5, kB, nullptr), 0);
@@ -275,7 +274,7 @@ TEST_F(RecordModify, RefusesASizeOf0AndANullPayload) {
 
 TEST_F(RecordModify, FailsForARecordOrATableThatIsNotThere) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] {
     for (const Bytes& payload : {bytesOf("x"), large}) {
       EXPECT_EQ(modify(db, kNoRecord, payload), 0);
@@ -292,14 +291,14 @@ TEST_F(RecordModify, FailsOnAVersionOutsideTheRange) {
   threeRecords();
   image.header().version = 200;
   expectDamage(kDefaultFile, {"H2"});
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] { EXPECT_EQ(modify(db, kB, bytesOf("x")), 0); });
   expectFile();
 }
 
 TEST_F(RecordModify, FailsOnAHandleOpenedForReading) {
   threeRecords();
-  const std::int16_t db = start(1);
+  const int16_t db = start(1);
   expectPositionKept(db, [&] {
     EXPECT_EQ(modify(db, kB, bytesOf("x")), 0);
     EXPECT_EQ(modify(db, kB, large), 0);
@@ -309,16 +308,16 @@ TEST_F(RecordModify, FailsOnAHandleOpenedForReading) {
 
 TEST_F(RecordModify, LeavesTheUnusedArgumentAlone) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   int unused = 5;
   EXPECT_EQ(ModifyRecordData(db, kNotes, bytesOf("x").data(), 1, kB, &unused), 1);
   EXPECT_EQ(unused, 5);
 }
 
 TEST_F(RecordModify, ChangesTheEarlierOfTwoRecordsWithOneIdentifier) {
-  const std::int64_t first = image.addRecord(notes, kA, bytesOf("one"));
+  const int64_t first = image.addRecord(notes, kA, bytesOf("one"));
   image.addRecord(notes, kA, bytesOf("two"));
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kA, bytesOf("111")), 1);
   overwrite(first, bytesOf("111"));
   expectFile();
@@ -331,21 +330,21 @@ TEST_F(RecordModify, LeavesTheNewBlockUnlinkedWhenThePredecessorIsNotSound) {
   RecordFields dead = image.record(a);
   dead.nextRecordPos = b;
   dead.blockMark = 134;
-  const std::int64_t wrongMark = image.addDeadRecord(dead);
+  const int64_t wrongMark = image.addDeadRecord(dead);
   dead.blockMark = 135;
   dead.headerSize = 0x4000;
-  const std::int64_t wrongSize = image.addDeadRecord(dead);
+  const int64_t wrongSize = image.addDeadRecord(dead);
   dead.headerSize = 64;
   dead.tableID = identifier(kOther);
-  const std::int64_t ofAnotherTable = image.addDeadRecord(dead);
-  std::vector<std::int64_t> positions = {wrongMark, wrongSize, ofAnotherTable,
-                                         c};  // C does not lead to B
+  const int64_t ofAnotherTable = image.addDeadRecord(dead);
+  std::vector<int64_t> positions = {wrongMark, wrongSize, ofAnotherTable,
+                                    c};  // C does not lead to B
   positions.insert(positions.end(), std::begin(kHostilePositions), std::end(kHostilePositions));
   expectDamage();
-  for (const std::int64_t prevRecordPos : positions) {
+  for (const int64_t prevRecordPos : positions) {
     SCOPED_TRACE(prevRecordPos);
     image.record(b).prevRecordPos = prevRecordPos;
-    const std::int16_t db = start();
+    const int16_t db = start();
     seek(db, 77);
     EXPECT_EQ(modify(db, kB, large), 0);
     EXPECT_EQ(position(db), 77);
@@ -360,12 +359,12 @@ TEST_F(RecordModify, LeavesThePredecessorLinkedToTheNewBlockWhenTheSuccessorIsNo
   const RecordFields sound = image.record(c);
   const auto expectHalfLinked = [&](const char* damage) {
     SCOPED_TRACE(damage);
-    const std::int16_t db = start();
+    const int16_t db = start();
     seek(db, 77);
     EXPECT_EQ(modify(db, kB, large), 0);
     EXPECT_EQ(position(db), 77);
     Bytes expected = base;
-    expected.putBe(static_cast<std::size_t>(a) + 39, 8, base.size());
+    expected.putBe(static_cast<size_t>(a) + 39, 8, base.size());
     EXPECT_TRUE(sameBytes(contents(), expected.add(relocated(b, large).encode())));
     close(db);
     image.record(c) = sound;
@@ -379,7 +378,7 @@ TEST_F(RecordModify, LeavesThePredecessorLinkedToTheNewBlockWhenTheSuccessorIsNo
   expectHalfLinked("another table's");
   image.record(c).prevRecordPos = a;
   expectHalfLinked("does not point back");
-  for (const std::int64_t hostile : kHostilePositions) {
+  for (const int64_t hostile : kHostilePositions) {
     image.record(b).nextRecordPos = hostile;
     expectHalfLinked(std::to_string(hostile).c_str());
   }
@@ -389,7 +388,7 @@ TEST_F(RecordModify, LeavesTheSlotPointingToTheNewBlockWhenTheSuccessorIsNotSoun
   threeRecords();
   image.record(b).prevRecordPos = 12345;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(modify(db, kA, large), 0);
   image.slot(notes).firstRecordPos = image.addDeadRecord(relocated(a, large));
   expectFile();
@@ -400,7 +399,7 @@ TEST_F(RecordModify, WritesOverARecordWithoutLookingAtItsNeighbours) {
   image.record(b).prevRecordPos = -1;
   image.record(b).nextRecordPos = -1;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   ASSERT_EQ(modify(db, kB, bytesOf("fits")), 1);
   overwrite(b, bytesOf("fits"));
   expectFile();
@@ -411,7 +410,7 @@ TEST_F(RecordModify, EndsInALoopUnderTheLargestCount) {
   image.record(c).nextRecordPos = a;
   image.slot(notes).recordCount = 0xFFFFFFFF;
   expectDamage();
-  const std::int16_t db = start();
+  const int16_t db = start();
   expectPositionKept(db, [&] { EXPECT_EQ(modify(db, kNoRecord, bytesOf("x")), 0); });
   expectFile();
 }
@@ -439,8 +438,8 @@ class RecordModifyInside : public RecordModify {
 };
 
 TEST_F(RecordModifyInside, WritesACompleteBlockFromTheHeader) {
-  const std::int16_t db = start();
-  std::int64_t newRecordPos = 0;
+  const int16_t db = start();
+  int64_t newRecordPos = 0;
   ASSERT_EQ(internal_WriteOneRecordDataInEOF_Modify(db, &slotInMemory, &header,
                                                     bytesOf("abc").data(), 3, &newRecordPos),
             1);
@@ -456,16 +455,16 @@ TEST_F(RecordModifyInside, WritesACompleteBlockFromTheHeader) {
 }
 
 TEST_F(RecordModifyInside, NeedsNoPlaceForThePosition) {
-  const std::int16_t db = start();
+  const int16_t db = start();
   EXPECT_EQ(internal_WriteOneRecordDataInEOF_Modify(db, &slotInMemory, &header,
                                                     bytesOf("abc").data(), 3, nullptr),
             1);
 }
 
 TEST_F(RecordModifyInside, TellsThePositionBeforeItWrites) {
-  const std::int16_t db = start();
+  const int16_t db = start();
   host.failFrom(Call::write);
-  std::int64_t newRecordPos = 0;
+  int64_t newRecordPos = 0;
   EXPECT_EQ(internal_WriteOneRecordDataInEOF_Modify(db, &slotInMemory, &header,
                                                     bytesOf("abc").data(), 3, &newRecordPos),
             0);
@@ -475,9 +474,9 @@ TEST_F(RecordModifyInside, TellsThePositionBeforeItWrites) {
 }
 
 TEST_F(RecordModifyInside, FailsWhenTheEndOfTheFileCannotBeFound) {
-  const std::int16_t db = start();
+  const int16_t db = start();
   host.failFrom(Call::length);
-  std::int64_t newRecordPos = -7;
+  int64_t newRecordPos = -7;
   EXPECT_EQ(internal_WriteOneRecordDataInEOF_Modify(db, &slotInMemory, &header,
                                                     bytesOf("abc").data(), 3, &newRecordPos),
             0);
@@ -490,20 +489,19 @@ TEST_F(RecordModifyInside, FailsWhenTheEndOfTheFileCannotBeFound) {
 
 TEST_F(RecordModify, WritesTimeLengthAndPayloadInThatOrder) {
   threeRecords();
-  const auto log =
-      ranges(writesOf([](std::int16_t db) { return modify(db, kB, bytesOf("fits")); }));
+  const auto log = ranges(writesOf([](int16_t db) { return modify(db, kB, bytesOf("fits")); }));
   const std::vector<Write> apart = {{b + 27, hex("5F5E1000"), kDefaultFile},
                                     {b + 47, hex("00000004"), kDefaultFile},
                                     {b + 55, bytesOf("fits"), kDefaultFile}};
   // Links and capacity lie between; gathered, they go out again as they were.
-  const Bytes block = image.build().from(static_cast<std::size_t>(b));
+  const Bytes block = image.build().from(static_cast<size_t>(b));
   const Bytes whole =
       Bytes(hex("5F5E1000")).add(block.at(31, 16)).be(4, 4).add(block.at(51, 4)).text("fits");
   const std::vector<Write> together = {{b + 27, whole, kDefaultFile}};
   EXPECT_EQ(log, platform::gathersTransfers() ? together : apart);
 
   // A file that others may write to gets the three fields alone.
-  const std::int16_t db = start(4);
+  const int16_t db = start(4);
   host.forget();
   EXPECT_EQ(modify(db, kB, bytesOf("fits")), 1);
   EXPECT_EQ(ranges(host.writes()), apart);
@@ -513,8 +511,8 @@ TEST_F(RecordModify, WritesTimeLengthAndPayloadInThatOrder) {
 // modified: its link and its count are there afterwards.
 TEST_F(RecordModify, KeepsALinkThatAnotherProcessWritesInTheMiddleOfIt) {
   threeRecords();
-  const std::int16_t db = start(4);
-  const std::int64_t d = image.addRecord(notes, 0xD4, bytesOf("theirs"));
+  const int16_t db = start(4);
+  const int64_t d = image.addRecord(notes, 0xD4, bytesOf("theirs"));
   const FileImage theirs = image;
   bool isDone = false;
   host.observe([&](Call call) {
@@ -527,7 +525,7 @@ TEST_F(RecordModify, KeepsALinkThatAnotherProcessWritesInTheMiddleOfIt) {
   EXPECT_TRUE(isDone);
   RecordFields& own = image.record(c);
   EXPECT_EQ(own.nextRecordPos, d);
-  own.modifyTime = static_cast<std::uint32_t>(kNow);
+  own.modifyTime = static_cast<uint32_t>(kNow);
   own.dataLength = 4;
   own.room = bytesOf("mine").add(own.room.from(4));
   expectFile();
@@ -535,9 +533,9 @@ TEST_F(RecordModify, KeepsALinkThatAnotherProcessWritesInTheMiddleOfIt) {
 
 TEST_F(RecordModify, WritesTheNewBlockThenTheLinkInThePredecessorThenTheOneInTheSuccessor) {
   threeRecords();
-  const std::int64_t end = image.end();
-  const Bytes link = Bytes().be(8, static_cast<std::uint64_t>(end));
-  const auto log = ranges(writesOf([this](std::int16_t db) { return modify(db, kB, large); }));
+  const int64_t end = image.end();
+  const Bytes link = Bytes().be(8, static_cast<uint64_t>(end));
+  const auto log = ranges(writesOf([this](int16_t db) { return modify(db, kB, large); }));
   const std::vector<Write> expected = {{end, relocated(b, large).encode(), kDefaultFile},
                                        {a + 39, link, kDefaultFile},
                                        {c + 31, link, kDefaultFile}};
@@ -546,15 +544,15 @@ TEST_F(RecordModify, WritesTheNewBlockThenTheLinkInThePredecessorThenTheOneInThe
 
 TEST_F(RecordModify, WritesTheSlotInThePlaceOfAMissingNeighbour) {
   threeRecords();
-  const std::int64_t end = image.end();
-  const Bytes link = Bytes().be(8, static_cast<std::uint64_t>(end));
-  const auto slotPos = static_cast<std::int64_t>(slotOffset(notes));
+  const int64_t end = image.end();
+  const Bytes link = Bytes().be(8, static_cast<uint64_t>(end));
+  const auto slotPos = static_cast<int64_t>(slotOffset(notes));
   const FileImage before = image;
 
   image.slot(notes).firstRecordPos = end;
   const Bytes firstMoved = image.slot(notes).encode();
   image = before;
-  auto log = ranges(writesOf([this](std::int16_t db) { return modify(db, kA, large); }));
+  auto log = ranges(writesOf([this](int16_t db) { return modify(db, kA, large); }));
   EXPECT_EQ(log, (std::vector<Write>{{end, relocated(a, large).encode(), kDefaultFile},
                                      {slotPos, firstMoved, kDefaultFile},
                                      {b + 31, link, kDefaultFile}}));
@@ -562,7 +560,7 @@ TEST_F(RecordModify, WritesTheSlotInThePlaceOfAMissingNeighbour) {
   image.slot(notes).lastRecordPos = end;
   const Bytes lastMoved = image.slot(notes).encode();
   image = before;
-  log = ranges(writesOf([this](std::int16_t db) { return modify(db, kC, large); }));
+  log = ranges(writesOf([this](int16_t db) { return modify(db, kC, large); }));
   EXPECT_EQ(log, (std::vector<Write>{{end, relocated(c, large).encode(), kDefaultFile},
                                      {b + 39, link, kDefaultFile},
                                      {slotPos, lastMoved, kDefaultFile}}));
@@ -570,32 +568,32 @@ TEST_F(RecordModify, WritesTheSlotInThePlaceOfAMissingNeighbour) {
 
 TEST_F(RecordModify, StopsWritingOverAtTheFirstFailure) {
   threeRecords();
-  expectStopsAtEachFailure([](std::int16_t db) { return modify(db, kB, bytesOf("it fits in")); });
+  expectStopsAtEachFailure([](int16_t db) { return modify(db, kB, bytesOf("it fits in")); });
 }
 
 TEST_F(RecordModify, StopsMovingAMiddleRecordAtTheFirstFailure) {
   threeRecords();
-  expectStopsAtEachFailure([this](std::int16_t db) { return modify(db, kB, large); });
+  expectStopsAtEachFailure([this](int16_t db) { return modify(db, kB, large); });
 }
 
 TEST_F(RecordModify, StopsMovingTheFirstRecordAtTheFirstFailure) {
   threeRecords();
-  expectStopsAtEachFailure([this](std::int16_t db) { return modify(db, kA, large); });
+  expectStopsAtEachFailure([this](int16_t db) { return modify(db, kA, large); });
 }
 
 TEST_F(RecordModify, StopsMovingTheLastRecordAtTheFirstFailure) {
   threeRecords();
-  expectStopsAtEachFailure([this](std::int16_t db) { return modify(db, kC, large); });
+  expectStopsAtEachFailure([this](int16_t db) { return modify(db, kC, large); });
 }
 
 TEST_F(RecordModify, StopsMovingTheOnlyRecordAtTheFirstFailure) {
   image.addRecord(notes, kA, bytesOf("old"));
-  expectStopsAtEachFailure([this](std::int16_t db) { return modify(db, kA, large); });
+  expectStopsAtEachFailure([this](int16_t db) { return modify(db, kA, large); });
 }
 
 TEST_F(RecordModify, WritesNothingWhenTheEndOfTheFileCannotBeFound) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   seek(db, 77);
   host.failFrom(Call::length);
   EXPECT_EQ(modify(db, kB, large), 0);
@@ -607,25 +605,24 @@ TEST_F(RecordModify, WritesNothingWhenTheEndOfTheFileCannotBeFound) {
 TEST_F(RecordModify, WritesEachFieldOnItsOwn) {
   if (platform::gathersTransfers()) GTEST_SKIP();
   threeRecords();
-  EXPECT_EQ(expectStopsAtEachWrite([](std::int16_t db) { return modify(db, kB, bytesOf("x")); }),
-            3);
+  EXPECT_EQ(expectStopsAtEachWrite([](int16_t db) { return modify(db, kB, bytesOf("x")); }), 3);
   // Mark, header size, two identifiers, two times, two links, two lengths, payload, end mark; the
   // links in the neighbours.
-  EXPECT_EQ(expectStopsAtEachWrite([this](std::int16_t db) { return modify(db, kB, large); }), 14);
+  EXPECT_EQ(expectStopsAtEachWrite([this](int16_t db) { return modify(db, kB, large); }), 14);
 }
 
 TEST_F(RecordModify, WritesTheSlotTwiceForTheOnlyRecord) {
   if (platform::gathersTransfers()) GTEST_SKIP();
   image.addRecord(notes, kA, bytesOf("old"));
-  const std::int64_t end = image.end();
-  const auto slotPos = static_cast<std::int64_t>(slotOffset(notes));
+  const int64_t end = image.end();
+  const auto slotPos = static_cast<int64_t>(slotOffset(notes));
   const FileImage before = image;
   image.slot(notes).firstRecordPos = end;
   const Bytes once = image.slot(notes).encode();
   image.slot(notes).lastRecordPos = end;
   const Bytes twice = image.slot(notes).encode();
   image = before;
-  const auto log = ranges(writesOf([this](std::int16_t db) { return modify(db, kA, large); }));
+  const auto log = ranges(writesOf([this](int16_t db) { return modify(db, kA, large); }));
   EXPECT_EQ(log, (std::vector<Write>{{end, relocated(4630, large).encode(), kDefaultFile},
                                      {slotPos, once, kDefaultFile},
                                      {slotPos, twice, kDefaultFile}}));

@@ -9,13 +9,13 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::uint64_t kTable = 0x202;
+constexpr uint64_t kTable = 0x202;
 
 // Tables "one" and "two"; "two" has a record and, from 4630 + 60 on, data of 5 bytes in a room of
 // 10 that ends in old bytes.
 struct Sample {
   FileImage image;
-  std::int64_t data = 0;
+  int64_t data = 0;
 
   Sample() {
     image.addTable("one", 0x101);
@@ -29,26 +29,25 @@ struct Sample {
 class TableData : public DatabaseTest {
  protected:
   // The size, or -1 when it is not told.
-  static std::int64_t size(std::int16_t db, std::uint64_t table = kTable) {
-    std::uint32_t result = 0;
-    return GetTableDataSize(db, table, &result) == 1 ? std::int64_t{result} : -1;
+  static int64_t size(int16_t db, uint64_t table = kTable) {
+    uint32_t result = 0;
+    return GetTableDataSize(db, table, &result) == 1 ? int64_t{result} : -1;
   }
 
   // The data; nothing when they cannot be read.
-  static Bytes data(std::int16_t db, std::uint64_t table = kTable) {
+  static Bytes data(int16_t db, uint64_t table = kTable) {
     Bytes buffer(300000, 0xEE);
     if (GetTableData(db, table, buffer.data()) != 1) {
       EXPECT_EQ(buffer, Bytes(300000, 0xEE)) << "a buffer was written without success";
       return {};
     }
-    const auto length = static_cast<std::size_t>(size(db, table));
+    const auto length = static_cast<size_t>(size(db, table));
     EXPECT_EQ(buffer.from(length), Bytes(300000 - length, 0xEE)) << "more was written than told";
     return buffer.cut(length);
   }
 
-  static int set(std::int16_t db, const Bytes& bytes, std::uint32_t reserve = 0,
-                 std::uint64_t table = kTable) {
-    return SetTableData(db, table, bytes.data(), static_cast<std::uint32_t>(bytes.size()), reserve);
+  static int set(int16_t db, const Bytes& bytes, uint32_t reserve = 0, uint64_t table = kTable) {
+    return SetTableData(db, table, bytes.data(), static_cast<uint32_t>(bytes.size()), reserve);
   }
 };
 
@@ -58,8 +57,8 @@ using ReadingTableData = TableData;
 // ---- the first block ----
 
 TEST_F(SettingTableData, AppendsABlockAndPointsTheSlotAtIt) {
-  const std::int16_t db = create();
-  const std::uint64_t table = addTable(db, "t");
+  const int16_t db = create();
+  const uint64_t table = addTable(db, "t");
   const Bytes before = contents();
   EXPECT_EQ(set(db, bytesOf("abc"), 0, table), 1);
 
@@ -77,29 +76,29 @@ TEST_F(SettingTableData, AppendsABlockAndPointsTheSlotAtIt) {
 }
 
 TEST_F(SettingTableData, ReservesRoomBehindTheData) {
-  const std::int16_t db = create();
-  const std::uint64_t table = addTable(db, "t");
+  const int16_t db = create();
+  const uint64_t table = addTable(db, "t");
   EXPECT_EQ(set(db, bytesOf("abc"), 8, table), 1);
   EXPECT_EQ(contents().from(4630 + 13), hex("00000003 00000008").text("abc").zeros(5).text("i"));
 }
 
 TEST_F(SettingTableData, TakesAReserveBelowTheSizeAsNone) {
-  const std::int16_t db = create();
-  const std::uint64_t table = addTable(db, "t");
+  const int16_t db = create();
+  const uint64_t table = addTable(db, "t");
   EXPECT_EQ(set(db, bytesOf("abcdef"), 5, table), 1);
   EXPECT_EQ(contents().from(4630 + 13), hex("00000006 00000006").text("abcdefi"));
 }
 
 TEST_F(SettingTableData, FillsALargeRoom) {
-  const std::int16_t db = create();
-  const std::uint64_t table = addTable(db, "t");
+  const int16_t db = create();
+  const uint64_t table = addTable(db, "t");
   EXPECT_EQ(set(db, bytesOf("abc"), 100000, table), 1);
   EXPECT_TRUE(sameBytes(contents().from(4630 + 21), bytesOf("abc").zeros(99997).text("i")));
 }
 
 TEST_F(SettingTableData, OfNoBytesMakesAnEmptyBlock) {
-  const std::int16_t db = create();
-  const std::uint64_t table = addTable(db, "t");
+  const int16_t db = create();
+  const uint64_t table = addTable(db, "t");
   EXPECT_EQ(SetTableData(db, table, nullptr, 0, 0), 1);
   EXPECT_EQ(fileSize(), 4630u + 22u);
   EXPECT_EQ(contents().from(4630 + 13), hex("00000000 00000000 69"));
@@ -108,12 +107,12 @@ TEST_F(SettingTableData, OfNoBytesMakesAnEmptyBlock) {
 }
 
 TEST_F(SettingTableData, AppendsAtTheEndOfTheFileWhereverTheHandleStands) {
-  const std::int16_t db = put(Sample().image);
-  const std::size_t end = fileSize();
+  const int16_t db = put(Sample().image);
+  const size_t end = fileSize();
   seek(db, 100);
   EXPECT_EQ(set(db, bytesOf("for one"), 0, 0x101), 1);
-  EXPECT_EQ(slot(0).firstDataPos, static_cast<std::int64_t>(end));
-  EXPECT_EQ(tableData(static_cast<std::int64_t>(end)).data(), bytesOf("for one"));
+  EXPECT_EQ(slot(0).firstDataPos, static_cast<int64_t>(end));
+  EXPECT_EQ(tableData(static_cast<int64_t>(end)).data(), bytesOf("for one"));
 }
 
 // An AddTable that was interrupted leaves such a slot.
@@ -122,12 +121,12 @@ TEST_F(SettingTableData, DoesNotKnowATableThatIsNotCounted) {
   sample.image.header().tableCount = 1;
   writeFile(path(), sample.image.build());
   allowDamage();
-  const std::int16_t db = open();
+  const int16_t db = open();
   expectUnchanged([&] { EXPECT_EQ(set(db, bytesOf("abc")), 0); });
 }
 
 TEST_F(SettingTableData, LeavesOtherTablesAlone) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   const Bytes before = contents();
   EXPECT_EQ(set(db, bytesOf("for one"), 0, 0x101), 1);
   const Bytes after = contents();
@@ -139,10 +138,10 @@ TEST_F(SettingTableData, LeavesOtherTablesAlone) {
 
 TEST_F(SettingTableData, WritesDataAnEndMarkAndTheLengthOverABlockThatHasRoom) {
   const Sample sample;
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   const Bytes before = contents();
   EXPECT_EQ(set(db, bytesOf("abcdefg"), 500), 1);
-  const auto at = static_cast<std::size_t>(sample.data);
+  const auto at = static_cast<size_t>(sample.data);
   EXPECT_TRUE(sameBytes(
       contents(), before.with(at + 13, hex("00000007")).with(at + 21, bytesOf("abcdefgiIE"))));
   EXPECT_EQ(data(db), bytesOf("abcdefg"));
@@ -150,28 +149,28 @@ TEST_F(SettingTableData, WritesDataAnEndMarkAndTheLengthOverABlockThatHasRoom) {
 
 TEST_F(SettingTableData, KeepsWhatStandsBehindTheNewEndMark) {
   const Sample sample;
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   EXPECT_EQ(set(db, bytesOf("xy")), 1);
-  EXPECT_EQ(contents().at(static_cast<std::size_t>(sample.data) + 13, 19),
+  EXPECT_EQ(contents().at(static_cast<size_t>(sample.data) + 13, 19),
             hex("00000002 0000000A").text("xyiloOLDIEi"));
 }
 
 TEST_F(SettingTableData, FillsTheRoomToItsLastByte) {
   const Sample sample;
-  const std::int16_t db = put(sample.image);
-  const std::size_t end = fileSize();
+  const int16_t db = put(sample.image);
+  const size_t end = fileSize();
   EXPECT_EQ(set(db, bytesOf("0123456789")), 1);
   EXPECT_EQ(fileSize(), end);
-  EXPECT_EQ(contents().at(static_cast<std::size_t>(sample.data) + 13, 19),
+  EXPECT_EQ(contents().at(static_cast<size_t>(sample.data) + 13, 19),
             hex("0000000A 0000000A").text("0123456789i"));
 }
 
 TEST_F(SettingTableData, OfNoBytesKeepsThePresentBlock) {
   const Sample sample;
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   const Bytes before = contents();
   EXPECT_EQ(SetTableData(db, kTable, nullptr, 0, 0), 1);
-  const auto at = static_cast<std::size_t>(sample.data);
+  const auto at = static_cast<size_t>(sample.data);
   EXPECT_TRUE(
       sameBytes(contents(), before.with(at + 13, hex("00000000")).with(at + 21, hex("69"))));
   EXPECT_EQ(size(db), 0);
@@ -179,8 +178,8 @@ TEST_F(SettingTableData, OfNoBytesKeepsThePresentBlock) {
 }
 
 TEST_F(SettingTableData, RewritesWhileItFitsAndAppendsWhenItDoesNot) {
-  const std::int16_t db = create();
-  const std::uint64_t table = addTable(db, "t");
+  const int16_t db = create();
+  const uint64_t table = addTable(db, "t");
   EXPECT_EQ(set(db, pattern(10, 1), 100, table), 1);
   EXPECT_EQ(fileSize(), 4630u + 122u);
   EXPECT_EQ(tableData(4630).dataCapacity, 100u);
@@ -212,7 +211,7 @@ TEST_F(SettingTableData, GoesByTheFirstOfTheThreePositions) {
   Sample sample;
   sample.image.slot(1).lastDataPos = 1;
   sample.image.slot(1).lastWrittenDataPos = 2;
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   EXPECT_EQ(data(db), bytesOf("hello"));
   EXPECT_EQ(set(db, bytesOf("new")), 1);
   EXPECT_EQ(tableData(sample.data).data(), bytesOf("new"));
@@ -222,7 +221,7 @@ TEST_F(SettingTableData, GoesByTheFirstOfTheThreePositions) {
 // ---- refusals ----
 
 TEST_F(SettingTableData, ForATableThatIsNotThereWritesNothing) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   expectUnchanged([&] {
     expectPositionKept(db, [&] {
       EXPECT_EQ(set(db, bytesOf("x"), 0, 0x999), 0);
@@ -232,7 +231,7 @@ TEST_F(SettingTableData, ForATableThatIsNotThereWritesNothing) {
 }
 
 TEST_F(SettingTableData, RefusesNullWithASize) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   expectUnchanged([&] {
     EXPECT_EQ(SetTableData(db, kTable, nullptr, 3, 0), 0);
     EXPECT_EQ(SetTableData(db, 0x101, nullptr, 3, 0), 0);
@@ -240,16 +239,16 @@ TEST_F(SettingTableData, RefusesNullWithASize) {
 }
 
 TEST_F(SettingTableData, KeepsThePosition) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   expectPositionKept(db, [&] { EXPECT_EQ(set(db, bytesOf("fits")), 1); });
-  std::size_t length = 100;
+  size_t length = 100;
   expectPositionKept(db, [&] { EXPECT_EQ(set(db, pattern(length += 100)), 1); });
 }
 
 TEST_F(SettingTableData, NeedsSoundSlotsUpToTheTable) {
-  for (const std::size_t markAt : {0u, 136u}) {
+  for (const size_t markAt : {0u, 136u}) {
     const Bytes file = Sample().image.build();
-    std::int16_t db = put(file.with(slotOffset(0) + markAt, hex("00")));
+    int16_t db = put(file.with(slotOffset(0) + markAt, hex("00")));
     expectUnchanged([&] { expectPositionKept(db, [&] { EXPECT_EQ(set(db, bytesOf("x")), 0); }); });
     close(db);
     db = put(file.with(slotOffset(1) + markAt, hex("00")));
@@ -261,7 +260,7 @@ TEST_F(SettingTableData, NeedsSoundSlotsUpToTheTable) {
 }
 
 TEST_F(SettingTableData, OnAReadOnlyDatabaseFails) {
-  const std::int16_t db = put(Sample().image, kDefaultFile, 1);
+  const int16_t db = put(Sample().image, kDefaultFile, 1);
   expectUnchanged([&] {
     expectPositionKept(db, [&] {
       EXPECT_EQ(set(db, bytesOf("x")), 0);
@@ -273,13 +272,13 @@ TEST_F(SettingTableData, OnAReadOnlyDatabaseFails) {
 // Two slots of one identifier, the first with data, the second without.
 TEST_F(SettingTableData, GoesOnBehindASlotWhoseDataCouldNotBeWritten) {
   Sample sample;
-  const std::size_t second = sample.image.addTable("three", kTable);
-  const std::int64_t end = sample.image.end();
+  const size_t second = sample.image.addTable("three", kTable);
+  const int64_t end = sample.image.end();
   // Each write for the first slot in turn is refused: of those into its block, and of a new one.
   for (const Bytes& bytes : {bytesOf("HEY"), bytesOf("more than ten")}) {
     for (int step = 0; step < 2; ++step) {
       SCOPED_TRACE(step);
-      const std::int16_t db = put(sample.image);
+      const int16_t db = put(sample.image);
       FakeHost host;
       host.failOnce(FakeHost::Call::write, step);
       EXPECT_EQ(set(db, bytes), 1);
@@ -298,9 +297,9 @@ TEST_F(SettingTableData, GoesOnBehindASlotWhoseDataCouldNotBeWritten) {
 TEST_F(SettingTableData, GoesOnBehindASlotWhoseBlockIsDamaged) {
   Sample sample;
   sample.image.tableData(sample.data).blockMark = 0;
-  const std::size_t twin = sample.image.addTable("twin", kTable);
-  const std::int64_t twinData = sample.image.setTableData(twin, bytesOf("twin's"), 10);
-  const std::int16_t db = put(sample.image);
+  const size_t twin = sample.image.addTable("twin", kTable);
+  const int64_t twinData = sample.image.setTableData(twin, bytesOf("twin's"), 10);
+  const int16_t db = put(sample.image);
   expectPositionKept(db, [&] { EXPECT_EQ(set(db, bytesOf("landed")), 1); });
   EXPECT_EQ(tableData(twinData).data(), bytesOf("landed"));
   expectDamage();
@@ -322,7 +321,7 @@ class DamagedTableData : public TableData, public testing::WithParamInterface<Da
 TEST_P(DamagedTableData, IsNeitherReadNorWrittenNorReplaced) {
   Sample sample;
   GetParam().apply(sample);
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   expectUnchanged([&] {
     expectPositionKept(db, [&] {
       EXPECT_EQ(size(db), -1);
@@ -334,7 +333,7 @@ TEST_P(DamagedTableData, IsNeitherReadNorWrittenNorReplaced) {
   expectDamage();
 }
 
-void moveData(Sample& sample, std::int64_t position) {
+void moveData(Sample& sample, int64_t position) {
   sample.image.slot(1).firstDataPos = position;
   sample.image.slot(1).lastWrittenDataPos = position;
   sample.image.slot(1).lastDataPos = position;
@@ -358,9 +357,9 @@ INSTANTIATE_TEST_SUITE_P(Each, DamagedTableData, testing::ValuesIn(kDamages),
 TEST_F(ReadingTableData, FailsWhenTheBlockIsCutOff) {
   const Sample sample;
   const Bytes file = sample.image.build();
-  const auto at = static_cast<std::size_t>(sample.data);
-  for (std::size_t length = at; length < at + 21 + 5; ++length) {
-    const std::int16_t db = put(file.cut(length));
+  const auto at = static_cast<size_t>(sample.data);
+  for (size_t length = at; length < at + 21 + 5; ++length) {
+    const int16_t db = put(file.cut(length));
     // Mark, header size, owner and length are enough for the size.
     EXPECT_EQ(size(db), length < at + 17 ? -1 : 5) << length;
     Bytes buffer(16);
@@ -374,7 +373,7 @@ TEST_F(ReadingTableData, DoesNotLookAtTheEndMarkOrTheRoom) {
   Sample sample;
   sample.image.tableData(sample.data).blockEndMark = 0;
   sample.image.tableData(sample.data).dataCapacity = 1;
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   EXPECT_EQ(size(db), 5);
   EXPECT_EQ(data(db), bytesOf("hello"));
   expectDamage();
@@ -386,7 +385,7 @@ TEST_F(ReadingTableData, WantsTheRightSumInTheBlockThoughTheSlotHasAWrongOne) {
   sample.image.slot(1).tableID = wrongSum;
   sample.image.record(4630).tableID = wrongSum;
   sample.image.tableData(sample.data).tableID = wrongSum;
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   EXPECT_EQ(size(db), -1);
   EXPECT_TRUE(data(db).empty());
   EXPECT_EQ(set(db, bytesOf("set")), 1);  // the writer compares with the slot
@@ -397,7 +396,7 @@ TEST_F(ReadingTableData, WantsTheRightSumInTheBlockThoughTheSlotHasAWrongOne) {
 // ---- reading ----
 
 TEST_F(ReadingTableData, TellsSizeAndDataAndKeepsThePosition) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   expectUnchanged([&] {
     expectPositionKept(db, [&] { EXPECT_EQ(size(db), 5); });
     expectPositionKept(db, [&] { EXPECT_EQ(data(db), bytesOf("hello")); });
@@ -405,7 +404,7 @@ TEST_F(ReadingTableData, TellsSizeAndDataAndKeepsThePosition) {
 }
 
 TEST_F(ReadingTableData, FailsForATableWithoutData) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   expectPositionKept(db, [&] {
     EXPECT_EQ(size(db, 0x101), -1);
     EXPECT_TRUE(data(db, 0x101).empty());
@@ -413,7 +412,7 @@ TEST_F(ReadingTableData, FailsForATableWithoutData) {
 }
 
 TEST_F(ReadingTableData, FailsForATableThatIsNotThere) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   expectPositionKept(db, [&] {
     EXPECT_EQ(size(db, 0x999), -1);
     EXPECT_TRUE(data(db, 0x999).empty());
@@ -421,23 +420,23 @@ TEST_F(ReadingTableData, FailsForATableThatIsNotThere) {
 }
 
 TEST_F(ReadingTableData, StoresNoSizeWhenItFails) {
-  const std::int16_t db = put(Sample().image);
-  std::uint32_t result = 77;
+  const int16_t db = put(Sample().image);
+  uint32_t result = 77;
   EXPECT_EQ(GetTableDataSize(db, 0x101, &result), 0);
   EXPECT_EQ(GetTableDataSize(0, kTable, &result), 0);
   EXPECT_EQ(result, 77u);
 }
 
 TEST_F(ReadingTableData, RefusesNull) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   EXPECT_EQ(GetTableDataSize(db, kTable, nullptr), 0);
   EXPECT_EQ(GetTableData(db, kTable, nullptr), 0);
 }
 
 TEST_F(ReadingTableData, NeedsSoundSlotsUpToTheTable) {
   const Bytes file = Sample().image.build();
-  for (const std::size_t index : {0u, 1u}) {
-    const std::int16_t db = put(file.with(slotOffset(index), hex("00")));
+  for (const size_t index : {0u, 1u}) {
+    const int16_t db = put(file.with(slotOffset(index), hex("00")));
     expectPositionKept(db, [&] {
       EXPECT_EQ(size(db), -1);
       EXPECT_TRUE(data(db).empty());
@@ -448,8 +447,8 @@ TEST_F(ReadingTableData, NeedsSoundSlotsUpToTheTable) {
 }
 
 TEST_F(ReadingTableData, WorksAfterReopening) {
-  std::int16_t db = create();
-  const std::uint64_t table = addTable(db, "t");
+  int16_t db = create();
+  const uint64_t table = addTable(db, "t");
   EXPECT_EQ(set(db, pattern(250000), 260000, table), 1);
   db = reopen(db, 1);
   EXPECT_EQ(size(db, table), 250000);
@@ -463,7 +462,7 @@ TEST_F(SettingTableData, LeavesTheOldDataWhenAnAppendFails) {
   for (int attempt = 0;; ++attempt) {
     const int step = attempt / 2;
     const Sample sample;
-    const std::int16_t db = put(sample.image);
+    const int16_t db = put(sample.image);
     ASSERT_EQ(size(db), 5);
     FakeHost host;
     if (attempt % 2 == 0) {
@@ -492,14 +491,14 @@ TEST_F(SettingTableData, LeavesTheOldDataWhenAnAppendFails) {
 }
 
 TEST_F(SettingTableData, FailsWhenAWriteInPlaceFails) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   FakeHost host;
   host.failFrom(FakeHost::Call::write);
   expectPositionKept(db, [&] { EXPECT_EQ(set(db, bytesOf("fits")), 0); });
 }
 
 TEST_F(SettingTableData, FailsWhenTheFillGetsNoMemory) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   ASSERT_EQ(size(db), 5);
   FakeHost host;
   host.failFrom(FakeHost::Call::allocate);
@@ -518,24 +517,24 @@ class AppendingTableData : public TableData {
 
 TEST_F(AppendingTableData, HandsTheUpdatedSlotBack) {
   const Sample sample;
-  const std::int16_t db = put(sample.image);
-  const std::int64_t end = sample.image.end();
+  const int16_t db = put(sample.image);
+  const int64_t end = sample.image.end();
   tablePart1 slotOut = {};
   EXPECT_EQ(internal_WriteOneTableLinkInEOF(db, id_.data(), 22 + 144, 144, pattern(3).data(), 3, 5,
                                             &slotOut),
             1);
-  EXPECT_EQ(std::int64_t{slotOut.firstDataPos}, end);
-  EXPECT_EQ(std::int64_t{slotOut.lastWrittenDataPos}, end);
-  EXPECT_EQ(std::int64_t{slotOut.lastDataPos}, end);
-  EXPECT_EQ(std::uint32_t{slotOut.dataBlockCount}, 1u);
-  EXPECT_EQ(std::uint32_t{slotOut.dataWriteCount}, 2u);
-  EXPECT_EQ(std::uint32_t{slotOut.recordCount}, 1u);
+  EXPECT_EQ(int64_t{slotOut.firstDataPos}, end);
+  EXPECT_EQ(int64_t{slotOut.lastWrittenDataPos}, end);
+  EXPECT_EQ(int64_t{slotOut.lastDataPos}, end);
+  EXPECT_EQ(uint32_t{slotOut.dataBlockCount}, 1u);
+  EXPECT_EQ(uint32_t{slotOut.dataWriteCount}, 2u);
+  EXPECT_EQ(uint32_t{slotOut.recordCount}, 1u);
   EXPECT_EQ(slot(1).firstDataPos, end);
 }
 
 TEST_F(AppendingTableData, WorksWithoutASlotToHandBack) {
   const Sample sample;
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   EXPECT_EQ(internal_WriteOneTableLinkInEOF(db, id_.data(), 22 + 144, 144, pattern(3).data(), 3, 0,
                                             nullptr),
             1);
@@ -543,7 +542,7 @@ TEST_F(AppendingTableData, WorksWithoutASlotToHandBack) {
 }
 
 TEST_F(AppendingTableData, UpdatesTheSlotAsItIsInTheFile) {
-  const std::int16_t db = put(Sample().image);
+  const int16_t db = put(Sample().image);
   tablePart1 stale = {};
   stale.dataWriteCount = 70;
   EXPECT_EQ(internal_WriteOneTableLinkInEOF(db, id_.data(), 22 + 144, 144, pattern(3).data(), 3, 0,
@@ -555,21 +554,21 @@ TEST_F(AppendingTableData, UpdatesTheSlotAsItIsInTheFile) {
 
 TEST_F(AppendingTableData, FailsWhenTheSlotHoldsNoTable) {
   const Sample sample;
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   const Bytes before = contents();
   tablePart1 slotOut = {};
   slotOut.dataWriteCount = 70;
   EXPECT_EQ(internal_WriteOneTableLinkInEOF(db, id_.data(), 22 + 2 * 144, 144, pattern(3).data(), 3,
                                             0, &slotOut),
             0);
-  EXPECT_EQ(std::uint32_t{slotOut.dataWriteCount}, 70u);
+  EXPECT_EQ(uint32_t{slotOut.dataWriteCount}, 70u);
   EXPECT_EQ(contents().cut(before.size()), before);
 }
 
 TEST_F(AppendingTableData, WrapsItsWriteCountAround) {
   Sample sample;
   sample.image.slot(1).dataWriteCount = 0xFFFFFFFF;
-  const std::int16_t db = put(sample.image);
+  const int16_t db = put(sample.image);
   EXPECT_EQ(set(db, pattern(50)), 1);
   EXPECT_EQ(slot(1).dataWriteCount, 0u);
   expectDamage(kDefaultFile, {"D9"});

@@ -13,8 +13,8 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::size_t kSlotMarkAt = 0;
-constexpr std::size_t kSlotEndMarkAt = 136;
+constexpr size_t kSlotMarkAt = 0;
+constexpr size_t kSlotEndMarkAt = 136;
 
 // Three tables, "one" 0x101, "two" 0x202, "three" 0x303.
 FileImage threeTables() {
@@ -26,24 +26,24 @@ FileImage threeTables() {
 }
 
 // The same with one of the marks of a slot damaged.
-Bytes damagedSlot(std::size_t index, std::size_t markAt) {
+Bytes damagedSlot(size_t index, size_t markAt) {
   return threeTables().build().with(slotOffset(index) + markAt, hex("00"));
 }
 
-std::int32_t numberOfTables(std::int16_t db) {
-  std::int32_t count = -99;
+int32_t numberOfTables(int16_t db) {
+  int32_t count = -99;
   EXPECT_EQ(GetNumberOfTable(db, &count), 1);
   return count;
 }
 
 struct NameAndID {
-  std::uint64_t id;
+  uint64_t id;
   std::string buffer;  // the whole buffer, zeros included
 };
 
-NameAndID tableAt(std::int16_t db, int index) {
+NameAndID tableAt(int16_t db, int index) {
   std::string buffer(36, '#');
-  const std::uint64_t id = GetTableNameAndIDByIndex(db, index, buffer.data());
+  const uint64_t id = GetTableNameAndIDByIndex(db, index, buffer.data());
   return {id, buffer};
 }
 
@@ -62,9 +62,9 @@ std::string bufferWith(const std::string& name) {
 using AddingATable = DatabaseTest;
 
 TEST_F(AddingATable, WritesTheNextSlotAndTheCountAndNothingElse) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   const Bytes before = contents();
-  const std::uint64_t table = AddTable(db, "notes");
+  const uint64_t table = AddTable(db, "notes");
   ASSERT_NE(table, 0u);
   const Bytes slotBytes = Bytes()
                               .add(hex("97 CC 3200 6400"))
@@ -81,12 +81,12 @@ TEST_F(AddingATable, WritesTheNextSlotAndTheCountAndNothingElse) {
 }
 
 TEST_F(AddingATable, FillsTheSlotsInOrder) {
-  const std::int16_t db = create();
-  std::set<std::uint64_t> ids;
+  const int16_t db = create();
+  std::set<uint64_t> ids;
   for (int i = 0; i < 5; ++i) ids.insert(addTable(db, "table" + std::to_string(i)));
   EXPECT_EQ(ids.size(), 5u);
   EXPECT_EQ(header().tableCount, 5);
-  for (std::size_t i = 0; i < 5; ++i) EXPECT_EQ(slot(i).name(), "table" + std::to_string(i));
+  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(slot(i).name(), "table" + std::to_string(i));
 }
 
 TEST_F(AddingATable, LeavesTheSlotsInUseAsTheyAre) {
@@ -94,7 +94,7 @@ TEST_F(AddingATable, LeavesTheSlotsInUseAsTheyAre) {
   image.addRecord(1, 0xA1, bytesOf("record"));
   image.slot(1).tableFlags1 = 0x1234;
   image.slot(1).tableVersion = 7;
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   const Bytes before = contents();
   addTable(db, "four");
   const Bytes after = contents();
@@ -103,7 +103,7 @@ TEST_F(AddingATable, LeavesTheSlotsInUseAsTheyAre) {
 }
 
 TEST_F(AddingATable, Accepts31TablesAndRefusesThe32nd) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   for (int i = 0; i < 31; ++i) EXPECT_NE(AddTable(db, std::to_string(i).c_str()), 0u) << i;
   expectUnchanged(
       [&] { expectPositionKept(db, [&] { EXPECT_EQ(AddTable(db, "one more"), 0u); }); });
@@ -113,7 +113,7 @@ TEST_F(AddingATable, Accepts31TablesAndRefusesThe32nd) {
 TEST_F(AddingATable, LeavesTheLastSlotOfAnyDirectoryFree) {
   FileImage image = threeTables();
   image.header().slotCount = 5;
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   EXPECT_NE(AddTable(db, "four"), 0u);
   expectUnchanged([&] { EXPECT_EQ(AddTable(db, "five"), 0u); });
   expectDamage(kDefaultFile, {"H6"});
@@ -122,8 +122,8 @@ TEST_F(AddingATable, LeavesTheLastSlotOfAnyDirectoryFree) {
 TEST_F(AddingATable, FailsInADirectoryWithoutRoom) {
   for (const int slotCount : {0x8000, 0xFFFF, 0, 1}) {
     FileImage image;
-    image.header().slotCount = static_cast<std::uint16_t>(slotCount);
-    const std::int16_t db = put(image);
+    image.header().slotCount = static_cast<uint16_t>(slotCount);
+    const int16_t db = put(image);
     expectUnchanged([&] { EXPECT_EQ(AddTable(db, "t"), 0u); });
     close(db);
   }
@@ -137,8 +137,8 @@ TEST_F(AddingATable, GoesBySlotSizeOfTheHeader) {
   Bytes file = image.build();
   const SlotFields first{.tableID = identifier(0x101), .tableName = bytesOf("one")};
   file = file.with(22, first.encode());
-  const std::int16_t db = put(file);
-  const std::uint64_t table = AddTable(db, "two");
+  const int16_t db = put(file);
+  const uint64_t table = AddTable(db, "two");
   ASSERT_NE(table, 0u);
   const SlotFields second{.tableID = identifier(table), .tableName = bytesOf("two")};
   SlotFields expected = second;
@@ -149,7 +149,7 @@ TEST_F(AddingATable, GoesBySlotSizeOfTheHeader) {
 }
 
 TEST_F(AddingATable, RefusesANameThatIsNullOrEmpty) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   expectUnchanged([&] {
     expectPositionKept(db, [&] {
       EXPECT_EQ(AddTable(db, nullptr), 0u);
@@ -159,7 +159,7 @@ TEST_F(AddingATable, RefusesANameThatIsNullOrEmpty) {
 }
 
 TEST_F(AddingATable, RefusesANameThatIsTaken) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   for (const char* name : {"one", "two", "three"}) {
     expectUnchanged(
         [&] { expectPositionKept(db, [&] { EXPECT_EQ(AddTable(db, name), 0u) << name; }); });
@@ -168,7 +168,7 @@ TEST_F(AddingATable, RefusesANameThatIsTaken) {
 }
 
 TEST_F(AddingATable, TakesAnotherCaseOrAPartOfANameAsAnotherName) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   for (const char* name : {"One", "ONE", "on", "ones", " one"}) {
     EXPECT_NE(AddTable(db, name), 0u) << name;
   }
@@ -177,7 +177,7 @@ TEST_F(AddingATable, TakesAnotherCaseOrAPartOfANameAsAnotherName) {
 
 TEST_F(AddingATable, StoresANameOf32BytesWithoutATerminator) {
   const std::string name = "0123456789abcdef0123456789ABCDEF";
-  const std::int16_t db = create();
+  const int16_t db = create();
   addTable(db, name);
   EXPECT_EQ(contents().at(22 + 16, 36), bytesOf(name).zeros(4));
   EXPECT_EQ(AddTable(db, name.c_str()), 0u);
@@ -185,23 +185,23 @@ TEST_F(AddingATable, StoresANameOf32BytesWithoutATerminator) {
 
 TEST_F(AddingATable, StoresTheFirst32BytesOfALongerName) {
   const std::string name = "0123456789abcdef0123456789ABCDEFcut off!";
-  const std::int16_t db = create();
-  const std::uint64_t first = addTable(db, name);
+  const int16_t db = create();
+  const uint64_t first = addTable(db, name);
   EXPECT_EQ(slot(0).tableName, bytesOf(name.substr(0, 32)));
   EXPECT_EQ(slot(0).tableFlags1, 0);
   EXPECT_EQ(FindTableByName(db, name.c_str()), 0u);
   EXPECT_EQ(FindTableByName(db, name.substr(0, 32).c_str()), first);
 
-  const std::uint64_t second = addTable(db, name);
+  const uint64_t second = addTable(db, name);
   EXPECT_NE(second, first);
   EXPECT_EQ(slot(1).tableName, slot(0).tableName);
   EXPECT_EQ(AddTable(db, name.substr(0, 32).c_str()), 0u);
 }
 
 TEST_F(AddingATable, TakesAnyBytesAsAName) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   const std::string name = "\xC3\xA4\xFF\x01 /\\\"";
-  const std::uint64_t table = addTable(db, name);
+  const uint64_t table = addTable(db, name);
   EXPECT_EQ(slot(0).name(), name);
   EXPECT_EQ(FindTableByName(db, name.c_str()), table);
 }
@@ -211,17 +211,17 @@ TEST_F(AddingATable, WritesOverASlotThatIsNotCounted) {
   image.addTable("uncounted", 0x404);
   image.slot(3).recordCount = 77;
   image.header().tableCount = 3;
-  const std::int16_t db = put(image);
-  const std::uint64_t table = addTable(db, "uncounted");
+  const int16_t db = put(image);
+  const uint64_t table = addTable(db, "uncounted");
   EXPECT_NE(table, 0x404u);
   EXPECT_EQ(identifierNumber(slot(3).tableID), table);
   EXPECT_EQ(slot(3).recordCount, 0u);
 }
 
 TEST_F(AddingATable, FailsWhenASlotInUseLacksAMark) {
-  for (std::size_t index = 0; index < 3; ++index) {
-    for (const std::size_t markAt : {kSlotMarkAt, kSlotEndMarkAt}) {
-      const std::int16_t db = put(damagedSlot(index, markAt));
+  for (size_t index = 0; index < 3; ++index) {
+    for (const size_t markAt : {kSlotMarkAt, kSlotEndMarkAt}) {
+      const int16_t db = put(damagedSlot(index, markAt));
       expectUnchanged(
           [&] { expectPositionKept(db, [&] { EXPECT_EQ(AddTable(db, "four"), 0u) << index; }); });
       EXPECT_EQ(numberOfTables(db), 3);
@@ -232,20 +232,20 @@ TEST_F(AddingATable, FailsWhenASlotInUseLacksAMark) {
 }
 
 TEST_F(AddingATable, FailsWhenASlotInUseIsCutOff) {
-  const std::int16_t db = put(threeTables().build().cut(22 + 3 * 144 - 1));
+  const int16_t db = put(threeTables().build().cut(22 + 3 * 144 - 1));
   expectUnchanged([&] { EXPECT_EQ(AddTable(db, "four"), 0u); });
   expectDamage(kDefaultFile, {"F2"});
 }
 
 TEST_F(AddingATable, KeepsThePosition) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   int number = 0;
   expectPositionKept(db, [&] { addTable(db, "table" + std::to_string(number++)); });
   EXPECT_EQ(number, 3);
 }
 
 TEST_F(AddingATable, KeepsTheDirectoryCacheInStep) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   EXPECT_EQ(numberOfTables(db), 0);
   addTable(db, "one");
   EXPECT_EQ(numberOfTables(db), 1);
@@ -257,7 +257,7 @@ TEST_F(AddingATable, KeepsTheDirectoryCacheInStep) {
 }
 
 TEST_F(AddingATable, WorksWhereTheDirectoryIsNotCached) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   {
     FakeHost host;
     host.failFrom(FakeHost::Call::allocate);
@@ -269,11 +269,11 @@ TEST_F(AddingATable, WorksWhereTheDirectoryIsNotCached) {
 
 TEST_F(AddingATable, ChangesNeitherCountNorCacheWhenAWriteFails) {
   for (int step = 0;; ++step) {
-    const std::int16_t db = put(threeTables());
+    const int16_t db = put(threeTables());
     ASSERT_EQ(numberOfTables(db), 3);
     FakeHost host;
     host.failFrom(FakeHost::Call::write, step);
-    std::uint64_t table = 0;
+    uint64_t table = 0;
     expectPositionKept(db, [&] {
       if (table == 0) table = AddTable(db, "four");
     });
@@ -295,7 +295,7 @@ TEST_F(AddingATable, ChangesNeitherCountNorCacheWhenAWriteFails) {
 }
 
 TEST_F(AddingATable, FailsWhenAReadFails) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   FakeHost host;
   host.failFrom(FakeHost::Call::read);
   expectUnchanged([&] { expectPositionKept(db, [&] { EXPECT_EQ(AddTable(db, "four"), 0u); }); });
@@ -311,7 +311,7 @@ TEST_F(AddingATable, FailsOnAHandleThatIsNotOpen) {
 using FindingATable = DatabaseTest;
 
 TEST_F(FindingATable, GivesItsIdentifier) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   expectUnchanged([&] {
     expectPositionKept(db, [&] {
       EXPECT_EQ(FindTableByName(db, "one"), 0x101u);
@@ -322,7 +322,7 @@ TEST_F(FindingATable, GivesItsIdentifier) {
 }
 
 TEST_F(FindingATable, GivesZeroWhenThereIsNone) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   expectPositionKept(db, [&] {
     for (const char* name : {"four", "One", "on", "ones", "thre", "threes"}) {
       EXPECT_EQ(FindTableByName(db, name), 0u) << name;
@@ -331,12 +331,12 @@ TEST_F(FindingATable, GivesZeroWhenThereIsNone) {
 }
 
 TEST_F(FindingATable, GivesZeroInAnEmptyDatabase) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   EXPECT_EQ(FindTableByName(db, "one"), 0u);
 }
 
 TEST_F(FindingATable, RefusesANameThatIsNullOrEmpty) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   EXPECT_EQ(FindTableByName(db, nullptr), 0u);
   EXPECT_EQ(FindTableByName(db, ""), 0u);
 }
@@ -344,7 +344,7 @@ TEST_F(FindingATable, RefusesANameThatIsNullOrEmpty) {
 TEST_F(FindingATable, TakesTheFirstOfOneName) {
   FileImage image = threeTables();
   image.addTable("two", 0x909);
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   EXPECT_EQ(FindTableByName(db, "two"), 0x202u);
   expectDamage(kDefaultFile, {"D4"});
 }
@@ -352,7 +352,7 @@ TEST_F(FindingATable, TakesTheFirstOfOneName) {
 TEST_F(FindingATable, DoesNotLookAtSlotsThatAreNotCounted) {
   FileImage image = threeTables();
   image.header().tableCount = 2;
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   EXPECT_EQ(FindTableByName(db, "three"), 0u);
   expectDamage(kDefaultFile, {"D2"});
 }
@@ -362,15 +362,15 @@ TEST_F(FindingATable, EndsAStoredNameAfter32BytesWhateverFollows) {
   FileImage image;
   image.addTable(name, 0x101);
   image.slot(0).tableFlags1 = 0x4242;
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   EXPECT_EQ(FindTableByName(db, name.c_str()), 0x101u);
   EXPECT_EQ(FindTableByName(db, (name + "BB").c_str()), 0u);
   EXPECT_EQ(tableAt(db, 0).buffer, bufferWith(name));
 }
 
 TEST_F(FindingATable, GetsAsFarAsTheFirstDamagedSlot) {
-  for (const std::size_t markAt : {kSlotMarkAt, kSlotEndMarkAt}) {
-    const std::int16_t db = put(damagedSlot(1, markAt));
+  for (const size_t markAt : {kSlotMarkAt, kSlotEndMarkAt}) {
+    const int16_t db = put(damagedSlot(1, markAt));
     expectPositionKept(db, [&] {
       EXPECT_EQ(FindTableByName(db, "one"), 0x101u);
       EXPECT_EQ(FindTableByName(db, "two"), 0u);
@@ -382,7 +382,7 @@ TEST_F(FindingATable, GetsAsFarAsTheFirstDamagedSlot) {
 }
 
 TEST_F(FindingATable, GetsAsFarAsTheFileReaches) {
-  const std::int16_t db = put(threeTables().build().cut(22 + 2 * 144));
+  const int16_t db = put(threeTables().build().cut(22 + 2 * 144));
   expectPositionKept(db, [&] {
     EXPECT_EQ(FindTableByName(db, "two"), 0x202u);
     EXPECT_EQ(FindTableByName(db, "three"), 0u);
@@ -395,7 +395,7 @@ TEST_F(FindingATable, GetsAsFarAsTheFileReaches) {
 using CountingTables = DatabaseTest;
 
 TEST_F(CountingTables, TellsTheStoredNumber) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   expectUnchanged([&] { expectPositionKept(db, [&] { EXPECT_EQ(numberOfTables(db), 3); }); });
 }
 
@@ -406,27 +406,27 @@ TEST_F(CountingTables, TellsZeroForANewDatabase) {
 TEST_F(CountingTables, TellsANegativeNumberAsOne) {
   FileImage image;
   image.header().tableCount = -3;
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   EXPECT_EQ(numberOfTables(db), -3);
   expectDamage(kDefaultFile, {"H5"});
 }
 
 TEST_F(CountingTables, DoesNotReadTheSlots) {
-  const std::int16_t db = put(damagedSlot(0, kSlotMarkAt));
+  const int16_t db = put(damagedSlot(0, kSlotMarkAt));
   EXPECT_EQ(numberOfTables(db), 3);
   expectDamage(kDefaultFile, {"D1"});
 }
 
 TEST_F(CountingTables, RefusesNull) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   EXPECT_EQ(GetNumberOfTable(db, nullptr), 0);
 }
 
 TEST_F(CountingTables, StoresNothingWhenItFails) {
   FileImage image = threeTables();
   image.header().version = 200;
-  const std::int16_t db = put(image);
-  std::int32_t count = -99;
+  const int16_t db = put(image);
+  int32_t count = -99;
   expectPositionKept(db, [&] { EXPECT_EQ(GetNumberOfTable(db, &count), 0); });
   EXPECT_EQ(GetNumberOfTable(0, &count), 0);
   EXPECT_EQ(count, -99);
@@ -438,7 +438,7 @@ TEST_F(CountingTables, StoresNothingWhenItFails) {
 using ListingTables = DatabaseTest;
 
 TEST_F(ListingTables, TellsNameAndIdentifierInOrderOfCreation) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   expectUnchanged([&] {
     expectPositionKept(db, [&] {
       EXPECT_EQ(tableAt(db, 0).id, 0x101u);
@@ -450,7 +450,7 @@ TEST_F(ListingTables, TellsNameAndIdentifierInOrderOfCreation) {
 }
 
 TEST_F(ListingTables, RefusesAnIndexOutsideAndLeavesTheBufferAlone) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   expectPositionKept(db, [&] {
     for (const int index : {-1, 3, 31, 32, 1000000, -2147483647 - 1, 2147483647}) {
       const NameAndID table = tableAt(db, index);
@@ -461,25 +461,25 @@ TEST_F(ListingTables, RefusesAnIndexOutsideAndLeavesTheBufferAlone) {
 }
 
 TEST_F(ListingTables, GivesNothingInAnEmptyDatabase) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   EXPECT_EQ(tableAt(db, 0).id, 0u);
 }
 
 TEST_F(ListingTables, TerminatesANameOf32Bytes) {
   const std::string name(32, 'n');
-  const std::int16_t db = create();
+  const int16_t db = create();
   addTable(db, name);
   EXPECT_EQ(tableAt(db, 0).buffer, bufferWith(name));
 }
 
 TEST_F(ListingTables, RefusesANullBuffer) {
-  const std::int16_t db = put(threeTables());
+  const int16_t db = put(threeTables());
   EXPECT_EQ(GetTableNameAndIDByIndex(db, 0, nullptr), 0u);
 }
 
 TEST_F(ListingTables, GetsAsFarAsTheFirstDamagedSlot) {
-  for (const std::size_t markAt : {kSlotMarkAt, kSlotEndMarkAt}) {
-    const std::int16_t db = put(damagedSlot(1, markAt));
+  for (const size_t markAt : {kSlotMarkAt, kSlotEndMarkAt}) {
+    const int16_t db = put(damagedSlot(1, markAt));
     expectPositionKept(db, [&] {
       EXPECT_EQ(tableAt(db, 0).id, 0x101u);
       EXPECT_EQ(tableAt(db, 1).id, 0u);
@@ -495,14 +495,14 @@ TEST_F(ListingTables, GetsAsFarAsTheFirstDamagedSlot) {
 
 class FindingASlot : public DatabaseTest {
  protected:
-  int find(std::uint64_t table, std::int16_t count = 3) {
+  int find(uint64_t table, int16_t count = 3) {
     seek(db_, 22);
     return internal_GetOneTableInfo(db_, table, count, 144, &slot_, &slotPos_);
   }
 
-  std::int16_t db_ = 0;
+  int16_t db_ = 0;
   tablePart1 slot_ = {};
-  std::int64_t slotPos_ = -1;
+  int64_t slotPos_ = -1;
 };
 
 TEST_F(FindingASlot, TellsTheSlotAndItsPositionAndEndsBehindIt) {
@@ -512,7 +512,7 @@ TEST_F(FindingASlot, TellsTheSlotAndItsPositionAndEndsBehindIt) {
   EXPECT_EQ(find(0x202), 1);
   EXPECT_EQ(slotPos_, 22 + 144);
   EXPECT_EQ(position(db_), 22 + 2 * 144);
-  EXPECT_EQ(std::uint32_t{slot_.recordWriteCount}, 55u);
+  EXPECT_EQ(uint32_t{slot_.recordWriteCount}, 55u);
   EXPECT_EQ(std::memcmp(slot_.tableName, "two\0", 4), 0);
 }
 
@@ -547,7 +547,7 @@ TEST_F(FindingASlot, FailsForATableThatIsNotThere) {
 }
 
 TEST_F(FindingASlot, FailsAtTheFirstDamagedSlot) {
-  for (const std::size_t markAt : {kSlotMarkAt, kSlotEndMarkAt}) {
+  for (const size_t markAt : {kSlotMarkAt, kSlotEndMarkAt}) {
     db_ = put(damagedSlot(1, markAt));
     EXPECT_EQ(find(0x101), 1);
     EXPECT_EQ(find(0x202), 0);

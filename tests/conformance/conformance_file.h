@@ -15,25 +15,25 @@
 namespace qvdbase::test {
 
 struct ExpectedRecord {
-  std::uint64_t id = 0;
-  std::int64_t position = 0;
-  std::uint32_t createTime = 0;
-  std::uint32_t modifyTime = 0;
-  std::uint32_t capacity = 0;
+  uint64_t id = 0;
+  int64_t position = 0;
+  uint32_t createTime = 0;
+  uint32_t modifyTime = 0;
+  uint32_t capacity = 0;
   std::optional<std::string> payload;  // none when it claims more than its capacity
 };
 
 struct ExpectedTable {
-  std::uint64_t id = 0;
+  uint64_t id = 0;
   std::string name;
   std::optional<std::string> data;
-  std::int64_t dataPosition = 0;
+  int64_t dataPosition = 0;
   bool complete = true;
   bool loops = false;
   std::vector<ExpectedRecord> records;
 
-  std::vector<std::uint64_t> ids() const {
-    std::vector<std::uint64_t> all;
+  std::vector<uint64_t> ids() const {
+    std::vector<uint64_t> all;
     for (const ExpectedRecord& record : records) all.push_back(record.id);
     return all;
   }
@@ -43,7 +43,7 @@ struct ExpectedTable {
 inline std::string bytesIn(const nlohmann::json& text) {
   const auto& utf8 = text.get_ref<const std::string&>();
   std::string bytes;
-  for (std::size_t i = 0; i < utf8.size(); ++i) {
+  for (size_t i = 0; i < utf8.size(); ++i) {
     const auto lead = static_cast<unsigned char>(utf8[i]);
     if (lead < 0x80) {
       bytes += utf8[i];
@@ -60,7 +60,7 @@ inline std::optional<std::string> bytesOrNothing(const nlohmann::json& text) {
   return bytesIn(text);
 }
 
-inline std::uint64_t numberIn(const nlohmann::json& id) {
+inline uint64_t numberIn(const nlohmann::json& id) {
   return std::stoull(id.get<std::string>(), nullptr, 16);
 }
 

@@ -29,15 +29,15 @@ class Conformance : public testing::TestWithParam<const char*> {
 
   // The slot of the table, decoded by the tests.
   SlotFields slotOf(const ExpectedTable& table) const {
-    return decodeSlot(file.bytes(), static_cast<std::size_t>(&table - file.tables().data()));
+    return decodeSlot(file.bytes(), static_cast<size_t>(&table - file.tables().data()));
   }
 
   bool slotLeadsToData(const ExpectedTable& table) const {
     return slotOf(table).firstDataPos == table.dataPosition;
   }
 
-  std::string bytesAt(std::int64_t position, std::size_t count) const {
-    return file.bytes().at(static_cast<std::size_t>(position), count).str();
+  std::string bytesAt(int64_t position, size_t count) const {
+    return file.bytes().at(static_cast<size_t>(position), count).str();
   }
 
   ConformanceFile file;
@@ -54,13 +54,13 @@ class CFunctions : public Conformance {
   ~CFunctions() override { CloseDBase(db); }
 
   void expectRecords(const ExpectedTable& table) {
-    const std::vector<std::uint64_t> ids = table.ids();
-    std::uint32_t counted = 0;
+    const std::vector<uint64_t> ids = table.ids();
+    uint32_t counted = 0;
     ASSERT_EQ(GetNumberOfRecords(db, table.id, &counted), 1);
     EXPECT_EQ(counted, slotOf(table).recordCount);
     // A loop is listed again and again up to the count; a listing that fails may write one more.
-    std::vector<std::uint64_t> list(table.loops ? counted : ids.size() + 1);
-    std::uint32_t count = 0;
+    std::vector<uint64_t> list(table.loops ? counted : ids.size() + 1);
+    uint32_t count = 0;
     EXPECT_EQ(GetRecordUuIDList(db, table.id, list.data(), &count),
               table.complete || table.loops ? 1 : 0);
     list.resize(table.loops ? ids.size() : count);
@@ -68,7 +68,7 @@ class CFunctions : public Conformance {
   }
 
   void expectPayloads(const ExpectedTable& table) {
-    for (std::size_t i = 0; i < table.records.size(); ++i) {
+    for (size_t i = 0; i < table.records.size(); ++i) {
       const ExpectedRecord& record = table.records[i];
       oneRecordInfoP1 info = {};
       // The last record of a chain that ends early is not found.
@@ -90,7 +90,7 @@ class CFunctions : public Conformance {
   }
 
   void expectData(const ExpectedTable& table) {
-    std::uint32_t size = 0;
+    uint32_t size = 0;
     const bool isThere = table.data && slotLeadsToData(table);
     ASSERT_EQ(GetTableDataSize(db, table.id, &size), isThere ? 1 : 0);
     if (!isThere) return;
@@ -100,7 +100,7 @@ class CFunctions : public Conformance {
     EXPECT_EQ(data, *table.data);
   }
 
-  std::int16_t db = 0;
+  int16_t db = 0;
 };
 
 TEST_P(CFunctions, FindTheTables) {
@@ -138,15 +138,15 @@ TEST_P(CFunctions, DecodeTheCategories) {
   ASSERT_EQ(table.name, "QVrz_Category");
   const auto& categories = file.json()["categories"];
   ASSERT_EQ(categories.size(), table.records.size());
-  const auto idsIn = [](const std::uint64_t* list, std::int32_t count) {
-    return std::vector<std::uint64_t>(list, list + count);
+  const auto idsIn = [](const uint64_t* list, int32_t count) {
+    return std::vector<uint64_t>(list, list + count);
   };
   const auto idsOf = [](const nlohmann::json& list) {
-    std::vector<std::uint64_t> ids;
+    std::vector<uint64_t> ids;
     for (const auto& id : list) ids.push_back(numberIn(id));
     return ids;
   };
-  for (std::size_t i = 0; i < categories.size(); ++i) {
+  for (size_t i = 0; i < categories.size(); ++i) {
     oneRecordInfoP1 info = {};
     ASSERT_EQ(GetOneRecordInfo(db, table.id, table.records[i].id, &info, nullptr), 1);
     qvrzOneCategoryRecord record = {};
@@ -158,7 +158,7 @@ TEST_P(CFunctions, DecodeTheCategories) {
     std::u16string name(std::begin(record.categoryName), std::end(record.categoryName));
     name.resize(std::min(name.find(u'\0'), name.size()));
     EXPECT_EQ(std::filesystem::path(name).string(), expected["name"].get<std::string>());
-    EXPECT_EQ(record.categoryParam, expected["param"].get<std::uint32_t>());
+    EXPECT_EQ(record.categoryParam, expected["param"].get<uint32_t>());
     EXPECT_EQ(record.relatedID, numberIn(expected["related"]));
     EXPECT_EQ(idsIn(record.firstIDs, record.firstIDCount), idsOf(expected["first"]));
     EXPECT_EQ(idsIn(record.secondIDs, record.secondIDCount), idsOf(expected["second"]));
@@ -179,7 +179,7 @@ TEST_P(CppLayer, ReadsTheHeader) {
   EXPECT_EQ(std::string(info.signature.data(), 4), bytesIn(file.json()["signature"]));
   EXPECT_EQ(info.version, file.json()["version"].get<int>());
   EXPECT_EQ(info.id.value, numberIn(file.json()["id"]));
-  EXPECT_EQ(info.file_size, file.json()["size"].get<std::uint64_t>());
+  EXPECT_EQ(info.file_size, file.json()["size"].get<uint64_t>());
 }
 
 TEST_P(CppLayer, WalksTheRecords) {
@@ -188,11 +188,11 @@ TEST_P(CppLayer, WalksTheRecords) {
     SCOPED_TRACE(expected.name);
     const auto table = database.find_table(qvdb::Id{expected.id});
     ASSERT_TRUE(table.has_value());
-    std::vector<std::uint64_t> ids;
+    std::vector<uint64_t> ids;
     std::optional<qvdb::Reason> failure;
     try {
       for (const qvdb::Record& record : table->records()) {
-        const std::size_t index = ids.size();
+        const size_t index = ids.size();
         ids.push_back(record.id().value);
         if (index >= expected.records.size() || !expected.records[index].payload) continue;
         std::string payload;
@@ -247,7 +247,7 @@ TEST_P(CppLayer, NamesWhatNothingLeadsTo) {
   const raw::MemorySource source(std::as_bytes(std::span(text)));
   const raw::Survey survey = raw::makeSurvey(source);
   nlohmann::json found = nlohmann::json::array();
-  for (const std::uint32_t number : raw::blocksInFileOrder(survey)) {
+  for (const uint32_t number : raw::blocksInFileOrder(survey)) {
     const raw::Block& block = survey.blocks[number];
     if (block.isReached() || block.grade != raw::Grade::a) continue;
     found.push_back({{"position", block.position},
@@ -290,7 +290,7 @@ TEST_P(Tool, ListsTheRecords) {
     const Outcome outcome = run({"records", "--json", file.path().string(), name});
     EXPECT_EQ(outcome.status, table.complete ? 0 : 1) << outcome;
     const auto listing = nlohmann::json::parse(outcome.out);
-    std::vector<std::uint64_t> ids;
+    std::vector<uint64_t> ids;
     for (const auto& record : listing["records"]) ids.push_back(numberIn(record["id"]));
     if (table.loops) ids.resize(table.records.size());
     EXPECT_EQ(ids, table.ids());
@@ -309,15 +309,15 @@ TEST_P(OwnReader, ReadsTheFile) {
   Bytes bytes = file.bytes();
   for (const ExpectedTable& table : file.tables()) {  // it believes the slot
     if (table.data && !slotLeadsToData(table)) {
-      const auto index = static_cast<std::size_t>(&table - file.tables().data());
-      bytes.putLe(slotOffset(index) + 112, 8, static_cast<std::uint64_t>(table.dataPosition));
+      const auto index = static_cast<size_t>(&table - file.tables().data());
+      bytes.putLe(slotOffset(index) + 112, 8, static_cast<uint64_t>(table.dataPosition));
     }
   }
   const ReadDatabase database = readDatabase(bytes);
-  EXPECT_EQ(database.fileSize, file.json()["size"].get<std::size_t>());
+  EXPECT_EQ(database.fileSize, file.json()["size"].get<size_t>());
   EXPECT_EQ(database.header.version, file.json()["version"].get<int>());
   ASSERT_EQ(database.tables.size(), file.tables().size());
-  for (std::size_t i = 0; i < database.tables.size(); ++i) {
+  for (size_t i = 0; i < database.tables.size(); ++i) {
     const ReadTable& found = database.tables[i];
     const ExpectedTable& expected = file.tables()[i];
     SCOPED_TRACE(expected.name);
@@ -325,7 +325,7 @@ TEST_P(OwnReader, ReadsTheFile) {
     EXPECT_EQ(found.name, expected.name);
     EXPECT_EQ(found.data ? std::optional(found.data->data().str()) : std::nullopt, expected.data);
     ASSERT_EQ(found.records.size(), expected.records.size());
-    for (std::size_t k = 0; k < found.records.size(); ++k) {
+    for (size_t k = 0; k < found.records.size(); ++k) {
       const ReadRecord& record = found.records[k];
       EXPECT_EQ(record.id, expected.records[k].id);
       EXPECT_EQ(record.position, expected.records[k].position);

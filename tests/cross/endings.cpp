@@ -27,49 +27,49 @@ namespace {
 
 // ---- the host -----------------------------------------------------------------------------------
 
-constexpr std::size_t kNoEnd = SIZE_MAX;
+constexpr size_t kNoEnd = SIZE_MAX;
 
 struct Host {
-  std::size_t space = kNoEnd;  // bytes that it still takes
-  std::uint64_t limit = UINT64_MAX;
-  std::int64_t badBegin = 0;  // bytes that cannot be read, of any file
-  std::int64_t badEnd = 0;
+  size_t space = kNoEnd;  // bytes that it still takes
+  uint64_t limit = UINT64_MAX;
+  int64_t badBegin = 0;  // bytes that cannot be read, of any file
+  int64_t badEnd = 0;
   bool failsWhole = false;      // a read that has one of them among its bytes gets nothing
-  std::uint64_t ticks = 0;      // for identifiers
-  std::size_t taken = 0;        // bytes
+  uint64_t ticks = 0;           // for identifiers
+  size_t taken = 0;             // bytes
   bool hasPassedLimit = false;  // which would end the process
 };
 Host host;
 
-ssize_t takeBytes(int descriptor, const void* bytes, std::size_t count, off_t position) {
-  if (static_cast<std::uint64_t>(position) + count > host.limit) host.hasPassedLimit = true;
-  const std::size_t part = std::min(count, host.space);
+ssize_t takeBytes(int descriptor, const void* bytes, size_t count, off_t position) {
+  if (static_cast<uint64_t>(position) + count > host.limit) host.hasPassedLimit = true;
+  const size_t part = std::min(count, host.space);
   if (part == 0) {
     errno = ENOSPC;
     return -1;
   }
   const ssize_t moved = platform::hostSystemCalls().writeAt(descriptor, bytes, part, position);
   if (moved <= 0) return moved;
-  if (host.space != kNoEnd) host.space -= static_cast<std::size_t>(moved);
-  host.taken += static_cast<std::size_t>(moved);
+  if (host.space != kNoEnd) host.space -= static_cast<size_t>(moved);
+  host.taken += static_cast<size_t>(moved);
   return moved;
 }
 
-ssize_t giveBytes(int descriptor, void* bytes, std::size_t count, off_t position) {
-  const auto end = static_cast<std::int64_t>(position) + static_cast<std::int64_t>(count);
+ssize_t giveBytes(int descriptor, void* bytes, size_t count, off_t position) {
+  const auto end = static_cast<int64_t>(position) + static_cast<int64_t>(count);
   const bool touches = position < host.badEnd && end > host.badBegin;
   if (touches && (host.failsWhole || position >= host.badBegin)) {
     errno = EIO;
     return -1;
   }
-  if (touches) count = static_cast<std::size_t>(host.badBegin - position);
+  if (touches) count = static_cast<size_t>(host.badBegin - position);
   return platform::hostSystemCalls().readAt(descriptor, bytes, count, position);
 }
 
 // ---- the operations -----------------------------------------------------------------------------
 
-constexpr std::uint64_t kNotes = 0x1101;
-constexpr std::uint64_t kTwice = 0x4404;
+constexpr uint64_t kNotes = 0x1101;
+constexpr uint64_t kTwice = 0x4404;
 constexpr const char* kSource = "source.qvd";
 constexpr const char* kBroken = "broken.qvd";
 constexpr const char* kTarget = "target.qvd";
@@ -82,37 +82,37 @@ WideText wide(const char* name) {
 
 // What an operation is given and leaves beside the files.
 struct Run {
-  std::int16_t db = 0;
-  std::uint64_t out = 0;
-  std::uint16_t from = 77;
-  std::uint16_t to = 77;
+  int16_t db = 0;
+  uint64_t out = 0;
+  uint16_t from = 77;
+  uint16_t to = 77;
   int status = -5;
 };
 
 struct Operation {
   const char* name;
   int permission;  // with which the source is opened; 0: it is not
-  std::function<std::uint64_t(Run&)> run;
+  std::function<uint64_t(Run&)> run;
   // How many of the bytes that it writes are the same on both ways. Beyond them unchanged bytes may
   // go out between two fields of one header, and a full disk does not leave the same.
-  std::size_t comparable = kNoEnd;
+  size_t comparable = kNoEnd;
 };
 
 Bytes sourceFile() {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", kNotes);
-  const std::size_t categories = image.addTable("QVrz_Category", 0x2202);
-  const std::size_t records = image.addTable("QVrz_Record", 0x3303);
+  const size_t notes = image.addTable("notes", kNotes);
+  const size_t categories = image.addTable("QVrz_Category", 0x2202);
+  const size_t records = image.addTable("QVrz_Record", 0x3303);
   image.addTable("one of two", kTwice);
-  const std::size_t second = image.addTable("two of two", kTwice);
+  const size_t second = image.addTable("two of two", kTwice);
   // Without payload the neighbours of a deleted record are close together.
-  for (std::uint64_t i = 0; i < 3; ++i) image.addRecord(notes, 0xA1 + i, {});
-  for (std::uint64_t i = 3; i < 6; ++i) {
+  for (uint64_t i = 0; i < 3; ++i) image.addRecord(notes, 0xA1 + i, {});
+  for (uint64_t i = 3; i < 6; ++i) {
     image.addRecord(notes, 0xA1 + i, pattern(30, static_cast<unsigned>(i)), {.reserve = 50});
   }
   image.setTableData(notes, bytesOf("what the notes are about"), 40);
   image.addRecord(categories, 0xC1, category(0xC1, {0xE1, 0xE2}));
-  for (std::uint64_t i = 0; i < 3; ++i) image.addRecord(records, 0xE1 + i, pattern(33));
+  for (uint64_t i = 0; i < 3; ++i) image.addRecord(records, 0xE1 + i, pattern(33));
   image.setTableData(second, bytesOf("short"), 90);
   return image.build();
 }
@@ -120,41 +120,40 @@ Bytes sourceFile() {
 // Far apart records, and a chain with a link cleared.
 Bytes brokenFile() {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", kNotes);
-  std::vector<std::int64_t> at;
-  for (std::uint64_t i = 0; i < 5; ++i) {
+  const size_t notes = image.addTable("notes", kNotes);
+  std::vector<int64_t> at;
+  for (uint64_t i = 0; i < 5; ++i) {
     at.push_back(image.addRecord(notes, 0xA1 + i, pattern(5000, static_cast<unsigned>(i))));
   }
   image.record(at[3]).prevRecordPos = 0;
   return image.build();
 }
 
-std::uint64_t add(Run& run, std::uint32_t size, std::uint32_t reserve) {
-  return static_cast<std::uint64_t>(
+uint64_t add(Run& run, uint32_t size, uint32_t reserve) {
+  return static_cast<uint64_t>(
       AddRecordData(run.db, kNotes, pattern(size).data(), size, reserve, &run.out));
 }
 
-std::uint64_t modify(Run& run, std::uint64_t record, std::uint32_t size) {
-  return static_cast<std::uint64_t>(
+uint64_t modify(Run& run, uint64_t record, uint32_t size) {
+  return static_cast<uint64_t>(
       ModifyRecordData(run.db, kNotes, pattern(size, 9).data(), size, record, nullptr));
 }
 
-std::uint64_t setData(Run& run, std::uint64_t table, std::uint32_t size, std::uint32_t reserve) {
-  return static_cast<std::uint64_t>(
-      SetTableData(run.db, table, pattern(size, 7).data(), size, reserve));
+uint64_t setData(Run& run, uint64_t table, uint32_t size, uint32_t reserve) {
+  return static_cast<uint64_t>(SetTableData(run.db, table, pattern(size, 7).data(), size, reserve));
 }
 
-std::uint64_t listAll(Run& run) {
-  std::uint64_t list[6] = {};
-  std::uint32_t count = 0;
+uint64_t listAll(Run& run) {
+  uint64_t list[6] = {};
+  uint32_t count = 0;
   const int result = GetRecordUuIDList(run.db, kNotes, list, &count);
-  for (const std::uint64_t each : list) run.out = run.out * 31 + each;
+  for (const uint64_t each : list) run.out = run.out * 31 + each;
   run.out = run.out * 31 + count;
-  return static_cast<std::uint64_t>(result);
+  return static_cast<uint64_t>(result);
 }
 
 void addChanges(std::vector<Operation>& all, int permission) {
-  const auto with = [&](const char* name, std::function<std::uint64_t(Run&)> run) {
+  const auto with = [&](const char* name, std::function<uint64_t(Run&)> run) {
     all.push_back({name, permission, std::move(run)});
   };
   with("add table", [](Run& run) { return AddTable(run.db, "added"); });
@@ -169,24 +168,24 @@ void addChanges(std::vector<Operation>& all, int permission) {
   with("touch", [](Run& run) { return ModifyOneRecordInfo_LMTime(run.db, kNotes, 0xA5) == 1; });
   with("grow in place", [](Run& run) { return modify(run, 0xA4, 45); });
   if (permission == 3) all.back().comparable = 0;
-  for (const std::uint64_t record : {0xA1u, 0xA3u, 0xA6u}) {
+  for (const uint64_t record : {0xA1u, 0xA3u, 0xA6u}) {
     with("relocate", [record](Run& run) { return modify(run, record, 300); });
   }
-  for (const std::uint64_t record : {0xA1u, 0xA2u, 0xA4u, 0xA6u}) {
+  for (const uint64_t record : {0xA1u, 0xA2u, 0xA4u, 0xA6u}) {
     with("delete", [record](Run& run) {
-      return static_cast<std::uint64_t>(DeleteOneRecord(run.db, kNotes, record, nullptr));
+      return static_cast<uint64_t>(DeleteOneRecord(run.db, kNotes, record, nullptr));
     });
   }
 }
 
-std::uint64_t renumber(Run& run) {
-  return static_cast<std::uint64_t>(PackOneDB2AllNewUUIDFile(
-      wide(kTarget), run.db, 0, nullptr, &run.from, &run.to, &run.status, nullptr));
+uint64_t renumber(Run& run) {
+  return static_cast<uint64_t>(PackOneDB2AllNewUUIDFile(wide(kTarget), run.db, 0, nullptr,
+                                                        &run.from, &run.to, &run.status, nullptr));
 }
 
-std::uint64_t repair(Run& run) {
+uint64_t repair(Run& run) {
   const int result = FixOneDBLinkErrorW(wide(kBroken), nullptr, 0, nullptr, &run.status);
-  return static_cast<std::uint64_t>(result);
+  return static_cast<uint64_t>(result);
 }
 
 std::vector<Operation> operations() {
@@ -195,16 +194,16 @@ std::vector<Operation> operations() {
   all.push_back({"list", 1, listAll});
   all.push_back({"create", 0, [](Run& run) {
                    // A file that cannot be completed stays open under the lowest number.
-                   const std::int16_t db = CreateDBaseW(wide(kTarget), "QVdb", 100);
+                   const int16_t db = CreateDBaseW(wide(kTarget), "QVdb", 100);
                    run.db = 1;
-                   return static_cast<std::uint64_t>(db);
+                   return static_cast<uint64_t>(db);
                  }});
   all.push_back({"pack", 0, [](Run&) {
-                   return static_cast<std::uint64_t>(
+                   return static_cast<uint64_t>(
                        PackOneDB2NewW(wide(kSource), wide(kTarget), 0, nullptr));
                  }});
   all.push_back({"pack with handle", 0, [](Run& run) {
-                   return static_cast<std::uint64_t>(PackOneDB2New_WithHandle(
+                   return static_cast<uint64_t>(PackOneDB2New_WithHandle(
                        wide(kSource), wide(kTarget), 0, nullptr, &run.from, &run.to, &run.status));
                  }});
   all.push_back({"renumber", 1, renumber, 7300});  // ends with a category, modified in place
@@ -214,9 +213,9 @@ std::vector<Operation> operations() {
 
 // ---- one case -----------------------------------------------------------------------------------
 
-std::uint64_t sumOf(const Bytes& bytes) {
-  std::uint64_t sum = 1469598103934665603u;
-  for (const std::uint8_t each : bytes) sum = (sum ^ each) * 1099511628211u;
+uint64_t sumOf(const Bytes& bytes) {
+  uint64_t sum = 1469598103934665603u;
+  for (const uint8_t each : bytes) sum = (sum ^ each) * 1099511628211u;
   return sum;
 }
 
@@ -230,7 +229,7 @@ void printFiles() {
 }
 
 // Runs the operation on fresh files and prints the case. Returns how many bytes were written.
-std::size_t tryCase(const Operation& operation, const Host& with, const std::string& what) {
+size_t tryCase(const Operation& operation, const Host& with, const std::string& what) {
   static const Bytes source = sourceFile();
   static const Bytes broken = brokenFile();
   writeFile(folder / kSource, source);
@@ -245,11 +244,11 @@ std::size_t tryCase(const Operation& operation, const Host& with, const std::str
   std::srand(1);
   gbl_realReaden = gbl_realWriten = 99;
   host = with;
-  const std::uint64_t result = operation.run(run);
-  const std::size_t taken = host.taken;
+  const uint64_t result = operation.run(run);
+  const size_t taken = host.taken;
   const bool hasPassedLimit = host.hasPassedLimit;
   host = {};
-  std::int64_t position = -1;
+  int64_t position = -1;
   QVFile().QVGetFilePos(run.db, &position);
   std::printf("%s, %d, %s: %llx at %lld read %u written %u out %llx %d %d %d", operation.name,
               operation.permission, what.c_str(), static_cast<unsigned long long>(result),
@@ -259,20 +258,20 @@ std::size_t tryCase(const Operation& operation, const Host& with, const std::str
   if (hasPassedLimit) std::printf(" PASSES THE LIMIT");
   printFiles();
   std::printf("\n");
-  for (std::int16_t file = 1; file < 5; ++file) CloseDBase(file);
+  for (int16_t file = 1; file < 5; ++file) CloseDBase(file);
   return taken;
 }
 
 // All numbers up to `end`, of large ones a few: each case is a run of the operation.
-std::vector<std::size_t> steps(std::size_t end) {
-  std::vector<std::size_t> result;
-  for (std::size_t n = 0; n < end; n += 1 + n / 15) result.push_back(n);
-  for (std::size_t n = end - std::min<std::size_t>(end, 170); n < end; n += 5) result.push_back(n);
+std::vector<size_t> steps(size_t end) {
+  std::vector<size_t> result;
+  for (size_t n = 0; n < end; n += 1 + n / 15) result.push_back(n);
+  for (size_t n = end - std::min<size_t>(end, 170); n < end; n += 5) result.push_back(n);
   return result;
 }
 
-void tryFullDisks(const Operation& operation, std::size_t written) {
-  for (const std::size_t n : steps(written)) {
+void tryFullDisks(const Operation& operation, size_t written) {
+  for (const size_t n : steps(written)) {
     Host with;
     with.space = n;
     tryCase(operation, with, "space " + std::to_string(n));
@@ -280,7 +279,7 @@ void tryFullDisks(const Operation& operation, std::size_t written) {
 }
 
 void tryLimits(const Operation& operation) {
-  for (std::uint64_t limit = 0; limit < 6500; limit += limit < 30 ? 1 : limit < 4600 ? 331 : 13) {
+  for (uint64_t limit = 0; limit < 6500; limit += limit < 30 ? 1 : limit < 4600 ? 331 : 13) {
     Host with;
     with.limit = limit;
     tryCase(operation, with, "limit " + std::to_string(limit));
@@ -289,7 +288,7 @@ void tryLimits(const Operation& operation) {
 
 void tryBadPlaces(const Operation& operation) {
   for (const bool failsWhole : {false, true}) {
-    for (std::int64_t begin = 0; begin < 30'000; begin += begin < 6000 ? 149 : 1501) {
+    for (int64_t begin = 0; begin < 30'000; begin += begin < 6000 ? 149 : 1501) {
       Host with;
       with.badBegin = begin;
       with.badEnd = begin + 50;
@@ -301,7 +300,7 @@ void tryBadPlaces(const Operation& operation) {
 
 void tryAll() {
   for (const Operation& operation : operations()) {
-    const std::size_t written = tryCase(operation, {}, "sound host");
+    const size_t written = tryCase(operation, {}, "sound host");
     tryFullDisks(operation, std::min(written, operation.comparable));
     if (written > 0) tryLimits(operation);
     tryBadPlaces(operation);

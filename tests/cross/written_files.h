@@ -8,8 +8,8 @@
 
 namespace qvdbase::test {
 
-inline constexpr std::uint32_t kWrittenAt = 0x87654321;  // beyond what 31 bits of seconds hold
-inline constexpr std::uint64_t kCounter = 0x00000005A0000001;
+inline constexpr uint32_t kWrittenAt = 0x87654321;  // beyond what 31 bits of seconds hold
+inline constexpr uint64_t kCounter = 0x00000005A0000001;
 
 // Writes "records.qvd" and what maintenance makes of it: "packed.qvd", "renumbered.qvd" and
 // "repaired.qvd"; and "sequence.qvd", what a long sequence of changes of all sizes leaves. Throws

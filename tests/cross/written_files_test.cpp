@@ -14,9 +14,9 @@ namespace {
 
 // An identifier made when the counter has gone on by `step`: four bytes of the generator, which
 // was started with 1, and seconds + low half + high half of the counter.
-std::uint64_t madeIdentifier(unsigned step) {
+uint64_t madeIdentifier(unsigned step) {
   std::srand(1);
-  std::uint64_t number = 0;
+  uint64_t number = 0;
   for (int i = 0; i < 4; ++i) {
     const int r = std::rand();
     number = number << 8 | ((static_cast<unsigned>(r) + static_cast<unsigned>(r / 255)) & 0xFF);
@@ -34,15 +34,15 @@ Bytes categoryPayload() {
       .text("ab");
 }
 
-RecordOptions written(std::uint32_t reserve = 0) {
+RecordOptions written(uint32_t reserve = 0) {
   return {.reserve = reserve, .createTime = kWrittenAt, .modifyTime = kWrittenAt};
 }
 
 FileImage expectedRecords() {
   FileImage image;
   image.header().databaseID = identifier(madeIdentifier(0));
-  const std::size_t categories = image.addTable("QVrz_Category", madeIdentifier(1));
-  const std::size_t records = image.addTable("QVrz_Record", madeIdentifier(2));
+  const size_t categories = image.addTable("QVrz_Category", madeIdentifier(1));
+  const size_t records = image.addTable("QVrz_Record", madeIdentifier(2));
   image.addRecord(categories, 0xC1, categoryPayload(), written());
   image.addRecord(records, 0xA1B2C3D4E5F60718, bytesOf("first"), written());
   const auto b =
@@ -69,7 +69,7 @@ FileImage expectedRecords() {
 // source, which lead nowhere here.
 ReadDatabase readPacked(const std::filesystem::path& path) {
   Bytes file = readFile(path);
-  for (const std::size_t field : {112u, 120u, 128u}) file.putLe(slotOffset(1) + field, 8, 0);
+  for (const size_t field : {112u, 120u, 128u}) file.putLe(slotOffset(1) + field, 8, 0);
   return readDatabase(file);
 }
 

@@ -45,10 +45,10 @@ std::map<std::string, Codes> statesInThePage() {
 
 class CutOffStates : public DatabaseTest {
  protected:
-  using Operation = std::function<int(std::int16_t db)>;
+  using Operation = std::function<int(int16_t db)>;
 
   CutOffStates() {
-    const std::int16_t db = create();
+    const int16_t db = create();
     table = addTable(db, "tasks");
     setTableData(db, table, bytesOf("v1"));
     for (const char* payload : {"first", "second", "third"}) {
@@ -59,17 +59,17 @@ class CutOffStates : public DatabaseTest {
     allowDamage();
   }
 
-  int modify(std::int16_t db, std::size_t record, const Bytes& payload) {
-    return ModifyRecordData(db, table, payload.data(), static_cast<std::uint32_t>(payload.size()),
+  int modify(int16_t db, size_t record, const Bytes& payload) {
+    return ModifyRecordData(db, table, payload.data(), static_cast<uint32_t>(payload.size()),
                             records.at(record), nullptr);
   }
 
-  int remove(std::int16_t db, std::size_t record) {
+  int remove(int16_t db, size_t record) {
     return DeleteOneRecord(db, table, records.at(record), nullptr);
   }
 
   std::vector<Write> writesOf(const Operation& operation) {
-    const std::int16_t db = put(before);
+    const int16_t db = put(before);
     std::vector<Write> log;
     {
       RecordedCalls host;
@@ -113,39 +113,38 @@ class CutOffStates : public DatabaseTest {
   }
 
   // The operation without as many of its last writes, of which each is one stretch of bytes.
-  void expectWithout(std::size_t missing, const std::string& name, const Operation& operation) {
+  void expectWithout(size_t missing, const std::string& name, const Operation& operation) {
     expectWithout(missing, name, writesOf(operation));
   }
 
-  void expectWithout(std::size_t missing, const std::string& name, const std::vector<Write>& log) {
+  void expectWithout(size_t missing, const std::string& name, const std::vector<Write>& log) {
     std::vector<Write> kept = ranges(log);
     ASSERT_GT(kept.size(), missing) << name;
     kept.resize(kept.size() - missing);
     expectState(name, applied(before, log, byteCount(kept)));
   }
 
-  std::uint64_t table = 0;
-  std::vector<std::uint64_t> records;
+  uint64_t table = 0;
+  std::vector<uint64_t> records;
   Bytes before;
   std::map<std::string, Codes> page = statesInThePage();
   std::set<std::string> tried;
 };
 
 TEST_F(CutOffStates, AreReportedAsThePageSays) {
-  const auto add = [&](std::int16_t db) {
-    std::uint64_t record = 0;
+  const auto add = [&](int16_t db) {
+    uint64_t record = 0;
     return AddRecordData(db, table, bytesOf("fourth").data(), 6, 0, &record);
   };
-  const auto move = [&](std::size_t record) {
-    return
-        [this, record](std::int16_t db) { return modify(db, record, bytesOf("a longer payload")); };
+  const auto move = [&](size_t record) {
+    return [this, record](int16_t db) { return modify(db, record, bytesOf("a longer payload")); };
   };
-  const auto without = [&](std::size_t record) {
-    return [this, record](std::int16_t db) { return remove(db, record); };
+  const auto without = [&](size_t record) {
+    return [this, record](int16_t db) { return remove(db, record); };
   };
   expectWithout(1, "adding a table, before `tableCount`",
-                [](std::int16_t db) { return AddTable(db, "new") != 0 ? 1 : 0; });
-  expectWithout(1, "larger table data, before the slot", [&](std::int16_t db) {
+                [](int16_t db) { return AddTable(db, "new") != 0 ? 1 : 0; });
+  expectWithout(1, "larger table data, before the slot", [&](int16_t db) {
     return SetTableData(db, table, bytesOf("newer data").data(), 10, 0);
   });
   expectState("adding a record, inside the block", applied(before, writesOf(add), 40));
@@ -153,7 +152,7 @@ TEST_F(CutOffStates, AreReportedAsThePageSays) {
   expectWithout(2, "adding a record, before the link", writesOfPieces());
   expectWithout(2, "adding a record, before the link", add);
   expectWithout(1, "adding a record, before the slot", add);
-  for (const std::size_t record : {0u, 1u, 2u}) {
+  for (const size_t record : {0u, 1u, 2u}) {
     expectWithout(2, "moving a record, before the first link", move(record));
   }
   expectWithout(1, "moving a record, between the links", move(0));
@@ -164,8 +163,8 @@ TEST_F(CutOffStates, AreReportedAsThePageSays) {
   expectWithout(1, "deleting a record between others, before the slot", without(1));
   expectWithout(1, "deleting the last record, before the slot", without(2));
   const std::vector<Write> inPlace =
-      writesOf([&](std::int16_t db) { return modify(db, 0, bytesOf("1st")); });
-  for (std::size_t count = 0; count <= byteCount(inPlace); ++count) {
+      writesOf([&](int16_t db) { return modify(db, 0, bytesOf("1st")); });
+  for (size_t count = 0; count <= byteCount(inPlace); ++count) {
     expectState("an in-place change", applied(before, inPlace, count));
   }
   std::set<std::string> named;
@@ -174,15 +173,15 @@ TEST_F(CutOffStates, AreReportedAsThePageSays) {
 }
 
 TEST_F(CutOffStates, OfTheOnlyRecordAreReportedAsThePageSays) {
-  const std::int16_t db = put(before);
+  const int16_t db = put(before);
   ASSERT_EQ(remove(db, 2), 1);
   ASSERT_EQ(remove(db, 1), 1);
   close(db);
   before = contents();
   page["moving the only record"] = {"R7", "R10"};  // in the words below the table
   expectWithout(1, "moving the only record",
-                [&](std::int16_t open) { return modify(open, 0, bytesOf("a longer payload")); });
-  EXPECT_EQ(ranges(writesOf([&](std::int16_t open) { return remove(open, 0); })).size(), 1u);
+                [&](int16_t open) { return modify(open, 0, bytesOf("a longer payload")); });
+  EXPECT_EQ(ranges(writesOf([&](int16_t open) { return remove(open, 0); })).size(), 1u);
 }
 
 }  // namespace

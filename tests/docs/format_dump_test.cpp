@@ -50,7 +50,7 @@ Bytes fileIn(const std::vector<std::string>& rows) {
       const Bytes again = file.from(file.size() - std::stoul(match[1]));
       for (unsigned long i = std::stoul(match[2]); i > 0; i--) file.add(again);
     } else if (std::regex_match(line, match, slots)) {
-      const std::size_t before = file.size();
+      const size_t before = file.size();
       for (unsigned long i = std::stoul(match[1]); i > 0; i--) file.add(freeSlot().encode());
       EXPECT_EQ(file.size() - before, std::stoul(match[2])) << line;
     } else {
@@ -60,7 +60,7 @@ Bytes fileIn(const std::vector<std::string>& rows) {
   return file;
 }
 
-Bytes exampleFile(std::size_t index = 0) {
+Bytes exampleFile(size_t index = 0) {
   return fileIn(examples().at(index));
 }
 

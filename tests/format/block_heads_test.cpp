@@ -62,14 +62,14 @@ TEST(BlockHeads, EncodeATableDataBlocksHeaderAsItIs) {
 
 TEST(BlockHeads, LoadAndStoreNumbersOfAnyWidthMostSignificantByteFirst) {
   const Bytes bytes = hex("F1F2F3F4F5F6F7F8");
-  std::uint64_t expected = 0;
+  uint64_t expected = 0;
   for (int width = 1; width <= 8; ++width) {
-    expected = expected << 8 | static_cast<std::uint64_t>(0xF0 + width);
+    expected = expected << 8 | static_cast<uint64_t>(0xF0 + width);
     EXPECT_EQ(loadBigEndian(bytes.data(), width), expected);
     Bytes stored(8);
     storeBigEndian(stored.data(), width, expected);
     EXPECT_EQ(stored,
-              bytes.cut(static_cast<std::size_t>(width)).zeros(8u - static_cast<unsigned>(width)));
+              bytes.cut(static_cast<size_t>(width)).zeros(8u - static_cast<unsigned>(width)));
   }
 }
 

@@ -18,20 +18,20 @@ Bytes encoded(Put put, Value value, int expectedCount) {
 }
 
 TEST(BufferCodec, StoresAByte) {
-  EXPECT_EQ(encoded(PutToBuffer_BYTE, std::uint8_t{0xAB}, 1), hex("EE AB EEEEEEEEEEEEEEEE"));
+  EXPECT_EQ(encoded(PutToBuffer_BYTE, uint8_t{0xAB}, 1), hex("EE AB EEEEEEEEEEEEEEEE"));
 }
 
 TEST(BufferCodec, StoresIntegersLowByteFirst) {
-  EXPECT_EQ(encoded(PutToBuffer_Int16, std::uint16_t{0x0102}, 2), hex("EE 0201 EEEEEEEEEEEEEE"));
+  EXPECT_EQ(encoded(PutToBuffer_Int16, uint16_t{0x0102}, 2), hex("EE 0201 EEEEEEEEEEEEEE"));
   EXPECT_EQ(encoded(PutToBuffer_Int32, 0x01020304u, 4), hex("EE 04030201 EEEEEEEEEE"));
-  EXPECT_EQ(encoded(PutToBuffer_Int64, std::uint64_t{0x0102030405060708}, 8),
+  EXPECT_EQ(encoded(PutToBuffer_Int64, uint64_t{0x0102030405060708}, 8),
             hex("EE 0807060504030201 EE"));
 }
 
 TEST(BufferCodec, StoresTheLargestValues) {
-  EXPECT_EQ(encoded(PutToBuffer_Int16, std::uint16_t{0xFFFF}, 2), hex("EE FFFF EEEEEEEEEEEEEE"));
+  EXPECT_EQ(encoded(PutToBuffer_Int16, uint16_t{0xFFFF}, 2), hex("EE FFFF EEEEEEEEEEEEEE"));
   EXPECT_EQ(encoded(PutToBuffer_Int32, 0xFFFFFFFFu, 4), hex("EE FFFFFFFF EEEEEEEEEE"));
-  EXPECT_EQ(encoded(PutToBuffer_Int64, std::uint64_t{0xFFFFFFFFFFFFFFFF}, 8),
+  EXPECT_EQ(encoded(PutToBuffer_Int64, uint64_t{0xFFFFFFFFFFFFFFFF}, 8),
             hex("EE FFFFFFFFFFFFFFFF EE"));
 }
 
@@ -43,9 +43,9 @@ TEST(BufferCodec, ReadsAByte) {
 
 TEST(BufferCodec, ReadsIntegersLowByteFirst) {
   const Bytes buffer = hex("F1 F2 F3 F4 F5 F6 F7 F8");
-  std::uint16_t two = 0;
-  std::uint32_t four = 0;
-  std::uint64_t eight = 0;
+  uint16_t two = 0;
+  uint32_t four = 0;
+  uint64_t eight = 0;
   EXPECT_EQ(GetFromBuffer_Int16(buffer.data(), &two), 2);
   EXPECT_EQ(two, 0xF2F1);
   EXPECT_EQ(GetFromBuffer_Int32(buffer.data(), &four), 4);
@@ -55,10 +55,10 @@ TEST(BufferCodec, ReadsIntegersLowByteFirst) {
 }
 
 TEST(BufferCodec, WorksAtAnyAlignment) {
-  for (std::size_t shift = 0; shift < 8; ++shift) {
+  for (size_t shift = 0; shift < 8; ++shift) {
     Bytes buffer(16);
     PutToBuffer_Int64(buffer.data() + shift, 0x1122334455667788);
-    std::uint64_t value = 0;
+    uint64_t value = 0;
     GetFromBuffer_Int64(buffer.data() + shift, &value);
     EXPECT_EQ(value, 0x1122334455667788u);
   }

@@ -22,19 +22,18 @@ class Fill : public DatabaseTest {
     DatabaseTest::TearDown();
   }
 
-  std::int16_t file_ = 0;
+  int16_t file_ = 0;
 };
 
 TEST_F(Fill, WritesZerosOfTheWantedLength) {
-  const std::int64_t chunk = 32768;
-  for (const std::int64_t count : {std::int64_t{0}, std::int64_t{1}, std::int64_t{3},
-                                   std::int64_t{4}, chunk - 1, chunk, chunk + 1, 3 * chunk + 7}) {
+  const int64_t chunk = 32768;
+  for (const int64_t count : {int64_t{0}, int64_t{1}, int64_t{3}, int64_t{4}, chunk - 1, chunk,
+                              chunk + 1, 3 * chunk + 7}) {
     writeFile(path("fill"), hex("EE"));
     seek(file_, 1);
-    EXPECT_EQ(internal_WriteEmptyDatas(file_, static_cast<std::uint32_t>(count)), 1);
+    EXPECT_EQ(internal_WriteEmptyDatas(file_, static_cast<uint32_t>(count)), 1);
     EXPECT_EQ(position(file_), 1 + count);
-    EXPECT_TRUE(
-        sameBytes(readFile(path("fill")), hex("EE").zeros(static_cast<std::size_t>(count))));
+    EXPECT_TRUE(sameBytes(readFile(path("fill")), hex("EE").zeros(static_cast<size_t>(count))));
   }
 }
 

@@ -13,14 +13,14 @@
 namespace qvdbase::test {
 namespace {
 
-Bytes tenBytesOf(std::uint64_t number) {
+Bytes tenBytesOf(uint64_t number) {
   Bytes id(10, 0xEE);
   EXPECT_EQ(internal_ConvertInt64_2UuID(number, id.data()), 1);
   return id;
 }
 
-std::uint64_t numberOf(const Bytes& id) {
-  std::uint64_t number = 0xEEEEEEEEEEEEEEEE;
+uint64_t numberOf(const Bytes& id) {
+  uint64_t number = 0xEEEEEEEEEEEEEEEE;
   EXPECT_EQ(internal_ConvertUuID_2Int64(id.data(), &number), 1);
   return number;
 }
@@ -74,7 +74,7 @@ TEST(NewIdentifier, CarriesTheSumOfItsBytes) {
   for (int i = 0; i < 100; ++i) {
     const Bytes id = generated();
     unsigned sum = 0;
-    for (std::size_t k = 0; k < 8; ++k) sum += id[k];
+    for (size_t k = 0; k < 8; ++k) sum += id[k];
     EXPECT_EQ(id.beAt(8, 2), sum);
   }
 }
@@ -86,7 +86,7 @@ TEST(NewIdentifier, DrawsItsFirstFourBytesFromTheGenerator) {
   std::srand(4711);
   for (int i = 0; i < 4; ++i) {
     const long r = std::rand();
-    expected.push_back(static_cast<std::uint8_t>((r + r / 255) % 256));
+    expected.push_back(static_cast<uint8_t>((r + r / 255) % 256));
   }
   std::srand(4711);
   EXPECT_EQ(generated().cut(4), expected);
@@ -123,7 +123,7 @@ TEST(IdentifiersInARow, CarryTheSumsOfTheirBytes) {
   for (int i = 0; i < 100; ++i) {
     const Bytes id = nextOf(series);
     unsigned sum = 0;
-    for (std::size_t k = 0; k < 8; ++k) sum += id[k];
+    for (size_t k = 0; k < 8; ++k) sum += id[k];
     EXPECT_EQ(id.beAt(8, 2), sum);
   }
 }
@@ -143,10 +143,10 @@ TEST(IdentifiersInARow, DifferFromEachOtherAndFromThoseOfAnotherRow) {
 // r + r / 255 is r modulo 255 in its last byte: 255 never comes.
 TEST(IdentifiersInARow, TakeAnyValueInEachOfTheFirstFourBytesThatOthersTake) {
   IdentifierSeries series;
-  std::set<std::uint8_t> values[4];
+  std::set<uint8_t> values[4];
   for (int i = 0; i < 20'000; ++i) {
     const Bytes id = nextOf(series);
-    for (std::size_t k = 0; k < 4; ++k) values[k].insert(id[k]);
+    for (size_t k = 0; k < 4; ++k) values[k].insert(id[k]);
   }
   for (const auto& each : values) EXPECT_EQ(each.size(), 255u);
   for (const auto& each : values) EXPECT_FALSE(each.contains(255));
@@ -169,7 +169,7 @@ TEST(IdentifiersInARow, TakeTheMicrosecondsThatFollowAndAskTheClockNowAndThen) {
   IdentifierSeries series;
   EXPECT_EQ(nextOf(series).at(4, 4), hex("50000907"));
   host.setTime(0x60000000);
-  for (std::uint64_t i = 1; i < 16; ++i) {
+  for (uint64_t i = 1; i < 16; ++i) {
     EXPECT_EQ(nextOf(series).beAt(4, 4), 0x50000907 + i);
   }
   EXPECT_EQ(nextOf(series).at(4, 4), hex("60000907"));
@@ -182,7 +182,7 @@ TEST(NewIdentifierNumber, IsTheNumberOfANewIdentifier) {
   std::srand(12);
   const Bytes id = generated();
   std::srand(12);
-  std::uint64_t number = 0;
+  uint64_t number = 0;
   EXPECT_EQ(GenerateUuID_Int64(&number), 1);
   EXPECT_EQ(number, id.beAt(0, 8));
 }

@@ -12,7 +12,7 @@ TEST(RecordHead, IsOneOfItsTableByMarkSizeAndOwner) {
   Bytes head = hex("87 0040");
   head.add(table).zeros(42);
   EXPECT_TRUE(isRecordOf(head.data(), table.data()));
-  for (std::size_t i = 0; i < 13; ++i) {
+  for (size_t i = 0; i < 13; ++i) {
     Bytes other = head;
     other[i] ^= 0x01;
     EXPECT_FALSE(isRecordOf(other.data(), table.data())) << "byte " << i;

@@ -32,9 +32,9 @@ tablePart1 distinctSlot() {
   slot.dataInfoSize = 36;
   slot.dataBlockCount = 0x71727374;
   slot.dataWriteCount = 0x75767778;
-  slot.firstDataPos = static_cast<std::int64_t>(0x8182838485868788);
-  slot.lastWrittenDataPos = static_cast<std::int64_t>(0x9192939495969798);
-  slot.lastDataPos = static_cast<std::int64_t>(0xA1A2A3A4A5A6A7A8);
+  slot.firstDataPos = static_cast<int64_t>(0x8182838485868788);
+  slot.lastWrittenDataPos = static_cast<int64_t>(0x9192939495969798);
+  slot.lastDataPos = static_cast<int64_t>(0xA1A2A3A4A5A6A7A8);
   slot.slotEndMark = 'y';
   return slot;
 }
@@ -71,9 +71,9 @@ Bytes image(const tablePart1& slot) {
 class SlotFile : public DatabaseTest {
  protected:
   // A file of these bytes, open for reading and writing. It is no database.
-  std::int16_t file(const Bytes& content) {
+  int16_t file(const Bytes& content) {
     writeFile(path("slots"), content);
-    std::int16_t handle = 0;
+    int16_t handle = 0;
     EXPECT_EQ(QVFile().QVOpenFile(wide("slots"), 3, &handle), 1);
     handle_ = handle;
     return handle;
@@ -87,21 +87,21 @@ class SlotFile : public DatabaseTest {
   }
 
  private:
-  std::int16_t handle_ = 0;
+  int16_t handle_ = 0;
 };
 
 using SlotWriter = SlotFile;
 using SlotReader = SlotFile;
 
 TEST_F(SlotWriter, PutsEveryFieldInItsPlace) {
-  const std::int16_t f = file({});
+  const int16_t f = file({});
   const tablePart1 slot = distinctSlot();
   EXPECT_NE(WriteOne_TablePartOne(f, &slot), 0);
   EXPECT_TRUE(sameBytes(fileBytes(), distinctBytes()));
 }
 
 TEST_F(SlotWriter, WritesExactly144BytesAtThePosition) {
-  const std::int16_t f = file(Bytes(300, 0xEE));
+  const int16_t f = file(Bytes(300, 0xEE));
   seek(f, 10);
   const tablePart1 slot = distinctSlot();
   EXPECT_NE(WriteOne_TablePartOne(f, &slot), 0);
@@ -110,7 +110,7 @@ TEST_F(SlotWriter, WritesExactly144BytesAtThePosition) {
 }
 
 TEST_F(SlotWriter, WritesASlotOfZerosAsAFreeOne) {
-  const std::int16_t f = file({});
+  const int16_t f = file({});
   const tablePart1 slot = {};
   EXPECT_NE(WriteOne_TablePartOne(f, &slot), 0);
   ASSERT_EQ(hex(kFreeSlot).size(), 144u);
@@ -118,7 +118,7 @@ TEST_F(SlotWriter, WritesASlotOfZerosAsAFreeOne) {
 }
 
 TEST_F(SlotWriter, StoresTheGroupSizesWhateverTheMemoryHolds) {
-  const std::int16_t f = file({});
+  const int16_t f = file({});
   tablePart1 slot = {};
   slot.infoSize = slot.recordsInfoSize = slot.dataInfoSize = 0xFFFF;
   EXPECT_NE(WriteOne_TablePartOne(f, &slot), 0);
@@ -126,7 +126,7 @@ TEST_F(SlotWriter, StoresTheGroupSizesWhateverTheMemoryHolds) {
 }
 
 TEST_F(SlotWriter, FailsWhenTheWriteFails) {
-  const std::int16_t f = file({});
+  const int16_t f = file({});
   const tablePart1 slot = distinctSlot();
   FakeHost host;
   host.failFrom(FakeHost::Call::write);
@@ -139,7 +139,7 @@ TEST_F(SlotWriter, FailsWithoutAFile) {
 }
 
 TEST_F(SlotReader, FindsEveryFieldInItsPlace) {
-  const std::int16_t f = file(distinctBytes());
+  const int16_t f = file(distinctBytes());
   tablePart1 slot = {};
   EXPECT_EQ(ReadOne_TablePartOne(f, &slot, 144), 1);
   tablePart1 expected = distinctSlot();
@@ -153,7 +153,7 @@ TEST_F(SlotReader, SetsTheGroupSizesWhateverTheFileHolds) {
   bytes.putLe(2, 2, 1);
   bytes.putLe(56, 2, 2);
   bytes.putLe(96, 2, 0xFFFF);
-  const std::int16_t f = file(bytes);
+  const int16_t f = file(bytes);
   tablePart1 slot = {};
   EXPECT_EQ(ReadOne_TablePartOne(f, &slot, 144), 1);
   EXPECT_EQ(int{slot.infoSize}, 50);
@@ -164,9 +164,9 @@ TEST_F(SlotReader, SetsTheGroupSizesWhateverTheFileHolds) {
 TEST_F(SlotReader, DoesNotLookAtTheFiller) {
   Bytes bytes = distinctBytes();
   for (const int filler : {1, 52, 53, 54, 55, 58, 59, 68, 71, 98, 99, 108, 111, 137, 143}) {
-    bytes[static_cast<std::size_t>(filler)] = 0x11;
+    bytes[static_cast<size_t>(filler)] = 0x11;
   }
-  const std::int16_t f = file(bytes);
+  const int16_t f = file(bytes);
   tablePart1 slot = {};
   EXPECT_EQ(ReadOne_TablePartOne(f, &slot, 144), 1);
   tablePart1 expected = distinctSlot();
@@ -176,7 +176,7 @@ TEST_F(SlotReader, DoesNotLookAtTheFiller) {
 }
 
 TEST_F(SlotReader, TakesASlotWithoutItsMarksAsItIs) {
-  const std::int16_t f = file(Bytes(144, 0));
+  const int16_t f = file(Bytes(144, 0));
   tablePart1 slot = distinctSlot();
   EXPECT_EQ(ReadOne_TablePartOne(f, &slot, 144), 1);
   EXPECT_EQ(int{slot.slotMark}, 0);
@@ -184,31 +184,31 @@ TEST_F(SlotReader, TakesASlotWithoutItsMarksAsItIs) {
 }
 
 TEST_F(SlotReader, EndsBehindTheBytesItWasToldToRead) {
-  const std::int16_t f = file(Bytes(5, 0xEE).add(distinctBytes()).fill(100, 0xEE));
+  const int16_t f = file(Bytes(5, 0xEE).add(distinctBytes()).fill(100, 0xEE));
   for (const int length : {144, 150, 200}) {
     seek(f, 5);
     tablePart1 slot = {};
     EXPECT_EQ(ReadOne_TablePartOne(f, &slot, length), 1);
     EXPECT_EQ(position(f), 5 + length);
-    const std::int64_t read = slot.lastDataPos;  // fields of the structure are not aligned to 8
-    EXPECT_EQ(read, std::int64_t{distinctSlot().lastDataPos});
+    const int64_t read = slot.lastDataPos;  // fields of the structure are not aligned to 8
+    EXPECT_EQ(read, int64_t{distinctSlot().lastDataPos});
   }
 }
 
 TEST_F(SlotReader, TakesTheMissingBytesOfAShortSlotAsZeros) {
-  const std::int16_t f = file(distinctBytes());
+  const int16_t f = file(distinctBytes());
   tablePart1 slot = distinctSlot();
   EXPECT_EQ(ReadOne_TablePartOne(f, &slot, 64), 1);
   EXPECT_EQ(position(f), 64);
   EXPECT_EQ(int{slot.slotMark}, 151);
-  EXPECT_EQ(std::uint32_t{slot.recordCount}, 0x31323334u);
-  EXPECT_EQ(std::uint32_t{slot.recordWriteCount}, 0u);
-  EXPECT_EQ(std::int64_t{slot.firstRecordPos}, 0);
+  EXPECT_EQ(uint32_t{slot.recordCount}, 0x31323334u);
+  EXPECT_EQ(uint32_t{slot.recordWriteCount}, 0u);
+  EXPECT_EQ(int64_t{slot.firstRecordPos}, 0);
   EXPECT_EQ(int{slot.slotEndMark}, 0);
 }
 
 TEST_F(SlotReader, LeavesTheOutputUntouchedWhenTheReadFails) {
-  const std::int16_t f = file(distinctBytes());
+  const int16_t f = file(distinctBytes());
   for (const int length : {145, 1000, 65535}) {
     seek(f, 0);
     tablePart1 slot;
@@ -226,7 +226,7 @@ TEST_F(SlotReader, LeavesTheOutputUntouchedWhenTheReadFails) {
 }
 
 TEST_F(SlotReader, ReadsNothingForANegativeLength) {
-  const std::int16_t f = file(distinctBytes());
+  const int16_t f = file(distinctBytes());
   tablePart1 slot = {};
   for (const int length : {-1, std::numeric_limits<int>::min()}) {
     EXPECT_EQ(ReadOne_TablePartOne(f, &slot, length), 0);
@@ -235,7 +235,7 @@ TEST_F(SlotReader, ReadsNothingForANegativeLength) {
 }
 
 TEST_F(SlotReader, ReadsNothingOfALongSlotWithoutMemoryForIt) {
-  const std::int16_t f = file(distinctBytes().zeros(1));
+  const int16_t f = file(distinctBytes().zeros(1));
   FakeHost host;
   host.failOnce(FakeHost::Call::allocate);
   tablePart1 slot = {};

@@ -28,7 +28,7 @@ TEST(FormatFuzzTarget, TakesAnInputCutAnywhere) {
   for (const auto& entry : std::filesystem::directory_iterator(QVDBASE_FUZZ_CORPUS "/format")) {
     SCOPED_TRACE(entry.path().filename());
     const Bytes input = readFile(entry.path());
-    for (std::size_t size = 0; size < input.size(); ++size) {
+    for (size_t size = 0; size < input.size(); ++size) {
       const Bytes cut = input.cut(size);
       EXPECT_EQ(formatFuzzTarget(cut.data(), cut.size()), 0);
     }

@@ -26,10 +26,10 @@ TEST(OperationsFuzzTarget, TakesRandomInputs) {
   const int inputs = testEverything() ? 2000 : 20;
   for (int i = 0; i < inputs; ++i) {
     Bytes input(random() % 800);
-    for (std::uint8_t& byte : input) byte = static_cast<std::uint8_t>(random());
+    for (uint8_t& byte : input) byte = static_cast<uint8_t>(random());
     EXPECT_EQ(operationsFuzzTarget(input.data(), input.size()), 0);
   }
-  tellCount("hostile inputs", static_cast<std::uint64_t>(inputs));
+  tellCount("hostile inputs", static_cast<uint64_t>(inputs));
 }
 
 }  // namespace

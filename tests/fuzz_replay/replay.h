@@ -14,7 +14,7 @@
 
 namespace qvdbase::test {
 
-using FuzzTarget = int (*)(const std::uint8_t*, std::size_t);
+using FuzzTarget = int (*)(const uint8_t*, size_t);
 
 // Returns how many inputs there were.
 inline int replay(FuzzTarget target, const char* folder) {
@@ -26,19 +26,19 @@ inline int replay(FuzzTarget target, const char* folder) {
     EXPECT_EQ(target(input.data(), input.size()), 0);
     ++count;
   }
-  tellCount("hostile inputs", static_cast<std::uint64_t>(count));
+  tellCount("hostile inputs", static_cast<uint64_t>(count));
   return count;
 }
 
 // Each input cut behind every `step`th byte; ten times as often when everything is tried.
-inline void replayCut(FuzzTarget target, const char* folder, std::size_t step) {
+inline void replayCut(FuzzTarget target, const char* folder, size_t step) {
   if (testEverything()) step = (step + 9) / 10;
-  std::uint64_t count = 0;
+  uint64_t count = 0;
   const auto path = std::filesystem::path(QVDBASE_FUZZ_CORPUS) / folder;
   for (const auto& entry : std::filesystem::directory_iterator(path)) {
     SCOPED_TRACE(entry.path().filename());
     const Bytes input = readFile(entry.path());
-    for (std::size_t size = 0; size < input.size(); size += step) {
+    for (size_t size = 0; size < input.size(); size += step) {
       const Bytes cut = input.cut(size);
       EXPECT_EQ(target(cut.data(), cut.size()), 0);
       ++count;

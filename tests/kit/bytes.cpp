@@ -12,13 +12,13 @@
 namespace qvdbase::test {
 namespace {
 
-void requireInside(const Bytes& bytes, std::size_t offset, std::size_t count) {
+void requireInside(const Bytes& bytes, size_t offset, size_t count) {
   if (offset <= bytes.size() && count <= bytes.size() - offset) return;
   throw std::out_of_range("bytes " + std::to_string(offset) + " + " + std::to_string(count) +
                           " lie beyond the end at " + std::to_string(bytes.size()));
 }
 
-std::ptrdiff_t distance(std::size_t offset) {
+std::ptrdiff_t distance(size_t offset) {
   return static_cast<std::ptrdiff_t>(offset);
 }
 
@@ -29,7 +29,7 @@ int digitValue(char digit) {
   throw std::invalid_argument(std::string("not a hexadecimal digit: ") + digit);
 }
 
-std::string twoDigits(std::uint8_t byte) {
+std::string twoDigits(uint8_t byte) {
   const char* digits = "0123456789abcdef";
   return {digits[byte >> 4], digits[byte & 15]};
 }
@@ -40,48 +40,48 @@ std::runtime_error fileError(const char* what, const std::filesystem::path& path
 
 }  // namespace
 
-Bytes Bytes::at(std::size_t offset, std::size_t count) const {
+Bytes Bytes::at(size_t offset, size_t count) const {
   requireInside(*this, offset, count);
   return Bytes(begin() + distance(offset), begin() + distance(offset + count));
 }
 
-Bytes Bytes::from(std::size_t offset) const {
+Bytes Bytes::from(size_t offset) const {
   requireInside(*this, offset, 0);
   return at(offset, size() - offset);
 }
 
-Bytes Bytes::with(std::size_t offset, const Bytes& patch) const {
+Bytes Bytes::with(size_t offset, const Bytes& patch) const {
   requireInside(*this, offset, patch.size());
   Bytes result = *this;
   std::copy(patch.begin(), patch.end(), result.begin() + distance(offset));
   return result;
 }
 
-Bytes Bytes::cut(std::size_t count) const {
+Bytes Bytes::cut(size_t count) const {
   return at(0, count);
 }
 
-std::uint64_t Bytes::beAt(std::size_t offset, std::size_t width) const {
+uint64_t Bytes::beAt(size_t offset, size_t width) const {
   requireInside(*this, offset, width);
-  std::uint64_t value = 0;
-  for (std::size_t i = 0; i < width; ++i) value = value << 8 | (*this)[offset + i];
+  uint64_t value = 0;
+  for (size_t i = 0; i < width; ++i) value = value << 8 | (*this)[offset + i];
   return value;
 }
 
-std::uint64_t Bytes::leAt(std::size_t offset, std::size_t width) const {
+uint64_t Bytes::leAt(size_t offset, size_t width) const {
   requireInside(*this, offset, width);
-  std::uint64_t value = 0;
-  for (std::size_t i = width; i > 0; --i) value = value << 8 | (*this)[offset + i - 1];
+  uint64_t value = 0;
+  for (size_t i = width; i > 0; --i) value = value << 8 | (*this)[offset + i - 1];
   return value;
 }
 
-Bytes& Bytes::be(std::size_t width, std::uint64_t value) {
+Bytes& Bytes::be(size_t width, uint64_t value) {
   resize(size() + width);
   putBe(size() - width, width, value);
   return *this;
 }
 
-Bytes& Bytes::le(std::size_t width, std::uint64_t value) {
+Bytes& Bytes::le(size_t width, uint64_t value) {
   resize(size() + width);
   putLe(size() - width, width, value);
   return *this;
@@ -97,22 +97,22 @@ Bytes& Bytes::text(std::string_view characters) {
   return add(bytesOf(characters));
 }
 
-Bytes& Bytes::fill(std::size_t count, std::uint8_t value) {
+Bytes& Bytes::fill(size_t count, uint8_t value) {
   insert(end(), count, value);
   return *this;
 }
 
-void Bytes::putBe(std::size_t offset, std::size_t width, std::uint64_t value) {
+void Bytes::putBe(size_t offset, size_t width, uint64_t value) {
   requireInside(*this, offset, width);
-  for (std::size_t i = width; i > 0; --i, value >>= 8) {
-    (*this)[offset + i - 1] = static_cast<std::uint8_t>(value);
+  for (size_t i = width; i > 0; --i, value >>= 8) {
+    (*this)[offset + i - 1] = static_cast<uint8_t>(value);
   }
 }
 
-void Bytes::putLe(std::size_t offset, std::size_t width, std::uint64_t value) {
+void Bytes::putLe(size_t offset, size_t width, uint64_t value) {
   requireInside(*this, offset, width);
-  for (std::size_t i = 0; i < width; ++i, value >>= 8) {
-    (*this)[offset + i] = static_cast<std::uint8_t>(value);
+  for (size_t i = 0; i < width; ++i, value >>= 8) {
+    (*this)[offset + i] = static_cast<uint8_t>(value);
   }
 }
 
@@ -123,9 +123,8 @@ Bytes hex(std::string_view digits) {
   }
   if (packed.size() % 2 != 0) throw std::invalid_argument("an odd number of digits");
   Bytes result;
-  for (std::size_t i = 0; i < packed.size(); i += 2) {
-    result.push_back(
-        static_cast<std::uint8_t>(digitValue(packed[i]) * 16 + digitValue(packed[i + 1])));
+  for (size_t i = 0; i < packed.size(); i += 2) {
+    result.push_back(static_cast<uint8_t>(digitValue(packed[i]) * 16 + digitValue(packed[i + 1])));
   }
   return result;
 }
@@ -134,12 +133,12 @@ Bytes bytesOf(std::string_view text) {
   return Bytes(text.begin(), text.end());
 }
 
-Bytes pattern(std::size_t count, unsigned seed) {
+Bytes pattern(size_t count, unsigned seed) {
   Bytes result(count);
-  std::uint32_t state = seed * 2654435761u + 12345u;
-  for (std::size_t i = 0; i < count; ++i) {
+  uint32_t state = seed * 2654435761u + 12345u;
+  for (size_t i = 0; i < count; ++i) {
     state = state * 1664525u + 1013904223u;
-    result[i] = static_cast<std::uint8_t>(state >> 24);
+    result[i] = static_cast<uint8_t>(state >> 24);
     if (i > 0 && result[i] == result[i - 1]) ++result[i];
   }
   return result;
@@ -162,7 +161,7 @@ void writeFile(const std::filesystem::path& path, const Bytes& content) {
   if (!out) throw fileError("write", path);
 }
 
-void patchFile(const std::filesystem::path& path, std::uint64_t offset, const Bytes& patch) {
+void patchFile(const std::filesystem::path& path, uint64_t offset, const Bytes& patch) {
   std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
   file.seekp(static_cast<std::streamoff>(offset));
   file.write(reinterpret_cast<const char*>(patch.data()),
@@ -174,9 +173,9 @@ void patchFile(const std::filesystem::path& path, std::uint64_t offset, const By
 testing::AssertionResult sameBytes(const Bytes& actual, const Bytes& expected) {
   if (actual == expected) return testing::AssertionSuccess();
   const auto common = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
-  const auto first = static_cast<std::size_t>(common.first - actual.begin());
-  const std::size_t row = first / 16 * 16;
-  const std::size_t start = row >= 16 ? row - 16 : 0;
+  const auto first = static_cast<size_t>(common.first - actual.begin());
+  const size_t row = first / 16 * 16;
+  const size_t start = row >= 16 ? row - 16 : 0;
   const auto around = [start](const Bytes& bytes) {
     return start < bytes.size() ? dump(bytes, start, 64) : std::string("(ends before)\n");
   };
@@ -187,13 +186,13 @@ testing::AssertionResult sameBytes(const Bytes& actual, const Bytes& expected) {
          << around(expected);
 }
 
-std::string dump(const Bytes& bytes, std::size_t offset, std::size_t limit) {
+std::string dump(const Bytes& bytes, size_t offset, size_t limit) {
   std::ostringstream out;
-  const std::size_t end = std::min(bytes.size(), offset + limit);
-  for (std::size_t row = offset; row < end; row += 16) {
+  const size_t end = std::min(bytes.size(), offset + limit);
+  for (size_t row = offset; row < end; row += 16) {
     std::string digits;
     std::string text;
-    for (std::size_t i = row; i < std::min(row + 16, end); ++i) {
+    for (size_t i = row; i < std::min(row + 16, end); ++i) {
       digits += twoDigits(bytes[i]) + ' ';
       text += std::isprint(bytes[i]) != 0 ? static_cast<char>(bytes[i]) : '.';
     }
@@ -210,7 +209,7 @@ void PrintTo(const Bytes& bytes, std::ostream* out) {
     *out << '\n' << dump(bytes);
     return;
   }
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
+  for (size_t i = 0; i < bytes.size(); ++i) {
     *out << (i == 0 ? ": " : i % 2 == 0 ? " " : "") << twoDigits(bytes[i]);
   }
 }

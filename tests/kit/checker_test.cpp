@@ -15,14 +15,14 @@ namespace {
 // "empty" with nothing.
 struct Sample {
   FileImage image;
-  std::size_t notes = 0;
-  std::size_t empty = 0;
-  std::int64_t a = 0;
-  std::int64_t b = 0;
-  std::int64_t c = 0;
-  std::int64_t oldData = 0;
-  std::int64_t data = 0;
-  std::int64_t dead = 0;
+  size_t notes = 0;
+  size_t empty = 0;
+  int64_t a = 0;
+  int64_t b = 0;
+  int64_t c = 0;
+  int64_t oldData = 0;
+  int64_t data = 0;
+  int64_t dead = 0;
 
   Sample() {
     notes = image.addTable("notes", 0x1101);
@@ -193,13 +193,13 @@ TEST(Checker, FindsAFileCutOffAnywhere) {
   EXPECT_EQ(codesOf(checkFile(Bytes())), Codes{"F1"});
   EXPECT_EQ(codesOf(checkFile(file.cut(21))), Codes{"F2"});
   EXPECT_EQ(codesOf(checkFile(file.cut(4629))), Codes{"F2"});
-  for (std::size_t length = kDirectoryEnd; length < file.size(); ++length) {
+  for (size_t length = kDirectoryEnd; length < file.size(); ++length) {
     EXPECT_FALSE(checkFile(file.cut(length)).empty()) << "cut at " << length;
   }
 }
 
 TEST(Checker, FindsAChangedFillerByte) {
-  for (const std::size_t filler : {1u, 52u, 55u, 58u, 68u, 98u, 111u, 137u, 143u}) {
+  for (const size_t filler : {1u, 52u, 55u, 58u, 68u, 98u, 111u, 137u, 143u}) {
     const Bytes file = Sample().image.build().with(slotOffset(0) + filler, hex("00"));
     EXPECT_EQ(codesOf(checkFile(file)), Codes{"D5"}) << "slot offset " << filler;
   }

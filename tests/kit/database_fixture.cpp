@@ -15,8 +15,8 @@ const unsigned char* bytesOrNull(const Bytes& bytes) {
   return bytes.empty() ? nullptr : bytes.data();
 }
 
-std::uint32_t sizeOf(const Bytes& bytes) {
-  return static_cast<std::uint32_t>(bytes.size());
+uint32_t sizeOf(const Bytes& bytes) {
+  return static_cast<uint32_t>(bytes.size());
 }
 
 bool startsAsDatabase(const fs::path& file) {
@@ -32,37 +32,37 @@ fs::path DatabaseTest::path(const std::string& name) const {
   return folder / name;
 }
 
-std::int16_t DatabaseTest::create(const std::string& name, int version) {
+int16_t DatabaseTest::create(const std::string& name, int version) {
   databases_.insert(path(name));
-  const std::int16_t db = CreateDBaseW(wide(name), "QVdb", version);
+  const int16_t db = CreateDBaseW(wide(name), "QVdb", version);
   EXPECT_NE(db, 0) << "cannot create " << name;
   if (db != 0) open_[db] = name;
   return db;
 }
 
-std::int16_t DatabaseTest::open(const std::string& name, int permission) {
+int16_t DatabaseTest::open(const std::string& name, int permission) {
   databases_.insert(path(name));
-  const std::int16_t db = OpenDBaseW(wide(name), permission);
+  const int16_t db = OpenDBaseW(wide(name), permission);
   EXPECT_NE(db, 0) << "cannot open " << name << " with permission " << permission;
   if (db != 0) open_[db] = name;
   return db;
 }
 
-std::int16_t DatabaseTest::put(const FileImage& image, const std::string& name, int permission) {
+int16_t DatabaseTest::put(const FileImage& image, const std::string& name, int permission) {
   return put(image.build(), name, permission);
 }
 
-std::int16_t DatabaseTest::put(const Bytes& content, const std::string& name, int permission) {
+int16_t DatabaseTest::put(const Bytes& content, const std::string& name, int permission) {
   writeFile(path(name), content);
   return open(name, permission);
 }
 
-void DatabaseTest::close(std::int16_t db) {
+void DatabaseTest::close(int16_t db) {
   open_.erase(db);
   EXPECT_NE(CloseDBase(db), 0) << "handle " << db << " does not close";
 }
 
-std::int16_t DatabaseTest::reopen(std::int16_t db, int permission) {
+int16_t DatabaseTest::reopen(int16_t db, int permission) {
   const std::string name = open_.at(db);
   close(db);
   return open(name, permission);
@@ -72,23 +72,23 @@ Bytes DatabaseTest::contents(const std::string& name) const {
   return readFile(path(name));
 }
 
-std::size_t DatabaseTest::fileSize(const std::string& name) const {
-  return static_cast<std::size_t>(fs::file_size(path(name)));
+size_t DatabaseTest::fileSize(const std::string& name) const {
+  return static_cast<size_t>(fs::file_size(path(name)));
 }
 
 HeaderFields DatabaseTest::header(const std::string& name) const {
   return decodeHeader(contents(name));
 }
 
-SlotFields DatabaseTest::slot(std::size_t index, const std::string& name) const {
+SlotFields DatabaseTest::slot(size_t index, const std::string& name) const {
   return decodeSlot(contents(name), index);
 }
 
-RecordFields DatabaseTest::record(std::int64_t position, const std::string& name) const {
+RecordFields DatabaseTest::record(int64_t position, const std::string& name) const {
   return decodeRecord(contents(name), position);
 }
 
-TableDataFields DatabaseTest::tableData(std::int64_t position, const std::string& name) const {
+TableDataFields DatabaseTest::tableData(int64_t position, const std::string& name) const {
   return decodeTableData(contents(name), position);
 }
 
@@ -96,70 +96,69 @@ ReadDatabase DatabaseTest::database(const std::string& name) const {
   return readDatabase(contents(name));
 }
 
-std::uint64_t DatabaseTest::addTable(std::int16_t db, const std::string& name) {
-  const std::uint64_t table = AddTable(db, name.c_str());
+uint64_t DatabaseTest::addTable(int16_t db, const std::string& name) {
+  const uint64_t table = AddTable(db, name.c_str());
   EXPECT_NE(table, 0u) << "cannot add table " << name;
   return table;
 }
 
-void DatabaseTest::setTableData(std::int16_t db, std::uint64_t table, const Bytes& data,
-                                std::uint32_t reserve) {
+void DatabaseTest::setTableData(int16_t db, uint64_t table, const Bytes& data, uint32_t reserve) {
   EXPECT_EQ(SetTableData(db, table, bytesOrNull(data), sizeOf(data), reserve), 1);
 }
 
-std::uint64_t DatabaseTest::addRecord(std::int16_t db, std::uint64_t table, const Bytes& payload,
-                                      std::uint32_t reserve) {
-  std::uint64_t id = 0;
+uint64_t DatabaseTest::addRecord(int16_t db, uint64_t table, const Bytes& payload,
+                                 uint32_t reserve) {
+  uint64_t id = 0;
   EXPECT_EQ(AddRecordData(db, table, bytesOrNull(payload), sizeOf(payload), reserve, &id), 1);
   return id;
 }
 
-void DatabaseTest::assignRecord(std::int16_t db, std::uint64_t table, std::uint64_t id,
-                                const Bytes& payload, std::uint32_t reserve) {
+void DatabaseTest::assignRecord(int16_t db, uint64_t table, uint64_t id, const Bytes& payload,
+                                uint32_t reserve) {
   EXPECT_EQ(
       AddRecordData_AssignRecordID(db, table, bytesOrNull(payload), sizeOf(payload), reserve, &id),
       1);
 }
 
-oneRecordInfoP1 DatabaseTest::info(std::int16_t db, std::uint64_t table, std::uint64_t record) {
+oneRecordInfoP1 DatabaseTest::info(int16_t db, uint64_t table, uint64_t record) {
   oneRecordInfoP1 result{};
   EXPECT_EQ(GetOneRecordInfo(db, table, record, &result, nullptr), 1);
   return result;
 }
 
-Bytes DatabaseTest::payload(std::int16_t db, std::uint64_t table, std::uint64_t record) {
+Bytes DatabaseTest::payload(int16_t db, uint64_t table, uint64_t record) {
   const oneRecordInfoP1 where = info(db, table, record);
   Bytes result(where.dataLength);
   if (result.empty()) return result;
-  const std::int64_t before = position(db);
+  const int64_t before = position(db);
   seek(db, where.dataPos);
-  std::uint32_t count = 0;
+  uint32_t count = 0;
   EXPECT_EQ(QVFile().QVReadFile(db, result.data(), where.dataLength, &count), 1);
   seek(db, before);
   return result;
 }
 
-std::vector<std::uint64_t> DatabaseTest::list(std::int16_t db, std::uint64_t table) {
-  std::vector<std::uint64_t> ids(std::size_t{numberOfRecords(db, table)} + 1);
-  std::uint32_t count = 0;
+std::vector<uint64_t> DatabaseTest::list(int16_t db, uint64_t table) {
+  std::vector<uint64_t> ids(size_t{numberOfRecords(db, table)} + 1);
+  uint32_t count = 0;
   EXPECT_EQ(GetRecordUuIDList(db, table, ids.data(), &count), 1);
   EXPECT_EQ(count + 1, ids.size());
   ids.resize(count);
   return ids;
 }
 
-std::uint32_t DatabaseTest::numberOfRecords(std::int16_t db, std::uint64_t table) {
-  std::uint32_t count = 0;
+uint32_t DatabaseTest::numberOfRecords(int16_t db, uint64_t table) {
+  uint32_t count = 0;
   EXPECT_EQ(GetNumberOfRecords(db, table, &count), 1);
   return count;
 }
 
-std::int64_t DatabaseTest::position(std::int16_t db) {
-  std::int64_t result = -1;
+int64_t DatabaseTest::position(int16_t db) {
+  int64_t result = -1;
   return QVFile().QVGetFilePos(db, &result) == 1 ? result : -1;
 }
 
-void DatabaseTest::seek(std::int16_t db, std::int64_t position) {
+void DatabaseTest::seek(int16_t db, int64_t position) {
   EXPECT_EQ(QVFile().QVSeekFile(db, 1, position), 1) << "no seek to " << position;
 }
 

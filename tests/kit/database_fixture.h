@@ -47,51 +47,47 @@ class DatabaseTest : public testing::Test {
   std::filesystem::path path(const std::string& name = kDefaultFile) const;
   const QVWCHAR* wide(const std::string& name = kDefaultFile) { return folder.wide(name); }
   // A fresh database, open with permission 3.
-  std::int16_t create(const std::string& name = kDefaultFile, int version = 100);
-  std::int16_t open(const std::string& name = kDefaultFile, int permission = 3);
+  int16_t create(const std::string& name = kDefaultFile, int version = 100);
+  int16_t open(const std::string& name = kDefaultFile, int permission = 3);
   // Writes a file made by hand and opens it.
-  std::int16_t put(const FileImage& image, const std::string& name = kDefaultFile,
-                   int permission = 3);
-  std::int16_t put(const Bytes& content, const std::string& name = kDefaultFile,
-                   int permission = 3);
-  void close(std::int16_t db);
+  int16_t put(const FileImage& image, const std::string& name = kDefaultFile, int permission = 3);
+  int16_t put(const Bytes& content, const std::string& name = kDefaultFile, int permission = 3);
+  void close(int16_t db);
   // Closes and opens again; the handle may be another one.
-  std::int16_t reopen(std::int16_t db, int permission = 3);
+  int16_t reopen(int16_t db, int permission = 3);
 
   // ---- what lies in the file, read without the library ----
 
   Bytes contents(const std::string& name = kDefaultFile) const;
-  std::size_t fileSize(const std::string& name = kDefaultFile) const;
+  size_t fileSize(const std::string& name = kDefaultFile) const;
   HeaderFields header(const std::string& name = kDefaultFile) const;
-  SlotFields slot(std::size_t index, const std::string& name = kDefaultFile) const;
-  RecordFields record(std::int64_t position, const std::string& name = kDefaultFile) const;
-  TableDataFields tableData(std::int64_t position, const std::string& name = kDefaultFile) const;
+  SlotFields slot(size_t index, const std::string& name = kDefaultFile) const;
+  RecordFields record(int64_t position, const std::string& name = kDefaultFile) const;
+  TableDataFields tableData(int64_t position, const std::string& name = kDefaultFile) const;
   ReadDatabase database(const std::string& name = kDefaultFile) const;
 
   // ---- the C interface, expecting success ----
 
-  std::uint64_t addTable(std::int16_t db, const std::string& name);
-  void setTableData(std::int16_t db, std::uint64_t table, const Bytes& data,
-                    std::uint32_t reserve = 0);
-  std::uint64_t addRecord(std::int16_t db, std::uint64_t table, const Bytes& payload,
-                          std::uint32_t reserve = 0);
-  void assignRecord(std::int16_t db, std::uint64_t table, std::uint64_t id, const Bytes& payload,
-                    std::uint32_t reserve = 0);
-  oneRecordInfoP1 info(std::int16_t db, std::uint64_t table, std::uint64_t record);
-  Bytes payload(std::int16_t db, std::uint64_t table, std::uint64_t record);
-  std::vector<std::uint64_t> list(std::int16_t db, std::uint64_t table);
-  std::uint32_t numberOfRecords(std::int16_t db, std::uint64_t table);
+  uint64_t addTable(int16_t db, const std::string& name);
+  void setTableData(int16_t db, uint64_t table, const Bytes& data, uint32_t reserve = 0);
+  uint64_t addRecord(int16_t db, uint64_t table, const Bytes& payload, uint32_t reserve = 0);
+  void assignRecord(int16_t db, uint64_t table, uint64_t id, const Bytes& payload,
+                    uint32_t reserve = 0);
+  oneRecordInfoP1 info(int16_t db, uint64_t table, uint64_t record);
+  Bytes payload(int16_t db, uint64_t table, uint64_t record);
+  std::vector<uint64_t> list(int16_t db, uint64_t table);
+  uint32_t numberOfRecords(int16_t db, uint64_t table);
 
   // ---- the file position of a handle ----
 
-  static std::int64_t position(std::int16_t db);  // -1 when there is none
-  static void seek(std::int16_t db, std::int64_t position);
+  static int64_t position(int16_t db);  // -1 when there is none
+  static void seek(int16_t db, int64_t position);
 
   // Runs the operation from three positions (at the start, inside, beyond the end of the file) and
   // expects to find each again afterwards.
   template <typename Operation>
-  void expectPositionKept(std::int16_t db, Operation&& operation) {
-    for (const std::int64_t start : {std::int64_t{0}, std::int64_t{77}, std::int64_t{1} << 40}) {
+  void expectPositionKept(int16_t db, Operation&& operation) {
+    for (const int64_t start : {int64_t{0}, int64_t{77}, int64_t{1} << 40}) {
       seek(db, start);
       operation();
       EXPECT_EQ(position(db), start) << "the position was not restored";
@@ -118,7 +114,7 @@ class DatabaseTest : public testing::Test {
  private:
   void checkOne(const std::filesystem::path& file);
 
-  std::map<std::int16_t, std::string> open_;  // handle to name
+  std::map<int16_t, std::string> open_;  // handle to name
   std::set<std::filesystem::path> databases_;
   std::map<std::filesystem::path, std::set<std::string>> damaged_;
   std::set<std::filesystem::path> unchecked_;

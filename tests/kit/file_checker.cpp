@@ -18,36 +18,35 @@
 namespace qvdbase::test {
 namespace {
 
-using Positions = std::vector<std::int64_t>;
+using Positions = std::vector<int64_t>;
 
-constexpr std::int64_t kBlocksStart = static_cast<std::int64_t>(kDirectoryEnd);
-constexpr std::int64_t kRecordOverhead = 56;  // 55 bytes of header and the end mark
-constexpr std::int64_t kDataOverhead = 22;    // 21 bytes of header and the end mark
+constexpr int64_t kBlocksStart = static_cast<int64_t>(kDirectoryEnd);
+constexpr int64_t kRecordOverhead = 56;  // 55 bytes of header and the end mark
+constexpr int64_t kDataOverhead = 22;    // 21 bytes of header and the end mark
 
 struct RecordHead {  // what the walks need, read without trusting the lengths
-  std::uint8_t mark = 0;
-  std::uint16_t headerSize = 0;
+  uint8_t mark = 0;
+  uint16_t headerSize = 0;
   Bytes tableID;
   Bytes recordID;
-  std::int64_t prev = 0;
-  std::int64_t next = 0;
-  std::uint32_t length = 0;
-  std::uint32_t capacity = 0;
+  int64_t prev = 0;
+  int64_t next = 0;
+  uint32_t length = 0;
+  uint32_t capacity = 0;
 };
 
-std::string number(std::int64_t value) {
+std::string number(int64_t value) {
   return std::to_string(value);
 }
 
 class Checker {
  public:
-  explicit Checker(const Bytes& file)
-      : file_(file), size_(static_cast<std::int64_t>(file.size())) {}
+  explicit Checker(const Bytes& file) : file_(file), size_(static_cast<int64_t>(file.size())) {}
 
   std::vector<Finding> run() {
     if (!checkHeader()) return findings_;
     checkDirectory();
-    for (const std::size_t index : soundSlots_) {
+    for (const size_t index : soundSlots_) {
       checkRecords(index);
       checkTableData(index);
     }
@@ -57,7 +56,7 @@ class Checker {
   }
 
  private:
-  void report(const char* code, std::int64_t offset, const std::string& text) {
+  void report(const char* code, int64_t offset, const std::string& text) {
     findings_.push_back({code, text, offset});
   }
 
@@ -82,12 +81,12 @@ class Checker {
       return report("H6", 18, "directory is not 32 slots of 144 bytes"), false;
     }
     if (size_ < kBlocksStart) return report("F2", size_, "the directory is cut off"), false;
-    tableCount_ = static_cast<std::size_t>(std::clamp<int>(header.tableCount, 0, 32));
+    tableCount_ = static_cast<size_t>(std::clamp<int>(header.tableCount, 0, 32));
     return true;
   }
 
   void checkDirectory() {
-    for (std::size_t i = 0; i < kSlots; ++i) {
+    for (size_t i = 0; i < kSlots; ++i) {
       if (i < tableCount_) {
         checkUsedSlot(i);
       } else {
@@ -96,8 +95,8 @@ class Checker {
     }
   }
 
-  void checkFreeSlot(std::size_t index) {
-    const auto offset = static_cast<std::int64_t>(slotOffset(index));
+  void checkFreeSlot(size_t index) {
+    const auto offset = static_cast<int64_t>(slotOffset(index));
     const SlotFields slot = decodeSlot(file_, index);
     if (slot.slotMark == 151 || slot.slotEndMark == 'y') {
       report("D2", offset,
@@ -107,8 +106,8 @@ class Checker {
     }
   }
 
-  void checkUsedSlot(std::size_t index) {
-    const auto offset = static_cast<std::int64_t>(slotOffset(index));
+  void checkUsedSlot(size_t index) {
+    const auto offset = static_cast<int64_t>(slotOffset(index));
     const SlotFields slot = decodeSlot(file_, index);
     if (slot.slotMark != 151 || slot.slotEndMark != 'y') {
       return report("D1", offset, "slot " + number(static_cast<int>(index)) + " lacks a mark");
@@ -125,11 +124,11 @@ class Checker {
     checkCounts(slot, offset);
   }
 
-  void checkName(const SlotFields& slot, std::int64_t offset) {
+  void checkName(const SlotFields& slot, int64_t offset) {
     const std::string name = slot.name();
     if (name.empty()) report("D4", offset + 16, "empty table name");
     const auto tail = slot.tableName.begin() + static_cast<std::ptrdiff_t>(name.size());
-    if (std::any_of(tail, slot.tableName.end(), [](std::uint8_t byte) { return byte != 0; })) {
+    if (std::any_of(tail, slot.tableName.end(), [](uint8_t byte) { return byte != 0; })) {
       report("D4", offset + 16, "bytes behind the table name");
     }
     if (name.size() < 32 && !names_.insert(name).second) {
@@ -137,16 +136,16 @@ class Checker {
     }
   }
 
-  void checkConstants(const SlotFields& slot, std::int64_t offset) {
+  void checkConstants(const SlotFields& slot, int64_t offset) {
     if (slot.infoSize != 50 || slot.recordsInfoSize != 40 || slot.dataInfoSize != 40) {
       report("D5", offset, "size groups are not 50, 40 and 40");
     }
-    if (slot.encode() != file_.at(static_cast<std::size_t>(offset), kSlotBytes)) {
+    if (slot.encode() != file_.at(static_cast<size_t>(offset), kSlotBytes)) {
       report("D5", offset, "a filler byte is not 0xCC");
     }
   }
 
-  void checkCounts(const SlotFields& slot, std::int64_t offset) {
+  void checkCounts(const SlotFields& slot, int64_t offset) {
     const bool empty = slot.recordCount == 0;
     if (empty != (slot.firstRecordPos == 0) || empty != (slot.lastRecordPos == 0)) {
       report("D6", offset + 60, "record count and chain ends disagree");
@@ -168,31 +167,29 @@ class Checker {
 
   // ---- blocks ----
 
-  bool inBlockArea(std::int64_t position, std::int64_t bytes) const {
+  bool inBlockArea(int64_t position, int64_t bytes) const {
     return position >= kBlocksStart && position <= size_ - bytes;
   }
 
-  RecordHead recordHead(std::int64_t position) const {
-    const Bytes head = file_.at(static_cast<std::size_t>(position), kRecordHeaderBytes);
+  RecordHead recordHead(int64_t position) const {
+    const Bytes head = file_.at(static_cast<size_t>(position), kRecordHeaderBytes);
     RecordHead result;
     result.mark = head[0];
-    result.headerSize = static_cast<std::uint16_t>(head.beAt(1, 2));
+    result.headerSize = static_cast<uint16_t>(head.beAt(1, 2));
     result.tableID = head.at(3, 10);
     result.recordID = head.at(13, 10);
-    result.prev = static_cast<std::int64_t>(head.beAt(31, 8));
-    result.next = static_cast<std::int64_t>(head.beAt(39, 8));
-    result.length = static_cast<std::uint32_t>(head.beAt(47, 4));
-    result.capacity = static_cast<std::uint32_t>(head.beAt(51, 4));
+    result.prev = static_cast<int64_t>(head.beAt(31, 8));
+    result.next = static_cast<int64_t>(head.beAt(39, 8));
+    result.length = static_cast<uint32_t>(head.beAt(47, 4));
+    result.capacity = static_cast<uint32_t>(head.beAt(51, 4));
     return result;
   }
 
-  bool endMarkAt(std::int64_t position) const {
-    return file_[static_cast<std::size_t>(position)] == 'i';
-  }
+  bool endMarkAt(int64_t position) const { return file_[static_cast<size_t>(position)] == 'i'; }
 
   // The header when `position` can hold a record block of the table; otherwise the reason is
   // reported.
-  std::optional<RecordHead> reachRecord(const SlotFields& owner, std::int64_t position) {
+  std::optional<RecordHead> reachRecord(const SlotFields& owner, int64_t position) {
     if (!inBlockArea(position, kRecordOverhead)) {
       return report("R1", position, "no place for a record block"), std::nullopt;
     }
@@ -206,10 +203,10 @@ class Checker {
     return head;
   }
 
-  void checkRecordBlock(std::int64_t position, const RecordHead& head) {
+  void checkRecordBlock(int64_t position, const RecordHead& head) {
     if (!identifierSound(head.recordID)) report("R4", position + 13, "sum of the identifier");
     if (head.length > head.capacity) report("R11", position + 47, "length above capacity");
-    const std::int64_t length = kRecordOverhead + head.capacity;
+    const int64_t length = kRecordOverhead + head.capacity;
     if (!inBlockArea(position, length)) {
       return report("R12", position, "the block reaches beyond the end of the file");
     }
@@ -219,9 +216,9 @@ class Checker {
 
   // ---- chains ----
 
-  void checkRecords(std::size_t index) {
+  void checkRecords(size_t index) {
     const SlotFields& slot = slots_[index];
-    const auto offset = static_cast<std::int64_t>(slotOffset(index));
+    const auto offset = static_cast<int64_t>(slotOffset(index));
     if (slot.firstRecordPos == 0 || slot.recordCount == 0) return;
     const Positions forward = walkForward(slot, offset);
     Positions backward = walkBackward(slot);
@@ -232,11 +229,11 @@ class Checker {
     checkLastWritten(slot, offset);
   }
 
-  Positions walkForward(const SlotFields& slot, std::int64_t offset) {
+  Positions walkForward(const SlotFields& slot, int64_t offset) {
     Positions chain;
-    std::set<std::int64_t> seen;
-    std::int64_t position = slot.firstRecordPos;
-    std::int64_t previous = 0;
+    std::set<int64_t> seen;
+    int64_t position = slot.firstRecordPos;
+    int64_t previous = 0;
     while (position != 0 && chain.size() < slot.recordCount) {
       if (!seen.insert(position).second) return report("R9", position, "loop"), chain;
       const std::optional<RecordHead> head = reachRecord(slot, position);
@@ -259,7 +256,7 @@ class Checker {
   // Quiet: what is wrong with a block has been said by the forward walk, or the two walks differ.
   Positions walkBackward(const SlotFields& slot) const {
     Positions chain;
-    std::int64_t position = slot.lastRecordPos;
+    int64_t position = slot.lastRecordPos;
     while (position != 0 && chain.size() < slot.recordCount &&
            inBlockArea(position, kRecordOverhead)) {
       const RecordHead head = recordHead(position);
@@ -270,8 +267,8 @@ class Checker {
     return chain;
   }
 
-  void checkLastWritten(const SlotFields& slot, std::int64_t offset) {
-    const std::int64_t position = slot.lastWrittenRecordPos;
+  void checkLastWritten(const SlotFields& slot, int64_t offset) {
+    const int64_t position = slot.lastWrittenRecordPos;
     if (!inBlockArea(position, kRecordOverhead)) {
       return report("D7", offset + 80, "last written position " + number(position));
     }
@@ -283,21 +280,21 @@ class Checker {
 
   // ---- table data ----
 
-  void checkTableData(std::size_t index) {
+  void checkTableData(size_t index) {
     const SlotFields& slot = slots_[index];
-    const std::int64_t position = slot.firstDataPos;
+    const int64_t position = slot.firstDataPos;
     if (position == 0) return;
     if (!inBlockArea(position, kDataOverhead)) {
-      return report("T1", static_cast<std::int64_t>(slotOffset(index)) + 112,
+      return report("T1", static_cast<int64_t>(slotOffset(index)) + 112,
                     "table data at " + number(position));
     }
-    const Bytes head = file_.at(static_cast<std::size_t>(position), kDataHeaderBytes);
+    const Bytes head = file_.at(static_cast<size_t>(position), kDataHeaderBytes);
     if (head[0] != 150 || head.beAt(1, 2) != 32 || head.at(3, 10) != slot.tableID) {
       return report("T2", position, "no table data of this table");
     }
-    const std::uint64_t capacity = head.beAt(17, 4);
+    const uint64_t capacity = head.beAt(17, 4);
     if (head.beAt(13, 4) > capacity) report("T4", position + 13, "length above capacity");
-    const std::int64_t length = kDataOverhead + static_cast<std::int64_t>(capacity);
+    const int64_t length = kDataOverhead + static_cast<int64_t>(capacity);
     if (!inBlockArea(position, length)) {
       return report("T4", position, "the block reaches beyond the end of the file");
     }
@@ -308,7 +305,7 @@ class Checker {
   // ---- space ----
 
   void checkOverlap() {
-    std::int64_t end = kBlocksStart;
+    int64_t end = kBlocksStart;
     for (const auto& [position, lengths] : live_) {
       if (position < end || lengths.size() > 1) report("S1", position, "blocks overlap");
       end = std::max(end, position + *std::max_element(lengths.begin(), lengths.end()));
@@ -316,7 +313,7 @@ class Checker {
   }
 
   void checkSpace() {
-    std::int64_t position = kBlocksStart;
+    int64_t position = kBlocksStart;
     auto next = live_.begin();
     while (position < size_) {
       while (next != live_.end() && next->first < position) ++next;
@@ -324,24 +321,24 @@ class Checker {
         position += next->second.front();
         continue;
       }
-      const std::int64_t limit = next == live_.end() ? size_ : next->first;
+      const int64_t limit = next == live_.end() ? size_ : next->first;
       position = checkDeadBlock(position, limit);
     }
   }
 
   // Returns where the walk goes on: behind the block, or at `limit` when there is no whole one.
-  std::int64_t checkDeadBlock(std::int64_t position, std::int64_t limit) {
-    const std::uint8_t mark = file_[static_cast<std::size_t>(position)];
+  int64_t checkDeadBlock(int64_t position, int64_t limit) {
+    const uint8_t mark = file_[static_cast<size_t>(position)];
     if (mark != 135 && mark != 150) {
       return report("S5", position, number(limit - position) + " bytes of no block"), limit;
     }
     const bool record = mark == 135;
-    const std::int64_t overhead = record ? kRecordOverhead : kDataOverhead;
+    const int64_t overhead = record ? kRecordOverhead : kDataOverhead;
     if (position > limit - overhead) return report("S4", position, "cut off header"), limit;
-    const auto start = static_cast<std::size_t>(position);
-    const std::size_t lengthAt = start + (record ? 47 : 13);
-    const std::uint64_t capacity = file_.beAt(lengthAt + 4, 4);
-    const std::int64_t length = overhead + static_cast<std::int64_t>(capacity);
+    const auto start = static_cast<size_t>(position);
+    const size_t lengthAt = start + (record ? 47 : 13);
+    const uint64_t capacity = file_.beAt(lengthAt + 4, 4);
+    const int64_t length = overhead + static_cast<int64_t>(capacity);
     const Bytes tableID = file_.at(start + 3, 10);
     const bool sound = file_.beAt(start + 1, 2) == (record ? 64u : 32u) &&
                        file_.beAt(lengthAt, 4) <= capacity && identifierSound(tableID) &&
@@ -353,13 +350,13 @@ class Checker {
   }
 
   const Bytes& file_;
-  const std::int64_t size_;
-  std::size_t tableCount_ = 0;
-  std::map<std::size_t, SlotFields> slots_;
-  std::vector<std::size_t> soundSlots_;
+  const int64_t size_;
+  size_t tableCount_ = 0;
+  std::map<size_t, SlotFields> slots_;
+  std::vector<size_t> soundSlots_;
   std::set<Bytes> tableIDs_;
   std::set<std::string> names_;
-  std::map<std::int64_t, Positions> live_;  // position to the lengths that were claimed for it
+  std::map<int64_t, Positions> live_;  // position to the lengths that were claimed for it
   std::vector<Finding> findings_;
 };
 

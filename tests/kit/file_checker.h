@@ -43,7 +43,7 @@ namespace qvdbase::test {
 struct Finding {
   std::string code;
   std::string text;
-  std::int64_t offset = 0;  // where in the file
+  int64_t offset = 0;  // where in the file
 };
 
 // All findings, in the order in which they were met; none for a sound file.

@@ -8,48 +8,48 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::uint8_t kFiller = 0xCC;
+constexpr uint8_t kFiller = 0xCC;
 
-std::uint16_t sumOfEight(const Bytes& bytes) {
-  return static_cast<std::uint16_t>(std::accumulate(bytes.begin(), bytes.begin() + 8, 0u));
+uint16_t sumOfEight(const Bytes& bytes) {
+  return static_cast<uint16_t>(std::accumulate(bytes.begin(), bytes.begin() + 8, 0u));
 }
 
-std::size_t checkedOffset(std::int64_t offset) {
+size_t checkedOffset(int64_t offset) {
   if (offset < 0) throw std::out_of_range("a negative file position");
-  return static_cast<std::size_t>(offset);
+  return static_cast<size_t>(offset);
 }
 
-std::uint16_t be16(const Bytes& bytes, std::size_t offset) {
-  return static_cast<std::uint16_t>(bytes.beAt(offset, 2));
+uint16_t be16(const Bytes& bytes, size_t offset) {
+  return static_cast<uint16_t>(bytes.beAt(offset, 2));
 }
-std::uint32_t be32(const Bytes& bytes, std::size_t offset) {
-  return static_cast<std::uint32_t>(bytes.beAt(offset, 4));
+uint32_t be32(const Bytes& bytes, size_t offset) {
+  return static_cast<uint32_t>(bytes.beAt(offset, 4));
 }
-std::int64_t be64(const Bytes& bytes, std::size_t offset) {
-  return static_cast<std::int64_t>(bytes.beAt(offset, 8));
+int64_t be64(const Bytes& bytes, size_t offset) {
+  return static_cast<int64_t>(bytes.beAt(offset, 8));
 }
-std::uint16_t le16(const Bytes& bytes, std::size_t offset) {
-  return static_cast<std::uint16_t>(bytes.leAt(offset, 2));
+uint16_t le16(const Bytes& bytes, size_t offset) {
+  return static_cast<uint16_t>(bytes.leAt(offset, 2));
 }
-std::uint32_t le32(const Bytes& bytes, std::size_t offset) {
-  return static_cast<std::uint32_t>(bytes.leAt(offset, 4));
+uint32_t le32(const Bytes& bytes, size_t offset) {
+  return static_cast<uint32_t>(bytes.leAt(offset, 4));
 }
-std::int64_t le64(const Bytes& bytes, std::size_t offset) {
-  return static_cast<std::int64_t>(bytes.leAt(offset, 8));
+int64_t le64(const Bytes& bytes, size_t offset) {
+  return static_cast<int64_t>(bytes.leAt(offset, 8));
 }
-std::uint64_t bits(std::int64_t value) {
-  return static_cast<std::uint64_t>(value);
+uint64_t bits(int64_t value) {
+  return static_cast<uint64_t>(value);
 }
 
 }  // namespace
 
-Bytes identifier(std::uint64_t number) {
+Bytes identifier(uint64_t number) {
   Bytes result;
   result.be(8, number);
   return result.be(2, sumOfEight(result));
 }
 
-std::uint64_t identifierNumber(const Bytes& tenBytes) {
+uint64_t identifierNumber(const Bytes& tenBytes) {
   return tenBytes.beAt(0, 8);
 }
 
@@ -59,12 +59,12 @@ bool identifierSound(const Bytes& tenBytes) {
 
 Bytes HeaderFields::encode() const {
   return Bytes()
-      .add(signature)                                 // 0
-      .be(2, version)                                 // 4
-      .add(databaseID)                                // 6
-      .be(2, static_cast<std::uint16_t>(tableCount))  // 16
-      .be(2, slotCount)                               // 18
-      .be(2, slotSize);                               // 20
+      .add(signature)                            // 0
+      .be(2, version)                            // 4
+      .add(databaseID)                           // 6
+      .be(2, static_cast<uint16_t>(tableCount))  // 16
+      .be(2, slotCount)                          // 18
+      .be(2, slotSize);                          // 20
 }
 
 Bytes SlotFields::encode() const {
@@ -137,13 +137,13 @@ HeaderFields decodeHeader(const Bytes& file) {
   header.signature = file.at(0, 4);
   header.version = be16(file, 4);
   header.databaseID = file.at(6, 10);
-  header.tableCount = static_cast<std::int16_t>(be16(file, 16));
+  header.tableCount = static_cast<int16_t>(be16(file, 16));
   header.slotCount = be16(file, 18);
   header.slotSize = be16(file, 20);
   return header;
 }
 
-SlotFields decodeSlot(const Bytes& file, std::size_t index) {
+SlotFields decodeSlot(const Bytes& file, size_t index) {
   const Bytes bytes = file.at(slotOffset(index), kSlotBytes);
   SlotFields slot;
   slot.slotMark = bytes[0];
@@ -169,8 +169,8 @@ SlotFields decodeSlot(const Bytes& file, std::size_t index) {
   return slot;
 }
 
-RecordFields decodeRecord(const Bytes& file, std::int64_t offset) {
-  const std::size_t start = checkedOffset(offset);
+RecordFields decodeRecord(const Bytes& file, int64_t offset) {
+  const size_t start = checkedOffset(offset);
   const Bytes header = file.at(start, kRecordHeaderBytes);
   RecordFields record;
   record.blockMark = header[0];
@@ -188,8 +188,8 @@ RecordFields decodeRecord(const Bytes& file, std::int64_t offset) {
   return record;
 }
 
-TableDataFields decodeTableData(const Bytes& file, std::int64_t offset) {
-  const std::size_t start = checkedOffset(offset);
+TableDataFields decodeTableData(const Bytes& file, int64_t offset) {
+  const size_t start = checkedOffset(offset);
   const Bytes header = file.at(start, kDataHeaderBytes);
   TableDataFields block;
   block.blockMark = header[0];

@@ -6,14 +6,14 @@
 namespace qvdbase::test {
 namespace {
 
-Bytes roomFor(const Bytes& data, std::uint32_t reserve, std::uint8_t fill) {
+Bytes roomFor(const Bytes& data, uint32_t reserve, uint8_t fill) {
   Bytes room = data;
   if (reserve > data.size()) room.fill(reserve - data.size(), fill);
   return room;
 }
 
-void overlay(Bytes& file, std::int64_t position, const Bytes& block) {
-  const auto start = static_cast<std::size_t>(position);
+void overlay(Bytes& file, int64_t position, const Bytes& block) {
+  const auto start = static_cast<size_t>(position);
   if (file.size() < start + block.size()) file.resize(start + block.size());
   std::copy(block.begin(), block.end(), file.data() + start);
 }
@@ -24,8 +24,8 @@ FileImage::FileImage() {
   slots_.fill(freeSlot());
 }
 
-std::size_t FileImage::addTable(std::string_view name, std::uint64_t id) {
-  const auto index = static_cast<std::size_t>(header_.tableCount++);
+size_t FileImage::addTable(std::string_view name, uint64_t id) {
+  const auto index = static_cast<size_t>(header_.tableCount++);
   SlotFields slot;
   slot.tableID = identifier(id);
   slot.tableName = bytesOf(name.substr(0, 32));
@@ -33,8 +33,8 @@ std::size_t FileImage::addTable(std::string_view name, std::uint64_t id) {
   return index;
 }
 
-std::int64_t FileImage::addRecord(std::size_t table, std::uint64_t id, const Bytes& data,
-                                  const RecordOptions& options) {
+int64_t FileImage::addRecord(size_t table, uint64_t id, const Bytes& data,
+                             const RecordOptions& options) {
   SlotFields& owner = slot(table);
   RecordFields record;
   record.tableID = owner.tableID;
@@ -43,9 +43,9 @@ std::int64_t FileImage::addRecord(std::size_t table, std::uint64_t id, const Byt
   record.modifyTime = options.modifyTime;
   record.prevRecordPos = owner.lastRecordPos;
   record.room = roomFor(data, options.reserve, options.fill);
-  record.dataLength = static_cast<std::uint32_t>(data.size());
-  record.dataCapacity = static_cast<std::uint32_t>(record.room.size());
-  const std::int64_t position = addDeadRecord(record);
+  record.dataLength = static_cast<uint32_t>(data.size());
+  record.dataCapacity = static_cast<uint32_t>(record.room.size());
+  const int64_t position = addDeadRecord(record);
 
   if (owner.lastRecordPos != 0) records_.at(owner.lastRecordPos).nextRecordPos = position;
   if (owner.firstRecordPos == 0) owner.firstRecordPos = position;
@@ -56,14 +56,14 @@ std::int64_t FileImage::addRecord(std::size_t table, std::uint64_t id, const Byt
   return position;
 }
 
-std::int64_t FileImage::setTableData(std::size_t table, const Bytes& data, std::uint32_t reserve) {
+int64_t FileImage::setTableData(size_t table, const Bytes& data, uint32_t reserve) {
   SlotFields& owner = slot(table);
   TableDataFields block;
   block.tableID = owner.tableID;
   block.room = roomFor(data, reserve, 0);
-  block.dataLength = static_cast<std::uint32_t>(data.size());
-  block.dataCapacity = static_cast<std::uint32_t>(block.room.size());
-  const std::int64_t position = addDeadTableData(block);
+  block.dataLength = static_cast<uint32_t>(data.size());
+  block.dataCapacity = static_cast<uint32_t>(block.room.size());
+  const int64_t position = addDeadTableData(block);
 
   owner.dataBlockCount = 1;
   ++owner.dataWriteCount;
@@ -71,34 +71,34 @@ std::int64_t FileImage::setTableData(std::size_t table, const Bytes& data, std::
   return position;
 }
 
-std::int64_t FileImage::addDeadRecord(const RecordFields& record) {
-  const std::int64_t position = place(record.encode().size());
+int64_t FileImage::addDeadRecord(const RecordFields& record) {
+  const int64_t position = place(record.encode().size());
   records_[position] = record;
   return position;
 }
 
-std::int64_t FileImage::addDeadTableData(const TableDataFields& block) {
-  const std::int64_t position = place(block.encode().size());
+int64_t FileImage::addDeadTableData(const TableDataFields& block) {
+  const int64_t position = place(block.encode().size());
   tableData_[position] = block;
   return position;
 }
 
-std::int64_t FileImage::addRaw(const Bytes& bytes) {
-  const std::int64_t position = place(bytes.size());
+int64_t FileImage::addRaw(const Bytes& bytes) {
+  const int64_t position = place(bytes.size());
   raw_[position] = bytes;
   return position;
 }
 
-std::int64_t FileImage::place(std::size_t length) {
-  const std::int64_t position = end_;
-  end_ += static_cast<std::int64_t>(length);
+int64_t FileImage::place(size_t length) {
+  const int64_t position = end_;
+  end_ += static_cast<int64_t>(length);
   return position;
 }
 
 Bytes FileImage::build() const {
   Bytes file = header_.encode();
   for (const SlotFields& each : slots_) file.add(each.encode());
-  file.resize(static_cast<std::size_t>(end_));
+  file.resize(static_cast<size_t>(end_));
   for (const auto& [position, record] : records_) overlay(file, position, record.encode());
   for (const auto& [position, block] : tableData_) overlay(file, position, block.encode());
   for (const auto& [position, bytes] : raw_) overlay(file, position, bytes);

@@ -6,11 +6,11 @@
 namespace qvdbase::test {
 namespace {
 
-std::runtime_error unreadable(const std::string& what, std::int64_t position) {
+std::runtime_error unreadable(const std::string& what, int64_t position) {
   return std::runtime_error(what + " at " + std::to_string(position));
 }
 
-ReadRecord readRecord(const Bytes& file, const SlotFields& owner, std::int64_t position) {
+ReadRecord readRecord(const Bytes& file, const SlotFields& owner, int64_t position) {
   ReadRecord record;
   record.position = position;
   record.fields = decodeRecord(file, position);
@@ -24,7 +24,7 @@ ReadRecord readRecord(const Bytes& file, const SlotFields& owner, std::int64_t p
 
 std::vector<ReadRecord> readChain(const Bytes& file, const SlotFields& owner) {
   std::vector<ReadRecord> records;
-  std::int64_t position = owner.firstRecordPos;
+  int64_t position = owner.firstRecordPos;
   while (records.size() < owner.recordCount) {
     if (position == 0) throw unreadable("the chain ends early: slot", owner.firstRecordPos);
     records.push_back(readRecord(file, owner, position));
@@ -34,7 +34,7 @@ std::vector<ReadRecord> readChain(const Bytes& file, const SlotFields& owner) {
   return records;
 }
 
-ReadTable readTable(const Bytes& file, std::size_t index) {
+ReadTable readTable(const Bytes& file, size_t index) {
   ReadTable table;
   table.slot = decodeSlot(file, index);
   table.id = identifierNumber(table.slot.tableID);
@@ -51,7 +51,7 @@ ReadDatabase readDatabase(const Bytes& file) {
   database.fileSize = file.size();
   database.header = decodeHeader(file);
   for (int i = 0; i < database.header.tableCount; ++i) {
-    database.tables.push_back(readTable(file, static_cast<std::size_t>(i)));
+    database.tables.push_back(readTable(file, static_cast<size_t>(i)));
   }
   return database;
 }

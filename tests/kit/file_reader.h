@@ -18,13 +18,13 @@
 namespace qvdbase::test {
 
 struct ReadRecord {
-  std::uint64_t id = 0;
-  std::int64_t position = 0;
+  uint64_t id = 0;
+  int64_t position = 0;
   RecordFields fields;
 };
 
 struct ReadTable {
-  std::uint64_t id = 0;
+  uint64_t id = 0;
   std::string name;
   SlotFields slot;
   std::vector<ReadRecord> records;      // in chain order
@@ -34,7 +34,7 @@ struct ReadTable {
 struct ReadDatabase {
   HeaderFields header;
   std::vector<ReadTable> tables;  // in slot order
-  std::size_t fileSize = 0;
+  size_t fileSize = 0;
 };
 
 ReadDatabase readDatabase(const Bytes& file);

@@ -21,7 +21,7 @@ inline constexpr const char* kTarget = "target.qvd";
 class MaintenanceTest : public DatabaseTest {
  protected:
   ~MaintenanceTest() override {
-    for (std::int16_t file = 1; file < 20; ++file) {
+    for (int16_t file = 1; file < 20; ++file) {
       EXPECT_EQ(position(file), -1) << "file number " << file << " stayed open";
       EXPECT_EQ(SearchForGDB2TCache(file), -1) << "file number " << file << " stayed in the cache";
     }
@@ -45,23 +45,23 @@ class MaintenanceTest : public DatabaseTest {
 // Tables "one", "two", "three". One: records A, B (in a block that has moved), C, with a deleted
 // record between them, and table data that has moved too. Two: table data only. Three: nothing.
 struct LivelyDatabase {
-  static constexpr std::uint64_t kOne = 0x1122334455667788;
-  static constexpr std::uint64_t kTwo = 0x202;
-  static constexpr std::uint64_t kThree = 0x303;
-  static constexpr std::uint64_t kA = 0xA1;
-  static constexpr std::uint64_t kB = 0xB2;
-  static constexpr std::uint64_t kC = 0xC3;
+  static constexpr uint64_t kOne = 0x1122334455667788;
+  static constexpr uint64_t kTwo = 0x202;
+  static constexpr uint64_t kThree = 0x303;
+  static constexpr uint64_t kA = 0xA1;
+  static constexpr uint64_t kB = 0xB2;
+  static constexpr uint64_t kC = 0xC3;
 
   static RecordOptions optionsOfA() { return {.reserve = 20, .createTime = 11, .modifyTime = 12}; }
   static RecordOptions optionsOfB() { return {.reserve = 0, .createTime = 21, .modifyTime = 22}; }
   static RecordOptions optionsOfC() { return {.reserve = 0, .createTime = 31, .modifyTime = 32}; }
 
   FileImage image;
-  std::int64_t a = 0;
-  std::int64_t b = 0;
-  std::int64_t c = 0;
-  std::int64_t dataOfOne = 0;
-  std::int64_t dataOfTwo = 0;
+  int64_t a = 0;
+  int64_t b = 0;
+  int64_t c = 0;
+  int64_t dataOfOne = 0;
+  int64_t dataOfTwo = 0;
 
   LivelyDatabase() {
     image.header().signature = bytesOf("qVxy");
@@ -86,12 +86,12 @@ struct LivelyDatabase {
     target.addTable("three", kThree);
   }
 
-  void addDead(std::uint64_t id, std::string_view data) {
+  void addDead(uint64_t id, std::string_view data) {
     RecordFields dead;
     dead.tableID = identifier(kOne);
     dead.recordID = identifier(id);
     dead.room = bytesOf(data);
-    dead.dataLength = dead.dataCapacity = static_cast<std::uint32_t>(data.size());
+    dead.dataLength = dead.dataCapacity = static_cast<uint32_t>(data.size());
     image.addDeadRecord(dead);
   }
 

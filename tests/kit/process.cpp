@@ -72,7 +72,7 @@ Channel terminalChannel(unsigned short columns) {
       ::close(i);
       continue;
     }
-    if (::dup2(streams[static_cast<std::size_t>(i)], i) < 0) ::_exit(126);
+    if (::dup2(streams[static_cast<size_t>(i)], i) < 0) ::_exit(126);
   }
   if (!call.folder.empty() && ::chdir(call.folder.c_str()) != 0) ::_exit(126);
   ::signal(SIGPIPE, SIG_DFL);
@@ -86,20 +86,20 @@ bool take(int from, std::string* to) {
   const ssize_t got = ::read(from, buffer, sizeof buffer);
   if (got < 0 && errno == EINTR) return true;
   if (got <= 0) return false;
-  to->append(buffer, static_cast<std::size_t>(got));
+  to->append(buffer, static_cast<size_t>(got));
   return true;
 }
 
 // Feeds the input and collects both outputs until all streams have ended.
 void converse(const std::string& input, End* in, End* out, End* err, Outcome* outcome) {
-  std::size_t fed = 0;
+  size_t fed = 0;
   if (input.empty()) in->close();
   while (in->get() >= 0 || out->get() >= 0 || err->get() >= 0) {
     pollfd streams[3] = {{in->get(), POLLOUT, 0}, {out->get(), POLLIN, 0}, {err->get(), POLLIN, 0}};
     if (::poll(streams, 3, -1) < 0) continue;
     if (streams[0].revents != 0) {
       const ssize_t put = ::write(in->get(), input.data() + fed, input.size() - fed);
-      if (put > 0) fed += static_cast<std::size_t>(put);
+      if (put > 0) fed += static_cast<size_t>(put);
       if ((put < 0 && errno != EINTR) || fed == input.size()) in->close();
     }
     if (streams[1].revents != 0 && !take(out->get(), &outcome->out)) out->close();

@@ -33,9 +33,9 @@ class ProgressLog {
   // Returns 0 from the call of this index, counted from 0; never while it is -1.
   int stopAt = -1;
   // What the other calls return.
-  std::uint16_t goOn = 1;
+  uint16_t goOn = 1;
   // Runs in each call, with its index.
-  std::function<void(std::size_t)> during;
+  std::function<void(size_t)> during;
 
   std::vector<Entry> entries;
 
@@ -51,12 +51,12 @@ class ProgressLog {
     return result;
   }
 
-  static std::uint16_t function(int first, int second, void* third) {
+  static uint16_t function(int first, int second, void* third) {
     ProgressLog& log = *current();
-    const std::size_t index = log.entries.size();
+    const size_t index = log.entries.size();
     log.entries.push_back({first, second, third});
     if (log.during) log.during(index);
-    return static_cast<int>(index) == log.stopAt ? std::uint16_t{0} : log.goOn;
+    return static_cast<int>(index) == log.stopAt ? uint16_t{0} : log.goOn;
   }
 
  private:

@@ -12,9 +12,9 @@
 
 namespace qvdbase::test {
 
-inline std::uint64_t randomSeed() {
+inline uint64_t randomSeed() {
   const char* const given = std::getenv("QVDBASE_TEST_SEED");
-  const std::uint64_t seed =
+  const uint64_t seed =
       given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device{}();
   std::cout << "QVDBASE_TEST_SEED=" << seed << std::endl;
   return seed;

@@ -17,8 +17,8 @@ inline void expectWritesReachTheFile() {
   static TempFolder folder(TempFolder::inMemory());
   writeFile(folder / "probe", bytesOf("before"));
   static const QVWCHAR* const path = folder.wide("probe");
-  std::int16_t file = 0;
-  std::uint32_t moved = 0;
+  int16_t file = 0;
+  uint32_t moved = 0;
   ASSERT_EQ(QVFile().QVOpenFile(path, 4, &file), 1);
   EXPECT_EQ(QVFile().QVWriteFile(file, "mine", 4, &moved), 1);
   EXPECT_EQ(moved, 4u);

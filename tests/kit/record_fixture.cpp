@@ -6,7 +6,7 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::int64_t kElsewhere = 77;  // where the position stands before an operation
+constexpr int64_t kElsewhere = 77;  // where the position stands before an operation
 
 }  // namespace
 
@@ -24,7 +24,7 @@ void RecordTest::threeRecords() {
   c = image.addRecord(notes, kC, bytesOf("third"), {.createTime = 31, .modifyTime = 32});
 }
 
-std::int16_t RecordTest::start(int permission) {
+int16_t RecordTest::start(int permission) {
   base = image.build();
   return put(base, kDefaultFile, permission);
 }
@@ -39,7 +39,7 @@ void RecordTest::expectOnlyAppended(const Bytes& tail) {
 
 RecordTest::Outcome RecordTest::run(const Operation& operation,
                                     const std::function<void()>& prepare) {
-  const std::int16_t db = put(image);
+  const int16_t db = put(image);
   seek(db, kElsewhere);
   std::srand(1);
   host.forget();
@@ -73,7 +73,7 @@ void RecordTest::expectStopped(const Outcome& outcome, const std::vector<Write>&
 void RecordTest::expectStopsAtEachByte(const Operation& operation) {
   allowDamage();
   const std::vector<Write> log = writesOf(operation);
-  for (std::size_t n = 0; n < byteCount(log) && !HasFailure(); ++n) {
+  for (size_t n = 0; n < byteCount(log) && !HasFailure(); ++n) {
     const Outcome outcome = run(operation, [&] { host.fullAfter(n); });
     EXPECT_EQ(byteCount(outcome.writes), n);
     expectStopped(outcome, log, "after " + std::to_string(n) + " bytes");
@@ -113,7 +113,7 @@ void RecordTest::expectGoesOnAfterEachShortTransfer(const Operation& operation) 
   };
   for (const Call call : {Call::read, Call::write}) {
     // A transfer of one byte is no shorter than that: moving nothing is a failure.
-    const Part half = [](std::size_t asked) { return asked - asked / 2; };
+    const Part half = [](size_t asked) { return asked - asked / 2; };
     tryEach(nameOf(call), [&](int step) { host.cutOnce(call, half, step); });
     tryEach(nameOf(call), [&](int step) { host.cutOnce(call, exactly(1), step); });
     tryEach(nameOf(call), [&](int step) { host.failOnce(call, step, EINTR); });

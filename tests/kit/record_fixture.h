@@ -23,31 +23,31 @@
 
 namespace qvdbase::test {
 
-inline constexpr std::uint64_t kNotes = 0x1122334455667788;  // the sum of its bytes is 0x264
-inline constexpr std::uint64_t kOther = 0x99;
-inline constexpr std::uint64_t kNoTable = 0x77;
-inline constexpr std::uint64_t kA = 0xA1;
-inline constexpr std::uint64_t kB = 0xB2;
-inline constexpr std::uint64_t kC = 0xC3;
-inline constexpr std::uint64_t kNoRecord = 0xEE;
+inline constexpr uint64_t kNotes = 0x1122334455667788;  // the sum of its bytes is 0x264
+inline constexpr uint64_t kOther = 0x99;
+inline constexpr uint64_t kNoTable = 0x77;
+inline constexpr uint64_t kA = 0xA1;
+inline constexpr uint64_t kB = 0xB2;
+inline constexpr uint64_t kC = 0xC3;
+inline constexpr uint64_t kNoRecord = 0xEE;
 inline constexpr std::time_t kNow = 0x5F5E1000;
 
 // Where no block can lie: negative, as far as a position can be, beyond the end of every test's
 // file, and on the file's header.
-inline constexpr std::int64_t kHostilePositions[] = {-1, std::numeric_limits<std::int64_t>::min(),
-                                                     std::numeric_limits<std::int64_t>::max(),
-                                                     std::int64_t{1} << 40, 1};
+inline constexpr int64_t kHostilePositions[] = {-1, std::numeric_limits<int64_t>::min(),
+                                                std::numeric_limits<int64_t>::max(),
+                                                int64_t{1} << 40, 1};
 
 class RecordTest : public DatabaseTest {
  protected:
-  using Operation = std::function<int(std::int16_t db)>;
+  using Operation = std::function<int(int16_t db)>;
 
   RecordTest();
 
   // Records A, B and C of the table "notes", with room to spare in B: 5, 6 and 5 bytes.
   void threeRecords();
   // Writes the image to the file and opens it.
-  std::int16_t start(int permission = 3);
+  int16_t start(int permission = 3);
   // The file is the image as it stands now.
   void expectFile() const;
   // The file is the one that start() wrote and these bytes behind it: blocks that nothing links.
@@ -71,17 +71,17 @@ class RecordTest : public DatabaseTest {
 
   RecordedCalls host;
   FileImage image;
-  std::size_t notes = 0;
-  std::size_t other = 0;
-  std::int64_t a = 0;
-  std::int64_t b = 0;
-  std::int64_t c = 0;
+  size_t notes = 0;
+  size_t other = 0;
+  int64_t a = 0;
+  int64_t b = 0;
+  int64_t c = 0;
   Bytes base;  // what start() wrote
 
  private:
   struct Outcome {
     int result;
-    std::int64_t position;
+    int64_t position;
     Bytes file;
     std::vector<Write> writes;
   };

@@ -60,25 +60,25 @@ const char* nameOf(Call call) {
                                            "processId",
                                            "forkCount"};
   static_assert(std::size(kNames) == kCallCount);
-  return kNames[static_cast<std::size_t>(call)];
+  return kNames[static_cast<size_t>(call)];
 }
 
 Part noneOf() {
   return exactly(0);
 }
 Part halfOf() {
-  return [](std::size_t asked) { return asked / 2; };
+  return [](size_t asked) { return asked / 2; };
 }
-Part exactly(std::size_t count) {
-  return [count](std::size_t asked) { return std::min(asked, count); };
+Part exactly(size_t count) {
+  return [count](size_t asked) { return std::min(asked, count); };
 }
-Part allBut(std::size_t count) {
-  return [count](std::size_t asked) { return asked - std::min(asked, count); };
+Part allBut(size_t count) {
+  return [count](size_t asked) { return asked - std::min(asked, count); };
 }
 
 void PrintTo(const Write& write, std::ostream* out) {
   *out << write.bytes.size() << " bytes at " << write.position << " of " << write.file << '\n'
-       << dump(write.bytes, static_cast<std::size_t>(write.position));
+       << dump(write.bytes, static_cast<size_t>(write.position));
 }
 
 std::vector<Write> ranges(const std::vector<Write>& writes) {
@@ -86,7 +86,7 @@ std::vector<Write> ranges(const std::vector<Write>& writes) {
   for (const Write& each : writes) {
     if (!result.empty()) {
       Write& last = result.back();
-      const auto end = last.position + static_cast<std::int64_t>(last.bytes.size());
+      const auto end = last.position + static_cast<int64_t>(last.bytes.size());
       if (each.file == last.file && each.position == end) {
         last.bytes.add(each.bytes);
         continue;
@@ -97,17 +97,17 @@ std::vector<Write> ranges(const std::vector<Write>& writes) {
   return result;
 }
 
-std::size_t byteCount(const std::vector<Write>& writes) {
-  std::size_t count = 0;
+size_t byteCount(const std::vector<Write>& writes) {
+  size_t count = 0;
   for (const Write& each : writes) count += each.bytes.size();
   return count;
 }
 
-Bytes applied(Bytes file, const std::vector<Write>& writes, std::size_t count) {
+Bytes applied(Bytes file, const std::vector<Write>& writes, size_t count) {
   for (const Write& each : writes) {
-    const std::size_t taken = std::min(count, each.bytes.size());
+    const size_t taken = std::min(count, each.bytes.size());
     count -= taken;
-    const auto start = static_cast<std::size_t>(each.position);
+    const auto start = static_cast<size_t>(each.position);
     if (taken != 0 && file.size() < start + taken) file.resize(start + taken);
     std::copy_n(each.bytes.begin(), taken,
                 file.begin() + static_cast<std::ptrdiff_t>(std::min(start, file.size())));
@@ -135,7 +135,7 @@ void RecordedCalls::cutFrom(Call call, Part part, int skip, int error) {
   restart(call, {skip, false, error, std::move(part)});
 }
 
-void RecordedCalls::fullAfter(std::size_t bytes, int error) {
+void RecordedCalls::fullAfter(size_t bytes, int error) {
   space_ = bytes;
   spaceError_ = error;
   failed_ = false;
@@ -152,18 +152,18 @@ RecordedCalls::Verdict RecordedCalls::chosen(int error) {
   return {true, error, 0};
 }
 
-RecordedCalls::Verdict RecordedCalls::limitedBySpace(std::size_t asked) {
+RecordedCalls::Verdict RecordedCalls::limitedBySpace(size_t asked) {
   if (asked <= *space_) {
     *space_ -= asked;
     return {};
   }
-  const std::size_t rest = std::exchange(*space_, 0);
+  const size_t rest = std::exchange(*space_, 0);
   if (rest == 0) return chosen(spaceError_);
   failed_ = true;
   return {false, 0, rest};
 }
 
-RecordedCalls::Verdict RecordedCalls::begin(Call call, std::size_t asked) {
+RecordedCalls::Verdict RecordedCalls::begin(Call call, size_t asked) {
   if (observer_) observer_(call);
   ++counts_[call];
   const auto found = plans_.find(call);
@@ -376,7 +376,7 @@ struct RecordedCalls::Calls {
     if (!verdict.fails) {
       result = real().writeAt(descriptor, buffer, std::min(count, verdict.moves), position);
     }
-    const auto* bytes = static_cast<const std::uint8_t*>(buffer);
+    const auto* bytes = static_cast<const uint8_t*>(buffer);
     if (result > 0) {
       host().writes_.push_back({position, Bytes(bytes, bytes + result), host().fileOf(descriptor)});
     }

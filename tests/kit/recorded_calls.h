@@ -101,7 +101,7 @@ enum class Call {
   processId,
   forkCount,
 };
-inline constexpr std::size_t kCallCount = static_cast<std::size_t>(Call::forkCount) + 1;
+inline constexpr size_t kCallCount = static_cast<size_t>(Call::forkCount) + 1;
 
 // A call that the recorder does not know reaches the host unseen, and no test makes it fail.
 static_assert(sizeof(platform::SystemCalls) == kCallCount * sizeof(void (*)()),
@@ -152,15 +152,15 @@ constexpr bool isClock(Call call) {
 const char* nameOf(Call call);
 
 // How many bytes a cut transfer still moves, of the number that it was asked to.
-using Part = std::function<std::size_t(std::size_t)>;
+using Part = std::function<size_t(size_t)>;
 Part noneOf();
 Part halfOf();
-Part exactly(std::size_t count);  // at most as many as were asked for
-Part allBut(std::size_t count);
+Part exactly(size_t count);  // at most as many as were asked for
+Part allBut(size_t count);
 
 // Bytes that reached a file.
 struct Write {
-  std::int64_t position = 0;
+  int64_t position = 0;
   Bytes bytes;
   std::string file;  // the last part of the name under which it was opened
 
@@ -172,23 +172,23 @@ void PrintTo(const Write& write, std::ostream* out);
 std::vector<Write> ranges(const std::vector<Write>& writes);
 
 // How many bytes they are.
-std::size_t byteCount(const std::vector<Write>& writes);
+size_t byteCount(const std::vector<Write>& writes);
 
 // The file after the first `count` bytes of these writes, in their order; bytes that nothing wrote
 // in a file that became longer are zeros.
-Bytes applied(Bytes file, const std::vector<Write>& writes, std::size_t count = SIZE_MAX);
+Bytes applied(Bytes file, const std::vector<Write>& writes, size_t count = SIZE_MAX);
 
 // One call, as it was made and as it ended.
 struct Event {
   Call call;
-  int descriptor = -1;        // of the file, or of the directory in which a name is looked up
-  std::string file;           // as in Write; the name itself for calls on names, the old one for
-                              // rename and link
-  std::int64_t position = 0;  // read, write, nextHole, nextStored; the new length for truncate;
-                              // the lock's type for lock and findLock; the mode for changeMode
-  std::size_t count = 0;      // bytes asked for: read, write, allocate
-  std::int64_t result = 0;    // what the library was told; 0 for a null pointer, 1 for any other
-  bool chosen = false;        // whether it failed or was cut because the test wanted it to
+  int descriptor = -1;   // of the file, or of the directory in which a name is looked up
+  std::string file;      // as in Write; the name itself for calls on names, the old one for
+                         // rename and link
+  int64_t position = 0;  // read, write, nextHole, nextStored; the new length for truncate;
+                         // the lock's type for lock and findLock; the mode for changeMode
+  size_t count = 0;      // bytes asked for: read, write, allocate
+  int64_t result = 0;    // what the library was told; 0 for a null pointer, 1 for any other
+  bool chosen = false;   // whether it failed or was cut because the test wanted it to
 };
 
 class RecordedCalls {
@@ -206,10 +206,10 @@ class RecordedCalls {
   void setTime(std::time_t now) { time_ = now; }
   void advanceTime(std::time_t seconds) { time_ = *time_ + seconds; }
   // The microsecond counter that identifiers draw on.
-  void setMicroseconds(std::uint64_t now) { microseconds_ = now; }
+  void setMicroseconds(uint64_t now) { microseconds_ = now; }
   void setProcessClock(std::clock_t now) { processClock_ = now; }
   // The length that no file may pass.
-  void setFileSizeLimit(std::uint64_t bytes) { sizeLimit_ = bytes; }
+  void setFileSizeLimit(uint64_t bytes) { sizeLimit_ = bytes; }
 
   // ---- failures. A later one for the same kind replaces the earlier one ----
 
@@ -226,7 +226,7 @@ class RecordedCalls {
   void cutWrites(int skip = 0) { cutFrom(Call::write, halfOf(), skip, EIO); }
   // `bytes` more bytes can be written, in all files together; the write that would pass that is cut
   // short, and what follows fails.
-  void fullAfter(std::size_t bytes, int error = ENOSPC);
+  void fullAfter(size_t bytes, int error = ENOSPC);
   // Ends all failing.
   void heal();
   // Whether a call was made to fail or cut since the latest of the above.
@@ -249,8 +249,8 @@ class RecordedCalls {
 
   // ---- what the library took since the making and still holds ----
 
-  std::size_t heldBlocks() const { return blocks_.size(); }
-  std::size_t openDescriptors() const { return opened_.size(); }
+  size_t heldBlocks() const { return blocks_.size(); }
+  size_t openDescriptors() const { return opened_.size(); }
   // Gives the blocks back in the library's place, where it is known to leave one behind.
   void releaseBlocks();
   // The same for a test that does not know which of the blocks are still in use: they stay, but no
@@ -267,13 +267,13 @@ class RecordedCalls {
   struct Verdict {
     bool fails = false;
     int error = 0;
-    std::size_t moves = SIZE_MAX;  // of a transfer, at most
+    size_t moves = SIZE_MAX;  // of a transfer, at most
   };
   struct Calls;  // the functions of the table
 
   // Counts the call, calls the observer and looks up what is to become of it.
-  Verdict begin(Call call, std::size_t asked = 0);
-  Verdict limitedBySpace(std::size_t asked);
+  Verdict begin(Call call, size_t asked = 0);
+  Verdict limitedBySpace(size_t asked);
   Verdict chosen(int error);
   void note(Event event, const Verdict& verdict);
   std::string fileOf(int descriptor) const;
@@ -281,11 +281,11 @@ class RecordedCalls {
 
   platform::SystemCalls table_;
   std::optional<std::time_t> time_;
-  std::optional<std::uint64_t> microseconds_;
+  std::optional<uint64_t> microseconds_;
   std::optional<std::clock_t> processClock_;
-  std::optional<std::uint64_t> sizeLimit_;
+  std::optional<uint64_t> sizeLimit_;
   std::map<Call, Plan> plans_;
-  std::optional<std::size_t> space_;
+  std::optional<size_t> space_;
   int spaceError_ = ENOSPC;
   bool failed_ = false;
   std::function<void(Call)> observer_;

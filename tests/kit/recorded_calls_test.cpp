@@ -26,7 +26,7 @@ class Recorder : public testing::Test {
   ssize_t write(const char* text, off_t position) {
     return systemCalls().writeAt(descriptor, text, std::strlen(text), position);
   }
-  ssize_t read(std::size_t count, off_t position) {
+  ssize_t read(size_t count, off_t position) {
     return systemCalls().readAt(descriptor, buffer.data(), count, position);
   }
   std::string contents() { return readFile(folder / "file").str(); }
@@ -175,14 +175,14 @@ TEST_F(Recorder, CountsWhatIsHeld) {
 }
 
 // The addresses of a table's functions.
-std::array<std::uintptr_t, kCallCount> functionsOf(const platform::SystemCalls& table) {
-  return std::bit_cast<std::array<std::uintptr_t, kCallCount>>(table);
+std::array<uintptr_t, kCallCount> functionsOf(const platform::SystemCalls& table) {
+  return std::bit_cast<std::array<uintptr_t, kCallCount>>(table);
 }
 
 TEST_F(Recorder, StandsBeforeEveryCallOfTheTable) {
   const auto recorded = functionsOf(systemCalls());
   const auto real = functionsOf(platform::hostSystemCalls());
-  for (std::size_t i = 0; i < kCallCount; ++i) {
+  for (size_t i = 0; i < kCallCount; ++i) {
     EXPECT_NE(recorded[i], real[i]) << nameOf(static_cast<Call>(i));
   }
 }

@@ -16,7 +16,7 @@ inline bool testEverything() {
 }
 
 // One line of what a family has tried, for the log; docs/testing.md says how to add them up.
-inline void tellCount(const std::string& what, std::uint64_t count) {
+inline void tellCount(const std::string& what, uint64_t count) {
   std::cout << (testEverything() ? "COUNT " : "SAMPLE ") << what << ": " << count << std::endl;
 }
 

@@ -28,7 +28,7 @@ class WideText {
   // NOLINTNEXTLINE: implicit on purpose
   WideText(const char16_t* text) : WideText(std::u16string_view(text)) {}
   // NOLINTNEXTLINE: implicit on purpose
-  WideText(std::u16string_view text, std::size_t room = 0) : units_(text.size() + room + 1) {
+  WideText(std::u16string_view text, size_t room = 0) : units_(text.size() + room + 1) {
     std::copy(text.begin(), text.end(), units_.begin());
   }
 
@@ -46,7 +46,7 @@ class WideText {
   std::vector<QVWCHAR> units_;
 };
 
-inline WideText operator""_w(const char16_t* text, std::size_t length) {
+inline WideText operator""_w(const char16_t* text, size_t length) {
   return std::u16string_view(text, length);
 }
 

@@ -10,26 +10,26 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::uint64_t kTable = 0x101;
+constexpr uint64_t kTable = 0x101;
 
 // A payload, field by field.
 struct Payload {
-  std::uint64_t categoryID = 0x0102030405060708;
+  uint64_t categoryID = 0x0102030405060708;
   std::u16string name = u"Name";
-  std::uint32_t param = 0x11223344;
-  std::uint64_t relatedID = 0x8877665544332211;
-  std::vector<std::uint64_t> first;
-  std::vector<std::uint64_t> second;
+  uint32_t param = 0x11223344;
+  uint64_t relatedID = 0x8877665544332211;
+  std::vector<uint64_t> first;
+  std::vector<uint64_t> second;
   Bytes extra;
 
   Bytes encode() const {
     Bytes out;
     out.be(8, categoryID);
-    for (std::size_t i = 0; i < 32; ++i) out.le(2, i < name.size() ? name[i] : 0u);
+    for (size_t i = 0; i < 32; ++i) out.le(2, i < name.size() ? name[i] : 0u);
     out.be(4, param).be(8, relatedID).be(4, first.size());
-    for (const std::uint64_t id : first) out.be(8, id);
+    for (const uint64_t id : first) out.be(8, id);
     out.be(4, second.size());
-    for (const std::uint64_t id : second) out.be(8, id);
+    for (const uint64_t id : second) out.be(8, id);
     return out.be(4, extra.size()).add(extra);
   }
 };
@@ -46,7 +46,7 @@ class CategoryCodec : public DatabaseTest {
   }
 
   // Stores the payload as the only record of a file and opens it.
-  std::int16_t store(const Bytes& payload) {
+  int16_t store(const Bytes& payload) {
     FileImage image;
     image.addTable("t", kTable);
     image.addRecord(0, 0xA1, payload);
@@ -55,7 +55,7 @@ class CategoryCodec : public DatabaseTest {
     return db_;
   }
 
-  void giveExtraBuffer(std::size_t size, unsigned char value = 0xEE) {
+  void giveExtraBuffer(size_t size, unsigned char value = 0xEE) {
     std::free(record.extraData);
     record.extraData = static_cast<unsigned char*>(std::malloc(size));
     std::memset(record.extraData, value, size);
@@ -80,12 +80,12 @@ class CategoryCodec : public DatabaseTest {
     close(db_);
   }
 
-  static std::vector<std::uint64_t> listOf(const std::uint64_t* ids, std::int32_t count) {
+  static std::vector<uint64_t> listOf(const uint64_t* ids, int32_t count) {
     return {ids, ids + count};
   }
 
   static Bytes encoded(const qvrzOneCategoryRecord& category) {
-    std::uint32_t length = 0;
+    uint32_t length = 0;
     unsigned char* buffer = InternalPutOneCategory2Buffer(0, &category, &length);
     if (buffer == nullptr) return {};
     Bytes bytes(buffer, buffer + length);
@@ -95,7 +95,7 @@ class CategoryCodec : public DatabaseTest {
 
   qvrzOneCategoryRecord record{};
   oneRecordInfoP1 info_{};
-  std::int16_t db_ = 0;
+  int16_t db_ = 0;
 };
 
 using DecodingACategory = CategoryCodec;
@@ -181,7 +181,7 @@ TEST_F(DecodingACategory, RestoresThePosition) {
 }
 
 TEST_F(DecodingACategory, LeavesTheRecordUntouchedAndSucceedsForEightBytesOrLess) {
-  for (const std::size_t length : {0u, 1u, 8u}) {
+  for (const size_t length : {0u, 1u, 8u}) {
     store(pattern(length));
     std::memset(static_cast<void*>(&record), 0x55, sizeof record);
     const qvrzOneCategoryRecord before = record;
@@ -203,7 +203,7 @@ TEST_F(DecodingACategory, LeavesTheRecordUntouchedAndSucceedsWithoutAPayloadPosi
 
 TEST_F(DecodingACategory, LeavesTheRecordUntouchedAndSucceedsWhenItsFirstBytesCannotBeRead) {
   store(Payload().encode());
-  info_.dataPos = static_cast<std::int64_t>(fileSize()) - 7;
+  info_.dataPos = static_cast<int64_t>(fileSize()) - 7;
   seek(db_, 77);
   EXPECT_EQ(decode(), 1);
   EXPECT_EQ(record.categoryID, 0u);
@@ -236,11 +236,11 @@ TEST_F(DecodingACategory, RefusesNullArguments) {
 
 // The bounds on the fixed fields: 9 to 87 bytes are too few, and nothing is freed.
 TEST_F(DecodingACategory, FailsEarlyWithoutFreeingWhenTheFixedFieldsAreNotCovered) {
-  for (const std::uint32_t length : {9u, 71u, 72u, 75u, 76u, 83u, 84u, 87u}) {
+  for (const uint32_t length : {9u, 71u, 72u, 75u, 76u, 83u, 84u, 87u}) {
     SCOPED_TRACE(length);
     store(Payload().encode().fill(100, 0));
     giveExtraBuffer(4);
-    auto* list = static_cast<std::uint64_t*>(std::malloc(8));
+    auto* list = static_cast<uint64_t*>(std::malloc(8));
     record.firstIDs = list;
     info_.dataLength = length;
     seek(db_, 77);
@@ -284,7 +284,7 @@ TEST_F(DecodingACategory, FailsLateAndFreesEverythingWhenTheSecondListIsLongerTh
 
 TEST_F(DecodingACategory, FailsLateWhenACountIsNotCovered) {
   const Bytes payload = Payload().encode();
-  for (const std::size_t length : {88u, 91u, 92u, 95u}) expectLateFailure(payload.cut(length));
+  for (const size_t length : {88u, 91u, 92u, 95u}) expectLateFailure(payload.cut(length));
 }
 
 TEST_F(DecodingACategory, FailsLateWhenAListThatThePayloadCoversIsCutOffWithTheFile) {
@@ -340,7 +340,7 @@ TEST_F(DecodingACategory, AsksForNoMemoryThatTheFileCannotFill) {
   EXPECT_EQ(decode(), 0);
   for (const Event& event : host.events()) {
     if (event.call == Call::allocate) {
-      EXPECT_LT(event.count, std::size_t{1} << 20);
+      EXPECT_LT(event.count, size_t{1} << 20);
     }
   }
 }
@@ -419,7 +419,7 @@ TEST_F(EncodingACategory, WritesEveryFieldInTheOrderOfThePayload) {
   payload.extra = bytesOf("free bytes");
   qvrzOneCategoryRecord category{};
   category.categoryID = payload.categoryID;
-  for (std::size_t i = 0; i < 4; ++i) category.categoryName[i] = payload.name[i];
+  for (size_t i = 0; i < 4; ++i) category.categoryName[i] = payload.name[i];
   category.categoryParam = payload.param;
   category.relatedID = payload.relatedID;
   category.firstIDCount = 2;
@@ -459,7 +459,7 @@ TEST_F(EncodingACategory, WritesNegativeCountsAsTheyAreWithoutEntries) {
 
 TEST_F(EncodingACategory, IgnoresItsFileArgument) {
   qvrzOneCategoryRecord category{};
-  std::uint32_t length = 0;
+  uint32_t length = 0;
   unsigned char* buffer = InternalPutOneCategory2Buffer(31000, &category, &length);
   ASSERT_NE(buffer, nullptr);
   EXPECT_EQ(length, 96u);
@@ -468,7 +468,7 @@ TEST_F(EncodingACategory, IgnoresItsFileArgument) {
 
 TEST_F(EncodingACategory, RefusesNullWhereSomethingIsNeeded) {
   qvrzOneCategoryRecord category{};
-  std::uint32_t length = 4711;
+  uint32_t length = 4711;
   EXPECT_EQ(InternalPutOneCategory2Buffer(0, nullptr, &length), nullptr);
   EXPECT_EQ(InternalPutOneCategory2Buffer(0, &category, nullptr), nullptr);
   category.extraLength = 1;
@@ -487,13 +487,13 @@ TEST_F(EncodingACategory, ReturnsNullForAPayloadOfFourGigabytesOrMore) {
   unsigned char byte = 0;
   category.extraData = &byte;
   category.extraLength = 0xFFFFFFFF;
-  std::uint32_t length = 0;
+  uint32_t length = 0;
   EXPECT_EQ(InternalPutOneCategory2Buffer(0, &category, &length), nullptr);
 }
 
 TEST_F(EncodingACategory, ReturnsNullWithoutMemory) {
   qvrzOneCategoryRecord category{};
-  std::uint32_t length = 0;
+  uint32_t length = 0;
   RecordedCalls host;
   host.failOnce(Call::allocate);
   EXPECT_EQ(InternalPutOneCategory2Buffer(0, &category, &length), nullptr);
@@ -502,36 +502,35 @@ TEST_F(EncodingACategory, ReturnsNullWithoutMemory) {
 
 // ---- replacing ----
 
-int replaceIn(std::vector<std::uint64_t>& ids, const std::vector<UUIDMapping>& pairs,
-              std::int32_t count) {
+int replaceIn(std::vector<uint64_t>& ids, const std::vector<UUIDMapping>& pairs, int32_t count) {
   qvrzOneCategoryRecord category{};
-  category.secondIDCount = static_cast<std::int32_t>(ids.size());
+  category.secondIDCount = static_cast<int32_t>(ids.size());
   category.secondIDs = ids.data();
   qvrzOneCategoryRecord* pointer = &category;
   return InternalConvertOldCategoryID2New(&pointer, pairs.data(), count);
 }
 
 TEST_F(ReplacingIdentifiers, TakesTheFirstPairOfEachOldIdentifier) {
-  std::vector<std::uint64_t> ids = {3, 1, 3};
+  std::vector<uint64_t> ids = {3, 1, 3};
   EXPECT_EQ(replaceIn(ids, {{1, 11}, {3, 33}, {3, 44}}, 3), 1);
-  EXPECT_EQ(ids, (std::vector<std::uint64_t>{33, 11, 33}));
+  EXPECT_EQ(ids, (std::vector<uint64_t>{33, 11, 33}));
 }
 
 TEST_F(ReplacingIdentifiers, DoesNotReplaceTwice) {
-  std::vector<std::uint64_t> ids = {1};
+  std::vector<uint64_t> ids = {1};
   EXPECT_EQ(replaceIn(ids, {{1, 2}, {2, 3}}, 2), 1);
-  EXPECT_EQ(ids, std::vector<std::uint64_t>{2});
+  EXPECT_EQ(ids, std::vector<uint64_t>{2});
 }
 
 TEST_F(ReplacingIdentifiers, FailsAtTheFirstThatIsNotThereAndLeavesThoseBeforeItReplaced) {
-  std::vector<std::uint64_t> ids = {1, 9, 1};
+  std::vector<uint64_t> ids = {1, 9, 1};
   EXPECT_EQ(replaceIn(ids, {{1, 11}}, 1), 0);
-  EXPECT_EQ(ids, (std::vector<std::uint64_t>{11, 9, 1}));
+  EXPECT_EQ(ids, (std::vector<uint64_t>{11, 9, 1}));
 }
 
 TEST_F(ReplacingIdentifiers, SearchesTheCountedPairsOnlyAndNoneForANegativeCount) {
-  for (const std::int32_t count : {1, 0, -1, INT32_MIN}) {
-    std::vector<std::uint64_t> ids = {2};
+  for (const int32_t count : {1, 0, -1, INT32_MIN}) {
+    std::vector<uint64_t> ids = {2};
     EXPECT_EQ(replaceIn(ids, {{1, 11}, {2, 22}}, count), 0) << count;
   }
 }

@@ -20,9 +20,9 @@ enum class Way { returns, throwsError, throwsNumber, cancelled };
 struct Left {
   int result = 4711;
   int status = 4711;
-  std::uint16_t from = 47;
-  std::uint16_t to = 11;
-  std::size_t calls = 0;
+  uint16_t from = 47;
+  uint16_t to = 11;
+  size_t calls = 0;
   bool wasCancelled = false;
   Bytes source;
   Bytes target;
@@ -33,7 +33,7 @@ struct Left {
 struct Operation {
   std::string name;
   bool wantsHandle = false;
-  void (*run)(const QVWCHAR* source, const QVWCHAR* target, std::int16_t db, Left& left);
+  void (*run)(const QVWCHAR* source, const QVWCHAR* target, int16_t db, Left& left);
 };
 void PrintTo(const Operation& operation, std::ostream* out) {
   *out << operation.name;
@@ -41,21 +41,21 @@ void PrintTo(const Operation& operation, std::ostream* out) {
 
 const Operation kOperations[] = {
     {"PackOneDB2NewW", false,
-     [](const QVWCHAR* source, const QVWCHAR* target, std::int16_t, Left& left) {
+     [](const QVWCHAR* source, const QVWCHAR* target, int16_t, Left& left) {
        left.result = PackOneDB2NewW(source, target, 0, ProgressLog::function);
      }},
     {"PackOneDB2New_WithHandle", false,
-     [](const QVWCHAR* source, const QVWCHAR* target, std::int16_t, Left& left) {
+     [](const QVWCHAR* source, const QVWCHAR* target, int16_t, Left& left) {
        left.result = PackOneDB2New_WithHandle(source, target, 0, ProgressLog::function, &left.from,
                                               &left.to, &left.status);
      }},
     {"PackOneDB2AllNewUUIDFile", true,
-     [](const QVWCHAR*, const QVWCHAR* target, std::int16_t db, Left& left) {
+     [](const QVWCHAR*, const QVWCHAR* target, int16_t db, Left& left) {
        left.result = PackOneDB2AllNewUUIDFile(target, db, 0, ProgressLog::function, &left.from,
                                               &left.to, &left.status, nullptr);
      }},
     {"FixOneDBLinkErrorW", false,
-     [](const QVWCHAR* source, const QVWCHAR*, std::int16_t, Left& left) {
+     [](const QVWCHAR* source, const QVWCHAR*, int16_t, Left& left) {
        left.result = FixOneDBLinkErrorW(source, ProgressLog::function, 0, nullptr, &left.status);
      }},
 };
@@ -65,9 +65,9 @@ class Ending : public MaintenanceTest, public testing::WithParamInterface<Operat
   Ending() {
     allowDamage(kSource);
     allowDamage(kTarget);
-    const std::size_t records = image.addTable("QVrz_Record", 0x101);
-    const std::size_t categories = image.addTable("QVrz_Category", 0x202);
-    for (std::uint64_t i = 0; i < 3; ++i) {
+    const size_t records = image.addTable("QVrz_Record", 0x101);
+    const size_t categories = image.addTable("QVrz_Category", 0x202);
+    for (uint64_t i = 0; i < 3; ++i) {
       at.push_back(image.addRecord(records, 0xE1 + i, pattern(5)));
     }
     image.addRecord(categories, 0xC1, category(0xC1, {0xE1, 0xE2}));
@@ -85,7 +85,7 @@ class Ending : public MaintenanceTest, public testing::WithParamInterface<Operat
     std::srand(1);
     ProgressLog log;
     if (way == Way::returns) log.stopAt = stop;
-    log.during = [&](std::size_t index) {
+    log.during = [&](size_t index) {
       if (static_cast<int>(index) != stop) return;
       if (way == Way::throwsError) throw std::runtime_error("no");
       if (way == Way::throwsNumber) throw 5;
@@ -93,7 +93,7 @@ class Ending : public MaintenanceTest, public testing::WithParamInterface<Operat
       pthread_cancel(pthread_self());
       pthread_testcancel();
     };
-    db_ = GetParam().wantsHandle ? OpenDBaseW(wide(kSource), 1) : std::int16_t{0};
+    db_ = GetParam().wantsHandle ? OpenDBaseW(wide(kSource), 1) : int16_t{0};
     if (db_ != 0) seek(db_, 77);
     Left left;
     way == Way::cancelled ? callInThread(left) : call(left);
@@ -105,7 +105,7 @@ class Ending : public MaintenanceTest, public testing::WithParamInterface<Operat
   }
 
   FileImage image;
-  std::vector<std::int64_t> at;
+  std::vector<int64_t> at;
   RecordedCalls host;
 
  private:
@@ -135,14 +135,14 @@ class Ending : public MaintenanceTest, public testing::WithParamInterface<Operat
     expectWritesReachTheFile();
   }
 
-  std::int16_t db_ = 0;
+  int16_t db_ = 0;
   Left* left_ = nullptr;
 };
 
 TEST_P(Ending, IsTheSameForAFunctionThatReturnsZeroAndForOneThatThrows) {
-  const std::size_t calls = run(-1, Way::returns).calls;
+  const size_t calls = run(-1, Way::returns).calls;
   ASSERT_GE(calls, 2u);
-  for (std::size_t stop = 0; stop < calls; ++stop) {
+  for (size_t stop = 0; stop < calls; ++stop) {
     SCOPED_TRACE(stop);
     const Left left = run(static_cast<int>(stop), Way::returns);
     EXPECT_EQ(left.calls, stop + 1);
@@ -152,8 +152,8 @@ TEST_P(Ending, IsTheSameForAFunctionThatReturnsZeroAndForOneThatThrows) {
 }
 
 TEST_P(Ending, LetsTheCancellationOfItsThreadPassAndClosesItsFiles) {
-  const std::size_t calls = run(-1, Way::returns).calls;
-  for (std::size_t stop = 0; stop < calls; ++stop) {
+  const size_t calls = run(-1, Way::returns).calls;
+  for (size_t stop = 0; stop < calls; ++stop) {
     SCOPED_TRACE(stop);
     const Left left = run(static_cast<int>(stop), Way::cancelled);
     EXPECT_TRUE(left.wasCancelled);
@@ -168,9 +168,9 @@ INSTANTIATE_TEST_SUITE_P(Of, Ending, testing::ValuesIn(kOperations),
 using SavedCall = DatabaseTest;
 
 TEST_F(SavedCall, CountsAThrowAsZeroAndRestoresThePosition) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   ProgressLog log;
-  log.during = [&](std::size_t) {
+  log.during = [&](size_t) {
     seek(db, 1);
     throw std::runtime_error("no");
   };

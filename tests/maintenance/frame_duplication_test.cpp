@@ -14,12 +14,12 @@ class FrameDuplication : public MaintenanceTest {
   }
 
   // The numbers that are in use, all closed afterwards: the operation tells none.
-  static std::vector<std::int16_t> closeWhatIsOpen() {
-    std::vector<std::int16_t> files;
-    for (std::int16_t file = 1; file < 20; ++file) {
+  static std::vector<int16_t> closeWhatIsOpen() {
+    std::vector<int16_t> files;
+    for (int16_t file = 1; file < 20; ++file) {
       if (position(file) != -1) files.push_back(file);
     }
-    for (const std::int16_t file : files) CloseDBase(file);
+    for (const int16_t file : files) CloseDBase(file);
     return files;
   }
 
@@ -33,7 +33,7 @@ TEST_F(FrameDuplication, FailsAndLeavesAnEmptyFileAndTheSourceOpenAsRequired) {
   EXPECT_EQ(duplicate(), 0);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(fileSize(kTarget), 0u);
-  EXPECT_EQ(closeWhatIsOpen(), std::vector<std::int16_t>{1});  // the source was opened first
+  EXPECT_EQ(closeWhatIsOpen(), std::vector<int16_t>{1});  // the source was opened first
   EXPECT_TRUE(sameBytes(contents(kSource), lively.image.build()));
 }
 
@@ -89,7 +89,7 @@ TEST_F(FrameDuplication, RefusesASourceThatIsNotThereOrNoDatabaseWithStatus100An
   EXPECT_EQ(status, 100);
   for (const int version : {99, 200}) {
     FileImage source;
-    source.header().version = static_cast<std::uint16_t>(version);
+    source.header().version = static_cast<uint16_t>(version);
     allowDamage(kSource);
     putSource(source);
     EXPECT_EQ(duplicate(), 0);
@@ -114,7 +114,7 @@ TEST_F(FrameDuplication, SharesTheSourceWithAWriter) {
   ASSERT_EQ(OpenDBaseW(wide(kSource), 3), 1);
   EXPECT_EQ(duplicate(), 0);
   EXPECT_EQ(status, 0);  // it came as far as ever
-  EXPECT_EQ(closeWhatIsOpen(), (std::vector<std::int16_t>{1, 2}));
+  EXPECT_EQ(closeWhatIsOpen(), (std::vector<int16_t>{1, 2}));
 }
 
 TEST_F(FrameDuplication, RefusesItsSourceAsTarget) {

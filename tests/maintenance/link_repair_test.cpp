@@ -20,8 +20,8 @@ class LinkRepair : public MaintenanceTest {
 
   // A table "t" with records A to D of 5 bytes each.
   void fourRecords() {
-    const std::size_t table = image.addTable("t", 0x101);
-    for (std::size_t i = 0; i < 4; ++i) at[i] = image.addRecord(table, 0xA0 + i, pattern(5));
+    const size_t table = image.addTable("t", 0x101);
+    for (size_t i = 0; i < 4; ++i) at[i] = image.addRecord(table, 0xA0 + i, pattern(5));
   }
 
   int repair() {
@@ -40,19 +40,19 @@ class LinkRepair : public MaintenanceTest {
   }
 
   // What the table then holds, and that it is a sound chain.
-  void expectChain(const std::vector<std::int64_t>& positions, std::size_t table = 0) {
+  void expectChain(const std::vector<int64_t>& positions, size_t table = 0) {
     const SlotFields slot = this->slot(table, kSource);
     ASSERT_EQ(slot.recordCount, positions.size());
     EXPECT_EQ(slot.firstRecordPos, positions.front());
     EXPECT_EQ(slot.lastRecordPos, positions.back());
-    for (std::size_t i = 0; i < positions.size(); ++i) {
+    for (size_t i = 0; i < positions.size(); ++i) {
       const RecordFields fields = record(positions[i], kSource);
       EXPECT_EQ(fields.prevRecordPos, i == 0 ? 0 : positions[i - 1]);
       EXPECT_EQ(fields.nextRecordPos, i + 1 == positions.size() ? 0 : positions[i + 1]);
     }
   }
 
-  void repairTo(int expectedResult, const std::vector<std::int64_t>& positions) {
+  void repairTo(int expectedResult, const std::vector<int64_t>& positions) {
     putSource(image);
     EXPECT_EQ(repair(), 1);
     EXPECT_EQ(result, expectedResult);
@@ -69,7 +69,7 @@ class LinkRepair : public MaintenanceTest {
   ProgressLog log;
   FileImage image;
   FileImage expected;
-  std::int64_t at[4] = {};
+  int64_t at[4] = {};
   int result = 0;
 };
 
@@ -190,7 +190,7 @@ TEST_F(LinkRepair, EndsTheForwardWalkAtARecordOfAnotherTable) {
 }
 
 TEST_F(LinkRepair, EndsTheForwardWalkAtALinkThatCannotBeFollowed) {
-  for (const std::int64_t link : {std::int64_t{-1}, INT64_MIN, INT64_MAX, std::int64_t{1}}) {
+  for (const int64_t link : {int64_t{-1}, INT64_MIN, INT64_MAX, int64_t{1}}) {
     image = FileImage();
     fourRecords();
     image.record(at[1]).nextRecordPos = link;
@@ -201,7 +201,7 @@ TEST_F(LinkRepair, EndsTheForwardWalkAtALinkThatCannotBeFollowed) {
 TEST_F(LinkRepair, RelinksAChainWhoseLastPositionLeadsNowhere) {
   fourRecords();
   expected = image;
-  for (const std::int64_t last : {std::int64_t{-1}, std::int64_t{0}, INT64_MAX, std::int64_t{1}}) {
+  for (const int64_t last : {int64_t{-1}, int64_t{0}, INT64_MAX, int64_t{1}}) {
     image.slot(0).lastRecordPos = last;
     expectRepaired(kRewritten);
   }
@@ -240,12 +240,12 @@ TEST_F(LinkRepair, PassesOverIndexesThatTheForwardListDoesNotHave) {
 }
 
 TEST_F(LinkRepair, RepairsEachTableByItself) {
-  const std::size_t one = image.addTable("one", 0x101);
-  const std::size_t two = image.addTable("two", 0x202);
-  const std::size_t three = image.addTable("three", 0x303);
-  std::int64_t records[3][3];
-  for (std::size_t i = 0; i < 3; ++i) {
-    for (const std::size_t table : {one, two, three}) {
+  const size_t one = image.addTable("one", 0x101);
+  const size_t two = image.addTable("two", 0x202);
+  const size_t three = image.addTable("three", 0x303);
+  int64_t records[3][3];
+  for (size_t i = 0; i < 3; ++i) {
+    for (const size_t table : {one, two, three}) {
       records[table][i] = image.addRecord(table, 0xA0 + i, bytesOf("x"));
     }
   }
@@ -271,7 +271,7 @@ TEST_F(LinkRepair, LeavesTheSlotUnwrittenWhenOnlyLinksWereWrong) {
   RecordedCalls host;
   ASSERT_EQ(repair(), 1);
   for (const Write& write : host.writes()) {
-    EXPECT_TRUE(write.position == 4 || write.position >= static_cast<std::int64_t>(kDirectoryEnd));
+    EXPECT_TRUE(write.position == 4 || write.position >= static_cast<int64_t>(kDirectoryEnd));
   }
 }
 
@@ -279,7 +279,7 @@ TEST_F(LinkRepair, SharesTheFileWithAWriter) {
   fourRecords();
   image.record(at[2]).prevRecordPos = 0;
   putSource(image);
-  const std::int16_t writer = OpenDBaseW(wide(kSource), 3);
+  const int16_t writer = OpenDBaseW(wide(kSource), 3);
   EXPECT_EQ(repair(), 1);
   EXPECT_EQ(result, kRewritten);
   CloseDBase(writer);
@@ -298,7 +298,7 @@ TEST_F(LinkRepair, FailsOnASlotInUseWithoutItsMarks) {
 
 TEST_F(LinkRepair, FailsOnATableDataBlockThatIsDamaged) {
   image.addTable("t", 0x101);
-  const std::int64_t data = image.setTableData(0, bytesOf("data"), 9);
+  const int64_t data = image.setTableData(0, bytesOf("data"), 9);
   const TableDataFields sound = image.tableData(data);
   image.tableData(data).blockMark = 135;
   expectFailure();
@@ -428,7 +428,7 @@ TEST_F(LinkRepair, StopsAtEachSingleCallThatReturnsZeroExceptTheLast) {
   ASSERT_EQ(repair(), 1);
   const std::vector<int> all = log.repairPercents();
   ASSERT_EQ(all, (std::vector<int>{1, 13, 25, 37, 49, 61, 99, 100}));
-  for (std::size_t stop = 0; stop < all.size(); ++stop) {
+  for (size_t stop = 0; stop < all.size(); ++stop) {
     SCOPED_TRACE(all[stop]);
     putSource(image);
     log.stopAt = static_cast<int>(stop);
@@ -445,7 +445,7 @@ TEST_F(LinkRepair, StopsAtEachSingleCallThatReturnsZeroExceptTheLast) {
 TEST_F(LinkRepair, LetsTheProgressFunctionMoveThePositionExceptAtTheEnd) {
   fourRecords();
   putSource(image);
-  log.during = [](std::size_t) {
+  log.during = [](size_t) {
     if (position(1) != -1) seek(1, 3);
   };
   EXPECT_EQ(repair(), 1);
@@ -455,7 +455,7 @@ TEST_F(LinkRepair, LetsTheProgressFunctionMoveThePositionExceptAtTheEnd) {
 TEST_F(LinkRepair, HasClosedTheFileWhenItReports100) {
   putSource(image);
   std::vector<bool> open;
-  log.during = [&](std::size_t) { open.push_back(position(1) != -1); };
+  log.during = [&](size_t) { open.push_back(position(1) != -1); };
   ASSERT_EQ(repair(), 1);
   EXPECT_EQ(open, (std::vector<bool>{true, true, false}));
 }
@@ -465,7 +465,7 @@ TEST_F(LinkRepair, TellsItsResultAsItGoes) {
   image.record(at[3]).prevRecordPos = 0;
   putSource(image);
   std::vector<int> results;
-  log.during = [&](std::size_t) { results.push_back(result); };
+  log.during = [&](size_t) { results.push_back(result); };
   ASSERT_EQ(repair(), 1);
   EXPECT_EQ(results.front(), kNothing);
   EXPECT_EQ(results.back(), kRewritten);
@@ -479,9 +479,9 @@ TEST_F(LinkRepair, FailsWhereverAWriteFails) {
   RecordedCalls host;
   putSource(image);
   ASSERT_EQ(repair(), 1);
-  const std::size_t all = byteCount(host.writes());
+  const size_t all = byteCount(host.writes());
   ASSERT_EQ(all, 2 * 16u + 144 + 2);
-  for (std::size_t room = 0; room < all; ++room) {
+  for (size_t room = 0; room < all; ++room) {
     putSource(image);
     host.fullAfter(room);
     EXPECT_EQ(repair(), 1);
@@ -499,8 +499,8 @@ TEST_F(LinkRepair, FailsWithoutReporting100WhenTheVersionCannotBeWritten) {
   RecordedCalls host;
   putSource(image);
   ASSERT_EQ(repair(), 1);
-  const std::size_t all = byteCount(host.writes());
-  for (const std::size_t missing : {2u, 1u}) {
+  const size_t all = byteCount(host.writes());
+  for (const size_t missing : {2u, 1u}) {
     putSource(image);
     host.fullAfter(all - missing);
     EXPECT_EQ(repair(), 1);
@@ -513,8 +513,8 @@ TEST_F(LinkRepair, FailsWithoutReporting100WhenTheVersionCannotBeWritten) {
 
 // The links of the records are written, and nothing between them.
 TEST_F(LinkRepair, WritesNothingBetweenTheLinksOfRecordsThatAreNextToEachOther) {
-  const std::size_t table = image.addTable("t", 0x101);
-  for (std::size_t i = 0; i < 4; ++i) at[i] = image.addRecord(table, 0xA0 + i, {});
+  const size_t table = image.addTable("t", 0x101);
+  for (size_t i = 0; i < 4; ++i) at[i] = image.addRecord(table, 0xA0 + i, {});
   image.record(at[3]).prevRecordPos = 0;
   RecordedCalls host;
   putSource(image);
@@ -522,7 +522,7 @@ TEST_F(LinkRepair, WritesNothingBetweenTheLinksOfRecordsThatAreNextToEachOther) 
   EXPECT_EQ(result, kRewritten);
   const std::vector<Write> writes = ranges(host.writes());
   ASSERT_EQ(writes.size(), 5u);  // the version last
-  for (std::size_t i = 0; i < 4; ++i) {
+  for (size_t i = 0; i < 4; ++i) {
     EXPECT_EQ(writes[i].position, at[i] + 31);
     EXPECT_EQ(writes[i].bytes.size(), 16u);
   }
@@ -531,23 +531,23 @@ TEST_F(LinkRepair, WritesNothingBetweenTheLinksOfRecordsThatAreNextToEachOther) 
 // A payload that cannot be read lies where the walk backwards reads far ahead: every record is
 // found anyway, and the chain is left alone.
 TEST_F(LinkRepair, FindsEveryRecordThatTheHostCanDeliver) {
-  static std::int64_t bad;
-  const std::size_t table = image.addTable("t", 0x101);
-  std::vector<std::int64_t> all;
-  for (std::size_t i = 0; i < 600; ++i) {
+  static int64_t bad;
+  const size_t table = image.addTable("t", 0x101);
+  std::vector<int64_t> all;
+  for (size_t i = 0; i < 600; ++i) {
     all.push_back(image.addRecord(table, 0xA000 + i, pattern(600)));
   }
   image.header().version = 100;
   putSource(image);
-  for (const std::size_t record : {0u, 1u, 5u, 40u, 300u}) {
+  for (const size_t record : {0u, 1u, 5u, 40u, 300u}) {
     SCOPED_TRACE(record);
     bad = all[record] + 300;
     ReplacedCalls calls;
-    calls->readAt = [](int descriptor, void* buffer, std::size_t count, off_t position) -> ssize_t {
+    calls->readAt = [](int descriptor, void* buffer, size_t count, off_t position) -> ssize_t {
       if (position < bad + 50 && position + static_cast<off_t>(count) > bad) {
         errno = EIO;
         if (position >= bad) return -1;
-        count = static_cast<std::size_t>(bad - position);
+        count = static_cast<size_t>(bad - position);
       }
       return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
     };
@@ -575,7 +575,7 @@ TEST_F(LinkRepair, FailsOrRepairsLessWhereverAReadFails) {
 
 TEST_F(LinkRepair, WritesBothLinksOfAnEntryAndNothingElse) {
   fourRecords();
-  const std::int16_t db = put(image, kSource);
+  const int16_t db = put(image, kSource);
   recordPartP1Class entry{};
   entry.recordPos = at[1];
   entry.prevRecordPos = 0x0102030405060708;
@@ -595,7 +595,7 @@ TEST_F(LinkRepair, TellsDuplicatesByThePositionAlone) {
   QVList list;
   recordPartP1Class entry{};
   EXPECT_EQ(Internal_CheckRPP1Class_Duplicate(&list, &entry), 0);
-  for (const std::int64_t position : {10, 20, 30}) {
+  for (const int64_t position : {10, 20, 30}) {
     entry.recordPos = position;
     entry.recordID = 5;
     list.Add(&entry, sizeof entry);

@@ -16,7 +16,7 @@ class AppendingACopiedRecord : public RecordTest {
     return slot;
   }
 
-  static recordPart1 source(std::uint32_t length, std::uint32_t capacity) {
+  static recordPart1 source(uint32_t length, uint32_t capacity) {
     recordPart1 header{};
     header.blockMark = 135;
     header.headerSize = 64;
@@ -31,16 +31,16 @@ class AppendingACopiedRecord : public RecordTest {
     return header;
   }
 
-  int append(std::int16_t db, tablePart1* slot, const recordPart1& header) {
+  int append(int16_t db, tablePart1* slot, const recordPart1& header) {
     const Bytes payload = bytesOf("payload");
     return internal_AddOneRecordData_ForPack(db, slot, slot->tableID,
-                                             static_cast<std::int64_t>(slotOffset(notes)), 144,
+                                             static_cast<int64_t>(slotOffset(notes)), 144,
                                              payload.data(), &header);
   }
 };
 
 TEST_F(AppendingACopiedRecord, KeepsIdentifierTimesLengthAndCapacity) {
-  const std::int16_t db = start();
+  const int16_t db = start();
   tablePart1 slot = slotOfNotes();
   ASSERT_EQ(append(db, &slot, source(7, 10)), 1);
   image.addRecord(notes, kC, bytesOf("payload"),
@@ -49,7 +49,7 @@ TEST_F(AppendingACopiedRecord, KeepsIdentifierTimesLengthAndCapacity) {
 }
 
 TEST_F(AppendingACopiedRecord, CarriesTheIdentifierAsItIsEvenWithAWrongSum) {
-  const std::int16_t db = start();
+  const int16_t db = start();
   tablePart1 slot = slotOfNotes();
   recordPart1 header = source(7, 7);
   header.recordID[9] ^= 0xFF;
@@ -60,17 +60,17 @@ TEST_F(AppendingACopiedRecord, CarriesTheIdentifierAsItIsEvenWithAWrongSum) {
 
 TEST_F(AppendingACopiedRecord, HandsTheSlotBackAsItIsNowInTheFile) {
   threeRecords();
-  const std::int16_t db = start();
+  const int16_t db = start();
   tablePart1 slot = slotOfNotes();
-  const std::int64_t end = image.end();
+  const int64_t end = image.end();
   ASSERT_EQ(append(db, &slot, source(7, 7)), 1);
   EXPECT_EQ(slot.recordCount, 4u);
-  EXPECT_EQ(std::int64_t{slot.lastRecordPos}, end);
+  EXPECT_EQ(int64_t{slot.lastRecordPos}, end);
   EXPECT_EQ(record(c).nextRecordPos, end);
 }
 
 TEST_F(AppendingACopiedRecord, RefusesASlotWhoseFirstPositionAndCountDisagree) {
-  const std::int16_t db = start();
+  const int16_t db = start();
   tablePart1 slot = slotOfNotes();
   slot.recordCount = 1;
   expectUnchanged([&] { EXPECT_EQ(append(db, &slot, source(7, 7)), 0); });
@@ -81,8 +81,8 @@ TEST_F(AppendingACopiedRecord, RefusesASlotWhoseFirstPositionAndCountDisagree) {
 
 TEST_F(AppendingACopiedRecord, FailsWhereverAWriteFails) {
   allowDamage();
-  for (std::size_t room = 0; room < 300; ++room) {
-    const std::int16_t db = start();
+  for (size_t room = 0; room < 300; ++room) {
+    const int16_t db = start();
     tablePart1 slot = slotOfNotes();
     host.fullAfter(room);
     const int result = append(db, &slot, source(7, 7));

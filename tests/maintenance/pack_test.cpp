@@ -25,10 +25,10 @@ class Pack : public MaintenanceTest {
   }
 
   // One table with records of these payload lengths.
-  static FileImage withRecords(const std::vector<std::size_t>& lengths) {
+  static FileImage withRecords(const std::vector<size_t>& lengths) {
     FileImage image;
     image.addTable("t", 0x101);
-    for (std::size_t i = 0; i < lengths.size(); ++i) {
+    for (size_t i = 0; i < lengths.size(); ++i) {
       image.addRecord(0, 0xA0 + i, pattern(lengths[i]));
     }
     return image;
@@ -59,8 +59,7 @@ TEST_F(Pack, GivesATableWithRecordsTheTableDataPositionsOfTheSourceOnPurpose) {
   EXPECT_EQ(slot(0, kTarget).lastWrittenDataPos, lively.dataOfOne);
   EXPECT_EQ(slot(0, kTarget).lastDataPos, lively.dataOfOne);
   // The block itself was copied all the same: it is the first one behind the directory.
-  EXPECT_EQ(tableData(static_cast<std::int64_t>(kDirectoryEnd), kTarget).data(),
-            bytesOf("data of one"));
+  EXPECT_EQ(tableData(static_cast<int64_t>(kDirectoryEnd), kTarget).data(), bytesOf("data of one"));
 }
 
 TEST_F(Pack, KeepsTheTableDataOfATableWithoutRecordsWithItsCounts) {
@@ -78,7 +77,7 @@ TEST_F(Pack, KeepsTheTableDataOfATableWithoutRecordsWithItsCounts) {
 TEST_F(Pack, CopiesATableDataBlockByteForByteWithTheOldBytesInItsRoom) {
   FileImage source;
   source.addTable("t", 0x101);
-  const std::int64_t data = source.setTableData(0, bytesOf("hello"), 10);
+  const int64_t data = source.setTableData(0, bytesOf("hello"), 10);
   source.tableData(data).room = bytesOf("helloOLDIE");
   expectPacked(source, source);
 }
@@ -95,7 +94,7 @@ TEST_F(Pack, ZeroesTheRoomBehindAPayloadAndKeepsItsSize) {
 
 TEST_F(Pack, GivesARecordTheRoomOfItsPayloadWhenTheSourceClaimsLess) {
   FileImage source = withRecords({10});
-  const std::int64_t position = source.slot(0).firstRecordPos;
+  const int64_t position = source.slot(0).firstRecordPos;
   FileImage expected = source;
   source.record(position).dataCapacity = 4;
   allowDamage(kSource);
@@ -180,7 +179,7 @@ TEST_F(Pack, StopsAtTheEndOfAChainThatIsShorterThanItsCount) {
 
 TEST_F(Pack, CopiesALoopAsOftenAsTheSlotCounts) {
   FileImage source = withRecords({5, 6});
-  const std::int64_t first = source.slot(0).firstRecordPos;
+  const int64_t first = source.slot(0).firstRecordPos;
   source.record(source.slot(0).lastRecordPos).nextRecordPos = first;
   source.slot(0).recordCount = 5;
   allowDamage(kSource);
@@ -273,8 +272,8 @@ TEST_F(Pack, WorksOutThePercentInUnsigned32BitNumbers) {
 
 TEST_F(Pack, ReportsARecordAfterItIsInTheTargetAndWithTheOperatingSystem) {
   putSource(withRecords({5, 6}));
-  log.during = [this](std::size_t index) {
-    const std::size_t lengths[] = {kDirectoryEnd, kDirectoryEnd + 61, kDirectoryEnd + 61 + 62};
+  log.during = [this](size_t index) {
+    const size_t lengths[] = {kDirectoryEnd, kDirectoryEnd + 61, kDirectoryEnd + 61 + 62};
     if (index > 2) return;
     EXPECT_EQ(fileSize(kTarget), lengths[index]);
     EXPECT_EQ(slot(0, kTarget).recordCount, index);
@@ -287,7 +286,7 @@ TEST_F(Pack, ShowsVersion101WhileItFillsTheTargetAnd100WhenItIsFinished) {
   source.header().version = 150;
   putSource(source);
   std::vector<int> versions;
-  log.during = [&](std::size_t) { versions.push_back(header(kTarget).version); };
+  log.during = [&](size_t) { versions.push_back(header(kTarget).version); };
   ASSERT_EQ(pack(), 1);
   // At 1 percent it still is the source's.
   EXPECT_EQ(versions, (std::vector<int>{150, 101, 101, 100}));
@@ -295,7 +294,7 @@ TEST_F(Pack, ShowsVersion101WhileItFillsTheTargetAnd100WhenItIsFinished) {
 
 TEST_F(Pack, HasClosedBothFilesWhenItReports100) {
   putSource(withRecords({5}));
-  log.during = [&](std::size_t index) {
+  log.during = [&](size_t index) {
     if (index != 3) return;
     EXPECT_EQ(position(1), -1);
     EXPECT_EQ(position(2), -1);
@@ -307,7 +306,7 @@ TEST_F(Pack, HasClosedBothFilesWhenItReports100) {
 TEST_F(Pack, ClosesBothNumbersOnceMoreOnPurposeWhenTheCallWith100ReturnsZero) {
   putSource(withRecords({5}));
   log.stopAt = 3;
-  log.during = [this](std::size_t index) {
+  log.during = [this](size_t index) {
     if (index != 3) return;
     EXPECT_EQ(OpenDBaseW(wide(kSource), 1), 1);
     EXPECT_EQ(OpenDBaseW(wide(kSource), 1), 2);
@@ -320,9 +319,9 @@ TEST_F(Pack, ClosesBothNumbersOnceMoreOnPurposeWhenTheCallWith100ReturnsZero) {
 
 TEST_F(Pack, SharesTheSourceWithAWriterButNotTheTarget) {
   putSource(withRecords({5}));
-  const std::int16_t writer = OpenDBaseW(wide(kSource), 3);
+  const int16_t writer = OpenDBaseW(wide(kSource), 3);
   ASSERT_EQ(writer, 1);
-  log.during = [this](std::size_t index) {
+  log.during = [this](size_t index) {
     if (index != 0) return;
     EXPECT_EQ(QVFile().QVWriteFile(2, "", 0, nullptr), 1) << "the source is open for reading only";
     EXPECT_EQ(OpenDBaseW(wide(kTarget), 3), 0) << "the target has room for another writer";
@@ -336,7 +335,7 @@ TEST_F(Pack, FailsAtEachSingleCallThatReturnsZeroEvenAtThatWith100) {
   ASSERT_EQ(pack(), 1);
   const std::vector<int> all = log.percents();
   ASSERT_EQ(all, (std::vector<int>{1, 49, 98, 99, 100}));
-  for (std::size_t stop = 0; stop < all.size(); ++stop) {
+  for (size_t stop = 0; stop < all.size(); ++stop) {
     SCOPED_TRACE(all[stop]);
     removeTarget();
     log.entries.clear();
@@ -361,9 +360,9 @@ TEST_F(Pack, WorksWithoutAProgressFunction) {
 
 TEST_F(Pack, LetsTheProgressFunctionWorkOnAnotherDatabase) {
   putSource(withRecords({5, 6}));
-  const std::int16_t other = create("other.qvd");
-  const std::uint64_t table = addTable(other, "t");
-  log.during = [&](std::size_t) { addRecord(other, table, bytesOf("x")); };
+  const int16_t other = create("other.qvd");
+  const uint64_t table = addTable(other, "t");
+  log.during = [&](size_t) { addRecord(other, table, bytesOf("x")); };
   ASSERT_EQ(pack(), 1);
   EXPECT_TRUE(sameBytes(contents(kTarget), withRecords({5, 6}).build()));
   EXPECT_EQ(numberOfRecords(other, table), 5u);
@@ -390,7 +389,7 @@ TEST_F(Pack, RefusesASourceThatIsNotThereWithoutMakingATarget) {
 TEST_F(Pack, RefusesAVersionOutsideTheRangeBeforeTheTargetIsMade) {
   for (const int version : {99, 200}) {
     FileImage source;
-    source.header().version = static_cast<std::uint16_t>(version);
+    source.header().version = static_cast<uint16_t>(version);
     allowDamage(kSource);
     putSource(source);
     EXPECT_EQ(pack(), 0);
@@ -415,7 +414,7 @@ TEST_F(Pack, RefusesItsSourceAsTargetAndLeavesItAlone) {
 
 TEST_F(Pack, RefusesATargetThatIsOpenAndLeavesItAlone) {
   putSource(withRecords({5}));
-  const std::int16_t db = create(kTarget);
+  const int16_t db = create(kTarget);
   expectUnchanged([&] { EXPECT_EQ(pack(), 0); }, kTarget);
   close(db);
 }
@@ -447,7 +446,7 @@ TEST_F(Pack, TakesANegativeTableCountForNoTables) {
 TEST_F(Pack, RefusesADirectoryThatIsCutOff) {
   const Bytes whole = withRecords({}).build();
   allowDamage(kSource);
-  for (const std::size_t length : {kDirectoryEnd - 1, std::size_t{22}, std::size_t{21}}) {
+  for (const size_t length : {kDirectoryEnd - 1, size_t{22}, size_t{21}}) {
     putSource(whole.cut(length));
     EXPECT_EQ(pack(), 0);
     if (targetExists()) expectTargetEmptied();
@@ -458,7 +457,7 @@ TEST_F(Pack, RefusesEachFaultOfATableDataBlock) {
   const auto damaged = [](const std::function<void(TableDataFields&)>& damage) {
     FileImage image;
     image.addTable("t", 0x101);
-    const std::int64_t data = image.setTableData(0, bytesOf("hello"), 10);
+    const int64_t data = image.setTableData(0, bytesOf("hello"), 10);
     damage(image.tableData(data));
     return image;
   };
@@ -482,8 +481,7 @@ TEST_F(Pack, DoesNotMindALengthOfTableDataAboveItsRoom) {
 
 TEST_F(Pack, RefusesTableDataAtAPositionThatIsNone) {
   allowDamage(kSource);
-  for (const std::int64_t position :
-       {std::int64_t{-1}, INT64_MIN, INT64_MAX, std::int64_t{1} << 40}) {
+  for (const int64_t position : {int64_t{-1}, INT64_MIN, INT64_MAX, int64_t{1} << 40}) {
     FileImage source;
     source.addTable("t", 0x101);
     source.slot(0).firstDataPos = position;
@@ -501,14 +499,14 @@ TEST_F(Pack, RefusesEachFaultOfARecordHeader) {
   expectRefused(damaged([](RecordFields& record) { record.blockMark = 134; }));
   expectRefused(damaged([](RecordFields& record) { record.headerSize = 55; }));
   expectRefused(damaged([](RecordFields& record) { record.tableID[0] ^= 1; }));
-  for (const std::int64_t next : {std::int64_t{-1}, INT64_MIN, INT64_MAX, std::int64_t{1}}) {
+  for (const int64_t next : {int64_t{-1}, INT64_MIN, INT64_MAX, int64_t{1}}) {
     expectRefused(damaged([next](RecordFields& record) { record.nextRecordPos = next; }));
   }
 }
 
 TEST_F(Pack, FollowsNoFirstPositionThatIsNone) {
   allowDamage(kSource);
-  for (const std::int64_t first : {std::int64_t{-1}, INT64_MIN, INT64_MAX, std::int64_t{1}}) {
+  for (const int64_t first : {int64_t{-1}, INT64_MIN, INT64_MAX, int64_t{1}}) {
     FileImage source = withRecords({5});
     source.slot(0).firstRecordPos = first;
     expectRefused(source);
@@ -525,7 +523,7 @@ TEST_F(Pack, RefusesALengthThatTheFileDoesNotHoldWithoutTheMemoryForIt) {
   expectTargetEmptied();
   for (const Event& event : host.events()) {
     if (event.call == Call::allocate) {
-      EXPECT_LT(event.count, std::size_t{1} << 20);
+      EXPECT_LT(event.count, size_t{1} << 20);
     }
   }
 }
@@ -591,8 +589,8 @@ TEST_F(PackOnAFailingHost, FailsWhereverAReadFails) {
 
 TEST_F(PackOnAFailingHost, FailsWhereverTheDiskIsFull) {
   putSource(lively.image);
-  const std::size_t length = lively.packed().build().size();
-  for (std::size_t room = 0; room < length; room += 61) {
+  const size_t length = lively.packed().build().size();
+  for (size_t room = 0; room < length; room += 61) {
     host.fullAfter(room);
     EXPECT_EQ(pack(), 0) << room;
     host.heal();
@@ -625,7 +623,7 @@ TEST_F(PackOnAFailingHost, GoesOnAfterShortTransfers) {
     for (int step = 0;; ++step) {
       // At least a byte: where none comes, the file has ended.
       host.cutOnce(
-          call, [](std::size_t asked) { return asked - asked / 2; }, step);
+          call, [](size_t asked) { return asked - asked / 2; }, step);
       const int result = pack();
       host.heal();
       if (!host.failed()) break;
@@ -678,7 +676,7 @@ TEST_F(PackOnAFailingHost, KeepsNoMemory) {
   putSource(lively.image);
   allowDamage(kTarget);
   ASSERT_EQ(pack(), 1);
-  const std::size_t held = host.heldBlocks();
+  const size_t held = host.heldBlocks();
   ASSERT_EQ(pack(), 1);
   EXPECT_EQ(host.heldBlocks(), held);
   log.stopAt = static_cast<int>(log.entries.size()) + 3;

@@ -4,7 +4,7 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::uint16_t kUnwritten = 0x7777;
+constexpr uint16_t kUnwritten = 0x7777;
 
 class PackWithHandle : public MaintenanceTest {
  protected:
@@ -24,7 +24,7 @@ class PackWithHandle : public MaintenanceTest {
 
   // A slot as it lies in memory: fields aligned to their size but at most to 4 bytes, 128 bytes in
   // all, little-endian, and zeros up to the slot size.
-  static Bytes rawSlot(const SlotFields& slot, std::size_t size = 144) {
+  static Bytes rawSlot(const SlotFields& slot, size_t size = 144) {
     Bytes raw;
     Bytes name = slot.tableName;
     name.resize(32);
@@ -49,14 +49,14 @@ class PackWithHandle : public MaintenanceTest {
   // The header and the directory of images that this pack makes of the source.
   static Bytes rawCopy(FileImage& source) {
     Bytes expected = source.header().encode();
-    for (std::size_t i = 0; i < kSlots; ++i) expected.add(rawSlot(emptied(source.slot(i))));
+    for (size_t i = 0; i < kSlots; ++i) expected.add(rawSlot(emptied(source.slot(i))));
     return expected;
   }
 
   // A file with one table that passes: the byte at the place of the end mark is 'y', because the
   // table's last written data position is 0x79 << 32; and the bytes at the places of the
   // structure's counts and positions, partly filler of the slot, are zeros.
-  static Bytes passingFile(std::uint64_t lastWrittenDataPos = std::uint64_t{0x79} << 32) {
+  static Bytes passingFile(uint64_t lastWrittenDataPos = uint64_t{0x79} << 32) {
     FileImage image;
     image.addTable("t", 0x101);
     Bytes file = image.build();
@@ -67,12 +67,12 @@ class PackWithHandle : public MaintenanceTest {
   }
 
   ProgressLog log;
-  std::uint16_t srcRef = kUnwritten;
-  std::uint16_t dstRef = kUnwritten;
+  uint16_t srcRef = kUnwritten;
+  uint16_t dstRef = kUnwritten;
   int status = 0;
 
  private:
-  static std::uint64_t bits(std::int64_t value) { return static_cast<std::uint64_t>(value); }
+  static uint64_t bits(int64_t value) { return static_cast<uint64_t>(value); }
 };
 
 // ---- the directory in its raw form ----
@@ -103,8 +103,8 @@ TEST_F(PackWithHandle, FailsOnTheFirstTableOfAnyOrdinaryDatabaseAsRequired) {
 }
 
 TEST_F(PackWithHandle, WritesRawImagesOfTheSlotSizeAndReadsNothingBehindTheStructure) {
-  for (const std::uint16_t slotSize :
-       std::vector<std::uint16_t>{0, 1, 100, 127, 128, 129, 143, 144, 145, 300}) {
+  for (const uint16_t slotSize :
+       std::vector<uint16_t>{0, 1, 100, 127, 128, 129, 143, 144, 145, 300}) {
     SCOPED_TRACE(slotSize);
     HeaderFields header;
     header.slotSize = slotSize;
@@ -123,7 +123,7 @@ TEST_F(PackWithHandle, WritesRawImagesOfTheSlotSizeAndReadsNothingBehindTheStruc
         image.resize(144);
         known = decodeSlot(header.encode().add(image), 0);
       }
-      expected.add(rawSlot(emptied(known), std::max<std::size_t>(slotSize, 128)).cut(slotSize));
+      expected.add(rawSlot(emptied(known), std::max<size_t>(slotSize, 128)).cut(slotSize));
     }
     putSource(source);
     EXPECT_EQ(pack(), 1);
@@ -139,7 +139,7 @@ TEST_F(PackWithHandle, PassesATableWhoseDataPositionHasTheEndMarkInItsBits32To39
   SlotFields slot;
   slot.tableID = identifier(0x101);
   slot.tableName = bytesOf("t");
-  slot.lastWrittenDataPos = std::int64_t{0x79} << 32;
+  slot.lastWrittenDataPos = int64_t{0x79} << 32;
   FileImage expected;
   expected.header().tableCount = 1;
   expected.slot(0) = slot;
@@ -149,10 +149,10 @@ TEST_F(PackWithHandle, PassesATableWhoseDataPositionHasTheEndMarkInItsBits32To39
 }
 
 TEST_F(PackWithHandle, PassesThatTableInASparseFileThatReallyIsThatLong) {
-  Bytes file = passingFile((std::uint64_t{0x79} << 32) + 12);
+  Bytes file = passingFile((uint64_t{0x79} << 32) + 12);
   putSource(file);
   std::error_code refused;
-  std::filesystem::resize_file(path(kSource), (std::uint64_t{0x79} << 32) + 4096, refused);
+  std::filesystem::resize_file(path(kSource), (uint64_t{0x79} << 32) + 4096, refused);
   if (refused) GTEST_SKIP() << "no files of that length here";
   EXPECT_EQ(pack(), 1);
   EXPECT_EQ(fileSize(kTarget), kDirectoryEnd);
@@ -160,7 +160,7 @@ TEST_F(PackWithHandle, PassesThatTableInASparseFileThatReallyIsThatLong) {
 }
 
 TEST_F(PackWithHandle, RefusesTheTableWhenThatByteIsAnother) {
-  putSource(passingFile(std::uint64_t{0x78} << 32));
+  putSource(passingFile(uint64_t{0x78} << 32));
   EXPECT_EQ(pack(), 0);
   expectTargetEmptied();
 }
@@ -255,12 +255,12 @@ TEST_F(PackWithHandle, SetsTheStatusBeforeItLooksAtAnything) {
 
 TEST_F(PackWithHandle, TellsBothNumbersAndStatusZeroDuringTheProgressCalls) {
   putSource(passingFile());
-  log.during = [this](std::size_t index) {
+  log.during = [this](size_t index) {
     if (index != 0) return;
     EXPECT_EQ(status, 0);
     EXPECT_NE(srcRef, dstRef);
-    EXPECT_NE(position(static_cast<std::int16_t>(srcRef)), -1);
-    EXPECT_NE(position(static_cast<std::int16_t>(dstRef)), -1);
+    EXPECT_NE(position(static_cast<int16_t>(srcRef)), -1);
+    EXPECT_NE(position(static_cast<int16_t>(dstRef)), -1);
   };
   EXPECT_EQ(pack(), 1);
   EXPECT_EQ(srcRef, 0);
@@ -299,7 +299,7 @@ TEST_F(PackWithHandle, LeavesTheTargetNumberAfterAFailureWithoutABuffer) {
 TEST_F(PackWithHandle, SetsTheTargetNumberToZeroAfterAFailureWithTheHeaderInMemory) {
   putSource(passingFile());
   RecordedCalls host;
-  for (std::size_t room = 0; room < kDirectoryEnd; ++room) {
+  for (size_t room = 0; room < kDirectoryEnd; ++room) {
     host.fullAfter(room);
     EXPECT_EQ(pack(), 0);
     host.heal();
@@ -325,7 +325,7 @@ TEST_F(PackWithHandle, SetsTheTargetNumberToZeroWhenAPayloadIsLongerThanTheFile)
 TEST_F(PackWithHandle, KeepsTheTargetOfAFailedPackWhenTheStatusIs100AtThatMoment) {
   putSource(passingFile());
   log.stopAt = 0;
-  log.during = [this](std::size_t) { status = 100; };
+  log.during = [this](size_t) { status = 100; };
   EXPECT_EQ(pack(), 0);
   EXPECT_EQ(fileSize(kTarget), kDirectoryEnd);
 }
@@ -346,7 +346,7 @@ TEST_F(PackWithHandle, NeverTouchesTheVersion) {
   file.putBe(4, 2, 177);
   putSource(file);
   std::vector<int> versions;
-  log.during = [&](std::size_t) { versions.push_back(header(kTarget).version); };
+  log.during = [&](size_t) { versions.push_back(header(kTarget).version); };
   EXPECT_EQ(pack(), 1);
   EXPECT_EQ(versions, (std::vector<int>{177, 177}));
 }

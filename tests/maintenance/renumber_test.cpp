@@ -9,26 +9,26 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::uint64_t kInfoTable = 0x101;
-constexpr std::uint64_t kRecordTable = 0x202;
-constexpr std::uint64_t kCategoryTable = 0x303;
-constexpr std::uint64_t kOtherTable = 0x404;
+constexpr uint64_t kInfoTable = 0x101;
+constexpr uint64_t kRecordTable = 0x202;
+constexpr uint64_t kCategoryTable = 0x303;
+constexpr uint64_t kOtherTable = 0x404;
 constexpr std::time_t kNow = 0x5F5E1000;
-constexpr std::uint16_t kUnwritten = 0x7777;
+constexpr uint16_t kUnwritten = 0x7777;
 
-Bytes categoryPayload(const std::vector<std::uint64_t>& second, const Bytes& extra = {}) {
+Bytes categoryPayload(const std::vector<uint64_t>& second, const Bytes& extra = {}) {
   Bytes out;
   out.be(8, 0xCAFE).zeros(64).be(4, 1).be(8, 2).be(4, 1).be(8, 0xF1);
   out.be(4, second.size());
-  for (const std::uint64_t id : second) out.be(8, id);
+  for (const uint64_t id : second) out.be(8, id);
   return out.be(4, extra.size()).add(extra);
 }
 
 // The second list of such a payload.
-std::vector<std::uint64_t> secondList(const Bytes& payload) {
-  std::vector<std::uint64_t> ids;
-  const auto count = static_cast<std::size_t>(payload.beAt(96, 4));
-  for (std::size_t i = 0; i < count; ++i) ids.push_back(payload.beAt(100 + 8 * i, 8));
+std::vector<uint64_t> secondList(const Bytes& payload) {
+  std::vector<uint64_t> ids;
+  const auto count = static_cast<size_t>(payload.beAt(96, 4));
+  for (size_t i = 0; i < count; ++i) ids.push_back(payload.beAt(100 + 8 * i, 8));
   return ids;
 }
 
@@ -39,7 +39,7 @@ class Renumber : public MaintenanceTest {
 
   int renumber() {
     putSource(image);
-    const std::int16_t src = OpenDBaseW(wide(kSource), 3);
+    const int16_t src = OpenDBaseW(wide(kSource), 3);
     const int result = renumberOpen(src);
     if (src != 0) {
       EXPECT_NE(position(src), -1) << "the source was closed";
@@ -49,7 +49,7 @@ class Renumber : public MaintenanceTest {
     return result;
   }
 
-  int renumberOpen(std::int16_t src) {
+  int renumberOpen(int16_t src) {
     srcRef = kUnwritten;
     dstRef = kUnwritten;
     status = 4711;
@@ -64,8 +64,8 @@ class Renumber : public MaintenanceTest {
     EXPECT_EQ(status, 0);
   }
 
-  std::vector<std::uint64_t> idsOf(const std::string& table) const {
-    std::vector<std::uint64_t> ids;
+  std::vector<uint64_t> idsOf(const std::string& table) const {
+    std::vector<uint64_t> ids;
     for (const ReadTable& each : database(kTarget).tables) {
       if (each.name != table) continue;
       for (const ReadRecord& record : each.records) ids.push_back(record.id);
@@ -73,22 +73,22 @@ class Renumber : public MaintenanceTest {
     return ids;
   }
 
-  Bytes payloadOf(const std::string& table, std::size_t index) const {
+  Bytes payloadOf(const std::string& table, size_t index) const {
     for (const ReadTable& each : database(kTarget).tables) {
       if (each.name == table) return each.records.at(index).fields.data();
     }
     return {};
   }
 
-  std::size_t addRecordTable(std::size_t count, std::uint64_t firstID = 0xA0) {
-    const std::size_t table = image.addTable("QVrz_Record", kRecordTable);
-    for (std::size_t i = 0; i < count; ++i) image.addRecord(table, firstID + i, bytesOf("record"));
+  size_t addRecordTable(size_t count, uint64_t firstID = 0xA0) {
+    const size_t table = image.addTable("QVrz_Record", kRecordTable);
+    for (size_t i = 0; i < count; ++i) image.addRecord(table, firstID + i, bytesOf("record"));
     return table;
   }
 
-  std::size_t addCategories(const std::vector<std::vector<std::uint64_t>>& lists) {
-    const std::size_t table = image.addTable("QVrz_Category", kCategoryTable);
-    std::uint64_t id = 0xC0;
+  size_t addCategories(const std::vector<std::vector<uint64_t>>& lists) {
+    const size_t table = image.addTable("QVrz_Category", kCategoryTable);
+    uint64_t id = 0xC0;
     for (const auto& list : lists) image.addRecord(table, id++, categoryPayload(list));
     return table;
   }
@@ -96,8 +96,8 @@ class Renumber : public MaintenanceTest {
   RecordedCalls host;
   ProgressLog log;
   FileImage image;
-  std::uint16_t srcRef = kUnwritten;
-  std::uint16_t dstRef = kUnwritten;
+  uint16_t srcRef = kUnwritten;
+  uint16_t dstRef = kUnwritten;
   int status = 0;
 };
 
@@ -105,7 +105,7 @@ class Renumber : public MaintenanceTest {
 
 TEST_F(Renumber, GivesTheFileAndItsRecordsNewIdentifiersButNotItsTables) {
   addCategories({});
-  const std::size_t other = image.addTable("other", kOtherTable);
+  const size_t other = image.addTable("other", kOtherTable);
   image.addRecord(other, 0xA1, bytesOf("first"), {.reserve = 20, .createTime = 11});
   image.addRecord(other, 0xA2, bytesOf("second"));
   ASSERT_EQ(renumber(), 1);
@@ -120,19 +120,19 @@ TEST_F(Renumber, GivesTheFileAndItsRecordsNewIdentifiersButNotItsTables) {
   EXPECT_NE(first.id, 0xA1u);
   EXPECT_EQ(first.fields.data(), bytesOf("first"));
   EXPECT_EQ(first.fields.dataCapacity, 20u);
-  EXPECT_EQ(first.fields.createTime, std::uint32_t{kNow});  // new times, too
-  EXPECT_EQ(first.fields.modifyTime, std::uint32_t{kNow});
+  EXPECT_EQ(first.fields.createTime, uint32_t{kNow});  // new times, too
+  EXPECT_EQ(first.fields.modifyTime, uint32_t{kNow});
   EXPECT_EQ(target.tables[1].records[1].fields.data(), bytesOf("second"));
 }
 
 TEST_F(Renumber, KeepsIdentifiersAndTimesInTheInfoTableAndIdentifiersInTheCategoryTable) {
-  const std::size_t info = image.addTable("QVrz_Info", kInfoTable);
+  const size_t info = image.addTable("QVrz_Info", kInfoTable);
   image.addRecord(info, 0xA1, bytesOf("info"), {.createTime = 11, .modifyTime = 12});
-  const std::size_t categories = addCategories({{}});
+  const size_t categories = addCategories({{}});
   image.record(image.slot(categories).firstRecordPos).createTime = 21;
   ASSERT_EQ(renumber(), 1);
-  EXPECT_EQ(idsOf("QVrz_Info"), std::vector<std::uint64_t>{0xA1});
-  EXPECT_EQ(idsOf("QVrz_Category"), std::vector<std::uint64_t>{0xC0});
+  EXPECT_EQ(idsOf("QVrz_Info"), std::vector<uint64_t>{0xA1});
+  EXPECT_EQ(idsOf("QVrz_Category"), std::vector<uint64_t>{0xC0});
   const ReadDatabase target = database(kTarget);
   EXPECT_EQ(target.tables[0].records[0].fields.createTime, 11u);
   EXPECT_EQ(target.tables[0].records[0].fields.modifyTime, 12u);
@@ -141,7 +141,7 @@ TEST_F(Renumber, KeepsIdentifiersAndTimesInTheInfoTableAndIdentifiersInTheCatego
 
 TEST_F(Renumber, TellsTheTablesByTheirExactNames) {
   addCategories({});
-  std::uint64_t table = 0x500;
+  uint64_t table = 0x500;
   for (const char* name : {"QVrz_info", "QVrz_Info2", "QVrz_Inf", "qvrz_Info"}) {
     image.addRecord(image.addTable(name, table++), 0xA1, bytesOf("x"));
   }
@@ -157,7 +157,7 @@ TEST_F(Renumber, CopiesTableDataAndKeepsTheVersion) {
   addCategories({});
   image.setTableData(0, bytesOf("data"), 9);
   std::vector<int> versions;
-  log.during = [&](std::size_t) { versions.push_back(header(kTarget).version); };
+  log.during = [&](size_t) { versions.push_back(header(kTarget).version); };
   ASSERT_EQ(renumber(), 1);
   EXPECT_EQ(versions, (std::vector<int>{150, 150}));
   EXPECT_EQ(database(kTarget).tables[0].data->data(), bytesOf("data"));
@@ -179,13 +179,12 @@ TEST_F(Renumber, ReplacesTheOldIdentifiersInTheSecondListsOfCategories) {
   addRecordTable(4);
   addCategories({{0xA2, 0xA0, 0xA1}, {}, {0xA0, 0xA0}});
   ASSERT_EQ(renumber(), 1);
-  const std::vector<std::uint64_t> ids = idsOf("QVrz_Record");
+  const std::vector<uint64_t> ids = idsOf("QVrz_Record");
   ASSERT_EQ(ids.size(), 4u);
   EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)),
-            (std::vector<std::uint64_t>{ids[2], ids[0], ids[1]}));
-  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 1)), std::vector<std::uint64_t>{});
-  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 2)),
-            (std::vector<std::uint64_t>{ids[0], ids[0]}));
+            (std::vector<uint64_t>{ids[2], ids[0], ids[1]}));
+  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 1)), std::vector<uint64_t>{});
+  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 2)), (std::vector<uint64_t>{ids[0], ids[0]}));
   // Everything else of the payload is as it was, the first list too.
   EXPECT_EQ(payloadOf("QVrz_Category", 0).cut(96), categoryPayload({}).cut(96));
 }
@@ -194,13 +193,13 @@ TEST_F(Renumber, WritesCategoriesInPlaceAndSetsTheirTimeOfModification) {
   addRecordTable(2);
   addCategories({{0xA0}});
   ASSERT_EQ(renumber(), 1);
-  EXPECT_EQ(fileSize(kTarget), static_cast<std::size_t>(image.end()));
-  EXPECT_EQ(database(kTarget).tables[1].records[0].fields.modifyTime, std::uint32_t{kNow});
+  EXPECT_EQ(fileSize(kTarget), static_cast<size_t>(image.end()));
+  EXPECT_EQ(database(kTarget).tables[1].records[0].fields.modifyTime, uint32_t{kNow});
 }
 
 TEST_F(Renumber, CarriesTheFreeBytesOfCategories) {
   addRecordTable(2);
-  const std::size_t table = image.addTable("QVrz_Category", kCategoryTable);
+  const size_t table = image.addTable("QVrz_Category", kCategoryTable);
   image.addRecord(table, 0xC0, categoryPayload({0xA0}, pattern(5000)));
   image.addRecord(table, 0xC1, categoryPayload({0xA0}, pattern(3, 9)));
   ASSERT_EQ(renumber(), 1);
@@ -212,14 +211,14 @@ TEST_F(Renumber, RewritesCategoriesWithTheirListsUnchangedWhenThereIsNoRecordTab
   addCategories({{0xA2, 0x999}});
   ASSERT_EQ(renumber(), 1);
   EXPECT_EQ(payloadOf("QVrz_Category", 0), categoryPayload({0xA2, 0x999}));
-  EXPECT_EQ(database(kTarget).tables[0].records[0].fields.modifyTime, std::uint32_t{kNow});
+  EXPECT_EQ(database(kTarget).tables[0].records[0].fields.modifyTime, uint32_t{kNow});
 }
 
 TEST_F(Renumber, TakesAnEmptyRecordTableForNone) {
   addRecordTable(0);
   addCategories({{0xA2}});
   ASSERT_EQ(renumber(), 1);
-  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)), std::vector<std::uint64_t>{0xA2});
+  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)), std::vector<uint64_t>{0xA2});
 }
 
 TEST_F(Renumber, FailsForACategoryThatListsAnUnknownIdentifier) {
@@ -236,7 +235,7 @@ TEST_F(Renumber, FailsWithoutACategoryTableAfterAllRecordsAreCopied) {
 
 TEST_F(Renumber, LeavesACategoryTooShortToDecodeAsItWasCopied) {
   addRecordTable(2);
-  const std::size_t table = addCategories({{0xA0}});
+  const size_t table = addCategories({{0xA0}});
   image.addRecord(table, 0xCF, bytesOf("12345678"), {.createTime = 5, .modifyTime = 6});
   image.addRecord(table, 0xD0, {}, {.createTime = 5, .modifyTime = 6});
   ASSERT_EQ(renumber(), 1);
@@ -248,14 +247,14 @@ TEST_F(Renumber, LeavesACategoryTooShortToDecodeAsItWasCopied) {
 
 TEST_F(Renumber, FailsForACategoryThatIsDamaged) {
   addRecordTable(2);
-  const std::size_t table = image.addTable("QVrz_Category", kCategoryTable);
+  const size_t table = image.addTable("QVrz_Category", kCategoryTable);
   image.addRecord(table, 0xC0, categoryPayload({0xA0}).cut(50));
   expectRefused();
   image.record(image.slot(table).firstRecordPos).room = categoryPayload({0xA0}).cut(50);
 }
 
 TEST_F(Renumber, FailsForFreeBytesThatClaimMoreThanTheWholeFile) {
-  const std::size_t table = image.addTable("QVrz_Category", kCategoryTable);
+  const size_t table = image.addTable("QVrz_Category", kCategoryTable);
   Bytes payload = categoryPayload({});
   payload.putBe(100, 4, 0x7FFFFFFF);
   image.addRecord(table, 0xC0, payload);
@@ -264,25 +263,25 @@ TEST_F(Renumber, FailsForFreeBytesThatClaimMoreThanTheWholeFile) {
 
 TEST_F(Renumber, MovesACategoryThatNeedsMoreRoomForItsZeroFilledFreeBytes) {
   // A claim longer than what is left of the file, but shorter than the file: zeros take its place.
-  const std::size_t table = image.addTable("QVrz_Category", kCategoryTable);
+  const size_t table = image.addTable("QVrz_Category", kCategoryTable);
   image.addRecord(table, 0xBF, categoryPayload({}));
   Bytes payload = categoryPayload({});
   payload.putBe(100, 4, 200);
   image.addRecord(table, 0xC0, payload);
   ASSERT_EQ(renumber(), 1);
   EXPECT_EQ(payloadOf("QVrz_Category", 1), payload.fill(200, 0));
-  EXPECT_EQ(idsOf("QVrz_Category"), (std::vector<std::uint64_t>{0xBF, 0xC0}));
+  EXPECT_EQ(idsOf("QVrz_Category"), (std::vector<uint64_t>{0xBF, 0xC0}));
 }
 
 TEST_F(Renumber, ChangesTheFirstOfTwoCategoriesOfOneIdentifierTwice) {
   addRecordTable(3);
-  const std::size_t table = image.addTable("QVrz_Category", kCategoryTable);
+  const size_t table = image.addTable("QVrz_Category", kCategoryTable);
   image.addRecord(table, 0xC0, categoryPayload({0xA0}));
   image.addRecord(table, 0xC0, categoryPayload({0xA1}));
   ASSERT_EQ(renumber(), 1);
-  const std::vector<std::uint64_t> ids = idsOf("QVrz_Record");
-  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)), std::vector<std::uint64_t>{ids[0]});
-  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 1)), std::vector<std::uint64_t>{0xA1});
+  const std::vector<uint64_t> ids = idsOf("QVrz_Record");
+  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)), std::vector<uint64_t>{ids[0]});
+  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 1)), std::vector<uint64_t>{0xA1});
 }
 
 // ---- how pairs are counted: required, and kept deliberately ----
@@ -301,13 +300,13 @@ TEST_F(Renumber, CountsNoPairForATableOfOneRecordOnPurpose) {
 
 TEST_F(Renumber, CountsThePairOfTheLastRecordWhenItsLinkLeadsOnPurposely) {
   // The last counted record has a successor, so that there is a step behind it.
-  const std::size_t table = addRecordTable(3);
+  const size_t table = addRecordTable(3);
   image.slot(table).recordCount = 2;
   addCategories({{0xA1}});
   allowDamage(kSource);
   ASSERT_EQ(renumber(), 1);
   EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)),
-            std::vector<std::uint64_t>{idsOf("QVrz_Record")[1]});
+            std::vector<uint64_t>{idsOf("QVrz_Record")[1]});
 }
 
 TEST_F(Renumber, RaisesTheCountInAKeptTableBehindTheRecordTableWithoutWritingOnPurpose) {
@@ -316,13 +315,13 @@ TEST_F(Renumber, RaisesTheCountInAKeptTableBehindTheRecordTableWithoutWritingOnP
   addCategories({{0xA2}, {}});
   ASSERT_EQ(renumber(), 1);
   EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)),
-            std::vector<std::uint64_t>{idsOf("QVrz_Record")[2]});
+            std::vector<uint64_t>{idsOf("QVrz_Record")[2]});
 }
 
 TEST_F(Renumber, MatchesNothingWithPairsThatWereCountedButNeverWritten) {
   // Far more steps than pairs.
   addRecordTable(2);
-  const std::size_t info = image.addTable("QVrz_Info", kInfoTable);
+  const size_t info = image.addTable("QVrz_Info", kInfoTable);
   for (unsigned i = 0; i < 50; ++i) image.addRecord(info, 0x700 + i, bytesOf("x"));
   addCategories({{0}});
   expectRefused();
@@ -330,17 +329,17 @@ TEST_F(Renumber, MatchesNothingWithPairsThatWereCountedButNeverWritten) {
 
 TEST_F(Renumber, OverwritesThePairsFromTheFirstOnInALaterRenewedTableOnPurpose) {
   addRecordTable(3);
-  const std::size_t other = image.addTable("other", kOtherTable);
+  const size_t other = image.addTable("other", kOtherTable);
   image.addRecord(other, 0x800, bytesOf("x"));
   addCategories({{0x800, 0xA1}});
   ASSERT_EQ(renumber(), 1);
   EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)),
-            (std::vector<std::uint64_t>{idsOf("other")[0], idsOf("QVrz_Record")[1]}));
+            (std::vector<uint64_t>{idsOf("other")[0], idsOf("QVrz_Record")[1]}));
 }
 
 TEST_F(Renumber, NoLongerFindsAPairThatALaterTableHasOverwritten) {
   addRecordTable(3);
-  const std::size_t other = image.addTable("other", kOtherTable);
+  const size_t other = image.addTable("other", kOtherTable);
   image.addRecord(other, 0x800, bytesOf("x"));
   addCategories({{0xA0}});
   expectRefused();
@@ -348,18 +347,17 @@ TEST_F(Renumber, NoLongerFindsAPairThatALaterTableHasOverwritten) {
 
 TEST_F(Renumber, LetsTheArrayGrowForALaterTableThatIsLonger) {
   addRecordTable(2);
-  const std::size_t other = image.addTable("other", kOtherTable);
+  const size_t other = image.addTable("other", kOtherTable);
   for (unsigned i = 0; i < 100; ++i) image.addRecord(other, 0x800 + i, bytesOf("x"));
   // Counted are 1 step and 99 more.
   addCategories({{0x800, 0x800 + 99}});
   ASSERT_EQ(renumber(), 1);
-  const std::vector<std::uint64_t> ids = idsOf("other");
-  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)),
-            (std::vector<std::uint64_t>{ids[0], ids[99]}));
+  const std::vector<uint64_t> ids = idsOf("other");
+  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)), (std::vector<uint64_t>{ids[0], ids[99]}));
 }
 
 TEST_F(Renumber, WritesNoPairsForATableBeforeTheRecordTable) {
-  const std::size_t other = image.addTable("other", kOtherTable);
+  const size_t other = image.addTable("other", kOtherTable);
   image.addRecord(other, 0x800, bytesOf("x"));
   image.addRecord(other, 0x801, bytesOf("x"));
   addRecordTable(3);
@@ -369,7 +367,7 @@ TEST_F(Renumber, WritesNoPairsForATableBeforeTheRecordTable) {
 
 TEST_F(Renumber, BeginsTheCountAnewWithASecondRecordTable) {
   addRecordTable(9);
-  const std::size_t second = image.addTable("QVrz_Record", 0x606);
+  const size_t second = image.addTable("QVrz_Record", 0x606);
   image.addRecord(second, 0x900, bytesOf("x"));
   image.addRecord(second, 0x901, bytesOf("x"));
   allowDamage(kSource);  // two tables of one name
@@ -394,7 +392,7 @@ TEST_F(Renumber, FailsAtEachSingleCallThatReturnsZeroEvenAtThatWith100) {
   addCategories({{0xA0}});
   ASSERT_EQ(renumber(), 1);
   const std::vector<int> all = log.percents();
-  for (std::size_t stop = 0; stop < all.size(); ++stop) {
+  for (size_t stop = 0; stop < all.size(); ++stop) {
     log.stopAt = static_cast<int>(stop);
     removeTarget();
     expectRefused();
@@ -406,7 +404,7 @@ TEST_F(Renumber, FailsAtEachSingleCallThatReturnsZeroEvenAtThatWith100) {
 TEST_F(Renumber, ClosesTheTargetsNumberOnceMoreOnPurposeWhenTheCallWith100ReturnsZero) {
   addCategories({});
   log.stopAt = 1;
-  log.during = [this](std::size_t index) {
+  log.during = [this](size_t index) {
     if (index != 1) return;
     EXPECT_EQ(OpenDBaseW(wide(kSource), 1), 2);
   };
@@ -417,8 +415,8 @@ TEST_F(Renumber, ClosesTheTargetsNumberOnceMoreOnPurposeWhenTheCallWith100Return
 TEST_F(Renumber, TellsBothNumbersWhileItRunsAndTheTargetsZeroAtTheEnd) {
   addCategories({});
   putSource(image);
-  const std::int16_t src = OpenDBaseW(wide(kSource), 1);
-  log.during = [&](std::size_t index) {
+  const int16_t src = OpenDBaseW(wide(kSource), 1);
+  log.during = [&](size_t index) {
     EXPECT_EQ(srcRef, src);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(dstRef == 0, index == 1);
@@ -433,7 +431,7 @@ TEST_F(Renumber, LeavesTheSourcesPositionAsItFoundIt) {
   addRecordTable(2);
   addCategories({{0xA0}});
   putSource(image);
-  const std::int16_t src = OpenDBaseW(wide(kSource), 1);
+  const int16_t src = OpenDBaseW(wide(kSource), 1);
   expectPositionKept(src, [&] { EXPECT_EQ(renumberOpen(src), 1); });
   log.stopAt = 2;
   allowDamage(kTarget);
@@ -444,8 +442,8 @@ TEST_F(Renumber, LeavesTheSourcesPositionAsItFoundIt) {
 TEST_F(Renumber, FindsTheDatabaseIdentifierAlsoWhenTheDirectoryIsServedFromTheCache) {
   addCategories({});
   putSource(image);
-  const std::int16_t src = OpenDBaseW(wide(kSource), 1);
-  std::int32_t count = 0;
+  const int16_t src = OpenDBaseW(wide(kSource), 1);
+  int32_t count = 0;
   ASSERT_EQ(GetNumberOfTable(src, &count), 1);
   ASSERT_EQ(renumberOpen(src), 1);
   CloseDBase(src);
@@ -458,7 +456,7 @@ TEST_F(Renumber, FindsTheDatabaseIdentifierAlsoWhenTheDirectoryIsServedFromTheCa
 TEST_F(Renumber, WorksWithoutAProgressFunction) {
   addCategories({});
   putSource(image);
-  const std::int16_t src = OpenDBaseW(wide(kSource), 1);
+  const int16_t src = OpenDBaseW(wide(kSource), 1);
   EXPECT_EQ(
       PackOneDB2AllNewUUIDFile(wide(kTarget), src, 0, nullptr, &srcRef, &dstRef, &status, nullptr),
       1);
@@ -478,7 +476,7 @@ TEST_F(Renumber, RefusesASourceThatIsNotOpenOrNoDatabaseWithoutMakingATarget) {
   EXPECT_EQ(status, 100);
   EXPECT_EQ(renumberOpen(19), 0);
   putSource(bytesOf("no database"));
-  const std::int16_t src = OpenDBaseW(wide(kSource), 1);
+  const int16_t src = OpenDBaseW(wide(kSource), 1);
   EXPECT_EQ(renumberOpen(src), 0);
   EXPECT_EQ(status, 100);
   EXPECT_EQ(dstRef, kUnwritten);
@@ -497,7 +495,7 @@ TEST_F(Renumber, HasStatus100WhenTheTargetCannotBeMade) {
 TEST_F(Renumber, RefusesItsSourceAsTarget) {
   addCategories({});
   putSource(image);
-  const std::int16_t src = OpenDBaseW(wide(kSource), 3);
+  const int16_t src = OpenDBaseW(wide(kSource), 3);
   EXPECT_EQ(
       PackOneDB2AllNewUUIDFile(wide(kSource), src, 0, nullptr, &srcRef, &dstRef, &status, nullptr),
       0);
@@ -508,7 +506,7 @@ TEST_F(Renumber, RefusesItsSourceAsTarget) {
 TEST_F(Renumber, KeepsTheTargetOfAFailedCallWhenTheStatusIs100AtThatMoment) {
   addCategories({});
   log.stopAt = 0;
-  log.during = [this](std::size_t) { status = 100; };
+  log.during = [this](size_t) { status = 100; };
   EXPECT_EQ(renumber(), 0);
   EXPECT_EQ(fileSize(kTarget), kDirectoryEnd);
 }
@@ -516,7 +514,7 @@ TEST_F(Renumber, KeepsTheTargetOfAFailedCallWhenTheStatusIs100AtThatMoment) {
 TEST_F(Renumber, SetsTheTargetNumberToZeroOnlyAfterAFailureWithABufferInMemory) {
   addRecordTable(2);
   addCategories({{0xA0}});
-  for (std::size_t room = 0; room < static_cast<std::size_t>(image.end()); room += 11) {
+  for (size_t room = 0; room < static_cast<size_t>(image.end()); room += 11) {
     host.fullAfter(room);
     EXPECT_EQ(renumber(), 0);
     host.heal();
@@ -534,7 +532,7 @@ TEST_F(Renumber, SetsTheTargetNumberToZeroOnlyAfterAFailureWithABufferInMemory) 
 // ---- damage and failures ----
 
 TEST_F(Renumber, CutsAndStopsChainsAsThePackDoes) {
-  const std::size_t other = image.addTable("other", kOtherTable);
+  const size_t other = image.addTable("other", kOtherTable);
   for (unsigned i = 0; i < 3; ++i) image.addRecord(other, 0x800 + i, bytesOf("x"));
   addCategories({});
   allowDamage(kSource);
@@ -547,20 +545,20 @@ TEST_F(Renumber, CutsAndStopsChainsAsThePackDoes) {
 }
 
 TEST_F(Renumber, TakesNoMemoryForACountThatTheFileCannotHold) {
-  const std::size_t table = addRecordTable(3);
+  const size_t table = addRecordTable(3);
   image.slot(table).recordCount = 0xFFFFFFFF;
   addCategories({{0xA0}});
   allowDamage(kSource);
   ASSERT_EQ(renumber(), 1);
   for (const Event& event : host.events()) {
     if (event.call == Call::allocate) {
-      EXPECT_LT(event.count, std::size_t{1} << 20);
+      EXPECT_LT(event.count, size_t{1} << 20);
     }
   }
 }
 
 TEST_F(Renumber, FailsWhenTheCategoryTableCountsMoreThanItsChainHas) {
-  const std::size_t table = addCategories({{}, {}});
+  const size_t table = addCategories({{}, {}});
   image.slot(table).recordCount = 0xFFFFFFFF;
   allowDamage(kSource);
   expectRefused();
@@ -568,18 +566,18 @@ TEST_F(Renumber, FailsWhenTheCategoryTableCountsMoreThanItsChainHas) {
 
 TEST_F(Renumber, EndsWithALoopAmongTheCategories) {
   addRecordTable(3);
-  const std::size_t table = addCategories({{0xA0}, {0xA1}});
+  const size_t table = addCategories({{0xA0}, {0xA1}});
   image.record(image.slot(table).lastRecordPos).nextRecordPos = image.slot(table).firstRecordPos;
   image.slot(table).recordCount = 7;
   allowDamage(kSource);
   allowDamage(kTarget);
   ASSERT_EQ(renumber(), 1);
-  const std::vector<std::uint64_t> ids = idsOf("QVrz_Record");
+  const std::vector<uint64_t> ids = idsOf("QVrz_Record");
   EXPECT_EQ(idsOf("QVrz_Category").size(), 7u);
-  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)), std::vector<std::uint64_t>{ids[0]});
-  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 1)), std::vector<std::uint64_t>{ids[1]});
+  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)), std::vector<uint64_t>{ids[0]});
+  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 1)), std::vector<uint64_t>{ids[1]});
   // Lookups find the first of each identifier: the copies behind stay as they are.
-  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 2)), std::vector<std::uint64_t>{0xA0});
+  EXPECT_EQ(secondList(payloadOf("QVrz_Category", 2)), std::vector<uint64_t>{0xA0});
 }
 
 TEST_F(Renumber, FailsWhereverAReadFails) {
@@ -587,7 +585,7 @@ TEST_F(Renumber, FailsWhereverAReadFails) {
   addCategories({{0xA0}});
   putSource(image);
   for (int step = 0;; ++step) {
-    const std::int16_t src = OpenDBaseW(wide(kSource), 1);
+    const int16_t src = OpenDBaseW(wide(kSource), 1);
     host.failFrom(Call::read, step);
     const int result = renumberOpen(src);
     host.heal();
@@ -628,7 +626,7 @@ TEST_F(Renumber, LeavesCategoriesAsTheyWereCopiedWithoutMemoryForTheirListOrPayl
       EXPECT_TRUE(status == 100 || fileSize(kTarget) == 0);
       continue;
     }
-    if (secondList(payloadOf("QVrz_Category", 0)) == std::vector<std::uint64_t>{0xA0}) ++unchanged;
+    if (secondList(payloadOf("QVrz_Category", 0)) == std::vector<uint64_t>{0xA0}) ++unchanged;
   }
   EXPECT_EQ(unchanged, 2);
   allowDamage(kTarget);
@@ -638,7 +636,7 @@ TEST_F(Renumber, KeepsNoMemory) {
   addRecordTable(3);
   addCategories({{0xA0}, {0xA1}});
   ASSERT_EQ(renumber(), 1);
-  const std::size_t held = host.heldBlocks();
+  const size_t held = host.heldBlocks();
   ASSERT_EQ(renumber(), 1);
   addCategories({});
   EXPECT_EQ(host.heldBlocks(), held);

@@ -13,9 +13,9 @@ namespace {
 
 // Which of 4,096 places each number goes to; returns how many share the fullest.
 template <typename Place>
-std::size_t fullest(const std::vector<std::uint64_t>& numbers, Place place) {
-  std::map<std::uint64_t, std::size_t> count;
-  for (const std::uint64_t number : numbers) ++count[place(number) & 4095];
+size_t fullest(const std::vector<uint64_t>& numbers, Place place) {
+  std::map<uint64_t, size_t> count;
+  for (const uint64_t number : numbers) ++count[place(number) & 4095];
   return std::max_element(count.begin(), count.end(),
                           [](const auto& a, const auto& b) { return a.second < b.second; })
       ->second;
@@ -23,47 +23,47 @@ std::size_t fullest(const std::vector<std::uint64_t>& numbers, Place place) {
 
 // Chosen against a hash that multiplies by a number that everybody knows, and takes bits from 20
 // on.
-std::uint64_t wellKnown(std::uint64_t number) {
+uint64_t wellKnown(uint64_t number) {
   return (number * 0x9E3779B97F4A7C15u) >> 20;
 }
 
-std::vector<std::uint64_t> chosenNumbers() {
-  std::vector<std::uint64_t> numbers;
-  for (std::uint64_t i = 1; numbers.size() < 4096; ++i) {
+std::vector<uint64_t> chosenNumbers() {
+  std::vector<uint64_t> numbers;
+  for (uint64_t i = 1; numbers.size() < 4096; ++i) {
     if ((wellKnown(i) & 4095) == 7) numbers.push_back(i);
   }
   return numbers;
 }
 
 TEST(SeededHash, SpreadsNumbersThatWereChosenToFallIntoOnePlace) {
-  const std::vector<std::uint64_t> numbers = chosenNumbers();
+  const std::vector<uint64_t> numbers = chosenNumbers();
   ASSERT_EQ(fullest(numbers, wellKnown), 4096u);
-  EXPECT_LT(fullest(numbers, [](std::uint64_t n) { return mixed(n, hashSeed()); }), 20u);
+  EXPECT_LT(fullest(numbers, [](uint64_t n) { return mixed(n, hashSeed()); }), 20u);
 }
 
 // The standard library takes a number for its own hash, and the remainder of a division for a
 // place.
 TEST(SeededHash, SpreadsMultiplesOfTheNumberOfBuckets) {
-  std::unordered_set<std::uint64_t, SeededHash> set;
-  std::unordered_set<std::uint64_t> plain;  // stays empty: it would look at all for each new one
+  std::unordered_set<uint64_t, SeededHash> set;
+  std::unordered_set<uint64_t> plain;  // stays empty: it would look at all for each new one
   set.reserve(4096);
   plain.reserve(4096);
-  const std::size_t buckets = set.bucket_count();
+  const size_t buckets = set.bucket_count();
   ASSERT_EQ(plain.bucket_count(), buckets);
-  for (std::uint64_t i = 0; i < 4096; ++i) {
+  for (uint64_t i = 0; i < 4096; ++i) {
     set.insert(i * buckets);
     ASSERT_EQ(plain.bucket(i * buckets), 0u);
   }
-  std::size_t most = 0;
-  for (std::size_t i = 0; i < set.bucket_count(); ++i) most = std::max(most, set.bucket_size(i));
+  size_t most = 0;
+  for (size_t i = 0; i < set.bucket_count(); ++i) most = std::max(most, set.bucket_size(i));
   EXPECT_LT(most, 20u);
 }
 
 TEST(SeededHash, IsAnotherOneForEachSeed) {
   const HashSeed one = {1, 2};
   for (const HashSeed& other : {HashSeed{2, 2}, HashSeed{1, 3}}) {
-    std::size_t same = 0;
-    for (std::uint64_t i = 0; i < 4096; ++i) {
+    size_t same = 0;
+    for (uint64_t i = 0; i < 4096; ++i) {
       if ((mixed(i, one) & 4095) == (mixed(i, other) & 4095)) ++same;
     }
     EXPECT_LT(same, 40u);

@@ -14,26 +14,26 @@
 namespace qvdbase::test {
 namespace {
 
-Bytes tenBytesOf(std::uint64_t number) {
+Bytes tenBytesOf(uint64_t number) {
   Bytes id(10);
   internal_ConvertInt64_2UuID(number, id.data());
   return id;
 }
 
 TEST(AnyIdentifier, IsTheNumbersBytesAndTheirSum) {
-  EXPECT_TRUE(rc::check([](std::uint64_t number) {
+  EXPECT_TRUE(rc::check([](uint64_t number) {
     const Bytes id = tenBytesOf(number);
     RC_ASSERT(id == identifier(number));
-    std::uint64_t back = ~number;
+    uint64_t back = ~number;
     internal_ConvertUuID_2Int64(id.data(), &back);
     RC_ASSERT(back == number);
   }));
 }
 
-rc::Gen<Bytes> anyBytes(std::size_t count) {
+rc::Gen<Bytes> anyBytes(size_t count) {
   return rc::gen::map(
-      rc::gen::container<std::vector<std::uint8_t>>(count, rc::gen::arbitrary<std::uint8_t>()),
-      [](const std::vector<std::uint8_t>& bytes) { return Bytes(bytes.begin(), bytes.end()); });
+      rc::gen::container<std::vector<uint8_t>>(count, rc::gen::arbitrary<uint8_t>()),
+      [](const std::vector<uint8_t>& bytes) { return Bytes(bytes.begin(), bytes.end()); });
 }
 
 // Decoding 144 bytes and encoding them again gives them back, but for the filler and the three
@@ -74,7 +74,7 @@ struct ListModel {
 };
 
 void apply(QVList& list, ListModel& model, const ListStep& step, unsigned seed) {
-  const Bytes bytes = pattern(static_cast<std::size_t>(step.size), seed);
+  const Bytes bytes = pattern(static_cast<size_t>(step.size), seed);
   auto& elements = model.elements;
   const auto place = elements.begin() + (model.valid(step.index) ? step.index : 0);
   switch (step.kind) {
@@ -106,8 +106,8 @@ void compare(QVList& list, const ListModel& model) {
   RC_ASSERT(list.GetSize() == model.count());
   for (int i = 0; i < model.count(); ++i) {
     int size = -1;
-    const auto* data = static_cast<const std::uint8_t*>(list.GetAtNoCopy(&size, i));
-    const Bytes& expected = model.elements[static_cast<std::size_t>(i)];
+    const auto* data = static_cast<const uint8_t*>(list.GetAtNoCopy(&size, i));
+    const Bytes& expected = model.elements[static_cast<size_t>(i)];
     RC_ASSERT(size == static_cast<int>(expected.size()));
     RC_ASSERT((data == nullptr) == expected.empty());
     RC_ASSERT(Bytes(data, data + size) == expected);

@@ -19,9 +19,9 @@ namespace qvdbase::test {
 class Model {
  public:
   struct Table {
-    std::size_t slot = 0;
-    std::uint64_t id = 0;
-    std::vector<std::int64_t> chain;  // the positions of its records, in order
+    size_t slot = 0;
+    uint64_t id = 0;
+    std::vector<int64_t> chain;  // the positions of its records, in order
   };
 
   // A new database with this header.
@@ -29,14 +29,12 @@ class Model {
 
   const std::vector<Table>& tables() const { return tables_; }
   Bytes file() const { return image_.build(); }
-  std::int64_t fileSize() const { return image_.end(); }
+  int64_t fileSize() const { return image_.end(); }
   SlotFields& slotOf(const Table& table) { return image_.slot(table.slot); }
-  RecordFields& recordAt(std::int64_t position) { return image_.record(position); }
-  std::uint64_t recordID(std::int64_t position) {
-    return identifierNumber(recordAt(position).recordID);
-  }
+  RecordFields& recordAt(int64_t position) { return image_.record(position); }
+  uint64_t recordID(int64_t position) { return identifierNumber(recordAt(position).recordID); }
 
-  void setVersion(std::uint16_t version) { image_.header().version = version; }
+  void setVersion(uint16_t version) { image_.header().version = version; }
 
   // ---- tables ----
 
@@ -45,7 +43,7 @@ class Model {
     return findTable(name) == nullptr;
   }
 
-  void addTable(const std::string& name, std::uint64_t id) {
+  void addTable(const std::string& name, uint64_t id) {
     tables_.push_back({image_.addTable(name, id), id, {}});
     image_.slot(tables_.back().slot).tableVersion = 100;
   }
@@ -59,7 +57,7 @@ class Model {
   }
 
   // Null when there is none.
-  Table* table(std::uint64_t id) {
+  Table* table(uint64_t id) {
     const auto found =
         std::find_if(tables_.begin(), tables_.end(), [id](const Table& t) { return t.id == id; });
     return found == tables_.end() ? nullptr : &*found;
@@ -67,8 +65,8 @@ class Model {
 
   // ---- table data ----
 
-  void setTableData(const Table& table, const Bytes& data, std::uint32_t reserve) {
-    const std::int64_t position = slotOf(table).firstDataPos;
+  void setTableData(const Table& table, const Bytes& data, uint32_t reserve) {
+    const int64_t position = slotOf(table).firstDataPos;
     if (position == 0 || image_.tableData(position).dataCapacity < data.size()) {
       image_.setTableData(table.slot, data, reserve);
       return;
@@ -80,50 +78,49 @@ class Model {
     Bytes written = data;
     written.push_back('i');
     block.room = roomAndMark.with(0, written).cut(block.room.size());
-    block.dataLength = static_cast<std::uint32_t>(data.size());
+    block.dataLength = static_cast<uint32_t>(data.size());
   }
 
   // None while the table has no data.
   std::optional<Bytes> tableData(const Table& table) {
-    const std::int64_t position = slotOf(table).firstDataPos;
+    const int64_t position = slotOf(table).firstDataPos;
     if (position == 0) return std::nullopt;
     return image_.tableData(position).data();
   }
 
   // ---- records ----
 
-  void addRecord(Table& table, std::uint64_t id, const Bytes& data, std::uint32_t reserve,
-                 std::uint32_t now) {
+  void addRecord(Table& table, uint64_t id, const Bytes& data, uint32_t reserve, uint32_t now) {
     table.chain.push_back(image_.addRecord(
         table.slot, id, data, {.reserve = reserve, .createTime = now, .modifyTime = now}));
   }
 
   // The position of the first record of that identifier.
-  std::optional<std::int64_t> findRecord(const Table& table, std::uint64_t id) {
-    for (const std::int64_t position : table.chain) {
+  std::optional<int64_t> findRecord(const Table& table, uint64_t id) {
+    for (const int64_t position : table.chain) {
       if (recordID(position) == id) return position;
     }
     return std::nullopt;
   }
 
   // Whether the payload is written over the old one; otherwise the record moves.
-  bool fits(std::int64_t position, const Bytes& data) {
+  bool fits(int64_t position, const Bytes& data) {
     return data.size() <= recordAt(position).dataCapacity;
   }
 
-  void modifyRecord(Table& table, std::int64_t position, const Bytes& data, std::uint32_t now) {
+  void modifyRecord(Table& table, int64_t position, const Bytes& data, uint32_t now) {
     RecordFields& old = recordAt(position);
     if (fits(position, data)) {
       old.modifyTime = now;
       old.room = old.room.with(0, data);
-      old.dataLength = static_cast<std::uint32_t>(data.size());
+      old.dataLength = static_cast<uint32_t>(data.size());
       return;
     }
     RecordFields moved = old;
     moved.modifyTime = now;
     moved.room = data;
-    moved.dataLength = moved.dataCapacity = static_cast<std::uint32_t>(data.size());
-    const std::int64_t place = image_.addDeadRecord(moved);
+    moved.dataLength = moved.dataCapacity = static_cast<uint32_t>(data.size());
+    const int64_t place = image_.addDeadRecord(moved);
     (moved.prevRecordPos != 0 ? recordAt(moved.prevRecordPos).nextRecordPos
                               : slotOf(table).firstRecordPos) = place;
     (moved.nextRecordPos != 0 ? recordAt(moved.nextRecordPos).prevRecordPos
@@ -131,15 +128,13 @@ class Model {
     *std::find(table.chain.begin(), table.chain.end(), position) = place;
   }
 
-  void touchRecord(std::int64_t position, std::uint32_t now) {
-    recordAt(position).modifyTime = now;
-  }
+  void touchRecord(int64_t position, uint32_t now) { recordAt(position).modifyTime = now; }
 
-  void deleteRecord(Table& table, std::int64_t position) {
+  void deleteRecord(Table& table, int64_t position) {
     SlotFields& slot = slotOf(table);
     const RecordFields& gone = recordAt(position);
-    const std::int64_t prev = gone.prevRecordPos;
-    const std::int64_t next = gone.nextRecordPos;
+    const int64_t prev = gone.prevRecordPos;
+    const int64_t next = gone.nextRecordPos;
     (prev != 0 ? recordAt(prev).nextRecordPos : slot.firstRecordPos) = next;
     (next != 0 ? recordAt(next).prevRecordPos : slot.lastRecordPos) = prev;
     slot.lastWrittenRecordPos = next != 0 ? next : prev;

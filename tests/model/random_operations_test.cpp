@@ -61,14 +61,14 @@ struct Operation {
   Kind kind = Kind::reopen;
   unsigned table = 0;
   unsigned record = 0;
-  std::uint32_t size = 0;
-  std::uint32_t reserve = 0;
-  std::int64_t position = 0;  // where the handle stands before
+  uint32_t size = 0;
+  uint32_t reserve = 0;
+  int64_t position = 0;  // where the handle stands before
 };
 
 std::ostream& operator<<(std::ostream& out, const Operation& op) {
-  return out << kKindNames[static_cast<std::size_t>(op.kind)] << "(table " << op.table
-             << ", record " << op.record << ", size " << op.size << ", reserve " << op.reserve
+  return out << kKindNames[static_cast<size_t>(op.kind)] << "(table " << op.table << ", record "
+             << op.record << ", size " << op.size << ", reserve " << op.reserve
              << ", from position " << op.position << ")\n";
 }
 
@@ -92,11 +92,10 @@ rc::Gen<Kind> anyKind() {
 }
 
 // Mostly a few bytes, now and then more than one chunk of fill.
-rc::Gen<std::uint32_t> anySize() {
-  return rc::gen::weightedOneOf<std::uint32_t>(
-      {{12, rc::gen::inRange<std::uint32_t>(0, 40)},
-       {2, rc::gen::inRange<std::uint32_t>(40, 400)},
-       {1, rc::gen::inRange<std::uint32_t>(32700, 70000)}});
+rc::Gen<uint32_t> anySize() {
+  return rc::gen::weightedOneOf<uint32_t>({{12, rc::gen::inRange<uint32_t>(0, 40)},
+                                           {2, rc::gen::inRange<uint32_t>(40, 400)},
+                                           {1, rc::gen::inRange<uint32_t>(32700, 70000)}});
 }
 
 rc::Gen<Operation> anyOperation() {
@@ -105,7 +104,7 @@ rc::Gen<Operation> anyOperation() {
       rc::gen::set(&Operation::table, rc::gen::inRange(0u, 60u)),
       rc::gen::set(&Operation::record, rc::gen::inRange(0u, 60u)),
       rc::gen::set(&Operation::size, anySize()), rc::gen::set(&Operation::reserve, anySize()),
-      rc::gen::set(&Operation::position, rc::gen::inRange<std::int64_t>(0, 10000)));
+      rc::gen::set(&Operation::position, rc::gen::inRange<int64_t>(0, 10000)));
 }
 
 // Sequences of up to 300 operations.
@@ -113,7 +112,7 @@ rc::Gen<std::vector<Operation>> anySequence() {
   return rc::gen::scale(3, rc::gen::container<std::vector<Operation>>(anyOperation()));
 }
 
-constexpr std::uint64_t kNoSuchID = 0xFFFFFFFFFFFFFFF0;
+constexpr uint64_t kNoSuchID = 0xFFFFFFFFFFFFFFF0;
 
 // The names of tables: short ones, some of exactly 32 bytes, some that are cut.
 std::string tableName(unsigned choice) {
@@ -140,7 +139,7 @@ class Pair {
     QVFile().QVSeekFile(db_, 1, op.position);
     expectedPosition_ = op.position;
     dispatch(op);
-    std::int64_t position = -1;
+    int64_t position = -1;
     RC_ASSERT(QVFile().QVGetFilePos(db_, &position) == 1);
     RC_ASSERT(position == expectedPosition_);
     host_.forget();
@@ -189,7 +188,7 @@ class Pair {
       case Kind::listRecords:
         return listRecords(tableID(op));
       case Kind::setVersion:
-        return setVersion(static_cast<std::uint16_t>(102 + op.record));
+        return setVersion(static_cast<uint16_t>(102 + op.record));
       case Kind::reopen:
         return reopen(op.table % 2 == 0 ? 3 : 4);
     }
@@ -197,20 +196,20 @@ class Pair {
 
   // ---- what an operation works on ----
 
-  std::uint64_t tableID(const Operation& op) const {
-    const std::size_t choice = op.table % (model_.tables().size() + 1);
+  uint64_t tableID(const Operation& op) const {
+    const size_t choice = op.table % (model_.tables().size() + 1);
     return choice < model_.tables().size() ? model_.tables()[choice].id : kNoSuchID;
   }
 
-  std::uint64_t recordID(const Operation& op) {
+  uint64_t recordID(const Operation& op) {
     const Model::Table* table = model_.table(tableID(op));
     if (table == nullptr) return 1;
-    const std::size_t choice = op.record % (table->chain.size() + 1);
+    const size_t choice = op.record % (table->chain.size() + 1);
     return choice < table->chain.size() ? model_.recordID(table->chain[choice]) : kNoSuchID;
   }
 
   // The record that the library must find, if any.
-  std::optional<std::int64_t> target(std::uint64_t table, std::uint64_t record) {
+  std::optional<int64_t> target(uint64_t table, uint64_t record) {
     Model::Table* owner = model_.table(table);
     return owner == nullptr ? std::nullopt : model_.findRecord(*owner, record);
   }
@@ -218,7 +217,7 @@ class Pair {
   // ---- tables ----
 
   void addTable(const std::string& name) {
-    const std::uint64_t id = AddTable(db_, name.c_str());
+    const uint64_t id = AddTable(db_, name.c_str());
     RC_ASSERT((id != 0) == model_.canAddTable(name));
     if (id == 0) return;
     RC_ASSERT(model_.table(id) == nullptr);
@@ -231,36 +230,36 @@ class Pair {
   }
 
   void listTables() {
-    std::int32_t count = -1;
+    int32_t count = -1;
     RC_ASSERT(GetNumberOfTable(db_, &count) == 1);
-    RC_ASSERT(static_cast<std::size_t>(count) == model_.tables().size());
+    RC_ASSERT(static_cast<size_t>(count) == model_.tables().size());
     for (int i = 0; i <= count; ++i) {
       char name[33] = "untouched";
-      const std::uint64_t id = GetTableNameAndIDByIndex(db_, i, name);
-      RC_ASSERT(id == (i < count ? model_.tables()[static_cast<std::size_t>(i)].id : 0));
+      const uint64_t id = GetTableNameAndIDByIndex(db_, i, name);
+      RC_ASSERT(id == (i < count ? model_.tables()[static_cast<size_t>(i)].id : 0));
       RC_ASSERT(std::string(name) ==
-                (i < count ? model_.slotOf(model_.tables()[static_cast<std::size_t>(i)]).name()
+                (i < count ? model_.slotOf(model_.tables()[static_cast<size_t>(i)]).name()
                            : "untouched"));
     }
   }
 
   // ---- table data ----
 
-  void setTableData(std::uint64_t table, const Bytes& data, std::uint32_t reserve) {
+  void setTableData(uint64_t table, const Bytes& data, uint32_t reserve) {
     const int result = SetTableData(db_, table, data.data(), size(data), reserve);
     const Model::Table* owner = model_.table(table);
     RC_ASSERT(result == (owner == nullptr ? 0 : 1));
     if (owner != nullptr) model_.setTableData(*owner, data, reserve);
   }
 
-  void getTableData(std::uint64_t table) {
+  void getTableData(uint64_t table) {
     const Model::Table* owner = model_.table(table);
     const std::optional<Bytes> expected =
         owner == nullptr ? std::nullopt : model_.tableData(*owner);
-    std::uint32_t length = 0;
+    uint32_t length = 0;
     RC_ASSERT(GetTableDataSize(db_, table, &length) == (expected ? 1 : 0));
     RC_ASSERT(length == (expected ? size(*expected) : 0));
-    Bytes buffer(std::size_t{length} + 1);
+    Bytes buffer(size_t{length} + 1);
     const int result = GetTableData(db_, table, buffer.data());
     RC_ASSERT(result == (length > 0 ? 1 : 0));
     if (result == 1) RC_ASSERT(buffer.cut(length) == *expected);
@@ -268,16 +267,15 @@ class Pair {
 
   // ---- records ----
 
-  void addRecord(std::uint64_t table, const Bytes& data, std::uint32_t reserve) {
-    std::uint64_t id = 0;
+  void addRecord(uint64_t table, const Bytes& data, uint32_t reserve) {
+    uint64_t id = 0;
     const int result = AddRecordData(db_, table, data.data(), size(data), reserve, &id);
     Model::Table* owner = model_.table(table);
     RC_ASSERT(result == (owner == nullptr ? 0 : 1));
     if (owner != nullptr) model_.addRecord(*owner, id, data, reserve, now_);
   }
 
-  void assignRecord(std::uint64_t table, std::uint64_t id, const Bytes& data,
-                    std::uint32_t reserve) {
+  void assignRecord(uint64_t table, uint64_t id, const Bytes& data, uint32_t reserve) {
     const int result =
         AddRecordData_AssignRecordID(db_, table, data.data(), size(data), reserve, &id);
     Model::Table* owner = model_.table(table);
@@ -286,8 +284,7 @@ class Pair {
   }
 
   // Many appends at once must leave the file that as many single ones leave.
-  void addBatch(std::uint64_t table, unsigned count, std::uint32_t firstSize,
-                std::uint32_t reserve) {
+  void addBatch(uint64_t table, unsigned count, uint32_t firstSize, uint32_t reserve) {
     SavedPosition saved(db_);
     FoundTable found;
     Model::Table* owner = model_.table(table);
@@ -307,9 +304,9 @@ class Pair {
     RC_ASSERT(saved.restore(1) == 1);
   }
 
-  void modifyRecord(std::uint64_t table, std::uint64_t record, const Bytes& data) {
+  void modifyRecord(uint64_t table, uint64_t record, const Bytes& data) {
     const int result = ModifyRecordData(db_, table, data.data(), size(data), record, nullptr);
-    const std::optional<std::int64_t> position = target(table, record);
+    const std::optional<int64_t> position = target(table, record);
     const bool expected = position.has_value() && !data.empty();
     RC_ASSERT(result == (expected ? 1 : 0));
     if (!expected) return;
@@ -318,24 +315,24 @@ class Pair {
     model_.modifyRecord(*model_.table(table), *position, data, now_);
   }
 
-  void touchRecord(std::uint64_t table, std::uint64_t record) {
+  void touchRecord(uint64_t table, uint64_t record) {
     const int result = ModifyOneRecordInfo_LMTime(db_, table, record);
-    const std::optional<std::int64_t> position = target(table, record);
+    const std::optional<int64_t> position = target(table, record);
     RC_ASSERT(result == (position ? 1 : 0));
     if (position) model_.touchRecord(*position, now_);
   }
 
-  void deleteRecord(std::uint64_t table, std::uint64_t record) {
+  void deleteRecord(uint64_t table, uint64_t record) {
     const int result = DeleteOneRecord(db_, table, record, nullptr);
-    const std::optional<std::int64_t> position = target(table, record);
+    const std::optional<int64_t> position = target(table, record);
     RC_ASSERT(result == (position ? 1 : 0));
     if (position) model_.deleteRecord(*model_.table(table), *position);
   }
 
-  void recordInfo(std::uint64_t table, std::uint64_t record) {
+  void recordInfo(uint64_t table, uint64_t record) {
     oneRecordInfoP1 info = {};
     const int result = GetOneRecordInfo(db_, table, record, &info, nullptr);
-    const std::optional<std::int64_t> position = target(table, record);
+    const std::optional<int64_t> position = target(table, record);
     RC_ASSERT(result == (position ? 1 : 0));
     if (!position) return;
     const RecordFields& expected = model_.recordAt(*position);
@@ -349,16 +346,16 @@ class Pair {
     RC_ASSERT(info.dataPos == *position + 55);
   }
 
-  void listRecords(std::uint64_t table) {
+  void listRecords(uint64_t table) {
     const Model::Table* owner = model_.table(table);
-    std::vector<std::uint64_t> expected;
+    std::vector<uint64_t> expected;
     if (owner != nullptr) {
-      for (const std::int64_t each : owner->chain) expected.push_back(model_.recordID(each));
+      for (const int64_t each : owner->chain) expected.push_back(model_.recordID(each));
     }
-    std::uint32_t count = 99;
+    uint32_t count = 99;
     RC_ASSERT(GetNumberOfRecords(db_, table, &count) == (owner == nullptr ? 0 : 1));
     RC_ASSERT(count == expected.size());
-    std::vector<std::uint64_t> list(expected.size() + 1);
+    std::vector<uint64_t> list(expected.size() + 1);
     RC_ASSERT(GetRecordUuIDList(db_, table, list.data(), &count) == (owner == nullptr ? 0 : 1));
     RC_ASSERT(count == expected.size());
     list.resize(count);
@@ -367,14 +364,14 @@ class Pair {
 
   // ---- the database ----
 
-  void setVersion(std::uint16_t version) {
+  void setVersion(uint16_t version) {
     RC_ASSERT(SetDBaseVersion(db_, version) == 1);
     model_.setVersion(version);
   }
 
   void reopen(int permission) {
     RC_ASSERT(CloseDBase(db_) != 0);
-    std::uint16_t version = 0;
+    uint16_t version = 0;
     RC_ASSERT(GetDBaseInfoW(folder_.wide("model.qvd"), nullptr, &version, nullptr) == 1);
     RC_ASSERT(version == decodeHeader(model_.file()).version);
     db_ = OpenDBaseW(folder_.wide("model.qvd"), permission);
@@ -386,11 +383,11 @@ class Pair {
 
   void compareContents(const ReadDatabase& read) {
     RC_ASSERT(read.tables.size() == model_.tables().size());
-    for (std::size_t i = 0; i < read.tables.size(); ++i) {
+    for (size_t i = 0; i < read.tables.size(); ++i) {
       const Model::Table& expected = model_.tables()[i];
       RC_ASSERT(read.tables[i].id == expected.id);
       RC_ASSERT(read.tables[i].records.size() == expected.chain.size());
-      for (std::size_t k = 0; k < expected.chain.size(); ++k) {
+      for (size_t k = 0; k < expected.chain.size(); ++k) {
         const ReadRecord& record = read.tables[i].records[k];
         RC_ASSERT(record.position == expected.chain[k]);
         RC_ASSERT(record.id == model_.recordID(record.position));
@@ -402,15 +399,15 @@ class Pair {
     }
   }
 
-  static std::uint32_t size(const Bytes& bytes) { return static_cast<std::uint32_t>(bytes.size()); }
+  static uint32_t size(const Bytes& bytes) { return static_cast<uint32_t>(bytes.size()); }
 
   TempFolder folder_;
   FakeHost host_;
-  std::int16_t db_;
+  int16_t db_;
   Model model_;
-  std::uint32_t now_ = 1000;
+  uint32_t now_ = 1000;
   unsigned seed_ = 1;
-  std::int64_t expectedPosition_ = 0;
+  int64_t expectedPosition_ = 0;
 };
 
 TEST(RandomOperations, AnswerAndWriteWhatTheModelSays) {

@@ -124,18 +124,18 @@ TEST_F(DiscardedBatches, AreThoseWhoseAppenderIsAssignedTo) {
 // A record that was added past the layer stays; the zeros over the batch are bytes of no block.
 TEST_F(DiscardedBatches, AreOverwrittenWhenSomethingElseWasAppended) {
   expectDamage(kDefaultFile, {"S5"});
-  const std::size_t before = fileSize();
+  const size_t before = fileSize();
   {
     auto bulk = table->appender();
     fill(bulk);
-    const std::size_t end = fileSize();
+    const size_t end = fileSize();
     addRecord(database.handle(), table->id().value, bytesOf("past the layer"));
     EXPECT_GT(fileSize(), end);
   }
   EXPECT_EQ(table->count(), 2u);
   database.close();
   const Bytes file = contents();
-  const std::size_t kept = fileSize() - (14 + 56);
+  const size_t kept = fileSize() - (14 + 56);
   EXPECT_EQ(file.at(before, kept - before), Bytes(kept - before));
   EXPECT_EQ(qvdb::salvage(path(), path("saved.qvd")).records_written, 3u);
 }
@@ -157,7 +157,7 @@ TEST_F(DiscardedBatches, AreOverwrittenWhereOtherProcessesMayWrite) {
 }
 
 TEST_F(DiscardedBatches, AreThoseThatCannotBeWritten) {
-  for (const std::size_t space : {100'000u, 300'000u, 650'000u}) {
+  for (const size_t space : {100'000u, 300'000u, 650'000u}) {
     expectUnchanged([&] {
       RecordedCalls host;
       host.fullAfter(space);
@@ -321,7 +321,7 @@ TEST_F(LayerLoadedWalk, DeliversEveryPayloadWithItsRecord) {
   auto database = createDatabase();
   auto table = database.add_table("t");
   std::vector<Bytes> payloads;
-  for (std::size_t i = 0; i < 700; ++i) {
+  for (size_t i = 0; i < 700; ++i) {
     payloads.push_back(Bytes(i % 7 == 0 ? 0 : i * 13 % 900, static_cast<uint8_t>(i)));
   }
   payloads.push_back(Bytes(400'000, 'L'));  // more than a window holds

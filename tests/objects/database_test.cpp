@@ -227,7 +227,7 @@ TEST_F(LayerDatabase, MovesWithItsTables) {
 
 TEST_F(LayerDatabase, CanBeMixedWithTheCFunctions) {
   auto database = createDatabase();
-  const std::uint64_t table = addTable(database.handle(), "notes");
+  const uint64_t table = addTable(database.handle(), "notes");
   addRecord(database.handle(), table, bytesOf("by hand"));
   EXPECT_EQ(idsOf(database.table("notes")).size(), 1u);
 

@@ -35,8 +35,8 @@ TEST_F(LayerFork, CompactionOfTheParentOutlivesItsCopyInTheChild) {
     auto database = createDatabase();
     auto table = database.add_table("t");
     for (int i = 0; i < 200; ++i) table.add(span(bytesOf("payload")));
-    const std::vector<std::uint64_t> ids = idsOf(table);
-    for (std::size_t i = 0; i < 100; ++i) table.remove(qvdb::Id{ids[i]});
+    const std::vector<uint64_t> ids = idsOf(table);
+    for (size_t i = 0; i < 100; ++i) table.remove(qvdb::Id{ids[i]});
   }
   int forks = 0;
   const auto forkOnce = [&](int percent) {

@@ -19,8 +19,8 @@ TEST(Identifiers, AreReadFromHexadecimalAndDecimal) {
   EXPECT_EQ(parse_id("0x1f"), Id{31});
   EXPECT_EQ(parse_id("0X1F"), Id{31});
   EXPECT_EQ(parse_id("31"), Id{31});
-  EXPECT_EQ(parse_id("0xffffffffffffffff"), Id{~std::uint64_t{0}});
-  EXPECT_EQ(parse_id("18446744073709551615"), Id{~std::uint64_t{0}});
+  EXPECT_EQ(parse_id("0xffffffffffffffff"), Id{~uint64_t{0}});
+  EXPECT_EQ(parse_id("18446744073709551615"), Id{~uint64_t{0}});
 }
 
 TEST(Identifiers, AreNotReadFromAnythingElse) {
@@ -42,7 +42,7 @@ TEST(Reasons, HaveWordsOfTheirOwn) {
   for (int i = 0; i <= static_cast<int>(qvdb::Reason::cancelled); ++i, ++count) {
     words.insert(to_string(static_cast<qvdb::Reason>(i)));
   }
-  EXPECT_EQ(words.size(), static_cast<std::size_t>(count));
+  EXPECT_EQ(words.size(), static_cast<size_t>(count));
   EXPECT_FALSE(words.contains("unknown reason"));
 }
 

@@ -53,10 +53,10 @@ TEST(IndexMap, AgreesWithAMapThroughRandomInsertionsAndErasures) {
 TEST(IndexMap, TakesTheKeysThatItHasRoomForWithoutGrowing) {
   qvdb::detail::IndexMap map;
   map.reserve(5000);
-  const std::size_t bytes = map.bytes();
+  const size_t bytes = map.bytes();
   EXPECT_LE(bytes, 5000u * 20);
-  for (std::uint64_t key = 1; key <= 5000; ++key) {
-    EXPECT_TRUE(map.insert(key * 0x10001, static_cast<std::int64_t>(key)));
+  for (uint64_t key = 1; key <= 5000; ++key) {
+    EXPECT_TRUE(map.insert(key * 0x10001, static_cast<int64_t>(key)));
   }
   EXPECT_EQ(map.bytes(), bytes);
   map.reserve(100'000);  // not while there is something in it
@@ -65,30 +65,30 @@ TEST(IndexMap, TakesTheKeysThatItHasRoomForWithoutGrowing) {
 }
 
 // The number that is hashed to `hash` by who knows the seed: each step of the hash undone.
-std::uint64_t unmixed(std::uint64_t hash, const HashSeed& seed) {
-  std::uint64_t inverse = 1;  // of the factor: each round doubles the number of its right bits
+uint64_t unmixed(uint64_t hash, const HashSeed& seed) {
+  uint64_t inverse = 1;  // of the factor: each round doubles the number of its right bits
   for (int i = 0; i < 6; ++i) inverse *= 2 - 0xD6E8FEB86659FD93u * inverse;
   hash = (hash ^ (hash >> 32)) * inverse;
   hash = ((hash ^ (hash >> 32)) ^ seed.between) * inverse;
   return (hash ^ (hash >> 32)) ^ seed.before;
 }
 
-constexpr std::size_t kCrafted = 5000;
+constexpr size_t kCrafted = 5000;
 
 // Identifiers of which a map with this seed takes all for the same place.
-std::vector<std::uint64_t> collidingUnder(const HashSeed& seed) {
-  std::vector<std::uint64_t> keys;
-  for (std::size_t i = 0; i < kCrafted; ++i) keys.push_back(unmixed(i, seed));
+std::vector<uint64_t> collidingUnder(const HashSeed& seed) {
+  std::vector<uint64_t> keys;
+  for (size_t i = 0; i < kCrafted; ++i) keys.push_back(unmixed(i, seed));
   return keys;
 }
 
 // The places that searches for all keys look at, after some have come and gone.
-std::size_t stepsOfAll(qvdb::detail::IndexMap& map, const std::vector<std::uint64_t>& keys) {
-  for (const std::uint64_t key : keys) EXPECT_TRUE(map.insert(key, 1));
-  for (std::size_t i = 0; i < keys.size(); i += 2) map.erase(keys[i]);
-  for (std::size_t i = 0; i < keys.size(); i += 2) EXPECT_TRUE(map.insert(keys[i], 1));
-  std::size_t steps = 0;
-  for (const std::uint64_t key : keys) steps += map.stepsTo(key);
+size_t stepsOfAll(qvdb::detail::IndexMap& map, const std::vector<uint64_t>& keys) {
+  for (const uint64_t key : keys) EXPECT_TRUE(map.insert(key, 1));
+  for (size_t i = 0; i < keys.size(); i += 2) map.erase(keys[i]);
+  for (size_t i = 0; i < keys.size(); i += 2) EXPECT_TRUE(map.insert(keys[i], 1));
+  size_t steps = 0;
+  for (const uint64_t key : keys) steps += map.stepsTo(key);
   return steps;
 }
 
@@ -98,16 +98,16 @@ TEST(IndexMap, FindsCraftedIdentifiersInAFewStepsUnlessItsSeedIsKnown) {
   EXPECT_EQ(stepsOfAll(attacked, collidingUnder(known)), kCrafted * (kCrafted + 1) / 2);
 
   // Full to seven eighths a map needs 4.5 steps on average.
-  constexpr std::size_t kFew = 20 * kCrafted;
+  constexpr size_t kFew = 20 * kCrafted;
   const HashSeed others[] = {hashSeed(), {}, {1, 0}, {0, 1}};
   for (const HashSeed& seed : others) {
     qvdb::detail::IndexMap map(seed);
     EXPECT_LE(stepsOfAll(map, collidingUnder(known)), kFew) << seed.before;
   }
-  for (const std::uint64_t distance : {std::uint64_t{1}, std::uint64_t{1} << 32,
-                                       std::uint64_t{1} << 51, std::uint64_t{0xFFFFFFFF}}) {
-    std::vector<std::uint64_t> keys;
-    for (std::size_t i = 1; i <= kCrafted; ++i) keys.push_back(i * distance);
+  for (const uint64_t distance :
+       {uint64_t{1}, uint64_t{1} << 32, uint64_t{1} << 51, uint64_t{0xFFFFFFFF}}) {
+    std::vector<uint64_t> keys;
+    for (size_t i = 1; i <= kCrafted; ++i) keys.push_back(i * distance);
     qvdb::detail::IndexMap map;
     EXPECT_LE(stepsOfAll(map, keys), kFew) << distance;
   }
@@ -134,8 +134,8 @@ TEST_F(LayerIndex, OfADamagedChainSaysWhere) {
   table.add(span(bytesOf("b")));
   database.close();
   Bytes image = contents();
-  const auto first = static_cast<std::size_t>(slot(0).firstRecordPos);
-  for (std::size_t i = 0; i < 8; ++i) image[first + 39 + i] = 0;
+  const auto first = static_cast<size_t>(slot(0).firstRecordPos);
+  for (size_t i = 0; i < 8; ++i) image[first + 39 + i] = 0;
   writeFile(path(), image);
   allowDamage();
   auto damaged = openDatabase();

@@ -21,7 +21,7 @@ inline std::span<const std::byte> span(const Bytes& bytes) {
 
 inline Bytes bytes(std::span<const std::byte> from) {
   Bytes result;
-  for (const std::byte b : from) result.push_back(static_cast<std::uint8_t>(b));
+  for (const std::byte b : from) result.push_back(static_cast<uint8_t>(b));
   return result;
 }
 
@@ -84,8 +84,8 @@ class LayerTest : public DatabaseTest {
     return result;
   }
 
-  static std::vector<std::uint64_t> idsOf(const qvdb::Table& table) {
-    std::vector<std::uint64_t> ids;
+  static std::vector<uint64_t> idsOf(const qvdb::Table& table) {
+    std::vector<uint64_t> ids;
     for (const qvdb::Record& record : table.records()) ids.push_back(record.id().value);
     return ids;
   }

@@ -31,18 +31,18 @@ class LongWalk : public LayerTest {
   }
 
   // A table of so many records, of which it counts `counted`.
-  static FileImage counting(std::uint32_t counted, std::uint64_t records) {
+  static FileImage counting(uint32_t counted, uint64_t records) {
     FileImage image;
     image.addTable("notes", 0x11);
-    for (std::uint64_t i = 0; i < records; ++i) image.addRecord(0, 0xA0 + i, pattern(5));
+    for (uint64_t i = 0; i < records; ++i) image.addRecord(0, 0xA0 + i, pattern(5));
     image.slot(0).recordCount = counted;
     return image;
   }
 
   // Appends records of `size` bytes.
-  static std::vector<Kept> fill(qvdb::Table& table, std::size_t count, std::size_t size) {
+  static std::vector<Kept> fill(qvdb::Table& table, size_t count, size_t size) {
     std::vector<Kept> kept;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
       Bytes payload = pattern(size, static_cast<unsigned>(i));
       const Id id = table.add(span(payload));
       kept.push_back({id, std::move(payload)});
@@ -60,10 +60,9 @@ TEST_F(LongWalk, DeliversRecordsOfAllSizesInTheirOrder) {
     // Some payloads are larger than any piece; whole stretches are empty.
     const bool isHuge = i % 1000 == 700;
     const bool isEmpty = i / 500 == 3;
-    const std::size_t size = isHuge ? 200'000 : isEmpty ? 0 : random() % 200;
+    const size_t size = isHuge ? 200'000 : isEmpty ? 0 : random() % 200;
     kept.push_back({{}, pattern(size, static_cast<unsigned>(i))});
-    kept.back().id =
-        table.add(span(kept.back().payload), static_cast<std::uint32_t>(random() % 50));
+    kept.back().id = table.add(span(kept.back().payload), static_cast<uint32_t>(random() % 50));
   }
   EXPECT_EQ(walk(table, Load::payloads), kept);
   EXPECT_EQ(walk(table, Load::headers), kept);
@@ -80,7 +79,7 @@ TEST_F(LongWalk, FollowsRecordsThatHaveMovedAndPassesDeletedOnes) {
       Kept& moved = kept[random() % kept.size()];
       moved.payload = pattern(moved.payload.size() + 20, static_cast<unsigned>(i));
       ASSERT_TRUE(table.modify(moved.id, span(moved.payload)));
-      const std::size_t gone = random() % kept.size();
+      const size_t gone = random() % kept.size();
       ASSERT_TRUE(table.remove(kept[gone].id));
       kept.erase(kept.begin() + static_cast<std::ptrdiff_t>(gone));
     }
@@ -94,7 +93,7 @@ TEST_F(LongWalk, CanBeginAgainAtAnyPoint) {
   auto table = database.add_table("t");
   const std::vector<Kept> kept = fill(table, 2500, 100);
   auto records = table.records(Load::payloads);
-  std::size_t seen = 0;
+  size_t seen = 0;
   for (const qvdb::Record& record : records) {
     EXPECT_EQ(record.id(), kept[seen].id);
     if (++seen == 2000) break;
@@ -127,13 +126,13 @@ TEST_F(LongWalk, SeesWhatTheLayerChangesInThePieceThatItHolds) {
 TEST_F(LongWalk, DeliversTheRecordsBeforeADamage) {
   FileImage image;
   image.addTable("notes", 0x11);
-  std::vector<std::int64_t> at;
-  for (std::uint64_t i = 0; i < 3000; ++i) at.push_back(image.addRecord(0, 0xA0 + i, pattern(50)));
+  std::vector<int64_t> at;
+  for (uint64_t i = 0; i < 3000; ++i) at.push_back(image.addRecord(0, 0xA0 + i, pattern(50)));
   image.record(at[2222]).blockMark = 0;
   allowDamage();
   for (const Load load : {Load::headers, Load::payloads}) {
     auto database = openImage(image);
-    std::size_t seen = 0;
+    size_t seen = 0;
     expectError(Reason::chain_damaged, [&] {
       for ([[maybe_unused]] const auto& record : database.table("notes").records(load)) ++seen;
     });
@@ -146,11 +145,11 @@ TEST_F(LongWalk, DeliversTheRecordsBeforeTheEndOfAFileThatWasCutShort) {
   auto table = database.add_table("t");
   fill(table, 3000, 100);
   database.close();
-  writeFile(path(), contents().cut(static_cast<std::size_t>(4630 + 2000 * 156 + 100)));
+  writeFile(path(), contents().cut(static_cast<size_t>(4630 + 2000 * 156 + 100)));
   allowDamage();
   auto damaged = openDatabase(qvdb::Mode::read_only);
   auto cut = damaged.table("t");
-  std::size_t seen = 0;
+  size_t seen = 0;
   expectError(Reason::data_damaged, [&] {
     for (const qvdb::Record& record : cut.records(Load::payloads)) {
       EXPECT_EQ(record.loaded().size(), 100u);
@@ -164,13 +163,13 @@ TEST_F(LongWalk, DeliversTheRecordsBeforeTheEndOfAFileThatWasCutShort) {
 TEST_F(LongWalk, EndsInALoopWithinAPiece) {
   FileImage image;
   image.addTable("notes", 0x11);
-  std::vector<std::int64_t> at;
-  for (std::uint64_t i = 0; i < 1000; ++i) at.push_back(image.addRecord(0, 0xA0 + i, pattern(5)));
+  std::vector<int64_t> at;
+  for (uint64_t i = 0; i < 1000; ++i) at.push_back(image.addRecord(0, 0xA0 + i, pattern(5)));
   image.record(at.back()).nextRecordPos = at[500];
   image.slot(0).recordCount = 0xFFFFFFFF;
   allowDamage();
   auto database = openImage(image);
-  std::size_t seen = 0;
+  size_t seen = 0;
   expectError(Reason::chain_damaged, [&] {
     for ([[maybe_unused]] const auto& record : database.table("notes").records()) ++seen;
   });
@@ -192,7 +191,7 @@ TEST_F(LongWalk, TellsThatTheChainEndsBeforeTheCountWithinAPiece) {
   const FileImage image = counting(1001, 1000);
   allowDamage();
   auto database = openImage(image);
-  std::size_t seen = 0;
+  size_t seen = 0;
   const std::string why = expectError(Reason::chain_damaged, [&] {
     for ([[maybe_unused]] const auto& record : database.table("notes").records()) ++seen;
   });
@@ -204,14 +203,14 @@ TEST_F(LongWalk, TellsThatTheChainEndsBeforeTheCountWithinAPiece) {
 TEST_F(LongWalk, TellsOfADamageThatIsTheFirstOfAPiece) {
   FileImage image;
   image.addTable("notes", 0x11);
-  std::vector<std::int64_t> at;
-  for (std::uint64_t i = 0; i < 3000; ++i) at.push_back(image.addRecord(0, 0xA0 + i, pattern(100)));
+  std::vector<int64_t> at;
+  for (uint64_t i = 0; i < 3000; ++i) at.push_back(image.addRecord(0, 0xA0 + i, pattern(100)));
   allowDamage();
   const Bytes sound = image.build();
-  for (std::size_t damaged = 1000; damaged < 1900; ++damaged) {
-    writeFile(path(), sound.with(static_cast<std::size_t>(at[damaged]), Bytes().zeros(1)));
+  for (size_t damaged = 1000; damaged < 1900; ++damaged) {
+    writeFile(path(), sound.with(static_cast<size_t>(at[damaged]), Bytes().zeros(1)));
     auto database = openDatabase(qvdb::Mode::read_only);
-    std::size_t seen = 0;
+    size_t seen = 0;
     expectError(Reason::chain_damaged, [&] {
       for ([[maybe_unused]] const auto& record : database.table("notes").records()) ++seen;
     });
@@ -223,7 +222,7 @@ TEST_F(LongWalk, FailsWhenTheDatabaseIsClosedWithinAPiece) {
   auto database = createDatabase();
   auto table = database.add_table("t");
   fill(table, 2000, 50);
-  std::size_t seen = 0;
+  size_t seen = 0;
   expectError(Reason::not_open, [&] {
     for ([[maybe_unused]] const auto& record : table.records()) {
       if (++seen == 1500) database.close();
@@ -240,7 +239,7 @@ TEST_F(LongWalk, ReadsNoPiecesInVain) {
   auto table = database.add_table("t");
   fill(table, 300, 100);
   fill(table, 20, 300'000);
-  std::size_t asked = 0;
+  size_t asked = 0;
   RecordedCalls host;
   EXPECT_EQ(std::ranges::distance(table.records(Load::payloads)), 320);
   for (const Event& event : host.events()) {

@@ -77,17 +77,17 @@ class PatientHost {
     now_ = 1'000;
     pauses_ = 0;
     calls_->microseconds = [] { return now_; };
-    calls_->pause = [](std::uint64_t length) {
+    calls_->pause = [](uint64_t length) {
       now_ += length;
       ++pauses_;
     };
   }
   static int pauses() { return pauses_; }
-  static std::uint64_t waited() { return now_ - 1'000; }
+  static uint64_t waited() { return now_ - 1'000; }
   platform::SystemCalls* operator->() { return calls_.operator->(); }
 
  private:
-  inline static std::uint64_t now_ = 0;
+  inline static uint64_t now_ = 0;
   inline static int pauses_ = 0;
   ReplacedCalls calls_;
 };
@@ -98,7 +98,7 @@ TEST_F(LayerOpen, WaitsForADatabaseInUseAsLongAsItIsAllowedTo) {
     PatientHost host;
     expectError(Reason::in_use,
                 [&] { Database::open(path(), {.mode = Mode::exclusive, .wait = wait}); });
-    EXPECT_EQ(host.waited(), static_cast<std::uint64_t>(wait.count()) * 1'000);
+    EXPECT_EQ(host.waited(), static_cast<uint64_t>(wait.count()) * 1'000);
   }
 }
 

@@ -11,7 +11,7 @@
 namespace qvdbase::test {
 namespace {
 
-using Ids = std::vector<std::uint64_t>;
+using Ids = std::vector<uint64_t>;
 using qvdb::Reason;
 
 static_assert(std::ranges::input_range<qvdb::RecordRange>);
@@ -22,9 +22,9 @@ using LayerRecords = LayerTest;
 TEST_F(LayerRecords, AreListedInTheOrderOfTheirChain) {
   auto database = createDatabase();
   auto table = database.add_table("notes");
-  const std::uint64_t a = table.add(span(bytesOf("first"))).value;
-  const std::uint64_t b = table.add(span(bytesOf("second"))).value;
-  const std::uint64_t c = table.add({}).value;
+  const uint64_t a = table.add(span(bytesOf("first"))).value;
+  const uint64_t b = table.add(span(bytesOf("second"))).value;
+  const uint64_t c = table.add({}).value;
   EXPECT_EQ(idsOf(table), (Ids{a, b, c}));
   EXPECT_EQ(table.count(), 3u);
   table.remove(qvdb::Id{b});
@@ -68,12 +68,12 @@ TEST_F(LayerRecords, AreReadWholeInPiecesAndIntoACallersBuffer) {
   ASSERT_TRUE(record.has_value());
   Bytes pieces;
   std::vector<std::byte> piece(300);
-  while (const std::size_t got = record->read(pieces.size(), piece)) {
+  while (const size_t got = record->read(pieces.size(), piece)) {
     pieces.add(bytes(std::span(piece).first(got)));
   }
   EXPECT_EQ(pieces, payload);
   EXPECT_EQ(record->read(1000, piece), 0u);
-  EXPECT_EQ(record->read(~std::uint64_t{0}, piece), 0u);
+  EXPECT_EQ(record->read(~uint64_t{0}, piece), 0u);
 
   std::vector<std::byte> small(10);
   EXPECT_EQ(table.get(id, small), 1000u);
@@ -162,13 +162,13 @@ TEST_F(LayerRecords, AddedOrDeletedDuringAWalkAreNoticed) {
   Ids seen;
   for (const qvdb::Record& record : table.records()) {
     seen.push_back(record.id().value);
-    const std::size_t i = seen.size() - 1;
+    const size_t i = seen.size() - 1;
     if (i == 10) table.remove(ids[10]);  // the current one
     if (i == 20) table.remove(ids[21]);  // the one that is next
     if (i == 30) table.modify(ids[33], span(pattern(100)));
   }
   Ids expected;
-  for (std::size_t i = 0; i < 100; ++i) {
+  for (size_t i = 0; i < 100; ++i) {
     if (i != 21) expected.push_back(ids[i].value);
   }
   EXPECT_EQ(seen, expected);
@@ -203,11 +203,11 @@ TEST_F(LayerRecords, WorkWithTheAdaptorsOfTheStandardLibrary) {
   auto table = database.add_table("notes");
   for (unsigned i = 0; i < 30; ++i) table.add(span(pattern(i, i)));
   auto records = table.records();
-  std::vector<std::uint32_t> sizes;
+  std::vector<uint32_t> sizes;
   for (const qvdb::Record& record : records | std::views::drop(10) | std::views::take(3)) {
     sizes.push_back(record.size());
   }
-  EXPECT_EQ(sizes, (std::vector<std::uint32_t>{10, 11, 12}));
+  EXPECT_EQ(sizes, (std::vector<uint32_t>{10, 11, 12}));
 }
 #endif
 
@@ -218,16 +218,16 @@ class DamagedChain : public LayerTest {
  protected:
   void SetUp() override {
     image.addTable("notes", 0x11);
-    for (std::uint64_t i = 0; i < 5; ++i) {
+    for (uint64_t i = 0; i < 5; ++i) {
       at.push_back(image.addRecord(0, 0xA0 + i, pattern(20, static_cast<unsigned>(i) + 1)));
     }
     allowDamage();
   }
 
   // Walks to the damage. Returns how many records were delivered before it.
-  std::size_t walk(std::uint64_t expectedRecord) {
+  size_t walk(uint64_t expectedRecord) {
     auto database = openImage(image);
-    std::size_t seen = 0;
+    size_t seen = 0;
     try {
       for ([[maybe_unused]] const qvdb::Record& record : database.table("notes").records()) ++seen;
       ADD_FAILURE() << "the walk came to its end";
@@ -239,7 +239,7 @@ class DamagedChain : public LayerTest {
   }
 
   FileImage image;
-  std::vector<std::int64_t> at;
+  std::vector<int64_t> at;
 };
 
 TEST_F(DamagedChain, IsReportedAtTheRecordWithAWrongMark) {
@@ -265,7 +265,7 @@ TEST_F(DamagedChain, ThatLoopsEndsSoonHoweverManyRecordsAreCounted) {
   image.record(at[4]).nextRecordPos = at[1];
   image.slot(0).recordCount = 0xFFFFFFFF;
   auto database = openImage(image);
-  std::size_t seen = 0;
+  size_t seen = 0;
   expectError(Reason::chain_damaged, [&] {
     for ([[maybe_unused]] const qvdb::Record& record : database.table("notes").records()) ++seen;
   });

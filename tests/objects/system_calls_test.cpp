@@ -15,7 +15,7 @@ namespace qvdbase::test {
 namespace {
 
 constexpr int kRecords = 400;
-constexpr std::size_t kSize = 100;
+constexpr size_t kSize = 100;
 
 // A table of records of one size, in file order, and one in the middle that nothing stands beside.
 class SystemCallsTest : public LayerTest {
@@ -30,8 +30,8 @@ class SystemCallsTest : public LayerTest {
     bulk.finish();
   }
 
-  std::int16_t db() const { return database_->handle(); }
-  std::uint64_t table() const { return table_->id().value; }
+  int16_t db() const { return database_->handle(); }
+  uint64_t table() const { return table_->id().value; }
   qvdb::Id first() const { return ids_.front(); }
   qvdb::Id middle() const { return ids_[kRecords / 2]; }
   const unsigned char* payload() const { return payload_.data(); }
@@ -63,24 +63,24 @@ class SystemCallsTest : public LayerTest {
 // ---- the C interface ----
 
 TEST_F(SystemCallsTest, AnAppendReadsSlotAndLastHeaderAndWritesBlockLinkAndSlot) {
-  std::uint64_t id = 0;
+  uint64_t id = 0;
   EXPECT_EQ(callsOf([&] { AddRecordData(db(), table(), payload(), kSize, 0, &id); }),
             "limit read length write read write write");
   EXPECT_NE(id, 0u);
 }
 
 TEST_F(SystemCallsTest, AnAppendToAnEmptyTableHasNoLinkToWrite) {
-  const std::uint64_t empty = AddTable(db(), "empty");
-  std::uint64_t id = 0;
+  const uint64_t empty = AddTable(db(), "empty");
+  uint64_t id = 0;
   EXPECT_EQ(callsOf([&] { AddRecordData(db(), empty, payload(), kSize, 0, &id); }),
             "limit read length write write");
 }
 
 TEST_F(SystemCallsTest, CountsAndNamesAreOneRead) {
-  std::uint32_t count = 0;
+  uint32_t count = 0;
   EXPECT_EQ(callsOf([&] { GetNumberOfRecords(db(), table(), &count); }), "read");
   EXPECT_EQ(callsOf([&] { FindTableByName(db(), "t"); }), "read");
-  std::int32_t tables = 0;
+  int32_t tables = 0;
   EXPECT_EQ(callsOf([&] { GetNumberOfTable(db(), &tables); }), "");
 }
 
@@ -95,11 +95,11 @@ TEST_F(SystemCallsTest, AWalkReadsPiecesThatDoubleInSize) {
   oneRecordInfoP1 info;
   EXPECT_EQ(callsOf([&] { GetOneRecordInfo(db(), table(), 1, &info, nullptr); }),
             "read read read read read read read");
-  std::vector<std::uint64_t> list(kRecords);
-  std::uint32_t count = 0;
+  std::vector<uint64_t> list(kRecords);
+  uint32_t count = 0;
   EXPECT_EQ(callsOf([&] { GetRecordUuIDList(db(), table(), list.data(), &count); }),
             "read read read read read read read");
-  EXPECT_EQ(count, static_cast<std::uint32_t>(kRecords));
+  EXPECT_EQ(count, static_cast<uint32_t>(kRecords));
 }
 
 TEST_F(SystemCallsTest, AnUpdateInPlaceIsOneWrite) {

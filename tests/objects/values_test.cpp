@@ -17,7 +17,7 @@ using qvdb::Id;
 using qvdb::NewRecord;
 using qvdb::Reason;
 
-std::size_t sizeOf(ByteView bytes) {
+size_t sizeOf(ByteView bytes) {
   return bytes.size();
 }
 
@@ -25,7 +25,7 @@ TEST(ByteView, TakesEveryContiguousRangeOfBytes) {
   EXPECT_EQ(sizeOf(std::string("hello")), 5u);
   EXPECT_EQ(sizeOf(std::string_view("hello").substr(1)), 4u);
   EXPECT_EQ(sizeOf(std::vector<std::byte>(7)), 7u);
-  EXPECT_EQ(sizeOf(std::vector<std::uint8_t>(8)), 8u);
+  EXPECT_EQ(sizeOf(std::vector<uint8_t>(8)), 8u);
   EXPECT_EQ(sizeOf(std::array<char, 4>{}), 4u);
   EXPECT_EQ(sizeOf(std::array<signed char, 4>{}), 4u);
   unsigned char raw[5] = {};
@@ -94,17 +94,17 @@ TEST(LayerWords, AreWrittenToStreams) {
 
 // Identifiers that the multiplication of a well-known hash would all bring to one bucket.
 TEST(LayerWords, IdentifiersSpreadOverBucketsThatWereChosenForThem) {
-  const auto wellKnown = [](std::uint64_t value) {
-    return static_cast<std::size_t>((value ^ (value >> 32)) * 0x9E3779B97F4A7C15u);
+  const auto wellKnown = [](uint64_t value) {
+    return static_cast<size_t>((value ^ (value >> 32)) * 0x9E3779B97F4A7C15u);
   };
   std::unordered_set<Id> set;
   set.reserve(4096);
-  const std::size_t buckets = set.bucket_count();
-  for (std::uint64_t value = 1; set.size() < 1000; ++value) {
+  const size_t buckets = set.bucket_count();
+  for (uint64_t value = 1; set.size() < 1000; ++value) {
     if (wellKnown(value) % buckets == 7) set.insert(Id{value});
   }
-  std::size_t most = 0;
-  for (std::size_t i = 0; i < buckets; ++i) most = std::max(most, set.bucket_size(i));
+  size_t most = 0;
+  for (size_t i = 0; i < buckets; ++i) most = std::max(most, set.bucket_size(i));
   EXPECT_LT(most, 20u);
 }
 

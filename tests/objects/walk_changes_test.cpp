@@ -26,17 +26,17 @@ static_assert(std::ranges::input_range<qvdb::RecordRange>);
 
 class WalksWithChanges : public LayerTest {
  protected:
-  void fill(int count, std::size_t size = 20) {
+  void fill(int count, size_t size = 20) {
     database = createDatabase();
     table = database.add_table("t");
     auto bulk = table.appender();
     for (int i = 0; i < count; ++i) {
-      bulk.add(qvdb::NewRecord(span(Bytes(size, static_cast<std::uint8_t>(i))), 0,
-                               Id{static_cast<std::uint64_t>(i) + 1}));
+      bulk.add(qvdb::NewRecord(span(Bytes(size, static_cast<uint8_t>(i))), 0,
+                               Id{static_cast<uint64_t>(i) + 1}));
     }
     bulk.finish();
   }
-  static std::uint64_t numberOf(const Record& record) { return record.id().value; }
+  static uint64_t numberOf(const Record& record) { return record.id().value; }
 
   qvdb::Database database;
   qvdb::Table table;
@@ -57,12 +57,12 @@ TEST_F(WalksWithChanges, CopiedRecordsKeepTheirPayloads) {
   const std::vector<Record> again = copies;
   copies.clear();
   ASSERT_EQ(again.size(), 700u);
-  for (std::size_t i = 0; i < again.size(); ++i) {
-    EXPECT_EQ(bytes(again[i].loaded()), Bytes(20, static_cast<std::uint8_t>(i)));
+  for (size_t i = 0; i < again.size(); ++i) {
+    EXPECT_EQ(bytes(again[i].loaded()), Bytes(20, static_cast<uint8_t>(i)));
   }
   Record assigned;
   for (const Record& record : table.records(Load::payloads)) assigned = record;
-  EXPECT_EQ(bytes(assigned.loaded()), Bytes(20, static_cast<std::uint8_t>(699)));
+  EXPECT_EQ(bytes(assigned.loaded()), Bytes(20, static_cast<uint8_t>(699)));
   const Record moved = std::move(assigned);
   EXPECT_EQ(moved.loaded().size(), 20u);
 }
@@ -105,18 +105,18 @@ TEST_F(WalksWithChanges, ReadNothingAgainWhenTheRecordJustDeliveredChanges) {
 TEST_F(WalksWithChanges, DeliverEachRecordOnceWhileAllAreDeletedOrMoved) {
   for (const int count : {1, 3, 7, 500, 3000}) {
     fill(count);
-    std::uint64_t expected = 0;
+    uint64_t expected = 0;
     for (const Record& record : table.records(Load::payloads)) {
       EXPECT_EQ(numberOf(record), ++expected);
-      EXPECT_EQ(bytes(record.loaded()), Bytes(20, static_cast<std::uint8_t>(expected - 1)));
+      EXPECT_EQ(bytes(record.loaded()), Bytes(20, static_cast<uint8_t>(expected - 1)));
       if (expected % 2 == 0) {
         EXPECT_TRUE(table.remove(record));
       } else {
         EXPECT_TRUE(table.modify(record, span(Bytes(60, 'm'))));
       }
     }
-    EXPECT_EQ(expected, static_cast<std::uint64_t>(count));
-    EXPECT_EQ(table.count(), static_cast<std::uint32_t>(count + 1) / 2);
+    EXPECT_EQ(expected, static_cast<uint64_t>(count));
+    EXPECT_EQ(table.count(), static_cast<uint32_t>(count + 1) / 2);
     database.close();
     std::filesystem::remove(path());
   }
@@ -125,7 +125,7 @@ TEST_F(WalksWithChanges, DeliverEachRecordOnceWhileAllAreDeletedOrMoved) {
 // After the current record was deleted, its block still names the next one, which then goes too.
 TEST_F(WalksWithChanges, PassOverWhatIsDeletedAfterADeletedRecord) {
   fill(6);
-  std::vector<std::uint64_t> seen;
+  std::vector<uint64_t> seen;
   for (const Record& record : table.records()) {
     seen.push_back(numberOf(record));
     if (numberOf(record) != 2) continue;
@@ -134,25 +134,25 @@ TEST_F(WalksWithChanges, PassOverWhatIsDeletedAfterADeletedRecord) {
     table.modify(Id{4}, span(Bytes(100, 'm')));
     table.remove(Id{5});
   }
-  EXPECT_EQ(seen, (std::vector<std::uint64_t>{1, 2, 4, 6}));
+  EXPECT_EQ(seen, (std::vector<uint64_t>{1, 2, 4, 6}));
 }
 
 TEST_F(WalksWithChanges, PassOverWhatIsDeletedAfterARecordThatMoved) {
   fill(6);
-  std::vector<std::uint64_t> seen;
+  std::vector<uint64_t> seen;
   for (const Record& record : table.records()) {
     seen.push_back(numberOf(record));
     if (numberOf(record) != 2) continue;
     table.modify(record, span(Bytes(100, 'm')));
     table.remove(Id{3});
   }
-  EXPECT_EQ(seen, (std::vector<std::uint64_t>{1, 2, 4, 5, 6}));
+  EXPECT_EQ(seen, (std::vector<uint64_t>{1, 2, 4, 5, 6}));
 }
 
 // Two walks over one table, each seeing what goes on at the other.
 TEST_F(WalksWithChanges, SeeWhatIsDeletedAtAnotherWalk) {
   fill(8);
-  std::vector<std::uint64_t> seen;
+  std::vector<uint64_t> seen;
   auto outer = table.records();
   for (const Record& record : outer) {
     seen.push_back(numberOf(record));
@@ -161,7 +161,7 @@ TEST_F(WalksWithChanges, SeeWhatIsDeletedAtAnotherWalk) {
       if (numberOf(each) % 2 == 0) table.remove(each);
     }
   }
-  EXPECT_EQ(seen, (std::vector<std::uint64_t>{1, 2, 3, 5, 7}));
+  EXPECT_EQ(seen, (std::vector<uint64_t>{1, 2, 3, 5, 7}));
 }
 
 // A walk that has ended, and one that is gone, are told of nothing.
@@ -174,9 +174,9 @@ TEST_F(WalksWithChanges, AreNotDisturbedAfterTheirEnd) {
     second.begin();
   }
   table.remove(Id{2});
-  std::vector<std::uint64_t> seen;
+  std::vector<uint64_t> seen;
   for (const Record& record : walk) seen.push_back(numberOf(record));
-  EXPECT_EQ(seen, (std::vector<std::uint64_t>{1, 3}));
+  EXPECT_EQ(seen, (std::vector<uint64_t>{1, 3}));
 }
 
 TEST_F(WalksWithChanges, EraseThoseThatAPredicateChooses) {

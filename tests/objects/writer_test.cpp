@@ -16,15 +16,15 @@ using qvdb::Reason;
 using qvdb::RecordWriter;
 
 // A payload that differs everywhere.
-Bytes pattern(std::size_t size) {
+Bytes pattern(size_t size) {
   Bytes bytes;
-  for (std::size_t i = 0; i < size; ++i) bytes.push_back(static_cast<std::uint8_t>(i * 131 >> 3));
+  for (size_t i = 0; i < size; ++i) bytes.push_back(static_cast<uint8_t>(i * 131 >> 3));
   return bytes;
 }
 
 // The sizes on both sides of what a batch holds in memory, 256 KiB with 56 bytes of block.
-constexpr std::size_t kPiece = 262'144;
-constexpr std::size_t kSizes[] = {
+constexpr size_t kPiece = 262'144;
+constexpr size_t kSizes[] = {
     0, 1, 1000, kPiece - 57, kPiece - 56, kPiece - 55, kPiece, 3 * kPiece - 55, 3 * kPiece + 17};
 
 class PayloadsInPieces : public LayerTest {
@@ -37,14 +37,14 @@ class PayloadsInPieces : public LayerTest {
     table->add_with_id(Id{1}, span(bytesOf("before")));
   }
 
-  static void writeInPieces(RecordWriter& writer, const Bytes& payload, std::size_t size) {
-    for (std::size_t at = 0; at < payload.size(); at += size) {
+  static void writeInPieces(RecordWriter& writer, const Bytes& payload, size_t size) {
+    for (size_t at = 0; at < payload.size(); at += size) {
       writer.write(span(payload).subspan(at, std::min(size, payload.size() - at)));
     }
   }
 
   // The file after the record of this payload was added whole, and cut off again.
-  Bytes addedWhole(const Bytes& payload, std::uint32_t reserve) {
+  Bytes addedWhole(const Bytes& payload, uint32_t reserve) {
     const Bytes before = contents();
     table->add_with_id(Id{2}, span(payload), reserve);
     database.close();
@@ -61,10 +61,10 @@ class PayloadsInPieces : public LayerTest {
 };
 
 TEST_F(PayloadsInPieces, AreTheFileThatWholeOnesAre) {
-  for (const std::size_t size : kSizes) {
+  for (const size_t size : kSizes) {
     const Bytes payload = pattern(size);
-    for (const std::uint32_t reserve : {0u, 300'000u}) {
-      for (const std::size_t piece : {std::size_t{777}, std::size_t{65'536}, 2 * kPiece + 1}) {
+    for (const uint32_t reserve : {0u, 300'000u}) {
+      for (const size_t piece : {size_t{777}, size_t{65'536}, 2 * kPiece + 1}) {
         SCOPED_TRACE(std::to_string(size) + " in pieces of " + std::to_string(piece));
         const Bytes before = contents();
         const Bytes whole = addedWhole(payload, reserve);
@@ -85,7 +85,7 @@ TEST_F(PayloadsInPieces, AreTheFileThatWholeOnesAre) {
 TEST_F(PayloadsInPieces, AreInTheirPlacesInABatch) {
   std::vector<Bytes> payloads;
   auto bulk = table->appender();
-  for (const std::size_t size : kSizes) {
+  for (const size_t size : kSizes) {
     payloads.push_back(pattern(size));
     bulk.add(span(payloads.back()));
     RecordWriter writer = bulk.writer();
@@ -115,7 +115,7 @@ TEST_F(PayloadsInPieces, AreUnseenBeforeTheyAreFinished) {
 }
 
 TEST_F(PayloadsInPieces, LeaveTheFileAsItWasWhenTheyAreGivenUp) {
-  for (const std::size_t size : kSizes) {
+  for (const size_t size : kSizes) {
     expectUnchanged([&] {
       RecordWriter writer = table->writer();
       writeInPieces(writer, pattern(size), 100'000);
@@ -133,7 +133,7 @@ TEST_F(PayloadsInPieces, LeaveTheFileAsItWasWhenTheyAreGivenUp) {
 
 // Killed at any moment, the record is torn and nothing leads to it.
 TEST_F(PayloadsInPieces, CountAsCutOffWhileTheyAreWritten) {
-  const std::size_t end = fileSize();
+  const size_t end = fileSize();
   RecordWriter writer = table->writer();
   writeInPieces(writer, pattern(2 * kPiece), 50'000);
   EXPECT_EQ(contents().beAt(end + 47, 4), 0xFFFFFFFFu);
@@ -145,12 +145,12 @@ TEST_F(PayloadsInPieces, CountAsCutOffWhileTheyAreWritten) {
 }
 
 TEST_F(PayloadsInPieces, TakeNoMoreMemoryForMoreBytes) {
-  const auto blocksFor = [&](std::size_t size) {
+  const auto blocksFor = [&](size_t size) {
     const Bytes piece(100'000, 'p');
     host_.forget();
     RecordWriter writer = table->writer();
-    for (std::size_t at = 0; at < size; at += piece.size()) writer.write(span(piece));
-    std::size_t largest = 0;
+    for (size_t at = 0; at < size; at += piece.size()) writer.write(span(piece));
+    size_t largest = 0;
     for (const Event& event : host_.events()) {
       if (event.call == Call::allocate) largest = std::max(largest, event.count);
     }
@@ -161,7 +161,7 @@ TEST_F(PayloadsInPieces, TakeNoMoreMemoryForMoreBytes) {
 
 TEST_F(PayloadsInPieces, ThatCannotBeWrittenLeaveNothing) {
   const Bytes payload = pattern(2 * kPiece);
-  for (const std::size_t space : {std::size_t{10}, kPiece, kPiece + 100, 2 * kPiece + 50}) {
+  for (const size_t space : {size_t{10}, kPiece, kPiece + 100, 2 * kPiece + 50}) {
     expectUnchanged([&] {
       host_.fullAfter(space);
       expectError(Reason::disk_full, [&] {
@@ -230,13 +230,13 @@ TEST_F(PartsOfPayloads, AreWrittenOverInPlace) {
   auto database = createDatabase();
   auto table = database.add_table("t");
   const Id id = table.add(span(bytesOf("0123456789")), 20);
-  const std::size_t block = static_cast<std::size_t>(table.find(id)->info().position);
+  const size_t block = static_cast<size_t>(table.find(id)->info().position);
   host.setTime(2000);
   Bytes expected = contents();
   expected.putBe(block + 27, 4, 2000);
-  const auto writeAndExpect = [&](std::size_t offset, const std::string& text) {
-    for (std::size_t i = 0; i < text.size(); ++i) {
-      expected[block + 55 + offset + i] = static_cast<std::uint8_t>(text[i]);
+  const auto writeAndExpect = [&](size_t offset, const std::string& text) {
+    for (size_t i = 0; i < text.size(); ++i) {
+      expected[block + 55 + offset + i] = static_cast<uint8_t>(text[i]);
     }
     EXPECT_TRUE(sameBytes(contents(), expected));
   };
@@ -257,7 +257,7 @@ TEST_F(PartsOfPayloads, StayInsideThePresentSize) {
   auto table = database.add_table("t");
   const Id id = table.add(span(bytesOf("0123456789")), 20);
   expectUnchanged([&] {
-    for (const std::uint64_t offset : {std::uint64_t{8}, std::uint64_t{11}, ~std::uint64_t{0}}) {
+    for (const uint64_t offset : {uint64_t{8}, uint64_t{11}, ~uint64_t{0}}) {
       expectError(Reason::bad_argument, [&] { table.write(id, offset, span(bytesOf("abc"))); });
       expectError(Reason::bad_argument,
                   [&] { table.write(*table.find(id), offset, span(bytesOf("abc"))); });
@@ -287,7 +287,7 @@ TEST_F(FullDevices, GetNoFullerByAttemptsThatFail) {
   const Bytes large(100'000, 'l');
   RecordedCalls host;
   const auto expectRefused = [&](auto operation) {
-    for (const std::size_t space : {0u, 1u, 60u, 50'000u, 100'050u}) {
+    for (const size_t space : {0u, 1u, 60u, 50'000u, 100'050u}) {
       SCOPED_TRACE(space);
       expectUnchanged([&] {
         host.fullAfter(space);
@@ -315,7 +315,7 @@ TEST_F(FullDevices, KeepABlockToWhichSomethingLeads) {
   auto table = database.add_table("t");
   const Id first = table.add(span(bytesOf("first")));
   table.add(span(bytesOf("last")));
-  const std::size_t before = fileSize();
+  const size_t before = fileSize();
   RecordedCalls host;
   host.fullAfter(57 + 8);  // the block and the link
   EXPECT_THROW(table.add(span(bytesOf("x"))), qvdb::Error);
@@ -331,7 +331,7 @@ TEST_F(FullDevices, AreNoReasonToCutWhatOtherProcessesMayHaveAppended) {
   createDatabase().add_table("t");
   auto shared = openDatabase(qvdb::Mode::shared);
   auto table = shared.table("t");
-  const std::size_t before = fileSize();
+  const size_t before = fileSize();
   RecordedCalls host;
   host.fullAfter(50'000);
   expectError(Reason::disk_full, [&] { table.add(span(Bytes(100'000, 'l'))); });
@@ -370,7 +370,7 @@ TEST_F(FullDevices, AreTheReasonWhereverAChangeStops) {
   {
     auto database = createDatabase();
     auto table = database.add_table("t");
-    std::uint64_t id = 0;
+    uint64_t id = 0;
     for (const char* text : {"first", "middle", "last"}) {
       table.add_with_id(Id{++id}, span(bytesOf(text)));
     }
@@ -380,7 +380,7 @@ TEST_F(FullDevices, AreTheReasonWhereverAChangeStops) {
   for (const Change& change : changes) {
     for (const auto& [error, reason] :
          {std::pair(ENOSPC, Reason::disk_full), std::pair(EIO, Reason::cannot_write)}) {
-      std::size_t space = 0;
+      size_t space = 0;
       for (bool isDone = false; !isDone && !HasFailure(); space += 9) {
         SCOPED_TRACE(std::string(change.name) + ", space for " + std::to_string(space));
         writeFile(path(), before);
@@ -411,7 +411,7 @@ TEST_F(FullDevices, AreNotTheOnlyOnesToStopAChangeHalfWay) {
   {
     auto database = createDatabase();
     auto table = database.add_table("t");
-    for (std::uint64_t id : {1u, 2u, 3u}) table.add_with_id(Id{id}, span(Bytes(100'000, 'p')));
+    for (uint64_t id : {1u, 2u, 3u}) table.add_with_id(Id{id}, span(Bytes(100'000, 'p')));
   }
   const Bytes before = contents();
   const auto expectReason = [&](auto change) {
@@ -462,7 +462,7 @@ TEST_F(FullDevices, CanBeCompactedAfterwards) {
     {
       auto database = openDatabase(mode);
       auto table = database.table("t");
-      for (const std::size_t space : {50'000u, 60u, 0u}) {
+      for (const size_t space : {50'000u, 60u, 0u}) {
         host.fullAfter(space);
         expectError(Reason::disk_full, [&] { table.add(span(Bytes(100'000, 'l'))); });
         expectError(Reason::disk_full, [&] { table.set_data(span(Bytes(100'000, 'l'))); });

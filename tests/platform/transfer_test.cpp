@@ -23,9 +23,9 @@ namespace {
 using platform::TransferPause;
 using platform::TransferScope;
 
-Bytes patterned(std::size_t size) {
+Bytes patterned(size_t size) {
   Bytes bytes(size);
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
   return bytes;
 }
 
@@ -104,8 +104,7 @@ TEST_F(Transfers, InsideAScopeNeighbouringReadsAreOneSystemCall) {
   RecordedCalls host;
   TransferScope scope;
   for (int i = 0; i < 100; ++i) {
-    EXPECT_EQ(readAt(file, i, 1),
-              std::string(1, static_cast<char>(patterned(100)[std::size_t(i)])));
+    EXPECT_EQ(readAt(file, i, 1), std::string(1, static_cast<char>(patterned(100)[size_t(i)])));
   }
   EXPECT_EQ(host.count(Call::read), 1);
 }
@@ -193,7 +192,7 @@ TEST_F(Transfers, BytesThatWereNotReadAreNotWritten) {
 // the bytes between; so do refused ones, with the position and the count of the one refused.
 TEST_F(Transfers, BytesBetweenFieldsAreWrittenOnlyWithTheFieldAfterThem) {
   const std::string large(40000, 'x');
-  for (std::size_t space = 0; space < 20; ++space) {
+  for (size_t space = 0; space < 20; ++space) {
     SCOPED_TRACE(space);
     const int16_t file = open("f", patterned(200), 3);
     RecordedCalls host;
@@ -576,14 +575,14 @@ TEST_F(Transfers, AtTheLargestPositionNothingIsReadAndNothingWraps) {
 TEST_F(Transfers, InAScopeAreWhatTheyAreWithoutOne) {
   const auto seed = static_cast<unsigned>(randomSeed());
   std::mt19937 random(seed);
-  const auto below = [&](std::size_t limit) { return random() % limit; };
+  const auto below = [&](size_t limit) { return random() % limit; };
   Bytes model = patterned(300000);
   const int16_t file = open("f", model);
-  std::size_t place = 0;
+  size_t place = 0;
   for (int round = 0; round < 20; ++round) {
     TransferScope scope;
     for (int step = 0; step < 200; ++step) {
-      const std::size_t count = below(20) == 0 ? below(200000) : 1 + below(200);
+      const size_t count = below(20) == 0 ? below(200000) : 1 + below(200);
       switch (below(4)) {
         case 0:
           place = below(model.size() + 1000);
@@ -595,7 +594,7 @@ TEST_F(Transfers, InAScopeAreWhatTheyAreWithoutOne) {
           break;
       }
       if (below(3) != 0) {
-        const std::size_t end = std::min(place + count, model.size());
+        const size_t end = std::min(place + count, model.size());
         const std::string expected =
             place < end ? std::string(model.begin() + static_cast<std::ptrdiff_t>(place),
                                       model.begin() + static_cast<std::ptrdiff_t>(end))

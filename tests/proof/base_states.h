@@ -12,33 +12,33 @@
 
 namespace qvdbase::test {
 
-inline constexpr std::uint64_t kStateTable = 0x1101;
+inline constexpr uint64_t kStateTable = 0x1101;
 
 struct BaseState {
   std::string name;
   Bytes bytes;
   bool isSound = true;
-  std::uint64_t table = kStateTable;   // the table that is worked on; 0: there is none
-  std::vector<std::uint64_t> records;  // its records, in order
-  std::uint64_t other = 0;             // another table, 0: there is none
+  uint64_t table = kStateTable;   // the table that is worked on; 0: there is none
+  std::vector<uint64_t> records;  // its records, in order
+  uint64_t other = 0;             // another table, 0: there is none
 };
 
 namespace states {
 
 // Records 0xA1, 0xA2, ... of 20, 21, ... bytes.
-inline std::vector<std::int64_t> addRecords(FileImage& image, std::size_t table, std::size_t count,
-                                            std::uint32_t reserve = 0) {
-  std::vector<std::int64_t> at;
-  for (std::size_t i = 0; i < count; ++i) {
+inline std::vector<int64_t> addRecords(FileImage& image, size_t table, size_t count,
+                                       uint32_t reserve = 0) {
+  std::vector<int64_t> at;
+  for (size_t i = 0; i < count; ++i) {
     const Bytes payload = pattern(20 + i, static_cast<unsigned>(i + 1));
     at.push_back(image.addRecord(table, 0xA1 + i, payload, {.reserve = reserve}));
   }
   return at;
 }
 
-inline std::vector<std::uint64_t> ids(std::size_t count) {
-  std::vector<std::uint64_t> result;
-  for (std::size_t i = 0; i < count; ++i) result.push_back(0xA1 + i);
+inline std::vector<uint64_t> ids(size_t count) {
+  std::vector<uint64_t> result;
+  for (size_t i = 0; i < count; ++i) result.push_back(0xA1 + i);
   return result;
 }
 
@@ -47,9 +47,9 @@ inline BaseState withoutTables() {
 }
 
 // `count` records in the first of two tables.
-inline BaseState withRecords(const std::string& name, std::size_t count, std::uint32_t reserve) {
+inline BaseState withRecords(const std::string& name, size_t count, uint32_t reserve) {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", kStateTable);
+  const size_t notes = image.addTable("notes", kStateTable);
   image.addTable("other", 0x2202);
   addRecords(image, notes, count, reserve);
   return {name, image.build(), true, kStateTable, ids(count), 0x2202};
@@ -58,8 +58,8 @@ inline BaseState withRecords(const std::string& name, std::size_t count, std::ui
 // 29 tables: the slot of the last lies across the border of the first page (4,054 to 4,197).
 inline BaseState slotAcrossPages() {
   FileImage image;
-  for (std::size_t t = 0; t < 28; ++t) image.addTable("table " + std::to_string(t), 0x7700 + t);
-  const std::size_t last = image.addTable("notes", kStateTable);
+  for (size_t t = 0; t < 28; ++t) image.addTable("table " + std::to_string(t), 0x7700 + t);
+  const size_t last = image.addTable("notes", kStateTable);
   addRecords(image, last, 3);
   image.setTableData(last, bytesOf("data"), 30);
   return {"slot across pages", image.build(), true, kStateTable, ids(3), 0x7705};
@@ -69,20 +69,20 @@ inline BaseState slotAcrossPages() {
 inline BaseState nextSlotAcrossPages() {
   FileImage image;
   image.addTable("notes", kStateTable);
-  for (std::size_t t = 1; t < 28; ++t) image.addTable("table " + std::to_string(t), 0x7700 + t);
+  for (size_t t = 1; t < 28; ++t) image.addTable("table " + std::to_string(t), 0x7700 + t);
   addRecords(image, 0, 1);
   return {"next slot across pages", image.build(), true, kStateTable, ids(1), 0x7705};
 }
 
 // The second of three records begins `before` bytes before the third page, so that one of its
 // fields lies across the border.
-inline BaseState fieldAcrossPages(const std::string& name, std::int64_t before) {
+inline BaseState fieldAcrossPages(const std::string& name, int64_t before) {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", kStateTable);
-  const std::size_t other = image.addTable("other", 0x2202);
+  const size_t notes = image.addTable("notes", kStateTable);
+  const size_t other = image.addTable("other", 0x2202);
   image.addRecord(notes, 0xA1, pattern(20, 1));
-  const std::int64_t room = 8192 - before - image.end() - 56;
-  image.addRecord(other, 0xB1, pattern(static_cast<std::size_t>(room), 7));
+  const int64_t room = 8192 - before - image.end() - 56;
+  image.addRecord(other, 0xB1, pattern(static_cast<size_t>(room), 7));
   EXPECT_EQ(image.addRecord(notes, 0xA2, pattern(21, 2)), 8192 - before);
   image.addRecord(notes, 0xA3, pattern(22, 3));
   return {name, image.build(), true, kStateTable, ids(3), 0x2202};
@@ -91,18 +91,18 @@ inline BaseState fieldAcrossPages(const std::string& name, std::int64_t before) 
 // The file ends shortly before a page does: whatever is appended lies across the border.
 inline BaseState endBeforePage() {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", kStateTable);
-  const std::size_t other = image.addTable("other", 0x2202);
+  const size_t notes = image.addTable("notes", kStateTable);
+  const size_t other = image.addTable("other", 0x2202);
   addRecords(image, notes, 2);
-  const std::int64_t room = 8192 - 40 - image.end() - 56;
-  image.addRecord(other, 0xB1, pattern(static_cast<std::size_t>(room), 7));
+  const int64_t room = 8192 - 40 - image.end() - 56;
+  image.addRecord(other, 0xB1, pattern(static_cast<size_t>(room), 7));
   EXPECT_EQ(image.end(), 8192 - 40);
   return {"end before a page", image.build(), true, kStateTable, ids(2), 0x2202};
 }
 
 inline BaseState tableDataWithReserve() {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", kStateTable);
+  const size_t notes = image.addTable("notes", kStateTable);
   image.addTable("other", 0x2202);
   image.setTableData(notes, bytesOf("what the table is about"), 60);
   addRecords(image, notes, 2, 30);
@@ -115,30 +115,30 @@ inline BaseState used() {
           0x2202};
 }
 
-inline FileImage fiveRecords(std::vector<std::int64_t>* at) {
+inline FileImage fiveRecords(std::vector<int64_t>* at) {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", kStateTable);
+  const size_t notes = image.addTable("notes", kStateTable);
   image.addTable("other", 0x2202);
   *at = addRecords(image, notes, 5);
   return image;
 }
 
 inline BaseState damagedForward() {
-  std::vector<std::int64_t> at;
+  std::vector<int64_t> at;
   FileImage image = fiveRecords(&at);
   image.record(at[2]).nextRecordPos = 0;
   return {"a forward link cleared", image.build(), false, kStateTable, ids(5), 0x2202};
 }
 
 inline BaseState damagedBackward() {
-  std::vector<std::int64_t> at;
+  std::vector<int64_t> at;
   FileImage image = fiveRecords(&at);
   image.record(at[3]).prevRecordPos = at[0];
   return {"a back link astray", image.build(), false, kStateTable, ids(5), 0x2202};
 }
 
 inline BaseState damagedCount() {
-  std::vector<std::int64_t> at;
+  std::vector<int64_t> at;
   FileImage image = fiveRecords(&at);
   image.slot(0).recordCount = 9;
   image.slot(0).recordWriteCount = 9;
@@ -147,7 +147,7 @@ inline BaseState damagedCount() {
 
 // What an append that was cut off leaves, with the length of a whole block in its header.
 inline BaseState tornAppend() {
-  std::vector<std::int64_t> at;
+  std::vector<int64_t> at;
   FileImage image = fiveRecords(&at);
   RecordFields torn;
   torn.tableID = identifier(kStateTable);

@@ -32,8 +32,8 @@ namespace {
 
 using Files = std::vector<std::pair<std::string, Bytes>>;
 
-std::int64_t positionOf(std::int16_t db) {
-  std::int64_t position = -1;
+int64_t positionOf(int16_t db) {
+  int64_t position = -1;
   return QVFile().QVGetFilePos(db, &position) == 1 ? position : -1;
 }
 
@@ -46,13 +46,13 @@ struct Outcome {
 };
 
 // The bytes of a log, one by one.
-std::vector<std::pair<std::int64_t, std::uint8_t>> flat(const std::vector<Write>& log,
-                                                        const std::string& file) {
-  std::vector<std::pair<std::int64_t, std::uint8_t>> result;
+std::vector<std::pair<int64_t, uint8_t>> flat(const std::vector<Write>& log,
+                                              const std::string& file) {
+  std::vector<std::pair<int64_t, uint8_t>> result;
   for (const Write& each : log) {
     if (each.file != file) continue;
-    for (std::size_t i = 0; i < each.bytes.size(); ++i) {
-      result.emplace_back(each.position + static_cast<std::int64_t>(i), each.bytes[i]);
+    for (size_t i = 0; i < each.bytes.size(); ++i) {
+      result.emplace_back(each.position + static_cast<int64_t>(i), each.bytes[i]);
     }
   }
   return result;
@@ -76,7 +76,7 @@ class FailingCalls : public testing::TestWithParam<ScriptedCall> {
     host.setTime(5000);
     host.setMicroseconds(6000);
     std::srand(1);  // identifiers are the same in each attempt
-    bench.db = scripted.wantsHandle ? OpenDBaseW(bench.wide("source.qvd"), 3) : std::int16_t{0};
+    bench.db = scripted.wantsHandle ? OpenDBaseW(bench.wide("source.qvd"), 3) : int16_t{0};
     EXPECT_EQ(bench.db != 0, scripted.wantsHandle);
     if (scripted.wantsHandle) QVFile().QVSeekFile(bench.db, 1, Workbench::kPosition);
     host.forget();
@@ -100,17 +100,17 @@ class FailingCalls : public testing::TestWithParam<ScriptedCall> {
   void expectHandle(const Outcome& outcome) {
     const ScriptedCall& scripted = GetParam();
     if (!scripted.wantsHandle || !scripted.keepsHandle) return;
-    const std::int64_t position = positionOf(bench.db);
+    const int64_t position = positionOf(bench.db);
     if (outcome.succeeded) {
       EXPECT_EQ(position, scripted.positionAfter);
     } else if (!scripted.failureMayMove) {
       EXPECT_EQ(position, Workbench::kPosition);
     }
-    std::int32_t tables = -1;
+    int32_t tables = -1;
     EXPECT_EQ(GetNumberOfTable(bench.db, &tables), 1);
     const Bytes file = readFile(bench.folder / "source.qvd");
-    EXPECT_EQ(tables, static_cast<std::int32_t>(file.beAt(16, 2)));
-    std::uint32_t records = 0;
+    EXPECT_EQ(tables, static_cast<int32_t>(file.beAt(16, 2)));
+    uint32_t records = 0;
     EXPECT_EQ(GetNumberOfRecords(bench.db, Workbench::kNotes, &records), 1);
     EXPECT_EQ(records, file.leAt(22 + 60, 4));
   }
@@ -123,7 +123,7 @@ class FailingCalls : public testing::TestWithParam<ScriptedCall> {
     const bool mayStay =
         outcome.succeeded ? scripted.successLeavesOpen : scripted.failureLeavesOpen;
     int stayed = 0;
-    for (std::int16_t file = 1; file < 10; ++file) {
+    for (int16_t file = 1; file < 10; ++file) {
       if (positionOf(file) == -1) continue;
       ++stayed;
       CloseDBase(file);
@@ -140,7 +140,7 @@ class FailingCalls : public testing::TestWithParam<ScriptedCall> {
   void expectFiles(const Outcome& outcome, const Outcome& whole) {
     if (outcome.succeeded) {
       ASSERT_EQ(outcome.files.size(), whole.files.size());
-      for (std::size_t i = 0; i < whole.files.size(); ++i) {
+      for (size_t i = 0; i < whole.files.size(); ++i) {
         EXPECT_EQ(outcome.files[i].first, whole.files[i].first);
         EXPECT_TRUE(sameBytes(outcome.files[i].second, whole.files[i].second))
             << outcome.files[i].first;
@@ -180,7 +180,7 @@ TEST_P(FailingCalls, EndInTheStatedFailureOrInFullSuccess) {
   const ScriptedCall& scripted = GetParam();
   const Outcome whole = attempt(nullptr, 0);
   ASSERT_TRUE(whole.succeeded);
-  const std::uint64_t attempts = tryAllFailures(
+  const uint64_t attempts = tryAllFailures(
       50, [&](const Failure* failure, int skip) { return attempt(failure, skip); },
       [&](const Failure& failure, const Outcome& outcome) {
         const bool passesOver = scripted.passesOver.contains(failure.kind);

@@ -48,7 +48,7 @@ struct LayerCall {
   }
 };
 
-std::vector<std::byte> payload(std::size_t size) {
+std::vector<std::byte> payload(size_t size) {
   return std::vector<std::byte>(size, std::byte{'p'});
 }
 
@@ -372,7 +372,7 @@ class FailingLayerCalls : public testing::TestWithParam<LayerCall> {
 TEST_P(FailingLayerCalls, ThrowOrHaveTheirWholeEffect) {
   const Outcome whole = attempt(nullptr, 0);
   ASSERT_TRUE(whole.succeeded);
-  const std::uint64_t attempts = tryAllFailures(
+  const uint64_t attempts = tryAllFailures(
       2, [&](const Failure* failure, int skip) { return attempt(failure, skip); },
       [&](const Failure& failure, const Outcome& outcome) {
         if (!outcome.succeeded) {

@@ -55,8 +55,8 @@ inline std::vector<Failure> allFailures() {
 // and `judge` what came of it, as long as something failed. Of a long operation's calls the sample
 // tries the first `closely`, and then ever fewer. Returns how many attempts there were.
 template <typename Attempt, typename Judge>
-std::uint64_t tryAllFailures(int closely, Attempt attempt, Judge judge) {
-  std::uint64_t attempts = 0;
+uint64_t tryAllFailures(int closely, Attempt attempt, Judge judge) {
+  uint64_t attempts = 0;
   for (const Failure& failure : allFailures()) {
     for (int skip = 0;; skip += 1 + (testEverything() ? 0 : skip / closely)) {
       SCOPED_TRACE(failure.name + " after " + std::to_string(skip));

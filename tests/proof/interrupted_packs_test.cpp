@@ -13,7 +13,7 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::size_t kVersionAt = 4;
+constexpr size_t kVersionAt = 4;
 
 std::vector<Write> writesOfPack(const TempFolder& folder, const Bytes& source) {
   writeFile(folder / "source.qvd", source);
@@ -27,26 +27,26 @@ std::vector<Write> writesOfPack(const TempFolder& folder, const Bytes& source) {
 }
 
 bool hasNoRecords(const Bytes& bytes) {
-  for (std::size_t i = 0; i < kSlots; ++i) {
+  for (size_t i = 0; i < kSlots; ++i) {
     if (decodeSlot(bytes, i).recordCount != 0) return false;
   }
   return true;
 }
 
 TEST(InterruptedPacks, AreNotTakenForFinishedOnes) {
-  std::uint64_t files = 0;
+  uint64_t files = 0;
   for (const BaseState& base : baseStates()) {
     if (!base.isSound) continue;
     SCOPED_TRACE(base.name);
     const TempFolder folder;
     const std::vector<Write> writes = writesOfPack(folder, base.bytes);
-    const std::size_t total = byteCount(writes);
+    const size_t total = byteCount(writes);
     EXPECT_EQ(readFile(folder / "source.qvd"), base.bytes);
     EXPECT_EQ(applied({}, writes), readFile(folder / "target.qvd"));
     EXPECT_EQ(takenRecords(applied({}, writes)), takenRecords(base.bytes));
     bool wasMarked = false;
-    const std::size_t step = testEverything() ? 1 : 53;
-    for (std::size_t n = 0; n < total; n += std::min(step, total - n)) {
+    const size_t step = testEverything() ? 1 : 53;
+    for (size_t n = 0; n < total; n += std::min(step, total - n)) {
       const Bytes bytes = applied({}, writes, n);
       const bool isMarked = bytes.size() >= 6 && bytes.beAt(kVersionAt, 2) == 101;
       // The last byte of all takes the mark away.

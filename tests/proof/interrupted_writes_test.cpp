@@ -23,7 +23,7 @@ namespace qvdbase::test {
 namespace {
 
 using Effect = Operation::Effect;
-using Records = std::map<std::pair<std::uint64_t, std::uint64_t>, Bytes>;
+using Records = std::map<std::pair<uint64_t, uint64_t>, Bytes>;
 
 constexpr std::time_t kOperationTime = 5000;
 
@@ -44,16 +44,16 @@ Recording recorded(const TempFolder& folder, const BaseState& base, const Operat
 
 // Where an operation is cut off. Everything: after every byte. The sample: at and around each
 // place where the writes go on elsewhere or pass the border of a page, and here and there.
-std::vector<std::size_t> cuts(const std::vector<Write>& writes) {
-  const std::size_t total = byteCount(writes);
-  const std::size_t step = testEverything() ? 1 : 41;
-  std::set<std::size_t> result = {0, total};
-  for (std::size_t n = 0; n <= total; n += step) result.insert(n);
-  std::size_t n = 0;
+std::vector<size_t> cuts(const std::vector<Write>& writes) {
+  const size_t total = byteCount(writes);
+  const size_t step = testEverything() ? 1 : 41;
+  std::set<size_t> result = {0, total};
+  for (size_t n = 0; n <= total; n += step) result.insert(n);
+  size_t n = 0;
   for (const Write& each : ranges(writes)) {
-    const auto toPage = static_cast<std::size_t>(4096 - each.position % 4096);
-    for (const std::size_t place : {n, n + each.bytes.size(), n + toPage}) {
-      for (std::size_t near = place == 0 ? 0 : place - 1; near <= place + 1; ++near) {
+    const auto toPage = static_cast<size_t>(4096 - each.position % 4096);
+    for (const size_t place : {n, n + each.bytes.size(), n + toPage}) {
+      for (size_t near = place == 0 ? 0 : place - 1; near <= place + 1; ++near) {
         if (near <= total && near <= n + each.bytes.size()) result.insert(near);
       }
     }
@@ -68,15 +68,15 @@ std::set<std::string> independentCodes(const Bytes& bytes) {
 }
 
 // Everything that check tells, for comparing.
-std::multiset<std::pair<std::string, std::int64_t>> toldBy(const Checked& checked) {
-  std::multiset<std::pair<std::string, std::int64_t>> told;
+std::multiset<std::pair<std::string, int64_t>> toldBy(const Checked& checked) {
+  std::multiset<std::pair<std::string, int64_t>> told;
   for (const qvdb::Finding& each : checked.findings) told.emplace(each.code, each.offset);
   return told;
 }
 
 // Identifiers of all whole record blocks that are anywhere in the file.
-std::set<std::uint64_t> blocksIn(const Bytes& bytes) {
-  std::set<std::uint64_t> result;
+std::set<uint64_t> blocksIn(const Bytes& bytes) {
+  std::set<uint64_t> result;
   for (const raw::Block& each : surveyOf(bytes).blocks) {
     if (each.kind == raw::BlockKind::record) result.insert(each.recordID);
   }
@@ -137,17 +137,17 @@ class InterruptedWrites : public testing::TestWithParam<BaseState> {
 
   // The library's calls fare as the check has said; nothing that they do loses a record.
   void expectCalls(const Bytes& bytes, const Operation& operation, const Checked& checked) {
-    const std::int16_t db = OpenDBaseW(put("calls.qvd", bytes), 3);
+    const int16_t db = OpenDBaseW(put("calls.qvd", bytes), 3);
     ASSERT_NE(db, 0);
     for (const qvdb::TableOutlook& table : checked.report.tables) {
-      const std::uint64_t id = table.id.value;
+      const uint64_t id = table.id.value;
       if (id != GetParam().table && id != GetParam().other) continue;
-      std::uint32_t count = 0;
+      uint32_t count = 0;
       const bool reached = GetNumberOfRecords(db, id, &count) == 1;
       EXPECT_EQ(reached, table.reachable);
-      std::vector<std::uint64_t> list(count + 1);
+      std::vector<uint64_t> list(count + 1);
       EXPECT_EQ(GetRecordUuIDList(db, id, list.data(), &count) == 1, table.list) << checked.text();
-      std::uint64_t record = 0;
+      uint64_t record = 0;
       EXPECT_EQ(AddRecordData(db, id, bytesOf("behind").data(), 6, 0, &record) == 1, table.append)
           << checked.text();
       if (record != 0) added_.insert(record);
@@ -168,9 +168,9 @@ class InterruptedWrites : public testing::TestWithParam<BaseState> {
 
   // Whatever else happens to chains: the blocks themselves are all there.
   void expectBlocks(const Bytes& bytes) {
-    std::set<std::uint64_t> wanted = added_;
+    std::set<uint64_t> wanted = added_;
     for (const auto& each : before_) wanted.insert(each.first.second);
-    const std::set<std::uint64_t> found = blocksIn(bytes);
+    const std::set<uint64_t> found = blocksIn(bytes);
     EXPECT_TRUE(std::includes(found.begin(), found.end(), wanted.begin(), wanted.end()));
   }
 
@@ -186,7 +186,7 @@ class InterruptedWrites : public testing::TestWithParam<BaseState> {
   void learnBase() {
     const BaseState& base = GetParam();
     before_ = takenRecords(base.bytes);
-    for (const std::uint64_t id : base.records) {
+    for (const uint64_t id : base.records) {
       EXPECT_TRUE(before_.contains({base.table, id})) << "record " << id << " is not in the base";
     }
     codesBefore_ = independentCodes(base.bytes);
@@ -199,21 +199,21 @@ class InterruptedWrites : public testing::TestWithParam<BaseState> {
   std::map<std::string, WideText> wide_;
   Records before_;
   std::set<std::string> codesBefore_;
-  std::multiset<std::pair<std::string, std::int64_t>> toldBefore_;
-  std::set<std::uint64_t> added_;
+  std::multiset<std::pair<std::string, int64_t>> toldBefore_;
+  std::set<uint64_t> added_;
 };
 
 TEST_P(InterruptedWrites, LoseNothingWhereverTheyEnd) {
   const BaseState& base = GetParam();
   learnBase();
-  std::uint64_t states = 0;
+  uint64_t states = 0;
   for (const Operation& operation : operationsOn(base)) {
     const Recording recording = recorded(folder, base, operation);
     if (base.isSound) {
       EXPECT_TRUE(recording.succeeded) << operation.name;
       expectSound(applied(base.bytes, recording.writes));
     }
-    for (const std::size_t n : cuts(recording.writes)) {
+    for (const size_t n : cuts(recording.writes)) {
       SCOPED_TRACE(base.name + ": " + operation.name + ", " + std::to_string(n) + " of " +
                    std::to_string(byteCount(recording.writes)) + " bytes");
       expectState(applied(base.bytes, recording.writes, n), operation);

@@ -23,23 +23,23 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::uint64_t kTable = 0x1101;
+constexpr uint64_t kTable = 0x1101;
 
-enum class Kind : std::uint8_t { append, overwrite, relocate, remove };
+enum class Kind : uint8_t { append, overwrite, relocate, remove };
 
 // What the child tells: before a call what it is about to do, after it that it has returned.
 struct Message {
   Kind kind = Kind::append;
   bool isDone = false;
-  std::uint64_t id = 0;
-  std::uint32_t size = 0;  // of the payload, which is made of size and seed
-  std::uint32_t seed = 0;
+  uint64_t id = 0;
+  uint32_t size = 0;  // of the payload, which is made of size and seed
+  uint32_t seed = 0;
 
   Bytes payload() const { return pattern(size, seed); }
 };
 
 // The records as they have to be.
-using Expected = std::map<std::uint64_t, Bytes>;
+using Expected = std::map<uint64_t, Bytes>;
 
 void enter(const Message& message, Expected* records) {
   if (message.kind == Kind::remove) {
@@ -51,7 +51,7 @@ void enter(const Message& message, Expected* records) {
 
 class Writer {
  public:
-  Writer(std::int16_t db, int pipe, std::uint64_t seed, Expected records, std::uint64_t nextID)
+  Writer(int16_t db, int pipe, uint64_t seed, Expected records, uint64_t nextID)
       : db_(db), pipe_(pipe), random_(seed), records_(std::move(records)), nextID_(nextID) {}
 
   void step() {
@@ -64,7 +64,7 @@ class Writer {
   }
 
  private:
-  std::uint32_t below(std::uint32_t end) { return static_cast<std::uint32_t>(random_() % end); }
+  uint32_t below(uint32_t end) { return static_cast<uint32_t>(random_() % end); }
 
   Message choose() {
     Message message;
@@ -76,9 +76,9 @@ class Writer {
       return message;
     }
     auto chosen = records_.begin();
-    std::advance(chosen, below(static_cast<std::uint32_t>(records_.size())));
+    std::advance(chosen, below(static_cast<uint32_t>(records_.size())));
     message.id = chosen->first;
-    const auto present = static_cast<std::uint32_t>(chosen->second.size());
+    const auto present = static_cast<uint32_t>(chosen->second.size());
     if (message.kind == Kind::overwrite) message.size = 1 + below(present);
     if (message.kind == Kind::relocate) message.size = 2000 + below(900);
     return message;
@@ -104,11 +104,11 @@ class Writer {
     if (::write(pipe_, &message, sizeof message) != sizeof message) _exit(4);
   }
 
-  std::int16_t db_;
+  int16_t db_;
   int pipe_;
   std::mt19937_64 random_;
   Expected records_;
-  std::uint64_t nextID_;
+  uint64_t nextID_;
 };
 
 class KilledWriter : public testing::Test {
@@ -122,20 +122,20 @@ class KilledWriter : public testing::Test {
 
   // Runs a writer, lets it acknowledge `calls` calls and spins for a while, and kills it. Returns
   // what it was about to do, if it was.
-  std::optional<Message> runAndKill(std::uint64_t seed, std::uint64_t calls, unsigned spins) {
+  std::optional<Message> runAndKill(uint64_t seed, uint64_t calls, unsigned spins) {
     int ends[2];
     EXPECT_EQ(::pipe(ends), 0);
     const pid_t child = ::fork();
     if (child == 0) {
       ::close(ends[0]);
-      const std::int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
+      const int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
       if (db == 0) _exit(2);
       Writer writer(db, ends[1], seed, expected, nextID);
       for (;;) writer.step();
     }
     ::close(ends[1]);
     std::optional<Message> underWay;
-    for (std::uint64_t done = 0; done < calls && receive(ends[0], &underWay);) {
+    for (uint64_t done = 0; done < calls && receive(ends[0], &underWay);) {
       if (!underWay) ++done;
     }
     for (volatile unsigned i = 0; i < spins;) i = i + 1;
@@ -181,11 +181,11 @@ class KilledWriter : public testing::Test {
 
   // What the next writer starts from: the call under way counts as it turned out.
   void settle(const std::optional<Message>& underWay) {
-    const std::int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
+    const int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
     ASSERT_NE(db, 0) << "the lock of a killed process stands in the way";
     const Checked checked = checkBytes(readFile(path), {});
     if (checked.report.tables.at(0).append) {
-      std::uint64_t id = nextID++;
+      uint64_t id = nextID++;
       const Bytes payload = bytesOf("behind");
       EXPECT_EQ(AddRecordData_AssignRecordID(db, kTable, payload.data(), 6, 0, &id), 1);
       expected[id] = payload;
@@ -209,16 +209,16 @@ class KilledWriter : public testing::Test {
   TempFolder folder;
   const std::filesystem::path path = folder / "a.qvd";
   Expected expected;
-  std::uint64_t nextID = 1;
+  uint64_t nextID = 1;
 
  private:
   // No block of a record has less room than this. A payload that fits is written over the old one,
   // and can be found half written.
-  std::map<std::uint64_t, std::uint32_t> room_;
+  std::map<uint64_t, uint32_t> room_;
 };
 
 TEST_F(KilledWriter, LosesNothingThatItHasAcknowledged) {
-  const std::uint64_t seed = randomSeed();
+  const uint64_t seed = randomSeed();
   std::mt19937_64 random(seed);
   const int kills = testEverything() ? 600 : 40;
   int inTheMiddle = 0;
@@ -232,7 +232,7 @@ TEST_F(KilledWriter, LosesNothingThatItHasAcknowledged) {
     if (HasFailure()) return;
   }
   EXPECT_GT(inTheMiddle, 0) << "no writer was killed in the middle of a call";
-  tellCount("killed writers", static_cast<std::uint64_t>(kills));
+  tellCount("killed writers", static_cast<uint64_t>(kills));
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ namespace qvdbase::test {
 namespace {
 
 using Effect = Operation::Effect;
-using Key = std::pair<std::uint64_t, std::uint64_t>;
+using Key = std::pair<uint64_t, uint64_t>;
 using Records = std::map<Key, Bytes>;
 
 std::vector<Write> recorded(const TempFolder& folder, const BaseState& base,
@@ -33,14 +33,14 @@ std::vector<Write> recorded(const TempFolder& folder, const BaseState& base,
 }
 
 // At and around each place where the writes go on elsewhere; everything: after every byte.
-std::set<std::size_t> cuts(const std::vector<Write>& writes) {
-  const std::size_t total = byteCount(writes);
-  std::set<std::size_t> result = {0, total};
-  for (std::size_t n = 0; testEverything() && n < total; ++n) result.insert(n);
-  std::size_t end = 0;
+std::set<size_t> cuts(const std::vector<Write>& writes) {
+  const size_t total = byteCount(writes);
+  std::set<size_t> result = {0, total};
+  for (size_t n = 0; testEverything() && n < total; ++n) result.insert(n);
+  size_t end = 0;
   for (const Write& each : ranges(writes)) {
     end += each.bytes.size();
-    for (std::size_t near = end > 4 ? end - 4 : 0; near <= end + 1; ++near) {
+    for (size_t near = end > 4 ? end - 4 : 0; near <= end + 1; ++near) {
       if (near <= total) result.insert(near);
     }
   }
@@ -61,7 +61,7 @@ class MendedStates : public testing::TestWithParam<BaseState> {
     std::filesystem::last_write_time(path_, std::filesystem::file_time_type::clock::now() - 1h);
   }
 
-  std::size_t mendAgain(qvdb::CutOffWrites cutOff) {
+  size_t mendAgain(qvdb::CutOffWrites cutOff) {
     age();
     return qvdb::mend(path_, {.cut_off = cutOff}).steps.size();
   }
@@ -117,8 +117,8 @@ class MendedStates : public testing::TestWithParam<BaseState> {
   const TempFolder folder{TempFolder::inMemory()};
   const std::filesystem::path path_ = folder / "a.qvd";
   Records before_;
-  std::uint64_t mended_ = 0;
-  std::uint64_t refused_ = 0;
+  uint64_t mended_ = 0;
+  uint64_t refused_ = 0;
   std::set<std::string> refusals_;
 };
 
@@ -127,8 +127,8 @@ TEST_P(MendedStates, AreSoundAndLoseNothing) {
   before_ = recordsOf(readDatabase(base.bytes));
   for (const Operation& operation : operationsOn(base)) {
     const std::vector<Write> writes = recorded(folder, base, operation);
-    std::size_t i = 0;
-    for (const std::size_t n : cuts(writes)) {
+    size_t i = 0;
+    for (const size_t n : cuts(writes)) {
       SCOPED_TRACE(operation.name + ", " + std::to_string(n) + " of " +
                    std::to_string(byteCount(writes)) + " bytes");
       const Bytes bytes = applied(base.bytes, writes, n);

@@ -28,18 +28,18 @@ struct Operation {
   std::string name;
   std::function<bool(const std::filesystem::path&)> run;
   Effect effect = Effect::none;
-  std::uint64_t record = 0;
+  uint64_t record = 0;
   Bytes payload = {};  // what the record has when the call has returned
 };
 
 namespace operations {
 
-using Call = std::function<bool(std::int16_t)>;
+using Call = std::function<bool(int16_t)>;
 
 inline std::function<bool(const std::filesystem::path&)> opened(Call call) {
   return [call](const std::filesystem::path& path) {
     const std::u16string wide = path.u16string();
-    const std::int16_t db = OpenDBaseW(WideText(wide).data(), 3);
+    const int16_t db = OpenDBaseW(WideText(wide).data(), 3);
     if (db == 0) return false;
     const bool result = call(db);
     CloseDBase(db);
@@ -47,60 +47,57 @@ inline std::function<bool(const std::filesystem::path&)> opened(Call call) {
   };
 }
 
-inline Operation append(const std::string& name, std::uint64_t table, std::size_t size,
-                        std::uint32_t reserve) {
-  return {name, opened([=](std::int16_t db) {
-            std::uint64_t id = 0;
+inline Operation append(const std::string& name, uint64_t table, size_t size, uint32_t reserve) {
+  return {name, opened([=](int16_t db) {
+            uint64_t id = 0;
             const Bytes payload = pattern(size, 31);
-            return AddRecordData(db, table, payload.data(), static_cast<std::uint32_t>(size),
-                                 reserve, &id) == 1;
+            return AddRecordData(db, table, payload.data(), static_cast<uint32_t>(size), reserve,
+                                 &id) == 1;
           })};
 }
 
-inline Operation assign(std::uint64_t table) {
-  return {"assign", opened([=](std::int16_t db) {
-            const std::uint64_t id = 0xEE;
+inline Operation assign(uint64_t table) {
+  return {"assign", opened([=](int16_t db) {
+            const uint64_t id = 0xEE;
             const Bytes payload = pattern(40, 32);
             return AddRecordData_AssignRecordID(db, table, payload.data(), 40, 0, &id) == 1;
           })};
 }
 
-inline Operation modify(const std::string& name, std::uint64_t table, std::uint64_t record,
-                        std::size_t size, Operation::Effect effect) {
+inline Operation modify(const std::string& name, uint64_t table, uint64_t record, size_t size,
+                        Operation::Effect effect) {
   const Bytes payload = pattern(size, 33);
-  return {name, opened([=](std::int16_t db) {
-            return ModifyRecordData(db, table, payload.data(), static_cast<std::uint32_t>(size),
-                                    record, nullptr) == 1;
+  return {name, opened([=](int16_t db) {
+            return ModifyRecordData(db, table, payload.data(), static_cast<uint32_t>(size), record,
+                                    nullptr) == 1;
           }),
           effect, record, payload};
 }
 
-inline Operation touch(std::uint64_t table, std::uint64_t record) {
-  return {"touch", opened([=](std::int16_t db) {
-            return ModifyOneRecordInfo_LMTime(db, table, record) == 1;
-          })};
+inline Operation touch(uint64_t table, uint64_t record) {
+  return {"touch",
+          opened([=](int16_t db) { return ModifyOneRecordInfo_LMTime(db, table, record) == 1; })};
 }
 
-inline Operation remove(const std::string& name, std::uint64_t table, std::uint64_t record) {
+inline Operation remove(const std::string& name, uint64_t table, uint64_t record) {
   return {name,
-          opened([=](std::int16_t db) { return DeleteOneRecord(db, table, record, nullptr) == 1; }),
+          opened([=](int16_t db) { return DeleteOneRecord(db, table, record, nullptr) == 1; }),
           Operation::Effect::removes, record};
 }
 
-inline Operation setData(const std::string& name, std::uint64_t table, std::size_t size,
-                         std::uint32_t reserve) {
-  return {name, opened([=](std::int16_t db) {
-            return SetTableData(db, table, pattern(size, 34).data(),
-                                static_cast<std::uint32_t>(size), reserve) == 1;
+inline Operation setData(const std::string& name, uint64_t table, size_t size, uint32_t reserve) {
+  return {name, opened([=](int16_t db) {
+            return SetTableData(db, table, pattern(size, 34).data(), static_cast<uint32_t>(size),
+                                reserve) == 1;
           })};
 }
 
 inline Operation addTable() {
-  return {"add a table", opened([](std::int16_t db) { return AddTable(db, "added") != 0; })};
+  return {"add a table", opened([](int16_t db) { return AddTable(db, "added") != 0; })};
 }
 
 inline Operation setVersion() {
-  return {"set the version", opened([](std::int16_t db) { return SetDBaseVersion(db, 123) == 1; })};
+  return {"set the version", opened([](int16_t db) { return SetDBaseVersion(db, 123) == 1; })};
 }
 
 inline Operation repair() {
@@ -113,7 +110,7 @@ inline Operation repair() {
 }
 
 // A batch of three records.
-inline Operation appendAll(std::uint64_t table) {
+inline Operation appendAll(uint64_t table) {
   return {"append a batch", [=](const std::filesystem::path& path) {
             try {
               qvdb::Database database = qvdb::Database::open(path, qvdb::Mode::exclusive);
@@ -131,7 +128,7 @@ inline Operation appendAll(std::uint64_t table) {
 
 inline void addRecordOperations(const BaseState& base, std::vector<Operation>* all) {
   using Effect = Operation::Effect;
-  const std::vector<std::uint64_t>& ids = base.records;
+  const std::vector<uint64_t>& ids = base.records;
   if (ids.empty()) return;
   all->push_back(modify("modify in place", base.table, ids[0], 12, Effect::overwrites));
   // Two bytes of the length change, and what stands there between passes the room.

@@ -21,7 +21,7 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::uint32_t kNothing = 0;
+constexpr uint32_t kNothing = 0;
 
 // Calls `operation` until no other process is in its way. The reason of a refusal is looked for
 // after it: the other process may be gone by then.
@@ -45,7 +45,7 @@ void untilFree(Operation operation) {
   host.observe([](Call call) {
     if (call == Call::lock) ::usleep(1000);
   });
-  for (std::uint32_t number = 1;; ++number) {
+  for (uint32_t number = 1;; ++number) {
     try {
       untilFree([&] {
         auto database = qvdb::Database::open(path, qvdb::Mode::exclusive);
@@ -64,18 +64,18 @@ void untilFree(Operation operation) {
 class ReplacedFile : public testing::Test {
  protected:
   // The highest number that was acknowledged by now; waits for at least one more.
-  std::uint32_t acknowledged(int pipe) {
-    std::uint32_t number = kNothing;
+  uint32_t acknowledged(int pipe) {
+    uint32_t number = kNothing;
     EXPECT_EQ(::read(pipe, &number, sizeof number), ssize_t{sizeof number}) << "the writer failed";
     return number;
   }
 
-  std::set<std::uint32_t> numbersInFile() const {
-    std::set<std::uint32_t> result;
+  std::set<uint32_t> numbersInFile() const {
+    std::set<uint32_t> result;
     const auto database = qvdb::Database::open(path, qvdb::Mode::read_only);
     const qvdb::Table notes = database.table("notes");
     for (const qvdb::Record& record : notes.records(qvdb::Load::payloads)) {
-      std::uint32_t number = kNothing;
+      uint32_t number = kNothing;
       std::memcpy(&number, record.payload().data(), sizeof number);
       result.insert(number);
     }
@@ -101,23 +101,23 @@ TEST_F(ReplacedFile, KeepsEveryRecordThatAWriterHasAcknowledged) {
   }
   ::close(ends[1]);
   const int compactions = testEverything() ? 500 : 30;
-  std::uint32_t last = kNothing;
+  uint32_t last = kNothing;
   for (int i = 0; i < compactions && !HasFailure(); ++i) {
     untilFree([&] { qvdb::compact(path); });
     last = std::max(last, acknowledged(ends[0]));
   }
   ::kill(child, SIGKILL);
   ::waitpid(child, nullptr, 0);
-  for (std::uint32_t number; ::read(ends[0], &number, sizeof number) == ssize_t{sizeof number};) {
+  for (uint32_t number; ::read(ends[0], &number, sizeof number) == ssize_t{sizeof number};) {
     last = std::max(last, number);
   }
   ::close(ends[0]);
 
-  const std::set<std::uint32_t> found = numbersInFile();
-  std::size_t lost = 0;
-  for (std::uint32_t number = 1; number <= last; ++number) lost += !found.contains(number);
+  const std::set<uint32_t> found = numbersInFile();
+  size_t lost = 0;
+  for (uint32_t number = 1; number <= last; ++number) lost += !found.contains(number);
   EXPECT_EQ(lost, 0u) << "of " << last << " acknowledged records";
-  tellCount("a file replaced under a writer, compactions", static_cast<std::uint64_t>(compactions));
+  tellCount("a file replaced under a writer, compactions", static_cast<uint64_t>(compactions));
 }
 
 }  // namespace

@@ -27,18 +27,18 @@ class ReplacedWhileWritten : public DatabaseTest {
  protected:
   // Through the handle: where a lock belongs to the process, closing another descriptor of the file
   // would give it up.
-  Bytes contents(std::int16_t db) {
+  Bytes contents(int16_t db) {
     Bytes result(fs::file_size(path()), 0);
-    std::uint32_t moved = 0;
+    uint32_t moved = 0;
     QVFile().QVSeekFile(db, 1, 0);
-    QVFile().QVReadFile(db, result.data(), static_cast<std::uint32_t>(result.size()), &moved);
+    QVFile().QVReadFile(db, result.data(), static_cast<uint32_t>(result.size()), &moved);
     return result;
   }
 
   // Until it is ended from outside, or left alone.
   [[noreturn]] void replaceForEver(pid_t parent) {
     while (::getppid() == parent) {
-      const std::int16_t db = OpenDBaseW(wide(kDefaultFile), 3);
+      const int16_t db = OpenDBaseW(wide(kDefaultFile), 3);
       if (db == 0) {
         std::this_thread::yield();
         continue;
@@ -52,14 +52,14 @@ class ReplacedWhileWritten : public DatabaseTest {
   }
 
   // Appends one record, waiting while the file is in use. Returns its identifier.
-  std::uint64_t append(std::uint64_t table, int permission) {
+  uint64_t append(uint64_t table, int permission) {
     for (;;) {
-      const std::int16_t db = OpenDBaseW(wide(kDefaultFile), permission);
+      const int16_t db = OpenDBaseW(wide(kDefaultFile), permission);
       if (db == 0) {
         std::this_thread::yield();
         continue;
       }
-      std::uint64_t id = 0;
+      uint64_t id = 0;
       const unsigned char payload[] = {'p'};
       const int done = AddRecordData(db, table, payload, sizeof payload, 0, &id);
       CloseDBase(db);
@@ -69,13 +69,13 @@ class ReplacedWhileWritten : public DatabaseTest {
 };
 
 TEST_F(ReplacedWhileWritten, KeepsEveryAcknowledgedRecord) {
-  const std::int16_t created = create();
-  const std::uint64_t table = addTable(created, "t");
+  const int16_t created = create();
+  const uint64_t table = addTable(created, "t");
   close(created);
   const pid_t parent = ::getpid();
   const pid_t replacer = ::fork();
   if (replacer == 0) replaceForEver(parent);
-  std::set<std::uint64_t> acknowledged;
+  std::set<uint64_t> acknowledged;
   {
     ReplacedCalls calls;
     calls->setLock = [](int descriptor, struct flock* lock) {
@@ -97,10 +97,10 @@ TEST_F(ReplacedWhileWritten, KeepsEveryAcknowledgedRecord) {
   endOf(replacer);
   fs::remove(path("copy"));
 
-  const std::int16_t db = open();
-  const std::vector<std::uint64_t> found = list(db, table);
+  const int16_t db = open();
+  const std::vector<uint64_t> found = list(db, table);
   EXPECT_EQ(found.size(), acknowledged.size());
-  EXPECT_EQ(std::set<std::uint64_t>(found.begin(), found.end()), acknowledged);
+  EXPECT_EQ(std::set<uint64_t>(found.begin(), found.end()), acknowledged);
   close(db);
 }
 

@@ -17,24 +17,24 @@ namespace {
 
 Bytes sourceFile() {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", Workbench::kNotes);
-  const std::size_t categories = image.addTable("QVrz_Category", Workbench::kCategories);
-  const std::size_t records = image.addTable("QVrz_Record", Workbench::kRecords);
-  for (std::uint64_t i = 0; i < 4; ++i) {
+  const size_t notes = image.addTable("notes", Workbench::kNotes);
+  const size_t categories = image.addTable("QVrz_Category", Workbench::kCategories);
+  const size_t records = image.addTable("QVrz_Record", Workbench::kRecords);
+  for (uint64_t i = 0; i < 4; ++i) {
     image.addRecord(notes, 0xA1 + i, pattern(30, unsigned(i)), {.reserve = 50});
   }
   image.setTableData(notes, bytesOf("what the notes are about"), 40);
   image.addRecord(categories, 0xC1, category(0xC1, {0xE1, 0xE2}));
-  for (std::uint64_t i = 0; i < 3; ++i) image.addRecord(records, 0xE1 + i, pattern(33));
+  for (uint64_t i = 0; i < 3; ++i) image.addRecord(records, 0xE1 + i, pattern(33));
   return image.build();
 }
 
 // A chain with a forward link cleared, so that a repair has something to write.
 Bytes brokenFile() {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", Workbench::kNotes);
+  const size_t notes = image.addTable("notes", Workbench::kNotes);
   image.addRecord(notes, 0xA1, pattern(30));
-  const std::int64_t second = image.addRecord(notes, 0xA2, pattern(30));
+  const int64_t second = image.addRecord(notes, 0xA2, pattern(30));
   image.addRecord(notes, 0xA3, pattern(30));
   image.record(second).nextRecordPos = 0;
   return image.build();
@@ -67,7 +67,7 @@ ScriptedCall onPath(std::function<bool(Workbench&)> run) {
 }
 
 // A value that no call writes by chance.
-constexpr std::uint64_t kUntouched = 0x5A5A5A5A5A5A5A5A;
+constexpr uint64_t kUntouched = 0x5A5A5A5A5A5A5A5A;
 
 bool tell(bool succeeded, bool isUntouched) {
   if (!succeeded) {
@@ -89,7 +89,7 @@ ScriptedCall creating(decltype(CreateDBaseW)* function, const std::string& name)
 void addDatabaseCalls() {
   both("GenerateUuID_Int64", "PGUI64", GenerateUuID_Int64, PGUI64, "", [](auto* function) {
     return onPath([=](Workbench&) {
-      std::uint64_t id = 0;
+      uint64_t id = 0;
       return function(&id) == 1 && id != 0;
     });
   });
@@ -119,7 +119,7 @@ void addDatabaseCalls() {
   });
   both("GetDBaseInfoW", "PGDBIW", GetDBaseInfoW, PGDBIW, "", [](auto* function) {
     return onPath([=](Workbench& bench) {
-      std::uint16_t version = 7;
+      uint16_t version = 7;
       const bool done = function(bench.wide("source.qvd"), nullptr, &version, nullptr) == 1;
       EXPECT_EQ(version, done ? 100 : 7);
       return done;
@@ -138,14 +138,14 @@ void addTableCalls() {
   });
   both("FindTableByName", "PCFTBN", FindTableByName, PCFTBN, "", [](auto* function) {
     return onHandle([=](Workbench& bench) {
-      const std::uint64_t id = function(bench.db, "QVrz_Record");
+      const uint64_t id = function(bench.db, "QVrz_Record");
       EXPECT_TRUE(id == 0 || id == Workbench::kRecords);
       return id != 0;
     });
   });
   both("GetNumberOfTable", "PCGNOT", GetNumberOfTable, PCGNOT, "", [](auto* function) {
     return onHandle([=](Workbench& bench) {
-      std::int32_t count = -5;
+      int32_t count = -5;
       const bool done = function(bench.db, &count) == 1;
       EXPECT_EQ(count, done ? 3 : -5);
       return done;
@@ -162,8 +162,8 @@ void addTableCalls() {
        });
   struct Size {
     const char* variant;
-    std::uint32_t size;
-    std::uint32_t reserve;
+    uint32_t size;
+    uint32_t reserve;
   };
   for (const Size& each : {Size{"InPlace", 40, 0}, Size{"NewBlock", 80, 200}}) {
     both("SetTableData", "PCSTD", SetTableData, PCSTD, each.variant, [=](auto* function) {
@@ -185,7 +185,7 @@ void addTableCalls() {
   });
   both("GetTableDataSize", "PCGTDS", GetTableDataSize, PCGTDS, "", [](auto* function) {
     return onHandle([=](Workbench& bench) {
-      std::uint32_t size = 7;
+      uint32_t size = 7;
       const bool done = function(bench.db, Workbench::kNotes, &size) == 1;
       EXPECT_EQ(size, done ? 24u : 7u);
       return done;
@@ -196,11 +196,11 @@ void addTableCalls() {
 // ---- records ------------------------------------------------------------------------------------
 
 void addAppendingCalls() {
-  for (const std::uint32_t reserve : {0u, 200u}) {
+  for (const uint32_t reserve : {0u, 200u}) {
     const std::string variant = reserve == 0 ? "Exact" : "WithReserve";
     both("AddRecordData", "PCARD", AddRecordData, PCARD, variant, [=](auto* function) {
       return onHandle([=](Workbench& bench) {
-        std::uint64_t id = kUntouched;
+        uint64_t id = kUntouched;
         const bool done =
             function(bench.db, Workbench::kNotes, pattern(60).data(), 60, reserve, &id) == 1;
         return tell(done, id == kUntouched);
@@ -209,7 +209,7 @@ void addAppendingCalls() {
     both("AddRecordData_AssignRecordID", "PCARDARID", AddRecordData_AssignRecordID, PCARDARID,
          variant, [=](auto* function) {
            return onHandle([=](Workbench& bench) {
-             const std::uint64_t id = 0xAE;
+             const uint64_t id = 0xAE;
              return function(bench.db, Workbench::kNotes, pattern(60).data(), 60, reserve, &id) ==
                     1;
            });
@@ -232,7 +232,7 @@ void addReadingCalls() {
   });
   both("GetNumberOfRecords", "PCGNOR", GetNumberOfRecords, PCGNOR, "", [](auto* function) {
     return onHandle([=](Workbench& bench) {
-      std::uint32_t count = 7;
+      uint32_t count = 7;
       const bool done = function(bench.db, Workbench::kNotes, &count) == 1;
       EXPECT_EQ(count, done ? 4u : 0u);
       return done;
@@ -240,11 +240,11 @@ void addReadingCalls() {
   });
   both("GetRecordUuIDList", "PCGRUIDL", GetRecordUuIDList, PCGRUIDL, "", [](auto* function) {
     return onHandle([=](Workbench& bench) {
-      std::uint64_t list[4] = {};
-      std::uint32_t count = 0;
+      uint64_t list[4] = {};
+      uint32_t count = 0;
       const bool done = function(bench.db, Workbench::kNotes, list, &count) == 1;
       EXPECT_TRUE(done ? count == 4u : count <= 4u) << count;
-      for (std::uint32_t i = 0; i < count && i < 4; ++i) EXPECT_EQ(list[i], 0xA1 + i);
+      for (uint32_t i = 0; i < count && i < 4; ++i) EXPECT_EQ(list[i], 0xA1 + i);
       return done;
     });
   });
@@ -261,9 +261,9 @@ void addChangingCalls() {
   // The payload of the second record stands at 4,630 + 106 + 55.
   struct Change {
     const char* variant;
-    std::uint64_t record;
-    std::uint32_t size;
-    std::int64_t positionAfter;
+    uint64_t record;
+    uint32_t size;
+    int64_t positionAfter;
   };
   for (const Change& each : {Change{"InPlace", 0xA2, 45, 4630 + 106 + 55 + 45},
                              Change{"RelocatingTheFirst", 0xA1, 90, Workbench::kPosition},
@@ -280,8 +280,8 @@ void addChangingCalls() {
   }
   struct Removal {
     const char* variant;
-    std::uint64_t table;
-    std::uint64_t record;
+    uint64_t table;
+    uint64_t record;
   };
   for (const Removal& each :
        {Removal{"First", Workbench::kNotes, 0xA1}, Removal{"Middle", Workbench::kNotes, 0xA2},
@@ -310,8 +310,8 @@ void addPackCalls() {
     both("PackOneDB2AllNewUUIDFile", "PCPOD2ANUUIDF", PackOneDB2AllNewUUIDFile, PCPOD2ANUUIDF,
          variant, [=](auto* function) {
            ScriptedCall call = onHandle([=](Workbench& bench) {
-             std::uint16_t source = 0;
-             std::uint16_t destination = 0;
+             uint16_t source = 0;
+             uint16_t destination = 0;
              int status = 0;
              const bool done = function(bench.wide(target), bench.db, 0, nullptr, &source,
                                         &destination, &status, nullptr) == 1;
@@ -326,8 +326,8 @@ void addPackCalls() {
   both("PackOneDB2New_WithHandle", "PCPOD2NWH", PackOneDB2New_WithHandle, PCPOD2NWH, "",
        [](auto* function) {
          ScriptedCall call = onPath([=](Workbench& bench) {
-           std::uint16_t source = 0;
-           std::uint16_t destination = 0;
+           uint16_t source = 0;
+           uint16_t destination = 0;
            int status = 0;
            const bool done = function(bench.wide("bare.qvd"), bench.wide("new.qvd"), 0, nullptr,
                                       &source, &destination, &status) == 1;
@@ -403,10 +403,10 @@ void addCategoryCalls() {
 
   ScriptedCall encoding = onPath([](Workbench&) {
     qvrzOneCategoryRecord record = {};
-    std::uint64_t id = 0xE1;
+    uint64_t id = 0xE1;
     record.secondIDCount = 1;
     record.secondIDs = &id;
-    std::uint32_t length = 7;
+    uint32_t length = 7;
     unsigned char* const payload = InternalPutOneCategory2Buffer(0, &record, &length);
     EXPECT_EQ(length, payload != nullptr ? 104u : 7u);
     platform::release(payload);
@@ -417,7 +417,7 @@ void addCategoryCalls() {
 
   ScriptedCall converting = onPath([](Workbench&) {
     qvrzOneCategoryRecord record = {};
-    std::uint64_t id = 0xE1;
+    uint64_t id = 0xE1;
     record.secondIDCount = 1;
     record.secondIDs = &id;
     const UUIDMapping pair = {0xE1, 0xF1};
@@ -447,9 +447,9 @@ void addNumber(const std::string& type, Put put, Get get, Value value) {
 
 void addCodecCalls() {
   addNumber<unsigned char>("BYTE", PutToBuffer_BYTE, GetFromBuffer_BYTE, 0x12);
-  addNumber<std::uint16_t>("Int16", PutToBuffer_Int16, GetFromBuffer_Int16, 0x1234);
-  addNumber<std::uint32_t>("Int32", PutToBuffer_Int32, GetFromBuffer_Int32, 0x12345678);
-  addNumber<std::uint64_t>("Int64", PutToBuffer_Int64, GetFromBuffer_Int64, 0x123456789ABCDEF0);
+  addNumber<uint16_t>("Int16", PutToBuffer_Int16, GetFromBuffer_Int16, 0x1234);
+  addNumber<uint32_t>("Int32", PutToBuffer_Int32, GetFromBuffer_Int32, 0x12345678);
+  addNumber<uint64_t>("Int64", PutToBuffer_Int64, GetFromBuffer_Int64, 0x123456789ABCDEF0);
   for (const char* symbol : {"RZPutQVWCHAR2Buffer", "RZGetQVWCHARFromBuffer"}) {
     ScriptedCall scripted = onPath([](Workbench&) {
       const QVWCHAR text[2] = {0x1234, 0x5678};

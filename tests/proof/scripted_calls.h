@@ -20,10 +20,10 @@ namespace qvdbase::test {
 // open as `db`; bare.qvd, a database without tables; old.qvd, a file that may be overwritten.
 class Workbench {
  public:
-  static constexpr std::uint64_t kNotes = 0x1101;       // records 0xA1 to 0xA4, table data
-  static constexpr std::uint64_t kCategories = 0x2202;  // record 0xC1
-  static constexpr std::uint64_t kRecords = 0x3303;     // records 0xE1 to 0xE3
-  static constexpr std::int64_t kPosition = 77;         // where `db` stands before the call
+  static constexpr uint64_t kNotes = 0x1101;       // records 0xA1 to 0xA4, table data
+  static constexpr uint64_t kCategories = 0x2202;  // record 0xC1
+  static constexpr uint64_t kRecords = 0x3303;     // records 0xE1 to 0xE3
+  static constexpr int64_t kPosition = 77;         // where `db` stands before the call
 
   // Removes everything, and writes the files.
   void reset();
@@ -32,7 +32,7 @@ class Workbench {
   std::vector<std::pair<std::string, Bytes>> files() const;
 
   TempFolder folder;
-  std::int16_t db = 0;
+  int16_t db = 0;
 };
 
 struct ScriptedCall {
@@ -43,11 +43,11 @@ struct ScriptedCall {
   std::function<bool(Workbench&)> call;
 
   // What is stated of the call besides:
-  std::int64_t positionAfter = Workbench::kPosition;  // when it succeeded
-  bool failureMayMove = false;                        // a failure need not restore the position
-  bool failureLeavesOpen = false;                     // a failure may leave one file open
-  bool keepsHandle = true;                            // `db` is open afterwards
-  bool successLeavesOpen = false;                     // it hands out a file
+  int64_t positionAfter = Workbench::kPosition;  // when it succeeded
+  bool failureMayMove = false;                   // a failure need not restore the position
+  bool failureLeavesOpen = false;                // a failure may leave one file open
+  bool keepsHandle = true;                       // `db` is open afterwards
+  bool successLeavesOpen = false;                // it hands out a file
   // Failures that the call passes over: it goes on without what it wanted, and reports success.
   std::set<Call> passesOver = {};
   // A failed read is taken for damage, and mended: what is written then is not the beginning of

@@ -7,10 +7,10 @@ namespace {
 class ToolCheck : public ToolTest {
  protected:
   // Three records, of which the second is damaged as the patch says.
-  void damaged(std::size_t offset, const Bytes& patch) {
+  void damaged(size_t offset, const Bytes& patch) {
     notes({bytesOf("first"), bytesOf("second"), bytesOf("third")});
-    const std::int64_t second = database().tables[0].records[1].position;
-    patchFile(path(), static_cast<std::uint64_t>(second) + offset, patch);
+    const int64_t second = database().tables[0].records[1].position;
+    patchFile(path(), static_cast<uint64_t>(second) + offset, patch);
     allowDamage();
   }
 };
@@ -49,15 +49,15 @@ TEST_F(ToolCheck, PrintsJson) {
   EXPECT_EQ(report["tables"][0]["works"]["list"], false);
   EXPECT_EQ(report["findings"][0]["code"], "R5");
   EXPECT_EQ(report["findings"][0]["table"], "notes");
-  std::uint64_t sum = 0;
-  for (const auto& part : report["space"]) sum += part.get<std::uint64_t>();
+  uint64_t sum = 0;
+  for (const auto& part : report["space"]) sum += part.get<uint64_t>();
   EXPECT_EQ(sum, report["size"]);
 }
 
 TEST_F(ToolCheck, PrintsHowMuchRoomIsSpareAndWhatOfItHoldsOlderData) {
   notes({bytesOf("sixteen bytes ab")});
-  const std::int64_t record = database().tables[0].records[0].position;
-  patchFile(path(), static_cast<std::uint64_t>(record) + 47, Bytes().be(4, 4));  // the length
+  const int64_t record = database().tables[0].records[0].position;
+  patchFile(path(), static_cast<uint64_t>(record) + 47, Bytes().be(4, 4));  // the length
   const auto report = nlohmann::json::parse(run({"check", "--json", "test.qvd"}).out);
   EXPECT_EQ(report["state"], "sound");
   EXPECT_EQ(report["spare_room"]["bytes"], 12);
@@ -83,7 +83,7 @@ TEST_F(ToolCheck, ShowsInformationAndSpaceWithVerbose) {
 
 TEST_F(ToolCheck, ReportsADamagedFileInUseWithAStatusOfItsOwn) {
   damaged(39, Bytes().zeros(8));
-  const std::int16_t db = open();  // in another process than the tool's
+  const int16_t db = open();  // in another process than the tool's
   const Outcome outcome = run({"check", "test.qvd"});
   EXPECT_EQ(outcome.status, 4);
   EXPECT_NE(outcome.out.find("in use: "), std::string::npos) << outcome;
@@ -101,7 +101,7 @@ TEST_F(ToolCheck, ChecksWhatIsNoDatabaseAtAll) {
 }
 
 TEST_F(ToolCheck, EscapesWhatTheFileSays) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   addTable(db, "bell\aesc\x1b[2J");
   close(db);
   const std::string out = done({"check", "-v", "test.qvd"});

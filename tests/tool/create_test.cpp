@@ -39,7 +39,7 @@ TEST_F(ToolCreate, LeavesAnExistingFileAloneWithoutForce) {
 
 TEST_F(ToolCreate, DoesNotEmptyADatabaseInUse) {
   notes({bytesOf("precious")});
-  const std::int16_t db = open();
+  const int16_t db = open();
   expectUnchanged([&] { fails({"create", "--force", "test.qvd"}, 3, {"in use", "--wait"}); });
   close(db);
 }

@@ -44,7 +44,7 @@ struct ToolCall {
   const char* product = nullptr;   // what it makes: a file, or a folder of files
   std::set<Call> passesOver = {};  // failures that it goes on without, as is stated of it
   // full.qvd ends in a record whose adding was cut off before so many of its last writes.
-  std::size_t missingWrites = 0;
+  size_t missingWrites = 0;
 };
 
 std::vector<ToolCall> toolCalls() {
@@ -235,13 +235,13 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
 
   TempFolder folder;
   Bytes full_;
-  std::map<std::pair<std::uint64_t, std::uint64_t>, Bytes> records_;  // added before all this
+  std::map<std::pair<uint64_t, uint64_t>, Bytes> records_;  // added before all this
 };
 
 TEST_P(FailingToolCalls, EndInAMessageOrInFullSuccess) {
   const Attempt whole = attempt(nullptr, 0);
   ASSERT_TRUE(whole.succeeded) << whole.message;
-  const std::uint64_t attempts = tryAllFailures(
+  const uint64_t attempts = tryAllFailures(
       2, [&](const Failure* failure, int skip) { return attempt(failure, skip); },
       [&](const Failure& failure, const Attempt& outcome) {
         EXPECT_TRUE(outcome.succeeded || !outcome.message.empty());
@@ -261,7 +261,7 @@ TEST_P(FailingToolCalls, EndInAMessageOrInFullSuccess) {
 TEST_P(FailingToolCalls, LoseNothingWhenTheirProcessIsKilled) {
   const Attempt whole = attempt(nullptr, 0);
   ASSERT_TRUE(whole.succeeded) << whole.message;
-  std::uint64_t kills = 0;
+  uint64_t kills = 0;
   for (int skip = 0; killAfter(skip); skip += testEverything() ? 1 : 1 + skip / 10) {
     SCOPED_TRACE("killed after " + std::to_string(skip) + " calls");
     ++kills;

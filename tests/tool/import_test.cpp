@@ -17,7 +17,7 @@ namespace qvdbase::test {
 namespace {
 
 // What the export of so many files of one byte each says.
-std::string exportedLine(std::size_t files) {
+std::string exportedLine(size_t files) {
   const std::string plural = files == 1 ? "" : "s";
   const std::string number = std::to_string(files);
   return "exported " + number + " file" + plural + ", " + number + " byte" + plural;
@@ -28,8 +28,8 @@ namespace fs = std::filesystem;
 // The data of a table of imported files, made by hand as docs/imported-files.md describes it.
 class NameBlock {
  public:
-  NameBlock& entry(char kind, std::uint16_t mode, std::uint64_t record, const std::string& rest,
-                   std::uint8_t shared = 0, const std::string& target = {}) {
+  NameBlock& entry(char kind, uint16_t mode, uint64_t record, const std::string& rest,
+                   uint8_t shared = 0, const std::string& target = {}) {
     bytes_.text(std::string(1, kind)).be(2, mode).be(8, 1000).be(4, 5).be(8, record);
     bytes_.be(1, shared).be(1, rest.size()).text(rest).be(1, target.size()).text(target);
     return *this;
@@ -244,9 +244,9 @@ TEST_F(ToolImport, CompletesWhatWasKilledInTheMiddle) {
   writeFile(path("b"), bytesOf("b"));
   done({"import", "test.qvd", "files", "a", "b"});
   // A name whose record never came, as after a kill.
-  const std::uint64_t last = database().tables[0].records[1].id;
-  const std::int16_t db = open();
-  const std::uint64_t table = FindTableByName(db, "files");
+  const uint64_t last = database().tables[0].records[1].id;
+  const int16_t db = open();
+  const uint64_t table = FindTableByName(db, "files");
   ASSERT_EQ(DeleteOneRecord(db, table, last, nullptr), 1);
   close(db);
   const Outcome outcome = run({"export", "test.qvd", "files", "out"});
@@ -298,9 +298,9 @@ TEST_F(ToolImport, StopsAtCtrlCBetweenTwoFilesAndKeepsWhatIsStored) {
     call.meanwhile = [this](pid_t process) {
       // The names come first, in one piece; then the records, one by one.
       const auto start = fileSize();
-      std::size_t named = 0;
+      size_t named = 0;
       for (;;) {
-        const std::size_t now = fileSize();
+        const size_t now = fileSize();
         if (named != 0 && now > named + 1000) break;
         if (named == 0 && now > start) named = now;
         siginfo_t ended = {};
@@ -317,7 +317,7 @@ TEST_F(ToolImport, StopsAtCtrlCBetweenTwoFilesAndKeepsWhatIsStored) {
   EXPECT_EQ(outcome.status, 1) << outcome;
   EXPECT_EQ(outcome.out, "");
   expectOneLine(outcome.err, {"interrupted", "sound", "--replace"});
-  const std::size_t stored = database().tables[0].records.size();
+  const size_t stored = database().tables[0].records.size();
   EXPECT_GT(stored, 0u);
   // Exactly what is stored is named.
   EXPECT_EQ(line({"export", "test.qvd", "files", "out"}), exportedLine(stored));
@@ -333,7 +333,7 @@ TEST_F(ToolImport, ThatCannotBeWrittenToItsEndNamesExactlyWhatIsStored) {
       "-c", std::string("ulimit -f 4000; exec '") + QVDB_TOOL + "' import test.qvd files in/"};
   const Outcome outcome = runProgram(call);
   EXPECT_EQ(outcome.status, 1) << outcome;
-  const std::size_t stored = database().tables[0].records.size();
+  const size_t stored = database().tables[0].records.size();
   expectOneLine(outcome.err, {"test.qvd", "raise the limit on the size of files",
                               std::to_string(stored) + " files are stored, " +
                                   std::to_string(500 - stored) + " are not"});
@@ -461,8 +461,8 @@ TEST_F(ToolImport, HistoryHasAHeadForEachColumn) {
 // ---- export
 
 TEST_F(ToolExport, NamesFilesByIdentifierWithoutImportedNames) {
-  const std::int16_t db = open();
-  const std::uint64_t table = addTable(db, "notes");
+  const int16_t db = open();
+  const uint64_t table = addTable(db, "notes");
   assignRecord(db, table, 0xA1, bytesOf("one"));
   assignRecord(db, table, 0xA2, {});
   assignRecord(db, table, 0xA1, bytesOf("again"));
@@ -591,7 +591,7 @@ class HostileNames : public ToolImport {
     EXPECT_TRUE(fs::is_empty(path("outside")));
     EXPECT_EQ(inventory(path("out")).size(), 1u);
     EXPECT_EQ(readFile(path("out/0x00000000000000a1")), bytesOf("payload"));
-    std::size_t entries = 0;
+    size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder.path())) ++entries;
     EXPECT_EQ(entries, 3u) << "something was written beside the folder";
     fs::remove_all(path("out"));
@@ -603,7 +603,7 @@ class HostileNames : public ToolImport {
     EXPECT_EQ(outcome.status, 1) << outcome;
     expectOneLine(outcome.err, {});
     EXPECT_TRUE(fs::is_empty(path("outside")));
-    std::size_t entries = 0;
+    size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder.path())) ++entries;
     EXPECT_EQ(entries, 3u) << "something was written beside the folder";
   }
@@ -659,7 +659,7 @@ TEST_F(HostileNames, ThatAreDoubledOrContradictAreAFailureNotADisaster) {
 
 TEST_F(HostileNames, ThatAreDamagedAreReportedAndDoNotKeepBackTheRecords) {
   const Bytes sound = NameBlock().entry('f', 0644, 0xA1, "x").bytes();
-  for (std::size_t length = 9; length < sound.size(); ++length) {
+  for (size_t length = 9; length < sound.size(); ++length) {
     FileImage image;
     image.addTable("files", 0x11);
     image.addRecord(0, 0xA1, bytesOf("payload"));
@@ -717,7 +717,7 @@ class TornNames : public ToolImport {
         .entry('f', 0644, 0xA2, "two")
         .entry('f', 0644, 0xA3, "hree", 1);
   }
-  static constexpr std::size_t kSecond = 8 + 23 + 3 + 3;  // where the second entry begins
+  static constexpr size_t kSecond = 8 + 23 + 3 + 3;  // where the second entry begins
 };
 
 TEST_F(TornNames, AreKeptBeforeTheTear) {
@@ -747,10 +747,10 @@ TEST_F(TornNames, AreKeptBeforeTheTear) {
 
 TEST_F(TornNames, WhicheverByteItIsKeepNoRecordBack) {
   const Bytes sound = threeNames().bytes();
-  for (std::size_t at = 8; at < sound.size(); ++at) {
+  for (size_t at = 8; at < sound.size(); ++at) {
     for (const int value : {0x00, 0xFF, sound[at] ^ 0x01}) {
       Bytes names = sound;
-      names[at] = static_cast<std::uint8_t>(value);
+      names[at] = static_cast<uint8_t>(value);
       write(names);
       const Outcome outcome = run({"export", "test.qvd", "files", "out"});
       EXPECT_NE(outcome.out.find("exported 3 files"), std::string::npos)

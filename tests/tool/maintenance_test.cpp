@@ -18,19 +18,19 @@ class ToolMaintenance : public ToolTest {
 
   void removeTarget() { std::filesystem::remove(path(kTarget)); }
 
-  std::size_t filesInFolder() const {
-    return static_cast<std::size_t>(std::distance(
-        std::filesystem::directory_iterator(folder.path()), std::filesystem::directory_iterator()));
+  size_t filesInFolder() const {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder.path()),
+                                             std::filesystem::directory_iterator()));
   }
 };
 
 TEST_F(ToolMaintenance, CompactsInPlaceAndSaysWhatItGained) {
   putLively();
-  const std::size_t before = fileSize(kSource);
+  const size_t before = fileSize(kSource);
   const std::string would = line({"compact", "--dry-run", kSource});
   EXPECT_EQ(fileSize(kSource), before);
   const std::string text = line({"compact", kSource});
-  const std::size_t after = fileSize(kSource);
+  const size_t after = fileSize(kSource);
   EXPECT_LT(after, before);
   EXPECT_EQ(text, std::to_string(before) + " bytes became " + std::to_string(after) + ": " +
                       std::to_string(before - after) + " bytes gained, 3 records in 3 tables");
@@ -106,8 +106,8 @@ TEST_F(ToolMaintenance, RepairLosesNothingUnlessItIsForced) {
 // A record was linked but never counted: the table refuses appends, and link repair calls it sound.
 TEST_F(ToolMaintenance, RepairCallsNothingSoundThatIsNot) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  const size_t table = image.addTable("notes", 0x11);
+  const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
   image.addRecord(table, 0xA2, bytesOf("second"));
   SlotFields& slot = image.slot(table);
   slot.recordCount = slot.recordWriteCount = 1;
@@ -170,7 +170,7 @@ TEST_F(ToolMaintenance, RefusesWhatMakesNoSenseAndLeavesNoEmptyTarget) {
 
 TEST_F(ToolMaintenance, RefusesDatabasesInUse) {
   putLively();
-  const std::int16_t db = open(kSource, 3);
+  const int16_t db = open(kSource, 3);
   expectUnchanged(
       [&] {
         fails({"compact", kSource}, 3, {kSource, "in use"});
@@ -186,19 +186,19 @@ TEST_F(ToolMaintenance, StopsAtCtrlCWithoutATrace) {
   FileImage image;
   image.addTable("QVrz_Category", 0x404);
   image.addTable("t", 0x505);
-  std::int64_t previous = 0;
+  int64_t previous = 0;
   Bytes file;
   {
     // Many records, made by hand: the image's own bookkeeping would take long.
-    constexpr std::size_t kCount = 200000;
+    constexpr size_t kCount = 200000;
     SlotFields& slot = image.slot(1);
     slot.recordCount = slot.recordWriteCount = kCount;
     slot.firstRecordPos = kDirectoryEnd;
     slot.lastRecordPos = slot.lastWrittenRecordPos =
-        static_cast<std::int64_t>(kDirectoryEnd + (kCount - 1) * 56);
+        static_cast<int64_t>(kDirectoryEnd + (kCount - 1) * 56);
     file = image.build();
-    for (std::size_t i = 0; i < kCount; ++i) {
-      const auto position = static_cast<std::int64_t>(kDirectoryEnd + i * 56);
+    for (size_t i = 0; i < kCount; ++i) {
+      const auto position = static_cast<int64_t>(kDirectoryEnd + i * 56);
       RecordFields record;
       record.tableID = slot.tableID;
       record.recordID = identifier(i + 1);

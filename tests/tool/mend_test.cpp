@@ -11,8 +11,8 @@ class ToolMend : public ToolTest {
   // Two records, of which the slot counts the first.
   void putUncounted() {
     FileImage image;
-    const std::size_t table = image.addTable("notes", 0x11);
-    const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+    const size_t table = image.addTable("notes", 0x11);
+    const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
     image.addRecord(table, 0xA2, bytesOf("second"));
     SlotFields& slot = image.slot(table);
     slot.recordCount = slot.recordWriteCount = 1;
@@ -39,8 +39,8 @@ TEST_F(ToolMend, CountsWhatWasLinkedSoThatTheTableTakesRecordsAgain) {
 // The last record: its predecessor lets go of it, and the slot still has it.
 TEST_F(ToolMend, FinishesADeletionSoThatTheTableTakesRecordsAgain) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  const size_t table = image.addTable("notes", 0x11);
+  const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
   image.addRecord(table, 0xA2, bytesOf("second"));
   image.record(first).nextRecordPos = 0;
   writeFile(path(), image.build());
@@ -55,8 +55,8 @@ TEST_F(ToolMend, FinishesADeletionSoThatTheTableTakesRecordsAgain) {
 
 TEST_F(ToolMend, LinksOrDiscardsWhatWasNeverLinked) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  const size_t table = image.addTable("notes", 0x11);
+  const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
   image.addRecord(table, 0xA2, bytesOf("second"));
   SlotFields& slot = image.slot(table);
   slot.recordCount = slot.recordWriteCount = 1;
@@ -69,7 +69,7 @@ TEST_F(ToolMend, LinksOrDiscardsWhatWasNeverLinked) {
     EXPECT_NE(done({"mend", kDefaultFile}).find("--discard"), std::string::npos);
   });
   done({"mend", "--discard", kDefaultFile});
-  EXPECT_EQ(fileSize(), static_cast<std::size_t>(first) + 56 + 5);
+  EXPECT_EQ(fileSize(), static_cast<size_t>(first) + 56 + 5);
   writeFile(path(), image.build());
   done({"mend", "--link", kDefaultFile});
   EXPECT_EQ(done({"get", kDefaultFile, "notes", "0xa2"}), "second");
@@ -77,14 +77,14 @@ TEST_F(ToolMend, LinksOrDiscardsWhatWasNeverLinked) {
 
 // The process of an appender is killed: its blocks name each other, and nothing else names them.
 TEST_F(ToolMend, LinksOrDiscardsABatchThatWasNeverLinked) {
-  constexpr std::uint64_t kRecords = 3000;
+  constexpr uint64_t kRecords = 3000;
   enum class Last { whole, torn, followed };
   for (const Last last : {Last::whole, Last::torn, Last::followed}) {
     FileImage image;
-    const std::size_t table = image.addTable("notes", 0x11);
-    const std::size_t other = image.addTable("others", 0x22);
-    const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
-    for (std::uint64_t i = 1; i < kRecords; ++i) {
+    const size_t table = image.addTable("notes", 0x11);
+    const size_t other = image.addTable("others", 0x22);
+    const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+    for (uint64_t i = 1; i < kRecords; ++i) {
       image.addRecord(table, 0xA1 + i, bytesOf("more"));
     }
     if (last == Last::followed) image.addRecord(other, 0xB1, bytesOf("later"));
@@ -94,7 +94,7 @@ TEST_F(ToolMend, LinksOrDiscardsABatchThatWasNeverLinked) {
     image.record(first).nextRecordPos = 0;
     const Bytes whole = image.build();
     const Bytes bytes = last == Last::torn ? whole.cut(whole.size() - 3) : whole;
-    const std::uint64_t added = kRecords - (last == Last::torn ? 2 : 1);
+    const uint64_t added = kRecords - (last == Last::torn ? 2 : 1);
     writeFile(path(), bytes);
     fails({"compact", kDefaultFile}, 1,
           {std::to_string(added) + " records would be lost", "cut off", "0x00000000000000a2"});
@@ -112,9 +112,9 @@ TEST_F(ToolMend, LinksOrDiscardsABatchThatWasNeverLinked) {
 // the batch was ever part of it.
 TEST_F(ToolMend, LinksButDoesNotDiscardABatchThatMayHaveBeenLinked) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
-  for (std::uint64_t i = 1; i < 4; ++i) image.addRecord(table, 0xA1 + i, bytesOf("more"));
+  const size_t table = image.addTable("notes", 0x11);
+  const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  for (uint64_t i = 1; i < 4; ++i) image.addRecord(table, 0xA1 + i, bytesOf("more"));
   SlotFields& slot = image.slot(table);
   slot.recordCount = 1;
   slot.recordWriteCount = 9;
@@ -134,8 +134,8 @@ TEST_F(ToolMend, LinksButDoesNotDiscardABatchThatMayHaveBeenLinked) {
 
 TEST_F(ToolMend, RefusesOtherDamageAndChangesNothing) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  const size_t table = image.addTable("notes", 0x11);
+  const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
   image.addRecord(table, 0xA2, bytesOf("second"));
   image.record(first).blockMark = 0;
   writeFile(path(), image.build());
@@ -148,8 +148,8 @@ TEST_F(ToolMend, RefusesOtherDamageAndChangesNothing) {
 TEST_F(ToolMend, CompactDropsClearsAndRenamesTables) {
   FileImage image;
   for (const char* name : {"one", "two", "three"}) {
-    const std::size_t table =
-        image.addTable(name, static_cast<std::uint64_t>(0x11 + image.header().tableCount));
+    const size_t table =
+        image.addTable(name, static_cast<uint64_t>(0x11 + image.header().tableCount));
     image.addRecord(table, 0xA1, bytesOf(name));
   }
   image.setTableData(2, bytesOf("about"));

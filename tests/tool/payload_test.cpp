@@ -273,7 +273,7 @@ TEST_F(ToolTouch, SetsTheTimeOfModificationOnly) {
 
 TEST_F(ToolTouch, OfADatabaseInUseFailsAtOnce) {
   const Words ids = notes({bytesOf("1")});
-  const std::int16_t db = open();
+  const int16_t db = open();
   expectUnchanged([&] { fails({"touch", "test.qvd", "notes", ids[0]}, 3, {"in use", "--wait"}); });
   close(db);
 }

@@ -68,7 +68,7 @@ TEST_F(ToolSalvage, ReadsStandardInputAndExtractsPayloads) {
 
 // It would not fit into memory; the database stands behind what is no part of it.
 TEST_F(ToolSalvage, ReadsStandardInputInPlaceWhenItIsAFile) {
-  constexpr std::uint64_t kBegin = std::uint64_t{5} << 30;
+  constexpr uint64_t kBegin = uint64_t{5} << 30;
   writeFile(path("disk.img"), pattern(100));
   std::filesystem::resize_file(path("disk.img"), kBegin);
   patchFile(path("disk.img"), kBegin, contents());
@@ -110,8 +110,8 @@ TEST_F(ToolSalvage, SaysWhenAPipeHoldsMoreThanMemoryDoes) {
 
 TEST_F(ToolSalvage, LeavesNothingWhenNobodyReadsItsOutputAnyMore) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  for (std::uint64_t id = 1; id <= 1500; ++id) image.addRecord(table, id, bytesOf("text"));
+  const size_t table = image.addTable("notes", 0x11);
+  for (uint64_t id = 1; id <= 1500; ++id) image.addRecord(table, id, bytesOf("text"));
   writeFile(path(), image.build());
   ProgramCall call = callOf({"salvage", "-v", "--extract", "out", "test.qvd", "saved.qvd"});
   call.closesOutput = true;
@@ -216,7 +216,7 @@ TEST_F(ToolHistory, UndeleteBringsARecordBack) {
 
 TEST_F(ToolHistory, UndeleteSaysWhenSomebodyWritesToTheSource) {
   EXPECT_EQ(done({"undelete", "test.qvd", "alone.qvd", "notes", ids[1]}), "");
-  const std::int16_t db = open();
+  const int16_t db = open();
   EXPECT_EQ(
       done({"undelete", "test.qvd", "beside.qvd", "notes", ids[1]}),
       "Another process has the source open for writing: repeat this when it has closed it.\n");

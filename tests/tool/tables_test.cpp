@@ -8,7 +8,7 @@ using ToolTables = ToolTest;
 using ToolAddTable = ToolTest;
 
 TEST_F(ToolTables, AreListedInOrder) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   addRecord(db, addTable(db, "notes"), bytesOf("x"));
   setTableData(db, addTable(db, "with data"), bytesOf("12345"));
   close(db);
@@ -109,7 +109,7 @@ TEST_F(ToolAddTable, RefusesNamesThatCannotBe) {
 }
 
 TEST_F(ToolAddTable, RefusesTheThirtySecond) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   for (int i = 0; i < 31; ++i) addTable(db, "t" + std::to_string(i));
   close(db);
   expectOnlyRead([&] { fails({"add-table", "test.qvd", "more"}, 1, {"31 tables"}); });

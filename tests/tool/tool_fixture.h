@@ -72,8 +72,8 @@ class ToolTest : public DatabaseTest {
 
   // A database with a table "notes" that holds these payloads; returns the identifiers as text.
   Words notes(const std::vector<Bytes>& payloads, const std::string& name = kDefaultFile) {
-    const std::int16_t db = create(name);
-    const std::uint64_t table = addTable(db, "notes");
+    const int16_t db = create(name);
+    const uint64_t table = addTable(db, "notes");
     Words ids;
     for (const Bytes& payload : payloads) {
       std::ostringstream id;

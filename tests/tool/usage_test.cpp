@@ -143,7 +143,7 @@ TEST_F(Usage, ATableIsNamedByNameOrIdentifier) {
 }
 
 TEST_F(Usage, ATableWhoseNameLooksLikeANumberIsFoundByItsName) {
-  const std::int16_t db = create();
+  const int16_t db = create();
   addTable(db, "0x1");
   addRecord(db, addTable(db, "17"), bytesOf("x"));
   close(db);

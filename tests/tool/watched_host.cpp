@@ -29,7 +29,7 @@ std::string nameOf(int descriptor) {
   char path[4096];
   const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
   const ssize_t size = ::readlink(link.c_str(), path, sizeof path);
-  return size < 0 ? "?" : lastPart(std::string(path, static_cast<std::size_t>(size)));
+  return size < 0 ? "?" : lastPart(std::string(path, static_cast<size_t>(size)));
 }
 
 template <typename Function>

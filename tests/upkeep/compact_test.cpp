@@ -28,7 +28,7 @@ class Compact : public LayerTest {
     target.header().tableCount = 0;
     LivelyDatabase::addTables(target);
     target.setTableData(0, bytesOf("data of one"));
-    const std::int64_t a =
+    const int64_t a =
         target.addRecord(0, LivelyDatabase::kA, bytesOf("first"), LivelyDatabase::optionsOfA());
     target.addRecord(0, LivelyDatabase::kB, bytesOf("second"), LivelyDatabase::optionsOfB());
     target.addRecord(0, LivelyDatabase::kC, {}, LivelyDatabase::optionsOfC());
@@ -56,7 +56,7 @@ TEST_F(Compact, KeepsEverythingLiveAndDropsEverythingDead) {
   const Bytes expected = compacted(source).build();
   const qvdb::CompactReport report = compact(path(kSource));
   EXPECT_TRUE(sameBytes(contents(kSource), expected));
-  EXPECT_EQ(report.size_before, static_cast<std::uint64_t>(source.image.end()));
+  EXPECT_EQ(report.size_before, static_cast<uint64_t>(source.image.end()));
   EXPECT_EQ(report.size_after, expected.size());
   EXPECT_EQ(report.tables, 3u);
   EXPECT_EQ(report.records, 3u);
@@ -73,10 +73,10 @@ TEST_F(Compact, WritesANewFileAndOnlyReadsTheSource) {
 }
 
 TEST_F(Compact, KeepsTableDataOfTablesThatHaveRecords) {
-  const std::int16_t db = create(kSource);
-  const std::uint64_t table = addTable(db, "t");
+  const int16_t db = create(kSource);
+  const uint64_t table = addTable(db, "t");
   setTableData(db, table, bytesOf("data"));
-  const std::uint64_t id = addRecord(db, table, bytesOf("x"));
+  const uint64_t id = addRecord(db, table, bytesOf("x"));
   close(db);
   compact(path(kSource), path(kTarget));
   const qvdb::Database compacted = qvdb::Database::open(path(kTarget));
@@ -85,9 +85,9 @@ TEST_F(Compact, KeepsTableDataOfTablesThatHaveRecords) {
 }
 
 TEST_F(Compact, LeavesNothingOfWhatStoodBehindShorterPayloads) {
-  const std::int16_t db = create(kSource);
-  const std::uint64_t table = addTable(db, "t");
-  const std::uint64_t id = addRecord(db, table, bytesOf("a long secret"));
+  const int16_t db = create(kSource);
+  const uint64_t table = addTable(db, "t");
+  const uint64_t id = addRecord(db, table, bytesOf("a long secret"));
   ASSERT_EQ(ModifyRecordData(db, table, bytesOf("x").data(), 1, id, nullptr), 1);
   setTableData(db, table, bytesOf("another secret"));
   setTableData(db, table, bytesOf("y"));
@@ -121,7 +121,7 @@ TEST_F(Compact, CarriesLargePayloadsAndEmptyDatabases) {
   compact(path(kSource));
   EXPECT_TRUE(sameBytes(contents(kSource), image.build()));
   image.addTable("t", 0x101);
-  for (const std::size_t size : {0u, 4096u, 4097u, 3000000u, 1u}) {
+  for (const size_t size : {0u, 4096u, 4097u, 3000000u, 1u}) {
     image.addRecord(0, size + 1, pattern(size));
   }
   putSource(image);
@@ -191,7 +191,7 @@ TEST_F(Compact, TakesAnEmptyFileOverAndMakesMissingFolders) {
 
 TEST_F(Compact, RefusesTargetsInUseAndFolders) {
   putSource(FileImage());
-  const std::int16_t db = create(kTarget);
+  const int16_t db = create(kTarget);
   expectUnchanged(
       [&] {
         expectError(Reason::in_use,
@@ -219,15 +219,15 @@ TEST_F(Compact, RefusesWhatIsNotThereOrNoDatabase) {
 TEST_F(Compact, RefusesASourceInUse) {
   putSource(FileImage());
   for (const int permission : {3, 4}) {
-    const std::int16_t db = open(kSource, permission);
+    const int16_t db = open(kSource, permission);
     expectError(Reason::in_use, [&] { compact(path(kSource)); });
     close(db);
   }
   // Only reading it is no harm, on either side.
-  const std::int16_t db = open(kSource, 4);
+  const int16_t db = open(kSource, 4);
   compact(path(kSource), path(kTarget));
   close(db);
-  const std::int16_t reader = open(kSource, 1);
+  const int16_t reader = open(kSource, 1);
   compact(path(kSource));
   close(reader);
 }
@@ -359,7 +359,7 @@ TEST_F(Compact, NoticesThatTheSourceIsChangedMeanwhile) {
   expectError(Reason::in_use, [&] {
     compact(path(kSource), path(kTarget), [&](int percent) {
       if (percent > 30 && !std::exchange(once, true)) {
-        patchFile(path(kSource), static_cast<std::uint64_t>(source.a) + 27, bytesOf("MMMM"));
+        patchFile(path(kSource), static_cast<uint64_t>(source.a) + 27, bytesOf("MMMM"));
       }
       return true;
     });
@@ -372,10 +372,10 @@ TEST_F(Compact, NoticesThatTheSourceIsChangedMeanwhile) {
 TEST_F(Compact, LeavesTheSourceAsItWasWhereverTheDiskIsFull) {
   LivelyDatabase source = lively();
   const Bytes before = source.image.build();
-  const std::size_t size = compacted(source).build().size();
+  const size_t size = compacted(source).build().size();
   putSource(source.image);
   RecordedCalls host;
-  for (std::size_t room = 0; room < size + kHeaderBytes; room += 53) {
+  for (size_t room = 0; room < size + kHeaderBytes; room += 53) {
     host.fullAfter(room);
     expectError(Reason::disk_full, [&] { compact(path(kSource)); });
     host.heal();

@@ -27,7 +27,7 @@ class WholeFile : public LayerTest {
 
   void putSource(const FileImage& image) { writeFile(path(kSource), image.build()); }
 
-  static FileImage withCategory(const std::vector<std::uint64_t>& listed) {
+  static FileImage withCategory(const std::vector<uint64_t>& listed) {
     FileImage image;
     image.addTable("QVrz_Record", 0x202);
     image.addRecord(0, 0xA0, bytesOf("a"));
@@ -35,7 +35,7 @@ class WholeFile : public LayerTest {
     image.addTable("QVrz_Category", 0x303);
     Bytes payload;
     payload.zeros(88).be(4, listed.size());
-    for (const std::uint64_t id : listed) payload.be(8, id);
+    for (const uint64_t id : listed) payload.be(8, id);
     image.addRecord(1, 0xC0, payload.be(4, 0));
     return image;
   }
@@ -47,7 +47,7 @@ TEST_F(WholeFile, PackMakesWhatTheLibraryMakesAndNamesTheTablesThatLoseTheirData
   const qvdb::PackReport report = pack(path(kSource), path(kTarget));
   EXPECT_TRUE(sameBytes(contents(kTarget), lively.packed().build()));
   EXPECT_EQ(report.tables_without_data, std::vector<std::string>{"one"});
-  EXPECT_EQ(report.size_before, static_cast<std::uint64_t>(lively.image.end()));
+  EXPECT_EQ(report.size_before, static_cast<uint64_t>(lively.image.end()));
   EXPECT_EQ(report.size_after, fileSize(kTarget));
   EXPECT_EQ(names(), (std::vector<std::string>{kSource, kTarget}));
 }
@@ -74,7 +74,7 @@ TEST_F(WholeFile, PackAndRenumberRefuseTheSameThings) {
   writeFile(path(kTarget), bytesOf("precious"));
   both(Reason::file_exists);
   EXPECT_EQ(contents(kTarget), bytesOf("precious"));
-  const std::int16_t db = open(kTarget, 4);
+  const int16_t db = open(kTarget, 4);
   both(Reason::in_use, {.overwrite = true});
   EXPECT_EQ(contents(kTarget), bytesOf("precious"));
   close(db);
@@ -219,7 +219,7 @@ TEST_F(WholeFile, RepairSaysWhyItCannot) {
   expectError(Reason::directory_damaged, [&] { repair(path(kSource)); });
   lively.image.slot(1).slotMark = 151;
   putSource(lively.image);
-  std::int16_t db = open(kSource, 4);
+  int16_t db = open(kSource, 4);
   expectError(Reason::in_use, [&] { repair(path(kSource)); });
   close(db);
   db = open(kSource, 1);  // a reader is no hindrance

@@ -18,8 +18,8 @@ using qvdb::Reason;
 // A record that was written and never linked, at the end of the file.
 Bytes cutOffAppend() {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  const std::int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  const size_t table = image.addTable("notes", 0x11);
+  const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
   image.addRecord(table, 0xA2, bytesOf("second"));
   SlotFields& slot = image.slot(table);
   slot.recordCount = slot.recordWriteCount = 1;
@@ -28,7 +28,7 @@ Bytes cutOffAppend() {
   return image.build();
 }
 
-constexpr std::size_t kSecondSize = 56 + 6;
+constexpr size_t kSecondSize = 56 + 6;
 
 class Mend : public LayerTest {
  protected:
@@ -51,7 +51,7 @@ TEST_F(Mend, ChangesTheFileThatItHasLockedWhateverTheNameLeadsToMeanwhile) {
   {
     ReplacedCalls calls;
     // The first read follows the opening and the lock.
-    calls->readAt = [](int descriptor, void* buffer, std::size_t count, off_t position) {
+    calls->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
       if (!fs::exists(opened)) {
         fs::rename(name, opened);
         fs::rename(other, name);
@@ -82,7 +82,7 @@ TEST_F(Mend, SaysThatTheHostDoesNotShortenTheFile) {
 TEST_F(Mend, SaysWhatTheHostAnsweredWhenALinkCannotBeWritten) {
   writeFile(path(), cutOffAppend());
   ReplacedCalls calls;
-  calls->writeAt = [](int, const void*, std::size_t, off_t) -> ssize_t {
+  calls->writeAt = [](int, const void*, size_t, off_t) -> ssize_t {
     errno = EROFS;
     return -1;
   };
@@ -96,15 +96,15 @@ TEST_F(Mend, SaysWhatTheHostAnsweredWhenALinkCannotBeWritten) {
 // link is written.
 Bytes interrupted() {
   FileImage image;
-  const std::size_t uncounted = image.addTable("uncounted", 0x11);
-  const std::size_t batch = image.addTable("batch", 0x22);
-  const std::size_t deletion = image.addTable("deletion", 0x33);
-  const std::int64_t first = image.addRecord(uncounted, 0xA1, bytesOf("counted"));
+  const size_t uncounted = image.addTable("uncounted", 0x11);
+  const size_t batch = image.addTable("batch", 0x22);
+  const size_t deletion = image.addTable("deletion", 0x33);
+  const int64_t first = image.addRecord(uncounted, 0xA1, bytesOf("counted"));
   image.addRecord(uncounted, 0xA2, bytesOf("not counted"));
-  const std::int64_t kept = image.addRecord(deletion, 0xD1, bytesOf("kept"));
+  const int64_t kept = image.addRecord(deletion, 0xD1, bytesOf("kept"));
   image.addRecord(deletion, 0xD2, bytesOf("going"));
-  const std::int64_t last = image.addRecord(batch, 0xB1, bytesOf("counted"));
-  for (std::uint64_t i = 2; i < 6; ++i) image.addRecord(batch, 0xB0 + i, bytesOf("of the batch"));
+  const int64_t last = image.addRecord(batch, 0xB1, bytesOf("counted"));
+  for (uint64_t i = 2; i < 6; ++i) image.addRecord(batch, 0xB0 + i, bytesOf("of the batch"));
   for (const auto& [table, position] : {std::pair{uncounted, first}, std::pair{batch, last}}) {
     SlotFields& slot = image.slot(table);
     slot.recordCount = slot.recordWriteCount = 1;
@@ -149,17 +149,17 @@ TEST_F(Mend, StoppedBeforeAnyOfItsWritesCanBeBegunAgain) {
 // part of the table.
 class BatchAfterACompaction : public Mend {
  protected:
-  static constexpr std::size_t kRecords = 3;
+  static constexpr size_t kRecords = 3;
 
   // `kept` of five records are left, and the batch has reached the file but for `missing` of its
   // last writes: the slot, the link.
-  void putBatch(std::size_t kept, std::size_t missing) {
+  void putBatch(size_t kept, size_t missing) {
     std::filesystem::remove(path());
     qvdb::Database database = createDatabase();
     qvdb::Table table = database.add_table("notes");
     std::vector<qvdb::Id> ids;
     for (const char* text : {"a", "b", "c", "d", "e"}) ids.push_back(table.add(text));
-    for (std::size_t i = 0; i < ids.size() - kept; ++i) table.remove(ids[i]);
+    for (size_t i = 0; i < ids.size() - kept; ++i) table.remove(ids[i]);
     database.close();
     qvdb::compact(path());
     const Bytes before = contents();
@@ -192,7 +192,7 @@ class BatchAfterACompaction : public Mend {
 };
 
 TEST_F(BatchAfterACompaction, IsLinkedOnRequest) {
-  for (const std::size_t kept : {0u, 1u, 2u, 5u}) {
+  for (const size_t kept : {0u, 1u, 2u, 5u}) {
     SCOPED_TRACE(kept);
     putBatch(kept, kept == 0 ? 1 : 2);
     if (HasFatalFailure()) return;
@@ -223,9 +223,9 @@ TEST_F(BatchAfterACompaction, IsNotDiscarded) {
 
 TEST_F(Mend, LinksAgainWhatALinkRepairHasCutOff) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  std::vector<std::int64_t> records;
-  for (std::uint64_t i = 0; i < 5; ++i) {
+  const size_t table = image.addTable("notes", 0x11);
+  std::vector<int64_t> records;
+  for (uint64_t i = 0; i < 5; ++i) {
     records.push_back(image.addRecord(table, 0xA1 + i, bytesOf("text")));
   }
   SlotFields& slot = image.slot(table);
@@ -242,9 +242,9 @@ TEST_F(Mend, LinksAgainWhatALinkRepairHasCutOff) {
 // Nothing says which of the two followed the last record, and whether the other one did.
 TEST_F(Mend, LeavesTwoPiecesOfAChainApart) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  std::vector<std::int64_t> records;
-  for (std::uint64_t i = 0; i < 5; ++i) {
+  const size_t table = image.addTable("notes", 0x11);
+  std::vector<int64_t> records;
+  for (uint64_t i = 0; i < 5; ++i) {
     records.push_back(image.addRecord(table, 0xA1 + i, bytesOf("text")));
   }
   SlotFields& slot = image.slot(table);

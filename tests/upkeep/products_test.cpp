@@ -47,7 +47,7 @@ mode_t modeOf(const fs::path& path) {
 std::string attribute(const fs::path& path, const char* name) {
   char value[200];
   const ssize_t size = ::getxattr(path.c_str(), name, value, sizeof value);
-  return size < 0 ? "(none)" : std::string(value, static_cast<std::size_t>(size));
+  return size < 0 ? "(none)" : std::string(value, static_cast<size_t>(size));
 }
 
 bool setAttribute(const fs::path& path, const char* name, const std::string& value) {
@@ -415,7 +415,7 @@ TEST_F(Products, DoNotReplaceWhatHasTakenThePlaceOfTheirSource) {
 }
 
 TEST_F(Products, AreCompactedBesideAReader) {
-  const std::int16_t reader = open(kSource, 1);
+  const int16_t reader = open(kSource, 1);
   qvdb::compact(source());
   close(reader);
 }
@@ -474,7 +474,7 @@ TEST_F(Products, LeaveTheOldFileOrTheNewOneWhereverTheirProcessIsKilled) {
   for (const Operation& operation : operations) {
     writeFile(target(), old);
     operation.replace();
-    const std::size_t newSize = fileSize(kTarget);
+    const size_t newSize = fileSize(kTarget);
     bool finished = false;
     bool sawOld = false;
     for (int step = 0; !finished && !HasFailure(); ++step) {

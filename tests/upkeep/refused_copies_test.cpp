@@ -24,8 +24,8 @@ class RefusedCopies : public LayerTest {
 TEST_F(RefusedCopies, SayHowManyRecordsWouldGo) {
   FileImage image;
   image.addTable("QVrz_Category", 0x505);
-  const std::size_t table = image.addTable("notes", 0x11);
-  for (std::uint64_t i = 0; i < 10; ++i) image.addRecord(table, 0xA1 + i, pattern(20));
+  const size_t table = image.addTable("notes", 0x11);
+  for (uint64_t i = 0; i < 10; ++i) image.addRecord(table, 0xA1 + i, pattern(20));
   const Bytes bytes = image.build().with(16, hex("0001"));
   writeFile(path(kSource), bytes);
   const auto expectRefusal = [&](const std::function<void()>& operation) {
@@ -56,22 +56,22 @@ TEST_F(RefusedCopies, CarryTableDataThatAPackHasMoved) {
 // Every single flipped bit of a small file: a compaction refuses, or has all that salvage finds.
 TEST_F(RefusedCopies, LoseNothingThatSalvageFindsWhicheverBitIsFlipped) {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", 0x1101);
-  const std::size_t other = image.addTable("other", 0x2202);
+  const size_t notes = image.addTable("notes", 0x1101);
+  const size_t other = image.addTable("other", 0x2202);
   image.setTableData(notes, bytesOf("what it is about"));
-  for (std::uint64_t i = 0; i < 4; ++i) image.addRecord(notes, 0xA1 + i, pattern(20 + i));
+  for (uint64_t i = 0; i < 4; ++i) image.addRecord(notes, 0xA1 + i, pattern(20 + i));
   image.addRecord(other, 0xB1, bytesOf("elsewhere"));
   const Bytes sound = image.build();
-  std::vector<std::size_t> places;
-  for (std::size_t i = 0; i < 22 + 3 * kSlotBytes; ++i) places.push_back(i);
-  for (std::size_t i = 4630; i < sound.size(); ++i) places.push_back(i);
-  const std::size_t step = testEverything() ? 1 : 13;
-  std::size_t compacted = 0;
+  std::vector<size_t> places;
+  for (size_t i = 0; i < 22 + 3 * kSlotBytes; ++i) places.push_back(i);
+  for (size_t i = 4630; i < sound.size(); ++i) places.push_back(i);
+  const size_t step = testEverything() ? 1 : 13;
+  size_t compacted = 0;
   const auto longAgo = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
-  for (std::size_t bit = 0; bit < places.size() * 8 && !HasFailure(); bit += step) {
+  for (size_t bit = 0; bit < places.size() * 8 && !HasFailure(); bit += step) {
     SCOPED_TRACE("bit " + std::to_string(bit % 8) + " of byte " + std::to_string(places[bit / 8]));
     Bytes bytes = sound;
-    bytes[places[bit / 8]] ^= static_cast<std::uint8_t>(1u << (bit % 8));
+    bytes[places[bit / 8]] ^= static_cast<uint8_t>(1u << (bit % 8));
     std::filesystem::remove(path(kSource));
     std::filesystem::remove(path(kTarget));
     writeFile(path(kSource), bytes);

@@ -67,11 +67,10 @@ void printFinding(const Finding& finding, std::set<std::string>* explained) {
 }
 
 void printSpace(const SpaceUse& space) {
-  const auto line = [](const char* what, std::uint64_t bytes) {
+  const auto line = [](const char* what, uint64_t bytes) {
     if (bytes == 0) return;
     const std::string number = std::to_string(bytes);
-    printLine(std::string(16 - std::min<std::size_t>(number.size(), 16), ' ') + number + "  " +
-              what);
+    printLine(std::string(16 - std::min<size_t>(number.size(), 16), ' ') + number + "  " + what);
   };
   printLine("bytes:");
   line("header and directory", space.directory);
@@ -87,7 +86,7 @@ void printSpace(const SpaceUse& space) {
 
 std::string summaryOf(const CheckReport& report) {
   if (report.state == CheckState::in_use) {
-    const std::uint64_t findings = report.errors + report.warnings;
+    const uint64_t findings = report.errors + report.warnings;
     if (findings == 0) return "in use: it changed while it was read; check it again later";
     return "in use: open for writing elsewhere; " + counted(findings, "finding", "findings") +
            ", shown with -v, can be work in progress; check it again later";

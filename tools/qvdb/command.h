@@ -35,7 +35,7 @@ class Arguments {
   // Options: `names` as in "-o,--output".
   void option(const char* names, const char* valueName, std::optional<std::string>& value,
               const char* help);
-  void option(const char* names, const char* valueName, std::optional<std::uint64_t>& value,
+  void option(const char* names, const char* valueName, std::optional<uint64_t>& value,
               const char* help);
   // One that may be given many times.
   void option(const char* names, const char* valueName, std::vector<std::string>& values,

@@ -31,7 +31,7 @@ class Arguments::Parser {
   }
   void describeOption(const std::string& names, const char* valueName, const char* help) {
     std::string left = names;
-    const std::size_t comma = left.find(',');
+    const size_t comma = left.find(',');
     if (comma != std::string::npos) left.insert(comma + 1, " ");
     if (valueName != nullptr) left += std::string(" ") + valueName;
     options_.push_back({left, help});
@@ -55,22 +55,22 @@ class Arguments::Parser {
 
 namespace {
 
-constexpr std::size_t kWidth = 79;
-constexpr std::size_t kHelpColumn = 10;
-constexpr std::size_t kStatusColumn = 5;
+constexpr size_t kWidth = 79;
+constexpr size_t kHelpColumn = 10;
+constexpr size_t kStatusColumn = 5;
 constexpr const char* kExitStatus =
     "0  done\n1  failed, or what was asked for is not there\n2  wrong usage\n"
     "3  another process has the database open\n";
 
-void wrap(std::ostream& out, const std::string& text, std::size_t indent) {
+void wrap(std::ostream& out, const std::string& text, size_t indent) {
   const std::string space(indent, ' ');
   out << wrapped(space + text, kWidth, indent);
 }
 
-void paragraphs(std::ostream& out, const std::string& text, std::size_t indent) {
-  std::size_t from = 0;
+void paragraphs(std::ostream& out, const std::string& text, size_t indent) {
+  size_t from = 0;
   while (from < text.size()) {
-    const std::size_t end = std::min(text.find("\n\n", from), text.size());
+    const size_t end = std::min(text.find("\n\n", from), text.size());
     if (from != 0) out << '\n';
     wrap(out, text.substr(from, end - from), indent);
     from = end + 2;
@@ -83,7 +83,7 @@ std::string overview() {
          "USAGE\n  qvdb COMMAND [ARGUMENT]...\n  qvdb COMMAND --help\n\nCOMMANDS\n";
   for (const Command* command : allCommands()) {
     out << "  " << command->name
-        << std::string(12 - std::min<std::size_t>(11, std::string_view(command->name).size()), ' ')
+        << std::string(12 - std::min<size_t>(11, std::string_view(command->name).size()), ' ')
         << command->summary << '\n';
   }
   out << "\nA TABLE is named by its name or its identifier, a RECORD by its identifier or,\n"
@@ -101,8 +101,8 @@ std::string overview() {
   return out.str();
 }
 
-std::uint64_t numberOf(const std::string& name, const std::string& text) {
-  std::uint64_t value = 0;
+uint64_t numberOf(const std::string& name, const std::string& text) {
+  uint64_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error != std::errc() || end != text.data() + text.size()) {
     throw CLI::ValidationError(name, "'" + text + "' is not a number");
@@ -174,8 +174,8 @@ void Arguments::option(const char* names, const char* valueName, std::optional<s
   parser_.describeOption(names, valueName, help);
 }
 
-void Arguments::option(const char* names, const char* valueName,
-                       std::optional<std::uint64_t>& value, const char* help) {
+void Arguments::option(const char* names, const char* valueName, std::optional<uint64_t>& value,
+                       const char* help) {
   parser_.app()->add_option_function<std::string>(
       names, [&value, name = withoutDashes(names)](const std::string& text) {
         value = numberOf(name, text);
@@ -257,7 +257,7 @@ std::optional<Action> readCommandLine(int argc, const char* const* argv) {
     }
     throw wrongUsage(std::string(error.what()) + "; see '" + help + "'");
   }
-  for (std::size_t i = 0; i < actions.size(); ++i) {
+  for (size_t i = 0; i < actions.size(); ++i) {
     if (parsers[i]->app()->parsed()) return actions[i];
   }
   throw wrongUsage("no command was given; see 'qvdb --help'");

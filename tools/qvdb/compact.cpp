@@ -22,7 +22,7 @@ struct Options {
 
 // From OLD=NEW. A name that holds '=' can be the new one.
 std::pair<std::string, std::string> renamingOf(const std::string& text) {
-  const std::size_t place = text.find('=');
+  const size_t place = text.find('=');
   if (place == std::string::npos) throw wrongUsage("--rename takes OLD=NEW, not '" + text + "'");
   return {text.substr(0, place), text.substr(place + 1)};
 }

@@ -12,7 +12,7 @@ namespace {
 struct Options {
   std::string file;
   std::optional<std::string> signature;
-  std::optional<std::uint64_t> version;
+  std::optional<uint64_t> version;
   bool force = false;
   bool parents = false;
   bool noSync = false;
@@ -33,7 +33,7 @@ int run(const Options& options) {
     if (*options.version < 100 || *options.version > 199) {
       throw wrongUsage("--db-version takes a number from 100 to 199");
     }
-    create.version = static_cast<std::uint16_t>(*options.version);
+    create.version = static_cast<uint16_t>(*options.version);
   }
   const Database database = whileInUse([&] { return Database::create(options.file, create); });
   printLine(to_string(database.info().id));

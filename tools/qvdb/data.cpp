@@ -14,25 +14,25 @@ struct Options {
   std::string file;
   std::string table;
   std::optional<std::string> set;
-  std::optional<std::uint64_t> reserve;
+  std::optional<uint64_t> reserve;
   DeliveryOptions delivery;
 };
 
 int setData(const Options& options) {
-  const std::uint64_t reserve = options.reserve.value_or(0);
-  if (reserve > std::numeric_limits<std::uint32_t>::max()) {
+  const uint64_t reserve = options.reserve.value_or(0);
+  if (reserve > std::numeric_limits<uint32_t>::max()) {
     throw wrongUsage("--reserve takes at most 4294967295 bytes");
   }
   const std::vector<std::byte> data = readInput(*options.set);
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
   std::byte start[8] = {};
-  const std::size_t got = table.read_data(0, start);
+  const size_t got = table.read_data(0, start);
   if (!options.delivery.force && ImportedFiles::isOurs(std::span(start).first(got))) {
     throw Failure(options.file + ": the data of table '" + table.name() +
                   "' holds the names of imported files; use --force to replace it");
   }
-  table.set_data(data, static_cast<std::uint32_t>(reserve));
+  table.set_data(data, static_cast<uint32_t>(reserve));
   finishWriting(database, options.delivery.noSync);
   return kDone;
 }
@@ -46,9 +46,9 @@ int run(const Options& options) {
     throw Failure(options.file + ": table '" + table.name() +
                   "' has no data; 'qvdb data --set' gives it some");
   }
-  deliver([&](std::uint64_t offset,
-              std::span<std::byte> buffer) { return table.read_data(offset, buffer); },
-          options.file, options.delivery);
+  deliver(
+      [&](uint64_t offset, std::span<std::byte> buffer) { return table.read_data(offset, buffer); },
+      options.file, options.delivery);
   return kDone;
 }
 

@@ -18,14 +18,14 @@
 namespace qvdb::tool {
 namespace {
 
-constexpr std::size_t kPiece = 256 * 1024;
+constexpr size_t kPiece = 256 * 1024;
 
 // Calls take(piece) for one piece after the other.
 template <typename Take>
 void forEachPiece(const PieceReader& read, Take take) {
   std::vector<std::byte> buffer(kPiece);
-  std::uint64_t offset = 0;
-  while (const std::size_t got = read(offset, buffer)) {
+  uint64_t offset = 0;
+  while (const size_t got = read(offset, buffer)) {
     throwIfInterrupted();
     take(std::span<const std::byte>(buffer).first(got));
     offset += got;
@@ -35,7 +35,7 @@ void forEachPiece(const PieceReader& read, Take take) {
 bool allIsText(const PieceReader& read) {
   std::string text;
   bool isText = true;
-  std::size_t pending = 0;
+  size_t pending = 0;
   forEachPiece(read, [&](std::span<const std::byte> piece) {
     // A character that was cut off at the end of the last piece goes on in this one.
     text.erase(0, text.size() - pending);
@@ -59,7 +59,7 @@ void writeAll(int descriptor, const std::string& name, std::span<const std::byte
     const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
     if (written < 0 && errno != EINTR) throw systemFailure(name, "write");
     if (written < 0) continue;
-    bytes = bytes.subspan(static_cast<std::size_t>(written));
+    bytes = bytes.subspan(static_cast<size_t>(written));
   }
 }
 

@@ -14,7 +14,7 @@
 namespace qvdb::tool {
 
 // Reads a part of the bytes: see qvdb::Record::read.
-using PieceReader = std::function<std::size_t(std::uint64_t offset, std::span<std::byte> buffer)>;
+using PieceReader = std::function<size_t(uint64_t offset, std::span<std::byte> buffer)>;
 
 struct DeliveryOptions {
   std::optional<std::string> output;  // a file, or "-" or nothing for standard output

@@ -41,7 +41,7 @@ class Exporter {
   // Throws Error, when all that can be is written, where the chain of the records is damaged.
   void run();
   std::string summary() const;
-  std::uint64_t namesWithoutRecord() const;
+  uint64_t namesWithoutRecord() const;
 
  private:
   // Calls take(file, record) for all records, in order.
@@ -57,8 +57,8 @@ class Exporter {
   FolderWriter& writer_;
   std::vector<bool> isWritten_;            // of each imported file
   std::unordered_map<Id, unsigned> byId_;  // files named by identifier, and how many of each
-  std::uint64_t filesDone_ = 0;
-  std::uint64_t bytesDone_ = 0;
+  uint64_t filesDone_ = 0;
+  uint64_t bytesDone_ = 0;
 };
 
 template <typename Take>
@@ -119,8 +119,8 @@ void Exporter::run() {
   forEachNamed(FileKind::folder,
                [this](const ImportedFile& file) { writer_.makeFolder(file.name); });
   const auto writeOne = [&](const ImportedFile& file, const Record& record) {
-    writer_.writeFile(file, [&](std::uint64_t offset, std::span<std::byte> buffer) {
-      const std::size_t got = record.read(offset, buffer);
+    writer_.writeFile(file, [&](uint64_t offset, std::span<std::byte> buffer) {
+      const size_t got = record.read(offset, buffer);
       bytesDone_ += got;
       return got;
     });
@@ -147,9 +147,9 @@ void Exporter::finishFolders() {
   }
 }
 
-std::uint64_t Exporter::namesWithoutRecord() const {
-  std::uint64_t count = 0;
-  for (std::size_t i = 0; i < isWritten_.size(); ++i) {
+uint64_t Exporter::namesWithoutRecord() const {
+  uint64_t count = 0;
+  for (size_t i = 0; i < isWritten_.size(); ++i) {
     if (files_->list()[i].kind == FileKind::file && !isWritten_[i]) ++count;
   }
   return count;
@@ -175,7 +175,7 @@ int run(const Options& options) {
   Exporter exporter(table, std::move(files), writer);
   exporter.check();
   exporter.run();
-  if (const std::uint64_t missing = exporter.namesWithoutRecord()) {
+  if (const uint64_t missing = exporter.namesWithoutRecord()) {
     complain(options.file + ": " + counted(missing, "name has no record", "names have no record") +
              " any more; nothing was written for " + (missing == 1 ? "it" : "them"));
   }

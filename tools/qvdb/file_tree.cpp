@@ -39,12 +39,12 @@ std::vector<std::string> namesIn(const std::string& path) {
 }
 
 std::string linkTarget(const std::string& path, const struct stat& status) {
-  std::string target(static_cast<std::size_t>(std::max<off_t>(status.st_size, 255)) + 1, '\0');
+  std::string target(static_cast<size_t>(std::max<off_t>(status.st_size, 255)) + 1, '\0');
   for (;;) {
     const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
     if (length < 0) throw systemFailure(path, "read the symbolic link");
-    if (static_cast<std::size_t>(length) < target.size()) {
-      target.resize(static_cast<std::size_t>(length));
+    if (static_cast<size_t>(length) < target.size()) {
+      target.resize(static_cast<size_t>(length));
       return target;
     }
     target.resize(target.size() * 2);
@@ -107,7 +107,7 @@ class Lister {
     switch (status.st_mode & S_IFMT) {
       case S_IFREG:
         file.path = found.path;
-        file.size = static_cast<std::uint64_t>(status.st_size);
+        file.size = static_cast<uint64_t>(status.st_size);
         break;
       case S_IFDIR:
         file.file.kind = FileKind::folder;
@@ -161,9 +161,9 @@ FileTree listFiles(const std::vector<std::string>& paths, const std::string& dat
 
 ImportedFile propertiesOf(const struct stat& status, std::string name) {
   ImportedFile file;
-  file.mode = static_cast<std::uint16_t>(status.st_mode & 07777);
+  file.mode = static_cast<uint16_t>(status.st_mode & 07777);
   file.seconds = status.st_mtim.tv_sec;
-  file.nanoseconds = static_cast<std::uint32_t>(status.st_mtim.tv_nsec);
+  file.nanoseconds = static_cast<uint32_t>(status.st_mtim.tv_nsec);
   file.name = std::move(name);
   return file;
 }

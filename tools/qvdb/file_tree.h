@@ -14,7 +14,7 @@ namespace qvdb::tool {
 struct FoundFile {
   ImportedFile file;  // without a record
   std::string path;   // where it is now; empty for a folder or a link, which are not read again
-  std::uint64_t size = 0;  // when it was looked at
+  uint64_t size = 0;  // when it was looked at
 };
 
 struct FileTree {

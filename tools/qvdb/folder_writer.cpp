@@ -87,15 +87,15 @@ std::string FolderWriter::enterParent(const std::string& name, bool make) {
     throw Failure("'" + name + "' is a name that would lead out of the folder " + path_ +
                   "; nothing is written under it");
   }
-  const std::size_t slash = name.rfind('/');
-  const std::size_t parentSize = slash == std::string::npos ? 0 : slash + 1;
+  const size_t slash = name.rfind('/');
+  const size_t parentSize = slash == std::string::npos ? 0 : slash + 1;
   if (hasParent_ && std::string_view(name).substr(0, parentSize) == parentName_) {
     return name.substr(parentSize);
   }
   hasParent_ = false;
   parent_ = Descriptor(::openat(root_.number(), ".", kFolderFlags));
-  for (std::size_t from = 0; from < parentSize;) {
-    const std::size_t end = name.find('/', from);
+  for (size_t from = 0; from < parentSize;) {
+    const size_t end = name.find('/', from);
     Descriptor next = openFolder(parent_.number(), name.substr(from, end - from), name, make);
     if (!next) {
       if (errno == ELOOP || errno == ENOTDIR) {

@@ -17,8 +17,7 @@ int run(const Options& options) {
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   const Record record = findRecords(database, table, {options.record}).front();
-  deliver([&](std::uint64_t offset,
-              std::span<std::byte> buffer) { return record.read(offset, buffer); },
+  deliver([&](uint64_t offset, std::span<std::byte> buffer) { return record.read(offset, buffer); },
           options.file, options.delivery);
   return kDone;
 }

@@ -17,17 +17,17 @@ struct Options {
   std::string file;
   std::string table;
   std::string record;
-  std::optional<std::uint64_t> at;
+  std::optional<uint64_t> at;
   DeliveryOptions delivery;
   bool json = false;
 };
 
 void printVersion(const FoundBlock& version) {
-  const auto column = [](std::uint64_t number) {
+  const auto column = [](uint64_t number) {
     const std::string text = std::to_string(number);
-    return std::string(12 - std::min<std::size_t>(12, text.size()), ' ') + text;
+    return std::string(12 - std::min<size_t>(12, text.size()), ' ') + text;
   };
-  printLine(timeText(version.modify_time) + column(static_cast<std::uint64_t>(version.offset)) +
+  printLine(timeText(version.modify_time) + column(static_cast<uint64_t>(version.offset)) +
             column(version.there) + "  " + std::string(to_string(version.label)) +
             (version.there < version.length ? ", cut short" : ""));
 }
@@ -48,7 +48,7 @@ Json jsonOf(const FoundBlock& version) {
 
 int deliverVersion(const Options& options, const std::vector<FoundBlock>& versions) {
   const auto wanted = std::find_if(versions.begin(), versions.end(), [&](const FoundBlock& each) {
-    return static_cast<std::uint64_t>(each.offset) == *options.at;
+    return static_cast<uint64_t>(each.offset) == *options.at;
   });
   if (wanted == versions.end()) {
     throw Failure(options.file + ": there is no version of the record at " +
@@ -56,9 +56,9 @@ int deliverVersion(const Options& options, const std::vector<FoundBlock>& versio
   }
   const std::vector<std::byte> payload = read_version(options.file, *wanted);
   deliver(
-      [&](std::uint64_t offset, std::span<std::byte> buffer) {
-        const std::size_t from = std::min<std::uint64_t>(offset, payload.size());
-        const std::size_t count = std::min(buffer.size(), payload.size() - from);
+      [&](uint64_t offset, std::span<std::byte> buffer) {
+        const size_t from = std::min<uint64_t>(offset, payload.size());
+        const size_t count = std::min(buffer.size(), payload.size() - from);
         if (count > 0) std::memcpy(buffer.data(), payload.data() + from, count);
         return count;
       },

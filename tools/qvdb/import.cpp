@@ -50,46 +50,45 @@ class Importer {
   std::string summary() const;
 
  private:
-  static constexpr std::size_t kNew = ~std::size_t{0};
+  static constexpr size_t kNew = ~size_t{0};
   // What a kill, or a write that fails, can lose at most: files, and bytes.
-  static constexpr std::size_t kBatch = 1024;
-  static constexpr std::size_t kBatchBytes = std::size_t{1} << 20;
-  static constexpr std::uint64_t kLargeFile = std::uint64_t{1} << 20;  // stored in pieces
+  static constexpr size_t kBatch = 1024;
+  static constexpr size_t kBatchBytes = size_t{1} << 20;
+  static constexpr uint64_t kLargeFile = uint64_t{1} << 20;  // stored in pieces
 
   void loadRecords();
   void storeNames();
   void addNames(const FileTree& tree);
-  void store(const FoundFile& found, std::size_t place);
-  void append(Id record, std::size_t place);
+  void store(const FoundFile& found, size_t place);
+  void append(Id record, size_t place);
   void finishBatch();
-  std::size_t firstNotStored(std::size_t current);
-  std::string stop(std::size_t current, const FileTree& tree);
-  void appendPieces(Id record, std::size_t place, const Descriptor& file);
-  void replaceRecord(const Record& record, std::size_t place, const Descriptor& file,
-                     std::uint64_t size);
-  void dropOldLinks(std::size_t firstMissing);
-  const std::string& pathOf(std::size_t place) const { return tree_->files[place].path; }
-  void noteProperties(const FoundFile& found, std::size_t index, const struct stat& status);
+  size_t firstNotStored(size_t current);
+  std::string stop(size_t current, const FileTree& tree);
+  void appendPieces(Id record, size_t place, const Descriptor& file);
+  void replaceRecord(const Record& record, size_t place, const Descriptor& file, uint64_t size);
+  void dropOldLinks(size_t firstMissing);
+  const std::string& pathOf(size_t place) const { return tree_->files[place].path; }
+  void noteProperties(const FoundFile& found, size_t index, const struct stat& status);
 
   Database& database_;
   Table& table_;
   ImportedFiles names_;
   bool replace_;
-  std::unordered_map<std::size_t, std::size_t> oldLinks_;  // of files in the tree: in names_
+  std::unordered_map<size_t, size_t> oldLinks_;  // of files in the tree: in names_
   const FileTree* tree_ = nullptr;
   bool areRecordsLoaded_ = false;
   bool namesHaveChanged_ = false;
   std::unordered_map<Id, Record> records_;  // those that stand under the names that we had
-  std::vector<std::size_t> places_;         // of each file in names_, or kNew
-  std::size_t hadNames_ = 0;
+  std::vector<size_t> places_;              // of each file in names_, or kNew
+  size_t hadNames_ = 0;
   std::optional<BulkAppender> bulk_;
-  std::size_t batchBytes_ = 0;      // in it
-  std::vector<std::size_t> batch_;  // the files, by their place in the tree, that are in bulk_
+  size_t batchBytes_ = 0;      // in it
+  std::vector<size_t> batch_;  // the files, by their place in the tree, that are in bulk_
   std::vector<std::byte> buffer_;
-  std::uint64_t files_ = 0;
-  std::uint64_t folders_ = 0;
-  std::uint64_t links_ = 0;
-  std::uint64_t bytes_ = 0;
+  uint64_t files_ = 0;
+  uint64_t folders_ = 0;
+  uint64_t links_ = 0;
+  uint64_t bytes_ = 0;
 };
 
 // The records that have names: a name without its record is one that an import did not come to.
@@ -104,7 +103,7 @@ void Importer::loadRecords() {
 
 void Importer::check(const FileTree& tree) {
   hadNames_ = names_.list().size();
-  std::uint64_t clashes = 0;
+  uint64_t clashes = 0;
   std::string first;
   for (const FoundFile& found : tree.files) {
     const auto there = names_.find(found.file.name);
@@ -130,18 +129,17 @@ void Importer::check(const FileTree& tree) {
 // Names only ever grow by a half more than needed, so that many small imports into one table do not
 // copy all names each time.
 void Importer::storeNames() {
-  const std::uint64_t size = names_.bytes().size();
+  const uint64_t size = names_.bytes().size();
   const auto present = table_.data_size();
-  const std::uint64_t reserve = present ? size + size / 2 : size;
-  table_.set_data(names_.bytes(),
-                  static_cast<std::uint32_t>(std::min<std::uint64_t>(reserve, 0xFFFFFFFF)));
+  const uint64_t reserve = present ? size + size / 2 : size;
+  table_.set_data(names_.bytes(), static_cast<uint32_t>(std::min<uint64_t>(reserve, 0xFFFFFFFF)));
 }
 
 void Importer::addNames(const FileTree& tree) {
   bool hasNew = false;
-  for (std::size_t i = 0; i < tree.files.size(); ++i) {
+  for (size_t i = 0; i < tree.files.size(); ++i) {
     ImportedFile file = tree.files[i].file;
-    const std::size_t place = places_[i];
+    const size_t place = places_[i];
     const bool isChangedLink =
         place != kNew && file.kind == FileKind::link && names_.list()[place].target != file.target;
     if (place != kNew && !isChangedLink) continue;
@@ -158,7 +156,7 @@ void Importer::run(const FileTree& tree) {
   tree_ = &tree;
   addNames(tree);
   Progress progress("importing", tree.files.size(), "files");
-  std::size_t at = 0;
+  size_t at = 0;
   try {
     for (; at < tree.files.size(); ++at) {
       throwIfInterrupted();
@@ -182,14 +180,14 @@ void Importer::run(const FileTree& tree) {
 
 // Takes in what can be taken in, and tells which file is the first that is not in the table, when
 // the work ends at `current`.
-std::size_t Importer::firstNotStored(std::size_t current) {
+size_t Importer::firstNotStored(size_t current) {
   if (!bulk_) return current;
   try {
     bulk_->finish();
   } catch (const Error&) {
     // How far it came is asked below.
   }
-  const std::size_t taken = bulk_->taken();
+  const size_t taken = bulk_->taken();
   if (taken < batch_.size()) current = std::min(current, batch_[taken]);
   bulk_.reset();
   batch_.clear();
@@ -197,7 +195,7 @@ std::size_t Importer::firstNotStored(std::size_t current) {
 }
 
 // Adds what is in buffer_.
-void Importer::append(Id record, std::size_t place) {
+void Importer::append(Id record, size_t place) {
   if (!bulk_) bulk_ = table_.appender();
   batch_.push_back(place);
   batchBytes_ += buffer_.size();
@@ -207,7 +205,7 @@ void Importer::append(Id record, std::size_t place) {
 }
 
 // Adds a file that is never in memory as a whole.
-void Importer::appendPieces(Id record, std::size_t place, const Descriptor& file) {
+void Importer::appendPieces(Id record, size_t place, const Descriptor& file) {
   if (!bulk_) bulk_ = table_.appender();
   batch_.push_back(place);
   RecordWriter writer = bulk_->writer(0, record);
@@ -226,8 +224,8 @@ void Importer::finishBatch() {
   batchBytes_ = 0;
 }
 
-void Importer::store(const FoundFile& found, std::size_t place) {
-  const std::size_t index = places_[place];
+void Importer::store(const FoundFile& found, size_t place) {
+  const size_t index = places_[place];
   const ImportedFile& name = names_.list()[index];
   if (name.kind != FileKind::file) {
     ++(name.kind == FileKind::folder ? folders_ : links_);
@@ -239,7 +237,7 @@ void Importer::store(const FoundFile& found, std::size_t place) {
   struct stat status = {};
   if (::fstat(file.number(), &status) != 0) throw systemFailure(found.path, "look at it");
   if (!S_ISREG(status.st_mode)) throw Failure(found.path + ": is no file any more");
-  const auto size = static_cast<std::uint64_t>(status.st_size);
+  const auto size = static_cast<uint64_t>(status.st_size);
   const auto old = records_.find(name.record);
   if (old != records_.end()) {
     replaceRecord(old->second, place, file, size);
@@ -255,8 +253,8 @@ void Importer::store(const FoundFile& found, std::size_t place) {
 
 // A change has the whole payload in memory: for a large file a new record under the old identifier
 // comes first, and then the old one goes.
-void Importer::replaceRecord(const Record& record, std::size_t place, const Descriptor& file,
-                             std::uint64_t size) {
+void Importer::replaceRecord(const Record& record, size_t place, const Descriptor& file,
+                             uint64_t size) {
   if (size > kLargeFile) {
     appendPieces(record.id(), place, file);
     finishBatch();
@@ -271,7 +269,7 @@ void Importer::replaceRecord(const Record& record, std::size_t place, const Desc
 
 // Deletes the entries of links that have new ones. The list has both for a time, in which the later
 // one counts, so that a kill loses none. Links from `firstMissing` on keep their old entries.
-void Importer::dropOldLinks(std::size_t firstMissing) {
+void Importer::dropOldLinks(size_t firstMissing) {
   for (const auto& [place, old] : oldLinks_) {
     if (place >= firstMissing) continue;
     names_.remove(old);
@@ -281,8 +279,7 @@ void Importer::dropOldLinks(std::size_t firstMissing) {
 
 // Mode and times as they are now: those of a file when it was read, those of others when they were
 // listed.
-void Importer::noteProperties(const FoundFile& found, std::size_t index,
-                              const struct stat& status) {
+void Importer::noteProperties(const FoundFile& found, size_t index, const struct stat& status) {
   const ImportedFile& old = names_.list()[index];
   ImportedFile now = found.file;
   if (now.kind == FileKind::file) now = propertiesOf(status, found.file.name);
@@ -295,9 +292,9 @@ void Importer::noteProperties(const FoundFile& found, std::size_t index,
 }
 
 // Ends the work at `current`: takes back the names of what is not stored, and says how much is.
-std::string Importer::stop(std::size_t current, const FileTree& tree) {
-  const std::size_t firstMissing = firstNotStored(current);
-  for (std::size_t i = firstMissing; i < tree.files.size(); ++i) {
+std::string Importer::stop(size_t current, const FileTree& tree) {
+  const size_t firstMissing = firstNotStored(current);
+  for (size_t i = firstMissing; i < tree.files.size(); ++i) {
     if (places_[i] < hadNames_) continue;
     names_.cut(places_[i]);  // new names stand in the order of the files
     break;
@@ -308,13 +305,13 @@ std::string Importer::stop(std::size_t current, const FileTree& tree) {
   } catch (const Error&) {
     // Names without records do no harm. The failure that ended the import is what counts.
   }
-  const auto files = [&](std::size_t from, std::size_t to) {
-    return static_cast<std::uint64_t>(
+  const auto files = [&](size_t from, size_t to) {
+    return static_cast<uint64_t>(
         std::count_if(tree.files.begin() + static_cast<std::ptrdiff_t>(from),
                       tree.files.begin() + static_cast<std::ptrdiff_t>(to),
                       [](const FoundFile& f) { return f.file.kind == FileKind::file; }));
   };
-  const std::uint64_t missing = files(firstMissing, tree.files.size());
+  const uint64_t missing = files(firstMissing, tree.files.size());
   return counted(files(0, firstMissing), "file is", "files are") + " stored, " +
          counted(missing, "is", "are") +
          " not; the database is sound, and importing again with --replace completes it";
@@ -337,8 +334,8 @@ ImportedFiles namesOf(const Database& database, const Table& table) {
 
 // Nothing is stored of an import that has to stop at a file which no record can hold.
 void refuseTooLarge(const FileTree& tree) {
-  constexpr std::uint64_t kLargest = 0xFFFFFFFF;
-  std::uint64_t others = 0;
+  constexpr uint64_t kLargest = 0xFFFFFFFF;
+  uint64_t others = 0;
   const FoundFile* first = nullptr;
   for (const FoundFile& found : tree.files) {
     if (found.size <= kLargest) continue;

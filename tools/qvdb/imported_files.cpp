@@ -22,7 +22,7 @@ namespace qvdb::tool {
 namespace {
 
 constexpr char kMark[8] = {'Q', 'V', 'f', 'i', 'l', 'e', 's', 1};
-constexpr std::size_t kFixedSize = 23;
+constexpr size_t kFixedSize = 23;
 
 // What a list that is being shortened has in place of its next entry's kind, for the moment until
 // its length is written: the mark that ends every block of the file.
@@ -30,17 +30,17 @@ constexpr char kCutOffHere = 'i';
 
 // Names that share their beginnings take little room in the block, and much more in memory. No real
 // folder comes near this; a hostile block could fill all memory otherwise.
-constexpr std::uint64_t kLargestExpansion = 64;
-constexpr std::size_t kLongestName = 65'535;
+constexpr uint64_t kLargestExpansion = 64;
+constexpr size_t kLongestName = 65'535;
 
-void putNumber(std::uint64_t value, int width, std::byte* to) {
+void putNumber(uint64_t value, int width, std::byte* to) {
   for (int i = width - 1; i >= 0; --i) {
     to[i] = static_cast<std::byte>(value & 0xFF);
     value >>= 8;
   }
 }
 
-void appendCount(std::size_t value, std::vector<std::byte>* to) {
+void appendCount(size_t value, std::vector<std::byte>* to) {
   while (value >= 0x80) {
     to->push_back(static_cast<std::byte>((value & 0x7F) | 0x80));
     value >>= 7;
@@ -60,26 +60,26 @@ class Reader {
 
   bool isAtEnd() const { return at_ == data_.size(); }
   bool hasFailed() const { return failed_; }
-  std::size_t position() const { return at_; }
+  size_t position() const { return at_; }
 
-  std::uint64_t number(int width) {
-    std::uint64_t value = 0;
+  uint64_t number(int width) {
+    uint64_t value = 0;
     for (int i = 0; i < width; ++i) value = value << 8 | next();
     return value;
   }
 
-  std::size_t count() {
-    std::uint64_t value = 0;
+  size_t count() {
+    uint64_t value = 0;
     for (int shift = 0; shift < 35; shift += 7) {
-      const std::uint8_t byte = next();
-      value |= static_cast<std::uint64_t>(byte & 0x7F) << shift;
-      if (byte < 0x80) return static_cast<std::size_t>(value);
+      const uint8_t byte = next();
+      value |= static_cast<uint64_t>(byte & 0x7F) << shift;
+      if (byte < 0x80) return static_cast<size_t>(value);
     }
     failed_ = true;
     return 0;
   }
 
-  std::string_view text(std::size_t size) {
+  std::string_view text(size_t size) {
     if (size > data_.size() - at_) {
       failed_ = true;
       return {};
@@ -90,16 +90,16 @@ class Reader {
   }
 
  private:
-  std::uint8_t next() {
+  uint8_t next() {
     if (at_ == data_.size()) {
       failed_ = true;
       return 0;
     }
-    return static_cast<std::uint8_t>(data_[at_++]);
+    return static_cast<uint8_t>(data_[at_++]);
   }
 
   std::span<const std::byte> data_;
-  std::size_t at_ = 0;
+  size_t at_ = 0;
   bool failed_ = false;
 };
 
@@ -120,12 +120,12 @@ std::optional<ImportedFile> nextEntry(Reader* reader, const std::vector<Imported
   ImportedFile file;
   const auto kind = static_cast<char>(reader->number(1));
   file.kind = static_cast<FileKind>(kind);
-  file.mode = static_cast<std::uint16_t>(reader->number(2));
-  file.seconds = static_cast<std::int64_t>(reader->number(8));
-  file.nanoseconds = static_cast<std::uint32_t>(reader->number(4));
+  file.mode = static_cast<uint16_t>(reader->number(2));
+  file.seconds = static_cast<int64_t>(reader->number(8));
+  file.nanoseconds = static_cast<uint32_t>(reader->number(4));
   if (file.nanoseconds >= 1'000'000'000) file.nanoseconds = 0;
   file.record = Id{reader->number(8)};
-  const std::size_t shared = reader->count();
+  const size_t shared = reader->count();
   if (shared > (before.empty() ? 0 : before.back().name.size())) return std::nullopt;
   if (shared > 0) file.name = before.back().name.substr(0, shared);
   file.name += reader->text(reader->count());
@@ -138,8 +138,8 @@ std::optional<ImportedFile> nextEntry(Reader* reader, const std::vector<Imported
 
 bool isSafeName(std::string_view name) {
   if (name.empty() || name.find('\0') != std::string_view::npos) return false;
-  for (std::size_t from = 0; from <= name.size();) {
-    const std::size_t end = std::min(name.find('/', from), name.size());
+  for (size_t from = 0; from <= name.size();) {
+    const size_t end = std::min(name.find('/', from), name.size());
     const std::string_view part = name.substr(from, end - from);
     if (part.empty() || part == "." || part == "..") return false;
     from = end + 1;
@@ -159,7 +159,7 @@ bool ImportedFiles::isOurs(std::span<const std::byte> data) {
 
 std::optional<ImportedFiles> ImportedFiles::of(const Table& table) {
   std::byte start[sizeof kMark] = {};
-  const std::size_t got = table.read_data(0, start);
+  const size_t got = table.read_data(0, start);
   if (!isOurs(std::span(start).first(got))) return std::nullopt;
   ImportedFiles files;
   files.decode(*table.data());
@@ -169,7 +169,7 @@ std::optional<ImportedFiles> ImportedFiles::of(const Table& table) {
 void ImportedFiles::decode(std::vector<std::byte> data) {
   Reader reader(data);
   static_cast<void>(reader.text(sizeof kMark));
-  std::uint64_t namesTogether = 0;
+  uint64_t namesTogether = 0;
   while (!reader.isAtEnd()) {
     end_ = reader.position();
     if (static_cast<char>(data[end_]) == kCutOffHere) {
@@ -193,7 +193,7 @@ void ImportedFiles::index() const {
   if (areIndexed_) return;
   areIndexed_ = true;
   byRecord_.reserve(list_.size());
-  for (std::size_t i = 0; i < list_.size(); ++i) {
+  for (size_t i = 0; i < list_.size(); ++i) {
     if (list_[i].kind == FileKind::removed) {
       // Folders and links have no record.
       if (list_[i].record.value == 0) continue;
@@ -218,25 +218,25 @@ void ImportedFiles::forgetIndex() {
   removedByRecord_.clear();
 }
 
-std::optional<std::size_t> ImportedFiles::findRemoved(std::string_view name) const {
+std::optional<size_t> ImportedFiles::findRemoved(std::string_view name) const {
   index();
   const auto found = removedByName_.find(name);
   return found == removedByName_.end() ? std::nullopt : std::optional(found->second);
 }
 
-std::optional<std::size_t> ImportedFiles::findRemoved(Id record) const {
+std::optional<size_t> ImportedFiles::findRemoved(Id record) const {
   index();
   const auto found = removedByRecord_.find(record);
   return found == removedByRecord_.end() ? std::nullopt : std::optional(found->second);
 }
 
-std::optional<std::size_t> ImportedFiles::find(std::string_view name) const {
+std::optional<size_t> ImportedFiles::find(std::string_view name) const {
   index();
   const auto found = byName_.find(name);
   return found == byName_.end() ? std::nullopt : std::optional(found->second);
 }
 
-std::optional<std::size_t> ImportedFiles::find(Id record) const {
+std::optional<size_t> ImportedFiles::find(Id record) const {
   index();
   const auto found = byRecord_.find(record);
   return found == byRecord_.end() ? std::nullopt : std::optional(found->second);
@@ -248,7 +248,7 @@ void ImportedFiles::add(ImportedFile file) {
   const std::string_view before = list_.empty() ? std::string_view() : list_.back().name;
   const auto differs =
       std::mismatch(before.begin(), before.end(), file.name.begin(), file.name.end());
-  const auto shared = static_cast<std::size_t>(differs.first - before.begin());
+  const auto shared = static_cast<size_t>(differs.first - before.begin());
   starts_.push_back(bytes_.size());
   bytes_.resize(bytes_.size() + kFixedSize);
   appendCount(shared, &bytes_);
@@ -262,19 +262,19 @@ void ImportedFiles::add(ImportedFile file) {
   forgetIndex();
 }
 
-void ImportedFiles::remove(std::size_t index) {
+void ImportedFiles::remove(size_t index) {
   forgetIndex();
   list_[index].kind = FileKind::removed;
   putFixed(index);
 }
 
-void ImportedFiles::restore(std::size_t index) {
+void ImportedFiles::restore(size_t index) {
   forgetIndex();
   list_[index].kind = FileKind::file;
   putFixed(index);
 }
 
-void ImportedFiles::update(std::size_t index, const ImportedFile& as) {
+void ImportedFiles::update(size_t index, const ImportedFile& as) {
   ImportedFile& file = list_[index];
   if (file.record != as.record) forgetIndex();
   file.mode = as.mode;
@@ -284,7 +284,7 @@ void ImportedFiles::update(std::size_t index, const ImportedFile& as) {
   putFixed(index);
 }
 
-void ImportedFiles::cut(std::size_t index) {
+void ImportedFiles::cut(size_t index) {
   if (index >= list_.size()) return;
   forgetIndex();
   end_ = starts_[index];
@@ -294,12 +294,12 @@ void ImportedFiles::cut(std::size_t index) {
   list_.resize(index);
 }
 
-void ImportedFiles::putFixed(std::size_t index) {
+void ImportedFiles::putFixed(size_t index) {
   const ImportedFile& file = list_[index];
   std::byte* to = bytes_.data() + starts_[index];
   to[0] = static_cast<std::byte>(file.kind);
   putNumber(file.mode, 2, to + 1);
-  putNumber(static_cast<std::uint64_t>(file.seconds), 8, to + 3);
+  putNumber(static_cast<uint64_t>(file.seconds), 8, to + 3);
   putNumber(file.nanoseconds, 4, to + 11);
   putNumber(file.record.value, 8, to + 15);
 }

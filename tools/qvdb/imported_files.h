@@ -32,9 +32,9 @@ enum class FileKind : char {
 
 struct ImportedFile {
   FileKind kind = FileKind::file;
-  std::uint16_t mode = 0;  // permission bits
-  std::int64_t seconds = 0;
-  std::uint32_t nanoseconds = 0;
+  uint16_t mode = 0;  // permission bits
+  int64_t seconds = 0;
+  uint32_t nanoseconds = 0;
   Id record;           // of a file; 0 otherwise
   std::string name;    // relative, '/' between its parts
   std::string target;  // of a link
@@ -62,41 +62,41 @@ class ImportedFiles {
   const std::vector<ImportedFile>& list() const { return list_; }
 
   // The index of an entry that is not removed.
-  std::optional<std::size_t> find(std::string_view name) const;
-  std::optional<std::size_t> find(Id record) const;
+  std::optional<size_t> find(std::string_view name) const;
+  std::optional<size_t> find(Id record) const;
 
   // The last entry of a file of that name, or record, that was removed.
-  std::optional<std::size_t> findRemoved(std::string_view name) const;
-  std::optional<std::size_t> findRemoved(Id record) const;
+  std::optional<size_t> findRemoved(std::string_view name) const;
+  std::optional<size_t> findRemoved(Id record) const;
 
   // `name` must not be in the list yet. What could not be read of the list is given up.
   void add(ImportedFile file);
-  void remove(std::size_t index);
+  void remove(size_t index);
   // Makes a file of a removed entry again. Its name must not be in the list.
-  void restore(std::size_t index);
+  void restore(size_t index);
   // Changes mode, times and record.
-  void update(std::size_t index, const ImportedFile& as);
+  void update(size_t index, const ImportedFile& as);
   // Forgets all entries from `index` on.
-  void cut(std::size_t index);
+  void cut(size_t index);
 
   // The block.
   std::span<const std::byte> bytes() const { return bytes_; }
 
  private:
   void decode(std::vector<std::byte> data);
-  void putFixed(std::size_t index);
+  void putFixed(size_t index);
 
   std::vector<ImportedFile> list_;
-  std::vector<std::size_t> starts_;  // of each entry in bytes_
+  std::vector<size_t> starts_;  // of each entry in bytes_
   std::vector<std::byte> bytes_;
-  std::size_t end_ = 0;  // of the last entry in bytes_: what follows cannot be read
+  size_t end_ = 0;  // of the last entry in bytes_: what follows cannot be read
   bool isWhole_ = true;
   // Made when they are first asked for. Those by name are sorted: hashed, names could be chosen so
   // that all fall into one bucket.
-  mutable std::map<std::string_view, std::size_t> byName_;
-  mutable std::unordered_map<Id, std::size_t> byRecord_;
-  mutable std::map<std::string_view, std::size_t> removedByName_;
-  mutable std::unordered_map<Id, std::size_t> removedByRecord_;
+  mutable std::map<std::string_view, size_t> byName_;
+  mutable std::unordered_map<Id, size_t> byRecord_;
+  mutable std::map<std::string_view, size_t> removedByName_;
+  mutable std::unordered_map<Id, size_t> removedByRecord_;
   mutable bool areIndexed_ = false;
   void index() const;
   void forgetIndex();

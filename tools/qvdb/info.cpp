@@ -14,7 +14,7 @@ struct Options {
   bool json = false;
 };
 
-constexpr std::uint16_t kUnfinishedPack = 101;
+constexpr uint16_t kUnfinishedPack = 101;
 
 const char* stateOf(const DatabaseInfo& info) {
   if (!info.version_is_usable()) return "unusable: the version is not in 100 to 199";

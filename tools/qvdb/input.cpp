@@ -19,10 +19,10 @@
 namespace qvdb::tool {
 namespace {
 
-constexpr std::size_t kPiece = 65536;
-constexpr std::size_t kMostInMemory = std::size_t{1} << 20;
-constexpr std::size_t kLargestPayload = 0xFFFFFFFF;
-constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+constexpr size_t kPiece = 65536;
+constexpr size_t kMostInMemory = size_t{1} << 20;
+constexpr size_t kLargestPayload = 0xFFFFFFFF;
+constexpr size_t kNoLimit = std::numeric_limits<size_t>::max();
 constexpr const char* kStandardInput = "standard input";
 
 Failure tooLarge(const std::string& name) {
@@ -32,27 +32,27 @@ Failure tooLarge(const std::string& name) {
 }
 
 // Room for the file as it is now, and a byte more to see its end; pipes grow as they come.
-std::size_t firstRoom(int descriptor) {
+size_t firstRoom(int descriptor) {
   struct stat status = {};
   if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return kPiece;
-  return std::min(static_cast<std::size_t>(status.st_size), kLargestPayload) + 1;
+  return std::min(static_cast<size_t>(status.st_size), kLargestPayload) + 1;
 }
 
-std::size_t readSome(int descriptor, const std::string& name, std::byte* to, std::size_t room) {
+size_t readSome(int descriptor, const std::string& name, std::byte* to, size_t room) {
   for (;;) {
     waitForInput(descriptor);
     const ssize_t got = ::read(descriptor, to, room);
-    if (got >= 0) return static_cast<std::size_t>(got);
+    if (got >= 0) return static_cast<size_t>(got);
     if (errno != EINTR && errno != EAGAIN) throw systemFailure(name, "read");
   }
 }
 
-void readUpTo(std::size_t most, int descriptor, const std::string& name,
+void readUpTo(size_t most, int descriptor, const std::string& name,
               std::vector<std::byte>* buffer) {
-  const std::size_t room = firstRoom(descriptor);
+  const size_t room = firstRoom(descriptor);
   if (buffer->size() < room) buffer->resize(room);
-  std::size_t size = 0;
-  while (const std::size_t got =
+  size_t size = 0;
+  while (const size_t got =
              readSome(descriptor, name, buffer->data() + size, buffer->size() - size)) {
     size += got;
     if (size > most) {
@@ -105,14 +105,14 @@ Input::Input(const std::string& path) : name_(path == "-" ? kStandardInput : pat
   }
   isRegular_ = file_ && S_ISREG(status.st_mode);
   if (!isRegular_) return;
-  if (static_cast<std::uint64_t>(status.st_size) > kLargestPayload) throw tooLarge(name_);
+  if (static_cast<uint64_t>(status.st_size) > kLargestPayload) throw tooLarge(name_);
 }
 
 void Input::spool(std::span<const std::byte> piece) {
   while (!piece.empty()) {
     const ssize_t written = ::write(spooled_.number(), piece.data(), piece.size());
     if (written < 0 && errno != EINTR) throw systemFailure("temporary file", "write");
-    if (written > 0) piece = piece.subspan(static_cast<std::size_t>(written));
+    if (written > 0) piece = piece.subspan(static_cast<size_t>(written));
   }
 }
 
@@ -145,8 +145,8 @@ void Input::forEachPiece(const TakePiece& take) {
 
 void forEachInputPiece(int descriptor, const std::string& name, const TakePiece& take) {
   std::vector<std::byte> buffer(4 * kPiece);
-  std::uint64_t size = 0;
-  while (const std::size_t got = readSome(descriptor, name, buffer.data(), buffer.size())) {
+  uint64_t size = 0;
+  while (const size_t got = readSome(descriptor, name, buffer.data(), buffer.size())) {
     size += got;
     if (size > kLargestPayload) throw tooLarge(name);
     take(std::span<const std::byte>(buffer).first(got));

@@ -12,7 +12,7 @@
 namespace qvdb::tool {
 namespace {
 
-constexpr std::uint16_t kUnfinishedPack = 101;
+constexpr uint16_t kUnfinishedPack = 101;
 
 // "./17" is the name 17, which would be taken for an identifier.
 std::string withoutDot(const std::string& name) {
@@ -72,7 +72,7 @@ std::vector<Table> tablesOf(const Database& database, std::exception_ptr* failur
   std::vector<Table> tables;
   char name[33] = {};
   for (int i = 0;; ++i) {
-    const std::uint64_t id = GetTableNameAndIDByIndex(database.handle(), i, name);
+    const uint64_t id = GetTableNameAndIDByIndex(database.handle(), i, name);
     const auto table = id != 0 ? database.find_table(Id{id}) : std::nullopt;
     if (!table) return tables;
     tables.push_back(*table);
@@ -160,7 +160,7 @@ std::vector<Record> findRecords(const Database& database, const Table& table,
   }
   std::unordered_map<Id, std::optional<Record>> wanted;
   for (const Id id : ids) wanted.emplace(id, std::nullopt);
-  std::size_t missing = wanted.size();
+  size_t missing = wanted.size();
   auto records = table.records();
   for (auto record = records.begin(); missing > 0 && record != records.end(); ++record) {
     const auto found = wanted.find(record->id());

@@ -36,7 +36,7 @@ std::vector<Table> tablesOf(const Database& database, std::exception_ptr* failur
 // The size of a table's data.
 struct DataSize {
   bool isKnown = false;  // false when the data cannot be reached: a line on standard error says so
-  std::optional<std::uint32_t> bytes;  // nothing when there is none
+  std::optional<uint32_t> bytes;  // nothing when there is none
 };
 DataSize dataSizeOf(const Database& database, const Table& table);
 

@@ -22,7 +22,7 @@ CutOffWrites cutOffOf(const Options& options) {
   return options.discard ? CutOffWrites::discard : CutOffWrites::keep;
 }
 
-std::string aboutLeftOver(std::uint64_t count, const Options& options) {
+std::string aboutLeftOver(uint64_t count, const Options& options) {
   if (options.discard) {
     return counted(count, "record", "records") +
            " that may have been part of a table once stay as they are; --link takes them into "

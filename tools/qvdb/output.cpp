@@ -13,7 +13,7 @@
 namespace qvdb::tool {
 namespace {
 
-constexpr std::size_t kBufferSize = 65536;
+constexpr size_t kBufferSize = 65536;
 std::string waiting;  // not written yet
 
 void writeAll(std::string_view text) {
@@ -25,7 +25,7 @@ void writeAll(std::string_view text) {
     }
     if (written < 0 && errno == EPIPE) throw OutputClosed();
     if (written < 0) throw systemFailure("standard output", "write");
-    text.remove_prefix(static_cast<std::size_t>(written));
+    text.remove_prefix(static_cast<size_t>(written));
   }
 }
 

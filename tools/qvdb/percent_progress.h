@@ -13,7 +13,7 @@ namespace qvdb::tool {
 inline ProgressFunction percentOn(Progress& progress) {
   return [&progress](int percent) {
     throwIfInterrupted();
-    progress.setTo(static_cast<std::uint64_t>(percent));
+    progress.setTo(static_cast<uint64_t>(percent));
     return true;
   };
 }

@@ -14,7 +14,7 @@ void writeError(const std::string& text) {
 
 }  // namespace
 
-Progress::Progress(const char* doing, std::uint64_t total, const char* things)
+Progress::Progress(const char* doing, uint64_t total, const char* things)
     : doing_(doing),
       total_(total),
       things_(things != nullptr ? things : ""),
@@ -29,7 +29,7 @@ void Progress::step() {
   setTo(done_ + 1);
 }
 
-void Progress::setTo(std::uint64_t done) {
+void Progress::setTo(uint64_t done) {
   done_ = done;
   if (!isTerminal_) return;
   const auto now = std::chrono::steady_clock::now();

@@ -12,13 +12,13 @@ class Progress {
  public:
   // "importing 120 of 1000 files"; a total of 0 is not known and not shown. Without things only the
   // percent is shown: "packing 12 %".
-  Progress(const char* doing, std::uint64_t total, const char* things);
+  Progress(const char* doing, uint64_t total, const char* things);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
   void step();
-  void setTo(std::uint64_t done);
+  void setTo(uint64_t done);
 
   // Takes the line away.
   void clear();
@@ -27,9 +27,9 @@ class Progress {
   void show();
 
   std::string doing_;
-  std::uint64_t total_;
+  uint64_t total_;
   std::string things_;
-  std::uint64_t done_ = 0;
+  uint64_t done_ = 0;
   bool isShown_ = false;
   bool isTerminal_;
   std::chrono::steady_clock::time_point next_;

@@ -15,16 +15,16 @@ struct Options {
   std::string table;
   std::vector<std::string> inputs;
   std::optional<std::string> id;
-  std::optional<std::uint64_t> reserve;
+  std::optional<uint64_t> reserve;
   bool noSync = false;
 };
 
-std::uint32_t reserveOf(const Options& options) {
-  const std::uint64_t reserve = options.reserve.value_or(0);
-  if (reserve > std::numeric_limits<std::uint32_t>::max()) {
+uint32_t reserveOf(const Options& options) {
+  const uint64_t reserve = options.reserve.value_or(0);
+  if (reserve > std::numeric_limits<uint32_t>::max()) {
     throw wrongUsage("--reserve takes at most 4294967295 bytes");
   }
-  return static_cast<std::uint32_t>(reserve);
+  return static_cast<uint32_t>(reserve);
 }
 
 // Nothing when none was given.
@@ -56,7 +56,7 @@ void refuseTaken(const Database& database, const Table& table, Id id) {
 }
 
 int run(const Options& options) {
-  const std::uint32_t reserve = reserveOf(options);
+  const uint32_t reserve = reserveOf(options);
   const std::optional<Id> id = idOf(options);
   if (id && options.inputs.size() > 1) throw wrongUsage("--id goes with a single input");
   std::vector<Input> inputs = openInputs(options.inputs);

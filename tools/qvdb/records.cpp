@@ -14,12 +14,12 @@ namespace {
 struct Options {
   std::string file;
   std::string table;
-  std::optional<std::uint64_t> limit;
+  std::optional<uint64_t> limit;
   bool deleted = false;
   bool json = false;
 };
 
-std::string column(std::string text, std::size_t width) {
+std::string column(std::string text, size_t width) {
   return std::string(width - std::min(width, text.size()), ' ') + text;
 }
 
@@ -51,9 +51,9 @@ Json jsonOf(const Record& record, const std::string* name) {
 }
 
 template <typename Take>
-void forEachRecord(const Table& table, std::uint64_t limit, Take take) {
+void forEachRecord(const Table& table, uint64_t limit, Take take) {
   if (limit == 0) return;
-  std::uint64_t done = 0;
+  uint64_t done = 0;
   for (const Record& record : table.records()) {
     throwIfInterrupted();
     take(record);
@@ -63,7 +63,7 @@ void forEachRecord(const Table& table, std::uint64_t limit, Take take) {
 
 // The document is whole, with brackets and all, also where the records end early.
 void printJsonList(const Options& options, const Table& table,
-                   const std::optional<ImportedFiles>& files, std::uint64_t limit) {
+                   const std::optional<ImportedFiles>& files, uint64_t limit) {
   Json head;
   addText(&head, "file", options.file);
   addText(&head, "table", table.name());
@@ -127,7 +127,7 @@ int listDeleted(const Options& options) {
   std::vector<FoundBlock> blocks = deleted_records(options.file, options.table);
   const auto files = namesOfTable(options);
   if (options.limit && *options.limit < blocks.size()) {
-    blocks.resize(static_cast<std::size_t>(*options.limit));
+    blocks.resize(static_cast<size_t>(*options.limit));
   }
   if (options.json) {
     Json head;
@@ -150,7 +150,7 @@ int run(const Options& options) {
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   const auto files = readNames(database, table);
-  const std::uint64_t limit = options.limit.value_or(~std::uint64_t{0});
+  const uint64_t limit = options.limit.value_or(~uint64_t{0});
   if (options.json) {
     printJsonList(options, table, files, limit);
   } else {

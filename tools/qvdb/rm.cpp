@@ -21,7 +21,7 @@ void forgetNames(Table& table, std::optional<ImportedFiles>& files,
                  const std::unordered_set<Id>& gone) {
   if (!files) return;
   bool hasChanged = false;
-  for (std::size_t i = 0; i < files->list().size(); ++i) {
+  for (size_t i = 0; i < files->list().size(); ++i) {
     const ImportedFile& file = files->list()[i];
     if (file.kind != FileKind::file || !gone.contains(file.record)) continue;
     files->remove(i);

@@ -34,8 +34,8 @@ BlockGrade gradeOf(const std::string& text) {
   throw wrongUsage("--grade takes A, B or C, not '" + text + "'");
 }
 
-std::int64_t offsetOf(const std::string& text) {
-  std::int64_t offset = 0;
+int64_t offsetOf(const std::string& text) {
+  int64_t offset = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), offset);
   if (error != std::errc() || end != text.data() + text.size()) {
     throw wrongUsage("--from takes a number of bytes, not '" + text + "'");
@@ -60,8 +60,8 @@ std::string keyOf(const FoundBlock& block) {
 }
 
 struct Tally {
-  std::uint64_t found = 0;
-  std::uint64_t written = 0;
+  uint64_t found = 0;
+  uint64_t written = 0;
 };
 
 std::string lineOf(const FoundBlock& block) {
@@ -136,7 +136,7 @@ void printReport(const SalvageReport& report, const std::map<std::string, Tally>
               std::to_string(tally.written) + " written");
   }
   for (const ByteRange& range : report.unknown) {
-    printLine(counted(static_cast<std::uint64_t>(range.size), "byte", "bytes") + " at " +
+    printLine(counted(static_cast<uint64_t>(range.size), "byte", "bytes") + " at " +
               std::to_string(range.offset) + " are no block: not recovered");
   }
   for (const std::string& note : report.notes) printLine(escaped(note));

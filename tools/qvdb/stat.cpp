@@ -20,19 +20,19 @@ struct Options {
 
 // Bytes of a file beside payloads and table data: header and directory; what surrounds the room of
 // a record; what surrounds that of table data.
-constexpr std::uint64_t kDirectoryEnd = 22 + 32 * 144;
-constexpr std::uint64_t kRecordOverhead = 55 + 1;
-constexpr std::uint64_t kDataOverhead = 21 + 1;
+constexpr uint64_t kDirectoryEnd = 22 + 32 * 144;
+constexpr uint64_t kRecordOverhead = 55 + 1;
+constexpr uint64_t kDataOverhead = 21 + 1;
 
 struct TableStatistics {
   TableInfo info;
-  std::uint64_t records = 0;
-  std::uint64_t payload = 0;
-  std::uint64_t room = 0;
-  std::uint32_t smallest = 0;
-  std::uint32_t largest = 0;
-  std::uint32_t oldest = 0;  // create time
-  std::uint32_t latest = 0;  // modify time
+  uint64_t records = 0;
+  uint64_t payload = 0;
+  uint64_t room = 0;
+  uint32_t smallest = 0;
+  uint32_t largest = 0;
+  uint32_t oldest = 0;  // create time
+  uint32_t latest = 0;  // modify time
   DataSize dataSize;
 
   void take(const RecordInfo& record) {
@@ -46,7 +46,7 @@ struct TableStatistics {
   }
 
   // The room of table data is not told apart from its size: what it has to spare counts as unused.
-  std::uint64_t liveBytes() const {
+  uint64_t liveBytes() const {
     return records * kRecordOverhead + room +
            (dataSize.bytes ? *dataSize.bytes + kDataOverhead : 0);
   }
@@ -118,13 +118,13 @@ int run(const Options& options) {
     tables = tablesOf(database, &failure);
   }
   std::vector<TableStatistics> all;
-  std::uint64_t live = kDirectoryEnd;
+  uint64_t live = kDirectoryEnd;
   for (const Table& table : tables) {
     all.push_back(statisticsOf(database, table, &failure));
     live += all.back().liveBytes();
   }
-  const std::uint64_t size = database.info().file_size;
-  const std::uint64_t unused = size - std::min(size, live);
+  const uint64_t size = database.info().file_size;
+  const uint64_t unused = size - std::min(size, live);
   if (options.json) {
     Json json;
     addText(&json, "file", options.file);

@@ -65,15 +65,15 @@ constexpr OtherWord kOtherWords[] = {
 
 // How many letters must be put in, taken out or changed, or exchanged with their neighbour, to make
 // one word of the other.
-std::size_t distance(std::string_view a, std::string_view b) {
-  std::vector<std::size_t> before(b.size() + 1);
-  std::vector<std::size_t> last(b.size() + 1);
-  std::vector<std::size_t> now(b.size() + 1);
-  std::iota(last.begin(), last.end(), std::size_t{0});
-  for (std::size_t i = 1; i <= a.size(); ++i) {
+size_t distance(std::string_view a, std::string_view b) {
+  std::vector<size_t> before(b.size() + 1);
+  std::vector<size_t> last(b.size() + 1);
+  std::vector<size_t> now(b.size() + 1);
+  std::iota(last.begin(), last.end(), size_t{0});
+  for (size_t i = 1; i <= a.size(); ++i) {
     now[0] = i;
-    for (std::size_t j = 1; j <= b.size(); ++j) {
-      const std::size_t changed = last[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t changed = last[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
       now[j] = std::min({last[j] + 1, now[j - 1] + 1, changed});
       if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
         now[j] = std::min(now[j], before[j - 2] + 1);
@@ -87,12 +87,12 @@ std::size_t distance(std::string_view a, std::string_view b) {
 
 // The command that is the fewest letters away; nothing when none is near.
 std::string_view nearest(std::string_view word) {
-  constexpr std::size_t kLongestWord = 20;
+  constexpr size_t kLongestWord = 20;
   if (word.size() > kLongestWord) return {};
   std::string_view found;
-  std::size_t best = word.size() < 5 ? 2 : 3;  // this far off is no slip any more
+  size_t best = word.size() < 5 ? 2 : 3;  // this far off is no slip any more
   for (const Command* command : allCommands()) {
-    const std::size_t away = distance(word, command->name);
+    const size_t away = distance(word, command->name);
     if (away >= best) continue;
     best = away;
     found = command->name;

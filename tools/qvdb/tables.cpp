@@ -14,7 +14,7 @@ struct Options {
   bool json = false;
 };
 
-std::string column(std::string text, std::size_t width) {
+std::string column(std::string text, size_t width) {
   return std::string(width - std::min(width, text.size()), ' ') + text;
 }
 

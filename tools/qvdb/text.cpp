@@ -8,12 +8,12 @@
 namespace qvdb::tool {
 namespace {
 
-bool isControl(std::uint32_t code) {
+bool isControl(uint32_t code) {
   return code < 0x20 || (code >= 0x7F && code < 0xA0);
 }
 
 // Characters that reorder what stands beside them, or end a line.
-bool isDeceptive(std::uint32_t code) {
+bool isDeceptive(uint32_t code) {
   return (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069) ||
          code == 0x200E || code == 0x200F || code == 0x2028 || code == 0x2029;
 }
@@ -28,7 +28,7 @@ void appendHex(std::string* text, std::string_view bytes) {
 }
 
 // How long the character would be that begins with this byte; 0 for a byte that begins none.
-std::size_t announcedLength(unsigned char byte) {
+size_t announcedLength(unsigned char byte) {
   if (byte < 0x80) return 1;
   if (byte >= 0xC2 && byte < 0xE0) return 2;
   if (byte >= 0xE0 && byte < 0xF0) return 3;
@@ -37,13 +37,13 @@ std::size_t announcedLength(unsigned char byte) {
 
 }  // namespace
 
-std::size_t utf8Character(std::string_view bytes, std::uint32_t* code) {
+size_t utf8Character(std::string_view bytes, uint32_t* code) {
   if (bytes.empty()) return 0;
   const auto first = static_cast<unsigned char>(bytes[0]);
-  const std::size_t length = announcedLength(first);
+  const size_t length = announcedLength(first);
   if (length == 0 || length > bytes.size()) return 0;
-  std::uint32_t value = length == 1 ? first : first & (0x7Fu >> length);
-  for (std::size_t i = 1; i < length; ++i) {
+  uint32_t value = length == 1 ? first : first & (0x7Fu >> length);
+  for (size_t i = 1; i < length; ++i) {
     const auto byte = static_cast<unsigned char>(bytes[i]);
     if ((byte & 0xC0u) != 0x80) return 0;
     value = value << 6 | (byte & 0x3Fu);
@@ -56,8 +56,8 @@ std::size_t utf8Character(std::string_view bytes, std::uint32_t* code) {
 
 bool isUtf8(std::string_view bytes) {
   while (!bytes.empty()) {
-    std::uint32_t code = 0;
-    const std::size_t length = utf8Character(bytes, &code);
+    uint32_t code = 0;
+    const size_t length = utf8Character(bytes, &code);
     if (length == 0) return false;
     bytes.remove_prefix(length);
   }
@@ -67,9 +67,9 @@ bool isUtf8(std::string_view bytes) {
 std::string escaped(std::string_view bytes) {
   std::string text;
   while (!bytes.empty()) {
-    std::uint32_t code = 0;
-    const std::size_t length = utf8Character(bytes, &code);
-    const std::string_view character = bytes.substr(0, std::max<std::size_t>(length, 1));
+    uint32_t code = 0;
+    const size_t length = utf8Character(bytes, &code);
+    const std::string_view character = bytes.substr(0, std::max<size_t>(length, 1));
     if (length == 0 || isControl(code) || isDeceptive(code)) {
       appendHex(&text, character);
     } else if (code == '\\') {
@@ -82,13 +82,13 @@ std::string escaped(std::string_view bytes) {
   return text;
 }
 
-bool isBinary(std::string_view bytes, std::size_t* pending) {
+bool isBinary(std::string_view bytes, size_t* pending) {
   *pending = 0;
   while (!bytes.empty()) {
-    std::uint32_t code = 0;
-    const std::size_t length = utf8Character(bytes, &code);
+    uint32_t code = 0;
+    const size_t length = utf8Character(bytes, &code);
     if (length == 0) {
-      const std::size_t announced = announcedLength(static_cast<unsigned char>(bytes[0]));
+      const size_t announced = announcedLength(static_cast<unsigned char>(bytes[0]));
       if (announced <= bytes.size()) return true;
       *pending = bytes.size();
       return false;
@@ -100,7 +100,7 @@ bool isBinary(std::string_view bytes, std::size_t* pending) {
   return false;
 }
 
-std::string timeText(std::int64_t seconds) {
+std::string timeText(int64_t seconds) {
   const auto time = static_cast<std::time_t>(seconds);
   std::tm parts = {};
   char text[32];
@@ -111,15 +111,15 @@ std::string timeText(std::int64_t seconds) {
   return text;
 }
 
-std::string wrapped(std::string_view text, std::size_t width, std::size_t indent) {
-  const std::size_t start = std::min(text.find_first_not_of(' '), text.size());
+std::string wrapped(std::string_view text, size_t width, size_t indent) {
+  const size_t start = std::min(text.find_first_not_of(' '), text.size());
   std::string result(text.substr(0, start));
-  std::size_t column = start;
+  size_t column = start;
   bool isLineStart = true;
-  for (std::size_t from = start; from < text.size();) {
-    const std::size_t end = std::min(text.find(' ', from), text.size());
+  for (size_t from = start; from < text.size();) {
+    const size_t end = std::min(text.find(' ', from), text.size());
     const std::string_view word = text.substr(from, end - from);
-    const auto size = static_cast<std::size_t>(
+    const auto size = static_cast<size_t>(
         std::count_if(word.begin(), word.end(), [](char c) { return (c & 0xC0) != 0x80; }));
     if (!isLineStart && column + 1 + size > width) {
       result += '\n' + std::string(indent, ' ');
@@ -135,7 +135,7 @@ std::string wrapped(std::string_view text, std::size_t width, std::size_t indent
   return result + '\n';
 }
 
-std::string counted(std::uint64_t count, const char* one, const char* many) {
+std::string counted(uint64_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 

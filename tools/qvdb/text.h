@@ -9,7 +9,7 @@
 namespace qvdb::tool {
 
 // The length of the well-formed UTF-8 character at the beginning of `bytes`, or 0. Stores its code.
-std::size_t utf8Character(std::string_view bytes, std::uint32_t* code);
+size_t utf8Character(std::string_view bytes, uint32_t* code);
 
 bool isUtf8(std::string_view bytes);
 
@@ -20,18 +20,18 @@ std::string escaped(std::string_view bytes);
 // Whether the bytes hold something that must not reach a terminal as it is. Line ends and tabs are
 // fine. `bytes` may be a part of a longer text: a character that is cut off at its end is not
 // judged, and `pending` receives how many bytes of it there are.
-bool isBinary(std::string_view bytes, std::size_t* pending);
+bool isBinary(std::string_view bytes, size_t* pending);
 
 // Seconds since 1970 as "2024-05-01T12:34:56Z".
-std::string timeText(std::int64_t seconds);
+std::string timeText(int64_t seconds);
 
 // The text in lines of at most `width` columns, as far as its words allow, each with a line end.
 // Lines are broken between words only; all but the first are indented. Blanks that the text begins
 // with stay.
-std::string wrapped(std::string_view text, std::size_t width, std::size_t indent);
+std::string wrapped(std::string_view text, size_t width, size_t indent);
 
 // "1 file", "2 files".
-std::string counted(std::uint64_t count, const char* one, const char* many);
+std::string counted(uint64_t count, const char* one, const char* many);
 
 // What was saved from a file may be work in progress of its writer.
 inline constexpr const char* kSourceInUse =

@@ -14,7 +14,7 @@ struct Options {
   std::string target;
   std::string table;
   std::string record;
-  std::optional<std::uint64_t> at;
+  std::optional<uint64_t> at;
 };
 
 // The name that the record's file had in the table of imported files, unless another file has it
@@ -39,10 +39,10 @@ void restoreName(const Options& options, Id record) {
 }
 
 int run(const Options& options) {
-  std::optional<std::int64_t> offset;
+  std::optional<int64_t> offset;
   if (options.at) {
     if (*options.at > INT64_MAX) throw wrongUsage("--at is beyond the end of every file");
-    offset = static_cast<std::int64_t>(*options.at);
+    offset = static_cast<int64_t>(*options.at);
   }
   const Id record = recordIdInUseOrNot(options.source, options.table, options.record,
                                        options.at ? Prefer::inUse : Prefer::deleted);

@@ -12,14 +12,14 @@ constexpr std::chrono::milliseconds kPause(20);
 
 }  // namespace
 
-std::optional<std::uint64_t> waitSeconds;
+std::optional<uint64_t> waitSeconds;
 
 // Compared as whole seconds that have passed: no number that was asked for is too large for that.
 bool Patience::waitForNextAttempt() const {
   using std::chrono::duration_cast;
   const auto passed = std::chrono::steady_clock::now() - begin_;
   const auto seconds = duration_cast<std::chrono::seconds>(passed).count();
-  if (static_cast<std::uint64_t>(seconds) >= waitSeconds.value_or(0)) return false;
+  if (static_cast<uint64_t>(seconds) >= waitSeconds.value_or(0)) return false;
   std::this_thread::sleep_for(kPause);
   throwIfInterrupted();
   return true;

@@ -11,7 +11,7 @@
 namespace qvdb::tool {
 
 // The value of --wait: how long the command may wait, in seconds. Nothing: not at all.
-extern std::optional<std::uint64_t> waitSeconds;
+extern std::optional<uint64_t> waitSeconds;
 
 // The time that one attempt after the other is given.
 class Patience {

@@ -21,12 +21,12 @@ namespace qvdb {
 // who keeps them until the record has been added.
 struct NewRecord {
   template <std::convertible_to<ByteView> Bytes>
-  NewRecord(Bytes&& bytes, std::uint32_t spare = 0, std::optional<Id> identifier = std::nullopt)
+  NewRecord(Bytes&& bytes, uint32_t spare = 0, std::optional<Id> identifier = std::nullopt)
       : payload(ByteView(std::forward<Bytes>(bytes)).span()), reserve(spare), id(identifier) {}
 
   std::span<const std::byte> payload;
-  std::uint32_t reserve;  // the record has capacity for the larger of reserve and its payload
-  std::optional<Id> id;   // nothing: a new one. Nothing checks whether the table has it already
+  uint32_t reserve;      // the record has capacity for the larger of reserve and its payload
+  std::optional<Id> id;  // nothing: a new one. Nothing checks whether the table has it already
 };
 
 // Adds records after the last one of a table. Their blocks are gathered in memory (256 KiB) and
@@ -69,7 +69,7 @@ class QVDBASE_API BulkAppender {
   //
   // reserve  capacity to keep for later growth; the record has the larger of this and its size
   // record   its identifier; nothing: a new one
-  RecordWriter writer(std::uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
+  RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
 
   // Takes the records into the table, all of them or, when it throws, none; the appender takes no
   // more after that. Returns how many there are in this batch. Throws Error as add() does. A second
@@ -77,10 +77,10 @@ class QVDBASE_API BulkAppender {
   //
   // A failure to write the last few bytes, the link to the batch and the table's entry, can leave
   // the link there without the entry: qvdb::check() reports that.
-  std::uint32_t finish();
+  uint32_t finish();
 
   // How many records of the batch are in the table: 0 before finish().
-  std::uint32_t taken() const noexcept;
+  uint32_t taken() const noexcept;
 
  private:
   friend class Table;

@@ -57,7 +57,7 @@ class ByteView {
   constexpr ByteView() noexcept = default;
 
   // `size` bytes from `bytes` on; null goes with 0 only.
-  constexpr ByteView(const std::byte* bytes, std::size_t size) noexcept : bytes_(bytes, size) {}
+  constexpr ByteView(const std::byte* bytes, size_t size) noexcept : bytes_(bytes, size) {}
 
   template <detail::ByteRange Range>
   ByteView(Range&& range) noexcept
@@ -74,7 +74,7 @@ class ByteView {
       : bytes_(std::as_bytes(std::span(std::string_view(text)))) {}
 
   constexpr const std::byte* data() const noexcept { return bytes_.data(); }
-  constexpr std::size_t size() const noexcept { return bytes_.size(); }
+  constexpr size_t size() const noexcept { return bytes_.size(); }
   constexpr bool empty() const noexcept { return bytes_.empty(); }
   constexpr const std::byte* begin() const noexcept { return data(); }
   constexpr const std::byte* end() const noexcept { return data() + size(); }
@@ -82,8 +82,8 @@ class ByteView {
 
  private:
   // A const array without a zero at its end is no literal: all of it counts.
-  template <typename Char, std::size_t kSize>
-  static constexpr std::size_t lengthOf(const Char (&text)[kSize]) noexcept {
+  template <typename Char, size_t kSize>
+  static constexpr size_t lengthOf(const Char (&text)[kSize]) noexcept {
     return text[kSize - 1] == Char{} ? kSize - 1 : kSize;
   }
 

@@ -49,14 +49,14 @@ QVDBASE_API std::ostream& operator<<(std::ostream& out, Severity severity);
 // One thing that was found.
 struct Finding {
   Severity severity = Severity::information;
-  std::string code;          // "R5"; see finding_codes()
-  int slot = -1;             // the table's slot; -1 when it is about no table
-  std::string table;         // its name, as it stands in the file
-  Id table_id;               // 0 when it is about no table
-  Id record;                 // 0 when it is about no record
-  std::int64_t offset = -1;  // where in the file; -1 when nowhere in particular
-  std::string message;       // what was found here, one sentence
-  std::uint64_t more = 0;    // how many others like it are not told one by one
+  std::string code;     // "R5"; see finding_codes()
+  int slot = -1;        // the table's slot; -1 when it is about no table
+  std::string table;    // its name, as it stands in the file
+  Id table_id;          // 0 when it is about no table
+  Id record;            // 0 when it is about no record
+  int64_t offset = -1;  // where in the file; -1 when nowhere in particular
+  std::string message;  // what was found here, one sentence
+  uint64_t more = 0;    // how many others like it are not told one by one
 };
 
 // What a code stands for, in general.
@@ -79,33 +79,33 @@ struct TableOutlook {
   int slot = 0;
   std::string name;
   Id id;
-  bool reachable = false;             // the directory leads to it: without that, every call fails
-  bool append = false;                // AddRecordData
-  bool list = false;                  // GetRecordUuIDList
-  bool find_all = false;              // GetOneRecordInfo, for every record of the table
-  bool delete_all = false;            // DeleteOneRecord, for whichever record of the chain
-  bool enlarge_all = false;           // ModifyRecordData beyond its room, for whichever of them
-  bool get_data = false;              // GetTableData; true as well when the table has none
-  bool set_data = false;              // SetTableData
-  std::uint32_t counted = 0;          // recordCount of the slot
-  std::uint64_t walked = 0;           // records that the forward walk meets within the count
-  std::uint64_t found_elsewhere = 0;  // records of the table beyond that, reached or lost
+  bool reachable = false;        // the directory leads to it: without that, every call fails
+  bool append = false;           // AddRecordData
+  bool list = false;             // GetRecordUuIDList
+  bool find_all = false;         // GetOneRecordInfo, for every record of the table
+  bool delete_all = false;       // DeleteOneRecord, for whichever record of the chain
+  bool enlarge_all = false;      // ModifyRecordData beyond its room, for whichever of them
+  bool get_data = false;         // GetTableData; true as well when the table has none
+  bool set_data = false;         // SetTableData
+  uint32_t counted = 0;          // recordCount of the slot
+  uint64_t walked = 0;           // records that the forward walk meets within the count
+  uint64_t found_elsewhere = 0;  // records of the table beyond that, reached or lost
 };
 
 // What every byte of the file is. The sum is the size of the file.
 struct SpaceUse {
-  std::uint64_t directory = 0;   // header and slots
-  std::uint64_t records = 0;     // blocks of records in use, the reserve included
-  std::uint64_t table_data = 0;  // blocks of table data in use
-  std::uint64_t superseded = 0;  // older versions of records and of table data
-  std::uint64_t deleted = 0;     // records that were deleted
-  std::uint64_t unlinked = 0;    // blocks that never got into a chain, torn ones included
-  std::uint64_t lost = 0;        // blocks that belong to a chain that does not lead to them
-  std::uint64_t orphans = 0;     // blocks of tables that the directory does not have
-  std::uint64_t unknown = 0;     // bytes that are no block
+  uint64_t directory = 0;   // header and slots
+  uint64_t records = 0;     // blocks of records in use, the reserve included
+  uint64_t table_data = 0;  // blocks of table data in use
+  uint64_t superseded = 0;  // older versions of records and of table data
+  uint64_t deleted = 0;     // records that were deleted
+  uint64_t unlinked = 0;    // blocks that never got into a chain, torn ones included
+  uint64_t lost = 0;        // blocks that belong to a chain that does not lead to them
+  uint64_t orphans = 0;     // blocks of tables that the directory does not have
+  uint64_t unknown = 0;     // bytes that are no block
   // Of `records` and `table_data`: room behind the payloads, and what of it holds older data.
-  std::uint64_t reserve = 0;
-  std::uint64_t stale = 0;
+  uint64_t reserve = 0;
+  uint64_t stale = 0;
 };
 
 enum class CheckState {
@@ -117,11 +117,11 @@ enum class CheckState {
 
 struct CheckReport {
   CheckState state = CheckState::sound;
-  std::uint64_t errors = 0;
-  std::uint64_t warnings = 0;
-  std::uint64_t informations = 0;
-  std::uint64_t file_size = 0;
-  std::uint64_t blocks = 0;
+  uint64_t errors = 0;
+  uint64_t warnings = 0;
+  uint64_t informations = 0;
+  uint64_t file_size = 0;
+  uint64_t blocks = 0;
   SpaceUse space;
   std::vector<TableOutlook> tables;
   bool pack = false;  // PackOneDB2NewW will succeed
@@ -132,9 +132,9 @@ struct CheckOptions {
   bool categories = false;  // look into the records of "QVrz_Category"
   bool deep = false;        // look for blocks inside the payloads of records (reads everything)
   // Findings of one code and table that are told one by one; the last one counts the others.
-  std::uint64_t most_alike = 20;
+  uint64_t most_alike = 20;
   // The present time in seconds since 1970, for judging times; 0 asks the clock.
-  std::int64_t now = 0;
+  int64_t now = 0;
   // How often a check that was disturbed by a writer is repeated, and how long it waits before.
   int retries = 2;
   int wait_milliseconds = 200;
@@ -182,12 +182,12 @@ struct RepairedTable {
   int slot = 0;
   std::string name;
   Id id;
-  bool rewritten = false;       // false: its chain counts as sound, or it is skipped
-  std::uint32_t counted = 0;    // records before, as the slot counts them
-  std::uint64_t reachable = 0;  // records that can still be found: from both ends, and by scanning
-  std::uint64_t kept = 0;       // records that its chain will have afterwards
-  std::uint64_t lost = 0;       // of a chain that is rewritten: reachable ones that drop out of it
-  std::uint64_t missed = 0;     // of one that counts as sound: reachable ones that are not in it
+  bool rewritten = false;  // false: its chain counts as sound, or it is skipped
+  uint32_t counted = 0;    // records before, as the slot counts them
+  uint64_t reachable = 0;  // records that can still be found: from both ends, and by scanning
+  uint64_t kept = 0;       // records that its chain will have afterwards
+  uint64_t lost = 0;       // of a chain that is rewritten: reachable ones that drop out of it
+  uint64_t missed = 0;     // of one that counts as sound: reachable ones that are not in it
 };
 
 struct RepairPreview {
@@ -195,8 +195,8 @@ struct RepairPreview {
   std::string failure;  // why it will fail; empty when it will not
   bool unfinished_pack = false;  // the file is an unfinished pack; repair will hide that
   std::vector<RepairedTable> tables;
-  std::uint64_t lost = 0;  // of all tables
-  std::uint64_t missed = 0;
+  uint64_t lost = 0;  // of all tables
+  uint64_t missed = 0;
   bool salvage_gives_more = false;
 };
 

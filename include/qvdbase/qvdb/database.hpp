@@ -50,12 +50,12 @@ struct OpenOptions {
 // What the header of a database file tells.
 struct DatabaseInfo {
   std::array<char, 4> signature{};
-  std::uint16_t version = 0;
+  uint16_t version = 0;
   Id id;
   int table_count = 0;
   int slot_count = 0;
   int slot_size = 0;
-  std::uint64_t file_size = 0;
+  uint64_t file_size = 0;
 
   // Whether tables and records can be used: the library takes versions 100 to 199.
   bool version_is_usable() const noexcept { return version >= 100 && version <= 199; }
@@ -64,7 +64,7 @@ struct DatabaseInfo {
 struct CreateOptions {
   // The first byte must be 'Q' or 'q', the second 'V' or 'v'; the others are free.
   std::array<char, 4> signature{'Q', 'V', 'd', 'b'};
-  std::uint16_t version = 100;
+  uint16_t version = 100;
   // Whether a file that is there already, and is not empty, is replaced. The new one then gets its
   // owner, group and permissions.
   bool overwrite = false;
@@ -103,7 +103,7 @@ class QVDBASE_API Database {
 
   // Takes over a handle that the C functions opened; the object closes it. The path is for
   // messages.
-  static Database adopt(std::int16_t handle, const std::filesystem::path& path, Mode mode);
+  static Database adopt(int16_t handle, const std::filesystem::path& path, Mode mode);
 
   // Reads the header of a file whatever its version is. The file is opened for reading only.
   // Throws as open() does, without version_out_of_range.
@@ -127,7 +127,7 @@ class QVDBASE_API Database {
   bool is_open() const noexcept;
 
   // The handle for the C functions. It stays this object's: do not close it.
-  std::int16_t handle() const;
+  int16_t handle() const;
 
   // As it was given to create() or open().
   const std::filesystem::path& path() const;
@@ -137,7 +137,7 @@ class QVDBASE_API Database {
   DatabaseInfo info() const;
 
   // Stores a version, any from 100 to 199. Throws bad_argument; read_only; cannot_write.
-  void set_version(std::uint16_t version);
+  void set_version(uint16_t version);
 
   // All tables, in the order in which they were added. Throws directory_damaged.
   std::vector<Table> tables() const;

@@ -79,7 +79,7 @@ struct ErrorDetails {
   std::filesystem::path path;  // the file that it is about, as the caller named it
   std::string table;           // the table's name, or what was given for one
   std::error_code system_code;
-  std::optional<std::uint64_t> record_number;
+  std::optional<uint64_t> record_number;
 };
 
 // A failed operation. what() is one sentence in English that names the file; names of tables and
@@ -113,7 +113,7 @@ class QVDBASE_API Error : public std::runtime_error {
 
   // With chain_damaged: the first record that cannot be read, counted from 1 in the order of the
   // chain, where the operation has come that far.
-  std::optional<std::uint64_t> record_number() const noexcept { return details_->record_number; }
+  std::optional<uint64_t> record_number() const noexcept { return details_->record_number; }
 
  private:
   const char* operation_;

@@ -49,7 +49,7 @@ QVDBASE_API std::vector<std::byte> read_version(const std::filesystem::path& pat
 // when the record is in use and no offset is given.
 QVDBASE_API SalvageReport undelete(const std::filesystem::path& source,
                                    const std::filesystem::path& target, std::string_view table,
-                                   Id record, std::optional<std::int64_t> offset = std::nullopt);
+                                   Id record, std::optional<int64_t> offset = std::nullopt);
 
 }  // namespace qvdb
 

@@ -19,7 +19,7 @@ namespace qvdb {
 // An identifier, a 64-bit number of its own type so that it is not mistaken for a size or a count.
 // The C functions take and return its value.
 struct Id {
-  std::uint64_t value = 0;
+  uint64_t value = 0;
 
   friend constexpr auto operator<=>(Id, Id) = default;
 };
@@ -38,7 +38,7 @@ QVDBASE_API std::optional<Id> parse_id(std::string_view text) noexcept;
 QVDBASE_API std::ostream& operator<<(std::ostream& out, Id id);
 
 namespace detail {
-QVDBASE_API std::size_t hashOf(Id id) noexcept;
+QVDBASE_API size_t hashOf(Id id) noexcept;
 }
 
 }  // namespace qvdb
@@ -47,7 +47,7 @@ template <>
 struct std::hash<qvdb::Id> {
   // Another hash in each process: identifiers come from files, whose makers could otherwise choose
   // them so that all fall into one bucket.
-  std::size_t operator()(qvdb::Id id) const noexcept { return qvdb::detail::hashOf(id); }
+  size_t operator()(qvdb::Id id) const noexcept { return qvdb::detail::hashOf(id); }
 };
 
 #endif

@@ -32,10 +32,10 @@ struct TableIndex;
 class QVDBASE_API RecordIndex {
  public:
   // The number of different identifiers in it.
-  std::size_t size() const noexcept;
+  size_t size() const noexcept;
 
   // The memory that it takes.
-  std::size_t bytes() const noexcept;
+  size_t bytes() const noexcept;
 
  private:
   friend class Table;

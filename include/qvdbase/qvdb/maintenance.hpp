@@ -62,15 +62,15 @@ struct CompactOptions {
 };
 
 struct CompactReport {
-  std::uint64_t size_before = 0;  // bytes of the source
-  std::uint64_t size_after = 0;   // bytes of the compacted file
-  std::uint64_t tables = 0;
-  std::uint64_t records = 0;
-  std::uint64_t data_blocks = 0;  // tables with table data
+  uint64_t size_before = 0;  // bytes of the source
+  uint64_t size_after = 0;   // bytes of the compacted file
+  uint64_t tables = 0;
+  uint64_t records = 0;
+  uint64_t data_blocks = 0;  // tables with table data
   // What was left behind besides dead space: records that salvage() would bring back (only with
   // `force`), and torn blocks of writes that were cut off, which it would not.
-  std::uint64_t records_lost = 0;
-  std::uint64_t torn_blocks = 0;
+  uint64_t records_lost = 0;
+  uint64_t torn_blocks = 0;
 };
 
 // Rewrites a database without what is dead in it. Everything live is kept: signature, version and
@@ -106,12 +106,12 @@ QVDBASE_API CompactReport compact(const std::filesystem::path& source,
                                   const CompactOptions& options = {});
 
 struct PackReport {
-  std::uint64_t size_before = 0;
-  std::uint64_t size_after = 0;
+  uint64_t size_before = 0;
+  uint64_t size_after = 0;
   // Tables that have data in the source and cannot find it in the new file, because they have
   // records.
   std::vector<std::string> tables_without_data;
-  std::uint64_t records_lost = 0;  // as in CompactReport
+  uint64_t records_lost = 0;  // as in CompactReport
 };
 
 // PackOneDB2NewW: a new file with every table, its records under their identifiers, and the data of

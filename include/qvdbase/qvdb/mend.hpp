@@ -40,7 +40,7 @@ struct MendReport {
   // What was done, or would be, one sentence each. Empty: there was nothing to mend.
   std::vector<std::string> steps;
   // Whole blocks of writes that were cut off, which are still there and could be linked.
-  std::uint64_t left_over = 0;
+  uint64_t left_over = 0;
 };
 
 // Mends a database in place. The file is checked before, and so is what it would become: only a

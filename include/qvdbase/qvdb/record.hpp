@@ -24,12 +24,12 @@ struct Walk;
 // What a record's header holds.
 struct RecordInfo {
   Id id;
-  std::uint32_t create_time = 0;  // seconds since 1970, modulo 2^32
-  std::uint32_t modify_time = 0;
-  std::uint32_t size = 0;          // bytes of payload
-  std::uint32_t capacity = 0;      // bytes that the payload can grow to in place
-  std::int64_t position = 0;       // of the record's block in the file
-  std::int64_t data_position = 0;  // of the payload in the file
+  uint32_t create_time = 0;  // seconds since 1970, modulo 2^32
+  uint32_t modify_time = 0;
+  uint32_t size = 0;          // bytes of payload
+  uint32_t capacity = 0;      // bytes that the payload can grow to in place
+  int64_t position = 0;       // of the record's block in the file
+  int64_t data_position = 0;  // of the payload in the file
 
   // The times, from 1970 to the year 2106, where the numbers in the file begin again at 0.
   std::chrono::sys_seconds created() const noexcept { return timeOf(create_time); }
@@ -38,7 +38,7 @@ struct RecordInfo {
   friend bool operator==(const RecordInfo&, const RecordInfo&) = default;
 
  private:
-  static std::chrono::sys_seconds timeOf(std::uint32_t seconds) noexcept {
+  static std::chrono::sys_seconds timeOf(uint32_t seconds) noexcept {
     return std::chrono::sys_seconds(std::chrono::seconds(seconds));
   }
 };
@@ -67,7 +67,7 @@ class QVDBASE_API Record {
   // The header as it was when the record was found.
   const RecordInfo& info() const noexcept { return info_; }
   Id id() const noexcept { return info_.id; }
-  std::uint32_t size() const noexcept { return info_.size; }
+  uint32_t size() const noexcept { return info_.size; }
   Id table() const noexcept { return table_; }
 
   // The payload as a walk over records(Load::payloads) has read it; empty for any other record.
@@ -84,7 +84,7 @@ class QVDBASE_API Record {
   //
   // Throws Error: record_missing when no block of this record stands there any more; data_damaged
   // when the payload reaches beyond the end of the file; not_open; cannot_read.
-  std::size_t read(std::uint64_t offset, std::span<std::byte> buffer) const;
+  size_t read(uint64_t offset, std::span<std::byte> buffer) const;
 
   // The whole payload. Memory for it is asked for only when the file is long enough to hold it.
   // Throws Error as read() does, and too_large when there is not enough memory.

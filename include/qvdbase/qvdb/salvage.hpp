@@ -62,12 +62,12 @@ struct FoundBlock {
   Id table;
   std::string table_name;  // empty for an orphan
   Id record;               // 0 for table data
-  std::int64_t offset = 0;
-  std::uint32_t length = 0;  // as the block says
-  std::uint64_t there = 0;   // bytes of payload that are there
-  std::uint32_t capacity = 0;
-  std::uint32_t create_time = 0;  // of records
-  std::uint32_t modify_time = 0;
+  int64_t offset = 0;
+  uint32_t length = 0;  // as the block says
+  uint64_t there = 0;   // bytes of payload that are there
+  uint32_t capacity = 0;
+  uint32_t create_time = 0;  // of records
+  uint32_t modify_time = 0;
   std::string written_to;  // the table of the new file that it went to; empty when left out
 };
 
@@ -87,7 +87,7 @@ struct SalvageOptions {
   bool in_place_tables = false;  // deleted records go back into their own tables
   // Where the database begins in the source, for an image of a device: positions count from there.
   // Below 0: as many bytes are missing at the front.
-  std::int64_t from = 0;
+  int64_t from = 0;
   bool ignore_directory = false;  // take header and directory for bytes like others
   // A folder for payloads, one file each, and "manifest.jsonl" with a line for each; it is made.
   // Nothing in it is written over. Empty: none.
@@ -101,23 +101,23 @@ struct SalvageOptions {
 };
 
 struct ByteRange {
-  std::int64_t offset = 0;
-  std::int64_t size = 0;
+  int64_t offset = 0;
+  int64_t size = 0;
 };
 
 struct StoredDatabase;
 
 struct SalvageReport {
-  std::uint64_t blocks_found = 0;
-  std::uint64_t tables_written = 0;
-  std::uint64_t records_written = 0;
-  std::uint64_t data_written = 0;      // blocks of table data
-  std::uint64_t payload_bytes = 0;     // written
-  std::uint64_t records_cut = 0;       // of those written, the ones whose payload is not all there
-  std::uint64_t bytes_unreadable = 0;  // of those payloads: the system cannot read them; now zeros
-  std::uint64_t blocks_left_out = 0;   // found, but not asked for
-  std::uint64_t tables_left_out = 0;   // a database has room for 31
-  std::uint64_t bytes_unknown = 0;     // bytes that belong to no block
+  uint64_t blocks_found = 0;
+  uint64_t tables_written = 0;
+  uint64_t records_written = 0;
+  uint64_t data_written = 0;           // blocks of table data
+  uint64_t payload_bytes = 0;          // written
+  uint64_t records_cut = 0;            // of those written, the ones whose payload is not all there
+  uint64_t bytes_unreadable = 0;       // of those payloads: the system cannot read them; now zeros
+  uint64_t blocks_left_out = 0;        // found, but not asked for
+  uint64_t tables_left_out = 0;        // a database has room for 31
+  uint64_t bytes_unknown = 0;          // bytes that belong to no block
   std::vector<ByteRange> unknown;      // where they are
   std::vector<std::string> notes;      // what had to be made up or given up, one sentence each
   std::vector<StoredDatabase> stored;  // what went to `deep_to`
@@ -127,7 +127,7 @@ struct SalvageReport {
 
 // A database that was found stored in the source.
 struct StoredDatabase {
-  std::int64_t offset = 0;  // where it begins
+  int64_t offset = 0;  // where it begins
   std::filesystem::path file;
   SalvageReport report;  // its positions count from the offset
 };

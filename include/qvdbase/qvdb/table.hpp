@@ -26,13 +26,13 @@ namespace qvdb {
 struct TableInfo {
   Id id;
   std::string name;  // 1 to 32 bytes
-  std::uint16_t version = 0;
-  std::uint32_t record_count = 0;
-  std::uint32_t record_write_count = 0;  // records that were ever added
-  std::uint32_t data_write_count = 0;    // table-data blocks that were ever appended
-  std::int64_t first_record_position = 0;
-  std::int64_t last_record_position = 0;
-  std::int64_t data_position = 0;  // of the table-data block; 0 when there is none
+  uint16_t version = 0;
+  uint32_t record_count = 0;
+  uint32_t record_write_count = 0;  // records that were ever added
+  uint32_t data_write_count = 0;    // table-data blocks that were ever appended
+  int64_t first_record_position = 0;
+  int64_t last_record_position = 0;
+  int64_t data_position = 0;  // of the table-data block; 0 when there is none
 };
 
 // A table of an open database. Tables come from a Database and are cheap to copy; all copies stand
@@ -65,7 +65,7 @@ class QVDBASE_API Table {
   TableInfo info() const;
 
   // The number of records, as the slot counts them.
-  std::uint32_t count() const;
+  uint32_t count() const;
 
   // ---- Reading records
 
@@ -84,7 +84,7 @@ class QVDBASE_API Table {
 
   // Reads the beginning of a record's payload, as much as the buffer takes. Returns the payload's
   // whole size, which may be more than that; nothing when there is no such record.
-  std::optional<std::uint32_t> get(Id record, std::span<std::byte> buffer) const;
+  std::optional<uint32_t> get(Id record, std::span<std::byte> buffer) const;
 
   // ---- Writing records
 
@@ -96,11 +96,11 @@ class QVDBASE_API Table {
   // Throws too_large for a payload of 2^32 bytes or more; chain_damaged when the table's last
   // record cannot be linked to; appender_open. The record is then not in the table, and a database
   // that is open exclusively has its length from before: a full disk does not get fuller.
-  Id add(ByteView payload, std::uint32_t reserve = 0);
+  Id add(ByteView payload, uint32_t reserve = 0);
 
   // The same under a given identifier. Nothing checks whether the table has it already. Throws
   // bad_argument, too, for identifier 0, which stands for no record.
-  void add_with_id(Id record, ByteView payload, std::uint32_t reserve = 0);
+  void add_with_id(Id record, ByteView payload, uint32_t reserve = 0);
 
   // Adds a record whose payload comes in pieces, of any number and size. See RecordWriter.
   //
@@ -108,7 +108,7 @@ class QVDBASE_API Table {
   // record   the new record's identifier; nothing: a new one
   //
   // Throws as add() and add_with_id().
-  RecordWriter writer(std::uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
+  RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
 
   // Adds many records: gathers them and writes them in large pieces. See BulkAppender. Throws
   // chain_damaged when the table's last record cannot be linked to; appender_open.
@@ -118,7 +118,7 @@ class QVDBASE_API Table {
   // strings, spans of bytes, ... Returns how many there were. Adds all of them or none: none when
   // one cannot be written, which throws as BulkAppender does, nor when the range itself throws.
   template <std::ranges::input_range Range>
-  requires std::convertible_to<std::ranges::range_reference_t<Range>, NewRecord> std::uint32_t
+  requires std::convertible_to<std::ranges::range_reference_t<Range>, NewRecord> uint32_t
   append_all(Range&& records) {
     BulkAppender bulk = appender();
     for (auto&& record : records) bulk.add(record);
@@ -143,7 +143,7 @@ class QVDBASE_API Table {
   //
   // Throws bad_argument, with nothing written, when offset + bytes.size() is beyond the payload's
   // present size; chain_damaged when the record cannot be reached.
-  bool write(Id record, std::uint64_t offset, ByteView bytes);
+  bool write(Id record, uint64_t offset, ByteView bytes);
 
   // Sets a record's time of last modification to now. False when there is no such record.
   bool touch(Id record);
@@ -157,7 +157,7 @@ class QVDBASE_API Table {
   // and only if it is not there, or its neighbours do not point to it, it is searched by its
   // identifier.
   bool modify(const Record& record, ByteView payload);
-  bool write(const Record& record, std::uint64_t offset, ByteView bytes);
+  bool write(const Record& record, uint64_t offset, ByteView bytes);
   bool touch(const Record& record);
   bool remove(const Record& record);
 
@@ -165,17 +165,17 @@ class QVDBASE_API Table {
 
   // The size of the table's block of data; nothing when it has none. Throws data_damaged when the
   // block is not where it should be, as do the others here.
-  std::optional<std::uint32_t> data_size() const;
+  std::optional<uint32_t> data_size() const;
 
   // The data; nothing when the table has none. Throws too_large when there is not enough memory.
   std::optional<std::vector<std::byte>> data() const;
 
   // Reads part of the data, as Record::read() does. 0 when the table has none.
-  std::size_t read_data(std::uint64_t offset, std::span<std::byte> buffer) const;
+  size_t read_data(uint64_t offset, std::span<std::byte> buffer) const;
 
   // Stores data: over the present block when that has the capacity, else in a new block with
   // capacity for the larger of size and reserve. Throws too_large; appender_open.
-  void set_data(ByteView data, std::uint32_t reserve = 0);
+  void set_data(ByteView data, uint32_t reserve = 0);
 
  private:
   friend class Database;
@@ -195,8 +195,8 @@ class QVDBASE_API Table {
 // Throws Error as the walk and Table::remove() do; the records that were deleted before stay
 // deleted.
 template <std::predicate<const Record&> Predicate>
-std::uint32_t erase_if(Table& table, Predicate predicate, Load load = Load::headers) {
-  std::uint32_t erased = 0;
+uint32_t erase_if(Table& table, Predicate predicate, Load load = Load::headers) {
+  uint32_t erased = 0;
   for (const Record& record : table.records(load)) {
     if (predicate(record) && table.remove(record)) ++erased;
   }

@@ -20,7 +20,7 @@ struct Bulk;
 // beforehand. Whatever the size, the writer takes 256 KiB of memory.
 //
 //   qvdb::RecordWriter writer = table.writer();
-//   while (const std::size_t count = read(buffer)) writer.write(std::span(buffer).first(count));
+//   while (const size_t count = read(buffer)) writer.write(std::span(buffer).first(count));
 //   const qvdb::Id id = writer.finish();
 //
 // Until finish() no reader sees the record; it is then as if it had been added whole. A writer that
@@ -41,7 +41,7 @@ class QVDBASE_API RecordWriter {
   Id id() const noexcept { return id_; }
 
   // The bytes written so far.
-  std::uint32_t size() const noexcept { return size_; }
+  uint32_t size() const noexcept { return size_; }
 
   // Adds bytes to the end of the payload, any number of them.
   //
@@ -63,13 +63,13 @@ class QVDBASE_API RecordWriter {
  private:
   friend class Table;
   friend class BulkAppender;
-  RecordWriter(std::shared_ptr<detail::Bulk> bulk, std::uint32_t reserve, std::optional<Id> record,
+  RecordWriter(std::shared_ptr<detail::Bulk> bulk, uint32_t reserve, std::optional<Id> record,
                bool isAlone);
   void requireOpen() const;
 
   std::shared_ptr<detail::Bulk> bulk_;
   Id id_;
-  std::uint32_t size_ = 0;
+  uint32_t size_ = 0;
   bool isAlone_;  // the record is all of its batch
 };
 

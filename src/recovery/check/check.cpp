@@ -60,7 +60,7 @@ void addOutlook(const ByteSource& source, const Survey& survey, CheckReport* rep
                                     ? namesOf(outlook)
                                     : std::string("every call: the table is not reachable");
     if (!failing.empty()) {
-      const auto& slot = survey.slots[static_cast<std::size_t>(table.slot)];
+      const auto& slot = survey.slots[static_cast<size_t>(table.slot)];
       findings->information("W1", {.slot = &slot, .offset = slot.position},
                             "What will fail on this table now: " + failing + ".");
     }
@@ -76,8 +76,8 @@ void addOutlook(const ByteSource& source, const Survey& survey, CheckReport* rep
 
 void judge(const ByteSource& source, const Survey& survey, const CheckOptions& options,
            CheckReport* report, Findings* findings) {
-  const std::int64_t now =
-      options.now != 0 ? options.now : std::int64_t{qvdbase::platform::secondsSinceEpoch()};
+  const int64_t now =
+      options.now != 0 ? options.now : int64_t{qvdbase::platform::secondsSinceEpoch()};
   qvdbase::check::checkDirectory(survey, findings);
   for (const Table& table : survey.tables) {
     qvdbase::check::checkCounts(survey, table, findings);
@@ -98,10 +98,10 @@ Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOpt
   if (qvdbase::check::checkHeader(survey, &findings)) {
     judge(source, survey, options, &checked.report, &findings);
   } else {
-    checked.report.space.unknown = static_cast<std::uint64_t>(survey.size);
+    checked.report.space.unknown = static_cast<uint64_t>(survey.size);
     checked.report.repair = 1;
   }
-  checked.report.file_size = static_cast<std::uint64_t>(survey.size);
+  checked.report.file_size = static_cast<uint64_t>(survey.size);
   checked.report.blocks = survey.blocks.size();
   checked.report.errors = findings.count(Severity::error);
   checked.report.warnings = findings.count(Severity::warning);

@@ -30,14 +30,14 @@ constexpr const char* kUndelete = "bring the record back";
 }
 
 // The table of that name or identifier among those that the file shows traces of.
-std::uint32_t ownerNamed(const Survey& survey, std::string_view table,
-                         const std::filesystem::path& path, const char* operation) {
+uint32_t ownerNamed(const Survey& survey, std::string_view table, const std::filesystem::path& path,
+                    const char* operation) {
   for (const qvdbase::raw::Table& each : survey.tables) {
-    const auto& slot = survey.slots[static_cast<std::size_t>(each.slot)];
+    const auto& slot = survey.slots[static_cast<size_t>(each.slot)];
     if (qvdbase::raw::nameOf(slot.fields) == table) return each.owner;
   }
   if (const std::optional<Id> id = parse_id(table)) {
-    for (std::uint32_t i = 0; i < survey.owners.size(); ++i) {
+    for (uint32_t i = 0; i < survey.owners.size(); ++i) {
       if (survey.owners[i].number == id->value) return i;
     }
   }
@@ -45,9 +45,9 @@ std::uint32_t ownerNamed(const Survey& survey, std::string_view table,
 }
 
 // Blocks of the record, in file order, which is the order of writing.
-std::vector<std::uint32_t> versionsOf(const Survey& survey, std::uint32_t owner, Id record) {
-  std::vector<std::uint32_t> versions;
-  for (const std::uint32_t number : qvdbase::raw::blocksInFileOrder(survey)) {
+std::vector<uint32_t> versionsOf(const Survey& survey, uint32_t owner, Id record) {
+  std::vector<uint32_t> versions;
+  for (const uint32_t number : qvdbase::raw::blocksInFileOrder(survey)) {
     const Block& block = survey.blocks[number];
     if (block.kind == BlockKind::record && block.owner == owner && block.recordID == record.value) {
       versions.push_back(number);
@@ -57,10 +57,10 @@ std::vector<std::uint32_t> versionsOf(const Survey& survey, std::uint32_t owner,
 }
 
 // The version to bring back; kNoBlock when there is none.
-std::uint32_t choose(const Survey& survey, const std::vector<std::uint32_t>& versions,
-                     std::optional<std::int64_t> offset) {
-  std::uint32_t chosen = qvdbase::raw::kNoBlock;
-  for (const std::uint32_t number : versions) {
+uint32_t choose(const Survey& survey, const std::vector<uint32_t>& versions,
+                std::optional<int64_t> offset) {
+  uint32_t chosen = qvdbase::raw::kNoBlock;
+  for (const uint32_t number : versions) {
     const Block& block = survey.blocks[number];
     if (offset ? block.position == *offset : block.grade == qvdbase::raw::Grade::a) chosen = number;
   }
@@ -84,7 +84,7 @@ std::vector<FoundBlock> history(const std::filesystem::path& path, std::string_v
   const OpenedFile file(path, kHistory);
   const Survey survey = qvdbase::raw::makeSurvey(file.source());
   std::vector<FoundBlock> found;
-  for (const std::uint32_t number :
+  for (const uint32_t number :
        versionsOf(survey, ownerNamed(survey, table, path, kHistory), record)) {
     found.push_back(qvdbase::salvage::describe(survey, number));
   }
@@ -95,10 +95,10 @@ std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::
   constexpr const char* kList = "list the deleted records";
   const OpenedFile file(path, kList);
   const Survey survey = qvdbase::raw::makeSurvey(file.source());
-  const std::uint32_t owner = ownerNamed(survey, table, path, kList);
-  std::set<std::uint64_t> passed;
+  const uint32_t owner = ownerNamed(survey, table, path, kList);
+  std::set<uint64_t> passed;
   std::vector<FoundBlock> found;
-  const std::vector<std::uint32_t> order = qvdbase::raw::blocksInFileOrder(survey);
+  const std::vector<uint32_t> order = qvdbase::raw::blocksInFileOrder(survey);
   for (const Block& block : survey.blocks) {
     if (block.owner == owner && isInUse(block)) passed.insert(block.recordID);
   }
@@ -115,15 +115,14 @@ std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::
 std::vector<std::byte> read_version(const std::filesystem::path& path, const FoundBlock& version) {
   constexpr const char* kRead = "read the version";
   const OpenedFile file(path, kRead);
-  const std::int64_t header =
-      version.is_table_data ? qvdbase::tabledata::kData : qvdbase::record::kData;
-  const std::int64_t position = version.offset + header;
-  const std::int64_t left = file.source().size() - position;
-  if (position < header || left < 0 || version.there > static_cast<std::uint64_t>(left)) {
+  const int64_t header = version.is_table_data ? qvdbase::tabledata::kData : qvdbase::record::kData;
+  const int64_t position = version.offset + header;
+  const int64_t left = file.source().size() - position;
+  if (position < header || left < 0 || version.there > static_cast<uint64_t>(left)) {
     fail(path, kRead, Reason::cannot_read, "the file is shorter now");
   }
   try {
-    std::vector<std::byte> payload(static_cast<std::size_t>(version.there));
+    std::vector<std::byte> payload(static_cast<size_t>(version.there));
     if (file.source().readAt(position, payload.data(), payload.size()) != payload.size()) {
       fail(path, kRead, Reason::cannot_read, "the system cannot read it");
     }
@@ -134,19 +133,19 @@ std::vector<std::byte> read_version(const std::filesystem::path& path, const Fou
 }
 
 SalvageReport undelete(const std::filesystem::path& source, const std::filesystem::path& target,
-                       std::string_view table, Id record, std::optional<std::int64_t> offset) {
+                       std::string_view table, Id record, std::optional<int64_t> offset) {
   OpenedFile file(source, kUndelete);
   file.watch();
   const Survey survey = qvdbase::raw::makeSurvey(file.source());
-  const std::vector<std::uint32_t> versions =
+  const std::vector<uint32_t> versions =
       versionsOf(survey, ownerNamed(survey, table, source, kUndelete), record);
-  const bool isInUse = std::any_of(versions.begin(), versions.end(), [&](std::uint32_t number) {
+  const bool isInUse = std::any_of(versions.begin(), versions.end(), [&](uint32_t number) {
     return survey.blocks[number].label == Label::live;
   });
   if (isInUse && !offset) {
     fail(source, kUndelete, Reason::bad_argument, "the record is in use; name a version's offset");
   }
-  const std::uint32_t chosen = choose(survey, versions, offset);
+  const uint32_t chosen = choose(survey, versions, offset);
   if (chosen == qvdbase::raw::kNoBlock) {
     fail(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
   }

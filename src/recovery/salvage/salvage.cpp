@@ -137,7 +137,7 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
                             const std::filesystem::path& target, const BlockVisitor& visitor,
                             const SalvageOptions& options,
                             const qvdbase::platform::FileAccess* access, const LastLook& lastLook) {
-  constexpr std::int64_t kMostMissing = std::int64_t{1} << 62;
+  constexpr int64_t kMostMissing = int64_t{1} << 62;
   if (options.from < -kMostMissing) {
     detail::throwError(kOperation, Reason::bad_argument,
                        "it cannot begin that far before the source");

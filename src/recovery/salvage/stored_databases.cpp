@@ -80,7 +80,7 @@ StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Surve
     found.push_back({origin, endOfPayload(survey, order, origin)});
     if (found.back().end == 0) loose.push_back(origin);
   }
-  const std::size_t kept = std::min(found.size(), kMostDatabases);
+  const size_t kept = std::min(found.size(), kMostDatabases);
   leftOut_ = found.size() - kept;
   found.resize(kept);
   for (raw::Range& place : found) {

@@ -63,8 +63,7 @@ OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation)
   begin(path, operation);
 }
 
-OpenedFile::OpenedFile(std::int16_t file, const std::filesystem::path& path,
-                       const char* operation) {
+OpenedFile::OpenedFile(int16_t file, const std::filesystem::path& path, const char* operation) {
   const platform::OpenFile* open = platform::findOpenFile(file);
   if (open == nullptr) refuse(path, operation, qvdb::Reason::cannot_open);
   file_.share(open->entry);

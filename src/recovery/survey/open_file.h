@@ -19,7 +19,7 @@ class OpenedFile {
 
   // The file that this process has open for writing under that number, whatever its name leads to
   // by now. Throws cannot_open.
-  OpenedFile(std::int16_t file, const std::filesystem::path& path, const char* operation);
+  OpenedFile(int16_t file, const std::filesystem::path& path, const char* operation);
 
   const ByteSource& source() const { return *source_; }
 

@@ -19,21 +19,21 @@ namespace qvdbase::test {
 struct BaseFile {
   std::string name;
   Bytes bytes;
-  std::size_t target = 0;  // slot of a table with table data and at least five records
-  std::size_t other = 0;   // slot of another table with at least one record, before or behind it
-  std::size_t empty = 0;   // slot of a table without records and without data
-  std::size_t tables = 0;
+  size_t target = 0;  // slot of a table with table data and at least five records
+  size_t other = 0;   // slot of another table with at least one record, before or behind it
+  size_t empty = 0;   // slot of a table without records and without data
+  size_t tables = 0;
 };
 
 // The present, for files whose times lie shortly before it.
-inline constexpr std::int64_t kNow = 2'000'000;
+inline constexpr int64_t kNow = 2'000'000;
 
 // 29 tables, so that one slot lies across the border of the first page; links across borders.
 inline BaseFile manyTables() {
   FileImage image;
-  for (std::size_t t = 0; t < 29; ++t) image.addTable("table " + std::to_string(t), 0x7700 + t);
-  for (std::uint64_t i = 0; i < 6; ++i) {
-    for (const std::size_t t : {std::size_t{5}, std::size_t{6}, std::size_t{28}}) {
+  for (size_t t = 0; t < 29; ++t) image.addTable("table " + std::to_string(t), 0x7700 + t);
+  for (uint64_t i = 0; i < 6; ++i) {
+    for (const size_t t : {size_t{5}, size_t{6}, size_t{28}}) {
       image.addRecord(t, 0xA000 + 100 * t + i, pattern(10 + 90 * i, unsigned(t)));
     }
   }
@@ -45,11 +45,11 @@ inline BaseFile manyTables() {
 // Everything that a used file has: reserve, dead blocks of each kind, replaced table data.
 inline BaseFile usedFile() {
   FileImage image;
-  const std::size_t notes = image.addTable("notes", 0x1101);
-  const std::size_t blobs = image.addTable("blobs", 0x2202);
-  const std::size_t empty = image.addTable("empty", 0x3303);
-  std::vector<std::int64_t> at;
-  for (std::uint64_t i = 0; i < 8; ++i) {
+  const size_t notes = image.addTable("notes", 0x1101);
+  const size_t blobs = image.addTable("blobs", 0x2202);
+  const size_t empty = image.addTable("empty", 0x3303);
+  std::vector<int64_t> at;
+  for (uint64_t i = 0; i < 8; ++i) {
     at.push_back(
         image.addRecord(notes, 0xA1 + i, pattern(20 + i, unsigned(i + 1)), {.reserve = 40}));
     image.addRecord(blobs, 0xB1 + i, pattern(300, unsigned(i)));
@@ -60,7 +60,7 @@ inline BaseFile usedFile() {
   RecordFields moved = old;
   moved.room = pattern(70, 9);
   moved.dataLength = moved.dataCapacity = 70;
-  const std::int64_t now = image.addDeadRecord(moved);
+  const int64_t now = image.addDeadRecord(moved);
   image.record(at[0]).nextRecordPos = now;
   image.record(at[2]).prevRecordPos = now;
   image.record(at[2]).nextRecordPos = at[4];
@@ -72,22 +72,22 @@ inline BaseFile usedFile() {
 }
 
 // The payload of a category that lists these records.
-inline Bytes category(std::uint64_t id, const std::vector<std::uint64_t>& records) {
+inline Bytes category(uint64_t id, const std::vector<uint64_t>& records) {
   Bytes payload;
   payload.be(8, id).fill(64, 0x41).be(4, 1).be(8, 0).be(4, 1).be(8, 0xF1);
   payload.be(4, records.size());
-  for (const std::uint64_t record : records) payload.be(8, record);
+  for (const uint64_t record : records) payload.be(8, record);
   return payload.be(4, 3).text("abc");
 }
 
 inline BaseFile categoryFile() {
   FileImage image;
-  const std::size_t info = image.addTable("QVrz_Info", 0x51);
-  const std::size_t categories = image.addTable("QVrz_Category", 0x52);
-  const std::size_t records = image.addTable("QVrz_Record", 0x53);
-  const std::size_t empty = image.addTable("other", 0x54);
+  const size_t info = image.addTable("QVrz_Info", 0x51);
+  const size_t categories = image.addTable("QVrz_Category", 0x52);
+  const size_t records = image.addTable("QVrz_Record", 0x53);
+  const size_t empty = image.addTable("other", 0x54);
   image.addRecord(info, 0xF1, bytesOf("about"));
-  for (std::uint64_t i = 0; i < 9; ++i) image.addRecord(records, 0xE1 + i, pattern(33));
+  for (uint64_t i = 0; i < 9; ++i) image.addRecord(records, 0xE1 + i, pattern(33));
   image.setTableData(records, bytesOf("records"));
   image.addRecord(categories, 0xC1, category(0xC1, {0xE1, 0xE2}));
   image.addRecord(categories, 0xC2, category(0xC2, {}));
@@ -138,7 +138,7 @@ inline Checked checkBytes(const Bytes& bytes, qvdb::CheckOptions options = {.now
   return checked;
 }
 
-inline std::uint64_t sum(const qvdb::SpaceUse& space) {
+inline uint64_t sum(const qvdb::SpaceUse& space) {
   return space.directory + space.records + space.table_data + space.superseded + space.deleted +
          space.unlinked + space.lost + space.orphans + space.unknown;
 }

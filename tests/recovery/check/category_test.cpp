@@ -12,24 +12,24 @@ namespace {
 // A database of the three tables; its categories are added by the tests.
 struct Categories {
   FileImage image;
-  std::size_t info = image.addTable("QVrz_Info", 0x51);
-  std::size_t categories = image.addTable("QVrz_Category", 0x52);
-  std::size_t records = image.addTable("QVrz_Record", 0x53);
+  size_t info = image.addTable("QVrz_Info", 0x51);
+  size_t categories = image.addTable("QVrz_Category", 0x52);
+  size_t records = image.addTable("QVrz_Record", 0x53);
 
   Categories() {
     image.addRecord(info, 0xF1, bytesOf("about"));
-    for (const std::uint64_t id : {0xE1u, 0xE2u, 0xE3u}) image.addRecord(records, id, pattern(20));
+    for (const uint64_t id : {0xE1u, 0xE2u, 0xE3u}) image.addRecord(records, id, pattern(20));
   }
 
-  std::int64_t add(const Bytes& payload) { return image.addRecord(categories, 0xC1, payload); }
+  int64_t add(const Bytes& payload) { return image.addRecord(categories, 0xC1, payload); }
 
   Checked check() const { return checkBytes(image.build(), {.categories = true, .now = kNow}); }
 };
 
 // Places in the payload that category() makes: first count, its one entry, second count, entries.
-constexpr std::size_t kFirstCount = 84;
-constexpr std::size_t kSecondCount = 96;
-constexpr std::int64_t kSecondList = 100;
+constexpr size_t kFirstCount = 84;
+constexpr size_t kSecondCount = 96;
+constexpr int64_t kSecondList = 100;
 
 void expectOnly(const Checked& checked, const std::string& code, qvdb::Severity severity) {
   EXPECT_EQ(checked.codes(qvdb::Severity::warning), std::set<std::string>{code}) << checked.text();
@@ -43,13 +43,13 @@ TEST(CheckOfCategories, FindsNothingInSoundOnes) {
 }
 
 TEST(CheckOfCategories, NamesOneThatIsShorterThanItsCounts) {
-  for (const std::size_t field : {kFirstCount, kSecondCount}) {
-    for (const std::uint64_t count : {std::uint64_t{50}, std::uint64_t{0x7FFFFFFF},
-                                      std::uint64_t{0x80000000}, std::uint64_t{0xFFFFFFFF}}) {
+  for (const size_t field : {kFirstCount, kSecondCount}) {
+    for (const uint64_t count :
+         {uint64_t{50}, uint64_t{0x7FFFFFFF}, uint64_t{0x80000000}, uint64_t{0xFFFFFFFF}}) {
       Categories database;
       Bytes payload = category(0xC1, {0xE1});
       payload.putBe(field, 4, count);
-      const std::int64_t at = database.add(payload);
+      const int64_t at = database.add(payload);
       expectOnly(database.check(), "C1", qvdb::Severity::error);
       EXPECT_EQ(database.check().first("C1").offset, at + 55);
     }
@@ -61,7 +61,7 @@ TEST(CheckOfCategories, NamesOneThatIsShorterThanItsCounts) {
 
 TEST(CheckOfCategories, NamesARecordThatDoesNotExist) {
   Categories database;
-  const std::int64_t at = database.add(category(0xC1, {0xE1, 0xEE}));
+  const int64_t at = database.add(category(0xC1, {0xE1, 0xEE}));
   expectOnly(database.check(), "C2", qvdb::Severity::error);
   EXPECT_EQ(database.check().first("C2").offset, at + 55 + kSecondList + 8);
 }
@@ -77,7 +77,7 @@ TEST(CheckOfCategories, WarnsWhenATableIsMissing) {
     const char* const names[] = {"QVrz_Info", "QVrz_Category", "QVrz_Record"};
     FileImage image;
     for (int i = 0; i < 3; ++i) {
-      if (i != missing) image.addTable(names[i], 0x51 + static_cast<std::uint64_t>(i));
+      if (i != missing) image.addTable(names[i], 0x51 + static_cast<uint64_t>(i));
     }
     const Checked checked = checkBytes(image.build(), {.categories = true, .now = kNow});
     expectOnly(checked, "C4", qvdb::Severity::warning);

@@ -147,7 +147,7 @@ TEST_F(CheckFile, CallsASoundFileSoundBesideAnIdleWriter) {
 // the file open all the time or opened anew again and again.
 class RunningWriter {
  public:
-  RunningWriter(TempFolder& folder, int permission, bool reopens, std::uint64_t seed)
+  RunningWriter(TempFolder& folder, int permission, bool reopens, uint64_t seed)
       : path_(folder / "test.qvd"), size_(std::filesystem::file_size(path_)) {
     child_ = fork();
     if (child_ == 0) work(folder.wide("test.qvd"), permission, reopens, seed);
@@ -170,15 +170,14 @@ class RunningWriter {
   }
 
  private:
-  [[noreturn]] static void work(const QVWCHAR* path, int permission, bool reopens,
-                                std::uint64_t seed) {
+  [[noreturn]] static void work(const QVWCHAR* path, int permission, bool reopens, uint64_t seed) {
     std::mt19937 random(static_cast<unsigned>(seed));
-    std::deque<std::uint64_t> records;
+    std::deque<uint64_t> records;
     int16_t db = OpenDBaseW(path, permission);
-    for (std::uint64_t id = 1; db != 0; ++id) {
+    for (uint64_t id = 1; db != 0; ++id) {
       bool works = AddRecordData_AssignRecordID(db, kTable, pattern(40).data(), 40, 0, &id) == 1;
       records.push_back(id);
-      const std::uint64_t changed = records[random() % records.size()];
+      const uint64_t changed = records[random() % records.size()];
       works = works && ModifyRecordData(db, kTable, pattern(50).data(), 50, changed, nullptr) == 1;
       if (records.size() > 50) {
         works = works && DeleteOneRecord(db, kTable, records.front(), nullptr) == 1;
@@ -193,7 +192,7 @@ class RunningWriter {
   }
 
  public:
-  static constexpr std::uint64_t kTable = 0x11;
+  static constexpr uint64_t kTable = 0x11;
 
  private:
   std::filesystem::path path_;
@@ -202,10 +201,10 @@ class RunningWriter {
 };
 
 TEST_F(CheckFile, NeverReportsDamageBesideARunningWriter) {
-  const std::uint64_t seed = firstSeed();
-  std::uint64_t checks = 0;
-  std::uint64_t disturbed = 0;
-  for (std::uint64_t round = 0; round < seeds(4, 80) && !HasFailure(); ++round) {
+  const uint64_t seed = firstSeed();
+  uint64_t checks = 0;
+  uint64_t disturbed = 0;
+  for (uint64_t round = 0; round < seeds(4, 80) && !HasFailure(); ++round) {
     const bool reopens = round % 2 == 1;
     const int permission = round % 4 < 2 ? 3 : 4;
     FileImage image;
@@ -302,7 +301,7 @@ TEST_F(CheckFile, SaysWhereTheSystemCannotRead) {
     const auto path = put(bytes);
     bad = hasDirectory ? 4740 : 4700;  // in the second block's header; in the first one's payload
     platform::replaceSystemCalls(&calls);
-    std::map<std::string, std::int64_t> offsets;
+    std::map<std::string, int64_t> offsets;
     qvdb::check(
         path, [&](const qvdb::Finding& finding) { offsets.emplace(finding.code, finding.offset); },
         kQuick);
@@ -315,7 +314,7 @@ TEST_F(CheckFile, SaysWhereTheSystemCannotRead) {
 // A payload of zeros in a large block, which begins at 4630 and ends at 4630 + 56 + 100,000.
 Bytes withLargePayload() {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
+  const size_t table = image.addTable("notes", 0x11);
   image.addRecord(table, 0xA1, Bytes().zeros(100'000));
   image.addRecord(table, 0xA2, bytesOf("small"));
   return image.build();
@@ -383,9 +382,9 @@ TEST_F(CheckFile, SeesARealHole) {
 
 TEST_F(CheckFile, TellsNoMoreThanTheLimitOfFindingsThatAreAlike) {
   FileImage image;
-  const std::size_t table = image.addTable("many", 0x11);
-  for (std::uint64_t i = 1; i <= 100; ++i) {
-    const std::int64_t at = image.addRecord(table, i, {});
+  const size_t table = image.addTable("many", 0x11);
+  for (uint64_t i = 1; i <= 100; ++i) {
+    const int64_t at = image.addRecord(table, i, {});
     image.record(at).modifyTime = 1;
   }
   const Checked checked = checkBytes(image.build(), {.most_alike = 7, .now = kNow});

@@ -16,30 +16,28 @@ class Corrupter {
   explicit Corrupter(const BaseFile& base)
       : base_(base), bytes(base.bytes), read_(readDatabase(base.bytes)) {}
 
-  std::size_t slot(std::size_t field) const { return slotOffset(base_.target) + field; }
-  std::size_t emptySlot(std::size_t field) const { return slotOffset(base_.empty) + field; }
-  std::size_t freeSlot(std::size_t field) const { return slotOffset(base_.tables) + field; }
+  size_t slot(size_t field) const { return slotOffset(base_.target) + field; }
+  size_t emptySlot(size_t field) const { return slotOffset(base_.empty) + field; }
+  size_t freeSlot(size_t field) const { return slotOffset(base_.tables) + field; }
   // A record of the target table, by its place in the chain; negative from the end.
-  std::size_t record(int index, std::size_t field = 0) const {
+  size_t record(int index, size_t field = 0) const {
     const auto& records = read_.tables[base_.target].records;
-    const auto i = index < 0 ? records.size() + static_cast<std::size_t>(index)
-                             : static_cast<std::size_t>(index);
-    return static_cast<std::size_t>(records.at(i).position) + field;
+    const auto i =
+        index < 0 ? records.size() + static_cast<size_t>(index) : static_cast<size_t>(index);
+    return static_cast<size_t>(records.at(i).position) + field;
   }
-  std::size_t recordCapacity(int index) const { return bytes.beAt(record(index, 51), 4); }
-  std::size_t otherRecord() const {
-    return static_cast<std::size_t>(read_.tables[base_.other].records.at(0).position);
+  size_t recordCapacity(int index) const { return bytes.beAt(record(index, 51), 4); }
+  size_t otherRecord() const {
+    return static_cast<size_t>(read_.tables[base_.other].records.at(0).position);
   }
-  std::size_t data(std::size_t field = 0) const {
-    return static_cast<std::size_t>(read_.tables[base_.target].slot.firstDataPos) + field;
+  size_t data(size_t field = 0) const {
+    return static_cast<size_t>(read_.tables[base_.target].slot.firstDataPos) + field;
   }
-  std::size_t dataCapacity() const { return bytes.beAt(data(17), 4); }
+  size_t dataCapacity() const { return bytes.beAt(data(17), 4); }
 
-  void flip(std::size_t offset) { bytes.at(offset) ^= 0x55; }
-  void link(std::size_t offset, std::uint64_t position) { bytes.putBe(offset, 8, position); }
-  void slotLink(std::size_t field, std::uint64_t position) {
-    bytes.putLe(slot(field), 8, position);
-  }
+  void flip(size_t offset) { bytes.at(offset) ^= 0x55; }
+  void link(size_t offset, uint64_t position) { bytes.putBe(offset, 8, position); }
+  void slotLink(size_t field, uint64_t position) { bytes.putLe(slot(field), 8, position); }
 
   const BaseFile& base_;
   Bytes bytes;
@@ -57,10 +55,10 @@ struct Damage {
   bool isDeep = false;  // only a look into payloads shows it
 };
 
-constexpr std::size_t kNext = 39;
-constexpr std::size_t kPrev = 31;
-constexpr std::uint64_t kFarAway = std::uint64_t{1} << 40;
-constexpr std::uint64_t kNegative = 0xFFFFFFFFFFFFFF00;
+constexpr size_t kNext = 39;
+constexpr size_t kPrev = 31;
+constexpr uint64_t kFarAway = uint64_t{1} << 40;
+constexpr uint64_t kNegative = 0xFFFFFFFFFFFFFF00;
 const std::set<std::string> kBrokenChain = {"R5", "R10"};
 const std::set<std::string> kAnything = {"D1", "D2", "D3", "D6", "D7", "R1", "R2",
                                          "R3", "R5", "R9", "T1", "T2", "T3", "S1"};
@@ -68,7 +66,7 @@ const std::set<std::string> kAnything = {"D1", "D2", "D3", "D6", "D7", "R1", "R2
 // A database to be stored as a payload.
 Bytes storedDatabase() {
   FileImage image;
-  const std::size_t table = image.addTable("stored", 0x4411);
+  const size_t table = image.addTable("stored", 0x4411);
   image.addRecord(table, 0x901, pattern(30));
   return image.build();
 }
@@ -80,7 +78,7 @@ Bytes recordAround(const Bytes& payload, const Corrupter& c) {
   record.recordID = identifier(0x98765);
   record.createTime = record.modifyTime = 1000;
   record.room = payload;
-  record.dataLength = record.dataCapacity = static_cast<std::uint32_t>(payload.size());
+  record.dataLength = record.dataCapacity = static_cast<uint32_t>(payload.size());
   return record.encode();
 }
 
@@ -274,7 +272,7 @@ const Damage kDamages[] = {
     {"LastWrittenIsDead",
      "R16",
      [](Corrupter& c) {
-       const std::size_t end = c.bytes.size();
+       const size_t end = c.bytes.size();
        c.bytes.add(c.bytes.at(c.record(2), 56 + c.recordCapacity(2)));
        c.slotLink(80, end);
      },
@@ -316,15 +314,15 @@ const Damage kDamages[] = {
     {"DatabaseInALivePayload",
      "S6",
      [](Corrupter& c) {
-       const std::size_t end = c.bytes.size();
-       const std::uint64_t last = c.record(-1);
+       const size_t end = c.bytes.size();
+       const uint64_t last = c.record(-1);
        c.bytes.add(recordAround(storedDatabase(), c));
        c.link(end + kPrev, last);
        c.link(end + kNext, 0);
-       c.link(static_cast<std::size_t>(last) + kNext, end);
+       c.link(static_cast<size_t>(last) + kNext, end);
        c.slotLink(80, end);
        c.slotLink(88, end);
-       for (const std::size_t count : {std::size_t{60}, std::size_t{64}}) {
+       for (const size_t count : {size_t{60}, size_t{64}}) {
          c.bytes.putLe(c.slot(count), 4, c.bytes.leAt(c.slot(count), 4) + 1);
        }
      },
@@ -333,7 +331,7 @@ const Damage kDamages[] = {
     {"RecordOfALostTable",
      "S8",
      [](Corrupter& c) {
-       const std::size_t end = c.bytes.size();
+       const size_t end = c.bytes.size();
        c.bytes.add(c.bytes.at(c.record(2), 56 + c.recordCapacity(2)));
        c.bytes = c.bytes.with(end + 3, identifier(0x987));
      },
@@ -341,7 +339,7 @@ const Damage kDamages[] = {
     {"TableDataOfALostTable",
      "S8",
      [](Corrupter& c) {
-       const std::size_t end = c.bytes.size();
+       const size_t end = c.bytes.size();
        c.bytes.add(c.bytes.at(c.data(), 22 + c.dataCapacity()));
        c.bytes = c.bytes.with(end + 3, identifier(0x987));
      },
@@ -364,7 +362,7 @@ const Damage kDamages[] = {
 };
 
 // All damages of one file in one test, which takes less than starting a program for each.
-class CheckFinds : public testing::TestWithParam<std::size_t> {};
+class CheckFinds : public testing::TestWithParam<size_t> {};
 
 TEST_P(CheckFinds, TheCodeOfEachDamageAndNoFalseOne) {
   const BaseFile& base = baseFiles()[GetParam()];
@@ -384,7 +382,7 @@ TEST_P(CheckFinds, TheCodeOfEachDamageAndNoFalseOne) {
   tellCount("damaged files, each named by its code", std::size(kDamages));
 }
 
-INSTANTIATE_TEST_SUITE_P(InFile, CheckFinds, testing::Range(std::size_t{0}, std::size_t{3}));
+INSTANTIATE_TEST_SUITE_P(InFile, CheckFinds, testing::Range(size_t{0}, size_t{3}));
 
 TEST(Corrupter, KnowsAtLeastFiftyKindsOfDamage) {
   EXPECT_GE(std::size(kDamages), 50u);

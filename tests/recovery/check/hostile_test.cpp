@@ -23,19 +23,18 @@ void expectSurvived(const Bytes& bytes, const std::string& what) {
 }
 
 TEST(CheckOfHostileFiles, SurvivesRandomChanges) {
-  const std::uint64_t first = firstSeed();
+  const uint64_t first = firstSeed();
   const std::vector<BaseFile>& bases = baseFiles();
-  for (std::uint64_t seed = first; seed < first + seeds(400, 20'000); ++seed) {
+  for (uint64_t seed = first; seed < first + seeds(400, 20'000); ++seed) {
     std::mt19937 random(static_cast<unsigned>(seed));
     Bytes bytes = bases[seed % bases.size()].bytes;
-    const auto changes = static_cast<std::uint32_t>(1 + random() % 40);
-    for (std::uint32_t i = 0; i < changes; ++i) {
-      const std::size_t at = random() % bytes.size();
+    const auto changes = static_cast<uint32_t>(1 + random() % 40);
+    for (uint32_t i = 0; i < changes; ++i) {
+      const size_t at = random() % bytes.size();
       if (random() % 4 == 0 && at + 8 < bytes.size()) {
-        bytes.putBe(at, 8,
-                    random() % 3 == 0 ? random() % bytes.size() : std::uint64_t{random()} << 32);
+        bytes.putBe(at, 8, random() % 3 == 0 ? random() % bytes.size() : uint64_t{random()} << 32);
       } else {
-        bytes[at] = static_cast<std::uint8_t>(random());
+        bytes[at] = static_cast<uint8_t>(random());
       }
     }
     if (random() % 5 == 0) bytes.resize(random() % bytes.size());
@@ -45,11 +44,11 @@ TEST(CheckOfHostileFiles, SurvivesRandomChanges) {
 }
 
 TEST(CheckOfHostileFiles, SurvivesRandomBytes) {
-  const std::uint64_t first = firstSeed();
-  for (std::uint64_t seed = first; seed < first + seeds(20, 1000); ++seed) {
+  const uint64_t first = firstSeed();
+  for (uint64_t seed = first; seed < first + seeds(20, 1000); ++seed) {
     std::mt19937 random(static_cast<unsigned>(seed));
     Bytes bytes(random() % 30'000);
-    for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
     expectSurvived(bytes, "random bytes, QVDBASE_TEST_SEED=" + std::to_string(seed));
     Bytes headed = FileImage().build().add(bytes);
     headed.putBe(16, 2, 31);
@@ -59,14 +58,14 @@ TEST(CheckOfHostileFiles, SurvivesRandomBytes) {
 
 // Each block claims everything that follows, and an end mark stands at the end.
 TEST(CheckOfHostileFiles, IsLinearInBlocksThatCoverEachOther) {
-  constexpr std::size_t kCount = 50'000;
+  constexpr size_t kCount = 50'000;
   FileImage image;
   image.addTable("notes", 0x11);
   Bytes bytes = image.build();
-  const std::size_t end = bytes.size() + kCount * 56;
+  const size_t end = bytes.size() + kCount * 56;
   RecordFields record;
   record.tableID = identifier(0x11);
-  for (std::size_t i = 0; i < kCount; ++i) {
+  for (size_t i = 0; i < kCount; ++i) {
     record.recordID = identifier(i + 1);
     Bytes block = record.encode();
     block.putBe(51, 4, end - bytes.size() - 56);
@@ -78,11 +77,11 @@ TEST(CheckOfHostileFiles, IsLinearInBlocksThatCoverEachOther) {
 // Every slot claims the same long chain, which loops at its end.
 TEST(CheckOfHostileFiles, IsLinearInAChainThatManySlotsClaim) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  for (std::uint64_t i = 1; i <= 20'000; ++i) image.addRecord(table, i, {});
+  const size_t table = image.addTable("notes", 0x11);
+  for (uint64_t i = 1; i <= 20'000; ++i) image.addRecord(table, i, {});
   image.record(image.slot(table).lastRecordPos).nextRecordPos = image.slot(table).firstRecordPos;
   image.slot(table).recordCount = 0xFFFFFFFF;
-  for (std::size_t i = 1; i < 31; ++i) image.slot(i) = image.slot(table);
+  for (size_t i = 1; i < 31; ++i) image.slot(i) = image.slot(table);
   image.header().tableCount = 31;
   expectSurvived(image.build(), "a shared loop");
 }
@@ -100,10 +99,10 @@ TEST(CheckOfHostileFiles, IsLinearInNestedHeaders) {
 // Blocks of as many tables as there are blocks, outside of payloads and inside of one.
 TEST(CheckOfHostileFiles, IsLinearInTablesThatTheDirectoryDoesNotHave) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
+  const size_t table = image.addTable("notes", 0x11);
   Bytes blocks;
   RecordFields record;
-  for (std::uint64_t i = 0; i < 40'000; ++i) {
+  for (uint64_t i = 0; i < 40'000; ++i) {
     record.tableID = identifier(0x10000 + i);
     record.recordID = identifier(i + 1);
     blocks.add(record.encode());
@@ -116,11 +115,11 @@ TEST(CheckOfHostileFiles, IsLinearInTablesThatTheDirectoryDoesNotHave) {
 // A record of which each version holds the whole database up to then is stored over and over.
 TEST(CheckOfHostileFiles, IsLinearInCopiesOfTheDatabaseItself) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
+  const size_t table = image.addTable("notes", 0x11);
   FileImage earlier;
   earlier.addTable("notes", 0x11);
   earlier.addRaw(pattern(77));  // what stood there before a pack
-  for (std::uint64_t i = 1; i <= 20; ++i) {
+  for (uint64_t i = 1; i <= 20; ++i) {
     image.addRecord(table, i, bytesOf("text"));
     earlier.addRecord(table, i, bytesOf("text"));
   }
@@ -129,7 +128,7 @@ TEST(CheckOfHostileFiles, IsLinearInCopiesOfTheDatabaseItself) {
   version.tableID = identifier(0x11);
   version.recordID = identifier(0xFF);
   version.room = copy;
-  version.dataLength = version.dataCapacity = static_cast<std::uint32_t>(copy.size());
+  version.dataLength = version.dataCapacity = static_cast<uint32_t>(copy.size());
   for (int i = 0; i < 1000; ++i) image.addDeadRecord(version);
   const Bytes bytes = image.build();
   expectSurvived(bytes, "copies");
@@ -137,7 +136,7 @@ TEST(CheckOfHostileFiles, IsLinearInCopiesOfTheDatabaseItself) {
 }
 
 TEST(CheckOfHostileFiles, DoesNotBelieveASlotCount) {
-  for (const std::uint64_t count : {0u, 1u, 127u, 128u, 0x7FFFu, 0xFFFFu}) {
+  for (const uint64_t count : {0u, 1u, 127u, 128u, 0x7FFFu, 0xFFFFu}) {
     Bytes bytes = usedFile().bytes;
     bytes.putBe(18, 2, count);
     bytes.putBe(16, 2, count);

@@ -9,7 +9,7 @@ namespace {
 // A list as docs/imported-files.md describes it.
 class NameList {
  public:
-  NameList& entry(char kind, std::uint64_t record, const std::string& rest, std::uint8_t shared = 0,
+  NameList& entry(char kind, uint64_t record, const std::string& rest, uint8_t shared = 0,
                   const std::string& target = {}) {
     bytes_.text(std::string(1, kind)).be(2, 0644).be(8, 1000).be(4, 5).be(8, record);
     bytes_.be(1, shared).be(1, rest.size()).text(rest).be(1, target.size()).text(target);
@@ -31,14 +31,14 @@ NameList soundList() {
 
 struct Imported {
   Checked checked;
-  std::int64_t list = 0;  // where it begins
+  int64_t list = 0;  // where it begins
 };
 
 Imported checkList(const Bytes& list, const Bytes& record = bytesOf("1")) {
   FileImage image;
   image.addTable("files", 0x11);
   image.addRecord(0, 0xA1, record);
-  image.setTableData(0, list, static_cast<std::uint32_t>(list.size() + 20));
+  image.setTableData(0, list, static_cast<uint32_t>(list.size() + 20));
   return {checkBytes(image.build(), {.now = kNow}), image.slot(0).firstDataPos + 21};
 }
 
@@ -49,16 +49,16 @@ TEST(CheckOfImportedNames, FindsNothingInASoundList) {
 }
 
 TEST(CheckOfImportedNames, WarnsAtTheFirstEntryThatMakesNoSense) {
-  const std::size_t second = 8 + 23 + 4;
+  const size_t second = 8 + 23 + 4;
   const Bytes sound = soundList().bytes();
-  for (const std::size_t at : {second, second + 23, second + 24, second + 25, second + 29}) {
+  for (const size_t at : {second, second + 23, second + 24, second + 25, second + 29}) {
     Bytes list = sound;
     list[at] = at == second + 25 ? 0x00 : 0xFF;  // kind, shared, rest, the name itself, target
     const Imported imported = checkList(list);
     EXPECT_EQ(imported.checked.report.state, qvdb::CheckState::unusual) << at;
     const qvdb::Finding finding = imported.checked.first("I1");
     EXPECT_EQ(finding.severity, qvdb::Severity::warning);
-    EXPECT_EQ(finding.offset, imported.list + static_cast<std::int64_t>(second));
+    EXPECT_EQ(finding.offset, imported.list + static_cast<int64_t>(second));
     EXPECT_NE(finding.message.find("first 1 entry"), std::string::npos) << finding.message;
     EXPECT_EQ(finding.table, "files");
   }
@@ -73,8 +73,8 @@ TEST(CheckOfImportedNames, WarnsOfNamesThatLeadOutOfAFolder) {
 
 TEST(CheckOfImportedNames, WarnsOfAListThatIsCutOffAnywhere) {
   const Bytes sound = soundList().bytes();
-  const std::set<std::size_t> ends = {8, 8 + 27, 8 + 27 + 30, 8 + 27 + 30 + 33};
-  for (std::size_t size = 8; size < sound.size(); ++size) {
+  const std::set<size_t> ends = {8, 8 + 27, 8 + 27 + 30, 8 + 27 + 30 + 33};
+  for (size_t size = 8; size < sound.size(); ++size) {
     const Checked checked = checkList(sound.cut(size)).checked;
     EXPECT_EQ(checked.codes(qvdb::Severity::warning).count("I1"), ends.count(size) == 0 ? 1u : 0u)
         << size << checked.text();
@@ -124,7 +124,7 @@ TEST(CheckOfImportedNames, IsNotHeldUpByNamesThatShareEverything) {
   const Checked checked = checkList(list).checked;
   EXPECT_EQ(checked.codes(qvdb::Severity::warning), std::set<std::string>{"I1"});
   // How far it is read does not depend on where in the file it is.
-  const Checked after = checkList(list, Bytes(std::size_t{3} << 20, '1')).checked;
+  const Checked after = checkList(list, Bytes(size_t{3} << 20, '1')).checked;
   EXPECT_EQ(after.first("I1").message, checked.first("I1").message);
 }
 

@@ -17,22 +17,22 @@ class Outlook : public testing::Test {
   template <typename Call>
   bool succeeds(const Bytes& bytes, Call call) {
     writeFile(folder / "a.qvd", bytes);
-    const std::int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
+    const int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
     EXPECT_NE(db, 0);
     const bool result = call(db);
     CloseDBase(db);
     return result;
   }
 
-  static bool lists(std::int16_t db, const qvdb::TableOutlook& table) {
+  static bool lists(int16_t db, const qvdb::TableOutlook& table) {
     if (table.counted > 100'000) return table.list;  // not walked here
-    std::vector<std::uint64_t> ids(table.counted + 1);
-    std::uint32_t count = 0;
+    std::vector<uint64_t> ids(table.counted + 1);
+    uint32_t count = 0;
     return GetRecordUuIDList(db, table.id.value, ids.data(), &count) == 1;
   }
 
-  static bool readsData(std::int16_t db, std::uint64_t table) {
-    std::uint32_t size = 0;
+  static bool readsData(int16_t db, uint64_t table) {
+    uint32_t size = 0;
     if (GetTableDataSize(db, table, &size) != 1) return false;
     if (size > 1'000'000) return false;
     std::vector<unsigned char> data(size + 1);
@@ -46,21 +46,20 @@ class Outlook : public testing::Test {
     const raw::Survey survey = raw::makeSurvey(source);
     const raw::Walk& walk = survey.tableOfSlot(table.slot)->forward;
     if (walk.blocks.size() < table.counted && walk.end != raw::WalkEnd::loop) return false;
-    const std::size_t count = std::min<std::size_t>(walk.blocks.size(), table.counted);
-    for (std::size_t i = 0; i < count; ++i) {
-      const std::uint64_t record = survey.blocks[walk.blocks[i]].recordID;
+    const size_t count = std::min<size_t>(walk.blocks.size(), table.counted);
+    for (size_t i = 0; i < count; ++i) {
+      const uint64_t record = survey.blocks[walk.blocks[i]].recordID;
       if (!succeeds(bytes, [&](auto db) { return call(db, record) == 1; })) return false;
     }
     return true;
   }
 
-  static bool hasRoomFor(const Bytes& bytes, const qvdb::TableOutlook& table, std::uint32_t size) {
+  static bool hasRoomFor(const Bytes& bytes, const qvdb::TableOutlook& table, uint32_t size) {
     const raw::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
     const raw::Survey survey = raw::makeSurvey(source);
-    const std::vector<std::uint32_t>& walk = survey.tableOfSlot(table.slot)->forward.blocks;
-    return std::any_of(walk.begin(), walk.end(), [&](std::uint32_t number) {
-      return survey.blocks[number].capacity >= size;
-    });
+    const std::vector<uint32_t>& walk = survey.tableOfSlot(table.slot)->forward.blocks;
+    return std::any_of(walk.begin(), walk.end(),
+                       [&](uint32_t number) { return survey.blocks[number].capacity >= size; });
   }
 
   // Whether pack and link repair do what was foretold.
@@ -81,8 +80,7 @@ class Outlook : public testing::Test {
     const ReadDatabase after = slotsOf(readFile(folder / "a.qvd"));
     for (const qvdb::RepairedTable& table : preview.tables) {
       if (!table.rewritten) continue;
-      EXPECT_EQ(after.tables[static_cast<std::size_t>(table.slot)].slot.recordCount, table.kept)
-          << what;
+      EXPECT_EQ(after.tables[static_cast<size_t>(table.slot)].slot.recordCount, table.kept) << what;
     }
   }
 
@@ -92,14 +90,14 @@ class Outlook : public testing::Test {
     if (checked.has("H6")) return;
     expectTrueOfTheFile(bytes, checked, what);
     for (const qvdb::TableOutlook& table : checked.report.tables) {
-      const std::uint64_t id = table.id.value;
+      const uint64_t id = table.id.value;
       const std::string where = what + ", table " + table.name + "\n" + checked.text();
-      std::uint32_t count = 0;
+      uint32_t count = 0;
       EXPECT_EQ(succeeds(bytes, [&](auto db) { return GetNumberOfRecords(db, id, &count) == 1; }),
                 table.reachable)
           << where;
       if (!table.reachable) continue;
-      std::uint64_t record = 0;
+      uint64_t record = 0;
       EXPECT_EQ(
           succeeds(bytes,
                    [&](auto db) { return AddRecordData(db, id, nullptr, 0, 0, &record) == 1; }),
@@ -109,15 +107,13 @@ class Outlook : public testing::Test {
       EXPECT_EQ(succeeds(bytes, [&](auto db) { return SetTableData(db, id, nullptr, 0, 0) == 1; }),
                 table.set_data)
           << where;
-      EXPECT_EQ(succeedsForAll(bytes, table,
-                               [&](auto db, std::uint64_t each) {
-                                 return DeleteOneRecord(db, id, each, nullptr);
-                               }),
+      EXPECT_EQ(succeedsForAll(
+                    bytes, table,
+                    [&](auto db, uint64_t each) { return DeleteOneRecord(db, id, each, nullptr); }),
                 table.delete_all)
           << where;
       const ReadDatabase slots = slotsOf(bytes);
-      const bool hasData =
-          slots.tables[static_cast<std::size_t>(table.slot)].slot.firstDataPos != 0;
+      const bool hasData = slots.tables[static_cast<size_t>(table.slot)].slot.firstDataPos != 0;
       if (hasData) {
         EXPECT_EQ(succeeds(bytes, [&](auto db) { return readsData(db, id); }), table.get_data)
             << where;
@@ -126,7 +122,7 @@ class Outlook : public testing::Test {
       if (hasRoomFor(bytes, table, 3000)) continue;
       const Bytes large = pattern(3000);
       EXPECT_EQ(succeedsForAll(bytes, table,
-                               [&](auto db, std::uint64_t each) {
+                               [&](auto db, uint64_t each) {
                                  return ModifyRecordData(db, id, large.data(), 3000, each, nullptr);
                                }),
                 table.enlarge_all)
@@ -137,7 +133,7 @@ class Outlook : public testing::Test {
   // The slots alone, whatever is behind them.
   static ReadDatabase slotsOf(const Bytes& bytes) {
     ReadDatabase database;
-    for (std::size_t i = 0; i < kSlots && slotOffset(i + 1) <= bytes.size(); ++i) {
+    for (size_t i = 0; i < kSlots && slotOffset(i + 1) <= bytes.size(); ++i) {
       ReadTable table;
       table.slot = decodeSlot(bytes, i);
       database.tables.push_back(table);
@@ -150,20 +146,20 @@ class Outlook : public testing::Test {
 
 // Damage without rhyme or reason: single bytes of header, slots and block headers.
 TEST_F(Outlook, IsTrueForRandomDamage) {
-  const std::uint64_t first = firstSeed();
-  for (std::uint64_t seed = first; seed < first + seeds(40, 1500); ++seed) {
+  const uint64_t first = firstSeed();
+  for (uint64_t seed = first; seed < first + seeds(40, 1500); ++seed) {
     std::mt19937 random(static_cast<unsigned>(seed));
     const std::vector<BaseFile> bases = {usedFile(), categoryFile()};
     Bytes bytes = bases[seed % 2].bytes;
     const ReadDatabase read = readDatabase(bytes);
     for (int i = 0; i < 3; ++i) {
-      std::size_t at = 16 + random() % (22 - 16 + 3 * 144);
+      size_t at = 16 + random() % (22 - 16 + 3 * 144);
       const ReadTable& table = read.tables[random() % 2];
       if (random() % 2 == 0 && !table.records.empty()) {
         const ReadRecord& record = table.records[random() % table.records.size()];
-        at = static_cast<std::size_t>(record.position) + random() % 55;
+        at = static_cast<size_t>(record.position) + random() % 55;
       }
-      bytes[at] = random() % 3 == 0 ? std::uint8_t{0} : static_cast<std::uint8_t>(random());
+      bytes[at] = random() % 3 == 0 ? uint8_t{0} : static_cast<uint8_t>(random());
     }
     expectTrue(bytes, "QVDBASE_TEST_SEED=" + std::to_string(seed));
     if (HasFailure()) return;
@@ -173,9 +169,9 @@ TEST_F(Outlook, IsTrueForRandomDamage) {
 // One forward link of a thousand is cleared: link repair keeps the part before it and no more.
 TEST_F(Outlook, TellsWhatLinkRepairWouldLose) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  std::vector<std::int64_t> at;
-  for (std::uint64_t i = 1; i <= 1000; ++i) at.push_back(image.addRecord(table, i, {}));
+  const size_t table = image.addTable("notes", 0x11);
+  std::vector<int64_t> at;
+  for (uint64_t i = 1; i <= 1000; ++i) at.push_back(image.addRecord(table, i, {}));
   image.record(at[10]).nextRecordPos = 0;
   writeFile(folder / "a.qvd", image.build());
   const qvdb::RepairPreview preview = qvdb::predict_repair(folder / "a.qvd");
@@ -191,8 +187,8 @@ TEST_F(Outlook, TellsWhatLinkRepairWouldLose) {
 
 TEST_F(Outlook, TellsWhatLinkRepairWouldMiss) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  const std::int64_t first = image.addRecord(table, 1, {});
+  const size_t table = image.addTable("notes", 0x11);
+  const int64_t first = image.addRecord(table, 1, {});
   image.addRecord(table, 2, {});
   image.slot(table).recordCount = image.slot(table).recordWriteCount = 1;
   image.slot(table).lastRecordPos = first;
@@ -217,9 +213,9 @@ TEST_F(Outlook, IsTrueForSoundFiles) {
 
 TEST_F(Outlook, IsTrueForAnAppendThatWasCutOffBeforeTheSlot) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
+  const size_t table = image.addTable("notes", 0x11);
   image.addRecord(table, 0xA1, bytesOf("first"));
-  const std::int64_t last = image.addRecord(table, 0xA2, bytesOf("second"));
+  const int64_t last = image.addRecord(table, 0xA2, bytesOf("second"));
   SlotFields& slot = image.slot(table);
   slot.recordCount = slot.recordWriteCount = 1;
   slot.lastRecordPos = slot.lastWrittenRecordPos = slot.firstRecordPos;

@@ -23,11 +23,11 @@ namespace qvdbase::test {
 class RandomDatabase {
  public:
   struct Record {
-    std::uint64_t id = 0;
+    uint64_t id = 0;
     Bytes payload;
   };
   struct Table {
-    std::uint64_t id = 0;
+    uint64_t id = 0;
     std::string name;
     std::vector<Record> records;  // in chain order
     Bytes data;
@@ -35,7 +35,7 @@ class RandomDatabase {
   };
   enum class Fate { superseded, deleted };
 
-  RandomDatabase(TempFolder& folder, const std::string& name, std::uint64_t seed)
+  RandomDatabase(TempFolder& folder, const std::string& name, uint64_t seed)
       : path_(folder / name), random_(seed) {
     db_ = CreateDBaseW(folder.wide(name), "QVdb", 100);
     EXPECT_NE(db_, 0);
@@ -52,20 +52,20 @@ class RandomDatabase {
   // The three tables that a pack with new identifiers looks into. A category names any records but
   // the last one, which such a pack would not find.
   void addCategories() {
-    const std::uint64_t info = AddTable(db_, "QVrz_Info");
-    const std::uint64_t categories = AddTable(db_, "QVrz_Category");
-    const std::uint64_t records = AddTable(db_, "QVrz_Record");
-    std::vector<std::uint64_t> named;
-    for (std::uint32_t i = below(6); i > 0; --i) named.push_back(addTo(records, payload()));
+    const uint64_t info = AddTable(db_, "QVrz_Info");
+    const uint64_t categories = AddTable(db_, "QVrz_Category");
+    const uint64_t records = AddTable(db_, "QVrz_Record");
+    std::vector<uint64_t> named;
+    for (uint32_t i = below(6); i > 0; --i) named.push_back(addTo(records, payload()));
     addTo(records, payload());
     addTo(info, payload());
-    for (std::uint32_t i = below(4); i > 0; --i) {
+    for (uint32_t i = below(4); i > 0; --i) {
       std::shuffle(named.begin(), named.end(), random_);
       Bytes category;
       category.be(8, random_()).fill(64, 0x41).be(4, 1).be(8, 0).be(4, 1).be(8, random_());
-      const std::size_t count = named.empty() ? 0 : below(static_cast<std::uint32_t>(named.size()));
+      const size_t count = named.empty() ? 0 : below(static_cast<uint32_t>(named.size()));
       category.be(4, count);
-      for (std::size_t n = 0; n < count; ++n) category.be(8, named[n]);
+      for (size_t n = 0; n < count; ++n) category.be(8, named[n]);
       const Bytes extra = payload();
       addTo(categories, category.be(4, extra.size()).add(extra));
     }
@@ -79,18 +79,18 @@ class RandomDatabase {
   const std::filesystem::path& path() const { return path_; }
   const std::vector<Table>& tables() const { return tables_; }
   // Every block that is no longer in use, by its position.
-  const std::map<std::int64_t, Fate>& dead() const { return dead_; }
+  const std::map<int64_t, Fate>& dead() const { return dead_; }
 
  private:
-  std::uint32_t below(std::uint32_t limit) {
-    return std::uniform_int_distribution<std::uint32_t>(0, limit - 1)(random_);
+  uint32_t below(uint32_t limit) {
+    return std::uniform_int_distribution<uint32_t>(0, limit - 1)(random_);
   }
 
   Bytes payload() { return pattern(below(4) == 0 ? below(2000) : below(60), below(1000)); }
 
   void step() {
-    const std::uint32_t choice = below(100);
-    Table& table = tables_[below(static_cast<std::uint32_t>(tables_.size()))];
+    const uint32_t choice = below(100);
+    Table& table = tables_[below(static_cast<uint32_t>(tables_.size()))];
     if (choice < 4) return addTable();
     if (choice < 45 || table.records.empty()) return add(&table);
     if (choice < 65) return modify(&table);
@@ -102,17 +102,17 @@ class RandomDatabase {
   void addTable() {
     if (tables_.size() == 31) return;
     const std::string name = "table " + std::to_string(tables_.size());
-    const std::uint64_t id = AddTable(db_, name.c_str());
+    const uint64_t id = AddTable(db_, name.c_str());
     EXPECT_NE(id, 0u);
     tables_.push_back({id, name, {}, {}, false});
   }
 
   void add(Table* table) {
     Record record = {0, payload()};
-    const auto size = static_cast<std::uint32_t>(record.payload.size());
-    const std::uint32_t reserve = below(2) == 0 ? 0 : below(200);
+    const auto size = static_cast<uint32_t>(record.payload.size());
+    const uint32_t reserve = below(2) == 0 ? 0 : below(200);
     if (below(3) == 0) {
-      record.id = (std::uint64_t{random_()} << 32 | random_()) | 1;
+      record.id = (uint64_t{random_()} << 32 | random_()) | 1;
       EXPECT_EQ(AddRecordData_AssignRecordID(db_, table->id, record.payload.data(), size, reserve,
                                              &record.id),
                 1);
@@ -122,19 +122,19 @@ class RandomDatabase {
     table->records.push_back(std::move(record));
   }
 
-  std::uint64_t addTo(std::uint64_t table, const Bytes& payload) {
-    std::uint64_t id = 0;
-    EXPECT_EQ(AddRecordData(db_, table, payload.data(), static_cast<std::uint32_t>(payload.size()),
+  uint64_t addTo(uint64_t table, const Bytes& payload) {
+    uint64_t id = 0;
+    EXPECT_EQ(AddRecordData(db_, table, payload.data(), static_cast<uint32_t>(payload.size()),
                             below(50), &id),
               1);
     return id;
   }
 
   Record& any(Table* table) {
-    return table->records[below(static_cast<std::uint32_t>(table->records.size()))];
+    return table->records[below(static_cast<uint32_t>(table->records.size()))];
   }
 
-  std::int64_t positionOf(const Table& table, const Record& record) {
+  int64_t positionOf(const Table& table, const Record& record) {
     oneRecordInfoP1 info = {};
     EXPECT_EQ(GetOneRecordInfo(db_, table.id, record.id, &info, nullptr), 1);
     return info.recordPos;
@@ -144,8 +144,8 @@ class RandomDatabase {
     Record& record = any(table);
     Bytes next = payload();
     if (next.empty()) return;
-    const std::int64_t before = positionOf(*table, record);
-    EXPECT_EQ(ModifyRecordData(db_, table->id, next.data(), static_cast<std::uint32_t>(next.size()),
+    const int64_t before = positionOf(*table, record);
+    EXPECT_EQ(ModifyRecordData(db_, table->id, next.data(), static_cast<uint32_t>(next.size()),
                                record.id, nullptr),
               1);
     record.payload = std::move(next);
@@ -153,8 +153,8 @@ class RandomDatabase {
   }
 
   void remove(Table* table) {
-    const std::size_t i = below(static_cast<std::uint32_t>(table->records.size()));
-    const std::int64_t before = positionOf(*table, table->records[i]);
+    const size_t i = below(static_cast<uint32_t>(table->records.size()));
+    const int64_t before = positionOf(*table, table->records[i]);
     EXPECT_EQ(DeleteOneRecord(db_, table->id, table->records[i].id, nullptr), 1);
     table->records.erase(table->records.begin() + static_cast<std::ptrdiff_t>(i));
     dead_[before] = Fate::deleted;
@@ -165,39 +165,39 @@ class RandomDatabase {
   }
 
   void setData(Table* table) {
-    const std::int64_t before = dataPosition(*table);
+    const int64_t before = dataPosition(*table);
     table->data = payload();
     table->hasData = true;
     EXPECT_EQ(SetTableData(db_, table->id, table->data.data(),
-                           static_cast<std::uint32_t>(table->data.size()), below(100)),
+                           static_cast<uint32_t>(table->data.size()), below(100)),
               1);
     if (before != 0 && dataPosition(*table) != before) dead_[before] = Fate::superseded;
   }
 
-  std::int64_t dataPosition(const Table& table) {
-    const auto slot = static_cast<std::size_t>(&table - tables_.data());
+  int64_t dataPosition(const Table& table) {
+    const auto slot = static_cast<size_t>(&table - tables_.data());
     Bytes bytes(8);
     std::ifstream in(path_, std::ios::binary);
     in.seekg(static_cast<std::streamoff>(slotOffset(slot) + 112));
     in.read(reinterpret_cast<char*>(bytes.data()), 8);
-    return static_cast<std::int64_t>(bytes.leAt(0, 8));
+    return static_cast<int64_t>(bytes.leAt(0, 8));
   }
 
   std::filesystem::path path_;
   std::mt19937 random_;
-  std::int16_t db_ = 0;
+  int16_t db_ = 0;
   std::vector<Table> tables_;
-  std::map<std::int64_t, Fate> dead_;
+  std::map<int64_t, Fate> dead_;
 };
 
 // The first seed of the random tests of this process; the others follow it.
-inline std::uint64_t firstSeed() {
-  static const std::uint64_t seed = randomSeed();
+inline uint64_t firstSeed() {
+  static const uint64_t seed = randomSeed();
   return seed;
 }
 
 // How many seeds, or places, a family tries.
-inline std::uint64_t seeds(std::uint64_t sample, std::uint64_t all) {
+inline uint64_t seeds(uint64_t sample, uint64_t all) {
   return testEverything() ? all : sample;
 }
 

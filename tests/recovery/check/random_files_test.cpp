@@ -58,17 +58,17 @@ class CheckOfPacks : public testing::Test {
 
   int tryPackWithHandle() {
     int status = -1;
-    std::uint16_t source = 0;
-    std::uint16_t target = 0;
+    uint16_t source = 0;
+    uint16_t target = 0;
     return PackOneDB2New_WithHandle(wide("random.qvd"), wide("handled.qvd"), 0, nullptr, &source,
                                     &target, &status);
   }
 
   void renumber() {
-    const std::int16_t db = OpenDBaseW(wide("random.qvd"), 3);
+    const int16_t db = OpenDBaseW(wide("random.qvd"), 3);
     ASSERT_NE(db, 0);
-    std::uint16_t source = 0;
-    std::uint16_t target = 0;
+    uint16_t source = 0;
+    uint16_t target = 0;
     int status = -1;
     EXPECT_EQ(PackOneDB2AllNewUUIDFile(wide("renumbered.qvd"), db, 0, nullptr, &source, &target,
                                        &status, nullptr),
@@ -86,7 +86,7 @@ class CheckOfPacks : public testing::Test {
   }
 
   TempFolder folder{TempFolder::inMemory()};
-  std::uint64_t files = 0;
+  uint64_t files = 0;
 };
 
 class CheckOfRandomFiles : public CheckOfPacks, public testing::WithParamInterface<int> {
@@ -94,12 +94,12 @@ class CheckOfRandomFiles : public CheckOfPacks, public testing::WithParamInterfa
   static constexpr int kShares = 10;
 
   // Each share has seeds of its own; the first share's first is the one that is printed.
-  static std::uint64_t first() { return firstSeed() + std::uint64_t(GetParam()) * share(); }
-  static std::uint64_t share() { return seeds(500, 10'000) / kShares; }
+  static uint64_t first() { return firstSeed() + uint64_t(GetParam()) * share(); }
+  static uint64_t share() { return seeds(500, 10'000) / kShares; }
 };
 
 TEST_P(CheckOfRandomFiles, FindsNoDamageInThemNorInTheirPacks) {
-  for (std::uint64_t seed = first(); seed < first() + share(); ++seed) {
+  for (uint64_t seed = first(); seed < first() + share(); ++seed) {
     SCOPED_TRACE("QVDBASE_TEST_SEED=" + std::to_string(seed));
     const bool hasCategories = seed % 2 == 0;
     {
@@ -131,9 +131,9 @@ TEST_F(CheckOfPacks, NamesTheSlotsOfThePackWithHandles) {
 INSTANTIATE_TEST_SUITE_P(Share, CheckOfRandomFiles, testing::Range(0, 10));
 
 TEST(LabelsOfDeadBlocks, SayWhatHappened) {
-  const std::uint64_t first = firstSeed();
-  std::size_t dead = 0;
-  for (std::uint64_t seed = first; seed < first + seeds(5, 100); ++seed) {
+  const uint64_t first = firstSeed();
+  size_t dead = 0;
+  for (uint64_t seed = first; seed < first + seeds(5, 100); ++seed) {
     TempFolder folder;
     RandomDatabase database(folder, "random.qvd", seed);
     database.run(600);
@@ -142,7 +142,7 @@ TEST(LabelsOfDeadBlocks, SayWhatHappened) {
     const raw::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
     const raw::Survey survey = raw::makeSurvey(source);
 
-    std::map<std::int64_t, RandomDatabase::Fate> labelled;
+    std::map<int64_t, RandomDatabase::Fate> labelled;
     for (const raw::Block& block : survey.blocks) {
       EXPECT_EQ(block.grade, raw::Grade::a);
       if (block.label == raw::Label::live) continue;

@@ -8,13 +8,13 @@ namespace {
 
 struct Shortened {
   FileImage image;
-  std::size_t table = image.addTable("notes", 0x11);
+  size_t table = image.addTable("notes", 0x11);
 
   Checked check() const { return checkBytes(image.build()); }
 
   // A payload whose last bytes are what an older, longer one has left.
-  std::int64_t add(std::uint64_t id, const Bytes& room, std::uint32_t length) {
-    const std::int64_t at = image.addRecord(table, id, room);
+  int64_t add(uint64_t id, const Bytes& room, uint32_t length) {
+    const int64_t at = image.addRecord(table, id, room);
     image.record(at).dataLength = length;
     return at;
   }
@@ -38,7 +38,7 @@ Bytes innerDatabase() {
 }
 
 // What is told of blocks in payloads, where the first stored database is the payload of `record`.
-std::string storedIn(const std::string& blocks, std::int64_t record) {
+std::string storedIn(const std::string& blocks, int64_t record) {
   return blocks +
          " inside the payloads of others: a database is stored there, the first one from offset " +
          std::to_string(record + 55) + ".";
@@ -47,9 +47,9 @@ std::string storedIn(const std::string& blocks, std::int64_t record) {
 TEST(CheckOfSpace, TellsWhereAStoredDatabaseBegins) {
   const Bytes inner = innerDatabase();
   FileImage outer;
-  const std::size_t table = outer.addTable("outer", 0x11);
+  const size_t table = outer.addTable("outer", 0x11);
   outer.addRecord(table, 0xA1, bytesOf("before"));
-  const std::int64_t at = outer.addRecord(table, 0xA2, inner);
+  const int64_t at = outer.addRecord(table, 0xA2, inner);
   EXPECT_EQ(checkBytes(outer.build()).findings.size(), 0u);
   const Checked checked = checkBytes(outer.build(), {.deep = true, .now = kNow});
   ASSERT_EQ(checked.findings.size(), 1u) << checked.text();
@@ -60,9 +60,9 @@ TEST(CheckOfSpace, TellsWhereAStoredDatabaseBegins) {
 TEST(CheckOfSpace, TakesStoredDatabasesInDeletedAndLiveRecordsForPayloads) {
   const Bytes inner = innerDatabase();
   FileImage outer;
-  const std::size_t table = outer.addTable("outer", 0x11);
-  const std::int64_t dead = outer.addRecord(table, 0xA1, inner);
-  const std::int64_t live = outer.addRecord(table, 0xA2, inner);
+  const size_t table = outer.addTable("outer", 0x11);
+  const int64_t dead = outer.addRecord(table, 0xA1, inner);
+  const int64_t live = outer.addRecord(table, 0xA2, inner);
   outer.record(live).prevRecordPos = 0;
   outer.slot(table).firstRecordPos = live;
   outer.slot(table).recordCount = 1;
@@ -75,15 +75,15 @@ TEST(CheckOfSpace, TakesStoredDatabasesInDeletedAndLiveRecordsForPayloads) {
 // The same of a copy of the database itself: its blocks are neither deleted nor lost records.
 TEST(CheckOfSpace, TakesACopyOfTheDatabaseItselfInADeletedRecordForAPayload) {
   FileImage earlier;
-  const std::size_t then = earlier.addTable("notes", 0x11);
+  const size_t then = earlier.addTable("notes", 0x11);
   earlier.addRecord(then, 0xD1, bytesOf("left behind by a pack"));
-  const std::int64_t kept = earlier.addRecord(then, 0xA1, bytesOf("kept"));
+  const int64_t kept = earlier.addRecord(then, 0xA1, bytesOf("kept"));
   earlier.record(kept).prevRecordPos = 0;
   earlier.slot(then).firstRecordPos = kept;
   earlier.slot(then).recordCount = 1;
   Shortened file;
-  const std::int64_t a = file.image.addRecord(file.table, 0xA1, bytesOf("kept"));
-  const std::int64_t copy = file.image.addRecord(file.table, 0xA2, earlier.build());
+  const int64_t a = file.image.addRecord(file.table, 0xA1, bytesOf("kept"));
+  const int64_t copy = file.image.addRecord(file.table, 0xA2, earlier.build());
   file.image.record(a).nextRecordPos = 0;
   file.image.slot(file.table).lastRecordPos = a;
   file.image.slot(file.table).recordCount = 1;
@@ -95,7 +95,7 @@ TEST(CheckOfSpace, TakesACopyOfTheDatabaseItselfInADeletedRecordForAPayload) {
 
 TEST(CheckOfSpace, TellsOfAStoredDatabaseWithoutBlocks) {
   Shortened file;
-  const std::int64_t at = file.image.addRecord(file.table, 0xA1, FileImage().build());
+  const int64_t at = file.image.addRecord(file.table, 0xA1, FileImage().build());
   EXPECT_EQ(file.check().findings.size(), 0u);
   const Checked checked = checkBytes(file.image.build(), {.deep = true, .now = kNow});
   ASSERT_EQ(checked.findings.size(), 1u) << checked.text();
@@ -106,7 +106,7 @@ TEST(CheckOfSpace, TellsOfAStoredDatabaseWithoutBlocks) {
 // A pack takes along what the chains lead to. That is not all that one may want back.
 TEST(CheckOfSpace, TellsWhatAPackWouldLeaveBehind) {
   Shortened file;
-  const std::int64_t a = file.image.addRecord(file.table, 0xA1, bytesOf("kept"));
+  const int64_t a = file.image.addRecord(file.table, 0xA1, bytesOf("kept"));
   file.image.addRecord(file.table, 0xA2, bytesOf("deleted"));  // 63 bytes
   file.image.record(a).nextRecordPos = 0;
   file.image.slot(file.table).lastRecordPos = a;
@@ -129,7 +129,7 @@ TEST(CheckOfSpace, SaysThatCompactKeepsSpareCapacity) {
 
 TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
   Shortened file;
-  const std::int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);
+  const int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);
   file.add(0xA2, Bytes().zeros(9000).text("x").zeros(3), 1);
   const Checked checked = file.check();
   EXPECT_EQ(checked.report.space.stale, 4u + 9000);
@@ -145,7 +145,7 @@ TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
 // The end mark that stands directly behind data that was written over older data is none of it.
 TEST(CheckOfSpace, TellsOlderTableDataBehindItsEndMark) {
   Shortened file;
-  const std::int64_t at = file.image.setTableData(file.table, bytesOf("datai"), 40);
+  const int64_t at = file.image.setTableData(file.table, bytesOf("datai"), 40);
   file.image.tableData(at).dataLength = 4;
   EXPECT_EQ(file.check().report.space.stale, 0u);
   Bytes& room = file.image.tableData(at).room;

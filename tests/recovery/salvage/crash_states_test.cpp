@@ -17,50 +17,48 @@ namespace {
 
 struct Operation {
   const char* name;
-  std::function<int(std::int16_t)> run;
+  std::function<int(int16_t)> run;
 };
 
-constexpr std::uint64_t kNotes = 0x1101;  // of usedFile()
+constexpr uint64_t kNotes = 0x1101;  // of usedFile()
 
 const Operation kOperations[] = {
     {"append",
-     [](std::int16_t db) {
-       std::uint64_t id = 0;
+     [](int16_t db) {
+       uint64_t id = 0;
        const Bytes payload = pattern(70);
        return AddRecordData(db, kNotes, payload.data(), 70, 100, &id);
      }},
     {"first append",
-     [](std::int16_t db) {
-       std::uint64_t id = 0;
+     [](int16_t db) {
+       uint64_t id = 0;
        return AddRecordData(db, 0x3303, nullptr, 0, 0, &id);
      }},
     {"relocate in the middle",
-     [](std::int16_t db) {
+     [](int16_t db) {
        return ModifyRecordData(db, kNotes, pattern(90).data(), 90, 0xA3, nullptr);
      }},
     {"relocate the first",
-     [](std::int16_t db) {
+     [](int16_t db) {
        return ModifyRecordData(db, kNotes, pattern(90).data(), 90, 0xA1, nullptr);
      }},
     {"relocate the last",
-     [](std::int16_t db) {
+     [](int16_t db) {
        return ModifyRecordData(db, kNotes, pattern(90).data(), 90, 0xA8, nullptr);
      }},
-    {"delete in the middle",
-     [](std::int16_t db) { return DeleteOneRecord(db, kNotes, 0xA3, nullptr); }},
-    {"delete the first",
-     [](std::int16_t db) { return DeleteOneRecord(db, kNotes, 0xA1, nullptr); }},
-    {"delete the last", [](std::int16_t db) { return DeleteOneRecord(db, kNotes, 0xA8, nullptr); }},
+    {"delete in the middle", [](int16_t db) { return DeleteOneRecord(db, kNotes, 0xA3, nullptr); }},
+    {"delete the first", [](int16_t db) { return DeleteOneRecord(db, kNotes, 0xA1, nullptr); }},
+    {"delete the last", [](int16_t db) { return DeleteOneRecord(db, kNotes, 0xA8, nullptr); }},
     {"set larger data",
-     [](std::int16_t db) { return SetTableData(db, kNotes, pattern(90).data(), 90, 0); }},
-    {"add a table", [](std::int16_t db) { return AddTable(db, "new") != 0 ? 1 : 0; }},
+     [](int16_t db) { return SetTableData(db, kNotes, pattern(90).data(), 90, 0); }},
+    {"add a table", [](int16_t db) { return AddTable(db, "new") != 0 ? 1 : 0; }},
 };
 
 // The writes of one operation on the base file.
 std::vector<Write> writesOf(const Operation& operation, const Bytes& base) {
   TempFolder folder;
   writeFile(folder / "a.qvd", base);
-  const std::int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
+  const int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
   RecordedCalls host;
   EXPECT_EQ(operation.run(db), 1) << operation.name;
   std::vector<Write> writes = host.writes();
@@ -72,7 +70,7 @@ std::vector<Write> writesOf(const Operation& operation, const Bytes& base) {
 // for the one that the operation was about to delete: that may be gone.
 void expectRecords(const ReadDatabase& before, const Bytes& bytes, const std::string& what) {
   const auto records = takenRecords(bytes);
-  std::size_t missing = 0;
+  size_t missing = 0;
   for (const auto& [key, payload] : recordsOf(before)) {
     const auto found = records.find(key);
     if (found == records.end()) {
@@ -89,16 +87,16 @@ void expectRecords(const ReadDatabase& before, const Bytes& bytes, const std::st
 TEST(SalvageOfCrashStates, FindsEverythingInEveryPrefixOfAnOperation) {
   const Bytes base = usedFile().bytes;
   const ReadDatabase before = readDatabase(base);
-  const std::size_t step = seeds(7, 1) == 1 ? 1 : 7;
+  const size_t step = seeds(7, 1) == 1 ? 1 : 7;
   for (const Operation& operation : kOperations) {
     const std::vector<Write> writes = writesOf(operation, base);
-    const std::size_t total = byteCount(writes);
-    for (std::size_t n = 0; n <= total && !testing::Test::HasFailure(); n += step) {
+    const size_t total = byteCount(writes);
+    for (size_t n = 0; n <= total && !testing::Test::HasFailure(); n += step) {
       expectRecords(before, applied(base, writes, n),
                     std::string(operation.name) + " after " + std::to_string(n) + " bytes");
     }
     expectRecords(before, applied(base, writes, total), operation.name);
-    for (std::size_t n = 0; n <= total; n += total / 5) salvaged(applied(base, writes, n));
+    for (size_t n = 0; n <= total; n += total / 5) salvaged(applied(base, writes, n));
   }
 }
 
@@ -110,7 +108,7 @@ TEST(SalvageOfCrashStates, FindsEverythingWhateverWritesAreMissing) {
     ASSERT_LE(writes.size(), 10u);
     for (unsigned subset = 0; subset < 1u << writes.size(); ++subset) {
       std::vector<Write> some;
-      for (std::size_t i = 0; i < writes.size(); ++i) {
+      for (size_t i = 0; i < writes.size(); ++i) {
         if (subset >> i & 1) some.push_back(writes[i]);
       }
       expectRecords(before, applied(base, some),
@@ -123,25 +121,25 @@ TEST(SalvageOfCrashStates, FindsEverythingWhateverWritesAreMissing) {
 // and for some lengths an end mark seems to stand where it ends.
 TEST(SalvageOfTornAppends, NeverSwallowsWhatWasCommittedBehindThem) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
+  const size_t table = image.addTable("notes", 0x11);
+  const int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
   const Bytes base = image.build();
   RecordFields torn;
   torn.tableID = identifier(0x11);
   torn.recordID = identifier(0xA2);
   torn.prevRecordPos = a;
   torn.createTime = torn.modifyTime = 1000;
-  const std::size_t step = seeds(29, 1) == 1 ? 1 : 29;
-  for (std::uint32_t length = 0; length < 400; length += static_cast<std::uint32_t>(step)) {
+  const size_t step = seeds(29, 1) == 1 ? 1 : 29;
+  for (uint32_t length = 0; length < 400; length += static_cast<uint32_t>(step)) {
     torn.room = pattern(length);
     torn.dataLength = torn.dataCapacity = length;
     const Bytes block = torn.encode();
-    for (std::size_t there = 1; there < block.size(); there += 13) {
+    for (size_t there = 1; there < block.size(); there += 13) {
       TempFolder folder;
       writeFile(folder / "a.qvd", Bytes(base).add(block.cut(there)));
-      const std::int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
+      const int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
       ASSERT_NE(db, 0);
-      for (std::uint64_t id = 0xB1; id <= 0xB4; ++id) {
+      for (uint64_t id = 0xB1; id <= 0xB4; ++id) {
         const Bytes payload = Bytes().fill(60, 'i');  // every byte looks like an end mark
         ASSERT_EQ(AddRecordData_AssignRecordID(db, 0x11, payload.data(), 60, 0, &id), 1);
       }
@@ -149,14 +147,14 @@ TEST(SalvageOfTornAppends, NeverSwallowsWhatWasCommittedBehindThem) {
       const Bytes bytes = readFile(folder / "a.qvd");
       // Without the chain's help as well.
       Bytes blind = bytes;
-      std::fill(blind.begin(), blind.begin() + 4630, std::uint8_t{0});
+      std::fill(blind.begin(), blind.begin() + 4630, uint8_t{0});
       for (const Bytes& each : {bytes, blind}) {
         const raw::Survey survey = surveyOf(each);
-        std::set<std::uint64_t> whole;
+        std::set<uint64_t> whole;
         for (const raw::Block& found : survey.blocks) {
           if (found.grade == raw::Grade::a) whole.insert(found.recordID);
         }
-        ASSERT_EQ(whole, (std::set<std::uint64_t>{0xA1, 0xB1, 0xB2, 0xB3, 0xB4}))
+        ASSERT_EQ(whole, (std::set<uint64_t>{0xA1, 0xB1, 0xB2, 0xB3, 0xB4}))
             << "torn block of " << length << " bytes, of which " << there << " are there";
       }
     }
@@ -177,9 +175,9 @@ TEST(CheckOfCrashStates, NamesEveryUnfinishedState) {
   const Bytes base = usedFile().bytes;
   for (const Operation& operation : kOperations) {
     const std::vector<Write> writes = writesOf(operation, base);
-    const std::size_t total = byteCount(writes);
+    const size_t total = byteCount(writes);
     const Bytes after = applied(base, writes);
-    for (std::size_t n = 1; n < total; ++n) {
+    for (size_t n = 1; n < total; ++n) {
       const Bytes bytes = applied(base, writes, n);
       if (differOnlyInLastWritten(bytes, base) || differOnlyInLastWritten(bytes, after)) continue;
       const Checked checked = checkBytes(bytes, {});
@@ -209,7 +207,7 @@ bool opensChecked(const Bytes& bytes) {
 TEST(OpenChecked, OpensSoundFiles) {
   for (const BaseFile& base : baseFiles()) EXPECT_TRUE(opensChecked(base.bytes)) << base.name;
   EXPECT_TRUE(opensChecked(FileImage().build()));
-  for (std::uint64_t seed = firstSeed(); seed < firstSeed() + 5; ++seed) {
+  for (uint64_t seed = firstSeed(); seed < firstSeed() + 5; ++seed) {
     TempFolder folder;
     RandomDatabase database(folder, "random.qvd", seed);
     database.run(100);
@@ -226,7 +224,7 @@ TEST(OpenChecked, RefusesMostStatesThatAnInterruptedOperationLeaves) {
   std::set<std::string> opened;
   for (const Operation& operation : kOperations) {
     const std::vector<Write> writes = ranges(writesOf(operation, base));
-    for (std::size_t n = 1; n < writes.size(); ++n) {
+    for (size_t n = 1; n < writes.size(); ++n) {
       const Bytes bytes =
           applied(base, {writes.begin(), writes.begin() + static_cast<std::ptrdiff_t>(n)});
       const std::string state = operation.name + (" " + std::to_string(n));

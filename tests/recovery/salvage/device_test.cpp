@@ -23,7 +23,7 @@ class Device : public testing::Test {
 
   TempFolder folder;
   FileImage image;
-  std::size_t table = image.addTable("notes", 0x11);
+  size_t table = image.addTable("notes", 0x11);
 };
 
 TEST_F(Device, IsSalvagedLikeAFile) {

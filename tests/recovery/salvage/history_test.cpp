@@ -21,7 +21,7 @@ class History : public testing::Test {
   void SetUp() override {
     db_ = CreateDBaseW(folder.wide("a.qvd"), "QVdb", 100);
     table_ = AddTable(db_, "notes");
-    for (std::uint64_t id = 0xA1; id <= 0xA3; ++id) {
+    for (uint64_t id = 0xA1; id <= 0xA3; ++id) {
       AddRecordData_AssignRecordID(db_, table_, bytesOf("first text").data(), 10, 0, &id);
     }
     modify(bytesOf("a longer text"));
@@ -32,11 +32,11 @@ class History : public testing::Test {
   }
 
   void modify(const Bytes& payload) {
-    ASSERT_EQ(ModifyRecordData(db_, table_, payload.data(),
-                               static_cast<std::uint32_t>(payload.size()), 0xA2, nullptr),
+    ASSERT_EQ(ModifyRecordData(db_, table_, payload.data(), static_cast<uint32_t>(payload.size()),
+                               0xA2, nullptr),
               1);
   }
-  void remove(std::uint64_t id) { ASSERT_EQ(DeleteOneRecord(db_, table_, id, nullptr), 1); }
+  void remove(uint64_t id) { ASSERT_EQ(DeleteOneRecord(db_, table_, id, nullptr), 1); }
 
   std::filesystem::path path() const { return folder / "a.qvd"; }
 
@@ -60,7 +60,7 @@ class History : public testing::Test {
     return qvdb::Reason::cancelled;
   }
 
-  ReadTable undeleted(Id record, std::optional<std::int64_t> offset = std::nullopt) {
+  ReadTable undeleted(Id record, std::optional<int64_t> offset = std::nullopt) {
     EXPECT_TRUE(qvdb::undelete(path(), folder / "b.qvd", "notes", record, offset).verified);
     const ReadDatabase database = readDatabase(folder / "b.qvd");
     std::filesystem::remove(folder / "b.qvd");
@@ -68,8 +68,8 @@ class History : public testing::Test {
   }
 
   TempFolder folder;
-  std::int16_t db_ = 0;
-  std::uint64_t table_ = 0;
+  int16_t db_ = 0;
+  uint64_t table_ = 0;
 };
 
 TEST_F(History, TellsEveryVersionOldestFirst) {
@@ -122,7 +122,7 @@ TEST_F(Undelete, BringsTheVersionAtAnOffsetBack) {
   remove(0xA2);
   const auto versions = qvdb::history(path(), "notes", Id{0xA2});
   EXPECT_EQ(contentsOf(undeleted(Id{0xA2}, versions[1].offset)).back(),
-            (std::pair<std::uint64_t, Bytes>{0xA2, bytesOf("a longer text")}));
+            (std::pair<uint64_t, Bytes>{0xA2, bytesOf("a longer text")}));
 }
 
 TEST_F(Undelete, PutsAnOlderVersionInThePlaceOfTheOneInUse) {

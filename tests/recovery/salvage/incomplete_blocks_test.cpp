@@ -9,21 +9,21 @@
 namespace qvdbase::test {
 namespace {
 
-constexpr std::uint64_t kTable = 0x11;
+constexpr uint64_t kTable = 0x11;
 
 // A table whose record `moved` lies in a new block at the end of the file, linked from all sides;
 // its old block is where it was.
 struct MovedRecord {
-  std::int64_t old = 0;
-  std::int64_t block = 0;
+  int64_t old = 0;
+  int64_t block = 0;
   Bytes bytes;
   Contents before;  // the records with the old payload
 
-  MovedRecord(std::uint64_t records, std::uint64_t moved) {
+  MovedRecord(uint64_t records, uint64_t moved) {
     FileImage image;
-    const std::size_t table = image.addTable("notes", kTable);
-    std::vector<std::int64_t> positions;
-    for (std::uint64_t i = 0; i < records; ++i) {
+    const size_t table = image.addTable("notes", kTable);
+    std::vector<int64_t> positions;
+    for (uint64_t i = 0; i < records; ++i) {
       positions.push_back(image.addRecord(table, 0xA0 + i, payloadOf(i)));
       before.emplace_back(0xA0 + i, payloadOf(i));
     }
@@ -43,18 +43,18 @@ struct MovedRecord {
     bytes = image.build();
   }
 
-  static Bytes payloadOf(std::uint64_t i) { return bytesOf("text " + std::to_string(i)); }
+  static Bytes payloadOf(uint64_t i) { return bytesOf("text " + std::to_string(i)); }
 
-  std::size_t at(std::size_t field) const { return static_cast<std::size_t>(block) + field; }
+  size_t at(size_t field) const { return static_cast<size_t>(block) + field; }
   Bytes withoutIdentifier() const { return bytes.with(at(13), Bytes().zeros(10)); }
 };
 
 // The links that a power failure may have kept from the device, by the field that holds each.
-Bytes withOldLink(const MovedRecord& state, Bytes bytes, std::size_t field, bool isBigEndian) {
+Bytes withOldLink(const MovedRecord& state, Bytes bytes, size_t field, bool isBigEndian) {
   if (isBigEndian) {
-    bytes.putBe(field, 8, static_cast<std::uint64_t>(state.old));
+    bytes.putBe(field, 8, static_cast<uint64_t>(state.old));
   } else {
-    bytes.putLe(field, 8, static_cast<std::uint64_t>(state.old));
+    bytes.putLe(field, 8, static_cast<uint64_t>(state.old));
   }
   return bytes;
 }
@@ -66,8 +66,8 @@ void expectTheOlderVersion(const Bytes& bytes, const Contents& before) {
 }
 
 TEST(SalvageOfIncompleteBlocks, KeepsTheOlderVersionOfABlockWithoutIdentifier) {
-  for (const std::uint64_t records : {1u, 2u, 3u, 5u}) {
-    for (std::uint64_t moved = 0; moved < records; ++moved) {
+  for (const uint64_t records : {1u, 2u, 3u, 5u}) {
+    for (uint64_t moved = 0; moved < records; ++moved) {
       SCOPED_TRACE(std::to_string(moved) + " of " + std::to_string(records));
       const MovedRecord state(records, moved);
       expectTheOlderVersion(state.withoutIdentifier(), state.before);
@@ -80,24 +80,24 @@ TEST(SalvageOfIncompleteBlocks, KeepsTheOlderVersionOfABlockWithoutIdentifier) {
 }
 
 TEST(SalvageOfIncompleteBlocks, KeepsItWhenNothingBehindTheIdentifierIsThereEither) {
-  for (const std::uint64_t moved : {0u, 1u, 2u}) {
+  for (const uint64_t moved : {0u, 1u, 2u}) {
     SCOPED_TRACE(moved);
     const MovedRecord state(3, moved);
     Bytes bytes = state.bytes;
-    const std::size_t left = bytes.size() - state.at(13);
+    const size_t left = bytes.size() - state.at(13);
     bytes = bytes.with(state.at(13), Bytes().zeros(left));
     expectTheOlderVersion(bytes, state.before);
   }
 }
 
 TEST(SalvageOfIncompleteBlocks, KeepsItWhenOnlySomeOfTheLinksWereChanged) {
-  for (const std::uint64_t moved : {0u, 1u, 2u}) {
+  for (const uint64_t moved : {0u, 1u, 2u}) {
     const MovedRecord state(3, moved);
     const Bytes bytes = state.withoutIdentifier();
-    const auto block = static_cast<std::uint64_t>(state.block);
-    for (std::size_t i = 0; i + 8 <= static_cast<std::size_t>(state.block); ++i) {
+    const auto block = static_cast<uint64_t>(state.block);
+    for (size_t i = 0; i + 8 <= static_cast<size_t>(state.block); ++i) {
       const bool isBigEndian = i >= kDirectoryEnd;
-      const std::uint64_t value = isBigEndian ? bytes.beAt(i, 8) : bytes.leAt(i, 8);
+      const uint64_t value = isBigEndian ? bytes.beAt(i, 8) : bytes.leAt(i, 8);
       if (value != block) continue;
       SCOPED_TRACE(std::to_string(moved) + ", link at " + std::to_string(i));
       expectTheOlderVersion(withOldLink(state, bytes, i, isBigEndian), state.before);
@@ -107,8 +107,8 @@ TEST(SalvageOfIncompleteBlocks, KeepsItWhenOnlySomeOfTheLinksWereChanged) {
 
 TEST(SalvageOfIncompleteBlocks, BringsNoDeletedRecordBack) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", kTable);
-  const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
+  const size_t table = image.addTable("notes", kTable);
+  const int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
   RecordFields deleted;  // it was the last one, after the first
   deleted.tableID = identifier(kTable);
   deleted.recordID = identifier(0xA2);
@@ -118,14 +118,14 @@ TEST(SalvageOfIncompleteBlocks, BringsNoDeletedRecordBack) {
   deleted.dataLength = deleted.dataCapacity = 7;
   image.addDeadRecord(deleted);
   image.addRecord(table, 0xA3, bytesOf("torn"));
-  const std::int64_t torn = image.end() - 60;
+  const int64_t torn = image.end() - 60;
   image.slot(table).recordWriteCount = 3;
-  const Bytes bytes = image.build().with(static_cast<std::size_t>(torn) + 13, Bytes().zeros(10));
+  const Bytes bytes = image.build().with(static_cast<size_t>(torn) + 13, Bytes().zeros(10));
   expectTheOlderVersion(bytes, {{0xA1, bytesOf("first")}});
 }
 
 TEST(SalvageOfIncompleteBlocks, KeepsTheOlderVersionOfABlockWithAnOpenEnd) {
-  for (const std::uint64_t moved : {0u, 1u, 2u}) {
+  for (const uint64_t moved : {0u, 1u, 2u}) {
     SCOPED_TRACE(moved);
     const MovedRecord state(3, moved);
     Bytes noMark = state.bytes;
@@ -147,7 +147,7 @@ TEST(SalvageOfIncompleteBlocks, KeepsTheOlderVersionOfABlockWithAnOpenEnd) {
 
 TEST(SalvageOfIncompleteBlocks, KeepsABlockWithAnOpenEndThatHasNoOlderVersion) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", kTable);
+  const size_t table = image.addTable("notes", kTable);
   image.addRecord(table, 0xA1, bytesOf("first"));
   image.addRecord(table, 0xA2, bytesOf("second"));
   Bytes bytes = image.build();
@@ -157,8 +157,8 @@ TEST(SalvageOfIncompleteBlocks, KeepsABlockWithAnOpenEndThatHasNoOlderVersion) {
 
 TEST(SalvageOfIncompleteBlocks, LeavesBlocksWithoutIdentifierOutAndSaysSo) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", kTable);
-  const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
+  const size_t table = image.addTable("notes", kTable);
+  const int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
   image.addRecord(table, 0xA2, bytesOf("second"));
   image.record(a).recordID = identifier(0);
   for (const qvdb::BlockGrade grade : {qvdb::BlockGrade::a, qvdb::BlockGrade::c}) {
@@ -173,7 +173,7 @@ TEST(SalvageOfIncompleteBlocks, LeavesBlocksWithoutIdentifierOutAndSaysSo) {
 }
 
 TEST(CheckOfIncompleteBlocks, CallsARecordWithoutIdentifierAnError) {
-  for (const std::uint64_t moved : {0u, 1u, 2u}) {
+  for (const uint64_t moved : {0u, 1u, 2u}) {
     const MovedRecord state(3, moved);
     EXPECT_EQ(checkBytes(state.bytes, {}).report.state, qvdb::CheckState::sound);
     const Checked checked = checkBytes(state.withoutIdentifier(), {});

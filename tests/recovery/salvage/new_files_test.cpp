@@ -30,7 +30,7 @@ class NewFiles : public testing::Test {
  protected:
   NewFiles() {
     FileImage image;
-    const std::size_t table = image.addTable("notes", 0x11);
+    const size_t table = image.addTable("notes", 0x11);
     image.addRecord(table, 0xA1, innerImage().build());
     image.addRecord(table, 0xA2, bytesOf("second"));
     writeFile(source(), image.build());

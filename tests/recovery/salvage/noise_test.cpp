@@ -22,7 +22,7 @@ using raw::Survey;
 
 // A database in which everything has happened, and what the survey says of it undamaged.
 struct Original {
-  explicit Original(std::uint64_t seed) {
+  explicit Original(uint64_t seed) {
     TempFolder folder;
     RandomDatabase database(folder, "random.qvd", seed);
     database.run(600);
@@ -34,7 +34,7 @@ struct Original {
 
   Bytes bytes;
   Survey survey;
-  std::map<std::int64_t, const Block*> byPosition;
+  std::map<int64_t, const Block*> byPosition;
 };
 
 const Original& original() {
@@ -47,10 +47,10 @@ const Original& original() {
 void expectRecall(const Original& before, const Survey& survey, const raw::Range& touched,
                   const std::string& where) {
   const salvage::Plan plan = salvage::makePlan(survey, {});
-  std::set<std::int64_t> found;
-  std::set<std::int64_t> taken;
-  for (std::size_t i = 0; i < survey.blocks.size(); ++i) {
-    const std::int64_t position = survey.blocks[i].position;
+  std::set<int64_t> found;
+  std::set<int64_t> taken;
+  for (size_t i = 0; i < survey.blocks.size(); ++i) {
+    const int64_t position = survey.blocks[i].position;
     found.insert(position);
     if (plan.destination[i] >= 0) taken.insert(position);
     EXPECT_TRUE(before.byPosition.contains(position)) << where << ": invented " << position;
@@ -68,15 +68,14 @@ void expectRecall(const Original& before, const Survey& survey, const raw::Range
 TEST(SalvageOfNoise, FindsEveryBlockThatTheNoiseDidNotTouch) {
   const Original& before = original();
   std::mt19937 random(static_cast<unsigned>(firstSeed()));
-  const std::uint64_t places = seeds(60, 10'000);
-  constexpr std::size_t kNoise = 512;
-  for (std::uint64_t i = 0; i < places && !testing::Test::HasFailure(); ++i) {
-    const std::size_t at = random() % (before.bytes.size() - kNoise);
+  const uint64_t places = seeds(60, 10'000);
+  constexpr size_t kNoise = 512;
+  for (uint64_t i = 0; i < places && !testing::Test::HasFailure(); ++i) {
+    const size_t at = random() % (before.bytes.size() - kNoise);
     Bytes bytes = before.bytes;
-    for (std::size_t n = 0; n < kNoise; ++n) bytes[at + n] = static_cast<std::uint8_t>(random());
+    for (size_t n = 0; n < kNoise; ++n) bytes[at + n] = static_cast<uint8_t>(random());
     expectRecall(
-        before, surveyOf(bytes),
-        {static_cast<std::int64_t>(at), static_cast<std::int64_t>(at + kNoise)},
+        before, surveyOf(bytes), {static_cast<int64_t>(at), static_cast<int64_t>(at + kNoise)},
         "QVDBASE_TEST_SEED=" + std::to_string(firstSeed()) + ", noise at " + std::to_string(at));
   }
   tellCount("places of noise", places);
@@ -85,17 +84,17 @@ TEST(SalvageOfNoise, FindsEveryBlockThatTheNoiseDidNotTouch) {
 TEST(SalvageOfNoise, FindsEveryBlockWithoutHeaderAndDirectory) {
   const Original& before = original();
   Bytes bytes = before.bytes;
-  std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
+  std::fill(bytes.begin(), bytes.begin() + 4630, uint8_t{0});
   expectRecall(before, surveyOf(bytes), {0, 4630}, "no directory");
 }
 
 TEST(SalvageOfNoise, FindsEveryWholeBlockOfAFileThatWasCutOff) {
   const Original& before = original();
-  const std::uint64_t step = seeds(37, 1) == 1 ? 1 : 37;
-  for (std::size_t cut = 1; cut <= 2000 && !testing::Test::HasFailure(); cut += step) {
-    const std::size_t size = before.bytes.size() - cut;
+  const uint64_t step = seeds(37, 1) == 1 ? 1 : 37;
+  for (size_t cut = 1; cut <= 2000 && !testing::Test::HasFailure(); cut += step) {
+    const size_t size = before.bytes.size() - cut;
     expectRecall(before, surveyOf(before.bytes.cut(size)),
-                 {static_cast<std::int64_t>(size), static_cast<std::int64_t>(before.bytes.size())},
+                 {static_cast<int64_t>(size), static_cast<int64_t>(before.bytes.size())},
                  "cut at " + std::to_string(size));
   }
 }
@@ -104,7 +103,7 @@ TEST(SalvageOfNoise, FindsEveryWholeBlockOfAFileThatWasCutOff) {
 TEST(SalvageOfNoise, KeepsTheOrderOfRecordsWithoutADirectory) {
   const Original& before = original();
   Bytes bytes = before.bytes;
-  std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
+  std::fill(bytes.begin(), bytes.begin() + 4630, uint8_t{0});
   const Salvaged saved = salvaged(bytes);
   const ReadDatabase was = readDatabase(before.bytes);
   for (const ReadTable& table : was.tables) {
@@ -123,15 +122,15 @@ class UnreadableSource : public raw::MemorySource {
  public:
   UnreadableSource(const Bytes& bytes, raw::Range bad)
       : raw::MemorySource(asBytes(bytes)), bad_(bad) {}
-  std::size_t readAt(std::int64_t position, void* buffer, std::size_t count) const override {
+  size_t readAt(int64_t position, void* buffer, size_t count) const override {
     ++reads;
     if (position >= bad_.begin && position < bad_.end) return 0;
     if (position < bad_.begin) {
-      count = std::min(count, static_cast<std::size_t>(bad_.begin - position));
+      count = std::min(count, static_cast<size_t>(bad_.begin - position));
     }
     return raw::MemorySource::readAt(position, buffer, count);
   }
-  mutable std::int64_t reads = 0;
+  mutable int64_t reads = 0;
 
  private:
   raw::Range bad_;
@@ -140,9 +139,9 @@ class UnreadableSource : public raw::MemorySource {
 TEST(SalvageOfUnreadableFiles, FindsEveryBlockThatCanBeRead) {
   const Original& before = original();
   Bytes blind = before.bytes;
-  std::fill(blind.begin(), blind.begin() + 4630, std::uint8_t{0});
-  const auto size = static_cast<std::int64_t>(blind.size());
-  for (std::int64_t begin = 8192; begin < size; begin += size / 20) {
+  std::fill(blind.begin(), blind.begin() + 4630, uint8_t{0});
+  const auto size = static_cast<int64_t>(blind.size());
+  for (int64_t begin = 8192; begin < size; begin += size / 20) {
     // Pages of a device, and other parts, as an image has them that begins anywhere on it.
     for (const raw::Range bad :
          {raw::Range{begin / 4096 * 4096, begin / 4096 * 4096 + 4096},
@@ -164,9 +163,9 @@ TEST(SalvageOfUnreadableFiles, AsksOnceForEachPageThatCannotBeRead) {
   record.tableID = identifier(0x11);
   record.recordID = identifier(0xA1);
   Bytes bytes = FileImage().build();
-  constexpr std::int64_t kPages = 5000;
-  bytes.zeros(static_cast<std::size_t>((kPages + 2) * 4096) - bytes.size());
-  const auto end = static_cast<std::int64_t>(bytes.size());
+  constexpr int64_t kPages = 5000;
+  bytes.zeros(static_cast<size_t>((kPages + 2) * 4096) - bytes.size());
+  const auto end = static_cast<int64_t>(bytes.size());
   bytes.add(record.encode());
   const UnreadableSource source(bytes, {8192, end});
   const Survey survey = raw::makeSurvey(source);
@@ -187,22 +186,22 @@ TEST(SalvageOfUnreadableFiles, NotesADirectoryThatCannotBeRead) {
 
 Bytes nestedDatabase() {
   FileImage image;
-  const std::size_t table = image.addTable("inner", 0x4411);
-  for (std::uint64_t i = 1; i < 9; ++i) image.addRecord(table, 0x900 + i, pattern(30));
+  const size_t table = image.addTable("inner", 0x4411);
+  for (uint64_t i = 1; i < 9; ++i) image.addRecord(table, 0x900 + i, pattern(30));
   image.setTableData(table, bytesOf("inner data"));
   return image.build();
 }
 
 struct Nested {
   FileImage image;
-  std::size_t table = image.addTable("outer", 0x11);
-  std::int64_t a = 0;
-  std::int64_t b = 0;
-  std::int64_t c = 0;
+  size_t table = image.addTable("outer", 0x11);
+  int64_t a = 0;
+  int64_t b = 0;
+  int64_t c = 0;
 
   explicit Nested(const Bytes& payload) {
     a = image.addRecord(table, 0xA1, bytesOf("before"));
-    b = image.addRecord(table, 0xA2, payload, {.reserve = std::uint32_t(payload.size() + 100)});
+    b = image.addRecord(table, 0xA2, payload, {.reserve = uint32_t(payload.size() + 100)});
     c = image.addRecord(table, 0xA3, bytesOf("behind"));
   }
 
@@ -214,10 +213,10 @@ struct Nested {
 
   void expectOnlyOwnBlocks(Bytes bytes) const {
     for (const bool hasDirectory : {true, false}) {
-      if (!hasDirectory) std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
-      std::set<std::int64_t> found;
+      if (!hasDirectory) std::fill(bytes.begin(), bytes.begin() + 4630, uint8_t{0});
+      std::set<int64_t> found;
       for (const Block& block : surveyOf(bytes).blocks) found.insert(block.position);
-      EXPECT_EQ(found, (std::set<std::int64_t>{a, b, c})) << hasDirectory;
+      EXPECT_EQ(found, (std::set<int64_t>{a, b, c})) << hasDirectory;
     }
   }
 };
@@ -231,7 +230,7 @@ TEST(SalvageOfNestedDatabases, TakesAPayloadForAPayload) {
 
 TEST(SalvageOfNestedDatabases, TakesACopyOfTheDatabaseItselfForAPayload) {
   FileImage earlier;
-  const std::size_t table = earlier.addTable("outer", 0x11);
+  const size_t table = earlier.addTable("outer", 0x11);
   earlier.addRecord(table, 0xA1, bytesOf("before"));
   Nested outer(earlier.build());
   outer.expectOnlyOwnBlocks(outer.image.build());
@@ -243,9 +242,9 @@ TEST(SalvageOfNestedDatabases, TakesACopyOfTheDatabaseItselfForAPayload) {
 // record 0xA1 stands elsewhere than today, between two that were deleted.
 Bytes copyFromBeforeAPack() {
   FileImage image;
-  const std::size_t table = image.addTable("outer", 0x11);
+  const size_t table = image.addTable("outer", 0x11);
   image.addRecord(table, 0xD1, bytesOf("deleted first"));
-  const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("before"));
+  const int64_t a = image.addRecord(table, 0xA1, bytesOf("before"));
   image.addRecord(table, 0xD2, bytesOf("deleted last"));
   image.record(a).prevRecordPos = image.record(a).nextRecordPos = 0;
   image.slot(table).recordCount = 1;
@@ -253,8 +252,8 @@ Bytes copyFromBeforeAPack() {
   return image.build();
 }
 
-const raw::Block* blockAt(const Survey& survey, std::int64_t position) {
-  const std::uint32_t number = survey.byPosition.find(position);
+const raw::Block* blockAt(const Survey& survey, int64_t position) {
+  const uint32_t number = survey.byPosition.find(position);
   return number == raw::kNoBlock ? nullptr : &survey.blocks[number];
 }
 
@@ -277,57 +276,57 @@ TEST(SalvageOfNestedDatabases, TakesACopyFromBeforeAPackForAPayload) {
 
 // The same where the record that held the copy is not whole: it was torn off behind the copy or in
 // its last block, and other records came behind it, one of which was deleted.
-void expectCopyInATornBlock(std::size_t missing) {
+void expectCopyInATornBlock(size_t missing) {
   const Bytes copy = copyFromBeforeAPack();
   FileImage image;
-  const std::size_t table = image.addTable("outer", 0x11);
-  const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("before"));
+  const size_t table = image.addTable("outer", 0x11);
+  const int64_t a = image.addRecord(table, 0xA1, bytesOf("before"));
   RecordFields torn = image.record(a);
   torn.recordID = identifier(0xA2);
   torn.prevRecordPos = a;
-  torn.dataLength = static_cast<std::uint32_t>(copy.size());
+  torn.dataLength = static_cast<uint32_t>(copy.size());
   torn.dataCapacity = 1 << 20;
-  const std::int64_t b = image.addRaw(torn.encode().cut(55).add(copy.cut(copy.size() - missing)));
-  const std::int64_t d = image.addRecord(table, 0xA3, bytesOf("deleted"));
-  const std::int64_t e = image.addRecord(table, 0xA4, bytesOf("behind"));
+  const int64_t b = image.addRaw(torn.encode().cut(55).add(copy.cut(copy.size() - missing)));
+  const int64_t d = image.addRecord(table, 0xA3, bytesOf("deleted"));
+  const int64_t e = image.addRecord(table, 0xA4, bytesOf("behind"));
   image.record(a).nextRecordPos = e;
   image.record(e).prevRecordPos = a;
   image.slot(table).recordCount = 2;
   Bytes bytes = image.build();
   for (const bool hasDirectory : {true, false}) {
-    if (!hasDirectory) std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
+    if (!hasDirectory) std::fill(bytes.begin(), bytes.begin() + 4630, uint8_t{0});
     const Survey survey = surveyOf(bytes);
-    std::set<std::int64_t> found;
+    std::set<int64_t> found;
     for (const Block& block : survey.blocks) found.insert(block.position);
-    EXPECT_EQ(found, (std::set<std::int64_t>{a, b, d, e})) << hasDirectory << missing;
+    EXPECT_EQ(found, (std::set<int64_t>{a, b, d, e})) << hasDirectory << missing;
     EXPECT_EQ(survey.nestedBlocks.size(), 3u);
   }
 }
 
 TEST(SalvageOfNestedDatabases, TellsACopyInATornBlockFromTheBlocksBehindIt) {
-  for (const std::size_t missing : {0u, 1u, 10u}) expectCopyInATornBlock(missing);
+  for (const size_t missing : {0u, 1u, 10u}) expectCopyInATornBlock(missing);
 }
 
 // A table that the directory has lost, and an older copy still has.
 TEST(SalvageOfNestedDatabases, LeavesALostTableItsBlocksBehindACopyOfThem) {
   FileImage earlier;
-  const std::size_t lostThen = earlier.addTable("lost", 0x22);
+  const size_t lostThen = earlier.addTable("lost", 0x22);
   earlier.addRecord(lostThen, 0xB1, bytesOf("one"));
   Nested outer(earlier.build());
   outer.deleteMiddle();
-  const std::size_t lost = outer.image.addTable("lost", 0x22);
-  const std::int64_t d = outer.image.addRecord(lost, 0xB1, bytesOf("one"));
+  const size_t lost = outer.image.addTable("lost", 0x22);
+  const int64_t d = outer.image.addRecord(lost, 0xB1, bytesOf("one"));
   const Bytes bytes = outer.image.build().with(slotOffset(lost), freeSlot().encode());
-  std::set<std::int64_t> found;
+  std::set<int64_t> found;
   for (const Block& block : surveyOf(bytes).blocks) found.insert(block.position);
-  EXPECT_EQ(found, (std::set<std::int64_t>{outer.a, outer.b, outer.c, d}));
+  EXPECT_EQ(found, (std::set<int64_t>{outer.a, outer.b, outer.c, d}));
 }
 
 // Where the blocks of a sound file stand, one behind the other.
-std::set<std::int64_t> blocksOf(const Bytes& bytes) {
-  std::set<std::int64_t> blocks;
-  for (std::size_t at = 4630; at < bytes.size();) {
-    blocks.insert(static_cast<std::int64_t>(at));
+std::set<int64_t> blocksOf(const Bytes& bytes) {
+  std::set<int64_t> blocks;
+  for (size_t at = 4630; at < bytes.size();) {
+    blocks.insert(static_cast<int64_t>(at));
     at += bytes[at] == 135 ? 56 + bytes.beAt(at + 51, 4) : 22 + bytes.beAt(at + 17, 4);
   }
   return blocks;
@@ -335,7 +334,7 @@ std::set<std::int64_t> blocksOf(const Bytes& bytes) {
 
 // A database that was packed, and then had records added that hold copies of the file as it was
 // before the pack, or as it was a moment ago; of these records many were changed or deleted.
-Bytes databaseWithCopies(std::uint64_t seed) {
+Bytes databaseWithCopies(uint64_t seed) {
   TempFolder folder{TempFolder::inMemory()};
   std::mt19937 random(static_cast<unsigned>(seed));
   RandomDatabase database(folder, "random.qvd", seed);
@@ -343,7 +342,7 @@ Bytes databaseWithCopies(std::uint64_t seed) {
   database.close();
   const Bytes earlier = readFile(database.path());
   EXPECT_EQ(PackOneDB2NewW(folder.wide("random.qvd"), folder.wide("packed.qvd"), 0, nullptr), 1);
-  std::vector<std::pair<std::uint64_t, std::uint64_t>> records;
+  std::vector<std::pair<uint64_t, uint64_t>> records;
   for (const auto& table : database.tables()) {
     for (const auto& record : table.records) records.emplace_back(table.id, record.id);
   }
@@ -352,11 +351,11 @@ Bytes databaseWithCopies(std::uint64_t seed) {
     const Bytes payload = random() % 2 != 0   ? small
                           : random() % 3 != 0 ? earlier
                                               : readFile(folder / "packed.qvd");
-    const auto size = static_cast<std::uint32_t>(payload.size());
-    const std::int16_t db = OpenDBaseW(folder.wide("packed.qvd"), 3);
-    const std::size_t any = records.empty() ? 0 : random() % records.size();
+    const auto size = static_cast<uint32_t>(payload.size());
+    const int16_t db = OpenDBaseW(folder.wide("packed.qvd"), 3);
+    const size_t any = records.empty() ? 0 : random() % records.size();
     if (records.empty() || random() % 3 == 0) {
-      const std::uint64_t table = database.tables()[random() % database.tables().size()].id;
+      const uint64_t table = database.tables()[random() % database.tables().size()].id;
       records.emplace_back(table, 0);
       EXPECT_EQ(AddRecordData(db, table, payload.data(), size, 50, &records.back().second), 1);
     } else if (random() % 2 == 0 && size > 0) {
@@ -373,15 +372,15 @@ Bytes databaseWithCopies(std::uint64_t seed) {
 }
 
 TEST(SalvageOfNestedDatabases, FindsTheBlocksOfAFileThatHoldsCopiesOfItself) {
-  const std::uint64_t first = firstSeed();
-  for (std::uint64_t seed = first; seed < first + seeds(20, 1000); ++seed) {
+  const uint64_t first = firstSeed();
+  for (uint64_t seed = first; seed < first + seeds(20, 1000); ++seed) {
     const Bytes sound = databaseWithCopies(seed);
-    const std::set<std::int64_t> blocks = blocksOf(sound);
+    const std::set<int64_t> blocks = blocksOf(sound);
     for (int damage = 0; damage < 4; ++damage) {
       Bytes bytes = sound;
-      if (damage % 2 != 0) std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
+      if (damage % 2 != 0) std::fill(bytes.begin(), bytes.begin() + 4630, uint8_t{0});
       if (damage / 2 != 0) bytes.zeros(100);
-      std::set<std::int64_t> found;
+      std::set<int64_t> found;
       for (const Block& block : surveyOf(bytes).blocks) {
         found.insert(block.position);
         EXPECT_EQ(block.flaws, 0);
@@ -394,25 +393,25 @@ TEST(SalvageOfNestedDatabases, FindsTheBlocksOfAFileThatHoldsCopiesOfItself) {
 
 // Of such a file that is damaged, every block is found that the damage did not touch, too.
 TEST(SalvageOfNestedDatabases, MissesNoBlockOfADamagedFileThatHoldsCopiesOfItself) {
-  const std::uint64_t first = firstSeed();
-  for (std::uint64_t seed = first; seed < first + seeds(20, 1000); ++seed) {
+  const uint64_t first = firstSeed();
+  for (uint64_t seed = first; seed < first + seeds(20, 1000); ++seed) {
     const Bytes sound = databaseWithCopies(seed);
-    const std::set<std::int64_t> blocks = blocksOf(sound);
+    const std::set<int64_t> blocks = blocksOf(sound);
     std::mt19937 random(static_cast<unsigned>(seed));
     for (int damage = 0; damage < 20; ++damage) {
       Bytes bytes = sound;
       const bool isCut = damage % 2 != 0;
-      const std::size_t at = 4630 + random() % (sound.size() - 4630);
-      const std::size_t end = isCut ? sound.size() : std::min(at + 512, sound.size());
-      for (std::size_t i = at; i < end; ++i) bytes[i] = static_cast<std::uint8_t>(random());
+      const size_t at = 4630 + random() % (sound.size() - 4630);
+      const size_t end = isCut ? sound.size() : std::min(at + 512, sound.size());
+      for (size_t i = at; i < end; ++i) bytes[i] = static_cast<uint8_t>(random());
       if (isCut) bytes.resize(at);
-      if (damage % 4 >= 2) std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
-      std::set<std::int64_t> found;
+      if (damage % 4 >= 2) std::fill(bytes.begin(), bytes.begin() + 4630, uint8_t{0});
+      std::set<int64_t> found;
       for (const Block& block : surveyOf(bytes).blocks) found.insert(block.position);
       for (auto block = blocks.begin(); block != blocks.end(); ++block) {
         const auto next = std::next(block);
-        const auto behind = next == blocks.end() ? sound.size() : static_cast<std::size_t>(*next);
-        const bool isTouched = behind > at && static_cast<std::size_t>(*block) < end;
+        const auto behind = next == blocks.end() ? sound.size() : static_cast<size_t>(*next);
+        const bool isTouched = behind > at && static_cast<size_t>(*block) < end;
         EXPECT_TRUE(isTouched || found.contains(*block))
             << *block << " is missed with damage at " << at << ", QVDBASE_TEST_SEED=" << seed;
       }
@@ -426,9 +425,9 @@ TEST(SalvageOfNestedDatabases, MissesNoBlockOfADamagedFileThatHoldsCopiesOfItsel
 // A database whose last record, in use, holds `payload`, and 100 bytes of nothing behind it.
 struct Followed {
   FileImage image;
-  std::size_t table = image.addTable("outer", 0x11);
-  std::int64_t a = image.addRecord(table, 0xA1, bytesOf("before"));
-  std::int64_t b = 0;
+  size_t table = image.addTable("outer", 0x11);
+  int64_t a = image.addRecord(table, 0xA1, bytesOf("before"));
+  int64_t b = 0;
   Bytes bytes;
 
   explicit Followed(const Bytes& payload) {
@@ -446,7 +445,7 @@ TEST(SalvageOfNestedDatabases, CutsNoBlockInUseThatBytesStandBehind) {
     EXPECT_EQ(blockAt(survey, file.b)->flaws, 0);
     ASSERT_EQ(survey.leftovers.size(), 1u);
     EXPECT_EQ(survey.leftovers[0].range.size(), 100);
-    const std::size_t nested = payload == copyFromBeforeAPack() ? 3 : 9;
+    const size_t nested = payload == copyFromBeforeAPack() ? 3 : 9;
     EXPECT_EQ(survey.nestedBlocks.size(), nested) << "each of them once";
 
     const Salvaged saved = salvaged(file.bytes, {.orphans = true});
@@ -460,24 +459,24 @@ TEST(SalvageOfNestedDatabases, CutsNoBlockInUseThatBytesStandBehind) {
 TEST(SalvageOfNestedDatabases, CutsABlockInUseWhoseCapacityReachesOverOthers) {
   for (const bool areKnown : {true, false}) {
     FileImage image;
-    const std::size_t table = image.addTable("outer", 0x11);
-    const std::size_t other = image.addTable("other", 0x22);
-    const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("before"));
-    const std::int64_t b = image.addRecord(other, 0xB1, Bytes().fill(60, 'i'));
-    const std::int64_t c = image.addRecord(other, 0xB2, Bytes().fill(60, 'i'));
+    const size_t table = image.addTable("outer", 0x11);
+    const size_t other = image.addTable("other", 0x22);
+    const int64_t a = image.addRecord(table, 0xA1, bytesOf("before"));
+    const int64_t b = image.addRecord(other, 0xB1, Bytes().fill(60, 'i'));
+    const int64_t c = image.addRecord(other, 0xB2, Bytes().fill(60, 'i'));
     if (areKnown) {
       image.slot(other).recordCount = 0;
       image.slot(other).firstRecordPos = image.slot(other).lastRecordPos = 0;
       image.record(b).nextRecordPos = image.record(c).prevRecordPos = 0;
     }
-    image.record(a).dataCapacity = static_cast<std::uint32_t>(c + 55 + 20 - (a + 55));
+    image.record(a).dataCapacity = static_cast<uint32_t>(c + 55 + 20 - (a + 55));
     Bytes bytes = image.build();
     if (!areKnown) bytes = bytes.with(slotOffset(other), freeSlot().encode());
     const Survey survey = surveyOf(bytes);
     ASSERT_EQ(survey.blocks.size(), 3u) << areKnown;
     EXPECT_EQ(blockAt(survey, a)->end, b);
     EXPECT_TRUE(blockAt(survey, a)->isCut());
-    for (const std::int64_t each : {b, c}) {
+    for (const int64_t each : {b, c}) {
       ASSERT_NE(blockAt(survey, each), nullptr);
       EXPECT_EQ(blockAt(survey, each)->grade, raw::Grade::a);
     }
@@ -488,7 +487,7 @@ TEST(SalvageOfNestedDatabases, DoesNotTakeNestedBlocksWhenTheOuterHeaderIsDestro
   Nested outer(nestedDatabase());
   outer.deleteMiddle();
   Bytes bytes = outer.image.build();
-  bytes = bytes.with(static_cast<std::size_t>(outer.b), Bytes().fill(55, 0xEE));
+  bytes = bytes.with(static_cast<size_t>(outer.b), Bytes().fill(55, 0xEE));
   for (const Block& block : surveyOf(bytes).blocks) {
     EXPECT_TRUE(block.position == outer.a || block.position == outer.c) << block.position;
   }
@@ -499,7 +498,7 @@ TEST(SalvageOfNestedDatabases, AreFoundWhenTheyAreAskedFor) {
   EXPECT_EQ(surveyOf(outer.image.build()).nestedBlocks.size(), 0u);
   EXPECT_EQ(surveyOf(outer.image.build(), {.deep = true}).nestedBlocks.size(), 9u);
   EXPECT_EQ(surveyOf(outer.image.build(), {.deep = true}).nestedDatabases,
-            std::vector<std::int64_t>{outer.b + 55});
+            std::vector<int64_t>{outer.b + 55});
 }
 
 // ---- size
@@ -507,25 +506,24 @@ TEST(SalvageOfNestedDatabases, AreFoundWhenTheyAreAskedFor) {
 // A source of zeros with a block at its end.
 class SparseSource : public raw::ByteSource {
  public:
-  SparseSource(std::int64_t size, const Bytes& end) : size_(size), end_(end) {}
-  std::int64_t size() const override { return size_; }
-  std::size_t readAt(std::int64_t position, void* buffer, std::size_t count) const override {
-    count = static_cast<std::size_t>(
-        std::min<std::int64_t>(static_cast<std::int64_t>(count), size_ - position));
-    EXPECT_LE(count, std::size_t{1} << 20) << "large pieces cost memory";
-    std::fill_n(static_cast<std::uint8_t*>(buffer), count, std::uint8_t{0});
-    const std::int64_t start = size_ - static_cast<std::int64_t>(end_.size());
-    for (std::size_t i = 0; i < end_.size(); ++i) {
-      const std::int64_t place = start + static_cast<std::int64_t>(i) - position;
-      if (place >= 0 && place < static_cast<std::int64_t>(count)) {
-        static_cast<std::uint8_t*>(buffer)[place] = end_[i];
+  SparseSource(int64_t size, const Bytes& end) : size_(size), end_(end) {}
+  int64_t size() const override { return size_; }
+  size_t readAt(int64_t position, void* buffer, size_t count) const override {
+    count = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(count), size_ - position));
+    EXPECT_LE(count, size_t{1} << 20) << "large pieces cost memory";
+    std::fill_n(static_cast<uint8_t*>(buffer), count, uint8_t{0});
+    const int64_t start = size_ - static_cast<int64_t>(end_.size());
+    for (size_t i = 0; i < end_.size(); ++i) {
+      const int64_t place = start + static_cast<int64_t>(i) - position;
+      if (place >= 0 && place < static_cast<int64_t>(count)) {
+        static_cast<uint8_t*>(buffer)[place] = end_[i];
       }
     }
     return count;
   }
 
  private:
-  std::int64_t size_;
+  int64_t size_;
   const Bytes& end_;
 };
 
@@ -534,11 +532,11 @@ TEST(SalvageOfLargeFiles, FindsOneBlockAtTheEnd) {
   record.tableID = identifier(0x11);
   record.recordID = identifier(0xA1);
   const Bytes block = record.encode();
-  const std::int64_t size = std::int64_t(seeds(64, 4096)) << 20;
+  const int64_t size = int64_t(seeds(64, 4096)) << 20;
   const SparseSource source(size, block);
   const Survey survey = raw::makeSurvey(source);
   ASSERT_EQ(survey.blocks.size(), 1u);
-  EXPECT_EQ(survey.blocks[0].position, size - static_cast<std::int64_t>(block.size()));
+  EXPECT_EQ(survey.blocks[0].position, size - static_cast<int64_t>(block.size()));
 }
 
 // Kilobytes of memory that a salvage takes, in a process of its own; 0 when it fails.
@@ -559,11 +557,11 @@ long memoryOfSalvage(const std::filesystem::path& source, const std::filesystem:
 TEST(SalvageOfLargeFiles, FindsBlocksBehindAHole) {
   TempFolder folder;
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
-  const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
+  const size_t table = image.addTable("notes", 0x11);
+  const int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
   image.addRecord(table, 0xA2, bytesOf("second"));
-  const Bytes blocks = image.build().from(static_cast<std::size_t>(a));
-  constexpr std::uint64_t kEnd = std::uint64_t{4} << 30;
+  const Bytes blocks = image.build().from(static_cast<size_t>(a));
+  constexpr uint64_t kEnd = uint64_t{4} << 30;
   writeFile(folder / "large.qvd", Bytes(image.build()).cut(4630));
   std::filesystem::resize_file(folder / "large.qvd", kEnd);
   patchFile(folder / "large.qvd", kEnd, blocks);
@@ -582,12 +580,12 @@ TEST(SalvageOfLargeFiles, FindsBlocksBehindAHole) {
 
 // A search goes on where a hole ends, and misses nothing there.
 TEST(SalvageOfLargeFiles, FindsABlockDirectlyBehindAHole) {
-  constexpr std::int64_t kMegabyte = std::int64_t{1} << 20;
+  constexpr int64_t kMegabyte = int64_t{1} << 20;
   class Holey : public raw::MemorySource {
    public:
     Holey(const Bytes& bytes, platform::FileHole hole)
         : raw::MemorySource(asBytes(bytes)), hole_(hole) {}
-    std::optional<platform::FileHole> nextHole(std::int64_t position) const override {
+    std::optional<platform::FileHole> nextHole(int64_t position) const override {
       if (position >= hole_.end) return std::nullopt;
       return platform::FileHole{std::max(position, hole_.begin), hole_.end};
     }
@@ -595,14 +593,14 @@ TEST(SalvageOfLargeFiles, FindsABlockDirectlyBehindAHole) {
    private:
     platform::FileHole hole_;
   };
-  for (std::int64_t inside = 0; inside <= 4; ++inside) {
+  for (int64_t inside = 0; inside <= 4; ++inside) {
     Bytes bytes = FileImage().build();
-    bytes.zeros(static_cast<std::size_t>(2 * kMegabyte) - bytes.size());
-    const auto behind = static_cast<std::int64_t>(bytes.size()) + inside;
+    bytes.zeros(static_cast<size_t>(2 * kMegabyte) - bytes.size());
+    const auto behind = static_cast<int64_t>(bytes.size()) + inside;
     RecordFields record;
     record.tableID = identifier(0x11);
     record.recordID = identifier(0xA1);
-    bytes.zeros(static_cast<std::size_t>(inside)).add(record.encode());
+    bytes.zeros(static_cast<size_t>(inside)).add(record.encode());
     const Holey source(bytes, {10'000, behind});
     const Survey survey = raw::makeSurvey(source);
     ASSERT_EQ(survey.blocks.size(), 1u) << inside;

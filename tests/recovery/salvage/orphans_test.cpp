@@ -11,7 +11,7 @@ namespace {
 Bytes withTable(Bytes bytes, const char* name) {
   TempFolder folder;
   writeFile(folder / "a.qvd", bytes);
-  const std::int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
+  const int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
   EXPECT_NE(AddTable(db, name), 0u);
   CloseDBase(db);
   return readFile(folder / "a.qvd");
@@ -20,9 +20,9 @@ Bytes withTable(Bytes bytes, const char* name) {
 // One flipped bit in the number of tables hides a table, and the next table takes its slot.
 TEST(Orphans, AreDamageAndAreSalvagedWhenAnotherTableTookTheirSlot) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
+  const size_t table = image.addTable("notes", 0x11);
   Contents all;
-  for (std::uint64_t i = 0; i < 10; ++i) {
+  for (uint64_t i = 0; i < 10; ++i) {
     image.addRecord(table, 0xA1 + i, pattern(20 + i));
     all.emplace_back(0xA1 + i, pattern(20 + i));
   }
@@ -47,7 +47,7 @@ TEST(Orphans, AreNoneInsideATornBlock) {
   FileImage stored;
   stored.addRecord(stored.addTable("stored", 0x4411), 0x901, pattern(30));
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
+  const size_t table = image.addTable("notes", 0x11);
   image.addRecord(table, 0xA1, bytesOf("first"));
   RecordFields torn;
   torn.tableID = identifier(0x11);
@@ -55,7 +55,7 @@ TEST(Orphans, AreNoneInsideATornBlock) {
   torn.createTime = torn.modifyTime = 1000;
   // Its first bytes are lost, so that it does not show itself as a database.
   torn.room = stored.build().with(0, Bytes().zeros(22)).add(pattern(500));
-  torn.dataLength = torn.dataCapacity = static_cast<std::uint32_t>(torn.room.size());
+  torn.dataLength = torn.dataCapacity = static_cast<uint32_t>(torn.room.size());
   const Bytes whole = torn.encode();
   const Bytes bytes = Bytes(image.build()).add(whole.cut(whole.size() - 100));
   const Checked checked = checkBytes(bytes);
@@ -71,9 +71,9 @@ TEST(Orphans, AreNoneInsideWholeBlocks) {
   stored.addRecord(stored.addTable("stored", 0x4411), 0x901, pattern(30));
   for (const bool isDeleted : {false, true}) {
     FileImage image;
-    const std::size_t table = image.addTable("notes", 0x11);
-    const std::int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
-    const std::int64_t b = image.addRecord(table, 0xA2, stored.build());
+    const size_t table = image.addTable("notes", 0x11);
+    const int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
+    const int64_t b = image.addRecord(table, 0xA2, stored.build());
     if (isDeleted) {
       image.record(a).nextRecordPos = 0;
       image.slot(table).recordCount = 1;

@@ -48,7 +48,7 @@ inline Salvaged salvaged(const Bytes& bytes, const qvdb::SalvageOptions& options
 }
 
 // What a table holds: identifiers and payloads, in order.
-using Contents = std::vector<std::pair<std::uint64_t, Bytes>>;
+using Contents = std::vector<std::pair<uint64_t, Bytes>>;
 
 inline Contents contentsOf(const ReadTable& table) {
   Contents contents;
@@ -66,25 +66,24 @@ inline const ReadTable* tableNamed(const ReadDatabase& database, const std::stri
 }
 
 // The records that a salvage would take, with their payloads, without writing the new file.
-inline std::map<std::pair<std::uint64_t, std::uint64_t>, Bytes> takenRecords(
+inline std::map<std::pair<uint64_t, uint64_t>, Bytes> takenRecords(
     const Bytes& bytes, const qvdb::SalvageOptions& options = {}) {
   const raw::Survey survey = surveyOf(bytes);
   const salvage::Plan plan = salvage::makePlan(survey, options);
-  std::map<std::pair<std::uint64_t, std::uint64_t>, Bytes> records;
+  std::map<std::pair<uint64_t, uint64_t>, Bytes> records;
   for (const salvage::PlannedTable& table : plan.tables) {
-    for (const std::uint32_t number : table.records) {
+    for (const uint32_t number : table.records) {
       const raw::Block& block = survey.blocks[number];
-      records[{survey.owners[block.owner].number, block.recordID}] = bytes.at(
-          static_cast<std::size_t>(block.dataPos()), static_cast<std::size_t>(block.dataThere()));
+      records[{survey.owners[block.owner].number, block.recordID}] =
+          bytes.at(static_cast<size_t>(block.dataPos()), static_cast<size_t>(block.dataThere()));
     }
   }
   return records;
 }
 
 // The records of the whole database, by table and record identifier.
-inline std::map<std::pair<std::uint64_t, std::uint64_t>, Bytes> recordsOf(
-    const ReadDatabase& database) {
-  std::map<std::pair<std::uint64_t, std::uint64_t>, Bytes> records;
+inline std::map<std::pair<uint64_t, uint64_t>, Bytes> recordsOf(const ReadDatabase& database) {
+  std::map<std::pair<uint64_t, uint64_t>, Bytes> records;
   for (const ReadTable& table : database.tables) {
     for (const ReadRecord& record : table.records) {
       records[{table.id, record.id}] = record.fields.data();

@@ -17,14 +17,14 @@ TEST(Salvage, GivesBackASoundFileAsItWas) {
     const ReadDatabase before = readDatabase(base.bytes);
     EXPECT_EQ(saved.database.header.encode(), before.header.encode());
     ASSERT_EQ(saved.database.tables.size(), before.tables.size()) << base.name;
-    for (std::size_t i = 0; i < before.tables.size(); ++i) {
+    for (size_t i = 0; i < before.tables.size(); ++i) {
       const ReadTable& was = before.tables[i];
       const ReadTable& is = saved.database.tables[i];
       EXPECT_EQ(is.id, was.id);
       EXPECT_EQ(is.name, was.name);
       EXPECT_EQ(is.slot.recordWriteCount, was.slot.recordWriteCount);
       EXPECT_EQ(contentsOf(is), contentsOf(was));
-      for (std::size_t r = 0; r < was.records.size(); ++r) {
+      for (size_t r = 0; r < was.records.size(); ++r) {
         EXPECT_EQ(is.records[r].fields.createTime, was.records[r].fields.createTime);
         EXPECT_EQ(is.records[r].fields.modifyTime, was.records[r].fields.modifyTime);
         EXPECT_EQ(is.records[r].fields.dataCapacity, was.records[r].fields.dataCapacity);
@@ -40,15 +40,15 @@ TEST(Salvage, GivesBackASoundFileAsItWas) {
 }
 
 TEST(Salvage, GivesBackRandomFilesAsTheyWere) {
-  const std::uint64_t first = firstSeed();
-  for (std::uint64_t seed = first; seed < first + seeds(10, 500); ++seed) {
+  const uint64_t first = firstSeed();
+  for (uint64_t seed = first; seed < first + seeds(10, 500); ++seed) {
     TempFolder folder;
     RandomDatabase database(folder, "random.qvd", seed);
     database.run(200);
     database.close();
     const Salvaged saved = salvaged(readFile(database.path()));
     ASSERT_EQ(saved.database.tables.size(), database.tables().size());
-    for (std::size_t i = 0; i < database.tables().size(); ++i) {
+    for (size_t i = 0; i < database.tables().size(); ++i) {
       Contents expected;
       for (const auto& record : database.tables()[i].records) {
         expected.emplace_back(record.id, record.payload);
@@ -60,12 +60,12 @@ TEST(Salvage, GivesBackRandomFilesAsTheyWere) {
 
 struct Parts {
   FileImage image;
-  std::size_t table = image.addTable("notes", 0x11);
-  std::int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
-  std::int64_t b = image.addRecord(table, 0xA2, bytesOf("second"));
-  std::int64_t c = image.addRecord(table, 0xA3, bytesOf("third"));
-  std::int64_t d = image.addRecord(table, 0xA4, bytesOf("fourth"));
-  std::int64_t e = image.addRecord(table, 0xA5, bytesOf("fifth"));
+  size_t table = image.addTable("notes", 0x11);
+  int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));
+  int64_t b = image.addRecord(table, 0xA2, bytesOf("second"));
+  int64_t c = image.addRecord(table, 0xA3, bytesOf("third"));
+  int64_t d = image.addRecord(table, 0xA4, bytesOf("fourth"));
+  int64_t e = image.addRecord(table, 0xA5, bytesOf("fifth"));
 
   const Contents all = {{0xA1, bytesOf("first")},
                         {0xA2, bytesOf("second")},
@@ -178,7 +178,7 @@ TEST(Salvage, FindsTheTableDataThatAPackLostSightOf) {
 TEST(Salvage, FindsTablesWithoutTheirDirectory) {
   Parts parts;
   Bytes bytes = parts.image.build();
-  std::fill(bytes.begin(), bytes.begin() + 4630, std::uint8_t{0});
+  std::fill(bytes.begin(), bytes.begin() + 4630, uint8_t{0});
   const Salvaged saved = salvaged(bytes);
   ASSERT_EQ(saved.database.tables.size(), 1u);
   EXPECT_EQ(saved.database.tables[0].id, 0x11u);
@@ -220,7 +220,7 @@ TEST(Salvage, GivesNoIdentifierToTwoTables) {
   for (const bool isFirst : {false, true}) {
     FileImage image;
     if (isFirst) image.addTable("empty", 0x11);
-    const std::size_t notes = image.addTable("notes", 0x11);
+    const size_t notes = image.addTable("notes", 0x11);
     if (!isFirst) image.addTable("empty", 0x11);
     image.addRecord(notes, 0xA1, bytesOf("text"));
     image.slot(isFirst ? 0 : 1).tableID[9] ^= 0x40;
@@ -241,11 +241,11 @@ TEST(Salvage, GivesNoIdentifierToTwoTables) {
 TEST(Salvage, TakesCutPayloadsWhenItIsAskedTo) {
   Parts parts;
   Bytes bytes = parts.image.build();
-  bytes.putLe(slotOffset(0) + 88, 8, static_cast<std::uint64_t>(parts.d));  // as before the append
-  bytes.putBe(static_cast<std::size_t>(parts.d) + 39, 8, 0);
+  bytes.putLe(slotOffset(0) + 88, 8, static_cast<uint64_t>(parts.d));  // as before the append
+  bytes.putBe(static_cast<size_t>(parts.d) + 39, 8, 0);
   bytes.putLe(slotOffset(0) + 60, 4, 4);
   bytes.putLe(slotOffset(0) + 64, 4, 4);
-  bytes.resize(static_cast<std::size_t>(parts.e) + 55 + 3);
+  bytes.resize(static_cast<size_t>(parts.e) + 55 + 3);
   const Contents four(parts.all.begin(), parts.all.begin() + 4);
   EXPECT_EQ(contentsOf(salvaged(bytes).database.tables[0]), four);
 
@@ -286,7 +286,7 @@ TEST(Salvage, MakesNoFileWhenThereIsNothing) {
 TEST(Salvage, LeavesOutTablesThatADatabaseHasNoRoomFor) {
   FileImage image;
   RecordFields record;
-  for (std::uint64_t i = 1; i <= 40; ++i) {
+  for (uint64_t i = 1; i <= 40; ++i) {
     record.tableID = identifier(0x100 + i);
     record.recordID = identifier(i);
     image.addDeadRecord(record);

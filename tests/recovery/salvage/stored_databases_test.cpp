@@ -9,9 +9,9 @@
 namespace qvdbase::test {
 namespace {
 
-FileImage innerImage(const std::string& name, std::uint64_t id) {
+FileImage innerImage(const std::string& name, uint64_t id) {
   FileImage image;
-  const std::size_t table = image.addTable(name, id);
+  const size_t table = image.addTable(name, id);
   image.addRecord(table, 0x901, bytesOf(name + " one"));
   image.addRecord(table, 0x902, bytesOf(name + " two"), {.reserve = 30});
   return image;
@@ -37,12 +37,12 @@ class StoredDatabases : public testing::Test {
     return qvdb::salvage_image(asBytes(bytes), folder / "saved.qvd", {}, deep);
   }
 
-  std::filesystem::path fileAt(std::int64_t offset) const {
+  std::filesystem::path fileAt(int64_t offset) const {
     return folder / ("inside/here/at-" + std::to_string(offset) + ".qvd");
   }
 
   // Expects a sound file with this one table.
-  void expectSaved(std::int64_t offset, const std::string& name, const Contents& contents) {
+  void expectSaved(int64_t offset, const std::string& name, const Contents& contents) {
     const std::vector<Finding> findings = checkFile(fileAt(offset));
     EXPECT_TRUE(findings.empty()) << describe(findings);
     const ReadDatabase saved = readDatabase(fileAt(offset));
@@ -53,10 +53,10 @@ class StoredDatabases : public testing::Test {
 
   TempFolder folder;
   FileImage outer;
-  std::size_t table = outer.addTable("outer", 0x11);
-  std::int64_t a = 0;
-  std::int64_t b = 0;
-  std::int64_t c = 0;
+  size_t table = outer.addTable("outer", 0x11);
+  int64_t a = 0;
+  int64_t b = 0;
+  int64_t c = 0;
 };
 
 TEST_F(StoredDatabases, GoIntoFilesOfTheirOwn) {
@@ -88,7 +88,7 @@ TEST_F(StoredDatabases, AreFoundInDeletedRecords) {
 
 // That a live record holds the same database makes its tables no tables of the outer one.
 TEST_F(StoredDatabases, AreFoundInDeletedAndLiveRecordsAtOnce) {
-  const std::int64_t d = outer.addRecord(table, 0xA4, innerImage("inner", 0x4411).build());
+  const int64_t d = outer.addRecord(table, 0xA4, innerImage("inner", 0x4411).build());
   outer.record(a).nextRecordPos = c;
   outer.record(c).prevRecordPos = a;
   outer.slot(table).recordCount = 3;
@@ -111,7 +111,7 @@ TEST_F(StoredDatabases, AreSalvagedUnderTheSameOptions) {
   inner.addDeadRecord(dead);
   inner.slot(0).recordWriteCount = 3;
   FileImage image;
-  const std::int64_t at = image.addRecord(image.addTable("outer", 0x11), 0xA1, inner.build());
+  const int64_t at = image.addRecord(image.addTable("outer", 0x11), 0xA1, inner.build());
   salvage(image.build(), {.deleted = true, .in_place_tables = true});
   Contents contents = innerContents("inner");
   contents.emplace_back(0xDD, bytesOf("deleted"));
@@ -120,10 +120,10 @@ TEST_F(StoredDatabases, AreSalvagedUnderTheSameOptions) {
 
 TEST_F(StoredDatabases, InsideOthersAreFoundToo) {
   FileImage middle;
-  const std::int64_t within =
+  const int64_t within =
       middle.addRecord(middle.addTable("middle", 0x22), 0xB1, innerImage("inner", 0x4411).build());
   FileImage image;
-  const std::int64_t at = image.addRecord(image.addTable("outer", 0x11), 0xA1, middle.build());
+  const int64_t at = image.addRecord(image.addTable("outer", 0x11), 0xA1, middle.build());
   EXPECT_EQ(salvage(image.build()).stored.size(), 2u);
   expectSaved(at + 55 + within + 55, "inner", innerContents("inner"));
   EXPECT_EQ(readDatabase(fileAt(at + 55)).tables.at(0).name, "middle");
@@ -133,7 +133,7 @@ TEST_F(StoredDatabases, SideBySideInAnImageEachGetAFile) {
   const Bytes first = innerImage("first", 0x4411).build();
   Bytes image = pattern(5000);
   image.add(first).add(pattern(3000)).add(innerImage("second", 0x4422).build());
-  const auto second = static_cast<std::int64_t>(5000 + first.size() + 3000);
+  const auto second = static_cast<int64_t>(5000 + first.size() + 3000);
   EXPECT_EQ(salvage(image).stored.size(), 2u);
   expectSaved(5000, "first", innerContents("first"));
   expectSaved(second, "second", innerContents("second"));
@@ -145,7 +145,7 @@ TEST_F(StoredDatabases, SideBySideAreNotMixedWhenOneIsALaterCopyOfTheOther) {
   later.addRecord(0, 0x903, bytesOf("inner three"));
   Bytes image = pattern(5000);
   image.add(innerImage("inner", 0x4411).build());
-  const auto second = static_cast<std::int64_t>(image.size());
+  const auto second = static_cast<int64_t>(image.size());
   image.add(later.build());
   EXPECT_EQ(salvage(image).stored.size(), 2u);
   expectSaved(5000, "inner", innerContents("inner"));
@@ -157,7 +157,7 @@ TEST_F(StoredDatabases, SideBySideAreNotMixedWhenOneIsALaterCopyOfTheOther) {
 // A database in a record whose header was destroyed does not end the one around it.
 TEST_F(StoredDatabases, SideBySideReachAsFarAsTheirDirectoriesSay) {
   Bytes image = pattern(5000);
-  image.add(outer.build().with(static_cast<std::size_t>(b), Bytes().fill(55, 0xEE)));
+  image.add(outer.build().with(static_cast<size_t>(b), Bytes().fill(55, 0xEE)));
   salvage(image);
   const ReadDatabase saved = readDatabase(fileAt(5000));
   ASSERT_EQ(saved.tables.size(), 1u);
@@ -177,8 +177,8 @@ TEST_F(StoredDatabases, WithoutTablesTakeNothingOfWhatFollows) {
 TEST_F(StoredDatabases, InSpareRoomEndWithTheirBlock) {
   const Bytes inner = innerImage("inner", 0x4411).build();
   FileImage image;
-  const std::size_t holder = image.addTable("outer", 0x11);
-  const std::int64_t at = image.addRecord(holder, 0xA1, inner);
+  const size_t holder = image.addTable("outer", 0x11);
+  const int64_t at = image.addRecord(holder, 0xA1, inner);
   image.addRecord(holder, 0xA2, bytesOf("behind"));
   image.record(at).dataLength = 0;
   image.record(at).nextRecordPos = 0;  // deleted: dead blocks are searched as a whole
@@ -204,8 +204,8 @@ TEST_F(StoredDatabases, NeedAFolderThatCanBeMade) {
 TEST_F(StoredDatabases, EndWhereTheirPayloadEnds) {
   const Bytes whole = innerImage("inner", 0x4411).build();
   FileImage image;
-  const std::size_t outerTable = image.addTable("outer", 0x11);
-  const std::int64_t at =
+  const size_t outerTable = image.addTable("outer", 0x11);
+  const int64_t at =
       image.addRecord(outerTable, 0xA1, whole.cut(whole.size() - 22 - 3));  // end mark, spare room
   image.addRecord(outerTable, 0xA2, bytesOf("behind"));
   salvage(image.build());
@@ -229,7 +229,7 @@ TEST_F(StoredDatabases, AreFoundBehindAHeaderThatWasLeft) {
   Bytes payload = inner.cut(512);
   payload.add(inner);
   FileImage image;
-  const std::int64_t at = image.addRecord(image.addTable("outer", 0x11), 0xA1, payload);
+  const int64_t at = image.addRecord(image.addTable("outer", 0x11), 0xA1, payload);
   salvage(image.build());
   expectSaved(at + 55 + 512, "inner", innerContents("inner"));
 }
@@ -243,7 +243,7 @@ TEST_F(StoredDatabases, TellOfWhatIsCutInThem) {
 
 // As many bytes as a file can have are missing at the front.
 TEST_F(StoredDatabases, AreFoundBehindAFrontThatIsMissing) {
-  const std::int64_t missing = std::int64_t{1} << 50;
+  const int64_t missing = int64_t{1} << 50;
   const qvdb::SalvageReport report = salvage(outer.build(), {.from = -missing});
   ASSERT_EQ(report.stored.size(), 2u);
   EXPECT_EQ(report.stored[0].offset, missing);
@@ -284,9 +284,9 @@ TEST_F(StoredDatabases, TakeEverythingBackWhenOneOfThemCannotBeWritten) {
 
 TEST_F(StoredDatabases, AreTakenUpToAThousand) {
   FileImage image;
-  const std::size_t holder = image.addTable("holder", 0x11);
+  const size_t holder = image.addTable("holder", 0x11);
   const Bytes empty = FileImage().build();
-  for (std::uint64_t i = 1; i <= 1002; ++i) image.addRecord(holder, i, empty);
+  for (uint64_t i = 1; i <= 1002; ++i) image.addRecord(holder, i, empty);
   const qvdb::SalvageReport report = salvage(image.build());
   EXPECT_EQ(report.stored.size(), 1000u);
   ASSERT_EQ(report.notes.size(), 1u);

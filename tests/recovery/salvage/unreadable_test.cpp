@@ -47,7 +47,7 @@ class BadSectors {
 };
 
 // The bytes with zeros from `begin` to before `end`.
-Bytes holed(const Bytes& bytes, std::size_t begin, std::size_t end) {
+Bytes holed(const Bytes& bytes, size_t begin, size_t end) {
   return bytes.with(begin, Bytes().zeros(end - begin));
 }
 
@@ -63,7 +63,7 @@ class Unreadable : public testing::Test {
   // Three records; the payload of the second stands from 4746 to 24746.
   FileImage threeRecords() {
     FileImage image;
-    const std::size_t table = image.addTable("notes", 0x11);
+    const size_t table = image.addTable("notes", 0x11);
     image.addRecord(table, 0xA1, bytesOf("first"));
     image.addRecord(table, 0xA2, pattern(20'000));
     image.addRecord(table, 0xA3, bytesOf("third"));
@@ -117,21 +117,21 @@ TEST_F(Unreadable, BytesAtTheEndOfAPayloadAreToldToo) {
 }
 
 TEST_F(Unreadable, SectorsTakeNoMoreWithThemThanThemselves) {
-  const std::size_t payload = std::size_t{5} << 19;  // two and a half pieces
-  constexpr std::size_t kFirst = 4685;               // where it begins
+  const size_t payload = size_t{5} << 19;  // two and a half pieces
+  constexpr size_t kFirst = 4685;          // where it begins
   FileImage image;
   image.addRecord(image.addTable("notes", 0x11), 0xA1, pattern(payload));
   constexpr off_t kBad = (off_t{1} << 20) + 8192;
   const qvdb::SalvageReport report = salvage(image, kBad, kBad + 8192);
   EXPECT_EQ(report.bytes_unreadable, 8192u);
   EXPECT_TRUE(sameBytes(contentsOf(saved())[0].second,
-                        holed(pattern(payload), static_cast<std::size_t>(kBad) - kFirst,
-                              static_cast<std::size_t>(kBad) + 8192 - kFirst)));
+                        holed(pattern(payload), static_cast<size_t>(kBad) - kFirst,
+                              static_cast<size_t>(kBad) + 8192 - kFirst)));
 }
 
 TEST_F(Unreadable, TableDataIsToldWithoutARecord) {
   FileImage image;
-  const std::size_t table = image.addTable("notes", 0x11);
+  const size_t table = image.addTable("notes", 0x11);
   image.setTableData(table, pattern(20'000));
   const qvdb::SalvageReport report = salvage(image, 8192, 12'288);
   EXPECT_EQ(report.records_cut, 0u);

@@ -16,7 +16,7 @@ long g_liveAllocations = 0;
 // How many more succeed before one fails; none fails while this is negative.
 long g_allocationsLeft = -1;
 
-void* countedAllocation(std::size_t size) {
+void* countedAllocation(size_t size) {
   if (g_allocationsLeft >= 0 && g_allocationsLeft-- == 0) throw std::bad_alloc();
   void* memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
@@ -31,10 +31,10 @@ void countedFree(void* memory) noexcept {
 }  // namespace
 
 // The ordinary allocators, counted.
-void* operator new(std::size_t size) {
+void* operator new(size_t size) {
   return countedAllocation(size);
 }
-void* operator new[](std::size_t size) {
+void* operator new[](size_t size) {
   return countedAllocation(size);
 }
 void operator delete(void* memory) noexcept {
@@ -43,10 +43,10 @@ void operator delete(void* memory) noexcept {
 void operator delete[](void* memory) noexcept {
   countedFree(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+void operator delete(void* memory, size_t) noexcept {
   countedFree(memory);
 }
-void operator delete[](void* memory, std::size_t) noexcept {
+void operator delete[](void* memory, size_t) noexcept {
   countedFree(memory);
 }
 
@@ -65,7 +65,7 @@ std::string at(QVList& list, int index) {
   const void* data = list.GetAtNoCopy(&size, index);
   if (size == -7) return "(none)";
   if (data == nullptr) return "";
-  return {static_cast<const char*>(data), static_cast<std::size_t>(size)};
+  return {static_cast<const char*>(data), static_cast<size_t>(size)};
 }
 
 // The elements by following the chain forwards, checked against the chain followed backwards.
@@ -75,7 +75,7 @@ std::vector<std::string> elements(QVList& list) {
   for (const QVNode* node = list.GetNodeAt(0); node != nullptr; node = node->next) {
     EXPECT_EQ(node->prev, last) << "a back link does not name the predecessor";
     forwards.emplace_back(node->data == nullptr ? "" : static_cast<const char*>(node->data),
-                          static_cast<std::size_t>(node->dataSize));
+                          static_cast<size_t>(node->dataSize));
     last = node;
   }
   EXPECT_EQ(list.GetSize(), static_cast<int>(forwards.size()));

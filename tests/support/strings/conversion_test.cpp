@@ -23,11 +23,11 @@ PlatformString platformString(const QVWCHAR* text) {
   return PlatformString(QVWString().ConvertQVWCHARBufferToCFString(text));
 }
 
-constexpr std::uint8_t kFillByte = 0xEE;
+constexpr uint8_t kFillByte = 0xEE;
 
 // The first size + 2 bytes of the destination after a conversion.
 Bytes utf8(const WideText& source, int size) {
-  Bytes destination = Bytes().fill(static_cast<std::size_t>(std::max(size, 0)) + 2, kFillByte);
+  Bytes destination = Bytes().fill(static_cast<size_t>(std::max(size, 0)) + 2, kFillByte);
   EXPECT_EQ(QVWString().ConvertQVWCHARBufferToUTF8Buffer(source, destination.data(), size), 1);
   return destination;
 }

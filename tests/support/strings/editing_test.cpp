@@ -22,7 +22,7 @@ void PrintTo(const Replaced& replaced, std::ostream* out) {
 }
 
 Replaced replace(std::u16string_view subject, const char16_t* from, const char16_t* to,
-                 std::size_t room = 0) {
+                 size_t room = 0) {
   GuardedText buffer(subject, room);
   const int result = QVWString().Replace(buffer, WideText(from), WideText(to));
   return {result, text(buffer)};
@@ -75,11 +75,11 @@ TEST(Replace, NeedsAllTexts) {
 }
 
 TEST(Replace, BuildsResultsOfAnyLength) {
-  for (const std::size_t length : {2047u, 2048u, 2049u, 2050u, 2051u, 5000u}) {
+  for (const size_t length : {2047u, 2048u, 2049u, 2050u, 2051u, 5000u}) {
     EXPECT_EQ(replace(std::u16string(length, u'a'), u"a", u"bc", length),
               (Replaced{1, [length] {
                           std::u16string expected;
-                          for (std::size_t i = 0; i < length; ++i) expected += u"bc";
+                          for (size_t i = 0; i < length; ++i) expected += u"bc";
                           return expected;
                         }()}));
   }

@@ -15,7 +15,7 @@ struct Digits {
   int point = 0;
 };
 
-inline Digits digitsOf(double value, std::int64_t wanted, bool exponentForm) {
+inline Digits digitsOf(double value, int64_t wanted, bool exponentForm) {
   if (wanted < 0) wanted = 0;
   if (wanted > 350) wanted = 350;
   Digits result;
@@ -34,9 +34,9 @@ inline Digits digitsOf(double value, std::int64_t wanted, bool exponentForm) {
     }
   }
 
-  const std::int64_t last = exponentForm ? wanted : wanted + result.point;
+  const int64_t last = exponentForm ? wanted : wanted + result.point;
   if (last < 0) return {"", result.point};
-  while (static_cast<std::int64_t>(result.text.size()) <= last && result.text.size() < 352) {
+  while (static_cast<int64_t>(result.text.size()) <= last && result.text.size() < 352) {
     double digit = 0;
     fraction = std::modf(fraction * 10, &digit);
     result.text += static_cast<char>('0' + static_cast<int>(digit));
@@ -48,10 +48,10 @@ inline Digits digitsOf(double value, std::int64_t wanted, bool exponentForm) {
 
   // Round at the digit behind the last one wanted, as on paper: the carry goes on as long as it
   // meets nines.
-  const auto kept = static_cast<std::size_t>(last);
+  const auto kept = static_cast<size_t>(last);
   bool carry = result.text[kept] >= '5';
   result.text.resize(kept);
-  for (std::size_t i = kept; carry && i > 0; --i) {
+  for (size_t i = kept; carry && i > 0; --i) {
     char& digit = result.text[i - 1];
     carry = digit == '9';
     digit = carry ? '0' : static_cast<char>(digit + 1);
@@ -64,7 +64,7 @@ inline Digits digitsOf(double value, std::int64_t wanted, bool exponentForm) {
   return result;
 }
 
-inline std::string exponentForm(double value, std::int64_t precision, char mark) {
+inline std::string exponentForm(double value, int64_t precision, char mark) {
   const Digits digits = digitsOf(value, precision + 1, true);
   if (digits.text.empty()) return "";
   std::string text = digits.text.substr(0, 1);
@@ -75,21 +75,21 @@ inline std::string exponentForm(double value, std::int64_t precision, char mark)
   return text + mark + (exponent < 0 ? "-" : "+") + magnitude;
 }
 
-inline std::string fixedForm(double value, std::int64_t precision) {
+inline std::string fixedForm(double value, int64_t precision) {
   const Digits digits = digitsOf(value, precision, false);
   if (digits.text.empty()) {
     if (precision <= 0) return "0";
-    return "0." + std::string(static_cast<std::size_t>(precision), '0');
+    return "0." + std::string(static_cast<size_t>(precision), '0');
   }
   if (digits.point <= 0) {
-    return "0." + std::string(static_cast<std::size_t>(-digits.point), '0') + digits.text;
+    return "0." + std::string(static_cast<size_t>(-digits.point), '0') + digits.text;
   }
-  const auto point = static_cast<std::size_t>(digits.point);
+  const auto point = static_cast<size_t>(digits.point);
   if (digits.text.size() <= point) return digits.text;
   return digits.text.substr(0, point) + "." + digits.text.substr(point);
 }
 
-inline std::string generalForm(double value, std::int64_t precision, char mark) {
+inline std::string generalForm(double value, int64_t precision, char mark) {
   const int point = digitsOf(value, precision, true).point;
   if (point - 1 < -4 || point - 1 > precision - 1) {
     return exponentForm(value, precision - 1, mark);
@@ -104,20 +104,20 @@ inline std::string bareNumber(double value, int precision, char form) {
   return fixedForm(value, precision);
 }
 
-inline std::size_t endOfMantissa(const std::string& number) {
-  const std::size_t mark = number.find_first_of("eE");
+inline size_t endOfMantissa(const std::string& number) {
+  const size_t mark = number.find_first_of("eE");
   return mark == std::string::npos ? number.size() : mark;
 }
 
 inline std::string withPoint(const std::string& number) {
   if (number.find('.') != std::string::npos) return number;
-  const std::size_t end = endOfMantissa(number);
+  const size_t end = endOfMantissa(number);
   return number.substr(0, end) + "." + number.substr(end);
 }
 
 inline std::string withoutTrailingZeros(const std::string& number) {
   if (number.find('.') == std::string::npos) return number;
-  const std::size_t end = endOfMantissa(number);
+  const size_t end = endOfMantissa(number);
   std::string mantissa = number.substr(0, end);
   while (mantissa.back() == '0') mantissa.pop_back();
   if (mantissa.back() == '.') mantissa.pop_back();
@@ -153,9 +153,9 @@ inline std::string format(const Directive& directive, double value) {
     zeroFill = false;
   }
 
-  const auto width = static_cast<std::size_t>(directive.width < 0 ? 0 : directive.width);
-  const std::size_t length = sign.size() + number.size();
-  const std::size_t rest = width > length ? width - length : 0;
+  const auto width = static_cast<size_t>(directive.width < 0 ? 0 : directive.width);
+  const size_t length = sign.size() + number.size();
+  const size_t rest = width > length ? width - length : 0;
   if (directive.left) return sign + number + std::string(rest, ' ');
   if (zeroFill) return sign + std::string(rest, '0') + number;
   return std::string(rest, ' ') + sign + number;

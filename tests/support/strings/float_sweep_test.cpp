@@ -16,7 +16,7 @@ namespace {
 
 class RandomNumbers {
  public:
-  explicit RandomNumbers(std::uint64_t seed) : engine_(seed) {}
+  explicit RandomNumbers(uint64_t seed) : engine_(seed) {}
 
   int between(int least, int most) {
     return std::uniform_int_distribution<int>(least, most)(engine_);
@@ -91,7 +91,7 @@ TEST(FloatSweep, FollowsTheRulesForEveryDouble) {
     const double value = random.value();
     const std::string format = textOf(directive);
     ASSERT_EQ(libraryText(format, value), rules::format(directive, value))
-        << format << " of the double " << std::hex << std::bit_cast<std::uint64_t>(value);
+        << format << " of the double " << std::hex << std::bit_cast<uint64_t>(value);
   }
 }
 
@@ -122,7 +122,7 @@ TEST(FloatSweep, LeftAndRightMirrorEachOther) {
 
     ASSERT_EQ(right.size(), left.size());
     ASSERT_GE(static_cast<int>(right.size()), directive.width);
-    const std::size_t spaces = std::min(right.find_first_not_of(' '), right.size());
+    const size_t spaces = std::min(right.find_first_not_of(' '), right.size());
     ASSERT_EQ(left, right.substr(spaces) + right.substr(0, spaces)) << textOf(directive);
   }
 }

@@ -27,7 +27,7 @@ void expectAll(std::initializer_list<FloatCase> cases) {
   }
 }
 
-std::u16string zeros(std::size_t count) {
+std::u16string zeros(size_t count) {
   return std::u16string(count, u'0');
 }
 
@@ -335,7 +335,7 @@ TEST(FormatFloat, WritesTheLongestNumbers) {
 
 TEST(FormatFloat, KeepsAWidthOfAnySize) {
   for (const int width : {999, 5000}) {
-    const auto size = static_cast<std::size_t>(width);
+    const auto size = static_cast<size_t>(width);
     EXPECT_EQ(formatted(size, u"%*.1f", width, 1.5), std::u16string(size - 3, u' ') + u"1.5");
     EXPECT_EQ(formatted(size, u"%0*.1f", width, -1.5), u"-" + zeros(size - 4) + u"1.5");
     EXPECT_EQ(formatted(size, u"%-*.1f", width, 1.5), u"1.5" + std::u16string(size - 3, u' '));
@@ -345,7 +345,7 @@ TEST(FormatFloat, KeepsAWidthOfAnySize) {
 
 // ---- The parts on their own
 
-std::u16string placed(std::size_t size, double value, int width, int precision, char16_t form,
+std::u16string placed(size_t size, double value, int width, int precision, char16_t form,
                       int flags) {
   GuardedText buffer(size);
   const QVWCHAR* const end = QVWString().flt(buffer, value, width, precision, form, flags);

@@ -345,7 +345,7 @@ TEST(FormatPrecision, IsZeroWithoutDigits) {
   EXPECT_TRUE(formats(u"", u"%.s", u"abc"_w.data()));
 }
 
-void* pointer(std::uintptr_t address) {
+void* pointer(uintptr_t address) {
   return reinterpret_cast<void*>(address);
 }
 
@@ -434,7 +434,7 @@ TEST(SkipAtoi, HasNoLimit) {
 
 // The text between `out` and the pointer returned, from a buffer of exactly that size.
 template <typename Write>
-std::u16string written(std::size_t size, Write write) {
+std::u16string written(size_t size, Write write) {
   GuardedText buffer(size);
   const QVWCHAR* const end = write(buffer.data());
   if (end == nullptr) return u"null";
@@ -505,7 +505,7 @@ TEST(Addresses, CanBeWrittenOnTheirOwn) {
 
 // The other way round, spaces become spaces behind the text.
 std::u16string mirrored(std::u16string text) {
-  const std::size_t spaces = text.find_first_not_of(u' ');
+  const size_t spaces = text.find_first_not_of(u' ');
   if (spaces == std::u16string::npos) return text;
   return text.substr(spaces) + text.substr(0, spaces);
 }
@@ -515,7 +515,7 @@ TEST(FormatProperties, LeftAndRightMirrorEachOther) {
   for (const char16_t* rest :
        {u"d", u"+d", u"#x", u"X", u"o", u"#o", u".5d", u"#.3x", u"u", u"c"}) {
     const std::u16string tail(rest);
-    const std::size_t flagEnd = tail.find_first_not_of(u"+#");
+    const size_t flagEnd = tail.find_first_not_of(u"+#");
     const std::u16string flags = tail.substr(0, flagEnd);
     const std::u16string behind = tail.substr(flagEnd);
     for (const int value : values) {
@@ -524,7 +524,7 @@ TEST(FormatProperties, LeftAndRightMirrorEachOther) {
             formatted(40, u"%" + flags + u"*" + behind, width, value == 0 ? 1 : value);
         const std::u16string left =
             formatted(40, u"%-" + flags + u"*" + behind, width, value == 0 ? 1 : value);
-        ASSERT_GE(right.size(), static_cast<std::size_t>(width));
+        ASSERT_GE(right.size(), static_cast<size_t>(width));
         ASSERT_EQ(narrow(left), narrow(mirrored(right)));
       }
     }
@@ -533,7 +533,7 @@ TEST(FormatProperties, LeftAndRightMirrorEachOther) {
 
 TEST(FormatProperties, AWidthOfAnySizeIsKept) {
   for (const int width : {999, 1000, 4096, 100000}) {
-    const auto size = static_cast<std::size_t>(width);
+    const auto size = static_cast<size_t>(width);
     EXPECT_EQ(formatted(size, u"%*d", width, 7), std::u16string(size - 1, u' ') + u"7");
     EXPECT_EQ(formatted(size, u"%0*d", width, -7), u"-" + std::u16string(size - 2, u'0') + u"7");
     EXPECT_EQ(formatted(size, u"%-*x", width, 7), u"7" + std::u16string(size - 1, u' '));

@@ -30,14 +30,14 @@ testing::AssertionResult formats(std::u16string_view expected, const char16_t* f
 
 // The text of a call that needs at most `room` characters.
 template <typename... Arguments>
-std::u16string formatted(std::size_t room, std::u16string_view format, Arguments... arguments) {
+std::u16string formatted(size_t room, std::u16string_view format, Arguments... arguments) {
   GuardedText buffer(room + 1);
   const int count = QVWString().swprintf(buffer, WideText(format), arguments...);
   EXPECT_GE(count, 0);
-  EXPECT_LE(static_cast<std::size_t>(count), room);
-  if (count < 0 || static_cast<std::size_t>(count) > room) return {};
+  EXPECT_LE(static_cast<size_t>(count), room);
+  if (count < 0 || static_cast<size_t>(count) > room) return {};
   EXPECT_EQ(buffer.data()[count], 0) << narrow(format);
-  return buffer.first(static_cast<std::size_t>(count));
+  return buffer.first(static_cast<size_t>(count));
 }
 
 }  // namespace qvdbase::test

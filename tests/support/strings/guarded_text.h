@@ -17,10 +17,10 @@ inline constexpr char16_t kUntouched = 0xA5C3;
 
 class GuardedText {
  public:
-  explicit GuardedText(std::size_t size) : size_(size), units_(size + 2 * kGuard, kUntouched) {}
+  explicit GuardedText(size_t size) : size_(size), units_(size + 2 * kGuard, kUntouched) {}
 
   // Holds `content` and `room` more characters behind its terminator.
-  explicit GuardedText(std::u16string_view content, std::size_t room = 0)
+  explicit GuardedText(std::u16string_view content, size_t room = 0)
       : GuardedText(content.size() + 1 + room) {
     std::copy(content.begin(), content.end(), data());
     data()[content.size()] = 0;
@@ -39,14 +39,14 @@ class GuardedText {
   operator QVWCHAR*() { return data(); }  // NOLINT: implicit on purpose
 
   // The first `length` characters, zeros among them too.
-  std::u16string first(std::size_t length) { return {data(), data() + length}; }
+  std::u16string first(size_t length) { return {data(), data() + length}; }
   std::u16string all() { return first(size_); }
 
  private:
   static constexpr std::ptrdiff_t kGuard = 64;
   static bool untouched(QVWCHAR c) { return c == kUntouched; }
 
-  std::size_t size_;
+  size_t size_;
   std::vector<QVWCHAR> units_;
 };
 

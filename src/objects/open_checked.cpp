@@ -13,7 +13,7 @@
 #include "failure/failure.h"
 #include "format/block_heads.h"
 #include "format/identifiers.h"
-#include "recovery/check/ends.h"
+#include "objects/chain_ends.h"
 #include "recovery/check/findings.h"
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/survey.h"
@@ -33,8 +33,8 @@ class Ends {
   Ends(const ByteSource& source, const tablePart1& slot) : source_(source), slot_(slot) {}
 
   const char* problem() const {
-    const std::int64_t first = slot_.firstRecordPos;
-    const std::int64_t last = slot_.lastRecordPos;
+    const int64_t first = slot_.firstRecordPos;
+    const int64_t last = slot_.lastRecordPos;
     if (slot_.recordCount == 0) {
       return first != 0 || last != 0 ? "it counts no records, but has positions of some" : nullptr;
     }
@@ -53,14 +53,14 @@ class Ends {
     if (slot_.recordCount == 0) return nullptr;
     const std::optional<recordPart1> head = recordAt(slot_.lastRecordPos);
     if (!head) return nullptr;
-    const std::int64_t size = qvdbase::kRecordBlockOverhead + std::int64_t{head->dataCapacity};
+    const int64_t size = qvdbase::kRecordBlockOverhead + int64_t{head->dataCapacity};
     return slot_.lastRecordPos > source_.size() - size
                ? "its last record reaches beyond the end of the file"
                : nullptr;
   }
 
  private:
-  const char* problemAtFirst(std::int64_t first) const {
+  const char* problemAtFirst(int64_t first) const {
     const std::optional<recordPart1> head = recordAt(first);
     if (!head) return "its first record is not where it should be";
     if (head->prevRecordPos != 0) return "something precedes its first record";
@@ -70,7 +70,7 @@ class Ends {
     return pointsBack ? nullptr : "its second record does not point back at the first";
   }
 
-  const char* problemAtLast(std::int64_t last) const {
+  const char* problemAtLast(int64_t last) const {
     const std::optional<recordPart1> head = recordAt(last);
     if (!head) return "its last record is not where it should be";
     if (head->nextRecordPos != 0) return "something follows its last record: an append was cut off";
@@ -82,7 +82,7 @@ class Ends {
   }
 
   // It may have left the chain since; then neither neighbour names it.
-  const char* problemAtLastWritten(std::int64_t position) const {
+  const char* problemAtLastWritten(int64_t position) const {
     const std::optional<recordPart1> head = recordAt(position);
     if (!head) return nullptr;
     const auto before = head->prevRecordPos != 0 ? recordAt(head->prevRecordPos) : std::nullopt;
@@ -96,7 +96,7 @@ class Ends {
   }
 
   // The header of a record of this table.
-  std::optional<recordPart1> recordAt(std::int64_t position) const {
+  std::optional<recordPart1> recordAt(int64_t position) const {
     unsigned char bytes[qvdbase::record::kData];
     if (source_.readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
     const recordPart1 head = qvdbase::decodeRecordHead(bytes);
