@@ -44,7 +44,7 @@ class WorkLimits {
     calls_.allocate = [](size_t size) {
       require(size <= largest_, "memory is asked for in proportion to the file");
       void* memory = platform::hostSystemCalls().allocate(size);
-      if (size == kFillChunkSize) fillChunks_.insert(memory);
+      if (size == format::kFillChunkSize) fillChunks_.insert(memory);
       return memory;
     };
     calls_.release = [](void* memory) {
@@ -156,12 +156,15 @@ inline uint64_t bigEndianAt(const uint8_t* data, size_t size, uint64_t offset) {
 
 inline std::vector<TableNumbers> firstTables(const uint8_t* data, size_t size, size_t most) {
   std::vector<TableNumbers> tables;
-  for (size_t begin = kDirectoryPos; tables.size() < most && begin + kSlotImageSize <= size;
-       begin += kSlotImageSize) {
+  for (size_t begin = format::kDirectoryPos;
+       tables.size() < most && begin + format::kSlotImageSize <= size;
+       begin += format::kSlotImageSize) {
     uint64_t first = 0;
-    for (size_t i = 8; i-- > 0;) first = first << 8 | data[begin + slot::kFirstRecordPos + i];
-    const uint64_t record = first < size ? bigEndianAt(data, size, first + record::kRecordID) : 0;
-    tables.push_back({bigEndianAt(data, size, begin + slot::kTableID), record});
+    for (size_t i = 8; i-- > 0;)
+      first = first << 8 | data[begin + format::slot::kFirstRecordPos + i];
+    const uint64_t record =
+        first < size ? bigEndianAt(data, size, first + format::record::kRecordID) : 0;
+    tables.push_back({bigEndianAt(data, size, begin + format::slot::kTableID), record});
   }
   return tables;
 }

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 class LoopDetector {
  public:
@@ -33,4 +33,4 @@ class LoopDetector {
   uint64_t limit_ = 0;
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -6,7 +6,10 @@
 
 #include "platform/host/memory.h"
 
-using qvdbase::DirectoryCacheEntry;
+using namespace qvdbase;
+using namespace qvdbase::engine;
+
+using engine::DirectoryCacheEntry;
 
 QVList gbl_Gdb2tDQ;
 
@@ -30,11 +33,11 @@ int SearchForGDB2TCache(int16_t db) {
 int EraseSFGDB2TCache(int index) {
   const DirectoryCacheEntry* entry = entryAt(index);
   if (entry == nullptr) return 0;
-  if (entry->headCopy != nullptr) qvdbase::platform::release(entry->headCopy);
+  if (entry->headCopy != nullptr) platform::release(entry->headCopy);
   return gbl_Gdb2tDQ.DelAt(index);
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 DirectoryCacheEntry* findDirectoryEntry(int16_t db) {
   const int index = SearchForGDB2TCache(db);
@@ -59,4 +62,4 @@ void dropDirectoryEntry(int16_t db) {
   if (index != -1) EraseSFGDB2TCache(index);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

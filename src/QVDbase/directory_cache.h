@@ -9,7 +9,7 @@
 
 #include "format/layout.h"
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 struct DirectoryCacheEntry {
   int16_t fileRef;           // the database handle
@@ -29,4 +29,4 @@ void addDirectoryEntry(DirectoryCacheEntry entry, const internal_Head1& head);
 // Drops the database's entry, if it has one.
 void dropDirectoryEntry(int16_t db);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

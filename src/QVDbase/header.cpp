@@ -8,7 +8,10 @@
 #include "QVDbase/position.h"
 #include "format/fields.h"
 
-using qvdbase::DirectoryCacheEntry;
+using namespace qvdbase;
+using namespace qvdbase::engine;
+
+using engine::DirectoryCacheEntry;
 
 namespace {
 
@@ -48,7 +51,7 @@ void enterIntoCache(int16_t db, const internal_Head1& head, int16_t tableCount, 
   entry.slotCount = slotCount;
   entry.slotSize = slotSize;
   entry.directoryPos = myGetFilePos(db);
-  qvdbase::addDirectoryEntry(entry, head);
+  engine::addDirectoryEntry(entry, head);
 }
 
 }  // namespace
@@ -56,26 +59,26 @@ void enterIntoCache(int16_t db, const internal_Head1& head, int16_t tableCount, 
 int internal_GetDBHead1(int16_t db, internal_Head1* head) {
   if (head == nullptr) return 0;
   if (myFileSeek(db, 0, kFromStart) != 0) return 0;
-  if (!qvdbase::readBytes(db, head->signature, sizeof head->signature)) return 0;
+  if (!format::readBytes(db, head->signature, sizeof head->signature)) return 0;
   if (!signatureIsOurs(head->signature)) return 0;
-  if (!qvdbase::readUint16(db, &head->version)) return 0;
+  if (!format::readUint16(db, &head->version)) return 0;
   head->databaseIDPos = myGetFilePos(db);
-  if (!qvdbase::readBytes(db, head->databaseID, sizeof head->databaseID)) return 0;
+  if (!format::readBytes(db, head->databaseID, sizeof head->databaseID)) return 0;
   return 1;
 }
 
 int internal_GetDBHead2Table(int16_t db, internal_Head1* head, int16_t* tableCount,
                              int16_t* slotCount, uint16_t* slotSize) {
-  if (const DirectoryCacheEntry* entry = qvdbase::findDirectoryEntry(db)) {
+  if (const DirectoryCacheEntry* entry = engine::findDirectoryEntry(db)) {
     return serveFromCache(*entry, head, tableCount, slotCount, slotSize);
   }
   if (internal_GetDBHead1(db, head) != 1) return 0;
-  if (head->version < qvdbase::kFirstVersion || head->version > qvdbase::kLastVersion) return 0;
+  if (head->version < format::kFirstVersion || head->version > format::kLastVersion) return 0;
 
   uint16_t tables = 0;
   uint16_t slots = 0;
-  if (!qvdbase::readUint16(db, &tables) || !qvdbase::readUint16(db, &slots) ||
-      !qvdbase::readUint16(db, slotSize)) {
+  if (!format::readUint16(db, &tables) || !format::readUint16(db, &slots) ||
+      !format::readUint16(db, slotSize)) {
     return 0;
   }
   *tableCount = static_cast<int16_t>(tables);
@@ -84,7 +87,7 @@ int internal_GetDBHead2Table(int16_t db, internal_Head1* head, int16_t* tableCou
   return 1;
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 bool readDirectoryNumbers(int16_t db, DirectoryNumbers* numbers) {
   internal_Head1 head;
@@ -92,4 +95,4 @@ bool readDirectoryNumbers(int16_t db, DirectoryNumbers* numbers) {
                                   &numbers->slotSize) == 1;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

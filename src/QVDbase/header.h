@@ -17,7 +17,7 @@ int internal_GetDBHead1(int16_t db, internal_Head1* head);
 int internal_GetDBHead2Table(int16_t db, internal_Head1* head, int16_t* tableCount,
                              int16_t* slotCount, uint16_t* slotSize);
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 // The three directory numbers, as most operations want them: with no use for the header.
 struct DirectoryNumbers {
@@ -29,4 +29,4 @@ struct DirectoryNumbers {
 // internal_GetDBHead2Table without its header.
 [[nodiscard]] bool readDirectoryNumbers(int16_t db, DirectoryNumbers* numbers);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -12,6 +12,10 @@
 #include "format/fields.h"
 #include "format/identifiers.h"
 
+using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+
 int32_t Gbl_Flush_Time = 0;
 
 namespace {
@@ -32,7 +36,7 @@ bool writeNewHeader(int16_t db, const void* signature, uint16_t version) {
 bool writeFreeSlots(int16_t db) {
   tablePart1 slot;
   std::memset(&slot, 0, sizeof slot);
-  for (int i = 0; i < qvdbase::kNewSlotCount; ++i) {
+  for (int i = 0; i < format::kNewSlotCount; ++i) {
     if (WriteOne_TablePartOne(db, &slot) != 1) return false;
   }
   return true;
@@ -52,12 +56,12 @@ void handOutHeader(const internal_Head1& head, void* signatureOut, uint16_t* ver
 
 int GenerateUuID_Int64(uint64_t* value) {
   if (value == nullptr) return 0;
-  unsigned char id[qvdbase::kIdentifierSize];
+  unsigned char id[format::kIdentifierSize];
   GenerateUuID(id);
   return internal_ConvertUuID_2Int64(id, value);
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 bool createDatabaseFile(const QVWCHAR* path, int16_t* db) {
   return QVFile().QVCreateAndOpenFile(path, kReadWriteOneWriter, db, 0) == 1;
@@ -68,15 +72,15 @@ bool writeNewDatabase(int16_t db, const void* signature, uint16_t version) {
   return writeNewHeader(db, signature, version) && writeFreeSlots(db) && scope.end();
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine
 
 int16_t CreateDBaseW(const QVWCHAR* path, const void* signature, int version) {
   if (path == nullptr || signature == nullptr) return 0;
   int16_t db = 0;
-  if (!qvdbase::createDatabaseFile(path, &db)) return 0;
+  if (!engine::createDatabaseFile(path, &db)) return 0;
   // A file that cannot be completed stays as far as it was written, and open: no half-made database
   // is ever handed out, and nothing is deleted that might have been somebody's.
-  return qvdbase::writeNewDatabase(db, signature, static_cast<uint16_t>(version)) ? db : int16_t{0};
+  return engine::writeNewDatabase(db, signature, static_cast<uint16_t>(version)) ? db : int16_t{0};
 }
 
 int16_t OpenDBaseW(const QVWCHAR* path, int permission) {
@@ -85,7 +89,7 @@ int16_t OpenDBaseW(const QVWCHAR* path, int permission) {
 }
 
 uint16_t CloseDBase(int16_t db) {
-  qvdbase::dropDirectoryEntry(db);  // first, so that it is gone even if the close fails
+  engine::dropDirectoryEntry(db);  // first, so that it is gone even if the close fails
   return static_cast<uint16_t>(QVFile().QVCloseFile(db));
 }
 
@@ -99,16 +103,16 @@ int GetDBaseInfoW(const QVWCHAR* path, void* signatureOut, uint16_t* versionOut,
   internal_Head1 head;
   const int result = internal_GetDBHead1(db, &head);
   if (result == 1) handOutHeader(head, signatureOut, versionOut, idOut);
-  qvdbase::dropDirectoryEntry(db);
+  engine::dropDirectoryEntry(db);
   QVFile().QVCloseFile(db);
   return result;
 }
 
 int SetDBaseVersion(int16_t db, uint16_t version) {
-  qvdbase::SavedPosition position(db);
+  engine::SavedPosition position(db);
   // Without a position to come back to nothing is written, and the call reports success all the
   // same: callers rely on it.
   if (!position.known()) return position.leave(1);
-  if (myFileSeek(db, qvdbase::kVersionPos, kFromStart) != 0) return position.restore(0);
-  return position.restore(qvdbase::writeUint16(db, version) ? 1 : 0);
+  if (myFileSeek(db, format::kVersionPos, kFromStart) != 0) return position.restore(0);
+  return position.restore(format::writeUint16(db, version) ? 1 : 0);
 }

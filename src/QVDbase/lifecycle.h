@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 // Creates the file as CreateDBaseW does; an existing one is emptied. False without a file.
 [[nodiscard]] bool createDatabaseFile(const QVWCHAR* path, int16_t* db);
@@ -13,4 +13,4 @@ namespace qvdbase {
 // Makes an empty database of a file that was just created.
 [[nodiscard]] bool writeNewDatabase(int16_t db, const void* signature, uint16_t version);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

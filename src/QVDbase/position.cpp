@@ -5,19 +5,22 @@
 
 #include "platform/host/thread_cancelled.h"
 
-int qvdbase::detail::seekInOtherMode(int16_t db, int64_t offset, uint32_t mode) {
+using namespace qvdbase;
+using namespace qvdbase::engine;
+
+int qvdbase::engine::detail::seekInOtherMode(int16_t db, int64_t offset, uint32_t mode) {
   return QVFile().QVSeekFile(db, static_cast<uint16_t>(mode), offset) == 1 ? 0 : -1;
 }
 
 uint16_t SavedCallBack(int16_t db, QVProgressFunction callback, int a, int b, void* context) {
-  if (db == 0) return qvdbase::callOutside(callback, a, b, context);
+  if (db == 0) return engine::callOutside(callback, a, b, context);
   const int64_t position = myGetFilePos(db);
-  const uint16_t result = qvdbase::callOutside(callback, a, b, context);
+  const uint16_t result = engine::callOutside(callback, a, b, context);
   myFileSeek(db, position, kFromStart);
   return result;
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context) {
   platform::TransferPause pause;
@@ -32,4 +35,4 @@ uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context) {
 
 SavedPosition::SavedPosition(int16_t db) : db_(db), position_(myGetFilePos(db)) {}
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

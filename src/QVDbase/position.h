@@ -14,27 +14,27 @@ inline constexpr uint32_t kFromStart = 1;
 inline constexpr uint32_t kFromEnd = 2;
 inline constexpr uint32_t kFromCurrent = 3;
 
-namespace qvdbase::detail {
+namespace qvdbase::engine::detail {
 int seekInOtherMode(int16_t db, int64_t offset, uint32_t mode);
 }
 
 // Returns 0, or -1 when the file cannot be positioned there. Inline for the walks, which seek at
 // every record.
 inline int myFileSeek(int16_t db, int64_t offset, uint32_t mode) {
-  if (mode == kFromStart) return qvdbase::seekTo(db, offset) ? 0 : -1;
-  return qvdbase::detail::seekInOtherMode(db, offset, mode);
+  if (mode == kFromStart) return qvdbase::support::seekTo(db, offset) ? 0 : -1;
+  return qvdbase::engine::detail::seekInOtherMode(db, offset, mode);
 }
 
 // Returns the position, or -1 for a handle that is not open.
 inline int64_t myGetFilePos(int16_t db) {
-  return qvdbase::positionOf(db);
+  return qvdbase::support::positionOf(db);
 }
 
 // Calls callback(a, b, context) and puts the file position back afterwards; with handle 0 it only
 // calls. Returns the callback's result, 0 when it throws.
 uint16_t SavedCallBack(int16_t db, QVProgressFunction callback, int a, int b, void* context);
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 // The length of one exported call: inside, the platform layer may gather the call's small
 // transfers; at the end everything written must be with the operating system.
@@ -79,4 +79,4 @@ class SavedPosition {
   int64_t position_;
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -20,6 +20,8 @@
 #include "platform/host/clock.h"
 
 using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
 
 namespace {
 
@@ -133,7 +135,7 @@ int internal_WriteOneRecordDataInEOF(int16_t db, tablePart1* slot, const unsigne
   return 1;
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 bool appendRecord(int16_t db, tablePart1* slot, const unsigned char* tableID,
                   unsigned char* recordID, int64_t slotPos, uint16_t slotSize,
@@ -160,4 +162,4 @@ bool chainHeadMatchesCount(const tablePart1& slot) {
   return (slot.firstRecordPos == 0) == (slot.recordCount == 0);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -22,7 +22,7 @@ int internal_WriteOneRecordDataInEOF(int16_t db, tablePart1* slot, const unsigne
                                      const unsigned char* payload, uint32_t size, uint32_t reserve,
                                      int64_t* newRecordPos, uint16_t useGivenID);
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 // The same, with the block's position stored before anything is written, for callers that take the
 // block back after a failure.
@@ -34,4 +34,4 @@ namespace qvdbase {
 // Whether the slot's first position and its count agree on there being records.
 bool chainHeadMatchesCount(const tablePart1& slot);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

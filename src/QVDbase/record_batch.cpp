@@ -14,7 +14,11 @@
 #include "format/fields.h"
 #include "format/fill.h"
 
-namespace qvdbase {
+using namespace qvdbase::support;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+
+namespace qvdbase::engine {
 namespace {
 
 // Larger pieces are written a little faster, but the host then keeps them in larger units, in which
@@ -316,4 +320,4 @@ bool RecordBatch::takeIn() {
   return true;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -18,11 +18,11 @@
 #include "format/layout.h"
 #include "platform/host/memory.h"
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 // What a batch is told of a record beside its payload.
 struct BatchRecord {
-  unsigned char recordID[kIdentifierSize];
+  unsigned char recordID[format::kIdentifierSize];
   uint32_t createTime;
   uint32_t modifyTime;
   uint32_t dataLength;
@@ -127,4 +127,4 @@ class RecordBatch {
   bool isLinked_ = false;  // the table's chain has been written to, or may have been
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -9,7 +9,8 @@
 
 #include "QVDbase/position.h"
 
-using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
 
 namespace {
 
@@ -77,7 +78,7 @@ int DeleteOneRecord(int16_t db, uint64_t table, uint64_t record, int*) {
   return position.restore(unlinkRecord(db, &found) ? 1 : 0);
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 bool unlinkRecord(int16_t db, FoundRecord* found) {
   FoundTable& table = found->table;
@@ -85,4 +86,4 @@ bool unlinkRecord(int16_t db, FoundRecord* found) {
          rewriteSlot(db, table.slotPos, table.slot);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

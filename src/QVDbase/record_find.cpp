@@ -13,6 +13,8 @@
 #include "platform/host/clock.h"
 
 using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
 
 namespace {
 
@@ -142,7 +144,7 @@ int GetNumberOfRecords(int16_t db, uint64_t table, uint32_t* count) {
   return position.restore(1);
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 bool findRecord(int16_t db, uint64_t table, uint64_t record, FoundRecord* found) {
   return findTable(db, table, &found->table) &&
@@ -173,4 +175,4 @@ oneRecordInfoP1 recordInfo(const recordPart1& header, int64_t recordPos) {
   return info;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -24,7 +24,7 @@ int internal_FindOneRecord(int16_t db, const tablePart1* slot, uint64_t recordID
 int internal_ModifyOneRecordDataInfo_LMTime(int16_t db, const unsigned char* tableID,
                                             int64_t recordPos);
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 // A record that was found: its table, its header as read, and its position.
 struct FoundRecord {
@@ -46,4 +46,4 @@ struct FoundRecord {
 // What GetOneRecordInfo tells of a header.
 oneRecordInfoP1 recordInfo(const recordPart1& header, int64_t recordPos);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -12,6 +12,8 @@
 #include "platform/host/clock.h"
 
 using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
 
 namespace {
 
@@ -82,7 +84,7 @@ int internal_WriteOneRecordDataInEOF_Modify(int16_t db, const tablePart1* slot, 
   return writeBlock(db, slot->tableID, *header, payload) ? 1 : 0;
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 bool overwriteRecord(int16_t db, int64_t recordPos, const unsigned char* payload, uint32_t size) {
   constexpr uint32_t kOverLinks = record::kDataLength - record::kPrevRecordPos;
@@ -110,4 +112,4 @@ bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload
   return relinkPredecessor(db, found, *newRecordPos) && relinkSuccessor(db, found, *newRecordPos);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

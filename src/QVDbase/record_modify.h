@@ -13,7 +13,7 @@ int internal_WriteOneRecordDataInEOF_Modify(int16_t db, const tablePart1* slot, 
                                             const unsigned char* payload, uint32_t size,
                                             int64_t* newRecordPos);
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 // The two ways in which a record that was found takes a new payload. `overwriteRecord` needs a size
 // that fits its room and leaves the file just behind the payload; `relocateRecord` appends a new
@@ -28,4 +28,4 @@ namespace qvdbase {
 [[nodiscard]] bool overwritePart(int16_t db, int64_t recordPos, uint32_t offset,
                                  const unsigned char* bytes, uint32_t count);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

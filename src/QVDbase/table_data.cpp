@@ -17,7 +17,8 @@
 #include "format/fill.h"
 #include "format/identifiers.h"
 
-using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
 
 namespace {
 
@@ -146,7 +147,7 @@ int internal_WriteOneTableLinkInEOF(int16_t db, const unsigned char* tableID, in
   return 1;
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 bool seekTableData(int16_t db, int64_t blockPos, const unsigned char* tableID) {
   uint8_t mark = 0;
@@ -165,4 +166,4 @@ bool readTableDataHeader(int16_t db, int64_t blockPos, const unsigned char* tabl
          readUint32(db, &header->dataCapacity);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -18,7 +18,7 @@ int internal_WriteOneTableLinkInEOF(int16_t db, const unsigned char* tableID, in
                                     uint16_t slotSize, const unsigned char* data, uint32_t size,
                                     uint32_t reserve, tablePart1* slotOut);
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 struct TableDataHeader {
   uint32_t dataLength;
@@ -33,4 +33,4 @@ struct TableDataHeader {
 [[nodiscard]] bool readTableDataHeader(int16_t db, int64_t blockPos, const unsigned char* tableID,
                                        TableDataHeader* header);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

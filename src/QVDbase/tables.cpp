@@ -15,8 +15,12 @@
 #include "format/fields.h"
 #include "format/identifiers.h"
 
-using qvdbase::DirectoryNumbers;
-using qvdbase::SavedPosition;
+using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+
+using engine::DirectoryNumbers;
+using engine::SavedPosition;
 
 namespace {
 
@@ -24,20 +28,20 @@ namespace {
 // is touched, not even by a pointer.
 size_t storedNameLength(const char* name) {
   size_t length = 0;
-  while (length < qvdbase::kTableNameSize && name[length] != '\0') ++length;
+  while (length < format::kTableNameSize && name[length] != '\0') ++length;
   return length;
 }
 
 tablePart1 newTableSlot(const char* name) {
   tablePart1 slot;
   std::memset(&slot, 0, sizeof slot);
-  slot.slotMark = qvdbase::kSlotMark;
-  slot.infoSize = qvdbase::kInfoSize;
+  slot.slotMark = format::kSlotMark;
+  slot.infoSize = format::kInfoSize;
   GenerateUuID(slot.tableID);
   std::memcpy(slot.tableName, name, storedNameLength(name));
-  slot.tableVersion = qvdbase::kNewTableVersion;
-  slot.dataInfoSize = qvdbase::kNewTableDataInfoSize;
-  slot.slotEndMark = qvdbase::kSlotEndMark;
+  slot.tableVersion = format::kNewTableVersion;
+  slot.dataInfoSize = format::kNewTableDataInfoSize;
+  slot.slotEndMark = format::kSlotEndMark;
   return slot;
 }
 
@@ -46,25 +50,25 @@ tablePart1 newTableSlot(const char* name) {
 bool nameIsFree(int16_t db, const DirectoryNumbers& directory, const char* name) {
   for (int i = 0; i < directory.tableCount; ++i) {
     tablePart1 slot;
-    if (!qvdbase::readUsedSlot(db, directory.slotSize, &slot)) return false;
-    if (qvdbase::tableNameEquals(slot, name)) return false;
+    if (!engine::readUsedSlot(db, directory.slotSize, &slot)) return false;
+    if (engine::tableNameEquals(slot, name)) return false;
   }
   return true;
 }
 
 bool storeTableCount(int16_t db, int64_t directoryPos, int16_t tableCount) {
-  const int64_t countPos = directoryPos - qvdbase::kTableCountBeforeDirectory;
+  const int64_t countPos = directoryPos - format::kTableCountBeforeDirectory;
   if (myFileSeek(db, countPos, kFromStart) != 0) return false;
-  if (!qvdbase::writeUint16(db, static_cast<uint16_t>(tableCount))) return false;
+  if (!format::writeUint16(db, static_cast<uint16_t>(tableCount))) return false;
   // The cache must not count a table that the file does not: a later AddTable would go behind it.
-  if (!qvdbase::CallScope::completeWrites()) return false;
-  if (auto* entry = qvdbase::findDirectoryEntry(db)) entry->tableCount = tableCount;
+  if (!engine::CallScope::completeWrites()) return false;
+  if (auto* entry = engine::findDirectoryEntry(db)) entry->tableCount = tableCount;
   return true;
 }
 
 uint64_t addTable(int16_t db, const char* name) {
   DirectoryNumbers directory;
-  if (!qvdbase::readDirectoryNumbers(db, &directory)) return 0;
+  if (!engine::readDirectoryNumbers(db, &directory)) return 0;
   const int64_t directoryPos = myGetFilePos(db);
   // The last slot stays free on purpose: a directory of 32 slots holds 31 tables.
   if (directory.tableCount >= directory.slotCount - 1) return 0;
@@ -74,7 +78,7 @@ uint64_t addTable(int16_t db, const char* name) {
   if (WriteOne_TablePartOne(db, &slot) != 1) return 0;
   const auto tableCount = static_cast<int16_t>(directory.tableCount + 1);
   if (!storeTableCount(db, directoryPos, tableCount)) return 0;
-  return qvdbase::identifierNumber(slot.tableID);
+  return format::identifierNumber(slot.tableID);
 }
 
 // The slots in use, in order, up to the first for which wanted(slot, index) holds. Returns false
@@ -82,9 +86,9 @@ uint64_t addTable(int16_t db, const char* name) {
 template <typename Wanted>
 bool findSlot(int16_t db, tablePart1* slot, Wanted wanted) {
   DirectoryNumbers directory;
-  if (!qvdbase::readDirectoryNumbers(db, &directory)) return false;
+  if (!engine::readDirectoryNumbers(db, &directory)) return false;
   for (int i = 0; i < directory.tableCount; ++i) {
-    if (!qvdbase::readUsedSlot(db, directory.slotSize, slot)) return false;
+    if (!engine::readUsedSlot(db, directory.slotSize, slot)) return false;
     if (wanted(*slot, i)) return true;
   }
   return false;
@@ -103,16 +107,16 @@ uint64_t FindTableByName(int16_t db, const char* name) {
   SavedPosition position(db);
   tablePart1 slot;
   const bool found = findSlot(db, &slot, [name](const tablePart1& candidate, int) {
-    return qvdbase::tableNameEquals(candidate, name);
+    return engine::tableNameEquals(candidate, name);
   });
-  return position.restore(found ? qvdbase::identifierNumber(slot.tableID) : uint64_t{0});
+  return position.restore(found ? format::identifierNumber(slot.tableID) : uint64_t{0});
 }
 
 int GetNumberOfTable(int16_t db, int32_t* count) {
   if (count == nullptr) return 0;
   SavedPosition position(db);
   DirectoryNumbers directory;
-  if (!qvdbase::readDirectoryNumbers(db, &directory)) return position.restore(0);
+  if (!engine::readDirectoryNumbers(db, &directory)) return position.restore(0);
   *count = directory.tableCount;
   return position.restore(1);
 }
@@ -126,7 +130,7 @@ uint64_t GetTableNameAndIDByIndex(int16_t db, int index, char* name) {
   const size_t length = storedNameLength(slot.tableName);
   std::memcpy(name, slot.tableName, length);
   name[length] = '\0';
-  return position.restore(qvdbase::identifierNumber(slot.tableID));
+  return position.restore(format::identifierNumber(slot.tableID));
 }
 
 int internal_GetOneTableInfo(int16_t db, uint64_t table, int16_t tableCount, uint16_t slotSize,
@@ -134,13 +138,13 @@ int internal_GetOneTableInfo(int16_t db, uint64_t table, int16_t tableCount, uin
   if (slot == nullptr || slotPos == nullptr) return 0;
   for (int i = 0; i < tableCount; ++i) {
     *slotPos = myGetFilePos(db);
-    if (!qvdbase::readUsedSlot(db, slotSize, slot)) return 0;
-    if (qvdbase::identifierNumber(slot->tableID) == table) return 1;
+    if (!engine::readUsedSlot(db, slotSize, slot)) return 0;
+    if (format::identifierNumber(slot->tableID) == table) return 1;
   }
   return 0;
 }
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 bool findTable(int16_t db, uint64_t table, FoundTable* found) {
   DirectoryNumbers directory;
@@ -169,4 +173,4 @@ bool tableNameEquals(const tablePart1& slot, const char* name) {
   return std::strncmp(slot.tableName, name, stored) == 0 && name[stored] == '\0';
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

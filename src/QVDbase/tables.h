@@ -13,7 +13,7 @@
 int internal_GetOneTableInfo(int16_t db, uint64_t table, int16_t tableCount, uint16_t slotSize,
                              tablePart1* slot, int64_t* slotPos);
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 // A table that was found: its slot as read, and what is needed to rewrite it in place.
 struct FoundTable {
@@ -39,4 +39,4 @@ struct FoundTable {
 // The stored name, which ends after 32 bytes at the latest, against a terminated one.
 bool tableNameEquals(const tablePart1& slot, const char* name);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

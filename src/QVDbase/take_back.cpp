@@ -8,7 +8,10 @@
 #include "platform/handles/cutting.h"
 #include "platform/handles/open_files.h"
 
-namespace qvdbase {
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+
+namespace qvdbase::engine {
 namespace {
 
 int64_t lengthOf(int16_t db) {
@@ -49,4 +52,4 @@ bool cutBack(int16_t db, const Appended& appended) {
   return length <= appended.from || cutOff(db, appended, length);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace qvdbase {
+namespace qvdbase::engine {
 
 // Bytes that this process has appended: from `from` to `end` at most, since a write may have been
 // cut short.
@@ -22,4 +22,4 @@ bool takeBack(int16_t db, const Appended& appended);
 // The first of the two only: where the file cannot be cut off, it stays as it is.
 bool cutBack(int16_t db, const Appended& appended);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::engine

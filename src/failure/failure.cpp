@@ -3,12 +3,14 @@
 
 #include <utility>
 
-namespace qvdb::detail {
+using namespace qvdb;
 
-using qvdbase::platform::OpenFailure;
-using qvdbase::platform::OpenFailureFound;
-using qvdbase::platform::WriteFailure;
-using qvdbase::platform::WriteObstacle;
+namespace qvdbase::failure {
+
+using platform::OpenFailure;
+using platform::OpenFailureFound;
+using platform::WriteFailure;
+using platform::WriteObstacle;
 
 namespace {
 
@@ -91,7 +93,7 @@ void throwOpenFailure(const std::filesystem::path& path, const char* operation,
 
 void throwFolderFailure(const std::filesystem::path& path, const char* operation,
                         const std::string& what, const std::error_code& code) {
-  const OpenFailureFound found = qvdbase::platform::createFailureOf(code);
+  const OpenFailureFound found = platform::createFailureOf(code);
   Cause cause = causeOf(found.failure);
   if (found.failure == OpenFailure::other) cause.why = "the system refuses";
   if (cause.reason == Reason::no_such_file) cause.reason = Reason::path_not_reachable;
@@ -106,4 +108,4 @@ void throwWriteFailure(const std::filesystem::path& path, const char* operation,
   throwError(path, operation, cause.reason, withSystemsWord(cause, found.code), std::move(details));
 }
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::failure

@@ -11,15 +11,16 @@
 #include "platform/handles/open_failure.h"
 #include "platform/host/host_failure.h"
 
-namespace qvdb::detail {
+namespace qvdbase::failure {
 
 // Throws an Error on this file: "PATH: cannot OPERATION: WHY". `operation` is a literal. The path
 // of the details is set to `path`.
 [[noreturn]] void throwError(const std::filesystem::path& path, const char* operation,
-                             Reason reason, const std::string& why, ErrorDetails details = {});
+                             qvdb::Reason reason, const std::string& why,
+                             qvdb::ErrorDetails details = {});
 
 // The same where no file is concerned: "cannot OPERATION: WHY".
-[[noreturn]] void throwError(const char* operation, Reason reason, const std::string& why);
+[[noreturn]] void throwError(const char* operation, qvdb::Reason reason, const std::string& why);
 
 // A file that could not be opened, or created.
 [[noreturn]] void throwOpenFailure(const std::filesystem::path& path, const char* operation,
@@ -33,6 +34,6 @@ namespace qvdb::detail {
 // A file that could not be written.
 [[noreturn]] void throwWriteFailure(const std::filesystem::path& path, const char* operation,
                                     const qvdbase::platform::WriteFailure& found,
-                                    ErrorDetails details = {});
+                                    qvdb::ErrorDetails details = {});
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::failure

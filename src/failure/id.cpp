@@ -7,6 +7,8 @@
 
 #include "support/seeded_hash.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 
 Id new_id() {
@@ -41,7 +43,7 @@ std::ostream& operator<<(std::ostream& out, Id id) {
 }
 
 size_t detail::hashOf(Id id) noexcept {
-  return qvdbase::SeededHash()(id.value);
+  return support::SeededHash()(id.value);
 }
 
 }  // namespace qvdb

@@ -16,10 +16,12 @@
 #include "failure/failure.h"
 #include "platform/paths/utf8_names.h"
 
-namespace qvdb::detail {
+using namespace qvdb;
+
+namespace qvdbase::failure {
 namespace {
 
-using qvdbase::platform::kMaxPathCharacters;
+using platform::kMaxPathCharacters;
 
 class PathConverter {
  public:
@@ -74,7 +76,7 @@ class PathConverter {
   // Zero-terminated. No byte becomes more than one character.
   std::vector<QVWCHAR> characters(const std::string& name) const {
     std::vector<QVWCHAR> wide(name.size() + 1);
-    if (!qvdbase::platform::utf16FromUtf8(name.data(), name.size(), wide.data(), wide.size())) {
+    if (!platform::utf16FromUtf8(name.data(), name.size(), wide.data(), wide.size())) {
       refuse("it is not valid UTF-8");
     }
     wide.resize(static_cast<size_t>(std::find(wide.begin(), wide.end(), 0) - wide.begin()) + 1);
@@ -97,4 +99,4 @@ std::vector<QVWCHAR> nativePath(const std::filesystem::path& path, const char* o
   return PathConverter(path, operation).convert();
 }
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::failure

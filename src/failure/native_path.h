@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <vector>
 
-namespace qvdb::detail {
+namespace qvdbase::failure {
 
 // Absolute, zero-terminated, single '/' between the components. Throws Error path_not_reachable,
 // in the name of `operation`, when the file layer would not reach the file of that path or, worse,
 // would reach another one.
 std::vector<QVWCHAR> nativePath(const std::filesystem::path& path, const char* operation);
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::failure

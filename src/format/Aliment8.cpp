@@ -6,6 +6,9 @@
 #include "format/fields.h"
 #include "platform/host/memory.h"
 
+using namespace qvdbase;
+using namespace qvdbase::format;
+
 namespace {
 
 template <typename Unsigned>
@@ -82,27 +85,27 @@ void RZGetQVWCHARFromBuffer(QVWCHAR* text, const unsigned char* buf, int byteCou
 int ReadOne_TablePartOne(int16_t file, tablePart1* slot, int length) {
   if (length < 0) return 0;
   const auto count = static_cast<uint32_t>(length);
-  unsigned char image[qvdbase::kSlotImageSize] = {};
+  unsigned char image[format::kSlotImageSize] = {};
   if (count <= sizeof image) {
-    if (!qvdbase::readBytes(file, image, count)) return 0;
+    if (!format::readBytes(file, image, count)) return 0;
   } else {
     // One read of the whole length: a slot that the file does not hold in full is a failed read.
-    qvdbase::platform::Buffer whole(count);
+    platform::Buffer whole(count);
     if (!whole) return 0;
-    if (!qvdbase::readBytes(file, whole.data(), count)) return 0;
+    if (!format::readBytes(file, whole.data(), count)) return 0;
     std::memcpy(image, whole.data(), sizeof image);
   }
-  qvdbase::decodeSlot(image, slot);
+  format::decodeSlot(image, slot);
   return 1;
 }
 
 int WriteOne_TablePartOne(int16_t file, const tablePart1* slot) {
-  unsigned char image[qvdbase::kSlotImageSize];
-  qvdbase::encodeSlot(*slot, image);
-  return qvdbase::writeBytes(file, image, sizeof image) ? 1 : 0;
+  unsigned char image[format::kSlotImageSize];
+  format::encodeSlot(*slot, image);
+  return format::writeBytes(file, image, sizeof image) ? 1 : 0;
 }
 
-namespace qvdbase {
+namespace qvdbase::format {
 
 void decodeSlot(const unsigned char image[kSlotImageSize], tablePart1* slot) {
   std::memset(slot, 0, sizeof *slot);
@@ -156,4 +159,4 @@ bool slotHoldsTable(const tablePart1& slot) {
   return slot.slotMark == kSlotMark && slot.slotEndMark == kSlotEndMark;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

@@ -14,7 +14,7 @@ int ReadOne_TablePartOne(int16_t file, tablePart1* slot, int length);
 // write: 1, or 0.
 int WriteOne_TablePartOne(int16_t file, const tablePart1* slot);
 
-namespace qvdbase {
+namespace qvdbase::format {
 
 // The codec itself, on whole images.
 void decodeSlot(const unsigned char image[kSlotImageSize], tablePart1* slot);
@@ -23,4 +23,4 @@ void encodeSlot(const tablePart1& slot, unsigned char image[kSlotImageSize]);
 // Whether the slot holds a table: both of its marks are there.
 bool slotHoldsTable(const tablePart1& slot);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

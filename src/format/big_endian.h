@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <utility>
 
-namespace qvdbase {
+namespace qvdbase::format {
 
 namespace detail {
 
@@ -35,4 +35,4 @@ void storeBigEndian(unsigned char* bytes, Unsigned value) {
   detail::decomposed(bytes, value, std::make_index_sequence<sizeof(Unsigned)>());
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

@@ -6,7 +6,9 @@
 
 #include "format/big_endian.h"
 
-namespace qvdbase {
+using namespace qvdbase::format;
+
+namespace qvdbase::format {
 namespace {
 
 template <typename Field>
@@ -82,4 +84,4 @@ void encodeTableDataHead(const TableDataHead& head, unsigned char* bytes) {
   store(bytes + tabledata::kDataCapacity, head.dataCapacity);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

@@ -10,7 +10,7 @@
 
 #include "format/layout.h"
 
-namespace qvdbase {
+namespace qvdbase::format {
 
 // Numbers of `width` bytes (1 to 8), most significant first.
 uint64_t loadBigEndian(const unsigned char* bytes, int width);
@@ -40,4 +40,4 @@ struct TableDataHead {
 TableDataHead decodeTableDataHead(const unsigned char* bytes);
 void encodeTableDataHead(const TableDataHead& head, unsigned char* bytes);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

@@ -2,7 +2,10 @@
 // matter.
 #include "format/fields.h"
 
-namespace qvdbase {
+using namespace qvdbase::support;
+using namespace qvdbase::format;
+
+namespace qvdbase::format {
 namespace {
 
 template <typename Unsigned>
@@ -42,4 +45,4 @@ bool writeBytesAfter(int16_t file, uint32_t gap, const void* bytes, uint32_t cou
   return writeFileAfter(file, gap, bytes, count, &gbl_realWriten);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

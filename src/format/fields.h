@@ -14,14 +14,14 @@
 #include "format/big_endian.h"
 #include "support/file_transfers.h"
 
-namespace qvdbase {
+namespace qvdbase::format {
 
 namespace detail {
 
 template <typename Unsigned>
 [[nodiscard]] inline bool readBigEndian(int16_t file, Unsigned* value) {
   unsigned char bytes[sizeof(Unsigned)];
-  if (!readFile(file, bytes, sizeof bytes, &gbl_realReaden)) return false;
+  if (!support::readFile(file, bytes, sizeof bytes, &gbl_realReaden)) return false;
   *value = loadBigEndian<Unsigned>(bytes);
   return true;
 }
@@ -29,7 +29,7 @@ template <typename Unsigned>
 }  // namespace detail
 
 [[nodiscard]] inline bool readBytes(int16_t file, void* bytes, uint32_t count) {
-  return readFile(file, bytes, count, &gbl_realReaden);
+  return support::readFile(file, bytes, count, &gbl_realReaden);
 }
 
 [[nodiscard]] inline bool readUint8(int16_t file, uint8_t* value) {
@@ -59,4 +59,4 @@ template <typename Unsigned>
 [[nodiscard]] bool writeUint32After(int16_t file, uint32_t gap, uint32_t value);
 [[nodiscard]] bool writeBytesAfter(int16_t file, uint32_t gap, const void* bytes, uint32_t count);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

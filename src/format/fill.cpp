@@ -7,19 +7,22 @@
 #include "format/layout.h"
 #include "platform/host/memory.h"
 
+using namespace qvdbase;
+using namespace qvdbase::format;
+
 int internal_WriteEmptyDatas(int16_t file, uint32_t count) {
-  using qvdbase::kFillChunkSize;
-  void* chunk = qvdbase::platform::allocate(kFillChunkSize);
+  using format::kFillChunkSize;
+  void* chunk = platform::allocate(kFillChunkSize);
   if (chunk == nullptr) return 0;
   std::memset(chunk, 0, kFillChunkSize);  // readers never look at fill; zeros leak nothing
 
   // After a failed write the chunk is not released: a deliberate leak, kept as it is.
   for (uint32_t i = 0; i < count / kFillChunkSize; ++i) {
-    if (!qvdbase::writeBytes(file, chunk, kFillChunkSize)) return 0;
+    if (!format::writeBytes(file, chunk, kFillChunkSize)) return 0;
   }
   const uint32_t rest = count % kFillChunkSize;
-  if (rest != 0 && !qvdbase::writeBytes(file, chunk, rest)) return 0;
+  if (rest != 0 && !format::writeBytes(file, chunk, rest)) return 0;
 
-  qvdbase::platform::release(chunk);
+  platform::release(chunk);
   return 1;
 }

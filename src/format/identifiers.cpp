@@ -9,6 +9,9 @@
 #include "format/layout.h"
 #include "platform/host/clock.h"
 
+using namespace qvdbase;
+using namespace qvdbase::format;
+
 namespace {
 
 unsigned sumOfIdentityBytes(uint64_t number) {
@@ -18,9 +21,9 @@ unsigned sumOfIdentityBytes(uint64_t number) {
 }
 
 void storeIdentifier(uint64_t number, unsigned char* id) {
-  qvdbase::storeBigEndian(id, number);
-  qvdbase::storeBigEndian(id + qvdbase::kIdentitySize,
-                          static_cast<uint16_t>(sumOfIdentityBytes(number)));
+  format::storeBigEndian(id, number);
+  format::storeBigEndian(id + format::kIdentitySize,
+                         static_cast<uint16_t>(sumOfIdentityBytes(number)));
 }
 
 [[maybe_unused]] const bool seededAtLoad = (Initializer(), true);
@@ -43,18 +46,17 @@ void composeIdentifier(Random random, uint64_t counter, uint32_t seconds, unsign
 }  // namespace
 
 void Initializer() {
-  std::srand(static_cast<unsigned>(qvdbase::platform::processClock()) +
-             qvdbase::platform::secondsSinceEpoch());
+  std::srand(static_cast<unsigned>(platform::processClock()) + platform::secondsSinceEpoch());
 }
 
 int GenerateUuID(unsigned char* id) {
-  const uint64_t counter = qvdbase::platform::microsecondCounter();
-  composeIdentifier(std::rand, counter, qvdbase::platform::secondsSinceEpoch(), id);
+  const uint64_t counter = platform::microsecondCounter();
+  composeIdentifier(std::rand, counter, platform::secondsSinceEpoch(), id);
   return 1;
 }
 
 int internal_ConvertUuID_2Int64(const unsigned char* id, uint64_t* value) {
-  *value = qvdbase::identifierNumber(id);
+  *value = format::identifierNumber(id);
   return 1;
 }
 
@@ -64,7 +66,7 @@ int internal_ConvertInt64_2UuID(uint64_t value, unsigned char* id) {
   return 1;
 }
 
-namespace qvdbase {
+namespace qvdbase::format {
 
 IdentifierSeries::IdentifierSeries() {
   for (int i = 0; i < 4; ++i) state_ = state_ << 16 ^ static_cast<uint64_t>(std::rand());
@@ -93,4 +95,4 @@ bool identifierSumIsRight(const unsigned char* id) {
   return sumOfIdentityBytes(identifierNumber(id)) == loadBigEndian<uint16_t>(id + kIdentitySize);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

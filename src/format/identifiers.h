@@ -18,7 +18,7 @@ int internal_ConvertInt64_2UuID(uint64_t value, unsigned char* id);
 // Seeds the generator that identifiers draw on. Runs by itself when the library is loaded.
 void Initializer();
 
-namespace qvdbase {
+namespace qvdbase::format {
 
 // The 64-bit number of a 10-byte identifier.
 inline uint64_t identifierNumber(const unsigned char* id) {
@@ -47,4 +47,4 @@ class IdentifierSeries {
   unsigned left_ = 0;
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qvdbase {
+namespace qvdbase::format {
 
 inline constexpr int64_t kIdentifierSize = 10;  // eight identity bytes and their 16-bit sum
 inline constexpr int64_t kIdentitySize = 8;
@@ -107,13 +107,13 @@ inline constexpr int64_t kTableDataBlockOverhead = tabledata::kData + 1;
 
 inline constexpr uint32_t kFillChunkSize = 32768;
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format
 
 // The file header in memory. The three directory numbers are handed out beside it.
 struct internal_Head1 {
-  unsigned char signature[qvdbase::kSignatureSize];
+  unsigned char signature[qvdbase::format::kSignatureSize];
   uint16_t version;
-  unsigned char databaseID[qvdbase::kIdentifierSize];
+  unsigned char databaseID[qvdbase::format::kIdentifierSize];
   int64_t databaseIDPos;  // where databaseID was read
 };
 static_assert(sizeof(internal_Head1) == 24);
@@ -125,8 +125,8 @@ struct tablePart1 {
   uint8_t slotMark;
   uint16_t infoSize;
   uint16_t tableVersion;
-  unsigned char tableID[qvdbase::kIdentifierSize];
-  char tableName[qvdbase::kTableNameSize];  // not terminated when all 32 bytes are used
+  unsigned char tableID[qvdbase::format::kIdentifierSize];
+  char tableName[qvdbase::format::kTableNameSize];  // not terminated when all 32 bytes are used
   uint16_t tableFlags1;
   uint16_t tableFlags2;
   uint16_t recordsInfoSize;
@@ -151,8 +151,8 @@ static_assert(offsetof(tablePart1, slotEndMark) == 124);
 struct recordPart1 {
   uint8_t blockMark;
   uint16_t headerSize;
-  unsigned char tableID[qvdbase::kIdentifierSize];
-  unsigned char recordID[qvdbase::kIdentifierSize];
+  unsigned char tableID[qvdbase::format::kIdentifierSize];
+  unsigned char recordID[qvdbase::format::kIdentifierSize];
   uint32_t createTime;
   uint32_t modifyTime;
   int64_t prevRecordPos;

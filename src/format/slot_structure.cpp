@@ -5,7 +5,9 @@
 #include <bit>
 #include <cstring>
 
-namespace qvdbase {
+using namespace qvdbase::format;
+
+namespace qvdbase::format {
 namespace {
 
 struct NumberPlace {
@@ -56,4 +58,4 @@ void loadSlotStructure(const unsigned char bytes[sizeof(tablePart1)], tablePart1
   std::memcpy(slot, ordered, sizeof ordered);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

@@ -6,9 +6,9 @@
 
 #include "format/layout.h"
 
-namespace qvdbase {
+namespace qvdbase::format {
 
 void storeSlotStructure(const tablePart1& slot, unsigned char bytes[sizeof(tablePart1)]);
 void loadSlotStructure(const unsigned char bytes[sizeof(tablePart1)], tablePart1* slot);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::format

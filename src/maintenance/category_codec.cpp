@@ -18,6 +18,9 @@
 #include "platform/host/memory.h"
 
 using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+using namespace qvdbase::maintenance;
 
 namespace {
 
@@ -170,7 +173,7 @@ void putCategory(const qvrzOneCategoryRecord& record, unsigned char* out) {
 
 }  // namespace
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraData extraData,
                                 qvrzOneCategoryRecord* record) {
@@ -206,7 +209,7 @@ void releaseCategoryParts(qvrzOneCategoryRecord* record) {
   record->extraData = nullptr;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance
 
 int InternalReadOneRecord2CategoryStruct(int16_t db, const oneRecordInfoP1* info,
                                          qvrzOneCategoryRecord** record) {

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 enum class CategoryDecoding {
   failed,
@@ -27,4 +27,4 @@ CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraDa
 // Gives the record's lists and free bytes back and sets the pointers to null.
 void releaseCategoryParts(qvrzOneCategoryRecord* record);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

@@ -8,7 +8,10 @@
 #include "maintenance/record_list.h"
 #include "platform/host/memory.h"
 
-namespace qvdbase {
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+
+namespace qvdbase::maintenance {
 
 bool CategoryRenewal::run() {
   const uint64_t srcTable = FindTableByName(src_, kCategoryTable);
@@ -78,4 +81,4 @@ bool CategoryRenewal::store(uint64_t recordID, const unsigned char* payload, uin
   return true;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

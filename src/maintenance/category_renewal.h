@@ -9,7 +9,7 @@
 #include "maintenance/id_pairs.h"
 #include "maintenance/record_index.h"
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 inline constexpr const char* kCategoryTable = "QVrz_Category";
 
@@ -38,4 +38,4 @@ class CategoryRenewal {
   RecordIndex dstRecords_;
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

@@ -3,7 +3,9 @@
 
 #include "QVDbase/position.h"
 
-namespace qvdbase {
+using namespace qvdbase::maintenance;
+
+namespace qvdbase::maintenance {
 
 int64_t fileLengthOf(int16_t db) {
   const int64_t position = myGetFilePos(db);
@@ -20,4 +22,4 @@ bool fileHoldsAhead(int16_t db, uint64_t count) {
   return count <= static_cast<uint64_t>(length - position);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 // The file's length in bytes, or -1. The position stays.
 int64_t fileLengthOf(int16_t db);
@@ -15,4 +15,4 @@ int64_t fileLengthOf(int16_t db);
 // succeed. True as well when the file's length cannot be had. The position stays.
 bool fileHoldsAhead(int16_t db, uint64_t count);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

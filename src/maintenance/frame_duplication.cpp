@@ -15,6 +15,8 @@
 #include "platform/host/memory.h"
 
 using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
 
 namespace {
 

@@ -5,7 +5,9 @@
 #include <cstring>
 #include <exception>
 
-namespace qvdbase {
+using namespace qvdbase::maintenance;
+
+namespace qvdbase::maintenance {
 
 bool IdPairs::begin(uint32_t expected, uint64_t likely) {
   platform::Buffer array(std::min<uint64_t>(expected, likely) * sizeof(UUIDMapping));
@@ -66,7 +68,7 @@ bool IdPairs::convert(qvrzOneCategoryRecord* record) {
   return true;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance
 
 // The linear search, for callers with pairs of their own.
 int InternalConvertOldCategoryID2New(qvrzOneCategoryRecord** record, const UUIDMapping* pairs,

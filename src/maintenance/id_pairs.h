@@ -15,7 +15,7 @@
 #include "platform/host/memory.h"
 #include "support/seeded_hash.h"
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 class IdPairs {
  public:
@@ -50,8 +50,9 @@ class IdPairs {
   uint64_t cursor_ = 0;
   uint64_t count_ = 0;
   uint64_t written_ = 0;
-  std::unordered_map<uint64_t, uint64_t, SeededHash> newOfOld_;  // the first pair of each oldID
+  std::unordered_map<uint64_t, uint64_t, support::SeededHash>
+      newOfOld_;  // the first pair of each oldID
   bool indexed_ = false;
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

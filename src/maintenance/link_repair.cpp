@@ -30,6 +30,10 @@
 #include "support/seeded_hash.h"
 
 using namespace qvdbase;
+using namespace qvdbase::support;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+using namespace qvdbase::maintenance;
 
 namespace {
 

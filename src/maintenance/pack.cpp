@@ -7,6 +7,9 @@
 #include "maintenance/pack_steps.h"
 
 using namespace qvdbase;
+using namespace qvdbase::support;
+using namespace qvdbase::format;
+using namespace qvdbase::maintenance;
 
 namespace {
 

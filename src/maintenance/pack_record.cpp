@@ -8,6 +8,8 @@
 #include "format/fields.h"
 
 using namespace qvdbase;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
 
 namespace {
 

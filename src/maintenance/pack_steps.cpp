@@ -15,7 +15,11 @@
 #include "maintenance/table_data_block.h"
 #include "platform/host/memory.h"
 
-namespace qvdbase {
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+using namespace qvdbase::maintenance;
+
+namespace qvdbase::maintenance {
 namespace {
 
 constexpr int kOpenShared = 4;
@@ -263,4 +267,4 @@ bool PackSteps::seekBoth(int64_t srcPos, int64_t dstPos) {
   return myFileSeek(src_, srcPos, kFromStart) == 0 && myFileSeek(dst_, dstPos, kFromStart) == 0;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

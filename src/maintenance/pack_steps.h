@@ -24,7 +24,7 @@
 #include "format/layout.h"
 #include "platform/host/thread_cancelled.h"
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 // A caller's progress function, called as function(userData, percent, argument); may be null.
 struct PackProgress {
@@ -108,7 +108,7 @@ class PackSteps {
 
   int16_t src_ = 0;
   int16_t dst_ = 0;
-  DirectoryNumbers directory_{};
+  engine::DirectoryNumbers directory_{};
 
  private:
   // The one way out of a pack that failed: both files are closed, the destination is emptied.
@@ -124,11 +124,11 @@ class PackSteps {
 
   const QVWCHAR* dstPath_;
   PackProgress progress_;
-  CallScope scope_;
+  engine::CallScope scope_;
   int64_t headerLength_ = 0;
   uint32_t totalRecords_ = 0;
   uint32_t copiedRecords_ = 0;
   bool bufferHeld_ = false;  // set around the life of each buffer, so that fail() can tell
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

@@ -19,6 +19,10 @@
 #include "platform/transfer/transfer.h"
 
 using namespace qvdbase;
+using namespace qvdbase::support;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+using namespace qvdbase::maintenance;
 
 namespace {
 

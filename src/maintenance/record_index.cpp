@@ -8,7 +8,10 @@
 #include "QVDbase/record_find.h"
 #include "format/identifiers.h"
 
-namespace qvdbase {
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+
+namespace qvdbase::maintenance {
 
 bool RecordIndex::build(int16_t db, uint64_t table) {
   positions_.clear();
@@ -42,4 +45,4 @@ int64_t RecordIndex::find(uint64_t record) const {
   return found == positions_.end() ? 0 : found->second;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

@@ -11,7 +11,7 @@
 #include "QVDbase/tables.h"
 #include "support/seeded_hash.h"
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 class RecordIndex {
  public:
@@ -19,13 +19,13 @@ class RecordIndex {
   // not restored.
   [[nodiscard]] bool build(int16_t db, uint64_t table);
 
-  const FoundTable& table() const { return table_; }
+  const engine::FoundTable& table() const { return table_; }
 
   // The record's position, or 0.
   int64_t find(uint64_t record) const;
 
   // To be told of a record that was relocated, and of the table as it is since.
-  void moved(uint64_t record, int64_t newRecordPos, const FoundTable& table) {
+  void moved(uint64_t record, int64_t newRecordPos, const engine::FoundTable& table) {
     positions_[record] = newRecordPos;
     table_ = table;
   }
@@ -33,8 +33,8 @@ class RecordIndex {
  private:
   void walk(int16_t db);
 
-  FoundTable table_{};
-  std::unordered_map<uint64_t, int64_t, SeededHash> positions_;
+  engine::FoundTable table_{};
+  std::unordered_map<uint64_t, int64_t, support::SeededHash> positions_;
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

@@ -10,7 +10,11 @@
 #include "format/identifiers.h"
 #include "maintenance/file_extent.h"
 
-namespace qvdbase {
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+using namespace qvdbase::maintenance;
+
+namespace qvdbase::maintenance {
 namespace {
 
 constexpr uint64_t kSpareBytes = 16;
@@ -61,4 +65,4 @@ bool RecordList::add(uint64_t record) {
   return true;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

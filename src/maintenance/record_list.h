@@ -7,7 +7,7 @@
 #include "QVDbase/tables.h"
 #include "platform/host/memory.h"
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 // As GetRecordUuIDList lists them, with room that follows the records found instead of the slot's
 // count, which a damaged file may set as high as it likes. A chain that loops is listed once round.
@@ -33,4 +33,4 @@ class RecordList {
   uint64_t count_ = 0;
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

@@ -21,6 +21,10 @@
 #include "platform/host/memory.h"
 
 using namespace qvdbase;
+using namespace qvdbase::support;
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+using namespace qvdbase::maintenance;
 
 namespace {
 

@@ -6,7 +6,11 @@
 #include "format/fields.h"
 #include "format/layout.h"
 
-namespace qvdbase {
+using namespace qvdbase::format;
+using namespace qvdbase::engine;
+using namespace qvdbase::maintenance;
+
+namespace qvdbase::maintenance {
 
 bool measureTableDataBlock(int16_t db, int64_t blockPos, const unsigned char* tableID,
                            int64_t* length) {
@@ -19,4 +23,4 @@ bool measureTableDataBlock(int16_t db, int64_t blockPos, const unsigned char* ta
   return true;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

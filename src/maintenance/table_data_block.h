@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 // Checks the block at blockPos from its mark to its end mark and stores its length in bytes, header
 // and end mark included. Returns false when it cannot be read, when a mark or the header size is
@@ -11,4 +11,4 @@ namespace qvdbase {
 [[nodiscard]] bool measureTableDataBlock(int16_t db, int64_t blockPos, const unsigned char* tableID,
                                          int64_t* length);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

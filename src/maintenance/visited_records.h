@@ -7,7 +7,7 @@
 #include "maintenance/link_repair.h"
 #include "support/seeded_hash.h"
 
-namespace qvdbase {
+namespace qvdbase::maintenance {
 
 class VisitedRecords {
  public:
@@ -42,7 +42,7 @@ class VisitedRecords {
 
  private:
   QVList list_;
-  std::unordered_set<int64_t, SeededHash> positions_;
+  std::unordered_set<int64_t, support::SeededHash> positions_;
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::maintenance

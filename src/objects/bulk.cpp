@@ -10,6 +10,8 @@
 #include "objects/table_index.h"
 #include "platform/host/clock.h"
 
+using namespace qvdbase;
+
 namespace qvdb::detail {
 
 std::shared_ptr<Bulk> Bulk::open(const std::shared_ptr<OpenDatabase>& database, Id table) {
@@ -39,16 +41,16 @@ void Bulk::requireNoWriter(const Operation& operation) const {
                  "a record of the batch is being written in pieces; finish its writer first");
 }
 
-qvdbase::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id> record,
-                                   uint32_t reserve) {
-  qvdbase::BatchRecord entry = {};
+engine::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id> record,
+                                  uint32_t reserve) {
+  engine::BatchRecord entry = {};
   if (record) {
     operation.requireIdentifier(*record);
     internal_ConvertInt64_2UuID(record->value, entry.recordID);
   } else {
     identifiers.next(entry.recordID);
   }
-  entry.createTime = qvdbase::platform::secondsSinceEpoch();
+  entry.createTime = platform::secondsSinceEpoch();
   entry.modifyTime = entry.createTime;
   entry.reserve = reserve;
   return entry;
@@ -88,14 +90,14 @@ void Bulk::add(const Operation& operation, const NewRecord& record) {
     operation.fail(Reason::too_large, "a record would be " + std::to_string(size) +
                                           " bytes, and 4,294,967,295 are the most");
   }
-  qvdbase::BatchRecord entry = entryOf(operation, record.id, record.reserve);
+  engine::BatchRecord entry = entryOf(operation, record.id, record.reserve);
   entry.dataLength = static_cast<uint32_t>(size);
   const auto* payload = reinterpret_cast<const unsigned char*>(record.payload.data());
   if (!batch.add(entry, payload)) {
     failed(operation,
-           std::max(entry.dataLength, entry.reserve) + uint64_t{qvdbase::kRecordBlockOverhead});
+           std::max(entry.dataLength, entry.reserve) + uint64_t{format::kRecordBlockOverhead});
   }
-  latest = Id{qvdbase::identifierNumber(entry.recordID)};
+  latest = Id{format::identifierNumber(entry.recordID)};
 }
 
 void Bulk::failed(const Operation& operation, uint64_t bytes) {

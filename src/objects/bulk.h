@@ -24,7 +24,7 @@ struct Bulk {
   // Throws appender_open, and chain_damaged when the end of the table's chain is damaged.
   static std::shared_ptr<Bulk> open(const std::shared_ptr<OpenDatabase>& database, Id table);
 
-  Bulk(const std::shared_ptr<OpenDatabase>& opened, const qvdbase::FoundTable& found)
+  Bulk(const std::shared_ptr<OpenDatabase>& opened, const qvdbase::engine::FoundTable& found)
       : database(opened), batch(opened->handle, found) {}
   ~Bulk() { discard(); }
   Bulk(const Bulk&) = delete;
@@ -43,8 +43,8 @@ struct Bulk {
 
   // What the engine wants to know of a new record, but for the length of its payload. Throws
   // bad_argument for identifier 0.
-  qvdbase::BatchRecord entryOf(const Operation& operation, std::optional<Id> record,
-                               uint32_t reserve);
+  qvdbase::engine::BatchRecord entryOf(const Operation& operation, std::optional<Id> record,
+                                       uint32_t reserve);
 
   // Takes in the records: all of them, or none and the batch is discarded. Throws as failed().
   void finish(const Operation& operation);
@@ -65,8 +65,8 @@ struct Bulk {
 
   std::shared_ptr<OpenDatabase> database;
   Id table;
-  qvdbase::RecordBatch batch;
-  qvdbase::IdentifierSeries identifiers;
+  qvdbase::engine::RecordBatch batch;
+  qvdbase::format::IdentifierSeries identifiers;
   Id latest;  // of the record that was added last; one that a writer has open is not yet
   State state = State::discarded;
   bool inPieces = false;  // a RecordWriter is at work on it

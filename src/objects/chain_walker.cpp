@@ -4,13 +4,15 @@
 #include "QVDbase/record_find.h"
 #include "support/file_transfers.h"
 
+using namespace qvdbase;
+
 namespace qvdb::detail {
 
 bool readHead(int16_t db, int64_t position, const unsigned char* tableID, recordPart1* header) {
-  const unsigned char* view = qvdbase::viewFile(db, position, qvdbase::record::kData);
-  if (view == nullptr) return qvdbase::readRecordHeaderAt(db, position, tableID, header);
-  qvdbase::decodeRecordHead(view, header);
-  return qvdbase::isRecordOf(view, tableID);
+  const unsigned char* view = support::viewFile(db, position, format::record::kData);
+  if (view == nullptr) return engine::readRecordHeaderAt(db, position, tableID, header);
+  format::decodeRecordHead(view, header);
+  return format::isRecordOf(view, tableID);
 }
 
 ChainWalker::Step ChainWalker::next(int16_t db, recordPart1* header, int64_t* recordPos) {
@@ -24,7 +26,7 @@ ChainWalker::Step ChainWalker::next(int16_t db, recordPart1* header, int64_t* re
 
 bool ChainWalker::resumeBehind(int16_t db, int64_t recordPos, uint32_t number) {
   recordPart1 header;
-  if (!qvdbase::readRecordHeaderAt(db, recordPos, slot_.tableID, &header)) return false;
+  if (!engine::readRecordHeaderAt(db, recordPos, slot_.tableID, &header)) return false;
   resumeAt(header.nextRecordPos, number);
   return true;
 }

@@ -36,9 +36,9 @@ class ChainWalker {
   Step pass(const unsigned char* head) {
     const Step step = arrive();
     if (step != Step::record) return step;
-    if (!qvdbase::isRecordOf(head, slot_.tableID)) return damaged(kNoRecord);
+    if (!qvdbase::format::isRecordOf(head, slot_.tableID)) return damaged(kNoRecord);
     nextPos_ = static_cast<int64_t>(
-        qvdbase::loadBigEndian<uint64_t>(head + qvdbase::record::kNextRecordPos));
+        qvdbase::format::loadBigEndian<uint64_t>(head + qvdbase::format::record::kNextRecordPos));
     return Step::record;
   }
 
@@ -52,7 +52,7 @@ class ChainWalker {
     nextPos_ = recordPos;
     number_ = number;
     hasChanged_ = true;
-    loop_ = qvdbase::LoopDetector();
+    loop_ = qvdbase::engine::LoopDetector();
   }
 
   // The record that the last step was about, counted from 1.
@@ -83,7 +83,7 @@ class ChainWalker {
   int64_t nextPos_ = 0;
   uint32_t number_ = 0;
   bool hasChanged_ = false;
-  qvdbase::LoopDetector loop_;
+  qvdbase::engine::LoopDetector loop_;
   const char* damage_ = "";
 };
 

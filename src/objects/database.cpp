@@ -21,6 +21,8 @@
 #include "platform/host/host_failure.h"
 #include "products/target_file.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 
 using detail::OpenDatabase;
@@ -31,7 +33,7 @@ namespace {
 
 std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode mode,
                                         const char* operation) {
-  const std::vector<QVWCHAR> wide = detail::nativePath(path, operation);
+  const std::vector<QVWCHAR> wide = failure::nativePath(path, operation);
   const int permission = static_cast<int>(mode);
   auto state = std::make_shared<OpenDatabase>();
   state->path = path;
@@ -40,15 +42,15 @@ std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode 
   for (int tries = 3; state->handle == 0; --tries) {
     state->handle = OpenDBaseW(wide.data(), permission);
     if (state->handle != 0) break;
-    const auto found = qvdbase::platform::findOpenFailure(wide.data(), permission);
-    if (tries > 1 && found.failure == qvdbase::platform::OpenFailure::none) continue;
-    detail::throwOpenFailure(path, operation, found);
+    const auto found = platform::findOpenFailure(wide.data(), permission);
+    if (tries > 1 && found.failure == platform::OpenFailure::none) continue;
+    failure::throwOpenFailure(path, operation, found);
   }
   return state;
 }
 
 constexpr uint64_t kNewDatabaseSize =
-    qvdbase::kDirectoryPos + uint64_t{qvdbase::kNewSlotCount} * qvdbase::kSlotImageSize;
+    format::kDirectoryPos + uint64_t{format::kNewSlotCount} * format::kSlotImageSize;
 
 constexpr const char* kOpen = "open the database";
 
@@ -58,7 +60,7 @@ bool isBadSignature(const std::array<char, 4>& signature) {
 }
 
 bool isUsableVersion(uint16_t version) {
-  return version >= qvdbase::kFirstVersion && version <= qvdbase::kLastVersion;
+  return version >= format::kFirstVersion && version <= format::kLastVersion;
 }
 
 DatabaseInfo readInfo(const Operation& operation) {
@@ -71,15 +73,14 @@ DatabaseInfo readInfo(const Operation& operation) {
   uint16_t tables = 0;
   uint16_t slots = 0;
   uint16_t slotSize = 0;
-  if (!qvdbase::readUint16(operation.db(), &tables) ||
-      !qvdbase::readUint16(operation.db(), &slots) ||
-      !qvdbase::readUint16(operation.db(), &slotSize)) {
+  if (!format::readUint16(operation.db(), &tables) || !format::readUint16(operation.db(), &slots) ||
+      !format::readUint16(operation.db(), &slotSize)) {
     operation.fail(Reason::not_a_database, "the file is cut off inside its header");
   }
   DatabaseInfo info;
   std::copy_n(reinterpret_cast<const char*>(head.signature), 4, info.signature.begin());
   info.version = head.version;
-  info.id = Id{qvdbase::identifierNumber(head.databaseID)};
+  info.id = Id{format::identifierNumber(head.databaseID)};
   info.table_count = static_cast<int16_t>(tables);
   info.slot_count = static_cast<int16_t>(slots);
   info.slot_size = slotSize;
@@ -107,30 +108,30 @@ Database& Database::operator=(Database&& other) noexcept {
 Database Database::create(const std::filesystem::path& path, const CreateOptions& options) {
   constexpr const char* kOperation = "create the database";
   if (isBadSignature(options.signature)) {
-    detail::failOn(path, kOperation, Reason::bad_argument,
-                   "a signature begins with the letters Q and V, in either case");
+    products::failOn(path, kOperation, Reason::bad_argument,
+                     "a signature begins with the letters Q and V, in either case");
   }
   if (!isUsableVersion(options.version)) {
-    detail::failOn(path, kOperation, Reason::bad_argument, "a version lies between 100 and 199");
+    products::failOn(path, kOperation, Reason::bad_argument, "a version lies between 100 and 199");
   }
-  static_cast<void>(detail::nativePath(path, kOperation));
-  using detail::Existing;
+  static_cast<void>(failure::nativePath(path, kOperation));
+  using products::Existing;
   auto state = std::make_shared<OpenDatabase>();  // outlives the target, whose file it closes
-  detail::TargetFile target(
+  products::TargetFile target(
       path, kOperation,
       {.existing = options.overwrite ? Existing::isReplaced : Existing::isReplacedIfEmpty,
        .createFolders = options.create_folders,
-       .waits = options.sync ? qvdbase::platform::Waits::forName : qvdbase::platform::Waits::no});
+       .waits = options.sync ? platform::Waits::forName : platform::Waits::no});
   if (target.isReadHere()) {
-    detail::failOn(path, kOperation, Reason::in_use, "this program has it open");
+    products::failOn(path, kOperation, Reason::in_use, "this program has it open");
   }
   state->path = path;
   state->mode = Mode::exclusive;
   if (!target.create(nullptr).handOver(&state->handle)) {
-    detail::failOn(path, kOperation, Reason::cannot_open, "too many files are open");
+    products::failOn(path, kOperation, Reason::cannot_open, "too many files are open");
   }
-  if (!qvdbase::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
-    target.failWriting(qvdbase::platform::findWriteFailure(kNewDatabaseSize));
+  if (!engine::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
+    target.failWriting(platform::findWriteFailure(kNewDatabaseSize));
   }
   target.place();
   return Database(std::move(state));
@@ -162,8 +163,8 @@ Database Database::openOrCreate(const std::filesystem::path& path, Mode mode) {
 
 Database Database::open(const std::filesystem::path& path, const OpenOptions& options) {
   if (options.create && options.mode == Mode::read_only) {
-    detail::throwError(path, kOpen, Reason::bad_argument,
-                       "a file that is not there cannot be created for reading only");
+    failure::throwError(path, kOpen, Reason::bad_argument,
+                        "a file that is not there cannot be created for reading only");
   }
   return detail::whileInUse(options.wait, [&] {
     Database database =
@@ -187,7 +188,7 @@ DatabaseInfo Database::inspect(const std::filesystem::path& path) {
 }
 
 std::u16string Database::native_path(const std::filesystem::path& path) {
-  const std::vector<QVWCHAR> wide = detail::nativePath(path, "use this path");
+  const std::vector<QVWCHAR> wide = failure::nativePath(path, "use this path");
   return {wide.begin(), wide.end() - 1};
 }
 
@@ -197,8 +198,8 @@ void Database::close() {
   const int16_t handle = std::exchange(state_->handle, 0);
   if (CloseDBase(handle) != 0) return;
   constexpr const char* kOperation = "close the database";
-  detail::throwError(state_->path, kOperation, Reason::cannot_write,
-                     "the system reports a failure");
+  failure::throwError(state_->path, kOperation, Reason::cannot_write,
+                      "the system reports a failure");
 }
 
 bool Database::is_open() const noexcept {
@@ -207,7 +208,7 @@ bool Database::is_open() const noexcept {
 
 OpenDatabase& Database::state() const {
   if (state_ == nullptr) {
-    detail::throwError("use the database", Reason::not_open, "none is open");
+    failure::throwError("use the database", Reason::not_open, "none is open");
   }
   return *state_;
 }
@@ -246,7 +247,7 @@ std::vector<Table> Database::tables() const {
   std::vector<Table> tables;
   tablePart1 slot;
   static_cast<void>(operation.findSlot(&slot, [&](const tablePart1& used) {
-    const Id id{qvdbase::identifierNumber(used.tableID)};
+    const Id id{format::identifierNumber(used.tableID)};
     tables.push_back(Table(state_, id, detail::storedName(used)));
     return false;
   }));
@@ -262,7 +263,7 @@ std::optional<Table> Database::find_table(std::string_view name) const {
           &slot, [name](const tablePart1& used) { return detail::storedName(used) == name; })) {
     return std::nullopt;
   }
-  return Table(state_, Id{qvdbase::identifierNumber(slot.tableID)}, std::string(name));
+  return Table(state_, Id{format::identifierNumber(slot.tableID)}, std::string(name));
 }
 
 std::optional<Table> Database::find_table(Id table) const {
@@ -271,7 +272,7 @@ std::optional<Table> Database::find_table(Id table) const {
   ReadScope scope(operation.db());
   tablePart1 slot;
   if (!operation.findSlot(&slot, [table](const tablePart1& used) {
-        return qvdbase::identifierNumber(used.tableID) == table.value;
+        return format::identifierNumber(used.tableID) == table.value;
       })) {
     return std::nullopt;
   }
@@ -299,7 +300,7 @@ Table Database::add_table(std::string_view name) {
   if (name.empty() || name.find('\0') != std::string_view::npos) {
     operation.fail(Reason::bad_name, "a table name has at least one byte, and no zero bytes");
   }
-  if (name.size() > qvdbase::kTableNameSize) {
+  if (name.size() > format::kTableNameSize) {
     operation.fail(Reason::name_too_long, "a table name has at most 32 bytes, and this one has " +
                                               std::to_string(name.size()));
   }
@@ -316,7 +317,7 @@ Table Database::add_table(std::string_view name) {
     operation.fail(Reason::table_exists,
                    "a table named '" + std::string(name) + "' exists already");
   }
-  const qvdbase::DirectoryNumbers numbers = operation.directory();
+  const engine::DirectoryNumbers numbers = operation.directory();
   if (numbers.tableCount >= numbers.slotCount - 1) {
     operation.fail(Reason::directory_full, "it has " + std::to_string(numbers.tableCount) +
                                                " tables, and no room for more");
@@ -332,7 +333,7 @@ Table Database::find_or_add_table(std::string_view name) {
 void Database::sync() {
   static_cast<void>(state());
   const Operation operation(state_, "wait for the device");
-  if (!qvdbase::platform::syncFile(operation.db())) {
+  if (!platform::syncFile(operation.db())) {
     operation.fail(Reason::cannot_write, "the system reports a failure");
   }
 }

@@ -7,6 +7,8 @@
 #include "QVDbase/take_back.h"
 #include "format/fields.h"
 
+using namespace qvdbase;
+
 namespace qvdb::detail {
 namespace {
 
@@ -24,7 +26,7 @@ Leads leadsTo(int16_t db, const LinkPlace& link, int64_t blockPos) {
   int64_t position = 0;
   if (link.recordPos == 0) return Leads::no;
   if (myFileSeek(db, link.recordPos + link.offset, kFromStart) != 0 ||
-      !qvdbase::readInt64(db, &position)) {
+      !format::readInt64(db, &position)) {
     return Leads::unknown;
   }
   return position == blockPos ? Leads::yes : Leads::no;
@@ -36,15 +38,15 @@ bool takeBackBlock(const Operation& operation, Id table, int64_t blockPos,
                    std::initializer_list<LinkPlace> links) {
   if (blockPos == 0) return false;
   ReadScope scope(operation.db());
-  qvdbase::FoundTable found;
-  if (!qvdbase::findTable(operation.db(), table.value, &found)) return false;
+  engine::FoundTable found;
+  if (!engine::findTable(operation.db(), table.value, &found)) return false;
   if (slotLeadsTo(found.slot, blockPos)) return found.slot.firstRecordPos == blockPos;
   for (const LinkPlace& link : links) {
     const Leads leads = leadsTo(operation.db(), link, blockPos);
     if (leads != Leads::no) return leads == Leads::yes;
   }
   // The handle is exclusive, or nothing is cut: whatever lies there was appended by this call.
-  qvdbase::cutBack(operation.db(), {blockPos, std::numeric_limits<int64_t>::max()});
+  engine::cutBack(operation.db(), {blockPos, std::numeric_limits<int64_t>::max()});
   return false;
 }
 

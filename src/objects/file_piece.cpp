@@ -3,6 +3,8 @@
 
 #include "support/file_transfers.h"
 
+using namespace qvdbase;
+
 namespace qvdb::detail {
 namespace {
 
@@ -14,9 +16,9 @@ bool FilePiece::read(int16_t db, int64_t position) {
   bytes_.resize(kPieceSize);
   start_ = position;
   length_ = 0;
-  if (!qvdbase::seekTo(db, position)) return false;
+  if (!support::seekTo(db, position)) return false;
   // At the file's end it is less than was asked for.
-  static_cast<void>(qvdbase::readFile(db, bytes_.data(), kPieceSize, &length_));
+  static_cast<void>(support::readFile(db, bytes_.data(), kPieceSize, &length_));
   return length_ > 0;
 }
 

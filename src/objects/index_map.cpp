@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+using namespace qvdbase;
+
 namespace qvdb::detail {
 namespace {
 
@@ -12,7 +14,7 @@ constexpr size_t kSmallest = 64;
 
 // The hash's share of the places: the upper half of the product, in 32-bit steps.
 size_t IndexMap::home(uint64_t key) const {
-  const uint64_t hash = qvdbase::mixed(key, seed_);
+  const uint64_t hash = support::mixed(key, seed_);
   const uint64_t places = places_.size();
   const uint64_t low = (hash & 0xFFFFFFFFu) * places >> 32;
   return static_cast<size_t>(((hash >> 32) * places + low) >> 32);

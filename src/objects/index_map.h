@@ -18,7 +18,8 @@ namespace qvdb::detail {
 // stands there.
 class IndexMap {
  public:
-  explicit IndexMap(const qvdbase::HashSeed& seed = qvdbase::hashSeed()) : seed_(seed) {}
+  explicit IndexMap(const qvdbase::support::HashSeed& seed = qvdbase::support::hashSeed())
+      : seed_(seed) {}
 
   // Makes room for so many keys at once, with a few to come, in a map that is empty. Throws
   // std::bad_alloc.
@@ -51,7 +52,7 @@ class IndexMap {
   size_t next(size_t place) const { return place + 1 == places_.size() ? 0 : place + 1; }
   void grow();
 
-  qvdbase::HashSeed seed_;
+  qvdbase::support::HashSeed seed_;
   std::vector<Entry> places_;
   size_t size_ = 0;
 };

@@ -18,12 +18,14 @@
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/survey.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 namespace {
 
-using qvdbase::raw::ByteSource;
-using qvdbase::raw::Slot;
-using qvdbase::raw::Survey;
+using survey::ByteSource;
+using survey::Slot;
+using survey::Survey;
 
 constexpr const char* kOperation = "open the database";
 
@@ -53,7 +55,7 @@ class Ends {
     if (slot_.recordCount == 0) return nullptr;
     const std::optional<recordPart1> head = recordAt(slot_.lastRecordPos);
     if (!head) return nullptr;
-    const int64_t size = qvdbase::kRecordBlockOverhead + int64_t{head->dataCapacity};
+    const int64_t size = format::kRecordBlockOverhead + int64_t{head->dataCapacity};
     return slot_.lastRecordPos > source_.size() - size
                ? "its last record reaches beyond the end of the file"
                : nullptr;
@@ -97,11 +99,11 @@ class Ends {
 
   // The header of a record of this table.
   std::optional<recordPart1> recordAt(int64_t position) const {
-    unsigned char bytes[qvdbase::record::kData];
+    unsigned char bytes[format::record::kData];
     if (source_.readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
-    const recordPart1 head = qvdbase::decodeRecordHead(bytes);
-    const bool isOwn = head.blockMark == qvdbase::kRecordMark &&
-                       head.headerSize == qvdbase::kRecordHeaderSize &&
+    const recordPart1 head = format::decodeRecordHead(bytes);
+    const bool isOwn = head.blockMark == format::kRecordMark &&
+                       head.headerSize == format::kRecordHeaderSize &&
                        std::memcmp(head.tableID, slot_.tableID, sizeof head.tableID) == 0;
     return isOwn ? std::optional(head) : std::nullopt;
   }
@@ -114,11 +116,11 @@ class Ends {
                        const std::string& table = {}, const char* operation = kOperation) {
   ErrorDetails known;
   known.table = table;
-  detail::throwError(path, operation, reason, why, std::move(known));
+  failure::throwError(path, operation, reason, why, std::move(known));
 }
 
 std::string describe(const Slot& slot, const char* problem) {
-  return "table " + qvdbase::check::shown(qvdbase::raw::nameOf(slot.fields)) + ": " + problem;
+  return "table " + check::shown(survey::nameOf(slot.fields)) + ": " + problem;
 }
 
 }  // namespace
@@ -132,9 +134,9 @@ Database open_checked(const std::filesystem::path& path, Mode mode) {
 
 void detail::checkEnds(const Database& database) {
   const std::filesystem::path& path = database.path();
-  const qvdbase::raw::OpenedFile file(database.handle(), path, kOperation);
+  const survey::OpenedFile file(database.handle(), path, kOperation);
   Survey survey;
-  qvdbase::raw::readDirectory(file.source(), {}, &survey);
+  survey::readDirectory(file.source(), {}, &survey);
   if (survey.header.tableCount < 0 ||
       survey.header.tableCount > static_cast<int>(survey.slots.size())) {
     fail(path, Reason::directory_damaged, "the number of tables is impossible");
@@ -146,24 +148,24 @@ void detail::checkEnds(const Database& database) {
            "slot " + std::to_string(slot.index) + " lacks its marks");
     }
     if (const char* problem = Ends(file.source(), slot.fields).problem()) {
-      fail(path, Reason::chain_damaged, describe(slot, problem), qvdbase::raw::nameOf(slot.fields));
+      fail(path, Reason::chain_damaged, describe(slot, problem), survey::nameOf(slot.fields));
     }
   }
 }
 
 void check_ends(const Database& database, Id table) {
   constexpr const char* kWriting = "write to the table";
-  const qvdbase::raw::OpenedFile file(database.handle(), database.path(), kWriting);
+  const survey::OpenedFile file(database.handle(), database.path(), kWriting);
   Survey survey;
-  qvdbase::raw::readDirectory(file.source(), {}, &survey);
+  survey::readDirectory(file.source(), {}, &survey);
   for (const Slot& slot : survey.slots) {
     if (!slot.counted) break;
     const Ends ends(file.source(), slot.fields);
-    const bool isAsked = qvdbase::identifierNumber(slot.fields.tableID) == table.value;
+    const bool isAsked = format::identifierNumber(slot.fields.tableID) == table.value;
     const char* problem = isAsked ? ends.problem() : ends.problemBeyondFile();
     if (problem == nullptr) continue;
     fail(database.path(), Reason::chain_damaged, describe(slot, problem),
-         qvdbase::raw::nameOf(slot.fields), kWriting);
+         survey::nameOf(slot.fields), kWriting);
   }
 }
 

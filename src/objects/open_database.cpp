@@ -15,6 +15,8 @@
 #include "platform/host/host_failure.h"
 #include "platform/transfer/transfer.h"
 
+using namespace qvdbase;
+
 namespace qvdb::detail {
 
 OpenDatabase::~OpenDatabase() {
@@ -30,14 +32,14 @@ namespace {
 // Tables and records that were made without a database have none.
 OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const char* operation) {
   if (database != nullptr) return *database;
-  throwError(operation, Reason::not_open, "it belongs to no database");
+  failure::throwError(operation, Reason::not_open, "it belongs to no database");
 }
 
 }  // namespace
 
 Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
     : database_(databaseOf(database, name)), name_(name) {
-  qvdbase::platform::forgetHostFailure();
+  platform::forgetHostFailure();
   if (database_.handle == 0) fail(Reason::not_open, "it was closed");
 }
 
@@ -45,8 +47,8 @@ void Operation::fail(Reason reason, const std::string& why,
                      std::optional<uint64_t> recordNumber) const {
   ErrorDetails known = details();
   known.record_number = recordNumber;
-  known.system_code = qvdbase::platform::lastHostFailure();
-  throwError(database_.path, name_, reason, why, std::move(known));
+  known.system_code = platform::lastHostFailure();
+  failure::throwError(database_.path, name_, reason, why, std::move(known));
 }
 
 void Operation::about(const tablePart1& slot) const {
@@ -65,7 +67,7 @@ ErrorDetails Operation::details() const {
 }
 
 void Operation::requireWritable() const {
-  const auto* file = qvdbase::platform::findOpenFile(db());
+  const auto* file = platform::findOpenFile(db());
   if (file == nullptr) fail(Reason::not_open, "its handle was closed by other means");
   if (!file->isWritable()) fail(Reason::read_only, "it was opened for reading only");
 }
@@ -86,13 +88,13 @@ void Operation::requireNoBulkOf(Id table) const {
   if (database_.bulk != nullptr && database_.bulk->table == table) requireNoBulk();
 }
 
-qvdbase::DirectoryNumbers Operation::directory() const {
-  qvdbase::DirectoryNumbers numbers;
-  if (qvdbase::readDirectoryNumbers(db(), &numbers)) {
+engine::DirectoryNumbers Operation::directory() const {
+  engine::DirectoryNumbers numbers;
+  if (engine::readDirectoryNumbers(db(), &numbers)) {
     if (numbers.tableCount >= 0) return numbers;
     fail(Reason::directory_damaged, "its number of tables is damaged");
   }
-  if (qvdbase::platform::findOpenFile(db()) == nullptr) {
+  if (platform::findOpenFile(db()) == nullptr) {
     fail(Reason::not_open, "its handle was closed by other means");
   }
   internal_Head1 head;
@@ -100,17 +102,17 @@ qvdbase::DirectoryNumbers Operation::directory() const {
     fail(Reason::not_a_database,
          fileLength() == 0 ? "the file is empty, not a database" : "the file is not a database");
   }
-  if (head.version < qvdbase::kFirstVersion || head.version > qvdbase::kLastVersion) {
+  if (head.version < format::kFirstVersion || head.version > format::kLastVersion) {
     fail(Reason::version_out_of_range,
          "its version is " + std::to_string(head.version) + ", and only 100 to 199 can be used");
   }
   fail(Reason::not_a_database, "the file is cut off inside its header");
 }
 
-qvdbase::FoundTable Operation::table(Id table) const {
-  qvdbase::FoundTable found;
+engine::FoundTable Operation::table(Id table) const {
+  engine::FoundTable found;
   // The common case reads each slot once; only a failure looks at them again, to tell why.
-  if (qvdbase::findTable(db(), table.value, &found)) {
+  if (engine::findTable(db(), table.value, &found)) {
     about(found.slot);
     return found;
   }
@@ -122,20 +124,20 @@ qvdbase::FoundTable Operation::table(Id table) const {
 void Operation::failMissingTable(const std::string& wanted, const std::string& why) const {
   ErrorDetails known;
   known.table = wanted;
-  throwError(database_.path, name_, Reason::table_missing, why, std::move(known));
+  failure::throwError(database_.path, name_, Reason::table_missing, why, std::move(known));
 }
 
-void Operation::readSlot(const qvdbase::DirectoryNumbers& numbers, int index,
+void Operation::readSlot(const engine::DirectoryNumbers& numbers, int index,
                          tablePart1* slot) const {
-  if (qvdbase::readUsedSlot(db(), numbers.slotSize, slot)) return;
+  if (engine::readUsedSlot(db(), numbers.slotSize, slot)) return;
   fail(Reason::directory_damaged,
        "entry " + std::to_string(index + 1) + " of its table directory is damaged");
 }
 
 uint64_t Operation::fileLength() const {
-  const auto* file = qvdbase::platform::findOpenFile(db());
+  const auto* file = platform::findOpenFile(db());
   int64_t length = 0;
-  if (file == nullptr || !qvdbase::platform::fileLength(*file, &length)) {
+  if (file == nullptr || !platform::fileLength(*file, &length)) {
     fail(Reason::cannot_read, "the system does not tell the file's length");
   }
   return static_cast<uint64_t>(length);
@@ -144,15 +146,15 @@ uint64_t Operation::fileLength() const {
 void Operation::failedWrite(uint64_t bytes) const {
   requireWritable();
   int64_t length = 0;
-  const auto* file = qvdbase::platform::findOpenFile(db());
-  if (!qvdbase::platform::fileLength(*file, &length)) length = 0;
-  throwWriteFailure(database_.path, name_,
-                    qvdbase::platform::findWriteFailure(static_cast<uint64_t>(length) + bytes),
-                    details());
+  const auto* file = platform::findOpenFile(db());
+  if (!platform::fileLength(*file, &length)) length = 0;
+  failure::throwWriteFailure(database_.path, name_,
+                             platform::findWriteFailure(static_cast<uint64_t>(length) + bytes),
+                             details());
 }
 
 void Operation::failIfWriteWasRefused(uint64_t bytes) const {
-  if (qvdbase::platform::lastRefusedWrite()) failedWrite(bytes);
+  if (platform::lastRefusedWrite()) failedWrite(bytes);
 }
 
 std::string storedName(const tablePart1& slot) {

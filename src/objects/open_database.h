@@ -67,7 +67,7 @@ class ReadScope {
   ReadScope& operator=(const ReadScope&) = delete;
 
  private:
-  qvdbase::SavedPosition position_;
+  qvdbase::engine::SavedPosition position_;
 };
 
 // One operation on an open database: what its errors name. `name` is a literal that goes on from
@@ -99,19 +99,19 @@ class Operation {
 
   // Reads the directory numbers. Throws not_a_database, version_out_of_range, directory_damaged or
   // cannot_read.
-  qvdbase::DirectoryNumbers directory() const;
+  qvdbase::engine::DirectoryNumbers directory() const;
 
   // Throws table_missing; `wanted` is what was looked for.
   [[noreturn]] void failMissingTable(const std::string& wanted, const std::string& why) const;
 
   // Finds a table that must be there. Throws as directory() and directory_damaged, table_missing.
-  qvdbase::FoundTable table(Id table) const;
+  qvdbase::engine::FoundTable table(Id table) const;
 
   // Walks the slots up to the first for which wanted(slot) holds. False when there is none; throws
   // directory_damaged when a slot before it is.
   template <typename Wanted>
   bool findSlot(tablePart1* slot, Wanted wanted) const {
-    const qvdbase::DirectoryNumbers numbers = directory();
+    const qvdbase::engine::DirectoryNumbers numbers = directory();
     for (int i = 0; i < numbers.tableCount; ++i) {
       readSlot(numbers, i, slot);
       if (wanted(*slot)) return true;
@@ -135,13 +135,15 @@ class Operation {
   void failIfWriteWasRefused(uint64_t bytes) const;
 
  private:
-  void readSlot(const qvdbase::DirectoryNumbers& numbers, int index, tablePart1* slot) const;
+  void readSlot(const qvdbase::engine::DirectoryNumbers& numbers, int index,
+                tablePart1* slot) const;
 
   ErrorDetails details() const;
 
   OpenDatabase& database_;
   const char* name_;
-  mutable std::array<char, qvdbase::kTableNameSize> tableName_{};  // zeros where it is not known
+  mutable std::array<char, qvdbase::format::kTableNameSize>
+      tableName_{};  // zeros where it is not known
 };
 
 // The slot's name, which ends after 32 bytes at the latest.

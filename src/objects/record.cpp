@@ -12,6 +12,10 @@
 #include "objects/open_database.h"
 #include "objects/records.h"
 
+using namespace qvdbase;
+
+using namespace qvdbase::engine;
+
 namespace qvdb {
 
 using detail::Operation;
@@ -33,12 +37,12 @@ constexpr uint32_t kSmallPayload = 64 * 1024;
 // more. A table whose identifier has a wrong sum has the same wrong sum in its slot and its blocks.
 bool readPresentHeader(const Operation& operation, Id table, const RecordInfo& info,
                        recordPart1* header) {
-  unsigned char tableID[qvdbase::kIdentifierSize];
+  unsigned char tableID[format::kIdentifierSize];
   internal_ConvertInt64_2UuID(table.value, tableID);
-  return (qvdbase::readRecordHeaderAt(operation.db(), info.position, tableID, header) ||
-          qvdbase::readRecordHeaderAt(operation.db(), info.position,
-                                      operation.table(table).slot.tableID, header)) &&
-         qvdbase::identifierNumber(header->recordID) == info.id.value;
+  return (engine::readRecordHeaderAt(operation.db(), info.position, tableID, header) ||
+          engine::readRecordHeaderAt(operation.db(), info.position,
+                                     operation.table(table).slot.tableID, header)) &&
+         format::identifierNumber(header->recordID) == info.id.value;
 }
 
 // The size that the payload has now. Leaves the file wherever; throws when no block of the record
@@ -60,7 +64,7 @@ void readPayload(const Operation& operation, const RecordInfo& info, uint64_t of
                  std::span<std::byte> buffer) {
   const int64_t from = info.data_position + static_cast<int64_t>(offset);
   if (myFileSeek(operation.db(), from, kFromStart) != 0 ||
-      !qvdbase::readBytes(operation.db(), buffer.data(), static_cast<uint32_t>(buffer.size()))) {
+      !format::readBytes(operation.db(), buffer.data(), static_cast<uint32_t>(buffer.size()))) {
     operation.fail(Reason::cannot_read,
                    "the payload of record " + to_string(info.id) + " cannot be read");
   }
@@ -120,13 +124,13 @@ void Record::payload(std::vector<std::byte>& buffer) const {
 namespace detail {
 
 void storeInfo(const recordPart1& header, int64_t recordPos, RecordInfo* info) {
-  info->id = Id{qvdbase::identifierNumber(header.recordID)};
+  info->id = Id{format::identifierNumber(header.recordID)};
   info->create_time = header.createTime;
   info->modify_time = header.modifyTime;
   info->size = header.dataLength;
   info->capacity = header.dataCapacity;
   info->position = recordPos;
-  info->data_position = recordPos + qvdbase::record::kData;
+  info->data_position = recordPos + format::record::kData;
 }
 
 RecordInfo recordInfo(const recordPart1& header, int64_t recordPos) {
@@ -135,24 +139,24 @@ RecordInfo recordInfo(const recordPart1& header, int64_t recordPos) {
   return info;
 }
 
-void readWholePayload(const Operation& operation, const qvdbase::FoundRecord& found,
+void readWholePayload(const Operation& operation, const engine::FoundRecord& found,
                       std::vector<std::byte>* buffer) {
   const uint32_t size = found.header.dataLength;
-  const auto end = static_cast<uint64_t>(found.recordPos) + qvdbase::record::kData + size;
+  const auto end = static_cast<uint64_t>(found.recordPos) + format::record::kData + size;
   if (size > kSmallPayload && end > operation.fileLength()) {
-    failBeyondEnd(operation, Id{qvdbase::identifierNumber(found.header.recordID)});
+    failBeyondEnd(operation, Id{format::identifierNumber(found.header.recordID)});
   }
   resizeFor(operation, buffer, size);
   readPayloadStart(operation, found, *buffer);
 }
 
-void readPayloadStart(const Operation& operation, const qvdbase::FoundRecord& found,
+void readPayloadStart(const Operation& operation, const engine::FoundRecord& found,
                       std::span<std::byte> buffer) {
   const auto count =
       static_cast<uint32_t>(std::min<size_t>(buffer.size(), found.header.dataLength));
-  if (myFileSeek(operation.db(), found.recordPos + qvdbase::record::kData, kFromStart) != 0 ||
-      !qvdbase::readBytes(operation.db(), buffer.data(), count)) {
-    failBeyondEnd(operation, Id{qvdbase::identifierNumber(found.header.recordID)});
+  if (myFileSeek(operation.db(), found.recordPos + format::record::kData, kFromStart) != 0 ||
+      !format::readBytes(operation.db(), buffer.data(), count)) {
+    failBeyondEnd(operation, Id{format::identifierNumber(found.header.recordID)});
   }
 }
 

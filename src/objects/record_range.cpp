@@ -21,6 +21,8 @@
 #include "objects/records.h"
 #include "support/file_transfers.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 
 namespace {
@@ -76,12 +78,12 @@ struct detail::Walk {
     const uint32_t size = header.dataLength;
     if (size == 0) return;
     if (const unsigned char* view =
-            qvdbase::viewFile(operation.db(), position + qvdbase::record::kData, size)) {
+            support::viewFile(operation.db(), position + format::record::kData, size)) {
       const auto* bytes = reinterpret_cast<const std::byte*>(view);
       payloads.insert(payloads.end(), bytes, bytes + size);
       return;
     }
-    qvdbase::FoundRecord found;
+    engine::FoundRecord found;
     found.header = header;
     found.recordPos = position;
     std::vector<std::byte> payload;
@@ -133,12 +135,12 @@ struct detail::Walk {
   // none follows.
   bool takeFromPiece(RecordInfo* info, std::span<const std::byte>* payload) {
     const int64_t position = walker.nextPosition();
-    const unsigned char* head = piece.at(position, qvdbase::record::kData);
+    const unsigned char* head = piece.at(position, format::record::kData);
     if (head == nullptr) return false;
-    const auto size = qvdbase::loadBigEndian<uint32_t>(head + qvdbase::record::kDataLength);
+    const auto size = format::loadBigEndian<uint32_t>(head + format::record::kDataLength);
     const unsigned char* bytes = nullptr;
     if (load == Load::payloads) {
-      bytes = piece.at(position + qvdbase::record::kData, size);
+      bytes = piece.at(position + format::record::kData, size);
       if (bytes == nullptr) return false;
     }
     const ChainWalker::Step step = walker.pass(head);
@@ -267,7 +269,7 @@ void RecordRange::start() {
   detail::Walk& walk = *walk_;
   const detail::Operation operation(walk.database, kWalk);
   detail::ReadScope scope(operation.db());
-  const qvdbase::FoundTable found = operation.table(walk.table);
+  const engine::FoundTable found = operation.table(walk.table);
   auto& walks = walk.database->walks;
   if (std::find(walks.begin(), walks.end(), &walk) == walks.end()) walks.push_back(&walk);
   walk.tableName = detail::storedName(found.slot);

@@ -11,6 +11,8 @@
 #include "objects/bulk.h"
 #include "objects/open_database.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 
 using detail::Operation;
@@ -25,9 +27,9 @@ RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, uint32_t reserve,
   const Operation operation(bulk->database, detail::kWrite);
   bulk->requireOpen(operation);
   bulk->requireNoWriter(operation);
-  const qvdbase::BatchRecord entry = bulk->entryOf(operation, record, reserve);
-  if (!bulk->batch.openRecord(entry)) bulk->failed(operation, qvdbase::kRecordBlockOverhead);
-  id_ = Id{qvdbase::identifierNumber(entry.recordID)};
+  const engine::BatchRecord entry = bulk->entryOf(operation, record, reserve);
+  if (!bulk->batch.openRecord(entry)) bulk->failed(operation, format::kRecordBlockOverhead);
+  id_ = Id{format::identifierNumber(entry.recordID)};
   bulk->inPieces = true;
   bulk_ = std::move(bulk);
 }
@@ -66,7 +68,7 @@ Id RecordWriter::finish() {
   requireOpen();
   const Operation operation(bulk_->database, detail::kWrite);
   bulk_->requireOpen(operation);
-  if (!bulk_->batch.closeRecord()) bulk_->failed(operation, qvdbase::kRecordBlockOverhead);
+  if (!bulk_->batch.closeRecord()) bulk_->failed(operation, format::kRecordBlockOverhead);
   bulk_->inPieces = false;
   bulk_->latest = id_;
   if (isAlone_) bulk_->finish(operation);
@@ -84,7 +86,7 @@ void RecordWriter::discard() noexcept {
 // A writer without its batch was finished, discarded or moved from.
 void RecordWriter::requireOpen() const {
   if (bulk_ != nullptr) return;
-  detail::throwError(detail::kWrite, Reason::bad_argument, "its writer was finished or discarded");
+  failure::throwError(detail::kWrite, Reason::bad_argument, "its writer was finished or discarded");
 }
 
 }  // namespace qvdb

@@ -20,13 +20,17 @@ void storeInfo(const recordPart1& header, int64_t recordPos, RecordInfo* info);
 // The same from the header's bytes.
 inline void storeInfo(const unsigned char* head, int64_t recordPos, RecordInfo* info) {
   using namespace qvdbase;
-  info->id.value = identifierNumber(head + record::kRecordID);
-  info->create_time = loadBigEndian<uint32_t>(head + record::kCreateTime);
-  info->modify_time = loadBigEndian<uint32_t>(head + record::kModifyTime);
-  info->size = loadBigEndian<uint32_t>(head + record::kDataLength);
-  info->capacity = loadBigEndian<uint32_t>(head + record::kDataCapacity);
+  info->id.value = qvdbase::format::identifierNumber(head + qvdbase::format::record::kRecordID);
+  info->create_time =
+      qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kCreateTime);
+  info->modify_time =
+      qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kModifyTime);
+  info->size =
+      qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataLength);
+  info->capacity =
+      qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataCapacity);
   info->position = recordPos;
-  info->data_position = recordPos + record::kData;
+  info->data_position = recordPos + qvdbase::format::record::kData;
 }
 RecordInfo recordInfo(const recordPart1& header, int64_t recordPos);
 
@@ -35,9 +39,9 @@ void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, uint3
 
 // Read the payload of a record whose header has been read: all of it, or as much of its beginning
 // as the buffer takes. Throw data_damaged when it reaches beyond the end of the file.
-void readWholePayload(const Operation& operation, const qvdbase::FoundRecord& found,
+void readWholePayload(const Operation& operation, const qvdbase::engine::FoundRecord& found,
                       std::vector<std::byte>* buffer);
-void readPayloadStart(const Operation& operation, const qvdbase::FoundRecord& found,
+void readPayloadStart(const Operation& operation, const qvdbase::engine::FoundRecord& found,
                       std::span<std::byte> buffer);
 
 // Throws chain_damaged for the walker's last step.

@@ -14,6 +14,8 @@
 #include "objects/records.h"
 #include "objects/table_index.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 
 using detail::ChainWalker;
@@ -29,16 +31,16 @@ struct DataBlock {
 };
 
 std::optional<DataBlock> findData(const Operation& operation, Id table) {
-  const qvdbase::FoundTable found = operation.table(table);
+  const engine::FoundTable found = operation.table(table);
   if (found.slot.firstDataPos == 0) return std::nullopt;
-  qvdbase::TableDataHeader header;
-  if (!qvdbase::readTableDataHeader(operation.db(), found.slot.firstDataPos, found.slot.tableID,
-                                    &header)) {
+  engine::TableDataHeader header;
+  if (!engine::readTableDataHeader(operation.db(), found.slot.firstDataPos, found.slot.tableID,
+                                   &header)) {
     operation.fail(Reason::data_damaged, "the block with the data of table '" +
                                              detail::storedName(found.slot) +
                                              "' is not where it should be");
   }
-  const DataBlock block{found.slot.firstDataPos + qvdbase::tabledata::kData, header.dataLength};
+  const DataBlock block{found.slot.firstDataPos + format::tabledata::kData, header.dataLength};
   if (static_cast<uint64_t>(block.dataPos) + block.size > operation.fileLength()) {
     operation.fail(Reason::data_damaged, "the data of table '" + detail::storedName(found.slot) +
                                              "' reaches beyond the end of the file");
@@ -48,7 +50,7 @@ std::optional<DataBlock> findData(const Operation& operation, Id table) {
 
 void readData(const Operation& operation, int64_t position, std::span<std::byte> buffer) {
   if (myFileSeek(operation.db(), position, kFromStart) == 0 &&
-      qvdbase::readBytes(operation.db(), buffer.data(), static_cast<uint32_t>(buffer.size()))) {
+      format::readBytes(operation.db(), buffer.data(), static_cast<uint32_t>(buffer.size()))) {
     return;
   }
   operation.fail(Reason::cannot_read, "the data cannot be read");
@@ -106,7 +108,7 @@ std::optional<Record> Table::find(Id record) const {
   const Operation operation(database_, "find the record");
   ReadScope scope(operation.db());
   if (const auto index = detail::indexOf(*database_, id_)) {
-    qvdbase::FoundRecord found;
+    engine::FoundRecord found;
     const detail::Answer answer = detail::askIndex(operation, *index, record, &found);
     if (answer == detail::Answer::absent) return std::nullopt;
     if (answer == detail::Answer::found) {
@@ -120,7 +122,7 @@ std::optional<Record> Table::find(Id record) const {
     const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
     if (step == ChainWalker::Step::end) return std::nullopt;
     if (step == ChainWalker::Step::damaged) detail::failDamagedChain(operation, walker, name_);
-    if (qvdbase::identifierNumber(header.recordID) == record.value) {
+    if (format::identifierNumber(header.recordID) == record.value) {
       return Record(database_, id_, detail::recordInfo(header, position));
     }
   }
@@ -134,7 +136,7 @@ std::optional<std::vector<std::byte>> Table::get(Id record) const {
   const Operation operation(database_, "read the record");
   if (const auto index = detail::indexOf(*database_, id_)) {
     ReadScope scope(operation.db());
-    qvdbase::FoundRecord found;
+    engine::FoundRecord found;
     const detail::Answer answer = detail::askIndex(operation, *index, record, &found);
     if (answer == detail::Answer::absent) return std::nullopt;
     if (answer == detail::Answer::found) {
@@ -152,7 +154,7 @@ std::optional<uint32_t> Table::get(Id record, std::span<std::byte> buffer) const
   const Operation operation(database_, "read the record");
   if (const auto index = detail::indexOf(*database_, id_)) {
     ReadScope scope(operation.db());
-    qvdbase::FoundRecord found;
+    engine::FoundRecord found;
     const detail::Answer answer = detail::askIndex(operation, *index, record, &found);
     if (answer == detail::Answer::absent) return std::nullopt;
     if (answer == detail::Answer::found) {

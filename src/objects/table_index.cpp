@@ -13,6 +13,10 @@
 #include "objects/chain_walker.h"
 #include "support/file_transfers.h"
 
+using namespace qvdbase;
+
+using namespace qvdbase::format;
+
 namespace qvdb {
 
 RecordIndex::RecordIndex(std::shared_ptr<detail::TableIndex> index) : index_(std::move(index)) {}
@@ -32,37 +36,37 @@ namespace {
 constexpr int64_t kLeastAround = 512;
 constexpr int64_t kMostAround = 4096;
 
-constexpr uint64_t kSmallestBlock = qvdbase::kRecordBlockOverhead;
+constexpr uint64_t kSmallestBlock = format::kRecordBlockOverhead;
 
 Id tableOf(const tablePart1& slot) {
-  return Id{qvdbase::identifierNumber(slot.tableID)};
+  return Id{format::identifierNumber(slot.tableID)};
 }
 
 void readNeighbourhood(int16_t db, const TableIndex& index, int64_t position) {
   const int64_t before = std::clamp(index.usualBlock, kLeastAround, kMostAround);
   const int64_t from = std::max<int64_t>(0, position - before);
-  const int64_t behind = before + qvdbase::record::kData;
-  qvdbase::readAhead(db, from, static_cast<uint32_t>(position - from + behind));
+  const int64_t behind = before + format::record::kData;
+  support::readAhead(db, from, static_cast<uint32_t>(position - from + behind));
 }
 
 // Whether a record of this table stands at a place, with this position in one of its links.
 bool linksTo(int16_t db, int64_t recordPos, const unsigned char* tableID, int64_t link,
              int64_t position) {
   recordPart1 header;
-  const unsigned char* block = qvdbase::viewFile(db, recordPos, qvdbase::record::kData);
+  const unsigned char* block = support::viewFile(db, recordPos, format::record::kData);
   if (block == nullptr) {
     if (!readHead(db, recordPos, tableID, &header)) return false;
-    const bool isNext = link == qvdbase::record::kNextRecordPos;
+    const bool isNext = link == format::record::kNextRecordPos;
     return (isNext ? header.nextRecordPos : header.prevRecordPos) == position;
   }
-  return qvdbase::isRecordOf(block, tableID) &&
-         static_cast<int64_t>(qvdbase::loadBigEndian<uint64_t>(block + link)) == position;
+  return format::isRecordOf(block, tableID) &&
+         static_cast<int64_t>(format::loadBigEndian<uint64_t>(block + link)) == position;
 }
 
 // The neighbours that are records; the ends of the chain are the slot's affair.
 bool neighboursPointBack(int16_t db, const unsigned char* tableID, const recordPart1& header,
                          int64_t position) {
-  using namespace qvdbase::record;
+  using namespace format::record;
   const int64_t previous = header.prevRecordPos;
   const int64_t next = header.nextRecordPos;
   return (previous == 0 || linksTo(db, previous, tableID, kNextRecordPos, position)) &&
@@ -79,11 +83,11 @@ bool slotAgrees(const tablePart1& slot, const recordPart1& header, int64_t posit
 }
 
 bool verify(const Operation& operation, const TableIndex& index, Id record,
-            qvdbase::FoundRecord* found) {
+            engine::FoundRecord* found) {
   const unsigned char* tableID = index.tableID;
   readNeighbourhood(operation.db(), index, found->recordPos);
   return readHead(operation.db(), found->recordPos, tableID, &found->header) &&
-         qvdbase::identifierNumber(found->header.recordID) == record.value &&
+         format::identifierNumber(found->header.recordID) == record.value &&
          neighboursPointBack(operation.db(), tableID, found->header, found->recordPos) &&
          (!isEndOfChain(found->header) ||
           slotAgrees(operation.table(index.table).slot, found->header, found->recordPos));
@@ -104,7 +108,7 @@ bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index
     const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
     if (step == ChainWalker::Step::end) return true;
     if (step == ChainWalker::Step::damaged) return false;
-    const bool isNew = index.map.insert(qvdbase::identifierNumber(header.recordID), position);
+    const bool isNew = index.map.insert(format::identifierNumber(header.recordID), position);
     index.hasDuplicates = index.hasDuplicates || !isNew;
   }
 }
@@ -153,7 +157,7 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
 }
 
 Answer askIndex(const Operation& operation, TableIndex& index, Id record,
-                qvdbase::FoundRecord* found) {
+                engine::FoundRecord* found) {
   if (index.isStale && !buildIndex(operation, index)) return Answer::unknown;
   const std::optional<int64_t> position = index.map.find(record.value);
   if (!position) {

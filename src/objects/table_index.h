@@ -26,7 +26,7 @@ ChainState chainState(const tablePart1& slot);
 
 struct TableIndex {
   Id table;
-  unsigned char tableID[qvdbase::kIdentifierSize];  // the same, as blocks hold it
+  unsigned char tableID[qvdbase::format::kIdentifierSize];  // the same, as blocks hold it
   IndexMap map;
   ChainState state;
   int64_t usualBlock = 0;      // bytes from one record to the next, about
@@ -50,7 +50,7 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
 // Looks a record up and verifies it against the file. The caller holds a scope; after `found` the
 // record's neighbourhood has been read in it. Fills the header and the position only.
 Answer askIndex(const Operation& operation, TableIndex& index, Id record,
-                qvdbase::FoundRecord* found);
+                qvdbase::engine::FoundRecord* found);
 
 // To be told of every change of a chain, with the slot as it is now.
 void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);

@@ -20,6 +20,8 @@
 #include "objects/table_index.h"
 #include "platform/host/host_failure.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 
 using detail::Operation;
@@ -47,13 +49,13 @@ const unsigned char* bytesOf(ByteView bytes) {
   const tablePart1 slot = operation.table(table).slot;
   const std::string of = "table '" + detail::storedName(slot) + "'";
   const bool hasLast = slot.recordCount != 0;
-  if (!qvdbase::chainHeadMatchesCount(slot) || hasLast != (slot.lastRecordPos != 0)) {
+  if (!engine::chainHeadMatchesCount(slot) || hasLast != (slot.lastRecordPos != 0)) {
     operation.fail(Reason::chain_damaged,
                    "the ends of the chain of " + of + " contradict its number of records");
   }
   recordPart1 last;
   if (hasLast &&
-      !qvdbase::readRecordHeaderAt(operation.db(), slot.lastRecordPos, slot.tableID, &last)) {
+      !engine::readRecordHeaderAt(operation.db(), slot.lastRecordPos, slot.tableID, &last)) {
     operation.fail(Reason::chain_damaged, "the last record of " + of + " cannot be read",
                    slot.recordCount);
   }
@@ -65,12 +67,12 @@ const unsigned char* bytesOf(ByteView bytes) {
 }
 
 bool locate(const Operation& operation, Id table, const Record& record,
-            qvdbase::FoundRecord* found) {
+            engine::FoundRecord* found) {
   found->table = operation.table(table);
   found->recordPos = record.info().position;
-  return qvdbase::readRecordHeaderAt(operation.db(), found->recordPos, found->table.slot.tableID,
-                                     &found->header) &&
-         qvdbase::identifierNumber(found->header.recordID) == record.id().value &&
+  return engine::readRecordHeaderAt(operation.db(), found->recordPos, found->table.slot.tableID,
+                                    &found->header) &&
+         format::identifierNumber(found->header.recordID) == record.id().value &&
          detail::standsInChain(operation.db(), found->table.slot, found->header, found->recordPos);
 }
 
@@ -92,7 +94,7 @@ class WriteScope {
   }
 
  private:
-  qvdbase::SavedPosition position_;
+  engine::SavedPosition position_;
   bool isFinished_ = false;
 };
 
@@ -103,38 +105,38 @@ Id addRecord(const Operation& operation, detail::OpenDatabase& database, Id tabl
   operation.requireWritable();
   operation.requireNoBulk();
   if (record) operation.requireIdentifier(*record);
-  unsigned char recordID[qvdbase::kIdentifierSize];
+  unsigned char recordID[format::kIdentifierSize];
   if (record) internal_ConvertInt64_2UuID(record->value, recordID);
   int64_t blockPos = 0;
   int64_t last = 0;
   {
     WriteScope scope(operation.db());
-    qvdbase::FoundTable found = operation.table(table);
+    engine::FoundTable found = operation.table(table);
     last = found.slot.lastRecordPos;
     ++database.changes;
     const bool done =
-        qvdbase::chainHeadMatchesCount(found.slot) &&
-        qvdbase::appendRecord(operation.db(), &found.slot, found.slot.tableID, recordID,
-                              found.slotPos, found.slotSize, bytesOf(payload), size, reserve,
-                              record.has_value(), &blockPos);
+        engine::chainHeadMatchesCount(found.slot) &&
+        engine::appendRecord(operation.db(), &found.slot, found.slot.tableID, recordID,
+                             found.slotPos, found.slotSize, bytesOf(payload), size, reserve,
+                             record.has_value(), &blockPos);
     if (scope.finish(done)) {
-      const Id id{qvdbase::identifierNumber(recordID)};
+      const Id id{format::identifierNumber(recordID)};
       detail::noteAdded(database, found.slot, id, blockPos);
       database.noteChange({Kind::added, table, blockPos});
       return id;
     }
   }
   const bool isLinked =
-      detail::takeBackBlock(operation, table, blockPos, {{last, qvdbase::record::kNextRecordPos}});
-  const uint64_t length = uint64_t{std::max(size, reserve)} + qvdbase::kRecordBlockOverhead;
+      detail::takeBackBlock(operation, table, blockPos, {{last, format::record::kNextRecordPos}});
+  const uint64_t length = uint64_t{std::max(size, reserve)} + format::kRecordBlockOverhead;
   operation.failIfWriteWasRefused(length);
-  if (isLinked && qvdbase::platform::lastHostFailure()) operation.failedWrite(length);
+  if (isLinked && platform::lastHostFailure()) operation.failedWrite(length);
   failedAppend(operation, table, length);
 }
 
 // Makes sure that the record's table has been read, for the changes that need more of it than its
 // identifier.
-void needTable(const Operation& operation, Id table, qvdbase::FoundRecord* found) {
+void needTable(const Operation& operation, Id table, engine::FoundRecord* found) {
   if (found->table.slotSize == 0) found->table = operation.table(table);
 }
 
@@ -147,19 +149,19 @@ struct Move {
 
 // What ModifyRecordData does after its search.
 bool changePayload(const Operation& operation, detail::OpenDatabase& database, Id table,
-                   qvdbase::FoundRecord* found, ByteView payload, Move* move) {
+                   engine::FoundRecord* found, ByteView payload, Move* move) {
   const auto size = static_cast<uint32_t>(payload.size());
   ++database.changes;
   if (size <= found->header.dataCapacity) {
     database.noteChange({Kind::inPlace, table, found->recordPos});
-    return qvdbase::overwriteRecord(operation.db(), found->recordPos, bytesOf(payload), size);
+    return engine::overwriteRecord(operation.db(), found->recordPos, bytesOf(payload), size);
   }
   operation.requireNoBulk();
   needTable(operation, table, found);
-  const Id record{qvdbase::identifierNumber(found->header.recordID)};
+  const Id record{format::identifierNumber(found->header.recordID)};
   move->previous = found->header.prevRecordPos;
   move->next = found->header.nextRecordPos;
-  if (!qvdbase::relocateRecord(operation.db(), found, bytesOf(payload), size, &move->newPosition)) {
+  if (!engine::relocateRecord(operation.db(), found, bytesOf(payload), size, &move->newPosition)) {
     return false;
   }
   detail::noteMoved(database, found->table.slot, record, move->newPosition);
@@ -168,7 +170,7 @@ bool changePayload(const Operation& operation, detail::OpenDatabase& database, I
 }
 
 bool changePart(const Operation& operation, detail::OpenDatabase& database, Id table,
-                const qvdbase::FoundRecord& found, uint64_t offset, ByteView bytes) {
+                const engine::FoundRecord& found, uint64_t offset, ByteView bytes) {
   const uint32_t size = found.header.dataLength;
   if (offset > size || bytes.size() > size - offset) {
     operation.fail(Reason::bad_argument, "it would end beyond the " + std::to_string(size) +
@@ -176,24 +178,24 @@ bool changePart(const Operation& operation, detail::OpenDatabase& database, Id t
   }
   ++database.changes;
   database.noteChange({Kind::inPlace, table, found.recordPos});
-  return qvdbase::overwritePart(operation.db(), found.recordPos, static_cast<uint32_t>(offset),
-                                bytesOf(bytes), static_cast<uint32_t>(bytes.size()));
+  return engine::overwritePart(operation.db(), found.recordPos, static_cast<uint32_t>(offset),
+                               bytesOf(bytes), static_cast<uint32_t>(bytes.size()));
 }
 
 // What DeleteOneRecord does after its search.
 bool unlink(const Operation& operation, detail::OpenDatabase& database, Id table,
-            qvdbase::FoundRecord* found) {
+            engine::FoundRecord* found) {
   operation.requireNoBulkOf(table);
   needTable(operation, table, found);
   ++database.changes;
-  if (!qvdbase::unlinkRecord(operation.db(), found)) return false;
+  if (!engine::unlinkRecord(operation.db(), found)) return false;
   detail::noteRemoved(database, found->table.slot,
-                      Id{qvdbase::identifierNumber(found->header.recordID)});
+                      Id{format::identifierNumber(found->header.recordID)});
   database.noteChange({Kind::removed, table, found->recordPos, found->header.nextRecordPos});
   return true;
 }
 
-bool touchRecord(const Operation& operation, const qvdbase::FoundRecord& found) {
+bool touchRecord(const Operation& operation, const engine::FoundRecord& found) {
   return internal_ModifyOneRecordDataInfo_LMTime(operation.db(), found.header.tableID,
                                                  found.recordPos) == 1;
 }
@@ -211,7 +213,7 @@ bool isDecided(Changed changed) {
 template <typename Change>
 Changed changeAt(const Operation& operation, Id table, const Record& record, const Change& change) {
   WriteScope scope(operation.db());
-  qvdbase::FoundRecord found;
+  engine::FoundRecord found;
   if (!locate(operation, table, record, &found)) return Changed::unknown;
   return scope.finish(change(&found)) ? Changed::done : Changed::failed;
 }
@@ -225,7 +227,7 @@ Changed changeByIndex(const Operation& operation, detail::OpenDatabase& database
   const std::shared_ptr<detail::TableIndex> index = detail::indexOf(database, table);
   if (index == nullptr) return Changed::unknown;
   WriteScope scope(operation.db());
-  qvdbase::FoundRecord found;
+  engine::FoundRecord found;
   const Answer answer = detail::askIndex(operation, *index, record, &found);
   if (answer == Answer::absent) return Changed::absent;
   if (answer != Answer::found) return Changed::unknown;
@@ -239,8 +241,8 @@ Changed changeByIndex(const Operation& operation, detail::OpenDatabase& database
 template <typename Change>
 Changed changeByWalk(const Operation& operation, Id table, Id record, const Change& change) {
   WriteScope scope(operation.db());
-  qvdbase::FoundRecord found;
-  if (!qvdbase::findRecord(operation.db(), table.value, record.value, &found)) {
+  engine::FoundRecord found;
+  if (!engine::findRecord(operation.db(), table.value, record.value, &found)) {
     return Changed::unknown;
   }
   return scope.finish(change(&found)) ? Changed::done : Changed::failed;
@@ -272,9 +274,9 @@ Id idOf(const Record& record) {
 // What the host answered to a write, kept over the operations that look for another reason.
 class KeptHostFailure {
  public:
-  KeptHostFailure() : code_(qvdbase::platform::lastHostFailure().value()) {}
+  KeptHostFailure() : code_(platform::lastHostFailure().value()) {}
   ~KeptHostFailure() {
-    if (code_ != 0) qvdbase::platform::noteHostFailure(code_);
+    if (code_ != 0) platform::noteHostFailure(code_);
   }
   KeptHostFailure(const KeptHostFailure&) = delete;
   KeptHostFailure& operator=(const KeptHostFailure&) = delete;
@@ -299,7 +301,7 @@ bool failedChange(const Operation& operation, const Table& table, Id id, uint64_
   const tablePart1 slot = operation.table(table.id()).slot;
   recordPart1 header;
   const int64_t position = found->info().position;
-  if (!qvdbase::readRecordHeaderAt(operation.db(), position, slot.tableID, &header) ||
+  if (!engine::readRecordHeaderAt(operation.db(), position, slot.tableID, &header) ||
       !detail::standsInChain(operation.db(), slot, header, position)) {
     operation.fail(Reason::chain_damaged, "the chain of table '" + table.name() +
                                               "' is damaged beside record " + to_string(id));
@@ -319,16 +321,16 @@ bool modifyOne(const Operation& operation, detail::OpenDatabase& database, const
   operation.requireWritable();
   Move move;
   const Changed changed =
-      changeOne(operation, database, table.id(), record, [&](qvdbase::FoundRecord* found) {
+      changeOne(operation, database, table.id(), record, [&](engine::FoundRecord* found) {
         return changePayload(operation, database, table.id(), found, payload, &move);
       });
   if (isDecided(changed)) return changed == Changed::done;
   ++database.changes;  // it may have been made in part
   const bool isLinked = detail::takeBackBlock(operation, table.id(), move.newPosition,
-                                              {{move.previous, qvdbase::record::kNextRecordPos},
-                                               {move.next, qvdbase::record::kPrevRecordPos}});
-  const uint64_t length = uint64_t{size} + qvdbase::kRecordBlockOverhead;
-  if (isLinked && qvdbase::platform::lastHostFailure()) operation.failedWrite(length);
+                                              {{move.previous, format::record::kNextRecordPos},
+                                               {move.next, format::record::kPrevRecordPos}});
+  const uint64_t length = uint64_t{size} + format::kRecordBlockOverhead;
+  if (isLinked && platform::lastHostFailure()) operation.failedWrite(length);
   return failedChange(operation, table, idOf(record), length, false);
 }
 
@@ -337,7 +339,7 @@ bool writeOne(const Operation& operation, detail::OpenDatabase& database, const 
               const Whom& record, uint64_t offset, ByteView bytes) {
   operation.requireWritable();
   const Changed changed =
-      changeOne(operation, database, table.id(), record, [&](qvdbase::FoundRecord* found) {
+      changeOne(operation, database, table.id(), record, [&](engine::FoundRecord* found) {
         return changePart(operation, database, table.id(), *found, offset, bytes);
       });
   if (isDecided(changed)) return changed == Changed::done;
@@ -350,7 +352,7 @@ bool touchOne(const Operation& operation, detail::OpenDatabase& database, const 
   operation.requireWritable();
   const Changed changed =
       changeOne(operation, database, table.id(), record,
-                [&](qvdbase::FoundRecord* found) { return touchRecord(operation, *found); });
+                [&](engine::FoundRecord* found) { return touchRecord(operation, *found); });
   if (isDecided(changed)) return changed == Changed::done;
   operation.failIfWriteWasRefused(0);
   if (!findAfterFailure(table, idOf(record))) return false;
@@ -363,7 +365,7 @@ bool removeOne(const Operation& operation, detail::OpenDatabase& database, const
   operation.requireWritable();
   const Changed changed = changeOne(
       operation, database, table.id(), record,
-      [&](qvdbase::FoundRecord* found) { return unlink(operation, database, table.id(), found); });
+      [&](engine::FoundRecord* found) { return unlink(operation, database, table.id(), found); });
   if (isDecided(changed)) return changed == Changed::done;
   ++database.changes;  // it may have been made in part
   return failedChange(operation, table, idOf(record), 0, true);
@@ -434,7 +436,7 @@ void Table::set_data(ByteView data, uint32_t reserve) {
   const auto end = static_cast<int64_t>(operation.fileLength());
   if (SetTableData(operation.db(), id_.value, bytesOf(data), size, reserve) == 1) return;
   detail::takeBackBlock(operation, id_, end);
-  const uint64_t length = uint64_t{std::max(size, reserve)} + qvdbase::kTableDataBlockOverhead;
+  const uint64_t length = uint64_t{std::max(size, reserve)} + format::kTableDataBlockOverhead;
   operation.failIfWriteWasRefused(length);
   {
     const KeptHostFailure kept;

@@ -4,24 +4,25 @@
 
 #include "products/target_file.h"
 
-namespace qvdb {
+using namespace qvdbase;
 
-namespace platform = qvdbase::platform;
+namespace qvdb {
 
 namespace {
 
 constexpr const char* kOperation = "write the file";
 
-detail::TargetRules rulesOf(const OutputOptions& options) {
-  return {.existing = options.overwrite ? detail::Existing::isReplaced : detail::Existing::isKept,
-          .createFolders = options.create_folders,
-          .mayBeReadOnly = true,
-          .waits = options.sync ? platform::Waits::forName : platform::Waits::no};
+products::TargetRules rulesOf(const OutputOptions& options) {
+  return {
+      .existing = options.overwrite ? products::Existing::isReplaced : products::Existing::isKept,
+      .createFolders = options.create_folders,
+      .mayBeReadOnly = true,
+      .waits = options.sync ? platform::Waits::forName : platform::Waits::no};
 }
 
 // Names are the folder's, for which its opener waits once.
-detail::TargetRules entryRulesOf(const OutputOptions& options) {
-  detail::TargetRules rules = rulesOf(options);
+products::TargetRules entryRulesOf(const OutputOptions& options) {
+  products::TargetRules rules = rulesOf(options);
   if (options.sync) rules.waits = platform::Waits::forContents;
   return rules;
 }
@@ -36,7 +37,7 @@ class OutputFile::State {
         const OutputOptions& options)
       : target_(folder, name, path, kOperation, entryRulesOf(options)) {}
 
-  detail::TargetFile& target() { return target_; }
+  products::TargetFile& target() { return target_; }
 
   void write(std::span<const std::byte> bytes) {
     if (!target_.file().writeAt(size_, bytes.data(), bytes.size())) {
@@ -46,7 +47,7 @@ class OutputFile::State {
   }
 
  private:
-  detail::TargetFile target_;
+  products::TargetFile target_;
   int64_t size_ = 0;
 };
 
@@ -55,10 +56,10 @@ OutputFile::OutputFile(const std::filesystem::path& target, const std::filesyste
     : state_(std::make_unique<State>(target, options)) {
   std::error_code error;
   if (std::filesystem::equivalent(target, source, error)) {
-    detail::failOn(target, kOperation, Reason::bad_argument,
-                   "it is the database itself; choose another name");
+    products::failOn(target, kOperation, Reason::bad_argument,
+                     "it is the database itself; choose another name");
   }
-  platform::FileAccess access = detail::accessOf(source, kOperation);
+  platform::FileAccess access = products::accessOf(source, kOperation);
   access.attributes.clear();  // what users attached is about the database
   state_->target().create(&access);
 }

@@ -7,13 +7,14 @@
 #include "platform/handles/open_failure.h"
 #include "platform/handles/read_only_file.h"
 
-namespace qvdb::detail {
+using namespace qvdb;
+
+namespace qvdbase::products {
 
 namespace fs = std::filesystem;
-namespace platform = qvdbase::platform;
 
 void failOn(const fs::path& path, const char* operation, Reason reason, const std::string& why) {
-  throwError(path, operation, reason, why);
+  failure::throwError(path, operation, reason, why);
 }
 
 fs::path resolved(const fs::path& path, const char* operation) {
@@ -21,14 +22,14 @@ fs::path resolved(const fs::path& path, const char* operation) {
   if (path.empty()) failOn(path, operation, Reason::path_not_reachable, "the path is empty");
   fs::path result = fs::weakly_canonical(fs::absolute(path, error), error);
   if (error == std::errc::permission_denied) {
-    throwFolderFailure(path, operation, "its folder cannot be reached", error);
+    failure::throwFolderFailure(path, operation, "its folder cannot be reached", error);
   }
   if (error) {
-    throwError(path, operation, Reason::path_not_reachable, error.message(),
-               {.path = {},
-                .table = {},
-                .system_code = {error.value(), std::system_category()},
-                .record_number = {}});
+    failure::throwError(path, operation, Reason::path_not_reachable, error.message(),
+                        {.path = {},
+                         .table = {},
+                         .system_code = {error.value(), std::system_category()},
+                         .record_number = {}});
   }
   return result;
 }
@@ -37,11 +38,12 @@ void requireFolder(const fs::path& file, const char* operation, bool create) {
   std::error_code error;
   const fs::path folder = fs::absolute(file, error).parent_path();
   if (create) fs::create_directories(folder, error);
-  if (create && error) throwFolderFailure(file, operation, "its folder cannot be created", error);
+  if (create && error)
+    failure::throwFolderFailure(file, operation, "its folder cannot be created", error);
   const fs::file_status status = fs::status(folder, error);
   if (fs::is_directory(status)) return;
   if (!fs::status_known(status)) {
-    throwFolderFailure(file, operation, "its folder cannot be reached", error);
+    failure::throwFolderFailure(file, operation, "its folder cannot be reached", error);
   }
   if (fs::exists(status)) {
     failOn(file, operation, Reason::path_not_reachable, folder.native() + " is not a folder");
@@ -116,7 +118,7 @@ void TargetFile::hold() {
   if (found.failure == platform::OpenFailure::fileMissing) return;  // it has gone meanwhile
   const bool isLookedAt = isDenied && rules_.mayBeReadOnly && held_.lookAt(place_.native());
   if (found.failure != platform::OpenFailure::none && !isLookedAt) {
-    throwOpenFailure(given_, operation_, found);
+    failure::throwOpenFailure(given_, operation_, found);
   }
   refuseSeveralNames();
   if (held_.access(&heldAccess_)) return;
@@ -184,7 +186,7 @@ void TargetFile::place() {
 }
 
 void TargetFile::failMaking() const {
-  throwOpenFailure(given_, operation_, platform::lastCreateFailure());
+  failure::throwOpenFailure(given_, operation_, platform::lastCreateFailure());
 }
 
 void TargetFile::failWriting() const {
@@ -192,7 +194,7 @@ void TargetFile::failWriting() const {
 }
 
 void TargetFile::failWriting(const platform::WriteFailure& found) const {
-  throwWriteFailure(given_, operation_, found);
+  failure::throwWriteFailure(given_, operation_, found);
 }
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::products

@@ -15,11 +15,11 @@
 #include "platform/handles/new_file.h"
 #include "platform/host/host_failure.h"
 
-namespace qvdb::detail {
+namespace qvdbase::products {
 
 // Throws an Error of this operation on this file.
-[[noreturn]] void failOn(const std::filesystem::path& path, const char* operation, Reason reason,
-                         const std::string& why);
+[[noreturn]] void failOn(const std::filesystem::path& path, const char* operation,
+                         qvdb::Reason reason, const std::string& why);
 
 // The file that a path leads to: absolute, symbolic links followed as far as they exist.
 std::filesystem::path resolved(const std::filesystem::path& path, const char* operation);
@@ -89,7 +89,7 @@ class TargetFile {
   void hold();
   void refuseSeveralNames() const;
   void giveAccess(const qvdbase::platform::FileAccess* source);
-  [[noreturn]] void fail(Reason reason, const std::string& why) const;
+  [[noreturn]] void fail(qvdb::Reason reason, const std::string& why) const;
 
   std::filesystem::path given_;
   std::filesystem::path place_;
@@ -102,4 +102,4 @@ class TargetFile {
   std::optional<qvdbase::platform::NewFile> file_;
 };
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::products

@@ -13,7 +13,7 @@
 #include "platform/transfer/transfer.h"
 #include "support/file_transfers.h"
 
-namespace platform = qvdbase::platform;
+using namespace qvdbase;
 
 namespace {
 
@@ -205,14 +205,14 @@ int QVFile::QVReadFile(int16_t file, void* buffer, uint32_t count, uint32_t* act
     return 1;
   }
   if (buffer == nullptr) return 0;
-  return qvdbase::readFile(file, buffer, count, moved) ? 1 : 0;
+  return qvdbase::support::readFile(file, buffer, count, moved) ? 1 : 0;
 }
 
 int QVFile::QVWriteFile(int16_t file, const void* buffer, uint32_t count, uint32_t* actualCount) {
   if (platform::findOpenFile(file) == nullptr || (buffer == nullptr && count != 0)) return 0;
   uint32_t unused = 0;
   uint32_t* moved = actualCount != nullptr ? actualCount : &unused;
-  return qvdbase::writeFile(file, buffer, count, moved) ? 1 : 0;
+  return qvdbase::support::writeFile(file, buffer, count, moved) ? 1 : 0;
 }
 
 int QVFile::QVSeekFile(int16_t file, uint16_t mode, int64_t offset) {

@@ -250,7 +250,7 @@ void QVWString::TrimPlus(QVWCHAR* text) {
 
 __CFString* QVWString::ConvertQVWCHARBufferToCFString(const QVWCHAR* text) {
   if (text == nullptr) return nullptr;
-  return qvdbase::createCoreString(text, static_cast<size_t>(wcslen(text)));
+  return qvdbase::support::createCoreString(text, static_cast<size_t>(wcslen(text)));
 }
 
 int QVWString::ConvertQVWCHARBufferToUTF8Buffer(const QVWCHAR* source, unsigned char* destination,
@@ -267,7 +267,7 @@ int QVWString::ConvertCFStringToQVWCHARBuffer(const __CFString* string, QVWCHAR*
                                               int n) {
   if (string == nullptr) return 0;
   if (n > 0) {
-    wcsncpy(destination, qvdbase::coreStringCharacters(string), static_cast<uint32_t>(n));
+    wcsncpy(destination, qvdbase::support::coreStringCharacters(string), static_cast<uint32_t>(n));
   }
   return 1;
 }

@@ -14,9 +14,10 @@
 
 #include "support/format_number.h"
 
-namespace {
-
 using namespace qvdbase;
+using namespace qvdbase::support;
+
+namespace {
 
 constexpr int kDigitBuffer = 352;  // the characters that a caller of cvt provides
 constexpr int kMostDigits = 350;

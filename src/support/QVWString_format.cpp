@@ -10,9 +10,10 @@
 
 #include "support/format_number.h"
 
-namespace {
-
 using namespace qvdbase;
+using namespace qvdbase::support;
+
+namespace {
 
 constexpr QVWCHAR QV_digits[] = {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c',
                                  'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm', 'n', 'o', 'p',

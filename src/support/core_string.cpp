@@ -5,11 +5,13 @@
 
 #include "platform/host/memory.h"
 
+using namespace qvdbase::support;
+
 struct __CFString {
   size_t length;
 };
 
-namespace qvdbase {
+namespace qvdbase::support {
 namespace {
 
 static_assert(sizeof(__CFString) % alignof(QVWCHAR) == 0);
@@ -39,4 +41,4 @@ const QVWCHAR* coreStringCharacters(const __CFString* string) {
   return reinterpret_cast<const QVWCHAR*>(string + 1);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::support

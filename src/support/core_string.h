@@ -9,7 +9,7 @@
 
 struct __CFString;
 
-namespace qvdbase {
+namespace qvdbase::support {
 
 // A copy of `length` characters; null when there is no memory.
 __CFString* createCoreString(const QVWCHAR* characters, size_t length);
@@ -19,6 +19,6 @@ size_t coreStringLength(const __CFString* string);
 // The characters themselves, `coreStringLength` of them, followed by a terminator.
 const QVWCHAR* coreStringCharacters(const __CFString* string);
 
-}  // namespace qvdbase
+}  // namespace qvdbase::support
 
 #endif

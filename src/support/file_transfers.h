@@ -7,7 +7,7 @@
 #include "platform/handles/open_files.h"
 #include "platform/transfer/transfer.h"
 
-namespace qvdbase {
+namespace qvdbase::support {
 
 // True when `count` bytes were moved. False for a number that is not in use, with *moved unwritten.
 inline bool readFile(int16_t file, void* buffer, uint32_t count, uint32_t* moved) {
@@ -57,4 +57,4 @@ inline void readAhead(int16_t file, int64_t position, uint32_t count) {
   if (openFile != nullptr) platform::readAhead(*openFile, position, count);
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::support

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 
-namespace qvdbase {
+namespace qvdbase::support {
 
 inline constexpr int kZeroFill = 1;
 inline constexpr int kSigned = 2;
@@ -58,6 +58,6 @@ inline QVWCHAR* placeNumber(QVWCHAR* out, const NumberParts& parts, int width, i
   return atLeft ? fill(out, ' ', left) : out;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::support
 
 #endif

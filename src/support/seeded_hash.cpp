@@ -4,7 +4,9 @@
 
 #include <chrono>
 
-namespace qvdbase {
+using namespace qvdbase::support;
+
+namespace qvdbase::support {
 namespace {
 
 HashSeed drawn() {
@@ -24,4 +26,4 @@ const HashSeed& hashSeed() {
   return seed;
 }
 
-}  // namespace qvdbase
+}  // namespace qvdbase::support

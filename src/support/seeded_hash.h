@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qvdbase {
+namespace qvdbase::support {
 
 // Two numbers that no other process knows; drawn at the first call.
 struct HashSeed {
@@ -35,6 +35,6 @@ struct SeededHash {
   }
 };
 
-}  // namespace qvdbase
+}  // namespace qvdbase::support
 
 #endif

@@ -22,26 +22,28 @@
 #include "upkeep/table_changes.h"
 #include "upkeep/verdict.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 namespace {
 
 namespace fs = std::filesystem;
 
-using detail::CopyOutcome;
-using detail::failOn;
-using detail::LiveDamage;
-using detail::LiveDatabase;
-using detail::LiveLayout;
-using detail::LiveReader;
-using detail::TargetFile;
-using qvdbase::raw::ByteSource;
+using products::failOn;
+using products::TargetFile;
+using survey::ByteSource;
+using upkeep::CopyOutcome;
+using upkeep::LiveDamage;
+using upkeep::LiveDatabase;
+using upkeep::LiveLayout;
+using upkeep::LiveReader;
 
 constexpr const char* kOperation = "compact the database";
 
 // A part of the work, as a range of percents that is passed through record by record.
 class Stage {
  public:
-  Stage(detail::Reporter& reporter, const fs::path& path, int from, int to, uint64_t total)
+  Stage(upkeep::Reporter& reporter, const fs::path& path, int from, int to, uint64_t total)
       : reporter_(reporter), path_(path), from_(from), to_(to), total_(total) {}
 
   // One record more. Throws cancelled, and what the caller's function throws.
@@ -57,7 +59,7 @@ class Stage {
   }
 
  private:
-  detail::Reporter& reporter_;
+  upkeep::Reporter& reporter_;
   const fs::path& path_;
   int from_;
   int to_;
@@ -70,18 +72,18 @@ class Compaction {
   Compaction(const fs::path& source, const ProgressFunction& progress,
              const CompactOptions& options)
       : source_(source),
-        resolved_(detail::resolved(source, kOperation)),
+        resolved_(products::resolved(source, kOperation)),
         options_(options),
         reporter_(progress) {}
 
   // Without a target nothing is written.
   CompactReport run(std::optional<TargetFile>& target) {
-    qvdbase::raw::OpenedFile file(resolved_, kOperation);
+    survey::OpenedFile file(resolved_, kOperation);
     file.watch();
-    const qvdbase::raw::Survey all = qvdbase::raw::makeSurvey(file.source());
+    const survey::Survey all = survey::makeSurvey(file.source());
     survey(file, all);
     judge(file, all);
-    detail::changeTables(options_, source_, kOperation, &database_);
+    upkeep::changeTables(options_, source_, kOperation, &database_);
     const LiveLayout layout(file.source(), database_);
     if (target) {
       write(file.source(), layout, *target);
@@ -96,17 +98,17 @@ class Compaction {
 
  private:
   // Said rather than anything else that is found then: half-done work looks like damage.
-  void refuseIfChanged(const qvdbase::raw::OpenedFile& file) const {
+  void refuseIfChanged(const survey::OpenedFile& file) const {
     if (!file.hasChanged()) return;
     failOn(source_, kOperation, Reason::in_use, "it was changed meanwhile");
   }
 
-  void survey(const qvdbase::raw::OpenedFile& file, const qvdbase::raw::Survey& all) {
+  void survey(const survey::OpenedFile& file, const survey::Survey& all) {
     Stage stage(reporter_, source_, 0, 20, countedRecords());
     LiveReader reader(file.source());
-    for (const qvdbase::raw::Table& table : all.tables) {
+    for (const survey::Table& table : all.tables) {
       const uint32_t data = packedData(all, table);
-      if (data != qvdbase::raw::kNoBlock) {
+      if (data != survey::kNoBlock) {
         reader.setDataPosition(table.slot, all.blocks[data].position);
       }
     }
@@ -116,13 +118,13 @@ class Compaction {
     if (reader.damage() == LiveDamage::chain && reader.recordNumber() != 0) {
       known.record_number = reader.recordNumber();
     }
-    detail::throwError(source_, kOperation, reasonOf(reader.damage()), reader.why(),
-                       std::move(known));
+    failure::throwError(source_, kOperation, reasonOf(reader.damage()), reader.why(),
+                        std::move(known));
   }
 
   // The chains are whole. Refuses what would be lost beside them.
-  void judge(const qvdbase::raw::OpenedFile& file, const qvdbase::raw::Survey& all) {
-    verdict_ = detail::judgeCopy(file.source(), all);
+  void judge(const survey::OpenedFile& file, const survey::Survey& all) {
+    verdict_ = upkeep::judgeCopy(file.source(), all);
     if (verdict_.isClean() || options_.force) return;
     refuseIfChanged(file);
     failOn(source_, kOperation, Reason::damaged, verdict_.why());
@@ -143,8 +145,8 @@ class Compaction {
 
   void write(const ByteSource& source, const LiveLayout& layout, TargetFile& target) {
     Stage stage(reporter_, source_, 20, 60, database_.recordCount());
-    const qvdbase::platform::FileAccess access = detail::accessOf(source_, kOperation);
-    qvdbase::platform::NewFile& file = target.create(&access);
+    const platform::FileAccess access = products::accessOf(source_, kOperation);
+    platform::NewFile& file = target.create(&access);
     switch (copyLive(source, database_, layout, &file, [&] { stage.step(); })) {
       case CopyOutcome::cannotRead:
         failOn(source_, kOperation, Reason::cannot_read, "the system cannot read it");
@@ -155,14 +157,14 @@ class Compaction {
     }
   }
 
-  void compare(const qvdbase::raw::OpenedFile& file, const LiveLayout& layout,
-               const qvdbase::platform::NewFile& made) {
+  void compare(const survey::OpenedFile& file, const LiveLayout& layout,
+               const platform::NewFile& made) {
     Stage stage(reporter_, source_, 60, 100, database_.recordCount());
-    qvdbase::platform::ReadOnlyFile read;
+    platform::ReadOnlyFile read;
     read.share(made.entry());
-    qvdbase::platform::FileStamp stamp;
+    platform::FileStamp stamp;
     const bool isKnown = read.stamp(&stamp);
-    const qvdbase::raw::FileSource copy(read, isKnown ? stamp.size : 0);
+    const survey::FileSource copy(read, isKnown ? stamp.size : 0);
     if (isLiveCopy(copy, file.source(), database_, layout, [&] { stage.step(); })) return;
     refuseIfChanged(file);
     failOn(source_, kOperation, Reason::cannot_write,
@@ -175,7 +177,7 @@ class Compaction {
     report.size_after = layout.size();
     report.tables = database_.tables.size();
     report.records = database_.recordCount();
-    for (const detail::LiveTable& table : database_.tables) {
+    for (const upkeep::LiveTable& table : database_.tables) {
       if (table.slot.firstDataPos != 0) ++report.data_blocks;
     }
     report.records_lost = verdict_.records;
@@ -186,9 +188,9 @@ class Compaction {
   const fs::path source_;
   const fs::path resolved_;
   const CompactOptions& options_;
-  detail::Reporter reporter_;
+  upkeep::Reporter reporter_;
   LiveDatabase database_;
-  detail::Verdict verdict_;
+  upkeep::Verdict verdict_;
 };
 
 CompactReport compactTo(const fs::path& source, const fs::path& target,
@@ -198,11 +200,12 @@ CompactReport compactTo(const fs::path& source, const fs::path& target,
   static_cast<void>(Database::open(source, Mode::read_only));
   Compaction compaction(source, progress, options);
   std::optional<TargetFile> file;
-  const detail::TargetRules rules = {
-      .existing = overwrite ? detail::Existing::isReplaced : detail::Existing::isReplacedIfEmpty,
-      .createFolders = options.create_folders};
+  const products::TargetRules rules = {.existing = overwrite
+                                                       ? products::Existing::isReplaced
+                                                       : products::Existing::isReplacedIfEmpty,
+                                       .createFolders = options.create_folders};
   if (!options.dry_run) {
-    static_cast<void>(detail::nativePath(detail::resolved(target, kOperation), kOperation));
+    static_cast<void>(failure::nativePath(products::resolved(target, kOperation), kOperation));
     file.emplace(target, kOperation, rules);
   }
   return compaction.run(file);

@@ -9,11 +9,12 @@
 #include "format/Aliment8.h"
 #include "format/block_heads.h"
 
-namespace qvdb::detail {
+using namespace qvdbase::format;
 
-using namespace qvdbase;
-using raw::ByteSource;
-using raw::Window;
+namespace qvdbase::upkeep {
+
+using survey::ByteSource;
+using survey::Window;
 
 namespace {
 
@@ -291,4 +292,4 @@ bool isLiveCopy(const ByteSource& copy, const ByteSource& source, const LiveData
   return true;
 }
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::upkeep

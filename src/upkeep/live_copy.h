@@ -8,12 +8,12 @@
 #include "recovery/survey/byte_source.h"
 #include "upkeep/live_database.h"
 
-namespace qvdb::detail {
+namespace qvdbase::upkeep {
 
 // Where everything goes: header, directory, and table after table its data and its records.
 class LiveLayout {
  public:
-  LiveLayout(const qvdbase::raw::ByteSource& source, const LiveDatabase& database);
+  LiveLayout(const qvdbase::survey::ByteSource& source, const LiveDatabase& database);
 
   uint64_t size() const { return static_cast<uint64_t>(end_); }
 
@@ -34,14 +34,14 @@ enum class CopyOutcome { done, cannotRead, cannotWrite };
 
 // Writes the new file. The header comes last, so that a file that is not finished is no database.
 // `step` is called for each record and may throw.
-CopyOutcome copyLive(const qvdbase::raw::ByteSource& source, const LiveDatabase& database,
+CopyOutcome copyLive(const qvdbase::survey::ByteSource& source, const LiveDatabase& database,
                      const LiveLayout& layout, qvdbase::platform::NewFile* target,
                      const std::function<void()>& step);
 
 // Reads the new file back and compares it with the source: header, tables, data, every record with
 // its payload, all in order, and nothing else in it. False when anything differs or cannot be read.
-bool isLiveCopy(const qvdbase::raw::ByteSource& copy, const qvdbase::raw::ByteSource& source,
+bool isLiveCopy(const qvdbase::survey::ByteSource& copy, const qvdbase::survey::ByteSource& source,
                 const LiveDatabase& database, const LiveLayout& layout,
                 const std::function<void()>& step);
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::upkeep

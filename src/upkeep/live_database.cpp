@@ -7,9 +7,9 @@
 #include "format/block_heads.h"
 #include "recovery/survey/survey.h"
 
-namespace qvdb::detail {
+using namespace qvdbase::format;
 
-using namespace qvdbase;
+namespace qvdbase::upkeep {
 
 uint64_t LiveDatabase::recordCount() const {
   uint64_t count = 0;
@@ -67,7 +67,7 @@ bool LiveReader::readDirectory(LiveDatabase* database) {
       tablePart1& fields = table.slot;
       fields.firstDataPos = fields.lastWrittenDataPos = fields.lastDataPos = position;
     }
-    table.name = qvdbase::raw::nameOf(table.slot);
+    table.name = survey::nameOf(table.slot);
     database->tables.push_back(std::move(table));
   }
   return true;
@@ -133,9 +133,9 @@ bool LiveReader::readData(const LiveTable& table) {
   return isSound || damaged();
 }
 
-recordPart1 liveRecord(raw::Window& window, int64_t position) {
+recordPart1 liveRecord(survey::Window& window, int64_t position) {
   const uint8_t* bytes = window.at(position, record::kData);
   return bytes != nullptr ? decodeRecordHead(bytes) : recordPart1{};
 }
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::upkeep

@@ -13,7 +13,7 @@
 #include "recovery/survey/byte_source.h"
 #include "recovery/survey/window.h"
 
-namespace qvdb::detail {
+namespace qvdbase::upkeep {
 
 struct LiveTable {
   tablePart1 slot{};
@@ -28,14 +28,14 @@ struct LiveTable {
 };
 
 struct LiveDatabase {
-  std::array<unsigned char, qvdbase::kDirectoryPos> header{};
+  std::array<unsigned char, qvdbase::format::kDirectoryPos> header{};
   int16_t tableCount = 0;
   int16_t slotCount = 0;
   uint16_t slotSize = 0;
   std::vector<LiveTable> tables;
 
   int64_t blocksStart() const {
-    return qvdbase::kDirectoryPos + int64_t{slotCount} * qvdbase::kSlotImageSize;
+    return qvdbase::format::kDirectoryPos + int64_t{slotCount} * qvdbase::format::kSlotImageSize;
   }
   uint64_t recordCount() const;
 };
@@ -48,7 +48,8 @@ enum class LiveDamage { none, directory, chain, data };
 // end, at the slot's last position. So no record is met twice. Every block must lie in the file.
 class LiveReader {
  public:
-  explicit LiveReader(const qvdbase::raw::ByteSource& source) : source_(source), window_(source) {}
+  explicit LiveReader(const qvdbase::survey::ByteSource& source)
+      : source_(source), window_(source) {}
 
   // Where the data of the table in that slot lies, if the slot does not say it.
   void setDataPosition(int slot, int64_t position) { dataPositions_.emplace_back(slot, position); }
@@ -68,8 +69,8 @@ class LiveReader {
   bool readData(const LiveTable& table);
   bool holds(int64_t position, uint64_t size) const;
 
-  const qvdbase::raw::ByteSource& source_;
-  qvdbase::raw::Window window_;
+  const qvdbase::survey::ByteSource& source_;
+  qvdbase::survey::Window window_;
   LiveDamage damage_ = LiveDamage::none;
   std::string why_;
   uint64_t recordNumber_ = 0;
@@ -78,6 +79,6 @@ class LiveReader {
 };
 
 // The header of the block at a position that LiveReader has accepted.
-recordPart1 liveRecord(qvdbase::raw::Window& window, int64_t position);
+recordPart1 liveRecord(qvdbase::survey::Window& window, int64_t position);
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::upkeep

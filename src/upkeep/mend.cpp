@@ -14,12 +14,14 @@
 #include "recovery/mend/mend_plan.h"
 #include "recovery/survey/open_file.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 namespace {
 
-using detail::failOn;
-using detail::throwWriteFailure;
-using qvdbase::mending::MendPlan;
+using failure::throwWriteFailure;
+using mend::MendPlan;
+using products::failOn;
 
 constexpr const char* kOperation = "mend the database";
 
@@ -27,7 +29,7 @@ class Mending {
  public:
   explicit Mending(const std::filesystem::path& path)
       : path_(path), database_(Database::open(path, Mode::exclusive)) {
-    if (qvdbase::platform::writersOf(database_.handle()) > 1) {
+    if (platform::writersOf(database_.handle()) > 1) {
       failOn(path, kOperation, Reason::in_use, "this program has it open in another place");
     }
   }
@@ -35,9 +37,9 @@ class Mending {
   MendReport run(const MendOptions& options) {
     MendReport report;
     {
-      qvdbase::raw::OpenedFile file(database_.handle(), path_, kOperation);
+      survey::OpenedFile file(database_.handle(), path_, kOperation);
       file.watch();
-      plan_ = qvdbase::mending::planMend(file.source(), options.cut_off);
+      plan_ = mend::planMend(file.source(), options.cut_off);
       if (file.hasChanged()) failOn(path_, kOperation, Reason::in_use, "it was changed meanwhile");
     }
     if (plan_.unreadableAt >= 0) {
@@ -56,29 +58,29 @@ class Mending {
 
  private:
   void write() {
-    qvdbase::platform::forgetHostFailure();
-    for (const qvdbase::raw::Patch& patch : plan_.patches) writePatch(patch);
+    platform::forgetHostFailure();
+    for (const survey::Patch& patch : plan_.patches) writePatch(patch);
     if (plan_.size < static_cast<int64_t>(database_.info().file_size)) cut();
     database_.sync();
-    const qvdbase::raw::OpenedFile file(database_.handle(), path_, kOperation);
-    if (qvdbase::check::checkSource(file.source()).errors == 0) return;
+    const survey::OpenedFile file(database_.handle(), path_, kOperation);
+    if (check::checkSource(file.source()).errors == 0) return;
     failOn(path_, kOperation, Reason::cannot_write, "what was written cannot be read back");
   }
 
-  void writePatch(const qvdbase::raw::Patch& patch) {
+  void writePatch(const survey::Patch& patch) {
     const int16_t db = database_.handle();
     const auto count = static_cast<uint32_t>(patch.bytes.size());
-    qvdbase::SavedPosition position(db);
+    engine::SavedPosition position(db);
     const bool isWritten = myFileSeek(db, patch.position, kFromStart) == 0 &&
-                           qvdbase::writeBytes(db, patch.bytes.data(), count);
+                           format::writeBytes(db, patch.bytes.data(), count);
     if (position.restore(isWritten ? 1 : 0) == 1) return;
-    throwWriteFailure(path_, kOperation, qvdbase::platform::findWriteFailure(0));
+    throwWriteFailure(path_, kOperation, platform::findWriteFailure(0));
   }
 
   // By the open file, which is locked: its name may lead to another one by now.
   void cut() {
-    const auto* file = qvdbase::platform::findOpenFile(database_.handle());
-    if (file != nullptr && qvdbase::platform::cutFile(*file, plan_.size)) return;
+    const auto* file = platform::findOpenFile(database_.handle());
+    if (file != nullptr && platform::cutFile(*file, plan_.size)) return;
     failOn(path_, kOperation, Reason::cannot_write, "the system cannot shorten it");
   }
 

@@ -13,14 +13,16 @@
 #include "upkeep/progress.h"
 #include "upkeep/verdict.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 namespace {
 
 namespace fs = std::filesystem;
 
-using detail::failOn;
-using detail::Reporter;
-using detail::TargetFile;
+using products::failOn;
+using products::TargetFile;
+using upkeep::Reporter;
 
 constexpr const char* kCategoryTable = "QVrz_Category";
 
@@ -51,9 +53,9 @@ class Packing {
       : operation_(operation),
         source_(source),
         database_(Database::open(source, mode)),
-        access_(detail::accessOf(source, operation)),
+        access_(products::accessOf(source, operation)),
         target_(differing(operation, source, target), operation, rulesOf(options)),
-        nativeTarget_(detail::nativePath(target_.makePrivateFolder(), operation)),
+        nativeTarget_(failure::nativePath(target_.makePrivateFolder(), operation)),
         isForced_(options.force) {}
 
   const Database& database() const { return database_; }
@@ -81,26 +83,26 @@ class Packing {
   }
 
  private:
-  static detail::TargetRules rulesOf(const TargetOptions& options) {
-    return {.existing = options.overwrite ? detail::Existing::isReplaced
-                                          : detail::Existing::isReplacedIfEmpty,
+  static products::TargetRules rulesOf(const TargetOptions& options) {
+    return {.existing = options.overwrite ? products::Existing::isReplaced
+                                          : products::Existing::isReplacedIfEmpty,
             .createFolders = options.create_folders};
   }
 
   // Returns how many records would be lost. Refuses that, and errors, unless it is forced.
   uint64_t judge() const {
-    const qvdbase::raw::OpenedFile file(database_.handle(), source_, operation_);
-    const qvdbase::raw::Survey survey = qvdbase::raw::makeSurvey(file.source());
-    const detail::Verdict verdict = detail::judgeCopy(file.source(), survey);
+    const survey::OpenedFile file(database_.handle(), source_, operation_);
+    const survey::Survey survey = survey::makeSurvey(file.source());
+    const upkeep::Verdict verdict = upkeep::judgeCopy(file.source(), survey);
     if (verdict.isClean() || isForced_) return verdict.records;
     if (file.hasChanged()) failOn(source_, operation_, Reason::in_use, "it is being changed");
-    const bool canPack = qvdbase::check::willPack(survey);
+    const bool canPack = check::willPack(survey);
     failOn(source_, operation_, canPack ? Reason::damaged : Reason::chain_damaged, verdict.why());
   }
 
   // The library says only that it failed.
   [[noreturn]] void failPack(uint64_t length, const std::function<void()>& other) const {
-    const auto failure = qvdbase::platform::findWriteFailure(length);
+    const auto failure = platform::findWriteFailure(length);
     if (!check(source_).pack) {
       failOn(source_, operation_, Reason::chain_damaged, "the database is damaged");
     }
@@ -111,7 +113,7 @@ class Packing {
   const char* operation_;
   fs::path source_;
   Database database_;
-  qvdbase::platform::FileAccess access_;
+  platform::FileAccess access_;
   TargetFile target_;
   std::vector<QVWCHAR> nativeTarget_;
   bool isForced_;
@@ -123,7 +125,7 @@ PackReport pack(const fs::path& source, const fs::path& target, const ProgressFu
                 const TargetOptions& options) {
   constexpr const char* kOperation = "pack the database";
   Packing packing(kOperation, source, Mode::shared, target, options);
-  const std::vector<QVWCHAR> nativeSource = detail::nativePath(source, kOperation);
+  const std::vector<QVWCHAR> nativeSource = failure::nativePath(source, kOperation);
   return packing.run(progress, [&] {
     return PackOneDB2NewW(nativeSource.data(), packing.nativeTarget(), 0, Reporter::packProgress) ==
            1;

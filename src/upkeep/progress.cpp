@@ -5,7 +5,7 @@
 
 #include "platform/host/thread_cancelled.h"
 
-namespace qvdb::detail {
+namespace qvdbase::upkeep {
 namespace {
 
 // The one that the C functions report to. A progress function may itself run an operation on
@@ -30,7 +30,7 @@ bool Reporter::report(int percent) {
   if (!function_) return true;
   try {
     stops_ = !function_(highest_);
-  } catch (qvdbase::platform::ThreadCancelled&) {
+  } catch (platform::ThreadCancelled&) {
     throw;
   } catch (...) {
     exception_ = std::current_exception();
@@ -52,4 +52,4 @@ uint16_t Reporter::repairProgress(int percent, int, void*) {
   return listener->report(percent) ? 1 : 0;
 }
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::upkeep

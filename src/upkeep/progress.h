@@ -7,11 +7,11 @@
 
 #include <exception>
 
-namespace qvdb::detail {
+namespace qvdbase::upkeep {
 
 class Reporter {
  public:
-  explicit Reporter(const ProgressFunction& function) : function_(function) {}
+  explicit Reporter(const qvdb::ProgressFunction& function) : function_(function) {}
   ~Reporter();
   Reporter(const Reporter&) = delete;
   Reporter& operator=(const Reporter&) = delete;
@@ -33,7 +33,7 @@ class Reporter {
   void listen();
 
  private:
-  const ProgressFunction& function_;
+  const qvdb::ProgressFunction& function_;
   Reporter* before_ = nullptr;
   bool isListening_ = false;
   int highest_ = -1;
@@ -41,4 +41,4 @@ class Reporter {
   std::exception_ptr exception_;
 };
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::upkeep

@@ -9,6 +9,8 @@
 #include "products/target_file.h"
 #include "upkeep/progress.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 namespace {
 
@@ -24,27 +26,27 @@ constexpr int kStopped = 10;
 RepairOutcome repair(const std::filesystem::path& path, const ProgressFunction& progress) {
   // Held open for the whole time, so that no other writer comes in between.
   const Database held = Database::open(path, Mode::exclusive);
-  if (qvdbase::platform::writersOf(held.handle()) > 1) {
-    detail::failOn(path, kOperation, Reason::in_use, "this program has it open in another place");
+  if (platform::writersOf(held.handle()) > 1) {
+    products::failOn(path, kOperation, Reason::in_use, "this program has it open in another place");
   }
-  const std::vector<QVWCHAR> nativePath = detail::nativePath(path, kOperation);
-  detail::Reporter reporter(progress);
+  const std::vector<QVWCHAR> wide = failure::nativePath(path, kOperation);
+  upkeep::Reporter reporter(progress);
   reporter.listen();
   int result = 0;
   const int opened =
-      FixOneDBLinkErrorW(nativePath.data(), detail::Reporter::repairProgress, 0, nullptr, &result);
+      FixOneDBLinkErrorW(wide.data(), upkeep::Reporter::repairProgress, 0, nullptr, &result);
   // What the function threw or asked for with the last percent comes too late to stop anything.
   const bool stops = reporter.wantsToStop();
   const bool isDone = opened == 1 && (result == kNothingToRepair || result == kRepaired);
-  if (isDone && !qvdbase::platform::syncFile(held.handle())) {
-    detail::failOn(path, kOperation, Reason::cannot_write, "the system reports a failure");
+  if (isDone && !platform::syncFile(held.handle())) {
+    products::failOn(path, kOperation, Reason::cannot_write, "the system reports a failure");
   }
   if (isDone) return result == kRepaired ? RepairOutcome::relinked : RepairOutcome::sound;
   if (result == kStopped || stops) {
-    detail::failOn(path, kOperation, Reason::cancelled, "it was cancelled");
+    products::failOn(path, kOperation, Reason::cancelled, "it was cancelled");
   }
-  detail::failOn(path, kOperation, Reason::directory_damaged,
-                 "it is damaged in a way that link repair does not mend, or cannot be written");
+  products::failOn(path, kOperation, Reason::directory_damaged,
+                   "it is damaged in a way that link repair does not mend, or cannot be written");
 }
 
 }  // namespace qvdb

@@ -9,9 +9,10 @@
 #include "format/block_heads.h"
 #include "products/target_file.h"
 
-namespace qvdb::detail {
+using namespace qvdb;
+using namespace qvdbase::format;
 
-using namespace qvdbase;
+namespace qvdbase::upkeep {
 
 namespace {
 
@@ -37,7 +38,7 @@ class Changes {
 
  private:
   [[noreturn]] void fail(Reason reason, const std::string& why) const {
-    failOn(path_, operation_, reason, why);
+    products::failOn(path_, operation_, reason, why);
   }
 
   size_t indexOf(const std::string& name) {
@@ -100,4 +101,4 @@ void changeTables(const CompactOptions& options, const std::filesystem::path& pa
   Changes(path, operation, database).apply(options);
 }
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::upkeep

@@ -7,16 +7,18 @@
 #include "recovery/salvage/plan.h"
 #include "recovery/survey/packed_data.h"
 
-namespace qvdb::detail {
+using namespace qvdb;
 
-using qvdbase::raw::Block;
-using qvdbase::raw::BlockKind;
-using qvdbase::raw::Grade;
-using qvdbase::raw::kNoBlock;
-using qvdbase::raw::Label;
-using qvdbase::raw::Leftover;
-using qvdbase::raw::Survey;
-using qvdbase::raw::Table;
+namespace qvdbase::upkeep {
+
+using survey::Block;
+using survey::BlockKind;
+using survey::Grade;
+using survey::kNoBlock;
+using survey::Label;
+using survey::Leftover;
+using survey::Survey;
+using survey::Table;
 
 namespace {
 
@@ -43,7 +45,7 @@ Copied copiedBlocks(const Survey& survey) {
     const std::vector<uint32_t>& walk = table.forward.blocks;
     const auto count = std::min<size_t>(walk.size(), slot.fields.recordCount);
     std::for_each(walk.begin(), walk.begin() + static_cast<std::ptrdiff_t>(count), take);
-    const bool isInPlace = table.dataState == qvdbase::raw::DataState::sound;
+    const bool isInPlace = table.dataState == survey::DataState::sound;
     const uint32_t data = isInPlace ? table.dataBlock : packedData(survey, table);
     if (data != kNoBlock) take(data);
   }
@@ -73,7 +75,7 @@ class Errors {
 };
 
 void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
-  const qvdbase::salvage::Plan plan = qvdbase::salvage::makePlan(survey, {});
+  const salvage::Plan plan = salvage::makePlan(survey, {});
   for (const uint32_t number : blocksInFileOrder(survey)) {
     const Block& block = survey.blocks[number];
     if (!block.isReached() && block.grade != Grade::a) ++verdict->tornBlocks;
@@ -112,15 +114,15 @@ std::string Verdict::why() const {
   return text;
 }
 
-Verdict judgeCopy(const qvdbase::raw::ByteSource& source, const Survey& survey) {
+Verdict judgeCopy(const survey::ByteSource& source, const Survey& survey) {
   Verdict verdict;
   Errors errors(survey, &verdict);
-  static_cast<void>(qvdbase::check::checkSurvey(
-      source, survey, [&](const Finding& finding) { errors.note(finding); }));
+  static_cast<void>(
+      check::checkSurvey(source, survey, [&](const Finding& finding) { errors.note(finding); }));
   const Copied copied = copiedBlocks(survey);
   countLosses(survey, copied, &verdict);
   verdict.grows = copied.size > survey.size;
   return verdict;
 }
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::upkeep

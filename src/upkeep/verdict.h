@@ -9,7 +9,7 @@
 #include "recovery/survey/byte_source.h"
 #include "recovery/survey/survey.h"
 
-namespace qvdb::detail {
+namespace qvdbase::upkeep {
 
 struct Verdict {
   uint64_t errors = 0;  // that check finds, without those of data that a pack has moved
@@ -26,6 +26,6 @@ struct Verdict {
 };
 
 // Judges a copy of what the chains of the counted tables lead to.
-Verdict judgeCopy(const qvdbase::raw::ByteSource& source, const qvdbase::raw::Survey& survey);
+Verdict judgeCopy(const qvdbase::survey::ByteSource& source, const qvdbase::survey::Survey& survey);
 
-}  // namespace qvdb::detail
+}  // namespace qvdbase::upkeep

@@ -8,7 +8,7 @@
 
 namespace {
 
-using qvdbase::LoopDetector;
+using qvdbase::engine::LoopDetector;
 
 // Position of the n-th step of a walk over `tail` records and then a loop of `round`.
 int64_t positionAt(uint64_t step, uint64_t tail, uint64_t round) {

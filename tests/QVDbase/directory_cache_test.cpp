@@ -1,5 +1,6 @@
 // The directory cache: one entry for each open database whose directory has been read.
 #include "QVDbase/directory_cache.h"
+#include "kit/layers.h"
 
 #include <qvdbase/QVFile.h>
 

@@ -1,5 +1,6 @@
 // Reading the header and the directory numbers, seeking and telling, and seeding the generator.
 #include "QVDbase/header.h"
+#include "kit/layers.h"
 
 #include <qvdbase/QVFile.h>
 #include <qvdbase/caches.h>

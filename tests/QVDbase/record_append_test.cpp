@@ -1,5 +1,6 @@
 // Adding records: the block at the end of the file, the link in the old last record, the slot.
 #include "QVDbase/record_append.h"
+#include "kit/layers.h"
 
 #include <qvdbase/QVFile.h>
 #include <qvdbase/qvdbase.h>

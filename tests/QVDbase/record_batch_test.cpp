@@ -1,5 +1,6 @@
 // Batches: the same file as single appends would have made, and a sound table wherever they stop.
 #include "QVDbase/record_batch.h"
+#include "kit/layers.h"
 
 #include <functional>
 #include <optional>

@@ -1,5 +1,6 @@
 // Taking records out of their table: the neighbours' links, the ends of the chain, the slot.
 #include "QVDbase/record_delete.h"
+#include "kit/layers.h"
 
 #include <qvdbase/qvdbase.h>
 

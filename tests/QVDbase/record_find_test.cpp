@@ -1,5 +1,6 @@
 // Finding, listing and counting records, and touching their time of last modification.
 #include "QVDbase/record_find.h"
+#include "kit/layers.h"
 
 #include <qvdbase/QVFile.h>
 #include <qvdbase/qvdbase.h>

@@ -1,6 +1,7 @@
 // Replacing payloads: in place while the new one fits the record's room, else in a new block that
 // takes the old one's place in the chain.
 #include "QVDbase/record_modify.h"
+#include "kit/layers.h"
 
 #include <qvdbase/qvdbase.h>
 

@@ -1,5 +1,6 @@
 // Table data: setting, sizing and reading the one block of free bytes of a table.
 #include "QVDbase/table_data.h"
+#include "kit/layers.h"
 
 #include <functional>
 

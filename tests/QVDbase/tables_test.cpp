@@ -1,5 +1,6 @@
 // The table directory: adding, finding, counting and listing tables, and finding a table's slot.
 #include "QVDbase/tables.h"
+#include "kit/layers.h"
 
 #include <qvdbase/caches.h>
 

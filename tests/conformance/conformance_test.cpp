@@ -223,18 +223,18 @@ TEST_P(CppLayer, ChecksTheFile) {
   EXPECT_EQ(report.state == qvdb::CheckState::sound, expected.empty());
 }
 
-std::string classOf(const raw::Survey& survey, const raw::Block& block) {
-  if (survey.owners[block.owner].slot == raw::kNoSlot) return "orphan";
+std::string classOf(const survey::Survey& survey, const survey::Block& block) {
+  if (survey.owners[block.owner].slot == survey::kNoSlot) return "orphan";
   switch (block.label) {
-    case raw::Label::superseded:
+    case survey::Label::superseded:
       return "older version";
-    case raw::Label::unfinishedRelocation:
+    case survey::Label::unfinishedRelocation:
       return "newer version";
-    case raw::Label::deleted:
+    case survey::Label::deleted:
       return "deleted";
-    case raw::Label::unlinked:
+    case survey::Label::unlinked:
       return "never counted";
-    case raw::Label::deletedOrUnlinked:
+    case survey::Label::deletedOrUnlinked:
       return "undecided";
     default:
       return "lost";
@@ -244,14 +244,14 @@ std::string classOf(const raw::Survey& survey, const raw::Block& block) {
 TEST_P(CppLayer, NamesWhatNothingLeadsTo) {
   const std::string_view text(reinterpret_cast<const char*>(file.bytes().data()),
                               file.bytes().size());
-  const raw::MemorySource source(std::as_bytes(std::span(text)));
-  const raw::Survey survey = raw::makeSurvey(source);
+  const survey::MemorySource source(std::as_bytes(std::span(text)));
+  const survey::Survey survey = survey::makeSurvey(source);
   nlohmann::json found = nlohmann::json::array();
-  for (const uint32_t number : raw::blocksInFileOrder(survey)) {
-    const raw::Block& block = survey.blocks[number];
-    if (block.isReached() || block.grade != raw::Grade::a) continue;
+  for (const uint32_t number : survey::blocksInFileOrder(survey)) {
+    const survey::Block& block = survey.blocks[number];
+    if (block.isReached() || block.grade != survey::Grade::a) continue;
     found.push_back({{"position", block.position},
-                     {"kind", block.kind == raw::BlockKind::record ? "record" : "table data"},
+                     {"kind", block.kind == survey::BlockKind::record ? "record" : "table data"},
                      {"class", classOf(survey, block)}});
   }
   EXPECT_EQ(found, file.json()["unreached"]);

@@ -1,5 +1,6 @@
 // Block headers as bytes in memory.
 #include "format/block_heads.h"
+#include "kit/layers.h"
 
 #include <gtest/gtest.h>
 

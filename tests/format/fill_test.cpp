@@ -1,5 +1,6 @@
 // The fill behind data that does not use all of its room.
 #include "format/fill.h"
+#include "kit/layers.h"
 
 #include <qvdbase/QVFile.h>
 

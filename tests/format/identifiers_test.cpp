@@ -1,5 +1,6 @@
 // Identifiers: eight identity bytes, their sum, and the 64-bit number that stands for them.
 #include "format/identifiers.h"
+#include "kit/layers.h"
 
 #include <gtest/gtest.h>
 #include <qvdbase/qvdbase.h>

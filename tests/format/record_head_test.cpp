@@ -3,6 +3,7 @@
 
 #include "format/block_heads.h"
 #include "kit/bytes.h"
+#include "kit/layers.h"
 
 namespace qvdbase::test {
 namespace {

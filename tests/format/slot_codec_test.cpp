@@ -9,6 +9,7 @@
 #include "format/Aliment8.h"
 #include "kit/database_fixture.h"
 #include "kit/fake_host.h"
+#include "kit/layers.h"
 
 namespace qvdbase::test {
 namespace {

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "QVDbase/position.h"
+#include "kit/layers.h"
 #include "kit/maintenance_fixture.h"
 #include "kit/reaching_writes.h"
 #include "recovery/check/base_files.h"

@@ -1,5 +1,6 @@
 // Link repair: which chains are rewritten, and how; what the caller is told.
 #include "maintenance/link_repair.h"
+#include "kit/layers.h"
 
 #include <cerrno>
 

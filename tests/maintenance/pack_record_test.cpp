@@ -1,5 +1,6 @@
 // Appending one copied record.
 #include "maintenance/pack_record.h"
+#include "kit/layers.h"
 
 #include "format/Aliment8.h"
 #include "kit/record_fixture.h"
@@ -12,7 +13,7 @@ class AppendingACopiedRecord : public RecordTest {
   // The slot of "notes", as it is in the image.
   tablePart1 slotOfNotes() {
     tablePart1 slot;
-    qvdbase::decodeSlot(image.slot(notes).encode().data(), &slot);
+    qvdbase::format::decodeSlot(image.slot(notes).encode().data(), &slot);
     return slot;
   }
 

@@ -1,5 +1,6 @@
 // Numbers from files as keys of hash tables: no choice of them makes a table slow.
 #include "support/seeded_hash.h"
+#include "kit/layers.h"
 
 #include <gtest/gtest.h>
 

@@ -10,6 +10,7 @@
 #include "format/Aliment8.h"
 #include "format/identifiers.h"
 #include "kit/file_fields.h"
+#include "kit/layers.h"
 
 namespace qvdbase::test {
 namespace {
@@ -42,9 +43,9 @@ TEST(AnySlot, ComesBackFromMemoryAsItWasInTheFile) {
   EXPECT_TRUE(rc::check([] {
     const Bytes image = *anyBytes(144);
     tablePart1 slot;
-    qvdbase::decodeSlot(image.data(), &slot);
+    qvdbase::format::decodeSlot(image.data(), &slot);
     Bytes again(144);
-    qvdbase::encodeSlot(slot, again.data());
+    qvdbase::format::encodeSlot(slot, again.data());
 
     SlotFields expected = decodeSlot(Bytes().zeros(22).add(image), 0);
     expected.infoSize = 50;

@@ -25,6 +25,7 @@
 #include "kit/fake_host.h"
 #include "kit/file_checker.h"
 #include "kit/file_reader.h"
+#include "kit/layers.h"
 #include "kit/temp_folder.h"
 #include "model/model.h"
 
@@ -288,7 +289,7 @@ class Pair {
     SavedPosition saved(db_);
     FoundTable found;
     Model::Table* owner = model_.table(table);
-    RC_ASSERT(qvdbase::findTable(db_, table, &found) == (owner != nullptr));
+    RC_ASSERT(qvdbase::engine::findTable(db_, table, &found) == (owner != nullptr));
     if (owner == nullptr) return static_cast<void>(saved.restore(0));
     RecordBatch batch(db_, found);
     RC_ASSERT(batch.begin());

@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "format/layout.h"
+#include "kit/layers.h"
 #include "kit/recorded_calls.h"
 #include "kit/unprivileged.h"
 #include "objects/layer_fixture.h"

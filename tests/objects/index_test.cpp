@@ -65,7 +65,7 @@ TEST(IndexMap, TakesTheKeysThatItHasRoomForWithoutGrowing) {
 }
 
 // The number that is hashed to `hash` by who knows the seed: each step of the hash undone.
-uint64_t unmixed(uint64_t hash, const HashSeed& seed) {
+uint64_t unmixed(uint64_t hash, const qvdbase::support::HashSeed& seed) {
   uint64_t inverse = 1;  // of the factor: each round doubles the number of its right bits
   for (int i = 0; i < 6; ++i) inverse *= 2 - 0xD6E8FEB86659FD93u * inverse;
   hash = (hash ^ (hash >> 32)) * inverse;
@@ -76,7 +76,7 @@ uint64_t unmixed(uint64_t hash, const HashSeed& seed) {
 constexpr size_t kCrafted = 5000;
 
 // Identifiers of which a map with this seed takes all for the same place.
-std::vector<uint64_t> collidingUnder(const HashSeed& seed) {
+std::vector<uint64_t> collidingUnder(const qvdbase::support::HashSeed& seed) {
   std::vector<uint64_t> keys;
   for (size_t i = 0; i < kCrafted; ++i) keys.push_back(unmixed(i, seed));
   return keys;
@@ -93,14 +93,14 @@ size_t stepsOfAll(qvdb::detail::IndexMap& map, const std::vector<uint64_t>& keys
 }
 
 TEST(IndexMap, FindsCraftedIdentifiersInAFewStepsUnlessItsSeedIsKnown) {
-  const HashSeed known = {0x0123456789ABCDEF, 0x42};
+  const qvdbase::support::HashSeed known = {0x0123456789ABCDEF, 0x42};
   qvdb::detail::IndexMap attacked(known);
   EXPECT_EQ(stepsOfAll(attacked, collidingUnder(known)), kCrafted * (kCrafted + 1) / 2);
 
   // Full to seven eighths a map needs 4.5 steps on average.
   constexpr size_t kFew = 20 * kCrafted;
-  const HashSeed others[] = {hashSeed(), {}, {1, 0}, {0, 1}};
-  for (const HashSeed& seed : others) {
+  const qvdbase::support::HashSeed others[] = {qvdbase::support::hashSeed(), {}, {1, 0}, {0, 1}};
+  for (const qvdbase::support::HashSeed& seed : others) {
     qvdb::detail::IndexMap map(seed);
     EXPECT_LE(stepsOfAll(map, collidingUnder(known)), kFew) << seed.before;
   }

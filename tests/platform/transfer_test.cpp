@@ -1,6 +1,7 @@
 // Transfer scopes: what is gathered and served from memory inside one call, and what nobody may
 // notice of it.
 #include "platform/transfer/transfer.h"
+#include "kit/layers.h"
 
 #include <gtest/gtest.h>
 #include <qvdbase/QVFile.h>
@@ -347,9 +348,11 @@ TEST_F(Transfers, ARefusedRunEndsAsItsWritesWouldHaveOneByOne) {
       uint32_t place = 10;
       for (const char* const text : {"ab", "cdef", "ghi"}) {
         Bytes read(place);
-        all = all && seek(file, 50) && qvdbase::readFile(file, read.data(), place, &gbl_realReaden);
+        all = all && seek(file, 50) &&
+              qvdbase::support::readFile(file, read.data(), place, &gbl_realReaden);
         const auto size = static_cast<uint32_t>(std::strlen(text));
-        all = all && seek(file, place) && qvdbase::writeFile(file, text, size, &gbl_realWriten);
+        all = all && seek(file, place) &&
+              qvdbase::support::writeFile(file, text, size, &gbl_realWriten);
         place += size;
       }
       EXPECT_FALSE(scope.end() && all);

@@ -77,8 +77,8 @@ std::multiset<std::pair<std::string, int64_t>> toldBy(const Checked& checked) {
 // Identifiers of all whole record blocks that are anywhere in the file.
 std::set<uint64_t> blocksIn(const Bytes& bytes) {
   std::set<uint64_t> result;
-  for (const raw::Block& each : surveyOf(bytes).blocks) {
-    if (each.kind == raw::BlockKind::record) result.insert(each.recordID);
+  for (const survey::Block& each : surveyOf(bytes).blocks) {
+    if (each.kind == survey::BlockKind::record) result.insert(each.recordID);
   }
   return result;
 }

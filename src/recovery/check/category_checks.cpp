@@ -6,13 +6,15 @@
 #include "format/block_heads.h"
 #include "recovery/check/parts.h"
 
+using namespace qvdbase::format;
+
 namespace qvdbase::check {
 namespace {
 
-using raw::Block;
-using raw::Slot;
-using raw::Survey;
-using raw::Table;
+using survey::Block;
+using survey::Slot;
+using survey::Survey;
+using survey::Table;
 
 // The payload: 8 bytes of identifier, 64 of name, 4 and 8 more, then two counted lists of
 // identifiers and a counted run of bytes.
@@ -23,14 +25,14 @@ constexpr int64_t kSmallestDecoded = 8;  // up to here nothing is decoded at all
 const Table* tableNamed(const Survey& survey, const char* name) {
   for (const Table& table : survey.tables) {
     const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
-    if (slot.counted && raw::nameOf(slot.fields) == name) return &table;
+    if (slot.counted && survey::nameOf(slot.fields) == name) return &table;
   }
   return nullptr;
 }
 
 class CategoryCheck {
  public:
-  CategoryCheck(const raw::ByteSource& source, const Survey& survey, Findings* findings)
+  CategoryCheck(const survey::ByteSource& source, const Survey& survey, Findings* findings)
       : window_(source), survey_(survey), findings_(*findings) {}
 
   void run() {
@@ -122,7 +124,7 @@ class CategoryCheck {
     return "The category at " + std::to_string(block.position);
   }
 
-  raw::Window window_;
+  survey::Window window_;
   const Survey& survey_;
   Findings& findings_;
   const Slot* slot_ = nullptr;
@@ -133,7 +135,7 @@ class CategoryCheck {
 
 }  // namespace
 
-void checkCategories(const raw::ByteSource& source, const Survey& survey, Findings* findings) {
+void checkCategories(const survey::ByteSource& source, const Survey& survey, Findings* findings) {
   CategoryCheck(source, survey, findings).run();
 }
 

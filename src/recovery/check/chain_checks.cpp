@@ -3,15 +3,17 @@
 
 #include "recovery/check/parts.h"
 
+using namespace qvdbase::format;
+
 namespace qvdbase::check {
 namespace {
 
-using raw::Block;
-using raw::Slot;
-using raw::Survey;
-using raw::Table;
-using raw::Walk;
-using raw::WalkEnd;
+using survey::Block;
+using survey::Slot;
+using survey::Survey;
+using survey::Table;
+using survey::Walk;
+using survey::WalkEnd;
 
 std::string at(int64_t position) {
   return "at " + std::to_string(position);
@@ -93,7 +95,7 @@ class ChainCheck {
   }
 
   bool isInsideBlock(int64_t position) const {
-    if (survey_.byPosition.find(position) != raw::kNoBlock) return false;
+    if (survey_.byPosition.find(position) != survey::kNoBlock) return false;
     return std::any_of(survey_.blocks.begin(), survey_.blocks.end(), [&](const Block& each) {
       return position > each.position && position < each.end;
     });
@@ -160,9 +162,9 @@ class ChainCheck {
     const Block* first = nullptr;
     for (const uint32_t number : table_.backward.blocks) {
       const Block& each = block(number);
-      if (each.reach & (raw::kForward | raw::kUncounted)) continue;
+      if (each.reach & (survey::kForward | survey::kUncounted)) continue;
       if (first == nullptr) first = &each;
-      ++(each.label == raw::Label::superseded ? older : onlyHere);
+      ++(each.label == survey::Label::superseded ? older : onlyHere);
     }
     if (first == nullptr) return;
     std::string text = "From the back, the chain leads to ";

@@ -17,14 +17,16 @@
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/survey.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 namespace {
 
-using qvdbase::check::Findings;
-using qvdbase::raw::ByteSource;
-using qvdbase::raw::OpenedFile;
-using qvdbase::raw::Survey;
-using qvdbase::raw::Table;
+using check::Findings;
+using survey::ByteSource;
+using survey::OpenedFile;
+using survey::Survey;
+using survey::Table;
 
 struct Checked {
   CheckReport report;
@@ -55,7 +57,7 @@ void addOutlook(const ByteSource& source, const Survey& survey, CheckReport* rep
                 Findings* findings) {
   std::string whole;
   for (const Table& table : survey.tables) {
-    const TableOutlook outlook = qvdbase::check::outlookOf(source, survey, table);
+    const TableOutlook outlook = check::outlookOf(source, survey, table);
     const std::string failing = outlook.reachable
                                     ? namesOf(outlook)
                                     : std::string("every call: the table is not reachable");
@@ -66,8 +68,8 @@ void addOutlook(const ByteSource& source, const Survey& survey, CheckReport* rep
     }
     report->tables.push_back(outlook);
   }
-  report->pack = qvdbase::check::willPack(survey);
-  report->repair = qvdbase::check::willRepair(survey).result;
+  report->pack = check::willPack(survey);
+  report->repair = check::willRepair(survey).result;
   if (!report->pack) whole = "pack";
   if (report->repair == 1) whole += whole.empty() ? "link repair" : " and link repair";
   if (whole.empty()) return;
@@ -76,26 +78,25 @@ void addOutlook(const ByteSource& source, const Survey& survey, CheckReport* rep
 
 void judge(const ByteSource& source, const Survey& survey, const CheckOptions& options,
            CheckReport* report, Findings* findings) {
-  const int64_t now =
-      options.now != 0 ? options.now : int64_t{qvdbase::platform::secondsSinceEpoch()};
-  qvdbase::check::checkDirectory(survey, findings);
+  const int64_t now = options.now != 0 ? options.now : int64_t{platform::secondsSinceEpoch()};
+  check::checkDirectory(survey, findings);
   for (const Table& table : survey.tables) {
-    qvdbase::check::checkCounts(survey, table, findings);
-    qvdbase::check::checkChain(survey, table, findings);
-    qvdbase::check::checkTableData(source, survey, table, findings);
-    qvdbase::check::checkImportedNames(source, survey, table, findings);
+    check::checkCounts(survey, table, findings);
+    check::checkChain(survey, table, findings);
+    check::checkTableData(source, survey, table, findings);
+    check::checkImportedNames(source, survey, table, findings);
   }
-  qvdbase::check::checkRecords(survey, now, findings);
-  if (options.categories) qvdbase::check::checkCategories(source, survey, findings);
-  qvdbase::check::checkHoles(source, survey, findings);
-  report->space = qvdbase::check::checkSpace(source, survey, findings);
+  check::checkRecords(survey, now, findings);
+  if (options.categories) check::checkCategories(source, survey, findings);
+  check::checkHoles(source, survey, findings);
+  report->space = check::checkSpace(source, survey, findings);
   addOutlook(source, survey, report, findings);
 }
 
 Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOptions& options) {
   Checked checked;
   Findings findings(options.most_alike);
-  if (qvdbase::check::checkHeader(survey, &findings)) {
+  if (check::checkHeader(survey, &findings)) {
     judge(source, survey, options, &checked.report, &findings);
   } else {
     checked.report.space.unknown = static_cast<uint64_t>(survey.size);
@@ -112,7 +113,7 @@ Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOpt
 }
 
 Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
-  return checkOnce(source, qvdbase::raw::makeSurvey(source, {.deep = options.deep}), options);
+  return checkOnce(source, survey::makeSurvey(source, {.deep = options.deep}), options);
 }
 
 // Takes back what was found while the file changed under the reader's hands: it is true of no state
@@ -152,23 +153,22 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
 
 CheckReport check_image(std::span<const std::byte> image, const FindingVisitor& visitor,
                         const CheckOptions& options) {
-  const qvdbase::raw::MemorySource source(image);
+  const survey::MemorySource source(image);
   return tell(checkOnce(source, options), visitor);
 }
 
 RepairPreview predict_repair(const std::filesystem::path& path) {
   const OpenedFile file(path, "look at the database");
-  return qvdbase::check::willRepair(qvdbase::raw::makeSurvey(file.source()));
+  return check::willRepair(survey::makeSurvey(file.source()));
 }
 
 }  // namespace qvdb
 
-qvdb::CheckReport qvdbase::check::checkSource(const raw::ByteSource& source) {
+qvdb::CheckReport check::checkSource(const survey::ByteSource& source) {
   return qvdb::checkOnce(source, {}).report;
 }
 
-qvdb::CheckReport qvdbase::check::checkSurvey(const raw::ByteSource& source,
-                                              const raw::Survey& survey,
-                                              const qvdb::FindingVisitor& visitor) {
+qvdb::CheckReport check::checkSurvey(const survey::ByteSource& source, const survey::Survey& survey,
+                                     const qvdb::FindingVisitor& visitor) {
   return qvdb::tell(qvdb::checkOnce(source, survey, {}), visitor);
 }

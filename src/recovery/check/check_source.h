@@ -9,10 +9,10 @@
 namespace qvdbase::check {
 
 // Without the findings: what they come to.
-qvdb::CheckReport checkSource(const raw::ByteSource& source);
+qvdb::CheckReport checkSource(const survey::ByteSource& source);
 
 // The same with a survey of it that is there already; the visitor gets every finding.
-qvdb::CheckReport checkSurvey(const raw::ByteSource& source, const raw::Survey& survey,
+qvdb::CheckReport checkSurvey(const survey::ByteSource& source, const survey::Survey& survey,
                               const qvdb::FindingVisitor& visitor);
 
 }  // namespace qvdbase::check

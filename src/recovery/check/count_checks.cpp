@@ -1,12 +1,14 @@
 // A slot's numbers and positions beside each other: D6 to D9 and R16.
 #include "recovery/check/parts.h"
 
+using namespace qvdbase::format;
+
 namespace qvdbase::check {
 namespace {
 
-using raw::Slot;
-using raw::Survey;
-using raw::Table;
+using survey::Slot;
+using survey::Survey;
+using survey::Table;
 
 void checkEnds(const Slot& slot, Findings* findings) {
   const tablePart1& fields = slot.fields;
@@ -38,13 +40,13 @@ void checkLastWritten(const Survey& survey, const Table& table, const Slot& slot
   if (slot.fields.recordCount == 0) return;
   const About about = {.slot = &slot, .offset = slot.position + slot::kLastWrittenRecordPos};
   const uint32_t number = survey.byPosition.find(position);
-  const bool isOwn = number != raw::kNoBlock && survey.blocks[number].owner == table.owner &&
-                     survey.blocks[number].kind == raw::BlockKind::record;
+  const bool isOwn = number != survey::kNoBlock && survey.blocks[number].owner == table.owner &&
+                     survey.blocks[number].kind == survey::BlockKind::record;
   if (!isOwn) {
     findings->warning("D7", about,
                       "The position of the last written record, " + std::to_string(position) +
                           ", is not that of a record of the table.");
-  } else if (survey.blocks[number].label != raw::Label::live) {
+  } else if (survey.blocks[number].label != survey::Label::live) {
     findings->information("R16", about,
                           "The last written record is no longer in the chain, as happens when it "
                           "was moved.");

@@ -8,11 +8,13 @@
 #include "format/identifiers.h"
 #include "recovery/check/parts.h"
 
+using namespace qvdbase::format;
+
 namespace qvdbase::check {
 namespace {
 
-using raw::Slot;
-using raw::Survey;
+using survey::Slot;
+using survey::Survey;
 
 struct Filler {
   int begin;
@@ -22,7 +24,7 @@ constexpr Filler kFillers[] = {{1, 2},    {52, 56},   {58, 60},  {68, 72},
                                {98, 100}, {108, 112}, {137, 144}};
 
 bool hasBlocks(const Survey& survey, const Slot& slot) {
-  return std::any_of(survey.blocks.begin(), survey.blocks.end(), [&](const raw::Block& block) {
+  return std::any_of(survey.blocks.begin(), survey.blocks.end(), [&](const survey::Block& block) {
     return std::memcmp(survey.owners[block.owner].id.data(), slot.fields.tableID,
                        kIdentifierSize) == 0;
   });
@@ -47,7 +49,7 @@ void checkUncounted(const Survey& survey, const Slot& slot, Findings* findings) 
   std::string text = "Slot " + std::to_string(slot.index) +
                      " is beyond the number of tables, but is marked as a table";
   if (!slot.holdsTable()) text += slot.isTable() ? " in part" : " with one of its marks";
-  if (!raw::nameOf(slot.fields).empty()) text += " named " + shown(raw::nameOf(slot.fields));
+  if (!survey::nameOf(slot.fields).empty()) text += " named " + shown(survey::nameOf(slot.fields));
   if (slot.isTable() && hasBlocks(survey, slot)) {
     return findings->error("D2", about, text + "; there are blocks of it in the file.");
   }
@@ -93,7 +95,7 @@ void checkIdentifier(const Slot& slot, std::map<uint64_t, int>* seen, Findings* 
 
 void checkName(const Slot& slot, std::set<std::string>* seen, Findings* findings) {
   const About about = {.slot = &slot, .offset = slot.position + slot::kTableName};
-  const std::string name = raw::nameOf(slot.fields);
+  const std::string name = survey::nameOf(slot.fields);
   const char* const end = slot.fields.tableName + kTableNameSize;
   if (name.empty()) findings->warning("D4", about, "The table has no name.");
   if (!name.empty() && !seen->insert(name).second) {

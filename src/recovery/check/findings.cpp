@@ -23,7 +23,7 @@ void Findings::add(qvdb::Severity severity, const char* code, const About& about
   finding.slot = slot;
   finding.table_id.value = about.tableID;
   if (about.slot != nullptr) {
-    finding.table = raw::nameOf(about.slot->fields);
+    finding.table = survey::nameOf(about.slot->fields);
     qvdb::Id& id = finding.table_id;
     internal_ConvertUuID_2Int64(about.slot->fields.tableID, &id.value);
   }

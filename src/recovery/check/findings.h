@@ -16,7 +16,7 @@ namespace qvdbase::check {
 
 // What a finding is about, beside its text.
 struct About {
-  const raw::Slot* slot = nullptr;
+  const survey::Slot* slot = nullptr;
   uint64_t tableID = 0;  // taken from the slot when there is one
   uint64_t record = 0;
   int64_t offset = -1;

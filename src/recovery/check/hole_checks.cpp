@@ -10,20 +10,20 @@
 namespace qvdbase::check {
 namespace {
 
-using raw::Block;
-using raw::Label;
-using raw::Survey;
+using survey::Block;
+using survey::Label;
+using survey::Survey;
 
 class HoleCheck {
  public:
-  HoleCheck(const raw::ByteSource& source, const Survey& survey, Findings* findings)
+  HoleCheck(const survey::ByteSource& source, const Survey& survey, Findings* findings)
       : source_(source), survey_(survey), findings_(*findings) {}
 
   // Blocks and holes both in the order of the file.
   void run() {
     std::optional<platform::FileHole> hole = source_.nextHole(survey_.blocksStart);
     if (!hole) return;
-    for (const uint32_t number : raw::blocksInFileOrder(survey_)) {
+    for (const uint32_t number : survey::blocksInFileOrder(survey_)) {
       const Block& block = survey_.blocks[number];
       if (block.label != Label::live) continue;
       const int64_t end = block.dataPos() + block.dataThere();
@@ -37,24 +37,24 @@ class HoleCheck {
   void report(const Block& block, const platform::FileHole& hole, int64_t end) {
     const int64_t from = std::max(hole.begin, block.dataPos());
     const auto bytes = static_cast<uint64_t>(std::min(hole.end, end) - from);
-    const raw::Slot* slot =
-        block.slot == raw::kNoSlot ? nullptr : &survey_.slots[static_cast<size_t>(block.slot)];
+    const survey::Slot* slot =
+        block.slot == survey::kNoSlot ? nullptr : &survey_.slots[static_cast<size_t>(block.slot)];
     const char* const whose =
-        block.kind == raw::BlockKind::record ? "the record at " : "the table data at ";
+        block.kind == survey::BlockKind::record ? "the record at " : "the table data at ";
     findings_.warning("F3", {.slot = slot, .record = block.recordID, .offset = from},
                       "From here, " + counted(bytes, "byte") + " of " + whose +
                           std::to_string(block.position) +
                           " are a hole in the file and read as zeros.");
   }
 
-  const raw::ByteSource& source_;
+  const survey::ByteSource& source_;
   const Survey& survey_;
   Findings& findings_;
 };
 
 }  // namespace
 
-void checkHoles(const raw::ByteSource& source, const Survey& survey, Findings* findings) {
+void checkHoles(const survey::ByteSource& source, const Survey& survey, Findings* findings) {
   HoleCheck(source, survey, findings).run();
 }
 

@@ -6,14 +6,16 @@
 #include "format/block_heads.h"
 #include "recovery/check/parts.h"
 
+using namespace qvdbase::format;
+
 namespace qvdbase::check {
 namespace {
 
-using raw::Block;
-using raw::DataState;
-using raw::Slot;
-using raw::Survey;
-using raw::Table;
+using survey::Block;
+using survey::DataState;
+using survey::Slot;
+using survey::Survey;
+using survey::Table;
 
 constexpr char kMark[8] = {'Q', 'V', 'f', 'i', 'l', 'e', 's', 1};
 
@@ -39,7 +41,7 @@ bool isSafeName(std::string_view name) {
 // Reads one list from its front. It keeps the name of one entry at a time.
 class NameList {
  public:
-  NameList(const raw::ByteSource& source, const Block& block)
+  NameList(const survey::ByteSource& source, const Block& block)
       : window_(source), at_(block.dataPos()), size_(block.dataThere()), end_(at_ + size_) {}
 
   bool isOurs() {
@@ -100,7 +102,8 @@ class NameList {
     if (!count(&left) || left > static_cast<uint64_t>(end_ - at_)) return false;
     if (to->size() + left > kLongestName) return false;
     while (left > 0) {
-      const auto piece = static_cast<size_t>(std::min<uint64_t>(left, raw::Window::kLargestView));
+      const auto piece =
+          static_cast<size_t>(std::min<uint64_t>(left, survey::Window::kLargestView));
       const uint8_t* bytes = take(piece);
       if (bytes == nullptr) return false;
       to->append(reinterpret_cast<const char*>(bytes), piece);
@@ -109,7 +112,7 @@ class NameList {
     return true;
   }
 
-  raw::Window window_;
+  survey::Window window_;
   int64_t at_;
   int64_t size_;  // of the list
   int64_t end_;
@@ -131,7 +134,7 @@ std::vector<uint64_t> recordsOf(const Survey& survey, const Table& table) {
 
 }  // namespace
 
-void checkImportedNames(const raw::ByteSource& source, const Survey& survey, const Table& table,
+void checkImportedNames(const survey::ByteSource& source, const Survey& survey, const Table& table,
                         Findings* findings) {
   if (table.dataState != DataState::sound) return;
   const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];

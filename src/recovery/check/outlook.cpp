@@ -12,18 +12,20 @@
 #include "format/identifiers.h"
 #include "recovery/check/parts.h"
 
+using namespace qvdbase::format;
+
 namespace qvdbase::check {
 namespace {
 
-using raw::Block;
-using raw::DataState;
-using raw::Slot;
-using raw::Survey;
-using raw::Table;
-using raw::WalkEnd;
+using survey::Block;
+using survey::DataState;
+using survey::Slot;
+using survey::Survey;
+using survey::Table;
+using survey::WalkEnd;
 
 bool headerIsUsable(const Survey& survey) {
-  const raw::Header& header = survey.header;
+  const survey::Header& header = survey.header;
   return survey.headerThere && std::toupper(header.fields.signature[0]) == 'Q' &&
          std::toupper(header.fields.signature[1]) == 'V' &&
          header.fields.version >= kFirstVersion && header.fields.version <= kLastVersion &&
@@ -59,9 +61,9 @@ bool canAppend(const Survey& survey, const Table& table, const tablePart1& slot)
 bool canReadData(const Survey& survey, const tablePart1& slot) {
   if (slot.firstDataPos == 0) return true;
   const uint32_t number = survey.byPosition.find(slot.firstDataPos);
-  if (number == raw::kNoBlock) return false;
+  if (number == survey::kNoBlock) return false;
   const Block& block = survey.blocks[number];
-  return block.kind == raw::BlockKind::tableData && !(block.flaws & raw::kWrongTableSum) &&
+  return block.kind == survey::BlockKind::tableData && !(block.flaws & survey::kWrongTableSum) &&
          survey.owners[block.owner].number == identifierNumber(slot.tableID) &&
          block.dataPos() + int64_t{block.length} <= survey.size;
 }
@@ -70,7 +72,7 @@ bool canReadData(const Survey& survey, const tablePart1& slot) {
 bool dataIsWhole(const Survey& survey, const Table& table) {
   if (table.dataState == DataState::none) return true;
   if (table.dataState != DataState::sound) return false;
-  return (survey.blocks[table.dataBlock].flaws & (raw::kBeyondEnd | raw::kNoEndMark)) == 0;
+  return (survey.blocks[table.dataBlock].flaws & (survey::kBeyondEnd | survey::kNoEndMark)) == 0;
 }
 
 bool hasRecords(const tablePart1& slot) {
@@ -95,7 +97,7 @@ bool canPackRecords(const Survey& survey, const Table& table, const tablePart1& 
 // meets within the count.
 class NeighbourCheck {
  public:
-  NeighbourCheck(const raw::ByteSource& source, const Survey& survey, const Table& table)
+  NeighbourCheck(const survey::ByteSource& source, const Survey& survey, const Table& table)
       : source_(source),
         survey_(survey),
         table_(table),
@@ -141,9 +143,10 @@ class NeighbourCheck {
   // The links of the record of this table at `position`, wherever that is.
   std::optional<recordPart1> headAt(int64_t position) const {
     const uint32_t number = survey_.byPosition.find(position);
-    if (number != raw::kNoBlock && survey_.blocks[number].isReached()) {
+    if (number != survey::kNoBlock && survey_.blocks[number].isReached()) {
       const Block& block = survey_.blocks[number];
-      if (block.kind != raw::BlockKind::record || block.owner != table_.owner) return std::nullopt;
+      if (block.kind != survey::BlockKind::record || block.owner != table_.owner)
+        return std::nullopt;
       recordPart1 head = {};
       head.prevRecordPos = block.prev;
       head.nextRecordPos = block.next;
@@ -157,7 +160,7 @@ class NeighbourCheck {
     return isOwn ? std::optional(head) : std::nullopt;
   }
 
-  const raw::ByteSource& source_;
+  const survey::ByteSource& source_;
   const Survey& survey_;
   const Table& table_;
   const tablePart1& slot_;
@@ -178,7 +181,7 @@ bool repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* 
   const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
   const uint64_t count = slot.fields.recordCount;
   repaired->slot = slot.index;
-  repaired->name = raw::nameOf(slot.fields);
+  repaired->name = survey::nameOf(slot.fields);
   repaired->id.value = identifierNumber(slot.fields.tableID);
   repaired->counted = slot.fields.recordCount;
   repaired->reachable = survey.owners[table.owner].records;
@@ -217,13 +220,13 @@ bool isReachable(const Survey& survey, const Slot& slot) {
   return false;
 }
 
-qvdb::TableOutlook outlookOf(const raw::ByteSource& source, const Survey& survey,
+qvdb::TableOutlook outlookOf(const survey::ByteSource& source, const Survey& survey,
                              const Table& table) {
   const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
   const tablePart1& fields = slot.fields;
   qvdb::TableOutlook outlook;
   outlook.slot = slot.index;
-  outlook.name = raw::nameOf(fields);
+  outlook.name = survey::nameOf(fields);
   outlook.id.value = identifierNumber(fields.tableID);
   outlook.reachable = isReachable(survey, slot);
   outlook.counted = fields.recordCount;

@@ -11,38 +11,39 @@
 namespace qvdbase::check {
 
 // Size and header. False when there is nothing behind them that could be looked at.
-bool checkHeader(const raw::Survey& survey, Findings* findings);
+bool checkHeader(const survey::Survey& survey, Findings* findings);
 
-void checkDirectory(const raw::Survey& survey, Findings* findings);
+void checkDirectory(const survey::Survey& survey, Findings* findings);
 
 // What is wrong with one table's slot, chain, and table data.
-void checkCounts(const raw::Survey& survey, const raw::Table& table, Findings* findings);
-void checkChain(const raw::Survey& survey, const raw::Table& table, Findings* findings);
-void checkTableData(const raw::ByteSource& source, const raw::Survey& survey,
-                    const raw::Table& table, Findings* findings);
-void checkImportedNames(const raw::ByteSource& source, const raw::Survey& survey,
-                        const raw::Table& table, Findings* findings);
+void checkCounts(const survey::Survey& survey, const survey::Table& table, Findings* findings);
+void checkChain(const survey::Survey& survey, const survey::Table& table, Findings* findings);
+void checkTableData(const survey::ByteSource& source, const survey::Survey& survey,
+                    const survey::Table& table, Findings* findings);
+void checkImportedNames(const survey::ByteSource& source, const survey::Survey& survey,
+                        const survey::Table& table, Findings* findings);
 
 // Identifiers and times of all live records; `now` in seconds since 1970.
-void checkRecords(const raw::Survey& survey, int64_t now, Findings* findings);
+void checkRecords(const survey::Survey& survey, int64_t now, Findings* findings);
 
 // Payloads in use of which a part was never stored.
-void checkHoles(const raw::ByteSource& source, const raw::Survey& survey, Findings* findings);
+void checkHoles(const survey::ByteSource& source, const survey::Survey& survey, Findings* findings);
 
 // Overlaps, dead blocks, bytes that are none, what lies behind payloads, and what every byte is.
-qvdb::SpaceUse checkSpace(const raw::ByteSource& source, const raw::Survey& survey,
+qvdb::SpaceUse checkSpace(const survey::ByteSource& source, const survey::Survey& survey,
                           Findings* findings);
 
-void checkCategories(const raw::ByteSource& source, const raw::Survey& survey, Findings* findings);
+void checkCategories(const survey::ByteSource& source, const survey::Survey& survey,
+                     Findings* findings);
 
 // ---- What the library's calls will do
 
 // Whether the directory leads to the slot.
-bool isReachable(const raw::Survey& survey, const raw::Slot& slot);
+bool isReachable(const survey::Survey& survey, const survey::Slot& slot);
 
-qvdb::TableOutlook outlookOf(const raw::ByteSource& source, const raw::Survey& survey,
-                             const raw::Table& table);
-bool willPack(const raw::Survey& survey);
-qvdb::RepairPreview willRepair(const raw::Survey& survey);
+qvdb::TableOutlook outlookOf(const survey::ByteSource& source, const survey::Survey& survey,
+                             const survey::Table& table);
+bool willPack(const survey::Survey& survey);
+qvdb::RepairPreview willRepair(const survey::Survey& survey);
 
 }  // namespace qvdbase::check

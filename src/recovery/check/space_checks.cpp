@@ -4,14 +4,16 @@
 
 #include "recovery/check/parts.h"
 
+using namespace qvdbase::format;
+
 namespace qvdbase::check {
 namespace {
 
-using raw::Block;
-using raw::BlockKind;
-using raw::Grade;
-using raw::Label;
-using raw::Survey;
+using survey::Block;
+using survey::BlockKind;
+using survey::Grade;
+using survey::Label;
+using survey::Survey;
 
 struct Heap {
   uint64_t blocks = 0;
@@ -43,7 +45,7 @@ const char* describe(Kind kind) {
 
 class SpaceCheck {
  public:
-  SpaceCheck(const raw::ByteSource& source, const Survey& survey, Findings* findings)
+  SpaceCheck(const survey::ByteSource& source, const Survey& survey, Findings* findings)
       : window_(source), survey_(survey), findings_(*findings) {}
 
   qvdb::SpaceUse run() {
@@ -54,7 +56,7 @@ class SpaceCheck {
     reportOrphans();
     reportLeftovers();
     reportNested();
-    for (const uint32_t number : raw::blocksInFileOrder(survey_)) {
+    for (const uint32_t number : survey::blocksInFileOrder(survey_)) {
       if (survey_.blocks[number].label == Label::live) lookBehindPayload(survey_.blocks[number]);
     }
     reportUnused();
@@ -62,13 +64,13 @@ class SpaceCheck {
   }
 
  private:
-  const raw::Slot* slotOf(const Block& block) const {
+  const survey::Slot* slotOf(const Block& block) const {
     const int slot = survey_.owners[block.owner].slot;
-    return slot == raw::kNoSlot ? nullptr : &survey_.slots[static_cast<size_t>(slot)];
+    return slot == survey::kNoSlot ? nullptr : &survey_.slots[static_cast<size_t>(slot)];
   }
 
   void reportOverlaps() {
-    for (const raw::Overlap& overlap : survey_.overlaps) {
+    for (const survey::Overlap& overlap : survey_.overlaps) {
       const Block& first = survey_.blocks[overlap.first];
       const Block& second = survey_.blocks[overlap.second];
       findings_.error(
@@ -102,7 +104,7 @@ class SpaceCheck {
   }
 
   uint64_t* partOf(const Block& block) {
-    if (survey_.owners[block.owner].slot == raw::kNoSlot) return &space_.orphans;
+    if (survey_.owners[block.owner].slot == survey::kNoSlot) return &space_.orphans;
     switch (block.label) {
       case Label::live:
         return block.kind == BlockKind::record ? &space_.records : &space_.table_data;
@@ -122,7 +124,7 @@ class SpaceCheck {
   }
 
   Kind kindOf(const Block& block) const {
-    if (survey_.owners[block.owner].slot == raw::kNoSlot) return Kind::orphan;
+    if (survey_.owners[block.owner].slot == survey::kNoSlot) return Kind::orphan;
     switch (block.label) {
       case Label::superseded:
         return Kind::superseded;
@@ -143,11 +145,11 @@ class SpaceCheck {
     const bool isRecord = block.kind == BlockKind::record;
     std::string text = std::string(isRecord ? "The record block at " : "The table data at ") +
                        std::to_string(block.position) + " is not whole: ";
-    if (block.flaws & raw::kBeyondEnd) {
+    if (block.flaws & survey::kBeyondEnd) {
       text += "it would reach beyond the end of the file";
-    } else if (block.flaws & raw::kCutShort) {
+    } else if (block.flaws & survey::kCutShort) {
       text += "another block begins at " + std::to_string(block.end) + ", inside of it";
-    } else if (block.flaws & raw::kNoEndMark) {
+    } else if (block.flaws & survey::kNoEndMark) {
       text += "its end mark is missing";
     } else {
       text += "its identifiers or lengths are damaged";
@@ -185,7 +187,7 @@ class SpaceCheck {
 
   void reportHeap(const char* code, bool isLoss, int slot, const Heap& heap, const char* what) {
     const About about = {
-        .slot = slot == raw::kNoSlot ? nullptr : &survey_.slots[static_cast<size_t>(slot)],
+        .slot = slot == survey::kNoSlot ? nullptr : &survey_.slots[static_cast<size_t>(slot)],
         .offset = heap.first};
     findings_.add(isLoss ? qvdb::Severity::warning : qvdb::Severity::information, code, about,
                   counted(heap.blocks, "unreferenced block") + ", " + counted(heap.bytes, "byte") +
@@ -193,13 +195,13 @@ class SpaceCheck {
   }
 
   void reportLeftovers() {
-    for (const raw::LeftoverRange& leftover : survey_.leftovers) {
-      const raw::Range& range = leftover.range;
+    for (const survey::LeftoverRange& leftover : survey_.leftovers) {
+      const survey::Range& range = leftover.range;
       space_.unknown += static_cast<uint64_t>(range.size());
       const bool isAtEnd = range.end == survey_.size;
       const std::string bytes = counted(static_cast<uint64_t>(range.size()), "byte") + " at " +
                                 std::to_string(range.begin);
-      if (leftover.kind == raw::Leftover::torn) {
+      if (leftover.kind == survey::Leftover::torn) {
         findings_.warning("S4", {.offset = range.begin},
                           bytes + " are the beginning of a block that was never finished" +
                               (isAtEnd ? ", at the end of the file." : "."));
@@ -244,7 +246,7 @@ class SpaceCheck {
     int64_t used = begin;
     for (int64_t position = begin; position < end;) {
       const auto count = static_cast<size_t>(
-          std::min<int64_t>(end - position, static_cast<int64_t>(raw::Window::kLargestView)));
+          std::min<int64_t>(end - position, static_cast<int64_t>(survey::Window::kLargestView)));
       const uint8_t* bytes = window_.at(position, count);
       if (bytes == nullptr) break;
       for (size_t i = count; i > 0; --i) {
@@ -280,7 +282,7 @@ class SpaceCheck {
     }
   }
 
-  raw::Window window_;
+  survey::Window window_;
   uint64_t staleBlocks_ = 0;
   int64_t firstStale_ = -1;
   const Survey& survey_;
@@ -293,7 +295,8 @@ class SpaceCheck {
 
 }  // namespace
 
-qvdb::SpaceUse checkSpace(const raw::ByteSource& source, const Survey& survey, Findings* findings) {
+qvdb::SpaceUse checkSpace(const survey::ByteSource& source, const Survey& survey,
+                          Findings* findings) {
   return SpaceCheck(source, survey, findings).run();
 }
 

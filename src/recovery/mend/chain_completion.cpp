@@ -2,13 +2,13 @@
 
 #include <algorithm>
 
-namespace qvdbase::mending {
+namespace qvdbase::mend {
 namespace {
 
-using raw::Block;
-using raw::Survey;
-using raw::Table;
-using raw::WalkEnd;
+using survey::Block;
+using survey::Survey;
+using survey::Table;
+using survey::WalkEnd;
 
 using Chain = std::vector<uint32_t>;
 
@@ -21,7 +21,7 @@ class Completer {
         back_(table.backward.blocks.rbegin(), table.backward.blocks.rend()),
         forwardIsWhole_(table.forward.end == WalkEnd::complete),
         backIsWhole_(table.backward.end == WalkEnd::complete),
-        name_(raw::nameOf(slot_)) {}
+        name_(survey::nameOf(slot_)) {}
 
   Completion run() {
     decide();
@@ -154,7 +154,7 @@ class Completer {
     }
     for (const uint32_t number : back_) {
       const Block& each = block(number);
-      if ((each.reach & raw::kForward) || each.label == raw::Label::superseded) continue;
+      if ((each.reach & survey::kForward) || each.label == survey::Label::superseded) continue;
       return refuse("from the back the chain leads to other records than from the front");
     }
     if (!endsAtLast(forward_)) step("the position of the last record is set");
@@ -189,4 +189,4 @@ Completion completeChain(const Survey& survey, const Table& table) {
   return Completer(survey, table).run();
 }
 
-}  // namespace qvdbase::mending
+}  // namespace qvdbase::mend

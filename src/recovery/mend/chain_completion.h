@@ -7,7 +7,7 @@
 
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::mending {
+namespace qvdbase::mend {
 
 struct Completion {
   std::vector<uint32_t> chain;     // blocks of the survey, in order
@@ -18,6 +18,6 @@ struct Completion {
   int64_t lastWritten = 0;         // the record written last; 0: as the slot says
 };
 
-Completion completeChain(const raw::Survey& survey, const raw::Table& table);
+Completion completeChain(const survey::Survey& survey, const survey::Table& table);
 
-}  // namespace qvdbase::mending
+}  // namespace qvdbase::mend

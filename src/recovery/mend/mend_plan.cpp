@@ -13,17 +13,20 @@
 #include "recovery/survey/packed_data.h"
 #include "support/seeded_hash.h"
 
-namespace qvdbase::mending {
+using namespace qvdbase::support;
+using namespace qvdbase::format;
+
+namespace qvdbase::mend {
 namespace {
 
 using qvdb::CutOffWrites;
-using raw::Block;
-using raw::BlockKind;
-using raw::Grade;
-using raw::Label;
-using raw::Slot;
-using raw::Survey;
-using raw::Table;
+using survey::Block;
+using survey::BlockKind;
+using survey::Grade;
+using survey::Label;
+using survey::Slot;
+using survey::Survey;
+using survey::Table;
 
 // Records by table and record identifier.
 using Records = std::set<std::pair<uint64_t, uint64_t>>;
@@ -42,14 +45,14 @@ bool isLeftOver(const Block& block) {
 // either way. None where there are others besides, or where their order is not that of writing.
 std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
   const tablePart1& slot = survey.slots[static_cast<size_t>(table.slot)].fields;
-  const bool isWhole = table.forward.end == raw::WalkEnd::complete &&
-                       table.backward.end == raw::WalkEnd::complete &&
+  const bool isWhole = table.forward.end == survey::WalkEnd::complete &&
+                       table.backward.end == survey::WalkEnd::complete &&
                        table.forward.blocks.size() == slot.recordCount &&
                        table.backward.blocks.size() == slot.recordCount;
   if (!isWhole) return {};
   std::vector<uint32_t> tail;
   int64_t previous = slot.lastRecordPos;
-  for (const uint32_t number : raw::blocksInFileOrder(survey)) {
+  for (const uint32_t number : survey::blocksInFileOrder(survey)) {
     const Block& each = survey.blocks[number];
     const bool isApart = each.owner == table.owner && each.kind == BlockKind::record &&
                          each.label == Label::detached && !each.isReached();
@@ -76,8 +79,8 @@ Records salvageable(const Survey& survey) {
 
 class Planner {
  public:
-  Planner(const raw::ByteSource& source, CutOffWrites cutOff)
-      : source_(source), cutOff_(cutOff), survey_(raw::makeSurvey(source)) {}
+  Planner(const survey::ByteSource& source, CutOffWrites cutOff)
+      : source_(source), cutOff_(cutOff), survey_(survey::makeSurvey(source)) {}
 
   MendPlan make() {
     plan_.size = survey_.size;
@@ -92,7 +95,7 @@ class Planner {
       if (survey_.slots[static_cast<size_t>(table.slot)].counted) mendTable(table);
     }
     // The slots last: what they count is then linked.
-    for (raw::Patch& slot : slots_) plan_.patches.push_back(std::move(slot));
+    for (survey::Patch& slot : slots_) plan_.patches.push_back(std::move(slot));
     verify();
     return std::move(plan_);
   }
@@ -112,8 +115,8 @@ class Planner {
   // Latest end first.
   std::vector<Piece> cutOffPieces() const {
     std::vector<Piece> pieces;
-    for (const raw::LeftoverRange& each : survey_.leftovers) {
-      if (each.kind != raw::Leftover::torn) continue;
+    for (const survey::LeftoverRange& each : survey_.leftovers) {
+      if (each.kind != survey::Leftover::torn) continue;
       pieces.push_back({each.range.begin, each.range.end, nullptr});
     }
     for (const Block& each : survey_.blocks) {
@@ -170,12 +173,13 @@ class Planner {
   }
 
   std::string nameOf(const Table& table) const {
-    return "table '" + raw::nameOf(survey_.slots[static_cast<size_t>(table.slot)].fields) + "': ";
+    return "table '" + survey::nameOf(survey_.slots[static_cast<size_t>(table.slot)].fields) +
+           "': ";
   }
 
   std::vector<uint32_t> leftOverOf(const Table& table) const {
     std::vector<uint32_t> found;
-    for (const uint32_t number : raw::blocksInFileOrder(survey_)) {
+    for (const uint32_t number : survey::blocksInFileOrder(survey_)) {
       const Block& each = block(number);
       if (each.owner == table.owner && isLeftOver(each) && each.end <= plan_.size) {
         found.push_back(number);
@@ -221,8 +225,8 @@ class Planner {
   }
 
   void pointAtPackedData(const Table& table, tablePart1* fields) {
-    const uint32_t data = raw::packedData(survey_, table);
-    if (data == raw::kNoBlock) return;
+    const uint32_t data = survey::packedData(survey_, table);
+    if (data == survey::kNoBlock) return;
     const int64_t position = block(data).position;
     fields->firstDataPos = fields->lastWrittenDataPos = fields->lastDataPos = position;
     fields->dataBlockCount = 1;
@@ -242,14 +246,14 @@ class Planner {
   }
 
   void writeLink(int64_t position, int64_t value) {
-    raw::Patch patch = {position, std::vector<unsigned char>(8)};
+    survey::Patch patch = {position, std::vector<unsigned char>(8)};
     storeBigEndian(patch.bytes.data(), 8, static_cast<uint64_t>(value));
     plan_.patches.push_back(std::move(patch));
   }
 
   void writeSlot(const Slot& slot, const tablePart1& fields) {
-    raw::Patch before = {slot.position, std::vector<unsigned char>(kSlotImageSize)};
-    raw::Patch after = before;
+    survey::Patch before = {slot.position, std::vector<unsigned char>(kSlotImageSize)};
+    survey::Patch after = before;
     encodeSlot(slot.fields, before.bytes.data());
     encodeSlot(fields, after.bytes.data());
     if (after.bytes != before.bytes) slots_.push_back(std::move(after));
@@ -259,8 +263,8 @@ class Planner {
 
   void verify() {
     if (!plan_.refusal.empty()) return;
-    const raw::PatchedSource mended(source_, plan_.patches, plan_.size);
-    const Survey survey = raw::makeSurvey(mended);
+    const survey::PatchedSource mended(source_, plan_.patches, plan_.size);
+    const Survey survey = survey::makeSurvey(mended);
     plan_.unreadableAt = survey.unreadableAt;
     std::string first;
     const qvdb::CheckReport report =
@@ -287,18 +291,18 @@ class Planner {
     }
   }
 
-  const raw::ByteSource& source_;
+  const survey::ByteSource& source_;
   const CutOffWrites cutOff_;
   const Survey survey_;
   MendPlan plan_;
-  std::vector<raw::Patch> slots_;
+  std::vector<survey::Patch> slots_;
   Records gone_;  // deleted, or discarded
 };
 
 }  // namespace
 
-MendPlan planMend(const raw::ByteSource& source, CutOffWrites cutOff) {
+MendPlan planMend(const survey::ByteSource& source, CutOffWrites cutOff) {
   return Planner(source, cutOff).make();
 }
 
-}  // namespace qvdbase::mending
+}  // namespace qvdbase::mend

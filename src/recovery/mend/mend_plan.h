@@ -29,17 +29,17 @@
 #include "recovery/survey/patched_source.h"
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::mending {
+namespace qvdbase::mend {
 
 struct MendPlan {
-  std::vector<raw::Patch> patches;  // in the order in which they are to be written
-  int64_t size = 0;                 // that of the mended file: less than before where it is cut off
-  std::vector<std::string> steps;   // what is done, a sentence each
-  std::string refusal;              // why nothing can be done; else empty
-  int64_t unreadableAt = -1;        // what the host could not read: nothing is known of it then
-  uint64_t leftOver = 0;            // whole blocks of writes that were cut off, which stay
+  std::vector<survey::Patch> patches;  // in the order in which they are to be written
+  int64_t size = 0;                // that of the mended file: less than before where it is cut off
+  std::vector<std::string> steps;  // what is done, a sentence each
+  std::string refusal;             // why nothing can be done; else empty
+  int64_t unreadableAt = -1;       // what the host could not read: nothing is known of it then
+  uint64_t leftOver = 0;           // whole blocks of writes that were cut off, which stay
 };
 
-MendPlan planMend(const raw::ByteSource& source, qvdb::CutOffWrites cutOff);
+MendPlan planMend(const survey::ByteSource& source, qvdb::CutOffWrites cutOff);
 
-}  // namespace qvdbase::mending
+}  // namespace qvdbase::mend

@@ -20,7 +20,7 @@ constexpr const char* kOperation = "extract payloads";
 constexpr const char* kManifest = "manifest.jsonl";
 
 [[noreturn]] void fail(const fs::path& path, qvdb::Reason reason, const std::string& why) {
-  qvdb::detail::throwError(path, kOperation, reason, why);
+  failure::throwError(path, kOperation, reason, why);
 }
 
 void refuseWhatIsThere(const fs::path& path) {
@@ -28,7 +28,7 @@ void refuseWhatIsThere(const fs::path& path) {
   fail(path, qvdb::Reason::file_exists, std::string(qvdb::to_string(qvdb::Reason::file_exists)));
 }
 
-std::string nameOf(const raw::Block& block) {
+std::string nameOf(const survey::Block& block) {
   return std::to_string(block.position) + ".bin";
 }
 
@@ -120,12 +120,12 @@ class Extraction::Output {
     waiting_.clear();
   }
 
-  qvdb::detail::TargetFile target_;
+  products::TargetFile target_;
   std::string waiting_;
   int64_t written_ = 0;
 };
 
-Extraction::Extraction(const raw::Survey& survey, const Plan& plan,
+Extraction::Extraction(const survey::Survey& survey, const Plan& plan,
                        const qvdb::SalvageOptions& options, const platform::FileAccess* access)
     : survey_(survey),
       plan_(plan),
@@ -135,7 +135,7 @@ Extraction::Extraction(const raw::Survey& survey, const Plan& plan,
     access_ = *access;
     access_->attributes.clear();  // what users attached is about the database
   }
-  for (const uint32_t number : raw::blocksInFileOrder(survey)) {
+  for (const uint32_t number : survey::blocksInFileOrder(survey)) {
     if (plan.destination[number] >= 0) blocks_.push_back(number);
   }
   if (!isTaken(folder_.path())) return;
@@ -145,7 +145,7 @@ Extraction::Extraction(const raw::Survey& survey, const Plan& plan,
   }
 }
 
-void Extraction::write(const raw::ByteSource& source) {
+void Extraction::write(const survey::ByteSource& source) {
   folder_.make(kOperation, makesParents_, qvdb::Reason::cannot_write);
   Output manifest(folder_.fileNamed(kManifest), access_);
   PayloadReader payloads(source);

@@ -16,17 +16,17 @@ class Extraction {
   // The payload of every planned block, and "manifest.jsonl" with a line of JSON for each. Survey
   // and plan must outlive this. Throws qvdb::Error (file_exists) when one of the files to be made
   // is there already, so that a salvage can be refused before anything is written.
-  Extraction(const raw::Survey& survey, const Plan& plan, const qvdb::SalvageOptions& options,
+  Extraction(const survey::Survey& survey, const Plan& plan, const qvdb::SalvageOptions& options,
              const platform::FileAccess* access);
 
   // What is written goes with the object, unless it is to be kept. Throws qvdb::Error.
-  void write(const raw::ByteSource& source);
+  void write(const survey::ByteSource& source);
   void keep() { folder_.keep(); }
 
  private:
   class Output;
 
-  const raw::Survey& survey_;
+  const survey::Survey& survey_;
   const Plan& plan_;
   const bool makesParents_;
   std::optional<platform::FileAccess> access_;  // for every file

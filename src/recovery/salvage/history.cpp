@@ -12,29 +12,31 @@
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/survey.h"
 
+using namespace qvdbase;
+
 namespace qvdb {
 namespace {
 
-using qvdbase::raw::Block;
-using qvdbase::raw::BlockKind;
-using qvdbase::raw::Label;
-using qvdbase::raw::OpenedFile;
-using qvdbase::raw::Survey;
+using survey::Block;
+using survey::BlockKind;
+using survey::Label;
+using survey::OpenedFile;
+using survey::Survey;
 
 constexpr const char* kHistory = "find the versions of the record";
 constexpr const char* kUndelete = "bring the record back";
 
 [[noreturn]] void fail(const std::filesystem::path& path, const char* operation, Reason reason,
                        const std::string& why) {
-  detail::throwError(path, operation, reason, why);
+  failure::throwError(path, operation, reason, why);
 }
 
 // The table of that name or identifier among those that the file shows traces of.
 uint32_t ownerNamed(const Survey& survey, std::string_view table, const std::filesystem::path& path,
                     const char* operation) {
-  for (const qvdbase::raw::Table& each : survey.tables) {
+  for (const survey::Table& each : survey.tables) {
     const auto& slot = survey.slots[static_cast<size_t>(each.slot)];
-    if (qvdbase::raw::nameOf(slot.fields) == table) return each.owner;
+    if (survey::nameOf(slot.fields) == table) return each.owner;
   }
   if (const std::optional<Id> id = parse_id(table)) {
     for (uint32_t i = 0; i < survey.owners.size(); ++i) {
@@ -47,7 +49,7 @@ uint32_t ownerNamed(const Survey& survey, std::string_view table, const std::fil
 // Blocks of the record, in file order, which is the order of writing.
 std::vector<uint32_t> versionsOf(const Survey& survey, uint32_t owner, Id record) {
   std::vector<uint32_t> versions;
-  for (const uint32_t number : qvdbase::raw::blocksInFileOrder(survey)) {
+  for (const uint32_t number : survey::blocksInFileOrder(survey)) {
     const Block& block = survey.blocks[number];
     if (block.kind == BlockKind::record && block.owner == owner && block.recordID == record.value) {
       versions.push_back(number);
@@ -59,10 +61,10 @@ std::vector<uint32_t> versionsOf(const Survey& survey, uint32_t owner, Id record
 // The version to bring back; kNoBlock when there is none.
 uint32_t choose(const Survey& survey, const std::vector<uint32_t>& versions,
                 std::optional<int64_t> offset) {
-  uint32_t chosen = qvdbase::raw::kNoBlock;
+  uint32_t chosen = survey::kNoBlock;
   for (const uint32_t number : versions) {
     const Block& block = survey.blocks[number];
-    if (offset ? block.position == *offset : block.grade == qvdbase::raw::Grade::a) chosen = number;
+    if (offset ? block.position == *offset : block.grade == survey::Grade::a) chosen = number;
   }
   return chosen;
 }
@@ -82,11 +84,11 @@ bool isDeleted(const Block& block) {
 std::vector<FoundBlock> history(const std::filesystem::path& path, std::string_view table,
                                 Id record) {
   const OpenedFile file(path, kHistory);
-  const Survey survey = qvdbase::raw::makeSurvey(file.source());
+  const Survey survey = survey::makeSurvey(file.source());
   std::vector<FoundBlock> found;
   for (const uint32_t number :
        versionsOf(survey, ownerNamed(survey, table, path, kHistory), record)) {
-    found.push_back(qvdbase::salvage::describe(survey, number));
+    found.push_back(salvage::describe(survey, number));
   }
   return found;
 }
@@ -94,11 +96,11 @@ std::vector<FoundBlock> history(const std::filesystem::path& path, std::string_v
 std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::string_view table) {
   constexpr const char* kList = "list the deleted records";
   const OpenedFile file(path, kList);
-  const Survey survey = qvdbase::raw::makeSurvey(file.source());
+  const Survey survey = survey::makeSurvey(file.source());
   const uint32_t owner = ownerNamed(survey, table, path, kList);
   std::set<uint64_t> passed;
   std::vector<FoundBlock> found;
-  const std::vector<uint32_t> order = qvdbase::raw::blocksInFileOrder(survey);
+  const std::vector<uint32_t> order = survey::blocksInFileOrder(survey);
   for (const Block& block : survey.blocks) {
     if (block.owner == owner && isInUse(block)) passed.insert(block.recordID);
   }
@@ -106,7 +108,7 @@ std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::
     const Block& block = survey.blocks[*number];
     if (block.kind != BlockKind::record || block.owner != owner || !isDeleted(block)) continue;
     if (!passed.insert(block.recordID).second) continue;
-    found.push_back(qvdbase::salvage::describe(survey, *number));
+    found.push_back(salvage::describe(survey, *number));
   }
   std::reverse(found.begin(), found.end());
   return found;
@@ -115,7 +117,7 @@ std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::
 std::vector<std::byte> read_version(const std::filesystem::path& path, const FoundBlock& version) {
   constexpr const char* kRead = "read the version";
   const OpenedFile file(path, kRead);
-  const int64_t header = version.is_table_data ? qvdbase::tabledata::kData : qvdbase::record::kData;
+  const int64_t header = version.is_table_data ? format::tabledata::kData : format::record::kData;
   const int64_t position = version.offset + header;
   const int64_t left = file.source().size() - position;
   if (position < header || left < 0 || version.there > static_cast<uint64_t>(left)) {
@@ -136,7 +138,7 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
                        std::string_view table, Id record, std::optional<int64_t> offset) {
   OpenedFile file(source, kUndelete);
   file.watch();
-  const Survey survey = qvdbase::raw::makeSurvey(file.source());
+  const Survey survey = survey::makeSurvey(file.source());
   const std::vector<uint32_t> versions =
       versionsOf(survey, ownerNamed(survey, table, source, kUndelete), record);
   const bool isInUse = std::any_of(versions.begin(), versions.end(), [&](uint32_t number) {
@@ -146,12 +148,12 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
     fail(source, kUndelete, Reason::bad_argument, "the record is in use; name a version's offset");
   }
   const uint32_t chosen = choose(survey, versions, offset);
-  if (chosen == qvdbase::raw::kNoBlock) {
+  if (chosen == survey::kNoBlock) {
     fail(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
   }
-  const qvdbase::platform::FileAccess access = file.access(source, kUndelete);
-  qvdbase::salvage::Run run(file.source(), survey, target, {}, {}, &access, {.block = chosen});
-  qvdbase::salvage::lookAtSourceAgain(file, source, kUndelete, &run.report());
+  const platform::FileAccess access = file.access(source, kUndelete);
+  salvage::Run run(file.source(), survey, target, {}, {}, &access, {.block = chosen});
+  salvage::lookAtSourceAgain(file, source, kUndelete, &run.report());
   run.place();
   return run.report();
 }

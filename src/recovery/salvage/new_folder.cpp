@@ -21,7 +21,7 @@ NewFolder::~NewFolder() {
 void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
   std::error_code error;
   if (!parents && !fs::is_directory(path_, error)) {
-    qvdb::detail::requireFolder((path_ / "").parent_path(), operation, false);
+    products::requireFolder((path_ / "").parent_path(), operation, false);
   }
   fs::path path;
   std::error_code refusal;  // the last one, which is about the folder itself or one on its way
@@ -32,9 +32,9 @@ void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
   }
   if (fs::is_directory(path_, error)) return;
   if (isTaken(path_)) {
-    qvdb::detail::failOn(path_, operation, reason, "something that is no folder has that name");
+    products::failOn(path_, operation, reason, "something that is no folder has that name");
   }
-  qvdb::detail::throwFolderFailure(path_, operation, "the folder cannot be created", refusal);
+  failure::throwFolderFailure(path_, operation, "the folder cannot be created", refusal);
 }
 
 bool isTaken(const fs::path& path) {

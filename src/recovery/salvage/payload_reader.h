@@ -14,11 +14,11 @@ namespace qvdbase::salvage {
 class PayloadReader {
  public:
   // The source must outlive the reader.
-  explicit PayloadReader(const raw::ByteSource& source);
+  explicit PayloadReader(const survey::ByteSource& source);
 
   // Hands over the payload of the block, as far as it is there, in pieces. Returns how many of its
   // bytes could not be read.
-  uint64_t read(const raw::Block& block, const std::function<void(const char*, size_t)>& take);
+  uint64_t read(const survey::Block& block, const std::function<void(const char*, size_t)>& take);
 
   // The lowest position that could not be read; negative when there was none.
   int64_t unreadableAt() const { return unreadableAt_; }
@@ -26,7 +26,7 @@ class PayloadReader {
  private:
   uint64_t load(int64_t position, size_t count);
 
-  const raw::ByteSource& source_;
+  const survey::ByteSource& source_;
   std::vector<char> piece_;
   int64_t unreadableAt_ = -1;
 };

@@ -14,12 +14,12 @@ namespace qvdbase::salvage {
 struct PlannedTable {
   tablePart1 slot = {};           // what is taken over; counts and positions are the writer's
   std::vector<uint32_t> records;  // blocks of the survey, in chain order
-  uint32_t data = raw::kNoBlock;
-  std::string name() const { return raw::nameOf(slot); }
+  uint32_t data = survey::kNoBlock;
+  std::string name() const { return survey::nameOf(slot); }
 };
 
 struct Plan {
-  raw::Header header;
+  survey::Header header;
   std::vector<PlannedTable> tables;
   std::vector<int> destination;  // of each block of the survey: the table's place, or -1
   uint64_t tablesLeftOut = 0;
@@ -28,16 +28,16 @@ struct Plan {
 
 // A version of a record that is to be brought back, whatever its label; kNoBlock for none.
 struct Wanted {
-  uint32_t block = raw::kNoBlock;
+  uint32_t block = survey::kNoBlock;
 };
 
-Plan makePlan(const raw::Survey& survey, const qvdb::SalvageOptions& options,
+Plan makePlan(const survey::Survey& survey, const qvdb::SalvageOptions& options,
               const Wanted& wanted = {});
 
 // Sorts blocks that no chain holds any more: those that still name each other stay together, and
 // the pieces follow in the order of the file.
-std::vector<uint32_t> inLinkOrder(const raw::Survey& survey, std::vector<uint32_t> blocks);
+std::vector<uint32_t> inLinkOrder(const survey::Survey& survey, std::vector<uint32_t> blocks);
 
-qvdb::FoundBlock describe(const raw::Survey& survey, uint32_t number);
+qvdb::FoundBlock describe(const survey::Survey& survey, uint32_t number);
 
 }  // namespace qvdbase::salvage

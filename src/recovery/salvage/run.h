@@ -20,9 +20,10 @@ class Run {
  public:
   // `access` is that of the source, for the new files; null for the usual one. All but `wanted`
   // must outlive the run. Throws qvdb::Error, and what the visitor throws.
-  Run(const raw::ByteSource& source, const raw::Survey& survey, const std::filesystem::path& target,
-      const qvdb::BlockVisitor& visitor, const qvdb::SalvageOptions& options,
-      const platform::FileAccess* access, const Wanted& wanted = {});
+  Run(const survey::ByteSource& source, const survey::Survey& survey,
+      const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
+      const qvdb::SalvageOptions& options, const platform::FileAccess* access,
+      const Wanted& wanted = {});
 
   qvdb::SalvageReport& report() { return report_; }
 
@@ -30,24 +31,24 @@ class Run {
   void place();
 
  private:
-  void tell(const raw::Survey& survey, const qvdb::BlockVisitor& visitor);
-  void note(const raw::Survey& survey, const Written& written);
+  void tell(const survey::Survey& survey, const qvdb::BlockVisitor& visitor);
+  void note(const survey::Survey& survey, const Written& written);
   bool verify() const;
 
   const Plan plan_;
-  qvdb::detail::TargetFile target_;
+  products::TargetFile target_;
   std::optional<Extraction> extraction_;
   qvdb::SalvageReport report_;
 };
 
 // A run that is placed at once.
-qvdb::SalvageReport run(const raw::ByteSource& source, const raw::Survey& survey,
+qvdb::SalvageReport run(const survey::ByteSource& source, const survey::Survey& survey,
                         const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
                         const qvdb::SalvageOptions& options, const platform::FileAccess* access);
 
 // What is known of the source when all of it was read. Says in the report whether anybody else has
 // it open for writing. Throws in_use, in the name of `operation`, when it was changed meanwhile.
-void lookAtSourceAgain(const raw::OpenedFile& source, const std::filesystem::path& path,
+void lookAtSourceAgain(const survey::OpenedFile& source, const std::filesystem::path& path,
                        const char* operation, qvdb::SalvageReport* report);
 
 }  // namespace qvdbase::salvage

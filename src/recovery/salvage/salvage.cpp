@@ -14,9 +14,12 @@
 #include "recovery/salvage/stored_databases.h"
 #include "recovery/survey/part_source.h"
 
+using namespace qvdbase;
+
 namespace qvdbase::salvage {
 
-using raw::Survey;
+using survey::ByteSource;
+using survey::Survey;
 
 namespace {
 
@@ -24,7 +27,7 @@ constexpr const char* kWriteOperation = "write the salvaged database";
 
 }  // namespace
 
-Run::Run(const raw::ByteSource& source, const Survey& survey, const std::filesystem::path& target,
+Run::Run(const ByteSource& source, const Survey& survey, const std::filesystem::path& target,
          const qvdb::BlockVisitor& visitor, const qvdb::SalvageOptions& options,
          const platform::FileAccess* access, const Wanted& wanted)
     : plan_(makePlan(survey, options, wanted)),
@@ -52,7 +55,7 @@ void Run::place() {
 
 void Run::tell(const Survey& survey, const qvdb::BlockVisitor& visitor) {
   report_.blocks_found = survey.blocks.size();
-  for (const uint32_t number : raw::blocksInFileOrder(survey)) {
+  for (const uint32_t number : survey::blocksInFileOrder(survey)) {
     const int place = plan_.destination[number];
     if (place < 0) ++report_.blocks_left_out;
     if (!visitor) continue;
@@ -60,7 +63,7 @@ void Run::tell(const Survey& survey, const qvdb::BlockVisitor& visitor) {
     if (place >= 0) found.written_to = plan_.tables[static_cast<size_t>(place)].name();
     visitor(found);
   }
-  for (const raw::LeftoverRange& leftover : survey.leftovers) {
+  for (const survey::LeftoverRange& leftover : survey.leftovers) {
     report_.bytes_unknown += static_cast<uint64_t>(leftover.range.size());
     report_.unknown.push_back({leftover.range.begin, leftover.range.size()});
   }
@@ -87,7 +90,7 @@ bool Run::verify() const {
   platform::FileStamp stamp;
   file.share(target_.file().entry());
   if (!file.stamp(&stamp)) return false;
-  const raw::FileSource source(file, stamp.size);
+  const survey::FileSource source(file, stamp.size);
   const qvdb::CheckReport report = check::checkSource(source);
   if (report.errors != 0 || report.tables.size() != plan_.tables.size()) return false;
   for (size_t i = 0; i < plan_.tables.size(); ++i) {
@@ -96,7 +99,7 @@ bool Run::verify() const {
   return true;
 }
 
-qvdb::SalvageReport run(const raw::ByteSource& source, const Survey& survey,
+qvdb::SalvageReport run(const ByteSource& source, const Survey& survey,
                         const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
                         const qvdb::SalvageOptions& options, const platform::FileAccess* access) {
   Run all(source, survey, target, visitor, options, access);
@@ -104,11 +107,11 @@ qvdb::SalvageReport run(const raw::ByteSource& source, const Survey& survey,
   return all.report();
 }
 
-void lookAtSourceAgain(const raw::OpenedFile& source, const std::filesystem::path& path,
+void lookAtSourceAgain(const survey::OpenedFile& source, const std::filesystem::path& path,
                        const char* operation, qvdb::SalvageReport* report) {
   report->source_in_use = source.isLockedByOthers();
   if (!source.hasChanged()) return;
-  qvdb::detail::throwError(path, operation, qvdb::Reason::in_use, "it was changed meanwhile");
+  failure::throwError(path, operation, qvdb::Reason::in_use, "it was changed meanwhile");
 }
 
 }  // namespace qvdbase::salvage
@@ -116,9 +119,10 @@ void lookAtSourceAgain(const raw::OpenedFile& source, const std::filesystem::pat
 namespace qvdb {
 namespace {
 
-using qvdbase::raw::ByteSource;
-using qvdbase::salvage::Run;
-using qvdbase::salvage::StoredDatabases;
+using salvage::Run;
+using salvage::StoredDatabases;
+using survey::ByteSource;
+using survey::Survey;
 
 constexpr const char* kOperation = "salvage the database";
 
@@ -126,7 +130,7 @@ constexpr const char* kOperation = "salvage the database";
 using LastLook = std::function<void(SalvageReport*)>;
 
 // A database without tables is something, as long as it can be seen to be one.
-bool holdsNothing(const qvdbase::raw::Survey& survey) {
+bool holdsNothing(const Survey& survey) {
   const auto& signature = survey.header.fields.signature;
   const bool beginsAsDatabase =
       survey.headerThere && std::toupper(signature[0]) == 'Q' && std::toupper(signature[1]) == 'V';
@@ -135,22 +139,22 @@ bool holdsNothing(const qvdbase::raw::Survey& survey) {
 
 SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path& name,
                             const std::filesystem::path& target, const BlockVisitor& visitor,
-                            const SalvageOptions& options,
-                            const qvdbase::platform::FileAccess* access, const LastLook& lastLook) {
+                            const SalvageOptions& options, const platform::FileAccess* access,
+                            const LastLook& lastLook) {
   constexpr int64_t kMostMissing = int64_t{1} << 62;
   if (options.from < -kMostMissing) {
-    detail::throwError(kOperation, Reason::bad_argument,
-                       "it cannot begin that far before the source");
+    failure::throwError(kOperation, Reason::bad_argument,
+                        "it cannot begin that far before the source");
   }
-  const qvdbase::raw::PartSource source(whole, options.from, whole.size());
+  const survey::PartSource source(whole, options.from, whole.size());
   const bool isDeep = !options.deep_to.empty();
-  const qvdbase::raw::Survey survey = qvdbase::raw::makeSurvey(
-      source, {.deep = isDeep, .ignoreDirectory = options.ignore_directory});
+  const Survey survey =
+      survey::makeSurvey(source, {.deep = isDeep, .ignoreDirectory = options.ignore_directory});
   std::optional<StoredDatabases> stored;
   if (isDeep) stored.emplace(source, survey, options, access);
   if (holdsNothing(survey) && (!stored || stored->isEmpty())) {
-    detail::throwError(name, kOperation, Reason::not_a_database,
-                       "it holds no table and no record, and does not begin as a database does");
+    failure::throwError(name, kOperation, Reason::not_a_database,
+                        "it holds no table and no record, and does not begin as a database does");
   }
   Run run(source, survey, target, visitor, options, access);
   // The new file comes last: it appears when all that was asked for is there.
@@ -165,19 +169,19 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
 
 SalvageReport salvage(const std::filesystem::path& source, const std::filesystem::path& target,
                       const BlockVisitor& visitor, const SalvageOptions& options) {
-  qvdbase::raw::OpenedFile file(source, kOperation);
+  survey::OpenedFile file(source, kOperation);
   file.watch();
-  const qvdbase::platform::FileAccess access = file.access(source, kOperation);
+  const platform::FileAccess access = file.access(source, kOperation);
   const LastLook lastLook = [&](SalvageReport* report) {
-    qvdbase::salvage::lookAtSourceAgain(file, source, kOperation, report);
+    salvage::lookAtSourceAgain(file, source, kOperation, report);
   };
   return salvageSource(file.source(), source, target, visitor, options, &access, lastLook);
 }
 
 SalvageReport salvage_image(std::span<const std::byte> image, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options) {
-  return salvageSource(qvdbase::raw::MemorySource(image), "the image", target, visitor, options,
-                       nullptr, {});
+  return salvageSource(survey::MemorySource(image), "the image", target, visitor, options, nullptr,
+                       {});
 }
 
 std::string_view to_string(BlockLabel label) noexcept {

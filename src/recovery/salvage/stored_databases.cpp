@@ -12,6 +12,8 @@
 #include "recovery/salvage/run.h"
 #include "recovery/survey/part_source.h"
 
+using namespace qvdbase::format;
+
 namespace qvdbase::salvage {
 namespace {
 
@@ -22,18 +24,18 @@ constexpr int64_t kSmallestSize = kDirectoryPos + int64_t{kNewSlotCount} * kSlot
 constexpr size_t kMostDatabases = 1000;
 
 [[noreturn]] void fail(const std::filesystem::path& path, qvdb::Reason reason) {
-  qvdb::detail::throwError(path, kOperation, reason, std::string(qvdb::to_string(reason)));
+  failure::throwError(path, kOperation, reason, std::string(qvdb::to_string(reason)));
 }
 
 // Where the payload that holds `position` ends, or the block where it lies in spare room; 0 where
 // no block holds it. `order` is the file's.
-int64_t endOfPayload(const raw::Survey& survey, const std::vector<uint32_t>& order,
+int64_t endOfPayload(const survey::Survey& survey, const std::vector<uint32_t>& order,
                      int64_t position) {
   const auto behind = std::upper_bound(
       order.begin(), order.end(), position,
       [&](int64_t wanted, uint32_t number) { return wanted < survey.blocks[number].position; });
   if (behind == order.begin()) return 0;
-  const raw::Block& block = survey.blocks[*(behind - 1)];
+  const survey::Block& block = survey.blocks[*(behind - 1)];
   const int64_t end = block.dataPos() + block.dataThere();
   return position < end ? end : position < block.end ? block.end : 0;
 }
@@ -44,13 +46,13 @@ struct Reach {
   bool hasTables;
 };
 
-Reach reachOf(const raw::ByteSource& source, int64_t origin) {
-  const raw::PartSource part(source, origin, source.size());
-  raw::Survey survey;
-  raw::readDirectory(part, {}, &survey);
+Reach reachOf(const survey::ByteSource& source, int64_t origin) {
+  const survey::PartSource part(source, origin, source.size());
+  survey::Survey survey;
+  survey::readDirectory(part, {}, &survey);
   int64_t farthest = kSmallestSize;
   bool hasTables = survey.header.tableCount != 0;
-  for (const raw::Slot& slot : survey.slots) {
+  for (const survey::Slot& slot : survey.slots) {
     if (!slot.isTable()) continue;
     hasTables = true;
     const tablePart1& fields = slot.fields;
@@ -62,19 +64,19 @@ Reach reachOf(const raw::ByteSource& source, int64_t origin) {
   return {origin + farthest, hasTables};
 }
 
-std::string nameOf(const raw::Range& place) {
+std::string nameOf(const survey::Range& place) {
   return "at-" + std::to_string(place.begin) + ".qvd";
 }
 
 }  // namespace
 
-StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
+StoredDatabases::StoredDatabases(const survey::ByteSource& source, const survey::Survey& survey,
                                  const qvdb::SalvageOptions& options,
                                  const platform::FileAccess* access)
     : source_(source), options_(options), access_(access), folder_(options.deep_to) {
-  const std::vector<uint32_t> order = raw::blocksInFileOrder(survey);
-  std::vector<raw::Range> found;  // an end of 0 stands for one in no payload
-  std::vector<int64_t> loose;     // where those begin
+  const std::vector<uint32_t> order = survey::blocksInFileOrder(survey);
+  std::vector<survey::Range> found;  // an end of 0 stands for one in no payload
+  std::vector<int64_t> loose;        // where those begin
   for (const int64_t origin : survey.nestedDatabases) {
     if (origin == 0) continue;  // the database itself
     found.push_back({origin, endOfPayload(survey, order, origin)});
@@ -83,7 +85,7 @@ StoredDatabases::StoredDatabases(const raw::ByteSource& source, const raw::Surve
   const size_t kept = std::min(found.size(), kMostDatabases);
   leftOut_ = found.size() - kept;
   found.resize(kept);
-  for (raw::Range& place : found) {
+  for (survey::Range& place : found) {
     const Reach reach = reachOf(source, place.begin);
     if (!reach.hasTables) {
       place.end = std::min(place.begin + kSmallestSize, source.size());
@@ -103,9 +105,9 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) {
   options.ignore_directory = false;
   options.extract_to.clear();
   options.deep_to.clear();
-  for (const raw::Range& place : places_) {
-    const raw::PartSource part(source_, place.begin, place.end);
-    const raw::Survey survey = raw::makeSurvey(part);
+  for (const survey::Range& place : places_) {
+    const survey::PartSource part(source_, place.begin, place.end);
+    const survey::Survey survey = survey::makeSurvey(part);
     const std::filesystem::path file = folder_.fileNamed(nameOf(place));
     options.from = place.begin;
     report->stored.push_back({place.begin, file, run(part, survey, file, {}, options, access_)});

@@ -16,7 +16,7 @@ class StoredDatabases {
   // Those that a deep survey of the source has found. Source, survey and options must outlive this.
   // Throws qvdb::Error (file_exists) when one of the files to be made is there already, so that a
   // salvage can be refused before anything is written.
-  StoredDatabases(const raw::ByteSource& source, const raw::Survey& survey,
+  StoredDatabases(const survey::ByteSource& source, const survey::Survey& survey,
                   const qvdb::SalvageOptions& options, const platform::FileAccess* access);
 
   bool isEmpty() const { return places_.empty(); }
@@ -27,11 +27,11 @@ class StoredDatabases {
   void keep() { folder_.keep(); }
 
  private:
-  const raw::ByteSource& source_;
+  const survey::ByteSource& source_;
   const qvdb::SalvageOptions& options_;
   const platform::FileAccess* access_;
   NewFolder folder_;
-  std::vector<raw::Range> places_;
+  std::vector<survey::Range> places_;
   uint64_t leftOut_ = 0;
 };
 

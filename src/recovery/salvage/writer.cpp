@@ -11,10 +11,12 @@
 #include "format/identifiers.h"
 #include "recovery/salvage/payload_reader.h"
 
+using namespace qvdbase::format;
+
 namespace qvdbase::salvage {
 namespace {
 
-using raw::Block;
+using survey::Block;
 
 constexpr size_t kBuffer = size_t{1} << 20;
 constexpr int64_t kBlocksStart = kDirectoryPos + int64_t{kNewSlotCount} * kSlotImageSize;
@@ -34,7 +36,7 @@ Content contentOf(const Block& block) {
 // Bytes in order, through a buffer.
 class Output {
  public:
-  explicit Output(qvdb::detail::TargetFile* target) : target_(*target), buffer_(kBuffer) {}
+  explicit Output(products::TargetFile* target) : target_(*target), buffer_(kBuffer) {}
 
   void write(const void* bytes, size_t count) {
     const auto* from = static_cast<const unsigned char*>(bytes);
@@ -66,7 +68,7 @@ class Output {
   }
 
  private:
-  qvdb::detail::TargetFile& target_;
+  products::TargetFile& target_;
   std::vector<unsigned char> buffer_;
   size_t held_ = 0;
   int64_t flushed_ = 0;
@@ -74,7 +76,8 @@ class Output {
 
 class Writer {
  public:
-  Writer(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan, Output* output)
+  Writer(const survey::ByteSource& source, const survey::Survey& survey, const Plan& plan,
+         Output* output)
       : payloads_(source), survey_(survey), plan_(plan), output_(*output) {}
 
   Written write() {
@@ -104,7 +107,7 @@ class Writer {
         place.records.push_back(position);
         position += kRecordBlockOverhead + contentOf(block(number)).capacity;
       }
-      if (table.data != raw::kNoBlock) {
+      if (table.data != survey::kNoBlock) {
         place.data = position;
         position += kTableDataBlockOverhead + contentOf(block(table.data)).capacity;
       }
@@ -205,7 +208,7 @@ class Writer {
   }
 
   PayloadReader payloads_;
-  const raw::Survey& survey_;
+  const survey::Survey& survey_;
   const Plan& plan_;
   Output& output_;
   std::vector<Place> places_;
@@ -214,8 +217,8 @@ class Writer {
 
 }  // namespace
 
-Written writeFile(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan,
-                  qvdb::detail::TargetFile* target) {
+Written writeFile(const survey::ByteSource& source, const survey::Survey& survey, const Plan& plan,
+                  products::TargetFile* target) {
   Output output(target);
   const Written written = Writer(source, survey, plan, &output).write();
   output.flush();

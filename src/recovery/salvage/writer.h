@@ -18,7 +18,7 @@ struct Written {
 
 // Writes what the plan says, from front to back, into the file of `target`, which has been created.
 // Throws qvdb::Error.
-Written writeFile(const raw::ByteSource& source, const raw::Survey& survey, const Plan& plan,
-                  qvdb::detail::TargetFile* target);
+Written writeFile(const survey::ByteSource& source, const survey::Survey& survey, const Plan& plan,
+                  products::TargetFile* target);
 
 }  // namespace qvdbase::salvage

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 namespace {
 
 constexpr int64_t kPage = 4096;
@@ -51,4 +51,4 @@ std::optional<platform::FileHole> FileSource::nextHole(int64_t position) const {
   return hole;
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -11,7 +11,7 @@
 
 #include "platform/handles/read_only_file.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 class ByteSource {
  public:
@@ -57,4 +57,4 @@ class FileSource : public ByteSource {
   int64_t size_;
 };
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

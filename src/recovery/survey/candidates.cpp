@@ -13,7 +13,9 @@
 #include "format/block_heads.h"
 #include "format/identifiers.h"
 
-namespace qvdbase::raw {
+using namespace qvdbase::format;
+
+namespace qvdbase::survey {
 namespace {
 
 constexpr size_t kChunk = size_t{1} << 20;
@@ -218,4 +220,4 @@ std::optional<Block> CandidateReader::read(int64_t position, int64_t limit) {
   return block;
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -7,7 +7,7 @@
 
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 // A table in the directory of a nested database. Its positions count from where that begins.
 struct NestedTable {
@@ -56,4 +56,4 @@ class CandidateReader {
   Survey& survey_;
 };
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

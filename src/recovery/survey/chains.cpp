@@ -9,7 +9,9 @@
 #include "format/identifiers.h"
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::raw {
+using namespace qvdbase::format;
+
+namespace qvdbase::survey {
 namespace {
 
 class ChainReader {
@@ -175,4 +177,4 @@ void followChains(const ByteSource& source, Survey* survey) {
   survey->noteUnreadable(reader.unreadableAt());
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -10,7 +10,9 @@
 #include "format/identifiers.h"
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::raw {
+using namespace qvdbase::format;
+
+namespace qvdbase::survey {
 namespace {
 
 constexpr int kLargestStride = 4096;
@@ -133,4 +135,4 @@ void readDirectory(const ByteSource& source, const SurveyOptions& options, Surve
   survey->knownOwners = static_cast<uint32_t>(survey->owners.size());
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -7,7 +7,7 @@
 
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 std::vector<uint32_t> blocksInFileOrder(const Survey& survey) {
   std::vector<uint32_t> order(survey.blocks.size());
@@ -45,4 +45,4 @@ void layExtents(Survey* survey) {
   }
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

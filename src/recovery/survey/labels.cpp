@@ -18,7 +18,9 @@
 
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::raw {
+using namespace qvdbase::format;
+
+namespace qvdbase::survey {
 namespace {
 
 enum class Evidence { none, agree, disagree };
@@ -312,4 +314,4 @@ void labelBlocks(Survey* survey) {
   Labeller(survey).run();
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -26,7 +26,9 @@
 #include <map>
 #include <set>
 
-namespace qvdbase::raw {
+using namespace qvdbase::format;
+
+namespace qvdbase::survey {
 namespace {
 
 constexpr size_t kNone = SIZE_MAX;
@@ -301,4 +303,4 @@ void judgeNested(const Survey& survey, const std::vector<Range>& places, Candida
   NestedJudge(survey, candidates).judge(places, reader);
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

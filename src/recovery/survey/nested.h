@@ -5,7 +5,7 @@
 
 #include "recovery/survey/candidates.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 // One of those that compete for the bytes of the gaps.
 struct Candidate {
@@ -19,4 +19,4 @@ struct Candidate {
 void judgeNested(const Survey& survey, const std::vector<Range>& places, CandidateReader* reader,
                  std::vector<Candidate>* candidates);
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

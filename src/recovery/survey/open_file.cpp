@@ -13,12 +13,12 @@
 #include "platform/handles/open_files.h"
 #include "platform/paths/utf8_names.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 namespace {
 
 [[noreturn]] void refuse(const std::filesystem::path& path, const char* operation,
                          qvdb::Reason reason) {
-  qvdb::detail::throwError(path, operation, reason, std::string(qvdb::to_string(reason)));
+  failure::throwError(path, operation, reason, std::string(qvdb::to_string(reason)));
 }
 
 // The times of a file move in ticks of the system's clock, of up to ten milliseconds. A write in
@@ -48,8 +48,7 @@ std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
     refuse(path, operation, qvdb::Reason::path_not_reachable);
   }
   constexpr int kReadOnly = 1;
-  qvdb::detail::throwOpenFailure(path, operation,
-                                 platform::findOpenFailure(wide.data(), kReadOnly));
+  failure::throwOpenFailure(path, operation, platform::findOpenFailure(wide.data(), kReadOnly));
 }
 
 }  // namespace
@@ -99,4 +98,4 @@ bool OpenedFile::hasChanged() const {
   return firstBytes(*source_, kWatchedSize) != watched_;
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

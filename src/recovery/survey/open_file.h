@@ -9,7 +9,7 @@
 #include "platform/handles/read_only_file.h"
 #include "recovery/survey/byte_source.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 class OpenedFile {
  public:
@@ -50,4 +50,4 @@ class OpenedFile {
   std::vector<unsigned char> watched_;
 };
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 namespace {
 
 // Whether the slot's position may be that of a block which was damaged: what is there is no block,
@@ -34,4 +34,4 @@ uint32_t packedData(const Survey& survey, const Table& table) {
   return isWhole && data.end == slot.firstRecordPos ? found : kNoBlock;
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

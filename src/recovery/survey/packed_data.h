@@ -7,10 +7,10 @@
 
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 // The number of that block; kNoBlock when the table's slot leads to its data, or when there is no
 // such block, or not just one.
 uint32_t packedData(const Survey& survey, const Table& table);
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

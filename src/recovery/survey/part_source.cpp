@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 size_t PartSource::readAt(int64_t position, void* buffer, size_t count) const {
   if (position < 0 || position >= size()) return 0;
@@ -27,4 +27,4 @@ std::optional<platform::FileHole> PartSource::nextHole(int64_t position) const {
   return hole;
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

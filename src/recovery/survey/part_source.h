@@ -3,7 +3,7 @@
 
 #include "recovery/survey/byte_source.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 class PartSource : public ByteSource {
  public:
@@ -22,4 +22,4 @@ class PartSource : public ByteSource {
   int64_t end_;
 };
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 PatchedSource::PatchedSource(const ByteSource& whole, const std::vector<Patch>& patches,
                              int64_t size)
@@ -43,4 +43,4 @@ size_t PatchedSource::readAt(int64_t position, void* buffer, size_t count) const
   return held;
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

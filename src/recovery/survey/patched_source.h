@@ -5,7 +5,7 @@
 
 #include "recovery/survey/byte_source.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 struct Patch {
   int64_t position = 0;
@@ -31,4 +31,4 @@ class PatchedSource : public ByteSource {
   int64_t longest_ = 0;  // of the patches, in bytes
 };
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -9,7 +9,7 @@
 
 #include "support/seeded_hash.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 class PositionIndex {
  public:
@@ -33,7 +33,8 @@ class PositionIndex {
 
  private:
   size_t placeOf(int64_t position) const {
-    return static_cast<size_t>(mixed(static_cast<uint64_t>(position), seed_)) & (keys_.size() - 1);
+    return static_cast<size_t>(support::mixed(static_cast<uint64_t>(position), seed_)) &
+           (keys_.size() - 1);
   }
 
   void put(int64_t position, uint32_t value) {
@@ -54,10 +55,10 @@ class PositionIndex {
     }
   }
 
-  HashSeed seed_ = hashSeed();
+  support::HashSeed seed_ = support::hashSeed();
   std::vector<int64_t> keys_;
   std::vector<uint32_t> values_;
   size_t taken_ = 0;
 };
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -20,7 +20,9 @@
 #include "recovery/survey/nested.h"
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::raw {
+using namespace qvdbase::format;
+
+namespace qvdbase::survey {
 namespace {
 
 bool comesBefore(const Candidate& a, const Candidate& b) {
@@ -251,4 +253,4 @@ void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* su
   }
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -1,7 +1,7 @@
 // The steps of a survey, one after the other.
 #include "recovery/survey/survey.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 Survey makeSurvey(const ByteSource& source, const SurveyOptions& options) {
   Survey survey;
@@ -13,4 +13,4 @@ Survey makeSurvey(const ByteSource& source, const SurveyOptions& options) {
   return survey;
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -25,9 +25,9 @@
 #include "recovery/survey/position_index.h"
 #include "recovery/survey/window.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
-using Id = std::array<unsigned char, kIdentifierSize>;
+using Id = std::array<unsigned char, format::kIdentifierSize>;
 
 inline constexpr uint32_t kNoBlock = PositionIndex::kNone;
 inline constexpr int kNoSlot = -1;
@@ -46,10 +46,10 @@ struct Slot {
   int64_t position = 0;
   bool counted = false;  // below the header's table count
   tablePart1 fields = {};
-  std::array<unsigned char, kSlotImageSize> image = {};
+  std::array<unsigned char, format::kSlotImageSize> image = {};
 
-  bool hasMark() const { return fields.slotMark == kSlotMark; }
-  bool hasEndMark() const { return fields.slotEndMark == kSlotEndMark; }
+  bool hasMark() const { return fields.slotMark == format::kSlotMark; }
+  bool hasEndMark() const { return fields.slotEndMark == format::kSlotEndMark; }
   // What the engine asks of a slot in use.
   bool holdsTable() const { return hasMark() && hasEndMark(); }
   // Whether chains are followed from here: also when a mark was damaged.
@@ -121,7 +121,8 @@ struct Block {
   bool isInTornBlock = false;
 
   int64_t dataPos() const {
-    return position + (kind == BlockKind::record ? record::kData : tabledata::kData);
+    return position +
+           (kind == BlockKind::record ? format::record::kData : format::tabledata::kData);
   }
   // Behind its last byte if its capacity is right.
   int64_t claimedEnd() const { return dataPos() + int64_t{capacity} + 1; }
@@ -198,8 +199,8 @@ struct Survey {
   int64_t size = 0;
   Header header;
   bool headerThere = false;
-  int slotStride = kSlotImageSize;  // bytes from slot to slot, as the survey took them
-  int64_t blocksStart = 0;          // where the first block may be
+  int slotStride = format::kSlotImageSize;  // bytes from slot to slot, as the survey took them
+  int64_t blocksStart = 0;                  // where the first block may be
   std::vector<Slot> slots;
   std::vector<Owner> owners;
   uint32_t knownOwners = 0;  // how many of them, the first ones, have a slot in the directory
@@ -263,4 +264,4 @@ uint32_t ownerOf(const unsigned char* id, Survey* survey);
 // A table's name as far as it goes.
 std::string nameOf(const tablePart1& slot);
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 namespace {
 
 constexpr size_t kSmallest = Window::kLargestView;
@@ -29,4 +29,4 @@ const uint8_t* Window::load(int64_t position, size_t count) {
   return nullptr;
 }
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -7,7 +7,7 @@
 
 #include "recovery/survey/byte_source.h"
 
-namespace qvdbase::raw {
+namespace qvdbase::survey {
 
 class Window {
  public:
@@ -45,4 +45,4 @@ class Window {
   int64_t unreadableAt_ = -1;
 };
 
-}  // namespace qvdbase::raw
+}  // namespace qvdbase::survey

@@ -13,9 +13,9 @@ namespace {
 void expectSurvived(const Bytes& bytes, const std::string& what) {
   const Checked checked = checkBytes(bytes, {.categories = true, .deep = true, .now = kNow});
   EXPECT_EQ(sum(checked.report.space), bytes.size()) << what;
-  const raw::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
+  const survey::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
   for (const bool ignoreDirectory : {false, true}) {
-    const raw::Survey survey = raw::makeSurvey(source, {.ignoreDirectory = ignoreDirectory});
+    const survey::Survey survey = survey::makeSurvey(source, {.ignoreDirectory = ignoreDirectory});
     salvage::makePlan(
         survey,
         {.deleted = true, .versions = true, .orphans = true, .lowest_grade = qvdb::BlockGrade::c});

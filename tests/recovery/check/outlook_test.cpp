@@ -42,10 +42,10 @@ class Outlook : public testing::Test {
   // Whether `call` succeeds for each record that the table's walk meets, each on a fresh copy.
   template <typename Call>
   bool succeedsForAll(const Bytes& bytes, const qvdb::TableOutlook& table, Call call) {
-    const raw::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
-    const raw::Survey survey = raw::makeSurvey(source);
-    const raw::Walk& walk = survey.tableOfSlot(table.slot)->forward;
-    if (walk.blocks.size() < table.counted && walk.end != raw::WalkEnd::loop) return false;
+    const survey::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
+    const survey::Survey survey = survey::makeSurvey(source);
+    const survey::Walk& walk = survey.tableOfSlot(table.slot)->forward;
+    if (walk.blocks.size() < table.counted && walk.end != survey::WalkEnd::loop) return false;
     const size_t count = std::min<size_t>(walk.blocks.size(), table.counted);
     for (size_t i = 0; i < count; ++i) {
       const uint64_t record = survey.blocks[walk.blocks[i]].recordID;
@@ -55,8 +55,8 @@ class Outlook : public testing::Test {
   }
 
   static bool hasRoomFor(const Bytes& bytes, const qvdb::TableOutlook& table, uint32_t size) {
-    const raw::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
-    const raw::Survey survey = raw::makeSurvey(source);
+    const survey::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
+    const survey::Survey survey = survey::makeSurvey(source);
     const std::vector<uint32_t>& walk = survey.tableOfSlot(table.slot)->forward.blocks;
     return std::any_of(walk.begin(), walk.end(),
                        [&](uint32_t number) { return survey.blocks[number].capacity >= size; });

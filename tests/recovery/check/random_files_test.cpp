@@ -139,16 +139,16 @@ TEST(LabelsOfDeadBlocks, SayWhatHappened) {
     database.run(600);
     database.close();
     const Bytes bytes = readFile(database.path());
-    const raw::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
-    const raw::Survey survey = raw::makeSurvey(source);
+    const survey::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
+    const survey::Survey survey = survey::makeSurvey(source);
 
     std::map<int64_t, RandomDatabase::Fate> labelled;
-    for (const raw::Block& block : survey.blocks) {
-      EXPECT_EQ(block.grade, raw::Grade::a);
-      if (block.label == raw::Label::live) continue;
-      EXPECT_TRUE(block.label == raw::Label::superseded || block.label == raw::Label::deleted)
+    for (const survey::Block& block : survey.blocks) {
+      EXPECT_EQ(block.grade, survey::Grade::a);
+      if (block.label == survey::Label::live) continue;
+      EXPECT_TRUE(block.label == survey::Label::superseded || block.label == survey::Label::deleted)
           << "at " << block.position << ", QVDBASE_TEST_SEED=" << seed;
-      labelled[block.position] = block.label == raw::Label::deleted
+      labelled[block.position] = block.label == survey::Label::deleted
                                      ? RandomDatabase::Fate::deleted
                                      : RandomDatabase::Fate::superseded;
     }

@@ -149,10 +149,10 @@ TEST(SalvageOfTornAppends, NeverSwallowsWhatWasCommittedBehindThem) {
       Bytes blind = bytes;
       std::fill(blind.begin(), blind.begin() + 4630, uint8_t{0});
       for (const Bytes& each : {bytes, blind}) {
-        const raw::Survey survey = surveyOf(each);
+        const survey::Survey survey = surveyOf(each);
         std::set<uint64_t> whole;
-        for (const raw::Block& found : survey.blocks) {
-          if (found.grade == raw::Grade::a) whole.insert(found.recordID);
+        for (const survey::Block& found : survey.blocks) {
+          if (found.grade == survey::Grade::a) whole.insert(found.recordID);
         }
         ASSERT_EQ(whole, (std::set<uint64_t>{0xA1, 0xB1, 0xB2, 0xB3, 0xB4}))
             << "torn block of " << length << " bytes, of which " << there << " are there";

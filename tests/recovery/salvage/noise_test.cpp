@@ -17,8 +17,8 @@
 namespace qvdbase::test {
 namespace {
 
-using raw::Block;
-using raw::Survey;
+using survey::Block;
+using survey::Survey;
 
 // A database in which everything has happened, and what the survey says of it undamaged.
 struct Original {
@@ -44,7 +44,7 @@ const Original& original() {
 
 // Expects the survey of bytes in which `touched` was damaged to have found every other block, and
 // nothing where none was; and a salvage to take every record that was in use.
-void expectRecall(const Original& before, const Survey& survey, const raw::Range& touched,
+void expectRecall(const Original& before, const Survey& survey, const survey::Range& touched,
                   const std::string& where) {
   const salvage::Plan plan = salvage::makePlan(survey, {});
   std::set<int64_t> found;
@@ -59,7 +59,7 @@ void expectRecall(const Original& before, const Survey& survey, const raw::Range
     const bool isTouched = position < touched.end && block->end > touched.begin;
     if (isTouched) continue;
     EXPECT_TRUE(found.contains(position)) << where << ": missed " << position;
-    if (block->label == raw::Label::live) {
+    if (block->label == survey::Label::live) {
       EXPECT_TRUE(taken.contains(position)) << where << ": left out " << position;
     }
   }
@@ -118,22 +118,22 @@ TEST(SalvageOfNoise, KeepsTheOrderOfRecordsWithoutADirectory) {
 // ---- a device that cannot read some of its bytes
 
 // A source of which one range cannot be read.
-class UnreadableSource : public raw::MemorySource {
+class UnreadableSource : public survey::MemorySource {
  public:
-  UnreadableSource(const Bytes& bytes, raw::Range bad)
-      : raw::MemorySource(asBytes(bytes)), bad_(bad) {}
+  UnreadableSource(const Bytes& bytes, survey::Range bad)
+      : survey::MemorySource(asBytes(bytes)), bad_(bad) {}
   size_t readAt(int64_t position, void* buffer, size_t count) const override {
     ++reads;
     if (position >= bad_.begin && position < bad_.end) return 0;
     if (position < bad_.begin) {
       count = std::min(count, static_cast<size_t>(bad_.begin - position));
     }
-    return raw::MemorySource::readAt(position, buffer, count);
+    return survey::MemorySource::readAt(position, buffer, count);
   }
   mutable int64_t reads = 0;
 
  private:
-  raw::Range bad_;
+  survey::Range bad_;
 };
 
 TEST(SalvageOfUnreadableFiles, FindsEveryBlockThatCanBeRead) {
@@ -143,12 +143,12 @@ TEST(SalvageOfUnreadableFiles, FindsEveryBlockThatCanBeRead) {
   const auto size = static_cast<int64_t>(blind.size());
   for (int64_t begin = 8192; begin < size; begin += size / 20) {
     // Pages of a device, and other parts, as an image has them that begins anywhere on it.
-    for (const raw::Range bad :
-         {raw::Range{begin / 4096 * 4096, begin / 4096 * 4096 + 4096},
-          raw::Range{begin, begin + 9000}, raw::Range{begin, begin + 1}, raw::Range{begin, size}}) {
-      const raw::Range inside = {bad.begin, std::min(bad.end, size)};
+    for (const survey::Range bad : {survey::Range{begin / 4096 * 4096, begin / 4096 * 4096 + 4096},
+                                    survey::Range{begin, begin + 9000},
+                                    survey::Range{begin, begin + 1}, survey::Range{begin, size}}) {
+      const survey::Range inside = {bad.begin, std::min(bad.end, size)};
       const UnreadableSource source(blind, inside);
-      const Survey survey = raw::makeSurvey(source);
+      const Survey survey = survey::makeSurvey(source);
       const std::string where = "unreadable from " + std::to_string(inside.begin) + " to " +
                                 std::to_string(inside.end) +
                                 ", QVDBASE_TEST_SEED=" + std::to_string(firstSeed());
@@ -168,7 +168,7 @@ TEST(SalvageOfUnreadableFiles, AsksOnceForEachPageThatCannotBeRead) {
   const auto end = static_cast<int64_t>(bytes.size());
   bytes.add(record.encode());
   const UnreadableSource source(bytes, {8192, end});
-  const Survey survey = raw::makeSurvey(source);
+  const Survey survey = survey::makeSurvey(source);
   ASSERT_EQ(survey.blocks.size(), 1u);
   EXPECT_EQ(survey.blocks[0].position, end);
   EXPECT_LT(source.reads, kPages + 200);
@@ -176,8 +176,8 @@ TEST(SalvageOfUnreadableFiles, AsksOnceForEachPageThatCannotBeRead) {
 
 TEST(SalvageOfUnreadableFiles, NotesADirectoryThatCannotBeRead) {
   const Bytes& bytes = original().bytes;
-  EXPECT_EQ(raw::makeSurvey(UnreadableSource(bytes, {0, 4096})).unreadableAt, 0);
-  EXPECT_EQ(raw::makeSurvey(UnreadableSource(bytes, {200, 300})).unreadableAt, 22 + 144);
+  EXPECT_EQ(survey::makeSurvey(UnreadableSource(bytes, {0, 4096})).unreadableAt, 0);
+  EXPECT_EQ(survey::makeSurvey(UnreadableSource(bytes, {200, 300})).unreadableAt, 22 + 144);
   EXPECT_EQ(surveyOf(bytes.cut(3000)).unreadableAt, -1);
   EXPECT_EQ(surveyOf(bytes.cut(10)).unreadableAt, -1);
 }
@@ -252,9 +252,9 @@ Bytes copyFromBeforeAPack() {
   return image.build();
 }
 
-const raw::Block* blockAt(const Survey& survey, int64_t position) {
+const survey::Block* blockAt(const Survey& survey, int64_t position) {
   const uint32_t number = survey.byPosition.find(position);
-  return number == raw::kNoBlock ? nullptr : &survey.blocks[number];
+  return number == survey::kNoBlock ? nullptr : &survey.blocks[number];
 }
 
 TEST(SalvageOfNestedDatabases, TakesACopyFromBeforeAPackForAPayload) {
@@ -264,8 +264,8 @@ TEST(SalvageOfNestedDatabases, TakesACopyFromBeforeAPackForAPayload) {
   const Bytes bytes = outer.image.build();
   outer.expectOnlyOwnBlocks(bytes);
   const Survey survey = surveyOf(bytes);
-  EXPECT_EQ(blockAt(survey, outer.b)->grade, raw::Grade::a);
-  EXPECT_EQ(blockAt(survey, outer.b)->label, raw::Label::deleted);
+  EXPECT_EQ(blockAt(survey, outer.b)->grade, survey::Grade::a);
+  EXPECT_EQ(blockAt(survey, outer.b)->label, survey::Label::deleted);
   EXPECT_EQ(survey.nestedBlocks.size(), 3u);
 
   const Salvaged saved = salvaged(bytes, {.deleted = true});
@@ -478,7 +478,7 @@ TEST(SalvageOfNestedDatabases, CutsABlockInUseWhoseCapacityReachesOverOthers) {
     EXPECT_TRUE(blockAt(survey, a)->isCut());
     for (const int64_t each : {b, c}) {
       ASSERT_NE(blockAt(survey, each), nullptr);
-      EXPECT_EQ(blockAt(survey, each)->grade, raw::Grade::a);
+      EXPECT_EQ(blockAt(survey, each)->grade, survey::Grade::a);
     }
   }
 }
@@ -504,7 +504,7 @@ TEST(SalvageOfNestedDatabases, AreFoundWhenTheyAreAskedFor) {
 // ---- size
 
 // A source of zeros with a block at its end.
-class SparseSource : public raw::ByteSource {
+class SparseSource : public survey::ByteSource {
  public:
   SparseSource(int64_t size, const Bytes& end) : size_(size), end_(end) {}
   int64_t size() const override { return size_; }
@@ -534,7 +534,7 @@ TEST(SalvageOfLargeFiles, FindsOneBlockAtTheEnd) {
   const Bytes block = record.encode();
   const int64_t size = int64_t(seeds(64, 4096)) << 20;
   const SparseSource source(size, block);
-  const Survey survey = raw::makeSurvey(source);
+  const Survey survey = survey::makeSurvey(source);
   ASSERT_EQ(survey.blocks.size(), 1u);
   EXPECT_EQ(survey.blocks[0].position, size - static_cast<int64_t>(block.size()));
 }
@@ -581,10 +581,10 @@ TEST(SalvageOfLargeFiles, FindsBlocksBehindAHole) {
 // A search goes on where a hole ends, and misses nothing there.
 TEST(SalvageOfLargeFiles, FindsABlockDirectlyBehindAHole) {
   constexpr int64_t kMegabyte = int64_t{1} << 20;
-  class Holey : public raw::MemorySource {
+  class Holey : public survey::MemorySource {
    public:
     Holey(const Bytes& bytes, platform::FileHole hole)
-        : raw::MemorySource(asBytes(bytes)), hole_(hole) {}
+        : survey::MemorySource(asBytes(bytes)), hole_(hole) {}
     std::optional<platform::FileHole> nextHole(int64_t position) const override {
       if (position >= hole_.end) return std::nullopt;
       return platform::FileHole{std::max(position, hole_.begin), hole_.end};
@@ -602,7 +602,7 @@ TEST(SalvageOfLargeFiles, FindsABlockDirectlyBehindAHole) {
     record.recordID = identifier(0xA1);
     bytes.zeros(static_cast<size_t>(inside)).add(record.encode());
     const Holey source(bytes, {10'000, behind});
-    const Survey survey = raw::makeSurvey(source);
+    const Survey survey = survey::makeSurvey(source);
     ASSERT_EQ(survey.blocks.size(), 1u) << inside;
     EXPECT_EQ(survey.blocks[0].position, behind);
   }

@@ -22,9 +22,9 @@ inline std::span<const std::byte> asBytes(const Bytes& bytes) {
   return std::as_bytes(std::span(bytes.data(), bytes.size()));
 }
 
-inline raw::Survey surveyOf(const Bytes& bytes, const raw::SurveyOptions& options = {}) {
-  const raw::MemorySource source(asBytes(bytes));
-  return raw::makeSurvey(source, options);
+inline survey::Survey surveyOf(const Bytes& bytes, const survey::SurveyOptions& options = {}) {
+  const survey::MemorySource source(asBytes(bytes));
+  return survey::makeSurvey(source, options);
 }
 
 struct Salvaged {
@@ -68,12 +68,12 @@ inline const ReadTable* tableNamed(const ReadDatabase& database, const std::stri
 // The records that a salvage would take, with their payloads, without writing the new file.
 inline std::map<std::pair<uint64_t, uint64_t>, Bytes> takenRecords(
     const Bytes& bytes, const qvdb::SalvageOptions& options = {}) {
-  const raw::Survey survey = surveyOf(bytes);
+  const survey::Survey survey = surveyOf(bytes);
   const salvage::Plan plan = salvage::makePlan(survey, options);
   std::map<std::pair<uint64_t, uint64_t>, Bytes> records;
   for (const salvage::PlannedTable& table : plan.tables) {
     for (const uint32_t number : table.records) {
-      const raw::Block& block = survey.blocks[number];
+      const survey::Block& block = survey.blocks[number];
       records[{survey.owners[block.owner].number, block.recordID}] =
           bytes.at(static_cast<size_t>(block.dataPos()), static_cast<size_t>(block.dataThere()));
     }

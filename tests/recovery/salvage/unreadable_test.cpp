@@ -76,7 +76,7 @@ class Unreadable : public testing::Test {
 };
 
 // A device that gives all the bytes that it is asked for, or none.
-class AllOrNothing : public raw::ByteSource {
+class AllOrNothing : public survey::ByteSource {
  public:
   int64_t size() const override { return 100'000; }
   size_t readAt(int64_t position, void* buffer, size_t count) const override {
@@ -88,7 +88,7 @@ class AllOrNothing : public raw::ByteSource {
 
 TEST(WindowOnADevice, HasTheBytesNextToThoseThatCannotBeRead) {
   const AllOrNothing device;
-  raw::Window window(device);
+  survey::Window window(device);
   for (int64_t position = 8000; position < 12'000; position += 100) {
     const bool isGood = position + 100 <= 10'000 || position >= 10'512;
     EXPECT_EQ(window.at(position, 100) != nullptr, isGood) << position;

@@ -8,6 +8,7 @@
 
 #include "kit/bytes.h"
 #include "kit/fake_host.h"
+#include "kit/layers.h"
 #include "kit/temp_folder.h"
 #include "support/files/fake_root.h"
 

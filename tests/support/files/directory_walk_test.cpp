@@ -10,6 +10,7 @@
 
 #include "kit/bytes.h"
 #include "kit/fake_host.h"
+#include "kit/layers.h"
 #include "kit/temp_folder.h"
 #include "platform/paths/fs_ref.h"
 #include "support/files/fake_root.h"

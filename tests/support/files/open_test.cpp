@@ -9,6 +9,7 @@
 
 #include "kit/bytes.h"
 #include "kit/fake_host.h"
+#include "kit/layers.h"
 #include "kit/open_descriptors.h"
 #include "kit/temp_folder.h"
 #include "support/files/fake_root.h"

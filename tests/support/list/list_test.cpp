@@ -418,7 +418,7 @@ TEST(List, OfCachedDirectoriesIsLeftAsItIsWhenItsMemoryCannotBeHad) {
   const long before = g_liveAllocations;
   for (long left = 0; left < 2; ++left) {
     g_allocationsLeft = left;
-    qvdbase::addDirectoryEntry({}, internal_Head1{});
+    qvdbase::engine::addDirectoryEntry({}, internal_Head1{});
     EXPECT_EQ(g_allocationsLeft, -1);
     EXPECT_EQ(g_liveAllocations, before);
     EXPECT_EQ(gbl_Gdb2tDQ.GetSize(), 0);

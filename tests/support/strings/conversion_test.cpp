@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "kit/bytes.h"
+#include "kit/layers.h"
 #include "kit/recorded_calls.h"
 #include "kit/wide.h"
 #include "support/strings/guarded_text.h"

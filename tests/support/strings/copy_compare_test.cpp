@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <qvdbase/QVWString.h>
 
+#include "kit/layers.h"
 #include "kit/wide.h"
 #include "support/strings/guarded_text.h"
 

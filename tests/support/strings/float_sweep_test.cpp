@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <random>
 
+#include "kit/layers.h"
 #include "kit/random_seed.h"
 #include "support/strings/float_rules.h"
 #include "support/strings/formatted.h"

@@ -4,6 +4,7 @@
 
 #include <limits>
 
+#include "kit/layers.h"
 #include "support/strings/formatted.h"
 
 using namespace qvdbase::test;

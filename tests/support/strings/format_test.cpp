@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <qvdbase/QVWString.h>
 
+#include "kit/layers.h"
 #include "support/strings/formatted.h"
 
 using namespace qvdbase::test;

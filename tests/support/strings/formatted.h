@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "kit/layers.h"
 #include "kit/wide.h"
 #include "support/strings/guarded_text.h"
 
