@@ -18,12 +18,15 @@ struct HashSeed {
 };
 const HashSeed& hashSeed();
 
-// Every bit of the result depends on every bit of the number and of the seed.
+// Flipping any bit of the number or of the seed flips each bit of the result half of the time. A
+// product passes its bits upwards only, so this takes two of them after the last of the seed.
 inline uint64_t mixed(uint64_t number, const HashSeed& seed) {
+  constexpr uint64_t kFactor = 0xD6E8FEB86659FD93u;
   number ^= seed.before;
-  number = (number ^ (number >> 32)) * 0xD6E8FEB86659FD93u;
+  number = (number ^ (number >> 32)) * kFactor;
   number ^= seed.between;
-  number = (number ^ (number >> 32)) * 0xD6E8FEB86659FD93u;
+  number = (number ^ (number >> 32)) * kFactor;
+  number = (number ^ (number >> 32)) * kFactor;
   return number ^ (number >> 32);
 }
 

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <map>
+#include <random>
 #include <unordered_set>
 #include <vector>
 
@@ -69,6 +71,31 @@ TEST(SeededHash, IsAnotherOneForEachSeed) {
     }
     EXPECT_LT(same, 40u);
   }
+}
+
+// Of a number and a seed, 64 bits each part, one flipped bit flips each bit of the result in about
+// half of the cases.
+TEST(SeededHash, DependsInEachOfItsBitsOnEachBitOfNumberAndSeed) {
+  constexpr int kCases = 2000;
+  using Input = std::array<std::uint64_t, 3>;
+  const auto hash = [](const Input& in) { return mixed(in[0], HashSeed{in[1], in[2]}); };
+  std::mt19937_64 random(20);
+  std::vector<int> flips(3 * 64 * 64);
+  for (int i = 0; i < kCases; ++i) {
+    const Input in = {random(), random(), random()};
+    const std::uint64_t before = hash(in);
+    for (std::size_t bit = 0; bit < 3 * 64; ++bit) {
+      Input flipped = in;
+      flipped[bit / 64] ^= std::uint64_t{1} << (bit % 64);
+      const std::uint64_t changed = before ^ hash(flipped);
+      for (std::size_t out = 0; out < 64; ++out) {
+        flips[bit * 64 + out] += static_cast<int>(changed >> out & 1);
+      }
+    }
+  }
+  const auto [least, most] = std::minmax_element(flips.begin(), flips.end());
+  EXPECT_GT(*least, kCases * 4 / 10) << "input and output bit " << least - flips.begin();
+  EXPECT_LT(*most, kCases * 6 / 10) << "input and output bit " << most - flips.begin();
 }
 
 }  // namespace

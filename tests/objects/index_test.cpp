@@ -69,6 +69,7 @@ uint64_t unmixed(uint64_t hash, const qvdbase::support::HashSeed& seed) {
   uint64_t inverse = 1;  // of the factor: each round doubles the number of its right bits
   for (int i = 0; i < 6; ++i) inverse *= 2 - 0xD6E8FEB86659FD93u * inverse;
   hash = (hash ^ (hash >> 32)) * inverse;
+  hash = (hash ^ (hash >> 32)) * inverse;
   hash = ((hash ^ (hash >> 32)) ^ seed.between) * inverse;
   return (hash ^ (hash >> 32)) ^ seed.before;
 }
