@@ -67,6 +67,8 @@ TEST_F(LayerOpen, LooksAtTheEndsOfTheChainsWhenAskedTo) {
   const auto error = errorOf([&] { Database::open(path(), {.check = true}); });
   ASSERT_TRUE(error);
   EXPECT_EQ(error->reason(), Reason::chain_damaged);
+  EXPECT_NE(std::string(error->what()).find("table '" + error->table() + "': "), std::string::npos)
+      << error->what();
   EXPECT_EQ(error->table(), "notes");
 }
 

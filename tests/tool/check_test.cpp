@@ -30,7 +30,7 @@ TEST_F(ToolCheck, TellsWhatIsWrongWhatFailsAndWhatToDo) {
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.err, "");
     for (const char* part :
-         {"error R5 table notes record 0x", "The chain ends after 2 records of 3.", "fails    ",
+         {"error R5 table 'notes' record 0x", "The chain ends after 2 records of 3.", "fails    ",
           "do       run 'qvdb salvage'", "What will fail on this table now: listing",
           "test.qvd: damaged: 3 errors, 0 warnings; 3 blocks, "}) {
       EXPECT_NE(outcome.out.find(part), std::string::npos) << part << " is not in\n" << outcome;
@@ -77,7 +77,7 @@ TEST_F(ToolCheck, ShowsInformationAndSpaceWithVerbose) {
   done({"rm", "test.qvd", "notes", ids[0]});
   EXPECT_EQ(done({"check", "test.qvd"}).find("S2"), std::string::npos);
   const std::string out = done({"check", "-v", "test.qvd"});
-  EXPECT_NE(out.find("information S2 table notes at 4630"), std::string::npos) << out;
+  EXPECT_NE(out.find("information S2 table 'notes' at 4630"), std::string::npos) << out;
   EXPECT_NE(out.find("              61  deleted records\n"), std::string::npos) << out;
 }
 

@@ -87,7 +87,7 @@ TEST_F(ToolMaintenance, RepairLosesNothingUnlessItIsForced) {
   lively.image.record(lively.a).nextRecordPos = 0;
   writeFile(path(kSource), lively.image.build());
   const std::string losses =
-      "table one: 2 records that can still be found would drop out of its "
+      "table 'one': 2 records that can still be found would drop out of its "
       "chain, 1 would stay\n";
   expectUnchanged(
       [&] {
@@ -120,7 +120,7 @@ TEST_F(ToolMaintenance, RepairCallsNothingSoundThatIsNot) {
           const Outcome outcome = run(words);
           EXPECT_EQ(outcome.status, 1);
           EXPECT_EQ(outcome.out,
-                    "table notes: 1 record outside of its chain, which repair takes "
+                    "table 'notes': 1 record outside of its chain, which repair takes "
                     "for sound\n");
           expectOneLine(outcome.err, {kSource, "'qvdb check' finds 1 error", "'qvdb salvage'"});
         }

@@ -20,12 +20,13 @@ struct Options {
 void tellLosses(const RepairPreview& preview) {
   for (const RepairedTable& table : preview.tables) {
     if (table.missed > 0) {
-      printLine("table " + escaped(table.name) + ": " + counted(table.missed, "record", "records") +
+      printLine("table '" + escaped(table.name) +
+                "': " + counted(table.missed, "record", "records") +
                 " outside of its chain, which repair takes for sound");
     }
     if (table.lost == 0) continue;
-    printLine("table " + escaped(table.name) + ": " +
-              counted(table.lost, "record that can", "records that can") +
+    printLine("table '" + escaped(table.name) +
+              "': " + counted(table.lost, "record that can", "records that can") +
               " still be found would " + "drop out of its chain, " + std::to_string(table.kept) +
               " would stay");
   }

@@ -151,7 +151,7 @@ constexpr FindingCode kCodes[] = {
     {"C2", kError, "a category names a record that does not exist", "pack with new identifiers",
      "take the entry out of the category"},
     {"C3", kWarning, "a category names the last record of the records table",
-     "pack with new identifiers", "append another record to \"QVrz_Record\" before"},
+     "pack with new identifiers", "append another record to 'QVrz_Record' before"},
     {"C4", kWarning, "categories without the tables that belong to them",
      "pack with new identifiers", "use the ordinary pack"},
 

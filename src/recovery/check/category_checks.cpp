@@ -41,16 +41,16 @@ class CategoryCheck {
     const Table* info = tableNamed(survey_, "QVrz_Info");
     if (categories == nullptr) {
       if (records != nullptr || info != nullptr) {
-        findings_.warning("C4", {}, "There is no table \"QVrz_Category\" beside the other two.");
+        findings_.warning("C4", {}, "There is no table 'QVrz_Category' beside the other two.");
       }
       return;
     }
     slot_ = &survey_.slots[static_cast<size_t>(categories->slot)];
     if (records == nullptr || info == nullptr) {
       findings_.warning("C4", {.slot = slot_},
-                        std::string("There is no table \"") +
+                        std::string("There is no table '") +
                             (records == nullptr ? "QVrz_Record" : "QVrz_Info") +
-                            "\" beside the categories.");
+                            "' beside the categories.");
     }
     if (records != nullptr) {
       for (const uint32_t number : records->forward.blocks) {
@@ -106,7 +106,7 @@ class CategoryCheck {
             the(block) + " names the record " + shownId(id) + ", which does not exist.");
       } else if (id == last_) {
         findings_.warning("C3", where,
-                          the(block) + " names the last record of \"QVrz_Record\", " + shownId(id) +
+                          the(block) + " names the last record of 'QVrz_Record', " + shownId(id) +
                               ", which a pack with new identifiers does not find.");
       }
     }

@@ -43,7 +43,7 @@ std::string counted(uint64_t count, const char* one, const char* many) {
 
 std::string shown(const std::string& name) {
   static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text = "\"";
+  std::string text = "'";
   for (const char each : name) {
     const auto byte = static_cast<unsigned char>(each);
     if (byte < 0x20 || byte == 0x7F) {
@@ -51,11 +51,11 @@ std::string shown(const std::string& name) {
       text += kDigits[byte >> 4];
       text += kDigits[byte & 15];
     } else {
-      if (each == '"' || each == '\\') text += '\\';
+      if (each == '\'' || each == '\\') text += '\\';
       text += each;
     }
   }
-  return text + "\"";
+  return text + "'";
 }
 
 std::string shownId(uint64_t id) {

@@ -59,7 +59,7 @@ class Findings {
 std::string counted(uint64_t count, const char* thing);
 std::string counted(uint64_t count, const char* one, const char* many);
 
-// A name from a file, made fit to be shown: quoted, what is not printable escaped.
+// A name from a file, made fit to be shown: in single quotes, what is not printable escaped.
 std::string shown(const std::string& name);
 
 // "0x" and 16 digits.

@@ -23,10 +23,10 @@ void checkSignature(const Header& header, Findings* findings) {
   if (hasLetters(header, 'Q', 'V')) return;
   const About about = {.offset = 0};
   if (hasLetters(header, 'V', 'Q')) {
-    return findings->error("H1", about, "The first two letters are \"VQ\", in the wrong order.");
+    return findings->error("H1", about, "The first two letters are 'VQ', in the wrong order.");
   }
   const std::string letters(reinterpret_cast<const char*>(header.fields.signature), kSignatureSize);
-  findings->error("H1", about, "The file begins with " + shown(letters) + ", not with \"QV\".");
+  findings->error("H1", about, "The file begins with " + shown(letters) + ", not with 'QV'.");
 }
 
 void checkVersion(const Survey& survey, Findings* findings) {

@@ -186,7 +186,7 @@ bool repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* 
   repaired->counted = slot.fields.recordCount;
   repaired->reachable = survey.owners[table.owner].records;
   if (!dataIsWhole(survey, table)) {
-    *failure = "the table data of " + shown(repaired->name) + " is not where it should be";
+    *failure = "the data of table " + shown(repaired->name) + " is not where it should be";
     return false;
   }
   const auto forward = std::min<uint64_t>(table.forward.blocks.size(), count);
@@ -195,7 +195,7 @@ bool repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* 
   if (!hasRecords(slot.fields)) {
     repaired->kept = 0;
   } else if (forward == 0 && backward == 0) {
-    *failure = "no record of " + shown(repaired->name) + " can be reached";
+    *failure = "no record of table " + shown(repaired->name) + " can be reached";
     return false;
   } else {
     // Sound to it is a chain of which both walks meet as many records as are counted.

@@ -137,7 +137,7 @@ class Planner {
         std::toupper(fields.signature[0]) == 'Q' && std::toupper(fields.signature[1]) == 'V';
     if (!lettersRight) {
       std::memcpy(fields.signature, "QVdb", kSignatureSize);
-      note("The signature of the source is damaged; the new file has \"QVdb\".");
+      note("The signature of the source is damaged; the new file has 'QVdb'.");
     }
     const bool versionRight = fields.version >= kFirstVersion && fields.version <= kLastVersion;
     if (!versionRight || fields.version == kUnfinishedPackVersion) {
@@ -296,17 +296,17 @@ class Planner {
 
   void giveIdentifier(uint32_t owner, bool isAdopted, PlannedTable* planned) {
     if (isAdopted) {
-      note("The identifier of the table " + planned->name() +
-           " is damaged; its blocks say which it was.");
+      note("The identifier of table '" + planned->name() +
+           "' is damaged; its blocks say which it was.");
     }
     const uint64_t number = survey_.owners[owner].number;
     if (number == 0) {
       GenerateUuID(planned->slot.tableID);
-      note("The identifier of the table " + planned->name() + " is zero; it has a new one.");
+      note("The identifier of table '" + planned->name() + "' is zero; it has a new one.");
     } else if (isOfAnother(owner)) {
       GenerateUuID(planned->slot.tableID);
-      note("The identifier of the table " + planned->name() +
-           " is damaged, and as it stands is that of another; it has a new one.");
+      note("The identifier of table '" + planned->name() +
+           "' is damaged, and as it stands is that of another; it has a new one.");
     } else {
       internal_ConvertInt64_2UuID(number, planned->slot.tableID);
       given_.insert(number);
@@ -379,7 +379,7 @@ class Planner {
       planned.records = inLinkOrder(survey_, group.members);
       planned.records.insert(planned.records.end(), group.unlinked.begin(), group.unlinked.end());
       planned.data = group.data;
-      note("The directory does not have the table " + planned.name() + "; its name is lost.");
+      note("The directory does not have table '" + planned.name() + "'; its name is lost.");
       add(std::move(planned), &group);
     }
   }
@@ -421,7 +421,7 @@ class Planner {
     group->isPlanned = true;
     if (plan_.tables.size() == kMostTables) {
       ++plan_.tablesLeftOut;
-      return note("There is no room for the table " + planned.name() + ": a database has 31.");
+      return note("There is no space for table '" + planned.name() + "': a database has 31.");
     }
     const auto place = static_cast<int>(plan_.tables.size());
     std::replace(planned.records.begin(), planned.records.end(), replaced_, wanted_);
