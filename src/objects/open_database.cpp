@@ -35,6 +35,21 @@ OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const ch
   failure::throwError(operation, Reason::not_open, "it belongs to no database");
 }
 
+// What does not fit, or is not there, as far as could be read.
+bool saysWhatTheFileHolds(Reason reason) {
+  switch (reason) {
+    case Reason::not_a_database:
+    case Reason::directory_damaged:
+    case Reason::chain_damaged:
+    case Reason::data_damaged:
+    case Reason::table_missing:
+    case Reason::record_missing:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
@@ -47,8 +62,17 @@ void Operation::fail(Reason reason, const std::string& why,
                      std::optional<uint64_t> recordNumber) const {
   ErrorDetails known = details();
   known.record_number = recordNumber;
+  failAs(reason, why, std::move(known));
+}
+
+// A read that failed is no reason to call the file damaged.
+void Operation::failAs(Reason reason, const std::string& why, ErrorDetails known) const {
   known.system_code = platform::lastHostFailure();
-  failure::throwError(database_.path, name_, reason, why, std::move(known));
+  if (!known.system_code || !saysWhatTheFileHolds(reason)) {
+    failure::throwError(database_.path, name_, reason, why, std::move(known));
+  }
+  const std::string host = "the system cannot read the file: " + known.system_code.message();
+  failure::throwError(database_.path, name_, Reason::cannot_read, host, std::move(known));
 }
 
 void Operation::about(const tablePart1& slot) const {
@@ -124,7 +148,7 @@ engine::FoundTable Operation::table(Id table) const {
 void Operation::failMissingTable(const std::string& wanted, const std::string& why) const {
   ErrorDetails known;
   known.table = wanted;
-  failure::throwError(database_.path, name_, Reason::table_missing, why, std::move(known));
+  failAs(Reason::table_missing, why, std::move(known));
 }
 
 void Operation::readSlot(const engine::DirectoryNumbers& numbers, int index,

@@ -82,6 +82,7 @@ class Operation {
   const OpenDatabase& database() const { return database_; }
   const char* name() const { return name_; }
 
+  // Where the host has failed meanwhile, what seems to be damage is cannot_read instead.
   [[noreturn]] void fail(Reason reason, const std::string& why,
                          std::optional<uint64_t> recordNumber = std::nullopt) const;
 
@@ -139,6 +140,7 @@ class Operation {
                 tablePart1* slot) const;
 
   ErrorDetails details() const;
+  [[noreturn]] void failAs(Reason reason, const std::string& why, ErrorDetails known) const;
 
   OpenDatabase& database_;
   const char* name_;

@@ -1,6 +1,9 @@
 // What errors say: the reason that fits what the host answered, its code, the file and the table.
 #include <fcntl.h>
 
+#include <functional>
+#include <map>
+
 #include "kit/recorded_calls.h"
 #include "kit/replaced_calls.h"
 #include "objects/layer_fixture.h"
@@ -188,6 +191,47 @@ TEST_F(LayerErrors, AreCopiedWithAllThatTheyKnow) {
   EXPECT_EQ(copy.table(), "notes");
   EXPECT_EQ(copy.system_code(), std::errc::io_error);
   EXPECT_EQ(copy.record_number(), 7u);
+}
+
+// A device that fails is no damage, whichever read it refuses.
+TEST_F(LayerErrors, OfReadsThatFailSayThatTheSystemCannotRead) {
+  {
+    auto database = createDatabase();
+    auto table = database.add_table("t");
+    for (const char* text : {"first", "second", "third"}) table.add(text);
+    table.set_data("about");
+  }
+  using Operation = std::function<void(const qvdb::Database&, const qvdb::Table&)>;
+  const std::map<std::string, Operation> operations = {
+      {"tables", [](const auto& database, const auto&) { static_cast<void>(database.tables()); }},
+      {"find", [](const auto&, const auto& table) { static_cast<void>(table.find(qvdb::Id{7})); }},
+      {"records", [](const auto&, const auto& table) { idsOf(table); }},
+      {"data size", [](const auto&, const auto& table) { static_cast<void>(table.data_size()); }},
+      {"data", [](const auto&, const auto& table) { static_cast<void>(table.data()); }},
+  };
+  for (const auto& [name, operation] : operations) {
+    for (const bool once : {true, false}) {
+      int skip = 0;
+      for (bool isRefused = true; isRefused; ++skip) {
+        SCOPED_TRACE(name + (once ? ", one read" : ", all reads") + " after " +
+                     std::to_string(skip));
+        const auto database = openDatabase(qvdb::Mode::read_only);
+        const qvdb::Table table = database.table("t");
+        RecordedCalls host;
+        if (once) host.failOnce(Call::read, skip);
+        if (!once) host.failFrom(Call::read, skip);
+        try {
+          operation(database, table);
+        } catch (const Error& error) {
+          EXPECT_EQ(error.reason(), Reason::cannot_read) << error.what();
+          EXPECT_EQ(error.system_code().value(), EIO) << error.what();
+        }
+        isRefused = host.failed();
+        host.heal();
+      }
+      EXPECT_GT(skip, 1);
+    }
+  }
 }
 
 }  // namespace
