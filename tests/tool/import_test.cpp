@@ -202,6 +202,23 @@ TEST_F(ToolImport, WithReplaceRenewsAndExtends) {
   EXPECT_EQ(json({"records", "--json", "test.qvd", "files"})["records"][0]["id"], before);
 }
 
+// As a retry of an import that was killed after it had stored the names.
+TEST_F(ToolImport, TakesTheSameLinkForThereAlready) {
+  fs::create_directory(path("in"));
+  fs::create_symlink("elsewhere", path("in/link"));
+  done({"import", "test.qvd", "files", "in/"});
+  store("in/new", bytesOf("new"));
+  done({"import", "test.qvd", "files", "in/"});
+  done({"export", "test.qvd", "files", "out"});
+  EXPECT_EQ(inventory(path("out")), inventory(path("in")));
+  fs::remove(path("in/new"));
+  fs::remove(path("in/link"));
+  fs::create_symlink("nowhere", path("in/link"));
+  expectUnchanged([&] {
+    fails({"import", "test.qvd", "files", "in/"}, 1, {"'link'", "--replace"});
+  });
+}
+
 TEST_F(ToolImport, KeepsFilesThatAreGoneFromTheFolder) {
   store("in/a", bytesOf("a"));
   store("in/b", bytesOf("b"));

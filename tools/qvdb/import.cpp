@@ -116,9 +116,11 @@ void Importer::check(const FileTree& tree) {
                     "'; import into another table");
     }
     if (old.kind == FileKind::file) loadRecords();
-    const bool isThere =
-        old.kind == FileKind::link || (old.kind == FileKind::file && records_.contains(old.record));
-    if (isThere && clashes++ == 0) first = found.file.name;
+    // The same link again is no clash: it is what an import that was killed has left.
+    const bool isReplaced = old.kind == FileKind::link
+                                ? old.target != found.file.target
+                                : old.kind == FileKind::file && records_.contains(old.record);
+    if (isReplaced && clashes++ == 0) first = found.file.name;
   }
   if (clashes == 0 || replace_) return;
   throw Failure(database_.path().native() + ": table '" + table_.name() + "' has '" + first + "'" +
