@@ -363,7 +363,7 @@ int run(const Options& options) {
   for (const std::string& path : tree.leftOut) complain("left out: " + path);
 
   std::optional<Table> table = database.find_table(options.table);
-  if (!table && parse_id(options.table)) table = findTable(database, options.table);
+  if (table || parse_id(options.table)) table = findTable(database, options.table);
   if (!table) table = database.add_table(options.table);
   Importer importer(database, *table, namesOf(database, *table), options.replace);
   importer.check(tree);
