@@ -1,7 +1,8 @@
 // The example files of docs/format-examples.md are rebuilt from the rows printed there and compared
 // with the files of docs/conformance that they show; the first one is read with the library as
 // well, so that the description cannot drift from what the library does. And docs/format.md names
-// every code that a check reports, and no other.
+// every code that a check reports, and no other; the invariants of docs/architecture.md and the
+// tests' own checker have the same codes.
 #include <gtest/gtest.h>
 #include <qvdbase/qvdbase.h>
 #include <qvdbase/qvdb/check.hpp>
@@ -68,6 +69,12 @@ Bytes exampleFile(size_t index = 0) {
 constexpr uint64_t kTable = 0xd2418b1065548a13;
 constexpr uint64_t kHello = 0x075ef3a96554f0c4;
 constexpr uint64_t kBye = 0x91264d7265563b59;
+
+std::set<std::string> knownCodes() {
+  std::set<std::string> codes;
+  for (const qvdb::FindingCode& each : qvdb::finding_codes()) codes.emplace(each.code);
+  return codes;
+}
 
 using FormatDocument = DatabaseTest;
 
@@ -167,9 +174,35 @@ TEST_F(FormatDocument, NamesEveryCodeOfACheckAndNoOther) {
   for (std::sregex_iterator each(text.begin(), text.end(), code), end; each != end; ++each) {
     named.insert((*each)[1]);
   }
-  std::set<std::string> known;
-  for (const qvdb::FindingCode& each : qvdb::finding_codes()) known.emplace(each.code);
-  EXPECT_EQ(named, known);
+  EXPECT_EQ(named, knownCodes());
+}
+
+// The codes in front of the rules of docs/architecture.md: "- **D1**, **D2** The slots in use ...".
+TEST_F(FormatDocument, SharesItsCodesWithTheInvariantsOfTheLibrary) {
+  std::ifstream document(QVDBASE_DOCS "/architecture.md");
+  const std::regex code("\\*\\*([A-Z][0-9]{1,2})\\*\\*");
+  const std::set<std::string> known = knownCodes();
+  std::size_t rules = 0;
+  for (std::string line; std::getline(document, line);) {
+    for (std::sregex_iterator each(line.begin(), line.end(), code), end; each != end; ++each) {
+      EXPECT_TRUE(known.contains((*each)[1])) << line;
+      ++rules;
+    }
+  }
+  EXPECT_GT(rules, 20u);
+}
+
+TEST_F(FormatDocument, SharesItsCodesWithTheTestsOwnChecker) {
+  std::ifstream source(QVDBASE_DOCS "/../tests/kit/file_checker.cpp");
+  const std::string text{std::istreambuf_iterator<char>(source), {}};
+  const std::regex report("report\\(\"([A-Z][0-9]{1,2})\"");
+  const std::set<std::string> known = knownCodes();
+  std::set<std::string> codes;
+  for (std::sregex_iterator each(text.begin(), text.end(), report), end; each != end; ++each) {
+    codes.insert((*each)[1]);
+    EXPECT_TRUE(known.contains((*each)[1])) << (*each)[0];
+  }
+  EXPECT_GT(codes.size(), 30u);
 }
 
 TEST_F(FormatDocument, NumbersItsRules) {

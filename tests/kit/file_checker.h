@@ -4,9 +4,9 @@
 // Everything that the library itself never produces is a finding, however harmless. What is legal
 // but looks odd is none: two records of one identifier, tables of one name when it fills its 32
 // bytes, lastWrittenRecordPos on a block that is no longer in the chain, bytes of an older payload
-// behind a shorter one.
+// after a shorter one.
 //
-// Codes:
+// The codes are those of qvdb check:
 //   F1 empty file                                  F2 cut off before the directory's end
 //   H1 signature letters                           H2 version outside 100 to 199
 //   H3 version 101: an unfinished pack             H4 identifier sum of the database
@@ -46,14 +46,14 @@ struct Finding {
   int64_t offset = 0;  // where in the file
 };
 
-// All findings, in the order in which they were met; none for a sound file.
+// All findings, in the order in which they were found; none for a sound file.
 std::vector<Finding> checkFile(const Bytes& file);
 std::vector<Finding> checkFile(const std::filesystem::path& path);
 
 // One line per finding.
 std::string describe(const std::vector<Finding>& findings);
 
-// The codes, sorted, each once: for comparing with what a damage should give.
+// The codes, sorted, each once: for comparing with those that a damage should have.
 std::vector<std::string> codesOf(const std::vector<Finding>& findings);
 
 }  // namespace qvdbase::test

@@ -1,8 +1,8 @@
-// Every call by which the library reaches its host, in one table that can be replaced.
+// The calls by which the library works on files, locks, time and memory, in a table to be replaced.
 //
-// The layers above and the rest of this one never call the host directly. So a test can put its own
-// table in place, record each call, and make each one fail; and another host needs only another
-// table. The calls keep the conventions of their POSIX counterparts: -1 and errno on failure.
+// The rest of the library makes these calls only through it; the C++ library may make its own. So a
+// test can put another table in place, record each call and make each one fail; and another host
+// needs only another table. They keep the conventions of POSIX: -1 and errno on failure.
 #ifndef QVDBASE_PLATFORM_SYSTEM_CALLS_H
 #define QVDBASE_PLATFORM_SYSTEM_CALLS_H
 
