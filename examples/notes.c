@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
   FILE* file = db == 0 ? fopen(argv[1], "wx") : NULL; /* x: only when there is no such file */
   if (file != NULL) {
     fclose(file);
-    call = "CreateDBaseW"; /* it would empty a database that is there */
+    call = "CreateDBaseW"; /* it would empty an existing database */
     db = CreateDBaseW(path, "QVdb", 100);
   }
   if (db == 0) return failed(call, argv[1]);

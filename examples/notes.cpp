@@ -13,8 +13,8 @@ int main(int argc, char** argv) try {
   }
   const std::string_view text = argv[2];
 
-  // Exclusively: to read and write, while no other program writes. A file that is there is opened,
-  // and never emptied, whatever the reason is for which that fails.
+  // Exclusively: to read and write, while no other program writes. An existing file is opened; if
+  // that fails, for whatever reason, the file is not emptied.
   auto database = qvdb::Database::open(argv[1], {.mode = qvdb::Mode::exclusive, .create = true});
   auto notes = database.find_table("notes");
   if (!notes) notes = database.add_table("notes");
