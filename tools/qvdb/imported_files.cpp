@@ -166,6 +166,13 @@ std::optional<ImportedFiles> ImportedFiles::of(const Table& table) {
   return files;
 }
 
+std::optional<ImportedFiles> ImportedFiles::from(std::span<const std::byte> data) {
+  if (!isOurs(data)) return std::nullopt;
+  ImportedFiles files;
+  files.decode({data.begin(), data.end()});
+  return files;
+}
+
 void ImportedFiles::decode(std::vector<std::byte> data) {
   Reader reader(data);
   static_cast<void>(reader.text(sizeof kMark));

@@ -51,6 +51,7 @@ class ImportedFiles {
   // The files of a table, as far as they can be read. Nothing when its data is absent, empty or
   // something else. Throws qvdb::Error.
   static std::optional<ImportedFiles> of(const Table& table);
+  static std::optional<ImportedFiles> from(std::span<const std::byte> data);
 
   // Whether a block of table data begins as one of these does.
   static bool isOurs(std::span<const std::byte> data);

@@ -17,25 +17,20 @@ struct Options {
   std::optional<uint64_t> at;
 };
 
-// The name that the record's file had in the table of imported files, unless another file has it
-// now. The record keeps its identifier either way.
-void restoreName(const Options& options, Id record) {
-  Database database = Database::open(options.target, Mode::exclusive);
-  std::optional<Table> table = database.find_table(options.table);
-  if (!table && parse_id(options.table)) table = database.find_table(*parse_id(options.table));
-  if (!table) return;
-  std::optional<ImportedFiles> files = ImportedFiles::of(*table);
+// Gives the record the name that its file had in the list of imported files, unless another file
+// has it now; the list keeps its length. The record keeps its identifier either way. Returns what
+// there is to say of it.
+std::string restoreName(std::span<std::byte> data, Id record) {
+  std::optional<ImportedFiles> files = ImportedFiles::from(data);
   const auto removed = files ? files->findRemoved(record) : std::nullopt;
-  if (!removed || files->find(record)) return;
+  if (!removed || files->find(record)) return {};
   const std::string name = files->list()[*removed].name;
   if (files->find(name)) {
-    printLine("Another file is named '" + escaped(name) + "' now: the record has no name.");
-    return;
+    return "Another file is named '" + escaped(name) + "' now: the record has no name.";
   }
   files->restore(*removed);
-  table->set_data(files->bytes());
-  database.sync();
-  printLine("The record is named '" + escaped(name) + "' again.");
+  std::copy(files->bytes().begin(), files->bytes().end(), data.begin());
+  return "The record is named '" + escaped(name) + "' again.";
 }
 
 int run(const Options& options) {
@@ -46,12 +41,15 @@ int run(const Options& options) {
   }
   const Id record = recordIdInUseOrNot(options.source, options.table, options.record,
                                        options.at ? Prefer::inUse : Prefer::deleted);
-  const SalvageReport report = whileInUse(
-      [&] { return undelete(options.source, options.target, options.table, record, offset); });
+  std::string named;
+  const SalvageReport report = whileInUse([&] {
+    return undelete(options.source, options.target, options.table, record, offset,
+                    [&](std::span<std::byte> data) { named = restoreName(data, record); });
+  });
   for (const std::string& note : report.notes) printLine(escaped(note));
   if (report.source_in_use) printLine(kSourceInUse);
   if (report.verified) {
-    restoreName(options, record);
+    if (!named.empty()) printLine(named);
     return kDone;
   }
   throw Failure(options.target + ": the new file is not as it should be; 'qvdb check' tells more");

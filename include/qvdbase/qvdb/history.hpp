@@ -12,7 +12,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -41,15 +43,22 @@ QVDBASE_API std::vector<FoundBlock> deleted_records(const std::filesystem::path&
 QVDBASE_API std::vector<std::byte> read_version(const std::filesystem::path& path,
                                                 const FoundBlock& version);
 
+// Changes the bytes of a table's data, of which the number stays.
+using DataEdit = std::function<void(std::span<std::byte> data)>;
+
 // Writes a new file with everything that `source` has in use, and with one version of a record
 // brought back: the last one, or the one at `offset`. It takes the place of the version in use, if
 // there is one; else it becomes the table's last record.
+//
+// `edit_data` is given the data of the record's table, where it has any, and may change these
+// bytes: the new file has them so from the beginning. What it throws ends the operation.
 //
 // Throws as history() and salvage() do; record_missing when there is no such version; bad_argument
 // when the record is in use and no offset is given.
 QVDBASE_API SalvageReport undelete(const std::filesystem::path& source,
                                    const std::filesystem::path& target, std::string_view table,
-                                   Id record, std::optional<int64_t> offset = std::nullopt);
+                                   Id record, std::optional<int64_t> offset = std::nullopt,
+                                   const DataEdit& edit_data = {});
 
 }  // namespace qvdb
 

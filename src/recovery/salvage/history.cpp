@@ -6,10 +6,14 @@
 #include <algorithm>
 #include <new>
 #include <set>
+#include <span>
+#include <utility>
+#include <vector>
 
 #include "failure/failure.h"
 #include "recovery/salvage/run.h"
 #include "recovery/survey/open_file.h"
+#include "recovery/survey/patched_source.h"
 #include "recovery/survey/survey.h"
 
 using namespace qvdbase;
@@ -67,6 +71,23 @@ uint32_t choose(const Survey& survey, const std::vector<uint32_t>& versions,
     if (offset ? block.position == *offset : block.grade == survey::Grade::a) chosen = number;
   }
   return chosen;
+}
+
+// The data of the table that takes the record, as `edit` leaves it. None where there is no such
+// data, or not all of it can be read.
+std::vector<survey::Patch> editedData(const survey::ByteSource& source, const Survey& survey,
+                                      uint32_t chosen, const DataEdit& edit) {
+  const salvage::Plan plan = salvage::makePlan(survey, {}, {.block = chosen});
+  const int place = plan.destination[chosen];
+  const uint32_t data = place < 0 ? survey::kNoBlock : plan.tables[static_cast<size_t>(place)].data;
+  if (data == survey::kNoBlock) return {};
+  const Block& block = survey.blocks[data];
+  survey::Patch patch = {block.dataPos(),
+                         std::vector<unsigned char>(static_cast<size_t>(block.dataThere()))};
+  std::vector<unsigned char>& bytes = patch.bytes;
+  if (source.readAt(patch.position, bytes.data(), bytes.size()) != bytes.size()) return {};
+  edit(std::as_writable_bytes(std::span(bytes)));
+  return {std::move(patch)};
 }
 
 // In the chain of its table, or belonging there.
@@ -135,7 +156,8 @@ std::vector<std::byte> read_version(const std::filesystem::path& path, const Fou
 }
 
 SalvageReport undelete(const std::filesystem::path& source, const std::filesystem::path& target,
-                       std::string_view table, Id record, std::optional<int64_t> offset) {
+                       std::string_view table, Id record, std::optional<int64_t> offset,
+                       const DataEdit& edit_data) {
   OpenedFile file(source, kUndelete);
   file.watch();
   const Survey survey = survey::makeSurvey(file.source());
@@ -152,7 +174,10 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
     fail(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
   }
   const platform::FileAccess access = file.access(source, kUndelete);
-  salvage::Run run(file.source(), survey, target, {}, {}, &access, {.block = chosen});
+  std::vector<survey::Patch> edited;
+  if (edit_data) edited = editedData(file.source(), survey, chosen, edit_data);
+  const survey::PatchedSource patched(file.source(), edited, file.source().size());
+  salvage::Run run(patched, survey, target, {}, {}, &access, {.block = chosen});
   salvage::lookAtSourceAgain(file, source, kUndelete, &run.report());
   run.place();
   return run.report();

@@ -5,6 +5,8 @@
 #include <qvdbase/qvdb/history.hpp>
 
 #include <fstream>
+#include <span>
+#include <stdexcept>
 
 #include "kit/replaced_calls.h"
 #include "recovery/salvage/salvage_kit.h"
@@ -131,6 +133,31 @@ TEST_F(Undelete, PutsAnOlderVersionInThePlaceOfTheOneInUse) {
             (Contents{{0xA1, bytesOf("first text")},
                       {0xA2, bytesOf("first text")},
                       {0xA3, bytesOf("first text")}}));
+}
+
+TEST_F(Undelete, WritesTheDataOfTheTableAsItsCallerEditsThem) {
+  remove(0xA2);
+  const auto copy = folder / "b.qvd";
+  qvdb::undelete(path(), copy, "notes", Id{0xA2}, {},
+                 [](std::span<std::byte>) { ADD_FAILURE() << "the table has no data"; });
+  std::filesystem::remove(copy);
+  ASSERT_EQ(SetTableData(db_, table_, bytesOf("names").data(), 5, 3), 1);
+  const Bytes before = readFile(path());
+  qvdb::undelete(path(), copy, "notes", Id{0xA2}, {}, [](std::span<std::byte> data) {
+    ASSERT_EQ(data.size(), 5u);
+    data[0] = std::byte{'g'};
+  });
+  const ReadTable table = readDatabase(copy).tables.at(0);
+  ASSERT_TRUE(table.data);
+  EXPECT_EQ(table.data->data(), bytesOf("games"));
+  EXPECT_EQ(table.records.back().id, 0xA2u);
+  EXPECT_EQ(readFile(path()), before);
+  std::filesystem::remove(copy);
+  EXPECT_THROW(qvdb::undelete(path(), copy, "notes", Id{0xA2}, {},
+                              [](std::span<std::byte>) { throw std::runtime_error("no"); }),
+               std::runtime_error);
+  std::filesystem::remove(path());
+  EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
 }
 
 // A writer beside it, which adds a byte whenever the new file is written to.
