@@ -45,10 +45,9 @@ int statusOf(const CheckReport& report, const Options& options) {
 
 std::string placeOf(const Finding& finding) {
   std::string place;
-  if (finding.slot >= 0) {
-    place += " table " + (finding.table.empty() ? to_string(finding.table_id)
-                                                : "'" + escaped(finding.table) + "'");
-  }
+  const bool isNamed = !finding.table.empty();
+  if (finding.slot >= 0 && isNamed) place += " table '" + escaped(finding.table) + "'";
+  if (finding.slot >= 0 && !isNamed) place += " table " + to_string(finding.table_id);
   if (finding.record.value != 0) place += " record " + to_string(finding.record);
   if (finding.offset >= 0) place += " at " + std::to_string(finding.offset);
   return place;
