@@ -32,7 +32,6 @@ namespace fs = std::filesystem;
 using products::failOn;
 using products::TargetFile;
 using survey::ByteSource;
-using upkeep::CopyOutcome;
 using upkeep::LiveDamage;
 using upkeep::LiveDatabase;
 using upkeep::LiveLayout;
@@ -84,7 +83,7 @@ class Compaction {
     survey(file, all);
     judge(file, all);
     upkeep::changeTables(options_, source_, kOperation, &database_);
-    const LiveLayout layout(file.source(), database_);
+    const LiveLayout layout = upkeep::layOut(file.source(), database_);
     if (target) {
       write(file.source(), layout, *target);
       compare(file, layout, target->file());
@@ -146,15 +145,9 @@ class Compaction {
   void write(const ByteSource& source, const LiveLayout& layout, TargetFile& target) {
     Stage stage(reporter_, source_, 20, 60, database_.recordCount());
     const platform::FileAccess access = products::accessOf(source_, kOperation);
-    platform::NewFile& file = target.create(&access);
-    switch (copyLive(source, database_, layout, &file, [&] { stage.step(); })) {
-      case CopyOutcome::cannotRead:
-        failOn(source_, kOperation, Reason::cannot_read, "the system cannot read it");
-      case CopyOutcome::cannotWrite:
-        target.failWriting();
-      case CopyOutcome::done:
-        break;
-    }
+    target.create(&access);
+    if (copyLive(source, database_, layout, target, [&] { stage.step(); })) return;
+    failOn(source_, kOperation, Reason::cannot_read, "the system cannot read it");
   }
 
   void compare(const survey::OpenedFile& file, const LiveLayout& layout,
@@ -174,7 +167,7 @@ class Compaction {
   CompactReport reportOn(const ByteSource& source, const LiveLayout& layout) const {
     CompactReport report;
     report.size_before = static_cast<uint64_t>(source.size());
-    report.size_after = layout.size();
+    report.size_after = static_cast<uint64_t>(layout.size);
     report.tables = database_.tables.size();
     report.records = database_.recordCount();
     for (const upkeep::LiveTable& table : database_.tables) {

@@ -1,9 +1,6 @@
-// Writing and checking the compacted file.
-//
-// All positions are known beforehand, so each byte is written once and in order, through a buffer.
+// All positions are known beforehand, so each byte is written once and in order.
 #include "upkeep/live_copy.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "format/Aliment8.h"
@@ -18,144 +15,74 @@ using survey::Window;
 
 namespace {
 
-constexpr size_t kPiece = size_t{256} << 10;
+constexpr size_t kPiece = products::BufferedOutput::kPiece;
 
 TableDataHead liveData(Window& window, int64_t position) {
   const uint8_t* bytes = window.at(position, tabledata::kData);
   return bytes != nullptr ? decodeTableDataHead(bytes) : TableDataHead{};
 }
 
-// Thrown inside this file only.
-struct CannotRead {};
-struct CannotWrite {};
-
-class Writer {
+// Each function returns false when the source cannot be read.
+class Copier {
  public:
-  Writer(const ByteSource& source, platform::NewFile& target)
-      : source_(source), window_(source), target_(target), buffer_(kPiece) {}
+  Copier(const ByteSource& source, products::TargetFile& target)
+      : source_(source), window_(source), output_(target) {}
 
-  Window& window() { return window_; }
-  int64_t position() const { return flushed_ + static_cast<int64_t>(held_); }
-
-  void write(const void* bytes, size_t count) {
-    const auto* from = static_cast<const unsigned char*>(bytes);
-    while (count > 0) {
-      const size_t part = std::min(count, buffer_.size() - held_);
-      std::memcpy(buffer_.data() + held_, from, part);
-      took(part);
-      from += part;
-      count -= part;
+  bool run(const LiveDatabase& database, const LiveLayout& layout,
+           const std::function<void()>& step) {
+    std::vector<tablePart1> slots;
+    for (size_t i = 0; i < database.tables.size(); ++i) {
+      slots.push_back(output_.slotAt(database.tables[i].slot, layout.tables[i]));
     }
-  }
-
-  void zeros(uint64_t count) {
-    while (count > 0) {
-      const auto part = static_cast<size_t>(std::min<uint64_t>(count, buffer_.size() - held_));
-      std::memset(buffer_.data() + held_, 0, part);
-      took(part);
-      count -= part;
+    output_.directory({}, slots, database.slotCount);  // its header comes last
+    for (const LiveTable& table : database.tables) {
+      if (!copyTable(table, step)) return false;
     }
-  }
-
-  // Bytes of the source; short payloads come out of its window.
-  void copy(int64_t from, uint32_t count) {
-    if (count <= Window::kLargestView) {
-      const uint8_t* bytes = window_.at(from, count);
-      if (bytes == nullptr) throw CannotRead();
-      return write(bytes, count);
-    }
-    while (count > 0) {
-      const size_t part = std::min<size_t>(count, buffer_.size() - held_);
-      if (source_.readAt(from, buffer_.data() + held_, part) != part) throw CannotRead();
-      took(part);
-      from += static_cast<int64_t>(part);
-      count -= static_cast<uint32_t>(part);
-    }
-  }
-
-  void flush() {
-    if (!target_.writeAt(flushed_, buffer_.data(), held_)) throw CannotWrite();
-    flushed_ += static_cast<int64_t>(held_);
-    held_ = 0;
+    output_.flush();
+    return true;
   }
 
  private:
-  void took(size_t count) {
-    held_ += count;
-    if (held_ == buffer_.size()) flush();
+  bool copyTable(const LiveTable& table, const std::function<void()>& step) {
+    if (table.slot.firstDataPos != 0) {
+      const TableDataHead head = liveData(window_, table.slot.firstDataPos);
+      output_.beginTableData(head);
+      if (!copyContent(table.slot.firstDataPos + tabledata::kData, head)) return false;
+    }
+    for (size_t i = 0; i < table.records.size(); ++i) {
+      step();
+      const recordPart1 head = liveRecord(window_, table.records[i]);
+      output_.beginRecord(head, i == 0, i + 1 == table.records.size());
+      if (!copyContent(table.records[i] + record::kData, head)) return false;
+    }
+    return true;
+  }
+
+  template <typename Head>
+  bool copyContent(int64_t from, const Head& head) {
+    if (!copy(from, head.dataLength)) return false;
+    output_.endBlock(head.dataCapacity - head.dataLength);
+    return true;
+  }
+
+  // Short payloads come out of the window.
+  bool copy(int64_t from, uint32_t count) {
+    if (count <= Window::kLargestView) {
+      const uint8_t* bytes = window_.at(from, count);
+      if (bytes != nullptr) output_.write(bytes, count);
+      return bytes != nullptr;
+    }
+    return output_.fill(count, [&](unsigned char* to, size_t part) {
+      const bool isRead = source_.readAt(from, to, part) == part;
+      from += static_cast<int64_t>(part);
+      return isRead;
+    });
   }
 
   const ByteSource& source_;
   Window window_;
-  platform::NewFile& target_;
-  std::vector<unsigned char> buffer_;
-  size_t held_ = 0;
-  int64_t flushed_ = 0;
+  copy::DatabaseWriter output_;
 };
-
-void writeSlot(Writer& out, const tablePart1& slot) {
-  unsigned char image[kSlotImageSize];
-  encodeSlot(slot, image);
-  out.write(image, sizeof image);
-}
-
-tablePart1 slotOf(const LiveTable& table, const LiveLayout::Table& place) {
-  tablePart1 slot = table.slot;
-  slot.firstRecordPos = place.firstRecord;
-  slot.lastRecordPos = place.lastRecord;
-  slot.lastWrittenRecordPos = place.lastWrittenRecord;
-  slot.firstDataPos = slot.lastWrittenDataPos = slot.lastDataPos = place.data;
-  return slot;
-}
-
-void writeDirectory(Writer& out, const LiveDatabase& database, const LiveLayout& layout) {
-  out.zeros(kDirectoryPos);  // until everything else is there
-  for (size_t i = 0; i < database.tables.size(); ++i) {
-    writeSlot(out, slotOf(database.tables[i], layout.tables()[i]));
-  }
-  const tablePart1 freeSlot{};
-  for (int i = database.tableCount; i < database.slotCount; ++i) writeSlot(out, freeSlot);
-}
-
-// The fill behind payload and data is new: what stood there is dead.
-void writeRoom(Writer& out, int64_t from, uint32_t length, uint32_t capacity) {
-  out.copy(from, length);
-  out.zeros(capacity - length);
-  out.write(&kBlockEndMark, 1);
-}
-
-void writeData(Writer& out, int64_t from) {
-  const TableDataHead head = liveData(out.window(), from);
-  unsigned char bytes[tabledata::kData];
-  encodeTableDataHead(head, bytes);
-  out.write(bytes, sizeof bytes);
-  writeRoom(out, from + tabledata::kData, head.dataLength, head.dataCapacity);
-}
-
-int64_t writeRecord(Writer& out, int64_t from, int64_t previous, bool isLast) {
-  const int64_t position = out.position();
-  recordPart1 head = liveRecord(out.window(), from);
-  const uint32_t length = head.dataLength;
-  const uint32_t capacity = head.dataCapacity;
-  head.prevRecordPos = previous;
-  head.nextRecordPos = isLast ? 0 : position + capacity + kRecordBlockOverhead;
-  unsigned char bytes[record::kData];
-  encodeRecordHead(head, bytes);
-  out.write(bytes, sizeof bytes);
-  writeRoom(out, from + record::kData, length, capacity);
-  return position;
-}
-
-void writeTable(Writer& out, const LiveTable& table, const std::function<void()>& step) {
-  if (table.slot.firstDataPos != 0) writeData(out, table.slot.firstDataPos);
-  int64_t previous = 0;
-  for (size_t i = 0; i < table.records.size(); ++i) {
-    step();
-    previous = writeRecord(out, table.records[i], previous, i + 1 == table.records.size());
-  }
-}
-
-// ---- comparing ----
 
 class Comparison {
  public:
@@ -238,43 +165,38 @@ class Comparison {
 
 }  // namespace
 
-LiveLayout::LiveLayout(const ByteSource& source, const LiveDatabase& database) {
+LiveLayout layOut(const ByteSource& source, const LiveDatabase& database) {
   Window window(source);
-  end_ = database.blocksStart();
+  LiveLayout layout;
+  layout.size = database.blocksStart();
   for (const LiveTable& table : database.tables) {
-    Table place;
+    copy::TablePlace place;
     if (table.slot.firstDataPos != 0) {
-      place.data = end_;
-      end_ += liveData(window, table.slot.firstDataPos).dataCapacity + kTableDataBlockOverhead;
+      place.data = layout.size;
+      layout.size +=
+          liveData(window, table.slot.firstDataPos).dataCapacity + kTableDataBlockOverhead;
     }
     if (!table.records.empty()) {
       // What was written last may be a block that is dead.
       const int64_t lastWritten =
           table.bytesBeforeLastWritten < 0 ? table.bytesBeforeLast : table.bytesBeforeLastWritten;
-      place.firstRecord = end_;
-      place.lastRecord = end_ + table.bytesBeforeLast;
-      place.lastWrittenRecord = end_ + lastWritten;
-      end_ += table.blockBytes;
+      place.firstRecord = layout.size;
+      place.lastRecord = layout.size + table.bytesBeforeLast;
+      place.lastWrittenRecord = layout.size + lastWritten;
+      layout.size += table.blockBytes;
     }
-    tables_.push_back(place);
+    layout.tables.push_back(place);
   }
+  return layout;
 }
 
-CopyOutcome copyLive(const ByteSource& source, const LiveDatabase& database,
-                     const LiveLayout& layout, platform::NewFile* target,
-                     const std::function<void()>& step) {
-  try {
-    Writer out(source, *target);
-    writeDirectory(out, database, layout);
-    for (const LiveTable& table : database.tables) writeTable(out, table, step);
-    out.flush();
-    if (!target->writeAt(0, database.header.data(), database.header.size())) throw CannotWrite();
-  } catch (const CannotRead&) {
-    return CopyOutcome::cannotRead;
-  } catch (const CannotWrite&) {
-    return CopyOutcome::cannotWrite;
+bool copyLive(const ByteSource& source, const LiveDatabase& database, const LiveLayout& layout,
+              products::TargetFile& target, const std::function<void()>& step) {
+  if (!Copier(source, target).run(database, layout, step)) return false;
+  if (!target.file().writeAt(0, database.header.data(), database.header.size())) {
+    target.failWriting();
   }
-  return CopyOutcome::done;
+  return true;
 }
 
 bool isLiveCopy(const ByteSource& copy, const ByteSource& source, const LiveDatabase& database,
@@ -284,7 +206,7 @@ bool isLiveCopy(const ByteSource& copy, const ByteSource& source, const LiveData
   if (copied.header != database.header || copied.tables.size() != database.tables.size()) {
     return false;
   }
-  if (copy.size() != static_cast<int64_t>(layout.size())) return false;
+  if (copy.size() != layout.size) return false;
   Comparison comparison(copy, source);
   for (size_t i = 0; i < database.tables.size(); ++i) {
     if (!comparison.sameTable(copied.tables[i], database.tables[i], step)) return false;

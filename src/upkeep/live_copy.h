@@ -3,44 +3,33 @@
 
 #include <cstdint>
 #include <functional>
+#include <vector>
 
-#include "platform/handles/new_file.h"
+#include "products/target_file.h"
+#include "recovery/copy/database_writer.h"
 #include "recovery/survey/byte_source.h"
 #include "upkeep/live_database.h"
 
 namespace qvdbase::upkeep {
 
 // Where everything goes: header, directory, and table after table its data and its records.
-class LiveLayout {
- public:
-  LiveLayout(const qvdbase::survey::ByteSource& source, const LiveDatabase& database);
-
-  uint64_t size() const { return static_cast<uint64_t>(end_); }
-
-  struct Table {
-    int64_t data = 0;  // 0 for none
-    int64_t firstRecord = 0;
-    int64_t lastRecord = 0;
-    int64_t lastWrittenRecord = 0;
-  };
-  const std::vector<Table>& tables() const { return tables_; }
-
- private:
-  int64_t end_ = 0;
-  std::vector<Table> tables_;
+struct LiveLayout {
+  int64_t size = 0;  // of the new file
+  std::vector<copy::TablePlace> tables;
 };
 
-enum class CopyOutcome { done, cannotRead, cannotWrite };
+LiveLayout layOut(const survey::ByteSource& source, const LiveDatabase& database);
 
 // Writes the new file. The header comes last, so that a file that is not finished is no database.
-// `step` is called for each record and may throw.
-CopyOutcome copyLive(const qvdbase::survey::ByteSource& source, const LiveDatabase& database,
-                     const LiveLayout& layout, qvdbase::platform::NewFile* target,
-                     const std::function<void()>& step);
+// `step` is called for each record and may throw. False when the source cannot be read; throws
+// Error when the target cannot be written.
+bool copyLive(const survey::ByteSource& source, const LiveDatabase& database,
+              const LiveLayout& layout, products::TargetFile& target,
+              const std::function<void()>& step);
 
 // Reads the new file back and compares it with the source: header, tables, data, every record with
 // its payload, all in order, and nothing else in it. False when anything differs or cannot be read.
-bool isLiveCopy(const qvdbase::survey::ByteSource& copy, const qvdbase::survey::ByteSource& source,
+bool isLiveCopy(const survey::ByteSource& copy, const survey::ByteSource& source,
                 const LiveDatabase& database, const LiveLayout& layout,
                 const std::function<void()>& step);
 

@@ -2,7 +2,6 @@
 // the format from the bytes of the file, and believed only if everything fits together.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "format/layout.h"
+#include "recovery/copy/database_writer.h"
 #include "recovery/survey/byte_source.h"
 #include "recovery/survey/window.h"
 
@@ -28,14 +28,14 @@ struct LiveTable {
 };
 
 struct LiveDatabase {
-  std::array<unsigned char, qvdbase::format::kDirectoryPos> header{};
+  copy::Header header{};
   int16_t tableCount = 0;
   int16_t slotCount = 0;
   uint16_t slotSize = 0;
   std::vector<LiveTable> tables;
 
   int64_t blocksStart() const {
-    return qvdbase::format::kDirectoryPos + int64_t{slotCount} * qvdbase::format::kSlotImageSize;
+    return format::kDirectoryPos + int64_t{slotCount} * format::kSlotImageSize;
   }
   uint64_t recordCount() const;
 };
@@ -48,8 +48,7 @@ enum class LiveDamage { none, directory, chain, data };
 // end, at the slot's last position. So no record is met twice. Every block must lie in the file.
 class LiveReader {
  public:
-  explicit LiveReader(const qvdbase::survey::ByteSource& source)
-      : source_(source), window_(source) {}
+  explicit LiveReader(const survey::ByteSource& source) : source_(source), window_(source) {}
 
   // Where the data of the table in that slot lies, if the slot does not say it.
   void setDataPosition(int slot, int64_t position) { dataPositions_.emplace_back(slot, position); }
@@ -69,8 +68,8 @@ class LiveReader {
   bool readData(const LiveTable& table);
   bool holds(int64_t position, uint64_t size) const;
 
-  const qvdbase::survey::ByteSource& source_;
-  qvdbase::survey::Window window_;
+  const survey::ByteSource& source_;
+  survey::Window window_;
   LiveDamage damage_ = LiveDamage::none;
   std::string why_;
   uint64_t recordNumber_ = 0;
@@ -79,6 +78,6 @@ class LiveReader {
 };
 
 // The header of the block at a position that LiveReader has accepted.
-recordPart1 liveRecord(qvdbase::survey::Window& window, int64_t position);
+recordPart1 liveRecord(survey::Window& window, int64_t position);
 
 }  // namespace qvdbase::upkeep

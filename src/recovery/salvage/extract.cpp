@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "failure/failure.h"
+#include "products/buffered_output.h"
 #include "products/target_file.h"
 #include "recovery/salvage/payload_reader.h"
 
@@ -100,29 +101,15 @@ class Extraction::Output {
     target_.create(access ? &*access : nullptr);
   }
 
-  void write(const char* bytes, size_t count) {
-    waiting_.append(bytes, count);
-    if (waiting_.size() >= kBuffer) flush();
-  }
+  void write(const char* bytes, size_t count) { bytes_.write(bytes, count); }
   void finish() {
-    flush();
+    bytes_.flush();
     target_.place();
   }
 
  private:
-  static constexpr size_t kBuffer = size_t{1} << 18;
-
-  void flush() {
-    if (!target_.file().writeAt(written_, waiting_.data(), waiting_.size())) {
-      target_.failWriting();
-    }
-    written_ += static_cast<int64_t>(waiting_.size());
-    waiting_.clear();
-  }
-
   products::TargetFile target_;
-  std::string waiting_;
-  int64_t written_ = 0;
+  products::BufferedOutput bytes_{target_};
 };
 
 Extraction::Extraction(const survey::Survey& survey, const Plan& plan,
