@@ -1,4 +1,3 @@
-// How operations of this layer fail.
 #include "failure/failure.h"
 
 #include <utility>
@@ -22,9 +21,9 @@ struct Cause {
 Cause causeOf(OpenFailure failure) {
   switch (failure) {
     case OpenFailure::folderMissing:
-      return {Reason::no_such_file, "a folder on its way does not exist"};
+      return {Reason::no_such_file, "a folder in its path does not exist"};
     case OpenFailure::notAFolder:
-      return {Reason::no_such_file, "something on its way is not a folder"};
+      return {Reason::no_such_file, "something in its path is not a folder"};
     case OpenFailure::fileMissing:
       return {Reason::no_such_file, "there is no such file"};
     case OpenFailure::notAFile:
@@ -64,11 +63,19 @@ Cause causeOf(WriteObstacle obstacle) {
   return {Reason::cannot_write, "the file cannot be written"};
 }
 
-// What the system says is the reason only where no reason of ours says it.
-std::string withSystemsWord(const Cause& cause, const std::error_code& code) {
+// The words of the system are added only where no reason of ours says the same.
+std::string withSystemsWords(const Cause& cause, const std::error_code& code) {
   const bool isGeneral =
       cause.reason == Reason::cannot_open || cause.reason == Reason::cannot_write;
   return isGeneral && code ? std::string(cause.why) + " (" + code.message() + ")" : cause.why;
+}
+
+[[noreturn]] void throwCause(const std::filesystem::path& path, const char* operation,
+                             const Cause& cause, const std::error_code& code,
+                             const std::string& subject = {}, ErrorDetails details = {}) {
+  details.system_code = code;
+  throwError(path, operation, cause.reason, subject + withSystemsWords(cause, code),
+             std::move(details));
 }
 
 }  // namespace
@@ -80,15 +87,17 @@ void throwError(const std::filesystem::path& path, const char* operation, Reason
               std::move(details));
 }
 
+void throwError(const std::filesystem::path& path, const char* operation, Reason reason) {
+  throwError(path, operation, reason, std::string(to_string(reason)));
+}
+
 void throwError(const char* operation, Reason reason, const std::string& why) {
   throw Error(operation, reason, std::string("cannot ") + operation + ": " + why);
 }
 
 void throwOpenFailure(const std::filesystem::path& path, const char* operation,
                       const OpenFailureFound& found) {
-  const Cause cause = causeOf(found.failure);
-  throwError(path, operation, cause.reason, withSystemsWord(cause, found.code),
-             {.path = {}, .table = {}, .system_code = found.code, .record_number = {}});
+  throwCause(path, operation, causeOf(found.failure), found.code);
 }
 
 void throwFolderFailure(const std::filesystem::path& path, const char* operation,
@@ -97,15 +106,12 @@ void throwFolderFailure(const std::filesystem::path& path, const char* operation
   Cause cause = causeOf(found.failure);
   if (found.failure == OpenFailure::other) cause.why = "the system refuses";
   if (cause.reason == Reason::no_such_file) cause.reason = Reason::path_not_reachable;
-  throwError(path, operation, cause.reason, what + ": " + withSystemsWord(cause, found.code),
-             {.path = {}, .table = {}, .system_code = found.code, .record_number = {}});
+  throwCause(path, operation, cause, found.code, what + ": ");
 }
 
 void throwWriteFailure(const std::filesystem::path& path, const char* operation,
                        const WriteFailure& found, ErrorDetails details) {
-  const Cause cause = causeOf(found.obstacle);
-  details.system_code = found.code;
-  throwError(path, operation, cause.reason, withSystemsWord(cause, found.code), std::move(details));
+  throwCause(path, operation, causeOf(found.obstacle), found.code, {}, std::move(details));
 }
 
 }  // namespace qvdbase::failure

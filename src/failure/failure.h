@@ -1,5 +1,5 @@
-// How operations of this layer fail: the one place that puts the sentence of an error together, and
-// the ones that turn what the host said into a reason.
+// How operations of the C++ layer fail: the one place that composes the sentence of an error, and
+// the ones that turn what the host answered into a reason.
 #pragma once
 
 #include <qvdbase/qvdb/error.hpp>
@@ -19,21 +19,25 @@ namespace qvdbase::failure {
                              qvdb::Reason reason, const std::string& why,
                              qvdb::ErrorDetails details = {});
 
+// The same in the words of the reason alone.
+[[noreturn]] void throwError(const std::filesystem::path& path, const char* operation,
+                             qvdb::Reason reason);
+
 // The same where no file is concerned: "cannot OPERATION: WHY".
 [[noreturn]] void throwError(const char* operation, qvdb::Reason reason, const std::string& why);
 
 // A file that could not be opened, or created.
 [[noreturn]] void throwOpenFailure(const std::filesystem::path& path, const char* operation,
-                                   const qvdbase::platform::OpenFailureFound& found);
+                                   const platform::OpenFailureFound& found);
 
-// A folder that could not be made or looked at, for the sake of the file `path`. `what` says of
-// which folder that is so, and begins the reason: "its folder cannot be created".
+// A folder that could not be made or looked at, for the sake of the file `path`. `what` says which
+// folder, and begins the reason: "its folder cannot be created".
 [[noreturn]] void throwFolderFailure(const std::filesystem::path& path, const char* operation,
                                      const std::string& what, const std::error_code& code);
 
 // A file that could not be written.
 [[noreturn]] void throwWriteFailure(const std::filesystem::path& path, const char* operation,
-                                    const qvdbase::platform::WriteFailure& found,
+                                    const platform::WriteFailure& found,
                                     qvdb::ErrorDetails details = {});
 
 }  // namespace qvdbase::failure

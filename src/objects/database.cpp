@@ -8,6 +8,7 @@
 
 #include "QVDbase/header.h"
 #include "QVDbase/lifecycle.h"
+#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
 #include "format/fields.h"
@@ -16,7 +17,6 @@
 #include "objects/chain_ends.h"
 #include "objects/open_database.h"
 #include "objects/waiting.h"
-#include "platform/handles/open_failure.h"
 #include "platform/handles/sync.h"
 #include "platform/host/host_failure.h"
 #include "products/target_file.h"
@@ -33,19 +33,10 @@ namespace {
 
 std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode mode,
                                         const char* operation) {
-  const std::vector<QVWCHAR> wide = failure::nativePath(path, operation);
-  const int permission = static_cast<int>(mode);
   auto state = std::make_shared<OpenDatabase>();
   state->path = path;
   state->mode = mode;
-  // What was in the way may be gone when it is looked for: then opening is tried again.
-  for (int tries = 3; state->handle == 0; --tries) {
-    state->handle = OpenDBaseW(wide.data(), permission);
-    if (state->handle != 0) break;
-    const auto found = platform::findOpenFailure(wide.data(), permission);
-    if (tries > 1 && found.failure == platform::OpenFailure::none) continue;
-    failure::throwOpenFailure(path, operation, found);
-  }
+  state->handle = failure::openFile(path, static_cast<int>(mode), operation);
   return state;
 }
 
@@ -108,11 +99,12 @@ Database& Database::operator=(Database&& other) noexcept {
 Database Database::create(const std::filesystem::path& path, const CreateOptions& options) {
   constexpr const char* kOperation = "create the database";
   if (isBadSignature(options.signature)) {
-    products::failOn(path, kOperation, Reason::bad_argument,
-                     "a signature begins with the letters Q and V, in either case");
+    failure::throwError(path, kOperation, Reason::bad_argument,
+                        "a signature begins with the letters Q and V, in either case");
   }
   if (!isUsableVersion(options.version)) {
-    products::failOn(path, kOperation, Reason::bad_argument, "a version lies between 100 and 199");
+    failure::throwError(path, kOperation, Reason::bad_argument,
+                        "a version lies between 100 and 199");
   }
   static_cast<void>(failure::nativePath(path, kOperation));
   using products::Existing;
@@ -123,12 +115,12 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
        .createFolders = options.create_folders,
        .waits = options.sync ? platform::Waits::forName : platform::Waits::no});
   if (target.isReadHere()) {
-    products::failOn(path, kOperation, Reason::in_use, "this program has it open");
+    failure::throwError(path, kOperation, Reason::in_use, "this program has it open");
   }
   state->path = path;
   state->mode = Mode::exclusive;
   if (!target.create(nullptr).handOver(&state->handle)) {
-    products::failOn(path, kOperation, Reason::cannot_open, "too many files are open");
+    failure::throwError(path, kOperation, Reason::cannot_open, "too many files are open");
   }
   if (!engine::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
     target.failWriting(platform::findWriteFailure(kNewDatabaseSize));

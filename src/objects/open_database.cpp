@@ -7,7 +7,7 @@
 #include <iterator>
 #include <utility>
 
-#include "QVDbase/header.h"
+#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "format/layout.h"
 #include "objects/bulk.h"
@@ -114,23 +114,8 @@ void Operation::requireNoBulkOf(Id table) const {
 
 engine::DirectoryNumbers Operation::directory() const {
   engine::DirectoryNumbers numbers;
-  if (engine::readDirectoryNumbers(db(), &numbers)) {
-    if (numbers.tableCount >= 0) return numbers;
-    fail(Reason::directory_damaged, "its number of tables is damaged");
-  }
-  if (platform::findOpenFile(db()) == nullptr) {
-    fail(Reason::not_open, "its handle was closed by other means");
-  }
-  internal_Head1 head;
-  if (internal_GetDBHead1(db(), &head) != 1) {
-    fail(Reason::not_a_database,
-         fileLength() == 0 ? "the file is empty, not a database" : "the file is not a database");
-  }
-  if (head.version < format::kFirstVersion || head.version > format::kLastVersion) {
-    fail(Reason::version_out_of_range,
-         "its version is " + std::to_string(head.version) + ", and only 100 to 199 can be used");
-  }
-  fail(Reason::not_a_database, "the file is cut off inside its header");
+  if (const auto fault = failure::readDirectory(db(), &numbers)) fail(fault->reason, fault->why);
+  return numbers;
 }
 
 engine::FoundTable Operation::table(Id table) const {
@@ -153,9 +138,8 @@ void Operation::failMissingTable(const std::string& wanted, const std::string& w
 
 void Operation::readSlot(const engine::DirectoryNumbers& numbers, int index,
                          tablePart1* slot) const {
-  if (engine::readUsedSlot(db(), numbers.slotSize, slot)) return;
-  fail(Reason::directory_damaged,
-       "entry " + std::to_string(index + 1) + " of its table directory is damaged");
+  const auto fault = failure::readSlot(db(), numbers, index, slot);
+  if (fault) fail(fault->reason, fault->why);
 }
 
 uint64_t Operation::fileLength() const {

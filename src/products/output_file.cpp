@@ -2,6 +2,7 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/output_file.hpp>
 
+#include "failure/failure.h"
 #include "products/target_file.h"
 
 using namespace qvdbase;
@@ -56,8 +57,8 @@ OutputFile::OutputFile(const std::filesystem::path& target, const std::filesyste
     : state_(std::make_unique<State>(target, options)) {
   std::error_code error;
   if (std::filesystem::equivalent(target, source, error)) {
-    products::failOn(target, kOperation, Reason::bad_argument,
-                     "it is the database itself; choose another name");
+    failure::throwError(target, kOperation, Reason::bad_argument,
+                        "it is the database itself; choose another name");
   }
   platform::FileAccess access = products::accessOf(source, kOperation);
   access.attributes.clear();  // what users attached is about the database

@@ -2,6 +2,7 @@
 #include "products/target_file.h"
 
 #include <system_error>
+#include <utility>
 
 #include "failure/failure.h"
 #include "platform/handles/open_failure.h"
@@ -13,23 +14,19 @@ namespace qvdbase::products {
 
 namespace fs = std::filesystem;
 
-void failOn(const fs::path& path, const char* operation, Reason reason, const std::string& why) {
-  failure::throwError(path, operation, reason, why);
-}
+using failure::throwError;
 
 fs::path resolved(const fs::path& path, const char* operation) {
   std::error_code error;
-  if (path.empty()) failOn(path, operation, Reason::path_not_reachable, "the path is empty");
+  if (path.empty()) throwError(path, operation, Reason::path_not_reachable, "the path is empty");
   fs::path result = fs::weakly_canonical(fs::absolute(path, error), error);
   if (error == std::errc::permission_denied) {
     failure::throwFolderFailure(path, operation, "its folder cannot be reached", error);
   }
   if (error) {
-    failure::throwError(path, operation, Reason::path_not_reachable, error.message(),
-                        {.path = {},
-                         .table = {},
-                         .system_code = {error.value(), std::system_category()},
-                         .record_number = {}});
+    ErrorDetails details;
+    details.system_code = {error.value(), std::system_category()};
+    throwError(path, operation, Reason::path_not_reachable, error.message(), std::move(details));
   }
   return result;
 }
@@ -46,18 +43,18 @@ void requireFolder(const fs::path& file, const char* operation, bool create) {
     failure::throwFolderFailure(file, operation, "its folder cannot be reached", error);
   }
   if (fs::exists(status)) {
-    failOn(file, operation, Reason::path_not_reachable, folder.native() + " is not a folder");
+    throwError(file, operation, Reason::path_not_reachable, folder.native() + " is not a folder");
   }
-  failOn(file, operation, Reason::path_not_reachable,
-         "the folder " + folder.native() + " does not exist");
+  throwError(file, operation, Reason::path_not_reachable,
+             "the folder " + folder.native() + " does not exist");
 }
 
 platform::FileAccess accessOf(const fs::path& file, const char* operation) {
   platform::ReadOnlyFile source;
   platform::FileAccess access;
   if (source.open(resolved(file, operation).native()) && source.access(&access)) return access;
-  failOn(file, operation, Reason::cannot_read,
-         "its permissions, access list or attributes cannot be read");
+  throwError(file, operation, Reason::cannot_read,
+             "its permissions, access list or attributes cannot be read");
 }
 
 TargetFile::TargetFile(const fs::path& target, const char* operation, const TargetRules& rules)
@@ -85,7 +82,7 @@ TargetFile::TargetFile(int folder, const std::string& name, const fs::path& path
 }
 
 void TargetFile::fail(Reason reason, const std::string& why) const {
-  failOn(given_, operation_, reason, why);
+  throwError(given_, operation_, reason, why);
 }
 
 void TargetFile::judge() {

@@ -17,10 +17,6 @@
 
 namespace qvdbase::products {
 
-// Throws an Error of this operation on this file.
-[[noreturn]] void failOn(const std::filesystem::path& path, const char* operation,
-                         qvdb::Reason reason, const std::string& why);
-
 // The file that a path leads to: absolute, symbolic links followed as far as they exist.
 std::filesystem::path resolved(const std::filesystem::path& path, const char* operation);
 

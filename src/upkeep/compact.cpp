@@ -2,7 +2,6 @@
 //
 // Until the last step, which gives the new file its name, nothing has happened to the source or the
 // target. Everything before it can fail, be cancelled or be killed.
-#include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
 
@@ -10,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
 #include "platform/handles/new_file.h"
@@ -29,7 +29,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using products::failOn;
+using failure::DatabaseHandle;
+using failure::throwError;
 using products::TargetFile;
 using survey::ByteSource;
 using upkeep::LiveDamage;
@@ -54,7 +55,7 @@ class Stage {
 
   void report(int percent) {
     if (reporter_.report(percent) || !reporter_.wantsToStop()) return;
-    failOn(path_, kOperation, Reason::cancelled, "it was cancelled");
+    throwError(path_, kOperation, Reason::cancelled, "it was cancelled");
   }
 
  private:
@@ -99,7 +100,7 @@ class Compaction {
   // Said rather than anything else that is found then: half-done work looks like damage.
   void refuseIfChanged(const survey::OpenedFile& file) const {
     if (!file.hasChanged()) return;
-    failOn(source_, kOperation, Reason::in_use, "it was changed meanwhile");
+    throwError(source_, kOperation, Reason::in_use, "it was changed meanwhile");
   }
 
   void survey(const survey::OpenedFile& file, const survey::Survey& all) {
@@ -126,7 +127,7 @@ class Compaction {
     verdict_ = upkeep::judgeCopy(file.source(), all);
     if (verdict_.isClean() || options_.force) return;
     refuseIfChanged(file);
-    failOn(source_, kOperation, Reason::damaged, verdict_.why());
+    throwError(source_, kOperation, Reason::damaged, verdict_.why());
   }
 
   static Reason reasonOf(LiveDamage damage) {
@@ -136,9 +137,10 @@ class Compaction {
 
   // For the progress of the survey, which does not know yet whether they are there.
   uint64_t countedRecords() const {
-    const Database database = Database::open(source_, Mode::read_only);
     uint64_t count = 0;
-    for (const Table& table : database.tables()) count += table.count();
+    for (const tablePart1& slot :
+         DatabaseHandle(source_, DatabaseHandle::readOnly).tables(kOperation))
+      count += slot.recordCount;
     return count;
   }
 
@@ -147,7 +149,7 @@ class Compaction {
     const platform::FileAccess access = products::accessOf(source_, kOperation);
     target.create(&access);
     if (copyLive(source, database_, layout, target, [&] { stage.step(); })) return;
-    failOn(source_, kOperation, Reason::cannot_read, "the system cannot read it");
+    throwError(source_, kOperation, Reason::cannot_read, "the system cannot read it");
   }
 
   void compare(const survey::OpenedFile& file, const LiveLayout& layout,
@@ -160,8 +162,8 @@ class Compaction {
     const survey::FileSource copy(read, isKnown ? stamp.size : 0);
     if (isLiveCopy(copy, file.source(), database_, layout, [&] { stage.step(); })) return;
     refuseIfChanged(file);
-    failOn(source_, kOperation, Reason::cannot_write,
-           "what was written is not what can be read back");
+    throwError(source_, kOperation, Reason::cannot_write,
+               "what was written is not what can be read back");
   }
 
   CompactReport reportOn(const ByteSource& source, const LiveLayout& layout) const {
@@ -189,8 +191,8 @@ class Compaction {
 CompactReport compactTo(const fs::path& source, const fs::path& target,
                         const ProgressFunction& progress, const CompactOptions& options,
                         bool overwrite) {
-  // Opened for a clear word on files that are no database.
-  static_cast<void>(Database::open(source, Mode::read_only));
+  // For a clear message on files that are no database.
+  DatabaseHandle(source, DatabaseHandle::readOnly);
   Compaction compaction(source, progress, options);
   std::optional<TargetFile> file;
   const products::TargetRules rules = {.existing = overwrite

@@ -1,15 +1,14 @@
 // qvdb::mend: plan, look at what the plan comes to, write.
-#include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/mend.hpp>
 
 #include "QVDbase/position.h"
+#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "format/fields.h"
 #include "platform/handles/cutting.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
-#include "products/target_file.h"
 #include "recovery/check/check_source.h"
 #include "recovery/mend/mend_plan.h"
 #include "recovery/survey/open_file.h"
@@ -19,36 +18,35 @@ using namespace qvdbase;
 namespace qvdb {
 namespace {
 
+using failure::throwError;
 using failure::throwWriteFailure;
 using mend::MendPlan;
-using products::failOn;
 
 constexpr const char* kOperation = "mend the database";
 
 class Mending {
  public:
   explicit Mending(const std::filesystem::path& path)
-      : path_(path), database_(Database::open(path, Mode::exclusive)) {
-    if (platform::writersOf(database_.handle()) > 1) {
-      failOn(path, kOperation, Reason::in_use, "this program has it open in another place");
-    }
+      : path_(path), database_(path, failure::DatabaseHandle::exclusive) {
+    database_.requireAlone(kOperation);
   }
 
   MendReport run(const MendOptions& options) {
     MendReport report;
     {
-      survey::OpenedFile file(database_.handle(), path_, kOperation);
+      survey::OpenedFile file(database_.number(), path_, kOperation);
       file.watch();
       plan_ = mend::planMend(file.source(), options.cut_off);
-      if (file.hasChanged()) failOn(path_, kOperation, Reason::in_use, "it was changed meanwhile");
+      if (file.hasChanged())
+        throwError(path_, kOperation, Reason::in_use, "it was changed meanwhile");
     }
     if (plan_.unreadableAt >= 0) {
-      failOn(path_, kOperation, Reason::cannot_read,
-             "the system cannot read it at " + std::to_string(plan_.unreadableAt) +
-                 "; nothing was changed");
+      throwError(path_, kOperation, Reason::cannot_read,
+                 "the system cannot read it at " + std::to_string(plan_.unreadableAt) +
+                     "; nothing was changed");
     }
     if (!plan_.refusal.empty()) {
-      failOn(path_, kOperation, Reason::damaged, plan_.refusal + "; nothing was changed");
+      throwError(path_, kOperation, Reason::damaged, plan_.refusal + "; nothing was changed");
     }
     if (!options.dry_run && !plan_.steps.empty()) write();
     report.steps = std::move(plan_.steps);
@@ -60,15 +58,15 @@ class Mending {
   void write() {
     platform::forgetHostFailure();
     for (const survey::Patch& patch : plan_.patches) writePatch(patch);
-    if (plan_.size < static_cast<int64_t>(database_.info().file_size)) cut();
-    database_.sync();
-    const survey::OpenedFile file(database_.handle(), path_, kOperation);
+    if (plan_.size < static_cast<int64_t>(database_.fileLength(kOperation))) cut();
+    database_.sync(kOperation);
+    const survey::OpenedFile file(database_.number(), path_, kOperation);
     if (check::checkSource(file.source()).errors == 0) return;
-    failOn(path_, kOperation, Reason::cannot_write, "what was written cannot be read back");
+    throwError(path_, kOperation, Reason::cannot_write, "what was written cannot be read back");
   }
 
   void writePatch(const survey::Patch& patch) {
-    const int16_t db = database_.handle();
+    const int16_t db = database_.number();
     const auto count = static_cast<uint32_t>(patch.bytes.size());
     engine::SavedPosition position(db);
     const bool isWritten = myFileSeek(db, patch.position, kFromStart) == 0 &&
@@ -79,13 +77,13 @@ class Mending {
 
   // By the open file, which is locked: its name may lead to another one by now.
   void cut() {
-    const auto* file = platform::findOpenFile(database_.handle());
+    const auto* file = platform::findOpenFile(database_.number());
     if (file != nullptr && platform::cutFile(*file, plan_.size)) return;
-    failOn(path_, kOperation, Reason::cannot_write, "the system cannot shorten it");
+    throwError(path_, kOperation, Reason::cannot_write, "the system cannot shorten it");
   }
 
   const std::filesystem::path path_;
-  Database database_;
+  const failure::DatabaseHandle database_;
   MendPlan plan_;
 };
 

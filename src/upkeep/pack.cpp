@@ -1,10 +1,13 @@
 // qvdb::pack and qvdb::renumber: the library's packs, into a temporary file that then takes the
 // target's place.
 #include <qvdbase/qvdb/check.hpp>
-#include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
 
+#include <algorithm>
+
+#include "failure/database_handle.h"
+#include "failure/failure.h"
 #include "failure/native_path.h"
 #include "products/target_file.h"
 #include "recovery/check/parts.h"
@@ -20,7 +23,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using products::failOn;
+using failure::DatabaseHandle;
+using failure::throwError;
 using products::TargetFile;
 using upkeep::Reporter;
 
@@ -29,36 +33,35 @@ constexpr const char* kCategoryTable = "QVrz_Category";
 const fs::path& differing(const char* operation, const fs::path& source, const fs::path& target) {
   std::error_code error;
   if (fs::equivalent(source, target, error)) {
-    failOn(target, operation, Reason::bad_argument, "it is the source itself");
+    throwError(target, operation, Reason::bad_argument, "it is the source itself");
   }
   return target;
 }
 
-std::vector<std::string> tablesThatLoseData(const Database& database) {
+std::vector<std::string> tablesThatLoseData(const std::vector<tablePart1>& tables) {
   std::vector<std::string> names;
-  for (const Table& table : database.tables()) {
-    const TableInfo info = table.info();
-    if (info.record_count != 0 && info.first_record_position != 0 && info.data_position != 0) {
-      names.push_back(table.name());
-    }
+  for (const tablePart1& table : tables) {
+    const bool hasRecords = table.recordCount != 0 && table.firstRecordPos != 0;
+    if (hasRecords && table.firstDataPos != 0) names.push_back(survey::nameOf(table));
   }
   return names;
 }
 
-// A pack on its way: what both kinds share around the library's function.
+// What both kinds of pack share around the library's function.
 class Packing {
  public:
-  Packing(const char* operation, const fs::path& source, Mode mode, const fs::path& target,
-          const TargetOptions& options)
+  Packing(const char* operation, const fs::path& source, DatabaseHandle::Permission permission,
+          const fs::path& target, const TargetOptions& options)
       : operation_(operation),
         source_(source),
-        database_(Database::open(source, mode)),
+        database_(source, permission),
         access_(products::accessOf(source, operation)),
         target_(differing(operation, source, target), operation, rulesOf(options)),
         nativeTarget_(failure::nativePath(target_.makePrivateFolder(), operation)),
         isForced_(options.force) {}
 
-  const Database& database() const { return database_; }
+  int16_t database() const { return database_.number(); }
+  std::vector<tablePart1> tables() const { return database_.tables(operation_); }
   const QVWCHAR* nativeTarget() const { return nativeTarget_.data(); }
 
   // `pack` calls the library's function. `other` is why it can fail on a sound source and a target
@@ -66,14 +69,14 @@ class Packing {
   PackReport run(const ProgressFunction& progress, const std::function<bool()>& pack,
                  const std::function<void()>& other = {}) {
     PackReport report;
-    report.size_before = database_.info().file_size;
-    report.tables_without_data = tablesThatLoseData(database_);
+    report.size_before = database_.fileLength(operation_);
+    report.tables_without_data = tablesThatLoseData(tables());
     report.records_lost = judge();
     Reporter reporter(progress);
     reporter.listen();
     const bool done = pack();
     if (!done && reporter.wantsToStop()) {
-      failOn(source_, operation_, Reason::cancelled, "it was cancelled");
+      throwError(source_, operation_, Reason::cancelled, "it was cancelled");
     }
     if (!done) failPack(report.size_before, other);
     target_.takeOver(access_);
@@ -91,20 +94,21 @@ class Packing {
 
   // Returns how many records would be lost. Refuses that, and errors, unless it is forced.
   uint64_t judge() const {
-    const survey::OpenedFile file(database_.handle(), source_, operation_);
+    const survey::OpenedFile file(database_.number(), source_, operation_);
     const survey::Survey survey = survey::makeSurvey(file.source());
     const upkeep::Verdict verdict = upkeep::judgeCopy(file.source(), survey);
     if (verdict.isClean() || isForced_) return verdict.records;
-    if (file.hasChanged()) failOn(source_, operation_, Reason::in_use, "it is being changed");
+    if (file.hasChanged()) throwError(source_, operation_, Reason::in_use, "it is being changed");
     const bool canPack = check::willPack(survey);
-    failOn(source_, operation_, canPack ? Reason::damaged : Reason::chain_damaged, verdict.why());
+    throwError(source_, operation_, canPack ? Reason::damaged : Reason::chain_damaged,
+               verdict.why());
   }
 
   // The library says only that it failed.
   [[noreturn]] void failPack(uint64_t length, const std::function<void()>& other) const {
     const auto failure = platform::findWriteFailure(length);
     if (!check(source_).pack) {
-      failOn(source_, operation_, Reason::chain_damaged, "the database is damaged");
+      throwError(source_, operation_, Reason::chain_damaged, "the database is damaged");
     }
     if (!failure.code && other) other();
     target_.failWriting(failure);
@@ -112,7 +116,7 @@ class Packing {
 
   const char* operation_;
   fs::path source_;
-  Database database_;
+  DatabaseHandle database_;
   platform::FileAccess access_;
   TargetFile target_;
   std::vector<QVWCHAR> nativeTarget_;
@@ -124,7 +128,7 @@ class Packing {
 PackReport pack(const fs::path& source, const fs::path& target, const ProgressFunction& progress,
                 const TargetOptions& options) {
   constexpr const char* kOperation = "pack the database";
-  Packing packing(kOperation, source, Mode::shared, target, options);
+  Packing packing(kOperation, source, DatabaseHandle::shared, target, options);
   const std::vector<QVWCHAR> nativeSource = failure::nativePath(source, kOperation);
   return packing.run(progress, [&] {
     return PackOneDB2NewW(nativeSource.data(), packing.nativeTarget(), 0, Reporter::packProgress) ==
@@ -135,23 +139,28 @@ PackReport pack(const fs::path& source, const fs::path& target, const ProgressFu
 PackReport renumber(const fs::path& source, const fs::path& target,
                     const ProgressFunction& progress, const TargetOptions& options) {
   constexpr const char* kOperation = "renumber the database";
-  Packing packing(kOperation, source, Mode::any, target, options);
-  if (!packing.database().find_table(kCategoryTable)) {
-    failOn(source, kOperation, Reason::table_missing,
-           std::string("it has no table '") + kCategoryTable + "', which it cannot do without");
+  Packing packing(kOperation, source, DatabaseHandle::any, target, options);
+  const std::vector<tablePart1> tables = packing.tables();
+  const bool canRenew = std::any_of(tables.begin(), tables.end(), [](const tablePart1& table) {
+    return survey::nameOf(table) == kCategoryTable;
+  });
+  if (!canRenew) {
+    throwError(source, kOperation, Reason::table_missing,
+               std::string("it has no table '") + kCategoryTable + "', which it cannot do without");
   }
   const auto renumberOpenFile = [&] {
     uint16_t srcRef = 0;
     uint16_t dstRef = 0;
     int status = 0;
-    return PackOneDB2AllNewUUIDFile(packing.nativeTarget(), packing.database().handle(), 0,
+    return PackOneDB2AllNewUUIDFile(packing.nativeTarget(), packing.database(), 0,
                                     Reporter::packProgress, &srcRef, &dstRef, &status,
                                     nullptr) == 1;
   };
   return packing.run(progress, renumberOpenFile, [&] {
-    failOn(source, kOperation, Reason::data_damaged,
-           "its categories cannot be renewed: one is damaged, or lists a record that has no new "
-           "identifier");
+    throwError(
+        source, kOperation, Reason::data_damaged,
+        "its categories cannot be renewed: one is damaged, or lists a record that has no new "
+        "identifier");
   });
 }
 

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <set>
 
+#include "failure/failure.h"
 #include "format/block_heads.h"
-#include "products/target_file.h"
 
 using namespace qvdb;
 using namespace qvdbase::format;
@@ -38,7 +38,7 @@ class Changes {
 
  private:
   [[noreturn]] void fail(Reason reason, const std::string& why) const {
-    products::failOn(path_, operation_, reason, why);
+    failure::throwError(path_, operation_, reason, why);
   }
 
   size_t indexOf(const std::string& name) {

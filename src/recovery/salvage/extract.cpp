@@ -20,13 +20,8 @@ namespace fs = std::filesystem;
 constexpr const char* kOperation = "extract payloads";
 constexpr const char* kManifest = "manifest.jsonl";
 
-[[noreturn]] void fail(const fs::path& path, qvdb::Reason reason, const std::string& why) {
-  failure::throwError(path, kOperation, reason, why);
-}
-
 void refuseWhatIsThere(const fs::path& path) {
-  if (!isTaken(path)) return;
-  fail(path, qvdb::Reason::file_exists, std::string(qvdb::to_string(qvdb::Reason::file_exists)));
+  if (isTaken(path)) failure::throwError(path, kOperation, qvdb::Reason::file_exists);
 }
 
 std::string nameOf(const survey::Block& block) {

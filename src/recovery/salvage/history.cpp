@@ -21,6 +21,7 @@ using namespace qvdbase;
 namespace qvdb {
 namespace {
 
+using failure::throwError;
 using survey::Block;
 using survey::BlockKind;
 using survey::Label;
@@ -29,11 +30,6 @@ using survey::Survey;
 
 constexpr const char* kHistory = "find the versions of the record";
 constexpr const char* kUndelete = "bring the record back";
-
-[[noreturn]] void fail(const std::filesystem::path& path, const char* operation, Reason reason,
-                       const std::string& why) {
-  failure::throwError(path, operation, reason, why);
-}
 
 // The table of that name or identifier among those that the file shows traces of.
 uint32_t ownerNamed(const Survey& survey, std::string_view table, const std::filesystem::path& path,
@@ -47,7 +43,7 @@ uint32_t ownerNamed(const Survey& survey, std::string_view table, const std::fil
       if (survey.owners[i].number == id->value) return i;
     }
   }
-  fail(path, operation, Reason::table_missing, "no such table: " + std::string(table));
+  throwError(path, operation, Reason::table_missing, "no such table: " + std::string(table));
 }
 
 // Blocks of the record, in file order, which is the order of writing.
@@ -142,16 +138,16 @@ std::vector<std::byte> read_version(const std::filesystem::path& path, const Fou
   const int64_t position = version.offset + header;
   const int64_t left = file.source().size() - position;
   if (position < header || left < 0 || version.there > static_cast<uint64_t>(left)) {
-    fail(path, kRead, Reason::cannot_read, "the file is shorter now");
+    throwError(path, kRead, Reason::cannot_read, "the file is shorter now");
   }
   try {
     std::vector<std::byte> payload(static_cast<size_t>(version.there));
     if (file.source().readAt(position, payload.data(), payload.size()) != payload.size()) {
-      fail(path, kRead, Reason::cannot_read, "the system cannot read it");
+      throwError(path, kRead, Reason::cannot_read, "the system cannot read it");
     }
     return payload;
   } catch (const std::bad_alloc&) {
-    fail(path, kRead, Reason::too_large, "there is not enough memory");
+    throwError(path, kRead, Reason::too_large, "there is not enough memory");
   }
 }
 
@@ -167,11 +163,12 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
     return survey.blocks[number].label == Label::live;
   });
   if (isInUse && !offset) {
-    fail(source, kUndelete, Reason::bad_argument, "the record is in use; name a version's offset");
+    throwError(source, kUndelete, Reason::bad_argument,
+               "the record is in use; name a version's offset");
   }
   const uint32_t chosen = choose(survey, versions, offset);
   if (chosen == survey::kNoBlock) {
-    fail(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
+    throwError(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
   }
   const platform::FileAccess access = file.access(source, kUndelete);
   std::vector<survey::Patch> edited;

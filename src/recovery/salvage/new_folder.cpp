@@ -32,7 +32,7 @@ void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
   }
   if (fs::is_directory(path_, error)) return;
   if (isTaken(path_)) {
-    products::failOn(path_, operation, reason, "something that is no folder has that name");
+    failure::throwError(path_, operation, reason, "something that is no folder has that name");
   }
   failure::throwFolderFailure(path_, operation, "the folder cannot be created", refusal);
 }

@@ -23,10 +23,6 @@ constexpr int64_t kSmallestSize = kDirectoryPos + int64_t{kNewSlotCount} * kSlot
 // Each is surveyed on its own, and a hostile directory can claim everything that follows.
 constexpr size_t kMostDatabases = 1000;
 
-[[noreturn]] void fail(const std::filesystem::path& path, qvdb::Reason reason) {
-  failure::throwError(path, kOperation, reason, std::string(qvdb::to_string(reason)));
-}
-
 // Where the payload that holds `position` ends, or the block where it lies in spare room; 0 where
 // no block holds it. `order` is the file's.
 int64_t endOfPayload(const survey::Survey& survey, const std::vector<uint32_t>& order,
@@ -94,7 +90,7 @@ StoredDatabases::StoredDatabases(const survey::ByteSource& source, const survey:
       place.end = next != loose.end() ? *next : source.size();
     }
     const std::filesystem::path file = folder_.fileNamed(nameOf(place));
-    if (isTaken(file)) fail(file, qvdb::Reason::file_exists);
+    if (isTaken(file)) failure::throwError(file, kOperation, qvdb::Reason::file_exists);
   }
   places_ = std::move(found);
 }

@@ -16,11 +16,6 @@
 namespace qvdbase::survey {
 namespace {
 
-[[noreturn]] void refuse(const std::filesystem::path& path, const char* operation,
-                         qvdb::Reason reason) {
-  failure::throwError(path, operation, reason, std::string(qvdb::to_string(reason)));
-}
-
 // The times of a file move in ticks of the system's clock, of up to ten milliseconds. A write in
 // the same tick as the one before leaves them as they are. So a file that was written just now is
 // given time until every further write shows.
@@ -41,11 +36,11 @@ std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
 [[noreturn]] void refuseWhatDoesNotOpen(const std::filesystem::path& path, const char* operation,
                                         const std::string& absolute) {
   if (platform::kindOfPath(absolute) == platform::PathKind::blockDevice) {
-    refuse(path, operation, qvdb::Reason::access_denied);
+    failure::throwError(path, operation, qvdb::Reason::access_denied);
   }
   std::vector<QVWCHAR> wide(absolute.size() + 1);
   if (!platform::utf16FromUtf8(absolute.data(), absolute.size(), wide.data(), wide.size())) {
-    refuse(path, operation, qvdb::Reason::path_not_reachable);
+    failure::throwError(path, operation, qvdb::Reason::path_not_reachable);
   }
   constexpr int kReadOnly = 1;
   failure::throwOpenFailure(path, operation, platform::findOpenFailure(wide.data(), kReadOnly));
@@ -56,7 +51,7 @@ std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
 OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation) {
   std::error_code error;
   const std::string absolute = std::filesystem::absolute(path, error).native();
-  if (error || path.empty()) refuse(path, operation, qvdb::Reason::path_not_reachable);
+  if (error || path.empty()) failure::throwError(path, operation, qvdb::Reason::path_not_reachable);
   if (!file_.open(absolute)) refuseWhatDoesNotOpen(path, operation, absolute);
   wasLocked_ = file_.isLockedByOthers();
   begin(path, operation);
@@ -64,13 +59,13 @@ OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation)
 
 OpenedFile::OpenedFile(int16_t file, const std::filesystem::path& path, const char* operation) {
   const platform::OpenFile* open = platform::findOpenFile(file);
-  if (open == nullptr) refuse(path, operation, qvdb::Reason::cannot_open);
+  if (open == nullptr) failure::throwError(path, operation, qvdb::Reason::cannot_open);
   file_.share(open->entry);
   begin(path, operation);
 }
 
 void OpenedFile::begin(const std::filesystem::path& path, const char* operation) {
-  if (!file_.stamp(&stamp_)) refuse(path, operation, qvdb::Reason::cannot_open);
+  if (!file_.stamp(&stamp_)) failure::throwError(path, operation, qvdb::Reason::cannot_open);
   source_.emplace(file_, stamp_.size);
   watched_ = firstBytes(*source_, kWatchedSize);
 }
@@ -79,7 +74,7 @@ void OpenedFile::begin(const std::filesystem::path& path, const char* operation)
 platform::FileAccess OpenedFile::access(const std::filesystem::path& path,
                                         const char* operation) const {
   platform::FileAccess access;
-  if (!file_.access(&access)) refuse(path, operation, qvdb::Reason::cannot_read);
+  if (!file_.access(&access)) failure::throwError(path, operation, qvdb::Reason::cannot_read);
   if (file_.isDevice()) access.mode &= 0600;
   return access;
 }
