@@ -32,7 +32,7 @@ inline constexpr int64_t kNow = 2'000'000;
 inline BaseFile manyTables() {
   FileImage image;
   for (size_t t = 0; t < 29; ++t) image.addTable("table " + std::to_string(t), 0x7700 + t);
-  for (uint64_t i = 0; i < 6; ++i) {
+  for (size_t i = 0; i < 6; ++i) {
     for (const size_t t : {size_t{5}, size_t{6}, size_t{28}}) {
       image.addRecord(t, 0xA000 + 100 * t + i, pattern(10 + 90 * i, unsigned(t)));
     }
@@ -49,7 +49,7 @@ inline BaseFile usedFile() {
   const size_t blobs = image.addTable("blobs", 0x2202);
   const size_t empty = image.addTable("empty", 0x3303);
   std::vector<int64_t> at;
-  for (uint64_t i = 0; i < 8; ++i) {
+  for (size_t i = 0; i < 8; ++i) {
     at.push_back(
         image.addRecord(notes, 0xA1 + i, pattern(20 + i, unsigned(i + 1)), {.reserve = 40}));
     image.addRecord(blobs, 0xB1 + i, pattern(300, unsigned(i)));
