@@ -1,8 +1,7 @@
 /* QVDbase: the buffer codec. Integers in byte buffers, least significant byte first, whatever the
  * host's own order. No function checks its pointers; each reads or writes exactly the bytes named.
  */
-#ifndef QVDBASE_ALIMENT8_H
-#define QVDBASE_ALIMENT8_H
+#pragma once
 
 #include <qvdbase/base.h>
 
@@ -10,16 +9,28 @@
 extern "C" {
 #endif
 
-/* Decode an integer at `buf` into `out`. Return the number of bytes consumed: 1, 2, 4 or 8. */
+/* Reads the byte at `buf` into `out`. Returns the number of bytes consumed, 1. */
 QVDBASE_API int GetFromBuffer_BYTE(const unsigned char* buf, unsigned char* out);
+
+/* Decodes the 2 bytes at `buf` into `out`. Returns the number of bytes consumed, 2. */
 QVDBASE_API int GetFromBuffer_Int16(const unsigned char* buf, uint16_t* out);
+
+/* Decodes the 4 bytes at `buf` into `out`. Returns the number of bytes consumed, 4. */
 QVDBASE_API int GetFromBuffer_Int32(const unsigned char* buf, uint32_t* out);
+
+/* Decodes the 8 bytes at `buf` into `out`. Returns the number of bytes consumed, 8. */
 QVDBASE_API int GetFromBuffer_Int64(const unsigned char* buf, uint64_t* out);
 
-/* Encode `value` at `buf`. Return the number of bytes produced: 1, 2, 4 or 8. */
+/* Writes `value` to the byte at `buf`. Returns the number of bytes produced, 1. */
 QVDBASE_API int PutToBuffer_BYTE(unsigned char* buf, unsigned char value);
+
+/* Encodes `value` into the 2 bytes at `buf`. Returns the number of bytes produced, 2. */
 QVDBASE_API int PutToBuffer_Int16(unsigned char* buf, uint16_t value);
+
+/* Encodes `value` into the 4 bytes at `buf`. Returns the number of bytes produced, 4. */
 QVDBASE_API int PutToBuffer_Int32(unsigned char* buf, uint32_t value);
+
+/* Encodes `value` into the 8 bytes at `buf`. Returns the number of bytes produced, 8. */
 QVDBASE_API int PutToBuffer_Int64(unsigned char* buf, uint64_t value);
 
 /* Writes byteCount / 2 characters of `text` to `buf`, each low byte first, without a terminator; an
@@ -33,6 +44,4 @@ QVDBASE_API void RZGetQVWCHARFromBuffer(QVWCHAR* text, const unsigned char* buf,
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

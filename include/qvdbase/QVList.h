@@ -1,31 +1,32 @@
 // QVDbase: a doubly linked list of byte blocks, each of which the list copies and owns.
-#ifndef QVDBASE_QVLIST_H
-#define QVDBASE_QVLIST_H
+#pragma once
 
 #include <qvdbase/base.h>
 
-// One element. `data` is an array of exactly `dataSize` bytes, or null when `dataSize` is 0.
+// One element of a list.
 struct QVNode {
-  QVNode* next;
-  QVNode* prev;
-  void* data;
-  int dataSize;
+  QVNode* next;  // null for the last element
+  QVNode* prev;  // null for the first element
+  void* data;    // exactly dataSize bytes, owned by the node; null when dataSize is 0
+  int dataSize;  // in bytes
 };
 
-// Elements are addressed by a 0-based index; every access walks from the head, so the cost grows
-// with the index. An index is valid when 0 <= index < count. Not locked: one thread at a time.
+// A list. Elements are addressed by a 0-based index; every access walks from the head, so the cost
+// grows with the index. An index is valid when 0 <= index < count. Not locked: one thread at a
+// time.
 //
 // The allocators are the ordinary ones: where memory runs out, std::bad_alloc leaves the function
-// and the list is as it was (ModAt: the element has lost its old data).
+// and the list is unchanged (after ModAt the element has lost its old data).
 class QVDBASE_API QVList {
  public:
-  QVList();
-  ~QVList();  // DelAll
+  QVList();   // empty
+  ~QVList();  // frees every element
   QVList(const QVList&) = delete;
   QVList& operator=(const QVList&) = delete;
 
   // Makes an unlinked node that owns a copy of `size` bytes; with a size below 1 a node without
-  // data. The caller sets its links, and frees it with FreeOneNode if it never joins a list.
+  // data. The caller owns it until it is linked into a list: sets its links, or frees it with
+  // FreeOneNode.
   QVNode* CreateNewNodeWithData(const void* bytes, int size);
 
   // Appends a copy at the tail. Returns 1, or 0 when no node could be made.
@@ -44,9 +45,9 @@ class QVDBASE_API QVList {
   // or 0 for an index that is not valid.
   int ModAt(const void* bytes, int size, int index);
 
-  // Copies the element's bytes to `buffer`, which must have room for them, and stores their
-  // number. With a null buffer only the size is stored. Returns 1, or 0 for an index that is not
-  // valid (nothing is stored then).
+  // Copies the element's bytes to `buffer`, which must be large enough for them, and stores
+  // their number in `size`. With a null buffer only the size is stored. Returns 1, or 0 for an
+  // index that is not valid (nothing is stored then).
   int GetAt(void* buffer, int* size, int index);
 
   // Returns the element's own bytes and stores their number; null with size 0 for an element
@@ -54,7 +55,8 @@ class QVDBASE_API QVList {
   // borrowed: it holds until that element is modified or deleted.
   void* GetAtNoCopy(int* size, int index);
 
-  // Returns the node at `index`, borrowed likewise, or null for an index that is not valid.
+  // Returns the node at `index`, which stays the list's, or null for an index that is not
+  // valid.
   QVNode* GetNodeAt(int index);
 
   // The number of elements; -1 after the only element was deleted with DelAt.
@@ -71,5 +73,3 @@ class QVDBASE_API QVList {
   QVNode* tail;
   int count;
 };
-
-#endif

@@ -1,6 +1,5 @@
 /* QVDbase: what every public header needs. The character type and the export macro. */
-#ifndef QVDBASE_BASE_H
-#define QVDBASE_BASE_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -14,5 +13,3 @@
 
 /* A character of every 16-bit string and path: UTF-16, one unit. Strings are zero-terminated. */
 typedef uint16_t QVWCHAR;
-
-#endif

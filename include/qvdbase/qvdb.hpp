@@ -10,18 +10,18 @@
 // written by the functions of qvdbase.h or by what they consist of, and the two can be mixed on one
 // open database through Database::handle().
 //
-// The rules of the C functions hold here too: one thread at a time, in the whole process; when an
-// operation has returned, all that it wrote is with the operating system, and Database::sync() asks
-// for more. No operation of this layer moves the file position of the handle.
+// The rules of the C functions, and the caveats in qvdbase.h, hold here too: one thread at a time,
+// in the whole process; when an operation has returned, all that it wrote is with the operating
+// system, and Database::sync() asks for more. No operation of this layer moves the file position of
+// the handle.
 //
-// What stays when the library is updated: source code that compiles with one version of this layer
+// What an update of the library keeps: source code that compiles with one version of this layer
 // compiles with every later 1.x version and means the same; structs of options and reports get new
 // members at their end only, with defaults, and enumerations new values. Binary code is another
 // matter: the C functions keep their interface for as long as the library is libqvdbase.so.1, the
-// classes and structs of this layer do not. An application that uses them is to be compiled again
-// with the headers of each version that it is run with.
-#ifndef QVDBASE_QVDB_HPP
-#define QVDBASE_QVDB_HPP
+// classes and structs of this layer do not. Compile an application that uses them again with the
+// headers of each version that it is run with.
+#pragma once
 
 #include <qvdbase/qvdb/cpp20.hpp>
 
@@ -40,5 +40,3 @@
 #include <qvdbase/qvdb/salvage.hpp>
 #include <qvdbase/qvdb/table.hpp>
 #include <qvdbase/qvdb/writer.hpp>
-
-#endif

@@ -1,6 +1,6 @@
 /* QVDbase: a small embedded database library. Tables of records in single files.
  *
- * A database is one file: a header, a directory of 32 table slots (31 of them usable), and behind
+ * A database is one file: a header, a directory of 32 table slots (31 of them usable), and after
  * them the blocks that the library appends. A table has a name, an identifier, a chain of records
  * and at most one block of table data. A record has an identifier, a create time, a time of last
  * modification and a payload of bytes whose meaning is the application's.
@@ -8,11 +8,11 @@
  * Handles. An open database is named by a positive 16-bit file reference number; 0 means none. The
  * application opens or creates a database, works on it and closes it with CloseDBase.
  *
- * Identifiers are unsigned 64-bit numbers; where a function returns one, 0 stands for "none".
- * Times are seconds since 1970, modulo 2^32. Sizes are bytes. Paths are zero-terminated 16-bit
- * strings (UTF-16) of at most 2,047 characters, walked from the root of the file system whether or
- * not they begin with a separator; '/' and the backslash both separate. Table names are
- * zero-terminated 8-bit strings, of which the first 32 bytes count.
+ * Identifiers are unsigned 64-bit numbers; where a function returns one, 0 means "none". Times are
+ * seconds since 1970, modulo 2^32. Sizes are in bytes. Paths are zero-terminated 16-bit strings
+ * (UTF-16) of at most 2,047 characters, walked from the root of the file system whether or not they
+ * begin with a separator; '/' and the backslash both separate. Table names are zero-terminated
+ * 8-bit strings, of which the first 32 bytes count.
  *
  * Results. Unless said otherwise 1 is success and 0 is failure; there are no error codes, and
  * output arguments are written only where the description says so.
@@ -20,34 +20,161 @@
  * File position. A database handle has one file position. Every function here restores the
  * position that it found, on success and on failure, unless its description says otherwise.
  *
+ * Memory. What is passed in (names, payloads, table data) stays the caller's, and nothing of it is
+ * kept after the call.
+ *
  * What is safe. When a call has returned, all that it wrote is with the operating system: ending
- * the process at once loses none of it. The library does not sync to the device: a power failure
- * can lose or tear what the operating system had not yet written. Files may be damaged or hostile:
- * no file makes the library read or write outside its buffers.
+ * the process at once loses none of it, and a database need not be closed for that. Files may be
+ * damaged or hostile: no file makes the library read or write outside its buffers, loop without
+ * end, or end the process. A program that was started with closed standard streams never gets a
+ * database in their place.
  *
- * What not to do. The library is used from one thread at a time. Do not work on one database from
- * inside a progress function that is running on it. A table, record or table-data buffer passed in
- * stays the caller's; nothing is kept after the call. Functions that fill a caller's buffer do not
- * know its size: ask for the size first, as their descriptions say.
  *
- * Several writers. Open a database that you write to with permission 3 (2 means the same). With
- * 4, and with 0, other processes may write at the same time, and the library does not take turns
- * for them: a call reads the table's slot, appends and writes the slot back, so that of two
- * calls at one moment the one loses records that the other has acknowledged. Permission 4
- * therefore means "I take turns by other means": every writer holds a lock of the application's
- * own around each call.
+ * Caveats
+ * =======
  *
- * Tables are added through one handle at a time. A handle keeps the number of tables from its
- * first look at the directory: a table added through another handle, in this process or
- * elsewhere, is overwritten by the next AddTable through the first one. A handle that is closed
- * and opened again takes another look.
+ * Of each: the symptom, the cause, the cure.
  *
- * A handle that a child process got by fork is used in one of the two processes only, as by a
- * daemon that continues in its child. The lock excludes other processes, not these two from each
- * other: when both use the handle, records are lost.
+ * Two writers
+ *   Records that were added are gone, although both writers got the result 1.
+ *   Permission 4, and 0, let other processes write at the same time, and the library does not take
+ *   turns for them: a call reads the table's slot, appends, and writes the slot back.
+ *   Open a database that you write to with permission 3 (2 means the same). Permission 4 means "I
+ *   take turns by other means": every writer holds a lock of the application's own around each
+ *   call.
+ *
+ * Tables added in two places
+ *   A table is gone after another one was added.
+ *   A handle keeps the number of tables from its first look at the directory. A table that was
+ *   added through another handle since, in this process or elsewhere, is overwritten by the next
+ *   AddTable.
+ *   Add tables through one handle, or close and open the others before they add one.
+ *
+ * Fork
+ *   Records are lost, although the database is open exclusively.
+ *   A child has its parent's handles, and the lock excludes other processes, not these two from
+ *   each other.
+ *   Use a handle in one of the two only, as a daemon that continues in its child does; let the
+ *   other process leave it alone, or open the database in the child.
+ *
+ * Threads
+ *   Results are wrong, or the program crashes.
+ *   Nothing in the library is locked against another thread: file positions, caches and counts are
+ *   those of the process.
+ *   Call the library from one thread at a time, also for different databases.
+ *
+ * Descriptors
+ *   Every call fails after the program became a daemon; or bytes of another file are in a database.
+ *   The program closed descriptors that it did not open, as closefrom(3) does, and the system gave
+ *   their numbers to other files.
+ *   Open databases after that. Do not open a database file with open() or fopen() beside the
+ *   library either: on systems without locks of open file descriptions, closing it ends the
+ *   library's lock.
+ *
+ * Relative paths
+ *   OpenDBaseW does not find "notes.qvd", or CreateDBaseW fails, or makes the folder /notes.qvd.
+ *   Every path starts at the root of the file system; a path without any separator serves as folder
+ *   and as file: "/notes.qvd/notes.qvd".
+ *   Pass absolute paths (qvdb::Database::native_path of the C++ layer makes them).
+ *
+ * Blanks in folders
+ *   A database in a folder such as "My  files" (two blanks) is not found, or is created in another
+ *   folder.
+ *   In the names of folders every run of spaces, tabs and double quotes becomes one space, and a
+ *   space at either end is dropped.
+ *   Keep databases in folders whose names this does not change.
+ *
+ * Creating what is there
+ *   All tables are gone after the program was started again.
+ *   CreateDBaseW empties a file that is there, unless it is in use.
+ *   Call OpenDBaseW first, and CreateDBaseW only when there is no file.
+ *
+ * Opening what is no database
+ *   OpenDBaseW succeeds, and every later call returns 0.
+ *   Opening does not look at the contents; and CreateDBaseW stores any signature and version.
+ *   Ask GetDBaseInfoW first. Create with a signature that begins with "QV" or "qv", and with
+ *   version 100.
+ *
+ * A file that is replaced
+ *   Changes made through a handle are not in the file, or the contents seem old.
+ *   A rename put another file in its place (a backup, a synchronizing service, `qvdb compact`). The
+ *   handle stays with the old file, which has no name any more.
+ *   Close databases before their files are replaced, and open them again afterwards. Of the
+ *   library's own operations those that replace a file refuse one that is open for writing.
+ *
+ * Reading beside a writer
+ *   A payload is half old, half new, or a call fails once and succeeds the next time.
+ *   Permission 1 takes no lock: a reader sees what a writer has written so far.
+ *   Where that matters, open the database with permission 3 for reading too.
+ *
+ * Sizes
+ *   The program crashes in, or after, GetTableData or GetRecordUuIDList.
+ *   Functions that fill a caller's buffer do not know its size; or the data grew after the size was
+ *   asked for.
+ *   Ask for the size first (GetTableDataSize, GetNumberOfRecords), and open the database with
+ *   permission 3, so that no other process changes it between the two calls.
+ *
+ * Long table names
+ *   FindTableByName does not find a table that AddTable has just added, and adding it again
+ *   succeeds.
+ *   Names are cut to 32 bytes when they are stored, and compared whole with what is stored.
+ *   Use names of at most 32 bytes.
+ *
+ * Empty payloads
+ *   ModifyRecordData returns 0 for a size of 0, though AddRecordData takes it.
+ *   A modification needs at least one byte.
+ *   Keep one byte to say "empty", or delete the record (qvdb::Table::modify can empty one).
+ *
+ * Files that grow
+ *   The file grows with every change, although no record was added.
+ *   Blocks are never used again: a payload that does not fit the capacity of its record goes to a
+ *   new block, which has no spare capacity either; deleted records stay in the file.
+ *   Give a `reserve` when adding records that will grow. Run `qvdb compact` now and then. What was
+ *   deleted can be read from the file until then.
+ *
+ * Packing
+ *   Table data is gone after PackOneDB2NewW.
+ *   A table that has records loses it there; see the function.
+ *   Use `qvdb compact`, or qvdb::compact, which keep it.
+ *
+ * Progress functions
+ *   A pack fails and its target is empty; a repair stops. Or the percentage is always the same.
+ *   A progress function that returns 0 asks to stop, and one declared void returns anything. The
+ *   packs call it with (userData, percent, argument), the link repair with (percent, userData,
+ *   argument).
+ *   Return 1. Look up the order of the arguments with each function. Do not call the library on the
+ *   databases of the operation from inside it, neither to write nor to read.
+ *
+ * Lookups
+ *   A loop over GetRecordUuIDList that looks up each record takes minutes.
+ *   Every lookup by identifier walks the chain from the table's first record.
+ *   Use the C++ layer there: qvdb::Table::records() walks once, qvdb::Table::index() makes lookups
+ *   take constant time.
+ *
+ * Identifiers given twice
+ *   A record that was added cannot be found, modified or deleted; another one is.
+ *   AddRecordData_AssignRecordID does not check whether the identifier is in use; lookups find the
+ *   first record that has it.
+ *   Look the identifier up first, or let AddRecordData make one.
+ *
+ * Counts
+ *   gbl_realWriten is a few bytes after a payload of 1,000 bytes was added.
+ *   The counts are those of the last single transfer, of which a call makes many.
+ *   Use the sizes that the functions report.
+ *
+ * Buffers to free
+ *   Memory leaks, or is freed twice, around category records.
+ *   InternalReadOneRecord2CategoryStruct makes the lists of a record, and frees them when it fails;
+ *   InternalPutOneCategory2Buffer returns memory of its own.
+ *   Free them with free(), as qvrzdb_sub.h says. No other C function returns memory to be freed.
+ *
+ * Power failures
+ *   After a power failure records are missing or torn, although FlushDBase was called.
+ *   The library does not sync to the device, and FlushDBase does nothing.
+ *   Where it matters, sync: qvdb::Database::sync(), or the system's command `sync FILE`. Afterwards
+ *   `qvdb check` reports what is wrong, and `qvdb salvage` brings back what is there.
  */
-#ifndef QVDBASE_QVDBASE_H
-#define QVDBASE_QVDBASE_H
+#pragma once
 
 #include <qvdbase/base.h>
 
@@ -55,29 +182,33 @@
 extern "C" {
 #endif
 
-/* What GetOneRecordInfo tells of a record. 48 bytes. */
+/* What GetOneRecordInfo reports about a record. 48 bytes. */
 typedef struct oneRecordInfoP1 {
   uint64_t tableID;      /* the owning table */
   uint64_t recordID;     /* the record */
   uint32_t createTime;   /* when the record was first written */
   uint32_t modifyTime;   /* when it was last modified */
   uint32_t dataLength;   /* bytes of payload in use */
-  uint32_t dataCapacity; /* bytes of room for the payload; never below dataLength in a sound file */
+  uint32_t dataCapacity; /* bytes that the payload can grow to in place; never
+                            below dataLength in a sound file */
   int64_t recordPos;     /* file position of the record's block */
   int64_t dataPos;       /* file position of its payload: recordPos + 55 */
 } oneRecordInfoP1;
 
-/* A progress function. What its two numbers mean and what it is handed as its third argument is
- * said by each operation. Returning 0 asks the operation to stop. One that throws counts as one
- * that returned 0; what it threw is lost. When its thread is cancelled inside it, the operation
- * closes the files that it opened, and the cancellation goes on. */
+/* A progress function. Each operation says what its two numbers mean, and what it gets as its third
+ * argument. Returning 0 asks the operation to stop. One that throws counts as one that returned 0;
+ * what it threw is lost. When its thread is cancelled inside it, the operation closes the files
+ * that it opened, and the cancellation continues. */
 typedef uint16_t (*QVProgressFunction)(int, int, void*);
 
 /* ---- Variables ------------------------------------------------------------------------------ */
 
-/* Bytes moved by the latest read and the latest write of the library, process-wide. When a write
- * failed, the bytes of it that were written. */
+/* The number of bytes that the library's last read has moved, in this process. A call makes many
+ * reads: this is no sum. */
 extern QVDBASE_API uint32_t gbl_realReaden;
+
+/* The number of bytes that the library's last write has moved, in this process; of one that failed,
+ * the bytes that were written. */
 extern QVDBASE_API uint32_t gbl_realWriten;
 
 /* Starts at 0. The library neither reads nor writes it; it is kept for callers that name it. */
@@ -93,8 +224,9 @@ extern QVDBASE_API int32_t Gbl_Flush_Time;
 QVDBASE_API int GenerateUuID_Int64(uint64_t* value);
 
 /* Creates an empty database and leaves it open for reading and writing, excluding every other
- * writer. Missing directories of the path are made. A file that is already there is emptied
- * first, unless anybody has it open: then nothing in it changes and the call fails.
+ * writer. Missing directories of the path are created. A file that is already there is emptied
+ * first. While this process has it open, or another process has it open for writing, nothing in it
+ * changes and the call fails.
  *
  * path       where to create it
  * signature  4 bytes, stored as given; only files whose first byte is 'Q' or 'q' and whose second
@@ -112,24 +244,30 @@ QVDBASE_API int16_t CreateDBaseW(const QVWCHAR* path, const void* signature, int
  * path        the file
  * permission  1 read only; 2 or 3 read and write, excluding every other writer; 4 read and write,
  *             shared with others who open with 4, which needs turns taken by other means (see
- *             "Several writers" above); 0 the most that can be obtained (4, else 1). Only the low 8
+ *             "Two writers" above); 0 the most that can be obtained (4, else 1). Only the low 8
  *             bits count
  *
- * Returns the handle, positioned at 0; 0 when the path is null, the file is not there or is not a
- * regular file, the permission is not one of these or cannot be granted. */
+ * Returns the handle, positioned at 0. Returns 0 when the path is null or too long, when the file
+ * does not exist or is not a regular file, and when the permission is not one of these or cannot be
+ * granted. */
 QVDBASE_API int16_t OpenDBaseW(const QVWCHAR* path, int permission);
 
-/* Closes a database; its handle may be given to another file afterwards.
+/* Closes a database. Its number may become the handle of another file afterwards.
  *
- * Returns a value other than 0 when the handle was open and is now closed, else 0. */
+ * db  the handle; not usable after the call, whatever it returns
+ *
+ * Returns a value other than 0 when the handle was open. Returns 0 when it was not, and when the
+ * system reports an error on closing (the handle is closed then too). */
 QVDBASE_API uint16_t CloseDBase(int16_t db);
 
-/* Does nothing: each call has handed its writes to the operating system before it returns.
+/* Does nothing: each call has passed its writes to the operating system before it returns. It does
+ * not sync to the device either.
+ *
  * Returns 1 for any handle. */
 QVDBASE_API int FlushDBase(int16_t db);
 
 /* Reads signature, version and identifier of the database at a path. The file is opened with
- * permission 4 for the length of the call. The version is told whatever its value.
+ * permission 4 for the length of the call. The version is reported whatever its value.
  *
  * path          the file
  * signatureOut  5 bytes: the signature and a zero; may be null
@@ -166,14 +304,14 @@ QVDBASE_API uint64_t AddTable(int16_t db, const char* name);
  * cannot be read or a slot before the table is damaged. */
 QVDBASE_API uint64_t FindTableByName(int16_t db, const char* name);
 
-/* Tells the number of tables.
+/* Reports the number of tables.
  *
  * count  receives it; written on success only
  *
  * Returns 1; 0 when count is null or the directory cannot be read. */
 QVDBASE_API int GetNumberOfTable(int16_t db, int32_t* count);
 
-/* Tells name and identifier of a table by its place in order of creation.
+/* Reports name and identifier of a table by its place in order of creation.
  *
  * index  0 to the number of tables - 1
  * name   33 bytes: up to 32 bytes of name and a terminating zero; written on success only
@@ -184,13 +322,14 @@ QVDBASE_API uint64_t GetTableNameAndIDByIndex(int16_t db, int index, char* name)
 
 /* ---- Table data ----------------------------------------------------------------------------- */
 
-/* Stores a table's block of data. It is written over the present block when that block has room,
+/* Stores a table's block of data. It is written over the present block when that has the capacity,
  * else as a new block at the end of the file.
  *
  * table    the table's identifier
  * data     size bytes; null is allowed only with size 0
  * size     bytes to store
- * reserve  room to keep for later growth; a new block has room for the larger of size and reserve
+ * reserve  bytes to provide for later growth; a new block has the capacity of the larger of size
+ * and reserve
  *
  * Returns 1. Returns 0 when data is null with a size above 0, when no table has the identifier,
  * when the present block is damaged, and when the file cannot be read or written. A failure while
@@ -201,13 +340,13 @@ QVDBASE_API int SetTableData(int16_t db, uint64_t table, const unsigned char* da
 
 /* Reads a table's block of data.
  *
- * buffer  room for as many bytes as GetTableDataSize tells
+ * buffer  as many bytes as GetTableDataSize reports
  *
  * Returns 1 with the data in the buffer. Returns 0 when buffer is null, when the table has no data
  * or data of size 0, when there is no such table, when its block is damaged or cannot be read. */
 QVDBASE_API int GetTableData(int16_t db, uint64_t table, void* buffer);
 
-/* Tells the size of a table's block of data, in bytes.
+/* Reports the size of a table's block of data, in bytes.
  *
  * size  receives it; written on success only
  *
@@ -217,11 +356,12 @@ QVDBASE_API int GetTableDataSize(int16_t db, uint64_t table, uint32_t* size);
 
 /* ---- Records -------------------------------------------------------------------------------- */
 
-/* Adds a record behind the table's last one, under a new identifier. Its times are now.
+/* Adds a record after the table's last one, under a new identifier. Its times are now.
  *
  * payload  size bytes; null is allowed only with size 0
  * size     bytes to store
- * reserve  room to keep for later growth; the record has room for the larger of size and reserve
+ * reserve  bytes to provide for later growth; the record has the capacity of the larger of size and
+ *          reserve
  * record   receives the identifier; written on success only
  *
  * Returns 1. Returns 0 when record is null, when payload is null with a size above 0, when there is
@@ -230,16 +370,18 @@ QVDBASE_API int GetTableDataSize(int16_t db, uint64_t table, uint32_t* size);
 QVDBASE_API int AddRecordData(int16_t db, uint64_t table, const unsigned char* payload,
                               uint32_t size, uint32_t reserve, uint64_t* record);
 
-/* The same, under the identifier that the caller gives. Nothing checks whether the table has a
- * record of that identifier already; lookups find the one that comes first.
+/* Adds a record as AddRecordData does, under the identifier that the caller gives. Nothing checks
+ * whether the table has a record of that identifier already; lookups find the one that comes first.
  *
- * record  the identifier to use; only read */
+ * record  the identifier to use; only read; must not be null
+ *
+ * Returns 1, or 0 as AddRecordData does. */
 QVDBASE_API int AddRecordData_AssignRecordID(int16_t db, uint64_t table,
                                              const unsigned char* payload, uint32_t size,
                                              uint32_t reserve, const uint64_t* record);
 
-/* Tells of a record: times, sizes and where it lies. Looking a record up walks the table's chain
- * from its first record.
+/* Reports times, sizes and position of a record. Looking a record up walks the table's chain from
+ * its first record.
  *
  * info    receives the information; on failure it may be partly filled
  * unused  not used; may be null
@@ -257,15 +399,15 @@ QVDBASE_API int ModifyOneRecordInfo_LMTime(int16_t db, uint64_t table, uint64_t 
 
 /* Lists the identifiers of a table's records, in the order of the chain.
  *
- * list   room for as many identifiers as GetNumberOfRecords tells
+ * list   as many identifiers as GetNumberOfRecords reports
  * count  receives how many were stored
  *
  * Returns 1. Returns 0 when list or count is null, when there is no such table, and when the chain
- * is damaged or cannot be read; count then tells how many identifiers were fully stored, and one
- * more entry of the list may have been written. */
+ * is damaged or cannot be read; count is then the number of identifiers that were fully stored, and
+ * one more entry of the list may have been written. */
 QVDBASE_API int GetRecordUuIDList(int16_t db, uint64_t table, uint64_t* list, uint32_t* count);
 
-/* Tells the number of a table's records.
+/* Reports the number of a table's records.
  *
  * count  receives it; must not be null. It is set to 0 first, so that it is 0 after a failure
  *
@@ -273,10 +415,10 @@ QVDBASE_API int GetRecordUuIDList(int16_t db, uint64_t table, uint64_t* list, ui
 QVDBASE_API int GetNumberOfRecords(int16_t db, uint64_t table, uint32_t* count);
 
 /* Replaces a record's payload and sets its time of last modification to now. A payload that fits
- * the record's room is written over the old one, whose tail, if it was longer, stays in the file; a
- * larger one goes to a new block at the end of the file, without spare room, which takes the old
- * one's place in the chain. The record keeps its identifier, its create time and its place in the
- * order.
+ * the record's capacity is written over the old one, whose tail, if it was longer, stays in the
+ * file; a larger one goes to a new block at the end of the file, without spare capacity, which
+ * takes the old one's place in the chain. The record keeps its identifier, its create time and its
+ * place in the order.
  *
  * payload  size bytes; must not be null
  * size     must not be 0
@@ -286,7 +428,7 @@ QVDBASE_API int GetNumberOfRecords(int16_t db, uint64_t table, uint32_t* count);
  * when the neighbours in the chain are damaged, and when the file cannot be read or written. A
  * failure while writing over the old payload can leave the record with part of the new one.
  *
- * File position: left just behind the new payload when it was written over the old one; restored in
+ * File position: left just after the new payload when it was written over the old one; restored in
  * every other case. */
 QVDBASE_API int ModifyRecordData(int16_t db, uint64_t table, const unsigned char* payload,
                                  uint32_t size, uint64_t record, int* unused);
@@ -302,34 +444,34 @@ QVDBASE_API int DeleteOneRecord(int16_t db, uint64_t table, uint64_t record, int
 /* ---- Maintenance ---------------------------------------------------------------------------- */
 
 /* Packs a database into a new file: every table with its current data and the records of its
- * chain, which keep identifiers, times, payload and room. Deleted records, the old places of
- * modified ones and old table data stay behind. The source is opened with permission 4 for the
+ * chain, which keep identifiers, times, payload and capacity. Deleted records, the old places of
+ * modified ones and old table data are left out. The source is opened with permission 4 for the
  * length of the call and is not changed.
  *
  * A table that has records loses its table data: its slot in the new file carries the table-data
  * positions of the source.
  *
  * srcPath   the database
- * dstPath   the new file; made and, if it is there, emptied as CreateDBaseW does. Must not be the
- *           source, and is refused while anybody has it open
- * userData  handed to callback
+ * dstPath   the new file; created or, if it is there, emptied as CreateDBaseW does. Must not be the
+ *           source
+ * userData  passed to callback
  * callback  may be null; called as callback(userData, percent, null), with percent 1, with 1 to 98
  *           after each record, with 99 after each table and with 100 when both files are closed. 0
  *           ends the pack as a failure, at 100 too
  *
  * Returns 1. Returns 0 when a path is null, when the source cannot be opened or read or is damaged
- * where its live blocks are, when the new file cannot be made or written, when memory for a payload
- * or a block cannot be had, and when callback returns 0. The new file is then emptied, not removed.
- * While it is filled it carries version 101, at the end 100. */
+ * where its live blocks are, when the new file cannot be made or written, when there is not
+ * enough memory for a payload or a block, and when callback returns 0. The new file is then
+ * emptied, not removed. While it is filled it carries version 101, at the end 100. */
 QVDBASE_API int PackOneDB2NewW(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int userData,
                                QVProgressFunction callback);
 
-/* The same, telling its file numbers, with differences that make it useless for ordinary
- * databases; it is kept for programs that call it. It takes slots for images of a structure in
- * memory, so that it fails on the first table of any file below 4 GiB. A database without tables
- * becomes a header and a directory of such images, which table operations cannot use. A table that
- * has table data fails it when its slot could be written. The version is never touched, callback
- * is called for records only when the percent changes, and not with 99.
+/* Packs as PackOneDB2NewW does and reports its file numbers, with differences that make it useless
+ * for ordinary databases; it is kept for programs that call it. It takes slots for images of a
+ * structure in memory, so that it fails on the first table of any file below 4 GiB. A database
+ * without tables becomes a header and a directory of such images, which table operations cannot
+ * use. A table that has table data fails it when its slot could be written. The version is never
+ * touched, callback is called for records only when the percent changes, and not with 99.
  *
  * outSrcRef  receives the source's number when the new file is open, and 0 whenever the source is
  *            closed
@@ -351,7 +493,7 @@ QVDBASE_API int PackOneDB2New_WithHandle(const QVWCHAR* srcPath, const QVWCHAR* 
  * qvrzdb_sub.h), which are the records of "QVrz_Category".
  *
  * Of a chain of n records of "QVrz_Record" only the first n - 1 can be replaced: a category that
- * lists the last one fails the call. A table with other records behind "QVrz_Record" in the
+ * lists the last one fails the call. A table with other records after "QVrz_Record" in the
  * directory disturbs the replacement as well.
  *
  * dstPath      as in PackOneDB2NewW
@@ -363,7 +505,7 @@ QVDBASE_API int PackOneDB2New_WithHandle(const QVWCHAR* srcPath, const QVWCHAR* 
  * outDstRef    receives the new file's number then; 0 when it is finished, and after a failure only
  *              if the header's copy, a payload or a block was in memory at that moment
  * status       as in PackOneDB2New_WithHandle
- * callbackArg  handed to callback
+ * callbackArg  passed to callback
  *
  * outSrcRef, outDstRef and status must not be null. Returns 1. Returns 0 as PackOneDB2NewW does,
  * when dstPath is null, when there is no table "QVrz_Category", when a category record is damaged,
@@ -383,14 +525,14 @@ QVDBASE_API int PackOneDB2AllNewUUIDFile(const QVWCHAR* dstPath, int16_t srcRef,
  * result       0 nothing to repair, 2 at least one table was rewritten, 1 failure (also on a file
  *              that is no database), 10 stopped. What was written before a failure stays
  *
- * Returns 1 when the file could be opened: `result` tells the rest. Returns 0 when srcPath or
+ * Returns 1 when the file could be opened: `result` says the rest. Returns 0 when srcPath or
  * result is null and when the file cannot be opened for writing. */
 QVDBASE_API int FixOneDBLinkErrorW(const QVWCHAR* srcPath, QVProgressFunction callback,
                                    int userData, void* callbackArg, int* result);
 
 /* Meant to copy header and directory of a database into a new file, without records. It does not:
  * with any database that has slots it returns 0, leaves an empty file at dstPath, and leaves the
- * source open under a number that nobody is told. It is kept for programs that call it; do not use
+ * source open under a number that is not reported. It is kept for programs that call it; do not use
  * it in new ones.
  *
  * status  100, and 0 once the new file exists; must not be null
@@ -401,76 +543,74 @@ QVDBASE_API int DupFrameForRzbd3W(const QVWCHAR* srcPath, const QVWCHAR* dstPath
 
 /* ---- Short names ---------------------------------------------------------------------------- */
 
-/* A second name for each function above: same arguments, same result, same effect. */
+/* A second name for each function above: the same arguments, results and effects. */
 
-/* GenerateUuID_Int64 */
+/* The same as GenerateUuID_Int64. */
 QVDBASE_API int PGUI64(uint64_t* value);
-/* CreateDBaseW */
+/* The same as CreateDBaseW. */
 QVDBASE_API int16_t PCDBW(const QVWCHAR* path, const void* signature, int version);
-/* OpenDBaseW */
+/* The same as OpenDBaseW. */
 QVDBASE_API int16_t PCODBW(const QVWCHAR* path, int permission);
-/* GetDBaseInfoW */
+/* The same as GetDBaseInfoW. */
 QVDBASE_API int PGDBIW(const QVWCHAR* path, void* signatureOut, uint16_t* versionOut, void* idOut);
-/* CloseDBase */
+/* The same as CloseDBase. */
 QVDBASE_API uint16_t PCCDB(int16_t db);
-/* FlushDBase */
+/* The same as FlushDBase. */
 QVDBASE_API int PCFDB(int16_t db);
-/* SetDBaseVersion */
+/* The same as SetDBaseVersion. */
 QVDBASE_API int PSDBV(int16_t db, uint16_t version);
-/* AddTable */
+/* The same as AddTable. */
 QVDBASE_API uint64_t PCAT(int16_t db, const char* name);
-/* FindTableByName */
+/* The same as FindTableByName. */
 QVDBASE_API uint64_t PCFTBN(int16_t db, const char* name);
-/* GetNumberOfTable */
+/* The same as GetNumberOfTable. */
 QVDBASE_API int PCGNOT(int16_t db, int32_t* count);
-/* GetTableNameAndIDByIndex */
+/* The same as GetTableNameAndIDByIndex. */
 QVDBASE_API uint64_t PCGTNAIDBI(int16_t db, int index, char* name);
-/* SetTableData */
+/* The same as SetTableData. */
 QVDBASE_API int PCSTD(int16_t db, uint64_t table, const unsigned char* data, uint32_t size,
                       uint32_t reserve);
-/* GetTableDataSize */
+/* The same as GetTableDataSize. */
 QVDBASE_API int PCGTDS(int16_t db, uint64_t table, uint32_t* size);
-/* GetTableData */
+/* The same as GetTableData. */
 QVDBASE_API int PCGTD(int16_t db, uint64_t table, void* buffer);
-/* AddRecordData */
+/* The same as AddRecordData. */
 QVDBASE_API int PCARD(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
                       uint32_t reserve, uint64_t* record);
-/* AddRecordData_AssignRecordID */
+/* The same as AddRecordData_AssignRecordID. */
 QVDBASE_API int PCARDARID(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
                           uint32_t reserve, const uint64_t* record);
-/* GetNumberOfRecords */
+/* The same as GetNumberOfRecords. */
 QVDBASE_API int PCGNOR(int16_t db, uint64_t table, uint32_t* count);
-/* GetRecordUuIDList */
+/* The same as GetRecordUuIDList. */
 QVDBASE_API int PCGRUIDL(int16_t db, uint64_t table, uint64_t* list, uint32_t* count);
-/* GetOneRecordInfo */
+/* The same as GetOneRecordInfo. */
 QVDBASE_API int PCGORI(int16_t db, uint64_t table, uint64_t record, oneRecordInfoP1* info,
                        int* unused);
-/* ModifyOneRecordInfo_LMTime */
+/* The same as ModifyOneRecordInfo_LMTime. */
 QVDBASE_API int PCMORILMT(int16_t db, uint64_t table, uint64_t record);
-/* ModifyRecordData */
+/* The same as ModifyRecordData. */
 QVDBASE_API int PCMRD(int16_t db, uint64_t table, const unsigned char* payload, uint32_t size,
                       uint64_t record, int* unused);
-/* DeleteOneRecord */
+/* The same as DeleteOneRecord. */
 QVDBASE_API int PCDOR(int16_t db, uint64_t table, uint64_t record, int* unused);
-/* PackOneDB2NewW */
+/* The same as PackOneDB2NewW. */
 QVDBASE_API int PCPOD2NW(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int userData,
                          QVProgressFunction callback);
-/* PackOneDB2New_WithHandle */
+/* The same as PackOneDB2New_WithHandle. */
 QVDBASE_API int PCPOD2NWH(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int userData,
                           QVProgressFunction callback, uint16_t* outSrcRef, uint16_t* outDstRef,
                           int* status);
-/* PackOneDB2AllNewUUIDFile */
+/* The same as PackOneDB2AllNewUUIDFile. */
 QVDBASE_API int PCPOD2ANUUIDF(const QVWCHAR* dstPath, int16_t srcRef, int userData,
                               QVProgressFunction callback, uint16_t* outSrcRef, uint16_t* outDstRef,
                               int* status, void* callbackArg);
-/* FixOneDBLinkErrorW */
+/* The same as FixOneDBLinkErrorW. */
 QVDBASE_API int PCFODBLEW(const QVWCHAR* srcPath, QVProgressFunction callback, int userData,
                           void* callbackArg, int* result);
-/* DupFrameForRzbd3W */
+/* The same as DupFrameForRzbd3W. */
 QVDBASE_API int PCDFFW3W(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int* status);
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

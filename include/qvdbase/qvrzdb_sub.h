@@ -16,11 +16,9 @@
  *   96 + 8 * (A + B)           extraData, extraLength bytes
  *
  * Memory. The record itself is the caller's. Its three pointers are null or point to memory from
- * malloc, which whoever frees the record gives back with free(). Clear a record (to zeros) before
- * it is first used.
+ * malloc, which the caller releases with free(). Set a record to zeros before its first use.
  */
-#ifndef QVDBASE_QVRZDB_SUB_H
-#define QVDBASE_QVRZDB_SUB_H
+#pragma once
 
 #include <qvdbase/qvdbase.h>
 
@@ -30,8 +28,8 @@ extern "C" {
 
 /* A category record in memory. */
 typedef struct qvrzOneCategoryRecord {
-  uint64_t categoryID;
-  QVWCHAR categoryName[32]; /* without a terminator when all 32 characters are used */
+  uint64_t categoryID;      /* the category's identifier */
+  QVWCHAR categoryName[32]; /* UTF-16; no terminator when all 32 characters are used */
   uint32_t categoryParam;   /* carried unchanged */
   uint64_t relatedID;       /* carried unchanged */
   int32_t firstIDCount;     /* entries of firstIDs */
@@ -45,47 +43,50 @@ typedef struct qvrzOneCategoryRecord {
 
 /* An identifier and the one that took its place. */
 typedef struct UUIDMapping {
-  uint64_t oldID;
-  uint64_t newID;
+  uint64_t oldID; /* the identifier that is looked for */
+  uint64_t newID; /* what it is replaced by */
 } UUIDMapping;
 
 /* Decodes a category record from a record's payload.
  *
  * db      the database
- * info    the record, as GetOneRecordInfo tells it; its dataLength bounds the decoding
+ * info    the record, as GetOneRecordInfo reports it; its dataLength bounds the decoding
  * record  a record of the caller's. Its extraData must be null or a buffer from malloc; one of
  *         info->dataLength bytes is always enough, and is needed unless the payload has no free
- *         bytes. Lists that it holds from an earlier decoding are not given back: free them first
- *         and set them to null
+ *         bytes. Lists that it holds from an earlier decoding are not freed: free them first and
+ *         set them to null
  *
  * Returns 1 with the record filled; the lists are new memory, each only when its count is above 0.
  * Returns 1 with the record untouched when the payload has 8 bytes or less, when info->dataPos is
  * 0, and when the file does not hold the payload's first 8 bytes. When extraLength claims more
- * than the payload has left and more than the file holds, the result is 1 with extraData as it was.
+ * than the payload has left and more than the file holds, the result is 1 with extraData unchanged.
  *
  * Returns 0 when an argument is null, when the payload is shorter than its fields claim, when it
- * cannot be read, and when memory cannot be had. A failure from the first list on frees the two
- * lists and extraData, and sets all three to null: the caller must not free them again. An earlier
- * failure leaves them alone.
+ * cannot be read, and when there is not enough memory. A failure from the first list on frees the
+ * two lists and extraData, and sets all three to null: the caller must not free them again. An
+ * earlier failure leaves them unchanged.
  *
  * File position: restored, except when a failure comes before the first list. */
 QVDBASE_API int InternalReadOneRecord2CategoryStruct(int16_t db, const oneRecordInfoP1* info,
                                                      qvrzOneCategoryRecord** record);
 
-/* Encodes a category record. A negative count is stored as it is, with no entries.
+/* Encodes a category record. A negative count is stored unchanged, with no entries. No file is
+ * touched.
  *
  * unused  not used; pass 0
  * record  only read
  * length  receives the number of bytes: 96 + 8 * (A + B) + extraLength; must not be null
  *
- * Returns the payload, in memory that the caller gives back with free(). Returns null, with length
+ * Returns the payload, in memory that the caller releases with free(). Returns null, with length
  * unwritten, when record is null, when a pointer that its counts or extraLength need is null, when
- * the payload would not fit a record (2^32 bytes and more), and when memory cannot be had. */
+ * the payload would not fit a record (2^32 bytes and more), and when there is not enough
+ * memory. */
 QVDBASE_API unsigned char* InternalPutOneCategory2Buffer(int16_t unused,
                                                          const qvrzOneCategoryRecord* record,
                                                          uint32_t* length);
 
 /* Replaces each entry of the record's secondIDs by the newID of the first pair whose oldID it is.
+ * No file is touched.
  *
  * record  its secondIDs are changed in place
  * pairs   only read
@@ -98,6 +99,4 @@ QVDBASE_API int InternalConvertOldCategoryID2New(qvrzOneCategoryRecord** record,
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -1,6 +1,5 @@
 // qvdb::BulkAppender: adding many records at the speed of the device.
-#ifndef QVDBASE_QVDB_BULK_HPP
-#define QVDBASE_QVDB_BULK_HPP
+#pragma once
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/bytes.hpp>
@@ -17,15 +16,18 @@
 
 namespace qvdb {
 
-// A record that is to be added. Bytes and text turn into one by themselves; they are the caller's,
-// who keeps them until the record has been added.
+// A record that is to be added. Bytes and text convert to one implicitly; they stay the caller's
+// and must exist until the record has been added.
 struct NewRecord {
+  // bytes       the payload, as ByteView takes it
+  // spare       `reserve`
+  // identifier  `id`
   template <std::convertible_to<ByteView> Bytes>
   NewRecord(Bytes&& bytes, uint32_t spare = 0, std::optional<Id> identifier = std::nullopt)
       : payload(ByteView(std::forward<Bytes>(bytes)).span()), reserve(spare), id(identifier) {}
 
-  std::span<const std::byte> payload;
-  uint32_t reserve;      // the record has capacity for the larger of reserve and its payload
+  std::span<const std::byte> payload;  // at most 2^32 - 1 bytes
+  uint32_t reserve;      // in bytes; the record's capacity is the larger of this and its payload
   std::optional<Id> id;  // nothing: a new one. Nothing checks whether the table has it already
 };
 
@@ -40,46 +42,46 @@ struct NewRecord {
 // Until finish() no reader sees any of the records, and a process that is killed has added none of
 // them. An appender that ends without finish(), as it does when an exception leaves its block, or
 // whose database is closed before, discards them: the file is cut back to where the batch began,
-// and nothing of them can be salvaged. Where the file cannot be cut, because the database is open
-// in Mode::shared or because something was appended past this layer, zeros are written over them.
+// and none of them can be salvaged. Where the file cannot be cut, because the database is open
+// in Mode::shared or because something was appended by other means, zeros are written over them.
 //
-// From its making to its end the appender is the open batch of its database, of which there is one
-// at most. Calls that would disturb it throw Error appender_open at once, before anything is
-// written: those that add a record or set table data anywhere in the database, those that open
-// another appender or writer, a change by which a record of any table has to move, and a deletion
-// from this table. Reading, changes in place, deletions from other tables and new tables are fine.
-// Changes past this layer, through the C functions or by another program, cannot be refused: the
-// batch notices them when it next writes, and is discarded.
+// As long as it exists the appender is the open batch of its database, which has one at most. Calls
+// that would disturb it throw Error appender_open at once, before anything is written: those that
+// add a record or set table data anywhere in the database, those that open another appender or
+// writer, a change by which a record of any table has to move, and a deletion from this table.
+// Reading, changes in place, deletions from other tables and new tables are allowed. Changes by
+// other means, through the C functions or by another program, cannot be refused: the batch notices
+// them when it next writes, and is discarded.
 class QVDBASE_API BulkAppender {
  public:
-  BulkAppender(BulkAppender&&) noexcept;
-  BulkAppender& operator=(BulkAppender&&) noexcept;  // what this one had open is discarded
+  BulkAppender(BulkAppender&&) noexcept;             // takes the batch; the other one has none then
+  BulkAppender& operator=(BulkAppender&&) noexcept;  // discards what this one had open
   ~BulkAppender();                                   // discards, unless finish() was called
 
   // Adds a record to the batch and returns its identifier.
   //
-  // Throws Error: too_large for a payload of 2^32 bytes or more (the batch can go on); bad_argument
-  // when the batch was finished or discarded; appender_open while a writer of this appender is
-  // open; not_open. When the file cannot be written, or was changed past this layer, it throws
-  // disk_full or cannot_write, and the batch is discarded.
+  // Throws Error: too_large for a payload of 2^32 bytes or more (the batch can continue);
+  // bad_argument when the batch was finished or discarded; appender_open while a writer of this
+  // appender is open; not_open. When the file cannot be written, or was changed by other means, it
+  // throws disk_full or cannot_write, and the batch is discarded.
   Id add(const NewRecord& record);
 
   // Adds a record whose payload is written in pieces. Until the writer is finished or discarded the
-  // appender takes nothing else. Throws as add() does.
+  // appender takes no other record. Throws as add() does.
   //
-  // reserve  capacity to keep for later growth; the record has the larger of this and its size
+  // reserve  capacity for later growth, in bytes; the record has the larger of this and its size
   // record   its identifier; nothing: a new one
   RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
 
-  // Takes the records into the table, all of them or, when it throws, none; the appender takes no
-  // more after that. Returns how many there are in this batch. Throws Error as add() does. A second
-  // call returns the same number again.
+  // Puts the records into the table, all of them or, when it throws, none; the appender takes no
+  // more after that. Returns the number of records in this batch. Throws Error as add() does. A
+  // second call returns the same number again.
   //
   // A failure to write the last few bytes, the link to the batch and the table's entry, can leave
   // the link there without the entry: qvdb::check() reports that.
   uint32_t finish();
 
-  // How many records of the batch are in the table: 0 before finish().
+  // The number of records of the batch that are in the table: 0 before finish().
   uint32_t taken() const noexcept;
 
  private:
@@ -90,5 +92,3 @@ class QVDBASE_API BulkAppender {
 };
 
 }  // namespace qvdb
-
-#endif

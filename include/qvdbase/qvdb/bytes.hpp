@@ -1,6 +1,5 @@
-// qvdb::ByteView: the bytes that a function of the layer is given.
-#ifndef QVDBASE_QVDB_BYTES_HPP
-#define QVDBASE_QVDB_BYTES_HPP
+// qvdb::ByteView: the bytes that are passed to a function of the layer.
+#pragma once
 
 #include <qvdbase/qvdb/cpp20.hpp>
 
@@ -42,8 +41,8 @@ concept CharPointer = std::is_pointer_v<T> && std::is_convertible_v<T, const cha
 
 }  // namespace detail
 
-// A view of bytes that belong to the caller, who keeps them for as long as the call lasts. It is
-// made without a word from
+// A view of bytes that stay the caller's and must exist until the call returns. These convert to it
+// implicitly:
 //
 //   any contiguous range of std::byte, char, unsigned char, signed char or char8_t: vectors,
 //     strings, string views, arrays, spans;
@@ -54,34 +53,49 @@ concept CharPointer = std::is_pointer_v<T> && std::is_convertible_v<T, const cha
 // of it is meant: pass std::string_view(array) or std::span(array).
 class ByteView {
  public:
-  constexpr ByteView() noexcept = default;
+  constexpr ByteView() noexcept = default;  // no bytes
 
-  // `size` bytes from `bytes` on; null goes with 0 only.
+  // `size` bytes from `bytes` on; null is allowed with 0 only.
   constexpr ByteView(const std::byte* bytes, size_t size) noexcept : bytes_(bytes, size) {}
 
+  // The bytes of a range: a vector, string, array, span, ...
   template <detail::ByteRange Range>
   ByteView(Range&& range) noexcept
       : bytes_(std::as_bytes(std::span(std::ranges::data(range), std::ranges::size(range)))) {}
 
+  // The characters of a literal, without the zero at its end.
   template <detail::ConstCharArray Array>
   ByteView(Array& text) noexcept : bytes_(std::as_bytes(std::span(text, lengthOf(text)))) {}
 
+  // Refused: see above.
   template <detail::CharBuffer Array>
   ByteView(Array& buffer) = delete;
 
+  // The characters up to the first zero; the pointer must not be null.
   template <detail::CharPointer Pointer>
   ByteView(const Pointer& text) noexcept
       : bytes_(std::as_bytes(std::span(std::string_view(text)))) {}
 
+  // The first byte; may be null when there are none.
   constexpr const std::byte* data() const noexcept { return bytes_.data(); }
+
+  // The number of bytes.
   constexpr size_t size() const noexcept { return bytes_.size(); }
+
+  // Whether there are no bytes.
   constexpr bool empty() const noexcept { return bytes_.empty(); }
+
+  // The first byte, for range-based loops.
   constexpr const std::byte* begin() const noexcept { return data(); }
+
+  // The end of the bytes.
   constexpr const std::byte* end() const noexcept { return data() + size(); }
+
+  // The same bytes as a span.
   constexpr std::span<const std::byte> span() const noexcept { return bytes_; }
 
  private:
-  // A const array without a zero at its end is no literal: all of it counts.
+  // A const array without a zero at its end is not a literal: all of it counts.
   template <typename Char, size_t kSize>
   static constexpr size_t lengthOf(const Char (&text)[kSize]) noexcept {
     return text[kSize - 1] == Char{} ? kSize - 1 : kSize;
@@ -91,5 +105,3 @@ class ByteView {
 };
 
 }  // namespace qvdb
-
-#endif

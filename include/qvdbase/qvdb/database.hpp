@@ -1,6 +1,5 @@
 // qvdb::Database: an open database file.
-#ifndef QVDBASE_QVDB_DATABASE_HPP
-#define QVDBASE_QVDB_DATABASE_HPP
+#pragma once
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/id.hpp>
@@ -23,52 +22,53 @@ namespace qvdb {
 // `exclusive` is the mode for writing. `shared` means "I take turns by other means": the library
 // does not take turns for its openers, and of two calls at one moment one can lose what the other
 // has written and acknowledged. A second opener that adds tables overwrites those of the first
-// even when both take turns. What qvdbase.h says under "Several writers" holds here too, also of
-// a database that is used on both sides of a fork.
+// even when both take turns. The caveats in qvdbase.h ("Two writers", "Tables added in two places",
+// "Fork") hold here too.
 enum class Mode : int {
   any = 0,        // shared, or read_only where that is not allowed
-  read_only = 1,  // never writes a byte; stands beside every other opener
-  exclusive = 3,  // reads and writes, and keeps every other writer out
+  read_only = 1,  // never writes a byte; allowed beside every other opener
+  exclusive = 3,  // reads and writes, and excludes every other writer
   shared = 4,     // reads and writes beside other shared openers, all of which take turns
 };
 
 // How a database is opened, with everything that can be asked for.
 struct OpenOptions {
-  Mode mode = Mode::read_only;
+  Mode mode = Mode::read_only;  // read, or write, and which other openers are allowed
 
-  // Whether a file that is not there is created, with the default CreateOptions. One that is there
-  // is opened as it is, whatever it holds. Not with read_only.
+  // Whether a file that does not exist is created, with the default CreateOptions. One that exists
+  // is opened, whatever it holds. Not with read_only.
   bool create = false;
 
-  // Whether the ends of every table's chain are looked at, as open_checked() does it.
+  // Whether the ends of every table's chain are looked at, as open_checked() does.
   bool check = false;
 
   // How long opening is tried again while the database is in use; nothing else is waited for.
   std::chrono::milliseconds wait{0};
 };
 
-// What the header of a database file tells.
+// What the header of a database file holds, and the size of the file.
 struct DatabaseInfo {
-  std::array<char, 4> signature{};
-  uint16_t version = 0;
-  Id id;
-  int table_count = 0;
-  int slot_count = 0;
-  int slot_size = 0;
-  uint64_t file_size = 0;
+  std::array<char, 4> signature{};  // of usable databases "QV" or "qv", and two free bytes
+  uint16_t version = 0;             // of usable databases 100 to 199
+  Id id;                            // the database's identifier
+  int table_count = 0;              // 0 to 31
+  int slot_count = 0;               // slots of the directory, the last one always free
+  int slot_size = 0;                // in bytes
+  uint64_t file_size = 0;           // in bytes
 
   // Whether tables and records can be used: the library takes versions 100 to 199.
   bool version_is_usable() const noexcept { return version >= 100 && version <= 199; }
 };
 
+// What a new database is like, and where it may go.
 struct CreateOptions {
   // The first byte must be 'Q' or 'q', the second 'V' or 'v'; the others are free.
   std::array<char, 4> signature{'Q', 'V', 'd', 'b'};
-  uint16_t version = 100;
-  // Whether a file that is there already, and is not empty, is replaced. The new one then gets its
+  uint16_t version = 100;  // 100 to 199
+  // Whether a file that exists, and is not empty, is replaced. The new one then gets its
   // owner, group and permissions.
   bool overwrite = false;
-  bool create_folders = false;  // whether missing folders on the way are made
+  bool create_folders = false;  // whether missing folders in the path are created
   // Whether create() waits until the device has the file before it gets its name, and then until
   // the device has the name.
   bool sync = true;
@@ -77,10 +77,10 @@ struct CreateOptions {
 // An open database. It can be moved, not copied, and closes itself.
 //
 // Paths are those of the system; a relative one starts at the current folder. The library cannot
-// reach every path: a folder on the way whose name holds a tab, a double quote, a backslash or two
-// blanks in a row, or begins or ends with a blank, would be taken for another one, so that such a
-// path is refused with path_not_reachable; so are a file name with a backslash, a path that is not
-// UTF-8, and one of more than 2,047 characters (UTF-16 units).
+// reach every path. Refused with path_not_reachable are: a folder in the path whose name holds a
+// tab, a double quote, a backslash or two blanks in a row, or begins or ends with a blank, because
+// it would be taken for another one; a file name with a backslash; a path that is not UTF-8; and
+// one of more than 2,047 characters (UTF-16 units).
 class QVDBASE_API Database {
  public:
   // Creates an empty database and leaves it open exclusively. It is made under a temporary name,
@@ -99,10 +99,14 @@ class QVDBASE_API Database {
   // version_out_of_range; cannot_read; cannot_open. With `create` also what create() throws, and
   // bad_argument with read_only; with `check` also what open_checked() throws.
   static Database open(const std::filesystem::path& path, Mode mode = Mode::read_only);
+
+  // The same with everything that can be asked for.
   static Database open(const std::filesystem::path& path, const OpenOptions& options);
 
-  // Takes over a handle that the C functions opened; the object closes it. The path is for
-  // messages.
+  // Takes over a handle that the C functions opened; the object closes it.
+  //
+  // path  for messages
+  // mode  how the handle was opened; not verified
   static Database adopt(int16_t handle, const std::filesystem::path& path, Mode mode);
 
   // Reads the header of a file whatever its version is. The file is opened for reading only.
@@ -113,27 +117,30 @@ class QVDBASE_API Database {
   // path_not_reachable as described above.
   static std::u16string native_path(const std::filesystem::path& path);
 
-  // Closed; to be assigned to.
-  Database() noexcept = default;
-  Database(Database&&) noexcept = default;
+  Database() noexcept = default;            // closed: to be assigned to
+  Database(Database&&) noexcept = default;  // the other one is closed then
+  // Closes what this one had open, ignoring a failure; the other one is closed then.
   Database& operator=(Database&& other) noexcept;
-  ~Database();
+  ~Database();  // closes, and ignores a failure
 
-  // Closes the database; its tables and records cannot be used any more. A closed one stays closed.
-  // Throws Error: cannot_write when the system reports a failure; the database is closed then too.
-  // (The destructor closes without a word.)
+  // Closes the database; its tables and records cannot be used any more. Without effect on a closed
+  // one. Throws Error: cannot_write when the system reports a failure; the database is closed then
+  // too.
   void close();
 
+  // Whether there is an open database: not after close(), nor after a move from it.
   bool is_open() const noexcept;
 
-  // The handle for the C functions. It stays this object's: do not close it.
+  // The handle for the C functions. It stays this object's: do not close it. Throws not_open.
   int16_t handle() const;
 
-  // As it was given to create() or open().
+  // The path as it was given to create(), open() or adopt(). Throws not_open.
   const std::filesystem::path& path() const;
+
+  // The mode as it was given to open() or adopt(). Throws not_open.
   Mode mode() const;
 
-  // The header as it is in the file. Throws not_a_database; cannot_read.
+  // Reads the header from the file. Throws not_open; not_a_database; cannot_read.
   DatabaseInfo info() const;
 
   // Stores a version, any from 100 to 199. Throws bad_argument; read_only; cannot_write.
@@ -142,16 +149,20 @@ class QVDBASE_API Database {
   // All tables, in the order in which they were added. Throws directory_damaged.
   std::vector<Table> tables() const;
 
-  // A table by name or identifier; nothing when there is none. Throws directory_damaged when the
+  // A table by its name; nothing when there is none. Throws directory_damaged when the
   // table is not found before the damage.
   std::optional<Table> find_table(std::string_view name) const;
+
+  // The same by its identifier.
   std::optional<Table> find_table(Id table) const;
 
-  // Whether there is such a table. Throws as find_table().
+  // Whether there is a table of that name. Throws as find_table().
   bool contains(std::string_view name) const;
+
+  // Whether there is a table with that identifier. Throws as find_table().
   bool contains(Id table) const;
 
-  // A table that must be there. Throws table_missing.
+  // The table of that name, which must exist. Throws table_missing; directory_damaged.
   Table table(std::string_view name) const;
 
   // Adds a table. The name has 1 to 32 bytes, none of them zero.
@@ -163,8 +174,8 @@ class QVDBASE_API Database {
   // add_table(); never table_exists.
   Table find_or_add_table(std::string_view name);
 
-  // Waits until the device has all that was written. Without it a power failure can lose what the
-  // system had not written yet. Throws Error: cannot_write.
+  // Waits until the device has everything that was written. Without it a power failure can lose
+  // what the system has not written yet. Throws Error: cannot_write.
   void sync();
 
  private:
@@ -176,5 +187,3 @@ class QVDBASE_API Database {
 };
 
 }  // namespace qvdb
-
-#endif

@@ -1,9 +1,8 @@
 // qvdb::history and qvdb::undelete: the versions of a record that are still in a file.
 //
-// Changing a record so that it needs more room, and deleting it, leave its old block where it is
-// until the database is packed.
-#ifndef QVDBASE_QVDB_HISTORY_HPP
-#define QVDBASE_QVDB_HISTORY_HPP
+// Changing a record so that it needs more capacity, and deleting it, leave its old block in the
+// file until the database is compacted or packed.
+#pragma once
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/id.hpp>
@@ -21,7 +20,7 @@
 namespace qvdb {
 
 // Every version of a record that is in the file, oldest first, whether or not a chain leads to it.
-// Changes that fitted the record's room left no version of their own. Empty when there is none.
+// Changes that fitted the record's capacity left no version of their own. Empty when there is none.
 //
 // table  a name, or an identifier as parse_id() reads it (also of a table that the directory does
 //        not have); a table of that name comes first
@@ -32,14 +31,18 @@ QVDBASE_API std::vector<FoundBlock> history(const std::filesystem::path& path,
                                             std::string_view table, Id record);
 
 // The last version of every record of a table that is not in use any more, in the order in which
-// these versions were written. Deleted records are in the file until it is rewritten; a record
-// whose adding was cut off looks like a deleted one where the file does not tell which it is
-// (BlockLabel::deleted_or_unlinked). Throws as history() does.
+// these versions were written. Deleted records are in the file until it is rewritten. A record
+// whose adding was interrupted can look like a deleted one (BlockLabel::deleted_or_unlinked).
+// Throws as history() does.
 QVDBASE_API std::vector<FoundBlock> deleted_records(const std::filesystem::path& path,
                                                     std::string_view table);
 
-// The payload of a version, as much of it as is there. Throws as history() does, cannot_read when
-// the file no longer has it, and too_large when there is not enough memory.
+// The payload of a version, as much of it as the file still has.
+//
+// version  as history() or deleted_records() returned it, of the same file
+//
+// Throws as history() does, cannot_read when the file no longer has it, and too_large when there is
+// not enough memory.
 QVDBASE_API std::vector<std::byte> read_version(const std::filesystem::path& path,
                                                 const FoundBlock& version);
 
@@ -47,8 +50,11 @@ QVDBASE_API std::vector<std::byte> read_version(const std::filesystem::path& pat
 using DataEdit = std::function<void(std::span<std::byte> data)>;
 
 // Writes a new file with everything that `source` has in use, and with one version of a record
-// brought back: the last one, or the one at `offset`. It takes the place of the version in use, if
-// there is one; else it becomes the table's last record.
+// brought back. It takes the place of the version in use, if there is one; else it becomes the
+// table's last record. The source is only read.
+//
+// target  must not exist
+// offset  FoundBlock::offset of the version; nothing: the last one
 //
 // `edit_data` is given the data of the record's table, where it has any, and may change these
 // bytes: the new file has them so from the beginning. What it throws ends the operation.
@@ -61,5 +67,3 @@ QVDBASE_API SalvageReport undelete(const std::filesystem::path& source,
                                    const DataEdit& edit_data = {});
 
 }  // namespace qvdb
-
-#endif

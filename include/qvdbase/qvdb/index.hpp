@@ -1,6 +1,5 @@
 // qvdb::RecordIndex: records of one table by identifier, in constant time.
-#ifndef QVDBASE_QVDB_INDEX_HPP
-#define QVDBASE_QVDB_INDEX_HPP
+#pragma once
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/id.hpp>
@@ -24,17 +23,17 @@ struct TableIndex;
 //   const qvdb::RecordIndex index = table.index();
 //   table.get(id);                                    // constant time from here on
 //
-// The index is never believed without looking: before a record is used, its block is read and must
-// be one of this table, carry the identifier, and have neighbours that point back to it. Where
-// anything is otherwise, or where the table's slot shows that records were added or deleted past
-// this layer, the operation walks the chain as it would without an index, and the index is built
-// again at the next occasion. So results are those of a table without an index.
+// The file decides, not the index: before a record is used, its block is read and must belong to
+// this table, carry the identifier, and have neighbours that point back to it. Otherwise, or where
+// the table's slot shows that records were added or deleted by other means, the operation walks the
+// chain as it would without an index, and the next operation builds the index again. So the results
+// are those of a table without an index.
 class QVDBASE_API RecordIndex {
  public:
   // The number of different identifiers in it.
   size_t size() const noexcept;
 
-  // The memory that it takes.
+  // The memory that it takes, in bytes.
   size_t bytes() const noexcept;
 
  private:
@@ -45,5 +44,3 @@ class QVDBASE_API RecordIndex {
 };
 
 }  // namespace qvdb
-
-#endif

@@ -1,25 +1,24 @@
 // Operations on whole database files: compact, pack, renumber, repair.
 //
-//   qvdb::compact("notes.qvd");                              drop what is dead, keep all the rest
-//   qvdb::compact("notes.qvd", "copy.qvd", showProgress);
+//   qvdb::compact("notes.qvd");                              drop what is dead, keep everything
+//   else qvdb::compact("notes.qvd", "copy.qvd", showProgress);
 //
 // A database only grows: deleted records and the old places of changed ones stay in the file until
-// it is rewritten. compact() is what rewrites it. The other three are the library's operations of
-// qvdbase.h exactly as they are, with reasons for their failures and without half-made files:
-// pack() loses the data of tables that have records, and renumber() gives new identifiers.
+// it is rewritten. compact() rewrites it. The other three are operations of qvdbase.h, with reasons
+// for their failures and without unfinished files: pack() loses the data of tables that have
+// records, and renumber() gives new identifiers.
 //
-// None of them leaves a target that is not finished. The new file is written beside its target,
-// under a name that begins with ".qvdb-" and ends in ".tmp", and takes the target's name only when
-// it is complete and the device has it. A process that is killed on the way leaves that temporary
-// file, or folder, and nothing else; it can be deleted.
+// None of them leaves an unfinished target. The new file is written beside its target, under a name
+// that begins with ".qvdb-" and ends in ".tmp", and gets the target's name only when it is complete
+// and the device has it. A process that is killed before leaves that temporary file, or folder, and
+// nothing else; it can be deleted.
 //
 // A new file gets permissions, access list, attributes and group of its source, and its owner where
-// the system allows that. Where the group cannot be kept, its rights go; where access list or
-// attributes cannot be kept, the operation fails. A file that takes the place of another one gets
-// all this from that one. A file with several hard links is not replaced: the other names would
+// the system allows that. Where the group cannot be kept, its rights are removed; where access list
+// or attributes cannot be kept, the operation fails. A file that replaces another one gets all this
+// from that one. A file with several hard links is not replaced: the other names would
 // keep the old one.
-#ifndef QVDBASE_QVDB_MAINTENANCE_HPP
-#define QVDBASE_QVDB_MAINTENANCE_HPP
+#pragma once
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/cpp20.hpp>
@@ -33,26 +32,27 @@
 
 namespace qvdb {
 
-// Told how far an operation is, in percent, never less than before; may be empty. Returning false
-// stops the operation, which then throws Error with Reason::cancelled. It may be called very often,
-// and may throw: the operation ends with its exception. It must not work on the databases of the
-// operation.
+// Called with the progress of an operation, in percent, never less than before; may be empty.
+// Returning false stops the operation, which then throws Error with Reason::cancelled. It may be
+// called very often, and may throw: the operation ends with its exception. It must not work on the
+// databases of the operation.
 using ProgressFunction = std::function<bool(int percent)>;
 
 // For the operations that make a file.
 struct TargetOptions {
-  // Whether a target that is there already is replaced. An empty file is no obstacle in any case.
+  // Whether a target that exists is replaced. An empty file always is.
   bool overwrite = false;
   // Whether a source is copied that has errors, or records or table data that salvage() would bring
   // back and the copy would not have.
   bool force = false;
-  // Whether missing folders on the way to the target are made.
+  // Whether missing folders in the target's path are created.
   bool create_folders = false;
 };
 
+// For compact().
 struct CompactOptions {
   bool overwrite = false;       // as in TargetOptions
-  bool dry_run = false;         // only work out the result: nothing is written
+  bool dry_run = false;         // only calculate the result: nothing is written
   bool force = false;           // as in TargetOptions
   bool create_folders = false;  // as in TargetOptions
   // Changes to tables, by the names that they have in the source. No table may be named twice.
@@ -61,62 +61,66 @@ struct CompactOptions {
   std::vector<std::pair<std::string, std::string>> rename = {};  // from, to
 };
 
+// The result of compact().
 struct CompactReport {
   uint64_t size_before = 0;  // bytes of the source
   uint64_t size_after = 0;   // bytes of the compacted file
-  uint64_t tables = 0;
-  uint64_t records = 0;
-  uint64_t data_blocks = 0;  // tables with table data
-  // What was left behind besides dead space: records that salvage() would bring back (only with
-  // `force`), and torn blocks of writes that were cut off, which it would not.
+  uint64_t tables = 0;       // tables of the compacted file
+  uint64_t records = 0;      // its records
+  uint64_t data_blocks = 0;  // its tables with table data
+  // Records left out that salvage() would bring back; above 0 only with `force`.
   uint64_t records_lost = 0;
+  // Torn blocks left out, of writes that were interrupted; salvage() would not bring them back.
   uint64_t torn_blocks = 0;
 };
 
 // Rewrites a database without what is dead in it. Everything live is kept: signature, version and
 // identifier of the database; name, identifier, flags and counters of the tables, and their data;
-// identifiers, times, payloads, room and order of the records; and permissions of the file. The
-// room behind payloads and data is filled with zeros. The new file is read back and compared with
-// the source before it takes its place. Table data that a pack has moved is found and carried
-// along.
+// identifiers, times, payloads, capacities and order of the records; and permissions of the file.
+// Spare capacity after payloads and data is filled with zeros. The new file is read back and
+// compared with the source before it gets its name. Table data that a pack has moved is found and
+// copied too.
 //
 // The source is checked first. One with errors, or with records or table data that no chain leads
-// to any more, is refused unless `force` is set: a copy would be sound, and have less in it. With
-// `force` a chain that breaks is refused as before.
+// to any more, is refused unless `force` is set: a copy would be sound, and have less in it. A
+// broken chain is refused with `force` too.
 //
-// The first form puts the new file in the place of the source. Nobody else may have the source
-// open for writing then; one who has it open for reading goes on reading the old file. Symbolic
-// links are followed. The second form makes a new file, and only reads the source; naming the
-// source itself as target is the first form.
+// This form replaces the source by the new file. No other opener may have the source open for
+// writing then; one that has it open for reading continues with the old file. Symbolic links are
+// followed.
 //
 // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use, also when the
 // source is changed meanwhile; not_a_database; version_out_of_range; directory_damaged,
-// chain_damaged and data_damaged for a source that is not sound (qvdb::check tells where, and
+// chain_damaged and data_damaged for a source that is not sound (qvdb::check reports where, and
 // qvdb::salvage helps); damaged, with the number of records that would be lost, for one whose
-// chains are whole all the same; table_missing, table_exists, bad_name, name_too_long and
+// chains are whole nevertheless; table_missing, table_exists, bad_name, name_too_long and
 // bad_argument for changes to tables; file_exists; bad_argument for a file to be replaced that has
-// several hard links; disk_full; cannot_read; cannot_write; cancelled. The source is then as it
-// was, and so is the target.
+// several hard links; disk_full; cannot_read; cannot_write; cancelled. Source and target
+// are unchanged then.
 QVDBASE_API CompactReport compact(const std::filesystem::path& source,
                                   const ProgressFunction& progress = {},
                                   const CompactOptions& options = {});
+
+// The same into a new file: the source is only read. Naming the source itself as target is the form
+// above.
 QVDBASE_API CompactReport compact(const std::filesystem::path& source,
                                   const std::filesystem::path& target,
                                   const ProgressFunction& progress = {},
                                   const CompactOptions& options = {});
 
+// The result of pack() and renumber().
 struct PackReport {
-  uint64_t size_before = 0;
-  uint64_t size_after = 0;
+  uint64_t size_before = 0;  // bytes of the source
+  uint64_t size_after = 0;   // bytes of the new file
   // Tables that have data in the source and cannot find it in the new file, because they have
   // records.
   std::vector<std::string> tables_without_data;
   uint64_t records_lost = 0;  // as in CompactReport
 };
 
-// PackOneDB2NewW: a new file with every table, its records under their identifiers, and the data of
-// tables without records. The version becomes 100. The source must be writable, and nobody may have
-// it open exclusively; it is not changed.
+// Does what PackOneDB2NewW does: makes a new file with every table, its records under their
+// identifiers, and the data of tables without records. The version becomes 100. The source must be
+// writable, and no other process may have it open exclusively; it is not changed.
 //
 // The source is checked first, as compact() does, and refused with `damaged` unless `force` is set.
 //
@@ -126,26 +130,28 @@ QVDBASE_API PackReport pack(const std::filesystem::path& source,
                             const ProgressFunction& progress = {},
                             const TargetOptions& options = {});
 
-// PackOneDB2AllNewUUIDFile: a new file with new identifiers for the database and its records, save
-// those of the tables "QVrz_Info" and "QVrz_Category"; categories are given the new identifiers of
-// the records that they list. A database without a table "QVrz_Category" cannot be renumbered.
+// Does what PackOneDB2AllNewUUIDFile does: makes a new file with new identifiers for the database
+// and its records, except those of the tables "QVrz_Info" and "QVrz_Category"; categories get the
+// new identifiers of the records that they list. A database without a table "QVrz_Category" cannot
+// be renumbered.
 //
 // Throws Error as pack() does; table_missing without that table; data_damaged when the categories
-// cannot be renewed, above all because one lists an identifier that was not replaced.
+// cannot be renewed, mostly because one lists an identifier that was not replaced.
 QVDBASE_API PackReport renumber(const std::filesystem::path& source,
                                 const std::filesystem::path& target,
                                 const ProgressFunction& progress = {},
                                 const TargetOptions& options = {});
 
+// What a repair did.
 enum class RepairOutcome {
   sound,     // every chain was found sound; only the version was set to 100
   relinked,  // the chain of at least one table was rewritten
 };
 
-// FixOneDBLinkErrorW: checks the record chain of every table, in place, and rewrites those that are
-// broken, from what can be reached from their first record: everything else drops out.
-// predict_repair() says beforehand what would be lost, and salvage() loses less. When it returns,
-// the device has what was written.
+// Does what FixOneDBLinkErrorW does: checks the record chain of every table, in place, and rewrites
+// the broken ones from what can be reached from their first record; everything else drops out.
+// predict_repair() reports beforehand what would be lost, and salvage() loses less. When it
+// returns, the device has what was written.
 //
 // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use;
 // not_a_database; version_out_of_range; directory_damaged when a table or its data is damaged in a
@@ -154,5 +160,3 @@ QVDBASE_API RepairOutcome repair(const std::filesystem::path& path,
                                  const ProgressFunction& progress = {});
 
 }  // namespace qvdb
-
-#endif

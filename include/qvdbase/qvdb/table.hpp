@@ -1,6 +1,5 @@
 // qvdb::Table: one table of an open database, its records and its block of table data.
-#ifndef QVDBASE_QVDB_TABLE_HPP
-#define QVDBASE_QVDB_TABLE_HPP
+#pragma once
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/bulk.hpp>
@@ -22,29 +21,29 @@
 
 namespace qvdb {
 
-// What a table's slot in the directory tells.
+// What a table's slot in the directory holds.
 struct TableInfo {
-  Id id;
-  std::string name;  // 1 to 32 bytes
-  uint16_t version = 0;
-  uint32_t record_count = 0;
-  uint32_t record_write_count = 0;  // records that were ever added
-  uint32_t data_write_count = 0;    // table-data blocks that were ever appended
-  int64_t first_record_position = 0;
-  int64_t last_record_position = 0;
-  int64_t data_position = 0;  // of the table-data block; 0 when there is none
+  Id id;                              // the table's identifier
+  std::string name;                   // 1 to 32 bytes
+  uint16_t version = 0;               // of the slot
+  uint32_t record_count = 0;          // records that the table has
+  uint32_t record_write_count = 0;    // records that were ever added
+  uint32_t data_write_count = 0;      // table-data blocks that were ever appended
+  int64_t first_record_position = 0;  // of the first record's block; 0 when there is none
+  int64_t last_record_position = 0;   // of the last record's block; 0 when there is none
+  int64_t data_position = 0;          // of the table-data block; 0 when there is none
 };
 
-// A table of an open database. Tables come from a Database and are cheap to copy; all copies stand
-// for the same table. A table may outlive its Database object: once the database is closed, each
+// A table of an open database. Tables come from a Database and are cheap to copy; all copies refer
+// to the same table. A table may outlive its Database object: once the database is closed, each
 // operation throws Error not_open.
 //
 // Every operation can throw Error with not_open, not_a_database, version_out_of_range,
 // directory_damaged and table_missing (the file was replaced or damaged since the table was found),
 // and cannot_read. Operations that write can also throw read_only, disk_full and cannot_write. What
-// else each can throw stands with it.
+// else each can throw is said with it.
 //
-// A record is searched by walking the table's chain from its first record, which takes time in
+// A record is found by walking the table's chain from its first record, which takes time in
 // proportion to the number of records before it. The operations that take a Record instead of an
 // identifier go straight to it.
 class QVDBASE_API Table {
@@ -53,18 +52,21 @@ class QVDBASE_API Table {
   // 0.
   Table() = default;
 
-  // Whether both stand for the same table of the same open database: that of one Database object.
+  // Whether both refer to the same table of the same open database: that of one Database object.
   friend bool operator==(const Table& a, const Table& b) noexcept {
     return a.database_ == b.database_ && a.id_ == b.id_;
   }
 
+  // The table's identifier.
   Id id() const noexcept { return id_; }
+
+  // The table's name, 1 to 32 bytes.
   const std::string& name() const noexcept { return name_; }
 
-  // The slot as it now is.
+  // Reads the table's slot from the file.
   TableInfo info() const;
 
-  // The number of records, as the slot counts them.
+  // Reads the number of records from the slot.
   uint32_t count() const;
 
   // ---- Reading records
@@ -72,7 +74,7 @@ class QVDBASE_API Table {
   // All records, in order. Nothing is read before the walk begins.
   RecordRange records(Load load = Load::headers) const;
 
-  // Searches a record; of several with the identifier, the first. Nothing when there is none.
+  // Finds a record; of several with the identifier, the first. Nothing when there is none.
   // Throws chain_damaged when the record is not found before the damage.
   std::optional<Record> find(Id record) const;
 
@@ -83,7 +85,8 @@ class QVDBASE_API Table {
   std::optional<std::vector<std::byte>> get(Id record) const;
 
   // Reads the beginning of a record's payload, as much as the buffer takes. Returns the payload's
-  // whole size, which may be more than that; nothing when there is no such record.
+  // whole size, which may be more than that; nothing when there is no such record. Throws as the
+  // other get().
   std::optional<uint32_t> get(Id record, std::span<std::byte> buffer) const;
 
   // ---- Writing records
@@ -91,15 +94,15 @@ class QVDBASE_API Table {
   // Adds a record after the last one and returns its new identifier.
   //
   // payload  bytes or text, as ByteView takes them
-  // reserve  capacity to keep for later growth, in bytes; the record has the larger of both
+  // reserve  capacity for later growth, in bytes; the record has the larger of this and its size
   //
   // Throws too_large for a payload of 2^32 bytes or more; chain_damaged when the table's last
   // record cannot be linked to; appender_open. The record is then not in the table, and a database
-  // that is open exclusively has its length from before: a full disk does not get fuller.
+  // that is open exclusively has its former length: a full disk does not get fuller.
   Id add(ByteView payload, uint32_t reserve = 0);
 
-  // The same under a given identifier. Nothing checks whether the table has it already. Throws
-  // bad_argument, too, for identifier 0, which stands for no record.
+  // The same under a given identifier. Nothing checks whether the table has it already. Throws as
+  // add(), and bad_argument for identifier 0, which means no record.
   void add_with_id(Id record, ByteView payload, uint32_t reserve = 0);
 
   // Adds a record whose payload comes in pieces, of any number and size. See RecordWriter.
@@ -110,13 +113,13 @@ class QVDBASE_API Table {
   // Throws as add() and add_with_id().
   RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
 
-  // Adds many records: gathers them and writes them in large pieces. See BulkAppender. Throws
+  // Adds many records: gathers them and writes them in large pieces; see BulkAppender. Throws
   // chain_damaged when the table's last record cannot be linked to; appender_open.
   BulkAppender appender();
 
-  // The same for all of a range, whose elements are, or turn into, NewRecord: byte vectors,
-  // strings, spans of bytes, ... Returns how many there were. Adds all of them or none: none when
-  // one cannot be written, which throws as BulkAppender does, nor when the range itself throws.
+  // Adds all records of a range, whose elements are, or convert to, NewRecord: byte vectors,
+  // strings, spans of bytes, ... Returns their number. Adds all of them or none: none when one
+  // cannot be written, which throws as BulkAppender does, and none when the range itself throws.
   template <std::ranges::input_range Range>
   requires std::convertible_to<std::ranges::range_reference_t<Range>, NewRecord> uint32_t
   append_all(Range&& records) {
@@ -125,8 +128,8 @@ class QVDBASE_API Table {
     return bulk.finish();
   }
 
-  // Makes the operations on records by identifier run in constant time, as long as the index or a
-  // copy of it lives. See RecordIndex. Throws bad_argument unless the database was opened
+  // Builds an index, by which the operations on records by identifier take constant time as long as
+  // it or a copy of it exists. See RecordIndex. Throws bad_argument unless the database was opened
   // exclusively, chain_damaged when the records cannot all be reached, and std::bad_alloc.
   RecordIndex index() const;
 
@@ -145,36 +148,44 @@ class QVDBASE_API Table {
   // present size; chain_damaged when the record cannot be reached.
   bool write(Id record, uint64_t offset, ByteView bytes);
 
-  // Sets a record's time of last modification to now. False when there is no such record.
+  // Sets a record's time of last modification to now. Returns false when there is no such record.
+  // Throws chain_damaged when the record cannot be reached.
   bool touch(Id record);
 
-  // Takes a record out of the table. Its bytes stay in the file until the database is packed. False
-  // when there is no such record. Throws chain_damaged when its neighbours cannot be linked;
-  // appender_open while records are being added to this table.
+  // Takes a record out of the table. Its bytes stay in the file until the database is compacted or
+  // packed. Returns false when there is no such record. Throws chain_damaged when its neighbours
+  // cannot be linked; appender_open while records are being added to this table.
   bool remove(Id record);
 
-  // The same for a record that was found before, in constant time: where it was found is looked at,
-  // and only if it is not there, or its neighbours do not point to it, it is searched by its
-  // identifier.
+  // Modifies a record that was found before, in constant time. The record is first looked for where
+  // it was found; if it is not there, or its neighbours do not point to it, by its identifier.
+  // Returns and throws as the form with an identifier.
   bool modify(const Record& record, ByteView payload);
+
+  // Writes over a part of the payload of a record that was found before, likewise.
   bool write(const Record& record, uint64_t offset, ByteView bytes);
+
+  // Sets the time of last modification of a record that was found before, likewise.
   bool touch(const Record& record);
+
+  // Takes a record that was found before out of the table, likewise.
   bool remove(const Record& record);
 
   // ---- Table data
 
-  // The size of the table's block of data; nothing when it has none. Throws data_damaged when the
-  // block is not where it should be, as do the others here.
+  // The size of the table's block of data, in bytes; nothing when it has none. Throws data_damaged
+  // when the block is not where it should be, as do the others here.
   std::optional<uint32_t> data_size() const;
 
   // The data; nothing when the table has none. Throws too_large when there is not enough memory.
   std::optional<std::vector<std::byte>> data() const;
 
-  // Reads part of the data, as Record::read() does. 0 when the table has none.
+  // Reads part of the data: as many bytes as the buffer takes and the data has from `offset` on.
+  // Returns their number; 0 from the end of the data on, and when the table has none.
   size_t read_data(uint64_t offset, std::span<std::byte> buffer) const;
 
   // Stores data: over the present block when that has the capacity, else in a new block with
-  // capacity for the larger of size and reserve. Throws too_large; appender_open.
+  // the capacity of the larger of size and reserve, in bytes. Throws too_large; appender_open.
   void set_data(ByteView data, uint32_t reserve = 0);
 
  private:
@@ -187,7 +198,7 @@ class QVDBASE_API Table {
 };
 
 // Deletes all records of a table for which the predicate, called with a const Record&, is true.
-// Returns how many they were. One walk over the table: the cost of each deletion does not depend on
+// Returns their number. It walks over the table once: the cost of each deletion does not depend on
 // the number of records.
 //
 // load  Load::payloads when the predicate looks at Record::loaded()
@@ -204,5 +215,3 @@ uint32_t erase_if(Table& table, Predicate predicate, Load load = Load::headers) 
 }
 
 }  // namespace qvdb
-
-#endif

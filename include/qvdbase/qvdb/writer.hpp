@@ -1,6 +1,5 @@
 // qvdb::RecordWriter: a new record whose payload comes in pieces.
-#ifndef QVDBASE_QVDB_WRITER_HPP
-#define QVDBASE_QVDB_WRITER_HPP
+#pragma once
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/bytes.hpp>
@@ -24,17 +23,17 @@ struct Bulk;
 //   const qvdb::Id id = writer.finish();
 //
 // Until finish() no reader sees the record; it is then as if it had been added whole. A writer that
-// ends without it discards what it has written: the file is cut back to where it was. Where that is
-// not possible, because the database is open in Mode::shared or because something was appended past
-// this layer, zeros are written over it. A process that is killed leaves the beginning of a block
-// at the end of the file, to which nothing leads.
+// ends without finish() discards what it has written: the file is cut back to where it was. Where
+// that is not possible, because the database is open in Mode::shared or because something was
+// appended by other means, zeros are written over it. A process that is killed leaves the beginning
+// of a block at the end of the file, to which nothing leads.
 //
-// From its making to its end the writer is an open batch: see BulkAppender for what cannot be done
-// to the database meanwhile.
+// As long as it exists the writer is an open batch: BulkAppender says what cannot be done to the
+// database meanwhile.
 class QVDBASE_API RecordWriter {
  public:
-  RecordWriter(RecordWriter&&) noexcept;
-  RecordWriter& operator=(RecordWriter&&) noexcept;  // what this one had open is discarded
+  RecordWriter(RecordWriter&&) noexcept;             // takes the record; the other one is closed
+  RecordWriter& operator=(RecordWriter&&) noexcept;  // discards what this one had open
   ~RecordWriter();                                   // discards, unless finish() was called
 
   // The identifier that the record will have.
@@ -46,18 +45,18 @@ class QVDBASE_API RecordWriter {
   // Adds bytes to the end of the payload, any number of them.
   //
   // Throws Error: too_large when the payload would have 2^32 bytes or more (nothing of these bytes
-  // is written then, and the writer can go on); bad_argument when the writer was finished or
-  // discarded; not_open. When the file cannot be written, or was changed past this layer, it throws
+  // is written then, and the writer can continue); bad_argument when the writer was finished or
+  // discarded; not_open. When the file cannot be written, or was changed by other means, it throws
   // disk_full or cannot_write, and everything is discarded: the record, and with it the batch of
   // the appender that the writer comes from.
   void write(ByteView bytes);
 
   // Completes the record and returns its identifier. A writer of a table puts it into the table;
-  // one of an appender adds it to the batch. Throws as write() does; chain_damaged never, since the
+  // one of an appender adds it to the batch. Throws as write() does; never chain_damaged, since the
   // end of the chain was looked at when the writer was made.
   Id finish();
 
-  // Gives the record up. An appender's batch goes on without it. No effect after finish().
+  // Discards the record. An appender's batch goes on without it. No effect after finish().
   void discard() noexcept;
 
  private:
@@ -74,5 +73,3 @@ class QVDBASE_API RecordWriter {
 };
 
 }  // namespace qvdb
-
-#endif
