@@ -4,8 +4,6 @@
 #include <cstring>
 #include <type_traits>
 
-#include "format/big_endian.h"
-
 using namespace qvdbase::format;
 
 namespace qvdbase::format {
@@ -22,16 +20,6 @@ void store(unsigned char* bytes, Field field) {
 }
 
 }  // namespace
-
-uint64_t loadBigEndian(const unsigned char* bytes, int width) {
-  uint64_t value = 0;
-  for (int i = 0; i < width; ++i) value = value << 8 | bytes[i];
-  return value;
-}
-
-void storeBigEndian(unsigned char* bytes, int width, uint64_t value) {
-  for (int i = width; i-- > 0; value >>= 8) bytes[i] = static_cast<unsigned char>(value & 0xFF);
-}
 
 void decodeRecordHead(const unsigned char* bytes, recordPart1* head) {
   load(bytes + record::kBlockMark, &head->blockMark);

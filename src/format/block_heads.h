@@ -8,13 +8,18 @@
 #include <cstdint>
 #include <cstring>
 
+#include "format/big_endian.h"
 #include "format/layout.h"
 
 namespace qvdbase::format {
 
-// Numbers of `width` bytes (1 to 8), most significant first.
-uint64_t loadBigEndian(const unsigned char* bytes, int width);
-void storeBigEndian(unsigned char* bytes, int width, uint64_t value);
+// Whether a block may begin here: the mark of a record or of table data, with its header size.
+inline bool isBlockStart(const unsigned char* bytes) {
+  static_assert(record::kHeaderSize == tabledata::kHeaderSize);
+  const auto headerSize = loadBigEndian<uint16_t>(bytes + record::kHeaderSize);
+  return (bytes[record::kBlockMark] == kRecordMark && headerSize == kRecordHeaderSize) ||
+         (bytes[tabledata::kBlockMark] == kTableDataMark && headerSize == kTableDataHeaderSize);
+}
 
 // In place: a copy of fields that have just been stored one by one would wait for all of them.
 void decodeRecordHead(const unsigned char* bytes, recordPart1* head);
@@ -24,8 +29,7 @@ void encodeRecordHead(const recordPart1& head, unsigned char* bytes);
 // Whether a header is that of a record of this table: its mark, its size and its owner.
 inline bool isRecordOf(const unsigned char* bytes, const unsigned char* tableID) {
   return bytes[record::kBlockMark] == kRecordMark &&
-         bytes[record::kHeaderSize] == (kRecordHeaderSize >> 8) &&
-         bytes[record::kHeaderSize + 1] == (kRecordHeaderSize & 0xFF) &&
+         loadBigEndian<uint16_t>(bytes + record::kHeaderSize) == kRecordHeaderSize &&
          std::memcmp(bytes + record::kTableID, tableID, kIdentifierSize) == 0;
 }
 

@@ -140,16 +140,15 @@ class VariablePart {
   uint64_t consumed_ = kThroughFirstIDCount;
 };
 
-unsigned char* putNumber(unsigned char* out, uint64_t value, int bytes) {
-  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
-    *out++ = static_cast<unsigned char>(value >> shift & 0xFF);
-  }
-  return out;
+template <typename Unsigned>
+unsigned char* putNumber(unsigned char* out, Unsigned value) {
+  storeBigEndian(out, value);
+  return out + sizeof value;
 }
 
 unsigned char* putList(unsigned char* out, int32_t count, const uint64_t* list) {
-  out = putNumber(out, static_cast<uint32_t>(count), 4);
-  for (int32_t i = 0; i < count; ++i) out = putNumber(out, list[i], kIdentitySize);
+  out = putNumber(out, static_cast<uint32_t>(count));
+  for (int32_t i = 0; i < count; ++i) out = putNumber(out, list[i]);
   return out;
 }
 
@@ -160,14 +159,14 @@ bool pointersMatchCounts(const qvrzOneCategoryRecord& record) {
 }
 
 void putCategory(const qvrzOneCategoryRecord& record, unsigned char* out) {
-  out = putNumber(out, record.categoryID, kIdentitySize);
+  out = putNumber(out, uint64_t{record.categoryID});
   RZPutQVWCHAR2Buffer(out, record.categoryName, kNameBytes);
   out += kNameBytes;
-  out = putNumber(out, record.categoryParam, 4);
-  out = putNumber(out, record.relatedID, kIdentitySize);
+  out = putNumber(out, uint32_t{record.categoryParam});
+  out = putNumber(out, uint64_t{record.relatedID});
   out = putList(out, record.firstIDCount, record.firstIDs);
   out = putList(out, record.secondIDCount, record.secondIDs);
-  out = putNumber(out, record.extraLength, 4);
+  out = putNumber(out, uint32_t{record.extraLength});
   if (record.extraLength != 0) std::memcpy(out, record.extraData, record.extraLength);
 }
 

@@ -41,7 +41,7 @@ bool LiveReader::readDirectory(LiveDatabase* database) {
   if (header == nullptr) return fail(LiveDamage::directory, "the file is cut off in its header");
   std::memcpy(database->header.data(), header, database->header.size());
   const auto number = [&](int64_t offset) {
-    return static_cast<uint16_t>(loadBigEndian(database->header.data() + offset, 2));
+    return loadBigEndian<uint16_t>(database->header.data() + offset);
   };
   database->tableCount = static_cast<int16_t>(number(kTableCountPos));
   database->slotCount = static_cast<int16_t>(number(kSlotCountPos));

@@ -33,7 +33,8 @@ class Changes {
       database_.tables.erase(database_.tables.begin() + static_cast<std::ptrdiff_t>(*index));
     }
     database_.tableCount = static_cast<int16_t>(database_.tables.size());
-    storeBigEndian(database_.header.data() + kTableCountPos, 2, database_.tables.size());
+    storeBigEndian(database_.header.data() + kTableCountPos,
+                   static_cast<uint16_t>(database_.tables.size()));
   }
 
  private:

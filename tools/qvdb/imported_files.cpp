@@ -17,6 +17,9 @@
 #include <cstring>
 
 #include "failure.h"
+#include "format/big_endian.h"
+
+using namespace qvdbase::format;
 
 namespace qvdb::tool {
 namespace {
@@ -33,11 +36,10 @@ constexpr char kCutOffHere = 'i';
 constexpr uint64_t kLargestExpansion = 64;
 constexpr size_t kLongestName = 65'535;
 
-void putNumber(uint64_t value, int width, std::byte* to) {
-  for (int i = width - 1; i >= 0; --i) {
-    to[i] = static_cast<std::byte>(value & 0xFF);
-    value >>= 8;
-  }
+template <typename Unsigned>
+std::byte* putNumber(std::byte* to, Unsigned value) {
+  storeBigEndian(reinterpret_cast<unsigned char*>(to), value);
+  return to + sizeof value;
 }
 
 void appendCount(size_t value, std::vector<std::byte>* to) {
@@ -62,10 +64,11 @@ class Reader {
   bool hasFailed() const { return failed_; }
   size_t position() const { return at_; }
 
-  uint64_t number(int width) {
-    uint64_t value = 0;
-    for (int i = 0; i < width; ++i) value = value << 8 | next();
-    return value;
+  template <typename Unsigned>
+  Unsigned number() {
+    unsigned char bytes[sizeof(Unsigned)];
+    for (unsigned char& byte : bytes) byte = next();
+    return loadBigEndian<Unsigned>(bytes);
   }
 
   size_t count() {
@@ -118,13 +121,13 @@ bool isSoundEntry(const ImportedFile& file, char kind) {
 // The next entry of a list; nothing when it makes no sense. A time that was half written is none.
 std::optional<ImportedFile> nextEntry(Reader* reader, const std::vector<ImportedFile>& before) {
   ImportedFile file;
-  const auto kind = static_cast<char>(reader->number(1));
+  const auto kind = static_cast<char>(reader->number<uint8_t>());
   file.kind = static_cast<FileKind>(kind);
-  file.mode = static_cast<uint16_t>(reader->number(2));
-  file.seconds = static_cast<int64_t>(reader->number(8));
-  file.nanoseconds = static_cast<uint32_t>(reader->number(4));
+  file.mode = reader->number<uint16_t>();
+  file.seconds = static_cast<int64_t>(reader->number<uint64_t>());
+  file.nanoseconds = reader->number<uint32_t>();
   if (file.nanoseconds >= 1'000'000'000) file.nanoseconds = 0;
-  file.record = Id{reader->number(8)};
+  file.record = Id{reader->number<uint64_t>()};
   const size_t shared = reader->count();
   if (shared > (before.empty() ? 0 : before.back().name.size())) return std::nullopt;
   if (shared > 0) file.name = before.back().name.substr(0, shared);
@@ -304,11 +307,11 @@ void ImportedFiles::cut(size_t index) {
 void ImportedFiles::putFixed(size_t index) {
   const ImportedFile& file = list_[index];
   std::byte* to = bytes_.data() + starts_[index];
-  to[0] = static_cast<std::byte>(file.kind);
-  putNumber(file.mode, 2, to + 1);
-  putNumber(static_cast<uint64_t>(file.seconds), 8, to + 3);
-  putNumber(file.nanoseconds, 4, to + 11);
-  putNumber(file.record.value, 8, to + 15);
+  to = putNumber(to, static_cast<uint8_t>(file.kind));
+  to = putNumber(to, uint16_t{file.mode});
+  to = putNumber(to, static_cast<uint64_t>(file.seconds));
+  to = putNumber(to, uint32_t{file.nanoseconds});
+  putNumber(to, uint64_t{file.record.value});
 }
 
 }  // namespace qvdb::tool

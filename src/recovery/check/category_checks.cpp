@@ -70,7 +70,7 @@ class CategoryCheck {
     int64_t place = block.dataPos() + kFirstCount;
     uint32_t counts[2] = {};
     for (int list = 0; list < 2; ++list) {
-      if (!read(&place, end, 4, &counts[list])) return tooShort(block);
+      if (!read(&place, end, &counts[list])) return tooShort(block);
       const auto count = static_cast<int32_t>(counts[list]);
       if (count < 0) {
         return findings_.error("C1", about(block),
@@ -81,15 +81,15 @@ class CategoryCheck {
       place += int64_t{count} * kIdentity;
     }
     uint32_t extra = 0;
-    if (!read(&place, end, 4, &extra) || int64_t{extra} > end - place) tooShort(block);
+    if (!read(&place, end, &extra) || int64_t{extra} > end - place) tooShort(block);
   }
 
-  bool read(int64_t* place, int64_t end, int width, uint32_t* value) {
-    if (*place > end - width) return false;
-    const uint8_t* bytes = window_.at(*place, static_cast<size_t>(width));
+  bool read(int64_t* place, int64_t end, uint32_t* value) {
+    if (*place > end - int64_t{sizeof *value}) return false;
+    const uint8_t* bytes = window_.at(*place, sizeof *value);
     if (bytes == nullptr) return false;
-    *value = static_cast<uint32_t>(loadBigEndian(bytes, width));
-    *place += width;
+    *value = loadBigEndian<uint32_t>(bytes);
+    *place += int64_t{sizeof *value};
     return true;
   }
 
@@ -98,7 +98,7 @@ class CategoryCheck {
     for (int32_t i = 0; i < count; ++i, place += kIdentity) {
       const uint8_t* bytes = window_.at(place, kIdentity);
       if (bytes == nullptr) return;
-      const uint64_t id = loadBigEndian(bytes, kIdentity);
+      const uint64_t id = loadBigEndian<uint64_t>(bytes);
       const About where = {.slot = slot_, .record = block.recordID, .offset = place};
       if (!std::binary_search(known_.begin(), known_.end(), id)) {
         findings_.error(

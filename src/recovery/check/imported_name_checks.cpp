@@ -59,8 +59,8 @@ class NameList {
     const uint8_t* fixed = take(kFixedSize);
     if (fixed == nullptr) return false;
     kind_ = static_cast<char>(fixed[0]);
-    record_ = loadBigEndian(fixed + kRecord, 8);
-    hasWrongTime_ = loadBigEndian(fixed + kNanoseconds, 4) >= kNanosecondsEnd;
+    record_ = loadBigEndian<uint64_t>(fixed + kRecord);
+    hasWrongTime_ = loadBigEndian<uint32_t>(fixed + kNanoseconds) >= kNanosecondsEnd;
     uint64_t shared = 0;
     if (!count(&shared) || shared > name_.size()) return false;
     name_.resize(static_cast<size_t>(shared));

@@ -247,7 +247,7 @@ class Planner {
 
   void writeLink(int64_t position, int64_t value) {
     survey::Patch patch = {position, std::vector<unsigned char>(8)};
-    storeBigEndian(patch.bytes.data(), 8, static_cast<uint64_t>(value));
+    storeBigEndian(patch.bytes.data(), static_cast<uint64_t>(value));
     plan_.patches.push_back(std::move(patch));
   }
 

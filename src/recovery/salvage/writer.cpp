@@ -49,11 +49,11 @@ class Writer {
     copy::Header bytes;
     const internal_Head1& fields = plan_.header.fields;
     std::memcpy(bytes.data(), fields.signature, kSignatureSize);
-    storeBigEndian(bytes.data() + kVersionPos, 2, fields.version);
+    storeBigEndian(bytes.data() + kVersionPos, fields.version);
     std::memcpy(bytes.data() + kDatabaseIDPos, fields.databaseID, kIdentifierSize);
-    storeBigEndian(bytes.data() + kTableCountPos, 2, plan_.tables.size());
-    storeBigEndian(bytes.data() + kSlotCountPos, 2, kNewSlotCount);
-    storeBigEndian(bytes.data() + kSlotSizePos, 2, kSlotImageSize);
+    storeBigEndian(bytes.data() + kTableCountPos, static_cast<uint16_t>(plan_.tables.size()));
+    storeBigEndian(bytes.data() + kSlotCountPos, kNewSlotCount);
+    storeBigEndian(bytes.data() + kSlotSizePos, kSlotImageSize);
     return bytes;
   }
 

@@ -19,17 +19,12 @@ namespace qvdbase::survey {
 namespace {
 
 constexpr size_t kChunk = size_t{1} << 20;
-constexpr size_t kMarkPrefix = 3;    // mark and header size
-constexpr size_t kSizesPattern = 4;  // slot count and slot size
-
-bool isBlockStart(const uint8_t* bytes) {
-  const uint64_t headerSize = loadBigEndian(bytes + 1, 2);
-  return (bytes[0] == kRecordMark && headerSize == kRecordHeaderSize) ||
-         (bytes[0] == kTableDataMark && headerSize == kTableDataHeaderSize);
-}
+constexpr size_t kMarkPrefix = record::kTableID;                 // mark and header size
+constexpr size_t kSizesPattern = kDirectoryPos - kSlotCountPos;  // slot count and slot size
 
 bool isSizesPattern(const uint8_t* bytes) {
-  return loadBigEndian(bytes, 2) == kNewSlotCount && loadBigEndian(bytes + 2, 2) == kSlotImageSize;
+  return loadBigEndian<uint16_t>(bytes) == kNewSlotCount &&
+         loadBigEndian<uint16_t>(bytes + (kSlotSizePos - kSlotCountPos)) == kSlotImageSize;
 }
 
 // Calls `found` with the offset of each byte `value` among the first `count`.
@@ -45,11 +40,10 @@ void eachByte(const std::vector<uint8_t>& buffer, size_t count, int value, Found
 }
 
 bool looksLikeHeader(const uint8_t* bytes) {
-  const uint64_t version = loadBigEndian(bytes + kVersionPos, 2);
+  const auto version = loadBigEndian<uint16_t>(bytes + kVersionPos);
   return std::toupper(bytes[0]) == 'Q' && std::toupper(bytes[1]) == 'V' &&
          version >= kFirstVersion && version <= kLastVersion &&
-         loadBigEndian(bytes + kSlotCountPos, 2) == kNewSlotCount &&
-         loadBigEndian(bytes + kSlotSizePos, 2) == kSlotImageSize;
+         isSizesPattern(bytes + kSlotCountPos);
 }
 
 // Where the search goes on from `start`: behind a large hole, which reads as zeros, but for what a

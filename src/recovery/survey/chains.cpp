@@ -125,8 +125,7 @@ class ChainReader {
     if (mark != kRecordMark && mark != kTableDataMark) return false;
     if (!(block.flaws & kNoEndMark)) return true;
     const uint8_t* bytes = window_.at(block.end, record::kTableID);
-    return bytes != nullptr && loadBigEndian(bytes + record::kHeaderSize, 2) ==
-                                   (mark == kRecordMark ? kRecordHeaderSize : kTableDataHeaderSize);
+    return bytes != nullptr && isBlockStart(bytes);
   }
 
   void readTableData(int64_t position, Table* table) {

@@ -35,12 +35,12 @@ void readHeader(const ByteSource& source, Survey* survey) {
   }
   Header& header = survey->header;
   std::memcpy(header.fields.signature, bytes, kSignatureSize);
-  header.fields.version = static_cast<uint16_t>(loadBigEndian(bytes + kVersionPos, 2));
+  header.fields.version = loadBigEndian<uint16_t>(bytes + kVersionPos);
   std::memcpy(header.fields.databaseID, bytes + kDatabaseIDPos, kIdentifierSize);
   header.fields.databaseIDPos = kDatabaseIDPos;
-  header.tableCount = static_cast<int16_t>(loadBigEndian(bytes + kTableCountPos, 2));
-  header.slotCount = static_cast<uint16_t>(loadBigEndian(bytes + kSlotCountPos, 2));
-  header.slotSize = static_cast<uint16_t>(loadBigEndian(bytes + kSlotSizePos, 2));
+  header.tableCount = static_cast<int16_t>(loadBigEndian<uint16_t>(bytes + kTableCountPos));
+  header.slotCount = loadBigEndian<uint16_t>(bytes + kSlotCountPos);
+  header.slotSize = loadBigEndian<uint16_t>(bytes + kSlotSizePos);
 }
 
 std::vector<Slot> readSlots(const ByteSource& source, const Layout& layout, int tableCount) {
