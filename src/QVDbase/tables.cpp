@@ -24,14 +24,6 @@ using engine::SavedPosition;
 
 namespace {
 
-// Of a name, stored or a caller's, the bytes before its zero, 32 at most. Nothing after the zero
-// is touched, not even by a pointer.
-size_t storedNameLength(const char* name) {
-  size_t length = 0;
-  while (length < format::kTableNameSize && name[length] != '\0') ++length;
-  return length;
-}
-
 tablePart1 newTableSlot(const char* name) {
   tablePart1 slot;
   std::memset(&slot, 0, sizeof slot);

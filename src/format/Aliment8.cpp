@@ -159,4 +159,14 @@ bool slotHoldsTable(const tablePart1& slot) {
   return slot.slotMark == kSlotMark && slot.slotEndMark == kSlotEndMark;
 }
 
+size_t storedNameLength(const char* name) {
+  size_t length = 0;
+  while (length < kTableNameSize && name[length] != '\0') ++length;
+  return length;
+}
+
+std::string storedName(const tablePart1& slot) {
+  return {slot.tableName, storedNameLength(slot.tableName)};
+}
+
 }  // namespace qvdbase::format

@@ -3,6 +3,9 @@
 
 #include <qvdbase/Aliment8.h>
 
+#include <cstddef>
+#include <string>
+
 #include "format/layout.h"
 
 // Reads `length` bytes (the header's slot size) at the file's position and decodes the first 144 of
@@ -22,5 +25,12 @@ void encodeSlot(const tablePart1& slot, unsigned char image[kSlotImageSize]);
 
 // Whether the slot holds a table: both of its marks are there.
 bool slotHoldsTable(const tablePart1& slot);
+
+// Of a table's name, in a slot or a caller's, the bytes before its zero, 32 at most. Nothing after
+// the zero is touched, not even by a pointer.
+size_t storedNameLength(const char* name);
+
+// The slot's name, which ends after 32 bytes at the latest.
+std::string storedName(const tablePart1& slot);
 
 }  // namespace qvdbase::format

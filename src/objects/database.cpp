@@ -11,6 +11,7 @@
 #include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
+#include "format/Aliment8.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
@@ -240,7 +241,7 @@ std::vector<Table> Database::tables() const {
   tablePart1 slot;
   static_cast<void>(operation.findSlot(&slot, [&](const tablePart1& used) {
     const Id id{format::identifierNumber(used.tableID)};
-    tables.push_back(Table(state_, id, detail::storedName(used)));
+    tables.push_back(Table(state_, id, format::storedName(used)));
     return false;
   }));
   return tables;
@@ -252,7 +253,7 @@ std::optional<Table> Database::find_table(std::string_view name) const {
   ReadScope scope(operation.db());
   tablePart1 slot;
   if (!operation.findSlot(
-          &slot, [name](const tablePart1& used) { return detail::storedName(used) == name; })) {
+          &slot, [name](const tablePart1& used) { return format::storedName(used) == name; })) {
     return std::nullopt;
   }
   return Table(state_, Id{format::identifierNumber(slot.tableID)}, std::string(name));
@@ -268,7 +269,7 @@ std::optional<Table> Database::find_table(Id table) const {
       })) {
     return std::nullopt;
   }
-  return Table(state_, table, detail::storedName(slot));
+  return Table(state_, table, format::storedName(slot));
 }
 
 bool Database::contains(std::string_view name) const {
@@ -305,7 +306,7 @@ Table Database::add_table(std::string_view name) {
   ReadScope scope(operation.db());
   tablePart1 slot;
   if (operation.findSlot(
-          &slot, [name](const tablePart1& used) { return detail::storedName(used) == name; })) {
+          &slot, [name](const tablePart1& used) { return format::storedName(used) == name; })) {
     operation.fail(Reason::table_exists,
                    "a table named '" + std::string(name) + "' exists already");
   }

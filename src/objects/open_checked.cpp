@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "failure/failure.h"
+#include "format/Aliment8.h"
 #include "format/block_heads.h"
 #include "format/identifiers.h"
 #include "objects/chain_ends.h"
@@ -120,7 +121,7 @@ class Ends {
 }
 
 std::string describe(const Slot& slot, const char* problem) {
-  return "table " + check::shown(survey::nameOf(slot.fields)) + ": " + problem;
+  return "table " + check::shown(format::storedName(slot.fields)) + ": " + problem;
 }
 
 }  // namespace
@@ -148,7 +149,7 @@ void detail::checkEnds(const Database& database) {
            "slot " + std::to_string(slot.index) + " lacks its marks");
     }
     if (const char* problem = Ends(file.source(), slot.fields).problem()) {
-      fail(path, Reason::chain_damaged, describe(slot, problem), survey::nameOf(slot.fields));
+      fail(path, Reason::chain_damaged, describe(slot, problem), format::storedName(slot.fields));
     }
   }
 }
@@ -165,7 +166,7 @@ void check_ends(const Database& database, Id table) {
     const char* problem = isAsked ? ends.problem() : ends.problemBeyondFile();
     if (problem == nullptr) continue;
     fail(database.path(), Reason::chain_damaged, describe(slot, problem),
-         survey::nameOf(slot.fields), kWriting);
+         format::storedName(slot.fields), kWriting);
   }
 }
 

@@ -165,9 +165,4 @@ void Operation::failIfWriteWasRefused(uint64_t bytes) const {
   if (platform::lastRefusedWrite()) failedWrite(bytes);
 }
 
-std::string storedName(const tablePart1& slot) {
-  const char* end = std::find(std::begin(slot.tableName), std::end(slot.tableName), '\0');
-  return {slot.tableName, end};
-}
-
 }  // namespace qvdb::detail

@@ -148,7 +148,4 @@ class Operation {
       tableName_{};  // zeros where it is not known
 };
 
-// The slot's name, which ends after 32 bytes at the latest.
-std::string storedName(const tablePart1& slot);
-
 }  // namespace qvdb::detail

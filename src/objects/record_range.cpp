@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "QVDbase/tables.h"
+#include "format/Aliment8.h"
 #include "format/big_endian.h"
 #include "objects/chain_walker.h"
 #include "objects/file_piece.h"
@@ -272,7 +273,7 @@ void RecordRange::start() {
   const engine::FoundTable found = operation.table(walk.table);
   auto& walks = walk.database->walks;
   if (std::find(walks.begin(), walks.end(), &walk) == walks.end()) walks.push_back(&walk);
-  walk.tableName = detail::storedName(found.slot);
+  walk.tableName = format::storedName(found.slot);
   walk.walker = detail::ChainWalker(found.slot);
   walk.isDamaged = false;
   walk.payloadFailure = nullptr;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "QVDbase/table_data.h"
+#include "format/Aliment8.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "objects/chain_walker.h"
@@ -37,12 +38,12 @@ std::optional<DataBlock> findData(const Operation& operation, Id table) {
   if (!engine::readTableDataHeader(operation.db(), found.slot.firstDataPos, found.slot.tableID,
                                    &header)) {
     operation.fail(Reason::data_damaged, "the block with the data of table '" +
-                                             detail::storedName(found.slot) +
+                                             format::storedName(found.slot) +
                                              "' is not where it should be");
   }
   const DataBlock block{found.slot.firstDataPos + format::tabledata::kData, header.dataLength};
   if (static_cast<uint64_t>(block.dataPos) + block.size > operation.fileLength()) {
-    operation.fail(Reason::data_damaged, "the data of table '" + detail::storedName(found.slot) +
+    operation.fail(Reason::data_damaged, "the data of table '" + format::storedName(found.slot) +
                                              "' reaches beyond the end of the file");
   }
   return block;
@@ -67,7 +68,7 @@ TableInfo Table::info() const {
   const tablePart1 slot = operation.table(id_).slot;
   TableInfo info;
   info.id = id_;
-  info.name = detail::storedName(slot);
+  info.name = format::storedName(slot);
   info.version = slot.tableVersion;
   info.record_count = slot.recordCount;
   info.record_write_count = slot.recordWriteCount;

@@ -13,6 +13,7 @@
 #include "QVDbase/record_delete.h"
 #include "QVDbase/record_find.h"
 #include "QVDbase/record_modify.h"
+#include "format/Aliment8.h"
 #include "format/identifiers.h"
 #include "objects/failed_append.h"
 #include "objects/open_database.h"
@@ -47,7 +48,7 @@ const unsigned char* bytesOf(ByteView bytes) {
 [[noreturn]] void failedAppend(const Operation& operation, Id table, uint64_t length) {
   ReadScope scope(operation.db());
   const tablePart1 slot = operation.table(table).slot;
-  const std::string of = "table '" + detail::storedName(slot) + "'";
+  const std::string of = "table '" + format::storedName(slot) + "'";
   const bool hasLast = slot.recordCount != 0;
   if (!engine::chainHeadMatchesCount(slot) || hasLast != (slot.lastRecordPos != 0)) {
     operation.fail(Reason::chain_damaged,

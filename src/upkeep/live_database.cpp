@@ -67,7 +67,7 @@ bool LiveReader::readDirectory(LiveDatabase* database) {
       tablePart1& fields = table.slot;
       fields.firstDataPos = fields.lastWrittenDataPos = fields.lastDataPos = position;
     }
-    table.name = survey::nameOf(table.slot);
+    table.name = storedName(table.slot);
     database->tables.push_back(std::move(table));
   }
   return true;

@@ -9,6 +9,7 @@
 #include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
+#include "format/Aliment8.h"
 #include "products/target_file.h"
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
@@ -42,7 +43,7 @@ std::vector<std::string> tablesThatLoseData(const std::vector<tablePart1>& table
   std::vector<std::string> names;
   for (const tablePart1& table : tables) {
     const bool hasRecords = table.recordCount != 0 && table.firstRecordPos != 0;
-    if (hasRecords && table.firstDataPos != 0) names.push_back(survey::nameOf(table));
+    if (hasRecords && table.firstDataPos != 0) names.push_back(format::storedName(table));
   }
   return names;
 }
@@ -142,7 +143,7 @@ PackReport renumber(const fs::path& source, const fs::path& target,
   Packing packing(kOperation, source, DatabaseHandle::any, target, options);
   const std::vector<tablePart1> tables = packing.tables();
   const bool canRenew = std::any_of(tables.begin(), tables.end(), [](const tablePart1& table) {
-    return survey::nameOf(table) == kCategoryTable;
+    return format::storedName(table) == kCategoryTable;
   });
   if (!canRenew) {
     throwError(source, kOperation, Reason::table_missing,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "format/Aliment8.h"
 #include "format/block_heads.h"
 #include "recovery/check/parts.h"
 
@@ -25,7 +26,7 @@ constexpr int64_t kSmallestDecoded = 8;  // up to here nothing is decoded at all
 const Table* tableNamed(const Survey& survey, const char* name) {
   for (const Table& table : survey.tables) {
     const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
-    if (slot.counted && survey::nameOf(slot.fields) == name) return &table;
+    if (slot.counted && format::storedName(slot.fields) == name) return &table;
   }
   return nullptr;
 }

@@ -49,7 +49,8 @@ void checkUncounted(const Survey& survey, const Slot& slot, Findings* findings) 
   std::string text = "Slot " + std::to_string(slot.index) +
                      " is beyond the number of tables, but is marked as a table";
   if (!slot.holdsTable()) text += slot.isTable() ? " in part" : " with one of its marks";
-  if (!survey::nameOf(slot.fields).empty()) text += " named " + shown(survey::nameOf(slot.fields));
+  if (!format::storedName(slot.fields).empty())
+    text += " named " + shown(format::storedName(slot.fields));
   if (slot.isTable() && hasBlocks(survey, slot)) {
     return findings->error("D2", about, text + "; there are blocks of it in the file.");
   }
@@ -95,7 +96,7 @@ void checkIdentifier(const Slot& slot, std::map<uint64_t, int>* seen, Findings* 
 
 void checkName(const Slot& slot, std::set<std::string>* seen, Findings* findings) {
   const About about = {.slot = &slot, .offset = slot.position + slot::kTableName};
-  const std::string name = survey::nameOf(slot.fields);
+  const std::string name = format::storedName(slot.fields);
   const char* const end = slot.fields.tableName + kTableNameSize;
   if (name.empty()) findings->warning("D4", about, "The table has no name.");
   if (!name.empty() && !seen->insert(name).second) {

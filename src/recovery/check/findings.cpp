@@ -3,6 +3,7 @@
 
 #include <qvdbase/qvdb/id.hpp>
 
+#include "format/Aliment8.h"
 #include "format/identifiers.h"
 
 namespace qvdbase::check {
@@ -23,7 +24,7 @@ void Findings::add(qvdb::Severity severity, const char* code, const About& about
   finding.slot = slot;
   finding.table_id.value = about.tableID;
   if (about.slot != nullptr) {
-    finding.table = survey::nameOf(about.slot->fields);
+    finding.table = format::storedName(about.slot->fields);
     qvdb::Id& id = finding.table_id;
     internal_ConvertUuID_2Int64(about.slot->fields.tableID, &id.value);
   }

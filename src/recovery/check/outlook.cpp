@@ -8,6 +8,7 @@
 #include <cstring>
 #include <optional>
 
+#include "format/Aliment8.h"
 #include "format/block_heads.h"
 #include "format/identifiers.h"
 #include "recovery/check/parts.h"
@@ -181,7 +182,7 @@ bool repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* 
   const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
   const uint64_t count = slot.fields.recordCount;
   repaired->slot = slot.index;
-  repaired->name = survey::nameOf(slot.fields);
+  repaired->name = format::storedName(slot.fields);
   repaired->id.value = identifierNumber(slot.fields.tableID);
   repaired->counted = slot.fields.recordCount;
   repaired->reachable = survey.owners[table.owner].records;
@@ -226,7 +227,7 @@ qvdb::TableOutlook outlookOf(const survey::ByteSource& source, const Survey& sur
   const tablePart1& fields = slot.fields;
   qvdb::TableOutlook outlook;
   outlook.slot = slot.index;
-  outlook.name = survey::nameOf(fields);
+  outlook.name = format::storedName(fields);
   outlook.id.value = identifierNumber(fields.tableID);
   outlook.reachable = isReachable(survey, slot);
   outlook.counted = fields.recordCount;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "format/Aliment8.h"
+
 namespace qvdbase::mend {
 namespace {
 
@@ -21,7 +23,7 @@ class Completer {
         back_(table.backward.blocks.rbegin(), table.backward.blocks.rend()),
         forwardIsWhole_(table.forward.end == WalkEnd::complete),
         backIsWhole_(table.backward.end == WalkEnd::complete),
-        name_(survey::nameOf(slot_)) {}
+        name_(format::storedName(slot_)) {}
 
   Completion run() {
     decide();

@@ -173,7 +173,7 @@ class Planner {
   }
 
   std::string nameOf(const Table& table) const {
-    return "table '" + survey::nameOf(survey_.slots[static_cast<size_t>(table.slot)].fields) +
+    return "table '" + format::storedName(survey_.slots[static_cast<size_t>(table.slot)].fields) +
            "': ";
   }
 

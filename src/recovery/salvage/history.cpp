@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "failure/failure.h"
+#include "format/Aliment8.h"
 #include "recovery/salvage/run.h"
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/patched_source.h"
@@ -36,7 +37,7 @@ uint32_t ownerNamed(const Survey& survey, std::string_view table, const std::fil
                     const char* operation) {
   for (const survey::Table& each : survey.tables) {
     const auto& slot = survey.slots[static_cast<size_t>(each.slot)];
-    if (survey::nameOf(slot.fields) == table) return each.owner;
+    if (format::storedName(slot.fields) == table) return each.owner;
   }
   if (const std::optional<Id> id = parse_id(table)) {
     for (uint32_t i = 0; i < survey.owners.size(); ++i) {

@@ -481,7 +481,7 @@ qvdb::FoundBlock describe(const Survey& survey, uint32_t number) {
   found.is_orphan = owner.slot == survey::kNoSlot;
   found.table.value = owner.number;
   if (!found.is_orphan) {
-    found.table_name = survey::nameOf(survey.slots[static_cast<size_t>(owner.slot)].fields);
+    found.table_name = format::storedName(survey.slots[static_cast<size_t>(owner.slot)].fields);
   }
   found.record.value = block.recordID;
   found.offset = block.position;

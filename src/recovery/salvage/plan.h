@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "format/Aliment8.h"
 #include "recovery/survey/survey.h"
 
 namespace qvdbase::salvage {
@@ -15,7 +16,7 @@ struct PlannedTable {
   tablePart1 slot = {};           // what is taken over; counts and positions are the writer's
   std::vector<uint32_t> records;  // blocks of the survey, in chain order
   uint32_t data = survey::kNoBlock;
-  std::string name() const { return survey::nameOf(slot); }
+  std::string name() const { return format::storedName(slot); }
 };
 
 struct Plan {

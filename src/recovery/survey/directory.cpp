@@ -78,11 +78,6 @@ bool isPlausible(const Layout& layout, int64_t size) {
 
 }  // namespace
 
-std::string nameOf(const tablePart1& slot) {
-  const char* end = std::find(slot.tableName, slot.tableName + kTableNameSize, '\0');
-  return std::string(slot.tableName, end);
-}
-
 uint32_t ownerOf(const unsigned char* id, Survey* survey) {
   Owner owner;
   std::memcpy(owner.id.data(), id, kIdentifierSize);

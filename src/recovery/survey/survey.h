@@ -261,7 +261,4 @@ void cutAtSuccessors(const std::vector<uint32_t>& order, Survey* survey);
 // The number of that identifier among the owners, which it joins if it is new.
 uint32_t ownerOf(const unsigned char* id, Survey* survey);
 
-// A table's name as far as it goes.
-std::string nameOf(const tablePart1& slot);
-
 }  // namespace qvdbase::survey
