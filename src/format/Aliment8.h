@@ -10,7 +10,7 @@
 
 // Reads `length` bytes (the header's slot size) at the file's position and decodes the first 144 of
 // them; with a length below 144 the missing bytes are zeros. Returns 1; 0 when the read fails, with
-// *slot untouched. The position ends behind the bytes read.
+// *slot untouched. The position is then after the bytes read.
 int ReadOne_TablePartOne(int16_t file, tablePart1* slot, int length);
 
 // Encodes the slot and writes its 144 bytes at the file's position. Returns the result of the

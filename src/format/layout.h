@@ -1,7 +1,7 @@
 // The database file: every offset, size and mark of the format, and the in-memory forms of its
-// parts. Nothing but declarations; the codecs stand beside it.
+// parts. Nothing but declarations: the codecs are in the other files of this folder.
 //
-// A file is a header of 22 bytes, a directory of table slots, and behind it, in order of writing,
+// A file is a header of 22 bytes, a directory of table slots, and after it, in order of writing,
 // record blocks and table-data blocks. Header and blocks store integers most significant byte
 // first, slots least significant byte first; both orders are part of the format.
 #pragma once
@@ -26,6 +26,20 @@ static_assert(kDirectoryPos == 22);
 
 inline constexpr uint16_t kNewSlotCount = 32;  // slots that a new file gets
 inline constexpr uint16_t kSlotImageSize = 144;
+
+// Where slot `index` is, in a directory whose slots are `slotSize` bytes apart.
+constexpr int64_t slotPosition(int64_t index, int64_t slotSize = kSlotImageSize) {
+  return kDirectoryPos + index * slotSize;
+}
+
+// Where a directory of that many slots ends, and the first block may begin.
+constexpr int64_t directoryEnd(int64_t slotCount, int64_t slotSize = kSlotImageSize) {
+  return slotPosition(slotCount, slotSize);
+}
+
+inline constexpr int64_t kNewFileSize = directoryEnd(kNewSlotCount);  // before the first block
+static_assert(kNewFileSize == 4630);
+
 inline constexpr uint16_t kFirstVersion = 100;  // versions that the directory reader accepts:
 inline constexpr uint16_t kLastVersion = 199;   // 100 to 199
 inline constexpr uint16_t kFinishedVersion = 100;
@@ -33,7 +47,7 @@ inline constexpr uint16_t kUnfinishedPackVersion = 101;  // a packed file while 
 inline constexpr int64_t kTableCountBeforeDirectory = kDirectoryPos - kTableCountPos;
 static_assert(kTableCountBeforeDirectory == 6);
 
-// Table slot, offsets inside its 144 bytes. Bytes between the fields hold kSlotFiller.
+// Table slot, offsets inside its 144 bytes.
 namespace slot {
 inline constexpr int kSlotMark = 0;               // uint8
 inline constexpr int kInfoSize = 2;               // uint16
@@ -56,14 +70,25 @@ inline constexpr int kLastWrittenDataPos = 120;   // int64
 inline constexpr int kLastDataPos = 128;          // int64
 inline constexpr int kSlotEndMark = 136;          // uint8
 static_assert(kSlotEndMark + 8 == kSlotImageSize);
+
+// The bytes between the fields, which hold kSlotFiller.
+struct Gap {
+  int begin;
+  int end;
+};
+inline constexpr Gap kGaps[] = {
+    {kSlotMark + 1, kInfoSize},           {kTableFlags2 + 2, kRecordsInfoSize},
+    {kRecordsInfoSize + 2, kRecordCount}, {kRecordWriteCount + 4, kFirstRecordPos},
+    {kDataInfoSize + 2, kDataBlockCount}, {kDataWriteCount + 4, kFirstDataPos},
+    {kSlotEndMark + 1, kSlotImageSize}};
 }  // namespace slot
 
 inline constexpr unsigned char kSlotFiller = 0xCC;
 inline constexpr int64_t kTableNameSize = 32;
 inline constexpr uint8_t kSlotMark = 151;
 inline constexpr uint8_t kSlotEndMark = 'y';
-inline constexpr uint16_t kInfoSize = 50;         // the three group sizes, as stored whatever the
-inline constexpr uint16_t kRecordsInfoSize = 40;  // memory copy holds
+inline constexpr uint16_t kInfoSize = 50;         // the three group sizes, stored so whatever the
+inline constexpr uint16_t kRecordsInfoSize = 40;  // copy in memory holds
 inline constexpr uint16_t kDataInfoSize = 40;
 inline constexpr uint16_t kNewTableVersion = 100;
 inline constexpr uint16_t kNewTableDataInfoSize = 36;  // in memory only, until the slot is read
@@ -109,7 +134,7 @@ inline constexpr uint32_t kFillChunkSize = 32768;
 
 }  // namespace qvdbase::format
 
-// The file header in memory. The three directory numbers are handed out beside it.
+// The file header in memory. The three directory numbers are returned beside it.
 struct internal_Head1 {
   unsigned char signature[qvdbase::format::kSignatureSize];
   uint16_t version;

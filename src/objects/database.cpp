@@ -41,9 +41,6 @@ std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode 
   return state;
 }
 
-constexpr uint64_t kNewDatabaseSize =
-    format::kDirectoryPos + uint64_t{format::kNewSlotCount} * format::kSlotImageSize;
-
 constexpr const char* kOpen = "open the database";
 
 bool isBadSignature(const std::array<char, 4>& signature) {
@@ -124,7 +121,7 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
     failure::throwError(path, kOperation, Reason::cannot_open, "too many files are open");
   }
   if (!engine::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
-    target.failWriting(platform::findWriteFailure(kNewDatabaseSize));
+    target.failWriting(platform::findWriteFailure(uint64_t{format::kNewFileSize}));
   }
   target.place();
   return Database(std::move(state));

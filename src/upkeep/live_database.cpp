@@ -55,7 +55,7 @@ bool LiveReader::readDirectory(LiveDatabase* database) {
     return fail(LiveDamage::directory, "the file is cut off in its directory");
   }
   for (int16_t i = 0; i < database->tableCount; ++i) {
-    const uint8_t* image = window_.at(kDirectoryPos + i * kSlotImageSize, kSlotImageSize);
+    const uint8_t* image = window_.at(slotPosition(i), kSlotImageSize);
     LiveTable table;
     if (image != nullptr) decodeSlot(image, &table.slot);
     if (!slotHoldsTable(table.slot)) {

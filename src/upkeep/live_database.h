@@ -34,9 +34,7 @@ struct LiveDatabase {
   uint16_t slotSize = 0;
   std::vector<LiveTable> tables;
 
-  int64_t blocksStart() const {
-    return format::kDirectoryPos + int64_t{slotCount} * format::kSlotImageSize;
-  }
+  int64_t blocksStart() const { return format::directoryEnd(slotCount); }
   uint64_t recordCount() const;
 };
 

@@ -3,11 +3,14 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "format/layout.h"
 #include "interrupt.h"
 #include "locate.h"
 #include "output.h"
 #include "progress.h"
 #include "text.h"
+
+using namespace qvdbase::format;
 
 namespace qvdb::tool {
 namespace {
@@ -17,12 +20,6 @@ struct Options {
   std::optional<std::string> table;
   bool json = false;
 };
-
-// Bytes of a file beside payloads and table data: header and directory; what surrounds the room of
-// a record; what surrounds that of table data.
-constexpr uint64_t kDirectoryEnd = 22 + 32 * 144;
-constexpr uint64_t kRecordOverhead = 55 + 1;
-constexpr uint64_t kDataOverhead = 21 + 1;
 
 struct TableStatistics {
   TableInfo info;
@@ -45,10 +42,10 @@ struct TableStatistics {
     ++records;
   }
 
-  // The room of table data is not told apart from its size: what it has to spare counts as unused.
+  // The capacity of table data is not known, only its size: spare capacity counts as unused.
   uint64_t liveBytes() const {
-    return records * kRecordOverhead + room +
-           (dataSize.bytes ? *dataSize.bytes + kDataOverhead : 0);
+    return records * kRecordBlockOverhead + room +
+           (dataSize.bytes ? *dataSize.bytes + kTableDataBlockOverhead : 0);
   }
 };
 
@@ -118,7 +115,7 @@ int run(const Options& options) {
     tables = tablesOf(database, &failure);
   }
   std::vector<TableStatistics> all;
-  uint64_t live = kDirectoryEnd;
+  uint64_t live = kNewFileSize;
   for (const Table& table : tables) {
     all.push_back(statisticsOf(database, table, &failure));
     live += all.back().liveBytes();

@@ -16,13 +16,6 @@ namespace {
 using survey::Slot;
 using survey::Survey;
 
-struct Filler {
-  int begin;
-  int end;
-};
-constexpr Filler kFillers[] = {{1, 2},    {52, 56},   {58, 60},  {68, 72},
-                               {98, 100}, {108, 112}, {137, 144}};
-
 bool hasBlocks(const Survey& survey, const Slot& slot) {
   return std::any_of(survey.blocks.begin(), survey.blocks.end(), [&](const survey::Block& block) {
     return std::memcmp(survey.owners[block.owner].id.data(), slot.fields.tableID,
@@ -127,10 +120,11 @@ void checkConstants(const Slot& slot, Findings* findings) {
       le16(slot::kDataInfoSize) != kDataInfoSize) {
     note("sizes of field groups");
   }
-  const bool fillersRight = std::all_of(std::begin(kFillers), std::end(kFillers), [&](Filler f) {
-    return std::all_of(slot.image.begin() + f.begin, slot.image.begin() + f.end,
-                       [](unsigned char c) { return c == kSlotFiller; });
-  });
+  const bool fillersRight =
+      std::all_of(std::begin(slot::kGaps), std::end(slot::kGaps), [&](slot::Gap gap) {
+        return std::all_of(slot.image.begin() + gap.begin, slot.image.begin() + gap.end,
+                           [](unsigned char c) { return c == kSlotFiller; });
+      });
   if (!fillersRight) note("filler bytes");
   if (slot.fields.tableVersion != kNewTableVersion) note("table version");
   if (slot.fields.tableFlags1 != 0 || slot.fields.tableFlags2 != 0) note("flags");

@@ -90,11 +90,10 @@ bool checkHeader(const Survey& survey, Findings* findings) {
                         "; the header alone has 22.");
     return false;
   }
-  const int64_t directoryEnd = kDirectoryPos + int64_t{kNewSlotCount} * kSlotImageSize;
-  if (survey.size < directoryEnd) {
+  if (survey.size < kNewFileSize) {
     findings->error("F2", {.offset = survey.size},
                     "The file ends at " + std::to_string(survey.size) +
-                        ", inside its directory, which ends at " + std::to_string(directoryEnd) +
+                        ", inside its directory, which ends at " + std::to_string(kNewFileSize) +
                         ".");
   }
   if (survey.unreadableAt >= 0) {

@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "failure/failure.h"
+#include "format/layout.h"
 #include "recovery/salvage/run.h"
 #include "recovery/survey/part_source.h"
 
@@ -18,7 +19,6 @@ namespace qvdbase::salvage {
 namespace {
 
 constexpr const char* kOperation = "salvage the stored databases";
-constexpr int64_t kSmallestSize = kDirectoryPos + int64_t{kNewSlotCount} * kSlotImageSize;
 
 // Each is surveyed on its own, and a hostile directory can claim everything that follows.
 constexpr size_t kMostDatabases = 1000;
@@ -46,7 +46,7 @@ Reach reachOf(const survey::ByteSource& source, int64_t origin) {
   const survey::PartSource part(source, origin, source.size());
   survey::Survey survey;
   survey::readDirectory(part, {}, &survey);
-  int64_t farthest = kSmallestSize;
+  int64_t farthest = kNewFileSize;
   bool hasTables = survey.header.tableCount != 0;
   for (const survey::Slot& slot : survey.slots) {
     if (!slot.isTable()) continue;
@@ -84,7 +84,7 @@ StoredDatabases::StoredDatabases(const survey::ByteSource& source, const survey:
   for (survey::Range& place : found) {
     const Reach reach = reachOf(source, place.begin);
     if (!reach.hasTables) {
-      place.end = std::min(place.begin + kSmallestSize, source.size());
+      place.end = std::min(place.begin + kNewFileSize, source.size());
     } else if (place.end == 0) {
       const auto next = std::lower_bound(loose.begin(), loose.end(), reach.end);
       place.end = next != loose.end() ? *next : source.size();

@@ -60,7 +60,7 @@ class Writer {
   // Records first, then the data, table after table.
   std::vector<tablePart1> slots() const {
     std::vector<tablePart1> slots;
-    int64_t position = kDirectoryPos + int64_t{kNewSlotCount} * kSlotImageSize;
+    int64_t position = kNewFileSize;
     for (const PlannedTable& table : plan_.tables) {
       TablePlace place;
       if (!table.records.empty()) place.firstRecord = position;

@@ -113,8 +113,7 @@ std::optional<NestedDatabase> CandidateReader::readNested(int64_t origin) {
   NestedDatabase nested;
   nested.origin = origin;
   for (int i = 0; i < kNewSlotCount; ++i) {
-    const uint8_t* image =
-        window_.at(origin + kDirectoryPos + int64_t{i} * kSlotImageSize, kSlotImageSize);
+    const uint8_t* image = window_.at(origin + slotPosition(i), kSlotImageSize);
     if (image == nullptr) break;
     if (image[slot::kSlotMark] != kSlotMark || image[slot::kSlotEndMark] != kSlotEndMark) continue;
     tablePart1 fields = {};

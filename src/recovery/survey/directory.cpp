@@ -21,7 +21,7 @@ constexpr int kMostSlots = 127;
 struct Layout {
   int slotCount;
   int stride;
-  int64_t end() const { return kDirectoryPos + int64_t{slotCount} * stride; }
+  int64_t end() const { return directoryEnd(slotCount, stride); }
 };
 
 constexpr Layout kUsualLayout = {kNewSlotCount, kSlotImageSize};
@@ -48,7 +48,7 @@ std::vector<Slot> readSlots(const ByteSource& source, const Layout& layout, int 
   for (int i = 0; i < layout.slotCount; ++i) {
     Slot slot;
     slot.index = i;
-    slot.position = kDirectoryPos + int64_t{i} * layout.stride;
+    slot.position = slotPosition(i, layout.stride);
     if (source.readAt(slot.position, slot.image.data(), kSlotImageSize) != kSlotImageSize) break;
     decodeSlot(slot.image.data(), &slot.fields);
     slot.counted = i < tableCount;
@@ -65,7 +65,7 @@ int tablesIn(const std::vector<Slot>& slots) {
 // Slots that are as the slot writer leaves them: fillers and group sizes.
 int wellFormed(const std::vector<Slot>& slots) {
   return static_cast<int>(std::count_if(slots.begin(), slots.end(), [](const Slot& s) {
-    return s.image[1] == kSlotFiller && s.image[slot::kInfoSize] == kInfoSize &&
+    return s.image[slot::kGaps[0].begin] == kSlotFiller && s.image[slot::kInfoSize] == kInfoSize &&
            s.image[slot::kRecordsInfoSize] == kRecordsInfoSize &&
            s.image[slot::kDataInfoSize] == kDataInfoSize;
   }));
@@ -118,7 +118,7 @@ void readDirectory(const ByteSource& source, const SurveyOptions& options, Surve
   } else {
     layout = kUsualLayout;
   }
-  const int64_t next = kDirectoryPos + static_cast<int64_t>(survey->slots.size()) * layout.stride;
+  const int64_t next = slotPosition(static_cast<int64_t>(survey->slots.size()), layout.stride);
   if (next < layout.end() && next <= survey->size - kSlotImageSize) survey->noteUnreadable(next);
   survey->slotStride = layout.stride;
   survey->blocksStart = std::max(survey->blocksStart, std::min(layout.end(), survey->size));

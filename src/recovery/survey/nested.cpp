@@ -32,7 +32,6 @@ namespace qvdbase::survey {
 namespace {
 
 constexpr size_t kNone = SIZE_MAX;
-constexpr int64_t kBlocksStart = kDirectoryPos + int64_t{kNewSlotCount} * kSlotImageSize;
 
 // How well a block's links fit a database.
 enum class Fit {
@@ -164,7 +163,7 @@ class NestedJudge {
     if (holder != nullptr && holder->length <= holder->capacity) {
       limit = std::min(limit, place.begin + holder->length);
     }
-    lengthen(place.begin, place.begin + kBlocksStart, limit);
+    lengthen(place.begin, place.begin + kNewFileSize, limit);
     lengthen(place.begin, endOf(*nested, limit), limit);
     for (const NestedTable& table : nested->tables) {
       places_[table.number].push_back({place.begin, limit});

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "failure/failure.h"
+#include "format/layout.h"
 #include "platform/handles/open_failure.h"
 #include "platform/handles/open_files.h"
 #include "platform/paths/utf8_names.h"
@@ -67,7 +68,7 @@ OpenedFile::OpenedFile(int16_t file, const std::filesystem::path& path, const ch
 void OpenedFile::begin(const std::filesystem::path& path, const char* operation) {
   if (!file_.stamp(&stamp_)) failure::throwError(path, operation, qvdb::Reason::cannot_open);
   source_.emplace(file_, stamp_.size);
-  watched_ = firstBytes(*source_, kWatchedSize);
+  watched_ = firstBytes(*source_, format::kNewFileSize);
 }
 
 // Devices belong to a group of the system's, not to one of its users.
@@ -84,13 +85,13 @@ void OpenedFile::watch() {
   std::this_thread::sleep_for(kTick);
   if (!file_.stamp(&stamp_)) return;
   source_.emplace(file_, stamp_.size);
-  watched_ = firstBytes(*source_, kWatchedSize);
+  watched_ = firstBytes(*source_, format::kNewFileSize);
 }
 
 bool OpenedFile::hasChanged() const {
   platform::FileStamp now;
   if (!file_.stamp(&now) || !(now == stamp_)) return true;
-  return firstBytes(*source_, kWatchedSize) != watched_;
+  return firstBytes(*source_, format::kNewFileSize) != watched_;
 }
 
 }  // namespace qvdbase::survey

@@ -41,8 +41,6 @@ class OpenedFile {
  private:
   void begin(const std::filesystem::path& path, const char* operation);
 
-  static constexpr size_t kWatchedSize = 4630;  // header and directory
-
   platform::ReadOnlyFile file_;
   bool wasLocked_ = false;
   platform::FileStamp stamp_;
