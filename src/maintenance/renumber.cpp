@@ -17,7 +17,7 @@
 #include "maintenance/category_renewal.h"
 #include "maintenance/file_extent.h"
 #include "maintenance/id_pairs.h"
-#include "maintenance/pack_steps.h"
+#include "maintenance/pack_for_caller.h"
 #include "platform/host/memory.h"
 
 using namespace qvdbase;
@@ -28,23 +28,14 @@ using namespace qvdbase::maintenance;
 
 namespace {
 
-constexpr int kKept = 100;  // the status of a new file that does not exist or is to be kept
-constexpr int kEmptied = 0;
-
 constexpr const char* kInfoTable = "QVrz_Info";
 constexpr const char* kRememberedTable = "QVrz_Record";
 
-struct RenumberOutputs {
-  uint16_t* srcRef;
-  uint16_t* dstRef;
-  int* status;
-};
-
-class Renumber : public PackSteps {
+class Renumber : public PackForCaller {
  public:
-  Renumber(const QVWCHAR* dstPath, int16_t src, PackProgress progress, RenumberOutputs out,
+  Renumber(const QVWCHAR* dstPath, int16_t src, PackProgress progress, PackOutputs out,
            qvrzOneCategoryRecord* category)
-      : PackSteps(dstPath, progress), out_(out), category_(category) {
+      : PackForCaller(dstPath, progress, out), category_(category) {
     src_ = src;
   }
 
@@ -54,31 +45,13 @@ class Renumber : public PackSteps {
 
  private:
   bool fill() {
-    if (src_ == 0 || !readSourceDirectory() || !createDestinationForCaller()) return false;
+    if (src_ == 0 || !readSourceDirectory() || !createDestination()) return false;
     if (kDatabaseIDPos + kIdentifierSize > headerLength()) return false;
     if (!copyHeader() || !copyDirectory() || !report(1) || !copyTables()) return false;
     return CategoryRenewal(src_, dst_, category_, pairs_.exist() ? &pairs_ : nullptr).run();
   }
 
-  bool createDestinationForCaller() {
-    if (!createDestination()) {
-      *out_.status = kKept;
-      return false;
-    }
-    *out_.status = kEmptied;
-    *out_.srcRef = static_cast<uint16_t>(src_);
-    *out_.dstRef = static_cast<uint16_t>(dst_);
-    return true;
-  }
-
-  bool finish() {
-    if (!completeDestination()) return false;
-    closeDestination();
-    *out_.dstRef = 0;
-    return true;
-  }
-
-  // The place is fixed: what the directory cache serves of the header does not tell it.
+  // The place is fixed: what the directory cache serves of the header does not have it.
   void adjustHeader(unsigned char* header) override { GenerateUuID(header + kDatabaseIDPos); }
 
   bool beginRecords(const tablePart1& slot) override {
@@ -90,7 +63,7 @@ class Renumber : public PackSteps {
     return true;
   }
 
-  // Only behind a step that succeeded: the pair of a table's last record is not counted.
+  // Only after a step that succeeded: the pair of a table's last record is not counted.
   void steppedOn() override { pairs_.advance(); }
 
   bool appendRecord(tablePart1* working, int64_t slotPos, const recordPart1& source,
@@ -106,15 +79,12 @@ class Renumber : public PackSteps {
   }
 
   void releaseSource() override {}  // it is the caller's
-  bool emptiesDestination() override { return *out_.status != kKept; }
-  void failedWithBuffer() override { *out_.dstRef = 0; }
 
   // As many records as the source can hold.
   uint64_t mostPairs() const {
     return static_cast<uint64_t>(std::max<int64_t>(fileLengthOf(src_), 0) / kRecordBlockOverhead);
   }
 
-  RenumberOutputs out_;
   qvrzOneCategoryRecord* category_;
   IdPairs pairs_;
   bool keepsIdentifiers_ = false;
@@ -145,7 +115,7 @@ class CategoryRecord {
 int PackOneDB2AllNewUUIDFile(const QVWCHAR* dstPath, int16_t srcRef, int userData,
                              QVProgressFunction callback, uint16_t* outSrcRef, uint16_t* outDstRef,
                              int* status, void* callbackArg) {
-  *status = kKept;
+  *status = PackOutputs::kKept;
   if (dstPath == nullptr) return 0;
   const CategoryRecord category;
   if (category.get() == nullptr) return 0;
