@@ -1,4 +1,4 @@
-// Record append: writes a new record block at the end of the file and links it behind the table's
+// Record append: writes a new record block at the end of the file and links it after the table's
 // last record.
 //
 // Order of writes: the block, the link in the old last record, the slot. The block is complete
@@ -14,8 +14,7 @@
 #include "QVDbase/position.h"
 #include "QVDbase/record_find.h"
 #include "QVDbase/tables.h"
-#include "format/fields.h"
-#include "format/fill.h"
+#include "format/block_parts.h"
 #include "format/identifiers.h"
 #include "platform/host/clock.h"
 
@@ -34,17 +33,16 @@ bool writeNewRecordID(int16_t db, unsigned char* recordID, bool useGivenID) {
 }
 
 // The block's fields from the mark to the two times.
-bool writeBlockStart(int16_t db, const unsigned char* tableID, unsigned char* recordID,
-                     bool useGivenID) {
-  if (!writeUint8(db, kRecordMark) || !writeUint16(db, kRecordHeaderSize) ||
-      !writeBytes(db, tableID, kIdentifierSize) || !writeNewRecordID(db, recordID, useGivenID)) {
+bool writeIdentity(int16_t db, const unsigned char* tableID, unsigned char* recordID,
+                   bool useGivenID) {
+  if (!writeBlockStart(db, kRecordBlock, tableID) || !writeNewRecordID(db, recordID, useGivenID)) {
     return false;
   }
   const uint32_t now = platform::secondsSinceEpoch();
   return writeUint32(db, now) && writeUint32(db, now);
 }
 
-// The record that the new one goes behind: 0 when the table has none. Returns false when the slot
+// The record that the new one follows: 0 when the table has none. Returns false when the slot
 // contradicts itself.
 bool previousRecord(const tablePart1& slot, int64_t* prevRecordPos) {
   *prevRecordPos = slot.recordCount == 0 ? 0 : slot.lastRecordPos;
@@ -52,19 +50,8 @@ bool previousRecord(const tablePart1& slot, int64_t* prevRecordPos) {
   return slot.lastRecordPos != 0;
 }
 
-// The block's fields from the links to the end mark.
-bool writeBlockRest(int16_t db, int64_t prevRecordPos, const unsigned char* payload, uint32_t size,
-                    uint32_t capacity) {
-  if (!writeInt64(db, prevRecordPos) || !writeInt64(db, 0) || !writeUint32(db, size) ||
-      !writeUint32(db, capacity) || !writeBytes(db, payload, size)) {
-    return false;
-  }
-  if (capacity > size && internal_WriteEmptyDatas(db, capacity - size) != 1) return false;
-  return writeUint8(db, kBlockEndMark);
-}
-
-bool linkBehind(int16_t db, int64_t prevRecordPos, const unsigned char* tableID,
-                int64_t newRecordPos) {
+bool linkAfter(int16_t db, int64_t prevRecordPos, const unsigned char* tableID,
+               int64_t newRecordPos) {
   recordPart1 previous;
   if (!readRecordHeaderAt(db, prevRecordPos, tableID, &previous)) return false;
   if (previous.nextRecordPos != 0) return false;  // not the end of the chain: do not cut it
@@ -143,11 +130,14 @@ bool appendRecord(int16_t db, tablePart1* slot, const unsigned char* tableID,
                   int64_t* blockPos) {
   if (myFileSeek(db, 0, kFromEnd) != 0) return false;
   *blockPos = myGetFilePos(db);
-  if (!writeBlockStart(db, tableID, recordID, useGivenID)) return false;
+  if (!writeIdentity(db, tableID, recordID, useGivenID)) return false;
   int64_t prevRecordPos = 0;
   if (!previousRecord(*slot, &prevRecordPos)) return false;
-  if (!writeBlockRest(db, prevRecordPos, payload, size, std::max(size, reserve))) return false;
-  if (prevRecordPos != 0 && !linkBehind(db, prevRecordPos, tableID, *blockPos)) return false;
+  if (!writeInt64(db, prevRecordPos) || !writeInt64(db, 0) ||
+      !writeBlockContent(db, payload, size, std::max(size, reserve))) {
+    return false;
+  }
+  if (prevRecordPos != 0 && !linkAfter(db, prevRecordPos, tableID, *blockPos)) return false;
 
   // The slot is read afresh only to see that it is still one; what is written is the caller's. A
   // packed table keeps its source's table-data positions that way.

@@ -11,8 +11,7 @@
 #include "QVDbase/record_find.h"
 #include "format/big_endian.h"
 #include "format/block_heads.h"
-#include "format/fields.h"
-#include "format/fill.h"
+#include "format/block_parts.h"
 
 using namespace qvdbase::support;
 using namespace qvdbase::format;
@@ -168,9 +167,8 @@ bool RecordBatch::writeAlone(const recordPart1& header, const unsigned char* pay
   encodeRecordHead(header, image);
   const bool written = standsAtEnd(int64_t{capacity} + kRecordBlockOverhead) &&
                        writeBytes(db_, image, record::kData) &&
-                       writeBytes(db_, payload, header.dataLength) &&
-                       (fill == 0 || internal_WriteEmptyDatas(db_, fill) == 1) &&
-                       writeUint8(db_, kBlockEndMark) && linkToWritten(blockPos);
+                       writeBytes(db_, payload, header.dataLength) && writeBlockEnd(db_, fill) &&
+                       linkToWritten(blockPos);
   const bool complete = position.restore(written);
   piecePos_ += int64_t{capacity} + kRecordBlockOverhead;
   failed_ = !complete;
@@ -266,12 +264,11 @@ bool RecordBatch::closeInFile() {
   SavedPosition position(db_);
   const uint32_t rest = std::exchange(open_.inPiece, 0);
   const uint32_t fill = open_.header.dataCapacity - open_.length;
-  const bool written =
-      standsAtEnd(int64_t{rest} + fill + 1) && writeBytes(db_, piece_.data(), rest) &&
-      (fill == 0 || internal_WriteEmptyDatas(db_, fill) == 1) && writeUint8(db_, kBlockEndMark) &&
-      myFileSeek(db_, open_.blockPos + record::kDataLength, kFromStart) == 0 &&
-      writeUint32(db_, open_.header.dataLength) && writeUint32(db_, open_.header.dataCapacity) &&
-      linkToWritten(open_.blockPos);
+  const bool written = standsAtEnd(int64_t{rest} + fill + 1) &&
+                       writeBytes(db_, piece_.data(), rest) && writeBlockEnd(db_, fill) &&
+                       myFileSeek(db_, open_.blockPos + record::kDataLength, kFromStart) == 0 &&
+                       writeUint32(db_, open_.header.dataLength) &&
+                       writeUint32(db_, open_.header.dataCapacity) && linkToWritten(open_.blockPos);
   const bool complete = position.restore(written);
   piecePos_ += int64_t{rest} + fill + 1;
   failed_ = !complete;

@@ -4,11 +4,9 @@
 // recordCount bounds every walk, and a chain that loops ends the same way without being walked out.
 #include "QVDbase/record_find.h"
 
-#include <cstring>
-
 #include "QVDbase/chain_walk.h"
 #include "QVDbase/position.h"
-#include "format/fields.h"
+#include "format/block_parts.h"
 #include "format/identifiers.h"
 #include "platform/host/clock.h"
 
@@ -18,16 +16,8 @@ using namespace qvdbase::engine;
 
 namespace {
 
-// Mark, header size and owning table; the file then stands at the record's identifier.
-bool readRecordOwner(int16_t db, const unsigned char* tableID, recordPart1* header) {
-  if (!readUint8(db, &header->blockMark) || header->blockMark != kRecordMark) return false;
-  if (!readUint16(db, &header->headerSize) || header->headerSize != kRecordHeaderSize) return false;
-  if (!readBytes(db, header->tableID, sizeof header->tableID)) return false;
-  return std::memcmp(header->tableID, tableID, sizeof header->tableID) == 0;
-}
-
 // One step of the listing: stores the record at the present position and goes to the next one.
-// A record without successor leaves the file behind its header, so that the next step, if the count
+// A record without successor leaves the file after its header, so that the next step, if the count
 // still asks for one, fails there.
 bool listOneRecord(int16_t db, const tablePart1& slot, uint64_t* entry) {
   recordPart1 header;
@@ -36,7 +26,7 @@ bool listOneRecord(int16_t db, const tablePart1& slot, uint64_t* entry) {
   return header.nextRecordPos == 0 || myFileSeek(db, header.nextRecordPos, kFromStart) == 0;
 }
 
-// The walk has come round: what it would go on to list is what it listed one round before.
+// The walk has come round: what it would list next is what it listed one round before.
 void repeatLastRound(uint64_t* list, uint32_t* count, uint32_t recordCount, uint64_t period) {
   for (; *count < recordCount; ++*count) list[*count] = list[*count - period];
 }
@@ -64,7 +54,7 @@ int listRecords(int16_t db, uint64_t table, uint64_t* list, uint32_t* count) {
 
 int internal_GetOneRecordDataInfo(int16_t db, const unsigned char* tableID, recordPart1* header) {
   if (header == nullptr) return 0;
-  if (!readRecordOwner(db, tableID, header)) return 0;
+  if (!readBlockStart(db, kRecordBlock, tableID, header)) return 0;
   if (!readBytes(db, header->recordID, sizeof header->recordID) ||
       !readUint32(db, &header->createTime) || !readUint32(db, &header->modifyTime) ||
       !readInt64(db, &header->prevRecordPos) || !readInt64(db, &header->nextRecordPos) ||
@@ -96,7 +86,7 @@ int internal_ModifyOneRecordDataInfo_LMTime(int16_t db, const unsigned char* tab
                                             int64_t recordPos) {
   recordPart1 header;
   if (myFileSeek(db, recordPos, kFromStart) != 0) return 0;
-  if (!readRecordOwner(db, tableID, &header)) return 0;
+  if (!readBlockStart(db, kRecordBlock, tableID, &header)) return 0;
   if (!readBytes(db, header.recordID, sizeof header.recordID)) return 0;
   if (!readUint32(db, &header.createTime)) return 0;
   return writeUint32(db, platform::secondsSinceEpoch()) ? 1 : 0;
@@ -114,11 +104,10 @@ int GetOneRecordInfo(int16_t db, uint64_t table, uint64_t record, oneRecordInfoP
 int ModifyOneRecordInfo_LMTime(int16_t db, uint64_t table, uint64_t record) {
   SavedPosition position(db);
   DirectoryNumbers directory;
-  // The one failure that leaves the position behind.
+  // The one failure that leaves the position where it is.
   if (!readDirectoryNumbers(db, &directory)) return position.leave(0);
 
   FoundRecord found;
-  found.table.slotSize = directory.slotSize;
   const bool there = internal_GetOneTableInfo(db, table, directory.tableCount, directory.slotSize,
                                               &found.table.slot, &found.table.slotPos) == 1 &&
                      internal_FindOneRecord(db, &found.table.slot, record, &found.header,

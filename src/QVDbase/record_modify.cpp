@@ -1,14 +1,14 @@
-// Record modification: in place while the payload fits the record's room, else by relocation.
+// Record modification: in place while the payload fits the record's capacity, else by relocation.
 //
 // A relocation appends the new block first, then links predecessor and successor to it. The old
-// block is never written to: until the links are changed it is the record, and afterwards it is
-// dead space.
+// block is never written to: until the links are changed it is the record, and then it is dead
+// space.
 #include "QVDbase/record_modify.h"
 
 #include <qvdbase/qvdbase.h>
 
 #include "QVDbase/position.h"
-#include "format/fields.h"
+#include "format/block_parts.h"
 #include "platform/host/clock.h"
 
 using namespace qvdbase;
@@ -19,13 +19,11 @@ namespace {
 
 bool writeBlock(int16_t db, const unsigned char* tableID, const recordPart1& header,
                 const unsigned char* payload) {
-  return writeUint8(db, header.blockMark) && writeUint16(db, header.headerSize) &&
-         writeBytes(db, tableID, kIdentifierSize) &&
+  return writeBlockStart(db, kRecordBlock, tableID) &&
          writeBytes(db, header.recordID, sizeof header.recordID) &&
          writeUint32(db, header.createTime) && writeUint32(db, header.modifyTime) &&
          writeInt64(db, header.prevRecordPos) && writeInt64(db, header.nextRecordPos) &&
-         writeUint32(db, header.dataLength) && writeUint32(db, header.dataCapacity) &&
-         writeBytes(db, payload, header.dataLength) && writeUint8(db, kBlockEndMark);
+         writeBlockContent(db, payload, header.dataLength, header.dataCapacity);
 }
 
 bool relinkPredecessor(int16_t db, FoundRecord* found, int64_t newRecordPos) {
@@ -63,7 +61,7 @@ int ModifyRecordData(int16_t db, uint64_t table, const unsigned char* payload, u
   FoundRecord found;
   if (!findRecord(db, table, record, &found)) return position.restore(0);
   if (size <= found.header.dataCapacity) {
-    // The one success that leaves the position where the write ended, just behind the payload.
+    // The one success that leaves the position where the write ended, right after the payload.
     if (overwriteRecord(db, found.recordPos, payload, size)) return position.leave(1);
     return position.restore(0);
   }
@@ -75,7 +73,7 @@ int internal_WriteOneRecordDataInEOF_Modify(int16_t db, const tablePart1* slot, 
                                             const unsigned char* payload, uint32_t size,
                                             int64_t* newRecordPos) {
   header->dataLength = size;
-  header->dataCapacity = size;  // a relocated record keeps no spare room
+  header->dataCapacity = size;  // a relocated record keeps no spare capacity
   header->blockMark = kRecordMark;
   header->headerSize = kRecordHeaderSize;
   header->endMarkValue = kHeaderInMemoryEndMark;

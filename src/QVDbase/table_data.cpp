@@ -1,20 +1,18 @@
 // Table data: setting, sizing and reading it.
 //
 // Data that fits the present block is written over it, and the slot stays as it is. Larger data
-// becomes a new block at the end of the file; the slot is rewritten last, so that readers get the
+// becomes a new block at the end of the file. The slot is rewritten last, so that readers get the
 // old data until the new block is complete.
 #include "QVDbase/table_data.h"
 
 #include <qvdbase/qvdbase.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "QVDbase/position.h"
 #include "QVDbase/tables.h"
 #include "format/Aliment8.h"
-#include "format/fields.h"
-#include "format/fill.h"
+#include "format/block_parts.h"
 #include "format/identifiers.h"
 
 using namespace qvdbase::format;
@@ -22,18 +20,7 @@ using namespace qvdbase::engine;
 
 namespace {
 
-bool writeTableDataBlock(int16_t db, const unsigned char* tableID, const unsigned char* data,
-                         uint32_t size, uint32_t capacity) {
-  if (!writeUint8(db, kTableDataMark) || !writeUint16(db, kTableDataHeaderSize) ||
-      !writeBytes(db, tableID, kIdentifierSize) || !writeUint32(db, size) ||
-      !writeUint32(db, capacity) || !writeBytes(db, data, size)) {
-    return false;
-  }
-  if (capacity > size && internal_WriteEmptyDatas(db, capacity - size) != 1) return false;
-  return writeUint8(db, kBlockEndMark);
-}
-
-// The file stands at the block's data. The rest of the room, the old end mark included, stays.
+// The file is at the block's data. The rest of the capacity, the old end mark included, stays.
 bool overwriteTableData(int16_t db, int64_t blockPos, const unsigned char* data, uint32_t size) {
   return writeBytes(db, data, size) && writeUint8(db, kBlockEndMark) &&
          myFileSeek(db, blockPos + tabledata::kDataLength, kFromStart) == 0 &&
@@ -118,8 +105,8 @@ int internal_SetOneTableData(int16_t db, tablePart1* slot, const unsigned char* 
                              int64_t slotPos, uint16_t slotSize, const unsigned char* data,
                              uint32_t size, uint32_t reserve) {
   if (slot->firstDataPos != 0) {
-    TableDataHeader present;
-    if (!readTableDataHeader(db, slot->firstDataPos, slot->tableID, &present)) return 0;
+    TableDataHead present;
+    if (!readTableDataHead(db, slot->firstDataPos, slot->tableID, &present)) return 0;
     if (present.dataCapacity >= size) {
       return overwriteTableData(db, slot->firstDataPos, data, size) ? 1 : 0;
     }
@@ -132,8 +119,10 @@ int internal_WriteOneTableLinkInEOF(int16_t db, const unsigned char* tableID, in
                                     uint32_t reserve, tablePart1* slotOut) {
   if (myFileSeek(db, 0, kFromEnd) != 0) return 0;
   const int64_t blockPos = myGetFilePos(db);
-  if (!writeTableDataBlock(db, tableID, data, size, std::max(size, reserve))) return 0;
-
+  if (!writeBlockStart(db, kTableDataBlock, tableID) ||
+      !writeBlockContent(db, data, size, std::max(size, reserve))) {
+    return 0;
+  }
   if (myFileSeek(db, slotPos, kFromStart) != 0) return 0;
   tablePart1 slot;
   if (!readUsedSlot(db, slotSize, &slot)) return 0;
@@ -150,20 +139,16 @@ int internal_WriteOneTableLinkInEOF(int16_t db, const unsigned char* tableID, in
 namespace qvdbase::engine {
 
 bool seekTableData(int16_t db, int64_t blockPos, const unsigned char* tableID) {
-  uint8_t mark = 0;
-  uint16_t headerSize = 0;
-  unsigned char owner[kIdentifierSize];
-  if (myFileSeek(db, blockPos, kFromStart) != 0) return false;
-  if (!readUint8(db, &mark) || mark != kTableDataMark) return false;
-  if (!readUint16(db, &headerSize) || headerSize != kTableDataHeaderSize) return false;
-  if (!readBytes(db, owner, sizeof owner)) return false;
-  return std::memcmp(owner, tableID, sizeof owner) == 0;
+  TableDataHead head;
+  return myFileSeek(db, blockPos, kFromStart) == 0 &&
+         readBlockStart(db, kTableDataBlock, tableID, &head);
 }
 
-bool readTableDataHeader(int16_t db, int64_t blockPos, const unsigned char* tableID,
-                         TableDataHeader* header) {
-  return seekTableData(db, blockPos, tableID) && readUint32(db, &header->dataLength) &&
-         readUint32(db, &header->dataCapacity);
+bool readTableDataHead(int16_t db, int64_t blockPos, const unsigned char* tableID,
+                       TableDataHead* head) {
+  return myFileSeek(db, blockPos, kFromStart) == 0 &&
+         readBlockStart(db, kTableDataBlock, tableID, head) && readUint32(db, &head->dataLength) &&
+         readUint32(db, &head->dataCapacity);
 }
 
 }  // namespace qvdbase::engine

@@ -3,11 +3,11 @@
 
 #include <cstdint>
 
-#include "format/layout.h"
+#include "format/block_heads.h"
 
-// Stores data for the table of the slot: over its present block when that has room, else as a new
-// block. Returns 1; 0 when the present block is damaged (nothing is appended then) and when the
-// file cannot be read or written.
+// Stores data for the table of the slot: over its present block when that is large enough, else as
+// a new block. Returns 1; 0 when the present block is damaged (nothing is appended then) and when
+// the file cannot be read or written.
 int internal_SetOneTableData(int16_t db, tablePart1* slot, const unsigned char* tableID,
                              int64_t slotPos, uint16_t slotSize, const unsigned char* data,
                              uint32_t size, uint32_t reserve);
@@ -20,17 +20,12 @@ int internal_WriteOneTableLinkInEOF(int16_t db, const unsigned char* tableID, in
 
 namespace qvdbase::engine {
 
-struct TableDataHeader {
-  uint32_t dataLength;
-  uint32_t dataCapacity;
-};
-
-// Seeks to a table-data block and checks mark, header size and owner; the file then stands at its
+// Seeks to a table-data block and checks mark, header size and owner. The file is then at its
 // dataLength.
 [[nodiscard]] bool seekTableData(int16_t db, int64_t blockPos, const unsigned char* tableID);
 
-// seekTableData, then both lengths; the file then stands at the data.
-[[nodiscard]] bool readTableDataHeader(int16_t db, int64_t blockPos, const unsigned char* tableID,
-                                       TableDataHeader* header);
+// The whole header. The file is then at the data.
+[[nodiscard]] bool readTableDataHead(int16_t db, int64_t blockPos, const unsigned char* tableID,
+                                     format::TableDataHead* head);
 
 }  // namespace qvdbase::engine

@@ -14,10 +14,10 @@ namespace qvdbase::maintenance {
 
 bool measureTableDataBlock(int16_t db, int64_t blockPos, const unsigned char* tableID,
                            int64_t* length) {
-  TableDataHeader header;
+  TableDataHead head;
   uint8_t endMark = 0;
-  if (!readTableDataHeader(db, blockPos, tableID, &header)) return false;
-  if (myFileSeek(db, header.dataCapacity, kFromCurrent) != 0) return false;
+  if (!readTableDataHead(db, blockPos, tableID, &head)) return false;
+  if (myFileSeek(db, head.dataCapacity, kFromCurrent) != 0) return false;
   if (!readUint8(db, &endMark) || endMark != kBlockEndMark) return false;
   *length = myGetFilePos(db) - blockPos;
   return true;

@@ -34,9 +34,9 @@ struct DataBlock {
 std::optional<DataBlock> findData(const Operation& operation, Id table) {
   const engine::FoundTable found = operation.table(table);
   if (found.slot.firstDataPos == 0) return std::nullopt;
-  engine::TableDataHeader header;
-  if (!engine::readTableDataHeader(operation.db(), found.slot.firstDataPos, found.slot.tableID,
-                                   &header)) {
+  format::TableDataHead header;
+  if (!engine::readTableDataHead(operation.db(), found.slot.firstDataPos, found.slot.tableID,
+                                 &header)) {
     operation.fail(Reason::data_damaged, "the block with the data of table '" +
                                              format::storedName(found.slot) +
                                              "' is not where it should be");

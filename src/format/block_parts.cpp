@@ -1,0 +1,24 @@
+// The beginning and the end that all blocks have.
+#include "format/block_parts.h"
+
+#include "format/fill.h"
+
+namespace qvdbase::format {
+
+bool writeBlockStart(int16_t file, BlockKind kind, const unsigned char* tableID) {
+  return writeUint8(file, kind.mark) && writeUint16(file, kind.headerSize) &&
+         writeBytes(file, tableID, kIdentifierSize);
+}
+
+bool writeBlockContent(int16_t file, const unsigned char* data, uint32_t length,
+                       uint32_t capacity) {
+  return writeUint32(file, length) && writeUint32(file, capacity) &&
+         writeBytes(file, data, length) && writeBlockEnd(file, capacity - length);
+}
+
+bool writeBlockEnd(int16_t file, uint32_t fill) {
+  return (fill == 0 || internal_WriteEmptyDatas(file, fill) == 1) &&
+         writeUint8(file, kBlockEndMark);
+}
+
+}  // namespace qvdbase::format
