@@ -1,33 +1,27 @@
-// The run of pending bytes, and handing it over.
+// Sending the run of pending bytes.
 #include "platform/transfer/gathered_writes.h"
 
 #include "platform/transfer/plain_transfer.h"
 
 namespace qvdbase::platform {
-namespace {
 
 // The write in which the host has stopped. What it took of unchanged bytes before it is no part of
 // it.
-RefusedWrite stopAt(size_t taken) {
-  detail::PendingRun& pending = detail::pending;
-  const detail::PendingWrite* write = pending.writes;
+RefusedWrite GatheredWrites::stopAt(size_t taken) {
+  const PendingWrite* write = writes_;
   while (write->end <= taken) ++write;
   const size_t written = taken > write->begin ? taken - write->begin : 0;
-  pending.file->position = pending.position + static_cast<int64_t>(write->begin + written);
+  file_->position = position_ + static_cast<int64_t>(write->begin + written);
   return {static_cast<uint32_t>(written), write->readBefore};
 }
 
-}  // namespace
-
-constinit detail::PendingRun detail::pending = {};
-
-bool flushGathered(RefusedWrite* refused) {
-  detail::PendingRun& pending = detail::pending;
-  if (pending.length == 0) return true;
-  const size_t length = pending.length;
-  pending.length = 0;
-  const size_t taken =
-      writePlain(descriptorOf(*pending.entry), pending.position, pending.bytes, length);
+bool GatheredWrites::flush(RefusedWrite* refused) {
+  if (length_ == 0) return true;
+  assert(file_->entry == entry_ && "a file was closed before its writes were sent");
+  assert(writes_[writeCount_ - 1].end == length_ && "a run ends with bytes that no call writes");
+  const size_t length = length_;
+  length_ = 0;
+  const size_t taken = writePlain(descriptorOf(*entry_), position_, bytes_, length);
   if (taken == length) return true;
   *refused = stopAt(taken);
   return false;

@@ -1,13 +1,13 @@
-// Gathered writes: neighbouring small writes of one call, handed to the host as one.
+// Gathered writes: neighbouring small writes of one call, sent to the host as one.
 //
-// There is one run of pending bytes for the whole process. A write that does not follow it, through
-// the same file number and right after its end, sends it off first: so the order in which writes
-// reach a file is the order in which they were made, across files too. The run remembers where each
-// of its writes begins, so that a run which the host takes only in part ends as they would have,
-// one by one.
-#ifndef QVDBASE_PLATFORM_GATHERED_WRITES_H
-#define QVDBASE_PLATFORM_GATHERED_WRITES_H
+// There is one run of pending bytes. A write that does not follow it, through the same file number
+// and right after its end, sends it off first: so the order in which writes reach a file is the
+// order in which they were made, across files too. The run remembers where each of its writes
+// begins, so that a run which the host takes only in part ends as the writes would have, one by
+// one.
+#pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -16,89 +16,88 @@
 
 namespace qvdbase::platform {
 
-inline constexpr size_t kGatherRoom = size_t{64} << 10;
-inline constexpr size_t kMostGathered = 64;  // a new database is 38 writes, a record 12
-
 // The counts of bytes moved, as they were when a write was refused.
 struct RefusedWrite {
   uint32_t written;  // by that write
   uint32_t read;     // by the last read before it
 };
 
-namespace detail {
-struct PendingWrite {
-  size_t begin;  // within the pending bytes
-  size_t end;
-  uint32_t readBefore;
-};
-struct PendingRun {
-  OpenFile* file;
-  const FileEntry* entry;
-  int64_t position;
-  size_t length;  // 0 while nothing is pending
-  size_t writeCount;
-  PendingWrite writes[kMostGathered];
-  uint8_t bytes[kGatherRoom];
+class GatheredWrites {
+ public:
+  static constexpr size_t kMostBytes = size_t{64} << 10;
+  static constexpr size_t kMostWrites = 64;  // a new database is 38 writes, a record 12
 
-  int64_t end() const { return position + static_cast<int64_t>(length); }
-};
-extern PendingRun pending;
-}  // namespace detail
-
-// Whether there are pending bytes of this file, in all or in a part of it.
-inline bool isPending(const FileEntry* entry) {
-  return detail::pending.length != 0 && detail::pending.entry == entry;
-}
-inline bool isPending(const FileEntry* entry, int64_t position, size_t count) {
-  const detail::PendingRun& pending = detail::pending;
-  if (!isPending(entry)) return false;
-  return position < pending.end() && (position >= pending.position ||
-                                      static_cast<uint64_t>(pending.position - position) < count);
-}
-
-// Whether pending bytes, written through this number, end at its position.
-inline bool continuesPending(const OpenFile& file) {
-  const detail::PendingRun& pending = detail::pending;
-  return pending.length != 0 && pending.file == &file && file.position == pending.end();
-}
-
-// Whether a write at the file's position can join the pending bytes: it continues them, or there
-// are none, and it is small.
-inline bool canGather(const OpenFile& file, size_t count) {
-  const detail::PendingRun& pending = detail::pending;
-  if (count > kGatherRoom / 2) return false;
-  return pending.length == 0 || (continuesPending(file) && count <= kGatherRoom - pending.length &&
-                                 pending.writeCount < kMostGathered);
-}
-
-// Takes in a write at the file's position for which canGather holds. `readBefore` is what the last
-// read before it has moved.
-inline void gatherWrite(OpenFile& file, const void* buffer, size_t count, uint32_t readBefore) {
-  detail::PendingRun& pending = detail::pending;
-  if (pending.length == 0) {
-    pending.file = &file;
-    pending.entry = file.entry;
-    pending.position = file.position;
-    pending.writeCount = 0;
+  // Whether there are pending bytes of this file, in all or in a part of it.
+  bool hold(const FileEntry* entry) const { return length_ != 0 && entry_ == entry; }
+  bool hold(const FileEntry* entry, int64_t position, size_t count) const {
+    if (!hold(entry)) return false;
+    return position < end() &&
+           (position >= position_ || static_cast<uint64_t>(position_ - position) < count);
   }
-  const size_t begin = pending.length;
-  std::memcpy(pending.bytes + begin, buffer, count);
-  pending.length += count;
-  pending.writes[pending.writeCount++] = {begin, pending.length, readBefore};
-}
 
-// Takes in bytes that no call writes, between two writes. There are pending bytes before them, and
-// canGather holds for them and the write after them together, which must follow.
-inline void gatherUnchanged(const void* bytes, size_t count) {
-  detail::PendingRun& pending = detail::pending;
-  std::memcpy(pending.bytes + pending.length, bytes, count);
-  pending.length += count;
-}
+  // Whether the pending bytes were written through this number and end at its position.
+  bool endAt(const OpenFile& file) const {
+    return length_ != 0 && file_ == &file && file.position == end();
+  }
 
-// Hands the pending bytes to the host. False when it did not take them all: the rest is gone, the
-// file's position is where the write that was refused has stopped, and *refused is stored.
-bool flushGathered(RefusedWrite* refused);
+  // Whether a write at the file's position can join the pending bytes: it continues them, or there
+  // are none, and it is small.
+  bool canTake(const OpenFile& file, size_t count) const {
+    if (count > kMostBytes / 2) return false;
+    return length_ == 0 ||
+           (endAt(file) && count <= kMostBytes - length_ && writeCount_ < kMostWrites);
+  }
+
+  // Adds a write at the file's position for which canTake holds. `readBefore` is what the last read
+  // before it has moved.
+  void add(OpenFile& file, const void* buffer, size_t count, uint32_t readBefore) {
+    assert(canTake(file, count) && "a write joins a run that it does not continue");
+    if (length_ == 0) {
+      file_ = &file;
+      entry_ = file.entry;
+      position_ = file.position;
+      writeCount_ = 0;
+    }
+    const size_t begin = length_;
+    std::memcpy(bytes_ + begin, buffer, count);
+    length_ += count;
+    writes_[writeCount_++] = {begin, length_, readBefore};
+  }
+
+  // Adds bytes that no call writes, between two writes. There are pending bytes before them, and
+  // canTake holds for them and the write after them together, which must follow.
+  void addUnchanged(const void* bytes, size_t count) {
+    std::memcpy(bytes_ + length_, bytes, count);
+    length_ += count;
+  }
+
+  // Sends the pending bytes to the host. False when it did not take them all: the rest is gone, the
+  // file's position is where the write that was refused has stopped, and *refused is stored.
+  bool flush(RefusedWrite* refused);
+
+  // What is pending, and where it belongs.
+  const FileEntry* entry() const { return length_ != 0 ? entry_ : nullptr; }
+  int64_t position() const { return position_; }
+  size_t length() const { return length_; }
+  const uint8_t* bytes() const { return bytes_; }
+
+ private:
+  struct PendingWrite {
+    size_t begin;  // within the pending bytes
+    size_t end;
+    uint32_t readBefore;
+  };
+
+  int64_t end() const { return position_ + static_cast<int64_t>(length_); }
+  RefusedWrite stopAt(size_t taken);
+
+  OpenFile* file_ = nullptr;
+  const FileEntry* entry_ = nullptr;
+  int64_t position_ = 0;
+  size_t length_ = 0;  // 0 while nothing is pending
+  size_t writeCount_ = 0;
+  PendingWrite writes_[kMostWrites] = {};
+  uint8_t bytes_[kMostBytes] = {};
+};
 
 }  // namespace qvdbase::platform
-
-#endif

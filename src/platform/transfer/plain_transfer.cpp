@@ -8,6 +8,11 @@
 #include "platform/host/system_calls.h"
 
 namespace qvdbase::platform {
+namespace {
+
+constexpr size_t kLargestTransfer = size_t{1} << 30;  // below the limit of every host
+
+}  // namespace
 
 size_t bytesBelow(uint64_t limit, int64_t position, size_t count) {
   constexpr auto kLargestPosition = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
@@ -17,17 +22,19 @@ size_t bytesBelow(uint64_t limit, int64_t position, size_t count) {
 }
 
 ptrdiff_t readOnce(int descriptor, int64_t position, void* buffer, size_t count) {
-  return uninterrupted([&] { return systemCalls().readAt(descriptor, buffer, count, position); });
+  return uninterrupted([&] {
+    return systemCalls().readAt(descriptor, buffer, std::min(count, kLargestTransfer), position);
+  });
 }
 
-size_t readPlain(int descriptor, int64_t position, void* buffer, size_t count) {
+size_t readPlain(int descriptor, int64_t position, void* buffer, size_t count, bool* failed) {
   auto* bytes = static_cast<char*>(buffer);
   const size_t wanted = bytesBelow(UINT64_MAX, position, count);
   size_t done = 0;
   while (done < wanted) {
     const ptrdiff_t got =
         readOnce(descriptor, position + static_cast<int64_t>(done), bytes + done, wanted - done);
-    if (got < 0) noteHostFailure();
+    if (got < 0) *failed = true;
     if (got <= 0) break;
     done += static_cast<size_t>(got);
   }
@@ -38,8 +45,9 @@ size_t writePlain(int descriptor, int64_t position, const void* buffer, size_t c
   const auto* bytes = static_cast<const char*>(buffer);
   size_t done = 0;
   while (done < count) {
+    const size_t part = std::min(count - done, kLargestTransfer);
     const ssize_t put = uninterrupted([&] {
-      return systemCalls().writeAt(descriptor, bytes + done, count - done,
+      return systemCalls().writeAt(descriptor, bytes + done, part,
                                    position + static_cast<off_t>(done));
     });
     if (put <= 0) {

@@ -1,7 +1,6 @@
 // Moving bytes between memory and a descriptor at a given position, in as few system calls as the
 // host allows: one, more only when it moves fewer bytes than it was asked to.
-#ifndef QVDBASE_PLATFORM_PLAIN_TRANSFER_H
-#define QVDBASE_PLATFORM_PLAIN_TRANSFER_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -15,9 +14,8 @@ size_t bytesBelow(uint64_t limit, int64_t position, size_t count);
 ptrdiff_t readOnce(int descriptor, int64_t position, void* buffer, size_t count);
 
 // Both return the number of bytes moved; fewer than `count` when the file ends or the host fails.
-size_t readPlain(int descriptor, int64_t position, void* buffer, size_t count);
+// *failed is set when the host fails to read, with its reason in errno. A refused write is noted.
+size_t readPlain(int descriptor, int64_t position, void* buffer, size_t count, bool* failed);
 size_t writePlain(int descriptor, int64_t position, const void* buffer, size_t count);
 
 }  // namespace qvdbase::platform
-
-#endif

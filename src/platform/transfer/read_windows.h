@@ -1,14 +1,13 @@
 // Read windows: pieces of files in memory, from which the many small reads of one call are served.
 //
 // Windows live inside one transfer scope only. Within it this call alone works on the file, so a
-// window can differ from the file in nothing but what the call itself writes, and that is told to
-// `overwriteWindows`. A window that goes on from another, forwards or backwards, is twice as large;
-// where the reads jump, a small one starts afresh. What a window does not get proves nothing about
-// the bytes that were wanted: one that grows backwards begins before them, and the host may fail
-// there. Files are read, never mapped: a mapping would
-// end the process by a signal where the file is cut short or its device fails; a read just says so.
-#ifndef QVDBASE_PLATFORM_READ_WINDOWS_H
-#define QVDBASE_PLATFORM_READ_WINDOWS_H
+// window can differ from the file only in what the call itself writes, and `overwrite` gets that. A
+// window that continues another one, forwards or backwards, is twice as large; where the reads
+// jump, a small one begins. What a window does not get proves nothing about the bytes that were
+// wanted: one that grows backwards begins before them, and the host may fail there. Files are read,
+// never mapped: a mapping would end the process by a signal where the file is cut short or its
+// device fails; a read just reports it.
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -17,16 +16,13 @@
 
 namespace qvdbase::platform {
 
-inline constexpr size_t kSmallestWindow = size_t{1} << 10;
-inline constexpr size_t kLargestWindow = size_t{128} << 10;
-
 struct ReadWindow {
-  const FileEntry* entry;  // null while the window holds nothing
-  int64_t start;
-  size_t length;
-  size_t size;        // how much the latest filling asked for
-  uint64_t lastUsed;  // in fillings
-  uint8_t* bytes;     // room for kLargestWindow; away from the rest, which is looked at much more
+  const FileEntry* entry = nullptr;  // null while the window holds nothing
+  int64_t start = 0;
+  size_t length = 0;
+  size_t size = 0;           // how much the latest filling asked for
+  uint64_t lastUsed = 0;     // in fillings
+  uint8_t* bytes = nullptr;  // away from the rest, which is looked at much more
 
   bool holds(const FileEntry* file, int64_t position, size_t count) const {
     if (entry != file || position < start) return false;
@@ -34,29 +30,47 @@ struct ReadWindow {
     return offset <= length && count <= length - offset;
   }
 
-  // Copies as many of the bytes as it holds, and returns how many those are. The window begins at
-  // or before the position.
-  size_t copy(int64_t position, void* buffer, size_t count) const;
+  // The byte at a position that the window holds.
+  uint8_t* at(int64_t position) const { return bytes + (position - start); }
 };
 
-// Whether a window holds all of a read.
-bool windowsHold(const FileEntry* file, int64_t position, size_t count);
+class ReadWindows {
+ public:
+  static constexpr size_t kSmallest = size_t{1} << 10;
+  static constexpr size_t kLargest = size_t{128} << 10;
 
-// The window that holds a read, filled for it if need be; it holds less when the file ends or the
-// host fails. Null when the read is too large for a window.
-const ReadWindow* windowWith(const FileEntry* file, int64_t position, size_t count);
+  // The window that holds all of a read, or null.
+  const ReadWindow* find(const FileEntry* file, int64_t position, size_t count) const;
 
-// A window that begins with these bytes or has them all, filled for them if need be. Null when they
-// are too many.
-const ReadWindow* fillWindow(const FileEntry* file, int64_t position, size_t count);
+  // The window for a read, filled for it if need be; it holds less when the file ends or the host
+  // fails. Null when the read is too large for a window.
+  const ReadWindow* obtain(const FileEntry* file, int64_t position, size_t count);
 
-// Takes bytes that the call has written over into the windows that hold their place.
-void overwriteWindows(const FileEntry* file, int64_t position, const void* bytes, size_t count);
+  // A window that begins with these bytes or has them all, filled for them if need be. Null when
+  // they are too many.
+  const ReadWindow* fill(const FileEntry* file, int64_t position, size_t count);
 
-// Forgets the windows on one file, or on all.
-void dropWindows(const FileEntry* file);
-void dropAllWindows();
+  // Copies bytes that the call has written into the windows that hold their place.
+  void overwrite(const FileEntry* file, int64_t position, const void* bytes, size_t count);
+
+  // Whether the windows hold these bytes of the file wherever they hold their place.
+  bool agree(const FileEntry* file, int64_t position, const uint8_t* bytes, size_t count) const;
+
+  // Forgets the windows on one file, or on all.
+  void drop(const FileEntry* file);
+  void dropAll();
+
+ private:
+  // A call works on a few places at once: the directory, one or two ends of a chain, a walk.
+  static constexpr size_t kCount = 4;
+
+  const ReadWindow* neighbour(const FileEntry* file, int64_t position) const;
+  ReadWindow& windowToRefill();
+  const ReadWindow* refill(ReadWindow& window, const FileEntry* file, size_t needed);
+
+  ReadWindow windows_[kCount] = {};
+  uint64_t fillings_ = 0;
+  uint8_t bytes_[kCount][kLargest] = {};
+};
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -9,12 +9,12 @@
 //      them (writeAfterGap), the bytes between may be written again as they were read, so that the
 //      fields go out together; only through a number opened with 2 or 3, while no other process can
 //      write to the file.
-//   2. Gathered writes are handed over before anything could observe them: before a read of their
-//      bytes, before the file's length is asked, before a write on another file, before a caller's
+//   2. Gathered writes are sent before anything could observe them: before a read of their bytes,
+//      before the file's length is asked, before a write on another file, before a caller's
 //      function is called, before the file is closed, before a scope within the scope, and at its
 //      end.
 //   3. Nothing that was read outlives the scope, or a call of a caller's function within it.
-//   4. A gathered write that the host refuses makes the transfer that handed it over fail, or the
+//   4. A gathered write that the host refuses makes the transfer that sent it fail, or the
 //      end of the scope; every later write of the scope fails too, so that nothing is written
 //      after a hole. A write too large to be gathered is refused where it is made, as it is
 //      outside. Either way bytes, position and gbl_realReaden and gbl_realWriten are in the end
@@ -23,50 +23,28 @@
 //   5. Reading ahead never makes a read fail: where a window does not get the wanted bytes, they
 //   are
 //      asked for alone.
-#ifndef QVDBASE_PLATFORM_TRANSFER_H
-#define QVDBASE_PLATFORM_TRANSFER_H
+#pragma once
 
 #include <cstdint>
 #include <cstring>
 
 #include "platform/handles/open_files.h"
+#include "platform/transfer/call_state.h"
 
 namespace qvdbase::platform {
 
 namespace detail {
-
-// The bytes from which the next read can be served without further questions: the window used last,
-// for the number that used it, while its file has no gathered writes. Outside a scope, and after
-// anything else that could make it wrong, it holds no bytes.
-struct ServedWindow {
-  const OpenFile* file;
-  int64_t start;
-  uint64_t length;
-  uint64_t smallReads;  // from offsets below this one a read of kSmallRead bytes lies inside
-  const uint8_t* bytes;
-};
-inline constexpr uint32_t kSmallRead = 16;
-extern ServedWindow servedWindow;
-
 bool readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved);
 const uint8_t* viewElsewhere(const OpenFile& file, int64_t position, uint32_t count);
-
-// Whether the window holds `count` bytes from an offset, counted with wrapping from its start. For
-// the sizes of fields, which are known where this is inlined, that is one comparison.
-inline bool servesAt(const ServedWindow& window, uint64_t offset, uint32_t count) {
-  if (count <= kSmallRead && offset < window.smallReads) return true;
-  return offset < window.length && count <= window.length - offset;
-}
-
 }  // namespace detail
 
-// Reads `count` bytes at the position and moves it behind what was read. Stores the
-// number of bytes read. True when it is `count`; fewer come when the file ends or the host fails.
+// Reads `count` bytes at the position and moves it to the end of what was read. Stores the number
+// of bytes read. True when it is `count`; fewer come when the file ends or the host fails.
 inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved) {
-  const detail::ServedWindow& window = detail::servedWindow;
+  const ServedWindow& window = callState().served;
   const uint64_t offset =
       static_cast<uint64_t>(file.position) - static_cast<uint64_t>(window.start);
-  if (&file != window.file || !detail::servesAt(window, offset, count)) {
+  if (&file != window.file || !window.holds(offset, count)) {
     return detail::readElsewhere(file, buffer, count, moved);
   }
   if (count != 0) std::memcpy(buffer, window.bytes + offset, count);  // null goes with 0 bytes
@@ -76,23 +54,23 @@ inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_
 }
 
 // The bytes at a place of the file where they lie in memory, without moving the position; they hold
-// until the next transfer. Null outside a scope, and where not all of them can be had: reading them
-// tells more.
+// until the next transfer. Null outside a scope, and where not all of them can be obtained: a read
+// finds out why.
 inline const uint8_t* viewBytes(const OpenFile& file, int64_t position, uint32_t count) {
-  const detail::ServedWindow& window = detail::servedWindow;
+  const ServedWindow& window = callState().served;
   const uint64_t offset = static_cast<uint64_t>(position) - static_cast<uint64_t>(window.start);
-  if (&file != window.file || !detail::servesAt(window, offset, count)) {
+  if (&file != window.file || !window.holds(offset, count)) {
     return detail::viewElsewhere(file, position, count);
   }
   return window.bytes + offset;
 }
 
 // Fills a window with these bytes, when a scope is open. Changes nothing else, and never fails: the
-// reads that follow say what cannot be read.
+// reads that follow find out what cannot be read.
 void readAhead(const OpenFile& file, int64_t position, uint32_t count);
 
-// Writes `count` bytes at the position and moves it behind what was written. Stores the number of
-// bytes written. True when it is `count`, and the file is open for writing.
+// Writes `count` bytes at the position and moves it to the end of what was written. Stores the
+// number of bytes written. True when it is `count`, and the file is open for writing.
 bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_t* moved);
 
 // The same, `gap` bytes after the position; for fields of one header with others between them that
@@ -116,12 +94,12 @@ class TransferScope {
   // Ends the scope. True when everything that was written in it is with the operating system.
   [[nodiscard]] bool end();
 
-  // Hands over what was written so far, for what must not be done before it is with the operating
-  // system. True when that has it all, whatever handed it over.
+  // Sends what was written so far, for what must not be done before it is with the operating
+  // system. True when that has it all, whatever sent it.
   [[nodiscard]] static bool completeWrites();
 
  private:
-  friend struct ScopeAccess;
+  friend struct CallState;
   void leaveChain();
 
   TransferScope* outer_;
@@ -133,7 +111,7 @@ class TransferScope {
 };
 
 // Steps out of the scopes that are open while a function of the caller's runs: what was written is
-// handed over first, and what was read is forgotten before and after.
+// sent first, and what was read is forgotten before and after.
 class TransferPause {
  public:
   TransferPause();
@@ -145,7 +123,7 @@ class TransferPause {
   TransferScope* paused_;
 };
 
-// Hands everything that was written to the operating system and forgets what was read. True when
+// Sends everything that was written to the operating system and forgets what was read. True when
 // the operating system has it all.
 bool flushTransfers();
 
@@ -153,9 +131,8 @@ bool flushTransfers();
 // each is a system call of its own.
 bool gathersTransfers();
 
-// To be told before a file's last descriptor goes.
+// Sends the writes on a file and forgets what was read of it. To be called before its last
+// descriptor goes.
 void forgetTransfers(const FileEntry* file);
 
 }  // namespace qvdbase::platform
-
-#endif
