@@ -120,7 +120,7 @@ TEST_F(NewFileTest, IsNotPlacedWhenItsTemporaryNameHasBecomeThatOfAnotherFile) {
     make(file);
     const fs::path temporary = folder_ / names().at(0);
     fs::remove(temporary);
-    writeFile(temporary, bytesOf("a file of somebody else"));
+    writeFile(temporary, bytesOf("a file of another user"));
     EXPECT_EQ(file.place({}, Waits::no), Placing::failed);
   }
   EXPECT_FALSE(fs::exists(place()));
@@ -265,6 +265,22 @@ TEST_F(NewFileTest, IsNotPlacedWhenTheDeviceDoesNotTakeIt) {
     EXPECT_EQ(file.place({}, Waits::forContents), Placing::notStored);
   }
   EXPECT_TRUE(names().empty());
+}
+
+// A signal may arrive while the device works; that breaks off every second call here.
+int syncs = 0;
+
+TEST_F(NewFileTest, WaitsForTheDeviceAgainWhenASignalInterrupts) {
+  syncs = 0;
+  ReplacedCalls calls;
+  calls->sync = [](int descriptor) {
+    errno = EINTR;
+    return ++syncs % 2 == 1 ? -1 : ::fsync(descriptor);
+  };
+  NewFile file;
+  make(file);
+  EXPECT_EQ(file.place({}, Waits::forName), Placing::done);
+  EXPECT_EQ(syncs, 4);  // the file and the folder, each twice
 }
 
 // ---- private folders ----

@@ -8,6 +8,7 @@
 #include "platform/paths/host_path.h"
 #include "platform/paths/placing.h"
 #include "platform/paths/temporary_name.h"
+#include "platform/transfer/plain_transfer.h"
 #include "platform/transfer/transfer.h"
 
 namespace qvdbase::platform {
@@ -66,24 +67,11 @@ bool NewFile::takeOver(const std::string& place, std::unique_ptr<PrivateFolder> 
 }
 
 bool NewFile::writeAt(int64_t position, const void* bytes, size_t count) {
-  const auto limit = systemCalls().fileSizeLimit();
-  for (size_t done = 0; done < count;) {
-    const int64_t place = position + static_cast<int64_t>(done);
-    if (static_cast<uint64_t>(place) + (count - done) > limit) {
-      noteHostFailure(EFBIG);
-      return false;
-    }
-    const ssize_t moved = uninterrupted([&] {
-      return systemCalls().writeAt(descriptor(), static_cast<const char*>(bytes) + done,
-                                   count - done, place);
-    });
-    if (moved <= 0) {
-      noteHostFailure(moved == 0 ? ENOSPC : errno);
-      return false;
-    }
-    done += static_cast<size_t>(moved);
+  if (bytesBelow(systemCalls().fileSizeLimit(), position, count) < count) {
+    noteHostFailure(EFBIG);
+    return false;
   }
-  return true;
+  return writePlain(descriptor(), position, bytes, count) == count;
 }
 
 uint64_t NewFile::size() const {
@@ -105,15 +93,15 @@ Placing NewFile::place(const Replaced& replaced, Waits waits) {
   return Placing::notNamed;
 }
 
-// Whether the name is that of our file. Who may write to the folder can give it to another file; to
-// look just before the step does not exclude that, but leaves hardly a moment.
+// Whether the name is that of our file. Whoever may write to the folder can give it to another
+// file; a look just before the step cannot exclude that, but leaves hardly a moment for it.
 bool NewFile::isOurs(int folder, const char* name) const {
   struct stat status = {};
   if (systemCalls().statusAt(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
   return status.st_dev == entry_->device && status.st_ino == entry_->inode;
 }
 
-// Where the host does not tell, the name is taken for ours: it was made where nothing had it.
+// Where the host does not report it, the name is taken for ours: it was made where nothing had it.
 bool NewFile::isAnothers(int folder, const char* name) const {
   struct stat status = {};
   if (systemCalls().statusAt(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;

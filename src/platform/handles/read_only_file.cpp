@@ -1,18 +1,16 @@
 // Read-only files join the process's entry of the file like every opener: a descriptor of their own
 // would, where locks belong to the process, take the locks of the others with it when it closes.
-// Block devices, on which nobody opens a database, have one of their own.
+// Block devices, on which no database is opened, have one of their own.
 #include "platform/handles/read_only_file.h"
 
-#include <algorithm>
 #include <memory>
 
 #include "platform/host/system_calls.h"
 #include "platform/paths/host_path.h"
+#include "platform/transfer/plain_transfer.h"
 
 namespace qvdbase::platform {
 namespace {
-
-constexpr size_t kLargestTransfer = size_t{1} << 30;  // below the limit of every host
 
 int64_t nanoseconds(const struct timespec& time) {
   return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
@@ -66,24 +64,15 @@ void ReadOnlyFile::share(FileEntry* entry) {
 }
 
 size_t ReadOnlyFile::readAt(int64_t position, void* buffer, size_t count) const {
-  size_t done = 0;
-  while (done < count) {
-    const size_t part = std::min(count - done, kLargestTransfer);
-    const ssize_t moved = uninterrupted([&] {
-      return systemCalls().readAt(descriptor(), static_cast<char*>(buffer) + done, part,
-                                  position + static_cast<int64_t>(done));
-    });
-    if (moved <= 0) break;
-    done += static_cast<size_t>(moved);
-  }
-  return done;
+  bool failed = false;
+  return readPlain(descriptor(), position, buffer, count, &failed);
 }
 
 bool ReadOnlyFile::nextHole(int64_t position, int64_t size, FileHole* hole) const {
   const off_t begin = systemCalls().nextHole(descriptor(), position);
   if (begin < position || begin >= size) return false;
   const off_t end = systemCalls().nextStored(descriptor(), begin);
-  *hole = {begin, end > begin && end < size ? end : size};  // no bytes behind the last hole
+  *hole = {begin, end > begin && end < size ? end : size};  // no bytes after the last hole
   return true;
 }
 
@@ -91,7 +80,7 @@ bool ReadOnlyFile::stamp(FileStamp* stamp) const {
   struct stat status = {};
   if (systemCalls().status(descriptor(), &status) != 0) return false;
   if (device_ >= 0) {
-    *stamp = {systemCalls().lengthOf(device_), 0, 0};  // its status tells no size
+    *stamp = {systemCalls().lengthOf(device_), 0, 0};  // its status has no size
     return stamp->size >= 0;
   }
   *stamp = {status.st_size, nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
@@ -100,7 +89,7 @@ bool ReadOnlyFile::stamp(FileStamp* stamp) const {
 
 bool ReadOnlyFile::isLockedByOthers() const {
   struct flock lock = {};
-  lock.l_type = F_WRLCK;  // meets locks of either strength
+  lock.l_type = F_WRLCK;  // conflicts with locks of either strength
   lock.l_whence = SEEK_SET;
   if (systemCalls().findLock(descriptor(), &lock) != 0) return false;
   return lock.l_type != F_UNLCK;
