@@ -1,14 +1,13 @@
 // QVWString: copying, comparing, searching, editing and converting 16-bit strings. The host's wide
 // functions are of no use here: their character has 32 bits on most systems.
 //
-// Formatted output stands in QVWString_format.cpp and QVWString_float.cpp.
+// Formatted output is in QVWString_format.cpp and QVWString_float.cpp.
 #include <qvdbase/QVWString.h>
 
 #include <cstring>
 
 #include "platform/host/memory.h"
 #include "platform/paths/utf8.h"
-#include "support/core_string.h"
 
 namespace {
 
@@ -248,17 +247,22 @@ void QVWString::TrimPlus(QVWCHAR* text) {
   qvdbase::platform::release(scratch);
 }
 
+// A platform string is a copy of the characters and their terminator in one block of memory, so
+// that a caller who only knows its name can release it with free().
 __CFString* QVWString::ConvertQVWCHARBufferToCFString(const QVWCHAR* text) {
   if (text == nullptr) return nullptr;
-  return qvdbase::support::createCoreString(text, static_cast<size_t>(wcslen(text)));
+  const size_t size = (static_cast<size_t>(wcslen(text)) + 1) * sizeof(QVWCHAR);
+  void* copy = qvdbase::platform::allocate(size);
+  if (copy != nullptr) std::memcpy(copy, text, size);
+  return static_cast<__CFString*>(copy);
 }
 
 int QVWString::ConvertQVWCHARBufferToUTF8Buffer(const QVWCHAR* source, unsigned char* destination,
                                                 int size) {
   if (source == nullptr) return 0;
-  const size_t room = size > 0 ? static_cast<size_t>(size) : 0;
+  const size_t capacity = size > 0 ? static_cast<size_t>(size) : 0;
   const qvdbase::platform::Utf8Progress done = qvdbase::platform::convertToUtf8(
-      source, static_cast<size_t>(wcslen(source)), destination, room);
+      source, static_cast<size_t>(wcslen(source)), destination, capacity);
   destination[done.produced] = 0;
   return 1;
 }
@@ -266,8 +270,7 @@ int QVWString::ConvertQVWCHARBufferToUTF8Buffer(const QVWCHAR* source, unsigned 
 int QVWString::ConvertCFStringToQVWCHARBuffer(const __CFString* string, QVWCHAR* destination,
                                               int n) {
   if (string == nullptr) return 0;
-  if (n > 0) {
-    wcsncpy(destination, qvdbase::support::coreStringCharacters(string), static_cast<uint32_t>(n));
-  }
+  const auto* characters = reinterpret_cast<const QVWCHAR*>(string);
+  if (n > 0) wcsncpy(destination, characters, static_cast<uint32_t>(n));
   return 1;
 }

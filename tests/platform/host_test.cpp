@@ -104,18 +104,5 @@ TEST_F(CountedMemory, OfABufferComesBackWithIt) {
   EXPECT_EQ(g_blocks, 0);
 }
 
-TEST_F(CountedMemory, OfABufferCanBeTakenOut) {
-  uint8_t* bytes = nullptr;
-  {
-    platform::Buffer buffer(10);
-    bytes = buffer.take();
-    EXPECT_FALSE(buffer);
-    EXPECT_EQ(buffer.size(), 0u);
-  }
-  EXPECT_EQ(g_blocks, 1);
-  platform::release(bytes);
-  EXPECT_EQ(g_blocks, 0);
-}
-
 }  // namespace
 }  // namespace qvdbase::test

@@ -1,7 +1,6 @@
-// Memory whose size comes from a file or a caller: it may be impossible to have, and then the
-// operation fails in the ordinary way. Nothing here throws.
-#ifndef QVDBASE_PLATFORM_MEMORY_H
-#define QVDBASE_PLATFORM_MEMORY_H
+// Memory whose size comes from a file or a caller: it may be impossible to obtain, and then
+// the operation fails in the ordinary way. Nothing here throws.
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -11,20 +10,20 @@
 
 namespace qvdbase::platform {
 
-// At least `size` bytes, uninitialised, aligned for any type; null when they cannot be had, which
-// on a 32-bit host includes all that does not fit its addresses. They can be given to a caller of
-// the library, who returns them with free().
+// At least `size` bytes, uninitialised, aligned for any type; null when they cannot be obtained,
+// which on a 32-bit host includes all that does not fit its addresses. They can be given to a
+// caller of the library, who returns them with free().
 inline void* allocate(uint64_t size) {
   if (size > SIZE_MAX) return nullptr;
   return systemCalls().allocate(size != 0 ? static_cast<size_t>(size) : 1);
 }
 
-// Gives memory from allocate() back; null is ignored.
+// Returns memory from allocate() to the host; null is ignored.
 inline void release(void* memory) {
   if (memory != nullptr) systemCalls().release(memory);
 }
 
-// A block of bytes that is released with the object. A block that could not be had is null.
+// A block of bytes that is released with the object. A block that could not be obtained is null.
 class Buffer {
  public:
   Buffer() = default;
@@ -47,17 +46,9 @@ class Buffer {
   const uint8_t* data() const { return bytes_; }
   size_t size() const { return size_; }
 
-  // Hands the block over to the caller, who releases it.
-  uint8_t* take() {
-    size_ = 0;
-    return std::exchange(bytes_, nullptr);
-  }
-
  private:
   uint8_t* bytes_ = nullptr;
   size_t size_ = 0;
 };
 
 }  // namespace qvdbase::platform
-
-#endif
