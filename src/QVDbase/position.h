@@ -6,13 +6,13 @@
 
 #include <cstdint>
 
+#include "platform/handles/open_files.h"
 #include "platform/transfer/transfer.h"
 #include "support/file_transfers.h"
 
-// Where a seek counts from.
-inline constexpr uint32_t kFromStart = 1;
-inline constexpr uint32_t kFromEnd = 2;
-inline constexpr uint32_t kFromCurrent = 3;
+using qvdbase::platform::kFromCurrent;
+using qvdbase::platform::kFromEnd;
+using qvdbase::platform::kFromStart;
 
 namespace qvdbase::engine::detail {
 int seekInOtherMode(int16_t db, int64_t offset, uint32_t mode);

@@ -88,14 +88,14 @@ bool seekFile(int16_t file, uint16_t mode, int64_t offset) {
   if (openFile == nullptr) return false;
   int64_t base = 0;
   switch (mode) {
-    case kSeekNowhere:
+    case kFromNowhere:
       return true;
-    case kSeekFromStart:
+    case kFromStart:
       break;
-    case kSeekFromEnd:
+    case kFromEnd:
       if (!fileLength(*openFile, &base)) return false;
       break;
-    case kSeekFromPosition:
+    case kFromCurrent:
       base = openFile->position;
       break;
     default:

@@ -1,7 +1,6 @@
-// File reference numbers: the handles of the library. Each stands for one opening of a file, with a
-// position and rights of its own; several may stand on the same file entry.
-#ifndef QVDBASE_PLATFORM_OPEN_FILES_H
-#define QVDBASE_PLATFORM_OPEN_FILES_H
+// File reference numbers: the handles of the library. Each is one opening of a file, with a
+// position and rights of its own; several may share a file entry.
+#pragma once
 
 #include <cstdint>
 
@@ -24,7 +23,8 @@ namespace detail {
 extern OpenFile openFiles[kLargestFileNumber + 1];  // number 0 is never used
 }
 
-// The open file of that number, or null: every transfer comes this way, so it costs an index.
+// The open file of that number, or null: every transfer needs it, so it costs no more than an
+// index.
 inline OpenFile* findOpenFile(int16_t file) {
   if (file <= 0) return nullptr;
   OpenFile* openFile = &detail::openFiles[file];
@@ -33,11 +33,11 @@ inline OpenFile* findOpenFile(int16_t file) {
 
 // Opens the regular file `name` and stores the lowest free number, at position 0. The low 8 bits of
 // `permission` count, as a signed value:
-//   0  the most that can be had: as 4, else as 1
+//   0  the most that can be obtained: as 4, else as 1
 //   1  reading; no lock
 //   2, 3  reading and writing, excluding every other writer
 //   4  reading and writing, shared
-// Returns false, with `file` unwritten, when the file or the permission cannot be had.
+// Returns false, with `file` unwritten, when the file or the permission cannot be obtained.
 bool openFile(const Directory& directory, const EntryName& name, int permission, int16_t* file);
 
 // Makes an opener of a file, who shares it in this way, an open file at position 0. False, with
@@ -51,12 +51,12 @@ uint32_t writersOf(int16_t file);
 // failed; the number is free then too.
 bool closeFile(int16_t file);
 
-// How a new position is counted.
+// Where a new position is counted from.
 enum SeekMode : uint16_t {
-  kSeekNowhere = 0,  // the position stays, the offset is ignored
-  kSeekFromStart = 1,
-  kSeekFromEnd = 2,
-  kSeekFromPosition = 3,
+  kFromNowhere = 0,  // the position stays, the offset is ignored
+  kFromStart = 1,
+  kFromEnd = 2,
+  kFromCurrent = 3,
 };
 
 // Sets the position, which may lie beyond the end. False, with the position unchanged, for a
@@ -64,5 +64,3 @@ enum SeekMode : uint16_t {
 bool seekFile(int16_t file, uint16_t mode, int64_t offset);
 
 }  // namespace qvdbase::platform
-
-#endif
