@@ -1,8 +1,8 @@
 // QVFile: files by 16-bit path, transfers and positions by file reference number.
 //
 // A path is split at its last separator. Its directory part is walked component by component from
-// the root of the file system, each name cleaned; its last part, the name, is taken as it stands.
-// What is done with the file then is the platform layer's work.
+// the root of the file system, each name cleaned; its last part, the name, is taken unchanged. The
+// rest is the platform layer's work.
 #include <qvdbase/QVFile.h>
 #include <qvdbase/QVWString.h>
 
@@ -21,14 +21,14 @@ using platform::Directory;
 using platform::EntryName;
 using platform::kMaxPathCharacters;
 
-// Room for the longest path and its terminator.
-constexpr size_t kPathRoom = kMaxPathCharacters + 1;
+// The longest path and its terminator.
+constexpr size_t kPathCapacity = kMaxPathCharacters + 1;
 
 constexpr QVWCHAR kBackslash[] = {'\\', 0};
 constexpr QVWCHAR kSlash[] = {'/', 0};
 
 bool isTooLong(const QVWCHAR* path) {
-  return QVWString().wcsnlen(path, kPathRoom) > static_cast<int>(kMaxPathCharacters);
+  return QVWString().wcsnlen(path, kPathCapacity) > static_cast<int>(kMaxPathCharacters);
 }
 
 // The index of the last separator, or -1.
@@ -45,7 +45,7 @@ bool enterExisting(Directory& place, const EntryName& name) {
   return place.enter(name);
 }
 
-// Creating fails above all where the directory is there already, which is as good.
+// Creating mostly fails because the directory exists already, which is as good.
 bool enterOrCreate(Directory& place, const EntryName& name) {
   place.makeDirectory(name);
   return place.enter(name);
@@ -53,7 +53,7 @@ bool enterOrCreate(Directory& place, const EntryName& name) {
 
 // Cleans the `length` characters at `component` and makes the step that they name.
 bool takeStep(Directory& place, const QVWCHAR* component, int length, Step step) {
-  QVWCHAR name[kPathRoom];
+  QVWCHAR name[kPathCapacity];
   QVWString().wcsncpy(name, component, static_cast<uint32_t>(length));
   name[length] = 0;
   QVWString().TrimPlus(name);
@@ -62,12 +62,12 @@ bool takeStep(Directory& place, const QVWCHAR* component, int length, Step step)
 
 // Goes from the root along a directory path of at most kMaxPathCharacters characters.
 //
-// A component begins with the separator before it, which the cleaning removes. Behind a separator
+// A component begins with the separator before it, which the cleaning removes. After a separator
 // the search for the next one leaves out one character: so the second of a doubled separator begins
 // the next component instead of making an empty one.
 bool walk(const QVWCHAR* directoryPath, Directory& place, Step step) {
   QVWString string;
-  QVWCHAR path[kPathRoom];
+  QVWCHAR path[kPathCapacity];
   string.wcscpy(path, directoryPath);
   string.Replace(path, kBackslash, kSlash);
   if (!place.enterRoot()) return false;
@@ -105,7 +105,7 @@ class Location {
  private:
   bool find(const QVWCHAR* path, Step step) {
     if (isTooLong(path)) return false;
-    QVWCHAR directoryPath[kPathRoom];
+    QVWCHAR directoryPath[kPathCapacity];
     QVWString().wcscpy(directoryPath, path);
     QVFile().GetFullPathNamePathW(directoryPath);
     if (!walk(directoryPath, directory_, step)) return false;
@@ -115,11 +115,11 @@ class Location {
   }
 
   Directory directory_;
-  QVWCHAR name_[kPathRoom];
+  QVWCHAR name_[kPathCapacity];
   bool found_;
 };
 
-// Opens the file for a moment to learn whether it can be had for shared writing.
+// Opens the file for a moment to learn whether it can be opened for shared writing.
 bool canBeOpened(const Directory& directory, const EntryName& name) {
   int16_t probe = 0;
   if (!platform::openFile(directory, name, 4, &probe)) return false;
@@ -143,7 +143,7 @@ int QVFile::GetFullPathNameNameW(QVWCHAR* path) {
   if (path == nullptr || isTooLong(path)) return 0;
   const int separator = lastSeparator(path);
   if (separator < 0) return 0;
-  QVWCHAR name[kPathRoom];
+  QVWCHAR name[kPathCapacity];
   QVWString().wcscpy(name, path + separator + 1);
   QVWString().wcscpy(path, name);
   return 1;
@@ -173,7 +173,7 @@ int QVFile::QVCreateFile(const QVWCHAR* path, int failIfPresent) {
     if (failIfPresent == 1) return 0;
     platform::emptyFile(directory, name);
   }
-  // Whether emptying succeeded shows here: a database in use still holds its bytes.
+  // This shows whether emptying succeeded: a database in use still holds its bytes.
   return platform::isEmptyFile(directory, name) ? 1 : 0;
 }
 

@@ -46,7 +46,7 @@ int QVList::Add(const void* bytes, int size) {
   if (head == nullptr) {
     head = node;
     tail = node;
-    count = 1;  // set, not counted up: the count may stand at -1
+    count = 1;  // set, not counted up: the count may be -1
     return 1;
   }
   tail->next = node;

@@ -112,7 +112,7 @@ void writeExponentForm(double value, QVWCHAR* out, int64_t precision, bool upper
       QVWString().ecvtbuf(value, clampDigits(precision + 1), &decimalPoint, &negative, buffer);
   if (negative != 0) *out++ = '-';
   *out = *digits;
-  if (*digits == 0) return;  // no digit was asked for: the text ends where the first would stand
+  if (*digits == 0) return;  // no digit was asked for: the text ends where the first would be
   ++out;
   if (precision > 0) *out++ = '.';
   while (*++digits != 0) *out++ = *digits;
@@ -225,7 +225,7 @@ QVWCHAR* QVWString::cvt(double value, int digits, int* decimalPoint, int* negati
     buffer[made++] = static_cast<QVWCHAR>('0' + static_cast<int>(digit));
   }
   if (last >= kDigitBuffer) {
-    buffer[kDigitBuffer - 1] = 0;  // more than there is room for: cut, without rounding
+    buffer[kDigitBuffer - 1] = 0;  // more than the buffer holds: cut, without rounding
   } else {
     roundDigits(buffer, last, exponentForm != 0, decimalPoint);
   }

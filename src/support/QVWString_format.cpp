@@ -1,5 +1,5 @@
 // Formatted output: the format and its directives, characters and strings, integers, and the two
-// address forms. Floating-point numbers stand in QVWString_float.cpp.
+// address forms. Floating-point numbers are in QVWString_float.cpp.
 //
 // The text goes straight to the caller's buffer. Only the digits of a number are worked out in a
 // scratch area first, and their count has a limit of its own, so that no width and no precision
@@ -43,7 +43,7 @@ QVWCHAR* placeText(QVWCHAR* out, const QVWCHAR* text, int length, int width, int
   return (flags & kLeft) != 0 ? fill(out, ' ', left) : out;
 }
 
-// Writes the digits in front of `end`, and returns where they begin; 0 has one digit.
+// Writes the digits before `end`, and returns where they begin; 0 has one digit.
 QVWCHAR* digitsBefore(QVWCHAR* end, uint64_t value, int base, const QVWCHAR* table) {
   do {
     *--end = table[value % static_cast<unsigned>(base)];
@@ -154,7 +154,7 @@ Directive Formatter::readDirective() {
 void Formatter::readWidth(Directive* directive) {
   if (isDigit(*format_)) {
     directive->width = text_.skip_atoi(&format_);
-    return;  // digits or an argument: a '*' behind digits is no width any more
+    return;  // digits or an argument: a '*' after digits is no width any more
   }
   if (*format_ != '*') return;
   ++format_;

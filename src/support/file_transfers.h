@@ -21,14 +21,14 @@ inline bool writeFile(int16_t file, const void* buffer, uint32_t count, uint32_t
 }
 
 // The same, `gap` bytes after the position. What lies between belongs to the header that is being
-// written and stays as it is. False also where that position is beyond the largest.
+// written and stays unchanged. False also where that position is beyond the largest.
 inline bool writeFileAfter(int16_t file, uint32_t gap, const void* buffer, uint32_t count,
                            uint32_t* moved) {
   platform::OpenFile* openFile = platform::findOpenFile(file);
   return openFile != nullptr && platform::writeAfterGap(*openFile, gap, buffer, count, moved);
 }
 
-// Where the file stands, or -1 for a number that is not in use.
+// The file's position, or -1 for a number that is not in use.
 inline int64_t positionOf(int16_t file) {
   const platform::OpenFile* openFile = platform::findOpenFile(file);
   return openFile == nullptr ? -1 : openFile->position;
@@ -43,8 +43,8 @@ inline bool seekTo(int16_t file, int64_t position) {
   return true;
 }
 
-// Bytes of the file where they lie in memory, until the next transfer; null when they cannot be had
-// that way. Moves no position.
+// Bytes of the file where they lie in memory, until the next transfer; null when they cannot be
+// obtained that way. Moves no position.
 inline const unsigned char* viewFile(int16_t file, int64_t position, uint32_t count) {
   const platform::OpenFile* openFile = platform::findOpenFile(file);
   return openFile == nullptr ? nullptr : platform::viewBytes(*openFile, position, count);

@@ -1,7 +1,6 @@
 // Formatted numbers: the flags of a directive, and how the parts of a number are placed in its
 // width. Integers and floating-point numbers share this.
-#ifndef QVDBASE_SUPPORT_FORMAT_NUMBER_H
-#define QVDBASE_SUPPORT_FORMAT_NUMBER_H
+#pragma once
 
 #include <qvdbase/base.h>
 
@@ -35,14 +34,14 @@ struct NumberParts {
   QVWCHAR sign;           // 0 for none
   QVWCHAR prefix[2];      // "0", "0x" or "0X"
   size_t prefixLength;    // 0 to 2
-  int64_t leadingZeros;   // what the precision asks for in front of the digits
+  int64_t leadingZeros;   // what the precision asks for before the digits
   const QVWCHAR* digits;  // with point and exponent, if it has them
   size_t digitCount;
 };
 
-// Writes the parts in their order. What the width leaves is filled in front of them with spaces,
-// or with zeros between the prefix and the digits, or behind them with spaces ('to the left',
-// which zero fill gives way to). Returns the end.
+// Writes the parts in their order. What the width leaves is filled before them with spaces, or with
+// zeros between the prefix and the digits, or after them with spaces ('to the left', which
+// overrides zero fill). Returns the end.
 inline QVWCHAR* placeNumber(QVWCHAR* out, const NumberParts& parts, int width, int flags) {
   const int64_t length = (parts.sign != 0 ? 1 : 0) + static_cast<int64_t>(parts.prefixLength) +
                          parts.leadingZeros + static_cast<int64_t>(parts.digitCount);
@@ -59,5 +58,3 @@ inline QVWCHAR* placeNumber(QVWCHAR* out, const NumberParts& parts, int width, i
 }
 
 }  // namespace qvdbase::support
-
-#endif

@@ -1,5 +1,5 @@
-// Drawing the seed: from the clock, which counts nanoseconds, and from where the system has put the
-// program and its stack.
+// Drawing the seed: from the clock, which counts nanoseconds, and from the addresses of the program
+// and its stack.
 #include "support/seeded_hash.h"
 
 #include <chrono>

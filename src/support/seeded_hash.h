@@ -1,10 +1,9 @@
 // Hashing of numbers that come from files: identifiers, positions.
 //
 // Whoever makes a file chooses them. With a hash that is known beforehand they can be chosen so
-// that all fall into one place of a table, and a lookup takes as long as a list is. So the hash is
-// another one in each process.
-#ifndef QVDBASE_SUPPORT_SEEDED_HASH_H
-#define QVDBASE_SUPPORT_SEEDED_HASH_H
+// that all of them fall into one place of a table, and each lookup goes through them all. So each
+// process has a hash of its own.
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -39,5 +38,3 @@ struct SeededHash {
 };
 
 }  // namespace qvdbase::support
-
-#endif

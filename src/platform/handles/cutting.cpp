@@ -8,7 +8,7 @@ namespace qvdbase::platform {
 
 bool cutFile(const OpenFile& file, int64_t length) {
   if (file.sharing != Sharing::exclusive || length < 0) return false;
-  flushTransfers();  // a refused write is the scope's affair: it is cut off, or lies before
+  flushTransfers();  // a refused write fails the scope: it is cut off, or lies before
   const int64_t present = systemCalls().lengthOf(file.descriptor);
   if (present < length) return false;
   if (present == length) return true;

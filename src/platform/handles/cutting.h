@@ -1,6 +1,5 @@
 // Making an open file shorter.
-#ifndef QVDBASE_PLATFORM_CUTTING_H
-#define QVDBASE_PLATFORM_CUTTING_H
+#pragma once
 
 #include <cstdint>
 
@@ -14,5 +13,3 @@ namespace qvdbase::platform {
 bool cutFile(const OpenFile& file, int64_t length);
 
 }  // namespace qvdbase::platform
-
-#endif

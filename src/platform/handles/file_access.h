@@ -1,7 +1,6 @@
 // Who may do what with a file, and what users have attached to it: read from one file and given to
-// another that stands in for it or was made from it.
-#ifndef QVDBASE_PLATFORM_FILE_ACCESS_H
-#define QVDBASE_PLATFORM_FILE_ACCESS_H
+// another that replaces it or was made from it.
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -18,11 +17,11 @@ struct FileAccess {
   uint32_t mode = 0;  // the permissions of owner, group and others: the low nine bits
   uint32_t owner = 0;
   uint32_t group = 0;
-  std::string accessList;                 // in the host's form; empty when the mode says all
+  std::string accessList;                 // in the host's form; empty when the mode is all there is
   std::vector<FileAttribute> attributes;  // of users
 };
 
-// False when the host does not tell all of it.
+// False when the host does not report all of it.
 bool readAccess(int descriptor, FileAccess* access);
 
 // Gives it to a file that this process has just made and that only its owner can read yet. Never
@@ -33,5 +32,3 @@ bool readAccess(int descriptor, FileAccess* access);
 bool giveAccess(int descriptor, const FileAccess& access);
 
 }  // namespace qvdbase::platform
-
-#endif

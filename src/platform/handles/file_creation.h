@@ -1,6 +1,5 @@
 // Making files and emptying them.
-#ifndef QVDBASE_PLATFORM_FILE_CREATION_H
-#define QVDBASE_PLATFORM_FILE_CREATION_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -8,7 +7,7 @@
 
 namespace qvdbase::platform {
 
-// Tells whether `name`, symbolic links followed, stands for anything.
+// Whether `name`, symbolic links followed, names anything.
 bool entryExists(const Directory& directory, const EntryName& name);
 
 // Makes the file `name`, empty. Fails when an entry of that name is there, even a symbolic link
@@ -20,12 +19,10 @@ bool createFile(const Directory& directory, const EntryName& name);
 int createOpenFile(const Directory& directory, const EntryName& name, mode_t mode);
 
 // Empties the regular file `name`. Fails, changing nothing, while this process has it open or
-// another process holds a lock on it; for a file that is empty already no less.
+// another process holds a lock on it; also when the file is empty already.
 bool emptyFile(const Directory& directory, const EntryName& name);
 
-// Tells whether `name` is a regular file that holds no bytes.
+// Whether `name` is a regular file that holds no bytes.
 bool isEmptyFile(const Directory& directory, const EntryName& name);
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -16,7 +16,7 @@ struct SurplusDescriptor {
 
 namespace {
 
-// Never destroyed: static objects of the application may still close files while they go.
+// Never destroyed: static objects of the application may still close files in their destructors.
 constinit FileEntry* firstEntry = nullptr;
 
 // A FIFO or a terminal under the name must neither block the call nor become ours.
@@ -99,7 +99,7 @@ FileEntry* entryWithDescriptor(const Directory& directory, const EntryName& name
   FileEntry* entry = findEntry(status.st_dev, status.st_ino);
   if (entry != nullptr && hasDescriptor(*entry, writable)) return entry;
 
-  // The name may have come to stand for another file since: what counts is what was opened.
+  // The name may be that of another file by now: what counts is what was opened.
   const int descriptor = openRegularFile(directory, name, writable ? O_RDWR : O_RDONLY, &status);
   if (descriptor < 0) return nullptr;
   entry = findEntry(status.st_dev, status.st_ino);
@@ -170,12 +170,12 @@ void relaxLock(FileEntry* entry) {
   if (!mayBelongToOthers(*entry)) changeLock(entry, strongestNeed(*entry));
 }
 
-// Undoes what was done for an opener that is not counted.
+// Undoes what was done for an opener that was not admitted.
 void withdraw(FileEntry* entry, bool added) {
   if (entry->openers == 0) {
     removeEntry(entry);
   } else if (added) {
-    // All who have the file open only read it: the lock can go with the descriptor.
+    // All who have the file open only read it: the lock is given up with the descriptor.
     closeDescriptor(entry->readWrite);
     entry->readWrite = -1;
     entry->lock = Sharing::none;

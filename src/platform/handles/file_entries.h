@@ -3,8 +3,8 @@
 //
 // An entry owns the file's descriptors and its lock. Both belong to the file as a whole:
 //   - a lock of each opener's own would conflict with those of the others in this process;
-//   - a plain POSIX lock goes as soon as the process closes any descriptor of the file, so no
-//     descriptor may be closed before the last opener goes.
+//   - a plain POSIX lock is lost as soon as the process closes any descriptor of the file, so no
+//     descriptor may be closed before the last opener leaves.
 // An entry exists exactly as long as it has an opener.
 //
 // After a fork both processes have the entry. Where locks belong to open file descriptions they
@@ -13,8 +13,7 @@
 //   - a lock that may be held together is not weakened: it goes with the last descriptor of both;
 //   - before it would be strengthened, and before a child admits a writer of its own, the entry
 //     gets a new description with a lock of this process alone, or the opener is refused.
-#ifndef QVDBASE_PLATFORM_FILE_ENTRIES_H
-#define QVDBASE_PLATFORM_FILE_ENTRIES_H
+#pragma once
 
 #include <sys/stat.h>
 
@@ -25,10 +24,10 @@
 
 namespace qvdbase::platform {
 
-// What an opener asks of the others; the order is that of strength. It is also the strength of the
-// lock that keeps other processes to it.
+// What an opener demands of the others; the order is that of strength. It is also the strength of
+// the lock that makes other processes respect it.
 enum class Sharing : uint8_t {
-  none,       // reads only: takes no lock and minds nobody
+  none,       // reads only: takes no lock and ignores those of others
   shared,     // reads and writes beside others
   exclusive,  // reads and writes, the only one of its kind here, alone among processes
 };
@@ -40,7 +39,7 @@ struct FileEntry {
   ino_t inode;
   int readWrite;               // descriptor, or -1
   int readOnly;                // descriptor, or -1
-  SurplusDescriptor* surplus;  // descriptors that nobody uses but that must not be closed yet
+  SurplusDescriptor* surplus;  // unused descriptors that must not be closed yet
   uint32_t openers;
   uint32_t sharedOpeners;
   uint32_t exclusiveOpeners;
@@ -64,13 +63,13 @@ FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing 
 // is short; the descriptor is closed then.
 FileEntry* enterNewFile(int descriptor);
 
-// Counts one more opener, who only reads. Needs no more than there is.
+// Counts one more opener, who only reads. Cannot fail.
 inline void addReader(FileEntry* entry) {
   ++entry->openers;
 }
 
-// Counts an opener off. The lock falls back to what the others need; with the last one the entry
-// goes. Returns false when the host reports that closing failed (the opener is gone all the same).
+// Counts one opener less. The lock falls back to what the others need; the last one takes the entry
+// with it. Returns false when the host reports that closing failed (the opener is gone anyway).
 bool leaveEntry(FileEntry* entry, Sharing sharing);
 
 // The descriptor through which every opener may read, and those that share or exclude may write.
@@ -81,15 +80,15 @@ inline int descriptorOf(const FileEntry& entry) {
 // Takes over a descriptor that turned out to be one of this entry's file, until the entry goes.
 void keepDescriptor(FileEntry* entry, int descriptor);
 
-// Tells what `name` stands for. False when nothing is there or it is not a regular file.
+// Stores the status of what `name` names. False when that is nothing, or not a regular file.
 bool regularFileStatus(const Directory& directory, const EntryName& name, struct stat* status);
 
-// Opens the regular file `name` with these access flags, never waiting for anything, and tells its
-// status. Returns the descriptor or -1.
+// Opens the regular file `name` with these access flags, never waiting for anything, and stores
+// its status. Returns the descriptor or -1.
 int openRegularFile(const Directory& directory, const EntryName& name, int access,
                     struct stat* status);
 
-// Whether `name` still is the name of that file. To be asked while its lock is held: whoever
+// Whether `name` still is the name of that file. Call it while its lock is held: whoever
 // replaces a file by another one holds that lock meanwhile.
 enum class NameOf : uint8_t { thisFile, anotherOrNone, unknown };
 NameOf lookAtName(const Directory& directory, const EntryName& name, dev_t device, ino_t inode);
@@ -101,5 +100,3 @@ inline constexpr int kOpeningTries = 100;
 bool setFileLock(int descriptor, Sharing strength);
 
 }  // namespace qvdbase::platform
-
-#endif

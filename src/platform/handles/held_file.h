@@ -1,7 +1,6 @@
 // A file that no other opener writes to, for as long as the object lives: one that is going to be
 // replaced.
-#ifndef QVDBASE_PLATFORM_HELD_FILE_H
-#define QVDBASE_PLATFORM_HELD_FILE_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -35,7 +34,7 @@ class HeldFile {
   // Whether this process has it open elsewhere, if only for reading.
   bool isReadHere() const { return entry_->openers > 1; }
 
-  // How many names it has, or 0 when the host does not tell.
+  // How many names it has, or 0 when the host does not report it.
   uint64_t nameCount() const;
 
   bool access(FileAccess* access) const { return readAccess(descriptorOf(*entry_), access); }
@@ -51,5 +50,3 @@ class HeldFile {
 };
 
 }  // namespace qvdbase::platform
-
-#endif

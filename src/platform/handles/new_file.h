@@ -6,9 +6,8 @@
 // second time by a name that others could meanwhile have given to a file of theirs. Until it is
 // placed the file is locked, and only its owner can open it.
 //
-// A process that is killed leaves the temporary file behind: ".qvdb-", 16 digits, ".tmp".
-#ifndef QVDBASE_PLATFORM_NEW_FILE_H
-#define QVDBASE_PLATFORM_NEW_FILE_H
+// A process that is killed leaves the temporary file: ".qvdb-", 16 digits, ".tmp".
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -52,8 +51,8 @@ class NewFile {
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
 
-  // Makes the file, empty, for this absolute path in the host's form. Why it cannot is the last
-  // failure of the host (host_failure.h), here and below.
+  // Makes the file, empty, for this absolute path in the host's form. When it cannot be made,
+  // the last failure of the host (host_failure.h) says why, here and below.
   bool create(const std::string& place, OpenTo openTo = OpenTo::owner);
 
   // The same in an open folder, of which the descriptor stays the caller's.
@@ -79,7 +78,7 @@ class NewFile {
   // still be placed. False when no number is free.
   bool handOver(int16_t* file);
 
-  // Its length, or 0 when the host does not tell.
+  // Its length, or 0 when the host does not report it.
   uint64_t size() const;
 
   // The folder of its place.
@@ -106,5 +105,3 @@ class NewFile {
 };
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -1,7 +1,6 @@
-// Why a file could not be opened, for the layer that tells people. The operations themselves report
-// only that they failed; this looks at the path again, afterwards, and changes nothing.
-#ifndef QVDBASE_PLATFORM_OPEN_FAILURE_H
-#define QVDBASE_PLATFORM_OPEN_FAILURE_H
+// Why a file could not be opened, for the layer that reports reasons. The operations themselves
+// report only that they failed; this looks at the path again, afterwards, and changes nothing.
+#pragma once
 
 #include <qvdbase/base.h>
 
@@ -11,9 +10,9 @@
 namespace qvdbase::platform {
 
 enum class OpenFailure : uint8_t {
-  none,           // nothing stands in the way now
-  folderMissing,  // a folder on the way is not there
-  notAFolder,     // something on the way is not a folder
+  none,           // nothing prevents it now
+  folderMissing,  // a folder in the path does not exist
+  notAFolder,     // something in the path is not a folder
   fileMissing,
   notAFile,
   nameTooLong,  // for the host
@@ -31,13 +30,13 @@ struct OpenFailureFound {
   std::error_code code;  // the host's, where a call to it failed
 };
 
-// Looks what keeps the file at an absolute path from being opened with a permission (openFile).
+// Finds what keeps the file at an absolute path from being opened with a permission (openFile).
 // `path` has single '/' between its components.
 OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission);
 
-// Looks what kept the file from being created or emptied there: at the path, and, for what cannot
-// be seen from outside, at the last failure of the host (host_failure.h). Missing folders are no
-// hindrance: creating makes them.
+// Finds what kept the file from being created or emptied there: at the path, and, for what cannot
+// be seen from outside, at the last failure of the host (host_failure.h). Missing folders do
+// not prevent it: creating makes them.
 OpenFailureFound findCreateFailure(const QVWCHAR* path);
 
 // The same from the last failure of the host alone, after a new file could not be made, and from
@@ -46,5 +45,3 @@ OpenFailureFound lastCreateFailure();
 OpenFailureFound createFailureOf(const std::error_code& code);
 
 }  // namespace qvdbase::platform
-
-#endif

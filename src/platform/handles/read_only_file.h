@@ -1,8 +1,7 @@
 // A file, or a block device, opened by its host path for nothing but reading, at any position,
 // straight from the host: no handle number, no shared position, no mapping (a file cut short
 // meanwhile gives short reads).
-#ifndef QVDBASE_PLATFORM_READ_ONLY_FILE_H
-#define QVDBASE_PLATFORM_READ_ONLY_FILE_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +12,7 @@
 
 namespace qvdbase::platform {
 
-// What changes when anybody writes to a file. Times are in nanoseconds. Those of a device belong to
+// What changes whenever a file is written to. Times are in nanoseconds. Those of a device belong to
 // its name and not to its bytes: they are 0.
 struct FileStamp {
   int64_t size = 0;
@@ -29,7 +28,7 @@ struct FileHole {
   int64_t end = 0;
 };
 
-// What a path stands for.
+// What a path names.
 enum class PathKind : uint8_t { nothing, regularFile, blockDevice, somethingElse };
 PathKind kindOfPath(const std::string& path);
 
@@ -40,8 +39,8 @@ class ReadOnlyFile {
   ReadOnlyFile(const ReadOnlyFile&) = delete;
   ReadOnlyFile& operator=(const ReadOnlyFile&) = delete;
 
-  // Opens the regular file or block device at this absolute path, in UTF-8. Takes no lock and minds
-  // nobody's.
+  // Opens the regular file or block device at this absolute path, in UTF-8. Takes no lock and
+  // ignores those of others.
   bool open(const std::string& path);
   // Reads a file of this process, which keeps it open meanwhile, through the descriptor that it
   // has.
@@ -54,14 +53,15 @@ class ReadOnlyFile {
   // of the file and where the host cannot read.
   size_t readAt(int64_t position, void* buffer, size_t count) const;
 
-  // The first hole, bytes that were never stored and read as zeros, that ends behind `position`.
-  // False when there is none before `size`, the file's, or the host does not tell.
+  // The first hole, bytes that were never stored and read as zeros, that ends after `position`.
+  // False when there is none before `size`, the file's, or the host does not report it.
   bool nextHole(int64_t position, int64_t size, FileHole* hole) const;
 
   bool stamp(FileStamp* stamp) const;
   bool access(FileAccess* access) const { return readAccess(descriptor(), access); }
 
-  // Whether another process holds a lock on the file, as everyone does who has it open for writing.
+  // Whether another process holds a lock on the file, as every process does that has it open for
+  // writing.
   bool isLockedByOthers() const;
 
  private:
@@ -72,5 +72,3 @@ class ReadOnlyFile {
 };
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -1,6 +1,5 @@
 // Waiting for the device.
-#ifndef QVDBASE_PLATFORM_SYNC_H
-#define QVDBASE_PLATFORM_SYNC_H
+#pragma once
 
 #include <cstdint>
 
@@ -11,5 +10,3 @@ namespace qvdbase::platform {
 bool syncFile(int16_t file);
 
 }  // namespace qvdbase::platform
-
-#endif

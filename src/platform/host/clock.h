@@ -1,6 +1,5 @@
 // The host's clocks, in the widths that the database stores and draws identifiers from.
-#ifndef QVDBASE_PLATFORM_CLOCK_H
-#define QVDBASE_PLATFORM_CLOCK_H
+#pragma once
 
 #include <cstdint>
 
@@ -29,5 +28,3 @@ inline uint32_t processClock() {
 }
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -1,15 +1,14 @@
 // What the host answered when a call failed, for the layer that reports reasons. The operations
 // themselves say only that they failed; the code of the last failure is kept until the next
 // operation begins.
-#ifndef QVDBASE_PLATFORM_HOST_FAILURE_H
-#define QVDBASE_PLATFORM_HOST_FAILURE_H
+#pragma once
 
 #include <cstdint>
 #include <system_error>
 
 namespace qvdbase::platform {
 
-// To be called when an operation of the layer above begins.
+// Called when an operation of the layer above begins.
 void forgetHostFailure();
 
 // Keeps the code of the call that has just failed, from errno. `noteHostFailure(code)` keeps that
@@ -26,7 +25,7 @@ std::error_code lastHostFailure();
 // The code of the last write that the host has refused; no error when it refused none.
 std::error_code lastRefusedWrite();
 
-// Why a file could not be written, as far as the host said.
+// Why a file could not be written, as far as the host reported it.
 enum class WriteObstacle : uint8_t {
   unknown,
   full,       // the device, or the user's share of it
@@ -45,5 +44,3 @@ struct WriteFailure {
 WriteFailure findWriteFailure(uint64_t length);
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -1,7 +1,6 @@
-// Which process made something. A child that got it by fork must let go of it without finishing or
-// undoing anything: the file, and what is to become of it, are still its parent's.
-#ifndef QVDBASE_PLATFORM_PROCESS_MARK_H
-#define QVDBASE_PLATFORM_PROCESS_MARK_H
+// Which process made something. A child that got it by fork must release it without finishing or
+// undoing anything: the file, and what happens to it, still belong to the parent.
+#pragma once
 
 #include <sys/types.h>
 
@@ -28,5 +27,3 @@ class ProcessMark {
 };
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -89,7 +89,7 @@ off_t hostNextStored(int descriptor, off_t position) {
 #endif
 }
 
-// Every transfer names its position, so nobody minds where the descriptor stands.
+// Every transfer names its position, so the descriptor's own does not matter.
 int64_t hostLengthOf(int descriptor) {
   return static_cast<int64_t>(::lseek(descriptor, 0, SEEK_END));
 }

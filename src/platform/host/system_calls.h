@@ -3,8 +3,7 @@
 // The rest of the library makes these calls only through it; the C++ library may make its own. So a
 // test can put another table in place, record each call and make each one fail; and another host
 // needs only another table. They keep the conventions of POSIX: -1 and errno on failure.
-#ifndef QVDBASE_PLATFORM_SYSTEM_CALLS_H
-#define QVDBASE_PLATFORM_SYSTEM_CALLS_H
+#pragma once
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -50,13 +49,13 @@ struct SystemCalls {
   ssize_t (*writeAt)(int descriptor, const void* buffer, size_t count, off_t position);
   int (*truncate)(int descriptor, off_t length);
   int (*sync)(int descriptor);
-  // Where the next hole begins, and where the next bytes that are stored do, at or behind
+  // Where the next hole begins, and where the next bytes that are stored do, at or after
   // `position`; the end of the file counts as a hole. -1 also where the host does not know holes.
   off_t (*nextHole)(int descriptor, off_t position);
   off_t (*nextStored)(int descriptor, off_t position);
-  // The length of a regular file or block device, or -1. Not by way of its status: that has no size
-  // of devices, and a host that has told a file's times must store a new one at the next write,
-  // which more than doubles what that costs.
+  // The length of a regular file or block device, or -1. Not from its status: that has no size of
+  // devices, and a host that has reported a file's times must store a new one at the next write,
+  // which more than doubles the cost of that.
   int64_t (*lengthOf)(int descriptor);
   // The length that no file of this process may pass; beyond it a write would raise a signal.
   uint64_t (*fileSizeLimit)();
@@ -64,7 +63,7 @@ struct SystemCalls {
   // Sets or clears a lock without waiting. The lock belongs to the open file description of
   // `descriptor` where the host has such locks, else to the process.
   int (*setLock)(int descriptor, struct flock* lock);
-  // Stores a lock of somebody else that stands in the way of `lock`, or F_UNLCK as its type.
+  // Stores a lock of another opener that conflicts with `lock`, or F_UNLCK as its type.
   int (*findLock)(int descriptor, struct flock* lock);
 
   // Time.
@@ -114,5 +113,3 @@ auto uninterrupted(Call call) {
 }
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -4,8 +4,7 @@
 //   } catch (ThreadCancelled&) {
 //     throw;
 //   } catch (...) {
-#ifndef QVDBASE_PLATFORM_THREAD_CANCELLED_H
-#define QVDBASE_PLATFORM_THREAD_CANCELLED_H
+#pragma once
 
 #include <exception>  // defines __GLIBCXX__ where the standard library is GNU's
 
@@ -22,5 +21,3 @@ class ThreadCancelled {};  // nothing throws it
 #endif
 
 }  // namespace qvdbase::platform
-
-#endif

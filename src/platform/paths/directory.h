@@ -2,8 +2,7 @@
 //
 // Each step opens the next component inside the one before, so a path as a whole is never given to
 // the host and its limit on one path string does not matter. One descriptor is held at a time.
-#ifndef QVDBASE_PLATFORM_DIRECTORY_H
-#define QVDBASE_PLATFORM_DIRECTORY_H
+#pragma once
 
 #include "platform/paths/fs_ref.h"
 #include "platform/paths/utf8_names.h"
@@ -50,5 +49,3 @@ class Directory {
 };
 
 }  // namespace qvdbase::platform
-
-#endif

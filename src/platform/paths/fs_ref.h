@@ -1,8 +1,7 @@
 // FSRef: what identifies a file or directory on the host, in a form that is copied by value.
 //
 // It holds no descriptor, so nothing has to be closed and nothing leaks when a copy is thrown away.
-#ifndef QVDBASE_PLATFORM_FS_REF_H
-#define QVDBASE_PLATFORM_FS_REF_H
+#pragma once
 
 #include <cstdint>
 #include <type_traits>
@@ -15,5 +14,3 @@ struct FSRef {
 
 static_assert(sizeof(FSRef) == 80);
 static_assert(std::is_trivially_copyable_v<FSRef>);
-
-#endif

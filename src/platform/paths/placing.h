@@ -1,6 +1,5 @@
 // Giving names to files, in one step each, and waiting until the device has them.
-#ifndef QVDBASE_PLATFORM_PLACING_H
-#define QVDBASE_PLATFORM_PLACING_H
+#pragma once
 
 #include <cstdint>
 
@@ -36,5 +35,3 @@ bool syncDescriptor(int descriptor);
 bool syncFolder(const Directory& folder);
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -1,7 +1,6 @@
 // A folder of our own beside the place of a new file, for routines that make a file by its path:
 // no other user can put anything under that path, or read what is there.
-#ifndef QVDBASE_PLATFORM_PRIVATE_FOLDER_H
-#define QVDBASE_PLATFORM_PRIVATE_FOLDER_H
+#pragma once
 
 #include <string>
 
@@ -44,5 +43,3 @@ class PrivateFolder {
 };
 
 }  // namespace qvdbase::platform
-
-#endif

@@ -1,6 +1,5 @@
 // Names for what is on its way to its place: ".qvdb-", 16 digits, ".tmp".
-#ifndef QVDBASE_PLATFORM_TEMPORARY_NAME_H
-#define QVDBASE_PLATFORM_TEMPORARY_NAME_H
+#pragma once
 
 #include <cerrno>
 #include <string>
@@ -25,5 +24,3 @@ bool makeUnderTemporaryName(std::string* name, Make make) {
 }
 
 }  // namespace qvdbase::platform
-
-#endif

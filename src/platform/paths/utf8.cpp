@@ -43,12 +43,13 @@ void putUtf8(uint32_t code, size_t size, unsigned char* out) {
 
 }  // namespace
 
-Utf8Progress convertToUtf8(const QVWCHAR* text, size_t length, unsigned char* out, size_t room) {
+Utf8Progress convertToUtf8(const QVWCHAR* text, size_t length, unsigned char* out,
+                           size_t capacity) {
   Utf8Progress done{0, 0};
   while (done.consumed < length) {
     const CodePoint next = codePointAt(text + done.consumed, length - done.consumed);
     const size_t size = utf8Size(next.code);
-    if (next.units == 0 || size > room - done.produced) break;
+    if (next.units == 0 || size > capacity - done.produced) break;
     putUtf8(next.code, size, out + done.produced);
     done.consumed += next.units;
     done.produced += size;

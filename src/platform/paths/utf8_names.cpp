@@ -8,7 +8,7 @@
 namespace qvdbase::platform {
 namespace {
 
-// What the first byte of a character tells: how many bytes it has, its own bits of the code, and
+// What the first byte of a character shows: how many bytes it has, its own bits of the code, and
 // the smallest code that takes so many bytes.
 struct Lead {
   size_t length;

@@ -1,6 +1,5 @@
 // Names of files and directories: 16-bit characters above this layer, UTF-8 on the host.
-#ifndef QVDBASE_PLATFORM_UTF8_NAMES_H
-#define QVDBASE_PLATFORM_UTF8_NAMES_H
+#pragma once
 
 #include <qvdbase/base.h>
 
@@ -38,5 +37,3 @@ class EntryName {
 bool utf16FromUtf8(const char* bytes, size_t length, QVWCHAR* text, size_t capacity);
 
 }  // namespace qvdbase::platform
-
-#endif
