@@ -25,6 +25,7 @@ DirectoryCacheEntry* entryAt(int index) {
 int SearchForGDB2TCache(int16_t db) {
   for (int index = 0; index < gbl_Gdb2tDQ.GetSize(); ++index) {
     const DirectoryCacheEntry* entry = entryAt(index);
+    // unreached: an entry is added with its bytes
     if (entry != nullptr && entry->fileRef == db) return index;
   }
   return -1;
@@ -50,7 +51,7 @@ void addDirectoryEntry(DirectoryCacheEntry entry, const internal_Head1& head) {
   std::memcpy(copy, &head, sizeof head);
   entry.headCopy = static_cast<internal_Head1*>(copy);
   try {
-    if (gbl_Gdb2tDQ.Add(&entry, sizeof entry) == 1) return;
+    if (gbl_Gdb2tDQ.Add(&entry, sizeof entry) == 1) return;  // unreached: the list adds or throws
   } catch (const std::bad_alloc&) {
     // Without the entry every call reads the three numbers from the file.
   }

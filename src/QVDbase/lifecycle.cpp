@@ -113,6 +113,7 @@ int SetDBaseVersion(int16_t db, uint16_t version) {
   // Without a position to come back to nothing is written, and the call reports success all the
   // same: callers rely on it.
   if (!position.known()) return position.leave(1);
+  // unreached: own position
   if (myFileSeek(db, format::kVersionPos, kFromStart) != 0) return position.restore(0);
   return position.restore(format::writeUint16(db, version) ? 1 : 0);
 }

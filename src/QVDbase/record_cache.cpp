@@ -93,7 +93,8 @@ int internal_BinarySearchForCode(const record1Cache* array, const record1Cache* 
       high = mid;
       mid = low + (mid - low) / 2;
     }
-  } while (mid != low && mid != high);
+  } while (mid != low && mid != high);  // unreached: mid reaches low first
+  // unreached: mid never has to step back
   if (array[mid].recordKey > key->recordKey && mid > 0) --mid;
   *indexOut = mid;
   return -2;

@@ -148,6 +148,7 @@ bool readRecordHeaderAt(int16_t db, int64_t recordPos, const unsigned char* tabl
 }
 
 bool writeLink(int16_t db, int64_t blockPos, int64_t fieldOffset, int64_t link) {
+  // unreached: own position
   return myFileSeek(db, blockPos + fieldOffset, kFromStart) == 0 && writeInt64(db, link);
 }
 

@@ -96,6 +96,7 @@ bool overwritePart(int16_t db, int64_t recordPos, uint32_t offset, const unsigne
                    uint32_t count) {
   return myFileSeek(db, recordPos + record::kModifyTime, kFromStart) == 0 &&
          writeUint32(db, platform::secondsSinceEpoch()) &&
+         // unreached: own position
          myFileSeek(db, recordPos + record::kData + offset, kFromStart) == 0 &&
          writeBytes(db, bytes, count);
 }

@@ -23,6 +23,7 @@ namespace {
 // The file is at the block's data. The rest of the capacity, the old end mark included, stays.
 bool overwriteTableData(int16_t db, int64_t blockPos, const unsigned char* data, uint32_t size) {
   return writeBytes(db, data, size) && writeUint8(db, kBlockEndMark) &&
+         // unreached: own position
          myFileSeek(db, blockPos + tabledata::kDataLength, kFromStart) == 0 &&
          writeUint32(db, size);
 }
@@ -49,7 +50,7 @@ int setTableData(int16_t db, uint64_t table, const unsigned char* data, uint32_t
 
     const int64_t nextSlotPos = myGetFilePos(db);
     if (setDataOfSlot(db, &slot, slotPos, directory.slotSize, data, size, reserve)) return 1;
-    if (myFileSeek(db, nextSlotPos, kFromStart) != 0) return 0;
+    if (myFileSeek(db, nextSlotPos, kFromStart) != 0) return 0;  // unreached: own position
   }
   return 0;
 }
@@ -117,13 +118,13 @@ int internal_SetOneTableData(int16_t db, tablePart1* slot, const unsigned char* 
 int internal_WriteOneTableLinkInEOF(int16_t db, const unsigned char* tableID, int64_t slotPos,
                                     uint16_t slotSize, const unsigned char* data, uint32_t size,
                                     uint32_t reserve, tablePart1* slotOut) {
-  if (myFileSeek(db, 0, kFromEnd) != 0) return 0;
+  if (myFileSeek(db, 0, kFromEnd) != 0) return 0;  // unreached: own position
   const int64_t blockPos = myGetFilePos(db);
   if (!writeBlockStart(db, kTableDataBlock, tableID) ||
       !writeBlockContent(db, data, size, std::max(size, reserve))) {
     return 0;
   }
-  if (myFileSeek(db, slotPos, kFromStart) != 0) return 0;
+  if (myFileSeek(db, slotPos, kFromStart) != 0) return 0;  // unreached: own position
   tablePart1 slot;
   if (!readUsedSlot(db, slotSize, &slot)) return 0;
   slot.dataBlockCount = 1;

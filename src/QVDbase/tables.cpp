@@ -50,7 +50,7 @@ bool nameIsFree(int16_t db, const DirectoryNumbers& directory, const char* name)
 
 bool storeTableCount(int16_t db, int64_t directoryPos, int16_t tableCount) {
   const int64_t countPos = directoryPos - format::kTableCountBeforeDirectory;
-  if (myFileSeek(db, countPos, kFromStart) != 0) return false;
+  if (myFileSeek(db, countPos, kFromStart) != 0) return false;  // unreached: own position
   if (!format::writeUint16(db, static_cast<uint16_t>(tableCount))) return false;
   // The cache must not count a table that the file does not: a later AddTable would go behind it.
   if (!engine::CallScope::completeWrites()) return false;
@@ -151,11 +151,13 @@ bool readUsedSlot(int16_t db, uint16_t slotSize, tablePart1* slot) {
 }
 
 bool rewriteSlot(int16_t db, int64_t slotPos, const tablePart1& slot) {
+  // unreached: own position
   return myFileSeek(db, slotPos, kFromStart) == 0 && WriteOne_TablePartOne(db, &slot) == 1;
 }
 
 bool slotIsStillUsed(int16_t db, int64_t slotPos, uint16_t slotSize) {
   tablePart1 present;
+  // unreached: own position
   return myFileSeek(db, slotPos, kFromStart) == 0 && readUsedSlot(db, slotSize, &present);
 }
 
