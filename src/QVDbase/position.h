@@ -46,18 +46,25 @@ using CallScope = platform::TransferScope;
 uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context);
 
 // Keeps the position that a call found. Every way out of an exported operation goes through
-// restore, or, where the operation is known to leave the position behind, through leave. Both end
-// the call's scope and turn a success into a failure when its writes could not be completed; such a
-// failure restores the position in either case.
+// restore, or, where the operation is known to leave the position where it is, through leave. Both
+// end the call's scope and turn a success into a failure when its writes could not be completed;
+// such a failure restores the position in either case. An operation that is left without either,
+// because it throws or only reads, restores the position too.
 class SavedPosition {
  public:
   explicit SavedPosition(int16_t db);
+  ~SavedPosition() {
+    if (!isDone_) static_cast<void>(restore(0));
+  }
+  SavedPosition(const SavedPosition&) = delete;
+  SavedPosition& operator=(const SavedPosition&) = delete;
 
   // Whether the handle has a position at all.
   bool known() const { return position_ != -1; }
 
   template <typename Result>
   [[nodiscard]] Result restore(Result result) {
+    isDone_ = true;
     const bool complete = scope_.end();
     goBack();
     return complete ? result : Result{0};
@@ -65,6 +72,7 @@ class SavedPosition {
 
   template <typename Result>
   [[nodiscard]] Result leave(Result result) {
+    isDone_ = true;
     if (scope_.end()) return result;
     goBack();
     return Result{0};
@@ -77,6 +85,7 @@ class SavedPosition {
   CallScope scope_;
   int16_t db_;
   int64_t position_;
+  bool isDone_ = false;
 };
 
 }  // namespace qvdbase::engine
