@@ -4,9 +4,9 @@
 #include <qvdbase/qvdb/error.hpp>
 
 #include <algorithm>
-#include <limits>
 
 #include "format/identifiers.h"
+#include "objects/records.h"
 #include "objects/table_index.h"
 #include "platform/host/clock.h"
 
@@ -18,7 +18,7 @@ std::shared_ptr<Bulk> Bulk::open(const std::shared_ptr<OpenDatabase>& database, 
   const Operation operation(database, kAppend);
   operation.requireWritable();
   operation.requireNoBulk();
-  ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   auto bulk = std::make_shared<Bulk>(database, operation.table(table));
   if (!bulk->batch.begin()) {
     operation.fail(Reason::chain_damaged,
@@ -58,14 +58,14 @@ engine::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id> 
 
 // An index is built again when it is next used, which costs less than noting many records in it.
 void Bulk::finish(const Operation& operation) {
-  ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   ++database->changes;
   if (!batch.writeOut() || !batch.finish()) failed(operation, 1);
   state = State::finished;
   database->bulk = nullptr;
   const tablePart1& slot = batch.table().slot;
   if (batch.taken() == 1) return noteAdded(*database, slot, latest, slot.lastRecordPos);
-  if (const auto index = indexOf(*database, table)) index->isStale = true;
+  markIndexStale(*database, table);
 }
 
 void Bulk::discard() noexcept {
@@ -73,27 +73,22 @@ void Bulk::discard() noexcept {
   state = State::discarded;
   database->bulk = nullptr;
   if (!ownsFile()) return;
-  ReadScope scope(database->handle);
+  engine::SavedPosition scope(database->handle);
   batch.discard();
 }
 
 void Bulk::dropRecord() noexcept {
   inPieces = false;
   if (!isOpen() || !ownsFile()) return;
-  ReadScope scope(database->handle);
+  engine::SavedPosition scope(database->handle);
   batch.dropRecord();
 }
 
 void Bulk::add(const Operation& operation, const NewRecord& record) {
-  const size_t size = record.payload.size();
-  if (size > std::numeric_limits<uint32_t>::max()) {
-    operation.fail(Reason::too_large, "a record would be " + std::to_string(size) +
-                                          " bytes, and 4,294,967,295 are the most");
-  }
+  const uint32_t size = operation.requireSize(record.payload.size());
   engine::BatchRecord entry = entryOf(operation, record.id, record.reserve);
-  entry.dataLength = static_cast<uint32_t>(size);
-  const auto* payload = reinterpret_cast<const unsigned char*>(record.payload.data());
-  if (!batch.add(entry, payload)) {
+  entry.dataLength = size;
+  if (!batch.add(entry, bytesOf(record.payload))) {
     failed(operation,
            std::max(entry.dataLength, entry.reserve) + uint64_t{format::kRecordBlockOverhead});
   }
@@ -102,13 +97,13 @@ void Bulk::add(const Operation& operation, const NewRecord& record) {
 
 void Bulk::failed(const Operation& operation, uint64_t bytes) {
   discard();
-  if (const auto index = indexOf(*database, table)) index->isStale = true;
+  markIndexStale(*database, table);
   if (batch.wasDisturbed()) {
     operation.fail(
         Reason::cannot_write,
         "the file or the table was changed past this layer meanwhile; nothing was added");
   }
-  ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   operation.failedWrite(bytes);
 }
 

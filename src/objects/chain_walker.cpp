@@ -24,7 +24,7 @@ ChainWalker::Step ChainWalker::next(int16_t db, recordPart1* header, int64_t* re
   return Step::record;
 }
 
-bool ChainWalker::resumeBehind(int16_t db, int64_t recordPos, uint32_t number) {
+bool ChainWalker::resumeAfter(int16_t db, int64_t recordPos, uint32_t number) {
   recordPart1 header;
   if (!engine::readRecordHeaderAt(db, recordPos, slot_.tableID, &header)) return false;
   resumeAt(header.nextRecordPos, number);

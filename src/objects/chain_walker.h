@@ -1,4 +1,4 @@
-// One forward walk along a table's chain of records, which tells where and how the chain is
+// One forward walk along a table's chain of records, which knows where and how the chain is
 // damaged.
 #pragma once
 
@@ -12,7 +12,7 @@
 namespace qvdb::detail {
 
 // Reads the header of a record of this table in one view, or, where there is none, field by field.
-// False when no such header stands there.
+// False when there is no such header at the position.
 bool readHead(int16_t db, int64_t position, const unsigned char* tableID, recordPart1* header);
 
 class ChainWalker {
@@ -28,8 +28,8 @@ class ChainWalker {
   // Whether as many records have been passed as the table counts.
   bool isAtCount() const { return number_ == slot_.recordCount; }
 
-  // Reads the next record's header. The caller holds a ReadScope. After `damaged` number() and
-  // damage() tell what is wrong.
+  // Reads the next record's header. The caller holds a SavedPosition. After `damaged`, number() and
+  // damage() say where and what is wrong.
   Step next(int16_t db, recordPart1* header, int64_t* recordPos);
 
   // The same for a caller who has the bytes at nextPosition() already.
@@ -42,35 +42,36 @@ class ChainWalker {
     return Step::record;
   }
 
-  // Goes on behind the record at a position, of which `number` records have been passed by then.
-  // To be used when the chain has changed under the walk: it then ends where the chain ends, with
-  // the count that it began with as its limit only. False when no header can be read there.
-  bool resumeBehind(int16_t db, int64_t recordPos, uint32_t number);
+  // Continues after the record at a position, the `number`th. To be used when the chain has changed
+  // during the walk: it then ends where the chain ends, and the count that it began with is only
+  // its limit. False when no header can be read there.
+  bool resumeAfter(int16_t db, int64_t recordPos, uint32_t number);
 
-  // The same before the record at a position, or at the end for 0.
+  // The same, but the record at the position comes next; at the end of the chain it is 0.
   void resumeAt(int64_t recordPos, uint32_t number) {
     nextPos_ = recordPos;
     number_ = number;
     hasChanged_ = true;
+    damage_ = nullptr;
     loop_ = qvdbase::engine::LoopDetector();
   }
 
   // The record that the last step was about, counted from 1.
   uint32_t number() const { return number_; }
   uint32_t count() const { return slot_.recordCount; }
+  bool isDamaged() const { return damage_ != nullptr; }
   const char* damage() const { return damage_; }
-  const unsigned char* tableID() const { return slot_.tableID; }
 
  private:
   static constexpr const char* kNoRecord =
       "the chain leads to a place where there is no record of this table";
 
-  // Begins a step: says whether a record is to stand at nextPosition().
+  // Begins a step: whether a record should be at nextPosition().
   Step arrive() {
     if (isAtCount() || (nextPos_ == 0 && hasChanged_)) return Step::end;
     ++number_;
     if (nextPos_ == 0) return damaged("the chain ends before it");
-    if (loop_.visited(nextPos_)) return damaged("the chain comes round to an earlier record");
+    if (loop_.visited(nextPos_)) return damaged("the chain leads back to an earlier record");
     return Step::record;
   }
 
@@ -84,7 +85,7 @@ class ChainWalker {
   uint32_t number_ = 0;
   bool hasChanged_ = false;
   qvdbase::engine::LoopDetector loop_;
-  const char* damage_ = "";
+  const char* damage_ = nullptr;
 };
 
 }  // namespace qvdb::detail

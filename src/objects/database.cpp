@@ -28,7 +28,6 @@ namespace qvdb {
 
 using detail::OpenDatabase;
 using detail::Operation;
-using detail::ReadScope;
 
 namespace {
 
@@ -53,7 +52,7 @@ bool isUsableVersion(uint16_t version) {
 }
 
 DatabaseInfo readInfo(const Operation& operation) {
-  ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   internal_Head1 head;
   if (internal_GetDBHead1(operation.db(), &head) != 1) {
     static_cast<void>(operation.directory());
@@ -129,7 +128,7 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {
   Database database(openState(path, mode, kOpen));
-  ReadScope scope(database.handle());
+  engine::SavedPosition scope(database.handle());
   static_cast<void>(Operation(database.state_, kOpen).directory());
   return database;
 }
@@ -233,7 +232,7 @@ void Database::set_version(uint16_t version) {
 std::vector<Table> Database::tables() const {
   static_cast<void>(state());
   const Operation operation(state_, "list the tables");
-  ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   std::vector<Table> tables;
   tablePart1 slot;
   static_cast<void>(operation.findSlot(&slot, [&](const tablePart1& used) {
@@ -247,7 +246,7 @@ std::vector<Table> Database::tables() const {
 std::optional<Table> Database::find_table(std::string_view name) const {
   static_cast<void>(state());
   const Operation operation(state_, "find the table");
-  ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   tablePart1 slot;
   if (!operation.findSlot(
           &slot, [name](const tablePart1& used) { return format::storedName(used) == name; })) {
@@ -259,7 +258,7 @@ std::optional<Table> Database::find_table(std::string_view name) const {
 std::optional<Table> Database::find_table(Id table) const {
   static_cast<void>(state());
   const Operation operation(state_, "find the table");
-  ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   tablePart1 slot;
   if (!operation.findSlot(&slot, [table](const tablePart1& used) {
         return format::identifierNumber(used.tableID) == table.value;
@@ -300,7 +299,7 @@ Table Database::add_table(std::string_view name) {
   if (id != 0) return Table(state_, Id{id}, std::string(name));
 
   operation.failIfWriteWasRefused(0);
-  ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   tablePart1 slot;
   if (operation.findSlot(
           &slot, [name](const tablePart1& used) { return format::storedName(used) == name; })) {

@@ -1,4 +1,4 @@
-// What an append that failed has left at the end of the file.
+// What a change that failed has left at the end of the file.
 #include "objects/failed_append.h"
 
 #include <algorithm>
@@ -6,6 +6,7 @@
 
 #include "QVDbase/take_back.h"
 #include "format/fields.h"
+#include "platform/host/host_failure.h"
 
 using namespace qvdbase;
 
@@ -32,12 +33,12 @@ Leads leadsTo(int16_t db, const LinkPlace& link, int64_t blockPos) {
   return position == blockPos ? Leads::yes : Leads::no;
 }
 
-}  // namespace
-
-bool takeBackBlock(const Operation& operation, Id table, int64_t blockPos,
-                   std::initializer_list<LinkPlace> links) {
+// Returns whether a link, or the beginning of the table, is known to lead to the block: the
+// operation itself has written there before it failed.
+bool cutUnlessLinked(const Operation& operation, Id table, int64_t blockPos,
+                     std::initializer_list<LinkPlace> links) {
   if (blockPos == 0) return false;
-  ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   engine::FoundTable found;
   if (!engine::findTable(operation.db(), table.value, &found)) return false;
   if (slotLeadsTo(found.slot, blockPos)) return found.slot.firstRecordPos == blockPos;
@@ -45,9 +46,18 @@ bool takeBackBlock(const Operation& operation, Id table, int64_t blockPos,
     const Leads leads = leadsTo(operation.db(), link, blockPos);
     if (leads != Leads::no) return leads == Leads::yes;
   }
-  // The handle is exclusive, or nothing is cut: whatever lies there was appended by this call.
+  // Nothing is cut unless the handle is exclusive: what lies there was appended by this call.
   engine::cutBack(operation.db(), {blockPos, std::numeric_limits<int64_t>::max()});
   return false;
+}
+
+}  // namespace
+
+void takeBack(const Operation& operation, Id table, int64_t blockPos,
+              std::initializer_list<LinkPlace> links, uint64_t bytes) {
+  const bool isLinked = cutUnlessLinked(operation, table, blockPos, links);
+  operation.failIfWriteWasRefused(bytes);
+  if (isLinked && platform::lastHostFailure()) operation.failedWrite(bytes);
 }
 
 }  // namespace qvdb::detail

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 #include "failure/database_handle.h"
@@ -35,7 +36,7 @@ OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const ch
   failure::throwError(operation, Reason::not_open, "it belongs to no database");
 }
 
-// What does not fit, or is not there, as far as could be read.
+// Whether it says that something in the file is wrong or missing, as far as it could be read.
 bool saysWhatTheFileHolds(Reason reason) {
   switch (reason) {
     case Reason::not_a_database:
@@ -60,9 +61,7 @@ Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* 
 
 void Operation::fail(Reason reason, const std::string& why,
                      std::optional<uint64_t> recordNumber) const {
-  ErrorDetails known = details();
-  known.record_number = recordNumber;
-  failAs(reason, why, std::move(known));
+  failAs(reason, why, details(recordNumber));
 }
 
 // A read that failed is no reason to call the file damaged.
@@ -75,18 +74,19 @@ void Operation::failAs(Reason reason, const std::string& why, ErrorDetails known
   failure::throwError(database_.path, name_, Reason::cannot_read, host, std::move(known));
 }
 
-void Operation::about(const tablePart1& slot) const {
-  std::copy_n(slot.tableName, tableName_.size(), tableName_.begin());
-}
-
 void Operation::about(std::string_view table) const {
   tableName_.fill('\0');
   std::copy_n(table.begin(), std::min(table.size(), tableName_.size()), tableName_.begin());
 }
 
-ErrorDetails Operation::details() const {
+std::string Operation::tableName() const {
+  return {tableName_.begin(), std::find(tableName_.begin(), tableName_.end(), '\0')};
+}
+
+ErrorDetails Operation::details(std::optional<uint64_t> recordNumber) const {
   ErrorDetails known;
-  known.table.assign(tableName_.begin(), std::find(tableName_.begin(), tableName_.end(), '\0'));
+  known.table = tableName();
+  known.record_number = recordNumber;
   return known;
 }
 
@@ -98,8 +98,15 @@ void Operation::requireWritable() const {
 
 void Operation::requireIdentifier(Id record) const {
   if (record.value == 0) {
-    fail(Reason::bad_argument, "identifier 0 stands for no record; use another, or let it be made");
+    fail(Reason::bad_argument, "identifier 0 means no record; use another, or none for a new one");
   }
+}
+
+uint32_t Operation::requireSize(uint64_t bytes) const {
+  constexpr uint64_t kMost = std::numeric_limits<uint32_t>::max();
+  if (bytes <= kMost) return static_cast<uint32_t>(bytes);
+  fail(Reason::too_large,
+       "it would be " + std::to_string(bytes) + " bytes, and 4,294,967,295 are the most");
 }
 
 void Operation::requireNoBulk() const {
@@ -120,9 +127,9 @@ engine::DirectoryNumbers Operation::directory() const {
 
 engine::FoundTable Operation::table(Id table) const {
   engine::FoundTable found;
-  // The common case reads each slot once; only a failure looks at them again, to tell why.
+  // The common case reads each slot once; only after a failure they are read again, to say why.
   if (engine::findTable(db(), table.value, &found)) {
-    about(found.slot);
+    about({found.slot.tableName, sizeof found.slot.tableName});
     return found;
   }
   tablePart1 slot;
@@ -146,7 +153,7 @@ uint64_t Operation::fileLength() const {
   const auto* file = platform::findOpenFile(db());
   int64_t length = 0;
   if (file == nullptr || !platform::fileLength(*file, &length)) {
-    fail(Reason::cannot_read, "the system does not tell the file's length");
+    fail(Reason::cannot_read, "the system does not report the file's length");
   }
   return static_cast<uint64_t>(length);
 }

@@ -1,4 +1,4 @@
-// What a Database, its tables and its records share: the handle, and how their failures are told.
+// What a Database, its tables and its records share: the handle, and how they report failures.
 #pragma once
 
 #include <qvdbase/qvdb/database.hpp>
@@ -37,10 +37,10 @@ struct OpenDatabase {
   int16_t handle = 0;  // 0 once it is closed
   std::filesystem::path path;
   Mode mode = Mode::read_only;
-  // Raised by every operation of this layer that can have changed the chains; a walk that sees it
-  // raised gives up what it has read ahead.
+  // Counts the operations of this layer that can have changed the chains. A walk that finds it
+  // raised forgets what it has read ahead.
   uint64_t changes = 0;
-  // The indexes of its tables that somebody holds; see table_index.h.
+  // The indexes of its tables that are held; see table_index.h.
   std::vector<std::weak_ptr<TableIndex>> indexes;
   // The walks that have begun.
   std::vector<Walk*> walks;
@@ -49,29 +49,16 @@ struct OpenDatabase {
 
   ~OpenDatabase();
 
-  // Reports a change to the walks, of which those go on that it does not concern. To be called once
-  // for the latest step of `changes`.
+  // Reports a change to the walks: those that it does not concern keep what they have read ahead.
+  // To be called once after each raise of `changes`.
   void noteChange(const RecordChange& change);
 
-  // To be called before the handle is closed: the batch that is open is discarded.
+  // To be called before the handle is closed: discards the batch that is open.
   void discardBulk() noexcept;
 };
 
-// The length of one reading operation: gives the file position back and ends the transfer scope
-// however the operation is left.
-class ReadScope {
- public:
-  explicit ReadScope(int16_t db) : position_(db) {}
-  ~ReadScope() { static_cast<void>(position_.restore(0)); }
-  ReadScope(const ReadScope&) = delete;
-  ReadScope& operator=(const ReadScope&) = delete;
-
- private:
-  qvdbase::engine::SavedPosition position_;
-};
-
-// One operation on an open database: what its errors name. `name` is a literal that goes on from
-// "cannot ...".
+// One operation on an open database: what its errors name. `name` is a literal that follows
+// "cannot ". Its transfers are made within a SavedPosition.
 class Operation {
  public:
   // Throws not_open when there is no database, or a closed one. What the host answered to earlier
@@ -79,7 +66,7 @@ class Operation {
   Operation(const std::shared_ptr<OpenDatabase>& database, const char* name);
 
   int16_t db() const { return database_.handle; }
-  const OpenDatabase& database() const { return database_; }
+  OpenDatabase& database() const { return database_; }
   const char* name() const { return name_; }
 
   // Where the host has failed meanwhile, what seems to be damage is cannot_read instead.
@@ -89,7 +76,10 @@ class Operation {
   // Throws read_only unless the handle may write.
   void requireWritable() const;
 
-  // Throws bad_argument for the identifier of a new record that is 0, which stands for none.
+  // Throws too_large for more bytes than a length in the file can count; returns their number.
+  uint32_t requireSize(uint64_t bytes) const;
+
+  // Throws bad_argument for the identifier of a new record that is 0, which means no record.
   void requireIdentifier(Id record) const;
 
   // Throws appender_open when there is an open batch, for operations that append to the file.
@@ -123,23 +113,23 @@ class Operation {
   uint64_t fileLength() const;
 
   // Names the table in the errors that follow. table() does that for the one it finds.
-  void about(const tablePart1& slot) const;
   void about(std::string_view table) const;
+  std::string tableName() const;
 
-  // After a write that failed although nothing in the file speaks against it: throws what the host
-  // answered (disk_full, size_limit, ...), or cannot_write. `bytes` are those that the file would
+  // After a write that failed although nothing in the file prevents it: throws what the host
+  // answered (disk_full, size_limit, ...), or cannot_write. `bytes` is by how much the file would
   // have become longer.
   [[noreturn]] void failedWrite(uint64_t bytes) const;
 
   // To be called first after a change that failed: throws the same when the host has refused a
-  // write of it. What is in the file then is a part of the change, and no reason for its failure.
+  // write of it. What the file holds then is a part of the change, not a reason for its failure.
   void failIfWriteWasRefused(uint64_t bytes) const;
 
  private:
   void readSlot(const qvdbase::engine::DirectoryNumbers& numbers, int index,
                 tablePart1* slot) const;
 
-  ErrorDetails details() const;
+  ErrorDetails details(std::optional<uint64_t> recordNumber = std::nullopt) const;
   [[noreturn]] void failAs(Reason reason, const std::string& why, ErrorDetails known) const;
 
   OpenDatabase& database_;

@@ -14,26 +14,18 @@
 
 using namespace qvdbase;
 
-using namespace qvdbase::engine;
-
 namespace qvdb {
 
+using detail::kRead;
 using detail::Operation;
-using detail::ReadScope;
+using engine::SavedPosition;
 
 namespace {
 
-constexpr const char* kRead = "read the record";
-
-// Below this size a payload's buffer is had without asking whether the file can hold it.
+// Below this size a payload's buffer is allocated without asking whether the file is long enough.
 constexpr uint32_t kSmallPayload = 64 * 1024;
 
-[[noreturn]] void failBeyondEnd(const Operation& operation, Id record) {
-  operation.fail(Reason::data_damaged, "the payload of record " + to_string(record) +
-                                           " reaches beyond the end of the file");
-}
-
-// The header of the record's block as it now is; false when no block of this record is there any
+// The header of the record's block as it is now; false when there is no block of this record any
 // more. A table whose identifier has a wrong sum has the same wrong sum in its slot and its blocks.
 bool readPresentHeader(const Operation& operation, Id table, const RecordInfo& info,
                        recordPart1* header) {
@@ -45,29 +37,17 @@ bool readPresentHeader(const Operation& operation, Id table, const RecordInfo& i
          format::identifierNumber(header->recordID) == info.id.value;
 }
 
-// The size that the payload has now. Leaves the file wherever; throws when no block of the record
-// stands there any more or the payload does not lie inside the file.
-uint32_t presentSize(const Operation& operation, Id table, const RecordInfo& info) {
+// The record as it is now. Throws when there is no block of it any more, or its payload does not
+// lie inside the file.
+RecordInfo presentInfo(const Operation& operation, Id table, const RecordInfo& found) {
   recordPart1 header;
-  if (!readPresentHeader(operation, table, info, &header)) {
+  if (!readPresentHeader(operation, table, found, &header)) {
     operation.fail(Reason::record_missing,
-                   "record " + to_string(info.id) + " does not stand any more where it stood");
+                   "record " + to_string(found.id) + " is no longer where it was found");
   }
-  const auto dataPos = static_cast<uint64_t>(info.data_position);
-  if (dataPos + header.dataLength > operation.fileLength()) {
-    failBeyondEnd(operation, info.id);
-  }
-  return header.dataLength;
-}
-
-void readPayload(const Operation& operation, const RecordInfo& info, uint64_t offset,
-                 std::span<std::byte> buffer) {
-  const int64_t from = info.data_position + static_cast<int64_t>(offset);
-  if (myFileSeek(operation.db(), from, kFromStart) != 0 ||
-      !format::readBytes(operation.db(), buffer.data(), static_cast<uint32_t>(buffer.size()))) {
-    operation.fail(Reason::cannot_read,
-                   "the payload of record " + to_string(info.id) + " cannot be read");
-  }
+  const RecordInfo present = detail::recordInfo(header, found.position);
+  detail::requireInsideFile(operation, present);
+  return present;
 }
 
 }  // namespace
@@ -100,11 +80,11 @@ void Record::keepLoaded() {
 
 size_t Record::read(uint64_t offset, std::span<std::byte> buffer) const {
   const Operation operation(database_, kRead);
-  ReadScope scope(operation.db());
-  const uint64_t size = presentSize(operation, table_, info_);
-  if (offset >= size) return 0;
-  const auto count = static_cast<size_t>(std::min<uint64_t>(buffer.size(), size - offset));
-  readPayload(operation, info_, offset, buffer.first(count));
+  SavedPosition scope(operation.db());
+  const RecordInfo present = presentInfo(operation, table_, info_);
+  if (offset >= present.size) return 0;
+  const auto count = static_cast<size_t>(std::min<uint64_t>(buffer.size(), present.size - offset));
+  detail::readPayload(operation, present, offset, buffer.first(count));
   return count;
 }
 
@@ -116,9 +96,10 @@ std::vector<std::byte> Record::payload() const {
 
 void Record::payload(std::vector<std::byte>& buffer) const {
   const Operation operation(database_, kRead);
-  ReadScope scope(operation.db());
-  detail::resizeFor(operation, &buffer, presentSize(operation, table_, info_));
-  readPayload(operation, info_, 0, buffer);
+  SavedPosition scope(operation.db());
+  const RecordInfo present = presentInfo(operation, table_, info_);
+  detail::resizeFor(operation, &buffer, present.size);
+  detail::readPayload(operation, present, 0, buffer);
 }
 
 namespace detail {
@@ -139,28 +120,7 @@ RecordInfo recordInfo(const recordPart1& header, int64_t recordPos) {
   return info;
 }
 
-void readWholePayload(const Operation& operation, const engine::FoundRecord& found,
-                      std::vector<std::byte>* buffer) {
-  const uint32_t size = found.header.dataLength;
-  const auto end = static_cast<uint64_t>(found.recordPos) + format::record::kData + size;
-  if (size > kSmallPayload && end > operation.fileLength()) {
-    failBeyondEnd(operation, Id{format::identifierNumber(found.header.recordID)});
-  }
-  resizeFor(operation, buffer, size);
-  readPayloadStart(operation, found, *buffer);
-}
-
-void readPayloadStart(const Operation& operation, const engine::FoundRecord& found,
-                      std::span<std::byte> buffer) {
-  const auto count =
-      static_cast<uint32_t>(std::min<size_t>(buffer.size(), found.header.dataLength));
-  if (myFileSeek(operation.db(), found.recordPos + format::record::kData, kFromStart) != 0 ||
-      !format::readBytes(operation.db(), buffer.data(), count)) {
-    failBeyondEnd(operation, Id{format::identifierNumber(found.header.recordID)});
-  }
-}
-
-void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, uint32_t size) {
+void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, size_t size) {
   try {
     buffer->resize(size);
   } catch (const std::bad_alloc&) {
@@ -169,10 +129,35 @@ void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, uint3
   }
 }
 
-void failDamagedChain(const Operation& operation, const ChainWalker& walker,
-                      const std::string& table) {
+void requireInsideFile(const Operation& operation, const RecordInfo& info) {
+  if (static_cast<uint64_t>(info.data_position) + info.size <= operation.fileLength()) return;
+  operation.fail(Reason::data_damaged, "the payload of record " + to_string(info.id) +
+                                           " reaches beyond the end of the file");
+}
+
+void appendPayload(const Operation& operation, const RecordInfo& info,
+                   std::vector<std::byte>* buffer) {
+  if (info.size > kSmallPayload) requireInsideFile(operation, info);
+  const size_t from = buffer->size();
+  resizeFor(operation, buffer, from + info.size);
+  readPayload(operation, info, 0, std::span(*buffer).subspan(from));
+}
+
+void readPayload(const Operation& operation, const RecordInfo& info, uint64_t offset,
+                 std::span<std::byte> part) {
+  const int64_t from = info.data_position + static_cast<int64_t>(offset);
+  if (myFileSeek(operation.db(), from, kFromStart) == 0 &&
+      format::readBytes(operation.db(), part.data(), static_cast<uint32_t>(part.size()))) {
+    return;
+  }
+  requireInsideFile(operation, info);
+  operation.fail(Reason::cannot_read,
+                 "the payload of record " + to_string(info.id) + " cannot be read");
+}
+
+void failDamagedChain(const Operation& operation, const ChainWalker& walker) {
   operation.fail(Reason::chain_damaged,
-                 "the records of table '" + table + "' are damaged at record " +
+                 "the records of table '" + operation.tableName() + "' are damaged at record " +
                      std::to_string(walker.number()) + " of " + std::to_string(walker.count()) +
                      ": " + walker.damage(),
                  walker.number());

@@ -75,7 +75,6 @@ struct detail::Walk {
 
   // Reads the payload behind the others of the batch.
   void loadPayload(const Operation& operation, const recordPart1& header, int64_t position) {
-    const size_t from = payloads.size();
     const uint32_t size = header.dataLength;
     if (size == 0) return;
     if (const unsigned char* view =
@@ -84,13 +83,7 @@ struct detail::Walk {
       payloads.insert(payloads.end(), bytes, bytes + size);
       return;
     }
-    engine::FoundRecord found;
-    found.header = header;
-    found.recordPos = position;
-    std::vector<std::byte> payload;
-    readWholePayload(operation, found, &payload);
-    payloads.resize(from + size);
-    std::copy(payload.begin(), payload.end(), payloads.begin() + static_cast<std::ptrdiff_t>(from));
+    appendPayload(operation, recordInfo(header, position), &payloads);
   }
 
   // A payload that cannot be read is an error when the walk gets there, like a damaged header.
@@ -170,14 +163,14 @@ struct detail::Walk {
     payloadAt = 0;
     changesSeen = database->changes;
     if (payloadFailure != nullptr) std::rethrow_exception(std::exchange(payloadFailure, nullptr));
-    if (isDamaged) failDamagedChain(operation, walker, tableName);
+    if (isDamaged) failDamagedChain(operation, walker);
     if (inPiece) isDense = fromPiece >= kLeastOfAPiece;
     fromPiece = 0;
     inPiece = readPiece(operation);
     if (inPiece && takeFromPiece(info, payload)) return true;
     if (inPiece) isDense = inPiece = false;
     if (!isDamaged) readBatch(operation);
-    if (batch.empty() && isDamaged) failDamagedChain(operation, walker, tableName);
+    if (batch.empty() && isDamaged) failDamagedChain(operation, walker);
     return takeFromBatch(info, payload);
   }
 
@@ -236,7 +229,7 @@ struct detail::Walk {
     payloadFailure = nullptr;
     if (isCurrentGone()) return walker.resumeAt(changed.position, delivered);
     const int64_t position = hasCurrent() ? currentPosition() : foundAt;
-    if (!walker.resumeBehind(operation.db(), position, delivered)) {
+    if (!walker.resumeAfter(operation.db(), position, delivered)) {
       operation.fail(Reason::chain_damaged,
                      "record " + std::to_string(delivered) + " of table '" + tableName +
                          "' is not any more where it was",
@@ -269,7 +262,7 @@ void RecordRange::start() {
   done_ = true;
   detail::Walk& walk = *walk_;
   const detail::Operation operation(walk.database, kWalk);
-  detail::ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
   const engine::FoundTable found = operation.table(walk.table);
   auto& walks = walk.database->walks;
   if (std::find(walks.begin(), walks.end(), &walk) == walks.end()) walks.push_back(&walk);
@@ -302,7 +295,8 @@ void RecordRange::readOn(bool hasChanged) {
   done_ = true;  // unless a record follows; an error ends the walk
   detail::Walk& walk = *walk_;
   const detail::Operation operation(walk.database, kWalk);
-  detail::ReadScope scope(operation.db());
+  engine::SavedPosition scope(operation.db());
+  operation.about(walk.tableName);
   if (hasChanged) walk.rereadBehind(operation, current_.info_.position);
   done_ = !walk.refill(operation, &current_.info_, &current_.loaded_);
   if (!done_) ++walk.delivered;

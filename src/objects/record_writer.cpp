@@ -3,13 +3,13 @@
 #include <qvdbase/qvdb/table.hpp>
 #include <qvdbase/qvdb/writer.hpp>
 
-#include <limits>
 #include <utility>
 
 #include "failure/failure.h"
 #include "format/identifiers.h"
 #include "objects/bulk.h"
 #include "objects/open_database.h"
+#include "objects/records.h"
 
 using namespace qvdbase;
 
@@ -53,15 +53,10 @@ void RecordWriter::write(ByteView bytes) {
   requireOpen();
   const Operation operation(bulk_->database, detail::kWrite);
   bulk_->requireOpen(operation);
-  constexpr uint32_t kMost = std::numeric_limits<uint32_t>::max();
-  if (bytes.size() > kMost - size_) {
-    operation.fail(Reason::too_large, "it would be " + std::to_string(bytes.size() + size_) +
-                                          " bytes, and 4,294,967,295 are the most");
-  }
-  const auto* from = reinterpret_cast<const unsigned char*>(bytes.data());
-  const auto count = static_cast<uint32_t>(bytes.size());
-  if (!bulk_->batch.appendPayload(from, count)) bulk_->failed(operation, count);
-  size_ += count;
+  const uint32_t size = operation.requireSize(uint64_t{size_} + bytes.size());
+  const uint32_t count = size - size_;
+  if (!bulk_->batch.appendPayload(detail::bytesOf(bytes), count)) bulk_->failed(operation, count);
+  size_ = size;
 }
 
 Id RecordWriter::finish() {

@@ -1,11 +1,11 @@
 // What the parts of the layer that deal with records share.
 #pragma once
 
+#include <qvdbase/qvdb/bytes.hpp>
 #include <qvdbase/qvdb/record.hpp>
 
 #include <cstdint>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "QVDbase/record_find.h"
@@ -16,36 +16,41 @@
 
 namespace qvdb::detail {
 
+inline constexpr const char* kRead = "read the record";
+
 void storeInfo(const recordPart1& header, int64_t recordPos, RecordInfo* info);
 // The same from the header's bytes.
 inline void storeInfo(const unsigned char* head, int64_t recordPos, RecordInfo* info) {
-  using namespace qvdbase;
-  info->id.value = qvdbase::format::identifierNumber(head + qvdbase::format::record::kRecordID);
-  info->create_time =
-      qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kCreateTime);
-  info->modify_time =
-      qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kModifyTime);
-  info->size =
-      qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataLength);
-  info->capacity =
-      qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataCapacity);
+  using namespace qvdbase::format;
+  info->id.value = identifierNumber(head + record::kRecordID);
+  info->create_time = loadBigEndian<uint32_t>(head + record::kCreateTime);
+  info->modify_time = loadBigEndian<uint32_t>(head + record::kModifyTime);
+  info->size = loadBigEndian<uint32_t>(head + record::kDataLength);
+  info->capacity = loadBigEndian<uint32_t>(head + record::kDataCapacity);
   info->position = recordPos;
-  info->data_position = recordPos + qvdbase::format::record::kData;
+  info->data_position = recordPos + record::kData;
 }
 RecordInfo recordInfo(const recordPart1& header, int64_t recordPos);
 
+// What a caller passes, as the engine takes it.
+inline const unsigned char* bytesOf(ByteView bytes) {
+  return reinterpret_cast<const unsigned char*>(bytes.data());
+}
+
 // Throws too_large when there is not enough memory.
-void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, uint32_t size);
+void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, size_t size);
 
-// Read the payload of a record whose header has been read: all of it, or as much of its beginning
-// as the buffer takes. Throw data_damaged when it reaches beyond the end of the file.
-void readWholePayload(const Operation& operation, const qvdbase::engine::FoundRecord& found,
-                      std::vector<std::byte>* buffer);
-void readPayloadStart(const Operation& operation, const qvdbase::engine::FoundRecord& found,
-                      std::span<std::byte> buffer);
+// Throws data_damaged when a payload reaches beyond the end of the file.
+void requireInsideFile(const Operation& operation, const RecordInfo& info);
 
-// Throws chain_damaged for the walker's last step.
-[[noreturn]] void failDamagedChain(const Operation& operation, const ChainWalker& walker,
-                                   const std::string& table);
+// Read a payload by what its record's header says now: all of it, after what the buffer holds, or a
+// part that it covers. Throw data_damaged when it reaches beyond the end of the file.
+void appendPayload(const Operation& operation, const RecordInfo& info,
+                   std::vector<std::byte>* buffer);
+void readPayload(const Operation& operation, const RecordInfo& info, uint64_t offset,
+                 std::span<std::byte> part);
+
+// Throws chain_damaged for the walker's last step. The operation knows the table.
+[[noreturn]] void failDamagedChain(const Operation& operation, const ChainWalker& walker);
 
 }  // namespace qvdb::detail

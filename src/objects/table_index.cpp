@@ -31,8 +31,8 @@ namespace detail {
 namespace {
 
 // How much is read around a record that is looked up: the header before it, its payload and the
-// header behind it, when records lie in order and have about the usual size. Small records get room
-// for a few dead blocks between them: some hundred bytes more cost a read next to nothing.
+// header after it, when records lie in order and have about the usual size. For small records it
+// covers a few dead blocks between them too: some hundred bytes more cost a read next to nothing.
 constexpr int64_t kLeastAround = 512;
 constexpr int64_t kMostAround = 4096;
 
@@ -45,11 +45,11 @@ Id tableOf(const tablePart1& slot) {
 void readNeighbourhood(int16_t db, const TableIndex& index, int64_t position) {
   const int64_t before = std::clamp(index.usualBlock, kLeastAround, kMostAround);
   const int64_t from = std::max<int64_t>(0, position - before);
-  const int64_t behind = before + format::record::kData;
-  support::readAhead(db, from, static_cast<uint32_t>(position - from + behind));
+  const int64_t after = before + format::record::kData;
+  support::readAhead(db, from, static_cast<uint32_t>(position - from + after));
 }
 
-// Whether a record of this table stands at a place, with this position in one of its links.
+// Whether there is a record of this table at recordPos, with this position in one of its links.
 bool linksTo(int16_t db, int64_t recordPos, const unsigned char* tableID, int64_t link,
              int64_t position) {
   recordPart1 header;
@@ -63,7 +63,7 @@ bool linksTo(int16_t db, int64_t recordPos, const unsigned char* tableID, int64_
          static_cast<int64_t>(format::loadBigEndian<uint64_t>(block + link)) == position;
 }
 
-// The neighbours that are records; the ends of the chain are the slot's affair.
+// The neighbours that are records. At the ends of the chain it is the slot that is asked.
 bool neighboursPointBack(int16_t db, const unsigned char* tableID, const recordPart1& header,
                          int64_t position) {
   using namespace format::record;
@@ -93,7 +93,7 @@ bool verify(const Operation& operation, const TableIndex& index, Id record,
           slotAgrees(operation.table(index.table).slot, found->header, found->recordPos));
 }
 
-// The distance between blocks, with a quarter to spare for the larger ones.
+// The distance between blocks, and a quarter more for the larger ones.
 int64_t usualBlock(const tablePart1& slot) {
   if (slot.firstRecordPos < 0 || slot.lastRecordPos < 0) return 0;
   const int64_t records = std::max<int64_t>(1, slot.recordCount);
@@ -102,15 +102,13 @@ int64_t usualBlock(const tablePart1& slot) {
 }
 
 bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index) {
-  for (;;) {
-    recordPart1 header;
-    int64_t position = 0;
-    const ChainWalker::Step step = walker.next(operation.db(), &header, &position);
-    if (step == ChainWalker::Step::end) return true;
-    if (step == ChainWalker::Step::damaged) return false;
+  recordPart1 header;
+  int64_t position = 0;
+  while (walker.next(operation.db(), &header, &position) == ChainWalker::Step::record) {
     const bool isNew = index.map.insert(format::identifierNumber(header.recordID), position);
     index.hasDuplicates = index.hasDuplicates || !isNew;
   }
+  return !walker.isDamaged();
 }
 
 }  // namespace
@@ -142,7 +140,7 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
   index.hasDuplicates = false;
   index.map.clear();
   const tablePart1 slot = operation.table(index.table).slot;
-  // To grow while it is filled would take more than twice the memory. The file's length bounds what
+  // Growing while it is filled would take more than twice the memory. The file's length bounds what
   // a damaged count asks for.
   index.map.reserve(static_cast<size_t>(
       std::min<uint64_t>(slot.recordCount, operation.fileLength() / kSmallestBlock)));
@@ -206,10 +204,14 @@ void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
   if (index->hasDuplicates) index->isStale = true;
 }
 
-bool standsInChain(int16_t db, const tablePart1& slot, const recordPart1& header,
-                   int64_t position) {
-  return slotAgrees(slot, header, position) &&
-         neighboursPointBack(db, slot.tableID, header, position);
+void markIndexStale(OpenDatabase& database, Id table) {
+  if (const std::shared_ptr<TableIndex> index = indexOf(database, table)) index->isStale = true;
+}
+
+bool isInChain(int16_t db, const engine::FoundRecord& found) {
+  const tablePart1& slot = found.table.slot;
+  return slotAgrees(slot, found.header, found.recordPos) &&
+         neighboursPointBack(db, slot.tableID, found.header, found.recordPos);
 }
 
 }  // namespace detail

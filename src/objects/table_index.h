@@ -12,8 +12,8 @@
 
 namespace qvdb::detail {
 
-// What a table's slot says of its chain. As long as it is what the index remembers, no record was
-// added or deleted that the index was not told of.
+// What a table's slot says of its chain. While it is what the index remembers, no record was added
+// or deleted without being noted in the index.
 struct ChainState {
   uint32_t recordCount = 0;
   uint32_t recordWriteCount = 0;
@@ -40,11 +40,12 @@ enum class Answer { found, absent, unknown };
 // The index of a table while one is held, else null.
 std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table);
 
-// Makes the table's index known to the database for as long as somebody holds it.
+// Makes an index of the table, or returns the present one. The database knows it for as long as it
+// is held.
 std::shared_ptr<TableIndex> makeIndex(OpenDatabase& database, Id table);
 
-// Builds the index in one walk. False when the chain is damaged, which *walker tells more about (it
-// may be null); the index stays stale then.
+// Builds the index in one walk. False when the chain is damaged: the index stays stale then, and
+// *walker, unless it is null, knows where and how.
 bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walker = nullptr);
 
 // Looks a record up and verifies it against the file. The caller holds a scope; after `found` the
@@ -52,13 +53,16 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
 Answer askIndex(const Operation& operation, TableIndex& index, Id record,
                 qvdbase::engine::FoundRecord* found);
 
-// To be told of every change of a chain, with the slot as it is now.
+// Note every change of a chain in the table's index, with the slot as it is now.
 void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
 void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
 void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record);
 
-// Whether the record at a position is in the chain: both neighbours, or the slot where it has none,
-// must say so.
-bool standsInChain(int16_t db, const tablePart1& slot, const recordPart1& header, int64_t position);
+// After changes that are not noted: the index of the table, if there is one, is built again.
+void markIndexStale(OpenDatabase& database, Id table);
+
+// Whether a record is in its table's chain: both neighbours, or the slot where it has none, must
+// lead to it.
+bool isInChain(int16_t db, const qvdbase::engine::FoundRecord& found);
 
 }  // namespace qvdb::detail

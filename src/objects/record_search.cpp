@@ -1,0 +1,57 @@
+// Locating a record: where it was found before, by the table's index, or along the chain.
+#include "objects/record_search.h"
+
+#include "format/identifiers.h"
+#include "objects/chain_walker.h"
+#include "objects/records.h"
+#include "objects/table_index.h"
+
+using namespace qvdbase;
+
+namespace qvdb::detail {
+namespace {
+
+using engine::FoundRecord;
+
+Located walkTo(const Operation& operation, Id table, Id record, FoundRecord* found) {
+  found->table = operation.table(table);
+  ChainWalker walker(found->table.slot);
+  while (walker.next(operation.db(), &found->header, &found->recordPos) ==
+         ChainWalker::Step::record) {
+    if (format::identifierNumber(found->header.recordID) != record.value) continue;
+    const bool endsEarly = found->header.nextRecordPos == 0 && !walker.isAtCount();
+    return endsEarly ? Located::atEarlyEnd : Located::alongChain;
+  }
+  if (walker.isDamaged()) failDamagedChain(operation, walker);
+  return Located::no;
+}
+
+}  // namespace
+
+Located locate(const Operation& operation, Id table, Id record, FoundRecord* found) {
+  if (const std::shared_ptr<TableIndex> index = indexOf(operation.database(), table)) {
+    found->table.slotSize = 0;
+    const Answer answer = askIndex(operation, *index, record, found);
+    if (answer != Answer::unknown) return answer == Answer::found ? Located::byIndex : Located::no;
+  }
+  return walkTo(operation, table, record, found);
+}
+
+Located locate(const Operation& operation, Id table, const Record& record, FoundRecord* found) {
+  if (readInChain(operation, table, record.id(), record.info().position, found)) {
+    return Located::inPlace;
+  }
+  return locate(operation, table, record.id(), found);
+}
+
+bool readInChain(const Operation& operation, Id table, Id record, int64_t position,
+                 FoundRecord* found) {
+  found->table = operation.table(table);
+  found->recordPos = position;
+  return engine::readRecordHeaderAt(operation.db(), position, found->table.slot.tableID,
+                                    &found->header) &&
+         format::identifierNumber(found->header.recordID) == record.value &&
+         isInChain(operation.db(), *found);
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,99 @@
+// qvdb::Table: the table's block of data.
+#include <qvdbase/qvdbase.h>
+#include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/table.hpp>
+
+#include <algorithm>
+
+#include "QVDbase/table_data.h"
+#include "format/fields.h"
+#include "objects/failed_append.h"
+#include "objects/open_database.h"
+#include "objects/records.h"
+
+using namespace qvdbase;
+
+namespace qvdb {
+
+using detail::Operation;
+using engine::SavedPosition;
+
+namespace {
+
+// The block of table data: where its data begins, and its size. Nothing when the table has none.
+struct DataBlock {
+  int64_t dataPos;
+  uint32_t size;
+};
+
+std::optional<DataBlock> findData(const Operation& operation, Id table) {
+  const engine::FoundTable found = operation.table(table);
+  if (found.slot.firstDataPos == 0) return std::nullopt;
+  format::TableDataHead header;
+  if (!engine::readTableDataHead(operation.db(), found.slot.firstDataPos, found.slot.tableID,
+                                 &header)) {
+    operation.fail(Reason::data_damaged, "the block with the data of table '" +
+                                             operation.tableName() + "' is not where it should be");
+  }
+  const DataBlock block{found.slot.firstDataPos + format::tabledata::kData, header.dataLength};
+  if (static_cast<uint64_t>(block.dataPos) + block.size > operation.fileLength()) {
+    operation.fail(Reason::data_damaged, "the data of table '" + operation.tableName() +
+                                             "' reaches beyond the end of the file");
+  }
+  return block;
+}
+
+void readData(const Operation& operation, int64_t position, std::span<std::byte> buffer) {
+  if (myFileSeek(operation.db(), position, kFromStart) == 0 &&
+      format::readBytes(operation.db(), buffer.data(), static_cast<uint32_t>(buffer.size()))) {
+    return;
+  }
+  operation.fail(Reason::cannot_read, "the data cannot be read");
+}
+
+}  // namespace
+
+std::optional<uint32_t> Table::data_size() const {
+  const Operation operation(database_, "look at the table's data");
+  SavedPosition scope(operation.db());
+  const std::optional<DataBlock> block = findData(operation, id_);
+  if (!block) return std::nullopt;
+  return block->size;
+}
+
+std::optional<std::vector<std::byte>> Table::data() const {
+  const Operation operation(database_, "read the table's data");
+  SavedPosition scope(operation.db());
+  const std::optional<DataBlock> block = findData(operation, id_);
+  if (!block) return std::nullopt;
+  std::vector<std::byte> data;
+  detail::resizeFor(operation, &data, block->size);
+  readData(operation, block->dataPos, data);
+  return data;
+}
+
+size_t Table::read_data(uint64_t offset, std::span<std::byte> buffer) const {
+  const Operation operation(database_, "read the table's data");
+  SavedPosition scope(operation.db());
+  const std::optional<DataBlock> block = findData(operation, id_);
+  if (!block || offset >= block->size) return 0;
+  const auto count = static_cast<size_t>(std::min<uint64_t>(buffer.size(), block->size - offset));
+  readData(operation, block->dataPos + static_cast<int64_t>(offset), buffer.first(count));
+  return count;
+}
+
+void Table::set_data(ByteView data, uint32_t reserve) {
+  const Operation operation(database_, "set the table's data");
+  const uint32_t size = operation.requireSize(data.size());
+  operation.requireWritable();
+  operation.requireNoBulk();
+  const auto end = static_cast<int64_t>(operation.fileLength());
+  if (SetTableData(operation.db(), id_.value, detail::bytesOf(data), size, reserve) == 1) return;
+  const uint64_t length = uint64_t{std::max(size, reserve)} + format::kTableDataBlockOverhead;
+  detail::takeBack(operation, id_, end, {}, length);
+  SavedPosition scope(operation.db());
+  static_cast<void>(findData(operation, id_));
+  operation.failedWrite(length);
+}
+
+}  // namespace qvdb
