@@ -78,6 +78,7 @@ bool RecordBatch::add(const BatchRecord& record, const unsigned char* payload) {
 
 bool RecordBatch::canAdd(int64_t blockSize) const {
   constexpr int64_t kFarthest = std::numeric_limits<int64_t>::max() - 2 * int64_t{kPieceSize};
+  // unreached: no file is that long
   return !failed_ && !open_.isOpen && piecePos_ <= kFarthest - blockSize &&
          table_.slot.recordCount <= UINT32_MAX - added_.count - 1;
 }
@@ -266,6 +267,7 @@ bool RecordBatch::closeInFile() {
   const uint32_t fill = open_.header.dataCapacity - open_.length;
   const bool written = standsAtEnd(int64_t{rest} + fill + 1) &&
                        writeBytes(db_, piece_.data(), rest) && writeBlockEnd(db_, fill) &&
+                       // unreached: own position
                        myFileSeek(db_, open_.blockPos + record::kDataLength, kFromStart) == 0 &&
                        writeUint32(db_, open_.header.dataLength) &&
                        writeUint32(db_, open_.header.dataCapacity) && linkToWritten(open_.blockPos);
@@ -289,6 +291,7 @@ bool RecordBatch::linkToWritten(int64_t pieceFirst) {
 bool RecordBatch::endsSoundly() {
   recordPart1 last;
   if (!readRecordHeaderAt(db_, written_.last, table_.slot.tableID, &last)) return false;
+  // unreached: needs two failures, the second alone
   return last.nextRecordPos == 0 || writeLink(db_, written_.last, record::kNextRecordPos, 0);
 }
 

@@ -17,6 +17,7 @@ namespace {
 int64_t lengthOf(int16_t db) {
   const platform::OpenFile* file = platform::findOpenFile(db);
   int64_t length = 0;
+  // unreached: the file is open
   return file != nullptr && platform::fileLength(*file, &length) ? length : -1;
 }
 
@@ -29,7 +30,7 @@ bool blankOut(int16_t db, const Appended& appended, int64_t length) {
   static constexpr unsigned char kZeros[32768] = {};
   CallScope scope;
   const int64_t end = std::min(appended.end, length);
-  if (myFileSeek(db, appended.from, kFromStart) != 0) return false;
+  if (myFileSeek(db, appended.from, kFromStart) != 0) return false;  // unreached: own position
   for (int64_t at = appended.from; at < end; at += int64_t{sizeof kZeros}) {
     const auto count = static_cast<uint32_t>(std::min(end - at, int64_t{sizeof kZeros}));
     if (!writeBytes(db, kZeros, count)) return false;
