@@ -1,4 +1,4 @@
-// An open batch: from its making to the taking in of its records, or to their removal.
+// An open batch: from its beginning until its records are linked into the table, or removed.
 #include "objects/bulk.h"
 
 #include <qvdbase/qvdb/error.hpp>
@@ -56,7 +56,7 @@ engine::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id> 
   return entry;
 }
 
-// An index is built again when it is next used, which costs less than noting many records in it.
+// After many records the index is rebuilt when it is next used: that costs less than noting each.
 void Bulk::finish(const Operation& operation) {
   engine::SavedPosition scope(operation.db());
   ++database->changes;
@@ -99,9 +99,8 @@ void Bulk::failed(const Operation& operation, uint64_t bytes) {
   discard();
   markIndexStale(*database, table);
   if (batch.wasDisturbed()) {
-    operation.fail(
-        Reason::cannot_write,
-        "the file or the table was changed past this layer meanwhile; nothing was added");
+    operation.fail(Reason::cannot_write,
+                   "the file or the table was changed by other means meanwhile; nothing was added");
   }
   engine::SavedPosition scope(operation.db());
   operation.failedWrite(bytes);

@@ -16,8 +16,8 @@ namespace qvdb::detail {
 inline constexpr const char* kAppend = "add the records";
 inline constexpr const char* kWrite = "write the record";
 
-// Known to its database from its making until it is finished or discarded. At most one is open on a
-// database: two would write to the same end of the file.
+// Its database knows it until it is finished or discarded. At most one is open on a database: two
+// would write to the same end of the file.
 struct Bulk {
   enum class State { open, finished, discarded };
 
@@ -32,44 +32,45 @@ struct Bulk {
 
   bool isOpen() const { return state == State::open; }
 
-  // Whether what it has in the file can, and may, be taken back.
+  // Whether what it has written can be taken back: the database is open, and this process made it.
   bool ownsFile() const { return database->handle != 0 && maker.isOwn(); }
 
-  // Throws bad_argument when the batch is not open any more.
+  // Throws bad_argument when the batch is no longer open.
   void requireOpen(const Operation& operation) const;
 
   // Throws appender_open while a record of the batch is written in pieces.
   void requireNoWriter(const Operation& operation) const;
 
-  // What the engine wants to know of a new record, but for the length of its payload. Throws
-  // bad_argument for identifier 0.
+  // A new record as the engine takes it, without the length of its payload. Throws bad_argument for
+  // identifier 0.
   qvdbase::engine::BatchRecord entryOf(const Operation& operation, std::optional<Id> record,
                                        uint32_t reserve);
 
-  // Takes in the records: all of them, or none and the batch is discarded. Throws as failed().
+  // Links the records into the table: all of them, or none, and then the batch is discarded. Throws
+  // as failed().
   void finish(const Operation& operation);
 
-  // Forgets the records and takes them out of the file. No effect on a batch that is not open. In a
-  // child that got the batch by fork nothing is done to the file.
+  // Forgets the records and takes them out of the file. No effect on a batch that is not open. A
+  // child process that got the batch by fork leaves the file alone.
   void discard() noexcept;
 
-  // The same for the record that a writer has open; the batch goes on without it.
+  // The same for the record that a writer has open; the batch continues without it.
   void dropRecord() noexcept;
 
-  // Adds what add() of an appender adds. Throws too_large and as failed().
+  // Adds a whole record. Throws too_large, and as failed().
   void add(const Operation& operation, const NewRecord& record);
 
-  // After a write that failed: discards, and throws the reason. `bytes` are those that were wanted
-  // at least.
+  // After a write that failed: discards the batch and throws the reason. `bytes` is by how much the
+  // file would have become longer, at least.
   [[noreturn]] void failed(const Operation& operation, uint64_t bytes);
 
   std::shared_ptr<OpenDatabase> database;
   Id table;
   qvdbase::engine::RecordBatch batch;
   qvdbase::format::IdentifierSeries identifiers;
-  Id latest;  // of the record that was added last; one that a writer has open is not yet
+  Id latest;  // of the record that was added last, not counting one that a writer has open
   State state = State::discarded;
-  bool inPieces = false;  // a RecordWriter is at work on it
+  bool inPieces = false;  // a RecordWriter has a record open
   qvdbase::platform::ProcessMark maker;
 };
 

@@ -25,7 +25,7 @@ BulkAppender& BulkAppender::operator=(BulkAppender&& other) noexcept {
   return *this;
 }
 
-// A writer that is still there keeps the batch, but not its records.
+// A writer that still exists keeps the batch, but not its records.
 BulkAppender::~BulkAppender() {
   if (bulk_ != nullptr) bulk_->discard();
 }

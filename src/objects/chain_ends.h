@@ -1,4 +1,4 @@
-// The look at the ends of every chain that opening with `check` takes.
+// Checking the ends of every chain, for opening with `check`.
 #pragma once
 
 #include <qvdbase/qvdb/database.hpp>

@@ -1,4 +1,4 @@
-// qvdb::Database: creating, opening, closing, tables by name.
+// qvdb::Database: creating, opening, closing, and the header.
 #include <qvdbase/qvdbase.h>
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
@@ -11,7 +11,6 @@
 #include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
-#include "format/Aliment8.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
@@ -28,6 +27,7 @@ namespace qvdb {
 
 using detail::OpenDatabase;
 using detail::Operation;
+using engine::SavedPosition;
 
 namespace {
 
@@ -52,7 +52,7 @@ bool isUsableVersion(uint16_t version) {
 }
 
 DatabaseInfo readInfo(const Operation& operation) {
-  engine::SavedPosition scope(operation.db());
+  SavedPosition scope(operation.db());
   internal_Head1 head;
   if (internal_GetDBHead1(operation.db(), &head) != 1) {
     static_cast<void>(operation.directory());
@@ -86,7 +86,7 @@ Database::~Database() {
   CloseDBase(std::exchange(state_->handle, 0));
 }
 
-// What this object held closes here, not when the other one happens to go.
+// What this object held is closed here, not when the other object is destroyed.
 Database& Database::operator=(Database&& other) noexcept {
   Database taken(std::move(other));
   state_.swap(taken.state_);
@@ -128,13 +128,13 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {
   Database database(openState(path, mode, kOpen));
-  engine::SavedPosition scope(database.handle());
+  SavedPosition scope(database.handle());
   static_cast<void>(Operation(database.state_, kOpen).directory());
   return database;
 }
 
-// A file that appears between looking and creating was created by another process, and is opened;
-// one that cannot be opened then has been removed again, which is an answer, too.
+// A file that appears between looking and creating was created by another process, and is opened.
+// If it cannot be opened then, it was removed again, and that is the error.
 Database Database::openOrCreate(const std::filesystem::path& path, Mode mode) {
   try {
     return open(path, mode);
@@ -215,12 +215,10 @@ Mode Database::mode() const {
 }
 
 DatabaseInfo Database::info() const {
-  static_cast<void>(state());
   return readInfo(Operation(state_, "read the header"));
 }
 
 void Database::set_version(uint16_t version) {
-  static_cast<void>(state());
   const Operation operation(state_, "set the version");
   if (!isUsableVersion(version)) {
     operation.fail(Reason::bad_argument, "a version lies between 100 and 199");
@@ -229,98 +227,7 @@ void Database::set_version(uint16_t version) {
   if (SetDBaseVersion(operation.db(), version) != 1) operation.failedWrite(0);
 }
 
-std::vector<Table> Database::tables() const {
-  static_cast<void>(state());
-  const Operation operation(state_, "list the tables");
-  engine::SavedPosition scope(operation.db());
-  std::vector<Table> tables;
-  tablePart1 slot;
-  static_cast<void>(operation.findSlot(&slot, [&](const tablePart1& used) {
-    const Id id{format::identifierNumber(used.tableID)};
-    tables.push_back(Table(state_, id, format::storedName(used)));
-    return false;
-  }));
-  return tables;
-}
-
-std::optional<Table> Database::find_table(std::string_view name) const {
-  static_cast<void>(state());
-  const Operation operation(state_, "find the table");
-  engine::SavedPosition scope(operation.db());
-  tablePart1 slot;
-  if (!operation.findSlot(
-          &slot, [name](const tablePart1& used) { return format::storedName(used) == name; })) {
-    return std::nullopt;
-  }
-  return Table(state_, Id{format::identifierNumber(slot.tableID)}, std::string(name));
-}
-
-std::optional<Table> Database::find_table(Id table) const {
-  static_cast<void>(state());
-  const Operation operation(state_, "find the table");
-  engine::SavedPosition scope(operation.db());
-  tablePart1 slot;
-  if (!operation.findSlot(&slot, [table](const tablePart1& used) {
-        return format::identifierNumber(used.tableID) == table.value;
-      })) {
-    return std::nullopt;
-  }
-  return Table(state_, table, format::storedName(slot));
-}
-
-bool Database::contains(std::string_view name) const {
-  return find_table(name).has_value();
-}
-
-bool Database::contains(Id table) const {
-  return find_table(table).has_value();
-}
-
-Table Database::table(std::string_view name) const {
-  std::optional<Table> found = find_table(name);
-  if (found) return *std::move(found);
-  Operation(state_, "find the table")
-      .failMissingTable(std::string(name), "it has no table named '" + std::string(name) + "'");
-}
-
-Table Database::add_table(std::string_view name) {
-  static_cast<void>(state());
-  const Operation operation(state_, "add the table");
-  if (name.empty() || name.find('\0') != std::string_view::npos) {
-    operation.fail(Reason::bad_name, "a table name has at least one byte, and no zero bytes");
-  }
-  if (name.size() > format::kTableNameSize) {
-    operation.fail(Reason::name_too_long, "a table name has at most 32 bytes, and this one has " +
-                                              std::to_string(name.size()));
-  }
-  operation.about(name);
-  operation.requireWritable();
-  const uint64_t id = AddTable(operation.db(), std::string(name).c_str());
-  if (id != 0) return Table(state_, Id{id}, std::string(name));
-
-  operation.failIfWriteWasRefused(0);
-  engine::SavedPosition scope(operation.db());
-  tablePart1 slot;
-  if (operation.findSlot(
-          &slot, [name](const tablePart1& used) { return format::storedName(used) == name; })) {
-    operation.fail(Reason::table_exists,
-                   "a table named '" + std::string(name) + "' exists already");
-  }
-  const engine::DirectoryNumbers numbers = operation.directory();
-  if (numbers.tableCount >= numbers.slotCount - 1) {
-    operation.fail(Reason::directory_full, "it has " + std::to_string(numbers.tableCount) +
-                                               " tables, and no room for more");
-  }
-  operation.failedWrite(0);
-}
-
-Table Database::find_or_add_table(std::string_view name) {
-  std::optional<Table> found = find_table(name);
-  return found ? *std::move(found) : add_table(name);
-}
-
 void Database::sync() {
-  static_cast<void>(state());
   const Operation operation(state_, "wait for the device");
   if (!platform::syncFile(operation.db())) {
     operation.fail(Reason::cannot_write, "the system reports a failure");

@@ -52,7 +52,7 @@ void IndexMap::replace(uint64_t key, int64_t position) {
   if (entry.position != 0) entry.position = position;
 }
 
-// Entries behind the gap move into it unless that would put them before their home.
+// Entries after the gap move into it unless that would put them before their home.
 void IndexMap::erase(uint64_t key) {
   if (size_ == 0) return;
   size_t gap = placeOf(key);

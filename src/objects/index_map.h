@@ -10,26 +10,26 @@
 
 namespace qvdb::detail {
 
-// Identifiers are not random in all their bits, and whoever makes a file chooses them: the hash is
-// another one in each process.
+// Identifiers are not random in all their bits, and the maker of a file can choose them: so the
+// hash differs from process to process.
 //
-// Open addressing with linear probing; erasing moves later entries back, so that there are no
+// Open addressing with linear probing. Erasing moves later entries back, so that there are no
 // tombstones and a search ends at the first empty place. Position 0 marks an empty place: no record
-// stands there.
+// is at the beginning of a file.
 class IndexMap {
  public:
   explicit IndexMap(const qvdbase::support::HashSeed& seed = qvdbase::support::hashSeed())
       : seed_(seed) {}
 
-  // Makes room for so many keys at once, with a few to come, in a map that is empty. Throws
+  // Allocates places for so many keys, and for a few more, in a map that is empty. Throws
   // std::bad_alloc.
   void reserve(size_t count);
 
-  // Keeps the position that is there already. Returns whether there was none. Throws
+  // Adds a key. False, with its position unchanged, when it is there already. Throws
   // std::bad_alloc.
   bool insert(uint64_t key, int64_t position);
 
-  // Sets the position of a key that is there; no effect on others.
+  // Sets the position of a key that is there; no effect for one that is not.
   void replace(uint64_t key, int64_t position);
 
   void erase(uint64_t key);
@@ -37,7 +37,7 @@ class IndexMap {
   void clear();
 
   size_t size() const { return size_; }
-  // How many places a search for this key looks at.
+  // How many places a search for this key visits.
   size_t stepsTo(uint64_t key) const;
   size_t bytes() const { return places_.capacity() * sizeof(Entry); }
 

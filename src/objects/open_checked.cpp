@@ -1,12 +1,11 @@
 // qvdb::open_checked: a look at the ends of every chain.
 //
-// The slot is the last thing that most operations write. So a state that an operation left
-// unfinished shows at the ends of a chain: the last record has a successor that is not counted, or
-// the record that the slot names is no longer the one that its neighbour names.
+// Most operations write the slot last. So an operation that was interrupted shows at the ends of a
+// chain: the last record has a successor that is not counted, or the record that the slot names is
+// no longer the one that its neighbour names.
 #include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/error.hpp>
 
-#include <cstring>
 #include <optional>
 #include <utility>
 
@@ -51,7 +50,7 @@ class Ends {
     return atLast != nullptr ? atLast : problemAtLastWritten(slot_.lastWrittenRecordPos);
   }
 
-  // What is appended now, to whichever table, would be taken for the bytes that are missing.
+  // A block that is appended now, to any table, would be taken for the bytes that are missing.
   const char* problemBeyondFile() const {
     if (slot_.recordCount == 0) return nullptr;
     const std::optional<recordPart1> head = recordAt(slot_.lastRecordPos);
@@ -84,7 +83,7 @@ class Ends {
     return pointsHere ? nullptr : "the record before the last one leads somewhere else";
   }
 
-  // It may have left the chain since; then neither neighbour names it.
+  // It may have left the chain since then: then neither neighbour names it.
   const char* problemAtLastWritten(int64_t position) const {
     const std::optional<recordPart1> head = recordAt(position);
     if (!head) return nullptr;
@@ -102,26 +101,20 @@ class Ends {
   std::optional<recordPart1> recordAt(int64_t position) const {
     unsigned char bytes[format::record::kData];
     if (source_.readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
-    const recordPart1 head = format::decodeRecordHead(bytes);
-    const bool isOwn = head.blockMark == format::kRecordMark &&
-                       head.headerSize == format::kRecordHeaderSize &&
-                       std::memcmp(head.tableID, slot_.tableID, sizeof head.tableID) == 0;
-    return isOwn ? std::optional(head) : std::nullopt;
+    if (!format::isRecordOf(bytes, slot_.tableID)) return std::nullopt;
+    return format::decodeRecordHead(bytes);
   }
 
   const ByteSource& source_;
   const tablePart1& slot_;
 };
 
-[[noreturn]] void fail(const std::filesystem::path& path, Reason reason, const std::string& why,
-                       const std::string& table = {}, const char* operation = kOperation) {
+[[noreturn]] void failChain(const std::filesystem::path& path, const char* operation,
+                            const Slot& slot, const char* problem) {
   ErrorDetails known;
-  known.table = table;
-  failure::throwError(path, operation, reason, why, std::move(known));
-}
-
-std::string describe(const Slot& slot, const char* problem) {
-  return "table " + check::shown(format::storedName(slot.fields)) + ": " + problem;
+  known.table = format::storedName(slot.fields);
+  const std::string why = "table " + check::shown(known.table) + ": " + problem;
+  failure::throwError(path, operation, Reason::chain_damaged, why, std::move(known));
 }
 
 }  // namespace
@@ -140,17 +133,17 @@ void detail::checkEnds(const Database& database) {
   survey::readDirectory(file.source(), {}, &survey);
   if (survey.header.tableCount < 0 ||
       survey.header.tableCount > static_cast<int>(survey.slots.size())) {
-    fail(path, Reason::directory_damaged, "the number of tables is impossible");
+    failure::throwError(path, kOperation, Reason::directory_damaged,
+                        "the number of tables is impossible");
   }
   for (const Slot& slot : survey.slots) {
     if (!slot.counted) break;
     if (!slot.holdsTable()) {
-      fail(path, Reason::directory_damaged,
-           "slot " + std::to_string(slot.index) + " lacks its marks");
+      failure::throwError(path, kOperation, Reason::directory_damaged,
+                          "slot " + std::to_string(slot.index) + " lacks its marks");
     }
-    if (const char* problem = Ends(file.source(), slot.fields).problem()) {
-      fail(path, Reason::chain_damaged, describe(slot, problem), format::storedName(slot.fields));
-    }
+    const char* problem = Ends(file.source(), slot.fields).problem();
+    if (problem != nullptr) failChain(path, kOperation, slot, problem);
   }
 }
 
@@ -164,9 +157,7 @@ void check_ends(const Database& database, Id table) {
     const Ends ends(file.source(), slot.fields);
     const bool isAsked = format::identifierNumber(slot.fields.tableID) == table.value;
     const char* problem = isAsked ? ends.problem() : ends.problemBeyondFile();
-    if (problem == nullptr) continue;
-    fail(database.path(), Reason::chain_damaged, describe(slot, problem),
-         format::storedName(slot.fields), kWriting);
+    if (problem != nullptr) failChain(database.path(), kWriting, slot, problem);
   }
 }
 

@@ -30,10 +30,10 @@ void OpenDatabase::discardBulk() noexcept {
 
 namespace {
 
-// Tables and records that were made without a database have none.
+// Objects of the layer that were made without a database have none.
 OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const char* operation) {
   if (database != nullptr) return *database;
-  failure::throwError(operation, Reason::not_open, "it belongs to no database");
+  failure::throwError(operation, Reason::not_open, "no database is open");
 }
 
 // Whether it says that something in the file is wrong or missing, as far as it could be read.

@@ -11,8 +11,8 @@
 
 namespace qvdb::detail {
 
-// Between two tries. The lock of another process cannot be waited for without a limit in time, so
-// it is asked for again.
+// Between two tries. The system can wait for a lock only without a limit in time, so the lock is
+// tried again and again.
 inline constexpr uint64_t kPauseMicroseconds = 10'000;
 
 // Calls `attempt` until it does not throw in_use, for `wait` at most, and at least once.

@@ -234,6 +234,7 @@ class DamagedChain : public LayerTest {
     } catch (const qvdb::Error& error) {
       EXPECT_EQ(error.reason(), Reason::chain_damaged) << error.what();
       EXPECT_EQ(error.record_number(), expectedRecord) << error.what();
+      EXPECT_EQ(error.table(), "notes") << error.what();
     }
     return seen;
   }
@@ -293,6 +294,21 @@ TEST_F(DamagedChain, MakesChangesFailWithTheReason) {
   expectError(Reason::chain_damaged, [&] { table.touch(qvdb::Id{0xA4}); });
 }
 
+// The record can be read, but a change of it would have to be of the last one.
+TEST_F(DamagedChain, ThatEndsEarlyKeepsTheRecordWithWhichItEnds) {
+  image.record(at[3]).nextRecordPos = 0;
+  auto database = openImage(image);
+  auto table = database.table("notes");
+  const qvdb::Id id{0xA3};
+  EXPECT_EQ(bytes(table.get(id)), pattern(20, 4));
+  expectError(Reason::chain_damaged, [&] { table.modify(id, span(pattern(3))); });
+  expectError(Reason::chain_damaged, [&] { table.modify(id, span(pattern(30))); });
+  expectError(Reason::chain_damaged, [&] { table.write(id, 0, span(pattern(3))); });
+  expectError(Reason::chain_damaged, [&] { table.remove(id); });
+  expectError(Reason::chain_damaged, [&] { table.touch(*table.find(id)); });
+  EXPECT_TRUE(sameBytes(contents(), image.build()));
+}
+
 TEST_F(DamagedChain, WhoseLastRecordHasASuccessorTakesNoMore) {
   image.record(at[4]).nextRecordPos = at[1];
   auto database = openImage(image);
@@ -322,6 +338,9 @@ TEST_F(DamagedChain, DoesNotMakeALengthFromTheFileAnAllocation) {
   expectError(Reason::data_damaged, [&] { static_cast<void>(record->payload()); });
   std::vector<std::byte> piece(10);
   expectError(Reason::data_damaged, [&] { record->read(0, piece); });
+  const auto table = database.table("notes");
+  expectError(Reason::data_damaged, [&] { static_cast<void>(table.get(qvdb::Id{0xA1})); });
+  expectError(Reason::data_damaged, [&] { static_cast<void>(table.get(qvdb::Id{0xA1}, piece)); });
 }
 
 TEST_F(DamagedChain, OverwrittenByTheSameProgramDoesNoHarmToAWalkOrARecord) {

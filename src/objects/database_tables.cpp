@@ -1,0 +1,113 @@
+// qvdb::Database: its tables, by name and by identifier.
+#include <qvdbase/qvdbase.h>
+#include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/error.hpp>
+
+#include <utility>
+
+#include "format/Aliment8.h"
+#include "format/identifiers.h"
+#include "format/layout.h"
+#include "objects/open_database.h"
+
+using namespace qvdbase;
+
+namespace qvdb {
+
+using detail::Operation;
+using engine::SavedPosition;
+
+namespace {
+
+constexpr const char* kFind = "find the table";
+
+bool findNamed(const Operation& operation, std::string_view name, tablePart1* slot) {
+  return operation.findSlot(
+      slot, [name](const tablePart1& used) { return format::storedName(used) == name; });
+}
+
+}  // namespace
+
+std::vector<Table> Database::tables() const {
+  const Operation operation(state_, "list the tables");
+  SavedPosition scope(operation.db());
+  std::vector<Table> tables;
+  tablePart1 slot;
+  static_cast<void>(operation.findSlot(&slot, [&](const tablePart1& used) {
+    const Id id{format::identifierNumber(used.tableID)};
+    tables.push_back(Table(state_, id, format::storedName(used)));
+    return false;
+  }));
+  return tables;
+}
+
+std::optional<Table> Database::find_table(std::string_view name) const {
+  const Operation operation(state_, kFind);
+  SavedPosition scope(operation.db());
+  tablePart1 slot;
+  if (!findNamed(operation, name, &slot)) return std::nullopt;
+  return Table(state_, Id{format::identifierNumber(slot.tableID)}, std::string(name));
+}
+
+std::optional<Table> Database::find_table(Id table) const {
+  const Operation operation(state_, kFind);
+  SavedPosition scope(operation.db());
+  tablePart1 slot;
+  if (!operation.findSlot(&slot, [table](const tablePart1& used) {
+        return format::identifierNumber(used.tableID) == table.value;
+      })) {
+    return std::nullopt;
+  }
+  return Table(state_, table, format::storedName(slot));
+}
+
+bool Database::contains(std::string_view name) const {
+  return find_table(name).has_value();
+}
+
+bool Database::contains(Id table) const {
+  return find_table(table).has_value();
+}
+
+Table Database::table(std::string_view name) const {
+  std::optional<Table> found = find_table(name);
+  if (found) return *std::move(found);
+  Operation(state_, kFind)
+      .failMissingTable(std::string(name), "it has no table named '" + std::string(name) + "'");
+}
+
+Table Database::add_table(std::string_view name) {
+  const Operation operation(state_, "add the table");
+  if (name.empty() || name.find('\0') != std::string_view::npos) {
+    operation.fail(Reason::bad_name, "a table name has at least one byte, and no zero bytes");
+  }
+  if (name.size() > format::kTableNameSize) {
+    operation.fail(Reason::name_too_long, "a table name has at most 32 bytes, and this one has " +
+                                              std::to_string(name.size()));
+  }
+  operation.about(name);
+  operation.requireWritable();
+  const uint64_t id = AddTable(operation.db(), std::string(name).c_str());
+  if (id != 0) return Table(state_, Id{id}, std::string(name));
+
+  operation.failIfWriteWasRefused(0);
+  SavedPosition scope(operation.db());
+  tablePart1 slot;
+  if (findNamed(operation, name, &slot)) {
+    operation.fail(Reason::table_exists,
+                   "a table named '" + std::string(name) + "' exists already");
+  }
+  const engine::DirectoryNumbers numbers = operation.directory();
+  if (numbers.tableCount >= numbers.slotCount - 1) {
+    operation.fail(Reason::directory_full, "it has " + std::to_string(numbers.tableCount) +
+                                               " tables, and no free entry for another");
+  }
+  operation.failedWrite(0);
+}
+
+Table Database::find_or_add_table(std::string_view name) {
+  std::optional<Table> found = find_table(name);
+  return found ? *std::move(found) : add_table(name);
+}
+
+}  // namespace qvdb

@@ -1,0 +1,93 @@
+// Reading ahead for a walk.
+#include "objects/read_ahead.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "support/file_transfers.h"
+
+using namespace qvdbase;
+
+namespace qvdb::detail {
+namespace {
+
+constexpr size_t kLargestBatch = 1024;
+// A batch ends when its payloads pass this size, so that memory holds little more than the largest.
+constexpr size_t kLoadedBytes = 256 * 1024;
+// From so many records on, no further apart on average than this, a piece of the file pays.
+constexpr size_t kManyRecords = 128;
+constexpr int64_t kWidestStep = 4096;
+constexpr uint32_t kPieceSize = 128 * 1024;
+
+}  // namespace
+
+void ReadBatch::read(const Operation& operation, ChainWalker& chain) {
+  while (records_.size() < size_ && payloads_.size() < kLoadedBytes) {
+    if (!readOne(operation, chain)) break;
+  }
+  size_ = std::min(size_ * 2, kLargestBatch);
+}
+
+void ReadBatch::finish() {
+  records_.clear();
+  payloads_.clear();
+  at_ = 0;
+  payloadAt_ = 0;
+  if (failure_ != nullptr) std::rethrow_exception(std::exchange(failure_, nullptr));
+}
+
+bool ReadBatch::isDense() const {
+  if (records_.size() < kManyRecords) return false;
+  const int64_t span = records_.back().position - records_.front().position;
+  return span > 0 && span / static_cast<int64_t>(records_.size()) <= kWidestStep;
+}
+
+// False when no record follows, or its payload cannot be read.
+bool ReadBatch::readOne(const Operation& operation, ChainWalker& chain) {
+  recordPart1 header;
+  int64_t position = 0;
+  if (chain.next(operation.db(), &header, &position) != ChainWalker::Step::record) return false;
+  if (!tryReadPayload(operation, header, position)) return false;
+  storeInfo(header, position, &records_.emplace_back());
+  return true;
+}
+
+// Reads the payload after the others of the batch.
+void ReadBatch::readPayload(const Operation& operation, const recordPart1& header,
+                            int64_t position) {
+  const uint32_t size = header.dataLength;
+  if (size == 0) return;
+  const unsigned char* view =
+      support::viewFile(operation.db(), position + format::record::kData, size);
+  if (view == nullptr) return appendPayload(operation, recordInfo(header, position), &payloads_);
+  const auto* bytes = reinterpret_cast<const std::byte*>(view);
+  payloads_.insert(payloads_.end(), bytes, bytes + size);
+}
+
+// A payload that cannot be read is an error when the walk gets there, like a damaged header.
+bool ReadBatch::tryReadPayload(const Operation& operation, const recordPart1& header,
+                               int64_t position) {
+  if (load_ == Load::headers) return true;
+  try {
+    readPayload(operation, header, position);
+    return true;
+  } catch (const std::exception&) {
+    if (records_.empty()) throw;
+    failure_ = std::current_exception();
+    return false;
+  }
+}
+
+bool FilePiece::read(int16_t db, const ChainWalker& chain) {
+  const int64_t next = chain.nextPosition();
+  if (next <= 0 || chain.isAtCount() || !support::seekTo(db, next)) return false;
+  bytes_.resize(kPieceSize);
+  start_ = next;
+  length_ = 0;
+  taken_ = 0;
+  // At the end of the file it is less than was asked for.
+  static_cast<void>(support::readFile(db, bytes_.data(), kPieceSize, &length_));
+  return length_ > 0;
+}
+
+}  // namespace qvdb::detail
