@@ -23,27 +23,22 @@
 #include "upkeep/verdict.h"
 
 using namespace qvdbase;
+using namespace qvdbase::failure;
+using namespace qvdbase::products;
+using namespace qvdbase::survey;
+using namespace qvdbase::upkeep;
 
 namespace qvdb {
 namespace {
 
 namespace fs = std::filesystem;
 
-using failure::DatabaseHandle;
-using failure::throwError;
-using products::TargetFile;
-using survey::ByteSource;
-using upkeep::LiveDamage;
-using upkeep::LiveDatabase;
-using upkeep::LiveLayout;
-using upkeep::LiveReader;
-
 constexpr const char* kOperation = "compact the database";
 
 // A part of the work, as a range of percents that is passed through record by record.
 class Stage {
  public:
-  Stage(upkeep::Reporter& reporter, const fs::path& path, int from, int to, uint64_t total)
+  Stage(Reporter& reporter, const fs::path& path, int from, int to, uint64_t total)
       : reporter_(reporter), path_(path), from_(from), to_(to), total_(total) {}
 
   // One record more. Throws cancelled, and what the caller's function throws.
@@ -59,7 +54,7 @@ class Stage {
   }
 
  private:
-  upkeep::Reporter& reporter_;
+  Reporter& reporter_;
   const fs::path& path_;
   int from_;
   int to_;
@@ -72,19 +67,19 @@ class Compaction {
   Compaction(const fs::path& source, const ProgressFunction& progress,
              const CompactOptions& options)
       : source_(source),
-        resolved_(products::resolved(source, kOperation)),
+        resolved_(resolved(source, kOperation)),
         options_(options),
         reporter_(progress) {}
 
   // Without a target nothing is written.
   CompactReport run(std::optional<TargetFile>& target) {
-    survey::OpenedFile file(resolved_, kOperation);
+    OpenedFile file(resolved_, kOperation);
     file.watch();
-    const survey::Survey all = survey::makeSurvey(file.source());
+    const Survey all = makeSurvey(file.source());
     survey(file, all);
     judge(file, all);
-    upkeep::changeTables(options_, source_, kOperation, &database_);
-    const LiveLayout layout = upkeep::layOut(file.source(), database_);
+    changeTables(options_, source_, kOperation, &database_);
+    const LiveLayout layout = layOut(file.source(), database_);
     if (target) {
       write(file.source(), layout, *target);
       compare(file, layout, target->file());
@@ -98,17 +93,17 @@ class Compaction {
 
  private:
   // Said rather than anything else that is found then: half-done work looks like damage.
-  void refuseIfChanged(const survey::OpenedFile& file) const {
+  void refuseIfChanged(const OpenedFile& file) const {
     if (!file.hasChanged()) return;
     throwError(source_, kOperation, Reason::in_use, "it was changed meanwhile");
   }
 
-  void survey(const survey::OpenedFile& file, const survey::Survey& all) {
+  void survey(const OpenedFile& file, const Survey& all) {
     Stage stage(reporter_, source_, 0, 20, countedRecords());
     LiveReader reader(file.source());
-    for (const survey::Table& table : all.tables) {
+    for (const Table& table : all.tables) {
       const uint32_t data = packedData(all, table);
-      if (data != survey::kNoBlock) {
+      if (data != kNoBlock) {
         reader.setDataPosition(table.slot, all.blocks[data].position);
       }
     }
@@ -118,13 +113,12 @@ class Compaction {
     if (reader.damage() == LiveDamage::chain && reader.recordNumber() != 0) {
       known.record_number = reader.recordNumber();
     }
-    failure::throwError(source_, kOperation, reasonOf(reader.damage()), reader.why(),
-                        std::move(known));
+    throwError(source_, kOperation, reasonOf(reader.damage()), reader.why(), std::move(known));
   }
 
   // The chains are whole. Refuses what would be lost beside them.
-  void judge(const survey::OpenedFile& file, const survey::Survey& all) {
-    verdict_ = upkeep::judgeCopy(file.source(), all);
+  void judge(const OpenedFile& file, const Survey& all) {
+    verdict_ = judgeCopy(file.source(), all);
     if (verdict_.isClean() || options_.force) return;
     refuseIfChanged(file);
     throwError(source_, kOperation, Reason::damaged, verdict_.why());
@@ -146,20 +140,19 @@ class Compaction {
 
   void write(const ByteSource& source, const LiveLayout& layout, TargetFile& target) {
     Stage stage(reporter_, source_, 20, 60, database_.recordCount());
-    const platform::FileAccess access = products::accessOf(source_, kOperation);
+    const platform::FileAccess access = accessOf(source_, kOperation);
     target.create(&access);
     if (copyLive(source, database_, layout, target, [&] { stage.step(); })) return;
     throwError(source_, kOperation, Reason::cannot_read, "the system cannot read it");
   }
 
-  void compare(const survey::OpenedFile& file, const LiveLayout& layout,
-               const platform::NewFile& made) {
+  void compare(const OpenedFile& file, const LiveLayout& layout, const platform::NewFile& made) {
     Stage stage(reporter_, source_, 60, 100, database_.recordCount());
     platform::ReadOnlyFile read;
     read.share(made.entry());
     platform::FileStamp stamp;
     const bool isKnown = read.stamp(&stamp);
-    const survey::FileSource copy(read, isKnown ? stamp.size : 0);
+    const FileSource copy(read, isKnown ? stamp.size : 0);
     if (isLiveCopy(copy, file.source(), database_, layout, [&] { stage.step(); })) return;
     refuseIfChanged(file);
     throwError(source_, kOperation, Reason::cannot_write,
@@ -172,7 +165,7 @@ class Compaction {
     report.size_after = static_cast<uint64_t>(layout.size);
     report.tables = database_.tables.size();
     report.records = database_.recordCount();
-    for (const upkeep::LiveTable& table : database_.tables) {
+    for (const LiveTable& table : database_.tables) {
       if (table.slot.firstDataPos != 0) ++report.data_blocks;
     }
     report.records_lost = verdict_.records;
@@ -183,9 +176,9 @@ class Compaction {
   const fs::path source_;
   const fs::path resolved_;
   const CompactOptions& options_;
-  upkeep::Reporter reporter_;
+  Reporter reporter_;
   LiveDatabase database_;
-  upkeep::Verdict verdict_;
+  Verdict verdict_;
 };
 
 CompactReport compactTo(const fs::path& source, const fs::path& target,
@@ -195,12 +188,11 @@ CompactReport compactTo(const fs::path& source, const fs::path& target,
   DatabaseHandle(source, DatabaseHandle::readOnly);
   Compaction compaction(source, progress, options);
   std::optional<TargetFile> file;
-  const products::TargetRules rules = {.existing = overwrite
-                                                       ? products::Existing::isReplaced
-                                                       : products::Existing::isReplacedIfEmpty,
-                                       .createFolders = options.create_folders};
+  const TargetRules rules = {
+      .existing = overwrite ? Existing::isReplaced : Existing::isReplacedIfEmpty,
+      .createFolders = options.create_folders};
   if (!options.dry_run) {
-    static_cast<void>(failure::nativePath(products::resolved(target, kOperation), kOperation));
+    static_cast<void>(nativePath(resolved(target, kOperation), kOperation));
     file.emplace(target, kOperation, rules);
   }
   return compaction.run(file);

@@ -7,11 +7,9 @@
 #include "format/block_heads.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::upkeep {
-
-using survey::ByteSource;
-using survey::Window;
 
 namespace {
 

@@ -14,29 +14,28 @@
 #include "recovery/survey/open_file.h"
 
 using namespace qvdbase;
+using namespace qvdbase::failure;
+using namespace qvdbase::mend;
+using namespace qvdbase::survey;
 
 namespace qvdb {
 namespace {
-
-using failure::throwError;
-using failure::throwWriteFailure;
-using mend::MendPlan;
 
 constexpr const char* kOperation = "mend the database";
 
 class Mending {
  public:
   explicit Mending(const std::filesystem::path& path)
-      : path_(path), database_(path, failure::DatabaseHandle::exclusive) {
+      : path_(path), database_(path, DatabaseHandle::exclusive) {
     database_.requireAlone(kOperation);
   }
 
   MendReport run(const MendOptions& options) {
     MendReport report;
     {
-      survey::OpenedFile file(database_.number(), path_, kOperation);
+      OpenedFile file(database_.number(), path_, kOperation);
       file.watch();
-      plan_ = mend::planMend(file.source(), options.cut_off);
+      plan_ = planMend(file.source(), options.cut_off);
       if (file.hasChanged())
         throwError(path_, kOperation, Reason::in_use, "it was changed meanwhile");
     }
@@ -57,15 +56,15 @@ class Mending {
  private:
   void write() {
     platform::forgetHostFailure();
-    for (const survey::Patch& patch : plan_.patches) writePatch(patch);
+    for (const Patch& patch : plan_.patches) writePatch(patch);
     if (plan_.size < static_cast<int64_t>(database_.fileLength(kOperation))) cut();
     database_.sync(kOperation);
-    const survey::OpenedFile file(database_.number(), path_, kOperation);
+    const OpenedFile file(database_.number(), path_, kOperation);
     if (check::checkSource(file.source()).errors == 0) return;
     throwError(path_, kOperation, Reason::cannot_write, "what was written cannot be read back");
   }
 
-  void writePatch(const survey::Patch& patch) {
+  void writePatch(const Patch& patch) {
     const int16_t db = database_.number();
     const auto count = static_cast<uint32_t>(patch.bytes.size());
     engine::SavedPosition position(db);
@@ -83,7 +82,7 @@ class Mending {
   }
 
   const std::filesystem::path path_;
-  const failure::DatabaseHandle database_;
+  const DatabaseHandle database_;
   MendPlan plan_;
 };
 

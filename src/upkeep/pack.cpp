@@ -18,16 +18,15 @@
 #include "upkeep/verdict.h"
 
 using namespace qvdbase;
+using namespace qvdbase::failure;
+using namespace qvdbase::products;
+using namespace qvdbase::survey;
+using namespace qvdbase::upkeep;
 
 namespace qvdb {
 namespace {
 
 namespace fs = std::filesystem;
-
-using failure::DatabaseHandle;
-using failure::throwError;
-using products::TargetFile;
-using upkeep::Reporter;
 
 constexpr const char* kCategoryTable = "QVrz_Category";
 
@@ -56,9 +55,9 @@ class Packing {
       : operation_(operation),
         source_(source),
         database_(source, permission),
-        access_(products::accessOf(source, operation)),
+        access_(accessOf(source, operation)),
         target_(differing(operation, source, target), operation, rulesOf(options)),
-        nativeTarget_(failure::nativePath(target_.makePrivateFolder(), operation)),
+        nativeTarget_(nativePath(target_.makePrivateFolder(), operation)),
         isForced_(options.force) {}
 
   int16_t database() const { return database_.number(); }
@@ -87,17 +86,16 @@ class Packing {
   }
 
  private:
-  static products::TargetRules rulesOf(const TargetOptions& options) {
-    return {.existing = options.overwrite ? products::Existing::isReplaced
-                                          : products::Existing::isReplacedIfEmpty,
+  static TargetRules rulesOf(const TargetOptions& options) {
+    return {.existing = options.overwrite ? Existing::isReplaced : Existing::isReplacedIfEmpty,
             .createFolders = options.create_folders};
   }
 
   // Returns how many records would be lost. Refuses that, and errors, unless it is forced.
   uint64_t judge() const {
-    const survey::OpenedFile file(database_.number(), source_, operation_);
-    const survey::Survey survey = survey::makeSurvey(file.source());
-    const upkeep::Verdict verdict = upkeep::judgeCopy(file.source(), survey);
+    const OpenedFile file(database_.number(), source_, operation_);
+    const Survey survey = makeSurvey(file.source());
+    const Verdict verdict = judgeCopy(file.source(), survey);
     if (verdict.isClean() || isForced_) return verdict.records;
     if (file.hasChanged()) throwError(source_, operation_, Reason::in_use, "it is being changed");
     const bool canPack = check::willPack(survey);
@@ -130,7 +128,7 @@ PackReport pack(const fs::path& source, const fs::path& target, const ProgressFu
                 const TargetOptions& options) {
   constexpr const char* kOperation = "pack the database";
   Packing packing(kOperation, source, DatabaseHandle::shared, target, options);
-  const std::vector<QVWCHAR> nativeSource = failure::nativePath(source, kOperation);
+  const std::vector<QVWCHAR> nativeSource = nativePath(source, kOperation);
   return packing.run(progress, [&] {
     return PackOneDB2NewW(nativeSource.data(), packing.nativeTarget(), 0, Reporter::packProgress) ==
            1;

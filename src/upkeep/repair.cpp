@@ -8,12 +8,11 @@
 #include "upkeep/progress.h"
 
 using namespace qvdbase;
+using namespace qvdbase::failure;
+using namespace qvdbase::upkeep;
 
 namespace qvdb {
 namespace {
-
-using failure::DatabaseHandle;
-using failure::throwError;
 
 constexpr const char* kOperation = "repair the database";
 
@@ -28,12 +27,11 @@ RepairOutcome repair(const std::filesystem::path& path, const ProgressFunction& 
   // Held open for the whole time, so that no other writer comes in between.
   const DatabaseHandle held(path, DatabaseHandle::exclusive);
   held.requireAlone(kOperation);
-  const std::vector<QVWCHAR> wide = failure::nativePath(path, kOperation);
-  upkeep::Reporter reporter(progress);
+  const std::vector<QVWCHAR> wide = nativePath(path, kOperation);
+  Reporter reporter(progress);
   reporter.listen();
   int result = 0;
-  const int opened =
-      FixOneDBLinkErrorW(wide.data(), upkeep::Reporter::repairProgress, 0, nullptr, &result);
+  const int opened = FixOneDBLinkErrorW(wide.data(), Reporter::repairProgress, 0, nullptr, &result);
   // What the function threw or asked for with the last percent comes too late to stop anything.
   const bool stops = reporter.wantsToStop();
   const bool isDone = opened == 1 && (result == kNothingToRepair || result == kRepaired);

@@ -40,7 +40,7 @@ Copied copiedBlocks(const Survey& survey) {
     copied.size += block.claimedEnd() - block.position;
   };
   for (const Table& table : survey.tables) {
-    const auto& slot = survey.slots[static_cast<size_t>(table.slot)];
+    const auto& slot = survey.slotOf(table);
     if (!slot.counted) continue;
     const std::vector<uint32_t>& walk = table.forward.blocks;
     const auto count = std::min<size_t>(walk.size(), slot.fields.recordCount);

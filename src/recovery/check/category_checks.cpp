@@ -25,7 +25,7 @@ constexpr int64_t kSmallestDecoded = 8;  // up to here nothing is decoded at all
 
 const Table* tableNamed(const Survey& survey, const char* name) {
   for (const Table& table : survey.tables) {
-    const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+    const Slot& slot = survey.slotOf(table);
     if (slot.counted && format::storedName(slot.fields) == name) return &table;
   }
   return nullptr;
@@ -46,7 +46,7 @@ class CategoryCheck {
       }
       return;
     }
-    slot_ = &survey_.slots[static_cast<size_t>(categories->slot)];
+    slot_ = &survey_.slotOf(*categories);
     if (records == nullptr || info == nullptr) {
       findings_.warning("C4", {.slot = slot_},
                         std::string("There is no table '") +

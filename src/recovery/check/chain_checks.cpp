@@ -4,16 +4,10 @@
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
-
-using survey::Block;
-using survey::Slot;
-using survey::Survey;
-using survey::Table;
-using survey::Walk;
-using survey::WalkEnd;
 
 std::string at(int64_t position) {
   return "at " + std::to_string(position);
@@ -24,7 +18,7 @@ class ChainCheck {
   ChainCheck(const Survey& survey, const Table& table, Findings* findings)
       : survey_(survey),
         table_(table),
-        slot_(survey.slots[static_cast<size_t>(table.slot)]),
+        slot_(survey.slotOf(table)),
         count_(slot_.fields.recordCount),
         findings_(*findings) {}
 
@@ -95,7 +89,7 @@ class ChainCheck {
   }
 
   bool isInsideBlock(int64_t position) const {
-    if (survey_.byPosition.find(position) != survey::kNoBlock) return false;
+    if (survey_.byPosition.find(position) != kNoBlock) return false;
     return std::any_of(survey_.blocks.begin(), survey_.blocks.end(), [&](const Block& each) {
       return position > each.position && position < each.end;
     });
@@ -162,9 +156,9 @@ class ChainCheck {
     const Block* first = nullptr;
     for (const uint32_t number : table_.backward.blocks) {
       const Block& each = block(number);
-      if (each.reach & (survey::kForward | survey::kUncounted)) continue;
+      if (each.reach & (kForward | kUncounted)) continue;
       if (first == nullptr) first = &each;
-      ++(each.label == survey::Label::superseded ? older : onlyHere);
+      ++(each.label == Label::superseded ? older : onlyHere);
     }
     if (first == nullptr) return;
     std::string text = "From the back, the chain leads to ";

@@ -18,15 +18,12 @@
 #include "recovery/survey/survey.h"
 
 using namespace qvdbase;
+using namespace qvdbase::survey;
 
 namespace qvdb {
 namespace {
 
 using check::Findings;
-using survey::ByteSource;
-using survey::OpenedFile;
-using survey::Survey;
-using survey::Table;
 
 struct Checked {
   CheckReport report;
@@ -56,13 +53,13 @@ std::string namesOf(const TableOutlook& outlook) {
 void addOutlook(const ByteSource& source, const Survey& survey, CheckReport* report,
                 Findings* findings) {
   std::string whole;
-  for (const Table& table : survey.tables) {
+  for (const auto& table : survey.tables) {
     const TableOutlook outlook = check::outlookOf(source, survey, table);
     const std::string failing = outlook.reachable
                                     ? namesOf(outlook)
                                     : std::string("every call: the table is not reachable");
     if (!failing.empty()) {
-      const auto& slot = survey.slots[static_cast<size_t>(table.slot)];
+      const auto& slot = survey.slotOf(table);
       findings->information("W1", {.slot = &slot, .offset = slot.position},
                             "What will fail on this table now: " + failing + ".");
     }
@@ -80,7 +77,7 @@ void judge(const ByteSource& source, const Survey& survey, const CheckOptions& o
            CheckReport* report, Findings* findings) {
   const int64_t now = options.now != 0 ? options.now : int64_t{platform::secondsSinceEpoch()};
   check::checkDirectory(survey, findings);
-  for (const Table& table : survey.tables) {
+  for (const auto& table : survey.tables) {
     check::checkCounts(survey, table, findings);
     check::checkChain(survey, table, findings);
     check::checkTableData(source, survey, table, findings);
@@ -113,7 +110,7 @@ Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOpt
 }
 
 Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
-  return checkOnce(source, survey::makeSurvey(source, {.deep = options.deep}), options);
+  return checkOnce(source, makeSurvey(source, {.deep = options.deep}), options);
 }
 
 // Takes back what was found while the file changed under the reader's hands: it is true of no state
@@ -153,22 +150,22 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
 
 CheckReport check_image(std::span<const std::byte> image, const FindingVisitor& visitor,
                         const CheckOptions& options) {
-  const survey::MemorySource source(image);
+  const MemorySource source(image);
   return tell(checkOnce(source, options), visitor);
 }
 
 RepairPreview predict_repair(const std::filesystem::path& path) {
   const OpenedFile file(path, "look at the database");
-  return check::willRepair(survey::makeSurvey(file.source()));
+  return check::willRepair(makeSurvey(file.source()));
 }
 
 }  // namespace qvdb
 
-qvdb::CheckReport check::checkSource(const survey::ByteSource& source) {
+qvdb::CheckReport check::checkSource(const ByteSource& source) {
   return qvdb::checkOnce(source, {}).report;
 }
 
-qvdb::CheckReport check::checkSurvey(const survey::ByteSource& source, const survey::Survey& survey,
+qvdb::CheckReport check::checkSurvey(const ByteSource& source, const Survey& survey,
                                      const qvdb::FindingVisitor& visitor) {
   return qvdb::tell(qvdb::checkOnce(source, survey, {}), visitor);
 }

@@ -2,13 +2,10 @@
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
-
-using survey::Slot;
-using survey::Survey;
-using survey::Table;
 
 void checkEnds(const Slot& slot, Findings* findings) {
   const tablePart1& fields = slot.fields;
@@ -40,13 +37,13 @@ void checkLastWritten(const Survey& survey, const Table& table, const Slot& slot
   if (slot.fields.recordCount == 0) return;
   const About about = {.slot = &slot, .offset = slot.position + slot::kLastWrittenRecordPos};
   const uint32_t number = survey.byPosition.find(position);
-  const bool isOwn = number != survey::kNoBlock && survey.blocks[number].owner == table.owner &&
-                     survey.blocks[number].kind == survey::BlockKind::record;
+  const bool isOwn = number != kNoBlock && survey.blocks[number].owner == table.owner &&
+                     survey.blocks[number].kind == BlockKind::record;
   if (!isOwn) {
     findings->warning("D7", about,
                       "The position of the last written record, " + std::to_string(position) +
                           ", is not that of a record of the table.");
-  } else if (survey.blocks[number].label != survey::Label::live) {
+  } else if (survey.blocks[number].label != Label::live) {
     findings->information("R16", about,
                           "The last written record is no longer in the chain, as happens when it "
                           "was moved.");
@@ -73,7 +70,7 @@ void checkDataCounts(const Slot& slot, Findings* findings) {
 }  // namespace
 
 void checkCounts(const Survey& survey, const Table& table, Findings* findings) {
-  const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+  const Slot& slot = survey.slotOf(table);
   checkEnds(slot, findings);
   checkLastWritten(survey, table, slot, findings);
   if (slot.fields.recordCount > slot.fields.recordWriteCount) {

@@ -2,21 +2,16 @@
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
 
-using survey::Block;
-using survey::DataState;
-using survey::Slot;
-using survey::Survey;
-using survey::Table;
-
 // The sound block of the table's data that its slot should point to.
 const Block* lostData(const Survey& survey, const Table& table) {
   for (const Block& block : survey.blocks) {
-    if (block.kind == survey::BlockKind::tableData && block.owner == table.owner &&
-        block.label == survey::Label::detached && block.grade == survey::Grade::a) {
+    if (block.kind == BlockKind::tableData && block.owner == table.owner &&
+        block.label == Label::detached && block.grade == Grade::a) {
       return &block;
     }
   }
@@ -47,16 +42,16 @@ void checkBlock(const Survey& survey, const Block& block, const Slot& slot, Find
   const auto report = [&](int64_t offset, std::string text) {
     findings->error("T4", {.slot = &slot, .offset = offset}, std::move(text));
   };
-  if (block.flaws & survey::kLengthAboveCapacity) {
+  if (block.flaws & kLengthAboveCapacity) {
     report(block.position + tabledata::kDataLength,
            "The table data claims " + counted(block.length, "byte") + " in room for " +
                std::to_string(block.capacity) + ".");
   }
-  if (block.flaws & survey::kBeyondEnd) {
+  if (block.flaws & kBeyondEnd) {
     report(block.position, "The table data would end at " + std::to_string(block.claimedEnd()) +
                                ", beyond the end of the file at " + std::to_string(survey.size) +
                                ".");
-  } else if (block.flaws & survey::kNoEndMark) {
+  } else if (block.flaws & kNoEndMark) {
     report(block.claimedEnd() - 1,
            "The table data has no end mark at " + std::to_string(block.claimedEnd() - 1) + ".");
   }
@@ -64,7 +59,7 @@ void checkBlock(const Survey& survey, const Block& block, const Slot& slot, Find
 
 // Data that is written over older data has an end mark of its own behind it; data that was written
 // with spare room has fill there.
-void checkInnerMark(const survey::ByteSource& source, const Block& block, const Slot& slot,
+void checkInnerMark(const ByteSource& source, const Block& block, const Slot& slot,
                     Findings* findings) {
   if (block.length >= block.capacity || block.flaws != 0) return;
   unsigned char byte = 0;
@@ -76,9 +71,9 @@ void checkInnerMark(const survey::ByteSource& source, const Block& block, const 
 
 }  // namespace
 
-void checkTableData(const survey::ByteSource& source, const Survey& survey, const Table& table,
+void checkTableData(const ByteSource& source, const Survey& survey, const Table& table,
                     Findings* findings) {
-  const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+  const Slot& slot = survey.slotOf(table);
   if (table.dataState == DataState::none) return;
   if (table.dataState != DataState::sound) return checkPointer(survey, table, slot, findings);
   const Block& block = survey.blocks[table.dataBlock];

@@ -7,23 +7,21 @@
 
 #include "recovery/check/parts.h"
 
+using namespace qvdbase::survey;
+
 namespace qvdbase::check {
 namespace {
 
-using survey::Block;
-using survey::Label;
-using survey::Survey;
-
 class HoleCheck {
  public:
-  HoleCheck(const survey::ByteSource& source, const Survey& survey, Findings* findings)
+  HoleCheck(const ByteSource& source, const Survey& survey, Findings* findings)
       : source_(source), survey_(survey), findings_(*findings) {}
 
   // Blocks and holes both in the order of the file.
   void run() {
     std::optional<platform::FileHole> hole = source_.nextHole(survey_.blocksStart);
     if (!hole) return;
-    for (const uint32_t number : survey::blocksInFileOrder(survey_)) {
+    for (const uint32_t number : blocksInFileOrder(survey_)) {
       const Block& block = survey_.blocks[number];
       if (block.label != Label::live) continue;
       const int64_t end = block.dataPos() + block.dataThere();
@@ -37,24 +35,22 @@ class HoleCheck {
   void report(const Block& block, const platform::FileHole& hole, int64_t end) {
     const int64_t from = std::max(hole.begin, block.dataPos());
     const auto bytes = static_cast<uint64_t>(std::min(hole.end, end) - from);
-    const survey::Slot* slot =
-        block.slot == survey::kNoSlot ? nullptr : &survey_.slots[static_cast<size_t>(block.slot)];
     const char* const whose =
-        block.kind == survey::BlockKind::record ? "the record at " : "the table data at ";
-    findings_.warning("F3", {.slot = slot, .record = block.recordID, .offset = from},
-                      "From here, " + counted(bytes, "byte") + " of " + whose +
-                          std::to_string(block.position) +
-                          " are a hole in the file and read as zeros.");
+        block.kind == BlockKind::record ? "the record at " : "the table data at ";
+    findings_.warning(
+        "F3", {.slot = survey_.slotAt(block.slot), .record = block.recordID, .offset = from},
+        "From here, " + counted(bytes, "byte") + " of " + whose + std::to_string(block.position) +
+            " are a hole in the file and read as zeros.");
   }
 
-  const survey::ByteSource& source_;
+  const ByteSource& source_;
   const Survey& survey_;
   Findings& findings_;
 };
 
 }  // namespace
 
-void checkHoles(const survey::ByteSource& source, const Survey& survey, Findings* findings) {
+void checkHoles(const ByteSource& source, const Survey& survey, Findings* findings) {
   HoleCheck(source, survey, findings).run();
 }
 

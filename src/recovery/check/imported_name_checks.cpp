@@ -137,7 +137,7 @@ std::vector<uint64_t> recordsOf(const Survey& survey, const Table& table) {
 void checkImportedNames(const survey::ByteSource& source, const Survey& survey, const Table& table,
                         Findings* findings) {
   if (table.dataState != DataState::sound) return;
-  const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+  const Slot& slot = survey.slotOf(table);
   const Block& block = survey.blocks[table.dataBlock];
   NameList list(source, block);
   if (!list.isOurs()) return;

@@ -99,10 +99,7 @@ bool canPackRecords(const Survey& survey, const Table& table, const tablePart1& 
 class NeighbourCheck {
  public:
   NeighbourCheck(const survey::ByteSource& source, const Survey& survey, const Table& table)
-      : source_(source),
-        survey_(survey),
-        table_(table),
-        slot_(survey.slots[static_cast<size_t>(table.slot)].fields) {}
+      : source_(source), survey_(survey), table_(table), slot_(survey.slotOf(table).fields) {}
 
   bool canDeleteAll() const {
     return everyRecord([&](const Block& each) { return canDelete(each); });
@@ -179,7 +176,7 @@ uint64_t distinctRecords(const Survey& survey, const Table& table, uint64_t coun
 // Link repair on one table. False when it fails there.
 bool repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* repaired,
                  std::string* failure) {
-  const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+  const Slot& slot = survey.slotOf(table);
   const uint64_t count = slot.fields.recordCount;
   repaired->slot = slot.index;
   repaired->name = format::storedName(slot.fields);
@@ -223,7 +220,7 @@ bool isReachable(const Survey& survey, const Slot& slot) {
 
 qvdb::TableOutlook outlookOf(const survey::ByteSource& source, const Survey& survey,
                              const Table& table) {
-  const Slot& slot = survey.slots[static_cast<size_t>(table.slot)];
+  const Slot& slot = survey.slotOf(table);
   const tablePart1& fields = slot.fields;
   qvdb::TableOutlook outlook;
   outlook.slot = slot.index;

@@ -4,14 +4,10 @@
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
-
-using survey::Block;
-using survey::BlockKind;
-using survey::Label;
-using survey::Survey;
 
 constexpr int64_t kDay = 24 * 60 * 60;
 constexpr int64_t kTimesBeginAnew = int64_t{1} << 32;  // in 2106
@@ -32,9 +28,9 @@ class RecordChecks {
 
  private:
   About about(const Block& block, int64_t field) const {
-    const survey::Slot* slot =
-        block.slot == survey::kNoSlot ? nullptr : &survey_.slots[static_cast<size_t>(block.slot)];
-    return {.slot = slot, .record = block.recordID, .offset = block.position + field};
+    return {.slot = survey_.slotAt(block.slot),
+            .record = block.recordID,
+            .offset = block.position + field};
   }
 
   static std::string theRecord(const Block& block) {
@@ -42,24 +38,24 @@ class RecordChecks {
   }
 
   void checkFlaws(const Block& block) {
-    if (block.flaws & survey::kWrongIdSum) {
+    if (block.flaws & kWrongIdSum) {
       findings_.error("R4", about(block, record::kRecordID),
                       theRecord(block) + " has an identifier with a wrong sum.");
     }
-    if (block.flaws & survey::kZeroId) {
+    if (block.flaws & kZeroId) {
       findings_.error("R4", about(block, record::kRecordID),
                       theRecord(block) + " has the identifier zero.");
     }
-    if (block.flaws & survey::kLengthAboveCapacity) {
+    if (block.flaws & kLengthAboveCapacity) {
       findings_.error("R11", about(block, record::kDataLength),
                       theRecord(block) + " claims " + counted(block.length, "byte") +
                           " of data in room for " + std::to_string(block.capacity) + ".");
     }
-    if (block.flaws & survey::kBeyondEnd) {
+    if (block.flaws & kBeyondEnd) {
       findings_.error("R12", about(block, 0),
                       theRecord(block) + " would end at " + std::to_string(block.claimedEnd()) +
                           ", beyond the end of the file at " + std::to_string(survey_.size) + ".");
-    } else if (block.flaws & survey::kNoEndMark) {
+    } else if (block.flaws & kNoEndMark) {
       findings_.error(
           "R13", about(block, block.claimedEnd() - 1 - block.position),
           theRecord(block) + " has no end mark at " + std::to_string(block.claimedEnd() - 1) + ".");

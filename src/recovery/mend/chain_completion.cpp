@@ -4,13 +4,10 @@
 
 #include "format/Aliment8.h"
 
+using namespace qvdbase::survey;
+
 namespace qvdbase::mend {
 namespace {
-
-using survey::Block;
-using survey::Survey;
-using survey::Table;
-using survey::WalkEnd;
 
 using Chain = std::vector<uint32_t>;
 
@@ -18,7 +15,7 @@ class Completer {
  public:
   Completer(const Survey& survey, const Table& table)
       : survey_(survey),
-        slot_(survey.slots[static_cast<size_t>(table.slot)].fields),
+        slot_(survey.slotOf(table).fields),
         forward_(table.forward.blocks),
         back_(table.backward.blocks.rbegin(), table.backward.blocks.rend()),
         forwardIsWhole_(table.forward.end == WalkEnd::complete),
@@ -156,7 +153,7 @@ class Completer {
     }
     for (const uint32_t number : back_) {
       const Block& each = block(number);
-      if ((each.reach & survey::kForward) || each.label == survey::Label::superseded) continue;
+      if ((each.reach & kForward) || each.label == Label::superseded) continue;
       return refuse("from the back the chain leads to other records than from the front");
     }
     if (!endsAtLast(forward_)) step("the position of the last record is set");

@@ -44,7 +44,7 @@ bool isLeftOver(const Block& block) {
 // repair has cut off; the slot's counts cannot always tell, and in their table they are right
 // either way. None where there are others besides, or where their order is not that of writing.
 std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
-  const tablePart1& slot = survey.slots[static_cast<size_t>(table.slot)].fields;
+  const tablePart1& slot = survey.slotOf(table).fields;
   const bool isWhole = table.forward.end == survey::WalkEnd::complete &&
                        table.backward.end == survey::WalkEnd::complete &&
                        table.forward.blocks.size() == slot.recordCount &&
@@ -92,7 +92,7 @@ class Planner {
     }
     if (cutOff_ == CutOffWrites::discard) cutEnd();
     for (const Table& table : survey_.tables) {
-      if (survey_.slots[static_cast<size_t>(table.slot)].counted) mendTable(table);
+      if (survey_.slotOf(table).counted) mendTable(table);
     }
     // The slots last: what they count is then linked.
     for (survey::Patch& slot : slots_) plan_.patches.push_back(std::move(slot));
@@ -149,7 +149,7 @@ class Planner {
   // ---- tables
 
   void mendTable(const Table& table) {
-    const Slot& slot = survey_.slots[static_cast<size_t>(table.slot)];
+    const Slot& slot = survey_.slotOf(table);
     Completion completion = completeChain(survey_, table);
     if (!completion.refusal.empty()) {
       if (plan_.refusal.empty()) plan_.refusal = completion.refusal;
@@ -173,8 +173,7 @@ class Planner {
   }
 
   std::string nameOf(const Table& table) const {
-    return "table '" + format::storedName(survey_.slots[static_cast<size_t>(table.slot)].fields) +
-           "': ";
+    return "table '" + format::storedName(survey_.slotOf(table).fields) + "': ";
   }
 
   std::vector<uint32_t> leftOverOf(const Table& table) const {
@@ -286,7 +285,7 @@ class Planner {
     plan_.leftOver = static_cast<uint64_t>(
         std::count_if(survey.blocks.begin(), survey.blocks.end(), isLeftOver));
     for (const Table& table : survey.tables) {
-      if (!survey.slots[static_cast<size_t>(table.slot)].counted) continue;
+      if (!survey.slotOf(table).counted) continue;
       plan_.leftOver += tailApart(survey, table).size();
     }
   }

@@ -12,6 +12,8 @@
 #include "products/target_file.h"
 #include "recovery/salvage/payload_reader.h"
 
+using namespace qvdbase::survey;
+
 namespace qvdbase::salvage {
 namespace {
 
@@ -24,7 +26,7 @@ void refuseWhatIsThere(const fs::path& path) {
   if (isTaken(path)) failure::throwError(path, kOperation, qvdb::Reason::file_exists);
 }
 
-std::string nameOf(const survey::Block& block) {
+std::string nameOf(const Block& block) {
   return std::to_string(block.position) + ".bin";
 }
 
@@ -107,8 +109,8 @@ class Extraction::Output {
   products::BufferedOutput bytes_{target_};
 };
 
-Extraction::Extraction(const survey::Survey& survey, const Plan& plan,
-                       const qvdb::SalvageOptions& options, const platform::FileAccess* access)
+Extraction::Extraction(const Survey& survey, const Plan& plan, const qvdb::SalvageOptions& options,
+                       const platform::FileAccess* access)
     : survey_(survey),
       plan_(plan),
       makesParents_(options.create_folders),
@@ -117,7 +119,7 @@ Extraction::Extraction(const survey::Survey& survey, const Plan& plan,
     access_ = *access;
     access_->attributes.clear();  // what users attached is about the database
   }
-  for (const uint32_t number : survey::blocksInFileOrder(survey)) {
+  for (const uint32_t number : blocksInFileOrder(survey)) {
     if (plan.destination[number] >= 0) blocks_.push_back(number);
   }
   if (!isTaken(folder_.path())) return;
@@ -127,7 +129,7 @@ Extraction::Extraction(const survey::Survey& survey, const Plan& plan,
   }
 }
 
-void Extraction::write(const survey::ByteSource& source) {
+void Extraction::write(const ByteSource& source) {
   folder_.make(kOperation, makesParents_, qvdb::Reason::cannot_write);
   Output manifest(folder_.fileNamed(kManifest), access_);
   PayloadReader payloads(source);

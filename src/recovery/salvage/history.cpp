@@ -36,7 +36,7 @@ constexpr const char* kUndelete = "bring the record back";
 uint32_t ownerNamed(const Survey& survey, std::string_view table, const std::filesystem::path& path,
                     const char* operation) {
   for (const survey::Table& each : survey.tables) {
-    const auto& slot = survey.slots[static_cast<size_t>(each.slot)];
+    const auto& slot = survey.slotOf(each);
     if (format::storedName(slot.fields) == table) return each.owner;
   }
   if (const std::optional<Id> id = parse_id(table)) {

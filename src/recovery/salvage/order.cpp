@@ -4,10 +4,9 @@
 
 #include "recovery/salvage/plan.h"
 
-namespace qvdbase::salvage {
+using namespace qvdbase::survey;
 
-using survey::Block;
-using survey::Survey;
+namespace qvdbase::salvage {
 
 std::vector<uint32_t> inLinkOrder(const Survey& survey, std::vector<uint32_t> blocks) {
   const auto at = [&](uint32_t number) -> const Block& { return survey.blocks[number]; };
@@ -17,7 +16,7 @@ std::vector<uint32_t> inLinkOrder(const Survey& survey, std::vector<uint32_t> bl
   // Where the block at `position` is among the sorted ones.
   const auto indexOf = [&](int64_t position) -> std::optional<size_t> {
     const uint32_t number = survey.byPosition.find(position);
-    if (number == survey::kNoBlock) return std::nullopt;
+    if (number == kNoBlock) return std::nullopt;
     const auto place = std::lower_bound(blocks.begin(), blocks.end(), number, before);
     if (place == blocks.end() || *place != number) return std::nullopt;
     return static_cast<size_t>(place - blocks.begin());

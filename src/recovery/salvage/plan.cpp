@@ -110,9 +110,7 @@ class Planner {
   };
 
   const Block& block(uint32_t number) const { return survey_.blocks[number]; }
-  const Slot& slotOf(const Table& table) const {
-    return survey_.slots[static_cast<size_t>(table.slot)];
-  }
+  const Slot& slotOf(const Table& table) const { return survey_.slotOf(table); }
 
   void note(std::string text) { plan_.notes.push_back(std::move(text)); }
 

@@ -15,11 +15,9 @@
 #include "recovery/survey/part_source.h"
 
 using namespace qvdbase;
+using namespace qvdbase::survey;
 
 namespace qvdbase::salvage {
-
-using survey::ByteSource;
-using survey::Survey;
 
 namespace {
 
@@ -55,7 +53,7 @@ void Run::place() {
 
 void Run::tell(const Survey& survey, const qvdb::BlockVisitor& visitor) {
   report_.blocks_found = survey.blocks.size();
-  for (const uint32_t number : survey::blocksInFileOrder(survey)) {
+  for (const uint32_t number : blocksInFileOrder(survey)) {
     const int place = plan_.destination[number];
     if (place < 0) ++report_.blocks_left_out;
     if (!visitor) continue;
@@ -63,7 +61,7 @@ void Run::tell(const Survey& survey, const qvdb::BlockVisitor& visitor) {
     if (place >= 0) found.written_to = plan_.tables[static_cast<size_t>(place)].name();
     visitor(found);
   }
-  for (const survey::LeftoverRange& leftover : survey.leftovers) {
+  for (const LeftoverRange& leftover : survey.leftovers) {
     report_.bytes_unknown += static_cast<uint64_t>(leftover.range.size());
     report_.unknown.push_back({leftover.range.begin, leftover.range.size()});
   }
@@ -90,7 +88,7 @@ bool Run::verify() const {
   platform::FileStamp stamp;
   file.share(target_.file().entry());
   if (!file.stamp(&stamp)) return false;
-  const survey::FileSource source(file, stamp.size);
+  const FileSource source(file, stamp.size);
   const qvdb::CheckReport report = check::checkSource(source);
   if (report.errors != 0 || report.tables.size() != plan_.tables.size()) return false;
   for (size_t i = 0; i < plan_.tables.size(); ++i) {
@@ -107,7 +105,7 @@ qvdb::SalvageReport run(const ByteSource& source, const Survey& survey,
   return all.report();
 }
 
-void lookAtSourceAgain(const survey::OpenedFile& source, const std::filesystem::path& path,
+void lookAtSourceAgain(const OpenedFile& source, const std::filesystem::path& path,
                        const char* operation, qvdb::SalvageReport* report) {
   report->source_in_use = source.isLockedByOthers();
   if (!source.hasChanged()) return;
@@ -121,8 +119,6 @@ namespace {
 
 using salvage::Run;
 using salvage::StoredDatabases;
-using survey::ByteSource;
-using survey::Survey;
 
 constexpr const char* kOperation = "salvage the database";
 
@@ -146,10 +142,10 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
     failure::throwError(kOperation, Reason::bad_argument,
                         "it cannot begin that far before the source");
   }
-  const survey::PartSource source(whole, options.from, whole.size());
+  const PartSource source(whole, options.from, whole.size());
   const bool isDeep = !options.deep_to.empty();
   const Survey survey =
-      survey::makeSurvey(source, {.deep = isDeep, .ignoreDirectory = options.ignore_directory});
+      makeSurvey(source, {.deep = isDeep, .ignoreDirectory = options.ignore_directory});
   std::optional<StoredDatabases> stored;
   if (isDeep) stored.emplace(source, survey, options, access);
   if (holdsNothing(survey) && (!stored || stored->isEmpty())) {
@@ -169,7 +165,7 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
 
 SalvageReport salvage(const std::filesystem::path& source, const std::filesystem::path& target,
                       const BlockVisitor& visitor, const SalvageOptions& options) {
-  survey::OpenedFile file(source, kOperation);
+  OpenedFile file(source, kOperation);
   file.watch();
   const platform::FileAccess access = file.access(source, kOperation);
   const LastLook lastLook = [&](SalvageReport* report) {
@@ -180,8 +176,7 @@ SalvageReport salvage(const std::filesystem::path& source, const std::filesystem
 
 SalvageReport salvage_image(std::span<const std::byte> image, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options) {
-  return salvageSource(survey::MemorySource(image), "the image", target, visitor, options, nullptr,
-                       {});
+  return salvageSource(MemorySource(image), "the image", target, visitor, options, nullptr, {});
 }
 
 std::string_view to_string(BlockLabel label) noexcept {

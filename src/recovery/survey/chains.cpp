@@ -19,7 +19,7 @@ class ChainReader {
   ChainReader(const ByteSource& source, Survey* survey) : window_(source), survey_(*survey) {}
 
   void follow(Table* table) {
-    const Slot& slot = survey_.slots[static_cast<size_t>(table->slot)];
+    const Slot& slot = survey_.slotOf(*table);
     const tablePart1& fields = slot.fields;
     walk(*table, fields.firstRecordPos, fields.recordCount, kForward, &table->forward);
     walk(*table, fields.lastRecordPos, 0, kBackward, &table->backward);

@@ -230,7 +230,7 @@ class Labeller {
   bool isChainSound(uint32_t owner) {
     for (const Table& table : survey_.tables) {
       if (table.owner != owner) continue;
-      const Slot& slot = survey_.slots[static_cast<size_t>(table.slot)];
+      const Slot& slot = survey_.slotOf(table);
       if (table.forward.end != WalkEnd::complete || table.backward.end != WalkEnd::complete) {
         return false;
       }

@@ -19,7 +19,7 @@ bool mayBeDamaged(const Survey& survey, int64_t position) {
 
 uint32_t packedData(const Survey& survey, const Table& table) {
   if (table.dataState == DataState::none || table.dataState == DataState::sound) return kNoBlock;
-  const tablePart1& slot = survey.slots[static_cast<size_t>(table.slot)].fields;
+  const tablePart1& slot = survey.slotOf(table).fields;
   if (slot.recordCount == 0 || mayBeDamaged(survey, slot.firstDataPos)) return kNoBlock;
   uint32_t found = kNoBlock;
   for (uint32_t number = 0; number < survey.blocks.size(); ++number) {

@@ -228,6 +228,13 @@ struct Survey {
     return owners[block.owner].slot == kNoSlot && block.grade == Grade::a && !block.isInTornBlock;
   }
 
+  const Slot& slotOf(const Table& table) const { return slots[static_cast<size_t>(table.slot)]; }
+
+  // Null for kNoSlot.
+  const Slot* slotAt(int slot) const {
+    return slot == kNoSlot ? nullptr : &slots[static_cast<size_t>(slot)];
+  }
+
   const Table* tableOfSlot(int slot) const {
     for (const Table& table : tables) {
       if (table.slot == slot) return &table;
