@@ -6,72 +6,51 @@
 
 namespace qvdb {
 
+namespace {
+
+struct Words {
+  Reason reason;
+  std::string_view words;
+};
+
+constexpr Words kWords[] = {{Reason::path_not_reachable, "path not reachable"},
+                            {Reason::no_such_file, "no such file"},
+                            {Reason::not_a_file, "not a file"},
+                            {Reason::file_exists, "the file exists"},
+                            {Reason::access_denied, "access denied"},
+                            {Reason::in_use, "in use"},
+                            {Reason::cannot_open, "cannot be opened"},
+                            {Reason::not_a_database, "not a database"},
+                            {Reason::version_out_of_range, "version out of range"},
+                            {Reason::directory_damaged, "table directory damaged"},
+                            {Reason::chain_damaged, "chain of records damaged"},
+                            {Reason::data_damaged, "data damaged"},
+                            {Reason::bad_name, "no name for a table"},
+                            {Reason::name_too_long, "name too long"},
+                            {Reason::table_missing, "no such table"},
+                            {Reason::table_exists, "the table exists"},
+                            {Reason::directory_full, "no room for another table"},
+                            {Reason::record_missing, "no such record"},
+                            {Reason::empty_payload, "empty payload"},
+                            {Reason::too_large, "too large"},
+                            {Reason::bad_argument, "bad argument"},
+                            {Reason::read_only, "opened for reading only"},
+                            {Reason::disk_full, "disk full"},
+                            {Reason::cannot_read, "cannot be read"},
+                            {Reason::cannot_write, "cannot be written"},
+                            {Reason::not_open, "not open"},
+                            {Reason::cancelled, "cancelled"},
+                            {Reason::appender_open, "an appender is open"},
+                            {Reason::cannot_lock, "cannot be locked"},
+                            {Reason::read_only_file_system, "read-only file system"},
+                            {Reason::size_limit, "too long for the limits of the system"},
+                            {Reason::damaged, "damaged"}};
+
+}  // namespace
+
 std::string_view to_string(Reason reason) noexcept {
-  switch (reason) {
-    case Reason::path_not_reachable:
-      return "path not reachable";
-    case Reason::no_such_file:
-      return "no such file";
-    case Reason::not_a_file:
-      return "not a file";
-    case Reason::file_exists:
-      return "the file exists";
-    case Reason::access_denied:
-      return "access denied";
-    case Reason::in_use:
-      return "in use";
-    case Reason::cannot_open:
-      return "cannot be opened";
-    case Reason::not_a_database:
-      return "not a database";
-    case Reason::version_out_of_range:
-      return "version out of range";
-    case Reason::directory_damaged:
-      return "table directory damaged";
-    case Reason::chain_damaged:
-      return "chain of records damaged";
-    case Reason::data_damaged:
-      return "data damaged";
-    case Reason::bad_name:
-      return "no name for a table";
-    case Reason::name_too_long:
-      return "name too long";
-    case Reason::table_missing:
-      return "no such table";
-    case Reason::table_exists:
-      return "the table exists";
-    case Reason::directory_full:
-      return "no room for another table";
-    case Reason::record_missing:
-      return "no such record";
-    case Reason::empty_payload:
-      return "empty payload";
-    case Reason::too_large:
-      return "too large";
-    case Reason::bad_argument:
-      return "bad argument";
-    case Reason::read_only:
-      return "opened for reading only";
-    case Reason::disk_full:
-      return "disk full";
-    case Reason::cannot_read:
-      return "cannot be read";
-    case Reason::cannot_write:
-      return "cannot be written";
-    case Reason::not_open:
-      return "not open";
-    case Reason::cancelled:
-      return "cancelled";
-    case Reason::appender_open:
-      return "an appender is open";
-    case Reason::cannot_lock:
-      return "cannot be locked";
-    case Reason::read_only_file_system:
-      return "read-only file system";
-    case Reason::size_limit:
-      return "too long for the limits of the system";
-    case Reason::damaged:
-      return "damaged";
+  for (const Words& each : kWords) {
+    if (each.reason == reason) return each.words;
   }
   return "unknown reason";
 }
