@@ -6,6 +6,7 @@
 #include "recovery/check/check_source.h"
 #include "recovery/salvage/plan.h"
 #include "recovery/survey/packed_data.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdb;
 
@@ -13,6 +14,7 @@ namespace qvdbase::upkeep {
 
 using survey::Block;
 using survey::BlockKind;
+using survey::counted;
 using survey::Grade;
 using survey::kNoBlock;
 using survey::Label;
@@ -21,10 +23,6 @@ using survey::Survey;
 using survey::Table;
 
 namespace {
-
-std::string counted(uint64_t count, const char* one, const char* many) {
-  return std::to_string(count) + " " + (count == 1 ? one : many);
-}
 
 // What such a copy takes along, and how large it will be.
 struct Copied {
@@ -101,8 +99,8 @@ void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
 std::string Verdict::why() const {
   std::string text;
   const auto add = [&](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
-  if (errors > 0) add("it has " + counted(errors, "error", "errors") + " (" + firstError + ")");
-  if (records > 0) add(counted(records, "record", "records") + " would be lost");
+  if (errors > 0) add("it has " + counted(errors, "error") + " (" + firstError + ")");
+  if (records > 0) add(counted(records, "record") + " would be lost");
   if (cutOff > 0) {
     add(counted(cutOff, "of them is from a write", "of them are from writes") +
         " that was cut off (" + firstCutOff + ")");

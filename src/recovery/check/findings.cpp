@@ -1,7 +1,5 @@
-// Findings are counted all, and told up to a limit for each code and table.
+// All findings are counted, and reported up to a limit for each code and table.
 #include "recovery/check/findings.h"
-
-#include <qvdbase/qvdb/id.hpp>
 
 #include "format/Aliment8.h"
 #include "format/identifiers.h"
@@ -32,35 +30,6 @@ void Findings::add(qvdb::Severity severity, const char* code, const About& about
   finding.offset = about.offset;
   finding.message = std::move(message);
   findings_.push_back(std::move(finding));
-}
-
-std::string counted(uint64_t count, const char* thing) {
-  return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
-}
-
-std::string counted(uint64_t count, const char* one, const char* many) {
-  return std::to_string(count) + " " + (count == 1 ? one : many);
-}
-
-std::string shown(const std::string& name) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text = "'";
-  for (const char each : name) {
-    const auto byte = static_cast<unsigned char>(each);
-    if (byte < 0x20 || byte == 0x7F) {
-      text += "\\x";
-      text += kDigits[byte >> 4];
-      text += kDigits[byte & 15];
-    } else {
-      if (each == '\'' || each == '\\') text += '\\';
-      text += each;
-    }
-  }
-  return text + "'";
-}
-
-std::string shownId(uint64_t id) {
-  return qvdb::to_string(qvdb::Id{id});
 }
 
 }  // namespace qvdbase::check

@@ -11,8 +11,13 @@
 #include <vector>
 
 #include "recovery/survey/survey.h"
+#include "recovery/survey/words.h"
 
 namespace qvdbase::check {
+
+using survey::counted;
+using survey::shown;
+using survey::shownId;
 
 // What a finding is about, beside its text.
 struct About {
@@ -54,15 +59,5 @@ class Findings {
   std::vector<qvdb::Finding> findings_;
   std::map<std::tuple<std::string, int, qvdb::Severity>, Alike> alike_;
 };
-
-// "1 record", "2 records".
-std::string counted(uint64_t count, const char* thing);
-std::string counted(uint64_t count, const char* one, const char* many);
-
-// A name from a file, made fit to be shown: in single quotes, what is not printable escaped.
-std::string shown(const std::string& name);
-
-// "0x" and 16 digits.
-std::string shownId(uint64_t id);
 
 }  // namespace qvdbase::check

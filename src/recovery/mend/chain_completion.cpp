@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "format/Aliment8.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdbase::survey;
 
@@ -101,9 +102,8 @@ class Completer {
     }
     if (!isAppend) return refuse("the chain goes on after its last record, and not as an append");
     result_.added = static_cast<uint32_t>(forward_.size() - counted);
-    step(std::to_string(result_.added) +
-         (result_.added == 1 ? " record that was" : " records that were") +
-         " linked but not counted " + (result_.added == 1 ? "is" : "are") + " counted");
+    step(survey::counted(result_.added, "record that was linked but not counted is counted",
+                         "records that were linked but not counted are counted"));
     result_.lastWritten = positionOf(forward_.back());
     result_.chain = forward_;
   }

@@ -11,6 +11,7 @@
 #include "products/buffered_output.h"
 #include "products/target_file.h"
 #include "recovery/salvage/payload_reader.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdbase::survey;
 
@@ -53,20 +54,7 @@ struct Content {
 // Names in files may hold any bytes: what is not plain ASCII is escaped byte by byte, so that the
 // line is JSON whatever the name is.
 std::string quoted(const std::string& text) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string result = "\"";
-  for (const char each : text) {
-    const auto byte = static_cast<unsigned char>(each);
-    if (byte < 0x20 || byte >= 0x7F) {
-      result += "\\u00";
-      result += kDigits[byte >> 4];
-      result += kDigits[byte & 15];
-    } else {
-      if (each == '"' || each == '\\') result += '\\';
-      result += each;
-    }
-  }
-  return result + "\"";
+  return survey::quoted(text, '"', "\\u00", true);
 }
 
 std::string line(const qvdb::FoundBlock& found, const std::string& file, const Content& content) {

@@ -16,6 +16,7 @@
 #include <set>
 
 #include "format/identifiers.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdbase::format;
 
@@ -90,8 +91,7 @@ class Planner {
     planHeader();
     groupBlocks();
     if (nameless_ > 0) {
-      note("Left out: " + std::to_string(nameless_) +
-           (nameless_ == 1 ? " record block" : " record blocks") + " with the identifier 0.");
+      note("Left out: " + survey::counted(nameless_, "record block") + " with the identifier 0.");
     }
     adoptOwners();
     for (const Table& table : survey_.tables) planTable(table);

@@ -13,6 +13,7 @@
 #include "recovery/salvage/run.h"
 #include "recovery/salvage/stored_databases.h"
 #include "recovery/survey/part_source.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdbase;
 using namespace qvdbase::survey;
@@ -76,8 +77,7 @@ void Run::note(const Survey& survey, const Written& written) {
   if (position < 0) return;
   std::string text = "The system cannot read the source at " + std::to_string(position);
   if (written.bytesUnreadable > 0) {
-    text += "; zeros stand for " + std::to_string(written.bytesUnreadable) +
-            (written.bytesUnreadable == 1 ? " byte" : " bytes") + " of payload";
+    text += "; zeros stand for " + counted(written.bytesUnreadable, "byte") + " of payload";
   }
   report_.notes.push_back(text + ".");
 }

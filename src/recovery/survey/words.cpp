@@ -1,0 +1,40 @@
+#include "recovery/survey/words.h"
+
+#include <qvdbase/qvdb/id.hpp>
+
+namespace qvdbase::survey {
+
+std::string counted(uint64_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+std::string counted(uint64_t count, const char* thing) {
+  return counted(count, thing, (std::string(thing) + "s").c_str());
+}
+
+std::string quoted(const std::string& text, char quote, const char* escape, bool onlyAscii) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string result(1, quote);
+  for (const char each : text) {
+    const auto byte = static_cast<unsigned char>(each);
+    if (byte < 0x20 || byte == 0x7F || (onlyAscii && byte > 0x7F)) {
+      result += escape;
+      result += kDigits[byte >> 4];
+      result += kDigits[byte & 15];
+    } else {
+      if (each == quote || each == '\\') result += '\\';
+      result += each;
+    }
+  }
+  return result + quote;
+}
+
+std::string shown(const std::string& name) {
+  return quoted(name, '\'', "\\x", false);
+}
+
+std::string shownId(uint64_t id) {
+  return qvdb::to_string(qvdb::Id{id});
+}
+
+}  // namespace qvdbase::survey

@@ -1,0 +1,23 @@
+// Numbers, names and identifiers in sentences.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace qvdbase::survey {
+
+// "1 record", "2 records"; the second one for plurals that take more than an "s".
+std::string counted(uint64_t count, const char* thing);
+std::string counted(uint64_t count, const char* one, const char* many);
+
+// The text in quotes, with backslashes before quotes and backslashes. Control characters become
+// `escape` and two digits; with `onlyAscii` so does every byte that is not ASCII.
+std::string quoted(const std::string& text, char quote, const char* escape, bool onlyAscii);
+
+// A name from a file, made fit to be shown: in single quotes, what is not printable escaped.
+std::string shown(const std::string& name);
+
+// "0x" and 16 digits.
+std::string shownId(uint64_t id);
+
+}  // namespace qvdbase::survey
