@@ -8,19 +8,9 @@
 #include "recovery/survey/packed_data.h"
 #include "recovery/survey/words.h"
 
-using namespace qvdb;
+using namespace qvdbase::survey;
 
 namespace qvdbase::upkeep {
-
-using survey::Block;
-using survey::BlockKind;
-using survey::counted;
-using survey::Grade;
-using survey::kNoBlock;
-using survey::Label;
-using survey::Leftover;
-using survey::Survey;
-using survey::Table;
 
 namespace {
 
@@ -43,7 +33,7 @@ Copied copiedBlocks(const Survey& survey) {
     const std::vector<uint32_t>& walk = table.forward.blocks;
     const auto count = std::min<size_t>(walk.size(), slot.fields.recordCount);
     std::for_each(walk.begin(), walk.begin() + static_cast<std::ptrdiff_t>(count), take);
-    const bool isInPlace = table.dataState == survey::DataState::sound;
+    const bool isInPlace = table.dataState == DataState::sound;
     const uint32_t data = isInPlace ? table.dataBlock : packedData(survey, table);
     if (data != kNoBlock) take(data);
   }
@@ -55,14 +45,14 @@ class Errors {
  public:
   Errors(const Survey& survey, Verdict* verdict) : survey_(survey), verdict_(*verdict) {}
 
-  void note(const Finding& finding) {
-    if (finding.severity != Severity::error || isOfPackedData(finding)) return;
+  void note(const qvdb::Finding& finding) {
+    if (finding.severity != qvdb::Severity::error || isOfPackedData(finding)) return;
     verdict_.errors += 1 + finding.more;
     if (verdict_.firstError.empty()) verdict_.firstError = finding.code + ": " + finding.message;
   }
 
  private:
-  bool isOfPackedData(const Finding& finding) const {
+  bool isOfPackedData(const qvdb::Finding& finding) const {
     if (finding.code != "T1" && finding.code != "T2" && finding.code != "T3") return false;
     const Table* table = survey_.tableOfSlot(finding.slot);
     return table != nullptr && packedData(survey_, *table) != kNoBlock;
@@ -86,7 +76,7 @@ void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
     if (block.label != Label::unlinked && block.label != Label::unfinishedRelocation) continue;
     if (verdict->cutOff++ == 0) {
       verdict->firstCutOff =
-          to_string(Id{block.recordID}) + " at offset " + std::to_string(block.position);
+          shownId(block.recordID) + " at offset " + std::to_string(block.position);
     }
   }
   for (const auto& leftover : survey.leftovers) {
@@ -112,11 +102,11 @@ std::string Verdict::why() const {
   return text;
 }
 
-Verdict judgeCopy(const survey::ByteSource& source, const Survey& survey) {
+Verdict judgeCopy(const ByteSource& source, const Survey& survey) {
   Verdict verdict;
   Errors errors(survey, &verdict);
-  static_cast<void>(
-      check::checkSurvey(source, survey, [&](const Finding& finding) { errors.note(finding); }));
+  static_cast<void>(check::checkSurvey(
+      source, survey, [&](const qvdb::Finding& finding) { errors.note(finding); }));
   const Copied copied = copiedBlocks(survey);
   countLosses(survey, copied, &verdict);
   verdict.grows = copied.size > survey.size;

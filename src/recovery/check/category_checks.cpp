@@ -8,14 +8,10 @@
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
-
-using survey::Block;
-using survey::Slot;
-using survey::Survey;
-using survey::Table;
 
 // The payload: 8 bytes of identifier, 64 of name, 4 and 8 more, then two counted lists of
 // identifiers and a counted run of bytes.
@@ -33,7 +29,7 @@ const Table* tableNamed(const Survey& survey, const char* name) {
 
 class CategoryCheck {
  public:
-  CategoryCheck(const survey::ByteSource& source, const Survey& survey, Findings* findings)
+  CategoryCheck(const ByteSource& source, const Survey& survey, Findings* findings)
       : window_(source), survey_(survey), findings_(*findings) {}
 
   void run() {
@@ -125,7 +121,7 @@ class CategoryCheck {
     return "The category at " + std::to_string(block.position);
   }
 
-  survey::Window window_;
+  Window window_;
   const Survey& survey_;
   Findings& findings_;
   const Slot* slot_ = nullptr;
@@ -136,7 +132,7 @@ class CategoryCheck {
 
 }  // namespace
 
-void checkCategories(const survey::ByteSource& source, const Survey& survey, Findings* findings) {
+void checkCategories(const ByteSource& source, const Survey& survey, Findings* findings) {
   CategoryCheck(source, survey, findings).run();
 }
 

@@ -9,15 +9,13 @@
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
 
-using survey::Slot;
-using survey::Survey;
-
 bool hasBlocks(const Survey& survey, const Slot& slot) {
-  return std::any_of(survey.blocks.begin(), survey.blocks.end(), [&](const survey::Block& block) {
+  return std::any_of(survey.blocks.begin(), survey.blocks.end(), [&](const Block& block) {
     return std::memcmp(survey.owners[block.owner].id.data(), slot.fields.tableID,
                        kIdentifierSize) == 0;
   });

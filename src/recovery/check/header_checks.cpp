@@ -7,12 +7,10 @@
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
-
-using survey::Header;
-using survey::Survey;
 
 bool hasLetters(const Header& header, int first, int second) {
   return std::toupper(header.fields.signature[0]) == first &&
@@ -36,8 +34,8 @@ void checkVersion(const Survey& survey, Findings* findings) {
     findings->error("H2", about, "The version is " + std::to_string(version) + ", not 100 to 199.");
   } else if (version == kUnfinishedPackVersion) {
     const auto records = static_cast<uint64_t>(
-        std::count_if(survey.blocks.begin(), survey.blocks.end(), [](const survey::Block& block) {
-          return block.kind == survey::BlockKind::record && block.label == survey::Label::live;
+        std::count_if(survey.blocks.begin(), survey.blocks.end(), [](const Block& block) {
+          return block.kind == BlockKind::record && block.label == Label::live;
         }));
     findings->error("H3", about,
                     "The version is 101: the file is the unfinished result of a pack. " +

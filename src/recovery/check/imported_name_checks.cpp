@@ -7,15 +7,10 @@
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
-
-using survey::Block;
-using survey::DataState;
-using survey::Slot;
-using survey::Survey;
-using survey::Table;
 
 constexpr char kMark[8] = {'Q', 'V', 'f', 'i', 'l', 'e', 's', 1};
 
@@ -41,7 +36,7 @@ bool isSafeName(std::string_view name) {
 // Reads one list from its front. It keeps the name of one entry at a time.
 class NameList {
  public:
-  NameList(const survey::ByteSource& source, const Block& block)
+  NameList(const ByteSource& source, const Block& block)
       : window_(source), at_(block.dataPos()), size_(block.dataThere()), end_(at_ + size_) {}
 
   bool isOurs() {
@@ -102,8 +97,7 @@ class NameList {
     if (!count(&left) || left > static_cast<uint64_t>(end_ - at_)) return false;
     if (to->size() + left > kLongestName) return false;
     while (left > 0) {
-      const auto piece =
-          static_cast<size_t>(std::min<uint64_t>(left, survey::Window::kLargestView));
+      const auto piece = static_cast<size_t>(std::min<uint64_t>(left, Window::kLargestView));
       const uint8_t* bytes = take(piece);
       if (bytes == nullptr) return false;
       to->append(reinterpret_cast<const char*>(bytes), piece);
@@ -112,7 +106,7 @@ class NameList {
     return true;
   }
 
-  survey::Window window_;
+  Window window_;
   int64_t at_;
   int64_t size_;  // of the list
   int64_t end_;
@@ -134,7 +128,7 @@ std::vector<uint64_t> recordsOf(const Survey& survey, const Table& table) {
 
 }  // namespace
 
-void checkImportedNames(const survey::ByteSource& source, const Survey& survey, const Table& table,
+void checkImportedNames(const ByteSource& source, const Survey& survey, const Table& table,
                         Findings* findings) {
   if (table.dataState != DataState::sound) return;
   const Slot& slot = survey.slotOf(table);

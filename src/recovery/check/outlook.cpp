@@ -14,19 +14,13 @@
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
 
-using survey::Block;
-using survey::DataState;
-using survey::Slot;
-using survey::Survey;
-using survey::Table;
-using survey::WalkEnd;
-
 bool headerIsUsable(const Survey& survey) {
-  const survey::Header& header = survey.header;
+  const Header& header = survey.header;
   return survey.headerThere && std::toupper(header.fields.signature[0]) == 'Q' &&
          std::toupper(header.fields.signature[1]) == 'V' &&
          header.fields.version >= kFirstVersion && header.fields.version <= kLastVersion &&
@@ -62,9 +56,9 @@ bool canAppend(const Survey& survey, const Table& table, const tablePart1& slot)
 bool canReadData(const Survey& survey, const tablePart1& slot) {
   if (slot.firstDataPos == 0) return true;
   const uint32_t number = survey.byPosition.find(slot.firstDataPos);
-  if (number == survey::kNoBlock) return false;
+  if (number == kNoBlock) return false;
   const Block& block = survey.blocks[number];
-  return block.kind == survey::BlockKind::tableData && !(block.flaws & survey::kWrongTableSum) &&
+  return block.kind == BlockKind::tableData && !(block.flaws & kWrongTableSum) &&
          survey.owners[block.owner].number == identifierNumber(slot.tableID) &&
          block.dataPos() + int64_t{block.length} <= survey.size;
 }
@@ -73,7 +67,7 @@ bool canReadData(const Survey& survey, const tablePart1& slot) {
 bool dataIsWhole(const Survey& survey, const Table& table) {
   if (table.dataState == DataState::none) return true;
   if (table.dataState != DataState::sound) return false;
-  return (survey.blocks[table.dataBlock].flaws & (survey::kBeyondEnd | survey::kNoEndMark)) == 0;
+  return (survey.blocks[table.dataBlock].flaws & (kBeyondEnd | kNoEndMark)) == 0;
 }
 
 bool hasRecords(const tablePart1& slot) {
@@ -98,7 +92,7 @@ bool canPackRecords(const Survey& survey, const Table& table, const tablePart1& 
 // meets within the count.
 class NeighbourCheck {
  public:
-  NeighbourCheck(const survey::ByteSource& source, const Survey& survey, const Table& table)
+  NeighbourCheck(const ByteSource& source, const Survey& survey, const Table& table)
       : source_(source), survey_(survey), table_(table), slot_(survey.slotOf(table).fields) {}
 
   bool canDeleteAll() const {
@@ -141,10 +135,9 @@ class NeighbourCheck {
   // The links of the record of this table at `position`, wherever that is.
   std::optional<recordPart1> headAt(int64_t position) const {
     const uint32_t number = survey_.byPosition.find(position);
-    if (number != survey::kNoBlock && survey_.blocks[number].isReached()) {
+    if (number != kNoBlock && survey_.blocks[number].isReached()) {
       const Block& block = survey_.blocks[number];
-      if (block.kind != survey::BlockKind::record || block.owner != table_.owner)
-        return std::nullopt;
+      if (block.kind != BlockKind::record || block.owner != table_.owner) return std::nullopt;
       recordPart1 head = {};
       head.prevRecordPos = block.prev;
       head.nextRecordPos = block.next;
@@ -158,7 +151,7 @@ class NeighbourCheck {
     return isOwn ? std::optional(head) : std::nullopt;
   }
 
-  const survey::ByteSource& source_;
+  const ByteSource& source_;
   const Survey& survey_;
   const Table& table_;
   const tablePart1& slot_;
@@ -218,8 +211,7 @@ bool isReachable(const Survey& survey, const Slot& slot) {
   return false;
 }
 
-qvdb::TableOutlook outlookOf(const survey::ByteSource& source, const Survey& survey,
-                             const Table& table) {
+qvdb::TableOutlook outlookOf(const ByteSource& source, const Survey& survey, const Table& table) {
   const Slot& slot = survey.slotOf(table);
   const tablePart1& fields = slot.fields;
   qvdb::TableOutlook outlook;

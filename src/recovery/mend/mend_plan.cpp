@@ -15,18 +15,12 @@
 
 using namespace qvdbase::support;
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::mend {
 namespace {
 
 using qvdb::CutOffWrites;
-using survey::Block;
-using survey::BlockKind;
-using survey::Grade;
-using survey::Label;
-using survey::Slot;
-using survey::Survey;
-using survey::Table;
 
 // Records by table and record identifier.
 using Records = std::set<std::pair<uint64_t, uint64_t>>;
@@ -45,14 +39,14 @@ bool isLeftOver(const Block& block) {
 // either way. None where there are others besides, or where their order is not that of writing.
 std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
   const tablePart1& slot = survey.slotOf(table).fields;
-  const bool isWhole = table.forward.end == survey::WalkEnd::complete &&
-                       table.backward.end == survey::WalkEnd::complete &&
+  const bool isWhole = table.forward.end == WalkEnd::complete &&
+                       table.backward.end == WalkEnd::complete &&
                        table.forward.blocks.size() == slot.recordCount &&
                        table.backward.blocks.size() == slot.recordCount;
   if (!isWhole) return {};
   std::vector<uint32_t> tail;
   int64_t previous = slot.lastRecordPos;
-  for (const uint32_t number : survey::blocksInFileOrder(survey)) {
+  for (const uint32_t number : blocksInFileOrder(survey)) {
     const Block& each = survey.blocks[number];
     const bool isApart = each.owner == table.owner && each.kind == BlockKind::record &&
                          each.label == Label::detached && !each.isReached();
@@ -79,8 +73,8 @@ Records salvageable(const Survey& survey) {
 
 class Planner {
  public:
-  Planner(const survey::ByteSource& source, CutOffWrites cutOff)
-      : source_(source), cutOff_(cutOff), survey_(survey::makeSurvey(source)) {}
+  Planner(const ByteSource& source, CutOffWrites cutOff)
+      : source_(source), cutOff_(cutOff), survey_(makeSurvey(source)) {}
 
   MendPlan make() {
     plan_.size = survey_.size;
@@ -95,7 +89,7 @@ class Planner {
       if (survey_.slotOf(table).counted) mendTable(table);
     }
     // The slots last: what they count is then linked.
-    for (survey::Patch& slot : slots_) plan_.patches.push_back(std::move(slot));
+    for (Patch& slot : slots_) plan_.patches.push_back(std::move(slot));
     verify();
     return std::move(plan_);
   }
@@ -115,8 +109,8 @@ class Planner {
   // Latest end first.
   std::vector<Piece> cutOffPieces() const {
     std::vector<Piece> pieces;
-    for (const survey::LeftoverRange& each : survey_.leftovers) {
-      if (each.kind != survey::Leftover::torn) continue;
+    for (const LeftoverRange& each : survey_.leftovers) {
+      if (each.kind != Leftover::torn) continue;
       pieces.push_back({each.range.begin, each.range.end, nullptr});
     }
     for (const Block& each : survey_.blocks) {
@@ -178,7 +172,7 @@ class Planner {
 
   std::vector<uint32_t> leftOverOf(const Table& table) const {
     std::vector<uint32_t> found;
-    for (const uint32_t number : survey::blocksInFileOrder(survey_)) {
+    for (const uint32_t number : blocksInFileOrder(survey_)) {
       const Block& each = block(number);
       if (each.owner == table.owner && isLeftOver(each) && each.end <= plan_.size) {
         found.push_back(number);
@@ -224,8 +218,8 @@ class Planner {
   }
 
   void pointAtPackedData(const Table& table, tablePart1* fields) {
-    const uint32_t data = survey::packedData(survey_, table);
-    if (data == survey::kNoBlock) return;
+    const uint32_t data = packedData(survey_, table);
+    if (data == kNoBlock) return;
     const int64_t position = block(data).position;
     fields->firstDataPos = fields->lastWrittenDataPos = fields->lastDataPos = position;
     fields->dataBlockCount = 1;
@@ -245,14 +239,14 @@ class Planner {
   }
 
   void writeLink(int64_t position, int64_t value) {
-    survey::Patch patch = {position, std::vector<unsigned char>(8)};
+    Patch patch = {position, std::vector<unsigned char>(8)};
     storeBigEndian(patch.bytes.data(), static_cast<uint64_t>(value));
     plan_.patches.push_back(std::move(patch));
   }
 
   void writeSlot(const Slot& slot, const tablePart1& fields) {
-    survey::Patch before = {slot.position, std::vector<unsigned char>(kSlotImageSize)};
-    survey::Patch after = before;
+    Patch before = {slot.position, std::vector<unsigned char>(kSlotImageSize)};
+    Patch after = before;
     encodeSlot(slot.fields, before.bytes.data());
     encodeSlot(fields, after.bytes.data());
     if (after.bytes != before.bytes) slots_.push_back(std::move(after));
@@ -262,8 +256,8 @@ class Planner {
 
   void verify() {
     if (!plan_.refusal.empty()) return;
-    const survey::PatchedSource mended(source_, plan_.patches, plan_.size);
-    const Survey survey = survey::makeSurvey(mended);
+    const PatchedSource mended(source_, plan_.patches, plan_.size);
+    const Survey survey = makeSurvey(mended);
     plan_.unreadableAt = survey.unreadableAt;
     std::string first;
     const qvdb::CheckReport report =
@@ -290,17 +284,17 @@ class Planner {
     }
   }
 
-  const survey::ByteSource& source_;
+  const ByteSource& source_;
   const CutOffWrites cutOff_;
   const Survey survey_;
   MendPlan plan_;
-  std::vector<survey::Patch> slots_;
+  std::vector<Patch> slots_;
   Records gone_;  // deleted, or discarded
 };
 
 }  // namespace
 
-MendPlan planMend(const survey::ByteSource& source, CutOffWrites cutOff) {
+MendPlan planMend(const ByteSource& source, CutOffWrites cutOff) {
   return Planner(source, cutOff).make();
 }
 

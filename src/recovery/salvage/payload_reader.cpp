@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+using namespace qvdbase::survey;
+
 namespace qvdbase::salvage {
 namespace {
 
@@ -10,9 +12,9 @@ constexpr size_t kPiece = size_t{1} << 20;
 
 }  // namespace
 
-PayloadReader::PayloadReader(const survey::ByteSource& source) : source_(source), piece_(kPiece) {}
+PayloadReader::PayloadReader(const ByteSource& source) : source_(source), piece_(kPiece) {}
 
-uint64_t PayloadReader::read(const survey::Block& block,
+uint64_t PayloadReader::read(const Block& block,
                              const std::function<void(const char*, size_t)>& take) {
   const int64_t end = block.dataPos() + block.dataThere();
   uint64_t unreadable = 0;
@@ -34,8 +36,7 @@ uint64_t PayloadReader::load(int64_t position, size_t count) {
     to += held;
     count -= held;
     if (count == 0) break;
-    const int64_t next =
-        survey::nextReadable(source_, position, position + static_cast<int64_t>(count));
+    const int64_t next = nextReadable(source_, position, position + static_cast<int64_t>(count));
     const auto lost = static_cast<size_t>(next - position);
     if (unreadableAt_ < 0 || position < unreadableAt_) unreadableAt_ = position;
     unreadable += lost;

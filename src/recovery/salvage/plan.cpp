@@ -19,17 +19,10 @@
 #include "recovery/survey/words.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::salvage {
 namespace {
-
-using survey::Block;
-using survey::BlockKind;
-using survey::Grade;
-using survey::Label;
-using survey::Slot;
-using survey::Survey;
-using survey::Table;
 
 constexpr size_t kMostTables = kNewSlotCount - 1;
 constexpr const char* kLostAndFound = "lost-and-found";
@@ -51,7 +44,7 @@ class OlderVersions {
   OlderVersions(const Survey& survey, const std::vector<uint32_t>& members) : survey_(survey) {
     for (const uint32_t number : members) {
       const Block& each = survey.blocks[number];
-      if (each.reach & survey::kForward) continue;
+      if (each.reach & kForward) continue;
       byRecord_[each.recordID] = number;
       if (each.next != 0) byNext_[each.next] = number;
       byPrev_[each.prev] = number;
@@ -62,14 +55,14 @@ class OlderVersions {
     const Block& asked = survey_.blocks[number];
     if (asked.recordID != 0) return found(byRecord_, asked.recordID);
     const uint32_t sameNext = found(byNext_, asked.next);
-    return sameNext != survey::kNoBlock ? sameNext : found(byPrev_, asked.prev);
+    return sameNext != kNoBlock ? sameNext : found(byPrev_, asked.prev);
   }
 
  private:
   template <typename Key>
   static uint32_t found(const std::map<Key, uint32_t>& numbers, Key key) {
     const auto place = numbers.find(key);
-    return place == numbers.end() ? survey::kNoBlock : place->second;
+    return place == numbers.end() ? kNoBlock : place->second;
   }
 
   const Survey& survey_;
@@ -91,7 +84,7 @@ class Planner {
     planHeader();
     groupBlocks();
     if (nameless_ > 0) {
-      note("Left out: " + survey::counted(nameless_, "record block") + " with the identifier 0.");
+      note("Left out: " + counted(nameless_, "record block") + " with the identifier 0.");
     }
     adoptOwners();
     for (const Table& table : survey_.tables) planTable(table);
@@ -104,9 +97,9 @@ class Planner {
   struct Group {
     std::vector<uint32_t> members;   // records that belong to the table, in file order
     std::vector<uint32_t> unlinked;  // records that were never counted, in file order
-    uint32_t data = survey::kNoBlock;
+    uint32_t data = kNoBlock;
     bool isPlanned = false;
-    bool isEmpty() const { return members.empty() && unlinked.empty() && data == survey::kNoBlock; }
+    bool isEmpty() const { return members.empty() && unlinked.empty() && data == kNoBlock; }
   };
 
   const Block& block(uint32_t number) const { return survey_.blocks[number]; }
@@ -117,7 +110,7 @@ class Planner {
   // Whether tables may be missing from the directory as it was read.
   bool directoryIsDamaged() const {
     if (survey_.tables.empty()) return true;
-    const survey::Header& header = survey_.header;
+    const Header& header = survey_.header;
     const auto counted = static_cast<int>(std::count_if(survey_.slots.begin(), survey_.slots.end(),
                                                         [](const Slot& s) { return s.isTable(); }));
     const bool someDestroyed = std::any_of(survey_.slots.begin(), survey_.slots.end(),
@@ -156,9 +149,7 @@ class Planner {
            static_cast<int>(each.grade) <= static_cast<int>(options_.lowest_grade);
   }
 
-  bool isOrphan(const Block& each) const {
-    return survey_.owners[each.owner].slot == survey::kNoSlot;
-  }
+  bool isOrphan(const Block& each) const { return survey_.owners[each.owner].slot == kNoSlot; }
 
   // A block of a table that the directory does not have counts as lost, unless it may be a piece of
   // a payload. In an image it may as well be of another database.
@@ -169,7 +160,7 @@ class Planner {
 
   // Another version of the record that is to be brought back.
   bool isOtherVersion(uint32_t number) const {
-    if (wanted_ == survey::kNoBlock || number == wanted_) return false;
+    if (wanted_ == kNoBlock || number == wanted_) return false;
     const Block& each = block(number);
     const Block& instead = block(wanted_);
     return each.kind == BlockKind::record && each.owner == instead.owner &&
@@ -181,12 +172,12 @@ class Planner {
     for (uint32_t number = 0; number < survey_.blocks.size(); ++number) {
       if (isOtherVersion(number) && block(number).label == Label::live) return number;
     }
-    return survey::kNoBlock;
+    return kNoBlock;
   }
 
   void groupBlocks() {
     groups_.resize(survey_.owners.size());
-    for (const uint32_t number : survey::blocksInFileOrder(survey_)) {
+    for (const uint32_t number : blocksInFileOrder(survey_)) {
       const Block& each = block(number);
       if (isNameless(each)) {
         ++nameless_;
@@ -196,7 +187,7 @@ class Planner {
       if (number == replaced_) {
         group.members.push_back(number);  // add() puts the wanted one there
       } else if (number == wanted_) {
-        if (replaced_ == survey::kNoBlock) placeWanted(number, each, &group);
+        if (replaced_ == kNoBlock) placeWanted(number, each, &group);
       }
       if (number == wanted_ || isOtherVersion(number) || !gradeSuffices(each)) continue;
       if (each.kind == BlockKind::tableData) {
@@ -256,7 +247,7 @@ class Planner {
         for (const int64_t position :
              {slot.firstRecordPos, slot.lastRecordPos, slot.firstDataPos}) {
           const uint32_t number = survey_.byPosition.find(position);
-          if (number == survey::kNoBlock || !isOrphan(block(number))) continue;
+          if (number == kNoBlock || !isOrphan(block(number))) continue;
           owner = block(number).owner;
           break;
         }
@@ -314,11 +305,11 @@ class Planner {
   // Two slots may hold the same number, and differ in its sum: it belongs to the one whose sum is
   // right, or else to the first.
   bool isOfAnother(uint32_t owner) const {
-    const survey::Owner& mine = survey_.owners[owner];
+    const Owner& mine = survey_.owners[owner];
     if (given_.contains(mine.number)) return true;
     if (identifierSumIsRight(mine.id.data())) return false;
     return std::any_of(survey_.tables.begin(), survey_.tables.end(), [&](const Table& table) {
-      const survey::Owner& other = survey_.owners[owners_.at(table.slot)];
+      const Owner& other = survey_.owners[owners_.at(table.slot)];
       return isPlannable(table) && other.number == mine.number &&
              identifierSumIsRight(other.id.data());
     });
@@ -345,14 +336,13 @@ class Planner {
     const OlderVersions older(survey_, group.members);
     const auto takeOrReplace = [&](uint32_t number) {
       if (!isMember[number]) number = older.instead(number);
-      if (number != survey::kNoBlock) take(number);
+      if (number != kNoBlock) take(number);
     };
     for (const uint32_t number : table.forward.blocks) takeOrReplace(number);
 
     std::vector<uint32_t> detached;
     for (const uint32_t number : group.members) {
-      if (isMember[number] && !(block(number).reach & survey::kBackward))
-        detached.push_back(number);
+      if (isMember[number] && !(block(number).reach & kBackward)) detached.push_back(number);
     }
     for (const uint32_t number : inLinkOrder(survey_, detached)) take(number);
     const std::vector<uint32_t>& backward = table.backward.blocks;
@@ -367,7 +357,7 @@ class Planner {
   void planOrphans() {
     for (size_t owner = 0; owner < groups_.size(); ++owner) {
       Group& group = groups_[owner];
-      const bool isKnown = survey_.owners[owner].slot != survey::kNoSlot;
+      const bool isKnown = survey_.owners[owner].slot != kNoSlot;
       if (group.isPlanned || isKnown) continue;
       if (!holdsWanted(group)) dropPiecesOfPayloads(&group);
       if (group.isEmpty()) continue;
@@ -386,12 +376,11 @@ class Planner {
     const auto isPiece = [&](uint32_t number) { return !isTakenAsOrphan(block(number)); };
     std::erase_if(group->members, isPiece);
     std::erase_if(group->unlinked, isPiece);
-    if (group->data != survey::kNoBlock && isPiece(group->data)) group->data = survey::kNoBlock;
+    if (group->data != kNoBlock && isPiece(group->data)) group->data = kNoBlock;
   }
 
   bool holdsWanted(const Group& group) const {
-    return wanted_ != survey::kNoBlock &&
-           survey_.owners[block(wanted_).owner].slot == survey::kNoSlot &&
+    return wanted_ != kNoBlock && survey_.owners[block(wanted_).owner].slot == kNoSlot &&
            &groups_[block(wanted_).owner] == &group;
   }
 
@@ -424,14 +413,14 @@ class Planner {
     const auto place = static_cast<int>(plan_.tables.size());
     std::replace(planned.records.begin(), planned.records.end(), replaced_, wanted_);
     for (const uint32_t number : planned.records) plan_.destination[number] = place;
-    if (planned.data != survey::kNoBlock) plan_.destination[planned.data] = place;
+    if (planned.data != kNoBlock) plan_.destination[planned.data] = place;
     plan_.tables.push_back(std::move(planned));
   }
 
   const Survey& survey_;
   const qvdb::SalvageOptions& options_;
   const uint32_t wanted_;
-  uint32_t replaced_ = survey::kNoBlock;
+  uint32_t replaced_ = kNoBlock;
   bool takesOrphans_ = false;
   Plan plan_;
   std::vector<Group> groups_;       // by owner
@@ -470,13 +459,13 @@ Plan makePlan(const Survey& survey, const qvdb::SalvageOptions& options, const W
 
 qvdb::FoundBlock describe(const Survey& survey, uint32_t number) {
   const Block& block = survey.blocks[number];
-  const survey::Owner& owner = survey.owners[block.owner];
+  const Owner& owner = survey.owners[block.owner];
   qvdb::FoundBlock found;
   found.is_table_data = block.kind == BlockKind::tableData;
   found.label = publicLabel(block.label);
   found.grade = static_cast<qvdb::BlockGrade>(block.grade);
   if (block.isReached() && block.flaws != 0) found.grade = qvdb::BlockGrade::b;
-  found.is_orphan = owner.slot == survey::kNoSlot;
+  found.is_orphan = owner.slot == kNoSlot;
   found.table.value = owner.number;
   if (!found.is_orphan) {
     found.table_name = format::storedName(survey.slots[static_cast<size_t>(owner.slot)].fields);

@@ -14,6 +14,7 @@
 #include "recovery/survey/part_source.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::salvage {
 namespace {
@@ -25,13 +26,12 @@ constexpr size_t kMostDatabases = 1000;
 
 // Where the payload that holds `position` ends, or the block where it lies in spare room; 0 where
 // no block holds it. `order` is the file's.
-int64_t endOfPayload(const survey::Survey& survey, const std::vector<uint32_t>& order,
-                     int64_t position) {
+int64_t endOfPayload(const Survey& survey, const std::vector<uint32_t>& order, int64_t position) {
   const auto behind = std::upper_bound(
       order.begin(), order.end(), position,
       [&](int64_t wanted, uint32_t number) { return wanted < survey.blocks[number].position; });
   if (behind == order.begin()) return 0;
-  const survey::Block& block = survey.blocks[*(behind - 1)];
+  const Block& block = survey.blocks[*(behind - 1)];
   const int64_t end = block.dataPos() + block.dataThere();
   return position < end ? end : position < block.end ? block.end : 0;
 }
@@ -42,13 +42,13 @@ struct Reach {
   bool hasTables;
 };
 
-Reach reachOf(const survey::ByteSource& source, int64_t origin) {
-  const survey::PartSource part(source, origin, source.size());
-  survey::Survey survey;
-  survey::readDirectory(part, {}, &survey);
+Reach reachOf(const ByteSource& source, int64_t origin) {
+  const PartSource part(source, origin, source.size());
+  Survey survey;
+  readDirectory(part, {}, &survey);
   int64_t farthest = kNewFileSize;
   bool hasTables = survey.header.tableCount != 0;
-  for (const survey::Slot& slot : survey.slots) {
+  for (const Slot& slot : survey.slots) {
     if (!slot.isTable()) continue;
     hasTables = true;
     const tablePart1& fields = slot.fields;
@@ -60,19 +60,19 @@ Reach reachOf(const survey::ByteSource& source, int64_t origin) {
   return {origin + farthest, hasTables};
 }
 
-std::string nameOf(const survey::Range& place) {
+std::string nameOf(const Range& place) {
   return "at-" + std::to_string(place.begin) + ".qvd";
 }
 
 }  // namespace
 
-StoredDatabases::StoredDatabases(const survey::ByteSource& source, const survey::Survey& survey,
+StoredDatabases::StoredDatabases(const ByteSource& source, const Survey& survey,
                                  const qvdb::SalvageOptions& options,
                                  const platform::FileAccess* access)
     : source_(source), options_(options), access_(access), folder_(options.deep_to) {
-  const std::vector<uint32_t> order = survey::blocksInFileOrder(survey);
-  std::vector<survey::Range> found;  // an end of 0 stands for one in no payload
-  std::vector<int64_t> loose;        // where those begin
+  const std::vector<uint32_t> order = blocksInFileOrder(survey);
+  std::vector<Range> found;    // an end of 0 stands for one in no payload
+  std::vector<int64_t> loose;  // where those begin
   for (const int64_t origin : survey.nestedDatabases) {
     if (origin == 0) continue;  // the database itself
     found.push_back({origin, endOfPayload(survey, order, origin)});
@@ -81,7 +81,7 @@ StoredDatabases::StoredDatabases(const survey::ByteSource& source, const survey:
   const size_t kept = std::min(found.size(), kMostDatabases);
   leftOut_ = found.size() - kept;
   found.resize(kept);
-  for (survey::Range& place : found) {
+  for (Range& place : found) {
     const Reach reach = reachOf(source, place.begin);
     if (!reach.hasTables) {
       place.end = std::min(place.begin + kNewFileSize, source.size());
@@ -101,9 +101,9 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) {
   options.ignore_directory = false;
   options.extract_to.clear();
   options.deep_to.clear();
-  for (const survey::Range& place : places_) {
-    const survey::PartSource part(source_, place.begin, place.end);
-    const survey::Survey survey = survey::makeSurvey(part);
+  for (const Range& place : places_) {
+    const PartSource part(source_, place.begin, place.end);
+    const Survey survey = makeSurvey(part);
     const std::filesystem::path file = folder_.fileNamed(nameOf(place));
     options.from = place.begin;
     report->stored.push_back({place.begin, file, run(part, survey, file, {}, options, access_)});

@@ -9,12 +9,12 @@
 #include "recovery/salvage/payload_reader.h"
 
 using namespace qvdbase::format;
+using namespace qvdbase::survey;
 
 namespace qvdbase::salvage {
 namespace {
 
 using copy::TablePlace;
-using survey::Block;
 
 // What a block will hold in the new file.
 struct Content {
@@ -30,7 +30,7 @@ Content contentOf(const Block& block) {
 
 class Writer {
  public:
-  Writer(const survey::ByteSource& source, const survey::Survey& survey, const Plan& plan,
+  Writer(const ByteSource& source, const Survey& survey, const Plan& plan,
          products::TargetFile& target)
       : payloads_(source), survey_(survey), plan_(plan), output_(target) {}
 
@@ -68,7 +68,7 @@ class Writer {
         place.lastRecord = place.lastWrittenRecord = position;
         position += kRecordBlockOverhead + contentOf(block(number)).capacity;
       }
-      if (table.data != survey::kNoBlock) {
+      if (table.data != kNoBlock) {
         place.data = position;
         position += kTableDataBlockOverhead + contentOf(block(table.data)).capacity;
       }
@@ -90,7 +90,7 @@ class Writer {
     for (size_t i = 0; i < table.records.size(); ++i) {
       writeRecord(table, i, block(table.records[i]));
     }
-    if (table.data != survey::kNoBlock) writeTableData(table, block(table.data));
+    if (table.data != kNoBlock) writeTableData(table, block(table.data));
   }
 
   void writeRecord(const PlannedTable& table, size_t index, const Block& from) {
@@ -130,7 +130,7 @@ class Writer {
   }
 
   PayloadReader payloads_;
-  const survey::Survey& survey_;
+  const Survey& survey_;
   const Plan& plan_;
   copy::DatabaseWriter output_;
   Written written_;
@@ -138,7 +138,7 @@ class Writer {
 
 }  // namespace
 
-Written writeFile(const survey::ByteSource& source, const survey::Survey& survey, const Plan& plan,
+Written writeFile(const ByteSource& source, const Survey& survey, const Plan& plan,
                   products::TargetFile* target) {
   return Writer(source, survey, plan, *target).write();
 }
