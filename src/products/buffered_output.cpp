@@ -4,6 +4,11 @@
 
 namespace qvdbase::products {
 
+BufferedOutput::BufferedOutput(TargetFile& target)
+    : sink_([&target](int64_t position, const unsigned char* bytes, size_t count) {
+        if (!target.file().writeAt(position, bytes, count)) target.failWriting();
+      }) {}
+
 void BufferedOutput::write(const void* bytes, size_t count) {
   const auto* from = static_cast<const unsigned char*>(bytes);
   fill(count, [&](unsigned char* to, size_t part) {
@@ -21,7 +26,7 @@ void BufferedOutput::zeros(uint64_t count) {
 }
 
 void BufferedOutput::flush() {
-  if (!target_.file().writeAt(flushed_, buffer_.data(), held_)) target_.failWriting();
+  sink_(flushed_, buffer_.data(), held_);
   flushed_ += static_cast<int64_t>(held_);
   held_ = 0;
 }

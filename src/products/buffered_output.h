@@ -1,22 +1,29 @@
-// Bytes in order into a new file, through a buffer.
+// Bytes in order, through a buffer: into a new file, or wherever else they are to go.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
+#include <utility>
 #include <vector>
 
 #include "products/target_file.h"
 
 namespace qvdbase::products {
 
-// What is written is in the file after flush(). All functions throw what the host answered to a
-// write, such as disk_full.
+// What is written has arrived after flush(). All functions throw what the host answered to a write,
+// such as disk_full.
 class BufferedOutput {
  public:
   static constexpr size_t kPiece = size_t{256} << 10;
 
+  // Takes the bytes at a position of the whole.
+  using Sink = std::function<void(int64_t position, const unsigned char* bytes, size_t count)>;
+
+  explicit BufferedOutput(Sink sink) : sink_(std::move(sink)) {}
+
   // The target must have been made, and outlive this.
-  explicit BufferedOutput(TargetFile& target) : target_(target) {}
+  explicit BufferedOutput(TargetFile& target);
 
   int64_t position() const { return flushed_ + static_cast<int64_t>(held_); }
 
@@ -48,7 +55,7 @@ class BufferedOutput {
     return buffer_.data() + held_;
   }
 
-  TargetFile& target_;
+  Sink sink_;
   std::vector<unsigned char> buffer_;
   size_t held_ = 0;
   int64_t flushed_ = 0;

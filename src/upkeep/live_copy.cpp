@@ -1,9 +1,8 @@
 // All positions are known beforehand, so each byte is written once and in order.
 #include "upkeep/live_copy.h"
 
-#include <cstring>
+#include <algorithm>
 
-#include "format/Aliment8.h"
 #include "format/block_heads.h"
 
 using namespace qvdbase::format;
@@ -13,8 +12,6 @@ namespace qvdbase::upkeep {
 
 namespace {
 
-constexpr size_t kPiece = products::BufferedOutput::kPiece;
-
 TableDataHead liveData(Window& window, int64_t position) {
   const uint8_t* bytes = window.at(position, tabledata::kData);
   return bytes != nullptr ? decodeTableDataHead(bytes) : TableDataHead{};
@@ -23,16 +20,17 @@ TableDataHead liveData(Window& window, int64_t position) {
 // Each function returns false when the source cannot be read.
 class Copier {
  public:
-  Copier(const ByteSource& source, products::TargetFile& target)
+  template <typename Target>
+  Copier(const ByteSource& source, Target& target)
       : source_(source), window_(source), output_(target) {}
 
-  bool run(const LiveDatabase& database, const LiveLayout& layout,
+  bool run(const LiveDatabase& database, const LiveLayout& layout, const copy::Header& header,
            const std::function<void()>& step) {
     std::vector<tablePart1> slots;
     for (size_t i = 0; i < database.tables.size(); ++i) {
       slots.push_back(output_.slotAt(database.tables[i].slot, layout.tables[i]));
     }
-    output_.directory({}, slots, database.slotCount);  // its header comes last
+    output_.directory(header, slots, database.slotCount);
     for (const LiveTable& table : database.tables) {
       if (!copyTable(table, step)) return false;
     }
@@ -82,85 +80,6 @@ class Copier {
   copy::DatabaseWriter output_;
 };
 
-class Comparison {
- public:
-  Comparison(const ByteSource& copy, const ByteSource& source)
-      : copy_(copy), source_(source), copyWindow_(copy), sourceWindow_(source) {}
-
-  bool sameTable(const LiveTable& copy, const LiveTable& source,
-                 const std::function<void()>& step) {
-    if (copy.records.size() != source.records.size() || !sameSlot(copy.slot, source.slot)) {
-      return false;
-    }
-    for (size_t i = 0; i < source.records.size(); ++i) {
-      step();
-      if (!sameRecord(copy.records[i], source.records[i])) return false;
-    }
-    return sameData(copy.slot.firstDataPos, source.slot.firstDataPos);
-  }
-
- private:
-  // Everything but the positions.
-  static bool sameSlot(tablePart1 copy, tablePart1 source) {
-    for (tablePart1* slot : {&copy, &source}) {
-      slot->firstRecordPos = slot->lastRecordPos = slot->lastWrittenRecordPos = 0;
-      slot->firstDataPos = slot->lastDataPos = slot->lastWrittenDataPos = 0;
-    }
-    unsigned char first[kSlotImageSize];
-    unsigned char second[kSlotImageSize];
-    encodeSlot(copy, first);
-    encodeSlot(source, second);
-    return std::memcmp(first, second, sizeof first) == 0;
-  }
-
-  bool sameRecord(int64_t copyPos, int64_t sourcePos) {
-    const recordPart1 copy = liveRecord(copyWindow_, copyPos);
-    const recordPart1 source = liveRecord(sourceWindow_, sourcePos);
-    return std::memcmp(copy.tableID, source.tableID, kIdentifierSize) == 0 &&
-           std::memcmp(copy.recordID, source.recordID, kIdentifierSize) == 0 &&
-           copy.createTime == source.createTime && copy.modifyTime == source.modifyTime &&
-           copy.dataLength == source.dataLength && copy.dataCapacity == source.dataCapacity &&
-           sameBytes(copyPos + record::kData, sourcePos + record::kData, source.dataLength) &&
-           copyWindow_.byteAt(copyPos + record::kData + copy.dataCapacity) == kBlockEndMark;
-  }
-
-  bool sameData(int64_t copyPos, int64_t sourcePos) {
-    if (copyPos == 0 || sourcePos == 0) return copyPos == sourcePos;
-    const TableDataHead copy = liveData(copyWindow_, copyPos);
-    const TableDataHead source = liveData(sourceWindow_, sourcePos);
-    return copy.dataLength == source.dataLength && copy.dataCapacity == source.dataCapacity &&
-           sameBytes(copyPos + tabledata::kData, sourcePos + tabledata::kData, source.dataLength) &&
-           copyWindow_.byteAt(copyPos + tabledata::kData + copy.dataCapacity) == kBlockEndMark;
-  }
-
-  bool sameBytes(int64_t copyPos, int64_t sourcePos, uint32_t count) {
-    if (count <= Window::kLargestView) {
-      const uint8_t* first = copyWindow_.at(copyPos, count);
-      const uint8_t* second = sourceWindow_.at(sourcePos, count);
-      return first != nullptr && second != nullptr && std::memcmp(first, second, count) == 0;
-    }
-    first_.resize(kPiece);
-    second_.resize(kPiece);
-    for (uint32_t done = 0; done < count;) {
-      const size_t part = std::min<size_t>(count - done, kPiece);
-      if (copy_.readAt(copyPos + done, first_.data(), part) != part ||
-          source_.readAt(sourcePos + done, second_.data(), part) != part ||
-          std::memcmp(first_.data(), second_.data(), part) != 0) {
-        return false;
-      }
-      done += static_cast<uint32_t>(part);
-    }
-    return true;
-  }
-
-  const ByteSource& copy_;
-  const ByteSource& source_;
-  Window copyWindow_;
-  Window sourceWindow_;
-  std::vector<unsigned char> first_;
-  std::vector<unsigned char> second_;
-};
-
 }  // namespace
 
 LiveLayout layOut(const ByteSource& source, const LiveDatabase& database) {
@@ -190,7 +109,7 @@ LiveLayout layOut(const ByteSource& source, const LiveDatabase& database) {
 
 bool copyLive(const ByteSource& source, const LiveDatabase& database, const LiveLayout& layout,
               products::TargetFile& target, const std::function<void()>& step) {
-  if (!Copier(source, target).run(database, layout, step)) return false;
+  if (!Copier(source, target).run(database, layout, {}, step)) return false;
   if (!target.file().writeAt(0, database.header.data(), database.header.size())) {
     target.failWriting();
   }
@@ -200,16 +119,15 @@ bool copyLive(const ByteSource& source, const LiveDatabase& database, const Live
 bool isLiveCopy(const ByteSource& copy, const ByteSource& source, const LiveDatabase& database,
                 const LiveLayout& layout, const std::function<void()>& step) {
   LiveDatabase copied;
-  if (!LiveReader(copy).read(&copied, [] {})) return false;
-  if (copied.header != database.header || copied.tables.size() != database.tables.size()) {
-    return false;
-  }
-  if (copy.size() != layout.size) return false;
-  Comparison comparison(copy, source);
-  for (size_t i = 0; i < database.tables.size(); ++i) {
-    if (!comparison.sameTable(copied.tables[i], database.tables[i], step)) return false;
-  }
-  return true;
+  if (copy.size() != layout.size || !LiveReader(copy).read(&copied, [] {})) return false;
+  std::vector<unsigned char> there;
+  bool isSame = true;
+  const auto compare = [&](int64_t position, const unsigned char* bytes, size_t count) {
+    there.resize(count);
+    isSame = isSame && copy.readAt(position, there.data(), count) == count &&
+             std::equal(there.begin(), there.end(), bytes);
+  };
+  return Copier(source, compare).run(database, layout, database.header, step) && isSame;
 }
 
 }  // namespace qvdbase::upkeep

@@ -27,8 +27,8 @@ bool copyLive(const survey::ByteSource& source, const LiveDatabase& database,
               const LiveLayout& layout, products::TargetFile& target,
               const std::function<void()>& step);
 
-// Reads the new file back and compares it with the source: header, tables, data, every record with
-// its payload, all in order, and nothing else in it. False when anything differs or cannot be read.
+// Reads the new file back: it must be a sound database, and hold byte for byte what the source
+// gives now. False when anything differs or cannot be read.
 bool isLiveCopy(const survey::ByteSource& copy, const survey::ByteSource& source,
                 const LiveDatabase& database, const LiveLayout& layout,
                 const std::function<void()>& step);
