@@ -4,7 +4,7 @@
 // recordCount bounds every walk, and a chain that loops ends the same way without being walked out.
 #include "QVDbase/record_find.h"
 
-#include "QVDbase/chain_walk.h"
+#include "QVDbase/loop_detector.h"
 #include "QVDbase/position.h"
 #include "format/block_parts.h"
 #include "format/identifiers.h"

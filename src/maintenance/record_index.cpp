@@ -3,7 +3,7 @@
 
 #include <exception>
 
-#include "QVDbase/chain_walk.h"
+#include "QVDbase/loop_detector.h"
 #include "QVDbase/position.h"
 #include "QVDbase/record_find.h"
 #include "format/identifiers.h"

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "QVDbase/chain_walk.h"
+#include "QVDbase/loop_detector.h"
 #include "QVDbase/position.h"
 #include "QVDbase/record_find.h"
 #include "format/identifiers.h"

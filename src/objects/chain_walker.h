@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "QVDbase/chain_walk.h"
+#include "QVDbase/loop_detector.h"
 #include "format/big_endian.h"
 #include "format/block_heads.h"
 #include "format/layout.h"

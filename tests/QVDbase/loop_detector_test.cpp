@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "QVDbase/chain_walk.h"
+#include "QVDbase/loop_detector.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// Notices when a walk along a chain comes round to a record it has passed before.
+// Notices when a walk along a chain returns to a record that it has passed before.
 //
 // A damaged or hostile chain can loop while its table counts four thousand million records; the
 // walk that such a count asks for would take hours. This is Brent's method: it remembers one
@@ -12,8 +12,8 @@ namespace qvdbase::engine {
 
 class LoopDetector {
  public:
-  // To be told each position of the walk, in order. Returns whether the walk has been at this
-  // position before; period() is then the number of steps since.
+  // Takes each position of the walk, in order. Returns whether the walk has been at this position
+  // before; period() is then the number of steps since.
   bool visited(int64_t position) {
     if (steps_ != 0 && position == remembered_) return true;
     if (steps_ == limit_) {
