@@ -1,4 +1,4 @@
-// Record deletion: links the record's neighbours to each other, or moves the ends of the chain, and
+// Record deletion: links the record's neighbours to each other, or moves an end of the chain, and
 // rewrites the slot last. The record's own block is never written to.
 //
 // Whether a record is the first, the last or one between is decided by the slot. The neighbours are
@@ -28,45 +28,25 @@ bool unlinkOnly(tablePart1* slot) {
   return true;
 }
 
-bool unlinkFirst(int16_t db, tablePart1* slot, const recordPart1& header) {
-  if (header.prevRecordPos != 0) return false;
-  const int64_t next = header.nextRecordPos;
-  if (next == 0) return unlinkOnly(slot);
-  if (!neighbourIsSound(db, next, *slot)) return false;
-  if (!writeLink(db, next, record::kPrevRecordPos, 0)) return false;
-  slot->firstRecordPos = next;
-  slot->lastWrittenRecordPos = next;
-  slot->recordCount -= 1;
-  return true;
-}
-
-bool unlinkLast(int16_t db, tablePart1* slot, const recordPart1& header) {
-  const int64_t previous = header.prevRecordPos;
-  if (previous == 0 || header.nextRecordPos != 0) return false;
-  if (!neighbourIsSound(db, previous, *slot)) return false;
-  if (!writeLink(db, previous, record::kNextRecordPos, 0)) return false;
-  slot->lastWrittenRecordPos = previous;
-  slot->lastRecordPos = previous;
-  slot->recordCount -= 1;
-  return true;
-}
-
-bool unlinkMiddle(int16_t db, tablePart1* slot, const recordPart1& header) {
-  const int64_t previous = header.prevRecordPos;
-  const int64_t next = header.nextRecordPos;
-  if (previous == 0 || next == 0) return false;
-  if (!neighbourIsSound(db, previous, *slot) || !neighbourIsSound(db, next, *slot)) return false;
-  if (!writeLink(db, previous, record::kNextRecordPos, next)) return false;
-  if (!writeLink(db, next, record::kPrevRecordPos, previous)) return false;
-  slot->lastWrittenRecordPos = next;
-  slot->recordCount -= 1;
-  return true;
-}
-
+// A record at an end of the chain has no neighbour there, and every other has one.
 bool unlinkFromChain(int16_t db, tablePart1* slot, const recordPart1& header, int64_t recordPos) {
-  if (slot->firstRecordPos == recordPos) return unlinkFirst(db, slot, header);
-  if (slot->lastRecordPos == recordPos) return unlinkLast(db, slot, header);
-  return unlinkMiddle(db, slot, header);
+  const int64_t previous = header.prevRecordPos;
+  const int64_t next = header.nextRecordPos;
+  const bool isFirst = slot->firstRecordPos == recordPos;
+  const bool isLast = !isFirst && slot->lastRecordPos == recordPos;
+  if (isFirst != (previous == 0)) return false;
+  if (isFirst && next == 0) return unlinkOnly(slot);
+  if (isLast != (next == 0)) return false;
+
+  if (!isFirst && !neighbourIsSound(db, previous, *slot)) return false;
+  if (!isLast && !neighbourIsSound(db, next, *slot)) return false;
+  if (!isFirst && !writeLink(db, previous, record::kNextRecordPos, next)) return false;
+  if (!isLast && !writeLink(db, next, record::kPrevRecordPos, previous)) return false;
+  if (isFirst) slot->firstRecordPos = next;
+  if (isLast) slot->lastRecordPos = previous;
+  slot->lastWrittenRecordPos = isLast ? previous : next;
+  slot->recordCount -= 1;
+  return true;
 }
 
 }  // namespace
