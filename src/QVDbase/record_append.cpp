@@ -9,6 +9,7 @@
 #include <qvdbase/qvdbase.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "QVDbase/position.h"
@@ -133,16 +134,19 @@ bool appendRecord(int16_t db, tablePart1* slot, const unsigned char* tableID,
   if (!writeIdentity(db, tableID, recordID, useGivenID)) return false;
   int64_t prevRecordPos = 0;
   if (!previousRecord(*slot, &prevRecordPos)) return false;
+  const uint32_t capacity = std::max(size, reserve);
   if (!writeInt64(db, prevRecordPos) || !writeInt64(db, 0) ||
-      !writeBlockContent(db, payload, size, std::max(size, reserve))) {
+      !writeBlockContent(db, payload, size, capacity)) {
     return false;
   }
+  assert(myGetFilePos(db) == *blockPos + kRecordBlockOverhead + capacity && "a block out of place");
   if (prevRecordPos != 0 && !linkAfter(db, prevRecordPos, tableID, *blockPos)) return false;
 
   // The slot is read afresh only to see that it is still one; what is written is the caller's. A
   // packed table keeps its source's table-data positions that way.
   if (!slotIsStillUsed(db, slotPos, slotSize)) return false;
   const tablePart1 updated = withRecord(*slot, *blockPos);
+  assert(updated.lastRecordPos == *blockPos && "the chain does not end at the append");
   if (!rewriteSlot(db, slotPos, updated)) return false;
   *slot = updated;
   return true;

@@ -2,6 +2,7 @@
 #include "QVDbase/record_batch.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -24,8 +25,11 @@ namespace {
 // each later change of a few bytes costs more.
 constexpr uint32_t kPieceSize = uint32_t{256} << 10;
 
-void putNextRecordPos(unsigned char* block, int64_t nextRecordPos) {
-  storeBigEndian(block + record::kNextRecordPos, static_cast<uint64_t>(nextRecordPos));
+// Links a block of the piece, the last one so far, to the next.
+void linkInMemory(unsigned char* block, int64_t nextRecordPos) {
+  unsigned char* link = block + record::kNextRecordPos;
+  assert(loadBigEndian<uint64_t>(link) == 0 && "a record in the piece has a successor already");
+  storeBigEndian(link, static_cast<uint64_t>(nextRecordPos));
 }
 
 // Whether the record that the batch goes behind is there and is the last one.
@@ -96,6 +100,8 @@ recordPart1 RecordBatch::headerOf(const BatchRecord& record) const {
 }
 
 void RecordBatch::noteAdded(int64_t blockPos) {
+  assert(blockPos >= appended_.from && "a block before those of the batch");
+  assert((added_.count == 0 || blockPos > added_.last) && "a block before the one it follows");
   if (added_.count == 0) added_.first = blockPos;
   added_.last = blockPos;
   added_.count += 1;
@@ -104,7 +110,7 @@ void RecordBatch::noteAdded(int64_t blockPos) {
 // Makes a whole block of the payload that is in its place after the blocks of the piece.
 void RecordBatch::completeInPiece(const recordPart1& header) {
   const int64_t blockPos = piecePos_ + pieceUsed_;
-  if (pieceUsed_ > 0) putNextRecordPos(piece_.data() + lastInPiece_, blockPos);
+  if (pieceUsed_ > 0) linkInMemory(piece_.data() + lastInPiece_, blockPos);
   unsigned char* block = piece_.data() + pieceUsed_;
   encodeRecordHead(header, block);
   std::memset(block + record::kData + header.dataLength, 0,
@@ -112,6 +118,7 @@ void RecordBatch::completeInPiece(const recordPart1& header) {
   block[record::kData + header.dataCapacity] = kBlockEndMark;
   lastInPiece_ = pieceUsed_;
   pieceUsed_ += static_cast<uint32_t>(kRecordBlockOverhead + header.dataCapacity);
+  assert(pieceUsed_ <= kPieceSize && "a block that is larger than what is left of its piece");
   noteAdded(blockPos);
 }
 
@@ -305,6 +312,7 @@ bool RecordBatch::takeIn() {
   }
   disturbed_ = disturbed_ || !hasSameChain(slot, table_.slot);
   if (disturbed_ || (slot.recordCount != 0 && !lastRecordIsOpen(db_, slot))) return false;
+  assert(written_.last < appended_.end && "a record beyond what the batch has written");
   isLinked_ = true;
   if (slot.recordCount != 0) {
     if (!writeLink(db_, slot.lastRecordPos, record::kNextRecordPos, written_.first)) return false;

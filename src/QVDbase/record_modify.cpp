@@ -7,6 +7,8 @@
 
 #include <qvdbase/qvdbase.h>
 
+#include <cassert>
+
 #include "QVDbase/position.h"
 #include "format/block_parts.h"
 #include "platform/host/clock.h"
@@ -78,8 +80,11 @@ int internal_WriteOneRecordDataInEOF_Modify(int16_t db, const tablePart1* slot, 
   header->headerSize = kRecordHeaderSize;
   header->endMarkValue = kHeaderInMemoryEndMark;
   if (myFileSeek(db, 0, kFromEnd) != 0) return 0;
-  if (newRecordPos != nullptr) *newRecordPos = myGetFilePos(db);
-  return writeBlock(db, slot->tableID, *header, payload) ? 1 : 0;
+  const int64_t blockPos = myGetFilePos(db);
+  if (newRecordPos != nullptr) *newRecordPos = blockPos;
+  if (!writeBlock(db, slot->tableID, *header, payload)) return 0;
+  assert(myGetFilePos(db) == blockPos + kRecordBlockOverhead + size && "a block out of place");
+  return 1;
 }
 
 namespace qvdbase::engine {

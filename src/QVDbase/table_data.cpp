@@ -8,6 +8,7 @@
 #include <qvdbase/qvdbase.h>
 
 #include <algorithm>
+#include <cassert>
 
 #include "QVDbase/position.h"
 #include "QVDbase/tables.h"
@@ -120,10 +121,13 @@ int internal_WriteOneTableLinkInEOF(int16_t db, const unsigned char* tableID, in
                                     uint32_t reserve, tablePart1* slotOut) {
   if (myFileSeek(db, 0, kFromEnd) != 0) return 0;  // unreached: own position
   const int64_t blockPos = myGetFilePos(db);
+  const uint32_t capacity = std::max(size, reserve);
   if (!writeBlockStart(db, kTableDataBlock, tableID) ||
-      !writeBlockContent(db, data, size, std::max(size, reserve))) {
+      !writeBlockContent(db, data, size, capacity)) {
     return 0;
   }
+  assert(myGetFilePos(db) == blockPos + kTableDataBlockOverhead + capacity &&
+         "a block out of place");
   if (myFileSeek(db, slotPos, kFromStart) != 0) return 0;  // unreached: own position
   tablePart1 slot;
   if (!readUsedSlot(db, slotSize, &slot)) return 0;
