@@ -45,7 +45,7 @@ int serveFromCache(const DirectoryCacheEntry& entry, internal_Head1* head, int16
 void enterIntoCache(int16_t db, const internal_Head1& head, int16_t tableCount, int16_t slotCount,
                     uint16_t slotSize) {
   DirectoryCacheEntry entry;
-  std::memset(&entry, 0, sizeof entry);  // padding too: the entry's bytes are handed out on a hit
+  std::memset(&entry, 0, sizeof entry);  // padding too: a hit returns the entry's bytes
   entry.fileRef = db;
   entry.tableCount = tableCount;
   entry.slotCount = slotCount;

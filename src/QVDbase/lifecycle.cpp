@@ -11,6 +11,7 @@
 #include "format/Aliment8.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
+#include "platform/handles/open_files.h"
 
 using namespace qvdbase;
 using namespace qvdbase::format;
@@ -20,11 +21,7 @@ int32_t Gbl_Flush_Time = 0;
 
 namespace {
 
-constexpr int kReadWriteOneWriter = 3;
-constexpr int kReadWriteShared = 4;
-
 bool writeNewHeader(int16_t db, const void* signature, uint16_t version) {
-  using namespace qvdbase;
   unsigned char databaseID[kIdentifierSize];
   if (!writeBytes(db, signature, kSignatureSize)) return false;
   if (!writeUint16(db, version)) return false;
@@ -42,8 +39,8 @@ bool writeFreeSlots(int16_t db) {
   return true;
 }
 
-void handOutHeader(const internal_Head1& head, void* signatureOut, uint16_t* versionOut,
-                   void* idOut) {
+void storeHeader(const internal_Head1& head, void* signatureOut, uint16_t* versionOut,
+                 void* idOut) {
   if (signatureOut != nullptr) {
     std::memcpy(signatureOut, head.signature, sizeof head.signature);
     static_cast<unsigned char*>(signatureOut)[sizeof head.signature] = 0;
@@ -64,7 +61,7 @@ int GenerateUuID_Int64(uint64_t* value) {
 namespace qvdbase::engine {
 
 bool createDatabaseFile(const QVWCHAR* path, int16_t* db) {
-  return QVFile().QVCreateAndOpenFile(path, kReadWriteOneWriter, db, 0) == 1;
+  return QVFile().QVCreateAndOpenFile(path, platform::kOneWriter, db, 0) == 1;
 }
 
 bool writeNewDatabase(int16_t db, const void* signature, uint16_t version) {
@@ -99,10 +96,10 @@ int FlushDBase(int16_t) {
 
 int GetDBaseInfoW(const QVWCHAR* path, void* signatureOut, uint16_t* versionOut, void* idOut) {
   int16_t db = 0;
-  if (QVFile().QVOpenFile(path, kReadWriteShared, &db) != 1) return 0;
+  if (QVFile().QVOpenFile(path, platform::kSharedWriters, &db) != 1) return 0;
   internal_Head1 head;
   const int result = internal_GetDBHead1(db, &head);
-  if (result == 1) handOutHeader(head, signatureOut, versionOut, idOut);
+  if (result == 1) storeHeader(head, signatureOut, versionOut, idOut);
   engine::dropDirectoryEntry(db);
   QVFile().QVCloseFile(db);
   return result;

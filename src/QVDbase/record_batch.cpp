@@ -141,7 +141,7 @@ void RecordBatch::discard() {
 }
 
 // Whether the file still ends where the next bytes go; so many of them then count as this batch's.
-bool RecordBatch::standsAtEnd(int64_t length) {
+bool RecordBatch::isAtEnd(int64_t length) {
   if (myFileSeek(db_, 0, kFromEnd) != 0) return false;
   disturbed_ = myGetFilePos(db_) != piecePos_;
   if (disturbed_) return false;
@@ -157,7 +157,7 @@ bool RecordBatch::writePiece() {
   const uint32_t length = pieceUsed_;
   pieceUsed_ = 0;
   const bool written =
-      standsAtEnd(length) && writeBytes(db_, piece_.data(), length) && linkToWritten(piecePos_);
+      isAtEnd(length) && writeBytes(db_, piece_.data(), length) && linkToWritten(piecePos_);
   const bool complete = position.restore(written);
   piecePos_ += length;
   if (complete) written_ = added_;
@@ -173,7 +173,7 @@ bool RecordBatch::writeAlone(const recordPart1& header, const unsigned char* pay
   const uint32_t fill = capacity - header.dataLength;
   unsigned char image[record::kData];
   encodeRecordHead(header, image);
-  const bool written = standsAtEnd(int64_t{capacity} + kRecordBlockOverhead) &&
+  const bool written = isAtEnd(int64_t{capacity} + kRecordBlockOverhead) &&
                        writeBytes(db_, image, record::kData) &&
                        writeBytes(db_, payload, header.dataLength) && writeBlockEnd(db_, fill) &&
                        linkToWritten(blockPos);
@@ -261,7 +261,7 @@ bool RecordBatch::makeSpace() {
 
 bool RecordBatch::writeOpenPart(const unsigned char* bytes, uint32_t count) {
   SavedPosition position(db_);
-  const bool complete = position.restore(standsAtEnd(count) && writeBytes(db_, bytes, count));
+  const bool complete = position.restore(isAtEnd(count) && writeBytes(db_, bytes, count));
   piecePos_ += count;
   failed_ = !complete;
   return complete;
@@ -272,8 +272,8 @@ bool RecordBatch::closeInFile() {
   SavedPosition position(db_);
   const uint32_t rest = std::exchange(open_.inPiece, 0);
   const uint32_t fill = open_.header.dataCapacity - open_.length;
-  const bool written = standsAtEnd(int64_t{rest} + fill + 1) &&
-                       writeBytes(db_, piece_.data(), rest) && writeBlockEnd(db_, fill) &&
+  const bool written = isAtEnd(int64_t{rest} + fill + 1) && writeBytes(db_, piece_.data(), rest) &&
+                       writeBlockEnd(db_, fill) &&
                        // unreached: own position
                        myFileSeek(db_, open_.blockPos + record::kDataLength, kFromStart) == 0 &&
                        writeUint32(db_, open_.header.dataLength) &&
@@ -318,8 +318,7 @@ bool RecordBatch::takeIn() {
     if (!writeLink(db_, slot.lastRecordPos, record::kNextRecordPos, written_.first)) return false;
   }
   if (slot.firstRecordPos == 0) slot.firstRecordPos = written_.first;
-  slot.lastWrittenRecordPos = written_.last;
-  slot.lastRecordPos = written_.last;
+  slot.lastRecordPos = slot.lastWrittenRecordPos = written_.last;
   slot.recordCount += written_.count;
   slot.recordWriteCount += written_.count;
   if (!rewriteSlot(db_, table_.slotPos, slot) || !scope.end()) return false;

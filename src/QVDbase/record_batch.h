@@ -26,7 +26,7 @@ struct BatchRecord {
   uint32_t createTime;
   uint32_t modifyTime;
   uint32_t dataLength;
-  uint32_t reserve;  // the block gets room for the larger of reserve and dataLength
+  uint32_t reserve;  // the block's capacity is the larger of reserve and dataLength
 };
 
 class RecordBatch {
@@ -100,7 +100,7 @@ class RecordBatch {
   [[nodiscard]] recordPart1 headerOf(const BatchRecord& record) const;
   void noteAdded(int64_t blockPos);
   void completeInPiece(const recordPart1& header);
-  [[nodiscard]] bool standsAtEnd(int64_t length);
+  [[nodiscard]] bool isAtEnd(int64_t length);
   [[nodiscard]] bool writePiece();
   [[nodiscard]] bool writeOpenPart(const unsigned char* bytes, uint32_t count);
   [[nodiscard]] bool makeSpace();

@@ -19,21 +19,18 @@ using namespace qvdbase;
 using namespace qvdbase::format;
 using namespace qvdbase::engine;
 
-using engine::DirectoryNumbers;
-using engine::SavedPosition;
-
 namespace {
 
 tablePart1 newTableSlot(const char* name) {
   tablePart1 slot;
   std::memset(&slot, 0, sizeof slot);
-  slot.slotMark = format::kSlotMark;
-  slot.infoSize = format::kInfoSize;
+  slot.slotMark = kSlotMark;
+  slot.infoSize = kInfoSize;
   GenerateUuID(slot.tableID);
   std::memcpy(slot.tableName, name, storedNameLength(name));
-  slot.tableVersion = format::kNewTableVersion;
-  slot.dataInfoSize = format::kNewTableDataInfoSize;
-  slot.slotEndMark = format::kSlotEndMark;
+  slot.tableVersion = kNewTableVersion;
+  slot.dataInfoSize = kNewTableDataInfoSize;
+  slot.slotEndMark = kSlotEndMark;
   return slot;
 }
 
@@ -42,25 +39,25 @@ tablePart1 newTableSlot(const char* name) {
 bool nameIsFree(int16_t db, const DirectoryNumbers& directory, const char* name) {
   for (int i = 0; i < directory.tableCount; ++i) {
     tablePart1 slot;
-    if (!engine::readUsedSlot(db, directory.slotSize, &slot)) return false;
-    if (engine::tableNameEquals(slot, name)) return false;
+    if (!readUsedSlot(db, directory.slotSize, &slot)) return false;
+    if (tableNameEquals(slot, name)) return false;
   }
   return true;
 }
 
 bool storeTableCount(int16_t db, int64_t directoryPos, int16_t tableCount) {
-  const int64_t countPos = directoryPos - format::kTableCountBeforeDirectory;
+  const int64_t countPos = directoryPos - kTableCountBeforeDirectory;
   if (myFileSeek(db, countPos, kFromStart) != 0) return false;  // unreached: own position
-  if (!format::writeUint16(db, static_cast<uint16_t>(tableCount))) return false;
-  // The cache must not count a table that the file does not: a later AddTable would go behind it.
-  if (!engine::CallScope::completeWrites()) return false;
-  if (auto* entry = engine::findDirectoryEntry(db)) entry->tableCount = tableCount;
+  if (!writeUint16(db, static_cast<uint16_t>(tableCount))) return false;
+  // The cache must not count a table that the file does not: a later AddTable would write after it.
+  if (!CallScope::completeWrites()) return false;
+  if (auto* entry = findDirectoryEntry(db)) entry->tableCount = tableCount;
   return true;
 }
 
 uint64_t addTable(int16_t db, const char* name) {
   DirectoryNumbers directory;
-  if (!engine::readDirectoryNumbers(db, &directory)) return 0;
+  if (!readDirectoryNumbers(db, &directory)) return 0;
   const int64_t directoryPos = myGetFilePos(db);
   // The last slot stays free on purpose: a directory of 32 slots holds 31 tables.
   if (directory.tableCount >= directory.slotCount - 1) return 0;
@@ -70,7 +67,7 @@ uint64_t addTable(int16_t db, const char* name) {
   if (WriteOne_TablePartOne(db, &slot) != 1) return 0;
   const auto tableCount = static_cast<int16_t>(directory.tableCount + 1);
   if (!storeTableCount(db, directoryPos, tableCount)) return 0;
-  return format::identifierNumber(slot.tableID);
+  return identifierNumber(slot.tableID);
 }
 
 // The slots in use, in order, up to the first for which wanted(slot, index) holds. Returns false
@@ -78,9 +75,9 @@ uint64_t addTable(int16_t db, const char* name) {
 template <typename Wanted>
 bool findSlot(int16_t db, tablePart1* slot, Wanted wanted) {
   DirectoryNumbers directory;
-  if (!engine::readDirectoryNumbers(db, &directory)) return false;
+  if (!readDirectoryNumbers(db, &directory)) return false;
   for (int i = 0; i < directory.tableCount; ++i) {
-    if (!engine::readUsedSlot(db, directory.slotSize, slot)) return false;
+    if (!readUsedSlot(db, directory.slotSize, slot)) return false;
     if (wanted(*slot, i)) return true;
   }
   return false;
@@ -99,16 +96,16 @@ uint64_t FindTableByName(int16_t db, const char* name) {
   SavedPosition position(db);
   tablePart1 slot;
   const bool found = findSlot(db, &slot, [name](const tablePart1& candidate, int) {
-    return engine::tableNameEquals(candidate, name);
+    return tableNameEquals(candidate, name);
   });
-  return position.restore(found ? format::identifierNumber(slot.tableID) : uint64_t{0});
+  return position.restore(found ? identifierNumber(slot.tableID) : uint64_t{0});
 }
 
 int GetNumberOfTable(int16_t db, int32_t* count) {
   if (count == nullptr) return 0;
   SavedPosition position(db);
   DirectoryNumbers directory;
-  if (!engine::readDirectoryNumbers(db, &directory)) return position.restore(0);
+  if (!readDirectoryNumbers(db, &directory)) return position.restore(0);
   *count = directory.tableCount;
   return position.restore(1);
 }
@@ -122,7 +119,7 @@ uint64_t GetTableNameAndIDByIndex(int16_t db, int index, char* name) {
   const size_t length = storedNameLength(slot.tableName);
   std::memcpy(name, slot.tableName, length);
   name[length] = '\0';
-  return position.restore(format::identifierNumber(slot.tableID));
+  return position.restore(identifierNumber(slot.tableID));
 }
 
 int internal_GetOneTableInfo(int16_t db, uint64_t table, int16_t tableCount, uint16_t slotSize,
@@ -130,8 +127,8 @@ int internal_GetOneTableInfo(int16_t db, uint64_t table, int16_t tableCount, uin
   if (slot == nullptr || slotPos == nullptr) return 0;
   for (int i = 0; i < tableCount; ++i) {
     *slotPos = myGetFilePos(db);
-    if (!engine::readUsedSlot(db, slotSize, slot)) return 0;
-    if (format::identifierNumber(slot->tableID) == table) return 1;
+    if (!readUsedSlot(db, slotSize, slot)) return 0;
+    if (identifierNumber(slot->tableID) == table) return 1;
   }
   return 0;
 }
@@ -159,6 +156,11 @@ bool slotIsStillUsed(int16_t db, int64_t slotPos, uint16_t slotSize) {
   tablePart1 present;
   // unreached: own position
   return myFileSeek(db, slotPos, kFromStart) == 0 && readUsedSlot(db, slotSize, &present);
+}
+
+void zeroRecordFields(tablePart1* slot) {
+  slot->recordCount = slot->recordWriteCount = 0;
+  slot->firstRecordPos = slot->lastWrittenRecordPos = slot->lastRecordPos = 0;
 }
 
 bool tableNameEquals(const tablePart1& slot, const char* name) {

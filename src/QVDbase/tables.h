@@ -36,6 +36,9 @@ struct FoundTable {
 // to the writers, which go on with the slot they have.
 [[nodiscard]] bool slotIsStillUsed(int16_t db, int64_t slotPos, uint16_t slotSize);
 
+// Makes it the slot of a table that has no records and never had any.
+void zeroRecordFields(tablePart1* slot);
+
 // The stored name, which ends after 32 bytes at the latest, against a terminated one.
 bool tableNameEquals(const tablePart1& slot, const char* name);
 

@@ -105,7 +105,7 @@ class VariablePart {
     if (!readUint32(db_, &length)) return false;
     record->extraLength = length;
     if (!consume(4)) return false;
-    if (extraData_ == ExtraData::ownBuffer && !makeExtraBuffer(record)) return false;
+    if (extraData_ == ExtraData::newBuffer && !makeExtraBuffer(record)) return false;
     const bool fileHoldsIt = fileHoldsAhead(db_, length);
     // Longer than the rest of the payload: never read into a buffer that is made for the rest. The
     // read would succeed, and the record fail, where the file goes on far enough; elsewhere the

@@ -9,15 +9,15 @@ namespace qvdbase::maintenance {
 
 enum class CategoryDecoding {
   failed,
-  untouched,  // there is no category in the payload; the record is as it was
+  untouched,  // there is no category in the payload; the record is unchanged
   decoded,
 };
 
 // Where the decoder puts the free bytes.
 enum class ExtraData {
-  callersBuffer,  // into the buffer that the record brings along
-  ownBuffer,      // into a zero-filled one that it makes, as large as the payload claims; a claim
-                  // above the length of the file counts as one that cannot be had
+  callersBuffer,  // into the record's own buffer
+  newBuffer,  // into a zero-filled one that it allocates, as large as the payload claims; a claim
+              // above the length of the file fails like an allocation
 };
 
 // InternalReadOneRecord2CategoryStruct, with more to tell.

@@ -47,7 +47,7 @@ bool CategoryRenewal::renew(uint64_t recordID) {
   if (!readRecordHeaderAt(src_, recordPos, srcRecords_.table().slot.tableID, &header)) return false;
 
   const auto outcome =
-      decodeCategory(src_, recordInfo(header, recordPos), ExtraData::ownBuffer, record_);
+      decodeCategory(src_, recordInfo(header, recordPos), ExtraData::newBuffer, record_);
   if (outcome == CategoryDecoding::failed) return false;
   if (outcome == CategoryDecoding::untouched) {
     // Too short for a category, it stays as it was copied. One that could not be read must not.

@@ -11,8 +11,11 @@ namespace qvdbase::maintenance {
 // The file's length in bytes, or -1. The position stays.
 int64_t fileLengthOf(int16_t db);
 
-// Whether `count` bytes lie ahead of the file's position, that is, whether a read of them can
-// succeed. True as well when the file's length cannot be had. The position stays.
+// More records than this do not fit the file, unless their chain is damaged.
+uint64_t mostRecordsIn(int16_t db);
+
+// Whether the file has `count` bytes from its position on, so that a read of them can succeed. Also
+// true when the file's length cannot be obtained. The position stays.
 bool fileHoldsAhead(int16_t db, uint64_t count);
 
 }  // namespace qvdbase::maintenance

@@ -10,8 +10,10 @@
 #include "QVDbase/directory_cache.h"
 #include "QVDbase/header.h"
 #include "QVDbase/position.h"
+#include "QVDbase/tables.h"
 #include "format/Aliment8.h"
 #include "format/fields.h"
+#include "platform/handles/open_files.h"
 #include "platform/host/memory.h"
 
 using namespace qvdbase;
@@ -20,8 +22,6 @@ using namespace qvdbase::engine;
 
 namespace {
 
-constexpr int kOpenShared = 4;
-constexpr int kCreateOneWriter = 3;
 constexpr int kNotCreated = 100;
 constexpr int kCreated = 0;
 constexpr int16_t kNoFile = 0;  // where the writes go
@@ -39,11 +39,7 @@ bool copySlots(int16_t file, const DirectoryNumbers& directory) {
   for (int i = 0; i < directory.slotCount; ++i) {
     tablePart1 slot;
     if (ReadOne_TablePartOne(file, &slot, directory.slotSize) != 1) return false;
-    slot.recordCount = 0;
-    slot.recordWriteCount = 0;
-    slot.firstRecordPos = 0;
-    slot.lastWrittenRecordPos = 0;
-    slot.lastRecordPos = 0;
+    zeroRecordFields(&slot);
     if (WriteOne_TablePartOne(kNoFile, &slot) != 1) return false;
   }
   return true;
@@ -51,10 +47,10 @@ bool copySlots(int16_t file, const DirectoryNumbers& directory) {
 
 bool duplicate(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int16_t* file, int* status) {
   DirectoryNumbers directory;
-  if (QVFile().QVOpenFile(srcPath, kOpenShared, file) != 1) return false;
+  if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, file) != 1) return false;
   if (!readDirectoryNumbers(*file, &directory)) return false;
   // A creation that fails leaves the variable with the source's number, so that it is closed.
-  if (QVFile().QVCreateAndOpenFile(dstPath, kCreateOneWriter, file, 0) != 1) return false;
+  if (QVFile().QVCreateAndOpenFile(dstPath, platform::kOneWriter, file, 0) != 1) return false;
   *status = kCreated;
   return copyHeader(*file) && copySlots(*file, directory);
 }

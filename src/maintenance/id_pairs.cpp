@@ -21,15 +21,15 @@ bool IdPairs::begin(uint32_t expected, uint64_t likely) {
 
 bool IdPairs::write(UUIDMapping pair) {
   const uint64_t offset = cursor_ * sizeof pair;
-  if (offset + sizeof pair > array_.size() && !makeRoom(cursor_ + 1)) return false;
+  if (offset + sizeof pair > array_.size() && !grow(cursor_ + 1)) return false;
   std::memcpy(array_.data() + offset, &pair, sizeof pair);
   written_ = std::max(written_, cursor_ + 1);
   return true;
 }
 
 // Doubles, so that growing pair by pair costs no more than copying everything once.
-bool IdPairs::makeRoom(uint64_t room) {
-  platform::Buffer larger(std::max(room, 2 * written_) * sizeof(UUIDMapping));
+bool IdPairs::grow(uint64_t needed) {
+  platform::Buffer larger(std::max(needed, 2 * written_) * sizeof(UUIDMapping));
   if (!larger) return false;
   std::memcpy(larger.data(), array_.data(), static_cast<size_t>(written_) * sizeof(UUIDMapping));
   array_ = std::move(larger);

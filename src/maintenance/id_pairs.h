@@ -27,7 +27,7 @@ class IdPairs {
 
   // The cursor.
   void rewind() { cursor_ = 0; }
-  [[nodiscard]] bool write(UUIDMapping pair);  // false when memory cannot be had
+  [[nodiscard]] bool write(UUIDMapping pair);  // false without memory
   void advance() {
     ++cursor_;
     ++count_;
@@ -41,7 +41,7 @@ class IdPairs {
   const UUIDMapping* pairs() const;
   // What was counted without being written matches nothing.
   uint64_t searched() const { return count_ < written_ ? count_ : written_; }
-  bool makeRoom(uint64_t room);
+  bool grow(uint64_t needed);
   bool buildIndex();
   const uint64_t* find(uint64_t oldID) const;
 

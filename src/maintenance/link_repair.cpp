@@ -26,6 +26,7 @@
 #include "format/identifiers.h"
 #include "maintenance/table_data_block.h"
 #include "maintenance/visited_records.h"
+#include "platform/handles/open_files.h"
 #include "platform/host/thread_cancelled.h"
 #include "support/seeded_hash.h"
 
@@ -36,14 +37,6 @@ using namespace qvdbase::engine;
 using namespace qvdbase::maintenance;
 
 namespace {
-
-constexpr int kOpenShared = 4;
-
-// What the repair came to, as its caller is told.
-constexpr int kNothingToRepair = 0;
-constexpr int kFailed = 1;
-constexpr int kRepaired = 2;
-constexpr int kStopped = 10;
 
 // How the walk forwards ended. Only the first of these is a chain as it should be.
 enum class Forward { complete, unreadable, tooShort, badLink, loop };
@@ -60,7 +53,7 @@ class LinkRepair {
 
   int run(const QVWCHAR* srcPath) {
     *result_ = kNothingToRepair;
-    if (QVFile().QVOpenFile(srcPath, kOpenShared, &db_) != 1) return 0;
+    if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, &db_) != 1) return 0;
     const bool complete = repairAndClose();
     if (!complete) *result_ = stopped_ ? kStopped : kFailed;
     if (complete) callFunctionDirectly(100);
@@ -111,14 +104,14 @@ class LinkRepair {
   bool repairTable() {
     slotPos_ = myGetFilePos(db_);
     if (!readUsedSlot(db_, directory_.slotSize, &slot_)) return false;
-    const int64_t behindSlot = myGetFilePos(db_);
+    const int64_t nextSlotPos = myGetFilePos(db_);
     int64_t length = 0;
     if (slot_.firstDataPos != 0 &&
         !measureTableDataBlock(db_, slot_.firstDataPos, slot_.tableID, &length)) {
       return false;
     }
     if (!repairChain()) return false;
-    return myFileSeek(db_, behindSlot, kFromStart) == 0;
+    return myFileSeek(db_, nextSlotPos, kFromStart) == 0;
   }
 
   bool repairChain() {

@@ -11,10 +11,20 @@ struct recordPartP1Class {
   uint64_t recordID;
   int64_t prevRecordPos;  // 0 for none
   int64_t nextRecordPos;  // 0 for none
-  int64_t recordPos;      // where the block lies: two entries with the same one are the same record
+  int64_t recordPos;      // two entries with the same one are the same record
   uint32_t dataLength;
   uint32_t dataCapacity;
 };
+
+namespace qvdbase::maintenance {
+
+// The result of FixOneDBLinkErrorW.
+inline constexpr int kNothingToRepair = 0;
+inline constexpr int kFailed = 1;
+inline constexpr int kRepaired = 2;
+inline constexpr int kStopped = 10;
+
+}  // namespace qvdbase::maintenance
 
 // Writes both links of the entry over those of its block. Returns 1, or 0 when the file cannot be
 // positioned or written.

@@ -26,7 +26,7 @@ class PackToNewFile : public PackSteps {
   bool fill() {
     if (!readSourceDirectory() || !createDestination()) return false;
     if (!copyHeader() || !copyDirectory() || !report(1)) return false;
-    SetDBaseVersion(dst_, kUnfinishedPackVersion);  // not checked: the mark is a courtesy
+    SetDBaseVersion(dst_, kUnfinishedPackVersion);  // not checked: the pack does not depend on it
     return copyTables();
   }
 

@@ -28,7 +28,7 @@ int internal_AddOneRecordData_ForPack(int16_t db, tablePart1* slot, const unsign
                                       int64_t slotPos, uint16_t slotSize,
                                       const unsigned char* payload, const recordPart1* source) {
   if (!chainHeadMatchesCount(*slot)) return 0;
-  unsigned char passingID[kIdentifierSize];  // lives in the file until writeIdentity
+  unsigned char passingID[kIdentifierSize];  // in the file until writeIdentity
   int64_t newRecordPos = 0;
   if (internal_WriteOneRecordDataInEOF(db, slot, tableID, passingID, slotPos, slotSize, payload,
                                        source->dataLength, source->dataCapacity, &newRecordPos,

@@ -13,6 +13,7 @@
 #include "maintenance/file_extent.h"
 #include "maintenance/pack_record.h"
 #include "maintenance/table_data_block.h"
+#include "platform/handles/open_files.h"
 #include "platform/host/memory.h"
 
 using namespace qvdbase::format;
@@ -22,7 +23,6 @@ using namespace qvdbase::maintenance;
 namespace qvdbase::maintenance {
 namespace {
 
-constexpr int kOpenShared = 4;
 constexpr int kCreateOneWriter = 2;
 constexpr int kEmptyExisting = 0;  // a file that is there is emptied, not refused
 
@@ -31,39 +31,24 @@ constexpr uint64_t kLargestTransfer = 1u << 30;
 // A payload up to this length is read without asking first whether the file holds it.
 constexpr uint32_t kUnsuspiciousLength = 1u << 16;
 
-bool readLong(int16_t file, uint8_t* bytes, uint64_t count) {
+// Moves any number of bytes by readBytes or writeBytes.
+template <typename Byte>
+bool moveLong(bool (*move)(int16_t, Byte*, uint32_t), int16_t file, uint8_t* bytes,
+              uint64_t count) {
   while (count > 0) {
     const auto part = static_cast<uint32_t>(std::min(count, kLargestTransfer));
-    if (!readBytes(file, bytes, part)) return false;
+    if (!move(file, bytes, part)) return false;
     bytes += part;
     count -= part;
   }
   return true;
-}
-
-bool writeLong(int16_t file, const uint8_t* bytes, uint64_t count) {
-  while (count > 0) {
-    const auto part = static_cast<uint32_t>(std::min(count, kLargestTransfer));
-    if (!writeBytes(file, bytes, part)) return false;
-    bytes += part;
-    count -= part;
-  }
-  return true;
-}
-
-void zeroRecordFields(tablePart1* slot) {
-  slot->recordCount = 0;
-  slot->recordWriteCount = 0;
-  slot->firstRecordPos = 0;
-  slot->lastWrittenRecordPos = 0;
-  slot->lastRecordPos = 0;
 }
 
 }  // namespace
 
 bool PackSteps::openSource(const QVWCHAR* srcPath) {
   int16_t file = 0;
-  if (QVFile().QVOpenFile(srcPath, kOpenShared, &file) != 1) return false;
+  if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, &file) != 1) return false;
   src_ = file;
   return true;
 }
@@ -122,15 +107,15 @@ bool PackSteps::copyTable() {
   tablePart1 slot;
   if (!readTableSlot(dst_, &slot)) return false;  // only to move past it
   if (!readTableSlot(src_, &slot) || !slotHoldsTable(slot)) return false;
-  const int64_t behindSrcSlot = myGetFilePos(src_);
-  const int64_t behindDstSlot = myGetFilePos(dst_);
+  const int64_t nextSrcSlot = myGetFilePos(src_);
+  const int64_t nextDstSlot = myGetFilePos(dst_);
 
   if (slot.firstDataPos != 0 && !copyTableData(slot, slotPos)) return false;
   if (slot.recordCount != 0 && slot.firstRecordPos != 0 && !copyRecords(slot, slotPos)) {
     return false;
   }
   if (!reportTable()) return false;
-  return seekBoth(behindSrcSlot, behindDstSlot);
+  return seekBoth(nextSrcSlot, nextDstSlot);
 }
 
 bool PackSteps::copyTableData(const tablePart1& slot, int64_t slotPos) {
@@ -140,9 +125,7 @@ bool PackSteps::copyTableData(const tablePart1& slot, int64_t slotPos) {
   if (!copyBlock(slot.firstDataPos, length, &newDataPos)) return false;
 
   tablePart1 copy = slot;
-  copy.firstDataPos = newDataPos;
-  copy.lastWrittenDataPos = newDataPos;
-  copy.lastDataPos = newDataPos;
+  copy.firstDataPos = copy.lastWrittenDataPos = copy.lastDataPos = newDataPos;
   zeroRecordFields(&copy);
   if (myFileSeek(dst_, slotPos, kFromStart) != 0) return false;
   return rewriteSlotWithData(copy) && CallScope::completeWrites();
@@ -154,10 +137,11 @@ bool PackSteps::copyBlock(int64_t blockPos, int64_t length, int64_t* newBlockPos
   if (!block) return false;
   bufferHeld_ = true;
   if (myFileSeek(src_, blockPos, kFromStart) != 0) return false;
-  if (!readLong(src_, block.data(), count)) return false;
+  if (!moveLong(readBytes, src_, block.data(), count)) return false;
   if (myFileSeek(dst_, 0, kFromEnd) != 0) return false;
   *newBlockPos = myGetFilePos(dst_);
-  if (!writeLong(dst_, block.data(), count) || !CallScope::completeWrites()) return false;
+  if (!moveLong(writeBytes, dst_, block.data(), count) || !CallScope::completeWrites())
+    return false;
   bufferHeld_ = false;
   return true;
 }

@@ -128,7 +128,7 @@ class PackSteps {
   int64_t headerLength_ = 0;
   uint32_t totalRecords_ = 0;
   uint32_t copiedRecords_ = 0;
-  bool bufferHeld_ = false;  // set around the life of each buffer, so that fail() can tell
+  bool bufferHeld_ = false;  // while one of the copies is in memory, for fail()
 };
 
 }  // namespace qvdbase::maintenance

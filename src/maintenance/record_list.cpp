@@ -19,18 +19,13 @@ namespace {
 
 constexpr uint64_t kSpareBytes = 16;
 
-// More records than this do not fit the file, unless its chain is damaged.
-uint64_t mostRecords(int16_t db) {
-  return static_cast<uint64_t>(std::max<int64_t>(fileLengthOf(db), 0) / kRecordBlockOverhead);
-}
-
 }  // namespace
 
 RecordList::Outcome RecordList::read(int16_t db, uint64_t table) {
   count_ = 0;
   FoundTable found;
   if (!findTable(db, table, &found)) return Outcome::failed;
-  const uint64_t expected = std::min<uint64_t>(found.slot.recordCount, mostRecords(db));
+  const uint64_t expected = std::min<uint64_t>(found.slot.recordCount, mostRecordsIn(db));
   list_ = platform::Buffer(expected * sizeof(uint64_t) + kSpareBytes);
   if (!list_) return Outcome::noMemory;
   if (found.slot.recordCount == 0) return Outcome::complete;

@@ -15,7 +15,7 @@ class RecordList {
  public:
   enum class Outcome {
     failed,    // the chain is damaged or cannot be read
-    noMemory,  // the list cannot be had
+    noMemory,  // for the list
     complete,
   };
 

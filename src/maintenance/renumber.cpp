@@ -8,7 +8,6 @@
 // The source is the caller's open database, and stays open. The version is never touched.
 #include <qvdbase/qvdbase.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "QVDbase/record_append.h"
@@ -56,10 +55,11 @@ class Renumber : public PackForCaller {
 
   bool beginRecords(const tablePart1& slot) override {
     keepsIdentifiers_ = tableNameEquals(slot, kInfoTable) || tableNameEquals(slot, kCategoryTable);
-    if (tableNameEquals(slot, kRememberedTable) && !pairs_.begin(slot.recordCount, mostPairs())) {
+    if (tableNameEquals(slot, kRememberedTable) &&
+        !pairs_.begin(slot.recordCount, mostRecordsIn(src_))) {
       return false;
     }
-    pairs_.rewind();  // with every table, whereas the count goes on: see IdPairs
+    pairs_.rewind();  // with every table, whereas the count is kept: see IdPairs
     return true;
   }
 
@@ -80,11 +80,6 @@ class Renumber : public PackForCaller {
 
   void releaseSource() override {}  // it is the caller's
 
-  // As many records as the source can hold.
-  uint64_t mostPairs() const {
-    return static_cast<uint64_t>(std::max<int64_t>(fileLengthOf(src_), 0) / kRecordBlockOverhead);
-  }
-
   qvrzOneCategoryRecord* category_;
   IdPairs pairs_;
   bool keepsIdentifiers_ = false;
@@ -93,21 +88,19 @@ class Renumber : public PackForCaller {
 // The one record that all category records are decoded into, and what it owns.
 class CategoryRecord {
  public:
-  CategoryRecord() : record_(platform::allocate(sizeof(qvrzOneCategoryRecord))) {
-    if (record_ != nullptr) std::memset(record_, 0, sizeof(qvrzOneCategoryRecord));
+  CategoryRecord() : memory_(sizeof(qvrzOneCategoryRecord)) {
+    if (memory_) std::memset(memory_.data(), 0, memory_.size());
   }
   ~CategoryRecord() {
-    if (record_ == nullptr) return;
-    releaseCategoryParts(get());
-    platform::release(record_);
+    if (memory_) releaseCategoryParts(get());
   }
   CategoryRecord(const CategoryRecord&) = delete;
   CategoryRecord& operator=(const CategoryRecord&) = delete;
 
-  qvrzOneCategoryRecord* get() const { return static_cast<qvrzOneCategoryRecord*>(record_); }
+  qvrzOneCategoryRecord* get() { return reinterpret_cast<qvrzOneCategoryRecord*>(memory_.data()); }
 
  private:
-  void* record_;
+  platform::Buffer memory_;
 };
 
 }  // namespace
@@ -117,7 +110,7 @@ int PackOneDB2AllNewUUIDFile(const QVWCHAR* dstPath, int16_t srcRef, int userDat
                              int* status, void* callbackArg) {
   *status = PackOutputs::kKept;
   if (dstPath == nullptr) return 0;
-  const CategoryRecord category;
+  CategoryRecord category;
   if (category.get() == nullptr) return 0;
   SavedPosition position(srcRef);
   Renumber renumber(dstPath, srcRef, {callback, userData, callbackArg},

@@ -5,6 +5,7 @@
 #include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
+#include "maintenance/link_repair.h"
 #include "upkeep/progress.h"
 
 using namespace qvdbase;
@@ -17,9 +18,6 @@ namespace {
 constexpr const char* kOperation = "repair the database";
 
 // What FixOneDBLinkErrorW reports.
-constexpr int kNothingToRepair = 0;
-constexpr int kRepaired = 2;
-constexpr int kStopped = 10;
 
 }  // namespace
 
@@ -34,12 +32,13 @@ RepairOutcome repair(const std::filesystem::path& path, const ProgressFunction& 
   const int opened = FixOneDBLinkErrorW(wide.data(), Reporter::repairProgress, 0, nullptr, &result);
   // What the function threw or asked for with the last percent comes too late to stop anything.
   const bool stops = reporter.wantsToStop();
-  const bool isDone = opened == 1 && (result == kNothingToRepair || result == kRepaired);
+  const bool isDone =
+      opened == 1 && (result == maintenance::kNothingToRepair || result == maintenance::kRepaired);
   if (isDone) {
     held.sync(kOperation);
-    return result == kRepaired ? RepairOutcome::relinked : RepairOutcome::sound;
+    return result == maintenance::kRepaired ? RepairOutcome::relinked : RepairOutcome::sound;
   }
-  if (result == kStopped || stops) {
+  if (result == maintenance::kStopped || stops) {
     throwError(path, kOperation, Reason::cancelled, "it was cancelled");
   }
   throwError(path, kOperation, Reason::directory_damaged,

@@ -4,20 +4,19 @@
 #include <memory>
 #include <vector>
 
+#include "platform/handles/open_files.h"
 #include "platform/host/system_calls.h"
 #include "platform/paths/host_path.h"
 
 namespace qvdbase::platform {
 namespace {
 
-constexpr int kExclusively = 3;
-
 OpenFailureFound whyNot(const std::string& path) {
   std::vector<QVWCHAR> wide(path.size() + 1);
   if (!utf16FromUtf8(path.data(), path.size(), wide.data(), wide.size())) {
     return {OpenFailure::other, {}};
   }
-  const OpenFailureFound found = findOpenFailure(wide.data(), kExclusively);
+  const OpenFailureFound found = findOpenFailure(wide.data(), kOneWriter);
   if (found.failure == OpenFailure::none) return {OpenFailure::inUse, {}};
   return found;
 }

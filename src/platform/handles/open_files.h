@@ -31,6 +31,11 @@ inline OpenFile* findOpenFile(int16_t file) {
   return openFile->entry != nullptr ? openFile : nullptr;
 }
 
+// The permissions that the library itself opens files with.
+inline constexpr int kReadOnly = 1;
+inline constexpr int kOneWriter = 3;
+inline constexpr int kSharedWriters = 4;
+
 // Opens the regular file `name` and stores the lowest free number, at position 0. The low 8 bits of
 // `permission` count, as a signed value:
 //   0  the most that can be obtained: as 4, else as 1

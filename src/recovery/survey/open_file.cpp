@@ -43,8 +43,8 @@ std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
   if (!platform::utf16FromUtf8(absolute.data(), absolute.size(), wide.data(), wide.size())) {
     failure::throwError(path, operation, qvdb::Reason::path_not_reachable);
   }
-  constexpr int kReadOnly = 1;
-  failure::throwOpenFailure(path, operation, platform::findOpenFailure(wide.data(), kReadOnly));
+  failure::throwOpenFailure(path, operation,
+                            platform::findOpenFailure(wide.data(), platform::kReadOnly));
 }
 
 }  // namespace
