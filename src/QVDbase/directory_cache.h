@@ -1,8 +1,8 @@
 // The directory cache: one entry for each open database whose directory has been read, so that the
 // operations after the first need not read header and directory numbers again.
 //
-// An entry is found by its handle; it lives until the database is closed, or until a whole-file
-// operation drops it. What others change in the header meanwhile is not seen.
+// An entry is found by its handle. It is kept until the database is closed, or until a whole-file
+// operation drops it. What other processes change in the header meanwhile is not seen.
 #pragma once
 
 #include <qvdbase/caches.h>
@@ -23,7 +23,7 @@ struct DirectoryCacheEntry {
 // The database's entry, borrowed, or null.
 DirectoryCacheEntry* findDirectoryEntry(int16_t db);
 
-// Adds an entry with a copy of `head`. Where memory cannot be had, nothing is cached.
+// Adds an entry with a copy of `head`. Without memory for it nothing is cached.
 void addDirectoryEntry(DirectoryCacheEntry entry, const internal_Head1& head);
 
 // Drops the database's entry, if it has one.

@@ -21,8 +21,8 @@ bool signatureIsOurs(const unsigned char* signature) {
 }
 
 // On a cache hit the header record gets the entry's own bytes, from its header reference on, and
-// not the header copy: callers have always had to do without the header's fields then. Only bytes
-// that belong to the entry are read.
+// not the header copy: callers have never had the header's fields then. Only bytes that belong to
+// the entry are read.
 void overwriteWithEntryBytes(const DirectoryCacheEntry& entry, internal_Head1* head) {
   constexpr size_t kFrom = offsetof(DirectoryCacheEntry, headCopy);
   constexpr size_t kAvailable = sizeof(DirectoryCacheEntry) - kFrom;

@@ -9,9 +9,9 @@
 // null head, an unreadable file and a signature that is not ours. The version is not judged.
 int internal_GetDBHead1(int16_t db, internal_Head1* head);
 
-// Hands out the directory numbers, from the directory cache after the first read, and leaves the
-// file at the first slot. Returns 1, or 0 when header or numbers cannot be read, the signature is
-// not ours or the version lies outside 100 to 199.
+// Returns the directory numbers, from the directory cache after the first read, and leaves the file
+// at the first slot. Returns 1, or 0 when header or numbers cannot be read, the signature is not
+// ours or the version is outside 100 to 199.
 //
 // After a cache hit `head` holds no header fields: callers use the numbers and the position only.
 int internal_GetDBHead2Table(int16_t db, internal_Head1* head, int16_t* tableCount,
@@ -19,7 +19,7 @@ int internal_GetDBHead2Table(int16_t db, internal_Head1* head, int16_t* tableCou
 
 namespace qvdbase::engine {
 
-// The three directory numbers, as most operations want them: with no use for the header.
+// The three directory numbers, for the operations that have no use for the header: most of them.
 struct DirectoryNumbers {
   int16_t tableCount;
   int16_t slotCount;

@@ -76,7 +76,7 @@ int16_t CreateDBaseW(const QVWCHAR* path, const void* signature, int version) {
   int16_t db = 0;
   if (!engine::createDatabaseFile(path, &db)) return 0;
   // A file that cannot be completed stays as far as it was written, and open: no half-made database
-  // is ever handed out, and nothing is deleted that might have been somebody's.
+  // is ever returned, and nothing is deleted that might be in use elsewhere.
   return engine::writeNewDatabase(db, signature, static_cast<uint16_t>(version)) ? db : int16_t{0};
 }
 
@@ -107,8 +107,8 @@ int GetDBaseInfoW(const QVWCHAR* path, void* signatureOut, uint16_t* versionOut,
 
 int SetDBaseVersion(int16_t db, uint16_t version) {
   engine::SavedPosition position(db);
-  // Without a position to come back to nothing is written, and the call reports success all the
-  // same: callers rely on it.
+  // Without a position to come back to nothing is written, and the call reports success anyway:
+  // callers rely on it.
   if (!position.known()) return position.leave(1);
   // unreached: own position
   if (myFileSeek(db, format::kVersionPos, kFromStart) != 0) return position.restore(0);

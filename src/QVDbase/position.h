@@ -1,5 +1,5 @@
-// File positions: seeking, telling, and the object by which every exported operation gives the
-// caller back the position it found.
+// File positions: setting them, asking for them, and the object by which every exported operation
+// restores the position that it found.
 #pragma once
 
 #include <qvdbase/qvdbase.h>

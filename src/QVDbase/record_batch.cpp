@@ -32,14 +32,14 @@ void linkInMemory(unsigned char* block, int64_t nextRecordPos) {
   storeBigEndian(link, static_cast<uint64_t>(nextRecordPos));
 }
 
-// Whether the record that the batch goes behind is there and is the last one.
+// Whether the record that the batch follows is there and is the last one.
 bool lastRecordIsOpen(int16_t db, const tablePart1& slot) {
   recordPart1 last;
   return readRecordHeaderAt(db, slot.lastRecordPos, slot.tableID, &last) && last.nextRecordPos == 0;
 }
 
-// Whether the chain is as it was when the batch began: its first record says what lies before it,
-// and its blocks are where the end of the file was.
+// Whether the chain is unchanged since the batch began: the batch's first record names the one
+// before it, and its blocks are where the end of the file was.
 bool hasSameChain(const tablePart1& now, const tablePart1& then) {
   return now.recordCount == then.recordCount && now.recordWriteCount == then.recordWriteCount &&
          now.firstRecordPos == then.firstRecordPos && now.lastRecordPos == then.lastRecordPos;

@@ -1,14 +1,14 @@
 // Appending many records at once.
 //
 // The blocks are those that single appends would write, at the same places; what differs is how
-// they get there. They are laid out in memory, linked to each other, and written in large pieces.
+// they are written. They are laid out in memory, linked to each other, and written in large pieces.
 // Then the table's last record is linked to the first of them and the slot is written, once. Until
 // then no reader reaches any of them: a batch that is cut off leaves the table as it was, with dead
 // blocks at the end of the file, and one that is discarded leaves nothing.
 //
-// A record whose payload is not at hand as a whole is added in pieces. As long as it fits the piece
-// in memory it is like any other; a larger one is written with lengths that reach beyond any file,
-// so that it counts as cut off, and gets its own when all of it is there.
+// A record whose payload the caller does not have as a whole is added in pieces. As long as it fits
+// the piece in memory it is like any other; a larger one is written with lengths that reach beyond
+// any file, so that it counts as cut off, and gets its own when all of it is there.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@
 
 namespace qvdbase::engine {
 
-// What a batch is told of a record beside its payload.
+// A record of a batch, without its payload.
 struct BatchRecord {
   unsigned char recordID[format::kIdentifierSize];
   uint32_t createTime;
@@ -31,8 +31,8 @@ struct BatchRecord {
 
 class RecordBatch {
  public:
-  // A batch for a table that was found. Nothing else may be appended to the file, and nothing
-  // changed in the table's chain, until it is finished; where that happens anyway, the batch fails.
+  // A batch for a table that was found. Until it is finished, nothing else may be appended to the
+  // file, and nothing changed in the table's chain; where that happens anyway, the batch fails.
   RecordBatch(int16_t db, const FoundTable& table);
   RecordBatch(const RecordBatch&) = delete;
   RecordBatch& operator=(const RecordBatch&) = delete;
@@ -53,8 +53,8 @@ class RecordBatch {
   [[nodiscard]] bool appendPayload(const unsigned char* bytes, uint32_t count);
   [[nodiscard]] bool closeRecord();
 
-  // Gives up the record that is open; the batch goes on without it. False when what was written of
-  // it cannot be taken back: the batch takes no more records then.
+  // Gives up the record that is open; the batch continues without it. False when what was written
+  // of it cannot be taken back: the batch takes no more records then.
   bool dropRecord();
 
   // Writes what is still in memory. finish() does that too, but takes in a part when it fails.
@@ -74,11 +74,11 @@ class RecordBatch {
   // Whether it failed because the file or the table was changed by others meanwhile.
   bool wasDisturbed() const { return disturbed_; }
 
-  // The table as it is after finish().
+  // The table, after finish() with the records taken in.
   const FoundTable& table() const { return table_; }
 
  private:
-  // Where the blocks of the piece in memory will lie, and those before it.
+  // Records of the batch: where the blocks are, or will be once the piece is written.
   struct Chain {
     int64_t first = 0;  // 0 while there is no record
     int64_t last = 0;

@@ -26,7 +26,7 @@ bool listOneRecord(int16_t db, const tablePart1& slot, uint64_t* entry) {
   return header.nextRecordPos == 0 || myFileSeek(db, header.nextRecordPos, kFromStart) == 0;
 }
 
-// The walk has come round: what it would list next is what it listed one round before.
+// The walk is in a loop: what it would list next is what it listed one round before.
 void repeatLastRound(uint64_t* list, uint32_t* count, uint32_t recordCount, uint64_t period) {
   for (; *count < recordCount; ++*count) list[*count] = list[*count - period];
 }

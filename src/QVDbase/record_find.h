@@ -43,7 +43,7 @@ struct FoundRecord {
 // Seeks to a field of the block at blockPos and writes a position there.
 [[nodiscard]] bool writeLink(int16_t db, int64_t blockPos, int64_t fieldOffset, int64_t link);
 
-// What GetOneRecordInfo tells of a header.
+// What GetOneRecordInfo reports of a header.
 oneRecordInfoP1 recordInfo(const recordPart1& header, int64_t recordPos);
 
 }  // namespace qvdbase::engine

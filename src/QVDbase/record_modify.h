@@ -6,9 +6,9 @@
 #include "QVDbase/record_find.h"
 #include "format/layout.h"
 
-// Writes a complete block for the record of `header` at the end of the file, without spare room,
-// and stores its position in *newRecordPos (unless null) before anything is written. The header
-// gets the block's lengths. Returns 1 or 0.
+// Writes a complete block for the record of `header` at the end of the file, without spare
+// capacity, and stores its position in *newRecordPos (unless null) before anything is written. The
+// header gets the block's lengths. Returns 1 or 0.
 int internal_WriteOneRecordDataInEOF_Modify(int16_t db, const tablePart1* slot, recordPart1* header,
                                             const unsigned char* payload, uint32_t size,
                                             int64_t* newRecordPos);
@@ -16,8 +16,8 @@ int internal_WriteOneRecordDataInEOF_Modify(int16_t db, const tablePart1* slot, 
 namespace qvdbase::engine {
 
 // The two ways in which a record that was found takes a new payload. `overwriteRecord` needs a size
-// that fits its room and leaves the file just behind the payload; `relocateRecord` appends a new
-// block and puts it into the chain in the old one's place.
+// that fits its capacity and leaves the file right after the payload; `relocateRecord` appends a
+// new block and puts it into the chain in the old one's place.
 [[nodiscard]] bool overwriteRecord(int16_t db, int64_t recordPos, const unsigned char* payload,
                                    uint32_t size);
 [[nodiscard]] bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload,

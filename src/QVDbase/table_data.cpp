@@ -1,6 +1,6 @@
 // Table data: setting, sizing and reading it.
 //
-// Data that fits the present block is written over it, and the slot stays as it is. Larger data
+// Data that fits the present block is written over it, and the slot is not touched. Larger data
 // becomes a new block at the end of the file. The slot is rewritten last, so that readers get the
 // old data until the new block is complete.
 #include "QVDbase/table_data.h"

@@ -1,6 +1,6 @@
 // The table directory: adding, finding, counting and listing tables.
 //
-// Slots are filled in order and never freed, so the slot of the next table is always the one behind
+// Slots are filled in order and never freed, so the slot of the next table is always the one after
 // the last in use. AddTable writes that slot first and the count after it: a table that is not
 // counted yet is not there, and the next AddTable writes over it.
 #include "QVDbase/tables.h"
@@ -34,8 +34,8 @@ tablePart1 newTableSlot(const char* name) {
   return slot;
 }
 
-// Reads past the slots in use, which must be sound and must not have the name. The file then stands
-// at the slot that comes next.
+// Reads past the slots in use, which must be sound and must not have the name. The file is then at
+// the slot that comes next.
 bool nameIsFree(int16_t db, const DirectoryNumbers& directory, const char* name) {
   for (int i = 0; i < directory.tableCount; ++i) {
     tablePart1 slot;

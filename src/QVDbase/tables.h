@@ -6,9 +6,9 @@
 #include "QVDbase/header.h"
 #include "format/layout.h"
 
-// Finds a table by its identifier among the first `tableCount` slots. The file must stand at the
-// first slot. Returns 1 with the slot and its position stored, the file just behind the slot;
-// returns 0 when an output is null, when a slot before the wanted one cannot be read or is damaged,
+// Finds a table by its identifier among the first `tableCount` slots. The file must be at the first
+// slot. Returns 1 with the slot and its position stored, the file right after the slot; returns 0
+// when an output is null, when a slot before the wanted one cannot be read or is damaged,
 // and when there is no such table. The position is not restored.
 int internal_GetOneTableInfo(int16_t db, uint64_t table, int16_t tableCount, uint16_t slotSize,
                              tablePart1* slot, int64_t* slotPos);
@@ -32,8 +32,8 @@ struct FoundTable {
 // Seeks to slotPos and writes the slot there.
 [[nodiscard]] bool rewriteSlot(int16_t db, int64_t slotPos, const tablePart1& slot);
 
-// Whether the slot at slotPos can be read and holds a table. What it holds else does not matter
-// to the writers, which go on with the slot they have.
+// Whether the slot at slotPos can be read and holds a table. Its other fields do not matter
+// to the writers, which continue with the slot they have.
 [[nodiscard]] bool slotIsStillUsed(int16_t db, int64_t slotPos, uint16_t slotSize);
 
 // Makes it the slot of a table that has no records and never had any.

@@ -3,8 +3,8 @@
 // Each function is one transfer at the file's current position, which moves on by the bytes
 // transferred. A transfer that is cut short is a failure.
 //
-// The readers stand in this header, so that the ten fields of a record header cost a walk along a
-// chain no more than ten comparisons and ten loads.
+// The readers are inline, so that the ten fields of a record header cost a walk along a chain no
+// more than ten comparisons and ten loads.
 #pragma once
 
 #include <qvdbase/qvdbase.h>

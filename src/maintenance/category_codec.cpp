@@ -1,9 +1,9 @@
 // Decoding and encoding category records.
 //
-// Decoding goes in three stages: the first field, whose failing means that there is nothing to
-// decode; the other fixed fields, whose failing returns at once; and from the first list on the
-// part whose failing gives back all that the record owns. The payload's length bounds the lists
-// before memory is taken for them: a list that crosses it was always going to fail.
+// Decoding has three stages. When the first field cannot be read, there is nothing to decode. When
+// one of the other fixed fields cannot, the call returns at once. From the first list on, a failure
+// releases all that the record owns. The payload's length limits the lists before memory is taken
+// for them: a list that crosses it would fail anyway.
 #include "maintenance/category_codec.h"
 
 #include <qvdbase/Aliment8.h>
@@ -69,7 +69,7 @@ bool readFixedFields(int16_t db, uint32_t dataLength, qvrzOneCategoryRecord* rec
   return true;
 }
 
-// The part of the payload behind the fixed fields, with the count of bytes consumed so far.
+// The part of the payload after the fixed fields, with the count of bytes consumed so far.
 class VariablePart {
  public:
   VariablePart(int16_t db, uint32_t dataLength, ExtraData extraData)
@@ -107,9 +107,9 @@ class VariablePart {
     if (!consume(4)) return false;
     if (extraData_ == ExtraData::newBuffer && !makeExtraBuffer(record)) return false;
     const bool fileHoldsIt = fileHoldsAhead(db_, length);
-    // Longer than the rest of the payload: never read into a buffer that is made for the rest. The
-    // read would succeed, and the record fail, where the file goes on far enough; elsewhere the
-    // read would fail, which counts as read.
+    // Longer than the rest of the payload: never read into a buffer that is made for the rest.
+    // Where the file is long enough, the read would succeed and the record fail; elsewhere the read
+    // would fail, which counts as read.
     if (length > dataLength_ - consumed_) return !fileHoldsIt;
     if (length != 0 && fileHoldsIt && record->extraData != nullptr) {
       static_cast<void>(readBytes(db_, record->extraData, length));
@@ -188,7 +188,7 @@ CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraDa
   }
   if (myFileSeek(db, info.dataPos, kFromStart) != 0) return CategoryDecoding::failed;
   if (!readIdentity(db, &record->categoryID)) return restored(CategoryDecoding::untouched);
-  // Up to the lists a failure gives nothing back and leaves the position where it was reached.
+  // Before the lists a failure releases nothing and leaves the position where it was reached.
   if (!readFixedFields(db, info.dataLength, record)) return CategoryDecoding::failed;
 
   VariablePart rest(db, info.dataLength, extraData);

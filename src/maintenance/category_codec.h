@@ -20,11 +20,11 @@ enum class ExtraData {
               // above the length of the file fails like an allocation
 };
 
-// InternalReadOneRecord2CategoryStruct, with more to tell.
+// InternalReadOneRecord2CategoryStruct, with the outcome in full.
 CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraData extraData,
                                 qvrzOneCategoryRecord* record);
 
-// Gives the record's lists and free bytes back and sets the pointers to null.
+// Releases the record's lists and free bytes and sets the pointers to null.
 void releaseCategoryParts(qvrzOneCategoryRecord* record);
 
 }  // namespace qvdbase::maintenance

@@ -1,7 +1,7 @@
 // How much a file holds, asked before a length that was read from it is believed.
 //
-// A length in a damaged or hostile file can claim gigabytes. The read that it asks for is bound to
-// fail where the file is shorter, so nothing needs to be allocated to find that out.
+// A length in a damaged or hostile file can claim gigabytes. Where the file is shorter the read
+// would fail, so nothing needs to be allocated to find that out.
 #pragma once
 
 #include <cstdint>

@@ -1,9 +1,9 @@
-// Frame duplication: meant to copy header and directory of a database into a new file.
+// Frame duplication: should copy header and directory of a database into a new file, and cannot.
 //
-// It has one variable for the numbers of both files. Once the new file is created nothing knows the
-// source's number any more, and what is to be written goes to file number 0, which the file layer
-// refuses. So the new file stays empty, the call fails, and the source stays open. That is the
-// required behaviour, and every step here is kept as it is.
+// It has one variable for the numbers of both files. Once the new file is created the source's
+// number is lost, and what is to be written goes to file number 0, which the file layer refuses. So
+// the new file stays empty, the call fails, and the source stays open. That is the required
+// behaviour, and every step here is kept.
 #include <qvdbase/QVFile.h>
 #include <qvdbase/qvdbase.h>
 

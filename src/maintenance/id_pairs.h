@@ -1,10 +1,10 @@
-// The old and new identifiers of the renewed records, and what replaces the one by the other.
+// The old and new identifiers of the renewed records, and the replacing of one by the other.
 //
-// Writing and counting are two things on purpose. Pairs are written at a cursor that goes back to
-// the start with every table; the count goes back to 0 only when a new array begins. It is raised
+// Writing and counting are two things on purpose. Pairs are written at a cursor that returns to
+// the start with every table; the count returns to 0 only when a new array begins. It is raised
 // with every step from one record to the next, in tables that write nothing too. So the pair of a
 // table's last record is written but not counted, and a table that is renewed after the remembered
-// one overwrites its pairs from the first on. Callers rely on what comes of this.
+// one overwrites its pairs from the first on. Callers rely on the effects.
 #pragma once
 
 #include <qvdbase/qvrzdb_sub.h>
@@ -19,9 +19,9 @@ namespace qvdbase::maintenance {
 
 class IdPairs {
  public:
-  // Begins a new array for that many expected pairs, of which at most `likely` are made room for at
-  // once: the rest comes as it is written, because the expectation is a number from a file. False
-  // when memory cannot be had.
+  // Begins a new array for that many expected pairs. Memory for at most `likely` of them is
+  // allocated at once, and more when they are written, because the expectation is a number from a
+  // file. False without memory.
   [[nodiscard]] bool begin(uint32_t expected, uint64_t likely);
   bool exist() const { return exist_; }
 

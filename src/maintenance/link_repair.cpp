@@ -2,10 +2,10 @@
 // that is broken. Payloads are neither moved nor changed.
 //
 // Each chain is walked twice, forwards from the slot's first record and backwards from its last.
-// When both walks meet as many records as the slot counts, the chain is sound and nothing of it is
+// When both walks reach as many records as the slot counts, the chain is sound and nothing of it is
 // written. Otherwise what was reached is put in one order and written back as a clean chain, with
-// the slot's ends and count after it. Only positions that were really read are ever kept, and each
-// only once: a chain that loops ends where it comes round, whatever the slot counts.
+// the slot's ends and count after it. Only positions that were really read are kept, and each only
+// once: a chain that loops ends where the loop closes, whatever the slot counts.
 #include "maintenance/link_repair.h"
 
 #include <qvdbase/QVFile.h>
@@ -85,12 +85,12 @@ class LinkRepair {
     for (int t = 0; t < directory_.tableCount; ++t) {
       if (!repairTable()) return false;
     }
-    // The version says that the repair came to its end, so that everything must be written before.
+    // The version says that the repair was completed, so that everything must be written before.
     return report(99) && CallScope::completeWrites() && SetDBaseVersion(db_, kFinishedVersion) == 1;
   }
 
-  // The sum of the counts of all tables, each as GetNumberOfRecords tells it of its identifier: of
-  // the first slot that has it. Ends at the first slot that holds no table.
+  // The sum of the counts of all tables, each as GetNumberOfRecords counts them by identifier:
+  // those of the first slot that has it. Ends at the first slot that holds no table.
   void countRecords() {
     std::unordered_map<uint64_t, uint32_t, SeededHash> counts;
     for (int t = 0; t < directory_.tableCount; ++t) {
@@ -196,8 +196,8 @@ class LinkRepair {
       merged_.appendIfNew(VisitedRecords::entryOf(node));
     }
     // Kept deliberately: by the count of the backward list it is the forward list that is read,
-    // from that index down to its first entry. Whatever was met only backwards stays out of the
-    // chain. Indexes that the forward list does not have are passed over.
+    // from that index down to its first entry. What was reached only backwards stays out of
+    // the chain. Indexes that the forward list does not have are passed over.
     const int from = std::min(backward_.size(), forward_.size()) - 1;
     for (QVNode* node = forward_.nodeAt(from); node != nullptr; node = node->prev) {
       merged_.appendIfNew(VisitedRecords::entryOf(node));

@@ -1,7 +1,7 @@
 // Packing a database into a new file, with every record under its own identifier.
 //
-// While it is filled the destination carries version 101, and 100 when it is finished: one that
-// shows 101 comes from a pack that did not run to its end.
+// The destination has version 101 while it is filled, and 100 when it is finished: a file with 101
+// comes from a pack that was not completed.
 #include <qvdbase/qvdbase.h>
 
 #include "maintenance/pack_steps.h"

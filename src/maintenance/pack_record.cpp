@@ -1,5 +1,5 @@
-// Appending a copied record: an ordinary append, whose new identifier and times then give way to
-// those of the source record.
+// Appending a copied record: an ordinary append, whose new identifier and times are then replaced
+// by those of the source record.
 #include "maintenance/pack_record.h"
 
 #include "QVDbase/position.h"
@@ -13,7 +13,7 @@ using namespace qvdbase::engine;
 
 namespace {
 
-// Identifier, create time and modify time stand side by side in a block.
+// Identifier, create time and modify time are next to each other in a block.
 bool writeIdentity(int16_t db, int64_t recordPos, const recordPart1& source) {
   static_assert(record::kCreateTime == record::kRecordID + kIdentifierSize);
   static_assert(record::kModifyTime == record::kCreateTime + 4);

@@ -5,7 +5,7 @@
 
 #include "format/layout.h"
 
-// Appends a record to the table whose slot lies at slotPos, with the identifier, the times, the
+// Appends a record to the table whose slot is at slotPos, with the identifier, the times, the
 // length and the capacity of the source record. On success *slot is the slot as now in the file.
 // Returns 1; 0 when the slot's first position and count disagree and when the file cannot be read
 // or written.

@@ -72,7 +72,7 @@ bool PackSteps::copyHeader() {
   const auto length = static_cast<uint32_t>(headerLength_);
   platform::Buffer header(length);
   // Intended: without memory for it the header is left out, without an error, and everything else
-  // is done all the same. The slots then begin at the start of the destination.
+  // is done anyway. The slots then begin at the start of the destination.
   if (!header) return true;
   bufferHeld_ = true;
   if (myFileSeek(src_, 0, kFromStart) != 0) return false;
@@ -147,7 +147,7 @@ bool PackSteps::copyBlock(int64_t blockPos, int64_t length, int64_t* newBlockPos
 }
 
 bool PackSteps::copyRecords(const tablePart1& slot, int64_t slotPos) {
-  // Required, and meant: the working slot is the source's again, its three table-data positions
+  // Required: the working slot is the source's again, its three table-data positions
   // included, and the first record appended writes these over the ones that copyTableData has just
   // put into the destination. A packed table that has records does not find its table data.
   tablePart1 working = slot;
@@ -163,7 +163,7 @@ bool PackSteps::copyRecords(const tablePart1& slot, int64_t slotPos) {
     if (myFileSeek(src_, header.nextRecordPos, kFromStart) != 0) return false;
     steppedOn();
   }
-  // A chain that goes on is cut here, and one that loops ends after as many copies as were counted.
+  // A longer chain is cut here, and one that loops ends after as many copies as were counted.
   return completeRecords();
 }
 

@@ -7,7 +7,7 @@
 //   3. per table in use: the current table-data block, then the records along their chain, each
 //      appended to the destination as an ordinary record
 //   4. both files are closed
-// What a failure leaves behind is cleaned up at one place, fail().
+// What a failure leaves is cleaned up at one place, fail().
 //
 // The class holds the steps that are the same; each pack calls them in its order. Where the packs
 // do one thing in different ways there is a virtual function, and the packs' overrides of it are
@@ -60,8 +60,8 @@ class PackSteps {
 
   int64_t headerLength() const { return headerLength_; }
 
-  // Calls the progress function. False when it asks to stop. Without a function there is nothing to
-  // do. Everything written before is in the hands of the operating system: each step sees to it.
+  // Calls the progress function, if there is one. False when it asks to stop. Everything written
+  // before is with the operating system: each step sees to it.
   [[nodiscard]] bool report(uint32_t percent);
 
   // Takes the steps of a pack that has opened its source, and returns its result. Whatever ends
@@ -88,7 +88,7 @@ class PackSteps {
   virtual bool writeDirectorySlot(const tablePart1& slot);
   // Reads a slot of either file, at its position.
   virtual bool readTableSlot(int16_t file, tablePart1* slot);
-  // Writes the slot, at its position, once the table's data is copied. True goes on.
+  // Writes the slot, at its position, once the table's data is copied. False ends the pack.
   virtual bool rewriteSlotWithData(const tablePart1& slot);
   // Called when the walk along a table's chain begins, and after each step to a next record.
   virtual bool beginRecords(const tablePart1&) { return true; }
@@ -100,8 +100,8 @@ class PackSteps {
   // Progress after each record, with the percent worked out, and after each table.
   virtual bool reportRecord(uint32_t percent) { return report(percent); }
   virtual bool reportTable() { return true; }
-  // On failure: how the source is let go, whether the destination is emptied, and what the caller
-  // is told when the header's copy, a table-data block or a payload was in memory at that moment.
+  // On failure: how the source is released, whether the destination is emptied, and what is
+  // reported when the header's copy, a table-data block or a payload was in memory at that moment.
   virtual void releaseSource() { closeSource(); }
   virtual bool emptiesDestination() { return true; }
   virtual void failedWithBuffer() {}

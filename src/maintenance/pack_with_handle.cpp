@@ -67,7 +67,7 @@ class PackWithHandle : public PackForCaller {
     return true;
   }
 
-  // The wrong way round, and meant: the rewrite that succeeds ends the pack, and one that fails
+  // The wrong way round, and required: a rewrite that succeeds ends the pack, and one that fails
   // does not. Made past the scope, in which a write may be gathered and fails every later one.
   bool rewriteSlotWithData(const tablePart1& slot) override {
     if (!CallScope::completeWrites()) return false;

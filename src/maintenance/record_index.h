@@ -1,8 +1,8 @@
-// Where the records of a table lie, for an operation that looks up many of them.
+// Where the records of a table are, for an operation that looks up many of them.
 //
 // A lookup in the engine walks the chain from its first record. This index walks it once and then
-// answers as that walk would: the first record of an identifier wins, and what lies behind the
-// point at which the walk fails is not found.
+// answers as that walk would: the first record of an identifier is found, and none after the point
+// at which the walk fails.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ class RecordIndex {
   // The record's position, or 0.
   int64_t find(uint64_t record) const;
 
-  // To be told of a record that was relocated, and of the table as it is since.
+  // Takes the new place of a record that was relocated, and the table since then.
   void moved(uint64_t record, int64_t newRecordPos, const engine::FoundTable& table) {
     positions_[record] = newRecordPos;
     table_ = table;

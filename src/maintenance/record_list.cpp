@@ -40,7 +40,7 @@ RecordList::Outcome RecordList::walk(int16_t db, const tablePart1& slot) {
     if (loop.visited(myGetFilePos(db))) return Outcome::complete;
     if (internal_GetOneRecordDataInfo(db, slot.tableID, &header) != 1) return Outcome::failed;
     if (!add(identifierNumber(header.recordID))) return Outcome::noMemory;
-    // Behind a record without successor the walk goes on in its payload, and fails there.
+    // After a record without successor the walk continues in its payload, and fails there.
     if (header.nextRecordPos != 0 && myFileSeek(db, header.nextRecordPos, kFromStart) != 0) {
       return Outcome::failed;
     }

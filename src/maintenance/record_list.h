@@ -9,8 +9,9 @@
 
 namespace qvdbase::maintenance {
 
-// As GetRecordUuIDList lists them, with room that follows the records found instead of the slot's
-// count, which a damaged file may set as high as it likes. A chain that loops is listed once round.
+// As GetRecordUuIDList lists them, in memory that grows with the records found instead of the
+// slot's count, which a damaged file may set as high as it likes. A chain that loops is listed once
+// round.
 class RecordList {
  public:
   enum class Outcome {

@@ -1,5 +1,6 @@
-// The records that a walk of the link repair has met: in order, in a list, and as a set of their
-// positions, so that "has it been here?" costs the same for the millionth record as for the first.
+// The records that a walk of the link repair has reached: in order, in a list, and as a set of
+// their positions, so that "has it been here?" costs the same for the millionth record as for the
+// first.
 #pragma once
 
 #include <unordered_set>
