@@ -23,7 +23,7 @@ TEST_F(ToolCheck, SaysThatAFileIsSound) {
   });
 }
 
-TEST_F(ToolCheck, TellsWhatIsWrongWhatFailsAndWhatToDo) {
+TEST_F(ToolCheck, ReportsWhatIsWrongWhatFailsAndWhatToDo) {
   damaged(39, Bytes().zeros(8));
   expectOnlyRead([&] {
     const Outcome outcome = run({"check", "test.qvd"});
@@ -54,7 +54,7 @@ TEST_F(ToolCheck, PrintsJson) {
   EXPECT_EQ(sum, report["size"]);
 }
 
-TEST_F(ToolCheck, PrintsHowMuchRoomIsSpareAndWhatOfItHoldsOlderData) {
+TEST_F(ToolCheck, PrintsTheSpareCapacityAndHowMuchOfItHoldsOlderData) {
   notes({bytesOf("sixteen bytes ab")});
   const int64_t record = database().tables[0].records[0].position;
   patchFile(path(), static_cast<uint64_t>(record) + 47, Bytes().be(4, 4));  // the length
@@ -90,7 +90,7 @@ TEST_F(ToolCheck, ReportsADamagedFileInUseWithAStatusOfItsOwn) {
   close(db);
 }
 
-TEST_F(ToolCheck, ChecksWhatIsNoDatabaseAtAll) {
+TEST_F(ToolCheck, ChecksAFileThatIsNotADatabase) {
   writeFile(path("text"), bytesOf("some text"));
   writeFile(path("empty"), {});
   EXPECT_NE(run({"check", "text"}).out.find("error F2"), std::string::npos);

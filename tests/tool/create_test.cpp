@@ -19,7 +19,7 @@ TEST_F(ToolCreate, TakesSignatureAndVersion) {
   EXPECT_TRUE(sameBytes(contents().cut(6), hex("71 76 01 7a 00c7")));
 }
 
-TEST_F(ToolCreate, RefusesWhatNoDatabaseCanHave) {
+TEST_F(ToolCreate, RefusesUnusableSignaturesAndVersions) {
   fails({"create", "--signature", "QV", "test.qvd"}, 2, {"--signature"});
   fails({"create", "--signature", "VQxx", "test.qvd"}, 1, {"signature"});
   fails({"create", "--db-version", "99", "test.qvd"}, 2, {"--db-version"});
@@ -27,7 +27,7 @@ TEST_F(ToolCreate, RefusesWhatNoDatabaseCanHave) {
   EXPECT_FALSE(std::filesystem::exists(path()));
 }
 
-TEST_F(ToolCreate, LeavesAnExistingFileAloneWithoutForce) {
+TEST_F(ToolCreate, DoesNotChangeAnExistingFileWithoutForce) {
   notes({bytesOf("precious")});
   expectOnlyRead([&] { fails({"create", "test.qvd"}, 1, {"test.qvd", "exists", "--force"}); });
   writeFile(path("text"), bytesOf("precious"));

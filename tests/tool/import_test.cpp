@@ -142,7 +142,7 @@ TEST_F(ToolImport, StoresTheNamesInTheDocumentedFormat) {
                                     .bytes());
 }
 
-TEST_F(ToolImport, NamesFilesByWhatIsBehindTheLastSlashOfEachPath) {
+TEST_F(ToolImport, NamesFilesByWhatFollowsTheLastSlashOfEachPath) {
   store("dir/inner/f", {});
   writeFile(path("single"), {});
   done({"import", "test.qvd", "a", "dir", "single", path("dir/inner").native()});
@@ -151,11 +151,11 @@ TEST_F(ToolImport, NamesFilesByWhatIsBehindTheLastSlashOfEachPath) {
   EXPECT_EQ(namesIn("b"), (Words{"inner/f"}));
   fails({"import", "test.qvd", "c", "dir/inner", "dir/"}, 1, {"two of the paths", "'inner"});
   fails({"import", "test.qvd", "c", "absent"}, 1, {"absent"});
-  fails({"import", "test.qvd", "c", ""}, 1, {"empty path"});
+  fails({"import", "test.qvd", "c", ""}, 1, {"PATH is empty"});
   EXPECT_EQ(json({"tables", "--json", "test.qvd"})["tables"].size(), 2u);
 }
 
-TEST_F(ToolImport, LeavesOutTheDatabaseItselfAndWhatIsNoFile) {
+TEST_F(ToolImport, LeavesOutTheDatabaseItselfAndWhatIsNotAFile) {
   writeFile(path("f"), bytesOf("f"));
   ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
   const Outcome outcome = run({"import", "test.qvd", "files", "."});
@@ -175,7 +175,7 @@ TEST_F(ToolImport, OfMoreFilesExtendsTheTable) {
   EXPECT_EQ(inventory(path("out/two")), inventory(path("two")));
 }
 
-TEST_F(ToolImport, OfAFileThatIsThereChangesNothingWithoutReplace) {
+TEST_F(ToolImport, OfAFileThatTheTableHasChangesNothingWithoutReplace) {
   makeFiles(path("in"));
   done({"import", "test.qvd", "files", "in/"});
   store("in/new", bytesOf("new"));
@@ -203,7 +203,7 @@ TEST_F(ToolImport, WithReplaceRenewsAndExtends) {
 }
 
 // As a retry of an import that was killed after it had stored the names.
-TEST_F(ToolImport, TakesTheSameLinkForThereAlready) {
+TEST_F(ToolImport, AcceptsALinkThatTheTableHasUnchanged) {
   fs::create_directory(path("in"));
   fs::create_symlink("elsewhere", path("in/link"));
   done({"import", "test.qvd", "files", "in/"});
@@ -234,7 +234,7 @@ TEST_F(ToolImport, RefusesAFileOfAnotherKind) {
   fs::remove(path("in/a"));
   fs::create_directory(path("in/a"));
   expectOnlyRead([&] {
-    fails({"import", "--replace", "test.qvd", "files", "in"}, 1, {"in/a", "another kind"});
+    fails({"import", "--replace", "test.qvd", "files", "in"}, 1, {"in/a", "is not a folder"});
   });
 }
 
@@ -341,7 +341,7 @@ TEST_F(ToolImport, StopsAtCtrlCBetweenTwoFilesAndKeepsWhatIsStored) {
   done({"import", "--replace", "test.qvd", "files", "in"});
 }
 
-TEST_F(ToolImport, ThatCannotBeWrittenToItsEndNamesExactlyWhatIsStored) {
+TEST_F(ToolImport, ThatCannotBeCompletedReportsExactlyWhatIsStored) {
   for (int i = 0; i < 500; ++i) store("in/" + std::to_string(1000 + i), pattern(10'000));
   ProgramCall call = callOf({});
   call.program = "/bin/sh";
@@ -503,7 +503,7 @@ TEST_F(ToolExport, NamesRecordsThatWereAddedLaterByIdentifier) {
   EXPECT_TRUE(fs::exists(path("ids/0x0000000000000007")));
 }
 
-TEST_F(ToolExport, WritesNothingWhenAnythingIsInTheWay) {
+TEST_F(ToolExport, WritesNothingWhenOneFileExistsAlready) {
   makeFiles(path("in"));
   done({"import", "test.qvd", "files", "in/"});
   store("out/sub/binary", bytesOf("precious"));
@@ -516,7 +516,7 @@ TEST_F(ToolExport, WritesNothingWhenAnythingIsInTheWay) {
   EXPECT_EQ(inventory(path("out")), inventory(path("in")));
 }
 
-TEST_F(ToolExport, RemovesAFileThatCannotBeWrittenToItsEnd) {
+TEST_F(ToolExport, RemovesAFileThatCannotBeCompleted) {
   store("in/a", pattern(100));
   store("in/b", pattern(2'000'000));
   done({"import", "test.qvd", "files", "in/"});
@@ -552,7 +552,7 @@ TEST_F(ToolExport, StopsAtCtrlCBetweenTwoFilesOrRemovesTheHalfWrittenOne) {
   }
 }
 
-TEST_F(ToolExport, BesideOtherFilesLeavesThemAlone) {
+TEST_F(ToolExport, BesideOtherFilesDoesNotChangeThem) {
   writeFile(path("f"), bytesOf("f"));
   done({"import", "test.qvd", "files", "f"});
   store("out/other", bytesOf("other"));
@@ -563,7 +563,7 @@ TEST_F(ToolExport, BesideOtherFilesLeavesThemAlone) {
   fails({"export", "--force", "test.qvd", "files", "out"}, 1, {"out/f", "folder"});
 }
 
-TEST_F(ToolExport, RestoresAFolderThatMayNotBeWrittenTo) {
+TEST_F(ToolExport, RestoresAReadOnlyFolder) {
   store("in/locked/f", bytesOf("f"));
   fs::permissions(path("in/locked"), fs::perms(0555));
   done({"import", "test.qvd", "files", "in/"});
@@ -647,7 +647,7 @@ TEST_F(HostileNames, DoNotWriteThroughALinkThatComesFirst) {
   expectRefused();
 }
 
-TEST_F(HostileNames, DoNotWriteThroughALinkThatIsThere) {
+TEST_F(HostileNames, DoNotWriteThroughALinkThatExists) {
   fs::create_symlink("../outside", path("out/a"));
   names(NameBlock().entry('f', 0644, 0xA1, "a/x"));
   expectRefused();
@@ -656,7 +656,7 @@ TEST_F(HostileNames, DoNotWriteThroughALinkThatIsThere) {
   EXPECT_TRUE(fs::is_empty(path("outside")));
 }
 
-TEST_F(HostileNames, ReplaceALinkThatIsThereAndNotWhatItLeadsTo) {
+TEST_F(HostileNames, ReplaceALinkThatExistsAndNotItsTarget) {
   writeFile(path("outside/x"), bytesOf("precious"));
   fs::create_symlink("../outside/x", path("out/x"));
   names(NameBlock().entry('f', 0644, 0xA1, "x"));
@@ -667,14 +667,14 @@ TEST_F(HostileNames, ReplaceALinkThatIsThereAndNotWhatItLeadsTo) {
   EXPECT_EQ(readFile(path("outside/x")), bytesOf("precious"));
 }
 
-TEST_F(HostileNames, ThatAreDoubledOrContradictAreAFailureNotADisaster) {
+TEST_F(HostileNames, ThatAreDuplicateOrContradictoryAreAFailure) {
   names(NameBlock().entry('l', 0777, 0, "x", 0, "../outside/y").entry('f', 0644, 0xA1, "x"));
   expectRefused();
   names(NameBlock().entry('d', 0755, 0, "x").entry('f', 0644, 0xA1, "x"));
   expectRefused();
 }
 
-TEST_F(HostileNames, ThatAreDamagedAreReportedAndDoNotKeepBackTheRecords) {
+TEST_F(HostileNames, ThatAreDamagedAreReportedAndTheRecordsAreExported) {
   const Bytes sound = NameBlock().entry('f', 0644, 0xA1, "x").bytes();
   for (size_t length = 9; length < sound.size(); ++length) {
     FileImage image;
@@ -762,7 +762,7 @@ TEST_F(TornNames, AreKeptBeforeTheTear) {
   fails({"get", "test.qvd", "files", "two"}, 1, {"'two'", "before the damage"});
 }
 
-TEST_F(TornNames, WhicheverByteItIsKeepNoRecordBack) {
+TEST_F(TornNames, AtAnyByteHoldNoRecordBack) {
   const Bytes sound = threeNames().bytes();
   for (size_t at = 8; at < sound.size(); ++at) {
     for (const int value : {0x00, 0xFF, sound[at] ^ 0x01}) {
@@ -781,7 +781,7 @@ TEST_F(TornNames, WhicheverByteItIsKeepNoRecordBack) {
   }
 }
 
-TEST_F(TornNames, GoWithTheirRecordsAndStayOtherwise) {
+TEST_F(TornNames, AreRemovedWithTheirRecordsAndKeptOtherwise) {
   Bytes names = threeNames().bytes();
   names[kSecond + 23 + 2] = 0;  // in the second name
   write(names);
@@ -791,7 +791,7 @@ TEST_F(TornNames, GoWithTheirRecordsAndStayOtherwise) {
   EXPECT_EQ(database().tables[0].data->data(), names);
 }
 
-TEST_F(TornNames, AreGivenUpWhenFilesAreAdded) {
+TEST_F(TornNames, AreDroppedWhenFilesAreAdded) {
   Bytes names = threeNames().bytes();
   names[kSecond] = 0;
   write(names);

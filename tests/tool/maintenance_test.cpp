@@ -87,8 +87,7 @@ TEST_F(ToolMaintenance, RepairLosesNothingUnlessItIsForced) {
   lively.image.record(lively.a).nextRecordPos = 0;
   writeFile(path(kSource), lively.image.build());
   const std::string losses =
-      "table 'one': 2 records that can still be found would drop out of its "
-      "chain, 1 would stay\n";
+      "table 'one': 2 records would be lost, 1 would stay\n";
   expectUnchanged(
       [&] {
         const Outcome refused = run({"repair", kSource});
@@ -120,7 +119,7 @@ TEST_F(ToolMaintenance, RepairCallsNothingSoundThatIsNot) {
           const Outcome outcome = run(words);
           EXPECT_EQ(outcome.status, 1);
           EXPECT_EQ(outcome.out,
-                    "table 'notes': 1 record outside of its chain, which repair takes "
+                    "table 'notes': 1 record outside its chain, which repair takes "
                     "for sound\n");
           expectOneLine(outcome.err, {kSource, "'qvdb check' finds 1 error", "'qvdb salvage'"});
         }
@@ -151,7 +150,7 @@ TEST_F(ToolMaintenance, RepairFailsOnWhatItCannotMend) {
   fails({"repair", "-n", kSource}, 1, {kSource, "would fail"});
 }
 
-TEST_F(ToolMaintenance, RefusesWhatMakesNoSenseAndLeavesNoEmptyTarget) {
+TEST_F(ToolMaintenance, RefusesImpossibleArgumentsAndLeavesNoEmptyTarget) {
   writeFile(path("text"), bytesOf("just text"));
   for (const char* command : {"pack", "renumber", "compact"}) {
     fails({command, "missing", kTarget}, 1, {"missing", "no such file"});
@@ -182,7 +181,7 @@ TEST_F(ToolMaintenance, RefusesDatabasesInUse) {
   EXPECT_EQ(filesInFolder(), 1u);
 }
 
-TEST_F(ToolMaintenance, StopsAtCtrlCWithoutATrace) {
+TEST_F(ToolMaintenance, StopsAtCtrlCAndLeavesNothing) {
   FileImage image;
   image.addTable("QVrz_Category", 0x404);
   image.addTable("t", 0x505);

@@ -36,7 +36,7 @@ class ToolMemory : public ToolTest {
   }
 };
 
-TEST_F(ToolMemory, IsNotTakenForWhatIsImportedOrWrittenToAFile) {
+TEST_F(ToolMemory, IsNotNeededForWhatIsImportedOrWrittenToAFile) {
   expectDone("import test.qvd files in/");
   expectDone("import --replace test.qvd files in/");
   EXPECT_EQ(database().tables[1].records.size(), 1u);
@@ -45,7 +45,7 @@ TEST_F(ToolMemory, IsNotTakenForWhatIsImportedOrWrittenToAFile) {
   allowDamage();  // sparse files make holes on some systems
 }
 
-TEST_F(ToolMemory, IsNotTakenForWhatIsPut) {
+TEST_F(ToolMemory, IsNotNeededForWhatIsPut) {
   expectDone("put test.qvd notes in/large");
   expectDone("put test.qvd notes < in/large");
   const auto records = json({"records", "--json", "test.qvd", "notes"})["records"];

@@ -29,7 +29,7 @@ TEST_F(ToolGet, WritesThePayloadToStandardOutputByteForByte) {
   });
 }
 
-TEST_F(ToolGet, WritesToAFileThatIsNotThereYet) {
+TEST_F(ToolGet, WritesToAFileThatDoesNotExistYet) {
   const Words ids = notes({bytesOf("text")});
   EXPECT_EQ(done({"get", "test.qvd", "notes", ids[0], "-o", "out.txt"}), "");
   EXPECT_EQ(readFile(path("out.txt")), bytesOf("text"));
@@ -136,7 +136,7 @@ TEST_F(ToolPut, StoresAllInputsOrNone) {
   });
 }
 
-TEST_F(ToolPut, RefusesTheIdentifierThatStandsForNone) {
+TEST_F(ToolPut, RefusesTheIdentifierThatMeansNone) {
   notes({});
   expectOnlyRead([&] {
     for (const char* id : {"0", "0x0", "0x0000000000000000"}) {
@@ -280,7 +280,7 @@ TEST_F(ToolTouch, OfADatabaseInUseFailsAtOnce) {
 
 // ---- data
 
-TEST_F(ToolData, IsSetAndHandedOut) {
+TEST_F(ToolData, IsSetAndPrinted) {
   notes({});
   fails({"data", "test.qvd", "notes"}, 1, {"no data", "--set"});
   EXPECT_EQ(done({"data", "test.qvd", "notes", "--set", "-", "--reserve", "50"}, "some data"), "");

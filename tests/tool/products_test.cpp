@@ -183,7 +183,7 @@ TEST_F(ProductsOfTheTool, DoNotReplaceTheDatabaseThatTheyComeFrom) {
 TEST_F(ProductsOfTheTool, AreNotExportedToAFolderThatCannotBeMade) {
   for (const char* option : {"--no-sync", "--parents"}) {
     fails({"export", option, kDefaultFile, "notes", std::string(300, 'x')}, 1,
-          {"cannot make the folder"});
+          {"cannot create the folder"});
   }
 }
 

@@ -16,7 +16,7 @@ TEST_F(ToolRecords, AreListedInOrderWithSizesAndTimes) {
   writeFile(path(), image.build());
   expectOnlyRead([&] {
     EXPECT_EQ(done({"records", "test.qvd", "notes"}),
-              "ID                        SIZE        ROOM  CREATED               MODIFIED\n"
+              "ID                        SIZE    CAPACITY  CREATED               MODIFIED\n"
               "0x00000000000000a1           5          10  1970-01-01T00:00:00Z  "
               "2024-05-01T12:51:30Z\n"
               "0x00000000000000a2           0           0  1970-01-01T00:16:40Z  "
@@ -44,7 +44,7 @@ TEST_F(ToolRecords, StopAtALimit) {
   EXPECT_EQ(json({"records", "--json", "-n", "9", "test.qvd", "notes"})["records"].size(), 3u);
 }
 
-TEST_F(ToolRecords, BeforeADamageAreListedAndTheDamageIsTold) {
+TEST_F(ToolRecords, BeforeADamageAreListedAndTheDamageIsReported) {
   FileImage image;
   image.addTable("notes", 0x11);
   image.addRecord(0, 0xA1, bytesOf("1"));

@@ -35,7 +35,7 @@ TEST_F(ToolSalvage, WritesASoundFileWithEverything) {
   done({"check", "--strict", "saved.qvd"});
 }
 
-TEST_F(ToolSalvage, TakesDeletedRecordsWhenItIsAskedTo) {
+TEST_F(ToolSalvage, SavesDeletedRecordsOnRequest) {
   done({"rm", "test.qvd", "notes", ids[1]});
   done({"salvage", "test.qvd", "without.qvd"});
   EXPECT_EQ(json({"records", "--json", "without.qvd", "notes"})["records"].size(), 2u);
@@ -85,7 +85,7 @@ TEST_F(ToolSalvage, ReadsStandardInputInPlaceWhenItIsAFile) {
   EXPECT_EQ(json({"tables", "--json", "all.qvd"})["tables"][0]["records"], 3);
 }
 
-TEST_F(ToolSalvage, ReadsStandardInputFromWhereItStands) {
+TEST_F(ToolSalvage, ReadsStandardInputFromItsPosition) {
   writeFile(path("disk.img"), pattern(4096).add(contents()));
   ProgramCall call =
       callOf({"-c", "dd bs=4096 count=1 of=skipped && exec \"$0\" salvage - a.qvd", QVDB_TOOL});
@@ -108,7 +108,7 @@ TEST_F(ToolSalvage, SaysWhenAPipeHoldsMoreThanMemoryDoes) {
   EXPECT_FALSE(std::filesystem::exists(path("a.qvd")));
 }
 
-TEST_F(ToolSalvage, LeavesNothingWhenNobodyReadsItsOutputAnyMore) {
+TEST_F(ToolSalvage, LeavesNothingWhenItsOutputHasNoReaderAnyMore) {
   FileImage image;
   const size_t table = image.addTable("notes", 0x11);
   for (uint64_t id = 1; id <= 1500; ++id) image.addRecord(table, id, bytesOf("text"));
@@ -121,7 +121,7 @@ TEST_F(ToolSalvage, LeavesNothingWhenNobodyReadsItsOutputAnyMore) {
             1);
 }
 
-TEST_F(ToolSalvage, ExtractsOverNothing) {
+TEST_F(ToolSalvage, ExtractReplacesNoFile) {
   done({"salvage", "--extract", "out", "test.qvd", "a.qvd"});
   fails({"salvage", "--extract", "out", "test.qvd", "b.qvd"}, 1,
         {"out/manifest.jsonl", "exists", "another folder"});
@@ -161,7 +161,7 @@ TEST_F(ToolSalvage, SavesDatabasesThatAreStoredInPayloads) {
   EXPECT_FALSE(std::filesystem::exists(path("c.qvd")));
 }
 
-TEST_F(ToolSalvage, WritesOverNothingAndSaysWhatIsWrong) {
+TEST_F(ToolSalvage, ReplacesNoFileAndSaysWhatIsWrong) {
   writeFile(path("here"), bytesOf("here"));
   fails({"salvage", "test.qvd", "here"}, 1, {"here", "exists", "another name for the new file"});
   EXPECT_EQ(readFile(path("here")), bytesOf("here"));
@@ -197,7 +197,7 @@ TEST_F(ToolHistory, ListsVersionsAndWritesOneOfThem) {
               std::string::npos);
   });
   fails({"history", "--at", "1", "test.qvd", "notes", ids[1]}, 1, {"no version", "at 1"});
-  fails({"history", "test.qvd", "notes", "0xee"}, 1, {"no trace", "0xee"});
+  fails({"history", "test.qvd", "notes", "0xee"}, 1, {"nothing is left", "0xee"});
   fails({"history", "test.qvd", "absent", ids[1]}, 1, {"absent"});
   fails({"history", "test.qvd", "notes", "second"}, 2, {"'second'"});
 }
@@ -214,12 +214,12 @@ TEST_F(ToolHistory, UndeleteBringsARecordBack) {
   fails({"undelete", "test.qvd", "x.qvd", "notes", "0xee"}, 1, {"no such version"});
 }
 
-TEST_F(ToolHistory, UndeleteSaysWhenSomebodyWritesToTheSource) {
+TEST_F(ToolHistory, UndeleteReportsThatAnotherProcessWritesToTheSource) {
   EXPECT_EQ(done({"undelete", "test.qvd", "alone.qvd", "notes", ids[1]}), "");
   const int16_t db = open();
   EXPECT_EQ(
       done({"undelete", "test.qvd", "beside.qvd", "notes", ids[1]}),
-      "Another process has the source open for writing: repeat this when it has closed it.\n");
+      "Another process has the source open for writing: repeat this when it has closed the file.\n");
   close(db);
 }
 

@@ -99,7 +99,7 @@ TEST_F(ToolAddTable, AddsItAndPrintsItsIdentifier) {
   EXPECT_EQ(table["id"], id);
 }
 
-TEST_F(ToolAddTable, RefusesNamesThatCannotBe) {
+TEST_F(ToolAddTable, RefusesImpossibleNames) {
   notes({});
   expectOnlyRead([&] {
     fails({"add-table", "test.qvd", "notes"}, 1, {"'notes'", "exists"});

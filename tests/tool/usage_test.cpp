@@ -50,7 +50,7 @@ TEST_F(Usage, WrongUsageIsStatus2AndPointsToTheHelp) {
   fails({"records", "--limit", "many", "a.qvd", "t"}, 2, {"--limit", "'many'"});
 }
 
-TEST_F(Usage, ACommandThatThereIsNotIsGuessed) {
+TEST_F(Usage, AnUnknownCommandGetsASuggestion) {
   const std::vector<std::pair<std::string, std::string>> meant = {
       {"new", "create"},   {"creat", "create"},      {"cerate", "create"}, {"ls", "tables"},
       {"delete", "rm"},    {"add", "put"},           {"cat", "get"},       {"undelet", "undelete"},

@@ -22,7 +22,7 @@ int run(const Options& options) {
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
-  arguments.argument("NAME", options->name, "The new table's name, of 1 to 32 bytes.");
+  arguments.argument("NAME", options->name, "The name of the new table, 1 to 32 bytes.");
   arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
@@ -30,9 +30,12 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kAddTableCommand = {
-    "add-table", "add a table",
-    "Adds an empty table to a database and prints its identifier. A database has room for 31 "
-    "tables; they cannot be renamed or removed later.",
-    "qvdb add-table notes.qvd letters", define};
+    "add-table",
+    "add a table",
+    R"(Adds an empty table to a database and prints its identifier. A database can have 31 tables;
+'qvdb compact' renames and removes them.)",
+    R"(qvdb add-table notes.qvd letters)",
+    define,
+};
 
 }  // namespace qvdb::tool

@@ -53,7 +53,7 @@ std::string placeOf(const Finding& finding) {
   return place;
 }
 
-// What a code means is told with its first finding.
+// What a code means is printed with its first finding.
 void printFinding(const Finding& finding, std::set<std::string>* explained) {
   printLine(std::string(to_string(finding.severity)) + " " + finding.code + placeOf(finding));
   printLine("  " + escaped(finding.message));
@@ -79,10 +79,10 @@ void printSpace(const SpaceUse& space) {
   line("table data", space.table_data);
   line("older versions", space.superseded);
   line("deleted records", space.deleted);
-  line("blocks that never got into a chain", space.unlinked);
+  line("blocks that were never linked", space.unlinked);
   line("blocks of broken chains", space.lost);
   line("blocks of unknown tables", space.orphans);
-  line("no block", space.unknown);
+  line("bytes that are no block", space.unknown);
 }
 
 std::string summaryOf(const CheckReport& report) {
@@ -173,15 +173,15 @@ void printJsonReport(const Options& options, const CheckReport& report,
   printJson(json);
 }
 
-// What will fail now is what the user wants to know first when something does.
-bool isTold(const Finding& finding, const Options& options, const CheckReport& report) {
+// Beside errors W1 is shown without -v too: it says which calls fail.
+bool isShown(const Finding& finding, const Options& options, const CheckReport& report) {
   if (options.verbose) return true;
-  if (report.state == CheckState::in_use) return false;  // not to be taken for damage
+  if (report.state == CheckState::in_use) return false;  // it may be no damage
   if (finding.severity != Severity::information) return true;
   return finding.code == "W1" && report.errors > 0;
 }
 
-// With --wait again and again, until the file is at rest.
+// With --wait the check is repeated until no process writes to the file.
 CheckReport checkAtRest(const Options& options, std::vector<Finding>* findings) {
   const Patience patience;
   for (;;) {
@@ -202,7 +202,7 @@ int run(const Options& options) {
   }
   std::set<std::string> explained;
   for (const Finding& finding : findings) {
-    if (isTold(finding, options, report)) printFinding(finding, &explained);
+    if (isShown(finding, options, report)) printFinding(finding, &explained);
   }
   if (options.verbose) printSpace(report.space);
   printLine(escaped(options.file) + ": " + summaryOf(report));
@@ -213,14 +213,13 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.flag("--categories", options->categories,
-                 "Also look into the records of QVrz_Category, as a pack with new identifiers will "
-                 "have to.");
+                 "Also check the records of QVrz_Category, which 'qvdb renumber' decodes.");
   arguments.flag("--deep", options->deep,
-                 "Also look for databases inside the payloads of records, which reads everything.");
-  arguments.flag("--strict", options->strict, "Let warnings count as findings: exit with 1.");
-  arguments.flag("-v,--verbose", options->verbose,
-                 "Also show what is worth knowing without being wrong, and what every byte of the "
-                 "file is.");
+                 "Also search the payloads of records for databases. This reads the whole file.");
+  arguments.flag("--strict", options->strict, "Exit with status 1 for warnings too.");
+  arguments.flag(
+      "-v,--verbose", options->verbose,
+      "Also show information about what is not wrong, and what every byte of the file is.");
   arguments.json(options->json);
   return actionOf(options, run);
 }
@@ -230,22 +229,25 @@ Action define(Arguments& arguments) {
 extern const Command kCheckCommand = {
     "check",
     "look for damage",
-    "Reads a whole database by its format and reports everything that is wrong with it: header, "
-    "directory, the chain of every table from both ends, table data, and every byte that no chain "
-    "covers. Each finding tells its severity (error: damage; warning: legal but dangerous or "
-    "unusual; information, with -v), a code, the place, which of the library's calls fail because "
-    "of it, and what to do. The file is only read, and any file can be checked.\n\n"
-    "A file that somebody writes to meanwhile is read again, up to three times in all. If it is "
-    "still being changed, or is open for writing elsewhere while there are findings, these may be "
-    "work in progress: they are shown only with -v or --json, and the exit status is 4.\n\n"
-    "What to do about damage, symptom by symptom, is told in docs/recovery.md.",
-    "qvdb check notes.qvd\n"
-    "qvdb check --json --strict notes.qvd\n"
-    "qvdb check -v --categories photos.qvd",
+    R"(Reads a whole database by its format and reports everything that is wrong with it: header,
+directory, the chain of every table from both ends, table data, and every byte that no chain
+covers. Each finding has a severity (error: damage; warning: legal but dangerous or unusual;
+information, with -v), a code, a place, the library calls that fail because of it, and what to do.
+The file is only read, and any file can be checked.
+
+A file that another process writes to meanwhile is read again, up to three times in all. If it is
+still being changed, or is open for writing elsewhere while there are findings, these may be work
+in progress: they are shown only with -v or --json, and the exit status is 4.
+
+docs/recovery.md says what to do about damage, symptom by symptom.)",
+    R"(qvdb check notes.qvd
+qvdb check --json --strict notes.qvd
+qvdb check -v --categories photos.qvd)",
     define,
-    "0  no errors (with --strict: no warnings either)\n"
-    "1  errors were found, or the file cannot be read\n"
-    "2  wrong usage\n"
-    "4  the file is in use: what was found may be work in progress"};
+    R"(0  no errors (with --strict: no warnings either)
+1  errors were found, or the file cannot be read
+2  wrong usage
+4  the file is in use: what was found may be work in progress)",
+};
 
 }  // namespace qvdb::tool

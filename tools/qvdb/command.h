@@ -14,20 +14,20 @@ namespace qvdb::tool {
 
 // Exit statuses.
 inline constexpr int kDone = 0;
-inline constexpr int kFailed = 1;          // something failed, or what was asked for is not there
-inline constexpr int kWrongUsage = 2;      // the command line makes no sense
+inline constexpr int kFailed = 1;          // something failed, or what was asked for does not exist
+inline constexpr int kWrongUsage = 2;      // the command line cannot be understood
 inline constexpr int kInUse = 3;           // another process has the database open
 inline constexpr int kWorkInProgress = 4;  // check: another process writes to it, so no verdict
 
 // The arguments and options of a command. A definition binds each to a variable that is filled
-// before the command runs. The library that reads command lines is known to one file only.
+// before the command runs. Only command_line.cpp uses the library that reads command lines.
 class Arguments {
  public:
   class Parser;
   explicit Arguments(Parser& parser) : parser_(parser) {}
 
-  // Arguments by place. The first must be given, the second may be left out, the third may be given
-  // many times: at least `atLeast` times.
+  // Arguments by position: one that must be given, one that may be left out, and one that may be
+  // given many times, at least `atLeast` times.
   void argument(const char* name, std::string& value, const char* help);
   void optionalArgument(const char* name, std::optional<std::string>& value, const char* help);
   void arguments(const char* name, std::vector<std::string>& values, int atLeast, const char* help);
@@ -58,7 +58,7 @@ using Action = std::function<int()>;
 struct Command {
   const char* name;
   const char* summary;      // one line, for the list of commands
-  const char* description;  // paragraphs, separated by empty lines
+  const char* description;  // paragraphs, separated by empty lines; other line ends are spaces
   const char* examples;     // one to a line
   Action (*define)(Arguments& arguments);
   // Exit statuses of its own, one to a line as "4  the file is in use"; null for the usual ones.

@@ -1,4 +1,4 @@
-// Reads the command line. The only file that knows the library for it.
+// Reads the command line. The only file that uses the library for it.
 //
 // Each command's help is laid out like a manual page: usage, description, arguments, options,
 // examples, exit status.
@@ -58,9 +58,10 @@ namespace {
 constexpr size_t kWidth = 79;
 constexpr size_t kHelpColumn = 10;
 constexpr size_t kStatusColumn = 5;
-constexpr const char* kExitStatus =
-    "0  done\n1  failed, or what was asked for is not there\n2  wrong usage\n"
-    "3  another process has the database open\n";
+constexpr const char* kExitStatus = R"(0  done
+1  failed, or what was asked for does not exist
+2  wrong usage
+3  another process has the database open)";
 
 void wrap(std::ostream& out, const std::string& text, size_t indent) {
   const std::string space(indent, ' ');
@@ -72,32 +73,57 @@ void paragraphs(std::ostream& out, const std::string& text, size_t indent) {
   while (from < text.size()) {
     const size_t end = std::min(text.find("\n\n", from), text.size());
     if (from != 0) out << '\n';
-    wrap(out, text.substr(from, end - from), indent);
+    std::string paragraph = text.substr(from, end - from);
+    std::replace(paragraph.begin(), paragraph.end(), '\n', ' ');
+    wrap(out, paragraph, indent);
     from = end + 2;
+  }
+}
+
+constexpr const char* kOverviewStart =
+    R"(qvdb - create, inspect, fill and empty QVDbase database files
+
+USAGE
+  qvdb COMMAND [ARGUMENT]...
+  qvdb COMMAND --help
+
+COMMANDS
+)";
+
+constexpr const char* kOverviewEnd = R"(
+A TABLE is named by its name or its identifier, a RECORD by its identifier or,
+in a table of imported files, by its file's name. Identifiers are written as 0x
+and hexadecimal digits, or in decimal.
+
+OPTIONS
+  -h, --help    show this help, or that of a command
+  --version     show the version
+
+EXAMPLES
+  qvdb create photos.qvd
+  qvdb import photos.qvd holiday ~/Pictures/holiday/
+  qvdb records photos.qvd holiday
+  qvdb export photos.qvd holiday /mnt/copy
+)";
+
+void exitStatuses(std::ostream& out, const char* lines) {
+  out << "\nEXIT STATUS\n";
+  std::istringstream statuses(lines);
+  for (std::string line; std::getline(statuses, line);) {
+    out << wrapped("  " + line, kWidth, kStatusColumn);
   }
 }
 
 std::string overview() {
   std::ostringstream out;
-  out << "qvdb - create, inspect, fill and empty QVDbase database files\n\n"
-         "USAGE\n  qvdb COMMAND [ARGUMENT]...\n  qvdb COMMAND --help\n\nCOMMANDS\n";
+  out << kOverviewStart;
   for (const Command* command : allCommands()) {
     out << "  " << command->name
         << std::string(12 - std::min<size_t>(11, std::string_view(command->name).size()), ' ')
         << command->summary << '\n';
   }
-  out << "\nA TABLE is named by its name or its identifier, a RECORD by its identifier or,\n"
-         "in a table of imported files, by its file's name. Identifiers are written as 0x\n"
-         "and hexadecimal digits, or in decimal.\n\n"
-         "OPTIONS\n  -h, --help    show this help, or that of a command\n"
-         "  --version     show the version\n\n"
-         "EXAMPLES\n"
-         "  qvdb create photos.qvd\n"
-         "  qvdb import photos.qvd holiday ~/Pictures/holiday/\n"
-         "  qvdb records photos.qvd holiday\n"
-         "  qvdb export photos.qvd holiday /mnt/copy\n\n"
-         "EXIT STATUS\n  0  done\n  1  failed, or what was asked for is not there\n"
-         "  2  wrong usage\n  3  another process has the database open\n";
+  out << kOverviewEnd;
+  exitStatuses(out, kExitStatus);
   return out.str();
 }
 
@@ -129,11 +155,7 @@ std::string Arguments::Parser::help() const {
   out << "\nEXAMPLES\n";
   std::istringstream lines(command_.examples);
   for (std::string line; std::getline(lines, line);) out << "  " << line << '\n';
-  out << "\nEXIT STATUS\n";
-  std::istringstream statuses(command_.exitStatus != nullptr ? command_.exitStatus : kExitStatus);
-  for (std::string line; std::getline(statuses, line);) {
-    out << wrapped("  " + line, kWidth, kStatusColumn);
-  }
+  exitStatuses(out, command_.exitStatus != nullptr ? command_.exitStatus : kExitStatus);
   return out.str();
 }
 
@@ -203,12 +225,12 @@ void Arguments::force(bool& value, const char* help) {
 }
 
 void Arguments::parents(bool& value) {
-  flag("-p,--parents", value, "Make missing folders on the way.");
+  flag("-p,--parents", value, "Create missing folders in the path.");
 }
 
 void Arguments::noSync(bool& value) {
   flag("--no-sync", value,
-       "Do not wait until the device has everything: faster, but a loss of power can undo it.");
+       "Do not wait until the device has everything. Faster, but a power failure can undo it.");
 }
 
 std::optional<Action> readCommandLine(int argc, const char* const* argv) {

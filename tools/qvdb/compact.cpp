@@ -38,7 +38,7 @@ CompactOptions optionsOf(const Options& options) {
   return how;
 }
 
-// What was left behind besides dead space.
+// Reports what was left out besides dead space.
 void tellLosses(const Options& options, const CompactReport& report) {
   if (report.records_lost > 0) {
     complain(options.source + ": " + counted(report.records_lost, "record", "records") +
@@ -46,9 +46,8 @@ void tellLosses(const Options& options, const CompactReport& report) {
              " not in the new file");
   }
   if (report.torn_blocks > 0) {
-    printLine(counted(report.torn_blocks, "torn block", "torn blocks") +
-              " of writes that were cut off " + (report.torn_blocks == 1 ? "is" : "are") +
-              " left behind");
+    printLine(counted(report.torn_blocks, "torn block", "torn blocks") + " of interrupted writes " +
+              (report.torn_blocks == 1 ? "is" : "are") + " left out");
   }
 }
 
@@ -81,16 +80,16 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("SOURCE", options->source, "The database file.");
   arguments.optionalArgument("TARGET", options->target,
-                             "The file to make. Without it the new file takes the place of the "
-                             "source.");
-  arguments.flag("-n,--dry-run", options->dryRun, "Only say what would be gained.");
-  arguments.option("--drop", "TABLE", options->drop, "Leave this table out, with all it has.");
+                             "The file to create. Without it the new file replaces the source.");
+  arguments.flag("-n,--dry-run", options->dryRun,
+                 "Report what would be gained, and write nothing.");
+  arguments.option("--drop", "TABLE", options->drop,
+                   "Leave this table out, with its records and data.");
   arguments.option("--clear", "TABLE", options->clear,
-                   "Leave the records of this table out; its data stays.");
+                   "Leave the records of this table out, and keep its data.");
   arguments.option("--rename", "OLD=NEW", options->rename, "Give this table another name.");
   arguments.force(options->force,
-                  "Replace a target that is there already, and compact also when records would be "
-                  "lost.");
+                  "Replace a target that exists, and compact even if records would be lost.");
   arguments.parents(options->parents);
   return actionOf(options, run);
 }
@@ -98,24 +97,29 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kCompactCommand = {
-    "compact", "drop what is dead, keep everything else",
-    "A database only grows: deleted records, and the old places of changed ones, stay in the file. "
-    "This writes a new one with everything that is live: identifiers, times, payloads, room and "
-    "order of the records, the data of tables, the version, and the permissions of the file. It "
-    "is compared with the source, byte by byte where it counts, before it takes its place.\n\n"
-    "Until that moment the source is untouched, whatever happens: Ctrl-C, a full disk, a loss of "
-    "power. As much room is needed as the new file takes. Only a process that is killed leaves "
-    "something behind: a file .qvdb-....tmp in the folder, which you may delete.\n\n"
-    "The database is checked first. One with errors, or with records that 'qvdb salvage' would "
-    "bring back and the new file would not have, is refused with their number: 'qvdb mend' "
-    "completes what was cut off, 'qvdb salvage' saves the rest, and --force leaves it behind. A "
-    "chain that breaks is refused in any case.\n\n"
-    "--drop, --clear and --rename can be given many times, and mean the tables by the names that "
-    "they have in the source.",
-    "qvdb compact notes.qvd\n"
-    "qvdb compact --dry-run notes.qvd\n"
-    "qvdb compact notes.qvd small.qvd\n"
-    "qvdb compact --drop drafts --rename letters=mail notes.qvd",
-    define};
+    "compact",
+    "drop what is dead, keep everything else",
+    R"(A database only grows: deleted records, and the old places of changed ones, stay in the file. This
+command writes a new file with everything that is live: identifiers, times, payloads, capacities
+and order of the records, the data of tables, the version, and the permissions of the file. The
+new file is compared with the source before it replaces it.
+
+Until that moment the source is not changed, whatever happens: Ctrl-C, a full disk, a power
+failure. The disk needs space for both files. Only a process that is killed leaves something: a
+file .qvdb-....tmp in the folder, which you may delete.
+
+The database is checked first. One with errors, or with records that 'qvdb salvage' would bring
+back and the new file would not have, is refused with their number: 'qvdb mend' completes
+interrupted operations, 'qvdb salvage' saves the rest, and --force leaves it out. A broken chain is
+refused in any case.
+
+--drop, --clear and --rename can be given many times. They take the names that the tables have in
+the source.)",
+    R"(qvdb compact notes.qvd
+qvdb compact --dry-run notes.qvd
+qvdb compact notes.qvd small.qvd
+qvdb compact --drop drafts --rename letters=mail notes.qvd)",
+    define,
+};
 
 }  // namespace qvdb::tool

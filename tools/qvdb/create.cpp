@@ -1,4 +1,4 @@
-// qvdb create: makes an empty database.
+// qvdb create: creates an empty database.
 #include <algorithm>
 
 #include "commands.h"
@@ -42,14 +42,13 @@ int run(const Options& options) {
 
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
-  arguments.argument("FILE", options->file, "The database file to make.");
+  arguments.argument("FILE", options->file, "The database file to create.");
   arguments.option("--signature", "TEXT", options->signature,
-                   "The four bytes that the file begins with: Q or q, V or v, and two of your own "
+                   "The four bytes at the beginning of the file: Q or q, V or v, and two of your "
                    "choice. Default: QVdb.");
   arguments.option("--db-version", "NUMBER", options->version,
-                   "The version that the file states, 100 to 199. Default: 100.");
-  arguments.force(options->force,
-                  "Replace a file that is there already. One in use stays as it is.");
+                   "The version in the header, 100 to 199. Default: 100.");
+  arguments.force(options->force, "Replace a file that exists, unless it is in use.");
   arguments.parents(options->parents);
   arguments.noSync(options->noSync);
   return actionOf(options, run);
@@ -58,12 +57,14 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kCreateCommand = {
-    "create", "make an empty database",
-    "Makes a new database file without tables and prints its identifier. A file that is there "
-    "already is left alone unless --force is given; an empty file is replaced. The file appears "
-    "under its name when it is complete.",
-    "qvdb create notes.qvd\n"
-    "qvdb create --signature QVx1 --force notes.qvd",
-    define};
+    "create",
+    "create an empty database",
+    R"(Creates a new database file without tables and prints its identifier. A file that exists is not
+changed unless --force is given; an empty file is always replaced. The file appears under its name
+when it is complete.)",
+    R"(qvdb create notes.qvd
+qvdb create --signature QVx1 --force notes.qvd)",
+    define,
+};
 
 }  // namespace qvdb::tool

@@ -39,12 +39,12 @@ int setData(const Options& options) {
 
 int run(const Options& options) {
   if (options.set) return setData(options);
-  if (options.reserve) throw wrongUsage("--reserve goes with --set");
+  if (options.reserve) throw wrongUsage("--reserve needs --set");
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   if (!table.data_size()) {
     throw Failure(options.file + ": table '" + table.name() +
-                  "' has no data; 'qvdb data --set' gives it some");
+                  "' has no data; 'qvdb data --set' stores some");
   }
   deliver(
       [&](uint64_t offset, std::span<std::byte> buffer) { return table.read_data(offset, buffer); },
@@ -58,8 +58,9 @@ Action define(Arguments& arguments) {
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.option("-s,--set", "PATH", options->set,
                    "Store this file as the table's data; '-' is standard input.");
-  arguments.option("--reserve", "BYTES", options->reserve,
-                   "With --set: keep at least this much room, so that the data can grow in place.");
+  arguments.option(
+      "--reserve", "BYTES", options->reserve,
+      "With --set: give the data at least this capacity, so that it can grow in place.");
   arguments.option("-o,--output", "PATH", options->delivery.output,
                    "Write to this file, which must not exist yet; '-' is standard output.");
   arguments.force(options->delivery.force,
@@ -75,13 +76,15 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kDataCommand = {
-    "data", "read or set a table's block of data",
-    "Besides its records a table can carry one block of bytes of its own. Without --set it is "
-    "written to standard output or to a file, and the database is only read; with --set it is "
-    "replaced. A table without data gives status 1.",
-    "qvdb data notes.qvd letters\n"
-    "qvdb data notes.qvd letters --set description.json\n"
-    "qvdb data notes.qvd letters --output description.json",
-    define};
+    "data",
+    "read or set a table's block of data",
+    R"(Besides its records a table can have one block of bytes of its own. Without --set it is written to
+standard output or to a file, and the database is only read; with --set it is replaced. For a table
+without data the status is 1.)",
+    R"(qvdb data notes.qvd letters
+qvdb data notes.qvd letters --set description.json
+qvdb data notes.qvd letters --output description.json)",
+    define,
+};
 
 }  // namespace qvdb::tool

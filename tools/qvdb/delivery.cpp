@@ -1,4 +1,4 @@
-// Handing bytes from a database to the user.
+// Writes bytes from a database for the user.
 #include "delivery.h"
 
 #include <fcntl.h>
@@ -37,7 +37,7 @@ bool allIsText(const PieceReader& read) {
   bool isText = true;
   size_t pending = 0;
   forEachPiece(read, [&](std::span<const std::byte> piece) {
-    // A character that was cut off at the end of the last piece goes on in this one.
+    // A character that was cut off at the end of the last piece continues in this one.
     text.erase(0, text.size() - pending);
     text.append(reinterpret_cast<const char*>(piece.data()), piece.size());
     isText = isText && !isBinary(text, &pending);
@@ -49,7 +49,7 @@ void deliverToStandardOutput(const PieceReader& read, bool raw) {
   if (!raw && outputIsTerminal() && !allIsText(read)) {
     throw Failure(
         "this is not plain text, and could confuse the terminal; use --output FILE to store it, or "
-        "--raw to show it all the same");
+        "--raw to show it anyway");
   }
   forEachPiece(read, [](std::span<const std::byte> piece) { print(piece); });
 }
@@ -63,7 +63,7 @@ void writeAll(int descriptor, const std::string& name, std::span<const std::byte
   }
 }
 
-// What is no file, a device or a pipe, is written to.
+// Whether it is a device or a pipe, which is written to and not replaced.
 bool isSomethingElse(const std::string& path) {
   struct stat status = {};
   return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);

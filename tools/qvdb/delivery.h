@@ -1,4 +1,4 @@
-// Handing bytes from a database to the user: to standard output or into a new file.
+// Writes bytes from a database to standard output or into a new file.
 #ifndef QVDB_TOOL_DELIVERY_H
 #define QVDB_TOOL_DELIVERY_H
 
@@ -18,15 +18,15 @@ using PieceReader = std::function<size_t(uint64_t offset, std::span<std::byte> b
 
 struct DeliveryOptions {
   std::optional<std::string> output;  // a file, or "-" or nothing for standard output
-  bool force = false;                 // replace a file that is there
-  bool raw = false;                   // let binary bytes go to a terminal
-  bool parents = false;               // make missing folders on the way to the file
+  bool force = false;                 // replace a file that exists
+  bool raw = false;                   // show binary bytes on a terminal
+  bool parents = false;               // create missing folders in the path of the file
   bool noSync = false;                // do not wait for the device
 };
 
 // Delivers all bytes, in pieces. A new file gets the permissions of `source`, the database. Throws
 // Failure when binary bytes would go to a terminal and raw is not set, and when something cannot be
-// written; Error for the file (see OutputFile). Nothing of the file is left then.
+// written; Error for the file (see OutputFile). No part of the file is left then.
 void deliver(const PieceReader& read, const std::string& source, const DeliveryOptions& options);
 
 // Writes all bytes to a new file. Throws Error; Interrupted.

@@ -2,7 +2,7 @@
 //
 // Folders come first, then the files in the order of the records, then symbolic links, and last the
 // permissions and times of folders: so no file is ever written through a link that came from the
-// database, and a folder that must not be written to is closed only when it is full.
+// database, and a folder becomes read-only only when all its files are written.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,9 +36,9 @@ class Exporter {
     if (files_) isWritten_.resize(files_->list().size());
   }
 
-  // Throws Failure when anything that will be written is there already.
+  // Throws Failure when anything that will be written exists already.
   void check();
-  // Throws Error, when all that can be is written, where the chain of the records is damaged.
+  // Throws Error where the chain of the records is damaged, after writing everything that can be.
   void run();
   std::string summary() const;
   uint64_t namesWithoutRecord() const;
@@ -162,7 +162,7 @@ std::string Exporter::summary() const {
 
 int run(const Options& options) {
   if (options.folderOptions.samePermissions && ::geteuid() != 0) {
-    throw wrongUsage("--same-permissions is for root: the umask counts for everybody else");
+    throw wrongUsage("--same-permissions is for root: the umask limits all other users");
   }
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
@@ -177,7 +177,7 @@ int run(const Options& options) {
   exporter.run();
   if (const uint64_t missing = exporter.namesWithoutRecord()) {
     complain(options.file + ": " + counted(missing, "name has no record", "names have no record") +
-             " any more; nothing was written for " + (missing == 1 ? "it" : "them"));
+             " any more; no file was written for " + (missing == 1 ? "it" : "them"));
   }
   printLine(exporter.summary());
   return hasAllNames ? kDone : kFailed;
@@ -187,15 +187,17 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
-  arguments.argument("FOLDER", options->folder, "Where to write. It is made if it is missing.");
+  arguments.argument("FOLDER", options->folder,
+                     "The folder to write to. It is created if it does not exist.");
   FolderOptions& folder = options->folderOptions;
-  arguments.force(folder.force, "Replace files that are in the folder already.");
+  arguments.force(folder.force, "Replace files that exist in the folder.");
   arguments.parents(folder.parents);
-  arguments.flag("--same-permissions", folder.samePermissions,
-                 "Give files and folders their permissions whatever the umask says; for root.");
+  arguments.flag(
+      "--same-permissions", folder.samePermissions,
+      "Give files and folders their stored permissions whatever the umask is; for root.");
   arguments.noSync(folder.noSync);
   arguments.flag("--by-id", options->byId,
-                 "Name all files by their records' identifiers and ignore the names of imported "
+                 "Name all files by their records' identifiers, and ignore the names of imported "
                  "files.");
   return actionOf(options, run);
 }
@@ -203,21 +205,26 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kExportCommand = {
-    "export", "write records back as files",
-    "Writes each record of a table to a file in a folder. What 'qvdb import' stored gets its name, "
-    "permissions and time back, and its folders and symbolic links are made again; other records "
-    "are named by their identifiers. Permissions that the umask forbids are left out. The database "
-    "is only read.\n\n"
-    "Where the list of names is damaged, the files whose names are lost are named by their "
-    "records' identifiers as well, and the status is 1.\n\n"
-    "Nothing is overwritten unless --force is given: if a file is in the way, nothing at all is "
-    "written. Nothing is ever written outside the folder: a name that would lead out of it counts "
-    "as damage, and symbolic links in the folder are not followed.\n\n"
-    "Each file appears under its name when it is complete. Ctrl-C stops between two files; only a "
-    "process that is killed leaves something behind, a file .qvdb-....tmp, which you may delete.",
-    "qvdb export photos.qvd holiday /mnt/copy\n"
-    "diff -r ~/Pictures/holiday /mnt/copy\n"
-    "qvdb export --force photos.qvd holiday /mnt/copy",
-    define};
+    "export",
+    "write records back as files",
+    R"(Writes each record of a table to a file in a folder. What 'qvdb import' stored gets its name,
+permissions and time back, and its folders and symbolic links are created again; other records are
+named by their identifiers. Permissions that the umask forbids are left out. The database is only
+read.
+
+Where the list of names is damaged, the files whose names are lost are named by their records'
+identifiers too, and the status is 1.
+
+Nothing is overwritten unless --force is given: if one file exists already, no file is written.
+Nothing is ever written outside the folder: a name that would lead out of it counts as damage, and
+symbolic links in the folder are not followed.
+
+Each file appears under its name when it is complete. Ctrl-C stops between two files. Only a
+process that is killed leaves a file .qvdb-....tmp, which you may delete.)",
+    R"(qvdb export photos.qvd holiday /mnt/copy
+diff -r ~/Pictures/holiday /mnt/copy
+qvdb export --force photos.qvd holiday /mnt/copy)",
+    define,
+};
 
 }  // namespace qvdb::tool

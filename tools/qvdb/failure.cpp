@@ -16,7 +16,7 @@ namespace {
 
 constexpr unsigned short kIndent = 6;  // of the lines that continue a message
 
-// Not even --force follows such a link.
+// Such a link is not followed, not even with --force.
 constexpr const char* kAdviceForLink = "remove the link, or choose another name";
 
 constexpr const char* kAdviceToSalvage = "'qvdb salvage' writes what can be saved into a new file";
@@ -25,7 +25,7 @@ bool leadsNowhere(const Error& error) {
   return std::string_view(error.what()).ends_with("leads nowhere");
 }
 
-// What is saved from a damaged file goes over nothing, with no way to ask for it.
+// What is saved from a damaged file replaces nothing, not even with --force.
 std::string adviceForTakenName(std::string_view operation) {
   if (operation == "write the salvaged database") return "choose another name for the new file";
   if (operation == "extract payloads" || operation == "salvage the stored databases") {
@@ -50,9 +50,9 @@ std::string adviceFor(const Error& error) {
     case Reason::path_not_reachable:
       if (leadsNowhere(error)) return kAdviceForLink;
       if (!std::string_view(error.what()).ends_with("does not exist")) return {};
-      return "make it first, or use --parents";
+      return "create it, or use --parents";
     case Reason::no_such_file:
-      return "check the path, or make a database with 'qvdb create'";
+      return "check the path, or create a database with 'qvdb create'";
     case Reason::not_a_file:
       return "give the path of a database file";
     case Reason::file_exists:
@@ -71,19 +71,19 @@ std::string adviceFor(const Error& error) {
     case Reason::not_a_database:
       return "give the path of a database file";
     case Reason::version_out_of_range:
-      return "'qvdb info' shows what the file says of itself";
+      return "'qvdb info' shows the version and the rest of the header";
     case Reason::cannot_read:
       return isMending ? kAdviceToSalvage : "";
     case Reason::damaged:
-      return isMending
-                 ? kAdviceToSalvage
-                 : "'qvdb mend' completes what was cut off, 'qvdb salvage' saves the rest into a "
-                   "new file, --force leaves it behind";
+      return isMending ? kAdviceToSalvage
+                       : "'qvdb mend' completes interrupted operations, 'qvdb salvage' saves the "
+                         "rest into a "
+                         "new file, --force leaves it out";
     case Reason::directory_damaged:
     case Reason::chain_damaged:
     case Reason::data_damaged:
-      return "make a copy of the file before you do anything else with it; 'qvdb check' shows what "
-             "is wrong, 'qvdb salvage' saves what can be saved";
+      return "copy the file before you do anything else with it; 'qvdb check' shows what is wrong, "
+             "'qvdb salvage' saves what can be saved into a new file";
     case Reason::bad_name:
     case Reason::name_too_long:
       return "choose a name of 1 to 32 bytes";
@@ -112,7 +112,7 @@ void complain(const std::string& message) {
   } else {
     line += '\n';
   }
-  // Where standard error cannot be written there is nobody left to tell.
+  // A failure to write to standard error cannot be reported.
   static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
 }
 

@@ -22,12 +22,12 @@ class Failure : public std::runtime_error {
   int status_;
 };
 
-// The command line makes no sense.
+// The command line cannot be understood.
 inline Failure wrongUsage(const std::string& message) {
   return Failure(message, kWrongUsage);
 }
 
-// A system call has failed: the file, what was tried, and the system's word for errno.
+// A system call has failed: "PATH: cannot WHAT: " and the system's words for errno.
 Failure systemFailure(const std::string& path, const char* what);
 
 // What the user can do about a failed operation of the library; may be empty.

@@ -1,4 +1,4 @@
-// Lists the files that an import takes in.
+// Lists the files of an import.
 #include "file_tree.h"
 
 #include <dirent.h>
@@ -79,9 +79,9 @@ class Lister {
     std::string name;
   };
 
-  // The first part of the names below a path; empty for one that stands for its contents.
+  // The first part of the names below a path; empty for one that means its contents.
   static std::string rootName(std::string_view path) {
-    if (path.empty()) throw Failure("an empty path names nothing that could be imported");
+    if (path.empty()) throw Failure("a PATH is empty; name a file or a folder");
     if (path.ends_with('/') || path == "." || path.ends_with("/.")) return {};
     const std::string name(path.substr(path.rfind('/') + 1));
     if (name != "..") return name;
@@ -100,7 +100,8 @@ class Lister {
   void addOne(const Pending& found) {
     throwIfInterrupted();
     struct stat status = {};
-    if (::lstat(found.path.c_str(), &status) != 0) throw systemFailure(found.path, "look at it");
+    if (::lstat(found.path.c_str(), &status) != 0)
+      throw systemFailure(found.path, "read its properties");
     if (isDatabase(status)) return leaveOut(found.path + " (the database itself)");
     FoundFile file;
     file.file = propertiesOf(status, found.name);
@@ -117,7 +118,7 @@ class Lister {
         file.file.target = linkTarget(found.path, status);
         break;
       default:
-        return leaveOut(found.path + " (neither file nor folder nor symbolic link)");
+        return leaveOut(found.path + " (not a file, folder or symbolic link)");
     }
     const bool isFolder = file.file.kind == FileKind::folder;
     tree_.files.push_back(std::move(file));
@@ -143,7 +144,7 @@ void refuseDoubles(const FileTree& tree) {
   names.reserve(tree.files.size());
   for (const FoundFile& found : tree.files) {
     if (names.insert(found.file.name).second) continue;
-    throw Failure("two of the paths hold a file that would be named '" + found.file.name +
+    throw Failure("two of the paths have a file that would be named '" + found.file.name +
                   "'; import them one after the other, or into different tables");
   }
 }

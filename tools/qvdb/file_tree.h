@@ -1,4 +1,4 @@
-// Lists the files, folders and symbolic links that an import takes in.
+// Lists the files, folders and symbolic links of an import.
 #ifndef QVDB_TOOL_FILE_TREE_H
 #define QVDB_TOOL_FILE_TREE_H
 
@@ -19,18 +19,18 @@ struct FoundFile {
 
 struct FileTree {
   std::vector<FoundFile> files;  // folders before what is in them, each folder in order of names
-  std::vector<std::string> leftOut;  // what is neither file nor folder nor link, and the database
+  std::vector<std::string> leftOut;  // what is not a file, folder or link, and the database
 };
 
 // Lists PATHs with everything below them. A PATH gives its last part as the first part of the
-// names; one that ends in '/' or '/.', or is '.', stands for what is in the folder. Symbolic links
+// names; one that ends in '/' or '/.', or is '.', means the contents of the folder. Symbolic links
 // are not followed (except such a PATH), folders of other file systems are entered.
 //
-// `database` is left out where it lies among the files. Throws Failure when a path cannot be read,
+// `database` is left out if it is among the files. Throws Failure when a path cannot be read,
 // and when two of them give the same name; Interrupted.
 FileTree listFiles(const std::vector<std::string>& paths, const std::string& database);
 
-// What the system tells of a file, in our form.
+// What the system reports about a file, in our form.
 ImportedFile propertiesOf(const struct stat& status, std::string name);
 
 }  // namespace qvdb::tool

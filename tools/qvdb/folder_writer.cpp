@@ -21,7 +21,7 @@ bool isEmptyFolder(const std::string& path) {
   return std::filesystem::is_empty(path, error) && !error;
 }
 
-// The only way to ask is to set it.
+// The umask can only be read by setting it.
 mode_t maskOfProcess() {
   const mode_t mask = ::umask(0777);
   ::umask(mask);
@@ -53,17 +53,18 @@ FolderWriter::FolderWriter(const std::string& path, const FolderOptions& options
     std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
   }
   if (::mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) {
-    if (errno != ENOENT || options.parents) throw systemFailure(path, "make the folder");
-    throw Failure(path + ": the folder that it would be in does not exist; make it first, or use " +
-                  "--parents");
+    if (errno != ENOENT || options.parents) throw systemFailure(path, "create the folder");
+    throw Failure(path +
+                  ": cannot create the folder: a folder in its path does not exist; create it, or "
+                  "use --parents");
   }
   root_ = Descriptor(::open(path.c_str(), kFolderFlags));
   if (!root_) throw systemFailure(path, "open the folder");
   wasEmpty_ = isEmptyFolder(path);
 }
 
-// Permissions that a file from elsewhere may bring: not those to act in its owner's name, and none
-// that the user does not give to new files.
+// The stored permissions without the set-user-ID and set-group-ID bits, and without those that new
+// files do not get.
 mode_t FolderWriter::modeOf(const ImportedFile& file) const {
   return file.mode & 0777 & ~masked_;
 }
@@ -77,14 +78,14 @@ Descriptor FolderWriter::openFolder(int from, const std::string& part, const std
   Descriptor folder(::openat(from, part.c_str(), kFolderFlags | O_NOFOLLOW));
   if (folder || errno != ENOENT || !make) return folder;
   if (::mkdirat(from, part.c_str(), 0777) != 0 && errno != EEXIST) {
-    throw systemFailure(pathOf(name), "make a folder for it");
+    throw systemFailure(pathOf(name), "create its folder");
   }
   return Descriptor(::openat(from, part.c_str(), kFolderFlags | O_NOFOLLOW));
 }
 
 std::string FolderWriter::enterParent(const std::string& name, bool make) {
   if (!isSafeName(name)) {
-    throw Failure("'" + name + "' is a name that would lead out of the folder " + path_ +
+    throw Failure("the name '" + name + "' leads out of the folder " + path_ +
                   "; nothing is written under it");
   }
   const size_t slash = name.rfind('/');
@@ -100,7 +101,7 @@ std::string FolderWriter::enterParent(const std::string& name, bool make) {
     if (!next) {
       if (errno == ELOOP || errno == ENOTDIR) {
         throw Failure(pathOf(name.substr(0, end)) +
-                      ": is no folder, or a symbolic link, and is not gone through");
+                      ": is not a folder, or is a symbolic link, which is not followed");
       }
       if (!make && errno == ENOENT) return {};
       throw systemFailure(pathOf(name.substr(0, end)), "open the folder");
@@ -115,26 +116,32 @@ std::string FolderWriter::enterParent(const std::string& name, bool make) {
 
 void FolderWriter::check(const ImportedFile& file) {
   const std::string last = enterParent(file.name, false);
-  if (last.empty()) return;  // its folder is not there yet
+  if (last.empty()) return;  // its folder does not exist yet
   struct stat status = {};
   if (::fstatat(parent_.number(), last.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
   const bool isFolder = S_ISDIR(status.st_mode);
   if (file.kind == FileKind::folder) {
     if (isFolder) return;
-    throw Failure(pathOf(file.name) + ": is in the way of a folder; nothing was written");
+    throw Failure(
+        pathOf(file.name) +
+        ": is not a folder, but should become one; nothing was written; choose another folder");
   }
-  if (isFolder) throw Failure(pathOf(file.name) + ": is a folder; nothing was written");
+  if (isFolder)
+    throw Failure(
+        pathOf(file.name) +
+        ": is a folder, but should become a file; nothing was written; choose another folder");
   if (options_.force && S_ISREG(status.st_mode) && status.st_nlink > 1) {
-    throw Failure(pathOf(file.name) + ": has several names (hard links), of which only this one " +
-                  "would get the new file; nothing was written; remove it first");
+    throw Failure(pathOf(file.name) +
+                  ": has several names (hard links), of which only this one would get the new "
+                  "file; nothing was written; remove it first");
   }
   if (options_.force && isDatabase(status)) {
-    throw Failure(pathOf(file.name) + ": is the database itself; nothing was written; choose " +
-                  "another folder");
+    throw Failure(pathOf(file.name) +
+                  ": is the database itself; nothing was written; choose another folder");
   }
   if (!options_.force) {
     throw Failure(pathOf(file.name) +
-                  ": exists already; nothing was written; use --force to replace what is there");
+                  ": exists already; nothing was written; use --force to replace it");
   }
 }
 
@@ -147,7 +154,7 @@ bool FolderWriter::isDatabase(const struct stat& status) const {
 void FolderWriter::makeFolder(const std::string& name) {
   const std::string last = enterParent(name, true);
   if (!openFolder(parent_.number(), last, name, true)) {
-    throw systemFailure(pathOf(name), "make the folder");
+    throw systemFailure(pathOf(name), "create the folder");
   }
   written_.insert(parentName_);
 }
@@ -167,7 +174,7 @@ void FolderWriter::writeFile(const ImportedFile& file, const PieceReader& read) 
   written_.insert(parentName_);
 }
 
-// One that is there makes way in one step, as a file does.
+// A link that exists is replaced in one step, as a file is.
 void FolderWriter::makeLink(const ImportedFile& file) {
   const std::string path = pathOf(file.name);
   const std::string last = enterParent(file.name, true);
@@ -175,7 +182,7 @@ void FolderWriter::makeLink(const ImportedFile& file) {
   const std::string made =
       options_.force ? ".qvdb-" + to_string(new_id()).substr(2) + ".tmp" : last;
   if (::symlinkat(file.target.c_str(), folder, made.c_str()) != 0) {
-    throw systemFailure(path, "make the symbolic link");
+    throw systemFailure(path, "create the symbolic link");
   }
   setTimes(folder, made.c_str(), file, path);
   if (made != last && ::renameat(folder, made.c_str(), folder, last.c_str()) != 0) {

@@ -1,7 +1,7 @@
 // Writes files into a folder, and nowhere else, whatever their names say.
 //
 // Every step goes from folder to folder by open descriptors and follows no symbolic link, so that
-// neither a name nor a link, one that was there or one that was just written, leads out of it.
+// neither a name nor a link, old or just written, leads out of it.
 #ifndef QVDB_TOOL_FOLDER_WRITER_H
 #define QVDB_TOOL_FOLDER_WRITER_H
 
@@ -19,28 +19,27 @@
 namespace qvdb::tool {
 
 struct FolderOptions {
-  bool force = false;            // replace what is there
-  bool parents = false;          // make missing folders on the way
-  bool samePermissions = false;  // do without the umask
+  bool force = false;            // replace what exists
+  bool parents = false;          // create missing folders in the path
+  bool samePermissions = false;  // ignore the umask
   bool noSync = false;           // do not wait for the device
   std::string database = {};     // the file that is never replaced: where everything comes from
 };
 
 class FolderWriter {
  public:
-  // Opens the folder, which may be a symbolic link, or makes it. Throws Failure.
+  // Opens the folder, which may be a symbolic link, or creates it. Throws Failure.
   FolderWriter(const std::string& path, const FolderOptions& options);
 
   // Whether nothing was in the folder when it was opened.
   bool wasEmpty() const { return wasEmpty_; }
 
-  // Throws Failure when the name is not safe, or something is in the way: anything for a file or a
-  // link (unless force is set and it is no folder), anything but a folder for a folder, a file with
-  // several hard links, the database itself.
+  // Throws Failure when the name is not safe, or something of that name prevents the writing: for a
+  // file or a link anything (unless force is set and it is not a folder), for a folder anything but
+  // a folder, a file with several hard links, the database itself.
   void check(const ImportedFile& file);
 
-  // Each throws Failure; a half-written file is removed. Folders that a name goes through are made
-  // where they are missing.
+  // Each throws Failure; a half-written file is removed. Missing folders in a name are created.
   void makeFolder(const std::string& name);
   void writeFile(const ImportedFile& file, const PieceReader& read);
   void makeLink(const ImportedFile& file);
@@ -48,11 +47,11 @@ class FolderWriter {
   // Waits until the device has the names of all that was written.
   void sync();
 
-  // Sets permissions and times of a folder: to be done last, and from the bottom up.
+  // Sets permissions and times of a folder. To be called last, and from the bottom up.
   void finishFolder(const ImportedFile& file);
 
  private:
-  // Goes to the folder that the name lies in; the last part of the name is returned.
+  // Goes to the folder that holds the name; returns the last part of the name.
   std::string enterParent(const std::string& name, bool make);
   Descriptor openFolder(int from, const std::string& part, const std::string& name, bool make);
   std::string pathOf(std::string_view name) const;
@@ -62,7 +61,7 @@ class FolderWriter {
 
   std::string path_;
   FolderOptions options_;
-  mode_t masked_;                  // the permissions that the user does not want new files to have
+  mode_t masked_;                  // the permissions that new files do not get
   std::set<std::string> written_;  // the folders that got new names, as parentName_
   bool wasEmpty_ = false;
   Descriptor root_;

@@ -1,4 +1,4 @@
-// qvdb get: hands out a record's payload.
+// qvdb get: prints a record's payload.
 #include "commands.h"
 #include "delivery.h"
 #include "locate.h"
@@ -40,12 +40,14 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kGetCommand = {
-    "get", "hand out a record's payload",
-    "Writes the payload of a record, byte for byte, to standard output or to a file. On a terminal "
-    "only plain text is shown unless --raw is given. The database is only read.",
-    "qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978\n"
-    "qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978 --output letter.pdf\n"
-    "qvdb get photos.qvd holiday beach/IMG1.jpg | display -",
-    define};
+    "get",
+    "print a record's payload",
+    R"(Writes the payload of a record, byte for byte, to standard output or to a file. On a terminal only
+plain text is shown unless --raw is given. The database is only read.)",
+    R"(qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978
+qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978 --output letter.pdf
+qvdb get photos.qvd holiday beach/IMG1.jpg | display -)",
+    define,
+};
 
 }  // namespace qvdb::tool

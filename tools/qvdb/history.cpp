@@ -71,7 +71,7 @@ int run(const Options& options) {
       history(options.file, options.table,
               recordIdInUseOrNot(options.file, options.table, options.record, Prefer::inUse));
   if (versions.empty()) {
-    throw Failure(options.file + ": there is no trace of the record " + options.record);
+    throw Failure(options.file + ": nothing is left of the record " + options.record);
   }
   if (options.at) return deliverVersion(options, versions);
   if (options.json) {
@@ -97,10 +97,11 @@ Action define(Arguments& arguments) {
                    "Write the payload of the version at this offset to standard output.");
   arguments.option("-o,--output", "FILE", options->delivery.output,
                    "With --at: write to this file instead.");
-  arguments.force(options->delivery.force, "With -o: replace a file that is there.");
+  arguments.force(options->delivery.force, "With -o: replace the file if it exists.");
   arguments.parents(options->delivery.parents);
   arguments.noSync(options->delivery.noSync);
-  arguments.flag("--raw", options->delivery.raw, "With --at: let binary bytes go to a terminal.");
+  arguments.flag("--raw", options->delivery.raw,
+                 "With --at: show the payload on a terminal even if it is not plain text.");
   arguments.json(options->json);
   return actionOf(options, run);
 }
@@ -108,14 +109,16 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kHistoryCommand = {
-    "history", "show the versions of a record",
-    "Shows every version of a record that is still in the file, oldest first: when it was written, "
-    "where it is, its size, and what became of it. Deleting a record leaves its bytes in the file "
-    "until it is compacted, and so does changing it to something that needs more room than it had; "
-    "a change that fitted its room left no version of its own. The file is only read.",
-    "qvdb history notes.qvd letters 0x1f5e2d3c4b5a6978\n"
-    "qvdb history photos.qvd holiday beach/IMG1.jpg\n"
-    "qvdb history --at 5082 -o old.txt notes.qvd letters 0x1f5e2d3c4b5a6978",
-    define};
+    "history",
+    "show the versions of a record",
+    R"(Shows every version of a record that is still in the file, oldest first: when it was written, its
+position, its size, and what became of it. Deleting a record leaves its bytes in the file until it
+is compacted, and so does a change that needs more than the record's capacity; a change that fitted
+left no version of its own. The file is only read.)",
+    R"(qvdb history notes.qvd letters 0x1f5e2d3c4b5a6978
+qvdb history photos.qvd holiday beach/IMG1.jpg
+qvdb history --at 5082 -o old.txt notes.qvd letters 0x1f5e2d3c4b5a6978)",
+    define,
+};
 
 }  // namespace qvdb::tool

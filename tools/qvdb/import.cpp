@@ -1,11 +1,11 @@
 // qvdb import: stores files and folders as records, and their names in the table's data.
 //
-// The order of the work decides what an interruption leaves behind. Everything is listed and
+// The order of the work decides what an interruption leaves. Everything is listed and
 // checked first. Then the names of all new files are stored, with the identifiers that their
-// records are going to have, and then the records, one by one. So a record never stands without its
-// name; names whose records never came are passed over by everything that reads them, and a new
-// import of the same files fills them in. An import that is interrupted politely takes such names
-// back before it ends.
+// records are going to have, and then the records, one by one. So no record is ever without its
+// name. Names without records are ignored by everything that reads them, and a new import of the
+// same files adds the records. An import that is interrupted by Ctrl-C removes such names before it
+// ends.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -35,13 +35,18 @@ struct Options {
   bool noSync = false;
 };
 
+const char* wordFor(FileKind kind) {
+  if (kind == FileKind::folder) return "a folder";
+  return kind == FileKind::link ? "a symbolic link" : "a file";
+}
+
 class Importer {
  public:
   Importer(Database& database, Table& table, ImportedFiles names, bool replace)
       : database_(database), table_(table), names_(std::move(names)), replace_(replace) {}
 
   // Decides for each file whether it is new. Throws Failure, with nothing changed, when one is
-  // there already and must not be replaced.
+  // in the table already and must not be replaced.
   void check(const FileTree& tree);
 
   // Stores everything.
@@ -78,7 +83,7 @@ class Importer {
   const FileTree* tree_ = nullptr;
   bool areRecordsLoaded_ = false;
   bool namesHaveChanged_ = false;
-  std::unordered_map<Id, Record> records_;  // those that stand under the names that we had
+  std::unordered_map<Id, Record> records_;  // those of the names that we had
   std::vector<size_t> places_;              // of each file in names_, or kNew
   size_t hadNames_ = 0;
   std::optional<BulkAppender> bulk_;
@@ -91,7 +96,7 @@ class Importer {
   uint64_t bytes_ = 0;
 };
 
-// The records that have names: a name without its record is one that an import did not come to.
+// The records that have names. A name without a record is one whose import did not get that far.
 void Importer::loadRecords() {
   if (areRecordsLoaded_) return;
   areRecordsLoaded_ = true;
@@ -111,9 +116,9 @@ void Importer::check(const FileTree& tree) {
     if (!there) continue;
     const ImportedFile& old = names_.list()[*there];
     if (old.kind != found.file.kind) {
-      throw Failure(database_.path().native() + ": '" + found.file.name +
-                    "' is of another kind in table '" + table_.name() +
-                    "'; import into another table");
+      throw Failure(database_.path().native() + ": '" + found.file.name + "' in table '" +
+                    table_.name() + "' is not " + wordFor(found.file.kind) +
+                    "; import into another table");
     }
     if (old.kind == FileKind::file) loadRecords();
     // The same link again is no clash: it is what an import that was killed has left.
@@ -125,7 +130,7 @@ void Importer::check(const FileTree& tree) {
   if (clashes == 0 || replace_) return;
   throw Failure(database_.path().native() + ": table '" + table_.name() + "' has '" + first + "'" +
                 (clashes > 1 ? " and " + counted(clashes - 1, "other file", "other files") : "") +
-                " already; use --replace to renew what is there");
+                " already; use --replace to replace what it has");
 }
 
 // Names only ever grow by a half more than needed, so that many small imports into one table do not
@@ -180,14 +185,14 @@ void Importer::run(const FileTree& tree) {
   if (namesHaveChanged_) storeNames();
 }
 
-// Takes in what can be taken in, and tells which file is the first that is not in the table, when
-// the work ends at `current`.
+// Ends the batch, and returns the place of the first file that is not in the table when the work
+// ends at `current`.
 size_t Importer::firstNotStored(size_t current) {
   if (!bulk_) return current;
   try {
     bulk_->finish();
   } catch (const Error&) {
-    // How far it came is asked below.
+    // taken() below says how far it got.
   }
   const size_t taken = bulk_->taken();
   if (taken < batch_.size()) current = std::min(current, batch_[taken]);
@@ -218,7 +223,7 @@ void Importer::appendPieces(Id record, size_t place, const Descriptor& file) {
   finishBatch();
 }
 
-// To be called before anything else is changed in the table, too.
+// Must be called before anything else is changed in the table, too.
 void Importer::finishBatch() {
   if (bulk_) bulk_->finish();
   bulk_.reset();
@@ -238,7 +243,7 @@ void Importer::store(const FoundFile& found, size_t place) {
   if (!file) throw systemFailure(found.path, "open");
   struct stat status = {};
   if (::fstat(file.number(), &status) != 0) throw systemFailure(found.path, "look at it");
-  if (!S_ISREG(status.st_mode)) throw Failure(found.path + ": is no file any more");
+  if (!S_ISREG(status.st_mode)) throw Failure(found.path + ": is not a file any more");
   const auto size = static_cast<uint64_t>(status.st_size);
   const auto old = records_.find(name.record);
   if (old != records_.end()) {
@@ -253,8 +258,8 @@ void Importer::store(const FoundFile& found, size_t place) {
   ++files_;
 }
 
-// A change has the whole payload in memory: for a large file a new record under the old identifier
-// comes first, and then the old one goes.
+// A change needs the whole payload in memory. For a large file a new record is added under the old
+// identifier, and then the old one is deleted.
 void Importer::replaceRecord(const Record& record, size_t place, const Descriptor& file,
                              uint64_t size) {
   if (size > kLargeFile) {
@@ -293,19 +298,19 @@ void Importer::noteProperties(const FoundFile& found, size_t index, const struct
   namesHaveChanged_ = true;
 }
 
-// Ends the work at `current`: takes back the names of what is not stored, and says how much is.
+// Ends the work at `current`: removes the names of what is not stored, and reports how much is.
 std::string Importer::stop(size_t current, const FileTree& tree) {
   const size_t firstMissing = firstNotStored(current);
   for (size_t i = firstMissing; i < tree.files.size(); ++i) {
     if (places_[i] < hadNames_) continue;
-    names_.cut(places_[i]);  // new names stand in the order of the files
+    names_.cut(places_[i]);  // new names are in the order of the files
     break;
   }
   dropOldLinks(firstMissing);
   try {
     storeNames();
   } catch (const Error&) {
-    // Names without records do no harm. The failure that ended the import is what counts.
+    // Names without records do no harm. The failure that ended the import is reported.
   }
   const auto files = [&](size_t from, size_t to) {
     return static_cast<uint64_t>(
@@ -316,7 +321,7 @@ std::string Importer::stop(size_t current, const FileTree& tree) {
   const uint64_t missing = files(firstMissing, tree.files.size());
   return counted(files(0, firstMissing), "file is", "files are") + " stored, " +
          counted(missing, "is", "are") +
-         " not; the database is sound, and importing again with --replace completes it";
+         " not; the database is sound; import again with --replace to complete it";
 }
 
 std::string Importer::summary() const {
@@ -331,10 +336,10 @@ ImportedFiles namesOf(const Database& database, const Table& table) {
   if (table.data_size().value_or(0) == 0) return {};
   throw Failure(
       database.path().native() + ": table '" + table.name() +
-      "' has data of its own, where the names would have to go; import into another table");
+      "' has data of its own, in whose place the names would be stored; import into another table");
 }
 
-// Nothing is stored of an import that has to stop at a file which no record can hold.
+// An import that would have to stop at a file that is too large for a record stores nothing.
 void refuseTooLarge(const FileTree& tree) {
   constexpr uint64_t kLargest = 0xFFFFFFFF;
   uint64_t others = 0;
@@ -378,13 +383,13 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table,
-                     "The table to fill: its name, or its identifier. A name that no table has "
-                     "makes a new table.");
+                     "The table to fill: its name, or its identifier. A table of that name is "
+                     "created if there is none.");
   arguments.arguments("PATH", options->paths, 1,
-                      "Files and folders to import. A PATH that ends in '/' stands for what is in "
+                      "Files and folders to import. A PATH that ends in '/' means the contents of "
                       "the folder.");
   arguments.flag("-r,--replace", options->replace,
-                 "Renew files that the table has already, each in its record.");
+                 "Replace files that the table has already, each in its record.");
   arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
@@ -392,22 +397,27 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kImportCommand = {
-    "import", "store files and folders as records",
-    "Stores each file, also in folders below, as a record of its own. The names, and the folders, "
-    "symbolic links, permissions and times, go to the table's data, from where 'qvdb export' "
-    "restores them. Names are relative: 'import ... photos' names the files photos/..., while "
-    "'photos/' and '.' leave that out.\n\n"
-    "More can be imported into the same table later. A file whose name is in the table already is "
-    "an error, found before anything is changed, unless --replace is given; then it takes the "
-    "place of the old one. Files that are gone from a folder stay in the table.\n\n"
-    "Sockets, pipes, devices and the database itself are left out, with a line on standard error. "
-    "Owners, access lists and hard links are not kept. A file can have 4,294,967,295 bytes at "
-    "most; memory is needed for the names, not for the files.\n\n"
-    "Ctrl-C stops between two files and leaves a sound database. Whatever stops an import, the "
-    "message says how many files are stored.",
-    "qvdb create photos.qvd && qvdb import photos.qvd holiday ~/Pictures/holiday/\n"
-    "qvdb import --replace photos.qvd holiday ~/Pictures/holiday/\n"
-    "qvdb import src.qvd project src include README.md",
-    define};
+    "import",
+    "store files and folders as records",
+    R"(Stores each file, also in folders below, as a record of its own. The names, folders, symbolic
+links, permissions and times are stored in the table's data, from where 'qvdb export' restores
+them. Names are relative: 'import ... photos' names the files photos/..., while 'photos/' and '.'
+leave that out.
+
+More files can be imported into the same table later. A file whose name is in the table already is
+an error, found before anything is changed, unless --replace is given; then it replaces the old
+one. Files that have disappeared from a folder stay in the table.
+
+Sockets, pipes, devices and the database itself are left out, with a line on standard error.
+Owners, access lists and hard links are not stored. A file can have 4,294,967,295 bytes at most;
+memory is needed for the names, not for the files.
+
+Ctrl-C stops between two files and leaves a sound database. Whatever stops an import, the message
+says how many files are stored.)",
+    R"(qvdb create photos.qvd && qvdb import photos.qvd holiday ~/Pictures/holiday/
+qvdb import --replace photos.qvd holiday ~/Pictures/holiday/
+qvdb import src.qvd project src include README.md)",
+    define,
+};
 
 }  // namespace qvdb::tool

@@ -31,8 +31,8 @@ constexpr size_t kFixedSize = 23;
 // its length is written: the mark that ends every block of the file.
 constexpr char kCutOffHere = 'i';
 
-// Names that share their beginnings take little room in the block, and much more in memory. No real
-// folder comes near this; a hostile block could fill all memory otherwise.
+// Names that share their beginnings take little space in the block, and much more in memory. No
+// real folder comes near this limit; a hostile block could fill all memory without it.
 constexpr uint64_t kLargestExpansion = 64;
 constexpr size_t kLongestName = 65'535;
 
@@ -55,7 +55,7 @@ void appendText(std::string_view text, std::vector<std::byte>* to) {
   to->insert(to->end(), bytes.begin(), bytes.end());
 }
 
-// Takes values from the front of a block; fails for good when it has too few bytes.
+// Takes values from the front of a block; fails, and keeps failing, when it has too few bytes.
 class Reader {
  public:
   explicit Reader(std::span<const std::byte> data) : data_(data) {}
@@ -118,7 +118,7 @@ bool isSoundEntry(const ImportedFile& file, char kind) {
   return file.target.find('\0') == std::string::npos;
 }
 
-// The next entry of a list; nothing when it makes no sense. A time that was half written is none.
+// The next entry of a list; nothing when it is invalid. A time that was half written counts as 0.
 std::optional<ImportedFile> nextEntry(Reader* reader, const std::vector<ImportedFile>& before) {
   ImportedFile file;
   const auto kind = static_cast<char>(reader->number<uint8_t>());

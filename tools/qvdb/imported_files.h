@@ -5,8 +5,8 @@
 // ones and a removed entry only changes its kind, so that a block that is written over in place is
 // readable at every moment, also when the program ends in the middle of it.
 //
-// A list that was damaged by other means (a power failure, a failing device) is read up to its
-// first entry that makes no sense. What precedes that entry is kept.
+// A list that was damaged otherwise (by a power failure, a failing device) is read up to its first
+// invalid entry. The entries before that are kept.
 #ifndef QVDB_TOOL_IMPORTED_FILES_H
 #define QVDB_TOOL_IMPORTED_FILES_H
 
@@ -70,10 +70,10 @@ class ImportedFiles {
   std::optional<size_t> findRemoved(std::string_view name) const;
   std::optional<size_t> findRemoved(Id record) const;
 
-  // `name` must not be in the list yet. What could not be read of the list is given up.
+  // The name must not be in the list yet. What could not be read of the list is dropped.
   void add(ImportedFile file);
   void remove(size_t index);
-  // Makes a file of a removed entry again. Its name must not be in the list.
+  // Turns a removed entry into a file again. Its name must not be in the list.
   void restore(size_t index);
   // Changes mode, times and record.
   void update(size_t index, const ImportedFile& as);

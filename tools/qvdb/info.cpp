@@ -1,4 +1,4 @@
-// qvdb info: what the header of a database says.
+// qvdb info: shows the header of a database.
 #include <nlohmann/json.hpp>
 #include <qvdbase/qvdb.hpp>
 
@@ -18,7 +18,8 @@ constexpr uint16_t kUnfinishedPack = 101;
 
 const char* stateOf(const DatabaseInfo& info) {
   if (!info.version_is_usable()) return "unusable: the version is not in 100 to 199";
-  if (info.version == kUnfinishedPack) return "the copy of a database whose packing did not finish";
+  if (info.version == kUnfinishedPack)
+    return "an unfinished pack: a copy in which records are missing";
   return "usable";
 }
 
@@ -58,13 +59,14 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kInfoCommand = {
-    "info", "show what a database says of itself",
-    "Shows the header of a database file: its size, signature, version and identifier, and how "
-    "many "
-    "tables it has. The file is only read. A file whose version the library does not take is shown "
-    "all the same.",
-    "qvdb info notes.qvd\n"
-    "qvdb info --json notes.qvd",
-    define};
+    "info",
+    "show the header of a database",
+    R"(Shows the header of a database file: its size, signature, version and identifier, and how many
+tables it has. The file is only read. A file whose version the library does not accept is shown
+too.)",
+    R"(qvdb info notes.qvd
+qvdb info --json notes.qvd)",
+    define,
+};
 
 }  // namespace qvdb::tool

@@ -31,17 +31,17 @@ Failure tooLarge(const std::string& name) {
                  "split it");
 }
 
-// Room for the file as it is now, and a byte more to see its end; pipes grow as they come.
-size_t firstRoom(int descriptor) {
+// The size of the file now, and a byte more to see its end; for pipes the buffer grows.
+size_t firstSize(int descriptor) {
   struct stat status = {};
   if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return kPiece;
   return std::min(static_cast<size_t>(status.st_size), kLargestPayload) + 1;
 }
 
-size_t readSome(int descriptor, const std::string& name, std::byte* to, size_t room) {
+size_t readSome(int descriptor, const std::string& name, std::byte* to, size_t size) {
   for (;;) {
     waitForInput(descriptor);
-    const ssize_t got = ::read(descriptor, to, room);
+    const ssize_t got = ::read(descriptor, to, size);
     if (got >= 0) return static_cast<size_t>(got);
     if (errno != EINTR && errno != EAGAIN) throw systemFailure(name, "read");
   }
@@ -49,25 +49,23 @@ size_t readSome(int descriptor, const std::string& name, std::byte* to, size_t r
 
 void readUpTo(size_t most, int descriptor, const std::string& name,
               std::vector<std::byte>* buffer) {
-  const size_t room = firstRoom(descriptor);
-  if (buffer->size() < room) buffer->resize(room);
+  buffer->resize(std::max(buffer->size(), firstSize(descriptor)));
   size_t size = 0;
   while (const size_t got =
              readSome(descriptor, name, buffer->data() + size, buffer->size() - size)) {
     size += got;
-    if (size > most) {
-      throw tooLarge(name);
-    }
+    if (size > most) throw tooLarge(name);
     if (size == buffer->size()) buffer->resize(size + std::max(size, kPiece));
   }
   buffer->resize(size);
 }
 
-// A file that is gone when it is closed.
+// A file that disappears when it is closed.
 Descriptor unnamedFile() {
   std::error_code error;
   const std::filesystem::path folder = std::filesystem::temp_directory_path(error);
-  if (error) throw Failure("there is no folder for temporary files; set TMPDIR");
+  if (error)
+    throw Failure("cannot find the folder for temporary files; set TMPDIR to one that exists");
   std::string path = (folder / "qvdb-XXXXXX").native();
   Descriptor file(::mkostemp(path.data(), O_CLOEXEC));
   if (!file) throw systemFailure(path, "create a temporary file");
@@ -99,7 +97,7 @@ Input::Input(const std::string& path) : name_(path == "-" ? kStandardInput : pat
     if (!file_) throw systemFailure(path, "open");
   }
   struct stat status = {};
-  if (::fstat(number(), &status) != 0) throw systemFailure(name_, "look at it");
+  if (::fstat(number(), &status) != 0) throw systemFailure(name_, "read its properties");
   if (S_ISDIR(status.st_mode)) {
     throw Failure(name_ + ": is a folder; 'qvdb import' stores folders");
   }

@@ -28,8 +28,8 @@ class Descriptor {
   int number_;
 };
 
-// Replaces what is in the buffer by everything that can be read. The sizes of payloads end at
-// 4,294,967,295 bytes; more throws Failure, as does a failure to read. `name` is for messages.
+// Replaces the contents of the buffer by everything that can be read. Throws Failure for more than
+// 4,294,967,295 bytes, the largest payload, and when it cannot be read. `name` is for messages.
 void readAll(int descriptor, const std::string& name, std::vector<std::byte>* buffer);
 
 // Calls take(piece) for everything that can be read, in pieces of at most 256 KiB. Throws Failure
@@ -37,14 +37,14 @@ void readAll(int descriptor, const std::string& name, std::vector<std::byte>* bu
 using TakePiece = std::function<void(std::span<const std::byte>)>;
 void forEachInputPiece(int descriptor, const std::string& name, const TakePiece& take);
 
-// Something that is to be stored: a file, a pipe, or standard input for "-". It is opened, and all
+// What is to be stored: a file, a pipe, or standard input for "-". It is opened, and everything
 // that could fail or wait for another program is done, before a database is locked for it.
 class Input {
  public:
-  // Opens it. Throws Failure when it cannot be opened, is no file, or is too large for a record.
+  // Opens it. Throws Failure when it cannot be opened, is not a file, or is too large for a record.
   explicit Input(const std::string& path);
 
-  // Reads what does not come from a regular file: pipes, and standard input. What is large goes to
+  // Reads what does not come from a regular file: pipes, and standard input. Large input is kept in
   // a temporary file without a name. Throws Failure; Interrupted.
   void prepare();
 

@@ -1,4 +1,4 @@
-// Ctrl-C and its kind.
+// Ctrl-C, and the other signals that ask a process to end.
 #include "interrupt.h"
 
 #include <fcntl.h>
@@ -14,8 +14,8 @@ namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
 
-// A signal that comes just before a read would be noted, and the read would wait all the same. So
-// the handler writes into a pipe, and who waits for input waits for the pipe too.
+// A signal that comes just before a read would be noted, and the read would wait nevertheless. So
+// the handler writes into a pipe, and waiting for input waits for the pipe too.
 int notice[2] = {-1, -1};
 
 void noteInterrupt(int) {
@@ -28,7 +28,7 @@ void noteInterrupt(int) {
 }  // namespace
 
 void catchInterrupts() {
-  // Without the pipe a signal is noted all the same.
+  // Without the pipe a signal is still noted.
   static_cast<void>(!::pipe2(notice, O_CLOEXEC | O_NONBLOCK));
   struct sigaction action = {};
   action.sa_handler = noteInterrupt;

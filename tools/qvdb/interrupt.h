@@ -1,15 +1,15 @@
-// Ctrl-C, and the other polite signals: a command stops where it can, between two records, and
+// Ctrl-C, and the other signals that ask a process to end: a command stops between two records and
 // leaves a sound file.
 #ifndef QVDB_TOOL_INTERRUPT_H
 #define QVDB_TOOL_INTERRUPT_H
 
 namespace qvdb::tool {
 
-// Thrown by throwIfInterrupted; main says "interrupted".
+// Thrown by throwIfInterrupted; main prints "interrupted".
 struct Interrupted {};
 
 // From now on SIGINT, SIGTERM and SIGHUP are only noted; a second one of a kind ends the process at
-// once. Signals that come because something cannot be written are ignored: the write fails, too.
+// once. Signals about failed writes are ignored: the write itself reports the failure.
 void catchInterrupts();
 
 // Waits until the descriptor has something to read, or is at its end. Throws Interrupted when a

@@ -21,7 +21,7 @@ std::string withoutDot(const std::string& name) {
 
 Failure noIdentifier(const std::string& text) {
   return Failure("'" + text +
-                 "' is no identifier: write 0x and hexadecimal digits, or a decimal number");
+                 "' is not an identifier: write 0x and hexadecimal digits, or a decimal number");
 }
 
 Id idOfName(const Database& database, const Table& table, const ImportedFiles& files,
@@ -40,12 +40,11 @@ Id idOfName(const Database& database, const Table& table, const ImportedFiles& f
                 ", which has no record");
 }
 
-// What a packed file has in the slots of tables that have records and data.
+// In a packed file the slots of tables that have records lead to no data.
 std::string unreachableData(const Table& table) {
   return "the data of table '" + table.name() +
-         "' is not where its slot says, as is usual in a packed file; 'qvdb salvage' into a new "
-         "file "
-         "brings it back";
+         "' is not where its slot says, as is usual in a packed file; 'qvdb salvage' writes a new "
+         "file that has it";
 }
 
 }  // namespace
@@ -59,7 +58,7 @@ Database openToWrite(const std::string& path) {
   if (database.info().version != kUnfinishedPack) return database;
   throw Failure(path +
                 ": is an unfinished pack (version 101), in which records are missing; use the "
-                "source of the pack, or 'qvdb salvage' to make a new file of what is there");
+                "source of the pack, or save what it has with 'qvdb salvage'");
 }
 
 std::vector<Table> tablesOf(const Database& database, std::exception_ptr* failure) {
@@ -98,7 +97,7 @@ Table findTable(const Database& database, const std::string& nameOrId) {
   const auto id = parse_id(nameOrId);
   if (!table && id) table = database.find_table(*id);
   if (table) {
-    // Written to, a table that an interrupted operation has left would only get worse.
+    // Writing to a table with an interrupted operation would add to the damage.
     if (database.mode() != Mode::read_only) check_ends(database, table->id());
     return *table;
   }

@@ -19,13 +19,12 @@ inline constexpr const char* kFileHelp = "The database file.";
 inline constexpr const char* kTableHelp = "A table: its name, or its identifier.";
 inline constexpr const char* kRecordHelp =
     "A record: its identifier or, in a table of imported files, the name of a file. Write ./NAME "
-    "for "
-    "a name that looks like a number.";
+    "for a name that looks like a number.";
 
-// Opens for reading only: the file stays as it is, byte for byte.
+// Opens for reading only: no byte of the file is changed.
 Database openToRead(const std::string& path);
 
-// Opens for writing, and keeps other writers out meanwhile. Waits for it as --wait allows. Throws
+// Opens for writing, and excludes other writers meanwhile. Waits for it as --wait allows. Throws
 // Failure for an unfinished pack.
 Database openToWrite(const std::string& path);
 
@@ -53,24 +52,24 @@ Table findTable(const Database& database, const std::string& nameOrId);
 std::optional<ImportedFiles> readNames(const Database& database, const Table& table);
 
 // The identifier that was written, or that of the imported file of that name. Throws Failure for
-// anything else. Whether the record is there is not looked at.
+// anything else. The record need not exist.
 Id recordId(const Database& database, const Table& table, const std::string& idOrName);
 
 inline constexpr const char* kRecordInUseOrNotHelp =
     "A record, in use or deleted: its identifier or, in a table of imported files, the name of a "
     "file. Write ./NAME for a name that looks like a number.";
 
-// The same for a record that may have been deleted, whose file's name then stays in the list of
-// names. A name can have been given again: `prefer` says which record is wanted.
+// The same for a record that may have been deleted; the name of its file is then still in the list
+// of names. Another file can have the name now: `prefer` says which record is wanted.
 enum class Prefer { inUse, deleted };
 Id recordIdInUseOrNot(const std::string& path, const std::string& table,
                       const std::string& idOrName, Prefer prefer);
 
-// The failure that a record is not there.
+// The failure that a record does not exist.
 Failure noSuchRecord(const Database& database, const Table& table, Id record);
 
-// All of these records, found in one walk, in the order asked for. Throws Failure when one is not
-// there.
+// All of these records, found in one walk, in the order of the arguments. Throws Failure when one
+// does not exist.
 std::vector<Record> findRecords(const Database& database, const Table& table,
                                 const std::vector<std::string>& idsOrNames);
 

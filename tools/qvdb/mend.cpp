@@ -1,4 +1,4 @@
-// qvdb mend: complete in place what an interrupted operation has begun.
+// qvdb mend: completes an interrupted operation, in place.
 #include "commands.h"
 #include "failure.h"
 #include "locate.h"
@@ -24,14 +24,13 @@ CutOffWrites cutOffOf(const Options& options) {
 
 std::string aboutLeftOver(uint64_t count, const Options& options) {
   if (options.discard) {
-    return counted(count, "record", "records") +
-           " that may have been part of a table once stay as they are; --link takes them into "
-           "their "
-           "tables, 'qvdb compact --force' drops them";
+    return counted(count, "record that may have been in its table was not removed",
+                   "records that may have been in their tables were not removed") +
+           "; --link links them, 'qvdb compact --force' drops them";
   }
-  return counted(count, "record", "records") +
-         " of writes that were cut off stay as they are; --link takes them into their tables, "
-         "--discard removes them";
+  return counted(count, "record of an interrupted write is not in its table",
+                 "records of interrupted writes are not in their tables") +
+         "; --link links them, --discard removes them";
 }
 
 int run(const Options& options) {
@@ -51,9 +50,9 @@ int run(const Options& options) {
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
-  arguments.flag("-n,--dry-run", options->dryRun, "Only say what would be done.");
+  arguments.flag("-n,--dry-run", options->dryRun, "Report what would be done, and write nothing.");
   arguments.flag("--link", options->link,
-                 "Take records that were written, but never linked, into their tables.");
+                 "Link records that were written, but never linked, into their tables.");
   arguments.flag("--discard", options->discard,
                  "Count such records as deleted. At the end of the file they are cut off, and torn "
                  "blocks with them.");
@@ -64,25 +63,25 @@ Action define(Arguments& arguments) {
 
 extern const Command kMendCommand = {
     "mend",
-    "complete what an interrupted operation has begun, in place",
-    "A process that is killed leaves at most the step in hand undone: a record that is linked but "
-    "not counted, a back link that names the place from which a record has moved, a deletion of "
-    "which one link is written. Where only one completion fits all that is in the file, this "
-    "writes it: a few links and the table's slot. It also finds the table data that a pack has "
-    "moved.\n\n"
-    "The file is checked before, and so is what it would become: nothing is written unless that "
-    "has "
-    "no error and every record that 'qvdb salvage' would find. All other damage is refused. A "
-    "deletion that was begun is finished; 'qvdb undelete' brings its record back.\n\n"
-    "Records that were written but never linked stay as they are unless --link or --discard is "
-    "given. Their writes never returned, so that either is right. Where it cannot be ruled out "
-    "that "
-    "they were part of their table once and were cut off by a link repair, --discard leaves them.",
-    "qvdb mend --dry-run notes.qvd\n"
-    "qvdb mend notes.qvd",
+    "complete an interrupted operation, in place",
+    R"(A process that is killed leaves at most one step unfinished: a record that is linked but not
+counted, a back link to the place from which a record has moved, a deletion of which one link is
+written. Where only one completion agrees with everything in the file, it is written: a few links
+and the table's slot. Table data that a pack has moved is found too.
+
+The file is checked before, and so is what it would become: nothing is written unless the result
+has no error and every record that 'qvdb salvage' would find. All other damage is refused. A
+deletion that was begun is finished; 'qvdb undelete' brings its record back.
+
+Records that were written but never linked are not changed unless --link or --discard is given.
+Their writes never returned, so that each choice is correct. --discard does not remove records that
+a link repair may have cut off their table.)",
+    R"(qvdb mend --dry-run notes.qvd
+qvdb mend notes.qvd)",
     define,
-    "0  done, or nothing to do\n"
-    "1  failed, or refused: nothing was changed\n"
-    "2  wrong usage"};
+    R"(0  done, or nothing to do
+1  failed, or refused: nothing was changed
+2  wrong usage)",
+};
 
 }  // namespace qvdb::tool

@@ -11,11 +11,12 @@ namespace qvdb::tool {
 
 using Json = nlohmann::ordered_json;
 
-// Thrown when the reader of standard output has gone: the command stops without a word.
+// Thrown when the reader of standard output has gone: the command stops without a message.
 struct OutputClosed {};
 
 // Writes to standard output. What a command writes reaches the system at the latest when it ends.
-// Throws OutputClosed when nobody reads any more, Failure when it cannot be written.
+// Throws OutputClosed when standard output has no reader any more, Failure when it cannot be
+// written.
 void print(std::string_view text);
 void printLine(std::string_view text);
 void print(std::span<const std::byte> bytes);
@@ -31,7 +32,7 @@ std::string jsonText(const Json& value, bool indented);
 void printJson(const Json& value);
 
 // Bytes from a file as JSON members: `key` holds them as text, with a replacement character for
-// what is no UTF-8; then `key`_bytes is added, with all bytes in hexadecimal.
+// what is not UTF-8; then `key`_bytes is added, with all bytes in hexadecimal.
 void addText(Json* object, const char* key, std::string_view bytes);
 
 // A JSON document with one long array, written element by element:

@@ -1,4 +1,4 @@
-// qvdb pack: the library's pack, as it is.
+// qvdb pack: the library's pack.
 #include "commands.h"
 #include "packing.h"
 
@@ -16,14 +16,18 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kPackCommand = {
-    "pack", "copy a database without its dead parts, as the library packs",
-    "Writes every table and its records to a new file: same identifiers, times, payloads and room. "
-    "Deleted records and the old places of changed ones stay behind. The version becomes 100.\n\n"
-    "A table that has records loses its table data: that is how this operation has always been. "
-    "'qvdb compact' keeps all that is live, and is what you want unless you need exactly this.\n\n"
-    "The target appears under its name only when it is finished. Ctrl-C leaves nothing behind.",
-    "qvdb pack notes.qvd packed.qvd\n"
-    "qvdb pack --force notes.qvd packed.qvd",
-    define};
+    "pack",
+    "copy a database as PackOneDB2NewW does",
+    R"(Writes every table and its records to a new file: same identifiers, times, payloads and capacities.
+Deleted records and the old places of changed ones are left out. The version becomes 100.
+
+A table that has records loses its table data: this operation has always done so. 'qvdb compact'
+keeps everything that is live; use it unless you need exactly this.
+
+The target appears under its name only when it is complete. Ctrl-C leaves nothing.)",
+    R"(qvdb pack notes.qvd packed.qvd
+qvdb pack --force notes.qvd packed.qvd)",
+    define,
+};
 
 }  // namespace qvdb::tool

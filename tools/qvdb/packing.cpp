@@ -11,10 +11,9 @@ namespace qvdb::tool {
 std::shared_ptr<PackOptions> definePacking(Arguments& arguments) {
   auto options = std::make_shared<PackOptions>();
   arguments.argument("SOURCE", options->source, "The database file. It is not changed.");
-  arguments.argument("TARGET", options->target, "The file to make.");
+  arguments.argument("TARGET", options->target, "The file to create.");
   arguments.force(options->force,
-                  "Replace a target that is there already, and pack also when records would be "
-                  "lost.");
+                  "Replace a target that exists, and pack even if records would be lost.");
   arguments.parents(options->parents);
   return options;
 }
@@ -35,7 +34,7 @@ int runPacking(const Packing& packing, const PackOptions& options) {
              " not in the new file");
   }
   for (const std::string& table : report.tables_without_data) {
-    complain(options.target + ": table '" + table + "' has records, and so lost its data" +
+    complain(options.target + ": table '" + table + "' has records, and therefore lost its data" +
              packing.lostData);
   }
   printLine(std::string(packing.done) + " " + counted(report.size_before, "byte", "bytes") +

@@ -1,4 +1,4 @@
-// What the two commands that copy a database as the library packs have in common.
+// What the commands pack and renumber have in common.
 #ifndef QVDB_TOOL_PACKING_H
 #define QVDB_TOOL_PACKING_H
 
@@ -10,7 +10,7 @@
 
 namespace qvdb::tool {
 
-// How a command packs, and what it calls that.
+// How a command packs, and its words for that.
 struct Packing {
   PackReport (*operation)(const std::filesystem::path& source, const std::filesystem::path& target,
                           const ProgressFunction& progress, const TargetOptions& options);

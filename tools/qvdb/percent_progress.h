@@ -9,7 +9,7 @@
 
 namespace qvdb::tool {
 
-// To be handed to the operation. Shows the percent, and throws Interrupted after Ctrl-C.
+// For the operation. Shows the percent, and throws Interrupted after Ctrl-C.
 inline ProgressFunction percentOn(Progress& progress) {
   return [&progress](int percent) {
     throwIfInterrupted();

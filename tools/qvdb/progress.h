@@ -1,4 +1,5 @@
-// Progress of long work: one line on standard error that renews itself, only on a terminal.
+// Progress of long work: one line on standard error that is written again and again, only on a
+// terminal.
 #ifndef QVDB_TOOL_PROGRESS_H
 #define QVDB_TOOL_PROGRESS_H
 
@@ -20,7 +21,7 @@ class Progress {
   void step();
   void setTo(uint64_t done);
 
-  // Takes the line away.
+  // Removes the line.
   void clear();
 
  private:

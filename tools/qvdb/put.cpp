@@ -32,11 +32,11 @@ std::optional<Id> idOf(const Options& options) {
   if (!options.id) return std::nullopt;
   const std::optional<Id> id = parse_id(*options.id);
   if (!id) throw wrongUsage("--id takes 0x and hexadecimal digits, or a decimal number");
-  if (id->value == 0) throw wrongUsage("--id cannot be 0, which stands for no record");
+  if (id->value == 0) throw wrongUsage("--id cannot be 0, which means no record");
   return id;
 }
 
-// Everything that can be waited for is read here, before the database is locked.
+// All input that can keep the command waiting is read here, before the database is locked.
 std::vector<Input> openInputs(std::vector<std::string> paths) {
   if (paths.empty()) paths.emplace_back("-");
   std::vector<Input> inputs;
@@ -58,7 +58,7 @@ void refuseTaken(const Database& database, const Table& table, Id id) {
 int run(const Options& options) {
   const uint32_t reserve = reserveOf(options);
   const std::optional<Id> id = idOf(options);
-  if (id && options.inputs.size() > 1) throw wrongUsage("--id goes with a single input");
+  if (id && options.inputs.size() > 1) throw wrongUsage("--id takes a single input");
   std::vector<Input> inputs = openInputs(options.inputs);
 
   Database database = openToWrite(options.file);
@@ -84,11 +84,11 @@ Action define(Arguments& arguments) {
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.arguments("INPUT", options->inputs, 0,
-                      "Files to store, a record each; '-', and none at all, is standard input.");
+                      "Files to store, a record each; '-', or no INPUT, is standard input.");
   arguments.option("--id", "ID", options->id,
                    "Store the record under this identifier, which the table must not have yet.");
   arguments.option("--reserve", "BYTES", options->reserve,
-                   "Keep at least this much room, so that the record can grow in place later.");
+                   "Give the record at least this capacity, so that it can grow in place later.");
   arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
@@ -96,13 +96,15 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kPutCommand = {
-    "put", "add records",
-    "Adds a record after the last one for each input and prints its identifier. An input may be "
-    "empty; the most that a record can hold is 4,294,967,295 bytes. All inputs are stored, or none "
-    "is. Standard input and pipes are read to their end before the database is opened.",
-    "echo hello | qvdb put notes.qvd letters\n"
-    "qvdb put notes.qvd letters a.txt b.txt c.txt\n"
-    "qvdb put --id 0x1 --reserve 4096 notes.qvd letters draft.txt",
-    define};
+    "put",
+    "add records",
+    R"(Adds a record for each input after the table's last one and prints its identifier. An input may be
+empty; a record holds at most 4,294,967,295 bytes. All inputs are stored, or none is. Standard
+input and pipes are read to their end before the database is opened.)",
+    R"(echo hello | qvdb put notes.qvd letters
+qvdb put notes.qvd letters a.txt b.txt c.txt
+qvdb put --id 0x1 --reserve 4096 notes.qvd letters draft.txt)",
+    define,
+};
 
 }  // namespace qvdb::tool

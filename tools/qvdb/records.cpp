@@ -61,7 +61,7 @@ void forEachRecord(const Table& table, uint64_t limit, Take take) {
   }
 }
 
-// The document is whole, with brackets and all, also where the records end early.
+// The document is complete, closing brackets included, also where the records end early.
 void printJsonList(const Options& options, const Table& table,
                    const std::optional<ImportedFiles>& files, uint64_t limit) {
   Json head;
@@ -112,7 +112,7 @@ Json jsonOf(const FoundBlock& block, const std::string* name) {
   return json;
 }
 
-// The names, where the file is sound enough to be opened: deleted records are found without.
+// The names, if the file can be opened: deleted records are found even if it cannot.
 std::optional<ImportedFiles> namesOfTable(const Options& options) {
   try {
     const Database database = openToRead(options.file);
@@ -154,7 +154,7 @@ int run(const Options& options) {
   if (options.json) {
     printJsonList(options, table, files, limit);
   } else {
-    printLine(std::string("ID                        SIZE        ROOM  CREATED               ") +
+    printLine(std::string("ID                        SIZE    CAPACITY  CREATED               ") +
               "MODIFIED" + (files ? "              NAME" : ""));
     forEachRecord(table, limit, [&](const Record& r) { printRecord(r, nameOf(files, r.id())); });
   }
@@ -165,9 +165,9 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
-  arguments.option("-n,--limit", "NUMBER", options->limit, "Stop after so many records.");
+  arguments.option("-n,--limit", "NUMBER", options->limit, "Stop after this number of records.");
   arguments.flag("--deleted", options->deleted,
-                 "List deleted records instead, as far as they are still in the file.");
+                 "List the deleted records that are still in the file instead.");
   arguments.json(options->json);
   return actionOf(options, run);
 }
@@ -175,20 +175,24 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kRecordsCommand = {
-    "records", "list the records of a table",
-    "Lists a table's records in their order: identifier, bytes of payload, bytes of room for it, "
-    "the times of creation and last modification (UTC) and, in a table of imported files, the "
-    "file's name. The file is only read.\n\n"
-    "With --deleted the last version of each deleted record is listed, with its place in the file; "
-    "'qvdb undelete' brings one back, 'qvdb history' shows its earlier versions.\n\n"
-    "Control characters in names are shown as \\x and two hexadecimal digits. Where the chain of "
-    "records is damaged the listing ends there, with status 1 and the number of the record; a JSON "
-    "list then ends with a member \"error\". Where the list of names is damaged the records whose "
-    "names are lost are listed without, with status 1.",
-    "qvdb records notes.qvd letters\n"
-    "qvdb records --limit 10 notes.qvd letters\n"
-    "qvdb records --deleted photos.qvd holiday\n"
-    "qvdb records --json notes.qvd letters | jq -r '.records[].id'",
-    define};
+    "records",
+    "list the records of a table",
+    R"(Lists a table's records in their order: identifier, bytes of payload, capacity in bytes, the times
+of creation and last modification (UTC) and, in a table of imported files, the file's name. The
+file is only read.
+
+With --deleted the last version of each deleted record is listed, with its position in the file.
+'qvdb undelete' brings one back; 'qvdb history' shows its earlier versions.
+
+Control characters in names are shown as \x and two hexadecimal digits. Where the chain of records
+is damaged the list ends, with status 1 and the number of the record; a JSON list then ends with a
+member "error". Where the list of names is damaged, the records whose names are lost are listed
+without a name, with status 1.)",
+    R"(qvdb records notes.qvd letters
+qvdb records --limit 10 notes.qvd letters
+qvdb records --deleted photos.qvd holiday
+qvdb records --json notes.qvd letters | jq -r '.records[].id')",
+    define,
+};
 
 }  // namespace qvdb::tool

@@ -1,4 +1,4 @@
-// qvdb renumber: the library's pack under all new identifiers, as it is.
+// qvdb renumber: the library's pack under new identifiers.
 #include "commands.h"
 #include "packing.h"
 
@@ -16,16 +16,20 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kRenumberCommand = {
-    "renumber", "copy a database under new identifiers",
-    "Writes every table to a new file, which gets an identifier of its own, and gives its records "
-    "new identifiers and times. The records of the tables QVrz_Info and QVrz_Category keep theirs; "
-    "those of QVrz_Category are categories, and the identifiers of records of QVrz_Record that "
-    "they list become the new ones. A database without a table QVrz_Category cannot be "
-    "renumbered.\n\n"
-    "Of the records of QVrz_Record the last one counts as unknown, as it always has: unless "
-    "another table follows, a category that lists it makes the operation fail. A table that has "
-    "records loses its table data.\n\n"
-    "The target appears under its name only when it is finished. Ctrl-C leaves nothing behind.",
-    "qvdb renumber notes.qvd twin.qvd", define};
+    "renumber",
+    "copy a database under new identifiers",
+    R"(Writes every table to a new file, which gets an identifier of its own, and gives its records new
+identifiers and times. The records of the tables QVrz_Info and QVrz_Category keep theirs. Those of
+QVrz_Category are categories: the identifiers of records of QVrz_Record that they list are
+replaced by the new ones. A database without a table QVrz_Category cannot be renumbered.
+
+Of the records of QVrz_Record the last one counts as unknown: unless another table follows, a
+category that lists it makes the operation fail. A table that has records loses its table data.
+This operation has always done so.
+
+The target appears under its name only when it is complete. Ctrl-C leaves nothing.)",
+    R"(qvdb renumber notes.qvd twin.qvd)",
+    define,
+};
 
 }  // namespace qvdb::tool

@@ -1,4 +1,4 @@
-// qvdb repair: the library's link repair, as it is.
+// qvdb repair: the library's link repair.
 #include "commands.h"
 #include "failure.h"
 #include "locate.h"
@@ -16,26 +16,26 @@ struct Options {
   bool force = false;
 };
 
-// Says which records would drop out of the chains.
+// Reports how many records would be lost.
 void tellLosses(const RepairPreview& preview) {
   for (const RepairedTable& table : preview.tables) {
     if (table.missed > 0) {
       printLine("table '" + escaped(table.name) +
                 "': " + counted(table.missed, "record", "records") +
-                " outside of its chain, which repair takes for sound");
+                " outside its chain, which repair takes for sound");
     }
     if (table.lost == 0) continue;
-    printLine("table '" + escaped(table.name) +
-              "': " + counted(table.lost, "record that can", "records that can") +
-              " still be found would " + "drop out of its chain, " + std::to_string(table.kept) +
-              " would stay");
+    printLine("table '" + escaped(table.name) + "': " + counted(table.lost, "record", "records") +
+              " would be lost, " + std::to_string(table.kept) + " would stay");
   }
   if (preview.unfinished_pack) {
-    printLine("this is an unfinished pack, which repair would hide; its source is complete");
+    printLine(
+        "this is an unfinished pack, and repair would hide that; use its source, which is "
+        "complete");
   }
 }
 
-// Link repair counts records and no more. So what it calls sound need not be.
+// Link repair only counts records. What it takes for sound can be damaged.
 void refuseFalseComfort(const Options& options, const char* what) {
   const CheckReport report = check(options.file);
   if (report.state != CheckState::damaged) return;
@@ -53,20 +53,19 @@ int predict(const Options& options, const RepairPreview& preview) {
   return kDone;
 }
 
-// Nothing is lost without the user's word for it.
+// Records are lost only with --force.
 void refuseLosses(const Options& options, const RepairPreview& preview) {
   if (options.force) return;
   if (preview.lost > 0) {
-    throw Failure(options.file + ": not repaired, for " +
-                  counted(preview.lost, "record would drop out of its chain",
-                          "records would drop out of their chains") +
+    throw Failure(options.file + ": not repaired: " +
+                  counted(preview.lost, "record would be lost", "records would be lost") +
                   "; 'qvdb salvage' keeps " + (preview.lost == 1 ? "it" : "them") +
-                  " in a new file, and --force repairs all the same");
+                  " in a new file, --force repairs anyway");
   }
   if (preview.unfinished_pack) {
     throw Failure(options.file +
-                  ": not repaired, for it is an unfinished pack; use its source, which is "
-                  "complete, or 'qvdb salvage'; --force repairs all the same");
+                  ": not repaired: it is an unfinished pack; use its source, which is complete, or "
+                  "'qvdb salvage'; --force repairs anyway");
   }
 }
 
@@ -84,7 +83,7 @@ int run(const Options& options) {
     outcome = whileInUse([&] { return repair(options.file, percentOn(progress)); });
   }
   refuseFalseComfort(options, outcome == RepairOutcome::sound ? "nothing was repaired"
-                                                              : "repaired what repair knows of");
+                                                              : "broken chains were relinked");
   printLine(outcome == RepairOutcome::sound ? "every chain is sound; nothing was repaired"
                                             : "repaired: broken chains were relinked");
   return kDone;
@@ -93,8 +92,9 @@ int run(const Options& options) {
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
-  arguments.flag("-n,--dry-run", options->dryRun, "Only say what would be done, and what lost.");
-  arguments.force(options->force, "Repair also when records would be lost by it.");
+  arguments.flag("-n,--dry-run", options->dryRun,
+                 "Report what would be done and lost, and write nothing.");
+  arguments.force(options->force, "Repair even if records would be lost.");
   return actionOf(options, run);
 }
 
@@ -103,24 +103,26 @@ Action define(Arguments& arguments) {
 extern const Command kRepairCommand = {
     "repair",
     "relink broken chains of records, in place",
-    "Follows the records of each table from both ends. Where the two do not agree with each other "
-    "and with the number of records, the chain is rewritten from what its beginning leads to. "
-    "Payloads are neither moved nor changed; the version becomes 100.\n\n"
-    "What can be found only from the end of a chain, or not from any end, drops out of it: with "
-    "one "
-    "link of 1,000 records broken, that can be nearly all. Before anything is written the command "
-    "says how many records each table would lose. If that is any, or if the file is an unfinished "
-    "pack, it stops there; 'qvdb salvage' writes a new file that has them. --force repairs all the "
-    "same.\n\n"
-    "Repair goes by the number of records that either end leads to, and takes some chains for "
-    "sound that are not: one with a record that was linked but never counted, for example. When "
-    "'qvdb check' finds errors behind it, the command says so and fails.\n\n"
-    "Ctrl-C stops; tables that were rewritten until then stay so.",
-    "qvdb repair --dry-run notes.qvd\n"
-    "cp notes.qvd copy.qvd && qvdb repair notes.qvd",
+    R"(Follows the records of each table from both ends. Where the two do not agree with each other and
+with the number of records, the chain is rewritten from what its beginning leads to. Payloads are
+neither moved nor changed; the version becomes 100.
+
+Records that can be found only from the end of a chain, or from neither end, drop out of it: with
+one link of 1,000 records broken, that can be nearly all. Before anything is written the command
+reports how many records each table would lose. If there are any, or if the file is an unfinished
+pack, it stops; 'qvdb salvage' writes a new file that has them. --force repairs anyway.
+
+Repair relies on the number of records that either end leads to, and takes some chains for sound
+that are not: one with a record that was linked but never counted, for example. When 'qvdb check'
+finds errors afterwards, the command says so and fails.
+
+Ctrl-C stops; tables that were rewritten before stay rewritten.)",
+    R"(qvdb repair --dry-run notes.qvd
+cp notes.qvd copy.qvd && qvdb repair notes.qvd)",
     define,
-    "0  done, or nothing to do; with --dry-run: it was told\n"
-    "1  failed, or refused because records would be lost, or did not mend all damage\n"
-    "2  wrong usage"};
+    R"(0  done, or nothing to do
+1  failed, or refused because records would be lost, or damage is left
+2  wrong usage)",
+};
 
 }  // namespace qvdb::tool

@@ -16,7 +16,7 @@ struct Options {
   bool noSync = false;
 };
 
-// The names of imported files go with their records.
+// Removes the names of imported files with their records.
 void forgetNames(Table& table, std::optional<ImportedFiles>& files,
                  const std::unordered_set<Id>& gone) {
   if (!files) return;
@@ -60,12 +60,14 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kRmCommand = {
-    "rm", "delete records",
-    "Takes one or more records out of a table. Either all of them are in the table, or nothing is "
-    "deleted. Their bytes stay in the file until it is compacted. In a table of imported files "
-    "the names go too.",
-    "qvdb rm notes.qvd letters 0x1f5e2d3c4b5a6978\n"
-    "qvdb rm photos.qvd holiday beach/IMG1.jpg beach/IMG2.jpg",
-    define};
+    "rm",
+    "delete records",
+    R"(Takes one or more records out of a table. If one of them is not in the table, none is deleted.
+Their bytes stay in the file until it is compacted. In a table of imported files their names are
+removed too.)",
+    R"(qvdb rm notes.qvd letters 0x1f5e2d3c4b5a6978
+qvdb rm photos.qvd holiday beach/IMG1.jpg beach/IMG2.jpg)",
+    define,
+};
 
 }  // namespace qvdb::tool

@@ -1,4 +1,4 @@
-// qvdb salvage: get back from a damaged file what can be got back.
+// qvdb salvage: saves what can be saved from a damaged file.
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -125,7 +125,7 @@ void printStored(const StoredDatabase& stored) {
             counted(report.tables_written, "table", "tables") + ", " +
             counted(report.records_written, "record", "records") + " written to " +
             escaped(stored.file.native()) +
-            (report.verified ? "" : ", NOT as they should be: check it"));
+            (report.verified ? "" : ", which is DAMAGED: 'qvdb check' reports how"));
   for (const std::string& note : report.notes) printLine("  " + escaped(note));
   if (report.records_cut > 0) printLine("  " + cutRecords(report));
 }
@@ -137,19 +137,20 @@ void printReport(const SalvageReport& report, const std::map<std::string, Tally>
   }
   for (const ByteRange& range : report.unknown) {
     printLine(counted(static_cast<uint64_t>(range.size), "byte", "bytes") + " at " +
-              std::to_string(range.offset) + " are no block: not recovered");
+              std::to_string(range.offset) + " are not part of a block: not recovered");
   }
   for (const std::string& note : report.notes) printLine(escaped(note));
   for (const StoredDatabase& each : report.stored) printStored(each);
   if (report.records_cut > 0) printLine(cutRecords(report));
   if (report.source_in_use) printLine(kSourceInUse);
-  printLine(counted(report.tables_written, "table", "tables") + ", " +
-            counted(report.records_written, "record", "records") + ", " +
-            counted(report.payload_bytes, "byte", "bytes") + " of payload written and " +
-            (report.verified ? "checked" : "NOT as they should be: check the new file"));
+  printLine(
+      counted(report.tables_written, "table", "tables") + ", " +
+      counted(report.records_written, "record", "records") + ", " +
+      counted(report.payload_bytes, "byte", "bytes") + " of payload written" +
+      (report.verified ? " and checked" : "; the new file is DAMAGED: 'qvdb check' reports how"));
 }
 
-// Standard input is read in place where it can be: an image need not fit into memory.
+// Standard input is read in place where possible: an image need not fit into memory.
 SalvageReport salvageSource(const Options& options, const BlockVisitor& visit) {
   const SalvageOptions how = optionsOf(options);
   if (options.source != "-") return salvage(options.source, options.target, visit, how);
@@ -187,34 +188,36 @@ Action define(Arguments& arguments) {
   SalvageOptions& salvage = options->salvage;
   arguments.argument("SRC", options->source,
                      "The damaged file, or a device or an image of one; '-' is standard input.");
-  arguments.argument("DST", options->target, "The new file. Nothing may be there yet.");
+  arguments.argument("DST", options->target, "The new file, which must not exist yet.");
   arguments.flag("--deleted", salvage.deleted,
-                 "Also take deleted records, into the table lost-and-found.");
+                 "Also save deleted records, into the table lost-and-found.");
   arguments.flag("--versions", salvage.versions,
-                 "Also take older versions of records, into the table lost-and-found.");
+                 "Also save older versions of records, into the table lost-and-found.");
   arguments.flag("--orphans", salvage.orphans,
-                 "Blocks of tables that the directory does not have are taken into tables named "
-                 "after their identifiers. Also take those that may be something else: pieces of a "
-                 "torn block's payload or, with --from, of another database. That is done in any "
-                 "case when the directory is damaged.");
-  arguments.option("--grade", "GRADE", options->grade,
-                   "Take blocks down to this grade: A, all of the block is right (the default); B, "
-                   "all but one of end mark, identifier and capacity, so that the payload may be "
-                   "cut; C, only the header.");
+                 "Blocks of tables that the directory does not have are saved into tables named "
+                 "after their identifiers. Also save those that may be something else: pieces of a "
+                 "torn block's payload or, with --from, of another database. When the directory is "
+                 "damaged, these are saved in any case.");
+  arguments.option(
+      "--grade", "GRADE", options->grade,
+      "Save blocks of this grade and better: A, all of the block is valid (the default); "
+      "B, all but one of end mark, identifier and capacity, so that the payload may be "
+      "cut short; C, only the header.");
   arguments.flag("--in-place-tables", salvage.in_place_tables,
-                 "Put deleted records back into their own tables, behind the others.");
+                 "Put deleted records back into their own tables, after the others.");
   arguments.option("--extract", "DIR", options->extract,
                    "Also write every payload to a file of its own in this folder, and a line of "
-                   "JSON for each to DIR/manifest.jsonl. None of these may be there yet.");
+                   "JSON for each to DIR/manifest.jsonl. None of these may exist yet.");
   arguments.option(
       "--deep", "DIR", options->deep,
-      "Also look for databases that are stored in payloads, or that stand side by side "
-      "in an image of a device, and salvage each into DIR/at-OFFSET.qvd.");
-  arguments.option("--from", "OFFSET", options->from,
-                   "Where the database begins in SRC, in bytes. Below 0: as many bytes are missing "
-                   "at its front.");
+      "Also search for databases that are stored in payloads, or one after the other in an "
+      "image of a device, and salvage each into DIR/at-OFFSET.qvd.");
+  arguments.option(
+      "--from", "OFFSET", options->from,
+      "Where the database begins in SRC, in bytes. Below 0: so many bytes are missing at "
+      "its beginning.");
   arguments.flag("--ignore-directory", salvage.ignore_directory,
-                 "Do not believe the directory: go by the blocks alone.");
+                 "Ignore the directory, and rely on the blocks alone.");
   arguments.parents(salvage.create_folders);
   arguments.flag("-v,--verbose", options->verbose, "List every block that was found.");
   arguments.json(options->json);
@@ -226,25 +229,29 @@ Action define(Arguments& arguments) {
 extern const Command kSalvageCommand = {
     "salvage",
     "save what can be saved into a new file",
-    "Finds the records and the table data of a damaged database, by following the chains from both "
-    "ends and by searching all other bytes for blocks, and writes a new database with what was in "
-    "use or lost. Records keep their identifiers, times and spare room. SRC is only read.\n\n"
-    "Deleted records and older versions are left out unless they are asked for. When the move of a "
-    "record was cut off, the version in use stays in its table and the newer one goes into the "
-    "table lost-and-found.\n\n"
-    "At the end the new file is checked. What could not be recovered is reported with its place "
-    "in the file. Zeros stand in for payload that the system cannot read, and are counted.\n\n"
-    "The new file appears under its name only when it is finished, and nothing stays of a salvage "
-    "that failed. Only a process that is killed leaves something behind: a file .qvdb-....tmp in "
-    "the folder of DST, and what it has written to DIR.",
-    "qvdb salvage damaged.qvd saved.qvd\n"
-    "qvdb salvage --deleted --extract payloads damaged.qvd saved.qvd\n"
-    "qvdb salvage --grade B cut-short.qvd saved.qvd\n"
-    "qvdb salvage --from 1048576 disk.img saved.qvd\n"
-    "qvdb salvage --deep inside disk.img all.qvd",
+    R"(Finds the records and the table data of a damaged database, by following the chains from both ends
+and by searching all other bytes for blocks, and writes a new database with what was in use or
+lost. Records keep their identifiers, times and spare capacity. SRC is only read.
+
+Deleted records and older versions are left out unless they are asked for. When the move of a
+record was interrupted, the version in use stays in its table and the newer one is written to the
+table lost-and-found.
+
+At the end the new file is checked. What could not be recovered is reported with its position in
+the file. Payload that the system cannot read is replaced by zeros, which are counted.
+
+The new file appears under its name only when it is complete, and a salvage that fails leaves
+nothing. Only a process that is killed leaves something: a file .qvdb-....tmp in the folder of DST,
+and what it has written to DIR.)",
+    R"(qvdb salvage damaged.qvd saved.qvd
+qvdb salvage --deleted --extract payloads damaged.qvd saved.qvd
+qvdb salvage --grade B cut-short.qvd saved.qvd
+qvdb salvage --from 1048576 disk.img saved.qvd
+qvdb salvage --deep inside disk.img all.qvd)",
     define,
-    "0  done, and the new files are sound\n"
-    "1  failed\n"
-    "2  wrong usage"};
+    R"(0  done, and the new files are sound
+1  failed
+2  wrong usage)",
+};
 
 }  // namespace qvdb::tool

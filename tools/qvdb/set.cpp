@@ -31,7 +31,7 @@ Action define(Arguments& arguments) {
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.argument("RECORD", options->record, kRecordHelp);
   arguments.optionalArgument("INPUT", options->input,
-                             "The file with the new payload; '-', and none, is standard input.");
+                             "The file with the new payload; '-', or no INPUT, is standard input.");
   arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
@@ -39,13 +39,15 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kSetCommand = {
-    "set", "replace a record's payload",
-    "Replaces the payload of a record and sets its time of last modification. The record keeps its "
-    "identifier and its place in the order. A payload that fits the record's room is written over "
-    "the old one; a larger one goes to a new place, and the old bytes stay in the file until it is "
-    "compacted. An empty input leaves an empty record.",
-    "qvdb set notes.qvd letters 0x1f5e2d3c4b5a6978 letter.txt\n"
-    "sed s/old/new/ letter.txt | qvdb set notes.qvd letters 0x1f5e2d3c4b5a6978",
-    define};
+    "set",
+    "replace a record's payload",
+    R"(Replaces the payload of a record and sets its time of last modification. The record keeps its
+identifier and its place in the order. A payload that fits the record's capacity is written over
+the old one; a larger one goes to a new place, and the old bytes stay in the file until it is
+compacted. An empty input leaves an empty record.)",
+    R"(qvdb set notes.qvd letters 0x1f5e2d3c4b5a6978 letter.txt
+sed s/old/new/ letter.txt | qvdb set notes.qvd letters 0x1f5e2d3c4b5a6978)",
+    define,
+};
 
 }  // namespace qvdb::tool

@@ -7,12 +7,12 @@
 namespace qvdb::tool {
 
 // In ascending order: the lowest free descriptor is then the stream itself. Input is opened for
-// writing, so that nothing takes a stream that is missing for an empty one.
+// writing, so that a missing stream is not taken for an empty one.
 void openMissingStreams() {
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
     if (::fcntl(stream, F_GETFD) >= 0) continue;
     if (::open("/dev/null", O_WRONLY) >= 0) continue;
-    // Without devices anything that cannot be read or written does.
+    // Where there is no null device, anything will do that can be neither read nor written.
     static_cast<void>(::open("/", O_RDONLY | O_DIRECTORY));
   }
 }

@@ -49,7 +49,7 @@ struct TableStatistics {
   }
 };
 
-// Of the records before the damage when the table's chain is damaged: then the failure is stored.
+// Where the chain is damaged, of the records before the damage; the failure is then stored.
 TableStatistics statisticsOf(const Database& database, const Table& table,
                              std::exception_ptr* failure) {
   TableStatistics statistics;
@@ -95,7 +95,7 @@ void printTable(const TableStatistics& table) {
     printLine("  payload       " + std::to_string(table.payload) + " bytes, " +
               std::to_string(table.payload / table.records) + " on average, " +
               std::to_string(table.smallest) + " to " + std::to_string(table.largest));
-    printLine("  room          " + std::to_string(table.room) + " bytes");
+    printLine("  capacity      " + std::to_string(table.room) + " bytes");
     printLine("  times         created from " + timeText(table.oldest) + ", modified until " +
               timeText(table.latest));
   }
@@ -146,7 +146,8 @@ int run(const Options& options) {
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
-  arguments.optionalArgument("TABLE", options->table, "Only this table: its name, or identifier.");
+  arguments.optionalArgument("TABLE", options->table,
+                             "Show only this table: its name, or its identifier.");
   arguments.json(options->json);
   return actionOf(options, run);
 }
@@ -154,13 +155,15 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kStatCommand = {
-    "stat", "show statistics",
-    "Walks over all records and shows, for each table, how many there are, their sizes and times, "
-    "and how much of the file belongs to deleted or replaced contents. Of what is damaged the part "
-    "before the damage counts, and the status is 1. The file is only read.",
-    "qvdb stat notes.qvd\n"
-    "qvdb stat notes.qvd letters\n"
-    "qvdb stat --json notes.qvd",
-    define};
+    "stat",
+    "show statistics",
+    R"(Walks over all records and shows, for each table, how many there are, their sizes and times, and
+how much of the file belongs to deleted or replaced contents. Of a damaged chain only the part
+before the damage counts, and the status is 1. The file is only read.)",
+    R"(qvdb stat notes.qvd
+qvdb stat notes.qvd letters
+qvdb stat --json notes.qvd)",
+    define,
+};
 
 }  // namespace qvdb::tool

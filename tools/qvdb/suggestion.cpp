@@ -1,5 +1,5 @@
-// Guessing what a mistaken name of a command means: other usual words for the same thing, slips of
-// the keyboard, and a file where the command is missing.
+// Guesses the command that was meant: from other usual words for it, from a misspelling, or from a
+// file where the command is missing.
 #include "suggestion.h"
 
 #include <algorithm>
@@ -63,8 +63,8 @@ constexpr OtherWord kOtherWords[] = {
     {"fix", "repair"},
 };
 
-// How many letters must be put in, taken out or changed, or exchanged with their neighbour, to make
-// one word of the other.
+// How many letters must be inserted, removed, changed, or exchanged with their neighbour to turn
+// one word into the other.
 size_t distance(std::string_view a, std::string_view b) {
   std::vector<size_t> before(b.size() + 1);
   std::vector<size_t> last(b.size() + 1);
@@ -85,12 +85,12 @@ size_t distance(std::string_view a, std::string_view b) {
   return last[b.size()];
 }
 
-// The command that is the fewest letters away; nothing when none is near.
+// The command with the smallest distance; nothing when none is near.
 std::string_view nearest(std::string_view word) {
   constexpr size_t kLongestWord = 20;
   if (word.size() > kLongestWord) return {};
   std::string_view found;
-  size_t best = word.size() < 5 ? 2 : 3;  // this far off is no slip any more
+  size_t best = word.size() < 5 ? 2 : 3;  // more is not a misspelling
   for (const Command* command : allCommands()) {
     const size_t away = distance(word, command->name);
     if (away >= best) continue;

@@ -68,13 +68,14 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kTablesCommand = {
-    "tables", "list the tables",
-    "Lists the tables of a database in the order in which they were added: identifier, number of "
-    "records, bytes of table data ('-' when the table has none, '?' when it cannot be reached) and "
-    "name. Where the directory is damaged the list ends there, with status 1. The file is only "
-    "read.",
-    "qvdb tables notes.qvd\n"
-    "qvdb tables --json notes.qvd",
-    define};
+    "tables",
+    "list the tables",
+    R"(Lists the tables of a database in the order in which they were added: identifier, number of
+records, bytes of table data ('-' when the table has none, '?' when it cannot be reached) and name.
+Where the directory is damaged the list ends, with status 1. The file is only read.)",
+    R"(qvdb tables notes.qvd
+qvdb tables --json notes.qvd)",
+    define,
+};
 
 }  // namespace qvdb::tool

@@ -12,7 +12,7 @@ bool isControl(uint32_t code) {
   return code < 0x20 || (code >= 0x7F && code < 0xA0);
 }
 
-// Characters that reorder what stands beside them, or end a line.
+// Characters that reorder the text around them, or end a line.
 bool isDeceptive(uint32_t code) {
   return (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069) ||
          code == 0x200E || code == 0x200F || code == 0x2028 || code == 0x2029;

@@ -13,12 +13,12 @@ size_t utf8Character(std::string_view bytes, uint32_t* code);
 
 bool isUtf8(std::string_view bytes);
 
-// Control characters, bytes that are no UTF-8, and characters that change the direction of text
-// become \xHH, byte by byte; a backslash becomes two. Everything else stays.
+// Control characters, bytes that are not UTF-8, and characters that change the direction of text
+// become \xHH, byte by byte; a backslash becomes two. Everything else is not changed.
 std::string escaped(std::string_view bytes);
 
-// Whether the bytes hold something that must not reach a terminal as it is. Line ends and tabs are
-// fine. `bytes` may be a part of a longer text: a character that is cut off at its end is not
+// Whether the bytes hold something that must not reach a terminal unescaped. Line ends and tabs are
+// allowed. `bytes` may be a part of a longer text: a character that is cut off at its end is not
 // judged, and `pending` receives how many bytes of it there are.
 bool isBinary(std::string_view bytes, size_t* pending);
 
@@ -26,16 +26,16 @@ bool isBinary(std::string_view bytes, size_t* pending);
 std::string timeText(int64_t seconds);
 
 // The text in lines of at most `width` columns, as far as its words allow, each with a line end.
-// Lines are broken between words only; all but the first are indented. Blanks that the text begins
-// with stay.
+// Lines are broken between words only; all but the first are indented. Blanks at the beginning are
+// kept.
 std::string wrapped(std::string_view text, size_t width, size_t indent);
 
 // "1 file", "2 files".
 std::string counted(uint64_t count, const char* one, const char* many);
 
-// What was saved from a file may be work in progress of its writer.
+// A message: what was saved may be work in progress of the writer.
 inline constexpr const char* kSourceInUse =
-    "Another process has the source open for writing: repeat this when it has closed it.";
+    "Another process has the source open for writing: repeat this when it has closed the file.";
 
 }  // namespace qvdb::tool
 

@@ -36,9 +36,12 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kTouchCommand = {
-    "touch", "set the modification time of records to now",
-    "Sets the time of last modification of one or more records to now and changes nothing else. "
-    "Either all of them are in the table, or nothing is changed.",
-    "qvdb touch notes.qvd letters 0x1f5e2d3c4b5a6978", define};
+    "touch",
+    "set the modification time of records to now",
+    R"(Sets the time of last modification of one or more records to now and changes nothing else. If one
+of them is not in the table, none is changed.)",
+    R"(qvdb touch notes.qvd letters 0x1f5e2d3c4b5a6978)",
+    define,
+};
 
 }  // namespace qvdb::tool

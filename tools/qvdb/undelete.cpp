@@ -1,4 +1,4 @@
-// qvdb undelete: bring a version of a record back.
+// qvdb undelete: brings a version of a record back.
 #include "commands.h"
 #include "imported_files.h"
 #include "locate.h"
@@ -18,8 +18,8 @@ struct Options {
 };
 
 // Gives the record the name that its file had in the list of imported files, unless another file
-// has it now; the list keeps its length. The record keeps its identifier either way. Returns what
-// there is to say of it.
+// has it now; the list keeps its length. The record keeps its identifier either way. Returns a
+// sentence about it.
 std::string restoreName(std::span<std::byte> data, Id record) {
   std::optional<ImportedFiles> files = ImportedFiles::from(data);
   const auto removed = files ? files->findRemoved(record) : std::nullopt;
@@ -52,13 +52,13 @@ int run(const Options& options) {
     if (!named.empty()) printLine(named);
     return kDone;
   }
-  throw Failure(options.target + ": the new file is not as it should be; 'qvdb check' tells more");
+  throw Failure(options.target + ": the new file is damaged; 'qvdb check' reports how");
 }
 
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("SRC", options->source, kFileHelp);
-  arguments.argument("DST", options->target, "The new file. Nothing may be there yet.");
+  arguments.argument("DST", options->target, "The new file, which must not exist yet.");
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.argument("RECORD", options->record, kRecordInUseOrNotHelp);
   arguments.option("--at", "OFFSET", options->at,
@@ -69,16 +69,17 @@ Action define(Arguments& arguments) {
 }  // namespace
 
 extern const Command kUndeleteCommand = {
-    "undelete", "bring a deleted record back",
-    "Writes a new database with everything that SRC has in use, and with a deleted record: its "
-    "last "
-    "version, at the end of its table, or the version that --at names. A record that is in use can "
-    "be given an earlier version with --at, which takes its place. A record of an imported file "
-    "gets its name back, unless another file has that name now. SRC is only read.",
-    "qvdb history notes.qvd letters 0x1f5e2d3c4b5a6978\n"
-    "qvdb undelete notes.qvd restored.qvd letters 0x1f5e2d3c4b5a6978\n"
-    "qvdb undelete photos.qvd restored.qvd holiday beach/IMG1.jpg\n"
-    "qvdb undelete --at 5082 notes.qvd restored.qvd letters 0x1f5e2d3c4b5a6978",
-    define};
+    "undelete",
+    "bring a deleted record back",
+    R"(Writes a new database with everything that SRC has in use, and with a deleted record: its last
+version, at the end of its table, or the version that --at names. With --at a record
+that is in use can be replaced by an earlier version. A record of an imported file gets its name back, unless
+another file has that name now. SRC is only read.)",
+    R"(qvdb history notes.qvd letters 0x1f5e2d3c4b5a6978
+qvdb undelete notes.qvd restored.qvd letters 0x1f5e2d3c4b5a6978
+qvdb undelete photos.qvd restored.qvd holiday beach/IMG1.jpg
+qvdb undelete --at 5082 notes.qvd restored.qvd letters 0x1f5e2d3c4b5a6978)",
+    define,
+};
 
 }  // namespace qvdb::tool

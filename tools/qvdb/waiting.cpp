@@ -14,7 +14,7 @@ constexpr std::chrono::milliseconds kPause(20);
 
 std::optional<uint64_t> waitSeconds;
 
-// Compared as whole seconds that have passed: no number that was asked for is too large for that.
+// Compares whole seconds that have passed: no value of --wait overflows.
 bool Patience::waitForNextAttempt() const {
   using std::chrono::duration_cast;
   const auto passed = std::chrono::steady_clock::now() - begin_;

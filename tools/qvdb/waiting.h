@@ -13,7 +13,7 @@ namespace qvdb::tool {
 // The value of --wait: how long the command may wait, in seconds. Nothing: not at all.
 extern std::optional<uint64_t> waitSeconds;
 
-// The time that one attempt after the other is given.
+// The time for repeated attempts.
 class Patience {
  public:
   // Waits a moment. False, at once, when the time is over. Throws Interrupted.
@@ -23,8 +23,8 @@ class Patience {
   const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
 };
 
-// Calls `attempt` again for as long as it throws in_use and --wait allows. It must not have printed
-// or read anything before it throws.
+// Calls `attempt` again as long as it throws in_use and --wait allows. It must not have printed or
+// read anything before it throws.
 template <typename Attempt>
 auto whileInUse(Attempt attempt) {
   const Patience patience;
