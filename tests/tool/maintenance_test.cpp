@@ -86,8 +86,7 @@ TEST_F(ToolMaintenance, RepairLosesNothingUnlessItIsForced) {
   LivelyDatabase lively;
   lively.image.record(lively.a).nextRecordPos = 0;
   writeFile(path(kSource), lively.image.build());
-  const std::string losses =
-      "table 'one': 2 records would be lost, 1 would stay\n";
+  const std::string losses = "table 'one': 2 records would be lost, 1 would stay\n";
   expectUnchanged(
       [&] {
         const Outcome refused = run({"repair", kSource});

@@ -217,9 +217,9 @@ TEST_F(ToolHistory, UndeleteBringsARecordBack) {
 TEST_F(ToolHistory, UndeleteReportsThatAnotherProcessWritesToTheSource) {
   EXPECT_EQ(done({"undelete", "test.qvd", "alone.qvd", "notes", ids[1]}), "");
   const int16_t db = open();
-  EXPECT_EQ(
-      done({"undelete", "test.qvd", "beside.qvd", "notes", ids[1]}),
-      "Another process has the source open for writing: repeat this when it has closed the file.\n");
+  EXPECT_EQ(done({"undelete", "test.qvd", "beside.qvd", "notes", ids[1]}),
+            "Another process has the source open for writing: repeat this when it has closed the "
+            "file.\n");
   close(db);
 }
 

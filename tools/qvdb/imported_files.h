@@ -7,43 +7,23 @@
 //
 // A list that was damaged otherwise (by a power failure, a failing device) is read up to its first
 // invalid entry. The entries before that are kept.
-#ifndef QVDB_TOOL_IMPORTED_FILES_H
-#define QVDB_TOOL_IMPORTED_FILES_H
+#pragma once
 
 #include <qvdbase/qvdb.hpp>
 
-#include <cstdint>
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <span>
-#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "imported_entry.h"
+
 namespace qvdb::tool {
 
-enum class FileKind : char {
-  removed = '-',
-  file = 'f',
-  folder = 'd',
-  link = 'l',
-};
-
-struct ImportedFile {
-  FileKind kind = FileKind::file;
-  uint16_t mode = 0;  // permission bits
-  int64_t seconds = 0;
-  uint32_t nanoseconds = 0;
-  Id record;           // of a file; 0 otherwise
-  std::string name;    // relative, '/' between its parts
-  std::string target;  // of a link
-};
-
-// Whether the name leads to a place inside a folder and nowhere else: parts that are not empty, not
-// "." and not "..", without zero bytes, and no '/' at either end.
-bool isSafeName(std::string_view name);
-
+// The list of a table.
 class ImportedFiles {
  public:
   ImportedFiles();
@@ -85,7 +65,10 @@ class ImportedFiles {
 
  private:
   void decode(std::vector<std::byte> data);
-  void putFixed(size_t index);
+  void rewrite(size_t index);
+  std::string_view nameBefore() const;  // of the last entry
+  void index() const;
+  void forgetIndex();
 
   std::vector<ImportedFile> list_;
   std::vector<size_t> starts_;  // of each entry in bytes_
@@ -99,10 +82,6 @@ class ImportedFiles {
   mutable std::map<std::string_view, size_t> removedByName_;
   mutable std::unordered_map<Id, size_t> removedByRecord_;
   mutable bool areIndexed_ = false;
-  void index() const;
-  void forgetIndex();
 };
 
 }  // namespace qvdb::tool
-
-#endif

@@ -1,0 +1,181 @@
+// Stores a tree of files as records of a table.
+#include "importer.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <new>
+
+#include "failure.h"
+#include "input.h"
+#include "interrupt.h"
+#include "locate.h"
+#include "progress.h"
+#include "text.h"
+
+namespace qvdb::tool {
+namespace {
+
+constexpr uint64_t kLargeFile = uint64_t{1} << 20;  // stored in pieces
+
+const char* wordFor(FileKind kind) {
+  if (kind == FileKind::folder) return "a folder";
+  return kind == FileKind::link ? "a symbolic link" : "a file";
+}
+
+}  // namespace
+
+Importer::Importer(Database& database, Table& table, const FileTree& tree, ImportedFiles names)
+    : database_(database),
+      table_(table),
+      tree_(tree),
+      names_(table, tree, std::move(names)),
+      batch_(table) {}
+
+// The records that have names. A name without a record is one whose import did not get that far.
+void Importer::loadRecords() {
+  if (areRecordsLoaded_) return;
+  areRecordsLoaded_ = true;
+  for (const Record& record : table_.records()) {
+    throwIfInterrupted();
+    if (names_.has(record.id())) records_.emplace(record.id(), record);
+  }
+}
+
+// Whether storing this file replaces what the table has under its name.
+bool Importer::isReplaced(size_t place) {
+  const ImportedFile* old = names_.present(place);
+  if (old == nullptr) return false;
+  const ImportedFile& now = tree_.files[place].file;
+  if (old->kind != now.kind) {
+    throw Failure(database_.path().native() + ": '" + now.name + "' in table '" + table_.name() +
+                  "' is not " + wordFor(now.kind) + "; import into another table");
+  }
+  if (old->kind == FileKind::file) {
+    loadRecords();
+    return records_.contains(old->record);
+  }
+  // The same link again is no clash: it is what an import that was killed has left.
+  return old->kind == FileKind::link && old->target != now.target;
+}
+
+void Importer::check(bool replace) {
+  uint64_t clashes = 0;
+  std::string first;
+  for (size_t i = 0; i < tree_.files.size(); ++i) {
+    if (isReplaced(i) && clashes++ == 0) first = tree_.files[i].file.name;
+  }
+  if (clashes == 0 || replace) return;
+  throw Failure(database_.path().native() + ": table '" + table_.name() + "' has '" + first + "'" +
+                (clashes > 1 ? " and " + counted(clashes - 1, "other file", "other files") : "") +
+                " already; use --replace to replace what it has");
+}
+
+void Importer::run() {
+  names_.addNew();
+  try {
+    storeAll();
+  } catch (const Interrupted&) {
+    throw Failure("interrupted; " + stop());
+  } catch (const Failure& failure) {
+    throw Failure(failure.what() + ("; " + stop()), failure.status());
+  } catch (const Error& error) {
+    const std::string advice = adviceFor(error);
+    throw Failure(error.what() + (advice.empty() ? "" : "; " + advice) + "; " + stop());
+  } catch (const std::bad_alloc&) {
+    throw Failure("there is not enough memory; " + stop());
+  }
+  names_.dropOldLinks(tree_.files.size());
+  names_.storeIfChanged();
+}
+
+void Importer::storeAll() {
+  Progress progress("importing", tree_.files.size(), "files");
+  for (at_ = 0; at_ < tree_.files.size(); ++at_) {
+    throwIfInterrupted();
+    store(at_);
+    progress.step();
+  }
+  batch_.finish();
+}
+
+// Mode and times are those of a file when it was read, and those of others when they were listed.
+void Importer::store(size_t place) {
+  const ImportedFile& found = tree_.files[place].file;
+  if (found.kind == FileKind::file) return storeFile(place);
+  ++(found.kind == FileKind::folder ? folders_ : links_);
+  names_.note(place, found);
+}
+
+void Importer::storeFile(size_t place) {
+  const FoundFile& found = tree_.files[place];
+  const Descriptor file(::open(found.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (!file) throw systemFailure(found.path, "open");
+  struct stat status = {};
+  if (::fstat(file.number(), &status) != 0) throw systemFailure(found.path, "read its properties");
+  if (!S_ISREG(status.st_mode)) throw Failure(found.path + ": is not a file any more");
+  const auto size = static_cast<uint64_t>(status.st_size);
+  const Id record = names_.of(place).record;
+  const auto old = records_.find(record);
+  if (old != records_.end()) {
+    replaceRecord(old->second, place, file, size);
+  } else if (size > kLargeFile) {
+    bytes_ += batch_.addPieces(record, place, file, found.path);
+  } else {
+    readAll(file.number(), found.path, &buffer_);
+    batch_.add(record, place, buffer_);
+    bytes_ += buffer_.size();
+  }
+  names_.note(place, propertiesOf(status, found.file.name));
+  ++files_;
+}
+
+// A change needs the whole payload in memory. For a large file a new record is added under the old
+// identifier, and then the old one is deleted.
+void Importer::replaceRecord(const Record& record, size_t place, const Descriptor& file,
+                             uint64_t size) {
+  const std::string& path = tree_.files[place].path;
+  if (size > kLargeFile) {
+    bytes_ += batch_.addPieces(record.id(), place, file, path);
+    table_.remove(record);
+    return;
+  }
+  readAll(file.number(), path, &buffer_);
+  batch_.finish();
+  if (!table_.modify(record, buffer_)) throw noSuchRecord(database_, table_, record.id());
+  bytes_ += buffer_.size();
+}
+
+uint64_t Importer::filesBetween(size_t from, size_t to) const {
+  uint64_t count = 0;
+  for (size_t i = from; i < to; ++i) {
+    if (tree_.files[i].file.kind == FileKind::file) ++count;
+  }
+  return count;
+}
+
+// Ends the work: removes the names of what is not stored, and reports how much is.
+std::string Importer::stop() {
+  const size_t firstMissing = batch_.firstMissing(at_);
+  names_.cutFrom(firstMissing);
+  names_.dropOldLinks(firstMissing);
+  try {
+    names_.store();
+  } catch (const Error&) {
+    // Names without records do no harm. The failure that ended the import is reported.
+  }
+  const uint64_t missing = filesBetween(firstMissing, tree_.files.size());
+  return counted(filesBetween(0, firstMissing), "file is", "files are") + " stored, " +
+         counted(missing, "is", "are") +
+         " not; the database is sound; import again with --replace to complete it";
+}
+
+std::string Importer::summary() const {
+  return "imported " + counted(files_, "file", "files") + ", " +
+         counted(folders_, "folder", "folders") + " and " +
+         counted(links_, "symbolic link", "symbolic links") + ", " +
+         counted(bytes_, "byte", "bytes");
+}
+
+}  // namespace qvdb::tool
