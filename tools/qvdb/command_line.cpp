@@ -57,7 +57,7 @@ namespace {
 
 constexpr size_t kWidth = 79;
 constexpr size_t kHelpColumn = 10;
-constexpr size_t kStatusColumn = 5;
+constexpr size_t kStatusColumn = 4;
 constexpr const char* kExitStatus = R"(0  done
 1  failed, or what was asked for does not exist
 2  wrong usage

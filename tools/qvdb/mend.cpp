@@ -81,7 +81,8 @@ qvdb mend notes.qvd)",
     define,
     R"(0  done, or nothing to do
 1  failed, or refused: nothing was changed
-2  wrong usage)",
+2  wrong usage
+3  another process has the database open)",
 };
 
 }  // namespace qvdb::tool

@@ -122,7 +122,8 @@ cp notes.qvd copy.qvd && qvdb repair notes.qvd)",
     define,
     R"(0  done, or nothing to do
 1  failed, or refused because records would be lost, or damage is left
-2  wrong usage)",
+2  wrong usage
+3  another process has the database open)",
 };
 
 }  // namespace qvdb::tool

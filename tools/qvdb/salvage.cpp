@@ -251,7 +251,8 @@ qvdb salvage --deep inside disk.img all.qvd)",
     define,
     R"(0  done, and the new files are sound
 1  failed
-2  wrong usage)",
+2  wrong usage
+3  another process has the database open)",
 };
 
 }  // namespace qvdb::tool
