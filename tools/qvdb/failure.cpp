@@ -21,6 +21,48 @@ constexpr const char* kAdviceForLink = "remove the link, or choose another name"
 
 constexpr const char* kAdviceToSalvage = "'qvdb salvage' writes what can be saved into a new file";
 
+constexpr const char* kAdviceToMend =
+    "'qvdb mend' completes interrupted operations, 'qvdb salvage' saves the rest into a new file, "
+    "--force leaves it out";
+
+constexpr const char* kAdviceOnDamage =
+    "copy the file before you do anything else with it; 'qvdb check' shows what is wrong, 'qvdb "
+    "salvage' saves what can be saved into a new file";
+
+struct Advice {
+  Reason reason;
+  const char* text;
+};
+
+constexpr Advice kAdvice[] = {
+    {Reason::no_such_file, "check the path, or create a database with 'qvdb create'"},
+    {Reason::not_a_file, "give the path of a database file"},
+    {Reason::access_denied, "check the permissions of the file and its folder"},
+    {Reason::in_use, "wait until the other program has closed it, or use --wait SECONDS"},
+    {Reason::cannot_lock, "work on a copy on another file system"},
+    {Reason::read_only_file_system, "work on a copy on a file system that can be written"},
+    {Reason::size_limit, "raise the limit on the size of files ('ulimit -f')"},
+    {Reason::not_a_database, "give the path of a database file"},
+    {Reason::version_out_of_range, "'qvdb info' shows the version and the rest of the header"},
+    {Reason::directory_damaged, kAdviceOnDamage},
+    {Reason::chain_damaged, kAdviceOnDamage},
+    {Reason::data_damaged, kAdviceOnDamage},
+    {Reason::bad_name, "choose a name of 1 to 32 bytes"},
+    {Reason::name_too_long, "choose a name of 1 to 32 bytes"},
+    {Reason::table_missing, "'qvdb tables' lists the tables"},
+    {Reason::table_exists, "choose another name"},
+    {Reason::directory_full, "use another database for more tables"},
+    {Reason::empty_payload, "'qvdb rm' deletes a record"},
+    {Reason::disk_full, "free some space and try again"},
+};
+
+std::string generalAdviceFor(Reason reason) {
+  for (const Advice& advice : kAdvice) {
+    if (advice.reason == reason) return advice.text;
+  }
+  return {};
+}
+
 bool leadsNowhere(const Error& error) {
   return std::string_view(error.what()).ends_with("leads nowhere");
 }
@@ -51,54 +93,14 @@ std::string adviceFor(const Error& error) {
       if (leadsNowhere(error)) return kAdviceForLink;
       if (!std::string_view(error.what()).ends_with("does not exist")) return {};
       return "create it, or use --parents";
-    case Reason::no_such_file:
-      return "check the path, or create a database with 'qvdb create'";
-    case Reason::not_a_file:
-      return "give the path of a database file";
     case Reason::file_exists:
-      if (leadsNowhere(error)) return kAdviceForLink;
-      return adviceForTakenName(error.operation());
-    case Reason::access_denied:
-      return "check the permissions of the file and its folder";
-    case Reason::in_use:
-      return "wait until the other program has closed it, or use --wait SECONDS";
-    case Reason::cannot_lock:
-      return "work on a copy on another file system";
-    case Reason::read_only_file_system:
-      return "work on a copy on a file system that can be written";
-    case Reason::size_limit:
-      return "raise the limit on the size of files ('ulimit -f')";
-    case Reason::not_a_database:
-      return "give the path of a database file";
-    case Reason::version_out_of_range:
-      return "'qvdb info' shows the version and the rest of the header";
+      return leadsNowhere(error) ? kAdviceForLink : adviceForTakenName(error.operation());
     case Reason::cannot_read:
       return isMending ? kAdviceToSalvage : "";
     case Reason::damaged:
-      return isMending ? kAdviceToSalvage
-                       : "'qvdb mend' completes interrupted operations, 'qvdb salvage' saves the "
-                         "rest into a "
-                         "new file, --force leaves it out";
-    case Reason::directory_damaged:
-    case Reason::chain_damaged:
-    case Reason::data_damaged:
-      return "copy the file before you do anything else with it; 'qvdb check' shows what is wrong, "
-             "'qvdb salvage' saves what can be saved into a new file";
-    case Reason::bad_name:
-    case Reason::name_too_long:
-      return "choose a name of 1 to 32 bytes";
-    case Reason::table_missing:
-      return "'qvdb tables' lists the tables";
-    case Reason::table_exists:
-      return "choose another name";
-    case Reason::directory_full:
-      return "use another database for more tables";
-    case Reason::empty_payload:
-      return "'qvdb rm' deletes a record";
-    case Reason::disk_full:
-      return "free some space and try again";
+      return isMending ? kAdviceToSalvage : kAdviceToMend;
     default:
-      return {};
+      return generalAdviceFor(error.reason());
   }
 }
 
