@@ -70,8 +70,7 @@ void printFinding(const Finding& finding, std::set<std::string>* explained) {
 void printSpace(const SpaceUse& space) {
   const auto line = [](const char* what, uint64_t bytes) {
     if (bytes == 0) return;
-    const std::string number = std::to_string(bytes);
-    printLine(std::string(16 - std::min<size_t>(number.size(), 16), ' ') + number + "  " + what);
+    printLine(column(std::to_string(bytes), 16) + "  " + what);
   };
   printLine("bytes:");
   line("header and directory", space.directory);

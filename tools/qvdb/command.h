@@ -1,7 +1,6 @@
 // A command of the tool: its name, its help and what it does. Each command has a file of its own;
 // the list of them is in commands.cpp.
-#ifndef QVDB_TOOL_COMMAND_H
-#define QVDB_TOOL_COMMAND_H
+#pragma once
 
 #include <cstdint>
 #include <functional>
@@ -72,5 +71,3 @@ Action actionOf(const std::shared_ptr<Options>& options, int (*run)(const Option
 }
 
 }  // namespace qvdb::tool
-
-#endif

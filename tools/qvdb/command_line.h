@@ -1,6 +1,5 @@
 // Reads the command line: picks the command, fills its arguments, or shows help.
-#ifndef QVDB_TOOL_COMMAND_LINE_H
-#define QVDB_TOOL_COMMAND_LINE_H
+#pragma once
 
 #include <optional>
 
@@ -13,5 +12,3 @@ namespace qvdb::tool {
 std::optional<Action> readCommandLine(int argc, const char* const* argv);
 
 }  // namespace qvdb::tool
-
-#endif

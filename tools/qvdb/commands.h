@@ -1,6 +1,5 @@
 // All commands of the tool, in the order in which the help lists them.
-#ifndef QVDB_TOOL_COMMANDS_H
-#define QVDB_TOOL_COMMANDS_H
+#pragma once
 
 #include <span>
 
@@ -36,5 +35,3 @@ extern const Command kRenumberCommand;
 extern const Command kRepairCommand;
 
 }  // namespace qvdb::tool
-
-#endif

@@ -2,9 +2,9 @@
 #include "commands.h"
 #include "failure.h"
 #include "output.h"
+#include "packing.h"
 #include "percent_progress.h"
 #include "text.h"
-#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -39,12 +39,8 @@ CompactOptions optionsOf(const Options& options) {
 }
 
 // Reports what was left out besides dead space.
-void tellLosses(const Options& options, const CompactReport& report) {
-  if (report.records_lost > 0) {
-    complain(options.source + ": " + counted(report.records_lost, "record", "records") +
-             " that 'qvdb salvage' finds " + (report.records_lost == 1 ? "is" : "are") +
-             " not in the new file");
-  }
+void reportLosses(const Options& options, const CompactReport& report) {
+  complainOfLosses(options.source, report.records_lost);
   if (report.torn_blocks > 0) {
     printLine(counted(report.torn_blocks, "torn block", "torn blocks") + " of interrupted writes " +
               (report.torn_blocks == 1 ? "is" : "are") + " left out");
@@ -63,15 +59,12 @@ std::string summary(const CompactReport& report, bool isDryRun) {
 
 int run(const Options& options) {
   const CompactOptions how = optionsOf(options);
-  CompactReport report;
-  {
-    Progress progress(options.dryRun ? "reading" : "compacting", 100, nullptr);
-    report = whileInUse([&] {
-      return options.target ? compact(options.source, *options.target, percentOn(progress), how)
-                            : compact(options.source, percentOn(progress), how);
-    });
-  }
-  tellLosses(options, report);
+  const CompactReport report =
+      withPercent(options.dryRun ? "reading" : "compacting", [&](const ProgressFunction& progress) {
+        return options.target ? compact(options.source, *options.target, progress, how)
+                              : compact(options.source, progress, how);
+      });
+  reportLosses(options, report);
   printLine(summary(report, options.dryRun));
   return kDone;
 }

@@ -1,6 +1,4 @@
 // qvdb data: reads or sets a table's block of data.
-#include <limits>
-
 #include "commands.h"
 #include "delivery.h"
 #include "imported_files.h"
@@ -19,10 +17,7 @@ struct Options {
 };
 
 int setData(const Options& options) {
-  const uint64_t reserve = options.reserve.value_or(0);
-  if (reserve > std::numeric_limits<uint32_t>::max()) {
-    throw wrongUsage("--reserve takes at most 4294967295 bytes");
-  }
+  const uint32_t reserve = reserveOf(options.reserve);
   const std::vector<std::byte> data = readInput(*options.set);
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
@@ -32,7 +27,7 @@ int setData(const Options& options) {
     throw Failure(options.file + ": the data of table '" + table.name() +
                   "' holds the names of imported files; use --force to replace it");
   }
-  table.set_data(data, static_cast<uint32_t>(reserve));
+  table.set_data(data, reserve);
   finishWriting(database, options.delivery.noSync);
   return kDone;
 }
@@ -61,15 +56,11 @@ Action define(Arguments& arguments) {
   arguments.option(
       "--reserve", "BYTES", options->reserve,
       "With --set: give the data at least this capacity, so that it can grow in place.");
-  arguments.option("-o,--output", "PATH", options->delivery.output,
-                   "Write to this file, which must not exist yet; '-' is standard output.");
-  arguments.force(options->delivery.force,
-                  "Replace the output file if it exists; with --set, replace the names of imported "
-                  "files.");
-  arguments.parents(options->delivery.parents);
-  arguments.noSync(options->delivery.noSync);
-  arguments.flag("--raw", options->delivery.raw,
-                 "Show the data on a terminal even if it is not plain text.");
+  defineDelivery(
+      arguments, options->delivery,
+      {.force = "Replace the output file if it exists; with --set, replace the names of imported "
+                "files.",
+       .raw = "Show the data on a terminal even if it is not plain text."});
   return actionOf(options, run);
 }
 

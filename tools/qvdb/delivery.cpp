@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <string_view>
 #include <vector>
 
@@ -54,15 +53,6 @@ void deliverToStandardOutput(const PieceReader& read, bool raw) {
   forEachPiece(read, [](std::span<const std::byte> piece) { print(piece); });
 }
 
-void writeAll(int descriptor, const std::string& name, std::span<const std::byte> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-    if (written < 0 && errno != EINTR) throw systemFailure(name, "write");
-    if (written < 0) continue;
-    bytes = bytes.subspan(static_cast<size_t>(written));
-  }
-}
-
 // Whether it is a device or a pipe, which is written to and not replaced.
 bool isSomethingElse(const std::string& path) {
   struct stat status = {};
@@ -78,6 +68,14 @@ void deliverToDevice(const PieceReader& read, const std::string& path, bool forc
 }
 
 }  // namespace
+
+void defineDelivery(Arguments& arguments, DeliveryOptions& options, const DeliveryHelp& help) {
+  arguments.option("-o,--output", "PATH", options.output, help.output);
+  arguments.force(options.force, help.force);
+  arguments.parents(options.parents);
+  arguments.noSync(options.noSync);
+  arguments.flag("--raw", options.raw, help.raw);
+}
 
 void deliver(const PieceReader& read, const std::string& source, const DeliveryOptions& options) {
   if (!options.output || *options.output == "-") return deliverToStandardOutput(read, options.raw);

@@ -1,6 +1,5 @@
 // Writes bytes from a database to standard output or into a new file.
-#ifndef QVDB_TOOL_DELIVERY_H
-#define QVDB_TOOL_DELIVERY_H
+#pragma once
 
 #include <qvdbase/qvdb.hpp>
 
@@ -10,6 +9,8 @@
 #include <optional>
 #include <span>
 #include <string>
+
+#include "command.h"
 
 namespace qvdb::tool {
 
@@ -24,6 +25,14 @@ struct DeliveryOptions {
   bool noSync = false;                // do not wait for the device
 };
 
+// What the help says about these options.
+struct DeliveryHelp {
+  const char* output = "Write to this file, which must not exist yet; '-' is standard output.";
+  const char* force = "Replace the output file if it exists.";
+  const char* raw = "Show the payload on a terminal even if it is not plain text.";
+};
+void defineDelivery(Arguments& arguments, DeliveryOptions& options, const DeliveryHelp& help = {});
+
 // Delivers all bytes, in pieces. A new file gets the permissions of `source`, the database. Throws
 // Failure when binary bytes would go to a terminal and raw is not set, and when something cannot be
 // written; Error for the file (see OutputFile). No part of the file is left then.
@@ -33,5 +42,3 @@ void deliver(const PieceReader& read, const std::string& source, const DeliveryO
 void writePieces(const PieceReader& read, OutputFile& file);
 
 }  // namespace qvdb::tool
-
-#endif

@@ -1,6 +1,5 @@
 // How the tool fails: one line on standard error that names the file, what is wrong and what to do.
-#ifndef QVDB_TOOL_FAILURE_H
-#define QVDB_TOOL_FAILURE_H
+#pragma once
 
 #include <qvdbase/qvdb.hpp>
 
@@ -37,5 +36,3 @@ std::string adviceFor(const Error& error);
 void complain(const std::string& message);
 
 }  // namespace qvdb::tool
-
-#endif

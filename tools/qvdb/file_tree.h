@@ -1,6 +1,5 @@
 // Lists the files, folders and symbolic links of an import.
-#ifndef QVDB_TOOL_FILE_TREE_H
-#define QVDB_TOOL_FILE_TREE_H
+#pragma once
 
 #include <sys/stat.h>
 
@@ -34,5 +33,3 @@ FileTree listFiles(const std::vector<std::string>& paths, const std::string& dat
 ImportedFile propertiesOf(const struct stat& status, std::string name);
 
 }  // namespace qvdb::tool
-
-#endif

@@ -2,8 +2,7 @@
 //
 // Every step goes from folder to folder by open descriptors and follows no symbolic link, so that
 // neither a name nor a link, old or just written, leads out of it.
-#ifndef QVDB_TOOL_FOLDER_WRITER_H
-#define QVDB_TOOL_FOLDER_WRITER_H
+#pragma once
 
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -71,5 +70,3 @@ class FolderWriter {
 };
 
 }  // namespace qvdb::tool
-
-#endif

@@ -27,13 +27,7 @@ Action define(Arguments& arguments) {
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.argument("RECORD", options->record, kRecordHelp);
-  arguments.option("-o,--output", "PATH", options->delivery.output,
-                   "Write to this file, which must not exist yet; '-' is standard output.");
-  arguments.force(options->delivery.force, "Replace the output file if it exists.");
-  arguments.parents(options->delivery.parents);
-  arguments.noSync(options->delivery.noSync);
-  arguments.flag("--raw", options->delivery.raw,
-                 "Show the payload on a terminal even if it is not plain text.");
+  defineDelivery(arguments, options->delivery);
   return actionOf(options, run);
 }
 

@@ -23,21 +23,17 @@ struct Options {
 };
 
 void printVersion(const FoundBlock& version) {
-  const auto column = [](uint64_t number) {
-    const std::string text = std::to_string(number);
-    return std::string(12 - std::min<size_t>(12, text.size()), ' ') + text;
-  };
-  printLine(timeText(version.modify_time) + column(static_cast<uint64_t>(version.offset)) +
-            column(version.there) + "  " + std::string(to_string(version.label)) +
+  printLine(timeText(version.modify_time) + column(std::to_string(version.offset), 12) +
+            column(std::to_string(version.there), 12) + "  " +
+            std::string(to_string(version.label)) +
             (version.there < version.length ? ", cut short" : ""));
 }
 
 Json jsonOf(const FoundBlock& version) {
-  static constexpr const char* kGrades[] = {"A", "B", "C"};
   Json json;
   json["offset"] = version.offset;
   json["label"] = to_string(version.label);
-  json["grade"] = kGrades[static_cast<int>(version.grade)];
+  json["grade"] = letterOf(version.grade);
   json["created"] = timeText(version.create_time);
   json["modified"] = timeText(version.modify_time);
   json["length"] = version.length;
@@ -95,13 +91,11 @@ Action define(Arguments& arguments) {
   arguments.argument("RECORD", options->record, kRecordInUseOrNotHelp);
   arguments.option("--at", "OFFSET", options->at,
                    "Write the payload of the version at this offset to standard output.");
-  arguments.option("-o,--output", "FILE", options->delivery.output,
-                   "With --at: write to this file instead.");
-  arguments.force(options->delivery.force, "With -o: replace the file if it exists.");
-  arguments.parents(options->delivery.parents);
-  arguments.noSync(options->delivery.noSync);
-  arguments.flag("--raw", options->delivery.raw,
-                 "With --at: show the payload on a terminal even if it is not plain text.");
+  defineDelivery(
+      arguments, options->delivery,
+      {.output = "With --at: write to this file, which must not exist yet; '-' is standard output.",
+       .force = "With -o: replace the file if it exists.",
+       .raw = "With --at: show the payload on a terminal even if it is not plain text."});
   arguments.json(options->json);
   return actionOf(options, run);
 }

@@ -3,6 +3,8 @@
 #include <qvdbase/qvdb.hpp>
 
 #include "commands.h"
+#include "format/layout.h"
+#include "locate.h"
 #include "output.h"
 #include "text.h"
 
@@ -14,11 +16,9 @@ struct Options {
   bool json = false;
 };
 
-constexpr uint16_t kUnfinishedPack = 101;
-
 const char* stateOf(const DatabaseInfo& info) {
   if (!info.version_is_usable()) return "unusable: the version is not in 100 to 199";
-  if (info.version == kUnfinishedPack)
+  if (info.version == qvdbase::format::kUnfinishedPackVersion)
     return "an unfinished pack: a copy in which records are missing";
   return "usable";
 }
@@ -51,7 +51,7 @@ int run(const Options& options) {
 
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
-  arguments.argument("FILE", options->file, "The database file.");
+  arguments.argument("FILE", options->file, kFileHelp);
   arguments.json(options->json);
   return actionOf(options, run);
 }

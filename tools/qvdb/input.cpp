@@ -24,6 +24,7 @@ constexpr size_t kMostInMemory = size_t{1} << 20;
 constexpr size_t kLargestPayload = 0xFFFFFFFF;
 constexpr size_t kNoLimit = std::numeric_limits<size_t>::max();
 constexpr const char* kStandardInput = "standard input";
+constexpr const char* kTemporaryFile = "temporary file";
 
 Failure tooLarge(const std::string& name) {
   return Failure(name +
@@ -86,6 +87,14 @@ Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
   return *this;
 }
 
+void writeAll(int descriptor, const std::string& name, std::span<const std::byte> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+    if (written < 0 && errno != EINTR) throw systemFailure(name, "write");
+    if (written > 0) bytes = bytes.subspan(static_cast<size_t>(written));
+  }
+}
+
 void readAll(int descriptor, const std::string& name, std::vector<std::byte>* buffer) {
   readUpTo(kLargestPayload, descriptor, name, buffer);
 }
@@ -106,14 +115,6 @@ Input::Input(const std::string& path) : name_(path == "-" ? kStandardInput : pat
   if (static_cast<uint64_t>(status.st_size) > kLargestPayload) throw tooLarge(name_);
 }
 
-void Input::spool(std::span<const std::byte> piece) {
-  while (!piece.empty()) {
-    const ssize_t written = ::write(spooled_.number(), piece.data(), piece.size());
-    if (written < 0 && errno != EINTR) throw systemFailure("temporary file", "write");
-    if (written > 0) piece = piece.subspan(static_cast<size_t>(written));
-  }
-}
-
 void Input::prepare() {
   if (isRegular_) return;
   forEachInputPiece(number(), name_, [this](std::span<const std::byte> piece) {
@@ -123,13 +124,13 @@ void Input::prepare() {
     }
     if (!spooled_) {
       spooled_ = unnamedFile();
-      spool(start_);
+      writeAll(spooled_.number(), kTemporaryFile, start_);
       start_ = {};
     }
-    spool(piece);
+    writeAll(spooled_.number(), kTemporaryFile, piece);
   });
   if (spooled_ && ::lseek(spooled_.number(), 0, SEEK_SET) != 0) {
-    throw systemFailure("temporary file", "read");
+    throw systemFailure(kTemporaryFile, "read");
   }
 }
 
@@ -149,6 +150,13 @@ void forEachInputPiece(int descriptor, const std::string& name, const TakePiece&
     if (size > kLargestPayload) throw tooLarge(name);
     take(std::span<const std::byte>(buffer).first(got));
   }
+}
+
+uint32_t reserveOf(const std::optional<uint64_t>& option) {
+  if (option.value_or(0) > kLargestPayload) {
+    throw wrongUsage("--reserve takes at most 4294967295 bytes");
+  }
+  return static_cast<uint32_t>(option.value_or(0));
 }
 
 std::vector<std::byte> readInput(const std::string& path) {

@@ -1,10 +1,10 @@
-// Reading what is to be stored, or salvaged: a file, or standard input for "-".
-#ifndef QVDB_TOOL_INPUT_H
-#define QVDB_TOOL_INPUT_H
+// Reading what is to be stored, or salvaged: a file, or standard input for "-"; and descriptors.
+#pragma once
 
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <span>
@@ -27,6 +27,9 @@ class Descriptor {
  private:
   int number_;
 };
+
+// Writes all bytes. Throws Failure. `name` is for its message.
+void writeAll(int descriptor, const std::string& name, std::span<const std::byte> bytes);
 
 // Replaces the contents of the buffer by everything that can be read. Throws Failure for more than
 // 4,294,967,295 bytes, the largest payload, and when it cannot be read. `name` is for messages.
@@ -55,14 +58,15 @@ class Input {
   const std::string& name() const { return name_; }
 
  private:
-  void spool(std::span<const std::byte> piece);
-
   std::string name_;
   Descriptor file_;  // none for standard input
   bool isRegular_ = false;
   std::vector<std::byte> start_;  // what has been read before, unless it went to `spooled_`
   Descriptor spooled_;
 };
+
+// The value of --reserve; 0 when it was not given. Throws Failure (wrong usage).
+uint32_t reserveOf(const std::optional<uint64_t>& option);
 
 // The whole of a file, or of standard input for "-".
 std::vector<std::byte> readInput(const std::string& path);
@@ -75,5 +79,3 @@ std::optional<std::string> pathOfStandardInput();
 std::vector<std::byte> readStandardInput();
 
 }  // namespace qvdb::tool
-
-#endif

@@ -1,7 +1,6 @@
 // Ctrl-C, and the other signals that ask a process to end: a command stops between two records and
 // leaves a sound file.
-#ifndef QVDB_TOOL_INTERRUPT_H
-#define QVDB_TOOL_INTERRUPT_H
+#pragma once
 
 namespace qvdb::tool {
 
@@ -20,5 +19,3 @@ bool isInterrupted();
 void throwIfInterrupted();
 
 }  // namespace qvdb::tool
-
-#endif

@@ -5,14 +5,13 @@
 
 #include <unordered_map>
 
+#include "format/layout.h"
 #include "interrupt.h"
 #include "text.h"
 #include "waiting.h"
 
 namespace qvdb::tool {
 namespace {
-
-constexpr uint16_t kUnfinishedPack = 101;
 
 // "./17" is the name 17, which would be taken for an identifier.
 std::string withoutDot(const std::string& name) {
@@ -55,7 +54,7 @@ Database openToRead(const std::string& path) {
 
 Database openToWrite(const std::string& path) {
   Database database = whileInUse([&] { return Database::open(path, Mode::exclusive); });
-  if (database.info().version != kUnfinishedPack) return database;
+  if (database.info().version != qvdbase::format::kUnfinishedPackVersion) return database;
   throw Failure(path +
                 ": is an unfinished pack (version 101), in which records are missing; use the "
                 "source of the pack, or save what it has with 'qvdb salvage'");
@@ -140,6 +139,11 @@ Id recordIdInUseOrNot(const std::string& path, const std::string& table,
   const auto inUse = files->find(withoutDot(idOrName));
   if (removed && (prefer == Prefer::deleted || !inUse)) return files->list()[*removed].record;
   return idOfName(database, found, *files, idOrName);
+}
+
+const char* letterOf(BlockGrade grade) {
+  static constexpr const char* kLetters[] = {"A", "B", "C"};
+  return kLetters[static_cast<size_t>(grade)];
 }
 
 Failure noSuchRecord(const Database& database, const Table& table, Id record) {

@@ -1,6 +1,5 @@
 // From what the user types to databases, tables and records.
-#ifndef QVDB_TOOL_LOCATE_H
-#define QVDB_TOOL_LOCATE_H
+#pragma once
 
 #include <qvdbase/qvdb.hpp>
 
@@ -16,6 +15,7 @@
 namespace qvdb::tool {
 
 inline constexpr const char* kFileHelp = "The database file.";
+inline constexpr const char* kNewFileHelp = "The new file, which must not exist yet.";
 inline constexpr const char* kTableHelp = "A table: its name, or its identifier.";
 inline constexpr const char* kRecordHelp =
     "A record: its identifier or, in a table of imported files, the name of a file. Write ./NAME "
@@ -65,6 +65,9 @@ enum class Prefer { inUse, deleted };
 Id recordIdInUseOrNot(const std::string& path, const std::string& table,
                       const std::string& idOrName, Prefer prefer);
 
+// "A", "B" or "C".
+const char* letterOf(BlockGrade grade);
+
 // The failure that a record does not exist.
 Failure noSuchRecord(const Database& database, const Table& table, Id record);
 
@@ -74,5 +77,3 @@ std::vector<Record> findRecords(const Database& database, const Table& table,
                                 const std::vector<std::string>& idsOrNames);
 
 }  // namespace qvdb::tool
-
-#endif

@@ -75,14 +75,7 @@ void printJson(const Json& value) {
 
 void addText(Json* object, const char* key, std::string_view bytes) {
   (*object)[key] = bytes;
-  if (isUtf8(bytes)) return;
-  std::string digits;
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    digits += "0123456789abcdef"[byte >> 4];
-    digits += "0123456789abcdef"[byte & 15];
-  }
-  (*object)[std::string(key) + "_bytes"] = digits;
+  if (!isUtf8(bytes)) (*object)[std::string(key) + "_bytes"] = hexDigits(bytes);
 }
 
 JsonArrayWriter::JsonArrayWriter(const Json& head, const char* arrayName) {

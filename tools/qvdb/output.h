@@ -1,6 +1,5 @@
 // Standard output: buffered, and never silently lost.
-#ifndef QVDB_TOOL_OUTPUT_H
-#define QVDB_TOOL_OUTPUT_H
+#pragma once
 
 #include <nlohmann/json_fwd.hpp>
 #include <span>
@@ -53,5 +52,3 @@ class JsonArrayWriter {
 };
 
 }  // namespace qvdb::tool
-
-#endif

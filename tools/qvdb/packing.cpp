@@ -1,10 +1,10 @@
+// What the commands pack and renumber have in common.
 #include "packing.h"
 
 #include "failure.h"
 #include "output.h"
 #include "percent_progress.h"
 #include "text.h"
-#include "waiting.h"
 
 namespace qvdb::tool {
 
@@ -18,21 +18,19 @@ std::shared_ptr<PackOptions> definePacking(Arguments& arguments) {
   return options;
 }
 
+void complainOfLosses(const std::string& source, uint64_t count) {
+  if (count == 0) return;
+  complain(source + ": " + counted(count, "record", "records") + " that 'qvdb salvage' finds " +
+           (count == 1 ? "is" : "are") + " not in the new file");
+}
+
 int runPacking(const Packing& packing, const PackOptions& options) {
-  PackReport report;
-  {
-    Progress progress(packing.doing, 100, nullptr);
-    report = whileInUse([&] {
-      return packing.operation(
-          options.source, options.target, percentOn(progress),
-          {.overwrite = options.force, .force = options.force, .create_folders = options.parents});
-    });
-  }
-  if (report.records_lost > 0) {
-    complain(options.source + ": " + counted(report.records_lost, "record", "records") +
-             " that 'qvdb salvage' finds " + (report.records_lost == 1 ? "is" : "are") +
-             " not in the new file");
-  }
+  const PackReport report = withPercent(packing.doing, [&](const ProgressFunction& progress) {
+    return packing.operation(
+        options.source, options.target, progress,
+        {.overwrite = options.force, .force = options.force, .create_folders = options.parents});
+  });
+  complainOfLosses(options.source, report.records_lost);
   for (const std::string& table : report.tables_without_data) {
     complain(options.target + ": table '" + table + "' has records, and therefore lost its data" +
              packing.lostData);

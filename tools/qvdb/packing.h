@@ -1,6 +1,5 @@
 // What the commands pack and renumber have in common.
-#ifndef QVDB_TOOL_PACKING_H
-#define QVDB_TOOL_PACKING_H
+#pragma once
 
 #include <qvdbase/qvdb.hpp>
 
@@ -26,6 +25,9 @@ struct PackOptions {
   bool parents = false;
 };
 
+// Complains when `count` records of the source are not in the new file.
+void complainOfLosses(const std::string& source, uint64_t count);
+
 // Binds the arguments of such a command.
 std::shared_ptr<PackOptions> definePacking(Arguments& arguments);
 
@@ -33,5 +35,3 @@ std::shared_ptr<PackOptions> definePacking(Arguments& arguments);
 int runPacking(const Packing& packing, const PackOptions& options);
 
 }  // namespace qvdb::tool
-
-#endif

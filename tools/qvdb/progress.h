@@ -1,7 +1,6 @@
 // Progress of long work: one line on standard error that is written again and again, only on a
 // terminal.
-#ifndef QVDB_TOOL_PROGRESS_H
-#define QVDB_TOOL_PROGRESS_H
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -37,5 +36,3 @@ class Progress {
 };
 
 }  // namespace qvdb::tool
-
-#endif

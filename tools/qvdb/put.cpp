@@ -1,6 +1,4 @@
 // qvdb put: adds records.
-#include <limits>
-
 #include "commands.h"
 #include "input.h"
 #include "interrupt.h"
@@ -18,14 +16,6 @@ struct Options {
   std::optional<uint64_t> reserve;
   bool noSync = false;
 };
-
-uint32_t reserveOf(const Options& options) {
-  const uint64_t reserve = options.reserve.value_or(0);
-  if (reserve > std::numeric_limits<uint32_t>::max()) {
-    throw wrongUsage("--reserve takes at most 4294967295 bytes");
-  }
-  return static_cast<uint32_t>(reserve);
-}
 
 // Nothing when none was given.
 std::optional<Id> idOf(const Options& options) {
@@ -56,7 +46,7 @@ void refuseTaken(const Database& database, const Table& table, Id id) {
 }
 
 int run(const Options& options) {
-  const uint32_t reserve = reserveOf(options);
+  const uint32_t reserve = reserveOf(options.reserve);
   const std::optional<Id> id = idOf(options);
   if (id && options.inputs.size() > 1) throw wrongUsage("--id takes a single input");
   std::vector<Input> inputs = openInputs(options.inputs);

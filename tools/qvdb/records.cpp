@@ -19,34 +19,58 @@ struct Options {
   bool json = false;
 };
 
-std::string column(std::string text, size_t width) {
-  return std::string(width - std::min(width, text.size()), ' ') + text;
-}
-
 const std::string* nameOf(const std::optional<ImportedFiles>& files, Id record) {
   if (!files) return nullptr;
   const auto index = files->find(record);
   return index ? &files->list()[*index].name : nullptr;
 }
 
-void printRecord(const Record& record, const std::string* name) {
-  const RecordInfo& info = record.info();
-  std::string line = to_string(info.id) + column(std::to_string(info.size), 12) +
-                     column(std::to_string(info.capacity), 12) + "  " + timeText(info.create_time) +
-                     "  " + timeText(info.modify_time);
-  if (name != nullptr) line += "  " + escaped(*name);
+// What the list shows of a record: `third` is the capacity, or the offset of a deleted one.
+struct Row {
+  Id id;
+  uint64_t size;
+  uint64_t third;
+  uint32_t created;
+  uint32_t modified;
+  const std::string* name;  // null for none
+};
+
+void printRow(const Row& row) {
+  std::string line = to_string(row.id) + column(std::to_string(row.size), 12) +
+                     column(std::to_string(row.third), 12) + "  " + timeText(row.created) + "  " +
+                     timeText(row.modified);
+  if (row.name != nullptr) line += "  " + escaped(*row.name);
   printLine(line);
 }
 
-Json jsonOf(const Record& record, const std::string* name) {
-  const RecordInfo& info = record.info();
+void printHead(const char* third, bool hasNames) {
+  printLine("ID                        SIZE" + column(third, 12) +
+            "  CREATED               MODIFIED" + (hasNames ? "              NAME" : ""));
+}
+
+Json jsonOf(const Row& row, const char* third) {
   Json json;
-  json["id"] = to_string(info.id);
-  json["size"] = info.size;
-  json["capacity"] = info.capacity;
-  json["created"] = timeText(info.create_time);
-  json["modified"] = timeText(info.modify_time);
-  if (name != nullptr) addText(&json, "name", *name);
+  json["id"] = to_string(row.id);
+  json["size"] = row.size;
+  json[third] = row.third;
+  json["created"] = timeText(row.created);
+  json["modified"] = timeText(row.modified);
+  return json;
+}
+
+void addName(Json* json, const Row& row) {
+  if (row.name != nullptr) addText(json, "name", *row.name);
+}
+
+Row rowOf(const Record& record, const std::optional<ImportedFiles>& files) {
+  const RecordInfo& info = record.info();
+  return {info.id,          info.size,        info.capacity,
+          info.create_time, info.modify_time, nameOf(files, info.id)};
+}
+
+Json jsonOf(const Row& row) {
+  Json json = jsonOf(row, "capacity");
+  addName(&json, row);
   return json;
 }
 
@@ -72,7 +96,7 @@ void printJsonList(const Options& options, const Table& table,
   JsonArrayWriter writer(head, "records");
   try {
     forEachRecord(table, limit,
-                  [&](const Record& r) { writer.add(jsonOf(r, nameOf(files, r.id()))); });
+                  [&](const Record& record) { writer.add(jsonOf(rowOf(record, files))); });
   } catch (const Error& error) {
     writer.finish(escaped(error.what()));
     throw;
@@ -92,23 +116,16 @@ const std::string* formerName(const std::optional<ImportedFiles>& files, Id reco
   return index ? &files->list()[*index].name : nameOf(files, record);
 }
 
-void printDeleted(const FoundBlock& block, const std::string* name) {
-  std::string line = to_string(block.record) + column(std::to_string(block.there), 12) +
-                     column(std::to_string(block.offset), 12) + "  " + timeText(block.create_time) +
-                     "  " + timeText(block.modify_time);
-  if (name != nullptr) line += "  " + escaped(*name);
-  printLine(line);
+Row rowOf(const FoundBlock& block, const std::optional<ImportedFiles>& files) {
+  return {block.record,      block.there,       static_cast<uint64_t>(block.offset),
+          block.create_time, block.modify_time, formerName(files, block.record)};
 }
 
-Json jsonOf(const FoundBlock& block, const std::string* name) {
-  Json json;
-  json["id"] = to_string(block.record);
-  json["size"] = block.there;
-  json["offset"] = block.offset;
-  json["created"] = timeText(block.create_time);
-  json["modified"] = timeText(block.modify_time);
+Json jsonOf(const FoundBlock& block, const std::optional<ImportedFiles>& files) {
+  const Row row = rowOf(block, files);
+  Json json = jsonOf(row, "offset");
   json["label"] = to_string(block.label);
-  if (name != nullptr) addText(&json, "name", *name);
+  addName(&json, row);
   return json;
 }
 
@@ -134,14 +151,12 @@ int listDeleted(const Options& options) {
     addText(&head, "file", options.file);
     addText(&head, "table", options.table);
     JsonArrayWriter writer(head, "deleted");
-    for (const FoundBlock& block : blocks)
-      writer.add(jsonOf(block, formerName(files, block.record)));
+    for (const FoundBlock& block : blocks) writer.add(jsonOf(block, files));
     writer.finish();
     return kDone;
   }
-  printLine(std::string("ID                        SIZE      OFFSET  CREATED               ") +
-            "MODIFIED" + (files ? "              NAME" : ""));
-  for (const FoundBlock& block : blocks) printDeleted(block, formerName(files, block.record));
+  printHead("OFFSET", files.has_value());
+  for (const FoundBlock& block : blocks) printRow(rowOf(block, files));
   return kDone;
 }
 
@@ -154,9 +169,8 @@ int run(const Options& options) {
   if (options.json) {
     printJsonList(options, table, files, limit);
   } else {
-    printLine(std::string("ID                        SIZE    CAPACITY  CREATED               ") +
-              "MODIFIED" + (files ? "              NAME" : ""));
-    forEachRecord(table, limit, [&](const Record& r) { printRecord(r, nameOf(files, r.id())); });
+    printHead("CAPACITY", files.has_value());
+    forEachRecord(table, limit, [&](const Record& record) { printRow(rowOf(record, files)); });
   }
   return files && !files->isWhole() ? kFailed : kDone;
 }

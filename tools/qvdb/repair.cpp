@@ -5,7 +5,6 @@
 #include "output.h"
 #include "percent_progress.h"
 #include "text.h"
-#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -17,7 +16,7 @@ struct Options {
 };
 
 // Reports how many records would be lost.
-void tellLosses(const RepairPreview& preview) {
+void reportLosses(const RepairPreview& preview) {
   for (const RepairedTable& table : preview.tables) {
     if (table.missed > 0) {
       printLine("table '" + escaped(table.name) +
@@ -46,7 +45,7 @@ void refuseFalseComfort(const Options& options, const char* what) {
 
 int predict(const Options& options, const RepairPreview& preview) {
   if (preview.result == 1) throw Failure(options.file + ": repair would fail: " + preview.failure);
-  tellLosses(preview);
+  reportLosses(preview);
   if (preview.result == 0) refuseFalseComfort(options, "repair would change nothing");
   printLine(preview.result == 0 ? "every chain is sound; there is nothing to repair"
                                 : "broken chains would be relinked");
@@ -74,14 +73,12 @@ int run(const Options& options) {
   const RepairPreview preview = predict_repair(options.file);
   if (options.dryRun) return predict(options, preview);
   if (preview.result != 1) {
-    tellLosses(preview);
+    reportLosses(preview);
     refuseLosses(options, preview);
   }
-  RepairOutcome outcome = RepairOutcome::sound;
-  {
-    Progress progress("repairing", 100, nullptr);
-    outcome = whileInUse([&] { return repair(options.file, percentOn(progress)); });
-  }
+  const RepairOutcome outcome = withPercent("repairing", [&](const ProgressFunction& progress) {
+    return repair(options.file, progress);
+  });
   refuseFalseComfort(options, outcome == RepairOutcome::sound ? "nothing was repaired"
                                                               : "broken chains were relinked");
   printLine(outcome == RepairOutcome::sound ? "every chain is sound; nothing was repaired"

@@ -65,8 +65,7 @@ struct Tally {
 };
 
 std::string lineOf(const FoundBlock& block) {
-  static constexpr const char* kGrades[] = {"A", "B", "C"};
-  return std::to_string(block.offset) + "  " + kGrades[static_cast<int>(block.grade)] + "  " +
+  return std::to_string(block.offset) + "  " + letterOf(block.grade) + "  " +
          (block.is_table_data ? "table data        " : to_string(block.record)) + "  " +
          (block.table_name.empty() ? to_string(block.table) : escaped(block.table_name)) + "  " +
          std::to_string(block.there) + " bytes  " + keyOf(block) +
@@ -188,7 +187,7 @@ Action define(Arguments& arguments) {
   SalvageOptions& salvage = options->salvage;
   arguments.argument("SRC", options->source,
                      "The damaged file, or a device or an image of one; '-' is standard input.");
-  arguments.argument("DST", options->target, "The new file, which must not exist yet.");
+  arguments.argument("DST", options->target, kNewFileHelp);
   arguments.flag("--deleted", salvage.deleted,
                  "Also save deleted records, into the table lost-and-found.");
   arguments.flag("--versions", salvage.versions,

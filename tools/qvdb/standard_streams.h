@@ -1,6 +1,5 @@
 // The standard streams that the tool was started without.
-#ifndef QVDB_TOOL_STANDARD_STREAMS_H
-#define QVDB_TOOL_STANDARD_STREAMS_H
+#pragma once
 
 namespace qvdb::tool {
 
@@ -10,5 +9,3 @@ namespace qvdb::tool {
 void openMissingStreams();
 
 }  // namespace qvdb::tool
-
-#endif

@@ -25,7 +25,7 @@ struct TableStatistics {
   TableInfo info;
   uint64_t records = 0;
   uint64_t payload = 0;
-  uint64_t room = 0;
+  uint64_t capacity = 0;
   uint32_t smallest = 0;
   uint32_t largest = 0;
   uint32_t oldest = 0;  // create time
@@ -38,13 +38,13 @@ struct TableStatistics {
     largest = std::max(largest, record.size);
     latest = std::max(latest, record.modify_time);
     payload += record.size;
-    room += record.capacity;
+    capacity += record.capacity;
     ++records;
   }
 
   // The capacity of table data is not known, only its size: spare capacity counts as unused.
   uint64_t liveBytes() const {
-    return records * kRecordBlockOverhead + room +
+    return records * kRecordBlockOverhead + capacity +
            (dataSize.bytes ? *dataSize.bytes + kTableDataBlockOverhead : 0);
   }
 };
@@ -76,7 +76,7 @@ Json jsonOf(const TableStatistics& table) {
   json["records"] = table.records;
   json["records_ever_added"] = table.info.record_write_count;
   json["payload_bytes"] = table.payload;
-  json["room_bytes"] = table.room;
+  json["room_bytes"] = table.capacity;
   json["smallest"] = table.records == 0 ? Json(nullptr) : Json(table.smallest);
   json["largest"] = table.records == 0 ? Json(nullptr) : Json(table.largest);
   json["first_created"] = table.records == 0 ? Json(nullptr) : Json(timeText(table.oldest));
@@ -95,7 +95,7 @@ void printTable(const TableStatistics& table) {
     printLine("  payload       " + std::to_string(table.payload) + " bytes, " +
               std::to_string(table.payload / table.records) + " on average, " +
               std::to_string(table.smallest) + " to " + std::to_string(table.largest));
-    printLine("  capacity      " + std::to_string(table.room) + " bytes");
+    printLine("  capacity      " + std::to_string(table.capacity) + " bytes");
     printLine("  times         created from " + timeText(table.oldest) + ", modified until " +
               timeText(table.latest));
   }

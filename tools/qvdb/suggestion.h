@@ -1,6 +1,5 @@
 // What the user may have meant by the name of a command that there is not.
-#ifndef QVDB_TOOL_SUGGESTION_H
-#define QVDB_TOOL_SUGGESTION_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -11,5 +10,3 @@ namespace qvdb::tool {
 std::string suggestionFor(std::string_view word);
 
 }  // namespace qvdb::tool
-
-#endif

@@ -14,10 +14,6 @@ struct Options {
   bool json = false;
 };
 
-std::string column(std::string text, size_t width) {
-  return std::string(width - std::min(width, text.size()), ' ') + text;
-}
-
 std::string sizeText(const DataSize& size) {
   if (!size.isKnown) return "?";
   return size.bytes ? std::to_string(*size.bytes) : "-";

@@ -18,15 +18,6 @@ bool isDeceptive(uint32_t code) {
          code == 0x200E || code == 0x200F || code == 0x2028 || code == 0x2029;
 }
 
-void appendHex(std::string* text, std::string_view bytes) {
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    *text += "\\x";
-    *text += "0123456789abcdef"[byte >> 4];
-    *text += "0123456789abcdef"[byte & 15];
-  }
-}
-
 // How long the character would be that begins with this byte; 0 for a byte that begins none.
 size_t announcedLength(unsigned char byte) {
   if (byte < 0x80) return 1;
@@ -71,7 +62,7 @@ std::string escaped(std::string_view bytes) {
     const size_t length = utf8Character(bytes, &code);
     const std::string_view character = bytes.substr(0, std::max<size_t>(length, 1));
     if (length == 0 || isControl(code) || isDeceptive(code)) {
-      appendHex(&text, character);
+      text += hexDigits(character, "\\x");
     } else if (code == '\\') {
       text += "\\\\";
     } else {
@@ -133,6 +124,21 @@ std::string wrapped(std::string_view text, size_t width, size_t indent) {
     from = std::min(text.find_first_not_of(' ', end), text.size());
   }
   return result + '\n';
+}
+
+std::string column(std::string_view text, size_t width) {
+  return std::string(width - std::min(width, text.size()), ' ').append(text);
+}
+
+std::string hexDigits(std::string_view bytes, const char* prefix) {
+  std::string digits;
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    digits += prefix;
+    digits += "0123456789abcdef"[byte >> 4];
+    digits += "0123456789abcdef"[byte & 15];
+  }
+  return digits;
 }
 
 std::string counted(uint64_t count, const char* one, const char* many) {

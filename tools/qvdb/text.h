@@ -1,6 +1,5 @@
 // Text for people: what comes from a file is escaped before it reaches a terminal.
-#ifndef QVDB_TOOL_TEXT_H
-#define QVDB_TOOL_TEXT_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -30,6 +29,12 @@ std::string timeText(int64_t seconds);
 // kept.
 std::string wrapped(std::string_view text, size_t width, size_t indent);
 
+// The text with blanks before it, `width` columns in all or as many as it needs.
+std::string column(std::string_view text, size_t width);
+
+// All bytes in hexadecimal digits, each after `prefix`.
+std::string hexDigits(std::string_view bytes, const char* prefix = "");
+
 // "1 file", "2 files".
 std::string counted(uint64_t count, const char* one, const char* many);
 
@@ -38,5 +43,3 @@ inline constexpr const char* kSourceInUse =
     "Another process has the source open for writing: repeat this when it has closed the file.";
 
 }  // namespace qvdb::tool
-
-#endif

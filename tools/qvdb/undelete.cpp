@@ -58,7 +58,7 @@ int run(const Options& options) {
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("SRC", options->source, kFileHelp);
-  arguments.argument("DST", options->target, "The new file, which must not exist yet.");
+  arguments.argument("DST", options->target, kNewFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.argument("RECORD", options->record, kRecordInUseOrNotHelp);
   arguments.option("--at", "OFFSET", options->at,

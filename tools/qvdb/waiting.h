@@ -1,6 +1,5 @@
 // Waiting for a database that is in use.
-#ifndef QVDB_TOOL_WAITING_H
-#define QVDB_TOOL_WAITING_H
+#pragma once
 
 #include <qvdbase/qvdb/error.hpp>
 
@@ -38,5 +37,3 @@ auto whileInUse(Attempt attempt) {
 }
 
 }  // namespace qvdb::tool
-
-#endif
