@@ -1,5 +1,5 @@
-// Transfer scopes: what is gathered and served from memory inside one call, and what nobody may
-// notice of it.
+// Transfer scopes: what is gathered and served from memory inside one call, and what must
+// not be noticed of it.
 #include "platform/transfer/transfer.h"
 #include "kit/layers.h"
 
@@ -318,7 +318,7 @@ TEST_F(Transfers, AnInnerScopeSeesAndHandsOverLikeACallOfItsOwn) {
   EXPECT_EQ(readAt(file, 50, 5), "inner");
 }
 
-TEST_F(Transfers, ARefusedWriteFailsWhereItIsHandedOverAndAtTheEnd) {
+TEST_F(Transfers, ARefusedWriteFailsWhereItIsSentAndAtTheEnd) {
   if (!platform::gathersTransfers()) GTEST_SKIP();
   const Bytes before = patterned(100);
   const int16_t file = open("f", before);
@@ -327,7 +327,7 @@ TEST_F(Transfers, ARefusedWriteFailsWhereItIsHandedOverAndAtTheEnd) {
   TransferScope scope;
   EXPECT_EQ(readAt(file, 0, 100).size(), 100u);
   EXPECT_TRUE(writeAt(file, 10, "lost"));
-  EXPECT_FALSE(writeAt(file, 90, "behind"));  // hands the first one over
+  EXPECT_FALSE(writeAt(file, 90, "behind"));  // sends the first one
   EXPECT_FALSE(write(file, "later"));         // though the host would take it now
   EXPECT_EQ(readAt(file, 10, 4), before.str().substr(10, 4));
   EXPECT_FALSE(scope.end());
@@ -483,6 +483,54 @@ TEST_F(Transfers, AScopeThatEndsTooEarlyIsAMistake) {
   TransferScope outer;
   TransferScope inner;
   EXPECT_DEATH(static_cast<void>(outer.end()), "ends before one within it");
+}
+
+TEST_F(Transfers, AScopeThatOutlivesThePauseInWhichItBeganIsAMistake) {
+  if (!platform::gathersTransfers()) GTEST_SKIP();
+  std::optional<TransferPause> pause(std::in_place);
+  TransferScope late;
+  EXPECT_DEATH(pause.reset(), "outlives the pause");
+  EXPECT_TRUE(late.end());
+}
+
+TEST_F(Transfers, AScopeThatEndsWhileItIsPausedIsAMistake) {
+  if (!platform::gathersTransfers()) GTEST_SKIP();
+  EXPECT_DEATH(
+      {
+        std::optional<TransferScope> scope(std::in_place);
+        TransferPause pause;
+        scope.reset();
+      },
+      "ends while it is paused");
+}
+
+TEST_F(Transfers, AClosingThatForgetsGatheredWritesIsAMistake) {
+  if (!platform::gathersTransfers()) GTEST_SKIP();
+  const int16_t file = open("f", patterned(10));
+  TransferScope scope;
+  EXPECT_TRUE(write(file, "ab"));
+  EXPECT_DEATH(
+      {
+        *platform::findOpenFile(file) = {};
+        static_cast<void>(scope.end());
+      },
+      "closed before its writes were sent");
+}
+
+TEST_F(Transfers, AWindowThatDiffersFromTheWritesIsAMistake) {
+  if (!platform::gathersTransfers()) GTEST_SKIP();
+  const int16_t file = open("f", patterned(10));
+  TransferScope scope;
+  EXPECT_EQ(readAt(file, 0, 1).size(), 1u);
+  EXPECT_TRUE(writeAt(file, 2, "ab"));
+  EXPECT_DEATH(
+      {
+        const platform::FileEntry* entry = platform::findOpenFile(file)->entry;
+        platform::callState().windows.overwrite(entry, 3, "x", 1);
+        static_cast<void>(scope.end());
+      },
+      "holds bytes that were overwritten");
+  EXPECT_TRUE(scope.end());
 }
 #endif
 

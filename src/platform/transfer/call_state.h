@@ -47,7 +47,7 @@ struct CallState {
 
   // Sends what is gathered. A refusal is noted in the current scope, and nothing that was read is
   // believed any longer: it holds what the file does not.
-  bool flush();
+  bool flush() { return gathered.length() == 0 || send(); }
 
   // Nothing that was read or asked may be believed any longer.
   void forgetWhatWasRead();
@@ -69,6 +69,8 @@ struct CallState {
   bool windowsAgree() const;
 
  private:
+  bool send();
+
   uint64_t sizeLimit_ = 0;
   bool isSizeLimitKnown_ = false;
 };

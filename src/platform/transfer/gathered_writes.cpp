@@ -16,7 +16,7 @@ RefusedWrite GatheredWrites::stopAt(size_t taken) {
 }
 
 bool GatheredWrites::flush(RefusedWrite* refused) {
-  if (length_ == 0) return true;
+  assert(length_ != 0);
   assert(file_->entry == entry_ && "a file was closed before its writes were sent");
   assert(writes_[writeCount_ - 1].end == length_ && "a run ends with bytes that no call writes");
   const size_t length = length_;

@@ -52,6 +52,7 @@ class GatheredWrites {
   // before it has moved.
   void add(OpenFile& file, const void* buffer, size_t count, uint32_t readBefore) {
     assert(canTake(file, count) && "a write joins a run that it does not continue");
+    assert(file.position >= 0 && "a write begins before the file");
     if (length_ == 0) {
       file_ = &file;
       entry_ = file.entry;
@@ -67,12 +68,14 @@ class GatheredWrites {
   // Adds bytes that no call writes, between two writes. There are pending bytes before them, and
   // canTake holds for them and the write after them together, which must follow.
   void addUnchanged(const void* bytes, size_t count) {
+    assert(length_ != 0 && length_ == writes_[writeCount_ - 1].end && "no field is before a gap");
     std::memcpy(bytes_ + length_, bytes, count);
     length_ += count;
   }
 
-  // Sends the pending bytes to the host. False when it did not take them all: the rest is gone, the
-  // file's position is where the write that was refused has stopped, and *refused is stored.
+  // Sends the pending bytes, of which there are some, to the host. False when it did not take them
+  // all: the rest is gone, the file's position is where the write that was refused has stopped, and
+  // *refused is stored.
   bool flush(RefusedWrite* refused);
 
   // What is pending, and where it belongs.

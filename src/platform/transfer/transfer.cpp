@@ -41,7 +41,7 @@ uint64_t CallState::sizeLimit() {
   return sizeLimit_;
 }
 
-bool CallState::flush() {
+bool CallState::send() {
   RefusedWrite refused = {};
   assert(windowsAgree() && "a window holds bytes that were overwritten");
   if (gathered.flush(&refused)) return true;
