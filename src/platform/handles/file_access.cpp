@@ -16,8 +16,8 @@ bool hasNone(int error) {
   return error == ENOTSUP || error == EOPNOTSUPP || error == ENOSYS || error == EPERM;
 }
 
-// What a call stores in a buffer, which it says the size of when it is given none. Another process
-// may make it longer in between: that is a failure like others.
+// What a call stores in a buffer, whose size it reports when it is given none. Another process may
+// make it longer in between: that is a failure like others.
 template <typename Call>
 bool readWhole(Call call, std::string* bytes) {
   const ssize_t size = call(nullptr, size_t{0});
@@ -77,7 +77,8 @@ bool giveOwner(int descriptor, const FileAccess& access) {
          systemCalls().changeOwner(descriptor, kKeep, access.group) == 0;
 }
 
-// The rights of a group that is not the file's any more go; who was in it is one of the others now.
+// The rights of a group that is no longer the file's are dropped; its members now belong to the
+// others.
 mode_t withoutGroup(mode_t mode) {
   const mode_t group = (mode & S_IRWXG) >> 3;
   return mode & (S_IRWXU | group);

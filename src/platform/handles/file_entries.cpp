@@ -266,6 +266,15 @@ NameOf lookAtName(const Directory& directory, const EntryName& name, dev_t devic
   return isSame ? NameOf::thisFile : NameOf::anotherOrNone;
 }
 
+NameOf lookAtLink(int directory, const char* name, const FileEntry& entry) {
+  struct stat status = {};
+  if (systemCalls().statusAt(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    return NameOf::unknown;
+  }
+  const bool isSame = status.st_dev == entry.device && status.st_ino == entry.inode;
+  return isSame ? NameOf::thisFile : NameOf::anotherOrNone;
+}
+
 int openRegularFile(const Directory& directory, const EntryName& name, int access,
                     struct stat* status) {
   const auto open = [&](int flags) {

@@ -93,6 +93,9 @@ int openRegularFile(const Directory& directory, const EntryName& name, int acces
 enum class NameOf : uint8_t { thisFile, anotherOrNone, unknown };
 NameOf lookAtName(const Directory& directory, const EntryName& name, dev_t device, ino_t inode);
 
+// The same for what the name itself is, links not followed; unknown also when it does not exist.
+NameOf lookAtLink(int directory, const char* name, const FileEntry& entry);
+
 // How often an opening begins again because the file was replaced meanwhile.
 inline constexpr int kOpeningTries = 100;
 

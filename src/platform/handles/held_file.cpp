@@ -73,10 +73,7 @@ uint64_t HeldFile::nameCount() const {
 }
 
 bool HeldFile::isNamed(const Directory& folder, const EntryName& name) const {
-  struct stat status = {};
-  if (systemCalls().statusAt(folder.descriptor(), name.bytes(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-    return false;
-  return status.st_dev == entry_->device && status.st_ino == entry_->inode;
+  return lookAtLink(folder.descriptor(), name.bytes(), *entry_) == NameOf::thisFile;
 }
 
 }  // namespace qvdbase::platform

@@ -19,10 +19,13 @@ constexpr mode_t kUsualMode = 0666;  // less what the process masks out
 
 }  // namespace
 
-// The name goes first: while the lock is held no other opener can have begun to use the file.
+// The name goes first: while the lock is held no other opener can have begun to use the file. Where
+// the host does not report whose name it is, it is taken for ours: it was made where nothing had
+// it.
 NewFile::~NewFile() {
   if (entry_ == nullptr) return;
-  if (!isPlaced_ && maker_.isOwn() && !isAnothers(temporaryFolder(), temporary_.c_str())) {
+  if (!isPlaced_ && maker_.isOwn() &&
+      lookAtLink(temporaryFolder(), temporary_.c_str(), *entry_) != NameOf::anotherOrNone) {
     systemCalls().removeAt(temporaryFolder(), temporary_.c_str(), 0);
   }
   if (!isHandedOver_) leaveEntry(entry_, Sharing::exclusive);
@@ -93,29 +96,17 @@ Placing NewFile::place(const Replaced& replaced, Waits waits) {
   return Placing::notNamed;
 }
 
-// Whether the name is that of our file. Whoever may write to the folder can give it to another
-// file; a look just before the step cannot exclude that, but leaves hardly a moment for it.
-bool NewFile::isOurs(int folder, const char* name) const {
-  struct stat status = {};
-  if (systemCalls().statusAt(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  return status.st_dev == entry_->device && status.st_ino == entry_->inode;
-}
-
-// Where the host does not report it, the name is taken for ours: it was made where nothing had it.
-bool NewFile::isAnothers(int folder, const char* name) const {
-  struct stat status = {};
-  if (systemCalls().statusAt(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  return status.st_dev != entry_->device || status.st_ino != entry_->inode;
-}
-
 void NewFile::takeBack() {
-  if (!isPlaced_ || !isOurs(folder_.descriptor(), name_->bytes())) return;
+  if (!isPlaced_) return;
+  if (lookAtLink(folder_.descriptor(), name_->bytes(), *entry_) != NameOf::thisFile) return;
   systemCalls().removeAt(folder_.descriptor(), name_->bytes(), 0);
 }
 
 Placing NewFile::giveName(const Replaced& replaced) {
   const NamedIn from = {temporaryFolder(), temporary_.c_str()};
-  if (!isOurs(from.folder, from.name)) return Placing::failed;
+  // Whoever may write to the folder can give the name to another file; a look just before the step
+  // cannot exclude that, but leaves hardly a moment for it.
+  if (lookAtLink(from.folder, from.name, *entry_) != NameOf::thisFile) return Placing::failed;
   const NamedIn to = {folder_.descriptor(), name_->bytes()};
   if (!replaced.isAnything && replaced.file == nullptr) return renameWhereNothingIs(from, to);
   if (replaced.file != nullptr && !replaced.file->isNamed(folder_, *name_)) return Placing::changed;

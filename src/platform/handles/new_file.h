@@ -89,8 +89,6 @@ class NewFile {
 
  private:
   bool createHere(OpenTo openTo);
-  bool isOurs(int folder, const char* name) const;
-  bool isAnothers(int folder, const char* name) const;
   int temporaryFolder() const { return private_ ? private_->descriptor() : folder_.descriptor(); }
   Placing giveName(const Replaced& replaced);
 

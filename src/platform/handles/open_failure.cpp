@@ -1,4 +1,4 @@
-// Looking why a file could not be opened.
+// Finding why a file could not be opened.
 #include "platform/handles/open_failure.h"
 
 #include <algorithm>
@@ -80,9 +80,9 @@ OpenFailureFound walk(const QVWCHAR* path, Place* place) {
   }
 }
 
-// Opens the file for itself, to see what the host says, and tries the lock. Where this process has
-// it open for writing that is known already: a second descriptor must not be closed then, because
-// with some hosts the file's lock would go with it.
+// Opens the file for itself, to see what the host answers, and tries the lock. Not where this
+// process has it open for writing: on some hosts closing a second descriptor gives up the file's
+// lock.
 OpenFailureFound tryToOpen(const Place& place, const EntryName& name, int access, Sharing sharing) {
   struct stat status = {};
   errno = 0;
@@ -94,7 +94,7 @@ OpenFailureFound tryToOpen(const Place& place, const EntryName& name, int access
   return found;
 }
 
-OpenFailureFound lookAtFile(const Place& place, Sharing sharing, bool forEmptying) {
+OpenFailureFound lookAtFile(const Place& place, Sharing sharing) {
   const EntryName name(place.name);
   struct stat status = {};
   if (!name.isValid()) return {OpenFailure::other, {}};
@@ -103,7 +103,6 @@ OpenFailureFound lookAtFile(const Place& place, Sharing sharing, bool forEmptyin
   }
   if (!S_ISREG(status.st_mode)) return {OpenFailure::notAFile, {}};
   const FileEntry* entry = findEntry(status.st_dev, status.st_ino);
-  if (entry != nullptr && forEmptying) return {OpenFailure::inUse, {}};
   if (entry != nullptr && entry->readWrite >= 0) {
     // With a descriptor for writing at hand, only another opener or the lock can have refused.
     return {sharing == Sharing::none ? OpenFailure::none : OpenFailure::inUse, {}};
@@ -129,19 +128,7 @@ OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission) {
   Place place;
   const OpenFailureFound onTheWay = walk(path, &place);
   if (onTheWay.failure != OpenFailure::none) return onTheWay;
-  return lookAtFile(place, sharingOf(permission), false);
-}
-
-// Where a folder or the file still is missing, the host refused to make it.
-OpenFailureFound findCreateFailure(const QVWCHAR* path) {
-  const std::error_code refusal = lastHostFailure();
-  Place place;
-  OpenFailureFound found = walk(path, &place);
-  if (found.failure == OpenFailure::none) found = lookAtFile(place, Sharing::exclusive, true);
-  const bool isMissing =
-      found.failure == OpenFailure::folderMissing || found.failure == OpenFailure::fileMissing;
-  if (!isMissing) return found;
-  return createFailureOf(refusal);
+  return lookAtFile(place, sharingOf(permission));
 }
 
 OpenFailureFound lastCreateFailure() {

@@ -34,12 +34,7 @@ struct OpenFailureFound {
 // `path` has single '/' between its components.
 OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission);
 
-// Finds what kept the file from being created or emptied there: at the path, and, for what cannot
-// be seen from outside, at the last failure of the host (host_failure.h). Missing folders do
-// not prevent it: creating makes them.
-OpenFailureFound findCreateFailure(const QVWCHAR* path);
-
-// The same from the last failure of the host alone, after a new file could not be made, and from
+// What kept a new file from being made, from the last failure of the host (host_failure.h), or from
 // the code with which the host refused to make a folder.
 OpenFailureFound lastCreateFailure();
 OpenFailureFound createFailureOf(const std::error_code& code);

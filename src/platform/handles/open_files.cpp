@@ -25,13 +25,9 @@ OpenFile* lowestFreeNumber(int16_t* number) {
 
 bool openAs(const Directory& directory, const EntryName& name, Sharing sharing, int16_t* file) {
   int16_t number = 0;
-  OpenFile* openFile = lowestFreeNumber(&number);
-  if (openFile == nullptr) return false;
+  if (lowestFreeNumber(&number) == nullptr) return false;
   FileEntry* entry = joinEntry(directory, name, sharing);
-  if (entry == nullptr) return false;
-  *openFile = {entry, 0, descriptorOf(*entry), sharing};
-  *file = number;
-  return true;
+  return entry != nullptr && openEntry(entry, sharing, file);
 }
 
 // Adds two positions. False when the sum is negative or too large.
