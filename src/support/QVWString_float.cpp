@@ -3,7 +3,7 @@
 //
 // The digits come from plain double arithmetic, one at a time. They are exact as far as a double
 // can be trusted (some fifteen digits) and the same on every host; they are not always those of
-// the C library, so that nothing of it may stand in here.
+// the C library, which therefore cannot be used here.
 //
 // Sizes: cvt never holds more than 351 digits, and never more zeros and digits together where the
 // number begins with "0."; so the longest texts are '-', a point and 351 digits in the f form,

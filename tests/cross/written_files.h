@@ -1,5 +1,5 @@
 // Database files that come out the same on every machine: written through the C interface, with
-// clocks that stand still and a generator that starts afresh before every identifier.
+// clocks that do not move and a generator that starts afresh before every identifier.
 #ifndef QVDBASE_TESTS_CROSS_WRITTEN_FILES_H
 #define QVDBASE_TESTS_CROSS_WRITTEN_FILES_H
 

@@ -50,7 +50,7 @@ FileImage expectedRecords() {
   image.record(b).room = bytesOf("written over").zeros(288);
   const auto c = image.addRecord(records, 0xFFFFFFFFFFFFFF03, pattern(1000), written());
   const auto d = image.addRecord(records, 0x04, {}, written());
-  // The third record moved behind the fourth, which was deleted then.
+  // The third record moved after the fourth, which was deleted then.
   RecordFields moved = image.record(c);
   moved.room = pattern(1500, 2);
   moved.dataLength = moved.dataCapacity = 1500;

@@ -1,4 +1,4 @@
-// The entries of open files: shared descriptors, and a name that comes to stand for another file
+// The entries of open files: shared descriptors, and a name that becomes that of another file
 // between looking and opening.
 #include "platform/handles/file_entries.h"
 

@@ -74,7 +74,7 @@ TEST(Memory, OfNoBytesCanBeHad) {
   EXPECT_EQ(buffer.size(), 0u);
 }
 
-// Counts what is handed out less what came back.
+// Counts what was allocated less what was released.
 int g_blocks = 0;
 
 class CountedMemory : public testing::Test {

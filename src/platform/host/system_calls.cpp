@@ -1,8 +1,8 @@
 // The host's side of the table of system calls.
 //
-// QVDBASE_PORTABLE_POSIX selects, wherever a Linux call is used, its plain POSIX twin. Here that is
-// the kind of lock, which Linux can tie to one open file description and POSIX only to the process;
-// renaming without replacing; and extended attributes.
+// QVDBASE_PORTABLE_POSIX selects, wherever a Linux call is used, its plain POSIX counterpart. Here
+// that is the kind of lock, which Linux can tie to one open file description and POSIX only to the
+// process; renaming without replacing; and extended attributes.
 #include "platform/host/system_calls.h"
 
 #include <pthread.h>

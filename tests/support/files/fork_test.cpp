@@ -145,7 +145,7 @@ TEST_F(ForkedOpeners, ParentThatOpensDoesNotStrengthenWhatTheChildHolds) {
   EXPECT_TRUE(close(shared));
 }
 
-// A daemon: the parent opens, the child goes on when the parent has gone.
+// A daemon: the parent opens, the child continues when the parent has ended.
 TEST_F(ForkedOpeners, HandleGoesOnInTheChild) {
   const int16_t exclusive = open(3);
   {

@@ -1,4 +1,4 @@
-// No operation, however it ends, leaves a descriptor or memory behind.
+// No operation, however it ends, leaves a descriptor or memory unreleased.
 #include <gtest/gtest.h>
 #include <qvdbase/QVFile.h>
 
@@ -126,7 +126,7 @@ TEST(Leaks, NoDescriptorStaysOpenBesideAnOpenerWhateverFails) {
   }
 }
 
-// A signal may interrupt a call anywhere; the operation goes on as if nothing had happened.
+// A signal may interrupt a call anywhere; the operation continues as if nothing had happened.
 TEST(Interruption, ChangesNoResult) {
   for (const Operation& operation : kOperations) {
     for (const Call call : {Call::open, Call::lock, Call::truncate}) {

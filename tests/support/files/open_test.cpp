@@ -1,4 +1,5 @@
-// Opening files: paths, permissions, numbers, and who may stand beside whom in one process.
+// Opening files: paths, permissions, numbers, and which openers one process allows beside each
+// other.
 #include <gtest/gtest.h>
 #include <qvdbase/QVFile.h>
 #include <sys/stat.h>
@@ -19,7 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Opens, closes, and tells whether that worked; a refusal must leave the handle unwritten.
+// Opens, closes, and returns whether that worked; a refusal must leave the handle unwritten.
 bool canOpen(const QVWCHAR* path, int permission) {
   int16_t number = 77;
   if (QVFile().QVOpenFile(path, permission, &number) == 1) {

@@ -11,7 +11,7 @@ using namespace qvdbase::test;
 
 namespace {
 
-// The result and the text, which gets exactly the room that the longer of both needs.
+// The result and the text, which gets exactly the capacity that the longer of both needs.
 struct Replaced {
   int result;
   std::u16string text;
@@ -23,8 +23,8 @@ void PrintTo(const Replaced& replaced, std::ostream* out) {
 }
 
 Replaced replace(std::u16string_view subject, const char16_t* from, const char16_t* to,
-                 size_t room = 0) {
-  GuardedText buffer(subject, room);
+                 size_t spare = 0) {
+  GuardedText buffer(subject, spare);
   const int result = QVWString().Replace(buffer, WideText(from), WideText(to));
   return {result, text(buffer)};
 }

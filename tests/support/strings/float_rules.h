@@ -9,7 +9,7 @@
 
 namespace qvdbase::test::rules {
 
-// Digits of a number, and where its decimal point stands among them.
+// Digits of a number, and where its decimal point is among them.
 struct Digits {
   std::string text;
   int point = 0;
@@ -46,7 +46,7 @@ inline Digits digitsOf(double value, int64_t wanted, bool exponentForm) {
     return result;
   }
 
-  // Round at the digit behind the last one wanted, as on paper: the carry goes on as long as it
+  // Round at the digit after the last one wanted, as on paper: the carry goes on as long as it
   // meets nines.
   const auto kept = static_cast<size_t>(last);
   bool carry = result.text[kept] >= '5';

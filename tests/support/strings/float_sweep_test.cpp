@@ -114,7 +114,7 @@ TEST(FloatSweep, LeftAndRightMirrorEachOther) {
   for (int round = 0; round < 10000; ++round) {
     rules::Directive directive = random.directive();
     directive.zero = false;
-    directive.space = false;  // a sign that cannot be told from the fill
+    directive.space = false;  // a sign that cannot be distinguished from the fill
     directive.left = false;
     const double value = random.value();
     const std::string right = libraryText(textOf(directive), value);

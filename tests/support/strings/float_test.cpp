@@ -331,7 +331,7 @@ TEST(FormatFloat, WritesTheLongestNumbers) {
   EXPECT_EQ(largest.substr(0, 15), u"179769313486231");
   EXPECT_EQ(largest.substr(309), u".000000");
   EXPECT_EQ(formatted(360, u"%.400f", -kLargest).size(), 353u);  // the sign, 351 digits, the point
-  EXPECT_EQ(formatted(360, u"%.400f", kSmallest).size(), 352u);  // 350 digits behind the point
+  EXPECT_EQ(formatted(360, u"%.400f", kSmallest).size(), 352u);  // 350 digits after the point
 }
 
 TEST(FormatFloat, KeepsAWidthOfAnySize) {
@@ -374,7 +374,7 @@ TEST(Flt, TakesAnyNegativePrecisionAsSix) {
   EXPECT_EQ(placed(7, 1.5, -1, -1, u'G', 2), u"1.50000");
 }
 
-// The terminated text of cfltcvt, which gets the room it is promised.
+// The terminated text of cfltcvt, which gets the capacity it is promised.
 std::u16string bare(double value, char16_t form, int precision) {
   GuardedText buffer(360);
   QVWString().cfltcvt(value, buffer, form, precision);

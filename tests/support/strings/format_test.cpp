@@ -504,7 +504,7 @@ TEST(Addresses, CanBeWrittenOnTheirOwn) {
 
 // ---- Properties
 
-// The other way round, spaces become spaces behind the text.
+// The other way round, spaces become spaces after the text.
 std::u16string mirrored(std::u16string text) {
   const size_t spaces = text.find_first_not_of(u' ');
   if (spaces == std::u16string::npos) return text;
@@ -518,13 +518,13 @@ TEST(FormatProperties, LeftAndRightMirrorEachOther) {
     const std::u16string tail(rest);
     const size_t flagEnd = tail.find_first_not_of(u"+#");
     const std::u16string flags = tail.substr(0, flagEnd);
-    const std::u16string behind = tail.substr(flagEnd);
+    const std::u16string after = tail.substr(flagEnd);
     for (const int value : values) {
       for (int width = 0; width < 20; ++width) {
         const std::u16string right =
-            formatted(40, u"%" + flags + u"*" + behind, width, value == 0 ? 1 : value);
+            formatted(40, u"%" + flags + u"*" + after, width, value == 0 ? 1 : value);
         const std::u16string left =
-            formatted(40, u"%-" + flags + u"*" + behind, width, value == 0 ? 1 : value);
+            formatted(40, u"%-" + flags + u"*" + after, width, value == 0 ? 1 : value);
         ASSERT_GE(right.size(), static_cast<size_t>(width));
         ASSERT_EQ(narrow(left), narrow(mirrored(right)));
       }

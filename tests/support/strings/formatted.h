@@ -1,4 +1,4 @@
-// One call of formatted output, into a buffer of exactly the room that the expected text takes.
+// One call of formatted output, into a buffer of exactly the size that the expected text takes.
 #ifndef QVDBASE_TESTS_STRINGS_FORMATTED_H
 #define QVDBASE_TESTS_STRINGS_FORMATTED_H
 
@@ -15,7 +15,7 @@
 namespace qvdbase::test {
 
 // Succeeds when the format with these arguments gives this text, its length as the result, a
-// terminator, and nothing behind it.
+// terminator, and nothing after it.
 template <typename... Arguments>
 testing::AssertionResult formats(std::u16string_view expected, const char16_t* format,
                                  Arguments... arguments) {
@@ -29,14 +29,14 @@ testing::AssertionResult formats(std::u16string_view expected, const char16_t* f
          << ", instead of \"" << narrow(expected) << '"';
 }
 
-// The text of a call that needs at most `room` characters.
+// The text of a call that needs at most `capacity` characters.
 template <typename... Arguments>
-std::u16string formatted(size_t room, std::u16string_view format, Arguments... arguments) {
-  GuardedText buffer(room + 1);
+std::u16string formatted(size_t capacity, std::u16string_view format, Arguments... arguments) {
+  GuardedText buffer(capacity + 1);
   const int count = QVWString().swprintf(buffer, WideText(format), arguments...);
   EXPECT_GE(count, 0);
-  EXPECT_LE(static_cast<size_t>(count), room);
-  if (count < 0 || static_cast<size_t>(count) > room) return {};
+  EXPECT_LE(static_cast<size_t>(count), capacity);
+  if (count < 0 || static_cast<size_t>(count) > capacity) return {};
   EXPECT_EQ(buffer.data()[count], 0) << narrow(format);
   return buffer.first(static_cast<size_t>(count));
 }

@@ -19,9 +19,9 @@ class GuardedText {
  public:
   explicit GuardedText(size_t size) : size_(size), units_(size + 2 * kGuard, kUntouched) {}
 
-  // Holds `content` and `room` more characters behind its terminator.
-  explicit GuardedText(std::u16string_view content, size_t room = 0)
-      : GuardedText(content.size() + 1 + room) {
+  // Holds `content` and `spare` more characters after its terminator.
+  explicit GuardedText(std::u16string_view content, size_t spare = 0)
+      : GuardedText(content.size() + 1 + spare) {
     std::copy(content.begin(), content.end(), data());
     data()[content.size()] = 0;
   }
@@ -30,7 +30,7 @@ class GuardedText {
     EXPECT_TRUE(std::all_of(units_.begin(), units_.begin() + kGuard, untouched))
         << "written in front of the buffer";
     EXPECT_TRUE(std::all_of(units_.end() - kGuard, units_.end(), untouched))
-        << "written behind the buffer";
+        << "written past the buffer";
   }
   GuardedText(const GuardedText&) = delete;
   GuardedText& operator=(const GuardedText&) = delete;
