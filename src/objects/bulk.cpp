@@ -35,7 +35,8 @@ void Bulk::requireOpen(const Operation& operation) const {
   if (state == State::discarded) operation.fail(Reason::bad_argument, "the batch was discarded");
 }
 
-void Bulk::requireNoWriter(const Operation& operation) const {
+void Bulk::requireIdle(const Operation& operation) const {
+  requireOpen(operation);
   if (!inPieces) return;
   operation.fail(Reason::appender_open,
                  "a record of the batch is being written in pieces; finish its writer first");

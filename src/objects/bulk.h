@@ -38,8 +38,8 @@ struct Bulk {
   // Throws bad_argument when the batch is no longer open.
   void requireOpen(const Operation& operation) const;
 
-  // Throws appender_open while a record of the batch is written in pieces.
-  void requireNoWriter(const Operation& operation) const;
+  // The same, and throws appender_open while a record of the batch is written in pieces.
+  void requireIdle(const Operation& operation) const;
 
   // A new record as the engine takes it, without the length of its payload. Throws bad_argument for
   // identifier 0.

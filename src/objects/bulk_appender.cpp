@@ -32,8 +32,7 @@ BulkAppender::~BulkAppender() {
 
 Id BulkAppender::add(const NewRecord& record) {
   const Operation operation(bulk_->database, detail::kAppend);
-  bulk_->requireOpen(operation);
-  bulk_->requireNoWriter(operation);
+  bulk_->requireIdle(operation);
   bulk_->add(operation, record);
   return bulk_->latest;
 }
@@ -45,8 +44,7 @@ RecordWriter BulkAppender::writer(uint32_t reserve, std::optional<Id> record) {
 uint32_t BulkAppender::finish() {
   const Operation operation(bulk_->database, detail::kAppend);
   if (bulk_->state == detail::Bulk::State::finished) return taken();
-  bulk_->requireOpen(operation);
-  bulk_->requireNoWriter(operation);
+  bulk_->requireIdle(operation);
   bulk_->finish(operation);
   return taken();
 }

@@ -25,8 +25,7 @@ RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, uint32_t reserve,
                            std::optional<Id> record, bool isAlone)
     : isAlone_(isAlone) {
   const Operation operation(bulk->database, detail::kWrite);
-  bulk->requireOpen(operation);
-  bulk->requireNoWriter(operation);
+  bulk->requireIdle(operation);
   const engine::BatchRecord entry = bulk->entryOf(operation, record, reserve);
   if (!bulk->batch.openRecord(entry)) bulk->failed(operation, format::kRecordBlockOverhead);
   id_ = Id{format::identifierNumber(entry.recordID)};
