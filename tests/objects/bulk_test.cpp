@@ -121,7 +121,7 @@ TEST_F(DiscardedBatches, AreThoseWhoseAppenderIsAssignedTo) {
   table->add(span(bytesOf("again")));
 }
 
-// A record that was added past the layer stays; the zeros over the batch are bytes of no block.
+// A record that was added by a C function stays. The zeros over the batch belong to no block.
 TEST_F(DiscardedBatches, AreOverwrittenWhenSomethingElseWasAppended) {
   expectDamage(kDefaultFile, {"S5"});
   const size_t before = fileSize();
@@ -174,7 +174,7 @@ TEST_F(DiscardedBatches, AreThoseThatCannotBeWritten) {
   table->add(span(bytesOf("after")));
 }
 
-// Records 1 and 2, and a third that cannot be had.
+// Records 1 and 2, and a third that throws.
 struct ThrowingRange {
   struct iterator {
     using iterator_concept = std::input_iterator_tag;
@@ -210,7 +210,7 @@ TEST_F(LayerBulk, OfARangeThatThrowsKeepsNothing) {
   EXPECT_EQ(idsOf(table), (std::vector<uint64_t>{}));
 }
 
-// What would disturb an open batch is refused before anything is written, and the batch goes on.
+// What would disturb an open batch is refused before anything is written, and the batch continues.
 TEST_F(LayerBulk, RefusesCallsThatWouldDisturbIt) {
   auto database = createDatabase();
   auto table = database.add_table("t");

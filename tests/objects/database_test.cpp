@@ -122,7 +122,7 @@ TEST_F(LayerDatabase, ThatMayNotBeReadOrWrittenSaysSo) {
   for (const mode_t mode : {0444u, 0000u}) {
     ::chmod(path().c_str(), mode);
     Unprivileged user(folder.path());
-    if (!user) GTEST_SKIP() << "root cannot act as somebody else here";
+    if (!user) GTEST_SKIP() << "root cannot act as another user here";
     expectError(Reason::access_denied, [&] { openDatabase(Mode::exclusive); });
     expectError(Reason::access_denied, [&] { openDatabase(Mode::shared); });
     if (mode != 0) {
@@ -140,7 +140,7 @@ TEST_F(LayerDatabase, InAFolderThatMayNotBeUsedSaysSo) {
   ::chmod(path("closed").c_str(), 0);
   {
     Unprivileged user(folder.path());
-    if (!user) GTEST_SKIP() << "root cannot act as somebody else here";
+    if (!user) GTEST_SKIP() << "root cannot act as another user here";
     expectError(Reason::access_denied, [&] { Database::open(path("closed/test.qvd")); });
     expectError(Reason::access_denied, [&] { Database::create(path("closed/new.qvd")); });
     expectError(Reason::access_denied, [&] { Database::create(path("closed/deeper/new.qvd")); });

@@ -199,8 +199,8 @@ TEST_F(LongWalk, TellsThatTheChainEndsBeforeTheCountWithinAPiece) {
   EXPECT_NE(why.find("1001"), std::string::npos) << why;
 }
 
-// A piece holds some 840 of these: one of the damages stands at the beginning of one.
-TEST_F(LongWalk, TellsOfADamageThatIsTheFirstOfAPiece) {
+// A piece holds some 840 of these: one of the damaged records is at the beginning of a piece.
+TEST_F(LongWalk, ReportsDamageAtTheBeginningOfAPiece) {
   FileImage image;
   image.addTable("notes", 0x11);
   std::vector<int64_t> at;

@@ -72,7 +72,7 @@ TEST_F(LayerOpen, LooksAtTheEndsOfTheChainsWhenAskedTo) {
   EXPECT_EQ(error->table(), "notes");
 }
 
-// The clock stands still, and each pause advances it. So nothing here depends on time that passes.
+// The clock moves only when a pause advances it, so nothing here depends on time that passes.
 class PatientHost {
  public:
   PatientHost() {

@@ -17,7 +17,7 @@ namespace {
 constexpr int kRecords = 400;
 constexpr size_t kSize = 100;
 
-// A table of records of one size, in file order, and one in the middle that nothing stands beside.
+// A table of records of one size, in file order.
 class SystemCallsTest : public LayerTest {
  protected:
   void SetUp() override {
@@ -36,8 +36,8 @@ class SystemCallsTest : public LayerTest {
   qvdb::Id middle() const { return ids_[kRecords / 2]; }
   const unsigned char* payload() const { return payload_.data(); }
 
-  // The calls on files that the operation makes; "limit" stands once, in front, for each time that
-  // the limit on the length of files was asked.
+  // The calls on files that the operation makes, after one "limit" for each time that it asked for
+  // the limit on the length of files.
   template <typename Operation>
   static std::string callsOf(Operation operation) {
     RecordedCalls host;
@@ -153,8 +153,8 @@ TEST_F(SystemCallsTest, ADeletionByIndexIsTwoReadsAndThreeWrites) {
 }
 
 // Blocks in pieces of 256 KiB; 4,000 of them are 624,000 bytes, so there are three pieces. Each is
-// one write behind a look at the file's end; the second and the third are linked to the one before.
-// Then the link of the last record and the slot.
+// one write after the file's length is asked; the second and the third are linked to the one
+// before. Then the link of the last record and the slot.
 TEST_F(SystemCallsTest, ABatchIsAWriteForEachPiece) {
   EXPECT_EQ(callsOf([&] {
               qvdb::BulkAppender bulk = table_->appender();

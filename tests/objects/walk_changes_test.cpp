@@ -12,7 +12,7 @@ using qvdb::Id;
 using qvdb::Load;
 using qvdb::Record;
 
-// An iterator into a range that is gone would be all that is left of it.
+// Only an iterator would be left of such a range, and it would point to nothing.
 template <typename Range>
 concept BeginsWithoutAName = requires(Range (*make)()) {
   make().begin();
@@ -149,7 +149,7 @@ TEST_F(WalksWithChanges, PassOverWhatIsDeletedAfterARecordThatMoved) {
   EXPECT_EQ(seen, (std::vector<uint64_t>{1, 2, 4, 5, 6}));
 }
 
-// Two walks over one table, each seeing what goes on at the other.
+// Two walks over one table, of which each sees what is deleted during the other.
 TEST_F(WalksWithChanges, SeeWhatIsDeletedAtAnotherWalk) {
   fill(8);
   std::vector<uint64_t> seen;
@@ -164,7 +164,7 @@ TEST_F(WalksWithChanges, SeeWhatIsDeletedAtAnotherWalk) {
   EXPECT_EQ(seen, (std::vector<uint64_t>{1, 2, 3, 5, 7}));
 }
 
-// A walk that has ended, and one that is gone, are told of nothing.
+// No change is reported to a walk that has ended or was destroyed.
 TEST_F(WalksWithChanges, AreNotDisturbedAfterTheirEnd) {
   fill(3);
   auto walk = table.records();

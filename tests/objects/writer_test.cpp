@@ -298,7 +298,7 @@ TEST_F(FullDevices, GetNoFullerByAttemptsThatFail) {
   };
   expectRefused([&] { table.add(span(large)); });
   expectRefused([&] { table.add(span(bytesOf("x")), 100'000); });
-  host.excuseBlocks();  // the chunk that fills room stays when writing it fails
+  host.excuseBlocks();  // the chunk of fill bytes stays when writing it fails
   expectRefused([&] { table.set_data(span(large)); });
   for (const Id id : {first, middle, last}) {
     expectRefused([&] { table.modify(id, span(large)); });
@@ -405,7 +405,7 @@ TEST_F(FullDevices, AreTheReasonWhereverAChangeStops) {
 
 // After the link a read can fail, too.
 TEST_F(FullDevices, AreNotTheOnlyOnesToStopAChangeHalfWay) {
-  // With a read for each field, the look for the reason meets the same refusals.
+  // With a read for each field, the search for the reason is refused in the same way.
   if (!platform::gathersTransfers()) GTEST_SKIP();
   allowDamage();
   {

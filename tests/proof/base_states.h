@@ -81,8 +81,8 @@ inline BaseState fieldAcrossPages(const std::string& name, int64_t before) {
   const size_t notes = image.addTable("notes", kStateTable);
   const size_t other = image.addTable("other", 0x2202);
   image.addRecord(notes, 0xA1, pattern(20, 1));
-  const int64_t room = 8192 - before - image.end() - 56;
-  image.addRecord(other, 0xB1, pattern(static_cast<size_t>(room), 7));
+  const int64_t space = 8192 - before - image.end() - 56;
+  image.addRecord(other, 0xB1, pattern(static_cast<size_t>(space), 7));
   EXPECT_EQ(image.addRecord(notes, 0xA2, pattern(21, 2)), 8192 - before);
   image.addRecord(notes, 0xA3, pattern(22, 3));
   return {name, image.build(), true, kStateTable, ids(3), 0x2202};
@@ -94,8 +94,8 @@ inline BaseState endBeforePage() {
   const size_t notes = image.addTable("notes", kStateTable);
   const size_t other = image.addTable("other", 0x2202);
   addRecords(image, notes, 2);
-  const int64_t room = 8192 - 40 - image.end() - 56;
-  image.addRecord(other, 0xB1, pattern(static_cast<size_t>(room), 7));
+  const int64_t space = 8192 - 40 - image.end() - 56;
+  image.addRecord(other, 0xB1, pattern(static_cast<size_t>(space), 7));
   EXPECT_EQ(image.end(), 8192 - 40);
   return {"end before a page", image.build(), true, kStateTable, ids(2), 0x2202};
 }

@@ -131,7 +131,7 @@ class FailingCalls : public testing::TestWithParam<ScriptedCall> {
     }
     EXPECT_LE(stayed, mayStay ? 1 : 0) << "files that stay open";
     EXPECT_EQ(host.openDescriptors(), 0u);
-    // The chunk that fills room is not given back after a failed write.
+    // The chunk of fill bytes is not freed after a failed write.
     const bool mayLeak = failure != nullptr && failure->kind == Call::write && !outcome.succeeded;
     EXPECT_LE(host.heldBlocks(), mayLeak ? 1u : 0u);
     host.releaseBlocks();

@@ -4,8 +4,8 @@
 //   - an operation that returns has had its whole effect;
 //   - one that does not throws qvdb::Error, and nothing else;
 //   - what it only reads is as it was, and a file that it was to make is whole or not there;
-//   - every record that it was not about can still be had, by salvage at the latest;
-//   - no file stays open and no memory stays taken, but for the chunk that fills room.
+//   - every record that it was not about can still be read, by salvage at the latest;
+//   - no file stays open and no memory stays allocated, except the chunk of fill bytes.
 #include <gtest/gtest.h>
 #include <qvdbase/qvdb.hpp>
 #include <qvdbase/qvdb/check.hpp>
@@ -40,7 +40,7 @@ struct LayerCall {
   std::function<void(const Path& folder)> run;
   bool writesSource = false;       // source.qvd; else it is as it was
   std::set<Id> about = {};         // the records of source.qvd that may be changed or gone
-  std::set<Call> passesOver = {};  // failures that it goes on without, as is stated of it
+  std::set<Call> passesOver = {};  // failures that it survives, as is documented
 
   LayerCall passingOver(std::set<Call> calls) && {
     passesOver = std::move(calls);
@@ -209,8 +209,8 @@ void findOrAddTables(const Path& folder) {
   }
 }
 
-// What a batch that is discarded cannot take back it covers with zeros, or leaves behind without a
-// word, since a destructor cannot throw.
+// What a discarded batch cannot take back it covers with zeros, or leaves without a report, because
+// a destructor cannot throw.
 const std::set<Call> kTakingBack = {Call::length, Call::truncate};
 
 std::vector<LayerCall> batchCalls() {
@@ -322,8 +322,8 @@ class FailingLayerCalls : public testing::TestWithParam<LayerCall> {
 
   // To remove a file, its folder is opened: when the host opens nothing any more, a file under a
   // temporary name stays, and so does one that was whole when its folder could not be synced. A
-  // database that cannot be opened when it was created stays as an empty file: nobody can tell then
-  // whose it is. One that was created, and cannot be opened again in another mode, stays too.
+  // database that cannot be opened after it was created stays as an empty file: it is not certain
+  // then who made it. One that was created, and cannot be opened again in another mode, stays too.
   static bool mayStay(const Failure& failure, const std::string& name, const Bytes& bytes,
                       const Outcome& whole) {
     const std::string call = GetParam().name;
@@ -339,7 +339,7 @@ class FailingLayerCalls : public testing::TestWithParam<LayerCall> {
     const LayerCall& call = GetParam();
     const Bytes* const source = fileOf(outcome.files, "source.qvd");
     ASSERT_NE(source, nullptr);
-    // Its message says so when the new file is in its place all the same.
+    // The message says so when the new file is in its place anyway.
     const bool isPlaced = outcome.message.find("the new file is in its place") != std::string::npos;
     if (isPlaced) return expectWholeEffect(outcome, whole);
     if (!call.writesSource) {
@@ -349,7 +349,7 @@ class FailingLayerCalls : public testing::TestWithParam<LayerCall> {
     }
     for (const auto& [name, bytes] : outcome.files) {
       EXPECT_TRUE(fileOf(before_, name) != nullptr || mayStay(failure, name, bytes, whole))
-          << name << " is left behind: " << outcome.message;
+          << name << " is left: " << outcome.message;
     }
   }
 

@@ -1,11 +1,11 @@
 // Interrupted writes: an operation that ends after any number of the bytes that it writes, as it
 // does when its process is killed. The bytes of each operation on each base state are recorded
-// once; then the file is made anew with every prefix of them. In each of these files
+// once; then the file is made again with every prefix of them. In each of these files
 //
 //   - every record is found, by walking or by salvage, with its payload;
 //   - the check names what the independent checker finds, and finds nothing else;
-//   - listing, appending and repairing go as the check has foretold;
-//   - an append behind the torn bytes, or a repair, loses nothing.
+//   - listing, appending and repairing end as the check has predicted;
+//   - an append after the torn bytes, or a repair, loses nothing.
 #include <gtest/gtest.h>
 #include <qvdbase/qvdbase.h>
 
@@ -43,7 +43,7 @@ Recording recorded(const TempFolder& folder, const BaseState& base, const Operat
 }
 
 // Where an operation is cut off. Everything: after every byte. The sample: at and around each
-// place where the writes go on elsewhere or pass the border of a page, and here and there.
+// place where the writes continue elsewhere or cross the border of a page, and at some others.
 std::vector<size_t> cuts(const std::vector<Write>& writes) {
   const size_t total = byteCount(writes);
   const size_t step = testEverything() ? 1 : 41;
@@ -67,11 +67,11 @@ std::set<std::string> independentCodes(const Bytes& bytes) {
   return {codes.begin(), codes.end()};
 }
 
-// Everything that check tells, for comparing.
-std::multiset<std::pair<std::string, int64_t>> toldBy(const Checked& checked) {
-  std::multiset<std::pair<std::string, int64_t>> told;
-  for (const qvdb::Finding& each : checked.findings) told.emplace(each.code, each.offset);
-  return told;
+// Everything that check reports, for comparing.
+std::multiset<std::pair<std::string, int64_t>> reportedBy(const Checked& checked) {
+  std::multiset<std::pair<std::string, int64_t>> reported;
+  for (const qvdb::Finding& each : checked.findings) reported.emplace(each.code, each.offset);
+  return reported;
 }
 
 // Identifiers of all whole record blocks that are anywhere in the file.
@@ -121,14 +121,15 @@ class InterruptedWrites : public testing::TestWithParam<BaseState> {
   void expectNamed(const Bytes& bytes, const Checked& checked) {
     const std::set<std::string> codes = independentCodes(bytes);
     if (!std::includes(codesBefore_.begin(), codesBefore_.end(), codes.begin(), codes.end())) {
-      EXPECT_NE(toldBy(checked), toldBefore_) << "not told: " << describe(checkFile(bytes));
+      EXPECT_NE(reportedBy(checked), reportedBefore_)
+          << "not reported: " << describe(checkFile(bytes));
     } else if (GetParam().isSound) {
-      // A whole block that is not counted is worth a warning; that is for check alone to tell.
+      // A whole block that is not counted is worth a warning, which only check reports.
       EXPECT_NE(checked.report.state, qvdb::CheckState::damaged) << checked.text();
     }
   }
 
-  // Before its first byte an operation has done nothing, and behind its last one all.
+  // Before its first byte an operation has done nothing, and after its last one everything.
   void expectSound(const Bytes& bytes) {
     const Checked checked = checkBytes(bytes);
     EXPECT_EQ(checked.report.state, qvdb::CheckState::sound) << checked.text();
@@ -192,14 +193,14 @@ class InterruptedWrites : public testing::TestWithParam<BaseState> {
     codesBefore_ = independentCodes(base.bytes);
     EXPECT_EQ(codesBefore_.empty(), base.isSound);
     if (base.isSound) expectSound(base.bytes);
-    toldBefore_ = toldBy(checkBytes(base.bytes));
+    reportedBefore_ = reportedBy(checkBytes(base.bytes));
   }
 
   TempFolder folder;
   std::map<std::string, WideText> wide_;
   Records before_;
   std::set<std::string> codesBefore_;
-  std::multiset<std::pair<std::string, int64_t>> toldBefore_;
+  std::multiset<std::pair<std::string, int64_t>> reportedBefore_;
   std::set<uint64_t> added_;
 };
 

@@ -5,7 +5,7 @@
 //   - the one call that was under way has had its effect, or none, or is named by the check;
 //   - the file can be opened, and appended to unless the check says otherwise.
 //
-// The next writer goes on with the same file, so that damage would add up.
+// The next writer continues with the same file, so that damage would add up.
 #include <gtest/gtest.h>
 #include <qvdbase/qvdbase.h>
 #include <sys/wait.h>
@@ -27,7 +27,7 @@ constexpr uint64_t kTable = 0x1101;
 
 enum class Kind : uint8_t { append, overwrite, relocate, remove };
 
-// What the child tells: before a call what it is about to do, after it that it has returned.
+// What the child reports: before a call what it is about to do, after it that it has returned.
 struct Message {
   Kind kind = Kind::append;
   bool isDone = false;
@@ -56,10 +56,10 @@ class Writer {
 
   void step() {
     Message message = choose();
-    tell(message);
+    report(message);
     if (!carryOut(message)) _exit(3);
     message.isDone = true;
-    tell(message);
+    report(message);
     enter(message, &records_);
   }
 
@@ -100,7 +100,7 @@ class Writer {
     return false;
   }
 
-  void tell(const Message& message) const {
+  void report(const Message& message) const {
     if (::write(pipe_, &message, sizeof message) != sizeof message) _exit(4);
   }
 
@@ -154,7 +154,7 @@ class KilledWriter : public testing::Test {
     nextID = std::max(nextID, message.id + 1);
     if (message.isDone) {
       enter(message, &expected);
-      room_[message.id] = std::max(room_[message.id], message.size);
+      capacity_[message.id] = std::max(capacity_[message.id], message.size);
       underWay->reset();
     } else {
       *underWay = message;
@@ -172,7 +172,7 @@ class KilledWriter : public testing::Test {
         EXPECT_TRUE(isUnderWay && underWay->kind == Kind::remove) << "lost record " << id;
       } else if (!isUnderWay) {
         EXPECT_TRUE(sameBytes(place->second, payload)) << "record " << id;
-      } else if (underWay->kind != Kind::remove && underWay->size > room_[id]) {
+      } else if (underWay->kind != Kind::remove && underWay->size > capacity_[id]) {
         // It goes to a new block, so that it is the one or the other.
         EXPECT_TRUE(place->second == payload || place->second == underWay->payload());
       }
@@ -182,7 +182,7 @@ class KilledWriter : public testing::Test {
   // What the next writer starts from: the call under way counts as it turned out.
   void settle(const std::optional<Message>& underWay) {
     const int16_t db = OpenDBaseW(folder.wide("a.qvd"), 3);
-    ASSERT_NE(db, 0) << "the lock of a killed process stands in the way";
+    ASSERT_NE(db, 0) << "the lock of a killed process is still held";
     const Checked checked = checkBytes(readFile(path), {});
     if (checked.report.tables.at(0).append) {
       uint64_t id = nextID++;
@@ -191,7 +191,7 @@ class KilledWriter : public testing::Test {
       expected[id] = payload;
     }
     CloseDBase(db);
-    if (underWay) room_[underWay->id] = std::max(room_[underWay->id], underWay->size);
+    if (underWay) capacity_[underWay->id] = std::max(capacity_[underWay->id], underWay->size);
     if (checked.report.state == qvdb::CheckState::damaged || underWay) restart();
   }
 
@@ -212,9 +212,9 @@ class KilledWriter : public testing::Test {
   uint64_t nextID = 1;
 
  private:
-  // No block of a record has less room than this. A payload that fits is written over the old one,
+  // No block of a record has less capacity than this. A payload that fits is written over the old,
   // and can be found half written.
-  std::map<uint64_t, uint32_t> room_;
+  std::map<uint64_t, uint32_t> capacity_;
 };
 
 TEST_F(KilledWriter, LosesNothingThatItHasAcknowledged) {

@@ -32,7 +32,7 @@ std::vector<Write> recorded(const TempFolder& folder, const BaseState& base,
   return host.writes("recorded.qvd");
 }
 
-// At and around each place where the writes go on elsewhere; everything: after every byte.
+// At and around each place where the writes continue elsewhere; everything: after every byte.
 std::set<size_t> cuts(const std::vector<Write>& writes) {
   const size_t total = byteCount(writes);
   std::set<size_t> result = {0, total};

@@ -21,7 +21,7 @@ struct Operation {
   enum class Effect {
     none,        // every record stays as it is
     relocates,   // it has either payload
-    overwrites,  // it may have a mixture of both payloads: the format cannot tell
+    overwrites,  // it may have a mixture of both payloads: the format does not show which
     removes,     // it may be gone
   };
 
@@ -131,7 +131,7 @@ inline void addRecordOperations(const BaseState& base, std::vector<Operation>* a
   const std::vector<uint64_t>& ids = base.records;
   if (ids.empty()) return;
   all->push_back(modify("modify in place", base.table, ids[0], 12, Effect::overwrites));
-  // Two bytes of the length change, and what stands there between passes the room.
+  // Two bytes of the length change, and the number between the two writes exceeds the capacity.
   all->push_back(modify("grow in place", base.table, ids.back(), 300, Effect::overwrites));
   all->push_back(touch(base.table, ids[ids.size() / 2]));
   if (ids.size() == 1) {

@@ -69,7 +69,7 @@ ScriptedCall onPath(std::function<bool(Workbench&)> run) {
 // A value that no call writes by chance.
 constexpr uint64_t kUntouched = 0x5A5A5A5A5A5A5A5A;
 
-bool tell(bool succeeded, bool isUntouched) {
+bool judged(bool succeeded, bool isUntouched) {
   if (!succeeded) {
     EXPECT_TRUE(isUntouched) << "a failure has written an output";
   }
@@ -203,7 +203,7 @@ void addAppendingCalls() {
         uint64_t id = kUntouched;
         const bool done =
             function(bench.db, Workbench::kNotes, pattern(60).data(), 60, reserve, &id) == 1;
-        return tell(done, id == kUntouched);
+        return judged(done, id == kUntouched);
       });
     });
     both("AddRecordData_AssignRecordID", "PCARDARID", AddRecordData_AssignRecordID, PCARDARID,
@@ -258,7 +258,7 @@ void addChangingCalls() {
          call.failureMayMove = true;
          return call;
        });
-  // The payload of the second record stands at 4,630 + 106 + 55.
+  // The payload of the second record is at 4,630 + 106 + 55.
   struct Change {
     const char* variant;
     uint64_t record;

@@ -1,5 +1,5 @@
 // The script: one call, or several, of every C function that the library exports, each with what it
-// needs beforehand and a way to tell whether it succeeded.
+// needs beforehand and how to see whether it succeeded.
 #ifndef QVDBASE_TESTS_PROOF_SCRIPTED_CALLS_H
 #define QVDBASE_TESTS_PROOF_SCRIPTED_CALLS_H
 
@@ -16,14 +16,14 @@
 
 namespace qvdbase::test {
 
-// The files that a call works on, made anew for each attempt: source.qvd, which most calls find
+// The files that a call works on, made again for each attempt: source.qvd, which most calls find
 // open as `db`; bare.qvd, a database without tables; old.qvd, a file that may be overwritten.
 class Workbench {
  public:
   static constexpr uint64_t kNotes = 0x1101;       // records 0xA1 to 0xA4, table data
   static constexpr uint64_t kCategories = 0x2202;  // record 0xC1
   static constexpr uint64_t kRecords = 0x3303;     // records 0xE1 to 0xE3
-  static constexpr int64_t kPosition = 77;         // where `db` stands before the call
+  static constexpr int64_t kPosition = 77;         // where `db` is before the call
 
   // Removes everything, and writes the files.
   void reset();
@@ -39,7 +39,7 @@ struct ScriptedCall {
   std::string symbol;
   std::string variant;
   bool wantsHandle = true;  // `db` is opened before
-  // Makes the call, checks what it left in its outputs, and tells whether it succeeded.
+  // Makes the call, checks what it left in its outputs, and returns whether it succeeded.
   std::function<bool(Workbench&)> call;
 
   // What is stated of the call besides:
@@ -47,12 +47,12 @@ struct ScriptedCall {
   bool failureMayMove = false;                   // a failure need not restore the position
   bool failureLeavesOpen = false;                // a failure may leave one file open
   bool keepsHandle = true;                       // `db` is open afterwards
-  bool successLeavesOpen = false;                // it hands out a file
-  // Failures that the call passes over: it goes on without what it wanted, and reports success.
+  bool successLeavesOpen = false;                // it returns a file
+  // Failures that the call passes over: it continues without what it wanted, and reports success.
   std::set<Call> passesOver = {};
   // A failed read is taken for damage, and mended: what is written then is not the beginning of
   // what would have been written.
-  bool takesErrorForDamage = false;  // and mends it: what it writes then is its own
+  bool takesErrorForDamage = false;
 };
 
 // All of them.
