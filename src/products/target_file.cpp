@@ -148,8 +148,11 @@ void TargetFile::giveAccess(const platform::FileAccess* source) {
 
 const std::string& TargetFile::makePrivateFolder() {
   private_ = std::make_unique<platform::PrivateFolder>();
-  if (!private_->make(place_.native())) failMaking();
-  return private_->filePath();
+  if (private_->make(place_.native())) return private_->routinePath();
+  if (!private_->isExposed()) failMaking();
+  fail(Reason::access_denied,
+       "other users may write to its folder or to one above it, and could exchange what is being "
+       "written; choose another folder");
 }
 
 void TargetFile::takeOver(const platform::FileAccess& source) {

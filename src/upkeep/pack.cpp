@@ -58,7 +58,10 @@ class Packing {
         access_(accessOf(source, operation)),
         target_(differing(operation, source, target), operation, rulesOf(options)),
         nativeTarget_(nativePath(target_.makePrivateFolder(), operation)),
-        isForced_(options.force) {}
+        isForced_(options.force) {
+    // What the library cannot open is not written either.
+    static_cast<void>(nativePath(resolved(target, operation), operation));
+  }
 
   int16_t database() const { return database_.number(); }
   std::vector<tablePart1> tables() const { return database_.tables(operation_); }

@@ -13,6 +13,7 @@
 #include "kit/replaced_calls.h"
 #include "kit/temp_folder.h"
 #include "platform/handles/new_file.h"
+#include "platform/host/host_failure.h"
 
 namespace qvdbase::test {
 namespace {
@@ -299,6 +300,96 @@ TEST_F(NewFileTest, ComesOutOfAFolderThatNoOtherUserCanEnter) {
   EXPECT_EQ(file.place({}, Waits::forName), Placing::done);
   EXPECT_EQ(names(), std::vector<std::string>{"place"});
   EXPECT_EQ(readFile(place()), bytesOf("made"));
+}
+
+// Gives the name of a private folder to one that every user can enter, which is returned.
+fs::path exchange(const fs::path& privateFolder) {
+  fs::rename(privateFolder, privateFolder.native() + "-away");
+  fs::create_directory(privateFolder);
+  fs::permissions(privateFolder, fs::perms::all);
+  return privateFolder;
+}
+
+TEST_F(NewFileTest, IsMadeInItsPrivateFolderWhoeverTakesTheNameOfThat) {
+  auto folder = std::make_unique<platform::PrivateFolder>();
+  ASSERT_TRUE(folder->make(place().native()));
+  const std::string path = folder->routinePath();
+  const fs::path stranger = exchange(fs::path(folder->filePath()).parent_path());
+  writeFile(path, bytesOf("made"));
+  EXPECT_TRUE(fs::is_empty(stranger));
+  NewFile file;
+  ASSERT_TRUE(file.takeOver(place().native(), std::move(folder)));
+  EXPECT_EQ(file.place({}, Waits::forName), Placing::done);
+  EXPECT_EQ(readFile(place()), bytesOf("made"));
+}
+
+TEST_F(NewFileTest, IsPlacedWhereItsPrivateFolderWasMade) {
+  const fs::path inner = folder_ / "inner";
+  fs::create_directory(inner);
+  auto folder = std::make_unique<platform::PrivateFolder>();
+  ASSERT_TRUE(folder->make((inner / "place").native()));
+  writeFile(folder->routinePath(), bytesOf("made"));
+  fs::rename(inner, folder_ / "moved");
+  fs::create_directory(folder_ / "elsewhere");
+  fs::create_directory_symlink(folder_ / "elsewhere", inner);
+  NewFile file;
+  ASSERT_TRUE(file.takeOver((inner / "place").native(), std::move(folder)));
+  EXPECT_EQ(file.place({}, Waits::forName), Placing::done);
+  EXPECT_TRUE(fs::is_empty(folder_ / "elsewhere"));
+  EXPECT_EQ(readFile(folder_ / "moved/place"), bytesOf("made"));
+}
+
+int makeAndExchange(int directory, const char* name, mode_t mode) {
+  const int result = platform::hostSystemCalls().makeDirectoryAt(directory, name, mode);
+  const fs::path folder = fs::path("/proc/self/fd") / std::to_string(directory);
+  if (result == 0) exchange(fs::read_symlink(folder) / name);
+  return result;
+}
+
+TEST_F(NewFileTest, IsMadeInNoFolderThatOthersCanEnter) {
+  ReplacedCalls calls;
+  calls->makeDirectoryAt = makeAndExchange;
+  platform::PrivateFolder folder;
+  EXPECT_FALSE(folder.make(place().native()));
+  EXPECT_EQ(platform::lastHostFailure().value(), EACCES);
+  EXPECT_FALSE(folder.isExposed());
+}
+
+int openWithoutDescriptorPaths(int directory, const char* name, int flags, mode_t mode) {
+  if (std::string(name) != "proc") {
+    return platform::hostSystemCalls().openAt(directory, name, flags, mode);
+  }
+  errno = ENOENT;
+  return -1;
+}
+
+TEST_F(NewFileTest, IsReachedByNamesThatNoOtherUserCanChangeWhereDescriptorsHaveNoPaths) {
+  ReplacedCalls calls;
+  calls->openAt = openWithoutDescriptorPaths;
+  platform::PrivateFolder folder;
+  ASSERT_TRUE(folder.make(place().native()));
+  EXPECT_EQ(folder.routinePath(), folder.filePath());
+}
+
+TEST_F(NewFileTest, IsNotMadeWhereOthersCanChangeNamesAndDescriptorsHaveNoPaths) {
+  ReplacedCalls calls;
+  calls->openAt = openWithoutDescriptorPaths;
+  const fs::path inner = folder_ / "inner";
+  fs::create_directory(inner);
+  for (const auto& [open, where] : {std::pair{inner, inner}, std::pair{folder_.path(), inner}}) {
+    fs::permissions(folder_.path(), fs::perms::owner_all);
+    fs::permissions(inner, fs::perms::owner_all);
+    fs::permissions(open, fs::perms::all);
+    {
+      platform::PrivateFolder folder;
+      EXPECT_FALSE(folder.make((where / "place").native())) << open;
+      EXPECT_TRUE(folder.isExposed());
+    }
+    EXPECT_TRUE(fs::is_empty(inner));
+    fs::permissions(open, fs::perms::all | fs::perms::sticky_bit);
+    platform::PrivateFolder folder;
+    EXPECT_TRUE(folder.make((where / "place").native())) << open;
+  }
 }
 
 TEST_F(NewFileTest, GoesWithItsPrivateFolder) {

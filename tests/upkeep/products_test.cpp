@@ -169,6 +169,69 @@ TEST_F(Products, AreNeverOpenToMoreThanTheirSourceIsWhileTheyAreMade) {
   }
 }
 
+int openAndExchange(int directory, const char* name, int flags, mode_t mode) {
+  const int result = platform::hostSystemCalls().openAt(directory, name, flags, mode);
+  if (result < 0 || (flags & O_NOFOLLOW) == 0 || !std::string(name).starts_with(".qvdb-")) {
+    return result;
+  }
+  const fs::path folder = fs::read_symlink("/proc/self/fd/" + std::to_string(directory));
+  fs::rename(folder / name, folder / "away");
+  fs::create_directory(folder / name);
+  fs::permissions(folder / name, fs::perms::all);
+  return result;
+}
+
+// Another user may write to the folder of the target, and exchange what is made in it.
+TEST_F(Products, AreMadeInNoFolderOfAnotherUser) {
+  for (const Product& product : {products()[1], products()[2]}) {
+    const fs::path place = path(product.name);
+    fs::create_directory(place);
+    {
+      ReplacedCalls calls;
+      calls->openAt = openAndExchange;
+      product.make(source(), place / "target.qvd");
+    }
+    EXPECT_TRUE(fs::exists(place / "away")) << product.name;
+    EXPECT_TRUE(fs::is_empty(place / "away")) << product.name;
+    fs::remove(place / "away");
+    std::vector<std::string> names;
+    for (const auto& each : fs::recursive_directory_iterator(place)) {
+      names.push_back(each.path().filename().native());
+    }
+    EXPECT_EQ(names, std::vector<std::string>{"target.qvd"}) << product.name;
+    EXPECT_EQ(qvdb::Database::open(place / "target.qvd", qvdb::Mode::read_only).tables().size(),
+              2u);
+  }
+}
+
+int openWithoutDescriptorPaths(int directory, const char* name, int flags, mode_t mode) {
+  if (std::string(name) != "proc") {
+    return platform::hostSystemCalls().openAt(directory, name, flags, mode);
+  }
+  errno = ENOENT;
+  return -1;
+}
+
+TEST_F(Products, AreRefusedWhereAnotherUserCouldExchangeThem) {
+  const fs::path place = path("open to all");
+  fs::create_directory(place);
+  fs::permissions(place, fs::perms::all);
+  ReplacedCalls calls;
+  calls->openAt = openWithoutDescriptorPaths;
+  for (const Product& product : {products()[1], products()[2]}) {
+    try {
+      product.make(source(), place / "target.qvd");
+      ADD_FAILURE() << product.name;
+    } catch (const qvdb::Error& error) {
+      EXPECT_EQ(error.reason(), Reason::access_denied);
+      EXPECT_NE(std::string(error.what()).find("other users may write to its folder"),
+                std::string::npos)
+          << error.what();
+    }
+    EXPECT_TRUE(fs::is_empty(place)) << product.name;
+  }
+}
+
 TEST_F(Products, DoNotActInTheNameOfTheirOwner) {
   ASSERT_EQ(::chmod(source().c_str(), 06755), 0);
   for (const Product& product : products()) {

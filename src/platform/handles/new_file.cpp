@@ -61,10 +61,10 @@ bool NewFile::createHere(OpenTo openTo) {
 }
 
 bool NewFile::takeOver(const std::string& place, std::unique_ptr<PrivateFolder> folder) {
-  name_ = walkToParent(place, &folder_);
   private_ = std::move(folder);
   temporary_ = PrivateFolder::kFileName;
-  if (!name_) return false;
+  name_ = std::make_unique<EntryName>(std::string_view(place).substr(place.rfind('/') + 1));
+  if (!name_->isValid() || !folder_.enterOpen(private_->parentDescriptor())) return false;
   entry_ = private_->joinFile();
   return entry_ != nullptr;
 }
