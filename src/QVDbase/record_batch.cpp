@@ -107,6 +107,13 @@ void RecordBatch::noteAdded(int64_t blockPos) {
   added_.count += 1;
 }
 
+// For a block that is in the file, with all before it.
+bool RecordBatch::noteWritten(int64_t blockPos) {
+  noteAdded(blockPos);
+  written_ = added_;
+  return true;
+}
+
 // Makes a whole block of the payload that is in its place after the blocks of the piece.
 void RecordBatch::completeInPiece(const recordPart1& header) {
   const int64_t blockPos = piecePos_ + pieceUsed_;
@@ -149,41 +156,44 @@ bool RecordBatch::isAtEnd(int64_t length) {
   return true;
 }
 
-// Each piece has a scope of its own: that it is with the operating system must be known before it
-// counts, and a piece that is refused must not make the taking in of those before it fail.
-bool RecordBatch::writePiece() {
-  if (pieceUsed_ == 0) return true;
+// Appends `length` bytes, which write() writes. Each piece has a scope of its own: that it is with
+// the operating system must be known before it counts, and a piece that is refused must not make
+// the taking in of those before it fail.
+template <typename Write>
+bool RecordBatch::appendPiece(int64_t length, Write write) {
   SavedPosition position(db_);
-  const uint32_t length = pieceUsed_;
-  pieceUsed_ = 0;
-  const bool written =
-      isAtEnd(length) && writeBytes(db_, piece_.data(), length) && linkToWritten(piecePos_);
-  const bool complete = position.restore(written);
+  const bool complete = position.restore(isAtEnd(length) && write());
   piecePos_ += length;
-  if (complete) written_ = added_;
   failed_ = !complete;
   return complete;
+}
+
+bool RecordBatch::writePiece() {
+  if (pieceUsed_ == 0) return true;
+  const uint32_t length = std::exchange(pieceUsed_, 0);
+  if (!appendPiece(length, [&] {
+        return writeBytes(db_, piece_.data(), length) && linkToWritten(piecePos_);
+      })) {
+    return false;
+  }
+  written_ = added_;
+  return true;
 }
 
 // A block that no piece can hold. The piece before it has been written.
 bool RecordBatch::writeAlone(const recordPart1& header, const unsigned char* payload,
                              uint32_t capacity) {
-  SavedPosition position(db_);
   const int64_t blockPos = piecePos_;
-  const uint32_t fill = capacity - header.dataLength;
   unsigned char image[record::kData];
   encodeRecordHead(header, image);
-  const bool written = isAtEnd(int64_t{capacity} + kRecordBlockOverhead) &&
-                       writeBytes(db_, image, record::kData) &&
-                       writeBytes(db_, payload, header.dataLength) && writeBlockEnd(db_, fill) &&
-                       linkToWritten(blockPos);
-  const bool complete = position.restore(written);
-  piecePos_ += int64_t{capacity} + kRecordBlockOverhead;
-  failed_ = !complete;
-  if (!complete) return false;
-  noteAdded(blockPos);
-  written_ = added_;
-  return true;
+  return appendPiece(int64_t{capacity} + kRecordBlockOverhead,
+                     [&] {
+                       return writeBytes(db_, image, record::kData) &&
+                              writeBytes(db_, payload, header.dataLength) &&
+                              writeBlockEnd(db_, capacity - header.dataLength) &&
+                              linkToWritten(blockPos);
+                     }) &&
+         noteWritten(blockPos);
 }
 
 bool RecordBatch::openRecord(const BatchRecord& record) {
@@ -260,31 +270,23 @@ bool RecordBatch::makeSpace() {
 }
 
 bool RecordBatch::writeOpenPart(const unsigned char* bytes, uint32_t count) {
-  SavedPosition position(db_);
-  const bool complete = position.restore(isAtEnd(count) && writeBytes(db_, bytes, count));
-  piecePos_ += count;
-  failed_ = !complete;
-  return complete;
+  return appendPiece(count, [&] { return writeBytes(db_, bytes, count); });
 }
 
 // The lengths follow once all that they count is there.
 bool RecordBatch::closeInFile() {
-  SavedPosition position(db_);
   const uint32_t rest = std::exchange(open_.inPiece, 0);
   const uint32_t fill = open_.header.dataCapacity - open_.length;
-  const bool written = isAtEnd(int64_t{rest} + fill + 1) && writeBytes(db_, piece_.data(), rest) &&
-                       writeBlockEnd(db_, fill) &&
-                       // unreached: own position
-                       myFileSeek(db_, open_.blockPos + record::kDataLength, kFromStart) == 0 &&
-                       writeUint32(db_, open_.header.dataLength) &&
-                       writeUint32(db_, open_.header.dataCapacity) && linkToWritten(open_.blockPos);
-  const bool complete = position.restore(written);
-  piecePos_ += int64_t{rest} + fill + 1;
-  failed_ = !complete;
-  if (!complete) return false;
-  noteAdded(open_.blockPos);
-  written_ = added_;
-  return true;
+  return appendPiece(
+             int64_t{rest} + fill + 1,
+             [&] {
+               return writeBytes(db_, piece_.data(), rest) && writeBlockEnd(db_, fill) &&
+                      // unreached: own position
+                      myFileSeek(db_, open_.blockPos + record::kDataLength, kFromStart) == 0 &&
+                      writeUint32(db_, open_.header.dataLength) &&
+                      writeUint32(db_, open_.header.dataCapacity) && linkToWritten(open_.blockPos);
+             }) &&
+         noteWritten(open_.blockPos);
 }
 
 // The pieces are written with their last record open, so that they end soundly wherever the batch

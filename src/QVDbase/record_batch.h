@@ -99,8 +99,11 @@ class RecordBatch {
   [[nodiscard]] bool canAdd(int64_t blockSize) const;
   [[nodiscard]] recordPart1 headerOf(const BatchRecord& record) const;
   void noteAdded(int64_t blockPos);
+  bool noteWritten(int64_t blockPos);
   void completeInPiece(const recordPart1& header);
   [[nodiscard]] bool isAtEnd(int64_t length);
+  template <typename Write>
+  [[nodiscard]] bool appendPiece(int64_t length, Write write);
   [[nodiscard]] bool writePiece();
   [[nodiscard]] bool writeOpenPart(const unsigned char* bytes, uint32_t count);
   [[nodiscard]] bool makeSpace();
