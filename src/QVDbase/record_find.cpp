@@ -67,19 +67,10 @@ int internal_GetOneRecordDataInfo(int16_t db, const unsigned char* tableID, reco
 
 int internal_FindOneRecord(int16_t db, const tablePart1* slot, uint64_t recordID,
                            recordPart1* header, int64_t* recordPos, int*) {
-  if (slot->recordCount == 0) return 0;
-  if (myFileSeek(db, slot->firstRecordPos, kFromStart) != 0) return 0;
-  LoopDetector walk;
-  for (uint32_t i = 0; i < slot->recordCount; ++i) {
-    *recordPos = myGetFilePos(db);
-    if (walk.visited(*recordPos)) return 0;  // every record of the loop has been looked at
-    if (internal_GetOneRecordDataInfo(db, slot->tableID, header) != 1) return 0;
-    const bool lastCounted = slot->recordCount - i == 1;
-    if (header->nextRecordPos == 0 && !lastCounted) return 0;  // shorter than its count says
-    if (identifierNumber(header->recordID) == recordID) return 1;
-    if (myFileSeek(db, header->nextRecordPos, kFromStart) != 0) return 0;
-  }
-  return 0;
+  const bool found = walkToRecord(db, *slot, header, recordPos, [header, recordID] {
+    return identifierNumber(header->recordID) == recordID;
+  });
+  return found ? 1 : 0;
 }
 
 int internal_ModifyOneRecordDataInfo_LMTime(int16_t db, const unsigned char* tableID,

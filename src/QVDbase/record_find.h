@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "QVDbase/loop_detector.h"
+#include "QVDbase/position.h"
 #include "QVDbase/tables.h"
 #include "format/layout.h"
 
@@ -25,6 +27,29 @@ int internal_ModifyOneRecordDataInfo_LMTime(int16_t db, const unsigned char* tab
                                             int64_t recordPos);
 
 namespace qvdbase::engine {
+
+// The walk of a lookup: reads header after header along the chain of the slot's table, recordCount
+// of them at most, until isWanted() is true of the one in *header, which is at *recordPos. Returns
+// false without such a record. The walk ends at a record that cannot be read, at one without
+// successor before the last counted, and where the chain loops: every record of the loop has been
+// looked at then.
+template <typename IsWanted>
+bool walkToRecord(int16_t db, const tablePart1& slot, recordPart1* header, int64_t* recordPos,
+                  IsWanted isWanted) {
+  if (slot.recordCount == 0) return false;
+  if (myFileSeek(db, slot.firstRecordPos, kFromStart) != 0) return false;
+  LoopDetector loop;
+  for (uint32_t i = 0; i < slot.recordCount; ++i) {
+    *recordPos = myGetFilePos(db);
+    if (loop.visited(*recordPos)) return false;
+    if (internal_GetOneRecordDataInfo(db, slot.tableID, header) != 1) return false;
+    const bool lastCounted = slot.recordCount - i == 1;
+    if (header->nextRecordPos == 0 && !lastCounted) return false;
+    if (isWanted()) return true;
+    if (myFileSeek(db, header->nextRecordPos, kFromStart) != 0) return false;
+  }
+  return false;
+}
 
 // A record that was found: its table, its header as read, and its position.
 struct FoundRecord {

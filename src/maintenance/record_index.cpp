@@ -3,8 +3,6 @@
 
 #include <exception>
 
-#include "QVDbase/loop_detector.h"
-#include "QVDbase/position.h"
 #include "QVDbase/record_find.h"
 #include "format/identifiers.h"
 
@@ -24,20 +22,13 @@ bool RecordIndex::build(int16_t db, uint64_t table) {
   return true;
 }
 
-// The steps and the failures of internal_FindOneRecord, for all identifiers at once.
 void RecordIndex::walk(int16_t db) {
-  const tablePart1& slot = table_.slot;
-  int64_t recordPos = slot.firstRecordPos;
-  LoopDetector loop;
-  for (uint32_t i = 0; i < slot.recordCount; ++i) {
-    recordPart1 header;
-    if (loop.visited(recordPos)) return;
-    if (!readRecordHeaderAt(db, recordPos, slot.tableID, &header)) return;
-    const bool lastCounted = slot.recordCount - i == 1;
-    if (header.nextRecordPos == 0 && !lastCounted) return;
+  recordPart1 header;
+  int64_t recordPos = 0;
+  static_cast<void>(walkToRecord(db, table_.slot, &header, &recordPos, [&] {
     positions_.try_emplace(identifierNumber(header.recordID), recordPos);
-    recordPos = header.nextRecordPos;
-  }
+    return false;
+  }));
 }
 
 int64_t RecordIndex::find(uint64_t record) const {
