@@ -3,8 +3,8 @@
 // Each function is one transfer at the file's current position, which moves on by the bytes
 // transferred. A transfer that is cut short is a failure.
 //
-// The readers are inline, so that the ten fields of a record header cost a walk along a chain no
-// more than ten comparisons and ten loads.
+// All are inline, so that the ten fields of a record header cost a walk along a chain no more than
+// ten comparisons and ten loads.
 #pragma once
 
 #include <qvdbase/qvdbase.h>
@@ -24,6 +24,13 @@ template <typename Unsigned>
   if (!support::readFile(file, bytes, sizeof bytes, &gbl_realReaden)) return false;
   *value = loadBigEndian<Unsigned>(bytes);
   return true;
+}
+
+template <typename Unsigned>
+[[nodiscard]] inline bool writeBigEndian(int16_t file, Unsigned value) {
+  unsigned char bytes[sizeof(Unsigned)];
+  storeBigEndian(bytes, value);
+  return support::writeFile(file, bytes, sizeof bytes, &gbl_realWriten);
 }
 
 }  // namespace detail
@@ -48,15 +55,33 @@ template <typename Unsigned>
   return true;
 }
 
-[[nodiscard]] bool writeBytes(int16_t file, const void* bytes, uint32_t count);
-[[nodiscard]] bool writeUint8(int16_t file, uint8_t value);
-[[nodiscard]] bool writeUint16(int16_t file, uint16_t value);
-[[nodiscard]] bool writeUint32(int16_t file, uint32_t value);
-[[nodiscard]] bool writeInt64(int16_t file, int64_t value);
+[[nodiscard]] inline bool writeBytes(int16_t file, const void* bytes, uint32_t count) {
+  return support::writeFile(file, bytes, count, &gbl_realWriten);
+}
 
-// The same, `gap` bytes after the position: for the next field to be written of one header, the
-// fields between staying as they are.
-[[nodiscard]] bool writeUint32After(int16_t file, uint32_t gap, uint32_t value);
-[[nodiscard]] bool writeBytesAfter(int16_t file, uint32_t gap, const void* bytes, uint32_t count);
+[[nodiscard]] inline bool writeUint8(int16_t file, uint8_t value) {
+  return writeBytes(file, &value, 1);
+}
+[[nodiscard]] inline bool writeUint16(int16_t file, uint16_t value) {
+  return detail::writeBigEndian(file, value);
+}
+[[nodiscard]] inline bool writeUint32(int16_t file, uint32_t value) {
+  return detail::writeBigEndian(file, value);
+}
+[[nodiscard]] inline bool writeInt64(int16_t file, int64_t value) {
+  return detail::writeBigEndian(file, static_cast<uint64_t>(value));
+}
+
+// The same, `gap` bytes after the position: for the next field of a header, with the fields between
+// unchanged.
+[[nodiscard]] inline bool writeBytesAfter(int16_t file, uint32_t gap, const void* bytes,
+                                          uint32_t count) {
+  return support::writeFileAfter(file, gap, bytes, count, &gbl_realWriten);
+}
+[[nodiscard]] inline bool writeUint32After(int16_t file, uint32_t gap, uint32_t value) {
+  unsigned char bytes[sizeof value];
+  storeBigEndian(bytes, value);
+  return writeBytesAfter(file, gap, bytes, sizeof bytes);
+}
 
 }  // namespace qvdbase::format
