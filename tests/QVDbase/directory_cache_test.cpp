@@ -155,7 +155,7 @@ TEST_F(DirectoryCache, HidesATableThatAnotherHandleAdded) {
 TEST_F(DirectoryCache, ServesAStaleEntryToTheNextFileOfThatNumber) {
   const int16_t old = CreateDBaseW(wide("old.qvd"), "QVdb", 100);
   addTable(old, "t");
-  ASSERT_EQ(QVFile().QVCloseFile(old), 1);  // leaves the entry behind
+  ASSERT_EQ(QVFile().QVCloseFile(old), 1);  // leaves the entry in the cache
   const int16_t db = create("new.qvd");
   ASSERT_EQ(db, old);
   EXPECT_EQ(numberOfTables(db), 1);

@@ -1,4 +1,5 @@
-// Reading the header and the directory numbers, seeking and telling, and seeding the generator.
+// Reading the header and the directory numbers, setting and asking for the position, and
+// seeding the generator.
 #include "QVDbase/header.h"
 #include "kit/layers.h"
 
@@ -45,7 +46,7 @@ int readNumbers(int16_t db, Numbers* numbers) {
 
 using ReadingTheHeader = DatabaseTest;
 
-TEST_F(ReadingTheHeader, TellsItsFieldsAndEndsBehindThem) {
+TEST_F(ReadingTheHeader, ReportsItsFieldsAndEndsAfterThem) {
   const int16_t db = put(sampleImage());
   seek(db, 3000);
   internal_Head1 head;
@@ -108,7 +109,7 @@ TEST_F(ReadingTheHeader, FailsWithoutAnOutputOrAHandle) {
 
 using ReadingTheDirectoryNumbers = DatabaseTest;
 
-TEST_F(ReadingTheDirectoryNumbers, TellsThemAndEndsAtTheFirstSlot) {
+TEST_F(ReadingTheDirectoryNumbers, ReportsThemAndEndsAtTheFirstSlot) {
   FileImage image = sampleImage();
   image.header().slotCount = 0x1234;
   image.header().slotSize = 0xFEDC;
@@ -178,7 +179,7 @@ TEST_F(ReadingTheDirectoryNumbers, EndsAtTheFirstSlotAlsoWhenServedFromTheCache)
 
 // The header record gets the cache entry's own bytes from its header reference on: that reference,
 // the three numbers, two bytes of padding, the position of the first slot. Where references have
-// four bytes that is less than the record holds; what is behind stays.
+// four bytes that is less than the record holds; what follows stays.
 TEST_F(ReadingTheDirectoryNumbers, OverwritesTheHeaderRecordWithTheEntryWhenServedFromTheCache) {
   const int16_t db = put(sampleImage());
   Numbers numbers;
@@ -275,7 +276,7 @@ TEST_F(ReadingTheDirectoryNumbers, FailsWhenTheFirstSlotCannotBeSoughtThoughCach
   const int16_t db = OpenDBaseW((put(sampleImage()), wide()), 1);
   Numbers numbers;
   ASSERT_EQ(readNumbers(db, &numbers), 1);
-  ASSERT_EQ(QVFile().QVCloseFile(db), 1);  // leaves the entry behind
+  ASSERT_EQ(QVFile().QVCloseFile(db), 1);  // leaves the entry in the cache
   EXPECT_EQ(readNumbers(db, &numbers), 0);
   EraseSFGDB2TCache(SearchForGDB2TCache(db));
 }

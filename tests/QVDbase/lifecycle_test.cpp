@@ -140,7 +140,7 @@ TEST_F(CreatingADatabase, LeavesThePartialFileOpenWhenAWriteFails) {
       ASSERT_TRUE(std::filesystem::exists(path(name)));
       EXPECT_LT(fileSize(name), 4630u);
       EXPECT_EQ(OpenDBaseW(wide(name), 3), 0) << "the file is not open any more";
-      EXPECT_NE(CloseDBase(next), 0);  // the number that was not handed out
+      EXPECT_NE(CloseDBase(next), 0);  // the number that was not returned
       allowDamage(name);
     }
   };
@@ -152,7 +152,7 @@ TEST_F(CreatingADatabase, LeavesThePartialFileOpenWhenAWriteFails) {
 
 using OpeningADatabase = DatabaseTest;
 
-TEST_F(OpeningADatabase, StandsAtTheBeginning) {
+TEST_F(OpeningADatabase, IsAtTheBeginning) {
   close(create());
   EXPECT_EQ(position(open()), 0);
 }
@@ -242,7 +242,7 @@ TEST_F(ClosingADatabase, DropsItsCacheEntry) {
 TEST_F(ClosingADatabase, DropsItsCacheEntryAlsoWhenTheCloseFails) {
   const int16_t db = CreateDBaseW(wide(), "QVdb", 100);
   ASSERT_TRUE(directoryReads(db));
-  ASSERT_EQ(QVFile().QVCloseFile(db), 1);  // behind the engine's back
+  ASSERT_EQ(QVFile().QVCloseFile(db), 1);  // without the engine
   ASSERT_NE(SearchForGDB2TCache(db), -1);
   EXPECT_EQ(CloseDBase(db), 0);
   EXPECT_EQ(SearchForGDB2TCache(db), -1);
@@ -293,7 +293,7 @@ class InspectingAFile : public DatabaseTest {
   }
 };
 
-TEST_F(InspectingAFile, TellsSignatureVersionAndIdentifier) {
+TEST_F(InspectingAFile, ReportsSignatureVersionAndIdentifier) {
   close(create(kDefaultFile, 123));
   EXPECT_EQ(inspect(), 1);
   EXPECT_EQ(std::memcmp(signature_.data(), "QVdb\0#", 6), 0);
@@ -312,7 +312,7 @@ TEST_F(InspectingAFile, LeavesOutWhatIsNotAskedFor) {
   EXPECT_EQ(id_[0], contents()[6]);
 }
 
-TEST_F(InspectingAFile, TellsTheVersionWhateverItsValue) {
+TEST_F(InspectingAFile, ReportsTheVersionWhateverItsValue) {
   for (const int version : {0, 99, 200, 65535}) {
     close(create(kDefaultFile, version));
     EXPECT_EQ(inspect(), 1);
@@ -388,7 +388,7 @@ TEST_F(InspectingAFile, DropsAnEntryThatBelongedToItsHandleNumber) {
   for (const char* name : {kDefaultFile, "other"}) {
     const int16_t db = OpenDBaseW(wide(), 3);
     ASSERT_TRUE(directoryReads(db));
-    ASSERT_EQ(QVFile().QVCloseFile(db), 1);  // leaves the entry behind
+    ASSERT_EQ(QVFile().QVCloseFile(db), 1);  // leaves the entry in the cache
     ASSERT_NE(SearchForGDB2TCache(db), -1);
     inspect(name);
     EXPECT_EQ(SearchForGDB2TCache(db), -1) << name;

@@ -38,7 +38,7 @@ class RecordAppend : public RecordTest {
     return block.encode();
   }
 
-  // The part of a block that stands in the file when the slot turns out to contradict itself: mark,
+  // The part of a block that is in the file when the slot turns out to contradict itself: mark,
   // header size, both identifiers and both times.
   static Bytes blockStart() { return newBlock({}, 0).cut(31); }
 
@@ -176,7 +176,7 @@ TEST_F(RecordAppend, StoresPositionsBeyond4GiBInFull) {
   EXPECT_EQ(bytesAt(22 + 72, 24), hex("1612000000000000 3B00004001000000 3B00004001000000"));
 }
 
-// ---- room ---------------------------------------------------------------------------------------
+// ---- capacity -----------------------------------------------------------------------------------
 
 TEST_F(RecordAppend, ReservesNoMoreThanThePayloadWithoutAReserve) {
   const int16_t db = start();

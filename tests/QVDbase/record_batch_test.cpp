@@ -43,7 +43,7 @@ class Batches : public DatabaseTest {
       assignRecord(db, table, record.id, record.payload, record.reserve);
   }
 
-  // What a batch was told, and how many records it took in.
+  // What a batch was given, and how many records it took in.
   bool appendBatch(int16_t db, const std::vector<Planned>& records, uint32_t* taken) {
     SavedPosition position(db);
     FoundTable found;
@@ -93,7 +93,7 @@ class Batches : public DatabaseTest {
     close(two);
   }
 
-  // A batch behind two records is refused in a file that was changed before.
+  // A batch after two records is refused in a file that was changed before.
   void expectNotBegun(const std::function<void(FileImage&)>& damage) {
     close(fresh("batch.qvd"));
     FileImage image;
@@ -125,7 +125,7 @@ class Batches : public DatabaseTest {
     close(db);
   }
 
-  // A batch behind two records while another program changes these bytes before it is finished:
+  // A batch after two records while another program changes these bytes before it is finished:
   // nothing is taken in, and what is in the file's old part stays.
   void expectNotTakenIn(size_t offset, const Bytes& patch) {
     const int16_t db = fresh("batch.qvd");
@@ -158,7 +158,7 @@ TEST_F(Batches, OfOneRecordIntoAnEmptyTable) {
   expectSameAsSingleAppends({}, {{1, Bytes(10, 'a'), 0}});
 }
 
-TEST_F(Batches, BehindRecordsThatAreThere) {
+TEST_F(Batches, AfterRecordsThatAreThere) {
   expectSameAsSingleAppends(mixedRecords(1, 3), mixedRecords(100, 20));
 }
 

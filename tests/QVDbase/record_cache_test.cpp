@@ -12,7 +12,7 @@ using Keys = std::vector<uint64_t>;
 
 constexpr uint64_t kTopBit = 0x8000000000000000;
 
-// Elements of these keys; each position tells the index that the element started at.
+// Elements of these keys; each position is the index that the element started at.
 std::vector<record1Cache> elements(const Keys& keys) {
   std::vector<record1Cache> result;
   for (const uint64_t key : keys) {
@@ -212,7 +212,7 @@ INSTANTIATE_TEST_SUITE_P(
     AtTheFront, InsertingTheNewest,
     testing::Values(Insertion{{10, 20, 5}, {5, 10, 20}}, Insertion{{20, 10}, {10, 20}},
                     Insertion{{10, 20, 30, 40, 5}, {5, 10, 20, 30, 40}},
-                    // Equal to the first: behind it, as long as its place is the second.
+                    // Equal to the first: after it, as long as its place is the second.
                     Insertion{{10, 20, 30, 10}, {10, 10, 20, 30}}));
 
 INSTANTIATE_TEST_SUITE_P(Staying, InsertingTheNewest,

@@ -104,10 +104,11 @@ TEST_F(RecordDelete, LeavesTheDeletedBlockAsItWas) {
   threeRecords();
   for (const uint64_t record : {kA, kB, kC}) {
     const int16_t db = start();
-    const oneRecordInfoP1 told = info(db, kNotes, record);
+    const oneRecordInfoP1 reported = info(db, kNotes, record);
     ASSERT_EQ(erase(db, record), 1);
-    const auto at = static_cast<size_t>(told.recordPos);
-    EXPECT_EQ(contents().at(at, 56 + told.dataCapacity), base.at(at, 56 + told.dataCapacity));
+    const auto at = static_cast<size_t>(reported.recordPos);
+    EXPECT_EQ(contents().at(at, 56 + reported.dataCapacity),
+              base.at(at, 56 + reported.dataCapacity));
     EXPECT_EQ(fileSize(), base.size());
     close(db);
   }

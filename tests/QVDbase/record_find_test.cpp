@@ -36,7 +36,7 @@ class RecordFind : public RecordTest {
 
 // ---- a record's information ---------------------------------------------------------------------
 
-TEST_F(RecordFind, TellsEveryFieldOfARecord) {
+TEST_F(RecordFind, ReportsEveryFieldOfARecord) {
   threeRecords();
   const int16_t db = start();
   oneRecordInfoP1 info;
@@ -68,15 +68,15 @@ TEST_F(RecordFind, LaysTheInformationOutIn48Bytes) {
   EXPECT_EQ(dataPos, b + 55);
 }
 
-TEST_F(RecordFind, TellsLengthAndRoomOfAStoredRecord) {
+TEST_F(RecordFind, ReportsLengthAndRoomOfAStoredRecord) {
   const int16_t db = start();
   const uint64_t id = addRecord(db, kNotes, pattern(10), 50);
-  const oneRecordInfoP1 told = info(db, kNotes, id);
-  EXPECT_EQ(told.dataLength, 10u);
-  EXPECT_EQ(told.dataCapacity, 50u);
-  EXPECT_EQ(told.recordPos, 4630);
-  EXPECT_EQ(told.dataPos, 4685);
-  EXPECT_EQ(told.createTime, static_cast<uint32_t>(kNow));
+  const oneRecordInfoP1 reported = info(db, kNotes, id);
+  EXPECT_EQ(reported.dataLength, 10u);
+  EXPECT_EQ(reported.dataCapacity, 50u);
+  EXPECT_EQ(reported.recordPos, 4630);
+  EXPECT_EQ(reported.dataPos, 4685);
+  EXPECT_EQ(reported.createTime, static_cast<uint32_t>(kNow));
 }
 
 TEST_F(RecordFind, FindsTheFirstTheMiddleAndTheLastRecord) {
@@ -112,15 +112,15 @@ TEST_F(RecordFind, LooksInTheOneTableOnly) {
   EXPECT_EQ(info(db, kOther, kNoRecord).tableID, kOther);
 }
 
-TEST_F(RecordFind, TellsLengthsThatNoFileHolds) {
+TEST_F(RecordFind, ReportsLengthsThatNoFileHolds) {
   threeRecords();
   image.record(b).dataLength = kMost;
   image.record(b).dataCapacity = kMost - 1;
   expectDamage();
   const int16_t db = start();
-  const oneRecordInfoP1 told = info(db, kNotes, kB);
-  EXPECT_EQ(told.dataLength, kMost);
-  EXPECT_EQ(told.dataCapacity, kMost - 1);
+  const oneRecordInfoP1 reported = info(db, kNotes, kB);
+  EXPECT_EQ(reported.dataLength, kMost);
+  EXPECT_EQ(reported.dataCapacity, kMost - 1);
   EXPECT_EQ(info(db, kNotes, kC).recordPos, c);
 }
 
@@ -134,9 +134,9 @@ TEST_F(RecordFind, RefusesANullInformation) {
 TEST_F(RecordFind, LeavesTheUnusedArgumentAlone) {
   threeRecords();
   const int16_t db = start();
-  oneRecordInfoP1 told{};
+  oneRecordInfoP1 reported{};
   int unused = 5;
-  EXPECT_EQ(GetOneRecordInfo(db, kNotes, kA, &told, &unused), 1);
+  EXPECT_EQ(GetOneRecordInfo(db, kNotes, kA, &reported, &unused), 1);
   EXPECT_EQ(unused, 5);
 }
 
@@ -148,11 +148,11 @@ TEST_F(RecordFind, FailsInATableWithoutRecords) {
 TEST_F(RecordFind, FailsForARecordOrATableThatIsNotThere) {
   threeRecords();
   const int16_t db = start();
-  oneRecordInfoP1 told{};
+  oneRecordInfoP1 reported{};
   expectPositionKept(db, [&] {
     EXPECT_EQ(find(db, kNoRecord), 0);
-    EXPECT_EQ(GetOneRecordInfo(db, kNoTable, kA, &told, nullptr), 0);
-    EXPECT_EQ(GetOneRecordInfo(db, kOther, kA, &told, nullptr), 0);
+    EXPECT_EQ(GetOneRecordInfo(db, kNoTable, kA, &reported, nullptr), 0);
+    EXPECT_EQ(GetOneRecordInfo(db, kOther, kA, &reported, nullptr), 0);
   });
   EXPECT_EQ(find(0, kA), 0);
   EXPECT_EQ(find(31000, kA), 0);
@@ -828,7 +828,7 @@ TEST_F(RecordFind, CountsTheRecordsOfATable) {
   EXPECT_EQ(numberOfRecords(db, kOther), 0u);
 }
 
-TEST_F(RecordFind, TellsTheNumberInTheSlotWithoutVisitingTheRecords) {
+TEST_F(RecordFind, ReportsTheNumberInTheSlotWithoutVisitingTheRecords) {
   threeRecords();
   image.slot(notes).recordCount = kMost;
   image.record(a).blockMark = 0;
@@ -852,7 +852,7 @@ TEST_F(RecordFind, SetsTheNumberTo0BeforeItLooks) {
   });
 }
 
-TEST_F(RecordFind, TellsNoNumberWhenTheSlotsCannotBeRead) {
+TEST_F(RecordFind, ReportsNoNumberWhenTheSlotsCannotBeRead) {
   threeRecords();
   const Operation operation = [](int16_t db) {
     uint32_t count = 9;

@@ -1,5 +1,5 @@
-// Replacing payloads: in place while the new one fits the record's room, else in a new block that
-// takes the old one's place in the chain.
+// Replacing payloads: in place while the new one fits the record's capacity, else in a new block
+// that takes the old one's place in the chain.
 #include "QVDbase/record_modify.h"
 #include "kit/layers.h"
 
@@ -462,7 +462,7 @@ TEST_F(RecordModifyInside, NeedsNoPlaceForThePosition) {
             1);
 }
 
-TEST_F(RecordModifyInside, TellsThePositionBeforeItWrites) {
+TEST_F(RecordModifyInside, ReportsThePositionBeforeItWrites) {
   const int16_t db = start();
   host.failFrom(Call::write);
   int64_t newRecordPos = 0;

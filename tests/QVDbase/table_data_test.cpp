@@ -12,8 +12,8 @@ namespace {
 
 constexpr uint64_t kTable = 0x202;
 
-// Tables "one" and "two"; "two" has a record and, from 4630 + 60 on, data of 5 bytes in a room of
-// 10 that ends in old bytes.
+// Tables "one" and "two"; "two" has a record and, from 4630 + 60 on, data of 5 bytes in a capacity
+// of 10 that ends in old bytes.
 struct Sample {
   FileImage image;
   int64_t data = 0;
@@ -29,7 +29,7 @@ struct Sample {
 
 class TableData : public DatabaseTest {
  protected:
-  // The size, or -1 when it is not told.
+  // The size, or -1 when there is none.
   static int64_t size(int16_t db, uint64_t table = kTable) {
     uint32_t result = 0;
     return GetTableDataSize(db, table, &result) == 1 ? int64_t{result} : -1;
@@ -43,7 +43,8 @@ class TableData : public DatabaseTest {
       return {};
     }
     const auto length = static_cast<size_t>(size(db, table));
-    EXPECT_EQ(buffer.from(length), Bytes(300000 - length, 0xEE)) << "more was written than told";
+    EXPECT_EQ(buffer.from(length), Bytes(300000 - length, 0xEE))
+        << "more was written than reported";
     return buffer.cut(length);
   }
 
@@ -396,7 +397,7 @@ TEST_F(ReadingTableData, WantsTheRightSumInTheBlockThoughTheSlotHasAWrongOne) {
 
 // ---- reading ----
 
-TEST_F(ReadingTableData, TellsSizeAndDataAndKeepsThePosition) {
+TEST_F(ReadingTableData, ReportsSizeAndDataAndKeepsThePosition) {
   const int16_t db = put(Sample().image);
   expectUnchanged([&] {
     expectPositionKept(db, [&] { EXPECT_EQ(size(db), 5); });
@@ -458,7 +459,7 @@ TEST_F(ReadingTableData, WorksAfterReopening) {
 
 // ---- failing on the way ----
 
-// Also when only a single write fails, and those behind it would not.
+// Also when only a single write fails, and those after it would not.
 TEST_F(SettingTableData, LeavesTheOldDataWhenAnAppendFails) {
   for (int attempt = 0;; ++attempt) {
     const int step = attempt / 2;
@@ -506,7 +507,7 @@ TEST_F(SettingTableData, FailsWhenTheFillGetsNoMemory) {
   expectPositionKept(db, [&] { EXPECT_EQ(set(db, pattern(50), 60), 0); });
   host.heal();
   EXPECT_EQ(data(db), bytesOf("hello"));
-  allowDamage();  // what was written of the block stays behind the others
+  allowDamage();  // what was written of the block stays after the others
 }
 
 // ---- the inner routines ----

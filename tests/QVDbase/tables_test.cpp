@@ -395,16 +395,16 @@ TEST_F(FindingATable, GetsAsFarAsTheFileReaches) {
 
 using CountingTables = DatabaseTest;
 
-TEST_F(CountingTables, TellsTheStoredNumber) {
+TEST_F(CountingTables, ReportsTheStoredNumber) {
   const int16_t db = put(threeTables());
   expectUnchanged([&] { expectPositionKept(db, [&] { EXPECT_EQ(numberOfTables(db), 3); }); });
 }
 
-TEST_F(CountingTables, TellsZeroForANewDatabase) {
+TEST_F(CountingTables, ReportsZeroForANewDatabase) {
   EXPECT_EQ(numberOfTables(create()), 0);
 }
 
-TEST_F(CountingTables, TellsANegativeNumberAsOne) {
+TEST_F(CountingTables, ReportsANegativeNumberAsOne) {
   FileImage image;
   image.header().tableCount = -3;
   const int16_t db = put(image);
@@ -438,7 +438,7 @@ TEST_F(CountingTables, StoresNothingWhenItFails) {
 
 using ListingTables = DatabaseTest;
 
-TEST_F(ListingTables, TellsNameAndIdentifierInOrderOfCreation) {
+TEST_F(ListingTables, ReportsNameAndIdentifierInOrderOfCreation) {
   const int16_t db = put(threeTables());
   expectUnchanged([&] {
     expectPositionKept(db, [&] {
@@ -506,7 +506,7 @@ class FindingASlot : public DatabaseTest {
   int64_t slotPos_ = -1;
 };
 
-TEST_F(FindingASlot, TellsTheSlotAndItsPositionAndEndsBehindIt) {
+TEST_F(FindingASlot, ReportsTheSlotAndItsPositionAndEndsAfterIt) {
   FileImage image = threeTables();
   image.slot(1).recordWriteCount = 55;
   db_ = put(image);

@@ -266,7 +266,7 @@ TEST_F(ShortNames, PCDOR) {
   });
 }
 
-// The whole-file operations; the log tells their progress.
+// The whole-file operations; the log has their progress.
 
 TEST_F(ShortNames, PCPOD2NW) {
   expectSame<decltype(&PCPOD2NW)>(PackOneDB2NewW, PCPOD2NW, [this](auto call, int16_t) {

@@ -1,4 +1,4 @@
-// The fill behind data that does not use all of its room.
+// The fill after data that does not use all of its capacity.
 #include "format/fill.h"
 #include "kit/layers.h"
 

@@ -1,4 +1,4 @@
-// Identifiers: eight identity bytes, their sum, and the 64-bit number that stands for them.
+// Identifiers: eight identity bytes, their sum, and their 64-bit number.
 #include "format/identifiers.h"
 #include "kit/layers.h"
 
@@ -130,7 +130,7 @@ TEST(IdentifiersInARow, CarryTheSumsOfTheirBytes) {
 }
 
 TEST(IdentifiersInARow, DifferFromEachOtherAndFromThoseOfAnotherRow) {
-  FakeHost host;  // whose clocks stand still
+  FakeHost host;  // whose clocks do not move
   IdentifierSeries one;
   IdentifierSeries other;
   std::set<Bytes> seen;

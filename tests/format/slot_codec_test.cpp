@@ -1,4 +1,4 @@
-// The table slot on disk: where each field stands, what fills the gaps, and what is not believed
+// The table slot on disk: where each field is, what fills the gaps, and what is not believed
 // when it is read.
 #include <qvdbase/QVFile.h>
 

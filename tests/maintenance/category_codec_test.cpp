@@ -440,7 +440,7 @@ TEST_F(EncodingACategory, ReturnsExactlyWhatWasDecoded) {
   payload.extra = pattern(33);
   payload.name = u"x";
   Bytes bytes = payload.encode();
-  bytes.putLe(12, 2, 0x4142);  // behind the name's terminator, and carried with it
+  bytes.putLe(12, 2, 0x4142);  // after the name's terminator, and carried with it
   store(bytes);
   giveExtraBuffer(33);
   ASSERT_EQ(decode(), 1);

@@ -13,7 +13,7 @@ class FrameDuplication : public MaintenanceTest {
     return DupFrameForRzbd3W(wide(kSource), wide(kTarget), &status);
   }
 
-  // The numbers that are in use, all closed afterwards: the operation tells none.
+  // The numbers that are in use, all closed afterwards: the operation reports none.
   static std::vector<int16_t> closeWhatIsOpen() {
     std::vector<int16_t> files;
     for (int16_t file = 1; file < 20; ++file) {

@@ -1,4 +1,4 @@
-// Link repair: which chains are rewritten, and how; what the caller is told.
+// Link repair: which chains are rewritten, and how; what is reported to the caller.
 #include "maintenance/link_repair.h"
 #include "kit/layers.h"
 
@@ -461,7 +461,7 @@ TEST_F(LinkRepair, HasClosedTheFileWhenItReports100) {
   EXPECT_EQ(open, (std::vector<bool>{true, true, false}));
 }
 
-TEST_F(LinkRepair, TellsItsResultAsItGoes) {
+TEST_F(LinkRepair, ReportsItsResultAsItGoes) {
   fourRecords();
   image.record(at[3]).prevRecordPos = 0;
   putSource(image);
@@ -592,7 +592,7 @@ TEST_F(LinkRepair, WritesBothLinksOfAnEntryAndNothingElse) {
   EXPECT_EQ(FixOneDataLinkInfo(db, &entry), 0);
 }
 
-TEST_F(LinkRepair, TellsDuplicatesByThePositionAlone) {
+TEST_F(LinkRepair, ReportsDuplicatesByThePositionAlone) {
   QVList list;
   recordPartP1Class entry{};
   EXPECT_EQ(Internal_CheckRPP1Class_Duplicate(&list, &entry), 0);

@@ -58,7 +58,7 @@ TEST_F(Pack, GivesATableWithRecordsTheTableDataPositionsOfTheSourceOnPurpose) {
   EXPECT_EQ(slot(0, kTarget).firstDataPos, lively.dataOfOne);
   EXPECT_EQ(slot(0, kTarget).lastWrittenDataPos, lively.dataOfOne);
   EXPECT_EQ(slot(0, kTarget).lastDataPos, lively.dataOfOne);
-  // The block itself was copied all the same: it is the first one behind the directory.
+  // The block itself was copied anyway: it is the first one after the directory.
   EXPECT_EQ(tableData(static_cast<int64_t>(kDirectoryEnd), kTarget).data(), bytesOf("data of one"));
 }
 
@@ -324,7 +324,7 @@ TEST_F(Pack, SharesTheSourceWithAWriterButNotTheTarget) {
   log.during = [this](size_t index) {
     if (index != 0) return;
     EXPECT_EQ(QVFile().QVWriteFile(2, "", 0, nullptr), 1) << "the source is open for reading only";
-    EXPECT_EQ(OpenDBaseW(wide(kTarget), 3), 0) << "the target has room for another writer";
+    EXPECT_EQ(OpenDBaseW(wide(kTarget), 3), 0) << "the target lets another writer in";
   };
   EXPECT_EQ(pack(), 1);
   CloseDBase(writer);
@@ -538,7 +538,7 @@ TEST_F(Pack, RefusesAPayloadThatIsCutOff) {
 
 TEST_F(Pack, CopiesSlotsOfAnotherSizeToSlotsOf144BytesAndReadsThemAtTheirOwnDistance) {
   // Two slots of 200 bytes: the copy has 144 bytes for each, but its second slot is looked for 200
-  // bytes behind the first, where the file has none.
+  // bytes after the first, where the file has none.
   HeaderFields header;
   header.tableCount = 1;
   header.slotCount = 2;
@@ -634,7 +634,7 @@ TEST_F(PackOnAFailingHost, GoesOnAfterShortTransfers) {
   allowDamage(kTarget);
 }
 
-// Whatever memory cannot be had, the pack fails, but for the two buffers that it can do without:
+// Whatever allocation fails, the pack fails, but for the two buffers that it can do without:
 // the directory cache's entry, and the copy of the header.
 TEST_F(PackOnAFailingHost, LeavesTheHeaderOutOnPurposeWhenThereIsNoMemoryForIt) {
   FileImage source;

@@ -156,7 +156,7 @@ TEST_F(PackWithHandle, PassesThatTableInASparseFileThatReallyIsThatLong) {
   if (refused) GTEST_SKIP() << "no files of that length here";
   EXPECT_EQ(pack(), 1);
   EXPECT_EQ(fileSize(kTarget), kDirectoryEnd);
-  std::filesystem::remove(path(kSource));  // nobody should have to read it
+  std::filesystem::remove(path(kSource));  // no call should have to read it
 }
 
 TEST_F(PackWithHandle, RefusesTheTableWhenThatByteIsAnother) {
@@ -253,7 +253,7 @@ TEST_F(PackWithHandle, SetsTheStatusBeforeItLooksAtAnything) {
   EXPECT_FALSE(targetExists());
 }
 
-TEST_F(PackWithHandle, TellsBothNumbersAndStatusZeroDuringTheProgressCalls) {
+TEST_F(PackWithHandle, ReportsBothNumbersAndStatusZeroDuringTheProgressCalls) {
   putSource(passingFile());
   log.during = [this](size_t index) {
     if (index != 0) return;

@@ -139,7 +139,7 @@ TEST_F(Renumber, KeepsIdentifiersAndTimesInTheInfoTableAndIdentifiersInTheCatego
   EXPECT_EQ(target.tables[1].records[0].fields.createTime, 21u);
 }
 
-TEST_F(Renumber, TellsTheTablesByTheirExactNames) {
+TEST_F(Renumber, ReportsTheTablesByTheirExactNames) {
   addCategories({});
   uint64_t table = 0x500;
   for (const char* name : {"QVrz_info", "QVrz_Info2", "QVrz_Inf", "qvrz_Info"}) {
@@ -299,7 +299,7 @@ TEST_F(Renumber, CountsNoPairForATableOfOneRecordOnPurpose) {
 }
 
 TEST_F(Renumber, CountsThePairOfTheLastRecordWhenItsLinkLeadsOnPurposely) {
-  // The last counted record has a successor, so that there is a step behind it.
+  // The last counted record has a successor, so that there is a step after it.
   const size_t table = addRecordTable(3);
   image.slot(table).recordCount = 2;
   addCategories({{0xA1}});
@@ -412,7 +412,7 @@ TEST_F(Renumber, ClosesTheTargetsNumberOnceMoreOnPurposeWhenTheCallWith100Return
   EXPECT_EQ(position(2), -1);
 }
 
-TEST_F(Renumber, TellsBothNumbersWhileItRunsAndTheTargetsZeroAtTheEnd) {
+TEST_F(Renumber, ReportsBothNumbersWhileItRunsAndTheTargetsZeroAtTheEnd) {
   addCategories({});
   putSource(image);
   const int16_t src = OpenDBaseW(wide(kSource), 1);
@@ -576,7 +576,7 @@ TEST_F(Renumber, EndsWithALoopAmongTheCategories) {
   EXPECT_EQ(idsOf("QVrz_Category").size(), 7u);
   EXPECT_EQ(secondList(payloadOf("QVrz_Category", 0)), std::vector<uint64_t>{ids[0]});
   EXPECT_EQ(secondList(payloadOf("QVrz_Category", 1)), std::vector<uint64_t>{ids[1]});
-  // Lookups find the first of each identifier: the copies behind stay as they are.
+  // Lookups find the first of each identifier: the copies after it stay unchanged.
   EXPECT_EQ(secondList(payloadOf("QVrz_Category", 2)), std::vector<uint64_t>{0xA0});
 }
 
