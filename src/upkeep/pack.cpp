@@ -148,7 +148,7 @@ PackReport renumber(const fs::path& source, const fs::path& target,
   });
   if (!canRenew) {
     throwError(source, kOperation, Reason::table_missing,
-               std::string("it has no table '") + kCategoryTable + "', which it cannot do without");
+               std::string("it has no table '") + kCategoryTable + "', which renumbering needs");
   }
   const auto renumberOpenFile = [&] {
     uint16_t srcRef = 0;

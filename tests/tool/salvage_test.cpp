@@ -197,7 +197,7 @@ TEST_F(ToolHistory, ListsVersionsAndWritesOneOfThem) {
               std::string::npos);
   });
   fails({"history", "--at", "1", "test.qvd", "notes", ids[1]}, 1, {"no version", "at 1"});
-  fails({"history", "test.qvd", "notes", "0xee"}, 1, {"nothing is left", "0xee"});
+  fails({"history", "test.qvd", "notes", "0xee"}, 1, {"no version", "0xee"});
   fails({"history", "test.qvd", "absent", ids[1]}, 1, {"absent"});
   fails({"history", "test.qvd", "notes", "second"}, 2, {"'second'"});
 }

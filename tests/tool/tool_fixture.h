@@ -1,7 +1,6 @@
 // The fixture for tests of the command-line tool: runs it in the test's folder. Every database file
 // in the folder is checked when the test ends (database_fixture.h).
-#ifndef QVDBASE_TESTS_TOOL_TOOL_FIXTURE_H
-#define QVDBASE_TESTS_TOOL_TOOL_FIXTURE_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -98,5 +97,3 @@ class ToolTest : public DatabaseTest {
 };
 
 }  // namespace qvdbase::test
-
-#endif

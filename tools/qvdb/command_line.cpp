@@ -1,131 +1,33 @@
 // Reads the command line. The only file that uses the library for it.
-//
-// Each command's help is laid out like a manual page: usage, description, arguments, options,
-// examples, exit status.
 #include "command_line.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
-#include <sstream>
 
+#include "command_help.h"
 #include "commands.h"
 #include "failure.h"
 #include "output.h"
 #include "suggestion.h"
-#include "text.h"
 #include "waiting.h"
 
 namespace qvdb::tool {
 
-// One command under construction: the library's object, and what its help is made of.
+// One command under construction: the library's object, and its help.
 class Arguments::Parser {
  public:
-  Parser(CLI::App* app, const Command& command) : app_(app), command_(command) {}
+  Parser(CLI::App* app, const Command& command) : help(command), app_(app) {}
 
   CLI::App* app() { return app_; }
 
-  void describeArgument(const std::string& usage, const char* name, const char* help) {
-    usage_ += " " + usage;
-    arguments_.push_back({name, help});
-  }
-  void describeOption(const std::string& names, const char* valueName, const char* help) {
-    std::string left = names;
-    const size_t comma = left.find(',');
-    if (comma != std::string::npos) left.insert(comma + 1, " ");
-    if (valueName != nullptr) left += std::string(" ") + valueName;
-    options_.push_back({left, help});
-  }
-
-  std::string help() const;
+  CommandHelp help;
 
  private:
-  struct Entry {
-    std::string left;
-    std::string help;
-  };
-  static void section(std::ostream& out, const char* title, const std::vector<Entry>& entries);
-
   CLI::App* app_;
-  const Command& command_;
-  std::string usage_;
-  std::vector<Entry> arguments_;
-  std::vector<Entry> options_;
 };
 
 namespace {
-
-constexpr size_t kWidth = 79;
-constexpr size_t kHelpColumn = 10;
-constexpr size_t kStatusColumn = 4;
-constexpr const char* kExitStatus = R"(0  done
-1  failed, or what was asked for does not exist
-2  wrong usage
-3  another process has the database open)";
-
-void wrap(std::ostream& out, const std::string& text, size_t indent) {
-  const std::string space(indent, ' ');
-  out << wrapped(space + text, kWidth, indent);
-}
-
-void paragraphs(std::ostream& out, const std::string& text, size_t indent) {
-  size_t from = 0;
-  while (from < text.size()) {
-    const size_t end = std::min(text.find("\n\n", from), text.size());
-    if (from != 0) out << '\n';
-    std::string paragraph = text.substr(from, end - from);
-    std::replace(paragraph.begin(), paragraph.end(), '\n', ' ');
-    wrap(out, paragraph, indent);
-    from = end + 2;
-  }
-}
-
-constexpr const char* kOverviewStart =
-    R"(qvdb - create, inspect, fill and empty QVDbase database files
-
-USAGE
-  qvdb COMMAND [ARGUMENT]...
-  qvdb COMMAND --help
-
-COMMANDS
-)";
-
-constexpr const char* kOverviewEnd = R"(
-A TABLE is named by its name or its identifier, a RECORD by its identifier or,
-in a table of imported files, by its file's name. Identifiers are written as 0x
-and hexadecimal digits, or in decimal.
-
-OPTIONS
-  -h, --help    show this help, or that of a command
-  --version     show the version
-
-EXAMPLES
-  qvdb create photos.qvd
-  qvdb import photos.qvd holiday ~/Pictures/holiday/
-  qvdb records photos.qvd holiday
-  qvdb export photos.qvd holiday /mnt/copy
-)";
-
-void exitStatuses(std::ostream& out, const char* lines) {
-  out << "\nEXIT STATUS\n";
-  std::istringstream statuses(lines);
-  for (std::string line; std::getline(statuses, line);) {
-    out << wrapped("  " + line, kWidth, kStatusColumn);
-  }
-}
-
-std::string overview() {
-  std::ostringstream out;
-  out << kOverviewStart;
-  for (const Command* command : allCommands()) {
-    out << "  " << command->name
-        << std::string(12 - std::min<size_t>(11, std::string_view(command->name).size()), ' ')
-        << command->summary << '\n';
-  }
-  out << kOverviewEnd;
-  exitStatuses(out, kExitStatus);
-  return out.str();
-}
 
 uint64_t numberOf(const std::string& name, const std::string& text) {
   uint64_t value = 0;
@@ -141,44 +43,40 @@ std::string withoutDashes(const char* names) {
   return all.substr(all.rfind(',') + 1);
 }
 
-}  // namespace
-
-std::string Arguments::Parser::help() const {
-  std::ostringstream out;
-  out << "qvdb " << command_.name << " - " << command_.summary << "\n\nUSAGE\n  qvdb "
-      << command_.name << (options_.empty() ? "" : " [OPTION]...") << usage_ << "\n\nDESCRIPTION\n";
-  paragraphs(out, command_.description, 2);
-  section(out, "ARGUMENTS", arguments_);
-  std::vector<Entry> options = options_;
-  options.push_back({"-h, --help", "Show this help."});
-  section(out, "OPTIONS", options);
-  out << "\nEXAMPLES\n";
-  std::istringstream lines(command_.examples);
-  for (std::string line; std::getline(lines, line);) out << "  " << line << '\n';
-  exitStatuses(out, command_.exitStatus != nullptr ? command_.exitStatus : kExitStatus);
-  return out.str();
-}
-
-void Arguments::Parser::section(std::ostream& out, const char* title,
-                                const std::vector<Entry>& entries) {
-  if (entries.empty()) return;
-  out << '\n' << title << '\n';
-  for (const Entry& entry : entries) {
-    out << "  " << entry.left << '\n';
-    wrap(out, entry.help, kHelpColumn);
+// What is wrong with the command line, in our words where the library has none that name the cause.
+std::string complaintOf(const CLI::ParseError& error, const CLI::App& app) {
+  if (dynamic_cast<const CLI::ExtrasError*>(&error) == nullptr) return error.what();
+  for (const std::string& word : app.remaining(true)) {
+    if (word.starts_with('-')) return "there is no option '" + word + "'";
   }
+  return "there are too many arguments";
 }
+
+// A command line that cannot be understood; `named` is its first word.
+Failure misuse(const CLI::ParseError& error, const CLI::App& app, const std::string& named) {
+  const auto chosen = app.get_subcommands();
+  const std::string help =
+      chosen.empty() ? "qvdb --help" : "qvdb " + chosen[0]->get_name() + " --help";
+  if (chosen.empty() && !named.empty() && named[0] != '-') {
+    const std::string suggestion = suggestionFor(named);
+    return wrongUsage("there is no command '" + named + "'; " +
+                      (suggestion.empty() ? "" : suggestion + " ") + "see '" + help + "'");
+  }
+  return wrongUsage(complaintOf(error, app) + "; see '" + help + "'");
+}
+
+}  // namespace
 
 void Arguments::argument(const char* name, std::string& value, const char* help) {
   parser_.app()->add_option(name, value)->required();
-  parser_.describeArgument(name, name, help);
+  parser_.help.addArgument(name, name, help);
 }
 
 void Arguments::optionalArgument(const char* name, std::optional<std::string>& value,
                                  const char* help) {
   parser_.app()->add_option_function<std::string>(
       name, [&value](const std::string& text) { value = text; });
-  parser_.describeArgument("[" + std::string(name) + "]", name, help);
+  parser_.help.addArgument("[" + std::string(name) + "]", name, help);
 }
 
 void Arguments::arguments(const char* name, std::vector<std::string>& values, int atLeast,
@@ -186,14 +84,14 @@ void Arguments::arguments(const char* name, std::vector<std::string>& values, in
   auto* option = parser_.app()->add_option(name, values);
   if (atLeast > 0) option->required()->expected(atLeast, 1 << 28);
   const std::string usage = std::string(name) + "...";
-  parser_.describeArgument(atLeast > 0 ? usage : "[" + usage + "]", name, help);
+  parser_.help.addArgument(atLeast > 0 ? usage : "[" + usage + "]", name, help);
 }
 
 void Arguments::option(const char* names, const char* valueName, std::optional<std::string>& value,
                        const char* help) {
   parser_.app()->add_option_function<std::string>(
       names, [&value](const std::string& text) { value = text; });
-  parser_.describeOption(names, valueName, help);
+  parser_.help.addOption(names, valueName, help);
 }
 
 void Arguments::option(const char* names, const char* valueName, std::optional<uint64_t>& value,
@@ -202,18 +100,18 @@ void Arguments::option(const char* names, const char* valueName, std::optional<u
       names, [&value, name = withoutDashes(names)](const std::string& text) {
         value = numberOf(name, text);
       });
-  parser_.describeOption(names, valueName, help);
+  parser_.help.addOption(names, valueName, help);
 }
 
 void Arguments::option(const char* names, const char* valueName, std::vector<std::string>& values,
                        const char* help) {
   parser_.app()->add_option(names, values)->allow_extra_args(false);
-  parser_.describeOption(names, valueName, help);
+  parser_.help.addOption(names, valueName, help);
 }
 
 void Arguments::flag(const char* names, bool& value, const char* help) {
   parser_.app()->add_flag(names, value);
-  parser_.describeOption(names, nullptr, help);
+  parser_.help.addOption(names, nullptr, help);
 }
 
 void Arguments::json(bool& value) {
@@ -253,8 +151,9 @@ std::optional<Action> readCommandLine(int argc, const char* const* argv) {
     arguments.option("--wait", "SECONDS", waitSeconds,
                      "How long to wait for a database that another process has open for writing. "
                      "Default: not at all.");
-    sub->formatter_fn(
-        [p = parser.get()](const CLI::App*, std::string, CLI::AppFormatMode) { return p->help(); });
+    sub->formatter_fn([p = parser.get()](const CLI::App*, std::string, CLI::AppFormatMode) {
+      return p->help.text();
+    });
     parsers.push_back(std::move(parser));
   }
 
@@ -269,15 +168,7 @@ std::optional<Action> readCommandLine(int argc, const char* const* argv) {
     printLine(version.what());
     return std::nullopt;
   } catch (const CLI::ParseError& error) {
-    const auto chosen = app.get_subcommands();
-    const std::string help =
-        chosen.empty() ? "qvdb --help" : "qvdb " + chosen[0]->get_name() + " --help";
-    if (chosen.empty() && !named.empty() && named[0] != '-') {
-      const std::string suggestion = suggestionFor(named);
-      throw wrongUsage("there is no command '" + named + "'; " +
-                       (suggestion.empty() ? "" : suggestion + " ") + "see '" + help + "'");
-    }
-    throw wrongUsage(std::string(error.what()) + "; see '" + help + "'");
+    throw misuse(error, app, named);
   }
   for (size_t i = 0; i < actions.size(); ++i) {
     if (parsers[i]->app()->parsed()) return actions[i];

@@ -52,6 +52,8 @@ constexpr Advice kAdvice[] = {
     {Reason::table_missing, "'qvdb tables' lists the tables"},
     {Reason::table_exists, "choose another name"},
     {Reason::directory_full, "use another database for more tables"},
+    {Reason::record_missing,
+     "'qvdb records' lists the records, 'qvdb history' the versions of one"},
     {Reason::empty_payload, "'qvdb rm' deletes a record"},
     {Reason::disk_full, "free some space and try again"},
 };

@@ -100,8 +100,7 @@ class Lister {
   void addOne(const Pending& found) {
     throwIfInterrupted();
     struct stat status = {};
-    if (::lstat(found.path.c_str(), &status) != 0)
-      throw systemFailure(found.path, "read its properties");
+    if (::lstat(found.path.c_str(), &status) != 0) throw systemFailure(found.path, "access");
     if (isDatabase(status)) return leaveOut(found.path + " (the database itself)");
     FoundFile file;
     file.file = propertiesOf(status, found.name);

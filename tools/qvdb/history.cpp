@@ -67,7 +67,8 @@ int run(const Options& options) {
       history(options.file, options.table,
               recordIdInUseOrNot(options.file, options.table, options.record, Prefer::inUse));
   if (versions.empty()) {
-    throw Failure(options.file + ": nothing is left of the record " + options.record);
+    throw Failure(options.file + ": there is no version of the record " + options.record +
+                  "; 'qvdb records' lists the records, with --deleted the deleted ones");
   }
   if (options.at) return deliverVersion(options, versions);
   if (options.json) {

@@ -1,0 +1,126 @@
+// The help texts.
+#include "command_help.h"
+
+#include <algorithm>
+#include <sstream>
+#include <string_view>
+
+#include "commands.h"
+#include "text.h"
+
+namespace qvdb::tool {
+namespace {
+
+constexpr size_t kWidth = 79;
+constexpr size_t kHelpColumn = 10;
+constexpr size_t kStatusColumn = 4;
+constexpr const char* kExitStatus = R"(0  done
+1  failed, or what was asked for does not exist
+2  wrong usage
+3  another process has the database open)";
+
+void wrap(std::ostream& out, const std::string& text, size_t indent) {
+  const std::string space(indent, ' ');
+  out << wrapped(space + text, kWidth, indent);
+}
+
+void paragraphs(std::ostream& out, const std::string& text, size_t indent) {
+  size_t from = 0;
+  while (from < text.size()) {
+    const size_t end = std::min(text.find("\n\n", from), text.size());
+    if (from != 0) out << '\n';
+    std::string paragraph = text.substr(from, end - from);
+    std::replace(paragraph.begin(), paragraph.end(), '\n', ' ');
+    wrap(out, paragraph, indent);
+    from = end + 2;
+  }
+}
+
+constexpr const char* kOverviewStart =
+    R"(qvdb - create, inspect, fill and empty QVDbase database files
+
+USAGE
+  qvdb COMMAND [ARGUMENT]...
+  qvdb COMMAND --help
+
+COMMANDS
+)";
+
+constexpr const char* kOverviewEnd = R"(
+A TABLE is named by its name or its identifier, a RECORD by its identifier or,
+in a table of imported files, by its file's name. Identifiers are written as 0x
+and hexadecimal digits, or in decimal.
+
+OPTIONS
+  -h, --help    show this help, or that of a command
+  --version     show the version
+
+EXAMPLES
+  qvdb create photos.qvd
+  qvdb import photos.qvd holiday ~/Pictures/holiday/
+  qvdb records photos.qvd holiday
+  qvdb export photos.qvd holiday /mnt/copy
+)";
+
+void exitStatuses(std::ostream& out, const char* lines) {
+  out << "\nEXIT STATUS\n";
+  std::istringstream statuses(lines);
+  for (std::string line; std::getline(statuses, line);) {
+    out << wrapped("  " + line, kWidth, kStatusColumn);
+  }
+}
+
+}  // namespace
+
+std::string overview() {
+  std::ostringstream out;
+  out << kOverviewStart;
+  for (const Command* command : allCommands()) {
+    out << "  " << command->name
+        << std::string(12 - std::min<size_t>(11, std::string_view(command->name).size()), ' ')
+        << command->summary << '\n';
+  }
+  out << kOverviewEnd;
+  exitStatuses(out, kExitStatus);
+  return out.str();
+}
+
+void CommandHelp::addArgument(const std::string& usage, const char* name, const char* help) {
+  usage_ += " " + usage;
+  arguments_.push_back({name, help});
+}
+
+void CommandHelp::addOption(const std::string& names, const char* valueName, const char* help) {
+  std::string left = names;
+  const size_t comma = left.find(',');
+  if (comma != std::string::npos) left.insert(comma + 1, " ");
+  if (valueName != nullptr) left += std::string(" ") + valueName;
+  options_.push_back({left, help});
+}
+
+std::string CommandHelp::text() const {
+  std::ostringstream out;
+  out << "qvdb " << command_.name << " - " << command_.summary << "\n\nUSAGE\n  qvdb "
+      << command_.name << (options_.empty() ? "" : " [OPTION]...") << usage_ << "\n\nDESCRIPTION\n";
+  paragraphs(out, command_.description, 2);
+  section(out, "ARGUMENTS", arguments_);
+  std::vector<Entry> options = options_;
+  options.push_back({"-h, --help", "Show this help."});
+  section(out, "OPTIONS", options);
+  out << "\nEXAMPLES\n";
+  std::istringstream lines(command_.examples);
+  for (std::string line; std::getline(lines, line);) out << "  " << line << '\n';
+  exitStatuses(out, command_.exitStatus != nullptr ? command_.exitStatus : kExitStatus);
+  return out.str();
+}
+
+void CommandHelp::section(std::ostream& out, const char* title, const std::vector<Entry>& entries) {
+  if (entries.empty()) return;
+  out << '\n' << title << '\n';
+  for (const Entry& entry : entries) {
+    out << "  " << entry.left << '\n';
+    wrap(out, entry.help, kHelpColumn);
+  }
+}
+
+}  // namespace qvdb::tool
