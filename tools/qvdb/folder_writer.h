@@ -1,7 +1,4 @@
 // Writes files into a folder, and nowhere else, whatever their names say.
-//
-// Every step goes from folder to folder by open descriptors and follows no symbolic link, so that
-// neither a name nor a link, old or just written, leads out of it.
 #pragma once
 
 #include <sys/stat.h>
@@ -9,11 +6,10 @@
 
 #include <set>
 #include <string>
-#include <string_view>
 
 #include "delivery.h"
+#include "folder_walk.h"
 #include "imported_files.h"
-#include "input.h"
 
 namespace qvdb::tool {
 
@@ -50,23 +46,15 @@ class FolderWriter {
   void finishFolder(const ImportedFile& file);
 
  private:
-  // Goes to the folder that holds the name; returns the last part of the name.
-  std::string enterParent(const std::string& name, bool make);
-  Descriptor openFolder(int from, const std::string& part, const std::string& name, bool make);
-  std::string pathOf(std::string_view name) const;
   bool isDatabase(const struct stat& status) const;
 
   mode_t modeOf(const ImportedFile& file) const;
 
-  std::string path_;
   FolderOptions options_;
-  mode_t masked_;                  // the permissions that new files do not get
-  std::set<std::string> written_;  // the folders that got new names, as parentName_
-  bool wasEmpty_ = false;
-  Descriptor root_;
-  Descriptor parent_;
-  std::string parentName_;  // with a '/' at its end; empty for the root
-  bool hasParent_ = false;
+  mode_t masked_;  // the permissions that new files do not get
+  FolderWalk walk_;
+  bool wasEmpty_;
+  std::set<std::string> written_;  // the folders that got new names, as FolderWalk::parentName()
 };
 
 }  // namespace qvdb::tool
