@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every public header compiles without warnings: on its own, twice, and before and behind each of the
+# Every public header compiles without warnings: on its own, twice, and before and after each of the
 # others. The headers for C do so as C11 and as C++20, the others as C++20. Each one
 # of the C++ layer says what it needs when it is compiled as C++17.
 #
@@ -41,7 +41,7 @@ compiles() {
 }
 
 # orders LANGUAGE HEADER...: each header alone, then all in this order, each twice, and all in the
-# opposite order. So each stands before and behind each other.
+# opposite order. So each comes before and after each other.
 orders() {
   local language=$1 header
   shift

@@ -39,7 +39,7 @@ using Files = std::map<std::string, Bytes>;
 
 struct ToolCall {
   const char* name;
-  std::vector<std::string> words;  // "@" stands for the folder of the test
+  std::vector<std::string> words;  // "@" is the folder of the test
   bool changesDatabase = false;    // full.qvd; else it is as it was
   const char* product = nullptr;   // what it makes: a file, or a folder of files
   std::set<Call> passesOver = {};  // failures that it goes on without, as is stated of it

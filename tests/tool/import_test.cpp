@@ -188,7 +188,7 @@ TEST_F(ToolImport, WithReplaceRenewsAndExtends) {
   makeFiles(path("in"));
   done({"import", "test.qvd", "files", "in/"});
   const std::string before = json({"records", "--json", "test.qvd", "files"})["records"][0]["id"];
-  store("in/a.txt", bytesOf("grown beyond its room"));
+  store("in/a.txt", bytesOf("grown beyond its capacity"));
   store("in/sub/binary", bytesOf("shrunk"));
   store("in/sub/deeper/x", {});
   store("in/empty", bytesOf("filled"));
@@ -345,7 +345,7 @@ TEST_F(ToolImport, ThatCannotBeCompletedReportsExactlyWhatIsStored) {
   for (int i = 0; i < 500; ++i) store("in/" + std::to_string(1000 + i), pattern(10'000));
   ProgramCall call = callOf({});
   call.program = "/bin/sh";
-  // A limit on the size of files stands in for a full disk. Its unit is 512 or 1,024 bytes.
+  // A limit on the size of files takes the place of a full disk. Its unit is 512 or 1,024 bytes.
   call.arguments = {
       "-c", std::string("ulimit -f 4000; exec '") + QVDB_TOOL + "' import test.qvd files in/"};
   const Outcome outcome = runProgram(call);
@@ -359,7 +359,7 @@ TEST_F(ToolImport, ThatCannotBeCompletedReportsExactlyWhatIsStored) {
   EXPECT_EQ(
       line({"export", "test.qvd", "files", "out"}),
       "exported " + std::to_string(stored) + " files, " + std::to_string(stored) + "0000 bytes");
-  allowDamage();  // the block that was begun stands unlinked at the end
+  allowDamage();  // the block that was begun is unlinked at the end
 }
 
 TEST_F(ToolImport, OfAFileThatNoRecordCanHoldStoresNothing) {

@@ -336,7 +336,7 @@ TEST_F(ProductsOfTheTool, OfRootGoNowhereElseInAFolderOfAnotherUser) {
   };
   {
     const Unprivileged user(folder.path());
-    if (!user) GTEST_SKIP() << "root cannot act as somebody else here";
+    if (!user) GTEST_SKIP() << "root cannot act as another user here";
     for (pid_t each = ::getpid(); each < ::getpid() + 300; ++each) {
       for (const char* prefix : {"new.qvdb-", ".qvdb-"}) {
         ASSERT_EQ(::symlink("../victim", path("shared/" + (prefix + std::to_string(each))).c_str()),

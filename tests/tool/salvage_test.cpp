@@ -13,7 +13,7 @@ class ToolSalvage : public ToolTest {
  protected:
   Words ids = notes({bytesOf("first"), bytesOf("second"), bytesOf("third")});
 
-  // Cuts the chain behind the first record.
+  // Cuts the chain after the first record.
   void cutChain() {
     patchFile(path(), 4630 + 39, Bytes().zeros(8));
     allowDamage();
@@ -66,7 +66,7 @@ TEST_F(ToolSalvage, ReadsStandardInputAndExtractsPayloads) {
   EXPECT_EQ(payloadOf("saved.qvd", ids[0]), "first");
 }
 
-// It would not fit into memory; the database stands behind what is no part of it.
+// It would not fit into memory; the database comes after bytes that are no part of it.
 TEST_F(ToolSalvage, ReadsStandardInputInPlaceWhenItIsAFile) {
   constexpr uint64_t kBegin = uint64_t{5} << 30;
   writeFile(path("disk.img"), pattern(100));
