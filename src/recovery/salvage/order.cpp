@@ -1,5 +1,6 @@
 // The order of the records of a broken chain.
 #include <algorithm>
+#include <map>
 #include <optional>
 
 #include "recovery/salvage/plan.h"
@@ -7,6 +8,43 @@
 using namespace qvdbase::survey;
 
 namespace qvdbase::salvage {
+namespace {
+
+// The members of a table that take the place of blocks which do not count: found by the identifier
+// or, where the block has none, by the links, which a moved record takes along.
+class OlderVersions {
+ public:
+  OlderVersions(const Survey& survey, const std::vector<uint32_t>& members) : survey_(survey) {
+    for (const uint32_t number : members) {
+      const Block& each = survey.blocks[number];
+      if (each.reach & kForward) continue;
+      byRecord_[each.recordID] = number;
+      if (each.next != 0) byNext_[each.next] = number;
+      byPrev_[each.prev] = number;
+    }
+  }
+
+  uint32_t instead(uint32_t number) const {
+    const Block& asked = survey_.blocks[number];
+    if (asked.recordID != 0) return found(byRecord_, asked.recordID);
+    const uint32_t sameNext = found(byNext_, asked.next);
+    return sameNext != kNoBlock ? sameNext : found(byPrev_, asked.prev);
+  }
+
+ private:
+  template <typename Key>
+  static uint32_t found(const std::map<Key, uint32_t>& numbers, Key key) {
+    const auto place = numbers.find(key);
+    return place == numbers.end() ? kNoBlock : place->second;
+  }
+
+  const Survey& survey_;
+  std::map<uint64_t, uint32_t> byRecord_;
+  std::map<int64_t, uint32_t> byNext_;
+  std::map<int64_t, uint32_t> byPrev_;
+};
+
+}  // namespace
 
 std::vector<uint32_t> inLinkOrder(const Survey& survey, std::vector<uint32_t> blocks) {
   const auto at = [&](uint32_t number) -> const Block& { return survey.blocks[number]; };
@@ -44,6 +82,34 @@ std::vector<uint32_t> inLinkOrder(const Survey& survey, std::vector<uint32_t> bl
   }
   for (size_t i = 0; i < blocks.size(); ++i) placeFrom(i);  // what is left forms circles
   return ordered;
+}
+
+std::vector<uint32_t> chainOrder(const Survey& survey, const Table& table,
+                                 const std::vector<uint32_t>& members) {
+  std::vector<uint32_t> chain;
+  std::vector<bool> isMember(survey.blocks.size(), false);
+  for (const uint32_t number : members) isMember[number] = true;
+  const auto take = [&](uint32_t number) {
+    if (!isMember[number]) return;
+    isMember[number] = false;
+    chain.push_back(number);
+  };
+  const OlderVersions older(survey, members);
+  const auto takeOrReplace = [&](uint32_t number) {
+    if (!isMember[number]) number = older.instead(number);
+    if (number != kNoBlock) take(number);
+  };
+  for (const uint32_t number : table.forward.blocks) takeOrReplace(number);
+
+  std::vector<uint32_t> detached;
+  for (const uint32_t number : members) {
+    if (isMember[number] && !(survey.blocks[number].reach & kBackward)) detached.push_back(number);
+  }
+  for (const uint32_t number : inLinkOrder(survey, detached)) take(number);
+  const std::vector<uint32_t>& backward = table.backward.blocks;
+  std::for_each(backward.rbegin(), backward.rend(), takeOrReplace);
+  for (const uint32_t number : members) take(number);
+  return chain;
 }
 
 }  // namespace qvdbase::salvage

@@ -39,6 +39,12 @@ Plan makePlan(const survey::Survey& survey, const qvdb::SalvageOptions& options,
 // the pieces follow in the order of the file.
 std::vector<uint32_t> inLinkOrder(const survey::Survey& survey, std::vector<uint32_t> blocks);
 
+// The members of a table in the order of its chain: what the walk from the front reaches, then
+// pieces that no end leads to, then what only the walk from the back reaches. Where a chain leads
+// to a block that is no member, an older version takes its place.
+std::vector<uint32_t> chainOrder(const survey::Survey& survey, const survey::Table& table,
+                                 const std::vector<uint32_t>& members);
+
 qvdb::FoundBlock describe(const survey::Survey& survey, uint32_t number);
 
 }  // namespace qvdbase::salvage
