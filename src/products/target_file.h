@@ -20,7 +20,7 @@ namespace qvdbase::products {
 // The file that a path leads to: absolute, symbolic links followed as far as they exist.
 std::filesystem::path resolved(const std::filesystem::path& path, const char* operation);
 
-// Makes the folder that the file is to lie in, and those on the way to it, if that is asked for.
+// Makes the folder that the file is to lie in, and those in its path, if that is asked for.
 // Throws path_not_reachable when it is not there, access_denied.
 void requireFolder(const std::filesystem::path& file, const char* operation, bool create);
 
@@ -40,7 +40,7 @@ struct TargetRules {
 class TargetFile {
  public:
   // Throws file_exists when the target is there and must not be replaced; not_a_file for a folder,
-  // a device, or a link that leads nowhere; in_use when anybody else has it open for writing;
+  // a device, or a link that leads nowhere; in_use when another process has it open for writing;
   // path_not_reachable; and bad_argument when it cannot be replaced for its hard links.
   TargetFile(const std::filesystem::path& target, const char* operation, const TargetRules& rules);
 

@@ -94,7 +94,7 @@ bool LiveReader::readChain(LiveTable* table, const std::function<void()>& step) 
       return damaged("is not where its chain leads");
     }
     if (head.prevRecordPos != previous) return damaged("does not point back to the one before it");
-    if (head.dataLength > head.dataCapacity) return damaged("claims more bytes than it has room");
+    if (head.dataLength > head.dataCapacity) return damaged("claims more bytes than its capacity");
     if (!holds(position, uint64_t{head.dataCapacity} + kRecordBlockOverhead)) {
       return damaged("reaches beyond the end of the file");
     }

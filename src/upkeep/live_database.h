@@ -38,12 +38,13 @@ struct LiveDatabase {
   uint64_t recordCount() const;
 };
 
-// How a table's damage is told: the table, and what is wrong with it.
+// What is damaged.
 enum class LiveDamage { none, directory, chain, data };
 
 // Reads all of it. A chain is followed forwards; each link must lead to a record of the table whose
 // back link names the record before, and after as many records as the slot counts the chain must
-// end, at the slot's last position. So no record is met twice. Every block must lie in the file.
+// end, at the slot's last position. So no record is reached twice. Every block must lie in the
+// file.
 class LiveReader {
  public:
   explicit LiveReader(const survey::ByteSource& source) : source_(source), window_(source) {}
@@ -51,7 +52,7 @@ class LiveReader {
   // Where the data of the table in that slot lies, if the slot does not say it.
   void setDataPosition(int slot, int64_t position) { dataPositions_.emplace_back(slot, position); }
 
-  // False when something does not fit; damage() and why() tell then. `step` is called for each
+  // False when something does not fit; damage() and why() then say what. `step` is called for each
   // record and may throw.
   bool read(LiveDatabase* database, const std::function<void()>& step);
 

@@ -9,7 +9,7 @@ namespace qvdbase::upkeep {
 namespace {
 
 // The one that the C functions report to. A progress function may itself run an operation on
-// other files; its reporter stands in front for that long.
+// other files; its reporter is the listener for that long.
 Reporter* listener = nullptr;
 
 }  // namespace

@@ -20,7 +20,7 @@ class Reporter {
   // what the function throws; only the cancellation of its thread passes.
   bool report(int percent);
 
-  // Rethrows what the function threw; otherwise tells whether it asked to stop.
+  // Rethrows what the function threw; otherwise returns whether it asked to stop.
   bool wantsToStop() const;
 
   // The progress functions to hand to the C functions. Packs call with the percent second, and the

@@ -72,7 +72,7 @@ class Changes {
     if (name.size() > kTableNameSize) {
       fail(Reason::name_too_long, "the name '" + name + "' has more than 32 bytes");
     }
-    // Clears what the old name leaves behind a shorter one.
+    // Clears what the old name leaves after a shorter one.
     std::memset(table->slot.tableName, 0, kTableNameSize);
     std::memcpy(table->slot.tableName, name.data(), name.size());
   }

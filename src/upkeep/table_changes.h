@@ -1,4 +1,4 @@
-// Changes to whole tables that a compaction makes on its way: the format has no operation for them.
+// Changes to whole tables that a compaction makes meanwhile: the format has no operation for them.
 #pragma once
 
 #include <qvdbase/qvdb/maintenance.hpp>

@@ -40,7 +40,7 @@ Copied copiedBlocks(const Survey& survey) {
   return copied;
 }
 
-// Errors of the slots whose data a pack has moved: the data is found all the same.
+// Errors of the slots whose data a pack has moved: the data is found anyway.
 class Errors {
  public:
   Errors(const Survey& survey, Verdict* verdict) : survey_(survey), verdict_(*verdict) {}

@@ -1,4 +1,4 @@
-// What a copy of a database would leave behind, judged before it is made: a copy that follows the
+// What a copy of a database would leave out, judged before it is made: a copy that follows the
 // chains makes a damaged database into a sound one with less in it.
 #pragma once
 

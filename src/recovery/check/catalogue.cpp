@@ -12,7 +12,7 @@ constexpr Severity kInformation = Severity::information;
 constexpr std::string_view kNothing = "nothing";
 constexpr std::string_view kAll = "every call on tables and records; pack and link repair";
 constexpr std::string_view kTail =
-    "listing the table; lookups, changes and deletions of the records behind it; pack unless the "
+    "listing the table; lookups, changes and deletions of the records after it; pack unless the "
     "chain simply ends there";
 constexpr std::string_view kSalvage = "run 'qvdb salvage' into a new file";
 constexpr std::string_view kTailAdvice =
@@ -24,8 +24,9 @@ constexpr std::string_view kPack = "nothing needs to be done; 'qvdb compact' dro
 constexpr FindingCode kCodes[] = {
     // ---- The file as a whole
     {"F1", kError, "the file is empty", "every call",
-     "restore it from a copy; a pack that failed, or the copying of a frame, leaves "
-     "such a file behind and has not changed its source"},
+     "restore it from a copy; a pack that failed, or the copying of a frame, leaves such a file "
+     "and "
+     "has not changed its source"},
     {"F2", kError, "the file is cut off before the end of its directory", kAll,
      "restore it from a copy; 'qvdb salvage' finds what blocks there are"},
     {"F3", kWarning, "the file has holes where data should be", kNothing,
@@ -52,13 +53,12 @@ constexpr FindingCode kCodes[] = {
 
     // ---- Directory
     {"D1", kError, "a slot in use lacks one of its marks",
-     "every call on this table and on those behind it; adding tables; pack and link repair",
+     "every call on this table and on those after it; adding tables; pack and link repair",
      kSalvage},
     {"D2", kError, "a slot that is not counted holds a table",
      "every call on this table; the next AddTable writes over the slot",
      "if the table has records, run 'qvdb salvage' into a new file before anything is added; else "
-     "it "
-     "is what an interrupted AddTable leaves"},
+     "it is what an interrupted AddTable leaves"},
     {"D3", kError, "a table identifier is damaged, zero, or used by two slots",
      "calls on the second table of the same identifier", kSalvage},
     {"D4", kWarning, "a table name is empty, appears twice, or is not fit to be shown",
@@ -84,7 +84,7 @@ constexpr FindingCode kCodes[] = {
     {"R4", kError, "a record identifier is damaged, or zero",
      "finding this record by the identifier it had", kSalvage},
     {"R5", kError, "the chain ends before the number of records is reached",
-     "listing the table; finding a record that is not there, or is behind the end", kTailAdvice},
+     "listing the table; finding a record that is not there, or is after the end", kTailAdvice},
     {"R6", kError, "the last counted record has a successor: an append was cut off",
      "appending to the table; deleting or enlarging its last record",
      "'qvdb salvage' brings the record in; link repair takes this state for sound"},
@@ -96,18 +96,19 @@ constexpr FindingCode kCodes[] = {
      "link repair mends this without loss, where it notices it, if it is the only kind of finding "
      "on the table; else 'qvdb salvage' does"},
     {"R9", kError, "the chain leads back into itself",
-     "nothing at once: lookups and listing repeat records, and miss those behind", kTailAdvice},
+     "nothing at once: lookups and listing repeat records, and miss those after the loop",
+     kTailAdvice},
     {"R10", kError, "records that only the walk from the back reaches",
      "listing the table; finding these records",
      "run 'qvdb salvage' into a new file; link repair would drop them"},
-    {"R11", kError, "a record claims more data than it has room for",
-     "reading the record: it gives bytes of what lies behind", kSalvage},
+    {"R11", kError, "a record claims more data than its capacity",
+     "reading the record: it gives bytes of what follows", kSalvage},
     {"R12", kError, "a record reaches beyond the end of the file",
      "reading the record; pack, if the data itself is cut off", kSalvage},
     {"R13", kError, "a record's end mark is missing", kNothing,
      "something was written over the block; compare its data with a copy"},
     {"R14", kWarning, "a record's times cannot be right", kNothing, kLeave},
-    {"R15", kWarning, "an identifier stands for several records of a table",
+    {"R15", kWarning, "several records of a table have the same identifier",
      "finding any but the first of them", "add the others again under identifiers of their own"},
     {"R16", kInformation, "the last written record is no longer in the chain", kNothing, kLeave},
 
@@ -121,7 +122,7 @@ constexpr FindingCode kCodes[] = {
      "'qvdb salvage' into a new file finds the data; 'qvdb compact' of the source avoids it"},
     {"T4", kError, "the block of table data is not whole",
      "pack and link repair of the file; reading the data, if it is cut off", kSalvage},
-    {"T5", kInformation, "no end mark stands directly behind the table data", kNothing, kLeave},
+    {"T5", kInformation, "there is no end mark directly after the table data", kNothing, kLeave},
 
     // ---- Space
     {"S1", kError, "two blocks overlap", "reading the first of them gives bytes of the second",

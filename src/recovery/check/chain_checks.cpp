@@ -41,7 +41,7 @@ class ChainCheck {
     return {.slot = &slot_, .record = block.recordID, .offset = block.position + field};
   }
 
-  // Records that the walk meets within the count.
+  // Records that the walk reaches within the count.
   size_t countedBlocks() const {
     return static_cast<size_t>(std::min<uint64_t>(table_.forward.blocks.size(), count_));
   }
@@ -104,7 +104,7 @@ class ChainCheck {
     if (shared == 0) return;
     findings_.error("R3", {.slot = &slot_, .offset = slot_.position},
                     counted(static_cast<uint64_t>(shared), "record") +
-                        " of the chain stand in another table's chain as well.");
+                        " of the chain are in another table's chain, too.");
   }
 
   void checkLength() {

@@ -3,7 +3,7 @@
 //
 // A file that is being written to shows, between two writes of one operation, states that are
 // damage when they last. So findings count only when the file did not change while it was read and
-// nobody has it open for writing; otherwise the check is made again, and at last given up.
+// no other process has it open for writing; otherwise the check is repeated, and at last given up.
 #include <qvdbase/qvdb/check.hpp>
 
 #include <chrono>
@@ -113,14 +113,14 @@ Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
   return checkOnce(source, makeSurvey(source, {.deep = options.deep}), options);
 }
 
-// Takes back what was found while the file changed under the reader's hands: it is true of no state
-// that the file was ever in.
+// Takes back what was found while the file changed: it may be true of no state that the file was
+// ever in.
 void takeBack(Checked* checked) {
   checked->findings.clear();
   checked->report.errors = checked->report.warnings = checked->report.informations = 0;
 }
 
-CheckReport tell(Checked checked, const FindingVisitor& visitor) {
+CheckReport deliver(Checked checked, const FindingVisitor& visitor) {
   if (visitor) {
     for (const Finding& finding : checked.findings) visitor(finding);
   }
@@ -138,11 +138,11 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
     const bool hasChanged = file.hasChanged();
     // What was found can be work in progress.
     const bool isInProgress = checked.report.state != CheckState::sound && file.isLockedByOthers();
-    if (!hasChanged && !isInProgress) return tell(std::move(checked), visitor);
+    if (!hasChanged && !isInProgress) return deliver(std::move(checked), visitor);
     if (attempt >= options.retries) {
       if (hasChanged) takeBack(&checked);
       checked.report.state = CheckState::in_use;
-      return tell(std::move(checked), visitor);
+      return deliver(std::move(checked), visitor);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(options.wait_milliseconds));
   }
@@ -151,7 +151,7 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
 CheckReport check_image(std::span<const std::byte> image, const FindingVisitor& visitor,
                         const CheckOptions& options) {
   const MemorySource source(image);
-  return tell(checkOnce(source, options), visitor);
+  return deliver(checkOnce(source, options), visitor);
 }
 
 RepairPreview predict_repair(const std::filesystem::path& path) {
@@ -167,5 +167,5 @@ qvdb::CheckReport check::checkSource(const ByteSource& source) {
 
 qvdb::CheckReport check::checkSurvey(const ByteSource& source, const Survey& survey,
                                      const qvdb::FindingVisitor& visitor) {
-  return qvdb::tell(qvdb::checkOnce(source, survey, {}), visitor);
+  return qvdb::deliver(qvdb::checkOnce(source, survey, {}), visitor);
 }

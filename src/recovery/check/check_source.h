@@ -1,4 +1,4 @@
-// The check of a source that nobody else can change.
+// The check of a source that no other process can change.
 #pragma once
 
 #include <qvdbase/qvdb/check.hpp>

@@ -44,7 +44,7 @@ void checkBlock(const Survey& survey, const Block& block, const Slot& slot, Find
   };
   if (block.flaws & kLengthAboveCapacity) {
     report(block.position + tabledata::kDataLength,
-           "The table data claims " + counted(block.length, "byte") + " in room for " +
+           "The table data claims " + counted(block.length, "byte") + " in a capacity of " +
                std::to_string(block.capacity) + ".");
   }
   if (block.flaws & kBeyondEnd) {
@@ -57,8 +57,8 @@ void checkBlock(const Survey& survey, const Block& block, const Slot& slot, Find
   }
 }
 
-// Data that is written over older data has an end mark of its own behind it; data that was written
-// with spare room has fill there.
+// Data that is written over older data has an end mark of its own after it; data that was written
+// with spare capacity has fill there.
 void checkInnerMark(const ByteSource& source, const Block& block, const Slot& slot,
                     Findings* findings) {
   if (block.length >= block.capacity || block.flaws != 0) return;
@@ -66,7 +66,7 @@ void checkInnerMark(const ByteSource& source, const Block& block, const Slot& sl
   const int64_t position = block.dataPos() + block.length;
   if (source.readAt(position, &byte, 1) != 1 || byte == kBlockEndMark || byte == 0) return;
   findings->information("T5", {.slot = &slot, .offset = position},
-                        "No end mark stands directly behind the table data.");
+                        "There is no end mark directly after the table data.");
 }
 
 }  // namespace

@@ -26,11 +26,11 @@ void checkMarks(const Survey& survey, const Slot& slot, Findings* findings) {
   const char* missing = slot.hasEndMark() ? "its first mark is missing"
                         : slot.hasMark()  ? "its end mark is missing"
                                           : "both of its marks are missing";
-  const int behind = survey.header.tableCount - slot.index - 1;
+  const int hidden = survey.header.tableCount - slot.index - 1;
   std::string text =
       "Slot " + std::to_string(slot.index) + " should hold a table, but " + missing + ".";
-  if (behind > 0) {
-    text += " It hides the " + counted(static_cast<uint64_t>(behind), "table") + " behind it.";
+  if (hidden > 0) {
+    text += " It hides the " + counted(static_cast<uint64_t>(hidden), "table") + " after it.";
   }
   findings->error("D1", {.slot = &slot, .offset = slot.position}, text);
 }
@@ -75,7 +75,7 @@ void checkIdentifier(const Slot& slot, std::map<uint64_t, int>* seen, Findings* 
   if (!identifierSumIsRight(slot.fields.tableID)) {
     findings->error("D3", about, "The sum of the table's identifier is wrong.");
   } else if (number == 0) {
-    findings->error("D3", about, "The table's identifier is zero, which stands for no table.");
+    findings->error("D3", about, "The table's identifier is zero, which means no table.");
   }
   const auto [first, isNew] = seen->try_emplace(number, slot.index);
   if (!isNew) {
@@ -99,7 +99,7 @@ void checkName(const Slot& slot, std::set<std::string>* seen, Findings* findings
   if (name.size() == static_cast<size_t>(kTableNameSize)) {
     findings->information("D4", about, "The name takes all 32 bytes and has no terminator.");
   } else if (std::any_of(slot.fields.tableName + name.size(), end, [](char c) { return c != 0; })) {
-    findings->information("D4", about, "There are bytes behind the end of the name.");
+    findings->information("D4", about, "There are bytes after the end of the name.");
   }
   if (std::any_of(name.begin(), name.end(),
                   [](unsigned char c) { return c < 0x20 || c == 0x7F; })) {

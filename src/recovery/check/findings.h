@@ -45,7 +45,8 @@ class Findings {
 
   uint64_t count(qvdb::Severity severity) const { return counts_[static_cast<size_t>(severity)]; }
 
-  // In the order in which they came; of those that are alike, the last one told counts the rest.
+  // In the order in which they came; of those that are alike, the last one reported counts the
+  // rest.
   const std::vector<qvdb::Finding>& all() const { return findings_; }
 
  private:

@@ -1,8 +1,8 @@
 // Holes where payloads should be: F3.
 //
-// A block is written whole, its spare room with fill. So a hole in it was not left by the library:
-// a copying program made it of zeros, or the system lost what was written there, as file systems do
-// that put down the size of a file before its contents.
+// A block is written whole, its spare capacity with fill. So a hole in it was not left by the
+// library: a copying program made it of zeros, or the system lost what was written there, as file
+// systems do that put down the size of a file before its contents.
 #include <algorithm>
 
 #include "recovery/check/parts.h"

@@ -89,7 +89,7 @@ bool canPackRecords(const Survey& survey, const Table& table, const tablePart1& 
 }
 
 // What deletion and relocation ask of the neighbours of every record that the walk from the front
-// meets within the count.
+// reaches within the count.
 class NeighbourCheck {
  public:
   NeighbourCheck(const ByteSource& source, const Survey& survey, const Table& table)
@@ -189,7 +189,7 @@ bool repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* 
     *failure = "no record of table " + shown(repaired->name) + " can be reached";
     return false;
   } else {
-    // Sound to it is a chain of which both walks meet as many records as are counted.
+    // Sound to it is a chain of which both walks reach as many records as are counted.
     repaired->rewritten = forward > 0 && (forward < count || backward < count);
   }
   const uint64_t kept = distinctRecords(survey, table, repaired->kept);

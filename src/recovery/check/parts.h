@@ -10,7 +10,7 @@
 
 namespace qvdbase::check {
 
-// Size and header. False when there is nothing behind them that could be looked at.
+// Size and header. False when nothing follows them that could be looked at.
 bool checkHeader(const survey::Survey& survey, Findings* findings);
 
 void checkDirectory(const survey::Survey& survey, Findings* findings);
@@ -29,7 +29,7 @@ void checkRecords(const survey::Survey& survey, int64_t now, Findings* findings)
 // Payloads in use of which a part was never stored.
 void checkHoles(const survey::ByteSource& source, const survey::Survey& survey, Findings* findings);
 
-// Overlaps, dead blocks, bytes that are none, what lies behind payloads, and what every byte is.
+// Overlaps, dead blocks, bytes that are none, what follows payloads, and what every byte is.
 qvdb::SpaceUse checkSpace(const survey::ByteSource& source, const survey::Survey& survey,
                           Findings* findings);
 

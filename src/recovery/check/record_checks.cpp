@@ -49,7 +49,7 @@ class RecordChecks {
     if (block.flaws & kLengthAboveCapacity) {
       findings_.error("R11", about(block, record::kDataLength),
                       theRecord(block) + " claims " + counted(block.length, "byte") +
-                          " of data in room for " + std::to_string(block.capacity) + ".");
+                          " of data in a capacity of " + std::to_string(block.capacity) + ".");
     }
     if (block.flaws & kBeyondEnd) {
       findings_.error("R12", about(block, 0),

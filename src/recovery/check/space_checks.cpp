@@ -25,7 +25,7 @@ void reportOverlaps(const Survey& survey, Findings* findings) {
     findings->error("S1", aboutOwner(survey, first),
                     "The block at " + std::to_string(first.position) + " would end at " +
                         std::to_string(first.claimedEnd()) +
-                        ", behind the start of the next one in use at " +
+                        ", after the start of the next one in use at " +
                         std::to_string(second.position) + ".");
   }
 }
@@ -166,7 +166,7 @@ void reportLeftovers(const Survey& survey, SpaceUse* space, Findings* findings) 
     } else {
       findings->warning(
           "S5", {.offset = range.begin},
-          bytes + (isAtEnd ? ", behind the last block," : ", between blocks,") + " are no block.");
+          bytes + (isAtEnd ? ", after the last block," : ", between blocks,") + " are no block.");
     }
   }
 }
@@ -209,12 +209,12 @@ class SpareBytes {
     if (space_.reserve > space_.stale) {
       findings->information("S7", {},
                             counted(space_.reserve - space_.stale, "byte") +
-                                " of spare room in blocks were never used.");
+                                " of spare capacity in blocks were never used.");
     }
     if (space_.stale > 0) {
       findings->information("S7", {.offset = firstStale_},
                             counted(space_.stale, "byte") + " of older data can still be read " +
-                                "behind the payloads of " + counted(staleBlocks_, "block") + ".");
+                                "after the payloads of " + counted(staleBlocks_, "block") + ".");
     }
   }
 

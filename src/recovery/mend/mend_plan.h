@@ -1,6 +1,6 @@
 // The plan of a mend: which bytes complete what an interrupted operation has begun.
 //
-// The order in which the operations write leaves few states behind, and in most of them only one
+// The order in which the operations write allows few states, and in most of them only one
 // completion fits everything that is there. The plan is made for those, table by table, from the
 // two walks of its chain:
 //

@@ -1,5 +1,5 @@
-// Payload files are named by where their block stands in the source, which is the one thing that is
-// surely different for each. Nothing is written over: the source may be a file of that name, from
+// Payload files are named by the position of their block in the source, which is the one thing that
+// surely differs between them. Nothing is written over: the source may be a file of that name, from
 // an earlier salvage.
 #include "recovery/salvage/extract.h"
 
@@ -48,7 +48,7 @@ class Hash {
 // What was written of a payload.
 struct Content {
   std::string hash;         // of all of it
-  uint64_t unreadable = 0;  // bytes for which zeros stand
+  uint64_t unreadable = 0;  // bytes that zeros replace
 };
 
 // Names in files may hold any bytes: what is not plain ASCII is escaped byte by byte, so that the

@@ -24,7 +24,7 @@ void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
     products::requireFolder((path_ / "").parent_path(), operation, false);
   }
   fs::path path;
-  std::error_code refusal;  // the last one, which is about the folder itself or one on its way
+  std::error_code refusal;  // the last one, which is about the folder itself or one in its path
   for (const fs::path& part : path_) {
     path /= part;
     if (fs::create_directory(path, error)) made_.push_back(path);

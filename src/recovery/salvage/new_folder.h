@@ -24,12 +24,12 @@ class NewFolder {
   const std::filesystem::path& path() const { return path_; }
   std::filesystem::path fileNamed(const std::string& name) const { return path_ / name; }
 
-  // Makes the folder, and with `parents` those that are missing on the way to it. Throws
+  // Makes the folder, and with `parents` those that are missing in its path. Throws
   // qvdb::Error of this operation: path_not_reachable, what the host answers, and `reason` when
   // something else has the name.
   void make(const char* operation, bool parents, qvdb::Reason reason);
 
-  // To be told of each file when it has been made.
+  // To be called for each file that has been made.
   void add(const std::string& name) { made_.push_back(path_ / name); }
   void keep() { isKept_ = true; }
 
@@ -40,7 +40,7 @@ class NewFolder {
   platform::ProcessMark maker_;
 };
 
-// Whether anything stands there, be it a link to nothing.
+// Whether anything has that name, be it a link that leads nowhere.
 bool isTaken(const std::filesystem::path& path);
 
 }  // namespace qvdbase::salvage

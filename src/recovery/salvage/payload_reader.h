@@ -1,4 +1,4 @@
-// Reading the payloads of a damaged file. Where the system cannot read, zeros stand in, and are
+// Reading the payloads of a damaged file. Zeros replace what the system cannot read, and are
 // counted.
 #pragma once
 

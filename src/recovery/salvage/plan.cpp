@@ -147,7 +147,7 @@ class Planner {
     } else if (isOfAnother(owner)) {
       GenerateUuID(planned->slot.tableID);
       note("The identifier of table '" + planned->name() +
-           "' is damaged, and as it stands is that of another; it has a new one.");
+           "' is damaged, and now equals that of another; it has a new one.");
     } else {
       internal_ConvertInt64_2UuID(number, planned->slot.tableID);
       given_.insert(number);

@@ -15,7 +15,7 @@
 namespace qvdbase::salvage {
 
 // Everything is written and verified when the object is made, but the new file has not got its name
-// yet. Unless place() is called, the object leaves nothing behind.
+// yet. Unless place() is called, the object leaves no file.
 class Run {
  public:
   // `access` is that of the source, for the new files; null for the usual one. All but `wanted`
@@ -31,7 +31,7 @@ class Run {
   void place();
 
  private:
-  void tell(const survey::Survey& survey, const qvdb::BlockVisitor& visitor);
+  void report(const survey::Survey& survey, const qvdb::BlockVisitor& visitor);
   void note(const survey::Survey& survey, const Written& written);
   bool verify() const;
 
@@ -46,8 +46,9 @@ qvdb::SalvageReport run(const survey::ByteSource& source, const survey::Survey& 
                         const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
                         const qvdb::SalvageOptions& options, const platform::FileAccess* access);
 
-// What is known of the source when all of it was read. Says in the report whether anybody else has
-// it open for writing. Throws in_use, in the name of `operation`, when it was changed meanwhile.
+// What is known of the source when all of it was read. Says in the report whether another process
+// has it open for writing. Throws in_use, in the name of `operation`, when it was changed
+// meanwhile.
 void lookAtSourceAgain(const survey::OpenedFile& source, const std::filesystem::path& path,
                        const char* operation, qvdb::SalvageReport* report);
 

@@ -35,7 +35,7 @@ Run::Run(const ByteSource& source, const Survey& survey, const std::filesystem::
   target_.create(access);
   const Written written = writeFile(source, survey, plan_, &target_);
   if (extraction_) extraction_->write(source);
-  tell(survey, visitor);
+  report(survey, visitor);
   report_.tables_written = plan_.tables.size();
   report_.records_written = written.records;
   report_.data_written = written.data;
@@ -52,7 +52,7 @@ void Run::place() {
   if (extraction_) extraction_->keep();
 }
 
-void Run::tell(const Survey& survey, const qvdb::BlockVisitor& visitor) {
+void Run::report(const Survey& survey, const qvdb::BlockVisitor& visitor) {
   report_.blocks_found = survey.blocks.size();
   for (const uint32_t number : blocksInFileOrder(survey)) {
     const int place = plan_.destination[number];
@@ -77,7 +77,7 @@ void Run::note(const Survey& survey, const Written& written) {
   if (position < 0) return;
   std::string text = "The system cannot read the source at " + std::to_string(position);
   if (written.bytesUnreadable > 0) {
-    text += "; zeros stand for " + counted(written.bytesUnreadable, "byte") + " of payload";
+    text += "; " + counted(written.bytesUnreadable, "byte") + " of payload are zeros instead";
   }
   report_.notes.push_back(text + ".");
 }

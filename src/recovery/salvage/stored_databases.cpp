@@ -1,6 +1,6 @@
-// A stored database ends where the payload ends in which it stands. One that stands in no payload,
-// as in an image of a device, ends where the next such begins, behind everything that its own
-// directory points to: a later copy of the same database would have blocks of its tables. One
+// A stored database ends where the payload ends that it is in. One that is in no payload, as in an
+// image of a device, ends where the next such begins, after everything that its own directory
+// points to: a later copy of the same database would have blocks of its tables. One
 // without tables is its directory and nothing else.
 #include "recovery/salvage/stored_databases.h"
 
@@ -24,14 +24,14 @@ constexpr const char* kOperation = "salvage the stored databases";
 // Each is surveyed on its own, and a hostile directory can claim everything that follows.
 constexpr size_t kMostDatabases = 1000;
 
-// Where the payload that holds `position` ends, or the block where it lies in spare room; 0 where
+// Where the payload that holds `position` ends, or the block where it lies in spare bytes; 0 where
 // no block holds it. `order` is the file's.
 int64_t endOfPayload(const Survey& survey, const std::vector<uint32_t>& order, int64_t position) {
-  const auto behind = std::upper_bound(
+  const auto after = std::upper_bound(
       order.begin(), order.end(), position,
       [&](int64_t wanted, uint32_t number) { return wanted < survey.blocks[number].position; });
-  if (behind == order.begin()) return 0;
-  const Block& block = survey.blocks[*(behind - 1)];
+  if (after == order.begin()) return 0;
+  const Block& block = survey.blocks[*(after - 1)];
   const int64_t end = block.dataPos() + block.dataThere();
   return position < end ? end : position < block.end ? block.end : 0;
 }
@@ -71,7 +71,7 @@ StoredDatabases::StoredDatabases(const ByteSource& source, const Survey& survey,
                                  const platform::FileAccess* access)
     : source_(source), options_(options), access_(access), folder_(options.deep_to) {
   const std::vector<uint32_t> order = blocksInFileOrder(survey);
-  std::vector<Range> found;    // an end of 0 stands for one in no payload
+  std::vector<Range> found;    // with an end of 0 where it is in no payload
   std::vector<int64_t> loose;  // where those begin
   for (const int64_t origin : survey.nestedDatabases) {
     if (origin == 0) continue;  // the database itself

@@ -21,7 +21,7 @@ class StoredDatabases {
 
   bool isEmpty() const { return places_.empty(); }
 
-  // Salvages each into a file of its own, and tells of it in the report. The files go with the
+  // Salvages each into a file of its own, and describes it in the report. The files go with the
   // object, unless they are to be kept. Throws qvdb::Error.
   void salvage(qvdb::SalvageReport* report);
   void keep() { folder_.keep(); }

@@ -12,7 +12,7 @@ struct Written {
   uint64_t data = 0;
   uint64_t payloadBytes = 0;
   uint64_t recordsCut = 0;
-  uint64_t bytesUnreadable = 0;  // of the payloads: zeros stand for them
+  uint64_t bytesUnreadable = 0;  // of the payloads: zeros replace them
   int64_t unreadableAt = -1;     // the lowest position of these in the source
 };
 

@@ -22,13 +22,13 @@ class ByteSource {
   // Reads up to `count` bytes at `position`; returns how many there were.
   virtual size_t readAt(int64_t position, void* buffer, size_t count) const = 0;
 
-  // The first part, ending behind `position`, that reads as zeros because it was never stored.
+  // The first part, ending after `position`, that reads as zeros because it was never stored.
   virtual std::optional<platform::FileHole> nextHole(int64_t /*position*/) const {
     return std::nullopt;
   }
 };
 
-// The first position behind `position`, where a byte could not be read, that can be read again;
+// The first position after `position`, where a byte could not be read, that can be read again;
 // `end` if there is none before it. Asks page by page, and looks closer where a page can be read.
 int64_t nextReadable(const ByteSource& source, int64_t position, int64_t end);
 

@@ -1,7 +1,7 @@
 // Finding and grading candidates.
 //
 // In random bytes a candidate of grade A comes about with a chance below 2^-64 for each place: mark
-// and header size are three bytes, the identifiers' sums four more, and the end mark has to stand
+// and header size are three bytes, the identifiers' sums four more, and the end mark has to be
 // where an equally random capacity says. A table that is in the directory adds ten bytes.
 #include "recovery/survey/candidates.h"
 
@@ -46,14 +46,14 @@ bool looksLikeHeader(const uint8_t* bytes) {
          isSizesPattern(bytes + kSlotCountPos);
 }
 
-// Where the search goes on from `start`: behind a large hole, which reads as zeros, but for what a
+// Where the search goes on from `start`: after a large hole, which reads as zeros, but for what a
 // header may have in front of its first other byte.
 int64_t passHole(const ByteSource& source, int64_t start, const Range& range) {
   if (range.end - start < static_cast<int64_t>(kChunk)) return start;
   const std::optional<platform::FileHole> hole = source.nextHole(start);
   if (!hole || hole->begin > start) return start;
-  const int64_t behind = hole->end - static_cast<int64_t>(kSizesPattern - 1);
-  return std::max(start, std::min(behind, range.end));
+  const int64_t after = hole->end - static_cast<int64_t>(kSizesPattern - 1);
+  return std::max(start, std::min(after, range.end));
 }
 
 // The hits in the `held` bytes from `start` on: marks from `searchedTo` on, and headers that begin
@@ -99,7 +99,7 @@ int64_t findHits(const ByteSource& source, const Range& range,
       if (unreadableAt < 0) unreadableAt = end;
       start = searchedTo = nextReadable(source, end, range.end);
     } else {
-      // Pieces overlap by what a hit needs behind its first byte.
+      // Pieces overlap by what a hit needs after its first byte.
       searchedTo = end - static_cast<int64_t>(kMarkPrefix - 1);
       start = end - static_cast<int64_t>(kSizesPattern - 1);
     }

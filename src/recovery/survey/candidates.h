@@ -24,7 +24,7 @@ struct NestedDatabase {
 };
 
 struct ScanHits {
-  std::vector<int64_t> marks;    // where a block mark and the header size behind it stand
+  std::vector<int64_t> marks;    // of block marks with the header size after them
   std::vector<int64_t> headers;  // where a database header may begin
 };
 

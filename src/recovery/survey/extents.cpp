@@ -1,8 +1,8 @@
 // Step 3 of a survey: what the blocks reached by chains and slots cover.
 //
 // Where the extents of two of them overlap, the first one's capacity is wrong. A block whose
-// capacity is wrong, or which nothing confirms, covers its header for the time being; what lies
-// behind is scanned like a gap, and goes back to it afterwards as far as no block was found.
+// capacity is wrong, or which nothing confirms, covers its header for the time being; what
+// follows is scanned like a gap, and belongs to it again as far as no block was found.
 #include <algorithm>
 
 #include "recovery/survey/survey.h"

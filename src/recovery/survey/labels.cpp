@@ -8,7 +8,7 @@
 // other. Of a chain that is whole without them, the count of records that were ever written says
 // whether they were part of it.
 //
-// The blocks of one record stand in the file in the order in which they were written. Of a record
+// The blocks of one record are in the file in the order in which they were written. Of a record
 // that no chain holds, the last whole block is its last version.
 //
 // A power failure can leave a moved record's links on the device, and of its new block only a part.

@@ -1,25 +1,25 @@
 // Blocks that are parts of payloads.
 //
 // A payload may hold a database, or a piece of one, or what an older and longer payload has left
-// behind a shorter one. It may be a copy of this very database, of an earlier day, so that its
-// blocks bear tables and even records of this one. What tells them apart is where they stand, and
+// after a shorter one. It may be a copy of this very database, of an earlier day, so that its
+// blocks bear tables and even records of this one. What distinguishes them is where they are, and
 // their links, which count from where their own database begins. The first rule that applies:
 //
-//   - A block that its neighbour in this file names belongs to this file, wherever it stands.
-//   - What stands inside of a whole block is part of its payload. That block must hold none of
-//     those above, and its end mark must be its own. A torn append claims room that others were
+//   - A block that its neighbour in this file names belongs to this file, wherever it is.
+//   - What is inside of a whole block is part of its payload. That block must hold none of
+//     those above, and its end mark must be its own. A torn append claims space that others were
 //     written into, and where it seems to have an end mark, that is a byte of one of them.
 //   - Where the block that held a database is not whole, the chains of the stored directory,
-//     followed from where it begins, lead to blocks of its own. What stands before the end of the
+//     followed from where it begins, lead to blocks of its own. What is before the end of the
 //     last of them is its own too, and so is what follows without a byte between: a database is one
 //     stretch of bytes. It ends before anything begins that is surely this file's, or whose links
 //     fit better here.
-//   - Behind the beginning of such a database, a block of one of its tables is part of it if this
+//   - After the beginning of such a database, a block of one of its tables is part of it if this
 //     file has the same block at the same distance from its own beginning, or if its links fit
-//     better there than here; and if its table is unknown here, also if they do not tell.
+//     better there than here; and if its table is unknown here, also if they fit neither.
 //
 // So a block of this file can be taken for a nested one only if no block of this file names it, and
-// something explains it that stands before it.
+// something before it explains it.
 #include "recovery/survey/nested.h"
 
 #include <algorithm>
@@ -36,8 +36,8 @@ constexpr size_t kNone = SIZE_MAX;
 // How well a block's links fit a database.
 enum class Fit {
   none,
-  near,    // a neighbour stands there, but names another block
-  linked,  // a neighbour stands there and names it
+  near,    // a neighbour is there, but names another block
+  linked,  // a neighbour is there and names it
 };
 
 class NestedJudge {
@@ -79,7 +79,7 @@ class NestedJudge {
     return candidate != kNoBlock ? &candidates_[candidate].block : nullptr;
   }
 
-  // The number of the first candidate at `position` or behind it.
+  // The number of the first candidate at `position` or after it.
   size_t candidateFrom(int64_t position) const {
     const auto found = std::lower_bound(
         candidates_.begin(), candidates_.end(), position,
@@ -116,7 +116,7 @@ class NestedJudge {
   void findWholeBlocks() {
     nextAnchored_.assign(candidates_.size() + 1, INT64_MAX);
     std::vector<bool> isWhole(candidates_.size());
-    // Of those behind the one in hand, the ones that reach further than all before them; the
+    // Of those after this one, the ones that reach further than all before them; the
     // nearest is the last.
     std::vector<size_t> furthest;
     for (size_t i = candidates_.size(); i-- > 0;) {
@@ -148,8 +148,8 @@ class NestedJudge {
 
   // The whole block that holds `position`; kNone if there is none.
   size_t coverOf(int64_t position) const {
-    const size_t behind = candidateFrom(position);
-    const size_t cover = behind == 0 ? kNone : covers_[behind - 1];
+    const size_t after = candidateFrom(position);
+    const size_t cover = after == 0 ? kNone : covers_[after - 1];
     return cover != kNone && candidates_[cover].block.end > position ? cover : kNone;
   }
 
@@ -190,8 +190,8 @@ class NestedJudge {
            std::any_of(nested.tables.begin(), nested.tables.end(), hasBlocksHere);
   }
 
-  // Adds a stretch from `origin` to the end of the last of the blocks that stand one behind the
-  // other from `end` on. What other stretches cover is not gone through again.
+  // Adds a stretch from `origin` to the end of the last of the blocks that follow each other
+  // without a gap from `end` on. What other stretches cover is not gone through again.
   void lengthen(int64_t origin, int64_t end, int64_t limit) {
     if (end < stretchesEnd_ || end > limit) return;
     for (uint32_t number = byPosition_.find(end); number != kNoBlock && end < limit;
@@ -258,11 +258,11 @@ class NestedJudge {
     const auto found = places_.find(tableOf(block));
     if (found == places_.end()) return false;
     const std::vector<Range>& places = found->second;  // ascending, as they were entered
-    const auto behind = std::lower_bound(
+    const auto after = std::lower_bound(
         places.begin(), places.end(), block.position,
         [](const Range& place, int64_t position) { return place.begin < position; });
-    if (behind == places.begin() || block.position >= (behind - 1)->end) return false;
-    const Home home = homeOf(block, (behind - 1)->begin);
+    if (after == places.begin() || block.position >= (after - 1)->end) return false;
+    const Home home = homeOf(block, (after - 1)->begin);
     const bool isForeign = !survey_.tables.empty() && !survey_.isKnown(block.owner);
     return home == Home::there || (home == Home::unknown && isForeign);
   }

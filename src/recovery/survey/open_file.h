@@ -1,4 +1,4 @@
-// A database file opened to be looked at, with failures told as the C++ layer tells them.
+// A database file opened to be looked at, with failures reported as the C++ layer reports them.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ class OpenedFile {
   // file that was written just now. To be called before source() is.
   void watch();
 
-  // Whether anybody has written to the file since it was opened here: its size, its times, or the
+  // Whether the file was written to since it was opened here: its size, its times, or the
   // bytes of its header and directory are others.
   bool hasChanged() const;
 
@@ -35,7 +35,7 @@ class OpenedFile {
   // Throws cannot_read.
   platform::FileAccess access(const std::filesystem::path& path, const char* operation) const;
 
-  // Whether anybody else has it open for writing, or had when it was opened here.
+  // Whether another process has it open for writing, or had when it was opened here.
   bool isLockedByOthers() const { return wasLocked_ || file_.isLockedByOthers(); }
 
  private:

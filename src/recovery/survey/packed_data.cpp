@@ -6,7 +6,7 @@ namespace qvdbase::survey {
 namespace {
 
 // Whether the slot's position may be that of a block which was damaged: what is there is no block,
-// or one of a table that the directory does not have. Then an older block must not stand in for it.
+// or one of a table that the directory does not have. Then an older block must not be taken for it.
 bool mayBeDamaged(const Survey& survey, int64_t position) {
   const uint32_t number = survey.byPosition.find(position);
   if (number != kNoBlock && survey.owners[survey.blocks[number].owner].slot == kNoSlot) return true;

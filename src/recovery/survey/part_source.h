@@ -8,7 +8,7 @@ namespace qvdbase::survey {
 class PartSource : public ByteSource {
  public:
   // The bytes of `whole`, which must outlive the part, from `begin` to before `end`. Where `begin`
-  // is below 0, zeros stand for the bytes that are missing at the front.
+  // is below 0, zeros replace the bytes that are missing at the front.
   PartSource(const ByteSource& whole, int64_t begin, int64_t end)
       : whole_(whole), begin_(begin), end_(end) {}
 

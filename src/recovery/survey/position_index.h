@@ -15,7 +15,7 @@ class PositionIndex {
  public:
   static constexpr uint32_t kNone = 0xFFFFFFFF;
 
-  // The number that stands at `position`, or kNone; there is none at 0 and below.
+  // The number at `position`, or kNone; there is none at 0 and below.
   uint32_t find(int64_t position) const {
     if (keys_.empty() || position <= 0) return kNone;
     for (size_t place = placeOf(position);; place = (place + 1) & (keys_.size() - 1)) {

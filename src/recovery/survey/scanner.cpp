@@ -1,16 +1,16 @@
 // Step 4 of a survey: blocks in the bytes that no chain covers.
 //
-// Every place where a mark stands is looked at, also inside of other candidates: nothing is stepped
-// over by a length that was not confirmed. Then candidates compete:
+// Every place with a mark is looked at, also inside of other candidates: no length that was not
+// confirmed is used to skip bytes. Then candidates compete:
 //
-//   - One that covers another whole one loses. A torn append claims room that later blocks were
+//   - One that covers another whole one loses. A torn append claims space that later blocks were
 //     written into, and its end mark may seem to be there.
 //   - Unless what it covers is no block of this file but part of a payload (nested.cpp), or of a
-//     table that is in no slot here and stands nowhere but inside of other blocks.
+//     table that is in no slot here and occurs only inside of other blocks.
 //   - A candidate that is not whole is cut where the next one begins.
 //
-// A block in use competes as well if its end mark is right but what stands behind it is no block:
-// either something came behind the last block, or the capacity is damaged and leads to a byte that
+// A block in use competes as well if its end mark is right but what follows is no block:
+// either something came after the last block, or the capacity is damaged and leads to a byte that
 // looks like an end mark. It loses to blocks of the directory's tables only, and to those that a
 // neighbour in the file names.
 #include <algorithm>
@@ -83,7 +83,7 @@ class GapScanner {
     return survey_.isKnown(each.block.owner) || each.isAnchored;
   }
 
-  // An owner is native when a slot knows it, or when a block of it belongs here or stands outside
+  // An owner is native when a slot knows it, or when a block of it belongs here or is outside
   // of all others.
   bool isNative(const Block& block) const {
     return survey_.isKnown(block.owner) || established_[block.owner];
@@ -99,7 +99,7 @@ class GapScanner {
     }
   }
 
-  // For every candidate the start of the next native one behind it: any, a whole one, and a whole
+  // For every candidate the start of the next native one after it: any, a whole one, and a whole
   // one that is surely this database's.
   void findSuccessors() {
     constexpr int64_t kNever = INT64_MAX;
@@ -207,7 +207,7 @@ Leftover kindOf(const ByteSource& source, const Range& range, Survey* survey) {
 }
 
 // The payloads of live blocks hold blocks only when databases are stored in them. Those of dead
-// blocks lie in gaps. Comes last: the tables that are met here are no tables of this database.
+// blocks lie in gaps. Comes last: the tables that are found here are no tables of this database.
 void scanPayloads(const ByteSource& source, Survey* survey) {
   CandidateReader reader(source, survey);
   for (const Block& block : survey->blocks) {
@@ -240,7 +240,7 @@ void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* su
   for (const Range& gap : gapsBetween(*survey, blocksInFileOrder(*survey))) scanner.scan(gap);
   scanner.resolve();
 
-  // The payload of a block in use that nothing confirmed is met twice.
+  // The payload of a block in use that nothing confirmed is found twice.
   if (options.deep) scanPayloads(source, survey);
   sortUnique(&survey->nestedBlocks);
   sortUnique(&survey->nestedDatabases);

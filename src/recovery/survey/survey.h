@@ -6,11 +6,11 @@
 //   1. directory.cpp   the header and every slot
 //   2. chains.cpp      both walks of each table's chain, and its table data
 //   3. extents.cpp     what the blocks so found cover, and where they overlap
-//   4. scanner.cpp     candidates for blocks in all bytes that are left; nested.cpp tells which of
+//   4. scanner.cpp     candidates for blocks in all bytes that are left; nested.cpp finds which of
 //                      them are parts of payloads
 //   5. labels.cpp      what each unreferenced block is: superseded, deleted, never linked, ...
 //
-// No count and no length in the file is trusted: every walk ends at a block that it has met, and
+// No count and no length in the file is trusted: every walk ends at a block that it has passed, and
 // memory grows with the blocks that are really there.
 #pragma once
 
@@ -62,7 +62,7 @@ enum class BlockKind : uint8_t { record, tableData };
 
 // How much of a block that was found by scanning proved right.
 enum class Grade : uint8_t {
-  a,  // all of it, and behind it begins a block, or bytes end
+  a,  // all of it, and after it begins a block, or the bytes end
   b,  // all but one of end mark, sum and capacity
   c,  // the header only
 };
@@ -75,7 +75,7 @@ enum class Label : uint8_t {
   unfinishedRelocation,  // a newer version that never got into the chain
   deleted,
   unlinked,           // appended, but never counted
-  deletedOrUnlinked,  // the block alone cannot tell
+  deletedOrUnlinked,  // the block alone does not show which
 };
 
 // What is wrong with a block; any number of them.
@@ -94,13 +94,13 @@ enum Flaw : uint8_t {
 enum Reach : uint8_t {
   kForward = 1,    // the forward walk, within the slot's count
   kBackward = 2,   // the backward walk
-  kUncounted = 4,  // the forward walk, but behind the last counted record
+  kUncounted = 4,  // the forward walk, but after the last counted record
   kAsData = 8,     // the slot's table data
 };
 
 struct Block {
   int64_t position = 0;
-  int64_t end = 0;  // behind its last byte, as far as that is believed
+  int64_t end = 0;  // after its last byte, as far as that is believed
   int64_t prev = 0;
   int64_t next = 0;
   uint64_t recordID = 0;
@@ -109,7 +109,7 @@ struct Block {
   uint32_t length = 0;
   uint32_t capacity = 0;
   uint32_t owner = 0;  // index in Survey::owners
-  uint32_t walk = 0;   // the last walk that met it
+  uint32_t walk = 0;   // the last walk that reached it
   BlockKind kind = BlockKind::record;
   Grade grade = Grade::a;
   Label label = Label::none;
@@ -124,13 +124,13 @@ struct Block {
     return position +
            (kind == BlockKind::record ? format::record::kData : format::tabledata::kData);
   }
-  // Behind its last byte if its capacity is right.
+  // After its last byte, if its capacity is right.
   int64_t claimedEnd() const { return dataPos() + int64_t{capacity} + 1; }
   bool isCut() const { return (flaws & (kBeyondEnd | kCutShort)) != 0; }
   // Bytes of payload that are there.
   int64_t dataThere() const {
-    const int64_t room = isCut() ? end - dataPos() : int64_t{capacity};
-    return room < 0 ? 0 : room < length ? room : int64_t{length};
+    const int64_t space = isCut() ? end - dataPos() : int64_t{capacity};
+    return space < 0 ? 0 : space < length ? space : int64_t{length};
   }
   bool isReached() const { return reach != 0; }
 };
@@ -140,7 +140,7 @@ struct Owner {
   Id id = {};
   uint64_t number = 0;
   int slot = kNoSlot;  // the first slot that holds a table of this identifier
-  // Records of it that can be had whole: live, detached, or never linked. Versions count as one.
+  // Records of it that are there whole: live, detached, or never linked. Versions count as one.
   uint64_t records = 0;
 };
 
@@ -212,9 +212,9 @@ struct Survey {
   std::vector<LeftoverRange> leftovers;
   std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others
   std::vector<int64_t> nestedDatabases;  // where databases seem to begin that are not this one
-  int64_t unreadableAt = -1;             // the first place met that could not be read
+  int64_t unreadableAt = -1;             // the first position found that could not be read
 
-  // Negative positions stand for none.
+  // Negative positions mean none.
   void noteUnreadable(int64_t position) {
     if (position >= 0 && unreadableAt < 0) unreadableAt = position;
   }

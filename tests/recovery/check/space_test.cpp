@@ -28,7 +28,8 @@ TEST(CheckOfSpace, CallsRoomThatHoldsFillNeverUsed) {
   EXPECT_EQ(checked.report.space.reserve, 9996u + 96);
   EXPECT_EQ(checked.report.space.stale, 0u);
   ASSERT_EQ(checked.findings.size(), 1u) << checked.text();
-  EXPECT_EQ(checked.first("S7").message, "10092 bytes of spare room in blocks were never used.");
+  EXPECT_EQ(checked.first("S7").message,
+            "10092 bytes of spare capacity in blocks were never used.");
 }
 
 Bytes innerDatabase() {
@@ -139,7 +140,7 @@ TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
   for (const qvdb::Finding& each : checked.findings) {
     if (each.offset == first + 55 + 2) told = each.message;
   }
-  EXPECT_EQ(told, "9004 bytes of older data can still be read behind the payloads of 2 blocks.");
+  EXPECT_EQ(told, "9004 bytes of older data can still be read after the payloads of 2 blocks.");
 }
 
 // The end mark that stands directly behind data that was written over older data is none of it.

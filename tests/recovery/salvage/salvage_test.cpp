@@ -233,7 +233,7 @@ TEST(Salvage, GivesNoIdentifierToTwoTables) {
     EXPECT_NE(saved.database.tables[1 - notes].id, 0x11u);
     ASSERT_EQ(saved.report.notes.size(), 1u);
     EXPECT_EQ(saved.report.notes[0],
-              "The identifier of table 'empty' is damaged, and as it stands is that of another; "
+              "The identifier of table 'empty' is damaged, and now equals that of another; "
               "it has a new one.");
   }
 }

@@ -13,7 +13,7 @@ namespace qvdbase::test {
 namespace {
 
 constexpr const char* kNote =
-    "The system cannot read the source at 8192; zeros stand for 4096 bytes of payload.";
+    "The system cannot read the source at 8192; 4096 bytes of payload are zeros instead.";
 
 // A host that cannot read some bytes of one file. Reads that begin before them end there.
 class BadSectors {
