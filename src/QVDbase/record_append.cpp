@@ -156,4 +156,9 @@ bool chainHeadMatchesCount(const tablePart1& slot) {
   return (slot.firstRecordPos == 0) == (slot.recordCount == 0);
 }
 
+bool hasSameChain(const tablePart1& now, const tablePart1& then) {
+  return now.recordCount == then.recordCount && now.recordWriteCount == then.recordWriteCount &&
+         now.firstRecordPos == then.firstRecordPos && now.lastRecordPos == then.lastRecordPos;
+}
+
 }  // namespace qvdbase::engine

@@ -34,4 +34,7 @@ namespace qvdbase::engine {
 // Whether the slot's first position and its count agree on there being records.
 bool chainHeadMatchesCount(const tablePart1& slot);
 
+// Whether a slot says of its chain what it said before: then no record was added or deleted since.
+bool hasSameChain(const tablePart1& now, const tablePart1& then);
+
 }  // namespace qvdbase::engine

@@ -38,13 +38,6 @@ bool lastRecordIsOpen(int16_t db, const tablePart1& slot) {
   return readRecordHeaderAt(db, slot.lastRecordPos, slot.tableID, &last) && last.nextRecordPos == 0;
 }
 
-// Whether the chain is unchanged since the batch began: the batch's first record names the one
-// before it, and its blocks are where the end of the file was.
-bool hasSameChain(const tablePart1& now, const tablePart1& then) {
-  return now.recordCount == then.recordCount && now.recordWriteCount == then.recordWriteCount &&
-         now.firstRecordPos == then.firstRecordPos && now.lastRecordPos == then.lastRecordPos;
-}
-
 }  // namespace
 
 RecordBatch::RecordBatch(int16_t db, const FoundTable& table) : db_(db), table_(table) {}
@@ -312,6 +305,7 @@ bool RecordBatch::takeIn() {
       !readUsedSlot(db_, table_.slotSize, &slot)) {
     return false;
   }
+  // The batch's first record names the last one, and its blocks are where the end of the file was.
   disturbed_ = disturbed_ || !hasSameChain(slot, table_.slot);
   if (disturbed_ || (slot.recordCount != 0 && !lastRecordIsOpen(db_, slot))) return false;
   assert(written_.last < appended_.end && "a record beyond what the batch has written");

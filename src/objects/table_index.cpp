@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "QVDbase/record_append.h"
 #include "format/big_endian.h"
 #include "format/block_heads.h"
 #include "format/identifiers.h"
@@ -84,7 +85,7 @@ bool slotAgrees(const tablePart1& slot, const recordPart1& header, int64_t posit
 
 bool verify(const Operation& operation, const TableIndex& index, Id record,
             engine::FoundRecord* found) {
-  const unsigned char* tableID = index.tableID;
+  const unsigned char* tableID = index.slot.tableID;
   readNeighbourhood(operation.db(), index, found->recordPos);
   return readHead(operation.db(), found->recordPos, tableID, &found->header) &&
          format::identifierNumber(found->header.recordID) == record.value &&
@@ -113,10 +114,6 @@ bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index
 
 }  // namespace
 
-ChainState chainState(const tablePart1& slot) {
-  return {slot.recordCount, slot.recordWriteCount, slot.firstRecordPos, slot.lastRecordPos};
-}
-
 std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table) {
   for (const std::weak_ptr<TableIndex>& held : database.indexes) {
     std::shared_ptr<TableIndex> index = held.lock();
@@ -130,7 +127,6 @@ std::shared_ptr<TableIndex> makeIndex(OpenDatabase& database, Id table) {
   std::erase_if(database.indexes, [](const auto& held) { return held.expired(); });
   auto index = std::make_shared<TableIndex>();
   index->table = table;
-  internal_ConvertInt64_2UuID(table.value, index->tableID);
   database.indexes.push_back(index);
   return index;
 }
@@ -148,7 +144,7 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
   const bool complete = walkInto(operation, walker, index);
   if (walkerOut != nullptr) *walkerOut = walker;
   if (!complete) return false;
-  index.state = chainState(slot);
+  index.slot = slot;
   index.usualBlock = usualBlock(slot);
   index.isStale = false;
   return true;
@@ -159,7 +155,7 @@ Answer askIndex(const Operation& operation, TableIndex& index, Id record,
   if (index.isStale && !buildIndex(operation, index)) return Answer::unknown;
   const std::optional<int64_t> position = index.map.find(record.value);
   if (!position) {
-    if (chainState(operation.table(index.table).slot) == index.state) return Answer::absent;
+    if (engine::hasSameChain(operation.table(index.table).slot, index.slot)) return Answer::absent;
     index.isStale = true;
     return Answer::unknown;
   }
@@ -172,10 +168,9 @@ Answer askIndex(const Operation& operation, TableIndex& index, Id record,
 void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position) {
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr || index->isStale) return;
-  ChainState expected = chainState(slot);
-  const bool oneMore = expected.recordCount == index->state.recordCount + 1 &&
-                       expected.recordWriteCount == index->state.recordWriteCount + 1;
-  index->state = expected;
+  const bool oneMore = slot.recordCount == index->slot.recordCount + 1 &&
+                       slot.recordWriteCount == index->slot.recordWriteCount + 1;
+  index->slot = slot;
   try {
     index->isStale = !oneMore;
     if (!index->map.insert(record.value, position)) index->hasDuplicates = true;
@@ -188,8 +183,8 @@ void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr) return;
   index->map.replace(record.value, position);
-  index->state.firstRecordPos = slot.firstRecordPos;
-  index->state.lastRecordPos = slot.lastRecordPos;
+  index->slot.firstRecordPos = slot.firstRecordPos;
+  index->slot.lastRecordPos = slot.lastRecordPos;
   // Of two records with one identifier it may have been the second that moved.
   if (index->hasDuplicates) index->isStale = true;
 }
@@ -197,9 +192,9 @@ void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_
 void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr) return;
-  if (slot.recordCount + 1 != index->state.recordCount) index->isStale = true;
+  if (slot.recordCount + 1 != index->slot.recordCount) index->isStale = true;
   index->map.erase(record.value);
-  index->state = chainState(slot);
+  index->slot = slot;
   // Another record with the identifier may come to light now.
   if (index->hasDuplicates) index->isStale = true;
 }

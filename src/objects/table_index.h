@@ -12,23 +12,10 @@
 
 namespace qvdb::detail {
 
-// What a table's slot says of its chain. While it is what the index remembers, no record was added
-// or deleted without being noted in the index.
-struct ChainState {
-  uint32_t recordCount = 0;
-  uint32_t recordWriteCount = 0;
-  int64_t firstRecordPos = 0;
-  int64_t lastRecordPos = 0;
-
-  friend bool operator==(const ChainState&, const ChainState&) = default;
-};
-ChainState chainState(const tablePart1& slot);
-
 struct TableIndex {
   Id table;
-  unsigned char tableID[qvdbase::format::kIdentifierSize];  // the same, as blocks hold it
   IndexMap map;
-  ChainState state;
+  tablePart1 slot = {};        // as it was when the map was last up to date
   int64_t usualBlock = 0;      // bytes from one record to the next, about
   bool isStale = true;         // to be built again before it is used
   bool hasDuplicates = false;  // some identifier is there twice; the map has the first one
