@@ -11,9 +11,9 @@
 #include <cstring>
 
 #include "QVDbase/position.h"
+#include "format/category.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
-#include "format/layout.h"
 #include "maintenance/file_extent.h"
 #include "platform/host/memory.h"
 
@@ -24,15 +24,7 @@ using namespace qvdbase::maintenance;
 
 namespace {
 
-// Bytes of the payload that reach to the end of each fixed field.
-constexpr uint32_t kThroughCategoryID = 8;
-constexpr int kNameBytes = 64;
-constexpr uint32_t kThroughName = kThroughCategoryID + kNameBytes;
-constexpr uint32_t kThroughParam = kThroughName + 4;
-constexpr uint32_t kThroughRelatedID = kThroughParam + 8;
-constexpr uint32_t kThroughFirstIDCount = kThroughRelatedID + 4;
-static_assert(kThroughFirstIDCount == 88);
-constexpr uint64_t kFixedBytes = kThroughFirstIDCount + 4 + 4;  // with empty lists, no free bytes
+constexpr uint64_t kFixedBytes = category::kFirstIDs + 4 + 4;  // with empty lists, no free bytes
 constexpr uint64_t kSpareBytes = 10;  // what the encoder allocates beyond the payload
 
 uint64_t entriesOf(int32_t count) {
@@ -53,18 +45,18 @@ bool readIdentity(int16_t db, uint64_t* id) {
   return true;
 }
 
-// The fields between the first one and the lists; each must be covered by the payload's length.
+// The fields between the first one and the lists. The payload must reach to the end of each.
 bool readFixedFields(int16_t db, uint32_t dataLength, qvrzOneCategoryRecord* record) {
-  unsigned char name[kNameBytes];
+  unsigned char name[category::kNameSize];
   if (!readBytes(db, name, sizeof name)) return false;
-  RZGetQVWCHARFromBuffer(record->categoryName, name, kNameBytes);
-  if (dataLength < kThroughName) return false;
+  RZGetQVWCHARFromBuffer(record->categoryName, name, sizeof name);
+  if (dataLength < category::kCategoryParam) return false;
   uint32_t param = 0;
-  if (!readUint32(db, &param) || dataLength < kThroughParam) return false;
+  if (!readUint32(db, &param) || dataLength < category::kRelatedID) return false;
   record->categoryParam = param;
-  if (!readIdentity(db, &record->relatedID) || dataLength < kThroughRelatedID) return false;
+  if (!readIdentity(db, &record->relatedID) || dataLength < category::kFirstIDCount) return false;
   int32_t count = 0;
-  if (!readCount(db, &count) || dataLength < kThroughFirstIDCount) return false;
+  if (!readCount(db, &count) || dataLength < category::kFirstIDs) return false;
   record->firstIDCount = count;
   return true;
 }
@@ -137,7 +129,7 @@ class VariablePart {
   int16_t db_;
   uint64_t dataLength_;
   ExtraData extraData_;
-  uint64_t consumed_ = kThroughFirstIDCount;
+  uint64_t consumed_ = category::kFirstIDs;
 };
 
 template <typename Unsigned>
@@ -160,8 +152,8 @@ bool pointersMatchCounts(const qvrzOneCategoryRecord& record) {
 
 void putCategory(const qvrzOneCategoryRecord& record, unsigned char* out) {
   out = putNumber(out, uint64_t{record.categoryID});
-  RZPutQVWCHAR2Buffer(out, record.categoryName, kNameBytes);
-  out += kNameBytes;
+  RZPutQVWCHAR2Buffer(out, record.categoryName, category::kNameSize);
+  out += category::kNameSize;
   out = putNumber(out, uint32_t{record.categoryParam});
   out = putNumber(out, uint64_t{record.relatedID});
   out = putList(out, record.firstIDCount, record.firstIDs);
@@ -183,7 +175,7 @@ CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraDa
     return myFileSeek(db, position, kFromStart) == 0 ? outcome : CategoryDecoding::failed;
   };
 
-  if (info.dataLength <= kThroughCategoryID || info.dataPos == 0) {
+  if (info.dataLength <= category::kCategoryName || info.dataPos == 0) {
     return restored(CategoryDecoding::untouched);
   }
   if (myFileSeek(db, info.dataPos, kFromStart) != 0) return CategoryDecoding::failed;

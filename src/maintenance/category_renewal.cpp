@@ -4,6 +4,7 @@
 #include "QVDbase/position.h"
 #include "QVDbase/record_find.h"
 #include "QVDbase/record_modify.h"
+#include "format/category.h"
 #include "maintenance/category_codec.h"
 #include "maintenance/record_list.h"
 #include "platform/host/memory.h"
@@ -51,7 +52,7 @@ bool CategoryRenewal::renew(uint64_t recordID) {
   if (outcome == CategoryDecoding::failed) return false;
   if (outcome == CategoryDecoding::untouched) {
     // Too short for a category, it stays as it was copied. One that could not be read must not.
-    return header.dataLength <= kIdentitySize;
+    return header.dataLength <= category::kCategoryName;
   }
   bool done = pairs_ == nullptr || pairs_->convert(record_);
   if (done) {

@@ -11,8 +11,6 @@
 
 namespace qvdbase::maintenance {
 
-inline constexpr const char* kCategoryTable = "QVrz_Category";
-
 class CategoryRenewal {
  public:
   // `record` is what every category record is decoded into; null pairs leave the lists as they are.

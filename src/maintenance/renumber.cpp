@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "QVDbase/record_append.h"
+#include "format/category.h"
 #include "format/identifiers.h"
 #include "maintenance/category_codec.h"
 #include "maintenance/category_renewal.h"
@@ -26,9 +27,6 @@ using namespace qvdbase::engine;
 using namespace qvdbase::maintenance;
 
 namespace {
-
-constexpr const char* kInfoTable = "QVrz_Info";
-constexpr const char* kRememberedTable = "QVrz_Record";
 
 class Renumber : public PackForCaller {
  public:
@@ -55,7 +53,7 @@ class Renumber : public PackForCaller {
 
   bool beginRecords(const tablePart1& slot) override {
     keepsIdentifiers_ = tableNameEquals(slot, kInfoTable) || tableNameEquals(slot, kCategoryTable);
-    if (tableNameEquals(slot, kRememberedTable) &&
+    if (tableNameEquals(slot, kRecordTable) &&
         !pairs_.begin(slot.recordCount, mostRecordsIn(src_))) {
       return false;
     }

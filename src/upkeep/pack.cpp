@@ -10,6 +10,7 @@
 #include "failure/failure.h"
 #include "failure/native_path.h"
 #include "format/Aliment8.h"
+#include "format/category.h"
 #include "products/target_file.h"
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
@@ -27,8 +28,6 @@ namespace qvdb {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* kCategoryTable = "QVrz_Category";
 
 const fs::path& differing(const char* operation, const fs::path& source, const fs::path& target) {
   std::error_code error;
@@ -144,11 +143,12 @@ PackReport renumber(const fs::path& source, const fs::path& target,
   Packing packing(kOperation, source, DatabaseHandle::any, target, options);
   const std::vector<tablePart1> tables = packing.tables();
   const bool canRenew = std::any_of(tables.begin(), tables.end(), [](const tablePart1& table) {
-    return format::storedName(table) == kCategoryTable;
+    return format::storedName(table) == format::kCategoryTable;
   });
   if (!canRenew) {
-    throwError(source, kOperation, Reason::table_missing,
-               std::string("it has no table '") + kCategoryTable + "', which renumbering needs");
+    throwError(
+        source, kOperation, Reason::table_missing,
+        std::string("it has no table '") + format::kCategoryTable + "', which renumbering needs");
   }
   const auto renumberOpenFile = [&] {
     uint16_t srcRef = 0;

@@ -5,6 +5,7 @@
 
 #include "format/Aliment8.h"
 #include "format/block_heads.h"
+#include "format/category.h"
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
@@ -12,12 +13,6 @@ using namespace qvdbase::survey;
 
 namespace qvdbase::check {
 namespace {
-
-// The payload: 8 bytes of identifier, 64 of name, 4 and 8 more, then two counted lists of
-// identifiers and a counted run of bytes.
-constexpr int64_t kFirstCount = 84;
-constexpr int64_t kIdentity = 8;
-constexpr int64_t kSmallestDecoded = 8;  // up to here nothing is decoded at all
 
 const Table* tableNamed(const Survey& survey, const char* name) {
   for (const Table& table : survey.tables) {
@@ -33,9 +28,9 @@ class CategoryCheck {
       : window_(source), survey_(survey), findings_(*findings) {}
 
   void run() {
-    const Table* categories = tableNamed(survey_, "QVrz_Category");
-    const Table* records = tableNamed(survey_, "QVrz_Record");
-    const Table* info = tableNamed(survey_, "QVrz_Info");
+    const Table* categories = tableNamed(survey_, kCategoryTable);
+    const Table* records = tableNamed(survey_, kRecordTable);
+    const Table* info = tableNamed(survey_, kInfoTable);
     if (categories == nullptr) {
       if (records != nullptr || info != nullptr) {
         findings_.warning("C4", {}, "There is no table 'QVrz_Category' beside the other two.");
@@ -46,7 +41,7 @@ class CategoryCheck {
     if (records == nullptr || info == nullptr) {
       findings_.warning("C4", {.slot = slot_},
                         std::string("There is no table '") +
-                            (records == nullptr ? "QVrz_Record" : "QVrz_Info") +
+                            (records == nullptr ? kRecordTable : kInfoTable) +
                             "' beside the categories.");
     }
     if (records != nullptr) {
@@ -62,9 +57,9 @@ class CategoryCheck {
 
  private:
   void check(const Block& block) {
-    if (block.length <= kSmallestDecoded) return;
+    if (block.length <= category::kCategoryName) return;  // not decoded at all
     const int64_t end = block.dataPos() + block.dataThere();
-    int64_t place = block.dataPos() + kFirstCount;
+    int64_t place = block.dataPos() + category::kFirstIDCount;
     uint32_t counts[2] = {};
     for (int list = 0; list < 2; ++list) {
       if (!read(&place, end, &counts[list])) return tooShort(block);
@@ -73,9 +68,9 @@ class CategoryCheck {
         return findings_.error("C1", about(block),
                                the(block) + " has a negative count of entries.");
       }
-      if (int64_t{count} * kIdentity > end - place) return tooShort(block);
+      if (int64_t{count} * kIdentitySize > end - place) return tooShort(block);
       if (list == 1) checkEntries(block, place, count);
-      place += int64_t{count} * kIdentity;
+      place += int64_t{count} * kIdentitySize;
     }
     uint32_t extra = 0;
     if (!read(&place, end, &extra) || int64_t{extra} > end - place) tooShort(block);
@@ -92,8 +87,8 @@ class CategoryCheck {
 
   void checkEntries(const Block& block, int64_t place, int32_t count) {
     if (!hasRecords_) return;
-    for (int32_t i = 0; i < count; ++i, place += kIdentity) {
-      const uint8_t* bytes = window_.at(place, kIdentity);
+    for (int32_t i = 0; i < count; ++i, place += kIdentitySize) {
+      const uint8_t* bytes = window_.at(place, kIdentitySize);
       if (bytes == nullptr) return;
       const uint64_t id = loadBigEndian<uint64_t>(bytes);
       const About where = {.slot = slot_, .record = block.recordID, .offset = place};
