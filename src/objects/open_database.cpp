@@ -127,7 +127,7 @@ engine::DirectoryNumbers Operation::directory() const {
 
 engine::FoundTable Operation::table(Id table) const {
   engine::FoundTable found;
-  // The common case reads each slot once; only after a failure they are read again, to say why.
+  // The common case reads each slot once. Only after a failure they are read again, to say why.
   if (engine::findTable(db(), table.value, &found)) {
     about({found.slot.tableName, sizeof found.slot.tableName});
     return found;

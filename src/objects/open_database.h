@@ -115,6 +115,8 @@ class Operation {
   // Names the table in the errors that follow. table() does that for the one it finds.
   void about(std::string_view table) const;
   std::string tableName() const;
+  // As messages have it: table 'NAME'.
+  std::string quotedTable() const { return "table '" + tableName() + "'"; }
 
   // After a write that failed although nothing in the file prevents it: throws what the host
   // answered (disk_full, size_limit, ...), or cannot_write. `bytes` is by how much the file would

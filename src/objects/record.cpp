@@ -25,8 +25,9 @@ namespace {
 // Below this size a payload's buffer is allocated without asking whether the file is long enough.
 constexpr uint32_t kSmallPayload = 64 * 1024;
 
-// The header of the record's block as it is now; false when there is no block of this record any
-// more. A table whose identifier has a wrong sum has the same wrong sum in its slot and its blocks.
+// The header of the record's block as it is now; false when there is no longer a block of this
+// record. A table whose identifier has a wrong sum has the same wrong sum in its slot and its
+// blocks.
 bool readPresentHeader(const Operation& operation, Id table, const RecordInfo& info,
                        recordPart1* header) {
   unsigned char tableID[format::kIdentifierSize];
@@ -37,8 +38,8 @@ bool readPresentHeader(const Operation& operation, Id table, const RecordInfo& i
          format::identifierNumber(header->recordID) == info.id.value;
 }
 
-// The record as it is now. Throws when there is no block of it any more, or its payload does not
-// lie inside the file.
+// The record as it is now. Throws when there is no longer a block of it, or its payload reaches
+// beyond the end of the file.
 RecordInfo presentInfo(const Operation& operation, Id table, const RecordInfo& found) {
   recordPart1 header;
   if (!readPresentHeader(operation, table, found, &header)) {
@@ -157,7 +158,7 @@ void readPayload(const Operation& operation, const RecordInfo& info, uint64_t of
 
 void failDamagedChain(const Operation& operation, const ChainWalker& walker) {
   operation.fail(Reason::chain_damaged,
-                 "the records of table '" + operation.tableName() + "' are damaged at record " +
+                 "the records of " + operation.quotedTable() + " are damaged at record " +
                      std::to_string(walker.number()) + " of " + std::to_string(walker.count()) +
                      ": " + walker.damage(),
                  walker.number());

@@ -136,8 +136,8 @@ struct detail::Walk {
     if (current.isGone()) return chain.resumeAt(current.position, current.number);
     if (chain.resumeAfter(operation.db(), current.position, current.number)) return;
     operation.fail(Reason::chain_damaged,
-                   "record " + std::to_string(current.number) + " of table '" + tableName +
-                       "' is no longer where it was",
+                   "record " + std::to_string(current.number) + " of " + operation.quotedTable() +
+                       " is no longer where it was",
                    current.number);
   }
 };

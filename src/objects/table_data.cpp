@@ -32,13 +32,13 @@ std::optional<DataBlock> findData(const Operation& operation, Id table) {
   format::TableDataHead header;
   if (!engine::readTableDataHead(operation.db(), found.slot.firstDataPos, found.slot.tableID,
                                  &header)) {
-    operation.fail(Reason::data_damaged, "the block with the data of table '" +
-                                             operation.tableName() + "' is not where it should be");
+    operation.fail(Reason::data_damaged, "the block with the data of " + operation.quotedTable() +
+                                             " is not where it should be");
   }
   const DataBlock block{found.slot.firstDataPos + format::tabledata::kData, header.dataLength};
   if (static_cast<uint64_t>(block.dataPos) + block.size > operation.fileLength()) {
-    operation.fail(Reason::data_damaged, "the data of table '" + operation.tableName() +
-                                             "' reaches beyond the end of the file");
+    operation.fail(Reason::data_damaged, "the data of " + operation.quotedTable() +
+                                             " reaches beyond the end of the file");
   }
   return block;
 }

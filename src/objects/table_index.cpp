@@ -195,7 +195,7 @@ void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
   if (slot.recordCount + 1 != index->slot.recordCount) index->isStale = true;
   index->map.erase(record.value);
   index->slot = slot;
-  // Another record with the identifier may come to light now.
+  // Another record with the identifier may be the one to find now.
   if (index->hasDuplicates) index->isStale = true;
 }
 

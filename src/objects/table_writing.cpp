@@ -35,25 +35,30 @@ Id idOf(const recordPart1& header) {
   return Id{format::identifierNumber(header.recordID)};
 }
 
+[[noreturn]] void failEnds(const Operation& operation) {
+  operation.fail(Reason::chain_damaged, "the ends of the chain of " + operation.quotedTable() +
+                                            " contradict its number of records");
+}
+
 // An append failed: the table is gone, its ends contradict its count, its last record is not one or
 // has a successor, or the file cannot be written.
 [[noreturn]] void explainAppend(const Operation& operation, Id table, uint64_t length) {
   SavedPosition scope(operation.db());
   const tablePart1 slot = operation.table(table).slot;
-  const std::string of = "table '" + operation.tableName() + "'";
   const bool hasLast = slot.recordCount != 0;
   if (!engine::chainHeadMatchesCount(slot) || hasLast != (slot.lastRecordPos != 0)) {
-    operation.fail(Reason::chain_damaged,
-                   "the ends of the chain of " + of + " contradict its number of records");
+    failEnds(operation);
   }
   recordPart1 last;
   if (hasLast &&
       !engine::readRecordHeaderAt(operation.db(), slot.lastRecordPos, slot.tableID, &last)) {
-    operation.fail(Reason::chain_damaged, "the last record of " + of + " cannot be read",
+    operation.fail(Reason::chain_damaged,
+                   "the last record of " + operation.quotedTable() + " cannot be read",
                    slot.recordCount);
   }
   if (hasLast && last.nextRecordPos != 0) {
-    operation.fail(Reason::chain_damaged, "the last record of " + of + " has a successor",
+    operation.fail(Reason::chain_damaged,
+                   "the last record of " + operation.quotedTable() + " has a successor",
                    slot.recordCount);
   }
   operation.failedWrite(length);
@@ -67,14 +72,11 @@ Id idOf(const recordPart1& header) {
   const Id record = idOf(found.header);
   FoundRecord present;
   if (!detail::readInChain(operation, table, record, found.recordPos, &present)) {
-    operation.fail(Reason::chain_damaged, "the chain of table '" + operation.tableName() +
-                                              "' is damaged beside record " + to_string(record));
+    operation.fail(Reason::chain_damaged, "the chain of " + operation.quotedTable() +
+                                              " is damaged beside record " + to_string(record));
   }
   const tablePart1& slot = present.table.slot;
-  if (slot.recordCount == 1 && slot.firstRecordPos != slot.lastRecordPos) {
-    operation.fail(Reason::chain_damaged, "the ends of the chain of table '" +
-                                              operation.tableName() + "' contradict its count");
-  }
+  if (slot.recordCount == 1 && slot.firstRecordPos != slot.lastRecordPos) failEnds(operation);
   operation.failedWrite(length);
 }
 
