@@ -27,7 +27,7 @@ struct DeliveryOptions {
 
 // What the help says about these options.
 struct DeliveryHelp {
-  const char* output = "Write to this file, which must not exist yet; '-' is standard output.";
+  const char* output = "Write to this file; '-' is standard output.";
   const char* force = "Replace the output file if it exists.";
   const char* raw = "Show the payload on a terminal even if it is not plain text.";
 };

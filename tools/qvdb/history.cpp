@@ -94,7 +94,7 @@ Action define(Arguments& arguments) {
                    "Write the payload of the version at this offset to standard output.");
   defineDelivery(
       arguments, options->delivery,
-      {.output = "With --at: write to this file, which must not exist yet; '-' is standard output.",
+      {.output = "With --at: write to this file; '-' is standard output.",
        .force = "With -o: replace the file if it exists.",
        .raw = "With --at: show the payload on a terminal even if it is not plain text."});
   arguments.json(options->json);

@@ -181,7 +181,7 @@ Action define(Arguments& arguments) {
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.option("-n,--limit", "NUMBER", options->limit, "Stop after this number of records.");
   arguments.flag("--deleted", options->deleted,
-                 "List the deleted records that are still in the file instead.");
+                 "Instead list the deleted records that are still in the file.");
   arguments.json(options->json);
   return actionOf(options, run);
 }
