@@ -156,4 +156,15 @@ bool readTableDataHead(int16_t db, int64_t blockPos, const unsigned char* tableI
          readUint32(db, &head->dataCapacity);
 }
 
+bool measureTableDataBlock(int16_t db, int64_t blockPos, const unsigned char* tableID,
+                           int64_t* length) {
+  TableDataHead head;
+  uint8_t endMark = 0;
+  if (!readTableDataHead(db, blockPos, tableID, &head)) return false;
+  if (myFileSeek(db, head.dataCapacity, kFromCurrent) != 0) return false;
+  if (!readUint8(db, &endMark) || endMark != kBlockEndMark) return false;
+  *length = myGetFilePos(db) - blockPos;
+  return true;
+}
+
 }  // namespace qvdbase::engine

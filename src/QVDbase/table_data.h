@@ -28,4 +28,10 @@ namespace qvdbase::engine {
 [[nodiscard]] bool readTableDataHead(int16_t db, int64_t blockPos, const unsigned char* tableID,
                                      format::TableDataHead* head);
 
+// Checks the block at blockPos from its mark to its end mark and stores its length in bytes, header
+// and end mark included. Returns false when it cannot be read, when a mark or the header size is
+// wrong and when it belongs to another table.
+[[nodiscard]] bool measureTableDataBlock(int16_t db, int64_t blockPos, const unsigned char* tableID,
+                                         int64_t* length);
+
 }  // namespace qvdbase::engine

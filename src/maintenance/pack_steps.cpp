@@ -7,12 +7,12 @@
 
 #include "QVDbase/directory_cache.h"
 #include "QVDbase/record_find.h"
+#include "QVDbase/table_data.h"
 #include "QVDbase/tables.h"
 #include "format/Aliment8.h"
 #include "format/fields.h"
 #include "maintenance/file_extent.h"
 #include "maintenance/pack_record.h"
-#include "maintenance/table_data_block.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/memory.h"
 
