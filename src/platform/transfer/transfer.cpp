@@ -137,9 +137,13 @@ size_t writeInScope(OpenFile& file, const void* buffer, size_t count) {
   call.serveFromNothing();
   const size_t wanted = writableBytes(call.sizeLimit(), file.position, count);
   if (wanted == 0) return 0;
-  if (!call.gathered.canTake(file, wanted) && !call.flush()) return 0;
+  bool joins = call.gathered.canTake(file, wanted);
+  if (!joins) {
+    if (!call.flush()) return 0;
+    joins = call.gathered.canTake(file, wanted);
+  }
   size_t done = wanted;
-  if (call.gathered.canTake(file, wanted)) {
+  if (joins) {
     call.gathered.add(file, buffer, wanted, gbl_realReaden);
   } else {
     done = writePlain(file.descriptor, file.position, buffer, wanted);
