@@ -38,9 +38,6 @@ using namespace qvdbase::maintenance;
 
 namespace {
 
-// How the walk forwards ended. Only the first of these is a chain as it should be.
-enum class Forward { complete, unreadable, tooShort, badLink, loop };
-
 struct RepairProgress {
   QVProgressFunction function;  // called as function(percent, userData, argument); may be null
   int userData;
@@ -119,47 +116,34 @@ class LinkRepair {
     backward_.clear();
     merged_.clear();
     if (slot_.recordCount == 0 || slot_.firstRecordPos == 0) return true;
-    Forward forward{};
+    bool forwardComplete = false;
     bool backwardComplete = false;
-    if (!walkForward(&forward) || !walkBackward(&backwardComplete)) return false;
-    if (backwardComplete && forward == Forward::complete) return true;
+    if (!walk(slot_.firstRecordPos, &recordPartP1Class::nextRecordPos, &forward_,
+              &forwardComplete) ||
+        !walk(slot_.lastRecordPos, &recordPartP1Class::prevRecordPos, &backward_,
+              &backwardComplete)) {
+      return false;
+    }
+    if (forwardComplete && backwardComplete) return true;
     if (forward_.empty() && backward_.empty()) return false;
     merge();
     relink();
     return writeBack();
   }
 
-  // The two walks return false only when the caller stops them.
-  bool walkForward(Forward* outcome) {
-    *outcome = Forward::unreadable;
-    if (myFileSeek(db_, slot_.firstRecordPos, kFromStart) != 0) return true;
+  // From one end along one of the links. Returns false only when the caller stops it. It is
+  // complete when all counted records were there, whatever the last link holds.
+  bool walk(int64_t from, int64_t recordPartP1Class::*link, VisitedRecords* records,
+            bool* complete) {
+    *complete = false;
+    if (myFileSeek(db_, from, kFromStart) != 0) return true;
     for (uint32_t i = 0; i < slot_.recordCount; ++i) {
       recordPartP1Class entry;
-      *outcome = Forward::unreadable;
-      if (!readEntry(&entry)) return true;
-      *outcome = Forward::loop;
-      if (forward_.has(entry.recordPos)) return true;
-      if (!visit(&forward_, entry)) return false;
-      const bool lastCounted = i == slot_.recordCount - 1;
-      *outcome = lastCounted ? Forward::complete : Forward::tooShort;
-      // Whatever the last link holds: all counted records were there.
-      if (lastCounted || entry.nextRecordPos == 0) return true;
-      *outcome = Forward::badLink;
-      if (myFileSeek(db_, entry.nextRecordPos, kFromStart) != 0) return true;
-    }
-    return true;
-  }
-
-  bool walkBackward(bool* complete) {
-    *complete = false;
-    if (myFileSeek(db_, slot_.lastRecordPos, kFromStart) != 0) return true;
-    for (uint32_t j = 0; j < slot_.recordCount; ++j) {
-      recordPartP1Class entry;
-      if (!readEntry(&entry) || backward_.has(entry.recordPos)) return true;
-      if (!visit(&backward_, entry)) return false;
-      *complete = j == slot_.recordCount - 1;
-      if (*complete || entry.prevRecordPos == 0) return true;
-      if (myFileSeek(db_, entry.prevRecordPos, kFromStart) != 0) return true;
+      if (!readEntry(&entry) || records->has(entry.recordPos)) return true;
+      if (!visit(records, entry)) return false;
+      *complete = i == slot_.recordCount - 1;
+      if (*complete || entry.*link == 0) return true;
+      if (myFileSeek(db_, entry.*link, kFromStart) != 0) return true;
     }
     return true;
   }
