@@ -9,13 +9,12 @@ namespace {
 
 constexpr int64_t kPage = 4096;
 
-// How many of `count` bytes at `position` lie inside a source of `size` bytes.
-size_t available(int64_t position, size_t count, int64_t size) {
-  if (position < 0 || position >= size) return 0;
-  return static_cast<size_t>(std::min(static_cast<uint64_t>(size - position), uint64_t{count}));
-}
-
 }  // namespace
+
+size_t ByteSource::available(int64_t position, size_t count) const {
+  if (position < 0 || position >= size()) return 0;
+  return static_cast<size_t>(std::min(static_cast<uint64_t>(size() - position), uint64_t{count}));
+}
 
 int64_t nextReadable(const ByteSource& source, int64_t position, int64_t end) {
   const auto isReadable = [&](int64_t at) {
@@ -35,13 +34,13 @@ int64_t nextReadable(const ByteSource& source, int64_t position, int64_t end) {
 }
 
 size_t MemorySource::readAt(int64_t position, void* buffer, size_t count) const {
-  const size_t there = available(position, count, size());
+  const size_t there = available(position, count);
   if (there > 0) std::memcpy(buffer, bytes_.data() + position, there);
   return there;
 }
 
 size_t FileSource::readAt(int64_t position, void* buffer, size_t count) const {
-  const size_t there = available(position, count, size_);
+  const size_t there = available(position, count);
   return there > 0 ? file_.readAt(position, buffer, there) : 0;
 }
 

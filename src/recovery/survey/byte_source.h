@@ -26,6 +26,10 @@ class ByteSource {
   virtual std::optional<platform::FileHole> nextHole(int64_t /*position*/) const {
     return std::nullopt;
   }
+
+ protected:
+  // How many of `count` bytes at `position` lie inside.
+  size_t available(int64_t position, size_t count) const;
 };
 
 // The first position after `position`, where a byte could not be read, that can be read again;

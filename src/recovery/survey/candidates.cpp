@@ -6,7 +6,6 @@
 #include "recovery/survey/candidates.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 
 #include "format/Aliment8.h"
@@ -40,9 +39,7 @@ void eachByte(const std::vector<uint8_t>& buffer, size_t count, int value, Found
 }
 
 bool looksLikeHeader(const uint8_t* bytes) {
-  const auto version = loadBigEndian<uint16_t>(bytes + kVersionPos);
-  return std::toupper(bytes[0]) == 'Q' && std::toupper(bytes[1]) == 'V' &&
-         version >= kFirstVersion && version <= kLastVersion &&
+  return isSignature(bytes) && isVersion(loadBigEndian<uint16_t>(bytes + kVersionPos)) &&
          isSizesPattern(bytes + kSlotCountPos);
 }
 
@@ -150,42 +147,8 @@ bool CandidateReader::findOwner(const unsigned char* tableID, Block* block, int*
   return true;
 }
 
-bool CandidateReader::readRecordHead(int64_t position, Block* block, int* errors) {
-  const uint8_t* bytes = window_.at(position, record::kData);
-  if (bytes == nullptr) return false;
-  const recordPart1 head = decodeRecordHead(bytes);
-  const bool sumIsRight = identifierSumIsRight(head.recordID);
-  // Without a table of the directory the record's own sum has to be right, or anything would do.
-  if (!findOwner(head.tableID, block, errors)) return false;
-  if (!survey_.isKnown(block->owner) && !sumIsRight) return false;
-  block->kind = BlockKind::record;
-  block->prev = head.prevRecordPos;
-  block->next = head.nextRecordPos;
-  block->recordID = identifierNumber(head.recordID);
-  block->createTime = head.createTime;
-  block->modifyTime = head.modifyTime;
-  block->length = head.dataLength;
-  block->capacity = head.dataCapacity;
-  if (!sumIsRight) block->flaws |= kWrongIdSum;
-  if (block->recordID == 0) block->flaws |= kZeroId;
-  if (block->flaws & (kWrongIdSum | kZeroId)) ++*errors;
-  return true;
-}
-
-bool CandidateReader::readTableDataHead(int64_t position, Block* block, int* errors) {
-  const uint8_t* bytes = window_.at(position, tabledata::kData);
-  if (bytes == nullptr) return false;
-  const TableDataHead head = decodeTableDataHead(bytes);
-  if (!findOwner(head.tableID, block, errors)) return false;
-  block->kind = BlockKind::tableData;
-  block->length = head.dataLength;
-  block->capacity = head.dataCapacity;
-  return true;
-}
-
 void CandidateReader::judgeExtent(int64_t limit, Block* block, int* errors) {
   block->end = block->claimedEnd();
-  if (block->length > block->capacity) block->flaws |= kLengthAboveCapacity;
   if (block->end > survey_.size) block->flaws |= kBeyondEnd;
   if (block->end > limit) {
     block->flaws |= kCutShort;
@@ -198,15 +161,19 @@ void CandidateReader::judgeExtent(int64_t limit, Block* block, int* errors) {
 }
 
 std::optional<Block> CandidateReader::read(int64_t position, int64_t limit) {
-  const int mark = window_.byteAt(position);
-  const bool isRecord = mark == kRecordMark;
-  if (position > limit - (isRecord ? record::kData : tabledata::kData)) return std::nullopt;
-  Block block;
-  block.position = position;
+  const bool isRecord = window_.byteAt(position) == kRecordMark;
+  const int64_t headSize = isRecord ? record::kData : tabledata::kData;
+  if (position > limit - headSize) return std::nullopt;
+  const uint8_t* bytes = window_.at(position, static_cast<size_t>(headSize));
+  if (bytes == nullptr) return std::nullopt;
+  Block block = decodeBlock(position, bytes);
   int errors = 0;
-  const bool isCandidate = isRecord ? readRecordHead(position, &block, &errors)
-                                    : readTableDataHead(position, &block, &errors);
-  if (!isCandidate) return std::nullopt;
+  if (!findOwner(bytes + (isRecord ? record::kTableID : tabledata::kTableID), &block, &errors)) {
+    return std::nullopt;
+  }
+  // Without a table of the directory the record's own sum has to be right, or anything would do.
+  if (!survey_.isKnown(block.owner) && (block.flaws & kWrongIdSum)) return std::nullopt;
+  if (block.flaws & (kWrongIdSum | kZeroId)) ++errors;
   judgeExtent(limit, &block, &errors);
   block.grade = errors == 0 ? Grade::a : errors == 1 ? Grade::b : Grade::c;
   if (block.grade == Grade::c && !survey_.isKnown(block.owner)) return std::nullopt;

@@ -48,8 +48,6 @@ class CandidateReader {
 
  private:
   bool findOwner(const unsigned char* tableID, Block* block, int* errors);
-  bool readRecordHead(int64_t position, Block* block, int* errors);
-  bool readTableDataHead(int64_t position, Block* block, int* errors);
   void judgeExtent(int64_t limit, Block* block, int* errors);
 
   Window window_;

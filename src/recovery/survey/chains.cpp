@@ -19,11 +19,10 @@ class ChainReader {
   ChainReader(const ByteSource& source, Survey* survey) : window_(source), survey_(*survey) {}
 
   void follow(Table* table) {
-    const Slot& slot = survey_.slotOf(*table);
-    const tablePart1& fields = slot.fields;
+    const tablePart1& fields = survey_.slotOf(*table).fields;
     walk(*table, fields.firstRecordPos, fields.recordCount, kForward, &table->forward);
     walk(*table, fields.lastRecordPos, 0, kBackward, &table->backward);
-    if (fields.firstDataPos != 0) readTableData(fields.firstDataPos, table);
+    if (fields.firstDataPos != 0) table->dataState = findTableData(fields.firstDataPos, table);
   }
 
   int64_t unreadableAt() const { return window_.unreadableAt(); }
@@ -53,53 +52,35 @@ class ChainReader {
   // The number of the record block of `owner` at `position`; kNoBlock, with the reason, if there is
   // none.
   uint32_t recordAt(int64_t position, uint32_t owner, WalkEnd* why) {
-    if (position < survey_.blocksStart || position >= survey_.size) {
-      *why = WalkEnd::outside;
+    const auto none = [&](WalkEnd reason) {
+      *why = reason;
       return kNoBlock;
-    }
+    };
+    if (isOutside(position)) return none(WalkEnd::outside);
     const uint32_t known = survey_.byPosition.find(position);
     if (known != kNoBlock) {
       const Block& block = survey_.blocks[known];
-      if (block.kind == BlockKind::record && block.owner == owner) return known;
-      *why = block.kind == BlockKind::record ? WalkEnd::otherTable : WalkEnd::notRecord;
-      return kNoBlock;
+      if (block.kind != BlockKind::record) return none(WalkEnd::notRecord);
+      return block.owner == owner ? known : none(WalkEnd::otherTable);
     }
-    const bool hasRoom = position <= survey_.size - record::kData;
-    const uint8_t* bytes = hasRoom ? window_.at(position, record::kData) : nullptr;
-    if (bytes == nullptr) {
-      *why = hasRoom ? WalkEnd::unreadable : WalkEnd::notRecord;
-      return kNoBlock;
-    }
-    const recordPart1 head = decodeRecordHead(bytes);
-    if (head.blockMark != kRecordMark || head.headerSize != kRecordHeaderSize) {
-      *why = WalkEnd::notRecord;
-      return kNoBlock;
-    }
-    if (std::memcmp(head.tableID, survey_.owners[owner].id.data(), kIdentifierSize) != 0) {
-      *why = WalkEnd::otherTable;
-      return kNoBlock;
-    }
-    return add(blockOf(position, head, owner));
+    if (position > survey_.size - record::kData) return none(WalkEnd::notRecord);
+    const uint8_t* bytes = window_.at(position, record::kData);
+    if (bytes == nullptr) return none(WalkEnd::unreadable);
+    if (*bytes != kRecordMark || !isBlockStart(bytes)) return none(WalkEnd::notRecord);
+    if (!isOwnedBy(owner, bytes + record::kTableID)) return none(WalkEnd::otherTable);
+    return add(decodeBlock(position, bytes), owner);
   }
 
-  static Block blockOf(int64_t position, const recordPart1& head, uint32_t owner) {
-    Block block;
-    block.position = position;
-    block.prev = head.prevRecordPos;
-    block.next = head.nextRecordPos;
-    block.recordID = identifierNumber(head.recordID);
-    block.createTime = head.createTime;
-    block.modifyTime = head.modifyTime;
-    block.length = head.dataLength;
-    block.capacity = head.dataCapacity;
+  bool isOutside(int64_t position) const {
+    return position < survey_.blocksStart || position >= survey_.size;
+  }
+
+  bool isOwnedBy(uint32_t owner, const uint8_t* tableID) const {
+    return std::memcmp(tableID, survey_.owners[owner].id.data(), kIdentifierSize) == 0;
+  }
+
+  uint32_t add(Block block, uint32_t owner) {
     block.owner = owner;
-    if (!identifierSumIsRight(head.recordID)) block.flaws |= kWrongIdSum;
-    if (block.recordID == 0) block.flaws |= kZeroId;
-    return block;
-  }
-
-  uint32_t add(Block block) {
-    if (block.length > block.capacity) block.flaws |= kLengthAboveCapacity;
     block.end = block.claimedEnd();
     if (block.end > survey_.size) {
       block.flaws |= kBeyondEnd;
@@ -108,8 +89,7 @@ class ChainReader {
       block.flaws |= kNoEndMark;
     }
     if (!isBelieved(block)) block.flaws |= kUnbelieved;
-    const Id& table = survey_.owners[block.owner].id;
-    if (!identifierSumIsRight(table.data())) block.flaws |= kWrongTableSum;
+    if (!identifierSumIsRight(survey_.owners[owner].id.data())) block.flaws |= kWrongTableSum;
     const auto number = static_cast<uint32_t>(survey_.blocks.size());
     survey_.blocks.push_back(block);
     survey_.byPosition.add(block.position, number);
@@ -128,32 +108,20 @@ class ChainReader {
     return bytes != nullptr && isBlockStart(bytes);
   }
 
-  void readTableData(int64_t position, Table* table) {
-    table->dataState = DataState::outside;
-    if (position < survey_.blocksStart || position >= survey_.size) return;
-    table->dataState = DataState::notData;
+  DataState findTableData(int64_t position, Table* table) {
+    if (isOutside(position)) return DataState::outside;
     const uint8_t* bytes = window_.at(position, tabledata::kData);
-    if (bytes == nullptr) return;
-    const TableDataHead head = decodeTableDataHead(bytes);
-    if (head.blockMark != kTableDataMark || head.headerSize != kTableDataHeaderSize) return;
-    table->dataState = DataState::otherTable;
-    if (std::memcmp(head.tableID, survey_.owners[table->owner].id.data(), kIdentifierSize) != 0) {
-      return;
-    }
-    table->dataState = DataState::sound;
+    const bool isData = bytes != nullptr && *bytes == kTableDataMark && isBlockStart(bytes);
+    if (!isData) return DataState::notData;
+    if (!isOwnedBy(table->owner, bytes + tabledata::kTableID)) return DataState::otherTable;
     table->dataBlock = survey_.byPosition.find(position);
     if (table->dataBlock == kNoBlock) {
-      Block block;
-      block.position = position;
-      block.kind = BlockKind::tableData;
-      block.length = head.dataLength;
-      block.capacity = head.dataCapacity;
-      block.owner = table->owner;
-      table->dataBlock = add(block);
+      table->dataBlock = add(decodeBlock(position, bytes), table->owner);
     }
     Block& block = survey_.blocks[table->dataBlock];
     block.reach |= kAsData;
     block.slot = static_cast<int8_t>(table->slot);
+    return DataState::sound;
   }
 
   Window window_;
@@ -162,6 +130,30 @@ class ChainReader {
 };
 
 }  // namespace
+
+Block decodeBlock(int64_t position, const unsigned char* bytes) {
+  Block block;
+  block.position = position;
+  if (bytes[record::kBlockMark] == kRecordMark) {
+    const recordPart1 head = decodeRecordHead(bytes);
+    block.prev = head.prevRecordPos;
+    block.next = head.nextRecordPos;
+    block.recordID = identifierNumber(head.recordID);
+    block.createTime = head.createTime;
+    block.modifyTime = head.modifyTime;
+    block.length = head.dataLength;
+    block.capacity = head.dataCapacity;
+    if (!identifierSumIsRight(head.recordID)) block.flaws |= kWrongIdSum;
+    if (block.recordID == 0) block.flaws |= kZeroId;
+  } else {
+    const TableDataHead head = decodeTableDataHead(bytes);
+    block.kind = BlockKind::tableData;
+    block.length = head.dataLength;
+    block.capacity = head.dataCapacity;
+  }
+  if (block.length > block.capacity) block.flaws |= kLengthAboveCapacity;
+  return block;
+}
 
 void followChains(const ByteSource& source, Survey* survey) {
   ChainReader reader(source, survey);

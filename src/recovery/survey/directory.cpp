@@ -3,6 +3,7 @@
 // The slots are taken as the header lays them out, unless that makes no sense; then as every file
 // is made, 32 of 144 bytes.
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 
 #include "format/Aliment8.h"
@@ -88,6 +89,14 @@ uint32_t ownerOf(const unsigned char* id, Survey* survey) {
     survey->owners.push_back(owner);
   }
   return place->second;
+}
+
+bool isSignature(const unsigned char* bytes) {
+  return std::toupper(bytes[0]) == 'Q' && std::toupper(bytes[1]) == 'V';
+}
+
+bool isVersion(int version) {
+  return version >= kFirstVersion && version <= kLastVersion;
 }
 
 bool Slot::isTable() const {

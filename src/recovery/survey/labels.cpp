@@ -15,6 +15,8 @@
 // So a block in a chain replaces an older version only if it is complete: it has an identifier, and
 // its end mark is there.
 #include <algorithm>
+#include <span>
+#include <tuple>
 
 #include "recovery/survey/survey.h"
 
@@ -30,89 +32,90 @@ class Labeller {
   explicit Labeller(Survey* survey) : survey_(*survey) {}
 
   void run() {
-    std::vector<uint32_t> records;
-    for (uint32_t i = 0; i < survey_.blocks.size(); ++i) {
-      if (survey_.blocks[i].kind == BlockKind::record) records.push_back(i);
+    std::vector<Block*> records;
+    for (Block& each : survey_.blocks) {
+      if (each.kind == BlockKind::record) records.push_back(&each);
     }
-    std::sort(records.begin(), records.end(), [&](uint32_t a, uint32_t b) {
-      const Block& x = survey_.blocks[a];
-      const Block& y = survey_.blocks[b];
-      if (x.owner != y.owner) return x.owner < y.owner;
-      if (x.recordID != y.recordID) return x.recordID < y.recordID;
-      return x.position < y.position;
+    std::sort(records.begin(), records.end(), [](const Block* a, const Block* b) {
+      return std::tie(a->owner, a->recordID, a->position) <
+             std::tie(b->owner, b->recordID, b->position);
     });
-    distinct_.assign(survey_.owners.size(), 0);
-    hasChain_.assign(survey_.owners.size(), false);
-    nameless_.assign(survey_.owners.size(), nullptr);
-    for (const uint32_t number : records) {
-      const Block& each = block(number);
-      if (each.recordID == 0) {
-        if (each.isReached()) nameless_[each.owner] = &each;
-      } else if (each.isReached() || askNeighbours(each) == Evidence::agree) {
-        hasChain_[each.owner] = true;
+    remains_.resize(survey_.owners.size());
+    for (const Block* each : records) {
+      Remains& remains = remains_[each->owner];
+      if (each->recordID == 0) {
+        if (each->isReached()) remains.nameless = each;
+      } else if (each->isReached() || askNeighbours(*each) == Evidence::agree) {
+        remains.hasChain = true;
       }
     }
-    undecided_.assign(survey_.owners.size(), {});
-    apart_.assign(survey_.owners.size(), {});
-    for (size_t begin = 0; begin < records.size();) {
-      size_t end = begin + 1;
-      while (end < records.size() && isSameRecord(records[begin], records[end])) ++end;
-      labelVersions(&records[begin], end - begin);
+    for (auto begin = records.begin(); begin != records.end();) {
+      const auto end = std::find_if(
+          begin, records.end(), [&](const Block* each) { return !isSameRecord(**begin, *each); });
+      labelVersions({begin, end});
       begin = end;
     }
-    for (uint32_t owner = 0; owner < undecided_.size(); ++owner) decide(owner);
+    for (uint32_t owner = 0; owner < remains_.size(); ++owner) decide(owner);
     countRecords(records);
     labelTableData();
   }
 
  private:
-  Block& block(uint32_t number) { return survey_.blocks[number]; }
+  // The blocks of one record, in file order.
+  using Versions = std::span<Block* const>;
 
-  bool isSameRecord(uint32_t a, uint32_t b) {
-    return block(a).owner == block(b).owner && block(a).recordID == block(b).recordID;
+  // What is left of an owner's records.
+  struct Remains {
+    bool hasChain = false;            // anything of its chain
+    const Block* nameless = nullptr;  // one in its chain with identifier 0
+    uint64_t distinct = 0;            // records, counted by identifier
+    std::vector<Block*> undecided;
+    std::vector<Block*> apart;  // detached from a chain that is whole
+  };
+
+  static bool isSameRecord(const Block& a, const Block& b) {
+    return a.owner == b.owner && a.recordID == b.recordID;
   }
 
-  // All blocks of one record, in file order.
-  void labelVersions(const uint32_t* versions, size_t count) {
-    const bool isWhole = std::any_of(versions, versions + count, [&](uint32_t number) {
-      return block(number).isReached() || block(number).grade == Grade::a;
+  void labelVersions(Versions versions) {
+    const bool isWhole = std::any_of(versions.begin(), versions.end(), [](const Block* each) {
+      return each->isReached() || each->grade == Grade::a;
     });
-    const bool isNameless = block(versions[0]).recordID == 0;
-    if (isWhole && !isNameless) ++distinct_[block(versions[0]).owner];
-    const Block* const live = liveVersion(versions, count, isNameless);
-    for (size_t i = 0; i < count; ++i) labelBeside(live, &block(versions[i]));
-    if (live == nullptr) labelUnreached(versions, count);
+    const bool isNameless = versions[0]->recordID == 0;
+    if (isWhole && !isNameless) ++remains_[versions[0]->owner].distinct;
+    const Block* const live = liveVersion(versions, isNameless);
+    if (live == nullptr) return labelUnreached(versions);
+    for (Block* each : versions) labelBeside(*live, each);
   }
 
   // The block that holds the record: what the walk from the front reaches comes before what only
   // the walk from the back does. Null where neither reaches any.
-  const Block* liveVersion(const uint32_t* versions, size_t count, bool isNameless) {
+  static const Block* liveVersion(Versions versions, bool isNameless) {
     const Block* reached = nullptr;
     const Block* complete = nullptr;
     for (const Reach direction : {kBackward, kForward}) {
       const Block* first = nullptr;
       const Block* firstComplete = nullptr;
-      for (size_t i = 0; i < count; ++i) {
-        const Block& each = block(versions[i]);
-        if (!(each.reach & direction)) continue;
-        if (first == nullptr || direction == kForward) first = &each;
-        if (hasOpenEnd(each)) continue;
-        if (firstComplete == nullptr || direction == kForward) firstComplete = &each;
+      for (const Block* each : versions) {
+        if (!(each->reach & direction)) continue;
+        if (first == nullptr || direction == kForward) first = each;
+        if (hasOpenEnd(*each)) continue;
+        if (firstComplete == nullptr || direction == kForward) firstComplete = each;
       }
       if (first != nullptr) reached = first;
       if (firstComplete != nullptr) complete = firstComplete;
     }
     if (complete != nullptr) return complete;
     if (reached == nullptr || isNameless) return reached;
-    const Block* const older = wholeVersionBefore(*reached, versions, count);
+    const Block* const older = wholeVersionBefore(*reached, versions);
     return older != nullptr ? older : reached;
   }
 
-  const Block* wholeVersionBefore(const Block& open, const uint32_t* versions, size_t count) {
+  static const Block* wholeVersionBefore(const Block& open, Versions versions) {
     const Block* older = nullptr;
-    for (size_t i = 0; i < count && block(versions[i]).position < open.position; ++i) {
-      const Block& each = block(versions[i]);
-      if (!each.isReached() && each.grade == Grade::a) older = &each;
+    for (const Block* each : versions) {
+      if (each->position >= open.position) break;
+      if (!each->isReached() && each->grade == Grade::a) older = each;
     }
     return older;
   }
@@ -122,49 +125,48 @@ class Labeller {
   }
 
   // A version of a record that the block `live` holds.
-  static void labelBeside(const Block* live, Block* version) {
-    if (live == nullptr) return;
+  static void labelBeside(const Block& live, Block* version) {
     const bool isComplete = version->recordID == 0 || !hasOpenEnd(*version);
-    if (version == live) {
+    if (version == &live) {
       version->label = version->isReached() ? Label::live : Label::detached;
-    } else if ((version->reach & kForward) && (isComplete || hasOpenEnd(*live))) {
+    } else if ((version->reach & kForward) && (isComplete || hasOpenEnd(live))) {
       version->label = Label::live;
     } else if (version->reach & kUncounted) {
       version->label = Label::unlinked;
-    } else if (version->position > live->position) {
+    } else if (version->position > live.position) {
       version->label = Label::unfinishedRelocation;
     } else {
       version->label = Label::superseded;
     }
   }
 
-  void labelUnreached(const uint32_t* versions, size_t count) {
-    size_t last = count;
-    for (size_t i = 0; i < count; ++i) {
-      const Block& each = block(versions[i]);
-      if (each.grade == Grade::a || each.isReached()) last = i;
+  void labelUnreached(Versions versions) {
+    const Block* last = nullptr;
+    for (const Block* each : versions) {
+      if (each->grade == Grade::a || each->isReached()) last = each;
     }
-    if (last == count) last = count - 1;
-    for (size_t i = 0; i < count; ++i) {
-      Block& each = block(versions[i]);
-      if (each.reach & kUncounted) {
-        each.label = Label::unlinked;
-      } else if (i != last) {
-        each.label = i < last ? Label::superseded : Label::unfinishedRelocation;
+    if (last == nullptr) last = versions.back();
+    for (Block* each : versions) {
+      if (each->reach & kUncounted) {
+        each->label = Label::unlinked;
+      } else if (each == last) {
+        labelLastVersion(each);
       } else {
-        labelLastVersion(versions[i]);
+        const bool isOlder = each->position < last->position;
+        each->label = isOlder ? Label::superseded : Label::unfinishedRelocation;
       }
     }
   }
 
-  void labelLastVersion(uint32_t number) {
-    Block& last = block(number);
+  void labelLastVersion(Block* version) {
+    Block& last = *version;
+    Remains& remains = remains_[last.owner];
     Evidence evidence = askNeighbours(last);
     // A block without neighbours is its table's only record or none at all.
     const bool standsAlone = last.prev == 0 && last.next == 0;
-    if (standsAlone && hasChain_[last.owner]) {
+    if (standsAlone && remains.hasChain) {
       evidence = Evidence::disagree;
-    } else if (standsAlone && mayHaveReplaced(nameless_[last.owner], last)) {
+    } else if (standsAlone && mayHaveReplaced(remains.nameless, last)) {
       evidence = Evidence::agree;
     }
     const bool isTorn = last.grade != Grade::a && last.next == 0 &&
@@ -172,20 +174,22 @@ class Labeller {
     if (evidence == Evidence::agree || (evidence == Evidence::none && !isChainSound(last.owner))) {
       last.label = isTorn && evidence == Evidence::none ? Label::unlinked : Label::detached;
       const bool isWhole = last.grade == Grade::a;
-      if (isWhole && isChainSound(last.owner)) apart_[last.owner].push_back(number);
+      if (isWhole && isChainSound(last.owner)) remains.apart.push_back(&last);
     } else if (isTorn) {
       last.label = Label::unlinked;
     } else {
       last.label = Label::deleted;
       // Whatever has had a successor was counted once.
-      if (last.next == 0) undecided_[last.owner].push_back(number);
+      if (last.next == 0) remains.undecided.push_back(&last);
     }
   }
 
-  bool isRecordOf(uint32_t owner, int64_t position) {
-    const uint32_t number = survey_.byPosition.find(position);
-    return number != kNoBlock && block(number).kind == BlockKind::record &&
-           block(number).owner == owner;
+  // The owner's record that begins at `position`; null if there is none.
+  const Block* recordAt(int64_t position, uint32_t owner) const {
+    const Block* const found = survey_.blockAt(position);
+    const bool isOwn =
+        found != nullptr && found->kind == BlockKind::record && found->owner == owner;
+    return isOwn ? found : nullptr;
   }
 
   // Whether the block in a chain, which has no identifier, may be the moved record of the other: a
@@ -196,23 +200,23 @@ class Labeller {
            (nameless->createTime == 0 || nameless->createTime == older.createTime);
   }
 
-  Evidence askNeighbours(const Block& asked) {
+  Evidence askNeighbours(const Block& asked) const {
     bool isTakenOut = false;
     bool isCutOff = false;
     bool isNamed = false;
     // `link` of the neighbour at `position` should lead here; `beyond` is the other neighbour.
     const auto ask = [&](int64_t position, int64_t Block::*link, int64_t beyond) {
-      if (!isRecordOf(asked.owner, position)) return;
-      const int64_t named = block(survey_.byPosition.find(position)).*link;
-      const bool isReplaced = isRecordOf(asked.owner, named) &&
-                              mayHaveReplaced(&block(survey_.byPosition.find(named)), asked);
+      const Block* const neighbour = recordAt(position, asked.owner);
+      if (neighbour == nullptr) return;
+      const int64_t named = neighbour->*link;
+      const Block* const other = recordAt(named, asked.owner);
       // A neighbour that names a block which is not there proves nothing: a move may have been
       // lost. Unless it names what lies beyond: then the block was taken out in between.
-      if (named == asked.position || isReplaced) {
+      if (named == asked.position || mayHaveReplaced(other, asked)) {
         isNamed = true;
       } else if (named == 0) {
         isCutOff = true;
-      } else if (named == beyond || isRecordOf(asked.owner, named)) {
+      } else if (named == beyond || other != nullptr) {
         isTakenOut = true;
       }
     };
@@ -243,31 +247,29 @@ class Labeller {
   // was written and never linked. The slot knows how many records were ever counted.
   void decide(uint32_t owner) {
     const int slot = survey_.owners[owner].slot;
-    const std::vector<uint32_t>& undecided = undecided_[owner];
-    const std::vector<uint32_t>& apart = apart_[owner];
-    if (slot == kNoSlot || undecided.size() + apart.size() == 0) return;
-    const uint32_t counted = survey_.slots[static_cast<size_t>(slot)].fields.recordWriteCount;
-    if (distinct_[owner] <= counted) return;
-    const uint64_t neverCounted = distinct_[owner] - counted;
-    const bool all = neverCounted >= undecided.size();
-    for (const uint32_t number : undecided) {
-      block(number).label = all ? Label::unlinked : Label::deletedOrUnlinked;
+    const Remains& remains = remains_[owner];
+    const size_t size = remains.undecided.size() + remains.apart.size();
+    if (slot == kNoSlot || size == 0) return;
+    const uint32_t counted = survey_.slotAt(slot)->fields.recordWriteCount;
+    if (remains.distinct <= counted) return;
+    const uint64_t neverCounted = remains.distinct - counted;
+    const bool all = neverCounted >= remains.undecided.size();
+    for (Block* each : remains.undecided) {
+      each->label = all ? Label::unlinked : Label::deletedOrUnlinked;
     }
-    if (neverCounted < undecided.size() + apart.size()) return;
-    for (const uint32_t number : apart) block(number).label = Label::unlinked;
+    if (neverCounted < size) return;
+    for (Block* each : remains.apart) each->label = Label::unlinked;
   }
 
-  void countRecords(const std::vector<uint32_t>& records) {
+  void countRecords(const std::vector<Block*>& records) {
     const Block* counted = nullptr;
-    for (const uint32_t number : records) {
-      const Block& each = block(number);
-      const bool isMissing = each.label == Label::detached || each.label == Label::unlinked;
-      const bool counts = each.label == Label::live || (isMissing && each.grade == Grade::a);
-      const bool isCounted =
-          counted != nullptr && counted->owner == each.owner && counted->recordID == each.recordID;
-      if (!counts || isCounted || each.recordID == 0) continue;
-      ++survey_.owners[each.owner].records;
-      counted = &each;
+    for (const Block* each : records) {
+      const bool isMissing = each->label == Label::detached || each->label == Label::unlinked;
+      const bool counts = each->label == Label::live || (isMissing && each->grade == Grade::a);
+      if (!counts || each->recordID == 0) continue;
+      if (counted != nullptr && isSameRecord(*counted, *each)) continue;
+      ++survey_.owners[each->owner].records;
+      counted = each;
     }
   }
 
@@ -294,18 +296,13 @@ class Labeller {
       return data.position > current->position ? Label::unlinked : Label::superseded;
     }
     if (&data != newest) return data.grade == Grade::a ? Label::superseded : Label::unlinked;
-    const int slot = survey_.owners[data.owner].slot;
-    const bool wasNeverSet =
-        slot != kNoSlot && survey_.slots[static_cast<size_t>(slot)].fields.firstDataPos == 0;
+    const Slot* const slot = survey_.slotAt(survey_.owners[data.owner].slot);
+    const bool wasNeverSet = slot != nullptr && slot->fields.firstDataPos == 0;
     return wasNeverSet ? Label::unlinked : Label::detached;
   }
 
   Survey& survey_;
-  std::vector<bool> hasChain_;          // whether anything of each owner's chain is left
-  std::vector<const Block*> nameless_;  // of each owner, one in its chain with identifier 0
-  std::vector<uint64_t> distinct_;      // records of each owner, counted by identifier
-  std::vector<std::vector<uint32_t>> undecided_;  // of each owner
-  std::vector<std::vector<uint32_t>> apart_;  // of each owner: detached from a chain that is whole
+  std::vector<Remains> remains_;  // of each owner
 };
 
 }  // namespace

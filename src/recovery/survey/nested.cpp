@@ -31,8 +31,6 @@ using namespace qvdbase::format;
 namespace qvdbase::survey {
 namespace {
 
-constexpr size_t kNone = SIZE_MAX;
-
 // How well a block's links fit a database.
 enum class Fit {
   none,
@@ -54,8 +52,7 @@ class NestedJudge {
     findWholeBlocks();
     isWalked_.assign(places.empty() ? 0 : candidates_.size(), false);
     for (const Range& place : places) {
-      const bool isInside = coverOf(place.begin) != kNone;
-      if (!isInside) enterStoredDatabase(place, reader);
+      if (!isCovered(place.begin)) enterStoredDatabase(place, reader);
     }
     int64_t end = 0;
     auto stretch = stretches_.begin();
@@ -65,7 +62,7 @@ class NestedJudge {
         end = std::max(end, stretch->end);
       }
       if (each.isAnchored || block.isReached()) continue;
-      each.isNested = coverOf(block.position) != kNone || block.position < end || isStored(block);
+      each.isNested = isCovered(block.position) || block.position < end || isStored(block);
     }
   }
 
@@ -73,8 +70,7 @@ class NestedJudge {
   uint64_t tableOf(const Block& block) const { return survey_.owners[block.owner].number; }
 
   const Block* blockAt(int64_t position) const {
-    const uint32_t inUse = survey_.byPosition.find(position);
-    if (inUse != kNoBlock) return &survey_.blocks[inUse];
+    if (const Block* const inUse = survey_.blockAt(position)) return inUse;
     const uint32_t candidate = byPosition_.find(position);
     return candidate != kNoBlock ? &candidates_[candidate].block : nullptr;
   }
@@ -129,12 +125,10 @@ class NestedJudge {
       }
       furthest.push_back(i);
     }
-    size_t cover = kNone;
+    int64_t covered = 0;
     for (size_t i = 0; i < candidates_.size(); ++i) {
-      const bool isFurther =
-          cover == kNone || candidates_[i].block.end > candidates_[cover].block.end;
-      if (isWhole[i] && isFurther) cover = i;
-      covers_.push_back(cover);
+      if (isWhole[i]) covered = std::max(covered, candidates_[i].block.end);
+      covered_.push_back(covered);
     }
   }
 
@@ -146,11 +140,10 @@ class NestedJudge {
     return inside == furthest.end() || candidates_[*inside].block.end < block.end;
   }
 
-  // The whole block that holds `position`; kNone if there is none.
-  size_t coverOf(int64_t position) const {
+  // Whether a whole block holds `position`.
+  bool isCovered(int64_t position) const {
     const size_t after = candidateFrom(position);
-    const size_t cover = after == 0 ? kNone : covers_[after - 1];
-    return cover != kNone && candidates_[cover].block.end > position ? cover : kNone;
+    return after > 0 && covered_[after - 1] > position;
   }
 
   // ---- databases that no whole block holds
@@ -172,10 +165,9 @@ class NestedJudge {
 
   // The block whose payload begins with the database.
   const Block* holderOf(int64_t origin) const {
-    for (const BlockKind kind : {BlockKind::record, BlockKind::tableData}) {
-      const int64_t headSize = kind == BlockKind::record ? record::kData : tabledata::kData;
-      const Block* block = blockAt(origin - headSize);
-      if (block != nullptr && block->kind == kind) return block;
+    for (const int64_t headSize : {record::kData, tabledata::kData}) {
+      const Block* const block = blockAt(origin - headSize);
+      if (block != nullptr && block->dataPos() == origin) return block;
     }
     return nullptr;
   }
@@ -183,11 +175,10 @@ class NestedJudge {
   // In an image without a directory a database that nothing seems to hold may be one of those that
   // are looked for.
   bool canOnlyBeStored(const NestedDatabase& nested) const {
-    const auto hasBlocksHere = [&](const NestedTable& table) {
-      return anchoredTables_.contains(table.number);
-    };
     return !survey_.tables.empty() ||
-           std::any_of(nested.tables.begin(), nested.tables.end(), hasBlocksHere);
+           std::any_of(nested.tables.begin(), nested.tables.end(), [&](const NestedTable& table) {
+             return anchoredTables_.contains(table.number);
+           });
   }
 
   // Adds a stretch from `origin` to the end of the last of the blocks that follow each other
@@ -288,7 +279,7 @@ class NestedJudge {
   PositionIndex byPosition_;
   std::set<uint64_t> anchoredTables_;
   std::vector<int64_t> nextAnchored_;  // for each: where it or the next anchored one begins
-  std::vector<size_t> covers_;         // for each: of it and all before it, the furthest whole one
+  std::vector<int64_t> covered_;  // for each: where of it and all before it the last whole one ends
   std::vector<bool> isWalked_;
   std::vector<Range> stretches_;                   // of these databases
   int64_t stretchesEnd_ = 0;                       // of the furthest

@@ -8,8 +8,8 @@ namespace {
 // Whether the slot's position may be that of a block which was damaged: what is there is no block,
 // or one of a table that the directory does not have. Then an older block must not be taken for it.
 bool mayBeDamaged(const Survey& survey, int64_t position) {
-  const uint32_t number = survey.byPosition.find(position);
-  if (number != kNoBlock && survey.owners[survey.blocks[number].owner].slot == kNoSlot) return true;
+  const Block* const block = survey.blockAt(position);
+  if (block != nullptr && survey.owners[block->owner].slot == kNoSlot) return true;
   return std::any_of(survey.leftovers.begin(), survey.leftovers.end(), [&](const auto& leftover) {
     return position >= leftover.range.begin && position < leftover.range.end;
   });

@@ -6,9 +6,8 @@
 namespace qvdbase::survey {
 
 size_t PartSource::readAt(int64_t position, void* buffer, size_t count) const {
-  if (position < 0 || position >= size()) return 0;
-  const auto left = static_cast<uint64_t>(size() - position);
-  count = static_cast<size_t>(std::min<uint64_t>(count, left));
+  count = available(position, count);
+  if (count == 0) return 0;
   const int64_t place = position + begin_;
   if (place >= 0) return whole_.readAt(place, buffer, count);
   const auto missing =

@@ -28,8 +28,8 @@ std::vector<const Patch*> PatchedSource::patchesIn(int64_t begin, int64_t end) c
 }
 
 size_t PatchedSource::readAt(int64_t position, void* buffer, size_t count) const {
-  if (position < 0 || position >= size_) return 0;
-  count = static_cast<size_t>(std::min<uint64_t>(count, static_cast<uint64_t>(size_ - position)));
+  count = available(position, count);
+  if (count == 0) return 0;
   const size_t held = whole_.readAt(position, buffer, count);
   const int64_t end = position + static_cast<int64_t>(held);
   for (const Patch* patch : patchesIn(position, end)) {

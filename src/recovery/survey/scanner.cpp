@@ -29,24 +29,33 @@ bool comesBefore(const Candidate& a, const Candidate& b) {
   return a.block.position < b.block.position;
 }
 
+// Adds the databases that seem to begin in the range to the survey, and calls `found` with each
+// block that seems to.
+template <typename Found>
+void scanRange(const ByteSource& source, const Range& range, CandidateReader* reader,
+               Survey* survey, Found found) {
+  survey->noteUnreadable(findHits(source, range, [&](const ScanHits& hits) {
+    for (const int64_t origin : hits.headers) {
+      if (reader->readNested(origin)) survey->nestedDatabases.push_back(origin);
+    }
+    for (const int64_t position : hits.marks) {
+      const std::optional<Block> block = reader->read(position, range.end);
+      if (block) found(*block);
+    }
+  }));
+}
+
 class GapScanner {
  public:
   GapScanner(const ByteSource& source, Survey* survey)
       : source_(source), survey_(*survey), reader_(source, survey) {}
 
   void scan(const Range& gap) {
-    const int64_t unreadableAt = findHits(source_, gap, [&](const ScanHits& hits) {
-      for (const int64_t origin : hits.headers) {
-        if (!reader_.readNested(origin)) continue;
-        survey_.nestedDatabases.push_back(origin);
-        databases_.push_back({origin, gap.end});
-      }
-      for (const int64_t position : hits.marks) {
-        const std::optional<Block> block = reader_.read(position, gap.end);
-        if (block) candidates_.push_back({*block});
-      }
-    });
-    survey_.noteUnreadable(unreadableAt);
+    scanRange(source_, gap, &reader_, &survey_,
+              [&](const Block& block) { candidates_.push_back({block}); });
+    for (size_t i = databases_.size(); i < survey_.nestedDatabases.size(); ++i) {
+      databases_.push_back({survey_.nestedDatabases[i], gap.end});
+    }
   }
 
   void resolve() {
@@ -99,28 +108,32 @@ class GapScanner {
     }
   }
 
-  // For every candidate the start of the next native one after it: any, a whole one, and a whole
-  // one that is surely this database's.
+  // Where the next native candidates begin: any, a whole one, and a whole one that is surely this
+  // database's.
+  struct Successors {
+    int64_t native = INT64_MAX;
+    int64_t whole = INT64_MAX;
+    int64_t own = INT64_MAX;
+  };
+
   void findSuccessors() {
-    constexpr int64_t kNever = INT64_MAX;
-    for (auto* next : {&nextNative_, &nextWhole_, &nextOwn_}) {
-      next->assign(candidates_.size() + 1, kNever);
-    }
+    next_.resize(candidates_.size() + 1);
     for (size_t i = candidates_.size(); i-- > 0;) {
       const Candidate& each = candidates_[i];
-      const int64_t position = each.block.position;
-      const bool isAny = isNative(each.block) && !each.block.isReached();
-      const bool isWhole = isAny && (each.block.grade == Grade::a || each.isAnchored);
-      nextNative_[i] = isAny ? position : nextNative_[i + 1];
-      nextWhole_[i] = isWhole ? position : nextWhole_[i + 1];
-      nextOwn_[i] = isWhole && isOwn(each) ? position : nextOwn_[i + 1];
+      const Block& block = each.block;
+      next_[i] = next_[i + 1];
+      if (!isNative(block) || block.isReached()) continue;
+      next_[i].native = block.position;
+      if (block.grade != Grade::a && !each.isAnchored) continue;
+      next_[i].whole = block.position;
+      if (isOwn(each)) next_[i].own = block.position;
     }
   }
 
   void decide(size_t i) {
     const Block& block = candidates_[i].block;
     if (block.isReached()) {
-      if (nextOwn_[i + 1] >= block.end) confirm(block);
+      if (next_[i + 1].own >= block.end) confirm(block);
     } else if (block.position < covered_) {
       if (block.grade == Grade::a) survey_.nestedBlocks.push_back(block.position);
     } else if (isNative(block)) {
@@ -136,10 +149,10 @@ class GapScanner {
 
   void accept(size_t i) {
     Block block = candidates_[i].block;
-    if (block.grade == Grade::a && nextWhole_[i + 1] < block.end) block.grade = Grade::b;
-    if (block.grade != Grade::a && nextNative_[i + 1] < block.end) {
+    if (block.grade == Grade::a && next_[i + 1].whole < block.end) block.grade = Grade::b;
+    if (block.grade != Grade::a && next_[i + 1].native < block.end) {
       block.flaws |= kCutShort;
-      block.end = nextNative_[i + 1];
+      block.end = next_[i + 1].native;
     }
     covered_ = block.end;
     survey_.byPosition.add(block.position, static_cast<uint32_t>(survey_.blocks.size()));
@@ -152,9 +165,7 @@ class GapScanner {
   std::vector<Candidate> candidates_;
   std::vector<Range> databases_;  // from where each begins to the end of its gap
   std::vector<bool> established_;
-  std::vector<int64_t> nextNative_;
-  std::vector<int64_t> nextWhole_;
-  std::vector<int64_t> nextOwn_;
+  std::vector<Successors> next_;
   int64_t covered_ = 0;
 };
 
@@ -214,16 +225,9 @@ void scanPayloads(const ByteSource& source, Survey* survey) {
     if (!block.isReached()) continue;
     const Range payload = {block.dataPos(), block.dataPos() + block.dataThere()};
     if (payload.size() < kTableDataBlockOverhead) continue;
-    const int64_t unreadableAt = findHits(source, payload, [&](const ScanHits& hits) {
-      for (const int64_t origin : hits.headers) {
-        if (reader.readNested(origin)) survey->nestedDatabases.push_back(origin);
-      }
-      for (const int64_t position : hits.marks) {
-        const std::optional<Block> found = reader.read(position, payload.end);
-        if (found && found->grade == Grade::a) survey->nestedBlocks.push_back(position);
-      }
+    scanRange(source, payload, &reader, survey, [&](const Block& found) {
+      if (found.grade == Grade::a) survey->nestedBlocks.push_back(found.position);
     });
-    survey->noteUnreadable(unreadableAt);
   }
   survey->noteUnreadable(reader.unreadableAt());
 }

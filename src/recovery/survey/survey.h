@@ -41,6 +41,10 @@ struct Header {
   uint16_t slotSize = 0;
 };
 
+// Whether a database may begin with these bytes: both letters count in either case.
+bool isSignature(const unsigned char* bytes);
+bool isVersion(int version);  // one that the library opens
+
 struct Slot {
   int index = 0;
   int64_t position = 0;
@@ -235,6 +239,12 @@ struct Survey {
     return slot == kNoSlot ? nullptr : &slots[static_cast<size_t>(slot)];
   }
 
+  // The block that begins at `position`; null if there is none.
+  const Block* blockAt(int64_t position) const {
+    const uint32_t number = byPosition.find(position);
+    return number == kNoBlock ? nullptr : &blocks[number];
+  }
+
   const Table* tableOfSlot(int slot) const {
     for (const Table& table : tables) {
       if (table.slot == slot) return &table;
@@ -250,6 +260,10 @@ struct SurveyOptions {
 };
 
 Survey makeSurvey(const ByteSource& source, const SurveyOptions& options = {});
+
+// What the header of a block says by itself: all but the owner, the end and what depends on them.
+// `bytes` holds record::kData bytes where the mark is that of a record, else tabledata::kData.
+Block decodeBlock(int64_t position, const unsigned char* bytes);
 
 // ---- the steps ----
 
