@@ -25,8 +25,7 @@ constexpr FindingCode kCodes[] = {
     // ---- The file as a whole
     {"F1", kError, "the file is empty", "every call",
      "restore it from a copy; a pack that failed, or the copying of a frame, leaves such a file "
-     "and "
-     "has not changed its source"},
+     "and has not changed its source"},
     {"F2", kError, "the file is cut off before the end of its directory", kAll,
      "restore it from a copy; 'qvdb salvage' finds what blocks there are"},
     {"F3", kWarning, "the file has holes where data should be", kNothing,
@@ -42,8 +41,7 @@ constexpr FindingCode kCodes[] = {
      "run 'qvdb salvage' into a new file, which gets the version 100"},
     {"H3", kError, "the file is an unfinished pack: its version is 101", kNothing,
      "the source of the pack is the good copy: use that; link repair would set the version and "
-     "hide "
-     "that records are missing"},
+     "hide that records are missing"},
     {"H4", kError, "the database identifier is damaged", kNothing,
      "harmless to the library; programs that compare identifiers may refuse the file"},
     {"H5", kError, "the number of tables is impossible",
@@ -129,8 +127,7 @@ constexpr FindingCode kCodes[] = {
      kSalvage},
     {"S2", kWarning, "blocks that no chain leads to", kNothing,
      "superseded and deleted ones: 'qvdb compact' drops them; lost or unlinked ones: 'qvdb "
-     "salvage' "
-     "brings them back"},
+     "salvage' brings them back"},
     {"S3", kInformation, "table data that no slot points to", kNothing, kPack},
     {"S4", kWarning, "a block that was never finished", kNothing,
      "an append was cut off; 'qvdb compact' drops it"},
@@ -184,15 +181,9 @@ const FindingCode& finding_code(std::string_view code) noexcept {
 }
 
 std::string_view to_string(Severity severity) noexcept {
-  switch (severity) {
-    case Severity::information:
-      return "information";
-    case Severity::warning:
-      return "warning";
-    case Severity::error:
-      return "error";
-  }
-  return "";
+  constexpr std::string_view kNames[] = {"information", "warning", "error"};
+  const auto number = static_cast<size_t>(severity);
+  return number < std::size(kNames) ? kNames[number] : "";
 }
 
 std::ostream& operator<<(std::ostream& out, Severity severity) {

@@ -39,17 +39,13 @@ class CategoryCheck {
     }
     slot_ = &survey_.slotOf(*categories);
     if (records == nullptr || info == nullptr) {
-      findings_.warning("C4", {.slot = slot_},
-                        std::string("There is no table '") +
-                            (records == nullptr ? kRecordTable : kInfoTable) +
-                            "' beside the categories.");
+      findings_.warning("C4", {.slot = slot_}, "There is no table '",
+                        records == nullptr ? kRecordTable : kInfoTable, "' beside the categories.");
     }
     if (records != nullptr) {
-      for (const uint32_t number : records->forward.blocks) {
-        known_.push_back(survey_.blocks[number].recordID);
-      }
-      if (!known_.empty()) last_ = known_.back();
-      std::sort(known_.begin(), known_.end());
+      const std::vector<uint32_t>& blocks = records->forward.blocks;
+      known_ = sortedRecords(survey_, blocks);
+      if (!blocks.empty()) last_ = survey_.blocks[blocks.back()].recordID;
       hasRecords_ = true;
     }
     for (const uint32_t number : categories->forward.blocks) check(survey_.blocks[number]);
@@ -65,8 +61,7 @@ class CategoryCheck {
       if (!read(&place, end, &counts[list])) return tooShort(block);
       const auto count = static_cast<int32_t>(counts[list]);
       if (count < 0) {
-        return findings_.error("C1", about(block),
-                               the(block) + " has a negative count of entries.");
+        return reportCounts(block, " has a negative count of entries.");
       }
       if (int64_t{count} * kIdentitySize > end - place) return tooShort(block);
       if (list == 1) checkEntries(block, place, count);
@@ -91,29 +86,26 @@ class CategoryCheck {
       const uint8_t* bytes = window_.at(place, kIdentitySize);
       if (bytes == nullptr) return;
       const uint64_t id = loadBigEndian<uint64_t>(bytes);
-      const About where = {.slot = slot_, .record = block.recordID, .offset = place};
+      const About entry = about(block, place);
       if (!std::binary_search(known_.begin(), known_.end(), id)) {
-        findings_.error(
-            "C2", where,
-            the(block) + " names the record " + shownId(id) + ", which does not exist.");
+        findings_.error("C2", entry, "The category at ", block.position, " names the record ",
+                        shownId(id), ", which does not exist.");
       } else if (id == last_) {
-        findings_.warning("C3", where,
-                          the(block) + " names the last record of 'QVrz_Record', " + shownId(id) +
-                              ", which a pack with new identifiers does not find.");
+        findings_.warning("C3", entry, "The category at ", block.position,
+                          " names the last record of 'QVrz_Record', ", shownId(id),
+                          ", which a pack with new identifiers does not find.");
       }
     }
   }
 
-  void tooShort(const Block& block) {
-    findings_.error("C1", about(block), the(block) + " is shorter than its counts say.");
+  void tooShort(const Block& block) { reportCounts(block, " is shorter than its counts say."); }
+
+  void reportCounts(const Block& block, const char* what) {
+    findings_.error("C1", about(block, block.dataPos()), "The category at ", block.position, what);
   }
 
-  About about(const Block& block) const {
-    return {.slot = slot_, .record = block.recordID, .offset = block.dataPos()};
-  }
-
-  static std::string the(const Block& block) {
-    return "The category at " + std::to_string(block.position);
+  About about(const Block& block, int64_t position) const {
+    return {.slot = slot_, .record = block.recordID, .offset = position};
   }
 
   Window window_;

@@ -37,10 +37,6 @@ class ChainCheck {
 
   const Block& block(uint32_t number) const { return survey_.blocks[number]; }
 
-  About aboutBlock(const Block& block, int64_t field = 0) const {
-    return {.slot = &slot_, .record = block.recordID, .offset = block.position + field};
-  }
-
   // Records that the walk reaches within the count.
   size_t countedBlocks() const {
     return static_cast<size_t>(std::min<uint64_t>(table_.forward.blocks.size(), count_));
@@ -49,47 +45,43 @@ class ChainCheck {
   // Where a walk could not go on: the link, and what it leads to.
   void checkEnd(const Walk& walk, bool isForward) {
     if (walk.end == WalkEnd::complete) return;
-    const bool fromSlot = walk.blocks.empty();
-    About about = {.slot = &slot_};
-    std::string link;
-    if (fromSlot) {
-      about.offset = slot_.position + (isForward ? slot::kFirstRecordPos : slot::kLastRecordPos);
-      link = isForward ? "The position of the first record" : "The position of the last record";
-    } else {
-      const Block& last = block(walk.blocks.back());
-      about = aboutBlock(last, isForward ? record::kNextRecordPos : record::kPrevRecordPos);
-      link = "The " + std::string(isForward ? "next" : "previous") + " link of the record " +
-             at(last.position);
+    if (walk.blocks.empty()) {
+      const int field = isForward ? slot::kFirstRecordPos : slot::kLastRecordPos;
+      return explainEnd(walk, "D7", inSlot(slot_, field), "The position of the ",
+                        isForward ? "first" : "last", " record");
     }
-    explainEnd(walk, about, link + ", " + std::to_string(walk.stoppedAt) + ", ", fromSlot);
+    const Block& last = block(walk.blocks.back());
+    const int64_t field = isForward ? record::kNextRecordPos : record::kPrevRecordPos;
+    explainEnd(walk, "R1", inBlock(&slot_, last, field), "The ", isForward ? "next" : "previous",
+               " link of the record ", at(last.position));
   }
 
-  void explainEnd(const Walk& walk, const About& about, const std::string& link, bool fromSlot) {
-    const char* const bad = fromSlot ? "D7" : "R1";
+  // `bad` is the code of a link that leads to where no block can begin.
+  template <typename... Link>
+  void explainEnd(const Walk& walk, const char* bad, const About& about, const Link&... link) {
+    const auto error = [&](const char* code, const auto&... what) {
+      findings_.error(code, about, link..., ", ", walk.stoppedAt, what...);
+    };
     switch (walk.end) {
       case WalkEnd::complete:
         return;
       case WalkEnd::outside:
-        return findings_.error(bad, about,
-                               link + "is no place where a block can be: blocks lie from " +
-                                   std::to_string(survey_.blocksStart) + " to " +
-                                   std::to_string(survey_.size) + ".");
+        return error(bad, ", is no place where a block can be: blocks lie from ",
+                     survey_.blocksStart, " to ", survey_.size, ".");
       case WalkEnd::notRecord:
-        if (isInsideBlock(walk.stoppedAt)) {
-          return findings_.error(bad, about, link + "leads into the middle of a block.");
-        }
-        return findings_.error("R2", about, link + "leads to no record block.");
+        if (isInsideBlock(walk.stoppedAt)) return error(bad, ", leads into the middle of a block.");
+        return error("R2", ", leads to no record block.");
       case WalkEnd::otherTable:
-        return findings_.error("R3", about, link + "leads to a record of another table.");
+        return error("R3", ", leads to a record of another table.");
       case WalkEnd::loop:
-        return findings_.error("R9", about, link + "leads back to a record that was passed.");
+        return error("R9", ", leads back to a record that was passed.");
       case WalkEnd::unreadable:
-        return findings_.error("F5", about, link + "leads to where the system cannot read.");
+        return error("F5", ", leads to where the system cannot read.");
     }
   }
 
   bool isInsideBlock(int64_t position) const {
-    if (survey_.byPosition.find(position) != kNoBlock) return false;
+    if (survey_.blockAt(position) != nullptr) return false;
     return std::any_of(survey_.blocks.begin(), survey_.blocks.end(), [&](const Block& each) {
       return position > each.position && position < each.end;
     });
@@ -102,36 +94,31 @@ class ChainCheck {
         std::count_if(table_.forward.blocks.begin(), table_.forward.blocks.end(),
                       [&](uint32_t number) { return block(number).slot != slot_.index; });
     if (shared == 0) return;
-    findings_.error("R3", {.slot = &slot_, .offset = slot_.position},
-                    counted(static_cast<uint64_t>(shared), "record") +
-                        " of the chain are in another table's chain, too.");
+    findings_.error("R3", inSlot(slot_), counted(static_cast<uint64_t>(shared), "record"),
+                    " of the chain are in another table's chain, too.");
   }
 
   void checkLength() {
     const std::vector<uint32_t>& blocks = table_.forward.blocks;
     const WalkEnd end = table_.forward.end;
     if (blocks.size() < count_ && end != WalkEnd::loop) {
-      About about = {.slot = &slot_, .offset = slot_.position + slot::kRecordCount};
-      if (!blocks.empty()) about = aboutBlock(block(blocks.back()), record::kNextRecordPos);
-      findings_.error("R5", about,
-                      "The chain " + std::string(end == WalkEnd::complete ? "ends" : "breaks") +
-                          " after " + counted(blocks.size(), "record") + " of " +
-                          std::to_string(count_) + ".");
+      About about = inSlot(slot_, slot::kRecordCount);
+      if (!blocks.empty()) about = inBlock(&slot_, block(blocks.back()), record::kNextRecordPos);
+      findings_.error("R5", about, "The chain ", end == WalkEnd::complete ? "ends" : "breaks",
+                      " after ", counted(blocks.size(), "record"), " of ", count_, ".");
     }
     if (blocks.empty() || (blocks.size() < count_ && end != WalkEnd::complete)) return;
 
     const Block& last = block(blocks[countedBlocks() - 1]);
     if (last.next != 0) {
-      findings_.error("R6", aboutBlock(last, record::kNextRecordPos),
-                      "The last of " + counted(count_, "counted record") + ", " +
-                          at(last.position) + ", has a successor at " + std::to_string(last.next) +
-                          ".");
+      findings_.error("R6", inBlock(&slot_, last, record::kNextRecordPos), "The last of ",
+                      counted(count_, "counted record"), ", ", at(last.position),
+                      ", has a successor ", at(last.next), ".");
     }
     if (last.position != slot_.fields.lastRecordPos) {
-      findings_.error("R7", {.slot = &slot_, .offset = slot_.position + slot::kLastRecordPos},
-                      "The walk from the front ends " + at(last.position) +
-                          ", but the slot's last record is " + at(slot_.fields.lastRecordPos) +
-                          ".");
+      findings_.error("R7", inSlot(slot_, slot::kLastRecordPos), "The walk from the front ends ",
+                      at(last.position), ", but the slot's last record is ",
+                      at(slot_.fields.lastRecordPos), ".");
     }
   }
 
@@ -140,11 +127,10 @@ class ChainCheck {
     for (size_t i = 0; i < countedBlocks(); ++i) {
       const Block& each = block(table_.forward.blocks[i]);
       if (each.prev != predecessor) {
-        findings_.error("R8", aboutBlock(each, record::kPrevRecordPos),
-                        "The record " + at(each.position) + " names " + std::to_string(each.prev) +
-                            " as its predecessor; " +
-                            (predecessor == 0 ? "it is the first of the chain."
-                                              : "it follows " + at(predecessor).substr(3) + "."));
+        findings_.error("R8", inBlock(&slot_, each, record::kPrevRecordPos), "The record ",
+                        at(each.position), " names ", each.prev, " as its predecessor; ",
+                        predecessor == 0 ? "it is the first of the chain."
+                                         : joined("it follows ", predecessor, "."));
       }
       predecessor = each.position;
     }
@@ -161,16 +147,17 @@ class ChainCheck {
       ++(each.label == Label::superseded ? older : onlyHere);
     }
     if (first == nullptr) return;
-    std::string text = "From the back, the chain leads to ";
+    std::string text;
     if (onlyHere > 0) {
-      text += counted(onlyHere, "record") +
-              " that the walk from the front does not reach; link repair would drop them";
+      text = counted(onlyHere, "record") +
+             " that the walk from the front does not reach; link repair would drop them";
     }
     if (older > 0) {
-      text += std::string(onlyHere > 0 ? ", and to " : "") + counted(older, "older version") +
-              " of records, left by a move that was cut off";
+      text += joined(onlyHere > 0 ? ", and to " : "", counted(older, "older version"),
+                     " of records, left by a move that was cut off");
     }
-    findings_.error("R10", aboutBlock(*first), text + ".");
+    findings_.error("R10", inBlock(&slot_, *first), "From the back, the chain leads to ", text,
+                    ".");
   }
 
   const Survey& survey_;

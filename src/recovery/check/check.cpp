@@ -36,6 +36,7 @@ CheckState stateOf(const Findings& findings) {
 }
 
 std::string namesOf(const TableOutlook& outlook) {
+  if (!outlook.reachable) return "every call: the table is not reachable";
   std::string text;
   const auto note = [&](bool works, const char* what) {
     if (!works) text += (text.empty() ? "" : ", ") + std::string(what);
@@ -52,25 +53,23 @@ std::string namesOf(const TableOutlook& outlook) {
 
 void addOutlook(const ByteSource& source, const Survey& survey, CheckReport* report,
                 Findings* findings) {
-  std::string whole;
   for (const auto& table : survey.tables) {
     const TableOutlook outlook = check::outlookOf(source, survey, table);
-    const std::string failing = outlook.reachable
-                                    ? namesOf(outlook)
-                                    : std::string("every call: the table is not reachable");
+    const std::string failing = namesOf(outlook);
     if (!failing.empty()) {
-      const auto& slot = survey.slotOf(table);
-      findings->information("W1", {.slot = &slot, .offset = slot.position},
-                            "What will fail on this table now: " + failing + ".");
+      findings->information("W1", check::inSlot(survey.slotOf(table)),
+                            "What will fail on this table now: ", failing, ".");
     }
     report->tables.push_back(outlook);
   }
   report->pack = check::willPack(survey);
   report->repair = check::willRepair(survey).result;
-  if (!report->pack) whole = "pack";
-  if (report->repair == 1) whole += whole.empty() ? "link repair" : " and link repair";
-  if (whole.empty()) return;
-  findings->information("W1", {}, "What will fail on this file now: " + whole + ".");
+  const bool repairs = report->repair != 1;
+  if (report->pack && repairs) return;
+  const char* const failing = report->pack ? "link repair"
+                              : repairs    ? "pack"
+                                           : "pack and link repair";
+  findings->information("W1", {}, "What will fail on this file now: ", failing, ".");
 }
 
 void judge(const ByteSource& source, const Survey& survey, const CheckOptions& options,

@@ -9,24 +9,18 @@ namespace {
 
 void checkEnds(const Slot& slot, Findings* findings) {
   const tablePart1& fields = slot.fields;
-  const auto report = [&](int offset, const char* what) {
-    findings->error(
-        "D6", {.slot = &slot, .offset = slot.position + offset},
-        "The slot counts " + counted(fields.recordCount, "record") + ", but " + what + ".");
-  };
   const bool isEmpty = fields.recordCount == 0;
-  if (isEmpty && fields.firstRecordPos != 0) {
-    report(slot::kFirstRecordPos, "has the position of a first one");
-  } else if (!isEmpty && fields.firstRecordPos == 0) {
-    report(slot::kFirstRecordPos, "the position of the first one is zero");
-  }
-  if (isEmpty && fields.lastRecordPos != 0) {
-    report(slot::kLastRecordPos, "has the position of a last one");
-  } else if (!isEmpty && fields.lastRecordPos == 0) {
-    report(slot::kLastRecordPos, "the position of the last one is zero");
-  }
+  const auto check = [&](int offset, int64_t position, const char* what) {
+    if (isEmpty == (position == 0)) return;
+    findings->error("D6", inSlot(slot, offset), "The slot counts ",
+                    counted(fields.recordCount, "record"), ", but ",
+                    isEmpty ? "has the position of a " : "the position of the ", what,
+                    isEmpty ? " one." : " one is zero.");
+  };
+  check(slot::kFirstRecordPos, fields.firstRecordPos, "first");
+  check(slot::kLastRecordPos, fields.lastRecordPos, "last");
   if (isEmpty && fields.lastWrittenRecordPos != 0) {
-    findings->warning("D6", {.slot = &slot, .offset = slot.position + slot::kLastWrittenRecordPos},
+    findings->warning("D6", inSlot(slot, slot::kLastWrittenRecordPos),
                       "The table is empty, but has the position of a last written record.");
   }
 }
@@ -35,31 +29,26 @@ void checkLastWritten(const Survey& survey, const Table& table, const Slot& slot
                       Findings* findings) {
   const int64_t position = slot.fields.lastWrittenRecordPos;
   if (slot.fields.recordCount == 0) return;
-  const About about = {.slot = &slot, .offset = slot.position + slot::kLastWrittenRecordPos};
-  const uint32_t number = survey.byPosition.find(position);
-  const bool isOwn = number != kNoBlock && survey.blocks[number].owner == table.owner &&
-                     survey.blocks[number].kind == BlockKind::record;
-  if (!isOwn) {
-    findings->warning("D7", about,
-                      "The position of the last written record, " + std::to_string(position) +
-                          ", is not that of a record of the table.");
-  } else if (survey.blocks[number].label != Label::live) {
-    findings->information("R16", about,
-                          "The last written record is no longer in the chain, as happens when it "
-                          "was moved.");
+  const About about = inSlot(slot, slot::kLastWrittenRecordPos);
+  const Block* const block = survey.blockAt(position);
+  if (block == nullptr || block->owner != table.owner || block->kind != BlockKind::record) {
+    findings->warning("D7", about, "The position of the last written record, ", position,
+                      ", is not that of a record of the table.");
+  } else if (block->label != Label::live) {
+    findings->information(
+        "R16", about,
+        "The last written record is no longer in the chain, as happens when it was moved.");
   }
 }
 
 void checkDataCounts(const Slot& slot, Findings* findings) {
   const tablePart1& fields = slot.fields;
-  const About about = {.slot = &slot, .offset = slot.position + slot::kDataBlockCount};
+  const About about = inSlot(slot, slot::kDataBlockCount);
   const bool hasData = fields.firstDataPos != 0;
   if (hasData != (fields.dataBlockCount != 0) || (hasData && fields.dataWriteCount == 0)) {
-    findings->warning("D9", about,
-                      "The slot counts " + counted(fields.dataBlockCount, "block") +
-                          " of table data, " + std::to_string(fields.dataWriteCount) +
-                          " written; the position of the first is " +
-                          std::to_string(fields.firstDataPos) + ".");
+    findings->warning("D9", about, "The slot counts ", counted(fields.dataBlockCount, "block"),
+                      " of table data, ", fields.dataWriteCount,
+                      " written; the position of the first is ", fields.firstDataPos, ".");
   }
   if (fields.lastWrittenDataPos != fields.firstDataPos ||
       fields.lastDataPos != fields.firstDataPos) {
@@ -74,10 +63,9 @@ void checkCounts(const Survey& survey, const Table& table, Findings* findings) {
   checkEnds(slot, findings);
   checkLastWritten(survey, table, slot, findings);
   if (slot.fields.recordCount > slot.fields.recordWriteCount) {
-    findings->warning("D8", {.slot = &slot, .offset = slot.position + slot::kRecordCount},
-                      "The slot counts " + counted(slot.fields.recordCount, "record") +
-                          ", but only " + std::to_string(slot.fields.recordWriteCount) +
-                          " were ever added.");
+    findings->warning("D8", inSlot(slot, slot::kRecordCount), "The slot counts ",
+                      counted(slot.fields.recordCount, "record"), ", but only ",
+                      slot.fields.recordWriteCount, " were ever added.");
   }
   checkDataCounts(slot, findings);
 }

@@ -1,4 +1,6 @@
 // One table's data: T1 to T5.
+#include <algorithm>
+
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
@@ -7,54 +9,25 @@ using namespace qvdbase::survey;
 namespace qvdbase::check {
 namespace {
 
-// The sound block of the table's data that its slot should point to.
-const Block* lostData(const Survey& survey, const Table& table) {
-  for (const Block& block : survey.blocks) {
-    if (block.kind == BlockKind::tableData && block.owner == table.owner &&
-        block.label == Label::detached && block.grade == Grade::a) {
-      return &block;
-    }
-  }
-  return nullptr;
-}
-
 void checkPointer(const Survey& survey, const Table& table, const Slot& slot, Findings* findings) {
-  const int64_t position = slot.fields.firstDataPos;
-  const About about = {.slot = &slot, .offset = slot.position + slot::kFirstDataPos};
-  const std::string where = "The position of the table data, " + std::to_string(position) + ", ";
+  const About about = inSlot(slot, slot::kFirstDataPos);
+  const std::string where = joined("The position of the table data, ", slot.fields.firstDataPos);
   if (table.dataState == DataState::outside) {
-    findings->error("T1", about, where + "is no place where a block can be.");
+    findings->error("T1", about, where, ", is no place where a block can be.");
+  } else if (table.dataState == DataState::otherTable) {
+    findings->error("T2", about, where, ", is that of another table's data.");
   } else {
-    findings->error("T2", about,
-                    where + (table.dataState == DataState::otherTable
-                                 ? "is that of another table's data."
-                                 : "is not that of a block of table data."));
+    findings->error("T2", about, where, ", is not that of a block of table data.");
   }
-  if (const Block* lost = lostData(survey, table)) {
-    findings->error("T3", {.slot = &slot, .offset = lost->position},
-                    "A sound block of " + counted(lost->length, "byte") +
-                        " of this table's data lies at " + std::to_string(lost->position) +
-                        ", and nothing points to it.");
-  }
-}
-
-void checkBlock(const Survey& survey, const Block& block, const Slot& slot, Findings* findings) {
-  const auto report = [&](int64_t offset, std::string text) {
-    findings->error("T4", {.slot = &slot, .offset = offset}, std::move(text));
-  };
-  if (block.flaws & kLengthAboveCapacity) {
-    report(block.position + tabledata::kDataLength,
-           "The table data claims " + counted(block.length, "byte") + " in a capacity of " +
-               std::to_string(block.capacity) + ".");
-  }
-  if (block.flaws & kBeyondEnd) {
-    report(block.position, "The table data would end at " + std::to_string(block.claimedEnd()) +
-                               ", beyond the end of the file at " + std::to_string(survey.size) +
-                               ".");
-  } else if (block.flaws & kNoEndMark) {
-    report(block.claimedEnd() - 1,
-           "The table data has no end mark at " + std::to_string(block.claimedEnd() - 1) + ".");
-  }
+  // A sound block that the slot should point to.
+  const auto lost =
+      std::find_if(survey.blocks.begin(), survey.blocks.end(), [&](const Block& block) {
+        return block.kind == BlockKind::tableData && block.owner == table.owner &&
+               block.label == Label::detached && block.grade == Grade::a;
+      });
+  if (lost == survey.blocks.end()) return;
+  findings->error("T3", inBlock(&slot, *lost), "A sound block of ", counted(lost->length, "byte"),
+                  " of this table's data lies at ", lost->position, ", and nothing points to it.");
 }
 
 // Data that is written over older data has an end mark of its own after it; data that was written
@@ -77,7 +50,7 @@ void checkTableData(const ByteSource& source, const Survey& survey, const Table&
   if (table.dataState == DataState::none) return;
   if (table.dataState != DataState::sound) return checkPointer(survey, table, slot, findings);
   const Block& block = survey.blocks[table.dataBlock];
-  checkBlock(survey, block, slot, findings);
+  checkExtent(survey, &slot, block, findings);
   checkInnerMark(source, block, slot, findings);
 }
 

@@ -27,50 +27,43 @@ void checkMarks(const Survey& survey, const Slot& slot, Findings* findings) {
                         : slot.hasMark()  ? "its end mark is missing"
                                           : "both of its marks are missing";
   const int hidden = survey.header.tableCount - slot.index - 1;
-  std::string text =
-      "Slot " + std::to_string(slot.index) + " should hold a table, but " + missing + ".";
+  std::string text = joined("Slot ", slot.index, " should hold a table, but ", missing, ".");
   if (hidden > 0) {
     text += " It hides the " + counted(static_cast<uint64_t>(hidden), "table") + " after it.";
   }
-  findings->error("D1", {.slot = &slot, .offset = slot.position}, text);
+  findings->error("D1", inSlot(slot), text);
 }
 
 void checkUncounted(const Survey& survey, const Slot& slot, Findings* findings) {
-  const About about = {.slot = &slot, .offset = slot.position};
-  std::string text = "Slot " + std::to_string(slot.index) +
-                     " is beyond the number of tables, but is marked as a table";
+  std::string text =
+      joined("Slot ", slot.index, " is beyond the number of tables, but is marked as a table");
   if (!slot.holdsTable()) text += slot.isTable() ? " in part" : " with one of its marks";
-  if (!format::storedName(slot.fields).empty())
-    text += " named " + shown(format::storedName(slot.fields));
+  const std::string name = storedName(slot.fields);
+  if (!name.empty()) text += " named " + shown(name);
   if (slot.isTable() && hasBlocks(survey, slot)) {
-    return findings->error("D2", about, text + "; there are blocks of it in the file.");
+    return findings->error("D2", inSlot(slot), text, "; there are blocks of it in the file.");
   }
-  findings->warning("D2", about, text + "; there are no blocks of it.");
+  findings->warning("D2", inSlot(slot), text, "; there are no blocks of it.");
 }
 
 void checkFreeSlot(const Slot& slot, Findings* findings) {
-  const tablePart1 empty = {};
   std::array<unsigned char, kSlotImageSize> expected;
-  encodeSlot(empty, expected.data());
+  encodeSlot({}, expected.data());
   if (slot.image == expected) return;
 
   // One of the packs writes the slot as it lies in memory.
-  tablePart1 inMemory;
-  std::memset(&inMemory, 0, sizeof inMemory);
-  inMemory.infoSize = kInfoSize;
-  inMemory.recordsInfoSize = kRecordsInfoSize;
-  inMemory.dataInfoSize = kDataInfoSize;
   std::array<unsigned char, kSlotImageSize> raw = {};
+  tablePart1 inMemory;
+  decodeSlot(raw.data(), &inMemory);
   std::memcpy(raw.data(), &inMemory, sizeof inMemory);
-  findings->information(
-      "D10", {.slot = &slot, .offset = slot.position},
-      "The free slot " + std::to_string(slot.index) +
-          (slot.image == raw ? " is the memory image that the pack with handles writes."
-                             : " holds bytes that a new file does not have there."));
+  const char* const what = slot.image == raw
+                               ? " is the memory image that the pack with handles writes."
+                               : " holds bytes that a new file does not have there.";
+  findings->information("D10", inSlot(slot), "The free slot ", slot.index, what);
 }
 
 void checkIdentifier(const Slot& slot, std::map<uint64_t, int>* seen, Findings* findings) {
-  const About about = {.slot = &slot, .offset = slot.position + slot::kTableID};
+  const About about = inSlot(slot, slot::kTableID);
   const uint64_t number = identifierNumber(slot.fields.tableID);
   if (!identifierSumIsRight(slot.fields.tableID)) {
     findings->error("D3", about, "The sum of the table's identifier is wrong.");
@@ -79,31 +72,30 @@ void checkIdentifier(const Slot& slot, std::map<uint64_t, int>* seen, Findings* 
   }
   const auto [first, isNew] = seen->try_emplace(number, slot.index);
   if (!isNew) {
-    findings->error("D3", about,
-                    "The table's identifier " + shownId(number) + " is that of slot " +
-                        std::to_string(first->second) + " already.");
+    findings->error("D3", about, "The table's identifier ", shownId(number), " is that of slot ",
+                    first->second, " already.");
   }
 }
 
 void checkName(const Slot& slot, std::set<std::string>* seen, Findings* findings) {
-  const About about = {.slot = &slot, .offset = slot.position + slot::kTableName};
-  const std::string name = format::storedName(slot.fields);
+  const About about = inSlot(slot, slot::kTableName);
+  const std::string name = storedName(slot.fields);
   const char* const end = slot.fields.tableName + kTableNameSize;
   if (name.empty()) findings->warning("D4", about, "The table has no name.");
+  const bool isCut = name.size() == static_cast<size_t>(kTableNameSize);
   if (!name.empty() && !seen->insert(name).second) {
-    const bool isCut = name.size() == static_cast<size_t>(kTableNameSize);
     findings->add(isCut ? qvdb::Severity::information : qvdb::Severity::warning, "D4", about,
                   "Another table is named " + shown(name) +
                       (isCut ? " as well: names are cut after 32 bytes." : " as well."));
   }
-  if (name.size() == static_cast<size_t>(kTableNameSize)) {
+  if (isCut) {
     findings->information("D4", about, "The name takes all 32 bytes and has no terminator.");
   } else if (std::any_of(slot.fields.tableName + name.size(), end, [](char c) { return c != 0; })) {
     findings->information("D4", about, "There are bytes after the end of the name.");
   }
   if (std::any_of(name.begin(), name.end(),
                   [](unsigned char c) { return c < 0x20 || c == 0x7F; })) {
-    findings->information("D4", about, "The name " + shown(name) + " holds control characters.");
+    findings->information("D4", about, "The name ", shown(name), " holds control characters.");
   }
 }
 
@@ -127,8 +119,7 @@ void checkConstants(const Slot& slot, Findings* findings) {
   if (slot.fields.tableVersion != kNewTableVersion) note("table version");
   if (slot.fields.tableFlags1 != 0 || slot.fields.tableFlags2 != 0) note("flags");
   if (odd.empty()) return;
-  findings->information("D5", {.slot = &slot, .offset = slot.position},
-                        "The slot is not as the library writes it: " + odd + ".");
+  findings->information("D5", inSlot(slot), "The slot is not as the library writes it: ", odd, ".");
 }
 
 }  // namespace

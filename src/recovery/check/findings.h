@@ -16,6 +16,7 @@
 namespace qvdbase::check {
 
 using survey::counted;
+using survey::joined;
 using survey::shown;
 using survey::shownId;
 
@@ -27,20 +28,32 @@ struct About {
   int64_t offset = -1;
 };
 
+// About a field of a slot, or of one of the blocks of its table.
+inline About inSlot(const survey::Slot& slot, int field = 0) {
+  return {.slot = &slot, .offset = slot.position + field};
+}
+inline About inBlock(const survey::Slot* slot, const survey::Block& block, int64_t field = 0) {
+  return {.slot = slot, .record = block.recordID, .offset = block.position + field};
+}
+
 class Findings {
  public:
   explicit Findings(uint64_t mostAlike) : mostAlike_(mostAlike) {}
 
   void add(qvdb::Severity severity, const char* code, const About& about, std::string message);
 
-  void error(const char* code, const About& about, std::string message) {
-    add(qvdb::Severity::error, code, about, std::move(message));
+  // The same, with a message of several parts, which are texts and numbers.
+  template <typename... Parts>
+  void error(const char* code, const About& about, const Parts&... message) {
+    add(qvdb::Severity::error, code, about, joined(message...));
   }
-  void warning(const char* code, const About& about, std::string message) {
-    add(qvdb::Severity::warning, code, about, std::move(message));
+  template <typename... Parts>
+  void warning(const char* code, const About& about, const Parts&... message) {
+    add(qvdb::Severity::warning, code, about, joined(message...));
   }
-  void information(const char* code, const About& about, std::string message) {
-    add(qvdb::Severity::information, code, about, std::move(message));
+  template <typename... Parts>
+  void information(const char* code, const About& about, const Parts&... message) {
+    add(qvdb::Severity::information, code, about, joined(message...));
   }
 
   uint64_t count(qvdb::Severity severity) const { return counts_[static_cast<size_t>(severity)]; }

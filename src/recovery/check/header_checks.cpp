@@ -1,6 +1,5 @@
 // Size and header: F1, F2, H1 to H6.
 #include <algorithm>
-#include <cctype>
 #include <string>
 
 #include "format/identifiers.h"
@@ -12,34 +11,30 @@ using namespace qvdbase::survey;
 namespace qvdbase::check {
 namespace {
 
-bool hasLetters(const Header& header, int first, int second) {
-  return std::toupper(header.fields.signature[0]) == first &&
-         std::toupper(header.fields.signature[1]) == second;
-}
-
-void checkSignature(const Header& header, Findings* findings) {
-  if (hasLetters(header, 'Q', 'V')) return;
+void checkSignature(const unsigned char* signature, Findings* findings) {
+  if (isSignature(signature)) return;
   const About about = {.offset = 0};
-  if (hasLetters(header, 'V', 'Q')) {
+  const unsigned char swapped[] = {signature[1], signature[0]};
+  if (isSignature(swapped)) {
     return findings->error("H1", about, "The first two letters are 'VQ', in the wrong order.");
   }
-  const std::string letters(reinterpret_cast<const char*>(header.fields.signature), kSignatureSize);
-  findings->error("H1", about, "The file begins with " + shown(letters) + ", not with 'QV'.");
+  const std::string letters(signature, signature + kSignatureSize);
+  findings->error("H1", about, "The file begins with ", shown(letters), ", not with 'QV'.");
 }
 
 void checkVersion(const Survey& survey, Findings* findings) {
   const int version = survey.header.fields.version;
   const About about = {.offset = kVersionPos};
-  if (version < kFirstVersion || version > kLastVersion) {
-    findings->error("H2", about, "The version is " + std::to_string(version) + ", not 100 to 199.");
+  if (!isVersion(version)) {
+    findings->error("H2", about, "The version is ", version, ", not 100 to 199.");
   } else if (version == kUnfinishedPackVersion) {
     const auto records = static_cast<uint64_t>(
         std::count_if(survey.blocks.begin(), survey.blocks.end(), [](const Block& block) {
           return block.kind == BlockKind::record && block.label == Label::live;
         }));
     findings->error("H3", about,
-                    "The version is 101: the file is the unfinished result of a pack. " +
-                        counted(records, "record") + " had arrived in it.");
+                    "The version is 101: the file is the unfinished result of a pack. ",
+                    counted(records, "record"), " had arrived in it.");
   }
 }
 
@@ -52,26 +47,26 @@ void checkDatabaseID(const Header& header, Findings* findings) {
   }
 }
 
-void checkNumbers(const Survey& survey, Findings* findings) {
-  const Header& header = survey.header;
-  const About about = {.offset = kTableCountPos};
-  const std::string count = "The number of tables is " + std::to_string(header.tableCount);
+void checkNumbers(const Header& header, Findings* findings) {
+  const auto report = [&](const char* why, const auto&... more) {
+    findings->error("H5", {.offset = kTableCountPos}, "The number of tables is ", header.tableCount,
+                    why, more...);
+  };
   if (header.tableCount < 0) {
-    findings->error("H5", about, count + ".");
+    report(".");
   } else if (header.tableCount >= kNewSlotCount) {
-    findings->error("H5", about, count + "; a directory holds at most 31.");
+    report("; a directory holds at most 31.");
   } else if (header.tableCount > header.slotCount - 1 && header.slotCount > 0) {
-    findings->error("H5", about,
-                    count + ", more than " + std::to_string(header.slotCount) + " slots hold.");
+    report(", more than ", header.slotCount, " slots hold.");
   }
   if (header.slotCount != kNewSlotCount) {
-    findings->error("H6", {.offset = kSlotCountPos},
-                    "The number of slots is " + std::to_string(header.slotCount) + ", not 32.");
+    findings->error("H6", {.offset = kSlotCountPos}, "The number of slots is ", header.slotCount,
+                    ", not 32.");
   }
   if (header.slotSize != kSlotImageSize) {
-    std::string text = "The size of a slot is " + std::to_string(header.slotSize) + ", not 144";
-    if (header.slotSize < kSlotImageSize) text += ", too short for what it holds";
-    findings->error("H6", {.offset = kSlotSizePos}, text + ".");
+    const bool isTooShort = header.slotSize < kSlotImageSize;
+    findings->error("H6", {.offset = kSlotSizePos}, "The size of a slot is ", header.slotSize,
+                    ", not 144", isTooShort ? ", too short for what it holds." : ".");
   }
 }
 
@@ -83,26 +78,23 @@ bool checkHeader(const Survey& survey, Findings* findings) {
     return false;
   }
   if (!survey.headerThere) {
-    findings->error("F2", {.offset = survey.size},
-                    "The file has only " + counted(static_cast<uint64_t>(survey.size), "byte") +
-                        "; the header alone has 22.");
+    findings->error("F2", {.offset = survey.size}, "The file has only ",
+                    counted(static_cast<uint64_t>(survey.size), "byte"),
+                    "; the header alone has 22.");
     return false;
   }
   if (survey.size < kNewFileSize) {
-    findings->error("F2", {.offset = survey.size},
-                    "The file ends at " + std::to_string(survey.size) +
-                        ", inside its directory, which ends at " + std::to_string(kNewFileSize) +
-                        ".");
+    findings->error("F2", {.offset = survey.size}, "The file ends at ", survey.size,
+                    ", inside its directory, which ends at ", kNewFileSize, ".");
   }
   if (survey.unreadableAt >= 0) {
-    findings->error(
-        "F5", {.offset = survey.unreadableAt},
-        "The system cannot read the file at " + std::to_string(survey.unreadableAt) + ".");
+    findings->error("F5", {.offset = survey.unreadableAt}, "The system cannot read the file at ",
+                    survey.unreadableAt, ".");
   }
-  checkSignature(survey.header, findings);
+  checkSignature(survey.header.fields.signature, findings);
   checkVersion(survey, findings);
   checkDatabaseID(survey.header, findings);
-  checkNumbers(survey, findings);
+  checkNumbers(survey.header, findings);
   return true;
 }
 

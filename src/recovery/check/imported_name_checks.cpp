@@ -117,15 +117,6 @@ class NameList {
   uint64_t together_ = 0;
 };
 
-std::vector<uint64_t> recordsOf(const Survey& survey, const Table& table) {
-  std::vector<uint64_t> records;
-  for (const uint32_t number : table.forward.blocks) {
-    records.push_back(survey.blocks[number].recordID);
-  }
-  std::sort(records.begin(), records.end());
-  return records;
-}
-
 }  // namespace
 
 void checkImportedNames(const ByteSource& source, const Survey& survey, const Table& table,
@@ -135,16 +126,15 @@ void checkImportedNames(const ByteSource& source, const Survey& survey, const Ta
   const Block& block = survey.blocks[table.dataBlock];
   NameList list(source, block);
   if (!list.isOurs()) return;
-  const std::vector<uint64_t> records = recordsOf(survey, table);
+  const std::vector<uint64_t> records = sortedRecords(survey, table.forward.blocks);
   uint64_t entries = 0;
   uint64_t withoutRecord = 0;
   while (!list.isAtEnd()) {
     const int64_t position = list.position();
     if (!list.next()) {
-      findings->warning("I1", {.slot = &slot, .offset = position},
-                        "The list of imported files cannot be read beyond its first " +
-                            counted(entries, "entry", "entries") + ".");
-      return;
+      return findings->warning("I1", {.slot = &slot, .offset = position},
+                               "The list of imported files cannot be read beyond its first ",
+                               counted(entries, "entry", "entries"), ".");
     }
     ++entries;
     if (list.hasWrongTime()) {
@@ -158,8 +148,8 @@ void checkImportedNames(const ByteSource& source, const Survey& survey, const Ta
   if (withoutRecord == 0) return;
   findings->information(
       "I2", {.slot = &slot, .offset = block.dataPos()},
-      counted(withoutRecord, "name of an imported file has", "names of imported files have") +
-          " no record.");
+      counted(withoutRecord, "name of an imported file has", "names of imported files have"),
+      " no record.");
 }
 
 }  // namespace qvdbase::check

@@ -4,7 +4,6 @@
 // other: then nothing counts as usable. They follow the rules of the operations themselves,
 // applied to the walks of the survey, which saw more than the operations ever do.
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <optional>
 
@@ -20,11 +19,22 @@ namespace qvdbase::check {
 namespace {
 
 bool headerIsUsable(const Survey& survey) {
-  const Header& header = survey.header;
-  return survey.headerThere && std::toupper(header.fields.signature[0]) == 'Q' &&
-         std::toupper(header.fields.signature[1]) == 'V' &&
-         header.fields.version >= kFirstVersion && header.fields.version <= kLastVersion &&
-         header.slotSize == survey.slotStride;
+  const internal_Head1& header = survey.header.fields;
+  return survey.headerThere && isSignature(header.signature) && isVersion(header.version) &&
+         survey.header.slotSize == survey.slotStride;
+}
+
+// The blocks that the walk from the front reaches within the slot's count.
+std::span<const uint32_t> countedBlocks(const Survey& survey, const Table& table) {
+  const std::span<const uint32_t> blocks = table.forward.blocks;
+  return blocks.first(std::min<size_t>(blocks.size(), survey.slotOf(table).fields.recordCount));
+}
+
+template <typename Is>
+bool allCounted(const Survey& survey, const Table& table, Is is) {
+  const std::span<const uint32_t> counted = countedBlocks(survey, table);
+  return std::all_of(counted.begin(), counted.end(),
+                     [&](uint32_t number) { return is(survey.blocks[number]); });
 }
 
 // Whether the walk from the front gets through all counted records. One that loops does: it is the
@@ -51,16 +61,19 @@ bool canAppend(const Survey& survey, const Table& table, const tablePart1& slot)
   return survey.blocks[table.backward.blocks.front()].next == 0;
 }
 
+bool hasAllData(const Survey& survey, const Block& block) {
+  return block.dataPos() + int64_t{block.length} <= survey.size;
+}
+
 // The readers of table data compare its owner with the identifier made afresh from the number, and
 // so with the right sum, whatever the sum in the slot is.
 bool canReadData(const Survey& survey, const tablePart1& slot) {
   if (slot.firstDataPos == 0) return true;
-  const uint32_t number = survey.byPosition.find(slot.firstDataPos);
-  if (number == kNoBlock) return false;
-  const Block& block = survey.blocks[number];
-  return block.kind == BlockKind::tableData && !(block.flaws & kWrongTableSum) &&
-         survey.owners[block.owner].number == identifierNumber(slot.tableID) &&
-         block.dataPos() + int64_t{block.length} <= survey.size;
+  const Block* const block = survey.blockAt(slot.firstDataPos);
+  return block != nullptr && block->kind == BlockKind::tableData &&
+         !(block->flaws & kWrongTableSum) &&
+         survey.owners[block->owner].number == identifierNumber(slot.tableID) &&
+         hasAllData(survey, *block);
 }
 
 // The test that pack and link repair make before they touch the records.
@@ -79,13 +92,7 @@ bool canPackRecords(const Survey& survey, const Table& table, const tablePart1& 
   const bool walks =
       walkSucceeds(table, slot.recordCount) || table.forward.end == WalkEnd::complete;
   if (!walks || !canLeaveLastRecord(survey, table, slot.recordCount)) return false;
-  const size_t count = std::min<size_t>(table.forward.blocks.size(), slot.recordCount);
-  return std::all_of(table.forward.blocks.begin(),
-                     table.forward.blocks.begin() + static_cast<std::ptrdiff_t>(count),
-                     [&](uint32_t number) {
-                       const Block& block = survey.blocks[number];
-                       return block.dataPos() + int64_t{block.length} <= survey.size;
-                     });
+  return allCounted(survey, table, [&](const Block& each) { return hasAllData(survey, each); });
 }
 
 // What deletion and relocation ask of the neighbours of every record that the walk from the front
@@ -96,59 +103,51 @@ class NeighbourCheck {
       : source_(source), survey_(survey), table_(table), slot_(survey.slotOf(table).fields) {}
 
   bool canDeleteAll() const {
-    return everyRecord([&](const Block& each) { return canDelete(each); });
+    return walkSucceeds(table_, slot_.recordCount) &&
+           allCounted(survey_, table_, [&](const Block& each) { return canDelete(each); });
   }
   bool canEnlargeAll() const {
-    return everyRecord([&](const Block& each) { return canRelocate(each); });
+    return walkSucceeds(table_, slot_.recordCount) &&
+           allCounted(survey_, table_, [&](const Block& each) { return canRelocate(each); });
   }
 
  private:
-  template <typename Can>
-  bool everyRecord(Can can) const {
-    const auto& walk = table_.forward.blocks;
-    if (!walkSucceeds(table_, slot_.recordCount)) return false;
-    const size_t count = std::min<size_t>(walk.size(), slot_.recordCount);
-    return std::all_of(walk.begin(), walk.begin() + static_cast<std::ptrdiff_t>(count),
-                       [&](uint32_t number) { return can(survey_.blocks[number]); });
-  }
+  struct Links {
+    int64_t prev;
+    int64_t next;
+  };
 
   bool canDelete(const Block& each) const {
     if (each.position == slot_.firstRecordPos) {
       if (each.prev != 0) return false;
-      return each.next == 0 ? slot_.recordCount == 1 : headAt(each.next).has_value();
+      return each.next == 0 ? slot_.recordCount == 1 : linksAt(each.next).has_value();
     }
-    if (each.prev == 0 || !headAt(each.prev)) return false;
+    if (each.prev == 0 || !linksAt(each.prev)) return false;
     if (each.position == slot_.lastRecordPos) return each.next == 0;
-    return each.next != 0 && headAt(each.next);
+    return each.next != 0 && linksAt(each.next);
   }
 
   bool canRelocate(const Block& each) const {
-    const auto leadsHere = [&](int64_t neighbour, int64_t recordPart1::*link) {
+    const auto leadsHere = [&](int64_t neighbour, int64_t Links::*link) {
       if (neighbour == 0) return true;
-      const std::optional<recordPart1> head = headAt(neighbour);
-      return head && (*head).*link == each.position;
+      const std::optional<Links> links = linksAt(neighbour);
+      return links && (*links).*link == each.position;
     };
-    return leadsHere(each.prev, &recordPart1::nextRecordPos) &&
-           leadsHere(each.next, &recordPart1::prevRecordPos);
+    return leadsHere(each.prev, &Links::next) && leadsHere(each.next, &Links::prev);
   }
 
   // The links of the record of this table at `position`, wherever that is.
-  std::optional<recordPart1> headAt(int64_t position) const {
-    const uint32_t number = survey_.byPosition.find(position);
-    if (number != kNoBlock && survey_.blocks[number].isReached()) {
-      const Block& block = survey_.blocks[number];
-      if (block.kind != BlockKind::record || block.owner != table_.owner) return std::nullopt;
-      recordPart1 head = {};
-      head.prevRecordPos = block.prev;
-      head.nextRecordPos = block.next;
-      return head;
+  std::optional<Links> linksAt(int64_t position) const {
+    const Block* const block = survey_.blockAt(position);
+    if (block != nullptr && block->isReached()) {
+      if (block->kind != BlockKind::record || block->owner != table_.owner) return std::nullopt;
+      return Links{block->prev, block->next};
     }
     unsigned char bytes[record::kData];
     if (source_.readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
+    if (!isRecordOf(bytes, slot_.tableID)) return std::nullopt;
     const recordPart1 head = decodeRecordHead(bytes);
-    const bool isOwn = head.blockMark == kRecordMark && head.headerSize == kRecordHeaderSize &&
-                       std::memcmp(head.tableID, slot_.tableID, sizeof head.tableID) == 0;
-    return isOwn ? std::optional(head) : std::nullopt;
+    return Links{head.prevRecordPos, head.nextRecordPos};
   }
 
   const ByteSource& source_;
@@ -157,45 +156,33 @@ class NeighbourCheck {
   const tablePart1& slot_;
 };
 
-uint64_t distinctRecords(const Survey& survey, const Table& table, uint64_t count) {
-  std::vector<uint64_t> records;
-  for (size_t i = 0; i < count; ++i) {
-    records.push_back(survey.blocks[table.forward.blocks[i]].recordID);
-  }
-  std::sort(records.begin(), records.end());
-  return static_cast<uint64_t>(std::unique(records.begin(), records.end()) - records.begin());
-}
-
-// Link repair on one table. False when it fails there.
-bool repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* repaired,
-                 std::string* failure) {
+// Link repair on one table. Why it fails there; empty when it does not.
+std::string repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* repaired) {
   const Slot& slot = survey.slotOf(table);
-  const uint64_t count = slot.fields.recordCount;
+  const uint32_t count = slot.fields.recordCount;
   repaired->slot = slot.index;
-  repaired->name = format::storedName(slot.fields);
+  repaired->name = storedName(slot.fields);
   repaired->id.value = identifierNumber(slot.fields.tableID);
-  repaired->counted = slot.fields.recordCount;
+  repaired->counted = count;
   repaired->reachable = survey.owners[table.owner].records;
   if (!dataIsWhole(survey, table)) {
-    *failure = "the data of table " + shown(repaired->name) + " is not where it should be";
-    return false;
+    return "the data of table " + shown(repaired->name) + " is not where it should be";
   }
-  const auto forward = std::min<uint64_t>(table.forward.blocks.size(), count);
-  const auto backward = std::min<uint64_t>(table.backward.blocks.size(), count);
-  repaired->kept = forward;
-  if (!hasRecords(slot.fields)) {
-    repaired->kept = 0;
-  } else if (forward == 0 && backward == 0) {
-    *failure = "no record of table " + shown(repaired->name) + " can be reached";
-    return false;
-  } else {
+  const std::span<const uint32_t> forward = countedBlocks(survey, table);
+  const std::vector<uint32_t>& backward = table.backward.blocks;
+  if (hasRecords(slot.fields)) {
+    if (forward.empty() && backward.empty()) {
+      return "no record of table " + shown(repaired->name) + " can be reached";
+    }
     // Sound to it is a chain of which both walks reach as many records as are counted.
-    repaired->rewritten = forward > 0 && (forward < count || backward < count);
+    repaired->rewritten = !forward.empty() && (forward.size() < count || backward.size() < count);
+    repaired->kept = forward.size();
   }
-  const uint64_t kept = distinctRecords(survey, table, repaired->kept);
-  const uint64_t others = repaired->reachable - std::min(repaired->reachable, kept);
+  std::vector<uint64_t> kept = sortedRecords(survey, forward.first(repaired->kept));
+  kept.erase(std::unique(kept.begin(), kept.end()), kept.end());
+  const uint64_t others = repaired->reachable - std::min(repaired->reachable, kept.size());
   (repaired->rewritten ? repaired->lost : repaired->missed) = others;
-  return true;
+  return {};
 }
 
 }  // namespace
@@ -216,11 +203,11 @@ qvdb::TableOutlook outlookOf(const ByteSource& source, const Survey& survey, con
   const tablePart1& fields = slot.fields;
   qvdb::TableOutlook outlook;
   outlook.slot = slot.index;
-  outlook.name = format::storedName(fields);
+  outlook.name = storedName(fields);
   outlook.id.value = identifierNumber(fields.tableID);
   outlook.reachable = isReachable(survey, slot);
   outlook.counted = fields.recordCount;
-  outlook.walked = std::min<uint64_t>(table.forward.blocks.size(), fields.recordCount);
+  outlook.walked = countedBlocks(survey, table).size();
   const uint64_t found = survey.owners[table.owner].records;
   outlook.found_elsewhere = found - std::min(found, outlook.walked);
   if (!outlook.reachable) return outlook;
@@ -257,7 +244,8 @@ qvdb::RepairPreview willRepair(const Survey& survey) {
       break;
     }
     qvdb::RepairedTable repaired;
-    if (!repairTable(survey, *survey.tableOfSlot(slot.index), &repaired, &preview.failure)) break;
+    preview.failure = repairTable(survey, *survey.tableOfSlot(slot.index), &repaired);
+    if (!preview.failure.empty()) break;
     if (repaired.rewritten) preview.result = 2;
     preview.lost += repaired.lost;
     preview.missed += repaired.missed;

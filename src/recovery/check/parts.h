@@ -3,6 +3,7 @@
 
 #include <qvdbase/qvdb/check.hpp>
 
+#include <span>
 #include <vector>
 
 #include "recovery/check/findings.h"
@@ -10,7 +11,7 @@
 
 namespace qvdbase::check {
 
-// Size and header. False when nothing follows them that could be looked at.
+// Size and header. False when nothing follows them that could be checked.
 bool checkHeader(const survey::Survey& survey, Findings* findings);
 
 void checkDirectory(const survey::Survey& survey, Findings* findings);
@@ -26,15 +27,22 @@ void checkImportedNames(const survey::ByteSource& source, const survey::Survey& 
 // Identifiers and times of all live records; `now` in seconds since 1970.
 void checkRecords(const survey::Survey& survey, int64_t now, Findings* findings);
 
+// Length, capacity and end of a block in use; the findings are about that slot.
+void checkExtent(const survey::Survey& survey, const survey::Slot* slot, const survey::Block& block,
+                 Findings* findings);
+
 // Payloads in use of which a part was never stored.
 void checkHoles(const survey::ByteSource& source, const survey::Survey& survey, Findings* findings);
 
-// Overlaps, dead blocks, bytes that are none, what follows payloads, and what every byte is.
+// Overlaps, dead blocks, bytes that are no block, bytes after payloads, and what every byte is.
 qvdb::SpaceUse checkSpace(const survey::ByteSource& source, const survey::Survey& survey,
                           Findings* findings);
 
 void checkCategories(const survey::ByteSource& source, const survey::Survey& survey,
                      Findings* findings);
+
+// The identifiers of the records in these blocks.
+std::vector<uint64_t> sortedRecords(const survey::Survey& survey, std::span<const uint32_t> blocks);
 
 // ---- What the library's calls will do
 

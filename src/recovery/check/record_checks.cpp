@@ -1,5 +1,6 @@
-// Live records, one by one: R4, R11 to R15.
+// Live records, one by one: R4, R11 to R15. T4, the same of a block of table data.
 #include <algorithm>
+#include <tuple>
 
 #include "recovery/check/parts.h"
 
@@ -18,53 +19,36 @@ class RecordChecks {
       : survey_(survey), latest_(now + kDay), findings_(*findings) {}
 
   void run() {
+    std::vector<const Block*> live;
     for (const Block& block : survey_.blocks) {
       if (block.kind != BlockKind::record || !block.isReached()) continue;
-      checkFlaws(block);
-      if (block.label == Label::live) checkTimes(block);
+      checkIdentifier(block);
+      checkExtent(survey_, survey_.slotAt(block.slot), block, &findings_);
+      if (block.label != Label::live) continue;
+      checkTimes(block);
+      live.push_back(&block);
     }
-    checkDuplicates();
+    checkDuplicates(std::move(live));
   }
 
  private:
   About about(const Block& block, int64_t field) const {
-    return {.slot = survey_.slotAt(block.slot),
-            .record = block.recordID,
-            .offset = block.position + field};
+    return inBlock(survey_.slotAt(block.slot), block, field);
   }
 
-  static std::string theRecord(const Block& block) {
-    return "The record at " + std::to_string(block.position);
-  }
-
-  void checkFlaws(const Block& block) {
-    if (block.flaws & kWrongIdSum) {
-      findings_.error("R4", about(block, record::kRecordID),
-                      theRecord(block) + " has an identifier with a wrong sum.");
-    }
-    if (block.flaws & kZeroId) {
-      findings_.error("R4", about(block, record::kRecordID),
-                      theRecord(block) + " has the identifier zero.");
-    }
-    if (block.flaws & kLengthAboveCapacity) {
-      findings_.error("R11", about(block, record::kDataLength),
-                      theRecord(block) + " claims " + counted(block.length, "byte") +
-                          " of data in a capacity of " + std::to_string(block.capacity) + ".");
-    }
-    if (block.flaws & kBeyondEnd) {
-      findings_.error("R12", about(block, 0),
-                      theRecord(block) + " would end at " + std::to_string(block.claimedEnd()) +
-                          ", beyond the end of the file at " + std::to_string(survey_.size) + ".");
-    } else if (block.flaws & kNoEndMark) {
-      findings_.error(
-          "R13", about(block, block.claimedEnd() - 1 - block.position),
-          theRecord(block) + " has no end mark at " + std::to_string(block.claimedEnd() - 1) + ".");
-    }
+  void checkIdentifier(const Block& block) {
+    const auto report = [&](const char* what) {
+      findings_.error("R4", about(block, record::kRecordID), "The record at ", block.position,
+                      what);
+    };
+    if (block.flaws & kWrongIdSum) report(" has an identifier with a wrong sum.");
+    if (block.flaws & kZeroId) report(" has the identifier zero.");
   }
 
   void checkTimes(const Block& block) {
     const auto report = [&](const char* what) {
-      findings_.warning("R14", about(block, record::kCreateTime), theRecord(block) + what);
+      findings_.warning("R14", about(block, record::kCreateTime), "The record at ", block.position,
+                        what);
     };
     if (block.createTime == 0 || block.modifyTime == 0) {
       report(" has a time of zero.");
@@ -77,15 +61,10 @@ class RecordChecks {
     }
   }
 
-  void checkDuplicates() {
-    std::vector<const Block*> live;
-    for (const Block& block : survey_.blocks) {
-      if (block.kind == BlockKind::record && block.label == Label::live) live.push_back(&block);
-    }
+  void checkDuplicates(std::vector<const Block*> live) {
     std::sort(live.begin(), live.end(), [](const Block* a, const Block* b) {
-      if (a->recordID != b->recordID) return a->recordID < b->recordID;
-      if (a->owner != b->owner) return a->owner < b->owner;
-      return a->position < b->position;
+      return std::tie(a->recordID, a->owner, a->position) <
+             std::tie(b->recordID, b->owner, b->position);
     });
     uint64_t inTwoTables = 0;
     const Block* example = nullptr;
@@ -94,20 +73,18 @@ class RecordChecks {
       const Block& here = *live[i];
       if (before.recordID != here.recordID) continue;
       if (before.owner == here.owner) {
-        findings_.warning("R15", about(here, record::kRecordID),
-                          "The records at " + std::to_string(before.position) + " and " +
-                              std::to_string(here.position) + " have the same identifier " +
-                              shownId(here.recordID) + ".");
+        findings_.warning("R15", about(here, record::kRecordID), "The records at ", before.position,
+                          " and ", here.position, " have the same identifier ",
+                          shownId(here.recordID), ".");
       } else {
         ++inTwoTables;
         if (example == nullptr) example = &here;
       }
     }
     if (example == nullptr) return;
-    findings_.information("R15", about(*example, record::kRecordID),
-                          counted(inTwoTables, "record identifier") +
-                              " occurs in more than one table, " + shownId(example->recordID) +
-                              " for one.");
+    findings_.information(
+        "R15", about(*example, record::kRecordID), counted(inTwoTables, "record identifier"),
+        " occurs in more than one table, ", shownId(example->recordID), " for one.");
   }
 
   const Survey& survey_;
@@ -119,6 +96,34 @@ class RecordChecks {
 
 void checkRecords(const Survey& survey, int64_t now, Findings* findings) {
   RecordChecks(survey, now, findings).run();
+}
+
+std::vector<uint64_t> sortedRecords(const Survey& survey, std::span<const uint32_t> blocks) {
+  std::vector<uint64_t> records;
+  for (const uint32_t number : blocks) records.push_back(survey.blocks[number].recordID);
+  std::sort(records.begin(), records.end());
+  return records;
+}
+
+void checkExtent(const Survey& survey, const Slot* slot, const Block& block, Findings* findings) {
+  if ((block.flaws & (kLengthAboveCapacity | kBeyondEnd | kNoEndMark)) == 0) return;
+  const bool isRecord = block.kind == BlockKind::record;
+  const std::string subject =
+      isRecord ? joined("The record at ", block.position) : "The table data";
+  if (block.flaws & kLengthAboveCapacity) {
+    const int field = isRecord ? record::kDataLength : tabledata::kDataLength;
+    findings->error(isRecord ? "R11" : "T4", inBlock(slot, block, field), subject, " claims ",
+                    counted(block.length, "byte"), isRecord ? " of data" : "", " in a capacity of ",
+                    block.capacity, ".");
+  }
+  const int64_t end = block.claimedEnd();
+  if (block.flaws & kBeyondEnd) {
+    findings->error(isRecord ? "R12" : "T4", inBlock(slot, block), subject, " would end at ", end,
+                    ", beyond the end of the file at ", survey.size, ".");
+  } else if (block.flaws & kNoEndMark) {
+    findings->error(isRecord ? "R13" : "T4", inBlock(slot, block, end - 1 - block.position),
+                    subject, " has no end mark at ", end - 1, ".");
+  }
 }
 
 }  // namespace qvdbase::check

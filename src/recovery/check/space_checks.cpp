@@ -13,37 +13,32 @@ namespace {
 using qvdb::SpaceUse;
 
 About aboutOwner(const Survey& survey, const Block& block) {
-  return {.slot = survey.slotAt(survey.owners[block.owner].slot),
-          .record = block.recordID,
-          .offset = block.position};
+  return inBlock(survey.slotAt(survey.owners[block.owner].slot), block);
 }
 
 void reportOverlaps(const Survey& survey, Findings* findings) {
   for (const Overlap& overlap : survey.overlaps) {
     const Block& first = survey.blocks[overlap.first];
-    const Block& second = survey.blocks[overlap.second];
-    findings->error("S1", aboutOwner(survey, first),
-                    "The block at " + std::to_string(first.position) + " would end at " +
-                        std::to_string(first.claimedEnd()) +
-                        ", after the start of the next one in use at " +
-                        std::to_string(second.position) + ".");
+    findings->error("S1", aboutOwner(survey, first), "The block at ", first.position,
+                    " would end at ", first.claimedEnd(),
+                    ", after the start of the next one in use at ",
+                    survey.blocks[overlap.second].position, ".");
   }
 }
 
 void reportTorn(const Survey& survey, const Block& block, Findings* findings) {
-  const bool isRecord = block.kind == BlockKind::record;
-  std::string text = std::string(isRecord ? "The record block at " : "The table data at ") +
-                     std::to_string(block.position) + " is not whole: ";
+  std::string why = "its identifiers or lengths are damaged";
   if (block.flaws & kBeyondEnd) {
-    text += "it would reach beyond the end of the file";
+    why = "it would reach beyond the end of the file";
   } else if (block.flaws & kCutShort) {
-    text += "another block begins at " + std::to_string(block.end) + ", inside of it";
+    why = joined("another block begins at ", block.end, ", inside of it");
   } else if (block.flaws & kNoEndMark) {
-    text += "its end mark is missing";
-  } else {
-    text += "its identifiers or lengths are damaged";
+    why = "its end mark is missing";
   }
-  findings->warning("S4", aboutOwner(survey, block), text + ". Nothing points to it.");
+  const bool isRecord = block.kind == BlockKind::record;
+  findings->warning("S4", aboutOwner(survey, block),
+                    isRecord ? "The record block at " : "The table data at ", block.position,
+                    " is not whole: ", why, ". Nothing points to it.");
 }
 
 // What became of blocks that no chain holds, in the order in which they are reported.
@@ -113,9 +108,8 @@ class BlockSpace {
     for (const auto& [owner, heap] : orphans_) {
       const uint64_t table = survey_.owners[owner].number;
       findings->error("S8", {.tableID = table, .offset = heap.first},
-                      counted(heap.blocks, "whole block") + ", " + counted(heap.bytes, "byte") +
-                          ", of the table " + shownId(table) +
-                          ", which the directory does not have.");
+                      counted(heap.blocks, "whole block"), ", ", counted(heap.bytes, "byte"),
+                      ", of the table ", shownId(table), ", which the directory does not have.");
     }
   }
 
@@ -157,16 +151,16 @@ void reportLeftovers(const Survey& survey, SpaceUse* space, Findings* findings) 
   for (const auto& [range, kind] : survey.leftovers) {
     space->unknown += static_cast<uint64_t>(range.size());
     const bool isAtEnd = range.end == survey.size;
-    const std::string bytes =
-        counted(static_cast<uint64_t>(range.size()), "byte") + " at " + std::to_string(range.begin);
+    const auto report = [&, begin = range.begin, size = range.size()](const char* code,
+                                                                      const auto&... what) {
+      findings->warning(code, {.offset = begin}, counted(static_cast<uint64_t>(size), "byte"),
+                        " at ", begin, what...);
+    };
     if (kind == Leftover::torn) {
-      findings->warning("S4", {.offset = range.begin},
-                        bytes + " are the beginning of a block that was never finished" +
-                            (isAtEnd ? ", at the end of the file." : "."));
+      report("S4", " are the beginning of a block that was never finished",
+             isAtEnd ? ", at the end of the file." : ".");
     } else {
-      findings->warning(
-          "S5", {.offset = range.begin},
-          bytes + (isAtEnd ? ", after the last block," : ", between blocks,") + " are no block.");
+      report("S5", isAtEnd ? ", after the last block," : ", between blocks,", " are no block.");
     }
   }
 }
@@ -175,14 +169,13 @@ void reportNested(const Survey& survey, Findings* findings) {
   const std::vector<int64_t>& blocks = survey.nestedBlocks;
   const std::vector<int64_t>& databases = survey.nestedDatabases;
   if (blocks.empty() && databases.empty()) return;
-  std::string detail = blocks.empty() ? counted(databases.size(), "header") + " without a block"
-                                      : counted(blocks.size(), "block");
-  detail += " inside the payloads of others: a database is stored there";
-  if (!databases.empty()) {
-    detail += ", the first one from offset " + std::to_string(databases.front());
-  }
   const int64_t first = blocks.empty() ? databases.front() : blocks.front();
-  findings->information("S6", {.offset = first}, detail + ".");
+  const std::string what = blocks.empty() ? counted(databases.size(), "header") + " without a block"
+                                          : counted(blocks.size(), "block");
+  std::string where;
+  if (!databases.empty()) where = joined(", the first one from offset ", databases.front());
+  findings->information("S6", {.offset = first}, what,
+                        " inside the payloads of others: a database is stored there", where, ".");
 }
 
 // The bytes between payloads and the ends of their blocks.
@@ -207,14 +200,13 @@ class SpareBytes {
 
   void report(Findings* findings) const {
     if (space_.reserve > space_.stale) {
-      findings->information("S7", {},
-                            counted(space_.reserve - space_.stale, "byte") +
-                                " of spare capacity in blocks were never used.");
+      findings->information("S7", {}, counted(space_.reserve - space_.stale, "byte"),
+                            " of spare capacity in blocks were never used.");
     }
     if (space_.stale > 0) {
-      findings->information("S7", {.offset = firstStale_},
-                            counted(space_.stale, "byte") + " of older data can still be read " +
-                                "after the payloads of " + counted(staleBlocks_, "block") + ".");
+      findings->information("S7", {.offset = firstStale_}, counted(space_.stale, "byte"),
+                            " of older data can still be read after the payloads of ",
+                            counted(staleBlocks_, "block"), ".");
     }
   }
 
@@ -248,11 +240,10 @@ void reportDead(const Survey& survey, const SpaceUse& space, Findings* findings)
   const uint64_t lost = space.unlinked + space.lost + space.orphans;
   const uint64_t dead = space.superseded + space.deleted + space.unknown + lost;
   if (dead == 0) return;
-  const std::string warning =
-      "; " + std::to_string(lost) + " of them hold what was lost, not deleted";
-  findings->information("S7", {},
-                        counted(dead, "byte") + " of " + std::to_string(survey.size) +
-                            " would come back by packing" + (lost > 0 ? warning : "") + ".");
+  std::string warning;
+  if (lost > 0) warning = joined("; ", lost, " of them hold what was lost, not deleted");
+  findings->information("S7", {}, counted(dead, "byte"), " of ", survey.size,
+                        " would come back by packing", warning, ".");
 }
 
 }  // namespace

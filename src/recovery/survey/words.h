@@ -1,10 +1,27 @@
 // Numbers, names and identifiers in sentences.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace qvdbase::survey {
+
+inline void addTo(std::string* text, std::string_view part) {
+  *text += part;
+}
+inline void addTo(std::string* text, std::integral auto number) {
+  *text += std::to_string(number);
+}
+
+// One text of all parts, which are texts and numbers.
+template <typename... Parts>
+std::string joined(const Parts&... parts) {
+  std::string text;
+  (addTo(&text, parts), ...);
+  return text;
+}
 
 // "1 record", "2 records"; the second one for plurals that take more than an "s".
 std::string counted(uint64_t count, const char* thing);
