@@ -52,17 +52,51 @@ std::string complaintOf(const CLI::ParseError& error, const CLI::App& app) {
   return "there are too many arguments";
 }
 
-// A command line that cannot be understood; `named` is its first word.
-Failure misuse(const CLI::ParseError& error, const CLI::App& app, const std::string& named) {
-  const auto chosen = app.get_subcommands();
-  const std::string help =
-      chosen.empty() ? "qvdb --help" : "qvdb " + chosen[0]->get_name() + " --help";
-  if (chosen.empty() && !named.empty() && named[0] != '-') {
-    const std::string suggestion = suggestionFor(named);
-    return wrongUsage("there is no command '" + named + "'; " +
-                      (suggestion.empty() ? "" : suggestion + " ") + "see '" + help + "'");
+// A list takes its words as they are: bound to a vector, the library would take "[a,b]" for two of
+// them, and "{}" for none.
+CLI::Option* addList(CLI::App* app, const char* names, std::vector<std::string>* values) {
+  const auto take = [values](const CLI::results_t& words) {
+    *values = words;
+    return true;
+  };
+  return app->add_option(names, take)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+using Words = std::vector<std::string>;
+
+// False when help or the version was asked for and has been printed.
+bool parse(CLI::App& app, Words words, const std::string& help) {
+  try {
+    std::reverse(words.begin(), words.end());
+    app.parse(words);
+    return true;
+  } catch (const CLI::CallForHelp&) {
+    print(app.help());
+    return false;
+  } catch (const CLI::CallForVersion& version) {
+    printLine(version.what());
+    return false;
+  } catch (const CLI::ParseError& error) {
+    throw wrongUsage(complaintOf(error, app) + "; see '" + help + "'");
   }
-  return wrongUsage(complaintOf(error, app) + "; see '" + help + "'");
+}
+
+// A command line that names no command can only ask for help or the version.
+void parseWithoutCommand(const Words& words) {
+  CLI::App app("", "qvdb");
+  app.set_version_flag("--version", "qvdb " QVDB_VERSION);
+  app.formatter_fn([](const CLI::App*, std::string, CLI::AppFormatMode) { return overview(); });
+  if (!parse(app, words, "qvdb --help")) return;
+  throw wrongUsage("no command was given; see 'qvdb --help'");
+}
+
+const Command& commandOf(const std::string& name) {
+  for (const Command* command : allCommands()) {
+    if (command->name == name) return *command;
+  }
+  const std::string suggestion = suggestionFor(name);
+  throw wrongUsage("there is no command '" + name + "'; " +
+                   (suggestion.empty() ? "" : suggestion + " ") + "see 'qvdb --help'");
 }
 
 }  // namespace
@@ -81,8 +115,9 @@ void Arguments::optionalArgument(const char* name, std::optional<std::string>& v
 
 void Arguments::arguments(const char* name, std::vector<std::string>& values, int atLeast,
                           const char* help) {
-  auto* option = parser_.app()->add_option(name, values);
-  if (atLeast > 0) option->required()->expected(atLeast, 1 << 28);
+  // As many as there are: the library takes more than it expects only where it splits words.
+  CLI::Option* option = addList(parser_.app(), name, &values)->expected(1 << 28);
+  if (atLeast > 0) option->required();
   const std::string usage = std::string(name) + "...";
   parser_.help.addArgument(atLeast > 0 ? usage : "[" + usage + "]", name, help);
 }
@@ -105,7 +140,7 @@ void Arguments::option(const char* names, const char* valueName, std::optional<u
 
 void Arguments::option(const char* names, const char* valueName, std::vector<std::string>& values,
                        const char* help) {
-  parser_.app()->add_option(names, values)->allow_extra_args(false);
+  addList(parser_.app(), names, &values);
   parser_.help.addOption(names, valueName, help);
 }
 
@@ -131,49 +166,30 @@ void Arguments::noSync(bool& value) {
        "Do not wait until the device has everything. Faster, but a power failure can undo it.");
 }
 
+// Each command is an application of its own to the library. As a subcommand it would end at a word
+// "++", and at a "--" once all required arguments are there.
 std::optional<Action> readCommandLine(int argc, const char* const* argv) {
-  std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+  Words words(argv + std::min(argc, 1), argv + argc);
   if (words.size() == 1 && words[0] == "help") words[0] = "--help";
   if (words.size() == 2 && words[0] == "help") words = {words[1], "--help"};
-
-  CLI::App app("", "qvdb");
-  app.set_version_flag("--version", "qvdb " QVDB_VERSION);
-  app.formatter_fn([](const CLI::App*, std::string, CLI::AppFormatMode) { return overview(); });
-  app.require_subcommand(0, 1);
-
-  std::vector<std::unique_ptr<Arguments::Parser>> parsers;
-  std::vector<Action> actions;
-  for (const Command* command : allCommands()) {
-    CLI::App* sub = app.add_subcommand(command->name, command->summary);
-    auto parser = std::make_unique<Arguments::Parser>(sub, *command);
-    Arguments arguments(*parser);
-    actions.push_back(command->define(arguments));
-    arguments.option("--wait", "SECONDS", waitSeconds,
-                     "How long to wait for a database that another process has open for writing. "
-                     "Default: not at all.");
-    sub->formatter_fn([p = parser.get()](const CLI::App*, std::string, CLI::AppFormatMode) {
-      return p->help.text();
-    });
-    parsers.push_back(std::move(parser));
-  }
-
-  const std::string named = words.empty() ? "" : words[0];
-  try {
-    std::reverse(words.begin(), words.end());
-    app.parse(words);
-  } catch (const CLI::CallForHelp&) {
-    print(app.help());
+  if (words.empty() || words[0].starts_with('-')) {
+    parseWithoutCommand(words);
     return std::nullopt;
-  } catch (const CLI::CallForVersion& version) {
-    printLine(version.what());
-    return std::nullopt;
-  } catch (const CLI::ParseError& error) {
-    throw misuse(error, app, named);
   }
-  for (size_t i = 0; i < actions.size(); ++i) {
-    if (parsers[i]->app()->parsed()) return actions[i];
-  }
-  throw wrongUsage("no command was given; see 'qvdb --help'");
+
+  const Command& command = commandOf(words[0]);
+  CLI::App app(command.summary, command.name);
+  Arguments::Parser parser(&app, command);
+  Arguments arguments(parser);
+  Action action = command.define(arguments);
+  arguments.option("--wait", "SECONDS", waitSeconds,
+                   "How long to wait for a database that another process has open for writing. "
+                   "Default: not at all.");
+  app.formatter_fn(
+      [&parser](const CLI::App*, std::string, CLI::AppFormatMode) { return parser.help.text(); });
+  words.erase(words.begin());
+  if (!parse(app, words, std::string("qvdb ") + command.name + " --help")) return std::nullopt;
+  return action;
 }
 
 }  // namespace qvdb::tool
