@@ -27,7 +27,7 @@ bool isSafe(const Directory& directory, uid_t owner) {
   return isTrusted && isKept;
 }
 
-// The same for every directory on the way to the last component of the path.
+// The same for every directory before the last component of the path.
 bool isWaySafe(const std::string& path, uid_t owner) {
   Directory directory;
   if (!directory.enterRoot() || !isSafe(directory, owner)) return false;

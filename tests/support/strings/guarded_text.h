@@ -1,5 +1,5 @@
 // A buffer of 16-bit characters of exactly the size that a function may use, between guards that
-// tell when it wrote outside.
+// show when it wrote outside.
 #ifndef QVDBASE_TESTS_STRINGS_GUARDED_TEXT_H
 #define QVDBASE_TESTS_STRINGS_GUARDED_TEXT_H
 
