@@ -67,61 +67,24 @@ void ImportedFiles::decode(std::vector<std::byte> data) {
   bytes_ = std::move(data);
 }
 
-void ImportedFiles::index() const {
-  if (areIndexed_) return;
-  areIndexed_ = true;
-  byRecord_.reserve(list_.size());
-  for (size_t i = 0; i < list_.size(); ++i) {
-    if (list_[i].kind == FileKind::removed) {
-      // Folders and links have no record.
-      if (list_[i].record.value == 0) continue;
-      removedByName_.insert_or_assign(list_[i].name, i);
-      removedByRecord_.insert_or_assign(list_[i].record, i);
-      continue;
-    }
-    const auto [there, isNew] = byName_.emplace(list_[i].name, i);
-    // A link that is being replaced: see addNames of the import.
-    if (!isNew && list_[i].kind == FileKind::link && list_[there->second].kind == FileKind::link) {
-      there->second = i;
-    }
-    if (list_[i].kind == FileKind::file) byRecord_.emplace(list_[i].record, i);
-  }
-}
-
-void ImportedFiles::forgetIndex() {
-  areIndexed_ = false;
-  byName_.clear();
-  byRecord_.clear();
-  removedByName_.clear();
-  removedByRecord_.clear();
-}
-
 std::optional<size_t> ImportedFiles::findRemoved(std::string_view name) const {
-  index();
-  const auto found = removedByName_.find(name);
-  return found == removedByName_.end() ? std::nullopt : std::optional(found->second);
+  return index_.of(list_).findRemoved(name);
 }
 
 std::optional<size_t> ImportedFiles::findRemoved(Id record) const {
-  index();
-  const auto found = removedByRecord_.find(record);
-  return found == removedByRecord_.end() ? std::nullopt : std::optional(found->second);
+  return index_.of(list_).findRemoved(record);
 }
 
 std::optional<size_t> ImportedFiles::find(std::string_view name) const {
-  index();
-  const auto found = byName_.find(name);
-  return found == byName_.end() ? std::nullopt : std::optional(found->second);
+  return index_.of(list_).find(name);
 }
 
 std::optional<size_t> ImportedFiles::find(Id record) const {
-  index();
-  const auto found = byRecord_.find(record);
-  return found == byRecord_.end() ? std::nullopt : std::optional(found->second);
+  return index_.of(list_).find(record);
 }
 
 void ImportedFiles::add(ImportedFile file) {
-  forgetIndex();
+  index_.forget();
   bytes_.resize(end_);
   isWhole_ = true;
   starts_.push_back(end_);
@@ -131,20 +94,20 @@ void ImportedFiles::add(ImportedFile file) {
 }
 
 void ImportedFiles::remove(size_t index) {
-  forgetIndex();
+  index_.forget();
   list_[index].kind = FileKind::removed;
   rewrite(index);
 }
 
 void ImportedFiles::restore(size_t index) {
-  forgetIndex();
+  index_.forget();
   list_[index].kind = FileKind::file;
   rewrite(index);
 }
 
 void ImportedFiles::update(size_t index, const ImportedFile& as) {
   ImportedFile& file = list_[index];
-  if (file.record != as.record) forgetIndex();
+  if (file.record != as.record) index_.forget();
   file.mode = as.mode;
   file.seconds = as.seconds;
   file.nanoseconds = as.nanoseconds;
@@ -154,7 +117,7 @@ void ImportedFiles::update(size_t index, const ImportedFile& as) {
 
 void ImportedFiles::cut(size_t index) {
   if (index >= list_.size()) return;
-  forgetIndex();
+  index_.forget();
   end_ = starts_[index];
   bytes_.resize(end_);
   isWhole_ = true;

@@ -12,14 +12,13 @@
 #include <qvdbase/qvdb.hpp>
 
 #include <cstddef>
-#include <map>
 #include <optional>
 #include <span>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "imported_entry.h"
+#include "name_index.h"
 
 namespace qvdb::tool {
 
@@ -67,21 +66,13 @@ class ImportedFiles {
   void decode(std::vector<std::byte> data);
   void rewrite(size_t index);
   std::string_view nameBefore() const;  // of the last entry
-  void index() const;
-  void forgetIndex();
 
   std::vector<ImportedFile> list_;
   std::vector<size_t> starts_;  // of each entry in bytes_
   std::vector<std::byte> bytes_;
   size_t end_ = 0;  // of the last entry in bytes_: what follows cannot be read
   bool isWhole_ = true;
-  // Made when they are first asked for. Those by name are sorted: hashed, names could be chosen so
-  // that all fall into one bucket.
-  mutable std::map<std::string_view, size_t> byName_;
-  mutable std::unordered_map<Id, size_t> byRecord_;
-  mutable std::map<std::string_view, size_t> removedByName_;
-  mutable std::unordered_map<Id, size_t> removedByRecord_;
-  mutable bool areIndexed_ = false;
+  mutable NameIndex index_;
 };
 
 }  // namespace qvdb::tool
