@@ -9,6 +9,7 @@
 #include "format/block_heads.h"
 #include "recovery/check/check_source.h"
 #include "recovery/mend/chain_completion.h"
+#include "recovery/mend/left_over.h"
 #include "recovery/salvage/plan.h"
 #include "recovery/survey/packed_data.h"
 #include "support/seeded_hash.h"
@@ -24,40 +25,6 @@ using qvdb::CutOffWrites;
 
 // Records by table and record identifier.
 using Records = std::set<std::pair<uint64_t, uint64_t>>;
-
-// A record that a write was about to bring into its table, as far as it is in the file whole.
-bool isLeftOver(const Block& block) {
-  const bool isCutOff =
-      block.label == Label::unlinked || block.label == Label::unfinishedRelocation;
-  return isCutOff && block.kind == BlockKind::record && !block.isReached() &&
-         block.grade == Grade::a;
-}
-
-// The records that belong after the last one of a chain which is whole without them: the first of
-// them names it, and they name each other. They are a batch that was never linked, or what a link
-// repair has cut off; the slot's counts cannot always tell, and in their table they are right
-// either way. None where there are others besides, or where their order is not that of writing.
-std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
-  const tablePart1& slot = survey.slotOf(table).fields;
-  const bool isWhole = table.forward.end == WalkEnd::complete &&
-                       table.backward.end == WalkEnd::complete &&
-                       table.forward.blocks.size() == slot.recordCount &&
-                       table.backward.blocks.size() == slot.recordCount;
-  if (!isWhole) return {};
-  std::vector<uint32_t> tail;
-  int64_t previous = slot.lastRecordPos;
-  for (const uint32_t number : blocksInFileOrder(survey)) {
-    const Block& each = survey.blocks[number];
-    const bool isApart = each.owner == table.owner && each.kind == BlockKind::record &&
-                         each.label == Label::detached && !each.isReached();
-    if (!isApart) continue;
-    const bool isNamed = tail.empty() || survey.blocks[tail.back()].next == each.position;
-    if (each.grade != Grade::a || each.prev != previous || !isNamed) return {};
-    tail.push_back(number);
-    previous = each.position;
-  }
-  return tail;
-}
 
 // What a salvage would bring back.
 Records salvageable(const Survey& survey) {

@@ -18,6 +18,7 @@
 #include <span>
 #include <tuple>
 
+#include "recovery/survey/data_labels.h"
 #include "recovery/survey/survey.h"
 
 using namespace qvdbase::format;
@@ -27,9 +28,63 @@ namespace {
 
 enum class Evidence { none, agree, disagree };
 
+// Whether the block in a chain, which has no identifier, may be the moved record of the other: a
+// record keeps the time of its creation, as far as that reached the device.
+bool mayHaveReplaced(const Block* nameless, const Block& older) {
+  if (nameless == nullptr || nameless->recordID != 0 || older.recordID == 0) return false;
+  return nameless->isReached() && nameless->position > older.position &&
+         (nameless->createTime == 0 || nameless->createTime == older.createTime);
+}
+
+// What the neighbours that a block names say of it.
+class Neighbours {
+ public:
+  explicit Neighbours(const Survey& survey) : survey_(survey) {}
+
+  Evidence ask(const Block& asked) const {
+    bool isTakenOut = false;
+    bool isCutOff = false;
+    bool isNamed = false;
+    // `link` of the neighbour at `position` should lead here; `beyond` is the other neighbour.
+    const auto askOne = [&](int64_t position, int64_t Block::*link, int64_t beyond) {
+      const Block* const neighbour = recordAt(position, asked.owner);
+      if (neighbour == nullptr) return;
+      const int64_t named = neighbour->*link;
+      const Block* const other = recordAt(named, asked.owner);
+      // A neighbour that names a block which is not there proves nothing: a move may have been
+      // lost. Unless it names what lies beyond: then the block was taken out in between.
+      if (named == asked.position || mayHaveReplaced(other, asked)) {
+        isNamed = true;
+      } else if (named == 0) {
+        isCutOff = true;
+      } else if (named == beyond || other != nullptr) {
+        isTakenOut = true;
+      }
+    };
+    askOne(asked.prev, &Block::next, asked.next);
+    askOne(asked.next, &Block::prev, asked.prev);
+    if (isTakenOut) return Evidence::disagree;
+    // Where one side still names the block and the other ends before it, the chain was cut, as link
+    // repair does it: a deletion relinks both sides.
+    if (isNamed) return Evidence::agree;
+    return isCutOff ? Evidence::disagree : Evidence::none;
+  }
+
+ private:
+  // The owner's record that begins at `position`; null if there is none.
+  const Block* recordAt(int64_t position, uint32_t owner) const {
+    const Block* const found = survey_.blockAt(position);
+    const bool isOwn =
+        found != nullptr && found->kind == BlockKind::record && found->owner == owner;
+    return isOwn ? found : nullptr;
+  }
+
+  const Survey& survey_;
+};
+
 class Labeller {
  public:
-  explicit Labeller(Survey* survey) : survey_(*survey) {}
+  explicit Labeller(Survey* survey) : survey_(*survey), neighbours_(*survey) {}
 
   void run() {
     std::vector<Block*> records;
@@ -45,7 +100,7 @@ class Labeller {
       Remains& remains = remains_[each->owner];
       if (each->recordID == 0) {
         if (each->isReached()) remains.nameless = each;
-      } else if (each->isReached() || askNeighbours(*each) == Evidence::agree) {
+      } else if (each->isReached() || neighbours_.ask(*each) == Evidence::agree) {
         remains.hasChain = true;
       }
     }
@@ -57,7 +112,6 @@ class Labeller {
     }
     for (uint32_t owner = 0; owner < remains_.size(); ++owner) decide(owner);
     countRecords(records);
-    labelTableData();
   }
 
  private:
@@ -161,7 +215,7 @@ class Labeller {
   void labelLastVersion(Block* version) {
     Block& last = *version;
     Remains& remains = remains_[last.owner];
-    Evidence evidence = askNeighbours(last);
+    Evidence evidence = neighbours_.ask(last);
     // A block without neighbours is its table's only record or none at all.
     const bool standsAlone = last.prev == 0 && last.next == 0;
     if (standsAlone && remains.hasChain) {
@@ -182,51 +236,6 @@ class Labeller {
       // Whatever has had a successor was counted once.
       if (last.next == 0) remains.undecided.push_back(&last);
     }
-  }
-
-  // The owner's record that begins at `position`; null if there is none.
-  const Block* recordAt(int64_t position, uint32_t owner) const {
-    const Block* const found = survey_.blockAt(position);
-    const bool isOwn =
-        found != nullptr && found->kind == BlockKind::record && found->owner == owner;
-    return isOwn ? found : nullptr;
-  }
-
-  // Whether the block in a chain, which has no identifier, may be the moved record of the other: a
-  // record keeps the time of its creation, as far as that reached the device.
-  static bool mayHaveReplaced(const Block* nameless, const Block& older) {
-    if (nameless == nullptr || nameless->recordID != 0 || older.recordID == 0) return false;
-    return nameless->isReached() && nameless->position > older.position &&
-           (nameless->createTime == 0 || nameless->createTime == older.createTime);
-  }
-
-  Evidence askNeighbours(const Block& asked) const {
-    bool isTakenOut = false;
-    bool isCutOff = false;
-    bool isNamed = false;
-    // `link` of the neighbour at `position` should lead here; `beyond` is the other neighbour.
-    const auto ask = [&](int64_t position, int64_t Block::*link, int64_t beyond) {
-      const Block* const neighbour = recordAt(position, asked.owner);
-      if (neighbour == nullptr) return;
-      const int64_t named = neighbour->*link;
-      const Block* const other = recordAt(named, asked.owner);
-      // A neighbour that names a block which is not there proves nothing: a move may have been
-      // lost. Unless it names what lies beyond: then the block was taken out in between.
-      if (named == asked.position || mayHaveReplaced(other, asked)) {
-        isNamed = true;
-      } else if (named == 0) {
-        isCutOff = true;
-      } else if (named == beyond || other != nullptr) {
-        isTakenOut = true;
-      }
-    };
-    ask(asked.prev, &Block::next, asked.next);
-    ask(asked.next, &Block::prev, asked.prev);
-    if (isTakenOut) return Evidence::disagree;
-    // Where one side still names the block and the other ends before it, the chain was cut, as link
-    // repair does it: a deletion relinks both sides.
-    if (isNamed) return Evidence::agree;
-    return isCutOff ? Evidence::disagree : Evidence::none;
   }
 
   // Whether both walks of the owner's chain meet all that its slot counts: then nothing of it is
@@ -273,35 +282,8 @@ class Labeller {
     }
   }
 
-  void labelTableData() {
-    std::vector<const Block*> current(survey_.owners.size(), nullptr);
-    std::vector<Block*> newest(survey_.owners.size(), nullptr);
-    for (Block& each : survey_.blocks) {
-      if (each.kind != BlockKind::tableData) continue;
-      if (each.reach & kAsData) current[each.owner] = &each;
-      Block*& candidate = newest[each.owner];
-      const bool isBetter = candidate == nullptr || each.grade < candidate->grade ||
-                            (each.grade == candidate->grade && each.position > candidate->position);
-      if (isBetter) candidate = &each;
-    }
-    for (Block& each : survey_.blocks) {
-      if (each.kind != BlockKind::tableData) continue;
-      each.label = labelOfData(each, current[each.owner], newest[each.owner]);
-    }
-  }
-
-  Label labelOfData(const Block& data, const Block* current, const Block* newest) const {
-    if (data.reach & kAsData) return Label::live;
-    if (current != nullptr) {
-      return data.position > current->position ? Label::unlinked : Label::superseded;
-    }
-    if (&data != newest) return data.grade == Grade::a ? Label::superseded : Label::unlinked;
-    const Slot* const slot = survey_.slotAt(survey_.owners[data.owner].slot);
-    const bool wasNeverSet = slot != nullptr && slot->fields.firstDataPos == 0;
-    return wasNeverSet ? Label::unlinked : Label::detached;
-  }
-
   Survey& survey_;
+  const Neighbours neighbours_;
   std::vector<Remains> remains_;  // of each owner
 };
 
@@ -309,6 +291,7 @@ class Labeller {
 
 void labelBlocks(Survey* survey) {
   Labeller(survey).run();
+  labelTableData(survey);
 }
 
 }  // namespace qvdbase::survey

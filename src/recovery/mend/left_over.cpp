@@ -1,0 +1,38 @@
+#include "recovery/mend/left_over.h"
+
+#include "format/layout.h"
+
+using namespace qvdbase::survey;
+
+namespace qvdbase::mend {
+
+bool isLeftOver(const Block& block) {
+  const bool isCutOff =
+      block.label == Label::unlinked || block.label == Label::unfinishedRelocation;
+  return isCutOff && block.kind == BlockKind::record && !block.isReached() &&
+         block.grade == Grade::a;
+}
+
+std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
+  const tablePart1& slot = survey.slotOf(table).fields;
+  const bool isWhole = table.forward.end == WalkEnd::complete &&
+                       table.backward.end == WalkEnd::complete &&
+                       table.forward.blocks.size() == slot.recordCount &&
+                       table.backward.blocks.size() == slot.recordCount;
+  if (!isWhole) return {};
+  std::vector<uint32_t> tail;
+  int64_t previous = slot.lastRecordPos;
+  for (const uint32_t number : blocksInFileOrder(survey)) {
+    const Block& each = survey.blocks[number];
+    const bool isApart = each.owner == table.owner && each.kind == BlockKind::record &&
+                         each.label == Label::detached && !each.isReached();
+    if (!isApart) continue;
+    const bool isNamed = tail.empty() || survey.blocks[tail.back()].next == each.position;
+    if (each.grade != Grade::a || each.prev != previous || !isNamed) return {};
+    tail.push_back(number);
+    previous = each.position;
+  }
+  return tail;
+}
+
+}  // namespace qvdbase::mend
