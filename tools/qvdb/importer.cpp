@@ -39,7 +39,7 @@ void Importer::loadRecords() {
   areRecordsLoaded_ = true;
   for (const Record& record : table_.records()) {
     throwIfInterrupted();
-    if (names_.has(record.id())) records_.emplace(record.id(), record);
+    if (names_.has(record.id())) records_[record.id()].push_back(record);
   }
 }
 
@@ -119,7 +119,7 @@ void Importer::storeFile(size_t place) {
   const Id record = names_.of(place).record;
   const auto old = records_.find(record);
   if (old != records_.end()) {
-    replaceRecord(old->second, place, file, size);
+    replaceRecords(old->second, place, file, size);
   } else if (size > kLargeFile) {
     bytes_ += batch_.addPieces(record, place, file, found.path);
   } else {
@@ -132,19 +132,23 @@ void Importer::storeFile(size_t place) {
 }
 
 // A change needs the whole payload in memory. For a large file a new record is added under the old
-// identifier, and then the old one is deleted.
-void Importer::replaceRecord(const Record& record, size_t place, const Descriptor& file,
-                             uint64_t size) {
+// identifier, and then the old ones are deleted. There are several after a kill between these
+// steps.
+void Importer::replaceRecords(const std::vector<Record>& old, size_t place, const Descriptor& file,
+                              uint64_t size) {
   const std::string& path = tree_.files[place].path;
+  const Id id = old.front().id();
+  size_t replaced = 0;
   if (size > kLargeFile) {
-    bytes_ += batch_.addPieces(record.id(), place, file, path);
-    table_.remove(record);
-    return;
+    bytes_ += batch_.addPieces(id, place, file, path);
+  } else {
+    readAll(file.number(), path, &buffer_);
+    batch_.finish();
+    if (!table_.modify(old.front(), buffer_)) throw noSuchRecord(database_, table_, id);
+    bytes_ += buffer_.size();
+    replaced = 1;
   }
-  readAll(file.number(), path, &buffer_);
-  batch_.finish();
-  if (!table_.modify(record, buffer_)) throw noSuchRecord(database_, table_, record.id());
-  bytes_ += buffer_.size();
+  for (; replaced < old.size(); ++replaced) table_.remove(old[replaced]);
 }
 
 uint64_t Importer::filesBetween(size_t from, size_t to) const {

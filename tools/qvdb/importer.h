@@ -40,7 +40,8 @@ class Importer {
   void storeAll();
   void store(size_t place);
   void storeFile(size_t place);
-  void replaceRecord(const Record& record, size_t place, const Descriptor& file, uint64_t size);
+  void replaceRecords(const std::vector<Record>& old, size_t place, const Descriptor& file,
+                      uint64_t size);
   std::string stop();
   uint64_t filesBetween(size_t from, size_t to) const;
 
@@ -50,7 +51,8 @@ class Importer {
   ImportNames names_;
   ImportBatch batch_;
   bool areRecordsLoaded_ = false;
-  std::unordered_map<Id, Record> records_;  // those of the names that the table has
+  // Those of the names that the table has: of each identifier all, in the order of the table.
+  std::unordered_map<Id, std::vector<Record>> records_;
   std::vector<std::byte> buffer_;
   size_t at_ = 0;  // the file that is being stored
   uint64_t files_ = 0;
