@@ -80,15 +80,20 @@ TEST_F(ToolTables, OfAPackedFileAreListedWithANote) {
     const Outcome outcome = run(call);
     EXPECT_EQ(outcome.status, 0) << outcome;
     EXPECT_NE(outcome.out.find("files"), std::string::npos) << outcome;
-    expectOneLine(outcome.err, {"test.qvd", "'files'", "packed", "qvdb salvage"});
+    expectOneLine(outcome.err, {"test.qvd", "'files'", "packed", "qvdb mend", "qvdb salvage"});
   }
   const Outcome list = run({"records", "--json", "test.qvd", "files"});
   EXPECT_EQ(list.status, 0) << list;
-  expectOneLine(list.err, {"packed"});
+  expectOneLine(list.err, {"packed", "qvdb mend", "qvdb salvage"});
   EXPECT_EQ(nlohmann::json::parse(list.out)["records"].size(), 2u);
   const Outcome exported = run({"export", "test.qvd", "files", "out"});
-  EXPECT_EQ(exported.status, 0) << exported;
+  EXPECT_EQ(exported.status, 1) << exported;
+  expectOneLine(exported.err, {"test.qvd", "'files'", "packed", "qvdb mend"});
   EXPECT_EQ(exported.out, "exported 2 files, 5008 bytes\n");
+  // What the note advises brings the names back.
+  EXPECT_EQ(run({"mend", "test.qvd"}).status, 0);
+  EXPECT_EQ(run({"export", "test.qvd", "files", "mended"}).status, 0);
+  EXPECT_TRUE(std::filesystem::exists(path("mended/f")));
 }
 
 TEST_F(ToolAddTable, AddsItAndPrintsItsIdentifier) {

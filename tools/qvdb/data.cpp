@@ -21,9 +21,7 @@ int setData(const Options& options) {
   const std::vector<std::byte> data = readInput(*options.set);
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
-  std::byte start[8] = {};
-  const size_t got = table.read_data(0, start);
-  if (!options.delivery.force && ImportedFiles::isOurs(std::span(start).first(got))) {
+  if (!options.delivery.force && ImportedFiles::versionOf(table) != ListVersion::none) {
     throw Failure(options.file + ": the data of table '" + table.name() +
                   "' holds the names of imported files; use --force to replace it");
   }

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "failure.h"
+
 namespace qvdb::tool {
 
 ImportNames::ImportNames(Table& table, const FileTree& tree, ImportedFiles names)
@@ -33,6 +35,11 @@ void ImportNames::addNew() {
     entries_[i] = names_.list().size();
     names_.add(std::move(file));
     hasNew = true;
+  }
+  if (!names_.isReadable()) {
+    throw Failure("the names in table '" + table_.name() +
+                  "' would be too long to be read again; nothing was stored; import into another "
+                  "table, or from a folder further down");
   }
   if (hasNew || hadNames_ == 0) store();
 }

@@ -86,14 +86,6 @@ bool isKind(char kind) {
   return kind == '-' || kind == 'f' || kind == 'd' || kind == 'l';
 }
 
-// A target has no zero byte, and only a link, or one that was removed, has a target.
-bool isSoundEntry(const ImportedFile& file, char kind) {
-  if (!isKind(kind) || !isSafeName(file.name)) return false;
-  if (file.name.size() > kLongestName || file.target.size() > kLongestName) return false;
-  if (file.kind == FileKind::link && file.target.empty()) return false;
-  return file.target.find('\0') == std::string::npos;
-}
-
 }  // namespace
 
 bool isSafeName(std::string_view name) {
@@ -105,6 +97,14 @@ bool isSafeName(std::string_view name) {
     from = end + 1;
   }
   return true;
+}
+
+// A target has no zero byte, and only a link, or one that was removed, has a target.
+bool isSound(const ImportedFile& file) {
+  if (!isKind(static_cast<char>(file.kind)) || !isSafeName(file.name)) return false;
+  if (file.name.size() > kLongestName || file.target.size() > kLongestName) return false;
+  if (file.kind == FileKind::link && file.target.empty()) return false;
+  return file.target.find('\0') == std::string::npos;
 }
 
 void appendEntry(const ImportedFile& file, std::string_view before, std::vector<std::byte>* to) {
@@ -133,8 +133,7 @@ std::optional<ImportedFile> readEntry(std::span<const std::byte> data, std::stri
                                       size_t* at) {
   Reader reader(data, *at);
   ImportedFile file;
-  const auto kind = static_cast<char>(reader.number<uint8_t>());
-  file.kind = static_cast<FileKind>(kind);
+  file.kind = static_cast<FileKind>(reader.number<uint8_t>());
   file.mode = reader.number<uint16_t>();
   file.seconds = static_cast<int64_t>(reader.number<uint64_t>());
   file.nanoseconds = reader.number<uint32_t>();
@@ -145,7 +144,7 @@ std::optional<ImportedFile> readEntry(std::span<const std::byte> data, std::stri
   file.name = before.substr(0, shared);
   file.name += reader.text(reader.count());
   file.target = reader.text(reader.count());
-  if (reader.hasFailed() || !isSoundEntry(file, kind)) return std::nullopt;
+  if (reader.hasFailed() || !isSound(file)) return std::nullopt;
   *at = reader.position();
   return file;
 }

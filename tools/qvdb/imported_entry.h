@@ -46,6 +46,9 @@ struct ImportedFile {
 // "." and not "..", without zero bytes, and no '/' at either end.
 bool isSafeName(std::string_view name);
 
+// Whether a reader takes an entry with this kind, name and target.
+bool isSound(const ImportedFile& file);
+
 // Appends the bytes of an entry. `before` is the name of the entry before it.
 void appendEntry(const ImportedFile& file, std::string_view before, std::vector<std::byte>* to);
 

@@ -5,50 +5,78 @@
 #include <algorithm>
 #include <cstring>
 
+#include "failure.h"
+
 namespace qvdb::tool {
 namespace {
 
-constexpr char kMark[8] = {'Q', 'V', 'f', 'i', 'l', 'e', 's', 1};
+constexpr char kMark[] = {'Q', 'V', 'f', 'i', 'l', 'e', 's'};
+constexpr std::byte kVersion{1};
+constexpr size_t kHeadSize = sizeof kMark + 1;
 
 // What a list that is being shortened has in place of its next entry's kind, for the moment until
 // its length is written: the mark that ends every block of the file.
 constexpr char kCutOffHere = 'i';
 
-// Names that share their beginnings take little space in the block, and much more in memory. No
-// real folder comes near this limit; a hostile block could fill all memory without it.
-constexpr uint64_t kLargestExpansion = 64;
+// Names that share their beginnings take little space in the block, and much more in memory: a
+// hostile block could fill all memory. All names together have at most this many times the bytes of
+// the block. A name takes 28 bytes there at least, so one of up to 4,480 bytes never reaches the
+// limit, and the paths of a system are shorter.
+constexpr uint64_t kLargestExpansion = 160;
 
 }  // namespace
 
 ImportedFiles::ImportedFiles() {
   const auto mark = std::as_bytes(std::span(kMark));
   bytes_.assign(mark.begin(), mark.end());
+  bytes_.push_back(kVersion);
   end_ = bytes_.size();
 }
 
-bool ImportedFiles::isOurs(std::span<const std::byte> data) {
-  return data.size() >= sizeof kMark && std::memcmp(data.data(), kMark, sizeof kMark) == 0;
+ListVersion ImportedFiles::versionOf(std::span<const std::byte> data) {
+  if (data.size() < kHeadSize || std::memcmp(data.data(), kMark, sizeof kMark) != 0) {
+    return ListVersion::none;
+  }
+  return data[sizeof kMark] == kVersion ? ListVersion::known : ListVersion::unknown;
 }
 
-std::optional<ImportedFiles> ImportedFiles::of(const Table& table) {
-  std::byte start[sizeof kMark] = {};
+ListVersion ImportedFiles::versionOf(const Table& table) {
+  std::byte start[kHeadSize] = {};
   const size_t got = table.read_data(0, start);
-  if (!isOurs(std::span(start).first(got))) return std::nullopt;
+  return versionOf(std::span(start).first(got));
+}
+
+std::optional<ImportedFiles> ImportedFiles::of(const Database& database, const Table& table) {
+  const ListVersion version = versionOf(table);
+  if (version == ListVersion::none) return std::nullopt;
+  if (version == ListVersion::unknown) {
+    throw Failure(database.path().native() + ": the list of names of table '" + table.name() +
+                  "' was made by a newer qvdb; use that one");
+  }
   ImportedFiles files;
   files.decode(*table.data());
   return files;
 }
 
 std::optional<ImportedFiles> ImportedFiles::from(std::span<const std::byte> data) {
-  if (!isOurs(data)) return std::nullopt;
+  if (versionOf(data) != ListVersion::known) return std::nullopt;
   ImportedFiles files;
   files.decode({data.begin(), data.end()});
   return files;
 }
 
+bool ImportedFiles::isReadable() const {
+  uint64_t namesTogether = 0;
+  for (const ImportedFile& file : list_) {
+    if (!isSound(file)) return false;
+    namesTogether += file.name.size();
+  }
+  return namesTogether <= kLargestExpansion * bytes_.size();
+}
+
 void ImportedFiles::decode(std::vector<std::byte> data) {
   uint64_t namesTogether = 0;
-  for (size_t at = sizeof kMark; at < data.size();) {
+  for (size_t at = kHeadSize; at < data.size();) {
     end_ = at;
     if (static_cast<char>(data[end_]) == kCutOffHere) {
       data.resize(end_);

@@ -22,21 +22,30 @@
 
 namespace qvdb::tool {
 
+// Of a block of table data: whether it is such a list at all, and one that can be read here.
+enum class ListVersion { none, known, unknown };
+
 // The list of a table.
 class ImportedFiles {
  public:
   ImportedFiles();
 
   // The files of a table, as far as they can be read. Nothing when its data is absent, empty or
-  // something else. Throws qvdb::Error.
-  static std::optional<ImportedFiles> of(const Table& table);
+  // something else. Throws qvdb::Error, and Failure for a version that is not known.
+  static std::optional<ImportedFiles> of(const Database& database, const Table& table);
+  // The same of a block; nothing for a version that is not known either.
   static std::optional<ImportedFiles> from(std::span<const std::byte> data);
 
-  // Whether a block of table data begins as one of these does.
-  static bool isOurs(std::span<const std::byte> data);
+  // Whether a block of table data, or that of a table, begins as one of these does.
+  static ListVersion versionOf(std::span<const std::byte> data);
+  static ListVersion versionOf(const Table& table);
 
   // Whether all of the list could be read.
   bool isWhole() const { return isWhole_; }
+
+  // Whether a reader takes the list with everything that was added: names and targets can be too
+  // long, one by one or together.
+  bool isReadable() const;
 
   // Removed entries are in the list too.
   const std::vector<ImportedFile>& list() const { return list_; }

@@ -42,8 +42,9 @@ Id idOfName(const Database& database, const Table& table, const ImportedFiles& f
 // In a packed file the slots of tables that have records lead to no data.
 std::string unreachableData(const Table& table) {
   return "the data of table '" + table.name() +
-         "' is not where its slot says, as is usual in a packed file; 'qvdb salvage' writes a new "
-         "file that has it";
+         "' is not where its slot says, as is usual in a packed file; 'qvdb mend' corrects the "
+         "slot, "
+         "'qvdb salvage' writes a new file that has the data";
 }
 
 }  // namespace
@@ -104,10 +105,11 @@ Table findTable(const Database& database, const std::string& nameOrId) {
                 "'; 'qvdb tables' lists the tables");
 }
 
-std::optional<ImportedFiles> readNames(const Database& database, const Table& table) {
+std::optional<ImportedFiles> readNames(const Database& database, const Table& table,
+                                       bool* isUnreachable) {
   const std::string where = database.path().native() + ": ";
   try {
-    auto files = ImportedFiles::of(table);
+    auto files = ImportedFiles::of(database, table);
     if (files && !files->isWhole()) {
       complain(where + "the names of the files of table '" + table.name() +
                "' are damaged after the first " + std::to_string(files->list().size()) +
@@ -117,13 +119,14 @@ std::optional<ImportedFiles> readNames(const Database& database, const Table& ta
   } catch (const Error& error) {
     if (error.reason() != Reason::data_damaged) throw;
     complain(where + unreachableData(table));
+    if (isUnreachable != nullptr) *isUnreachable = true;
     return std::nullopt;
   }
 }
 
 Id recordId(const Database& database, const Table& table, const std::string& idOrName) {
   if (const auto id = parse_id(idOrName)) return *id;
-  const auto files = ImportedFiles::of(table);
+  const auto files = ImportedFiles::of(database, table);
   if (files) return idOfName(database, table, *files, idOrName);
   throw noIdentifier(idOrName);
 }
@@ -133,7 +136,7 @@ Id recordIdInUseOrNot(const std::string& path, const std::string& table,
   if (const auto id = parse_id(idOrName)) return *id;
   const Database database = openToRead(path);
   const Table found = findTable(database, table);
-  const auto files = ImportedFiles::of(found);
+  const auto files = ImportedFiles::of(database, found);
   if (!files) throw wrongUsage(noIdentifier(idOrName).what());
   const auto removed = files->findRemoved(withoutDot(idOrName));
   const auto inUse = files->find(withoutDot(idOrName));
@@ -157,7 +160,7 @@ std::vector<Record> findRecords(const Database& database, const Table& table,
   std::vector<Id> ids;
   for (const std::string& text : idsOrNames) {
     const auto id = parse_id(text);
-    if (!id && !files) files = ImportedFiles::of(table);
+    if (!id && !files) files = ImportedFiles::of(database, table);
     ids.push_back(!id && files ? idOfName(database, table, *files, text)
                                : recordId(database, table, text));
   }

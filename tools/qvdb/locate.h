@@ -49,7 +49,10 @@ Table findTable(const Database& database, const std::string& nameOrId);
 
 // The names of a table's imported files, as far as they can be read: a line on standard error says
 // so when that is not all. Nothing when the table has none.
-std::optional<ImportedFiles> readNames(const Database& database, const Table& table);
+// When they cannot be reached a line on standard error says so too, and *isUnreachable becomes
+// true.
+std::optional<ImportedFiles> readNames(const Database& database, const Table& table,
+                                       bool* isUnreachable = nullptr);
 
 // The identifier that was written, or that of the imported file of that name. Throws Failure for
 // anything else. The record need not exist.

@@ -21,6 +21,9 @@ struct Options {
 // has it now; the list keeps its length. The record keeps its identifier either way. Returns a
 // sentence about it.
 std::string restoreName(std::span<std::byte> data, Id record) {
+  if (ImportedFiles::versionOf(data) == ListVersion::unknown) {
+    return "The list of names was made by a newer qvdb: the record has no name.";
+  }
   std::optional<ImportedFiles> files = ImportedFiles::from(data);
   const auto removed = files ? files->findRemoved(record) : std::nullopt;
   if (!removed || files->find(record)) return {};

@@ -20,7 +20,7 @@ constexpr size_t kNanoseconds = 11;
 constexpr size_t kRecord = 15;
 constexpr uint64_t kNanosecondsEnd = 1'000'000'000;
 constexpr uint64_t kLongestName = 65'535;
-constexpr uint64_t kLargestExpansion = 64;  // of all names, against the bytes of the list
+constexpr uint64_t kLargestExpansion = 160;  // of all names, against the bytes of the list
 
 bool isSafeName(std::string_view name) {
   if (name.empty() || name.find('\0') != std::string_view::npos) return false;

@@ -11,7 +11,7 @@
 #include "failure/failure.h"
 #include "format/layout.h"
 #include "recovery/salvage/run.h"
-#include "recovery/survey/byte_source.h"
+#include "recovery/survey/part_source.h"
 
 using namespace qvdbase::format;
 using namespace qvdbase::survey;
