@@ -31,8 +31,13 @@ struct Options {
 
 class Exporter {
  public:
-  Exporter(const Table& table, std::optional<ImportedFiles> files, FolderWriter& writer)
-      : table_(table), files_(std::move(files)), writer_(writer) {
+  Exporter(const Database& database, const Table& table, std::optional<ImportedFiles> files,
+           FolderWriter& writer, bool force)
+      : database_(database),
+        table_(table),
+        files_(std::move(files)),
+        writer_(writer),
+        force_(force) {
     if (files_) isWritten_.resize(files_->list().size());
   }
 
@@ -52,10 +57,15 @@ class Exporter {
   template <typename Take>
   void forEachNamed(FileKind kind, Take take);
 
+  void refuseTooMuch(const Record& record);
+
+  const Database& database_;
   const Table& table_;
   std::optional<ImportedFiles> files_;
   FolderWriter& writer_;
-  std::vector<bool> isWritten_;            // of each imported file
+  bool force_;
+  uint64_t mostBytes_ = 0;       // the size of the file; asked for when more is written than it was
+  std::vector<bool> isWritten_;  // of each imported file
   std::unordered_map<Id, unsigned> byId_;  // files named by identifier, and how many of each
   uint64_t filesDone_ = 0;
   uint64_t bytesDone_ = 0;
@@ -119,6 +129,7 @@ void Exporter::run() {
   forEachNamed(FileKind::folder,
                [this](const ImportedFile& file) { writer_.makeFolder(file.name); });
   const auto writeOne = [&](const ImportedFile& file, const Record& record) {
+    refuseTooMuch(record);
     writer_.writeFile(file, [&](uint64_t offset, std::span<std::byte> buffer) {
       const size_t got = record.read(offset, buffer);
       bytesDone_ += got;
@@ -139,6 +150,17 @@ void Exporter::run() {
   writer_.sync();
   if (files_) finishFolders();
   if (failure) std::rethrow_exception(failure);
+}
+
+// Records that overlap, as no sound file has them, can hold the square of the file's size.
+void Exporter::refuseTooMuch(const Record& record) {
+  if (force_ || bytesDone_ + record.size() <= mostBytes_) return;
+  mostBytes_ = database_.info().file_size;
+  if (bytesDone_ + record.size() <= mostBytes_) return;
+  throw Failure(database_.path().native() + ": the records of table '" + table_.name() +
+                "' overlap: they have more bytes than the file; stopped after " +
+                counted(filesDone_, "file", "files") + ", " + counted(bytesDone_, "byte", "bytes") +
+                "; 'qvdb check' reports the damage, --force writes the others too");
 }
 
 void Exporter::finishFolders() {
@@ -167,12 +189,13 @@ int run(const Options& options) {
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   std::optional<ImportedFiles> files;
-  if (!options.byId) files = readNames(database, table);
+  bool isUnreachable = false;
+  if (!options.byId) files = readNames(database, table, &isUnreachable);
   FolderOptions folderOptions = options.folderOptions;
   folderOptions.database = options.file;
   FolderWriter writer(options.folder, folderOptions);
-  const bool hasAllNames = !files || files->isWhole();
-  Exporter exporter(table, std::move(files), writer);
+  const bool hasAllNames = !isUnreachable && (!files || files->isWhole());
+  Exporter exporter(database, table, std::move(files), writer, folderOptions.force);
   exporter.check();
   exporter.run();
   if (const uint64_t missing = exporter.namesWithoutRecord()) {
@@ -212,8 +235,11 @@ permissions and time back, and its folders and symbolic links are created again;
 named by their identifiers. Permissions that the umask forbids are left out. The database is only
 read.
 
-Where the list of names is damaged, the files whose names are lost are named by their records'
-identifiers too, and the status is 1.
+Where the list of names is damaged, or is not where the table says, as in a packed file, the files
+whose names are lost are named by their records' identifiers too, and the status is 1.
+
+A damaged file can have records that overlap, and so more bytes in its records than it has itself.
+Without --force no more is written than the size of the file.
 
 Nothing is overwritten unless --force is given: if one file exists already, no file is written.
 Nothing is ever written outside the folder: a name that would lead out of it counts as damage, and
