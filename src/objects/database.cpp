@@ -8,12 +8,12 @@
 
 #include "QVDbase/header.h"
 #include "QVDbase/lifecycle.h"
-#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
+#include "handle/database_handle.h"
 #include "objects/chain_ends.h"
 #include "objects/open_database.h"
 #include "objects/waiting.h"
@@ -36,7 +36,7 @@ std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode 
   auto state = std::make_shared<OpenDatabase>();
   state->path = path;
   state->mode = mode;
-  state->handle = failure::openFile(path, static_cast<int>(mode), operation);
+  state->handle = handle::openFile(path, static_cast<int>(mode), operation);
   return state;
 }
 

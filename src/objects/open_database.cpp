@@ -8,9 +8,9 @@
 #include <limits>
 #include <utility>
 
-#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "format/layout.h"
+#include "handle/database_handle.h"
 #include "objects/bulk.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
@@ -121,7 +121,7 @@ void Operation::requireNoBulkOf(Id table) const {
 
 engine::DirectoryNumbers Operation::directory() const {
   engine::DirectoryNumbers numbers;
-  if (const auto fault = failure::readDirectory(db(), &numbers)) fail(fault->reason, fault->why);
+  if (const auto fault = handle::readDirectory(db(), &numbers)) fail(fault->reason, fault->why);
   return numbers;
 }
 
@@ -145,7 +145,7 @@ void Operation::failMissingTable(const std::string& wanted, const std::string& w
 
 void Operation::readSlot(const engine::DirectoryNumbers& numbers, int index,
                          tablePart1* slot) const {
-  const auto fault = failure::readSlot(db(), numbers, index, slot);
+  const auto fault = handle::readSlot(db(), numbers, index, slot);
   if (fault) fail(fault->reason, fault->why);
 }
 

@@ -9,9 +9,9 @@
 #include <optional>
 #include <utility>
 
-#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
+#include "handle/database_handle.h"
 #include "platform/handles/new_file.h"
 #include "platform/handles/read_only_file.h"
 #include "products/target_file.h"
@@ -24,6 +24,7 @@
 
 using namespace qvdbase;
 using namespace qvdbase::failure;
+using namespace qvdbase::handle;
 using namespace qvdbase::products;
 using namespace qvdbase::survey;
 using namespace qvdbase::upkeep;

@@ -3,9 +3,9 @@
 #include <qvdbase/qvdb/mend.hpp>
 
 #include "QVDbase/position.h"
-#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "format/fields.h"
+#include "handle/database_handle.h"
 #include "platform/handles/cutting.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
@@ -15,6 +15,7 @@
 
 using namespace qvdbase;
 using namespace qvdbase::failure;
+using namespace qvdbase::handle;
 using namespace qvdbase::mend;
 using namespace qvdbase::survey;
 

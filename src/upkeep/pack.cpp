@@ -6,11 +6,11 @@
 
 #include <algorithm>
 
-#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
 #include "format/Aliment8.h"
 #include "format/category.h"
+#include "handle/database_handle.h"
 #include "products/target_file.h"
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
@@ -20,6 +20,7 @@
 
 using namespace qvdbase;
 using namespace qvdbase::failure;
+using namespace qvdbase::handle;
 using namespace qvdbase::products;
 using namespace qvdbase::survey;
 using namespace qvdbase::upkeep;

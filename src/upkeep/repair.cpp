@@ -2,14 +2,15 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
 
-#include "failure/database_handle.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
+#include "handle/database_handle.h"
 #include "maintenance/link_repair.h"
 #include "upkeep/progress.h"
 
 using namespace qvdbase;
 using namespace qvdbase::failure;
+using namespace qvdbase::handle;
 using namespace qvdbase::upkeep;
 
 namespace qvdb {

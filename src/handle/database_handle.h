@@ -13,7 +13,7 @@
 #include "QVDbase/header.h"
 #include "format/layout.h"
 
-namespace qvdbase::failure {
+namespace qvdbase::handle {
 
 struct Fault {
   qvdb::Reason reason;
@@ -65,4 +65,4 @@ class DatabaseHandle {
   const int16_t number_;
 };
 
-}  // namespace qvdbase::failure
+}  // namespace qvdbase::handle

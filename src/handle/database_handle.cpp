@@ -1,4 +1,4 @@
-#include "failure/database_handle.h"
+#include "handle/database_handle.h"
 
 #include <qvdbase/qvdbase.h>
 
@@ -15,7 +15,7 @@
 
 using namespace qvdb;
 
-namespace qvdbase::failure {
+namespace qvdbase::handle {
 namespace {
 
 constexpr const char* kOpen = "open the database";
@@ -66,14 +66,14 @@ std::optional<Fault> readSlot(int16_t db, const engine::DirectoryNumbers& number
 }
 
 int16_t openFile(const std::filesystem::path& path, int permission, const char* operation) {
-  const std::vector<QVWCHAR> wide = nativePath(path, operation);
+  const std::vector<QVWCHAR> wide = failure::nativePath(path, operation);
   // What was in the way may be gone when it is looked for: then opening is tried again.
   for (int tries = 3;; --tries) {
     const int16_t number = OpenDBaseW(wide.data(), permission);
     if (number != 0) return number;
     const auto found = platform::findOpenFailure(wide.data(), permission);
     if (tries > 1 && found.failure == platform::OpenFailure::none) continue;
-    throwOpenFailure(path, operation, found);
+    failure::throwOpenFailure(path, operation, found);
   }
 }
 
@@ -92,7 +92,7 @@ DatabaseHandle::~DatabaseHandle() {
 void DatabaseHandle::fail(const char* operation, const Fault& fault) const {
   ErrorDetails details;
   details.system_code = platform::lastHostFailure();
-  throwError(path_, operation, fault.reason, fault.why, std::move(details));
+  failure::throwError(path_, operation, fault.reason, fault.why, std::move(details));
 }
 
 engine::DirectoryNumbers DatabaseHandle::directory(const char* operation) const {
@@ -121,7 +121,8 @@ uint64_t DatabaseHandle::fileLength(const char* operation) const {
 
 void DatabaseHandle::requireAlone(const char* operation) const {
   if (platform::writersOf(number_) <= 1) return;
-  throwError(path_, operation, Reason::in_use, "this program has it open in another place");
+  failure::throwError(path_, operation, Reason::in_use,
+                      "this program has it open in another place");
 }
 
 void DatabaseHandle::sync(const char* operation) const {
@@ -130,4 +131,4 @@ void DatabaseHandle::sync(const char* operation) const {
   fail(operation, {Reason::cannot_write, "the system reports a failure"});
 }
 
-}  // namespace qvdbase::failure
+}  // namespace qvdbase::handle
