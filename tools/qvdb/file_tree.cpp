@@ -22,9 +22,29 @@ struct FolderCloser {
 };
 using Folder = std::unique_ptr<DIR, FolderCloser>;
 
-std::vector<std::string> namesIn(const std::string& path) {
-  const Folder folder(::opendir(path.c_str()));
-  if (!folder) throw systemFailure(path, "open the folder");
+bool isSame(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// With `found` no link is followed, and the folder must still be that one.
+Folder openFolder(const std::string& path, const struct stat* found) {
+  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (found != nullptr ? O_NOFOLLOW : 0);
+  const int descriptor = ::open(path.c_str(), flags);
+  if (descriptor < 0) throw systemFailure(path, "open the folder");
+  Folder folder(::fdopendir(descriptor));
+  if (!folder) {
+    const Failure failure = systemFailure(path, "open the folder");
+    ::close(descriptor);
+    throw failure;
+  }
+  struct stat now = {};
+  if (::fstat(descriptor, &now) != 0) throw systemFailure(path, "read its properties");
+  if (found == nullptr || isSame(now, *found)) return folder;
+  throw Failure(path + ": is another folder now than when the files were listed");
+}
+
+std::vector<std::string> namesIn(const std::string& path, const struct stat* found) {
+  const Folder folder = openFolder(path, found);
   std::vector<std::string> names;
   for (;;) {
     errno = 0;
@@ -60,7 +80,7 @@ class Lister {
   void add(const std::string& path) {
     const std::string name = rootName(path);
     if (name.empty()) {
-      addContents(path, "");
+      addContents(path, "", nullptr);
     } else {
       pending_.push_back({path, name});
     }
@@ -89,8 +109,8 @@ class Lister {
   }
 
   // What is in a folder is looked at next, in order of names.
-  void addContents(const std::string& path, const std::string& prefix) {
-    const std::vector<std::string> names = namesIn(path);
+  void addContents(const std::string& path, const std::string& prefix, const struct stat* found) {
+    const std::vector<std::string> names = namesIn(path, found);
     const std::string base = path.ends_with('/') ? path : path + "/";
     for (auto name = names.rbegin(); name != names.rend(); ++name) {
       pending_.push_back({base + *name, prefix + *name});
@@ -108,6 +128,8 @@ class Lister {
       case S_IFREG:
         file.path = found.path;
         file.size = static_cast<uint64_t>(status.st_size);
+        file.device = status.st_dev;
+        file.inode = status.st_ino;
         break;
       case S_IFDIR:
         file.file.kind = FileKind::folder;
@@ -122,11 +144,11 @@ class Lister {
     const bool isFolder = file.file.kind == FileKind::folder;
     tree_.files.push_back(std::move(file));
     if (progress_ != nullptr) progress_->step();
-    if (isFolder) addContents(found.path, found.name + "/");
+    if (isFolder) addContents(found.path, found.name + "/", &status);
   }
 
   bool isDatabase(const struct stat& status) const {
-    return hasDatabase_ && status.st_dev == database_.st_dev && status.st_ino == database_.st_ino;
+    return hasDatabase_ && isSame(status, database_);
   }
 
   void leaveOut(const std::string& path) { tree_.leftOut.push_back(path); }

@@ -13,7 +13,10 @@ namespace qvdb::tool {
 struct FoundFile {
   ImportedFile file;  // without a record
   std::string path;   // where it is now; empty for a folder or a link, which are not read again
-  uint64_t size = 0;  // when it was looked at
+  // When it was looked at; device and inode identify it when it is opened.
+  uint64_t size = 0;
+  dev_t device = 0;
+  ino_t inode = 0;
 };
 
 struct FileTree {

@@ -1,7 +1,6 @@
 // Stores a tree of files as records of a table.
 #include "importer.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -110,11 +109,8 @@ void Importer::store(size_t place) {
 
 void Importer::storeFile(size_t place) {
   const FoundFile& found = tree_.files[place];
-  const Descriptor file(::open(found.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  if (!file) throw systemFailure(found.path, "open");
   struct stat status = {};
-  if (::fstat(file.number(), &status) != 0) throw systemFailure(found.path, "read its properties");
-  if (!S_ISREG(status.st_mode)) throw Failure(found.path + ": is not a file any more");
+  const Descriptor file = opener_.open(found, &status);
   const auto size = static_cast<uint64_t>(status.st_size);
   const Id record = names_.of(place).record;
   const auto old = records_.find(record);

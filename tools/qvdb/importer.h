@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "file_tree.h"
+#include "found_file_opener.h"
 #include "import_batch.h"
 #include "import_names.h"
 
@@ -50,6 +51,7 @@ class Importer {
   const FileTree& tree_;
   ImportNames names_;
   ImportBatch batch_;
+  FoundFileOpener opener_;
   bool areRecordsLoaded_ = false;
   // Those of the names that the table has: of each identifier all, in the order of the table.
   std::unordered_map<Id, std::vector<Record>> records_;
