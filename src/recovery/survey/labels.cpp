@@ -6,7 +6,7 @@
 //
 // A batch of records that was cut off before it was linked is the exception: its blocks name each
 // other. Of a chain that is whole without them, the count of records that were ever written says
-// whether they were part of it.
+// whether they were part of it: a batch is counted as a whole or not at all.
 //
 // The blocks of one record are in the file in the order in which they were written. Of a record
 // that no chain holds, the last whole block is its last version.
@@ -17,9 +17,12 @@
 #include <algorithm>
 #include <span>
 #include <tuple>
+#include <unordered_map>
+#include <vector>
 
 #include "recovery/survey/data_labels.h"
 #include "recovery/survey/survey.h"
+#include "support/seeded_hash.h"
 
 using namespace qvdbase::format;
 
@@ -252,22 +255,90 @@ class Labeller {
     return false;
   }
 
+  // Records apart from their chain that name each other: counted all together, or none of them.
+  using Batch = std::vector<Block*>;
+
+  static int64_t latestPosition(const std::vector<Block*>& blocks) {
+    int64_t latest = 0;
+    for (const Block* each : blocks) latest = std::max(latest, each->position);
+    return latest;
+  }
+
+  // `apart` is of one owner. The latest batch in the file comes first.
+  static std::vector<Batch> latestFirst(const std::vector<Block*>& apart) {
+    std::unordered_map<int64_t, size_t, support::SeededHash> places;  // in `apart`
+    for (size_t i = 0; i < apart.size(); ++i) places.emplace(apart[i]->position, i);
+    std::vector<size_t> successor(apart.size(), apart.size());
+    std::vector<bool> isFollowing(apart.size(), false);
+    for (size_t i = 0; i < apart.size(); ++i) {
+      const auto next = places.find(apart[i]->next);
+      if (next == places.end()) continue;
+      successor[i] = next->second;
+      isFollowing[next->second] = true;
+    }
+    std::vector<Batch> batches;
+    std::vector<bool> isTaken(apart.size(), false);
+    const auto takeFrom = [&](size_t i) {
+      if (isTaken[i]) return;
+      batches.emplace_back();
+      for (; i < apart.size() && !isTaken[i]; i = successor[i]) {
+        isTaken[i] = true;
+        batches.back().push_back(apart[i]);
+      }
+    };
+    for (size_t i = 0; i < apart.size(); ++i) {
+      if (!isFollowing[i]) takeFrom(i);
+    }
+    for (size_t i = 0; i < apart.size(); ++i) takeFrom(i);  // links that lead in a circle
+    std::sort(batches.begin(), batches.end(),
+              [](const Batch& x, const Batch& y) { return latestPosition(x) > latestPosition(y); });
+    return batches;
+  }
+
+  // How many of the batches were never counted, with so many records that were not: the latest
+  // ones, as the blocks of a file are in the order in which they were written. `single` are blocks
+  // of which each may have been counted or not. `inBatches` becomes the number of their records.
+  static size_t uncountedBatches(const std::vector<Batch>& batches,
+                                 const std::vector<Block*>& single, uint64_t neverCounted,
+                                 uint64_t* inBatches) {
+    const int64_t latestSingle = latestPosition(single);
+    size_t chosen = 0;
+    bool fits = false;
+    uint64_t sum = 0;
+    for (size_t count = 0;; ++count) {
+      const bool isFitting = neverCounted <= sum + single.size();
+      const bool isLatest = count > 0 && latestPosition(batches[count - 1]) > latestSingle;
+      if (!fits || (isFitting && isLatest)) {
+        chosen = count;
+        *inBatches = sum;
+        fits = isFitting;
+      }
+      if (count == batches.size() || sum + batches[count].size() > neverCounted) return chosen;
+      sum += batches[count].size();
+    }
+  }
+
   // Deleted, or never linked? A block that was deleted as the last of its chain looks like one that
-  // was written and never linked. The slot knows how many records were ever counted.
+  // was written and never linked, and a batch that was not linked like records that a link repair
+  // has cut off. The slot knows how many records were ever counted.
   void decide(uint32_t owner) {
     const int slot = survey_.owners[owner].slot;
     const Remains& remains = remains_[owner];
-    const size_t size = remains.undecided.size() + remains.apart.size();
-    if (slot == kNoSlot || size == 0) return;
+    if (slot == kNoSlot || remains.undecided.size() + remains.apart.size() == 0) return;
     const uint32_t counted = survey_.slotAt(slot)->fields.recordWriteCount;
     if (remains.distinct <= counted) return;
     const uint64_t neverCounted = remains.distinct - counted;
-    const bool all = neverCounted >= remains.undecided.size();
-    for (Block* each : remains.undecided) {
-      each->label = all ? Label::unlinked : Label::deletedOrUnlinked;
+    const std::vector<Batch> batches = latestFirst(remains.apart);
+    uint64_t inBatches = 0;
+    const size_t uncounted = uncountedBatches(batches, remains.undecided, neverCounted, &inBatches);
+    for (size_t i = 0; i < uncounted; ++i) {
+      for (Block* each : batches[i]) each->label = Label::unlinked;
     }
-    if (neverCounted < size) return;
-    for (Block* each : remains.apart) each->label = Label::unlinked;
+    if (inBatches == neverCounted) return;
+    const bool isEach = neverCounted - inBatches >= remains.undecided.size();
+    for (Block* each : remains.undecided) {
+      each->label = isEach ? Label::unlinked : Label::deletedOrUnlinked;
+    }
   }
 
   void countRecords(const std::vector<Block*>& records) {
