@@ -29,6 +29,9 @@ class Copier {
     std::vector<tablePart1> slots;
     for (size_t i = 0; i < database.tables.size(); ++i) {
       slots.push_back(output_.slotAt(database.tables[i].slot, layout.tables[i]));
+      // The dead records that the source's number counts, too, are not in the copy. With them in
+      // it, a later append that is cut off could not be distinguished from records that were lost.
+      slots.back().recordWriteCount = slots.back().recordCount;
     }
     output_.directory(header, slots, database.slotCount);
     for (const LiveTable& table : database.tables) {

@@ -51,6 +51,7 @@ class Mending {
     if (!options.dry_run && !plan_.steps.empty()) write();
     report.steps = std::move(plan_.steps);
     report.left_over = plan_.leftOver;
+    report.left_over_data = plan_.leftOverData;
     return report;
   }
 

@@ -147,6 +147,9 @@ TEST_F(CutOffStates, AreReportedAsThePageSays) {
   expectWithout(1, "larger table data, before the slot", [&](int16_t db) {
     return SetTableData(db, table, bytesOf("newer data").data(), 10, 0);
   });
+  expectWithout(1, "first table data, before the slot", [](int16_t db) {
+    return SetTableData(db, AddTable(db, "new"), bytesOf("data").data(), 4, 0);
+  });
   expectState("adding a record, inside the block", applied(before, writesOf(add), 40));
   expectWithout(3, "adding a record in pieces, before its lengths", writesOfPieces());
   expectWithout(2, "adding a record, before the link", writesOfPieces());

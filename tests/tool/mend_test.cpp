@@ -109,8 +109,8 @@ TEST_F(ToolMend, LinksOrDiscardsABatchThatWasNeverLinked) {
 }
 
 // Of a table of which older records were deleted and compacted away, the counts leave open whether
-// the batch was ever part of it.
-TEST_F(ToolMend, LinksButDoesNotDiscardABatchThatMayHaveBeenLinked) {
+// the batch was ever part of it. If one of it is the record written last, it was.
+TEST_F(ToolMend, DoesNotDiscardRecordsThatWereLinked) {
   FileImage image;
   const size_t table = image.addTable("notes", 0x11);
   const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
@@ -118,7 +118,7 @@ TEST_F(ToolMend, LinksButDoesNotDiscardABatchThatMayHaveBeenLinked) {
   SlotFields& slot = image.slot(table);
   slot.recordCount = 1;
   slot.recordWriteCount = 9;
-  slot.lastRecordPos = slot.lastWrittenRecordPos = first;
+  slot.lastRecordPos = first;
   image.record(first).nextRecordPos = 0;
   writeFile(path(), image.build());
   expectUnchanged([&] {
@@ -129,6 +129,29 @@ TEST_F(ToolMend, LinksButDoesNotDiscardABatchThatMayHaveBeenLinked) {
   });
   done({"mend", "--link", kDefaultFile});
   EXPECT_EQ(database().tables.at(0).records.size(), 4u);
+  done({"compact", kDefaultFile});
+  slot.lastWrittenRecordPos = first;
+  writeFile(path(), image.build());
+  done({"mend", "--discard", kDefaultFile});
+  EXPECT_EQ(database().tables.at(0).records.size(), 1u);
+  done({"compact", kDefaultFile});
+}
+
+TEST_F(ToolMend, LinksTableDataThatWasNeverLinked) {
+  FileImage image;
+  const size_t table = image.addTable("notes", 0x11);
+  image.setTableData(table, bytesOf("data"));
+  SlotFields& slot = image.slot(table);
+  slot.firstDataPos = slot.lastWrittenDataPos = slot.lastDataPos = 0;
+  slot.dataBlockCount = slot.dataWriteCount = 0;
+  writeFile(path(), image.build());
+  expectUnchanged([&] {
+    fails({"compact", kDefaultFile}, 1, {"1 block of table data would be lost", "'qvdb mend'"});
+    EXPECT_NE(done({"mend", kDefaultFile}).find("1 block of table data of an interrupted write"),
+              std::string::npos);
+  });
+  done({"mend", "--link", kDefaultFile});
+  EXPECT_EQ(done({"data", kDefaultFile, "notes"}), "data");
   done({"compact", kDefaultFile});
 }
 

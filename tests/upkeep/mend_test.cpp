@@ -144,9 +144,7 @@ TEST_F(Mend, StoppedBeforeAnyOfItsWritesCanBeBegunAgain) {
   }
 }
 
-// A batch whose process was killed, in a table whose older records were deleted and compacted away:
-// the slot counts more records than the file has without them, which leaves open whether they were
-// part of the table.
+// A batch whose process was killed, in a table whose older records were deleted and compacted away.
 class BatchAfterACompaction : public Mend {
  protected:
   static constexpr size_t kRecords = 3;
@@ -198,6 +196,7 @@ TEST_F(BatchAfterACompaction, IsLinkedOnRequest) {
     if (HasFatalFailure()) return;
     const std::string message = expectError(Reason::damaged, [&] { qvdb::compact(path()); });
     EXPECT_NE(message.find("3 records would be lost"), std::string::npos) << message;
+    EXPECT_NE(message.find("cut off"), std::string::npos) << message;
     const qvdb::MendReport asItIs = qvdb::mend(path());
     EXPECT_TRUE(asItIs.steps.empty());
     EXPECT_EQ(asItIs.left_over, kRecords);
@@ -213,12 +212,131 @@ TEST_F(BatchAfterACompaction, IsLinkedOnRequest) {
   }
 }
 
-// They may be records that a link repair has cut off, as they are in the next test.
-TEST_F(BatchAfterACompaction, IsNotDiscarded) {
-  putBatch(1, 2);
+TEST_F(BatchAfterACompaction, IsDiscardedOnRequest) {
+  for (const size_t kept : {0u, 1u, 5u}) {
+    SCOPED_TRACE(kept);
+    putBatch(kept, kept == 0 ? 1 : 2);
+    if (HasFatalFailure()) return;
+    EXPECT_EQ(qvdb::mend(path(), {.cut_off = CutOffWrites::discard}).left_over, 0u);
+    EXPECT_EQ(payloadsNow().size(), kept);
+    EXPECT_EQ(qvdb::compact(path()).records, kept);
+  }
+}
+
+// A record was deleted as the last one of the table before the batch began.
+TEST_F(BatchAfterACompaction, DoesNotBringBackWhatWasDeletedBefore) {
+  std::filesystem::remove(path());
+  qvdb::Database database = createDatabase();
+  qvdb::Table table = database.add_table("notes");
+  table.add("a");
+  const qvdb::Id deleted = table.add("deleted");
+  table.remove(deleted);
+  database.close();
+  Bytes before = contents();
+  std::vector<Write> writes;
+  {
+    RecordedCalls host;
+    database = openDatabase();
+    database.table("notes").append_all(payloads_);
+    writes = ranges(host.writes());
+    database.close();
+  }
+  writes.resize(writes.size() - 2);
+  const Bytes damaged = applied(before, writes);
+  writeFile(path(), damaged);
+  std::vector<std::string> labels;
+  const auto visit = [&](const qvdb::FoundBlock& block) {
+    labels.emplace_back(qvdb::to_string(block.label));
+  };
+  EXPECT_EQ(qvdb::salvage(path(), path("saved.qvd"), visit).records_written, 4u);
+  EXPECT_EQ(labels,
+            (std::vector<std::string>{"live", "deleted", "unlinked", "unlinked", "unlinked"}));
+  EXPECT_EQ(qvdb::mend(path()).left_over, kRecords);
+  qvdb::mend(path(), {.cut_off = CutOffWrites::link});
+  EXPECT_EQ(payloadsNow(), (std::vector<std::string>{"a", "first", "second", "third"}));
+  EXPECT_EQ(qvdb::compact(path()).records, 4u);
+  writeFile(path(), damaged);
+  qvdb::mend(path(), {.cut_off = CutOffWrites::discard});
+  EXPECT_TRUE(sameBytes(contents(), before));
+  EXPECT_EQ(qvdb::compact(path()).records, 1u);
+}
+
+// The counts of a table whose records were replaced or compacted away leave open whether a batch
+// was ever linked. What was written last says that it was not.
+FileImage batchBesideLargeCount(bool isFollowed) {
+  FileImage image;
+  const size_t table = image.addTable("notes", 0x11);
+  const size_t other = image.addTable("others", 0x22);
+  const int64_t first = image.addRecord(table, 0xA1, bytesOf("first"));
+  for (uint64_t i = 1; i < 4; ++i) image.addRecord(table, 0xA1 + i, bytesOf("more"));
+  if (isFollowed) image.addRecord(other, 0xB1, bytesOf("later"));
+  SlotFields& slot = image.slot(table);
+  slot.recordCount = 1;
+  slot.recordWriteCount = 9;
+  slot.lastRecordPos = slot.lastWrittenRecordPos = first;
+  image.record(first).nextRecordPos = 0;
+  return image;
+}
+
+TEST_F(Mend, DiscardsABatchThatWasNeverTheLastWritten) {
+  for (const bool isFollowed : {false, true}) {
+    writeFile(path(), batchBesideLargeCount(isFollowed).build());
+    EXPECT_EQ(qvdb::mend(path()).left_over, 3u);
+    expectError(Reason::damaged, [&] { qvdb::compact(path()); });
+    const qvdb::MendReport report = qvdb::mend(path(), {.cut_off = CutOffWrites::discard});
+    EXPECT_EQ(report.left_over, 0u);
+    EXPECT_EQ(report.steps.size(), isFollowed ? 3u : 1u);
+    EXPECT_EQ(qvdb::mend(path(), {.cut_off = CutOffWrites::discard}).steps.size(), 0u);
+    EXPECT_EQ(qvdb::compact(path()).records, isFollowed ? 2u : 1u);
+  }
+}
+
+TEST_F(Mend, DoesNotDiscardWhatALinkRepairHasCutOff) {
+  FileImage image = batchBesideLargeCount(false);
+  image.slot(0).lastWrittenRecordPos = image.end() - 56 - 4;
+  const Bytes before = image.build();
+  writeFile(path(), before);
   const qvdb::MendReport report = qvdb::mend(path(), {.cut_off = CutOffWrites::discard});
-  EXPECT_EQ(report.left_over, kRecords);
-  EXPECT_TRUE(sameBytes(contents(), damaged_));
+  EXPECT_EQ(report.left_over, 3u);
+  EXPECT_TRUE(sameBytes(contents(), before));
+}
+
+// Data of a table whose slot has none: at the end of the file, or with other blocks after it.
+FileImage cutOffData(bool isFollowed) {
+  FileImage image;
+  const size_t table = image.addTable("notes", 0x11);
+  image.setTableData(table, bytesOf("data"));
+  if (isFollowed) image.addRecord(table, 0xA1, bytesOf("first"));
+  SlotFields& slot = image.slot(table);
+  slot.firstDataPos = slot.lastWrittenDataPos = slot.lastDataPos = 0;
+  slot.dataBlockCount = slot.dataWriteCount = 0;
+  return image;
+}
+
+TEST_F(Mend, LinksOrDiscardsTheFirstTableDataThatWasNeverLinked) {
+  for (const bool isFollowed : {false, true}) {
+    const Bytes damaged = cutOffData(isFollowed).build();
+    writeFile(path(), damaged);
+    expectError(Reason::damaged, [&] { qvdb::compact(path()); });
+    const qvdb::MendReport kept = qvdb::mend(path());
+    EXPECT_EQ(kept.left_over, 1u);
+    EXPECT_EQ(kept.left_over_data, 1u);
+    EXPECT_TRUE(sameBytes(contents(), damaged));
+
+    EXPECT_EQ(qvdb::mend(path(), {.cut_off = CutOffWrites::link}).left_over, 0u);
+    EXPECT_EQ(readDatabase(contents()).tables.at(0).data.value().data(), bytesOf("data"));
+    EXPECT_EQ(qvdb::check(path()).warnings, 0u);
+    qvdb::compact(path());
+
+    writeFile(path(), damaged);
+    EXPECT_EQ(qvdb::mend(path(), {.cut_off = CutOffWrites::discard}).left_over, 0u);
+    Bytes expected = damaged;
+    constexpr size_t kBlock = 22 + 4;
+    const Bytes zeros = Bytes().fill(kBlock, 0);
+    expected = isFollowed ? damaged.with(4630, zeros) : damaged.cut(damaged.size() - kBlock);
+    EXPECT_TRUE(sameBytes(contents(), expected));
+    qvdb::compact(path());
+  }
 }
 
 TEST_F(Mend, LinksAgainWhatALinkRepairHasCutOff) {

@@ -22,14 +22,22 @@ CutOffWrites cutOffOf(const Options& options) {
   return options.discard ? CutOffWrites::discard : CutOffWrites::keep;
 }
 
-std::string aboutLeftOver(uint64_t count, const Options& options) {
+std::string aboutLeftOver(const MendReport& report, const Options& options) {
   if (options.discard) {
-    return counted(count, "record that may have been in its table was not removed",
-                   "records that may have been in their tables were not removed") +
+    return counted(report.left_over, "block that was in its table once was not removed",
+                   "blocks that were in their tables once were not removed") +
            "; --link links them, 'qvdb compact --force' drops them";
   }
-  return counted(count, "record of an interrupted write is not in its table",
-                 "records of interrupted writes are not in their tables") +
+  const bool isAllData = report.left_over_data == report.left_over;
+  const bool isAllRecords = report.left_over_data == 0;
+  const std::string what =
+      isAllData ? counted(report.left_over, "block of table data", "blocks of table data")
+      : isAllRecords
+          ? counted(report.left_over, "record", "records")
+          : counted(report.left_over, "record or block", "records and blocks") + " of table data";
+  return what +
+         (report.left_over == 1 ? " of an interrupted write is not in its table"
+                                : " of interrupted writes are not in their tables") +
          "; --link links them, --discard removes them";
 }
 
@@ -38,7 +46,7 @@ int run(const Options& options) {
   const MendReport report = whileInUse(
       [&] { return mend(options.file, {.cut_off = cutOff, .dry_run = options.dryRun}); });
   for (const std::string& step : report.steps) printLine(escaped(step));
-  if (report.left_over > 0) printLine(aboutLeftOver(report.left_over, options));
+  if (report.left_over > 0) printLine(aboutLeftOver(report, options));
   if (report.steps.empty()) {
     printLine("there is nothing to mend");
   } else {
@@ -52,10 +60,11 @@ Action define(Arguments& arguments) {
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.flag("-n,--dry-run", options->dryRun, "Report what would be done, and write nothing.");
   arguments.flag("--link", options->link,
-                 "Link records that were written, but never linked, into their tables.");
+                 "Link records and table data that were written, but never linked, into their "
+                 "tables.");
   arguments.flag("--discard", options->discard,
-                 "Count such records as deleted. At the end of the file they are cut off, and torn "
-                 "blocks with them.");
+                 "Count such records as deleted, and overwrite such table data with zeros. At the "
+                 "end of the file they are cut off, and torn blocks with them.");
   return actionOf(options, run);
 }
 
@@ -73,9 +82,10 @@ The file is checked before, and so is what it would become: nothing is written u
 has no error and every record that 'qvdb salvage' would find. All other damage is refused. A
 deletion that was begun is finished; 'qvdb undelete' brings its record back.
 
-Records that were written but never linked are not changed unless --link or --discard is given.
-Their writes never returned, so that each choice is correct. --discard does not remove records that
-a link repair may have cut off their table.)",
+Records and table data that were written but never linked are not changed unless --link or --discard
+is given. Their writes never returned, so that each choice is correct. Records that a forced link
+repair has cut off their table can look like them: --discard keeps these if the record written last
+is one of them. --dry-run lists what would be removed.)",
     R"(qvdb mend --dry-run notes.qvd
 qvdb mend notes.qvd)",
     define,

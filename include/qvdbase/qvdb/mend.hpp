@@ -20,14 +20,14 @@
 namespace qvdb {
 
 // What becomes of whole blocks that an interrupted operation has written but not linked: records
-// that were to be added, newer versions of records that were to be moved. Their operations never
-// returned, so that each choice is correct.
+// that were to be added, newer versions of records that were to be moved, the first data of a
+// table. Their operations never returned, so that each choice is correct.
 enum class CutOffWrites {
   keep,  // they are not changed; salvage() brings them back
   link,  // they are linked into their tables
-  // They count as deleted; at the end of the file they are cut off, torn blocks included. A batch
-  // that may also be what a link repair has removed from a chain stays: its writes may have
-  // returned.
+  // They count as deleted, and table data is overwritten with zeros; at the end of the file they
+  // are cut off, torn blocks included. Records that a link repair has removed from their chain stay
+  // if the record written last is one of them: their writes have returned.
   discard,
 };
 
@@ -43,6 +43,7 @@ struct MendReport {
   std::vector<std::string> steps;
   // Whole blocks of interrupted writes that are still in the file and could be linked.
   uint64_t left_over = 0;
+  uint64_t left_over_data = 0;  // of these, blocks of table data
 };
 
 // Mends a database in place. The file is checked before, and so is what it would become: only a

@@ -1,5 +1,7 @@
 #include "recovery/mend/left_over.h"
 
+#include <algorithm>
+
 #include "format/layout.h"
 
 using namespace qvdbase::survey;
@@ -33,6 +35,20 @@ std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
     previous = each.position;
   }
   return tail;
+}
+
+bool wasLinked(const Survey& survey, const Table& table, const std::vector<uint32_t>& tail) {
+  const int64_t lastWritten = survey.slotOf(table).fields.lastWrittenRecordPos;
+  return std::any_of(tail.begin(), tail.end(), [&](uint32_t number) {
+    return survey.blocks[number].position == lastWritten;
+  });
+}
+
+bool isLeftOverData(const Survey& survey, const Block& block) {
+  if (block.kind != BlockKind::tableData || block.label != Label::unlinked) return false;
+  const Slot* slot = survey.slotAt(survey.owners[block.owner].slot);
+  const bool isWhole = !block.isReached() && block.grade == Grade::a;
+  return isWhole && slot != nullptr && slot->fields.firstDataPos == 0;
 }
 
 }  // namespace qvdbase::mend

@@ -1,4 +1,4 @@
-// Whole records of writes that were cut off.
+// Whole records and table data of writes that were cut off.
 #pragma once
 
 #include <cstdint>
@@ -17,5 +17,13 @@ bool isLeftOver(const survey::Block& block);
 // right either way. None where there are others besides, or where their order is not that of
 // writing.
 std::vector<uint32_t> tailApart(const survey::Survey& survey, const survey::Table& table);
+
+// Whether records of that tail were part of the table once: only what was counted is ever the one
+// that was written last.
+bool wasLinked(const survey::Survey& survey, const survey::Table& table,
+               const std::vector<uint32_t>& tail);
+
+// The first data of a table, whole, whose slot was never written.
+bool isLeftOverData(const survey::Survey& survey, const survey::Block& block);
 
 }  // namespace qvdbase::mend

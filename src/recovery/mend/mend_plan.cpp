@@ -26,6 +26,9 @@ using qvdb::CutOffWrites;
 // Records by table and record identifier.
 using Records = std::set<std::pair<uint64_t, uint64_t>>;
 
+// The largest block that is overwritten with zeros, which are held in memory.
+constexpr int64_t kMostZeros = int64_t{64} << 20;
+
 // What a salvage would bring back.
 Records salvageable(const Survey& survey) {
   Records records;
@@ -82,7 +85,15 @@ class Planner {
     }
     for (const Block& each : survey_.blocks) {
       const bool isTorn = each.grade != Grade::a && !each.isReached();
-      if (isTorn || isLeftOver(each)) pieces.push_back({each.position, each.end, &each});
+      if (isTorn || isLeftOver(each) || isLeftOverData(survey_, each)) {
+        pieces.push_back({each.position, each.end, &each});
+      }
+    }
+    for (const Table& table : survey_.tables) {
+      if (!survey_.slotOf(table).counted) continue;
+      for (const uint32_t number : tailToDiscard(table)) {
+        pieces.push_back({block(number).position, block(number).end, &block(number)});
+      }
     }
     std::stable_sort(pieces.begin(), pieces.end(),
                      [](const Piece& a, const Piece& b) { return a.end > b.end; });
@@ -123,6 +134,7 @@ class Planner {
     for (std::string& step : completion.steps) plan_.steps.push_back(std::move(step));
     if (cutOff_ == CutOffWrites::link) linkLeftOver(table, &completion.chain, &fields);
     if (cutOff_ == CutOffWrites::discard) discardLeftOver(table, &fields);
+    if (cutOff_ != CutOffWrites::keep) decideData(table, &fields);
     link(completion.chain);
     fields.recordCount = static_cast<uint32_t>(completion.chain.size());
     fields.recordWriteCount = std::max(fields.recordWriteCount, fields.recordCount);
@@ -145,9 +157,17 @@ class Planner {
         found.push_back(number);
       }
     }
-    if (cutOff_ != CutOffWrites::link) return found;
-    for (const uint32_t number : tailApart(survey_, table)) found.push_back(number);
+    const bool isLinked = cutOff_ == CutOffWrites::link;
+    for (const uint32_t number : isLinked ? tailApart(survey_, table) : tailToDiscard(table)) {
+      if (block(number).end <= plan_.size) found.push_back(number);
+    }
     return found;
+  }
+
+  std::vector<uint32_t> tailToDiscard(const Table& table) const {
+    std::vector<uint32_t> tail = tailApart(survey_, table);
+    if (wasLinked(survey_, table, tail)) tail.clear();
+    return tail;
   }
 
   void linkLeftOver(const Table& table, std::vector<uint32_t>* chain, tablePart1* fields) {
@@ -174,7 +194,7 @@ class Planner {
   void discardLeftOver(const Table& table, tablePart1* fields) {
     for (const uint32_t number : leftOverOf(table)) {
       const Block& each = block(number);
-      if (each.label != Label::unlinked) continue;
+      if (each.label == Label::unfinishedRelocation) continue;
       ++fields->recordWriteCount;
       noteGone(each);
       // The records of a batch name each other, as those of a chain that was broken do.
@@ -184,13 +204,37 @@ class Planner {
     }
   }
 
+  // The first data of the table, which was never linked.
+  void decideData(const Table& table, tablePart1* fields) {
+    for (const Block& each : survey_.blocks) {
+      if (each.owner != table.owner || !isLeftOverData(survey_, each)) continue;
+      if (each.end > plan_.size) return;
+      const std::string data = "the table data at " + std::to_string(each.position);
+      if (cutOff_ == CutOffWrites::link) {
+        pointAtData(each.position, fields);
+        plan_.steps.push_back(nameOf(table) + data + ", which was never linked, is added");
+      } else if (each.end - each.position <= kMostZeros) {
+        // No count says that data was deleted: what was taken back is zeros.
+        const auto size = static_cast<size_t>(each.end - each.position);
+        plan_.patches.push_back({each.position, std::vector<unsigned char>(size)});
+        plan_.steps.push_back(nameOf(table) + data +
+                              ", which was never linked, is overwritten with zeros");
+      }
+      return;
+    }
+  }
+
+  static void pointAtData(int64_t position, tablePart1* fields) {
+    fields->firstDataPos = fields->lastWrittenDataPos = fields->lastDataPos = position;
+    fields->dataBlockCount = 1;
+    fields->dataWriteCount = std::max<uint32_t>(fields->dataWriteCount, 1);
+  }
+
   void pointAtPackedData(const Table& table, tablePart1* fields) {
     const uint32_t data = packedData(survey_, table);
     if (data == kNoBlock) return;
     const int64_t position = block(data).position;
-    fields->firstDataPos = fields->lastWrittenDataPos = fields->lastDataPos = position;
-    fields->dataBlockCount = 1;
-    fields->dataWriteCount = std::max<uint32_t>(fields->dataWriteCount, 1);
+    pointAtData(position, fields);
     plan_.steps.push_back(nameOf(table) + "the data that a pack has moved is found at " +
                           std::to_string(position));
   }
@@ -243,8 +287,12 @@ class Planner {
                       " would be lost; it can be completed in more than one way";
       return;
     }
+    plan_.leftOverData = static_cast<uint64_t>(
+        std::count_if(survey.blocks.begin(), survey.blocks.end(),
+                      [&](const Block& each) { return isLeftOverData(survey, each); }));
     plan_.leftOver = static_cast<uint64_t>(
         std::count_if(survey.blocks.begin(), survey.blocks.end(), isLeftOver));
+    plan_.leftOver += plan_.leftOverData;
     for (const Table& table : survey.tables) {
       if (!survey.slotOf(table).counted) continue;
       plan_.leftOver += tailApart(survey, table).size();

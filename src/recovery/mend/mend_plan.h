@@ -38,6 +38,7 @@ struct MendPlan {
   std::string refusal;             // why nothing can be done; else empty
   int64_t unreadableAt = -1;       // what the host could not read: nothing is known of it then
   uint64_t leftOver = 0;           // whole blocks of writes that were cut off, which stay
+  uint64_t leftOverData = 0;       // of these, table data
 };
 
 MendPlan planMend(const survey::ByteSource& source, qvdb::CutOffWrites cutOff);
