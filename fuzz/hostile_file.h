@@ -4,8 +4,7 @@
 // A file of a few thousand bytes can claim payloads of 4 GiB and chains of four thousand million
 // records. None of that may be believed: the memory that one request asks for, what is read and
 // what is written stay in proportion to the file. A request beyond that ends the target.
-#ifndef QVDBASE_FUZZ_HOSTILE_FILE_H
-#define QVDBASE_FUZZ_HOSTILE_FILE_H
+#pragma once
 
 #include <qvdbase/base.h>
 
@@ -170,5 +169,3 @@ inline std::vector<TableNumbers> firstTables(const uint8_t* data, size_t size, s
 }
 
 }  // namespace qvdbase::fuzz
-
-#endif

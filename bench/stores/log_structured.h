@@ -1,6 +1,5 @@
 // LevelDB and RocksDB, whose interfaces are alike: the log written and not synced, no compression.
-#ifndef QVDBASE_BENCH_STORES_LOG_STRUCTURED_H
-#define QVDBASE_BENCH_STORES_LOG_STRUCTURED_H
+#pragma once
 
 #include "store.h"
 
@@ -85,5 +84,3 @@ class LogStructuredStore : public Store {
 };
 
 }  // namespace bench
-
-#endif

@@ -1,6 +1,5 @@
 // A conformance file of docs/conformance with its contents as the JSON beside it says.
-#ifndef QVDBASE_TESTS_CONFORMANCE_CONFORMANCE_FILE_H
-#define QVDBASE_TESTS_CONFORMANCE_CONFORMANCE_FILE_H
+#pragma once
 
 #include <cstdint>
 #include <filesystem>
@@ -110,5 +109,3 @@ class ConformanceFile {
 };
 
 }  // namespace qvdbase::test
-
-#endif

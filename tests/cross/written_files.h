@@ -1,7 +1,6 @@
 // Database files that come out the same on every machine: written through the C interface, with
 // clocks that do not move and a generator that starts afresh before every identifier.
-#ifndef QVDBASE_TESTS_CROSS_WRITTEN_FILES_H
-#define QVDBASE_TESTS_CROSS_WRITTEN_FILES_H
+#pragma once
 
 #include <cstdint>
 #include <filesystem>
@@ -17,5 +16,3 @@ inline constexpr uint64_t kCounter = 0x00000005A0000001;
 void writeFiles(const std::filesystem::path& folder);
 
 }  // namespace qvdbase::test
-
-#endif

@@ -1,7 +1,6 @@
 // Runs a fuzz target over a folder of its corpus, without a fuzzing engine. A target that finds
 // something ends the process.
-#ifndef QVDBASE_TESTS_FUZZ_REPLAY_REPLAY_H
-#define QVDBASE_TESTS_FUZZ_REPLAY_REPLAY_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -48,5 +47,3 @@ inline void replayCut(FuzzTarget target, const char* folder, size_t step) {
 }
 
 }  // namespace qvdbase::test
-
-#endif

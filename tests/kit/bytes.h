@@ -4,8 +4,7 @@
 //   EXPECT_EQ(file.at(16, 6), hex("0000 0020 0090"));
 //   EXPECT_TRUE(sameBytes(readFile(path), expected));        long contents: shows where they differ
 //   Bytes header = Bytes().text("QVdb").be(2, 100).zeros(10);
-#ifndef QVDBASE_TESTS_SUPPORT_BYTES_H
-#define QVDBASE_TESTS_SUPPORT_BYTES_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -84,5 +83,3 @@ std::string dump(const Bytes& bytes, size_t offset = 0, size_t limit = 256);
 void PrintTo(const Bytes& bytes, std::ostream* out);
 
 }  // namespace qvdbase::test
-
-#endif

@@ -17,8 +17,7 @@
 //   allowDamage("test.qvd");            not checked at all
 //
 // Those that add something expect success and fail the test otherwise.
-#ifndef QVDBASE_TESTS_SUPPORT_DATABASE_FIXTURE_H
-#define QVDBASE_TESTS_SUPPORT_DATABASE_FIXTURE_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <qvdbase/qvdbase.h>
@@ -121,5 +120,3 @@ class DatabaseTest : public testing::Test {
 };
 
 }  // namespace qvdbase::test
-
-#endif

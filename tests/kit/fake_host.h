@@ -1,7 +1,6 @@
 // The recorder of system calls under its short name, for tests that need no more than a clock that
 // stands still and a call that fails.
-#ifndef QVDBASE_TESTS_SUPPORT_FAKE_HOST_H
-#define QVDBASE_TESTS_SUPPORT_FAKE_HOST_H
+#pragma once
 
 #include "kit/recorded_calls.h"
 
@@ -10,5 +9,3 @@ namespace qvdbase::test {
 using FakeHost = RecordedCalls;
 
 }  // namespace qvdbase::test
-
-#endif

@@ -28,8 +28,7 @@
 //   S1 two blocks overlap                          S4 unreferenced block that is not whole
 //   S5 bytes that belong to no block               S8 unreferenced block of a table that is not
 //   there
-#ifndef QVDBASE_TESTS_SUPPORT_FILE_CHECKER_H
-#define QVDBASE_TESTS_SUPPORT_FILE_CHECKER_H
+#pragma once
 
 #include <cstdint>
 #include <filesystem>
@@ -57,5 +56,3 @@ std::string describe(const std::vector<Finding>& findings);
 std::vector<std::string> codesOf(const std::vector<Finding>& findings);
 
 }  // namespace qvdbase::test
-
-#endif

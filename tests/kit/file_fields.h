@@ -4,8 +4,7 @@
 //
 // Each structure starts out as the library would write it (an empty table, a record of no bytes);
 // a test changes fields, also to values that no sound file holds.
-#ifndef QVDBASE_TESTS_SUPPORT_FILE_FIELDS_H
-#define QVDBASE_TESTS_SUPPORT_FILE_FIELDS_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -119,5 +118,3 @@ RecordFields decodeRecord(const Bytes& file, int64_t offset);
 TableDataFields decodeTableData(const Bytes& file, int64_t offset);
 
 }  // namespace qvdbase::test
-
-#endif

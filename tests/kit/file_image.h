@@ -11,8 +11,7 @@
 // Blocks stand one behind the other in the order of the calls, from 4630 on; the links and the
 // slots are kept as the library would keep them. Everything can be changed afterwards, field by
 // field, through header(), slot(), record() and tableData(); positions do not move by that.
-#ifndef QVDBASE_TESTS_SUPPORT_FILE_IMAGE_H
-#define QVDBASE_TESTS_SUPPORT_FILE_IMAGE_H
+#pragma once
 
 #include <array>
 #include <cstdint>
@@ -73,5 +72,3 @@ class FileImage {
 };
 
 }  // namespace qvdbase::test
-
-#endif

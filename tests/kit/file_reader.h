@@ -4,8 +4,7 @@
 //
 // The reader expects a sound file and throws where a chain cannot be followed;
 // finding out what is wrong with a file is the checker's work (file_checker.h).
-#ifndef QVDBASE_TESTS_SUPPORT_FILE_READER_H
-#define QVDBASE_TESTS_SUPPORT_FILE_READER_H
+#pragma once
 
 #include <cstdint>
 #include <filesystem>
@@ -41,5 +40,3 @@ ReadDatabase readDatabase(const Bytes& file);
 ReadDatabase readDatabase(const std::filesystem::path& path);
 
 }  // namespace qvdbase::test
-
-#endif

@@ -1,6 +1,5 @@
 // A child process that got everything of this one, for tests of what objects do there.
-#ifndef QVDBASE_TESTS_SUPPORT_FORKED_H
-#define QVDBASE_TESTS_SUPPORT_FORKED_H
+#pragma once
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -35,5 +34,3 @@ int inForkedChild(Work&& work) {
 }
 
 }  // namespace qvdbase::test
-
-#endif

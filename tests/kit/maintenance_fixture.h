@@ -1,7 +1,6 @@
 // The fixture for tests on whole-file operations: a source with everything in it that a pack has to
 // tell apart, and checks that nothing stays open behind an operation.
-#ifndef QVDBASE_TESTS_SUPPORT_MAINTENANCE_FIXTURE_H
-#define QVDBASE_TESTS_SUPPORT_MAINTENANCE_FIXTURE_H
+#pragma once
 
 #include <qvdbase/QVFile.h>
 #include <qvdbase/caches.h>
@@ -118,5 +117,3 @@ struct LivelyDatabase {
 };
 
 }  // namespace qvdbase::test
-
-#endif

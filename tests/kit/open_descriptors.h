@@ -1,6 +1,5 @@
 // How many descriptors this process has open: equal before and after, nothing leaked.
-#ifndef QVDBASE_TESTS_SUPPORT_OPEN_DESCRIPTORS_H
-#define QVDBASE_TESTS_SUPPORT_OPEN_DESCRIPTORS_H
+#pragma once
 
 #include <fcntl.h>
 
@@ -16,5 +15,3 @@ inline int openDescriptors() {
 }
 
 }  // namespace qvdbase::test
-
-#endif

@@ -7,8 +7,7 @@
 //
 // It is made by fork and carries out one command at a time. It must be made while this process has
 // no file of the library open, else it would share them instead of being a stranger.
-#ifndef QVDBASE_TESTS_SUPPORT_OTHER_PROCESS_H
-#define QVDBASE_TESTS_SUPPORT_OTHER_PROCESS_H
+#pragma once
 
 #include <qvdbase/base.h>
 #include <sys/types.h>
@@ -53,5 +52,3 @@ class OtherProcess {
 };
 
 }  // namespace qvdbase::test
-
-#endif

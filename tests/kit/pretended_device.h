@@ -1,7 +1,6 @@
 // Lets one regular file pass for a block device: its status says so, and tells no size, as that of
 // a device. Making a real one takes rights that tests do not have.
-#ifndef QVDBASE_TESTS_SUPPORT_PRETENDED_DEVICE_H
-#define QVDBASE_TESTS_SUPPORT_PRETENDED_DEVICE_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -39,5 +38,3 @@ class PretendedDevice {
 };
 
 }  // namespace qvdbase::test
-
-#endif

@@ -3,8 +3,7 @@
 //   const Outcome outcome = runProgram({.program = path, .arguments = {"tables", "a.qvd"}});
 //   EXPECT_EQ(outcome.status, 0);
 //   EXPECT_EQ(outcome.out, "...");
-#ifndef QVDBASE_TESTS_SUPPORT_PROCESS_H
-#define QVDBASE_TESTS_SUPPORT_PROCESS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -48,5 +47,3 @@ Outcome runProgram(const ProgramCall& call);
 std::ostream& operator<<(std::ostream& out, const Outcome& outcome);
 
 }  // namespace qvdbase::test
-
-#endif

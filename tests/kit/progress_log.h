@@ -5,8 +5,7 @@
 //   EXPECT_EQ(log.percents(), (std::vector<int>{1, 98, 99, 100}));
 //
 // The function finds its log through the object that exists: one at a time.
-#ifndef QVDBASE_TESTS_SUPPORT_PROGRESS_LOG_H
-#define QVDBASE_TESTS_SUPPORT_PROGRESS_LOG_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -67,5 +66,3 @@ class ProgressLog {
 };
 
 }  // namespace qvdbase::test
-
-#endif

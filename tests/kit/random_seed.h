@@ -2,8 +2,7 @@
 // the environment to repeat a run.
 //
 //   std::mt19937_64 random(randomSeed());
-#ifndef QVDBASE_TESTS_SUPPORT_RANDOM_SEED_H
-#define QVDBASE_TESTS_SUPPORT_RANDOM_SEED_H
+#pragma once
 
 #include <cstdint>
 #include <cstdlib>
@@ -21,5 +20,3 @@ inline uint64_t randomSeed() {
 }
 
 }  // namespace qvdbase::test
-
-#endif

@@ -1,7 +1,6 @@
 // Whether the file layer works: what it writes is in the file when the call returns, and what it
 // reads is what is there. A scope that an earlier operation has left open shows here.
-#ifndef QVDBASE_TESTS_SUPPORT_REACHING_WRITES_H
-#define QVDBASE_TESTS_SUPPORT_REACHING_WRITES_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <qvdbase/QVFile.h>
@@ -34,5 +33,3 @@ inline void expectWritesReachTheFile() {
 }
 
 }  // namespace qvdbase::test
-
-#endif

@@ -9,8 +9,7 @@
 //     ...
 //     expectFile();                                        the file is `image`, byte for byte
 //   }
-#ifndef QVDBASE_TESTS_SUPPORT_RECORD_FIXTURE_H
-#define QVDBASE_TESTS_SUPPORT_RECORD_FIXTURE_H
+#pragma once
 
 #include <cstdint>
 #include <functional>
@@ -95,5 +94,3 @@ class RecordTest : public DatabaseTest {
 };
 
 }  // namespace qvdbase::test
-
-#endif

@@ -44,8 +44,7 @@
 //   }
 //
 // One object at a time.
-#ifndef QVDBASE_TESTS_SUPPORT_RECORDED_CALLS_H
-#define QVDBASE_TESTS_SUPPORT_RECORDED_CALLS_H
+#pragma once
 
 #include <cerrno>
 #include <cstdint>
@@ -299,5 +298,3 @@ class RecordedCalls {
 };
 
 }  // namespace qvdbase::test
-
-#endif

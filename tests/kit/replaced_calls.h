@@ -2,8 +2,7 @@
 //
 //   ReplacedCalls calls;
 //   calls->fileSizeLimit = [] { return uint64_t{100}; };
-#ifndef QVDBASE_TESTS_SUPPORT_REPLACED_CALLS_H
-#define QVDBASE_TESTS_SUPPORT_REPLACED_CALLS_H
+#pragma once
 
 #include "platform/host/system_calls.h"
 
@@ -23,5 +22,3 @@ class ReplacedCalls {
 };
 
 }  // namespace qvdbase::test
-
-#endif

@@ -1,6 +1,5 @@
 // Whether the tests run under the address sanitizer, which takes memory of its own.
-#ifndef QVDBASE_TESTS_SUPPORT_SANITIZED_H
-#define QVDBASE_TESTS_SUPPORT_SANITIZED_H
+#pragma once
 
 namespace qvdbase::test {
 
@@ -18,5 +17,3 @@ inline constexpr bool kIsSanitized = false;
 #endif
 
 }  // namespace qvdbase::test
-
-#endif

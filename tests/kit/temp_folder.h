@@ -7,8 +7,7 @@
 //
 // With QVDBASE_KEEP_FOLDERS set in the environment the folder of a test that failed is kept and its
 // path printed.
-#ifndef QVDBASE_TESTS_SUPPORT_TEMP_FOLDER_H
-#define QVDBASE_TESTS_SUPPORT_TEMP_FOLDER_H
+#pragma once
 
 #include <qvdbase/base.h>
 
@@ -50,5 +49,3 @@ class TempFolder {
 };
 
 }  // namespace qvdbase::test
-
-#endif

@@ -1,7 +1,6 @@
 // How much the long families try: a sample in the ordinary suite, everything with
 // QVDBASE_TEST_ALL=1 in the environment (scripts/test --all).
-#ifndef QVDBASE_TESTS_SUPPORT_TEST_EXTENT_H
-#define QVDBASE_TESTS_SUPPORT_TEST_EXTENT_H
+#pragma once
 
 #include <cstdint>
 #include <cstdlib>
@@ -21,5 +20,3 @@ inline void tellCount(const std::string& what, uint64_t count) {
 }
 
 }  // namespace qvdbase::test
-
-#endif

@@ -2,8 +2,7 @@
 //
 //   Unprivileged user(folder.path());
 //   if (!user) GTEST_SKIP() << "...";
-#ifndef QVDBASE_TESTS_SUPPORT_UNPRIVILEGED_H
-#define QVDBASE_TESTS_SUPPORT_UNPRIVILEGED_H
+#pragma once
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -44,5 +43,3 @@ class Unprivileged {
 };
 
 }  // namespace qvdbase::test
-
-#endif

@@ -6,8 +6,7 @@
 //
 // A char16_t literal is not a QVWCHAR array (the types are distinct), so the text is copied rather
 // than cast.
-#ifndef QVDBASE_TESTS_SUPPORT_WIDE_H
-#define QVDBASE_TESTS_SUPPORT_WIDE_H
+#pragma once
 
 #include <qvdbase/base.h>
 
@@ -58,5 +57,3 @@ inline std::u16string text(const QVWCHAR* wide) {
 }
 
 }  // namespace qvdbase::test
-
-#endif

@@ -3,8 +3,7 @@
 //
 // Each member function stands for one operation of the C interface, takes what the library cannot
 // be told beforehand (the identifiers it made) and says what the library must answer.
-#ifndef QVDBASE_TESTS_MODEL_MODEL_H
-#define QVDBASE_TESTS_MODEL_MODEL_H
+#pragma once
 
 #include <algorithm>
 #include <cstdint>
@@ -148,5 +147,3 @@ class Model {
 };
 
 }  // namespace qvdbase::test
-
-#endif

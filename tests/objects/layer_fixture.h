@@ -1,6 +1,5 @@
 // The fixture for tests of the C++ layer: the database fixture, with shorthands in its types.
-#ifndef QVDBASE_TESTS_QVDB_LAYER_FIXTURE_H
-#define QVDBASE_TESTS_QVDB_LAYER_FIXTURE_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <qvdbase/qvdb.hpp>
@@ -92,5 +91,3 @@ class LayerTest : public DatabaseTest {
 };
 
 }  // namespace qvdbase::test
-
-#endif

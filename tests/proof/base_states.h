@@ -1,7 +1,6 @@
 // The databases that operations are tried on, made by hand by the format: small ones, one for each
 // shape of file in which an operation takes a way of its own.
-#ifndef QVDBASE_TESTS_PROOF_BASE_STATES_H
-#define QVDBASE_TESTS_PROOF_BASE_STATES_H
+#pragma once
 
 #include <string>
 #include <utility>
@@ -184,5 +183,3 @@ inline std::vector<BaseState> baseStates() {
 }
 
 }  // namespace qvdbase::test
-
-#endif

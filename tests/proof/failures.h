@@ -1,6 +1,5 @@
 // Every way for a call to the host to fail.
-#ifndef QVDBASE_TESTS_PROOF_FAILURES_H
-#define QVDBASE_TESTS_PROOF_FAILURES_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -74,5 +73,3 @@ uint64_t tryAllFailures(int closely, Attempt attempt, Judge judge) {
 }
 
 }  // namespace qvdbase::test
-
-#endif

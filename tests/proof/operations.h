@@ -1,7 +1,6 @@
 // The operations that write, on a base state: each opens the file by itself, makes its one call and
 // closes the file again.
-#ifndef QVDBASE_TESTS_PROOF_OPERATIONS_H
-#define QVDBASE_TESTS_PROOF_OPERATIONS_H
+#pragma once
 
 #include <qvdbase/qvdbase.h>
 #include <qvdbase/qvdb.hpp>
@@ -168,5 +167,3 @@ inline std::vector<Operation> operationsOn(const BaseState& base) {
 }
 
 }  // namespace qvdbase::test
-
-#endif

@@ -1,7 +1,6 @@
 // The script: one call, or several, of every C function that the library exports, each with what it
 // needs beforehand and how to see whether it succeeded.
-#ifndef QVDBASE_TESTS_PROOF_SCRIPTED_CALLS_H
-#define QVDBASE_TESTS_PROOF_SCRIPTED_CALLS_H
+#pragma once
 
 #include <cstdint>
 #include <filesystem>
@@ -59,5 +58,3 @@ struct ScriptedCall {
 const std::vector<ScriptedCall>& scriptedCalls();
 
 }  // namespace qvdbase::test
-
-#endif

@@ -1,6 +1,5 @@
 // Sound databases to be damaged, made by hand by the format; and running the check on bytes.
-#ifndef QVDBASE_TESTS_CHECK_BASE_FILES_H
-#define QVDBASE_TESTS_CHECK_BASE_FILES_H
+#pragma once
 
 #include <qvdbase/qvdb/check.hpp>
 
@@ -144,5 +143,3 @@ inline uint64_t sum(const qvdb::SpaceUse& space) {
 }
 
 }  // namespace qvdbase::test
-
-#endif

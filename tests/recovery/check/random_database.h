@@ -1,6 +1,5 @@
 // A database made by random calls of the library, with a record of what became of every block.
-#ifndef QVDBASE_TESTS_CHECK_RANDOM_DATABASE_H
-#define QVDBASE_TESTS_CHECK_RANDOM_DATABASE_H
+#pragma once
 
 #include <qvdbase/qvdbase.h>
 
@@ -202,5 +201,3 @@ inline uint64_t seeds(uint64_t sample, uint64_t all) {
 }
 
 }  // namespace qvdbase::test
-
-#endif

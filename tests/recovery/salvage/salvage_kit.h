@@ -1,6 +1,5 @@
 // Salvaging bytes in memory, and looking at what the survey of them found.
-#ifndef QVDBASE_TESTS_SALVAGE_SALVAGE_KIT_H
-#define QVDBASE_TESTS_SALVAGE_SALVAGE_KIT_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <qvdbase/qvdb/salvage.hpp>
@@ -93,5 +92,3 @@ inline std::map<std::pair<uint64_t, uint64_t>, Bytes> recordsOf(const ReadDataba
 }
 
 }  // namespace qvdbase::test
-
-#endif

@@ -1,6 +1,5 @@
 // Makes a folder the root of the file system, as far as the library can see.
-#ifndef QVDBASE_TESTS_FILES_FAKE_ROOT_H
-#define QVDBASE_TESTS_FILES_FAKE_ROOT_H
+#pragma once
 
 #include <filesystem>
 #include <string>
@@ -25,5 +24,3 @@ class FakeRoot {
 };
 
 }  // namespace qvdbase::test
-
-#endif

@@ -1,7 +1,6 @@
 // The rules of floating-point output written down once more, as plainly as possible and without any
 // buffer: what a random sweep compares the library with.
-#ifndef QVDBASE_TESTS_STRINGS_FLOAT_RULES_H
-#define QVDBASE_TESTS_STRINGS_FLOAT_RULES_H
+#pragma once
 
 #include <cmath>
 #include <cstdint>
@@ -162,5 +161,3 @@ inline std::string format(const Directive& directive, double value) {
 }
 
 }  // namespace qvdbase::test::rules
-
-#endif

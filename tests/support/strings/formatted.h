@@ -1,6 +1,5 @@
 // One call of formatted output, into a buffer of exactly the size that the expected text takes.
-#ifndef QVDBASE_TESTS_STRINGS_FORMATTED_H
-#define QVDBASE_TESTS_STRINGS_FORMATTED_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <qvdbase/QVWString.h>
@@ -42,5 +41,3 @@ std::u16string formatted(size_t capacity, std::u16string_view format, Arguments.
 }
 
 }  // namespace qvdbase::test
-
-#endif

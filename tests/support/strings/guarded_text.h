@@ -1,7 +1,6 @@
 // A buffer of 16-bit characters of exactly the size that a function may use, between guards that
 // show when it wrote outside.
-#ifndef QVDBASE_TESTS_STRINGS_GUARDED_TEXT_H
-#define QVDBASE_TESTS_STRINGS_GUARDED_TEXT_H
+#pragma once
 
 #include <gtest/gtest.h>
 #include <qvdbase/QVWString.h>
@@ -61,5 +60,3 @@ inline std::string narrow(std::u16string_view text) {
 }
 
 }  // namespace qvdbase::test
-
-#endif
