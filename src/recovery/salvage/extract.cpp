@@ -5,9 +5,12 @@
 
 #include <qvdbase/qvdb/error.hpp>
 
-#include <cstdio>
+#include <algorithm>
+#include <string>
+#include <string_view>
 
 #include "failure/failure.h"
+#include "platform/paths/utf8_names.h"
 #include "products/buffered_output.h"
 #include "products/target_file.h"
 #include "recovery/salvage/payload_reader.h"
@@ -51,21 +54,72 @@ struct Content {
   uint64_t unreadable = 0;  // bytes that zeros replace
 };
 
-// Names in files may hold any bytes: what is not plain ASCII is escaped byte by byte, so that the
-// line is JSON whatever the name is.
-std::string quoted(const std::string& text) {
-  return survey::quoted(text, '"', "\\u00", true);
+constexpr char kDigits[] = "0123456789abcdef";
+
+std::string escapedUnit(uint16_t unit) {
+  std::string text = "\\u";
+  for (int shift = 12; shift >= 0; shift -= 4) text += kDigits[(unit >> shift) & 15];
+  return text;
+}
+
+std::string hexOf(const std::string& bytes) {
+  std::string text;
+  for (const char each : bytes) {
+    const auto byte = static_cast<unsigned char>(each);
+    text += kDigits[byte >> 4];
+    text += kDigits[byte & 15];
+  }
+  return text;
+}
+
+// Adds the character of UTF-8 with which `text` begins. Returns how many bytes it has, 0 for bytes
+// that are none.
+size_t addCharacter(std::string_view text, std::string* json) {
+  for (size_t count = 2; count <= std::min<size_t>(text.size(), 4); ++count) {
+    QVWCHAR units[3] = {};
+    if (!platform::utf16FromUtf8(text.data(), count, units, 3)) continue;
+    for (const QVWCHAR* unit = units; *unit != 0; ++unit) *json += escapedUnit(*unit);
+    return count;
+  }
+  return 0;
+}
+
+// The text as a string of JSON that is plain ASCII. Names in files may hold any bytes: those that
+// are no UTF-8 become replacement characters, and `isUtf8` false.
+std::string quoted(const std::string& text, bool* isUtf8) {
+  std::string json = "\"";
+  for (size_t i = 0; i < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte >= 0x80) {
+      const size_t count = addCharacter(std::string_view(text).substr(i), &json);
+      if (count == 0) json += escapedUnit(0xFFFD);
+      *isUtf8 = *isUtf8 && count > 0;
+      i += std::max<size_t>(count, 1);
+      continue;
+    }
+    ++i;
+    if (byte == '"' || byte == '\\') json += '\\';
+    json += byte < 0x20 || byte == 0x7F ? escapedUnit(byte) : std::string(1, text[i - 1]);
+  }
+  return json + '"';
+}
+
+// A member, and where the text is no UTF-8, another one with its bytes.
+std::string textMember(const char* key, const std::string& text) {
+  bool isUtf8 = true;
+  const std::string member = std::string(",\"") + key + "\":" + quoted(text, &isUtf8);
+  return isUtf8 ? member : member + ",\"" + key + "_bytes\":\"" + hexOf(text) + "\"";
 }
 
 std::string line(const qvdb::FoundBlock& found, const std::string& file, const Content& content) {
   static constexpr const char* kGrades[] = {"A", "B", "C"};
   const std::string number = std::to_string(found.offset);
-  std::string text = "{\"file\":" + quoted(file) + ",\"offset\":" + number + ",\"kind\":\"" +
+  std::string text = "{\"file\":\"" + file + "\",\"offset\":" + number + ",\"kind\":\"" +
                      (found.is_table_data ? "table data" : "record") + "\",\"grade\":\"" +
                      kGrades[static_cast<int>(found.grade)] + "\",\"label\":\"" +
                      std::string(qvdb::to_string(found.label)) + "\",\"table\":\"" +
-                     qvdb::to_string(found.table) + "\",\"name\":" + quoted(found.table_name) +
-                     ",\"written_to\":" + quoted(found.written_to);
+                     qvdb::to_string(found.table) + "\"" + textMember("name", found.table_name) +
+                     textMember("written_to", found.written_to);
   if (!found.is_table_data) {
     text += ",\"record\":\"" + qvdb::to_string(found.record) +
             "\",\"created\":" + std::to_string(found.create_time) +

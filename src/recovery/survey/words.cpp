@@ -12,25 +12,21 @@ std::string counted(uint64_t count, const char* thing) {
   return counted(count, thing, (std::string(thing) + "s").c_str());
 }
 
-std::string quoted(const std::string& text, char quote, const char* escape, bool onlyAscii) {
+std::string shown(const std::string& name) {
   static constexpr char kDigits[] = "0123456789abcdef";
-  std::string result(1, quote);
-  for (const char each : text) {
+  std::string result = "'";
+  for (const char each : name) {
     const auto byte = static_cast<unsigned char>(each);
-    if (byte < 0x20 || byte == 0x7F || (onlyAscii && byte > 0x7F)) {
-      result += escape;
+    if (byte < 0x20 || byte == 0x7F) {
+      result += "\\x";
       result += kDigits[byte >> 4];
       result += kDigits[byte & 15];
     } else {
-      if (each == quote || each == '\\') result += '\\';
+      if (each == '\'' || each == '\\') result += '\\';
       result += each;
     }
   }
-  return result + quote;
-}
-
-std::string shown(const std::string& name) {
-  return quoted(name, '\'', "\\x", false);
+  return result + '\'';
 }
 
 std::string shownId(uint64_t id) {

@@ -27,11 +27,8 @@ std::string joined(const Parts&... parts) {
 std::string counted(uint64_t count, const char* thing);
 std::string counted(uint64_t count, const char* one, const char* many);
 
-// The text in quotes, with backslashes before quotes and backslashes. Control characters become
-// `escape` and two digits; with `onlyAscii` so does every byte that is not ASCII.
-std::string quoted(const std::string& text, char quote, const char* escape, bool onlyAscii);
-
-// A name from a file, made fit to be shown: in single quotes, what is not printable escaped.
+// A name from a file, made fit to be shown: in single quotes, with backslashes before quotes and
+// backslashes, and control characters as "\x" and two digits.
 std::string shown(const std::string& name);
 
 // "0x" and 16 digits.

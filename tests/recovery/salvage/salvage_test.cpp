@@ -314,6 +314,29 @@ TEST(Salvage, ExtractsPayloadsWithAManifest) {
       << manifest;
 }
 
+TEST(Salvage, NamesTablesInTheManifestAsTheyAre) {
+  struct Case {
+    const char* name;
+    const char* members;
+  };
+  // A name whose last character is cut in two has its bytes besides.
+  for (const Case& each :
+       {Case{"M\xC3\xB6"
+             "bel",
+             R"("name":"M\u00f6bel","written_to":"M\u00f6bel",)"},
+        Case{"\xF0\x9F\x93\x9A\"\\", R"("name":"\ud83d\udcda\"\\","written_to":)"},
+        Case{"M\xC3", R"("name":"M\ufffd","name_bytes":"4dc3","written_to":"M\ufffd",)"
+                      R"("written_to_bytes":"4dc3",)"}}) {
+    TempFolder folder;
+    FileImage image;
+    image.addRecord(image.addTable(each.name, 0x11), 0xA1, bytesOf("text"));
+    const Bytes bytes = image.build();
+    qvdb::salvage_image(asBytes(bytes), folder / "saved.qvd", {}, {.extract_to = folder / "out"});
+    const std::string manifest = readFile(folder / "out" / "manifest.jsonl").str();
+    EXPECT_NE(manifest.find(each.members), std::string::npos) << manifest;
+  }
+}
+
 class SalvageFile : public testing::Test {
  protected:
   qvdb::Reason reasonOf(const char* source, const char* target) {
