@@ -210,7 +210,8 @@ Action define(Arguments& arguments) {
   arguments.option(
       "--deep", "DIR", options->deep,
       "Also search for databases that are stored in payloads, or one after the other in an "
-      "image of a device, and salvage each into DIR/at-OFFSET.qvd.");
+      "image of a device, and salvage each into DIR/at-OFFSET.qvd. Together these files do not "
+      "become larger than four times SRC; those left out are named.");
   arguments.option(
       "--from", "OFFSET", options->from,
       "Where the database begins in SRC, in bytes. Below 0: so many bytes are missing at "

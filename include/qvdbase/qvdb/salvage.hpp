@@ -94,8 +94,8 @@ struct SalvageOptions {
   std::filesystem::path extract_to = {};
   // A folder for the databases that are stored in payloads, or between the blocks as in an image of
   // a device: each is salvaged too, with the same options, into "at-<offset>.qvd"; the folder is
-  // created. This reads everything, and each stored database once more. The limit is 1,000
-  // databases. Empty: none.
+  // created. This reads everything, and each stored database once more. At most 1,000
+  // are written, and not more than four times the source; notes name the rest. Empty: none.
   std::filesystem::path deep_to = {};
   bool create_folders = false;  // whether missing folders in the paths of new files are created
 };

@@ -7,11 +7,14 @@
 #include <qvdbase/qvdb/error.hpp>
 
 #include <algorithm>
+#include <optional>
+#include <string>
 
 #include "failure/failure.h"
 #include "format/layout.h"
 #include "recovery/salvage/run.h"
 #include "recovery/survey/part_source.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdbase::format;
 using namespace qvdbase::survey;
@@ -34,6 +37,23 @@ int64_t endOfPayload(const Survey& survey, const std::vector<uint32_t>& order, i
   const Block& block = survey.blocks[*(after - 1)];
   const int64_t end = block.dataPos() + block.dataThere();
   return position < end ? end : position < block.end ? block.end : 0;
+}
+
+// One in another holds the same bytes again, so that a few MB could become thousands of MB.
+constexpr int64_t kMostTimes = 4;
+
+constexpr size_t kMostNamed = 20;
+
+std::string aboutNotWritten(const std::vector<int64_t>& positions) {
+  std::string text = counted(positions.size(), "database stored in a payload was",
+                             "databases stored in payloads were") +
+                     " not written, because the files together would be larger than four times "
+                     "the source. Salvage them one at a time, each from where it begins: ";
+  const size_t named = std::min(positions.size(), kMostNamed);
+  for (size_t i = 0; i < named; ++i) text += (i == 0 ? "" : ", ") + std::to_string(positions[i]);
+  if (named < positions.size())
+    text += " and " + std::to_string(positions.size() - named) + " more";
+  return text + ".";
 }
 
 // How far the database that begins at `origin` reaches at least, by its directory.
@@ -101,14 +121,26 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) {
   options.ignore_directory = false;
   options.extract_to.clear();
   options.deep_to.clear();
+  int64_t left = kMostTimes * (source_.size() + std::min<int64_t>(options_.from, 0));
+  std::vector<int64_t> notWritten;
   for (const Range& place : places_) {
+    // Its size first: what is not written need not be surveyed either.
+    std::optional<Survey> survey;
     const PartSource part(source_, place.begin, place.end);
-    const Survey survey = makeSurvey(part);
-    const std::filesystem::path file = folder_.fileNamed(nameOf(place));
+    if (place.size() <= left) survey.emplace(makeSurvey(part));
     options.from = place.begin;
-    report->stored.push_back({place.begin, file, run(part, survey, file, {}, options, access_)});
+    const int64_t size =
+        survey ? std::max(place.size(), plannedSize(*survey, makePlan(*survey, options))) : 0;
+    if (!survey || size > left) {
+      notWritten.push_back(place.begin);
+      continue;
+    }
+    left -= size;
+    const std::filesystem::path file = folder_.fileNamed(nameOf(place));
+    report->stored.push_back({place.begin, file, run(part, *survey, file, {}, options, access_)});
     folder_.add(nameOf(place));
   }
+  if (!notWritten.empty()) report->notes.push_back(aboutNotWritten(notWritten));
   if (leftOut_ > 0) {
     report->notes.push_back("There seem to be " + std::to_string(leftOut_) +
                             " more databases stored in payloads than are salvaged at once.");

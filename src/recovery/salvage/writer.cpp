@@ -138,6 +138,18 @@ class Writer {
 
 }  // namespace
 
+int64_t plannedSize(const Survey& survey, const Plan& plan) {
+  int64_t size = kNewFileSize;
+  const auto add = [&](uint32_t number, int64_t overhead) {
+    size += overhead + contentOf(survey.blocks[number]).capacity;
+  };
+  for (const PlannedTable& table : plan.tables) {
+    for (const uint32_t number : table.records) add(number, kRecordBlockOverhead);
+    if (table.data != kNoBlock) add(table.data, kTableDataBlockOverhead);
+  }
+  return size;
+}
+
 Written writeFile(const ByteSource& source, const Survey& survey, const Plan& plan,
                   products::TargetFile* target) {
   return Writer(source, survey, plan, *target).write();

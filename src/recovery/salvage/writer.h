@@ -16,6 +16,9 @@ struct Written {
   int64_t unreadableAt = -1;     // the lowest position of these in the source
 };
 
+// The size of the file that the plan makes.
+int64_t plannedSize(const survey::Survey& survey, const Plan& plan);
+
 // Writes what the plan says, from front to back, into the file of `target`, which has been created.
 // Throws qvdb::Error.
 Written writeFile(const survey::ByteSource& source, const survey::Survey& survey, const Plan& plan,

@@ -282,6 +282,36 @@ TEST_F(StoredDatabases, TakeEverythingBackWhenOneOfThemCannotBeWritten) {
   EXPECT_FALSE(std::filesystem::exists(folder / "inside"));
 }
 
+// Each of them holds all that are inside it.
+TEST_F(StoredDatabases, AreNotWrittenBeyondFourTimesTheSource) {
+  Bytes nested = bytesOf("innermost");
+  constexpr size_t kDepth = 40;
+  for (size_t i = 0; i < kDepth; ++i) {
+    FileImage around;
+    around.addRecord(around.addTable("around", 0x11), 0xA1, nested);
+    nested = around.build();
+  }
+  const qvdb::SalvageReport report = salvage(nested);
+  uint64_t written = 0;
+  for (const qvdb::StoredDatabase& each : report.stored) {
+    written += std::filesystem::file_size(each.file);
+    EXPECT_TRUE(each.report.verified);
+  }
+  EXPECT_LE(written, 4 * nested.size());
+  EXPECT_GT(written, 2 * nested.size());
+  ASSERT_LT(report.stored.size(), kDepth - 1);
+  ASSERT_EQ(report.notes.size(), 1u);
+  const size_t left = kDepth - 1 - report.stored.size();
+  EXPECT_TRUE(report.notes[0].starts_with(std::to_string(left) +
+                                          " databases stored in payloads were not written"))
+      << report.notes[0];
+  int64_t first = 4630 + 55;
+  while (std::filesystem::exists(fileAt(first))) first += 4630 + 55;
+  EXPECT_NE(report.notes[0].find(": " + std::to_string(first) + ", "), std::string::npos)
+      << report.notes[0];
+  EXPECT_NE(report.notes[0].find(" more."), std::string::npos) << report.notes[0];
+}
+
 TEST_F(StoredDatabases, AreTakenUpToAThousand) {
   FileImage image;
   const size_t holder = image.addTable("holder", 0x11);
