@@ -362,6 +362,19 @@ TEST_F(ToolImport, ThatCannotBeCompletedReportsExactlyWhatIsStored) {
   allowDamage();  // the block that was begun is unlinked at the end
 }
 
+TEST_F(ToolImport, ThatCannotStoreTheNamesReportsThatNothingIsStored) {
+  for (int i = 0; i < 300; ++i) store("in/" + std::to_string(i) + std::string(200, 'x'), {});
+  ProgramCall call = callOf({});
+  call.program = "/bin/sh";
+  call.arguments = {
+      "-c", std::string("ulimit -f 16; exec '") + QVDB_TOOL + "' import test.qvd files in/"};
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  expectOneLine(outcome.err, {"test.qvd", "0 files are stored, 300 are not", "--replace"});
+  done({"import", "--replace", "test.qvd", "files", "in/"});
+  EXPECT_EQ(namesIn("files").size(), 300u);
+}
+
 TEST_F(ToolImport, OfAFileThatNoRecordCanHoldStoresNothing) {
   store("in/1", bytesOf("1"));
   store("in/large", {});

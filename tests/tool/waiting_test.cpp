@@ -2,6 +2,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <fstream>
+
 #include "kit/forked.h"
 #include "tool/tool_fixture.h"
 
@@ -43,6 +45,33 @@ class Holder {
 };
 
 using ToolWait = ToolTest;
+
+TEST_F(ToolWait, AnImportThatIsInterruptedMeanwhileReportsThatNothingIsStored) {
+  notes({});
+  writeFile(path("input"), bytesOf("b"));
+  const Holder holder(wide(kDefaultFile));
+  ASSERT_TRUE(holder.isHolding());
+  expectUnchanged([&] {
+    ProgramCall call = callOf({"import", "--wait", "600", kDefaultFile, "files", "input"});
+    call.meanwhile = [](pid_t process) {
+      // It can be interrupted once it catches the signal.
+      const std::string status = "/proc/" + std::to_string(process) + "/status";
+      for (;;) {
+        std::ifstream lines(status);
+        for (std::string line; std::getline(lines, line);) {
+          if (!line.starts_with("SigCgt:")) continue;
+          if ((std::stoull(line.substr(7), nullptr, 16) & 2) != 0) {
+            ::kill(process, SIGINT);
+            return;
+          }
+        }
+      }
+    };
+    const Outcome outcome = runProgram(call);
+    EXPECT_EQ(outcome.status, 1) << outcome;
+    expectOneLine(outcome.err, {"interrupted", "nothing was stored"});
+  });
+}
 
 TEST_F(ToolWait, ADatabaseInUseHasAStatusOfItsOwn) {
   const Words ids = notes({bytesOf("a")});

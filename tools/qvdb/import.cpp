@@ -1,6 +1,4 @@
 // qvdb import: stores files and folders as records, and their names in the table's data.
-#include <optional>
-
 #include "commands.h"
 #include "file_tree.h"
 #include "importer.h"
@@ -50,22 +48,34 @@ void refuseTooLarge(const FileTree& tree) {
       "stored; split what is larger, or import the other files by name");
 }
 
-int run(const Options& options) {
+// A new table comes last before the work: nothing that stops the import earlier leaves one.
+Table tableFor(Database& database, const std::string& nameOrId) {
+  if (database.find_table(nameOrId) || parse_id(nameOrId)) return findTable(database, nameOrId);
+  throwIfInterrupted();
+  return database.add_table(nameOrId);
+}
+
+int import(const Options& options) {
   Database database = openToWrite(options.file);
   const FileTree tree = listFiles(options.paths, options.file);
   refuseTooLarge(tree);
   for (const std::string& path : tree.leftOut) complain("left out: " + path);
 
-  std::optional<Table> table = database.find_table(options.table);
-  if (table || parse_id(options.table)) table = findTable(database, options.table);
-  if (!table) table = database.add_table(options.table);
-  Importer importer(database, *table, tree, namesOf(database, *table));
+  Table table = tableFor(database, options.table);
+  Importer importer(database, table, tree, namesOf(database, table));
   importer.check(options.replace);
-  throwIfInterrupted();
   importer.run();
   finishWriting(database, options.noSync);
   printLine(importer.summary());
   return kDone;
+}
+
+int run(const Options& options) {
+  try {
+    return import(options);
+  } catch (const Interrupted&) {
+    throw Failure("interrupted; nothing was stored");
+  }
 }
 
 Action define(Arguments& arguments) {

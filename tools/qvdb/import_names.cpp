@@ -26,7 +26,6 @@ bool ImportNames::isNewOrChanged(size_t file) const {
 }
 
 void ImportNames::addNew() {
-  bool hasNew = false;
   for (size_t i = 0; i < tree_.files.size(); ++i) {
     if (!isNewOrChanged(i)) continue;
     if (entries_[i] != kNew) oldLinks_.emplace(i, entries_[i]);
@@ -34,14 +33,14 @@ void ImportNames::addNew() {
     if (file.kind == FileKind::file) file.record = new_id();
     entries_[i] = names_.list().size();
     names_.add(std::move(file));
-    hasNew = true;
+    haveChanged_ = true;
   }
   if (!names_.isReadable()) {
     throw Failure("the names in table '" + table_.name() +
                   "' would be too long to be read again; nothing was stored; import into another "
                   "table, or from a folder further down");
   }
-  if (hasNew || hadNames_ == 0) store();
+  if (hadNames_ == 0) haveChanged_ = true;
 }
 
 void ImportNames::note(size_t file, const ImportedFile& now) {
@@ -82,6 +81,7 @@ void ImportNames::store() {
 
 void ImportNames::storeIfChanged() {
   if (haveChanged_) store();
+  haveChanged_ = false;
 }
 
 }  // namespace qvdb::tool

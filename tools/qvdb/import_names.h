@@ -26,7 +26,7 @@ class ImportNames {
   bool has(Id record) const { return names_.find(record).has_value(); }
 
   // Adds the files that the table does not have, with identifiers for their records, and links
-  // with another target, and stores the list. Throws Failure, with nothing stored, when the list
+  // with another target. Stores nothing yet. Throws Failure, with nothing stored, when the list
   // would be one that no reader takes.
   void addNew();
 

@@ -74,6 +74,7 @@ void Importer::check(bool replace) {
 void Importer::run() {
   names_.addNew();
   try {
+    names_.storeIfChanged();
     storeAll();
   } catch (const Interrupted&) {
     throw Failure("interrupted; " + stop());
