@@ -314,6 +314,22 @@ TEST_F(ProductsOfTheTool, AreOnTheDeviceBeforeTheyGetTheirNames) {
   }
 }
 
+// A power failure must not take the new folders away with everything in them.
+TEST_F(ProductsOfTheTool, AreOnTheDeviceWithTheFoldersThatAreNewInTheirPath) {
+  if (kIsSanitized) GTEST_SKIP() << "the sanitizer must be loaded first";
+  fs::create_directories(path("in/sub/deeper"));
+  writeFile(path("in/sub/deeper/b"), bytesOf("b"));
+  done({"import", kDefaultFile, "files", "in/sub/deeper/b"});
+  const std::string folderName = path().parent_path().filename();
+  Watched host(path("log"));
+  EXPECT_EQ(run({"export", "--parents", kDefaultFile, "files", "n1/n2/out"}).status, 0);
+  const Words lines = host.taken();
+  for (const std::string& name :
+       {std::string("out"), std::string("n2"), std::string("n1"), folderName}) {
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "sync " + name), lines.end()) << name;
+  }
+}
+
 // ---- other users ----
 
 // In a folder that everybody may write to, root makes files although another user has links there

@@ -42,6 +42,27 @@ void setTimes(int folder, const char* name, const ImportedFile& file, const std:
   }
 }
 
+// The folders that get a new entry when the path is created.
+std::vector<std::filesystem::path> changedBy(const std::string& path) {
+  std::error_code error;
+  std::vector<std::filesystem::path> changed;
+  std::filesystem::path at = std::filesystem::absolute(path, error);
+  if (!at.has_filename()) at = at.parent_path();
+  while (at.has_relative_path() && !std::filesystem::exists(at, error)) {
+    at = at.parent_path();
+    changed.push_back(at);
+  }
+  return changed;
+}
+
+// Waits until the device has the names in the folder. One that must not be read cannot be synced.
+void syncFolder(const std::string& path) {
+  const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder && errno == EACCES) return;
+  if (!folder) throw systemFailure(path, "open the folder");
+  if (::fsync(folder.number()) != 0 && errno != EINVAL) throw systemFailure(path, "sync");
+}
+
 // Creates the folder unless it exists. Returns the path.
 const std::string& createdFolder(const std::string& path, bool parents) {
   std::error_code error;
@@ -60,6 +81,7 @@ const std::string& createdFolder(const std::string& path, bool parents) {
 FolderWriter::FolderWriter(const std::string& path, const FolderOptions& options)
     : options_(options),
       masked_(options.samePermissions ? 0 : maskOfProcess()),
+      parents_(changedBy(path)),
       walk_(createdFolder(path, options.parents)),
       wasEmpty_(isEmptyFolder(path)) {}
 
@@ -106,12 +128,21 @@ bool FolderWriter::isDatabase(const struct stat& status) const {
          database.st_ino == status.st_ino;
 }
 
+// The folders above can be new, too.
+void FolderWriter::noteWritten() {
+  std::string name = walk_.parentName();
+  while (written_.insert(name).second && !name.empty()) {
+    name.pop_back();
+    name.erase(name.rfind('/') + 1);
+  }
+}
+
 void FolderWriter::makeFolder(const std::string& name) {
   const std::string last = walk_.enterParent(name, true);
   if (!walk_.openFolder(last, name, true)) {
     throw systemFailure(walk_.pathOf(name), "create the folder");
   }
-  written_.insert(walk_.parentName());
+  noteWritten();
 }
 
 void FolderWriter::writeFile(const ImportedFile& file, const PieceReader& read) {
@@ -126,7 +157,7 @@ void FolderWriter::writeFile(const ImportedFile& file, const PieceReader& read) 
     throw systemFailure(path, "set its time");
   }
   out.place();
-  written_.insert(walk_.parentName());
+  noteWritten();
 }
 
 // A link that exists is replaced in one step, as a file is.
@@ -145,7 +176,7 @@ void FolderWriter::makeLink(const ImportedFile& file) {
     ::unlinkat(folder, made.c_str(), 0);
     throw failure;
   }
-  written_.insert(walk_.parentName());
+  noteWritten();
 }
 
 void FolderWriter::sync() {
@@ -156,6 +187,7 @@ void FolderWriter::sync() {
       throw systemFailure(walk_.pathOf(name), "sync");
   }
   if (::fsync(walk_.root()) != 0 && errno != EINVAL) throw systemFailure(walk_.path(), "sync");
+  for (const std::filesystem::path& parent : parents_) syncFolder(parent.native());
 }
 
 void FolderWriter::finishFolder(const ImportedFile& file) {

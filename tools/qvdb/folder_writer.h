@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <filesystem>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "delivery.h"
 #include "folder_walk.h"
@@ -47,11 +49,13 @@ class FolderWriter {
 
  private:
   bool isDatabase(const struct stat& status) const;
+  void noteWritten();
 
   mode_t modeOf(const ImportedFile& file) const;
 
   FolderOptions options_;
-  mode_t masked_;  // the permissions that new files do not get
+  mode_t masked_;                               // the permissions that new files do not get
+  std::vector<std::filesystem::path> parents_;  // those that got new folders for this one
   FolderWalk walk_;
   bool wasEmpty_;
   std::set<std::string> written_;  // the folders that got new names, as FolderWalk::parentName()
