@@ -1,7 +1,9 @@
 // qvdb get, put, set, rm, touch and data
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tool/tool_fixture.h"
@@ -39,6 +41,64 @@ TEST_F(ToolGet, WritesToAFileThatDoesNotExistYet) {
   done({"get", "test.qvd", "notes", ids[0], "-o", "out.txt", "--force"});
   EXPECT_EQ(readFile(path("out.txt")), bytesOf("text"));
   fails({"get", "test.qvd", "notes", ids[0], "-o", "no/such/folder"}, 1, {"no/such/folder"});
+}
+
+TEST_F(ToolGet, DoesNotOfferToWriteToAFolder) {
+  const Words ids = notes({bytesOf("a")});
+  for (const Words& more : {Words{}, Words{"--force"}}) {
+    Words words = {"get", kDefaultFile, "notes", ids[0], "--output", "."};
+    words.insert(words.end(), more.begin(), more.end());
+    const std::string message = fails(words, 1, {".: is a folder"});
+    EXPECT_EQ(message.find("--force"), std::string::npos) << message;
+  }
+}
+
+TEST_F(ToolGet, StopsAtASignalWhileNoProgramReadsThePipe) {
+  const Words ids = notes({bytesOf("a")});
+  ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
+  ProgramCall call = callOf({"get", kDefaultFile, "notes", ids[0], "--force", "-o", "pipe"});
+  // Until it catches signals it ends by one, which is as good.
+  call.meanwhile = [](pid_t tool) {
+    ::usleep(300'000);  // in which it begins to wait
+    ::kill(tool, SIGTERM);
+  };
+  const Outcome outcome = runProgram(call);
+  if (outcome.signal != SIGTERM) {
+    EXPECT_EQ(outcome.err, "qvdb: interrupted\n") << outcome;
+  }
+}
+
+// The other end of a pipe may have made it so, as event loops do.
+TEST_F(ToolGet, WaitsForAPipeThatDoesNotBlock) {
+  const Bytes payload(1 << 20, 'x');
+  const Words ids = notes({payload});
+  int ends[2] = {};
+  ASSERT_EQ(::pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+  const std::string file = path();
+  const pid_t tool = ::fork();
+  if (tool == 0) {
+    ::dup2(ends[1], STDOUT_FILENO);
+    ::execl(QVDB_TOOL, QVDB_TOOL, "get", file.c_str(), "notes", ids[0].c_str(), nullptr);
+    ::_exit(127);
+  }
+  // Nothing is read until the pipe is full.
+  pollfd full = {ends[1], POLLOUT, 0};
+  while (::poll(&full, 1, 0) == 1) ::usleep(1000);
+  ::usleep(100'000);
+  ::close(ends[1]);
+  size_t size = 0;
+  std::vector<char> buffer(65536);
+  for (ssize_t got = 1; got != 0;) {
+    pollfd filled = {ends[0], POLLIN, 0};
+    ::poll(&filled, 1, -1);
+    got = ::read(ends[0], buffer.data(), buffer.size());
+    if (got > 0) size += static_cast<size_t>(got);
+  }
+  ::close(ends[0]);
+  int status = -1;
+  ::waitpid(tool, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(size, payload.size());
 }
 
 TEST_F(ToolGet, TakesHexadecimalAndDecimalIdentifiers) {

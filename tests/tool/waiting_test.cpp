@@ -109,6 +109,35 @@ TEST_F(ToolWait, WaitsUntilTheDatabaseIsFree) {
   EXPECT_EQ(database().tables[0].records.size(), 2u);
 }
 
+TEST_F(ToolWait, WaitsForTheFileThatItReplaces) {
+  const Words ids = notes({bytesOf("a")});
+  done({"data", kDefaultFile, "notes", "--set", "-"}, "data");
+  std::filesystem::create_directory(path("out"));
+  done({"create", "out/used.qvd"});
+  done({"import", kDefaultFile, "files", "out/"});
+  const std::string at = std::to_string(slot(0).firstRecordPos);
+  const std::vector<Words> commands = {
+      {"export", kDefaultFile, "files", "out"},
+      {"get", kDefaultFile, "notes", ids[0], "-o", "out/used.qvd"},
+      {"data", kDefaultFile, "notes", "-o", "out/used.qvd"},
+      {"history", kDefaultFile, "notes", ids[0], "--at", at, "-o", "out/used.qvd"},
+  };
+  for (Words words : commands) {
+    SCOPED_TRACE(words[0]);
+    Holder holder(wide("out/used.qvd"));
+    ASSERT_TRUE(holder.isHolding());
+    words.insert(words.end(), {"--force", "--wait", "100000"});
+    ProgramCall call = callOf(words);
+    call.meanwhile = [&](pid_t) {
+      ::usleep(300'000);  // in which it begins to wait
+      holder.end();
+    };
+    const Outcome outcome = runProgram(call);
+    EXPECT_EQ(outcome.status, 0) << outcome;
+    EXPECT_EQ(outcome.err, "");
+  }
+}
+
 TEST_F(ToolWait, StopsWaitingAtCtrlC) {
   notes({bytesOf("a")});
   writeFile(path("input"), bytesOf("b"));

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string_view>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "interrupt.h"
 #include "output.h"
 #include "text.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -53,16 +55,37 @@ void deliverToStandardOutput(const PieceReader& read, bool raw) {
   forEachPiece(read, [](std::span<const std::byte> piece) { print(piece); });
 }
 
-// Whether it is a device or a pipe, which is written to and not replaced.
+// Whether it is a device or a pipe, which is written to and not replaced. Throws Failure for a
+// folder.
 bool isSomethingElse(const std::string& path) {
   struct stat status = {};
-  return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+  if (::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return false;
+  if (S_ISDIR(status.st_mode)) throw Failure(path + ": is a folder; give the path of a file");
+  return true;
+}
+
+bool isPipe(const std::string& path) {
+  struct stat status = {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+// Waits until another program reads the pipe. An opening that blocks would miss a signal that comes
+// just before it.
+Descriptor openDevice(const std::string& path) {
+  constexpr useconds_t kPause = 20'000;
+  for (;;) {
+    throwIfInterrupted();
+    Descriptor device(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK));
+    if (device) return device;
+    const bool hasNoReader = errno == ENXIO && isPipe(path);
+    if (!hasNoReader && errno != EINTR) throw systemFailure(path, "open");
+    ::usleep(kPause);
+  }
 }
 
 void deliverToDevice(const PieceReader& read, const std::string& path, bool force) {
   if (!force) throw Failure(path + ": exists already; use --force to write to it");
-  const Descriptor device(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-  if (!device) throw systemFailure(path, "open");
+  const Descriptor device = openDevice(path);
   forEachPiece(read,
                [&](std::span<const std::byte> piece) { writeAll(device.number(), path, piece); });
 }
@@ -82,9 +105,11 @@ void deliver(const PieceReader& read, const std::string& source, const DeliveryO
   if (isSomethingElse(*options.output)) {
     return deliverToDevice(read, *options.output, options.force);
   }
-  OutputFile file(
-      *options.output, source,
-      {.overwrite = options.force, .create_folders = options.parents, .sync = !options.noSync});
+  OutputFile file = whileInUse([&] {
+    return OutputFile(
+        *options.output, source,
+        {.overwrite = options.force, .create_folders = options.parents, .sync = !options.noSync});
+  });
   writePieces(read, file);
   file.place();
 }

@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "failure.h"
+#include "waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -148,8 +149,10 @@ void FolderWriter::makeFolder(const std::string& name) {
 void FolderWriter::writeFile(const ImportedFile& file, const PieceReader& read) {
   const std::string path = walk_.pathOf(file.name);
   const std::string last = walk_.enterParent(file.name, true);
-  OutputFile out(walk_.parent(), last, path,
-                 {.overwrite = options_.force, .sync = !options_.noSync});
+  OutputFile out = whileInUse([&] {
+    return OutputFile(walk_.parent(), last, path,
+                      {.overwrite = options_.force, .sync = !options_.noSync});
+  });
   writePieces(read, out);
   if (::fchmod(out.descriptor(), modeOf(file)) != 0)
     throw systemFailure(path, "set its permissions");

@@ -90,8 +90,11 @@ Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
 void writeAll(int descriptor, const std::string& name, std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
     const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-    if (written < 0 && errno != EINTR) throw systemFailure(name, "write");
-    if (written > 0) bytes = bytes.subspan(static_cast<size_t>(written));
+    if (written >= 0) {
+      bytes = bytes.subspan(static_cast<size_t>(written));
+    } else if (!canContinueWriting(descriptor)) {
+      throw systemFailure(name, "write");
+    }
   }
 }
 

@@ -44,12 +44,26 @@ void catchInterrupts() {
   std::signal(SIGXFSZ, SIG_IGN);
 }
 
-void waitForInput(int descriptor) {
-  pollfd sources[2] = {{descriptor, POLLIN, 0}, {notice[0], POLLIN, 0}};
+namespace {
+
+void waitFor(int descriptor, short event) {
+  pollfd sources[2] = {{descriptor, event, 0}, {notice[0], POLLIN, 0}};
   do {
     throwIfInterrupted();
   } while (::poll(sources, 2, -1) < 0 && errno == EINTR);
   throwIfInterrupted();
+}
+
+}  // namespace
+
+void waitForInput(int descriptor) {
+  waitFor(descriptor, POLLIN);
+}
+
+bool canContinueWriting(int descriptor) {
+  if (errno != EINTR && errno != EAGAIN) return false;
+  waitFor(descriptor, POLLOUT);
+  return true;
 }
 
 bool isInterrupted() {

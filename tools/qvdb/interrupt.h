@@ -15,6 +15,10 @@ void catchInterrupts();
 // signal comes meanwhile, or has come before.
 void waitForInput(int descriptor);
 
+// After a write that failed with errno: whether to try again. A descriptor that does not block is
+// waited for. Throws Interrupted as waitForInput() does.
+bool canContinueWriting(int descriptor);
+
 bool isInterrupted();
 void throwIfInterrupted();
 

@@ -19,13 +19,12 @@ std::string waiting;  // not written yet
 void writeAll(std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
-    if (written < 0 && errno == EINTR) {
-      throwIfInterrupted();
+    if (written >= 0) {
+      text.remove_prefix(static_cast<size_t>(written));
       continue;
     }
-    if (written < 0 && errno == EPIPE) throw OutputClosed();
-    if (written < 0) throw systemFailure("standard output", "write");
-    text.remove_prefix(static_cast<size_t>(written));
+    if (errno == EPIPE) throw OutputClosed();
+    if (!canContinueWriting(STDOUT_FILENO)) throw systemFailure("standard output", "write");
   }
 }
 
