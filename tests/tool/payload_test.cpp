@@ -279,6 +279,59 @@ TEST_F(ToolPut, AddsNothingAfterARecordThatIsCutOff) {
 
 // ---- set
 
+TEST_F(ToolPut, RefusesTheDatabaseItself) {
+  notes({bytesOf("a")});
+  std::filesystem::create_symlink(path(), path("link"));
+  std::filesystem::create_hard_link(path(), path("hard"));
+  expectUnchanged([&] {
+    for (const char* input : {kDefaultFile, "link", "hard"}) {
+      fails({"put", kDefaultFile, "notes", input}, 1, {input, "is the database itself"});
+    }
+  });
+  std::filesystem::remove(path("hard"));
+}
+
+TEST_F(ToolPut, StoresMoreFilesThanCanBeOpenAtOnce) {
+  notes({});
+  ProgramCall call =
+      callOf({"-c", "ulimit -n 30 && exec \"$@\"", "sh", QVDB_TOOL, "put", kDefaultFile, "notes"});
+  call.program = "/bin/sh";
+  for (int i = 0; i < 60; ++i) {
+    const std::string name = "in" + std::to_string(i);
+    writeFile(path(name), bytesOf(name));
+    call.arguments.push_back(name);
+  }
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  EXPECT_EQ(database().tables[0].records.size(), 60u);
+}
+
+TEST_F(ToolPut, RefusesAFileThatIsNotTheOneItHasLookedAt) {
+  notes({});
+  writeFile(path("input"), bytesOf("old"));
+  writeFile(path("other"), bytesOf("new"));
+  ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
+  ProgramCall call = callOf({"put", kDefaultFile, "notes", "input", "pipe"});
+  // A pipe without reader is not opened for writing; the files before it have been looked at then.
+  call.meanwhile = [this](pid_t) {
+    const int pipe = ::open(path("pipe").c_str(), O_WRONLY | O_CLOEXEC);
+    std::filesystem::rename(path("other"), path("input"));
+    ::close(pipe);
+  };
+  expectUnchanged([&] {
+    const Outcome outcome = runProgram(call);
+    EXPECT_EQ(outcome.status, 1) << outcome;
+    expectOneLine(outcome.err, {"input", "replaced", "nothing was stored"});
+  });
+}
+
+TEST_F(ToolPut, ReadsStandardInputOnce) {
+  notes({});
+  expectUnchanged([&] {
+    fails({"put", kDefaultFile, "notes", "-", "-"}, 2, {"standard input", "once"}, "text");
+  });
+}
+
 TEST_F(ToolSet, ReplacesThePayload) {
   const Words ids = notes({bytesOf("old"), bytesOf("other")});
   EXPECT_EQ(done({"set", "test.qvd", "notes", ids[0]}, "a longer one"), "");

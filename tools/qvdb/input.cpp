@@ -74,6 +74,16 @@ Descriptor unnamedFile() {
   return file;
 }
 
+struct stat statusOf(int descriptor, const std::string& name) {
+  struct stat status = {};
+  if (::fstat(descriptor, &status) != 0) throw systemFailure(name, "read its properties");
+  return status;
+}
+
+bool isSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
@@ -103,19 +113,36 @@ void readAll(int descriptor, const std::string& name, std::vector<std::byte>* bu
 }
 
 Input::Input(const std::string& path) : name_(path == "-" ? kStandardInput : path) {
-  if (path != "-") {
-    // A pipe that has no writer yet is waited for when it is read, where Ctrl-C is noticed.
-    file_ = Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file_) throw systemFailure(path, "open");
-  }
-  struct stat status = {};
-  if (::fstat(number(), &status) != 0) throw systemFailure(name_, "read its properties");
-  if (S_ISDIR(status.st_mode)) {
+  if (path != "-") file_ = openFile();
+  status_ = statusOf(number(), name_);
+  if (S_ISDIR(status_.st_mode)) {
     throw Failure(name_ + ": is a folder; 'qvdb import' stores folders");
   }
-  isRegular_ = file_ && S_ISREG(status.st_mode);
+  isRegular_ = file_ && S_ISREG(status_.st_mode);
   if (!isRegular_) return;
-  if (static_cast<uint64_t>(status.st_size) > kLargestPayload) throw tooLarge(name_);
+  if (static_cast<uint64_t>(status_.st_size) > kLargestPayload) throw tooLarge(name_);
+}
+
+// A pipe that has no writer yet is waited for when it is read, where Ctrl-C is noticed.
+Descriptor Input::openFile() const {
+  Descriptor file(::open(name_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file) throw systemFailure(name_, "open");
+  return file;
+}
+
+void Input::closeUntilRead() {
+  if (isRegular_) file_ = Descriptor();
+}
+
+void Input::reopen() {
+  file_ = openFile();
+  if (isSameFile(statusOf(number(), name_), status_)) return;
+  throw Failure(name_ + ": was replaced by another file meanwhile; nothing was stored; try again");
+}
+
+bool Input::isFileAt(const std::string& path) const {
+  struct stat status = {};
+  return isRegular_ && ::stat(path.c_str(), &status) == 0 && isSameFile(status, status_);
 }
 
 void Input::prepare() {
@@ -138,8 +165,10 @@ void Input::prepare() {
 }
 
 void Input::forEachPiece(const TakePiece& take) {
+  if (isRegular_ && !file_) reopen();
   if (isRegular_ || spooled_) {
     forEachInputPiece(isRegular_ ? number() : spooled_.number(), name_, take);
+    closeUntilRead();
   } else {
     take(start_);
   }
@@ -179,7 +208,7 @@ std::optional<std::string> pathOfStandardInput() {
   const Descriptor again(::open(kPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat found = {};
   if (!again || ::fstat(again.number(), &found) != 0) return std::nullopt;
-  if (found.st_dev != status.st_dev || found.st_ino != status.st_ino) return std::nullopt;
+  if (!isSameFile(found, status)) return std::nullopt;
   return kPath;
 }
 

@@ -47,11 +47,18 @@ class Input {
   // Opens it. Throws Failure when it cannot be opened, is not a file, or is too large for a record.
   explicit Input(const std::string& path);
 
+  // Closes a regular file, which forEachPiece() opens again: any number of them can be prepared.
+  void closeUntilRead();
+
+  // Whether it is the file at this path, under whatever name.
+  bool isFileAt(const std::string& path) const;
+
   // Reads what does not come from a regular file: pipes, and standard input. Large input is kept in
   // a temporary file without a name. Throws Failure; Interrupted.
   void prepare();
 
-  // Calls take(piece) for all of it, once. Throws as prepare() does.
+  // Calls take(piece) for all of it, once. Throws as prepare() does, and Failure when another file
+  // has got the name of the one that was closed.
   void forEachPiece(const TakePiece& take);
 
   int number() const { return file_ ? file_.number() : 0; }
@@ -61,8 +68,12 @@ class Input {
   std::string name_;
   Descriptor file_;  // none for standard input
   bool isRegular_ = false;
+  struct stat status_ = {};
   std::vector<std::byte> start_;  // what has been read before, unless it went to `spooled_`
   Descriptor spooled_;
+
+  Descriptor openFile() const;
+  void reopen();
 };
 
 // The value of --reserve; 0 when it was not given. Throws Failure (wrong usage).

@@ -1,4 +1,6 @@
 // qvdb put: adds records.
+#include <algorithm>
+
 #include "commands.h"
 #include "input.h"
 #include "interrupt.h"
@@ -31,12 +33,24 @@ std::vector<Input> openInputs(std::vector<std::string> paths) {
   if (paths.empty()) paths.emplace_back("-");
   std::vector<Input> inputs;
   inputs.reserve(paths.size());
-  for (const std::string& path : paths) inputs.emplace_back(path);
+  for (const std::string& path : paths) {
+    inputs.emplace_back(path);
+    inputs.back().closeUntilRead();
+  }
   for (Input& input : inputs) {
     throwIfInterrupted();
     input.prepare();
   }
   return inputs;
+}
+
+// Its own records would be read, and stored, without end.
+void refuseDatabase(const std::vector<Input>& inputs, const std::string& database) {
+  for (const Input& input : inputs) {
+    if (!input.isFileAt(database)) continue;
+    throw Failure(input.name() +
+                  ": is the database itself; nothing was stored; store a copy of it instead");
+  }
 }
 
 void refuseTaken(const Database& database, const Table& table, Id id) {
@@ -49,9 +63,13 @@ int run(const Options& options) {
   const uint32_t reserve = reserveOf(options.reserve);
   const std::optional<Id> id = idOf(options);
   if (id && options.inputs.size() > 1) throw wrongUsage("--id takes a single input");
+  if (std::count(options.inputs.begin(), options.inputs.end(), "-") > 1) {
+    throw wrongUsage("standard input can be read once; give '-' once");
+  }
   std::vector<Input> inputs = openInputs(options.inputs);
 
   Database database = openToWrite(options.file);
+  refuseDatabase(inputs, options.file);
   Table table = findTable(database, options.table);
   if (id) refuseTaken(database, table, *id);
   std::vector<Id> ids;
