@@ -15,6 +15,16 @@ class ToolCheck : public ToolTest {
   }
 };
 
+TEST_F(ToolCheck, SaysWhyAPathCannotBeReached) {
+  for (const char* command : {"check", "salvage"}) {
+    Words words = {command, "no\xff.qvd"};
+    if (words[0] == "salvage") words.push_back("new.qvd");
+    fails(words, 1, {"does not exist", "not valid UTF-8"});
+    words[1] = "";
+    fails(words, 1, {"it is empty"});
+  }
+}
+
 TEST_F(ToolCheck, SaysThatAFileIsSound) {
   notes({bytesOf("first")});
   expectOnlyRead([&] {

@@ -1,5 +1,7 @@
 // qvdb salvage, history and undelete
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -57,6 +59,22 @@ TEST_F(ToolSalvage, ListsBlocksAndPrintsJson) {
   EXPECT_EQ(report["records_written"], 2);
   EXPECT_EQ(report["bytes_unreadable"], 0);
   EXPECT_EQ(report["blocks_left_out"], 1);
+}
+
+TEST_F(ToolSalvage, ListsBlocksOnceHoweverOftenTheSourceChangesMeanwhile) {
+  ProgramCall call = callOf({"salvage", "-v", "--wait", "100000", kDefaultFile, "new.qvd"});
+  call.meanwhile = [this](pid_t) {
+    for (int i = 0; i < 4000; ++i) {
+      const timespec times[2] = {{.tv_sec = i, .tv_nsec = 0}, {.tv_sec = i, .tv_nsec = 0}};
+      ::utimensat(AT_FDCWD, path().c_str(), times, 0);
+      ::usleep(100);
+    }
+  };
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  const size_t first = outcome.out.find(ids[0]);
+  EXPECT_NE(first, std::string::npos) << outcome;
+  EXPECT_EQ(outcome.out.find(ids[0], first + 1), std::string::npos) << outcome;
 }
 
 TEST_F(ToolSalvage, ReadsStandardInputAndExtractsPayloads) {

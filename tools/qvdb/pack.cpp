@@ -24,6 +24,9 @@ Deleted records and the old places of changed ones are left out. The version bec
 A table that has records loses its table data: this operation has always done so. 'qvdb compact'
 keeps everything that is live; use it unless you need exactly this.
 
+SOURCE is not changed, but is opened exclusively, for which it must be writable. 'qvdb compact'
+only reads it.
+
 The target appears under its name only when it is complete. Ctrl-C leaves nothing.)",
     R"(qvdb pack notes.qvd packed.qvd
 qvdb pack --force notes.qvd packed.qvd)",

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <utility>
 
 #include "commands.h"
 #include "input.h"
@@ -160,16 +161,24 @@ SalvageReport salvageSource(const Options& options, const BlockVisitor& visit) {
 
 int run(const Options& options) {
   std::map<std::string, Tally> tallies;
+  std::string lines;
+  // An attempt that may be repeated lists its blocks only when it is done.
+  const auto list = [&](const FoundBlock& block) {
+    lines += lineOf(block) + "\n";
+    if (!waitSeconds) print(std::exchange(lines, {}));
+  };
   const BlockVisitor visit = [&](const FoundBlock& block) {
     Tally& tally = tallies[keyOf(block)];
     ++tally.found;
     if (!block.written_to.empty()) ++tally.written;
-    if (options.verbose && !options.json) printLine(lineOf(block));
+    if (options.verbose && !options.json) list(block);
   };
   const SalvageReport report = whileInUse([&] {
     tallies.clear();
+    lines.clear();
     return salvageSource(options, visit);
   });
+  print(lines);
   if (options.json) {
     printJson(jsonOf(report, tallies));
   } else {

@@ -41,7 +41,8 @@ std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
   }
   std::vector<QVWCHAR> wide(absolute.size() + 1);
   if (!platform::utf16FromUtf8(absolute.data(), absolute.size(), wide.data(), wide.size())) {
-    failure::throwError(path, operation, qvdb::Reason::path_not_reachable);
+    failure::throwError(path, operation, qvdb::Reason::path_not_reachable,
+                        "it does not exist or cannot be opened, and its name is not valid UTF-8");
   }
   failure::throwOpenFailure(path, operation,
                             platform::findOpenFailure(wide.data(), platform::kReadOnly));
@@ -52,7 +53,10 @@ std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
 OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation) {
   std::error_code error;
   const std::string absolute = std::filesystem::absolute(path, error).native();
-  if (error || path.empty()) failure::throwError(path, operation, qvdb::Reason::path_not_reachable);
+  if (error || path.empty()) {
+    failure::throwError(path, operation, qvdb::Reason::path_not_reachable,
+                        path.empty() ? "it is empty" : "the current folder is not known");
+  }
   if (!file_.open(absolute)) refuseWhatDoesNotOpen(path, operation, absolute);
   wasLocked_ = file_.isLockedByOthers();
   begin(path, operation);
