@@ -21,5 +21,6 @@ if(name IN_LIST folders_run_twice)
     COMMAND ${CMAKE_COMMAND} -DONE=$<TARGET_FILE:cross_endings>
             -DOTHER=$<TARGET_FILE:cross_endings_plain>
             -DSCRATCH=${CMAKE_CURRENT_BINARY_DIR}/cross_endings_scratch
+            "-DEMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR}"
             -P ${CMAKE_CURRENT_SOURCE_DIR}/cross/same_endings.cmake)
 endif()

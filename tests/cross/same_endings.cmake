@@ -1,9 +1,9 @@
 # Lets two programs print how operations end, and compares what they print.
 #
-#   cmake -DONE=PROGRAM -DOTHER=PROGRAM -DSCRATCH=FOLDER -P same_endings.cmake
+#   cmake -DONE=PROGRAM -DOTHER=PROGRAM -DSCRATCH=FOLDER [-DEMULATOR=COMMAND] -P same_endings.cmake
 file(MAKE_DIRECTORY ${SCRATCH})
 foreach(side ONE OTHER)
-  execute_process(COMMAND ${${side}} OUTPUT_FILE ${SCRATCH}/${side}.txt
+  execute_process(COMMAND ${EMULATOR} ${${side}} OUTPUT_FILE ${SCRATCH}/${side}.txt
                   COMMAND_ERROR_IS_FATAL ANY)
   file(STRINGS ${SCRATCH}/${side}.txt lines_${side})
 endforeach()

@@ -397,6 +397,42 @@ TEST_F(LayerTables, BehindADamagedSlotCannotBeReached) {
   expectError(Reason::directory_damaged, [&] { database.add_table("four"); });
 }
 
+// Its slot is the next one to be taken: the name, the counts and the way to its blocks would be
+// lost.
+TEST_F(LayerTables, ThatTheHeaderDoesNotCountAreNotOverwritten) {
+  for (const bool hasRecords : {true, false}) {
+    {
+      auto database = Database::create(path(), {.overwrite = true});
+      auto lost = database.add_table("lost");
+      if (hasRecords) lost.add("payload");
+      if (!hasRecords) lost.set_data("data");
+    }
+    Bytes file = contents();
+    file[17] = 0;  // the number of tables
+    writeFile(path(), file);
+    allowDamage();
+    expectUnchanged([&] {
+      auto database = openDatabase();
+      const auto message =
+          expectError(Reason::directory_damaged, [&] { database.add_table("new"); });
+      EXPECT_NE(message.find("table 'lost'"), std::string::npos) << message;
+      expectError(Reason::directory_damaged, [&] { database.find_or_add_table("new"); });
+    });
+  }
+}
+
+// Adding a table may have been interrupted before the table was counted.
+TEST_F(LayerTables, ThatWereNotAddedWhollyMakeWay) {
+  createDatabase().add_table("half");
+  Bytes file = contents();
+  file[17] = 0;  // the number of tables
+  writeFile(path(), file);
+  auto database = openDatabase();
+  database.add_table("new");
+  EXPECT_EQ(database.tables().size(), 1u);
+  EXPECT_FALSE(database.contains("half"));
+}
+
 TEST_F(LayerTables, ThatAreGoneSaySo) {
   FileImage image;
   image.addTable("one", 1);

@@ -85,6 +85,47 @@ TEST_F(LayerErrors, SayThatAFileMayNotBecomeLongerForABatch) {
                Reason::size_limit, EFBIG);
 }
 
+// Wherever the limit cuts a change off, also within a field of what was there before.
+TEST_F(LayerErrors, SayThatTheLimitRefusedAnyPartOfAChange) {
+  qvdb::Id id;
+  {
+    auto database = createDatabase();
+    for (const char* name : {"t1", "t2", "t3", "t4", "t5", "t6"}) database.add_table(name);
+    id = database.add_table("t7").add("payload");
+  }
+  const Bytes file = contents();
+  allowDamage();
+  const std::map<std::string, std::function<bool(qvdb::Table&)>> changes = {
+      {"remove", [id](qvdb::Table& table) { return table.remove(id); }},
+      {"modify", [id](qvdb::Table& table) { return table.modify(id, "other"); }},
+      {"move", [id](qvdb::Table& table) { return table.modify(id, std::string(900, 'x')); }},
+      {"touch", [id](qvdb::Table& table) { return table.touch(id); }},
+      {"write", [id](qvdb::Table& table) { return table.write(id, 1, "A"); }},
+  };
+  for (const auto& [name, change] : changes) {
+    int refused = 0;
+    // The seventh slot, and the blocks.
+    std::vector<uint64_t> limits;
+    for (uint64_t limit = 886; limit < 1030; limit += 5) limits.push_back(limit);
+    for (uint64_t limit = 4630; limit < file.size() + 100; limit += 7) limits.push_back(limit);
+    for (const uint64_t limit : limits) {
+      SCOPED_TRACE(name + ", limit " + std::to_string(limit));
+      writeFile(path(), file);
+      auto database = openDatabase();
+      auto table = database.table("t7");
+      RecordedCalls host;
+      host.setFileSizeLimit(limit);
+      try {
+        EXPECT_TRUE(change(table));
+      } catch (const Error& error) {
+        expectReason(error, Reason::size_limit, EFBIG);
+        ++refused;
+      }
+    }
+    EXPECT_GT(refused, 0) << name;
+  }
+}
+
 TEST_F(LayerErrors, TellAReadOnlyFileSystemFromOneThatDeniesAccess) {
   createDatabase();
   for (const auto& [code, reason] : {std::pair(EROFS, Reason::read_only_file_system),
