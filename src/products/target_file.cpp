@@ -1,12 +1,16 @@
 // Files that appear under their name only when they are finished.
 #include "products/target_file.h"
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "failure/failure.h"
 #include "platform/handles/open_failure.h"
 #include "platform/handles/read_only_file.h"
+#include "platform/paths/host_path.h"
+#include "platform/paths/placing.h"
 
 using namespace qvdb;
 
@@ -31,12 +35,41 @@ fs::path resolved(const fs::path& path, const char* operation) {
   return result;
 }
 
-void requireFolder(const fs::path& file, const char* operation, bool create) {
+namespace {
+
+// Creates the folder and those in its path. Returns those that are new.
+std::vector<fs::path> createFolders(const fs::path& folder, std::error_code* error) {
+  std::vector<fs::path> created;
+  std::error_code ignored;
+  for (fs::path at = folder; at.has_relative_path() && !fs::exists(at, ignored);
+       at = at.parent_path()) {
+    created.push_back(at);
+  }
+  fs::create_directories(folder, *error);
+  return created;
+}
+
+// Waits until the device has the folder's name in the folder above it.
+bool syncName(const fs::path& folder) {
+  platform::Directory above;
+  return platform::walkToParent(folder.native(), &above) != nullptr && platform::syncFolder(above);
+}
+
+}  // namespace
+
+void requireFolder(const fs::path& file, const char* operation, Missing missing) {
   std::error_code error;
   const fs::path folder = fs::absolute(file, error).parent_path();
-  if (create) fs::create_directories(folder, error);
-  if (create && error)
-    failure::throwFolderFailure(file, operation, "its folder cannot be created", error);
+  if (missing != Missing::fail) {
+    const std::vector<fs::path> created = createFolders(folder, &error);
+    if (error) failure::throwFolderFailure(file, operation, "its folder cannot be created", error);
+    const bool isSynced =
+        missing == Missing::areCreated || std::all_of(created.begin(), created.end(), syncName);
+    if (!isSynced) {
+      throwError(file, operation, Reason::cannot_write,
+                 "its folder was created, but the system reports a failure of the device");
+    }
+  }
   const fs::file_status status = fs::status(folder, error);
   if (fs::is_directory(status)) return;
   if (!fs::status_known(status)) {
@@ -85,6 +118,12 @@ void TargetFile::fail(Reason reason, const std::string& why) const {
   throwError(given_, operation_, reason, why);
 }
 
+Missing TargetFile::missingFolders() const {
+  if (!rules_.createFolders) return Missing::fail;
+  return rules_.waits == platform::Waits::forName ? Missing::areCreatedAndSynced
+                                                  : Missing::areCreated;
+}
+
 void TargetFile::judge() {
   if (!place_.has_filename()) fail(Reason::not_a_file, "it names a folder");
   std::error_code error;
@@ -96,7 +135,7 @@ void TargetFile::judge() {
       fail(isKept ? Reason::file_exists : Reason::path_not_reachable,
            "it is a symbolic link that leads nowhere");
     }
-    return requireFolder(place_, operation_, rules_.createFolders);
+    return requireFolder(place_, operation_, missingFolders());
   }
   const bool isFile = fs::is_regular_file(status);
   if (rules_.existing != Existing::isKept && !isFile) {

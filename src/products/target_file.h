@@ -20,9 +20,12 @@ namespace qvdbase::products {
 // The file that a path leads to: absolute, symbolic links followed as far as they exist.
 std::filesystem::path resolved(const std::filesystem::path& path, const char* operation);
 
+// What requireFolder() does with missing folders.
+enum class Missing : uint8_t { fail, areCreated, areCreatedAndSynced };
+
 // Makes the folder that the file is to lie in, and those in its path, if that is asked for.
-// Throws path_not_reachable when it is not there, access_denied.
-void requireFolder(const std::filesystem::path& file, const char* operation, bool create);
+// Throws path_not_reachable when it is not there, access_denied, cannot_write.
+void requireFolder(const std::filesystem::path& file, const char* operation, Missing missing);
 
 // Who may do what with the file, to be given to one that is made from it. Throws cannot_read.
 qvdbase::platform::FileAccess accessOf(const std::filesystem::path& file, const char* operation);
@@ -81,6 +84,7 @@ class TargetFile {
   [[noreturn]] void failWriting(const qvdbase::platform::WriteFailure& found) const;
 
  private:
+  Missing missingFolders() const;
   void judge();
   void hold();
   void refuseSeveralNames() const;

@@ -322,12 +322,19 @@ TEST_F(ProductsOfTheTool, AreOnTheDeviceWithTheFoldersThatAreNewInTheirPath) {
   done({"import", kDefaultFile, "files", "in/sub/deeper/b"});
   const std::string folderName = path().parent_path().filename();
   Watched host(path("log"));
-  EXPECT_EQ(run({"export", "--parents", kDefaultFile, "files", "n1/n2/out"}).status, 0);
-  const Words lines = host.taken();
-  for (const std::string& name :
-       {std::string("out"), std::string("n2"), std::string("n1"), folderName}) {
-    EXPECT_NE(std::find(lines.begin(), lines.end(), "sync " + name), lines.end()) << name;
-  }
+  const auto expectSynced = [&](const Words& words) {
+    SCOPED_TRACE(words[0]);
+    EXPECT_EQ(run(words).status, 0);
+    const Words lines = host.taken();
+    for (const std::string& name : Words{"out", "n2", "n1", folderName}) {
+      EXPECT_NE(std::find(lines.begin(), lines.end(), "sync " + name), lines.end()) << name;
+    }
+    fs::remove_all(path("n1"));
+  };
+  expectSynced({"export", "--parents", kDefaultFile, "files", "n1/n2/out"});
+  expectSynced({"create", "--parents", "n1/n2/out/new"});
+  expectSynced({"compact", "--parents", kDefaultFile, "n1/n2/out/new"});
+  expectSynced({"get", "--parents", kDefaultFile, "notes", id_, "-o", "n1/n2/out/new"});
 }
 
 // ---- other users ----

@@ -21,7 +21,7 @@ NewFolder::~NewFolder() {
 void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
   std::error_code error;
   if (!parents && !fs::is_directory(path_, error)) {
-    products::requireFolder((path_ / "").parent_path(), operation, false);
+    products::requireFolder((path_ / "").parent_path(), operation, products::Missing::fail);
   }
   fs::path path;
   std::error_code refusal;  // the last one, which is about the folder itself or one in its path
