@@ -166,7 +166,8 @@ class QVDBASE_API Database {
   Table table(std::string_view name) const;
 
   // Adds a table. The name has 1 to 32 bytes, none of them zero.
-  // Throws Error: bad_name; name_too_long; table_exists; directory_full; directory_damaged;
+  // Throws Error: bad_name; name_too_long; table_exists; directory_full; directory_damaged, also
+  // when the header counts too few tables, so that one with records or data would be overwritten;
   // read_only; cannot_write.
   Table add_table(std::string_view name);
 
