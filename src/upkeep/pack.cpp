@@ -11,6 +11,7 @@
 #include "format/Aliment8.h"
 #include "format/category.h"
 #include "handle/database_handle.h"
+#include "platform/handles/descriptor_path.h"
 #include "products/target_file.h"
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
@@ -55,7 +56,7 @@ class Packing {
       : operation_(operation),
         source_(source),
         database_(source, permission),
-        access_(accessOf(source, operation)),
+        access_(OpenedFile(database_.number(), source, operation).access(source, operation)),
         target_(differing(operation, source, target), operation, rulesOf(options)),
         nativeTarget_(nativePath(target_.makePrivateFolder(), operation)),
         isForced_(options.force) {
@@ -64,6 +65,12 @@ class Packing {
   }
 
   int16_t database() const { return database_.number(); }
+
+  // Of the file that is open, and was judged: another user may give its name to another file.
+  std::vector<QVWCHAR> nativeSource() const {
+    const std::string path = platform::descriptorPath(database_.number());
+    return nativePath(path.empty() ? source_ : fs::path(path), operation_);
+  }
   std::vector<tablePart1> tables() const { return database_.tables(operation_); }
   const QVWCHAR* nativeTarget() const { return nativeTarget_.data(); }
 
@@ -131,7 +138,7 @@ PackReport pack(const fs::path& source, const fs::path& target, const ProgressFu
                 const TargetOptions& options) {
   constexpr const char* kOperation = "pack the database";
   Packing packing(kOperation, source, DatabaseHandle::shared, target, options);
-  const std::vector<QVWCHAR> nativeSource = nativePath(source, kOperation);
+  const std::vector<QVWCHAR> nativeSource = packing.nativeSource();
   return packing.run(progress, [&] {
     return PackOneDB2NewW(nativeSource.data(), packing.nativeTarget(), 0, Reporter::packProgress) ==
            1;

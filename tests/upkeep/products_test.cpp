@@ -204,6 +204,37 @@ TEST_F(Products, AreMadeInNoFolderOfAnotherUser) {
   }
 }
 
+// Another user may write to the folder of the source, and give its name to another file when it has
+// been opened and judged.
+TEST_F(Products, AreMadeFromTheSourceThatWasOpened) {
+  static fs::path name;
+  static fs::path opened;
+  static fs::path other;
+  name = source();
+  opened = path("opened.qvd");
+  other = path("other.qvd");
+  allowDamage("other.qvd");
+  for (const Product& product : {products()[1], products()[2]}) {
+    fs::remove(target());
+    qvdb::Database::create(other, {.overwrite = true}).add_table("QVrz_Category");
+    {
+      ReplacedCalls calls;
+      calls->makeDirectoryAt = [](int directory, const char* entry, mode_t mode) {
+        if (fs::exists(other)) {
+          fs::rename(name, opened);
+          fs::rename(other, name);
+        }
+        return platform::hostSystemCalls().makeDirectoryAt(directory, entry, mode);
+      };
+      product.make(source(), target());
+    }
+    EXPECT_FALSE(fs::exists(other));
+    EXPECT_EQ(qvdb::Database::open(target(), qvdb::Mode::read_only).tables().size(), 2u)
+        << product.name;
+    fs::rename(opened, source());
+  }
+}
+
 int openWithoutDescriptorPaths(int directory, const char* name, int flags, mode_t mode) {
   if (std::string(name) != "proc") {
     return platform::hostSystemCalls().openAt(directory, name, flags, mode);
