@@ -5,6 +5,10 @@
 
 #include <utility>
 
+#include "QVDbase/position.h"
+#include "QVDbase/record_find.h"
+#include "QVDbase/table_data.h"
+#include "QVDbase/tables.h"
 #include "format/Aliment8.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
@@ -24,6 +28,36 @@ constexpr const char* kFind = "find the table";
 bool findNamed(const Operation& operation, std::string_view name, tablePart1* slot) {
   return operation.findSlot(
       slot, [name](const tablePart1& used) { return format::storedName(used) == name; });
+}
+
+// Whether the slot is that of a table which is in the file, though the header does not count it.
+// Where adding a table was interrupted, the slot is used as well, but no block belongs to it.
+bool leadsToBlocks(int16_t db, const tablePart1& slot) {
+  recordPart1 record;
+  format::TableDataHead data;
+  return (slot.firstRecordPos > 0 &&
+          engine::readRecordHeaderAt(db, slot.firstRecordPos, slot.tableID, &record)) ||
+         (slot.firstDataPos > 0 &&
+          engine::readTableDataHead(db, slot.firstDataPos, slot.tableID, &data));
+}
+
+// The next table would be written over the slot after those that are counted.
+void requireFreeSlot(const Operation& operation) {
+  SavedPosition scope(operation.db());
+  tablePart1 slot;
+  const engine::DirectoryNumbers numbers = operation.directory();
+  if (numbers.tableCount >= numbers.slotCount - 1) return;
+  const int64_t slotPos =
+      myGetFilePos(operation.db()) + int64_t{numbers.tableCount} * numbers.slotSize;
+  if (myFileSeek(operation.db(), slotPos, kFromStart) != 0 ||
+      !engine::readUsedSlot(operation.db(), numbers.slotSize, &slot) ||
+      !leadsToBlocks(operation.db(), slot)) {
+    return;
+  }
+  operation.fail(Reason::directory_damaged,
+                 "its header counts " + std::to_string(numbers.tableCount) +
+                     " tables, but the entry for the next one is that of table '" +
+                     format::storedName(slot) + "', which has records or data");
 }
 
 }  // namespace
@@ -87,6 +121,7 @@ Table Database::add_table(std::string_view name) {
   }
   operation.about(name);
   operation.requireWritable();
+  requireFreeSlot(operation);
   const uint64_t id = AddTable(operation.db(), std::string(name).c_str());
   if (id != 0) return Table(state_, Id{id}, std::string(name));
 

@@ -127,7 +127,7 @@ void gatherGap(const OpenFile& file, uint32_t gap, uint32_t count) {
 // What the limit cuts off never reaches the host, whose answer is known.
 size_t writableBytes(uint64_t limit, int64_t position, size_t count) {
   const size_t below = bytesBelow(limit, position, count);
-  if (below < count) noteHostFailure(EFBIG);
+  if (below < count) noteRefusedWrite(EFBIG);
   return below;
 }
 
