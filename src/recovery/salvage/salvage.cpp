@@ -12,7 +12,7 @@
 #include "recovery/check/check_source.h"
 #include "recovery/salvage/run.h"
 #include "recovery/salvage/stored_databases.h"
-#include "recovery/survey/part_source.h"
+#include "recovery/survey/byte_source.h"
 #include "recovery/survey/words.h"
 
 using namespace qvdbase;

@@ -13,7 +13,7 @@
 #include "failure/failure.h"
 #include "format/layout.h"
 #include "recovery/salvage/run.h"
-#include "recovery/survey/part_source.h"
+#include "recovery/survey/byte_source.h"
 #include "recovery/survey/words.h"
 
 using namespace qvdbase::format;

@@ -1,4 +1,4 @@
-// Where the bytes of a database image come from: a file, or memory.
+// Where the bytes of a database image come from: a file, memory, or a part of another source.
 //
 // What reads by the format alone (the checker, the salvager) goes through this interface. The size
 // is taken once; a source that turns out shorter later gives short reads, nothing worse.
@@ -59,6 +59,24 @@ class FileSource : public ByteSource {
  private:
   const platform::ReadOnlyFile& file_;
   int64_t size_;
+};
+
+// A part of another source, taken for a whole one.
+class PartSource : public ByteSource {
+ public:
+  // The bytes of `whole`, which must outlive the part, from `begin` to before `end`. Where `begin`
+  // is below 0, zeros replace the bytes that are missing at the front.
+  PartSource(const ByteSource& whole, int64_t begin, int64_t end)
+      : whole_(whole), begin_(begin), end_(end) {}
+
+  int64_t size() const override { return end_ > begin_ ? end_ - begin_ : 0; }
+  size_t readAt(int64_t position, void* buffer, size_t count) const override;
+  std::optional<platform::FileHole> nextHole(int64_t position) const override;
+
+ private:
+  const ByteSource& whole_;
+  int64_t begin_;
+  int64_t end_;
 };
 
 }  // namespace qvdbase::survey

@@ -111,21 +111,19 @@ void readDirectory(const ByteSource& source, const SurveyOptions& options, Surve
   if (options.ignoreDirectory) return;
   readHeader(source, survey);
 
-  Layout layout = {survey->header.slotCount, survey->header.slotSize};
+  const Layout claimed = {survey->header.slotCount, survey->header.slotSize};
+  Layout layout = kUsualLayout;
   const int tableCount = survey->header.tableCount;
   survey->slots = readSlots(source, kUsualLayout, tableCount);
-  const bool isUsual = layout.slotCount == kNewSlotCount && layout.stride == kSlotImageSize;
-  if (!isUsual && isPlausible(layout, survey->size)) {
-    std::vector<Slot> claimed = readSlots(source, layout, tableCount);
-    const bool asGood = tablesIn(claimed) >= tablesIn(survey->slots) &&
-                        wellFormed(claimed) >= wellFormed(survey->slots);
+  const bool isUsual = claimed.slotCount == kNewSlotCount && claimed.stride == kSlotImageSize;
+  if (!isUsual && isPlausible(claimed, survey->size)) {
+    std::vector<Slot> slots = readSlots(source, claimed, tableCount);
+    const bool asGood = tablesIn(slots) >= tablesIn(survey->slots) &&
+                        wellFormed(slots) >= wellFormed(survey->slots);
     if (asGood) {
-      survey->slots = std::move(claimed);
-    } else {
-      layout = kUsualLayout;
+      survey->slots = std::move(slots);
+      layout = claimed;
     }
-  } else {
-    layout = kUsualLayout;
   }
   const int64_t next = slotPosition(static_cast<int64_t>(survey->slots.size()), layout.stride);
   if (next < layout.end() && next <= survey->size - kSlotImageSize) survey->noteUnreadable(next);

@@ -21,24 +21,16 @@ std::vector<uint32_t> blocksInFileOrder(const Survey& survey) {
   return order;
 }
 
-void cutAtSuccessors(const std::vector<uint32_t>& order, Survey* survey) {
+void layExtents(Survey* survey) {
+  const std::vector<uint32_t> order = blocksInFileOrder(*survey);
   for (size_t i = 0; i + 1 < order.size(); ++i) {
     Block& block = survey->blocks[order[i]];
     const Block& following = survey->blocks[order[i + 1]];
     if (block.end <= following.position) continue;
+    survey->overlaps.push_back({order[i], order[i + 1]});
     block.end = following.position;
     block.flaws |= kCutShort;
   }
-}
-
-void layExtents(Survey* survey) {
-  const std::vector<uint32_t> order = blocksInFileOrder(*survey);
-  for (size_t i = 0; i + 1 < order.size(); ++i) {
-    const Block& block = survey->blocks[order[i]];
-    const Block& following = survey->blocks[order[i + 1]];
-    if (block.end > following.position) survey->overlaps.push_back({order[i], order[i + 1]});
-  }
-  cutAtSuccessors(order, survey);
   for (Block& block : survey->blocks) {
     if (block.flaws & kCutShort) block.flaws |= kUnbelieved;
     if (block.flaws & kUnbelieved) block.end = std::min(block.end, block.dataPos());

@@ -145,27 +145,25 @@ class Labeller {
     for (Block* each : versions) labelBeside(*live, each);
   }
 
-  // The block that holds the record: what the walk from the front reaches comes before what only
-  // the walk from the back does. Null where neither reaches any.
+  // The block that holds the record; null where neither walk reaches any.
   static const Block* liveVersion(Versions versions, bool isNameless) {
-    const Block* reached = nullptr;
-    const Block* complete = nullptr;
-    for (const Reach direction : {kBackward, kForward}) {
-      const Block* first = nullptr;
-      const Block* firstComplete = nullptr;
-      for (const Block* each : versions) {
-        if (!(each->reach & direction)) continue;
-        if (first == nullptr || direction == kForward) first = each;
-        if (hasOpenEnd(*each)) continue;
-        if (firstComplete == nullptr || direction == kForward) firstComplete = each;
-      }
-      if (first != nullptr) reached = first;
-      if (firstComplete != nullptr) complete = firstComplete;
-    }
-    if (complete != nullptr) return complete;
+    if (const Block* const complete = reachedVersion(versions, true)) return complete;
+    const Block* const reached = reachedVersion(versions, false);
     if (reached == nullptr || isNameless) return reached;
     const Block* const older = wholeVersionBefore(*reached, versions);
     return older != nullptr ? older : reached;
+  }
+
+  // What the walk from the front reaches comes before what only the walk from the back does.
+  static const Block* reachedVersion(Versions versions, bool mustBeComplete) {
+    const Block* last = nullptr;
+    const Block* first = nullptr;
+    for (const Block* each : versions) {
+      if (mustBeComplete && hasOpenEnd(*each)) continue;
+      if (each->reach & kForward) last = each;
+      if ((each->reach & kBackward) && first == nullptr) first = each;
+    }
+    return last != nullptr ? last : first;
   }
 
   static const Block* wholeVersionBefore(const Block& open, Versions versions) {

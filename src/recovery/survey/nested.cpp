@@ -20,11 +20,11 @@
 //
 // So a block of this file can be taken for a nested one only if no block of this file names it, and
 // something before it explains it.
-#include "recovery/survey/nested.h"
-
 #include <algorithm>
 #include <map>
 #include <set>
+
+#include "recovery/survey/candidates.h"
 
 using namespace qvdbase::format;
 

@@ -17,7 +17,6 @@
 
 #include "format/block_heads.h"
 #include "recovery/survey/candidates.h"
-#include "recovery/survey/nested.h"
 #include "recovery/survey/survey.h"
 
 using namespace qvdbase::format;

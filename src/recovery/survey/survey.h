@@ -276,9 +276,6 @@ void labelBlocks(Survey* survey);
 // The numbers of all blocks, sorted by position.
 std::vector<uint32_t> blocksInFileOrder(const Survey& survey);
 
-// Ends every block at the latest where the next one of `order` begins.
-void cutAtSuccessors(const std::vector<uint32_t>& order, Survey* survey);
-
 // The number of that identifier among the owners, which it joins if it is new.
 uint32_t ownerOf(const unsigned char* id, Survey* survey);
 
