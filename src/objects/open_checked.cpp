@@ -113,7 +113,7 @@ class Ends {
                             const Slot& slot, const char* problem) {
   ErrorDetails known;
   known.table = format::storedName(slot.fields);
-  const std::string why = "table " + check::shown(known.table) + ": " + problem;
+  const std::string why = "table " + survey::shown(known.table) + ": " + problem;
   failure::throwError(path, operation, Reason::chain_damaged, why, std::move(known));
 }
 

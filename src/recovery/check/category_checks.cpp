@@ -56,19 +56,16 @@ class CategoryCheck {
     if (block.length <= category::kCategoryName) return;  // not decoded at all
     const int64_t end = block.dataPos() + block.dataThere();
     int64_t place = block.dataPos() + category::kFirstIDCount;
-    uint32_t counts[2] = {};
+    uint32_t number = 0;
     for (int list = 0; list < 2; ++list) {
-      if (!read(&place, end, &counts[list])) return tooShort(block);
-      const auto count = static_cast<int32_t>(counts[list]);
-      if (count < 0) {
-        return reportCounts(block, " has a negative count of entries.");
-      }
+      if (!read(&place, end, &number)) return tooShort(block);
+      const auto count = static_cast<int32_t>(number);
+      if (count < 0) return reportCounts(block, " has a negative count of entries.");
       if (int64_t{count} * kIdentitySize > end - place) return tooShort(block);
       if (list == 1) checkEntries(block, place, count);
       place += int64_t{count} * kIdentitySize;
     }
-    uint32_t extra = 0;
-    if (!read(&place, end, &extra) || int64_t{extra} > end - place) tooShort(block);
+    if (!read(&place, end, &number) || int64_t{number} > end - place) tooShort(block);
   }
 
   bool read(int64_t* place, int64_t end, uint32_t* value) {

@@ -9,18 +9,10 @@ using namespace qvdbase::survey;
 namespace qvdbase::check {
 namespace {
 
-std::string at(int64_t position) {
-  return "at " + std::to_string(position);
-}
-
 class ChainCheck {
  public:
   ChainCheck(const Survey& survey, const Table& table, Findings* findings)
-      : survey_(survey),
-        table_(table),
-        slot_(survey.slotOf(table)),
-        count_(slot_.fields.recordCount),
-        findings_(*findings) {}
+      : survey_(survey), table_(table), findings_(*findings) {}
 
   void run() {
     checkEnd(table_.forward, kIsForward);
@@ -37,11 +29,6 @@ class ChainCheck {
 
   const Block& block(uint32_t number) const { return survey_.blocks[number]; }
 
-  // Records that the walk reaches within the count.
-  size_t countedBlocks() const {
-    return static_cast<size_t>(std::min<uint64_t>(table_.forward.blocks.size(), count_));
-  }
-
   // Where a walk could not go on: the link, and what it leads to.
   void checkEnd(const Walk& walk, bool isForward) {
     if (walk.end == WalkEnd::complete) return;
@@ -53,7 +40,7 @@ class ChainCheck {
     const Block& last = block(walk.blocks.back());
     const int64_t field = isForward ? record::kNextRecordPos : record::kPrevRecordPos;
     explainEnd(walk, "R1", inBlock(&slot_, last, field), "The ", isForward ? "next" : "previous",
-               " link of the record ", at(last.position));
+               " link of the record at ", last.position);
   }
 
   // `bad` is the code of a link that leads to where no block can begin.
@@ -109,26 +96,26 @@ class ChainCheck {
     }
     if (blocks.empty() || (blocks.size() < count_ && end != WalkEnd::complete)) return;
 
-    const Block& last = block(blocks[countedBlocks() - 1]);
+    const Block& last = block(countedBlocks(survey_, table_).back());
     if (last.next != 0) {
       findings_.error("R6", inBlock(&slot_, last, record::kNextRecordPos), "The last of ",
-                      counted(count_, "counted record"), ", ", at(last.position),
-                      ", has a successor ", at(last.next), ".");
+                      counted(count_, "counted record"), ", at ", last.position,
+                      ", has a successor at ", last.next, ".");
     }
     if (last.position != slot_.fields.lastRecordPos) {
-      findings_.error("R7", inSlot(slot_, slot::kLastRecordPos), "The walk from the front ends ",
-                      at(last.position), ", but the slot's last record is ",
-                      at(slot_.fields.lastRecordPos), ".");
+      findings_.error("R7", inSlot(slot_, slot::kLastRecordPos), "The walk from the front ends at ",
+                      last.position, ", but the slot's last record is at ",
+                      slot_.fields.lastRecordPos, ".");
     }
   }
 
   void checkBackLinks() {
     int64_t predecessor = 0;
-    for (size_t i = 0; i < countedBlocks(); ++i) {
-      const Block& each = block(table_.forward.blocks[i]);
+    for (const uint32_t number : countedBlocks(survey_, table_)) {
+      const Block& each = block(number);
       if (each.prev != predecessor) {
-        findings_.error("R8", inBlock(&slot_, each, record::kPrevRecordPos), "The record ",
-                        at(each.position), " names ", each.prev, " as its predecessor; ",
+        findings_.error("R8", inBlock(&slot_, each, record::kPrevRecordPos), "The record at ",
+                        each.position, " names ", each.prev, " as its predecessor; ",
                         predecessor == 0 ? "it is the first of the chain."
                                          : joined("it follows ", predecessor, "."));
       }
@@ -162,12 +149,17 @@ class ChainCheck {
 
   const Survey& survey_;
   const Table& table_;
-  const Slot& slot_;
-  const uint64_t count_;
   Findings& findings_;
+  const Slot& slot_ = survey_.slotOf(table_);
+  const uint64_t count_ = slot_.fields.recordCount;
 };
 
 }  // namespace
+
+std::span<const uint32_t> countedBlocks(const Survey& survey, const Table& table) {
+  const std::span<const uint32_t> blocks = table.forward.blocks;
+  return blocks.first(std::min<size_t>(blocks.size(), survey.slotOf(table).fields.recordCount));
+}
 
 void checkChain(const Survey& survey, const Table& table, Findings* findings) {
   ChainCheck(survey, table, findings).run();

@@ -15,11 +15,6 @@
 
 namespace qvdbase::check {
 
-using survey::counted;
-using survey::joined;
-using survey::shown;
-using survey::shownId;
-
 // What a finding is about, beside its text.
 struct About {
   const survey::Slot* slot = nullptr;
@@ -45,15 +40,15 @@ class Findings {
   // The same, with a message of several parts, which are texts and numbers.
   template <typename... Parts>
   void error(const char* code, const About& about, const Parts&... message) {
-    add(qvdb::Severity::error, code, about, joined(message...));
+    add(qvdb::Severity::error, code, about, survey::joined(message...));
   }
   template <typename... Parts>
   void warning(const char* code, const About& about, const Parts&... message) {
-    add(qvdb::Severity::warning, code, about, joined(message...));
+    add(qvdb::Severity::warning, code, about, survey::joined(message...));
   }
   template <typename... Parts>
   void information(const char* code, const About& about, const Parts&... message) {
-    add(qvdb::Severity::information, code, about, joined(message...));
+    add(qvdb::Severity::information, code, about, survey::joined(message...));
   }
 
   uint64_t count(qvdb::Severity severity) const { return counts_[static_cast<size_t>(severity)]; }

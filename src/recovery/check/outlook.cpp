@@ -24,12 +24,6 @@ bool headerIsUsable(const Survey& survey) {
          survey.header.slotSize == survey.slotStride;
 }
 
-// The blocks that the walk from the front reaches within the slot's count.
-std::span<const uint32_t> countedBlocks(const Survey& survey, const Table& table) {
-  const std::span<const uint32_t> blocks = table.forward.blocks;
-  return blocks.first(std::min<size_t>(blocks.size(), survey.slotOf(table).fields.recordCount));
-}
-
 template <typename Is>
 bool allCounted(const Survey& survey, const Table& table, Is is) {
   const std::span<const uint32_t> counted = countedBlocks(survey, table);
@@ -102,21 +96,6 @@ class NeighbourCheck {
   NeighbourCheck(const ByteSource& source, const Survey& survey, const Table& table)
       : source_(source), survey_(survey), table_(table), slot_(survey.slotOf(table).fields) {}
 
-  bool canDeleteAll() const {
-    return walkSucceeds(table_, slot_.recordCount) &&
-           allCounted(survey_, table_, [&](const Block& each) { return canDelete(each); });
-  }
-  bool canEnlargeAll() const {
-    return walkSucceeds(table_, slot_.recordCount) &&
-           allCounted(survey_, table_, [&](const Block& each) { return canRelocate(each); });
-  }
-
- private:
-  struct Links {
-    int64_t prev;
-    int64_t next;
-  };
-
   bool canDelete(const Block& each) const {
     if (each.position == slot_.firstRecordPos) {
       if (each.prev != 0) return false;
@@ -135,6 +114,12 @@ class NeighbourCheck {
     };
     return leadsHere(each.prev, &Links::next) && leadsHere(each.next, &Links::prev);
   }
+
+ private:
+  struct Links {
+    int64_t prev;
+    int64_t next;
+  };
 
   // The links of the record of this table at `position`, wherever that is.
   std::optional<Links> linksAt(int64_t position) const {
@@ -185,6 +170,24 @@ std::string repairTable(const Survey& survey, const Table& table, qvdb::Repaired
   return {};
 }
 
+// The same of all tables.
+std::string repairTables(const Survey& survey, qvdb::RepairPreview* preview) {
+  if (!headerIsUsable(survey)) return "the header is not that of a usable database";
+  for (const Slot& slot : survey.slots) {
+    if (!slot.counted) break;
+    if (!slot.holdsTable()) return joined("slot ", slot.index, " lacks its marks");
+    qvdb::RepairedTable repaired;
+    std::string failure = repairTable(survey, *survey.tableOfSlot(slot.index), &repaired);
+    if (!failure.empty()) return failure;
+    if (repaired.rewritten) preview->result = 2;
+    preview->lost += repaired.lost;
+    preview->missed += repaired.missed;
+    preview->tables.push_back(std::move(repaired));
+  }
+  const bool fits = survey.header.tableCount <= static_cast<int>(survey.slots.size());
+  return fits ? "" : "the number of tables is impossible";
+}
+
 }  // namespace
 
 bool isReachable(const Survey& survey, const Slot& slot) {
@@ -215,8 +218,13 @@ qvdb::TableOutlook outlookOf(const ByteSource& source, const Survey& survey, con
   outlook.list = canList(survey, table, fields.recordCount);
   outlook.find_all = outlook.list && outlook.found_elsewhere == 0;
   const NeighbourCheck neighbours(source, survey, table);
-  outlook.delete_all = neighbours.canDeleteAll();
-  outlook.enlarge_all = neighbours.canEnlargeAll();
+  const bool walks = walkSucceeds(table, fields.recordCount);
+  const auto all = [&](auto can) {
+    return walks &&
+           allCounted(survey, table, [&](const Block& each) { return (neighbours.*can)(each); });
+  };
+  outlook.delete_all = all(&NeighbourCheck::canDelete);
+  outlook.enlarge_all = all(&NeighbourCheck::canRelocate);
   outlook.get_data = canReadData(survey, fields);
   outlook.set_data = table.dataState == DataState::none || table.dataState == DataState::sound;
   return outlook;
@@ -236,24 +244,7 @@ bool willPack(const Survey& survey) {
 qvdb::RepairPreview willRepair(const Survey& survey) {
   qvdb::RepairPreview preview;
   preview.unfinished_pack = survey.header.fields.version == kUnfinishedPackVersion;
-  if (!headerIsUsable(survey)) preview.failure = "the header is not that of a usable database";
-  for (const Slot& slot : survey.slots) {
-    if (!slot.counted || !preview.failure.empty()) break;
-    if (!slot.holdsTable()) {
-      preview.failure = "slot " + std::to_string(slot.index) + " lacks its marks";
-      break;
-    }
-    qvdb::RepairedTable repaired;
-    preview.failure = repairTable(survey, *survey.tableOfSlot(slot.index), &repaired);
-    if (!preview.failure.empty()) break;
-    if (repaired.rewritten) preview.result = 2;
-    preview.lost += repaired.lost;
-    preview.missed += repaired.missed;
-    preview.tables.push_back(std::move(repaired));
-  }
-  if (preview.failure.empty() && survey.header.tableCount > static_cast<int>(survey.slots.size())) {
-    preview.failure = "the number of tables is impossible";
-  }
+  preview.failure = repairTables(survey, &preview);
   if (!preview.failure.empty()) preview.result = 1;
   preview.salvage_gives_more = preview.lost > 0 || preview.missed > 0 || preview.result == 1;
   return preview;

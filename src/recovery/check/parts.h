@@ -41,6 +41,9 @@ qvdb::SpaceUse checkSpace(const survey::ByteSource& source, const survey::Survey
 void checkCategories(const survey::ByteSource& source, const survey::Survey& survey,
                      Findings* findings);
 
+// The blocks that the walk from the front reaches within the slot's count.
+std::span<const uint32_t> countedBlocks(const survey::Survey& survey, const survey::Table& table);
+
 // The identifiers of the records in these blocks.
 std::vector<uint64_t> sortedRecords(const survey::Survey& survey, std::span<const uint32_t> blocks);
 

@@ -1,6 +1,8 @@
-// What every byte of the file is, and what is wrong with that: S1 to S8.
+// What every byte of the file is, and what is wrong with that: S1 to S8. Holes where payloads
+// should be: F3.
 #include <algorithm>
 #include <map>
+#include <tuple>
 
 #include "recovery/check/parts.h"
 
@@ -93,17 +95,20 @@ class BlockSpace {
     if (block.isReached()) return;
     if (block.grade != Grade::a) return reportTorn(survey_, block, findings);
     if (survey_.isOrphan(block)) return orphans_[block.owner].add(block);
-    auto& heaps = block.kind == BlockKind::record ? records_ : tableData_;
-    heaps[{survey_.owners[block.owner].slot, fate}].add(block);
+    heaps_[{block.kind, survey_.owners[block.owner].slot, fate}].add(block);
   }
 
   void report(Findings* findings) const {
-    for (const auto& [key, heap] : records_) {
-      const Fate& fate = kFates[key.second];
-      reportHeap("S2", fate.isLoss, key.first, heap, fate.records, findings);
-    }
-    for (const auto& [key, heap] : tableData_) {
-      reportHeap("S3", false, key.first, heap, kFates[key.second].tableData, findings);
+    for (const auto& [key, heap] : heaps_) {
+      const auto& [kind, slot, number] = key;
+      const Fate& fate = kFates[number];
+      const bool isRecord = kind == BlockKind::record;
+      const bool isLoss = isRecord && fate.isLoss;
+      findings->add(
+          isLoss ? qvdb::Severity::warning : qvdb::Severity::information, isRecord ? "S2" : "S3",
+          {.slot = survey_.slotAt(slot), .offset = heap.first},
+          joined(counted(heap.blocks, "unreferenced block"), ", ", counted(heap.bytes, "byte"),
+                 ": ", isRecord ? fate.records : fate.tableData, "."));
     }
     for (const auto& [owner, heap] : orphans_) {
       const uint64_t table = survey_.owners[owner].number;
@@ -114,8 +119,6 @@ class BlockSpace {
   }
 
  private:
-  using Heaps = std::map<std::pair<int, size_t>, Heap>;  // by slot and fate
-
   bool isOfUnknownTable(const Block& block) const {
     return survey_.owners[block.owner].slot == kNoSlot;
   }
@@ -132,18 +135,9 @@ class BlockSpace {
     return block.kind == BlockKind::record ? space_.records : space_.table_data;
   }
 
-  void reportHeap(const char* code, bool isLoss, int slot, const Heap& heap, const char* what,
-                  Findings* findings) const {
-    findings->add(isLoss ? qvdb::Severity::warning : qvdb::Severity::information, code,
-                  {.slot = survey_.slotAt(slot), .offset = heap.first},
-                  counted(heap.blocks, "unreferenced block") + ", " + counted(heap.bytes, "byte") +
-                      ": " + what + ".");
-  }
-
   const Survey& survey_;
   SpaceUse& space_;
-  Heaps records_;
-  Heaps tableData_;
+  std::map<std::tuple<BlockKind, int, size_t>, Heap> heaps_;  // by kind, slot and fate
   std::map<uint32_t, Heap> orphans_;  // by their table's number among the owners
 };
 
@@ -151,16 +145,16 @@ void reportLeftovers(const Survey& survey, SpaceUse* space, Findings* findings) 
   for (const auto& [range, kind] : survey.leftovers) {
     space->unknown += static_cast<uint64_t>(range.size());
     const bool isAtEnd = range.end == survey.size;
-    const auto report = [&, begin = range.begin, size = range.size()](const char* code,
-                                                                      const auto&... what) {
-      findings->warning(code, {.offset = begin}, counted(static_cast<uint64_t>(size), "byte"),
-                        " at ", begin, what...);
-    };
+    const std::string bytes =
+        joined(counted(static_cast<uint64_t>(range.size()), "byte"), " at ", range.begin);
     if (kind == Leftover::torn) {
-      report("S4", " are the beginning of a block that was never finished",
-             isAtEnd ? ", at the end of the file." : ".");
+      findings->warning("S4", {.offset = range.begin}, bytes,
+                        " are the beginning of a block that was never finished",
+                        isAtEnd ? ", at the end of the file." : ".");
     } else {
-      report("S5", isAtEnd ? ", after the last block," : ", between blocks,", " are no block.");
+      findings->warning("S5", {.offset = range.begin}, bytes,
+                        isAtEnd ? ", after the last block," : ", between blocks,",
+                        " are no block.");
     }
   }
 }
@@ -219,11 +213,9 @@ class SpareBytes {
           std::min<int64_t>(end - position, static_cast<int64_t>(Window::kLargestView)));
       const uint8_t* bytes = window_.at(position, count);
       if (bytes == nullptr) break;
-      for (size_t i = count; i > 0; --i) {
-        if (bytes[i - 1] == 0) continue;
-        used = position + static_cast<int64_t>(i);
-        break;
-      }
+      size_t last = count;
+      while (last > 0 && bytes[last - 1] == 0) --last;
+      if (last > 0) used = position + static_cast<int64_t>(last);
       position += static_cast<int64_t>(count);
     }
     return static_cast<uint64_t>(used - begin);
@@ -246,6 +238,18 @@ void reportDead(const Survey& survey, const SpaceUse& space, Findings* findings)
                         " would come back by packing", warning, ".");
 }
 
+// A block is written whole, its spare capacity with fill. So the library did not leave a hole in
+// it: a copying program made it of zeros, or the system lost what was written there, as happens on
+// file systems that store the size of a file before its contents.
+void reportHole(const Survey& survey, const Block& block, int64_t from, int64_t to,
+                Findings* findings) {
+  const char* const whose =
+      block.kind == BlockKind::record ? "the record at " : "the table data at ";
+  findings->warning("F3", inBlock(survey.slotAt(block.slot), block, from - block.position),
+                    "From here, ", counted(static_cast<uint64_t>(to - from), "byte"), " of ", whose,
+                    block.position, " are a hole in the file and read as zeros.");
+}
+
 }  // namespace
 
 SpaceUse checkSpace(const ByteSource& source, const Survey& survey, Findings* findings) {
@@ -264,6 +268,22 @@ SpaceUse checkSpace(const ByteSource& source, const Survey& survey, Findings* fi
   reportDead(survey, space, findings);
   spare.report(findings);
   return space;
+}
+
+// Blocks and holes both in the order of the file.
+void checkHoles(const ByteSource& source, const Survey& survey, Findings* findings) {
+  std::optional<platform::FileHole> hole = source.nextHole(survey.blocksStart);
+  if (!hole) return;
+  for (const uint32_t number : blocksInFileOrder(survey)) {
+    const Block& block = survey.blocks[number];
+    if (block.label != Label::live) continue;
+    const int64_t begin = block.dataPos();
+    const int64_t end = begin + block.dataThere();
+    if (hole->end <= begin) hole = source.nextHole(begin);
+    if (!hole) return;
+    if (hole->begin >= end) continue;
+    reportHole(survey, block, std::max(hole->begin, begin), std::min(hole->end, end), findings);
+  }
 }
 
 }  // namespace qvdbase::check
