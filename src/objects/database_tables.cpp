@@ -47,8 +47,7 @@ void requireFreeSlot(const Operation& operation) {
   tablePart1 slot;
   const engine::DirectoryNumbers numbers = operation.directory();
   if (numbers.tableCount >= numbers.slotCount - 1) return;
-  const int64_t slotPos =
-      myGetFilePos(operation.db()) + int64_t{numbers.tableCount} * numbers.slotSize;
+  const int64_t slotPos = format::slotPosition(numbers.tableCount, numbers.slotSize);
   if (myFileSeek(operation.db(), slotPos, kFromStart) != 0 ||
       !engine::readUsedSlot(operation.db(), numbers.slotSize, &slot) ||
       !leadsToBlocks(operation.db(), slot)) {
