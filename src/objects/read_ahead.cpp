@@ -42,12 +42,17 @@ bool ReadBatch::isDense() const {
   return span > 0 && span / static_cast<int64_t>(records_.size()) <= kWidestStep;
 }
 
-// False when no record follows, or its payload cannot be read.
+// False when no record follows, or it cannot be read.
 bool ReadBatch::readOne(const Operation& operation, ChainWalker& chain) {
   recordPart1 header;
   int64_t position = 0;
-  if (chain.next(operation.db(), &header, &position) != ChainWalker::Step::record) return false;
-  if (!tryReadPayload(operation, header, position)) return false;
+  const ChainWalker::Step step = chain.next(operation.db(), &header, &position);
+  if (step == ChainWalker::Step::end) return false;
+  const bool isRead = tryToRead([&] {
+    if (step == ChainWalker::Step::damaged) failDamagedChain(operation, chain);
+    if (load_ == Load::payloads) readPayload(operation, header, position);
+  });
+  if (!isRead) return false;
   storeInfo(header, position, &records_.emplace_back());
   return true;
 }
@@ -64,12 +69,11 @@ void ReadBatch::readPayload(const Operation& operation, const recordPart1& heade
   payloads_.insert(payloads_.end(), bytes, bytes + size);
 }
 
-// A payload that cannot be read is an error when the walk gets there, like a damaged header.
-bool ReadBatch::tryReadPayload(const Operation& operation, const recordPart1& header,
-                               int64_t position) {
-  if (load_ == Load::headers) return true;
+// What cannot be read is an error when the walk gets there. What the host answered is known now.
+template <typename Read>
+bool ReadBatch::tryToRead(Read read) {
   try {
-    readPayload(operation, header, position);
+    read();
     return true;
   } catch (const std::exception&) {
     if (records_.empty()) throw;

@@ -53,7 +53,8 @@ class ReadBatch {
 
   bool readOne(const Operation& operation, ChainWalker& chain);
   void readPayload(const Operation& operation, const recordPart1& header, int64_t position);
-  bool tryReadPayload(const Operation& operation, const recordPart1& header, int64_t position);
+  template <typename Read>
+  bool tryToRead(Read read);
 
   Load load_ = Load::headers;
   size_t size_ = kFirst;  // records in the next batch
