@@ -85,10 +85,13 @@ void requireForetold(const qvdb::CheckReport& report, const std::filesystem::pat
   const std::vector<QVWCHAR> packed = widePath(scratchPath("packed.qvd"));
   uint64_t counted = 0;
   for (const qvdb::TableOutlook& each : report.tables) counted += each.counted;
-  // A pack copies as many records as are counted, also round and round a chain that loops.
+  // A pack copies as many records as are counted, also round and round a chain that loops, each
+  // with the capacity that it claims.
   if (counted <= kMostPacked) {
-    require((PackOneDB2NewW(wide.data(), packed.data(), 0, nullptr) == 1) == report.pack,
-            "the pack fares as the check foretells");
+    bool packs = false;
+    const bool isCutShort = WorkLimits::fillsDisk(
+        [&] { packs = PackOneDB2NewW(wide.data(), packed.data(), 0, nullptr) == 1; });
+    require(isCutShort || packs == report.pack, "the pack succeeds where the check predicts it");
   }
   const qvdb::RepairPreview preview = qvdb::predict_repair(path);
   int result = 77;

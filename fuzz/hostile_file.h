@@ -18,6 +18,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "format/layout.h"
@@ -39,6 +40,7 @@ class WorkLimits {
   // host has no more space beyond the limit, where a write is otherwise a finding.
   explicit WorkLimits(size_t inputSize, bool diskFills = false) {
     diskFills_ = diskFills;
+    diskWasFull_ = false;
     calls_ = platform::hostSystemCalls();
     calls_.allocate = [](size_t size) {
       require(size <= largest_, "memory is asked for in proportion to the file");
@@ -56,6 +58,7 @@ class WorkLimits {
     };
     calls_.writeAt = [](int descriptor, const void* buffer, size_t count, off_t position) {
       if (diskFills_ && written_ + count > mostWritten_) {
+        diskWasFull_ = true;
         errno = ENOSPC;
         return ssize_t{-1};
       }
@@ -77,6 +80,18 @@ class WorkLimits {
     fillChunks_.clear();
   }
 
+  // Calls operation() on a host whose disk fills at the limit, which begins anew with it and after
+  // it. Returns whether it was reached: what the operation returned says nothing then.
+  template <typename Operation>
+  static bool fillsDisk(Operation operation) {
+    const bool before = std::exchange(diskFills_, true);
+    written_ = writes_ = 0;
+    operation();
+    written_ = writes_ = 0;
+    diskFills_ = before;
+    return std::exchange(diskWasFull_, false);
+  }
+
   WorkLimits(const WorkLimits&) = delete;
   WorkLimits& operator=(const WorkLimits&) = delete;
 
@@ -88,6 +103,7 @@ class WorkLimits {
   static inline platform::SystemCalls calls_;
   static inline std::set<void*> fillChunks_;
   static inline bool diskFills_ = false;
+  static inline bool diskWasFull_ = false;
   static inline size_t largest_ = 0;
   static inline uint64_t mostWritten_ = 0;
   static inline uint64_t written_ = 0;
