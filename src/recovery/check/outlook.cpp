@@ -163,9 +163,11 @@ std::string repairTable(const Survey& survey, const Table& table, qvdb::Repaired
     repaired->rewritten = !forward.empty() && (forward.size() < count || backward.size() < count);
     repaired->kept = forward.size();
   }
-  std::vector<uint64_t> kept = sortedRecords(survey, forward.first(repaired->kept));
+  std::vector<uint64_t> kept =
+      sortedRecords(survey, forward.first(static_cast<size_t>(repaired->kept)));
   kept.erase(std::unique(kept.begin(), kept.end()), kept.end());
-  const uint64_t others = repaired->reachable - std::min(repaired->reachable, kept.size());
+  const uint64_t others =
+      repaired->reachable - std::min<uint64_t>(repaired->reachable, kept.size());
   (repaired->rewritten ? repaired->lost : repaired->missed) = others;
   return {};
 }
