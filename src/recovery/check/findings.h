@@ -39,16 +39,16 @@ class Findings {
 
   // The same, with a message of several parts, which are texts and numbers.
   template <typename... Parts>
-  void error(const char* code, const About& about, const Parts&... message) {
-    add(qvdb::Severity::error, code, about, survey::joined(message...));
+  void error(const char* code, const About& about, Parts... message) {
+    add(qvdb::Severity::error, code, about, survey::joined(std::move(message)...));
   }
   template <typename... Parts>
-  void warning(const char* code, const About& about, const Parts&... message) {
-    add(qvdb::Severity::warning, code, about, survey::joined(message...));
+  void warning(const char* code, const About& about, Parts... message) {
+    add(qvdb::Severity::warning, code, about, survey::joined(std::move(message)...));
   }
   template <typename... Parts>
-  void information(const char* code, const About& about, const Parts&... message) {
-    add(qvdb::Severity::information, code, about, survey::joined(message...));
+  void information(const char* code, const About& about, Parts... message) {
+    add(qvdb::Severity::information, code, about, survey::joined(std::move(message)...));
   }
 
   uint64_t count(qvdb::Severity severity) const { return counts_[static_cast<size_t>(severity)]; }

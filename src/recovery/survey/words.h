@@ -15,9 +15,10 @@ inline void addTo(std::string* text, std::integral auto number) {
   *text += std::to_string(number);
 }
 
-// One text of all parts, which are texts and numbers.
+// One text of all parts, which are texts and numbers. They come by value: a reference to a field of
+// a slot or header could be to one that is not aligned.
 template <typename... Parts>
-std::string joined(const Parts&... parts) {
+std::string joined(Parts... parts) {
   std::string text;
   (addTo(&text, parts), ...);
   return text;
