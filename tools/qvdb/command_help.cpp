@@ -93,7 +93,7 @@ void CommandHelp::addArgument(const std::string& usage, const char* name, const 
 void CommandHelp::addOption(const std::string& names, const char* valueName, const char* help) {
   std::string left = names;
   const size_t comma = left.find(',');
-  if (comma != std::string::npos) left.insert(comma + 1, " ");
+  if (comma != std::string::npos) left.insert(comma + 1, 1, ' ');
   if (valueName != nullptr) left += std::string(" ") + valueName;
   options_.push_back({left, help});
 }

@@ -42,9 +42,9 @@ class Reader {
 
   template <typename Unsigned>
   Unsigned number() {
-    unsigned char bytes[sizeof(Unsigned)];
-    for (unsigned char& byte : bytes) byte = next();
-    return loadBigEndian<Unsigned>(bytes);
+    const std::string_view bytes = text(sizeof(Unsigned));
+    if (bytes.empty()) return 0;
+    return loadBigEndian<Unsigned>(reinterpret_cast<const unsigned char*>(bytes.data()));
   }
 
   size_t count() {
