@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <limits>
 #include <utility>
 
 #include "kit/bytes.h"
@@ -208,6 +209,34 @@ TEST_F(EntryTest, LocksTheWholeFileAlsoWhatIsAddedLater) {
   std::filesystem::resize_file(folder_ / "f", 1 << 20);
   EXPECT_EQ(other_.open(folder_.wide("f"), 4), 0);
   EXPECT_TRUE(platform::leaveEntry(entry, Sharing::exclusive));
+}
+
+// Whether another process could lock these bytes for itself.
+bool othersCanLock(const std::filesystem::path& path, off_t start, off_t length) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const int descriptor = ::open(path.c_str(), O_RDWR);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_start = start;
+    lock.l_len = length;
+    ::_exit(::fcntl(descriptor, F_GETLK, &lock) == 0 && lock.l_type == F_UNLCK ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  return status == 0;
+}
+
+TEST_F(EntryTest, LockLeavesTheLast64BytesOfTheNumberRangeFree) {
+  constexpr off_t kLast = std::numeric_limits<off_t>::max();
+  for (const Sharing sharing : {Sharing::shared, Sharing::exclusive}) {
+    FileEntry* entry = join(u"f", sharing);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_FALSE(othersCanLock(folder_ / "f", 0, 1));
+    EXPECT_FALSE(othersCanLock(folder_ / "f", kLast - 64, 1));
+    EXPECT_TRUE(othersCanLock(folder_ / "f", kLast - 63, 0));
+    EXPECT_TRUE(platform::leaveEntry(entry, sharing));
+  }
 }
 
 TEST_F(EntryTest, LockIsOneThatOtherProgramsSee) {

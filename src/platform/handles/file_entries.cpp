@@ -290,12 +290,18 @@ int openRegularFile(const Directory& directory, const EntryName& name, int acces
   return -1;
 }
 
-bool setFileLock(int descriptor, Sharing strength) {
-  struct flock lock = {};  // from 0 over length 0: the whole file, however long it becomes
+struct flock fileLock(Sharing strength) {
+  struct flock lock = {};
   lock.l_whence = SEEK_SET;
+  lock.l_len = kLockedBytes;
   lock.l_type = F_UNLCK;
   if (strength == Sharing::shared) lock.l_type = F_RDLCK;
   if (strength == Sharing::exclusive) lock.l_type = F_WRLCK;
+  return lock;
+}
+
+bool setFileLock(int descriptor, Sharing strength) {
+  struct flock lock = fileLock(strength);
   return uninterrupted([&] { return systemCalls().setLock(descriptor, &lock); }) == 0;
 }
 

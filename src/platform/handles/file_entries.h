@@ -15,9 +15,11 @@
 //     gets a new description with a lock of this process alone, or the opener is refused.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <limits>
 
 #include "platform/host/process_mark.h"
 #include "platform/paths/directory.h"
@@ -99,7 +101,14 @@ NameOf lookAtLink(int directory, const char* name, const FileEntry& entry);
 // How often an opening begins again because the file was replaced meanwhile.
 inline constexpr int kOpeningTries = 100;
 
-// Sets the lock on the whole of a file, or clears it; never waits.
+// The lock of a file covers all bytes that a file can have but the last ones of the number range,
+// which are left free for locks of other kinds.
+inline constexpr off_t kLockedBytes = std::numeric_limits<off_t>::max() - 63;
+
+// The range of that lock, with its strength: the question, or the order, for the host.
+struct flock fileLock(Sharing strength);
+
+// Sets the lock on a file, or clears it; never waits.
 bool setFileLock(int descriptor, Sharing strength);
 
 }  // namespace qvdbase::platform

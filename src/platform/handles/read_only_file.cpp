@@ -88,9 +88,7 @@ bool ReadOnlyFile::stamp(FileStamp* stamp) const {
 }
 
 bool ReadOnlyFile::isLockedByOthers() const {
-  struct flock lock = {};
-  lock.l_type = F_WRLCK;  // conflicts with locks of either strength
-  lock.l_whence = SEEK_SET;
+  struct flock lock = fileLock(Sharing::exclusive);  // conflicts with locks of either strength
   if (systemCalls().findLock(descriptor(), &lock) != 0) return false;
   return lock.l_type != F_UNLCK;
 }
