@@ -34,6 +34,9 @@ class Store {
   virtual uint64_t scanKeys() = 0;
   virtual uint64_t scanValues() = 0;
 
+  // Reads the values of the records that were added last; their bytes.
+  virtual uint64_t lastValues(size_t /*count*/) { return 0; }
+
   virtual bool get(Key key, Bytes* value) = 0;
   virtual bool update(Key key, std::span<const char> value) = 0;
   virtual bool remove(Key key) = 0;

@@ -157,6 +157,14 @@ void scanValues(benchmark::State& state, const Case& c) {
   }
 }
 
+void lastTen(benchmark::State& state, const Case& c) {
+  constexpr size_t kLast = 10;
+  Filled& f = filled(c, Use::read);
+  timed(state, kOperations, [&] {
+    if (f.store->lastValues(kLast) != kLast * c.valueSize) failed(c.kind->name + ": last records");
+  });
+}
+
 void lookup(benchmark::State& state, const Case& c) {
   Filled& f = filled(c, Use::read);
   Bytes value;
@@ -261,7 +269,7 @@ void chainStep(benchmark::State& state, const Case& c) {
 }
 
 // The stores that run a workload.
-enum class Stores { all, keyed, oursIndexed, oursC };
+enum class Stores { all, keyed, ordered, oursIndexed, oursC };
 
 struct Workload {
   const char* name;
@@ -278,6 +286,7 @@ constexpr Workload kWorkloads[] = {
     {"scan-ids", "walk all records, reading identifiers only", Stores::all, scanKeys},
     {"open+read", "open the store and read its first record", Stores::all, openAndRead},
     {"scan-payloads", "walk all records, reading their values", Stores::keyed, scanValues},
+    {"last-10", "read the ten records that were added last", Stores::ordered, lastTen},
     {"lookup", "read a record that is there, chosen at random", Stores::keyed, lookup},
     {"absent", "look up a record that is not there", Stores::keyed, absent},
     {"update", "write a value of the same size over a random record's", Stores::keyed, update},
@@ -295,6 +304,8 @@ bool isRunBy(const StoreKind& kind, Stores stores) {
       return true;
     case Stores::keyed:
       return kind.name != "qvdbase-c";
+    case Stores::ordered:
+      return kind.name == "qvdbase" || kind.name.starts_with("sqlite");
     case Stores::oursIndexed:
       return kind.name == "qvdbase";
     case Stores::oursC:
@@ -319,6 +330,8 @@ const char* describe(Stores stores) {
       return "every store";
     case Stores::keyed:
       return "every store but qvdbase-c";
+    case Stores::ordered:
+      return "qvdbase and SQLite";
     case Stores::oursIndexed:
       return "qvdbase";
     case Stores::oursC:

@@ -60,6 +60,16 @@ class Indexed : public Store {
     return sum;
   }
 
+  uint64_t lastValues(size_t count) override {
+    uint64_t sum = 0;
+    for (const qvdb::Record& record :
+         table_->records({.order = qvdb::Order::newest_first, .load = qvdb::Load::payloads})) {
+      sum += record.loaded().size();
+      if (--count == 0) break;
+    }
+    return sum;
+  }
+
   bool get(Key key, Bytes* value) override {
     needIndex();
     value->resize(kLargestValue);

@@ -20,10 +20,11 @@ class Sqlite : public Store {
     insert_ = prepare("INSERT INTO t (v) VALUES (?1)");
     select_ = prepare("SELECT v FROM t WHERE k = ?1");
     update_ = prepare("UPDATE t SET v = ?2 WHERE k = ?1");
+    last_ = prepare("SELECT v FROM t ORDER BY k DESC LIMIT ?1");
     delete_ = prepare("DELETE FROM t WHERE k = ?1");
   }
   void close() override {
-    for (sqlite3_stmt* statement : {insert_, select_, update_, delete_})
+    for (sqlite3_stmt* statement : {insert_, select_, update_, last_, delete_})
       sqlite3_finalize(statement);
     sqlite3_close(db_);
   }
@@ -54,6 +55,16 @@ class Sqlite : public Store {
           static_cast<const char*>(sqlite3_column_blob(row, 1)) + sqlite3_column_bytes(row, 1));
       return static_cast<uint64_t>(copy_.size());
     });
+  }
+
+  uint64_t lastValues(size_t count) override {
+    uint64_t sum = 0;
+    sqlite3_bind_int64(last_, 1, static_cast<sqlite3_int64>(count));
+    while (sqlite3_step(last_) == SQLITE_ROW) {
+      sum += static_cast<uint64_t>(sqlite3_column_bytes(last_, 0));
+    }
+    sqlite3_reset(last_);
+    return sum;
   }
 
   bool get(Key key, Bytes* value) override {
@@ -112,6 +123,7 @@ class Sqlite : public Store {
   sqlite3_stmt* insert_ = nullptr;
   sqlite3_stmt* select_ = nullptr;
   sqlite3_stmt* update_ = nullptr;
+  sqlite3_stmt* last_ = nullptr;
   sqlite3_stmt* delete_ = nullptr;
 };
 

@@ -44,7 +44,8 @@ constexpr Words kWords[] = {{Reason::path_not_reachable, "path not reachable"},
                             {Reason::cannot_lock, "cannot be locked"},
                             {Reason::read_only_file_system, "read-only file system"},
                             {Reason::size_limit, "too long for the limits of the system"},
-                            {Reason::damaged, "damaged"}};
+                            {Reason::damaged, "damaged"},
+                            {Reason::changed_meanwhile, "changed meanwhile"}};
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// One forward walk along a table's chain of records.
+// One walk along a table's chain of records.
 #include "objects/chain_walker.h"
 
 #include "QVDbase/record_find.h"
@@ -20,14 +20,14 @@ ChainWalker::Step ChainWalker::next(int16_t db, recordPart1* header, int64_t* re
   if (step != Step::record) return step;
   if (!readHead(db, nextPos_, slot_.tableID, header)) return damaged(kNoRecord);
   *recordPos = nextPos_;
-  nextPos_ = header->nextRecordPos;
+  goOnTo(linkOf(*header));
   return Step::record;
 }
 
 bool ChainWalker::resumeAfter(int16_t db, int64_t recordPos, uint32_t number) {
   recordPart1 header;
   if (!engine::readRecordHeaderAt(db, recordPos, slot_.tableID, &header)) return false;
-  resumeAt(header.nextRecordPos, number);
+  resumeAt(linkOf(header), number);
   return true;
 }
 

@@ -1,8 +1,11 @@
-// One forward walk along a table's chain of records, which knows where and how the chain is
-// damaged.
+// One walk along a table's chain of records, in either direction, which knows where and how the
+// chain is damaged.
 #pragma once
 
+#include <qvdbase/qvdb/record.hpp>
+
 #include <cstdint>
+#include <optional>
 
 #include "QVDbase/loop_detector.h"
 #include "format/big_endian.h"
@@ -18,12 +21,20 @@ bool readHead(int16_t db, int64_t position, const unsigned char* tableID, record
 class ChainWalker {
  public:
   ChainWalker() = default;
-  explicit ChainWalker(const tablePart1& slot) : slot_(slot), nextPos_(slot.firstRecordPos) {}
+  explicit ChainWalker(const tablePart1& slot, Order order = Order::oldest_first)
+      : slot_(slot), isForward_(order == Order::oldest_first) {
+    nextPos_ = isForward_ ? slot.firstRecordPos : slot.lastRecordPos;
+  }
 
   enum class Step { record, end, damaged };
 
   // Where the next record's block is, as far as there is one.
   int64_t nextPosition() const { return nextPos_; }
+
+  // Where the record is that was passed last, or 0.
+  int64_t passedPosition() const { return passedPos_; }
+
+  bool isForward() const { return isForward_; }
 
   // Whether as many records have been passed as the table counts.
   bool isAtCount() const { return number_ == slot_.recordCount; }
@@ -37,8 +48,9 @@ class ChainWalker {
     const Step step = arrive();
     if (step != Step::record) return step;
     if (!qvdbase::format::isRecordOf(head, slot_.tableID)) return damaged(kNoRecord);
-    nextPos_ = static_cast<int64_t>(
-        qvdbase::format::loadBigEndian<uint64_t>(head + qvdbase::format::record::kNextRecordPos));
+    using namespace qvdbase::format;
+    const int64_t link = isForward_ ? record::kNextRecordPos : record::kPrevRecordPos;
+    goOnTo(static_cast<int64_t>(loadBigEndian<uint64_t>(head + link)));
     return Step::record;
   }
 
@@ -56,8 +68,46 @@ class ChainWalker {
     loop_ = qvdbase::engine::LoopDetector();
   }
 
-  // The record that the last step was about, counted from 1.
+  // Begins in the middle of the chain, with the record at `recordPos`, if that is not 0, after the
+  // one at `passedPos`, if that is known. How many records there are before it and after it is not:
+  // the table's count is only the limit of the walk.
+  void beginAt(int64_t recordPos, int64_t passedPos) {
+    nextPos_ = recordPos;
+    passedPos_ = passedPos;
+    isPart_ = true;
+  }
+
+  // Where a record leads to in the direction of the walk.
+  int64_t linkOf(const recordPart1& header) const {
+    return isForward_ ? header.nextRecordPos : header.prevRecordPos;
+  }
+
+  // Whether a walk that began in the middle has ended at a record that its slot does not name as
+  // the end of the chain.
+  bool endsElsewhere() const {
+    const int64_t end = isForward_ ? slot_.lastRecordPos : slot_.firstRecordPos;
+    return isPart_ && !hasChanged_ && !isAtCount() && passedPos_ != 0 && passedPos_ != end;
+  }
+
+  // Makes that damage.
+  void foundCutOff() {
+    ++number_;
+    damage_ = "the chain ends before it";
+  }
+
+  const tablePart1& slot() const { return slot_; }
+
+  // The records that the walk has come to, the one of the last step included.
   uint32_t number() const { return number_; }
+
+  // The record that the last step was about, or the `step`th, counted from the oldest as 1; nothing
+  // where the walk did not begin at an end of the chain.
+  std::optional<uint32_t> recordNumber() const { return recordNumberOf(number_); }
+  std::optional<uint32_t> recordNumberOf(uint32_t step) const {
+    if (isPart_) return std::nullopt;
+    return isForward_ ? step : slot_.recordCount - step + 1;
+  }
+
   uint32_t count() const { return slot_.recordCount; }
   bool isDamaged() const { return damage_ != nullptr; }
   const char* damage() const { return damage_; }
@@ -68,11 +118,18 @@ class ChainWalker {
 
   // Begins a step: whether a record should be at nextPosition().
   Step arrive() {
-    if (isAtCount() || (nextPos_ == 0 && hasChanged_)) return Step::end;
+    if (isAtCount() || (nextPos_ == 0 && (hasChanged_ || isPart_))) return Step::end;
     ++number_;
-    if (nextPos_ == 0) return damaged("the chain ends before it");
+    if (nextPos_ == 0) {
+      return damaged(isForward_ ? "the chain ends before it" : "the chain begins after it");
+    }
     if (loop_.visited(nextPos_)) return damaged("the chain leads back to an earlier record");
     return Step::record;
+  }
+
+  void goOnTo(int64_t recordPos) {
+    passedPos_ = nextPos_;
+    nextPos_ = recordPos;
   }
 
   Step damaged(const char* how) {
@@ -82,7 +139,10 @@ class ChainWalker {
 
   tablePart1 slot_ = {};
   int64_t nextPos_ = 0;
+  int64_t passedPos_ = 0;
   uint32_t number_ = 0;
+  bool isForward_ = true;
+  bool isPart_ = false;
   bool hasChanged_ = false;
   qvdbase::engine::LoopDetector loop_;
   const char* damage_ = nullptr;

@@ -5,6 +5,7 @@
 #include <qvdbase/qvdb/error.hpp>
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -29,14 +30,19 @@ struct RecordChange {
 
   Kind kind;
   Id table;
-  int64_t position;  // of the record's block, before the change
-  int64_t to = 0;    // moved: of its new block; removed: of the record after it, or 0
+  int64_t position;    // of the record's block, before the change
+  int64_t to = 0;      // moved: of its new block; removed: of the record after it, or 0
+  int64_t before = 0;  // removed: of the record before it, or 0
 };
 
 struct OpenDatabase {
   int16_t handle = 0;  // 0 once it is closed
   std::filesystem::path path;
+  std::filesystem::path place;  // the same, absolute
   Mode mode = Mode::read_only;
+  std::chrono::milliseconds wait{0};  // for a file that is in use
+  // Counts how often it was opened again: positions that were found before are of another file.
+  uint32_t opening = 0;
   // Counts the operations of this layer that can have changed the chains. A walk that finds it
   // raised forgets what it has read ahead.
   uint64_t changes = 0;

@@ -22,6 +22,7 @@ constexpr uint32_t kPieceSize = 128 * 1024;
 }  // namespace
 
 void ReadBatch::read(const Operation& operation, ChainWalker& chain) {
+  isForward_ = chain.isForward();
   while (records_.size() < size_ && payloads_.size() < kLoadedBytes) {
     if (!readOne(operation, chain)) break;
   }
@@ -38,7 +39,9 @@ void ReadBatch::finish() {
 
 bool ReadBatch::isDense() const {
   if (records_.size() < kManyRecords) return false;
-  const int64_t span = records_.back().position - records_.front().position;
+  const int64_t from = records_.front().position;
+  const int64_t to = records_.back().position;
+  const int64_t span = isForward_ ? to - from : from - to;
   return span > 0 && span / static_cast<int64_t>(records_.size()) <= kWidestStep;
 }
 
@@ -50,21 +53,23 @@ bool ReadBatch::readOne(const Operation& operation, ChainWalker& chain) {
   if (step == ChainWalker::Step::end) return false;
   const bool isRead = tryToRead([&] {
     if (step == ChainWalker::Step::damaged) failDamagedChain(operation, chain);
-    if (load_ == Load::payloads) readPayload(operation, header, position);
+    readPayload(operation, header, position);
   });
   if (!isRead) return false;
   storeInfo(header, position, &records_.emplace_back());
   return true;
 }
 
-// Reads the payload after the others of the batch.
+// Reads what is wanted of the payload after the others of the batch.
 void ReadBatch::readPayload(const Operation& operation, const recordPart1& header,
                             int64_t position) {
-  const uint32_t size = header.dataLength;
+  const uint32_t size = loading_.of(header.dataLength);
   if (size == 0) return;
   const unsigned char* view =
       support::viewFile(operation.db(), position + format::record::kData, size);
-  if (view == nullptr) return appendPayload(operation, recordInfo(header, position), &payloads_);
+  if (view == nullptr) {
+    return appendPayload(operation, recordInfo(header, position), size, &payloads_);
+  }
   const auto* bytes = reinterpret_cast<const std::byte*>(view);
   payloads_.insert(payloads_.end(), bytes, bytes + size);
 }
@@ -82,14 +87,22 @@ bool ReadBatch::tryToRead(Read read) {
   }
 }
 
+// Back from a record, the bytes between the next one's header and it are that one's payload.
 bool FilePiece::read(int16_t db, const ChainWalker& chain) {
   const int64_t next = chain.nextPosition();
-  if (next <= 0 || chain.isAtCount() || !support::seekTo(db, next)) return false;
-  bytes_.resize(kPieceSize);
+  if (next <= 0 || chain.isAtCount()) return false;
   start_ = next;
+  if (!chain.isForward()) {
+    const int64_t passed = chain.passedPosition();
+    const bool isClose = passed > next && passed - next <= int64_t{kPieceSize} / 2;
+    const int64_t end = isClose ? passed : next + format::record::kData;
+    start_ = std::max<int64_t>(0, end - int64_t{kPieceSize});
+  }
+  bytes_.resize(kPieceSize);
   length_ = 0;
   taken_ = 0;
   // At the end of the file it is less than was asked for.
+  if (!support::seekTo(db, start_)) return false;
   static_cast<void>(support::readFile(db, bytes_.data(), kPieceSize, &length_));
   return length_ > 0;
 }

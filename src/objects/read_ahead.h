@@ -4,9 +4,11 @@
 
 #include <qvdbase/qvdb/record.hpp>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <limits>
 #include <span>
 #include <vector>
 
@@ -16,12 +18,21 @@
 
 namespace qvdb::detail {
 
+// How much of each payload is read ahead.
+struct Loading {
+  uint32_t most = 0;                                        // bytes of one payload
+  uint32_t largest = std::numeric_limits<uint32_t>::max();  // payloads above it are left out
+
+  bool isNone() const { return most == 0; }
+  uint32_t of(uint32_t size) const { return size > largest ? 0 : std::min(size, most); }
+};
+
 // The next headers of a chain, and their payloads where these are wanted. Batches are small at
 // first, for callers who want only the first records.
 class ReadBatch {
  public:
   ReadBatch() = default;
-  explicit ReadBatch(Load load) : load_(load) {}
+  explicit ReadBatch(const Loading& loading) : loading_(loading) {}
 
   // Reads the next batch. It ends where the chain ends or is damaged, and before a payload that
   // cannot be read; throws that error when nothing precedes it.
@@ -42,9 +53,10 @@ class ReadBatch {
   bool take(RecordInfo* info, std::span<const std::byte>* payload) {
     if (at_ == records_.size()) return false;
     *info = records_[at_++];
-    if (load_ == Load::headers) return true;
-    *payload = std::span<const std::byte>(payloads_).subspan(payloadAt_, info->size);
-    payloadAt_ += info->size;
+    if (loading_.isNone()) return true;
+    const uint32_t loaded = loading_.of(info->size);
+    *payload = std::span<const std::byte>(payloads_).subspan(payloadAt_, loaded);
+    payloadAt_ += loaded;
     return true;
   }
 
@@ -56,8 +68,9 @@ class ReadBatch {
   template <typename Read>
   bool tryToRead(Read read);
 
-  Load load_ = Load::headers;
+  Loading loading_;
   size_t size_ = kFirst;  // records in the next batch
+  bool isForward_ = true;
   std::vector<RecordInfo> records_;
   std::vector<std::byte> payloads_;  // one after the other
   size_t at_ = 0;                    // of the next record
@@ -70,25 +83,27 @@ class ReadBatch {
 // transfer scope in which it was read, unlike the windows of the platform.
 class FilePiece {
  public:
-  // Reads the piece that begins with the chain's next record. False when there is none.
+  // Reads the piece that begins with the chain's next record; on the way back, the one that ends
+  // with it. False when there is none.
   bool read(int16_t db, const ChainWalker& chain);
 
   // The next record. False when it is not in the piece as far as it is wanted, and when none
   // follows. The payload is returned where it lies.
-  bool take(ChainWalker& chain, Load load, RecordInfo* info, std::span<const std::byte>* payload) {
+  bool take(ChainWalker& chain, const Loading& loading, RecordInfo* info,
+            std::span<const std::byte>* payload) {
     const int64_t position = chain.nextPosition();
     const unsigned char* head = at(position, qvdbase::format::record::kData);
     if (head == nullptr) return false;
-    const auto size =
-        qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataLength);
+    const uint32_t loaded = loading.of(
+        qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataLength));
     const unsigned char* bytes = nullptr;
-    if (load == Load::payloads) {
-      bytes = at(position + qvdbase::format::record::kData, size);
+    if (!loading.isNone()) {
+      bytes = at(position + qvdbase::format::record::kData, loaded);
       if (bytes == nullptr) return false;
     }
     if (chain.pass(head) != ChainWalker::Step::record) return false;
     storeInfo(head, position, info);
-    if (bytes != nullptr) *payload = std::as_bytes(std::span(bytes, size));
+    if (bytes != nullptr) *payload = std::as_bytes(std::span(bytes, loaded));
     ++taken_;
     return true;
   }

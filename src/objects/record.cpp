@@ -40,8 +40,14 @@ bool readPresentHeader(const Operation& operation, Id table, const RecordInfo& i
 
 // The record as it is now. Throws when there is no longer a block of it, or its payload reaches
 // beyond the end of the file.
-RecordInfo presentInfo(const Operation& operation, Id table, const RecordInfo& found) {
+RecordInfo presentInfo(const Operation& operation, Id table, const RecordInfo& found,
+                       uint32_t opening) {
   recordPart1 header;
+  if (opening != operation.database().opening) {
+    operation.fail(Reason::changed_meanwhile,
+                   "record " + to_string(found.id) +
+                       " was found before the database was opened again; find it again");
+  }
   if (!readPresentHeader(operation, table, found, &header)) {
     operation.fail(Reason::record_missing,
                    "record " + to_string(found.id) + " is no longer where it was found");
@@ -54,12 +60,13 @@ RecordInfo presentInfo(const Operation& operation, Id table, const RecordInfo& f
 }  // namespace
 
 Record::Record(std::shared_ptr<detail::OpenDatabase> database, Id table, const RecordInfo& info)
-    : database_(std::move(database)), table_(table), info_(info) {}
+    : database_(std::move(database)), table_(table), info_(info), opening_(database_->opening) {}
 
 Record::Record(const Record& other)
     : database_(other.database_),
       table_(other.table_),
       info_(other.info_),
+      opening_(other.opening_),
       loaded_(other.loaded_),
       kept_(other.kept_) {
   keepLoaded();
@@ -82,7 +89,7 @@ void Record::keepLoaded() {
 size_t Record::read(uint64_t offset, std::span<std::byte> buffer) const {
   const Operation operation(database_, kRead);
   SavedPosition scope(operation.db());
-  const RecordInfo present = presentInfo(operation, table_, info_);
+  const RecordInfo present = presentInfo(operation, table_, info_, opening_);
   if (offset >= present.size) return 0;
   const auto count = static_cast<size_t>(std::min<uint64_t>(buffer.size(), present.size - offset));
   detail::readPayload(operation, present, offset, buffer.first(count));
@@ -98,7 +105,7 @@ std::vector<std::byte> Record::payload() const {
 void Record::payload(std::vector<std::byte>& buffer) const {
   const Operation operation(database_, kRead);
   SavedPosition scope(operation.db());
-  const RecordInfo present = presentInfo(operation, table_, info_);
+  const RecordInfo present = presentInfo(operation, table_, info_, opening_);
   detail::resizeFor(operation, &buffer, present.size);
   detail::readPayload(operation, present, 0, buffer);
 }
@@ -136,11 +143,11 @@ void requireInsideFile(const Operation& operation, const RecordInfo& info) {
                                            " reaches beyond the end of the file");
 }
 
-void appendPayload(const Operation& operation, const RecordInfo& info,
+void appendPayload(const Operation& operation, const RecordInfo& info, uint32_t size,
                    std::vector<std::byte>* buffer) {
-  if (info.size > kSmallPayload) requireInsideFile(operation, info);
+  if (size > kSmallPayload) requireInsideFile(operation, info);
   const size_t from = buffer->size();
-  resizeFor(operation, buffer, from + info.size);
+  resizeFor(operation, buffer, from + size);
   readPayload(operation, info, 0, std::span(*buffer).subspan(from));
 }
 
@@ -156,12 +163,22 @@ void readPayload(const Operation& operation, const RecordInfo& info, uint64_t of
                  "the payload of record " + to_string(info.id) + " cannot be read");
 }
 
+namespace {
+
+std::string placeOf(const ChainWalker& walker) {
+  const auto number = walker.recordNumber();
+  if (number)
+    return "at record " + std::to_string(*number) + " of " + std::to_string(walker.count());
+  return "at record " + std::to_string(walker.number()) + " from where the walk began";
+}
+
+}  // namespace
+
 void failDamagedChain(const Operation& operation, const ChainWalker& walker) {
   operation.fail(Reason::chain_damaged,
-                 "the records of " + operation.quotedTable() + " are damaged at record " +
-                     std::to_string(walker.number()) + " of " + std::to_string(walker.count()) +
+                 "the records of " + operation.quotedTable() + " are damaged " + placeOf(walker) +
                      ": " + walker.damage(),
-                 walker.number());
+                 walker.recordNumber());
 }
 
 }  // namespace detail

@@ -11,9 +11,11 @@
 #include <string>
 #include <utility>
 
+#include "QVDbase/record_append.h"
 #include "objects/chain_walker.h"
 #include "objects/open_database.h"
 #include "objects/read_ahead.h"
+#include "objects/record_search.h"
 #include "objects/records.h"
 
 using namespace qvdbase;
@@ -39,8 +41,11 @@ struct CurrentRecord {
 // Where it is in the chain, what it has read ahead, and which changes of the table leave that
 // valid.
 struct detail::Walk {
-  Walk(std::shared_ptr<OpenDatabase> opened, Id walked, Load loaded)
-      : database(std::move(opened)), table(walked), load(loaded) {}
+  Walk(std::shared_ptr<OpenDatabase> opened, Id walked, const WalkOptions& wanted)
+      : database(std::move(opened)), table(walked), order(wanted.order), from(wanted.from) {
+    loading.most = wanted.load.bytes();
+    if (wanted.load.is_whole()) loading.largest = wanted.largest_loaded;
+  }
   ~Walk() {
     if (database != nullptr) std::erase(database->walks, this);
   }
@@ -49,7 +54,9 @@ struct detail::Walk {
 
   const std::shared_ptr<OpenDatabase> database;
   const Id table;
-  const Load load;
+  const Order order;
+  const WalkStart from;
+  Loading loading;
   std::string tableName;
 
   ChainWalker chain;
@@ -61,18 +68,51 @@ struct detail::Walk {
   bool isDense = false;  // what follows is worth a piece
 
   uint64_t changesSeen = 0;  // OpenDatabase::changes when what follows was read
+  uint32_t opening = 0;      // OpenDatabase::opening when it began
 
   // Begins before the first record, also when it has begun already.
   void start(const Operation& operation) {
-    const engine::FoundTable found = operation.table(table);
+    opening = database->opening;
     auto& walks = database->walks;
     if (std::find(walks.begin(), walks.end(), this) == walks.end()) walks.push_back(this);
+    chain = beginChain(operation);
     tableName = operation.tableName();
-    chain = ChainWalker(found.slot);
     current = {};
-    batch = ReadBatch(load);
+    batch = ReadBatch(loading);
     inPiece = false;
     isDense = false;
+  }
+
+  ChainWalker beginChain(const Operation& operation) const {
+    engine::FoundRecord found;
+    if (from.kind_ == WalkStart::Kind::end) {
+      return ChainWalker(operation.table(table).slot, order);
+    }
+    if (!findStart(operation, &found)) failNoStart(operation);
+    if (found.table.slotSize == 0) found.table = operation.table(table);
+    ChainWalker walker(found.table.slot, order);
+    if (from.isAfter_) {
+      walker.beginAt(walker.linkOf(found.header), found.recordPos);
+    } else {
+      walker.beginAt(found.recordPos, 0);
+    }
+    return walker;
+  }
+
+  // One that ends the chain before its count is a record nevertheless.
+  bool findStart(const Operation& operation, engine::FoundRecord* found) const {
+    if (from.kind_ == WalkStart::Kind::position) {
+      return readAtPosition(operation, table, from.position_, found);
+    }
+    const int64_t position = from.opening_ == database->opening ? from.position_ : 0;
+    return locateFrom(operation, table, from.id_, position, found) != Located::no;
+  }
+
+  [[noreturn]] void failNoStart(const Operation& operation) const {
+    const std::string what = from.kind_ == WalkStart::Kind::position
+                                 ? "record at position " + std::to_string(from.position_)
+                                 : "record " + to_string(from.id_);
+    operation.fail(Reason::record_missing, operation.quotedTable() + " has no " + what);
   }
 
   bool hasChanged() const { return database->changes != changesSeen; }
@@ -80,7 +120,7 @@ struct detail::Walk {
   // The next record of what was read ahead.
   bool take(RecordInfo* info, std::span<const std::byte>* payload) {
     const bool isTaken =
-        inPiece ? piece.take(chain, load, info, payload) : batch.take(info, payload);
+        inPiece ? piece.take(chain, loading, info, payload) : batch.take(info, payload);
     if (!isTaken) return false;
     ++current.number;
     current.position = info->position;
@@ -101,17 +141,28 @@ struct detail::Walk {
     // Not in a piece, or the next record is larger than one.
     inPiece = false;
     if (!chain.isDamaged()) batch.read(operation, chain);
-    if (batch.isEmpty() && chain.isDamaged()) failDamagedChain(operation, chain);
+    if (batch.isEmpty()) requireEnd(operation);
     isDense = batch.isDense();
     current.isValid = take(info, payload);
     return current.isValid;
+  }
+
+  // Throws unless the chain ends where it should. One that began in the middle may have had its end
+  // changed by others since: then it ends where it ends.
+  void requireEnd(const Operation& operation) {
+    if (chain.endsElsewhere() && engine::hasSameChain(operation.table(table).slot, chain.slot())) {
+      chain.foundCutOff();
+    }
+    if (chain.isDamaged()) failDamagedChain(operation, chain);
   }
 
   // Whether a change of this table leaves what was read ahead valid: it concerns the current
   // record, or is an addition beyond what was read.
   bool outlives(const RecordChange& change) {
     using Kind = RecordChange::Kind;
+    const bool isForward = chain.isForward();
     if (change.kind == Kind::added) {
+      if (!isForward) return true;  // it is at the other end
       const bool wasAtEnd = chain.nextPosition() == 0;
       if (wasAtEnd && current.isGone() && current.position == 0) current.position = change.position;
       return !wasAtEnd && !inPiece;
@@ -119,7 +170,10 @@ struct detail::Walk {
     if (change.position != current.position) return false;
     const bool wasGone = current.isGone();  // then it is the record after it that has changed
     if (change.kind != Kind::inPlace) current.position = change.to;
-    if (change.kind == Kind::removed) current.gone = current.number;
+    if (change.kind == Kind::removed) {
+      current.gone = current.number;
+      if (!isForward) current.position = change.before;
+    }
     return !wasGone;
   }
 
@@ -132,13 +186,17 @@ struct detail::Walk {
   // The chain has changed, and what was read ahead may be wrong: continues at the block of the
   // current record.
   void resume(const Operation& operation) {
+    if (opening != database->opening) {
+      operation.fail(Reason::changed_meanwhile,
+                     "the database was opened again since the walk began; begin it again");
+    }
     batch.forgetFailure();
     if (current.isGone()) return chain.resumeAt(current.position, current.number);
     if (chain.resumeAfter(operation.db(), current.position, current.number)) return;
     operation.fail(Reason::chain_damaged,
-                   "record " + std::to_string(current.number) + " of " + operation.quotedTable() +
-                       " is no longer where it was",
-                   current.number);
+                   "record " + std::to_string(current.number) + " of the walk over " +
+                       operation.quotedTable() + " is no longer where it was",
+                   chain.recordNumberOf(current.number));
   }
 };
 
@@ -146,8 +204,9 @@ void detail::OpenDatabase::noteChange(const RecordChange& change) {
   for (Walk* walk : walks) walk->note(change);
 }
 
-RecordRange::RecordRange(std::shared_ptr<detail::OpenDatabase> database, Id table, Load load)
-    : walk_(std::make_unique<detail::Walk>(std::move(database), table, load)) {}
+RecordRange::RecordRange(std::shared_ptr<detail::OpenDatabase> database, Id table,
+                         const WalkOptions& options)
+    : walk_(std::make_unique<detail::Walk>(std::move(database), table, options)) {}
 
 RecordRange::RecordRange(RecordRange&&) noexcept = default;
 RecordRange& RecordRange::operator=(RecordRange&&) noexcept = default;

@@ -28,6 +28,10 @@ Located walkTo(const Operation& operation, Id table, Id record, FoundRecord* fou
 
 }  // namespace
 
+int64_t positionOf(const Operation& operation, const Record& record) {
+  return record.opening_ == operation.database().opening ? record.info().position : 0;
+}
+
 Located locate(const Operation& operation, Id table, Id record, FoundRecord* found) {
   if (const std::shared_ptr<TableIndex> index = indexOf(operation.database(), table)) {
     found->table.slotSize = 0;
@@ -38,20 +42,29 @@ Located locate(const Operation& operation, Id table, Id record, FoundRecord* fou
 }
 
 Located locate(const Operation& operation, Id table, const Record& record, FoundRecord* found) {
-  if (readInChain(operation, table, record.id(), record.info().position, found)) {
-    return Located::inPlace;
-  }
-  return locate(operation, table, record.id(), found);
+  return locateFrom(operation, table, record.id(), positionOf(operation, record), found);
 }
 
-bool readInChain(const Operation& operation, Id table, Id record, int64_t position,
-                 FoundRecord* found) {
+Located locateFrom(const Operation& operation, Id table, Id record, int64_t position,
+                   FoundRecord* found) {
+  if (position != 0 && readInChain(operation, table, record, position, found)) {
+    return Located::inPlace;
+  }
+  return locate(operation, table, record, found);
+}
+
+bool readAtPosition(const Operation& operation, Id table, int64_t position, FoundRecord* found) {
   found->table = operation.table(table);
   found->recordPos = position;
   return engine::readRecordHeaderAt(operation.db(), position, found->table.slot.tableID,
                                     &found->header) &&
-         format::identifierNumber(found->header.recordID) == record.value &&
          isInChain(operation.db(), *found);
+}
+
+bool readInChain(const Operation& operation, Id table, Id record, int64_t position,
+                 FoundRecord* found) {
+  return readAtPosition(operation, table, position, found) &&
+         format::identifierNumber(found->header.recordID) == record.value;
 }
 
 }  // namespace qvdb::detail

@@ -43,9 +43,10 @@ void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, size_
 // Throws data_damaged when a payload reaches beyond the end of the file.
 void requireInsideFile(const Operation& operation, const RecordInfo& info);
 
-// Read a payload by what its record's header says now: all of it, after what the buffer holds, or a
-// part that it covers. Throw data_damaged when it reaches beyond the end of the file.
-void appendPayload(const Operation& operation, const RecordInfo& info,
+// Read a payload by what its record's header says now: its first `size` bytes, after what the
+// buffer holds, or a part that it covers. Throw data_damaged when it reaches beyond the end of the
+// file.
+void appendPayload(const Operation& operation, const RecordInfo& info, uint32_t size,
                    std::vector<std::byte>* buffer);
 void readPayload(const Operation& operation, const RecordInfo& info, uint64_t offset,
                  std::span<std::byte> part);

@@ -3,6 +3,7 @@
 #include <qvdbase/qvdb/table.hpp>
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "format/Aliment8.h"
@@ -19,6 +20,19 @@ namespace qvdb {
 using detail::Located;
 using detail::Operation;
 using engine::SavedPosition;
+
+namespace {
+
+constexpr const char* kFind = "find the record";
+constexpr uint32_t kAnySize = std::numeric_limits<uint32_t>::max();
+
+// `whom` is a Record or an identifier.
+template <typename Whom>
+WalkOptions walkAfter(const Whom& whom, LoadedPart load) {
+  return {.from = WalkStart::after(whom), .load = load, .largest_loaded = kAnySize};
+}
+
+}  // namespace
 
 Table::Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name)
     : database_(std::move(database)), id_(id), name_(std::move(name)) {}
@@ -47,7 +61,44 @@ uint32_t Table::count() const {
 }
 
 RecordRange Table::records(Load load) const {
-  return RecordRange(database_, id_, load);
+  return RecordRange(database_, id_, {.load = load, .largest_loaded = kAnySize});
+}
+
+RecordRange Table::records(const WalkOptions& options) const {
+  return RecordRange(database_, id_, options);
+}
+
+RecordRange Table::records_after(const Record& record, LoadedPart load) const {
+  return RecordRange(database_, id_, walkAfter(record, load));
+}
+
+RecordRange Table::records_after(Id record, LoadedPart load) const {
+  return RecordRange(database_, id_, walkAfter(record, load));
+}
+
+std::optional<Record> Table::first() const {
+  return recordAtEnd(Order::oldest_first);
+}
+
+std::optional<Record> Table::last() const {
+  return recordAtEnd(Order::newest_first);
+}
+
+std::optional<Record> Table::recordAtEnd(Order order) const {
+  const Operation operation(database_, kFind);
+  SavedPosition scope(operation.db());
+  detail::ChainWalker walker(operation.table(id_).slot, order);
+  recordPart1 header;
+  int64_t position = 0;
+  switch (walker.next(operation.db(), &header, &position)) {
+    case detail::ChainWalker::Step::end:
+      return std::nullopt;
+    case detail::ChainWalker::Step::damaged:
+      detail::failDamagedChain(operation, walker);
+    case detail::ChainWalker::Step::record:
+      break;
+  }
+  return Record(database_, id_, detail::recordInfo(header, position));
 }
 
 RecordIndex Table::index() const {
@@ -68,7 +119,7 @@ RecordIndex Table::index() const {
 }
 
 std::optional<Record> Table::find(Id record) const {
-  const Operation operation(database_, "find the record");
+  const Operation operation(database_, kFind);
   SavedPosition scope(operation.db());
   engine::FoundRecord found;
   if (detail::locate(operation, id_, record, &found) == Located::no) return std::nullopt;
@@ -85,7 +136,8 @@ std::optional<std::vector<std::byte>> Table::get(Id record) const {
   engine::FoundRecord found;
   if (detail::locate(operation, id_, record, &found) == Located::no) return std::nullopt;
   std::vector<std::byte> payload;
-  detail::appendPayload(operation, detail::recordInfo(found.header, found.recordPos), &payload);
+  detail::appendPayload(operation, detail::recordInfo(found.header, found.recordPos),
+                        found.header.dataLength, &payload);
   return payload;
 }
 

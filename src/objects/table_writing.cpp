@@ -190,7 +190,8 @@ bool unlink(const Operation& operation, Id table, FoundRecord* found) {
   ++database.changes;
   if (!engine::unlinkRecord(operation.db(), found)) return false;
   detail::noteRemoved(database, found->table.slot, idOf(found->header));
-  database.noteChange({Kind::removed, table, found->recordPos, found->header.nextRecordPos});
+  database.noteChange({Kind::removed, table, found->recordPos, found->header.nextRecordPos,
+                       found->header.prevRecordPos});
   return true;
 }
 

@@ -65,6 +65,8 @@ enum class Reason {
 
   // What the file holds again
   damaged,  // the operation would lose more than dead space; qvdb::check says what
+
+  changed_meanwhile,  // what the caller holds is of an earlier state of the file: find it again
 };
 
 // The reason in a few words, for example "no such file".

@@ -18,6 +18,14 @@ namespace qvdb {
 namespace detail {
 struct OpenDatabase;
 struct Walk;
+class Operation;
+}  // namespace detail
+
+class Record;
+
+namespace detail {
+// Where the record was found, or 0 when that was before the database was opened again.
+int64_t positionOf(const Operation& operation, const Record& record);
 }  // namespace detail
 
 // What a record's header holds.
@@ -82,9 +90,14 @@ class QVDBASE_API Record {
   // The identifier of the table.
   Id table() const noexcept { return table_; }
 
-  // The payload as a walk over records(Load::payloads) has read it; empty for any other record.
-  // Valid until the walk continues; that of a copy, as long as the copy exists.
+  // What a walk has loaded of the payload: all of it, its first bytes, or nothing (WalkOptions);
+  // empty for a record that no walk has delivered. Valid until the walk continues; that of a copy,
+  // as long as the copy exists.
   std::span<const std::byte> loaded() const noexcept { return loaded_; }
+
+  // Whether loaded() is the whole payload, as it was when the record was found. payload() reads one
+  // that is not.
+  bool is_loaded() const noexcept { return loaded_.size() == info_.size; }
 
   // Reads part of the payload: as many bytes as the buffer takes and the payload has from `offset`
   // on. Returns their number; 0 from the end of the payload on.
@@ -93,8 +106,9 @@ class QVDBASE_API Record {
   // now, with its present size. One that was deleted, or that has moved to a new block, is read as
   // it was, as long as its old block is in the file.
   //
-  // Throws Error: record_missing when the block there is not this record's any more; data_damaged
-  // when the payload extends beyond the end of the file; not_open; cannot_read.
+  // Throws Error: record_missing when the block there is not this record's any more;
+  // changed_meanwhile when the record was found before Database::reopen(); data_damaged when the
+  // payload extends beyond the end of the file; not_open; cannot_read.
   size_t read(uint64_t offset, std::span<std::byte> buffer) const;
 
   // The whole payload. Memory is allocated for it only when the file is long enough to hold it.
@@ -108,12 +122,15 @@ class QVDBASE_API Record {
  private:
   friend class Table;
   friend class RecordRange;
+  friend class WalkStart;
+  friend int64_t detail::positionOf(const detail::Operation& operation, const Record& record);
   Record(std::shared_ptr<detail::OpenDatabase> database, Id table, const RecordInfo& info);
   void keepLoaded();
 
   std::shared_ptr<detail::OpenDatabase> database_;
   Id table_;
   RecordInfo info_;
+  uint32_t opening_ = 0;  // which opening of the database its position is of
   std::span<const std::byte> loaded_;
   std::shared_ptr<const std::byte[]> kept_;  // what loaded_ shows, in a copy
 };
@@ -124,16 +141,114 @@ enum class Load {
   payloads,  // payloads too, ahead with the headers: see Record::loaded()
 };
 
-// The records of a table in the order of their chain: an input range that is walked once, forward,
-// with one header read per record. Headers are read ahead in batches; payloads only when the walk
-// was asked to load them, which is the fastest way to go through all of a table.
+// How much a walk loads of each payload: nothing, all of it, or its first bytes.
+//
+//   table.records({.load = qvdb::Load::payloads})
+//   table.records({.load = qvdb::first_bytes(64)})
+class LoadedPart {
+ public:
+  // Nothing with Load::headers, everything with Load::payloads.
+  constexpr LoadedPart(Load load = Load::headers) noexcept
+      : bytes_(load == Load::payloads ? ~uint32_t{0} : 0), isWhole_(load == Load::payloads) {}
+
+  // The most bytes that are loaded of one payload.
+  constexpr uint32_t bytes() const noexcept { return bytes_; }
+
+  // Whether payloads are loaded whole.
+  constexpr bool is_whole() const noexcept { return isWhole_; }
+
+ private:
+  friend constexpr LoadedPart first_bytes(uint32_t count) noexcept;
+  uint32_t bytes_;
+  bool isWhole_;
+};
+
+// The first `count` bytes of each payload, or all of a shorter one.
+constexpr LoadedPart first_bytes(uint32_t count) noexcept {
+  LoadedPart part;
+  part.bytes_ = count;
+  return part;
+}
+
+// The order in which a walk delivers the records. A table keeps the order in which they were added.
+enum class Order {
+  oldest_first,  // along the chain
+  newest_first,  // back along the chain
+};
+
+// The record with which a walk begins; made of a Record, or of a position.
+class WalkStart {
+ public:
+  // The first record of the walk's order.
+  constexpr WalkStart() noexcept = default;
+
+  // This record. It is looked for where it was found; if it is not there any more, by its
+  // identifier.
+  WalkStart(const Record& record) noexcept
+      : kind_(Kind::record),
+        id_(record.id()),
+        position_(record.info().position),
+        opening_(record.opening_) {}
+
+  // The record whose block is at this position of the file (RecordInfo::position).
+  constexpr WalkStart(int64_t position) noexcept : kind_(Kind::position), position_(position) {}
+
+  // The record that follows this one in the order of the walk, if there is one.
+  static WalkStart after(const Record& record) noexcept {
+    WalkStart start(record);
+    start.isAfter_ = true;
+    return start;
+  }
+
+  // The same for the record with an identifier, which is found by the table's index, or by a walk.
+  static constexpr WalkStart after(Id record) noexcept {
+    WalkStart start;
+    start.kind_ = Kind::record;
+    start.id_ = record;
+    start.isAfter_ = true;
+    return start;
+  }
+
+ private:
+  friend struct detail::Walk;
+  enum class Kind : uint8_t { end, record, position };
+
+  Kind kind_ = Kind::end;
+  bool isAfter_ = false;
+  Id id_;
+  int64_t position_ = 0;
+  uint32_t opening_ = 0;
+};
+
+// How the records of a table are walked, with everything that can be asked for.
+struct WalkOptions {
+  // Which way it goes.
+  Order order = Order::oldest_first;
+
+  // Where the walk begins, that record included. It goes on to the end of its order.
+  WalkStart from = {};
+
+  // What is loaded of each payload, ahead with the headers: see Record::loaded().
+  LoadedPart load = {};
+
+  // Payloads of more bytes than this are not loaded when payloads are loaded whole, so that memory
+  // never holds much more: Record::is_loaded() is false then, and Record::payload() reads one.
+  uint32_t largest_loaded = 1024 * 1024;
+};
+
+// The records of a table in the order of their chain, or in the reverse order: an input range that
+// is walked once, with one header read per record. Headers are read ahead in batches; payloads only
+// when the walk was asked to load them, which is the fastest way to go through all of a table. The
+// first records of either order cost what reading them costs, however many the table has.
 //
 //   for (const qvdb::Record& record : table.records()) ...
 //
 // The walk never goes beyond the number of records that the table counted when it began, and a
 // damaged chain that loops ends it too. Where the chain is damaged, the increment that gets there
-// throws Error: chain_damaged with the number of the record that cannot be read; all records before
-// it have been delivered by then.
+// throws Error: chain_damaged; all records before it have been delivered by then. The error has the
+// number of the record that cannot be read, counted from the oldest, where the walk began at either
+// end of the chain. A walk that began at another record may end with a chain that was cut off where
+// the table has been changed meanwhile.
 //
 // Records may be added, changed and deleted during the walk. What this layer changes in the same
 // open database is noticed: a record that was deleted ahead of the walk is not delivered any more,
@@ -149,9 +264,10 @@ class QVDBASE_API RecordRange {
   RecordRange& operator=(RecordRange&&) noexcept;  // iterators of both become invalid
   ~RecordRange();                                  // its iterators become invalid
 
-  // Starts the walk, or starts it again from the first record. Throws Error when the table cannot
-  // be read or its first record is damaged. The iterator belongs to the range, which therefore must
-  // be a variable, or the range of a range-based for.
+  // Starts the walk, or starts it again from its first record. Throws Error when the table cannot
+  // be read or that record is damaged, and record_missing when there is no record to begin with as
+  // asked for. The iterator belongs to the range, which therefore must be a variable, or the range
+  // of a range-based for.
   iterator begin() &;
   iterator begin() && = delete;
 
@@ -160,7 +276,7 @@ class QVDBASE_API RecordRange {
 
  private:
   friend class Table;
-  RecordRange(std::shared_ptr<detail::OpenDatabase> database, Id table, Load load);
+  RecordRange(std::shared_ptr<detail::OpenDatabase> database, Id table, const WalkOptions& options);
   void start();
   void advance();
   void readOn(bool hasChanged);
@@ -185,8 +301,8 @@ class RecordRange::iterator {
   // The same for members of the record.
   const Record* operator->() const noexcept { return &range_->current_; }
 
-  // Goes to the next record. Throws Error: chain_damaged, not_open, cannot_read, and what Table
-  // says about every operation.
+  // Goes to the next record. Throws Error: chain_damaged; changed_meanwhile after
+  // Database::reopen(); not_open; cannot_read; and what Table says about every operation.
   iterator& operator++() {
     range_->advance();
     return *this;

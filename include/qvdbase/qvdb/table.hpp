@@ -71,8 +71,36 @@ class QVDBASE_API Table {
 
   // ---- Reading records
 
-  // All records, in order. Nothing is read before the walk begins.
+  // All records, oldest first; with Load::payloads, with their payloads, whatever their size.
+  // Nothing is read before the walk begins.
   RecordRange records(Load load = Load::headers) const;
+
+  // The records in the order, from the place and with the part of their payloads that is asked for.
+  // The last ten, for example, cost about ten reads:
+  //
+  //   for (const qvdb::Record& record :
+  //        table.records({.order = qvdb::Order::newest_first}) | std::views::take(10)) ...
+  //
+  // Nothing is read before the walk begins. It then throws record_missing when the record to begin
+  // with is not in the table.
+  RecordRange records(const WalkOptions& options) const;
+
+  // The records that were added after this one, oldest first: none when it is the last. It begins
+  // in constant time; where the record has moved, as find() does. With Load::payloads payloads are
+  // loaded whatever their size. The walk throws record_missing when the record is no longer in the
+  // table.
+  RecordRange records_after(const Record& record, LoadedPart load = {}) const;
+
+  // The same after the record with an identifier, which is found by the table's index, or by a walk
+  // from the first record.
+  RecordRange records_after(Id record, LoadedPart load = {}) const;
+
+  // The record that was added first, of those that are in the table; nothing when it has none.
+  // Throws chain_damaged when it cannot be read.
+  std::optional<Record> first() const;
+
+  // The record that was added last, likewise, in constant time.
+  std::optional<Record> last() const;
 
   // Finds a record; of several with the identifier, the first. Nothing when there is none.
   // Throws chain_damaged when the record is not found before the damage.
@@ -191,6 +219,7 @@ class QVDBASE_API Table {
  private:
   friend class Database;
   Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name);
+  std::optional<Record> recordAtEnd(Order order) const;
 
   std::shared_ptr<detail::OpenDatabase> database_;
   Id id_;
