@@ -16,7 +16,9 @@
 #include "handle/database_handle.h"
 #include "objects/chain_ends.h"
 #include "objects/open_database.h"
+#include "objects/table_index.h"
 #include "objects/waiting.h"
+#include "platform/handles/current_name.h"
 #include "platform/handles/sync.h"
 #include "platform/host/host_failure.h"
 #include "products/target_file.h"
@@ -31,11 +33,19 @@ using engine::SavedPosition;
 
 namespace {
 
-std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode mode,
-                                        const char* operation) {
+// Where the current folder is not known, the path stays what it is.
+std::shared_ptr<OpenDatabase> stateOf(const std::filesystem::path& path, Mode mode) {
   auto state = std::make_shared<OpenDatabase>();
   state->path = path;
   state->mode = mode;
+  std::error_code unknown;
+  state->place = std::filesystem::absolute(path, unknown);
+  return state;
+}
+
+std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode mode,
+                                        const char* operation) {
+  std::shared_ptr<OpenDatabase> state = stateOf(path, mode);
   state->handle = handle::openFile(path, static_cast<int>(mode), operation);
   return state;
 }
@@ -105,7 +115,8 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
   }
   static_cast<void>(failure::nativePath(path, kOperation));
   using products::Existing;
-  auto state = std::make_shared<OpenDatabase>();  // outlives the target, whose file it closes
+  // It outlives the target, whose file it closes.
+  std::shared_ptr<OpenDatabase> state = stateOf(path, Mode::exclusive);
   products::TargetFile target(
       path, kOperation,
       {.existing = options.overwrite ? Existing::isReplaced : Existing::isReplacedIfEmpty,
@@ -114,8 +125,6 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
   if (target.isReadHere()) {
     failure::throwError(path, kOperation, Reason::in_use, "this program has it open");
   }
-  state->path = path;
-  state->mode = Mode::exclusive;
   if (!target.create(nullptr).handOver(&state->handle)) {
     failure::throwError(path, kOperation, Reason::cannot_open, "too many files are open");
   }
@@ -159,14 +168,13 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
     Database database =
         options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
     if (options.check) detail::checkEnds(database);
+    database.state_->wait = options.wait;
     return database;
   });
 }
 
 Database Database::adopt(int16_t handle, const std::filesystem::path& path, Mode mode) {
-  auto state = std::make_shared<OpenDatabase>();
-  state->path = path;
-  state->mode = mode;
+  std::shared_ptr<OpenDatabase> state = stateOf(path, mode);
   state->handle = handle;
   return Database(std::move(state));
 }
@@ -189,6 +197,28 @@ void Database::close() {
   constexpr const char* kOperation = "close the database";
   failure::throwError(state_->path, kOperation, Reason::cannot_write,
                       "the system reports a failure");
+}
+
+bool Database::is_current() const {
+  const Operation operation(state_, "look at the path");
+  const platform::NameOf found =
+      platform::lookAtPath(operation.db(), operation.database().place.native());
+  if (found != platform::NameOf::unknown) return found == platform::NameOf::thisFile;
+  failure::throwOpenFailure(operation.database().path, operation.name(),
+                            platform::createFailureOf(platform::lastHostFailure()));
+}
+
+// What was read of the file that was open before is forgotten before anything can fail.
+void Database::reopen() {
+  OpenDatabase& reopened = state();
+  reopened.discardBulk();
+  ++reopened.opening;
+  ++reopened.changes;
+  detail::markIndexesStale(reopened);
+  if (reopened.handle != 0) CloseDBase(std::exchange(reopened.handle, 0));
+  Database opened =
+      detail::whileInUse(reopened.wait, [&] { return open(reopened.place, reopened.mode); });
+  reopened.handle = std::exchange(opened.state_->handle, 0);
 }
 
 bool Database::is_open() const noexcept {

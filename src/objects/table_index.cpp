@@ -203,6 +203,12 @@ void markIndexStale(OpenDatabase& database, Id table) {
   if (const std::shared_ptr<TableIndex> index = indexOf(database, table)) index->isStale = true;
 }
 
+void markIndexesStale(OpenDatabase& database) {
+  for (const std::weak_ptr<TableIndex>& held : database.indexes) {
+    if (const std::shared_ptr<TableIndex> index = held.lock()) index->isStale = true;
+  }
+}
+
 bool isInChain(int16_t db, const engine::FoundRecord& found) {
   const tablePart1& slot = found.table.slot;
   return slotAgrees(slot, found.header, found.recordPos) &&

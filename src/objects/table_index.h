@@ -48,6 +48,9 @@ void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record);
 // After changes that are not noted: the index of the table, if there is one, is built again.
 void markIndexStale(OpenDatabase& database, Id table);
 
+// The same for every table, when another file is opened.
+void markIndexesStale(OpenDatabase& database);
+
 // Whether a record is in its table's chain: both neighbours, or the slot where it has none, must
 // lead to it.
 bool isInChain(int16_t db, const qvdbase::engine::FoundRecord& found);

@@ -131,7 +131,29 @@ class QVDBASE_API Database {
   // Whether there is an open database: not after close(), nor after a move from it.
   bool is_open() const noexcept;
 
-  // The handle for the C functions. It stays this object's: do not close it. Throws not_open.
+  // Whether the path still leads to the file that is open: not after another process has replaced
+  // it, as compact() does, or removed it. Nothing says that by itself, since the old file can be
+  // read for as long as it is open. A relative path is followed from the folder that was the
+  // current one when the database was opened. Throws Error: not_open; access_denied and cannot_open
+  // when the system does not say what the path leads to.
+  bool is_current() const;
+
+  // Opens the path again, in the same mode and with the same waiting time, and closes the file that
+  // was open; one that was closed by close() is opened again. An open appender or writer is
+  // discarded first.
+  //
+  // Tables of this database stay usable, and indexes: both find their table in the new file by its
+  // identifier, which a compaction keeps; an operation on a table that is not there throws
+  // table_missing. Records hold positions, which a compaction changes. So one that was found before
+  // is refused with changed_meanwhile by its own functions, and operations that take a Record look
+  // for it by its identifier. A walk that has begun ends with changed_meanwhile.
+  //
+  // Throws not_open without a database that was ever open, and as open() does; the database is
+  // closed then, and reopen() can be called again.
+  void reopen();
+
+  // The handle for the C functions, another one after reopen(). It stays this object's: do not
+  // close it. Throws not_open.
   int16_t handle() const;
 
   // The path as it was given to create(), open() or adopt(). Throws not_open.
