@@ -5,7 +5,7 @@
 
 namespace qvdb::detail {
 
-// Throws directory_damaged and chain_damaged, as open_checked() describes them.
+// Throws directory_damaged, chain_damaged and cannot_read, as open_checked() describes them.
 void checkEnds(const Database& database);
 
 }  // namespace qvdb::detail

@@ -6,6 +6,7 @@
 #include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/error.hpp>
 
+#include <functional>
 #include <optional>
 #include <utility>
 
@@ -29,10 +30,14 @@ using survey::Survey;
 
 constexpr const char* kOperation = "open the database";
 
+// The header of a record of the table at that position, or nothing.
+using HeadReader = std::function<std::optional<recordPart1>(int64_t position)>;
+
 // One table's ends. Each function returns what is wrong, or null.
 class Ends {
  public:
-  Ends(const ByteSource& source, const tablePart1& slot) : source_(source), slot_(slot) {}
+  Ends(HeadReader recordAt, int64_t fileSize, const tablePart1& slot)
+      : recordAt_(std::move(recordAt)), fileSize_(fileSize), slot_(slot) {}
 
   const char* problem() const {
     const int64_t first = slot_.firstRecordPos;
@@ -56,7 +61,7 @@ class Ends {
     const std::optional<recordPart1> head = recordAt(slot_.lastRecordPos);
     if (!head) return nullptr;
     const int64_t size = format::kRecordBlockOverhead + int64_t{head->dataCapacity};
-    return slot_.lastRecordPos > source_.size() - size
+    return slot_.lastRecordPos > fileSize_ - size
                ? "its last record reaches beyond the end of the file"
                : nullptr;
   }
@@ -97,16 +102,56 @@ class Ends {
                                  : "only one neighbour names the record that was written last";
   }
 
-  // The header of a record of this table.
-  std::optional<recordPart1> recordAt(int64_t position) const {
+  std::optional<recordPart1> recordAt(int64_t position) const { return recordAt_(position); }
+
+  const HeadReader recordAt_;
+  const int64_t fileSize_;
+  const tablePart1& slot_;
+};
+
+// The chains of an open database, by the bytes of its file.
+class FileEnds {
+ public:
+  FileEnds(const Database& database, const char* operation)
+      : path_(database.path()),
+        operation_(operation),
+        file_(database.handle(), database.path(), operation) {
+    survey::readDirectory(file_.source(), {}, &survey_);
+    if (survey_.unreadableAt >= 0) failReading(survey_.unreadableAt);
+  }
+
+  const Survey& survey() const { return survey_; }
+
+  Ends of(const Slot& slot) const {
+    const auto recordAt = [this, &slot](int64_t position) { return head(slot, position); };
+    return {recordAt, file_.source().size(), slot.fields};
+  }
+
+ private:
+  std::optional<recordPart1> head(const Slot& slot, int64_t position) const {
     unsigned char bytes[format::record::kData];
-    if (source_.readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
-    if (!format::isRecordOf(bytes, slot_.tableID)) return std::nullopt;
+    const ByteSource& source = file_.source();
+    const size_t count = source.readAt(position, bytes, sizeof bytes);
+    if (count != sizeof bytes) {
+      const bool isInside =
+          position >= 0 && position <= source.size() - static_cast<int64_t>(sizeof bytes);
+      if (isInside) failReading(position + static_cast<int64_t>(count));
+      return std::nullopt;
+    }
+    if (!format::isRecordOf(bytes, slot.fields.tableID)) return std::nullopt;
     return format::decodeRecordHead(bytes);
   }
 
-  const ByteSource& source_;
-  const tablePart1& slot_;
+  // That a byte cannot be read says nothing about the chain.
+  [[noreturn]] void failReading(int64_t position) const {
+    failure::throwError(path_, operation_, Reason::cannot_read,
+                        "the system cannot read it at " + std::to_string(position));
+  }
+
+  const std::filesystem::path& path_;
+  const char* operation_;
+  const survey::OpenedFile file_;
+  Survey survey_;
 };
 
 [[noreturn]] void failChain(const std::filesystem::path& path, const char* operation,
@@ -128,9 +173,8 @@ Database open_checked(const std::filesystem::path& path, Mode mode) {
 
 void detail::checkEnds(const Database& database) {
   const std::filesystem::path& path = database.path();
-  const survey::OpenedFile file(database.handle(), path, kOperation);
-  Survey survey;
-  survey::readDirectory(file.source(), {}, &survey);
+  const FileEnds file(database, kOperation);
+  const Survey& survey = file.survey();
   if (survey.header.tableCount < 0 ||
       survey.header.tableCount > static_cast<int>(survey.slots.size())) {
     failure::throwError(path, kOperation, Reason::directory_damaged,
@@ -142,19 +186,17 @@ void detail::checkEnds(const Database& database) {
       failure::throwError(path, kOperation, Reason::directory_damaged,
                           "slot " + std::to_string(slot.index) + " lacks its marks");
     }
-    const char* problem = Ends(file.source(), slot.fields).problem();
+    const char* problem = file.of(slot).problem();
     if (problem != nullptr) failChain(path, kOperation, slot, problem);
   }
 }
 
 void check_ends(const Database& database, Id table) {
   constexpr const char* kWriting = "write to the table";
-  const survey::OpenedFile file(database.handle(), database.path(), kWriting);
-  Survey survey;
-  survey::readDirectory(file.source(), {}, &survey);
-  for (const Slot& slot : survey.slots) {
+  const FileEnds file(database, kWriting);
+  for (const Slot& slot : file.survey().slots) {
     if (!slot.counted) break;
-    const Ends ends(file.source(), slot.fields);
+    const Ends ends = file.of(slot);
     const bool isAsked = format::identifierNumber(slot.fields.tableID) == table.value;
     const char* problem = isAsked ? ends.problem() : ends.problemBeyondFile();
     if (problem != nullptr) failChain(database.path(), kWriting, slot, problem);

@@ -1,4 +1,5 @@
 // Opening with options: creating what is not there, looking at the chains, waiting.
+#include "kit/recorded_calls.h"
 #include "kit/replaced_calls.h"
 #include "objects/layer_fixture.h"
 
@@ -54,6 +55,33 @@ TEST_F(LayerOpen, CreatesNothingWithoutBeingAskedToOrForReadingOnly) {
               [&] { Database::open(path(), OpenOptions{.mode = Mode::exclusive}); });
   expectError(Reason::bad_argument, [&] { Database::open(path(), {.create = true}); });
   EXPECT_EQ(names(), std::vector<std::string>{});
+}
+
+// A byte that the system cannot read says nothing about the chain.
+TEST_F(LayerOpen, TakesAFailedReadOfTheEndsForAFailedRead) {
+  {
+    auto database = createDatabase();
+    auto table = database.add_table("notes");
+    for (int i = 0; i < 5; ++i) table.add(span(bytesOf("text")), 2000);
+  }
+  RecordedCalls host;
+  int failures = 0;
+  for (int step = 0;; ++step) {
+    host.failOnce(Call::read, step);
+    std::optional<qvdb::Error> error;
+    try {
+      const Database database = qvdb::open_checked(path());
+      qvdb::check_ends(database, database.table("notes").id());
+    } catch (const qvdb::Error& thrown) {
+      error.emplace(thrown);
+    }
+    host.heal();
+    if (!host.failed()) break;
+    if (!error) continue;
+    ++failures;
+    EXPECT_EQ(error->reason(), Reason::cannot_read) << error->what();
+  }
+  EXPECT_GT(failures, 4);
 }
 
 TEST_F(LayerOpen, LooksAtTheEndsOfTheChainsWhenAskedTo) {

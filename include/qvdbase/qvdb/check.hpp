@@ -167,7 +167,8 @@ QVDBASE_API CheckReport check_image(std::span<const std::byte> image,
 // check(): damage inside a chain is not found.
 //
 // Throws Error as Database::open() does; directory_damaged for a slot in use without its marks;
-// chain_damaged for a table whose ends are not as they should be. The message names the table.
+// chain_damaged for a table whose ends are not as they should be (the message names the table);
+// cannot_read where the system cannot read them.
 //
 // The same as Database::open() with OpenOptions{.mode = mode, .check = true}.
 QVDBASE_API Database open_checked(const std::filesystem::path& path, Mode mode = Mode::read_only);
@@ -177,7 +178,7 @@ QVDBASE_API Database open_checked(const std::filesystem::path& path, Mode mode =
 // tables are searched for a last record that extends beyond the end of the file: appended bytes
 // would be taken for the ones that it lacks. Only salvage() helps then.
 //
-// Throws Error with chain_damaged, whose operation() is "write to the table".
+// Throws Error with chain_damaged or cannot_read, whose operation() is "write to the table".
 QVDBASE_API void check_ends(const Database& database, Id table);
 
 // What link repair (FixOneDBLinkErrorW) would do to a table.
