@@ -4,8 +4,10 @@
 #include <qvdbase/qvdb/error.hpp>
 
 #include <algorithm>
+#include <string>
 
 #include "format/identifiers.h"
+#include "objects/chain_ends.h"
 #include "objects/records.h"
 #include "objects/table_index.h"
 #include "platform/host/clock.h"
@@ -20,9 +22,11 @@ std::shared_ptr<Bulk> Bulk::open(const std::shared_ptr<OpenDatabase>& database, 
   operation.requireNoBulk();
   engine::SavedPosition scope(operation.db());
   auto bulk = std::make_shared<Bulk>(database, operation.table(table));
-  if (!bulk->batch.begin()) {
+  const char* problem = problemAtEnd(operation.db(), bulk->batch.table().slot);
+  if (problem == nullptr && !bulk->batch.begin()) problem = "the end of its chain is damaged";
+  if (problem != nullptr) {
     operation.fail(Reason::chain_damaged,
-                   "nothing can be added to the table: the end of its chain is damaged");
+                   std::string("nothing can be added to the table: ") + problem);
   }
   bulk->table = table;
   bulk->state = State::open;

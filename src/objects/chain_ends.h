@@ -1,11 +1,20 @@
-// Checking the ends of every chain, for opening with `check`.
+// Checking the ends of chains: of every one, for opening with `check`, and of one that a batch is
+// going to be linked to.
 #pragma once
 
 #include <qvdbase/qvdb/database.hpp>
+
+#include <cstdint>
+
+#include "format/layout.h"
 
 namespace qvdb::detail {
 
 // Throws directory_damaged, chain_damaged and cannot_read, as open_checked() describes them.
 void checkEnds(const Database& database);
+
+// What is wrong with the links at the end of a table's chain, or null: most of all, that the
+// deletion of its last record was cut off. Moves the file's position.
+const char* problemAtEnd(int16_t db, const tablePart1& slot);
 
 }  // namespace qvdb::detail

@@ -7,9 +7,11 @@
 #include <qvdbase/qvdb/error.hpp>
 
 #include <functional>
+#include <limits>
 #include <optional>
 #include <utility>
 
+#include "QVDbase/record_find.h"
 #include "failure/failure.h"
 #include "format/Aliment8.h"
 #include "format/block_heads.h"
@@ -51,8 +53,14 @@ class Ends {
     }
     const char* atFirst = problemAtFirst(first);
     if (atFirst != nullptr) return atFirst;
-    const char* atLast = problemAtLast(last);
-    return atLast != nullptr ? atLast : problemAtLastWritten(slot_.lastWrittenRecordPos);
+    return problemAtEnd();
+  }
+
+  // Of a table that counts records.
+  const char* problemAtEnd() const {
+    const char* atLast = problemAtLast(slot_.lastRecordPos);
+    if (atLast != nullptr || slot_.lastWrittenRecordPos == slot_.lastRecordPos) return atLast;
+    return problemAtLastWritten(slot_.lastWrittenRecordPos);
   }
 
   // A block that is appended now, to any table, would be taken for the bytes that are missing.
@@ -189,6 +197,17 @@ void detail::checkEnds(const Database& database) {
     const char* problem = file.of(slot).problem();
     if (problem != nullptr) failChain(path, kOperation, slot, problem);
   }
+}
+
+const char* detail::problemAtEnd(int16_t db, const tablePart1& slot) {
+  if (slot.recordCount == 0) return nullptr;
+  const auto recordAt = [&](int64_t position) -> std::optional<recordPart1> {
+    recordPart1 head;
+    if (!engine::readRecordHeaderAt(db, position, slot.tableID, &head)) return std::nullopt;
+    return head;
+  };
+  // How long the file is does not matter to the links.
+  return Ends(recordAt, std::numeric_limits<int64_t>::max(), slot).problemAtEnd();
 }
 
 void check_ends(const Database& database, Id table) {

@@ -49,6 +49,27 @@ TEST_F(LayerBulk, ShowsNothingBeforeItIsFinished) {
   expectError(Reason::bad_argument, [&] { bulk.add(span(bytesOf("b"))); });
 }
 
+// A deletion that was cut off has left the last record without the one before it. Records linked
+// to it would not be reached from the beginning of the chain.
+TEST_F(LayerBulk, IsNotBegunWhereTheLastDeletionWasCutOff) {
+  FileImage image;
+  image.addTable("t", 0x1101);
+  std::vector<int64_t> records;
+  for (uint64_t i = 0; i < 4; ++i) records.push_back(image.addRecord(0, 0xA0 + i, bytesOf("text")));
+  image.record(records[2]).nextRecordPos = 0;
+  expectDamage();
+  auto database = openImage(image);
+  auto table = database.table("t");
+  expectUnchanged([&] {
+    const std::string why = expectError(Reason::chain_damaged, [&] { table.appender(); });
+    EXPECT_NE(why.find("the record before the last one leads somewhere else"), std::string::npos);
+    expectError(Reason::chain_damaged, [&] { table.writer(); });
+    expectError(Reason::chain_damaged, [&] {
+      table.append_all(std::vector<std::string>{"a", "b"});
+    });
+  });
+}
+
 // What the database holds before the batch begins, to be found again byte for byte after it.
 class DiscardedBatches : public LayerTest {
  protected:
