@@ -6,6 +6,7 @@
 #include "tool/tool_fixture.h"
 #include "tools/qvdb/failure.h"
 #include "tools/qvdb/import_names.h"
+#include "tools/qvdb/importer.h"
 
 namespace qvdbase::test {
 namespace {
@@ -66,6 +67,9 @@ TEST_F(ImportedNames, ThatNoReaderWouldTakeAreRefusedBeforeAnythingIsStored) {
     for (const auto& tree : {treeOf(65'535, 1), treeOf(60'000, 400)}) {
       qvdb::tool::ImportNames names(table, tree, {});
       EXPECT_THROW(names.addNew(), qvdb::tool::Failure);
+      qvdb::Table none;
+      qvdb::tool::Importer importer(database, none, tree, {}, "new");
+      EXPECT_THROW(importer.run(), qvdb::tool::Failure);
     }
   }
   EXPECT_TRUE(sameBytes(contents(), before));

@@ -19,6 +19,7 @@ struct Options {
 };
 
 ImportedFiles namesOf(const Database& database, const Table& table) {
+  if (table == Table()) return {};
   if (auto files = readNames(database, table)) return *std::move(files);
   if (table.data_size().value_or(0) == 0) return {};
   throw Failure(
@@ -48,11 +49,10 @@ void refuseTooLarge(const FileTree& tree) {
       "stored; split what is larger, or import the other files by name");
 }
 
-// A new table comes last before the work: nothing that stops the import earlier leaves one.
-Table tableFor(Database& database, const std::string& nameOrId) {
-  if (database.find_table(nameOrId) || parse_id(nameOrId)) return findTable(database, nameOrId);
-  throwIfInterrupted();
-  return database.add_table(nameOrId);
+// The table of that name or identifier; none where the import is to make it.
+Table presentTable(const Database& database, const std::string& nameOrId) {
+  const bool isPresent = database.find_table(nameOrId) || parse_id(nameOrId);
+  return isPresent ? findTable(database, nameOrId) : Table();
 }
 
 int import(const Options& options) {
@@ -61,8 +61,8 @@ int import(const Options& options) {
   refuseTooLarge(tree);
   for (const std::string& path : tree.leftOut) complain("left out: " + path);
 
-  Table table = tableFor(database, options.table);
-  Importer importer(database, table, tree, namesOf(database, table));
+  Table table = presentTable(database, options.table);
+  Importer importer(database, table, tree, namesOf(database, table), options.table);
   importer.check(options.replace);
   importer.run();
   finishWriting(database, options.noSync);

@@ -36,9 +36,9 @@ void ImportNames::addNew() {
     haveChanged_ = true;
   }
   if (!names_.isReadable()) {
-    throw Failure("the names in table '" + table_.name() +
-                  "' would be too long to be read again; nothing was stored; import into another "
-                  "table, or from a folder further down");
+    throw Failure(
+        "the list of names would be too long to be read again; nothing was stored; import into "
+        "another table, or from a folder further down");
   }
   if (hadNames_ == 0) haveChanged_ = true;
 }

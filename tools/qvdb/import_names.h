@@ -44,6 +44,9 @@ class ImportNames {
   // entries.
   void dropOldLinks(size_t firstMissing);
 
+  // The size of the table's data once they are stored.
+  uint64_t storedSize() const { return names_.bytes().size(); }
+
   void store();
   void storeIfChanged();
 

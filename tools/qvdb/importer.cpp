@@ -1,10 +1,14 @@
 // Stores a tree of files as records of a table.
 #include "importer.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <new>
+#include <system_error>
+#include <utility>
 
 #include "failure.h"
 #include "input.h"
@@ -23,11 +27,34 @@ const char* wordFor(FileKind kind) {
   return kind == FileKind::link ? "a symbolic link" : "a file";
 }
 
+// Throws Error when the file cannot become longer by so much.
+void requireSpace(const std::filesystem::path& path, uint64_t more) {
+  const auto fail = [&](Reason reason, const char* why) {
+    ErrorDetails details;
+    details.path = path;
+    throw Error("add the table", reason, path.native() + ": cannot add the table: " + why,
+                std::move(details));
+  };
+  std::error_code error;
+  const uint64_t size = std::filesystem::file_size(path, error);
+  rlimit limit = {};
+  if (!error && ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < size + more) {
+    fail(Reason::size_limit, "its names would make the file longer than the system allows");
+  }
+  // Some file systems report no sizes at all.
+  const std::filesystem::space_info space = std::filesystem::space(path, error);
+  if (!error && space.capacity > 0 && space.available < more) {
+    fail(Reason::disk_full, "the disk has no space for its names");
+  }
+}
+
 }  // namespace
 
-Importer::Importer(Database& database, Table& table, const FileTree& tree, ImportedFiles names)
+Importer::Importer(Database& database, Table& table, const FileTree& tree, ImportedFiles names,
+                   std::string newTable)
     : database_(database),
       table_(table),
+      newTable_(std::move(newTable)),
       tree_(tree),
       names_(table, tree, std::move(names)),
       batch_(table) {}
@@ -74,6 +101,7 @@ void Importer::check(bool replace) {
 void Importer::run() {
   names_.addNew();
   try {
+    if (table_ == Table()) makeTable();
     names_.storeIfChanged();
     storeAll();
   } catch (const Interrupted&) {
@@ -88,6 +116,14 @@ void Importer::run() {
   }
   names_.dropOldLinks(tree_.files.size());
   names_.storeIfChanged();
+}
+
+// Comes last before the work, because no operation removes a table: what stops the import earlier
+// leaves none, and so does a list of names that finds no space.
+void Importer::makeTable() {
+  throwIfInterrupted();
+  requireSpace(database_.path(), names_.storedSize());
+  table_ = database_.add_table(newTable_);
 }
 
 void Importer::storeAll() {

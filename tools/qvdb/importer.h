@@ -23,8 +23,9 @@ namespace qvdb::tool {
 // import that is interrupted by Ctrl-C removes such names before it ends.
 class Importer {
  public:
-  // `names` is the list that the table has.
-  Importer(Database& database, Table& table, const FileTree& tree, ImportedFiles names);
+  // `names` is the list that the table has. Where `table` is none, run() makes it, as `newTable`.
+  Importer(Database& database, Table& table, const FileTree& tree, ImportedFiles names,
+           std::string newTable = {});
 
   // Throws Failure when the table has a file already that is not to be replaced, or one of another
   // kind under its name. Changes nothing.
@@ -38,6 +39,7 @@ class Importer {
  private:
   bool isReplaced(size_t place);
   void loadRecords();
+  void makeTable();
   void storeAll();
   void store(size_t place);
   void storeFile(size_t place);
@@ -48,6 +50,7 @@ class Importer {
 
   Database& database_;
   Table& table_;
+  const std::string newTable_;
   const FileTree& tree_;
   ImportNames names_;
   ImportBatch batch_;
