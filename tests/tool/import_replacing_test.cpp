@@ -1,4 +1,5 @@
-// qvdb import --replace after a kill: the file has one record afterwards, with the new contents.
+// qvdb import --replace after a kill: the file has one record afterwards, with the new contents;
+// and qvdb rm, after which it has none.
 #include <filesystem>
 
 #include "tool/tool_fixture.h"
@@ -45,6 +46,16 @@ TEST_F(ImportReplacing, ALargeFileRemovesAllItsOlderRecords) {
 
 TEST_F(ImportReplacing, ASmallFileRemovesAllItsOlderRecords) {
   expectReplacedBy(bytesOf("new"));
+}
+
+// A name means one file: none of its records stays without it.
+TEST_F(ImportReplacing, RemovingAFileRemovesAllItsRecords) {
+  done({"rm", "test.qvd", "files", "f"});
+  const auto list = json({"records", "--json", "test.qvd", "files"});
+  ASSERT_EQ(list["count"], 1);
+  EXPECT_EQ(list["records"][0]["name"], "g");
+  done({"export", "test.qvd", "files", "out"});
+  EXPECT_FALSE(std::filesystem::exists(path("out/f")));
 }
 
 }  // namespace

@@ -16,6 +16,24 @@ struct Options {
   bool noSync = false;
 };
 
+// Removes the other records of imported files. There are some after an import that was interrupted
+// while it replaced a file; without their name they could not be recognized.
+void removeDoubles(Table& table, const std::optional<ImportedFiles>& files,
+                   const std::unordered_set<Id>& gone) {
+  if (!files) return;
+  std::unordered_set<Id> named;
+  for (const Id id : gone) {
+    if (files->find(id)) named.insert(id);
+  }
+  if (named.empty()) return;
+  try {
+    erase_if(table, [&](const Record& record) { return named.contains(record.id()); });
+  } catch (const Error& error) {
+    // Nothing can be reached after the damage, and what was asked for is done.
+    if (error.reason() != Reason::chain_damaged) throw;
+  }
+}
+
 // Removes the names of imported files with their records.
 void forgetNames(Table& table, std::optional<ImportedFiles>& files,
                  const std::unordered_set<Id>& gone) {
@@ -42,6 +60,7 @@ int run(const Options& options) {
       throw noSuchRecord(database, table, record.id());
     }
   }
+  removeDoubles(table, files, gone);
   forgetNames(table, files, gone);
   finishWriting(database, options.noSync);
   throwIfInterrupted();
@@ -64,7 +83,8 @@ extern const Command kRmCommand = {
     "delete records",
     R"(Takes one or more records out of a table. If one of them is not in the table, none is deleted.
 Their bytes stay in the file until it is compacted. In a table of imported files their names are
-removed too.)",
+removed too, and with a name every record that it has: an import that was interrupted while it
+replaced a file leaves two.)",
     R"(qvdb rm notes.qvd letters 0x1f5e2d3c4b5a6978
 qvdb rm photos.qvd holiday beach/IMG1.jpg beach/IMG2.jpg)",
     define,
