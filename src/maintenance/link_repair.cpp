@@ -38,41 +38,27 @@ using namespace qvdbase::maintenance;
 
 namespace {
 
-struct RepairProgress {
-  QVProgressFunction function;  // called as function(percent, userData, argument); may be null
-  int userData;
-  void* argument;
-};
-
 class LinkRepair {
  public:
-  LinkRepair(RepairProgress progress, int* result) : progress_(progress), result_(result) {}
+  LinkRepair(int16_t db, const RepairProgress& progress, int* result)
+      : progress_(progress), result_(result), db_(db) {}
 
-  int run(const QVWCHAR* srcPath) {
+  bool run() {
     *result_ = kNothingToRepair;
-    if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, &db_) != 1) return 0;
-    const bool complete = repairAndClose();
-    if (!complete) *result_ = stopped_ ? kStopped : kFailed;
-    if (complete) callFunctionDirectly(100);
-    return 1;  // says only that the file could be opened; the rest is in the result
-  }
-
- private:
-  bool repairAndClose() {
     bool complete = false;
     try {
       CallScope scope;
       complete = repair() && scope.end();
     } catch (platform::ThreadCancelled&) {
-      close();
       throw;
     } catch (const std::exception&) {
       // No memory for the lists.
     }
-    close();
+    if (!complete) *result_ = stopped_ ? kStopped : kFailed;
     return complete;
   }
 
+ private:
   bool repair() {
     if (!readDirectoryNumbers(db_, &directory_)) return false;
     const int64_t directoryPos = myGetFilePos(db_);
@@ -234,20 +220,9 @@ class LinkRepair {
     return !stopped_;
   }
 
-  void callFunctionDirectly(int percent) {
-    if (progress_.function != nullptr) {
-      callOutside(progress_.function, percent, progress_.userData, progress_.argument);
-    }
-  }
-
-  void close() {
-    dropDirectoryEntry(db_);
-    QVFile().QVCloseFile(db_);
-  }
-
-  RepairProgress progress_;
+  const RepairProgress& progress_;
   int* result_;
-  int16_t db_ = 0;
+  int16_t db_;
   DirectoryNumbers directory_{};
   uint64_t total_ = 0;
   double visited_ = 0;
@@ -261,12 +236,34 @@ class LinkRepair {
   VisitedRecords merged_;
 };
 
+// However the repair ends.
+struct ClosedAtEnd {
+  ~ClosedAtEnd() {
+    dropDirectoryEntry(db);
+    QVFile().QVCloseFile(db);
+  }
+  int16_t db;
+};
+
 }  // namespace
+
+bool maintenance::repairLinks(int16_t db, const RepairProgress& progress, int* result) {
+  return LinkRepair(db, progress, result).run();
+}
 
 int FixOneDBLinkErrorW(const QVWCHAR* srcPath, QVProgressFunction callback, int userData,
                        void* callbackArg, int* result) {
   if (srcPath == nullptr || result == nullptr) return 0;
-  return LinkRepair({callback, userData, callbackArg}, result).run(srcPath);
+  *result = kNothingToRepair;
+  int16_t db = 0;
+  if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, &db) != 1) return 0;
+  bool isComplete = false;
+  {
+    const ClosedAtEnd closed{db};
+    isComplete = repairLinks(db, {callback, userData, callbackArg}, result);
+  }
+  if (isComplete && callback != nullptr) callOutside(callback, 100, userData, callbackArg);
+  return 1;  // says only that the file could be opened; the rest is in the result
 }
 
 int FixOneDataLinkInfo(int16_t db, const recordPartP1Class* entry) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <qvdbase/QVList.h>
+#include <qvdbase/qvdbase.h>
 
 #include <cstdint>
 
@@ -23,6 +24,17 @@ inline constexpr int kNothingToRepair = 0;
 inline constexpr int kFailed = 1;
 inline constexpr int kRepaired = 2;
 inline constexpr int kStopped = 10;
+
+// Called as function(percent, userData, argument); may be null.
+struct RepairProgress {
+  QVProgressFunction function;
+  int userData;
+  void* argument;
+};
+
+// What FixOneDBLinkErrorW does with the file that it has opened, on one that the caller has.
+// Returns whether it was completed; percent 100 is then left to report.
+bool repairLinks(int16_t db, const RepairProgress& progress, int* result);
 
 }  // namespace qvdbase::maintenance
 

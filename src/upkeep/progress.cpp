@@ -48,8 +48,8 @@ uint16_t Reporter::packProgress(int, int percent, void*) {
   return listener->report(percent) ? 1 : 0;
 }
 
-uint16_t Reporter::repairProgress(int percent, int, void*) {
-  return listener->report(percent) ? 1 : 0;
+uint16_t Reporter::repairProgress(int percent, int, void* reporter) {
+  return static_cast<Reporter*>(reporter)->report(percent) ? 1 : 0;
 }
 
 }  // namespace qvdbase::upkeep

@@ -23,13 +23,13 @@ class Reporter {
   // Rethrows what the function threw; otherwise returns whether it asked to stop.
   bool wantsToStop() const;
 
-  // The progress functions to hand to the C functions. Packs call with the percent second, and the
-  // first of them without any argument that could lead here: it finds the reporter that was made
-  // last, which is why there is one at a time.
+  // The progress functions to hand to the C functions. Repair passes the reporter as its argument.
+  // Packs call with the percent second, and the first of them without any argument that could lead
+  // here: they find the reporter that was made last, which is why there is one at a time.
   static uint16_t packProgress(int userData, int percent, void* unused);
-  static uint16_t repairProgress(int percent, int userData, void* unused);
+  static uint16_t repairProgress(int percent, int userData, void* reporter);
 
-  // Makes this the reporter that the two functions above find.
+  // Makes this the reporter that the packs find.
   void listen();
 
  private:

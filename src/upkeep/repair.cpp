@@ -1,11 +1,13 @@
 // qvdb::repair: the library's link repair, with no other writer meanwhile.
+#include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
 
 #include "failure/failure.h"
-#include "failure/native_path.h"
 #include "handle/database_handle.h"
 #include "maintenance/link_repair.h"
+#include "recovery/check/parts.h"
+#include "recovery/survey/open_file.h"
 #include "upkeep/progress.h"
 
 using namespace qvdbase;
@@ -18,30 +20,35 @@ namespace {
 
 constexpr const char* kOperation = "repair the database";
 
-// What FixOneDBLinkErrorW reports.
+[[noreturn]] void failCancelled(const std::filesystem::path& path) {
+  throwError(path, kOperation, Reason::cancelled, "it was cancelled");
+}
 
 }  // namespace
 
 RepairOutcome repair(const std::filesystem::path& path, const ProgressFunction& progress) {
-  // Held open for the whole time, so that no other writer comes in between.
-  const DatabaseHandle held(path, DatabaseHandle::exclusive);
-  held.requireAlone(kOperation);
-  const std::vector<QVWCHAR> wide = nativePath(path, kOperation);
+  return repair_if(path, {}, progress);
+}
+
+RepairOutcome repair_if(const std::filesystem::path& path, const RepairJudge& judge,
+                        const ProgressFunction& progress) {
+  const DatabaseHandle file(path, DatabaseHandle::exclusive);
+  file.requireAlone(kOperation);
+  if (judge) {
+    const survey::OpenedFile bytes(file.number(), path, kOperation);
+    if (!judge(check::willRepair(survey::makeSurvey(bytes.source())))) failCancelled(path);
+  }
   Reporter reporter(progress);
-  reporter.listen();
   int result = 0;
-  const int opened = FixOneDBLinkErrorW(wide.data(), Reporter::repairProgress, 0, nullptr, &result);
+  maintenance::repairLinks(file.number(), {Reporter::repairProgress, 0, &reporter}, &result);
   // What the function threw or asked for with the last percent comes too late to stop anything.
   const bool stops = reporter.wantsToStop();
-  const bool isDone =
-      opened == 1 && (result == maintenance::kNothingToRepair || result == maintenance::kRepaired);
-  if (isDone) {
-    held.sync(kOperation);
+  if (result == maintenance::kNothingToRepair || result == maintenance::kRepaired) {
+    static_cast<void>(reporter.report(100));
+    file.sync(kOperation);
     return result == maintenance::kRepaired ? RepairOutcome::relinked : RepairOutcome::sound;
   }
-  if (result == maintenance::kStopped || stops) {
-    throwError(path, kOperation, Reason::cancelled, "it was cancelled");
-  }
+  if (result == maintenance::kStopped || stops) failCancelled(path);
   throwError(path, kOperation, Reason::directory_damaged,
              "it is damaged in a way that link repair does not mend, or cannot be written");
 }

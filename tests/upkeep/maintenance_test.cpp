@@ -16,6 +16,7 @@ using qvdb::pack;
 using qvdb::Reason;
 using qvdb::renumber;
 using qvdb::repair;
+using qvdb::repair_if;
 using qvdb::RepairOutcome;
 
 class WholeFile : public LayerTest {
@@ -207,6 +208,30 @@ TEST_F(WholeFile, RepairTellsWhetherItHadAnythingToDo) {
   putSource(lively.image);
   EXPECT_EQ(repair(path(kSource)), RepairOutcome::relinked);
   EXPECT_EQ(record(lively.c, kSource).prevRecordPos, lively.b);
+}
+
+// The name leads to another file as soon as the first one is judged.
+TEST_F(WholeFile, RepairMendsTheFileThatWasJudged) {
+  LivelyDatabase lively;
+  lively.image.record(lively.c).prevRecordPos = 0;
+  putSource(lively.image);
+  writeFile(path("other"), lively.image.build());
+  const auto replace = [&](const qvdb::RepairPreview& preview) {
+    EXPECT_EQ(preview.result, 2);
+    std::filesystem::rename(path(kSource), path("aside"));
+    std::filesystem::rename(path("other"), path(kSource));
+    return true;
+  };
+  EXPECT_EQ(repair_if(path(kSource), replace), RepairOutcome::relinked);
+  EXPECT_EQ(record(lively.c, "aside").prevRecordPos, lively.b);
+  EXPECT_EQ(record(lively.c, kSource).prevRecordPos, 0);
+  allowDamage(kSource);
+  expectUnchanged(
+      [&] {
+        const auto refuse = [](const qvdb::RepairPreview&) { return false; };
+        expectError(Reason::cancelled, [&] { repair_if(path(kSource), refuse); });
+      },
+      kSource);
 }
 
 TEST_F(WholeFile, RepairSaysWhyItCannot) {

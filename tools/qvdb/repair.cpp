@@ -43,7 +43,8 @@ void refuseFalseComfort(const Options& options, const char* what) {
                 "; 'qvdb salvage' writes a new file without them");
 }
 
-int predict(const Options& options, const RepairPreview& preview) {
+int predict(const Options& options) {
+  const RepairPreview preview = predict_repair(options.file);
   if (preview.result == 1) throw Failure(options.file + ": repair would fail: " + preview.failure);
   reportLosses(preview);
   if (preview.result == 0) refuseFalseComfort(options, "repair would change nothing");
@@ -70,14 +71,16 @@ void refuseLosses(const Options& options, const RepairPreview& preview) {
 
 int run(const Options& options) {
   static_cast<void>(Database::inspect(options.file));
-  const RepairPreview preview = predict_repair(options.file);
-  if (options.dryRun) return predict(options, preview);
-  if (preview.result != 1) {
-    reportLosses(preview);
-    refuseLosses(options, preview);
-  }
+  if (options.dryRun) return predict(options);
+  const auto judge = [&](const RepairPreview& preview) {
+    if (preview.result != 1) {
+      reportLosses(preview);
+      refuseLosses(options, preview);
+    }
+    return true;
+  };
   const RepairOutcome outcome = withPercent("repairing", [&](const ProgressFunction& progress) {
-    return repair(options.file, progress);
+    return repair_if(options.file, judge, progress);
   });
   refuseFalseComfort(options, outcome == RepairOutcome::sound ? "nothing was repaired"
                                                               : "broken chains were relinked");

@@ -159,4 +159,17 @@ enum class RepairOutcome {
 QVDBASE_API RepairOutcome repair(const std::filesystem::path& path,
                                  const ProgressFunction& progress = {});
 
+struct RepairPreview;  // qvdb/check.hpp
+
+// Gets what predict_repair() reports. Returns whether the repair is to begin; may throw instead.
+using RepairJudge = std::function<bool(const RepairPreview& preview)>;
+
+// Does what repair() does, if `judge` agrees, which is called before anything is written. It judges
+// the very file that is repaired: the file is opened once, and no other writer has it meanwhile.
+//
+// Throws Error as repair() does, cancelled also when `judge` returns false; and what `judge`
+// throws.
+QVDBASE_API RepairOutcome repair_if(const std::filesystem::path& path, const RepairJudge& judge,
+                                    const ProgressFunction& progress = {});
+
 }  // namespace qvdb
