@@ -50,6 +50,22 @@ TEST_F(Usage, WrongUsageIsStatus2AndPointsToTheHelp) {
   fails({"records", "--limit", "many", "a.qvd", "t"}, 2, {"--limit", "'many'"});
 }
 
+TEST_F(Usage, AnOptionOfACommandComesAfterIt) {
+  fails({"--wait", "5", "info", "a.qvd"}, 2, {"'--wait' comes after", "'qvdb info --wait ...'"});
+  fails({"--wait=5", "info", "a.qvd"}, 2, {"'--wait' comes after", "'qvdb info --wait ...'"});
+  fails({"-r", "import", "a.qvd", "t", "x"}, 2, {"'-r' comes after", "qvdb import --help"});
+  fails({"--json"}, 2, {"'--json' comes after", "qvdb --help"});
+  fails({"--json", "import", "a.qvd"}, 2, {"there is no option '--json'"});
+  fails({"--frobnicate", "info", "a.qvd"}, 2, {"there is no option '--frobnicate'"});
+}
+
+TEST_F(Usage, WhatFollowsTwoDashesIsNoOption) {
+  const Words extra = {"get", "a.qvd", "t", "1", "--", "-x"};
+  const std::string text = fails(extra, 2, {"too many arguments", "qvdb get --help"});
+  EXPECT_EQ(text.find("no option"), std::string::npos) << text;
+  fails({"get", "a.qvd", "t", "1", "-x", "--", "-y"}, 2, {"there is no option '-x'"});
+}
+
 TEST_F(Usage, AnUnknownCommandGetsASuggestion) {
   const std::vector<std::pair<std::string, std::string>> meant = {
       {"new", "create"},   {"creat", "create"},      {"cerate", "create"}, {"ls", "tables"},

@@ -25,6 +25,8 @@ class CommandHelp {
 
   std::string text() const;
 
+  const Command& command() const { return command_; }
+
  private:
   struct Entry {
     std::string left;

@@ -43,11 +43,17 @@ std::string withoutDashes(const char* names) {
   return all.substr(all.rfind(',') + 1);
 }
 
+using Words = std::vector<std::string>;
+
 // What is wrong with the command line, in our words where the library has none that name the cause.
-std::string complaintOf(const CLI::ParseError& error, const CLI::App& app) {
+// What follows "--" is no option.
+std::string complaintOf(const CLI::ParseError& error, const CLI::App& app, const Words& words) {
   if (dynamic_cast<const CLI::ExtrasError*>(&error) == nullptr) return error.what();
+  const auto end = std::find(words.begin(), words.end(), "--");
   for (const std::string& word : app.remaining(true)) {
-    if (word.starts_with('-')) return "there is no option '" + word + "'";
+    if (word.starts_with('-') && std::find(words.begin(), end, word) != end) {
+      return "there is no option '" + word + "'";
+    }
   }
   return "there are too many arguments";
 }
@@ -62,13 +68,10 @@ CLI::Option* addList(CLI::App* app, const char* names, std::vector<std::string>*
   return app->add_option(names, take)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
-using Words = std::vector<std::string>;
-
 // False when help or the version was asked for and has been printed.
-bool parse(CLI::App& app, Words words, const std::string& help) {
+bool parse(CLI::App& app, const Words& words, const std::string& help) {
   try {
-    std::reverse(words.begin(), words.end());
-    app.parse(words);
+    app.parse(Words(words.rbegin(), words.rend()));
     return true;
   } catch (const CLI::CallForHelp&) {
     print(app.help());
@@ -77,8 +80,40 @@ bool parse(CLI::App& app, Words words, const std::string& help) {
     printLine(version.what());
     return false;
   } catch (const CLI::ParseError& error) {
-    throw wrongUsage(complaintOf(error, app) + "; see '" + help + "'");
+    throw wrongUsage(complaintOf(error, app, words) + "; see '" + help + "'");
   }
+}
+
+Action defineIn(Arguments::Parser& parser) {
+  Arguments arguments(parser);
+  Action action = parser.help.command().define(arguments);
+  arguments.option("--wait", "SECONDS", waitSeconds,
+                   "How long to wait for a database that another process has open for writing. "
+                   "Default: not at all.");
+  return action;
+}
+
+bool hasOption(const Command& command, const std::string& name) {
+  CLI::App app;
+  Arguments::Parser parser(&app, command);
+  defineIn(parser);
+  return app.get_option_no_throw(name) != nullptr;
+}
+
+// Options of commands come after the command.
+void refuseMisplaced(const Words& words) {
+  const std::string option = words[0].substr(0, words[0].find('='));
+  const auto isMeant = [&](const Command* command) {
+    return std::find(words.begin(), words.end(), command->name) != words.end();
+  };
+  const auto has = [&](const Command* command) { return hasOption(*command, option); };
+  const auto all = allCommands();
+  const auto meant = std::find_if(all.begin(), all.end(), isMeant);
+  if (meant != all.end() ? !has(*meant) : std::none_of(all.begin(), all.end(), has)) return;
+  const std::string name = meant != all.end() ? (*meant)->name : "COMMAND";
+  throw wrongUsage("the option '" + option + "' comes after the command: 'qvdb " + name + " " +
+                   option + " ...'; see 'qvdb " +
+                   (meant != all.end() ? name + " --help'" : "--help'"));
 }
 
 // A command line that names no command can only ask for help or the version.
@@ -86,6 +121,7 @@ void parseWithoutCommand(const Words& words) {
   CLI::App app("", "qvdb");
   app.set_version_flag("--version", "qvdb " QVDB_VERSION);
   app.formatter_fn([](const CLI::App*, std::string, CLI::AppFormatMode) { return overview(); });
+  if (!words.empty() && app.get_option_no_throw(words[0]) == nullptr) refuseMisplaced(words);
   if (!parse(app, words, "qvdb --help")) return;
   throw wrongUsage("no command was given; see 'qvdb --help'");
 }
@@ -180,11 +216,7 @@ std::optional<Action> readCommandLine(int argc, const char* const* argv) {
   const Command& command = commandOf(words[0]);
   CLI::App app(command.summary, command.name);
   Arguments::Parser parser(&app, command);
-  Arguments arguments(parser);
-  Action action = command.define(arguments);
-  arguments.option("--wait", "SECONDS", waitSeconds,
-                   "How long to wait for a database that another process has open for writing. "
-                   "Default: not at all.");
+  Action action = defineIn(parser);
   app.formatter_fn(
       [&parser](const CLI::App*, std::string, CLI::AppFormatMode) { return parser.help.text(); });
   words.erase(words.begin());
