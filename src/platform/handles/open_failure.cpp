@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "platform/handles/file_entries.h"
+#include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
 #include "platform/host/system_calls.h"
 #include "platform/paths/directory.h"
@@ -110,25 +110,13 @@ OpenFailureFound lookAtFile(const Place& place, Sharing sharing) {
   return tryToOpen(place, name, sharing == Sharing::none ? O_RDONLY : O_RDWR, sharing);
 }
 
-Sharing sharingOf(int permission) {
-  switch (static_cast<int8_t>(permission)) {
-    case 2:
-    case 3:
-      return Sharing::exclusive;
-    case 4:
-      return Sharing::shared;
-    default:
-      return Sharing::none;
-  }
-}
-
 }  // namespace
 
 OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission) {
   Place place;
   const OpenFailureFound onTheWay = walk(path, &place);
   if (onTheWay.failure != OpenFailure::none) return onTheWay;
-  return lookAtFile(place, sharingOf(permission));
+  return lookAtFile(place, sharingOf(permission).value_or(Sharing::none));
 }
 
 OpenFailureFound lastCreateFailure() {

@@ -37,21 +37,27 @@ bool addPositions(int64_t base, int64_t offset, int64_t* sum) {
 
 }  // namespace
 
-bool openFile(const Directory& directory, const EntryName& name, int permission, int16_t* file) {
+std::optional<Sharing> sharingOf(int permission) {
   switch (static_cast<int8_t>(permission)) {
     case 0:
-      return openAs(directory, name, Sharing::shared, file) ||
-             openAs(directory, name, Sharing::none, file);
     case 1:
-      return openAs(directory, name, Sharing::none, file);
+      return Sharing::none;
     case 2:
     case 3:
-      return openAs(directory, name, Sharing::exclusive, file);
+      return Sharing::exclusive;
     case 4:
-      return openAs(directory, name, Sharing::shared, file);
+      return Sharing::shared;
     default:
-      return false;
+      return std::nullopt;
   }
+}
+
+bool openFile(const Directory& directory, const EntryName& name, int permission, int16_t* file) {
+  const std::optional<Sharing> sharing = sharingOf(permission);
+  if (!sharing) return false;
+  const bool isAny = static_cast<int8_t>(permission) == 0;
+  return (isAny && openAs(directory, name, Sharing::shared, file)) ||
+         openAs(directory, name, *sharing, file);
 }
 
 bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "platform/handles/file_entries.h"
 
@@ -44,6 +45,9 @@ inline constexpr int kSharedWriters = 4;
 //   4  reading and writing, shared
 // Returns false, with `file` unwritten, when the file or the permission cannot be obtained.
 bool openFile(const Directory& directory, const EntryName& name, int permission, int16_t* file);
+
+// The sharing that a permission asks for, of 0 the least; nothing for a number that is none.
+std::optional<Sharing> sharingOf(int permission);
 
 // Makes an opener of a file, who shares it in this way, an open file at position 0. False, with
 // `file` unwritten, when no number is free.
