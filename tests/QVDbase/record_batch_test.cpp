@@ -468,7 +468,8 @@ TEST_F(BatchesInPieces, AreTheFileThatSingleAppendsMake) {
   for (const uint32_t length : {0u, kShort, kLong}) {
     for (const uint32_t reserve : {0u, length + 100}) {
       SCOPED_TRACE(length);
-      const Bytes payload(length, 'p');
+      Bytes payload(length);
+      for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i % 251);
       const int16_t single = fresh("single.qvd");
       appendEach(single, mixedRecords(1, 1));
       appendEach(single, {{7, payload, reserve}, {8, bytesOf("next"), 0}});
@@ -483,6 +484,27 @@ TEST_F(BatchesInPieces, AreTheFileThatSingleAppendsMake) {
       EXPECT_TRUE(sameBytes(contents("batch.qvd"), contents("single.qvd")));
     }
   }
+}
+
+TEST_F(BatchesInPieces, RefuseTheRecordBeforeWhichAPieceCannotBeWritten) {
+  constexpr size_t kPiece = 256 * 1024;
+  constexpr size_t kLeft = 10;  // too few for a header
+  const Bytes nearlyAll(kPiece - kLeft - format::kRecordBlockOverhead, 'x');
+  allowDamage("batch.qvd");  // what the host took of the piece is no block
+  begin();
+  EXPECT_TRUE(addWhole(7, nearlyAll));
+  host.fullAfter(100);
+  EXPECT_FALSE(addWhole(8, bytesOf("y")));
+  host.heal();
+  end();
+  std::filesystem::remove(path("batch.qvd"));
+
+  begin();
+  EXPECT_TRUE(addWhole(7, nearlyAll));
+  host.fullAfter(100);
+  EXPECT_FALSE(batch->openRecord(named(8)));
+  host.heal();
+  end();
 }
 
 TEST_F(BatchesInPieces, TakeNothingElseWhileTheyAreOpen) {
