@@ -10,7 +10,6 @@
 #include "recovery/salvage/plan.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <map>
 #include <set>
@@ -41,22 +40,21 @@ tablePart1 newSlot(const std::string& name, const unsigned char* id) {
 void planHeader(const Survey& survey, Plan* plan) {
   plan->header = survey.header;
   internal_Head1& fields = plan->header.fields;
-  const bool lettersRight =
-      std::toupper(fields.signature[0]) == 'Q' && std::toupper(fields.signature[1]) == 'V';
-  if (!lettersRight) {
+  const bool isUnreadable = survey.isHeaderUnreadable();
+  const std::string damaged = isUnreadable ? "cannot be read" : "is damaged";
+  const auto note = [&](const auto&... parts) { plan->notes.push_back(joined(parts...)); };
+  if (!isSignature(fields.signature)) {
     std::memcpy(fields.signature, "QVdb", kSignatureSize);
-    plan->notes.push_back("The signature of the source is damaged; the new file has 'QVdb'.");
+    note("The signature of the source ", damaged, "; the new file has 'QVdb'.");
   }
-  const bool versionRight = fields.version >= kFirstVersion && fields.version <= kLastVersion;
-  if (!versionRight || fields.version == kUnfinishedPackVersion) {
-    plan->notes.push_back("The version of the source is " + std::to_string(fields.version) +
-                          "; the new file has 100.");
+  if (!isVersion(fields.version) || fields.version == kUnfinishedPackVersion) {
+    note("The version of the source ", isUnreadable ? damaged : joined("is ", fields.version),
+         "; the new file has 100.");
     fields.version = kFinishedVersion;
   }
   if (!identifierSumIsRight(fields.databaseID) || identifierNumber(fields.databaseID) == 0) {
     GenerateUuID(fields.databaseID);
-    plan->notes.push_back(
-        "The database identifier of the source is damaged; the new file has a new one.");
+    note("The database identifier of the source ", damaged, "; the new file has a new one.");
   }
 }
 

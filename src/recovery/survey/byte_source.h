@@ -22,6 +22,11 @@ class ByteSource {
   // Reads up to `count` bytes at `position`; returns how many there were.
   virtual size_t readAt(int64_t position, void* buffer, size_t count) const = 0;
 
+  // Reads `count` bytes, all or nothing. A host that does not give them is asked a second time.
+  bool readAll(int64_t position, void* buffer, size_t count) const {
+    return readAt(position, buffer, count) == count || readAt(position, buffer, count) == count;
+  }
+
   // The first part, ending after `position`, that reads as zeros because it was never stored.
   virtual std::optional<platform::FileHole> nextHole(int64_t /*position*/) const {
     return std::nullopt;

@@ -29,10 +29,9 @@ constexpr Layout kUsualLayout = {kNewSlotCount, kSlotImageSize};
 
 void readHeader(const ByteSource& source, Survey* survey) {
   unsigned char bytes[kDirectoryPos] = {};
-  const size_t held = source.readAt(0, bytes, sizeof bytes);
-  survey->headerThere = held == sizeof bytes;
-  if (!survey->headerThere && survey->size >= kDirectoryPos) {
-    survey->noteUnreadable(static_cast<int64_t>(held));
+  survey->headerThere = source.readAll(0, bytes, sizeof bytes);
+  if (survey->isHeaderUnreadable()) {
+    survey->noteUnreadable(static_cast<int64_t>(source.readAt(0, bytes, sizeof bytes)));
   }
   Header& header = survey->header;
   std::memcpy(header.fields.signature, bytes, kSignatureSize);
@@ -50,7 +49,7 @@ std::vector<Slot> readSlots(const ByteSource& source, const Layout& layout, int 
     Slot slot;
     slot.index = i;
     slot.position = slotPosition(i, layout.stride);
-    if (source.readAt(slot.position, slot.image.data(), kSlotImageSize) != kSlotImageSize) break;
+    if (!source.readAll(slot.position, slot.image.data(), kSlotImageSize)) break;
     decodeSlot(slot.image.data(), &slot.fields);
     slot.counted = i < tableCount;
     slots.push_back(slot);

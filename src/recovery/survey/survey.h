@@ -218,6 +218,9 @@ struct Survey {
   std::vector<int64_t> nestedDatabases;  // where databases seem to begin that are not this one
   int64_t unreadableAt = -1;             // the first position found that could not be read
 
+  // Whether the file has a header, and the system cannot read all of it.
+  bool isHeaderUnreadable() const { return !headerThere && size >= format::kDirectoryPos; }
+
   // Negative positions mean none.
   void noteUnreadable(int64_t position) {
     if (position >= 0 && unreadableAt < 0) unreadableAt = position;

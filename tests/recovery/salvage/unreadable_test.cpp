@@ -12,6 +12,8 @@
 namespace qvdbase::test {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr const char* kNote =
     "The system cannot read the source at 8192; 4096 bytes of payload are zeros instead.";
 
@@ -137,6 +139,58 @@ TEST_F(Unreadable, TableDataIsToldWithoutARecord) {
   EXPECT_EQ(report.records_cut, 0u);
   EXPECT_EQ(report.bytes_unreadable, 4096u);
   EXPECT_EQ(report.notes, std::vector<std::string>{kNote});
+}
+
+// A host that fails once, in the read of `size` bytes at a position, and then never again.
+class OneFailure {
+ public:
+  OneFailure(off_t position, size_t size) {
+    position_ = position;
+    size_ = size;
+    isOver_ = false;
+    calls_->readAt = [](int descriptor, void* buffer, size_t count, off_t at) -> ssize_t {
+      if (isOver_ || at != position_ || count != size_) {
+        return ::pread(descriptor, buffer, count, at);
+      }
+      isOver_ = true;
+      errno = EIO;
+      return -1;
+    };
+  }
+  bool isOver() const { return isOver_; }
+
+ private:
+  inline static off_t position_ = 0;
+  inline static size_t size_ = 0;
+  inline static bool isOver_ = false;
+  ReplacedCalls calls_;
+};
+
+// One failed read of the header gave the new file another database identifier, and one of a slot
+// its table another name.
+TEST_F(Unreadable, HeaderAndSlotsAreReadASecondTime) {
+  const Bytes source = threeRecords().build();
+  writeFile(folder / "a.qvd", source);
+  for (const auto& [position, size] : {std::pair<off_t, size_t>{0, 22}, {22, 144}}) {
+    fs::remove(folder / "b.qvd");
+    const OneFailure failure(position, size);
+    const qvdb::SalvageReport report = qvdb::salvage(folder / "a.qvd", folder / "b.qvd");
+    EXPECT_TRUE(failure.isOver());
+    EXPECT_TRUE(report.notes.empty()) << report.notes.front();
+    EXPECT_EQ(readFile(folder / "b.qvd").at(0, 16), source.at(0, 16));
+    EXPECT_EQ(saved().name, "notes");
+  }
+}
+
+TEST_F(Unreadable, HeaderIsNotCalledDamaged) {
+  const qvdb::SalvageReport report = salvage(threeRecords(), 4, 22);
+  EXPECT_EQ(report.notes,
+            (std::vector<std::string>{
+                "The version of the source cannot be read; the new file has 100.",
+                "The database identifier of the source cannot be read; the new file has a new one.",
+                "The system cannot read the source at 4."}));
+  EXPECT_EQ(readFile(folder / "b.qvd").at(0, 6), bytesOf("QVdb").add(hex("0064")));
+  EXPECT_EQ(contentsOf(saved()).size(), 3u);
 }
 
 TEST_F(Unreadable, PayloadsAreMarkedInTheManifest) {
