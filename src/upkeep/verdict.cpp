@@ -48,7 +48,7 @@ class Errors {
   void note(const qvdb::Finding& finding) {
     if (finding.severity != qvdb::Severity::error || isOfPackedData(finding)) return;
     verdict_.errors += 1 + finding.more;
-    if (verdict_.firstError.empty()) verdict_.firstError = finding.code + ": " + finding.message;
+    if (verdict_.firstError.empty()) verdict_.firstError = check::inSentence(finding);
   }
 
  private:

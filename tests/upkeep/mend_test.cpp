@@ -92,6 +92,19 @@ TEST_F(Mend, SaysWhatTheHostAnsweredWhenALinkCannotBeWritten) {
   EXPECT_EQ(error->system_code().value(), EROFS);
 }
 
+TEST_F(Mend, NamesTheDamageThatItDoesNotMend) {
+  FileImage image;
+  image.addRecord(image.addTable("notes", 0x11), 0xA1, bytesOf("first"));
+  const Bytes damaged = image.build().with(14, hex("FFFF"));
+  writeFile(path(), damaged);
+  const std::string message = expectError(Reason::damaged, [&] { qvdb::mend(path()); });
+  EXPECT_NE(message.find("it has damage that no interrupted operation leaves (H4: The sum of the "
+                         "database identifier is wrong); nothing was changed"),
+            std::string::npos)
+      << message;
+  EXPECT_EQ(contents(), damaged);
+}
+
 // A record that is linked but not counted, a batch that was never linked, a deletion of which one
 // link is written.
 Bytes interrupted() {

@@ -42,6 +42,16 @@ TEST_F(RefusedCopies, SayHowManyRecordsWouldGo) {
   EXPECT_EQ(qvdb::compact(path(kSource), {}, {.force = true}).records_lost, 10u);
 }
 
+TEST_F(RefusedCopies, NameTheFirstError) {
+  FileImage image;
+  image.addRecord(image.addTable("notes", 0x11), 0xA1, bytesOf("first"));
+  writeFile(path(kSource), image.build().with(14, hex("FFFF")));
+  const std::string message = expectError(Reason::damaged, [&] { qvdb::compact(path(kSource)); });
+  EXPECT_NE(message.find("1 error (H4: The sum of the database identifier is wrong)"),
+            std::string::npos)
+      << message;
+}
+
 TEST_F(RefusedCopies, CarryTableDataThatAPackHasMoved) {
   LivelyDatabase lively;
   writeFile(path(kSource), lively.packed().build());

@@ -16,6 +16,7 @@
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/survey.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdbase;
 using namespace qvdbase::survey;
@@ -167,4 +168,9 @@ qvdb::CheckReport check::checkSource(const ByteSource& source) {
 qvdb::CheckReport check::checkSurvey(const ByteSource& source, const Survey& survey,
                                      const qvdb::FindingVisitor& visitor) {
   return qvdb::deliver(qvdb::checkOnce(source, survey, {}), visitor);
+}
+
+std::string check::inSentence(const qvdb::Finding& finding) {
+  const std::string& message = finding.message;
+  return joined(finding.code, ": ", message.substr(0, message.size() - message.ends_with('.')));
 }

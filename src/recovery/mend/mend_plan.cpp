@@ -274,7 +274,7 @@ class Planner {
     const qvdb::CheckReport report =
         check::checkSurvey(mended, survey, [&](const qvdb::Finding& finding) {
           const bool isError = finding.severity == qvdb::Severity::error;
-          if (isError && first.empty()) first = finding.code + ": " + finding.message;
+          if (isError && first.empty()) first = check::inSentence(finding);
         });
     if (report.errors > 0) {
       plan_.refusal = "it has damage that no interrupted operation leaves (" + first + ")";
