@@ -26,10 +26,6 @@ namespace fs = std::filesystem;
 constexpr const char* kOperation = "extract payloads";
 constexpr const char* kManifest = "manifest.jsonl";
 
-void refuseWhatIsThere(const fs::path& path) {
-  if (isTaken(path)) failure::throwError(path, kOperation, qvdb::Reason::file_exists);
-}
-
 std::string nameOf(const Block& block) {
   return std::to_string(block.position) + ".bin";
 }
@@ -48,27 +44,14 @@ class Hash {
   uint64_t value_ = 0xCBF29CE484222325u;
 };
 
-// What was written of a payload.
-struct Content {
-  std::string hash;         // of all of it
-  uint64_t unreadable = 0;  // bytes that zeros replace
-};
-
-constexpr char kDigits[] = "0123456789abcdef";
-
 std::string escapedUnit(uint16_t unit) {
-  std::string text = "\\u";
-  for (int shift = 12; shift >= 0; shift -= 4) text += kDigits[(unit >> shift) & 15];
-  return text;
+  return "\\u" + hexDigits(static_cast<unsigned char>(unit >> 8)) +
+         hexDigits(static_cast<unsigned char>(unit));
 }
 
 std::string hexOf(const std::string& bytes) {
   std::string text;
-  for (const char each : bytes) {
-    const auto byte = static_cast<unsigned char>(each);
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 15];
-  }
+  for (const char each : bytes) text += hexDigits(static_cast<unsigned char>(each));
   return text;
 }
 
@@ -111,23 +94,22 @@ std::string textMember(const char* key, const std::string& text) {
   return isUtf8 ? member : member + ",\"" + key + "_bytes\":\"" + hexOf(text) + "\"";
 }
 
-std::string line(const qvdb::FoundBlock& found, const std::string& file, const Content& content) {
+// `unreadable` bytes of the payload are zeros instead.
+std::string line(const qvdb::FoundBlock& found, const std::string& file, const std::string& hash,
+                 uint64_t unreadable) {
   static constexpr const char* kGrades[] = {"A", "B", "C"};
-  const std::string number = std::to_string(found.offset);
-  std::string text = "{\"file\":\"" + file + "\",\"offset\":" + number + ",\"kind\":\"" +
-                     (found.is_table_data ? "table data" : "record") + "\",\"grade\":\"" +
-                     kGrades[static_cast<int>(found.grade)] + "\",\"label\":\"" +
-                     std::string(qvdb::to_string(found.label)) + "\",\"table\":\"" +
-                     qvdb::to_string(found.table) + "\"" + textMember("name", found.table_name) +
-                     textMember("written_to", found.written_to);
+  std::string record;
   if (!found.is_table_data) {
-    text += ",\"record\":\"" + qvdb::to_string(found.record) +
-            "\",\"created\":" + std::to_string(found.create_time) +
-            ",\"modified\":" + std::to_string(found.modify_time);
+    record = joined(",\"record\":\"", qvdb::to_string(found.record),
+                    "\",\"created\":", found.create_time, ",\"modified\":", found.modify_time);
   }
-  return text + ",\"length\":" + std::to_string(found.length) +
-         ",\"there\":" + std::to_string(found.there) + ",\"fnv1a64\":\"" + content.hash +
-         "\",\"unreadable\":" + std::to_string(content.unreadable) + "}\n";
+  return joined("{\"file\":\"", file, "\",\"offset\":", found.offset, ",\"kind\":\"",
+                found.is_table_data ? "table data" : "record", "\",\"grade\":\"",
+                kGrades[static_cast<int>(found.grade)], "\",\"label\":\"",
+                qvdb::to_string(found.label), "\",\"table\":\"", qvdb::to_string(found.table), "\"",
+                textMember("name", found.table_name), textMember("written_to", found.written_to),
+                record, ",\"length\":", found.length, ",\"there\":", found.there, ",\"fnv1a64\":\"",
+                hash, "\",\"unreadable\":", unreadable, "}\n");
 }
 
 }  // namespace
@@ -151,46 +133,40 @@ class Extraction::Output {
   products::BufferedOutput bytes_{target_};
 };
 
-Extraction::Extraction(const Survey& survey, const Plan& plan, const qvdb::SalvageOptions& options,
-                       const platform::FileAccess* access)
-    : survey_(survey),
-      plan_(plan),
-      makesParents_(options.create_folders),
-      folder_(options.extract_to) {
-  if (access != nullptr) {
-    access_ = *access;
+Extraction::Extraction(const Job& job, const Plan& plan)
+    : job_(job), plan_(plan), folder_(job.options.extract_to) {
+  if (job.access != nullptr) {
+    access_ = *job.access;
     access_->attributes.clear();  // what users attached is about the database
   }
-  for (const uint32_t number : blocksInFileOrder(survey)) {
+  for (const uint32_t number : blocksInFileOrder(job.survey)) {
     if (plan.destination[number] >= 0) blocks_.push_back(number);
   }
   if (!isTaken(folder_.path())) return;
-  refuseWhatIsThere(folder_.fileNamed(kManifest));
+  folder_.requireFree(kManifest, kOperation);
   for (const uint32_t number : blocks_) {
-    refuseWhatIsThere(folder_.fileNamed(nameOf(survey.blocks[number])));
+    folder_.requireFree(nameOf(job.survey.blocks[number]), kOperation);
   }
 }
 
-void Extraction::write(const ByteSource& source) {
-  folder_.make(kOperation, makesParents_, qvdb::Reason::cannot_write);
+void Extraction::write() {
+  folder_.make(kOperation, job_.options.create_folders, qvdb::Reason::cannot_write);
   Output manifest(folder_.fileNamed(kManifest), access_);
-  PayloadReader payloads(source);
+  PayloadReader payloads(job_.source);
   for (const uint32_t number : blocks_) {
-    const std::string file = nameOf(survey_.blocks[number]);
+    const Block& block = job_.survey.blocks[number];
+    const std::string file = nameOf(block);
     Output output(folder_.fileNamed(file), access_);
     Hash hash;
-    Content content;
-    content.unreadable =
-        payloads.read(survey_.blocks[number], [&](const char* bytes, size_t count) {
-          output.write(bytes, count);
-          hash.add(bytes, count);
-        });
+    const uint64_t unreadable = payloads.read(block, [&](const char* bytes, size_t count) {
+      output.write(bytes, count);
+      hash.add(bytes, count);
+    });
     output.finish();
     folder_.add(file);
-    content.hash = hash.text();
-    qvdb::FoundBlock found = describe(survey_, number);
+    qvdb::FoundBlock found = describe(job_.survey, number);
     found.written_to = plan_.tables[static_cast<size_t>(plan_.destination[number])].name();
-    const std::string text = line(found, file, content);
+    const std::string text = line(found, file, hash.text(), unreadable);
     manifest.write(text.data(), text.size());
   }
   manifest.finish();

@@ -4,31 +4,27 @@
 #include <optional>
 #include <vector>
 
-#include "platform/handles/file_access.h"
 #include "recovery/salvage/new_folder.h"
 #include "recovery/salvage/plan.h"
-#include "recovery/survey/byte_source.h"
 
 namespace qvdbase::salvage {
 
 class Extraction {
  public:
-  // The payload of every planned block, and "manifest.jsonl" with a line of JSON for each. Survey
-  // and plan must outlive this. Throws qvdb::Error (file_exists) when one of the files to be made
+  // The payload of every planned block, and "manifest.jsonl" with a line of JSON for each. The plan
+  // must outlive this. Throws qvdb::Error (file_exists) when one of the files to be made
   // is there already, so that a salvage can be refused before anything is written.
-  Extraction(const survey::Survey& survey, const Plan& plan, const qvdb::SalvageOptions& options,
-             const platform::FileAccess* access);
+  Extraction(const Job& job, const Plan& plan);
 
-  // What is written goes with the object, unless it is to be kept. Throws qvdb::Error.
-  void write(const survey::ByteSource& source);
+  // What is written is removed with the object, unless it is to be kept. Throws qvdb::Error.
+  void write();
   void keep() { folder_.keep(); }
 
  private:
   class Output;
 
-  const survey::Survey& survey_;
+  const Job job_;
   const Plan& plan_;
-  const bool makesParents_;
   std::optional<platform::FileAccess> access_;  // for every file
   NewFolder folder_;
   std::vector<uint32_t> blocks_;  // those to be written, in file order

@@ -5,46 +5,25 @@
 #include "recovery/salvage/plan.h"
 
 using namespace qvdbase::survey;
+using qvdb::BlockGrade;
+using qvdb::BlockLabel;
 
-namespace qvdbase::salvage {
-namespace {
+static_assert(static_cast<int>(Label::live) == static_cast<int>(BlockLabel::live));
+static_assert(static_cast<int>(Label::deletedOrUnlinked) ==
+              static_cast<int>(BlockLabel::deleted_or_unlinked));
 
-qvdb::BlockLabel publicLabel(Label label) {
-  switch (label) {
-    case Label::live:
-      return qvdb::BlockLabel::live;
-    case Label::superseded:
-      return qvdb::BlockLabel::superseded;
-    case Label::unfinishedRelocation:
-      return qvdb::BlockLabel::unfinished;
-    case Label::deleted:
-      return qvdb::BlockLabel::deleted;
-    case Label::unlinked:
-      return qvdb::BlockLabel::unlinked;
-    case Label::deletedOrUnlinked:
-      return qvdb::BlockLabel::deleted_or_unlinked;
-    case Label::detached:
-    case Label::none:
-      break;
-  }
-  return qvdb::BlockLabel::lost;
-}
-
-}  // namespace
-
-qvdb::FoundBlock describe(const Survey& survey, uint32_t number) {
+qvdb::FoundBlock qvdbase::salvage::describe(const Survey& survey, uint32_t number) {
   const Block& block = survey.blocks[number];
-  const Owner& owner = survey.owners[block.owner];
+  const Slot* const slot = survey.ownerSlot(block);
+  const bool isFlawed = block.isReached() && block.flaws != 0;
   qvdb::FoundBlock found;
   found.is_table_data = block.kind == BlockKind::tableData;
-  found.label = publicLabel(block.label);
-  found.grade = static_cast<qvdb::BlockGrade>(block.grade);
-  if (block.isReached() && block.flaws != 0) found.grade = qvdb::BlockGrade::b;
-  found.is_orphan = owner.slot == kNoSlot;
-  found.table.value = owner.number;
-  if (!found.is_orphan) {
-    found.table_name = format::storedName(survey.slotAt(owner.slot)->fields);
-  }
+  found.label =
+      block.label == Label::none ? BlockLabel::lost : static_cast<BlockLabel>(block.label);
+  found.grade = isFlawed ? BlockGrade::b : static_cast<BlockGrade>(block.grade);
+  found.is_orphan = slot == nullptr;
+  found.table.value = survey.owners[block.owner].number;
+  if (slot != nullptr) found.table_name = format::storedName(slot->fields);
   found.record.value = block.recordID;
   found.offset = block.position;
   found.length = block.length;
@@ -55,4 +34,9 @@ qvdb::FoundBlock describe(const Survey& survey, uint32_t number) {
   return found;
 }
 
-}  // namespace qvdbase::salvage
+std::string_view qvdb::to_string(BlockLabel label) noexcept {
+  constexpr std::string_view kNames[] = {"live",    "lost",     "superseded",         "unfinished",
+                                         "deleted", "unlinked", "deleted or unlinked"};
+  const auto number = static_cast<size_t>(label);
+  return number < std::size(kNames) ? kNames[number] : "";
+}

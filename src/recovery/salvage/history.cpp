@@ -29,52 +29,67 @@ using survey::Label;
 using survey::OpenedFile;
 using survey::Survey;
 
-constexpr const char* kHistory = "find the versions of the record";
-constexpr const char* kUndelete = "bring the record back";
-
-// The table of that name or identifier among those that the file shows traces of.
-uint32_t ownerNamed(const Survey& survey, std::string_view table, const std::filesystem::path& path,
-                    const char* operation) {
-  for (const survey::Table& each : survey.tables) {
-    const auto& slot = survey.slotOf(each);
-    if (format::storedName(slot.fields) == table) return each.owner;
+// A record's file, survey and table: the one of that name or identifier among those that the file
+// shows traces of.
+struct Sought {
+  Sought(const std::filesystem::path& path, std::string_view table, const char* operation,
+         bool isWatched = false)
+      : file(path, operation) {
+    if (isWatched) file.watch();
+    survey = survey::makeSurvey(file.source());
+    owner = ownerNamed(path, table, operation);
   }
-  if (const std::optional<Id> id = parse_id(table)) {
-    for (uint32_t i = 0; i < survey.owners.size(); ++i) {
-      if (survey.owners[i].number == id->value) return i;
+
+  const Block& block(uint32_t number) const { return survey.blocks[number]; }
+
+  // The numbers of the table's records that are `wanted`, in file order, which is the order of
+  // writing.
+  template <typename Wanted>
+  std::vector<uint32_t> records(Wanted wanted) const {
+    std::vector<uint32_t> found;
+    for (const uint32_t number : survey::blocksInFileOrder(survey)) {
+      const Block& each = block(number);
+      if (each.kind == BlockKind::record && each.owner == owner && wanted(each)) {
+        found.push_back(number);
+      }
     }
+    return found;
   }
-  throwError(path, operation, Reason::table_missing, "no such table: " + std::string(table));
-}
 
-// Blocks of the record, in file order, which is the order of writing.
-std::vector<uint32_t> versionsOf(const Survey& survey, uint32_t owner, Id record) {
-  std::vector<uint32_t> versions;
-  for (const uint32_t number : survey::blocksInFileOrder(survey)) {
-    const Block& block = survey.blocks[number];
-    if (block.kind == BlockKind::record && block.owner == owner && block.recordID == record.value) {
-      versions.push_back(number);
+  std::vector<uint32_t> versionsOf(Id record) const {
+    return records([&](const Block& each) { return each.recordID == record.value; });
+  }
+
+  std::vector<FoundBlock> describe(const std::vector<uint32_t>& numbers) const {
+    std::vector<FoundBlock> found;
+    for (const uint32_t number : numbers) found.push_back(salvage::describe(survey, number));
+    return found;
+  }
+
+  OpenedFile file;
+  Survey survey;
+  uint32_t owner = 0;
+
+ private:
+  uint32_t ownerNamed(const std::filesystem::path& path, std::string_view table,
+                      const char* operation) const {
+    for (const survey::Table& each : survey.tables) {
+      if (format::storedName(survey.slotOf(each).fields) == table) return each.owner;
     }
+    if (const std::optional<Id> id = parse_id(table)) {
+      for (uint32_t i = 0; i < survey.owners.size(); ++i) {
+        if (survey.owners[i].number == id->value) return i;
+      }
+    }
+    throwError(path, operation, Reason::table_missing, "no such table: " + std::string(table));
   }
-  return versions;
-}
-
-// The version to bring back; kNoBlock when there is none.
-uint32_t choose(const Survey& survey, const std::vector<uint32_t>& versions,
-                std::optional<int64_t> offset) {
-  uint32_t chosen = survey::kNoBlock;
-  for (const uint32_t number : versions) {
-    const Block& block = survey.blocks[number];
-    if (offset ? block.position == *offset : block.grade == survey::Grade::a) chosen = number;
-  }
-  return chosen;
-}
+};
 
 // The data of the table that takes the record, as `edit` leaves it. None where there is no such
 // data, or not all of it can be read.
 std::vector<survey::Patch> editedData(const survey::ByteSource& source, const Survey& survey,
                                       uint32_t chosen, const DataEdit& edit) {
-  const salvage::Plan plan = salvage::makePlan(survey, {}, {.block = chosen});
+  const salvage::Plan plan = salvage::makePlan(survey, {}, chosen);
   const int place = plan.destination[chosen];
   const uint32_t data = place < 0 ? survey::kNoBlock : plan.tables[static_cast<size_t>(place)].data;
   if (data == survey::kNoBlock) return {};
@@ -89,8 +104,7 @@ std::vector<survey::Patch> editedData(const survey::ByteSource& source, const Su
 
 // In the chain of its table, or belonging there.
 bool isInUse(const Block& block) {
-  return block.kind == BlockKind::record &&
-         (block.label == Label::live || block.label == Label::detached);
+  return block.label == Label::live || block.label == Label::detached;
 }
 
 bool isDeleted(const Block& block) {
@@ -101,35 +115,24 @@ bool isDeleted(const Block& block) {
 
 std::vector<FoundBlock> history(const std::filesystem::path& path, std::string_view table,
                                 Id record) {
-  const OpenedFile file(path, kHistory);
-  const Survey survey = survey::makeSurvey(file.source());
-  std::vector<FoundBlock> found;
-  for (const uint32_t number :
-       versionsOf(survey, ownerNamed(survey, table, path, kHistory), record)) {
-    found.push_back(salvage::describe(survey, number));
-  }
-  return found;
+  const Sought sought(path, table, "find the versions of the record");
+  return sought.describe(sought.versionsOf(record));
 }
 
 std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::string_view table) {
-  constexpr const char* kList = "list the deleted records";
-  const OpenedFile file(path, kList);
-  const Survey survey = survey::makeSurvey(file.source());
-  const uint32_t owner = ownerNamed(survey, table, path, kList);
+  const Sought sought(path, table, "list the deleted records");
   std::set<uint64_t> passed;
-  std::vector<FoundBlock> found;
-  const std::vector<uint32_t> order = survey::blocksInFileOrder(survey);
-  for (const Block& block : survey.blocks) {
-    if (block.owner == owner && isInUse(block)) passed.insert(block.recordID);
+  for (const uint32_t number : sought.records(isInUse)) {
+    passed.insert(sought.block(number).recordID);
   }
-  for (auto number = order.rbegin(); number != order.rend(); ++number) {
-    const Block& block = survey.blocks[*number];
-    if (block.kind != BlockKind::record || block.owner != owner || !isDeleted(block)) continue;
-    if (!passed.insert(block.recordID).second) continue;
-    found.push_back(salvage::describe(survey, *number));
+  // Of each, the last version.
+  std::vector<uint32_t> deleted = sought.records(isDeleted);
+  std::vector<uint32_t> last;
+  for (auto number = deleted.rbegin(); number != deleted.rend(); ++number) {
+    if (passed.insert(sought.block(*number).recordID).second) last.push_back(*number);
   }
-  std::reverse(found.begin(), found.end());
-  return found;
+  std::reverse(last.begin(), last.end());
+  return sought.describe(last);
 }
 
 std::vector<std::byte> read_version(const std::filesystem::path& path, const FoundBlock& version) {
@@ -155,28 +158,32 @@ std::vector<std::byte> read_version(const std::filesystem::path& path, const Fou
 SalvageReport undelete(const std::filesystem::path& source, const std::filesystem::path& target,
                        std::string_view table, Id record, std::optional<int64_t> offset,
                        const DataEdit& edit_data) {
-  OpenedFile file(source, kUndelete);
-  file.watch();
-  const Survey survey = survey::makeSurvey(file.source());
-  const std::vector<uint32_t> versions =
-      versionsOf(survey, ownerNamed(survey, table, source, kUndelete), record);
-  const bool isInUse = std::any_of(versions.begin(), versions.end(), [&](uint32_t number) {
-    return survey.blocks[number].label == Label::live;
+  constexpr const char* kUndelete = "bring the record back";
+  const Sought sought(source, table, kUndelete, true);
+  const std::vector<uint32_t> versions = sought.versionsOf(record);
+  const bool isLive = std::any_of(versions.begin(), versions.end(), [&](uint32_t number) {
+    return sought.block(number).label == Label::live;
   });
-  if (isInUse && !offset) {
+  if (isLive && !offset) {
     throwError(source, kUndelete, Reason::bad_argument,
                "the record is in use; name a version's offset");
   }
-  const uint32_t chosen = choose(survey, versions, offset);
+  uint32_t chosen = survey::kNoBlock;
+  for (const uint32_t number : versions) {
+    const Block& block = sought.block(number);
+    if (offset ? block.position == *offset : block.grade == survey::Grade::a) chosen = number;
+  }
   if (chosen == survey::kNoBlock) {
     throwError(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
   }
-  const platform::FileAccess access = file.access(source, kUndelete);
+  const platform::FileAccess access = sought.file.access(source, kUndelete);
+  const survey::ByteSource& bytes = sought.file.source();
   std::vector<survey::Patch> edited;
-  if (edit_data) edited = editedData(file.source(), survey, chosen, edit_data);
-  const survey::PatchedSource patched(file.source(), edited, file.source().size());
-  salvage::Run run(patched, survey, target, {}, {}, &access, {.block = chosen});
-  salvage::lookAtSourceAgain(file, source, kUndelete, &run.report());
+  if (edit_data) edited = editedData(bytes, sought.survey, chosen, edit_data);
+  const survey::PatchedSource patched(bytes, edited, bytes.size());
+  const SalvageOptions options;
+  salvage::Run run({patched, sought.survey, options, &access}, target, {}, chosen);
+  salvage::lookAtSourceAgain(sought.file, source, kUndelete, &run.report());
   run.place();
   return run.report();
 }

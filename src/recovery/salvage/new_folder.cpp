@@ -17,6 +17,11 @@ NewFolder::~NewFolder() {
                 [&](const fs::path& each) { fs::remove(each, ignored); });
 }
 
+void NewFolder::requireFree(const std::string& name, const char* operation) const {
+  if (!isTaken(fileNamed(name))) return;
+  failure::throwError(fileNamed(name), operation, qvdb::Reason::file_exists);
+}
+
 // One by one, so that no more than these are removed again.
 void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
   std::error_code error;

@@ -24,6 +24,9 @@ class NewFolder {
   const std::filesystem::path& path() const { return path_; }
   std::filesystem::path fileNamed(const std::string& name) const { return path_ / name; }
 
+  // Throws qvdb::Error (file_exists) of this operation when anything has the name of that file.
+  void requireFree(const std::string& name, const char* operation) const;
+
   // Makes the folder, and with `parents` those that are missing in its path. Throws
   // qvdb::Error of this operation: path_not_reachable, what the host answers, and `reason` when
   // something else has the name.

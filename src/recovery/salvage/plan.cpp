@@ -27,129 +27,119 @@ namespace {
 constexpr size_t kMostTables = kNewSlotCount - 1;
 constexpr const char* kLostAndFound = "lost-and-found";
 
-tablePart1 newSlot(const std::string& name, const unsigned char* id) {
+void setName(const std::string& name, tablePart1* slot) {
+  std::memcpy(slot->tableName, name.data(), std::min<size_t>(name.size(), kTableNameSize));
+}
+
+tablePart1 newSlot(const std::string& name) {
   tablePart1 slot = {};
   slot.slotMark = kSlotMark;
   slot.slotEndMark = kSlotEndMark;
   slot.tableVersion = kNewTableVersion;
-  std::memcpy(slot.tableID, id, kIdentifierSize);
-  std::memcpy(slot.tableName, name.data(), std::min<size_t>(name.size(), kTableNameSize));
+  setName(name, &slot);
   return slot;
 }
 
-void planHeader(const Survey& survey, Plan* plan) {
-  plan->header = survey.header;
-  internal_Head1& fields = plan->header.fields;
-  const bool isUnreadable = survey.isHeaderUnreadable();
-  const std::string damaged = isUnreadable ? "cannot be read" : "is damaged";
-  const auto note = [&](const auto&... parts) { plan->notes.push_back(joined(parts...)); };
-  if (!isSignature(fields.signature)) {
-    std::memcpy(fields.signature, "QVdb", kSignatureSize);
-    note("The signature of the source ", damaged, "; the new file has 'QVdb'.");
-  }
-  if (!isVersion(fields.version) || fields.version == kUnfinishedPackVersion) {
-    note("The version of the source ", isUnreadable ? damaged : joined("is ", fields.version),
-         "; the new file has 100.");
-    fields.version = kFinishedVersion;
-  }
-  if (!identifierSumIsRight(fields.databaseID) || identifierNumber(fields.databaseID) == 0) {
-    GenerateUuID(fields.databaseID);
-    note("The database identifier of the source ", damaged, "; the new file has a new one.");
-  }
+std::string madeName(uint64_t tableID) {
+  return "table-" + shownId(tableID).substr(2);
 }
 
 class Planner {
  public:
-  Planner(const Survey& survey, const qvdb::SalvageOptions& options, const Wanted& wanted)
-      : survey_(survey), wanted_(wanted.block), selection_(survey, options, wanted) {}
+  Planner(const Survey& survey, const qvdb::SalvageOptions& options, uint32_t wanted)
+      : survey_(survey), wanted_(wanted), taken_(takeBlocks(survey, options, wanted)) {}
 
   Plan make() {
-    plan_.destination.assign(survey_.blocks.size(), -1);
-    planHeader(survey_, &plan_);
-    Taken taken = selection_.take();
-    if (taken.nameless > 0) {
-      note("Left out: " + counted(taken.nameless, "record block") + " with the identifier 0.");
+    planHeader();
+    if (taken_.nameless > 0) {
+      note("Left out: ", counted(taken_.nameless, "record block"), " with the identifier 0.");
     }
-    groups_ = std::move(taken.groups);
-    adoptOwners();
+    for (const Table& table : survey_.tables) owners_[table.slot] = adoptedOwner(table);
     for (const Table& table : survey_.tables) planTable(table);
-    planOrphans();
-    planLostAndFound(taken.strays);
+    for (uint32_t owner = 0; owner < survey_.owners.size(); ++owner) planOrphan(owner);
+    if (!taken_.strays.empty()) planLostAndFound();
+    setDestinations();
     return std::move(plan_);
   }
 
  private:
   const Block& block(uint32_t number) const { return survey_.blocks[number]; }
-  const Slot& slotOf(const Table& table) const { return survey_.slotOf(table); }
-  bool hasSlot(const Block& block) const { return survey_.owners[block.owner].slot != kNoSlot; }
 
-  void note(std::string text) { plan_.notes.push_back(std::move(text)); }
+  template <typename... Parts>
+  void note(Parts... parts) {
+    plan_.notes.push_back(joined(std::move(parts)...));
+  }
+
+  void planHeader() {
+    plan_.header = survey_.header.fields;
+    const int version = plan_.header.version;
+    const bool isUnreadable = survey_.isHeaderUnreadable();
+    const std::string damaged = isUnreadable ? "cannot be read" : "is damaged";
+    if (!isSignature(plan_.header.signature)) {
+      std::memcpy(plan_.header.signature, "QVdb", kSignatureSize);
+      note("The signature of the source ", damaged, "; the new file has 'QVdb'.");
+    }
+    if (!isVersion(version) || version == kUnfinishedPackVersion) {
+      plan_.header.version = kFinishedVersion;
+      note("The version of the source ", isUnreadable ? damaged : joined("is ", version),
+           "; the new file has 100.");
+    }
+    unsigned char* const id = plan_.header.databaseID;
+    if (!identifierSumIsRight(id) || identifierNumber(id) == 0) {
+      GenerateUuID(id);
+      note("The database identifier of the source ", damaged, "; the new file has a new one.");
+    }
+  }
 
   // ---- tables of the directory
 
   // A slot whose identifier was damaged leads to blocks that carry the right one.
-  void adoptOwners() {
-    for (const Table& table : survey_.tables) {
-      const tablePart1& slot = slotOf(table).fields;
-      uint32_t owner = table.owner;
-      if (groups_[owner].isEmpty()) {
-        for (const int64_t position :
-             {slot.firstRecordPos, slot.lastRecordPos, slot.firstDataPos}) {
-          const uint32_t number = survey_.byPosition.find(position);
-          if (number == kNoBlock || hasSlot(block(number))) continue;
-          owner = block(number).owner;
-          break;
-        }
-      }
-      owners_[table.slot] = owner;
+  uint32_t adoptedOwner(const Table& table) const {
+    if (!taken_.groups[table.owner].isEmpty()) return table.owner;
+    const tablePart1& slot = survey_.slotOf(table).fields;
+    for (const int64_t position : {slot.firstRecordPos, slot.lastRecordPos, slot.firstDataPos}) {
+      const Block* const found = survey_.blockAt(position);
+      if (found != nullptr && survey_.ownerSlot(*found) == nullptr) return found->owner;
     }
+    return table.owner;
   }
 
   // What is neither counted nor filled is an AddTable that was cut off.
   bool isPlannable(const Table& table) const {
-    return slotOf(table).counted || !groups_[owners_.at(table.slot)].isEmpty();
+    return survey_.slotOf(table).counted || !taken_.groups[owners_.at(table.slot)].isEmpty();
   }
 
   void planTable(const Table& table) {
-    const Slot& slot = slotOf(table);
     const uint32_t owner = owners_[table.slot];
-    Group& group = groups_[owner];
+    Group& group = taken_.groups[owner];
     if (group.isPlanned) {
-      return note("Slot " + std::to_string(slot.index) +
+      return note("Slot ", table.slot,
                   " has the identifier of another; only the first of them was taken.");
     }
     if (!isPlannable(table)) return;
-    PlannedTable planned;
-    planned.slot = slot.fields;
-    planned.slot.slotMark = kSlotMark;
-    planned.slot.slotEndMark = kSlotEndMark;
-    giveIdentifier(owner, owner != table.owner, &planned);
-    if (planned.slot.tableName[0] == '\0') {
-      giveName(&planned, identifierNumber(planned.slot.tableID));
-    }
-    planned.records = chainOrder(survey_, table, group.members);
-    planned.records.insert(planned.records.end(), group.unlinked.begin(), group.unlinked.end());
-    planned.data = group.data;
-    add(std::move(planned), &group);
+    group.isPlanned = true;
+    tablePart1 slot = survey_.slotOf(table).fields;
+    slot.slotMark = kSlotMark;
+    slot.slotEndMark = kSlotEndMark;
+    giveIdentifier(owner, owner != table.owner, &slot);
+    if (slot.tableName[0] == '\0') setName(madeName(identifierNumber(slot.tableID)), &slot);
+    add(slot, chainOrder(survey_, table, group.members), group);
   }
 
-  void giveIdentifier(uint32_t owner, bool isAdopted, PlannedTable* planned) {
-    if (isAdopted) {
-      note("The identifier of table '" + planned->name() +
-           "' is damaged; its blocks say which it was.");
-    }
+  void giveIdentifier(uint32_t owner, bool isAdopted, tablePart1* slot) {
     const uint64_t number = survey_.owners[owner].number;
-    if (number == 0) {
-      GenerateUuID(planned->slot.tableID);
-      note("The identifier of table '" + planned->name() + "' is zero; it has a new one.");
-    } else if (isOfAnother(owner)) {
-      GenerateUuID(planned->slot.tableID);
-      note("The identifier of table '" + planned->name() +
-           "' is damaged, and now equals that of another; it has a new one.");
-    } else {
-      internal_ConvertInt64_2UuID(number, planned->slot.tableID);
+    const auto noteOf = [&](const char* what) {
+      note("The identifier of table '", storedName(*slot), "' is ", what);
+    };
+    if (isAdopted) noteOf("damaged; its blocks say which it was.");
+    if (number != 0 && !isOfAnother(owner)) {
+      internal_ConvertInt64_2UuID(number, slot->tableID);
       given_.insert(number);
+      return;
     }
+    GenerateUuID(slot->tableID);
+    noteOf(number == 0 ? "zero; it has a new one."
+                       : "damaged, and now equals that of another; it has a new one.");
   }
 
   // Two slots may hold the same number, and differ in its sum: it belongs to the one whose sum is
@@ -165,94 +155,76 @@ class Planner {
     });
   }
 
-  static std::string madeName(uint64_t number) {
-    return "table-" + qvdb::to_string(qvdb::Id{number}).substr(2);
-  }
-
-  void giveName(PlannedTable* planned, uint64_t number) {
-    const std::string name = madeName(number);
-    std::memcpy(planned->slot.tableName, name.data(), name.size());
-  }
-
   // ---- tables that the directory does not have
 
-  void planOrphans() {
-    for (size_t owner = 0; owner < groups_.size(); ++owner) {
-      Group& group = groups_[owner];
-      const bool isKnown = survey_.owners[owner].slot != kNoSlot;
-      if (group.isPlanned || isKnown) continue;
-      if (!holdsWanted(group)) dropPiecesOfPayloads(&group);
-      if (group.isEmpty()) continue;
-      PlannedTable planned;
-      planned.slot =
-          newSlot(madeName(survey_.owners[owner].number), survey_.owners[owner].id.data());
-      planned.records = inLinkOrder(survey_, group.members);
-      planned.records.insert(planned.records.end(), group.unlinked.begin(), group.unlinked.end());
-      planned.data = group.data;
-      note("The directory does not have table '" + planned.name() + "'; its name is lost.");
-      add(std::move(planned), &group);
-    }
+  void planOrphan(uint32_t owner) {
+    const Owner& orphan = survey_.owners[owner];
+    Group& group = taken_.groups[owner];
+    if (group.isPlanned || orphan.slot != kNoSlot) return;
+    const bool holdsWanted = wanted_ != kNoBlock && block(wanted_).owner == owner;
+    if (!holdsWanted) dropPiecesOfPayloads(&group);
+    if (group.isEmpty()) return;
+    tablePart1 slot = newSlot(madeName(orphan.number));
+    std::memcpy(slot.tableID, orphan.id.data(), kIdentifierSize);
+    note("The directory does not have table '", storedName(slot), "'; its name is lost.");
+    add(slot, inLinkOrder(survey_, group.members), group);
   }
 
   void dropPiecesOfPayloads(Group* group) const {
     const auto isPiece = [&](uint32_t number) {
-      return !selection_.isTakenAsOrphan(block(number));
+      return !taken_.takesOrphan(survey_, block(number));
     };
     std::erase_if(group->members, isPiece);
     std::erase_if(group->unlinked, isPiece);
     if (group->data != kNoBlock && isPiece(group->data)) group->data = kNoBlock;
   }
 
-  bool holdsWanted(const Group& group) const {
-    return wanted_ != kNoBlock && survey_.owners[block(wanted_).owner].slot == kNoSlot &&
-           &groups_[block(wanted_).owner] == &group;
-  }
-
-  void planLostAndFound(const std::vector<uint32_t>& strays) {
-    if (strays.empty()) return;
+  void planLostAndFound() {
     const auto present =
         std::find_if(plan_.tables.begin(), plan_.tables.end(),
                      [](const PlannedTable& table) { return table.name() == kLostAndFound; });
-    if (present == plan_.tables.end()) {
-      unsigned char id[kIdentifierSize];
-      GenerateUuID(id);
-      PlannedTable planned;
-      planned.slot = newSlot(kLostAndFound, id);
-      planned.records = strays;
-      Group group;
-      return add(std::move(planned), &group);
+    if (present != plan_.tables.end()) {
+      present->records.insert(present->records.end(), taken_.strays.begin(), taken_.strays.end());
+      return;
     }
-    for (const uint32_t number : strays) {
-      present->records.push_back(number);
-      plan_.destination[number] = static_cast<int>(present - plan_.tables.begin());
-    }
+    tablePart1 slot = newSlot(kLostAndFound);
+    GenerateUuID(slot.tableID);
+    add(slot, std::move(taken_.strays), {});
   }
 
-  void add(PlannedTable planned, Group* group) {
-    group->isPlanned = true;
+  // ---- all of them
+
+  // A table with these records, and with what its group has besides the members.
+  void add(const tablePart1& slot, std::vector<uint32_t> records, const Group& group) {
     if (plan_.tables.size() == kMostTables) {
       ++plan_.tablesLeftOut;
-      return note("There is no space for table '" + planned.name() + "': a database has 31.");
+      return note("There is no space for table '", storedName(slot), "': a database has 31.");
     }
-    const auto place = static_cast<int>(plan_.tables.size());
-    std::replace(planned.records.begin(), planned.records.end(), selection_.replaced(), wanted_);
-    for (const uint32_t number : planned.records) plan_.destination[number] = place;
-    if (planned.data != kNoBlock) plan_.destination[planned.data] = place;
-    plan_.tables.push_back(std::move(planned));
+    records.insert(records.end(), group.unlinked.begin(), group.unlinked.end());
+    plan_.tables.push_back({slot, std::move(records), group.data});
+  }
+
+  void setDestinations() {
+    plan_.destination.assign(survey_.blocks.size(), -1);
+    for (size_t i = 0; i < plan_.tables.size(); ++i) {
+      PlannedTable& table = plan_.tables[i];
+      std::replace(table.records.begin(), table.records.end(), taken_.replaced, wanted_);
+      for (const uint32_t number : table.records) plan_.destination[number] = static_cast<int>(i);
+      if (table.data != kNoBlock) plan_.destination[table.data] = static_cast<int>(i);
+    }
   }
 
   const Survey& survey_;
   const uint32_t wanted_;
-  const Selection selection_;
+  Taken taken_;
   Plan plan_;
-  std::vector<Group> groups_;       // by owner
   std::map<int, uint32_t> owners_;  // of each slot, after adoption
   std::set<uint64_t> given_;        // identifiers of tables that have been planned
 };
 
 }  // namespace
 
-Plan makePlan(const Survey& survey, const qvdb::SalvageOptions& options, const Wanted& wanted) {
+Plan makePlan(const Survey& survey, const qvdb::SalvageOptions& options, uint32_t wanted) {
   return Planner(survey, options, wanted).make();
 }
 

@@ -7,9 +7,18 @@
 #include <vector>
 
 #include "format/Aliment8.h"
+#include "platform/handles/file_access.h"
 #include "recovery/survey/survey.h"
 
 namespace qvdbase::salvage {
+
+// What is salvaged, and how. All of it must outlive the objects that are made with it.
+struct Job {
+  const survey::ByteSource& source;
+  const survey::Survey& survey;
+  const qvdb::SalvageOptions& options;
+  const platform::FileAccess* access = nullptr;  // the source's, for new files; null: the usual one
+};
 
 // A table of the new file.
 struct PlannedTable {
@@ -20,20 +29,17 @@ struct PlannedTable {
 };
 
 struct Plan {
-  survey::Header header;
+  internal_Head1 header = {};
   std::vector<PlannedTable> tables;
   std::vector<int> destination;  // of each block of the survey: the table's place, or -1
   uint64_t tablesLeftOut = 0;
   std::vector<std::string> notes;
 };
 
-// A version of a record that is to be brought back, whatever its label; kNoBlock for none.
-struct Wanted {
-  uint32_t block = survey::kNoBlock;
-};
-
+// `wanted` is a version of a record that is to be brought back, whatever its label; kNoBlock for
+// none.
 Plan makePlan(const survey::Survey& survey, const qvdb::SalvageOptions& options,
-              const Wanted& wanted = {});
+              uint32_t wanted = survey::kNoBlock);
 
 // Sorts blocks that no chain holds any more: those that still name each other stay together, and
 // the pieces follow in the order of the file.

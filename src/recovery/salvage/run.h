@@ -9,7 +9,6 @@
 #include "recovery/salvage/extract.h"
 #include "recovery/salvage/plan.h"
 #include "recovery/salvage/writer.h"
-#include "recovery/survey/byte_source.h"
 #include "recovery/survey/open_file.h"
 
 namespace qvdbase::salvage {
@@ -18,12 +17,9 @@ namespace qvdbase::salvage {
 // yet. Unless place() is called, the object leaves no file.
 class Run {
  public:
-  // `access` is that of the source, for the new files; null for the usual one. All but `wanted`
-  // must outlive the run. Throws qvdb::Error, and what the visitor throws.
-  Run(const survey::ByteSource& source, const survey::Survey& survey,
-      const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
-      const qvdb::SalvageOptions& options, const platform::FileAccess* access,
-      const Wanted& wanted = {});
+  // `wanted` as for makePlan(). Throws qvdb::Error, and what the visitor throws.
+  Run(const Job& job, const std::filesystem::path& target, const qvdb::BlockVisitor& visitor = {},
+      uint32_t wanted = survey::kNoBlock);
 
   qvdb::SalvageReport& report() { return report_; }
 
@@ -31,20 +27,16 @@ class Run {
   void place();
 
  private:
-  void report(const survey::Survey& survey, const qvdb::BlockVisitor& visitor);
-  void note(const survey::Survey& survey, const Written& written);
+  void report(const qvdb::BlockVisitor& visitor);
+  void noteUnreadable(int64_t inPayloads);
   bool verify() const;
 
+  const Job job_;
   const Plan plan_;
   products::TargetFile target_;
   std::optional<Extraction> extraction_;
   qvdb::SalvageReport report_;
 };
-
-// A run that is placed at once.
-qvdb::SalvageReport run(const survey::ByteSource& source, const survey::Survey& survey,
-                        const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
-                        const qvdb::SalvageOptions& options, const platform::FileAccess* access);
 
 // What is known of the source when all of it was read. Says in the report whether another process
 // has it open for writing. Throws in_use, in the name of `operation`, when it was changed

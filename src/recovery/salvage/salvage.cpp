@@ -2,8 +2,6 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/salvage.hpp>
 
-#include <cctype>
-#include <functional>
 #include <optional>
 #include <utility>
 
@@ -20,30 +18,18 @@ using namespace qvdbase::survey;
 
 namespace qvdbase::salvage {
 
-namespace {
-
-constexpr const char* kWriteOperation = "write the salvaged database";
-
-}  // namespace
-
-Run::Run(const ByteSource& source, const Survey& survey, const std::filesystem::path& target,
-         const qvdb::BlockVisitor& visitor, const qvdb::SalvageOptions& options,
-         const platform::FileAccess* access, const Wanted& wanted)
-    : plan_(makePlan(survey, options, wanted)),
-      target_(target, kWriteOperation, {.createFolders = options.create_folders}) {
-  if (!options.extract_to.empty()) extraction_.emplace(survey, plan_, options, access);
-  target_.create(access);
-  const Written written = writeFile(source, survey, plan_, &target_);
-  if (extraction_) extraction_->write(source);
-  report(survey, visitor);
-  report_.tables_written = plan_.tables.size();
-  report_.records_written = written.records;
-  report_.data_written = written.data;
-  report_.payload_bytes = written.payloadBytes;
-  report_.bytes_unreadable = written.bytesUnreadable;
-  report_.records_cut = written.recordsCut;
-  report_.tables_left_out = plan_.tablesLeftOut;
-  note(survey, written);
+Run::Run(const Job& job, const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
+         uint32_t wanted)
+    : job_(job),
+      plan_(makePlan(job.survey, job.options, wanted)),
+      target_(target, "write the salvaged database",
+              {.createFolders = job.options.create_folders}) {
+  if (!job.options.extract_to.empty()) extraction_.emplace(job_, plan_);
+  target_.create(job.access);
+  const int64_t unreadableAt = writeFile(job_, plan_, &target_, &report_);
+  if (extraction_) extraction_->write();
+  report(visitor);
+  noteUnreadable(unreadableAt);
   report_.verified = verify();
 }
 
@@ -52,7 +38,11 @@ void Run::place() {
   if (extraction_) extraction_->keep();
 }
 
-void Run::report(const Survey& survey, const qvdb::BlockVisitor& visitor) {
+void Run::report(const qvdb::BlockVisitor& visitor) {
+  const Survey& survey = job_.survey;
+  report_.tables_written = plan_.tables.size();
+  report_.tables_left_out = plan_.tablesLeftOut;
+  report_.notes = plan_.notes;
   report_.blocks_found = survey.blocks.size();
   for (const uint32_t number : blocksInFileOrder(survey)) {
     const int place = plan_.destination[number];
@@ -68,18 +58,17 @@ void Run::report(const Survey& survey, const qvdb::BlockVisitor& visitor) {
   }
 }
 
-void Run::note(const Survey& survey, const Written& written) {
-  report_.notes = plan_.notes;
-  int64_t position = survey.unreadableAt;
-  if (position < 0 || (written.unreadableAt >= 0 && written.unreadableAt < position)) {
-    position = written.unreadableAt;
-  }
+void Run::noteUnreadable(int64_t inPayloads) {
+  const int64_t inSurvey = job_.survey.unreadableAt;
+  const bool isInPayloads = inPayloads >= 0 && (inSurvey < 0 || inPayloads < inSurvey);
+  const int64_t position = isInPayloads ? inPayloads : inSurvey;
   if (position < 0) return;
-  std::string text = "The system cannot read the source at " + std::to_string(position);
-  if (written.bytesUnreadable > 0) {
-    text += "; " + counted(written.bytesUnreadable, "byte") + " of payload are zeros instead";
+  std::string zeros;
+  if (report_.bytes_unreadable > 0) {
+    zeros =
+        joined("; ", counted(report_.bytes_unreadable, "byte"), " of payload are zeros instead");
   }
-  report_.notes.push_back(text + ".");
+  report_.notes.push_back(joined("The system cannot read the source at ", position, zeros, "."));
 }
 
 // The new file must be sound, and hold as many records as were planned for each table.
@@ -95,14 +84,6 @@ bool Run::verify() const {
     if (report.tables[i].walked != plan_.tables[i].records.size()) return false;
   }
   return true;
-}
-
-qvdb::SalvageReport run(const ByteSource& source, const Survey& survey,
-                        const std::filesystem::path& target, const qvdb::BlockVisitor& visitor,
-                        const qvdb::SalvageOptions& options, const platform::FileAccess* access) {
-  Run all(source, survey, target, visitor, options, access);
-  all.place();
-  return all.report();
 }
 
 void lookAtSourceAgain(const OpenedFile& source, const std::filesystem::path& path,
@@ -122,21 +103,18 @@ using salvage::StoredDatabases;
 
 constexpr const char* kOperation = "salvage the database";
 
-// Called when everything is written, and before the new file gets its name.
-using LastLook = std::function<void(SalvageReport*)>;
-
 // A database without tables is something, as long as it can be seen to be one.
 bool holdsNothing(const Survey& survey) {
-  const auto& signature = survey.header.fields.signature;
-  const bool beginsAsDatabase =
-      survey.headerThere && std::toupper(signature[0]) == 'Q' && std::toupper(signature[1]) == 'V';
+  const bool beginsAsDatabase = survey.headerThere && isSignature(survey.header.fields.signature);
   return survey.blocks.empty() && survey.tables.empty() && !beginsAsDatabase;
 }
 
-SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path& name,
-                            const std::filesystem::path& target, const BlockVisitor& visitor,
-                            const SalvageOptions& options, const platform::FileAccess* access,
-                            const LastLook& lastLook) {
+// `file` is where the bytes come from; null for those in memory.
+SalvageReport salvageSource(const ByteSource& whole, const OpenedFile* file,
+                            const std::filesystem::path& name, const std::filesystem::path& target,
+                            const BlockVisitor& visitor, const SalvageOptions& options) {
+  std::optional<platform::FileAccess> access;
+  if (file != nullptr) access = file->access(name, kOperation);
   constexpr int64_t kMostMissing = int64_t{1} << 62;
   if (options.from < -kMostMissing) {
     failure::throwError(kOperation, Reason::bad_argument,
@@ -146,16 +124,17 @@ SalvageReport salvageSource(const ByteSource& whole, const std::filesystem::path
   const bool isDeep = !options.deep_to.empty();
   const Survey survey =
       makeSurvey(source, {.deep = isDeep, .ignoreDirectory = options.ignore_directory});
+  const salvage::Job job = {source, survey, options, access ? &*access : nullptr};
   std::optional<StoredDatabases> stored;
-  if (isDeep) stored.emplace(source, survey, options, access);
+  if (isDeep) stored.emplace(job);
   if (holdsNothing(survey) && (!stored || stored->isEmpty())) {
     failure::throwError(name, kOperation, Reason::not_a_database,
                         "it holds no table and no record, and does not begin as a database does");
   }
-  Run run(source, survey, target, visitor, options, access);
+  Run run(job, target, visitor);
   // The new file comes last: it appears when all that was asked for is there.
   if (stored) stored->salvage(&run.report());
-  if (lastLook) lastLook(&run.report());
+  if (file != nullptr) salvage::lookAtSourceAgain(*file, name, kOperation, &run.report());
   run.place();
   if (stored) stored->keep();
   return std::move(run.report());
@@ -167,36 +146,12 @@ SalvageReport salvage(const std::filesystem::path& source, const std::filesystem
                       const BlockVisitor& visitor, const SalvageOptions& options) {
   OpenedFile file(source, kOperation);
   file.watch();
-  const platform::FileAccess access = file.access(source, kOperation);
-  const LastLook lastLook = [&](SalvageReport* report) {
-    salvage::lookAtSourceAgain(file, source, kOperation, report);
-  };
-  return salvageSource(file.source(), source, target, visitor, options, &access, lastLook);
+  return salvageSource(file.source(), &file, source, target, visitor, options);
 }
 
 SalvageReport salvage_image(std::span<const std::byte> image, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options) {
-  return salvageSource(MemorySource(image), "the image", target, visitor, options, nullptr, {});
-}
-
-std::string_view to_string(BlockLabel label) noexcept {
-  switch (label) {
-    case BlockLabel::live:
-      return "live";
-    case BlockLabel::lost:
-      return "lost";
-    case BlockLabel::superseded:
-      return "superseded";
-    case BlockLabel::unfinished:
-      return "unfinished";
-    case BlockLabel::deleted:
-      return "deleted";
-    case BlockLabel::unlinked:
-      return "unlinked";
-    case BlockLabel::deleted_or_unlinked:
-      return "deleted or unlinked";
-  }
-  return "";
+  return salvageSource(MemorySource(image), nullptr, "the image", target, visitor, options);
 }
 
 }  // namespace qvdb

@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <optional>
 #include <string>
+#include <utility>
 
-#include "failure/failure.h"
 #include "format/layout.h"
 #include "recovery/salvage/run.h"
 #include "recovery/survey/byte_source.h"
@@ -45,15 +45,15 @@ constexpr int64_t kMostTimes = 4;
 constexpr size_t kMostNamed = 20;
 
 std::string aboutNotWritten(const std::vector<int64_t>& positions) {
-  std::string text = counted(positions.size(), "database stored in a payload was",
-                             "databases stored in payloads were") +
-                     " not written, because the files together would be larger than four times "
-                     "the source. Salvage them one at a time, each from where it begins: ";
   const size_t named = std::min(positions.size(), kMostNamed);
-  for (size_t i = 0; i < named; ++i) text += (i == 0 ? "" : ", ") + std::to_string(positions[i]);
-  if (named < positions.size())
-    text += " and " + std::to_string(positions.size() - named) + " more";
-  return text + ".";
+  std::string list;
+  for (size_t i = 0; i < named; ++i) list += joined(i == 0 ? "" : ", ", positions[i]);
+  if (named < positions.size()) list += joined(" and ", positions.size() - named, " more");
+  return joined(counted(positions.size(), "database stored in a payload was",
+                        "databases stored in payloads were"),
+                " not written, because the files together would be larger than four times the "
+                "source. Salvage them one at a time, each from where it begins: ",
+                list, ".");
 }
 
 // How far the database that begins at `origin` reaches at least, by its directory.
@@ -81,52 +81,46 @@ Reach reachOf(const ByteSource& source, int64_t origin) {
 }
 
 std::string nameOf(const Range& place) {
-  return "at-" + std::to_string(place.begin) + ".qvd";
+  return joined("at-", place.begin, ".qvd");
 }
 
 }  // namespace
 
-StoredDatabases::StoredDatabases(const ByteSource& source, const Survey& survey,
-                                 const qvdb::SalvageOptions& options,
-                                 const platform::FileAccess* access)
-    : source_(source), options_(options), access_(access), folder_(options.deep_to) {
-  const std::vector<uint32_t> order = blocksInFileOrder(survey);
-  std::vector<Range> found;    // with an end of 0 where it is in no payload
-  std::vector<int64_t> loose;  // where those begin
-  for (const int64_t origin : survey.nestedDatabases) {
+StoredDatabases::StoredDatabases(const Job& job) : job_(job), folder_(job.options.deep_to) {
+  const std::vector<uint32_t> order = blocksInFileOrder(job.survey);
+  std::vector<int64_t> loose;  // where those begin that are in no payload
+  for (const int64_t origin : job.survey.nestedDatabases) {
     if (origin == 0) continue;  // the database itself
-    found.push_back({origin, endOfPayload(survey, order, origin)});
-    if (found.back().end == 0) loose.push_back(origin);
+    places_.push_back({origin, endOfPayload(job.survey, order, origin)});
+    if (places_.back().end == 0) loose.push_back(origin);
   }
-  const size_t kept = std::min(found.size(), kMostDatabases);
-  leftOut_ = found.size() - kept;
-  found.resize(kept);
-  for (Range& place : found) {
-    const Reach reach = reachOf(source, place.begin);
+  const size_t kept = std::min(places_.size(), kMostDatabases);
+  leftOut_ = places_.size() - kept;
+  places_.resize(kept);
+  for (Range& place : places_) {
+    const Reach reach = reachOf(job.source, place.begin);
     if (!reach.hasTables) {
-      place.end = std::min(place.begin + kNewFileSize, source.size());
+      place.end = std::min(place.begin + kNewFileSize, job.source.size());
     } else if (place.end == 0) {
       const auto next = std::lower_bound(loose.begin(), loose.end(), reach.end);
-      place.end = next != loose.end() ? *next : source.size();
+      place.end = next != loose.end() ? *next : job.source.size();
     }
-    const std::filesystem::path file = folder_.fileNamed(nameOf(place));
-    if (isTaken(file)) failure::throwError(file, kOperation, qvdb::Reason::file_exists);
+    folder_.requireFree(nameOf(place), kOperation);
   }
-  places_ = std::move(found);
 }
 
 void StoredDatabases::salvage(qvdb::SalvageReport* report) {
-  folder_.make(kOperation, options_.create_folders, qvdb::Reason::path_not_reachable);
-  qvdb::SalvageOptions options = options_;
+  folder_.make(kOperation, job_.options.create_folders, qvdb::Reason::path_not_reachable);
+  qvdb::SalvageOptions options = job_.options;
   options.ignore_directory = false;
   options.extract_to.clear();
   options.deep_to.clear();
-  int64_t left = kMostTimes * (source_.size() + std::min<int64_t>(options_.from, 0));
+  int64_t left = kMostTimes * (job_.source.size() + std::min<int64_t>(job_.options.from, 0));
   std::vector<int64_t> notWritten;
   for (const Range& place : places_) {
     // Its size first: what is not written need not be surveyed either.
     std::optional<Survey> survey;
-    const PartSource part(source_, place.begin, place.end);
+    const PartSource part(job_.source, place.begin, place.end);
     if (place.size() <= left) survey.emplace(makeSurvey(part));
     options.from = place.begin;
     const int64_t size =
@@ -137,13 +131,15 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) {
     }
     left -= size;
     const std::filesystem::path file = folder_.fileNamed(nameOf(place));
-    report->stored.push_back({place.begin, file, run(part, *survey, file, {}, options, access_)});
+    Run run({part, *survey, options, job_.access}, file);
+    run.place();
+    report->stored.push_back({place.begin, file, std::move(run.report())});
     folder_.add(nameOf(place));
   }
   if (!notWritten.empty()) report->notes.push_back(aboutNotWritten(notWritten));
   if (leftOut_ > 0) {
-    report->notes.push_back("There seem to be " + std::to_string(leftOut_) +
-                            " more databases stored in payloads than are salvaged at once.");
+    report->notes.push_back(joined("There seem to be ", leftOut_, " more databases stored in ",
+                                   "payloads than are salvaged at once."));
   }
 }
 

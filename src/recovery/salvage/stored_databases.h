@@ -6,30 +6,27 @@
 #include <vector>
 
 #include "recovery/salvage/new_folder.h"
-#include "recovery/survey/byte_source.h"
+#include "recovery/salvage/plan.h"
 #include "recovery/survey/survey.h"
 
 namespace qvdbase::salvage {
 
 class StoredDatabases {
  public:
-  // Those that a deep survey of the source has found. Source, survey and options must outlive this.
-  // Throws qvdb::Error (file_exists) when one of the files to be made is there already, so that a
-  // salvage can be refused before anything is written.
-  StoredDatabases(const survey::ByteSource& source, const survey::Survey& survey,
-                  const qvdb::SalvageOptions& options, const platform::FileAccess* access);
+  // Those that a deep survey of the source has found. Throws qvdb::Error (file_exists) when one of
+  // the files to be made is there already, so that a salvage can be refused before anything is
+  // written.
+  explicit StoredDatabases(const Job& job);
 
   bool isEmpty() const { return places_.empty(); }
 
-  // Salvages each into a file of its own, and describes it in the report. The files go with the
-  // object, unless they are to be kept. Throws qvdb::Error.
+  // Salvages each into a file of its own, and describes it in the report. The files are
+  // removed with the object, unless they are to be kept. Throws qvdb::Error.
   void salvage(qvdb::SalvageReport* report);
   void keep() { folder_.keep(); }
 
  private:
-  const survey::ByteSource& source_;
-  const qvdb::SalvageOptions& options_;
-  const platform::FileAccess* access_;
+  const Job job_;
   NewFolder folder_;
   std::vector<survey::Range> places_;
   uint64_t leftOut_ = 0;

@@ -28,51 +28,66 @@ Content contentOf(const Block& block) {
   return {length, block.isCut() ? length : std::max(length, block.capacity)};
 }
 
+// Where everything goes.
+struct Layout {
+  std::vector<TablePlace> places;  // of each table
+  int64_t size = kNewFileSize;
+};
+
+// Records first, then the data, table after table.
+Layout layOut(const Survey& survey, const Plan& plan) {
+  Layout layout;
+  const auto take = [&](uint32_t number, int64_t overhead) {
+    const int64_t position = layout.size;
+    layout.size += overhead + contentOf(survey.blocks[number]).capacity;
+    return position;
+  };
+  for (const PlannedTable& table : plan.tables) {
+    TablePlace place;
+    if (!table.records.empty()) place.firstRecord = layout.size;
+    for (const uint32_t number : table.records) {
+      place.lastRecord = place.lastWrittenRecord = take(number, kRecordBlockOverhead);
+    }
+    if (table.data != kNoBlock) place.data = take(table.data, kTableDataBlockOverhead);
+    layout.places.push_back(place);
+  }
+  return layout;
+}
+
 class Writer {
  public:
-  Writer(const ByteSource& source, const Survey& survey, const Plan& plan,
-         products::TargetFile& target)
-      : payloads_(source), survey_(survey), plan_(plan), output_(target) {}
+  Writer(const Job& job, const Plan& plan, products::TargetFile* target,
+         qvdb::SalvageReport* report)
+      : payloads_(job.source),
+        survey_(job.survey),
+        plan_(plan),
+        output_(*target),
+        report_(*report) {}
 
-  Written write() {
+  int64_t write() {
     output_.directory(header(), slots(), kNewSlotCount);
     for (const PlannedTable& table : plan_.tables) writeTable(table);
     output_.flush();
-    written_.unreadableAt = payloads_.unreadableAt();
-    return written_;
+    return payloads_.unreadableAt();
   }
 
  private:
-  const Block& block(uint32_t number) const { return survey_.blocks[number]; }
-
   copy::Header header() const {
     copy::Header bytes;
-    const internal_Head1& fields = plan_.header.fields;
-    std::memcpy(bytes.data(), fields.signature, kSignatureSize);
-    storeBigEndian(bytes.data() + kVersionPos, fields.version);
-    std::memcpy(bytes.data() + kDatabaseIDPos, fields.databaseID, kIdentifierSize);
+    std::memcpy(bytes.data(), plan_.header.signature, kSignatureSize);
+    storeBigEndian(bytes.data() + kVersionPos, plan_.header.version);
+    std::memcpy(bytes.data() + kDatabaseIDPos, plan_.header.databaseID, kIdentifierSize);
     storeBigEndian(bytes.data() + kTableCountPos, static_cast<uint16_t>(plan_.tables.size()));
     storeBigEndian(bytes.data() + kSlotCountPos, kNewSlotCount);
     storeBigEndian(bytes.data() + kSlotSizePos, kSlotImageSize);
     return bytes;
   }
 
-  // Records first, then the data, table after table.
   std::vector<tablePart1> slots() const {
+    const Layout layout = layOut(survey_, plan_);
     std::vector<tablePart1> slots;
-    int64_t position = kNewFileSize;
-    for (const PlannedTable& table : plan_.tables) {
-      TablePlace place;
-      if (!table.records.empty()) place.firstRecord = position;
-      for (const uint32_t number : table.records) {
-        place.lastRecord = place.lastWrittenRecord = position;
-        position += kRecordBlockOverhead + contentOf(block(number)).capacity;
-      }
-      if (table.data != kNoBlock) {
-        place.data = position;
-        position += kTableDataBlockOverhead + contentOf(block(table.data)).capacity;
-      }
-      slots.push_back(slotOf(table, place));
+    for (size_t i = 0; i < plan_.tables.size(); ++i) {
+      slots.push_back(slotOf(plan_.tables[i], layout.places[i]));
     }
     return slots;
   }
@@ -88,44 +103,40 @@ class Writer {
 
   void writeTable(const PlannedTable& table) {
     for (size_t i = 0; i < table.records.size(); ++i) {
-      writeRecord(table, i, block(table.records[i]));
+      const Block& from = survey_.blocks[table.records[i]];
+      auto head = headOf<recordPart1>(table, from);
+      internal_ConvertInt64_2UuID(from.recordID, head.recordID);
+      head.createTime = from.createTime;
+      head.modifyTime = from.modifyTime;
+      output_.beginRecord(head, i == 0, i + 1 == table.records.size());
+      const bool isWhole = writePayload(from) && head.dataLength == from.length;
+      ++report_.records_written;
+      if (!isWhole) ++report_.records_cut;
     }
-    if (table.data != kNoBlock) writeTableData(table, block(table.data));
+    if (table.data == kNoBlock) return;
+    const Block& from = survey_.blocks[table.data];
+    output_.beginTableData(headOf<TableDataHead>(table, from));
+    writePayload(from);
+    ++report_.data_written;
   }
 
-  void writeRecord(const PlannedTable& table, size_t index, const Block& from) {
-    const Content content = contentOf(from);
-    recordPart1 head = {};
+  template <typename Head>
+  static Head headOf(const PlannedTable& table, const Block& from) {
+    Head head = {};
     std::memcpy(head.tableID, table.slot.tableID, kIdentifierSize);
-    internal_ConvertInt64_2UuID(from.recordID, head.recordID);
-    head.createTime = from.createTime;
-    head.modifyTime = from.modifyTime;
-    head.dataLength = content.length;
-    head.dataCapacity = content.capacity;
-    output_.beginRecord(head, index == 0, index + 1 == table.records.size());
-    const bool isWhole = writePayload(from, content) && content.length == from.length;
-    ++written_.records;
-    if (!isWhole) ++written_.recordsCut;
-  }
-
-  void writeTableData(const PlannedTable& table, const Block& from) {
-    const Content content = contentOf(from);
-    TableDataHead head = {};
-    std::memcpy(head.tableID, table.slot.tableID, kIdentifierSize);
-    head.dataLength = content.length;
-    head.dataCapacity = content.capacity;
-    output_.beginTableData(head);
-    writePayload(from, content);
-    ++written_.data;
+    head.dataLength = contentOf(from).length;
+    head.dataCapacity = contentOf(from).capacity;
+    return head;
   }
 
   // False when the source could not be read everywhere.
-  bool writePayload(const Block& from, const Content& content) {
+  bool writePayload(const Block& from) {
+    const Content content = contentOf(from);
     const uint64_t unreadable =
         payloads_.read(from, [&](const char* bytes, size_t count) { output_.write(bytes, count); });
     output_.endBlock(content.capacity - content.length);
-    written_.payloadBytes += content.length;
-    written_.bytesUnreadable += unreadable;
+    report_.payload_bytes += content.length;
+    report_.bytes_unreadable += unreadable;
     return unreadable == 0;
   }
 
@@ -133,26 +144,18 @@ class Writer {
   const Survey& survey_;
   const Plan& plan_;
   copy::DatabaseWriter output_;
-  Written written_;
+  qvdb::SalvageReport& report_;
 };
 
 }  // namespace
 
 int64_t plannedSize(const Survey& survey, const Plan& plan) {
-  int64_t size = kNewFileSize;
-  const auto add = [&](uint32_t number, int64_t overhead) {
-    size += overhead + contentOf(survey.blocks[number]).capacity;
-  };
-  for (const PlannedTable& table : plan.tables) {
-    for (const uint32_t number : table.records) add(number, kRecordBlockOverhead);
-    if (table.data != kNoBlock) add(table.data, kTableDataBlockOverhead);
-  }
-  return size;
+  return layOut(survey, plan).size;
 }
 
-Written writeFile(const ByteSource& source, const Survey& survey, const Plan& plan,
-                  products::TargetFile* target) {
-  return Writer(source, survey, plan, *target).write();
+int64_t writeFile(const Job& job, const Plan& plan, products::TargetFile* target,
+                  qvdb::SalvageReport* report) {
+  return Writer(job, plan, target, report).write();
 }
 
 }  // namespace qvdbase::salvage

@@ -71,8 +71,8 @@ enum class Grade : uint8_t {
   c,  // the header only
 };
 
+// In the order of qvdb::BlockLabel.
 enum class Label : uint8_t {
-  none,
   live,                  // in the table's chain, or the table's current data
   detached,              // its neighbours still point at it, but no end of the chain leads here
   superseded,            // an older version of a record, or of the table's data
@@ -80,6 +80,7 @@ enum class Label : uint8_t {
   deleted,
   unlinked,           // appended, but never counted
   deletedOrUnlinked,  // the block alone does not show which
+  none,
 };
 
 // What is wrong with a block; any number of them.
@@ -137,6 +138,9 @@ struct Block {
     return space < 0 ? 0 : space < length ? space : int64_t{length};
   }
   bool isReached() const { return reach != 0; }
+  bool isSameRecord(const Block& other) const {
+    return owner == other.owner && recordID == other.recordID;
+  }
 };
 
 // A table identifier that occurs in blocks.
@@ -232,7 +236,7 @@ struct Survey {
   // Whether it is a whole block of a table that the directory does not have. No operation removes a
   // table, so its slot was lost; unless the block is a piece of a payload.
   bool isOrphan(const Block& block) const {
-    return owners[block.owner].slot == kNoSlot && block.grade == Grade::a && !block.isInTornBlock;
+    return ownerSlot(block) == nullptr && block.grade == Grade::a && !block.isInTornBlock;
   }
 
   const Slot& slotOf(const Table& table) const { return slots[static_cast<size_t>(table.slot)]; }
@@ -241,6 +245,9 @@ struct Survey {
   const Slot* slotAt(int slot) const {
     return slot == kNoSlot ? nullptr : &slots[static_cast<size_t>(slot)];
   }
+
+  // The slot of the block's table; null for a table that the directory does not have.
+  const Slot* ownerSlot(const Block& block) const { return slotAt(owners[block.owner].slot); }
 
   // The block that begins at `position`; null if there is none.
   const Block* blockAt(int64_t position) const {

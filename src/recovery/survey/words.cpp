@@ -12,15 +12,17 @@ std::string counted(uint64_t count, const char* thing) {
   return counted(count, thing, (std::string(thing) + "s").c_str());
 }
 
-std::string shown(const std::string& name) {
+std::string hexDigits(unsigned char byte) {
   static constexpr char kDigits[] = "0123456789abcdef";
+  return {kDigits[byte >> 4], kDigits[byte & 15]};
+}
+
+std::string shown(const std::string& name) {
   std::string result = "'";
   for (const char each : name) {
     const auto byte = static_cast<unsigned char>(each);
     if (byte < 0x20 || byte == 0x7F) {
-      result += "\\x";
-      result += kDigits[byte >> 4];
-      result += kDigits[byte & 15];
+      result += "\\x" + hexDigits(byte);
     } else {
       if (each == '\'' || each == '\\') result += '\\';
       result += each;

@@ -32,6 +32,9 @@ std::string counted(uint64_t count, const char* one, const char* many);
 // backslashes, and control characters as "\x" and two digits.
 std::string shown(const std::string& name);
 
+// Two lower-case digits.
+std::string hexDigits(unsigned char byte);
+
 // "0x" and 16 digits.
 std::string shownId(uint64_t id);
 
