@@ -20,16 +20,16 @@ class Completer {
         forward_(table.forward.blocks),
         back_(table.backward.blocks.rbegin(), table.backward.blocks.rend()),
         forwardIsWhole_(table.forward.end == WalkEnd::complete),
-        backIsWhole_(table.backward.end == WalkEnd::complete),
-        name_(format::storedName(slot_)) {}
+        backIsWhole_(table.backward.end == WalkEnd::complete) {}
 
   Completion run() {
+    result_.chain = forward_;
     decide();
     for (const uint32_t number : result_.chain) {
       if (block(number).flaws == 0) continue;
-      refuse("the record at " + std::to_string(block(number).position) + " is damaged");
+      refuse(joined("the record at ", positionOf(number), " is damaged"));
     }
-    noteBackLinks();
+    if (result_.refusal.empty()) noteBackLinks();
     return std::move(result_);
   }
 
@@ -39,9 +39,12 @@ class Completer {
   size_t count() const { return slot_.recordCount; }
 
   void refuse(const std::string& why) {
-    if (result_.refusal.empty()) result_.refusal = "table '" + name_ + "': " + why;
+    if (result_.refusal.empty()) result_.refusal = aboutTable(slot_) + why;
   }
-  void step(std::string what) { result_.steps.push_back("table '" + name_ + "': " + what); }
+  template <typename... Parts>
+  void step(Parts... parts) {
+    result_.steps.push_back(joined(aboutTable(slot_), std::move(parts)...));
+  }
 
   bool endsAtLast(const Chain& chain) const {
     return !chain.empty() && positionOf(chain.back()) == slot_.lastRecordPos;
@@ -74,48 +77,42 @@ class Completer {
   void restoreForward() {
     const bool isLastLink = forward_.size() == count() && endsAtLast(forward_);
     if (isLastLink && backIsWhole_ && back_ == forward_) {
-      step("the link of the last record, which leads nowhere, is cleared");
-      result_.chain = forward_;
-      return;
+      return step("the link of the last record, which leads nowhere, is cleared");
     }
     const bool canRestore = backIsWhole_ && back_.size() == count() && isPrefix(forward_, back_) &&
                             (forward_.empty() || beginsAtFirst(back_));
     if (!canRestore) return refuse("the chain breaks, and from the back it is not whole either");
-    step(forward_.empty() ? "the position of the first record is restored"
-                          : "the link of the record at " +
-                                std::to_string(positionOf(forward_.back())) + " is restored");
+    if (forward_.empty()) {
+      step("the position of the first record is restored");
+    } else {
+      step("the link of the record at ", positionOf(forward_.back()), " is restored");
+    }
     result_.chain = back_;
   }
+
+  void countChain() { step("the number of records becomes ", forward_.size()); }
 
   // ---- more records than the slot counts
 
   void countLinked() {
-    const size_t counted = count();
-    if (endsAtLast(forward_)) {
-      step("the number of records becomes " + std::to_string(forward_.size()));
-      result_.chain = forward_;
-      return;
-    }
-    bool isAppend = positionOf(forward_[counted - 1]) == slot_.lastRecordPos;
-    for (size_t i = counted; i < forward_.size(); ++i) {
+    if (endsAtLast(forward_)) return countChain();
+    bool isAppend = positionOf(forward_[count() - 1]) == slot_.lastRecordPos;
+    for (size_t i = count(); i < forward_.size(); ++i) {
       isAppend = isAppend && block(forward_[i]).prev == positionOf(forward_[i - 1]);
     }
-    if (!isAppend) return refuse("the chain goes on after its last record, and not as an append");
-    result_.added = static_cast<uint32_t>(forward_.size() - counted);
-    step(survey::counted(result_.added, "record that was linked but not counted is counted",
-                         "records that were linked but not counted are counted"));
+    if (!isAppend) {
+      return refuse("the chain continues after its last record, and not as an append does");
+    }
+    result_.added = static_cast<uint32_t>(forward_.size() - count());
+    step(counted(result_.added, "record that was linked but not counted is counted",
+                 "records that were linked but not counted are counted"));
     result_.lastWritten = positionOf(forward_.back());
-    result_.chain = forward_;
   }
 
   // ---- fewer records than the slot counts
 
   void finishDeletion() {
-    if (backIsWhole_ && back_ == forward_ && endsAtLast(forward_)) {
-      step("the number of records becomes " + std::to_string(forward_.size()));
-      result_.chain = forward_;
-      return;
-    }
+    if (backIsWhole_ && back_ == forward_ && endsAtLast(forward_)) return countChain();
     // Only the link from the front leads past the record.
     const bool isBegun = backIsWhole_ && back_.size() == count() && beginsAtFirst(back_) &&
                          forward_.size() + 1 == count();
@@ -124,16 +121,15 @@ class Completer {
     if (!std::equal(differ.first, forward_.end(), differ.second + 1, back_.end())) {
       return refuse("the walks from both ends lead to different records");
     }
-    finish(*differ.second, static_cast<size_t>(differ.second - back_.begin()));
-    result_.chain = forward_;
+    const bool isLast = differ.first == forward_.end();
+    finish(*differ.second, isLast ? forward_.back() : *differ.first);
   }
 
-  // `index` is the place of the record in the chain before.
-  void finish(uint32_t number, size_t index) {
+  // What becomes the record written last is a neighbour of the one that goes.
+  void finish(uint32_t number, uint32_t neighbour) {
     result_.gone.push_back(number);
-    step("the deletion of the record at " + std::to_string(positionOf(number)) + " is finished");
-    const bool isLast = index == forward_.size();
-    result_.lastWritten = positionOf(isLast ? forward_.back() : forward_[index]);
+    step("the deletion of the record at ", positionOf(number), " is finished");
+    result_.lastWritten = positionOf(neighbour);
   }
 
   // ---- as many records as the slot counts
@@ -141,15 +137,10 @@ class Completer {
   void keepForward() {
     const bool firstIsLeft = backIsWhole_ && forward_.size() > 1 && endsAtLast(forward_) &&
                              block(forward_[1]).prev == 0 &&
-                             isPrefix(back_, Chain(forward_.begin() + 1, forward_.end())) &&
-                             back_.size() + 1 == forward_.size();
+                             back_ == Chain(forward_.begin() + 1, forward_.end());
     if (firstIsLeft) {
-      const uint32_t first = forward_.front();
-      result_.gone.push_back(first);
-      step("the deletion of the record at " + std::to_string(positionOf(first)) + " is finished");
-      result_.chain.assign(forward_.begin() + 1, forward_.end());
-      result_.lastWritten = positionOf(result_.chain.front());
-      return;
+      result_.chain = back_;
+      return finish(forward_.front(), back_.front());
     }
     for (const uint32_t number : back_) {
       const Block& each = block(number);
@@ -157,15 +148,13 @@ class Completer {
       return refuse("from the back the chain leads to other records than from the front");
     }
     if (!endsAtLast(forward_)) step("the position of the last record is set");
-    result_.chain = forward_;
   }
 
   void noteBackLinks() {
-    if (!result_.refusal.empty()) return;
     int64_t predecessor = 0;
     for (const uint32_t number : result_.chain) {
       if (block(number).prev != predecessor) {
-        step("the back link of the record at " + std::to_string(positionOf(number)) +
+        step("the back link of the record at ", positionOf(number),
              " is pointed at its predecessor");
       }
       predecessor = positionOf(number);
@@ -178,11 +167,14 @@ class Completer {
   const Chain back_;  // the walk from the back, in the order of the chain
   const bool forwardIsWhole_;
   const bool backIsWhole_;
-  const std::string name_;
   Completion result_;
 };
 
 }  // namespace
+
+std::string aboutTable(const tablePart1& slot) {
+  return "table '" + format::storedName(slot) + "': ";
+}
 
 Completion completeChain(const Survey& survey, const Table& table) {
   return Completer(survey, table).run();

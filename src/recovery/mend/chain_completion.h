@@ -18,6 +18,9 @@ struct Completion {
   int64_t lastWritten = 0;         // the record written last; 0: as the slot says
 };
 
+// How sentences about the table of that slot begin: "table 'notes': ".
+std::string aboutTable(const tablePart1& slot);
+
 Completion completeChain(const survey::Survey& survey, const survey::Table& table);
 
 }  // namespace qvdbase::mend

@@ -17,11 +17,10 @@ bool isLeftOver(const Block& block) {
 
 std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
   const tablePart1& slot = survey.slotOf(table).fields;
-  const bool isWhole = table.forward.end == WalkEnd::complete &&
-                       table.backward.end == WalkEnd::complete &&
-                       table.forward.blocks.size() == slot.recordCount &&
-                       table.backward.blocks.size() == slot.recordCount;
-  if (!isWhole) return {};
+  const auto isWhole = [&](const Walk& walk) {
+    return walk.end == WalkEnd::complete && walk.blocks.size() == slot.recordCount;
+  };
+  if (!isWhole(table.forward) || !isWhole(table.backward)) return {};
   std::vector<uint32_t> tail;
   int64_t previous = slot.lastRecordPos;
   for (const uint32_t number : blocksInFileOrder(survey)) {
@@ -37,16 +36,19 @@ std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
   return tail;
 }
 
-bool wasLinked(const Survey& survey, const Table& table, const std::vector<uint32_t>& tail) {
+std::vector<uint32_t> tailToDiscard(const Survey& survey, const Table& table) {
   const int64_t lastWritten = survey.slotOf(table).fields.lastWrittenRecordPos;
-  return std::any_of(tail.begin(), tail.end(), [&](uint32_t number) {
+  std::vector<uint32_t> tail = tailApart(survey, table);
+  const bool wasLinked = std::any_of(tail.begin(), tail.end(), [&](uint32_t number) {
     return survey.blocks[number].position == lastWritten;
   });
+  if (wasLinked) tail.clear();
+  return tail;
 }
 
 bool isLeftOverData(const Survey& survey, const Block& block) {
   if (block.kind != BlockKind::tableData || block.label != Label::unlinked) return false;
-  const Slot* slot = survey.slotAt(survey.owners[block.owner].slot);
+  const Slot* slot = survey.ownerSlot(block);
   const bool isWhole = !block.isReached() && block.grade == Grade::a;
   return isWhole && slot != nullptr && slot->fields.firstDataPos == 0;
 }

@@ -18,10 +18,9 @@ bool isLeftOver(const survey::Block& block);
 // writing.
 std::vector<uint32_t> tailApart(const survey::Survey& survey, const survey::Table& table);
 
-// Whether records of that tail were part of the table once: only what was counted is ever the one
-// that was written last.
-bool wasLinked(const survey::Survey& survey, const survey::Table& table,
-               const std::vector<uint32_t>& tail);
+// That tail, unless records of it were part of the table once: only what was counted is ever the
+// one that was written last.
+std::vector<uint32_t> tailToDiscard(const survey::Survey& survey, const survey::Table& table);
 
 // The first data of a table, whole, whose slot was never written.
 bool isLeftOverData(const survey::Survey& survey, const survey::Block& block);

@@ -12,6 +12,7 @@
 #include "recovery/mend/left_over.h"
 #include "recovery/salvage/plan.h"
 #include "recovery/survey/packed_data.h"
+#include "recovery/survey/words.h"
 #include "support/seeded_hash.h"
 
 using namespace qvdbase::support;
@@ -49,10 +50,15 @@ class Planner {
   MendPlan make() {
     plan_.size = survey_.size;
     plan_.unreadableAt = survey_.unreadableAt;
-    if (plan_.unreadableAt >= 0) return std::move(plan_);
+    if (plan_.unreadableAt < 0) plan();
+    return std::move(plan_);
+  }
+
+ private:
+  void plan() {
     if (survey_.header.fields.version == kUnfinishedPackVersion) {
       plan_.refusal = "it is an unfinished pack; its source is complete";
-      return std::move(plan_);
+      return;
     }
     if (cutOff_ == CutOffWrites::discard) cutEnd();
     for (const Table& table : survey_.tables) {
@@ -61,11 +67,14 @@ class Planner {
     // The slots last: what they count is then linked.
     for (Patch& slot : slots_) plan_.patches.push_back(std::move(slot));
     verify();
-    return std::move(plan_);
   }
 
- private:
   const Block& block(uint32_t number) const { return survey_.blocks[number]; }
+
+  template <typename... Parts>
+  void step(Parts... parts) {
+    plan_.steps.push_back(joined(std::move(parts)...));
+  }
 
   // ---- what cut-off writes have left at the end of the file
 
@@ -91,7 +100,7 @@ class Planner {
     }
     for (const Table& table : survey_.tables) {
       if (!survey_.slotOf(table).counted) continue;
-      for (const uint32_t number : tailToDiscard(table)) {
+      for (const uint32_t number : tailToDiscard(survey_, table)) {
         pieces.push_back({block(number).position, block(number).end, &block(number)});
       }
     }
@@ -110,8 +119,7 @@ class Planner {
     }
     if (end == survey_.size) return;
     plan_.size = end;
-    plan_.steps.push_back(std::to_string(survey_.size - end) +
-                          " bytes of writes that were cut off are removed from the end");
+    step(survey_.size - end, " bytes of writes that were cut off are removed from the end");
   }
 
   void noteGone(const Block& each) {
@@ -138,36 +146,28 @@ class Planner {
     link(completion.chain);
     fields.recordCount = static_cast<uint32_t>(completion.chain.size());
     fields.recordWriteCount = std::max(fields.recordWriteCount, fields.recordCount);
-    fields.firstRecordPos = completion.chain.empty() ? 0 : block(completion.chain.front()).position;
-    fields.lastRecordPos = completion.chain.empty() ? 0 : block(completion.chain.back()).position;
-    if (completion.chain.empty()) fields.lastWrittenRecordPos = 0;
+    if (completion.chain.empty()) {
+      fields.firstRecordPos = fields.lastRecordPos = fields.lastWrittenRecordPos = 0;
+    } else {
+      fields.firstRecordPos = block(completion.chain.front()).position;
+      fields.lastRecordPos = block(completion.chain.back()).position;
+    }
     pointAtPackedData(table, &fields);
     writeSlot(slot, fields);
-  }
-
-  std::string nameOf(const Table& table) const {
-    return "table '" + format::storedName(survey_.slotOf(table).fields) + "': ";
   }
 
   std::vector<uint32_t> leftOverOf(const Table& table) const {
     std::vector<uint32_t> found;
     for (const uint32_t number : blocksInFileOrder(survey_)) {
       const Block& each = block(number);
-      if (each.owner == table.owner && isLeftOver(each) && each.end <= plan_.size) {
-        found.push_back(number);
-      }
+      if (each.owner == table.owner && isLeftOver(each)) found.push_back(number);
     }
     const bool isLinked = cutOff_ == CutOffWrites::link;
-    for (const uint32_t number : isLinked ? tailApart(survey_, table) : tailToDiscard(table)) {
-      if (block(number).end <= plan_.size) found.push_back(number);
-    }
+    const std::vector<uint32_t> tail =
+        isLinked ? tailApart(survey_, table) : tailToDiscard(survey_, table);
+    found.insert(found.end(), tail.begin(), tail.end());
+    std::erase_if(found, [&](uint32_t number) { return block(number).end > plan_.size; });
     return found;
-  }
-
-  std::vector<uint32_t> tailToDiscard(const Table& table) const {
-    std::vector<uint32_t> tail = tailApart(survey_, table);
-    if (wasLinked(survey_, table, tail)) tail.clear();
-    return tail;
   }
 
   void linkLeftOver(const Table& table, std::vector<uint32_t>* chain, tablePart1* fields) {
@@ -177,16 +177,16 @@ class Planner {
     for (const uint32_t number : leftOverOf(table)) {
       const Block& each = block(number);
       const auto [place, isNew] = places.try_emplace(each.recordID, chain->size());
-      const std::string record = "the record at " + std::to_string(each.position);
+      const std::string record = joined(aboutTable(*fields), "the record at ", each.position);
       if (!isNew) {
         (*chain)[place->second] = number;
-        plan_.steps.push_back(nameOf(table) + record + " takes the place of its older version");
+        step(record, " takes the place of its older version");
         continue;
       }
       chain->push_back(number);
       ++fields->recordWriteCount;
       fields->lastWrittenRecordPos = each.position;
-      plan_.steps.push_back(nameOf(table) + record + ", which was never linked, is added");
+      step(record, ", which was never linked, is added");
     }
   }
 
@@ -199,28 +199,28 @@ class Planner {
       noteGone(each);
       // The records of a batch name each other, as those of a chain that was broken do.
       if (each.next != 0) writeLink(each.position + record::kNextRecordPos, 0);
-      plan_.steps.push_back(nameOf(table) + "the record at " + std::to_string(each.position) +
-                            ", which was never linked, counts as deleted");
+      step(aboutTable(*fields), "the record at ", each.position,
+           ", which was never linked, counts as deleted");
     }
   }
 
   // The first data of the table, which was never linked.
   void decideData(const Table& table, tablePart1* fields) {
-    for (const Block& each : survey_.blocks) {
-      if (each.owner != table.owner || !isLeftOverData(survey_, each)) continue;
-      if (each.end > plan_.size) return;
-      const std::string data = "the table data at " + std::to_string(each.position);
-      if (cutOff_ == CutOffWrites::link) {
-        pointAtData(each.position, fields);
-        plan_.steps.push_back(nameOf(table) + data + ", which was never linked, is added");
-      } else if (each.end - each.position <= kMostZeros) {
-        // No count says that data was deleted: what was taken back is zeros.
-        const auto size = static_cast<size_t>(each.end - each.position);
-        plan_.patches.push_back({each.position, std::vector<unsigned char>(size)});
-        plan_.steps.push_back(nameOf(table) + data +
-                              ", which was never linked, is overwritten with zeros");
-      }
-      return;
+    const auto found =
+        std::find_if(survey_.blocks.begin(), survey_.blocks.end(), [&](const Block& each) {
+          return each.owner == table.owner && isLeftOverData(survey_, each);
+        });
+    if (found == survey_.blocks.end() || found->end > plan_.size) return;
+    const std::string data = joined(aboutTable(*fields), "the table data at ", found->position,
+                                    ", which was never linked");
+    if (cutOff_ == CutOffWrites::link) {
+      pointAtData(found->position, fields);
+      step(data, ", is added");
+    } else if (found->end - found->position <= kMostZeros) {
+      // No count says that data was deleted: what was taken back is zeros.
+      plan_.patches.push_back({found->position, std::vector<unsigned char>(static_cast<size_t>(
+                                                    found->end - found->position))});
+      step(data, ", is overwritten with zeros");
     }
   }
 
@@ -233,19 +233,18 @@ class Planner {
   void pointAtPackedData(const Table& table, tablePart1* fields) {
     const uint32_t data = packedData(survey_, table);
     if (data == kNoBlock) return;
-    const int64_t position = block(data).position;
-    pointAtData(position, fields);
-    plan_.steps.push_back(nameOf(table) + "the data that a pack has moved is found at " +
-                          std::to_string(position));
+    pointAtData(block(data).position, fields);
+    step(aboutTable(*fields), "the data that a pack has moved is found at ", block(data).position);
   }
 
   void link(const std::vector<uint32_t>& chain) {
+    int64_t prev = 0;
     for (size_t i = 0; i < chain.size(); ++i) {
       const Block& each = block(chain[i]);
-      const int64_t prev = i == 0 ? 0 : block(chain[i - 1]).position;
       const int64_t next = i + 1 == chain.size() ? 0 : block(chain[i + 1]).position;
       if (each.next != next) writeLink(each.position + record::kNextRecordPos, next);
       if (each.prev != prev) writeLink(each.position + record::kPrevRecordPos, prev);
+      prev = each.position;
     }
   }
 
@@ -271,31 +270,32 @@ class Planner {
     const Survey survey = makeSurvey(mended);
     plan_.unreadableAt = survey.unreadableAt;
     std::string first;
-    const qvdb::CheckReport report =
-        check::checkSurvey(mended, survey, [&](const qvdb::Finding& finding) {
-          const bool isError = finding.severity == qvdb::Severity::error;
-          if (isError && first.empty()) first = check::inSentence(finding);
-        });
-    if (report.errors > 0) {
-      plan_.refusal = "it has damage that no interrupted operation leaves (" + first + ")";
+    const auto note = [&](const qvdb::Finding& finding) {
+      const bool isError = finding.severity == qvdb::Severity::error;
+      if (isError && first.empty()) first = check::inSentence(finding);
+    };
+    if (check::checkSurvey(mended, survey, note).errors > 0) {
+      plan_.refusal = joined("it has damage that no interrupted operation leaves (", first, ")");
       return;
     }
     const Records after = salvageable(survey);
     for (const auto& each : salvageable(survey_)) {
       if (after.contains(each) || gone_.contains(each)) continue;
-      plan_.refusal = "the record " + qvdb::to_string(qvdb::Id{each.second}) +
-                      " would be lost; it can be completed in more than one way";
+      plan_.refusal = joined("the record ", shownId(each.second),
+                             " would be lost; it can be completed in more than one way");
       return;
     }
-    plan_.leftOverData = static_cast<uint64_t>(
-        std::count_if(survey.blocks.begin(), survey.blocks.end(),
-                      [&](const Block& each) { return isLeftOverData(survey, each); }));
-    plan_.leftOver = static_cast<uint64_t>(
-        std::count_if(survey.blocks.begin(), survey.blocks.end(), isLeftOver));
+    countLeftOver(survey);
+  }
+
+  void countLeftOver(const Survey& survey) {
+    for (const Block& each : survey.blocks) {
+      if (isLeftOverData(survey, each)) ++plan_.leftOverData;
+      if (isLeftOver(each)) ++plan_.leftOver;
+    }
     plan_.leftOver += plan_.leftOverData;
     for (const Table& table : survey.tables) {
-      if (!survey.slotOf(table).counted) continue;
-      plan_.leftOver += tailApart(survey, table).size();
+      if (survey.slotOf(table).counted) plan_.leftOver += tailApart(survey, table).size();
     }
   }
 

@@ -11,7 +11,7 @@ Label labelOf(const Survey& survey, const Block& data, const Block* current, con
     return data.position > current->position ? Label::unlinked : Label::superseded;
   }
   if (&data != newest) return data.grade == Grade::a ? Label::superseded : Label::unlinked;
-  const Slot* const slot = survey.slotAt(survey.owners[data.owner].slot);
+  const Slot* const slot = survey.ownerSlot(data);
   const bool wasNeverSet = slot != nullptr && slot->fields.firstDataPos == 0;
   return wasNeverSet ? Label::unlinked : Label::detached;
 }

@@ -9,7 +9,7 @@ namespace {
 // or one of a table that the directory does not have. Then an older block must not be taken for it.
 bool mayBeDamaged(const Survey& survey, int64_t position) {
   const Block* const block = survey.blockAt(position);
-  if (block != nullptr && survey.owners[block->owner].slot == kNoSlot) return true;
+  if (block != nullptr && survey.ownerSlot(*block) == nullptr) return true;
   return std::any_of(survey.leftovers.begin(), survey.leftovers.end(), [&](const auto& leftover) {
     return position >= leftover.range.begin && position < leftover.range.end;
   });
