@@ -11,8 +11,8 @@ namespace {
 
 class ChainCheck {
  public:
-  ChainCheck(const Survey& survey, const Table& table, Findings* findings)
-      : survey_(survey), table_(table), findings_(*findings) {}
+  ChainCheck(Check& check, const Table& table)
+      : check_(check), survey_(check.survey), table_(table) {}
 
   void run() {
     checkEnd(table_.forward, kIsForward);
@@ -47,7 +47,7 @@ class ChainCheck {
   template <typename... Link>
   void explainEnd(const Walk& walk, const char* bad, const About& about, const Link&... link) {
     const auto error = [&](const char* code, const auto&... what) {
-      findings_.error(code, about, link..., ", ", walk.stoppedAt, what...);
+      check_.error(code, about, link..., ", ", walk.stoppedAt, what...);
     };
     switch (walk.end) {
       case WalkEnd::complete:
@@ -69,7 +69,7 @@ class ChainCheck {
 
   bool isInsideBlock(int64_t position) const {
     if (survey_.blockAt(position) != nullptr) return false;
-    return std::any_of(survey_.blocks.begin(), survey_.blocks.end(), [&](const Block& each) {
+    return std::ranges::any_of(survey_.blocks, [&](const Block& each) {
       return position > each.position && position < each.end;
     });
   }
@@ -77,12 +77,11 @@ class ChainCheck {
   // Blocks that the chain of an earlier slot holds already: possible where two slots have the same
   // identifier.
   void checkSharing() {
-    const auto shared =
-        std::count_if(table_.forward.blocks.begin(), table_.forward.blocks.end(),
-                      [&](uint32_t number) { return block(number).slot != slot_.index; });
+    const auto shared = std::ranges::count_if(
+        table_.forward.blocks, [&](uint32_t number) { return block(number).slot != slot_.index; });
     if (shared == 0) return;
-    findings_.error("R3", inSlot(slot_), counted(static_cast<uint64_t>(shared), "record"),
-                    " of the chain are in another table's chain, too.");
+    check_.error("R3", inSlot(slot_), counted(shared, "record"),
+                 " of the chain are in another table's chain, too.");
   }
 
   void checkLength() {
@@ -91,21 +90,21 @@ class ChainCheck {
     if (blocks.size() < count_ && end != WalkEnd::loop) {
       About about = inSlot(slot_, slot::kRecordCount);
       if (!blocks.empty()) about = inBlock(&slot_, block(blocks.back()), record::kNextRecordPos);
-      findings_.error("R5", about, "The chain ", end == WalkEnd::complete ? "ends" : "breaks",
-                      " after ", counted(blocks.size(), "record"), " of ", count_, ".");
+      check_.error("R5", about, "The chain ", end == WalkEnd::complete ? "ends" : "breaks",
+                   " after ", counted(blocks.size(), "record"), " of ", count_, ".");
     }
     if (blocks.empty() || (blocks.size() < count_ && end != WalkEnd::complete)) return;
 
     const Block& last = block(countedBlocks(survey_, table_).back());
     if (last.next != 0) {
-      findings_.error("R6", inBlock(&slot_, last, record::kNextRecordPos), "The last of ",
-                      counted(count_, "counted record"), ", at ", last.position,
-                      ", has a successor at ", last.next, ".");
+      check_.error("R6", inBlock(&slot_, last, record::kNextRecordPos), "The last of ",
+                   counted(count_, "counted record"), ", at ", last.position,
+                   ", has a successor at ", last.next, ".");
     }
     if (last.position != slot_.fields.lastRecordPos) {
-      findings_.error("R7", inSlot(slot_, slot::kLastRecordPos), "The walk from the front ends at ",
-                      last.position, ", but the slot's last record is at ",
-                      slot_.fields.lastRecordPos, ".");
+      check_.error("R7", inSlot(slot_, slot::kLastRecordPos), "The walk from the front ends at ",
+                   last.position, ", but the slot's last record is at ", slot_.fields.lastRecordPos,
+                   ".");
     }
   }
 
@@ -114,10 +113,10 @@ class ChainCheck {
     for (const uint32_t number : countedBlocks(survey_, table_)) {
       const Block& each = block(number);
       if (each.prev != predecessor) {
-        findings_.error("R8", inBlock(&slot_, each, record::kPrevRecordPos), "The record at ",
-                        each.position, " names ", each.prev, " as its predecessor; ",
-                        predecessor == 0 ? "it is the first of the chain."
-                                         : joined("it follows ", predecessor, "."));
+        check_.error("R8", inBlock(&slot_, each, record::kPrevRecordPos), "The record at ",
+                     each.position, " names ", each.prev, " as its predecessor; ",
+                     predecessor == 0 ? "it is the first of the chain."
+                                      : joined("it follows ", predecessor, "."));
       }
       predecessor = each.position;
     }
@@ -136,20 +135,19 @@ class ChainCheck {
     if (first == nullptr) return;
     std::string text;
     if (onlyHere > 0) {
-      text = counted(onlyHere, "record") +
-             " that the walk from the front does not reach; link repair would drop them";
+      text = joined(counted(onlyHere, "record"), " that the walk from the front does not reach; ",
+                    "link repair would drop them", older > 0 ? ", and to " : "");
     }
     if (older > 0) {
-      text += joined(onlyHere > 0 ? ", and to " : "", counted(older, "older version"),
-                     " of records, left by a move that was cut off");
+      text +=
+          joined(counted(older, "older version"), " of records, left by a move that was cut off");
     }
-    findings_.error("R10", inBlock(&slot_, *first), "From the back, the chain leads to ", text,
-                    ".");
+    check_.error("R10", inBlock(&slot_, *first), "From the back, the chain leads to ", text, ".");
   }
 
+  Check& check_;
   const Survey& survey_;
   const Table& table_;
-  Findings& findings_;
   const Slot& slot_ = survey_.slotOf(table_);
   const uint64_t count_ = slot_.fields.recordCount;
 };
@@ -161,8 +159,8 @@ std::span<const uint32_t> countedBlocks(const Survey& survey, const Table& table
   return blocks.first(std::min<size_t>(blocks.size(), survey.slotOf(table).fields.recordCount));
 }
 
-void checkChain(const Survey& survey, const Table& table, Findings* findings) {
-  ChainCheck(survey, table, findings).run();
+void checkChain(Check& check, const Table& table) {
+  ChainCheck(check, table).run();
 }
 
 }  // namespace qvdbase::check

@@ -24,17 +24,12 @@ using namespace qvdbase::survey;
 namespace qvdb {
 namespace {
 
-using check::Findings;
+using check::Check;
 
 struct Checked {
   CheckReport report;
   std::vector<Finding> findings;
 };
-
-CheckState stateOf(const Findings& findings) {
-  if (findings.count(Severity::error) > 0) return CheckState::damaged;
-  return findings.count(Severity::warning) > 0 ? CheckState::unusual : CheckState::sound;
-}
 
 std::string namesOf(const TableOutlook& outlook) {
   if (!outlook.reachable) return "every call: the table is not reachable";
@@ -52,61 +47,60 @@ std::string namesOf(const TableOutlook& outlook) {
   return text;
 }
 
-void addOutlook(const ByteSource& source, const Survey& survey, CheckReport* report,
-                Findings* findings) {
-  for (const auto& table : survey.tables) {
-    const TableOutlook outlook = check::outlookOf(source, survey, table);
+void addOutlook(Check& check, CheckReport* report) {
+  for (const auto& table : check.survey.tables) {
+    const TableOutlook outlook = check::outlookOf(check.source, check.survey, table);
     const std::string failing = namesOf(outlook);
     if (!failing.empty()) {
-      findings->information("W1", check::inSlot(survey.slotOf(table)),
-                            "What will fail on this table now: ", failing, ".");
+      check.information("W1", check::inSlot(check.survey.slotOf(table)),
+                        "What will fail on this table now: ", failing, ".");
     }
     report->tables.push_back(outlook);
   }
-  report->pack = check::willPack(survey);
-  report->repair = check::willRepair(survey).result;
+  report->pack = check::willPack(check.survey);
+  report->repair = check::willRepair(check.survey).result;
   const bool repairs = report->repair != 1;
   if (report->pack && repairs) return;
   const char* const failing = report->pack ? "link repair"
                               : repairs    ? "pack"
                                            : "pack and link repair";
-  findings->information("W1", {}, "What will fail on this file now: ", failing, ".");
+  check.information("W1", {}, "What will fail on this file now: ", failing, ".");
 }
 
-void judge(const ByteSource& source, const Survey& survey, const CheckOptions& options,
-           CheckReport* report, Findings* findings) {
+void judge(Check& check, const CheckOptions& options, CheckReport* report) {
   const int64_t now = options.now != 0 ? options.now : int64_t{platform::secondsSinceEpoch()};
-  check::checkDirectory(survey, findings);
-  for (const auto& table : survey.tables) {
-    check::checkCounts(survey, table, findings);
-    check::checkChain(survey, table, findings);
-    check::checkTableData(source, survey, table, findings);
-    check::checkImportedNames(source, survey, table, findings);
+  check::checkDirectory(check);
+  for (const auto& table : check.survey.tables) {
+    check::checkCounts(check, table);
+    check::checkChain(check, table);
+    check::checkTableData(check, table);
+    check::checkImportedNames(check, table);
   }
-  check::checkRecords(survey, now, findings);
-  if (options.categories) check::checkCategories(source, survey, findings);
-  check::checkHoles(source, survey, findings);
-  report->space = check::checkSpace(source, survey, findings);
-  addOutlook(source, survey, report, findings);
+  check::checkRecords(check, now);
+  if (options.categories) check::checkCategories(check);
+  check::checkHoles(check);
+  report->space = check::checkSpace(check);
+  addOutlook(check, report);
 }
 
 Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOptions& options) {
-  Checked checked;
-  Findings findings(options.most_alike);
-  if (check::checkHeader(survey, &findings)) {
-    judge(source, survey, options, &checked.report, &findings);
+  CheckReport report;
+  Check check(source, survey, options.most_alike);
+  report.file_size = static_cast<uint64_t>(survey.size);
+  report.blocks = survey.blocks.size();
+  if (check::checkHeader(check)) {
+    judge(check, options, &report);
   } else {
-    checked.report.space.unknown = static_cast<uint64_t>(survey.size);
-    checked.report.repair = 1;
+    report.space.unknown = report.file_size;
+    report.repair = 1;
   }
-  checked.report.file_size = static_cast<uint64_t>(survey.size);
-  checked.report.blocks = survey.blocks.size();
-  checked.report.errors = findings.count(Severity::error);
-  checked.report.warnings = findings.count(Severity::warning);
-  checked.report.informations = findings.count(Severity::information);
-  checked.report.state = stateOf(findings);
-  checked.findings = findings.all();
-  return checked;
+  report.errors = check.count(Severity::error);
+  report.warnings = check.count(Severity::warning);
+  report.informations = check.count(Severity::information);
+  report.state = report.errors > 0     ? CheckState::damaged
+                 : report.warnings > 0 ? CheckState::unusual
+                                       : CheckState::sound;
+  return {report, check.all()};
 }
 
 Checked checkOnce(const ByteSource& source, const CheckOptions& options) {

@@ -69,4 +69,13 @@ class Findings {
   std::map<std::tuple<std::string, int, qvdb::Severity>, Alike> alike_;
 };
 
+// What is checked, and what was found.
+struct Check : Findings {
+  Check(const survey::ByteSource& of, const survey::Survey& made, uint64_t mostAlike)
+      : Findings(mostAlike), source(of), survey(made) {}
+
+  const survey::ByteSource& source;
+  const survey::Survey& survey;
+};
+
 }  // namespace qvdbase::check

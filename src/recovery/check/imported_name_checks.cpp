@@ -5,6 +5,7 @@
 
 #include "format/block_heads.h"
 #include "recovery/check/parts.h"
+#include "recovery/check/payload_cursor.h"
 
 using namespace qvdbase::format;
 using namespace qvdbase::survey;
@@ -37,21 +38,21 @@ bool isSafeName(std::string_view name) {
 class NameList {
  public:
   NameList(const ByteSource& source, const Block& block)
-      : window_(source), at_(block.dataPos()), size_(block.dataThere()), end_(at_ + size_) {}
+      : window_(source), bytes_(window_, block), size_(bytes_.left()) {}
 
   bool isOurs() {
-    const uint8_t* mark = end_ - at_ < int64_t{sizeof kMark} ? nullptr : take(sizeof kMark);
+    const uint8_t* mark = bytes_.take(sizeof kMark);
     return mark != nullptr && std::memcmp(mark, kMark, sizeof kMark) == 0;
   }
 
   // 'i' is what follows a list that was being shortened.
-  bool isAtEnd() { return at_ == end_ || window_.byteAt(at_) == kBlockEndMark; }
+  bool isAtEnd() { return bytes_.left() == 0 || window_.byteAt(position()) == kBlockEndMark; }
 
-  int64_t position() const { return at_; }
+  int64_t position() const { return bytes_.position(); }
 
   // False when the entry makes no sense.
   bool next() {
-    const uint8_t* fixed = take(kFixedSize);
+    const uint8_t* fixed = bytes_.take(kFixedSize);
     if (fixed == nullptr) return false;
     kind_ = static_cast<char>(fixed[0]);
     record_ = loadBigEndian<uint64_t>(fixed + kRecord);
@@ -73,17 +74,10 @@ class NameList {
   bool hasWrongTime() const { return hasWrongTime_; }
 
  private:
-  const uint8_t* take(size_t size) {
-    if (end_ - at_ < static_cast<int64_t>(size)) return nullptr;
-    const uint8_t* bytes = window_.at(at_, size);
-    at_ += static_cast<int64_t>(size);
-    return bytes;
-  }
-
   bool count(uint64_t* value) {
     *value = 0;
     for (int shift = 0; shift < 35; shift += 7) {
-      const uint8_t* byte = take(1);
+      const uint8_t* byte = bytes_.take(1);
       if (byte == nullptr) return false;
       *value |= uint64_t{*byte & 0x7Fu} << shift;
       if (*byte < 0x80) return true;
@@ -94,11 +88,11 @@ class NameList {
   // Adds a counted text to what there is.
   bool text(std::string* to) {
     uint64_t left = 0;
-    if (!count(&left) || left > static_cast<uint64_t>(end_ - at_)) return false;
+    if (!count(&left) || left > static_cast<uint64_t>(bytes_.left())) return false;
     if (to->size() + left > kLongestName) return false;
     while (left > 0) {
       const auto piece = static_cast<size_t>(std::min<uint64_t>(left, Window::kLargestView));
-      const uint8_t* bytes = take(piece);
+      const uint8_t* bytes = bytes_.take(piece);
       if (bytes == nullptr) return false;
       to->append(reinterpret_cast<const char*>(bytes), piece);
       left -= piece;
@@ -107,9 +101,8 @@ class NameList {
   }
 
   Window window_;
-  int64_t at_;
+  PayloadCursor bytes_;
   int64_t size_;  // of the list
-  int64_t end_;
   char kind_ = 0;
   uint64_t record_ = 0;
   bool hasWrongTime_ = false;
@@ -119,34 +112,31 @@ class NameList {
 
 }  // namespace
 
-void checkImportedNames(const ByteSource& source, const Survey& survey, const Table& table,
-                        Findings* findings) {
+void checkImportedNames(Check& check, const Table& table) {
   if (table.dataState != DataState::sound) return;
-  const Slot& slot = survey.slotOf(table);
-  const Block& block = survey.blocks[table.dataBlock];
-  NameList list(source, block);
+  const Slot& slot = check.survey.slotOf(table);
+  const Block& block = check.survey.blocks[table.dataBlock];
+  NameList list(check.source, block);
   if (!list.isOurs()) return;
-  const std::vector<uint64_t> records = sortedRecords(survey, table.forward.blocks);
+  const std::vector<uint64_t> records = sortedRecords(check.survey, table.forward.blocks);
   uint64_t entries = 0;
   uint64_t withoutRecord = 0;
   while (!list.isAtEnd()) {
-    const int64_t position = list.position();
+    const About about = {.slot = &slot, .offset = list.position()};
     if (!list.next()) {
-      return findings->warning("I1", {.slot = &slot, .offset = position},
-                               "The list of imported files cannot be read beyond its first ",
-                               counted(entries, "entry", "entries"), ".");
+      return check.warning("I1", about, "The list of imported files cannot be read beyond its ",
+                           "first ", counted(entries, "entry", "entries"), ".");
     }
     ++entries;
     if (list.hasWrongTime()) {
-      findings->warning("I1", {.slot = &slot, .offset = position},
-                        "The time of an imported file is impossible.");
+      check.warning("I1", about, "The time of an imported file is impossible.");
     }
-    if (list.kind() == 'f' && !std::binary_search(records.begin(), records.end(), list.record())) {
+    if (list.kind() == 'f' && !std::ranges::binary_search(records, list.record())) {
       ++withoutRecord;
     }
   }
   if (withoutRecord == 0) return;
-  findings->information(
+  check.information(
       "I2", {.slot = &slot, .offset = block.dataPos()},
       counted(withoutRecord, "name of an imported file has", "names of imported files have"),
       " no record.");

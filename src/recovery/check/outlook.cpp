@@ -26,9 +26,8 @@ bool headerIsUsable(const Survey& survey) {
 
 template <typename Is>
 bool allCounted(const Survey& survey, const Table& table, Is is) {
-  const std::span<const uint32_t> counted = countedBlocks(survey, table);
-  return std::all_of(counted.begin(), counted.end(),
-                     [&](uint32_t number) { return is(survey.blocks[number]); });
+  return std::ranges::all_of(countedBlocks(survey, table),
+                             [&](uint32_t number) { return is(survey.blocks[number]); });
 }
 
 // Whether the walk from the front gets through all counted records. One that loops does: it is the
@@ -190,8 +189,7 @@ std::string repairTables(const Survey& survey, qvdb::RepairPreview* preview) {
   return fits ? "" : "the number of tables is impossible";
 }
 
-}  // namespace
-
+// Whether the directory leads to the slot.
 bool isReachable(const Survey& survey, const Slot& slot) {
   if (!headerIsUsable(survey) || !slot.counted) return false;
   const uint64_t number = identifierNumber(slot.fields.tableID);
@@ -202,6 +200,8 @@ bool isReachable(const Survey& survey, const Slot& slot) {
   }
   return false;
 }
+
+}  // namespace
 
 qvdb::TableOutlook outlookOf(const ByteSource& source, const Survey& survey, const Table& table) {
   const Slot& slot = survey.slotOf(table);

@@ -12,34 +12,29 @@
 namespace qvdbase::check {
 
 // Size and header. False when nothing follows them that could be checked.
-bool checkHeader(const survey::Survey& survey, Findings* findings);
+bool checkHeader(Check& check);
 
-void checkDirectory(const survey::Survey& survey, Findings* findings);
+void checkDirectory(Check& check);
 
 // What is wrong with one table's slot, chain, and table data.
-void checkCounts(const survey::Survey& survey, const survey::Table& table, Findings* findings);
-void checkChain(const survey::Survey& survey, const survey::Table& table, Findings* findings);
-void checkTableData(const survey::ByteSource& source, const survey::Survey& survey,
-                    const survey::Table& table, Findings* findings);
-void checkImportedNames(const survey::ByteSource& source, const survey::Survey& survey,
-                        const survey::Table& table, Findings* findings);
+void checkCounts(Check& check, const survey::Table& table);
+void checkChain(Check& check, const survey::Table& table);
+void checkTableData(Check& check, const survey::Table& table);
+void checkImportedNames(Check& check, const survey::Table& table);
 
 // Identifiers and times of all live records; `now` in seconds since 1970.
-void checkRecords(const survey::Survey& survey, int64_t now, Findings* findings);
+void checkRecords(Check& check, int64_t now);
 
 // Length, capacity and end of a block in use; the findings are about that slot.
-void checkExtent(const survey::Survey& survey, const survey::Slot* slot, const survey::Block& block,
-                 Findings* findings);
+void checkExtent(Check& check, const survey::Slot* slot, const survey::Block& block);
 
 // Payloads in use of which a part was never stored.
-void checkHoles(const survey::ByteSource& source, const survey::Survey& survey, Findings* findings);
+void checkHoles(Check& check);
 
 // Overlaps, dead blocks, bytes that are no block, bytes after payloads, and what every byte is.
-qvdb::SpaceUse checkSpace(const survey::ByteSource& source, const survey::Survey& survey,
-                          Findings* findings);
+qvdb::SpaceUse checkSpace(Check& check);
 
-void checkCategories(const survey::ByteSource& source, const survey::Survey& survey,
-                     Findings* findings);
+void checkCategories(Check& check);
 
 // The blocks that the walk from the front reaches within the slot's count.
 std::span<const uint32_t> countedBlocks(const survey::Survey& survey, const survey::Table& table);
@@ -48,9 +43,6 @@ std::span<const uint32_t> countedBlocks(const survey::Survey& survey, const surv
 std::vector<uint64_t> sortedRecords(const survey::Survey& survey, std::span<const uint32_t> blocks);
 
 // ---- What the library's calls will do
-
-// Whether the directory leads to the slot.
-bool isReachable(const survey::Survey& survey, const survey::Slot& slot);
 
 qvdb::TableOutlook outlookOf(const survey::ByteSource& source, const survey::Survey& survey,
                              const survey::Table& table);

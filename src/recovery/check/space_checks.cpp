@@ -14,21 +14,22 @@ namespace {
 
 using qvdb::SpaceUse;
 
-About aboutOwner(const Survey& survey, const Block& block) {
-  return inBlock(survey.slotAt(survey.owners[block.owner].slot), block);
+uint64_t sizeOf(const Block& block) {
+  return static_cast<uint64_t>(block.end - block.position);
 }
 
-void reportOverlaps(const Survey& survey, Findings* findings) {
+void reportOverlaps(Check& check) {
+  const Survey& survey = check.survey;
   for (const Overlap& overlap : survey.overlaps) {
     const Block& first = survey.blocks[overlap.first];
-    findings->error("S1", aboutOwner(survey, first), "The block at ", first.position,
-                    " would end at ", first.claimedEnd(),
-                    ", after the start of the next one in use at ",
-                    survey.blocks[overlap.second].position, ".");
+    check.error("S1", inBlock(survey.ownerSlot(first), first), "The block at ", first.position,
+                " would end at ", first.claimedEnd(),
+                ", after the start of the next one in use at ",
+                survey.blocks[overlap.second].position, ".");
   }
 }
 
-void reportTorn(const Survey& survey, const Block& block, Findings* findings) {
+void reportTorn(Check& check, const Block& block) {
   std::string why = "its identifiers or lengths are damaged";
   if (block.flaws & kBeyondEnd) {
     why = "it would reach beyond the end of the file";
@@ -38,9 +39,9 @@ void reportTorn(const Survey& survey, const Block& block, Findings* findings) {
     why = "its end mark is missing";
   }
   const bool isRecord = block.kind == BlockKind::record;
-  findings->warning("S4", aboutOwner(survey, block),
-                    isRecord ? "The record block at " : "The table data at ", block.position,
-                    " is not whole: ", why, ". Nothing points to it.");
+  check.warning("S4", inBlock(check.survey.ownerSlot(block), block),
+                isRecord ? "The record block at " : "The table data at ", block.position,
+                " is not whole: ", why, ". Nothing points to it.");
 }
 
 // What became of blocks that no chain holds, in the order in which they are reported.
@@ -79,7 +80,7 @@ struct Heap {
 
   void add(const Block& block) {
     ++blocks;
-    bytes += static_cast<uint64_t>(block.end - block.position);
+    bytes += sizeOf(block);
     first = std::min(first, block.position);
   }
 };
@@ -87,24 +88,25 @@ struct Heap {
 // Blocks, counted by what they are.
 class BlockSpace {
  public:
-  BlockSpace(const Survey& survey, SpaceUse* space) : survey_(survey), space_(*space) {}
+  BlockSpace(Check& check, SpaceUse* space)
+      : check_(check), survey_(check.survey), space_(*space) {}
 
-  void count(const Block& block, Findings* findings) {
+  void count(const Block& block) {
     const size_t fate = fateOf(block);
-    partOf(block, fate) += static_cast<uint64_t>(block.end - block.position);
+    partOf(block, fate) += sizeOf(block);
     if (block.isReached()) return;
-    if (block.grade != Grade::a) return reportTorn(survey_, block, findings);
+    if (block.grade != Grade::a) return reportTorn(check_, block);
     if (survey_.isOrphan(block)) return orphans_[block.owner].add(block);
     heaps_[{block.kind, survey_.owners[block.owner].slot, fate}].add(block);
   }
 
-  void report(Findings* findings) const {
+  void report() const {
     for (const auto& [key, heap] : heaps_) {
       const auto& [kind, slot, number] = key;
       const Fate& fate = kFates[number];
       const bool isRecord = kind == BlockKind::record;
       const bool isLoss = isRecord && fate.isLoss;
-      findings->add(
+      check_.add(
           isLoss ? qvdb::Severity::warning : qvdb::Severity::information, isRecord ? "S2" : "S3",
           {.slot = survey_.slotAt(slot), .offset = heap.first},
           joined(counted(heap.blocks, "unreferenced block"), ", ", counted(heap.bytes, "byte"),
@@ -112,70 +114,66 @@ class BlockSpace {
     }
     for (const auto& [owner, heap] : orphans_) {
       const uint64_t table = survey_.owners[owner].number;
-      findings->error("S8", {.tableID = table, .offset = heap.first},
-                      counted(heap.blocks, "whole block"), ", ", counted(heap.bytes, "byte"),
-                      ", of the table ", shownId(table), ", which the directory does not have.");
+      check_.error("S8", {.tableID = table, .offset = heap.first},
+                   counted(heap.blocks, "whole block"), ", ", counted(heap.bytes, "byte"),
+                   ", of the table ", shownId(table), ", which the directory does not have.");
     }
   }
 
  private:
-  bool isOfUnknownTable(const Block& block) const {
-    return survey_.owners[block.owner].slot == kNoSlot;
-  }
-
   size_t fateOf(const Block& block) const {
-    if (isOfUnknownTable(block)) return kOrphan;
+    if (survey_.ownerSlot(block) == nullptr) return kOrphan;
     const auto* const fate = std::find_if(
         kFates, kFates + kLost, [&](const Fate& each) { return each.label == block.label; });
     return static_cast<size_t>(fate - kFates);
   }
 
   uint64_t& partOf(const Block& block, size_t fate) {
-    if (block.label != Label::live || isOfUnknownTable(block)) return space_.*kFates[fate].part;
+    if (block.label != Label::live || fate == kOrphan) return space_.*kFates[fate].part;
     return block.kind == BlockKind::record ? space_.records : space_.table_data;
   }
 
+  Check& check_;
   const Survey& survey_;
   SpaceUse& space_;
   std::map<std::tuple<BlockKind, int, size_t>, Heap> heaps_;  // by kind, slot and fate
   std::map<uint32_t, Heap> orphans_;  // by their table's number among the owners
 };
 
-void reportLeftovers(const Survey& survey, SpaceUse* space, Findings* findings) {
-  for (const auto& [range, kind] : survey.leftovers) {
+void reportLeftovers(Check& check, SpaceUse* space) {
+  for (const auto& [range, kind] : check.survey.leftovers) {
     space->unknown += static_cast<uint64_t>(range.size());
-    const bool isAtEnd = range.end == survey.size;
-    const std::string bytes =
-        joined(counted(static_cast<uint64_t>(range.size()), "byte"), " at ", range.begin);
+    const bool isAtEnd = range.end == check.survey.size;
+    const About about = {.offset = range.begin};
+    const std::string bytes = joined(counted(range.size(), "byte"), " at ", range.begin);
     if (kind == Leftover::torn) {
-      findings->warning("S4", {.offset = range.begin}, bytes,
-                        " are the beginning of a block that was never finished",
-                        isAtEnd ? ", at the end of the file." : ".");
+      check.warning("S4", about, bytes, " are the beginning of a block that was never finished",
+                    isAtEnd ? ", at the end of the file." : ".");
     } else {
-      findings->warning("S5", {.offset = range.begin}, bytes,
-                        isAtEnd ? ", after the last block," : ", between blocks,",
-                        " are no block.");
+      check.warning("S5", about, bytes, isAtEnd ? ", after the last block," : ", between blocks,",
+                    " are no block.");
     }
   }
 }
 
-void reportNested(const Survey& survey, Findings* findings) {
-  const std::vector<int64_t>& blocks = survey.nestedBlocks;
-  const std::vector<int64_t>& databases = survey.nestedDatabases;
+void reportNested(Check& check) {
+  const std::vector<int64_t>& blocks = check.survey.nestedBlocks;
+  const std::vector<int64_t>& databases = check.survey.nestedDatabases;
   if (blocks.empty() && databases.empty()) return;
   const int64_t first = blocks.empty() ? databases.front() : blocks.front();
   const std::string what = blocks.empty() ? counted(databases.size(), "header") + " without a block"
                                           : counted(blocks.size(), "block");
   std::string where;
   if (!databases.empty()) where = joined(", the first one from offset ", databases.front());
-  findings->information("S6", {.offset = first}, what,
-                        " inside the payloads of others: a database is stored there", where, ".");
+  check.information("S6", {.offset = first}, what,
+                    " inside the payloads of others: a database is stored there", where, ".");
 }
 
 // The bytes between payloads and the ends of their blocks.
 class SpareBytes {
  public:
-  SpareBytes(const ByteSource& source, SpaceUse* space) : window_(source), space_(*space) {}
+  SpareBytes(Check& check, SpaceUse* space)
+      : check_(check), window_(check.source), space_(*space) {}
 
   // Spare bytes that were never used are zeros, as the library fills them. A payload that was
   // written over a longer one leaves the rest of that after it; table data has an end mark between
@@ -192,15 +190,15 @@ class SpareBytes {
     if (++staleBlocks_ == 1) firstStale_ = position;
   }
 
-  void report(Findings* findings) const {
+  void report() const {
     if (space_.reserve > space_.stale) {
-      findings->information("S7", {}, counted(space_.reserve - space_.stale, "byte"),
-                            " of spare capacity in blocks were never used.");
+      check_.information("S7", {}, counted(space_.reserve - space_.stale, "byte"),
+                         " of spare capacity in blocks were never used.");
     }
     if (space_.stale > 0) {
-      findings->information("S7", {.offset = firstStale_}, counted(space_.stale, "byte"),
-                            " of older data can still be read after the payloads of ",
-                            counted(staleBlocks_, "block"), ".");
+      check_.information("S7", {.offset = firstStale_}, counted(space_.stale, "byte"),
+                         " of older data can still be read after the payloads of ",
+                         counted(staleBlocks_, "block"), ".");
     }
   }
 
@@ -221,6 +219,7 @@ class SpareBytes {
     return static_cast<uint64_t>(used - begin);
   }
 
+  Check& check_;
   Window window_;
   SpaceUse& space_;
   uint64_t staleBlocks_ = 0;
@@ -228,61 +227,66 @@ class SpareBytes {
 };
 
 // A pack takes along what the chains lead to, and nothing else.
-void reportDead(const Survey& survey, const SpaceUse& space, Findings* findings) {
+void reportDead(Check& check, const SpaceUse& space) {
   const uint64_t lost = space.unlinked + space.lost + space.orphans;
   const uint64_t dead = space.superseded + space.deleted + space.unknown + lost;
   if (dead == 0) return;
   std::string warning;
   if (lost > 0) warning = joined("; ", lost, " of them hold what was lost, not deleted");
-  findings->information("S7", {}, counted(dead, "byte"), " of ", survey.size,
-                        " would come back by packing", warning, ".");
+  check.information("S7", {}, counted(dead, "byte"), " of ", check.survey.size,
+                    " would come back by packing", warning, ".");
 }
 
 // A block is written whole, its spare capacity with fill. So the library did not leave a hole in
 // it: a copying program made it of zeros, or the system lost what was written there, as happens on
 // file systems that store the size of a file before its contents.
-void reportHole(const Survey& survey, const Block& block, int64_t from, int64_t to,
-                Findings* findings) {
+void reportHole(Check& check, const Block& block, int64_t from, int64_t to) {
   const char* const whose =
       block.kind == BlockKind::record ? "the record at " : "the table data at ";
-  findings->warning("F3", inBlock(survey.slotAt(block.slot), block, from - block.position),
-                    "From here, ", counted(static_cast<uint64_t>(to - from), "byte"), " of ", whose,
-                    block.position, " are a hole in the file and read as zeros.");
+  check.warning("F3", inBlock(check.survey.slotAt(block.slot), block, from - block.position),
+                "From here, ", counted(to - from, "byte"), " of ", whose, block.position,
+                " are a hole in the file and read as zeros.");
+}
+
+// The live blocks in the order of the file.
+std::vector<const Block*> liveBlocks(const Survey& survey) {
+  std::vector<const Block*> live;
+  for (const uint32_t number : blocksInFileOrder(survey)) {
+    if (survey.blocks[number].label == Label::live) live.push_back(&survey.blocks[number]);
+  }
+  return live;
 }
 
 }  // namespace
 
-SpaceUse checkSpace(const ByteSource& source, const Survey& survey, Findings* findings) {
+SpaceUse checkSpace(Check& check) {
+  const Survey& survey = check.survey;
   SpaceUse space;
   space.directory = static_cast<uint64_t>(std::min(survey.blocksStart, survey.size));
-  reportOverlaps(survey, findings);
-  BlockSpace blocks(survey, &space);
-  for (const Block& block : survey.blocks) blocks.count(block, findings);
-  blocks.report(findings);
-  reportLeftovers(survey, &space, findings);
-  reportNested(survey, findings);
-  SpareBytes spare(source, &space);
-  for (const uint32_t number : blocksInFileOrder(survey)) {
-    if (survey.blocks[number].label == Label::live) spare.look(survey.blocks[number]);
-  }
-  reportDead(survey, space, findings);
-  spare.report(findings);
+  reportOverlaps(check);
+  BlockSpace blocks(check, &space);
+  for (const Block& block : survey.blocks) blocks.count(block);
+  blocks.report();
+  reportLeftovers(check, &space);
+  reportNested(check);
+  SpareBytes spare(check, &space);
+  for (const Block* block : liveBlocks(survey)) spare.look(*block);
+  reportDead(check, space);
+  spare.report();
   return space;
 }
 
 // Blocks and holes both in the order of the file.
-void checkHoles(const ByteSource& source, const Survey& survey, Findings* findings) {
-  std::optional<platform::FileHole> hole = source.nextHole(survey.blocksStart);
+void checkHoles(Check& check) {
+  std::optional<platform::FileHole> hole = check.source.nextHole(check.survey.blocksStart);
   if (!hole) return;
-  for (const uint32_t number : blocksInFileOrder(survey)) {
-    const Block& block = survey.blocks[number];
-    if (block.label != Label::live) continue;
-    const int64_t begin = block.dataPos();
-    const int64_t end = begin + block.dataThere();
-    if (hole->end <= begin) hole = source.nextHole(begin);
+  for (const Block* block : liveBlocks(check.survey)) {
+    const int64_t begin = block->dataPos();
+    const int64_t end = begin + block->dataThere();
+    if (hole->end <= begin) hole = check.source.nextHole(begin);
     if (!hole) return;
     if (hole->begin >= end) continue;
-    reportHole(survey, block, std::max(hole->begin, begin), std::min(hole->end, end), findings);
+    reportHole(check, *block, std::max(hole->begin, begin), std::min(hole->end, end));
   }
 }
 

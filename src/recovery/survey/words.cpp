@@ -4,14 +4,6 @@
 
 namespace qvdbase::survey {
 
-std::string counted(uint64_t count, const char* one, const char* many) {
-  return std::to_string(count) + " " + (count == 1 ? one : many);
-}
-
-std::string counted(uint64_t count, const char* thing) {
-  return counted(count, thing, (std::string(thing) + "s").c_str());
-}
-
 std::string hexDigits(unsigned char byte) {
   static constexpr char kDigits[] = "0123456789abcdef";
   return {kDigits[byte >> 4], kDigits[byte & 15]};

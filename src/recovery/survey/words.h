@@ -25,8 +25,12 @@ std::string joined(Parts... parts) {
 }
 
 // "1 record", "2 records"; the second one for plurals that take more than an "s".
-std::string counted(uint64_t count, const char* thing);
-std::string counted(uint64_t count, const char* one, const char* many);
+std::string counted(std::integral auto count, const char* one, const char* many) {
+  return joined(count, " ", count == 1 ? one : many);
+}
+std::string counted(std::integral auto count, const char* thing) {
+  return joined(count, " ", thing, count == 1 ? "" : "s");
+}
 
 // A name from a file, made fit to be shown: in single quotes, with backslashes before quotes and
 // backslashes, and control characters as "\x" and two digits.
