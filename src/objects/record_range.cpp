@@ -99,13 +99,16 @@ struct detail::Walk {
     return walker;
   }
 
-  // One that ends the chain before its count is a record nevertheless.
+  // Where it is not where it was found, it is searched by its identifier.
   bool findStart(const Operation& operation, engine::FoundRecord* found) const {
-    if (from.kind_ == WalkStart::Kind::position) {
-      return readAtPosition(operation, table, from.position_, found);
+    const bool isByPosition = from.kind_ == WalkStart::Kind::position;
+    const bool hasPosition =
+        isByPosition || (from.position_ != 0 && from.opening_ == database->opening);
+    if (hasPosition && readReachable(operation, table, from.position_, found) &&
+        (isByPosition || format::identifierNumber(found->header.recordID) == from.id_.value)) {
+      return true;
     }
-    const int64_t position = from.opening_ == database->opening ? from.position_ : 0;
-    return locateFrom(operation, table, from.id_, position, found) != Located::no;
+    return !isByPosition && locate(operation, table, from.id_, found) != Located::no;
   }
 
   [[noreturn]] void failNoStart(const Operation& operation) const {

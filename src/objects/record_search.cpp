@@ -26,6 +26,14 @@ Located walkTo(const Operation& operation, Id table, Id record, FoundRecord* fou
   return Located::no;
 }
 
+// Reads the table, and the header at a position.
+bool readAt(const Operation& operation, Id table, int64_t position, FoundRecord* found) {
+  found->table = operation.table(table);
+  found->recordPos = position;
+  return engine::readRecordHeaderAt(operation.db(), position, found->table.slot.tableID,
+                                    &found->header);
+}
+
 }  // namespace
 
 int64_t positionOf(const Operation& operation, const Record& record) {
@@ -42,29 +50,22 @@ Located locate(const Operation& operation, Id table, Id record, FoundRecord* fou
 }
 
 Located locate(const Operation& operation, Id table, const Record& record, FoundRecord* found) {
-  return locateFrom(operation, table, record.id(), positionOf(operation, record), found);
-}
-
-Located locateFrom(const Operation& operation, Id table, Id record, int64_t position,
-                   FoundRecord* found) {
-  if (position != 0 && readInChain(operation, table, record, position, found)) {
+  const int64_t position = positionOf(operation, record);
+  if (position != 0 && readInChain(operation, table, record.id(), position, found)) {
     return Located::inPlace;
   }
-  return locate(operation, table, record, found);
-}
-
-bool readAtPosition(const Operation& operation, Id table, int64_t position, FoundRecord* found) {
-  found->table = operation.table(table);
-  found->recordPos = position;
-  return engine::readRecordHeaderAt(operation.db(), position, found->table.slot.tableID,
-                                    &found->header) &&
-         isInChain(operation.db(), *found);
+  return locate(operation, table, record.id(), found);
 }
 
 bool readInChain(const Operation& operation, Id table, Id record, int64_t position,
                  FoundRecord* found) {
-  return readAtPosition(operation, table, position, found) &&
-         format::identifierNumber(found->header.recordID) == record.value;
+  return readAt(operation, table, position, found) &&
+         format::identifierNumber(found->header.recordID) == record.value &&
+         isInChain(operation.db(), *found);
+}
+
+bool readReachable(const Operation& operation, Id table, int64_t position, FoundRecord* found) {
+  return readAt(operation, table, position, found) && isReachable(operation.db(), *found);
 }
 
 }  // namespace qvdb::detail

@@ -26,17 +26,15 @@ Located locate(const Operation& operation, Id table, Id record,
 Located locate(const Operation& operation, Id table, const Record& record,
                qvdbase::engine::FoundRecord* found);
 
-// The same for one that was found at this position before; 0 is none.
-Located locateFrom(const Operation& operation, Id table, Id record, int64_t position,
-                   qvdbase::engine::FoundRecord* found);
-
-// Reads the table, and the record of it that should be at a position. False when there is none, or
+// Reads the table, and the record that should be at a position. False when it is not there, or
 // when its neighbours, or the slot where it has none, do not lead to it.
-bool readAtPosition(const Operation& operation, Id table, int64_t position,
-                    qvdbase::engine::FoundRecord* found);
-
-// The same for the record with this identifier.
 bool readInChain(const Operation& operation, Id table, Id record, int64_t position,
                  qvdbase::engine::FoundRecord* found);
+
+// Reads the table, and whichever record is at a position, for a walk that begins with it. False
+// when there is none, or when neither side of the chain leads to it: a record beside a damaged one
+// is good enough for that.
+bool readReachable(const Operation& operation, Id table, int64_t position,
+                   qvdbase::engine::FoundRecord* found);
 
 }  // namespace qvdb::detail

@@ -215,5 +215,18 @@ bool isInChain(int16_t db, const engine::FoundRecord& found) {
          neighboursPointBack(db, slot.tableID, found.header, found.recordPos);
 }
 
+bool isReachable(int16_t db, const engine::FoundRecord& found) {
+  using namespace format::record;
+  const tablePart1& slot = found.table.slot;
+  const int64_t previous = found.header.prevRecordPos;
+  const int64_t next = found.header.nextRecordPos;
+  const bool fromFront = previous == 0
+                             ? slot.firstRecordPos == found.recordPos
+                             : linksTo(db, previous, slot.tableID, kNextRecordPos, found.recordPos);
+  return fromFront ||
+         (next == 0 ? slot.lastRecordPos == found.recordPos
+                    : linksTo(db, next, slot.tableID, kPrevRecordPos, found.recordPos));
+}
+
 }  // namespace detail
 }  // namespace qvdb

@@ -55,4 +55,7 @@ void markIndexesStale(OpenDatabase& database);
 // lead to it.
 bool isInChain(int16_t db, const qvdbase::engine::FoundRecord& found);
 
+// Whether either of the two leads to it. Neither does to a record that was deleted or has moved.
+bool isReachable(int16_t db, const qvdbase::engine::FoundRecord& found);
+
 }  // namespace qvdb::detail

@@ -262,15 +262,22 @@ class DamagedOrder : public LayerTest {
     allowDamage();
   }
 
-  // Walks and expects damage. Returns the identifiers before it; *error is what was thrown.
-  Ids walk(const WalkOptions& options, std::optional<qvdb::Error>* error = nullptr) {
+  // Walks, and expects damage if it should be reached. Returns the identifiers before it; *error is
+  // what was thrown.
+  Ids walk(const WalkOptions& options, std::optional<qvdb::Error>* error = nullptr,
+           bool reachesDamage = true) {
     auto database = openImage(image, qvdb::Mode::read_only);
     Ids seen;
-    auto thrown = errorOf([&] {
+    const auto goThrough = [&] {
       for (const Record& record : database.table("notes").records(options)) {
         seen.push_back(record.id().value);
       }
-    });
+    };
+    if (!reachesDamage) {
+      goThrough();
+      return seen;
+    }
+    auto thrown = errorOf(goThrough);
     if (thrown) {
       EXPECT_EQ(thrown->reason(), Reason::chain_damaged) << thrown->what();
     }
@@ -324,6 +331,13 @@ TEST_F(DamagedOrder, IsReportedWhereAPartOfTheChainIsCutOff) {
   EXPECT_EQ(walk({.from = at[5]}, &error), (Ids{6, 7, 8}));
   EXPECT_EQ(error->record_number(), std::nullopt);
   EXPECT_EQ(walk({.order = Order::newest_first, .from = at[5]}), (Ids{6, 5, 4, 3}));
+}
+
+// One neighbour leads to each of these.
+TEST_F(DamagedOrder, LeavesTheRecordsBesideItAsPlacesToBeginWith) {
+  image.record(at[4]).blockMark = 0;
+  EXPECT_EQ(walk({.order = Order::newest_first, .from = at[3]}, nullptr, false), (Ids{4, 3, 2, 1}));
+  EXPECT_EQ(walk({.from = at[5]}, nullptr, false), (Ids{6, 7, 8, 9, 10}));
 }
 
 TEST_F(DamagedOrder, OfALoopEndsAWalkThatBeganInIt) {

@@ -9,6 +9,8 @@
 #include <csignal>
 #include <initializer_list>
 
+#include "output.h"
+
 namespace qvdb::tool {
 namespace {
 
@@ -58,6 +60,15 @@ void waitFor(int descriptor, short event) {
 
 void waitForInput(int descriptor) {
   waitFor(descriptor, POLLIN);
+}
+
+// A pipe without a reader is reported whatever is asked for.
+void waitForNews(int descriptor, int milliseconds) {
+  throwIfInterrupted();
+  pollfd sources[3] = {{descriptor, POLLIN, 0}, {notice[0], POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+  const int found = ::poll(sources, 3, milliseconds);
+  throwIfInterrupted();
+  if (found > 0 && (sources[2].revents & (POLLERR | POLLHUP)) != 0) throw OutputClosed();
 }
 
 bool canContinueWriting(int descriptor) {

@@ -15,6 +15,10 @@ void catchInterrupts();
 // signal comes meanwhile, or has come before.
 void waitForInput(int descriptor);
 
+// Waits until the descriptor has something to read, or the time is over; -1 is no descriptor.
+// Throws Interrupted likewise, and OutputClosed when standard output has no reader any more.
+void waitForNews(int descriptor, int milliseconds);
+
 // After a write that failed with errno: whether to try again. A descriptor that does not block is
 // waited for. Throws Interrupted as waitForInput() does.
 bool canContinueWriting(int descriptor);

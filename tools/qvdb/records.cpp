@@ -2,10 +2,13 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "follow.h"
 #include "imported_files.h"
 #include "interrupt.h"
 #include "locate.h"
+#include "newest_records.h"
 #include "output.h"
+#include "record_rows.h"
 #include "text.h"
 
 namespace qvdb::tool {
@@ -15,6 +18,9 @@ struct Options {
   std::string file;
   std::string table;
   std::optional<uint64_t> limit;
+  std::optional<uint64_t> last;
+  std::optional<std::string> since;
+  bool follow = false;
   bool deleted = false;
   bool json = false;
 };
@@ -25,69 +31,42 @@ const std::string* nameOf(const std::optional<ImportedFiles>& files, Id record) 
   return index ? &files->list()[*index].name : nullptr;
 }
 
-// What the list shows of a record: `third` is the capacity, or the offset of a deleted one.
-struct Row {
-  Id id;
-  uint64_t size;
-  uint64_t third;
-  uint32_t created;
-  uint32_t modified;
-  const std::string* name;  // null for none
-};
-
-void printRow(const Row& row) {
-  std::string line = to_string(row.id) + column(std::to_string(row.size), 12) +
-                     column(std::to_string(row.third), 12) + "  " + timeText(row.created) + "  " +
-                     timeText(row.modified);
-  if (row.name != nullptr) line += "  " + escaped(*row.name);
-  printLine(line);
+// The end of the list that is wanted. Throws Failure for what is no time.
+Newest newestOf(const Options& options) {
+  Newest newest;
+  newest.last = options.last;
+  if (!options.since) return newest;
+  newest.since = parseTime(*options.since);
+  if (!newest.since) {
+    throw wrongUsage("--since: '" + *options.since +
+                     "' is no time; write 2024-05-01T12:34:56, 2024-05-01 (UTC) or @SECONDS");
+  }
+  return newest;
 }
 
-void printHead(const char* third, bool hasNames) {
-  printLine("ID                        SIZE" + column(third, 12) +
-            "  CREATED               MODIFIED" + (hasNames ? "              NAME" : ""));
+template <typename Take>
+void forEachRecord(const Table& table, const Options& options, Take take) {
+  uint64_t left = options.limit.value_or(~uint64_t{0});
+  if (left == 0) return;
+  forEachOf(table, newestOf(options), [&](const Record& record) {
+    take(record);
+    return --left != 0;
+  });
 }
 
-Json jsonOf(const Row& row, const char* third) {
-  Json json;
-  json["id"] = to_string(row.id);
-  json["size"] = row.size;
-  json[third] = row.third;
-  json["created"] = timeText(row.created);
-  json["modified"] = timeText(row.modified);
-  return json;
+Row listed(const Record& record, const std::optional<ImportedFiles>& files) {
+  return rowOf(record, nameOf(files, record.id()));
 }
 
-void addName(Json* json, const Row& row) {
-  if (row.name != nullptr) addText(json, "name", *row.name);
-}
-
-Row rowOf(const Record& record, const std::optional<ImportedFiles>& files) {
-  const RecordInfo& info = record.info();
-  return {info.id,          info.size,        info.capacity,
-          info.create_time, info.modify_time, nameOf(files, info.id)};
-}
-
-Json jsonOf(const Row& row) {
-  Json json = jsonOf(row, "capacity");
+Json jsonWithName(const Row& row) {
+  Json json = jsonOf(row);
   addName(&json, row);
   return json;
 }
 
-template <typename Take>
-void forEachRecord(const Table& table, uint64_t limit, Take take) {
-  if (limit == 0) return;
-  uint64_t done = 0;
-  for (const Record& record : table.records()) {
-    throwIfInterrupted();
-    take(record);
-    if (++done == limit) return;
-  }
-}
-
 // The document is complete, closing brackets included, also where the records end early.
 void printJsonList(const Options& options, const Table& table,
-                   const std::optional<ImportedFiles>& files, uint64_t limit) {
+                   const std::optional<ImportedFiles>& files) {
   Json head;
   addText(&head, "file", options.file);
   addText(&head, "table", table.name());
@@ -95,8 +74,8 @@ void printJsonList(const Options& options, const Table& table,
   head["count"] = table.count();
   JsonArrayWriter writer(head, "records");
   try {
-    forEachRecord(table, limit,
-                  [&](const Record& record) { writer.add(jsonOf(rowOf(record, files))); });
+    forEachRecord(table, options,
+                  [&](const Record& record) { writer.add(jsonWithName(listed(record, files))); });
   } catch (const Error& error) {
     writer.finish(escaped(error.what()));
     throw;
@@ -116,13 +95,13 @@ const std::string* formerName(const std::optional<ImportedFiles>& files, Id reco
   return index ? &files->list()[*index].name : nameOf(files, record);
 }
 
-Row rowOf(const FoundBlock& block, const std::optional<ImportedFiles>& files) {
+Row deletedRow(const FoundBlock& block, const std::optional<ImportedFiles>& files) {
   return {block.record,      block.there,       static_cast<uint64_t>(block.offset),
           block.create_time, block.modify_time, formerName(files, block.record)};
 }
 
 Json jsonOf(const FoundBlock& block, const std::optional<ImportedFiles>& files) {
-  const Row row = rowOf(block, files);
+  const Row row = deletedRow(block, files);
   Json json = jsonOf(row, "offset");
   json["label"] = to_string(block.label);
   addName(&json, row);
@@ -156,21 +135,33 @@ int listDeleted(const Options& options) {
     return kDone;
   }
   printHead("OFFSET", files.has_value());
-  for (const FoundBlock& block : blocks) printRow(rowOf(block, files));
+  for (const FoundBlock& block : blocks) printRow(deletedRow(block, files));
   return kDone;
 }
 
+// What cannot be combined, and what is no time, is refused before anything is opened.
+void requireMeaning(const Options& options) {
+  if (options.deleted && (options.last || options.since || options.follow)) {
+    throw wrongUsage("--deleted cannot be combined with --last, --since or --follow");
+  }
+  static_cast<void>(newestOf(options));
+}
+
 int run(const Options& options) {
+  requireMeaning(options);
   if (options.deleted) return listDeleted(options);
+  if (options.follow) {
+    return followRecords(
+        {options.file, options.table, newestOf(options), options.limit, options.json});
+  }
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   const auto files = readNames(database, table);
-  const uint64_t limit = options.limit.value_or(~uint64_t{0});
   if (options.json) {
-    printJsonList(options, table, files, limit);
+    printJsonList(options, table, files);
   } else {
     printHead("CAPACITY", files.has_value());
-    forEachRecord(table, limit, [&](const Record& record) { printRow(rowOf(record, files)); });
+    forEachRecord(table, options, [&](const Record& record) { printRow(listed(record, files)); });
   }
   return files && !files->isWhole() ? kFailed : kDone;
 }
@@ -180,6 +171,12 @@ Action define(Arguments& arguments) {
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
   arguments.option("-n,--limit", "NUMBER", options->limit, "Stop after this number of records.");
+  arguments.option("--last", "NUMBER", options->last, "List only so many, those added last.");
+  arguments.option("--since", "TIME", options->since,
+                   "List only those at the end of the list that were created at this time (UTC) or "
+                   "later: 2024-05-01T12:34:56, 2024-05-01 or @SECONDS since 1970.");
+  arguments.flag("-f,--follow", options->follow,
+                 "Then list each record that is added, until interrupted.");
   arguments.flag("--deleted", options->deleted,
                  "Instead list the deleted records that are still in the file.");
   arguments.json(options->json);
@@ -195,6 +192,15 @@ extern const Command kRecordsCommand = {
 of creation and last modification (UTC) and, in a table of imported files, the file's name. The
 file is only read.
 
+--last and --since read back from the end of the table, so that they cost what they list, however
+many records there are. Both list the oldest of them first.
+
+With --follow the command keeps running and lists what is added, by whatever process, without names.
+It goes on with the new file when another process compacts or replaces the database, and waits for a
+file that was removed. Only additions are listed: changes are not, and deletions show in the number
+of records only ('qvdb tables'). A record that is deleted again before it could be listed is left
+out. With --json each record is an object on a line of its own. Ctrl-C ends it with status 0.
+
 With --deleted the last version of each deleted record is listed, with its position in the file.
 'qvdb undelete' brings one back; 'qvdb history' shows its earlier versions.
 
@@ -204,6 +210,9 @@ member "error". Where the list of names is damaged, the records whose names are 
 without a name, with status 1.)",
     R"(qvdb records notes.qvd letters
 qvdb records --limit 10 notes.qvd letters
+qvdb records --last 10 notes.qvd letters
+qvdb records --since 2024-05-01 notes.qvd letters
+qvdb records --last 0 --follow --json notes.qvd letters | jq .id
 qvdb records --deleted photos.qvd holiday
 qvdb records --json notes.qvd letters | jq -r '.records[].id')",
     define,

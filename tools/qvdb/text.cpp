@@ -2,6 +2,8 @@
 #include "text.h"
 
 #include <algorithm>
+#include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 
@@ -100,6 +102,54 @@ std::string timeText(int64_t seconds) {
     return std::to_string(seconds);
   }
   return text;
+}
+
+namespace {
+
+// Reads so many digits off the text, after `before` if that is not zero. False where it has others.
+bool takeNumber(std::string_view* text, char before, size_t digits, unsigned* number) {
+  if (before != 0) {
+    if (text->empty() || text->front() != before) return false;
+    text->remove_prefix(1);
+  }
+  if (text->size() < digits) return false;
+  const char* end = text->data() + digits;
+  if (!std::all_of(text->data(), end, [](char c) { return c >= '0' && c <= '9'; })) return false;
+  static_cast<void>(std::from_chars(text->data(), end, *number));
+  text->remove_prefix(digits);
+  return true;
+}
+
+std::optional<int64_t> parseSeconds(std::string_view text) {
+  int64_t seconds = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, seconds);
+  if (text.empty() || stop != end || error != std::errc()) return std::nullopt;
+  return seconds;
+}
+
+}  // namespace
+
+std::optional<int64_t> parseTime(std::string_view text) {
+  if (text.starts_with('@')) return parseSeconds(text.substr(1));
+  unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
+  if (!takeNumber(&text, 0, 4, &year) || !takeNumber(&text, '-', 2, &month) ||
+      !takeNumber(&text, '-', 2, &day)) {
+    return std::nullopt;
+  }
+  const char separator = text.starts_with(' ') ? ' ' : 'T';
+  const bool hasTime = takeNumber(&text, separator, 2, &hour);
+  if (hasTime && !takeNumber(&text, ':', 2, &minute)) return std::nullopt;
+  if (hasTime) static_cast<void>(takeNumber(&text, ':', 2, &second));
+  if (hasTime && text == "Z") text.remove_suffix(1);
+  const std::chrono::year_month_day date(std::chrono::year(static_cast<int>(year)),
+                                         std::chrono::month(month), std::chrono::day(day));
+  if (!text.empty() || !date.ok() || hour > 23 || minute > 59 || second > 59) return std::nullopt;
+  const auto midnight = std::chrono::sys_seconds(std::chrono::sys_days(date));
+  return (midnight + std::chrono::hours(hour) + std::chrono::minutes(minute) +
+          std::chrono::seconds(second))
+      .time_since_epoch()
+      .count();
 }
 
 std::string wrapped(std::string_view text, size_t width, size_t indent) {

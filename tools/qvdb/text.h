@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -23,6 +24,10 @@ bool isBinary(std::string_view bytes, size_t* pending);
 
 // Seconds since 1970 as "2024-05-01T12:34:56Z".
 std::string timeText(int64_t seconds);
+
+// The reverse, for what users write: also without the "Z", with a blank for the "T", without the
+// seconds, or a date alone; or "@" and seconds since 1970. Nothing for anything else.
+std::optional<int64_t> parseTime(std::string_view text);
 
 // The text in lines of at most `width` columns, as far as its words allow, each with a line end.
 // Lines are broken between words only; all but the first are indented. Blanks at the beginning are

@@ -1,0 +1,367 @@
+// qvdb records --last, --since and --follow.
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <qvdbase/qvdb.hpp>
+#include <thread>
+
+#include "tool/tool_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+using ToolNewest = ToolTest;
+
+Words idsOf(const nlohmann::json& records) {
+  Words ids;
+  for (const auto& record : records) ids.push_back(record["id"]);
+  return ids;
+}
+
+std::string idText(uint64_t id) {
+  return qvdb::to_string(qvdb::Id{id});
+}
+
+Words idTexts(const std::vector<uint64_t>& ids) {
+  Words texts;
+  for (const uint64_t id : ids) texts.push_back(idText(id));
+  return texts;
+}
+
+// Records 1 to 9, created in the seconds 100, 200, ... 900.
+FileImage nineRecords() {
+  FileImage image;
+  image.addTable("notes", 0x11);
+  for (uint64_t i = 1; i <= 9; ++i) {
+    const auto time = static_cast<uint32_t>(i * 100);
+    image.addRecord(0, i, bytesOf("x"), {.createTime = time, .modifyTime = time});
+  }
+  return image;
+}
+
+TEST_F(ToolNewest, AreListedOldestFirst) {
+  writeFile(path(), nineRecords().build());
+  expectOnlyRead([&] {
+    const auto listed = [&](Words options) {
+      options.insert(options.begin(), {"records", "--json", kDefaultFile, "notes"});
+      return idsOf(json(options)["records"]);
+    };
+    EXPECT_EQ(listed({"--last", "3"}), idTexts({7, 8, 9}));
+    EXPECT_EQ(listed({"--last", "0"}), Words{});
+    EXPECT_EQ(listed({"--last", "100"}).size(), 9u);
+    EXPECT_EQ(listed({"--last", "3", "--limit", "2"}), idTexts({7, 8}));
+    EXPECT_EQ(listed({"--since", "@700"}), idTexts({7, 8, 9}));
+    EXPECT_EQ(listed({"--since", "@701"}), idTexts({8, 9}));
+    EXPECT_EQ(listed({"--since", "1970-01-01T00:13:20Z"}), idTexts({8, 9}));
+    EXPECT_EQ(listed({"--since", "1970-01-01 00:13:21"}), idTexts({9}));
+    EXPECT_EQ(listed({"--since", "1970-01-01T00:14"}), idTexts({9}));
+    EXPECT_EQ(listed({"--since", "1970-01-01"}).size(), 9u);
+    EXPECT_EQ(listed({"--since", "1970-01-02"}), Words{});
+    EXPECT_EQ(listed({"--since", "@700", "--last", "2"}), idTexts({8, 9}));
+  });
+}
+
+TEST_F(ToolNewest, OfAnEmptyTableAreNone) {
+  notes({});
+  EXPECT_TRUE(json({"records", "--json", "--last", "5", kDefaultFile, "notes"})["records"].empty());
+}
+
+TEST_F(ToolNewest, NeedATimeThatExists) {
+  writeFile(path(), nineRecords().build());
+  for (const std::string time :
+       {"yesterday", "@", "@x", "@1x", "2024", "2024-02-30", "2024-13-01", "2024-01-01T24:00",
+        "2024-01-01T12", "2024-01-01T12:00:00+01:00", "2024-01-01Z", "2024-01-01T12:00:61"}) {
+    fails({"records", "--since=" + time, kDefaultFile, "notes"}, 2, {"--since", "is no time"});
+  }
+  fails({"records", "--deleted", "--last", "1", kDefaultFile, "notes"}, 2, {"--deleted"});
+  fails({"records", "--deleted", "--follow", kDefaultFile, "notes"}, 2, {"--deleted"});
+}
+
+TEST_F(ToolNewest, BeforeADamageAreListedAndTheDamageIsReported) {
+  FileImage image = nineRecords();
+  const auto fifth = 4630 + 4 * 57;
+  Bytes bytes = image.build();
+  bytes = bytes.with(fifth, Bytes().zeros(1));
+  writeFile(path(), bytes);
+  allowDamage();
+  EXPECT_EQ(idsOf(json({"records", "--json", "--last", "4", kDefaultFile, "notes"})["records"]),
+            idTexts({6, 7, 8, 9}));
+  const Outcome outcome = run({"records", "--json", "--last", "6", kDefaultFile, "notes"});
+  EXPECT_EQ(outcome.status, 1);
+  expectOneLine(outcome.err, {"record 5 of 9"});
+  const auto list = nlohmann::json::parse(outcome.out);
+  EXPECT_EQ(idsOf(list["records"]), idTexts({6, 7, 8, 9}));
+  EXPECT_NE(list["error"].get<std::string>().find("damaged"), std::string::npos);
+}
+
+// ---- --follow
+
+class ToolFollow : public ToolTest {
+ protected:
+  // Runs 'records --follow --json' with these options; its output goes to a file. `script` runs
+  // meanwhile, and Ctrl-C ends the tool after it.
+  void follow(const Words& options, const std::function<void()>& script) {
+    ProgramCall call = callOf({"records", "--follow", "--json", kDefaultFile, "notes"});
+    call.arguments.insert(call.arguments.end(), options.begin(), options.end());
+    call.outputFile = path("listed").native();
+    call.meanwhile = [&](pid_t process) {
+      tool_ = process;
+      script();
+      ::kill(process, SIGINT);
+    };
+    outcome_ = runProgram(call);
+  }
+
+  // The identifiers that were listed so far, of whole lines.
+  Words listed() const {
+    const Bytes bytes = contents("listed");
+    const std::string text(bytes.begin(), bytes.end());
+    Words ids;
+    std::istringstream lines(text.substr(0, text.rfind('\n') + 1));
+    for (std::string line; std::getline(lines, line);) {
+      ids.push_back(nlohmann::json::parse(line)["id"]);
+    }
+    return ids;
+  }
+
+  // Waits until these are listed, or others. The end of the test's patience is that of CTest.
+  void expectListed(const std::vector<uint64_t>& ids) {
+    const Words expected = idTexts(ids);
+    while (listed().size() < expected.size()) pause();
+    EXPECT_EQ(listed(), expected);
+  }
+
+  // Whether the tool has ended: until it is waited for it has no other state any more.
+  bool hasEnded() const {
+    std::ifstream status("/proc/" + std::to_string(tool_) + "/stat");
+    std::string number, name, state;
+    status >> number >> name >> state;
+    return state == "Z";
+  }
+
+  static void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(5)); }
+
+  void expectEndedByCtrlC() {
+    EXPECT_EQ(outcome_.status, 0) << outcome_;
+    EXPECT_EQ(outcome_.err, "");
+  }
+
+  // Another process's changes, each in one opening of the file.
+  template <typename Change>
+  void change(Change change) {
+    auto database = qvdb::Database::open(
+        path(), {.mode = qvdb::Mode::exclusive, .wait = std::chrono::seconds(10)});
+    auto table = database.table("notes");
+    change(table);
+  }
+  void add(uint64_t id) {
+    change([id](qvdb::Table& table) { table.add_with_id(qvdb::Id{id}, "added"); });
+  }
+
+  void makeDatabase(uint64_t records) {
+    auto database = qvdb::Database::create(path());
+    auto table = database.add_table("notes");
+    for (uint64_t i = 1; i <= records; ++i) table.add_with_id(qvdb::Id{i}, std::string(40, 'x'));
+  }
+
+  // Puts another file in the place of the database, as another process does.
+  void replaceBy(const std::string& other) { std::filesystem::rename(path(other), path()); }
+  void compact() {
+    qvdb::compact(path(), path("compacted"));
+    replaceBy("compacted");
+  }
+
+  pid_t tool_ = 0;
+  Outcome outcome_;
+};
+
+TEST_F(ToolFollow, ListsWhatIsThereAndWhatIsAdded) {
+  makeDatabase(2);
+  follow({}, [&] {
+    expectListed({1, 2});
+    add(3);
+    expectListed({1, 2, 3});
+    change([](qvdb::Table& table) {
+      auto bulk = table.appender();
+      for (uint64_t i = 4; i <= 6; ++i) bulk.add(qvdb::NewRecord("x", 0, qvdb::Id{i}));
+      bulk.finish();
+    });
+    expectListed({1, 2, 3, 4, 5, 6});
+  });
+  expectEndedByCtrlC();
+}
+
+TEST_F(ToolFollow, BeginsWithTheEndOfTheListWhereThatIsWanted) {
+  makeDatabase(5);
+  follow({"--last", "2"}, [&] {
+    expectListed({4, 5});
+    add(6);
+    expectListed({4, 5, 6});
+  });
+  expectEndedByCtrlC();
+}
+
+TEST_F(ToolFollow, ListsTheFirstRecordsOfAnEmptyTable) {
+  makeDatabase(0);
+  follow({"--limit", "2"}, [&] {
+    add(1);
+    add(2);
+    expectListed({1, 2});
+  });
+  expectEndedByCtrlC();
+}
+
+TEST_F(ToolFollow, EndsAtALimit) {
+  makeDatabase(3);
+  EXPECT_EQ(run({"records", "--follow", "--limit", "3", kDefaultFile, "notes"}).status, 0);
+  const Outcome outcome =
+      run({"records", "--follow", "--limit", "2", "--last", "2", kDefaultFile, "notes"});
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  EXPECT_NE(outcome.out.find("CAPACITY"), std::string::npos);
+  EXPECT_NE(outcome.out.find(idText(3)), std::string::npos);
+  EXPECT_EQ(outcome.out.find(idText(1)), std::string::npos);
+}
+
+TEST_F(ToolFollow, GoesOnWhenTheRecordThatItSawLastIsDeleted) {
+  makeDatabase(3);
+  follow({}, [&] {
+    expectListed({1, 2, 3});
+    change([](qvdb::Table& table) {
+      table.remove(qvdb::Id{3});
+      table.add_with_id(qvdb::Id{4}, "x");
+    });
+    expectListed({1, 2, 3, 4});
+    change([](qvdb::Table& table) {
+      table.remove(qvdb::Id{4});
+      table.remove(qvdb::Id{2});
+      table.remove(qvdb::Id{1});
+    });
+    change([](qvdb::Table& table) {
+      table.add_with_id(qvdb::Id{5}, "x");
+      table.add_with_id(qvdb::Id{6}, "x");
+      table.remove(qvdb::Id{5});
+      table.add_with_id(qvdb::Id{7}, "x");
+    });
+    expectListed({1, 2, 3, 4, 6, 7});
+  });
+  expectEndedByCtrlC();
+}
+
+// A change is no addition, also where it moves the record that was seen last.
+TEST_F(ToolFollow, ListsNoChangesAndNoDeletions) {
+  makeDatabase(3);
+  follow({}, [&] {
+    expectListed({1, 2, 3});
+    change([](qvdb::Table& table) { table.modify(qvdb::Id{3}, std::string(500, 'm')); });
+    change([](qvdb::Table& table) { table.remove(qvdb::Id{2}); });
+    add(4);
+    expectListed({1, 2, 3, 4});
+  });
+  expectEndedByCtrlC();
+}
+
+TEST_F(ToolFollow, GoesOnAfterACompaction) {
+  makeDatabase(4);
+  change([](qvdb::Table& table) { table.remove(qvdb::Id{2}); });
+  follow({}, [&] {
+    expectListed({1, 3, 4});
+    compact();
+    add(5);
+    expectListed({1, 3, 4, 5});
+    // The record that was seen last is gone from the new file, and so are the counts of the old.
+    change([](qvdb::Table& table) {
+      table.remove(qvdb::Id{5});
+      table.add_with_id(qvdb::Id{6}, "x");
+    });
+    compact();
+    expectListed({1, 3, 4, 5, 6});
+    ASSERT_EQ(run({"compact", kDefaultFile}).status, 0);
+    add(7);
+    expectListed({1, 3, 4, 5, 6, 7});
+  });
+  expectEndedByCtrlC();
+}
+
+TEST_F(ToolFollow, ListsAllOfATableThatIsNewInTheFile) {
+  makeDatabase(2);
+  follow({}, [&] {
+    expectListed({1, 2});
+    {
+      auto database = qvdb::Database::create(path("new"));
+      auto table = database.add_table("notes");
+      table.add_with_id(qvdb::Id{1}, "another record of that number");
+      table.add_with_id(qvdb::Id{8}, "x");
+    }
+    replaceBy("new");
+    expectListed({1, 2, 1, 8});
+  });
+  expectEndedByCtrlC();
+}
+
+TEST_F(ToolFollow, WaitsForAFileThatWasRemoved) {
+  makeDatabase(2);
+  follow({}, [&] {
+    expectListed({1, 2});
+    std::filesystem::rename(path(), path("elsewhere"));
+    pause();
+    {
+      auto database = qvdb::Database::open(path("elsewhere"), qvdb::Mode::exclusive);
+      database.table("notes").add_with_id(qvdb::Id{3}, "x");
+    }
+    replaceBy("elsewhere");
+    expectListed({1, 2, 3});
+  });
+  EXPECT_EQ(outcome_.status, 0) << outcome_;
+  // It may not have looked while there was no file.
+  if (!outcome_.err.empty()) expectOneLine(outcome_.err, {"was removed; waiting for a new one"});
+}
+
+TEST_F(ToolFollow, FailsWhenTheTableIsNotInTheNewFile) {
+  makeDatabase(2);
+  follow({}, [&] {
+    expectListed({1, 2});
+    qvdb::Database::create(path("new")).add_table("others");
+    replaceBy("new");
+    while (!hasEnded()) pause();
+  });
+  EXPECT_EQ(outcome_.status, 1) << outcome_;
+  expectOneLine(outcome_.err, {"notes", "table"});
+}
+
+// Of a pipe whose reader has gone: nothing is added that could not be written.
+TEST_F(ToolFollow, EndsWhenItsOutputHasNoReader) {
+  makeDatabase(1);
+  ProgramCall call = callOf({"records", "--follow", "--last", "0", kDefaultFile, "notes"});
+  call.closesOutput = true;
+  const Outcome outcome = runProgram(call);
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(ToolFollow, MissesNothingThatAWriterAddsAllTheTime) {
+  makeDatabase(0);
+  constexpr uint64_t kRecords = 2000;
+  follow({}, [&] {
+    change([](qvdb::Table& table) {
+      for (uint64_t i = 1; i <= kRecords; ++i) {
+        table.add_with_id(qvdb::Id{i}, std::string(i % 300, 'x'));
+        if (i > 5) table.remove(qvdb::Id{i - 5});
+      }
+    });
+    const std::string newest = idText(kRecords);
+    while (listed().empty() || listed().back() != newest) pause();
+  });
+  expectEndedByCtrlC();
+  const Words ids = listed();
+  EXPECT_TRUE(std::adjacent_find(ids.begin(), ids.end(), std::greater_equal<>()) == ids.end());
+  // Those that are still in the table.
+  for (uint64_t i = kRecords - 4; i <= kRecords; ++i) {
+    EXPECT_EQ(std::count(ids.begin(), ids.end(), idText(i)), 1) << i;
+  }
+}
+
+}  // namespace
+}  // namespace qvdbase::test
