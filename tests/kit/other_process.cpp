@@ -44,6 +44,8 @@ struct OtherProcess::Command {
   Order order;
   int number = 0;  // of a file, or the permission
   uint32_t size = 0;
+  platform::LockByte byte = {};
+  platform::Sharing strength = {};
   QVWCHAR path[2048] = {};
   char bytes[4096] = {};
 
@@ -100,6 +102,16 @@ int OtherProcess::carryOut(const Command& command) {
       return file.QVWriteFile(handle, command.bytes, command.size, &moved);
     case Order::close:
       return file.QVCloseFile(handle);
+    case Order::takeByte:
+      return static_cast<int>(platform::takeLockByte(handle, command.byte, command.strength));
+    case Order::releaseByte:
+      platform::releaseLockByte(handle, command.byte, command.strength);
+      return 1;
+    case Order::announce:
+      return platform::announceReader(handle) ? 1 : 0;
+    case Order::withdraw:
+      platform::withdrawReader(handle);
+      return 1;
   }
   return -1;
 }
@@ -143,6 +155,28 @@ int OtherProcess::write(int file, const std::string& bytes) {
 
 int OtherProcess::close(int file) {
   return order(Command(Order::close, file));
+}
+
+int OtherProcess::takeByte(int file, platform::LockByte byte, platform::Sharing strength) {
+  Command command(Order::takeByte, file);
+  command.byte = byte;
+  command.strength = strength;
+  return order(command);
+}
+
+int OtherProcess::releaseByte(int file, platform::LockByte byte, platform::Sharing strength) {
+  Command command(Order::releaseByte, file);
+  command.byte = byte;
+  command.strength = strength;
+  return order(command);
+}
+
+int OtherProcess::announce(int file) {
+  return order(Command(Order::announce, file));
+}
+
+int OtherProcess::withdraw(int file) {
+  return order(Command(Order::withdraw, file));
 }
 
 }  // namespace qvdbase::test

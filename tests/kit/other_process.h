@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/handles/lock_bytes.h"
+
 namespace qvdbase::test {
 
 class OtherProcess {
@@ -34,12 +36,28 @@ class OtherProcess {
   int write(int file, const std::string& bytes);
   // QVCloseFile there. Returns its result.
   int close(int file);
+  // Take and give up a lock on a byte after the file there; announce and withdraw a reader. The
+  // result is the outcome's number.
+  int takeByte(int file, platform::LockByte byte, platform::Sharing strength);
+  int releaseByte(int file, platform::LockByte byte, platform::Sharing strength);
+  int announce(int file);
+  int withdraw(int file);
 
   // Ends it at once, wherever it is, and waits until it is gone.
   void kill();
 
  private:
-  enum class Order : int { open, create, empty, write, close };
+  enum class Order : int {
+    open,
+    create,
+    empty,
+    write,
+    close,
+    takeByte,
+    releaseByte,
+    announce,
+    withdraw
+  };
   struct Command;
 
   static int carryOut(const Command& command);

@@ -89,6 +89,7 @@ std::string shown(T value) {
 TEST(LayerWords, AreWrittenToStreams) {
   EXPECT_EQ(shown(Id{0x1f}), "0x000000000000001f");
   EXPECT_EQ(shown(Reason::appender_open), "an appender is open");
+  EXPECT_EQ(shown(Reason::changed_meanwhile), "changed meanwhile");
   EXPECT_EQ(shown(qvdb::Severity::warning), "warning");
 }
 

@@ -56,6 +56,7 @@ constexpr Advice kAdvice[] = {
      "'qvdb records' lists the records, 'qvdb history' the versions of one"},
     {Reason::empty_payload, "'qvdb rm' deletes a record"},
     {Reason::disk_full, "free some space and try again"},
+    {Reason::changed_meanwhile, "try again"},
 };
 
 std::string generalAdviceFor(Reason reason) {

@@ -66,7 +66,9 @@ enum class Reason {
   // What the file holds again
   damaged,  // the operation would lose more than dead space; qvdb::check says what
 
-  changed_meanwhile,  // what the caller holds is of an earlier state of the file: find it again
+  // What the caller holds is of an earlier state of the file: find it again. Or another process
+  // changed the file again and again while it was read: do it again. Nothing is known to be damaged.
+  changed_meanwhile,
 };
 
 // The reason in a few words, for example "no such file".

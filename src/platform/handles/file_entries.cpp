@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <new>
 
+#include "platform/handles/lock_bytes.h"
 #include "platform/host/memory.h"
 #include "platform/host/system_calls.h"
 
@@ -132,8 +133,9 @@ bool reopenWithLock(const Directory& directory, const EntryName& name, const Fil
   struct stat status = {};
   const int descriptor = openRegularFile(directory, name, O_RDWR, &status);
   if (descriptor < 0) return false;
-  const bool replaced = status.st_dev == entry.device && status.st_ino == entry.inode &&
-                        setFileLock(descriptor, strongestNeed(entry)) &&
+  const bool isSame = status.st_dev == entry.device && status.st_ino == entry.inode;
+  if (isSame) carryAnnouncement(entry, descriptor);
+  const bool replaced = isSame && setFileLock(descriptor, strongestNeed(entry)) &&
                         systemCalls().replaceDescriptor(descriptor, entry.readWrite) >= 0;
   closeDescriptor(descriptor);
   return replaced;

@@ -36,6 +36,14 @@ enum class Sharing : uint8_t {
 
 struct SurplusDescriptor;
 
+// What this process holds of the bytes after the file; see lock_bytes.h.
+struct LockBytesHeld {
+  uint32_t announced;     // openers that have announced themselves as readers
+  int announcedOn;        // the descriptor of their lock
+  ProcessMark announcer;  // who took it
+  const void* turnOwner;  // the writer here that has the turn of shared writers, or null
+};
+
 struct FileEntry {
   dev_t device;
   ino_t inode;
@@ -47,6 +55,7 @@ struct FileEntry {
   uint32_t exclusiveOpeners;
   Sharing lock;        // the lock that is held
   ProcessMark locker;  // who opened readWrite, to which the lock belongs
+  LockBytesHeld lockBytes;
   FileEntry* next;
 };
 

@@ -1,0 +1,123 @@
+// Locks on the bytes after every file.
+#include "platform/handles/lock_bytes.h"
+
+#include "platform/handles/open_files.h"
+#include "platform/host/system_calls.h"
+
+namespace qvdbase::platform {
+namespace {
+
+struct flock lockOf(LockByte byte, short type) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = kFirstLockByte + static_cast<int64_t>(byte);
+  lock.l_len = 1;
+  return lock;
+}
+
+LockOutcome setLock(int descriptor, LockByte byte, short type) {
+  struct flock lock = lockOf(byte, type);
+  if (uninterrupted([&] { return systemCalls().setLock(descriptor, &lock); }) == 0) {
+    return LockOutcome::taken;
+  }
+  return errno == EACCES || errno == EAGAIN ? LockOutcome::refused : LockOutcome::impossible;
+}
+
+// Shared locks are on the descriptor for reading only where there is one: it stays as long as the
+// entry, while the other may come and be replaced. So a lock is given up where it was taken.
+int descriptorFor(const FileEntry& entry, Sharing strength) {
+  if (strength == Sharing::exclusive || entry.readOnly < 0) return entry.readWrite;
+  return entry.readOnly;
+}
+
+// Whether another opener holds a lock that conflicts with this one.
+bool isHeld(const OpenFile& file, struct flock lock) {
+  const int descriptor = descriptorOf(*file.entry);
+  if (uninterrupted([&] { return systemCalls().findLock(descriptor, &lock); }) != 0) return true;
+  return lock.l_type != F_UNLCK;
+}
+
+}  // namespace
+
+LockOutcome takeLockByte(int16_t file, LockByte byte, Sharing strength) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return LockOutcome::impossible;
+  const short type = strength == Sharing::exclusive ? F_WRLCK : F_RDLCK;
+  return setLock(descriptorFor(*openFile->entry, strength), byte, type);
+}
+
+void releaseLockByte(int16_t file, LockByte byte, Sharing strength) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile != nullptr) setLock(descriptorFor(*openFile->entry, strength), byte, F_UNLCK);
+}
+
+bool isLockByteHeld(int16_t file, LockByte byte) {
+  const OpenFile* openFile = findOpenFile(file);
+  return openFile != nullptr && isHeld(*openFile, lockOf(byte, F_WRLCK));
+}
+
+bool isLockByteHeldExclusively(int16_t file, LockByte byte) {
+  const OpenFile* openFile = findOpenFile(file);
+  return openFile != nullptr && isHeld(*openFile, lockOf(byte, F_RDLCK));
+}
+
+bool announceReader(int16_t file) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return false;
+  FileEntry& entry = *openFile->entry;
+  LockBytesHeld& held = entry.lockBytes;
+  if (held.announced == 0) {
+    held.announcedOn = descriptorFor(entry, Sharing::shared);
+    held.announcer = ProcessMark();
+    if (setLock(held.announcedOn, LockByte::reader, F_RDLCK) != LockOutcome::taken) return false;
+  }
+  ++held.announced;
+  return true;
+}
+
+// A lock that another process may hold together with this one goes with the last descriptor.
+void withdrawReader(int16_t file) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr || openFile->entry->lockBytes.announced == 0) return;
+  const LockBytesHeld& held = openFile->entry->lockBytes;
+  if (--openFile->entry->lockBytes.announced > 0 || held.announcer.maybeShared()) return;
+  setLock(held.announcedOn, LockByte::reader, F_UNLCK);
+}
+
+void renewAnnouncement(int16_t file) {
+  if (locksPassToChildren()) return;
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr || openFile->entry->lockBytes.announced == 0) return;
+  setLock(openFile->entry->lockBytes.announcedOn, LockByte::reader, F_RDLCK);
+}
+
+void carryAnnouncement(const FileEntry& entry, int descriptor) {
+  if (entry.lockBytes.announced == 0 || entry.lockBytes.announcedOn != entry.readWrite) return;
+  setLock(descriptor, LockByte::reader, F_RDLCK);
+}
+
+bool isOpenForWritingElsewhere(int16_t file) {
+  const OpenFile* openFile = findOpenFile(file);
+  return openFile != nullptr && openFile->entry->exclusiveOpeners == 0 &&
+         isHeld(*openFile, fileLock(Sharing::exclusive));
+}
+
+LockOutcome takeWritersTurn(int16_t file, const void* owner) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return LockOutcome::impossible;
+  const void*& present = openFile->entry->lockBytes.turnOwner;
+  if (present != nullptr) return present == owner ? LockOutcome::taken : LockOutcome::refused;
+  const LockOutcome outcome = takeLockByte(file, LockByte::turn, Sharing::exclusive);
+  if (outcome == LockOutcome::taken) present = owner;
+  return outcome;
+}
+
+void releaseWritersTurn(int16_t file, const void* owner) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr || openFile->entry->lockBytes.turnOwner != owner) return;
+  openFile->entry->lockBytes.turnOwner = nullptr;
+  releaseLockByte(file, LockByte::turn, Sharing::exclusive);
+}
+
+}  // namespace qvdbase::platform
