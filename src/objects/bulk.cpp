@@ -10,6 +10,7 @@
 #include "objects/chain_ends.h"
 #include "objects/records.h"
 #include "objects/table_index.h"
+#include "objects/turns.h"
 #include "platform/host/clock.h"
 
 using namespace qvdbase;
@@ -20,6 +21,17 @@ std::shared_ptr<Bulk> Bulk::open(const std::shared_ptr<OpenDatabase>& database, 
   const Operation operation(database, kAppend);
   operation.requireWritable();
   operation.requireNoBulk();
+  beginBatchTurn(operation);
+  try {
+    return begin(operation, database, table);
+  } catch (...) {
+    endBatchTurn(*database);
+    throw;
+  }
+}
+
+std::shared_ptr<Bulk> Bulk::begin(const Operation& operation,
+                                  const std::shared_ptr<OpenDatabase>& database, Id table) {
   engine::SavedPosition scope(operation.db());
   auto bulk = std::make_shared<Bulk>(database, operation.table(table));
   const char* problem = problemAtEnd(operation.db(), bulk->batch.table().slot);
@@ -63,14 +75,20 @@ engine::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id> 
 
 // After many records the index is rebuilt when it is next used: that costs less than noting each.
 void Bulk::finish(const Operation& operation) {
-  engine::SavedPosition scope(operation.db());
-  ++database->changes;
-  if (!batch.writeOut() || !batch.finish()) failed(operation, 1);
+  link(operation);
   state = State::finished;
   database->bulk = nullptr;
+  endBatchTurn(*database);
   const tablePart1& slot = batch.table().slot;
   if (batch.taken() == 1) return noteAdded(*database, slot, latest, slot.lastRecordPos);
   markIndexStale(*database, table);
+}
+
+void Bulk::link(const Operation& operation) {
+  const ChangeTurn turn(operation);
+  engine::SavedPosition scope(operation.db());
+  ++database->changes;
+  if (!batch.writeOut() || !batch.finish()) failed(operation, 1);
 }
 
 void Bulk::discard() noexcept {
@@ -78,8 +96,11 @@ void Bulk::discard() noexcept {
   state = State::discarded;
   database->bulk = nullptr;
   if (!ownsFile()) return;
-  engine::SavedPosition scope(database->handle);
-  batch.discard();
+  {
+    engine::SavedPosition scope(database->handle);
+    batch.discard();
+  }
+  endBatchTurn(*database);
 }
 
 void Bulk::dropRecord() noexcept {

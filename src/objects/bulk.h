@@ -72,6 +72,11 @@ struct Bulk {
   State state = State::discarded;
   bool inPieces = false;  // a RecordWriter has a record open
   qvdbase::platform::ProcessMark maker;
+
+ private:
+  static std::shared_ptr<Bulk> begin(const Operation& operation,
+                                     const std::shared_ptr<OpenDatabase>& database, Id table);
+  void link(const Operation& operation);
 };
 
 }  // namespace qvdb::detail

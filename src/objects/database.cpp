@@ -17,6 +17,7 @@
 #include "objects/chain_ends.h"
 #include "objects/open_database.h"
 #include "objects/table_index.h"
+#include "objects/turns.h"
 #include "objects/waiting.h"
 #include "platform/handles/current_name.h"
 #include "platform/handles/sync.h"
@@ -167,8 +168,8 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
   return detail::whileInUse(options.wait, [&] {
     Database database =
         options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
-    if (options.check) detail::checkEnds(database);
     database.state_->wait = options.wait;
+    if (options.check) detail::checkEnds(database);
     return database;
   });
 }
@@ -254,6 +255,7 @@ void Database::set_version(uint16_t version) {
     operation.fail(Reason::bad_argument, "a version lies between 100 and 199");
   }
   operation.requireWritable();
+  const detail::ChangeTurn turn(operation);
   if (SetDBaseVersion(operation.db(), version) != 1) operation.failedWrite(0);
 }
 

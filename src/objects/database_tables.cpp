@@ -13,6 +13,7 @@
 #include "format/identifiers.h"
 #include "format/layout.h"
 #include "objects/open_database.h"
+#include "objects/turns.h"
 
 using namespace qvdbase;
 
@@ -120,6 +121,7 @@ Table Database::add_table(std::string_view name) {
   }
   operation.about(name);
   operation.requireWritable();
+  const detail::ChangeTurn turn(operation);
   requireFreeSlot(operation);
   const uint64_t id = AddTable(operation.db(), std::string(name).c_str());
   if (id != 0) return Table(state_, Id{id}, std::string(name));

@@ -4,6 +4,7 @@
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdint>
@@ -40,7 +41,8 @@ struct OpenDatabase {
   std::filesystem::path path;
   std::filesystem::path place;  // the same, absolute
   Mode mode = Mode::read_only;
-  std::chrono::milliseconds wait{0};  // for a file that is in use
+  // For a file that is in use, and for a turn among its openers, there 0 is five seconds.
+  std::chrono::milliseconds wait{0};
   // Counts how often it was opened again: positions that were found before are of another file.
   uint32_t opening = 0;
   // Counts the operations of this layer that can have changed the chains. A walk that finds it
@@ -58,6 +60,12 @@ struct OpenDatabase {
   // Reports a change to the walks: those that it does not concern keep what they have read ahead.
   // To be called once after each raise of `changes`.
   void noteChange(const RecordChange& change);
+
+  // How long an operation waits for its turn, in microseconds.
+  uint64_t turnWait() const {
+    const int64_t milliseconds = wait.count() > 0 ? wait.count() : 5'000;
+    return static_cast<uint64_t>(std::min(milliseconds, INT64_MAX / 1'000)) * 1'000;
+  }
 
   // To be called before the handle is closed: discards the batch that is open.
   void discardBulk() noexcept;

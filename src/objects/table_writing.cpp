@@ -17,6 +17,7 @@
 #include "objects/record_search.h"
 #include "objects/records.h"
 #include "objects/table_index.h"
+#include "objects/turns.h"
 
 using namespace qvdbase;
 
@@ -87,6 +88,7 @@ Id addRecord(const Operation& operation, Id table, std::optional<Id> record, Byt
   operation.requireWritable();
   operation.requireNoBulk();
   if (record) operation.requireIdentifier(*record);
+  const detail::ChangeTurn turn(operation);
   unsigned char recordID[format::kIdentifierSize];
   if (record) internal_ConvertInt64_2UuID(record->value, recordID);
   detail::OpenDatabase& database = operation.database();
@@ -123,6 +125,7 @@ template <typename Whom, typename Change>
 bool changeRecord(const Operation& operation, Id table, const Whom& whom, uint64_t length,
                   const Change& change) {
   operation.requireWritable();
+  const detail::ChangeTurn turn(operation);
   FoundRecord found;
   int64_t blockPos = 0;
   {

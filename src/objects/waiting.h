@@ -1,4 +1,4 @@
-// Trying again while a database is in use.
+// Trying again while a database, or a part of it, is in use.
 #pragma once
 
 #include <qvdbase/qvdb/error.hpp>
@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 
+#include "platform/handles/lock_bytes.h"
 #include "platform/host/clock.h"
 
 namespace qvdb::detail {
@@ -30,6 +31,23 @@ auto whileInUse(std::chrono::milliseconds wait, Attempt attempt) {
       if (error.reason() != Reason::in_use || passed >= length) throw;
       qvdbase::platform::pauseFor(std::min(kPauseMicroseconds, length - passed));
     }
+  }
+}
+
+// Calls `attempt` until a lock is no longer refused, with pauses that grow and add up to this time.
+// Returns its last outcome.
+template <typename Attempt>
+qvdbase::platform::LockOutcome whileRefused(uint64_t microseconds, Attempt attempt) {
+  constexpr uint64_t kFirstPause = 20;
+  constexpr uint64_t kLongestPause = 1'000;
+  uint64_t pause = kFirstPause;
+  for (uint64_t waited = 0;; waited += pause) {
+    const qvdbase::platform::LockOutcome outcome = attempt();
+    if (outcome != qvdbase::platform::LockOutcome::refused || waited >= microseconds) {
+      return outcome;
+    }
+    if (waited > 0) pause = std::min(pause * 2, kLongestPause);
+    qvdbase::platform::pauseFor(pause);
   }
 }
 

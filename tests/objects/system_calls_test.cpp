@@ -110,14 +110,14 @@ TEST_F(SystemCallsTest, AnUpdateInPlaceIsOneWrite) {
             "limit read read write");
 }
 
-// ---- the C++ layer ----
+// ---- the C++ layer: each operation that writes asks once whether readers are there ----
 
-TEST_F(SystemCallsTest, AnAppendOfTheLayerIsThatOfTheCInterface) {
+TEST_F(SystemCallsTest, AnAppendOfTheLayerIsThatOfTheCInterfaceAfterOneQuestion) {
   EXPECT_EQ(callsOf([&] { table_->add(span(payload_)); }),
-            "limit read length write read write write");
+            "limit findLock read length write read write write");
   const qvdb::RecordIndex index = table_->index();
   EXPECT_EQ(callsOf([&] { table_->add(span(payload_)); }),
-            "limit read length write read write write");
+            "limit findLock read length write read write write");
 }
 
 TEST_F(SystemCallsTest, ALookupByIndexIsOneReadWithThePayload) {
@@ -133,23 +133,25 @@ TEST_F(SystemCallsTest, ThatARecordIsAbsentByIndexIsOneRead) {
   EXPECT_EQ(callsOf([&] { table_->find(qvdb::Id{1}); }), "read");
 }
 
-TEST_F(SystemCallsTest, AnUpdateByIndexIsOneReadAndOneWrite) {
+TEST_F(SystemCallsTest, AnUpdateByIndexIsOneQuestionOneReadAndOneWrite) {
   const qvdb::RecordIndex index = table_->index();
-  EXPECT_EQ(callsOf([&] { table_->modify(middle(), span(payload_)); }), "limit read write");
-  EXPECT_EQ(callsOf([&] { table_->touch(middle()); }), "limit read write");
+  EXPECT_EQ(callsOf([&] { table_->modify(middle(), span(payload_)); }),
+            "limit findLock read write");
+  EXPECT_EQ(callsOf([&] { table_->touch(middle()); }), "limit findLock read write");
 }
 
 // The record with its neighbours, the slot; the block, the links of predecessor and successor.
 TEST_F(SystemCallsTest, AGrowingUpdateByIndexIsTwoReadsAndThreeWrites) {
   const qvdb::RecordIndex index = table_->index();
   EXPECT_EQ(callsOf([&] { table_->modify(middle(), span(larger_)); }),
-            "limit read read length write write write");
+            "limit findLock read read length write write write");
 }
 
 // The record with its neighbours, the slot; both links, the slot.
 TEST_F(SystemCallsTest, ADeletionByIndexIsTwoReadsAndThreeWrites) {
   const qvdb::RecordIndex index = table_->index();
-  EXPECT_EQ(callsOf([&] { table_->remove(middle()); }), "limit read read write write write");
+  EXPECT_EQ(callsOf([&] { table_->remove(middle()); }),
+            "limit findLock read read write write write");
 }
 
 // Blocks in pieces of 256 KiB; 4,000 of them are 624,000 bytes, so there are three pieces. Each is
@@ -166,7 +168,8 @@ TEST_F(SystemCallsTest, ABatchIsAWriteForEachPiece) {
             }),
             "limit limit limit limit "
             "read read read read length "
-            "length write length write write length write write "
+            "length write length write write "
+            "findLock length write write "
             "read read write write");
 }
 

@@ -67,7 +67,8 @@ enum class Reason {
   damaged,  // the operation would lose more than dead space; qvdb::check says what
 
   // What the caller holds is of an earlier state of the file: find it again. Or another process
-  // changed the file again and again while it was read: do it again. Nothing is known to be damaged.
+  // changed the file again and again while it was read: do it again. Nothing is known to be
+  // damaged.
   changed_meanwhile,
 };
 

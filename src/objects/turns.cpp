@@ -1,0 +1,92 @@
+// Taking turns with the other openers of a database.
+#include "objects/turns.h"
+
+#include <algorithm>
+
+#include "QVDbase/directory_cache.h"
+#include "objects/waiting.h"
+#include "platform/handles/lock_bytes.h"
+#include "platform/handles/open_files.h"
+
+using namespace qvdbase;
+
+namespace qvdb::detail {
+namespace {
+
+using platform::LockByte;
+using platform::LockOutcome;
+using platform::Sharing;
+
+bool isSharedWriter(int16_t db) {
+  const auto* file = platform::findOpenFile(db);
+  return file != nullptr && file->sharing == Sharing::shared;
+}
+
+// Where locks do not work, opening for writing has failed; whatever refuses them later must not
+// stop the writers.
+void takeTurn(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  const LockOutcome outcome = whileRefused(
+      database.turnWait(), [&] { return platform::takeWritersTurn(database.handle, &database); });
+  if (outcome == LockOutcome::refused) {
+    operation.fail(Reason::in_use,
+                   "another writer that shares it is in the middle of an operation, or has an "
+                   "appender or a writer open");
+  }
+  engine::dropDirectoryEntry(database.handle);
+}
+
+LockOutcome takeChange(int16_t db) {
+  return platform::takeLockByte(db, LockByte::change, Sharing::exclusive);
+}
+
+// A stream of readers, each of whom looks for a moment, must not keep a writer out for ever.
+LockOutcome takeChangeThroughGate(const OpenDatabase& database) {
+  const int16_t db = database.handle;
+  const LockOutcome atGate = whileRefused(database.turnWait(), [db] {
+    return platform::takeLockByte(db, LockByte::gate, Sharing::exclusive);
+  });
+  const LockOutcome outcome = whileRefused(database.turnWait(), [db] { return takeChange(db); });
+  if (atGate == LockOutcome::taken) {
+    platform::releaseLockByte(db, LockByte::gate, Sharing::exclusive);
+  }
+  return outcome;
+}
+
+}  // namespace
+
+ChangeTurn::ChangeTurn(const Operation& operation) : database_(operation.database()) {
+  const int16_t db = database_.handle;
+  if (isSharedWriter(db) && database_.bulk == nullptr) {
+    takeTurn(operation);
+    hasTurn_ = true;
+  }
+  if (platform::isLockByteHeld(db, LockByte::reader)) keepReadersOut(operation);
+}
+
+// The destructor does not run when the constructor throws.
+void ChangeTurn::keepReadersOut(const Operation& operation) {
+  LockOutcome outcome = takeChange(database_.handle);
+  if (outcome == LockOutcome::refused) outcome = takeChangeThroughGate(database_);
+  holdsOff_ = outcome == LockOutcome::taken;
+  if (outcome != LockOutcome::refused) return;
+  if (hasTurn_) platform::releaseWritersTurn(database_.handle, &database_);
+  operation.fail(Reason::in_use, "a reader in another process does not come to an end");
+}
+
+ChangeTurn::~ChangeTurn() {
+  if (holdsOff_) {
+    platform::releaseLockByte(database_.handle, LockByte::change, Sharing::exclusive);
+  }
+  if (hasTurn_) platform::releaseWritersTurn(database_.handle, &database_);
+}
+
+void beginBatchTurn(const Operation& operation) {
+  if (isSharedWriter(operation.db())) takeTurn(operation);
+}
+
+void endBatchTurn(OpenDatabase& database) noexcept {
+  platform::releaseWritersTurn(database.handle, &database);
+}
+
+}  // namespace qvdb::detail

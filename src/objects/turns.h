@@ -1,0 +1,42 @@
+// Taking turns with the other openers of a database: see platform/handles/lock_bytes.h.
+//
+// A writer that is alone pays one question to the system for each operation: whether a reader has
+// announced itself. Only then it locks what it changes; and only writers that share the database
+// have turns to take.
+//
+// Waiting is trying again, with pauses that grow: the system can wait for a lock only without a
+// limit in time. Locks are taken in the order turn, gate, change.
+#pragma once
+
+#include <cstdint>
+
+#include "objects/open_database.h"
+
+namespace qvdb::detail {
+
+// The turn of one operation that changes the file; it lasts until the object ends, which has to be
+// after the end of the operation's transfers. Also within an open batch, which has the turn
+// already.
+class ChangeTurn {
+ public:
+  // Throws in_use when it cannot be obtained within the time that the database waits. In a database
+  // that others share, the directory is read afresh after it.
+  explicit ChangeTurn(const Operation& operation);
+  ~ChangeTurn();
+  ChangeTurn(const ChangeTurn&) = delete;
+  ChangeTurn& operator=(const ChangeTurn&) = delete;
+
+ private:
+  void keepReadersOut(const Operation& operation);
+
+  OpenDatabase& database_;
+  bool hasTurn_ = false;   // of shared writers
+  bool holdsOff_ = false;  // readers
+};
+
+// The turn of a batch, from its beginning until endBatchTurn: nothing unless the database is
+// shared. Throws in_use.
+void beginBatchTurn(const Operation& operation);
+void endBatchTurn(OpenDatabase& database) noexcept;
+
+}  // namespace qvdb::detail

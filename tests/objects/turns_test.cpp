@@ -1,0 +1,308 @@
+// Writers that take turns, and that keep readers out while they change bytes.
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <qvdbase/qvdb.hpp>
+
+#include <array>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kit/forked.h"
+#include "kit/other_process.h"
+#include "kit/recorded_calls.h"
+#include "kit/replaced_calls.h"
+#include "objects/layer_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+using platform::LockByte;
+using platform::LockOutcome;
+using platform::Sharing;
+using qvdb::Mode;
+using qvdb::Reason;
+
+constexpr int kTaken = static_cast<int>(LockOutcome::taken);
+constexpr int kRefused = static_cast<int>(LockOutcome::refused);
+
+// What is done instead of waiting: pauses take no time here.
+class Pauses {
+ public:
+  explicit Pauses(std::function<void()> during = {}) {
+    during_ = std::move(during);
+    microseconds_ = 0;
+    calls_->pause = [](uint64_t length) {
+      microseconds_ += length;
+      if (during_) during_();
+    };
+  }
+  ~Pauses() { during_ = {}; }
+  Pauses(const Pauses&) = delete;
+  Pauses& operator=(const Pauses&) = delete;
+
+  static uint64_t microseconds() { return microseconds_; }
+
+ private:
+  inline static std::function<void()> during_;
+  inline static uint64_t microseconds_ = 0;
+  ReplacedCalls calls_;
+};
+
+// Another process has the database open, and takes the bytes by hand.
+class TurnsTest : public LayerTest {
+ protected:
+  void open(Mode mode) {
+    createDatabase().add_table("t").add("first");
+    there_ = other_.open(folder.wide(kDefaultFile), mode == Mode::shared ? 4 : 1);
+    ASSERT_NE(there_, 0);
+    database_.emplace(openDatabase(mode));
+    table_.emplace(database_->table("t"));
+  }
+
+  int takeThere(LockByte byte, Sharing strength) { return other_.takeByte(there_, byte, strength); }
+  void releaseThere(LockByte byte, Sharing strength) { other_.releaseByte(there_, byte, strength); }
+  // Whether another writer could have its turn now.
+  bool isTurnFree() {
+    if (takeThere(LockByte::turn, Sharing::exclusive) != kTaken) return false;
+    releaseThere(LockByte::turn, Sharing::exclusive);
+    return true;
+  }
+
+  qvdb::Id firstId() const { return qvdb::Id{idsOf(*table_).at(0)}; }
+
+  // Every operation that changes the file.
+  std::vector<std::function<void()>> changes() {
+    const qvdb::Id id = firstId();
+    return {[this] { table_->add("another"); },
+            [this, id] { table_->modify(id, "f"); },
+            [this, id] { table_->write(id, 0, "F"); },
+            [this, id] { table_->touch(id); },
+            [this, id] { table_->modify(id, "much longer than before"); },
+            [this] {
+              table_->append_all(std::vector<std::string>{"a", "b"});
+            },
+            [this] { table_->writer().finish(); },
+            [this] { table_->set_data("data"); },
+            [this] { database_->add_table("second"); },
+            [this] { database_->set_version(100); },
+            [this, id] { table_->remove(id); }};
+  }
+
+  OtherProcess other_;  // before anything is opened here
+  int there_ = 0;
+  std::optional<qvdb::Database> database_;
+  std::optional<qvdb::Table> table_;
+};
+
+TEST_F(TurnsTest, ASharedWriterWaitsForItsTurnFiveSecondsUnlessTheOpenerSaysOtherwise) {
+  open(Mode::shared);
+  ASSERT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);
+  for (const auto& change : changes()) {
+    const Pauses pauses;
+    expectError(Reason::in_use, change);
+    EXPECT_GE(pauses.microseconds(), 5'000'000u);
+    EXPECT_LT(pauses.microseconds(), 5'010'000u);
+  }
+  database_.emplace(
+      qvdb::Database::open(path(), {.mode = Mode::shared, .wait = std::chrono::milliseconds(300)}));
+  const Pauses pauses;
+  expectError(Reason::in_use, [&] { database_->table("t").add("x"); });
+  EXPECT_GE(pauses.microseconds(), 300'000u);
+  EXPECT_LT(pauses.microseconds(), 310'000u);
+}
+
+TEST_F(TurnsTest, ASharedWriterThatIsRefusedChangesNothing) {
+  open(Mode::shared);
+  const std::vector<std::function<void()>> all = changes();
+  ASSERT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);
+  const Bytes before = readFile(path());
+  const Pauses pauses;
+  for (const auto& change : all) expectError(Reason::in_use, change);
+  EXPECT_TRUE(sameBytes(readFile(path()), before));
+  releaseThere(LockByte::turn, Sharing::exclusive);
+  for (const auto& change : all) change();
+  EXPECT_EQ(table_->count(), 4u);
+}
+
+TEST_F(TurnsTest, EachOperationOfASharedWriterIsOneTurn) {
+  open(Mode::shared);
+  for (const auto& change : changes()) {
+    EXPECT_TRUE(isTurnFree());
+    bool wasHeld = false;
+    {
+      RecordedCalls host;
+      host.observe([&](Call call) {
+        if (call == Call::write) wasHeld = wasHeld || !isTurnFree();
+      });
+      change();
+    }
+    EXPECT_TRUE(wasHeld);
+  }
+  EXPECT_TRUE(isTurnFree());
+}
+
+TEST_F(TurnsTest, TheTurnOfAnOperationThatFailsEnds) {
+  open(Mode::shared);
+  {
+    RecordedCalls host;
+    for (const auto& change : changes()) {
+      host.failFrom(Call::write, 0, EIO);
+      EXPECT_THROW(change(), qvdb::Error);
+      host.heal();
+    }
+  }
+  expectError(Reason::bad_argument, [&] { table_->write(firstId(), 99, "x"); });
+  EXPECT_TRUE(isTurnFree());
+}
+
+TEST_F(TurnsTest, AnAppenderHasTheTurnUntilItIsFinishedOrDiscarded) {
+  open(Mode::shared);
+  {
+    qvdb::BulkAppender appender = table_->appender();
+    EXPECT_FALSE(isTurnFree());
+    appender.add(qvdb::NewRecord("a"));
+    table_->touch(firstId());  // the same writer may go on meanwhile
+    EXPECT_FALSE(isTurnFree());
+    appender.finish();
+    EXPECT_TRUE(isTurnFree());
+  }
+  {
+    qvdb::RecordWriter writer = table_->writer();
+    writer.write("in pieces");
+    EXPECT_FALSE(isTurnFree());
+  }
+  EXPECT_TRUE(isTurnFree());
+  const qvdb::BulkAppender open = table_->appender();
+  EXPECT_FALSE(isTurnFree());
+  database_->close();
+  EXPECT_TRUE(isTurnFree());
+}
+
+TEST_F(TurnsTest, TwoSharedWritersOfOneProcessTakeTurnsToo) {
+  open(Mode::shared);
+  qvdb::Database second = openDatabase(Mode::shared);
+  qvdb::Table same = second.table("t");
+  qvdb::BulkAppender appender = table_->appender();
+  appender.add(qvdb::NewRecord("a"));
+  {
+    const Pauses pauses;
+    expectError(Reason::in_use, [&] { same.add("b"); });
+  }
+  appender.finish();
+  same.add("b");
+  table_->add("c");
+  EXPECT_EQ(idsOf(*table_).size(), 4u);
+}
+
+TEST_F(TurnsTest, AWriterThatIsAloneTakesNoLock) {
+  open(Mode::exclusive);
+  for (const auto& change : changes()) {
+    RecordedCalls host;
+    change();
+    EXPECT_EQ(host.count(Call::lock), 0);
+    EXPECT_EQ(host.count(Call::findLock), 1);
+  }
+}
+
+TEST_F(TurnsTest, AWriterKeepsAnnouncedReadersOutWhileItWrites) {
+  open(Mode::exclusive);
+  ASSERT_EQ(other_.announce(there_), 1);
+  for (const auto& change : changes()) {
+    int last = 0;
+    {
+      RecordedCalls host;
+      host.observe([&](Call call) {
+        if (call == Call::write) last = takeThere(LockByte::change, Sharing::shared);
+        if (last == kTaken) releaseThere(LockByte::change, Sharing::shared);
+      });
+      change();
+    }
+    EXPECT_EQ(last, kRefused);
+    EXPECT_EQ(takeThere(LockByte::change, Sharing::shared), kTaken);
+    releaseThere(LockByte::change, Sharing::shared);
+  }
+}
+
+TEST_F(TurnsTest, AWriterWaitsForAReaderWhoLooksAndClosesTheGateMeanwhile) {
+  open(Mode::exclusive);
+  ASSERT_EQ(other_.announce(there_), 1);
+  ASSERT_EQ(takeThere(LockByte::change, Sharing::shared), kTaken);
+  int gate = kTaken;
+  {
+    const Pauses pauses([&] {
+      gate = takeThere(LockByte::gate, Sharing::shared);
+      releaseThere(LockByte::change, Sharing::shared);
+    });
+    table_->add("x");
+  }
+  EXPECT_EQ(gate, kRefused);
+  EXPECT_EQ(takeThere(LockByte::gate, Sharing::shared), kTaken);
+  EXPECT_EQ(table_->count(), 2u);
+}
+
+TEST_F(TurnsTest, AWriterGivesUpWhenAReaderNeverEndsItsLook) {
+  open(Mode::exclusive);
+  ASSERT_EQ(other_.announce(there_), 1);
+  const std::vector<std::function<void()>> all = changes();
+  ASSERT_EQ(takeThere(LockByte::change, Sharing::shared), kTaken);
+  const Pauses pauses;
+  for (const auto& change : all) expectError(Reason::in_use, change);
+  EXPECT_EQ(takeThere(LockByte::gate, Sharing::shared), kTaken);
+}
+
+// Another process: adds records in each of the ways, and a table of its own. Prints what was
+// acknowledged, each identifier in 8 bytes.
+int addInTurns(const std::filesystem::path& path, const std::string& name, int rounds, int out) {
+  qvdb::Database database = qvdb::Database::open(path, Mode::shared);
+  qvdb::Table table = database.table("t");
+  qvdb::Table own = database.add_table(name);
+  for (int i = 0; i < rounds; ++i) {
+    std::vector<uint64_t> added = {table.add("single").value};
+    qvdb::BulkAppender appender = table.appender();
+    for (int k = 0; k < 3; ++k) added.push_back(appender.add(qvdb::NewRecord("batch")).value);
+    appender.finish();
+    const qvdb::Id passing = own.add("passing");
+    own.add("staying");
+    table.modify(qvdb::Id{added[1]}, "longer than it was before");
+    if (!own.remove(passing)) return 2;
+    const auto size = static_cast<ssize_t>(added.size() * sizeof added[0]);
+    if (::write(out, added.data(), static_cast<size_t>(size)) != size) return 1;
+  }
+  return 0;
+}
+
+std::set<uint64_t> readIds(int in) {
+  std::set<uint64_t> ids;
+  uint64_t id = 0;
+  while (::read(in, &id, sizeof id) == sizeof id) ids.insert(id);
+  return ids;
+}
+
+TEST_F(LayerTest, ThreeProcessesThatShareADatabaseLoseNothing) {
+  constexpr int kRounds = 150;
+  const std::array<std::string, 3> names = {"a", "b", "c"};
+  int acknowledged[2];
+  ASSERT_EQ(::pipe(acknowledged), 0);
+  std::vector<ForkedLater> writers;
+  for (const std::string& name : names) {
+    writers.emplace_back([&] { return addInTurns(path(), name, kRounds, acknowledged[1]); });
+  }
+  createDatabase().add_table("t");
+  for (ForkedLater& writer : writers) writer.begin();
+  ::close(acknowledged[1]);
+  const std::set<uint64_t> expected = readIds(acknowledged[0]);
+  ::close(acknowledged[0]);
+  for (ForkedLater& writer : writers) EXPECT_EQ(writer.end(), 0);
+  const qvdb::Database database = openDatabase();
+  const std::vector<uint64_t> found = idsOf(database.table("t"));
+  EXPECT_EQ(found.size(), 4u * kRounds * names.size());
+  EXPECT_EQ(std::set<uint64_t>(found.begin(), found.end()), expected);
+  for (const std::string& name : names) {
+    EXPECT_EQ(idsOf(database.table(name)).size(), static_cast<size_t>(kRounds)) << name;
+  }
+}
+
+}  // namespace
+}  // namespace qvdbase::test
