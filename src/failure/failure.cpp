@@ -35,7 +35,9 @@ Cause causeOf(OpenFailure failure) {
     case OpenFailure::readOnlyVolume:
       return {Reason::read_only_file_system, "it is on a read-only file system"};
     case OpenFailure::inUse:
-      return {Reason::in_use, "it is in use"};
+      return {Reason::in_use, "another process is writing to it"};
+    case OpenFailure::isRunning:
+      return {Reason::in_use, "it is a program that is running"};
     case OpenFailure::cannotLock:
       return {Reason::cannot_lock, "its file system does not lock files"};
     case OpenFailure::tooManyOpen:
@@ -78,6 +80,12 @@ std::string withSystemsWords(const Cause& cause, const std::error_code& code) {
              std::move(details));
 }
 
+ErrorDetails withCode(const std::error_code& code) {
+  ErrorDetails details;
+  details.system_code = code;
+  return details;
+}
+
 }  // namespace
 
 void throwError(const std::filesystem::path& path, const char* operation, Reason reason,
@@ -95,8 +103,23 @@ void throwError(const char* operation, Reason reason, const std::string& why) {
   throw Error(operation, reason, std::string("cannot ") + operation + ": " + why);
 }
 
+std::string wordsFor(const platform::LockHolder& holder) {
+  if (holder.isThisProcess) return "this program has it open for writing already";
+  if (holder.process == 0) return causeOf(OpenFailure::inUse).why;
+  const std::string name = holder.name.empty() ? "" : ", " + holder.name;
+  return "another process (" + std::to_string(holder.process) + name + ") is writing to it";
+}
+
 void throwOpenFailure(const std::filesystem::path& path, const char* operation,
                       const OpenFailureFound& found) {
+  if (found.failure == OpenFailure::inUse) {
+    throwError(path, operation, Reason::in_use, wordsFor(found.holder), withCode(found.code));
+  }
+  if (found.fileSystem != nullptr) {
+    throwError(path, operation, Reason::cannot_lock,
+               std::string("its file system (") + found.fileSystem + ") does not lock files",
+               withCode(found.code));
+  }
   throwCause(path, operation, causeOf(found.failure), found.code);
 }
 

@@ -26,6 +26,10 @@ namespace qvdbase::failure {
 // The same where no file is concerned: "cannot OPERATION: WHY".
 [[noreturn]] void throwError(const char* operation, qvdb::Reason reason, const std::string& why);
 
+// Who has a file open that is in use, as a sentence: "another process (4711, backup) is writing to
+// it".
+std::string wordsFor(const platform::LockHolder& holder);
+
 // A file that could not be opened, or created.
 [[noreturn]] void throwOpenFailure(const std::filesystem::path& path, const char* operation,
                                    const platform::OpenFailureFound& found);

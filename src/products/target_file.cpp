@@ -103,12 +103,13 @@ TargetFile::TargetFile(int folder, const std::string& name, const fs::path& path
   platform::forgetHostFailure();
   if (!file_->createIn(folder, name)) failMaking();
   if (rules_.existing == Existing::isKept) return;
-  switch (held_.holdEntry(file_->folder(), platform::EntryName(std::string_view(name))).failure) {
+  const auto found = held_.holdEntry(file_->folder(), platform::EntryName(std::string_view(name)));
+  switch (found.failure) {
     case platform::OpenFailure::none:
       refuseSeveralNames();
       break;
     case platform::OpenFailure::inUse:
-      fail(Reason::in_use, "it is in use");
+      fail(Reason::in_use, failure::wordsFor(found.holder));
     default:
       isAnythingReplaced_ = true;
   }

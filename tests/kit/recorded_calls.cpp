@@ -51,6 +51,8 @@ const char* nameOf(Call call) {
                                            "sizeLimit",
                                            "lock",
                                            "findLock",
+                                           "lockHolder",
+                                           "fileSystem",
                                            "time",
                                            "processClock",
                                            "microseconds",
@@ -58,7 +60,8 @@ const char* nameOf(Call call) {
                                            "allocate",
                                            "release",
                                            "processId",
-                                           "forkCount"};
+                                           "forkCount",
+                                           "processName"};
   static_assert(std::size(kNames) == kCallCount);
   return kNames[static_cast<size_t>(call)];
 }
@@ -476,6 +479,21 @@ struct RecordedCalls::Calls {
     return real().forkCount();
   }
 
+  static pid_t lockHolder(dev_t device, ino_t inode, off_t end) {
+    host().begin(Call::lockHolder);
+    return real().lockHolder(device, inode, end);
+  }
+
+  static const char* fileSystem(int descriptor) {
+    host().begin(Call::fileSystem);
+    return real().fileSystem(descriptor);
+  }
+
+  static bool processName(pid_t process, char* name, size_t size) {
+    host().begin(Call::processName);
+    return real().processName(process, name, size);
+  }
+
   static void* allocate(size_t size) {
     const Verdict verdict = host().begin(Call::allocate, size);
     void* block = verdict.fails ? nullptr : real().allocate(size);
@@ -520,6 +538,8 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.fileSizeLimit = Calls::fileSizeLimit;
   table_.setLock = Calls::setLock;
   table_.findLock = Calls::findLock;
+  table_.lockHolder = Calls::lockHolder;
+  table_.fileSystem = Calls::fileSystem;
   table_.time = Calls::time;
   table_.processClock = Calls::processClock;
   table_.microseconds = Calls::microseconds;
@@ -528,6 +548,7 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.release = Calls::release;
   table_.processId = Calls::processId;
   table_.forkCount = Calls::forkCount;
+  table_.processName = Calls::processName;
   g_current = this;
   platform::replaceSystemCalls(&table_);
 }

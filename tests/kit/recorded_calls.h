@@ -91,6 +91,8 @@ enum class Call {
   sizeLimit,
   lock,
   findLock,
+  lockHolder,
+  fileSystem,
   time,
   processClock,
   microseconds,
@@ -99,8 +101,9 @@ enum class Call {
   release,
   processId,
   forkCount,
+  processName,
 };
-inline constexpr size_t kCallCount = static_cast<size_t>(Call::forkCount) + 1;
+inline constexpr size_t kCallCount = static_cast<size_t>(Call::processName) + 1;
 
 // A call that the recorder does not know reaches the host unseen, and no test makes it fail.
 static_assert(sizeof(platform::SystemCalls) == kCallCount * sizeof(void (*)()),
@@ -139,8 +142,9 @@ inline constexpr Call kFailingCalls[] = {
     Call::microseconds,
     Call::allocate,
 };
-inline constexpr Call kNeverFailing[] = {Call::pause, Call::sizeLimit, Call::release,
-                                         Call::processId, Call::forkCount};
+inline constexpr Call kNeverFailing[] = {Call::pause,      Call::sizeLimit,  Call::release,
+                                         Call::processId,  Call::lockHolder, Call::forkCount,
+                                         Call::fileSystem, Call::processName};
 static_assert(std::size(kFailingCalls) + std::size(kNeverFailing) == kCallCount);
 
 // A clock that fails shows some time: nothing fails because of it.

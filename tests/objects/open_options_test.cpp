@@ -132,6 +132,90 @@ TEST_F(LayerOpen, WaitsForADatabaseInUseAsLongAsItIsAllowedTo) {
   }
 }
 
+// A host on which another process holds the lock, or locking fails with another code.
+class LockedHost : public PatientHost {
+ public:
+  explicit LockedHost(int code) {
+    answer() = {code, 0, ""};
+    (*this)->setLock = [](int, struct flock*) {
+      errno = answer().code;
+      return -1;
+    };
+    (*this)->findLock = [](int, struct flock* lock) {
+      lock->l_type = F_WRLCK;
+      lock->l_pid = -1;
+      return 0;
+    };
+    (*this)->lockHolder = [](dev_t, ino_t, off_t) { return answer().holder; };
+    (*this)->processName = [](pid_t process, char* name, size_t size) {
+      EXPECT_EQ(process, answer().holder);
+      return std::snprintf(name, size, "%s", answer().name) > 0;
+    };
+    (*this)->fileSystem = [](int) { return answer().name; };
+  }
+  static void tell(pid_t holder, const char* name) {
+    answer().holder = holder;
+    answer().name = name;
+  }
+
+ private:
+  struct Answer {
+    int code;
+    pid_t holder;
+    const char* name;
+  };
+  static Answer& answer() {
+    static Answer instance;
+    return instance;
+  }
+};
+
+TEST_F(LayerOpen, NamesTheProcessThatHasTheDatabaseOpen) {
+  createDatabase();
+  LockedHost host(EAGAIN);
+  const auto why = [&](const qvdb::OpenOptions& options) {
+    return expectError(Reason::in_use, [&] { Database::open(path(), options); });
+  };
+  const std::string start = path().native() + ": cannot open the database: another process ";
+  LockedHost::tell(4711, "backup");
+  EXPECT_EQ(why({.mode = Mode::exclusive}), start + "(4711, backup) is writing to it");
+  EXPECT_EQ(why({.mode = Mode::shared, .wait = 20ms}), start + "(4711, backup) is writing to it");
+  LockedHost::tell(4711, "");
+  EXPECT_EQ(why({.mode = Mode::exclusive}), start + "(4711) is writing to it");
+  LockedHost::tell(0, "");
+  EXPECT_EQ(why({.mode = Mode::exclusive}), start + "is writing to it");
+  // Where locks belong to processes the query names the one.
+  host->findLock = [](int, struct flock* lock) {
+    lock->l_type = F_WRLCK;
+    lock->l_pid = 17;
+    return 0;
+  };
+  host->processName = [](pid_t process, char* name, size_t) {
+    name[0] = 0;
+    return process != 17;
+  };
+  EXPECT_EQ(why({.mode = Mode::exclusive}), start + "(17) is writing to it");
+}
+
+TEST_F(LayerOpen, SaysThatThisProgramHasTheDatabaseOpen) {
+  auto database = createDatabase();
+  const std::string why = expectError(Reason::in_use, [&] { openDatabase(Mode::exclusive); });
+  EXPECT_NE(why.find("this program has it open for writing already"), std::string::npos) << why;
+}
+
+TEST_F(LayerOpen, NamesTheFileSystemThatDoesNotLock) {
+  createDatabase();
+  LockedHost host(ENOLCK);
+  LockedHost::tell(0, "nfs");
+  EXPECT_NE(expectError(Reason::cannot_lock, [&] { openDatabase(Mode::exclusive); })
+                .find("its file system (nfs) does not lock files"),
+            std::string::npos);
+  LockedHost::tell(0, nullptr);
+  EXPECT_NE(expectError(Reason::cannot_lock, [&] { openDatabase(Mode::shared); })
+                .find("its file system does not lock files"),
+            std::string::npos);
+}
+
 TEST_F(LayerOpen, GetsADatabaseThatBecomesFreeMeanwhile) {
   createDatabase();
   static int refusals = 0;

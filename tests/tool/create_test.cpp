@@ -40,7 +40,9 @@ TEST_F(ToolCreate, DoesNotChangeAnExistingFileWithoutForce) {
 TEST_F(ToolCreate, DoesNotEmptyADatabaseInUse) {
   notes({bytesOf("precious")});
   const int16_t db = open();
-  expectUnchanged([&] { fails({"create", "--force", "test.qvd"}, 3, {"in use", "--wait"}); });
+  expectUnchanged([&] {
+    fails({"create", "--force", "test.qvd"}, 3, {"another process (", "--wait"});
+  });
   close(db);
 }
 

@@ -171,9 +171,9 @@ TEST_F(ToolMaintenance, RefusesDatabasesInUse) {
   const int16_t db = open(kSource, 3);
   expectUnchanged(
       [&] {
-        fails({"compact", kSource}, 3, {kSource, "in use"});
-        fails({"pack", kSource, kTarget}, 3, {kSource, "in use"});
-        fails({"repair", kSource}, 3, {kSource, "in use"});
+        fails({"compact", kSource}, 3, {kSource, "another process ("});
+        fails({"pack", kSource, kTarget}, 3, {kSource, "another process ("});
+        fails({"repair", kSource}, 3, {kSource, "another process ("});
       },
       kSource);
   close(db);

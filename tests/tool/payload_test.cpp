@@ -387,7 +387,9 @@ TEST_F(ToolTouch, SetsTheTimeOfModificationOnly) {
 TEST_F(ToolTouch, OfADatabaseInUseFailsAtOnce) {
   const Words ids = notes({bytesOf("1")});
   const int16_t db = open();
-  expectUnchanged([&] { fails({"touch", "test.qvd", "notes", ids[0]}, 3, {"in use", "--wait"}); });
+  expectUnchanged([&] {
+    fails({"touch", "test.qvd", "notes", ids[0]}, 3, {"another process (", "--wait"});
+  });
   close(db);
 }
 

@@ -32,6 +32,8 @@ class Holder {
   Holder& operator=(const Holder&) = delete;
 
   bool isHolding() const { return isHolding_; }
+  // How a message begins to name it: "another process (4711".
+  std::string named() const { return "another process (" + std::to_string(process_); }
   void end() {
     if (process_ <= 0) return;
     ::kill(process_, SIGKILL);
@@ -87,10 +89,10 @@ TEST_F(ToolWait, ADatabaseInUseHasAStatusOfItsOwn) {
   };
   expectUnchanged([&] {
     for (const Words& words : commands) {
-      fails(words, 3, {"in use", "--wait"});
+      fails(words, 3, {holder.named(), ") is writing to it; wait, or use --wait 10"});
       Words waiting = words;
       waiting.insert(waiting.begin() + 1, {"--wait", "0"});
-      fails(waiting, 3, {"in use"});
+      fails(waiting, 3, {holder.named()});
     }
   });
   // Readers need not wait.

@@ -38,7 +38,7 @@ constexpr Advice kAdvice[] = {
     {Reason::no_such_file, "check the path, or create a database with 'qvdb create'"},
     {Reason::not_a_file, "give the path of a database file"},
     {Reason::access_denied, "check the permissions of the file and its folder"},
-    {Reason::in_use, "wait until the other program has closed it, or use --wait SECONDS"},
+    {Reason::in_use, "wait, or use --wait 10"},
     {Reason::cannot_lock, "work on a copy on another file system"},
     {Reason::read_only_file_system, "work on a copy on a file system that can be written"},
     {Reason::size_limit, "raise the limit on the size of files ('ulimit -f')"},

@@ -51,7 +51,8 @@ OpenFailureFound HeldFile::holdEntry(const Directory& folder, const EntryName& n
   errno = 0;
   if (join(folder, name)) return {};
   const bool isDenied = errno == EACCES || errno == EPERM;
-  return {isDenied ? OpenFailure::accessDenied : OpenFailure::inUse, {}};
+  if (isDenied) return {OpenFailure::accessDenied, {}};
+  return {OpenFailure::inUse, {}, findOpenFailureAt(folder, name, kOneWriter).holder};
 }
 
 // False also when others in this process write to it.

@@ -29,7 +29,7 @@ OpenFailure causeOf(int error) {
     case EROFS:
       return OpenFailure::readOnlyVolume;
     case ETXTBSY:
-      return OpenFailure::inUse;
+      return OpenFailure::isRunning;
     case EMFILE:
     case ENFILE:
       return OpenFailure::tooManyOpen;
@@ -45,10 +45,36 @@ OpenFailureFound failureOf(int error) {
   return {causeOf(error), {error, std::system_category()}};
 }
 
+// Where locks belong to open file descriptions, the query for them does not name a process.
+LockHolder holderOf(int descriptor, const struct stat& status, Sharing wanted) {
+  LockHolder holder;
+  struct flock lock = fileLock(wanted);
+  if (systemCalls().findLock(descriptor, &lock) != 0 || lock.l_type == F_UNLCK) return holder;
+  holder.process = lock.l_pid > 0
+                       ? lock.l_pid
+                       : systemCalls().lockHolder(status.st_dev, status.st_ino, kLockedBytes);
+  char name[64] = {};
+  if (holder.process <= 0 ||
+      !systemCalls().processName(static_cast<pid_t>(holder.process), name, sizeof name)) {
+    return holder;
+  }
+  holder.name = name;
+  return holder;
+}
+
 // A lock is refused while another process holds one; anything else says that there are none here.
-OpenFailureFound lockFailureOf(int error) {
-  const bool isHeld = error == EACCES || error == EAGAIN;
-  return {isHeld ? OpenFailure::inUse : OpenFailure::cannotLock, {error, std::system_category()}};
+OpenFailureFound lockFailureOf(int error, int descriptor, const struct stat& status,
+                               Sharing wanted) {
+  OpenFailureFound found;
+  found.code = {error, std::system_category()};
+  if (error == EACCES || error == EAGAIN) {
+    found.failure = OpenFailure::inUse;
+    found.holder = holderOf(descriptor, status, wanted);
+  } else {
+    found.failure = OpenFailure::cannotLock;
+    found.fileSystem = systemCalls().fileSystem(descriptor);
+  }
+  return found;
 }
 
 struct Place {
@@ -83,31 +109,30 @@ OpenFailureFound walk(const QVWCHAR* path, Place* place) {
 // Opens the file for itself, to see what the host answers, and tries the lock. Not where this
 // process has it open for writing: on some hosts closing a second descriptor gives up the file's
 // lock.
-OpenFailureFound tryToOpen(const Place& place, const EntryName& name, int access, Sharing sharing) {
+OpenFailureFound tryToOpen(const Directory& folder, const EntryName& name, int access,
+                           Sharing sharing) {
   struct stat status = {};
   errno = 0;
-  const int descriptor = openRegularFile(place.folder, name, access, &status);
+  const int descriptor = openRegularFile(folder, name, access, &status);
   if (descriptor < 0) return failureOf(errno);
   OpenFailureFound found;
-  if (sharing != Sharing::none && !setFileLock(descriptor, sharing)) found = lockFailureOf(errno);
+  if (sharing != Sharing::none && !setFileLock(descriptor, sharing)) {
+    found = lockFailureOf(errno, descriptor, status, sharing);
+  }
   systemCalls().close(descriptor);
   return found;
 }
 
-OpenFailureFound lookAtFile(const Place& place, Sharing sharing) {
-  const EntryName name(place.name);
-  struct stat status = {};
-  if (!name.isValid()) return {OpenFailure::other, {}};
-  if (systemCalls().statusAt(place.folder.descriptor(), name.bytes(), &status, 0) != 0) {
-    return failureOf(errno);
+// With a descriptor for writing at hand, only another opener or the lock can have refused.
+OpenFailureFound lookAtEntry(const FileEntry& entry, const struct stat& status, Sharing sharing) {
+  if (sharing == Sharing::none) return {};
+  OpenFailureFound found;
+  found.failure = OpenFailure::inUse;
+  if (sharing == Sharing::shared || entry.exclusiveOpeners == 0) {
+    found.holder = holderOf(entry.readWrite, status, sharing);
   }
-  if (!S_ISREG(status.st_mode)) return {OpenFailure::notAFile, {}};
-  const FileEntry* entry = findEntry(status.st_dev, status.st_ino);
-  if (entry != nullptr && entry->readWrite >= 0) {
-    // With a descriptor for writing at hand, only another opener or the lock can have refused.
-    return {sharing == Sharing::none ? OpenFailure::none : OpenFailure::inUse, {}};
-  }
-  return tryToOpen(place, name, sharing == Sharing::none ? O_RDONLY : O_RDWR, sharing);
+  found.holder.isThisProcess = found.holder.process == 0;
+  return found;
 }
 
 }  // namespace
@@ -116,7 +141,20 @@ OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission) {
   Place place;
   const OpenFailureFound onTheWay = walk(path, &place);
   if (onTheWay.failure != OpenFailure::none) return onTheWay;
-  return lookAtFile(place, sharingOf(permission).value_or(Sharing::none));
+  return findOpenFailureAt(place.folder, EntryName(place.name), permission);
+}
+
+OpenFailureFound findOpenFailureAt(const Directory& folder, const EntryName& name, int permission) {
+  const Sharing sharing = sharingOf(permission).value_or(Sharing::none);
+  struct stat status = {};
+  if (!name.isValid()) return {OpenFailure::other, {}};
+  if (systemCalls().statusAt(folder.descriptor(), name.bytes(), &status, 0) != 0) {
+    return failureOf(errno);
+  }
+  if (!S_ISREG(status.st_mode)) return {OpenFailure::notAFile, {}};
+  const FileEntry* entry = findEntry(status.st_dev, status.st_ino);
+  if (entry != nullptr && entry->readWrite >= 0) return lookAtEntry(*entry, status, sharing);
+  return tryToOpen(folder, name, sharing == Sharing::none ? O_RDONLY : O_RDWR, sharing);
 }
 
 OpenFailureFound lastCreateFailure() {

@@ -5,7 +5,10 @@
 #include <qvdbase/base.h>
 
 #include <cstdint>
+#include <string>
 #include <system_error>
+
+#include "platform/paths/directory.h"
 
 namespace qvdbase::platform {
 
@@ -18,21 +21,34 @@ enum class OpenFailure : uint8_t {
   nameTooLong,  // for the host
   accessDenied,
   readOnlyVolume,
-  inUse,
+  inUse,       // by this process or another; see LockHolder
+  isRunning,   // as a program
   cannotLock,  // the file system has no locks
   tooManyOpen,
   noSpace,  // for one more file
   other,
 };
 
+// Who keeps a file from being opened for writing.
+struct LockHolder {
+  bool isThisProcess = false;
+  int64_t process = 0;  // another one, or 0 where the host does not report it
+  std::string name;     // of that process; empty where it cannot be obtained
+};
+
 struct OpenFailureFound {
   OpenFailure failure = OpenFailure::none;
-  std::error_code code;  // the host's, where a call to it failed
+  std::error_code code;              // the host's, where a call to it failed
+  LockHolder holder = {};            // of inUse
+  const char* fileSystem = nullptr;  // of cannotLock: its kind, unless that is a usual one
 };
 
 // Finds what keeps the file at an absolute path from being opened with a permission (openFile).
 // `path` has single '/' between its components.
 OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission);
+
+// The same for an entry of a folder.
+OpenFailureFound findOpenFailureAt(const Directory& folder, const EntryName& name, int permission);
 
 // What kept a new file from being made, from the last failure of the host (host_failure.h), or from
 // the code with which the host refused to make a folder.

@@ -19,6 +19,8 @@
 #include <cstdlib>
 #include <limits>
 
+#include "platform/host/lock_holder.h"
+
 namespace qvdbase::platform {
 namespace {
 
@@ -200,6 +202,8 @@ constexpr SystemCalls kHostCalls = {
     .fileSizeLimit = hostFileSizeLimit,
     .setLock = hostSetLock,
     .findLock = hostFindLock,
+    .lockHolder = hostLockHolder,
+    .fileSystem = hostFileSystem,
     .time = hostTime,
     .processClock = ::clock,
     .microseconds = hostMicroseconds,
@@ -208,6 +212,7 @@ constexpr SystemCalls kHostCalls = {
     .release = std::free,
     .processId = ::getpid,
     .forkCount = hostForkCount,
+    .processName = hostProcessName,
 };
 
 }  // namespace

@@ -65,6 +65,11 @@ struct SystemCalls {
   int (*setLock)(int descriptor, struct flock* lock);
   // Stores a lock of another opener that conflicts with `lock`, or F_UNLCK as its type.
   int (*findLock)(int descriptor, struct flock* lock);
+  // Another process that holds a lock on the file which begins before `end`, where the query above
+  // does not name it: 0 where the host does not report it. It can take some milliseconds.
+  pid_t (*lockHolder)(dev_t device, ino_t inode, off_t end);
+  // The kind of file system that the file is on, in one word; null for the usual ones.
+  const char* (*fileSystem)(int descriptor);
 
   // Time.
   time_t (*time)();
@@ -80,6 +85,8 @@ struct SystemCalls {
   pid_t (*processId)();
   // How often this process has made others by fork, since some fixed moment before the first call.
   uint32_t (*forkCount)();
+  // Stores the name of a process, which ends with a zero. False where it cannot be obtained.
+  bool (*processName)(pid_t process, char* name, size_t size);
 };
 
 // Whether a lock passes to a process made by fork, which shares it with its parent from then on:
