@@ -9,7 +9,7 @@
 #include "platform/handles/cutting.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
-#include "recovery/check/check_source.h"
+#include "recovery/check/parts.h"
 #include "recovery/mend/mend_plan.h"
 #include "recovery/survey/open_file.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "recovery/check/check_source.h"
+#include "recovery/check/parts.h"
 #include "recovery/salvage/plan.h"
 #include "recovery/survey/packed_data.h"
 #include "recovery/survey/words.h"

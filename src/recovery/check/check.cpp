@@ -7,11 +7,9 @@
 #include <qvdbase/qvdb/check.hpp>
 
 #include <chrono>
-#include <optional>
 #include <thread>
 
 #include "platform/host/clock.h"
-#include "recovery/check/check_source.h"
 #include "recovery/check/findings.h"
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
@@ -35,7 +33,7 @@ std::string namesOf(const TableOutlook& outlook) {
   if (!outlook.reachable) return "every call: the table is not reachable";
   std::string text;
   const auto note = [&](bool works, const char* what) {
-    if (!works) text += (text.empty() ? "" : ", ") + std::string(what);
+    if (!works) text += joined(text.empty() ? "" : ", ", what);
   };
   note(outlook.append, "appending");
   note(outlook.list, "listing");
@@ -107,13 +105,6 @@ Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
   return checkOnce(source, makeSurvey(source, {.deep = options.deep}), options);
 }
 
-// Takes back what was found while the file changed: it may be true of no state that the file was
-// ever in.
-void takeBack(Checked* checked) {
-  checked->findings.clear();
-  checked->report.errors = checked->report.warnings = checked->report.informations = 0;
-}
-
 CheckReport deliver(Checked checked, const FindingVisitor& visitor) {
   if (visitor) {
     for (const Finding& finding : checked.findings) visitor(finding);
@@ -132,10 +123,14 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
     const bool hasChanged = file.hasChanged();
     // What was found can be work in progress.
     const bool isInProgress = checked.report.state != CheckState::sound && file.isLockedByOthers();
-    if (!hasChanged && !isInProgress) return deliver(std::move(checked), visitor);
-    if (attempt >= options.retries) {
-      if (hasChanged) takeBack(&checked);
-      checked.report.state = CheckState::in_use;
+    const bool isDisturbed = hasChanged || isInProgress;
+    if (!isDisturbed || attempt >= options.retries) {
+      if (isDisturbed) checked.report.state = CheckState::in_use;
+      // What was found while the file changed may be true of no state that it was ever in.
+      if (hasChanged) {
+        checked.findings.clear();
+        checked.report.errors = checked.report.warnings = checked.report.informations = 0;
+      }
       return deliver(std::move(checked), visitor);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(options.wait_milliseconds));

@@ -6,8 +6,8 @@
 
 namespace qvdbase::check {
 
-void Findings::add(qvdb::Severity severity, const char* code, const About& about,
-                   std::string message) {
+void Check::add(qvdb::Severity severity, const char* code, const About& about,
+                std::string message) {
   ++counts_[static_cast<size_t>(severity)];
   const int slot = about.slot != nullptr ? about.slot->index : -1;
   Alike& alike = alike_[{code, slot, severity}];

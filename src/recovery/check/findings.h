@@ -31,9 +31,14 @@ inline About inBlock(const survey::Slot* slot, const survey::Block& block, int64
   return {.slot = slot, .record = block.recordID, .offset = block.position + field};
 }
 
-class Findings {
+// What is checked, and what was found.
+class Check {
  public:
-  explicit Findings(uint64_t mostAlike) : mostAlike_(mostAlike) {}
+  Check(const survey::ByteSource& of, const survey::Survey& made, uint64_t mostAlike)
+      : source(of), survey(made), mostAlike_(mostAlike) {}
+
+  const survey::ByteSource& source;
+  const survey::Survey& survey;
 
   void add(qvdb::Severity severity, const char* code, const About& about, std::string message);
 
@@ -67,15 +72,6 @@ class Findings {
   uint64_t counts_[3] = {};
   std::vector<qvdb::Finding> findings_;
   std::map<std::tuple<std::string, int, qvdb::Severity>, Alike> alike_;
-};
-
-// What is checked, and what was found.
-struct Check : Findings {
-  Check(const survey::ByteSource& of, const survey::Survey& made, uint64_t mostAlike)
-      : Findings(mostAlike), source(of), survey(made) {}
-
-  const survey::ByteSource& source;
-  const survey::Survey& survey;
 };
 
 }  // namespace qvdbase::check

@@ -2,6 +2,7 @@
 // and I2. To the library such a list is opaque; docs/imported-files.md describes it.
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 #include "format/block_heads.h"
 #include "recovery/check/parts.h"
@@ -34,6 +35,12 @@ bool isSafeName(std::string_view name) {
   return true;
 }
 
+struct Entry {
+  char kind = 0;
+  uint64_t record = 0;
+  bool hasWrongTime = false;
+};
+
 // Reads one list from its front. It keeps the name of one entry at a time.
 class NameList {
  public:
@@ -50,28 +57,24 @@ class NameList {
 
   int64_t position() const { return bytes_.position(); }
 
-  // False when the entry makes no sense.
-  bool next() {
+  // None where the entry makes no sense.
+  std::optional<Entry> next() {
     const uint8_t* fixed = bytes_.take(kFixedSize);
-    if (fixed == nullptr) return false;
-    kind_ = static_cast<char>(fixed[0]);
-    record_ = loadBigEndian<uint64_t>(fixed + kRecord);
-    hasWrongTime_ = loadBigEndian<uint32_t>(fixed + kNanoseconds) >= kNanosecondsEnd;
+    if (fixed == nullptr) return std::nullopt;
+    const Entry entry = {static_cast<char>(fixed[0]), loadBigEndian<uint64_t>(fixed + kRecord),
+                         loadBigEndian<uint32_t>(fixed + kNanoseconds) >= kNanosecondsEnd};
     uint64_t shared = 0;
-    if (!count(&shared) || shared > name_.size()) return false;
+    if (!count(&shared) || shared > name_.size()) return std::nullopt;
     name_.resize(static_cast<size_t>(shared));
     std::string target;
-    if (!text(&name_) || !text(&target)) return false;
+    if (!text(&name_) || !text(&target)) return std::nullopt;
     together_ += name_.size();
-    if (together_ > kLargestExpansion * static_cast<uint64_t>(size_)) return false;
-    const bool isKnown = kind_ == 'f' || kind_ == 'd' || kind_ == 'l' || kind_ == '-';
-    return isKnown && isSafeName(name_) && target.find('\0') == std::string::npos &&
-           (kind_ != 'l' || !target.empty());
+    if (together_ > kLargestExpansion * static_cast<uint64_t>(size_)) return std::nullopt;
+    const bool isKnown = std::string_view("fdl-").find(entry.kind) != std::string_view::npos;
+    const bool isSound = isKnown && isSafeName(name_) && target.find('\0') == std::string::npos &&
+                         (entry.kind != 'l' || !target.empty());
+    return isSound ? std::optional(entry) : std::nullopt;
   }
-
-  char kind() const { return kind_; }
-  uint64_t record() const { return record_; }
-  bool hasWrongTime() const { return hasWrongTime_; }
 
  private:
   bool count(uint64_t* value) {
@@ -103,9 +106,6 @@ class NameList {
   Window window_;
   PayloadCursor bytes_;
   int64_t size_;  // of the list
-  char kind_ = 0;
-  uint64_t record_ = 0;
-  bool hasWrongTime_ = false;
   std::string name_;
   uint64_t together_ = 0;
 };
@@ -123,15 +123,16 @@ void checkImportedNames(Check& check, const Table& table) {
   uint64_t withoutRecord = 0;
   while (!list.isAtEnd()) {
     const About about = {.slot = &slot, .offset = list.position()};
-    if (!list.next()) {
+    const std::optional<Entry> entry = list.next();
+    if (!entry) {
       return check.warning("I1", about, "The list of imported files cannot be read beyond its ",
                            "first ", counted(entries, "entry", "entries"), ".");
     }
     ++entries;
-    if (list.hasWrongTime()) {
+    if (entry->hasWrongTime) {
       check.warning("I1", about, "The time of an imported file is impossible.");
     }
-    if (list.kind() == 'f' && !std::ranges::binary_search(records, list.record())) {
+    if (entry->kind == 'f' && !std::ranges::binary_search(records, entry->record)) {
       ++withoutRecord;
     }
   }

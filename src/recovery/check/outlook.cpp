@@ -4,7 +4,6 @@
 // other: then nothing counts as usable. They follow the rules of the operations themselves,
 // applied to the walks of the survey, which saw more than the operations ever do.
 #include <algorithm>
-#include <cstring>
 #include <optional>
 
 #include "format/Aliment8.h"
@@ -24,77 +23,82 @@ bool headerIsUsable(const Survey& survey) {
          survey.header.slotSize == survey.slotStride;
 }
 
-template <typename Is>
-bool allCounted(const Survey& survey, const Table& table, Is is) {
-  return std::ranges::all_of(countedBlocks(survey, table),
-                             [&](uint32_t number) { return is(survey.blocks[number]); });
-}
-
-// Whether the walk from the front gets through all counted records. One that loops does: it is the
-// count that ends it.
-bool walkSucceeds(const Table& table, uint32_t count) {
-  return table.forward.blocks.size() >= count || table.forward.end == WalkEnd::loop;
-}
-
-// Walks go where the last counted record's link leads, too, though they do not read there: only a
-// position below zero cannot be gone to.
-bool canLeaveLastRecord(const Survey& survey, const Table& table, uint32_t count) {
-  if (count == 0 || table.forward.blocks.size() < count) return true;
-  return survey.blocks[table.forward.blocks[count - 1]].next >= 0;
-}
-
-bool canList(const Survey& survey, const Table& table, uint32_t count) {
-  return count == 0 || (walkSucceeds(table, count) && canLeaveLastRecord(survey, table, count));
-}
-
-bool canAppend(const Survey& survey, const Table& table, const tablePart1& slot) {
-  if ((slot.recordCount == 0) != (slot.firstRecordPos == 0)) return false;
-  if (slot.recordCount == 0) return slot.lastRecordPos == 0;
-  if (slot.lastRecordPos == 0 || table.backward.blocks.empty()) return false;
-  return survey.blocks[table.backward.blocks.front()].next == 0;
-}
-
-bool hasAllData(const Survey& survey, const Block& block) {
-  return block.dataPos() + int64_t{block.length} <= survey.size;
-}
-
-// The readers of table data compare its owner with the identifier made afresh from the number, and
-// so with the right sum, whatever the sum in the slot is.
-bool canReadData(const Survey& survey, const tablePart1& slot) {
-  if (slot.firstDataPos == 0) return true;
-  const Block* const block = survey.blockAt(slot.firstDataPos);
-  return block != nullptr && block->kind == BlockKind::tableData &&
-         !(block->flaws & kWrongTableSum) &&
-         survey.owners[block->owner].number == identifierNumber(slot.tableID) &&
-         hasAllData(survey, *block);
-}
-
-// The test that pack and link repair make before they touch the records.
-bool dataIsWhole(const Survey& survey, const Table& table) {
-  if (table.dataState == DataState::none) return true;
-  if (table.dataState != DataState::sound) return false;
-  return (survey.blocks[table.dataBlock].flaws & (kBeyondEnd | kNoEndMark)) == 0;
-}
-
-bool hasRecords(const tablePart1& slot) {
-  return slot.recordCount != 0 && slot.firstRecordPos != 0;
-}
-
-bool canPackRecords(const Survey& survey, const Table& table, const tablePart1& slot) {
-  if (!hasRecords(slot)) return true;
-  const bool walks =
-      walkSucceeds(table, slot.recordCount) || table.forward.end == WalkEnd::complete;
-  if (!walks || !canLeaveLastRecord(survey, table, slot.recordCount)) return false;
-  return allCounted(survey, table, [&](const Block& each) { return hasAllData(survey, each); });
-}
-
-// What deletion and relocation ask of the neighbours of every record that the walk from the front
-// reaches within the count.
-class NeighbourCheck {
+// What the calls on one table do.
+class TableCalls {
  public:
-  NeighbourCheck(const ByteSource& source, const Survey& survey, const Table& table)
-      : source_(source), survey_(survey), table_(table), slot_(survey.slotOf(table).fields) {}
+  // canDeleteAll() and canRelocateAll() need the source.
+  TableCalls(const Survey& survey, const Table& table, const ByteSource* source = nullptr)
+      : survey_(survey), table_(table), source_(source) {}
 
+  // Whether the walk from the front gets through all counted records. One that loops does: it is
+  // the count that ends it.
+  bool walkSucceeds() const {
+    return walked_.size() >= slot_.recordCount || table_.forward.end == WalkEnd::loop;
+  }
+
+  bool canList() const {
+    return slot_.recordCount == 0 || (walkSucceeds() && canLeaveLastRecord());
+  }
+
+  bool canAppend() const {
+    if ((slot_.recordCount == 0) != (slot_.firstRecordPos == 0)) return false;
+    if (slot_.recordCount == 0) return slot_.lastRecordPos == 0;
+    if (slot_.lastRecordPos == 0 || table_.backward.blocks.empty()) return false;
+    return survey_.blocks[table_.backward.blocks.front()].next == 0;
+  }
+
+  // The readers of table data compare its owner with the identifier made afresh from the number,
+  // and so with the right sum, whatever the sum in the slot is.
+  bool canReadData() const {
+    if (slot_.firstDataPos == 0) return true;
+    const Block* const block = survey_.blockAt(slot_.firstDataPos);
+    return block != nullptr && block->kind == BlockKind::tableData && !block->has(kWrongTableSum) &&
+           survey_.owners[block->owner].number == identifierNumber(slot_.tableID) &&
+           hasAllData(*block);
+  }
+
+  // The test that pack and link repair make before they touch the records.
+  bool dataIsWhole() const {
+    if (table_.dataState == DataState::none) return true;
+    return table_.dataState == DataState::sound &&
+           !survey_.blocks[table_.dataBlock].has(kBeyondEnd | kNoEndMark);
+  }
+
+  bool hasRecords() const { return slot_.recordCount != 0 && slot_.firstRecordPos != 0; }
+
+  bool canPack() const {
+    if (!dataIsWhole()) return false;
+    if (!hasRecords()) return true;
+    return (walkSucceeds() || table_.forward.isComplete()) && canLeaveLastRecord() &&
+           all(&TableCalls::hasAllData);
+  }
+
+  bool canDeleteAll() const { return walkSucceeds() && all(&TableCalls::canDelete); }
+  bool canRelocateAll() const { return walkSucceeds() && all(&TableCalls::canRelocate); }
+
+ private:
+  struct Links {
+    int64_t prev;
+    int64_t next;
+  };
+
+  bool all(bool (TableCalls::*can)(const Block&) const) const {
+    return std::ranges::all_of(
+        walked_, [&](uint32_t number) { return (this->*can)(survey_.blocks[number]); });
+  }
+
+  // Walks go where the last counted record's link leads, too, though they do not read there: only a
+  // position below zero cannot be gone to.
+  bool canLeaveLastRecord() const {
+    if (slot_.recordCount == 0 || walked_.size() < slot_.recordCount) return true;
+    return survey_.blocks[walked_.back()].next >= 0;
+  }
+
+  bool hasAllData(const Block& block) const {
+    return block.dataPos() + int64_t{block.length} <= survey_.size;
+  }
+
+  // What deletion and relocation ask of the neighbours of a record.
   bool canDelete(const Block& each) const {
     if (each.position == slot_.firstRecordPos) {
       if (each.prev != 0) return false;
@@ -114,30 +118,25 @@ class NeighbourCheck {
     return leadsHere(each.prev, &Links::next) && leadsHere(each.next, &Links::prev);
   }
 
- private:
-  struct Links {
-    int64_t prev;
-    int64_t next;
-  };
-
   // The links of the record of this table at `position`, wherever that is.
   std::optional<Links> linksAt(int64_t position) const {
     const Block* const block = survey_.blockAt(position);
     if (block != nullptr && block->isReached()) {
-      if (block->kind != BlockKind::record || block->owner != table_.owner) return std::nullopt;
+      if (!block->isRecordOf(table_.owner)) return std::nullopt;
       return Links{block->prev, block->next};
     }
     unsigned char bytes[record::kData];
-    if (source_.readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
+    if (source_->readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
     if (!isRecordOf(bytes, slot_.tableID)) return std::nullopt;
     const recordPart1 head = decodeRecordHead(bytes);
     return Links{head.prevRecordPos, head.nextRecordPos};
   }
 
-  const ByteSource& source_;
   const Survey& survey_;
   const Table& table_;
-  const tablePart1& slot_;
+  const ByteSource* const source_;
+  const tablePart1& slot_ = survey_.slotOf(table_).fields;
+  const std::span<const uint32_t> walked_ = countedBlocks(survey_, table_);
 };
 
 // Link repair on one table. Why it fails there; empty when it does not.
@@ -149,12 +148,13 @@ std::string repairTable(const Survey& survey, const Table& table, qvdb::Repaired
   repaired->id.value = identifierNumber(slot.fields.tableID);
   repaired->counted = count;
   repaired->reachable = survey.owners[table.owner].records;
-  if (!dataIsWhole(survey, table)) {
+  const TableCalls calls(survey, table);
+  if (!calls.dataIsWhole()) {
     return "the data of table " + shown(repaired->name) + " is not where it should be";
   }
   const std::span<const uint32_t> forward = countedBlocks(survey, table);
   const std::vector<uint32_t>& backward = table.backward.blocks;
-  if (hasRecords(slot.fields)) {
+  if (calls.hasRecords()) {
     if (forward.empty() && backward.empty()) {
       return "no record of table " + shown(repaired->name) + " can be reached";
     }
@@ -216,18 +216,13 @@ qvdb::TableOutlook outlookOf(const ByteSource& source, const Survey& survey, con
   const uint64_t found = survey.owners[table.owner].records;
   outlook.found_elsewhere = found - std::min(found, outlook.walked);
   if (!outlook.reachable) return outlook;
-  outlook.append = canAppend(survey, table, fields);
-  outlook.list = canList(survey, table, fields.recordCount);
+  const TableCalls calls(survey, table, &source);
+  outlook.append = calls.canAppend();
+  outlook.list = calls.canList();
   outlook.find_all = outlook.list && outlook.found_elsewhere == 0;
-  const NeighbourCheck neighbours(source, survey, table);
-  const bool walks = walkSucceeds(table, fields.recordCount);
-  const auto all = [&](auto can) {
-    return walks &&
-           allCounted(survey, table, [&](const Block& each) { return (neighbours.*can)(each); });
-  };
-  outlook.delete_all = all(&NeighbourCheck::canDelete);
-  outlook.enlarge_all = all(&NeighbourCheck::canRelocate);
-  outlook.get_data = canReadData(survey, fields);
+  outlook.delete_all = calls.canDeleteAll();
+  outlook.enlarge_all = calls.canRelocateAll();
+  outlook.get_data = calls.canReadData();
   outlook.set_data = table.dataState == DataState::none || table.dataState == DataState::sound;
   return outlook;
 }
@@ -237,8 +232,7 @@ bool willPack(const Survey& survey) {
   for (const Slot& slot : survey.slots) {
     if (!slot.counted) break;
     if (!slot.holdsTable()) return false;
-    const Table* table = survey.tableOfSlot(slot.index);
-    if (!dataIsWhole(survey, *table) || !canPackRecords(survey, *table, slot.fields)) return false;
+    if (!TableCalls(survey, *survey.tableOfSlot(slot.index)).canPack()) return false;
   }
   return survey.header.tableCount <= static_cast<int>(survey.slots.size());
 }

@@ -1,15 +1,27 @@
-// The parts of the checker. Each judges one part of a survey and reports what it finds.
+// Checking a source that no other process can change: all of it, and the parts of the checker. Each
+// judges one part of a survey and reports what it finds.
 #pragma once
 
 #include <qvdbase/qvdb/check.hpp>
 
 #include <span>
+#include <string>
 #include <vector>
 
 #include "recovery/check/findings.h"
 #include "recovery/survey/survey.h"
 
 namespace qvdbase::check {
+
+// Without the findings: what they come to.
+qvdb::CheckReport checkSource(const survey::ByteSource& source);
+
+// The same with a survey of it that is there already; the visitor gets every finding.
+qvdb::CheckReport checkSurvey(const survey::ByteSource& source, const survey::Survey& survey,
+                              const qvdb::FindingVisitor& visitor);
+
+// A finding inside another sentence: code and message, without the full stop.
+std::string inSentence(const qvdb::Finding& finding);
 
 // Size and header. False when nothing follows them that could be checked.
 bool checkHeader(Check& check);

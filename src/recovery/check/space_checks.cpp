@@ -14,36 +14,6 @@ namespace {
 
 using qvdb::SpaceUse;
 
-uint64_t sizeOf(const Block& block) {
-  return static_cast<uint64_t>(block.end - block.position);
-}
-
-void reportOverlaps(Check& check) {
-  const Survey& survey = check.survey;
-  for (const Overlap& overlap : survey.overlaps) {
-    const Block& first = survey.blocks[overlap.first];
-    check.error("S1", inBlock(survey.ownerSlot(first), first), "The block at ", first.position,
-                " would end at ", first.claimedEnd(),
-                ", after the start of the next one in use at ",
-                survey.blocks[overlap.second].position, ".");
-  }
-}
-
-void reportTorn(Check& check, const Block& block) {
-  std::string why = "its identifiers or lengths are damaged";
-  if (block.flaws & kBeyondEnd) {
-    why = "it would reach beyond the end of the file";
-  } else if (block.flaws & kCutShort) {
-    why = joined("another block begins at ", block.end, ", inside of it");
-  } else if (block.flaws & kNoEndMark) {
-    why = "its end mark is missing";
-  }
-  const bool isRecord = block.kind == BlockKind::record;
-  check.warning("S4", inBlock(check.survey.ownerSlot(block), block),
-                isRecord ? "The record block at " : "The table data at ", block.position,
-                " is not whole: ", why, ". Nothing points to it.");
-}
-
 // What became of blocks that no chain holds, in the order in which they are reported.
 struct Fate {
   Label label;
@@ -70,8 +40,8 @@ constexpr Fate kFates[] = {
     {Label::detached, &SpaceUse::lost, true, "records of a chain that no longer leads to them",
      "table data that the slot has lost"},
     {Label::none, &SpaceUse::orphans, false, kOfUnknownTables, kOfUnknownTables}};
-constexpr size_t kLost = std::size(kFates) - 2;
-constexpr size_t kOrphan = std::size(kFates) - 1;
+constexpr const Fate& kLost = kFates[std::size(kFates) - 2];
+constexpr const Fate& kOrphan = kFates[std::size(kFates) - 1];
 
 struct Heap {
   uint64_t blocks = 0;
@@ -80,37 +50,91 @@ struct Heap {
 
   void add(const Block& block) {
     ++blocks;
-    bytes += sizeOf(block);
+    bytes += static_cast<uint64_t>(block.end - block.position);
     first = std::min(first, block.position);
   }
 };
 
-// Blocks, counted by what they are.
-class BlockSpace {
- public:
-  BlockSpace(Check& check, SpaceUse* space)
-      : check_(check), survey_(check.survey), space_(*space) {}
+// The live blocks in the order of the file.
+std::vector<const Block*> liveBlocks(const Survey& survey) {
+  std::vector<const Block*> live;
+  for (const uint32_t number : blocksInFileOrder(survey)) {
+    if (survey.blocks[number].label == Label::live) live.push_back(&survey.blocks[number]);
+  }
+  return live;
+}
 
-  void count(const Block& block) {
-    const size_t fate = fateOf(block);
-    partOf(block, fate) += sizeOf(block);
-    if (block.isReached()) return;
-    if (block.grade != Grade::a) return reportTorn(check_, block);
-    if (survey_.isOrphan(block)) return orphans_[block.owner].add(block);
-    heaps_[{block.kind, survey_.owners[block.owner].slot, fate}].add(block);
+class SpaceCheck {
+ public:
+  explicit SpaceCheck(Check& check) : check_(check), window_(check.source) {}
+
+  SpaceUse run() {
+    space_.directory = static_cast<uint64_t>(std::min(survey_.blocksStart, survey_.size));
+    for (const Overlap& each : survey_.overlaps) reportOverlap(each);
+    for (const Block& each : survey_.blocks) count(each);
+    reportUnreferenced();
+    for (const LeftoverRange& each : survey_.leftovers) reportLeftover(each);
+    reportNested();
+    for (const Block* each : liveBlocks(survey_)) lookAtSpare(*each);
+    reportDead();
+    reportSpare();
+    return space_;
   }
 
-  void report() const {
+ private:
+  void reportOverlap(const Overlap& overlap) {
+    const Block& first = survey_.blocks[overlap.first];
+    check_.error("S1", inBlock(survey_.ownerSlot(first), first), "The block at ", first.position,
+                 " would end at ", first.claimedEnd(),
+                 ", after the start of the next one in use at ",
+                 survey_.blocks[overlap.second].position, ".");
+  }
+
+  // ---- blocks, by what they are
+
+  void count(const Block& block) {
+    const Fate& fate = fateOf(block);
+    const bool isInUse = block.label == Label::live && fate.label != Label::none;
+    const auto part = !isInUse                          ? fate.part
+                      : block.kind == BlockKind::record ? &SpaceUse::records
+                                                        : &SpaceUse::table_data;
+    space_.*part += static_cast<uint64_t>(block.end - block.position);
+    if (block.isReached()) return;
+    if (block.grade != Grade::a) return reportTorn(block);
+    if (survey_.isOrphan(block)) return orphans_[block.owner].add(block);
+    heaps_[{block.kind, survey_.owners[block.owner].slot, &fate}].add(block);
+  }
+
+  const Fate& fateOf(const Block& block) const {
+    if (survey_.ownerSlot(block) == nullptr) return kOrphan;
+    return *std::find_if(kFates, &kLost,
+                         [&](const Fate& each) { return each.label == block.label; });
+  }
+
+  void reportTorn(const Block& block) {
+    std::string why = "its identifiers or lengths are damaged";
+    if (block.has(kBeyondEnd)) {
+      why = "it would reach beyond the end of the file";
+    } else if (block.has(kCutShort)) {
+      why = joined("another block begins at ", block.end, ", inside of it");
+    } else if (block.has(kNoEndMark)) {
+      why = "its end mark is missing";
+    }
+    const bool isRecord = block.kind == BlockKind::record;
+    check_.warning("S4", inBlock(survey_.ownerSlot(block), block),
+                   isRecord ? "The record block at " : "The table data at ", block.position,
+                   " is not whole: ", why, ". Nothing points to it.");
+  }
+
+  void reportUnreferenced() {
     for (const auto& [key, heap] : heaps_) {
-      const auto& [kind, slot, number] = key;
-      const Fate& fate = kFates[number];
+      const auto& [kind, slot, fate] = key;
       const bool isRecord = kind == BlockKind::record;
-      const bool isLoss = isRecord && fate.isLoss;
       check_.add(
-          isLoss ? qvdb::Severity::warning : qvdb::Severity::information, isRecord ? "S2" : "S3",
-          {.slot = survey_.slotAt(slot), .offset = heap.first},
+          isRecord && fate->isLoss ? qvdb::Severity::warning : qvdb::Severity::information,
+          isRecord ? "S2" : "S3", {.slot = survey_.slotAt(slot), .offset = heap.first},
           joined(counted(heap.blocks, "unreferenced block"), ", ", counted(heap.bytes, "byte"),
-                 ": ", isRecord ? fate.records : fate.tableData, "."));
+                 ": ", isRecord ? fate->records : fate->tableData, "."));
     }
     for (const auto& [owner, heap] : orphans_) {
       const uint64_t table = survey_.owners[owner].number;
@@ -120,65 +144,43 @@ class BlockSpace {
     }
   }
 
- private:
-  size_t fateOf(const Block& block) const {
-    if (survey_.ownerSlot(block) == nullptr) return kOrphan;
-    const auto* const fate = std::find_if(
-        kFates, kFates + kLost, [&](const Fate& each) { return each.label == block.label; });
-    return static_cast<size_t>(fate - kFates);
-  }
+  // ---- bytes that are no block, and blocks that are payload
 
-  uint64_t& partOf(const Block& block, size_t fate) {
-    if (block.label != Label::live || fate == kOrphan) return space_.*kFates[fate].part;
-    return block.kind == BlockKind::record ? space_.records : space_.table_data;
-  }
-
-  Check& check_;
-  const Survey& survey_;
-  SpaceUse& space_;
-  std::map<std::tuple<BlockKind, int, size_t>, Heap> heaps_;  // by kind, slot and fate
-  std::map<uint32_t, Heap> orphans_;  // by their table's number among the owners
-};
-
-void reportLeftovers(Check& check, SpaceUse* space) {
-  for (const auto& [range, kind] : check.survey.leftovers) {
-    space->unknown += static_cast<uint64_t>(range.size());
-    const bool isAtEnd = range.end == check.survey.size;
+  void reportLeftover(const LeftoverRange& leftover) {
+    const Range& range = leftover.range;
+    space_.unknown += static_cast<uint64_t>(range.size());
+    const bool isAtEnd = range.end == survey_.size;
     const About about = {.offset = range.begin};
     const std::string bytes = joined(counted(range.size(), "byte"), " at ", range.begin);
-    if (kind == Leftover::torn) {
-      check.warning("S4", about, bytes, " are the beginning of a block that was never finished",
-                    isAtEnd ? ", at the end of the file." : ".");
+    if (leftover.kind == Leftover::torn) {
+      check_.warning("S4", about, bytes, " are the beginning of a block that was never finished",
+                     isAtEnd ? ", at the end of the file." : ".");
     } else {
-      check.warning("S5", about, bytes, isAtEnd ? ", after the last block," : ", between blocks,",
-                    " are no block.");
+      check_.warning("S5", about, bytes, isAtEnd ? ", after the last block," : ", between blocks,",
+                     " are no block.");
     }
   }
-}
 
-void reportNested(Check& check) {
-  const std::vector<int64_t>& blocks = check.survey.nestedBlocks;
-  const std::vector<int64_t>& databases = check.survey.nestedDatabases;
-  if (blocks.empty() && databases.empty()) return;
-  const int64_t first = blocks.empty() ? databases.front() : blocks.front();
-  const std::string what = blocks.empty() ? counted(databases.size(), "header") + " without a block"
-                                          : counted(blocks.size(), "block");
-  std::string where;
-  if (!databases.empty()) where = joined(", the first one from offset ", databases.front());
-  check.information("S6", {.offset = first}, what,
-                    " inside the payloads of others: a database is stored there", where, ".");
-}
+  void reportNested() {
+    const std::vector<int64_t>& blocks = survey_.nestedBlocks;
+    const std::vector<int64_t>& databases = survey_.nestedDatabases;
+    if (blocks.empty() && databases.empty()) return;
+    const int64_t first = blocks.empty() ? databases.front() : blocks.front();
+    const std::string what = blocks.empty()
+                                 ? counted(databases.size(), "header") + " without a block"
+                                 : counted(blocks.size(), "block");
+    std::string where;
+    if (!databases.empty()) where = joined(", the first one from offset ", databases.front());
+    check_.information("S6", {.offset = first}, what,
+                       " inside the payloads of others: a database is stored there", where, ".");
+  }
 
-// The bytes between payloads and the ends of their blocks.
-class SpareBytes {
- public:
-  SpareBytes(Check& check, SpaceUse* space)
-      : check_(check), window_(check.source), space_(*space) {}
+  // ---- bytes between payloads and the ends of their blocks
 
   // Spare bytes that were never used are zeros, as the library fills them. A payload that was
   // written over a longer one leaves the rest of that after it; table data has an end mark between
   // the two.
-  void look(const Block& block) {
+  void lookAtSpare(const Block& block) {
     if (block.capacity <= block.length || block.isCut()) return;
     int64_t position = block.dataPos() + block.length;
     const int64_t end = position + (block.capacity - block.length);
@@ -190,19 +192,6 @@ class SpareBytes {
     if (++staleBlocks_ == 1) firstStale_ = position;
   }
 
-  void report() const {
-    if (space_.reserve > space_.stale) {
-      check_.information("S7", {}, counted(space_.reserve - space_.stale, "byte"),
-                         " of spare capacity in blocks were never used.");
-    }
-    if (space_.stale > 0) {
-      check_.information("S7", {.offset = firstStale_}, counted(space_.stale, "byte"),
-                         " of older data can still be read after the payloads of ",
-                         counted(staleBlocks_, "block"), ".");
-    }
-  }
-
- private:
   // How many bytes there are up to the last one that is not zero.
   uint64_t usedBytes(int64_t begin, int64_t end) {
     int64_t used = begin;
@@ -219,61 +208,54 @@ class SpareBytes {
     return static_cast<uint64_t>(used - begin);
   }
 
+  void reportSpare() {
+    if (space_.reserve > space_.stale) {
+      check_.information("S7", {}, counted(space_.reserve - space_.stale, "byte"),
+                         " of spare capacity in blocks were never used.");
+    }
+    if (space_.stale > 0) {
+      check_.information("S7", {.offset = firstStale_}, counted(space_.stale, "byte"),
+                         " of older data can still be read after the payloads of ",
+                         counted(staleBlocks_, "block"), ".");
+    }
+  }
+
+  // A pack takes along what the chains lead to, and nothing else.
+  void reportDead() {
+    const uint64_t lost = space_.unlinked + space_.lost + space_.orphans;
+    const uint64_t dead = space_.superseded + space_.deleted + space_.unknown + lost;
+    if (dead == 0) return;
+    std::string warning;
+    if (lost > 0) warning = joined("; ", lost, " of them hold what was lost, not deleted");
+    check_.information("S7", {}, counted(dead, "byte"), " of ", survey_.size,
+                       " would come back by packing", warning, ".");
+  }
+
   Check& check_;
+  const Survey& survey_ = check_.survey;
   Window window_;
-  SpaceUse& space_;
+  SpaceUse space_;
+  std::map<std::tuple<BlockKind, int, const Fate*>, Heap> heaps_;  // by kind, slot and fate
+  std::map<uint32_t, Heap> orphans_;  // by their table's number among the owners
   uint64_t staleBlocks_ = 0;
   int64_t firstStale_ = -1;
 };
-
-// A pack takes along what the chains lead to, and nothing else.
-void reportDead(Check& check, const SpaceUse& space) {
-  const uint64_t lost = space.unlinked + space.lost + space.orphans;
-  const uint64_t dead = space.superseded + space.deleted + space.unknown + lost;
-  if (dead == 0) return;
-  std::string warning;
-  if (lost > 0) warning = joined("; ", lost, " of them hold what was lost, not deleted");
-  check.information("S7", {}, counted(dead, "byte"), " of ", check.survey.size,
-                    " would come back by packing", warning, ".");
-}
 
 // A block is written whole, its spare capacity with fill. So the library did not leave a hole in
 // it: a copying program made it of zeros, or the system lost what was written there, as happens on
 // file systems that store the size of a file before its contents.
 void reportHole(Check& check, const Block& block, int64_t from, int64_t to) {
-  const char* const whose =
-      block.kind == BlockKind::record ? "the record at " : "the table data at ";
+  const bool isRecord = block.kind == BlockKind::record;
   check.warning("F3", inBlock(check.survey.slotAt(block.slot), block, from - block.position),
-                "From here, ", counted(to - from, "byte"), " of ", whose, block.position,
+                "From here, ", counted(to - from, "byte"), " of ",
+                isRecord ? "the record at " : "the table data at ", block.position,
                 " are a hole in the file and read as zeros.");
-}
-
-// The live blocks in the order of the file.
-std::vector<const Block*> liveBlocks(const Survey& survey) {
-  std::vector<const Block*> live;
-  for (const uint32_t number : blocksInFileOrder(survey)) {
-    if (survey.blocks[number].label == Label::live) live.push_back(&survey.blocks[number]);
-  }
-  return live;
 }
 
 }  // namespace
 
 SpaceUse checkSpace(Check& check) {
-  const Survey& survey = check.survey;
-  SpaceUse space;
-  space.directory = static_cast<uint64_t>(std::min(survey.blocksStart, survey.size));
-  reportOverlaps(check);
-  BlockSpace blocks(check, &space);
-  for (const Block& block : survey.blocks) blocks.count(block);
-  blocks.report();
-  reportLeftovers(check, &space);
-  reportNested(check);
-  SpareBytes spare(check, &space);
-  for (const Block* block : liveBlocks(survey)) spare.look(*block);
-  reportDead(check, space);
-  spare.report();
-  return space;
+  return SpaceCheck(check).run();
 }
 
 // Blocks and holes both in the order of the file.

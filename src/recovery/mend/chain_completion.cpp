@@ -19,10 +19,11 @@ class Completer {
         slot_(survey.slotOf(table).fields),
         forward_(table.forward.blocks),
         back_(table.backward.blocks.rbegin(), table.backward.blocks.rend()),
-        forwardIsWhole_(table.forward.end == WalkEnd::complete),
-        backIsWhole_(table.backward.end == WalkEnd::complete) {}
+        backIsWhole_(table.backward.isComplete()),
+        table_(table) {}
 
   Completion run() {
+    result_.slot = slot_;
     result_.chain = forward_;
     decide();
     for (const uint32_t number : result_.chain) {
@@ -46,22 +47,19 @@ class Completer {
     result_.steps.push_back(joined(aboutTable(slot_), std::move(parts)...));
   }
 
-  bool endsAtLast(const Chain& chain) const {
-    return !chain.empty() && positionOf(chain.back()) == slot_.lastRecordPos;
+  bool forwardEndsAtLast() const {
+    return !forward_.empty() && positionOf(forward_.back()) == slot_.lastRecordPos;
   }
-  bool beginsAtFirst(const Chain& chain) const {
-    return !chain.empty() && positionOf(chain.front()) == slot_.firstRecordPos;
-  }
-  bool isPrefix(const Chain& part, const Chain& whole) const {
-    return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
-  }
+  // Whether the walk from the back reaches as many records as are counted, and ends.
+  bool backIsFull() const { return backIsWhole_ && back_.size() == count(); }
+  bool backBeginsAtFirst() const { return positionOf(back_.front()) == slot_.firstRecordPos; }
 
   void decide() {
     if (count() == 0) {
       if (slot_.firstRecordPos != 0 || slot_.lastRecordPos != 0) {
         refuse("it counts no records, but has positions of some");
       }
-    } else if (!forwardIsWhole_ || forward_.empty()) {
+    } else if (!table_.forward.isComplete() || forward_.empty()) {
       restoreForward();
     } else if (forward_.size() > count()) {
       countLinked();
@@ -75,12 +73,13 @@ class Completer {
   // ---- the walk from the front breaks
 
   void restoreForward() {
-    const bool isLastLink = forward_.size() == count() && endsAtLast(forward_);
+    const bool isLastLink = forward_.size() == count() && forwardEndsAtLast();
     if (isLastLink && backIsWhole_ && back_ == forward_) {
       return step("the link of the last record, which leads nowhere, is cleared");
     }
-    const bool canRestore = backIsWhole_ && back_.size() == count() && isPrefix(forward_, back_) &&
-                            (forward_.empty() || beginsAtFirst(back_));
+    const bool canRestore = backIsFull() &&
+                            std::ranges::mismatch(forward_, back_).in1 == forward_.end() &&
+                            (forward_.empty() || backBeginsAtFirst());
     if (!canRestore) return refuse("the chain breaks, and from the back it is not whole either");
     if (forward_.empty()) {
       step("the position of the first record is restored");
@@ -95,7 +94,7 @@ class Completer {
   // ---- more records than the slot counts
 
   void countLinked() {
-    if (endsAtLast(forward_)) return countChain();
+    if (forwardEndsAtLast()) return countChain();
     bool isAppend = positionOf(forward_[count() - 1]) == slot_.lastRecordPos;
     for (size_t i = count(); i < forward_.size(); ++i) {
       isAppend = isAppend && block(forward_[i]).prev == positionOf(forward_[i - 1]);
@@ -103,19 +102,19 @@ class Completer {
     if (!isAppend) {
       return refuse("the chain continues after its last record, and not as an append does");
     }
-    result_.added = static_cast<uint32_t>(forward_.size() - count());
-    step(counted(result_.added, "record that was linked but not counted is counted",
+    const auto added = static_cast<uint32_t>(forward_.size() - count());
+    result_.slot.recordWriteCount += added;
+    step(counted(added, "record that was linked but not counted is counted",
                  "records that were linked but not counted are counted"));
-    result_.lastWritten = positionOf(forward_.back());
+    result_.slot.lastWrittenRecordPos = positionOf(forward_.back());
   }
 
   // ---- fewer records than the slot counts
 
   void finishDeletion() {
-    if (backIsWhole_ && back_ == forward_ && endsAtLast(forward_)) return countChain();
+    if (backIsWhole_ && back_ == forward_ && forwardEndsAtLast()) return countChain();
     // Only the link from the front leads past the record.
-    const bool isBegun = backIsWhole_ && back_.size() == count() && beginsAtFirst(back_) &&
-                         forward_.size() + 1 == count();
+    const bool isBegun = backIsFull() && backBeginsAtFirst() && forward_.size() + 1 == count();
     if (!isBegun) return refuse("the chain ends before the number of records is reached");
     const auto differ = std::mismatch(forward_.begin(), forward_.end(), back_.begin());
     if (!std::equal(differ.first, forward_.end(), differ.second + 1, back_.end())) {
@@ -129,13 +128,13 @@ class Completer {
   void finish(uint32_t number, uint32_t neighbour) {
     result_.gone.push_back(number);
     step("the deletion of the record at ", positionOf(number), " is finished");
-    result_.lastWritten = positionOf(neighbour);
+    result_.slot.lastWrittenRecordPos = positionOf(neighbour);
   }
 
   // ---- as many records as the slot counts
 
   void keepForward() {
-    const bool firstIsLeft = backIsWhole_ && forward_.size() > 1 && endsAtLast(forward_) &&
+    const bool firstIsLeft = backIsWhole_ && forward_.size() > 1 && forwardEndsAtLast() &&
                              block(forward_[1]).prev == 0 &&
                              back_ == Chain(forward_.begin() + 1, forward_.end());
     if (firstIsLeft) {
@@ -147,7 +146,7 @@ class Completer {
       if ((each.reach & kForward) || each.label == Label::superseded) continue;
       return refuse("from the back the chain leads to other records than from the front");
     }
-    if (!endsAtLast(forward_)) step("the position of the last record is set");
+    if (!forwardEndsAtLast()) step("the position of the last record is set");
   }
 
   void noteBackLinks() {
@@ -165,8 +164,8 @@ class Completer {
   const tablePart1& slot_;
   const Chain& forward_;
   const Chain back_;  // the walk from the back, in the order of the chain
-  const bool forwardIsWhole_;
   const bool backIsWhole_;
+  const Table& table_;
   Completion result_;
 };
 

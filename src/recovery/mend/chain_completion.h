@@ -14,8 +14,7 @@ struct Completion {
   std::vector<uint32_t> gone;      // records whose deletion is finished
   std::vector<std::string> steps;  // what is done, a sentence each
   std::string refusal;             // why there is no such chain, or not just one; else empty
-  uint32_t added = 0;              // records that were never counted before
-  int64_t lastWritten = 0;         // the record written last; 0: as the slot says
+  tablePart1 slot = {};            // with the numbers and positions that belong to that chain
 };
 
 // How sentences about the table of that slot begin: "table 'notes': ".

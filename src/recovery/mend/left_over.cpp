@@ -18,15 +18,15 @@ bool isLeftOver(const Block& block) {
 std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
   const tablePart1& slot = survey.slotOf(table).fields;
   const auto isWhole = [&](const Walk& walk) {
-    return walk.end == WalkEnd::complete && walk.blocks.size() == slot.recordCount;
+    return walk.isComplete() && walk.blocks.size() == slot.recordCount;
   };
   if (!isWhole(table.forward) || !isWhole(table.backward)) return {};
   std::vector<uint32_t> tail;
   int64_t previous = slot.lastRecordPos;
   for (const uint32_t number : blocksInFileOrder(survey)) {
     const Block& each = survey.blocks[number];
-    const bool isApart = each.owner == table.owner && each.kind == BlockKind::record &&
-                         each.label == Label::detached && !each.isReached();
+    const bool isApart =
+        each.isRecordOf(table.owner) && each.label == Label::detached && !each.isReached();
     if (!isApart) continue;
     const bool isNamed = tail.empty() || survey.blocks[tail.back()].next == each.position;
     if (each.grade != Grade::a || each.prev != previous || !isNamed) return {};
@@ -39,9 +39,8 @@ std::vector<uint32_t> tailApart(const Survey& survey, const Table& table) {
 std::vector<uint32_t> tailToDiscard(const Survey& survey, const Table& table) {
   const int64_t lastWritten = survey.slotOf(table).fields.lastWrittenRecordPos;
   std::vector<uint32_t> tail = tailApart(survey, table);
-  const bool wasLinked = std::any_of(tail.begin(), tail.end(), [&](uint32_t number) {
-    return survey.blocks[number].position == lastWritten;
-  });
+  const bool wasLinked = std::ranges::any_of(
+      tail, [&](uint32_t number) { return survey.blocks[number].position == lastWritten; });
   if (wasLinked) tail.clear();
   return tail;
 }

@@ -1,13 +1,14 @@
 #include "recovery/mend/mend_plan.h"
 
 #include <algorithm>
+#include <functional>
 #include <set>
 #include <unordered_map>
 #include <utility>
 
 #include "format/Aliment8.h"
 #include "format/block_heads.h"
-#include "recovery/check/check_source.h"
+#include "recovery/check/parts.h"
 #include "recovery/mend/chain_completion.h"
 #include "recovery/mend/left_over.h"
 #include "recovery/salvage/plan.h"
@@ -88,24 +89,19 @@ class Planner {
   // Latest end first.
   std::vector<Piece> cutOffPieces() const {
     std::vector<Piece> pieces;
-    for (const LeftoverRange& each : survey_.leftovers) {
-      if (each.kind != Leftover::torn) continue;
-      pieces.push_back({each.range.begin, each.range.end, nullptr});
+    for (const auto& [range, kind] : survey_.leftovers) {
+      if (kind == Leftover::torn) pieces.push_back({range.begin, range.end, nullptr});
     }
+    const auto add = [&](const Block& each) { pieces.push_back({each.position, each.end, &each}); };
     for (const Block& each : survey_.blocks) {
       const bool isTorn = each.grade != Grade::a && !each.isReached();
-      if (isTorn || isLeftOver(each) || isLeftOverData(survey_, each)) {
-        pieces.push_back({each.position, each.end, &each});
-      }
+      if (isTorn || isLeftOver(each) || isLeftOverData(survey_, each)) add(each);
     }
     for (const Table& table : survey_.tables) {
       if (!survey_.slotOf(table).counted) continue;
-      for (const uint32_t number : tailToDiscard(survey_, table)) {
-        pieces.push_back({block(number).position, block(number).end, &block(number)});
-      }
+      for (const uint32_t number : tailToDiscard(survey_, table)) add(block(number));
     }
-    std::stable_sort(pieces.begin(), pieces.end(),
-                     [](const Piece& a, const Piece& b) { return a.end > b.end; });
+    std::ranges::stable_sort(pieces, std::ranges::greater(), &Piece::end);
     return pieces;
   }
 
@@ -135,11 +131,9 @@ class Planner {
       if (plan_.refusal.empty()) plan_.refusal = completion.refusal;
       return;
     }
-    tablePart1 fields = slot.fields;
-    fields.recordWriteCount += completion.added;
-    if (completion.lastWritten != 0) fields.lastWrittenRecordPos = completion.lastWritten;
+    tablePart1& fields = completion.slot;
     for (const uint32_t number : completion.gone) noteGone(block(number));
-    for (std::string& step : completion.steps) plan_.steps.push_back(std::move(step));
+    for (const std::string& each : completion.steps) step(each);
     if (cutOff_ == CutOffWrites::link) linkLeftOver(table, &completion.chain, &fields);
     if (cutOff_ == CutOffWrites::discard) discardLeftOver(table, &fields);
     if (cutOff_ != CutOffWrites::keep) decideData(table, &fields);
@@ -206,10 +200,9 @@ class Planner {
 
   // The first data of the table, which was never linked.
   void decideData(const Table& table, tablePart1* fields) {
-    const auto found =
-        std::find_if(survey_.blocks.begin(), survey_.blocks.end(), [&](const Block& each) {
-          return each.owner == table.owner && isLeftOverData(survey_, each);
-        });
+    const auto found = std::ranges::find_if(survey_.blocks, [&](const Block& each) {
+      return each.owner == table.owner && isLeftOverData(survey_, each);
+    });
     if (found == survey_.blocks.end() || found->end > plan_.size) return;
     const std::string data = joined(aboutTable(*fields), "the table data at ", found->position,
                                     ", which was never linked");

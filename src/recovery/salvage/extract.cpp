@@ -9,7 +9,6 @@
 #include <string>
 #include <string_view>
 
-#include "failure/failure.h"
 #include "platform/paths/utf8_names.h"
 #include "products/buffered_output.h"
 #include "products/target_file.h"

@@ -4,6 +4,7 @@
 #include <qvdbase/qvdb/error.hpp>
 
 #include <algorithm>
+#include <functional>
 #include <new>
 #include <set>
 #include <span>
@@ -18,16 +19,11 @@
 #include "recovery/survey/survey.h"
 
 using namespace qvdbase;
+using namespace qvdbase::failure;
+using namespace qvdbase::survey;
 
 namespace qvdb {
 namespace {
-
-using failure::throwError;
-using survey::Block;
-using survey::BlockKind;
-using survey::Label;
-using survey::OpenedFile;
-using survey::Survey;
 
 // A record's file, survey and table: the one of that name or identifier among those that the file
 // shows traces of.
@@ -47,9 +43,9 @@ struct Sought {
   template <typename Wanted>
   std::vector<uint32_t> records(Wanted wanted) const {
     std::vector<uint32_t> found;
-    for (const uint32_t number : survey::blocksInFileOrder(survey)) {
+    for (const uint32_t number : blocksInFileOrder(survey)) {
       const Block& each = block(number);
-      if (each.kind == BlockKind::record && each.owner == owner && wanted(each)) {
+      if (each.isRecordOf(owner) && std::invoke(wanted, each)) {
         found.push_back(number);
       }
     }
@@ -73,7 +69,7 @@ struct Sought {
  private:
   uint32_t ownerNamed(const std::filesystem::path& path, std::string_view table,
                       const char* operation) const {
-    for (const survey::Table& each : survey.tables) {
+    for (const auto& each : survey.tables) {
       if (format::storedName(survey.slotOf(each).fields) == table) return each.owner;
     }
     if (const std::optional<Id> id = parse_id(table)) {
@@ -87,28 +83,19 @@ struct Sought {
 
 // The data of the table that takes the record, as `edit` leaves it. None where there is no such
 // data, or not all of it can be read.
-std::vector<survey::Patch> editedData(const survey::ByteSource& source, const Survey& survey,
-                                      uint32_t chosen, const DataEdit& edit) {
+std::vector<Patch> editedData(const ByteSource& source, const Survey& survey, uint32_t chosen,
+                              const DataEdit& edit) {
   const salvage::Plan plan = salvage::makePlan(survey, {}, chosen);
   const int place = plan.destination[chosen];
-  const uint32_t data = place < 0 ? survey::kNoBlock : plan.tables[static_cast<size_t>(place)].data;
-  if (data == survey::kNoBlock) return {};
+  const uint32_t data = place < 0 ? kNoBlock : plan.tables[static_cast<size_t>(place)].data;
+  if (data == kNoBlock) return {};
   const Block& block = survey.blocks[data];
-  survey::Patch patch = {block.dataPos(),
-                         std::vector<unsigned char>(static_cast<size_t>(block.dataThere()))};
+  Patch patch = {block.dataPos(),
+                 std::vector<unsigned char>(static_cast<size_t>(block.dataThere()))};
   std::vector<unsigned char>& bytes = patch.bytes;
   if (source.readAt(patch.position, bytes.data(), bytes.size()) != bytes.size()) return {};
   edit(std::as_writable_bytes(std::span(bytes)));
   return {std::move(patch)};
-}
-
-// In the chain of its table, or belonging there.
-bool isInUse(const Block& block) {
-  return block.label == Label::live || block.label == Label::detached;
-}
-
-bool isDeleted(const Block& block) {
-  return block.label == Label::deleted || block.label == Label::deletedOrUnlinked;
 }
 
 }  // namespace
@@ -122,16 +109,16 @@ std::vector<FoundBlock> history(const std::filesystem::path& path, std::string_v
 std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::string_view table) {
   const Sought sought(path, table, "list the deleted records");
   std::set<uint64_t> passed;
-  for (const uint32_t number : sought.records(isInUse)) {
+  for (const uint32_t number : sought.records(&Block::isInUse)) {
     passed.insert(sought.block(number).recordID);
   }
   // Of each, the last version.
-  std::vector<uint32_t> deleted = sought.records(isDeleted);
+  std::vector<uint32_t> deleted = sought.records(&Block::isDeleted);
   std::vector<uint32_t> last;
   for (auto number = deleted.rbegin(); number != deleted.rend(); ++number) {
     if (passed.insert(sought.block(*number).recordID).second) last.push_back(*number);
   }
-  std::reverse(last.begin(), last.end());
+  std::ranges::reverse(last);
   return sought.describe(last);
 }
 
@@ -161,26 +148,25 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
   constexpr const char* kUndelete = "bring the record back";
   const Sought sought(source, table, kUndelete, true);
   const std::vector<uint32_t> versions = sought.versionsOf(record);
-  const bool isLive = std::any_of(versions.begin(), versions.end(), [&](uint32_t number) {
-    return sought.block(number).label == Label::live;
-  });
+  const bool isLive = std::ranges::any_of(
+      versions, [&](uint32_t number) { return sought.block(number).label == Label::live; });
   if (isLive && !offset) {
     throwError(source, kUndelete, Reason::bad_argument,
                "the record is in use; name a version's offset");
   }
-  uint32_t chosen = survey::kNoBlock;
+  uint32_t chosen = kNoBlock;
   for (const uint32_t number : versions) {
     const Block& block = sought.block(number);
-    if (offset ? block.position == *offset : block.grade == survey::Grade::a) chosen = number;
+    if (offset ? block.position == *offset : block.grade == Grade::a) chosen = number;
   }
-  if (chosen == survey::kNoBlock) {
+  if (chosen == kNoBlock) {
     throwError(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
   }
   const platform::FileAccess access = sought.file.access(source, kUndelete);
-  const survey::ByteSource& bytes = sought.file.source();
-  std::vector<survey::Patch> edited;
+  const ByteSource& bytes = sought.file.source();
+  std::vector<Patch> edited;
   if (edit_data) edited = editedData(bytes, sought.survey, chosen, edit_data);
-  const survey::PatchedSource patched(bytes, edited, bytes.size());
+  const PatchedSource patched(bytes, edited, bytes.size());
   const SalvageOptions options;
   salvage::Run run({patched, sought.survey, options, &access}, target, {}, chosen);
   salvage::lookAtSourceAgain(sought.file, source, kUndelete, &run.report());

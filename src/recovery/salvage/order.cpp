@@ -1,9 +1,9 @@
 // The order of the records of a broken chain.
 #include <algorithm>
 #include <map>
-#include <optional>
 
 #include "recovery/salvage/plan.h"
+#include "recovery/survey/pieces.h"
 
 using namespace qvdbase::survey;
 
@@ -26,18 +26,16 @@ class OlderVersions {
 
   uint32_t instead(uint32_t number) const {
     const Block& asked = survey_.blocks[number];
+    const auto found = [](const auto& numbers, auto key) {
+      const auto place = numbers.find(key);
+      return place == numbers.end() ? kNoBlock : place->second;
+    };
     if (asked.recordID != 0) return found(byRecord_, asked.recordID);
     const uint32_t sameNext = found(byNext_, asked.next);
     return sameNext != kNoBlock ? sameNext : found(byPrev_, asked.prev);
   }
 
  private:
-  template <typename Key>
-  static uint32_t found(const std::map<Key, uint32_t>& numbers, Key key) {
-    const auto place = numbers.find(key);
-    return place == numbers.end() ? kNoBlock : place->second;
-  }
-
   const Survey& survey_;
   std::map<uint64_t, uint32_t> byRecord_;
   std::map<int64_t, uint32_t> byNext_;
@@ -47,40 +45,21 @@ class OlderVersions {
 }  // namespace
 
 std::vector<uint32_t> inLinkOrder(const Survey& survey, std::vector<uint32_t> blocks) {
-  const auto at = [&](uint32_t number) -> const Block& { return survey.blocks[number]; };
-  const auto before = [&](uint32_t a, uint32_t b) { return at(a).position < at(b).position; };
-  std::sort(blocks.begin(), blocks.end(), before);
-
-  // Where the block at `position` is among the sorted ones.
-  const auto indexOf = [&](int64_t position) -> std::optional<size_t> {
-    const uint32_t number = survey.byPosition.find(position);
-    if (number == kNoBlock) return std::nullopt;
-    const auto place = std::lower_bound(blocks.begin(), blocks.end(), number, before);
-    if (place == blocks.end() || *place != number) return std::nullopt;
-    return static_cast<size_t>(place - blocks.begin());
-  };
-
-  // The one that follows in the chain, if both name each other.
-  const auto neighbour = [&](size_t index, int64_t Block::*link,
-                             int64_t Block::*back) -> std::optional<size_t> {
-    const std::optional<size_t> other = indexOf(at(blocks[index]).*link);
-    if (!other || at(blocks[*other]).*back != at(blocks[index]).position) return std::nullopt;
-    return other;
-  };
-
-  std::vector<uint32_t> ordered;
-  std::vector<bool> isPlaced(blocks.size(), false);
-  const auto placeFrom = [&](std::optional<size_t> index) {
-    while (index && !isPlaced[*index]) {
-      isPlaced[*index] = true;
-      ordered.push_back(blocks[*index]);
-      index = neighbour(*index, &Block::next, &Block::prev);
-    }
-  };
-  for (size_t i = 0; i < blocks.size(); ++i) {
-    if (!neighbour(i, &Block::prev, &Block::next)) placeFrom(i);
+  const auto positionOf = [&](uint32_t number) { return survey.blocks[number].position; };
+  std::ranges::sort(blocks, {}, positionOf);
+  // Those that follow in the chain, if both name each other.
+  std::vector<size_t> successors;
+  for (const uint32_t number : blocks) {
+    const Block& each = survey.blocks[number];
+    const auto next = std::ranges::lower_bound(blocks, each.next, {}, positionOf);
+    const bool isNext = next != blocks.end() && positionOf(*next) == each.next &&
+                        survey.blocks[*next].prev == each.position;
+    successors.push_back(isNext ? static_cast<size_t>(next - blocks.begin()) : blocks.size());
   }
-  for (size_t i = 0; i < blocks.size(); ++i) placeFrom(i);  // what is left forms circles
+  std::vector<uint32_t> ordered;
+  for (const std::vector<size_t>& piece : piecesOf(successors)) {
+    for (const size_t place : piece) ordered.push_back(blocks[place]);
+  }
   return ordered;
 }
 

@@ -148,7 +148,7 @@ class Planner {
     const Owner& mine = survey_.owners[owner];
     if (given_.contains(mine.number)) return true;
     if (identifierSumIsRight(mine.id.data())) return false;
-    return std::any_of(survey_.tables.begin(), survey_.tables.end(), [&](const Table& table) {
+    return std::ranges::any_of(survey_.tables, [&](const Table& table) {
       const Owner& other = survey_.owners[owners_.at(table.slot)];
       return isPlannable(table) && other.number == mine.number &&
              identifierSumIsRight(other.id.data());
@@ -180,9 +180,7 @@ class Planner {
   }
 
   void planLostAndFound() {
-    const auto present =
-        std::find_if(plan_.tables.begin(), plan_.tables.end(),
-                     [](const PlannedTable& table) { return table.name() == kLostAndFound; });
+    const auto present = std::ranges::find(plan_.tables, kLostAndFound, &PlannedTable::name);
     if (present != plan_.tables.end()) {
       present->records.insert(present->records.end(), taken_.strays.begin(), taken_.strays.end());
       return;
@@ -208,7 +206,7 @@ class Planner {
     plan_.destination.assign(survey_.blocks.size(), -1);
     for (size_t i = 0; i < plan_.tables.size(); ++i) {
       PlannedTable& table = plan_.tables[i];
-      std::replace(table.records.begin(), table.records.end(), taken_.replaced, wanted_);
+      std::ranges::replace(table.records, taken_.replaced, wanted_);
       for (const uint32_t number : table.records) plan_.destination[number] = static_cast<int>(i);
       if (table.data != kNoBlock) plan_.destination[table.data] = static_cast<int>(i);
     }

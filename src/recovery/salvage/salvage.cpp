@@ -7,7 +7,7 @@
 
 #include "failure/failure.h"
 #include "platform/handles/read_only_file.h"
-#include "recovery/check/check_source.h"
+#include "recovery/check/parts.h"
 #include "recovery/salvage/run.h"
 #include "recovery/salvage/stored_databases.h"
 #include "recovery/survey/byte_source.h"

@@ -19,12 +19,8 @@ bool directoryIsDamaged(const Survey& survey) {
   };
   return survey.tables.empty() || tableCount < 0 ||
          tableCount > static_cast<int>(survey.tables.size()) ||
-         std::any_of(survey.slots.begin(), survey.slots.end(), isDestroyed) ||
-         std::any_of(survey.tables.begin(), survey.tables.end(), hasWrongSum);
-}
-
-bool isInChain(const Block& each) {
-  return each.label == Label::live || each.label == Label::detached;
+         std::ranges::any_of(survey.slots, isDestroyed) ||
+         std::ranges::any_of(survey.tables, hasWrongSum);
 }
 
 class Selection {
@@ -73,22 +69,21 @@ class Selection {
       group.members.push_back(number);
     } else if (number == wanted_) {
       if (taken_.replaced != kNoBlock) return;
-      (isInChain(each) ? group.members : group.unlinked).push_back(number);
+      (each.isInUse() ? group.members : group.unlinked).push_back(number);
     } else if (isOtherVersion(number) || !gradeSuffices(each)) {
       return;
     } else if (each.kind == BlockKind::record) {
       placeRecord(number, each, &group);
-    } else if (isInChain(each) || each.label == Label::unlinked) {
+    } else if (each.isInUse() || each.label == Label::unlinked) {
       group.data = number;
     }
   }
 
   void placeRecord(uint32_t number, const Block& each, Group* group) {
-    const bool isDeleted = each.label == Label::deleted || each.label == Label::deletedOrUnlinked;
-    if (isInChain(each)) return group->members.push_back(number);
+    if (each.isInUse()) return group->members.push_back(number);
     if (each.label == Label::unlinked) return group->unlinked.push_back(number);
-    if (isDeleted && !options_.deleted) return;
-    if (isDeleted && options_.in_place_tables) return group->unlinked.push_back(number);
+    if (each.isDeleted() && !options_.deleted) return;
+    if (each.isDeleted() && options_.in_place_tables) return group->unlinked.push_back(number);
     if (each.label == Label::superseded && !options_.versions) return;
     const bool isKnown = survey_.ownerSlot(each) != nullptr;
     if (isKnown || taken_.takesOrphan(survey_, each)) taken_.strays.push_back(number);

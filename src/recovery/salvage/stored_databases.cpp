@@ -30,9 +30,8 @@ constexpr size_t kMostDatabases = 1000;
 // Where the payload that holds `position` ends, or the block where it lies in spare bytes; 0 where
 // no block holds it. `order` is the file's.
 int64_t endOfPayload(const Survey& survey, const std::vector<uint32_t>& order, int64_t position) {
-  const auto after = std::upper_bound(
-      order.begin(), order.end(), position,
-      [&](int64_t wanted, uint32_t number) { return wanted < survey.blocks[number].position; });
+  const auto after = std::ranges::upper_bound(
+      order, position, {}, [&](uint32_t number) { return survey.blocks[number].position; });
   if (after == order.begin()) return 0;
   const Block& block = survey.blocks[*(after - 1)];
   const int64_t end = block.dataPos() + block.dataThere();
@@ -56,28 +55,23 @@ std::string aboutNotWritten(const std::vector<int64_t>& positions) {
                 list, ".");
 }
 
-// How far the database that begins at `origin` reaches at least, by its directory.
-struct Reach {
-  int64_t end;
-  bool hasTables;
-};
-
-Reach reachOf(const ByteSource& source, int64_t origin) {
+// Where the database that begins at `origin` reaches at least, by its directory; none when it has
+// no tables.
+std::optional<int64_t> reachOf(const ByteSource& source, int64_t origin) {
   const PartSource part(source, origin, source.size());
   Survey survey;
   readDirectory(part, {}, &survey);
   int64_t farthest = kNewFileSize;
-  bool hasTables = survey.header.tableCount != 0;
   for (const Slot& slot : survey.slots) {
     if (!slot.isTable()) continue;
-    hasTables = true;
     const tablePart1& fields = slot.fields;
     for (const int64_t position : {fields.firstRecordPos, fields.lastRecordPos,
                                    fields.lastWrittenRecordPos, fields.firstDataPos}) {
       if (position < part.size()) farthest = std::max(farthest, position);
     }
   }
-  return {origin + farthest, hasTables};
+  const bool hasTables = survey.header.tableCount != 0 || survey.knownOwners != 0;
+  return hasTables ? std::optional(origin + farthest) : std::nullopt;
 }
 
 std::string nameOf(const Range& place) {
@@ -98,11 +92,11 @@ StoredDatabases::StoredDatabases(const Job& job) : job_(job), folder_(job.option
   leftOut_ = places_.size() - kept;
   places_.resize(kept);
   for (Range& place : places_) {
-    const Reach reach = reachOf(job.source, place.begin);
-    if (!reach.hasTables) {
+    const std::optional<int64_t> reach = reachOf(job.source, place.begin);
+    if (!reach) {
       place.end = std::min(place.begin + kNewFileSize, job.source.size());
     } else if (place.end == 0) {
-      const auto next = std::lower_bound(loose.begin(), loose.end(), reach.end);
+      const auto next = std::ranges::lower_bound(loose, *reach);
       place.end = next != loose.end() ? *next : job.source.size();
     }
     folder_.requireFree(nameOf(place), kOperation);

@@ -28,9 +28,18 @@ Content contentOf(const Block& block) {
   return {length, block.isCut() ? length : std::max(length, block.capacity)};
 }
 
-// Where everything goes.
+tablePart1 slotOf(const PlannedTable& table, const TablePlace& place) {
+  tablePart1 slot = copy::DatabaseWriter::slotAt(table.slot, place);
+  slot.recordCount = static_cast<uint32_t>(table.records.size());
+  slot.recordWriteCount = std::max(slot.recordWriteCount, slot.recordCount);
+  slot.dataBlockCount = place.data != 0 ? 1 : 0;
+  slot.dataWriteCount = place.data != 0 ? std::max<uint32_t>(slot.dataWriteCount, 1) : 0;
+  return slot;
+}
+
+// The slots of the tables, with the places of their blocks, and the size of the file.
 struct Layout {
-  std::vector<TablePlace> places;  // of each table
+  std::vector<tablePart1> slots;
   int64_t size = kNewFileSize;
 };
 
@@ -49,7 +58,7 @@ Layout layOut(const Survey& survey, const Plan& plan) {
       place.lastRecord = place.lastWrittenRecord = take(number, kRecordBlockOverhead);
     }
     if (table.data != kNoBlock) place.data = take(table.data, kTableDataBlockOverhead);
-    layout.places.push_back(place);
+    layout.slots.push_back(slotOf(table, place));
   }
   return layout;
 }
@@ -65,7 +74,7 @@ class Writer {
         report_(*report) {}
 
   int64_t write() {
-    output_.directory(header(), slots(), kNewSlotCount);
+    output_.directory(header(), layOut(survey_, plan_).slots, kNewSlotCount);
     for (const PlannedTable& table : plan_.tables) writeTable(table);
     output_.flush();
     return payloads_.unreadableAt();
@@ -81,24 +90,6 @@ class Writer {
     storeBigEndian(bytes.data() + kSlotCountPos, kNewSlotCount);
     storeBigEndian(bytes.data() + kSlotSizePos, kSlotImageSize);
     return bytes;
-  }
-
-  std::vector<tablePart1> slots() const {
-    const Layout layout = layOut(survey_, plan_);
-    std::vector<tablePart1> slots;
-    for (size_t i = 0; i < plan_.tables.size(); ++i) {
-      slots.push_back(slotOf(plan_.tables[i], layout.places[i]));
-    }
-    return slots;
-  }
-
-  static tablePart1 slotOf(const PlannedTable& table, const TablePlace& place) {
-    tablePart1 slot = copy::DatabaseWriter::slotAt(table.slot, place);
-    slot.recordCount = static_cast<uint32_t>(table.records.size());
-    slot.recordWriteCount = std::max(slot.recordWriteCount, slot.recordCount);
-    slot.dataBlockCount = place.data != 0 ? 1 : 0;
-    slot.dataWriteCount = place.data != 0 ? std::max<uint32_t>(slot.dataWriteCount, 1) : 0;
-    return slot;
   }
 
   void writeTable(const PlannedTable& table) {

@@ -104,23 +104,19 @@ int64_t findHits(const ByteSource& source, const Range& range,
   return unreadableAt;
 }
 
-std::optional<NestedDatabase> CandidateReader::readNested(int64_t origin) {
+std::optional<std::vector<tablePart1>> CandidateReader::readNested(int64_t origin) {
   const uint8_t* header = window_.at(origin, kDirectoryPos);
   if (header == nullptr || !looksLikeHeader(header)) return std::nullopt;
-  NestedDatabase nested;
-  nested.origin = origin;
+  std::vector<tablePart1> tables;
   for (int i = 0; i < kNewSlotCount; ++i) {
     const uint8_t* image = window_.at(origin + slotPosition(i), kSlotImageSize);
     if (image == nullptr) break;
     if (image[slot::kSlotMark] != kSlotMark || image[slot::kSlotEndMark] != kSlotEndMark) continue;
     tablePart1 fields = {};
     decodeSlot(image, &fields);
-    const uint64_t number = identifierNumber(fields.tableID);
-    if (number == 0) continue;
-    nested.tables.push_back(
-        {number, fields.firstRecordPos, fields.lastRecordPos, fields.firstDataPos});
+    if (identifierNumber(fields.tableID) != 0) tables.push_back(fields);
   }
-  return nested;
+  return tables;
 }
 
 // A table of the directory, also when the sum is damaged in the block or in the slot; or any
@@ -128,7 +124,7 @@ std::optional<NestedDatabase> CandidateReader::readNested(int64_t origin) {
 bool CandidateReader::findOwner(const unsigned char* tableID, Block* block, int* errors) {
   const uint64_t number = identifierNumber(tableID);
   const bool sumIsRight = identifierSumIsRight(tableID);
-  if (!sumIsRight) block->flaws |= kWrongTableSum;
+  if (!sumIsRight) block->add(kWrongTableSum);
   Id id;
   std::memcpy(id.data(), tableID, kIdentifierSize);
   const auto found = survey_.ownerNumbers.find(id);
@@ -148,16 +144,15 @@ bool CandidateReader::findOwner(const unsigned char* tableID, Block* block, int*
 }
 
 void CandidateReader::judgeExtent(int64_t limit, Block* block, int* errors) {
-  block->end = block->claimedEnd();
-  if (block->end > survey_.size) block->flaws |= kBeyondEnd;
-  if (block->end > limit) {
-    block->flaws |= kCutShort;
-    block->end = limit;
+  block->end = std::min(block->claimedEnd(), limit);
+  if (block->claimedEnd() > survey_.size) {
+    block->add(kBeyondEnd);
+  } else if (block->claimedEnd() > limit) {
+    block->add(kCutShort);
   } else if (window_.byteAt(block->end - 1) != kBlockEndMark) {
-    block->flaws |= kNoEndMark;
+    block->add(kNoEndMark);
   }
-  if (block->flaws & kBeyondEnd) block->flaws &= static_cast<uint8_t>(~kCutShort);
-  if (block->flaws & (kLengthAboveCapacity | kBeyondEnd | kCutShort | kNoEndMark)) ++*errors;
+  if (block->has(kLengthAboveCapacity | kBeyondEnd | kCutShort | kNoEndMark)) ++*errors;
 }
 
 std::optional<Block> CandidateReader::read(int64_t position, int64_t limit) {
@@ -172,8 +167,8 @@ std::optional<Block> CandidateReader::read(int64_t position, int64_t limit) {
     return std::nullopt;
   }
   // Without a table of the directory the record's own sum has to be right, or anything would do.
-  if (!survey_.isKnown(block.owner) && (block.flaws & kWrongIdSum)) return std::nullopt;
-  if (block.flaws & (kWrongIdSum | kZeroId)) ++errors;
+  if (!survey_.isKnown(block.owner) && block.has(kWrongIdSum)) return std::nullopt;
+  if (block.has(kWrongIdSum | kZeroId)) ++errors;
   judgeExtent(limit, &block, &errors);
   block.grade = errors == 0 ? Grade::a : errors == 1 ? Grade::b : Grade::c;
   if (block.grade == Grade::c && !survey_.isKnown(block.owner)) return std::nullopt;

@@ -9,20 +9,6 @@
 
 namespace qvdbase::survey {
 
-// A table in the directory of a nested database. Its positions count from where that begins.
-struct NestedTable {
-  uint64_t number = 0;  // its identifier
-  int64_t firstRecord = 0;
-  int64_t lastRecord = 0;
-  int64_t data = 0;
-};
-
-// A database header inside the bytes that were scanned, with the tables of its directory.
-struct NestedDatabase {
-  int64_t origin = 0;
-  std::vector<NestedTable> tables;
-};
-
 struct ScanHits {
   std::vector<int64_t> marks;    // of block marks with the header size after them
   std::vector<int64_t> headers;  // where a database header may begin
@@ -42,7 +28,8 @@ class CandidateReader {
   // The block at `position` if enough of it is right, with its grade; it must lie below `limit`.
   std::optional<Block> read(int64_t position, int64_t limit);
 
-  std::optional<NestedDatabase> readNested(int64_t origin);
+  // The slots of the tables of a database that begins there. Their positions count from there.
+  std::optional<std::vector<tablePart1>> readNested(int64_t origin);
 
   int64_t unreadableAt() const { return window_.unreadableAt(); }
 

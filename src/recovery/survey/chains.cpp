@@ -3,6 +3,7 @@
 // A walk goes on as long as its next block is a record block of the table that it has not passed
 // before, so it ends whatever the links and the slot's count say. It also goes on after the last
 // counted record: an append that was cut off before the slot was written leaves one there.
+#include <algorithm>
 #include <cstring>
 
 #include "format/block_heads.h"
@@ -42,8 +43,8 @@ class ChainReader {
       Block& block = survey_.blocks[number];
       block.walk = walkNumber_;
       if (block.slot == kNoSlot) block.slot = static_cast<int8_t>(table.slot);
-      const bool isBehindCount = direction == kForward && walk->blocks.size() >= count;
-      block.reach = static_cast<uint8_t>(block.reach | (isBehindCount ? kUncounted : direction));
+      const bool isUncounted = direction == kForward && walk->blocks.size() >= count;
+      block.reach = static_cast<uint8_t>(block.reach | (isUncounted ? kUncounted : direction));
       walk->blocks.push_back(number);
       position = direction == kForward ? block.next : block.prev;
     }
@@ -81,15 +82,14 @@ class ChainReader {
 
   uint32_t add(Block block, uint32_t owner) {
     block.owner = owner;
-    block.end = block.claimedEnd();
-    if (block.end > survey_.size) {
-      block.flaws |= kBeyondEnd;
-      block.end = survey_.size;
+    block.end = std::min(block.claimedEnd(), survey_.size);
+    if (block.claimedEnd() > survey_.size) {
+      block.add(kBeyondEnd);
     } else if (window_.byteAt(block.end - 1) != kBlockEndMark) {
-      block.flaws |= kNoEndMark;
+      block.add(kNoEndMark);
     }
-    if (!isBelieved(block)) block.flaws |= kUnbelieved;
-    if (!identifierSumIsRight(survey_.owners[owner].id.data())) block.flaws |= kWrongTableSum;
+    if (!isBelieved(block)) block.add(kUnbelieved);
+    if (!identifierSumIsRight(survey_.owners[owner].id.data())) block.add(kWrongTableSum);
     const auto number = static_cast<uint32_t>(survey_.blocks.size());
     survey_.blocks.push_back(block);
     survey_.byPosition.add(block.position, number);
@@ -99,11 +99,11 @@ class ChainReader {
   // Whether the bytes where the block ends confirm its capacity: the end mark, or where that is
   // damaged, that the next block begins right there.
   bool isBelieved(const Block& block) {
-    if (block.flaws & kBeyondEnd) return false;
+    if (block.has(kBeyondEnd)) return false;
     if (block.end == survey_.size) return true;
     const int mark = window_.byteAt(block.end);
     if (mark != kRecordMark && mark != kTableDataMark) return false;
-    if (!(block.flaws & kNoEndMark)) return true;
+    if (!block.has(kNoEndMark)) return true;
     const uint8_t* bytes = window_.at(block.end, record::kTableID);
     return bytes != nullptr && isBlockStart(bytes);
   }
@@ -143,15 +143,15 @@ Block decodeBlock(int64_t position, const unsigned char* bytes) {
     block.modifyTime = head.modifyTime;
     block.length = head.dataLength;
     block.capacity = head.dataCapacity;
-    if (!identifierSumIsRight(head.recordID)) block.flaws |= kWrongIdSum;
-    if (block.recordID == 0) block.flaws |= kZeroId;
+    if (!identifierSumIsRight(head.recordID)) block.add(kWrongIdSum);
+    if (block.recordID == 0) block.add(kZeroId);
   } else {
     const TableDataHead head = decodeTableDataHead(bytes);
     block.kind = BlockKind::tableData;
     block.length = head.dataLength;
     block.capacity = head.dataCapacity;
   }
-  if (block.length > block.capacity) block.flaws |= kLengthAboveCapacity;
+  if (block.length > block.capacity) block.add(kLengthAboveCapacity);
   return block;
 }
 

@@ -57,18 +57,20 @@ std::vector<Slot> readSlots(const ByteSource& source, const Layout& layout, int 
   return slots;
 }
 
-int tablesIn(const std::vector<Slot>& slots) {
-  return static_cast<int>(
-      std::count_if(slots.begin(), slots.end(), [](const Slot& s) { return s.holdsTable(); }));
+// Slots that are as the slot writer leaves them: fillers and group sizes.
+bool isWellFormed(const Slot& slot) {
+  return slot.image[slot::kGaps[0].begin] == kSlotFiller &&
+         slot.image[slot::kInfoSize] == kInfoSize &&
+         slot.image[slot::kRecordsInfoSize] == kRecordsInfoSize &&
+         slot.image[slot::kDataInfoSize] == kDataInfoSize;
 }
 
-// Slots that are as the slot writer leaves them: fillers and group sizes.
-int wellFormed(const std::vector<Slot>& slots) {
-  return static_cast<int>(std::count_if(slots.begin(), slots.end(), [](const Slot& s) {
-    return s.image[slot::kGaps[0].begin] == kSlotFiller && s.image[slot::kInfoSize] == kInfoSize &&
-           s.image[slot::kRecordsInfoSize] == kRecordsInfoSize &&
-           s.image[slot::kDataInfoSize] == kDataInfoSize;
-  }));
+// Whether these have as many tables, and as many well-formed slots, as the others.
+bool areAsGood(const std::vector<Slot>& slots, const std::vector<Slot>& others) {
+  const auto has = [&](auto what) {
+    return std::ranges::count_if(slots, what) >= std::ranges::count_if(others, what);
+  };
+  return has([](const Slot& each) { return each.holdsTable(); }) && has(isWellFormed);
 }
 
 bool isPlausible(const Layout& layout, int64_t size) {
@@ -117,9 +119,7 @@ void readDirectory(const ByteSource& source, const SurveyOptions& options, Surve
   const bool isUsual = claimed.slotCount == kNewSlotCount && claimed.stride == kSlotImageSize;
   if (!isUsual && isPlausible(claimed, survey->size)) {
     std::vector<Slot> slots = readSlots(source, claimed, tableCount);
-    const bool asGood = tablesIn(slots) >= tablesIn(survey->slots) &&
-                        wellFormed(slots) >= wellFormed(survey->slots);
-    if (asGood) {
+    if (areAsGood(slots, survey->slots)) {
       survey->slots = std::move(slots);
       layout = claimed;
     }

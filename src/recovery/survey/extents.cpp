@@ -4,6 +4,7 @@
 // capacity is wrong, or which nothing confirms, covers its header for the time being; what
 // follows is scanned like a gap, and belongs to it again as far as no block was found.
 #include <algorithm>
+#include <numeric>
 
 #include "recovery/survey/survey.h"
 
@@ -11,13 +12,9 @@ namespace qvdbase::survey {
 
 std::vector<uint32_t> blocksInFileOrder(const Survey& survey) {
   std::vector<uint32_t> order(survey.blocks.size());
-  for (size_t i = 0; i < order.size(); ++i) order[i] = static_cast<uint32_t>(i);
-  const auto before = [&](uint32_t a, uint32_t b) {
-    return survey.blocks[a].position < survey.blocks[b].position;
-  };
-  if (!std::is_sorted(order.begin(), order.end(), before)) {
-    std::sort(order.begin(), order.end(), before);
-  }
+  std::iota(order.begin(), order.end(), 0u);
+  const auto positionOf = [&](uint32_t number) { return survey.blocks[number].position; };
+  if (!std::ranges::is_sorted(order, {}, positionOf)) std::ranges::sort(order, {}, positionOf);
   return order;
 }
 
@@ -29,11 +26,11 @@ void layExtents(Survey* survey) {
     if (block.end <= following.position) continue;
     survey->overlaps.push_back({order[i], order[i + 1]});
     block.end = following.position;
-    block.flaws |= kCutShort;
+    block.add(kCutShort);
   }
   for (Block& block : survey->blocks) {
-    if (block.flaws & kCutShort) block.flaws |= kUnbelieved;
-    if (block.flaws & kUnbelieved) block.end = std::min(block.end, block.dataPos());
+    if (block.has(kCutShort)) block.add(kUnbelieved);
+    if (block.has(kUnbelieved)) block.end = std::min(block.end, block.dataPos());
   }
 }
 

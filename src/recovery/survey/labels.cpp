@@ -15,12 +15,13 @@
 // So a block in a chain replaces an older version only if it is complete: it has an identifier, and
 // its end mark is there.
 #include <algorithm>
+#include <functional>
 #include <span>
 #include <tuple>
 #include <unordered_map>
 #include <vector>
 
-#include "recovery/survey/data_labels.h"
+#include "recovery/survey/pieces.h"
 #include "recovery/survey/survey.h"
 #include "support/seeded_hash.h"
 
@@ -39,11 +40,51 @@ bool mayHaveReplaced(const Block* nameless, const Block& older) {
          (nameless->createTime == 0 || nameless->createTime == older.createTime);
 }
 
-// What the neighbours that a block names say of it.
-class Neighbours {
+class Labeller {
  public:
-  explicit Neighbours(const Survey& survey) : survey_(survey) {}
+  explicit Labeller(Survey* survey) : survey_(*survey) {}
 
+  void run() {
+    std::vector<Block*> records;
+    for (Block& each : survey_.blocks) {
+      if (each.kind == BlockKind::record) records.push_back(&each);
+    }
+    std::ranges::sort(records, {}, [](const Block* each) {
+      return std::tuple(each->owner, each->recordID, each->position);
+    });
+    remains_.resize(survey_.owners.size());
+    for (const Block* each : records) {
+      Remains& remains = remains_[each->owner];
+      if (each->recordID == 0) {
+        if (each->isReached()) remains.nameless = each;
+      } else if (each->isReached() || ask(*each) == Evidence::agree) {
+        remains.hasChain = true;
+      }
+    }
+    for (auto begin = records.begin(); begin != records.end();) {
+      const auto end = std::find_if(
+          begin, records.end(), [&](const Block* each) { return !each->isSameRecord(**begin); });
+      labelVersions({begin, end});
+      begin = end;
+    }
+    for (uint32_t owner = 0; owner < remains_.size(); ++owner) decide(owner);
+    countRecords(records);
+  }
+
+ private:
+  // The blocks of one record, in file order.
+  using Versions = std::span<Block* const>;
+
+  // What is left of an owner's records.
+  struct Remains {
+    bool hasChain = false;            // anything of its chain
+    const Block* nameless = nullptr;  // one in its chain with identifier 0
+    uint64_t distinct = 0;            // records, counted by identifier
+    std::vector<Block*> undecided;
+    std::vector<Block*> apart;  // detached from a chain that is whole
+  };
+
+  // What the neighbours that a block names say of it.
   Evidence ask(const Block& asked) const {
     bool isTakenOut = false;
     bool isCutOff = false;
@@ -73,71 +114,15 @@ class Neighbours {
     return isCutOff ? Evidence::disagree : Evidence::none;
   }
 
- private:
   // The owner's record that begins at `position`; null if there is none.
   const Block* recordAt(int64_t position, uint32_t owner) const {
     const Block* const found = survey_.blockAt(position);
-    const bool isOwn =
-        found != nullptr && found->kind == BlockKind::record && found->owner == owner;
-    return isOwn ? found : nullptr;
-  }
-
-  const Survey& survey_;
-};
-
-class Labeller {
- public:
-  explicit Labeller(Survey* survey) : survey_(*survey), neighbours_(*survey) {}
-
-  void run() {
-    std::vector<Block*> records;
-    for (Block& each : survey_.blocks) {
-      if (each.kind == BlockKind::record) records.push_back(&each);
-    }
-    std::sort(records.begin(), records.end(), [](const Block* a, const Block* b) {
-      return std::tie(a->owner, a->recordID, a->position) <
-             std::tie(b->owner, b->recordID, b->position);
-    });
-    remains_.resize(survey_.owners.size());
-    for (const Block* each : records) {
-      Remains& remains = remains_[each->owner];
-      if (each->recordID == 0) {
-        if (each->isReached()) remains.nameless = each;
-      } else if (each->isReached() || neighbours_.ask(*each) == Evidence::agree) {
-        remains.hasChain = true;
-      }
-    }
-    for (auto begin = records.begin(); begin != records.end();) {
-      const auto end = std::find_if(
-          begin, records.end(), [&](const Block* each) { return !isSameRecord(**begin, *each); });
-      labelVersions({begin, end});
-      begin = end;
-    }
-    for (uint32_t owner = 0; owner < remains_.size(); ++owner) decide(owner);
-    countRecords(records);
-  }
-
- private:
-  // The blocks of one record, in file order.
-  using Versions = std::span<Block* const>;
-
-  // What is left of an owner's records.
-  struct Remains {
-    bool hasChain = false;            // anything of its chain
-    const Block* nameless = nullptr;  // one in its chain with identifier 0
-    uint64_t distinct = 0;            // records, counted by identifier
-    std::vector<Block*> undecided;
-    std::vector<Block*> apart;  // detached from a chain that is whole
-  };
-
-  static bool isSameRecord(const Block& a, const Block& b) {
-    return a.owner == b.owner && a.recordID == b.recordID;
+    return found != nullptr && found->isRecordOf(owner) ? found : nullptr;
   }
 
   void labelVersions(Versions versions) {
-    const bool isWhole = std::any_of(versions.begin(), versions.end(), [](const Block* each) {
-      return each->isReached() || each->grade == Grade::a;
-    });
+    const bool isWhole = std::ranges::any_of(
+        versions, [](const Block* each) { return each->isReached() || each->grade == Grade::a; });
     const bool isNameless = versions[0]->recordID == 0;
     if (isWhole && !isNameless) ++remains_[versions[0]->owner].distinct;
     const Block* const live = liveVersion(versions, isNameless);
@@ -175,9 +160,7 @@ class Labeller {
     return older;
   }
 
-  static bool hasOpenEnd(const Block& asked) {
-    return (asked.flaws & (kBeyondEnd | kNoEndMark)) != 0;
-  }
+  static bool hasOpenEnd(const Block& asked) { return asked.has(kBeyondEnd | kNoEndMark); }
 
   // A version of a record that the block `live` holds.
   static void labelBeside(const Block& live, Block* version) {
@@ -216,20 +199,20 @@ class Labeller {
   void labelLastVersion(Block* version) {
     Block& last = *version;
     Remains& remains = remains_[last.owner];
-    Evidence evidence = neighbours_.ask(last);
+    Evidence evidence = ask(last);
     // A block without neighbours is its table's only record or none at all.
-    const bool standsAlone = last.prev == 0 && last.next == 0;
-    if (standsAlone && remains.hasChain) {
+    const bool isAlone = last.prev == 0 && last.next == 0;
+    if (isAlone && remains.hasChain) {
       evidence = Evidence::disagree;
-    } else if (standsAlone && mayHaveReplaced(remains.nameless, last)) {
+    } else if (isAlone && mayHaveReplaced(remains.nameless, last)) {
       evidence = Evidence::agree;
     }
-    const bool isTorn = last.grade != Grade::a && last.next == 0 &&
-                        (last.flaws & (kBeyondEnd | kCutShort | kNoEndMark)) != 0;
-    if (evidence == Evidence::agree || (evidence == Evidence::none && !isChainSound(last.owner))) {
+    const bool isTorn =
+        last.grade != Grade::a && last.next == 0 && last.has(kBeyondEnd | kCutShort | kNoEndMark);
+    const bool isSound = isChainSound(last.owner);
+    if (evidence == Evidence::agree || (evidence == Evidence::none && !isSound)) {
       last.label = isTorn && evidence == Evidence::none ? Label::unlinked : Label::detached;
-      const bool isWhole = last.grade == Grade::a;
-      if (isWhole && isChainSound(last.owner)) remains.apart.push_back(&last);
+      if (last.grade == Grade::a && isSound) remains.apart.push_back(&last);
     } else if (isTorn) {
       last.label = Label::unlinked;
     } else {
@@ -239,18 +222,13 @@ class Labeller {
     }
   }
 
-  // Whether both walks of the owner's chain meet all that its slot counts: then nothing of it is
+  // Whether both walks of the owner's chain reach all that its slot counts: then nothing of it is
   // missing.
-  bool isChainSound(uint32_t owner) {
-    for (const Table& table : survey_.tables) {
-      if (table.owner != owner) continue;
-      const Slot& slot = survey_.slotOf(table);
-      if (table.forward.end != WalkEnd::complete || table.backward.end != WalkEnd::complete) {
-        return false;
-      }
-      return table.forward.blocks.size() >= slot.fields.recordCount;
-    }
-    return false;
+  bool isChainSound(uint32_t owner) const {
+    const auto table = std::ranges::find(survey_.tables, owner, &Table::owner);
+    return table != survey_.tables.end() && table->forward.isComplete() &&
+           table->backward.isComplete() &&
+           table->forward.blocks.size() >= survey_.slotOf(*table).fields.recordCount;
   }
 
   // Records apart from their chain that name each other: counted all together, or none of them.
@@ -266,30 +244,17 @@ class Labeller {
   static std::vector<Batch> latestFirst(const std::vector<Block*>& apart) {
     std::unordered_map<int64_t, size_t, support::SeededHash> places;  // in `apart`
     for (size_t i = 0; i < apart.size(); ++i) places.emplace(apart[i]->position, i);
-    std::vector<size_t> successor(apart.size(), apart.size());
-    std::vector<bool> isFollowing(apart.size(), false);
-    for (size_t i = 0; i < apart.size(); ++i) {
-      const auto next = places.find(apart[i]->next);
-      if (next == places.end()) continue;
-      successor[i] = next->second;
-      isFollowing[next->second] = true;
+    std::vector<size_t> successors;
+    for (const Block* each : apart) {
+      const auto next = places.find(each->next);
+      successors.push_back(next != places.end() ? next->second : apart.size());
     }
     std::vector<Batch> batches;
-    std::vector<bool> isTaken(apart.size(), false);
-    const auto takeFrom = [&](size_t i) {
-      if (isTaken[i]) return;
+    for (const std::vector<size_t>& piece : piecesOf(successors)) {
       batches.emplace_back();
-      for (; i < apart.size() && !isTaken[i]; i = successor[i]) {
-        isTaken[i] = true;
-        batches.back().push_back(apart[i]);
-      }
-    };
-    for (size_t i = 0; i < apart.size(); ++i) {
-      if (!isFollowing[i]) takeFrom(i);
+      for (const size_t place : piece) batches.back().push_back(apart[place]);
     }
-    for (size_t i = 0; i < apart.size(); ++i) takeFrom(i);  // links that lead in a circle
-    std::sort(batches.begin(), batches.end(),
-              [](const Batch& x, const Batch& y) { return latestPosition(x) > latestPosition(y); });
+    std::ranges::sort(batches, std::ranges::greater(), latestPosition);
     return batches;
   }
 
@@ -345,16 +310,47 @@ class Labeller {
       const bool isMissing = each->label == Label::detached || each->label == Label::unlinked;
       const bool counts = each->label == Label::live || (isMissing && each->grade == Grade::a);
       if (!counts || each->recordID == 0) continue;
-      if (counted != nullptr && isSameRecord(*counted, *each)) continue;
+      if (counted != nullptr && counted->isSameRecord(*each)) continue;
       ++survey_.owners[each->owner].records;
       counted = each;
     }
   }
 
   Survey& survey_;
-  const Neighbours neighbours_;
   std::vector<Remains> remains_;  // of each owner
 };
+
+// ---- table data
+
+Label labelOf(const Survey& survey, const Block& data, const Block* current, const Block* newest) {
+  if (data.reach & kAsData) return Label::live;
+  if (current != nullptr) {
+    return data.position > current->position ? Label::unlinked : Label::superseded;
+  }
+  if (&data != newest) return data.grade == Grade::a ? Label::superseded : Label::unlinked;
+  const Slot* const slot = survey.ownerSlot(data);
+  const bool wasNeverSet = slot != nullptr && slot->fields.firstDataPos == 0;
+  return wasNeverSet ? Label::unlinked : Label::detached;
+}
+
+// Of the blocks of table data of a table, the one that its slot leads to is in use; without such a
+// one, the newest that is whole was.
+void labelTableData(Survey* survey) {
+  std::vector<const Block*> current(survey->owners.size(), nullptr);
+  std::vector<Block*> newest(survey->owners.size(), nullptr);
+  for (Block& each : survey->blocks) {
+    if (each.kind != BlockKind::tableData) continue;
+    if (each.reach & kAsData) current[each.owner] = &each;
+    Block*& candidate = newest[each.owner];
+    const bool isBetter = candidate == nullptr || each.grade < candidate->grade ||
+                          (each.grade == candidate->grade && each.position > candidate->position);
+    if (isBetter) candidate = &each;
+  }
+  for (Block& each : survey->blocks) {
+    if (each.kind != BlockKind::tableData) continue;
+    each.label = labelOf(*survey, each, current[each.owner], newest[each.owner]);
+  }
+}
 
 }  // namespace
 

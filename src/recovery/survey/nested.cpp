@@ -2,7 +2,7 @@
 //
 // A payload may hold a database, or a piece of one, or what an older and longer payload has left
 // after a shorter one. It may be a copy of this very database, of an earlier day, so that its
-// blocks bear tables and even records of this one. What distinguishes them is where they are, and
+// blocks have tables and even records of this one. What distinguishes them is where they are, and
 // their links, which count from where their own database begins. The first rule that applies:
 //
 //   - A block that its neighbour in this file names belongs to this file, wherever it is.
@@ -24,6 +24,7 @@
 #include <map>
 #include <set>
 
+#include "format/identifiers.h"
 #include "recovery/survey/candidates.h"
 
 using namespace qvdbase::format;
@@ -77,9 +78,8 @@ class NestedJudge {
 
   // The number of the first candidate at `position` or after it.
   size_t candidateFrom(int64_t position) const {
-    const auto found = std::lower_bound(
-        candidates_.begin(), candidates_.end(), position,
-        [](const Candidate& each, int64_t wanted) { return each.block.position < wanted; });
+    const auto found = std::ranges::lower_bound(
+        candidates_, position, {}, [](const Candidate& each) { return each.block.position; });
     return static_cast<size_t>(found - candidates_.begin());
   }
 
@@ -90,8 +90,7 @@ class NestedJudge {
     const auto ask = [&](int64_t link, int64_t Block::*back) {
       if (link <= 0 || link >= survey_.size - origin) return;
       const Block* neighbour = blockAt(origin + link);
-      if (neighbour == nullptr || neighbour->kind != BlockKind::record) return;
-      if (neighbour->owner != block.owner) return;
+      if (neighbour == nullptr || !neighbour->isRecordOf(block.owner)) return;
       const bool isNamed = neighbour->*back == block.position - origin;
       best = std::max(best, isNamed ? Fit::linked : Fit::near);
     };
@@ -134,9 +133,8 @@ class NestedJudge {
 
   // Whether no other that begins inside of the block reaches to its end.
   bool hasOwnEnd(const Block& block, const std::vector<size_t>& furthest) const {
-    const auto inside = std::partition_point(furthest.begin(), furthest.end(), [&](size_t number) {
-      return candidates_[number].block.position >= block.end;
-    });
+    const auto inside = std::ranges::partition_point(
+        furthest, [&](size_t number) { return candidates_[number].block.position >= block.end; });
     return inside == furthest.end() || candidates_[*inside].block.end < block.end;
   }
 
@@ -149,17 +147,17 @@ class NestedJudge {
   // ---- databases that no whole block holds
 
   void enterStoredDatabase(const Range& place, CandidateReader* reader) {
-    const std::optional<NestedDatabase> nested = reader->readNested(place.begin);
+    const std::optional<std::vector<tablePart1>> tables = reader->readNested(place.begin);
     const Block* holder = holderOf(place.begin);
-    if (!nested || !(holder != nullptr || canOnlyBeStored(*nested))) return;
+    if (!tables || !(holder != nullptr || canOnlyBeStored(*tables))) return;
     int64_t limit = std::min(place.end, nextAnchored_[candidateFrom(place.begin)]);
     if (holder != nullptr && holder->length <= holder->capacity) {
       limit = std::min(limit, place.begin + holder->length);
     }
     lengthen(place.begin, place.begin + kNewFileSize, limit);
-    lengthen(place.begin, endOf(*nested, limit), limit);
-    for (const NestedTable& table : nested->tables) {
-      places_[table.number].push_back({place.begin, limit});
+    lengthen(place.begin, endOf(*tables, place.begin, limit), limit);
+    for (const tablePart1& table : *tables) {
+      places_[identifierNumber(table.tableID)].push_back({place.begin, limit});
     }
   }
 
@@ -174,11 +172,10 @@ class NestedJudge {
 
   // In an image without a directory a database that nothing seems to hold may be one of those that
   // are looked for.
-  bool canOnlyBeStored(const NestedDatabase& nested) const {
-    return !survey_.tables.empty() ||
-           std::any_of(nested.tables.begin(), nested.tables.end(), [&](const NestedTable& table) {
-             return anchoredTables_.contains(table.number);
-           });
+  bool canOnlyBeStored(const std::vector<tablePart1>& tables) const {
+    return !survey_.tables.empty() || std::ranges::any_of(tables, [&](const tablePart1& table) {
+      return anchoredTables_.contains(identifierNumber(table.tableID));
+    });
   }
 
   // Adds a stretch from `origin` to the end of the last of the blocks that follow each other
@@ -197,13 +194,13 @@ class NestedJudge {
   }
 
   // Where the last of the blocks ends to which the directory leads.
-  int64_t endOf(const NestedDatabase& nested, int64_t limit) {
-    int64_t end = nested.origin;
-    for (const NestedTable& table : nested.tables) {
-      const Part part = {nested.origin, limit, table.number};
-      follow(part, table.firstRecord, &Block::next, &Block::prev, &end);
-      follow(part, table.lastRecord, &Block::prev, &Block::next, &end);
-      const uint32_t data = find(part, table.data, BlockKind::tableData);
+  int64_t endOf(const std::vector<tablePart1>& tables, int64_t origin, int64_t limit) {
+    int64_t end = origin;
+    for (const tablePart1& table : tables) {
+      const Part part = {origin, limit, identifierNumber(table.tableID)};
+      follow(part, table.firstRecordPos, &Block::next, &Block::prev, &end);
+      follow(part, table.lastRecordPos, &Block::prev, &Block::next, &end);
+      const uint32_t data = find(part, table.firstDataPos, BlockKind::tableData);
       if (data != kNoBlock) end = std::max(end, endOf(candidates_[data].block));
     }
     return end;
@@ -249,9 +246,7 @@ class NestedJudge {
     const auto found = places_.find(tableOf(block));
     if (found == places_.end()) return false;
     const std::vector<Range>& places = found->second;  // ascending, as they were entered
-    const auto after = std::lower_bound(
-        places.begin(), places.end(), block.position,
-        [](const Range& place, int64_t position) { return place.begin < position; });
+    const auto after = std::ranges::lower_bound(places, block.position, {}, &Range::begin);
     if (after == places.begin() || block.position >= (after - 1)->end) return false;
     const Home home = homeOf(block, (after - 1)->begin);
     const bool isForeign = !survey_.tables.empty() && !survey_.isKnown(block.owner);

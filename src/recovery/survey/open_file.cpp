@@ -70,9 +70,14 @@ OpenedFile::OpenedFile(int16_t file, const std::filesystem::path& path, const ch
 }
 
 void OpenedFile::begin(const std::filesystem::path& path, const char* operation) {
-  if (!file_.stamp(&stamp_)) failure::throwError(path, operation, qvdb::Reason::cannot_open);
+  if (!look()) failure::throwError(path, operation, qvdb::Reason::cannot_open);
+}
+
+bool OpenedFile::look() {
+  if (!file_.stamp(&stamp_)) return false;
   source_.emplace(file_, stamp_.size);
   watched_ = firstBytes(*source_, format::kNewFileSize);
+  return true;
 }
 
 // Devices belong to a group of the system's, not to one of its users.
@@ -87,9 +92,7 @@ platform::FileAccess OpenedFile::access(const std::filesystem::path& path,
 void OpenedFile::watch() {
   if (!isFresh(stamp_)) return;
   std::this_thread::sleep_for(kTick);
-  if (!file_.stamp(&stamp_)) return;
-  source_.emplace(file_, stamp_.size);
-  watched_ = firstBytes(*source_, format::kNewFileSize);
+  look();
 }
 
 bool OpenedFile::hasChanged() const {

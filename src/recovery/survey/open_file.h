@@ -40,6 +40,7 @@ class OpenedFile {
 
  private:
   void begin(const std::filesystem::path& path, const char* operation);
+  bool look();
 
   platform::ReadOnlyFile file_;
   bool wasLocked_ = false;

@@ -10,7 +10,7 @@ namespace {
 bool mayBeDamaged(const Survey& survey, int64_t position) {
   const Block* const block = survey.blockAt(position);
   if (block != nullptr && survey.ownerSlot(*block) == nullptr) return true;
-  return std::any_of(survey.leftovers.begin(), survey.leftovers.end(), [&](const auto& leftover) {
+  return std::ranges::any_of(survey.leftovers, [&](const auto& leftover) {
     return position >= leftover.range.begin && position < leftover.range.end;
   });
 }

@@ -12,15 +12,12 @@ PatchedSource::PatchedSource(const ByteSource& whole, const std::vector<Patch>& 
     byPosition_.push_back(&patch);
     longest_ = std::max(longest_, static_cast<int64_t>(patch.bytes.size()));
   }
-  std::sort(byPosition_.begin(), byPosition_.end(),
-            [](const Patch* a, const Patch* b) { return a->position < b->position; });
+  std::ranges::sort(byPosition_, {}, &Patch::position);
 }
 
 // A file can need as many patches as it has records: only those near the range are looked at.
 std::vector<const Patch*> PatchedSource::patchesIn(int64_t begin, int64_t end) const {
-  auto each = std::upper_bound(
-      byPosition_.begin(), byPosition_.end(), begin - longest_,
-      [](int64_t position, const Patch* patch) { return position < patch->position; });
+  auto each = std::ranges::upper_bound(byPosition_, begin - longest_, {}, &Patch::position);
   std::vector<const Patch*> found;
   for (; each != byPosition_.end() && (*each)->position < end; ++each) found.push_back(*each);
   std::sort(found.begin(), found.end());  // all are of one array

@@ -24,10 +24,6 @@ using namespace qvdbase::format;
 namespace qvdbase::survey {
 namespace {
 
-bool comesBefore(const Candidate& a, const Candidate& b) {
-  return a.block.position < b.block.position;
-}
-
 // Adds the databases that seem to begin in the range to the survey, and calls `found` with each
 // block that seems to.
 template <typename Found>
@@ -72,11 +68,12 @@ class GapScanner {
     constexpr uint8_t kWrongEnd = kBeyondEnd | kCutShort | kNoEndMark | kLengthAboveCapacity;
     const size_t found = candidates_.size();
     for (const Block& block : survey_.blocks) {
-      if (!(block.flaws & kUnbelieved) || (block.flaws & kWrongEnd)) continue;
+      if (!block.has(kUnbelieved) || block.has(kWrongEnd)) continue;
       candidates_.push_back({block});
       candidates_.back().block.end = block.claimedEnd();
     }
-    if (candidates_.size() > found) std::sort(candidates_.begin(), candidates_.end(), comesBefore);
+    if (candidates_.size() == found) return;
+    std::ranges::sort(candidates_, {}, [](const Candidate& each) { return each.block.position; });
   }
 
   void dropNested() {
@@ -86,7 +83,7 @@ class GapScanner {
     std::erase_if(candidates_, [](const Candidate& each) { return each.isNested; });
   }
 
-  // Whether it is this database's beyond doubt.
+  // Whether it is surely this database's.
   bool isOwn(const Candidate& each) const {
     return survey_.isKnown(each.block.owner) || each.isAnchored;
   }
@@ -142,7 +139,7 @@ class GapScanner {
 
   void confirm(const Block& block) {
     Block& inUse = survey_.blocks[survey_.byPosition.find(block.position)];
-    inUse.flaws &= static_cast<uint8_t>(~kUnbelieved);
+    inUse.drop(kUnbelieved);
     inUse.end = covered_ = block.end;
   }
 
@@ -150,7 +147,7 @@ class GapScanner {
     Block block = candidates_[i].block;
     if (block.grade == Grade::a && next_[i + 1].whole < block.end) block.grade = Grade::b;
     if (block.grade != Grade::a && next_[i + 1].native < block.end) {
-      block.flaws |= kCutShort;
+      block.add(kCutShort);
       block.end = next_[i + 1].native;
     }
     covered_ = block.end;
@@ -180,26 +177,20 @@ std::vector<Range> gapsBetween(const Survey& survey, const std::vector<uint32_t>
   return gaps;
 }
 
-// Gives a block whose capacity nothing confirmed the bytes back in which no other was found.
-void extendUnbelieved(const std::vector<uint32_t>& order, Survey* survey) {
+// Gives a block whose capacity nothing confirmed the bytes back in which no other was found. And
+// says of each block whether it begins in what one that is not whole claims before it.
+void settleExtents(const std::vector<uint32_t>& order, Survey* survey) {
+  int64_t claimed = 0;
   for (size_t i = 0; i < order.size(); ++i) {
     Block& block = survey->blocks[order[i]];
-    if (!(block.flaws & kUnbelieved)) continue;
-    const int64_t limit =
-        i + 1 < order.size() ? survey->blocks[order[i + 1]].position : survey->size;
-    block.end = std::min(block.claimedEnd(), limit);
-    if (block.claimedEnd() > limit && !(block.flaws & kBeyondEnd)) block.flaws |= kCutShort;
-  }
-}
-
-// Says of each block whether it begins in what one that is not whole claims before it.
-void markInTornBlocks(const std::vector<uint32_t>& order, Survey* survey) {
-  constexpr uint8_t kNotWhole = kBeyondEnd | kCutShort | kNoEndMark;
-  int64_t claimed = 0;
-  for (const uint32_t number : order) {
-    Block& block = survey->blocks[number];
+    if (block.has(kUnbelieved)) {
+      const int64_t limit =
+          i + 1 < order.size() ? survey->blocks[order[i + 1]].position : survey->size;
+      block.end = std::min(block.claimedEnd(), limit);
+      if (block.claimedEnd() > limit && !block.has(kBeyondEnd)) block.add(kCutShort);
+    }
     block.isInTornBlock = block.position < claimed;
-    const bool isTorn = block.grade != Grade::a || (block.flaws & kNotWhole) != 0;
+    const bool isTorn = block.grade != Grade::a || block.isCut() || block.has(kNoEndMark);
     if (isTorn) claimed = std::max(claimed, block.claimedEnd());
   }
 }
@@ -249,8 +240,7 @@ void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* su
   sortUnique(&survey->nestedDatabases);
 
   const std::vector<uint32_t> order = blocksInFileOrder(*survey);
-  extendUnbelieved(order, survey);
-  markInTornBlocks(order, survey);
+  settleExtents(order, survey);
   for (const Range& gap : gapsBetween(*survey, order)) {
     survey->leftovers.push_back({gap, kindOf(source, gap, survey)});
   }

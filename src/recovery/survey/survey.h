@@ -17,7 +17,6 @@
 #include <array>
 #include <cstdint>
 #include <map>
-#include <string>
 #include <vector>
 
 #include "format/layout.h"
@@ -131,13 +130,20 @@ struct Block {
   }
   // After its last byte, if its capacity is right.
   int64_t claimedEnd() const { return dataPos() + int64_t{capacity} + 1; }
-  bool isCut() const { return (flaws & (kBeyondEnd | kCutShort)) != 0; }
+  bool isCut() const { return has(kBeyondEnd | kCutShort); }
   // Bytes of payload that are there.
   int64_t dataThere() const {
     const int64_t space = isCut() ? end - dataPos() : int64_t{capacity};
     return space < 0 ? 0 : space < length ? space : int64_t{length};
   }
   bool isReached() const { return reach != 0; }
+  bool has(int anyOfTheseFlaws) const { return (flaws & anyOfTheseFlaws) != 0; }
+  void add(Flaw flaw) { flaws = static_cast<uint8_t>(flaws | flaw); }
+  void drop(Flaw flaw) { flaws = static_cast<uint8_t>(flaws & ~flaw); }
+  bool isDeleted() const { return label == Label::deleted || label == Label::deletedOrUnlinked; }
+  // In the chain of its table, or belonging there; the same of table data.
+  bool isInUse() const { return label == Label::live || label == Label::detached; }
+  bool isRecordOf(uint32_t table) const { return kind == BlockKind::record && owner == table; }
   bool isSameRecord(const Block& other) const {
     return owner == other.owner && recordID == other.recordID;
   }
@@ -167,6 +173,8 @@ struct Walk {
   std::vector<uint32_t> blocks;
   WalkEnd end = WalkEnd::complete;
   int64_t stoppedAt = 0;  // the position that could not be followed; 0 when complete
+
+  bool isComplete() const { return end == WalkEnd::complete; }
 };
 
 enum class DataState : uint8_t { none, sound, outside, notData, otherTable };

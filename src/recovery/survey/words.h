@@ -8,19 +8,19 @@
 
 namespace qvdbase::survey {
 
-inline void addTo(std::string* text, std::string_view part) {
-  *text += part;
-}
-inline void addTo(std::string* text, std::integral auto number) {
-  *text += std::to_string(number);
-}
-
 // One text of all parts, which are texts and numbers. They come by value: a reference to a field of
 // a slot or header could be to one that is not aligned.
 template <typename... Parts>
 std::string joined(Parts... parts) {
   std::string text;
-  (addTo(&text, parts), ...);
+  const auto add = [&](const auto& part) {
+    if constexpr (std::integral<std::decay_t<decltype(part)>>) {
+      text += std::to_string(part);
+    } else {
+      text += part;
+    }
+  };
+  (add(parts), ...);
   return text;
 }
 
