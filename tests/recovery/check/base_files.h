@@ -19,7 +19,7 @@ struct BaseFile {
   std::string name;
   Bytes bytes;
   size_t target = 0;  // slot of a table with table data and at least five records
-  size_t other = 0;   // slot of another table with at least one record, before or behind it
+  size_t other = 0;   // slot of another table with at least one record, before or after it
   size_t empty = 0;   // slot of a table without records and without data
   size_t tables = 0;
 };

@@ -129,7 +129,7 @@ TEST_F(CheckFile, ClaimsNoDamageWhileAnotherProcessMayWrite) {
     OtherProcess writer(folder, permission);
     const qvdb::CheckReport report = qvdb::check(path, {}, kQuick);
     EXPECT_EQ(report.state, qvdb::CheckState::in_use) << permission;
-    EXPECT_GT(report.errors, 0u) << "what may be damage is told";
+    EXPECT_GT(report.errors, 0u) << "what may be damage is reported";
   }
   OtherProcess reader(folder, 1);
   EXPECT_EQ(qvdb::check(path, {}, kQuick).state, qvdb::CheckState::damaged);
@@ -214,20 +214,20 @@ TEST_F(CheckFile, NeverReportsDamageBesideARunningWriter) {
     const int checksOfRound = testEverything() ? 15 : 5;
     for (int i = 0; i < checksOfRound && !HasFailure(); ++i, ++checks) {
       writer.waitForWrites();
-      std::string told;
+      std::string reported;
       const qvdb::CheckReport report =
           qvdb::check(folder / "test.qvd",
-                      [&](const qvdb::Finding& finding) { told += finding.message + "\n"; },
+                      [&](const qvdb::Finding& finding) { reported += finding.message + "\n"; },
                       {.retries = 1, .wait_milliseconds = 0});
       EXPECT_TRUE(report.state == qvdb::CheckState::in_use ||
                   report.state == qvdb::CheckState::sound)
           << "permission " << permission << ", opens anew: " << reopens << "\n"
-          << told;
+          << reported;
       if (report.state == qvdb::CheckState::in_use) ++disturbed;
     }
     EXPECT_TRUE(writer.isRunning());
   }
-  EXPECT_GT(disturbed, 0u) << "no check met a write";
+  EXPECT_GT(disturbed, 0u) << "no check saw a write";
   tellCount("checks beside a running writer", checks);
 }
 
@@ -240,7 +240,7 @@ class ChangingHost {
     calls_ = platform::hostSystemCalls();
     calls_.readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
       const ssize_t moved = platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
-      // Behind the first look at the directory, before the second.
+      // After the first look at the directory, before the second.
       if (position == 4630 && changes_ > 0) {
         --changes_;
         patchFile(path_, 4630 + 27, Bytes().be(4, 1500 + static_cast<unsigned>(changes_)));
@@ -359,7 +359,7 @@ TEST_F(CheckFile, WarnsOfHolesInPayloads) {
 
 TEST_F(CheckFile, MindsNoHolesOutsideOfPayloads) {
   Bytes bytes = withLargePayload();
-  bytes.putBe(4630 + 47, 4, 10);  // the rest is room
+  bytes.putBe(4630 + 47, 4, 10);  // the rest is spare
   const auto path = put(bytes);
   const HostWithHole host;
   EXPECT_EQ(qvdb::check(path, {}, kQuick).state, qvdb::CheckState::sound);

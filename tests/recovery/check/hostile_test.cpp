@@ -52,11 +52,11 @@ TEST(CheckOfHostileFiles, SurvivesRandomBytes) {
     expectSurvived(bytes, "random bytes, QVDBASE_TEST_SEED=" + std::to_string(seed));
     Bytes headed = FileImage().build().add(bytes);
     headed.putBe(16, 2, 31);
-    expectSurvived(headed, "random bytes behind a directory");
+    expectSurvived(headed, "random bytes after a directory");
   }
 }
 
-// Each block claims everything that follows, and an end mark stands at the end.
+// Each block claims everything that follows, and an end mark is at the end.
 TEST(CheckOfHostileFiles, IsLinearInBlocksThatCoverEachOther) {
   constexpr size_t kCount = 50'000;
   FileImage image;

@@ -39,7 +39,7 @@ class Outlook : public testing::Test {
     return size == 0 || GetTableData(db, table, data.data()) == 1;
   }
 
-  // Whether `call` succeeds for each record that the table's walk meets, each on a fresh copy.
+  // Whether `call` succeeds for each record that the table's walk reaches, each on a fresh copy.
   template <typename Call>
   bool succeedsForAll(const Bytes& bytes, const qvdb::TableOutlook& table, Call call) {
     const survey::MemorySource source(std::as_bytes(std::span(bytes.data(), bytes.size())));
@@ -62,7 +62,7 @@ class Outlook : public testing::Test {
                        [&](uint32_t number) { return survey.blocks[number].capacity >= size; });
   }
 
-  // Whether pack and link repair do what was foretold.
+  // Whether pack and link repair do what was predicted.
   void expectTrueOfTheFile(const Bytes& bytes, const Checked& checked, const std::string& what) {
     for (const qvdb::TableOutlook& table : checked.report.tables) {
       if (table.counted > 5'000) return;  // would copy a loop for long
@@ -118,7 +118,7 @@ class Outlook : public testing::Test {
         EXPECT_EQ(succeeds(bytes, [&](auto db) { return readsData(db, id); }), table.get_data)
             << where;
       }
-      // Where a damaged capacity leaves room for it, a large payload makes no record move.
+      // Where a damaged capacity leaves space for it, a large payload makes no record move.
       if (hasRoomFor(bytes, table, 3000)) continue;
       const Bytes large = pattern(3000);
       EXPECT_EQ(succeedsForAll(bytes, table,
@@ -130,7 +130,7 @@ class Outlook : public testing::Test {
     }
   }
 
-  // The slots alone, whatever is behind them.
+  // The slots alone, whatever comes after them.
   static ReadDatabase slotsOf(const Bytes& bytes) {
     ReadDatabase database;
     for (size_t i = 0; i < kSlots && slotOffset(i + 1) <= bytes.size(); ++i) {

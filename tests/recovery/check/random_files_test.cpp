@@ -78,7 +78,8 @@ class CheckOfPacks : public testing::Test {
   }
 
   void compact() {
-    const auto hour = std::chrono::hours(1);  // compact waits for times that are too new to tell
+    const auto hour =
+        std::chrono::hours(1);  // compact waits for times that are too new to show a change
     std::filesystem::last_write_time(folder / "random.qvd",
                                      std::filesystem::file_time_type::clock::now() - hour);
     qvdb::compact(folder / "random.qvd", folder / "compact.qvd", {}, {.overwrite = true});

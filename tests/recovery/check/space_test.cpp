@@ -1,4 +1,4 @@
-// Room behind payloads: never used, or full of older data that anybody can still read.
+// Spare bytes after payloads: never used, or full of older data that can still be read.
 #include <gtest/gtest.h>
 
 #include "recovery/check/base_files.h"
@@ -38,7 +38,8 @@ Bytes innerDatabase() {
   return image.build();
 }
 
-// What is told of blocks in payloads, where the first stored database is the payload of `record`.
+// What is reported of blocks in payloads, where the first stored database is the payload of
+// `record`.
 std::string storedIn(const std::string& blocks, int64_t record) {
   return blocks +
          " inside the payloads of others: a database is stored there, the first one from offset " +
@@ -105,7 +106,7 @@ TEST(CheckOfSpace, TellsOfAStoredDatabaseWithoutBlocks) {
 }
 
 // A pack takes along what the chains lead to. That is not all that one may want back.
-TEST(CheckOfSpace, TellsWhatAPackWouldLeaveBehind) {
+TEST(CheckOfSpace, ReportsWhatAPackWouldLeaveOut) {
   Shortened file;
   const int64_t a = file.image.addRecord(file.table, 0xA1, bytesOf("kept"));
   file.image.addRecord(file.table, 0xA2, bytesOf("deleted"));  // 63 bytes
@@ -128,7 +129,7 @@ TEST(CheckOfSpace, SaysThatCompactKeepsSpareCapacity) {
   EXPECT_NE(qvdb::finding_code("S7").advice.find("keeps the spare capacity"), std::string::npos);
 }
 
-TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
+TEST(CheckOfSpace, ReportsOlderDataAfterPayloads) {
   Shortened file;
   const int64_t first = file.add(0xA1, bytesOf("secret").zeros(20), 2);
   file.add(0xA2, Bytes().zeros(9000).text("x").zeros(3), 1);
@@ -136,15 +137,15 @@ TEST(CheckOfSpace, TellsOlderDataBehindPayloads) {
   EXPECT_EQ(checked.report.space.stale, 4u + 9000);
   EXPECT_EQ(checked.report.space.reserve, 24u + 9003);
   EXPECT_EQ(checked.report.state, qvdb::CheckState::sound);
-  std::string told;
+  std::string message;
   for (const qvdb::Finding& each : checked.findings) {
-    if (each.offset == first + 55 + 2) told = each.message;
+    if (each.offset == first + 55 + 2) message = each.message;
   }
-  EXPECT_EQ(told, "9004 bytes of older data can still be read after the payloads of 2 blocks.");
+  EXPECT_EQ(message, "9004 bytes of older data can still be read after the payloads of 2 blocks.");
 }
 
-// The end mark that stands directly behind data that was written over older data is none of it.
-TEST(CheckOfSpace, TellsOlderTableDataBehindItsEndMark) {
+// The end mark directly after data that was written over older data is none of it.
+TEST(CheckOfSpace, ReportsOlderTableDataAfterItsEndMark) {
   Shortened file;
   const int64_t at = file.image.setTableData(file.table, bytesOf("datai"), 40);
   file.image.tableData(at).dataLength = 4;
@@ -155,7 +156,7 @@ TEST(CheckOfSpace, TellsOlderTableDataBehindItsEndMark) {
   EXPECT_EQ(file.check().report.space.stale, 2u);
 }
 
-TEST(CheckOfSpace, LooksForOlderDataOnlyBehindWhatIsInUse) {
+TEST(CheckOfSpace, LooksForOlderDataOnlyAfterWhatIsInUse) {
   Shortened file;
   file.add(0xA1, bytesOf("secret"), 2);
   RecordFields dead;

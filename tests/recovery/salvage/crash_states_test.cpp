@@ -1,5 +1,5 @@
 // States in which a process can leave a file: every prefix of an operation's writes, writes that
-// reached the device in another order, and torn appends that later appends went behind. Whatever
+// reached the device in another order, and torn appends that later appends follow. Whatever
 // was in the file before the operation is found in each of them.
 #include <qvdbase/qvdbase.h>
 #include <qvdbase/qvdb/check.hpp>
@@ -117,9 +117,9 @@ TEST(SalvageOfCrashStates, FindsEverythingWhateverWritesAreMissing) {
   }
 }
 
-// A torn append stays where it is, and later appends go behind it. Its length claims their room,
-// and for some lengths an end mark seems to stand where it ends.
-TEST(SalvageOfTornAppends, NeverSwallowsWhatWasCommittedBehindThem) {
+// A torn append stays where it is, and later appends come after it. Its length claims their space,
+// and for some lengths an end mark seems to be where it ends.
+TEST(SalvageOfTornAppends, NeverSwallowsWhatWasCommittedAfterThem) {
   FileImage image;
   const size_t table = image.addTable("notes", 0x11);
   const int64_t a = image.addRecord(table, 0xA1, bytesOf("first"));

@@ -11,7 +11,7 @@
 namespace qvdbase::test {
 namespace {
 
-// What a device holds: a database, and bytes behind it up to its own size.
+// What a device holds: a database, and bytes after it up to its own size.
 class Device : public testing::Test {
  protected:
   Device() {

@@ -79,7 +79,7 @@ TEST(SalvageOfIncompleteBlocks, KeepsTheOlderVersionOfABlockWithoutIdentifier) {
   }
 }
 
-TEST(SalvageOfIncompleteBlocks, KeepsItWhenNothingBehindTheIdentifierIsThereEither) {
+TEST(SalvageOfIncompleteBlocks, KeepsItWhenNothingAfterTheIdentifierIsThereEither) {
   for (const uint64_t moved : {0u, 1u, 2u}) {
     SCOPED_TRACE(moved);
     const MovedRecord state(3, moved);

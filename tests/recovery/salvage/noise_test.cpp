@@ -202,7 +202,7 @@ struct Nested {
   explicit Nested(const Bytes& payload) {
     a = image.addRecord(table, 0xA1, bytesOf("before"));
     b = image.addRecord(table, 0xA2, payload, {.reserve = uint32_t(payload.size() + 100)});
-    c = image.addRecord(table, 0xA3, bytesOf("behind"));
+    c = image.addRecord(table, 0xA3, bytesOf("after"));
   }
 
   void deleteMiddle() {
@@ -239,7 +239,7 @@ TEST(SalvageOfNestedDatabases, TakesACopyOfTheDatabaseItselfForAPayload) {
 }
 
 // An older copy of a database, from before it was packed: its table is the table "outer", and its
-// record 0xA1 stands elsewhere than today, between two that were deleted.
+// record 0xA1 is elsewhere than today, between two that were deleted.
 Bytes copyFromBeforeAPack() {
   FileImage image;
   const size_t table = image.addTable("outer", 0x11);
@@ -274,8 +274,8 @@ TEST(SalvageOfNestedDatabases, TakesACopyFromBeforeAPackForAPayload) {
             (Contents{{0xA2, copyFromBeforeAPack()}}));
 }
 
-// The same where the record that held the copy is not whole: it was torn off behind the copy or in
-// its last block, and other records came behind it, one of which was deleted.
+// The same where the record that held the copy is not whole: it was torn off after the copy or in
+// its last block, and other records came after it, one of which was deleted.
 void expectCopyInATornBlock(size_t missing) {
   const Bytes copy = copyFromBeforeAPack();
   FileImage image;
@@ -288,7 +288,7 @@ void expectCopyInATornBlock(size_t missing) {
   torn.dataCapacity = 1 << 20;
   const int64_t b = image.addRaw(torn.encode().cut(55).add(copy.cut(copy.size() - missing)));
   const int64_t d = image.addRecord(table, 0xA3, bytesOf("deleted"));
-  const int64_t e = image.addRecord(table, 0xA4, bytesOf("behind"));
+  const int64_t e = image.addRecord(table, 0xA4, bytesOf("after"));
   image.record(a).nextRecordPos = e;
   image.record(e).prevRecordPos = a;
   image.slot(table).recordCount = 2;
@@ -303,12 +303,12 @@ void expectCopyInATornBlock(size_t missing) {
   }
 }
 
-TEST(SalvageOfNestedDatabases, TellsACopyInATornBlockFromTheBlocksBehindIt) {
+TEST(SalvageOfNestedDatabases, DistinguishesACopyInATornBlockFromTheBlocksAfterIt) {
   for (const size_t missing : {0u, 1u, 10u}) expectCopyInATornBlock(missing);
 }
 
 // A table that the directory has lost, and an older copy still has.
-TEST(SalvageOfNestedDatabases, LeavesALostTableItsBlocksBehindACopyOfThem) {
+TEST(SalvageOfNestedDatabases, LeavesALostTableItsBlocksAfterACopyOfThem) {
   FileImage earlier;
   const size_t lostThen = earlier.addTable("lost", 0x22);
   earlier.addRecord(lostThen, 0xB1, bytesOf("one"));
@@ -322,7 +322,7 @@ TEST(SalvageOfNestedDatabases, LeavesALostTableItsBlocksBehindACopyOfThem) {
   EXPECT_EQ(found, (std::set<int64_t>{outer.a, outer.b, outer.c, d}));
 }
 
-// Where the blocks of a sound file stand, one behind the other.
+// Where the blocks of a sound file are, one after the other.
 std::set<int64_t> blocksOf(const Bytes& bytes) {
   std::set<int64_t> blocks;
   for (size_t at = 4630; at < bytes.size();) {
@@ -410,8 +410,8 @@ TEST(SalvageOfNestedDatabases, MissesNoBlockOfADamagedFileThatHoldsCopiesOfItsel
       for (const Block& block : surveyOf(bytes).blocks) found.insert(block.position);
       for (auto block = blocks.begin(); block != blocks.end(); ++block) {
         const auto next = std::next(block);
-        const auto behind = next == blocks.end() ? sound.size() : static_cast<size_t>(*next);
-        const bool isTouched = behind > at && static_cast<size_t>(*block) < end;
+        const auto after = next == blocks.end() ? sound.size() : static_cast<size_t>(*next);
+        const bool isTouched = after > at && static_cast<size_t>(*block) < end;
         EXPECT_TRUE(isTouched || found.contains(*block))
             << *block << " is missed with damage at " << at << ", QVDBASE_TEST_SEED=" << seed;
       }
@@ -420,9 +420,9 @@ TEST(SalvageOfNestedDatabases, MissesNoBlockOfADamagedFileThatHoldsCopiesOfItsel
   }
 }
 
-// ---- blocks in use that something other than a block stands behind
+// ---- blocks in use that something other than a block follows
 
-// A database whose last record, in use, holds `payload`, and 100 bytes of nothing behind it.
+// A database whose last record, in use, holds `payload`, and 100 bytes of nothing after it.
 struct Followed {
   FileImage image;
   size_t table = image.addTable("outer", 0x11);
@@ -436,7 +436,7 @@ struct Followed {
   }
 };
 
-TEST(SalvageOfNestedDatabases, CutsNoBlockInUseThatBytesStandBehind) {
+TEST(SalvageOfNestedDatabases, CutsNoBlockInUseThatBytesFollow) {
   const Bytes other = nestedDatabase();
   for (const Bytes& payload : {copyFromBeforeAPack(), other, other.from(4630)}) {
     const Followed file(payload);
@@ -552,9 +552,9 @@ long memoryOfSalvage(const std::filesystem::path& source, const std::filesystem:
   return usage.ru_maxrss;
 }
 
-// Blocks at the end of 4 GiB of nothing, one of them directly behind the hole, as it may be where
+// Blocks at the end of 4 GiB of nothing, one of them directly after the hole, as it may be where
 // the device works in pages.
-TEST(SalvageOfLargeFiles, FindsBlocksBehindAHole) {
+TEST(SalvageOfLargeFiles, FindsBlocksAfterAHole) {
   TempFolder folder;
   FileImage image;
   const size_t table = image.addTable("notes", 0x11);
@@ -579,7 +579,7 @@ TEST(SalvageOfLargeFiles, FindsBlocksBehindAHole) {
 }
 
 // A search goes on where a hole ends, and misses nothing there.
-TEST(SalvageOfLargeFiles, FindsABlockDirectlyBehindAHole) {
+TEST(SalvageOfLargeFiles, FindsABlockDirectlyAfterAHole) {
   constexpr int64_t kMegabyte = int64_t{1} << 20;
   class Holey : public survey::MemorySource {
    public:
@@ -596,15 +596,15 @@ TEST(SalvageOfLargeFiles, FindsABlockDirectlyBehindAHole) {
   for (int64_t inside = 0; inside <= 4; ++inside) {
     Bytes bytes = FileImage().build();
     bytes.zeros(static_cast<size_t>(2 * kMegabyte) - bytes.size());
-    const auto behind = static_cast<int64_t>(bytes.size()) + inside;
+    const auto after = static_cast<int64_t>(bytes.size()) + inside;
     RecordFields record;
     record.tableID = identifier(0x11);
     record.recordID = identifier(0xA1);
     bytes.zeros(static_cast<size_t>(inside)).add(record.encode());
-    const Holey source(bytes, {10'000, behind});
+    const Holey source(bytes, {10'000, after});
     const Survey survey = survey::makeSurvey(source);
     ASSERT_EQ(survey.blocks.size(), 1u) << inside;
-    EXPECT_EQ(survey.blocks[0].position, behind);
+    EXPECT_EQ(survey.blocks[0].position, after);
   }
 }
 

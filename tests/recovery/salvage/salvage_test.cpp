@@ -105,7 +105,7 @@ TEST(Salvage, TakesInTheRecordOfAnAppendThatWasNotCounted) {
   }
 }
 
-// Link repair ends a broken chain where it breaks, and does not touch what lies behind.
+// Link repair ends a broken chain where it breaks, and does not touch what comes after.
 TEST(Salvage, BringsBackAllThatLinkRepairHasCutOff) {
   TempFolder folder;
   Parts parts;

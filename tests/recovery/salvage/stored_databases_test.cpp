@@ -1,4 +1,4 @@
-// Databases that are stored in payloads, or stand side by side in an image, are salvaged as well:
+// Databases that are stored in payloads, or lie side by side in an image, are salvaged as well:
 // each into a file of its own.
 #include <qvdbase/qvdb/error.hpp>
 
@@ -27,7 +27,7 @@ class StoredDatabases : public testing::Test {
   explicit StoredDatabases(const Bytes& payload = innerImage("inner", 0x4411).build()) {
     a = outer.addRecord(table, 0xA1, bytesOf("before"));
     b = outer.addRecord(table, 0xA2, payload);
-    c = outer.addRecord(table, 0xA3, bytesOf("behind"));
+    c = outer.addRecord(table, 0xA3, bytesOf("after"));
   }
 
   qvdb::SalvageReport salvage(const Bytes& bytes, const qvdb::SalvageOptions& options = {}) {
@@ -162,7 +162,7 @@ TEST_F(StoredDatabases, SideBySideReachAsFarAsTheirDirectoriesSay) {
   const ReadDatabase saved = readDatabase(fileAt(5000));
   ASSERT_EQ(saved.tables.size(), 1u);
   EXPECT_EQ(contentsOf(saved.tables[0]),
-            (Contents{{0xA1, bytesOf("before")}, {0xA3, bytesOf("behind")}}));
+            (Contents{{0xA1, bytesOf("before")}, {0xA3, bytesOf("after")}}));
   expectSaved(5000 + b + 55, "inner", innerContents("inner"));
 }
 
@@ -179,7 +179,7 @@ TEST_F(StoredDatabases, InSpareRoomEndWithTheirBlock) {
   FileImage image;
   const size_t holder = image.addTable("outer", 0x11);
   const int64_t at = image.addRecord(holder, 0xA1, inner);
-  image.addRecord(holder, 0xA2, bytesOf("behind"));
+  image.addRecord(holder, 0xA2, bytesOf("after"));
   image.record(at).dataLength = 0;
   image.record(at).nextRecordPos = 0;  // deleted: dead blocks are searched as a whole
   image.slot(holder).recordCount = 0;
@@ -200,14 +200,14 @@ TEST_F(StoredDatabases, NeedAFolderThatCanBeMade) {
   EXPECT_FALSE(std::filesystem::exists(folder / "saved.qvd"));
 }
 
-// What stands behind the payload belongs to the outer database.
+// What comes after the payload belongs to the outer database.
 TEST_F(StoredDatabases, EndWhereTheirPayloadEnds) {
   const Bytes whole = innerImage("inner", 0x4411).build();
   FileImage image;
   const size_t outerTable = image.addTable("outer", 0x11);
   const int64_t at =
-      image.addRecord(outerTable, 0xA1, whole.cut(whole.size() - 22 - 3));  // end mark, spare room
-  image.addRecord(outerTable, 0xA2, bytesOf("behind"));
+      image.addRecord(outerTable, 0xA1, whole.cut(whole.size() - 22 - 3));  // end mark, spare bytes
+  image.addRecord(outerTable, 0xA2, bytesOf("after"));
   salvage(image.build());
   expectSaved(at + 55, "inner", {{0x901, bytesOf("inner one")}, {0x902, bytesOf("inner ")}});
 }
@@ -224,7 +224,7 @@ TEST_F(StoredDatabases, AreNotTheOneWhoseDirectoryIsIgnored) {
 }
 
 // An old header that was left in front of a database does not hide it.
-TEST_F(StoredDatabases, AreFoundBehindAHeaderThatWasLeft) {
+TEST_F(StoredDatabases, AreFoundAfterAHeaderThatWasLeft) {
   const Bytes inner = innerImage("inner", 0x4411).build();
   Bytes payload = inner.cut(512);
   payload.add(inner);
@@ -242,7 +242,7 @@ TEST_F(StoredDatabases, TellOfWhatIsCutInThem) {
 }
 
 // As many bytes as a file can have are missing at the front.
-TEST_F(StoredDatabases, AreFoundBehindAFrontThatIsMissing) {
+TEST_F(StoredDatabases, AreFoundAfterAFrontThatIsMissing) {
   const int64_t missing = int64_t{1} << 50;
   const qvdb::SalvageReport report = salvage(outer.build(), {.from = -missing});
   ASSERT_EQ(report.stored.size(), 2u);

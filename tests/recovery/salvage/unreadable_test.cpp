@@ -1,4 +1,4 @@
-// Payloads that the system cannot read everywhere: as little as can be is given up, and told.
+// Payloads that the system cannot read everywhere: as few bytes as possible are lost, and reported.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,8 +29,8 @@ class BadSectors {
     calls_->readAt = [](int descriptor, void* buffer, size_t count, off_t position) -> ssize_t {
       struct stat read = {};
       const bool isFile = ::fstat(descriptor, &read) == 0 && read.st_ino == file_;
-      const off_t behind = position + static_cast<off_t>(count);
-      if (!isFile || position >= end_ || behind <= begin_) {
+      const off_t after = position + static_cast<off_t>(count);
+      if (!isFile || position >= end_ || after <= begin_) {
         return ::pread(descriptor, buffer, count, position);
       }
       if (position < begin_) {
@@ -62,7 +62,7 @@ class Unreadable : public testing::Test {
     return qvdb::salvage(folder / "a.qvd", folder / "b.qvd", {}, options);
   }
 
-  // Three records; the payload of the second stands from 4746 to 24746.
+  // Three records; the payload of the second is from 4746 to 24746.
   FileImage threeRecords() {
     FileImage image;
     const size_t table = image.addTable("notes", 0x11);
@@ -98,7 +98,7 @@ TEST(WindowOnADevice, HasTheBytesNextToThoseThatCannotBeRead) {
   EXPECT_EQ(window.unreadableAt(), 10'500);
 }
 
-TEST_F(Unreadable, BytesOfAPayloadBecomeZerosAndAreTold) {
+TEST_F(Unreadable, BytesOfAPayloadBecomeZerosAndAreReported) {
   const qvdb::SalvageReport report = salvage(threeRecords(), 8192, 12'288);
   EXPECT_EQ(report.records_written, 3u);
   EXPECT_EQ(report.records_cut, 1u);
@@ -111,7 +111,7 @@ TEST_F(Unreadable, BytesOfAPayloadBecomeZerosAndAreTold) {
                       {0xA3, bytesOf("third")}}));
 }
 
-TEST_F(Unreadable, BytesAtTheEndOfAPayloadAreToldToo) {
+TEST_F(Unreadable, BytesAtTheEndOfAPayloadAreReportedToo) {
   const qvdb::SalvageReport report = salvage(threeRecords(), 24'740, 24'746);
   EXPECT_EQ(report.bytes_unreadable, 6u);
   EXPECT_EQ(report.records_cut, 1u);
@@ -131,7 +131,7 @@ TEST_F(Unreadable, SectorsTakeNoMoreWithThemThanThemselves) {
                               static_cast<size_t>(kBad) + 8192 - kFirst)));
 }
 
-TEST_F(Unreadable, TableDataIsToldWithoutARecord) {
+TEST_F(Unreadable, TableDataIsReportedWithoutARecord) {
   FileImage image;
   const size_t table = image.addTable("notes", 0x11);
   image.setTableData(table, pattern(20'000));
