@@ -29,7 +29,7 @@ class ChainCheck {
 
   const Block& block(uint32_t number) const { return survey_.blocks[number]; }
 
-  // Where a walk could not go on: the link, and what it leads to.
+  // Where a walk could not continue: the link, and what it leads to.
   void checkEnd(const Walk& walk, bool isForward) {
     if (walk.end == WalkEnd::complete) return;
     if (walk.blocks.empty()) {

@@ -30,8 +30,8 @@ class TableCalls {
   TableCalls(const Survey& survey, const Table& table, const ByteSource* source = nullptr)
       : survey_(survey), table_(table), source_(source) {}
 
-  // Whether the walk from the front gets through all counted records. One that loops does: it is
-  // the count that ends it.
+  // Whether the walk from the front passes all counted records. One that loops does: the count ends
+  // it.
   bool walkSucceeds() const {
     return walked_.size() >= slot_.recordCount || table_.forward.end == WalkEnd::loop;
   }
@@ -87,8 +87,8 @@ class TableCalls {
         walked_, [&](uint32_t number) { return (this->*can)(survey_.blocks[number]); });
   }
 
-  // Walks go where the last counted record's link leads, too, though they do not read there: only a
-  // position below zero cannot be gone to.
+  // Walks also seek to where the last counted record's link leads, though they do not read there:
+  // only a position below zero fails.
   bool canLeaveLastRecord() const {
     if (slot_.recordCount == 0 || walked_.size() < slot_.recordCount) return true;
     return survey_.blocks[walked_.back()].next >= 0;

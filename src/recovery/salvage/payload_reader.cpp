@@ -1,4 +1,4 @@
-// A read that fails in a large piece gives up only what cannot be read, and goes on after it.
+// A read that fails in a large piece loses only what cannot be read, and continues after it.
 #include "recovery/salvage/payload_reader.h"
 
 #include <algorithm>

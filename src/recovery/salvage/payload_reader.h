@@ -16,7 +16,7 @@ class PayloadReader {
   // The source must outlive the reader.
   explicit PayloadReader(const survey::ByteSource& source);
 
-  // Hands over the payload of the block, as far as it is there, in pieces. Returns how many of its
+  // Passes on the payload of the block, as far as it is there, in pieces. Returns how many of its
   // bytes could not be read.
   uint64_t read(const survey::Block& block, const std::function<void(const char*, size_t)>& take);
 

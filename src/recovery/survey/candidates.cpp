@@ -43,7 +43,7 @@ bool looksLikeHeader(const uint8_t* bytes) {
          isSizesPattern(bytes + kSlotCountPos);
 }
 
-// Where the search goes on from `start`: after a large hole, which reads as zeros, but for what a
+// Where the search continues from `start`: after a large hole, which reads as zeros, but for what a
 // header may have in front of its first other byte.
 int64_t passHole(const ByteSource& source, int64_t start, const Range& range) {
   if (range.end - start < static_cast<int64_t>(kChunk)) return start;

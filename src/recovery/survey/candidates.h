@@ -14,7 +14,7 @@ struct ScanHits {
   std::vector<int64_t> headers;  // where a database header may begin
 };
 
-// Searches the range in pieces and hands over the hits of each, if there are any: marks in
+// Searches the range in pieces and passes on the hits of each, if there are any: marks in
 // ascending order, and none twice. What cannot be read is passed over; returns where that first
 // happened, or -1.
 int64_t findHits(const ByteSource& source, const Range& range,

@@ -1,7 +1,7 @@
 // Step 2 of a survey: from every slot along the chain, from both ends, and to the table data.
 //
-// A walk goes on as long as its next block is a record block of the table that it has not passed
-// before, so it ends whatever the links and the slot's count say. It also goes on after the last
+// A walk continues as long as its next block is a record block of the table that it has not passed
+// before, so it ends whatever the links and the slot's count say. It also continues after the last
 // counted record: an append that was cut off before the slot was written leaves one there.
 #include <algorithm>
 #include <cstring>
