@@ -11,10 +11,11 @@
 #include <optional>
 #include <utility>
 
-#include "QVDbase/record_find.h"
+#include "QVDbase/position.h"
 #include "failure/failure.h"
 #include "format/Aliment8.h"
 #include "format/block_heads.h"
+#include "format/fields.h"
 #include "format/identifiers.h"
 #include "objects/chain_ends.h"
 #include "recovery/check/findings.h"
@@ -31,6 +32,12 @@ using survey::Slot;
 using survey::Survey;
 
 constexpr const char* kOperation = "open the database";
+
+// The header that these bytes are, if it is one of a record of the table.
+std::optional<recordPart1> recordIn(const unsigned char* bytes, const tablePart1& slot) {
+  if (!format::isRecordOf(bytes, slot.tableID)) return std::nullopt;
+  return format::decodeRecordHead(bytes);
+}
 
 // The header of a record of the table at that position, or nothing.
 using HeadReader = std::function<std::optional<recordPart1>(int64_t position)>;
@@ -146,8 +153,7 @@ class FileEnds {
       if (isInside) failReading(position + static_cast<int64_t>(count));
       return std::nullopt;
     }
-    if (!format::isRecordOf(bytes, slot.fields.tableID)) return std::nullopt;
-    return format::decodeRecordHead(bytes);
+    return recordIn(bytes, slot.fields);
   }
 
   // That a byte cannot be read says nothing about the chain.
@@ -163,8 +169,9 @@ class FileEnds {
 };
 
 [[noreturn]] void failChain(const std::filesystem::path& path, const char* operation,
-                            const Slot& slot, const char* problem) {
+                            const Slot& slot, const char* problem, Remedy remedy = Remedy::usual) {
   ErrorDetails known;
+  known.remedy = remedy;
   known.table = format::storedName(slot.fields);
   const std::string why = "table " + survey::shown(known.table) + ": " + problem;
   failure::throwError(path, operation, Reason::chain_damaged, why, std::move(known));
@@ -201,10 +208,12 @@ void detail::checkEnds(const Database& database) {
 
 const char* detail::problemAtEnd(int16_t db, const tablePart1& slot) {
   if (slot.recordCount == 0) return nullptr;
-  const auto recordAt = [&](int64_t position) -> std::optional<recordPart1> {
-    recordPart1 head;
-    if (!engine::readRecordHeaderAt(db, position, slot.tableID, &head)) return std::nullopt;
-    return head;
+  // In one piece: what is read ahead of a place further back ends with what was asked for.
+  const auto recordAt = [&](int64_t position) {
+    unsigned char bytes[format::record::kData];
+    const bool isRead =
+        myFileSeek(db, position, kFromStart) == 0 && format::readBytes(db, bytes, sizeof bytes);
+    return isRead ? recordIn(bytes, slot) : std::nullopt;
   };
   // How long the file is does not matter to the links.
   return Ends(recordAt, std::numeric_limits<int64_t>::max(), slot).problemAtEnd();

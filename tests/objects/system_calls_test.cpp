@@ -156,10 +156,9 @@ TEST_F(SystemCallsTest, ADeletionByIndexIsTwoReadsAndThreeWrites) {
 
 // Blocks in pieces of 256 KiB; 4,000 of them are 624,000 bytes, so there are three pieces. Each is
 // one write after the file's length is asked; the second and the third are linked to the one
-// before. Then the link of the last record and the slot. Before all this the slot and the last
-// record are read, and in between two more, once for the batch: the last record and the one before
-// it, which must lead to it. A batch would otherwise be linked to a record whose deletion was cut
-// off, and lost with it.
+// before. Then the link of the last record and the slot. Before all this are read, once for the
+// batch, the slot, the last record, and the one before it, which must lead to it. A batch would
+// otherwise be linked to a record whose deletion was cut off, and lost with it.
 TEST_F(SystemCallsTest, ABatchIsAWriteForEachPiece) {
   EXPECT_EQ(callsOf([&] {
               qvdb::BulkAppender bulk = table_->appender();
@@ -167,7 +166,7 @@ TEST_F(SystemCallsTest, ABatchIsAWriteForEachPiece) {
               bulk.finish();
             }),
             "limit limit limit limit "
-            "read read read read length "
+            "read read read length "
             "length write length write write "
             "findLock length write write "
             "read read write write");
