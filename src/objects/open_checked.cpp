@@ -227,7 +227,7 @@ void check_ends(const Database& database, Id table) {
     const Ends ends = file.of(slot);
     const bool isAsked = format::identifierNumber(slot.fields.tableID) == table.value;
     const char* problem = isAsked ? ends.problem() : ends.problemBeyondFile();
-    if (problem != nullptr) failChain(database.path(), kWriting, slot, problem);
+    if (problem != nullptr) failChain(database.path(), kWriting, slot, problem, Remedy::mend);
   }
 }
 

@@ -78,8 +78,10 @@ void requireFolder(const fs::path& file, const char* operation, Missing missing)
   if (fs::exists(status)) {
     throwError(file, operation, Reason::path_not_reachable, folder.native() + " is not a folder");
   }
+  ErrorDetails details;
+  details.remedy = Remedy::create_folder;
   throwError(file, operation, Reason::path_not_reachable,
-             "the folder " + folder.native() + " does not exist");
+             "the folder " + folder.native() + " does not exist", std::move(details));
 }
 
 platform::FileAccess accessOf(const fs::path& file, const char* operation) {
@@ -115,8 +117,10 @@ TargetFile::TargetFile(int folder, const std::string& name, const fs::path& path
   }
 }
 
-void TargetFile::fail(Reason reason, const std::string& why) const {
-  throwError(given_, operation_, reason, why);
+void TargetFile::fail(Reason reason, const std::string& why, Remedy remedy) const {
+  ErrorDetails details;
+  details.remedy = remedy;
+  throwError(given_, operation_, reason, why, std::move(details));
 }
 
 Missing TargetFile::missingFolders() const {
@@ -134,7 +138,7 @@ void TargetFile::judge() {
     const bool isKept = rules_.existing == Existing::isKept;
     if (isLink) {
       fail(isKept ? Reason::file_exists : Reason::path_not_reachable,
-           "it is a symbolic link that leads nowhere");
+           "it is a symbolic link that leads nowhere", Remedy::remove_link);
     }
     return requireFolder(place_, operation_, missingFolders());
   }
@@ -227,10 +231,6 @@ void TargetFile::place() {
 
 void TargetFile::failMaking() const {
   failure::throwOpenFailure(given_, operation_, platform::lastCreateFailure());
-}
-
-void TargetFile::failWriting() const {
-  failWriting(platform::findWriteFailure(0));
 }
 
 void TargetFile::failWriting(const platform::WriteFailure& found) const {

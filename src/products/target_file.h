@@ -80,8 +80,8 @@ class TargetFile {
   [[noreturn]] void failMaking() const;
 
   // After a write that failed: throws what the host answered, such as disk_full, or cannot_write.
-  [[noreturn]] void failWriting() const;
-  [[noreturn]] void failWriting(const qvdbase::platform::WriteFailure& found) const;
+  [[noreturn]] void failWriting(
+      const qvdbase::platform::WriteFailure& found = qvdbase::platform::findWriteFailure(0)) const;
 
  private:
   Missing missingFolders() const;
@@ -89,7 +89,8 @@ class TargetFile {
   void hold();
   void refuseSeveralNames() const;
   void giveAccess(const qvdbase::platform::FileAccess* source);
-  [[noreturn]] void fail(qvdb::Reason reason, const std::string& why) const;
+  [[noreturn]] void fail(qvdb::Reason reason, const std::string& why,
+                         qvdb::Remedy remedy = qvdb::Remedy::usual) const;
 
   std::filesystem::path given_;
   std::filesystem::path place_;

@@ -2,6 +2,8 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/mend.hpp>
 
+#include <utility>
+
 #include "QVDbase/position.h"
 #include "failure/failure.h"
 #include "format/fields.h"
@@ -12,6 +14,7 @@
 #include "recovery/check/parts.h"
 #include "recovery/mend/mend_plan.h"
 #include "recovery/survey/open_file.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdbase;
 using namespace qvdbase::failure;
@@ -41,13 +44,9 @@ class Mending {
         throwError(path_, kOperation, Reason::in_use, "it was changed meanwhile");
     }
     if (plan_.unreadableAt >= 0) {
-      throwError(path_, kOperation, Reason::cannot_read,
-                 "the system cannot read it at " + std::to_string(plan_.unreadableAt) +
-                     "; nothing was changed");
+      refuse(Reason::cannot_read, joined("the system cannot read it at ", plan_.unreadableAt));
     }
-    if (!plan_.refusal.empty()) {
-      throwError(path_, kOperation, Reason::damaged, plan_.refusal + "; nothing was changed");
-    }
+    if (!plan_.refusal.empty()) refuse(Reason::damaged, plan_.refusal);
     if (!options.dry_run && !plan_.steps.empty()) write();
     report.steps = std::move(plan_.steps);
     report.left_over = plan_.leftOver;
@@ -56,6 +55,12 @@ class Mending {
   }
 
  private:
+  [[noreturn]] void refuse(Reason reason, const std::string& why) const {
+    ErrorDetails details;
+    details.remedy = Remedy::salvage;
+    throwError(path_, kOperation, reason, why + "; nothing was changed", std::move(details));
+  }
+
   void write() {
     platform::forgetHostFailure();
     for (const Patch& patch : plan_.patches) writePatch(patch);

@@ -275,5 +275,32 @@ TEST_F(LayerErrors, OfReadsThatFailSayThatTheSystemCannotRead) {
   }
 }
 
+TEST_F(LayerErrors, SayWhatHelps) {
+  FileImage image;
+  image.addTable("t", 0x11);
+  const int64_t first = image.addRecord(0, 0xA1, bytesOf("first"));
+  image.addRecord(0, 0xA2, bytesOf("second"));
+  image.slot(0).recordCount = 1;
+  image.slot(0).lastRecordPos = image.slot(0).lastWrittenRecordPos = first;
+  expectDamage();
+  {
+    const auto database = openImage(image);
+    const auto error = errorOf([&] { qvdb::check_ends(database, database.table("t").id()); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->remedy(), qvdb::Remedy::mend) << error->what();
+  }
+  image.record(first).tableID = Bytes(10, 0x77);
+  writeFile(path(), image.build());
+  auto error = errorOf([&] { qvdb::mend(path()); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->remedy(), qvdb::Remedy::salvage) << error->what();
+  error = errorOf([&] { Database::create(path("absent/new.qvd")); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->remedy(), qvdb::Remedy::create_folder) << error->what();
+  error = errorOf([&] { Database::open(path("absent.qvd"), Mode::read_only); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->remedy(), qvdb::Remedy::usual) << error->what();
+}
+
 }  // namespace
 }  // namespace qvdbase::test

@@ -57,6 +57,7 @@ constexpr Advice kAdvice[] = {
     {Reason::empty_payload, "'qvdb rm' deletes a record"},
     {Reason::disk_full, "free some space and try again"},
     {Reason::changed_meanwhile, "try again"},
+    {Reason::damaged, kAdviceToMend},
 };
 
 std::string generalAdviceFor(Reason reason) {
@@ -64,10 +65,6 @@ std::string generalAdviceFor(Reason reason) {
     if (advice.reason == reason) return advice.text;
   }
   return {};
-}
-
-bool leadsNowhere(const Error& error) {
-  return std::string_view(error.what()).ends_with("leads nowhere");
 }
 
 // What is saved from a damaged file replaces nothing, not even with --force.
@@ -86,25 +83,21 @@ Failure systemFailure(const std::string& path, const char* what) {
 }
 
 std::string adviceFor(const Error& error) {
-  if (error.operation() == std::string_view("write to the table")) {
-    return "run 'qvdb mend'; if that refuses, 'qvdb salvage' writes what can be saved into a new "
-           "file";
-  }
-  const bool isMending = error.operation() == std::string_view("mend the database");
-  switch (error.reason()) {
-    case Reason::path_not_reachable:
-      if (leadsNowhere(error)) return kAdviceForLink;
-      if (!std::string_view(error.what()).ends_with("does not exist")) return {};
+  switch (error.remedy()) {
+    case Remedy::mend:
+      return "run 'qvdb mend'; if that refuses, 'qvdb salvage' writes what can be saved into a new "
+             "file";
+    case Remedy::salvage:
+      return kAdviceToSalvage;
+    case Remedy::remove_link:
+      return kAdviceForLink;
+    case Remedy::create_folder:
       return "create it, or use --parents";
-    case Reason::file_exists:
-      return leadsNowhere(error) ? kAdviceForLink : adviceForTakenName(error.operation());
-    case Reason::cannot_read:
-      return isMending ? kAdviceToSalvage : "";
-    case Reason::damaged:
-      return isMending ? kAdviceToSalvage : kAdviceToMend;
-    default:
-      return generalAdviceFor(error.reason());
+    case Remedy::usual:
+      break;
   }
+  if (error.reason() == Reason::file_exists) return adviceForTakenName(error.operation());
+  return generalAdviceFor(error.reason());
 }
 
 // One line; on a terminal that is narrower, as many as it takes to break it between words.

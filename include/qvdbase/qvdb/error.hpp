@@ -78,12 +78,22 @@ QVDBASE_API std::string_view to_string(Reason reason) noexcept;
 // Writes these words.
 QVDBASE_API std::ostream& operator<<(std::ostream& out, Reason reason);
 
+// What helps, where that is more than the reason says by itself.
+enum class Remedy {
+  usual,        // what helps against the reason
+  mend,         // mend() completes what was interrupted; where it refuses, salvage() helps
+  salvage,      // mend() has refused: salvage() writes what can be saved into a new file
+  remove_link,  // a symbolic link that leads nowhere has the name: remove it, or take another name
+  create_folder,  // a folder is missing: create it, or ask the operation to
+};
+
 // What else is known about a failure. Each may be empty.
 struct ErrorDetails {
   std::filesystem::path path;             // the file that it is about, as the caller named it
   std::string table;                      // the table's name, or what was given for one
   std::error_code system_code;            // as Error::system_code()
   std::optional<uint64_t> record_number;  // as Error::record_number()
+  Remedy remedy = Remedy::usual;          // as Error::remedy()
 };
 
 // A failed operation. what() is one sentence in English that names the file; names of tables and
@@ -123,6 +133,9 @@ class QVDBASE_API Error : public std::runtime_error {
   // With chain_damaged: the first record that cannot be read, counted from 1 in the order of the
   // chain, where the operation got that far.
   std::optional<uint64_t> record_number() const noexcept { return details_->record_number; }
+
+  // What helps, where that is more than the reason says by itself.
+  Remedy remedy() const noexcept { return details_->remedy; }
 
  private:
   const char* operation_;
