@@ -1,5 +1,7 @@
 #include "failure/failure.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 using namespace qvdb;
@@ -14,55 +16,44 @@ using platform::WriteObstacle;
 namespace {
 
 struct Cause {
+  OpenFailure failure;
   Reason reason;
   const char* why;
 };
 
+constexpr Cause kCauses[] = {
+    {OpenFailure::folderMissing, Reason::no_such_file, "a folder in its path does not exist"},
+    {OpenFailure::notAFolder, Reason::no_such_file, "something in its path is not a folder"},
+    {OpenFailure::fileMissing, Reason::no_such_file, "there is no such file"},
+    {OpenFailure::notAFile, Reason::not_a_file, "it is not a regular file"},
+    {OpenFailure::nameTooLong, Reason::path_not_reachable,
+     "a name in it is too long for the system"},
+    {OpenFailure::accessDenied, Reason::access_denied, "the system denies access"},
+    {OpenFailure::readOnlyVolume, Reason::read_only_file_system,
+     "it is on a read-only file system"},
+    {OpenFailure::inUse, Reason::in_use, "another process is writing to it"},
+    {OpenFailure::isRunning, Reason::in_use, "it is a program that is running"},
+    {OpenFailure::cannotLock, Reason::cannot_lock, "its file system does not lock files"},
+    {OpenFailure::tooManyOpen, Reason::cannot_open, "too many files are open"},
+    {OpenFailure::noSpace, Reason::disk_full, "the disk is full"}};
+
+constexpr Cause kOther = {OpenFailure::other, Reason::cannot_open, "the system cannot open it"};
+
 Cause causeOf(OpenFailure failure) {
-  switch (failure) {
-    case OpenFailure::folderMissing:
-      return {Reason::no_such_file, "a folder in its path does not exist"};
-    case OpenFailure::notAFolder:
-      return {Reason::no_such_file, "something in its path is not a folder"};
-    case OpenFailure::fileMissing:
-      return {Reason::no_such_file, "there is no such file"};
-    case OpenFailure::notAFile:
-      return {Reason::not_a_file, "it is not a regular file"};
-    case OpenFailure::nameTooLong:
-      return {Reason::path_not_reachable, "a name in it is too long for the system"};
-    case OpenFailure::accessDenied:
-      return {Reason::access_denied, "the system denies access"};
-    case OpenFailure::readOnlyVolume:
-      return {Reason::read_only_file_system, "it is on a read-only file system"};
-    case OpenFailure::inUse:
-      return {Reason::in_use, "another process is writing to it"};
-    case OpenFailure::isRunning:
-      return {Reason::in_use, "it is a program that is running"};
-    case OpenFailure::cannotLock:
-      return {Reason::cannot_lock, "its file system does not lock files"};
-    case OpenFailure::tooManyOpen:
-      return {Reason::cannot_open, "too many files are open"};
-    case OpenFailure::noSpace:
-      return {Reason::disk_full, "the disk is full"};
-    case OpenFailure::none:
-    case OpenFailure::other:
-      break;
-  }
-  return {Reason::cannot_open, "the system cannot open it"};
+  const auto* const found =
+      std::find_if(std::begin(kCauses), std::end(kCauses),
+                   [&](const Cause& each) { return each.failure == failure; });
+  return found != std::end(kCauses) ? *found : kOther;
 }
 
 Cause causeOf(WriteObstacle obstacle) {
-  switch (obstacle) {
-    case WriteObstacle::full:
-      return {Reason::disk_full, "the disk is full"};
-    case WriteObstacle::sizeLimit:
-      return {Reason::size_limit, "it would be longer than the limits of the system allow"};
-    case WriteObstacle::readOnlyVolume:
-      return {Reason::read_only_file_system, "it is on a read-only file system"};
-    case WriteObstacle::unknown:
-      break;
+  if (obstacle == WriteObstacle::full) return causeOf(OpenFailure::noSpace);
+  if (obstacle == WriteObstacle::readOnlyVolume) return causeOf(OpenFailure::readOnlyVolume);
+  if (obstacle == WriteObstacle::unknown) {
+    return {OpenFailure::other, Reason::cannot_write, "the file cannot be written"};
   }
-  return {Reason::cannot_write, "the file cannot be written"};
+  return {OpenFailure::other, Reason::size_limit,
+          "it would be longer than the limits of the system allow"};
 }
 
 // The words of the system are added only where no reason of ours says the same.
