@@ -28,21 +28,6 @@ int putLittleEndian(unsigned char* buf, Unsigned value) {
   return static_cast<int>(sizeof(Unsigned));
 }
 
-template <typename Unsigned>
-Unsigned field(const unsigned char* buf) {
-  Unsigned value = 0;
-  getLittleEndian(buf, &value);
-  return value;
-}
-
-int64_t positionField(const unsigned char* buf) {
-  return static_cast<int64_t>(field<uint64_t>(buf));
-}
-
-void putPosition(unsigned char* buf, int64_t position) {
-  PutToBuffer_Int64(buf, static_cast<uint64_t>(position));
-}
-
 }  // namespace
 
 int GetFromBuffer_BYTE(const unsigned char* buf, unsigned char* out) {
@@ -106,54 +91,6 @@ int WriteOne_TablePartOne(int16_t file, const tablePart1* slot) {
 }
 
 namespace qvdbase::format {
-
-void decodeSlot(const unsigned char image[kSlotImageSize], tablePart1* slot) {
-  std::memset(slot, 0, sizeof *slot);
-  slot->slotMark = image[slot::kSlotMark];
-  slot->infoSize = kInfoSize;  // the stored group sizes are ignored
-  slot->tableVersion = field<uint16_t>(image + slot::kTableVersion);
-  std::memcpy(slot->tableID, image + slot::kTableID, kIdentifierSize);
-  std::memcpy(slot->tableName, image + slot::kTableName, kTableNameSize);
-  slot->tableFlags1 = field<uint16_t>(image + slot::kTableFlags1);
-  slot->tableFlags2 = field<uint16_t>(image + slot::kTableFlags2);
-  slot->recordsInfoSize = kRecordsInfoSize;
-  slot->recordCount = field<uint32_t>(image + slot::kRecordCount);
-  slot->recordWriteCount = field<uint32_t>(image + slot::kRecordWriteCount);
-  slot->firstRecordPos = positionField(image + slot::kFirstRecordPos);
-  slot->lastWrittenRecordPos = positionField(image + slot::kLastWrittenRecordPos);
-  slot->lastRecordPos = positionField(image + slot::kLastRecordPos);
-  slot->dataInfoSize = kDataInfoSize;
-  slot->dataBlockCount = field<uint32_t>(image + slot::kDataBlockCount);
-  slot->dataWriteCount = field<uint32_t>(image + slot::kDataWriteCount);
-  slot->firstDataPos = positionField(image + slot::kFirstDataPos);
-  slot->lastWrittenDataPos = positionField(image + slot::kLastWrittenDataPos);
-  slot->lastDataPos = positionField(image + slot::kLastDataPos);
-  slot->slotEndMark = image[slot::kSlotEndMark];
-}
-
-void encodeSlot(const tablePart1& slot, unsigned char image[kSlotImageSize]) {
-  std::memset(image, kSlotFiller, kSlotImageSize);
-  image[slot::kSlotMark] = slot.slotMark;
-  PutToBuffer_Int16(image + slot::kInfoSize, kInfoSize);
-  PutToBuffer_Int16(image + slot::kTableVersion, slot.tableVersion);
-  std::memcpy(image + slot::kTableID, slot.tableID, kIdentifierSize);
-  std::memcpy(image + slot::kTableName, slot.tableName, kTableNameSize);
-  PutToBuffer_Int16(image + slot::kTableFlags1, slot.tableFlags1);
-  PutToBuffer_Int16(image + slot::kTableFlags2, slot.tableFlags2);
-  PutToBuffer_Int16(image + slot::kRecordsInfoSize, kRecordsInfoSize);
-  PutToBuffer_Int32(image + slot::kRecordCount, slot.recordCount);
-  PutToBuffer_Int32(image + slot::kRecordWriteCount, slot.recordWriteCount);
-  putPosition(image + slot::kFirstRecordPos, slot.firstRecordPos);
-  putPosition(image + slot::kLastWrittenRecordPos, slot.lastWrittenRecordPos);
-  putPosition(image + slot::kLastRecordPos, slot.lastRecordPos);
-  PutToBuffer_Int16(image + slot::kDataInfoSize, kDataInfoSize);
-  PutToBuffer_Int32(image + slot::kDataBlockCount, slot.dataBlockCount);
-  PutToBuffer_Int32(image + slot::kDataWriteCount, slot.dataWriteCount);
-  putPosition(image + slot::kFirstDataPos, slot.firstDataPos);
-  putPosition(image + slot::kLastWrittenDataPos, slot.lastWrittenDataPos);
-  putPosition(image + slot::kLastDataPos, slot.lastDataPos);
-  image[slot::kSlotEndMark] = slot.slotEndMark;
-}
 
 bool slotHoldsTable(const tablePart1& slot) {
   return slot.slotMark == kSlotMark && slot.slotEndMark == kSlotEndMark;
