@@ -15,35 +15,36 @@ namespace {
 
 class PackToNewFile : public PackSteps {
  public:
-  PackToNewFile(const QVWCHAR* dstPath, PackProgress progress) : PackSteps(dstPath, progress) {}
-
-  int run(const QVWCHAR* srcPath) {
-    if (!openSource(srcPath)) return 0;
-    return attempt([this] { return fill() && finish() && report(100); });
-  }
+  PackToNewFile(const QVWCHAR* dstPath, const PackProgress& progress)
+      : PackSteps(dstPath, progress, {&srcRef_, &dstRef_, &status_}) {}
 
  private:
-  bool fill() {
-    if (!readSourceDirectory() || !createDestination()) return false;
-    if (!copyHeader() || !copyDirectory() || !report(1)) return false;
+  bool copyTables() override {
     SetDBaseVersion(dst_, kUnfinishedPackVersion);  // not checked: the pack does not depend on it
-    return copyTables();
+    return PackSteps::copyTables();
   }
 
-  bool finish() {
-    closeSource();
-    if (SetDBaseVersion(dst_, kFinishedVersion) != 1 || !completeDestination()) return false;
-    closeDestination();
-    return true;
+  bool completeDestination() override {
+    return SetDBaseVersion(dst_, kFinishedVersion) == 1 && PackSteps::completeDestination();
   }
 
   bool reportTable() override { return report(99); }
+
+  // This pack's caller gets none of them.
+  uint16_t srcRef_ = 0;
+  uint16_t dstRef_ = 0;
+  int status_ = PackOutputs::kKept;
 };
 
 }  // namespace
 
+int maintenance::packToNewFile(const QVWCHAR* srcPath, const QVWCHAR* dstPath,
+                               const PackProgress& progress) {
+  if (srcPath == nullptr || dstPath == nullptr) return 0;
+  return PackToNewFile(dstPath, progress).run(srcPath);
+}
+
 int PackOneDB2NewW(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int userData,
                    QVProgressFunction callback) {
-  if (srcPath == nullptr || dstPath == nullptr) return 0;
-  return PackToNewFile(dstPath, {callback, userData, nullptr}).run(srcPath);
+  return packToNewFile(srcPath, dstPath, {callback, userData, nullptr});
 }

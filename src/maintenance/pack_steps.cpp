@@ -1,9 +1,10 @@
-// The steps that the packs have in common.
+// The steps of the packs.
 #include "maintenance/pack_steps.h"
 
 #include <qvdbase/QVFile.h>
 
 #include <algorithm>
+#include <exception>
 
 #include "QVDbase/directory_cache.h"
 #include "QVDbase/record_find.h"
@@ -15,6 +16,7 @@
 #include "maintenance/pack_record.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/memory.h"
+#include "platform/host/thread_cancelled.h"
 
 using namespace qvdbase::format;
 using namespace qvdbase::engine;
@@ -46,10 +48,35 @@ bool moveLong(bool (*move)(int16_t, Byte*, uint32_t), int16_t file, uint8_t* byt
 
 }  // namespace
 
-bool PackSteps::openSource(const QVWCHAR* srcPath) {
-  int16_t file = 0;
-  if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, &file) != 1) return false;
-  src_ = file;
+int PackSteps::run(const QVWCHAR* srcPath) {
+  if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, &src_) != 1) return 0;
+  ownsSource_ = true;
+  return run();
+}
+
+int PackSteps::run() {
+  try {
+    if (fill() && finish() && report(100)) return 1;
+  } catch (platform::ThreadCancelled&) {
+    fail();
+    throw;
+  } catch (const std::exception&) {
+    // No memory, which is a failure like the others.
+  }
+  fail();
+  return 0;
+}
+
+bool PackSteps::fill() {
+  return src_ != 0 && readSourceDirectory() && createDestination() && copyHeader() &&
+         copyDirectory() && report(1) && copyTables();
+}
+
+bool PackSteps::finish() {
+  closeSource();
+  if (!completeDestination()) return false;
+  closeDestination();
+  *out_.dstRef = 0;
   return true;
 }
 
@@ -60,11 +87,14 @@ bool PackSteps::readSourceDirectory() {
 }
 
 bool PackSteps::createDestination() {
-  int16_t file = 0;
-  if (QVFile().QVCreateAndOpenFile(dstPath_, kCreateOneWriter, &file, kEmptyExisting) != 1) {
+  if (QVFile().QVCreateAndOpenFile(dstPath_, kCreateOneWriter, &dst_, kEmptyExisting) != 1) {
+    dst_ = 0;
+    *out_.status = PackOutputs::kKept;
     return false;
   }
-  dst_ = file;
+  *out_.status = PackOutputs::kEmptied;
+  *out_.srcRef = static_cast<uint16_t>(src_);
+  *out_.dstRef = static_cast<uint16_t>(dst_);
   return true;
 }
 
@@ -202,7 +232,7 @@ bool PackSteps::readTableSlot(int16_t file, tablePart1* slot) {
 }
 
 bool PackSteps::rewriteSlotWithData(const tablePart1& slot) {
-  return WriteOne_TablePartOne(dst_, &slot) == 1;
+  return PackSteps::writeDirectorySlot(slot);
 }
 
 bool PackSteps::appendRecord(tablePart1* working, int64_t slotPos, const recordPart1& source,
@@ -216,8 +246,10 @@ bool PackSteps::completeDestination() {
 }
 
 void PackSteps::closeSource() {
+  if (!ownsSource_) return;
   dropDirectoryEntry(src_);
   QVFile().QVCloseFile(src_);
+  *out_.srcRef = 0;
 }
 
 void PackSteps::closeDestination() {
@@ -239,12 +271,14 @@ uint32_t PackSteps::percentOfRecords() const {
 void PackSteps::fail() {
   // First, so that the scope is over when the one around it ends, whichever step failed.
   static_cast<void>(scope_.end());
-  if (src_ != 0) releaseSource();
+  closeSource();
   if (dst_ != 0) {
     closeDestination();
-    if (emptiesDestination()) QVFile().QVDeleteFile(dstPath_);
+    // The status counts as the caller left it: a progress function that stores 100 keeps the file.
+    if (*out_.status != PackOutputs::kKept) QVFile().QVDeleteFile(dstPath_);
   }
-  if (bufferHeld_) failedWithBuffer();
+  // The only failure after which the caller's destination number is 0: the others leave it.
+  if (bufferHeld_) *out_.dstRef = 0;
 }
 
 bool PackSteps::seekBoth(int64_t srcPos, int64_t dstPos) {

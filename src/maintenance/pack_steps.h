@@ -9,20 +9,17 @@
 //   4. both files are closed
 // What a failure leaves is cleaned up at one place, fail().
 //
-// The class holds the steps that are the same; each pack calls them in its order. Where the packs
-// do one thing in different ways there is a virtual function, and the packs' overrides of it are
-// the complete list of their differences.
+// The class holds the steps. Where the packs do one thing in different ways there is a virtual
+// function, and the packs' overrides of it are the complete list of their differences.
 #pragma once
 
 #include <qvdbase/qvdbase.h>
 
 #include <cstdint>
-#include <exception>
 
 #include "QVDbase/header.h"
 #include "QVDbase/position.h"
 #include "format/layout.h"
-#include "platform/host/thread_cancelled.h"
 
 namespace qvdbase::maintenance {
 
@@ -33,30 +30,36 @@ struct PackProgress {
   void* argument;
 };
 
+// Where the caller is given the file numbers and the status. The status is set to kKept when the
+// pack is called. Its value at the end decides whether an unfinished destination is emptied.
+struct PackOutputs {
+  static constexpr int kKept = 100;  // the destination does not exist, or is to be kept
+  static constexpr int kEmptied = 0;
+
+  uint16_t* srcRef;
+  uint16_t* dstRef;
+  int* status;
+};
+
+// PackOneDB2NewW, for callers whose progress function needs its argument.
+int packToNewFile(const QVWCHAR* srcPath, const QVWCHAR* dstPath, const PackProgress& progress);
+
 class PackSteps {
  public:
+  PackSteps(const QVWCHAR* dstPath, PackProgress progress, PackOutputs out, int16_t src = 0)
+      : src_(src), out_(out), dstPath_(dstPath), progress_(progress) {}
   PackSteps(const PackSteps&) = delete;
   PackSteps& operator=(const PackSteps&) = delete;
 
+  // Opens the source by its path, packs it and returns the result.
+  int run(const QVWCHAR* srcPath);
+
+  // The same with the open source that the pack was made with. Whatever ends the steps early, the
+  // cancellation of the thread included, no file stays open that they opened.
+  int run();
+
  protected:
-  PackSteps(const QVWCHAR* dstPath, PackProgress progress)
-      : dstPath_(dstPath), progress_(progress) {}
   virtual ~PackSteps() = default;
-
-  // ---- The steps, in the order in which they are taken.
-
-  // Opens the source by its path; the pack that gets an open source sets src_ instead.
-  [[nodiscard]] bool openSource(const QVWCHAR* srcPath);
-  [[nodiscard]] bool readSourceDirectory();
-  [[nodiscard]] bool createDestination();
-  [[nodiscard]] bool copyHeader();
-  [[nodiscard]] bool copyDirectory();
-  [[nodiscard]] bool copyTables();
-  // Ends the call's scope: false when a write could not be completed.
-  [[nodiscard]] bool completeDestination();
-  // The numbers stay in src_ and dst_: a failure at the very last step closes them once more.
-  void closeSource();
-  void closeDestination();
 
   int64_t headerLength() const { return headerLength_; }
 
@@ -64,28 +67,14 @@ class PackSteps {
   // before is with the operating system: each step sees to it.
   [[nodiscard]] bool report(uint32_t percent);
 
-  // Takes the steps of a pack that has opened its source, and returns its result. Whatever ends
-  // them early, the cancellation of the thread included, no file stays open that they opened.
-  template <typename Steps>
-  int attempt(Steps steps) {
-    try {
-      if (steps()) return 1;
-    } catch (platform::ThreadCancelled&) {
-      fail();
-      throw;
-    } catch (const std::exception&) {
-      // No memory, which is a failure like the others.
-    }
-    fail();
-    return 0;
-  }
-
   // ---- What the packs do differently, and how it is done unless one of them says otherwise.
 
+  [[nodiscard]] virtual bool createDestination();
   // Last chance to change the header's copy.
   virtual void adjustHeader(unsigned char*) {}
   // Writes a slot of the destination's directory; its record fields are zeroed already.
   virtual bool writeDirectorySlot(const tablePart1& slot);
+  [[nodiscard]] virtual bool copyTables();
   // Reads a slot of either file, at its position.
   virtual bool readTableSlot(int16_t file, tablePart1* slot);
   // Writes the slot, at its position, once the table's data is copied. False ends the pack.
@@ -100,19 +89,25 @@ class PackSteps {
   // Progress after each record, with the percent worked out, and after each table.
   virtual bool reportRecord(uint32_t percent) { return report(percent); }
   virtual bool reportTable() { return true; }
-  // On failure: how the source is released, whether the destination is emptied, and what is
-  // reported when the header's copy, a table-data block or a payload was in memory at that moment.
-  virtual void releaseSource() { closeSource(); }
-  virtual bool emptiesDestination() { return true; }
-  virtual void failedWithBuffer() {}
+  // Ends the call's scope: false when a write could not be completed.
+  [[nodiscard]] virtual bool completeDestination();
 
-  int16_t src_ = 0;
+  int16_t src_;
   int16_t dst_ = 0;
   engine::DirectoryNumbers directory_{};
+  PackOutputs out_;
 
  private:
+  bool fill();
+  bool finish();
   // The one way out of a pack that failed: both files are closed, the destination is emptied.
   void fail();
+  // The numbers stay in src_ and dst_: a failure at the very last step closes them once more.
+  void closeSource();
+  void closeDestination();
+  bool readSourceDirectory();
+  bool copyHeader();
+  bool copyDirectory();
   bool copyTable();
   bool copyTableData(const tablePart1& slot, int64_t slotPos);
   bool copyBlock(int64_t blockPos, int64_t length, int64_t* newBlockPos);
@@ -125,6 +120,7 @@ class PackSteps {
   const QVWCHAR* dstPath_;
   PackProgress progress_;
   engine::CallScope scope_;
+  bool ownsSource_ = false;
   int64_t headerLength_ = 0;
   uint32_t totalRecords_ = 0;
   uint32_t copiedRecords_ = 0;

@@ -13,7 +13,7 @@
 #include "format/Aliment8.h"
 #include "format/fields.h"
 #include "format/slot_structure.h"
-#include "maintenance/pack_for_caller.h"
+#include "maintenance/pack_steps.h"
 #include "platform/host/memory.h"
 #include "platform/transfer/transfer.h"
 
@@ -25,28 +25,12 @@ using namespace qvdbase::maintenance;
 
 namespace {
 
-class PackWithHandle : public PackForCaller {
+// The version is never touched.
+class PackWithHandle : public PackSteps {
  public:
-  using PackForCaller::PackForCaller;
-
-  int run(const QVWCHAR* srcPath) {
-    if (!openSource(srcPath)) return 0;
-    return attempt([this] { return fill() && closeBoth() && report(100); });
-  }
+  using PackSteps::PackSteps;
 
  private:
-  bool fill() {
-    if (!readSourceDirectory() || !createDestination()) return false;
-    if (!copyHeader() || !copyDirectory() || !report(1)) return false;
-    lastReported_ = 1;
-    return copyTables();  // the version is never touched
-  }
-
-  bool closeBoth() {
-    releaseSource();
-    return finish();
-  }
-
   bool writeDirectorySlot(const tablePart1& slot) override {
     platform::Buffer image(directory_.slotSize);
     if (!image) return false;
@@ -81,12 +65,7 @@ class PackWithHandle : public PackForCaller {
     return report(percent);
   }
 
-  void releaseSource() override {
-    closeSource();
-    *out_.srcRef = 0;
-  }
-
-  uint32_t lastReported_ = 0;
+  uint32_t lastReported_ = 1;
 };
 
 }  // namespace

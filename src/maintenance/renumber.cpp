@@ -17,7 +17,7 @@
 #include "maintenance/category_renewal.h"
 #include "maintenance/file_extent.h"
 #include "maintenance/id_pairs.h"
-#include "maintenance/pack_for_caller.h"
+#include "maintenance/pack_steps.h"
 #include "platform/host/memory.h"
 
 using namespace qvdbase;
@@ -28,24 +28,20 @@ using namespace qvdbase::maintenance;
 
 namespace {
 
-class Renumber : public PackForCaller {
+class Renumber : public PackSteps {
  public:
   Renumber(const QVWCHAR* dstPath, int16_t src, PackProgress progress, PackOutputs out,
            qvrzOneCategoryRecord* category)
-      : PackForCaller(dstPath, progress, out), category_(category) {
-    src_ = src;
-  }
-
-  int run() {
-    return attempt([this] { return fill() && finish() && report(100); });
-  }
+      : PackSteps(dstPath, progress, out, src), category_(category) {}
 
  private:
-  bool fill() {
-    if (src_ == 0 || !readSourceDirectory() || !createDestination()) return false;
-    if (kDatabaseIDPos + kIdentifierSize > headerLength()) return false;
-    if (!copyHeader() || !copyDirectory() || !report(1) || !copyTables()) return false;
-    return CategoryRenewal(src_, dst_, category_, pairs_.exist() ? &pairs_ : nullptr).run();
+  bool createDestination() override {
+    return PackSteps::createDestination() && kDatabaseIDPos + kIdentifierSize <= headerLength();
+  }
+
+  bool copyTables() override {
+    return PackSteps::copyTables() &&
+           CategoryRenewal(src_, dst_, category_, pairs_.exist() ? &pairs_ : nullptr).run();
   }
 
   // The place is fixed: what the directory cache serves of the header does not have it.
@@ -75,8 +71,6 @@ class Renumber : public PackForCaller {
     if (!pairs_.exist()) return true;
     return pairs_.write({identifierNumber(source.recordID), identifierNumber(newID)});
   }
-
-  void releaseSource() override {}  // it is the caller's
 
   qvrzOneCategoryRecord* category_;
   IdPairs pairs_;

@@ -11,6 +11,7 @@
 #include "format/Aliment8.h"
 #include "format/category.h"
 #include "handle/database_handle.h"
+#include "maintenance/pack_steps.h"
 #include "platform/handles/descriptor_path.h"
 #include "products/target_file.h"
 #include "recovery/check/parts.h"
@@ -76,15 +77,14 @@ class Packing {
 
   // `pack` calls the library's function. `other` is why it can fail on a sound source and a target
   // that can be written.
-  PackReport run(const ProgressFunction& progress, const std::function<bool()>& pack,
+  PackReport run(const ProgressFunction& progress, const std::function<int(Reporter*)>& pack,
                  const std::function<void()>& other = {}) {
     PackReport report;
     report.size_before = database_.fileLength(operation_);
     report.tables_without_data = tablesThatLoseData(tables());
     report.records_lost = judge();
     Reporter reporter(progress);
-    reporter.listen();
-    const bool done = pack();
+    const bool done = pack(&reporter) == 1;
     if (!done && reporter.wantsToStop()) {
       throwError(source_, operation_, Reason::cancelled, "it was cancelled");
     }
@@ -139,9 +139,9 @@ PackReport pack(const fs::path& source, const fs::path& target, const ProgressFu
   constexpr const char* kOperation = "pack the database";
   Packing packing(kOperation, source, DatabaseHandle::shared, target, options);
   const std::vector<QVWCHAR> nativeSource = packing.nativeSource();
-  return packing.run(progress, [&] {
-    return PackOneDB2NewW(nativeSource.data(), packing.nativeTarget(), 0, Reporter::packProgress) ==
-           1;
+  return packing.run(progress, [&](Reporter* reporter) {
+    return maintenance::packToNewFile(nativeSource.data(), packing.nativeTarget(),
+                                      {Reporter::packProgress, 0, reporter});
   });
 }
 
@@ -158,13 +158,12 @@ PackReport renumber(const fs::path& source, const fs::path& target,
         source, kOperation, Reason::table_missing,
         std::string("it has no table '") + format::kCategoryTable + "', which renumbering needs");
   }
-  const auto renumberOpenFile = [&] {
+  const auto renumberOpenFile = [&](Reporter* reporter) {
     uint16_t srcRef = 0;
     uint16_t dstRef = 0;
     int status = 0;
     return PackOneDB2AllNewUUIDFile(packing.nativeTarget(), packing.database(), 0,
-                                    Reporter::packProgress, &srcRef, &dstRef, &status,
-                                    nullptr) == 1;
+                                    Reporter::packProgress, &srcRef, &dstRef, &status, reporter);
   };
   return packing.run(progress, renumberOpenFile, [&] {
     throwError(

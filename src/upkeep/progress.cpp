@@ -6,23 +6,6 @@
 #include "platform/host/thread_cancelled.h"
 
 namespace qvdbase::upkeep {
-namespace {
-
-// The one that the C functions report to. A progress function may itself run an operation on
-// other files; its reporter is the listener for that long.
-Reporter* listener = nullptr;
-
-}  // namespace
-
-Reporter::~Reporter() {
-  if (isListening_) listener = before_;
-}
-
-void Reporter::listen() {
-  before_ = listener;
-  listener = this;
-  isListening_ = true;
-}
 
 bool Reporter::report(int percent) {
   if (stops_) return false;
@@ -44,12 +27,12 @@ bool Reporter::wantsToStop() const {
   return stops_;
 }
 
-uint16_t Reporter::packProgress(int, int percent, void*) {
-  return listener->report(percent) ? 1 : 0;
+uint16_t Reporter::packProgress(int, int percent, void* reporter) {
+  return static_cast<Reporter*>(reporter)->report(percent) ? 1 : 0;
 }
 
 uint16_t Reporter::repairProgress(int percent, int, void* reporter) {
-  return static_cast<Reporter*>(reporter)->report(percent) ? 1 : 0;
+  return packProgress(0, percent, reporter);
 }
 
 }  // namespace qvdbase::upkeep

@@ -12,7 +12,6 @@ namespace qvdbase::upkeep {
 class Reporter {
  public:
   explicit Reporter(const qvdb::ProgressFunction& function) : function_(function) {}
-  ~Reporter();
   Reporter(const Reporter&) = delete;
   Reporter& operator=(const Reporter&) = delete;
 
@@ -23,19 +22,13 @@ class Reporter {
   // Rethrows what the function threw; otherwise returns whether it asked to stop.
   bool wantsToStop() const;
 
-  // The progress functions to hand to the C functions. Repair passes the reporter as its argument.
-  // Packs call with the percent second, and the first of them without any argument that could lead
-  // here: they find the reporter that was made last, which is why there is one at a time.
-  static uint16_t packProgress(int userData, int percent, void* unused);
+  // The progress functions to hand to the C functions, with the reporter as their argument. Packs
+  // call with the percent second.
+  static uint16_t packProgress(int userData, int percent, void* reporter);
   static uint16_t repairProgress(int percent, int userData, void* reporter);
-
-  // Makes this the reporter that the packs find.
-  void listen();
 
  private:
   const qvdb::ProgressFunction& function_;
-  Reporter* before_ = nullptr;
-  bool isListening_ = false;
   int highest_ = -1;
   bool stops_ = false;
   std::exception_ptr exception_;
