@@ -113,7 +113,6 @@ class LinkRepair {
     if (forwardComplete && backwardComplete) return true;
     if (forward_.empty() && backward_.empty()) return false;
     merge();
-    relink();
     return writeBack();
   }
 
@@ -157,8 +156,7 @@ class LinkRepair {
   int percentVisited() const {
     if (total_ == 0) return 1;
     const double percent = visited_ * 97.0 / static_cast<double>(total_) + 1.0;
-    return percent < std::numeric_limits<int>::max() ? static_cast<int>(percent)
-                                                     : std::numeric_limits<int>::max();
+    return static_cast<int>(std::min(percent, double{std::numeric_limits<int>::max()}));
   }
 
   void merge() {
@@ -174,40 +172,32 @@ class LinkRepair {
     }
   }
 
-  void relink() {
-    for (QVNode* node = merged_.first(); node != nullptr; node = node->next) {
-      recordPartP1Class& entry = VisitedRecords::entryOf(node);
-      entry.prevRecordPos = 0;
-      entry.nextRecordPos = 0;
-      if (node->prev == nullptr) continue;
-      recordPartP1Class& previous = VisitedRecords::entryOf(node->prev);
-      entry.prevRecordPos = previous.recordPos;
-      previous.nextRecordPos = entry.recordPos;
-    }
-  }
-
   // The links first, then the slot, if it changes.
   bool writeBack() {
     if (merged_.empty()) return true;
     *result_ = kRepaired;
-    bool slotChanges = false;
-    for (QVNode* node = merged_.first(); node != nullptr; node = node->next) {
-      const recordPartP1Class& entry = VisitedRecords::entryOf(node);
-      // The slot's 64-bit fields are aligned to 4 bytes: no pointers to them.
-      if (node->prev == nullptr) {
-        slotChanges = slotChanges || slot_.firstRecordPos != entry.recordPos;
-        slot_.firstRecordPos = entry.recordPos;
-      }
-      if (node->next == nullptr) {
-        slotChanges = slotChanges || slot_.lastRecordPos != entry.recordPos;
-        slot_.lastRecordPos = entry.recordPos;
-      }
+    const auto positionOf = [](QVNode* node) {
+      return node == nullptr ? 0 : VisitedRecords::entryOf(node).recordPos;
+    };
+    QVNode* const first = merged_.first();
+    QVNode* last = first;
+    for (QVNode* node = first; node != nullptr; node = node->next) {
+      recordPartP1Class& entry = VisitedRecords::entryOf(node);
+      entry.prevRecordPos = positionOf(node->prev);
+      entry.nextRecordPos = positionOf(node->next);
       if (FixOneDataLinkInfo(db_, &entry) != 1) return false;
+      last = node;
     }
-    const auto count = static_cast<uint32_t>(merged_.size());
-    slotChanges = slotChanges || slot_.recordCount != count;
+    return writeSlot(positionOf(first), positionOf(last), static_cast<uint32_t>(merged_.size()));
+  }
+
+  bool writeSlot(int64_t first, int64_t last, uint32_t count) {
+    const bool isSame =
+        slot_.firstRecordPos == first && slot_.lastRecordPos == last && slot_.recordCount == count;
+    slot_.firstRecordPos = first;
+    slot_.lastRecordPos = last;
     slot_.recordCount = count;
-    return !slotChanges || rewriteSlot(db_, slotPos_, slot_);
+    return isSame || rewriteSlot(db_, slotPos_, slot_);
   }
 
   // Through SavedCallBack, so that the function may move the file's position. False when it asks to
