@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <exception>
 
 using namespace qvdbase::maintenance;
 
@@ -36,34 +35,24 @@ bool IdPairs::grow(uint64_t needed) {
   return true;
 }
 
-const UUIDMapping* IdPairs::pairs() const {
-  return reinterpret_cast<const UUIDMapping*>(array_.data());
-}
-
-bool IdPairs::buildIndex() {
-  try {
-    newOfOld_.reserve(static_cast<size_t>(searched()));
-    for (uint64_t i = 0; i < searched(); ++i) {
-      newOfOld_.try_emplace(pairs()[i].oldID, pairs()[i].newID);  // the first one stays
-    }
-  } catch (const std::exception&) {
-    return false;  // no memory
+void IdPairs::buildIndex() {
+  if (indexed_) return;
+  // What was counted without being written matches nothing.
+  const uint64_t searched = std::min(count_, written_);
+  const auto* pairs = reinterpret_cast<const UUIDMapping*>(array_.data());
+  newOfOld_.reserve(static_cast<size_t>(searched));
+  for (uint64_t i = 0; i < searched; ++i) {
+    newOfOld_.try_emplace(pairs[i].oldID, pairs[i].newID);  // the first one stays
   }
-  return true;
-}
-
-const uint64_t* IdPairs::find(uint64_t oldID) const {
-  const auto found = newOfOld_.find(oldID);
-  return found == newOfOld_.end() ? nullptr : &found->second;
+  indexed_ = true;
 }
 
 bool IdPairs::convert(qvrzOneCategoryRecord* record) {
-  if (!indexed_ && !buildIndex()) return false;
-  indexed_ = true;
+  buildIndex();
   for (int32_t i = 0; i < record->secondIDCount; ++i) {
-    const uint64_t* newID = find(record->secondIDs[i]);
-    if (newID == nullptr) return false;
-    record->secondIDs[i] = *newID;
+    const auto found = newOfOld_.find(record->secondIDs[i]);
+    if (found == newOfOld_.end()) return false;
+    record->secondIDs[i] = found->second;
   }
   return true;
 }

@@ -35,15 +35,12 @@ class IdPairs {
 
   // Replaces each entry of secondIDs, as InternalConvertOldCategoryID2New does with the counted
   // pairs. Fails at the first entry that is not among them. No more pairs may be written then.
+  // Memory that runs out leaves as an exception.
   [[nodiscard]] bool convert(qvrzOneCategoryRecord* record);
 
  private:
-  const UUIDMapping* pairs() const;
-  // What was counted without being written matches nothing.
-  uint64_t searched() const { return count_ < written_ ? count_ : written_; }
   bool grow(uint64_t needed);
-  bool buildIndex();
-  const uint64_t* find(uint64_t oldID) const;
+  void buildIndex();
 
   platform::Buffer array_;
   bool exist_ = false;

@@ -15,8 +15,8 @@ namespace qvdbase::maintenance {
 
 class RecordIndex {
  public:
-  // Walks the table's chain. False when there is no such table or memory runs out. The position is
-  // not restored.
+  // Walks the table's chain. False when there is no such table. Memory that runs out leaves as an
+  // exception. The position is not restored.
   [[nodiscard]] bool build(int16_t db, uint64_t table);
 
   const engine::FoundTable& table() const { return table_; }
@@ -31,8 +31,6 @@ class RecordIndex {
   }
 
  private:
-  void walk(int16_t db);
-
   engine::FoundTable table_{};
   std::unordered_map<uint64_t, int64_t, support::SeededHash> positions_;
 };
