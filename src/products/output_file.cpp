@@ -13,19 +13,12 @@ namespace {
 
 constexpr const char* kOperation = "write the file";
 
-products::TargetRules rulesOf(const OutputOptions& options) {
+products::TargetRules rulesOf(const OutputOptions& options, platform::Waits waits) {
   return {
       .existing = options.overwrite ? products::Existing::isReplaced : products::Existing::isKept,
       .createFolders = options.create_folders,
       .mayBeReadOnly = true,
-      .waits = options.sync ? platform::Waits::forName : platform::Waits::no};
-}
-
-// Names are the folder's, for which its opener waits once.
-products::TargetRules entryRulesOf(const OutputOptions& options) {
-  products::TargetRules rules = rulesOf(options);
-  if (options.sync) rules.waits = platform::Waits::forContents;
-  return rules;
+      .waits = options.sync ? waits : platform::Waits::no};
 }
 
 }  // namespace
@@ -33,10 +26,11 @@ products::TargetRules entryRulesOf(const OutputOptions& options) {
 class OutputFile::State {
  public:
   State(const std::filesystem::path& path, const OutputOptions& options)
-      : target_(path, kOperation, rulesOf(options)) {}
+      : target_(path, kOperation, rulesOf(options, platform::Waits::forName)) {}
+  // Names are the folder's, for which its opener waits once.
   State(int folder, const std::string& name, const std::filesystem::path& path,
         const OutputOptions& options)
-      : target_(folder, name, path, kOperation, entryRulesOf(options)) {}
+      : target_(folder, name, path, kOperation, rulesOf(options, platform::Waits::forContents)) {}
 
   products::TargetFile& target() { return target_; }
 

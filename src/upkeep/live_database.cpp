@@ -6,6 +6,7 @@
 #include "format/Aliment8.h"
 #include "format/block_heads.h"
 #include "recovery/survey/survey.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdbase::format;
 
@@ -28,6 +29,11 @@ bool LiveReader::holds(int64_t position, uint64_t size) const {
          size <= static_cast<uint64_t>(source_.size() - position);
 }
 
+const uint8_t* LiveReader::headAt(int64_t position, int64_t size) {
+  const auto count = static_cast<uint64_t>(size);
+  return holds(position, count) ? window_.at(position, count) : nullptr;
+}
+
 bool LiveReader::read(LiveDatabase* database, const std::function<void()>& step) {
   if (!readDirectory(database)) return false;
   for (LiveTable& table : database->tables) {
@@ -43,24 +49,23 @@ bool LiveReader::readDirectory(LiveDatabase* database) {
   const auto number = [&](int64_t offset) {
     return loadBigEndian<uint16_t>(database->header.data() + offset);
   };
-  database->tableCount = static_cast<int16_t>(number(kTableCountPos));
+  const auto tableCount = static_cast<int16_t>(number(kTableCountPos));
   database->slotCount = static_cast<int16_t>(number(kSlotCountPos));
-  database->slotSize = number(kSlotSizePos);
-  if (database->slotSize != kSlotImageSize || database->tableCount < 0 ||
-      database->tableCount > database->slotCount) {
+  if (number(kSlotSizePos) != kSlotImageSize || tableCount < 0 ||
+      tableCount > database->slotCount) {
     return fail(LiveDamage::directory, "the numbers of its directory are damaged");
   }
   blocksStart_ = database->blocksStart();
   if (blocksStart_ > source_.size()) {
     return fail(LiveDamage::directory, "the file is cut off in its directory");
   }
-  for (int16_t i = 0; i < database->tableCount; ++i) {
+  for (int16_t i = 0; i < tableCount; ++i) {
     const uint8_t* image = window_.at(slotPosition(i), kSlotImageSize);
     LiveTable table;
     if (image != nullptr) decodeSlot(image, &table.slot);
     if (!slotHoldsTable(table.slot)) {
       return fail(LiveDamage::directory,
-                  "entry " + std::to_string(i + 1) + " of its table directory is damaged");
+                  survey::joined("entry ", i + 1, " of its table directory is damaged"));
     }
     for (const auto& [slot, position] : dataPositions_) {
       if (slot != i) continue;
@@ -79,20 +84,16 @@ bool LiveReader::readChain(LiveTable* table, const std::function<void()>& step) 
   int64_t previous = 0;
   const auto damaged = [&](const char* how) {
     recordNumber_ = table->records.size() + 1;
-    return fail(LiveDamage::chain, "record " + std::to_string(recordNumber_) + " of table '" +
-                                       table->name + "' " + how);
+    return fail(LiveDamage::chain,
+                survey::joined("record ", recordNumber_, " of table '", table->name, "' ", how));
   };
   for (uint32_t i = 0; i < slot.recordCount; ++i) {
     step();
     if (position == 0) return damaged("is missing: the chain ends before it");
-    const uint8_t* bytes =
-        holds(position, record::kData) ? window_.at(position, record::kData) : nullptr;
+    const uint8_t* bytes = headAt(position, record::kData);
     if (bytes == nullptr) return damaged("cannot be read");
+    if (!isRecordOf(bytes, slot.tableID)) return damaged("is not where its chain leads");
     const recordPart1 head = decodeRecordHead(bytes);
-    if (head.blockMark != kRecordMark || head.headerSize != kRecordHeaderSize ||
-        std::memcmp(head.tableID, slot.tableID, kIdentifierSize) != 0) {
-      return damaged("is not where its chain leads");
-    }
     if (head.prevRecordPos != previous) return damaged("does not point back to the one before it");
     if (head.dataLength > head.dataCapacity) return damaged("claims more bytes than its capacity");
     if (!holds(position, uint64_t{head.dataCapacity} + kRecordBlockOverhead)) {
@@ -121,8 +122,7 @@ bool LiveReader::readData(const LiveTable& table) {
   const auto damaged = [&] {
     return fail(LiveDamage::data, "the data of table '" + table.name + "' is damaged");
   };
-  const uint8_t* bytes =
-      holds(position, tabledata::kData) ? window_.at(position, tabledata::kData) : nullptr;
+  const uint8_t* bytes = headAt(position, tabledata::kData);
   if (bytes == nullptr) return damaged();
   const TableDataHead head = decodeTableDataHead(bytes);
   const bool isSound = head.blockMark == kTableDataMark &&

@@ -29,9 +29,7 @@ struct LiveTable {
 
 struct LiveDatabase {
   copy::Header header{};
-  int16_t tableCount = 0;
   int16_t slotCount = 0;
-  uint16_t slotSize = 0;
   std::vector<LiveTable> tables;
 
   int64_t blocksStart() const { return format::directoryEnd(slotCount); }
@@ -66,6 +64,8 @@ class LiveReader {
   bool readChain(LiveTable* table, const std::function<void()>& step);
   bool readData(const LiveTable& table);
   bool holds(int64_t position, uint64_t size) const;
+  // The head of a block, or null.
+  const uint8_t* headAt(int64_t position, int64_t size);
 
   const survey::ByteSource& source_;
   survey::Window window_;

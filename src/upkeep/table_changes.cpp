@@ -8,6 +8,7 @@
 
 #include "failure/failure.h"
 #include "format/block_heads.h"
+#include "recovery/survey/words.h"
 
 using namespace qvdb;
 using namespace qvdbase::format;
@@ -32,7 +33,6 @@ class Changes {
     for (auto index = dropped.rbegin(); index != dropped.rend(); ++index) {
       database_.tables.erase(database_.tables.begin() + static_cast<std::ptrdiff_t>(*index));
     }
-    database_.tableCount = static_cast<int16_t>(database_.tables.size());
     storeBigEndian(database_.header.data() + kTableCountPos,
                    static_cast<uint16_t>(database_.tables.size()));
   }
@@ -46,11 +46,11 @@ class Changes {
     const auto found = std::find_if(database_.tables.begin(), database_.tables.end(),
                                     [&](const LiveTable& table) { return table.name == name; });
     if (found == database_.tables.end()) {
-      fail(Reason::table_missing, "there is no table '" + name + "'");
+      fail(Reason::table_missing, survey::joined("there is no table '", name, "'"));
     }
     const auto index = static_cast<size_t>(found - database_.tables.begin());
     if (!named_.insert(index).second) {
-      fail(Reason::bad_argument, "the table '" + name + "' is named twice");
+      fail(Reason::bad_argument, survey::joined("the table '", name, "' is named twice"));
     }
     return index;
   }
@@ -70,7 +70,7 @@ class Changes {
       fail(Reason::bad_name, "a table's name has 1 to 32 bytes, none of them zero");
     }
     if (name.size() > kTableNameSize) {
-      fail(Reason::name_too_long, "the name '" + name + "' has more than 32 bytes");
+      fail(Reason::name_too_long, survey::joined("the name '", name, "' has more than 32 bytes"));
     }
     // Clears what the old name leaves after a shorter one.
     std::memset(table->slot.tableName, 0, kTableNameSize);
@@ -84,7 +84,7 @@ class Changes {
       for (size_t i = 0; i < database_.tables.size(); ++i) {
         if (i == each.first || dropped.contains(i)) continue;
         if (database_.tables[i].name != each.second) continue;
-        fail(Reason::table_exists, "there would be two tables '" + each.second + "'");
+        fail(Reason::table_exists, survey::joined("there would be two tables '", each.second, "'"));
       }
     }
   }

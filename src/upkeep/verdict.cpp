@@ -40,27 +40,12 @@ Copied copiedBlocks(const Survey& survey) {
   return copied;
 }
 
-// Errors of the slots whose data a pack has moved: the data is found anyway.
-class Errors {
- public:
-  Errors(const Survey& survey, Verdict* verdict) : survey_(survey), verdict_(*verdict) {}
-
-  void note(const qvdb::Finding& finding) {
-    if (finding.severity != qvdb::Severity::error || isOfPackedData(finding)) return;
-    verdict_.errors += 1 + finding.more;
-    if (verdict_.firstError.empty()) verdict_.firstError = check::inSentence(finding);
-  }
-
- private:
-  bool isOfPackedData(const qvdb::Finding& finding) const {
-    if (finding.code != "T1" && finding.code != "T2" && finding.code != "T3") return false;
-    const Table* table = survey_.tableOfSlot(finding.slot);
-    return table != nullptr && packedData(survey_, *table) != kNoBlock;
-  }
-
-  const Survey& survey_;
-  Verdict& verdict_;
-};
+// Of a slot whose data a pack has moved: the data is found anyway.
+bool isOfPackedData(const Survey& survey, const qvdb::Finding& finding) {
+  if (finding.code != "T1" && finding.code != "T2" && finding.code != "T3") return false;
+  const Table* table = survey.tableOfSlot(finding.slot);
+  return table != nullptr && packedData(survey, *table) != kNoBlock;
+}
 
 void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
   const salvage::Plan plan = salvage::makePlan(survey, {});
@@ -75,8 +60,7 @@ void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
     ++verdict->records;
     if (block.label != Label::unlinked && block.label != Label::unfinishedRelocation) continue;
     if (verdict->cutOff++ == 0) {
-      verdict->firstCutOff =
-          shownId(block.recordID) + " at offset " + std::to_string(block.position);
+      verdict->firstCutOff = joined(shownId(block.recordID), " at offset ", block.position);
     }
   }
   for (const auto& leftover : survey.leftovers) {
@@ -89,11 +73,11 @@ void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
 std::string Verdict::why() const {
   std::string text;
   const auto add = [&](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
-  if (errors > 0) add("it has " + counted(errors, "error") + " (" + firstError + ")");
+  if (errors > 0) add(joined("it has ", counted(errors, "error"), " (", firstError, ")"));
   if (records > 0) add(counted(records, "record") + " would be lost");
   if (cutOff > 0) {
-    add(counted(cutOff, "of them is from a write", "of them are from writes") +
-        " that was cut off (" + firstCutOff + ")");
+    add(joined(counted(cutOff, "of them is from a write", "of them are from writes"),
+               " that was cut off (", firstCutOff, ")"));
   }
   if (dataBlocks > 0) {
     add(counted(dataBlocks, "block of table data", "blocks of table data") + " would be lost");
@@ -104,9 +88,12 @@ std::string Verdict::why() const {
 
 Verdict judgeCopy(const ByteSource& source, const Survey& survey) {
   Verdict verdict;
-  Errors errors(survey, &verdict);
-  static_cast<void>(check::checkSurvey(
-      source, survey, [&](const qvdb::Finding& finding) { errors.note(finding); }));
+  const auto note = [&](const qvdb::Finding& finding) {
+    if (finding.severity != qvdb::Severity::error || isOfPackedData(survey, finding)) return;
+    verdict.errors += 1 + finding.more;
+    if (verdict.firstError.empty()) verdict.firstError = check::inSentence(finding);
+  };
+  static_cast<void>(check::checkSurvey(source, survey, note));
   const Copied copied = copiedBlocks(survey);
   countLosses(survey, copied, &verdict);
   verdict.grows = copied.size > survey.size;
