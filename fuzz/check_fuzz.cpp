@@ -1,6 +1,6 @@
-// Fuzz target: checks the input as a database file, and holds the library to what the check
-// foretells; then salvages it, with the databases that are stored in it, and reads all that was
-// saved.
+// Fuzz target: checks the input as a database file, and compares the library's calls with what the
+// check predicts; then salvages it, with the databases that are stored in it, and reads all that
+// was saved.
 //
 // The check says of each table which calls will fail, whether a pack will succeed and what link
 // repair will report. Each of these calls is made, on a copy. What salvage writes must be sound.
@@ -42,10 +42,10 @@ void requireWholeAccount(const qvdb::CheckReport& report, size_t size) {
   require(report.file_size == size && sum == size, "every byte is accounted for, once");
 }
 
-void requireOutlook(const qvdb::TableOutlook& told, const std::filesystem::path& path,
+void requireOutlook(const qvdb::TableOutlook& predicted, const std::filesystem::path& path,
                     const uint8_t* data, size_t size) {
-  if (!told.reachable) return;
-  const uint64_t table = told.id.value;
+  if (!predicted.reachable) return;
+  const uint64_t table = predicted.id.value;
   const std::vector<QVWCHAR> wide = widePath(path);
   int16_t db = OpenDBaseW(wide.data(), 1);
   uint32_t count = 0;
@@ -53,39 +53,39 @@ void requireOutlook(const qvdb::TableOutlook& told, const std::filesystem::path&
   if (count <= kLongestList) {
     std::vector<uint64_t> list(std::max(count, 1u));
     uint32_t stored = 0;
-    require((GetRecordUuIDList(db, table, list.data(), &stored) == 1) == told.list,
-            "listing fares as the check foretells");
+    require((GetRecordUuIDList(db, table, list.data(), &stored) == 1) == predicted.list,
+            "listing ends as the check predicts");
   }
   uint32_t dataSize = 0;
   if (GetTableDataSize(db, table, &dataSize) == 1 && dataSize > 0 && dataSize <= kLongestList) {
     std::vector<uint8_t> buffer(dataSize);
-    require((GetTableData(db, table, buffer.data()) == 1) == told.get_data,
-            "reading table data fares as the check foretells");
+    require((GetTableData(db, table, buffer.data()) == 1) == predicted.get_data,
+            "reading table data ends as the check predicts");
   }
   CloseDBase(db);
 
   const uint8_t payload[] = {1, 2, 3};
   uint64_t record = 0;
   db = OpenDBaseW(wide.data(), 3);
-  require((AddRecordData(db, table, payload, 3, 0, &record) == 1) == told.append,
-          "appending fares as the check foretells");
+  require((AddRecordData(db, table, payload, 3, 0, &record) == 1) == predicted.append,
+          "appending ends as the check predicts");
   CloseDBase(db);
   writeBytes(path, data, size);
   db = OpenDBaseW(wide.data(), 3);
-  require((SetTableData(db, table, payload, 3, 0) == 1) == told.set_data,
-          "setting table data fares as the check foretells");
+  require((SetTableData(db, table, payload, 3, 0) == 1) == predicted.set_data,
+          "setting table data ends as the check predicts");
   CloseDBase(db);
   writeBytes(path, data, size);
 }
 
-void requireForetold(const qvdb::CheckReport& report, const std::filesystem::path& path,
-                     const uint8_t* data, size_t size) {
+void requirePredicted(const qvdb::CheckReport& report, const std::filesystem::path& path,
+                      const uint8_t* data, size_t size) {
   for (const qvdb::TableOutlook& each : report.tables) requireOutlook(each, path, data, size);
   const std::vector<QVWCHAR> wide = widePath(path);
   const std::vector<QVWCHAR> packed = widePath(scratchPath("packed.qvd"));
   uint64_t counted = 0;
   for (const qvdb::TableOutlook& each : report.tables) counted += each.counted;
-  // A pack copies as many records as are counted, also round and round a chain that loops, each
+  // A pack copies as many records as are counted, along a chain that loops several times over, each
   // with the capacity that it claims.
   if (counted <= kMostPacked) {
     bool packs = false;
@@ -96,12 +96,12 @@ void requireForetold(const qvdb::CheckReport& report, const std::filesystem::pat
   const qvdb::RepairPreview preview = qvdb::predict_repair(path);
   int result = 77;
   FixOneDBLinkErrorW(wide.data(), nullptr, 0, nullptr, &result);
-  require(result == report.repair, "repair reports what the check foretells");
+  require(result == report.repair, "repair reports what the check predicts");
   require(result == preview.result, "repair reports what its preview says");
 }
 
-// Of a directory that is laid out in another way than every other, the check foretells nothing but
-// failure, though some calls may go well.
+// Of a directory with an unusual layout the check predicts nothing but failure, though some calls
+// may succeed.
 bool hasUsualLayout(const uint8_t* data, size_t size) {
   static constexpr uint8_t kSizes[] = {0, 32, 0, 144};
   return size >= 22 && std::equal(kSizes, kSizes + 4, data + 18);
@@ -160,7 +160,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(report.errors == again.errors && report.warnings == again.warnings,
           "a file and the same bytes in memory give the same findings");
   requireWholeAccount(report, size);
-  if (hasUsualLayout(data, size)) requireForetold(report, path, data, size);
+  if (hasUsualLayout(data, size)) requirePredicted(report, path, data, size);
   salvage(data, size);
   return 0;
 }

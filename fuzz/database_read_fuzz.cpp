@@ -18,7 +18,7 @@ namespace {
 
 using namespace qvdbase::fuzz;
 
-// Lists longer than this are not asked for: the caller provides the room.
+// Lists longer than this are not asked for: the caller provides the memory.
 constexpr uint32_t kLongestList = 100'000;
 constexpr int64_t kPosition = 77;
 
@@ -31,9 +31,9 @@ void requireAnswer(int16_t db, int result) {
 
 void readTableData(int16_t db, uint64_t table) {
   uint32_t size = 0;
-  const int told = GetTableDataSize(db, table, &size);
-  requireAnswer(db, told);
-  if (told == 0 || size > kLongestList) return;
+  const int answer = GetTableDataSize(db, table, &size);
+  requireAnswer(db, answer);
+  if (answer == 0 || size > kLongestList) return;
   const std::unique_ptr<uint8_t[]> buffer(new uint8_t[size]);  // to the byte
   requireAnswer(db, GetTableData(db, table, buffer.get()));
 }
@@ -50,7 +50,7 @@ void readRecords(int16_t db, uint64_t table) {
     oneRecordInfoP1 info = {};
     const int found = GetOneRecordInfo(db, table, list[i], &info, nullptr);
     requireAnswer(db, found);
-    require(found == 0 || info.recordID == list[i], "the record asked for is told");
+    require(found == 0 || info.recordID == list[i], "the record asked for is reported");
   }
 }
 

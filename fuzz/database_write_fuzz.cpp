@@ -57,7 +57,8 @@ class Maintenance {
   void repair(QVProgressFunction progress) {
     int result = 77;
     if (FixOneDBLinkErrorW(source_.data(), progress, 0, nullptr, &result) == 1) {
-      require(result == 0 || result == 1 || result == 2 || result == 10, "repair tells its result");
+      require(result == 0 || result == 1 || result == 2 || result == 10,
+              "repair reports its result");
     }
   }
 
@@ -98,7 +99,7 @@ void change(int16_t db, const TableNumbers& at, int choice) {
   require(result == 0 || result == 1, "the answer is 0 or 1");
   int64_t position = -1;
   QVFile().QVGetFilePos(db, &position);
-  const bool inPlace = (index == 5 || index == 8) && result == 1;  // leaves the position behind
+  const bool inPlace = (index == 5 || index == 8) && result == 1;  // the position is not restored
   const bool untouched = index == 4 && result == 0;  // an unreadable directory does, too
   require(position == kPosition || inPlace || untouched, "the position is kept");
 }

@@ -1,8 +1,8 @@
 // Fuzz target: formatted output with any format, value, width and precision, and the number
-// conversions behind it with any argument.
+// conversions after it with any argument.
 //
 // The input is a format of 16-bit characters, a zero, and the bytes that the arguments are taken
-// from. The format is cut behind each directive, and every piece is written on its own, because
+// from. The format is cut after each directive, and every piece is written on its own, because
 // the arguments of a call are fixed when it is compiled. Each buffer is exactly as large as the
 // header asks for, so that one character too many is seen by the address sanitizer.
 #include <qvdbase/QVWString.h>
@@ -71,9 +71,9 @@ class Input {
   size_t size_;
 };
 
-// The first directive of a format, as far as the room and the arguments depend on it.
+// The first directive of a format, as far as the memory and the arguments depend on it.
 struct Directive {
-  size_t end = 0;  // behind it
+  size_t end = 0;  // after it
   bool widthArgument = false;
   bool precisionArgument = false;
   int64_t width = 0;

@@ -36,7 +36,7 @@ inline void require(bool condition, const char* what) {
 // Counts what the library asks of the host, for as long as it lives.
 class WorkLimits {
  public:
-  // Whoever packs a record makes the room that it claims, up to 4 GB for each: with `diskFills` the
+  // Packing a record takes the space that it claims, up to 4 GB for each: with `diskFills` the
   // host has no more space beyond the limit, where a write is otherwise a finding.
   explicit WorkLimits(size_t inputSize, bool diskFills = false) {
     diskFills_ = diskFills;
@@ -73,7 +73,7 @@ class WorkLimits {
     written_ = reads_ = writes_ = 0;
     platform::replaceSystemCalls(&calls_);
   }
-  // A write that fails leaves the chunk behind that fills room, as it is documented to.
+  // A write of fill that fails does not release its chunk, as documented.
   ~WorkLimits() {
     platform::replaceSystemCalls(nullptr);
     for (void* chunk : fillChunks_) platform::hostSystemCalls().release(chunk);
@@ -155,7 +155,7 @@ inline std::vector<uint8_t> readBytes(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// The identifiers of a table and of the block that its chain begins with, or whatever stands there.
+// The identifiers of a table and of the block that its chain begins with, or whatever is there.
 // They are read without the library, so that no damage keeps operations from being tried.
 struct TableNumbers {
   uint64_t table = 0;

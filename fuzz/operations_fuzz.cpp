@@ -17,7 +17,7 @@ namespace {
 using namespace qvdbase::fuzz;
 using Payload = std::vector<uint8_t>;
 
-// The input, byte by byte; zeros behind its end.
+// The input, byte by byte; zeros after its end.
 class Script {
  public:
   Script(const uint8_t* data, size_t size) : data_(data), size_(size) {}
@@ -148,7 +148,7 @@ class Comparison {
             "table data is set");
   }
 
-  // ---- everything, as the library tells it
+  // ---- everything, as the library reports it
 
   void compareAll(int16_t db, const std::filesystem::path& path, bool withData) {
     const std::vector<uint8_t> file = readBytes(path);

@@ -30,7 +30,7 @@ void identifiers(std::string_view text) {
   require(qvdb::parse_id(std::to_string(id->value)) == id, "and in decimal");
 }
 
-// Undoes escaped(): what came out must tell what went in.
+// Undoes escaped(): what came out must lead back to what went in.
 std::string unescaped(std::string_view text) {
   std::string bytes;
   for (size_t i = 0; i < text.size(); ++i) {
@@ -55,7 +55,7 @@ void escapes(std::string_view bytes) {
           "escaped text has no control characters");
   size_t pending = 1;
   require(!isBinary(text, &pending) && pending == 0, "escaped text can be shown");
-  require(unescaped(text) == bytes, "escaped text tells the bytes");
+  require(unescaped(text) == bytes, "escaped text leads back to the bytes");
 }
 
 // Text in two pieces is judged as it is in one.

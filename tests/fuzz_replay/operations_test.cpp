@@ -29,7 +29,7 @@ TEST(OperationsFuzzTarget, TakesRandomInputs) {
     for (uint8_t& byte : input) byte = static_cast<uint8_t>(random());
     EXPECT_EQ(operationsFuzzTarget(input.data(), input.size()), 0);
   }
-  tellCount("hostile inputs", static_cast<uint64_t>(inputs));
+  reportCount("hostile inputs", static_cast<uint64_t>(inputs));
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ inline int replay(FuzzTarget target, const char* folder) {
     EXPECT_EQ(target(input.data(), input.size()), 0);
     ++count;
   }
-  tellCount("hostile inputs", static_cast<uint64_t>(count));
+  reportCount("hostile inputs", static_cast<uint64_t>(count));
   return count;
 }
 
@@ -43,7 +43,7 @@ inline void replayCut(FuzzTarget target, const char* folder, size_t step) {
       ++count;
     }
   }
-  tellCount("hostile inputs", count);
+  reportCount("hostile inputs", count);
 }
 
 }  // namespace qvdbase::test

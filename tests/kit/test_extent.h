@@ -15,7 +15,7 @@ inline bool testEverything() {
 }
 
 // One line of what a family has tried, for the log; docs/testing.md says how to add them up.
-inline void tellCount(const std::string& what, uint64_t count) {
+inline void reportCount(const std::string& what, uint64_t count) {
   std::cout << (testEverything() ? "COUNT " : "SAMPLE ") << what << ": " << count << std::endl;
 }
 

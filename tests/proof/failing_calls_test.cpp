@@ -195,8 +195,8 @@ TEST_P(FailingCalls, EndInTheStatedFailureOrInFullSuccess) {
           expectFiles(outcome, whole);
         }
       });
-  tellCount("failing calls, calls of the script", 1);
-  tellCount("failing calls, failures", attempts);
+  reportCount("failing calls, calls of the script", 1);
+  reportCount("failing calls, failures", attempts);
 }
 
 std::string nameOfCall(const testing::TestParamInfo<ScriptedCall>& info) {

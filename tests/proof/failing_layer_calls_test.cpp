@@ -383,8 +383,8 @@ TEST_P(FailingLayerCalls, ThrowOrHaveTheirWholeEffect) {
           expectWholeEffect(outcome, whole, mayKeepBothNames(failure));
         }
       });
-  tellCount("failing calls, operations of the C++ layer", 1);
-  tellCount("failing calls, failures under the C++ layer", attempts);
+  reportCount("failing calls, operations of the C++ layer", 1);
+  reportCount("failing calls, failures under the C++ layer", attempts);
 }
 
 std::string nameOfLayerCall(const testing::TestParamInfo<LayerCall>& call) {

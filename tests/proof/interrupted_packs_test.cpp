@@ -61,7 +61,7 @@ TEST(InterruptedPacks, AreNotTakenForFinishedOnes) {
     }
     EXPECT_TRUE(wasMarked || base.records.empty());
   }
-  tellCount("interrupted packs, files", files);
+  reportCount("interrupted packs, files", files);
 }
 
 }  // namespace

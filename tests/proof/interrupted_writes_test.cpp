@@ -222,9 +222,9 @@ TEST_P(InterruptedWrites, LoseNothingWhereverTheyEnd) {
       if (HasFailure()) return;
     }
   }
-  tellCount("interrupted writes, base states", 1);
-  tellCount("interrupted writes, operations on them", operationsOn(base).size());
-  tellCount("interrupted writes, files", states);
+  reportCount("interrupted writes, base states", 1);
+  reportCount("interrupted writes, operations on them", operationsOn(base).size());
+  reportCount("interrupted writes, files", states);
 }
 
 std::string nameOfState(const testing::TestParamInfo<BaseState>& info) {

@@ -232,7 +232,7 @@ TEST_F(KilledWriter, LosesNothingThatItHasAcknowledged) {
     if (HasFailure()) return;
   }
   EXPECT_GT(inTheMiddle, 0) << "no writer was killed in the middle of a call";
-  tellCount("killed writers", static_cast<uint64_t>(kills));
+  reportCount("killed writers", static_cast<uint64_t>(kills));
 }
 
 }  // namespace

@@ -152,8 +152,8 @@ TEST_P(MendedStates, AreSoundAndLoseNothing) {
       if (HasFailure()) return;
     }
   }
-  tellCount("interrupted writes, mended", mended_);
-  tellCount("interrupted writes, refused by mend", refused_);
+  reportCount("interrupted writes, mended", mended_);
+  reportCount("interrupted writes, refused by mend", refused_);
 }
 
 std::vector<BaseState> soundStates() {

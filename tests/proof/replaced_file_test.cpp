@@ -117,7 +117,7 @@ TEST_F(ReplacedFile, KeepsEveryRecordThatAWriterHasAcknowledged) {
   size_t lost = 0;
   for (uint32_t number = 1; number <= last; ++number) lost += !found.contains(number);
   EXPECT_EQ(lost, 0u) << "of " << last << " acknowledged records";
-  tellCount("a file replaced under a writer, compactions", static_cast<uint64_t>(compactions));
+  reportCount("a file replaced under a writer, compactions", static_cast<uint64_t>(compactions));
 }
 
 }  // namespace

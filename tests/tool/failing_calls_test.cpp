@@ -266,7 +266,7 @@ TEST_P(FailingToolCalls, EndInAMessageOrInFullSuccess) {
           EXPECT_TRUE(sameBytes(is->second, bytes)) << name;
         }
       });
-  tellCount("failing calls, failures under the tool", attempts);
+  reportCount("failing calls, failures under the tool", attempts);
 }
 
 TEST_P(FailingToolCalls, LoseNothingWhenTheirProcessIsKilled) {
@@ -281,7 +281,7 @@ TEST_P(FailingToolCalls, LoseNothingWhenTheirProcessIsKilled) {
     expectWholeProducts(outcome, whole);
     if (HasFailure()) return;
   }
-  tellCount("killed commands of the tool", kills);
+  reportCount("killed commands of the tool", kills);
 }
 
 std::string nameOfToolCall(const testing::TestParamInfo<ToolCall>& info) {

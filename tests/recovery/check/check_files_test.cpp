@@ -228,7 +228,7 @@ TEST_F(CheckFile, NeverReportsDamageBesideARunningWriter) {
     EXPECT_TRUE(writer.isRunning());
   }
   EXPECT_GT(disturbed, 0u) << "no check saw a write";
-  tellCount("checks beside a running writer", checks);
+  reportCount("checks beside a running writer", checks);
 }
 
 // A host on which the file changes while it is read.

@@ -379,7 +379,7 @@ TEST_P(CheckFinds, TheCodeOfEachDamageAndNoFalseOne) {
     }
     EXPECT_EQ(sum(checked.report.space), corrupter.bytes.size());
   }
-  tellCount("damaged files, each named by its code", std::size(kDamages));
+  reportCount("damaged files, each named by its code", std::size(kDamages));
 }
 
 INSTANTIATE_TEST_SUITE_P(InFile, CheckFinds, testing::Range(size_t{0}, size_t{3}));

@@ -115,7 +115,7 @@ TEST_P(CheckOfRandomFiles, FindsNoDamageInThemNorInTheirPacks) {
     compact();
     if (HasFailure()) return;
   }
-  tellCount("sound files of random operations and their packs", files);
+  reportCount("sound files of random operations and their packs", files);
 }
 
 // What that pack makes of a database without tables: slots as they lie in memory.

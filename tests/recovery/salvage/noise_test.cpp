@@ -78,7 +78,7 @@ TEST(SalvageOfNoise, FindsEveryBlockThatTheNoiseDidNotTouch) {
         before, surveyOf(bytes), {static_cast<int64_t>(at), static_cast<int64_t>(at + kNoise)},
         "QVDBASE_TEST_SEED=" + std::to_string(firstSeed()) + ", noise at " + std::to_string(at));
   }
-  tellCount("places of noise", places);
+  reportCount("places of noise", places);
 }
 
 TEST(SalvageOfNoise, FindsEveryBlockWithoutHeaderAndDirectory) {
