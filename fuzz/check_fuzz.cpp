@@ -117,6 +117,12 @@ void dump(const std::filesystem::path& path, const qvdb::SalvageReport& saved) {
       bytes += record.loaded().size();
       ++records;
     }
+    uint64_t back = 0;
+    for (const qvdb::Record& record : table.records({.order = qvdb::Order::newest_first})) {
+      static_cast<void>(record);
+      ++back;
+    }
+    require(back == table.count(), "as many records are reached from the end");
     if (const auto data = table.data()) bytes += data->size();
   }
   require(records == saved.records_written && bytes == saved.payload_bytes,

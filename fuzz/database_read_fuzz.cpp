@@ -86,6 +86,26 @@ void readTable(const qvdb::Table& table) {
   } catch (const qvdb::Error&) {
   }
   try {
+    int count = 0;
+    for (const qvdb::Record& record : table.records(
+             {.order = qvdb::Order::newest_first, .load = qvdb::first_bytes(kLongestList)})) {
+      if (++count > 1000) break;
+      require(record.loaded().size() <= kLongestList, "no more is loaded than was asked for");
+    }
+  } catch (const qvdb::Error&) {
+  }
+  try {
+    if (const auto last = table.last()) {
+      int count = 0;
+      for (const qvdb::Record& record :
+           table.records({.from = last->info().position, .load = qvdb::Load::payloads})) {
+        if (++count > 1000) break;
+        require(record.is_loaded() || record.size() > 1024 * 1024, "what fits is loaded");
+      }
+    }
+  } catch (const qvdb::Error&) {
+  }
+  try {
     table.index();
   } catch (const qvdb::Error&) {
   }

@@ -78,6 +78,41 @@ void readEverything(const Path& folder) {
   }
 }
 
+void require(bool isRight, const char* what) {
+  if (!isRight) throw std::logic_error(what);
+}
+
+void readBackward(const Path& folder) {
+  const Database database = Database::open(folder / "source.qvd", Mode::read_only);
+  for (const Table& table : database.tables()) {
+    std::vector<Id> ids;
+    for (const qvdb::Record& record : table.records()) ids.push_back(record.id());
+    const auto first = table.first();
+    const auto last = table.last();
+    require(first.has_value() != ids.empty() && last.has_value() != ids.empty(), "no ends");
+    if (ids.empty()) continue;
+    require(first->id() == ids.front() && last->id() == ids.back(), "other ends");
+    for (const qvdb::Record& record :
+         table.records({.order = qvdb::Order::newest_first, .load = qvdb::first_bytes(8)})) {
+      require(!ids.empty() && record.id() == ids.back(), "another order");
+      ids.pop_back();
+    }
+    require(ids.empty(), "not all records");
+    size_t after = 0;
+    for (const qvdb::Record& record : table.records_after(*first)) after += record.id() != Id{};
+    require(after + 1 == table.count(), "not all records after the first");
+  }
+}
+
+void openAgain(const Path& folder) {
+  Database database = Database::open(folder / "source.qvd", Mode::exclusive);
+  Table notes = database.table("notes");
+  const auto last = notes.last();
+  require(database.is_current(), "the name has not changed");
+  database.reopen();
+  require(notes.find(last->id()).has_value(), "the record is there");
+}
+
 void undeleteMiddle(const Path& folder) {
   const Path source = folder / "source.qvd";
   const auto versions = qvdb::history(source, "notes", kMiddle);
@@ -93,6 +128,8 @@ void changeByIndex(Table& notes) {
 std::vector<LayerCall> readingCalls() {
   return {
       {"Read", readEverything},
+      {"ReadBackward", readBackward},
+      {"OpenAgain", openAgain},
       {"Check", [](const Path& folder) { qvdb::check(folder / "source.qvd", {}, {.retries = 0}); }},
       {"OpenChecked", [](const Path& folder) { qvdb::open_checked(folder / "source.qvd"); }},
       {"PredictRepair", [](const Path& folder) { qvdb::predict_repair(folder / "source.qvd"); }},
