@@ -42,7 +42,8 @@ struct OpenOptions {
   // Whether the ends of every table's chain are looked at, as open_checked() does.
   bool check = false;
 
-  // How long opening is tried again while the database is in use; nothing else is waited for.
+  // How long opening is tried again while the database is in use; nothing else is waited for. The
+  // error that ends it names the process that has it open, where the system reports that.
   std::chrono::milliseconds wait{0};
 };
 
