@@ -94,10 +94,11 @@ class FilePiece {
     const int64_t position = chain.nextPosition();
     const unsigned char* head = at(position, qvdbase::format::record::kData);
     if (head == nullptr) return false;
-    const uint32_t loaded = loading.of(
-        qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataLength));
     const unsigned char* bytes = nullptr;
+    uint32_t loaded = 0;
     if (!loading.isNone()) {
+      loaded = loading.of(
+          qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataLength));
       bytes = at(position + qvdbase::format::record::kData, loaded);
       if (bytes == nullptr) return false;
     }
