@@ -64,7 +64,7 @@ bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file) {
   int16_t number = 0;
   OpenFile* openFile = lowestFreeNumber(&number);
   if (openFile == nullptr) return false;
-  *openFile = {entry, 0, descriptorOf(*entry), sharing};
+  *openFile = {entry, 0, descriptorOf(*entry), sharing, {}};
   *file = number;
   return true;
 }

@@ -9,11 +9,33 @@
 
 namespace qvdbase::platform {
 
+// The bytes from which the next read through a file number can be served without further
+// questions: the window used last, for the number that used it, while its file has no gathered
+// writes. Outside a scope, and after anything else that could make it wrong, it holds no bytes. It
+// belongs to the call that is at work on the file, and is kept with the number because that is at
+// hand.
+struct ServedWindow {
+  static constexpr uint32_t kSmallRead = 16;
+
+  int64_t start = 0;
+  uint64_t length = 0;
+  uint64_t smallReads = 0;  // from offsets below this one a read of kSmallRead bytes lies inside
+  const uint8_t* bytes = nullptr;
+
+  // Whether it holds `count` bytes from an offset, counted with wrapping from its start. For the
+  // sizes of fields, which are known where this is inlined, that is one comparison.
+  bool holds(uint64_t offset, uint32_t count) const {
+    if (count <= kSmallRead && offset < smallReads) return true;
+    return offset < length && count <= length - offset;
+  }
+};
+
 struct OpenFile {
   FileEntry* entry;  // null while the number is free
   int64_t position;
   int descriptor;
   Sharing sharing;
+  mutable ServedWindow served;
 
   bool isWritable() const { return sharing != Sharing::none; }
 };

@@ -1,12 +1,12 @@
 // What one exported call keeps between its transfers: the window from which it is served, the bytes
-// that it has read ahead, the writes that are still to be sent, and the scopes that are open.
-//
-// It is all in one object, reached by callState() alone, so that each thread can be given one.
+// that it has read ahead, the writes that are still to be sent, and the scopes that are open. Each
+// thread has one such object, reached by callState() alone.
 #pragma once
 
 #include <cstdint>
 
 #include "platform/handles/open_files.h"
+#include "platform/host/threads.h"
 #include "platform/transfer/gathered_writes.h"
 #include "platform/transfer/read_windows.h"
 
@@ -14,28 +14,12 @@ namespace qvdbase::platform {
 
 class TransferScope;
 
-// The bytes from which the next read can be served without further questions: the window used last,
-// for the number that used it, while its file has no gathered writes. Outside a scope, and after
-// anything else that could make it wrong, it holds no bytes.
-struct ServedWindow {
-  static constexpr uint32_t kSmallRead = 16;
-
-  const OpenFile* file = nullptr;
-  int64_t start = 0;
-  uint64_t length = 0;
-  uint64_t smallReads = 0;  // from offsets below this one a read of kSmallRead bytes lies inside
-  const uint8_t* bytes = nullptr;
-
-  // Whether it holds `count` bytes from an offset, counted with wrapping from its start. For the
-  // sizes of fields, which are known where this is inlined, that is one comparison.
-  bool holds(uint64_t offset, uint32_t count) const {
-    if (count <= kSmallRead && offset < smallReads) return true;
-    return offset < length && count <= length - offset;
-  }
-};
-
 struct CallState {
-  ServedWindow served;
+  const OpenFile* served = nullptr;  // whose served window holds bytes
+
+  // False when there is no memory for buffers: then no scope is entered.
+  bool obtainBuffers();
+  void loseBuffers() { hasBuffers_ = false; }
 
   // The innermost scope that is open, and the same again, null while a caller's function runs: the
   // one in which a transfer is made.
@@ -52,7 +36,10 @@ struct CallState {
   // Nothing that was read or asked may be believed any longer.
   void forgetWhatWasRead();
 
-  void serveFromNothing() { served = {}; }
+  void serveFromNothing() {
+    if (served != nullptr) served->served = {};
+    served = nullptr;
+  }
   void serveFrom(const OpenFile& file, const ReadWindow& window);
 
   // The process's limit on the length of files; a write that passes it would raise a signal that
@@ -71,17 +58,20 @@ struct CallState {
  private:
   bool send();
 
+  bool hasBuffers_ = false;
   uint64_t sizeLimit_ = 0;
   bool isSizeLimitKnown_ = false;
 };
 
 namespace detail {
-extern CallState processCallState;
-}
+extern constinit QVDBASE_PER_THREAD CallState* callOfThread;  // null before the thread's first call
+CallState& firstCallOfThread();
+}  // namespace detail
 
-// The state of the call that this process makes: one, as one thread at a time uses the library.
+// The state of the call that this thread makes.
 inline CallState& callState() {
-  return detail::processCallState;
+  CallState* call = detail::callOfThread;
+  return call != nullptr ? *call : detail::firstCallOfThread();
 }
 
 }  // namespace qvdbase::platform

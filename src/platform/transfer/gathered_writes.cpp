@@ -8,7 +8,7 @@ namespace qvdbase::platform {
 // The write in which the host has stopped. What it took of unchanged bytes before it is no part of
 // it.
 RefusedWrite GatheredWrites::stopAt(size_t taken) {
-  const PendingWrite* write = writes_;
+  const PendingWrite* write = buffers_->writes;
   while (write->end <= taken) ++write;
   const size_t written = taken > write->begin ? taken - write->begin : 0;
   file_->position = position_ + static_cast<int64_t>(write->begin + written);
@@ -18,10 +18,11 @@ RefusedWrite GatheredWrites::stopAt(size_t taken) {
 bool GatheredWrites::flush(RefusedWrite* refused) {
   assert(length_ != 0);
   assert(file_->entry == entry_ && "a file was closed before its writes were sent");
-  assert(writes_[writeCount_ - 1].end == length_ && "a run ends with bytes that no call writes");
+  assert(buffers_->writes[writeCount_ - 1].end == length_ &&
+         "a run ends with bytes that no call writes");
   const size_t length = length_;
   length_ = 0;
-  const size_t taken = writePlain(descriptorOf(*entry_), position_, bytes_, length);
+  const size_t taken = writePlain(descriptorOf(*entry_), position_, buffers_->bytes, length);
   if (taken == length) return true;
   *refused = stopAt(taken);
   return false;

@@ -27,6 +27,19 @@ class GatheredWrites {
   static constexpr size_t kMostBytes = size_t{64} << 10;
   static constexpr size_t kMostWrites = 64;  // a new database is 38 writes, a record 12
 
+  struct PendingWrite {
+    size_t begin;  // within the pending bytes
+    size_t end;
+    uint32_t readBefore;
+  };
+
+  // Where they are gathered.
+  struct Buffers {
+    PendingWrite writes[kMostWrites];
+    uint8_t bytes[kMostBytes];
+  };
+  void useBuffers(Buffers* buffers) { buffers_ = buffers; }
+
   // Whether there are pending bytes of this file, in all or in a part of it.
   bool hold(const FileEntry* entry) const { return length_ != 0 && entry_ == entry; }
   bool hold(const FileEntry* entry, int64_t position, size_t count) const {
@@ -43,6 +56,7 @@ class GatheredWrites {
   // Whether a write at the file's position can join the pending bytes: it continues them, or there
   // are none, and it is small.
   bool canTake(const OpenFile& file, size_t count) const {
+    assert(buffers_ != nullptr && "a scope without buffers");
     if (count > kMostBytes / 2) return false;
     return length_ == 0 ||
            (endAt(file) && count <= kMostBytes - length_ && writeCount_ < kMostWrites);
@@ -60,16 +74,17 @@ class GatheredWrites {
       writeCount_ = 0;
     }
     const size_t begin = length_;
-    std::memcpy(bytes_ + begin, buffer, count);
+    std::memcpy(buffers_->bytes + begin, buffer, count);
     length_ += count;
-    writes_[writeCount_++] = {begin, length_, readBefore};
+    buffers_->writes[writeCount_++] = {begin, length_, readBefore};
   }
 
   // Adds bytes that no call writes, between two writes. There are pending bytes before them, and
   // canTake holds for them and the write after them together, which must follow.
   void addUnchanged(const void* bytes, size_t count) {
-    assert(length_ != 0 && length_ == writes_[writeCount_ - 1].end && "no field is before a gap");
-    std::memcpy(bytes_ + length_, bytes, count);
+    assert(length_ != 0 && length_ == buffers_->writes[writeCount_ - 1].end &&
+           "no field is before a gap");
+    std::memcpy(buffers_->bytes + length_, bytes, count);
     length_ += count;
   }
 
@@ -82,15 +97,9 @@ class GatheredWrites {
   const FileEntry* entry() const { return length_ != 0 ? entry_ : nullptr; }
   int64_t position() const { return position_; }
   size_t length() const { return length_; }
-  const uint8_t* bytes() const { return bytes_; }
+  const uint8_t* bytes() const { return buffers_->bytes; }
 
  private:
-  struct PendingWrite {
-    size_t begin;  // within the pending bytes
-    size_t end;
-    uint32_t readBefore;
-  };
-
   int64_t end() const { return position_ + static_cast<int64_t>(length_); }
   RefusedWrite stopAt(size_t taken);
 
@@ -99,8 +108,7 @@ class GatheredWrites {
   int64_t position_ = 0;
   size_t length_ = 0;  // 0 while nothing is pending
   size_t writeCount_ = 0;
-  PendingWrite writes_[kMostWrites] = {};
-  uint8_t bytes_[kMostBytes] = {};
+  Buffers* buffers_ = nullptr;
 };
 
 }  // namespace qvdbase::platform

@@ -78,7 +78,7 @@ ReadWindow& ReadWindows::windowToRefill() {
 // Reads until the window holds the wanted bytes or the file gives no more.
 const ReadWindow* ReadWindows::refill(ReadWindow& window, const FileEntry* file, size_t needed) {
   window.entry = file;
-  window.bytes = bytes_[&window - windows_];
+  window.bytes = buffers_->bytes[&window - windows_];
   window.length = 0;
   while (window.length < needed) {
     const ptrdiff_t got =

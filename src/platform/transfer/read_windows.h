@@ -38,6 +38,14 @@ class ReadWindows {
  public:
   static constexpr size_t kSmallest = size_t{1} << 10;
   static constexpr size_t kLargest = size_t{128} << 10;
+  // A call works on a few places at once: the directory, one or two ends of a chain, a walk.
+  static constexpr size_t kCount = 4;
+
+  // Where the windows are.
+  struct Buffers {
+    uint8_t bytes[kCount][kLargest];
+  };
+  void useBuffers(Buffers* buffers) { buffers_ = buffers; }
 
   // The window that holds all of a read, or null.
   const ReadWindow* find(const FileEntry* file, int64_t position, size_t count) const;
@@ -61,16 +69,13 @@ class ReadWindows {
   void dropAll();
 
  private:
-  // A call works on a few places at once: the directory, one or two ends of a chain, a walk.
-  static constexpr size_t kCount = 4;
-
   const ReadWindow* neighbour(const FileEntry* file, int64_t position) const;
   ReadWindow& windowToRefill();
   const ReadWindow* refill(ReadWindow& window, const FileEntry* file, size_t needed);
 
   ReadWindow windows_[kCount] = {};
   uint64_t fillings_ = 0;
-  uint8_t bytes_[kCount][kLargest] = {};
+  Buffers* buffers_ = nullptr;
 };
 
 }  // namespace qvdbase::platform

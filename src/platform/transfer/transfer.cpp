@@ -8,6 +8,7 @@
 
 #include "platform/host/host_failure.h"
 #include "platform/host/system_calls.h"
+#include "platform/transfer/call_buffers.h"
 #include "platform/transfer/plain_transfer.h"
 
 namespace qvdbase::platform {
@@ -21,12 +22,37 @@ constexpr bool kGathers = true;
 
 }  // namespace
 
-constinit CallState detail::processCallState = {};
+namespace {
+#if !defined(QVDBASE_NO_THREADS)
+thread_local
+#endif
+    constinit CallState ownCall = {};
+}  // namespace
+
+constinit QVDBASE_PER_THREAD CallState* detail::callOfThread = nullptr;
+
+// Not inline, and apart from the pointer to it: the place of so large a variable of a thread has to
+// be asked for.
+CallState& detail::firstCallOfThread() {
+  callOfThread = &ownCall;
+  return ownCall;
+}
+
+bool CallState::obtainBuffers() {
+  if (hasBuffers_) return true;
+  CallBuffers* buffers = buffersForThread();
+  if (buffers == nullptr) return false;
+  windows.useBuffers(&buffers->windows);
+  gathered.useBuffers(&buffers->gathered);
+  return hasBuffers_ = true;
+}
 
 void CallState::serveFrom(const OpenFile& file, const ReadWindow& window) {
   constexpr uint64_t kAllButOne = ServedWindow::kSmallRead - 1;
   const uint64_t smallReads = window.length > kAllButOne ? window.length - kAllButOne : 0;
-  served = {&file, window.start, window.length, smallReads, window.bytes};
+  serveFromNothing();
+  file.served = {window.start, window.length, smallReads, window.bytes};
+  served = &file;
 }
 
 void CallState::forgetWhatWasRead() {
@@ -215,10 +241,11 @@ bool fileLength(const OpenFile& file, int64_t* length) {
 TransferScope::TransferScope() : outer_(callState().innermost) {
   CallState& call = callState();
   flushTransfers();
-  if (!kGathers) return;
+  if (!kGathers || !call.obtainBuffers()) return;
   assert((!call.isInScope() || call.current == outer_) && "a scope begins in one that is not open");
   resumed_ = call.current;
   call.innermost = call.current = this;
+  isEntered_ = true;
 }
 
 TransferScope::~TransferScope() {
@@ -227,7 +254,7 @@ TransferScope::~TransferScope() {
 
 bool TransferScope::end() {
   if (ended_) return !failed_;
-  if (kGathers) leaveChain();
+  if (isEntered_) leaveChain();
   ended_ = true;
   if (!callState().isInScope()) callState().forgetWhatWasRead();
   return !failed_;

@@ -41,10 +41,10 @@ const uint8_t* viewElsewhere(const OpenFile& file, int64_t position, uint32_t co
 // Reads `count` bytes at the position and moves it to the end of what was read. Stores the number
 // of bytes read. True when it is `count`; fewer come when the file ends or the host fails.
 inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved) {
-  const ServedWindow& window = callState().served;
+  const ServedWindow& window = file.served;
   const uint64_t offset =
       static_cast<uint64_t>(file.position) - static_cast<uint64_t>(window.start);
-  if (&file != window.file || !window.holds(offset, count)) {
+  if (!window.holds(offset, count)) {
     return detail::readElsewhere(file, buffer, count, moved);
   }
   if (count != 0) std::memcpy(buffer, window.bytes + offset, count);  // null goes with 0 bytes
@@ -57,9 +57,9 @@ inline bool readAtPosition(OpenFile& file, void* buffer, uint32_t count, uint32_
 // until the next transfer. Null outside a scope, and where not all of them can be obtained: a read
 // finds out why.
 inline const uint8_t* viewBytes(const OpenFile& file, int64_t position, uint32_t count) {
-  const ServedWindow& window = callState().served;
+  const ServedWindow& window = file.served;
   const uint64_t offset = static_cast<uint64_t>(position) - static_cast<uint64_t>(window.start);
-  if (&file != window.file || !window.holds(offset, count)) {
+  if (!window.holds(offset, count)) {
     return detail::viewElsewhere(file, position, count);
   }
   return window.bytes + offset;
@@ -104,6 +104,7 @@ class TransferScope {
 
   TransferScope* outer_;
   TransferScope* resumed_ = nullptr;  // outer_, or null when this one began in a caller's function
+  bool isEntered_ = false;            // not where each transfer is a system call of its own
   bool failed_ = false;
   bool ended_ = false;
   uint32_t bytesRead_ = 0;  // once it has failed: the counts as they were then

@@ -1,0 +1,70 @@
+// The buffers that no thread has, and their way back from a thread that ends.
+#include "platform/transfer/call_buffers.h"
+
+#include "platform/host/lock.h"
+#include "platform/host/memory.h"
+#include "platform/transfer/call_state.h"
+
+#if !defined(QVDBASE_NO_THREADS)
+#include <pthread.h>
+#endif
+
+namespace qvdbase::platform {
+namespace {
+
+constinit CallBuffers ownBuffers = {};
+constinit CallBuffers* freeBuffers = &ownBuffers;
+
+CallBuffers* takeFree() {
+  const SharedLock lock(Shared::callBuffers);
+  CallBuffers* buffers = freeBuffers;
+  if (buffers != nullptr) freeBuffers = buffers->next;
+  return buffers;
+}
+
+void giveBack(void* given) {
+  auto* buffers = static_cast<CallBuffers*>(given);
+  callState().loseBuffers();  // what still runs at the thread's end may begin another scope
+  const SharedLock lock(Shared::callBuffers);
+  buffers->next = freeBuffers;
+  freeBuffers = buffers;
+}
+
+#if defined(QVDBASE_NO_THREADS)
+bool giveBackAtEnd(CallBuffers*) {
+  return true;
+}
+#else
+// By a key of the host's, whose functions are called for a thread that ends. It is given up with
+// the library, which may be unloaded while threads go on.
+class EndOfThread {
+ public:
+  EndOfThread() : isKnown_(::pthread_key_create(&key_, giveBack) == 0) {}
+  ~EndOfThread() {
+    if (isKnown_) ::pthread_key_delete(key_);
+    isKnown_ = false;
+  }
+  bool hand(CallBuffers* buffers) { return isKnown_ && ::pthread_setspecific(key_, buffers) == 0; }
+
+ private:
+  pthread_key_t key_ = {};
+  bool isKnown_;
+};
+
+bool giveBackAtEnd(CallBuffers* buffers) {
+  static EndOfThread endOfThread;
+  return endOfThread.hand(buffers);
+}
+#endif
+
+}  // namespace
+
+CallBuffers* buffersForThread() {
+  CallBuffers* buffers = takeFree();
+  if (buffers == nullptr) buffers = static_cast<CallBuffers*>(allocate(sizeof(CallBuffers)));
+  if (buffers == nullptr || giveBackAtEnd(buffers)) return buffers;
+  giveBack(buffers);
+  return nullptr;
+}
+
+}  // namespace qvdbase::platform
