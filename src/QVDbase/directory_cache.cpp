@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "platform/host/lock.h"
 #include "platform/host/memory.h"
 
 using namespace qvdbase;
@@ -15,34 +16,59 @@ QVList gbl_Gdb2tDQ;
 
 namespace {
 
-DirectoryCacheEntry* entryAt(int index) {
-  int size = 0;
-  return static_cast<DirectoryCacheEntry*>(gbl_Gdb2tDQ.GetAtNoCopy(&size, index));
-}
+using platform::Shared;
+using platform::SharedLock;
 
-}  // namespace
-
-int SearchForGDB2TCache(int16_t db) {
-  for (int index = 0; index < gbl_Gdb2tDQ.GetSize(); ++index) {
-    const DirectoryCacheEntry* entry = entryAt(index);
+// The database's entry, with its index. To be called with the lock, as eraseAt.
+DirectoryCacheEntry* entryOf(int16_t db, int* index) {
+  *index = 0;
+  for (QVNode* node = gbl_Gdb2tDQ.GetNodeAt(0); node != nullptr; node = node->next, ++*index) {
+    auto* entry = static_cast<DirectoryCacheEntry*>(node->data);
     // unreached: an entry is added with its bytes
-    if (entry != nullptr && entry->fileRef == db) return index;
+    if (entry != nullptr && entry->fileRef == db) return entry;
   }
-  return -1;
+  *index = -1;
+  return nullptr;
 }
 
-int EraseSFGDB2TCache(int index) {
-  const DirectoryCacheEntry* entry = entryAt(index);
+int eraseAt(int index) {
+  int size = 0;
+  const void* bytes = gbl_Gdb2tDQ.GetAtNoCopy(&size, index);
+  const auto* entry = static_cast<const DirectoryCacheEntry*>(bytes);
   if (entry == nullptr) return 0;
   if (entry->headCopy != nullptr) platform::release(entry->headCopy);
   return gbl_Gdb2tDQ.DelAt(index);
 }
 
+}  // namespace
+
+int SearchForGDB2TCache(int16_t db) {
+  const SharedLock lock(Shared::directoryCache);
+  int index = -1;
+  entryOf(db, &index);
+  return index;
+}
+
+int EraseSFGDB2TCache(int index) {
+  const SharedLock lock(Shared::directoryCache);
+  return eraseAt(index);
+}
+
 namespace qvdbase::engine {
 
-DirectoryCacheEntry* findDirectoryEntry(int16_t db) {
-  const int index = SearchForGDB2TCache(db);
-  return index == -1 ? nullptr : entryAt(index);
+bool findDirectoryEntry(int16_t db, DirectoryCacheEntry* entry) {
+  const SharedLock lock(Shared::directoryCache);
+  int index = -1;
+  const DirectoryCacheEntry* found = entryOf(db, &index);
+  if (found != nullptr)
+    std::memcpy(entry, found, sizeof *entry);  // padding too, as they are served
+  return found != nullptr;
+}
+
+void updateTableCount(int16_t db, int16_t tableCount) {
+  const SharedLock lock(Shared::directoryCache);
+  int index = -1;
+  if (DirectoryCacheEntry* entry = entryOf(db, &index)) entry->tableCount = tableCount;
 }
 
 void addDirectoryEntry(DirectoryCacheEntry entry, const internal_Head1& head) {
@@ -50,6 +76,7 @@ void addDirectoryEntry(DirectoryCacheEntry entry, const internal_Head1& head) {
   if (copy == nullptr) return;
   std::memcpy(copy, &head, sizeof head);
   entry.headCopy = static_cast<internal_Head1*>(copy);
+  const SharedLock lock(Shared::directoryCache);
   try {
     if (gbl_Gdb2tDQ.Add(&entry, sizeof entry) == 1) return;  // unreached: the list adds or throws
   } catch (const std::bad_alloc&) {
@@ -59,8 +86,9 @@ void addDirectoryEntry(DirectoryCacheEntry entry, const internal_Head1& head) {
 }
 
 void dropDirectoryEntry(int16_t db) {
-  const int index = SearchForGDB2TCache(db);
-  if (index != -1) EraseSFGDB2TCache(index);
+  const SharedLock lock(Shared::directoryCache);
+  int index = -1;
+  if (entryOf(db, &index) != nullptr) eraseAt(index);
 }
 
 }  // namespace qvdbase::engine

@@ -69,8 +69,9 @@ int internal_GetDBHead1(int16_t db, internal_Head1* head) {
 
 int internal_GetDBHead2Table(int16_t db, internal_Head1* head, int16_t* tableCount,
                              int16_t* slotCount, uint16_t* slotSize) {
-  if (const DirectoryCacheEntry* entry = engine::findDirectoryEntry(db)) {
-    return serveFromCache(*entry, head, tableCount, slotCount, slotSize);
+  DirectoryCacheEntry entry;
+  if (engine::findDirectoryEntry(db, &entry)) {
+    return serveFromCache(entry, head, tableCount, slotCount, slotSize);
   }
   if (internal_GetDBHead1(db, head) != 1) return 0;
   if (head->version < format::kFirstVersion || head->version > format::kLastVersion) return 0;

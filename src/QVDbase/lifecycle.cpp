@@ -65,7 +65,7 @@ bool createDatabaseFile(const QVWCHAR* path, int16_t* db) {
 }
 
 bool writeNewDatabase(int16_t db, const void* signature, uint16_t version) {
-  CallScope scope;
+  CallScope scope(db);
   return writeNewHeader(db, signature, version) && writeFreeSlots(db) && scope.end();
 }
 
@@ -86,6 +86,7 @@ int16_t OpenDBaseW(const QVWCHAR* path, int permission) {
 }
 
 uint16_t CloseDBase(int16_t db) {
+  const platform::Turn turn(db);
   engine::dropDirectoryEntry(db);  // first, so that it is gone even if the close fails
   return static_cast<uint16_t>(QVFile().QVCloseFile(db));
 }
@@ -97,6 +98,7 @@ int FlushDBase(int16_t) {
 int GetDBaseInfoW(const QVWCHAR* path, void* signatureOut, uint16_t* versionOut, void* idOut) {
   int16_t db = 0;
   if (QVFile().QVOpenFile(path, platform::kSharedWriters, &db) != 1) return 0;
+  const platform::Turn turn(db);
   internal_Head1 head;
   const int result = internal_GetDBHead1(db, &head);
   if (result == 1) storeHeader(head, signatureOut, versionOut, idOut);

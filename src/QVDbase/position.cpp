@@ -23,7 +23,8 @@ uint16_t SavedCallBack(int16_t db, QVProgressFunction callback, int a, int b, vo
 namespace qvdbase::engine {
 
 uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context) {
-  platform::TransferPause pause;
+  const platform::TransferPause pause;
+  const platform::TurnPause turns;
   try {
     return callback(a, b, context);
   } catch (platform::ThreadCancelled&) {
@@ -33,6 +34,6 @@ uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context) {
   }
 }
 
-SavedPosition::SavedPosition(int16_t db) : db_(db), position_(myGetFilePos(db)) {}
+SavedPosition::SavedPosition(int16_t db) : scope_(db), db_(db), position_(myGetFilePos(db)) {}
 
 }  // namespace qvdbase::engine

@@ -36,20 +36,33 @@ uint16_t SavedCallBack(int16_t db, QVProgressFunction callback, int a, int b, vo
 
 namespace qvdbase::engine {
 
-// The length of one exported call: inside, the platform layer may gather the call's small
-// transfers; at the end everything written must be with the operating system.
-using CallScope = platform::TransferScope;
+// The length of one exported call on a database: it has the file's turn, and inside, the platform
+// layer may gather the call's small transfers; at the end everything written must be with the
+// operating system.
+class CallScope {
+ public:
+  explicit CallScope(int16_t db) : turn_(db) {}
+
+  // As those of platform::TransferScope.
+  [[nodiscard]] bool end() { return scope_.end(); }
+  [[nodiscard]] static bool completeWrites() { return platform::TransferScope::completeWrites(); }
+
+ private:
+  platform::Turn turn_;
+  platform::TransferScope scope_;
+};
 
 // Calls a function of the caller's from inside an operation. What the operation wrote is with the
-// operating system before, and what the function changes is seen after. Returns 0 when it throws;
+// operating system before, and what the function changes is seen after. Other threads get the
+// turns of the operation's files meanwhile. Returns 0 when it throws;
 // only the cancellation of its thread passes.
 uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context);
 
-// Keeps the position that a call found. Every way out of an exported operation goes through
-// restore, or, where the operation is known to leave the position where it is, through leave. Both
-// end the call's scope and turn a success into a failure when its writes could not be completed;
-// such a failure restores the position in either case. An operation that is left without either,
-// because it throws or only reads, restores the position too.
+// Keeps the position that a call found, and the file's turn. Every way out of an exported operation
+// goes through restore, or, where the operation is known to leave the position where it is, through
+// leave. Both end the call's scope and turn a success into a failure when its writes could not be
+// completed; such a failure restores the position in either case. An operation that is left without
+// either, because it throws or only reads, restores the position too.
 class SavedPosition {
  public:
   explicit SavedPosition(int16_t db);

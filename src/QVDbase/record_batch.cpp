@@ -298,7 +298,7 @@ bool RecordBatch::endsSoundly() {
 }
 
 bool RecordBatch::takeIn() {
-  CallScope scope;
+  CallScope scope(db_);
   if (failed_ && !endsSoundly()) return false;
   tablePart1 slot;
   if (myFileSeek(db_, table_.slotPos, kFromStart) != 0 ||

@@ -32,7 +32,7 @@ bool overwriteTableData(int16_t db, int64_t blockPos, const unsigned char* data,
 // In a scope of its own: a write that is refused here must not fail those for a later slot.
 bool setDataOfSlot(int16_t db, tablePart1* slot, int64_t slotPos, uint16_t slotSize,
                    const unsigned char* data, uint32_t size, uint32_t reserve) {
-  CallScope scope;
+  CallScope scope(db);
   return internal_SetOneTableData(db, slot, slot->tableID, slotPos, slotSize, data, size,
                                   reserve) == 1 &&
          scope.end();

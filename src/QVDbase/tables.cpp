@@ -51,7 +51,7 @@ bool storeTableCount(int16_t db, int64_t directoryPos, int16_t tableCount) {
   if (!writeUint16(db, static_cast<uint16_t>(tableCount))) return false;
   // The cache must not count a table that the file does not: a later AddTable would write after it.
   if (!CallScope::completeWrites()) return false;
-  if (auto* entry = findDirectoryEntry(db)) entry->tableCount = tableCount;
+  updateTableCount(db, tableCount);
   return true;
 }
 

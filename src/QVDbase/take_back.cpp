@@ -28,7 +28,7 @@ bool cutOff(int16_t db, const Appended& appended, int64_t length) {
 
 bool blankOut(int16_t db, const Appended& appended, int64_t length) {
   static constexpr unsigned char kZeros[32768] = {};
-  CallScope scope;
+  CallScope scope(db);
   const int64_t end = std::min(appended.end, length);
   if (myFileSeek(db, appended.from, kFromStart) != 0) return false;  // unreached: own position
   for (int64_t at = appended.from; at < end; at += int64_t{sizeof kZeros}) {
@@ -41,6 +41,7 @@ bool blankOut(int16_t db, const Appended& appended, int64_t length) {
 }  // namespace
 
 bool takeBack(int16_t db, const Appended& appended) {
+  const platform::Turn turn(db);
   const int64_t length = lengthOf(db);
   if (length < 0) return false;
   if (length <= appended.from) return true;
@@ -48,6 +49,7 @@ bool takeBack(int16_t db, const Appended& appended) {
 }
 
 bool cutBack(int16_t db, const Appended& appended) {
+  const platform::Turn turn(db);
   const int64_t length = lengthOf(db);
   if (length < 0) return false;
   return length <= appended.from || cutOff(db, appended, length);

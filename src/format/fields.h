@@ -7,11 +7,10 @@
 // ten comparisons and ten loads.
 #pragma once
 
-#include <qvdbase/qvdbase.h>
-
 #include <cstdint>
 
 #include "format/big_endian.h"
+#include "platform/transfer/transfer_counts.h"
 #include "support/file_transfers.h"
 
 namespace qvdbase::format {
@@ -21,7 +20,7 @@ namespace detail {
 template <typename Unsigned>
 [[nodiscard]] inline bool readBigEndian(int16_t file, Unsigned* value) {
   unsigned char bytes[sizeof(Unsigned)];
-  if (!support::readFile(file, bytes, sizeof bytes, &gbl_realReaden)) return false;
+  if (!support::readFile(file, bytes, sizeof bytes, &platform::transferCounts().read)) return false;
   *value = loadBigEndian<Unsigned>(bytes);
   return true;
 }
@@ -30,13 +29,13 @@ template <typename Unsigned>
 [[nodiscard]] inline bool writeBigEndian(int16_t file, Unsigned value) {
   unsigned char bytes[sizeof(Unsigned)];
   storeBigEndian(bytes, value);
-  return support::writeFile(file, bytes, sizeof bytes, &gbl_realWriten);
+  return support::writeFile(file, bytes, sizeof bytes, &platform::transferCounts().written);
 }
 
 }  // namespace detail
 
 [[nodiscard]] inline bool readBytes(int16_t file, void* bytes, uint32_t count) {
-  return support::readFile(file, bytes, count, &gbl_realReaden);
+  return support::readFile(file, bytes, count, &platform::transferCounts().read);
 }
 
 [[nodiscard]] inline bool readUint8(int16_t file, uint8_t* value) {
@@ -56,7 +55,7 @@ template <typename Unsigned>
 }
 
 [[nodiscard]] inline bool writeBytes(int16_t file, const void* bytes, uint32_t count) {
-  return support::writeFile(file, bytes, count, &gbl_realWriten);
+  return support::writeFile(file, bytes, count, &platform::transferCounts().written);
 }
 
 [[nodiscard]] inline bool writeUint8(int16_t file, uint8_t value) {
@@ -76,7 +75,7 @@ template <typename Unsigned>
 // unchanged.
 [[nodiscard]] inline bool writeBytesAfter(int16_t file, uint32_t gap, const void* bytes,
                                           uint32_t count) {
-  return support::writeFileAfter(file, gap, bytes, count, &gbl_realWriten);
+  return support::writeFileAfter(file, gap, bytes, count, &platform::transferCounts().written);
 }
 [[nodiscard]] inline bool writeUint32After(int16_t file, uint32_t gap, uint32_t value) {
   unsigned char bytes[sizeof value];

@@ -8,9 +8,13 @@
 
 #include "format/layout.h"
 #include "platform/host/clock.h"
+#include "platform/host/lock.h"
 
 using namespace qvdbase;
 using namespace qvdbase::format;
+
+using platform::Shared;
+using platform::SharedLock;
 
 namespace {
 
@@ -50,6 +54,7 @@ void Initializer() {
 }
 
 int GenerateUuID(unsigned char* id) {
+  const SharedLock lock(Shared::identifiers);
   const uint64_t counter = platform::microsecondCounter();
   composeIdentifier(std::rand, counter, platform::secondsSinceEpoch(), id);
   return 1;
@@ -69,6 +74,7 @@ int internal_ConvertInt64_2UuID(uint64_t value, unsigned char* id) {
 namespace qvdbase::format {
 
 IdentifierSeries::IdentifierSeries() {
+  const SharedLock lock(Shared::identifiers);
   for (int i = 0; i < 4; ++i) state_ = state_ << 16 ^ static_cast<uint64_t>(std::rand());
 }
 

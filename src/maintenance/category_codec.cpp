@@ -168,7 +168,7 @@ namespace qvdbase::maintenance {
 
 CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraData extraData,
                                 qvrzOneCategoryRecord* record) {
-  const CallScope scope;
+  const CallScope scope(db);
   const int64_t position = myGetFilePos(db);
   if (position == -1) return CategoryDecoding::failed;
   const auto restored = [&](CategoryDecoding outcome) {

@@ -45,13 +45,19 @@ bool copySlots(int16_t file, const DirectoryNumbers& directory) {
   return true;
 }
 
+bool readNumbers(int16_t file, DirectoryNumbers* directory) {
+  const platform::Turn turn(file);
+  return readDirectoryNumbers(file, directory);
+}
+
 bool duplicate(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int16_t* file, int* status) {
   DirectoryNumbers directory;
   if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, file) != 1) return false;
-  if (!readDirectoryNumbers(*file, &directory)) return false;
+  if (!readNumbers(*file, &directory)) return false;
   // A creation that fails leaves the variable with the source's number, so that it is closed.
   if (QVFile().QVCreateAndOpenFile(dstPath, platform::kOneWriter, file, 0) != 1) return false;
   *status = kCreated;
+  const platform::Turn turn(*file);
   return copyHeader(*file) && copySlots(*file, directory);
 }
 
@@ -63,6 +69,7 @@ int DupFrameForRzbd3W(const QVWCHAR* srcPath, const QVWCHAR* dstPath, int* statu
   int16_t file = 0;
   const bool done = duplicate(srcPath, dstPath, &file, status);
   if (file != 0) {
+    const platform::Turn turn(file);
     dropDirectoryEntry(file);
     QVFile().QVCloseFile(file);
   }

@@ -47,7 +47,7 @@ class LinkRepair {
     *result_ = kNothingToRepair;
     bool complete = false;
     try {
-      CallScope scope;
+      CallScope scope(db_);
       complete = repair() && scope.end();
     } catch (platform::ThreadCancelled&) {
       throw;
@@ -249,6 +249,7 @@ int FixOneDBLinkErrorW(const QVWCHAR* srcPath, QVProgressFunction callback, int 
   if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, &db) != 1) return 0;
   bool isComplete = false;
   {
+    const platform::Turn turn(db);
     const ClosedAtEnd closed{db};
     isComplete = repairLinks(db, {callback, userData, callbackArg}, result);
   }

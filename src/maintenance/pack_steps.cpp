@@ -51,6 +51,7 @@ bool moveLong(bool (*move)(int16_t, Byte*, uint32_t), int16_t file, uint8_t* byt
 int PackSteps::run(const QVWCHAR* srcPath) {
   if (QVFile().QVOpenFile(srcPath, platform::kSharedWriters, &src_) != 1) return 0;
   ownsSource_ = true;
+  srcTurn_.emplace(src_);
   return run();
 }
 
@@ -92,6 +93,10 @@ bool PackSteps::createDestination() {
     *out_.status = PackOutputs::kKept;
     return false;
   }
+  dstTurn_.emplace(dst_);
+  // Where another thread had the source's turn meanwhile, it may have added a table.
+  DirectoryCacheEntry present;
+  if (findDirectoryEntry(src_, &present)) directory_.tableCount = present.tableCount;
   *out_.status = PackOutputs::kEmptied;
   *out_.srcRef = static_cast<uint16_t>(src_);
   *out_.dstRef = static_cast<uint16_t>(dst_);
@@ -247,14 +252,21 @@ bool PackSteps::completeDestination() {
 
 void PackSteps::closeSource() {
   if (!ownsSource_) return;
-  dropDirectoryEntry(src_);
-  QVFile().QVCloseFile(src_);
+  close(src_, srcTurn_);
   *out_.srcRef = 0;
 }
 
 void PackSteps::closeDestination() {
-  dropDirectoryEntry(dst_);
-  QVFile().QVCloseFile(dst_);
+  close(dst_, dstTurn_);
+}
+
+// What is closed is closed once more, as required, but not where the number can be that of another
+// thread's file by now.
+void PackSteps::close(int16_t file, std::optional<platform::Turn>& turn) {
+  if (!turn && !platform::isOnlyThread()) return;
+  dropDirectoryEntry(file);
+  QVFile().QVCloseFile(file);
+  turn.reset();
 }
 
 bool PackSteps::report(uint32_t percent) {

@@ -16,6 +16,7 @@
 #include <qvdbase/qvdbase.h>
 
 #include <cstdint>
+#include <optional>
 
 #include "QVDbase/header.h"
 #include "QVDbase/position.h"
@@ -114,12 +115,16 @@ class PackSteps {
   bool copyRecords(const tablePart1& slot, int64_t slotPos);
   bool completeRecords();
   bool copyRecord(tablePart1* working, int64_t slotPos, recordPart1* header);
+  static void close(int16_t file, std::optional<platform::Turn>& turn);
   bool seekBoth(int64_t srcPos, int64_t dstPos);
   uint32_t percentOfRecords() const;
 
   const QVWCHAR* dstPath_;
   PackProgress progress_;
-  engine::CallScope scope_;
+  // The turns of the files that the pack has opened, for as long as they are open.
+  std::optional<platform::Turn> srcTurn_;
+  std::optional<platform::Turn> dstTurn_;
+  platform::TransferScope scope_;
   bool ownsSource_ = false;
   int64_t headerLength_ = 0;
   uint32_t totalRecords_ = 0;

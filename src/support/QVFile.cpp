@@ -197,6 +197,7 @@ int QVFile::QVDeleteFile(const QVWCHAR* path) {
 }
 
 int QVFile::QVReadFile(int16_t file, void* buffer, uint32_t count, uint32_t* actualCount) {
+  const platform::Turn turn(file);
   if (platform::findOpenFile(file) == nullptr) return 0;
   uint32_t unused = 0;
   uint32_t* moved = actualCount != nullptr ? actualCount : &unused;
@@ -209,6 +210,7 @@ int QVFile::QVReadFile(int16_t file, void* buffer, uint32_t count, uint32_t* act
 }
 
 int QVFile::QVWriteFile(int16_t file, const void* buffer, uint32_t count, uint32_t* actualCount) {
+  const platform::Turn turn(file);
   if (platform::findOpenFile(file) == nullptr || (buffer == nullptr && count != 0)) return 0;
   uint32_t unused = 0;
   uint32_t* moved = actualCount != nullptr ? actualCount : &unused;
@@ -220,6 +222,7 @@ int QVFile::QVSeekFile(int16_t file, uint16_t mode, int64_t offset) {
 }
 
 int QVFile::QVGetFilePos(int16_t file, int64_t* position) {
+  const platform::Turn turn(file);
   const platform::OpenFile* openFile = platform::findOpenFile(file);
   if (openFile == nullptr || position == nullptr) return 0;
   *position = openFile->position;

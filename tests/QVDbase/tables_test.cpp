@@ -251,9 +251,9 @@ TEST_F(AddingATable, KeepsTheDirectoryCacheInStep) {
   addTable(db, "one");
   EXPECT_EQ(numberOfTables(db), 1);
   addTable(db, "two");
-  const DirectoryCacheEntry* entry = findDirectoryEntry(db);
-  ASSERT_NE(entry, nullptr);
-  EXPECT_EQ(entry->tableCount, 2);
+  DirectoryCacheEntry entry = {};
+  ASSERT_TRUE(findDirectoryEntry(db, &entry));
+  EXPECT_EQ(entry.tableCount, 2);
   EXPECT_EQ(gbl_Gdb2tDQ.GetSize(), 1);
 }
 

@@ -16,6 +16,7 @@
 #include "kit/recorded_calls.h"
 #include "kit/replaced_calls.h"
 #include "kit/temp_folder.h"
+#include "platform/transfer/transfer_counts.h"
 #include "support/file_transfers.h"
 
 namespace qvdbase::test {
@@ -57,7 +58,7 @@ class Transfers : public ::testing::Test {
   // As the fields of one header with others between them are written.
   static bool writeAfter(int16_t file, uint32_t gap, const std::string& text) {
     return writeFileAfter(file, gap, text.data(), static_cast<uint32_t>(text.size()),
-                          &gbl_realWriten);
+                          &platform::transferCounts().written);
   }
   // The bytes that could be read; fewer than asked for when the read failed.
   static std::string readAt(int16_t file, int64_t position, uint32_t count) {
@@ -343,19 +344,22 @@ TEST_F(Transfers, ARefusedRunEndsAsItsWritesWouldHaveOneByOne) {
       const int16_t file = open("f", patterned(100), permission);
       RecordedCalls host;
       host.fullAfter(n);
+      std::optional<platform::Turn> turn(file);
       TransferScope scope;
       bool all = true;
       uint32_t place = 10;
       for (const char* const text : {"ab", "cdef", "ghi"}) {
         Bytes read(place);
-        all = all && seek(file, 50) &&
-              qvdbase::support::readFile(file, read.data(), place, &gbl_realReaden);
+        all =
+            all && seek(file, 50) &&
+            qvdbase::support::readFile(file, read.data(), place, &platform::transferCounts().read);
         const auto size = static_cast<uint32_t>(std::strlen(text));
         all = all && seek(file, place) &&
-              qvdbase::support::writeFile(file, text, size, &gbl_realWriten);
+              qvdbase::support::writeFile(file, text, size, &platform::transferCounts().written);
         place += size;
       }
       EXPECT_FALSE(scope.end() && all);
+      turn.reset();
       int64_t position = 0;
       EXPECT_EQ(QVFile().QVGetFilePos(file, &position), 1);
       EXPECT_EQ(position, 10 + n);

@@ -8,6 +8,7 @@
 namespace qvdbase::platform {
 
 NameOf lookAtPath(int16_t file, const std::string& path) {
+  const Turn turn(file);
   const OpenFile* open = findOpenFile(file);
   if (open == nullptr) return NameOf::anotherOrNone;
   Directory folder;

@@ -8,6 +8,7 @@
 namespace qvdbase::platform {
 
 std::string descriptorPath(int16_t file) {
+  const Turn turn(file);
   const OpenFile* open = findOpenFile(file);
   if (open == nullptr) return {};
   const FileEntry& entry = *open->entry;

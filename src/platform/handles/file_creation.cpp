@@ -30,8 +30,9 @@ bool tryToEmpty(const Directory& directory, const EntryName& name, bool* wasRepl
 
   const int descriptor = openRegularFile(directory, name, O_WRONLY, &status);
   if (descriptor < 0) return false;
-  if (FileEntry* entry = findEntry(status.st_dev, status.st_ino); entry != nullptr) {
-    keepDescriptor(entry, descriptor);
+  const ClosedFile file(status);
+  if (file.opened() != nullptr) {
+    keepDescriptor(file.opened(), descriptor);
     return false;
   }
   const bool emptied = lockAndEmpty(directory, name, descriptor, status, wasReplaced);

@@ -31,17 +31,44 @@ constexpr int kNoAccessTime = O_NOATIME;
 constexpr int kNoAccessTime = 0;
 #endif
 
-FileEntry* addEntry(const struct stat& status) {
+// An entry that is not in the list yet.
+FileEntry newEntry(const struct stat& status) {
+  FileEntry entry = {};  // marked as this process's
+  entry.device = status.st_dev;
+  entry.inode = status.st_ino;
+  entry.readWrite = -1;
+  entry.readOnly = -1;
+  return entry;
+}
+
+FileEntry* entryOf(dev_t device, ino_t inode) {
+  FileEntry* entry = firstEntry;
+  while (entry != nullptr && (entry->device != device || entry->inode != inode)) {
+    entry = entry->next;
+  }
+  return entry;
+}
+
+// The file's entry with its turn, made if there is none. Null when there is no memory for it.
+FileEntry* enterOrAdd(const struct stat& status, EntryTurn* turn) {
+  if (FileEntry* entry = turn->find(status.st_dev, status.st_ino)) return entry;
   void* memory = allocate(sizeof(FileEntry));
   if (memory == nullptr) return nullptr;
-  auto* entry = new (memory) FileEntry{};  // marked as this process's
-  entry->device = status.st_dev;
-  entry->inode = status.st_ino;
-  entry->readWrite = -1;
-  entry->readOnly = -1;
-  entry->next = firstEntry;
-  firstEntry = entry;
+  auto* fresh = new (memory) FileEntry(newEntry(status));
+  FileEntry* entry = turn->findOrAdd(fresh);
+  if (entry != fresh) release(fresh);
   return entry;
+}
+
+// Takes the entry out of the list. Its turn stays with whoever has it.
+void unlinkEntry(FileEntry* entry) {
+  {
+    const SharedLock lock(Shared::handles);
+    FileEntry** link = &firstEntry;
+    while (*link != entry) link = &(*link)->next;
+    *link = entry->next;
+  }
+  releaseTurn(*entry->turn);
 }
 
 // A close that a signal interrupts has closed: to repeat it could hit another file.
@@ -49,11 +76,8 @@ bool closeDescriptor(int descriptor) {
   return descriptor < 0 || systemCalls().close(descriptor) == 0 || errno == EINTR;
 }
 
+// The entry goes last: who finds it waits for its turn, and opens the file when this has closed it.
 bool removeEntry(FileEntry* entry) {
-  FileEntry** link = &firstEntry;
-  while (*link != entry) link = &(*link)->next;
-  *link = entry->next;
-
   // The lock goes with the descriptors. It is not cleared by a call of its own: a process made by
   // fork that closes a file it inherited would take the lock from its parent.
   bool closed = true;
@@ -65,6 +89,7 @@ bool removeEntry(FileEntry* entry) {
   }
   closed &= closeDescriptor(entry->readOnly);
   closed &= closeDescriptor(entry->readWrite);
+  unlinkEntry(entry);
   release(entry);
   return closed;
 }
@@ -90,21 +115,20 @@ bool hasDescriptor(const FileEntry& entry, bool writable) {
   return entry.readWrite >= 0 || (!writable && entry.readOnly >= 0);
 }
 
-// The file's entry, made if there is none, with a descriptor of the wanted kind. *added says
-// whether the entry got that descriptor just now.
+// The file's entry with its turn, made if there is none, with a descriptor of the wanted kind.
+// *added says whether the entry got that descriptor just now.
 FileEntry* entryWithDescriptor(const Directory& directory, const EntryName& name, bool writable,
-                               bool* added) {
+                               EntryTurn* turn, bool* added) {
   *added = false;
   struct stat status = {};
   if (!regularFileStatus(directory, name, &status)) return nullptr;
-  FileEntry* entry = findEntry(status.st_dev, status.st_ino);
+  FileEntry* entry = turn->find(status.st_dev, status.st_ino);
   if (entry != nullptr && hasDescriptor(*entry, writable)) return entry;
 
   // The name may be that of another file by now: what counts is what was opened.
   const int descriptor = openRegularFile(directory, name, writable ? O_RDWR : O_RDONLY, &status);
   if (descriptor < 0) return nullptr;
-  entry = findEntry(status.st_dev, status.st_ino);
-  if (entry == nullptr) entry = addEntry(status);
+  entry = enterOrAdd(status, turn);
   if (entry == nullptr) {
     closeDescriptor(descriptor);
     return nullptr;
@@ -189,8 +213,9 @@ void withdraw(FileEntry* entry, bool added) {
 // One try. *wasReplaced is set when it failed because the name is another file's by now.
 FileEntry* tryToJoin(const Directory& directory, const EntryName& name, Sharing sharing,
                      bool* wasReplaced) {
+  EntryTurn turn;
   bool added = false;
-  FileEntry* entry = entryWithDescriptor(directory, name, sharing != Sharing::none, &added);
+  FileEntry* entry = entryWithDescriptor(directory, name, sharing != Sharing::none, &turn, &added);
   if (entry == nullptr) return nullptr;
   const bool admitted = admit(directory, name, entry, sharing);
   if (sharing == Sharing::none && admitted) return entry;
@@ -205,11 +230,50 @@ FileEntry* tryToJoin(const Directory& directory, const EntryName& name, Sharing 
 }  // namespace
 
 FileEntry* findEntry(dev_t device, ino_t inode) {
-  FileEntry* entry = firstEntry;
-  while (entry != nullptr && (entry->device != device || entry->inode != inode)) {
-    entry = entry->next;
+  const SharedLock lock(Shared::handles);
+  return entryOf(device, inode);
+}
+
+// Looks again once it has the turn: meanwhile the entry may have gone.
+FileEntry* EntryTurn::find(dev_t device, ino_t inode) {
+  for (;;) {
+    turn_.reset();
+    FileTurn* found = nullptr;
+    {
+      const SharedLock lock(Shared::handles);
+      entry_ = entryOf(device, inode);
+      if (entry_ == nullptr) return nullptr;
+      found = entry_->turn;
+    }
+    turn_.emplace(*found);
+    const SharedLock lock(Shared::handles);
+    if (entryOf(device, inode) == entry_ && entry_->turn == found) return entry_;
   }
-  return entry;
+}
+
+FileEntry* EntryTurn::findOrAdd(FileEntry* fresh) {
+  for (;;) {
+    if (find(fresh->device, fresh->inode) != nullptr) return entry_;
+    fresh->turn = &reserveTurn();
+    turn_.emplace(*fresh->turn);
+    {
+      const SharedLock lock(Shared::handles);
+      if (entryOf(fresh->device, fresh->inode) == nullptr) {
+        fresh->next = firstEntry;
+        return entry_ = firstEntry = fresh;
+      }
+    }
+    turn_.reset();
+    releaseTurn(*fresh->turn);
+  }
+}
+
+ClosedFile::ClosedFile(const struct stat& status) : placeholder_(newEntry(status)) {
+  turn_.findOrAdd(&placeholder_);
+}
+
+ClosedFile::~ClosedFile() {
+  if (opened() == nullptr) unlinkEntry(&placeholder_);
 }
 
 FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing sharing) {
@@ -224,10 +288,15 @@ FileEntry* joinEntry(const Directory& directory, const EntryName& name, Sharing 
 
 FileEntry* enterNewFile(int descriptor) {
   struct stat status = {};
+  EntryTurn turn;
   FileEntry* entry = nullptr;
-  if (systemCalls().status(descriptor, &status) == 0) entry = addEntry(status);
+  if (systemCalls().status(descriptor, &status) == 0) entry = enterOrAdd(status, &turn);
   if (entry == nullptr) {
     closeDescriptor(descriptor);
+    return nullptr;
+  }
+  if (entry->openers != 0) {  // another thread has found its name already
+    keepDescriptor(entry, descriptor);
     return nullptr;
   }
   entry->readWrite = descriptor;
@@ -240,6 +309,7 @@ FileEntry* enterNewFile(int descriptor) {
 }
 
 bool leaveEntry(FileEntry* entry, Sharing sharing) {
+  const Turn turn(*entry->turn);
   countOff(entry, sharing);
   if (entry->openers == 0) return removeEntry(entry);
   relaxLock(entry);

@@ -5,7 +5,9 @@
 //   - a lock of each opener's own would conflict with those of the others in this process;
 //   - a plain POSIX lock is lost as soon as the process closes any descriptor of the file, so no
 //     descriptor may be closed before the last opener leaves.
-// An entry exists exactly as long as it has an opener.
+// An entry exists exactly as long as it has an opener. It is looked up, made and dropped under the
+// lock of the handles; everything in it is read and changed under its turn, which is the turn of
+// the file's calls too.
 //
 // After a fork both processes have the entry. Where locks belong to open file descriptions they
 // then hold one lock together, which either could weaken or strengthen for the other; where locks
@@ -20,7 +22,9 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 
+#include "platform/handles/turns.h"
 #include "platform/host/process_mark.h"
 #include "platform/paths/directory.h"
 
@@ -56,11 +60,48 @@ struct FileEntry {
   Sharing lock;        // the lock that is held
   ProcessMark locker;  // who opened readWrite, to which the lock belongs
   LockBytesHeld lockBytes;
+  FileTurn* turn;
   FileEntry* next;
 };
 
-// The entry of that file, or null when this process does not have it open.
+// The entry of that file, or null when this process does not have it open. Another thread may
+// close it meanwhile.
 FileEntry* findEntry(dev_t device, ino_t inode);
+
+// The turn of a file that this process may have open, for as long as this exists.
+class EntryTurn {
+ public:
+  EntryTurn() = default;
+  EntryTurn(dev_t device, ino_t inode) { find(device, inode); }
+
+  // Takes the turn of that file, instead of the one before. Returns its entry, or null.
+  FileEntry* find(dev_t device, ino_t inode);
+  // The same; a file without entry gets `fresh`, which has no turn yet.
+  FileEntry* findOrAdd(FileEntry* fresh);
+
+  FileEntry* entry() const { return entry_; }
+
+ private:
+  FileEntry* entry_ = nullptr;
+  std::optional<Turn> turn_;
+};
+
+// Keeps a file that this process does not have open from being opened here, for as long as this
+// exists.
+class ClosedFile {
+ public:
+  explicit ClosedFile(const struct stat& status);
+  ~ClosedFile();
+  ClosedFile(const ClosedFile&) = delete;
+  ClosedFile& operator=(const ClosedFile&) = delete;
+
+  // The file's entry, with its turn, if the process has it open after all; else null.
+  FileEntry* opened() const { return turn_.entry() != &placeholder_ ? turn_.entry() : nullptr; }
+
+ private:
+  FileEntry placeholder_;
+  EntryTurn turn_;
+};
 
 // Counts one more opener of the regular file `name`, with everything that it needs: the entry, a
 // descriptor (one for writing unless `sharing` is none), the lock. A file that is locked then still
@@ -76,6 +117,7 @@ FileEntry* enterNewFile(int descriptor);
 
 // Counts one more opener, who only reads. Cannot fail.
 inline void addReader(FileEntry* entry) {
+  const Turn turn(*entry->turn);
   ++entry->openers;
 }
 

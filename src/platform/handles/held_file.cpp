@@ -59,12 +59,18 @@ OpenFailureFound HeldFile::holdEntry(const Directory& folder, const EntryName& n
 bool HeldFile::join(const Directory& folder, const EntryName& name) {
   FileEntry* entry = joinEntry(folder, name, Sharing::exclusive);
   if (entry == nullptr) return false;
+  const Turn turn(*entry->turn);
   if (entry->sharedOpeners + entry->exclusiveOpeners > 1) {
     leaveEntry(entry, Sharing::exclusive);
     return false;
   }
   entry_ = entry;
   return true;
+}
+
+bool HeldFile::isReadHere() const {
+  const Turn turn(*entry_->turn);
+  return entry_->openers > 1;
 }
 
 uint64_t HeldFile::nameCount() const {

@@ -32,7 +32,7 @@ class HeldFile {
   bool isHeld() const { return entry_ != nullptr; }
 
   // Whether this process has it open elsewhere, if only for reading.
-  bool isReadHere() const { return entry_->openers > 1; }
+  bool isReadHere() const;
 
   // How many names it has, or 0 when the host does not report it.
   uint64_t nameCount() const;

@@ -41,6 +41,7 @@ bool isHeld(const OpenFile& file, struct flock lock) {
 }  // namespace
 
 LockOutcome takeLockByte(int16_t file, LockByte byte, Sharing strength) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return LockOutcome::impossible;
   const short type = strength == Sharing::exclusive ? F_WRLCK : F_RDLCK;
@@ -48,21 +49,25 @@ LockOutcome takeLockByte(int16_t file, LockByte byte, Sharing strength) {
 }
 
 void releaseLockByte(int16_t file, LockByte byte, Sharing strength) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   if (openFile != nullptr) setLock(descriptorFor(*openFile->entry, strength), byte, F_UNLCK);
 }
 
 bool isLockByteHeld(int16_t file, LockByte byte) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   return openFile != nullptr && isHeld(*openFile, lockOf(byte, F_WRLCK));
 }
 
 bool isLockByteHeldExclusively(int16_t file, LockByte byte) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   return openFile != nullptr && isHeld(*openFile, lockOf(byte, F_RDLCK));
 }
 
 bool announceReader(int16_t file) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return false;
   FileEntry& entry = *openFile->entry;
@@ -78,6 +83,7 @@ bool announceReader(int16_t file) {
 
 // A lock that another process may hold together with this one goes with the last descriptor.
 void withdrawReader(int16_t file) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr || openFile->entry->lockBytes.announced == 0) return;
   const LockBytesHeld& held = openFile->entry->lockBytes;
@@ -87,6 +93,7 @@ void withdrawReader(int16_t file) {
 
 void renewAnnouncement(int16_t file) {
   if (locksPassToChildren()) return;
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr || openFile->entry->lockBytes.announced == 0) return;
   setLock(openFile->entry->lockBytes.announcedOn, LockByte::reader, F_RDLCK);
@@ -98,12 +105,14 @@ void carryAnnouncement(const FileEntry& entry, int descriptor) {
 }
 
 bool isOpenForWritingElsewhere(int16_t file) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   return openFile != nullptr && openFile->entry->exclusiveOpeners == 0 &&
          isHeld(*openFile, fileLock(Sharing::exclusive));
 }
 
 LockOutcome takeWritersTurn(int16_t file, const void* owner) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return LockOutcome::impossible;
   const void*& present = openFile->entry->lockBytes.turnOwner;
@@ -114,6 +123,7 @@ LockOutcome takeWritersTurn(int16_t file, const void* owner) {
 }
 
 void releaseWritersTurn(int16_t file, const void* owner) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr || openFile->entry->lockBytes.turnOwner != owner) return;
   openFile->entry->lockBytes.turnOwner = nullptr;

@@ -152,7 +152,8 @@ OpenFailureFound findOpenFailureAt(const Directory& folder, const EntryName& nam
     return failureOf(errno);
   }
   if (!S_ISREG(status.st_mode)) return {OpenFailure::notAFile, {}};
-  const FileEntry* entry = findEntry(status.st_dev, status.st_ino);
+  const EntryTurn turn(status.st_dev, status.st_ino);
+  const FileEntry* entry = turn.entry();
   if (entry != nullptr && entry->readWrite >= 0) return lookAtEntry(*entry, status, sharing);
   return tryToOpen(folder, name, sharing == Sharing::none ? O_RDONLY : O_RDWR, sharing);
 }

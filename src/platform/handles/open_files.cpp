@@ -1,6 +1,9 @@
 // File reference numbers and their positions.
 #include "platform/handles/open_files.h"
 
+#include <atomic>
+
+#include "platform/host/lock.h"
 #include "platform/transfer/transfer.h"
 
 namespace qvdbase::platform {
@@ -10,7 +13,7 @@ constinit OpenFile detail::openFiles[kLargestFileNumber + 1] = {};
 
 namespace {
 
-// No number below this one is free.
+// No number below this one is free. Under the lock of the handles, as whether a number is free.
 constinit int lowestCandidate = 1;
 
 OpenFile* lowestFreeNumber(int16_t* number) {
@@ -23,11 +26,19 @@ OpenFile* lowestFreeNumber(int16_t* number) {
   return &detail::openFiles[lowestCandidate];
 }
 
+bool hasFreeNumber() {
+  const SharedLock lock(Shared::handles);
+  int16_t unused = 0;
+  return lowestFreeNumber(&unused) != nullptr;
+}
+
 bool openAs(const Directory& directory, const EntryName& name, Sharing sharing, int16_t* file) {
-  int16_t number = 0;
-  if (lowestFreeNumber(&number) == nullptr) return false;
+  if (!hasFreeNumber()) return false;
   FileEntry* entry = joinEntry(directory, name, sharing);
-  return entry != nullptr && openEntry(entry, sharing, file);
+  if (entry == nullptr) return false;
+  if (openEntry(entry, sharing, file)) return true;
+  leaveEntry(entry, sharing);  // other threads have taken the last numbers
+  return false;
 }
 
 // Adds two positions. False when the sum is negative or too large.
@@ -61,31 +72,46 @@ bool openFile(const Directory& directory, const EntryName& name, int permission,
 }
 
 bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file) {
+  const Turn turn(*entry->turn);
+  const Turn numbers(turnOfFreeNumbers());
+  const SharedLock lock(Shared::handles);
   int16_t number = 0;
   OpenFile* openFile = lowestFreeNumber(&number);
   if (openFile == nullptr) return false;
-  *openFile = {entry, 0, descriptorOf(*entry), sharing, {}};
+  openFile->entry = entry;
+  openFile->position = 0;
+  openFile->descriptor = descriptorOf(*entry);
+  openFile->sharing = sharing;
+  std::atomic_ref(openFile->turn).store(entry->turn, std::memory_order_release);
   *file = number;
   return true;
 }
 
 uint32_t writersOf(int16_t file) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return 0;
   return openFile->entry->sharedOpeners + openFile->entry->exclusiveOpeners;
 }
 
 bool closeFile(int16_t file) {
+  const Turn turn(file);
   OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return false;
-  const OpenFile closing = *openFile;
-  forgetTransfers(closing.entry);
-  *openFile = {};
-  if (file < lowestCandidate) lowestCandidate = file;
-  return leaveEntry(closing.entry, closing.sharing);
+  FileEntry* entry = openFile->entry;
+  const Sharing sharing = openFile->sharing;
+  forgetTransfers(entry);
+  {
+    const SharedLock lock(Shared::handles);
+    openFile->entry = nullptr;
+    std::atomic_ref(openFile->turn).store(nullptr, std::memory_order_release);
+    if (file < lowestCandidate) lowestCandidate = file;
+  }
+  return leaveEntry(entry, sharing);
 }
 
 bool seekFile(int16_t file, uint16_t mode, int64_t offset) {
+  const Turn turn(file);
   OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return false;
   int64_t base = 0;

@@ -30,12 +30,14 @@ struct ServedWindow {
   }
 };
 
+// All of it is read and changed under the turn of its file; a free one under that of free numbers.
 struct OpenFile {
   FileEntry* entry;  // null while the number is free
   int64_t position;
   int descriptor;
   Sharing sharing;
   mutable ServedWindow served;
+  FileTurn* turn;  // the entry's, also for those who do not have it: see Turn
 
   bool isWritable() const { return sharing != Sharing::none; }
 };

@@ -53,14 +53,22 @@ bool ReadOnlyFile::open(const std::string& path) {
   Directory directory;
   const std::unique_ptr<EntryName> name = walkToParent(path, &directory);
   if (isOpen() || !name) return false;
-  entry_ = joinEntry(directory, *name, Sharing::none);
-  if (entry_ == nullptr) device_ = openBlockDevice(directory, *name);
+  FileEntry* entry = joinEntry(directory, *name, Sharing::none);
+  if (entry != nullptr) use(entry);
+  if (entry == nullptr) device_ = openBlockDevice(directory, *name);
   return isOpen();
 }
 
 void ReadOnlyFile::share(FileEntry* entry) {
   addReader(entry);
+  use(entry);
+}
+
+// The descriptor that an entry reads through may be another one later; this one stays open.
+void ReadOnlyFile::use(FileEntry* entry) {
+  const Turn turn(*entry->turn);
   entry_ = entry;
+  descriptor_ = descriptorOf(*entry);
 }
 
 size_t ReadOnlyFile::readAt(int64_t position, void* buffer, size_t count) const {

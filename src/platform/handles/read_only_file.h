@@ -65,10 +65,12 @@ class ReadOnlyFile {
   bool isLockedByOthers() const;
 
  private:
-  int descriptor() const { return entry_ != nullptr ? descriptorOf(*entry_) : device_; }
+  int descriptor() const { return entry_ != nullptr ? descriptor_ : device_; }
+  void use(FileEntry* entry);
 
   FileEntry* entry_ = nullptr;
-  int device_ = -1;  // the descriptor of a block device
+  int descriptor_ = -1;  // the entry's
+  int device_ = -1;      // the descriptor of a block device
 };
 
 }  // namespace qvdbase::platform

@@ -8,6 +8,7 @@
 namespace qvdbase::platform {
 
 bool syncFile(int16_t file) {
+  const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
   return openFile != nullptr && flushTransfers() && syncDescriptor(openFile->descriptor);
 }

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#if !defined(QVDBASE_PORTABLE_POSIX) && __has_include(<sys/single_threaded.h>)
+#if __has_include(<sys/single_threaded.h>)
 #include <sys/single_threaded.h>
 #define QVDBASE_HOST_COUNTS_THREADS 1
 #endif

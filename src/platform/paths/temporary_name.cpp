@@ -1,12 +1,14 @@
 #include "platform/paths/temporary_name.h"
 
+#include <atomic>
+
 #include "platform/host/system_calls.h"
 
 namespace qvdbase::platform {
 
 // A name need not be a secret: files are made only where nothing has the name.
 std::string temporaryName() {
-  static uint64_t used = 0;
+  static std::atomic<uint64_t> used = 0;
   uint64_t number = static_cast<uint64_t>(systemCalls().time()) << 32;
   number ^= systemCalls().microseconds() * 0x9E3779B97F4A7C15u;
   number += ++used;

@@ -1,6 +1,8 @@
 // The buffers that no thread has, and their way back from a thread that ends.
 #include "platform/transfer/call_buffers.h"
 
+#include <algorithm>
+
 #include "platform/host/lock.h"
 #include "platform/host/memory.h"
 #include "platform/transfer/call_state.h"
@@ -12,22 +14,32 @@
 namespace qvdbase::platform {
 namespace {
 
-constinit CallBuffers ownBuffers = {};
-constinit CallBuffers* freeBuffers = &ownBuffers;
+// Those that are part of the library: memory of them is used once they are. Further threads get
+// theirs from the host.
+constexpr size_t kOwn = 8;
+constinit CallBuffers ownBuffers[kOwn] = {};
+constinit bool isTaken[kOwn] = {};  // under Shared::callBuffers
 
-CallBuffers* takeFree() {
-  const SharedLock lock(Shared::callBuffers);
-  CallBuffers* buffers = freeBuffers;
-  if (buffers != nullptr) freeBuffers = buffers->next;
-  return buffers;
+CallBuffers* take() {
+  {
+    const SharedLock lock(Shared::callBuffers);
+    bool* taken = std::find(isTaken, isTaken + kOwn, false);
+    if (taken != isTaken + kOwn) {
+      *taken = true;
+      return &ownBuffers[taken - isTaken];
+    }
+  }
+  return static_cast<CallBuffers*>(allocate(sizeof(CallBuffers)));
 }
 
 void giveBack(void* given) {
   auto* buffers = static_cast<CallBuffers*>(given);
   callState().loseBuffers();  // what still runs at the thread's end may begin another scope
+  const auto* own = std::find_if(ownBuffers, ownBuffers + kOwn,
+                                 [buffers](const CallBuffers& each) { return &each == buffers; });
+  if (own == ownBuffers + kOwn) return release(buffers);
   const SharedLock lock(Shared::callBuffers);
-  buffers->next = freeBuffers;
-  freeBuffers = buffers;
+  isTaken[own - ownBuffers] = false;
 }
 
 #if defined(QVDBASE_NO_THREADS)
@@ -60,8 +72,7 @@ bool giveBackAtEnd(CallBuffers* buffers) {
 }  // namespace
 
 CallBuffers* buffersForThread() {
-  CallBuffers* buffers = takeFree();
-  if (buffers == nullptr) buffers = static_cast<CallBuffers*>(allocate(sizeof(CallBuffers)));
+  CallBuffers* buffers = take();
   if (buffers == nullptr || giveBackAtEnd(buffers)) return buffers;
   giveBack(buffers);
   return nullptr;

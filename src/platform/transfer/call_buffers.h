@@ -9,13 +9,12 @@
 namespace qvdbase::platform {
 
 struct CallBuffers {
-  CallBuffers* next;  // among those that no thread has
   GatheredWrites::Buffers gathered;
   ReadWindows::Buffers windows;
 };
 
 // Buffers for this thread until it ends, or null when there is no memory for more. To be asked for
-// once in a thread. The first thread gets those that are part of the library.
+// once in a thread.
 CallBuffers* buffersForThread();
 
 }  // namespace qvdbase::platform

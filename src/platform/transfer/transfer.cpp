@@ -1,8 +1,6 @@
 // Transfers at a position, and the scopes in which they are made cheap.
 #include "platform/transfer/transfer.h"
 
-#include <qvdbase/qvdbase.h>
-
 #include <cassert>
 #include <limits>
 
@@ -10,6 +8,7 @@
 #include "platform/host/system_calls.h"
 #include "platform/transfer/call_buffers.h"
 #include "platform/transfer/plain_transfer.h"
+#include "platform/transfer/transfer_counts.h"
 
 namespace qvdbase::platform {
 namespace {
@@ -170,7 +169,7 @@ size_t writeInScope(OpenFile& file, const void* buffer, size_t count) {
   }
   size_t done = wanted;
   if (joins) {
-    call.gathered.add(file, buffer, wanted, gbl_realReaden);
+    call.gathered.add(file, buffer, wanted, transferCounts().read);
   } else {
     done = writePlain(file.descriptor, file.position, buffer, wanted);
   }
@@ -194,6 +193,7 @@ const uint8_t* detail::viewElsewhere(const OpenFile& file, int64_t position, uin
 }
 
 bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved) {
+  assert(!isTurnOfAnother(*file.turn) && "a file is read out of turn");
   *moved = 0;
   if (count == 0) return true;
   const size_t done =
@@ -212,6 +212,7 @@ void readAhead(const OpenFile& file, int64_t position, uint32_t count) {
 }
 
 bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_t* moved) {
+  assert(!isTurnOfAnother(*file.turn) && "a file is written out of turn");
   *moved = 0;
   if (!file.isWritable()) return false;
   if (count == 0) return true;
@@ -271,8 +272,7 @@ void TransferScope::leaveChain() {
   call.current = resumed_;
   if (!failed_) return;
   // What came after the refused write would not have been done without gathering.
-  gbl_realReaden = bytesRead_;
-  gbl_realWriten = bytesWritten_;
+  transferCounts() = {bytesRead_, bytesWritten_};
 }
 
 // A write that was refused at a read, a view or a closing counts still.

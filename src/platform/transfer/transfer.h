@@ -17,8 +17,8 @@
 //   4. A gathered write that the host refuses makes the transfer that sent it fail, or the
 //      end of the scope; every later write of the scope fails too, so that nothing is written
 //      after a hole. A write too large to be gathered is refused where it is made, as it is
-//      outside. Either way bytes, position and gbl_realReaden and gbl_realWriten are in the end
-//      what they are when each transfer is a system call; identifiers may have been drawn for what
+//      outside. Either way bytes, position and the counts of the call are in the end what they are
+//      when each transfer is a system call; identifiers may have been drawn for what
 //      was then not written.
 //   5. Reading ahead never makes a read fail: where a window does not get the wanted bytes, they
 //   are
