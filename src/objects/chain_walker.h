@@ -95,6 +95,23 @@ class ChainWalker {
     damage_ = "the chain ends before it";
   }
 
+  // Whether the last step found the end of the chain where the slot counts further records.
+  bool endedEarly() const { return damage_ != nullptr && nextPos_ == 0; }
+
+  // Takes the last step back, which found damage, so that it can be made again.
+  void stepBack() {
+    if (damage_ == nullptr) return;
+    damage_ = nullptr;
+    --number_;
+    loop_ = qvdbase::engine::LoopDetector();
+  }
+
+  // Makes the place where the chain has ended early its end.
+  void endHere() {
+    stepBack();
+    hasChanged_ = true;
+  }
+
   const tablePart1& slot() const { return slot_; }
 
   // The records that the walk has come to, the one of the last step included.

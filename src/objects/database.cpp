@@ -15,6 +15,7 @@
 #include "format/layout.h"
 #include "handle/database_handle.h"
 #include "objects/chain_ends.h"
+#include "objects/looks.h"
 #include "objects/open_database.h"
 #include "objects/table_index.h"
 #include "objects/turns.h"
@@ -48,6 +49,7 @@ std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode 
                                         const char* operation) {
   std::shared_ptr<OpenDatabase> state = stateOf(path, mode);
   state->handle = handle::openFile(path, static_cast<int>(mode), operation);
+  detail::announce(*state);
   return state;
 }
 
@@ -62,8 +64,7 @@ bool isUsableVersion(uint16_t version) {
   return version >= format::kFirstVersion && version <= format::kLastVersion;
 }
 
-DatabaseInfo readInfo(const Operation& operation) {
-  SavedPosition scope(operation.db());
+DatabaseInfo readHeader(const Operation& operation) {
   internal_Head1 head;
   if (internal_GetDBHead1(operation.db(), &head) != 1) {
     static_cast<void>(operation.directory());
@@ -87,6 +88,10 @@ DatabaseInfo readInfo(const Operation& operation) {
   return info;
 }
 
+DatabaseInfo readInfo(const Operation& operation) {
+  return detail::look(operation, [&] { return readHeader(operation); });
+}
+
 }  // namespace
 
 Database::Database(std::shared_ptr<OpenDatabase> state) noexcept : state_(std::move(state)) {}
@@ -94,7 +99,7 @@ Database::Database(std::shared_ptr<OpenDatabase> state) noexcept : state_(std::m
 Database::~Database() {
   if (state_ == nullptr || state_->handle == 0) return;
   state_->discardBulk();
-  CloseDBase(std::exchange(state_->handle, 0));
+  state_->close();
 }
 
 // What this object held is closed here, not when the other object is destroyed.
@@ -138,8 +143,8 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {
   Database database(openState(path, mode, kOpen));
-  SavedPosition scope(database.handle());
-  static_cast<void>(Operation(database.state_, kOpen).directory());
+  const Operation operation(database.state_, kOpen);
+  static_cast<void>(detail::look(operation, [&] { return operation.directory(); }));
   return database;
 }
 
@@ -169,7 +174,9 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
     Database database =
         options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
     database.state_->wait = options.wait;
-    if (options.check) detail::checkEnds(database);
+    if (options.check) {
+      detail::look(Operation(database.state_, kOpen), [&] { detail::checkEnds(database); });
+    }
     return database;
   });
 }
@@ -177,6 +184,7 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
 Database Database::adopt(int16_t handle, const std::filesystem::path& path, Mode mode) {
   std::shared_ptr<OpenDatabase> state = stateOf(path, mode);
   state->handle = handle;
+  detail::announce(*state);
   return Database(std::move(state));
 }
 
@@ -193,8 +201,7 @@ std::u16string Database::native_path(const std::filesystem::path& path) {
 void Database::close() {
   if (!is_open()) return;
   state_->discardBulk();
-  const int16_t handle = std::exchange(state_->handle, 0);
-  if (CloseDBase(handle) != 0) return;
+  if (state_->close() != 0) return;
   constexpr const char* kOperation = "close the database";
   failure::throwError(state_->path, kOperation, Reason::cannot_write,
                       "the system reports a failure");
@@ -216,10 +223,10 @@ void Database::reopen() {
   ++reopened.opening;
   ++reopened.changes;
   detail::markIndexesStale(reopened);
-  if (reopened.handle != 0) CloseDBase(std::exchange(reopened.handle, 0));
+  if (reopened.handle != 0) reopened.close();
   Database opened =
       detail::whileInUse(reopened.wait, [&] { return open(reopened.place, reopened.mode); });
-  reopened.handle = std::exchange(opened.state_->handle, 0);
+  reopened.takeOver(*opened.state_);
 }
 
 bool Database::is_open() const noexcept {

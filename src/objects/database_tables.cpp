@@ -12,6 +12,7 @@
 #include "format/Aliment8.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
+#include "objects/looks.h"
 #include "objects/open_database.h"
 #include "objects/turns.h"
 
@@ -64,32 +65,33 @@ void requireFreeSlot(const Operation& operation) {
 
 std::vector<Table> Database::tables() const {
   const Operation operation(state_, "list the tables");
-  SavedPosition scope(operation.db());
-  std::vector<Table> tables;
-  tablePart1 slot;
-  static_cast<void>(operation.findSlot(&slot, [&](const tablePart1& used) {
-    const Id id{format::identifierNumber(used.tableID)};
-    tables.push_back(Table(state_, id, format::storedName(used)));
-    return false;
-  }));
-  return tables;
+  return detail::look(operation, [&] {
+    std::vector<Table> tables;
+    tablePart1 slot;
+    static_cast<void>(operation.findSlot(&slot, [&](const tablePart1& used) {
+      const Id id{format::identifierNumber(used.tableID)};
+      tables.push_back(Table(state_, id, format::storedName(used)));
+      return false;
+    }));
+    return tables;
+  });
 }
 
 std::optional<Table> Database::find_table(std::string_view name) const {
   const Operation operation(state_, kFind);
-  SavedPosition scope(operation.db());
   tablePart1 slot;
-  if (!findNamed(operation, name, &slot)) return std::nullopt;
+  const bool found = detail::look(operation, [&] { return findNamed(operation, name, &slot); });
+  if (!found) return std::nullopt;
   return Table(state_, Id{format::identifierNumber(slot.tableID)}, std::string(name));
 }
 
 std::optional<Table> Database::find_table(Id table) const {
   const Operation operation(state_, kFind);
-  SavedPosition scope(operation.db());
   tablePart1 slot;
-  if (!operation.findSlot(&slot, [table](const tablePart1& used) {
-        return format::identifierNumber(used.tableID) == table.value;
-      })) {
+  const auto isWanted = [table](const tablePart1& used) {
+    return format::identifierNumber(used.tableID) == table.value;
+  };
+  if (!detail::look(operation, [&] { return operation.findSlot(&slot, isWanted); })) {
     return std::nullopt;
   }
   return Table(state_, table, format::storedName(slot));

@@ -12,6 +12,7 @@
 #include "format/layout.h"
 #include "handle/database_handle.h"
 #include "objects/bulk.h"
+#include "objects/looks.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
 #include "platform/transfer/transfer.h"
@@ -21,7 +22,21 @@ using namespace qvdbase;
 namespace qvdb::detail {
 
 OpenDatabase::~OpenDatabase() {
-  if (handle != 0) CloseDBase(handle);
+  if (handle != 0) close();
+}
+
+void OpenDatabase::takeOver(OpenDatabase& other) noexcept {
+  handle = std::exchange(other.handle, 0);
+  isBesideWriters = other.isBesideWriters;
+  isAnnounced = std::exchange(other.isAnnounced, false);
+  mayMissChanges = other.mayMissChanges;
+  announcedAt = other.announcedAt;
+}
+
+int OpenDatabase::close() noexcept {
+  withdraw(*this);
+  isBesideWriters = false;
+  return CloseDBase(std::exchange(handle, 0));
 }
 
 void OpenDatabase::discardBulk() noexcept {
@@ -36,7 +51,8 @@ OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const ch
   failure::throwError(operation, Reason::not_open, "no database is open");
 }
 
-// Whether it says that something in the file is wrong or missing, as far as it could be read.
+}  // namespace
+
 bool saysWhatTheFileHolds(Reason reason) {
   switch (reason) {
     case Reason::not_a_database:
@@ -50,8 +66,6 @@ bool saysWhatTheFileHolds(Reason reason) {
       return false;
   }
 }
-
-}  // namespace
 
 Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
     : database_(databaseOf(database, name)), name_(name) {

@@ -45,6 +45,15 @@ struct OpenDatabase {
   std::chrono::milliseconds wait{0};
   // Counts how often it was opened again: positions that were found before are of another file.
   uint32_t opening = 0;
+  // Whether others may write to the file while it is read, whether this opener has announced itself
+  // to them, and since when; see looks.h and turns.h.
+  bool isBesideWriters = false;
+  bool isAnnounced = false;
+  bool mayMissChanges = false;  // a change that began before is not over, perhaps
+  uint64_t announcedAt = 0;     // in microseconds
+  uint32_t looks = 0;           // that have begun, one inside the other
+  bool holdsLook = false;       // their lock
+  uint32_t changing = 0;        // turns to change the file that have begun, likewise
   // Counts the operations of this layer that can have changed the chains. A walk that finds it
   // raised forgets what it has read ahead.
   uint64_t changes = 0;
@@ -61,6 +70,15 @@ struct OpenDatabase {
   // To be called once after each raise of `changes`.
   void noteChange(const RecordChange& change);
 
+  // Whether reading takes looks. Not within a change of its own, which excludes other writers.
+  bool readsBesideWriters() const { return isBesideWriters && changing == 0; }
+
+  // Takes over the handle of another one, which is closed then, with what it has announced.
+  void takeOver(OpenDatabase& other) noexcept;
+
+  // Closes the handle, and ends what was announced for it. Returns what CloseDBase does.
+  int close() noexcept;
+
   // How long an operation waits for its turn, in microseconds.
   uint64_t turnWait() const {
     const int64_t milliseconds = wait.count() > 0 ? wait.count() : 5'000;
@@ -70,6 +88,9 @@ struct OpenDatabase {
   // To be called before the handle is closed: discards the batch that is open.
   void discardBulk() noexcept;
 };
+
+// Whether it says that something in the file is wrong or missing, as far as it could be read.
+bool saysWhatTheFileHolds(Reason reason);
 
 // One operation on an open database: what its errors name. `name` is a literal that follows
 // "cannot ". Its transfers are made within a SavedPosition.

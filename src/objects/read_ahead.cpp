@@ -2,8 +2,10 @@
 #include "objects/read_ahead.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
+#include "objects/record_search.h"
 #include "support/file_transfers.h"
 
 using namespace qvdbase;
@@ -49,15 +51,30 @@ bool ReadBatch::isDense() const {
 bool ReadBatch::readOne(const Operation& operation, ChainWalker& chain) {
   recordPart1 header;
   int64_t position = 0;
+  std::optional<ChainWalker> before;
+  if (operation.database().readsBesideWriters()) before = chain;
   const ChainWalker::Step step = chain.next(operation.db(), &header, &position);
   if (step == ChainWalker::Step::end) return false;
+  if (step == ChainWalker::Step::damaged && hasBecomeShorter(operation, chain)) {
+    chain.endHere();
+    return false;
+  }
   const bool isRead = tryToRead([&] {
     if (step == ChainWalker::Step::damaged) failDamagedChain(operation, chain);
     readPayload(operation, header, position);
   });
-  if (!isRead) return false;
+  if (!isRead) {
+    if (before) leaveFor(*before, chain);
+    return false;
+  }
   storeInfo(header, position, &records_.emplace_back());
   return true;
+}
+
+// Beside writers it is looked at again when the walk gets there, and may have changed by then.
+void ReadBatch::leaveFor(const ChainWalker& before, ChainWalker& chain) {
+  failure_ = nullptr;
+  chain = before;
 }
 
 // Reads what is wanted of the payload after the others of the batch.

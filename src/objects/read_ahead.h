@@ -64,6 +64,7 @@ class ReadBatch {
   static constexpr size_t kFirst = 4;
 
   bool readOne(const Operation& operation, ChainWalker& chain);
+  void leaveFor(const ChainWalker& before, ChainWalker& chain);
   void readPayload(const Operation& operation, const recordPart1& header, int64_t position);
   template <typename Read>
   bool tryToRead(Read read);

@@ -9,6 +9,7 @@
 #include "QVDbase/record_find.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
+#include "objects/looks.h"
 #include "objects/open_database.h"
 #include "objects/records.h"
 
@@ -18,7 +19,6 @@ namespace qvdb {
 
 using detail::kRead;
 using detail::Operation;
-using engine::SavedPosition;
 
 namespace {
 
@@ -88,12 +88,14 @@ void Record::keepLoaded() {
 
 size_t Record::read(uint64_t offset, std::span<std::byte> buffer) const {
   const Operation operation(database_, kRead);
-  SavedPosition scope(operation.db());
-  const RecordInfo present = presentInfo(operation, table_, info_, opening_);
-  if (offset >= present.size) return 0;
-  const auto count = static_cast<size_t>(std::min<uint64_t>(buffer.size(), present.size - offset));
-  detail::readPayload(operation, present, offset, buffer.first(count));
-  return count;
+  return detail::look(operation, [&]() -> size_t {
+    const RecordInfo present = presentInfo(operation, table_, info_, opening_);
+    if (offset >= present.size) return 0;
+    const uint64_t count = std::min<uint64_t>(buffer.size(), present.size - offset);
+    const std::span<std::byte> part = buffer.first(static_cast<size_t>(count));
+    detail::readPayload(operation, present, offset, part);
+    return part.size();
+  });
 }
 
 std::vector<std::byte> Record::payload() const {
@@ -104,10 +106,11 @@ std::vector<std::byte> Record::payload() const {
 
 void Record::payload(std::vector<std::byte>& buffer) const {
   const Operation operation(database_, kRead);
-  SavedPosition scope(operation.db());
-  const RecordInfo present = presentInfo(operation, table_, info_, opening_);
-  detail::resizeFor(operation, &buffer, present.size);
-  detail::readPayload(operation, present, 0, buffer);
+  detail::look(operation, [&] {
+    const RecordInfo present = presentInfo(operation, table_, info_, opening_);
+    detail::resizeFor(operation, &buffer, present.size);
+    detail::readPayload(operation, present, 0, buffer);
+  });
 }
 
 namespace detail {

@@ -13,6 +13,7 @@
 
 #include "QVDbase/record_append.h"
 #include "objects/chain_walker.h"
+#include "objects/looks.h"
 #include "objects/open_database.h"
 #include "objects/read_ahead.h"
 #include "objects/record_search.h"
@@ -34,6 +35,14 @@ struct CurrentRecord {
   int64_t position = 0;  // of its block; of the record after it, or 0, when it is gone
 
   bool isGone() const { return number != 0 && gone == number; }
+};
+
+// What a look of a walk changes, apart from what it reads ahead.
+struct WalkPlace {
+  detail::ChainWalker chain;
+  CurrentRecord current;
+  bool inPiece;
+  bool isDense;
 };
 
 }  // namespace
@@ -136,6 +145,7 @@ struct detail::Walk {
     changesSeen = database->changes;
     current.isValid = false;
     batch.finish();
+    if (database->readsBesideWriters()) chain.stepBack();  // it may have changed since
     if (chain.isDamaged()) failDamagedChain(operation, chain);
     if (inPiece) isDense = piece.wasWorthIt();
     inPiece = isDense && piece.read(operation.db(), chain);
@@ -156,7 +166,17 @@ struct detail::Walk {
     if (chain.endsElsewhere() && engine::hasSameChain(operation.table(table).slot, chain.slot())) {
       chain.foundCutOff();
     }
+    if (hasBecomeShorter(operation, chain)) chain.endHere();
     if (chain.isDamaged()) failDamagedChain(operation, chain);
+  }
+
+  // Where a look begins, to begin it again.
+  WalkPlace place() const { return {chain, current, inPiece, isDense}; }
+  void goTo(const WalkPlace& place) {
+    chain = place.chain;
+    current = place.current;
+    inPiece = place.inPiece;
+    isDense = place.isDense;
   }
 
   // Whether a change of this table leaves what was read ahead valid: it concerns the current
@@ -224,10 +244,11 @@ void RecordRange::start() {
   done_ = true;  // unless a record follows; an error ends the walk
   detail::Walk& walk = *walk_;
   const detail::Operation operation(walk.database, kWalk);
-  engine::SavedPosition scope(operation.db());
-  walk.start(operation);
-  current_ = Record(walk.database, walk.table, {});
-  done_ = !walk.refill(operation, &current_.info_, &current_.loaded_);
+  done_ = !detail::look(operation, [&] {
+    walk.start(operation);
+    current_ = Record(walk.database, walk.table, {});
+    return walk.refill(operation, &current_.info_, &current_.loaded_);
+  });
 }
 
 void RecordRange::advance() {
@@ -242,10 +263,13 @@ void RecordRange::readOn(bool hasChanged) {
   done_ = true;
   detail::Walk& walk = *walk_;
   const detail::Operation operation(walk.database, kWalk);
-  engine::SavedPosition scope(operation.db());
   operation.about(walk.tableName);
-  if (hasChanged) walk.resume(operation);
-  done_ = !walk.refill(operation, &current_.info_, &current_.loaded_);
+  const WalkPlace place = walk.place();
+  done_ = !detail::look(operation, [&] {
+    walk.goTo(place);
+    if (hasChanged) walk.resume(operation);
+    return walk.refill(operation, &current_.info_, &current_.loaded_);
+  });
 }
 
 }  // namespace qvdb

@@ -1,8 +1,10 @@
 // Locating a record: where it was found before, by the table's index, or along the chain.
 #include "objects/record_search.h"
 
+#include "QVDbase/record_append.h"
 #include "format/identifiers.h"
 #include "objects/chain_walker.h"
+#include "objects/looks.h"
 #include "objects/records.h"
 #include "objects/table_index.h"
 
@@ -16,13 +18,16 @@ using engine::FoundRecord;
 Located walkTo(const Operation& operation, Id table, Id record, FoundRecord* found) {
   found->table = operation.table(table);
   ChainWalker walker(found->table.slot);
-  while (walker.next(operation.db(), &found->header, &found->recordPos) ==
-         ChainWalker::Step::record) {
+  for (Steps steps(operation);
+       walker.next(operation.db(), &found->header, &found->recordPos) == ChainWalker::Step::record;
+       steps.next()) {
     if (format::identifierNumber(found->header.recordID) != record.value) continue;
     const bool endsEarly = found->header.nextRecordPos == 0 && !walker.isAtCount();
     return endsEarly ? Located::atEarlyEnd : Located::alongChain;
   }
-  if (walker.isDamaged()) failDamagedChain(operation, walker);
+  if (walker.isDamaged() && !hasBecomeShorter(operation, walker)) {
+    failDamagedChain(operation, walker);
+  }
   return Located::no;
 }
 
@@ -34,7 +39,26 @@ bool readAt(const Operation& operation, Id table, int64_t position, FoundRecord*
                                     &found->header);
 }
 
+// Whether the table is no longer as it was when the walk began, and the record that was passed last
+// ends its chain now, or is in it no more.
+bool isEndNow(const Operation& operation, const ChainWalker& walker) {
+  FoundRecord last;
+  last.table = operation.table(Id{format::identifierNumber(walker.slot().tableID)});
+  last.recordPos = walker.passedPosition();
+  const tablePart1& slot = last.table.slot;
+  if (last.recordPos == 0 || engine::hasSameChain(slot, walker.slot())) return false;
+  if (last.recordPos == (walker.isForward() ? slot.lastRecordPos : slot.firstRecordPos))
+    return true;
+  return readHead(operation.db(), last.recordPos, slot.tableID, &last.header) &&
+         !isReachable(operation.db(), last);
+}
+
 }  // namespace
+
+bool hasBecomeShorter(const Operation& operation, const ChainWalker& walker) {
+  return operation.database().readsBesideWriters() && walker.endedEarly() &&
+         isEndNow(operation, walker);
+}
 
 int64_t positionOf(const Operation& operation, const Record& record) {
   return record.opening_ == operation.database().opening ? record.info().position : 0;

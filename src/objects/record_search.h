@@ -4,6 +4,7 @@
 #include <qvdbase/qvdb/record.hpp>
 
 #include "QVDbase/record_find.h"
+#include "objects/chain_walker.h"
 #include "objects/open_database.h"
 
 namespace qvdb::detail {
@@ -36,5 +37,9 @@ bool readInChain(const Operation& operation, Id table, Id record, int64_t positi
 // is good enough for that.
 bool readReachable(const Operation& operation, Id table, int64_t position,
                    qvdbase::engine::FoundRecord* found);
+
+// Whether the walk has ended early because others have made the chain shorter since it began. Not
+// in a database that is open exclusively.
+bool hasBecomeShorter(const Operation& operation, const ChainWalker& walker);
 
 }  // namespace qvdb::detail

@@ -8,6 +8,7 @@
 
 #include "format/Aliment8.h"
 #include "objects/chain_walker.h"
+#include "objects/looks.h"
 #include "objects/open_database.h"
 #include "objects/record_search.h"
 #include "objects/records.h"
@@ -32,6 +33,21 @@ WalkOptions walkAfter(const Whom& whom, LoadedPart load) {
   return {.from = WalkStart::after(whom), .load = load, .largest_loaded = kAnySize};
 }
 
+std::optional<RecordInfo> infoAtEnd(const Operation& operation, Id table, Order order) {
+  detail::ChainWalker walker(operation.table(table).slot, order);
+  recordPart1 header;
+  int64_t position = 0;
+  switch (walker.next(operation.db(), &header, &position)) {
+    case detail::ChainWalker::Step::end:
+      return std::nullopt;
+    case detail::ChainWalker::Step::damaged:
+      detail::failDamagedChain(operation, walker);
+    case detail::ChainWalker::Step::record:
+      break;
+  }
+  return detail::recordInfo(header, position);
+}
+
 }  // namespace
 
 Table::Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name)
@@ -39,8 +55,7 @@ Table::Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string 
 
 TableInfo Table::info() const {
   const Operation operation(database_, "look at the table");
-  SavedPosition scope(operation.db());
-  const tablePart1 slot = operation.table(id_).slot;
+  const tablePart1 slot = detail::look(operation, [&] { return operation.table(id_).slot; });
   TableInfo info;
   info.id = id_;
   info.name = format::storedName(slot);
@@ -56,8 +71,7 @@ TableInfo Table::info() const {
 
 uint32_t Table::count() const {
   const Operation operation(database_, "count the records");
-  SavedPosition scope(operation.db());
-  return operation.table(id_).slot.recordCount;
+  return detail::look(operation, [&] { return operation.table(id_).slot.recordCount; });
 }
 
 RecordRange Table::records(Load load) const {
@@ -86,19 +100,9 @@ std::optional<Record> Table::last() const {
 
 std::optional<Record> Table::recordAtEnd(Order order) const {
   const Operation operation(database_, kFind);
-  SavedPosition scope(operation.db());
-  detail::ChainWalker walker(operation.table(id_).slot, order);
-  recordPart1 header;
-  int64_t position = 0;
-  switch (walker.next(operation.db(), &header, &position)) {
-    case detail::ChainWalker::Step::end:
-      return std::nullopt;
-    case detail::ChainWalker::Step::damaged:
-      detail::failDamagedChain(operation, walker);
-    case detail::ChainWalker::Step::record:
-      break;
-  }
-  return Record(database_, id_, detail::recordInfo(header, position));
+  const auto info = detail::look(operation, [&] { return infoAtEnd(operation, id_, order); });
+  if (!info) return std::nullopt;
+  return Record(database_, id_, *info);
 }
 
 RecordIndex Table::index() const {
@@ -120,9 +124,10 @@ RecordIndex Table::index() const {
 
 std::optional<Record> Table::find(Id record) const {
   const Operation operation(database_, kFind);
-  SavedPosition scope(operation.db());
   engine::FoundRecord found;
-  if (detail::locate(operation, id_, record, &found) == Located::no) return std::nullopt;
+  const Located located =
+      detail::look(operation, [&] { return detail::locate(operation, id_, record, &found); });
+  if (located == Located::no) return std::nullopt;
   return Record(database_, id_, detail::recordInfo(found.header, found.recordPos));
 }
 
@@ -132,26 +137,29 @@ bool Table::contains(Id record) const {
 
 std::optional<std::vector<std::byte>> Table::get(Id record) const {
   const Operation operation(database_, detail::kRead);
-  SavedPosition scope(operation.db());
-  engine::FoundRecord found;
-  if (detail::locate(operation, id_, record, &found) == Located::no) return std::nullopt;
-  std::vector<std::byte> payload;
-  detail::appendPayload(operation, detail::recordInfo(found.header, found.recordPos),
-                        found.header.dataLength, &payload);
-  return payload;
+  return detail::look(operation, [&]() -> std::optional<std::vector<std::byte>> {
+    engine::FoundRecord found;
+    if (detail::locate(operation, id_, record, &found) == Located::no) return std::nullopt;
+    std::vector<std::byte> payload;
+    detail::appendPayload(operation, detail::recordInfo(found.header, found.recordPos),
+                          found.header.dataLength, &payload);
+    return payload;
+  });
 }
 
 std::optional<uint32_t> Table::get(Id record, std::span<std::byte> buffer) const {
   const Operation operation(database_, detail::kRead);
-  SavedPosition scope(operation.db());
-  engine::FoundRecord found;
-  const Located located = detail::locate(operation, id_, record, &found);
-  if (located == Located::no) return std::nullopt;
-  const RecordInfo info = detail::recordInfo(found.header, found.recordPos);
-  // The index is for speed: it makes no further call to the system for the rest of the payload.
-  if (located != Located::byIndex) detail::requireInsideFile(operation, info);
-  detail::readPayload(operation, info, 0, buffer.first(std::min<size_t>(buffer.size(), info.size)));
-  return info.size;
+  return detail::look(operation, [&]() -> std::optional<uint32_t> {
+    engine::FoundRecord found;
+    const Located located = detail::locate(operation, id_, record, &found);
+    if (located == Located::no) return std::nullopt;
+    const RecordInfo info = detail::recordInfo(found.header, found.recordPos);
+    // The index is for speed: it makes no further call to the system for the rest of the payload.
+    if (located != Located::byIndex) detail::requireInsideFile(operation, info);
+    const size_t count = std::min<size_t>(buffer.size(), info.size);
+    detail::readPayload(operation, info, 0, buffer.first(count));
+    return info.size;
+  });
 }
 
 }  // namespace qvdb

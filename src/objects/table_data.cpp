@@ -8,6 +8,7 @@
 #include "QVDbase/table_data.h"
 #include "format/fields.h"
 #include "objects/failed_append.h"
+#include "objects/looks.h"
 #include "objects/open_database.h"
 #include "objects/records.h"
 #include "objects/turns.h"
@@ -56,31 +57,35 @@ void readData(const Operation& operation, int64_t position, std::span<std::byte>
 
 std::optional<uint32_t> Table::data_size() const {
   const Operation operation(database_, "look at the table's data");
-  SavedPosition scope(operation.db());
-  const std::optional<DataBlock> block = findData(operation, id_);
-  if (!block) return std::nullopt;
-  return block->size;
+  return detail::look(operation, [&]() -> std::optional<uint32_t> {
+    const std::optional<DataBlock> block = findData(operation, id_);
+    if (!block) return std::nullopt;
+    return block->size;
+  });
 }
 
 std::optional<std::vector<std::byte>> Table::data() const {
   const Operation operation(database_, "read the table's data");
-  SavedPosition scope(operation.db());
-  const std::optional<DataBlock> block = findData(operation, id_);
-  if (!block) return std::nullopt;
-  std::vector<std::byte> data;
-  detail::resizeFor(operation, &data, block->size);
-  readData(operation, block->dataPos, data);
-  return data;
+  return detail::look(operation, [&]() -> std::optional<std::vector<std::byte>> {
+    const std::optional<DataBlock> block = findData(operation, id_);
+    if (!block) return std::nullopt;
+    std::vector<std::byte> data;
+    detail::resizeFor(operation, &data, block->size);
+    readData(operation, block->dataPos, data);
+    return data;
+  });
 }
 
 size_t Table::read_data(uint64_t offset, std::span<std::byte> buffer) const {
   const Operation operation(database_, "read the table's data");
-  SavedPosition scope(operation.db());
-  const std::optional<DataBlock> block = findData(operation, id_);
-  if (!block || offset >= block->size) return 0;
-  const auto count = static_cast<size_t>(std::min<uint64_t>(buffer.size(), block->size - offset));
-  readData(operation, block->dataPos + static_cast<int64_t>(offset), buffer.first(count));
-  return count;
+  return detail::look(operation, [&]() -> size_t {
+    const std::optional<DataBlock> block = findData(operation, id_);
+    if (!block || offset >= block->size) return 0;
+    const uint64_t count = std::min<uint64_t>(buffer.size(), block->size - offset);
+    const std::span<std::byte> part = buffer.first(static_cast<size_t>(count));
+    readData(operation, block->dataPos + static_cast<int64_t>(offset), part);
+    return part.size();
+  });
 }
 
 void Table::set_data(ByteView data, uint32_t reserve) {

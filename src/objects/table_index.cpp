@@ -12,6 +12,7 @@
 #include "format/block_heads.h"
 #include "format/identifiers.h"
 #include "objects/chain_walker.h"
+#include "objects/looks.h"
 #include "support/file_transfers.h"
 
 using namespace qvdbase;
@@ -105,7 +106,8 @@ int64_t usualBlock(const tablePart1& slot) {
 bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index) {
   recordPart1 header;
   int64_t position = 0;
-  while (walker.next(operation.db(), &header, &position) == ChainWalker::Step::record) {
+  for (Steps steps(operation);
+       walker.next(operation.db(), &header, &position) == ChainWalker::Step::record; steps.next()) {
     const bool isNew = index.map.insert(format::identifierNumber(header.recordID), position);
     index.hasDuplicates = index.hasDuplicates || !isNew;
   }

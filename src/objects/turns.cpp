@@ -61,7 +61,10 @@ ChangeTurn::ChangeTurn(const Operation& operation) : database_(operation.databas
     takeTurn(operation);
     hasTurn_ = true;
   }
+  // Not before: who has the turn of shared writers may be a thread that uses the file.
+  inProcess_.emplace(db);
   if (platform::isLockByteHeld(db, LockByte::reader)) keepReadersOut(operation);
+  ++database_.changing;
 }
 
 // The destructor does not run when the constructor throws.
@@ -75,6 +78,7 @@ void ChangeTurn::keepReadersOut(const Operation& operation) {
 }
 
 ChangeTurn::~ChangeTurn() {
+  --database_.changing;
   if (holdsOff_) {
     platform::releaseLockByte(database_.handle, LockByte::change, Sharing::exclusive);
   }

@@ -8,9 +8,10 @@
 // limit in time. Locks are taken in the order turn, gate, change.
 #pragma once
 
-#include <cstdint>
+#include <optional>
 
 #include "objects/open_database.h"
+#include "platform/handles/turns.h"
 
 namespace qvdb::detail {
 
@@ -30,8 +31,9 @@ class ChangeTurn {
   void keepReadersOut(const Operation& operation);
 
   OpenDatabase& database_;
-  bool hasTurn_ = false;   // of shared writers
-  bool holdsOff_ = false;  // readers
+  std::optional<qvdbase::platform::Turn> inProcess_;  // of the threads that use the file
+  bool hasTurn_ = false;                              // of shared writers
+  bool holdsOff_ = false;                             // readers
 };
 
 // The turn of a batch, from its beginning until endBatchTurn: nothing unless the database is

@@ -11,8 +11,8 @@
 
 #include "kit/forked.h"
 #include "kit/other_process.h"
+#include "kit/pauses.h"
 #include "kit/recorded_calls.h"
-#include "kit/replaced_calls.h"
 #include "objects/layer_fixture.h"
 
 namespace qvdbase::test {
@@ -26,29 +26,6 @@ using qvdb::Reason;
 
 constexpr int kTaken = static_cast<int>(LockOutcome::taken);
 constexpr int kRefused = static_cast<int>(LockOutcome::refused);
-
-// What is done instead of waiting: pauses take no time here.
-class Pauses {
- public:
-  explicit Pauses(std::function<void()> during = {}) {
-    during_ = std::move(during);
-    microseconds_ = 0;
-    calls_->pause = [](uint64_t length) {
-      microseconds_ += length;
-      if (during_) during_();
-    };
-  }
-  ~Pauses() { during_ = {}; }
-  Pauses(const Pauses&) = delete;
-  Pauses& operator=(const Pauses&) = delete;
-
-  static uint64_t microseconds() { return microseconds_; }
-
- private:
-  inline static std::function<void()> during_;
-  inline static uint64_t microseconds_ = 0;
-  ReplacedCalls calls_;
-};
 
 // Another process has the database open, and takes the bytes by hand.
 class TurnsTest : public LayerTest {

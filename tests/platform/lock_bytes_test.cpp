@@ -54,7 +54,7 @@ TEST_F(LockBytesTest, AnExclusiveOneIsTakenOnceAtATime) {
     EXPECT_EQ(takeThere(byte, Sharing::exclusive), kTaken);
     EXPECT_EQ(takeHere(byte, Sharing::exclusive), LockOutcome::refused);
     EXPECT_EQ(takeHere(byte, Sharing::shared), LockOutcome::refused);
-    EXPECT_TRUE(platform::isLockByteHeldExclusively(here_, byte));
+    EXPECT_TRUE(platform::isLockByteHeld(here_, byte));
     other_.releaseByte(there_, byte, Sharing::exclusive);
     EXPECT_FALSE(platform::isLockByteHeld(here_, byte));
     EXPECT_EQ(takeHere(byte, Sharing::exclusive), LockOutcome::taken);
@@ -64,12 +64,29 @@ TEST_F(LockBytesTest, AnExclusiveOneIsTakenOnceAtATime) {
 
 TEST_F(LockBytesTest, ReadersLookTogetherAndKeepChangesOut) {
   openBoth(1);
-  EXPECT_EQ(takeHere(LockByte::change, Sharing::shared), LockOutcome::taken);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::taken);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::taken);
   EXPECT_EQ(takeThere(LockByte::change, Sharing::shared), kTaken);
-  EXPECT_FALSE(platform::isLockByteHeldExclusively(here_, LockByte::change));
   EXPECT_EQ(takeThere(LockByte::change, Sharing::exclusive), kRefused);
-  platform::releaseLockByte(here_, LockByte::change, Sharing::shared);
+  platform::releaseLook(here_);
+  EXPECT_EQ(takeThere(LockByte::change, Sharing::exclusive), kRefused);
+  platform::releaseLook(here_);
   EXPECT_EQ(takeThere(LockByte::change, Sharing::exclusive), kTaken);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::refused);
+  platform::releaseLook(here_);  // there is none
+}
+
+TEST_F(LockBytesTest, NoLookBeginsWhileAWriterWaitsAtTheGate) {
+  openBoth(1);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::taken);
+  EXPECT_EQ(takeThere(LockByte::gate, Sharing::exclusive), kTaken);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::taken);  // a part of the one that has begun
+  platform::releaseLook(here_);
+  platform::releaseLook(here_);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::refused);
+  other_.releaseByte(there_, LockByte::gate, Sharing::exclusive);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::taken);
+  platform::releaseLook(here_);
 }
 
 TEST_F(LockBytesTest, AreIndependentOfOneAnother) {

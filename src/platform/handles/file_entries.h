@@ -45,6 +45,7 @@ struct LockBytesHeld {
   uint32_t announced;     // openers that have announced themselves as readers
   int announcedOn;        // the descriptor of their lock
   ProcessMark announcer;  // who took it
+  uint32_t looks;         // of readers, that have begun
   const void* turnOwner;  // the writer here that has the turn of shared writers, or null
 };
 

@@ -60,10 +60,31 @@ bool isLockByteHeld(int16_t file, LockByte byte) {
   return openFile != nullptr && isHeld(*openFile, lockOf(byte, F_WRLCK));
 }
 
-bool isLockByteHeldExclusively(int16_t file, LockByte byte) {
+// Where the host does not answer the question about the gate, the lock itself decides.
+LockOutcome takeLook(int16_t file) {
   const Turn turn(file);
   const OpenFile* openFile = findOpenFile(file);
-  return openFile != nullptr && isHeld(*openFile, lockOf(byte, F_RDLCK));
+  if (openFile == nullptr) return LockOutcome::impossible;
+  uint32_t& looks = openFile->entry->lockBytes.looks;
+  if (looks == 0) {
+    struct flock gate = lockOf(LockByte::gate, F_RDLCK);
+    const int descriptor = descriptorFor(*openFile->entry, Sharing::shared);
+    const bool isKnown =
+        uninterrupted([&] { return systemCalls().findLock(descriptor, &gate); }) == 0;
+    if (isKnown && gate.l_type != F_UNLCK) return LockOutcome::refused;
+    const LockOutcome outcome = setLock(descriptor, LockByte::change, F_RDLCK);
+    if (outcome != LockOutcome::taken) return outcome;
+  }
+  ++looks;
+  return LockOutcome::taken;
+}
+
+void releaseLook(int16_t file) {
+  const Turn turn(file);
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr || openFile->entry->lockBytes.looks == 0) return;
+  if (--openFile->entry->lockBytes.looks > 0) return;
+  releaseLockByte(file, LockByte::change, Sharing::shared);
 }
 
 bool announceReader(int16_t file) {

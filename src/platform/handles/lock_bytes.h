@@ -36,10 +36,14 @@ LockOutcome takeLockByte(int16_t file, LockByte byte, Sharing strength);
 // Gives a lock of this strength up. No effect where there is none.
 void releaseLockByte(int16_t file, LockByte byte, Sharing strength);
 
-// Whether an opener elsewhere holds the byte in any strength, and in the exclusive one. What cannot
-// be found out counts as held: it costs time and is safe.
+// Whether an opener elsewhere holds the byte. What cannot be found out counts as held: it costs
+// time and is safe.
 bool isLockByteHeld(int16_t file, LockByte byte);
-bool isLockByteHeldExclusively(int16_t file, LockByte byte);
+
+// Locks `change` for a look of a reader, unless a writer waits at the gate. Looks of one process
+// are counted, and the last one that ends gives the lock up.
+LockOutcome takeLook(int16_t file);
+void releaseLook(int16_t file);
 
 // Says to writers elsewhere that this opener reads beside them, until withdrawReader. Openers in
 // this process announce themselves together. False where the lock cannot be taken: nothing is

@@ -1,0 +1,125 @@
+// Reading beside writers.
+#include "objects/looks.h"
+
+#include <utility>
+
+#include "QVDbase/directory_cache.h"
+#include "format/layout.h"
+#include "objects/waiting.h"
+#include "platform/handles/lock_bytes.h"
+#include "platform/handles/open_files.h"
+#include "platform/host/clock.h"
+#include "platform/host/host_failure.h"
+#include "platform/transfer/call_state.h"
+#include "support/file_transfers.h"
+
+using namespace qvdbase;
+
+namespace qvdb::detail {
+namespace {
+
+using platform::LockOutcome;
+using platform::Sharing;
+
+// An operation that had begun before the reader announced itself does not know of it. One call of a
+// writer is much shorter than this; and so long a writer that takes no part is given to complete
+// what looks like damage.
+constexpr uint64_t kLongestChange = 20'000;  // microseconds
+
+// A pause that a signal ends is continued; not for ever, in case the clock does not go on.
+void letPass(uint64_t since, uint64_t microseconds) {
+  for (int i = 0; i < 100; ++i) {
+    const uint64_t passed = platform::microsecondCounter() - since;
+    if (passed >= microseconds) return;
+    platform::pauseFor(microseconds - passed);
+  }
+}
+
+void waitForEarlierChanges(OpenDatabase& database) {
+  if (!database.mayMissChanges) return;
+  letPass(database.announcedAt, kLongestChange);
+  database.mayMissChanges = false;
+}
+
+void begin(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  waitForEarlierChanges(database);
+  platform::renewAnnouncement(database.handle);
+  const LockOutcome outcome =
+      whileRefused(database.turnWait(), [&] { return platform::takeLook(database.handle); });
+  if (outcome == LockOutcome::refused) {
+    operation.fail(Reason::in_use, "another process is in the middle of a change of it");
+  }
+  database.holdsLook = outcome == LockOutcome::taken;
+}
+
+void end(OpenDatabase& database) {
+  if (std::exchange(database.holdsLook, false)) platform::releaseLook(database.handle);
+}
+
+// Header and directory as they are now.
+std::string directoryBytes(int16_t db) {
+  engine::SavedPosition scope(db);
+  std::string bytes(format::kNewFileSize, '\0');
+  uint32_t count = 0;
+  if (!support::seekTo(db, 0)) return {};
+  static_cast<void>(
+      support::readFile(db, bytes.data(), static_cast<uint32_t>(bytes.size()), &count));
+  return bytes;
+}
+
+}  // namespace
+
+void announce(OpenDatabase& database) {
+  const auto* file = platform::findOpenFile(database.handle);
+  if (file == nullptr || file->sharing == Sharing::exclusive) return;
+  database.isBesideWriters = true;
+  database.isAnnounced = platform::announceReader(database.handle);
+  database.announcedAt = platform::microsecondCounter();
+  database.mayMissChanges = platform::isOpenForWritingElsewhere(database.handle);
+}
+
+void withdraw(OpenDatabase& database) noexcept {
+  if (database.isAnnounced) platform::withdrawReader(database.handle);
+  database.isAnnounced = false;
+}
+
+// The numbers in the directory cache may be of an earlier moment.
+Look::Look(const Operation& operation)
+    : database_(operation.database()), inProcess_(database_.handle) {
+  if (database_.looks == 0) {
+    begin(operation);
+    engine::dropDirectoryEntry(database_.handle);
+  }
+  ++database_.looks;
+}
+
+Look::~Look() {
+  if (--database_.looks == 0) end(database_);
+}
+
+// Nothing that was read before the pause is used after it.
+void Steps::pause() const {
+  OpenDatabase& database = operation_.database();
+  if (database.looks != 1) return;
+  end(database);
+  begin(operation_);
+  platform::callState().forgetWhatWasRead();
+}
+
+void Doubt::weigh(const Error& error) {
+  if (!saysWhatTheFileHolds(error.reason())) throw;
+  const int16_t db = operation_.db();
+  const bool mayBeChanging = platform::isOpenForWritingElsewhere(db);
+  std::string found = error.what() + directoryBytes(db);
+  if (found == seen_) throw;
+  if (++looks_ == kLooks) {
+    operation_.fail(Reason::changed_meanwhile,
+                    "another process changed it again and again while it was read; try again");
+  }
+  seen_ = std::move(found);
+  platform::forgetHostFailure();
+  if (mayBeChanging) letPass(platform::microsecondCounter(), kLongestChange);
+}
+
+}  // namespace qvdb::detail

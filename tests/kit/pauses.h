@@ -1,0 +1,35 @@
+// Pauses that take no time: what the library waits is counted, and something of the test's own can
+// happen meanwhile.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <utility>
+
+#include "kit/replaced_calls.h"
+
+namespace qvdbase::test {
+
+class Pauses {
+ public:
+  explicit Pauses(std::function<void()> during = {}) {
+    during_ = std::move(during);
+    microseconds_ = 0;
+    calls_->pause = [](uint64_t length) {
+      microseconds_ += length;
+      if (during_) during_();
+    };
+  }
+  ~Pauses() { during_ = {}; }
+  Pauses(const Pauses&) = delete;
+  Pauses& operator=(const Pauses&) = delete;
+
+  static uint64_t microseconds() { return microseconds_; }
+
+ private:
+  inline static std::function<void()> during_;
+  inline static uint64_t microseconds_ = 0;
+  ReplacedCalls calls_;
+};
+
+}  // namespace qvdbase::test

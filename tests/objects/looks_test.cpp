@@ -1,0 +1,335 @@
+// Reading beside writers: announcing, looks, and what is made of a file that changes meanwhile.
+#include <gtest/gtest.h>
+#include <qvdbase/qvdb.hpp>
+
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kit/other_process.h"
+#include "kit/pauses.h"
+#include "kit/recorded_calls.h"
+#include "objects/layer_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+using platform::LockByte;
+using platform::LockOutcome;
+using platform::Sharing;
+using qvdb::Mode;
+using qvdb::Order;
+using qvdb::Reason;
+
+constexpr int kTaken = static_cast<int>(LockOutcome::taken);
+constexpr int kRefused = static_cast<int>(LockOutcome::refused);
+
+// Another process has the database open for writing, and takes the bytes by hand.
+class LooksTest : public LayerTest {
+ protected:
+  void SetUp() override {
+    LayerTest::SetUp();
+    {
+      qvdb::Database database = createDatabase();
+      qvdb::Table table = database.add_table("t");
+      for (int i = 0; i < 9; ++i) ids_.push_back(table.add("payload " + std::to_string(i)));
+      table.set_data("data");
+    }
+    there_ = other_.open(folder.wide(kDefaultFile), 4);
+    ASSERT_NE(there_, 0);
+  }
+
+  void read(Mode mode = Mode::read_only) {
+    database_.emplace(openDatabase(mode));
+    table_.emplace(database_->table("t"));
+    record_ = table_->find(ids_[4]);
+  }
+
+  bool isAnnounced() {
+    if (other_.takeByte(there_, LockByte::reader, Sharing::exclusive) != kTaken) return true;
+    other_.releaseByte(there_, LockByte::reader, Sharing::exclusive);
+    return false;
+  }
+
+  // Every operation that reads, once.
+  std::vector<std::function<void()>> readings() {
+    return {[this] { database_->info(); },
+            [this] { database_->tables(); },
+            [this] { database_->find_table("t"); },
+            [this] { database_->find_table(table_->id()); },
+            [this] { table_->info(); },
+            [this] { table_->count(); },
+            [this] { table_->first(); },
+            [this] { table_->last(); },
+            [this] { table_->find(ids_[4]); },
+            [this] { table_->get(ids_[4]); },
+            [this] {
+              std::vector<std::byte> buffer(4);
+              table_->get(ids_[4], buffer);
+            },
+            [this] { record_->payload(); },
+            [this] {
+              std::vector<std::byte> buffer(4);
+              record_->read(2, buffer);
+            },
+            [this] { idsOf(*table_); },
+            [this] { table_->data_size(); },
+            [this] { table_->data(); },
+            [this] {
+              std::vector<std::byte> buffer(4);
+              table_->read_data(1, buffer);
+            }};
+  }
+
+  OtherProcess other_;  // before anything is opened here
+  int there_ = 0;
+  std::vector<qvdb::Id> ids_;
+  std::optional<qvdb::Database> database_;
+  std::optional<qvdb::Table> table_;
+  std::optional<qvdb::Record> record_;
+};
+
+TEST_F(LooksTest, AReaderIsAnnouncedForAsLongAsItHasTheDatabaseOpen) {
+  for (const Mode mode : {Mode::read_only, Mode::shared, Mode::any}) {
+    EXPECT_FALSE(isAnnounced());
+    {
+      qvdb::Database database = openDatabase(mode);
+      EXPECT_TRUE(isAnnounced());
+      const qvdb::Database moved = std::move(database);
+      const qvdb::Database second = openDatabase(Mode::read_only);
+      EXPECT_TRUE(isAnnounced());
+    }
+    EXPECT_FALSE(isAnnounced());
+    qvdb::Database database = openDatabase(mode);
+    database.reopen();
+    EXPECT_TRUE(isAnnounced());
+    database.close();
+    EXPECT_FALSE(isAnnounced());
+  }
+  qvdb::Database::inspect(path());
+  EXPECT_FALSE(isAnnounced());
+}
+
+TEST_F(LooksTest, AnExclusiveOpenerNeitherAnnouncesItselfNorLooks) {
+  ASSERT_EQ(other_.close(there_), 1);
+  read(Mode::exclusive);
+  there_ = other_.open(folder.wide(kDefaultFile), 1);
+  EXPECT_EQ(other_.takeByte(there_, LockByte::reader, Sharing::shared), kTaken);
+  for (const auto& reading : readings()) {
+    RecordedCalls host;
+    reading();
+    EXPECT_EQ(host.count(Call::lock), 0);
+    EXPECT_EQ(host.count(Call::findLock), 0);
+  }
+}
+
+TEST_F(LooksTest, EveryReadIsWithinALook) {
+  for (const Mode mode : {Mode::read_only, Mode::shared}) {
+    read(mode);
+    for (const auto& reading : readings()) {
+      int reads = 0;
+      int changes = 0;
+      {
+        RecordedCalls host;
+        host.observe([&](Call call) {
+          if (call != Call::read) return;
+          ++reads;
+          if (other_.takeByte(there_, LockByte::change, Sharing::exclusive) != kTaken) return;
+          other_.releaseByte(there_, LockByte::change, Sharing::exclusive);
+          ++changes;
+        });
+        reading();
+      }
+      EXPECT_GT(reads, 0);
+      EXPECT_EQ(changes, 0);
+      EXPECT_EQ(other_.takeByte(there_, LockByte::change, Sharing::exclusive), kTaken);
+      other_.releaseByte(there_, LockByte::change, Sharing::exclusive);
+    }
+  }
+}
+
+TEST_F(LooksTest, AReaderWaitsForAChangeToEnd) {
+  read();
+  for (const auto& reading : readings()) {
+    ASSERT_EQ(other_.takeByte(there_, LockByte::change, Sharing::exclusive), kTaken);
+    const Pauses pauses([&] { other_.releaseByte(there_, LockByte::change, Sharing::exclusive); });
+    reading();
+    EXPECT_GT(pauses.microseconds(), 0u);
+  }
+}
+
+TEST_F(LooksTest, AReaderGivesUpWhenAChangeNeverEnds) {
+  read();
+  ASSERT_EQ(other_.takeByte(there_, LockByte::change, Sharing::exclusive), kTaken);
+  for (const auto& reading : readings()) {
+    const Pauses pauses;
+    expectError(Reason::in_use, reading);
+    EXPECT_GE(pauses.microseconds(), 5'000'000u);
+  }
+}
+
+// A change that began before knows nothing of the reader.
+TEST_F(LooksTest, TheFirstLookBesideAWriterWaitsForWhatBeganBefore) {
+  {
+    const Pauses pauses;
+    read();
+    EXPECT_GE(pauses.microseconds(), 20'000u);
+  }
+  const Pauses pauses;
+  table_->count();
+  EXPECT_EQ(pauses.microseconds(), 0u);
+  ASSERT_EQ(other_.close(there_), 1);
+  read();
+  EXPECT_EQ(pauses.microseconds(), 0u);
+}
+
+TEST_F(LooksTest, WhereLocksDoNotWorkAReaderReadsOnWithoutThem) {
+  RecordedCalls host;
+  host.failFrom(Call::lock, 0, ENOLCK);
+  read();
+  EXPECT_EQ(idsOf(*table_).size(), 9u);
+}
+
+// ---- what changes meanwhile. Writer and reader are in one process: the reader knows no more ----
+
+class ChangesBesideTest : public LayerTest {
+ protected:
+  ChangesBesideTest() : writer_(createDatabase()), written_(writer_.add_table("t")) {
+    for (size_t i = 0; i < kRecords; ++i) ids_.push_back(written_.add("payload").value);
+    reader_ = openDatabase(Mode::read_only);
+    table_.emplace(reader_.table("t"));
+  }
+
+  void remove(size_t from, size_t to) {
+    for (size_t i = from; i < to; ++i) EXPECT_TRUE(written_.remove(qvdb::Id{ids_[i]}));
+  }
+
+  // The identifiers that a walk delivers, of which it has delivered two when `change` happens.
+  template <typename Change>
+  std::vector<uint64_t> walk(Order order, Change change) {
+    std::vector<uint64_t> ids;
+    for (const qvdb::Record& record : table_->records({.order = order})) {
+      ids.push_back(record.id().value);
+      if (ids.size() == 2) change();
+    }
+    return ids;
+  }
+
+  static constexpr size_t kRecords = 40;
+  qvdb::Database writer_;
+  qvdb::Table written_;
+  std::vector<uint64_t> ids_;
+  qvdb::Database reader_;
+  std::optional<qvdb::Table> table_;
+};
+
+TEST_F(ChangesBesideTest, AWalkEndsWhereTheChainEndsNow) {
+  EXPECT_EQ(walk(Order::oldest_first, [&] { remove(30, 40); }).size(), 30u);
+  ids_.resize(30);
+  EXPECT_EQ(walk(Order::newest_first, [&] { remove(0, 10); }).size(), 20u);
+}
+
+TEST_F(ChangesBesideTest, AWalkPassesAllThatWereThereAllTheTimeAndNoneTwice) {
+  const auto change = [&] {
+    remove(2, 20);
+    written_.modify(qvdb::Id{ids_[20]}, "a payload that needs a new block");
+    for (int i = 0; i < 30; ++i) written_.add("later");
+    remove(38, 39);
+  };
+  const std::vector<uint64_t> found = walk(Order::oldest_first, change);
+  EXPECT_LE(found.size(), kRecords);
+  for (size_t i = 0; i < kRecords; ++i) {
+    const auto times = std::count(found.begin(), found.end(), ids_[i]);
+    const bool wasThere = i < 2 || (i >= 20 && i != 38);
+    EXPECT_TRUE(times == 1 || (!wasThere && times == 0)) << i << " " << times;
+  }
+}
+
+// What was read ahead ends with the fourth record, and the one after it is deleted too. From there
+// the chain leads on as it was when that one left it.
+TEST_F(ChangesBesideTest, AWalkGoesOnFromADeletedRecord) {
+  std::vector<uint64_t> found = walk(Order::oldest_first, [&] { remove(0, 10); });
+  EXPECT_EQ(found.size(), 40u);
+  EXPECT_EQ(found.back(), ids_[39]);
+  found = walk(Order::newest_first, [&] { remove(30, 40); });
+  EXPECT_EQ(found.size(), 4u + 1u + 20u);
+  EXPECT_EQ(found.back(), ids_[10]);
+}
+
+TEST_F(ChangesBesideTest, TablesThatOthersAddAreFound) {
+  writer_.add_table("second").add("x");
+  EXPECT_EQ(reader_.tables().size(), 2u);
+  EXPECT_EQ(reader_.table("second").count(), 1u);
+  EXPECT_EQ(reader_.info().table_count, 2);
+}
+
+// A chain that is damaged is still damaged beside a writer.
+TEST_F(ChangesBesideTest, AChainThatEndsEarlyInAFileThatChangesIsDamagedNevertheless) {
+  expectDamage();
+  const int64_t middle = written_.find(qvdb::Id{ids_[19]})->info().position;
+  Bytes file = readFile(path());
+  for (int i = 0; i < 8; ++i) file[static_cast<size_t>(middle) + 39 + static_cast<size_t>(i)] = 0;
+  {
+    std::fstream out(path(), std::ios::in | std::ios::out | std::ios::binary);
+    out.write(reinterpret_cast<const char*>(file.data()),
+              static_cast<std::streamsize>(file.size()));
+  }
+  expectError(Reason::chain_damaged,
+              [&] { walk(Order::oldest_first, [&] { written_.add("later"); }); });
+}
+
+// ---- what contradicts itself, beside a writer that takes no part in the looks ----
+
+// The slot counts one record more than the chain has, as in the middle of a deletion.
+class ContradictionTest : public LooksTest {
+ protected:
+  void SetUp() override {
+    LooksTest::SetUp();
+    read();
+    setCount(10);
+  }
+
+  // In the first slot, at 22, which begins with its mark and has the count at 60, little-endian.
+  void setMark(uint8_t mark) const { setByte(22, mark); }
+  void setCount(uint8_t count) const { setByte(22 + 60, count); }
+
+ private:
+  void setByte(int position, uint8_t byte) const {
+    std::fstream out(path(), std::ios::in | std::ios::out | std::ios::binary);
+    out.seekp(position);
+    out.put(static_cast<char>(byte));
+  }
+};
+
+TEST_F(ContradictionTest, IsNoDamageWhenASecondLookFindsNone) {
+  const Pauses pauses([&] { setCount(9); });
+  EXPECT_EQ(idsOf(*table_).size(), 9u);
+  EXPECT_GE(pauses.microseconds(), 20'000u);
+}
+
+TEST_F(ContradictionTest, IsDamageWhenASecondLookFindsTheSame) {
+  expectDamage();
+  const Pauses pauses;
+  expectError(Reason::chain_damaged, [&] { idsOf(*table_); });
+}
+
+TEST_F(ContradictionTest, IsAChangeWhenEveryLookFindsSomethingElse) {
+  expectDamage();
+  uint8_t mark = 0;
+  setMark(mark);
+  const Pauses pauses([&] { setMark(++mark); });
+  expectError(Reason::changed_meanwhile, [&] { table_->count(); });
+}
+
+TEST_F(ContradictionTest, IsDamageAtOnceInAFileThatNoneElseWrites) {
+  expectDamage();
+  ASSERT_EQ(other_.close(there_), 1);
+  const Pauses pauses;
+  expectError(Reason::chain_damaged, [&] { idsOf(*table_); });
+  EXPECT_EQ(pauses.microseconds(), 0u);
+}
+
+}  // namespace
+}  // namespace qvdbase::test
