@@ -6,8 +6,10 @@
 #include <fstream>
 #include <functional>
 #include <qvdbase/qvdb.hpp>
+#include <random>
 #include <thread>
 
+#include "kit/random_seed.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {
@@ -341,25 +343,58 @@ TEST_F(ToolFollow, EndsWhenItsOutputHasNoReader) {
   EXPECT_EQ(outcome.err, "");
 }
 
-TEST_F(ToolFollow, MissesNothingThatAWriterAddsAllTheTime) {
+// Records are added one by one and in batches, deleted (the newest one more often than others) and
+// moved, and the file is replaced by a compacted one, all without a pause.
+TEST_F(ToolFollow, MissesNothingBesideAWriter) {
   makeDatabase(0);
-  constexpr uint64_t kRecords = 2000;
+  std::mt19937 random(static_cast<unsigned>(randomSeed()));
+  uint64_t newest = 0;
+  std::vector<uint64_t> present;
+  const auto removeOne = [&](qvdb::Table& table) {
+    if (present.empty()) return;
+    const size_t place = random() % 2 != 0 ? present.size() - 1 : random() % present.size();
+    table.remove(qvdb::Id{present[place]});
+    present.erase(present.begin() + static_cast<std::ptrdiff_t>(place));
+  };
+  const auto addBatch = [&](qvdb::Table& table) {
+    auto bulk = table.appender();
+    for (int i = 0; i < 5; ++i) {
+      bulk.add(qvdb::NewRecord("batch", 0, qvdb::Id{++newest}));
+      present.push_back(newest);
+    }
+    bulk.finish();
+  };
+  const auto addOne = [&](qvdb::Table& table) {
+    table.add_with_id(qvdb::Id{++newest}, std::string(random() % 400, 'x'));
+    present.push_back(newest);
+  };
+  const auto moveOne = [&](qvdb::Table& table) {
+    if (present.empty()) return;
+    table.modify(qvdb::Id{present[random() % present.size()]}, std::string(500, 'm'));
+  };
   follow({}, [&] {
-    change([](qvdb::Table& table) {
-      for (uint64_t i = 1; i <= kRecords; ++i) {
-        table.add_with_id(qvdb::Id{i}, std::string(i % 300, 'x'));
-        if (i > 5) table.remove(qvdb::Id{i - 5});
-      }
-    });
-    const std::string newest = idText(kRecords);
-    while (listed().empty() || listed().back() != newest) pause();
+    for (int round = 0; round < 24; ++round) {
+      change([&](qvdb::Table& table) {
+        const qvdb::RecordIndex index = table.index();
+        for (int i = 0; i < 100; ++i) {
+          const auto choice = random() % 6;
+          if (choice < 2) addOne(table);
+          if (choice == 2) addBatch(table);
+          if (choice == 3 || choice == 4) removeOne(table);
+          if (choice == 5) moveOne(table);
+        }
+      });
+      if (round % 4 == 3) qvdb::compact(path());
+    }
+    change(addOne);
+    while (listed().empty() || listed().back() != idText(newest)) pause();
   });
   expectEndedByCtrlC();
   const Words ids = listed();
-  EXPECT_TRUE(std::adjacent_find(ids.begin(), ids.end(), std::greater_equal<>()) == ids.end());
-  // Those that are still in the table.
-  for (uint64_t i = kRecords - 4; i <= kRecords; ++i) {
-    EXPECT_EQ(std::count(ids.begin(), ids.end(), idText(i)), 1) << i;
+  EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
+  EXPECT_TRUE(std::adjacent_find(ids.begin(), ids.end()) == ids.end());
+  for (const uint64_t id : present) {
+    EXPECT_TRUE(std::binary_search(ids.begin(), ids.end(), idText(id))) << id;
   }
 }
 

@@ -82,11 +82,15 @@ bool RecordFeed::takeFromEnd(const Table& table, const TableInfo& now, const Tak
   });
 }
 
+// The walk begins at the end that the chain has by then: what was added since `now` was read counts
+// too.
 std::vector<Record> RecordFeed::newFromEnd(const Table& table, const TableInfo& now) const {
-  const Bounds bounds = boundsOf(now);
+  Bounds bounds = boundsOf(now);
   std::vector<Record> found;
   for (const Record& record : table.records({.order = Order::newest_first})) {
-    if (found.size() >= bounds.most || wasSeen(record)) break;
+    if (wasSeen(record)) break;
+    if (found.size() >= bounds.most) bounds.most = boundsOf(table.info()).most;
+    if (found.size() >= bounds.most) break;
     const bool isOlder = record.info().create_time < last_->create_time;
     if (found.size() >= bounds.certain && isOlder) break;
     found.push_back(record);
