@@ -69,6 +69,9 @@ Located locate(const Operation& operation, Id table, Id record, FoundRecord* fou
     found->table.slotSize = 0;
     const Answer answer = askIndex(operation, *index, record, found);
     if (answer != Answer::unknown) return answer == Answer::found ? Located::byIndex : Located::no;
+    const Located located = walkTo(operation, table, record, found);
+    if (located == Located::alongChain) noteFound(operation, *index, record, found->recordPos);
+    return located;
   }
   return walkTo(operation, table, record, found);
 }

@@ -107,18 +107,14 @@ std::optional<Record> Table::recordAtEnd(Order order) const {
 
 RecordIndex Table::index() const {
   const Operation operation(database_, "index the table");
-  if (operation.database().mode != Mode::exclusive) {
-    operation.fail(
-        Reason::bad_argument,
-        "another process may change it: an index needs a database that is open exclusively");
-  }
-  SavedPosition scope(operation.db());
   RecordIndex index(detail::makeIndex(*database_, id_));
   if (!index.index_->isStale) return index;
-  detail::ChainWalker walker;
-  if (!detail::buildIndex(operation, *index.index_, &walker)) {
-    detail::failDamagedChain(operation, walker);
-  }
+  detail::look(operation, [&] {
+    detail::ChainWalker walker;
+    if (!detail::buildIndex(operation, *index.index_, &walker)) {
+      detail::failDamagedChain(operation, walker);
+    }
+  });
   return index;
 }
 

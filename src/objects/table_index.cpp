@@ -13,6 +13,7 @@
 #include "format/identifiers.h"
 #include "objects/chain_walker.h"
 #include "objects/looks.h"
+#include "objects/record_search.h"
 #include "support/file_transfers.h"
 
 using namespace qvdbase;
@@ -111,7 +112,46 @@ bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index
     const bool isNew = index.map.insert(format::identifierNumber(header.recordID), position);
     index.hasDuplicates = index.hasDuplicates || !isNew;
   }
-  return !walker.isDamaged();
+  index.lastPos = walker.passedPosition();
+  return !walker.isDamaged() || hasBecomeShorter(operation, walker);
+}
+
+// Adds what others have added since: everything that follows the last record that the index knows,
+// also when that has left the chain, up to the one that is the last now. False where the chain does
+// not lead there.
+bool catchUp(const Operation& operation, TableIndex& index, const tablePart1& slot) {
+  recordPart1 header;
+  if (index.lastPos == 0 || !readHead(operation.db(), index.lastPos, slot.tableID, &header)) {
+    return false;
+  }
+  engine::LoopDetector loop;
+  Steps steps(operation);
+  for (int64_t next = header.nextRecordPos; index.lastPos != slot.lastRecordPos;
+       next = header.nextRecordPos) {
+    if (next == 0 || loop.visited(next)) return false;
+    if (!readHead(operation.db(), next, slot.tableID, &header)) return false;
+    const bool isNew = index.map.insert(format::identifierNumber(header.recordID), next);
+    index.hasDuplicates = index.hasDuplicates || !isNew;
+    index.lastPos = next;
+    steps.next();
+  }
+  index.slot = slot;
+  return true;
+}
+
+// The map does not have the record.
+Answer askSlot(const Operation& operation, TableIndex& index, Id record,
+               engine::FoundRecord* found) {
+  const tablePart1 slot = operation.table(index.table).slot;
+  if (engine::hasSameChain(slot, index.slot)) return Answer::absent;
+  if (!operation.database().isBesideWriters || !catchUp(operation, index, slot)) {
+    index.isStale = true;
+    return Answer::unknown;
+  }
+  const std::optional<int64_t> position = index.map.find(record.value);
+  if (!position) return Answer::absent;
+  found->recordPos = *position;
+  return verify(operation, index, record, found) ? Answer::found : Answer::unknown;
 }
 
 }  // namespace
@@ -156,15 +196,21 @@ Answer askIndex(const Operation& operation, TableIndex& index, Id record,
                 engine::FoundRecord* found) {
   if (index.isStale && !buildIndex(operation, index)) return Answer::unknown;
   const std::optional<int64_t> position = index.map.find(record.value);
-  if (!position) {
-    if (engine::hasSameChain(operation.table(index.table).slot, index.slot)) return Answer::absent;
-    index.isStale = true;
-    return Answer::unknown;
-  }
+  if (!position) return askSlot(operation, index, record, found);
   found->recordPos = *position;
   if (verify(operation, index, record, found)) return Answer::found;
-  index.isStale = true;
+  // Others have moved or deleted it; the first of several may be another one now.
+  if (operation.database().isBesideWriters && !index.hasDuplicates) {
+    index.map.erase(record.value);
+  } else {
+    index.isStale = true;
+  }
   return Answer::unknown;
+}
+
+void noteFound(const Operation& operation, TableIndex& index, Id record, int64_t position) {
+  if (!operation.database().isBesideWriters || index.isStale) return;
+  if (!index.map.insert(record.value, position)) index.map.replace(record.value, position);
 }
 
 void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position) {
@@ -172,7 +218,9 @@ void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_
   if (index == nullptr || index->isStale) return;
   const bool oneMore = slot.recordCount == index->slot.recordCount + 1 &&
                        slot.recordWriteCount == index->slot.recordWriteCount + 1;
+  if (!oneMore && database.isBesideWriters) return;  // it catches up when it is asked
   index->slot = slot;
+  index->lastPos = position;
   try {
     index->isStale = !oneMore;
     if (!index->map.insert(record.value, position)) index->hasDuplicates = true;
@@ -184,6 +232,7 @@ void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_
 void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position) {
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr) return;
+  if (index->map.find(record.value) == index->lastPos) index->lastPos = position;
   index->map.replace(record.value, position);
   index->slot.firstRecordPos = slot.firstRecordPos;
   index->slot.lastRecordPos = slot.lastRecordPos;
@@ -194,8 +243,11 @@ void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_
 void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr) return;
-  if (slot.recordCount + 1 != index->slot.recordCount) index->isStale = true;
+  const bool oneLess = slot.recordCount + 1 == index->slot.recordCount &&
+                       slot.recordWriteCount == index->slot.recordWriteCount;
   index->map.erase(record.value);
+  if (!oneLess && database.isBesideWriters) return;
+  if (!oneLess) index->isStale = true;
   index->slot = slot;
   // Another record with the identifier may be the one to find now.
   if (index->hasDuplicates) index->isStale = true;

@@ -16,6 +16,7 @@ struct TableIndex {
   Id table;
   IndexMap map;
   tablePart1 slot = {};        // as it was when the map was last up to date
+  int64_t lastPos = 0;         // of the last record that was added to the map
   int64_t usualBlock = 0;      // bytes from one record to the next, about
   bool isStale = true;         // to be built again before it is used
   bool hasDuplicates = false;  // some identifier is there twice; the map has the first one
@@ -39,6 +40,10 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
 // record's neighbourhood has been read in it. Fills the header and the position only.
 Answer askIndex(const Operation& operation, TableIndex& index, Id record,
                 qvdbase::engine::FoundRecord* found);
+
+// Notes where the chain has a record that the map did not have, or had elsewhere. Only in a
+// database that others may change; elsewhere the index is built again.
+void noteFound(const Operation& operation, TableIndex& index, Id record, int64_t position);
 
 // Note every change of a chain in the table's index, with the slot as it is now.
 void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);

@@ -122,10 +122,109 @@ TEST(IndexMap, OfNothingFindsNothing) {
   EXPECT_EQ(map.size(), 0u);
 }
 
-TEST_F(LayerIndex, NeedsAnExclusivelyOpenedDatabase) {
-  createDatabase().add_table("t");
-  auto database = openDatabase(Mode::shared);
-  expectError(Reason::bad_argument, [&] { static_cast<void>(database.table("t").index()); });
+// The reads of a lookup, of which a walk along the chain of these tables needs more than five.
+template <typename Lookup>
+int readsOf(Lookup lookup) {
+  RecordedCalls host;
+  lookup();
+  return host.count(Call::read);
+}
+
+// An index in a database that others change: in this process, so that nothing but the file says so.
+class IndexBesideWriters : public LayerTest {
+ protected:
+  IndexBesideWriters() : writer_(createDatabase()), written_(writer_.add_table("t")) {
+    for (int i = 0; i < kRecords; ++i) ids_.push_back(written_.add(large_));
+    reader_ = openDatabase(Mode::read_only);
+    table_.emplace(reader_.table("t"));
+    index_.emplace(table_->index());
+  }
+
+  bool isConstant(Id id) {
+    return readsOf([&] { EXPECT_TRUE(table_->contains(id)); }) <= 5;
+  }
+
+  static constexpr int kRecords = 500;
+  const std::string large_ = std::string(3000, 'x');
+  qvdb::Database writer_;
+  qvdb::Table written_;
+  std::vector<Id> ids_;
+  qvdb::Database reader_;
+  std::optional<qvdb::Table> table_;
+  std::optional<qvdb::RecordIndex> index_;
+};
+
+TEST_F(IndexBesideWriters, CatchesUpWithWhatOthersAdd) {
+  if (!platform::gathersTransfers()) GTEST_SKIP() << "each transfer is a system call of its own";
+  EXPECT_TRUE(isConstant(ids_[499]));
+  for (int round = 0; round < 3; ++round) {
+    const Id added = written_.add("added");
+    EXPECT_TRUE(isConstant(added));
+    const std::vector<std::string> more = {"a", "b"};
+    written_.append_all(more);
+    EXPECT_LE(readsOf([&] { EXPECT_FALSE(table_->contains(Id{1})); }), 8);
+    EXPECT_EQ(index_->size(), written_.count());
+  }
+}
+
+TEST_F(IndexBesideWriters, NeverFindsWhatOthersHaveDeletedAndAlwaysWhatTheyHaveMoved) {
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_TRUE(written_.remove(ids_[static_cast<size_t>(i) * 7]));
+    EXPECT_TRUE(written_.modify(ids_[static_cast<size_t>(i) * 7 + 3], large_ + "more"));
+  }
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_FALSE(table_->contains(ids_[static_cast<size_t>(i) * 7]));
+    EXPECT_EQ(table_->get(ids_[static_cast<size_t>(i) * 7 + 3])->size(), large_.size() + 4);
+  }
+  EXPECT_EQ(index_->size(), 480u);
+}
+
+TEST_F(IndexBesideWriters, FindsASuccessorOfItsLastRecordWhateverBecameOfThat) {
+  EXPECT_TRUE(written_.modify(ids_[499], large_ + "more"));
+  const Id first = written_.add("first");
+  EXPECT_TRUE(table_->contains(first));
+  EXPECT_TRUE(written_.remove(first));
+  const Id second = written_.add("second");
+  EXPECT_TRUE(table_->contains(second));
+  EXPECT_FALSE(table_->contains(first));
+  const Id third = written_.add("third");
+  EXPECT_TRUE(written_.remove(second));
+  EXPECT_TRUE(table_->contains(third));
+  for (const qvdb::Record& record : written_.records()) {
+    EXPECT_TRUE(table_->contains(record.id()));
+  }
+}
+
+TEST_F(IndexBesideWriters, KnowsAnIdentifierThatIsUsedAgain) {
+  EXPECT_TRUE(written_.remove(ids_[100]));
+  written_.add_with_id(ids_[100], "again");
+  EXPECT_EQ(bytes(table_->get(ids_[100])).str(), "again");
+  written_.add_with_id(ids_[200], "a second one");
+  EXPECT_EQ(table_->get(ids_[200])->size(), large_.size());
+  EXPECT_TRUE(written_.remove(ids_[200]));
+  EXPECT_EQ(bytes(table_->get(ids_[200])).str(), "a second one");
+}
+
+TEST_F(IndexBesideWriters, OfTwoSharedWritersEachKnowsWhatTheOtherDoes) {
+  writer_.close();
+  qvdb::Database first = openDatabase(Mode::shared);
+  qvdb::Database second = openDatabase(Mode::shared);
+  qvdb::Table one = first.table("t");
+  qvdb::Table two = second.table("t");
+  const qvdb::RecordIndex indexOfOne = one.index();
+  const qvdb::RecordIndex indexOfTwo = two.index();
+  for (int i = 0; i < 20; ++i) {
+    const Id byOne = one.add("one");
+    const Id byTwo = two.add("two");
+    EXPECT_TRUE(two.modify(byOne, "longer than it was"));
+    EXPECT_TRUE(one.touch(byTwo));
+    if (i % 2 == 0) {
+      EXPECT_TRUE(one.remove(byTwo));
+    }
+    EXPECT_EQ(two.contains(byTwo), i % 2 != 0);
+    EXPECT_EQ(bytes(one.get(byOne)).str(), "longer than it was");
+  }
+  EXPECT_EQ(idsOf(one).size(), 500u + 20u + 10u);
 }
 
 TEST_F(LayerIndex, OfADamagedChainSaysWhere) {

@@ -24,10 +24,14 @@ struct TableIndex;
 //   table.get(id);                                    // constant time from here on
 //
 // The file decides, not the index: before a record is used, its block is read and must belong to
-// this table, carry the identifier, and have neighbours that point back to it. Otherwise, or where
-// the table's slot shows that records were added or deleted by other means, the operation walks the
-// chain as it would without an index, and the next operation builds the index again. So the results
-// are those of a table without an index.
+// this table, carry the identifier, and have neighbours that point back to it; that a record is
+// absent is asked of the table's slot. So the results are those of a table without an index, in
+// every mode:
+//   - In a database that is open exclusively, an operation that finds the index wrong, because of
+//     changes by other means, walks the chain, and the next one builds the index again.
+//   - Beside writers, an index to which others have added catches up from the last record that it
+//     knows. A record that others have moved or deleted is looked for along the chain, and only its
+//     entry is corrected. The index is built again where its last record no longer leads on.
 class QVDBASE_API RecordIndex {
  public:
   // The number of different identifiers in it.

@@ -157,8 +157,8 @@ class QVDBASE_API Table {
   }
 
   // Builds an index, by which the operations on records by identifier take constant time as long as
-  // it or a copy of it exists. See RecordIndex. Throws bad_argument unless the database was opened
-  // exclusively, chain_damaged when the records cannot all be reached, and std::bad_alloc.
+  // it or a copy of it exists. See RecordIndex. Throws chain_damaged when the records cannot all be
+  // reached, and std::bad_alloc.
   RecordIndex index() const;
 
   // Replaces a record's payload and sets its time of last modification. A payload that fits the
