@@ -19,16 +19,31 @@ namespace qvdb {
 
 // How a database is opened. The values are the permissions of OpenDBaseW.
 //
-// `exclusive` is the mode for writing. `shared` means "I take turns by other means": the library
-// does not take turns for its openers, and of two calls at one moment one can lose what the other
-// has written and acknowledged. A second opener that adds tables overwrites those of the first
-// even when both take turns. The caveats in qvdbase.h ("Two writers", "Tables added in two places",
-// "Fork") hold here too.
+// Processes that use this layer work beside each other in every combination that can be opened:
+//
+//   - `exclusive` is the mode for one writer. Readers may come and go meanwhile.
+//   - In `shared`, several processes write: every operation that writes waits for its turn, and
+//   sees
+//     all that the others have written before; an appender or a writer has the turn from its
+//     beginning until it is finished or discarded. Waiting lasts as long as OpenOptions::wait says,
+//     or five seconds; then the operation throws in_use, and has changed nothing.
+//   - A reader (`read_only`, and every opener that is not exclusive when it reads) sees each record
+//     as it was written at one time, whole, and each walk delivers every record that is there from
+//     its beginning to its end, in order and once. Records that are added, changed or deleted
+//     during a walk may be delivered as they were before, or as they are now; deleted ones may be
+//     missing. What one operation of a writer has done is visible to every operation of a reader
+//     that begins after it. A sound file is never reported as damaged. A reader waits for a writer
+//     only for a moment; where that does not end, after the same time, it throws in_use.
+//
+// This does not hold beside programs that write by the C functions: they take no turns. With mode
+// `shared` they must take turns by other means, and a reader can then meet half of a change. It
+// looks again before it reports damage, and throws changed_meanwhile where that does not end; a
+// payload that is being written over may be half old and half new. docs/together.md has it all.
 enum class Mode : int {
   any = 0,        // shared, or read_only where that is not allowed
   read_only = 1,  // never writes a byte; allowed beside every other opener
   exclusive = 3,  // reads and writes, and excludes every other writer
-  shared = 4,     // reads and writes beside other shared openers, all of which take turns
+  shared = 4,     // reads and writes beside other shared openers; the operations take turns
 };
 
 // How a database is opened, with everything that can be asked for.
@@ -42,8 +57,9 @@ struct OpenOptions {
   // Whether the ends of every table's chain are looked at, as open_checked() does.
   bool check = false;
 
-  // How long opening is tried again while the database is in use; nothing else is waited for. The
-  // error that ends it names the process that has it open, where the system reports that.
+  // How long opening is tried again while the database is in use, and how long each operation waits
+  // for its turn beside other openers; for that, 0 means five seconds. The
+  // error that ends opening names the process that has it open, where the system reports that.
   std::chrono::milliseconds wait{0};
 };
 

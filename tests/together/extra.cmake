@@ -1,0 +1,1 @@
+set(seconds 900)  # with QVDBASE_TEST_ALL
