@@ -76,13 +76,13 @@ class QVDBASE_API Table {
   RecordRange records(Load load = Load::headers) const;
 
   // The records in the order, from the place and with the part of their payloads that is asked for.
-  // The last ten, for example, cost about ten reads:
+  // WalkOptions says what that can be:
   //
-  //   for (const qvdb::Record& record :
-  //        table.records({.order = qvdb::Order::newest_first}) | std::views::take(10)) ...
+  //   for (const qvdb::Record& record : table.records({.order = qvdb::Order::newest_first})) ...
   //
-  // Nothing is read before the walk begins. It then throws record_missing when the record to begin
-  // with is not in the table.
+  // The records of a walk cost what reading them costs: the last ten about ten reads, when the walk
+  // is left after them. Nothing is read before it begins; then it throws record_missing when the
+  // record to begin with is not in the table.
   RecordRange records(const WalkOptions& options) const;
 
   // The records that were added after this one, oldest first: none when it is the last. It begins
