@@ -168,7 +168,7 @@ Database Database::openOrCreate(const std::filesystem::path& path, Mode mode) {
 Database Database::open(const std::filesystem::path& path, const OpenOptions& options) {
   if (options.create && options.mode == Mode::read_only) {
     failure::throwError(path, kOpen, Reason::bad_argument,
-                        "a file that is not there cannot be created for reading only");
+                        "a file that does not exist cannot be created for reading only");
   }
   return detail::whileInUse(options.wait, [&] {
     Database database =

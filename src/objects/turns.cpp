@@ -74,7 +74,7 @@ void ChangeTurn::keepReadersOut(const Operation& operation) {
   holdsOff_ = outcome == LockOutcome::taken;
   if (outcome != LockOutcome::refused) return;
   if (hasTurn_) platform::releaseWritersTurn(database_.handle, &database_);
-  operation.fail(Reason::in_use, "a reader in another process does not come to an end");
+  operation.fail(Reason::in_use, "a reader in another process does not finish");
 }
 
 ChangeTurn::~ChangeTurn() {

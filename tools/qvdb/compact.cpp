@@ -101,10 +101,10 @@ Until that moment the source is not changed, whatever happens: Ctrl-C, a full di
 failure. The disk needs space for both files. Only a process that is killed leaves something: a
 file .qvdb-....tmp in the folder, which you may delete.
 
-The database is checked first. One with errors, or with records that 'qvdb salvage' would bring
-back and the new file would not have, is refused with their number: 'qvdb mend' completes
-interrupted operations, 'qvdb salvage' saves the rest, and --force leaves it out. A broken chain is
-refused in any case.
+The database is checked first. It is refused if it has errors, or records that 'qvdb salvage' would
+find and the new file would not have; the message gives their number. Then 'qvdb mend' completes
+interrupted operations, 'qvdb salvage' saves the rest, and --force leaves the rest out. A broken
+chain is refused in any case.
 
 --drop, --clear and --rename can be given many times. They take the names that the tables have in
 the source.)",

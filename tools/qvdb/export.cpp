@@ -238,8 +238,8 @@ read.
 Where the list of names is damaged, or is not where the table says, as in a packed file, the files
 whose names are lost are named by their records' identifiers too, and the status is 1.
 
-A damaged file can have records that overlap, and so more bytes in its records than it has itself.
-Without --force no more is written than the size of the file.
+In a damaged file records can overlap, so that together they are larger than the file. Without
+--force no more bytes are written than the file has.
 
 Nothing is overwritten unless --force is given: if one file exists already, no file is written.
 Nothing is ever written outside the folder: a name that would lead out of it counts as damage, and

@@ -24,7 +24,7 @@ ImportedFiles namesOf(const Database& database, const Table& table) {
   if (table.data_size().value_or(0) == 0) return {};
   throw Failure(
       database.path().native() + ": table '" + table.name() +
-      "' has data of its own, in whose place the names would be stored; import into another table");
+      "' has data of its own, which the list of names would replace; import into another table");
 }
 
 // An import that would have to stop at a file that is too large for a record stores nothing.
@@ -88,7 +88,7 @@ Action define(Arguments& arguments) {
                       "Files and folders to import. A PATH that ends in '/' means the contents of "
                       "the folder.");
   arguments.flag("-r,--replace", options->replace,
-                 "Replace files that the table has already, each in its record.");
+                 "Replace files that the table already has. Each keeps its record.");
   arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
@@ -98,7 +98,7 @@ Action define(Arguments& arguments) {
 extern const Command kImportCommand = {
     "import",
     "store files and folders as records",
-    R"(Stores each file, also in folders below, as a record of its own. The names, folders, symbolic
+    R"(Stores each file, in subfolders too, as a record of its own. The names, folders, symbolic
 links, permissions and times are stored in the table's data, from where 'qvdb export' restores
 them. Names are relative: 'import ... photos' names the files photos/..., while 'photos/' and '.'
 leave that out.

@@ -78,14 +78,14 @@ counted, a back link to the place from which a record has moved, a deletion of w
 written. Where only one completion agrees with everything in the file, it is written: a few links
 and the table's slot. Table data that a pack has moved is found too.
 
-The file is checked before, and so is what it would become: nothing is written unless the result
-has no error and every record that 'qvdb salvage' would find. All other damage is refused. A
-deletion that was begun is finished; 'qvdb undelete' brings its record back.
+The file is checked before, and so is the result: nothing is written unless the result has no
+errors and has every record that 'qvdb salvage' would find. All other damage is refused. A deletion
+that was begun is finished; 'qvdb undelete' brings its record back.
 
 Records and table data that were written but never linked are not changed unless --link or --discard
-is given. Their writes never returned, so that each choice is correct. Records that a forced link
-repair has cut off their table can look like them: --discard keeps these if the record written last
-is one of them. --dry-run lists what would be removed.)",
+is given. The calls that wrote them never returned, so that either choice is correct. Records that
+a forced link repair has cut off from their table can look the same: --discard keeps these if one of
+them is the record that was written last. --dry-run lists what would be removed.)",
     R"(qvdb mend --dry-run notes.qvd
 qvdb mend notes.qvd)",
     define,

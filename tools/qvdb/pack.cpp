@@ -24,8 +24,8 @@ Deleted records and the old places of changed ones are left out. The version bec
 A table that has records loses its table data: this operation has always done so. 'qvdb compact'
 keeps everything that is live; use it unless you need exactly this.
 
-SOURCE is not changed, but is opened exclusively, for which it must be writable. 'qvdb compact'
-only reads it.
+SOURCE is not changed. But it is opened exclusively, which works only with a file that can be
+written. 'qvdb compact' only reads it.
 
 The target appears under its name only when it is complete. Ctrl-C leaves nothing.)",
     R"(qvdb pack notes.qvd packed.qvd

@@ -13,7 +13,7 @@ std::shared_ptr<PackOptions> definePacking(Arguments& arguments) {
   arguments.argument("SOURCE", options->source, "The database file. It is not changed.");
   arguments.argument("TARGET", options->target, "The file to create.");
   arguments.force(options->force,
-                  "Replace a target that exists, and pack even if records would be lost.");
+                  "Replace a target that exists, and copy even if records would be lost.");
   arguments.parents(options->parents);
   return options;
 }

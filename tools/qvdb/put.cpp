@@ -106,7 +106,7 @@ Action define(Arguments& arguments) {
 extern const Command kPutCommand = {
     "put",
     "add records",
-    R"(Adds a record for each input after the table's last one and prints its identifier. An input may be
+    R"(Adds a record for each input, at the end of the table, and prints its identifier. An input may be
 empty; a record holds at most 4,294,967,295 bytes. All inputs are stored, or none is. Standard
 input and pipes are read to their end before the database is opened.)",
     R"(echo hello | qvdb put notes.qvd letters

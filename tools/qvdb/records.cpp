@@ -192,13 +192,13 @@ extern const Command kRecordsCommand = {
 of creation and last modification (UTC) and, in a table of imported files, the file's name. The
 file is only read.
 
---last and --since read back from the end of the table, so that they cost what they list, however
-many records there are. Both list the oldest of them first.
+--last and --since read back from the end of the table, so that their time depends on what they
+list, not on how many records there are. Both list older records first.
 
-With --follow the command keeps running and lists what is added, by whatever process, without names.
-It goes on with the new file when another process compacts or replaces the database, and waits for a
-file that was removed. Only additions are listed: changes are not, and deletions show in the number
-of records only ('qvdb tables'). A record that is deleted again before it could be listed is left
+With --follow the command keeps running and lists the records that any process adds, without names.
+It continues with the new file when another process compacts or replaces the database, and waits for
+a file that was removed. Only additions are listed, not changes, and not deletions: 'qvdb tables'
+shows the number of records. A record that is deleted again before it could be listed is left
 out. With --json each record is an object on a line of its own. Ctrl-C ends it with status 0.
 
 With --deleted the last version of each deleted record is listed, with its position in the file.

@@ -23,9 +23,8 @@ identifiers and times. The records of the tables QVrz_Info and QVrz_Category kee
 QVrz_Category are categories: the identifiers of records of QVrz_Record that they list are
 replaced by the new ones. A database without a table QVrz_Category cannot be renumbered.
 
-Of the records of QVrz_Record the last one counts as unknown: unless another table follows, a
-category that lists it makes the operation fail. A table that has records loses its table data.
-This operation has always done so.
+If no table follows QVrz_Record, a category that lists the last record of QVrz_Record makes the
+operation fail. A table that has records loses its table data. This operation has always done both.
 
 The target appears under its name only when it is complete. Ctrl-C leaves nothing.)",
     R"(qvdb renumber notes.qvd twin.qvd)",

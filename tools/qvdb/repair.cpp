@@ -107,7 +107,7 @@ extern const Command kRepairCommand = {
 with the number of records, the chain is rewritten from what its beginning leads to. Payloads are
 neither moved nor changed; the version becomes 100.
 
-Records that can be found only from the end of a chain, or from neither end, drop out of it: with
+Records that can be found only from the end of a chain, or from neither end, are lost from it: with
 one link of 1,000 records broken, that can be nearly all. Before anything is written the command
 reports how many records each table would lose. If there are any, or if the file is an unfinished
 pack, it stops; 'qvdb salvage' writes a new file that has them. --force repairs anyway.

@@ -83,8 +83,8 @@ extern const Command kRmCommand = {
     "delete records",
     R"(Takes one or more records out of a table. If one of them is not in the table, none is deleted.
 Their bytes stay in the file until it is compacted. In a table of imported files their names are
-removed too, and with a name every record that it has: an import that was interrupted while it
-replaced a file leaves two.)",
+removed too. A name can have two records, after an import that was interrupted while it replaced a
+file: both are deleted.)",
     R"(qvdb rm notes.qvd letters 0x1f5e2d3c4b5a6978
 qvdb rm photos.qvd holiday beach/IMG1.jpg beach/IMG2.jpg)",
     define,

@@ -201,16 +201,17 @@ Action define(Arguments& arguments) {
                  "Also save deleted records, into the table lost-and-found.");
   arguments.flag("--versions", salvage.versions,
                  "Also save older versions of records, into the table lost-and-found.");
-  arguments.flag("--orphans", salvage.orphans,
-                 "Blocks of tables that the directory does not have are saved into tables named "
-                 "after their identifiers. Also save those that may be something else: pieces of a "
-                 "torn block's payload or, with --from, of another database. When the directory is "
-                 "damaged, these are saved in any case.");
+  arguments.flag(
+      "--orphans", salvage.orphans,
+      "Also save blocks of unknown tables that may be something else: pieces of a torn "
+      "block's payload or, with --from, of another database. All other blocks of unknown "
+      "tables are saved in any case, into tables named after their identifiers. When "
+      "the directory is damaged, so are these.");
   arguments.option(
       "--grade", "GRADE", options->grade,
       "Save blocks of this grade and better: A, all of the block is valid (the default); "
-      "B, all but one of end mark, identifier and capacity, so that the payload may be "
-      "cut short; C, only the header.");
+      "B, all except one of end mark, identifier and capacity, and the payload may be cut "
+      "short; C, only the header is valid.");
   arguments.flag("--in-place-tables", salvage.in_place_tables,
                  "Put deleted records back into their own tables, after the others.");
   arguments.option("--extract", "DIR", options->extract,
@@ -219,12 +220,12 @@ Action define(Arguments& arguments) {
   arguments.option(
       "--deep", "DIR", options->deep,
       "Also search for databases that are stored in payloads, or one after the other in an "
-      "image of a device, and salvage each into DIR/at-OFFSET.qvd. Together these files do not "
-      "become larger than four times SRC; those left out are named.");
+      "image of a device, and salvage each into DIR/at-OFFSET.qvd. Together these files are at "
+      "most four times as large as SRC; databases that are left out are listed.");
   arguments.option(
       "--from", "OFFSET", options->from,
-      "Where the database begins in SRC, in bytes. Below 0: so many bytes are missing at "
-      "its beginning.");
+      "Where the database begins in SRC, in bytes. If OFFSET is negative, that many bytes are "
+      "missing at its beginning.");
   arguments.flag("--ignore-directory", salvage.ignore_directory,
                  "Ignore the directory, and rely on the blocks alone.");
   arguments.parents(salvage.create_folders);

@@ -91,8 +91,8 @@ constexpr FindingCode kCodes[] = {
      kTailAdvice},
     {"R8", kError, "a record's back link does not name its predecessor",
      "deleting this record; enlarging it or its predecessor",
-     "link repair mends this without loss, where it notices it, if it is the only kind of finding "
-     "on the table; else 'qvdb salvage' does"},
+     "if the table has no other kind of finding, link repair mends this without loss, where it "
+     "notices it; otherwise run 'qvdb salvage' into a new file"},
     {"R9", kError, "the chain leads back into itself",
      "nothing at once: lookups and listing repeat records, and miss those after the loop",
      kTailAdvice},
@@ -100,7 +100,7 @@ constexpr FindingCode kCodes[] = {
      "listing the table; finding these records",
      "run 'qvdb salvage' into a new file; link repair would drop them"},
     {"R11", kError, "a record claims more data than its capacity",
-     "reading the record: it gives bytes of what follows", kSalvage},
+     "reading the record: it returns bytes of what follows", kSalvage},
     {"R12", kError, "a record reaches beyond the end of the file",
      "reading the record; pack, if the data itself is cut off", kSalvage},
     {"R13", kError, "a record's end mark is missing", kNothing,
@@ -123,7 +123,7 @@ constexpr FindingCode kCodes[] = {
     {"T5", kInformation, "there is no end mark directly after the table data", kNothing, kLeave},
 
     // ---- Space
-    {"S1", kError, "two blocks overlap", "reading the first of them gives bytes of the second",
+    {"S1", kError, "two blocks overlap", "reading the first of them returns bytes of the second",
      kSalvage},
     {"S2", kWarning, "blocks that no chain leads to", kNothing,
      "superseded and deleted ones: 'qvdb compact' drops them; lost or unlinked ones: 'qvdb "
@@ -135,7 +135,7 @@ constexpr FindingCode kCodes[] = {
      "something else wrote to the file, or the system lost what was written; 'qvdb compact' drops "
      "them"},
     {"S6", kInformation, "blocks inside the payload of another", kNothing,
-     "a database is stored as a record; it counts as data, and 'qvdb salvage --deep' takes it out"},
+     "a database is stored as a record; it counts as data, and 'qvdb salvage --deep' extracts it"},
     {"S7", kInformation, "space that is not used", kNothing,
      "nothing needs to be done; 'qvdb compact' drops what is dead and clears older data after "
      "payloads, but keeps the spare capacity of blocks"},
@@ -155,7 +155,7 @@ constexpr FindingCode kCodes[] = {
 
     // ---- Imported files
     {"I1", kWarning, "the list of imported files is damaged",
-     "no call of the library; the command-line tool knows the names before the damage only",
+     "no call of the library; the command-line tool knows only the names before the damage",
      "'qvdb export' writes all records, those without a name under their identifiers"},
     {"I2", kInformation, "a list of imported files has names without records", kNothing,
      "an import that was killed leaves them; importing the same files again completes them"},

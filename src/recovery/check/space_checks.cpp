@@ -227,8 +227,8 @@ class SpaceCheck {
     if (dead == 0) return;
     std::string warning;
     if (lost > 0) warning = joined("; ", lost, " of them hold what was lost, not deleted");
-    check_.information("S7", {}, counted(dead, "byte"), " of ", survey_.size,
-                       " would come back by packing", warning, ".");
+    check_.information("S7", {}, "Packing would free ", counted(dead, "byte"), " of ", survey_.size,
+                       warning, ".");
   }
 
   Check& check_;

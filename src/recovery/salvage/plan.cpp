@@ -114,7 +114,7 @@ class Planner {
     Group& group = taken_.groups[owner];
     if (group.isPlanned) {
       return note("Slot ", table.slot,
-                  " has the identifier of another; only the first of them was taken.");
+                  " has the identifier of another slot; only the first of the two was taken.");
     }
     if (!isPlannable(table)) return;
     group.isPlanned = true;

@@ -132,8 +132,8 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) {
   }
   if (!notWritten.empty()) report->notes.push_back(aboutNotWritten(notWritten));
   if (leftOut_ > 0) {
-    report->notes.push_back(joined("There seem to be ", leftOut_, " more databases stored in ",
-                                   "payloads than are salvaged at once."));
+    report->notes.push_back(joined("Payloads seem to hold ", leftOut_, " databases more ",
+                                   "than are salvaged at once."));
   }
 }
 

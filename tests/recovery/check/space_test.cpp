@@ -114,14 +114,14 @@ TEST(CheckOfSpace, ReportsWhatAPackWouldLeaveOut) {
   file.image.slot(file.table).lastRecordPos = a;
   file.image.slot(file.table).recordCount = 1;
   EXPECT_EQ(file.check().first("S7").message,
-            "63 bytes of " + std::to_string(file.image.end()) + " would come back by packing.");
+            "Packing would free 63 bytes of " + std::to_string(file.image.end()) + ".");
   RecordFields orphan;
   orphan.tableID = identifier(0x22);
   orphan.recordID = identifier(0xB1);
   file.image.addDeadRecord(orphan);  // 56 bytes
-  EXPECT_EQ(file.check().first("S7").message,
-            "119 bytes of " + std::to_string(file.image.end()) +
-                " would come back by packing; 56 of them hold what was lost, not deleted.");
+  EXPECT_EQ(file.check().first("S7").message, "Packing would free 119 bytes of " +
+                                                  std::to_string(file.image.end()) +
+                                                  "; 56 of them hold what was lost, not deleted.");
 }
 
 // Spare capacity survives a compaction, so the advice must not promise it back.
