@@ -1,8 +1,8 @@
 // The directory cache: one entry for each open database whose directory has been read, so that the
 // operations after the first need not read header and directory numbers again.
 //
-// An entry is found by its handle. All threads share the list, under a lock of its own; what they
-// are given are copies. It is kept until the database is closed, or until a whole-file
+// An entry is found by its handle. All threads share the list, under a lock of its own, and get
+// copies of its entries. An entry is kept until the database is closed, or until a whole-file
 // operation drops it. What other processes change in the header meanwhile is not seen.
 #pragma once
 

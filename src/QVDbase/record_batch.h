@@ -7,8 +7,8 @@
 // blocks at the end of the file, and one that is discarded leaves nothing.
 //
 // A record whose payload the caller does not have as a whole is added in pieces. As long as it fits
-// the piece in memory it is like any other; a larger one is written with lengths that reach beyond
-// any file, so that it counts as cut off, and gets its own when all of it is there.
+// the piece in memory it is like any other. A larger one is written with lengths that reach beyond
+// any file, so that it counts as cut off, and gets its real lengths when all of it is there.
 #pragma once
 
 #include <cstdint>

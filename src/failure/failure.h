@@ -1,5 +1,5 @@
 // How operations of the C++ layer fail: the one place that composes the sentence of an error, and
-// the ones that turn what the host answered into a reason.
+// that turns an answer of the host into a reason.
 #pragma once
 
 #include <qvdbase/qvdb/error.hpp>
@@ -34,8 +34,8 @@ std::string wordsFor(const platform::LockHolder& holder);
 [[noreturn]] void throwOpenFailure(const std::filesystem::path& path, const char* operation,
                                    const platform::OpenFailureFound& found);
 
-// A folder that could not be made or looked at, for the sake of the file `path`. `what` says which
-// folder, and begins the reason: "its folder cannot be created".
+// A folder, needed for the file `path`, that could not be created or looked at. `what` begins the
+// reason and says which folder: "its folder cannot be created".
 [[noreturn]] void throwFolderFailure(const std::filesystem::path& path, const char* operation,
                                      const std::string& what, const std::error_code& code);
 

@@ -163,9 +163,9 @@ class LinkRepair {
     for (QVNode* node = forward_.first(); node != nullptr; node = node->next) {
       merged_.appendIfNew(VisitedRecords::entryOf(node));
     }
-    // Kept deliberately: by the count of the backward list it is the forward list that is read,
-    // from that index down to its first entry. What was reached only backwards stays out of
-    // the chain. Indexes that the forward list does not have are passed over.
+    // Kept deliberately: the count is that of the backward list, but the forward list is read, from
+    // that index down to its first entry. What was reached only backwards stays out of the
+    // chain. Indexes that the forward list does not have are left out.
     const int from = std::min(backward_.size(), forward_.size()) - 1;
     for (QVNode* node = forward_.nodeAt(from); node != nullptr; node = node->prev) {
       merged_.appendIfNew(VisitedRecords::entryOf(node));
@@ -226,7 +226,7 @@ class LinkRepair {
   VisitedRecords merged_;
 };
 
-// However the repair ends.
+// Closes the file, however the repair ends.
 struct ClosedAtEnd {
   ~ClosedAtEnd() {
     dropDirectoryEntry(db);

@@ -260,8 +260,8 @@ void PackSteps::closeDestination() {
   close(dst_, dstTurn_);
 }
 
-// What is closed is closed once more, as required, but not where the number can be that of another
-// thread's file by now.
+// As required, what is closed already is closed once more; but not where another thread's file may
+// have got the number by now.
 void PackSteps::close(int16_t file, std::optional<platform::Turn>& turn) {
   if (!turn && !platform::isOnlyThread()) return;
   dropDirectoryEntry(file);

@@ -52,7 +52,7 @@ class PackWithHandle : public PackSteps {
   }
 
   // The wrong way round, and required: a rewrite that succeeds ends the pack, and one that fails
-  // does not. Made past the scope, in which a write may be gathered and fails every later one.
+  // does not. Not made in the scope: there a write that fails makes every later one fail.
   bool rewriteSlotWithData(const tablePart1& slot) override {
     if (!CallScope::completeWrites()) return false;
     const platform::TransferPause direct;

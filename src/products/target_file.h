@@ -23,11 +23,11 @@ std::filesystem::path resolved(const std::filesystem::path& path, const char* op
 // What requireFolder() does with missing folders.
 enum class Missing : uint8_t { fail, areCreated, areCreatedAndSynced };
 
-// Makes the folder that the file is to lie in, and those in its path, if that is asked for.
-// Throws path_not_reachable when it is not there, access_denied, cannot_write.
+// Makes sure that the folder of the file exists, and creates it and those in its path if asked to.
+// Throws path_not_reachable when it does not exist, access_denied, cannot_write.
 void requireFolder(const std::filesystem::path& file, const char* operation, Missing missing);
 
-// Who may do what with the file, to be given to one that is made from it. Throws cannot_read.
+// Who may do what with the file, for a file that is made from it. Throws cannot_read.
 qvdbase::platform::FileAccess accessOf(const std::filesystem::path& file, const char* operation);
 
 // What becomes of a file that has the target's name already.
@@ -47,12 +47,12 @@ class TargetFile {
   // path_not_reachable; and bad_argument when it cannot be replaced for its hard links.
   TargetFile(const std::filesystem::path& target, const char* operation, const TargetRules& rules);
 
-  // The entry `name` of an open folder, and the file begun: its owner's alone. What has the name
-  // makes way, whatever it is, if the rules say so. Throws the same.
+  // The entry `name` of an open folder. The file is begun at once, and only its owner may open it.
+  // Whatever has the name is replaced, if the rules say so. Throws the same.
   TargetFile(int folder, const std::string& name, const std::filesystem::path& path,
              const char* operation, const TargetRules& rules);
 
-  // As it was named.
+  // As the caller named it.
   const std::filesystem::path& given() const { return given_; }
 
   // Whether a file is going to be replaced that this process also reads.
@@ -62,13 +62,13 @@ class TargetFile {
   // source, if that is given, else what the process gives to new files. Throws.
   qvdbase::platform::NewFile& create(const qvdbase::platform::FileAccess* source);
 
-  // For a routine that makes the file by its path: a path at which nothing is, in a folder that no
-  // other user can enter. Throws.
+  // For a routine that makes the file by its path: returns a path at which there is nothing, in a
+  // folder that no other user can enter. Throws.
   const std::string& makePrivateFolder();
   // Takes over what the routine has made. Throws.
   void takeOver(const qvdbase::platform::FileAccess& source);
 
-  // Valid once it is made.
+  // Valid once the file is made.
   qvdbase::platform::NewFile& file() { return *file_; }
   const qvdbase::platform::NewFile& file() const { return *file_; }
 

@@ -93,7 +93,7 @@ class Compaction {
   }
 
  private:
-  // Said rather than anything else that is found then: half-done work looks like damage.
+  // Reported before anything else that was found: work in progress looks like damage.
   void refuseIfChanged(const OpenedFile& file) const {
     if (!file.hasChanged()) return;
     throwError(source_, kOperation, Reason::in_use, "it was changed meanwhile");
@@ -117,7 +117,7 @@ class Compaction {
     throwError(source_, kOperation, reasonOf(reader.damage()), reader.why(), std::move(known));
   }
 
-  // The chains are whole. Refuses what would be lost beside them.
+  // The chains are whole. Refuses when records or data outside them would be lost.
   void judge(const OpenedFile& file, const Survey& all) {
     verdict_ = judgeCopy(file.source(), all);
     if (verdict_.isClean() || options_.force) return;
@@ -130,7 +130,7 @@ class Compaction {
     return damage == LiveDamage::data ? Reason::data_damaged : Reason::directory_damaged;
   }
 
-  // For the progress of the survey, which does not know yet whether they are there.
+  // Only for the progress of the survey: which of them are there is not known yet.
   uint64_t countedRecords() const {
     uint64_t count = 0;
     for (const tablePart1& slot :

@@ -1,8 +1,8 @@
-// What the library's calls will do with a file, worked out from what they read and in which order.
+// What the library's calls will do with a file, predicted from what they read and in which order.
 //
-// These are exact for the file as it is, unless its directory is laid out in another way than every
-// other: then nothing counts as usable. They follow the rules of the operations themselves,
-// applied to the walks of the survey, which saw more than the operations ever do.
+// The predictions are exact for the file as it is, with one exception: where its directory is laid
+// out in an unusual way, nothing counts as usable. They apply the rules of the operations to the
+// walks of the survey, which has seen more than the operations ever do.
 #include <algorithm>
 #include <optional>
 
@@ -47,8 +47,8 @@ class TableCalls {
     return survey_.blocks[table_.backward.blocks.front()].next == 0;
   }
 
-  // The readers of table data compare its owner with the identifier made afresh from the number,
-  // and so with the right sum, whatever the sum in the slot is.
+  // The readers of table data compare its owner with an identifier that they make from the table's
+  // number: that one has the right sum, whatever the sum in the slot is.
   bool canReadData() const {
     if (slot_.firstDataPos == 0) return true;
     const Block* const block = survey_.blockAt(slot_.firstDataPos);

@@ -124,7 +124,7 @@ class Completer {
     finish(*differ.second, isLast ? forward_.back() : *differ.first);
   }
 
-  // What becomes the record written last is a neighbour of the one that goes.
+  // The record written last becomes a neighbour of the one that is deleted.
   void finish(uint32_t number, uint32_t neighbour) {
     result_.gone.push_back(number);
     step("the deletion of the record at ", positionOf(number), " is finished");

@@ -5,15 +5,15 @@
 // first), while one that they still name belongs to a chain that was broken elsewhere.
 //
 // A batch of records that was cut off before it was linked is the exception: its blocks name each
-// other. Of a chain that is whole without them, the count of records that were ever written says
-// whether they were part of it: a batch is counted as a whole or not at all.
+// other. Where the chain is whole without them, the count of records that were ever written shows
+// whether they were in it: a batch is counted as a whole or not at all.
 //
 // The blocks of one record are in the file in the order in which they were written. Of a record
 // that no chain holds, the last whole block is its last version.
 //
-// A power failure can leave a moved record's links on the device, and of its new block only a part.
-// So a block in a chain replaces an older version only if it is complete: it has an identifier, and
-// its end mark is there.
+// After a power failure the device can have the links to a moved record, but only a part of its new
+// block. So a block in a chain replaces an older version only if it is complete: it has an
+// identifier, and its end mark is there.
 #include <algorithm>
 #include <functional>
 #include <span>
@@ -32,8 +32,8 @@ namespace {
 
 enum class Evidence { none, agree, disagree };
 
-// Whether the block in a chain, which has no identifier, may be the moved record of the other: a
-// record keeps the time of its creation, as far as that reached the device.
+// Whether `nameless`, a block in a chain that lacks its identifier, may hold the record of `older`
+// since it was moved: a record keeps the time of its creation, if that reached the device.
 bool mayHaveReplaced(const Block* nameless, const Block& older) {
   if (nameless == nullptr || nameless->recordID != 0 || older.recordID == 0) return false;
   return nameless->isReached() && nameless->position > older.position &&
@@ -139,7 +139,7 @@ class Labeller {
     return older != nullptr ? older : reached;
   }
 
-  // What the walk from the front reaches comes before what only the walk from the back does.
+  // A block that the walk from the front reaches is preferred to one that only the other reaches.
   static const Block* reachedVersion(Versions versions, bool mustBeComplete) {
     const Block* last = nullptr;
     const Block* first = nullptr;
@@ -258,9 +258,9 @@ class Labeller {
     return batches;
   }
 
-  // How many of the batches were never counted, with so many records that were not: the latest
-  // ones, as the blocks of a file are in the order in which they were written. `single` are blocks
-  // of which each may have been counted or not. `inBatches` becomes the number of their records.
+  // How many of the batches were never counted, if so many records were not. They are the latest
+  // ones, as the blocks of a file are in the order in which they were written. Each block of
+  // `single` may have been counted or not. `inBatches` becomes the number of records in them.
   static size_t uncountedBatches(const std::vector<Batch>& batches,
                                  const std::vector<Block*>& single, uint64_t neverCounted,
                                  uint64_t* inBatches) {
@@ -333,8 +333,8 @@ Label labelOf(const Survey& survey, const Block& data, const Block* current, con
   return wasNeverSet ? Label::unlinked : Label::detached;
 }
 
-// Of the blocks of table data of a table, the one that its slot leads to is in use; without such a
-// one, the newest that is whole was.
+// Of the blocks of table data of a table, the one that its slot leads to is in use. If there is
+// none, the newest whole one was in use last.
 void labelTableData(Survey* survey) {
   std::vector<const Block*> current(survey->owners.size(), nullptr);
   std::vector<Block*> newest(survey->owners.size(), nullptr);

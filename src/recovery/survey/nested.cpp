@@ -1,19 +1,18 @@
 // Blocks that are parts of payloads.
 //
 // A payload may hold a database, or a piece of one, or what an older and longer payload has left
-// after a shorter one. It may be a copy of this very database, of an earlier day, so that its
-// blocks have tables and even records of this one. What distinguishes them is where they are, and
-// their links, which count from where their own database begins. The first rule that applies:
+// after a shorter one. It may be an older copy of this very database, whose blocks name tables and
+// even records of this one. What distinguishes them is where they are, and their links, which count
+// from where their own database begins. The first rule that applies decides:
 //
 //   - A block that its neighbour in this file names belongs to this file, wherever it is.
-//   - What is inside of a whole block is part of its payload. That block must hold none of
-//     those above, and its end mark must be its own. A torn append claims space that others were
-//     written into, and where it seems to have an end mark, that is a byte of one of them.
-//   - Where the block that held a database is not whole, the chains of the stored directory,
-//     followed from where it begins, lead to blocks of its own. What is before the end of the
-//     last of them is its own too, and so is what follows without a byte between: a database is one
-//     stretch of bytes. It ends before anything begins that is surely this file's, or whose links
-//     fit better here.
+//   - A block inside a whole block is part of its payload. The whole block must hold no block of
+//     the rule above, and its end mark must be its own: a torn append claims space into which
+//     other blocks were written, and what looks like its end mark is a byte of one of them.
+//   - Where the block that held a database is not whole, the chains of the stored directory lead
+//     to blocks of that database. All that is before the end of the last of them belongs to it
+//     too, and so does what follows without a gap: a database is one stretch of bytes. The stretch
+//     ends where a block begins that is surely this file's, or whose links fit better here.
 //   - After the beginning of such a database, a block of one of its tables is part of it if this
 //     file has the same block at the same distance from its own beginning, or if its links fit
 //     better there than here; and if its table is unknown here, also if they fit neither.

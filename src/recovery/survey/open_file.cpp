@@ -17,9 +17,9 @@
 namespace qvdbase::survey {
 namespace {
 
-// The times of a file move in ticks of the system's clock, of up to ten milliseconds. A write in
-// the same tick as the one before leaves them as they are. So a file that was written just now is
-// given time until every further write shows.
+// The times of a file change in ticks of the system's clock, of up to ten milliseconds: a second
+// write in the same tick leaves them unchanged. So after a write just now, the look at the file
+// waits until every further write would show.
 constexpr std::chrono::milliseconds kTick(12);
 
 bool isFresh(const platform::FileStamp& stamp) {

@@ -6,10 +6,10 @@
 
 namespace qvdbase::survey {
 
-// Splits the numbers below `successors.size()` into pieces that follow each other; those that no
-// other follows have a successor beyond all. Pieces that begin with one that follows no other come
-// first, then circles, each in the order of their beginnings. Where two have the same successor,
-// the first of them takes it.
+// Splits the numbers below `successors.size()` into pieces, in each of which one number follows the
+// other. A number that none follows has a successor that is not below that size. The pieces are in
+// the order of their first numbers, circles after all others. Where two numbers have the same
+// successor, it follows the first of them.
 std::vector<std::vector<size_t>> piecesOf(const std::vector<size_t>& successors);
 
 }  // namespace qvdbase::survey

@@ -120,8 +120,8 @@ struct Block {
   uint8_t flaws = 0;
   uint8_t reach = 0;
   int8_t slot = kNoSlot;  // the slot whose chain or data it is
-  // It begins in the space that a block before it claims which is not whole: it may be a piece of
-  // that one's payload.
+  // It begins in the space that an earlier block claims. That one is not whole, so this one may be
+  // a piece of its payload.
   bool isInTornBlock = false;
 
   int64_t dataPos() const {
@@ -274,7 +274,7 @@ struct Survey {
 struct SurveyOptions {
   bool deep = false;             // look for blocks inside the payloads of live blocks, too
   int64_t from = 0;              // first byte that may belong to a block
-  bool ignoreDirectory = false;  // take the image for blocks alone
+  bool ignoreDirectory = false;  // treat the image as blocks alone
 };
 
 Survey makeSurvey(const ByteSource& source, const SurveyOptions& options = {});
