@@ -4,12 +4,8 @@
 // The records with the numbers 1 to kStaying are never deleted; they change, in place and by moving
 // to new blocks. All others come and go. Every payload says what it is.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <unistd.h>
 #include <qvdbase/qvdb.hpp>
 
-#include <atomic>
 #include <random>
 #include <set>
 #include <string>
@@ -19,6 +15,7 @@
 #include "kit/random_seed.h"
 #include "kit/test_extent.h"
 #include "objects/layer_fixture.h"
+#include "together/board.h"
 #include "together/payloads.h"
 
 namespace qvdbase::test {
@@ -31,25 +28,6 @@ using qvdb::Reason;
 
 constexpr uint64_t kStaying = 60;
 constexpr uint32_t kLongest = 3000;
-
-// What the processes share.
-struct Board {
-  std::atomic<bool> isOver;
-  std::atomic<uint32_t> looks;
-};
-
-// Lets the readers end, also when the writer fails.
-struct AtEnd {
-  Board& board;
-  ~AtEnd() { board.isOver = true; }
-};
-
-Board* sharedBoard() {
-  void* memory =
-      ::mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) throw std::runtime_error("no memory");
-  return new (memory) Board{};
-}
 
 void require(bool condition, const std::string& what) {
   if (!condition) throw std::runtime_error(what);
@@ -165,6 +143,7 @@ class Reader {
  private:
   void look() {
     if (random_() % 8 == 0 && !database_.is_current()) database_.reopen();
+    if (random_() % 64 == 0) check();
     switch (random_() % 6) {
       case 0:
         return walk(Order::oldest_first);
@@ -179,6 +158,13 @@ class Reader {
       default:
         return readLater();
     }
+  }
+
+  // Of the file that has the name now: sound, or in use where it changes too fast.
+  void check() {
+    const qvdb::CheckReport report = qvdb::check(database_.path(), [](const qvdb::Finding&) {},
+                                                 {.retries = 2, .wait_milliseconds = 1});
+    require(report.state != qvdb::CheckState::damaged, "the check reports damage");
   }
 
   void walk(Order order) {
@@ -240,7 +226,7 @@ class TogetherTest : public LayerTest, public testing::WithParamInterface<const 
 TEST_P(TogetherTest, FourReadersSeeAPossibleHistory) {
   const std::string table = GetParam();
   const uint64_t seed = randomSeed();
-  Board* const board = sharedBoard();
+  const SharedBoard board;
   std::vector<ForkedLater> processes;
   for (uint64_t i = 0; i < 4; ++i) {
     processes.emplace_back([&, i] {
@@ -250,7 +236,7 @@ TEST_P(TogetherTest, FourReadersSeeAPossibleHistory) {
   }
   processes.emplace_back([&] {
     const AtEnd end{*board};
-    Writer(path(), table, seed).work(testEverything() ? 200'000 : 8'000);
+    Writer(path(), table, seed).work(testEverything() ? 200'000 : 5'000);
     return 0;
   });
   {
@@ -265,7 +251,6 @@ TEST_P(TogetherTest, FourReadersSeeAPossibleHistory) {
   for (ForkedLater& process : processes) EXPECT_EQ(process.end(), 0);
   EXPECT_GT(board->looks, 0u);
   reportCount("looks of readers beside a writer", board->looks);
-  ::munmap(board, sizeof(Board));
 }
 
 INSTANTIATE_TEST_SUITE_P(TablesIn, TogetherTest, testing::Values("first", "t28"),
