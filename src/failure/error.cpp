@@ -45,7 +45,8 @@ constexpr Words kWords[] = {{Reason::path_not_reachable, "path not reachable"},
                             {Reason::read_only_file_system, "read-only file system"},
                             {Reason::size_limit, "too long for the limits of the system"},
                             {Reason::damaged, "damaged"},
-                            {Reason::changed_meanwhile, "changed meanwhile"}};
+                            {Reason::changed_meanwhile, "changed meanwhile"},
+                            {Reason::opened_elsewhere, "opened by another process"}};
 
 }  // namespace
 

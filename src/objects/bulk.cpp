@@ -47,6 +47,7 @@ std::shared_ptr<Bulk> Bulk::begin(const Operation& operation,
 }
 
 void Bulk::requireOpen(const Operation& operation) const {
+  operation.requireOwn();
   if (state == State::finished) operation.fail(Reason::bad_argument, "the batch is finished");
   if (state == State::discarded) operation.fail(Reason::bad_argument, "the batch was discarded");
 }
@@ -92,6 +93,7 @@ void Bulk::link(const Operation& operation) {
 }
 
 void Bulk::discard() noexcept {
+  const DatabaseTurn turn(*database);
   if (!isOpen()) return;
   state = State::discarded;
   database->bulk = nullptr;
@@ -104,6 +106,7 @@ void Bulk::discard() noexcept {
 }
 
 void Bulk::dropRecord() noexcept {
+  const DatabaseTurn turn(*database);
   inPieces = false;
   if (!isOpen() || !ownsFile()) return;
   engine::SavedPosition scope(database->handle);

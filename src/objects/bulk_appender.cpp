@@ -50,6 +50,7 @@ uint32_t BulkAppender::finish() {
 }
 
 uint32_t BulkAppender::taken() const noexcept {
+  const detail::DatabaseTurn turn(*bulk_->database);
   return bulk_->batch.taken();
 }
 

@@ -97,7 +97,9 @@ DatabaseInfo readInfo(const Operation& operation) {
 Database::Database(std::shared_ptr<OpenDatabase> state) noexcept : state_(std::move(state)) {}
 
 Database::~Database() {
-  if (state_ == nullptr || state_->handle == 0) return;
+  if (state_ == nullptr) return;
+  const detail::DatabaseTurn turn(*state_);
+  if (state_->handle == 0) return;
   state_->discardBulk();
   state_->close();
 }
@@ -131,9 +133,11 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
   if (target.isReadHere()) {
     failure::throwError(path, kOperation, Reason::in_use, "this program has it open");
   }
-  if (!target.create(nullptr).handOver(&state->handle)) {
+  int16_t handle = 0;
+  if (!target.create(nullptr).handOver(&handle)) {
     failure::throwError(path, kOperation, Reason::cannot_open, "too many files are open");
   }
+  state->handle = handle;
   if (!engine::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
     target.failWriting(platform::findWriteFailure(uint64_t{format::kNewFileSize}));
   }
@@ -199,7 +203,9 @@ std::u16string Database::native_path(const std::filesystem::path& path) {
 }
 
 void Database::close() {
-  if (!is_open()) return;
+  if (state_ == nullptr) return;
+  const detail::DatabaseTurn turn(*state_);
+  if (state_->handle == 0) return;
   state_->discardBulk();
   if (state_->close() != 0) return;
   constexpr const char* kOperation = "close the database";
@@ -219,11 +225,14 @@ bool Database::is_current() const {
 // What was read of the file that was open before is forgotten before anything can fail.
 void Database::reopen() {
   OpenDatabase& reopened = state();
-  reopened.discardBulk();
-  ++reopened.opening;
-  ++reopened.changes;
-  detail::markIndexesStale(reopened);
-  if (reopened.handle != 0) reopened.close();
+  {
+    const detail::DatabaseTurn turn(reopened);
+    reopened.discardBulk();
+    ++reopened.opening;
+    ++reopened.changes;
+    detail::markIndexesStale(reopened);
+    if (reopened.handle != 0) reopened.close();
+  }
   Database opened =
       detail::whileInUse(reopened.wait, [&] { return open(reopened.place, reopened.mode); });
   reopened.takeOver(*opened.state_);

@@ -85,8 +85,7 @@ void withdraw(OpenDatabase& database) noexcept {
 }
 
 // The numbers in the directory cache may be of an earlier moment.
-Look::Look(const Operation& operation)
-    : database_(operation.database()), inProcess_(database_.handle) {
+Look::Look(const Operation& operation) : database_(operation.database()) {
   if (database_.looks == 0) {
     begin(operation);
     engine::dropDirectoryEntry(database_.handle);

@@ -17,7 +17,6 @@
 
 #include "QVDbase/position.h"
 #include "objects/open_database.h"
-#include "platform/handles/turns.h"
 
 namespace qvdb::detail {
 
@@ -36,7 +35,6 @@ class Look {
 
  private:
   OpenDatabase& database_;
-  const qvdbase::platform::Turn inProcess_;  // of the threads that use the file
 };
 
 // Counts the steps of a walk and lets waiting writers through from time to time.

@@ -26,17 +26,22 @@ OpenDatabase::~OpenDatabase() {
 }
 
 void OpenDatabase::takeOver(OpenDatabase& other) noexcept {
-  handle = std::exchange(other.handle, 0);
+  const DatabaseTurn turn(other);
   isBesideWriters = other.isBesideWriters;
   isAnnounced = std::exchange(other.isAnnounced, false);
   mayMissChanges = other.mayMissChanges;
   announcedAt = other.announcedAt;
+  opener = other.opener;
+  handle = other.handle;
+  other.handle = 0;
 }
 
 int OpenDatabase::close() noexcept {
   withdraw(*this);
   isBesideWriters = false;
-  return CloseDBase(std::exchange(handle, 0));
+  const int16_t closed = handle;
+  handle = 0;
+  return CloseDBase(closed);
 }
 
 void OpenDatabase::discardBulk() noexcept {
@@ -67,10 +72,21 @@ bool saysWhatTheFileHolds(Reason reason) {
   }
 }
 
+// The number may have become that of another file before its turn was taken.
+DatabaseTurn::DatabaseTurn(const OpenDatabase& database) {
+  for (;;) {
+    const int16_t handle = database.handle;
+    if (handle == 0) return;
+    turn_.emplace(handle);
+    if (database.handle == handle) return;
+    turn_.reset();
+  }
+}
+
 Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
-    : database_(databaseOf(database, name)), name_(name) {
+    : database_(databaseOf(database, name)), name_(name), turn_(database_), db_(database_.handle) {
   platform::forgetHostFailure();
-  if (database_.handle == 0) fail(Reason::not_open, "it was closed");
+  if (db_ == 0) fail(Reason::not_open, "it was closed");
 }
 
 void Operation::fail(Reason reason, const std::string& why,
@@ -108,6 +124,17 @@ void Operation::requireWritable() const {
   const auto* file = platform::findOpenFile(db());
   if (file == nullptr) fail(Reason::not_open, "its handle was closed by other means");
   if (!file->isWritable()) fail(Reason::read_only, "it was opened for reading only");
+  requireOwn();
+}
+
+void Operation::requireSameFile() const {
+  if (database_.handle != db_) fail(Reason::not_open, "it was closed meanwhile");
+}
+
+void Operation::requireOwn() const {
+  if (database_.opener.isStillOwn()) return;
+  fail(Reason::opened_elsewhere,
+       "the process that opened it is another one, of which this is a child; open it again here");
 }
 
 void Operation::requireIdentifier(Id record) const {

@@ -1,4 +1,10 @@
 // What a Database, its tables and its records share: the handle, and how they report failures.
+//
+// Threads: each operation has the turn of its database, which is that of the file in the platform
+// layer, from its beginning to its end. Only it touches what the database holds, apart from a few
+// published numbers and what never changes. Where several locks are held they were taken in this
+// order: the turn of the database, what keeps other openers out (looks.h, turns.h), and the locks
+// of the layers below.
 #pragma once
 
 #include <qvdbase/qvdb/database.hpp>
@@ -18,33 +24,26 @@
 #include "QVDbase/position.h"
 #include "QVDbase/tables.h"
 #include "format/layout.h"
+#include "objects/noted_changes.h"
+#include "objects/published.h"
+#include "platform/handles/turns.h"
+#include "platform/host/process_mark.h"
 
 namespace qvdb::detail {
 
 struct TableIndex;
 struct Bulk;
-struct Walk;
-
-// A change of one record that has been made.
-struct RecordChange {
-  enum class Kind { added, inPlace, moved, removed };
-
-  Kind kind;
-  Id table;
-  int64_t position;    // of the record's block, before the change
-  int64_t to = 0;      // moved: of its new block; removed: of the record after it, or 0
-  int64_t before = 0;  // removed: of the record before it, or 0
-};
 
 struct OpenDatabase {
-  int16_t handle = 0;  // 0 once it is closed
+  Published<int16_t> handle;  // 0 once it is closed
   std::filesystem::path path;
   std::filesystem::path place;  // the same, absolute
   Mode mode = Mode::read_only;
   // For a file that is in use, and for a turn among its openers, there 0 is five seconds.
   std::chrono::milliseconds wait{0};
   // Counts how often it was opened again: positions that were found before are of another file.
-  uint32_t opening = 0;
+  Published<uint32_t> opening;
+  qvdbase::platform::ProcessMark opener;
   // Whether others may write to the file while it is read, whether this opener has announced itself
   // to them, and since when; see looks.h and turns.h.
   bool isBesideWriters = false;
@@ -56,19 +55,19 @@ struct OpenDatabase {
   uint32_t changing = 0;        // turns to change the file that have begun, likewise
   // Counts the operations of this layer that can have changed the chains. A walk that finds it
   // raised forgets what it has read ahead.
-  uint64_t changes = 0;
+  Published<uint64_t> changes;
+  // The latest of them.
+  NotedChanges noted;
   // The indexes of its tables that are held; see table_index.h.
   std::vector<std::weak_ptr<TableIndex>> indexes;
-  // The walks that have begun.
-  std::vector<Walk*> walks;
   // The batch that is open, of an appender or a writer, or null; see bulk.h.
   Bulk* bulk = nullptr;
 
   ~OpenDatabase();
 
-  // Reports a change to the walks: those that it does not concern keep what they have read ahead.
+  // Notes a change for the walks: those that it does not concern keep what they have read ahead.
   // To be called once after each raise of `changes`.
-  void noteChange(const RecordChange& change);
+  void noteChange(const RecordChange& change) { noted.add(changes, change); }
 
   // Whether reading takes looks. Not within a change of its own, which excludes other writers.
   bool readsBesideWriters() const { return isBesideWriters && changing == 0; }
@@ -92,15 +91,27 @@ struct OpenDatabase {
 // Whether it says that something in the file is wrong or missing, as far as it could be read.
 bool saysWhatTheFileHolds(Reason reason);
 
-// One operation on an open database: what its errors name. `name` is a literal that follows
-// "cannot ". Its transfers are made within a SavedPosition.
+// The turn of a database, of one thread at a time; that thread can take it again. Nothing is kept
+// from a database that is closed.
+class DatabaseTurn {
+ public:
+  explicit DatabaseTurn(const OpenDatabase& database);
+  DatabaseTurn(const DatabaseTurn&) = delete;
+  DatabaseTurn& operator=(const DatabaseTurn&) = delete;
+
+ private:
+  std::optional<qvdbase::platform::Turn> turn_;
+};
+
+// One operation on an open database, in its turn: what its errors name. `name` is a literal that
+// follows "cannot ". Its transfers are made within a SavedPosition.
 class Operation {
  public:
   // Throws not_open when there is no database, or a closed one. What the host answered to earlier
   // operations is forgotten.
   Operation(const std::shared_ptr<OpenDatabase>& database, const char* name);
 
-  int16_t db() const { return database_.handle; }
+  int16_t db() const { return db_; }
   OpenDatabase& database() const { return database_; }
   const char* name() const { return name_; }
 
@@ -108,8 +119,14 @@ class Operation {
   [[noreturn]] void fail(Reason reason, const std::string& why,
                          std::optional<uint64_t> recordNumber = std::nullopt) const;
 
-  // Throws read_only unless the handle may write.
+  // Throws read_only unless the handle may write, and as requireOwn().
   void requireWritable() const;
+
+  // Throws not_open when another thread has closed it while this one had given up the turn.
+  void requireSameFile() const;
+
+  // Throws opened_elsewhere in a child process that got the database by fork.
+  void requireOwn() const;
 
   // Throws too_large for more bytes than a length in the file can count; returns their number.
   uint32_t requireSize(uint64_t bytes) const;
@@ -171,6 +188,8 @@ class Operation {
 
   OpenDatabase& database_;
   const char* name_;
+  DatabaseTurn turn_;
+  int16_t db_;
   mutable std::array<char, qvdbase::format::kTableNameSize>
       tableName_{};  // zeros where it is not known
 };

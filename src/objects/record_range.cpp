@@ -4,13 +4,18 @@
 // in the order of the file, a large piece of the file is read instead, and the walk goes from
 // record to record in it. Damage that is reached while reading ahead is kept until the walk has
 // delivered the records before it.
+//
+// A walk belongs to one thread at a time. As long as nothing has changed it goes on in what it has
+// read ahead, without the turn of the database. Changes it applies itself when it goes on.
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/record.hpp>
 
 #include <algorithm>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "QVDbase/loop_detector.h"
 #include "QVDbase/record_append.h"
 #include "objects/chain_walker.h"
 #include "objects/looks.h"
@@ -33,6 +38,7 @@ struct CurrentRecord {
   uint32_t number = 0;   // counted from 1
   uint32_t gone = 0;     // the number of the last one that was deleted while it was the current one
   int64_t position = 0;  // of its block; of the record after it, or 0, when it is gone
+  int64_t block = 0;     // of its block when it was delivered
 
   bool isGone() const { return number != 0 && gone == number; }
 };
@@ -55,9 +61,6 @@ struct detail::Walk {
     loading.most = wanted.load.bytes();
     if (wanted.load.is_whole()) loading.largest = wanted.largest_loaded;
   }
-  ~Walk() {
-    if (database != nullptr) std::erase(database->walks, this);
-  }
   Walk(const Walk&) = delete;
   Walk& operator=(const Walk&) = delete;
 
@@ -76,14 +79,13 @@ struct detail::Walk {
   bool inPiece = false;  // records are taken from the piece; the batch is empty
   bool isDense = false;  // what follows is worth a piece
 
-  uint64_t changesSeen = 0;  // OpenDatabase::changes when what follows was read
-  uint32_t opening = 0;      // OpenDatabase::opening when it began
+  uint64_t changesSeen = 0;   // OpenDatabase::changes when what follows was read, or is valid
+  bool hasLostTrack = false;  // more has changed since than is noted
+  uint32_t opening = 0;       // OpenDatabase::opening when it began
 
   // Begins before the first record, also when it has begun already.
   void start(const Operation& operation) {
     opening = database->opening;
-    auto& walks = database->walks;
-    if (std::find(walks.begin(), walks.end(), this) == walks.end()) walks.push_back(this);
     chain = beginChain(operation);
     tableName = operation.tableName();
     current = {};
@@ -127,7 +129,9 @@ struct detail::Walk {
     operation.fail(Reason::record_missing, operation.quotedTable() + " has no " + what);
   }
 
-  bool hasChanged() const { return database->changes != changesSeen; }
+  // Whether what was read ahead is valid. Without the turn it may be so no more at once: then the
+  // change and the step of the walk are at the same time.
+  bool isUndisturbed() const { return database->changes == changesSeen && database->handle != 0; }
 
   // The next record of what was read ahead.
   bool take(RecordInfo* info, std::span<const std::byte>* payload) {
@@ -135,7 +139,7 @@ struct detail::Walk {
         inPiece ? piece.take(chain, loading, info, payload) : batch.take(info, payload);
     if (!isTaken) return false;
     ++current.number;
-    current.position = info->position;
+    current.position = current.block = info->position;
     return true;
   }
 
@@ -200,10 +204,22 @@ struct detail::Walk {
     return !wasGone;
   }
 
-  void note(const RecordChange& change) {
-    const bool isUpToDate = changesSeen + 1 == database->changes;
-    const bool isValid = change.table != table || (current.isValid && outlives(change));
-    if (isUpToDate && isValid) changesSeen = database->changes;
+  // Applies the changes since the walk looked last. Returns whether what was read ahead is valid.
+  bool applyChanges() {
+    const uint64_t present = database->changes;
+    hasLostTrack = present - changesSeen > NotedChanges::kKept;
+    if (hasLostTrack) return false;
+    bool isValid = true;
+    for (uint64_t number = changesSeen; number < present;) {
+      const RecordChange* change = database->noted.find(++number);
+      isValid = change != nullptr && apply(*change) && isValid;
+    }
+    if (isValid) changesSeen = present;
+    return isValid;
+  }
+
+  bool apply(const RecordChange& change) {
+    return change.table != table || (current.isValid && outlives(change));
   }
 
   // The chain has changed, and what was read ahead may be wrong: continues at the block of the
@@ -214,18 +230,52 @@ struct detail::Walk {
                      "the database was opened again since the walk began; begin it again");
     }
     batch.forgetFailure();
+    if (hasLostTrack) findPlaceAgain(operation);
     if (current.isGone()) return chain.resumeAt(current.position, current.number);
     if (chain.resumeAfter(operation.db(), current.position, current.number)) return;
+    failPlaceLost(operation);
+  }
+
+  [[noreturn]] void failPlaceLost(const Operation& operation) const {
     operation.fail(Reason::chain_damaged,
                    "record " + std::to_string(current.number) + " of the walk over " +
                        operation.quotedTable() + " is no longer where it was",
                    chain.recordNumberOf(current.number));
   }
-};
 
-void detail::OpenDatabase::noteChange(const RecordChange& change) {
-  for (Walk* walk : walks) walk->note(change);
-}
+  // Where the current record has left its block, that still has its links. Back from there are
+  // records that were delivered before, up to one that is in its place, or the beginning of the
+  // chain. What follows that is next, apart from those on the way that have only moved.
+  void findPlaceAgain(const Operation& operation) {
+    engine::FoundRecord found;
+    std::vector<uint64_t> passed;
+    engine::LoopDetector loop;
+    int64_t position = current.block;
+    while (position != 0 && !readReachable(operation, table, position, &found)) {
+      if (loop.visited(position) ||
+          !readHead(operation.db(), position, found.table.slot.tableID, &found.header)) {
+        failPlaceLost(operation);
+      }
+      passed.push_back(format::identifierNumber(found.header.recordID));
+      position = chain.isForward() ? found.header.prevRecordPos : found.header.nextRecordPos;
+    }
+    if (position != current.block) current.gone = current.number;
+    current.position = position;
+    if (!current.isGone()) return;
+    const int64_t begin = ChainWalker(operation.table(table).slot, order).nextPosition();
+    current.position = position == 0 ? begin : chain.linkOf(found.header);
+    skipMoved(operation, &passed);
+  }
+
+  void skipMoved(const Operation& operation, std::vector<uint64_t>* passed) {
+    recordPart1 header;
+    while (current.position != 0 &&
+           readHead(operation.db(), current.position, chain.slot().tableID, &header) &&
+           std::erase(*passed, format::identifierNumber(header.recordID)) != 0) {
+      current.position = chain.linkOf(header);
+    }
+  }
+};
 
 RecordRange::RecordRange(std::shared_ptr<detail::OpenDatabase> database, Id table,
                          const WalkOptions& options)
@@ -253,21 +303,27 @@ void RecordRange::start() {
 
 void RecordRange::advance() {
   detail::Walk& walk = *walk_;
-  const bool hasChanged = walk.hasChanged();
-  const bool isOpen = walk.database->handle != 0;
-  if (hasChanged || !isOpen || !walk.take(&current_.info_, &current_.loaded_)) readOn(hasChanged);
+  const bool isUndisturbed = walk.isUndisturbed();
+  if (!isUndisturbed || !walk.take(&current_.info_, &current_.loaded_)) readOn(!isUndisturbed);
 }
 
 // Apart from the step that is taken for nearly every record, which so stays small.
-void RecordRange::readOn(bool hasChanged) {
+//
+// mayTake  whether what was read ahead may have a next record
+void RecordRange::readOn(bool mayTake) {
   done_ = true;
   detail::Walk& walk = *walk_;
   const detail::Operation operation(walk.database, kWalk);
   operation.about(walk.tableName);
+  const bool isValid = walk.applyChanges();
+  if (isValid && mayTake && walk.take(&current_.info_, &current_.loaded_)) {
+    done_ = false;
+    return;
+  }
   const WalkPlace place = walk.place();
   done_ = !detail::look(operation, [&] {
     walk.goTo(place);
-    if (hasChanged) walk.resume(operation);
+    if (!isValid) walk.resume(operation);
     return walk.refill(operation, &current_.info_, &current_.loaded_);
   });
 }

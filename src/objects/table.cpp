@@ -107,7 +107,7 @@ std::optional<Record> Table::recordAtEnd(Order order) const {
 
 RecordIndex Table::index() const {
   const Operation operation(database_, "index the table");
-  RecordIndex index(detail::makeIndex(*database_, id_));
+  RecordIndex index(detail::makeIndex(database_, id_));
   if (!index.index_->isStale) return index;
   detail::look(operation, [&] {
     detail::ChainWalker walker;

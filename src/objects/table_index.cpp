@@ -24,9 +24,11 @@ namespace qvdb {
 
 RecordIndex::RecordIndex(std::shared_ptr<detail::TableIndex> index) : index_(std::move(index)) {}
 size_t RecordIndex::size() const noexcept {
+  const detail::DatabaseTurn turn(*index_->database);
   return index_->map.size();
 }
 size_t RecordIndex::bytes() const noexcept {
+  const detail::DatabaseTurn turn(*index_->database);
   return index_->map.bytes();
 }
 
@@ -164,12 +166,13 @@ std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table) {
   return nullptr;
 }
 
-std::shared_ptr<TableIndex> makeIndex(OpenDatabase& database, Id table) {
-  if (std::shared_ptr<TableIndex> present = indexOf(database, table)) return present;
-  std::erase_if(database.indexes, [](const auto& held) { return held.expired(); });
+std::shared_ptr<TableIndex> makeIndex(const std::shared_ptr<OpenDatabase>& database, Id table) {
+  if (std::shared_ptr<TableIndex> present = indexOf(*database, table)) return present;
+  std::erase_if(database->indexes, [](const auto& held) { return held.expired(); });
   auto index = std::make_shared<TableIndex>();
+  index->database = database;
   index->table = table;
-  database.indexes.push_back(index);
+  database->indexes.push_back(index);
   return index;
 }
 

@@ -13,6 +13,7 @@
 namespace qvdb::detail {
 
 struct TableIndex {
+  std::shared_ptr<const OpenDatabase> database;  // in whose turn it is read and changed
   Id table;
   IndexMap map;
   tablePart1 slot = {};        // as it was when the map was last up to date
@@ -30,7 +31,7 @@ std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table);
 
 // Makes an index of the table, or returns the present one. The database knows it for as long as it
 // is held.
-std::shared_ptr<TableIndex> makeIndex(OpenDatabase& database, Id table);
+std::shared_ptr<TableIndex> makeIndex(const std::shared_ptr<OpenDatabase>& database, Id table);
 
 // Builds the index in one walk. False when the chain is damaged: the index stays stale then, and
 // *walker, unless it is null, knows where and how.

@@ -7,6 +7,7 @@
 #include "objects/waiting.h"
 #include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
+#include "platform/handles/turns.h"
 
 using namespace qvdbase;
 
@@ -24,10 +25,21 @@ bool isSharedWriter(int16_t db) {
 
 // Where locks do not work, opening for writing has failed; whatever refuses them later must not
 // stop the writers.
+//
+// The writer whose turn it is may be a batch of another thread, which needs the turn of the file to
+// come to its end. So that is given up meanwhile, and what was looked at before is looked at again.
 void takeTurn(const Operation& operation) {
   OpenDatabase& database = operation.database();
   const LockOutcome outcome = whileRefused(
-      database.turnWait(), [&] { return platform::takeWritersTurn(database.handle, &database); });
+      database.turnWait(), [&] { return platform::takeWritersTurn(database.handle, &database); },
+      [&](uint64_t length) {
+        {
+          const platform::TurnPause pause;
+          platform::pauseFor(length);
+        }
+        operation.requireSameFile();
+        operation.requireNoBulk();
+      });
   if (outcome == LockOutcome::refused) {
     operation.fail(Reason::in_use,
                    "another writer that shares it is in the middle of an operation, or has an "
@@ -61,8 +73,6 @@ ChangeTurn::ChangeTurn(const Operation& operation) : database_(operation.databas
     takeTurn(operation);
     hasTurn_ = true;
   }
-  // Not before: who has the turn of shared writers may be a thread that uses the file.
-  inProcess_.emplace(db);
   if (platform::isLockByteHeld(db, LockByte::reader)) keepReadersOut(operation);
   ++database_.changing;
 }

@@ -8,10 +8,7 @@
 // limit in time. Locks are taken in the order turn, gate, change.
 #pragma once
 
-#include <optional>
-
 #include "objects/open_database.h"
-#include "platform/handles/turns.h"
 
 namespace qvdb::detail {
 
@@ -31,9 +28,8 @@ class ChangeTurn {
   void keepReadersOut(const Operation& operation);
 
   OpenDatabase& database_;
-  std::optional<qvdbase::platform::Turn> inProcess_;  // of the threads that use the file
-  bool hasTurn_ = false;                              // of shared writers
-  bool holdsOff_ = false;                             // readers
+  bool hasTurn_ = false;   // of shared writers
+  bool holdsOff_ = false;  // readers
 };
 
 // The turn of a batch, from its beginning until endBatchTurn: nothing unless the database is

@@ -36,8 +36,9 @@ auto whileInUse(std::chrono::milliseconds wait, Attempt attempt) {
 
 // Calls `attempt` until a lock is no longer refused, with pauses that grow and add up to this time.
 // Returns its last outcome.
-template <typename Attempt>
-qvdbase::platform::LockOutcome whileRefused(uint64_t microseconds, Attempt attempt) {
+template <typename Attempt, typename Pause>
+qvdbase::platform::LockOutcome whileRefused(uint64_t microseconds, Attempt attempt,
+                                            Pause pauseFor) {
   constexpr uint64_t kFirstPause = 20;
   constexpr uint64_t kLongestPause = 1'000;
   uint64_t pause = kFirstPause;
@@ -47,8 +48,13 @@ qvdbase::platform::LockOutcome whileRefused(uint64_t microseconds, Attempt attem
       return outcome;
     }
     if (waited > 0) pause = std::min(pause * 2, kLongestPause);
-    qvdbase::platform::pauseFor(pause);
+    pauseFor(pause);
   }
+}
+
+template <typename Attempt>
+qvdbase::platform::LockOutcome whileRefused(uint64_t microseconds, Attempt attempt) {
+  return whileRefused(microseconds, attempt, qvdbase::platform::pauseFor);
 }
 
 }  // namespace qvdb::detail

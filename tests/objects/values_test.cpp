@@ -90,6 +90,7 @@ TEST(LayerWords, AreWrittenToStreams) {
   EXPECT_EQ(shown(Id{0x1f}), "0x000000000000001f");
   EXPECT_EQ(shown(Reason::appender_open), "an appender is open");
   EXPECT_EQ(shown(Reason::changed_meanwhile), "changed meanwhile");
+  EXPECT_EQ(shown(Reason::opened_elsewhere), "opened by another process");
   EXPECT_EQ(shown(qvdb::Severity::warning), "warning");
 }
 

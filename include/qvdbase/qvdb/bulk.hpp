@@ -52,6 +52,9 @@ struct NewRecord {
 // Reading, changes in place, deletions from other tables and new tables are allowed. Changes by
 // other means, through the C functions or by another program, cannot be refused: the batch notices
 // them when it next writes, and is discarded.
+//
+// An appender belongs to one thread at a time; its thread and others may use the database meanwhile
+// within these limits.
 class QVDBASE_API BulkAppender {
  public:
   BulkAppender(BulkAppender&&) noexcept;             // takes the batch; the other one has none then

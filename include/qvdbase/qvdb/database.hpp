@@ -98,6 +98,17 @@ struct CreateOptions {
 // tab, a double quote, a backslash or two blanks in a row, or begins or ends with a blank, because
 // it would be taken for another one; a file name with a backslash; a path that is not UTF-8; and
 // one of more than 2,047 characters (UTF-16 units).
+//
+// Threads. All member functions but the move operations and the destructor may be called by several
+// threads at once, and so may those of the database's tables, records and indexes. Operations on
+// one database take turns; those on different files run side by side. An object of which the one is
+// assigned to, moved or destroyed is used by no other thread meanwhile, as everywhere. Walks
+// (RecordRange and its iterators), appenders and writers belong to one thread at a time; another
+// thread may close the database meanwhile, and they then throw not_open.
+//
+// Fork. A child process that got the database by fork can read, and refuses to write with
+// opened_elsewhere, because its parent may be writing; reopen() opens the file for the child
+// itself. What the child closes or destroys has no effect on the parent.
 class QVDBASE_API Database {
  public:
   // Creates an empty database and leaves it open exclusively. It is made under a temporary name,
@@ -163,7 +174,8 @@ class QVDBASE_API Database {
   // identifier, which a compaction keeps; an operation on a table that is not there throws
   // table_missing. Records hold positions, which a compaction changes. So one that was found before
   // is refused with changed_meanwhile by its own functions, and operations that take a Record look
-  // for it by its identifier. A walk that has begun ends with changed_meanwhile.
+  // for it by its identifier. A walk that has begun ends with changed_meanwhile. One thread at a
+  // time calls it; to others the database is closed while it lasts.
   //
   // Throws not_open without a database that was ever open, and as open() does; the database is
   // closed then, and reopen() can be called again.

@@ -70,6 +70,8 @@ enum class Reason {
   // changed the file again and again while it was read: do it again. Nothing is known to be
   // damaged.
   changed_meanwhile,
+
+  opened_elsewhere,  // a child process got the database by fork: it can only read until reopen()
 };
 
 // The reason in a few words, for example "no such file".

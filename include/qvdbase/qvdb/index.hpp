@@ -32,6 +32,8 @@ struct TableIndex;
 //   - Beside writers, an index to which others have added catches up from the last record that it
 //     knows. A record that others have moved or deleted is looked for along the chain, and only its
 //     entry is corrected. The index is built again where its last record no longer leads on.
+//
+// Several threads may use an index, or copies of it, at once.
 class QVDBASE_API RecordIndex {
  public:
   // The number of different identifiers in it.

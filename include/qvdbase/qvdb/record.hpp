@@ -55,7 +55,7 @@ struct RecordInfo {
 
 // A record as it was found. It knows the record's position, so that its payload is read without
 // another search. It can be used while the database is open; read() says what happens when the
-// record was changed or deleted meanwhile.
+// record was changed or deleted meanwhile. Several threads may read one record at once.
 class QVDBASE_API Record {
  public:
   // No record, to be assigned to: reading throws not_open.
@@ -256,6 +256,10 @@ struct WalkOptions {
 // has just delivered costs nothing extra; after a change of any other record of the table, what was
 // read ahead is read again. A change by other means, through the C functions or by another program,
 // can go unnoticed within a batch, without further consequences.
+//
+// A walk belongs to one thread at a time. Other threads may change the table meanwhile through the
+// same database: that is noticed likewise. A step for which nothing has changed waits for no
+// thread.
 class QVDBASE_API RecordRange {
  public:
   class iterator;
@@ -279,7 +283,7 @@ class QVDBASE_API RecordRange {
   RecordRange(std::shared_ptr<detail::OpenDatabase> database, Id table, const WalkOptions& options);
   void start();
   void advance();
-  void readOn(bool hasChanged);
+  void readOn(bool mayTake);
 
   std::unique_ptr<detail::Walk> walk_;
   Record current_;

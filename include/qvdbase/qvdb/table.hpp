@@ -40,8 +40,13 @@ struct TableInfo {
 //
 // Every operation can throw Error with not_open, not_a_database, version_out_of_range,
 // directory_damaged and table_missing (the file was replaced or damaged since the table was found),
-// and cannot_read. Operations that write can also throw read_only, disk_full and cannot_write. What
-// else each can throw is said with it.
+// and cannot_read. Operations that write can also throw read_only, disk_full, cannot_write, and
+// opened_elsewhere in a child process that got the database by fork. What else each can throw is
+// said with it.
+//
+// Several threads may call the operations of one table, or of copies of it, at once: each operation
+// is done as a whole before the next one begins. Only assigning to a table excludes other uses of
+// that object.
 //
 // A record is found by walking the table's chain from its first record, which takes time in
 // proportion to the number of records before it. The operations that take a Record instead of an
@@ -231,6 +236,8 @@ class QVDBASE_API Table {
 // the number of records.
 //
 // load  Load::payloads when the predicate looks at Record::loaded()
+//
+// The predicate may call the library, and other threads may use the table meanwhile.
 //
 // Throws Error as the walk and Table::remove() do; the records that were deleted before stay
 // deleted.

@@ -29,7 +29,7 @@ struct Bulk;
 // of a block at the end of the file, to which nothing leads.
 //
 // As long as it exists the writer is an open batch: BulkAppender says what cannot be done to the
-// database meanwhile.
+// database meanwhile, and what its threads may do.
 class QVDBASE_API RecordWriter {
  public:
   RecordWriter(RecordWriter&&) noexcept;             // takes the record; the other one is closed

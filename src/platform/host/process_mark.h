@@ -18,6 +18,9 @@ class ProcessMark {
   // Whether this process is the one that made the mark.
   bool isOwn() const { return process_ == systemCalls().processId(); }
 
+  // The same, without asking the host as long as nothing has forked since.
+  bool isStillOwn() const { return forks_ == systemCalls().forkCount() || isOwn(); }
+
   // Whether a child may have got the marked object by fork, or this process is such a child.
   bool maybeShared() const { return !isOwn() || forks_ != systemCalls().forkCount(); }
 

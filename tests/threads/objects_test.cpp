@@ -1,0 +1,332 @@
+// Threads that share a database of the C++ layer: its tables, records, indexes, walks and batches.
+#include <algorithm>
+#include <atomic>
+#include <latch>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "kit/forked.h"
+#include "kit/threads.h"
+#include "objects/layer_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+using qvdb::Id;
+using qvdb::Mode;
+using qvdb::Order;
+using qvdb::Reason;
+using qvdb::Record;
+
+constexpr int kThreads = 4;
+constexpr int kRounds = 100;
+constexpr uint64_t kLasting = 200;  // records 1 to this are there all the time
+
+class ThreadsOnDatabase : public LayerTest {
+ protected:
+  void fill() {
+    database = createDatabase();
+    table = database.add_table("t");
+    for (uint64_t i = 1; i <= kLasting; ++i) table.add_with_id(Id{i}, std::string(20, 'x'));
+  }
+
+  static Id idOf(int thread, int round) {
+    return Id{1000 + static_cast<uint64_t>(thread) * kRounds + static_cast<uint64_t>(round)};
+  }
+
+  void expectSound() {
+    database.close();
+    EXPECT_EQ(qvdb::check(path()).errors, 0u);
+  }
+
+  // Each lasting record once, whatever others do.
+  static void expectLasting(const std::vector<uint64_t>& ids) {
+    std::map<uint64_t, int> times;
+    for (const uint64_t id : ids) ++times[id];
+    for (const auto& [id, count] : times) EXPECT_EQ(count, 1) << "record " << id;
+    for (uint64_t id = 1; id <= kLasting; ++id) EXPECT_EQ(times.count(id), 1u) << "record " << id;
+  }
+
+  static std::vector<uint64_t> walk(const qvdb::Table& walked, Order order) {
+    std::vector<uint64_t> ids;
+    auto records = walked.records({.order = order, .load = qvdb::Load::payloads});
+    for (const Record& record : records) ids.push_back(record.id().value);
+    return ids;
+  }
+
+  qvdb::Database database;
+  qvdb::Table table;
+};
+
+TEST_F(ThreadsOnDatabase, AddChangeAndDeleteRecords) {
+  fill();
+  std::vector<std::set<uint64_t>> left(kThreads);
+  runThreads(kThreads, [&](int thread) {
+    for (int round = 0; round < kRounds; ++round) {
+      const std::string text = std::to_string(thread) + "/" + std::to_string(round);
+      const Id id = table.add(text);
+      EXPECT_TRUE(table.modify(id, text + " made longer, so that it moves"));
+      EXPECT_TRUE(table.touch(id));
+      const auto found = table.find(id);
+      ASSERT_TRUE(found.has_value());
+      EXPECT_EQ(found->payload().size(), text.size() + 30);
+      if (round % 3 == 0) {
+        EXPECT_TRUE(table.remove(*found));
+        EXPECT_FALSE(table.contains(id));
+      } else {
+        left[static_cast<size_t>(thread)].insert(id.value);
+      }
+    }
+  });
+  std::set<uint64_t> expected;
+  for (const auto& each : left) expected.insert(each.begin(), each.end());
+  for (uint64_t id = 1; id <= kLasting; ++id) expected.insert(id);
+  const std::vector<uint64_t> found = idsOf(table);
+  EXPECT_EQ(std::set<uint64_t>(found.begin(), found.end()), expected);
+  EXPECT_EQ(found.size(), expected.size());
+  expectSound();
+}
+
+TEST_F(ThreadsOnDatabase, AddTablesAndSetTheirData) {
+  database = createDatabase();
+  runThreads(kThreads, [&](int thread) {
+    for (int i = 0; i < 5; ++i) {
+      const std::string name = std::to_string(thread) + "/" + std::to_string(i);
+      qvdb::Table added = database.add_table(name);
+      added.set_data(name);
+      added.add(name);
+      EXPECT_EQ(database.table(name).data_size(), name.size());
+    }
+  });
+  EXPECT_EQ(database.tables().size(), kThreads * 5u);
+  for (const qvdb::Table& each : database.tables()) {
+    EXPECT_EQ(bytes(*each.data()), bytesOf(each.name()));
+    EXPECT_EQ(each.count(), 1u);
+  }
+  expectSound();
+}
+
+TEST_F(ThreadsOnDatabase, WalkWhileOthersChangeTheTable) {
+  fill();
+  std::atomic<int> writers = 2;
+  runThreads(4, [&](int thread) {
+    if (thread >= 2) {
+      do expectLasting(walk(table, thread == 2 ? Order::oldest_first : Order::newest_first));
+      while (writers != 0);
+      return;
+    }
+    for (int round = 0; round < kRounds; ++round) {
+      const Id id = idOf(thread, round);
+      table.add_with_id(id, std::string(10, 'a'));
+      const Id lasting{1 + static_cast<uint64_t>(round * 2 + thread) % kLasting};
+      EXPECT_TRUE(table.modify(lasting, std::string(static_cast<size_t>(21 + round), 'y')));
+      if (round % 2 == 0) {
+        EXPECT_TRUE(table.remove(id));
+      }
+    }
+    --writers;
+  });
+  expectSound();
+}
+
+// More changes than are kept for the walks, around the record that was delivered last.
+TEST_F(ThreadsOnDatabase, WalkFindsItsPlaceAfterManyChangesByAnother) {
+  for (const Order order : {Order::oldest_first, Order::newest_first}) {
+    fill();
+    std::vector<uint64_t> ids;
+    auto records = table.records({.order = order});
+    for (const Record& record : records) {
+      ids.push_back(record.id().value);
+      if (ids.size() != kLasting / 2) continue;
+      std::thread([&] {
+        const uint64_t here = record.id().value;
+        const uint64_t before = order == Order::oldest_first ? here - 1 : here + 1;
+        const uint64_t next = order == Order::oldest_first ? here + 1 : here - 1;
+        table.modify(Id{before}, std::string(100, 'm'));  // moves
+        table.remove(Id{here});
+        table.modify(Id{next}, std::string(100, 'm'));
+        for (int i = 0; i < kRounds; ++i) table.add_with_id(idOf(0, i), "new");
+        for (int i = 0; i < kRounds; ++i) table.remove(idOf(0, i));
+      }).join();
+    }
+    expectLasting(ids);
+    EXPECT_EQ(ids.size(), kLasting);
+    database.close();
+    std::filesystem::remove(path());
+  }
+}
+
+TEST_F(ThreadsOnDatabase, ShareAnIndex) {
+  fill();
+  const qvdb::RecordIndex index = table.index();
+  runThreads(kThreads, [&](int thread) {
+    for (int round = 0; round < kRounds; ++round) {
+      const Id id = idOf(thread, round);
+      table.add_with_id(id, "a");
+      EXPECT_GE(index.size(), kLasting);
+      EXPECT_GT(index.bytes(), 0u);
+      EXPECT_TRUE(table.contains(id));
+      if (round % 2 == 0) {
+        EXPECT_TRUE(table.remove(id));
+      }
+      EXPECT_EQ(table.contains(id), round % 2 != 0);
+    }
+  });
+  EXPECT_EQ(index.size(), kLasting + kThreads * kRounds / 2);
+  expectSound();
+}
+
+TEST_F(ThreadsOnDatabase, FindItClosedWhenOneClosesIt) {
+  fill();
+  std::latch reading(kThreads - 1);
+  runThreads(kThreads, [&](int thread) {
+    if (thread == 0) {
+      reading.wait();
+      database.close();
+      return;
+    }
+    bool isFirst = true;
+    expectError(Reason::not_open, [&] {
+      for (;;) {
+        expectLasting(walk(table, Order::oldest_first));
+        if (isFirst) reading.count_down();
+        isFirst = false;
+      }
+    });
+  });
+}
+
+TEST_F(ThreadsOnDatabase, ReadOnWhileOneOpensItAgain) {
+  fill();
+  std::atomic<bool> isOver = false;
+  runThreads(3, [&](int thread) {
+    if (thread == 0) {
+      for (int i = 0; i < 20; ++i) database.reopen();
+      isOver = true;
+      return;
+    }
+    while (!isOver) {
+      try {
+        expectLasting(walk(table, Order::newest_first));
+      } catch (const qvdb::Error& error) {
+        EXPECT_TRUE(error.reason() == Reason::not_open ||
+                    error.reason() == Reason::changed_meanwhile)
+            << error.what();
+      }
+    }
+  });
+  expectLasting(idsOf(table));
+}
+
+TEST_F(ThreadsOnDatabase, AddRecordsUnlessABatchIsOpen) {
+  fill();
+  std::atomic<uint32_t> added = 0;
+  runThreads(kThreads, [&](int thread) {
+    for (int round = 0; round < kRounds; ++round) {
+      try {
+        if (thread % 2 == 0) {
+          table.add("one");
+          ++added;
+        } else {
+          auto bulk = table.appender();
+          bulk.add("first");
+          bulk.add("second");
+          added += bulk.finish();
+        }
+      } catch (const qvdb::Error& error) {
+        EXPECT_EQ(error.reason(), Reason::appender_open) << error.what();
+      }
+    }
+  });
+  EXPECT_EQ(table.count(), kLasting + added);
+  expectSound();
+}
+
+// The batch can only come to its end while the other waits for it.
+TEST_F(ThreadsOnDatabase, WaitForABatchOfAnotherOpener) {
+  fill();
+  database.close();
+  database = openDatabase(Mode::shared);
+  qvdb::Database other = openDatabase(Mode::shared);
+  auto bulk = other.table("t").appender();
+  bulk.add("of the batch");
+  std::latch waiting(1);
+  std::thread adding([&] {
+    auto own = database.table("t");
+    waiting.count_down();
+    EXPECT_NO_THROW(own.add("after it"));
+  });
+  waiting.wait();
+  EXPECT_EQ(bulk.finish(), 1u);
+  adding.join();
+  EXPECT_EQ(database.table("t").count(), kLasting + 2);
+  other.close();
+  expectSound();
+}
+
+TEST_F(ThreadsOnDatabase, CallTheLibraryInAPredicate) {
+  fill();
+  auto other = database.add_table("erased");
+  const uint32_t erased = qvdb::erase_if(table, [&](const Record& record) {
+    std::thread([&] { other.add(std::to_string(record.id().value)); }).join();
+    return record.id().value % 2 == 0;
+  });
+  EXPECT_EQ(erased, kLasting / 2);
+  EXPECT_EQ(other.count(), kLasting);
+}
+
+using ForkedDatabase = ThreadsOnDatabase;
+
+TEST_F(ForkedDatabase, IsOnlyReadInTheChild) {
+  fill();
+  auto bulk = database.add_table("batch").appender();
+  EXPECT_EQ(inForkedChild([&] {
+              const auto record = table.find(Id{1});
+              expectLasting(idsOf(table));
+              expectError(Reason::opened_elsewhere, [&] { table.modify(*record, "y"); });
+              expectError(Reason::opened_elsewhere, [&] { table.remove(Id{1}); });
+              expectError(Reason::opened_elsewhere, [&] { table.touch(Id{1}); });
+              expectError(Reason::opened_elsewhere, [&] { table.set_data("y"); });
+              expectError(Reason::opened_elsewhere, [&] { database.add_table("u"); });
+              expectError(Reason::opened_elsewhere, [&] { database.set_version(101); });
+              expectError(Reason::opened_elsewhere, [&] { bulk.add("y"); });
+              expectError(Reason::opened_elsewhere, [&] { bulk.finish(); });
+              const std::string why =
+                  expectError(Reason::opened_elsewhere, [&] { table.add("y"); });
+              expectError(Reason::in_use, [&] { database.reopen(); });  // the parent has it
+              EXPECT_NE(why.find("child"), std::string::npos) << why;
+              return HasFailure() ? 1 : 0;
+            }),
+            0);
+  bulk.add("of the parent");
+  EXPECT_EQ(bulk.finish(), 1u);
+  table.add("of the parent");
+  EXPECT_EQ(table.count(), kLasting + 1);
+  expectSound();
+}
+
+TEST_F(ForkedDatabase, LosesNothingThatParentAndChildAddAtOnce) {
+  fill();
+  database.close();
+  database = openDatabase(Mode::shared);
+  table = database.table("t");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    beTheChild([&] {
+      expectError(Reason::opened_elsewhere, [&] { table.add("too early"); });
+      database.reopen();
+      for (int round = 0; round < kRounds; ++round) table.add_with_id(idOf(1, round), "child");
+      return HasFailure() ? 1 : 0;
+    });
+  }
+  for (int round = 0; round < kRounds; ++round) table.add_with_id(idOf(0, round), "parent");
+  EXPECT_EQ(endOf(child), 0);
+  const std::vector<uint64_t> ids = idsOf(table);
+  expectLasting(ids);
+  EXPECT_EQ(ids.size(), kLasting + 2 * kRounds);
+  expectSound();
+}
+
+}  // namespace
+}  // namespace qvdbase::test
