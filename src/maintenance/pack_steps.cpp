@@ -260,10 +260,10 @@ void PackSteps::closeDestination() {
   close(dst_, dstTurn_);
 }
 
-// As required, what is closed already is closed once more; but not where another thread's file may
-// have got the number by now.
+// What is closed is closed once more, as required, but not where the number is that of a file which
+// another thread has opened since.
 void PackSteps::close(int16_t file, std::optional<platform::Turn>& turn) {
-  if (!turn && !platform::isOnlyThread()) return;
+  if (!turn && !platform::wasOpenedHere(file)) return;
   dropDirectoryEntry(file);
   QVFile().QVCloseFile(file);
   turn.reset();

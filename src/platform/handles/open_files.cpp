@@ -82,6 +82,7 @@ bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file) {
   openFile->position = 0;
   openFile->descriptor = descriptorOf(*entry);
   openFile->sharing = sharing;
+  openFile->opener = thisThread();
   std::atomic_ref(openFile->turn).store(entry->turn, std::memory_order_release);
   *file = number;
   return true;
@@ -92,6 +93,12 @@ uint32_t writersOf(int16_t file) {
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return 0;
   return openFile->entry->sharedOpeners + openFile->entry->exclusiveOpeners;
+}
+
+bool wasOpenedHere(int16_t file) {
+  const Turn turn(file);
+  const OpenFile* openFile = findOpenFile(file);
+  return openFile != nullptr && openFile->opener == thisThread();
 }
 
 bool closeFile(int16_t file) {

@@ -37,7 +37,8 @@ struct OpenFile {
   int descriptor;
   Sharing sharing;
   mutable ServedWindow served;
-  FileTurn* turn;  // the entry's, also for those who do not have it: see Turn
+  FileTurn* turn;      // the entry's, also for those who do not have it: see Turn
+  const void* opener;  // the thread that has opened it
 
   bool isWritable() const { return sharing != Sharing::none; }
 };
@@ -79,6 +80,9 @@ bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file);
 
 // How many openers in this process write to the open file, under whatever numbers.
 uint32_t writersOf(int16_t file);
+
+// Whether it was this thread that opened the file of that number.
+bool wasOpenedHere(int16_t file);
 
 // Frees the number. False for a number that is not in use, and when the host reports that closing
 // failed; the number is free then too.

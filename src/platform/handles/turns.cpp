@@ -27,11 +27,6 @@ constinit FileTurn turns[kTurns] = {};
 constinit FileTurn freeNumbers = {};
 constinit size_t lastShared = 0;  // under Shared::handles
 
-// Different for each thread.
-const void* thisThread() {
-  return &innermostTurn;
-}
-
 bool isMine(const FileTurn& turn) {
   return turn.owner.load(std::memory_order_relaxed) == thisThread();
 }

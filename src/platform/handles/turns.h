@@ -33,6 +33,11 @@ namespace detail {
 extern constinit QVDBASE_PER_THREAD Turn* innermostTurn;
 }
 
+// Different for each thread.
+inline const void* thisThread() {
+  return &detail::innermostTurn;
+}
+
 // Has the turn of a file from its beginning to its end.
 class Turn {
  public:
