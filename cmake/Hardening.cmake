@@ -9,7 +9,7 @@ include(CheckLinkerFlag)
 
 set(hardening_compile_options)
 set(hardening_link_options)
-if(QVDBASE_HARDENING AND NOT QVDBASE_SANITIZE)
+if(QVDBASE_HARDENING AND NOT QVDBASE_SANITIZE AND NOT QVDBASE_SANITIZE_THREADS)
   check_cxx_compiler_flag(-fstack-protector-strong QVDBASE_HAS_STACK_PROTECTOR)
   if(QVDBASE_HAS_STACK_PROTECTOR)
     list(APPEND hardening_compile_options -fstack-protector-strong)

@@ -1,3 +1,10 @@
+# With QVDBASE_SANITIZE_THREADS every target runs under the thread sanitizer: two threads that use
+# one place in memory, without anything that puts one before the other, end the process.
+if(QVDBASE_SANITIZE_THREADS)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+  link_libraries($<$<LINK_LANG_AND_ID:C,Clang>:stdc++>)
+endif()
 # With QVDBASE_SANITIZE every target of the build, tests included, runs under the address and
 # undefined-behaviour sanitizers; a finding ends the process.
 if(QVDBASE_SANITIZE)

@@ -5,7 +5,7 @@
 # front of the library, they take the place of their twins there, so that nothing else has to be
 # compiled again; a twin that is drawn in all the same is an error of the linker.
 set(folders_run_twice)
-if(QVDBASE_SANITIZE OR QVDBASE_PLAIN_TRANSFERS OR QVDBASE_PORTABLE_POSIX)
+if(QVDBASE_SANITIZE OR QVDBASE_SANITIZE_THREADS OR QVDBASE_PLAIN_TRANSFERS OR QVDBASE_PORTABLE_POSIX)
   return()
 endif()
 # The other folders read and write files on a way of their own, or not at all, or run the tool; the

@@ -1,6 +1,8 @@
 // A host under the test's control.
 #include "kit/recorded_calls.h"
 
+#include "kit/other_thread.h"
+
 #include <algorithm>
 #include <ostream>
 #include <stdexcept>
@@ -550,11 +552,11 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.forkCount = Calls::forkCount;
   table_.processName = Calls::processName;
   g_current = this;
-  platform::replaceSystemCalls(&table_);
+  replaceHostCalls(&table_);
 }
 
 RecordedCalls::~RecordedCalls() {
-  platform::replaceSystemCalls(nullptr);
+  replaceHostCalls(nullptr);
   g_current = nullptr;
 }
 

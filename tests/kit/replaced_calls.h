@@ -4,14 +4,15 @@
 //   calls->fileSizeLimit = [] { return uint64_t{100}; };
 #pragma once
 
+#include "kit/other_thread.h"
 #include "platform/host/system_calls.h"
 
 namespace qvdbase::test {
 
 class ReplacedCalls {
  public:
-  ReplacedCalls() { platform::replaceSystemCalls(&calls_); }
-  ~ReplacedCalls() { platform::replaceSystemCalls(nullptr); }
+  ReplacedCalls() { replaceHostCalls(&calls_); }
+  ~ReplacedCalls() { replaceHostCalls(nullptr); }
   ReplacedCalls(const ReplacedCalls&) = delete;
   ReplacedCalls& operator=(const ReplacedCalls&) = delete;
 

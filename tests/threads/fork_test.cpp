@@ -1,0 +1,88 @@
+// Children of a process with several threads: they have only the thread that made them, and hang on
+// no lock that another one held.
+#include <gtest/gtest.h>
+#include <qvdbase/QVFile.h>
+#include <qvdbase/qvdbase.h>
+
+#include <filesystem>
+
+#include "kit/database_fixture.h"
+#include "kit/forked.h"
+#include "kit/sanitized.h"
+#include "kit/threads.h"
+
+namespace qvdbase::test {
+namespace {
+
+constexpr unsigned kSecondsBeforeItHangs = 120;  // a child that lasts longer is ended by a signal
+constexpr int kChildren = 40;
+
+class ForkBesideThreads : public DatabaseTest {
+ protected:
+  // Adds a record and reads it, in any process.
+  static bool works(int16_t db, uint64_t table) {
+    uint64_t id = 0;
+    oneRecordInfoP1 info = {};
+    return AddRecordData(db, table, nullptr, 0, 0, &id) == 1 &&
+           GetOneRecordInfo(db, table, id, &info, nullptr) == 1;
+  }
+};
+
+TEST_F(ForkBesideThreads, LeavesTheChildWithoutHeldLocks) {
+  if (kThreadsAreWatched) GTEST_SKIP() << "the thread sanitizer has locks of its own";
+  const int16_t busy = create("busy.qvd");
+  const uint64_t busyTable = addTable(busy, "table");
+  const WideText opened(folder.u16("opened.qvd"));
+  const WideText childs(folder.u16("childs.qvd"));
+  close(create("opened.qvd"));
+  BusyThread adder([&] { EXPECT_TRUE(works(busy, busyTable)); });
+  BusyThread opener([&] {
+    const int16_t db = OpenDBaseW(opened, 4);
+    EXPECT_GT(db, 0);
+    EXPECT_EQ(CloseDBase(db), 1);
+  });
+  for (int i = 0; i < kChildren; ++i) {
+    EXPECT_EQ(inForkedChild([&] {
+                ::alarm(kSecondsBeforeItHangs);
+                // What the other threads were at work on can be looked at and closed,
+                int32_t count = 0;
+                if (GetNumberOfTable(busy, &count) != 1 || count != 1) return 1;
+                if (CloseDBase(busy) != 1) return 2;
+                // and everything else works.
+                const int16_t db = CreateDBaseW(childs, "QVdb", 100);
+                if (db <= 0) return 3;
+                const uint64_t table = AddTable(db, "table");
+                if (!works(db, table)) return 4;
+                bool worked = false;
+                std::thread([&] { worked = works(db, table); }).join();
+                return worked && CloseDBase(db) == 1 ? 0 : 5;
+              }),
+              0);
+  }
+}
+
+TEST_F(ForkBesideThreads, InAFunctionOfTheCallersLeavesTheChildItsCall) {
+  if (kThreadsAreWatched) GTEST_SKIP() << "the thread sanitizer has locks of its own";
+  const int16_t source = create("source.qvd");
+  addRecord(source, addTable(source, "table"), bytesOf("record"));
+  const int16_t busy = create("busy.qvd");
+  const uint64_t table = addTable(busy, "table");
+  BusyThread adder([&] { EXPECT_TRUE(works(busy, table)); });
+  static std::filesystem::path childsTarget;
+  childsTarget = path("childs.qvd");
+  const auto forksAndLooks = [](int, int percent, void*) -> uint16_t {
+    if (percent != 1) return 1;
+    EXPECT_EQ(inForkedChild([] {
+                ::alarm(kSecondsBeforeItHangs);
+                const int16_t db = CreateDBaseW(WideText(childsTarget.u16string()), "QVdb", 100);
+                return db > 0 && AddTable(db, "table") != 0 && CloseDBase(db) == 1 ? 0 : 1;
+              }),
+              0);
+    return 1;
+  };
+  EXPECT_EQ(PackOneDB2NewW(wide("source.qvd"), wide("target.qvd"), 0, forksAndLooks), 1);
+  EXPECT_EQ(database("target.qvd").tables.at(0).records.size(), 1u);
+}
+
+}  // namespace
+}  // namespace qvdbase::test
