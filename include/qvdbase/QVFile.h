@@ -1,7 +1,8 @@
 // QVDbase: file access by 16-bit path, on file reference numbers with a position of their own.
 //
 // The class has no data: make an object wherever one is needed; any two are interchangeable.
-// Everything that is open belongs to the process, which uses the library from one thread at a time.
+// Everything that is open belongs to the process. Any thread may call these functions: those on one
+// file take turns, those on different files run side by side.
 //
 // Results. Functions return 1 for success and 0 for failure, and do not say why something failed.
 //

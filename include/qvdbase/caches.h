@@ -6,14 +6,16 @@
 #include <qvdbase/QVList.h>
 #include <qvdbase/base.h>
 
-// One entry for each open database whose directory has been read. Managed by the library.
+// One entry for each open database whose directory has been read. Managed by the library, under a
+// lock of its own: look at the list itself only while no other thread calls the library.
 extern QVDBASE_API QVList gbl_Gdb2tDQ;
 
 // Returns the index of the database's entry in gbl_Gdb2tDQ, or -1 when it has none.
 QVDBASE_API int SearchForGDB2TCache(int16_t db);
 
-// Releases the entry at `index`. Returns 1, or 0 when there is no entry at that index. The next
-// operation on the database reads header and directory numbers from the file again.
+// Releases the entry at `index`, which is another one as soon as a thread closes a database.
+// Returns 1, or 0 when there is no entry at that index. The next operation on the database reads
+// header and directory numbers from the file again.
 QVDBASE_API int EraseSFGDB2TCache(int index);
 
 // Does nothing and returns 1. Kept for callers that link against it, as the next three are.

@@ -58,10 +58,16 @@
  *   other process leave it alone, or open the database in the child.
  *
  * Threads
- *   Results are wrong, or the program crashes.
- *   Nothing in the library is locked against another thread: file positions, caches and counts are
- *   those of the process.
- *   Call the library from one thread at a time, also for different databases.
+ *   A record was read from the wrong place, or a list is longer than the count that was asked for
+ *   before.
+ *   The functions here may be called from any thread: calls on one database take turns, through
+ *   whatever handles, and calls on different databases run side by side. But each call is a turn of
+ *   its own: between two of them other threads may change the database, and a handle has one
+ *   position, which they share. While a progress function runs, and while a maintenance function
+ *   opens its second file, other threads get turns, too.
+ *   Give each thread a handle of its own where it sets positions, hold a lock of the application's
+ *   own around calls that belong together, and close a handle when no thread uses it any more. The
+ *   exported counts are those of the call that ended last. docs/threads.md has the details.
  *
  * Descriptors
  *   Every call fails after the program became a daemon; or bytes of another file are in a database.
