@@ -112,6 +112,7 @@ class VariablePart {
   bool makeExtraBuffer(qvrzOneCategoryRecord* record) const {
     const int64_t fileLength = fileLengthOf(db_);
     const uint32_t length = record->extraLength;
+    // unreached: the file is open
     if (fileLength < 0 || length > static_cast<uint64_t>(fileLength)) return false;
     platform::release(record->extraData);
     record->extraData = static_cast<unsigned char*>(platform::allocate(length));
@@ -172,6 +173,7 @@ CategoryDecoding decodeCategory(int16_t db, const oneRecordInfoP1& info, ExtraDa
   const int64_t position = myGetFilePos(db);
   if (position == -1) return CategoryDecoding::failed;
   const auto restored = [&](CategoryDecoding outcome) {
+    // unreached: own position
     return myFileSeek(db, position, kFromStart) == 0 ? outcome : CategoryDecoding::failed;
   };
 

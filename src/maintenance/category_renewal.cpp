@@ -26,6 +26,7 @@ bool CategoryRenewal::run() {
 
 bool CategoryRenewal::renewAll(uint64_t srcTable, uint64_t dstTable) {
   RecordList records;
+  // unreached: there is no other outcome
   switch (records.read(src_, srcTable)) {
     case RecordList::Outcome::failed:
       return false;
@@ -44,7 +45,7 @@ bool CategoryRenewal::renewAll(uint64_t srcTable, uint64_t dstTable) {
 bool CategoryRenewal::renew(uint64_t recordID) {
   const int64_t recordPos = srcRecords_.find(recordID);
   recordPart1 header;
-  if (recordPos == 0) return false;
+  if (recordPos == 0) return false;  // unreached: list and index are of the same chain
   if (!readRecordHeaderAt(src_, recordPos, srcRecords_.table().slot.tableID, &header)) return false;
 
   const auto outcome =
@@ -69,7 +70,7 @@ bool CategoryRenewal::renew(uint64_t recordID) {
 // ModifyRecordData, without its walk to the record.
 bool CategoryRenewal::store(uint64_t recordID, const unsigned char* payload, uint32_t size) {
   FoundRecord found{dstRecords_.table(), {}, dstRecords_.find(recordID)};
-  if (found.recordPos == 0) return false;
+  if (found.recordPos == 0) return false;  // unreached: every category was copied
   if (!readRecordHeaderAt(dst_, found.recordPos, found.table.slot.tableID, &found.header)) {
     return false;
   }

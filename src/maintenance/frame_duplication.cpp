@@ -31,15 +31,17 @@ bool copyHeader(int16_t file) {
   const auto length = static_cast<uint32_t>(myGetFilePos(file));
   platform::Buffer header(length);
   if (!header) return true;
+  // unreached: own position, and a read of no bytes
   return myFileSeek(file, 0, kFromStart) == 0 && readBytes(file, header.data(), length) &&
-         writeBytes(kNoFile, header.data(), length);
+         writeBytes(kNoFile, header.data(), length);  // unreached: there is no such file
 }
 
 bool copySlots(int16_t file, const DirectoryNumbers& directory) {
   for (int i = 0; i < directory.slotCount; ++i) {
     tablePart1 slot;
     if (ReadOne_TablePartOne(file, &slot, directory.slotSize) != 1) return false;
-    zeroRecordFields(&slot);
+    zeroRecordFields(&slot);  // unreached: the new file is empty, so that the read fails
+    // unreached: for the same reason
     if (WriteOne_TablePartOne(kNoFile, &slot) != 1) return false;
   }
   return true;

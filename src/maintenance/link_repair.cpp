@@ -64,7 +64,7 @@ class LinkRepair {
     const int64_t directoryPos = myGetFilePos(db_);
     if (!report(1)) return false;
     countRecords();
-    if (myFileSeek(db_, directoryPos, kFromStart) != 0) return false;
+    if (myFileSeek(db_, directoryPos, kFromStart) != 0) return false;  // unreached: own position
     for (int t = 0; t < directory_.tableCount; ++t) {
       if (!repairTable()) return false;
     }
@@ -122,6 +122,7 @@ class LinkRepair {
             bool* complete) {
     *complete = false;
     if (myFileSeek(db_, from, kFromStart) != 0) return true;
+    // unreached: the last record that is counted returns
     for (uint32_t i = 0; i < slot_.recordCount; ++i) {
       recordPartP1Class entry;
       if (!readEntry(&entry) || records->has(entry.recordPos)) return true;
@@ -193,6 +194,7 @@ class LinkRepair {
 
   bool writeSlot(int64_t first, int64_t last, uint32_t count) {
     const bool isSame =
+        // unreached: the new chain begins with the first record of the old one
         slot_.firstRecordPos == first && slot_.lastRecordPos == last && slot_.recordCount == count;
     slot_.firstRecordPos = first;
     slot_.lastRecordPos = last;

@@ -110,7 +110,7 @@ bool PackSteps::copyHeader() {
   // is done anyway. The slots then begin at the start of the destination.
   if (!header) return true;
   bufferHeld_ = true;
-  if (myFileSeek(src_, 0, kFromStart) != 0) return false;
+  if (myFileSeek(src_, 0, kFromStart) != 0) return false;  // unreached: own position
   if (!readBytes(src_, header.data(), length)) return false;
   adjustHeader(header.data());
   if (!writeBytes(dst_, header.data(), length) || !CallScope::completeWrites()) return false;
@@ -130,7 +130,7 @@ bool PackSteps::copyDirectory() {
 }
 
 bool PackSteps::copyTables() {
-  if (!seekBoth(headerLength_, headerLength_)) return false;
+  if (!seekBoth(headerLength_, headerLength_)) return false;  // unreached: own position
   for (int t = 0; t < directory_.tableCount; ++t) {
     if (!copyTable()) return false;
   }
@@ -162,7 +162,7 @@ bool PackSteps::copyTableData(const tablePart1& slot, int64_t slotPos) {
   tablePart1 copy = slot;
   copy.firstDataPos = copy.lastWrittenDataPos = copy.lastDataPos = newDataPos;
   zeroRecordFields(&copy);
-  if (myFileSeek(dst_, slotPos, kFromStart) != 0) return false;
+  if (myFileSeek(dst_, slotPos, kFromStart) != 0) return false;  // unreached: own position
   return rewriteSlotWithData(copy) && CallScope::completeWrites();
 }
 
@@ -171,9 +171,10 @@ bool PackSteps::copyBlock(int64_t blockPos, int64_t length, int64_t* newBlockPos
   platform::Buffer block(count + 1);
   if (!block) return false;
   bufferHeld_ = true;
+  // unreached: its length was measured there
   if (myFileSeek(src_, blockPos, kFromStart) != 0) return false;
   if (!moveLong(readBytes, src_, block.data(), count)) return false;
-  if (myFileSeek(dst_, 0, kFromEnd) != 0) return false;
+  if (myFileSeek(dst_, 0, kFromEnd) != 0) return false;  // unreached: own position
   *newBlockPos = myGetFilePos(dst_);
   if (!moveLong(writeBytes, dst_, block.data(), count) || !CallScope::completeWrites())
     return false;
@@ -294,6 +295,7 @@ void PackSteps::fail() {
 }
 
 bool PackSteps::seekBoth(int64_t srcPos, int64_t dstPos) {
+  // unreached: own positions
   return myFileSeek(src_, srcPos, kFromStart) == 0 && myFileSeek(dst_, dstPos, kFromStart) == 0;
 }
 

@@ -60,6 +60,7 @@ class PackWithHandle : public PackSteps {
   }
 
   bool reportRecord(uint32_t percent) override {
+    // unreached: no record can be appended to a slot that is an image
     if (percent == lastReported_) return true;
     lastReported_ = percent;
     return report(percent);

@@ -24,6 +24,7 @@ bool RecordIndex::build(int16_t db, uint64_t table) {
 
 int64_t RecordIndex::find(uint64_t record) const {
   const auto found = positions_.find(record);
+  // unreached: those that are asked for are in the chain
   return found == positions_.end() ? 0 : found->second;
 }
 

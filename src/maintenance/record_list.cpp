@@ -33,6 +33,7 @@ RecordList::Outcome RecordList::read(int16_t db, uint64_t table) {
 }
 
 RecordList::Outcome RecordList::walk(int16_t db, const tablePart1& slot) {
+  // unreached: the records were copied along the same links
   if (myFileSeek(db, slot.firstRecordPos, kFromStart) != 0) return Outcome::failed;
   LoopDetector loop;
   for (uint32_t i = 0; i < slot.recordCount; ++i) {
@@ -41,6 +42,7 @@ RecordList::Outcome RecordList::walk(int16_t db, const tablePart1& slot) {
     if (internal_GetOneRecordDataInfo(db, slot.tableID, &header) != 1) return Outcome::failed;
     if (!add(identifierNumber(header.recordID))) return Outcome::noMemory;
     // After a record without successor the walk continues in its payload, and fails there.
+    // unreached: as above
     if (header.nextRecordPos != 0 && myFileSeek(db, header.nextRecordPos, kFromStart) != 0) {
       return Outcome::failed;
     }

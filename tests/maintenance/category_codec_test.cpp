@@ -389,6 +389,18 @@ TEST_F(DecodingACategory, LeavesTheExtraBufferAsItWasWhenTheClaimIsLongerThanThe
   EXPECT_EQ(position(db_), 77);
 }
 
+TEST_F(DecodingACategory, LeavesTheExtraBufferAsItWasWhenTheFreeBytesAreCutOffWithTheFile) {
+  Payload payload;
+  payload.extra = bytesOf("four");
+  store(payload.encode());
+  giveExtraBuffer(4);
+  std::filesystem::resize_file(path(), fileSize() - 3);  // the end mark, and two of the free bytes
+  EXPECT_EQ(decode(), 1);
+  EXPECT_EQ(record.extraLength, 4u);
+  EXPECT_EQ(Bytes(record.extraData, record.extraData + 4), Bytes(4, 0xEE));
+  allowDamage();
+}
+
 TEST_F(DecodingACategory, NeverWritesMoreIntoTheExtraBufferThanThePayloadHasLeft) {
   Payload payload;
   payload.extra = bytesOf("four");
@@ -543,6 +555,8 @@ TEST_F(ReplacingIdentifiers, SucceedsWithoutEntriesUnlessThereIsNoArray) {
   category.secondIDCount = -5;
   EXPECT_EQ(InternalConvertOldCategoryID2New(&pointer, &pair, 1), 1);
   EXPECT_EQ(InternalConvertOldCategoryID2New(&pointer, nullptr, 1), 0);
+  category.secondIDCount = 1;
+  EXPECT_EQ(InternalConvertOldCategoryID2New(&pointer, &pair, 1), 0);
 }
 
 TEST_F(ReplacingIdentifiers, RefusesRecordsThatAreNotThere) {

@@ -55,6 +55,22 @@ TEST_F(FrameDuplication, FailsAtTheHeaderEvenForADirectoryWithoutSlots) {
   closeWhatIsOpen();
 }
 
+TEST_F(FrameDuplication, FailsAtTheFirstSlotWithoutMemoryForTheHeader) {
+  putSource(FileImage());
+  RecordedCalls host;
+  int failures = 0;
+  for (int step = 0;; ++step) {
+    host.failOnce(Call::allocate, step);
+    EXPECT_EQ(duplicate(), 0);
+    host.heal();
+    closeWhatIsOpen();
+    if (!host.failed()) break;
+    EXPECT_TRUE(!targetExists() || fileSize(kTarget) == 0);
+    ++failures;
+  }
+  EXPECT_GT(failures, 0);
+}
+
 TEST_F(FrameDuplication, LeavesTheHeaderOutOnPurposeWithoutMemoryForIt) {
   // Then only the slots are left to fail, and a directory without slots has none.
   FileImage source;

@@ -580,6 +580,18 @@ TEST_F(Renumber, EndsWithALoopAmongTheCategories) {
   EXPECT_EQ(secondList(payloadOf("QVrz_Category", 2)), std::vector<uint64_t>{0xA0});
 }
 
+// More records are passed before the loop is noticed than the file seems to have space for.
+TEST_F(Renumber, EndsWithALongLoopAmongShortCategories) {
+  const size_t table = image.addTable("QVrz_Category", kCategoryTable);
+  for (unsigned i = 0; i < 300; ++i) image.addRecord(table, 0x900 + i, {});
+  image.record(image.slot(table).lastRecordPos).nextRecordPos = image.slot(table).firstRecordPos;
+  image.slot(table).recordCount = 1000;
+  allowDamage(kSource);
+  allowDamage(kTarget);
+  ASSERT_EQ(renumber(), 1);
+  EXPECT_EQ(idsOf("QVrz_Category").size(), 1000u);
+}
+
 TEST_F(Renumber, FailsWhereverAReadFails) {
   addRecordTable(2);
   addCategories({{0xA0}});
