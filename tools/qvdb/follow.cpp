@@ -1,5 +1,6 @@
 #include "follow.h"
 
+#include <chrono>
 #include <nlohmann/json.hpp>
 
 #include "failure.h"
@@ -16,6 +17,10 @@ namespace {
 // A reader beside a writer may see a part of what that is writing: it looks again, for some
 // seconds.
 constexpr int kMostLooks = 200;
+
+// How long one reading operation waits for a writer in the middle of a change: a signal is answered
+// after that.
+constexpr std::chrono::seconds kLongestTurn(1);
 
 bool mayPass(const Error& error) {
   switch (error.reason()) {
@@ -39,7 +44,7 @@ class Follower {
   void run() {
     if (left_ == 0) return;
     watch_.begin();
-    database_ = openToRead(options_.file);
+    database_ = Database::open(options_.file, {.wait = kLongestTurn});
     table_ = findTable(database_, options_.table);
     if (!options_.json) printHead("CAPACITY", false);
     feed_.begin(table_);
@@ -73,6 +78,8 @@ class Follower {
       failedLooks_ = 0;
       return goesOn;
     } catch (const Error& error) {
+      // A writer that is stopped in the middle of a change is waited for, however long it takes.
+      if (error.reason() == Reason::in_use) return true;
       if (!mayPass(error) || ++failedLooks_ == kMostLooks) throw;
       return true;
     }
