@@ -39,8 +39,9 @@ bool copyHeader(int16_t file) {
 bool copySlots(int16_t file, const DirectoryNumbers& directory) {
   for (int i = 0; i < directory.slotCount; ++i) {
     tablePart1 slot;
+    // unreached: the new file is empty, so that the read fails
     if (ReadOne_TablePartOne(file, &slot, directory.slotSize) != 1) return false;
-    zeroRecordFields(&slot);  // unreached: the new file is empty, so that the read fails
+    zeroRecordFields(&slot);  // unreached: for the same reason
     // unreached: for the same reason
     if (WriteOne_TablePartOne(kNoFile, &slot) != 1) return false;
   }

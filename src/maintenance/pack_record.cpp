@@ -19,8 +19,8 @@ bool writeIdentity(int16_t db, int64_t recordPos, const recordPart1& source) {
   static_assert(record::kModifyTime == record::kCreateTime + 4);
   return myFileSeek(db, recordPos + record::kRecordID, kFromStart) == 0 &&
          writeBytes(db, source.recordID, sizeof source.recordID) &&
-         writeUint32(db, source.createTime) &&
-         writeUint32(db, source.modifyTime);  // unreached: own position
+         writeUint32(db, source.createTime) &&  // unreached: own position
+         writeUint32(db, source.modifyTime);
 }
 
 }  // namespace
