@@ -36,6 +36,7 @@
 #include <qvdbase/qvdb/maintenance.hpp>
 #include <qvdbase/qvdb/mend.hpp>
 #include <qvdbase/qvdb/output_file.hpp>
+#include <qvdbase/qvdb/reader.hpp>
 #include <qvdbase/qvdb/record.hpp>
 #include <qvdbase/qvdb/salvage.hpp>
 #include <qvdbase/qvdb/table.hpp>

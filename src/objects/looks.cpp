@@ -6,6 +6,7 @@
 #include "QVDbase/directory_cache.h"
 #include "format/layout.h"
 #include "objects/waiting.h"
+#include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/clock.h"
@@ -41,7 +42,17 @@ void waitForEarlierChanges(OpenDatabase& database) {
   database.mayMissChanges = false;
 }
 
-void begin(const Operation& operation) {
+// Waits for no turn of the file: see platform/handles/file_views.h.
+void beginViewLook(OpenDatabase& database) {
+  platform::beginViewLook(database.handle);
+  database.holdsViewLook = true;
+}
+
+void endViewLook(OpenDatabase& database) {
+  if (std::exchange(database.holdsViewLook, false)) platform::endViewLook(database.handle);
+}
+
+void beginBesideProcesses(const Operation& operation) {
   OpenDatabase& database = operation.database();
   waitForEarlierChanges(database);
   platform::renewAnnouncement(database.handle);
@@ -53,8 +64,28 @@ void begin(const Operation& operation) {
   database.holdsLook = outcome == LockOutcome::taken;
 }
 
+// A database that is open exclusively is changed in this process only. That it is so ends with a
+// change, as which closing it counts. Where others may write, the lock of a look belongs to all of
+// this process, whose writers it would not exclude: these the turn of the file does.
+void begin(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  if (database.viewed == nullptr) return beginBesideProcesses(operation);
+  beginViewLook(database);
+  if (database.isViewOfExclusive()) return;
+  endViewLook(database);
+  database.turnOfViewed.emplace(platform::turnOfViewed(database.handle));
+  try {
+    beginBesideProcesses(operation);
+  } catch (...) {
+    database.turnOfViewed.reset();
+    throw;
+  }
+}
+
 void end(OpenDatabase& database) {
+  endViewLook(database);
   if (std::exchange(database.holdsLook, false)) platform::releaseLook(database.handle);
+  database.turnOfViewed.reset();
 }
 
 // Header and directory as they are now.

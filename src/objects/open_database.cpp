@@ -13,6 +13,7 @@
 #include "handle/database_handle.h"
 #include "objects/bulk.h"
 #include "objects/looks.h"
+#include "platform/handles/file_views.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
 #include "platform/transfer/transfer.h"
@@ -39,8 +40,12 @@ void OpenDatabase::takeOver(OpenDatabase& other) noexcept {
 int OpenDatabase::close() noexcept {
   withdraw(*this);
   isBesideWriters = false;
+  // From then on looks through readers exclude other processes by themselves.
   const int16_t closed = handle;
+  const bool isOwn = opener.isStillOwn();
+  if (isOwn) platform::beginChange(closed);
   handle = 0;
+  isOwn ? platform::endChange(closed) : platform::forgetLooks(closed);
   return CloseDBase(closed);
 }
 

@@ -53,6 +53,11 @@ struct OpenDatabase {
   uint32_t looks = 0;           // that have begun, one inside the other
   bool holdsLook = false;       // their lock
   uint32_t changing = 0;        // turns to change the file that have begun, likewise
+  // Of a reader: the database that it is a view of, and which opening of it.
+  std::shared_ptr<const OpenDatabase> viewed;
+  uint32_t viewedOpening = 0;
+  bool holdsViewLook = false;
+  std::optional<qvdbase::platform::Turn> turnOfViewed;
   // Counts the operations of this layer that can have changed the chains. A walk that finds it
   // raised forgets what it has read ahead.
   Published<uint64_t> changes;
@@ -71,6 +76,12 @@ struct OpenDatabase {
 
   // Whether reading takes looks. Not within a change of its own, which excludes other writers.
   bool readsBesideWriters() const { return isBesideWriters && changing == 0; }
+
+  // Whether it is a view of a database that no other process may write to meanwhile.
+  bool isViewOfExclusive() const {
+    return viewed != nullptr && viewed->mode == Mode::exclusive && viewed->handle != 0 &&
+           viewed->opening == viewedOpening;
+  }
 
   // Takes over the handle of another one, which is closed then, with what it has announced.
   void takeOver(OpenDatabase& other) noexcept;

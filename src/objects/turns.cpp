@@ -5,6 +5,7 @@
 
 #include "QVDbase/directory_cache.h"
 #include "objects/waiting.h"
+#include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
 #include "platform/handles/turns.h"
@@ -74,7 +75,7 @@ ChangeTurn::ChangeTurn(const Operation& operation) : database_(operation.databas
     hasTurn_ = true;
   }
   if (platform::isLockByteHeld(db, LockByte::reader)) keepReadersOut(operation);
-  ++database_.changing;
+  if (database_.changing++ == 0) platform::beginChange(db);
 }
 
 // The destructor does not run when the constructor throws.
@@ -88,7 +89,7 @@ void ChangeTurn::keepReadersOut(const Operation& operation) {
 }
 
 ChangeTurn::~ChangeTurn() {
-  --database_.changing;
+  if (--database_.changing == 0) platform::endChange(database_.handle);
   if (holdsOff_) {
     platform::releaseLockByte(database_.handle, LockByte::change, Sharing::exclusive);
   }

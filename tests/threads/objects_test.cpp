@@ -9,6 +9,7 @@
 #include "kit/forked.h"
 #include "kit/threads.h"
 #include "objects/layer_fixture.h"
+#include "platform/handles/turns.h"
 
 namespace qvdbase::test {
 namespace {
@@ -274,6 +275,93 @@ TEST_F(ThreadsOnDatabase, CallTheLibraryInAPredicate) {
   });
   EXPECT_EQ(erased, kLasting / 2);
   EXPECT_EQ(other.count(), kLasting);
+}
+
+TEST_F(ThreadsOnDatabase, ReadBesideOneAnotherAndAWriter) {
+  fill();
+  std::atomic<bool> isOver = false;
+  runThreads(kThreads, [&](int thread) {
+    if (thread == 0) {
+      for (int round = 0; round < kRounds; ++round) {
+        const Id id = idOf(0, round);
+        table.add_with_id(id, std::string(10, 'a'));
+        const Id lasting{1 + static_cast<uint64_t>(round) % kLasting};
+        const char letter = static_cast<char>('a' + round % 26);
+        EXPECT_TRUE(table.modify(lasting, std::string(static_cast<size_t>(round + 20), letter)));
+        if (round % 2 == 0) {
+          EXPECT_TRUE(table.remove(id));
+        }
+      }
+      isOver = true;
+      return;
+    }
+    const qvdb::Reader reader = database.reader();
+    const qvdb::Table read = reader.table("t");
+    do {
+      expectLasting(walk(read, thread == 1 ? Order::newest_first : Order::oldest_first));
+      for (uint64_t id = 1; id <= kLasting; id += 7) {
+        const auto payload = read.get(Id{id});
+        ASSERT_TRUE(payload.has_value());
+        ASSERT_FALSE(payload->empty());
+        const std::byte first = payload->front();
+        EXPECT_TRUE(std::all_of(payload->begin(), payload->end(),
+                                [first](std::byte each) { return each == first; }));
+      }
+    } while (!isOver);
+  });
+  expectSound();
+}
+
+TEST_F(ThreadsOnDatabase, ReadBesideAnotherOpenerThatWrites) {
+  fill();
+  database.close();
+  qvdb::Database writing = openDatabase(Mode::shared);
+  database = openDatabase(Mode::read_only);
+  std::atomic<bool> isOver = false;
+  runThreads(3, [&](int thread) {
+    if (thread == 0) {
+      qvdb::Table changed = writing.table("t");
+      for (uint64_t id = 1; id <= kLasting; ++id) {
+        EXPECT_TRUE(changed.modify(Id{id}, std::string(30, 'y')));
+      }
+      isOver = true;
+      return;
+    }
+    const qvdb::Reader reader = database.reader();
+    do {
+      EXPECT_EQ(reader.table("t").count(), kLasting);
+      EXPECT_TRUE(reader.table("t").contains(Id{kLasting}));
+    } while (!isOver);
+  });
+  writing.close();
+  expectSound();
+}
+
+// A reader that waited for the turn of the database would never come to its end.
+TEST_F(ThreadsOnDatabase, ReadWhileTheDatabaseHasItsTurn) {
+  fill();
+  const qvdb::Reader reader = database.reader();
+  const platform::Turn turn(database.handle());
+  std::thread([&] { expectLasting(idsOf(reader.table("t"))); }).join();
+}
+
+TEST_F(ThreadsOnDatabase, ReadOnAfterTheDatabaseWasClosed) {
+  fill();
+  qvdb::Reader reader = database.reader();
+  qvdb::Table read = reader.table("t");
+  expectError(Reason::read_only, [&] { read.add("y"); });
+  expectError(Reason::read_only, [&] { read.remove(Id{1}); });
+  table.add_with_id(Id{1000}, "y");
+  EXPECT_EQ(read.count(), kLasting + 1);
+  database.close();
+  expectError(Reason::not_open, [&] { database.reader(); });
+  database = openDatabase();  // the lock is gone, the descriptor is not
+  database.table("t").remove(Id{1000});
+  EXPECT_EQ(idsOf(read).size(), kLasting);
+  EXPECT_FALSE(read.contains(Id{1000}));
+  reader = qvdb::Reader();
+  expectError(Reason::not_open, [&] { read.count(); });
+  expectError(Reason::not_open, [&] { reader.tables(); });
 }
 
 using ForkedDatabase = ThreadsOnDatabase;

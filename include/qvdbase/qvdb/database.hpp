@@ -91,6 +91,8 @@ struct CreateOptions {
   bool sync = true;
 };
 
+class Reader;
+
 // An open database. It can be moved, not copied, and closes itself.
 //
 // Paths are those of the system; a relative one starts at the current folder. The library cannot
@@ -225,6 +227,10 @@ class QVDBASE_API Database {
   // The table of that name, which is added when there is none. Throws as find_table() and
   // add_table(); never table_exists.
   Table find_or_add_table(std::string_view name);
+
+  // A reader of this database, for a thread that reads beside others: see Reader. Throws not_open;
+  // cannot_open when no further handle is free; and as open() does.
+  Reader reader() const;
 
   // Waits until the device has everything that was written. Without it a power failure can lose
   // what the system has not written yet. Throws Error: cannot_write.

@@ -94,6 +94,16 @@ bool removeEntry(FileEntry* entry) {
   return closed;
 }
 
+// The descriptor is that of the file's entry, which may go now.
+bool removeView(FileEntry* view) {
+  FileEntry* source = view->source;
+  releaseTurn(*view->turn);
+  release(view);
+  const Turn turn(*source->turn);
+  --source->views;
+  return leaveEntry(source, Sharing::none);
+}
+
 Sharing strongestNeed(const FileEntry& entry) {
   if (entry.exclusiveOpeners > 0) return Sharing::exclusive;
   return entry.sharedOpeners > 0 ? Sharing::shared : Sharing::none;
@@ -311,7 +321,7 @@ FileEntry* enterNewFile(int descriptor) {
 bool leaveEntry(FileEntry* entry, Sharing sharing) {
   const Turn turn(*entry->turn);
   countOff(entry, sharing);
-  if (entry->openers == 0) return removeEntry(entry);
+  if (entry->openers == 0) return entry->source != nullptr ? removeView(entry) : removeEntry(entry);
   relaxLock(entry);
   return true;
 }

@@ -61,6 +61,9 @@ struct FileEntry {
   Sharing lock;        // the lock that is held
   ProcessMark locker;  // who opened readWrite, to which the lock belongs
   LockBytesHeld lockBytes;
+  uint32_t views;      // of it; see file_views.h
+  uint32_t viewLooks;  // through them, and whether a change excludes these; atomic
+  FileEntry* source;   // of a view: the entry of the file; then it is not in the list
   FileTurn* turn;
   FileEntry* next;
 };

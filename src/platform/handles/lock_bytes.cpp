@@ -1,6 +1,8 @@
 // Locks on the bytes after every file.
 #include "platform/handles/lock_bytes.h"
 
+#include <optional>
+
 #include "platform/handles/open_files.h"
 #include "platform/host/system_calls.h"
 
@@ -31,9 +33,31 @@ int descriptorFor(const FileEntry& entry, Sharing strength) {
   return entry.readOnly;
 }
 
+// The entry of an open file that has its locks, with its turn: of a view that of its file.
+class LockedEntry {
+ public:
+  explicit LockedEntry(int16_t file) : turn_(file) {
+    const OpenFile* openFile = findOpenFile(file);
+    if (openFile == nullptr) return;
+    entry_ = openFile->entry;
+    if (entry_->source == nullptr) return;
+    entry_ = entry_->source;
+    turnOfSource_.emplace(*entry_->turn);
+  }
+
+  explicit operator bool() const { return entry_ != nullptr; }
+  FileEntry* operator->() const { return entry_; }
+  FileEntry& operator*() const { return *entry_; }
+
+ private:
+  const Turn turn_;
+  std::optional<Turn> turnOfSource_;
+  FileEntry* entry_ = nullptr;
+};
+
 // Whether another opener holds a lock that conflicts with this one.
-bool isHeld(const OpenFile& file, struct flock lock) {
-  const int descriptor = descriptorOf(*file.entry);
+bool isHeld(const FileEntry& entry, struct flock lock) {
+  const int descriptor = descriptorOf(entry);
   if (uninterrupted([&] { return systemCalls().findLock(descriptor, &lock); }) != 0) return true;
   return lock.l_type != F_UNLCK;
 }
@@ -41,34 +65,30 @@ bool isHeld(const OpenFile& file, struct flock lock) {
 }  // namespace
 
 LockOutcome takeLockByte(int16_t file, LockByte byte, Sharing strength) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  if (openFile == nullptr) return LockOutcome::impossible;
+  const LockedEntry entry(file);
+  if (!entry) return LockOutcome::impossible;
   const short type = strength == Sharing::exclusive ? F_WRLCK : F_RDLCK;
-  return setLock(descriptorFor(*openFile->entry, strength), byte, type);
+  return setLock(descriptorFor(*entry, strength), byte, type);
 }
 
 void releaseLockByte(int16_t file, LockByte byte, Sharing strength) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  if (openFile != nullptr) setLock(descriptorFor(*openFile->entry, strength), byte, F_UNLCK);
+  const LockedEntry entry(file);
+  if (entry) setLock(descriptorFor(*entry, strength), byte, F_UNLCK);
 }
 
 bool isLockByteHeld(int16_t file, LockByte byte) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  return openFile != nullptr && isHeld(*openFile, lockOf(byte, F_WRLCK));
+  const LockedEntry entry(file);
+  return entry && isHeld(*entry, lockOf(byte, F_WRLCK));
 }
 
 // Where the host does not answer the question about the gate, the lock itself decides.
 LockOutcome takeLook(int16_t file) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  if (openFile == nullptr) return LockOutcome::impossible;
-  uint32_t& looks = openFile->entry->lockBytes.looks;
+  const LockedEntry entry(file);
+  if (!entry) return LockOutcome::impossible;
+  uint32_t& looks = entry->lockBytes.looks;
   if (looks == 0) {
     struct flock gate = lockOf(LockByte::gate, F_RDLCK);
-    const int descriptor = descriptorFor(*openFile->entry, Sharing::shared);
+    const int descriptor = descriptorFor(*entry, Sharing::shared);
     const bool isKnown =
         uninterrupted([&] { return systemCalls().findLock(descriptor, &gate); }) == 0;
     if (isKnown && gate.l_type != F_UNLCK) return LockOutcome::refused;
@@ -80,21 +100,18 @@ LockOutcome takeLook(int16_t file) {
 }
 
 void releaseLook(int16_t file) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  if (openFile == nullptr || openFile->entry->lockBytes.looks == 0) return;
-  if (--openFile->entry->lockBytes.looks > 0) return;
+  const LockedEntry entry(file);
+  if (!entry || entry->lockBytes.looks == 0) return;
+  if (--entry->lockBytes.looks > 0) return;
   releaseLockByte(file, LockByte::change, Sharing::shared);
 }
 
 bool announceReader(int16_t file) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  if (openFile == nullptr) return false;
-  FileEntry& entry = *openFile->entry;
-  LockBytesHeld& held = entry.lockBytes;
+  const LockedEntry entry(file);
+  if (!entry) return false;
+  LockBytesHeld& held = entry->lockBytes;
   if (held.announced == 0) {
-    held.announcedOn = descriptorFor(entry, Sharing::shared);
+    held.announcedOn = descriptorFor(*entry, Sharing::shared);
     held.announcer = ProcessMark();
     if (setLock(held.announcedOn, LockByte::reader, F_RDLCK) != LockOutcome::taken) return false;
   }
@@ -104,20 +121,18 @@ bool announceReader(int16_t file) {
 
 // A lock that another process may hold together with this one goes with the last descriptor.
 void withdrawReader(int16_t file) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  if (openFile == nullptr || openFile->entry->lockBytes.announced == 0) return;
-  const LockBytesHeld& held = openFile->entry->lockBytes;
-  if (--openFile->entry->lockBytes.announced > 0 || held.announcer.maybeShared()) return;
+  const LockedEntry entry(file);
+  if (!entry || entry->lockBytes.announced == 0) return;
+  const LockBytesHeld& held = entry->lockBytes;
+  if (--entry->lockBytes.announced > 0 || held.announcer.maybeShared()) return;
   setLock(held.announcedOn, LockByte::reader, F_UNLCK);
 }
 
 void renewAnnouncement(int16_t file) {
   if (locksPassToChildren()) return;
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  if (openFile == nullptr || openFile->entry->lockBytes.announced == 0) return;
-  setLock(openFile->entry->lockBytes.announcedOn, LockByte::reader, F_RDLCK);
+  const LockedEntry entry(file);
+  if (!entry || entry->lockBytes.announced == 0) return;
+  setLock(entry->lockBytes.announcedOn, LockByte::reader, F_RDLCK);
 }
 
 void carryAnnouncement(const FileEntry& entry, int descriptor) {
@@ -126,17 +141,14 @@ void carryAnnouncement(const FileEntry& entry, int descriptor) {
 }
 
 bool isOpenForWritingElsewhere(int16_t file) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  return openFile != nullptr && openFile->entry->exclusiveOpeners == 0 &&
-         isHeld(*openFile, fileLock(Sharing::exclusive));
+  const LockedEntry entry(file);
+  return entry && entry->exclusiveOpeners == 0 && isHeld(*entry, fileLock(Sharing::exclusive));
 }
 
 LockOutcome takeWritersTurn(int16_t file, const void* owner) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  if (openFile == nullptr) return LockOutcome::impossible;
-  const void*& present = openFile->entry->lockBytes.turnOwner;
+  const LockedEntry entry(file);
+  if (!entry) return LockOutcome::impossible;
+  const void*& present = entry->lockBytes.turnOwner;
   if (present != nullptr) return present == owner ? LockOutcome::taken : LockOutcome::refused;
   const LockOutcome outcome = takeLockByte(file, LockByte::turn, Sharing::exclusive);
   if (outcome == LockOutcome::taken) present = owner;
@@ -144,10 +156,9 @@ LockOutcome takeWritersTurn(int16_t file, const void* owner) {
 }
 
 void releaseWritersTurn(int16_t file, const void* owner) {
-  const Turn turn(file);
-  const OpenFile* openFile = findOpenFile(file);
-  if (openFile == nullptr || openFile->entry->lockBytes.turnOwner != owner) return;
-  openFile->entry->lockBytes.turnOwner = nullptr;
+  const LockedEntry entry(file);
+  if (!entry || entry->lockBytes.turnOwner != owner) return;
+  entry->lockBytes.turnOwner = nullptr;
   releaseLockByte(file, LockByte::turn, Sharing::exclusive);
 }
 

@@ -1,0 +1,31 @@
+// qvdb::Reader: views of an open database.
+#include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/reader.hpp>
+
+#include "objects/looks.h"
+#include "objects/open_database.h"
+#include "platform/handles/file_views.h"
+
+using namespace qvdbase;
+
+namespace qvdb {
+
+// In the turn of the database, so that no change of it has begun that does not know of the reader.
+Reader Database::reader() const {
+  const detail::Operation operation(state_, "make a reader of the database");
+  auto view = std::make_shared<detail::OpenDatabase>();
+  view->path = state_->path;
+  view->place = state_->place;
+  view->wait = state_->wait;
+  view->viewed = state_;
+  view->viewedOpening = state_->opening;
+  int16_t handle = 0;
+  if (!platform::openView(operation.db(), &handle)) {
+    operation.fail(Reason::cannot_open, "too many files are open, or memory is short");
+  }
+  view->handle = handle;
+  detail::announce(*view);
+  return Reader(Database(std::move(view)));
+}
+
+}  // namespace qvdb

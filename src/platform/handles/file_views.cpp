@@ -1,0 +1,99 @@
+// Views of open files.
+#include "platform/handles/file_views.h"
+
+#include <atomic>
+#include <new>
+
+#include "platform/handles/open_files.h"
+#include "platform/host/memory.h"
+
+namespace qvdbase::platform {
+namespace {
+
+// The highest bit of an entry's `looks` says that a change is made or waits, the others count
+// looks.
+constexpr uint32_t kChange = uint32_t{1} << 31;
+
+std::atomic_ref<uint32_t> looksAt(FileEntry& entry) {
+  return std::atomic_ref(entry.viewLooks);
+}
+
+FileEntry* entryOf(int16_t file) {
+  const OpenFile* openFile = findOpenFile(file);
+  return openFile != nullptr ? openFile->entry : nullptr;
+}
+
+FileEntry* newView(FileEntry* source) {
+  void* memory = allocate(sizeof(FileEntry));
+  if (memory == nullptr) return nullptr;
+  auto* view = new (memory) FileEntry{};
+  view->device = source->device;
+  view->inode = source->inode;
+  view->readWrite = -1;
+  view->readOnly = descriptorOf(*source);
+  view->openers = 1;
+  view->source = source;
+  view->turn = &reserveTurn();
+  addReader(source);
+  ++source->views;
+  return view;
+}
+
+}  // namespace
+
+bool openView(int16_t file, int16_t* view) {
+  const Turn turn(file);
+  FileEntry* source = entryOf(file);
+  if (source == nullptr) return false;
+  FileEntry* entry = newView(source->source != nullptr ? source->source : source);
+  if (entry == nullptr) return false;
+  if (openEntry(entry, Sharing::none, view)) return true;
+  leaveEntry(entry, Sharing::none);
+  return false;
+}
+
+void beginChange(int16_t file) {
+  FileEntry* entry = entryOf(file);
+  if (entry == nullptr || entry->views == 0) return;
+  const std::atomic_ref looks = looksAt(*entry);
+  uint32_t found = looks.fetch_or(kChange) | kChange;
+  while (found != kChange) {
+    looks.wait(found);
+    found = looks.load();
+  }
+}
+
+void endChange(int16_t file) {
+  FileEntry* entry = entryOf(file);
+  if (entry == nullptr || entry->views == 0) return;
+  looksAt(*entry).fetch_and(~kChange);
+  looksAt(*entry).notify_all();
+}
+
+void beginViewLook(int16_t view) {
+  const std::atomic_ref looks = looksAt(*entryOf(view)->source);
+  uint32_t found = looks.load();
+  for (;;) {
+    if ((found & kChange) != 0) {
+      looks.wait(found);
+      found = looks.load();
+    } else if (looks.compare_exchange_weak(found, found + 1)) {
+      return;
+    }
+  }
+}
+
+void endViewLook(int16_t view) {
+  const std::atomic_ref looks = looksAt(*entryOf(view)->source);
+  if (looks.fetch_sub(1) == (kChange | 1)) looks.notify_all();
+}
+
+void forgetLooks(int16_t file) {
+  if (FileEntry* entry = entryOf(file)) looksAt(*entry).store(0);
+}
+
+FileTurn& turnOfViewed(int16_t view) {
+  return *entryOf(view)->source->turn;
+}
+
+}  // namespace qvdbase::platform

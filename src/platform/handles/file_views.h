@@ -1,0 +1,37 @@
+// Views: numbers through which threads read a file of this process beside its other calls.
+//
+// A view has an entry and a turn of its own, so that its calls wait for none of the file's. It
+// reads through the descriptor of the file's entry, which it keeps open, and takes no part in its
+// lock.
+//
+// Bytes that are read beside a write can be new and old ones mixed. So changes of the file and
+// looks through its views exclude each other: any number of looks, or one change, for which new
+// looks wait. Who changes has the turn of the file. Within a look no turn of the file is waited
+// for: who changes waits for the looks with that turn.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/handles/turns.h"
+
+namespace qvdbase::platform {
+
+// Makes a view of an open file, at position 0; closeFile() ends it. False when no number is free,
+// memory is short, or the number is not that of an open file.
+bool openView(int16_t file, int16_t* view);
+
+// Excludes looks, after those that have begun have come to their end. Not one inside the other.
+void beginChange(int16_t file);
+void endChange(int16_t file);
+
+// Excludes changes. The number is that of a view.
+void beginViewLook(int16_t view);
+void endViewLook(int16_t view);
+
+// In a child made by fork: the looks of the parent's threads that were copied do not end here.
+void forgetLooks(int16_t file);
+
+// The turn of the file that it is a view of.
+FileTurn& turnOfViewed(int16_t view);
+
+}  // namespace qvdbase::platform
