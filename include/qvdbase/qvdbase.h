@@ -37,11 +37,11 @@
  *
  * Two writers
  *   Records that were added are gone, although both writers got the result 1.
- *   Permission 4, and 0, let other processes write at the same time, and the library does not take
- *   turns for them: a call reads the table's slot, appends, and writes the slot back. (The C++
- * layer takes turns with others of its kind, not with callers of these functions.) Open a database
- * that you write to with permission 3 (2 means the same). Permission 4 means "I take turns by other
- * means": every writer holds a lock of the application's own around each call.
+ *   Permission 4, and 0, let other processes write at the same time, and these functions take no
+ *   turns: a call reads the slot, appends, and writes the slot back. (The C++ layer takes turns.)
+ *   Open a database that you write to with permission 3 (2 means the same). Permission 4 means "I
+ *   take turns by other means": every writer holds a lock of the application's own around each
+ *   call.
  *
  * Tables added in two places
  *   A table is gone after another one was added.
@@ -110,11 +110,11 @@
  *
  * Reading beside a writer
  *   A payload is half old, half new, or a call fails once and succeeds the next time.
- *   Permission 1 takes no lock: a reader sees what a writer has written so far, and a call can meet
- *   the middle of a change: it fails, or a walk ends early or passes a record that was deleted.
+ *   Permission 1 takes no lock: a reader sees what a writer has written so far, and a call can find
+ *   half of a change: it fails, or a walk ends early or passes a record that was deleted.
  *   Call it again: a file that is sound gives the right answer when the writer's call is over.
- * Where half a payload matters, open the database with permission 3 for reading too, or read it by
- * the C++ layer, which waits for writers of its kind.
+ *   Where half a payload matters, open the database with permission 3 for reading too, or read by
+ *   the C++ layer, which waits for writers of its kind.
  *
  * Sizes
  *   The program crashes in, or after, GetTableData or GetRecordUuIDList.

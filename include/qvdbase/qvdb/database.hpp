@@ -58,8 +58,8 @@ struct OpenOptions {
   bool check = false;
 
   // How long opening is tried again while the database is in use, and how long each operation waits
-  // for its turn beside other openers; for that, 0 means five seconds. The
-  // error that ends opening names the process that has it open, where the system reports that.
+  // for its turn beside other openers; for the latter, 0 means five seconds. The error that ends
+  // opening names the process that has it open, where the system reports that.
   std::chrono::milliseconds wait{0};
 };
 
