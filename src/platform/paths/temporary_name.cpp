@@ -8,7 +8,7 @@ namespace qvdbase::platform {
 
 // A name need not be a secret: files are made only where nothing has the name.
 std::string temporaryName() {
-  static std::atomic<uint64_t> used = 0;
+  static std::atomic<uint32_t> used = 0;
   uint64_t number = static_cast<uint64_t>(systemCalls().time()) << 32;
   number ^= systemCalls().microseconds() * 0x9E3779B97F4A7C15u;
   number += ++used;
