@@ -10,10 +10,11 @@
 // written by the functions of qvdbase.h or by what they consist of, and the two can be mixed on one
 // open database through Database::handle().
 //
-// The rules of the C functions, and the caveats in qvdbase.h, hold here too: one thread at a time,
-// in the whole process; when an operation has returned, all that it wrote is with the operating
-// system, and Database::sync() asks for more. No operation of this layer moves the file position of
-// the handle.
+// The rules of the C functions, and the caveats in qvdbase.h, hold here too: when an operation has
+// returned, all that it wrote is with the operating system, and Database::sync() asks for more. No
+// operation of this layer moves the file position of the handle. Several threads may use a
+// Database, its tables, records and indexes; walks, appenders and writers belong to one thread at a
+// time (docs/threads.md).
 //
 // What an update of the library keeps: source code that compiles with one version of this layer
 // compiles with every later 1.x version and means the same; structs of options and reports get new
