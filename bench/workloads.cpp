@@ -16,6 +16,7 @@
 #include <random>
 
 #include "raw.h"
+#include "readers.h"
 #include "store.h"
 
 namespace bench {
@@ -268,6 +269,23 @@ void chainStep(benchmark::State& state, const Case& c) {
   }
 }
 
+// Two readers at once: the time of a record is that of both, from the first start to the last end.
+template <Readers kReaders>
+void readers(benchmark::State& state, const Case& c) {
+  Filled& f = filled(c, Use::read);
+  for (auto unused : state) {
+    static_cast<void>(unused);
+    f.store->close();
+    const ReadersResult result = runReaders(kReaders, f.folder, f.keys);
+    f.store->open(f.folder);
+    state.SetIterationTime((result.walkSeconds + result.lookupSeconds) /
+                           static_cast<double>(result.walked + result.lookedUp));
+    state.counters["walked_per_second"] = static_cast<double>(result.walked) / result.walkSeconds;
+    state.counters["lookups_per_second"] =
+        static_cast<double>(result.lookedUp) / result.lookupSeconds;
+  }
+}
+
 // The stores that run a workload.
 enum class Stores { all, keyed, ordered, oursIndexed, oursC };
 
@@ -294,6 +312,12 @@ constexpr Workload kWorkloads[] = {
     {"delete", "remove a random record", Stores::keyed, remove},
     {"compact", "give dead space back", Stores::keyed, compact},
     {"check", "read the whole closed store to see that it is sound", Stores::oursIndexed, check},
+    {"reader-threads", "walk and look up in two threads, a Reader each, of an exclusive opener",
+     Stores::oursIndexed, readers<Readers::threads>},
+    {"reader-threads-shared", "the same of a database that is open for reading only",
+     Stores::oursIndexed, readers<Readers::threadsReadOnly>},
+    {"reader-processes", "the same work in two processes, which open it for reading only",
+     Stores::oursIndexed, readers<Readers::processes>},
     {"chain-step", "search for an absent record by walking the chain", Stores::oursC, chainStep},
 };
 
@@ -358,7 +382,7 @@ void registerWorkloads(const std::vector<size_t>& valueSizes,
 
 void listWorkloads() {
   for (const Workload& workload : kWorkloads) {
-    std::printf("%-13s  %-60s  %s\n", workload.name, workload.summary, describe(workload.stores));
+    std::printf("%-21s  %-68s  %s\n", workload.name, workload.summary, describe(workload.stores));
   }
 }
 
