@@ -30,7 +30,7 @@ bool LiveReader::holds(int64_t position, uint64_t size) const {
 }
 
 const uint8_t* LiveReader::headAt(int64_t position, int64_t size) {
-  const auto count = static_cast<uint64_t>(size);
+  const auto count = static_cast<size_t>(size);
   return holds(position, count) ? window_.at(position, count) : nullptr;
 }
 
