@@ -24,7 +24,6 @@ using qvdb::Order;
 using qvdb::Reason;
 
 constexpr int kTaken = static_cast<int>(LockOutcome::taken);
-constexpr int kRefused = static_cast<int>(LockOutcome::refused);
 
 // Another process has the database open for writing, and takes the bytes by hand.
 class LooksTest : public LayerTest {
