@@ -31,7 +31,8 @@ struct ServedWindow {
 };
 
 // All of it is read and changed under the turn of its file; a free one under that of free numbers.
-struct OpenFile {
+// Each transfer changes it, so that files of different threads are in cache lines of their own.
+struct alignas(64) OpenFile {
   FileEntry* entry;  // null while the number is free
   int64_t position;
   int descriptor;
