@@ -71,6 +71,7 @@ Located locate(const Operation& operation, Id table, Id record, FoundRecord* fou
     if (answer != Answer::unknown) return answer == Answer::found ? Located::byIndex : Located::no;
     const Located located = walkTo(operation, table, record, found);
     if (located == Located::alongChain) noteFound(operation, *index, record, found->recordPos);
+    if (located == Located::no) noteAbsent(operation, *index, record);
     return located;
   }
   return walkTo(operation, table, record, found);

@@ -202,18 +202,19 @@ Answer askIndex(const Operation& operation, TableIndex& index, Id record,
   if (!position) return askSlot(operation, index, record, found);
   found->recordPos = *position;
   if (verify(operation, index, record, found)) return Answer::found;
-  // Others have moved or deleted it; the first of several may be another one now.
-  if (operation.database().isBesideWriters && !index.hasDuplicates) {
-    index.map.erase(record.value);
-  } else {
-    index.isStale = true;
-  }
+  // Others have moved or deleted it; the first of several may be another one now. Its entry stays
+  // until the chain has answered: a search that fails on its way must not make the record absent.
+  if (!operation.database().isBesideWriters || index.hasDuplicates) index.isStale = true;
   return Answer::unknown;
 }
 
 void noteFound(const Operation& operation, TableIndex& index, Id record, int64_t position) {
   if (!operation.database().isBesideWriters || index.isStale) return;
   if (!index.map.insert(record.value, position)) index.map.replace(record.value, position);
+}
+
+void noteAbsent(const Operation& operation, TableIndex& index, Id record) {
+  if (operation.database().isBesideWriters && !index.isStale) index.map.erase(record.value);
 }
 
 void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position) {

@@ -46,6 +46,9 @@ Answer askIndex(const Operation& operation, TableIndex& index, Id record,
 // database that others may change; elsewhere the index is built again.
 void noteFound(const Operation& operation, TableIndex& index, Id record, int64_t position);
 
+// Notes that the chain does not have it, in the same way.
+void noteAbsent(const Operation& operation, TableIndex& index, Id record);
+
 // Note every change of a chain in the table's index, with the slot as it is now.
 void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
 void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);

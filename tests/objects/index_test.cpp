@@ -4,6 +4,7 @@
 #include <random>
 #include <vector>
 
+#include "kit/fake_host.h"
 #include "kit/random_seed.h"
 #include "kit/recorded_calls.h"
 #include "objects/index_map.h"
@@ -177,6 +178,23 @@ TEST_F(IndexBesideWriters, NeverFindsWhatOthersHaveDeletedAndAlwaysWhatTheyHaveM
     EXPECT_EQ(table_->get(ids_[static_cast<size_t>(i) * 7 + 3])->size(), large_.size() + 4);
   }
   EXPECT_EQ(index_->size(), 480u);
+}
+
+// Others have moved it, and the search along the chain breaks off on its way.
+TEST_F(IndexBesideWriters, FindsARecordWhoseSearchFailedBefore) {
+  for (size_t i = 0; i < 12; ++i) {
+    const Id moved = ids_[480 - i];
+    EXPECT_TRUE(written_.modify(moved, large_ + "more"));
+    FakeHost host;
+    host.failFrom(FakeHost::Call::read, static_cast<int>(i));
+    try {
+      EXPECT_TRUE(table_->contains(moved)) << i;
+    } catch (const qvdb::Error& error) {
+      EXPECT_EQ(error.reason(), Reason::cannot_read) << i;
+    }
+    host.heal();
+    EXPECT_TRUE(table_->contains(moved)) << i;
+  }
 }
 
 TEST_F(IndexBesideWriters, FindsASuccessorOfItsLastRecordWhateverBecameOfThat) {
