@@ -141,7 +141,11 @@ void Doubt::weigh(const Error& error) {
   if (!saysWhatTheFileHolds(error.reason())) throw;
   const int16_t db = operation_.db();
   const bool mayBeChanging = platform::isOpenForWritingElsewhere(db);
-  std::string found = error.what() + directoryBytes(db);
+  // That something is missing is what the file says; that something is damaged may be what a change
+  // makes of it, which shows in the directory.
+  const bool isMissing =
+      error.reason() == Reason::record_missing || error.reason() == Reason::table_missing;
+  std::string found = error.what() + (isMissing ? std::string() : directoryBytes(db));
   if (found == seen_) throw;
   if (++looks_ == kLooks) {
     operation_.fail(Reason::changed_meanwhile,

@@ -293,6 +293,7 @@ class ContradictionTest : public LooksTest {
   // In the first slot, at 22, which begins with its mark and has the count at 60, little-endian.
   void setMark(uint8_t mark) const { setByte(22, mark); }
   void setCount(uint8_t count) const { setByte(22 + 60, count); }
+  void setCountWritten(uint8_t count) const { setByte(22 + 64, count); }
 
  private:
   void setByte(int position, uint8_t byte) const {
@@ -320,6 +321,17 @@ TEST_F(ContradictionTest, IsAChangeWhenEveryLookFindsSomethingElse) {
   setMark(mark);
   const Pauses pauses([&] { setMark(++mark); });
   expectError(Reason::changed_meanwhile, [&] { table_->count(); });
+}
+
+// The directory is another one at each look, as beside a writer that never rests.
+TEST_F(ContradictionTest, IsNoneWhereARecordIsMissing) {
+  setCount(9);
+  uint8_t count = 0;
+  const Pauses pauses([&] { setCountWritten(++count); });
+  expectError(Reason::record_missing, [&] {
+    qvdb::RecordRange walk = table_->records_after(qvdb::Id{12345});
+    walk.begin();
+  });
 }
 
 TEST_F(ContradictionTest, IsDamageAtOnceInAFileThatNoneElseWrites) {

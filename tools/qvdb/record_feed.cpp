@@ -68,7 +68,8 @@ bool RecordFeed::takeAfterLast(const Table& table, const Take& take, bool* isDon
       if (!take(*i)) return false;
     }
   } catch (const Error& error) {
-    if (error.reason() != Reason::record_missing) throw;
+    const bool isGone = error.reason() == Reason::record_missing;
+    if (!isGone && error.reason() != Reason::changed_meanwhile) throw;
   }
   return true;
 }
