@@ -10,6 +10,8 @@
 #include "kit/forked.h"
 #include "kit/sanitized.h"
 #include "kit/threads.h"
+#include "platform/handles/file_views.h"
+#include "platform/handles/open_files.h"
 
 namespace qvdbase::test {
 namespace {
@@ -59,6 +61,28 @@ TEST_F(ForkBesideThreads, LeavesTheChildWithoutHeldLocks) {
               }),
               0);
   }
+}
+
+// Whoever was at it is not in the child, which neither waits for a change nor for a look.
+TEST_F(ForkBesideThreads, LeavesTheChildNoLookAndNoChange) {
+  if (kThreadsAreWatched) GTEST_SKIP() << "the thread sanitizer has locks of its own";
+  const int16_t db = create();
+  int16_t view = 0;
+  ASSERT_TRUE(platform::openView(db, &view));
+  const auto inChild = [&](void (*begin)(int16_t), int16_t file) {
+    return inForkedChild([&] {
+      ::alarm(kSecondsBeforeItHangs);
+      begin(file);
+      return 0;
+    });
+  };
+  platform::beginChange(db);
+  EXPECT_EQ(inChild(platform::beginViewLook, view), 0);
+  platform::endChange(db);
+  platform::beginViewLook(view);
+  EXPECT_EQ(inChild(platform::beginChange, db), 0);
+  platform::endViewLook(view);
+  EXPECT_TRUE(platform::closeFile(view));
 }
 
 TEST_F(ForkBesideThreads, InAFunctionOfTheCallersLeavesTheChildItsCall) {

@@ -8,6 +8,10 @@
 #include "platform/host/memory.h"
 #include "platform/host/system_calls.h"
 
+#if !defined(QVDBASE_NO_THREADS)
+#include <pthread.h>
+#endif
+
 namespace qvdbase::platform {
 
 struct SurplusDescriptor {
@@ -236,6 +240,15 @@ FileEntry* tryToJoin(const Directory& directory, const EntryName& name, Sharing 
   withdraw(entry, added);
   return nullptr;
 }
+
+#if !defined(QVDBASE_NO_THREADS)
+// The threads that looked through views, or made a change meanwhile, are not in the child.
+void endLooksInChild() {
+  for (FileEntry* entry = firstEntry; entry != nullptr; entry = entry->next) entry->viewLooks = 0;
+}
+
+[[maybe_unused]] const int areEndedInChild = ::pthread_atfork(nullptr, nullptr, endLooksInChild);
+#endif
 
 }  // namespace
 
