@@ -144,8 +144,14 @@ Table Database::add_table(std::string_view name) {
 }
 
 Table Database::find_or_add_table(std::string_view name) {
-  std::optional<Table> found = find_table(name);
-  return found ? *std::move(found) : add_table(name);
+  for (;;) {
+    if (std::optional<Table> found = find_table(name)) return *std::move(found);
+    try {
+      return add_table(name);
+    } catch (const Error& error) {
+      if (error.reason() != Reason::table_exists) throw;  // else others have added it meanwhile
+    }
+  }
 }
 
 }  // namespace qvdb
