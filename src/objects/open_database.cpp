@@ -83,13 +83,16 @@ DatabaseTurn::DatabaseTurn(const OpenDatabase& database) {
     const int16_t handle = database.handle;
     if (handle == 0) return;
     turn_.emplace(handle);
-    if (database.handle == handle) return;
+    if (database.handle == handle) {
+      handle_ = handle;
+      return;
+    }
     turn_.reset();
   }
 }
 
 Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
-    : database_(databaseOf(database, name)), name_(name), turn_(database_), db_(database_.handle) {
+    : database_(databaseOf(database, name)), name_(name), turn_(database_), db_(turn_.handle()) {
   platform::forgetHostFailure();
   if (db_ == 0) fail(Reason::not_open, "it was closed");
 }

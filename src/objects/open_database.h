@@ -107,11 +107,16 @@ bool saysWhatTheFileHolds(Reason reason);
 class DatabaseTurn {
  public:
   explicit DatabaseTurn(const OpenDatabase& database);
+
+  // The handle whose turn it is; 0 where the database is closed, and there is no turn.
+  int16_t handle() const { return handle_; }
+
   DatabaseTurn(const DatabaseTurn&) = delete;
   DatabaseTurn& operator=(const DatabaseTurn&) = delete;
 
  private:
   std::optional<qvdbase::platform::Turn> turn_;
+  int16_t handle_ = 0;
 };
 
 // One operation on an open database, in its turn: what its errors name. `name` is a literal that
