@@ -242,7 +242,7 @@ TEST_F(ReadingTheDirectoryNumbers, FailsOnAFileThatIsCutOffAndCachesNothing) {
   expectDamage("short", {"F2"});
 }
 
-TEST_F(ReadingTheDirectoryNumbers, RefusesAVersionOutOfRangeAndStaysBehindTheHeader) {
+TEST_F(ReadingTheDirectoryNumbers, RefusesAVersionOutOfRangeAndStaysAfterTheHeader) {
   for (const int version : {0, 99, 200, 65535}) {
     FileImage image;
     image.header().version = static_cast<uint16_t>(version);
@@ -336,7 +336,7 @@ uint16_t moveAndNote(int a, int b, void* context) {
 
 using CallingBack = DatabaseTest;
 
-TEST_F(CallingBack, HandsOverItsArgumentsAndReturnsTheResult) {
+TEST_F(CallingBack, PassesOnItsArgumentsAndReturnsTheResult) {
   Visit call;
   EXPECT_EQ(SavedCallBack(0, moveAndNote, 17, -4, &call), 0xFEDC);
   EXPECT_EQ(call.a, 17);

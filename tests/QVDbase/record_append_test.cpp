@@ -88,7 +88,7 @@ TEST_F(RecordAppend, ChangesNothingButTheSlotAndTheEndOfTheFile) {
   expectFile();
 }
 
-TEST_F(RecordAppend, LinksASecondRecordBehindTheFirst) {
+TEST_F(RecordAppend, LinksASecondRecordAfterTheFirst) {
   const int64_t first = image.addRecord(notes, kA, bytesOf("first"));
   const int16_t db = start();
   const int64_t second = image.end();
@@ -114,7 +114,7 @@ TEST_F(RecordAppend, TouchesNoOtherRecordThanTheOldLast) {
   expectFile();
 }
 
-TEST_F(RecordAppend, AppendsBehindTheLastRecordWhateverWasWrittenLast) {
+TEST_F(RecordAppend, AppendsAfterTheLastRecordWhateverWasWrittenLast) {
   threeRecords();
   image.slot(notes).lastWrittenRecordPos = a;
   const int16_t db = start();
@@ -123,7 +123,7 @@ TEST_F(RecordAppend, AppendsBehindTheLastRecordWhateverWasWrittenLast) {
   expectFile();
 }
 
-TEST_F(RecordAppend, WritesTheBlockAtTheEndOfTheFileWhateverStandsThere) {
+TEST_F(RecordAppend, WritesTheBlockAtTheEndOfTheFileWhateverIsThere) {
   image.addRaw(hex("00 11 22"));
   allowDamage();
   const int16_t db = start();
@@ -195,7 +195,7 @@ TEST_F(RecordAppend, ReservesThePayloadsSizeWhenThatIsLarger) {
   }
 }
 
-TEST_F(RecordAppend, FillsTheReserveBehindThePayloadWithZeros) {
+TEST_F(RecordAppend, FillsTheReserveAfterThePayloadWithZeros) {
   const int16_t db = start();
   ASSERT_EQ(assign(db, pattern(10), 50), 1);
   EXPECT_EQ(fileSize(), 4630u + 55 + 50 + 1);
@@ -220,7 +220,7 @@ TEST_F(RecordAppend, StoresARecordOfNoBytesInABlockOf56) {
   EXPECT_EQ(contents().at(4630 + 47, 9), hex("00000000 00000000 69"));
 }
 
-TEST_F(RecordAppend, StoresARecordOfNoBytesWithRoom) {
+TEST_F(RecordAppend, StoresARecordOfNoBytesWithCapacity) {
   const int16_t db = start();
   ASSERT_EQ(assign(db, {}, 4), 1);
   EXPECT_EQ(contents().from(4630 + 47), hex("00000000 00000004 00000000 69"));
@@ -228,7 +228,7 @@ TEST_F(RecordAppend, StoresARecordOfNoBytesWithRoom) {
 
 // ---- identifiers --------------------------------------------------------------------------------
 
-TEST_F(RecordAppend, HandsOutTheIdentifierThatItStored) {
+TEST_F(RecordAppend, ReturnsTheIdentifierThatItStored) {
   const int16_t db = start();
   uint64_t id = 0;
   ASSERT_EQ(AddRecordData(db, kNotes, nullptr, 0, 0, &id), 1);
@@ -317,7 +317,7 @@ TEST_F(RecordAppend, FailsForATableThatIsNotThere) {
   expectFile();
 }
 
-TEST_F(RecordAppend, FailsBehindADamagedSlot) {
+TEST_F(RecordAppend, FailsAfterADamagedSlot) {
   image.slot(notes).slotEndMark = 'x';
   expectDamage(kDefaultFile, {"D1"});
   const int16_t db = start();
@@ -493,7 +493,7 @@ TEST_F(RecordAppendInside, WritesTheCallersSlotAndNotTheOneInTheFile) {
   EXPECT_EQ(owner.name(), "");
 }
 
-TEST_F(RecordAppendInside, HandsBackTheUpdatedSlotAndThePosition) {
+TEST_F(RecordAppendInside, ReturnsTheUpdatedSlotAndThePosition) {
   allowDamage();
   const int16_t db = start();
   ASSERT_EQ(append(db, nullptr, 0), 1);
@@ -599,7 +599,7 @@ TEST_F(RecordAppend, StopsAtTheFirstFailureInAnEmptyTable) {
   expectStopsAtEachFailure([](int16_t db) { return assign(db, bytesOf("payload"), 9); });
 }
 
-TEST_F(RecordAppend, StopsAtTheFirstFailureBehindOtherRecords) {
+TEST_F(RecordAppend, StopsAtTheFirstFailureAfterOtherRecords) {
   threeRecords();
   expectStopsAtEachFailure([](int16_t db) { return assign(db, bytesOf("payload"), 9); });
 }
@@ -633,7 +633,7 @@ TEST_F(RecordAppend, WritesNothingWhenTheEndOfTheFileCannotBeFound) {
   expectFile();
 }
 
-TEST_F(RecordAppend, StopsBeforeTheFillWhenItsBufferCannotBeHad) {
+TEST_F(RecordAppend, StopsBeforeTheFillWhenItsBufferCannotBeObtained) {
   threeRecords();
   expectDamage();
   const int16_t db = start();

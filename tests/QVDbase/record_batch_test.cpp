@@ -193,7 +193,7 @@ TEST_F(Batches, WriteTheSlotOnceAndLast) {
   EXPECT_EQ(log[2].bytes.size(), 144u);
 }
 
-TEST_F(Batches, DoNotBeginBehindARecordThatHasASuccessor) {
+TEST_F(Batches, DoNotBeginAfterARecordThatHasASuccessor) {
   const int16_t db = fresh("batch.qvd");
   appendEach(db, mixedRecords(1, 2));
   close(db);
@@ -270,7 +270,7 @@ TEST_F(Batches, DoNotBeginInATableWhoseSlotContradictsItself) {
   });
 }
 
-TEST_F(Batches, DoNotBeginBehindWhatIsNoRecord) {
+TEST_F(Batches, DoNotBeginAfterWhatIsNoRecord) {
   for (const int64_t position : {int64_t{1}, int64_t{-1}, int64_t{1} << 40}) {
     expectNotBegun([=](FileImage& image) { image.slot(0).lastRecordPos = position; });
   }
@@ -309,7 +309,7 @@ TEST_F(Batches, AreNotTakenIntoATableWhoseSlotIsGone) {
   expectNotTakenIn(22, Bytes{0});
 }
 
-TEST_F(Batches, AreNotTakenInBehindARecordThatIsNotTheLastAnyMore) {
+TEST_F(Batches, AreNotTakenInAfterARecordThatIsNotTheLastAnyMore) {
   const int16_t db = fresh("batch.qvd");
   appendEach(db, mixedRecords(1, 2));
   const auto last = static_cast<size_t>(slot(0, "batch.qvd").lastRecordPos);

@@ -68,7 +68,7 @@ TEST_F(RecordFind, LaysTheInformationOutIn48Bytes) {
   EXPECT_EQ(dataPos, b + 55);
 }
 
-TEST_F(RecordFind, ReportsLengthAndRoomOfAStoredRecord) {
+TEST_F(RecordFind, ReportsLengthAndCapacityOfAStoredRecord) {
   const int16_t db = start();
   const uint64_t id = addRecord(db, kNotes, pattern(10), 50);
   const oneRecordInfoP1 reported = info(db, kNotes, id);
@@ -375,7 +375,7 @@ TEST_F(RecordFind, RejectsAHeaderThatDiffersInAnyByteOfItsTable) {
   EXPECT_EQ(internal_GetOneRecordDataInfo(db, identifier(kNotes).data(), nullptr), 0);
 }
 
-TEST_F(RecordFind, HandsOutHeaderAndPositionOfTheRecordFound) {
+TEST_F(RecordFind, ReturnsHeaderAndPositionOfTheRecordFound) {
   threeRecords();
   const int16_t db = start();
   tablePart1 owner{};
@@ -439,7 +439,7 @@ TEST_F(RecordTouch, ChangesNothingForWhatIsNotThere) {
   expectFile();
 }
 
-TEST_F(RecordTouch, LeavesThePositionBehindWhenHeaderOrDirectoryCannotBeRead) {
+TEST_F(RecordTouch, LeavesThePositionWhereItIsWhenHeaderOrDirectoryCannotBeRead) {
   struct Case {
     const char* what;
     size_t offset;

@@ -42,7 +42,7 @@ class RecordModify : public RecordTest {
 
 // ---- in place -----------------------------------------------------------------------------------
 
-TEST_F(RecordModify, WritesOverThePayloadThatLeavesRoom) {
+TEST_F(RecordModify, WritesOverThePayloadThatLeavesCapacity) {
   threeRecords();
   const int16_t db = start();
   ASSERT_EQ(modify(db, kB, bytesOf("another one")), 1);
@@ -52,7 +52,7 @@ TEST_F(RecordModify, WritesOverThePayloadThatLeavesRoom) {
                                         .with(at + 55, bytesOf("another one"))));
 }
 
-TEST_F(RecordModify, KeepsTheRoomOfARecordThatIsWrittenOver) {
+TEST_F(RecordModify, KeepsTheCapacityOfARecordThatIsWrittenOver) {
   const int16_t db = start();
   const uint64_t id = addRecord(db, kNotes, pattern(10), 50);
   const size_t size = fileSize();
@@ -64,7 +64,7 @@ TEST_F(RecordModify, KeepsTheRoomOfARecordThatIsWrittenOver) {
   EXPECT_EQ(now.data(), pattern(40));
 }
 
-TEST_F(RecordModify, RelocatesTheRecordThatOutgrowsItsRoom) {
+TEST_F(RecordModify, RelocatesTheRecordThatOutgrowsItsCapacity) {
   const int16_t db = start();
   const uint64_t id = addRecord(db, kNotes, pattern(10), 50);
   const size_t size = fileSize();
@@ -84,7 +84,7 @@ TEST_F(RecordModify, WritesOverWhenThePayloadJustFits) {
   EXPECT_EQ(fileSize(), base.size() + 55 + 21 + 1);
 }
 
-TEST_F(RecordModify, LeavesTheTailOfALongerPayloadBehindTheNewOne) {
+TEST_F(RecordModify, LeavesTheTailOfALongerPayloadAfterTheNewOne) {
   const int16_t db = start();
   const uint64_t id = addRecord(db, kNotes, pattern(40));
   ASSERT_EQ(modify(db, id, bytesOf("short")), 1);
@@ -94,7 +94,7 @@ TEST_F(RecordModify, LeavesTheTailOfALongerPayloadBehindTheNewOne) {
   EXPECT_EQ(contents().at(4630 + 55, 41), pattern(40).with(0, bytesOf("short")).be(1, 'i'));
 }
 
-TEST_F(RecordModify, ComparesWithTheRoomAndNotWithTheLength) {
+TEST_F(RecordModify, ComparesWithTheCapacityAndNotWithTheLength) {
   threeRecords();
   image.record(b).dataLength = 0xFFFFFFFF;
   expectDamage();
@@ -103,7 +103,7 @@ TEST_F(RecordModify, ComparesWithTheRoomAndNotWithTheLength) {
   EXPECT_EQ(fileSize(), base.size() + 55 + 21 + 1);
 }
 
-TEST_F(RecordModify, TakesTheRoomAtItsWord) {
+TEST_F(RecordModify, TakesTheCapacityAtItsWord) {
   threeRecords();
   image.record(c).dataCapacity = 0xFFFFFFFF;
   expectDamage();
@@ -113,7 +113,7 @@ TEST_F(RecordModify, TakesTheRoomAtItsWord) {
   expectFile();
 }
 
-TEST_F(RecordModify, LeavesThePositionBehindThePayloadItWroteOver) {
+TEST_F(RecordModify, LeavesThePositionAfterThePayloadItWroteOver) {
   threeRecords();
   const int16_t db = start();
   seek(db, 77);

@@ -77,7 +77,7 @@ TEST_F(SettingTableData, AppendsABlockAndPointsTheSlotAtIt) {
   EXPECT_TRUE(sameBytes(contents(), before.with(22, slotNow.encode()).add(block)));
 }
 
-TEST_F(SettingTableData, ReservesRoomBehindTheData) {
+TEST_F(SettingTableData, ReservesCapacityAfterTheData) {
   const int16_t db = create();
   const uint64_t table = addTable(db, "t");
   EXPECT_EQ(set(db, bytesOf("abc"), 8, table), 1);
@@ -91,7 +91,7 @@ TEST_F(SettingTableData, TakesAReserveBelowTheSizeAsNone) {
   EXPECT_EQ(contents().from(4630 + 13), hex("00000006 00000006").text("abcdefi"));
 }
 
-TEST_F(SettingTableData, FillsALargeRoom) {
+TEST_F(SettingTableData, FillsALargeCapacity) {
   const int16_t db = create();
   const uint64_t table = addTable(db, "t");
   EXPECT_EQ(set(db, bytesOf("abc"), 100000, table), 1);
@@ -108,7 +108,7 @@ TEST_F(SettingTableData, OfNoBytesMakesAnEmptyBlock) {
   EXPECT_TRUE(data(db, table).empty());
 }
 
-TEST_F(SettingTableData, AppendsAtTheEndOfTheFileWhereverTheHandleStands) {
+TEST_F(SettingTableData, AppendsAtTheEndOfTheFileWhereverTheHandleIs) {
   const int16_t db = put(Sample().image);
   const size_t end = fileSize();
   seek(db, 100);
@@ -138,7 +138,7 @@ TEST_F(SettingTableData, LeavesOtherTablesAlone) {
 
 // ---- over the present block ----
 
-TEST_F(SettingTableData, WritesDataAnEndMarkAndTheLengthOverABlockThatHasRoom) {
+TEST_F(SettingTableData, WritesDataAnEndMarkAndTheLengthOverABlockThatHasCapacity) {
   const Sample sample;
   const int16_t db = put(sample.image);
   const Bytes before = contents();
@@ -149,7 +149,7 @@ TEST_F(SettingTableData, WritesDataAnEndMarkAndTheLengthOverABlockThatHasRoom) {
   EXPECT_EQ(data(db), bytesOf("abcdefg"));
 }
 
-TEST_F(SettingTableData, KeepsWhatStandsBehindTheNewEndMark) {
+TEST_F(SettingTableData, KeepsWhatFollowsTheNewEndMark) {
   const Sample sample;
   const int16_t db = put(sample.image);
   EXPECT_EQ(set(db, bytesOf("xy")), 1);
@@ -157,7 +157,7 @@ TEST_F(SettingTableData, KeepsWhatStandsBehindTheNewEndMark) {
             hex("00000002 0000000A").text("xyiloOLDIEi"));
 }
 
-TEST_F(SettingTableData, FillsTheRoomToItsLastByte) {
+TEST_F(SettingTableData, FillsTheCapacityToItsLastByte) {
   const Sample sample;
   const int16_t db = put(sample.image);
   const size_t end = fileSize();
@@ -209,7 +209,7 @@ TEST_F(SettingTableData, RewritesWhileItFitsAndAppendsWhenItDoesNot) {
   EXPECT_EQ(data(db, table), pattern(200, 4));
 }
 
-TEST_F(SettingTableData, GoesByTheFirstOfTheThreePositions) {
+TEST_F(SettingTableData, ReliesOnTheFirstOfTheThreePositions) {
   Sample sample;
   sample.image.slot(1).lastDataPos = 1;
   sample.image.slot(1).lastWrittenDataPos = 2;
@@ -272,7 +272,7 @@ TEST_F(SettingTableData, OnAReadOnlyDatabaseFails) {
 }
 
 // Two slots of one identifier, the first with data, the second without.
-TEST_F(SettingTableData, GoesOnBehindASlotWhoseDataCouldNotBeWritten) {
+TEST_F(SettingTableData, GoesOnAfterASlotWhoseDataCouldNotBeWritten) {
   Sample sample;
   const size_t second = sample.image.addTable("three", kTable);
   const int64_t end = sample.image.end();
@@ -296,7 +296,7 @@ TEST_F(SettingTableData, GoesOnBehindASlotWhoseDataCouldNotBeWritten) {
   allowDamage();
 }
 
-TEST_F(SettingTableData, GoesOnBehindASlotWhoseBlockIsDamaged) {
+TEST_F(SettingTableData, GoesOnAfterASlotWhoseBlockIsDamaged) {
   Sample sample;
   sample.image.tableData(sample.data).blockMark = 0;
   const size_t twin = sample.image.addTable("twin", kTable);
@@ -371,7 +371,7 @@ TEST_F(ReadingTableData, FailsWhenTheBlockIsCutOff) {
   expectDamage();
 }
 
-TEST_F(ReadingTableData, DoesNotLookAtTheEndMarkOrTheRoom) {
+TEST_F(ReadingTableData, DoesNotLookAtTheEndMarkOrTheCapacity) {
   Sample sample;
   sample.image.tableData(sample.data).blockEndMark = 0;
   sample.image.tableData(sample.data).dataCapacity = 1;
@@ -517,7 +517,7 @@ class AppendingTableData : public TableData {
   const Bytes id_ = identifier(kTable);
 };
 
-TEST_F(AppendingTableData, HandsTheUpdatedSlotBack) {
+TEST_F(AppendingTableData, ReturnsTheUpdatedSlot) {
   const Sample sample;
   const int16_t db = put(sample.image);
   const int64_t end = sample.image.end();

@@ -120,7 +120,7 @@ TEST_F(AddingATable, LeavesTheLastSlotOfAnyDirectoryFree) {
   expectDamage(kDefaultFile, {"H6"});
 }
 
-TEST_F(AddingATable, FailsInADirectoryWithoutRoom) {
+TEST_F(AddingATable, FailsInADirectoryWithoutSpace) {
   for (const int slotCount : {0x8000, 0xFFFF, 0, 1}) {
     FileImage image;
     image.header().slotCount = static_cast<uint16_t>(slotCount);
@@ -131,7 +131,7 @@ TEST_F(AddingATable, FailsInADirectoryWithoutRoom) {
   expectDamage(kDefaultFile, {"H6"});
 }
 
-TEST_F(AddingATable, GoesBySlotSizeOfTheHeader) {
+TEST_F(AddingATable, ReliesOnTheSlotSizeOfTheHeader) {
   FileImage image;
   image.header().slotSize = 200;
   image.header().tableCount = 1;
@@ -517,7 +517,7 @@ TEST_F(FindingASlot, ReportsTheSlotAndItsPositionAndEndsAfterIt) {
   EXPECT_EQ(std::memcmp(slot_.tableName, "two\0", 4), 0);
 }
 
-TEST_F(FindingASlot, StartsWhereTheFileStands) {
+TEST_F(FindingASlot, StartsWhereTheFileIs) {
   db_ = put(threeTables());
   seek(db_, 22 + 144);
   EXPECT_EQ(internal_GetOneTableInfo(db_, 0x101, 2, 144, &slot_, &slotPos_), 0);

@@ -55,7 +55,7 @@ TEST_F(Fill, KeepsItsBufferAfterAFailedWriteOnly) {
   host.releaseBlocks();
 }
 
-TEST_F(Fill, FailsWhenItsBufferCannotBeHad) {
+TEST_F(Fill, FailsWhenItsBufferCannotBeObtained) {
   FakeHost host;
   host.failFrom(FakeHost::Call::allocate);
   EXPECT_EQ(internal_WriteEmptyDatas(file_, 10), 0);

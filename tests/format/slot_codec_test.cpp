@@ -184,7 +184,7 @@ TEST_F(SlotReader, TakesASlotWithoutItsMarksAsItIs) {
   EXPECT_EQ(int{slot.slotEndMark}, 0);
 }
 
-TEST_F(SlotReader, EndsBehindTheBytesItWasToldToRead) {
+TEST_F(SlotReader, EndsAfterTheBytesItWasAskedToRead) {
   const int16_t f = file(Bytes(5, 0xEE).add(distinctBytes()).fill(100, 0xEE));
   for (const int length : {144, 150, 200}) {
     seek(f, 5);

@@ -1,7 +1,7 @@
 // The fixture for tests on records: a file made by hand with two tables, a clock that stands still,
 // and checks that run an operation again and again while the host fails it at each of its steps.
 //
-//   TEST_F(RecordAppend, LinksTheNewRecordBehindTheLast) {
+//   TEST_F(RecordAppend, LinksTheNewRecordAfterTheLast) {
 //     threeRecords();                                      A, B and C in the table "notes"
 //     const int16_t db = start();                          writes `image` to the file, opens it
 //     ASSERT_EQ(AddRecordData_AssignRecordID(db, kNotes, ...), 1);

@@ -179,7 +179,7 @@ std::array<uintptr_t, kCallCount> functionsOf(const platform::SystemCalls& table
   return std::bit_cast<std::array<uintptr_t, kCallCount>>(table);
 }
 
-TEST_F(Recorder, StandsBeforeEveryCallOfTheTable) {
+TEST_F(Recorder, ComesBeforeEveryCallOfTheTable) {
   const auto recorded = functionsOf(systemCalls());
   const auto real = functionsOf(platform::hostSystemCalls());
   for (size_t i = 0; i < kCallCount; ++i) {

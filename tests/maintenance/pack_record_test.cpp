@@ -59,7 +59,7 @@ TEST_F(AppendingACopiedRecord, CarriesTheIdentifierAsItIsEvenWithAWrongSum) {
   expectDamage(kDefaultFile, {"R4"});
 }
 
-TEST_F(AppendingACopiedRecord, HandsTheSlotBackAsItIsNowInTheFile) {
+TEST_F(AppendingACopiedRecord, ReturnsTheSlotAsItIsNowInTheFile) {
   threeRecords();
   const int16_t db = start();
   tablePart1 slot = slotOfNotes();

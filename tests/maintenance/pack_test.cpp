@@ -74,7 +74,7 @@ TEST_F(Pack, KeepsTheTableDataOfATableWithoutRecordsWithItsCounts) {
   expectPacked(source, expected);
 }
 
-TEST_F(Pack, CopiesATableDataBlockByteForByteWithTheOldBytesInItsRoom) {
+TEST_F(Pack, CopiesATableDataBlockByteForByteWithTheOldBytesInItsCapacity) {
   FileImage source;
   source.addTable("t", 0x101);
   const int64_t data = source.setTableData(0, bytesOf("hello"), 10);
@@ -82,7 +82,7 @@ TEST_F(Pack, CopiesATableDataBlockByteForByteWithTheOldBytesInItsRoom) {
   expectPacked(source, source);
 }
 
-TEST_F(Pack, ZeroesTheRoomBehindAPayloadAndKeepsItsSize) {
+TEST_F(Pack, ZeroesTheCapacityAfterAPayloadAndKeepsItsSize) {
   FileImage source;
   source.addTable("t", 0x101);
   source.addRecord(0, 0xA1, bytesOf("abc"), {.reserve = 40000, .fill = 0xEE});
@@ -92,7 +92,7 @@ TEST_F(Pack, ZeroesTheRoomBehindAPayloadAndKeepsItsSize) {
   expectPacked(source, expected);
 }
 
-TEST_F(Pack, GivesARecordTheRoomOfItsPayloadWhenTheSourceClaimsLess) {
+TEST_F(Pack, GivesARecordTheCapacityOfItsPayloadWhenTheSourceClaimsLess) {
   FileImage source = withRecords({10});
   const int64_t position = source.slot(0).firstRecordPos;
   FileImage expected = source;
@@ -470,7 +470,7 @@ TEST_F(Pack, RefusesEachFaultOfATableDataBlock) {
   expectRefused(damaged([](TableDataFields& block) { block.dataCapacity = 0xFFFFFFFF; }));
 }
 
-TEST_F(Pack, DoesNotMindALengthOfTableDataAboveItsRoom) {
+TEST_F(Pack, DoesNotMindALengthOfTableDataAboveItsCapacity) {
   FileImage source;
   source.addTable("t", 0x101);
   source.tableData(source.setTableData(0, bytesOf("hello"))).dataLength = 0xFFFFFFFF;

@@ -102,7 +102,7 @@ TEST_F(PackWithHandle, FailsOnTheFirstTableOfAnyOrdinaryDatabaseAsRequired) {
   EXPECT_TRUE(sameBytes(contents(kSource), lively.image.build()));
 }
 
-TEST_F(PackWithHandle, WritesRawImagesOfTheSlotSizeAndReadsNothingBehindTheStructure) {
+TEST_F(PackWithHandle, WritesRawImagesOfTheSlotSizeAndReadsNothingAfterTheStructure) {
   for (const uint16_t slotSize :
        std::vector<uint16_t>{0, 1, 100, 127, 128, 129, 143, 144, 145, 300}) {
     SCOPED_TRACE(slotSize);
@@ -351,7 +351,7 @@ TEST_F(PackWithHandle, NeverTouchesTheVersion) {
   EXPECT_EQ(versions, (std::vector<int>{177, 177}));
 }
 
-TEST_F(PackWithHandle, HandsUserDataAndANullThirdArgument) {
+TEST_F(PackWithHandle, PassesUserDataAndANullThirdArgument) {
   putSource(FileImage());
   ASSERT_EQ(pack(), 1);
   const std::vector<ProgressLog::Entry> expected = {{7, 1, nullptr}, {7, 100, nullptr}};

@@ -261,7 +261,7 @@ TEST_F(Renumber, FailsForFreeBytesThatClaimMoreThanTheWholeFile) {
   expectRefused();
 }
 
-TEST_F(Renumber, MovesACategoryThatNeedsMoreRoomForItsZeroFilledFreeBytes) {
+TEST_F(Renumber, MovesACategoryThatNeedsMoreSpaceForItsZeroFilledFreeBytes) {
   // A claim longer than what is left of the file, but shorter than the file: zeros take its place.
   const size_t table = image.addTable("QVrz_Category", kCategoryTable);
   image.addRecord(table, 0xBF, categoryPayload({}));
@@ -309,7 +309,7 @@ TEST_F(Renumber, CountsThePairOfTheLastRecordWhenItsLinkLeadsOnPurposely) {
             std::vector<uint64_t>{idsOf("QVrz_Record")[1]});
 }
 
-TEST_F(Renumber, RaisesTheCountInAKeptTableBehindTheRecordTableWithoutWritingOnPurpose) {
+TEST_F(Renumber, RaisesTheCountInAKeptTableAfterTheRecordTableWithoutWritingOnPurpose) {
   // The category table itself: its one step counts the last record's pair in.
   addRecordTable(3);
   addCategories({{0xA2}, {}});

@@ -26,7 +26,7 @@ TEST_F(LayerBulk, AppendsARangeOfByteVectors) {
   EXPECT_EQ(read, (std::vector<Bytes>{hex("01"), hex(""), hex("0203")}));
 }
 
-TEST_F(LayerBulk, AppendsWithGivenIdentifiersAndRoom) {
+TEST_F(LayerBulk, AppendsWithGivenIdentifiersAndCapacity) {
   auto database = createDatabase();
   auto table = database.add_table("t");
   const Bytes payload = bytesOf("abc");

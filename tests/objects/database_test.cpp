@@ -82,7 +82,7 @@ TEST_F(LayerDatabase, CreatedInAMissingFolderMakesTheFolderIfItIsAskedTo) {
   EXPECT_TRUE(std::filesystem::exists(path("a/b/c.qvd")));
 }
 
-TEST_F(LayerDatabase, OpeningTellsWhatIsWrong) {
+TEST_F(LayerDatabase, OpeningReportsWhatIsWrong) {
   expectError(Reason::no_such_file, [&] { Database::open(path("nothing.qvd")); });
   expectError(Reason::no_such_file, [&] { Database::open(path("no folder/nothing.qvd")); });
   expectError(Reason::not_a_file, [&] { Database::open(folder.path()); });
@@ -381,7 +381,7 @@ TEST_F(LayerTables, Are31AtMost) {
   });
 }
 
-TEST_F(LayerTables, BehindADamagedSlotCannotBeReached) {
+TEST_F(LayerTables, AfterADamagedSlotCannotBeReached) {
   FileImage image;
   image.addTable("one", 1);
   image.addTable("two", 2);

@@ -51,7 +51,7 @@ TEST(IndexMap, AgreesWithAMapThroughRandomInsertionsAndErasures) {
   for (const auto& [key, position] : model) ASSERT_EQ(map.find(key), position);
 }
 
-TEST(IndexMap, TakesTheKeysThatItHasRoomForWithoutGrowing) {
+TEST(IndexMap, TakesTheKeysThatItHasSpaceForWithoutGrowing) {
   qvdb::detail::IndexMap map;
   map.reserve(5000);
   const size_t bytes = map.bytes();

@@ -187,7 +187,7 @@ TEST_F(LongWalk, EndsWhereTheCountEndsWithinAPiece) {
   }
 }
 
-TEST_F(LongWalk, TellsThatTheChainEndsBeforeTheCountWithinAPiece) {
+TEST_F(LongWalk, ReportsThatTheChainEndsBeforeTheCountWithinAPiece) {
   const FileImage image = counting(1001, 1000);
   allowDamage();
   auto database = openImage(image);

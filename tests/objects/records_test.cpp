@@ -257,7 +257,7 @@ TEST_F(DamagedChain, IsReportedAtTheFirstRecord) {
   EXPECT_EQ(walk(1), 0u);
 }
 
-TEST_F(DamagedChain, ThatEndsEarlyIsReportedBehindItsLastRecord) {
+TEST_F(DamagedChain, ThatEndsEarlyIsReportedAfterItsLastRecord) {
   image.record(at[3]).nextRecordPos = 0;
   EXPECT_EQ(walk(5), 4u);
 }

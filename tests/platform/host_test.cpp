@@ -30,7 +30,7 @@ TEST(Clock, CountsSecondsModulo2To32) {
   EXPECT_EQ(platform::secondsSinceEpoch(), 0xFFFF'FFFFu);
 }
 
-TEST(Clock, TellsTheHostsTime) {
+TEST(Clock, ReportsTheHostsTime) {
   const time_t before = std::time(nullptr);
   const uint32_t now = platform::secondsSinceEpoch();
   const time_t after = std::time(nullptr);
@@ -58,7 +58,7 @@ TEST(Clock, CutsProcessorTimeTo32Bits) {
   EXPECT_EQ(platform::processClock(), 0xFFFFFFFEu);
 }
 
-TEST(Memory, ThatCannotBeHadIsNull) {
+TEST(Memory, ThatCannotBeObtainedIsNull) {
   ReplacedCalls calls;
   calls->allocate = [](size_t) -> void* { return nullptr; };
   EXPECT_EQ(platform::allocate(1), nullptr);
@@ -68,7 +68,7 @@ TEST(Memory, ThatCannotBeHadIsNull) {
   platform::release(nullptr);
 }
 
-TEST(Memory, OfNoBytesCanBeHad) {
+TEST(Memory, OfNoBytesCanBeObtained) {
   platform::Buffer buffer(0);
   EXPECT_TRUE(buffer);
   EXPECT_EQ(buffer.size(), 0u);

@@ -12,7 +12,7 @@ namespace {
 
 using platform::PathKind;
 
-TEST(ReadOnlyFile, TellsWhatAPathStandsFor) {
+TEST(ReadOnlyFile, ReportsWhatAPathMeans) {
   TempFolder folder;
   writeFile(folder / "f", bytesOf("0123456789"));
   EXPECT_EQ(platform::kindOfPath(folder / "f"), PathKind::regularFile);

@@ -142,7 +142,7 @@ TEST_F(Transfers, WritesReachSeveralFilesInTheOrderInWhichTheyWereMade) {
   EXPECT_EQ(host.writes()[2].file, "one");
 }
 
-TEST_F(Transfers, FieldsOfOneHeaderAreOneSystemCallWhereNobodyElseCanWrite) {
+TEST_F(Transfers, FieldsOfOneHeaderAreOneSystemCallWhereNoOtherCanWrite) {
   if (!platform::gathersTransfers()) GTEST_SKIP();
   const Bytes before = patterned(200);
   for (const int permission : {2, 3}) {
@@ -287,7 +287,7 @@ TEST_F(Transfers, AFileCutShortBetweenTwoScopesMakesReadsFail) {
   EXPECT_EQ(readAt(file, 60, 4).size(), 0u);
 }
 
-TEST_F(Transfers, APauseHandsOverWhatWasWrittenAndForgetsWhatWasRead) {
+TEST_F(Transfers, APausePassesOnWhatWasWrittenAndForgetsWhatWasRead) {
   const int16_t file = open("f", patterned(100));
   TransferScope scope;
   EXPECT_EQ(readAt(file, 50, 10).size(), 10u);
@@ -304,7 +304,7 @@ TEST_F(Transfers, APauseHandsOverWhatWasWrittenAndForgetsWhatWasRead) {
   EXPECT_TRUE(scope.end());
 }
 
-TEST_F(Transfers, AnInnerScopeSeesAndHandsOverLikeACallOfItsOwn) {
+TEST_F(Transfers, AnInnerScopeSeesAndPassesOnLikeACallOfItsOwn) {
   const int16_t file = open("f", patterned(100));
   TransferScope outer;
   EXPECT_EQ(readAt(file, 50, 10).size(), 10u);
@@ -391,7 +391,7 @@ TEST_F(Transfers, AReadThatNeedsARefusedWriteFails) {
   EXPECT_FALSE(scope.end());
 }
 
-TEST_F(Transfers, ALengthThatNeedsARefusedWriteIsNotTold) {
+TEST_F(Transfers, ALengthThatNeedsARefusedWriteIsNotReported) {
   if (!platform::gathersTransfers()) GTEST_SKIP();
   const int16_t file = open("f", patterned(10));
   RecordedCalls host;

@@ -56,7 +56,7 @@ TEST_F(Feed, HasNothingNewUntilSomethingIsAdded) {
   EXPECT_EQ(look(), Ids{});
 }
 
-TEST_F(Feed, GoesByTheCountsWhereAllThatItRemembersIsGone) {
+TEST_F(Feed, ReliesOnTheCountsWhereAllThatItRemembersIsGone) {
   constexpr uint64_t kMany = 1'100;  // more than it remembers
   begin(kMany);
   {

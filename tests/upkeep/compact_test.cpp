@@ -84,7 +84,7 @@ TEST_F(Compact, KeepsTableDataOfTablesThatHaveRecords) {
   EXPECT_EQ(bytes(compacted.table("t").get({id})), bytesOf("x"));
 }
 
-TEST_F(Compact, LeavesNothingOfWhatStoodBehindShorterPayloads) {
+TEST_F(Compact, LeavesNothingOfWhatWasAfterShorterPayloads) {
   const int16_t db = create(kSource);
   const uint64_t table = addTable(db, "t");
   const uint64_t id = addRecord(db, table, bytesOf("a long secret"));
@@ -170,7 +170,7 @@ TEST_F(Compact, SaysWhatItWouldGainWithoutWritingAnything) {
 
 // ---- targets ----
 
-TEST_F(Compact, ReplacesATargetOnlyWhenItIsToldTo) {
+TEST_F(Compact, ReplacesATargetOnlyWhenAsked) {
   LivelyDatabase source = lively();
   putSource(source.image);
   writeFile(path(kTarget), bytesOf("precious"));
@@ -292,7 +292,7 @@ TEST_F(Compact, RefusesADamagedSourceAndSaysWhatIsWrong) {
   refuse(Reason::data_damaged, [](auto& s) { s.image.slot(1).firstDataPos = INT64_MAX; });
 }
 
-TEST_F(Compact, TellsTheNumberOfTheRecordThatIsDamaged) {
+TEST_F(Compact, ReportsTheNumberOfTheRecordThatIsDamaged) {
   LivelyDatabase source = lively();
   source.image.record(source.c).blockMark = 0;
   putSource(source.image);
@@ -338,7 +338,7 @@ TEST_F(Compact, CanBeCancelledAtEachCallAndLeavesEverythingAsItWas) {
   }
 }
 
-TEST_F(Compact, HandsAnExceptionOfTheProgressFunctionOn) {
+TEST_F(Compact, PassesAnExceptionOfTheProgressFunctionOn) {
   LivelyDatabase source = lively();
   putSource(source.image);
   struct Mine {};

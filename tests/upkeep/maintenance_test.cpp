@@ -176,7 +176,7 @@ TEST_F(WholeFile, AnOperationCanRunInsideTheProgressFunctionOfAnother) {
   EXPECT_GT(calls, 5);
 }
 
-TEST_F(WholeFile, PackTellsDamageFromAFullDisk) {
+TEST_F(WholeFile, PackDistinguishesDamageFromAFullDisk) {
   LivelyDatabase lively;
   lively.image.record(lively.b).blockMark = 0;
   putSource(lively.image);
@@ -200,7 +200,7 @@ TEST_F(WholeFile, RenumberSaysThatItNeedsCategoriesAndThatTheyMustBeKnown) {
   EXPECT_EQ(names(), std::vector<std::string>{kSource});
 }
 
-TEST_F(WholeFile, RepairTellsWhetherItHadAnythingToDo) {
+TEST_F(WholeFile, RepairReportsWhetherItHadAnythingToDo) {
   LivelyDatabase lively;
   putSource(lively.image);
   EXPECT_EQ(repair(path(kSource)), RepairOutcome::sound);

@@ -380,7 +380,7 @@ TEST_F(CheckFile, SeesARealHole) {
   EXPECT_EQ(codes, std::set<std::string>{"F3"});
 }
 
-TEST_F(CheckFile, TellsNoMoreThanTheLimitOfFindingsThatAreAlike) {
+TEST_F(CheckFile, ReportsNoMoreThanTheLimitOfFindingsThatAreAlike) {
   FileImage image;
   const size_t table = image.addTable("many", 0x11);
   for (uint64_t i = 1; i <= 100; ++i) {

@@ -167,7 +167,7 @@ TEST_F(Outlook, IsTrueForRandomDamage) {
 }
 
 // One forward link of a thousand is cleared: link repair keeps the part before it and no more.
-TEST_F(Outlook, TellsWhatLinkRepairWouldLose) {
+TEST_F(Outlook, ReportsWhatLinkRepairWouldLose) {
   FileImage image;
   const size_t table = image.addTable("notes", 0x11);
   std::vector<int64_t> at;
@@ -185,7 +185,7 @@ TEST_F(Outlook, TellsWhatLinkRepairWouldLose) {
   expectTrue(image.build(), "a cleared link");
 }
 
-TEST_F(Outlook, TellsWhatLinkRepairWouldMiss) {
+TEST_F(Outlook, ReportsWhatLinkRepairWouldMiss) {
   FileImage image;
   const size_t table = image.addTable("notes", 0x11);
   const int64_t first = image.addRecord(table, 1, {});

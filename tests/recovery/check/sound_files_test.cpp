@@ -36,7 +36,7 @@ TEST(Check, AccountsForEveryByteOfAUsedFile) {
   EXPECT_EQ(space.unlinked + space.lost + space.orphans + space.unknown, 0u);
 }
 
-TEST(Check, TellsEachCodeWithMeaningConsequenceAndAdvice) {
+TEST(Check, ReportsEachCodeWithMeaningConsequenceAndAdvice) {
   for (const qvdb::FindingCode& code : qvdb::finding_codes()) {
     EXPECT_FALSE(code.meaning.empty()) << code.code;
     EXPECT_FALSE(code.fails.empty()) << code.code;

@@ -20,7 +20,7 @@ struct Shortened {
   }
 };
 
-TEST(CheckOfSpace, CallsRoomThatHoldsFillNeverUsed) {
+TEST(CheckOfSpace, CallsCapacityThatHoldsFillNeverUsed) {
   Shortened file;
   file.image.addRecord(file.table, 0xA1, bytesOf("text"), {.reserve = 10'000});
   file.image.setTableData(file.table, bytesOf("data"), 100);
@@ -46,7 +46,7 @@ std::string storedIn(const std::string& blocks, int64_t record) {
          std::to_string(record + 55) + ".";
 }
 
-TEST(CheckOfSpace, TellsWhereAStoredDatabaseBegins) {
+TEST(CheckOfSpace, ReportsWhereAStoredDatabaseBegins) {
   const Bytes inner = innerDatabase();
   FileImage outer;
   const size_t table = outer.addTable("outer", 0x11);
@@ -95,7 +95,7 @@ TEST(CheckOfSpace, TakesACopyOfTheDatabaseItselfInADeletedRecordForAPayload) {
   EXPECT_EQ(checked.first("S6").message, storedIn("2 blocks", copy));
 }
 
-TEST(CheckOfSpace, TellsOfAStoredDatabaseWithoutBlocks) {
+TEST(CheckOfSpace, ReportsAStoredDatabaseWithoutBlocks) {
   Shortened file;
   const int64_t at = file.image.addRecord(file.table, 0xA1, FileImage().build());
   EXPECT_EQ(file.check().findings.size(), 0u);

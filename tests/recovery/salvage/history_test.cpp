@@ -74,7 +74,7 @@ class History : public testing::Test {
   uint64_t table_ = 0;
 };
 
-TEST_F(History, TellsEveryVersionOldestFirst) {
+TEST_F(History, ReportsEveryVersionOldestFirst) {
   const auto versions = qvdb::history(path(), "notes", Id{0xA2});
   EXPECT_EQ(textsOf(versions), (std::vector<std::string>{"first text", "a longer text",
                                                          "a text that is longer still"}));
@@ -94,7 +94,7 @@ TEST_F(History, TakesATableByNameOrIdentifier) {
             qvdb::Reason::no_such_file);
 }
 
-TEST_F(History, TellsWhatADeletedRecordWas) {
+TEST_F(History, ReportsWhatADeletedRecordWas) {
   remove(0xA2);
   const auto versions = qvdb::history(path(), "notes", Id{0xA2});
   ASSERT_EQ(versions.size(), 3u);

@@ -283,7 +283,7 @@ TEST(Salvage, MakesNoFileWhenThereIsNothing) {
   }
 }
 
-TEST(Salvage, LeavesOutTablesThatADatabaseHasNoRoomFor) {
+TEST(Salvage, LeavesOutTablesThatADatabaseHasNoSpaceFor) {
   FileImage image;
   RecordFields record;
   for (uint64_t i = 1; i <= 40; ++i) {

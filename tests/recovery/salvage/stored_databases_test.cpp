@@ -174,7 +174,7 @@ TEST_F(StoredDatabases, WithoutTablesTakeNothingOfWhatFollows) {
   expectSaved(5000 + 4630, "inner", innerContents("inner"));
 }
 
-TEST_F(StoredDatabases, InSpareRoomEndWithTheirBlock) {
+TEST_F(StoredDatabases, InSpareCapacityEndWithTheirBlock) {
   const Bytes inner = innerImage("inner", 0x4411).build();
   FileImage image;
   const size_t holder = image.addTable("outer", 0x11);

@@ -140,7 +140,7 @@ TEST(CreateFile, FailsThroughASymbolicLinkWithoutTarget) {
   EXPECT_FALSE(fs::exists(folder / "missing"));
 }
 
-TEST(CreateFile, TakesTheNameAsItStands) {
+TEST(CreateFile, TakesTheNameAsItIs) {
   TempFolder folder;
   const std::u16string name = u" My\t \"Docs\"  ";
   EXPECT_EQ(QVFile().QVCreateFile(WideText(folder.u16("") + name), 0), 1);

@@ -91,7 +91,7 @@ TEST(Walk, BeginsAtTheRootWithOrWithoutASeparatorInFront) {
   }
 }
 
-TEST(Walk, TakesAnEmptyComponentAsTheDirectoryWhereItStands) {
+TEST(Walk, TakesAnEmptyComponentAsTheDirectoryWhereItIs) {
   TempFolder folder;
   fs::create_directories(folder / "a/b");
   for (const char16_t* path : {u"/a/b/", u"/a//b", u"/a///b", u"//a/b", u"/a/b//", u"\\a\\\\b\\"}) {

@@ -67,7 +67,7 @@ constexpr Call kCalls[] = {Call::open,   Call::close,         Call::status,
                            Call::length, Call::makeDirectory, Call::lock,
                            Call::read,   Call::truncate,      Call::allocate};
 
-TEST(Leaks, NoDescriptorStaysOpenBehindAnyOperation) {
+TEST(Leaks, NoDescriptorStaysOpenAfterAnyOperation) {
   for (const Operation& operation : kOperations) {
     TempFolder folder;
     std::filesystem::create_directory(folder / "d");

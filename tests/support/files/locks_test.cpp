@@ -77,14 +77,14 @@ TEST_F(LockTest, WriterThatSharesKeepsOutOnlyThoseWhoExclude) {
   }
 }
 
-TEST_F(LockTest, ReaderKeepsNobodyOut) {
+TEST_F(LockTest, ReaderKeepsNoneOut) {
   const int16_t number = opened(1);
   for (const int permission : {1, 2, 3, 4}) EXPECT_TRUE(otherCanOpen(permission));
   EXPECT_EQ(otherGetsWith0(), 2);
   close(number);
 }
 
-TEST_F(LockTest, RefusedOpenLeavesTheHandleAndNoLockBehind) {
+TEST_F(LockTest, RefusedOpenLeavesTheHandleAndNoLock) {
   const int held = other_.open(path(), 3);
   ASSERT_EQ(held, 1);
   int16_t number = 77;

@@ -94,7 +94,7 @@ TEST_F(OpenFileTest, TakesBackslashesForSlashes) {
   EXPECT_TRUE(canOpen(WideText(text), 1));
 }
 
-TEST_F(OpenFileTest, TakesTheNameAsItStands) {
+TEST_F(OpenFileTest, TakesTheNameAsItIs) {
   fs::create_directories(folder_ / "My Docs");
   writeFile(folder_ / "My Docs/My  Docs", bytesOf("x"));
   EXPECT_TRUE(canOpen(WideText(folder_.u16("") + u"My  Docs/My  Docs"), 1));

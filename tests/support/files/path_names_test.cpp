@@ -47,7 +47,7 @@ TEST(DirectoryPart, OfANullPathFails) {
   EXPECT_EQ(QVFile().GetFullPathNamePathW(nullptr), 0);
 }
 
-TEST(NamePart, BeginsBehindTheLastSeparator) {
+TEST(NamePart, BeginsAfterTheLastSeparator) {
   EXPECT_EQ(namePart(u"/Users/x/db.dat"), u"db.dat");
   EXPECT_EQ(namePart(u"\\Users\\x\\db.dat"), u"db.dat");
   EXPECT_EQ(namePart(u"a\\b/c"), u"c");

@@ -222,7 +222,7 @@ TEST_F(TransferTest, GoesOnWhereTheHostMovesFewerBytesOrIsInterrupted) {
   EXPECT_EQ(content(), "012abc6789");
 }
 
-TEST_F(TransferTest, ReadThatTheHostBreaksOffTellsWhatItGot) {
+TEST_F(TransferTest, ReadThatTheHostBreaksOffReportsWhatItGot) {
   static int calls;
   calls = 0;
   ReplacedCalls host;
@@ -237,7 +237,7 @@ TEST_F(TransferTest, ReadThatTheHostBreaksOffTellsWhatItGot) {
   EXPECT_EQ(position(), 2);
 }
 
-TEST_F(TransferTest, WriteThatIsCutShortTellsWhatItWrote) {
+TEST_F(TransferTest, WriteThatIsCutShortReportsWhatItWrote) {
   FakeHost host;
   uint32_t moved = 77;
   host.cutWrites();
@@ -322,7 +322,7 @@ TEST_F(TransferTest, SeekWithAnotherModeIsRefused) {
   EXPECT_EQ(position(), 4);
 }
 
-TEST_F(TransferTest, SeekFromTheEndFailsWhenTheLengthCannotBeHad) {
+TEST_F(TransferTest, SeekFromTheEndFailsWhenTheLengthCannotBeObtained) {
   ASSERT_EQ(file_.QVSeekFile(number_, 1, 4), 1);
   FakeHost host;
   host.failFrom(FakeHost::Call::length);

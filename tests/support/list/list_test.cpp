@@ -121,7 +121,7 @@ TEST(ListAdd, StoresASizeOfZeroOrLessWithoutData) {
   }
 }
 
-TEST(ListInsAt, TakesTheIndexOfTheElementBehindIt) {
+TEST(ListInsAt, TakesTheIndexOfTheElementAfterIt) {
   QVList list;
   fill(list, {"a", "b", "c"});
   EXPECT_EQ(insert(list, "x", 1), 1);
@@ -272,7 +272,7 @@ TEST(ListGetAt, CopiesTheBytesAndTheSize) {
   EXPECT_EQ(at(list, 1), "bcd");
 }
 
-TEST(ListGetAt, OnlyTellsTheSizeWithANullBuffer) {
+TEST(ListGetAt, OnlyReportsTheSizeWithANullBuffer) {
   QVList list;
   fill(list, {"abcd"});
   int size = 0;
@@ -398,7 +398,7 @@ TEST(List, FreesWhatIsDeletedOrReplaced) {
   EXPECT_EQ(g_liveAllocations, before);
 }
 
-TEST(List, StaysAsItIsWhenTheMemoryForANewElementCannotBeHad) {
+TEST(List, StaysAsItIsWhenTheMemoryForANewElementCannotBeObtained) {
   const std::string text(100, 'x');
   QVList list;
   fill(list, {"a", "b"});
@@ -414,7 +414,7 @@ TEST(List, StaysAsItIsWhenTheMemoryForANewElementCannotBeHad) {
 }
 
 // No exception may leave an operation on a database: without memory nothing is cached.
-TEST(List, OfCachedDirectoriesIsLeftAsItIsWhenItsMemoryCannotBeHad) {
+TEST(List, OfCachedDirectoriesIsLeftAsItIsWhenItsMemoryCannotBeObtained) {
   const long before = g_liveAllocations;
   for (long left = 0; left < 2; ++left) {
     g_allocationsLeft = left;

@@ -50,7 +50,7 @@ TEST(PlatformStrings, AreCopies) {
   EXPECT_EQ(text(out), u"abc");
 }
 
-TEST(PlatformStrings, AreCopiedOutWithoutATerminatorWhenTheyFillTheRoom) {
+TEST(PlatformStrings, AreCopiedOutWithoutATerminatorWhenTheyFillTheSpace) {
   const PlatformString string = platformString(u"abc"_w);
   GuardedText out(4);
   EXPECT_EQ(QVWString().ConvertCFStringToQVWCHARBuffer(string.get(), out, 3), 1);
@@ -67,7 +67,7 @@ TEST(PlatformStrings, CanBeEmpty) {
   EXPECT_EQ(out.all(), kZero + kZero);
 }
 
-TEST(PlatformStrings, AreNotCopiedOutToNoRoom) {
+TEST(PlatformStrings, AreNotCopiedOutToNoSpace) {
   const PlatformString string = platformString(u"abc"_w);
   GuardedText out(1);
   EXPECT_EQ(QVWString().ConvertCFStringToQVWCHARBuffer(string.get(), out, 0), 1);
@@ -99,7 +99,7 @@ TEST(Utf8, TakesOneToFourBytesForACharacter) {
   EXPECT_EQ(utf8(u"", 1), hex("00 EEEE"));
 }
 
-TEST(Utf8, PutsTheZeroBehindAFullDestination) {
+TEST(Utf8, PutsTheZeroAfterAFullDestination) {
   EXPECT_EQ(utf8(u"abc", 3), hex("616263 00 EE"));
   EXPECT_EQ(utf8(u"abcd", 3), hex("616263 00 EE"));
 }
@@ -122,7 +122,7 @@ TEST(Utf8, EndsAtAnUnpairedSurrogate) {
   EXPECT_EQ(utf8(u"\xd834\xd834\xdd1e", 8), hex("00 EEEEEEEEEEEEEEEEEE"));
 }
 
-TEST(Utf8, HasTheZeroAloneForNoRoom) {
+TEST(Utf8, HasTheZeroAloneWithoutSpace) {
   EXPECT_EQ(utf8(u"abc", 0), hex("00 EE"));
   EXPECT_EQ(utf8(u"abc", -7), hex("00 EE"));
 }

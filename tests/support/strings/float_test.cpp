@@ -32,7 +32,7 @@ std::u16string zeros(size_t count) {
   return std::u16string(count, u'0');
 }
 
-TEST(FormatFixed, HasSixDigitsBehindThePointUnlessToldOtherwise) {
+TEST(FormatFixed, HasSixDigitsAfterThePointUnlessAskedOtherwise) {
   expectAll({
       {u"%f", 1.5, u"1.500000"},
       {u"%f", 0.0, u"0.000000"},
@@ -51,7 +51,7 @@ TEST(FormatFixed, HasSixDigitsBehindThePointUnlessToldOtherwise) {
   });
 }
 
-TEST(FormatFixed, HasNoPointWithoutDigitsBehindIt) {
+TEST(FormatFixed, HasNoPointWithoutDigitsAfterIt) {
   expectAll({
       {u"%.0f", 1.0, u"1"},
       {u"%.0f", 1.25, u"1"},
@@ -132,7 +132,7 @@ TEST(FormatExponent, CopiesAllItsFractionDigits) {
   });
 }
 
-TEST(FormatExponent, HasNoPointWithoutDigitsBehindIt) {
+TEST(FormatExponent, HasNoPointWithoutDigitsAfterIt) {
   expectAll({
       {u"%.0e", 1.0, u"1e+000"},
       {u"%.0e", 1.5, u"2e+000"},
@@ -297,7 +297,7 @@ TEST(FormatFloat, FillsWhatIsNoNumberWithSpaces) {
   });
 }
 
-TEST(FormatFloat, WorksOutAtMost350DigitsBehindThePoint) {
+TEST(FormatFloat, WorksOutAtMost350DigitsAfterThePoint) {
   EXPECT_TRUE(formats(u"1.5" + zeros(349), u"%.350f", 1.5));
   EXPECT_TRUE(formats(u"1.5" + zeros(349), u"%.351f", 1.5));
   EXPECT_TRUE(formats(u"1.5" + zeros(349), u"%.400f", 1.5));
@@ -449,7 +449,7 @@ TEST(Cvt, CountsAllDigitsInTheExponentForm) {
   EXPECT_EQ(convert(By::ecvtbuf, 0.001, 1), (Converted{u"1", -2, 0}));
 }
 
-TEST(Cvt, CountsDigitsBehindThePointInTheFixedForm) {
+TEST(Cvt, CountsDigitsAfterThePointInTheFixedForm) {
   EXPECT_EQ(convert(By::fcvtbuf, 1.5, 4), (Converted{u"15000", 1, 0}));
   EXPECT_EQ(convert(By::fcvtbuf, -123.5, 0), (Converted{u"124", 3, 1}));
   EXPECT_EQ(convert(By::fcvtbuf, 0.0625, 3), (Converted{u"63", -1, 0}));
@@ -485,7 +485,7 @@ TEST(Cvt, CutsAt351Characters) {
 }
 
 // Beyond 2^53 the tenth of a number has no fraction left to take a digit from.
-TEST(Cvt, HasZerosBehindTheDigitsThatADoubleHolds) {
+TEST(Cvt, HasZerosAfterTheDigitsThatADoubleHolds) {
   EXPECT_EQ(convert(By::fcvtbuf, 9007199254740992.0, 0), (Converted{u"9007199254740992", 16, 0}));
   const std::u16string digits = convert(By::fcvtbuf, kLargest, 0).digits;
   ASSERT_EQ(digits.size(), 309u);
@@ -505,7 +505,7 @@ std::u16string cropped(std::u16string_view number) {
   return text(buffer);
 }
 
-TEST(Cropzeros, RemovesTheZerosBehindThePoint) {
+TEST(Cropzeros, RemovesTheZerosAfterThePoint) {
   EXPECT_EQ(cropped(u"1.500"), u"1.5");
   EXPECT_EQ(cropped(u"1.000"), u"1");
   EXPECT_EQ(cropped(u"-0.0500"), u"-0.05");

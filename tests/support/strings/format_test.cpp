@@ -41,7 +41,7 @@ TEST(Format, WritesAPercentSign) {
   EXPECT_TRUE(formats(u"%%", u"%%%%"));
 }
 
-TEST(Format, WritesAnUnknownConversionBehindAPercentSign) {
+TEST(Format, WritesAnUnknownConversionAfterAPercentSign) {
   EXPECT_TRUE(formats(u"%q", u"%q"));
   EXPECT_TRUE(formats(u"%q", u"%-08.3lq"));
   EXPECT_TRUE(formats(u"%F %S %D", u"%F %S %D"));

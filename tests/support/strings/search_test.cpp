@@ -79,7 +79,7 @@ TEST(FindAnyOf, GivesTheFirstMemberOfTheSet) {
 }
 
 // Every code has its own place: 8 and its multiples apart must not be taken for each other.
-TEST(CharacterSet, TellsAllLowCodesApart) {
+TEST(CharacterSet, DistinguishesAllLowCodes) {
   for (char16_t c = 1; c < 256; ++c) {
     const WideText set = std::u16string_view(&c, 1);
     for (char16_t other = 1; other < 256; ++other) {
@@ -117,7 +117,7 @@ TEST(Find, FindsAnEmptyPatternAtTheStart) {
   EXPECT_EQ(QVWString().Find(u"abc"_w, u""_w, 2), 2);
 }
 
-TEST(Find, FindsNothingAtOrBehindTheEnd) {
+TEST(Find, FindsNothingAtOrAfterTheEnd) {
   EXPECT_EQ(QVWString().Find(u"abc"_w, u"c"_w, 3), -1);
   EXPECT_EQ(QVWString().Find(u"abc"_w, u""_w, 3), -1);
   EXPECT_EQ(QVWString().Find(u"abc"_w, u""_w, 100), -1);
