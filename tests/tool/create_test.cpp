@@ -39,11 +39,11 @@ TEST_F(ToolCreate, DoesNotChangeAnExistingFileWithoutForce) {
 
 TEST_F(ToolCreate, DoesNotEmptyADatabaseInUse) {
   notes({bytesOf("precious")});
+  const Bytes before = contents();  // to read it later would end a lock of this process
   const int16_t db = open();
-  expectUnchanged([&] {
-    fails({"create", "--force", "test.qvd"}, 3, {"another process (", "--wait"});
-  });
+  fails({"create", "--force", "test.qvd"}, 3, {"another process (", "--wait"});
   close(db);
+  EXPECT_TRUE(sameBytes(contents(), before));
 }
 
 TEST_F(ToolCreate, ReachesFoldersWithOrdinaryNamesAndSaysWhichItCannot) {

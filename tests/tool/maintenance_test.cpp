@@ -168,15 +168,13 @@ TEST_F(ToolMaintenance, RefusesImpossibleArgumentsAndLeavesNoEmptyTarget) {
 
 TEST_F(ToolMaintenance, RefusesDatabasesInUse) {
   putLively();
+  const Bytes before = contents(kSource);  // to read it later would end a lock of this process
   const int16_t db = open(kSource, 3);
-  expectUnchanged(
-      [&] {
-        fails({"compact", kSource}, 3, {kSource, "another process ("});
-        fails({"pack", kSource, kTarget}, 3, {kSource, "another process ("});
-        fails({"repair", kSource}, 3, {kSource, "another process ("});
-      },
-      kSource);
+  fails({"compact", kSource}, 3, {kSource, "another process ("});
+  fails({"pack", kSource, kTarget}, 3, {kSource, "another process ("});
+  fails({"repair", kSource}, 3, {kSource, "another process ("});
   close(db);
+  EXPECT_TRUE(sameBytes(contents(kSource), before));
   EXPECT_EQ(filesInFolder(), 1u);
 }
 

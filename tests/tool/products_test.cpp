@@ -306,9 +306,14 @@ TEST_F(ProductsOfTheTool, AreOnTheDeviceBeforeTheyGetTheirNames) {
     EXPECT_EQ(run(words).status, 0);
     const Words lines = host.taken();
     expectSyncedBeforeRenamed(lines, "export");
+#if defined(QVDBASE_PORTABLE_POSIX)
+    const int renames = force ? 2 : 0;  // what replaces nothing is placed by a link
+#else
+    const int renames = 2;
+#endif
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                             [](const std::string& line) { return line.starts_with("rename"); }),
-              2);
+              renames);
     EXPECT_NE(std::find(lines.begin(), lines.end(), "sync sub"), lines.end());
     EXPECT_NE(std::find(lines.begin(), lines.end(), "sync out"), lines.end());
   }

@@ -374,6 +374,9 @@ TEST_F(CheckFile, SeesARealHole) {
   struct stat status = {};
   ASSERT_EQ(stat(path.c_str(), &status), 0);
   if (status.st_blocks * 512 >= status.st_size) GTEST_SKIP() << "no holes in this file system";
+#if defined(QVDBASE_PORTABLE_POSIX)
+  GTEST_SKIP() << "the portable build does not ask for holes";
+#endif
   std::set<std::string> codes;
   qvdb::check(
       path, [&](const qvdb::Finding& finding) { codes.insert(finding.code); }, kQuick);
