@@ -20,7 +20,7 @@ namespace qvdbase::platform {
 
 class Turn;
 
-// Never destroyed. Which file it belongs to changes while nobody waits for it to stay the same:
+// Never destroyed. It can become the turn of another file while threads wait for it:
 // whoever has got a turn looks whether it still is the one that was wanted.
 struct alignas(64) FileTurn {  // each in a cache line of its own
   Lock lock;
