@@ -86,8 +86,9 @@ void throwError(const std::filesystem::path& path, const char* operation, Reason
               std::move(details));
 }
 
-void throwError(const std::filesystem::path& path, const char* operation, Reason reason) {
-  throwError(path, operation, reason, std::string(to_string(reason)));
+void throwError(const std::filesystem::path& path, const char* operation, Reason reason,
+                ErrorDetails details) {
+  throwError(path, operation, reason, std::string(to_string(reason)), std::move(details));
 }
 
 void throwError(const char* operation, Reason reason, const std::string& why) {

@@ -21,7 +21,7 @@ namespace qvdbase::failure {
 
 // The same in the words of the reason alone.
 [[noreturn]] void throwError(const std::filesystem::path& path, const char* operation,
-                             qvdb::Reason reason);
+                             qvdb::Reason reason, qvdb::ErrorDetails details = {});
 
 // The same where no file is concerned: "cannot OPERATION: WHY".
 [[noreturn]] void throwError(const char* operation, qvdb::Reason reason, const std::string& why);

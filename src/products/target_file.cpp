@@ -149,7 +149,7 @@ void TargetFile::judge() {
   const bool isReplaced =
       rules_.existing == Existing::isReplaced ||
       (rules_.existing == Existing::isReplacedIfEmpty && fs::file_size(place_, error) == 0);
-  if (!isReplaced) fail(Reason::file_exists, "the file exists already");
+  if (!isReplaced) fail(Reason::file_exists, "the file exists already", rules_.ifTaken);
   hold();
 }
 
@@ -212,7 +212,7 @@ void TargetFile::place() {
     case platform::Placing::done:
       return;
     case platform::Placing::occupied:
-      fail(Reason::file_exists, "a file of that name has appeared meanwhile");
+      fail(Reason::file_exists, "a file of that name has appeared meanwhile", rules_.ifTaken);
     case platform::Placing::changed:
       fail(Reason::in_use, "another program has replaced it meanwhile");
     case platform::Placing::failed:

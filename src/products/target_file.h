@@ -38,6 +38,7 @@ struct TargetRules {
   bool createFolders = false;
   bool mayBeReadOnly = false;  // a file that cannot be written is replaced, too
   qvdbase::platform::Waits waits = qvdbase::platform::Waits::forName;
+  qvdb::Remedy ifTaken = qvdb::Remedy::usual;  // when something has the name and is kept
 };
 
 class TargetFile {

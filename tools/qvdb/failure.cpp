@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <string_view>
 #include <system_error>
 
 #include "text.h"
@@ -37,6 +36,7 @@ struct Advice {
 constexpr Advice kAdvice[] = {
     {Reason::no_such_file, "check the path, or create a database with 'qvdb create'"},
     {Reason::not_a_file, "give the path of a database file"},
+    {Reason::file_exists, "choose another name, or use --force to replace it"},
     {Reason::access_denied, "check the permissions of the file and its folder"},
     {Reason::in_use, "wait, or use --wait 10"},
     {Reason::cannot_lock, "work on a copy on another file system"},
@@ -67,15 +67,6 @@ std::string generalAdviceFor(Reason reason) {
   return {};
 }
 
-// What is saved from a damaged file replaces nothing, not even with --force.
-std::string adviceForTakenName(std::string_view operation) {
-  if (operation == "write the salvaged database") return "choose another name for the new file";
-  if (operation == "extract payloads" || operation == "salvage the stored databases") {
-    return "choose another folder";
-  }
-  return "choose another name, or use --force to replace it";
-}
-
 }  // namespace
 
 Failure systemFailure(const std::string& path, const char* what) {
@@ -93,10 +84,13 @@ std::string adviceFor(const Error& error) {
       return kAdviceForLink;
     case Remedy::create_folder:
       return "create it, or use --parents";
+    case Remedy::other_name:
+      return "choose another name for the new file";
+    case Remedy::other_folder:
+      return "choose another folder";
     case Remedy::usual:
       break;
   }
-  if (error.reason() == Reason::file_exists) return adviceForTakenName(error.operation());
   return generalAdviceFor(error.reason());
 }
 

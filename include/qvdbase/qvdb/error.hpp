@@ -87,6 +87,8 @@ enum class Remedy {
   salvage,      // mend() has refused: salvage() writes what can be saved into a new file
   remove_link,  // a symbolic link that leads nowhere has the name: remove it, or take another name
   create_folder,  // a folder is missing: create it, or ask the operation to
+  other_name,     // the name is taken, and the operation replaces nothing: choose another name
+  other_folder,   // the same of a name in a folder for several files: choose another folder
 };
 
 // What else is known about a failure. Each may be empty.

@@ -117,7 +117,7 @@ std::string line(const qvdb::FoundBlock& found, const std::string& file, const s
 class Extraction::Output {
  public:
   Output(const fs::path& path, const std::optional<platform::FileAccess>& access)
-      : target_(path, kOperation, {}) {
+      : target_(path, kOperation, {.ifTaken = qvdb::Remedy::other_folder}) {
     target_.create(access ? &*access : nullptr);
   }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <system_error>
+#include <utility>
 
 #include "failure/failure.h"
 #include "products/target_file.h"
@@ -19,7 +20,9 @@ NewFolder::~NewFolder() {
 
 void NewFolder::requireFree(const std::string& name, const char* operation) const {
   if (!isTaken(fileNamed(name))) return;
-  failure::throwError(fileNamed(name), operation, qvdb::Reason::file_exists);
+  qvdb::ErrorDetails details;
+  details.remedy = qvdb::Remedy::other_folder;
+  failure::throwError(fileNamed(name), operation, qvdb::Reason::file_exists, std::move(details));
 }
 
 // One by one, so that no more than these are removed again.

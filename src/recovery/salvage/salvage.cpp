@@ -23,7 +23,7 @@ Run::Run(const Job& job, const std::filesystem::path& target, const qvdb::BlockV
     : job_(job),
       plan_(makePlan(job.survey, job.options, wanted)),
       target_(target, "write the salvaged database",
-              {.createFolders = job.options.create_folders}) {
+              {.createFolders = job.options.create_folders, .ifTaken = qvdb::Remedy::other_name}) {
   if (!job.options.extract_to.empty()) extraction_.emplace(job_, plan_);
   target_.create(job.access);
   const int64_t unreadableAt = writeFile(job_, plan_, &target_, &report_);

@@ -63,6 +63,18 @@ class NewFiles : public testing::Test {
     return {};
   }
 
+  // What helps where anything has the name already.
+  qvdb::Remedy remedyFor(const fs::path& to, const qvdb::SalvageOptions& options) const {
+    try {
+      qvdb::salvage(source(), to, {}, options);
+    } catch (const qvdb::Error& error) {
+      EXPECT_EQ(error.reason(), qvdb::Reason::file_exists) << error.what();
+      return error.remedy();
+    }
+    ADD_FAILURE() << "no error";
+    return {};
+  }
+
   qvdb::SalvageOptions extracting() const { return {.extract_to = folder / "out"}; }
 
   TempFolder folder;
@@ -103,6 +115,16 @@ TEST_F(NewFiles, MustNotBeOneAnother) {
   fs::create_directory(folder / "out");
   refusal(source(), folder / "out/4630.bin", qvdb::Reason::file_exists, extracting());
   EXPECT_EQ(files(), (Words{"a.qvd", "out"}));
+}
+
+TEST_F(NewFiles, GoUnderAnotherNameOrIntoAnotherFolderWhereTheirsIsTaken) {
+  EXPECT_EQ(remedyFor(source(), {}), qvdb::Remedy::other_name);
+  fs::create_directory(folder / "out");
+  const fs::path extracted = folder / "out/4630.bin";
+  EXPECT_EQ(remedyFor(extracted, extracting()), qvdb::Remedy::other_name);
+  writeFile(extracted, bytesOf("precious"));
+  EXPECT_EQ(remedyFor(target(), extracting()), qvdb::Remedy::other_folder);
+  EXPECT_EQ(readFile(extracted), bytesOf("precious"));
 }
 
 TEST_F(NewFiles, DoNotReplaceWhatHasAppearedMeanwhile) {

@@ -258,6 +258,7 @@ TEST_F(StoredDatabases, AreRefusedBeforeAnythingIsWrittenWhenAFileIsThere) {
     ADD_FAILURE() << "no error";
   } catch (const qvdb::Error& error) {
     EXPECT_EQ(error.reason(), qvdb::Reason::file_exists);
+    EXPECT_EQ(error.remedy(), qvdb::Remedy::other_folder);
     EXPECT_NE(std::string(error.what()).find(fileAt(b + 55).native()), std::string::npos);
   }
   EXPECT_EQ(readFile(fileAt(b + 55)), bytesOf("here"));
