@@ -43,9 +43,9 @@ struct TableStatistics {
   }
 
   // The capacity of table data is not known, only its size: spare capacity counts as unused.
-  uint64_t liveBytes() const {
-    return records * kRecordBlockOverhead + capacity +
-           (dataSize.bytes ? *dataSize.bytes + kTableDataBlockOverhead : 0);
+  void addTo(SpaceUse* space) const {
+    space->records += records * kRecordBlockOverhead + capacity;
+    if (dataSize.bytes) space->table_data += uint64_t{*dataSize.bytes} + kTableDataBlockOverhead;
   }
 };
 
@@ -115,13 +115,13 @@ int run(const Options& options) {
     tables = tablesOf(database, &failure);
   }
   std::vector<TableStatistics> all;
-  uint64_t live = kNewFileSize;
+  SpaceUse space = {.directory = kNewFileSize};
   for (const Table& table : tables) {
     all.push_back(statisticsOf(database, table, &failure));
-    live += all.back().liveBytes();
+    all.back().addTo(&space);
   }
   const uint64_t size = database.info().file_size;
-  const uint64_t unused = size - std::min(size, live);
+  const uint64_t unused = space.unused(size);
   if (options.json) {
     Json json;
     addText(&json, "file", options.file);

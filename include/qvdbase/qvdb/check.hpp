@@ -106,6 +106,14 @@ struct SpaceUse {
   uint64_t unknown = 0;     // bytes that are no block
   uint64_t reserve = 0;     // of `records` and `table_data`: spare capacity after the payloads
   uint64_t stale = 0;       // of `reserve`: what holds older data
+
+  // What the directory leads to: itself, and the blocks in use. Packing keeps no more than this.
+  uint64_t in_use() const noexcept { return directory + records + table_data; }
+
+  // The rest of a file of `file_size` bytes: what packing frees.
+  uint64_t unused(uint64_t file_size) const noexcept {
+    return in_use() < file_size ? file_size - in_use() : 0;
+  }
 };
 
 // What a check found in short.

@@ -222,9 +222,9 @@ class SpaceCheck {
 
   // A pack takes along what the chains lead to, and nothing else.
   void reportDead() {
-    const uint64_t lost = space_.unlinked + space_.lost + space_.orphans;
-    const uint64_t dead = space_.superseded + space_.deleted + space_.unknown + lost;
+    const uint64_t dead = space_.unused(static_cast<uint64_t>(survey_.size));
     if (dead == 0) return;
+    const uint64_t lost = space_.unlinked + space_.lost + space_.orphans;
     std::string warning;
     if (lost > 0) warning = joined("; ", lost, " of them hold what was lost, not deleted");
     check_.information("S7", {}, "Packing would free ", counted(dead, "byte"), " of ", survey_.size,

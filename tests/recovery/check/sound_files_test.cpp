@@ -34,6 +34,9 @@ TEST(Check, AccountsForEveryByteOfAUsedFile) {
   EXPECT_EQ(space.superseded, (56u + 40) + (22 + 3));
   EXPECT_EQ(space.deleted, 56u + 40);
   EXPECT_EQ(space.unlinked + space.lost + space.orphans + space.unknown, 0u);
+  EXPECT_EQ(space.in_use(), 4630 + space.records + space.table_data);
+  EXPECT_EQ(space.unused(checked.report.file_size), space.superseded + space.deleted);
+  EXPECT_EQ(space.unused(space.in_use() - 1), 0u);
 }
 
 TEST(Check, ReportsEachCodeWithMeaningConsequenceAndAdvice) {
