@@ -37,7 +37,7 @@ Descriptor FolderWalk::openFolder(const std::string& part, const std::string& na
 }
 
 std::string FolderWalk::enterParent(const std::string& name, bool make) {
-  if (!isSafeName(name)) {
+  if (!qvdbase::format::imported::isSafeName(name)) {
     throw Failure("the name '" + name + "' leads out of the folder " + path_ +
                   "; nothing is written under it");
   }

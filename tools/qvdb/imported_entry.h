@@ -1,36 +1,19 @@
 // One entry of the list of imported files: a file, a folder or a symbolic link, and its bytes.
-//
-// The bytes of an entry:
-//   1  kind: 'f' file, 'd' folder, 'l' symbolic link, '-' removed
-//   2  permission bits
-//   8  time of last modification: seconds since 1970, signed
-//   4  and nanoseconds
-//   8  the record's identifier; 0 for a folder or a link
-//   n  how many bytes the name shares with the beginning of the name before
-//   n  how many other bytes it has, and these
-//   n  how many bytes the link's target has, and these; 0 for others
-// Integers most significant byte first; n is a number in groups of 7 bits, least significant group
-// first, the top bit set in all bytes but the last.
 #pragma once
 
 #include <qvdbase/qvdb.hpp>
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "format/imported_list.h"
+
 namespace qvdb::tool {
 
-enum class FileKind : char {
-  removed = '-',
-  file = 'f',
-  folder = 'd',
-  link = 'l',
-};
+using FileKind = qvdbase::format::imported::Kind;
 
 struct ImportedFile {
   FileKind kind = FileKind::file;
@@ -42,10 +25,6 @@ struct ImportedFile {
   std::string target;  // of a link
 };
 
-// Whether the name leads to a place inside a folder and nowhere else: parts that are not empty, not
-// "." and not "..", without zero bytes, and no '/' at either end.
-bool isSafeName(std::string_view name);
-
 // Whether a reader takes an entry with this kind, name and target.
 bool isSound(const ImportedFile& file);
 
@@ -55,9 +34,7 @@ void appendEntry(const ImportedFile& file, std::string_view before, std::vector<
 // Writes what can change of an entry over its bytes: everything but its name and target.
 void rewriteEntry(const ImportedFile& file, std::byte* to);
 
-// The entry at data[*at]; *at moves to its end. Nothing when it is invalid. A time that was half
-// written counts as 0.
-std::optional<ImportedFile> readEntry(std::span<const std::byte> data, std::string_view before,
-                                      size_t* at);
+// An entry that was read. A time that was half written counts as 0.
+ImportedFile fileOf(const qvdbase::format::imported::Entry& entry);
 
 }  // namespace qvdb::tool

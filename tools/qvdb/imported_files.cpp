@@ -1,43 +1,50 @@
-// The list of imported files: eight bytes, "QVfiles" and the format's version 1, and then entries
-// until the end.
+// The list of imported files.
 #include "imported_files.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "failure.h"
+
+using namespace qvdbase::format::imported;
 
 namespace qvdb::tool {
 namespace {
 
-constexpr char kMark[] = {'Q', 'V', 'f', 'i', 'l', 'e', 's'};
-constexpr std::byte kVersion{1};
-constexpr size_t kHeadSize = sizeof kMark + 1;
+// The bytes of a list from its first entry on, for its reader.
+class Entries {
+ public:
+  explicit Entries(std::span<const std::byte> data)
+      : data_(data), at_(std::min(kHeadSize, data.size())) {}
 
-// What a list that is being shortened has in place of its next entry's kind, for the moment until
-// its length is written: the mark that ends every block of the file.
-constexpr char kCutOffHere = 'i';
+  size_t position() const { return at_; }
+  bool isAtEnd() const {
+    return at_ == data_.size() || static_cast<uint8_t>(data_[at_]) == kCutOffHere;
+  }
 
-// Names that share their beginnings take little space in the block, and much more in memory: a
-// hostile block could fill all memory. All names together have at most this many times the bytes of
-// the block. A name takes 28 bytes there at least, so one of up to 4,480 bytes never reaches the
-// limit, and the paths of a system are shorter.
-constexpr uint64_t kLargestExpansion = 160;
+  const unsigned char* take(size_t count) {
+    if (count > data_.size() - at_) return nullptr;
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(data_.data()) + at_;
+    at_ += count;
+    return bytes;
+  }
+
+ private:
+  std::span<const std::byte> data_;
+  size_t at_;
+};
 
 }  // namespace
 
 ImportedFiles::ImportedFiles() {
   const auto mark = std::as_bytes(std::span(kMark));
   bytes_.assign(mark.begin(), mark.end());
-  bytes_.push_back(kVersion);
+  bytes_.push_back(std::byte{kKnownVersion});
   end_ = bytes_.size();
 }
 
 ListVersion ImportedFiles::versionOf(std::span<const std::byte> data) {
-  if (data.size() < kHeadSize || std::memcmp(data.data(), kMark, sizeof kMark) != 0) {
-    return ListVersion::none;
-  }
-  return data[sizeof kMark] == kVersion ? ListVersion::known : ListVersion::unknown;
+  if (data.size() < kHeadSize) return ListVersion::none;
+  return qvdbase::format::imported::versionOf(reinterpret_cast<const unsigned char*>(data.data()));
 }
 
 ListVersion ImportedFiles::versionOf(const Table& table) {
@@ -75,23 +82,22 @@ bool ImportedFiles::isReadable() const {
 }
 
 void ImportedFiles::decode(std::vector<std::byte> data) {
-  uint64_t namesTogether = 0;
-  for (size_t at = kHeadSize; at < data.size();) {
-    end_ = at;
-    if (static_cast<char>(data[end_]) == kCutOffHere) {
-      data.resize(end_);
-      break;
-    }
-    std::optional<ImportedFile> file = readEntry(data, nameBefore(), &at);
-    if (file) namesTogether += file->name.size();
-    if (!file || namesTogether > kLargestExpansion * data.size()) {
+  Entries entries(data);
+  EntryReader reader(entries, data.size());
+  while (!entries.isAtEnd()) {
+    end_ = entries.position();
+    const Entry* const entry = reader.next();
+    if (entry == nullptr) {
       isWhole_ = false;
       break;
     }
     starts_.push_back(end_);
-    list_.push_back(*std::move(file));
+    list_.push_back(fileOf(*entry));
   }
-  if (isWhole_) end_ = data.size();
+  if (isWhole_) {
+    end_ = entries.position();
+    data.resize(end_);
+  }
   bytes_ = std::move(data);
 }
 

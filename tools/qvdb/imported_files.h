@@ -22,8 +22,7 @@
 
 namespace qvdb::tool {
 
-// Of a block of table data: whether it is such a list at all, and one that can be read here.
-enum class ListVersion { none, known, unknown };
+using ListVersion = qvdbase::format::imported::Version;
 
 // The list of a table.
 class ImportedFiles {
