@@ -61,6 +61,9 @@ const char* nameOf(Call call) {
                                            "pause",
                                            "allocate",
                                            "release",
+                                           "reserve",
+                                           "discard",
+                                           "unreserve",
                                            "processId",
                                            "forkCount",
                                            "processName"};
@@ -510,6 +513,21 @@ struct RecordedCalls::Calls {
     real().release(block);
     host().note({Call::release, -1, {}, 0, 0, 1}, verdict);
   }
+
+  static void* reserve(size_t size, bool large) {
+    const Verdict verdict = host().begin(Call::reserve);
+    return verdict.fails ? nullptr : real().reserve(size, large);
+  }
+
+  static void discard(void* memory, size_t size) {
+    host().begin(Call::discard);
+    real().discard(memory, size);
+  }
+
+  static void unreserve(void* memory, size_t size) {
+    host().begin(Call::unreserve);
+    real().unreserve(memory, size);
+  }
 };
 
 RecordedCalls::RecordedCalls() : table_(real()) {
@@ -548,6 +566,9 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.pause = Calls::pause;
   table_.allocate = Calls::allocate;
   table_.release = Calls::release;
+  table_.reserve = Calls::reserve;
+  table_.discard = Calls::discard;
+  table_.unreserve = Calls::unreserve;
   table_.processId = Calls::processId;
   table_.forkCount = Calls::forkCount;
   table_.processName = Calls::processName;

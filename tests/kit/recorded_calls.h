@@ -99,6 +99,9 @@ enum class Call {
   pause,
   allocate,
   release,
+  reserve,
+  discard,
+  unreserve,
   processId,
   forkCount,
   processName,
@@ -141,10 +144,11 @@ inline constexpr Call kFailingCalls[] = {
     Call::processClock,
     Call::microseconds,
     Call::allocate,
+    Call::reserve,
 };
-inline constexpr Call kNeverFailing[] = {Call::pause,      Call::sizeLimit,  Call::release,
-                                         Call::processId,  Call::lockHolder, Call::forkCount,
-                                         Call::fileSystem, Call::processName};
+inline constexpr Call kNeverFailing[] = {
+    Call::pause,     Call::sizeLimit,  Call::release,   Call::discard,    Call::unreserve,
+    Call::processId, Call::lockHolder, Call::forkCount, Call::fileSystem, Call::processName};
 static_assert(std::size(kFailingCalls) + std::size(kNeverFailing) == kCallCount);
 
 // A clock that fails shows some time: nothing fails because of it.

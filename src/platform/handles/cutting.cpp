@@ -2,6 +2,7 @@
 #include "platform/handles/cutting.h"
 
 #include "platform/host/system_calls.h"
+#include "platform/transfer/mirror.h"
 #include "platform/transfer/transfer.h"
 
 namespace qvdbase::platform {
@@ -12,7 +13,10 @@ bool cutFile(const OpenFile& file, int64_t length) {
   const int64_t present = systemCalls().lengthOf(file.descriptor);
   if (present < length) return false;
   if (present == length) return true;
-  return uninterrupted([&] { return systemCalls().truncate(file.descriptor, length); }) == 0;
+  const bool isCut =
+      uninterrupted([&] { return systemCalls().truncate(file.descriptor, length); }) == 0;
+  noteCut(file.entry, isCut ? length : -1);
+  return isCut;
 }
 
 }  // namespace qvdbase::platform

@@ -7,6 +7,7 @@
 #include "platform/handles/lock_bytes.h"
 #include "platform/host/memory.h"
 #include "platform/host/system_calls.h"
+#include "platform/transfer/mirror.h"
 
 #if !defined(QVDBASE_NO_THREADS)
 #include <pthread.h>
@@ -85,6 +86,7 @@ bool removeEntry(FileEntry* entry) {
   // The lock goes with the descriptors. It is not cleared by a call of its own: a process made by
   // fork that closes a file it inherited would take the lock from its parent.
   bool closed = true;
+  dropMirror(entry);
   for (SurplusDescriptor* surplus = entry->surplus; surplus != nullptr;) {
     SurplusDescriptor* next = surplus->next;
     closed &= closeDescriptor(surplus->descriptor);

@@ -39,6 +39,7 @@ enum class Sharing : uint8_t {
 };
 
 struct SurplusDescriptor;
+class Mirror;
 
 // What this process holds of the bytes after the file; see lock_bytes.h.
 struct LockBytesHeld {
@@ -64,6 +65,8 @@ struct FileEntry {
   uint32_t views;      // of it; see file_views.h
   uint32_t viewLooks;  // through them, and whether a change excludes these; atomic
   FileEntry* source;   // of a view: the entry of the file; then it is not in the list
+  uint64_t writes;     // that this process has made to it, and cuts
+  Mirror* mirror;      // what is remembered of it, or null; see transfer/mirror.h
   FileTurn* turn;
   FileEntry* next;
 };

@@ -83,6 +83,7 @@ bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file) {
   openFile->descriptor = descriptorOf(*entry);
   openFile->sharing = sharing;
   openFile->opener = thisThread();
+  openFile->mirror = nullptr;
   std::atomic_ref(openFile->turn).store(entry->turn, std::memory_order_release);
   *file = number;
   return true;
@@ -108,6 +109,7 @@ bool closeFile(int16_t file) {
   FileEntry* entry = openFile->entry;
   const Sharing sharing = openFile->sharing;
   forgetTransfers(entry);
+  openFile->mirror = nullptr;
   {
     const SharedLock lock(Shared::handles);
     openFile->entry = nullptr;

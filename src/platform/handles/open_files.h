@@ -40,6 +40,7 @@ struct alignas(64) OpenFile {
   mutable ServedWindow served;
   FileTurn* turn;      // the entry's, also for those who do not have it: see Turn
   const void* opener;  // the thread that has opened it
+  Mirror* mirror;      // by which its transfers are served at present, or null
 
   bool isWritable() const { return sharing != Sharing::none; }
 };

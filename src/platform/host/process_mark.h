@@ -21,6 +21,9 @@ class ProcessMark {
   // The same, without asking the host as long as nothing has forked since.
   bool isStillOwn() const { return forks_ == systemCalls().forkCount() || isOwn(); }
 
+  // Whether nothing has forked since: without a question to the host.
+  bool isUnforked() const { return forks_ == systemCalls().forkCount(); }
+
   // Whether a child may have got the marked object by fork, or this process is such a child.
   bool maybeShared() const { return !isOwn() || forks_ != systemCalls().forkCount(); }
 

@@ -6,6 +6,7 @@
 #include "platform/host/system_calls.h"
 
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #if !defined(QVDBASE_PORTABLE_POSIX) && defined(__linux__)
 #include <sys/syscall.h>
@@ -161,6 +162,39 @@ uint32_t hostForkCount() {
   return forks.load(std::memory_order_relaxed);
 }
 
+#if defined(MAP_ANONYMOUS) && defined(MAP_NORESERVE) && !defined(QVDBASE_PORTABLE_POSIX)
+bool isUnlimited(decltype(RLIMIT_AS) resource) {
+  struct rlimit limit = {};
+  return ::getrlimit(resource, &limit) == 0 && limit.rlim_cur == RLIM_INFINITY;
+}
+
+// What is reserved counts towards these limits in full: the application would miss it.
+void* hostReserve(size_t size, bool large) {
+  if (sizeof(void*) < 8 || !isUnlimited(RLIMIT_AS) || !isUnlimited(RLIMIT_DATA)) return nullptr;
+  void* memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (memory == MAP_FAILED) return nullptr;
+#if defined(MADV_HUGEPAGE)
+  if (large) static_cast<void>(::madvise(memory, size, MADV_HUGEPAGE));
+#endif
+  return memory;
+}
+
+void hostDiscard(void* memory, size_t size) {
+  static_cast<void>(::madvise(memory, size, MADV_DONTNEED));
+}
+
+void hostUnreserve(void* memory, size_t size) {
+  ::munmap(memory, size);
+}
+#else
+void* hostReserve(size_t, bool) {
+  return nullptr;
+}
+void hostDiscard(void*, size_t) {}
+void hostUnreserve(void*, size_t) {}
+#endif
+
 void hostPause(uint64_t microseconds) {
   struct timespec length = {};
   length.tv_sec = static_cast<time_t>(microseconds / 1'000'000u);
@@ -210,6 +244,9 @@ constexpr SystemCalls kHostCalls = {
     .pause = hostPause,
     .allocate = std::malloc,
     .release = std::free,
+    .reserve = hostReserve,
+    .discard = hostDiscard,
+    .unreserve = hostUnreserve,
     .processId = ::getpid,
     .forkCount = hostForkCount,
     .processName = hostProcessName,

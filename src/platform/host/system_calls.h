@@ -80,6 +80,14 @@ struct SystemCalls {
   // Memory.
   void* (*allocate)(size_t size);
   void (*release)(void* memory);
+  // A range of addresses that takes memory, of zeros, only where it is written to. `large` advises
+  // the host to use large pages. Null where there is no space for it: addresses are few, or the
+  // process may not have as many as it wants. To be returned by `unreserve`.
+  void* (*reserve)(size_t size, bool large);
+  // Gives back the memory of a part of it, in whole pages, which are zeros again. The host stops
+  // every processor that runs this process for a moment: so not for small parts.
+  void (*discard)(void* memory, size_t size);
+  void (*unreserve)(void* memory, size_t size);
 
   // The process.
   pid_t (*processId)();

@@ -40,7 +40,10 @@ struct CallState {
     if (served != nullptr) served->served = {};
     served = nullptr;
   }
-  void serveFrom(const OpenFile& file, const ReadWindow& window);
+  void serveFrom(const OpenFile& file, const ReadWindow& window) {
+    serveFrom(file, window.start, window.length, window.bytes);
+  }
+  void serveFrom(const OpenFile& file, int64_t start, uint64_t length, const uint8_t* bytes);
 
   // The process's limit on the length of files; a write that passes it would raise a signal that
   // ends the process. Asked once for each outermost scope.

@@ -1,6 +1,7 @@
 // Sending the run of pending bytes.
 #include "platform/transfer/gathered_writes.h"
 
+#include "platform/transfer/mirror.h"
 #include "platform/transfer/plain_transfer.h"
 
 namespace qvdbase::platform {
@@ -23,6 +24,7 @@ bool GatheredWrites::flush(RefusedWrite* refused) {
   const size_t length = length_;
   length_ = 0;
   const size_t taken = writePlain(descriptorOf(*entry_), position_, buffers_->bytes, length);
+  noteWritten(entry_, position_, buffers_->bytes, length, taken);
   if (taken == length) return true;
   *refused = stopAt(taken);
   return false;

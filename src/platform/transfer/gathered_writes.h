@@ -104,7 +104,7 @@ class GatheredWrites {
   RefusedWrite stopAt(size_t taken);
 
   OpenFile* file_ = nullptr;
-  const FileEntry* entry_ = nullptr;
+  FileEntry* entry_ = nullptr;
   int64_t position_ = 0;
   size_t length_ = 0;  // 0 while nothing is pending
   size_t writeCount_ = 0;

@@ -7,6 +7,7 @@
 #include "platform/host/host_failure.h"
 #include "platform/host/system_calls.h"
 #include "platform/transfer/call_buffers.h"
+#include "platform/transfer/mirror.h"
 #include "platform/transfer/plain_transfer.h"
 #include "platform/transfer/transfer_counts.h"
 
@@ -46,11 +47,12 @@ bool CallState::obtainBuffers() {
   return hasBuffers_ = true;
 }
 
-void CallState::serveFrom(const OpenFile& file, const ReadWindow& window) {
+void CallState::serveFrom(const OpenFile& file, int64_t start, uint64_t length,
+                          const uint8_t* bytes) {
   constexpr uint64_t kAllButOne = ServedWindow::kSmallRead - 1;
-  const uint64_t smallReads = window.length > kAllButOne ? window.length - kAllButOne : 0;
+  const uint64_t smallReads = length > kAllButOne ? length - kAllButOne : 0;
   serveFromNothing();
-  file.served = {window.start, window.length, smallReads, window.bytes};
+  file.served = {start, length, smallReads, bytes};
   served = &file;
 }
 
@@ -97,6 +99,22 @@ bool CallState::windowsAgree() const {
 
 namespace {
 
+// The bytes of a read in the mirror of its file, or null: when they cannot be there, when none is
+// used, and, with *refused set, when writes that must go first are refused.
+const uint8_t* mirrored(const OpenFile& file, int64_t position, uint64_t count, bool* refused) {
+  if (file.mirror == nullptr) return nullptr;
+  CallState& call = callState();
+  if (call.gathered.hold(file.entry, position, static_cast<size_t>(count))) {
+    *refused = !call.flush();
+    if (*refused) return nullptr;
+  }
+  const uint8_t* bytes = file.mirror->obtain(file.descriptor, position, count);
+  if (bytes == nullptr || call.gathered.hold(file.entry)) return bytes;
+  const Mirror::Extent extent = file.mirror->around(position, count);
+  call.serveFrom(file, extent.start, extent.length, extent.bytes);
+  return bytes;
+}
+
 // The window for a read, or null: when the read is too large for one, and, with *refused set, when
 // writes that must go first are refused.
 const ReadWindow* windowFor(const OpenFile& file, int64_t position, size_t count, bool* refused) {
@@ -123,7 +141,11 @@ size_t readNow(const OpenFile& file, void* buffer, size_t count) {
 
 size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
   bool refused = false;
-  const ReadWindow* window = windowFor(file, file.position, count, &refused);
+  if (const uint8_t* bytes = mirrored(file, file.position, count, &refused)) {
+    std::memcpy(buffer, bytes, count);
+    return count;
+  }
+  const ReadWindow* window = refused ? nullptr : windowFor(file, file.position, count, &refused);
   if (refused) return 0;
   // Too much for a window, or not all in it: what was asked for may still be there.
   if (window == nullptr || !window->holds(file.entry, file.position, count)) {
@@ -131,6 +153,16 @@ size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
   }
   std::memcpy(buffer, window->at(file.position), count);
   return count;
+}
+
+// The bytes from the position on, where they are in memory.
+const uint8_t* bytesInGap(const OpenFile& file, uint32_t gap) {
+  if (file.mirror != nullptr) {
+    if (const uint8_t* bytes = file.mirror->find(file.position, gap)) return bytes;
+  }
+  ReadWindows& windows = callState().windows;
+  if (windows.find(file.entry, file.position, gap) == nullptr) return nullptr;
+  return windows.obtain(file.entry, file.position, gap)->at(file.position);
 }
 
 // Gathers the bytes between two fields of one header, so that the fields reach the host as one
@@ -141,12 +173,12 @@ void gatherGap(const OpenFile& file, uint32_t gap, uint32_t count) {
   CallState& call = callState();
   if (file.sharing != Sharing::exclusive || call.hasFailed() || count == 0) return;
   if (!call.gathered.endAt(file) || !call.gathered.canTake(file, size_t{gap} + count)) return;
-  if (call.windows.find(file.entry, file.position, gap) == nullptr) return;
+  const uint8_t* unchanged = bytesInGap(file, gap);
+  if (unchanged == nullptr) return;
   // The process's limit may lie in the gap.
   const int64_t next = file.position + static_cast<int64_t>(gap);
   if (bytesBelow(call.sizeLimit(), next, count) == 0) return;
-  const ReadWindow* window = call.windows.obtain(file.entry, file.position, gap);
-  call.gathered.addUnchanged(window->at(file.position), gap);
+  call.gathered.addUnchanged(unchanged, gap);
 }
 
 // What the limit cuts off never reaches the host, whose answer is known.
@@ -154,6 +186,12 @@ size_t writableBytes(uint64_t limit, int64_t position, size_t count) {
   const size_t below = bytesBelow(limit, position, count);
   if (below < count) noteRefusedWrite(EFBIG);
   return below;
+}
+
+size_t writeNow(const OpenFile& file, const void* buffer, size_t count) {
+  const size_t done = writePlain(file.descriptor, file.position, buffer, count);
+  noteWritten(file.entry, file.position, buffer, count, done);
+  return done;
 }
 
 size_t writeInScope(OpenFile& file, const void* buffer, size_t count) {
@@ -171,7 +209,7 @@ size_t writeInScope(OpenFile& file, const void* buffer, size_t count) {
   if (joins) {
     call.gathered.add(file, buffer, wanted, transferCounts().read);
   } else {
-    done = writePlain(file.descriptor, file.position, buffer, wanted);
+    done = writeNow(file, buffer, wanted);
   }
   call.windows.overwrite(file.entry, file.position, buffer, done);
   return done;
@@ -179,7 +217,7 @@ size_t writeInScope(OpenFile& file, const void* buffer, size_t count) {
 
 size_t writeOutsideScope(const OpenFile& file, const void* buffer, size_t count) {
   const size_t wanted = writableBytes(systemCalls().fileSizeLimit(), file.position, count);
-  return writePlain(file.descriptor, file.position, buffer, wanted);
+  return writeNow(file, buffer, wanted);
 }
 
 }  // namespace
@@ -187,7 +225,8 @@ size_t writeOutsideScope(const OpenFile& file, const void* buffer, size_t count)
 const uint8_t* detail::viewElsewhere(const OpenFile& file, int64_t position, uint32_t count) {
   if (!callState().isInScope() || count == 0 || position < 0) return nullptr;
   bool refused = false;
-  const ReadWindow* window = windowFor(file, position, count, &refused);
+  if (const uint8_t* bytes = mirrored(file, position, count, &refused)) return bytes;
+  const ReadWindow* window = refused ? nullptr : windowFor(file, position, count, &refused);
   if (window == nullptr || !window->holds(file.entry, position, count)) return nullptr;
   return window->at(position);
 }
@@ -206,6 +245,8 @@ bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_
 void readAhead(const OpenFile& file, int64_t position, uint32_t count) {
   CallState& call = callState();
   if (!call.isInScope() || call.gathered.hold(file.entry)) return;
+  bool refused = false;
+  if (mirrored(file, position, count, &refused) != nullptr) return;
   call.serveFromNothing();
   const ReadWindow* window = call.windows.fill(file.entry, position, count);
   if (window != nullptr) call.serveFrom(file, *window);
@@ -234,7 +275,8 @@ bool writeAfterGap(OpenFile& file, uint32_t gap, const void* buffer, uint32_t co
 
 bool fileLength(const OpenFile& file, int64_t* length) {
   if (callState().gathered.hold(file.entry) && !callState().flush()) return false;
-  *length = systemCalls().lengthOf(file.descriptor);
+  *length = file.mirror != nullptr ? file.mirror->length() : -1;
+  if (*length < 0) *length = systemCalls().lengthOf(file.descriptor);
   return *length >= 0;
 }
 

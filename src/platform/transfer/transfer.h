@@ -13,7 +13,8 @@
 //      before the file's length is asked, before a write on another file, before a caller's
 //      function is called, before the file is closed, before a scope within the scope, and at its
 //      end.
-//   3. Nothing that was read outlives the scope, or a call of a caller's function within it.
+//   3. Nothing that was read outlives the scope, or a call of a caller's function within it; except
+//      in the mirror of a file that is open exclusively, for those who use one (mirror.h).
 //   4. A gathered write that the host refuses makes the transfer that sent it fail, or the
 //      end of the scope; every later write of the scope fails too, so that nothing is written
 //      after a hole. A write too large to be gathered is refused where it is made, as it is
