@@ -67,7 +67,7 @@ std::optional<Fault> readSlot(int16_t db, const engine::DirectoryNumbers& number
 
 int16_t openFile(const std::filesystem::path& path, int permission, const char* operation) {
   const std::vector<QVWCHAR> wide = failure::nativePath(path, operation);
-  // What was in the way may be gone when it is looked for: then opening is tried again.
+  // The obstacle may be gone by the time it is looked for: then opening is tried again.
   for (int tries = 3;; --tries) {
     const int16_t number = OpenDBaseW(wide.data(), permission);
     if (number != 0) return number;

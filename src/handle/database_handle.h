@@ -1,5 +1,5 @@
-// An open database as its file reference number, with the reason where it cannot be opened or its
-// directory cannot be read.
+// A database that is held open under a file reference number. Where it cannot be opened, or its
+// directory cannot be read, errors say why.
 #pragma once
 
 #include <qvdbase/qvdb/error.hpp>
@@ -24,7 +24,8 @@ struct Fault {
 // not_a_database, version_out_of_range, directory_damaged, cannot_read, not_open.
 std::optional<Fault> readDirectory(int16_t db, engine::DirectoryNumbers* numbers);
 
-// Reads the next slot, entry `index` of the directory; the file must be at it.
+// Reads the slot at the file's position. That must be the position of entry `index` of the
+// directory.
 std::optional<Fault> readSlot(int16_t db, const engine::DirectoryNumbers& numbers, int index,
                               tablePart1* slot);
 
@@ -33,7 +34,7 @@ int16_t openFile(const std::filesystem::path& path, int permission, const char* 
 
 class DatabaseHandle {
  public:
-  // As OpenDBaseW takes them.
+  // The permission codes of OpenDBaseW.
   enum Permission : int { any = 0, readOnly = 1, exclusive = 3, shared = 4 };
 
   // Throws Error of the operation "open the database", also for a file that is no database.

@@ -1,6 +1,5 @@
-// A writer of whole database files. Unlike the engine, which appends and then links, it knows every
-// position beforehand: it writes each byte once, in order, with the links that the blocks are to
-// have.
+// A writer of whole database files. The engine appends a block and then links it. This writer knows
+// every position beforehand, and writes each byte once, in order, with all links in place.
 #pragma once
 
 #include <array>
@@ -27,18 +26,20 @@ class DatabaseWriter : public products::BufferedOutput {
  public:
   using BufferedOutput::BufferedOutput;
 
-  // The header and a directory of `slotCount` slots, of which the first ones are in use.
+  // Writes the header and a directory of `slotCount` slots: first those in use, then free ones.
   void directory(const Header& header, const std::vector<tablePart1>& slots, int slotCount);
 
   // The slot with the positions of its table's blocks in the new file.
   static tablePart1 slotAt(tablePart1 slot, const TablePlace& place);
 
-  // Begins a block: its header, in which mark, header size and links are set here. The records of a
-  // table come in the order of its chain. The payload follows, and endBlock().
+  // Writes the header of a block, and sets mark, header size and links in it. Then the caller
+  // writes the payload and calls endBlock(). The records of a table must come in the order of its
+  // chain.
   void beginRecord(recordPart1 head, bool isFirst, bool isLast);
   void beginTableData(format::TableDataHead head);
 
-  // The spare bytes and the end mark. What the spare bytes of a source hold is dead: they are new.
+  // Writes `spare` zeros and the end mark. What the source has in its spare bytes is dead, and not
+  // copied.
   void endBlock(uint32_t spare);
 
  private:

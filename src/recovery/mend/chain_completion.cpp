@@ -80,7 +80,8 @@ class Completer {
     const bool canRestore = backIsFull() &&
                             std::ranges::mismatch(forward_, back_).in1 == forward_.end() &&
                             (forward_.empty() || backBeginsAtFirst());
-    if (!canRestore) return refuse("the chain breaks, and from the back it is not whole either");
+    if (!canRestore)
+      return refuse("the chain breaks, and the walk from the back is not complete either");
     if (forward_.empty()) {
       step("the position of the first record is restored");
     } else {
@@ -100,7 +101,7 @@ class Completer {
       isAppend = isAppend && block(forward_[i]).prev == positionOf(forward_[i - 1]);
     }
     if (!isAppend) {
-      return refuse("the chain continues after its last record, and not as an append does");
+      return refuse("the chain continues after its last record, but not as an append leaves it");
     }
     const auto added = static_cast<uint32_t>(forward_.size() - count());
     result_.slot.recordWriteCount += added;
@@ -113,7 +114,7 @@ class Completer {
 
   void finishDeletion() {
     if (backIsWhole_ && back_ == forward_ && forwardEndsAtLast()) return countChain();
-    // Only the link from the front leads past the record.
+    // A deletion has relinked the chain around the record from the front, but not from the back.
     const bool isBegun = backIsFull() && backBeginsAtFirst() && forward_.size() + 1 == count();
     if (!isBegun) return refuse("the chain ends before the number of records is reached");
     const auto differ = std::mismatch(forward_.begin(), forward_.end(), back_.begin());
@@ -124,7 +125,7 @@ class Completer {
     finish(*differ.second, isLast ? forward_.back() : *differ.first);
   }
 
-  // The record written last becomes a neighbour of the one that is deleted.
+  // A neighbour of the record becomes the last written one.
   void finish(uint32_t number, uint32_t neighbour) {
     result_.gone.push_back(number);
     step("the deletion of the record at ", positionOf(number), " is finished");

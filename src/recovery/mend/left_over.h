@@ -8,21 +8,22 @@
 
 namespace qvdbase::mend {
 
-// A record that a write was about to bring into its table, as far as it is in the file whole.
+// Whether it is a whole record block that a write had not brought into its table yet.
 bool isLeftOver(const survey::Block& block);
 
 // The records that belong after the last one of a chain which is whole without them: the first of
-// them names it, and they name each other. They are a batch that was never linked, or what a link
-// repair has cut off; the slot's counts do not always show which, and in their table they are
-// right either way. None where there are others besides, or where their order is not that of
-// writing.
+// them names the last record of the chain, and they name each other. They are a batch that was
+// never linked, or what a link repair has cut off. The slot's counts do not always show which, but
+// either way they belong to the table. Empty when other records are apart from the chain as well,
+// or when they are not in the order of writing.
 std::vector<uint32_t> tailApart(const survey::Survey& survey, const survey::Table& table);
 
-// That tail, unless records of it were part of the table once: only what was counted is ever the
-// one that was written last.
+// That tail; empty when it was part of the table once. That is known when the slot has one of its
+// records as the last written one: only a record that was counted is ever noted there.
 std::vector<uint32_t> tailToDiscard(const survey::Survey& survey, const survey::Table& table);
 
-// The first data of a table, whole, whose slot was never written.
+// Whether it is a whole block that was to become the first data of its table, but the slot was
+// never written.
 bool isLeftOverData(const survey::Survey& survey, const survey::Block& block);
 
 }  // namespace qvdbase::mend

@@ -25,10 +25,10 @@ namespace {
 
 using qvdb::CutOffWrites;
 
-// Records by table and record identifier.
+// Records, each as the identifiers of its table and of itself.
 using Records = std::set<std::pair<uint64_t, uint64_t>>;
 
-// The largest block that is overwritten with zeros, which are held in memory.
+// The largest block that is overwritten with zeros: these are held in memory.
 constexpr int64_t kMostZeros = int64_t{64} << 20;
 
 // What a salvage would bring back.
@@ -184,7 +184,7 @@ class Planner {
     }
   }
 
-  // A block that counts as written but is in no chain was deleted.
+  // Counts them as written. A record that is counted so, and is in no chain, was deleted.
   void discardLeftOver(const Table& table, tablePart1* fields) {
     for (const uint32_t number : leftOverOf(table)) {
       const Block& each = block(number);
@@ -198,7 +198,7 @@ class Planner {
     }
   }
 
-  // The first data of the table, which was never linked.
+  // What becomes of a block that was to become the first data of the table.
   void decideData(const Table& table, tablePart1* fields) {
     const auto found = std::ranges::find_if(survey_.blocks, [&](const Block& each) {
       return each.owner == table.owner && isLeftOverData(survey_, each);
@@ -210,7 +210,7 @@ class Planner {
       pointAtData(found->position, fields);
       step(data, ", is added");
     } else if (found->end - found->position <= kMostZeros) {
-      // No count says that data was deleted: what was taken back is zeros.
+      // No count can say that data was deleted, so its bytes are taken back, as zeros.
       plan_.patches.push_back({found->position, std::vector<unsigned char>(static_cast<size_t>(
                                                     found->end - found->position))});
       step(data, ", is overwritten with zeros");
@@ -255,7 +255,7 @@ class Planner {
     if (after.bytes != before.bytes) slots_.push_back(std::move(after));
   }
 
-  // ---- what it comes to
+  // ---- the result
 
   void verify() {
     if (!plan_.refusal.empty()) return;
@@ -275,7 +275,7 @@ class Planner {
     for (const auto& each : salvageable(survey_)) {
       if (after.contains(each) || gone_.contains(each)) continue;
       plan_.refusal = joined("the record ", shownId(each.second),
-                             " would be lost; it can be completed in more than one way");
+                             " would be lost: there is more than one way to complete the file");
       return;
     }
     countLeftOver(survey);

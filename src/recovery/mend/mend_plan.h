@@ -8,15 +8,16 @@
 //   the link of the last record leads nowhere        clear it (its append was never counted)
 //   the walk from the front breaks, the one from     restore the links that break it
 //     the back is complete
-//   a back link or the slot's last position is that  point it at the predecessor, or at the last
-//     of a record that was moved
-//   one end or one side of a record is unlinked      finish its deletion
-//   the chain is complete but the count is not its   count the chain
-//   the slot has the data's position of the source   point it at the data
-//     of a pack
+//   a back link, or the slot's last position, leads  point it at the predecessor, or at the last
+//     to where a record was before it was moved        record
+//   a record is unlinked on one of its two sides     finish its deletion
+//   the chain is complete, but not as long as the    count the chain
+//     slot says
+//   a pack has left the position in the slot that    point it at the data
+//     the data had in the source
 //
-// What it comes to is then checked as a file is, before anything is written: it must have no error,
-// and hold every record that a salvage would bring back, save those whose deletion is finished.
+// Before anything is written, the result is checked as a file would be: it must have no error, and
+// hold every record that a salvage would bring back, except those whose deletion is finished.
 #pragma once
 
 #include <qvdbase/qvdb/mend.hpp>
@@ -33,11 +34,11 @@ namespace qvdbase::mend {
 
 struct MendPlan {
   std::vector<survey::Patch> patches;  // in the order in which they are to be written
-  int64_t size = 0;                // that of the mended file: less than before where it is cut off
+  int64_t size = 0;  // of the mended file: smaller than before when its end is cut off
   std::vector<std::string> steps;  // what is done, a sentence each
   std::string refusal;             // why nothing can be done; else empty
-  int64_t unreadableAt = -1;       // what the host could not read: nothing is known of it then
-  uint64_t leftOver = 0;           // whole blocks of writes that were cut off, which stay
+  int64_t unreadableAt = -1;       // where the host could not read; then nothing is planned
+  uint64_t leftOver = 0;           // whole blocks of writes that were cut off, which are left alone
   uint64_t leftOverData = 0;       // of these, table data
 };
 

@@ -1,6 +1,6 @@
-// Payload files are named by the position of their block in the source, which is the one thing that
-// surely differs between them. Nothing is written over: the source may be a file of that name, from
-// an earlier salvage.
+// A payload file is named after the position of its block in the source: of all that is known of a
+// block, only that is sure to differ. No file is replaced. One of that name may be the source
+// itself, which an earlier salvage has extracted.
 #include "recovery/salvage/extract.h"
 
 #include <qvdbase/qvdb/error.hpp>
@@ -54,8 +54,8 @@ std::string hexOf(const std::string& bytes) {
   return text;
 }
 
-// Adds the character of UTF-8 with which `text` begins. Returns how many bytes it has, 0 for bytes
-// that are none.
+// Adds the UTF-8 character with which `text` begins, escaped. Returns how many bytes it has; 0 when
+// these bytes are no character.
 size_t addCharacter(std::string_view text, std::string* json) {
   for (size_t count = 2; count <= std::min<size_t>(text.size(), 4); ++count) {
     QVWCHAR units[3] = {};
@@ -66,8 +66,8 @@ size_t addCharacter(std::string_view text, std::string* json) {
   return 0;
 }
 
-// The text as a string of JSON that is plain ASCII. Names in files may hold any bytes: those that
-// are no UTF-8 become replacement characters, and `isUtf8` false.
+// The text as a string of JSON in plain ASCII. Names in files may hold any bytes: those that are
+// not UTF-8 become replacement characters, and *isUtf8 becomes false.
 std::string quoted(const std::string& text, bool* isUtf8) {
   std::string json = "\"";
   for (size_t i = 0; i < text.size();) {
@@ -86,14 +86,14 @@ std::string quoted(const std::string& text, bool* isUtf8) {
   return json + '"';
 }
 
-// A member, and where the text is no UTF-8, another one with its bytes.
+// A member with the text, and where the text is not UTF-8, another one with its bytes.
 std::string textMember(const char* key, const std::string& text) {
   bool isUtf8 = true;
   const std::string member = std::string(",\"") + key + "\":" + quoted(text, &isUtf8);
   return isUtf8 ? member : member + ",\"" + key + "_bytes\":\"" + hexOf(text) + "\"";
 }
 
-// `unreadable` bytes of the payload are zeros instead.
+// The line of a block in the manifest. Of its payload, `unreadable` bytes were written as zeros.
 std::string line(const qvdb::FoundBlock& found, const std::string& file, const std::string& hash,
                  uint64_t unreadable) {
   static constexpr const char* kGrades[] = {"A", "B", "C"};

@@ -11,12 +11,12 @@ namespace qvdbase::salvage {
 
 class Extraction {
  public:
-  // The payload of every planned block, and "manifest.jsonl" with a line of JSON for each. The plan
-  // must outlive this. Throws qvdb::Error (file_exists) when one of the files to be made
-  // is there already, so that a salvage can be refused before anything is written.
+  // Prepares to write the payload of every planned block, and "manifest.jsonl" with a line of JSON
+  // for each. The plan must outlive this. Throws qvdb::Error (file_exists) when one of the files is
+  // there already, so that a salvage can be refused before anything is written.
   Extraction(const Job& job, const Plan& plan);
 
-  // What is written is removed with the object, unless it is to be kept. Throws qvdb::Error.
+  // Writes the files. Unless keep() is called, the destructor removes them. Throws qvdb::Error.
   void write();
   void keep() { folder_.keep(); }
 

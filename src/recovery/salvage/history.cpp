@@ -25,8 +25,8 @@ using namespace qvdbase::survey;
 namespace qvdb {
 namespace {
 
-// A record's file, survey and table: the one of that name or identifier among those that the file
-// shows traces of.
+// The file of a record, its survey, and the record's table: the one of that name or identifier,
+// among all of which the file shows traces.
 struct Sought {
   Sought(const std::filesystem::path& path, std::string_view table, const char* operation,
          bool isWatched = false)
@@ -81,8 +81,8 @@ struct Sought {
   }
 };
 
-// The data of the table that takes the record, as `edit` leaves it. None where there is no such
-// data, or not all of it can be read.
+// A patch with the data of the table that gets the record, as `edit` leaves it. None where the
+// table has no data, or not all of it can be read.
 std::vector<Patch> editedData(const ByteSource& source, const Survey& survey, uint32_t chosen,
                               const DataEdit& edit) {
   const salvage::Plan plan = salvage::makePlan(survey, {}, chosen);
@@ -129,7 +129,7 @@ std::vector<std::byte> read_version(const std::filesystem::path& path, const Fou
   const int64_t position = version.offset + header;
   const int64_t left = file.source().size() - position;
   if (position < header || left < 0 || version.there > static_cast<uint64_t>(left)) {
-    throwError(path, kRead, Reason::cannot_read, "the file is shorter now");
+    throwError(path, kRead, Reason::cannot_read, "the file has become shorter");
   }
   try {
     std::vector<std::byte> payload(static_cast<size_t>(version.there));
@@ -152,7 +152,7 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
       versions, [&](uint32_t number) { return sought.block(number).label == Label::live; });
   if (isLive && !offset) {
     throwError(source, kUndelete, Reason::bad_argument,
-               "the record is in use; name a version's offset");
+               "the record is in use; give the offset of the version to bring back");
   }
   uint32_t chosen = kNoBlock;
   for (const uint32_t number : versions) {

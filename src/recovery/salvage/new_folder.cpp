@@ -25,7 +25,7 @@ void NewFolder::requireFree(const std::string& name, const char* operation) cons
   failure::throwError(fileNamed(name), operation, qvdb::Reason::file_exists, std::move(details));
 }
 
-// One by one, so that no more than these are removed again.
+// One folder at a time, to know which of them are new: only these are removed again.
 void NewFolder::make(const char* operation, bool parents, qvdb::Reason reason) {
   std::error_code error;
   if (!parents && !fs::is_directory(path_, error)) {

@@ -16,7 +16,7 @@ class NewFolder {
   // The folder may be there already. Nothing is made yet.
   explicit NewFolder(const std::filesystem::path& path) : path_(path) {}
 
-  // Removes what was made, unless it is to be kept or another process made it.
+  // Removes what was made, unless keep() was called or another process made it.
   ~NewFolder();
   NewFolder(const NewFolder&) = delete;
   NewFolder& operator=(const NewFolder&) = delete;
@@ -27,9 +27,9 @@ class NewFolder {
   // Throws qvdb::Error (file_exists) of this operation when anything has the name of that file.
   void requireFree(const std::string& name, const char* operation) const;
 
-  // Makes the folder, and with `parents` those that are missing in its path. Throws
-  // qvdb::Error of this operation: path_not_reachable, what the host answers, and `reason` when
-  // something else has the name.
+  // Makes the folder, and with `parents` those that are missing in its path. Throws qvdb::Error of
+  // this operation: path_not_reachable, what the host answers, and `reason` when something that is
+  // no folder has the name.
   void make(const char* operation, bool parents, qvdb::Reason reason);
 
   // To be called for each file that has been made.
@@ -43,7 +43,7 @@ class NewFolder {
   platform::ProcessMark maker_;
 };
 
-// Whether anything has that name, be it a link that leads nowhere.
+// Whether anything has that name. A link that leads nowhere counts, too.
 bool isTaken(const std::filesystem::path& path);
 
 }  // namespace qvdbase::salvage

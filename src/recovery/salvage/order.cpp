@@ -10,8 +10,8 @@ using namespace qvdbase::survey;
 namespace qvdbase::salvage {
 namespace {
 
-// The members of a table that take the place of blocks which do not count: found by the identifier
-// or, where the block has none, by the links, which a moved record takes along.
+// The members of a table that take the place of blocks which do not count. They are found by the
+// identifier or, where the block has none, by the links, which a record keeps when it moves.
 class OlderVersions {
  public:
   OlderVersions(const Survey& survey, const std::vector<uint32_t>& members) : survey_(survey) {
@@ -47,7 +47,7 @@ class OlderVersions {
 std::vector<uint32_t> inLinkOrder(const Survey& survey, std::vector<uint32_t> blocks) {
   const auto positionOf = [&](uint32_t number) { return survey.blocks[number].position; };
   std::ranges::sort(blocks, {}, positionOf);
-  // Those that follow in the chain, if both name each other.
+  // Of each block, the one that follows in the chain, if the two name each other.
   std::vector<size_t> successors;
   for (const uint32_t number : blocks) {
     const Block& each = survey.blocks[number];

@@ -1,4 +1,4 @@
-// Reading the payloads of a damaged file. Zeros replace what the system cannot read, and are
+// Reading the payloads of a damaged file. Bytes that the system cannot read become zeros, and are
 // counted.
 #pragma once
 
@@ -16,8 +16,8 @@ class PayloadReader {
   // The source must outlive the reader.
   explicit PayloadReader(const survey::ByteSource& source);
 
-  // Passes on the payload of the block, as far as it is there, in pieces. Returns how many of its
-  // bytes could not be read.
+  // Passes the payload of the block to `take` in pieces, as far as the file has it. Returns how
+  // many of its bytes could not be read.
   uint64_t read(const survey::Block& block, const std::function<void(const char*, size_t)>& take);
 
   // The lowest position that could not be read; negative when there was none.

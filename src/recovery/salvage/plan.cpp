@@ -104,7 +104,7 @@ class Planner {
     return table.owner;
   }
 
-  // What is neither counted nor filled is an AddTable that was cut off.
+  // A slot that is not counted and has no blocks is what an AddTable leaves that was cut off.
   bool isPlannable(const Table& table) const {
     return survey_.slotOf(table).counted || !taken_.groups[owners_.at(table.slot)].isEmpty();
   }
@@ -131,7 +131,7 @@ class Planner {
     const auto noteOf = [&](const char* what) {
       note("The identifier of table '", storedName(*slot), "' is ", what);
     };
-    if (isAdopted) noteOf("damaged; its blocks say which it was.");
+    if (isAdopted) noteOf("damaged; it was found in its blocks.");
     if (number != 0 && !isOfAnother(owner)) {
       internal_ConvertInt64_2UuID(number, slot->tableID);
       given_.insert(number);
@@ -192,11 +192,12 @@ class Planner {
 
   // ---- all of them
 
-  // A table with these records, and with what its group has besides the members.
+  // Adds a table with these records, and with what its group has besides the members.
   void add(const tablePart1& slot, std::vector<uint32_t> records, const Group& group) {
     if (plan_.tables.size() == kMostTables) {
       ++plan_.tablesLeftOut;
-      return note("There is no space for table '", storedName(slot), "': a database has 31.");
+      return note("There is no space for table '", storedName(slot),
+                  "': a database has at most 31.");
     }
     records.insert(records.end(), group.unlinked.begin(), group.unlinked.end());
     plan_.tables.push_back({slot, std::move(records), group.data});

@@ -22,7 +22,7 @@ struct Job {
 
 // A table of the new file.
 struct PlannedTable {
-  tablePart1 slot = {};           // what is taken over; counts and positions are the writer's
+  tablePart1 slot = {};           // what is taken over; the writer sets counts and positions
   std::vector<uint32_t> records;  // blocks of the survey, in chain order
   uint32_t data = survey::kNoBlock;
   std::string name() const { return format::storedName(slot); }

@@ -13,8 +13,8 @@
 
 namespace qvdbase::salvage {
 
-// Everything is written and verified when the object is made, but the new file has not got its name
-// yet. Unless place() is called, the object leaves no file.
+// The constructor writes and verifies everything, but the new file does not have its name yet.
+// Unless place() is called, no file is left.
 class Run {
  public:
   // `wanted` as for makePlan(). Throws qvdb::Error, and what the visitor throws.
@@ -38,9 +38,9 @@ class Run {
   qvdb::SalvageReport report_;
 };
 
-// What is known of the source when all of it was read. Says in the report whether another process
-// has it open for writing. Throws in_use, in the name of `operation`, when it was changed
-// meanwhile.
+// To be called when all of the source has been read. Notes in the report whether another process
+// has it open for writing. Throws in_use, in the name of `operation`, when the source has changed
+// since it was opened.
 void lookAtSourceAgain(const survey::OpenedFile& source, const std::filesystem::path& path,
                        const char* operation, qvdb::SalvageReport* report);
 

@@ -103,7 +103,7 @@ using salvage::StoredDatabases;
 
 constexpr const char* kOperation = "salvage the database";
 
-// A database without tables is something, as long as it can be seen to be one.
+// An empty database is worth salvaging, too, if it can be recognised as a database.
 bool holdsNothing(const Survey& survey) {
   const bool beginsAsDatabase = survey.headerThere && isSignature(survey.header.fields.signature);
   return survey.blocks.empty() && survey.tables.empty() && !beginsAsDatabase;
@@ -132,7 +132,7 @@ SalvageReport salvageSource(const ByteSource& whole, const OpenedFile* file,
                         "it holds no table and no record, and does not begin as a database does");
   }
   Run run(job, target, visitor);
-  // The new file comes last: it appears when all that was asked for is there.
+  // The new file gets its name last, when everything else that was asked for is there.
   if (stored) stored->salvage(&run.report());
   if (file != nullptr) salvage::lookAtSourceAgain(*file, name, kOperation, &run.report());
   run.place();

@@ -45,7 +45,7 @@ class Selection {
            static_cast<int>(each.grade) <= static_cast<int>(options_.lowest_grade);
   }
 
-  // Another version of the record that is to be brought back.
+  // Whether it is another version of the record that is to be brought back.
   bool isOtherVersion(uint32_t number) const {
     if (wanted_ == kNoBlock || number == wanted_) return false;
     return block(number).kind == BlockKind::record && block(number).isSameRecord(block(wanted_));
@@ -61,8 +61,8 @@ class Selection {
   void place(uint32_t number) {
     const Block& each = block(number);
     Group& group = taken_.groups[each.owner];
-    // No record has the identifier 0: such a block was torn or damaged, and what it is a version of
-    // is not known.
+    // No record has the identifier 0. Such a block was torn or damaged, and nothing says of which
+    // record it is a version.
     if (each.kind == BlockKind::record && each.recordID == 0) {
       ++taken_.nameless;
     } else if (number == taken_.replaced) {

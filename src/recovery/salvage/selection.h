@@ -23,15 +23,15 @@ struct Taken {
   std::vector<uint32_t> strays;  // records that are no part of their table any more
   uint64_t nameless = 0;         // record blocks with the identifier 0, which are left out
 
-  // The version in use, whose place in the chain the wanted one takes; kNoBlock for none. In a
-  // group it is in that place.
+  // The version in use, which the wanted one is to replace; kNoBlock for none. Its group still has
+  // it.
   uint32_t replaced = survey::kNoBlock;
 
   bool takesEveryOrphan = false;
   bool takesWholeOrphans = false;
 
-  // A block of a table that the directory does not have counts as lost, unless it may be a piece of
-  // a payload. In an image it may as well be of another database.
+  // Whether a block of a table that the directory does not have is taken. It counts as lost, unless
+  // it may be a piece of a payload or, in an image of a device, a block of another database.
   bool takesOrphan(const survey::Survey& survey, const survey::Block& block) const {
     return takesEveryOrphan || (takesWholeOrphans && survey.isOrphan(block));
   }

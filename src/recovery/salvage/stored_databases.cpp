@@ -1,6 +1,6 @@
-// A stored database ends where the payload ends that it is in. One that is in no payload, as in an
-// image of a device, ends where the next such begins, after everything that its own directory
-// points to: a later copy of the same database would have blocks of its tables. One
+// A stored database ends with the payload that it is in. In an image of a device it may be in none:
+// then it has everything that its own directory points to, and ends where the next one begins after
+// that. What follows may be a copy of the same database, with blocks of the same tables. A database
 // without tables is its directory and nothing else.
 #include "recovery/salvage/stored_databases.h"
 
@@ -27,8 +27,8 @@ constexpr const char* kOperation = "salvage the stored databases";
 // Each is surveyed on its own, and a hostile directory can claim everything that follows.
 constexpr size_t kMostDatabases = 1000;
 
-// Where the payload that holds `position` ends, or the block where it lies in spare bytes; 0 where
-// no block holds it. `order` is the file's.
+// Where the payload ends that holds `position`. Where that is among the spare bytes of a block, its
+// end; 0 where no block holds it. `order` is that of the file.
 int64_t endOfPayload(const Survey& survey, const std::vector<uint32_t>& order, int64_t position) {
   const auto after = std::ranges::upper_bound(
       order, position, {}, [&](uint32_t number) { return survey.blocks[number].position; });
@@ -38,7 +38,8 @@ int64_t endOfPayload(const Survey& survey, const std::vector<uint32_t>& order, i
   return position < end ? end : position < block.end ? block.end : 0;
 }
 
-// One in another holds the same bytes again, so that a few MB could become thousands of MB.
+// How many times the bytes of the source all of them together may have. One that is stored in
+// another holds the same bytes again, so that a few MB could become thousands of MB.
 constexpr int64_t kMostTimes = 4;
 
 constexpr size_t kMostNamed = 20;
@@ -112,7 +113,7 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) {
   int64_t left = kMostTimes * (job_.source.size() + std::min<int64_t>(job_.options.from, 0));
   std::vector<int64_t> notWritten;
   for (const Range& place : places_) {
-    // Its size first: what is not written need not be surveyed either.
+    // Its size is looked at first: what is not written need not be surveyed either.
     std::optional<Survey> survey;
     const PartSource part(job_.source, place.begin, place.end);
     if (place.size() <= left) survey.emplace(makeSurvey(part));
@@ -132,7 +133,7 @@ void StoredDatabases::salvage(qvdb::SalvageReport* report) {
   }
   if (!notWritten.empty()) report->notes.push_back(aboutNotWritten(notWritten));
   if (leftOut_ > 0) {
-    report->notes.push_back(joined("Payloads seem to hold ", leftOut_, " databases more ",
+    report->notes.push_back(joined("Payloads seem to hold ", leftOut_, " more databases ",
                                    "than are salvaged at once."));
   }
 }

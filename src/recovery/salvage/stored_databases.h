@@ -13,15 +13,15 @@ namespace qvdbase::salvage {
 
 class StoredDatabases {
  public:
-  // Those that a deep survey of the source has found. Throws qvdb::Error (file_exists) when one of
-  // the files to be made is there already, so that a salvage can be refused before anything is
-  // written.
+  // Takes those that a deep survey of the source has found. Throws qvdb::Error (file_exists) when
+  // one of the files to be made is there already, so that a salvage can be refused before anything
+  // is written.
   explicit StoredDatabases(const Job& job);
 
   bool isEmpty() const { return places_.empty(); }
 
-  // Salvages each into a file of its own, and describes it in the report. The files are
-  // removed with the object, unless they are to be kept. Throws qvdb::Error.
+  // Salvages each into a file of its own, and describes it in the report. Unless keep() is called,
+  // the destructor removes the files. Throws qvdb::Error.
   void salvage(qvdb::SalvageReport* report);
   void keep() { folder_.keep(); }
 

@@ -1,4 +1,5 @@
-// The tables, their order and their blocks are the plan's; what the blocks hold is the source's.
+// The plan says which tables and blocks the new file has, and in which order. What the blocks hold
+// comes from the source.
 #include "recovery/salvage/writer.h"
 
 #include <algorithm>
@@ -120,7 +121,7 @@ class Writer {
     return head;
   }
 
-  // False when the source could not be read everywhere.
+  // False when a part of the payload could not be read.
   bool writePayload(const Block& from) {
     const Content content = contentOf(from);
     const uint64_t unreadable =

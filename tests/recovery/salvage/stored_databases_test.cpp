@@ -321,7 +321,7 @@ TEST_F(StoredDatabases, AreTakenUpToAThousand) {
   const qvdb::SalvageReport report = salvage(image.build());
   EXPECT_EQ(report.stored.size(), 1000u);
   ASSERT_EQ(report.notes.size(), 1u);
-  EXPECT_EQ(report.notes[0], "Payloads seem to hold 2 databases more than are salvaged at once.");
+  EXPECT_EQ(report.notes[0], "Payloads seem to hold 2 more databases than are salvaged at once.");
 }
 
 }  // namespace
