@@ -491,6 +491,27 @@ TEST_F(LinkRepair, FailsWhereverAWriteFails) {
   }
 }
 
+// Its writes are gathered then, and made at the end.
+TEST_F(LinkRepair, FailsWhereverAWriteFailsWithoutAProgressFunction) {
+  fourRecords();
+  image.record(at[1]).nextRecordPos = 0;
+  RecordedCalls host;
+  const auto repairSilently = [&] {
+    putSource(image);
+    result = 4711;
+    return FixOneDBLinkErrorW(wide(kSource), nullptr, 0, nullptr, &result);
+  };
+  ASSERT_EQ(repairSilently(), 1);
+  ASSERT_EQ(result, kRewritten);
+  const size_t all = byteCount(host.writes());
+  for (size_t room = 0; room < all; ++room) {
+    host.fullAfter(room);
+    EXPECT_EQ(repairSilently(), 1);
+    host.heal();
+    EXPECT_EQ(result, kFailure) << room;
+  }
+}
+
 // A version that cannot be written is a failure, although all links are repaired.
 TEST_F(LinkRepair, FailsWithoutReporting100WhenTheVersionCannotBeWritten) {
   fourRecords();

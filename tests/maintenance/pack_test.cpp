@@ -617,6 +617,20 @@ TEST_F(PackOnAFailingHost, FailsWhereverAWriteFailsOnceButDoesNotMindThatOfTheUn
   EXPECT_EQ(unminded, 1);
 }
 
+// The writes of several records are gathered then, and those of the last ones made at the end.
+TEST_F(PackOnAFailingHost, FailsWhereverAWriteFailsWithoutAProgressFunction) {
+  putSource(lively.image);
+  for (int step = 0;; ++step) {
+    host.failFrom(Call::write, step);
+    const int result = packSilently();
+    host.heal();
+    if (!host.failed()) break;
+    EXPECT_EQ(result, 0) << step;
+    expectTargetEmptied();
+  }
+  EXPECT_TRUE(sameBytes(contents(kTarget), lively.packed().build()));
+}
+
 TEST_F(PackOnAFailingHost, GoesOnAfterShortTransfers) {
   putSource(lively.image);
   for (const Call call : {Call::read, Call::write}) {

@@ -529,6 +529,25 @@ TEST_F(Renumber, SetsTheTargetNumberToZeroOnlyAfterAFailureWithABufferInMemory) 
   EXPECT_NE(dstRef, 0);
 }
 
+// The writes of records are gathered then: one that is refused counts as one of a record in memory.
+TEST_F(Renumber, SetsTheTargetNumberToZeroWhenWritesOfRecordsFailWithoutAProgressFunction) {
+  addRecordTable(2);
+  addCategories({{0xA0}});
+  putSource(image);
+  const int16_t src = OpenDBaseW(wide(kSource), 1);
+  for (size_t room = kDirectoryEnd; room < static_cast<size_t>(image.end()); room += 11) {
+    host.fullAfter(room);
+    dstRef = kUnwritten;
+    EXPECT_EQ(PackOneDB2AllNewUUIDFile(wide(kTarget), src, 0, nullptr, &srcRef, &dstRef, &status,
+                                       nullptr),
+              0);
+    host.heal();
+    EXPECT_EQ(dstRef, 0) << room;
+    expectTargetEmptied();
+  }
+  CloseDBase(src);
+}
+
 // ---- damage and failures ----
 
 TEST_F(Renumber, CutsAndStopsChainsAsThePackDoes) {
@@ -620,6 +639,27 @@ TEST_F(Renumber, FailsWhereverAWriteFailsOnce) {
     expectTargetEmptied();
   }
   allowDamage(kTarget);
+}
+
+// The one between two others moves, as its free bytes claim more than the file holds after them:
+// its new block is written, and then both of its neighbours.
+TEST_F(Renumber, FailsWhereverAWriteFailsWhileACategoryMoves) {
+  const size_t table = image.addTable("QVrz_Category", kCategoryTable);
+  Bytes moving = categoryPayload({});
+  moving.putBe(100, 4, 200);
+  image.addRecord(table, 0xBF, categoryPayload({}));
+  image.addRecord(table, 0xC0, moving);
+  image.addRecord(table, 0xC1, categoryPayload({}));
+  ASSERT_EQ(renumber(), 1);
+  ASSERT_EQ(payloadOf("QVrz_Category", 1).size(), 104u + 200);
+  for (int step = 0;; ++step) {
+    host.failFrom(Call::write, step);
+    const int result = renumber();
+    host.heal();
+    if (!host.failed()) break;
+    EXPECT_EQ(result, 0) << step;
+    expectTargetEmptied();
+  }
 }
 
 // Of all allocations, only three may fail without failing the call: the cache entries of the two
