@@ -8,10 +8,9 @@ set(folders_run_twice)
 if(QVDBASE_SANITIZE OR QVDBASE_SANITIZE_THREADS OR QVDBASE_PLAIN_TRANSFERS OR QVDBASE_PORTABLE_POSIX)
   return()
 endif()
-# The other folders read and write files on a way of their own, or not at all, or run the tool; the
+# The other folders read and write files on a way of their own, or not at all, or take long; the
 # preset "plain" takes them too.
-set(folders_run_twice cross QVDbase exports support fuzz_replay maintenance model objects platform proof
-    upkeep)
+set(folders_run_twice cross QVDbase exports support maintenance model objects platform)
 
 set(plain_sources)
 foreach(name paths/directory handles/file_entries host/system_calls transfer/transfer)
@@ -23,6 +22,7 @@ target_compile_definitions(plain_platform PRIVATE
   $<TARGET_PROPERTY:qvdbase_internal,INTERFACE_COMPILE_DEFINITIONS>)
 target_include_directories(plain_platform PRIVATE
   ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+target_compile_options(plain_platform PRIVATE $<$<CONFIG:RelWithDebInfo>:-O1>)  # as the library is
 qvdbase_warnings(plain_platform)
 
 # Makes PROGRAM from what TWIN is made of.
