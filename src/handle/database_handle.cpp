@@ -96,6 +96,7 @@ void DatabaseHandle::fail(const char* operation, const Fault& fault) const {
 }
 
 engine::DirectoryNumbers DatabaseHandle::directory(const char* operation) const {
+  const platform::Turn turn(number_);
   platform::forgetHostFailure();
   engine::DirectoryNumbers numbers;
   if (const auto fault = readDirectory(number_, &numbers)) fail(operation, *fault);
@@ -103,6 +104,7 @@ engine::DirectoryNumbers DatabaseHandle::directory(const char* operation) const 
 }
 
 std::vector<tablePart1> DatabaseHandle::tables(const char* operation) const {
+  const platform::Turn turn(number_);
   const engine::DirectoryNumbers numbers = directory(operation);
   std::vector<tablePart1> slots(static_cast<size_t>(numbers.tableCount));
   for (size_t i = 0; i < slots.size(); ++i) {
@@ -113,6 +115,7 @@ std::vector<tablePart1> DatabaseHandle::tables(const char* operation) const {
 }
 
 uint64_t DatabaseHandle::fileLength(const char* operation) const {
+  const platform::Turn turn(number_);
   if (const std::optional<int64_t> length = lengthOf(number_)) {
     return static_cast<uint64_t>(*length);
   }

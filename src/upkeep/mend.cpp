@@ -83,6 +83,7 @@ class Mending {
 
   // By the open file, which is locked: its name may lead to another one by now.
   void cut() {
+    const platform::Turn turn(database_.number());
     const auto* file = platform::findOpenFile(database_.number());
     if (file != nullptr && platform::cutFile(*file, plan_.size)) return;
     throwError(path_, kOperation, Reason::cannot_write, "the system cannot shorten it");

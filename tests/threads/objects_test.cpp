@@ -364,6 +364,35 @@ TEST_F(ThreadsOnDatabase, ReadOnAfterTheDatabaseWasClosed) {
   expectError(Reason::not_open, [&] { reader.tables(); });
 }
 
+// What is copied is the file as it is between two calls. Where the copy is compared with it, a
+// change meanwhile is reported as such.
+TEST_F(ThreadsOnDatabase, CopyAFileThatAnotherThreadChanges) {
+  fill();
+  database.close();
+  database = openDatabase(Mode::shared);
+  table = database.table("t");
+  const auto unlessChanged = [](const auto& copy) {
+    try {
+      copy();
+    } catch (const qvdb::Error& error) {
+      EXPECT_EQ(error.reason(), Reason::in_use) << error.what();
+    }
+  };
+  const std::filesystem::path target = path("target.qvd");
+  {
+    const BusyThread writer([&] { EXPECT_TRUE(table.modify(Id{1}, std::string(20, 'y'))); });
+    for (int round = 0; round < 3; ++round) {
+      unlessChanged([&] { qvdb::compact(path(), target, {}, {.dry_run = true}); });
+      unlessChanged([&] { qvdb::compact(path(), target, {}, {.overwrite = true}); });
+      unlessChanged([&] { qvdb::pack(path(), target, {}, {.overwrite = true}); });
+      expectError(Reason::table_missing, [&] { qvdb::renumber(path(), path("no.qvd")); });
+      expectError(Reason::in_use, [&] { qvdb::mend(path()); });
+      expectError(Reason::in_use, [&] { qvdb::repair(path()); });
+    }
+  }
+  expectSound();
+}
+
 using ForkedDatabase = ThreadsOnDatabase;
 
 TEST_F(ForkedDatabase, IsOnlyReadInTheChild) {

@@ -63,6 +63,7 @@ OpenedFile::OpenedFile(const std::filesystem::path& path, const char* operation)
 }
 
 OpenedFile::OpenedFile(int16_t file, const std::filesystem::path& path, const char* operation) {
+  const platform::Turn turn(file);
   const platform::OpenFile* open = platform::findOpenFile(file);
   if (open == nullptr) failure::throwError(path, operation, qvdb::Reason::cannot_open);
   file_.share(open->entry);
