@@ -65,8 +65,9 @@ std::optional<Fault> readSlot(int16_t db, const engine::DirectoryNumbers& number
                "entry " + std::to_string(index + 1) + " of its table directory is damaged"};
 }
 
-int16_t openFile(const std::filesystem::path& path, int permission, const char* operation) {
-  const std::vector<QVWCHAR> wide = failure::nativePath(path, operation);
+int16_t openFile(const std::filesystem::path& path, const std::filesystem::path& place,
+                 int permission, const char* operation) {
+  const std::vector<QVWCHAR> wide = failure::nativePath(place, operation);
   // The obstacle may be gone by the time it is looked for: then opening is tried again.
   for (int tries = 3;; --tries) {
     const int16_t number = OpenDBaseW(wide.data(), permission);
@@ -78,7 +79,7 @@ int16_t openFile(const std::filesystem::path& path, int permission, const char* 
 }
 
 DatabaseHandle::DatabaseHandle(const std::filesystem::path& path, Permission permission)
-    : DatabaseHandle(path, openFile(path, permission, kOpen)) {
+    : DatabaseHandle(path, openFile(path, path, permission, kOpen)) {
   static_cast<void>(directory(kOpen));
 }
 

@@ -29,8 +29,10 @@ std::optional<Fault> readDirectory(int16_t db, engine::DirectoryNumbers* numbers
 std::optional<Fault> readSlot(int16_t db, const engine::DirectoryNumbers& numbers, int index,
                               tablePart1* slot);
 
-// Opens the file and returns its number. Throws Error of this operation.
-int16_t openFile(const std::filesystem::path& path, int permission, const char* operation);
+// Opens the file at `place` and returns its number. Throws Error of this operation, which names the
+// file by `path`: the same, as the caller has given it.
+int16_t openFile(const std::filesystem::path& path, const std::filesystem::path& place,
+                 int permission, const char* operation);
 
 class DatabaseHandle {
  public:

@@ -42,18 +42,42 @@ std::shared_ptr<OpenDatabase> stateOf(const std::filesystem::path& path, Mode mo
   state->mode = mode;
   std::error_code unknown;
   state->place = std::filesystem::absolute(path, unknown);
+  if (unknown) state->place = path;
   return state;
+}
+
+void openFileOf(OpenDatabase& database, const std::filesystem::path& place,
+                const char* operation) {
+  const int permission = static_cast<int>(database.mode);
+  database.handle = handle::openFile(database.path, place, permission, operation);
+  detail::announce(database);
 }
 
 std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode mode,
                                         const char* operation) {
   std::shared_ptr<OpenDatabase> state = stateOf(path, mode);
-  state->handle = handle::openFile(path, static_cast<int>(mode), operation);
-  detail::announce(*state);
+  openFileOf(*state, path, operation);
   return state;
 }
 
 constexpr const char* kOpen = "open the database";
+constexpr const char* kUse = "use the database";
+
+void requireDirectory(const std::shared_ptr<OpenDatabase>& database) {
+  const Operation operation(database, kOpen);
+  static_cast<void>(detail::look(operation, [&] { return operation.directory(); }));
+}
+
+// The file that has the name of this one now, which may be closed.
+std::shared_ptr<OpenDatabase> openAgain(const OpenDatabase& database) {
+  auto state = std::make_shared<OpenDatabase>();
+  state->path = database.path;
+  state->place = database.place;
+  state->mode = database.mode;
+  openFileOf(*state, database.place, kOpen);
+  requireDirectory(state);
+  return state;
+}
 
 bool isBadSignature(const std::array<char, 4>& signature) {
   return (signature[0] != 'Q' && signature[0] != 'q') ||
@@ -147,8 +171,7 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {
   Database database(openState(path, mode, kOpen));
-  const Operation operation(database.state_, kOpen);
-  static_cast<void>(detail::look(operation, [&] { return operation.directory(); }));
+  requireDirectory(database.state_);
   return database;
 }
 
@@ -233,9 +256,9 @@ void Database::reopen() {
     detail::markIndexesStale(reopened);
     if (reopened.handle != 0) reopened.close();
   }
-  Database opened =
-      detail::whileInUse(reopened.wait, [&] { return open(reopened.place, reopened.mode); });
-  reopened.takeOver(*opened.state_);
+  const std::shared_ptr<OpenDatabase> opened =
+      detail::whileInUse(reopened.wait, [&] { return openAgain(reopened); });
+  reopened.takeOver(*opened);
 }
 
 bool Database::is_open() const noexcept {
@@ -243,22 +266,24 @@ bool Database::is_open() const noexcept {
 }
 
 OpenDatabase& Database::state() const {
-  if (state_ == nullptr) {
-    failure::throwError("use the database", Reason::not_open, "none is open");
-  }
+  if (state_ == nullptr) failure::throwError(kUse, Reason::not_open, "none is open");
   return *state_;
 }
 
 int16_t Database::handle() const {
-  return state().handle;
+  const int16_t handle = state().handle;
+  if (handle == 0) failure::throwError(state_->path, kUse, Reason::not_open, "it was closed");
+  return handle;
 }
 
 const std::filesystem::path& Database::path() const {
-  return state().path;
+  static_cast<void>(handle());
+  return state_->path;
 }
 
 Mode Database::mode() const {
-  return state().mode;
+  static_cast<void>(handle());
+  return state_->mode;
 }
 
 DatabaseInfo Database::info() const {

@@ -211,6 +211,9 @@ TEST_F(LayerDatabase, ClosesItselfAndItsTablesAndRecordsSayThatItIsClosed) {
   expectError(Reason::not_open, [&] { static_cast<void>(table.count()); });
   expectError(Reason::not_open, [&] { static_cast<void>(record.payload()); });
   expectError(Reason::not_open, [&] { ++walk; });
+  expectError(Reason::not_open, [&] { static_cast<void>(database.path()); });
+  expectError(Reason::not_open, [&] { static_cast<void>(database.mode()); });
+  expectError(Reason::not_open, [&] { static_cast<void>(database.handle()); });
   expectError(Reason::not_open, [&] { static_cast<void>(Database().tables()); });
 }
 

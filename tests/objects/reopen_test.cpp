@@ -180,6 +180,9 @@ TEST_F(ReplacedDatabase, IsFoundFromTheFolderInWhichItWasOpened) {
   database.reopen();
   EXPECT_EQ(database.table("t").count(), 5u);
   EXPECT_EQ(database.path(), kDefaultFile);
+  std::filesystem::remove(path());
+  const std::string why = expectError(Reason::no_such_file, [&] { database.reopen(); });
+  EXPECT_EQ(why.find(kDefaultFile), 0u) << "as it was given: " << why;
 }
 
 TEST_F(ReplacedDatabase, DiscardsAnAppenderWhenItIsOpenedAgain) {
