@@ -22,6 +22,7 @@
 #include "objects/waiting.h"
 #include "platform/handles/current_name.h"
 #include "platform/handles/sync.h"
+#include "platform/host/cancellation.h"
 #include "platform/host/host_failure.h"
 #include "products/target_file.h"
 
@@ -46,8 +47,7 @@ std::shared_ptr<OpenDatabase> stateOf(const std::filesystem::path& path, Mode mo
   return state;
 }
 
-void openFileOf(OpenDatabase& database, const std::filesystem::path& place,
-                const char* operation) {
+void openFileOf(OpenDatabase& database, const std::filesystem::path& place, const char* operation) {
   const int permission = static_cast<int>(database.mode);
   database.handle = handle::openFile(database.path, place, permission, operation);
   detail::announce(database);
@@ -137,6 +137,7 @@ Database& Database::operator=(Database&& other) noexcept {
 
 Database Database::create(const std::filesystem::path& path, const CreateOptions& options) {
   constexpr const char* kOperation = "create the database";
+  const platform::Uncancelled uncancelled;
   if (isBadSignature(options.signature)) {
     failure::throwError(path, kOperation, Reason::bad_argument,
                         "a signature begins with the letters Q and V, in either case");
@@ -170,6 +171,7 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
 }
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {
+  const platform::Uncancelled uncancelled;
   Database database(openState(path, mode, kOpen));
   requireDirectory(database.state_);
   return database;
@@ -197,6 +199,7 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
     failure::throwError(path, kOpen, Reason::bad_argument,
                         "a file that does not exist cannot be created for reading only");
   }
+  const platform::Uncancelled uncancelled;
   return detail::whileInUse(options.wait, [&] {
     Database database =
         options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
@@ -217,6 +220,7 @@ Database Database::adopt(int16_t handle, const std::filesystem::path& path, Mode
 
 DatabaseInfo Database::inspect(const std::filesystem::path& path) {
   constexpr const char* kOperation = "look at the database";
+  const platform::Uncancelled uncancelled;
   return readInfo(Operation(openState(path, Mode::read_only, kOperation), kOperation));
 }
 
@@ -248,6 +252,7 @@ bool Database::is_current() const {
 // What was read of the file that was open before is forgotten before anything can fail.
 void Database::reopen() {
   OpenDatabase& reopened = state();
+  const platform::Uncancelled uncancelled;
   {
     const detail::DatabaseTurn turn(reopened);
     reopened.discardBulk();

@@ -36,6 +36,7 @@ void takeTurn(const Operation& operation) {
       [&](uint64_t length) {
         {
           const platform::TurnPause pause;
+          const platform::Uncancelled uncancelled;
           platform::pauseFor(length);
         }
         operation.requireSameFile();

@@ -8,6 +8,7 @@
 
 #include "platform/handles/file_creation.h"
 #include "platform/handles/open_files.h"
+#include "platform/host/cancellation.h"
 #include "platform/paths/directory.h"
 #include "platform/paths/utf8_names.h"
 #include "platform/transfer/transfer.h"
@@ -86,6 +87,7 @@ bool walk(const QVWCHAR* directoryPath, Directory& place, Step step) {
 
 int walkTo(const QVWCHAR* directoryPath, FSRef* directory, Step step) {
   if (directoryPath == nullptr || isTooLong(directoryPath)) return 0;
+  const platform::Uncancelled uncancelled;
   Directory place;
   if (!walk(directoryPath, place, step)) return 0;
   if (directory == nullptr) return 1;
@@ -93,7 +95,8 @@ int walkTo(const QVWCHAR* directoryPath, FSRef* directory, Step step) {
 }
 
 // What a path names: the directory that holds the file, and the file's name in it. A path without
-// any separator serves as both: "db" is the file "db" in the directory "/db".
+// any separator serves as both: "db" is the file "db" in the directory "/db". For as long as it is
+// at work with them, the thread is not cancelled.
 class Location {
  public:
   Location(const QVWCHAR* path, Step step) : found_(path != nullptr && find(path, step)) {}
@@ -114,6 +117,7 @@ class Location {
     return true;
   }
 
+  const platform::Uncancelled uncancelled_;
   Directory directory_;
   QVWCHAR name_[kPathCapacity];
   bool found_;

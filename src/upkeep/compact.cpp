@@ -14,6 +14,7 @@
 #include "handle/database_handle.h"
 #include "platform/handles/new_file.h"
 #include "platform/handles/read_only_file.h"
+#include "platform/host/cancellation.h"
 #include "products/target_file.h"
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/packed_data.h"
@@ -185,6 +186,7 @@ class Compaction {
 CompactReport compactTo(const fs::path& source, const fs::path& target,
                         const ProgressFunction& progress, const CompactOptions& options,
                         bool overwrite) {
+  const platform::Uncancelled uncancelled;
   // For a clear message on files that are no database.
   DatabaseHandle(source, DatabaseHandle::readOnly);
   Compaction compaction(source, progress, options);

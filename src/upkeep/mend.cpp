@@ -10,6 +10,7 @@
 #include "handle/database_handle.h"
 #include "platform/handles/cutting.h"
 #include "platform/handles/open_files.h"
+#include "platform/host/cancellation.h"
 #include "platform/host/host_failure.h"
 #include "recovery/check/parts.h"
 #include "recovery/mend/mend_plan.h"
@@ -97,6 +98,7 @@ class Mending {
 }  // namespace
 
 MendReport mend(const std::filesystem::path& path, const MendOptions& options) {
+  const platform::Uncancelled uncancelled;
   return Mending(path).run(options);
 }
 

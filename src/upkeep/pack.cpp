@@ -13,6 +13,7 @@
 #include "handle/database_handle.h"
 #include "maintenance/pack_steps.h"
 #include "platform/handles/descriptor_path.h"
+#include "platform/host/cancellation.h"
 #include "products/target_file.h"
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
@@ -137,6 +138,7 @@ class Packing {
 PackReport pack(const fs::path& source, const fs::path& target, const ProgressFunction& progress,
                 const TargetOptions& options) {
   constexpr const char* kOperation = "pack the database";
+  const platform::Uncancelled uncancelled;
   Packing packing(kOperation, source, DatabaseHandle::shared, target, options);
   const std::vector<QVWCHAR> nativeSource = packing.nativeSource();
   return packing.run(progress, [&](Reporter* reporter) {
@@ -148,6 +150,7 @@ PackReport pack(const fs::path& source, const fs::path& target, const ProgressFu
 PackReport renumber(const fs::path& source, const fs::path& target,
                     const ProgressFunction& progress, const TargetOptions& options) {
   constexpr const char* kOperation = "renumber the database";
+  const platform::Uncancelled uncancelled;
   Packing packing(kOperation, source, DatabaseHandle::any, target, options);
   const std::vector<tablePart1> tables = packing.tables();
   const bool canRenew = std::any_of(tables.begin(), tables.end(), [](const tablePart1& table) {

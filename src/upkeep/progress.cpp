@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "platform/host/cancellation.h"
 #include "platform/host/thread_cancelled.h"
 
 namespace qvdbase::upkeep {
@@ -12,6 +13,7 @@ bool Reporter::report(int percent) {
   highest_ = std::clamp(percent, std::max(highest_, 0), 100);
   if (!function_) return true;
   try {
+    const platform::CancellationPause cancellation;
     stops_ = !function_(highest_);
   } catch (platform::ThreadCancelled&) {
     throw;

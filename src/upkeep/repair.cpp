@@ -6,6 +6,7 @@
 #include "failure/failure.h"
 #include "handle/database_handle.h"
 #include "maintenance/link_repair.h"
+#include "platform/host/cancellation.h"
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
 #include "upkeep/progress.h"
@@ -32,6 +33,7 @@ RepairOutcome repair(const std::filesystem::path& path, const ProgressFunction& 
 
 RepairOutcome repair_if(const std::filesystem::path& path, const RepairJudge& judge,
                         const ProgressFunction& progress) {
+  const platform::Uncancelled uncancelled;
   const DatabaseHandle file(path, DatabaseHandle::exclusive);
   file.requireAlone(kOperation);
   if (judge) {

@@ -80,7 +80,10 @@ void Turn::begin() {
   assert(!holdsSharedLock() && "a turn is waited for while a lock is held");
   outer_ = innermostTurn;
   innermostTurn = this;
-  if (outer_ == nullptr) takeOverCounts();
+  if (outer_ == nullptr) {
+    holdCancellation();
+    takeOverCounts();
+  }
   turn_ = wanted();
   if (tryEnter(*turn_)) {
     if (wanted() == turn_) return;
@@ -95,7 +98,9 @@ void Turn::end() {
   while (*link != this) link = &(*link)->outer_;
   *link = outer_;
   leave(*turn_);
-  if (innermostTurn == nullptr) publishCounts();
+  if (innermostTurn != nullptr) return;
+  publishCounts();
+  letCancellation();
 }
 
 void Turn::leaveAll(Turn* innermost) {

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "platform/host/cancellation.h"
 #include "platform/host/lock.h"
 #include "platform/host/threads.h"
 
@@ -38,7 +39,7 @@ inline const void* thisThread() {
   return &detail::innermostTurn;
 }
 
-// Has the turn of a file from its beginning to its end.
+// Has the turn of a file from its beginning to its end. Its thread is not cancelled meanwhile.
 class Turn {
  public:
   // The file that has this number. For a number that is not in use it keeps every number that is
@@ -69,6 +70,7 @@ class Turn {
 };
 
 // Gives up all turns of this thread while a function of the caller's runs, and takes them again.
+// Its thread may be cancelled meanwhile.
 class TurnPause {
  public:
   TurnPause();
@@ -78,6 +80,7 @@ class TurnPause {
 
  private:
   Turn* paused_;
+  [[no_unique_address]] CancellationPause cancellation_;
 };
 
 // The turn that stands for all numbers that are not in use. It is needed to use one.

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <thread>
 
+#include "platform/host/cancellation.h"
 #include "platform/host/clock.h"
 #include "recovery/check/findings.h"
 #include "recovery/check/parts.h"
@@ -116,6 +117,7 @@ CheckReport deliver(Checked checked, const FindingVisitor& visitor) {
 
 CheckReport check(const std::filesystem::path& path, const FindingVisitor& visitor,
                   const CheckOptions& options) {
+  const platform::Uncancelled uncancelled;
   for (int attempt = 0;; ++attempt) {
     OpenedFile file(path, "check the database");
     file.watch();

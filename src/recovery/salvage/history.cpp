@@ -13,6 +13,7 @@
 
 #include "failure/failure.h"
 #include "format/Aliment8.h"
+#include "platform/host/cancellation.h"
 #include "recovery/salvage/run.h"
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/patched_source.h"
@@ -146,6 +147,7 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
                        std::string_view table, Id record, std::optional<int64_t> offset,
                        const DataEdit& edit_data) {
   constexpr const char* kUndelete = "bring the record back";
+  const platform::Uncancelled uncancelled;
   const Sought sought(source, table, kUndelete, true);
   const std::vector<uint32_t> versions = sought.versionsOf(record);
   const bool isLive = std::ranges::any_of(

@@ -7,6 +7,7 @@
 
 #include "failure/failure.h"
 #include "platform/handles/read_only_file.h"
+#include "platform/host/cancellation.h"
 #include "recovery/check/parts.h"
 #include "recovery/salvage/run.h"
 #include "recovery/salvage/stored_databases.h"
@@ -144,6 +145,7 @@ SalvageReport salvageSource(const ByteSource& whole, const OpenedFile* file,
 
 SalvageReport salvage(const std::filesystem::path& source, const std::filesystem::path& target,
                       const BlockVisitor& visitor, const SalvageOptions& options) {
+  const platform::Uncancelled uncancelled;
   OpenedFile file(source, kOperation);
   file.watch();
   return salvageSource(file.source(), &file, source, target, visitor, options);
