@@ -36,12 +36,16 @@ void catchInterrupts() {
   action.sa_handler = noteInterrupt;
   action.sa_flags = static_cast<int>(SA_RESETHAND);  // and without SA_RESTART: waiting reads return
   sigemptyset(&action.sa_mask);
+  sigset_t noted;
+  sigemptyset(&noted);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    sigaddset(&noted, signal);
     struct sigaction before = {};
     // One that the caller ignores, as nohup does, stays ignored.
     if (::sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
     ::sigaction(signal, &action, nullptr);
   }
+  ::sigprocmask(SIG_UNBLOCK, &noted, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
 }

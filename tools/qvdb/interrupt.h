@@ -8,7 +8,9 @@ namespace qvdb::tool {
 struct Interrupted {};
 
 // From now on SIGINT, SIGTERM and SIGHUP are only noted; a second one of a kind ends the process at
-// once. Signals about failed writes are ignored: the write itself reports the failure.
+// once. One that was blocked until now, and sent, is noted too: before main() begins, that is how a
+// program that starts this one keeps a signal from ending it. Signals about failed writes are
+// ignored: the write itself reports the failure.
 void catchInterrupts();
 
 // Waits until the descriptor has something to read, or is at its end. Throws Interrupted when a
