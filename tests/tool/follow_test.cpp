@@ -9,8 +9,11 @@
 #include <random>
 #include <thread>
 
+#include "kit/other_process.h"
 #include "kit/random_seed.h"
+#include "kit/replaced_calls.h"
 #include "tool/tool_fixture.h"
+#include "tools/qvdb/follow.h"
 
 namespace qvdbase::test {
 namespace {
@@ -129,10 +132,11 @@ class ToolFollow : public ToolTest {
     return ids;
   }
 
-  // Waits until these are listed, or others. The end of the test's patience is that of CTest.
+  // Waits until these are listed, or others, or the tool has ended. The end of the test's patience
+  // is that of CTest.
   void expectListed(const std::vector<uint64_t>& ids) {
     const Words expected = idTexts(ids);
-    while (listed().size() < expected.size()) pause();
+    while (listed().size() < expected.size() && !hasEnded()) pause();
     EXPECT_EQ(listed(), expected);
   }
 
@@ -142,6 +146,23 @@ class ToolFollow : public ToolTest {
     std::string number, name, state;
     status >> number >> name >> state;
     return state == "Z";
+  }
+
+  // Waits until the tool has opened the file that replaced the first one, and a little longer: for
+  // its next look, or its end.
+  void letItLookAtTheNewFile() const {
+    while (!hasEnded() && !hasOpen(path())) pause();
+    for (int i = 0; i < 20 && !hasEnded(); ++i) pause();
+  }
+
+  // Not true of a file that had this name and was replaced.
+  bool hasOpen(const std::filesystem::path& file) const {
+    const auto descriptors = "/proc/" + std::to_string(tool_) + "/fd";
+    for (const auto& entry : std::filesystem::directory_iterator(descriptors)) {
+      std::error_code gone;
+      if (std::filesystem::read_symlink(entry.path(), gone) == file) return true;
+    }
+    return false;
   }
 
   static void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(5)); }
@@ -331,6 +352,99 @@ TEST_F(ToolFollow, FailsWhenTheTableIsNotInTheNewFile) {
   });
   EXPECT_EQ(outcome_.status, 1) << outcome_;
   expectOneLine(outcome_.err, {"notes", "table"});
+}
+
+// The new file is made under the name, as 'qvdb create' and 'qvdb add-table' do one after the
+// other.
+TEST_F(ToolFollow, WaitsForTheTableOfANewFile) {
+  makeDatabase(2);
+  follow({}, [&] {
+    expectListed({1, 2});
+    qvdb::Database::create(path("new"));
+    replaceBy("new");
+    letItLookAtTheNewFile();
+    auto database = qvdb::Database::open(
+        path(), {.mode = qvdb::Mode::exclusive, .wait = std::chrono::seconds(10)});
+    database.add_table("notes").add_with_id(qvdb::Id{8}, "x");
+    expectListed({1, 2, 8});
+  });
+  expectEndedByCtrlC();
+}
+
+// The directory of the new file can be read only after a while, as beside a writer that is stopped.
+TEST_F(ToolFollow, TakesTheTableOfANewFileAfterFailedLooks) {
+  makeDatabase(2);
+  const Bytes slotMark = {0x00};
+  follow({}, [&] {
+    expectListed({1, 2});
+    FileImage image;
+    image.addTable("notes", 0x11);
+    image.addRecord(0, 1, bytesOf("another record of that number"));
+    image.addRecord(0, 8, bytesOf("x"));
+    const Bytes whole = image.build();
+    writeFile(path("new"), whole.with(22, slotMark));
+    replaceBy("new");
+    letItLookAtTheNewFile();
+    std::fstream out(path(), std::ios::in | std::ios::out | std::ios::binary);
+    out.seekp(22);
+    out.put(static_cast<char>(whole[22]));
+    out.close();
+    expectListed({1, 2, 1, 8});
+  });
+  expectEndedByCtrlC();
+}
+
+// By a caller that blocks the signal until the tool runs. This process keeps it blocked.
+TEST_F(ToolFollow, EndsWithStatus0AlsoByASignalBeforeItBegins) {
+  makeDatabase(1);
+  sigset_t interrupt, before;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  ASSERT_EQ(::sigprocmask(SIG_BLOCK, &interrupt, &before), 0);
+  follow({}, [] {});
+  ASSERT_EQ(::sigprocmask(SIG_SETMASK, &before, nullptr), 0);
+  expectEndedByCtrlC();
+}
+
+// In this process: the directory is another one at each look of the first operation, as beside a
+// writer that never rests. Then it is sound and has one record more.
+TEST_F(ToolFollow, WaitsWhereEveryLookFindsSomethingElse) {
+  OtherProcess writer;
+  FileImage image;
+  image.addTable("notes", 0x11);
+  image.addRecord(0, 1, pattern(100'000));
+  image.addRecord(0, 2, bytesOf("x"));
+  static Bytes before, after;
+  before = image.build();
+  image.addRecord(0, 3, bytesOf("x"));
+  after = image.build();
+  writeFile(path(), before);
+  ASSERT_NE(writer.open(folder.wide(kDefaultFile), 4), 0);
+
+  static std::filesystem::path file;
+  static bool hasBegun;
+  static uint8_t mark;
+  file = path();
+  hasBegun = false;
+  mark = 0;
+  ReplacedCalls calls;
+  calls->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
+    hasBegun = hasBegun || position > 50'000;
+    return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+  };
+  // Whether the file was replaced is the first question of a look.
+  calls->statusAt = [](int directory, const char* name, struct stat* result, int flags) {
+    if (hasBegun && mark == 0) writeFile(file, before.with(22, Bytes{mark = 1}));
+    return platform::hostSystemCalls().statusAt(directory, name, result, flags);
+  };
+  calls->pause = [](uint64_t length) {
+    platform::hostSystemCalls().pause(length);
+    if (mark == 0) return;
+    writeFile(file, mark < 7 ? before.with(22, Bytes{++mark}) : after);
+  };
+  const qvdb::tool::Newest onlyNew = {0, std::nullopt};
+  EXPECT_EQ(qvdb::tool::followRecords({path().native(), "notes", onlyNew, 1, true}), 0);
+  EXPECT_EQ(mark, 7);
 }
 
 // Of a pipe whose reader has gone: nothing is added that could not be written.

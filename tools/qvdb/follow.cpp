@@ -46,6 +46,7 @@ class Follower {
     watch_.begin();
     database_ = Database::open(options_.file, {.wait = kLongestTurn});
     table_ = findTable(database_, options_.table);
+    hasTable_ = true;
     if (!options_.json) printHead("CAPACITY", false);
     feed_.begin(table_);
     bool goesOn = listPresent();
@@ -71,11 +72,12 @@ class Follower {
   bool look() {
     try {
       if (!database_.is_open() || !database_.is_current()) openReplacement();
-      const bool goesOn = !database_.is_open() || feed_.takeNew(table_, [&](const Record& record) {
+      if (database_.is_open() && !hasTable_) takeTable();
+      const bool goesOn = !hasTable_ || feed_.takeNew(table_, [&](const Record& record) {
         throwIfInterrupted();
         return show(record);
       });
-      failedLooks_ = 0;
+      if (hasTable_ || isMissing_) failedLooks_ = 0;
       return goesOn;
     } catch (const Error& error) {
       // A writer that is stopped in the middle of a change is waited for, however long it takes.
@@ -87,6 +89,7 @@ class Follower {
 
   // The name can be without a file for as long as it takes to make a new one.
   void openReplacement() {
+    hasTable_ = false;
     watch_.begin();
     try {
       database_.reopen();
@@ -97,13 +100,24 @@ class Follower {
       return;
     }
     isMissing_ = false;
-    const Table found = findTable(database_, options_.table);
+  }
+
+  // A file that is made again is without its table at first. Leaves `hasTable_` false then.
+  void takeTable() {
+    Table found;
+    try {
+      found = findTable(database_, options_.table);
+    } catch (const Failure&) {
+      if (++failedLooks_ == kMostLooks) throw;
+      return;
+    }
     if (found.id() == table_.id()) {
       feed_.fileWasReplaced();
     } else {
       feed_ = RecordFeed();
     }
     table_ = found;
+    hasTable_ = true;
   }
 
   bool show(const Record& record) {
@@ -120,6 +134,7 @@ class Follower {
   FileWatch watch_;
   Database database_;
   Table table_;
+  bool hasTable_ = false;  // whether table_ is of the file that is open
   RecordFeed feed_;
   uint64_t left_ = options_.limit.value_or(~uint64_t{0});
   int failedLooks_ = 0;

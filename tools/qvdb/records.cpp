@@ -197,10 +197,11 @@ list, not on how many records there are. Both list older records first.
 
 With --follow the command keeps running and lists the records that any process adds, without names.
 It continues with the new file when another process compacts or replaces the database, and waits for
-a file that was removed; a table of the same name with another identifier is listed from its
-beginning. Only additions are listed, not changes, and not deletions: 'qvdb tables' shows the number
-of records. A record that is deleted again before it could be listed is left
-out. With --json each record is an object on a line of its own. Ctrl-C ends it with status 0.
+a file that was removed; if the new file has no such table, for some seconds until it is added. A
+table of the same name with another identifier is listed from its beginning. Only additions are
+listed, not changes, and not deletions: 'qvdb tables' shows the number of records. A record that is
+deleted again before it could be listed is left out. With --json each record is an object on a line
+of its own. Ctrl-C ends it with status 0.
 
 With --deleted the last version of each deleted record is listed, with its position in the file.
 'qvdb undelete' brings one back; 'qvdb history' shows its earlier versions.
