@@ -11,6 +11,7 @@ using namespace qvdbase;
 namespace qvdb {
 
 // In the turn of the database, so that no change of it has begun that does not know of the reader.
+// Writers in other processes know of it for as long as they know of the database.
 Reader Database::reader() const {
   const detail::Operation operation(state_, "make a reader of the database");
   auto view = std::make_shared<detail::OpenDatabase>();
@@ -25,6 +26,10 @@ Reader Database::reader() const {
   }
   view->handle = handle;
   detail::announce(*view);
+  if (state_->isAnnounced) {
+    view->announcedAt = state_->announcedAt;
+    view->mayMissChanges = state_->mayMissChanges;
+  }
   return Reader(Database(std::move(view)));
 }
 

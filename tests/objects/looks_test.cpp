@@ -184,6 +184,22 @@ TEST_F(LooksTest, TheFirstLookBesideAWriterWaitsForWhatBeganBefore) {
   EXPECT_EQ(pauses.microseconds(), 0u);
 }
 
+// Those who write know of the database since then, and so of its readers.
+TEST_F(LooksTest, AReaderOfADatabaseThatHasWaitedDoesNotWaitAgain) {
+  const Pauses pauses;
+  {
+    const qvdb::Database database = openDatabase(Mode::read_only);
+    const qvdb::Reader reader = database.reader();
+    reader.table("t").count();
+    EXPECT_GE(pauses.microseconds(), 20'000u);
+  }
+  read();
+  const uint64_t before = pauses.microseconds();
+  const qvdb::Reader reader = database_->reader();
+  reader.table("t").count();
+  EXPECT_EQ(pauses.microseconds(), before);
+}
+
 TEST_F(LooksTest, WhereLocksDoNotWorkAReaderReadsOnWithoutThem) {
   RecordedCalls host;
   host.failFrom(Call::lock, 0, ENOLCK);
