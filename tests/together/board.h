@@ -13,6 +13,7 @@ namespace qvdbase::test {
 struct Board {
   std::atomic<bool> isOver;  // the writer has done its work
   std::atomic<uint32_t> looks;
+  std::atomic<uint64_t> deleted;  // a record that is not in the table any more; 0: none yet
 };
 
 class SharedBoard {

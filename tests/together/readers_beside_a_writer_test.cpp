@@ -7,7 +7,6 @@
 #include <qvdbase/qvdb.hpp>
 
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -27,6 +26,7 @@ using qvdb::Order;
 using qvdb::Reason;
 
 constexpr uint64_t kStaying = 60;
+constexpr uint64_t kNever = 999;
 constexpr uint32_t kLongest = 3000;
 
 void require(bool condition, const std::string& what) {
@@ -37,8 +37,8 @@ void require(bool condition, const std::string& what) {
 
 class Writer {
  public:
-  Writer(const std::filesystem::path& path, std::string table, uint64_t seed)
-      : path_(path), tableName_(std::move(table)), random_(seed) {
+  Writer(const std::filesystem::path& path, std::string table, uint64_t seed, Board& board)
+      : path_(path), tableName_(std::move(table)), random_(seed), board_(board) {
     database_ =
         qvdb::Database::open(path, {.mode = Mode::exclusive, .wait = std::chrono::seconds(60)});
     table_ = database_.table(tableName_);
@@ -95,6 +95,7 @@ class Writer {
     while (passing_.size() > 40) {
       const size_t at = random_() % 3 == 0 ? random_() % passing_.size() : passing_.size() - 1;
       require(table_.remove(Id{passing_[at]}), "lost");
+      board_.deleted = passing_[at];
       passing_.erase(passing_.begin() + static_cast<std::ptrdiff_t>(at));
     }
   }
@@ -112,6 +113,7 @@ class Writer {
   const std::filesystem::path path_;
   const std::string tableName_;
   std::mt19937_64 random_;
+  Board& board_;
   qvdb::Database database_;
   qvdb::Table table_;
   std::vector<uint64_t> passing_;
@@ -121,22 +123,24 @@ class Writer {
 
 // ---- the readers ----
 
-class Reader {
+class ReadingProcess {
  public:
-  Reader(const std::filesystem::path& path, const std::string& table, uint64_t seed)
+  ReadingProcess(const std::filesystem::path& path, const std::string& table, uint64_t seed,
+                 Board& board)
       : random_(seed),
+        board_(board),
         database_(qvdb::Database::open(path, {.wait = std::chrono::seconds(60)})),
         table_(database_.table(table)) {
     if (seed % 2 == 0) index_.emplace(table_.index());
   }
 
   // Until the writer has done its work, and a few rounds more.
-  void work(Board& board) {
+  void work() {
     for (int i = 0; i < 3; ++i) {
       do {
         look();
-        ++board.looks;
-      } while (!board.isOver);
+        ++board_.looks;
+      } while (!board_.isOver);
     }
   }
 
@@ -144,19 +148,33 @@ class Reader {
   void look() {
     if (random_() % 8 == 0 && !database_.is_current()) database_.reopen();
     if (random_() % 64 == 0) check();
-    switch (random_() % 6) {
+    if (random_() % 4 != 0) return lookAt(table_);
+    const qvdb::Reader reader = database_.reader();
+    const qvdb::Table table = reader.table(table_.name());
+    std::optional<qvdb::RecordIndex> index;
+    if (random_() % 2 == 0) index.emplace(table.index());
+    lookAt(table);
+    lookAt(table);
+  }
+
+  void lookAt(const qvdb::Table& table) {
+    switch (random_() % 8) {
       case 0:
-        return walk(Order::oldest_first);
+        return walk(table, Order::oldest_first);
       case 1:
-        return walk(Order::newest_first);
+        return walk(table, Order::newest_first);
       case 2:
-        return lookUp();
+        return walkAfter(table);
       case 3:
-        return readData();
+        return lookUp(table);
       case 4:
-        return readInfos();
+        return lookUpTheAbsent();
+      case 5:
+        return readData(table);
+      case 6:
+        return readInfos(table);
       default:
-        return readLater();
+        return readLater(table);
     }
   }
 
@@ -167,55 +185,96 @@ class Reader {
     require(report.state != qvdb::CheckState::damaged, "the check reports damage");
   }
 
-  void walk(Order order) {
-    std::set<uint64_t> seen;
-    for (const qvdb::Record& record :
-         table_.records({.order = order, .load = qvdb::Load::payloads})) {
+  // The numbers ascend from the oldest record to the newest. All staying ones from `first` on are
+  // among them.
+  static void walk(qvdb::RecordRange records, bool ascends, uint64_t first) {
+    uint64_t staying = 0;
+    uint64_t before = 0;
+    for (const qvdb::Record& record : records) {
       const uint64_t id = record.id().value;
-      require(seen.insert(id).second, "a record twice in a walk: " + std::to_string(id));
+      require(before == 0 || (before < id) == ascends,
+              "a walk delivers " + std::to_string(id) + " after " + std::to_string(before));
       require(isOnePayload(record.loaded(), id), "a walk delivers no payload of the record");
+      require(id >= first, "a walk delivers a record before its beginning");
+      before = id;
+      if (id <= kStaying) ++staying;
     }
-    for (uint64_t id = 1; id <= kStaying; ++id) {
-      require(seen.count(id) == 1, "a walk misses record " + std::to_string(id));
-    }
+    require(staying == kStaying + 1 - first, "a walk misses a record");
   }
 
-  void lookUp() {
+  static void walk(const qvdb::Table& table, Order order) {
+    walk(table.records({.order = order, .load = qvdb::Load::payloads}),
+         order == Order::oldest_first, 1);
+  }
+
+  // By identifier, or by a record that was found before.
+  void walkAfter(const qvdb::Table& table) {
+    const Id id{random_() % kStaying + 1};
+    const auto load = qvdb::Load::payloads;
+    if (random_() % 2 == 0) return walk(table.records_after(id, load), true, id.value + 1);
+    const auto record = table.find(id);
+    require(record.has_value(), "not found: " + to_string(id));
+    walk(table.records_after(*record, load), true, id.value + 1);
+  }
+
+  void lookUp(const qvdb::Table& table) {
     for (int i = 0; i < 10; ++i) {
       const Id id{random_() % kStaying + 1};
-      const auto payload = table_.get(id);
+      const auto payload = table.get(id);
       require(payload.has_value(), "not found: " + to_string(id));
       require(isOnePayload(*payload, id.value), "no payload of the record");
     }
-    require(!table_.contains(Id{999}), "found what was never there");
+    require(!table.contains(Id{kNever}), "found what was never there");
+    require(!table.get(Id{kNever}).has_value(), "a payload of what was never there");
   }
 
-  void readData() {
-    const auto data = table_.data();
-    require(!data || isOnePayload(*data, table_.id().value), "mixed table data");
+  // What was deleted before is gone from the file that has the name since.
+  void lookUpTheAbsent() {
+    const Id id{board_.deleted};
+    if (id.value == 0) return;
+    if (!database_.is_current()) database_.reopen();
+    require(!table_.contains(id), "found what was deleted before: " + to_string(id));
+    bool isMissing = false;
+    try {
+      for (const qvdb::Record& record : table_.records_after(id)) static_cast<void>(record);
+    } catch (const qvdb::Error& error) {
+      require(error.reason() == Reason::record_missing, error.what());
+      isMissing = true;
+    }
+    require(isMissing, "a walk begins after what was deleted before: " + to_string(id));
   }
 
-  void readInfos() {
+  void readData(const qvdb::Table& table) {
+    const auto data = table.data();
+    require(!data || isOnePayload(*data, table.id().value), "mixed table data");
+  }
+
+  void readInfos(const qvdb::Table& table) {
     require(database_.info().table_count == database_.info().table_count, "tables");
-    const qvdb::TableInfo info = table_.info();
+    const qvdb::TableInfo info = table.info();
     require(info.record_count >= kStaying, "too few records counted");
     require(info.record_write_count >= info.record_count, "more records than were written");
-    require(table_.first().has_value() && table_.last().has_value(), "no record at an end");
-    require(database_.tables().size() >= 29 || table_.name() == "first", "tables are missing");
+    require(table.first().has_value() && table.last().has_value(), "no record at an end");
+    require(table.first()->id().value == 1, "another first record");
+    require(database_.tables().size() >= 29 || table.name() == "first", "tables are missing");
   }
 
   // By the record that was found before: it may be gone by then.
-  void readLater() {
-    std::optional<qvdb::Record> last = table_.last();
+  void readLater(const qvdb::Table& table) {
+    std::optional<qvdb::Record> last = table.last();
     require(last.has_value(), "no last record");
     try {
       require(isOnePayload(last->payload(), last->id().value), "no payload of the last record");
+      for (const qvdb::Record& record : table.records_after(*last)) {
+        require(record.id().value > last->id().value, "what follows the last record is older");
+      }
     } catch (const qvdb::Error& error) {
       require(error.reason() == Reason::record_missing, error.what());
     }
   }
 
   std::mt19937_64 random_;
+  Board& board_;
   qvdb::Database database_;
   qvdb::Table table_;
   std::optional<qvdb::RecordIndex> index_;
@@ -230,13 +289,13 @@ TEST_P(TogetherTest, FourReadersSeeAPossibleHistory) {
   std::vector<ForkedLater> processes;
   for (uint64_t i = 0; i < 4; ++i) {
     processes.emplace_back([&, i] {
-      Reader(path(), table, seed + i).work(*board);
+      ReadingProcess(path(), table, seed + i, *board).work();
       return 0;
     });
   }
   processes.emplace_back([&] {
     const AtEnd end{*board};
-    Writer(path(), table, seed).work(testEverything() ? 200'000 : 5'000);
+    Writer(path(), table, seed, *board).work(testEverything() ? 200'000 : 5'000);
     return 0;
   });
   {
