@@ -42,8 +42,8 @@ void waitForEarlierChanges(OpenDatabase& database) {
   database.mayMissChanges = false;
 }
 
-// Waits for no turn of the file: see platform/handles/file_views.h.
 void beginViewLook(OpenDatabase& database) {
+  if (database.viewed == nullptr) return;
   platform::beginViewLook(database.handle);
   database.holdsViewLook = true;
 }
@@ -52,12 +52,21 @@ void endViewLook(OpenDatabase& database) {
   if (std::exchange(database.holdsViewLook, false)) platform::endViewLook(database.handle);
 }
 
+// The lock belongs to all of this process, whose writers it would not exclude: the look of a view
+// does, from before the lock is taken until it has been given up. It ends while another process is
+// waited for.
+LockOutcome takeLook(OpenDatabase& database) {
+  beginViewLook(database);
+  const LockOutcome outcome = platform::takeLook(database.handle);
+  if (outcome == LockOutcome::refused) endViewLook(database);
+  return outcome;
+}
+
 void beginBesideProcesses(const Operation& operation) {
   OpenDatabase& database = operation.database();
   waitForEarlierChanges(database);
   platform::renewAnnouncement(database.handle);
-  const LockOutcome outcome =
-      whileRefused(database.turnWait(), [&] { return platform::takeLook(database.handle); });
+  const LockOutcome outcome = whileRefused(database.turnWait(), [&] { return takeLook(database); });
   if (outcome == LockOutcome::refused) {
     operation.fail(Reason::in_use, "another process is in the middle of a change of it");
   }
@@ -65,27 +74,20 @@ void beginBesideProcesses(const Operation& operation) {
 }
 
 // A database that is open exclusively is changed in this process only. That it is so ends with a
-// change, as which closing it counts. Where others may write, the lock of a look belongs to all of
-// this process, whose writers it would not exclude: these the turn of the file does.
+// change, as which closing it counts, and for ever.
 void begin(const Operation& operation) {
   OpenDatabase& database = operation.database();
-  if (database.viewed == nullptr) return beginBesideProcesses(operation);
-  beginViewLook(database);
-  if (database.isViewOfExclusive()) return;
-  endViewLook(database);
-  database.turnOfViewed.emplace(platform::turnOfViewed(database.handle));
-  try {
-    beginBesideProcesses(operation);
-  } catch (...) {
-    database.turnOfViewed.reset();
-    throw;
+  if (database.isViewOfExclusive()) {
+    beginViewLook(database);
+    if (database.isViewOfExclusive()) return;
+    endViewLook(database);
   }
+  beginBesideProcesses(operation);
 }
 
 void end(OpenDatabase& database) {
-  endViewLook(database);
   if (std::exchange(database.holdsLook, false)) platform::releaseLook(database.handle);
-  database.turnOfViewed.reset();
+  endViewLook(database);
 }
 
 // Header and directory as they are now.

@@ -57,7 +57,6 @@ struct OpenDatabase {
   std::shared_ptr<const OpenDatabase> viewed;
   uint32_t viewedOpening = 0;
   bool holdsViewLook = false;
-  std::optional<qvdbase::platform::Turn> turnOfViewed;
   // Counts the operations of this layer that can have changed the chains. A walk that finds it
   // raised forgets what it has read ahead.
   Published<uint64_t> changes;

@@ -69,31 +69,42 @@ LockOutcome takeChangeThroughGate(const OpenDatabase& database) {
 
 }  // namespace
 
+// One within another one adds nothing.
 ChangeTurn::ChangeTurn(const Operation& operation) : database_(operation.database()) {
+  if (database_.changing == 0) begin(operation);
+  ++database_.changing;
+}
+
+ChangeTurn::~ChangeTurn() {
+  if (--database_.changing == 0) end();
+}
+
+void ChangeTurn::begin(const Operation& operation) {
   const int16_t db = database_.handle;
   if (isSharedWriter(db) && database_.bulk == nullptr) {
     takeTurn(operation);
     hasTurn_ = true;
   }
+  platform::beginChange(db);
   if (platform::isLockByteHeld(db, LockByte::reader)) keepReadersOut(operation);
-  if (database_.changing++ == 0) platform::beginChange(db);
 }
 
-// The destructor does not run when the constructor throws.
 void ChangeTurn::keepReadersOut(const Operation& operation) {
   LockOutcome outcome = takeChange(database_.handle);
   if (outcome == LockOutcome::refused) outcome = takeChangeThroughGate(database_);
   holdsOff_ = outcome == LockOutcome::taken;
   if (outcome != LockOutcome::refused) return;
-  if (hasTurn_) platform::releaseWritersTurn(database_.handle, &database_);
+  end();
   operation.fail(Reason::in_use, "a reader in another process does not finish");
 }
 
-ChangeTurn::~ChangeTurn() {
-  if (--database_.changing == 0) platform::endChange(database_.handle);
+// The lock belongs to all of this process, so its own readers begin to look when it has been given
+// up: they would make it theirs.
+void ChangeTurn::end() {
   if (holdsOff_) {
     platform::releaseLockByte(database_.handle, LockByte::change, Sharing::exclusive);
   }
+  platform::endChange(database_.handle);
   if (hasTurn_) platform::releaseWritersTurn(database_.handle, &database_);
 }
 

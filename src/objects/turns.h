@@ -25,7 +25,9 @@ class ChangeTurn {
   ChangeTurn& operator=(const ChangeTurn&) = delete;
 
  private:
+  void begin(const Operation& operation);
   void keepReadersOut(const Operation& operation);
+  void end();
 
   OpenDatabase& database_;
   bool hasTurn_ = false;   // of shared writers

@@ -12,6 +12,7 @@
 #include "kit/pauses.h"
 #include "kit/recorded_calls.h"
 #include "objects/layer_fixture.h"
+#include "platform/handles/open_files.h"
 
 namespace qvdbase::test {
 namespace {
@@ -147,6 +148,42 @@ TEST_F(LooksTest, EveryReadIsWithinALook) {
       other_.releaseByte(there_, LockByte::change, Sharing::exclusive);
     }
   }
+}
+
+// The lock of a look belongs to the process and keeps no writer of it out: what does so begins
+// before that lock is asked for, and ends after it has been given up.
+TEST_F(LooksTest, AReaderInAThreadExcludesWritersOfItsProcessDuringEachOfItsCalls) {
+  for (const Mode mode : {Mode::read_only, Mode::shared}) {
+    read(mode);
+    const qvdb::Reader reader = database_->reader();
+    const auto* entry = platform::findOpenFile(database_->handle())->entry;
+    int locks = 0;
+    {
+      RecordedCalls host;
+      host.observe([&](Call call) {
+        if (call != Call::lock && call != Call::findLock && call != Call::read) return;
+        if (call == Call::lock) ++locks;
+        EXPECT_EQ(entry->viewLooks, 1u);
+      });
+      EXPECT_EQ(reader.table("t").get(ids_[4]).has_value(), true);
+    }
+    EXPECT_EQ(locks, 4);  // two looks
+    EXPECT_EQ(entry->viewLooks, 0u);
+  }
+}
+
+TEST_F(LooksTest, AReaderInAThreadLetsWritersOfItsProcessThroughWhileItWaits) {
+  read(Mode::shared);
+  const qvdb::Reader reader = database_->reader();
+  qvdb::Table read = reader.table("t");
+  const auto* entry = platform::findOpenFile(database_->handle())->entry;
+  ASSERT_EQ(other_.takeByte(there_, LockByte::change, Sharing::exclusive), kTaken);
+  const Pauses pauses([&] {
+    EXPECT_EQ(entry->viewLooks, 0u);
+    other_.releaseByte(there_, LockByte::change, Sharing::exclusive);
+  });
+  EXPECT_EQ(read.count(), 9u);
+  EXPECT_GT(pauses.microseconds(), 0u);
 }
 
 TEST_F(LooksTest, AReaderWaitsForAChangeToEnd) {

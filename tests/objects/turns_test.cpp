@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <qvdbase/qvdb.hpp>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "kit/pauses.h"
 #include "kit/recorded_calls.h"
 #include "objects/layer_fixture.h"
+#include "platform/handles/open_files.h"
 
 namespace qvdbase::test {
 namespace {
@@ -196,6 +198,43 @@ TEST_F(TurnsTest, AWriterKeepsAnnouncedReadersOutWhileItWrites) {
     EXPECT_EQ(takeThere(LockByte::change, Sharing::shared), kTaken);
     releaseThere(LockByte::change, Sharing::shared);
   }
+}
+
+// A reader in a thread of this process that took the lock of a look meanwhile would make that of
+// the change one of its own.
+TEST_F(TurnsTest, AWriterKeepsReadersInThreadsOutForAsLongAsItKeepsThoseInProcessesOut) {
+  open(Mode::shared);
+  const qvdb::Reader reader = database_->reader();
+  const auto* entry = platform::findOpenFile(database_->handle())->entry;
+  ASSERT_EQ(other_.announce(there_), 1);
+  for (const auto& change : changes()) {
+    std::vector<bool> isExcluding;
+    {
+      RecordedCalls host;
+      host.observe([&](Call call) {
+        if (call == Call::lock || call == Call::findLock || call == Call::write) {
+          isExcluding.push_back(entry->viewLooks != 0);
+        }
+      });
+      change();
+    }
+    EXPECT_GE(isExcluding.size(), 6u);
+    EXPECT_FALSE(isExcluding.front());  // the turn of writers is taken before,
+    EXPECT_FALSE(isExcluding.back());   // and given up after it
+    EXPECT_EQ(std::count(isExcluding.begin(), isExcluding.end(), false), 2);
+  }
+  EXPECT_EQ(entry->viewLooks, 0u);
+}
+
+TEST_F(TurnsTest, AWriterThatGivesUpLetsReadersInThreadsIn) {
+  open(Mode::shared);
+  const qvdb::Reader reader = database_->reader();
+  ASSERT_EQ(other_.announce(there_), 1);
+  ASSERT_EQ(takeThere(LockByte::change, Sharing::shared), kTaken);
+  const Pauses pauses;
+  expectError(Reason::in_use, [&] { table_->add("x"); });
+  EXPECT_TRUE(isTurnFree());
+  EXPECT_EQ(reader.table("t").count(), 1u);
 }
 
 TEST_F(TurnsTest, AWriterWaitsForAReaderWhoLooksAndClosesTheGateMeanwhile) {

@@ -89,6 +89,39 @@ TEST_F(LockBytesTest, NoLookBeginsWhileAWriterWaitsAtTheGate) {
   platform::releaseLook(here_);
 }
 
+// As the looks of threads can be: one begins before the other ends, without an end.
+TEST_F(LockBytesTest, LooksThatOverlapNoticeAWriterWhoWaitsAtTheGate) {
+  openBoth(1);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::taken);
+  EXPECT_EQ(takeThere(LockByte::gate, Sharing::exclusive), kTaken);
+  int joined = 0;
+  while (joined < 1000 && platform::takeLook(here_) == LockOutcome::taken) {
+    platform::releaseLook(here_);
+    ++joined;
+  }
+  EXPECT_LT(joined, 1000);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::refused);  // nor does the next
+  EXPECT_EQ(takeThere(LockByte::change, Sharing::exclusive), kRefused);
+  platform::releaseLook(here_);
+  EXPECT_EQ(takeThere(LockByte::change, Sharing::exclusive), kTaken);
+  other_.releaseByte(there_, LockByte::change, Sharing::exclusive);
+  other_.releaseByte(there_, LockByte::gate, Sharing::exclusive);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::taken);
+  platform::releaseLook(here_);
+}
+
+TEST_F(LockBytesTest, LooksThatOverlapContinueWhereNoWriterWaits) {
+  openBoth(1);
+  EXPECT_EQ(platform::takeLook(here_), LockOutcome::taken);
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(platform::takeLook(here_), LockOutcome::taken);
+    platform::releaseLook(here_);
+  }
+  EXPECT_EQ(takeThere(LockByte::change, Sharing::exclusive), kRefused);
+  platform::releaseLook(here_);
+  EXPECT_EQ(takeThere(LockByte::change, Sharing::exclusive), kTaken);
+}
+
 TEST_F(LockBytesTest, AreIndependentOfOneAnother) {
   openBoth();
   EXPECT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);

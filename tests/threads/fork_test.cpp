@@ -8,6 +8,7 @@
 
 #include "kit/database_fixture.h"
 #include "kit/forked.h"
+#include "kit/recorded_calls.h"
 #include "kit/sanitized.h"
 #include "kit/threads.h"
 #include "platform/handles/file_views.h"
@@ -82,6 +83,31 @@ TEST_F(ForkBesideThreads, LeavesTheChildNoLookAndNoChange) {
   platform::beginViewLook(view);
   EXPECT_EQ(inChild(platform::beginChange, db), 0);
   platform::endViewLook(view);
+  EXPECT_TRUE(platform::closeFile(view));
+}
+
+// A description that a child shares is replaced by one with a lock of this process alone. A look
+// has its lock on that description, too.
+TEST_F(ForkBesideThreads, WaitsForLooksBeforeADescriptionIsReplaced) {
+  if (!platform::locksPassToChildren()) GTEST_SKIP() << "no description is ever replaced";
+  close(create());
+  const int16_t db = open(kDefaultFile, 4);
+  int16_t view = 0;
+  ASSERT_TRUE(platform::openView(db, &view));
+  ASSERT_EQ(inForkedChild([] { return 0; }), 0);
+  const auto* entry = platform::findOpenFile(db)->entry;
+  int replaced = 0;
+  {
+    RecordedCalls host;
+    host.observe([&](Call call) {
+      if (call != Call::replaceDescriptor) return;
+      ++replaced;
+      EXPECT_NE(entry->viewLooks, 0u);
+    });
+    close(open(kDefaultFile, 3));
+  }
+  EXPECT_EQ(replaced, 1);
+  EXPECT_EQ(entry->viewLooks, 0u);
   EXPECT_TRUE(platform::closeFile(view));
 }
 

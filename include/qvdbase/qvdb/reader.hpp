@@ -23,8 +23,8 @@ namespace qvdb {
 // database that is open with Mode::read_only reads in another process: each operation sees all of a
 // change or nothing of it, and what was finished before it began it sees. Changes by the C
 // functions in this process are not excluded. Operations that write throw read_only. Where other
-// processes may write, because the database is not open exclusively, operations of its readers take
-// turns with the others, too; only the steps of a walk in what it has read ahead do not.
+// processes may write, because the database is not open exclusively, operations also wait for their
+// changes, as those of the Database do.
 //
 // The file stays open as long as a reader of it exists. After Database::close() a reader continues;
 // after Database::reopen() it continues in the file that was open before. It takes one of the

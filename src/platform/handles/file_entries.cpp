@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <new>
 
+#include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
 #include "platform/host/memory.h"
 #include "platform/host/system_calls.h"
@@ -181,10 +182,13 @@ bool reopenWithLock(const Directory& directory, const EntryName& name, const Fil
   return replaced;
 }
 
+// Looks through views may have a lock on the description that is replaced.
 bool takeLockOfItsOwn(const Directory& directory, const EntryName& name, FileEntry* entry) {
   const Sharing needed = strongestNeed(*entry);
+  beginChange(entry);
   const bool taken = locksPassToChildren() ? reopenWithLock(directory, name, *entry)
                                            : setFileLock(entry->readWrite, needed);
+  endChange(entry);
   if (!taken) return false;
   entry->lock = needed;
   entry->locker = ProcessMark();
@@ -246,7 +250,9 @@ FileEntry* tryToJoin(const Directory& directory, const EntryName& name, Sharing 
 #if !defined(QVDBASE_NO_THREADS)
 // The threads that looked through views, or made a change meanwhile, are not in the child.
 void endLooksInChild() {
-  for (FileEntry* entry = firstEntry; entry != nullptr; entry = entry->next) entry->viewLooks = 0;
+  for (FileEntry* entry = firstEntry; entry != nullptr; entry = entry->next) {
+    entry->viewLooks = entry->lockBytes.looks = 0;
+  }
 }
 
 [[maybe_unused]] const int areEndedInChild = ::pthread_atfork(nullptr, nullptr, endLooksInChild);

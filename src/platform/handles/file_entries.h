@@ -7,7 +7,8 @@
 //     descriptor may be closed before the last opener leaves.
 // An entry exists exactly as long as it has an opener. It is looked up, made and dropped under the
 // lock of the handles; everything in it is read and changed under its turn, which is the turn of
-// the file's calls too.
+// the file's calls too. Views have entries of their own and look without that turn: what they use
+// of the file's entry meanwhile is atomic.
 //
 // After a fork both processes have the entry. Where locks belong to open file descriptions they
 // then hold one lock together, which either could weaken or strengthen for the other; where locks
@@ -46,7 +47,8 @@ struct LockBytesHeld {
   uint32_t announced;     // openers that have announced themselves as readers
   int announcedOn;        // the descriptor of their lock
   ProcessMark announcer;  // who took it
-  uint32_t looks;         // of readers, that have begun
+  uint32_t looks;         // of any reader here, that last; atomic, see look_count.h
+  int lookedOn;           // the descriptor of their lock
   const void* turnOwner;  // the writer here that has the turn of shared writers, or null
 };
 
@@ -62,8 +64,8 @@ struct FileEntry {
   Sharing lock;        // the lock that is held
   ProcessMark locker;  // who opened readWrite, to which the lock belongs
   LockBytesHeld lockBytes;
-  uint32_t views;      // of it; see file_views.h
-  uint32_t viewLooks;  // through them, and whether a change excludes these; atomic
+  uint32_t views;      // through which threads read it; see file_views.h
+  uint32_t viewLooks;  // looks through them that last, and whether a change excludes them; atomic
   FileEntry* source;   // of a view: the entry of the file; then it is not in the list
   uint64_t writes;     // that this process has made to it, and cuts
   Mirror* mirror;      // what is remembered of it, or null; see transfer/mirror.h

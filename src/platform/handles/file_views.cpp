@@ -52,8 +52,7 @@ bool openView(int16_t file, int16_t* view) {
   return false;
 }
 
-void beginChange(int16_t file) {
-  FileEntry* entry = entryOf(file);
+void beginChange(FileEntry* entry) {
   if (entry == nullptr || entry->views == 0) return;
   const std::atomic_ref looks = looksAt(*entry);
   uint32_t found = looks.fetch_or(kChange) | kChange;
@@ -63,11 +62,18 @@ void beginChange(int16_t file) {
   }
 }
 
-void endChange(int16_t file) {
-  FileEntry* entry = entryOf(file);
+void endChange(FileEntry* entry) {
   if (entry == nullptr || entry->views == 0) return;
   looksAt(*entry).fetch_and(~kChange);
   looksAt(*entry).notify_all();
+}
+
+void beginChange(int16_t file) {
+  beginChange(entryOf(file));
+}
+
+void endChange(int16_t file) {
+  endChange(entryOf(file));
 }
 
 void beginViewLook(int16_t view) {
@@ -90,10 +96,6 @@ void endViewLook(int16_t view) {
 
 void forgetLooks(int16_t file) {
   if (FileEntry* entry = entryOf(file)) looksAt(*entry).store(0);
-}
-
-FileTurn& turnOfViewed(int16_t view) {
-  return *entryOf(view)->source->turn;
 }
 
 }  // namespace qvdbase::platform

@@ -6,15 +6,15 @@
 //
 // Bytes that are read beside a write can be new and old ones mixed. So changes of the file and
 // looks through its views exclude each other: any number of looks, or one change, for which new
-// looks wait. Who changes has the turn of the file. Within a look no turn of the file is waited
-// for: who changes waits for the looks with that turn.
+// looks wait. Whoever changes the file has its turn. Within a look no turn of the file is waited
+// for, and no other process: the change waits for the looks with that turn.
 #pragma once
 
 #include <cstdint>
 
-#include "platform/handles/turns.h"
-
 namespace qvdbase::platform {
+
+struct FileEntry;
 
 // Makes a view of an open file, at position 0; closeFile() ends it. False when no number is free,
 // memory is short, or the number is not that of an open file.
@@ -23,6 +23,8 @@ bool openView(int16_t file, int16_t* view);
 // Excludes looks, after those that have begun have come to their end. Not one inside the other.
 void beginChange(int16_t file);
 void endChange(int16_t file);
+void beginChange(FileEntry* entry);
+void endChange(FileEntry* entry);
 
 // Excludes changes. The number is that of a view.
 void beginViewLook(int16_t view);
@@ -30,8 +32,5 @@ void endViewLook(int16_t view);
 
 // In a child made by fork: the looks of the parent's threads that were copied do not end here.
 void forgetLooks(int16_t file);
-
-// The turn of the file that it is a view of.
-FileTurn& turnOfViewed(int16_t view);
 
 }  // namespace qvdbase::platform

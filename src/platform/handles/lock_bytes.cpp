@@ -3,6 +3,7 @@
 
 #include <optional>
 
+#include "platform/handles/look_count.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/system_calls.h"
 
@@ -55,6 +56,17 @@ class LockedEntry {
   FileEntry* entry_ = nullptr;
 };
 
+LockBytesHeld& lockBytesOf(FileEntry& entry) {
+  return (entry.source != nullptr ? entry.source : &entry)->lockBytes;
+}
+
+// Where the host does not answer this question, the lock itself decides.
+bool isGateClosed(int descriptor) {
+  struct flock gate = lockOf(LockByte::gate, F_RDLCK);
+  return uninterrupted([&] { return systemCalls().findLock(descriptor, &gate); }) == 0 &&
+         gate.l_type != F_UNLCK;
+}
+
 // Whether another opener holds a lock that conflicts with this one.
 bool isHeld(const FileEntry& entry, struct flock lock) {
   const int descriptor = descriptorOf(entry);
@@ -81,29 +93,31 @@ bool isLockByteHeld(int16_t file, LockByte byte) {
   return entry && isHeld(*entry, lockOf(byte, F_WRLCK));
 }
 
-// Where the host does not answer the question about the gate, the lock itself decides.
 LockOutcome takeLook(int16_t file) {
-  const LockedEntry entry(file);
-  if (!entry) return LockOutcome::impossible;
-  uint32_t& looks = entry->lockBytes.looks;
-  if (looks == 0) {
-    struct flock gate = lockOf(LockByte::gate, F_RDLCK);
-    const int descriptor = descriptorFor(*entry, Sharing::shared);
-    const bool isKnown =
-        uninterrupted([&] { return systemCalls().findLock(descriptor, &gate); }) == 0;
-    if (isKnown && gate.l_type != F_UNLCK) return LockOutcome::refused;
-    const LockOutcome outcome = setLock(descriptor, LockByte::change, F_RDLCK);
-    if (outcome != LockOutcome::taken) return outcome;
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return LockOutcome::impossible;
+  LockBytesHeld& held = lockBytesOf(*openFile->entry);
+  LookCount looks(held.looks);
+  if (looks.join()) return LockOutcome::taken;
+  if (looks.lasting() == 0) held.lookedOn = descriptorFor(*openFile->entry, Sharing::shared);
+  LockOutcome outcome = LockOutcome::taken;
+  if (isGateClosed(held.lookedOn)) {
+    outcome = LockOutcome::refused;
+  } else if (looks.lasting() == 0) {
+    outcome = setLock(held.lookedOn, LockByte::change, F_RDLCK);
   }
-  ++looks;
-  return LockOutcome::taken;
+  looks.settle(outcome == LockOutcome::taken);
+  return outcome;
 }
 
 void releaseLook(int16_t file) {
-  const LockedEntry entry(file);
-  if (!entry || entry->lockBytes.looks == 0) return;
-  if (--entry->lockBytes.looks > 0) return;
-  releaseLockByte(file, LockByte::change, Sharing::shared);
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return;
+  LockBytesHeld& held = lockBytesOf(*openFile->entry);
+  LookCount looks(held.looks);
+  if (looks.leave()) return;
+  setLock(held.lookedOn, LockByte::change, F_UNLCK);
+  looks.empty();
 }
 
 bool announceReader(int16_t file) {

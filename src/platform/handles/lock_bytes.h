@@ -2,8 +2,9 @@
 // the C++ layer lock them, each for a purpose of its own, to take turns with one another. The lock
 // of a file as a whole ends before them, whoever takes it.
 //
-// No call here waits. A lock belongs to the entry of the file: within this process the turn of the
-// entry excludes threads from one another, not these bytes.
+// No call here waits for another process. A lock belongs to the entry of the file: within this
+// process the turn of the entry excludes threads from one another, and changes exclude looks
+// through views (see file_views.h), not these bytes.
 #pragma once
 
 #include <fcntl.h>
@@ -41,7 +42,9 @@ void releaseLockByte(int16_t file, LockByte byte, Sharing strength);
 bool isLockByteHeld(int16_t file, LockByte byte);
 
 // Locks `change` for a look of a reader, unless a writer waits at the gate. Looks of one process
-// are counted, and the last one that ends gives the lock up.
+// are counted, and the last one that ends gives the lock up. The caller has the turn of this
+// number; through a view that is not the turn of the file, but it excludes changes (beginViewLook)
+// from before the look until after it.
 LockOutcome takeLook(int16_t file);
 void releaseLook(int16_t file);
 
