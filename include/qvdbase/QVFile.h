@@ -91,9 +91,8 @@ class QVDBASE_API QVFile {
 
   // Opens an existing file and stores its handle; the position is 0.
   //
-  // permission  what to do with the file, and which other openers are allowed. Its low 8 bits
-  // count,
-  //             as a signed value.
+  // permission  what to do with the file, and which other openers are allowed; its low 8 bits as
+  //             a signed value
   //             0     the most that can be obtained: as 4, or else as 1
   //             1     read; it excludes no other opener, and none excludes it
   //             2, 3  read and write, and exclude every other writer

@@ -11,9 +11,8 @@
 // What it can do to the calls of each kind:
 //
 //   failOnce, failFrom    the next call, or all calls from it on, fail without effect
-//   cutOnce               a read or write moves only a part of its bytes and says so, which is
-//   legal:
-//                         the library has to ask for the rest
+//   cutOnce               a read or write moves only a part of its bytes and says so, which it
+//                         may: the library has to ask for the rest
 //   cutFrom               the same, and from then on every such call fails: a disk that is full
 //   fullAfter             the host takes so many more bytes, from whatever writes, and no more
 //   observe               the test's own function runs before each call

@@ -21,9 +21,7 @@
 //      outside. Either way bytes, position and the counts of the call are in the end what they are
 //      when each transfer is a system call; identifiers may have been drawn for what
 //      was then not written.
-//   5. Reading ahead never makes a read fail: where a window does not get the wanted bytes, they
-//   are
-//      asked for alone.
+//   5. Reading ahead never makes a read fail: bytes that a window does not get are asked for alone.
 #pragma once
 
 #include <cstdint>
