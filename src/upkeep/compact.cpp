@@ -17,7 +17,6 @@
 #include "platform/host/cancellation.h"
 #include "products/target_file.h"
 #include "recovery/survey/open_file.h"
-#include "recovery/survey/packed_data.h"
 #include "upkeep/live_copy.h"
 #include "upkeep/progress.h"
 #include "upkeep/table_changes.h"
@@ -77,11 +76,11 @@ class Compaction {
   CompactReport run(std::optional<TargetFile>& target) {
     OpenedFile file(resolved_, kOperation);
     file.watch();
-    const Survey all = makeSurvey(file.source());
-    survey(file, all);
-    judge(file, all);
+    survey_ = makeSurvey(file.source());
+    takeWhatIsLive(file);
+    judge(file);
     changeTables(options_, source_, kOperation, &database_);
-    const LiveLayout layout = layOut(file.source(), database_);
+    const LiveLayout layout = layOut(database_);
     if (target) {
       write(file.source(), layout, *target);
       compare(file, layout, target->file());
@@ -100,38 +99,26 @@ class Compaction {
     throwError(source_, kOperation, Reason::in_use, "it was changed meanwhile");
   }
 
-  void survey(const OpenedFile& file, const Survey& all) {
+  void takeWhatIsLive(const OpenedFile& file) {
     Stage stage(reporter_, source_, 0, 20, countedRecords());
-    LiveReader reader(file.source());
-    for (const Table& table : all.tables) {
-      const uint32_t data = packedData(all, table);
-      if (data != kNoBlock) {
-        reader.setDataPosition(table.slot, all.blocks[data].position);
-      }
-    }
-    if (reader.read(&database_, [&] { stage.step(); })) return;
+    const auto damage = takeLive(
+        file.source(), [&] { stage.step(); }, &database_);
+    if (!damage) return;
     refuseIfChanged(file);
     ErrorDetails known;
-    if (reader.damage() == LiveDamage::chain && reader.recordNumber() != 0) {
-      known.record_number = reader.recordNumber();
-    }
-    throwError(source_, kOperation, reasonOf(reader.damage()), reader.why(), std::move(known));
+    known.record_number = damage->record;
+    throwError(source_, kOperation, damage->reason, damage->why, std::move(known));
   }
 
   // The chains are whole. Refuses when records or data outside them would be lost.
-  void judge(const OpenedFile& file, const Survey& all) {
-    verdict_ = judgeCopy(file.source(), all);
+  void judge(const OpenedFile& file) {
+    verdict_ = judgeCopy(file.source(), survey_);
     if (verdict_.isClean() || options_.force) return;
     refuseIfChanged(file);
     throwError(source_, kOperation, Reason::damaged, verdict_.why());
   }
 
-  static Reason reasonOf(LiveDamage damage) {
-    if (damage == LiveDamage::chain) return Reason::chain_damaged;
-    return damage == LiveDamage::data ? Reason::data_damaged : Reason::directory_damaged;
-  }
-
-  // Only for the progress of the survey: which of them are there is not known yet.
+  // Only for the progress: which of them are there is not known yet.
   uint64_t countedRecords() const {
     uint64_t count = 0;
     for (const tablePart1& slot :
@@ -168,7 +155,7 @@ class Compaction {
     report.tables = database_.tables.size();
     report.records = database_.recordCount();
     for (const LiveTable& table : database_.tables) {
-      if (table.slot.firstDataPos != 0) ++report.data_blocks;
+      if (table.data != kNoBlock) ++report.data_blocks;
     }
     report.records_lost = verdict_.records;
     report.torn_blocks = verdict_.tornBlocks;
@@ -179,7 +166,8 @@ class Compaction {
   const fs::path resolved_;
   const CompactOptions& options_;
   Reporter reporter_;
-  LiveDatabase database_;
+  Survey survey_;
+  LiveDatabase database_{survey_};
   Verdict verdict_;
 };
 

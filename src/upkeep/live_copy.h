@@ -18,7 +18,7 @@ struct LiveLayout {
   std::vector<copy::TablePlace> tables;
 };
 
-LiveLayout layOut(const survey::ByteSource& source, const LiveDatabase& database);
+LiveLayout layOut(const LiveDatabase& database);
 
 // Writes the new file. The header comes last, so that a file that is not finished is no database.
 // `step` is called for each record and may throw. False when the source cannot be read; throws
@@ -27,8 +27,8 @@ bool copyLive(const survey::ByteSource& source, const LiveDatabase& database,
               const LiveLayout& layout, products::TargetFile& target,
               const std::function<void()>& step);
 
-// Reads the new file back: it must be a sound database, and hold byte for byte what the source
-// gives now. False when anything differs or cannot be read.
+// Reads the new file back: it must hold byte for byte what the source gives now. False when
+// anything differs or cannot be read.
 bool isLiveCopy(const survey::ByteSource& copy, const survey::ByteSource& source,
                 const LiveDatabase& database, const LiveLayout& layout,
                 const std::function<void()>& step);

@@ -57,9 +57,7 @@ class Changes {
 
   // The counts of what was ever written stay, as they do when records are deleted one by one.
   static void clear(LiveTable* table) {
-    table->records.clear();
-    table->blockBytes = table->bytesBeforeLast = 0;
-    table->bytesBeforeLastWritten = -1;
+    table->records = {};
     table->slot.recordCount = 0;
     table->slot.firstRecordPos = table->slot.lastRecordPos = 0;
     table->slot.lastWrittenRecordPos = 0;

@@ -33,8 +33,7 @@ Copied copiedBlocks(const Survey& survey) {
     const std::vector<uint32_t>& walk = table.forward.blocks;
     const auto count = std::min<size_t>(walk.size(), slot.fields.recordCount);
     std::for_each(walk.begin(), walk.begin() + static_cast<std::ptrdiff_t>(count), take);
-    const bool isInPlace = table.dataState == DataState::sound;
-    const uint32_t data = isInPlace ? table.dataBlock : packedData(survey, table);
+    const uint32_t data = dataOf(survey, table);
     if (data != kNoBlock) take(data);
   }
   return copied;

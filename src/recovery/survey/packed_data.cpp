@@ -34,4 +34,8 @@ uint32_t packedData(const Survey& survey, const Table& table) {
   return isWhole && data.end == slot.firstRecordPos ? found : kNoBlock;
 }
 
+uint32_t dataOf(const Survey& survey, const Table& table) {
+  return table.dataState == DataState::sound ? table.dataBlock : packedData(survey, table);
+}
+
 }  // namespace qvdbase::survey

@@ -13,4 +13,8 @@ namespace qvdbase::survey {
 // such block, or not just one.
 uint32_t packedData(const Survey& survey, const Table& table);
 
+// The number of the block with the table's data, whether its slot leads there or a pack has moved
+// it; kNoBlock when there is none.
+uint32_t dataOf(const Survey& survey, const Table& table);
+
 }  // namespace qvdbase::survey
