@@ -270,6 +270,7 @@ TEST_F(ThreadsOnDatabase, WaitForABatchOfAnotherOpener) {
     EXPECT_NO_THROW(own.add("after it"));
   });
   waiting.wait();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // much longer than adding takes
   EXPECT_EQ(bulk.finish(), 1u);
   adding.join();
   EXPECT_EQ(database.table("t").count(), kLasting + 2);

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <optional>
 #include <semaphore>
 #include <thread>
@@ -51,6 +52,9 @@ uint16_t goOn(int, int, void*) {
 
 class Turns : public DatabaseTest {
  protected:
+  // Much longer than a call takes that waits for nothing.
+  static constexpr std::chrono::milliseconds kTimeForACall{20};
+
   const QVWCHAR* source = wide("source.qvd");
   const QVWCHAR* target = wide("target.qvd");
 };
@@ -103,7 +107,7 @@ TEST_F(Turns, OfOneDatabaseAreTakenOneAfterTheOther) {
   std::thread slow(add, true);
   meeting.arrived.acquire();
   std::thread next(add, false);
-  std::this_thread::yield();
+  std::this_thread::sleep_for(kTimeForACall);
   meeting.mayGoOn.release();
   slow.join();
   next.join();
