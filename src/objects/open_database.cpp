@@ -14,6 +14,7 @@
 #include "objects/bulk.h"
 #include "objects/looks.h"
 #include "platform/handles/file_views.h"
+#include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
 #include "platform/transfer/transfer.h"
@@ -43,6 +44,7 @@ int OpenDatabase::close() noexcept {
   // From then on looks through readers exclude other processes by themselves.
   const int16_t closed = handle;
   const bool isOwn = opener.isStillOwn();
+  platform::stopWaitingForTurn(closed, this);
   if (isOwn) platform::beginChange(closed);
   handle = 0;
   isOwn ? platform::endChange(closed) : platform::forgetLooks(closed);

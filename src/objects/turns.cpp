@@ -24,6 +24,19 @@ bool isSharedWriter(int16_t db) {
   return file != nullptr && file->sharing == Sharing::shared;
 }
 
+// Ends the waiting for a turn, also where it was in vain.
+class Waiter {
+ public:
+  explicit Waiter(const OpenDatabase& database) : database_(database), file_(database.handle) {}
+  ~Waiter() { platform::stopWaitingForTurn(file_, &database_); }
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+
+ private:
+  const OpenDatabase& database_;
+  const int16_t file_;
+};
+
 // Where locks do not work, opening for writing has failed; whatever refuses them later must not
 // stop the writers.
 //
@@ -31,6 +44,7 @@ bool isSharedWriter(int16_t db) {
 // come to its end. So that is given up meanwhile, and what was looked at before is looked at again.
 void takeTurn(const Operation& operation) {
   OpenDatabase& database = operation.database();
+  const Waiter waiter(database);
   const LockOutcome outcome = whileRefused(
       database.turnWait(), [&] { return platform::takeWritersTurn(database.handle, &database); },
       [&](uint64_t length) {

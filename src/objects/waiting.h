@@ -34,21 +34,24 @@ auto whileInUse(std::chrono::milliseconds wait, Attempt attempt) {
   }
 }
 
-// Calls `attempt` until a lock is no longer refused, with pauses that grow and add up to this time.
+// Calls `attempt` until a lock is no longer refused, for this time at most, with pauses that grow.
 // Returns its last outcome.
 template <typename Attempt, typename Pause>
 qvdbase::platform::LockOutcome whileRefused(uint64_t microseconds, Attempt attempt,
                                             Pause pauseFor) {
   constexpr uint64_t kFirstPause = 20;
   constexpr uint64_t kLongestPause = 1'000;
-  uint64_t pause = kFirstPause;
-  for (uint64_t waited = 0;; waited += pause) {
-    const qvdbase::platform::LockOutcome outcome = attempt();
+  qvdbase::platform::LockOutcome outcome = attempt();
+  if (outcome != qvdbase::platform::LockOutcome::refused) return outcome;
+  const uint64_t begin = qvdbase::platform::microsecondCounter();
+  uint64_t waited = 0;
+  for (uint64_t pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+    pauseFor(std::min(pause, microseconds - waited));
+    outcome = attempt();
+    waited = qvdbase::platform::microsecondCounter() - begin;
     if (outcome != qvdbase::platform::LockOutcome::refused || waited >= microseconds) {
       return outcome;
     }
-    if (waited > 0) pause = std::min(pause * 2, kLongestPause);
-    pauseFor(pause);
   }
 }
 

@@ -1,5 +1,5 @@
-// Pauses that take no time: what the library waits is counted, and something of the test's own can
-// happen meanwhile.
+// Pauses that take no time: what the library waits is counted, the clock shows it, and something of
+// the test's own can happen meanwhile.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +15,8 @@ class Pauses {
   explicit Pauses(std::function<void()> during = {}) {
     during_ = std::move(during);
     microseconds_ = 0;
+    begin_ = platform::hostSystemCalls().microseconds();
+    calls_->microseconds = [] { return begin_ + microseconds_; };
     calls_->pause = [](uint64_t length) {
       microseconds_ += length;
       if (during_) during_();
@@ -28,6 +30,7 @@ class Pauses {
 
  private:
   inline static std::function<void()> during_;
+  inline static uint64_t begin_ = 0;
   inline static uint64_t microseconds_ = 0;
   ReplacedCalls calls_;
 };

@@ -379,7 +379,7 @@ TEST_F(ContradictionTest, IsAChangeWhenEveryLookFindsSomethingElse) {
 // The directory is another one at each look, as beside a writer that never rests.
 TEST_F(ContradictionTest, IsNoneWhereARecordIsMissing) {
   setCount(9);
-  uint8_t count = 0;
+  uint8_t count = 9;
   const Pauses pauses([&] { setCountWritten(++count); });
   expectError(Reason::record_missing, [&] {
     qvdb::RecordRange walk = table_->records_after(qvdb::Id{12345});

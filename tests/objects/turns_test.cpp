@@ -88,6 +88,55 @@ TEST_F(TurnsTest, ASharedWriterWaitsForItsTurnFiveSecondsUnlessTheOpenerSaysOthe
   EXPECT_LT(pauses.microseconds(), 310'000u);
 }
 
+// Where signals end the pauses early, as where the system makes them longer.
+TEST_F(TurnsTest, WhatIsWaitedIsTheTimeThatPasses) {
+  open(Mode::shared);
+  ASSERT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);
+  static uint64_t now = 0;
+  static int percent = 0;
+  for (const int each : {10, 300}) {
+    percent = each;
+    ReplacedCalls calls;
+    calls->microseconds = [] { return now; };
+    calls->pause = [](uint64_t length) {
+      now += length * static_cast<uint64_t>(percent) / 100 + 1;
+    };
+    const uint64_t begin = now;
+    expectError(Reason::in_use, [&] { table_->add("x"); });
+    EXPECT_GE(now - begin, 5'000'000u);
+    EXPECT_LT(now - begin, 5'010'000u);
+  }
+}
+
+TEST_F(TurnsTest, AWriterThatWaitsIsNextForAsLongAsItWaits) {
+  open(Mode::shared);
+  ASSERT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);
+  const auto isNextHere = [this] {
+    if (takeThere(LockByte::next, Sharing::exclusive) == kRefused) return true;
+    releaseThere(LockByte::next, Sharing::exclusive);
+    return false;
+  };
+  {
+    const Pauses pauses([&] { EXPECT_TRUE(isNextHere()); });
+    expectError(Reason::in_use, [&] { table_->add("in vain"); });
+    EXPECT_FALSE(isNextHere());
+  }
+  {
+    const Pauses pauses([&] {
+      EXPECT_TRUE(isNextHere());
+      releaseThere(LockByte::turn, Sharing::exclusive);
+    });
+    table_->add("as soon as the other has ended");
+  }
+  EXPECT_FALSE(isNextHere());
+  ASSERT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);
+  {
+    const Pauses pauses([&] { database_->close(); });
+    expectError(Reason::not_open, [&] { table_->add("closed meanwhile"); });
+  }
+  EXPECT_FALSE(isNextHere());
+}
+
 TEST_F(TurnsTest, ASharedWriterThatIsRefusedChangesNothing) {
   open(Mode::shared);
   const std::vector<std::function<void()>> all = changes();

@@ -184,6 +184,31 @@ TEST_F(LockBytesTest, OneWriterOfAProcessHasTheTurn) {
   EXPECT_EQ(platform::takeWritersTurn(here_, &second), LockOutcome::refused);
 }
 
+// A writer who never rests takes its turn again at once, unless it lets those who wait be next.
+TEST_F(LockBytesTest, AWriterThatWaitsForItsTurnIsNext) {
+  openBoth();
+  const int one = 0;
+  const int other = 0;
+  ASSERT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);
+  EXPECT_EQ(platform::takeWritersTurn(here_, &one), LockOutcome::refused);
+  EXPECT_EQ(takeThere(LockByte::next, Sharing::exclusive), kRefused);
+  other_.releaseByte(there_, LockByte::turn, Sharing::exclusive);
+  EXPECT_EQ(platform::takeWritersTurn(here_, &other), LockOutcome::refused);
+  EXPECT_EQ(platform::takeWritersTurn(here_, &one), LockOutcome::taken);
+  EXPECT_EQ(takeThere(LockByte::next, Sharing::exclusive), kTaken);
+  EXPECT_EQ(platform::takeWritersTurn(here_, &other), LockOutcome::refused);
+  platform::releaseWritersTurn(here_, &one);
+  EXPECT_EQ(platform::takeWritersTurn(here_, &one), LockOutcome::refused) << "another is next";
+  other_.releaseByte(there_, LockByte::next, Sharing::exclusive);
+  EXPECT_EQ(platform::takeWritersTurn(here_, &one), LockOutcome::taken);
+  EXPECT_EQ(platform::takeWritersTurn(here_, &other), LockOutcome::refused);
+  platform::releaseWritersTurn(here_, &one);
+  EXPECT_EQ(platform::takeWritersTurn(here_, &one), LockOutcome::refused);
+  platform::stopWaitingForTurn(here_, &other);
+  EXPECT_EQ(platform::takeWritersTurn(here_, &one), LockOutcome::taken);
+  platform::releaseWritersTurn(here_, &one);
+}
+
 TEST_F(LockBytesTest, AChildThatWithdrawsAReaderLeavesTheLockOfItsParent) {
   openBoth();
   EXPECT_TRUE(platform::announceReader(here_));

@@ -50,6 +50,7 @@ struct LockBytesHeld {
   uint32_t looks;         // of any reader here, that last; atomic, see look_count.h
   int lookedOn;           // the descriptor of their lock
   const void* turnOwner;  // the writer here that has the turn of shared writers, or null
+  const void* nextOwner;  // the one here whose turn is next, or null
 };
 
 struct FileEntry {

@@ -60,18 +60,28 @@ LockBytesHeld& lockBytesOf(FileEntry& entry) {
   return (entry.source != nullptr ? entry.source : &entry)->lockBytes;
 }
 
-// Where the host does not answer this question, the lock itself decides.
-bool isGateClosed(int descriptor) {
-  struct flock gate = lockOf(LockByte::gate, F_RDLCK);
-  return uninterrupted([&] { return systemCalls().findLock(descriptor, &gate); }) == 0 &&
-         gate.l_type != F_UNLCK;
+// Whether another opener is known to hold a lock that conflicts with this one.
+bool isKnownToBeHeld(int descriptor, struct flock lock) {
+  const int result = uninterrupted([&] { return systemCalls().findLock(descriptor, &lock); });
+  return result == 0 && lock.l_type != F_UNLCK;
 }
 
-// Whether another opener holds a lock that conflicts with this one.
+// Where the host does not answer this question, the lock itself decides.
+bool isGateClosed(int descriptor) {
+  return isKnownToBeHeld(descriptor, lockOf(LockByte::gate, F_RDLCK));
+}
+
+// Whether another opener holds a lock that conflicts with this one; what cannot be found out counts
+// as held.
 bool isHeld(const FileEntry& entry, struct flock lock) {
   const int descriptor = descriptorOf(entry);
   if (uninterrupted([&] { return systemCalls().findLock(descriptor, &lock); }) != 0) return true;
   return lock.l_type != F_UNLCK;
+}
+
+bool isAnotherNext(const FileEntry& entry) {
+  return entry.lockBytes.nextOwner != nullptr ||
+         isKnownToBeHeld(entry.readWrite, lockOf(LockByte::next, F_WRLCK));
 }
 
 }  // namespace
@@ -162,11 +172,28 @@ bool isOpenForWritingElsewhere(int16_t file) {
 LockOutcome takeWritersTurn(int16_t file, const void* owner) {
   const LockedEntry entry(file);
   if (!entry) return LockOutcome::impossible;
-  const void*& present = entry->lockBytes.turnOwner;
-  if (present != nullptr) return present == owner ? LockOutcome::taken : LockOutcome::refused;
-  const LockOutcome outcome = takeLockByte(file, LockByte::turn, Sharing::exclusive);
-  if (outcome == LockOutcome::taken) present = owner;
+  LockBytesHeld& held = entry->lockBytes;
+  if (held.turnOwner == owner) return LockOutcome::taken;
+  if (held.nextOwner != owner && isAnotherNext(*entry)) return LockOutcome::refused;
+  LockOutcome outcome = LockOutcome::refused;
+  if (held.turnOwner == nullptr) {
+    outcome = setLock(entry->readWrite, LockByte::turn, F_WRLCK);
+  }
+  if (outcome == LockOutcome::taken) held.turnOwner = owner;
+  if (outcome != LockOutcome::refused) {
+    stopWaitingForTurn(file, owner);
+  } else if (held.nextOwner == nullptr &&
+             setLock(entry->readWrite, LockByte::next, F_WRLCK) == LockOutcome::taken) {
+    held.nextOwner = owner;
+  }
   return outcome;
+}
+
+void stopWaitingForTurn(int16_t file, const void* owner) {
+  const LockedEntry entry(file);
+  if (!entry || entry->lockBytes.nextOwner != owner) return;
+  entry->lockBytes.nextOwner = nullptr;
+  setLock(entry->readWrite, LockByte::next, F_UNLCK);
 }
 
 void releaseWritersTurn(int16_t file, const void* owner) {

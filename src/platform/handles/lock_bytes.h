@@ -22,6 +22,7 @@ enum class LockByte : uint8_t {
   change,  // exclusive: a writer changes bytes in place; shared: a reader looks at them
   gate,    // exclusive: a writer waits for `change`; readers take no new look meanwhile
   turn,    // exclusive: of writers that share the file, the one whose turn it is
+  next,    // exclusive: of those that wait for `turn`, the one who gets it next
 };
 
 enum class LockOutcome : uint8_t {
@@ -66,7 +67,10 @@ void carryAnnouncement(const FileEntry& entry, int descriptor);
 bool isOpenForWritingElsewhere(int16_t file);
 
 // Gives the turn of shared writers to `owner`, of whom there is one at a time in this process, too.
+// An owner who is refused may be next then: no other gets the turn until this owner has got it
+// or has called stopWaitingForTurn.
 LockOutcome takeWritersTurn(int16_t file, const void* owner);
+void stopWaitingForTurn(int16_t file, const void* owner);
 // No effect unless the owner has it.
 void releaseWritersTurn(int16_t file, const void* owner);
 
