@@ -15,15 +15,12 @@
 // block. So a block in a chain replaces an older version only if it is complete: it has an
 // identifier, and its end mark is there.
 #include <algorithm>
-#include <functional>
 #include <span>
 #include <tuple>
-#include <unordered_map>
 #include <vector>
 
-#include "recovery/survey/pieces.h"
+#include "recovery/survey/batches.h"
 #include "recovery/survey/survey.h"
-#include "support/seeded_hash.h"
 
 using namespace qvdbase::format;
 
@@ -39,6 +36,108 @@ bool mayHaveReplaced(const Block* nameless, const Block& older) {
   return nameless->isReached() && nameless->position > older.position &&
          (nameless->createTime == 0 || nameless->createTime == older.createTime);
 }
+
+// The owner's record that begins at `position`; null if there is none.
+const Block* recordAt(const Survey& survey, int64_t position, uint32_t owner) {
+  const Block* const found = survey.blockAt(position);
+  return found != nullptr && found->isRecordOf(owner) ? found : nullptr;
+}
+
+// What the neighbours that a block names say of it.
+Evidence evidenceFor(const Survey& survey, const Block& asked) {
+  bool isTakenOut = false;
+  bool isCutOff = false;
+  bool isNamed = false;
+  // `link` of the neighbour at `position` should lead here; `beyond` is the other neighbour.
+  const auto askOne = [&](int64_t position, int64_t Block::*link, int64_t beyond) {
+    const Block* const neighbour = recordAt(survey, position, asked.owner);
+    if (neighbour == nullptr) return;
+    const int64_t named = neighbour->*link;
+    const Block* const other = recordAt(survey, named, asked.owner);
+    // A neighbour that names a block which is not there proves nothing: a move may have been
+    // lost. Unless it names what lies beyond: then the block was taken out in between.
+    if (named == asked.position || mayHaveReplaced(other, asked)) {
+      isNamed = true;
+    } else if (named == 0) {
+      isCutOff = true;
+    } else if (named == beyond || other != nullptr) {
+      isTakenOut = true;
+    }
+  };
+  askOne(asked.prev, &Block::next, asked.next);
+  askOne(asked.next, &Block::prev, asked.prev);
+  if (isTakenOut) return Evidence::disagree;
+  // Where one side still names the block and the other ends before it, the chain was cut, as link
+  // repair does it: a deletion relinks both sides.
+  if (isNamed) return Evidence::agree;
+  return isCutOff ? Evidence::disagree : Evidence::none;
+}
+
+// Whether both walks of the owner's chain reach all that its slot counts: then nothing of it is
+// missing.
+bool isChainSound(const Survey& survey, uint32_t owner) {
+  const auto table = std::ranges::find(survey.tables, owner, &Table::owner);
+  return table != survey.tables.end() && table->forward.isComplete() &&
+         table->backward.isComplete() &&
+         table->forward.blocks.size() >= survey.slotOf(*table).fields.recordCount;
+}
+
+// ---- versions of a record
+
+// The blocks of one record, in file order.
+using Versions = std::span<Block* const>;
+
+bool hasOpenEnd(const Block& asked) {
+  return asked.has(kBeyondEnd | kNoEndMark);
+}
+
+const Block* wholeVersionBefore(const Block& open, Versions versions) {
+  const Block* older = nullptr;
+  for (const Block* each : versions) {
+    if (each->position >= open.position) break;
+    if (!each->isReached() && each->grade == Grade::a) older = each;
+  }
+  return older;
+}
+
+// A block that the walk from the front reaches is preferred to one that only the other reaches.
+const Block* reachedVersion(Versions versions, bool mustBeComplete) {
+  const Block* last = nullptr;
+  const Block* first = nullptr;
+  for (const Block* each : versions) {
+    if (mustBeComplete && hasOpenEnd(*each)) continue;
+    if (each->reach & kForward) last = each;
+    if ((each->reach & kBackward) && first == nullptr) first = each;
+  }
+  return last != nullptr ? last : first;
+}
+
+// The block that holds the record; null where neither walk reaches any.
+const Block* liveVersion(Versions versions, bool isNameless) {
+  if (const Block* const complete = reachedVersion(versions, true)) return complete;
+  const Block* const reached = reachedVersion(versions, false);
+  if (reached == nullptr || isNameless) return reached;
+  const Block* const older = wholeVersionBefore(*reached, versions);
+  return older != nullptr ? older : reached;
+}
+
+// A version of a record that the block `live` holds.
+void labelBeside(const Block& live, Block* version) {
+  const bool isComplete = version->recordID == 0 || !hasOpenEnd(*version);
+  if (version == &live) {
+    version->label = version->isReached() ? Label::live : Label::detached;
+  } else if ((version->reach & kForward) && (isComplete || hasOpenEnd(live))) {
+    version->label = Label::live;
+  } else if (version->reach & kUncounted) {
+    version->label = Label::unlinked;
+  } else if (version->position > live.position) {
+    version->label = Label::unfinishedRelocation;
+  } else {
+    version->label = Label::superseded;
+  }
+}
+
+// ---- records of an owner
 
 class Labeller {
  public:
@@ -57,7 +156,7 @@ class Labeller {
       Remains& remains = remains_[each->owner];
       if (each->recordID == 0) {
         if (each->isReached()) remains.nameless = each;
-      } else if (each->isReached() || ask(*each) == Evidence::agree) {
+      } else if (each->isReached() || evidenceFor(survey_, *each) == Evidence::agree) {
         remains.hasChain = true;
       }
     }
@@ -72,9 +171,6 @@ class Labeller {
   }
 
  private:
-  // The blocks of one record, in file order.
-  using Versions = std::span<Block* const>;
-
   // What is left of an owner's records.
   struct Remains {
     bool hasChain = false;            // anything of its chain
@@ -84,42 +180,6 @@ class Labeller {
     std::vector<Block*> apart;  // detached from a chain that is whole
   };
 
-  // What the neighbours that a block names say of it.
-  Evidence ask(const Block& asked) const {
-    bool isTakenOut = false;
-    bool isCutOff = false;
-    bool isNamed = false;
-    // `link` of the neighbour at `position` should lead here; `beyond` is the other neighbour.
-    const auto askOne = [&](int64_t position, int64_t Block::*link, int64_t beyond) {
-      const Block* const neighbour = recordAt(position, asked.owner);
-      if (neighbour == nullptr) return;
-      const int64_t named = neighbour->*link;
-      const Block* const other = recordAt(named, asked.owner);
-      // A neighbour that names a block which is not there proves nothing: a move may have been
-      // lost. Unless it names what lies beyond: then the block was taken out in between.
-      if (named == asked.position || mayHaveReplaced(other, asked)) {
-        isNamed = true;
-      } else if (named == 0) {
-        isCutOff = true;
-      } else if (named == beyond || other != nullptr) {
-        isTakenOut = true;
-      }
-    };
-    askOne(asked.prev, &Block::next, asked.next);
-    askOne(asked.next, &Block::prev, asked.prev);
-    if (isTakenOut) return Evidence::disagree;
-    // Where one side still names the block and the other ends before it, the chain was cut, as link
-    // repair does it: a deletion relinks both sides.
-    if (isNamed) return Evidence::agree;
-    return isCutOff ? Evidence::disagree : Evidence::none;
-  }
-
-  // The owner's record that begins at `position`; null if there is none.
-  const Block* recordAt(int64_t position, uint32_t owner) const {
-    const Block* const found = survey_.blockAt(position);
-    return found != nullptr && found->isRecordOf(owner) ? found : nullptr;
-  }
-
   void labelVersions(Versions versions) {
     const bool isWhole = std::ranges::any_of(
         versions, [](const Block* each) { return each->isReached() || each->grade == Grade::a; });
@@ -128,54 +188,6 @@ class Labeller {
     const Block* const live = liveVersion(versions, isNameless);
     if (live == nullptr) return labelUnreached(versions);
     for (Block* each : versions) labelBeside(*live, each);
-  }
-
-  // The block that holds the record; null where neither walk reaches any.
-  static const Block* liveVersion(Versions versions, bool isNameless) {
-    if (const Block* const complete = reachedVersion(versions, true)) return complete;
-    const Block* const reached = reachedVersion(versions, false);
-    if (reached == nullptr || isNameless) return reached;
-    const Block* const older = wholeVersionBefore(*reached, versions);
-    return older != nullptr ? older : reached;
-  }
-
-  // A block that the walk from the front reaches is preferred to one that only the other reaches.
-  static const Block* reachedVersion(Versions versions, bool mustBeComplete) {
-    const Block* last = nullptr;
-    const Block* first = nullptr;
-    for (const Block* each : versions) {
-      if (mustBeComplete && hasOpenEnd(*each)) continue;
-      if (each->reach & kForward) last = each;
-      if ((each->reach & kBackward) && first == nullptr) first = each;
-    }
-    return last != nullptr ? last : first;
-  }
-
-  static const Block* wholeVersionBefore(const Block& open, Versions versions) {
-    const Block* older = nullptr;
-    for (const Block* each : versions) {
-      if (each->position >= open.position) break;
-      if (!each->isReached() && each->grade == Grade::a) older = each;
-    }
-    return older;
-  }
-
-  static bool hasOpenEnd(const Block& asked) { return asked.has(kBeyondEnd | kNoEndMark); }
-
-  // A version of a record that the block `live` holds.
-  static void labelBeside(const Block& live, Block* version) {
-    const bool isComplete = version->recordID == 0 || !hasOpenEnd(*version);
-    if (version == &live) {
-      version->label = version->isReached() ? Label::live : Label::detached;
-    } else if ((version->reach & kForward) && (isComplete || hasOpenEnd(live))) {
-      version->label = Label::live;
-    } else if (version->reach & kUncounted) {
-      version->label = Label::unlinked;
-    } else if (version->position > live.position) {
-      version->label = Label::unfinishedRelocation;
-    } else {
-      version->label = Label::superseded;
-    }
   }
 
   void labelUnreached(Versions versions) {
@@ -199,7 +211,7 @@ class Labeller {
   void labelLastVersion(Block* version) {
     Block& last = *version;
     Remains& remains = remains_[last.owner];
-    Evidence evidence = ask(last);
+    Evidence evidence = evidenceFor(survey_, last);
     // A block without neighbours is its table's only record or none at all.
     const bool isAlone = last.prev == 0 && last.next == 0;
     if (isAlone && remains.hasChain) {
@@ -209,7 +221,7 @@ class Labeller {
     }
     const bool isTorn =
         last.grade != Grade::a && last.next == 0 && last.has(kBeyondEnd | kCutShort | kNoEndMark);
-    const bool isSound = isChainSound(last.owner);
+    const bool isSound = isChainSound(survey_, last.owner);
     if (evidence == Evidence::agree || (evidence == Evidence::none && !isSound)) {
       last.label = isTorn && evidence == Evidence::none ? Label::unlinked : Label::detached;
       if (last.grade == Grade::a && isSound) remains.apart.push_back(&last);
@@ -219,65 +231,6 @@ class Labeller {
       last.label = Label::deleted;
       // Whatever has had a successor was counted once.
       if (last.next == 0) remains.undecided.push_back(&last);
-    }
-  }
-
-  // Whether both walks of the owner's chain reach all that its slot counts: then nothing of it is
-  // missing.
-  bool isChainSound(uint32_t owner) const {
-    const auto table = std::ranges::find(survey_.tables, owner, &Table::owner);
-    return table != survey_.tables.end() && table->forward.isComplete() &&
-           table->backward.isComplete() &&
-           table->forward.blocks.size() >= survey_.slotOf(*table).fields.recordCount;
-  }
-
-  // Records apart from their chain that name each other: counted all together, or none of them.
-  using Batch = std::vector<Block*>;
-
-  static int64_t latestPosition(const std::vector<Block*>& blocks) {
-    int64_t latest = 0;
-    for (const Block* each : blocks) latest = std::max(latest, each->position);
-    return latest;
-  }
-
-  // `apart` is of one owner. The latest batch in the file comes first.
-  static std::vector<Batch> latestFirst(const std::vector<Block*>& apart) {
-    std::unordered_map<int64_t, size_t, support::SeededHash> places;  // in `apart`
-    for (size_t i = 0; i < apart.size(); ++i) places.emplace(apart[i]->position, i);
-    std::vector<size_t> successors;
-    for (const Block* each : apart) {
-      const auto next = places.find(each->next);
-      successors.push_back(next != places.end() ? next->second : apart.size());
-    }
-    std::vector<Batch> batches;
-    for (const std::vector<size_t>& piece : piecesOf(successors)) {
-      batches.emplace_back();
-      for (const size_t place : piece) batches.back().push_back(apart[place]);
-    }
-    std::ranges::sort(batches, std::ranges::greater(), latestPosition);
-    return batches;
-  }
-
-  // How many of the batches were never counted, if so many records were not. They are the latest
-  // ones, as the blocks of a file are in the order in which they were written. Each block of
-  // `single` may have been counted or not. `inBatches` becomes the number of records in them.
-  static size_t uncountedBatches(const std::vector<Batch>& batches,
-                                 const std::vector<Block*>& single, uint64_t neverCounted,
-                                 uint64_t* inBatches) {
-    const int64_t latestSingle = latestPosition(single);
-    size_t chosen = 0;
-    bool fits = false;
-    uint64_t sum = 0;
-    for (size_t count = 0;; ++count) {
-      const bool isFitting = neverCounted <= sum + single.size();
-      const bool isLatest = count > 0 && latestPosition(batches[count - 1]) > latestSingle;
-      if (!fits || (isFitting && isLatest)) {
-        chosen = count;
-        *inBatches = sum;
-        fits = isFitting;
-      }
-      if (count == batches.size() || sum + batches[count].size() > neverCounted) return chosen;
-      sum += batches[count].size();
     }
   }
 
@@ -291,14 +244,11 @@ class Labeller {
     const uint32_t counted = survey_.slotAt(slot)->fields.recordWriteCount;
     if (remains.distinct <= counted) return;
     const uint64_t neverCounted = remains.distinct - counted;
-    const std::vector<Batch> batches = latestFirst(remains.apart);
-    uint64_t inBatches = 0;
-    const size_t uncounted = uncountedBatches(batches, remains.undecided, neverCounted, &inBatches);
-    for (size_t i = 0; i < uncounted; ++i) {
-      for (Block* each : batches[i]) each->label = Label::unlinked;
-    }
-    if (inBatches == neverCounted) return;
-    const bool isEach = neverCounted - inBatches >= remains.undecided.size();
+    const std::vector<Block*> inBatches =
+        uncountedBatches(remains.apart, remains.undecided, neverCounted);
+    for (Block* each : inBatches) each->label = Label::unlinked;
+    if (inBatches.size() == neverCounted) return;
+    const bool isEach = neverCounted - inBatches.size() >= remains.undecided.size();
     for (Block* each : remains.undecided) {
       each->label = isEach ? Label::unlinked : Label::deletedOrUnlinked;
     }
