@@ -64,6 +64,30 @@ std::vector<const Block*> liveBlocks(const Survey& survey) {
   return live;
 }
 
+// Why a block that nothing points to is not whole.
+std::string whyTorn(const Block& block) {
+  if (block.has(kBeyondEnd)) return "it would reach beyond the end of the file";
+  if (block.has(kCutShort)) return joined("another block begins at ", block.end, ", inside of it");
+  if (block.has(kNoEndMark)) return "its end mark is missing";
+  return "its identifiers or lengths are damaged";
+}
+
+// How many bytes there are up to the last one that is not zero.
+uint64_t usedBytes(Window* window, int64_t begin, int64_t end) {
+  int64_t used = begin;
+  for (int64_t position = begin; position < end;) {
+    const auto count = static_cast<size_t>(
+        std::min<int64_t>(end - position, static_cast<int64_t>(Window::kLargestView)));
+    const uint8_t* bytes = window->at(position, count);
+    if (bytes == nullptr) break;
+    size_t last = count;
+    while (last > 0 && bytes[last - 1] == 0) --last;
+    if (last > 0) used = position + static_cast<int64_t>(last);
+    position += static_cast<int64_t>(count);
+  }
+  return static_cast<uint64_t>(used - begin);
+}
+
 class SpaceCheck {
  public:
   explicit SpaceCheck(Check& check) : check_(check), window_(check.source) {}
@@ -112,18 +136,10 @@ class SpaceCheck {
   }
 
   void reportTorn(const Block& block) {
-    std::string why = "its identifiers or lengths are damaged";
-    if (block.has(kBeyondEnd)) {
-      why = "it would reach beyond the end of the file";
-    } else if (block.has(kCutShort)) {
-      why = joined("another block begins at ", block.end, ", inside of it");
-    } else if (block.has(kNoEndMark)) {
-      why = "its end mark is missing";
-    }
     const bool isRecord = block.kind == BlockKind::record;
     check_.warning("S4", inBlock(survey_.ownerSlot(block), block),
                    isRecord ? "The record block at " : "The table data at ", block.position,
-                   " is not whole: ", why, ". Nothing points to it.");
+                   " is not whole: ", whyTorn(block), ". Nothing points to it.");
   }
 
   void reportUnreferenced() {
@@ -186,26 +202,10 @@ class SpaceCheck {
     const int64_t end = position + (block.capacity - block.length);
     space_.reserve += static_cast<uint64_t>(end - position);
     if (block.kind == BlockKind::tableData && window_.byteAt(position) == kBlockEndMark) ++position;
-    const uint64_t stale = usedBytes(position, end);
+    const uint64_t stale = usedBytes(&window_, position, end);
     if (stale == 0) return;
     space_.stale += stale;
     if (++staleBlocks_ == 1) firstStale_ = position;
-  }
-
-  // How many bytes there are up to the last one that is not zero.
-  uint64_t usedBytes(int64_t begin, int64_t end) {
-    int64_t used = begin;
-    for (int64_t position = begin; position < end;) {
-      const auto count = static_cast<size_t>(
-          std::min<int64_t>(end - position, static_cast<int64_t>(Window::kLargestView)));
-      const uint8_t* bytes = window_.at(position, count);
-      if (bytes == nullptr) break;
-      size_t last = count;
-      while (last > 0 && bytes[last - 1] == 0) --last;
-      if (last > 0) used = position + static_cast<int64_t>(last);
-      position += static_cast<int64_t>(count);
-    }
-    return static_cast<uint64_t>(used - begin);
   }
 
   void reportSpare() {

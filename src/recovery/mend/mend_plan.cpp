@@ -43,6 +43,181 @@ Records salvageable(const Survey& survey) {
   return records;
 }
 
+void noteGone(const Survey& survey, const Block& each, Records* gone) {
+  gone->emplace(survey.owners[each.owner].number, each.recordID);
+}
+
+// A piece at the end of the file that may go.
+struct Piece {
+  int64_t begin;
+  int64_t end;
+  const Block* block;  // null: bytes that only begin like one
+};
+
+// Latest end first.
+std::vector<Piece> cutOffPieces(const Survey& survey) {
+  std::vector<Piece> pieces;
+  for (const auto& [range, kind] : survey.leftovers) {
+    if (kind == Leftover::torn) pieces.push_back({range.begin, range.end, nullptr});
+  }
+  const auto add = [&](const Block& each) { pieces.push_back({each.position, each.end, &each}); };
+  for (const Block& each : survey.blocks) {
+    const bool isTorn = each.grade != Grade::a && !each.isReached();
+    if (isTorn || isLeftOver(each) || isLeftOverData(survey, each)) add(each);
+  }
+  for (const Table& table : survey.tables) {
+    if (!survey.slotOf(table).counted) continue;
+    for (const uint32_t number : tailToDiscard(survey, table)) add(survey.blocks[number]);
+  }
+  std::ranges::stable_sort(pieces, std::ranges::greater(), &Piece::end);
+  return pieces;
+}
+
+void pointAtData(int64_t position, tablePart1* fields) {
+  fields->firstDataPos = fields->lastWrittenDataPos = fields->lastDataPos = position;
+  fields->dataBlockCount = 1;
+  fields->dataWriteCount = std::max<uint32_t>(fields->dataWriteCount, 1);
+}
+
+Patch linkPatch(int64_t position, int64_t value) {
+  Patch patch = {position, std::vector<unsigned char>(8)};
+  storeBigEndian(patch.bytes.data(), static_cast<uint64_t>(value));
+  return patch;
+}
+
+// What becomes of the whole blocks of a table that writes which were cut off have left.
+class LeftOverBlocks {
+ public:
+  LeftOverBlocks(const Survey& survey, const Table& table, CutOffWrites cutOff, MendPlan* plan,
+                 Records* gone)
+      : survey_(survey), table_(table), cutOff_(cutOff), plan_(*plan), gone_(*gone) {}
+
+  // Changes the table's chain and the fields of its slot.
+  void decide(std::vector<uint32_t>* chain, tablePart1* fields) {
+    if (cutOff_ == CutOffWrites::link) link(chain, fields);
+    if (cutOff_ == CutOffWrites::discard) discard(fields);
+    if (cutOff_ != CutOffWrites::keep) decideData(fields);
+  }
+
+ private:
+  const Block& block(uint32_t number) const { return survey_.blocks[number]; }
+
+  template <typename... Parts>
+  void step(Parts... parts) {
+    plan_.steps.push_back(joined(std::move(parts)...));
+  }
+
+  std::vector<uint32_t> records() const {
+    std::vector<uint32_t> found;
+    for (const uint32_t number : blocksInFileOrder(survey_)) {
+      const Block& each = block(number);
+      if (each.owner == table_.owner && isLeftOver(each)) found.push_back(number);
+    }
+    const bool isLinked = cutOff_ == CutOffWrites::link;
+    const std::vector<uint32_t> tail =
+        isLinked ? tailApart(survey_, table_) : tailToDiscard(survey_, table_);
+    found.insert(found.end(), tail.begin(), tail.end());
+    std::erase_if(found, [&](uint32_t number) { return block(number).end > plan_.size; });
+    return found;
+  }
+
+  void link(std::vector<uint32_t>* chain, tablePart1* fields) {
+    // By record identifier, its first place in the chain.
+    std::unordered_map<uint64_t, size_t, SeededHash> places;
+    for (size_t i = 0; i < chain->size(); ++i) places.try_emplace(block((*chain)[i]).recordID, i);
+    for (const uint32_t number : records()) {
+      const Block& each = block(number);
+      const auto [place, isNew] = places.try_emplace(each.recordID, chain->size());
+      const std::string record = joined(aboutTable(*fields), "the record at ", each.position);
+      if (!isNew) {
+        (*chain)[place->second] = number;
+        step(record, " takes the place of its older version");
+        continue;
+      }
+      chain->push_back(number);
+      ++fields->recordWriteCount;
+      fields->lastWrittenRecordPos = each.position;
+      step(record, ", which was never linked, is added");
+    }
+  }
+
+  // Counts them as written. A record that is counted so, and is in no chain, was deleted.
+  void discard(tablePart1* fields) {
+    for (const uint32_t number : records()) {
+      const Block& each = block(number);
+      if (each.label == Label::unfinishedRelocation) continue;
+      ++fields->recordWriteCount;
+      noteGone(survey_, each, &gone_);
+      // The records of a batch name each other, as those of a chain that was broken do.
+      if (each.next != 0)
+        plan_.patches.push_back(linkPatch(each.position + record::kNextRecordPos, 0));
+      step(aboutTable(*fields), "the record at ", each.position,
+           ", which was never linked, counts as deleted");
+    }
+  }
+
+  // What becomes of a block that was to become the first data of the table.
+  void decideData(tablePart1* fields) {
+    const auto found = std::ranges::find_if(survey_.blocks, [&](const Block& each) {
+      return each.owner == table_.owner && isLeftOverData(survey_, each);
+    });
+    if (found == survey_.blocks.end() || found->end > plan_.size) return;
+    const std::string data = joined(aboutTable(*fields), "the table data at ", found->position,
+                                    ", which was never linked");
+    if (cutOff_ == CutOffWrites::link) {
+      pointAtData(found->position, fields);
+      step(data, ", is added");
+    } else if (found->end - found->position <= kMostZeros) {
+      // No count can say that data was deleted, so its bytes are taken back, as zeros.
+      plan_.patches.push_back({found->position, std::vector<unsigned char>(static_cast<size_t>(
+                                                    found->end - found->position))});
+      step(data, ", is overwritten with zeros");
+    }
+  }
+
+  const Survey& survey_;
+  const Table& table_;
+  const CutOffWrites cutOff_;
+  MendPlan& plan_;
+  Records& gone_;
+};
+
+void countLeftOver(const Survey& survey, MendPlan* plan) {
+  for (const Block& each : survey.blocks) {
+    if (isLeftOverData(survey, each)) ++plan->leftOverData;
+    if (isLeftOver(each)) ++plan->leftOver;
+  }
+  plan->leftOver += plan->leftOverData;
+  for (const Table& table : survey.tables) {
+    if (survey.slotOf(table).counted) plan->leftOver += tailApart(survey, table).size();
+  }
+}
+
+// What the plan comes to.
+void verify(const ByteSource& source, const Survey& before, const Records& gone, MendPlan* plan) {
+  if (!plan->refusal.empty()) return;
+  const PatchedSource mended(source, plan->patches, plan->size);
+  const Survey survey = makeSurvey(mended);
+  plan->unreadableAt = survey.unreadableAt;
+  std::string first;
+  const auto note = [&](const qvdb::Finding& finding) {
+    const bool isError = finding.severity == qvdb::Severity::error;
+    if (isError && first.empty()) first = check::inSentence(finding);
+  };
+  if (check::checkSurvey(mended, survey, note).errors > 0) {
+    plan->refusal = joined("it has damage that no interrupted operation leaves (", first, ")");
+    return;
+  }
+  const Records after = salvageable(survey);
+  for (const auto& each : salvageable(before)) {
+    if (after.contains(each) || gone.contains(each)) continue;
+    plan->refusal = joined("the record ", shownId(each.second),
+                           " would be lost: there is more than one way to complete the file");
+    return;
+  }
+  countLeftOver(survey, plan);
+}
+
 class Planner {
  public:
   Planner(const ByteSource& source, CutOffWrites cutOff)
@@ -67,7 +242,7 @@ class Planner {
     }
     // The slots last: what they count is then linked.
     for (Patch& slot : slots_) plan_.patches.push_back(std::move(slot));
-    verify();
+    verify(source_, survey_, gone_, &plan_);
   }
 
   const Block& block(uint32_t number) const { return survey_.blocks[number]; }
@@ -79,47 +254,18 @@ class Planner {
 
   // ---- what cut-off writes have left at the end of the file
 
-  // A piece at the end of the file that may go.
-  struct Piece {
-    int64_t begin;
-    int64_t end;
-    const Block* block;  // null: bytes that only begin like one
-  };
-
-  // Latest end first.
-  std::vector<Piece> cutOffPieces() const {
-    std::vector<Piece> pieces;
-    for (const auto& [range, kind] : survey_.leftovers) {
-      if (kind == Leftover::torn) pieces.push_back({range.begin, range.end, nullptr});
-    }
-    const auto add = [&](const Block& each) { pieces.push_back({each.position, each.end, &each}); };
-    for (const Block& each : survey_.blocks) {
-      const bool isTorn = each.grade != Grade::a && !each.isReached();
-      if (isTorn || isLeftOver(each) || isLeftOverData(survey_, each)) add(each);
-    }
-    for (const Table& table : survey_.tables) {
-      if (!survey_.slotOf(table).counted) continue;
-      for (const uint32_t number : tailToDiscard(survey_, table)) add(block(number));
-    }
-    std::ranges::stable_sort(pieces, std::ranges::greater(), &Piece::end);
-    return pieces;
-  }
-
   void cutEnd() {
     int64_t end = survey_.size;
-    for (const Piece& piece : cutOffPieces()) {
+    for (const Piece& piece : cutOffPieces(survey_)) {
       if (piece.end > end) continue;
       if (piece.end < end) break;
       end = piece.begin;
-      if (piece.block != nullptr && piece.block->kind == BlockKind::record) noteGone(*piece.block);
+      if (piece.block != nullptr && piece.block->kind == BlockKind::record)
+        noteGone(survey_, *piece.block, &gone_);
     }
     if (end == survey_.size) return;
     plan_.size = end;
     step(survey_.size - end, " bytes of writes that were cut off are removed from the end");
-  }
-
-  void noteGone(const Block& each) {
-    gone_.emplace(survey_.owners[each.owner].number, each.recordID);
   }
 
   // ---- tables
@@ -132,11 +278,9 @@ class Planner {
       return;
     }
     tablePart1& fields = completion.slot;
-    for (const uint32_t number : completion.gone) noteGone(block(number));
+    for (const uint32_t number : completion.gone) noteGone(survey_, block(number), &gone_);
     for (const std::string& each : completion.steps) step(each);
-    if (cutOff_ == CutOffWrites::link) linkLeftOver(table, &completion.chain, &fields);
-    if (cutOff_ == CutOffWrites::discard) discardLeftOver(table, &fields);
-    if (cutOff_ != CutOffWrites::keep) decideData(table, &fields);
+    LeftOverBlocks(survey_, table, cutOff_, &plan_, &gone_).decide(&completion.chain, &fields);
     link(completion.chain);
     fields.recordCount = static_cast<uint32_t>(completion.chain.size());
     fields.recordWriteCount = std::max(fields.recordWriteCount, fields.recordCount);
@@ -148,79 +292,6 @@ class Planner {
     }
     pointAtPackedData(table, &fields);
     writeSlot(slot, fields);
-  }
-
-  std::vector<uint32_t> leftOverOf(const Table& table) const {
-    std::vector<uint32_t> found;
-    for (const uint32_t number : blocksInFileOrder(survey_)) {
-      const Block& each = block(number);
-      if (each.owner == table.owner && isLeftOver(each)) found.push_back(number);
-    }
-    const bool isLinked = cutOff_ == CutOffWrites::link;
-    const std::vector<uint32_t> tail =
-        isLinked ? tailApart(survey_, table) : tailToDiscard(survey_, table);
-    found.insert(found.end(), tail.begin(), tail.end());
-    std::erase_if(found, [&](uint32_t number) { return block(number).end > plan_.size; });
-    return found;
-  }
-
-  void linkLeftOver(const Table& table, std::vector<uint32_t>* chain, tablePart1* fields) {
-    // By record identifier, its first place in the chain.
-    std::unordered_map<uint64_t, size_t, SeededHash> places;
-    for (size_t i = 0; i < chain->size(); ++i) places.try_emplace(block((*chain)[i]).recordID, i);
-    for (const uint32_t number : leftOverOf(table)) {
-      const Block& each = block(number);
-      const auto [place, isNew] = places.try_emplace(each.recordID, chain->size());
-      const std::string record = joined(aboutTable(*fields), "the record at ", each.position);
-      if (!isNew) {
-        (*chain)[place->second] = number;
-        step(record, " takes the place of its older version");
-        continue;
-      }
-      chain->push_back(number);
-      ++fields->recordWriteCount;
-      fields->lastWrittenRecordPos = each.position;
-      step(record, ", which was never linked, is added");
-    }
-  }
-
-  // Counts them as written. A record that is counted so, and is in no chain, was deleted.
-  void discardLeftOver(const Table& table, tablePart1* fields) {
-    for (const uint32_t number : leftOverOf(table)) {
-      const Block& each = block(number);
-      if (each.label == Label::unfinishedRelocation) continue;
-      ++fields->recordWriteCount;
-      noteGone(each);
-      // The records of a batch name each other, as those of a chain that was broken do.
-      if (each.next != 0) writeLink(each.position + record::kNextRecordPos, 0);
-      step(aboutTable(*fields), "the record at ", each.position,
-           ", which was never linked, counts as deleted");
-    }
-  }
-
-  // What becomes of a block that was to become the first data of the table.
-  void decideData(const Table& table, tablePart1* fields) {
-    const auto found = std::ranges::find_if(survey_.blocks, [&](const Block& each) {
-      return each.owner == table.owner && isLeftOverData(survey_, each);
-    });
-    if (found == survey_.blocks.end() || found->end > plan_.size) return;
-    const std::string data = joined(aboutTable(*fields), "the table data at ", found->position,
-                                    ", which was never linked");
-    if (cutOff_ == CutOffWrites::link) {
-      pointAtData(found->position, fields);
-      step(data, ", is added");
-    } else if (found->end - found->position <= kMostZeros) {
-      // No count can say that data was deleted, so its bytes are taken back, as zeros.
-      plan_.patches.push_back({found->position, std::vector<unsigned char>(static_cast<size_t>(
-                                                    found->end - found->position))});
-      step(data, ", is overwritten with zeros");
-    }
-  }
-
-  static void pointAtData(int64_t position, tablePart1* fields) {
-    fields->firstDataPos = fields->lastWrittenDataPos = fields->lastDataPos = position;
-    fields->dataBlockCount = 1;
-    fields->dataWriteCount = std::max<uint32_t>(fields->dataWriteCount, 1);
   }
 
   void pointAtPackedData(const Table& table, tablePart1* fields) {
@@ -235,16 +306,12 @@ class Planner {
     for (size_t i = 0; i < chain.size(); ++i) {
       const Block& each = block(chain[i]);
       const int64_t next = i + 1 == chain.size() ? 0 : block(chain[i + 1]).position;
-      if (each.next != next) writeLink(each.position + record::kNextRecordPos, next);
-      if (each.prev != prev) writeLink(each.position + record::kPrevRecordPos, prev);
+      if (each.next != next)
+        plan_.patches.push_back(linkPatch(each.position + record::kNextRecordPos, next));
+      if (each.prev != prev)
+        plan_.patches.push_back(linkPatch(each.position + record::kPrevRecordPos, prev));
       prev = each.position;
     }
-  }
-
-  void writeLink(int64_t position, int64_t value) {
-    Patch patch = {position, std::vector<unsigned char>(8)};
-    storeBigEndian(patch.bytes.data(), static_cast<uint64_t>(value));
-    plan_.patches.push_back(std::move(patch));
   }
 
   void writeSlot(const Slot& slot, const tablePart1& fields) {
@@ -253,43 +320,6 @@ class Planner {
     encodeSlot(slot.fields, before.bytes.data());
     encodeSlot(fields, after.bytes.data());
     if (after.bytes != before.bytes) slots_.push_back(std::move(after));
-  }
-
-  // ---- the result
-
-  void verify() {
-    if (!plan_.refusal.empty()) return;
-    const PatchedSource mended(source_, plan_.patches, plan_.size);
-    const Survey survey = makeSurvey(mended);
-    plan_.unreadableAt = survey.unreadableAt;
-    std::string first;
-    const auto note = [&](const qvdb::Finding& finding) {
-      const bool isError = finding.severity == qvdb::Severity::error;
-      if (isError && first.empty()) first = check::inSentence(finding);
-    };
-    if (check::checkSurvey(mended, survey, note).errors > 0) {
-      plan_.refusal = joined("it has damage that no interrupted operation leaves (", first, ")");
-      return;
-    }
-    const Records after = salvageable(survey);
-    for (const auto& each : salvageable(survey_)) {
-      if (after.contains(each) || gone_.contains(each)) continue;
-      plan_.refusal = joined("the record ", shownId(each.second),
-                             " would be lost: there is more than one way to complete the file");
-      return;
-    }
-    countLeftOver(survey);
-  }
-
-  void countLeftOver(const Survey& survey) {
-    for (const Block& each : survey.blocks) {
-      if (isLeftOverData(survey, each)) ++plan_.leftOverData;
-      if (isLeftOver(each)) ++plan_.leftOver;
-    }
-    plan_.leftOver += plan_.leftOverData;
-    for (const Table& table : survey.tables) {
-      if (survey.slotOf(table).counted) plan_.leftOver += tailApart(survey, table).size();
-    }
   }
 
   const ByteSource& source_;

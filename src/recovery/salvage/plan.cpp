@@ -44,13 +44,36 @@ std::string madeName(uint64_t tableID) {
   return "table-" + shownId(tableID).substr(2);
 }
 
+// The header of the new file, and what of it was damaged.
+void planHeader(const Survey& survey, Plan* plan) {
+  const auto note = [&](auto... parts) { plan->notes.push_back(joined(std::move(parts)...)); };
+  plan->header = survey.header.fields;
+  const int version = plan->header.version;
+  const bool isUnreadable = survey.isHeaderUnreadable();
+  const std::string damaged = isUnreadable ? "cannot be read" : "is damaged";
+  if (!isSignature(plan->header.signature)) {
+    std::memcpy(plan->header.signature, "QVdb", kSignatureSize);
+    note("The signature of the source ", damaged, "; the new file has 'QVdb'.");
+  }
+  if (!isVersion(version) || version == kUnfinishedPackVersion) {
+    plan->header.version = kFinishedVersion;
+    note("The version of the source ", isUnreadable ? damaged : joined("is ", version),
+         "; the new file has 100.");
+  }
+  unsigned char* const id = plan->header.databaseID;
+  if (!identifierSumIsRight(id) || identifierNumber(id) == 0) {
+    GenerateUuID(id);
+    note("The database identifier of the source ", damaged, "; the new file has a new one.");
+  }
+}
+
 class Planner {
  public:
   Planner(const Survey& survey, const qvdb::SalvageOptions& options, uint32_t wanted)
       : survey_(survey), wanted_(wanted), taken_(takeBlocks(survey, options, wanted)) {}
 
   Plan make() {
-    planHeader();
+    planHeader(survey_, &plan_);
     if (taken_.nameless > 0) {
       note("Left out: ", counted(taken_.nameless, "record block"), " with the identifier 0.");
     }
@@ -68,27 +91,6 @@ class Planner {
   template <typename... Parts>
   void note(Parts... parts) {
     plan_.notes.push_back(joined(std::move(parts)...));
-  }
-
-  void planHeader() {
-    plan_.header = survey_.header.fields;
-    const int version = plan_.header.version;
-    const bool isUnreadable = survey_.isHeaderUnreadable();
-    const std::string damaged = isUnreadable ? "cannot be read" : "is damaged";
-    if (!isSignature(plan_.header.signature)) {
-      std::memcpy(plan_.header.signature, "QVdb", kSignatureSize);
-      note("The signature of the source ", damaged, "; the new file has 'QVdb'.");
-    }
-    if (!isVersion(version) || version == kUnfinishedPackVersion) {
-      plan_.header.version = kFinishedVersion;
-      note("The version of the source ", isUnreadable ? damaged : joined("is ", version),
-           "; the new file has 100.");
-    }
-    unsigned char* const id = plan_.header.databaseID;
-    if (!identifierSumIsRight(id) || identifierNumber(id) == 0) {
-      GenerateUuID(id);
-      note("The database identifier of the source ", damaged, "; the new file has a new one.");
-    }
   }
 
   // ---- tables of the directory
