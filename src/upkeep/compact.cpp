@@ -85,7 +85,7 @@ class Compaction {
       write(file.source(), layout, *target);
       compare(file, layout, target->file());
     }
-    refuseIfChanged(file);
+    file.requireUnchanged(source_, kOperation);
     if (target) target->place();
     // Too late to stop anything.
     static_cast<void>(reporter_.report(100));
@@ -93,18 +93,13 @@ class Compaction {
   }
 
  private:
-  // Reported before anything else that was found: work in progress looks like damage.
-  void refuseIfChanged(const OpenedFile& file) const {
-    if (!file.hasChanged()) return;
-    throwError(source_, kOperation, Reason::in_use, "it was changed meanwhile");
-  }
-
   void takeWhatIsLive(const OpenedFile& file) {
     Stage stage(reporter_, source_, 0, 20, countedRecords());
     const auto damage = takeLive(
         file.source(), [&] { stage.step(); }, &database_);
     if (!damage) return;
-    refuseIfChanged(file);
+    // First, here and below: work in progress looks like damage.
+    file.requireUnchanged(source_, kOperation);
     ErrorDetails known;
     known.record_number = damage->record;
     throwError(source_, kOperation, damage->reason, damage->why, std::move(known));
@@ -114,7 +109,7 @@ class Compaction {
   void judge(const OpenedFile& file) {
     verdict_ = judgeCopy(file.source(), survey_);
     if (verdict_.isClean() || options_.force) return;
-    refuseIfChanged(file);
+    file.requireUnchanged(source_, kOperation);
     throwError(source_, kOperation, Reason::damaged, verdict_.why());
   }
 
@@ -143,7 +138,7 @@ class Compaction {
     const bool isKnown = read.stamp(&stamp);
     const FileSource copy(read, isKnown ? stamp.size : 0);
     if (isLiveCopy(copy, file.source(), database_, layout, [&] { stage.step(); })) return;
-    refuseIfChanged(file);
+    file.requireUnchanged(source_, kOperation);
     throwError(source_, kOperation, Reason::cannot_write,
                "what was written is not what can be read back");
   }

@@ -41,8 +41,7 @@ class Mending {
       OpenedFile file(database_.number(), path_, kOperation);
       file.watch();
       plan_ = planMend(file.source(), options.cut_off);
-      if (file.hasChanged())
-        throwError(path_, kOperation, Reason::in_use, "it was changed meanwhile");
+      file.requireUnchanged(path_, kOperation);
     }
     if (plan_.unreadableAt >= 0) {
       refuse(Reason::cannot_read, joined("the system cannot read it at ", plan_.unreadableAt));

@@ -108,7 +108,7 @@ class Packing {
     const Survey survey = makeSurvey(file.source());
     const Verdict verdict = judgeCopy(file.source(), survey);
     if (verdict.isClean() || isForced_) return verdict.records;
-    if (file.hasChanged()) throwError(source_, operation_, Reason::in_use, "it is being changed");
+    file.requireUnchanged(source_, operation_);
     const bool canPack = check::willPack(survey);
     throwError(source_, operation_, canPack ? Reason::damaged : Reason::chain_damaged,
                verdict.why());

@@ -90,8 +90,7 @@ bool Run::verify() const {
 void lookAtSourceAgain(const OpenedFile& source, const std::filesystem::path& path,
                        const char* operation, qvdb::SalvageReport* report) {
   report->source_in_use = source.isLockedByOthers();
-  if (!source.hasChanged()) return;
-  failure::throwError(path, operation, qvdb::Reason::in_use, "it was changed meanwhile");
+  source.requireUnchanged(path, operation);
 }
 
 }  // namespace qvdbase::salvage

@@ -102,4 +102,9 @@ bool OpenedFile::hasChanged() const {
   return firstBytes(*source_, format::kNewFileSize) != watched_;
 }
 
+void OpenedFile::requireUnchanged(const std::filesystem::path& path, const char* operation) const {
+  if (!hasChanged()) return;
+  failure::throwError(path, operation, qvdb::Reason::in_use, "it was changed meanwhile");
+}
+
 }  // namespace qvdbase::survey

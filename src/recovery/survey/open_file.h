@@ -31,6 +31,9 @@ class OpenedFile {
   // bytes of its header and directory are others.
   bool hasChanged() const;
 
+  // Throws in_use when it has.
+  void requireUnchanged(const std::filesystem::path& path, const char* operation) const;
+
   // Who may do what with it, for files that are made from it; of a device, what its owner may.
   // Throws cannot_read.
   platform::FileAccess access(const std::filesystem::path& path, const char* operation) const;
