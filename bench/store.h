@@ -5,17 +5,42 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "workloads/values.h"
 
 namespace bench {
 
 using Key = uint64_t;
-using Bytes = std::vector<char>;
+
+// What a walk has seen. It copies each value, as an application that uses values does.
+class Walked {
+ public:
+  void key(Key key) {
+    ++records;
+    keys += key;
+  }
+  void value(const void* bytes, size_t size) {
+    const auto* from = static_cast<const char*>(bytes);
+    copy_.assign(from, from + size);
+    ++records;
+    this->bytes += size;
+    stamps += stampOf(copy_);
+  }
+
+  uint64_t records = 0;
+  uint64_t keys = 0;    // their sum
+  uint64_t bytes = 0;   // of all values
+  uint64_t stamps = 0;  // their sum
+
+ private:
+  Bytes copy_;
+};
 
 class Store {
  public:
@@ -25,31 +50,34 @@ class Store {
   virtual void open(const std::filesystem::path& folder) = 0;
   virtual void close() = 0;
 
+  // Called before operations, outside the time: whether they look records up by their keys. Ours
+  // makes its index then, or drops it.
+  virtual void expectLookups(bool /*areExpected*/) {}
+
   // Adds a record under the next key and returns it. Stores that make their own keys do so.
   virtual Key append(std::span<const char> value) = 0;
-  // Adds `count` records of this value in the way that the store recommends for many.
-  virtual void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) = 0;
+  // Adds as many records as `keys` takes, the values with the stamps from `stamp` on, in the way
+  // that the store recommends for many.
+  virtual void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) = 0;
 
-  // Walks all records: a sum over the keys; the sum of the bytes of all values.
-  virtual uint64_t scanKeys() = 0;
-  virtual uint64_t scanValues() = 0;
+  // Walks all records: their keys; their values.
+  virtual Walked scanKeys() = 0;
+  virtual Walked scanValues() = 0;
 
-  // Reads the values of the records that were added last; their bytes.
-  virtual uint64_t lastValues(size_t /*count*/) { return 0; }
+  // Stores in the order of the records: the values of up to `count` records after the one with this
+  // key; of the `count` records that were added last.
+  virtual Walked valuesAfter(Key, size_t /*count*/) { return {}; }
+  virtual Walked lastValues(size_t /*count*/) { return {}; }
 
+  // Reads a value, or reports that there is no such record.
   virtual bool get(Key key, Bytes* value) = 0;
   virtual bool update(Key key, std::span<const char> value) = 0;
   virtual bool remove(Key key) = 0;
 
-  // The read of one record right after opening: the first one.
-  virtual void firstRead(Key first, Bytes* value) {
-    if (!get(first, value)) throw std::runtime_error("the first record is not there");
-  }
+  // Gives dead space back, and leaves the store open.
+  virtual void compact() {}
 
-  // Gives dead space back; false when the store cannot.
-  virtual bool compact() = 0;
-
-  // Reads the whole store, which is closed, to see that it is sound. Only ours is asked.
+  // Reads the whole store, which is closed, to see that it is sound.
   virtual void inspect() {}
 };
 
@@ -57,27 +85,40 @@ class Store {
   throw std::runtime_error(what);
 }
 
+// What a store can do, as a sum; every one can add records and walk over all of them.
+enum Ability : unsigned {
+  kLookUp = 1,       // by key, in less time than a walk takes
+  kOrdered = 2,      // walks in the order of its records from any of them
+  kCompact = 4,      // gives dead space back
+  kInspect = 8,      // sees whether it is sound
+  kSideBySide = 16,  // is read by several threads and processes of ours
+  kChain = 32,       // looks records up by walking
+};
+
 struct StoreKind {
   std::string name;
-  std::function<std::unique_ptr<Store>()> make;
+  std::string summary;
+  unsigned abilities;
+  std::unique_ptr<Store> (*make)(size_t expectedRecords);
 };
 
 // All of them; ours first.
 const std::vector<StoreKind>& storeKinds();
 
-// One for each source in stores/.
-std::unique_ptr<Store> makeQvdbaseC();      // the C interface alone
-std::unique_ptr<Store> makeQvdbaseIndex();  // the C++ layer, with an index
-std::unique_ptr<Store> makeSqliteWal();
-std::unique_ptr<Store> makeSqliteRollback();
-std::unique_ptr<Store> makeLmdb();
-std::unique_ptr<Store> makeLmdbWritemap();
-std::unique_ptr<Store> makeLevelDb();
-std::unique_ptr<Store> makeRocksDb();
-std::unique_ptr<Store> makeTkrzw();
-std::unique_ptr<Store> makeTokyoCabinet();
-std::unique_ptr<Store> makeGdbm();
-std::unique_ptr<Store> makeBerkeleyDb();
+// One for each source in stores/. Hash stores get as many buckets as their manuals recommend for
+// the number of records that is expected.
+std::unique_ptr<Store> makeQvdbaseC(size_t);      // the C interface alone
+std::unique_ptr<Store> makeQvdbaseLayer(size_t);  // the C++ layer, with an index
+std::unique_ptr<Store> makeSqliteWal(size_t);
+std::unique_ptr<Store> makeSqliteRollback(size_t);
+std::unique_ptr<Store> makeLmdb(size_t);
+std::unique_ptr<Store> makeLmdbWritemap(size_t);
+std::unique_ptr<Store> makeLevelDb(size_t);
+std::unique_ptr<Store> makeRocksDb(size_t);
+std::unique_ptr<Store> makeTkrzw(size_t expectedRecords);
+std::unique_ptr<Store> makeTokyoCabinet(size_t expectedRecords);
+std::unique_ptr<Store> makeGdbm(size_t);
+std::unique_ptr<Store> makeBerkeleyDb(size_t);
 
 // Keys as ordered stores want them: most significant byte first.
 struct KeyBytes {

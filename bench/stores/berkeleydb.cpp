@@ -46,29 +46,30 @@ class BerkeleyDb : public Store {
     put(nullptr, next_, value);
     return next_++;
   }
-  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    while (count > 0) {
+  void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
+    for (size_t done = 0; done < keys.size();) {
       DB_TXN* txn = nullptr;
       check(env_->txn_begin(env_, nullptr, &txn, 0));
-      for (size_t i = 0; i < 1000 && count > 0; ++i, --count) {
-        if (keys != nullptr) keys->push_back(next_);
-        put(txn, next_++, value);
+      for (size_t i = 0; i < 1000 && done < keys.size(); ++i) {
+        keys[done++] = next_;
+        put(txn, next_++, values.of(stamp++));
       }
       check(txn->commit(txn, 0));
       if (++batches_ % 100 == 0) env_->txn_checkpoint(env_, 0, 0, 0);
     }
   }
 
-  uint64_t scanKeys() override {
-    return scan([](const DBT& key, const DBT&) { return keyOf(key.data); });
+  Walked scanKeys() override {
+    return walk(dbt(nullptr, 0), {DB_FIRST, DB_NEXT}, kAll,
+                [](Walked& seen, const DBT& key, const DBT&) { seen.key(keyOf(key.data)); });
   }
-  uint64_t scanValues() override {
-    Bytes copy;
-    return scan([&](const DBT&, const DBT& value) {
-      const auto* bytes = static_cast<const char*>(value.data);
-      copy.assign(bytes, bytes + value.size);
-      return static_cast<uint64_t>(copy.size());
-    });
+  Walked scanValues() override { return values(dbt(nullptr, 0), {DB_FIRST, DB_NEXT}, kAll); }
+  Walked valuesAfter(Key key, size_t count) override {
+    const KeyBytes bytes(key + 1);
+    return values(dbt(bytes.bytes, sizeof bytes.bytes), {DB_SET_RANGE, DB_NEXT}, count);
+  }
+  Walked lastValues(size_t count) override {
+    return values(dbt(nullptr, 0), {DB_LAST, DB_PREV}, count);
   }
 
   bool get(Key key, Bytes* value) override {
@@ -89,27 +90,41 @@ class BerkeleyDb : public Store {
     DBT k = dbt(bytes.bytes, sizeof bytes.bytes);
     return db_->del(db_, nullptr, &k, 0) == 0;
   }
-  bool compact() override {
-    return db_->compact(db_, nullptr, nullptr, nullptr, nullptr, DB_FREE_SPACE, nullptr) == 0;
+  void compact() override {
+    check(db_->compact(db_, nullptr, nullptr, nullptr, nullptr, DB_FREE_SPACE, nullptr));
   }
 
  private:
+  struct Steps {
+    u_int32_t first;
+    u_int32_t next;
+  };
+  static constexpr size_t kAll = SIZE_MAX;
+
   void put(DB_TXN* txn, Key key, std::span<const char> value) {
     const KeyBytes bytes(key);
     DBT k = dbt(bytes.bytes, sizeof bytes.bytes);
     DBT v = dbt(value.data(), value.size());
     check(db_->put(db_, txn, &k, &v, 0));
   }
+  Walked values(DBT from, Steps steps, size_t count) {
+    return walk(from, steps, count, [](Walked& seen, const DBT&, const DBT& value) {
+      seen.value(value.data, value.size);
+    });
+  }
   template <typename Row>
-  uint64_t scan(Row row) {
+  Walked walk(DBT key, Steps steps, size_t count, Row row) {
     DBC* cursor = nullptr;
     check(db_->cursor(db_, nullptr, &cursor, 0));
-    uint64_t sum = 0;
-    DBT key = dbt(nullptr, 0);
+    Walked seen;
     DBT value = dbt(nullptr, 0);
-    while (cursor->get(cursor, &key, &value, DB_NEXT) == 0) sum += row(key, value);
+    u_int32_t step = steps.first;
+    for (; count > 0 && cursor->get(cursor, &key, &value, step) == 0; --count) {
+      row(seen, key, value);
+      step = steps.next;
+    }
     cursor->close(cursor);
-    return sum;
+    return seen;
   }
 
   DB_ENV* env_ = nullptr;
@@ -120,7 +135,7 @@ class BerkeleyDb : public Store {
 
 }  // namespace
 
-std::unique_ptr<Store> makeBerkeleyDb() {
+std::unique_ptr<Store> makeBerkeleyDb(size_t) {
   return std::make_unique<BerkeleyDb>();
 }
 

@@ -24,21 +24,18 @@ class Gdbm : public Store {
     put(next_, value);
     return next_++;
   }
-  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    for (size_t i = 0; i < count; ++i) {
-      const Key key = append(value);
-      if (keys != nullptr) keys->push_back(key);
-    }
+  void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
+    for (Key& key : keys) key = append(values.of(stamp++));
   }
 
-  uint64_t scanKeys() override {
-    return scan([](datum key) { return keyOf(key.dptr); });
+  Walked scanKeys() override {
+    return scan([](Walked& seen, datum key) { seen.key(keyOf(key.dptr)); });
   }
-  uint64_t scanValues() override {
-    return scan([this](datum key) {
+  Walked scanValues() override {
+    return scan([this](Walked& seen, datum key) {
       const datum value = gdbm_fetch(db_, key);
+      seen.value(value.dptr, static_cast<size_t>(value.dsize));
       std::free(value.dptr);
-      return static_cast<uint64_t>(value.dsize);
     });
   }
 
@@ -58,7 +55,9 @@ class Gdbm : public Store {
     const KeyBytes bytes(key);
     return gdbm_delete(db_, datumOf(bytes.bytes)) == 0;
   }
-  bool compact() override { return gdbm_reorganize(db_) == 0; }
+  void compact() override {
+    if (gdbm_reorganize(db_) != 0) failed("gdbm: reorganize");
+  }
 
  private:
   void put(Key key, std::span<const char> value) {
@@ -67,16 +66,16 @@ class Gdbm : public Store {
       failed("gdbm: store");
   }
   template <typename Row>
-  uint64_t scan(Row row) {
-    uint64_t sum = 0;
+  Walked scan(Row row) {
+    Walked seen;
     datum key = gdbm_firstkey(db_);
     while (key.dptr != nullptr) {
-      sum += row(key);
+      row(seen, key);
       const datum next = gdbm_nextkey(db_, key);
       std::free(key.dptr);
       key = next;
     }
-    return sum;
+    return seen;
   }
 
   GDBM_FILE db_ = nullptr;
@@ -85,7 +84,7 @@ class Gdbm : public Store {
 
 }  // namespace
 
-std::unique_ptr<Store> makeGdbm() {
+std::unique_ptr<Store> makeGdbm(size_t) {
   return std::make_unique<Gdbm>();
 }
 

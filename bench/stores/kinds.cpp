@@ -4,19 +4,22 @@
 namespace bench {
 
 const std::vector<StoreKind>& storeKinds() {
+  static constexpr unsigned kHash = kLookUp | kCompact;
+  static constexpr unsigned kTree = kHash | kOrdered;
   static const std::vector<StoreKind> kinds{
-      {"qvdbase", makeQvdbaseIndex},
-      {"qvdbase-c", makeQvdbaseC},
-      {"sqlite-wal", makeSqliteWal},
-      {"sqlite-rollback", makeSqliteRollback},
-      {"lmdb", makeLmdb},
-      {"lmdb-writemap", makeLmdbWritemap},
-      {"leveldb", makeLevelDb},
-      {"rocksdb", makeRocksDb},
-      {"tkrzw", makeTkrzw},
-      {"tokyocabinet", makeTokyoCabinet},
-      {"gdbm", makeGdbm},
-      {"berkeleydb", makeBerkeleyDb},
+      {"qvdbase", "our C++ layer, open exclusively, with an index", kTree | kInspect | kSideBySide,
+       makeQvdbaseLayer},
+      {"qvdbase-c", "our C interface alone", kChain, makeQvdbaseC},
+      {"sqlite-wal", "SQLite with a write-ahead log", kTree, makeSqliteWal},
+      {"sqlite-rollback", "SQLite with a rollback journal", kTree, makeSqliteRollback},
+      {"lmdb", "LMDB", kTree, makeLmdb},
+      {"lmdb-writemap", "LMDB with a writable map", kTree, makeLmdbWritemap},
+      {"leveldb", "LevelDB", kTree, makeLevelDb},
+      {"rocksdb", "RocksDB", kTree, makeRocksDb},
+      {"tkrzw", "tkrzw's hash database", kHash, makeTkrzw},
+      {"tokyocabinet", "Tokyo Cabinet's hash database", kHash, makeTokyoCabinet},
+      {"gdbm", "GDBM", kHash, makeGdbm},
+      {"berkeleydb", "Berkeley DB's B-tree", kTree, makeBerkeleyDb},
   };
   return kinds;
 }

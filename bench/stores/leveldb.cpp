@@ -22,7 +22,7 @@ struct Api {
 
 }  // namespace
 
-std::unique_ptr<Store> makeLevelDb() {
+std::unique_ptr<Store> makeLevelDb(size_t) {
   return std::make_unique<LogStructuredStore<Api>>();
 }
 

@@ -16,6 +16,7 @@ class Lmdb : public Store {
   explicit Lmdb(unsigned flags) : flags_(flags) {}
 
   void open(const std::filesystem::path& folder) override {
+    folder_ = folder;
     check(mdb_env_create(&env_));
     check(mdb_env_set_mapsize(env_, size_t{32} << 30));
     check(mdb_env_open(env_, folder.c_str(), MDB_NOSYNC | flags_, 0644));
@@ -31,26 +32,26 @@ class Lmdb : public Store {
     check(mdb_txn_commit(txn));
     return next_++;
   }
-  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+  void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
     MDB_txn* txn = begin(0);
-    for (size_t i = 0; i < count; ++i) {
-      if (keys != nullptr) keys->push_back(next_);
-      put(txn, next_++, value, MDB_APPEND);
+    for (Key& key : keys) {
+      key = next_++;
+      put(txn, key, values.of(stamp++), MDB_APPEND);
     }
     check(mdb_txn_commit(txn));
   }
 
-  uint64_t scanKeys() override {
-    return scan([](const MDB_val& key, const MDB_val&) { return keyOf(key.mv_data); });
+  Walked scanKeys() override {
+    return walk(
+        {}, {MDB_FIRST, MDB_NEXT}, kAll,
+        [](Walked& seen, const MDB_val& key, const MDB_val&) { seen.key(keyOf(key.mv_data)); });
   }
-  uint64_t scanValues() override {
-    Bytes copy;
-    return scan([&](const MDB_val&, const MDB_val& value) {
-      const auto* bytes = static_cast<const char*>(value.mv_data);
-      copy.assign(bytes, bytes + value.mv_size);
-      return static_cast<uint64_t>(copy.size());
-    });
+  Walked scanValues() override { return values({}, {MDB_FIRST, MDB_NEXT}, kAll); }
+  Walked valuesAfter(Key key, size_t count) override {
+    KeyBytes bytes(key + 1);
+    return values({sizeof bytes.bytes, bytes.bytes}, {MDB_SET_RANGE, MDB_NEXT}, count);
   }
+  Walked lastValues(size_t count) override { return values({}, {MDB_LAST, MDB_PREV}, count); }
 
   bool get(Key key, Bytes* value) override {
     MDB_txn* txn = begin(MDB_RDONLY);
@@ -79,9 +80,23 @@ class Lmdb : public Store {
     check(mdb_txn_commit(txn));
     return found;
   }
-  bool compact() override { return false; }
+  // Its compacting copy, which then takes the place of the database.
+  void compact() override {
+    const std::filesystem::path copy = folder_ / "copy";
+    std::filesystem::create_directory(copy);
+    check(mdb_env_copy2(env_, copy.c_str(), MDB_CP_COMPACT));
+    close();
+    std::filesystem::rename(copy / "data.mdb", folder_ / "data.mdb");
+    open(folder_);
+  }
 
  private:
+  struct Steps {
+    MDB_cursor_op first;
+    MDB_cursor_op next;
+  };
+  static constexpr size_t kAll = SIZE_MAX;
+
   MDB_txn* begin(unsigned flags) {
     MDB_txn* txn = nullptr;
     check(mdb_txn_begin(env_, nullptr, flags, &txn));
@@ -93,21 +108,30 @@ class Lmdb : public Store {
     MDB_val v{value.size(), const_cast<char*>(value.data())};
     check(mdb_put(txn, dbi_, &k, &v, flags));
   }
+  Walked values(MDB_val from, Steps steps, size_t count) {
+    return walk(from, steps, count, [](Walked& seen, const MDB_val&, const MDB_val& value) {
+      seen.value(value.mv_data, value.mv_size);
+    });
+  }
   template <typename Row>
-  uint64_t scan(Row row) {
+  Walked walk(MDB_val key, Steps steps, size_t count, Row row) {
     MDB_txn* txn = begin(MDB_RDONLY);
     MDB_cursor* cursor = nullptr;
     check(mdb_cursor_open(txn, dbi_, &cursor));
-    uint64_t sum = 0;
-    MDB_val key;
+    Walked seen;
     MDB_val value;
-    while (mdb_cursor_get(cursor, &key, &value, MDB_NEXT) == MDB_SUCCESS) sum += row(key, value);
+    MDB_cursor_op step = steps.first;
+    for (; count > 0 && mdb_cursor_get(cursor, &key, &value, step) == MDB_SUCCESS; --count) {
+      row(seen, key, value);
+      step = steps.next;
+    }
     mdb_cursor_close(cursor);
     mdb_txn_abort(txn);
-    return sum;
+    return seen;
   }
 
   unsigned flags_;
+  std::filesystem::path folder_;
   MDB_env* env_ = nullptr;
   MDB_dbi dbi_ = 0;
   Key next_ = 1;
@@ -115,10 +139,10 @@ class Lmdb : public Store {
 
 }  // namespace
 
-std::unique_ptr<Store> makeLmdb() {
+std::unique_ptr<Store> makeLmdb(size_t) {
   return std::make_unique<Lmdb>(0);
 }
-std::unique_ptr<Store> makeLmdbWritemap() {
+std::unique_ptr<Store> makeLmdbWritemap(size_t) {
   return std::make_unique<Lmdb>(MDB_WRITEMAP);
 }
 

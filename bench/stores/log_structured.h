@@ -24,26 +24,45 @@ class LogStructuredStore : public Store {
     check(db_->Put({}, slice(KeyBytes(next_)), slice(value)));
     return next_++;
   }
-  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    while (count > 0) {
+  void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
+    for (size_t done = 0; done < keys.size();) {
       typename Api::WriteBatch batch;
-      for (size_t i = 0; i < 1000 && count > 0; ++i, --count) {
-        if (keys != nullptr) keys->push_back(next_);
-        batch.Put(slice(KeyBytes(next_++)), slice(value));
+      for (size_t i = 0; i < 1000 && done < keys.size(); ++i) {
+        keys[done++] = next_;
+        batch.Put(slice(KeyBytes(next_++)), slice(values.of(stamp++)));
       }
       check(db_->Write({}, &batch));
     }
   }
 
-  uint64_t scanKeys() override {
-    return scan([](auto& i) { return keyOf(i.key().data()); });
+  Walked scanKeys() override {
+    const auto i = iterator();
+    Walked seen;
+    for (i->SeekToFirst(); i->Valid(); i->Next()) seen.key(keyOf(i->key().data()));
+    return seen;
   }
-  uint64_t scanValues() override {
-    Bytes copy;
-    return scan([&](auto& i) {
-      copy.assign(i.value().data(), i.value().data() + i.value().size());
-      return static_cast<uint64_t>(copy.size());
-    });
+  Walked scanValues() override {
+    const auto i = iterator();
+    Walked seen;
+    for (i->SeekToFirst(); i->Valid(); i->Next()) seen.value(i->value().data(), i->value().size());
+    return seen;
+  }
+  Walked valuesAfter(Key key, size_t count) override {
+    const auto i = iterator();
+    Walked seen;
+    i->Seek(slice(KeyBytes(key + 1)));
+    for (; i->Valid() && count > 0; i->Next(), --count) {
+      seen.value(i->value().data(), i->value().size());
+    }
+    return seen;
+  }
+  Walked lastValues(size_t count) override {
+    const auto i = iterator();
+    Walked seen;
+    for (i->SeekToLast(); i->Valid() && count > 0; i->Prev(), --count) {
+      seen.value(i->value().data(), i->value().size());
+    }
+    return seen;
   }
 
   bool get(Key key, Bytes* value) override {
@@ -55,10 +74,7 @@ class LogStructuredStore : public Store {
     return db_->Put({}, slice(KeyBytes(key)), slice(value)).ok();
   }
   bool remove(Key key) override { return db_->Delete({}, slice(KeyBytes(key))).ok(); }
-  bool compact() override {
-    Api::compactAll(*db_);
-    return true;
-  }
+  void compact() override { Api::compactAll(*db_); }
 
  private:
   using Slice = typename Api::Slice;
@@ -70,12 +86,8 @@ class LogStructuredStore : public Store {
     if (!status.ok()) failed(Api::kName + (": " + status.ToString()));
   }
 
-  template <typename Row>
-  uint64_t scan(Row row) {
-    const std::unique_ptr<typename Api::Iterator> i(db_->NewIterator({}));
-    uint64_t sum = 0;
-    for (i->SeekToFirst(); i->Valid(); i->Next()) sum += row(*i);
-    return sum;
+  std::unique_ptr<typename Api::Iterator> iterator() {
+    return std::unique_ptr<typename Api::Iterator>(db_->NewIterator({}));
   }
 
   std::unique_ptr<typename Api::Database> db_;

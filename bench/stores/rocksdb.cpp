@@ -22,7 +22,7 @@ struct Api {
 
 }  // namespace
 
-std::unique_ptr<Store> makeRocksDb() {
+std::unique_ptr<Store> makeRocksDb(size_t) {
   return std::make_unique<LogStructuredStore<Api>>();
 }
 

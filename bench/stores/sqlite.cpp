@@ -20,12 +20,14 @@ class Sqlite : public Store {
     insert_ = prepare("INSERT INTO t (v) VALUES (?1)");
     select_ = prepare("SELECT v FROM t WHERE k = ?1");
     update_ = prepare("UPDATE t SET v = ?2 WHERE k = ?1");
+    after_ = prepare("SELECT v FROM t WHERE k > ?1 ORDER BY k LIMIT ?2");
     last_ = prepare("SELECT v FROM t ORDER BY k DESC LIMIT ?1");
     delete_ = prepare("DELETE FROM t WHERE k = ?1");
   }
   void close() override {
-    for (sqlite3_stmt* statement : {insert_, select_, update_, last_, delete_})
+    for (sqlite3_stmt* statement : {insert_, select_, update_, after_, last_, delete_}) {
       sqlite3_finalize(statement);
+    }
     sqlite3_close(db_);
   }
 
@@ -34,37 +36,35 @@ class Sqlite : public Store {
     finish(insert_);
     return static_cast<Key>(sqlite3_last_insert_rowid(db_));
   }
-  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
+  void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
     run("BEGIN");
-    for (size_t i = 0; i < count; ++i) {
-      const Key key = append(value);
-      if (keys != nullptr) keys->push_back(key);
-    }
+    for (Key& key : keys) key = append(values.of(stamp++));
     run("COMMIT");
   }
 
-  uint64_t scanKeys() override {
-    return scan("SELECT k FROM t", [](sqlite3_stmt* row) {
-      return static_cast<uint64_t>(sqlite3_column_int64(row, 0));
-    });
-  }
-  uint64_t scanValues() override {
-    return scan("SELECT k, v FROM t", [](sqlite3_stmt* row) {
-      copy_.assign(
-          static_cast<const char*>(sqlite3_column_blob(row, 1)),
-          static_cast<const char*>(sqlite3_column_blob(row, 1)) + sqlite3_column_bytes(row, 1));
-      return static_cast<uint64_t>(copy_.size());
-    });
-  }
-
-  uint64_t lastValues(size_t count) override {
-    uint64_t sum = 0;
-    sqlite3_bind_int64(last_, 1, static_cast<sqlite3_int64>(count));
-    while (sqlite3_step(last_) == SQLITE_ROW) {
-      sum += static_cast<uint64_t>(sqlite3_column_bytes(last_, 0));
+  Walked scanKeys() override {
+    sqlite3_stmt* statement = prepare("SELECT k FROM t");
+    Walked seen;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+      seen.key(static_cast<Key>(sqlite3_column_int64(statement, 0)));
     }
-    sqlite3_reset(last_);
-    return sum;
+    sqlite3_finalize(statement);
+    return seen;
+  }
+  Walked scanValues() override {
+    sqlite3_stmt* statement = prepare("SELECT v FROM t");
+    const Walked seen = valuesOf(statement);
+    sqlite3_finalize(statement);
+    return seen;
+  }
+  Walked valuesAfter(Key key, size_t count) override {
+    sqlite3_bind_int64(after_, 1, static_cast<sqlite3_int64>(key));
+    sqlite3_bind_int64(after_, 2, static_cast<sqlite3_int64>(count));
+    return valuesOf(after_);
+  }
+  Walked lastValues(size_t count) override {
+    sqlite3_bind_int64(last_, 1, static_cast<sqlite3_int64>(count));
+    return valuesOf(last_);
   }
 
   bool get(Key key, Bytes* value) override {
@@ -88,10 +88,7 @@ class Sqlite : public Store {
     finish(delete_);
     return sqlite3_changes(db_) == 1;
   }
-  bool compact() override {
-    run("VACUUM");
-    return true;
-  }
+  void compact() override { run("VACUUM"); }
 
  private:
   void run(const std::string& sql) {
@@ -108,31 +105,33 @@ class Sqlite : public Store {
     if (sqlite3_step(statement) != SQLITE_DONE) failed(sqlite3_errmsg(db_));
     sqlite3_reset(statement);
   }
-  template <typename Row>
-  uint64_t scan(const char* sql, Row row) {
-    sqlite3_stmt* statement = prepare(sql);
-    uint64_t sum = 0;
-    while (sqlite3_step(statement) == SQLITE_ROW) sum += row(statement);
-    sqlite3_finalize(statement);
-    return sum;
+  // Those of all rows, in column 0.
+  static Walked valuesOf(sqlite3_stmt* statement) {
+    Walked seen;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+      const void* bytes = sqlite3_column_blob(statement, 0);
+      seen.value(bytes, static_cast<size_t>(sqlite3_column_bytes(statement, 0)));
+    }
+    sqlite3_reset(statement);
+    return seen;
   }
 
-  static inline Bytes copy_;
   const char* journal_;
   sqlite3* db_ = nullptr;
   sqlite3_stmt* insert_ = nullptr;
   sqlite3_stmt* select_ = nullptr;
   sqlite3_stmt* update_ = nullptr;
+  sqlite3_stmt* after_ = nullptr;
   sqlite3_stmt* last_ = nullptr;
   sqlite3_stmt* delete_ = nullptr;
 };
 
 }  // namespace
 
-std::unique_ptr<Store> makeSqliteWal() {
+std::unique_ptr<Store> makeSqliteWal(size_t) {
   return std::make_unique<Sqlite>("WAL");
 }
-std::unique_ptr<Store> makeSqliteRollback() {
+std::unique_ptr<Store> makeSqliteRollback(size_t) {
   return std::make_unique<Sqlite>("TRUNCATE");
 }
 

@@ -12,9 +12,11 @@ void check(const tkrzw::Status& status) {
 
 class Tkrzw : public Store {
  public:
+  explicit Tkrzw(size_t records) : buckets_(static_cast<int64_t>(records * 2)) {}
+
   void open(const std::filesystem::path& folder) override {
     tkrzw::HashDBM::TuningParameters tuning;
-    tuning.num_buckets = 2'000'003;
+    tuning.num_buckets = buckets_;
     check(db_.OpenAdvanced(folder / "data.tkh", true, tkrzw::File::OPEN_DEFAULT, tuning));
   }
   void close() override { check(db_.Close()); }
@@ -23,27 +25,25 @@ class Tkrzw : public Store {
     check(db_.Set(KeyBytes(next_).view(), {value.data(), value.size()}));
     return next_++;
   }
-  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    for (size_t i = 0; i < count; ++i) {
-      const Key key = append(value);
-      if (keys != nullptr) keys->push_back(key);
-    }
+  void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
+    for (Key& key : keys) key = append(values.of(stamp++));
   }
 
-  uint64_t scanKeys() override {
-    uint64_t sum = 0;
+  Walked scanKeys() override {
+    Walked seen;
     const auto i = db_.MakeIterator();
     std::string key;
-    for (i->First(); i->Get(&key, nullptr).IsOK(); i->Next()) sum += keyOf(key.data());
-    return sum;
+    for (i->First(); i->Get(&key, nullptr).IsOK(); i->Next()) seen.key(keyOf(key.data()));
+    return seen;
   }
-  uint64_t scanValues() override {
-    uint64_t sum = 0;
+  Walked scanValues() override {
+    Walked seen;
     const auto i = db_.MakeIterator();
-    std::string key;
     std::string value;
-    for (i->First(); i->Get(&key, &value).IsOK(); i->Next()) sum += value.size();
-    return sum;
+    for (i->First(); i->Get(nullptr, &value).IsOK(); i->Next()) {
+      seen.value(value.data(), value.size());
+    }
+    return seen;
   }
 
   bool get(Key key, Bytes* value) override {
@@ -55,9 +55,10 @@ class Tkrzw : public Store {
     return db_.Set(KeyBytes(key).view(), {value.data(), value.size()}).IsOK();
   }
   bool remove(Key key) override { return db_.Remove(KeyBytes(key).view()).IsOK(); }
-  bool compact() override { return db_.Rebuild().IsOK(); }
+  void compact() override { check(db_.Rebuild()); }
 
  private:
+  int64_t buckets_;
   tkrzw::HashDBM db_;
   std::string found_;
   Key next_ = 1;
@@ -65,8 +66,8 @@ class Tkrzw : public Store {
 
 }  // namespace
 
-std::unique_ptr<Store> makeTkrzw() {
-  return std::make_unique<Tkrzw>();
+std::unique_ptr<Store> makeTkrzw(size_t expectedRecords) {
+  return std::make_unique<Tkrzw>(expectedRecords);
 }
 
 }  // namespace bench

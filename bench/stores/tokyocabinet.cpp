@@ -10,9 +10,11 @@ namespace {
 
 class TokyoCabinet : public Store {
  public:
+  explicit TokyoCabinet(size_t records) : buckets_(static_cast<int64_t>(records * 2)) {}
+
   void open(const std::filesystem::path& folder) override {
     db_ = tchdbnew();
-    tchdbtune(db_, 2'000'003, -1, -1, HDBTLARGE);
+    tchdbtune(db_, buckets_, -1, -1, HDBTLARGE);
     tchdbsetxmsiz(db_, int64_t{64} << 20);
     if (!tchdbopen(db_, (folder / "data.tch").c_str(), HDBOWRITER | HDBOCREAT))
       failed("tokyocabinet: open");
@@ -23,32 +25,31 @@ class TokyoCabinet : public Store {
     put(next_, value);
     return next_++;
   }
-  void appendMany(size_t count, std::span<const char> value, std::vector<Key>* keys) override {
-    for (size_t i = 0; i < count; ++i) {
-      const Key key = append(value);
-      if (keys != nullptr) keys->push_back(key);
-    }
+  void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
+    for (Key& key : keys) key = append(values.of(stamp++));
   }
 
-  uint64_t scanKeys() override {
-    uint64_t sum = 0;
+  Walked scanKeys() override {
+    Walked seen;
     int size = 0;
     tchdbiterinit(db_);
     while (void* key = tchdbiternext(db_, &size)) {
-      sum += keyOf(key);
+      seen.key(keyOf(key));
       std::free(key);
     }
-    return sum;
+    return seen;
   }
-  uint64_t scanValues() override {
-    uint64_t sum = 0;
+  Walked scanValues() override {
+    Walked seen;
     TCXSTR* key = tcxstrnew();
     TCXSTR* value = tcxstrnew();
     tchdbiterinit(db_);
-    while (tchdbiternext3(db_, key, value)) sum += static_cast<uint64_t>(tcxstrsize(value));
+    while (tchdbiternext3(db_, key, value)) {
+      seen.value(tcxstrptr(value), static_cast<size_t>(tcxstrsize(value)));
+    }
     tcxstrdel(key);
     tcxstrdel(value);
-    return sum;
+    return seen;
   }
 
   bool get(Key key, Bytes* value) override {
@@ -68,7 +69,9 @@ class TokyoCabinet : public Store {
     const KeyBytes bytes(key);
     return tchdbout(db_, bytes.bytes, sizeof bytes.bytes);
   }
-  bool compact() override { return tchdboptimize(db_, -1, -1, -1, UINT8_MAX); }
+  void compact() override {
+    if (!tchdboptimize(db_, -1, -1, -1, UINT8_MAX)) failed("tokyocabinet: optimize");
+  }
 
  private:
   void put(Key key, std::span<const char> value) {
@@ -79,14 +82,15 @@ class TokyoCabinet : public Store {
     }
   }
 
+  int64_t buckets_;
   TCHDB* db_ = nullptr;
   Key next_ = 1;
 };
 
 }  // namespace
 
-std::unique_ptr<Store> makeTokyoCabinet() {
-  return std::make_unique<TokyoCabinet>();
+std::unique_ptr<Store> makeTokyoCabinet(size_t expectedRecords) {
+  return std::make_unique<TokyoCabinet>(expectedRecords);
 }
 
 }  // namespace bench

@@ -1,6 +1,6 @@
 // Readers of one database side by side. Threads and processes do the same work, keep step by the
 // same barrier, and note their times in the same memory, which is shared.
-#include "readers.h"
+#include "workloads/readers.h"
 
 #include <pthread.h>
 #include <sys/mman.h>

@@ -1,0 +1,276 @@
+#include "workloads/raw.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <vector>
+
+#include "workloads/workload.h"
+
+namespace bench {
+namespace {
+
+constexpr size_t kHeader = 55;     // bytes of a block before its value; a mark follows the value
+constexpr size_t kDirectory = 22;  // where the slot of a table is
+constexpr size_t kSlot = 144;
+constexpr size_t kLink = 8;
+constexpr size_t kPiece = size_t{1} << 20;  // of a large transfer
+
+class File {
+ public:
+  explicit File(std::filesystem::path path)
+      : path_(std::move(path)), descriptor_(::open(path_.c_str(), O_RDWR | O_CREAT, 0644)) {
+    if (descriptor_ < 0) failed("raw: no file");
+  }
+  ~File() {
+    ::close(descriptor_);
+    ::unlink(path_.c_str());
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+
+  void write(const void* bytes, size_t count, size_t position) const {
+    if (pwrite(descriptor_, bytes, count, static_cast<off_t>(position)) !=
+        static_cast<ssize_t>(count)) {
+      failed("raw: cannot write");
+    }
+  }
+  void read(void* bytes, size_t count, size_t position) const {
+    if (pread(descriptor_, bytes, count, static_cast<off_t>(position)) < 0) {
+      failed("raw: cannot read");
+    }
+  }
+  void fill(size_t bytes) const {
+    const std::vector<char> piece(kPiece, 'r');
+    for (size_t at = 0; at < bytes; at += kPiece) {
+      write(piece.data(), std::min(kPiece, bytes - at), at);
+    }
+  }
+  void waitForDevice() const { fdatasync(descriptor_); }
+
+ private:
+  std::filesystem::path path_;
+  int descriptor_;
+};
+
+}  // namespace
+
+class RawStore {
+ public:
+  RawStore(Size size, std::filesystem::path scratch)
+      : block(size.value + kHeader + 1),
+        records(size.records),
+        end(block * records),
+        scratch_(std::move(scratch)) {}
+
+  const File& file() {
+    if (!file_) {
+      file_.emplace(path("raw-file"));
+      file_->fill(bytes());
+      file_->waitForDevice();
+    }
+    return *file_;
+  }
+  const std::vector<char>& memory() {
+    if (memory_.empty()) memory_.resize(bytes(), 'm');
+    return memory_;
+  }
+  size_t bytes() const { return block * records; }
+  std::filesystem::path path(const char* name) const { return scratch_ / name; }
+
+  // Places of blocks, drawn before the time begins.
+  std::vector<size_t> anyPlaces(size_t count) {
+    std::vector<size_t> places(count);
+    for (size_t& place : places) place = random_() % records * block;
+    return places;
+  }
+
+  const size_t block;  // bytes of a block
+  const size_t records;
+  size_t end;  // of the file, which grows
+
+ private:
+  std::filesystem::path scratch_;
+  std::optional<File> file_;
+  std::vector<char> memory_;
+  std::mt19937_64 random_{2};
+};
+
+std::shared_ptr<RawStore> makeRawStore(Size size, const std::filesystem::path& scratch) {
+  return std::make_shared<RawStore>(size, scratch);
+}
+
+namespace {
+
+// Keeps the compiler from leaving out a copy that nothing reads.
+void use(const void* bytes) {
+  asm volatile("" : : "r"(bytes) : "memory");
+}
+
+void copyFromMemory(RawStore& raw, Turn& turn, size_t offset, size_t count) {
+  const std::vector<char>& memory = raw.memory();
+  std::vector<char> copy(count);
+  const size_t walks = std::max<size_t>(1, 100'000 / raw.records);
+  turn.timed(raw.records * walks, [&] {
+    for (size_t i = 0; i < walks; ++i) {
+      for (size_t at = 0; at < memory.size(); at += raw.block) {
+        std::memcpy(copy.data(), memory.data() + at + offset, count);
+        use(copy.data());
+      }
+    }
+  });
+}
+
+void copyHeaders(RawStore& raw, Turn& turn) {
+  copyFromMemory(raw, turn, 0, kHeader);
+}
+
+void copyValues(RawStore& raw, Turn& turn) {
+  copyFromMemory(raw, turn, kHeader, raw.block - kHeader - 1);
+}
+
+void copyAnyBlock(RawStore& raw, Turn& turn) {
+  const std::vector<char>& memory = raw.memory();
+  const std::vector<size_t> places = raw.anyPlaces(kReads);
+  std::vector<char> copy(raw.block);
+  turn.timed(places.size(), [&] {
+    for (const size_t place : places) {
+      std::memcpy(copy.data(), memory.data() + place, copy.size());
+      use(copy.data());
+    }
+  });
+}
+
+void readAnyBlock(RawStore& raw, Turn& turn) {
+  const File& file = raw.file();
+  const std::vector<size_t> places = raw.anyPlaces(kReads);
+  std::vector<char> copy(raw.block);
+  turn.timed(places.size(), [&] {
+    for (const size_t place : places) file.read(copy.data(), copy.size(), place);
+  });
+}
+
+void readAll(RawStore& raw, Turn& turn) {
+  const File& file = raw.file();
+  std::vector<char> piece(kPiece);
+  turn.timed(raw.records, [&] {
+    for (size_t at = 0; at < raw.bytes(); at += kPiece) file.read(piece.data(), kPiece, at);
+  });
+}
+
+void openAndReadBlock(RawStore& raw, Turn& turn) {
+  const std::filesystem::path path = raw.file().path();
+  std::vector<char> copy(raw.block);
+  for (const size_t place : raw.anyPlaces(20)) {
+    turn.timed(1, [&] {
+      const int descriptor = ::open(path.c_str(), O_RDWR);
+      if (pread(descriptor, copy.data(), copy.size(), static_cast<off_t>(place)) < 0) {
+        failed("raw: cannot read");
+      }
+      ::close(descriptor);
+    });
+  }
+}
+
+void writeAnyValue(RawStore& raw, Turn& turn) {
+  const File& file = raw.file();
+  const std::vector<char> value(raw.block - kHeader - 1, 'v');
+  const std::vector<size_t> places = raw.anyPlaces(changesOf(raw.records));
+  turn.timed(places.size(), [&] {
+    for (const size_t place : places) file.write(value.data(), value.size(), place + kHeader);
+  });
+}
+
+void appendBlock(RawStore& raw, Turn& turn) {
+  const File& file = raw.file();
+  const std::vector<char> block(raw.block, 'b');
+  const char slot[kSlot] = {};
+  const size_t count = changesOf(raw.records);
+  turn.timed(count, [&] {
+    for (size_t i = 0; i < count; ++i) {
+      file.write(block.data(), block.size(), raw.end);
+      file.write(slot, kLink, raw.end - raw.block);
+      file.write(slot, kSlot, kDirectory);
+      raw.end += raw.block;
+    }
+  });
+}
+
+void moveAnyBlock(RawStore& raw, Turn& turn) {
+  const File& file = raw.file();
+  const std::vector<char> block(raw.block + (raw.block - kHeader - 1) / 2, 'b');
+  const char link[kLink] = {};
+  const std::vector<size_t> places = raw.anyPlaces(changesOf(raw.records));
+  turn.timed(places.size(), [&] {
+    for (const size_t place : places) {
+      file.write(block.data(), block.size(), raw.end);
+      file.write(link, kLink, place);
+      file.write(link, kLink, place + kLink);
+      raw.end += block.size();
+    }
+  });
+}
+
+void unlinkAnyBlock(RawStore& raw, Turn& turn) {
+  const File& file = raw.file();
+  const char slot[kSlot] = {};
+  const std::vector<size_t> places = raw.anyPlaces(changesOf(raw.records));
+  turn.timed(places.size(), [&] {
+    for (const size_t place : places) {
+      file.write(slot, kLink, place);
+      file.write(slot, kLink, place + kLink);
+      file.write(slot, kSlot, kDirectory);
+    }
+  });
+}
+
+void writeAll(RawStore& raw, Turn& turn) {
+  const File fresh(raw.path("raw-batch"));
+  turn.timed(raw.records, [&] { fresh.fill(raw.bytes()); });
+}
+
+void copyFile(RawStore& raw, Turn& turn) {
+  const File& from = raw.file();
+  const File to(raw.path("raw-copy"));
+  std::vector<char> piece(kPiece);
+  turn.timed(raw.records, [&] {
+    for (size_t at = 0; at < raw.bytes(); at += kPiece) {
+      const size_t count = std::min(kPiece, raw.bytes() - at);
+      from.read(piece.data(), count, at);
+      to.write(piece.data(), count, at);
+    }
+    to.waitForDevice();
+  });
+}
+
+constexpr RawLimit kLimits[] = {
+    {"scan-ids", "raw-memcpy", "copy each header out of memory that holds all blocks", copyHeaders},
+    {"scan-payloads", "raw-memcpy", "copy each value out of the same memory", copyValues},
+    {"lookup", "raw-memcpy", "copy a random block out of the same memory", copyAnyBlock},
+    {"lookup", "raw-pread", "pread of a random block", readAnyBlock},
+    {"open+read", "raw-pread", "open, one pread, close", openAndReadBlock},
+    {"check", "raw-pread", "large preads of the whole file", readAll},
+    {"ycsb-c", "raw-memcpy", "copy a random block out of memory", copyAnyBlock},
+    {"update", "raw-pwrite", "pwrite of the value in a random block", writeAnyValue},
+    {"append", "raw-pwrite", "three pwrites: a block, a link, a slot", appendBlock},
+    {"grow", "raw-pwrite", "three pwrites: a block, two links", moveAnyBlock},
+    {"delete", "raw-pwrite", "three pwrites: two links, a slot", unlinkAnyBlock},
+    {"batch", "raw-pwrite", "large pwrites of the bytes of all blocks", writeAll},
+    {"compact", "raw-copy", "large preads and pwrites of the whole file, and fdatasync", copyFile},
+    {"compact-in-order", "raw-copy", "the same", copyFile},
+};
+
+}  // namespace
+
+std::span<const RawLimit> rawLimits() {
+  return kLimits;
+}
+
+}  // namespace bench
