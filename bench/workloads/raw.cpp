@@ -21,6 +21,10 @@ constexpr size_t kSlot = 144;
 constexpr size_t kLink = 8;
 constexpr size_t kPiece = size_t{1} << 20;  // of a large transfer
 
+// What a file is written in whose bytes are changed later: the page cache holds larger pieces in
+// larger units, and a write of a few bytes to such a unit takes longer.
+constexpr size_t kSmallPiece = size_t{64} << 10;
+
 class File {
  public:
   explicit File(std::filesystem::path path)
@@ -47,10 +51,10 @@ class File {
       failed("raw: cannot read");
     }
   }
-  void fill(size_t bytes) const {
-    const std::vector<char> piece(kPiece, 'r');
-    for (size_t at = 0; at < bytes; at += kPiece) {
-      write(piece.data(), std::min(kPiece, bytes - at), at);
+  void fill(size_t bytes, size_t pieceSize) const {
+    const std::vector<char> piece(pieceSize, 'r');
+    for (size_t at = 0; at < bytes; at += pieceSize) {
+      write(piece.data(), std::min(pieceSize, bytes - at), at);
     }
   }
   void waitForDevice() const { fdatasync(descriptor_); }
@@ -73,7 +77,7 @@ class RawStore {
   const File& file() {
     if (!file_) {
       file_.emplace(path("raw-file"));
-      file_->fill(bytes());
+      file_->fill(bytes(), kSmallPiece);
       file_->waitForDevice();
     }
     return *file_;
@@ -233,7 +237,7 @@ void unlinkAnyBlock(RawStore& raw, Turn& turn) {
 
 void writeAll(RawStore& raw, Turn& turn) {
   const File fresh(raw.path("raw-batch"));
-  turn.timed(raw.records, [&] { fresh.fill(raw.bytes()); });
+  turn.timed(raw.records, [&] { fresh.fill(raw.bytes(), kPiece); });
 }
 
 void copyFile(RawStore& raw, Turn& turn) {
