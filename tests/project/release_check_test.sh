@@ -21,12 +21,13 @@ expects() {
 }
 
 export GIT_CEILING_DIRECTORIES=$scratch
-all=(cross valgrind coverage mutate test-all bench)
+all=(cross valgrind coverage mutate test-all test-plain test-single bench)
 "$scratch/scripts/release-check" "${all[@]}" >"$scratch/printed"
 for check in "${all[@]}"; do
   expects "^$check +passed +[0-9]+ s +build/release-check/$check.log: .*called with"
 done
-[ "$(tail -n 1 "$scratch/printed")" = "release-check: 6 passed, 0 failed" ]
+expects '^test-single .*: --preset single$'
+[ "$(tail -n 1 "$scratch/printed")" = "release-check: 8 passed, 0 failed" ]
 
 printf '#!/bin/sh\necho "a leak"\nexit 3\n' >"$scratch/scripts/valgrind"
 ! "$scratch/scripts/release-check" cross valgrind bench >"$scratch/printed" ||
