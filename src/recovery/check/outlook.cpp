@@ -102,28 +102,30 @@ class TableCalls {
   bool canDelete(const Block& each) const {
     if (each.position == slot_.firstRecordPos) {
       if (each.prev != 0) return false;
-      return each.next == 0 ? slot_.recordCount == 1 : linksAt(each.next).has_value();
+      return each.next == 0 ? slot_.recordCount == 1 : linksAt(each.next, each).has_value();
     }
-    if (each.prev == 0 || !linksAt(each.prev)) return false;
+    if (each.prev == 0 || !linksAt(each.prev, each)) return false;
     if (each.position == slot_.lastRecordPos) return each.next == 0;
-    return each.next != 0 && linksAt(each.next);
+    return each.next != 0 && linksAt(each.next, each);
   }
 
   bool canRelocate(const Block& each) const {
     const auto leadsHere = [&](int64_t neighbour, int64_t Links::*link) {
       if (neighbour == 0) return true;
-      const std::optional<Links> links = linksAt(neighbour);
+      const std::optional<Links> links = linksAt(neighbour, each);
       return links && (*links).*link == each.position;
     };
     return leadsHere(each.prev, &Links::next) && leadsHere(each.next, &Links::prev);
   }
 
-  // The links of the record of this table at `position`, wherever that is.
-  std::optional<Links> linksAt(int64_t position) const {
-    const Block* const block = survey_.blockAt(position);
-    if (block != nullptr && block->isReached()) {
-      if (!block->isRecordOf(table_.owner)) return std::nullopt;
-      return Links{block->prev, block->next};
+  // The links of the record of this table at `position`, wherever that is; `neighbour` names it.
+  std::optional<Links> linksAt(int64_t position, const Block& neighbour) const {
+    const auto near = static_cast<uint32_t>(&neighbour - survey_.blocks.data());
+    const uint32_t number = survey_.numberAt(position, near);
+    if (number != kNoBlock && survey_.blocks[number].isReached()) {
+      const Block& block = survey_.blocks[number];
+      if (!block.isRecordOf(table_.owner)) return std::nullopt;
+      return Links{block.prev, block.next};
     }
     unsigned char bytes[record::kData];
     if (source_->readAt(position, bytes, sizeof bytes) != sizeof bytes) return std::nullopt;
@@ -138,6 +140,13 @@ class TableCalls {
   const tablePart1& slot_ = survey_.slotOf(table_).fields;
   const std::span<const uint32_t> walked_ = countedBlocks(survey_, table_);
 };
+
+uint64_t distinctRecords(const Survey& survey, std::span<const uint32_t> reached) {
+  if (!survey.hasEqualRecords) return reached.size();
+  std::vector<uint64_t> records = sortedRecords(survey, reached);
+  records.erase(std::unique(records.begin(), records.end()), records.end());
+  return records.size();
+}
 
 // Link repair on one table. Why it fails there; empty when it does not.
 std::string repairTable(const Survey& survey, const Table& table, qvdb::RepairedTable* repaired) {
@@ -162,11 +171,8 @@ std::string repairTable(const Survey& survey, const Table& table, qvdb::Repaired
     repaired->rewritten = !forward.empty() && (forward.size() < count || backward.size() < count);
     repaired->kept = forward.size();
   }
-  std::vector<uint64_t> kept =
-      sortedRecords(survey, forward.first(static_cast<size_t>(repaired->kept)));
-  kept.erase(std::unique(kept.begin(), kept.end()), kept.end());
-  const uint64_t others =
-      repaired->reachable - std::min<uint64_t>(repaired->reachable, kept.size());
+  const uint64_t kept = distinctRecords(survey, forward.first(static_cast<size_t>(repaired->kept)));
+  const uint64_t others = repaired->reachable - std::min(repaired->reachable, kept);
   (repaired->rewritten ? repaired->lost : repaired->missed) = others;
   return {};
 }

@@ -43,7 +43,15 @@ void checkTimes(Check& check, const Block& block, int64_t latest) {
   }
 }
 
+// Whether two of these can have the same identifier, as far as that is known without a search.
+bool mayBeDuplicates(const Survey& survey, const std::vector<const Block*>& live) {
+  return survey.hasEqualRecords || std::ranges::any_of(live, [&](const Block* each) {
+           return each->owner != live.front()->owner;
+         });
+}
+
 void checkDuplicates(Check& check, std::vector<const Block*> live) {
+  if (!mayBeDuplicates(check.survey, live)) return;
   std::ranges::sort(live, {}, [](const Block* each) {
     return std::tuple(each->recordID, each->owner, each->position);
   });

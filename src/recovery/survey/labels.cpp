@@ -16,16 +16,18 @@
 // identifier, and its end mark is there.
 #include <algorithm>
 #include <span>
-#include <tuple>
 #include <vector>
 
 #include "recovery/survey/batches.h"
 #include "recovery/survey/survey.h"
+#include "support/keyed_numbers.h"
 
 using namespace qvdbase::format;
 
 namespace qvdbase::survey {
 namespace {
+
+using support::KeyedNumber;
 
 enum class Evidence { none, agree, disagree };
 
@@ -144,33 +146,84 @@ class Labeller {
   explicit Labeller(Survey* survey) : survey_(*survey) {}
 
   void run() {
-    std::vector<Block*> records;
-    for (Block& each : survey_.blocks) {
-      if (each.kind == BlockKind::record) records.push_back(&each);
-    }
-    std::ranges::sort(records, {}, [](const Block* each) {
-      return std::tuple(each->owner, each->recordID, each->position);
-    });
     remains_.resize(survey_.owners.size());
-    for (const Block* each : records) {
-      Remains& remains = remains_[each->owner];
-      if (each->recordID == 0) {
-        if (each->isReached()) remains.nameless = each;
-      } else if (each->isReached() || evidenceFor(survey_, *each) == Evidence::agree) {
-        remains.hasChain = true;
-      }
+    for (Block& each : survey_.blocks) {
+      if (each.kind != BlockKind::record) continue;
+      noteChain(each);
+      if (each.reach & (kForward | kBackward)) each.label = Label::live;
     }
-    for (auto begin = records.begin(); begin != records.end();) {
-      const auto end = std::find_if(
-          begin, records.end(), [&](const Block* each) { return !each->isSameRecord(**begin); });
-      labelVersions({begin, end});
-      begin = end;
-    }
+    const std::vector<KeyedNumber> records = blocksByRecord();
+    eachRecord(records, [&](std::span<const KeyedNumber> blocks) { labelRecord(blocks); });
     for (uint32_t owner = 0; owner < remains_.size(); ++owner) decide(owner);
-    countRecords(records);
+    eachRecord(records, [&](std::span<const KeyedNumber> blocks) { countRecord(blocks); });
   }
 
  private:
+  // ---- the blocks of each record
+
+  // The note of a block: its owner, and whether a walk within the chain's ends reaches it. The last
+  // bit answers most questions without a look at the block, which would wait for the memory.
+  static uint32_t noteOf(const Block& block) {
+    return block.owner << 1 | ((block.reach & (kForward | kBackward)) != 0 ? 1 : 0);
+  }
+  static uint32_t ownerOf(const KeyedNumber& block) { return block.note >> 1; }
+
+  // By owner, identifier and position.
+  std::vector<KeyedNumber> blocksByRecord() const {
+    std::vector<KeyedNumber> records;
+    records.reserve(survey_.blocks.size());
+    for (const uint32_t number : blocksInFileOrder(survey_)) {
+      const Block& each = survey_.blocks[number];
+      if (each.kind == BlockKind::record) records.push_back({each.recordID, number, noteOf(each)});
+    }
+    support::sortByKey(&records);
+    if (!std::ranges::is_sorted(records, {}, ownerOf)) {
+      std::ranges::stable_sort(records, {}, ownerOf);
+    }
+    return records;
+  }
+
+  template <typename Visit>
+  static void eachRecord(std::span<const KeyedNumber> blocks, Visit visit) {
+    while (!blocks.empty()) {
+      size_t count = 1;
+      while (count < blocks.size() && blocks[count].key == blocks[0].key &&
+             ownerOf(blocks[count]) == ownerOf(blocks[0])) {
+        ++count;
+      }
+      visit(blocks.first(count));
+      blocks = blocks.subspan(count);
+    }
+  }
+
+  // Whether it is one block, and in the chain: it is labelled as live already.
+  static bool isPlain(std::span<const KeyedNumber> blocks) {
+    return blocks.size() == 1 && (blocks[0].note & 1) != 0;
+  }
+
+  void labelRecord(std::span<const KeyedNumber> blocks) {
+    if (isPlain(blocks)) {
+      if (blocks[0].key != 0) ++remains_[ownerOf(blocks[0])].distinct;
+      return;
+    }
+    versions_.clear();
+    for (const KeyedNumber& each : blocks) versions_.push_back(&survey_.blocks[each.number]);
+    labelVersions(versions_);
+  }
+
+  void countRecord(std::span<const KeyedNumber> blocks) {
+    if (blocks[0].key == 0) return;
+    const bool counts = isPlain(blocks) || std::ranges::any_of(blocks, [&](const auto& each) {
+                          return countsAsRecord(survey_.blocks[each.number]);
+                        });
+    if (counts) ++survey_.owners[ownerOf(blocks[0])].records;
+  }
+
+  static bool countsAsRecord(const Block& block) {
+    const bool isMissing = block.label == Label::detached || block.label == Label::unlinked;
+    return block.label == Label::live || (isMissing && block.grade == Grade::a);
+  }
+
   // What is left of an owner's records.
   struct Remains {
     bool hasChain = false;            // anything of its chain
@@ -180,7 +233,19 @@ class Labeller {
     std::vector<Block*> apart;  // detached from a chain that is whole
   };
 
+  void noteChain(const Block& block) {
+    Remains& remains = remains_[block.owner];
+    if (block.recordID == 0) {
+      const bool isLater =
+          remains.nameless == nullptr || block.position > remains.nameless->position;
+      if (block.isReached() && isLater) remains.nameless = &block;
+    } else if (!remains.hasChain) {
+      remains.hasChain = block.isReached() || evidenceFor(survey_, block) == Evidence::agree;
+    }
+  }
+
   void labelVersions(Versions versions) {
+    if (std::ranges::count_if(versions, &Block::isReached) > 1) survey_.hasEqualRecords = true;
     const bool isWhole = std::ranges::any_of(
         versions, [](const Block* each) { return each->isReached() || each->grade == Grade::a; });
     const bool isNameless = versions[0]->recordID == 0;
@@ -254,20 +319,9 @@ class Labeller {
     }
   }
 
-  void countRecords(const std::vector<Block*>& records) {
-    const Block* counted = nullptr;
-    for (const Block* each : records) {
-      const bool isMissing = each->label == Label::detached || each->label == Label::unlinked;
-      const bool counts = each->label == Label::live || (isMissing && each->grade == Grade::a);
-      if (!counts || each->recordID == 0) continue;
-      if (counted != nullptr && counted->isSameRecord(*each)) continue;
-      ++survey_.owners[each->owner].records;
-      counted = each;
-    }
-  }
-
   Survey& survey_;
   std::vector<Remains> remains_;  // of each owner
+  std::vector<Block*> versions_;  // of the record that is looked at
 };
 
 // ---- table data

@@ -229,6 +229,7 @@ struct Survey {
   std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others
   std::vector<int64_t> nestedDatabases;  // where databases seem to begin that are not this one
   int64_t unreadableAt = -1;             // the first position found that could not be read
+  bool hasEqualRecords = false;          // walks reach two blocks of one record
 
   // Whether the file has a header, and the system cannot read all of it.
   bool isHeaderUnreadable() const { return !headerThere && size >= format::kDirectoryPos; }
@@ -261,6 +262,15 @@ struct Survey {
   const Block* blockAt(int64_t position) const {
     const uint32_t number = byPosition.find(position);
     return number == kNoBlock ? nullptr : &blocks[number];
+  }
+
+  // The number of that block, or kNoBlock. It is found at once if a walk reached it right before or
+  // after the block `near`.
+  uint32_t numberAt(int64_t position, uint32_t near) const {
+    for (const uint32_t number : {near + 1, near - 1}) {
+      if (number < blocks.size() && blocks[number].position == position) return number;
+    }
+    return byPosition.find(position);
   }
 
   const Table* tableOfSlot(int slot) const {
