@@ -3,6 +3,10 @@
 // A walk continues as long as its next block is a record block of the table that it has not passed
 // before, so it ends whatever the links and the slot's count say. It also continues after the last
 // counted record: an append that was cut off before the slot was written leaves one there.
+//
+// After changes a chain leads to and fro in the file. So the headers of all blocks that follow one
+// another from the first are read before, in the order of the file. A walk looks for a block there,
+// and reads only what is elsewhere.
 #include <algorithm>
 #include <cstring>
 
@@ -17,7 +21,31 @@ namespace {
 
 class ChainReader {
  public:
-  ChainReader(const ByteSource& source, Survey* survey) : window_(source), survey_(*survey) {}
+  ChainReader(const ByteSource& source, Survey* survey)
+      : source_(source), window_(source), survey_(*survey) {}
+
+  // Reads blocks as long as each one begins where the one before it ends, and can be read.
+  void readAhead() {
+    if (survey_.knownOwners == 0) return;
+    Window window(source_);
+    std::vector<int64_t> positions;
+    for (int64_t position = survey_.blocksStart; position <= survey_.size - record::kData;) {
+      const uint8_t* bytes = window.at(position, record::kData);
+      if (bytes == nullptr || !isBlockStart(bytes)) break;
+      const bool isRecord = *bytes == kRecordMark;
+      Block block = decodeBlock(position, bytes);
+      position = block.claimedEnd();
+      if (!isRecord) continue;
+      block.owner = ownerInDirectory(bytes + record::kTableID);
+      if (block.owner == kNoBlock) continue;
+      settle(&window, &block);
+      if (window.unreadableAt() >= 0) break;
+      positions.push_back(block.position);
+      ahead_.push_back(block);
+    }
+    survey_.blocks.reserve(ahead_.size());
+    survey_.byPosition.expect(AscendingPositions(std::move(positions)));
+  }
 
   void follow(Table* table) {
     const tablePart1& fields = survey_.slotOf(*table).fields;
@@ -31,8 +59,9 @@ class ChainReader {
  private:
   void walk(const Table& table, int64_t position, uint32_t count, Reach direction, Walk* walk) {
     ++walkNumber_;
+    uint32_t number = kNoBlock;
     while (position != 0) {
-      const uint32_t number = recordAt(position, table.owner, &walk->end);
+      number = recordAt(position, table.owner, number, &walk->end);
       if (number != kNoBlock && survey_.blocks[number].walk == walkNumber_) {
         walk->end = WalkEnd::loop;
       }
@@ -51,25 +80,29 @@ class ChainReader {
   }
 
   // The number of the record block of `owner` at `position`; kNoBlock, with the reason, if there is
-  // none.
-  uint32_t recordAt(int64_t position, uint32_t owner, WalkEnd* why) {
+  // none. The walk comes from the block `from`.
+  uint32_t recordAt(int64_t position, uint32_t owner, uint32_t from, WalkEnd* why) {
     const auto none = [&](WalkEnd reason) {
       *why = reason;
       return kNoBlock;
     };
     if (isOutside(position)) return none(WalkEnd::outside);
-    const uint32_t known = survey_.byPosition.find(position);
+    const uint32_t known = survey_.numberAt(position, from);
     if (known != kNoBlock) {
       const Block& block = survey_.blocks[known];
       if (block.kind != BlockKind::record) return none(WalkEnd::notRecord);
       return block.owner == owner ? known : none(WalkEnd::otherTable);
+    }
+    const uint32_t ahead = survey_.byPosition.expectedPlace(position);
+    if (ahead != kNoBlock) {
+      return ahead_[ahead].owner == owner ? add(ahead_[ahead]) : none(WalkEnd::otherTable);
     }
     if (position > survey_.size - record::kData) return none(WalkEnd::notRecord);
     const uint8_t* bytes = window_.at(position, record::kData);
     if (bytes == nullptr) return none(WalkEnd::unreadable);
     if (*bytes != kRecordMark || !isBlockStart(bytes)) return none(WalkEnd::notRecord);
     if (!isOwnedBy(owner, bytes + record::kTableID)) return none(WalkEnd::otherTable);
-    return add(decodeBlock(position, bytes), owner);
+    return addDecoded(decodeBlock(position, bytes), owner);
   }
 
   bool isOutside(int64_t position) const {
@@ -80,31 +113,49 @@ class ChainReader {
     return std::memcmp(tableID, survey_.owners[owner].id.data(), kIdentifierSize) == 0;
   }
 
-  uint32_t add(Block block, uint32_t owner) {
-    block.owner = owner;
-    block.end = std::min(block.claimedEnd(), survey_.size);
-    if (block.claimedEnd() > survey_.size) {
-      block.add(kBeyondEnd);
-    } else if (window_.byteAt(block.end - 1) != kBlockEndMark) {
-      block.add(kNoEndMark);
+  // The owner with that identifier; kNoBlock if no slot has it.
+  uint32_t ownerInDirectory(const uint8_t* tableID) const {
+    for (uint32_t owner = 0; owner < survey_.knownOwners; ++owner) {
+      if (isOwnedBy(owner, tableID)) return owner;
     }
-    if (!isBelieved(block)) block.add(kUnbelieved);
-    if (!identifierSumIsRight(survey_.owners[owner].id.data())) block.add(kWrongTableSum);
+    return kNoBlock;
+  }
+
+  uint32_t addDecoded(Block block, uint32_t owner) {
+    block.owner = owner;
+    settle(&window_, &block);
+    return add(block);
+  }
+
+  uint32_t add(const Block& block) {
     const auto number = static_cast<uint32_t>(survey_.blocks.size());
     survey_.blocks.push_back(block);
     survey_.byPosition.add(block.position, number);
     return number;
   }
 
+  // Where a decoded block ends, and what is wrong with that and with its owner.
+  void settle(Window* window, Block* settled) const {
+    Block& block = *settled;
+    block.end = std::min(block.claimedEnd(), survey_.size);
+    if (block.claimedEnd() > survey_.size) {
+      block.add(kBeyondEnd);
+    } else if (window->byteAt(block.end - 1) != kBlockEndMark) {
+      block.add(kNoEndMark);
+    }
+    if (!isBelieved(window, block)) block.add(kUnbelieved);
+    if (!identifierSumIsRight(survey_.owners[block.owner].id.data())) block.add(kWrongTableSum);
+  }
+
   // Whether the bytes where the block ends confirm its capacity: the end mark, or where that is
   // damaged, that the next block begins right there.
-  bool isBelieved(const Block& block) {
+  bool isBelieved(Window* window, const Block& block) const {
     if (block.has(kBeyondEnd)) return false;
     if (block.end == survey_.size) return true;
-    const int mark = window_.byteAt(block.end);
+    const int mark = window->byteAt(block.end);
     if (mark != kRecordMark && mark != kTableDataMark) return false;
     if (!block.has(kNoEndMark)) return true;
-    const uint8_t* bytes = window_.at(block.end, record::kTableID);
+    const uint8_t* bytes = window->at(block.end, record::kTableID);
     return bytes != nullptr && isBlockStart(bytes);
   }
 
@@ -116,7 +167,7 @@ class ChainReader {
     if (!isOwnedBy(table->owner, bytes + tabledata::kTableID)) return DataState::otherTable;
     table->dataBlock = survey_.byPosition.find(position);
     if (table->dataBlock == kNoBlock) {
-      table->dataBlock = add(decodeBlock(position, bytes), table->owner);
+      table->dataBlock = addDecoded(decodeBlock(position, bytes), table->owner);
     }
     Block& block = survey_.blocks[table->dataBlock];
     block.reach |= kAsData;
@@ -124,8 +175,10 @@ class ChainReader {
     return DataState::sound;
   }
 
+  const ByteSource& source_;
   Window window_;
   Survey& survey_;
+  std::vector<Block> ahead_;  // at the places of the expected positions
   uint32_t walkNumber_ = 0;
 };
 
@@ -157,6 +210,7 @@ Block decodeBlock(int64_t position, const unsigned char* bytes) {
 
 void followChains(const ByteSource& source, Survey* survey) {
   ChainReader reader(source, survey);
+  reader.readAhead();
   for (const Slot& slot : survey->slots) {
     if (!slot.isTable()) continue;
     Table table;

@@ -4,17 +4,31 @@
 // capacity is wrong, or which nothing confirms, covers its header for the time being; what
 // follows is scanned like a gap, and belongs to it again as far as no block was found.
 #include <algorithm>
-#include <numeric>
+#include <iterator>
 
 #include "recovery/survey/survey.h"
 
 namespace qvdbase::survey {
 
+// The expected positions are in order already. Few blocks are elsewhere, unless the file is
+// damaged.
 std::vector<uint32_t> blocksInFileOrder(const Survey& survey) {
-  std::vector<uint32_t> order(survey.blocks.size());
-  std::iota(order.begin(), order.end(), 0u);
   const auto positionOf = [&](uint32_t number) { return survey.blocks[number].position; };
-  if (!std::ranges::is_sorted(order, {}, positionOf)) std::ranges::sort(order, {}, positionOf);
+  const std::vector<uint32_t>& expected = survey.byPosition.numbersOfExpected();
+  std::vector<uint32_t> order;
+  order.reserve(survey.blocks.size());
+  std::ranges::copy_if(expected, std::back_inserter(order),
+                       [](uint32_t number) { return number != kNoBlock; });
+  if (order.size() == survey.blocks.size()) return order;
+
+  std::vector<bool> isThere(survey.blocks.size(), false);
+  for (const uint32_t number : order) isThere[number] = true;
+  const auto others = static_cast<std::ptrdiff_t>(order.size());
+  for (uint32_t number = 0; number < survey.blocks.size(); ++number) {
+    if (!isThere[number]) order.push_back(number);
+  }
+  std::ranges::sort(order.begin() + others, order.end(), {}, positionOf);
+  std::ranges::inplace_merge(order, order.begin() + others, {}, positionOf);
   return order;
 }
 
