@@ -28,6 +28,7 @@
 
 #include <qvdbase/qvdb/bulk.hpp>
 #include <qvdbase/qvdb/bytes.hpp>
+#include <qvdbase/qvdb/cache.hpp>
 #include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>

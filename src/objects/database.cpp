@@ -14,6 +14,7 @@
 #include "format/identifiers.h"
 #include "format/layout.h"
 #include "handle/database_handle.h"
+#include "objects/cache.h"
 #include "objects/chain_ends.h"
 #include "objects/looks.h"
 #include "objects/open_database.h"
@@ -199,11 +200,16 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
     failure::throwError(path, kOpen, Reason::bad_argument,
                         "a file that does not exist cannot be created for reading only");
   }
+  if (options.cache != 0 && options.mode != Mode::exclusive) {
+    failure::throwError(path, kOpen, Reason::bad_argument,
+                        "only a database that is opened exclusively can have a cache");
+  }
   const platform::Uncancelled uncancelled;
   return detail::whileInUse(options.wait, [&] {
     Database database =
         options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
     database.state_->wait = options.wait;
+    if (options.cache != 0) detail::holdCache(Operation(database.state_, kOpen), options.cache);
     if (options.check) {
       detail::look(Operation(database.state_, kOpen), [&] { detail::checkEnds(database); });
     }
@@ -264,6 +270,8 @@ void Database::reopen() {
   const std::shared_ptr<OpenDatabase> opened =
       detail::whileInUse(reopened.wait, [&] { return openAgain(reopened); });
   reopened.takeOver(*opened);
+  const detail::DatabaseTurn turn(reopened);
+  detail::attachCache(reopened);
 }
 
 bool Database::is_open() const noexcept {

@@ -17,6 +17,7 @@
 #include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
+#include "platform/transfer/mirror.h"
 #include "platform/transfer/transfer.h"
 
 using namespace qvdbase;
@@ -97,6 +98,12 @@ Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* 
     : database_(databaseOf(database, name)), name_(name), turn_(database_), db_(turn_.handle()) {
   platform::forgetHostFailure();
   if (db_ == 0) fail(Reason::not_open, "it was closed");
+  if (database_.cacheHolders != 0) usesMirror_ = platform::useMirror(db_);
+}
+
+// The database may have been closed within the operation.
+void Operation::leaveMirror() const {
+  if (database_.handle == db_) platform::leaveMirror(db_);
 }
 
 void Operation::fail(Reason reason, const std::string& why,

@@ -64,6 +64,11 @@ struct OpenDatabase {
   NotedChanges noted;
   // The indexes of its tables that are held; see table_index.h.
   std::vector<std::weak_ptr<TableIndex>> indexes;
+  // How many objects hold a cache of it, itself included where it was opened with one.
+  uint32_t cacheHolders = 0;
+  uint64_t cacheBudget = 0;
+  uint64_t noReaderAt =
+      0;  // when it was known last that no reader has announced itself; see turns.cpp
   // The batch that is open, of an appender or a writer, or null; see bulk.h.
   Bulk* bulk = nullptr;
 
@@ -125,6 +130,11 @@ class Operation {
   // Throws not_open when there is no database, or a closed one. What the host answered to earlier
   // operations is forgotten.
   Operation(const std::shared_ptr<OpenDatabase>& database, const char* name);
+  ~Operation() {
+    if (usesMirror_) leaveMirror();
+  }
+  Operation(const Operation&) = delete;
+  Operation& operator=(const Operation&) = delete;
 
   int16_t db() const { return db_; }
   OpenDatabase& database() const { return database_; }
@@ -195,6 +205,7 @@ class Operation {
   void failIfWriteWasRefused(uint64_t bytes) const;
 
  private:
+  void leaveMirror() const;
   void readSlot(const qvdbase::engine::DirectoryNumbers& numbers, int index,
                 tablePart1* slot) const;
 
@@ -205,6 +216,7 @@ class Operation {
   const char* name_;
   DatabaseTurn turn_;
   int16_t db_;
+  bool usesMirror_ = false;  // of the file, and ends it
   mutable std::array<char, qvdbase::format::kTableNameSize>
       tableName_{};  // zeros where it is not known
 };

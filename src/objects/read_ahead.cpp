@@ -2,6 +2,7 @@
 #include "objects/read_ahead.h"
 
 #include <algorithm>
+#include <limits>
 #include <optional>
 #include <utility>
 
@@ -20,6 +21,19 @@ constexpr size_t kLoadedBytes = 256 * 1024;
 constexpr size_t kManyRecords = 128;
 constexpr int64_t kWidestStep = 4096;
 constexpr uint32_t kPieceSize = 128 * 1024;
+// What is in memory anyway costs nothing to take more of.
+constexpr uint32_t kPinnedSize = 1024 * 1024;
+
+// Where a piece of this size begins that has the chain's next record.
+int64_t startOf(const ChainWalker& chain, uint32_t size) {
+  const int64_t next = chain.nextPosition();
+  if (chain.isForward()) return next;
+  const int64_t passed = chain.passedPosition();
+  const bool isClose = passed > next && passed - next <= int64_t{size} / 2;
+  constexpr int64_t kFarthest = std::numeric_limits<int64_t>::max() - format::record::kData;
+  const int64_t end = isClose ? passed : std::min(next, kFarthest) + format::record::kData;
+  return std::max<int64_t>(0, end - int64_t{size});
+}
 
 }  // namespace
 
@@ -104,20 +118,24 @@ bool ReadBatch::tryToRead(Read read) {
   }
 }
 
+bool FilePiece::pin(int16_t db, const ChainWalker& chain) {
+  start_ = startOf(chain, kPinnedSize);
+  pinned_ = platform::pinBytes(db, start_, kPinnedSize);
+  data_ = pinned_.data();
+  length_ = static_cast<uint32_t>(pinned_.size());
+  return at(chain.nextPosition(), format::record::kData) != nullptr;
+}
+
 // Back from a record, the bytes between the next one's header and it are that one's payload.
 bool FilePiece::read(int16_t db, const ChainWalker& chain) {
-  const int64_t next = chain.nextPosition();
-  if (next <= 0 || chain.isAtCount()) return false;
-  start_ = next;
-  if (!chain.isForward()) {
-    const int64_t passed = chain.passedPosition();
-    const bool isClose = passed > next && passed - next <= int64_t{kPieceSize} / 2;
-    const int64_t end = isClose ? passed : next + format::record::kData;
-    start_ = std::max<int64_t>(0, end - int64_t{kPieceSize});
-  }
-  bytes_.resize(kPieceSize);
+  pinned_.release();
   length_ = 0;
   taken_ = 0;
+  if (chain.nextPosition() <= 0 || chain.isAtCount()) return false;
+  if (pin(db, chain)) return true;
+  start_ = startOf(chain, kPieceSize);
+  bytes_.resize(kPieceSize);
+  data_ = bytes_.data();
   // At the end of the file it is less than was asked for.
   if (!support::seekTo(db, start_)) return false;
   static_cast<void>(support::readFile(db, bytes_.data(), kPieceSize, &length_));

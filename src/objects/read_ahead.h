@@ -15,6 +15,7 @@
 #include "objects/chain_walker.h"
 #include "objects/open_database.h"
 #include "objects/records.h"
+#include "platform/transfer/mirror.h"
 
 namespace qvdb::detail {
 
@@ -81,7 +82,8 @@ class ReadBatch {
 
 // A large piece of the file, out of which a walk takes records that lie close together in the order
 // of the file: one read brings hundreds of them, and nothing is decoded ahead. It outlives the
-// transfer scope in which it was read, unlike the windows of the platform.
+// transfer scope in which it was read, unlike the windows of the platform. Where the file has a
+// mirror the piece is a part of that, and nothing is copied.
 class FilePiece {
  public:
   // Reads the piece that begins with the chain's next record; on the way back, the one that ends
@@ -110,6 +112,9 @@ class FilePiece {
     return true;
   }
 
+  // Gives up what is in memory.
+  void release() { pinned_.release(); }
+
   // Whether so many records came of it that another piece is worth reading.
   bool wasWorthIt() const { return taken_ >= kLeastTaken; }
 
@@ -120,9 +125,13 @@ class FilePiece {
   const unsigned char* at(int64_t position, uint32_t count) const {
     const auto offset = static_cast<uint64_t>(position) - static_cast<uint64_t>(start_);
     if (offset > length_ || count > length_ - offset) return nullptr;
-    return bytes_.data() + offset;
+    return data_ + offset;
   }
 
+  bool pin(int16_t db, const ChainWalker& chain);
+
+  const unsigned char* data_ = nullptr;  // of the bytes in one of these
+  qvdbase::platform::PinnedBytes pinned_;
   std::vector<unsigned char> bytes_;
   int64_t start_ = 0;
   uint32_t length_ = 0;

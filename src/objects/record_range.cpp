@@ -153,6 +153,7 @@ struct detail::Walk {
     if (chain.isDamaged()) failDamagedChain(operation, chain);
     if (inPiece) isDense = piece.wasWorthIt();
     inPiece = isDense && piece.read(operation.db(), chain);
+    if (!inPiece) piece.release();
     current.isValid = take(info, payload);
     if (current.isValid) return true;
     // Not in a piece, or the next record is larger than one.

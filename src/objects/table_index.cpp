@@ -14,6 +14,7 @@
 #include "objects/chain_walker.h"
 #include "objects/looks.h"
 #include "objects/record_search.h"
+#include "platform/transfer/mirror.h"
 #include "support/file_transfers.h"
 
 using namespace qvdbase;
@@ -144,8 +145,13 @@ bool catchUp(const Operation& operation, TableIndex& index, const tablePart1& sl
 // The map does not have the record.
 Answer askSlot(const Operation& operation, TableIndex& index, Id record,
                engine::FoundRecord* found) {
+  const uint64_t writes = platform::writesKnown(operation.db());
+  if (writes != 0 && writes == index.writesSeen) return Answer::absent;
   const tablePart1 slot = operation.table(index.table).slot;
-  if (engine::hasSameChain(slot, index.slot)) return Answer::absent;
+  if (engine::hasSameChain(slot, index.slot)) {
+    index.writesSeen = writes;
+    return Answer::absent;
+  }
   if (!operation.database().isBesideWriters || !catchUp(operation, index, slot)) {
     index.isStale = true;
     return Answer::unknown;
@@ -190,6 +196,7 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
   if (walkerOut != nullptr) *walkerOut = walker;
   if (!complete) return false;
   index.slot = slot;
+  index.writesSeen = 0;
   index.usualBlock = usualBlock(slot);
   index.isStale = false;
   return true;

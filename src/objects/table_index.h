@@ -17,6 +17,7 @@ struct TableIndex {
   Id table;
   IndexMap map;
   tablePart1 slot = {};        // as it was when the map was last up to date
+  uint64_t writesSeen = 0;     // platform::writesKnown when the slot was found to be this one
   int64_t lastPos = 0;         // of the last record that was added to the map
   int64_t usualBlock = 0;      // bytes from one record to the next, about
   bool isStale = true;         // to be built again before it is used

@@ -23,6 +23,7 @@
 #include "kit/replaced_calls.h"
 #include "kit/temp_folder.h"
 #include "model/model.h"
+#include "platform/transfer/mirror.h"
 
 namespace qvdbase::test {
 
@@ -129,12 +130,19 @@ class Pair {
 
   static uint32_t time() { return now_; }
 
+  // From now on what the database reads comes from a mirror of its file with this budget, as it
+  // does in the C++ layer, whenever it is open exclusively; nothing where the host has no mirrors.
+  void useMirror(uint64_t budget) { mirrorBudget_ = budget; }
+
   void run(const Operation& op) {
     ++now_;
     seed_ = seed_ * 31 + op.size;
     QVFile().QVSeekFile(db_, 1, op.position);
     expectedPosition_ = op.position;
+    const bool isMirrored = op.kind != Kind::reopen && mirrorBudget_ &&
+                            platform::attachMirror(db_, *mirrorBudget_) && platform::useMirror(db_);
     dispatch(op);
+    if (isMirrored) platform::leaveMirror(db_);
     int64_t position = -1;
     RC_ASSERT(QVFile().QVGetFilePos(db_, &position) == 1);
     RC_ASSERT(position == expectedPosition_);
@@ -398,6 +406,7 @@ class Pair {
 
   TempFolder folder_;
   int16_t db_;
+  std::optional<uint64_t> mirrorBudget_;
   Model model_;
   static inline thread_local uint32_t now_ = 1000;
   unsigned seed_ = 1;

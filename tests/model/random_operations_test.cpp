@@ -47,6 +47,24 @@ TEST(RandomOperations, OnOneTableAnswerAndWriteWhatTheModelSays) {
   }));
 }
 
+// The same, read from a mirror of the file, which holds all of it, or less.
+TEST(RandomOperations, WithACacheAnswerAndWriteWhatTheModelSays) {
+  for (const uint64_t budget : {uint64_t{64} << 20, uint64_t{64} << 10}) {
+    EXPECT_TRUE(rc::check("every answer and the whole file are the model's", [budget] {
+      auto operations = *anySequence();
+      const PairsClock clock;
+      Pair pair;
+      pair.useMirror(budget);
+      pair.run({.kind = Kind::addTable, .table = 1});
+      for (Operation& each : operations) {
+        if (each.kind == Kind::addTable) each.kind = Kind::addRecord;
+        pair.run(each);
+      }
+      pair.compareFile();
+    }));
+  }
+}
+
 // Four sequences at once, on a file each: none of them notices the others.
 TEST(RandomOperations, OfFourThreadsAnswerAndWriteWhatTheModelSays) {
 #if defined(QVDBASE_NO_THREADS)

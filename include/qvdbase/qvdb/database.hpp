@@ -2,11 +2,13 @@
 #pragma once
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/cache.hpp>
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/table.hpp>
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -61,6 +63,10 @@ struct OpenOptions {
   // for its turn beside other openers; for the latter, 0 means five seconds. The error that ends
   // opening names the process that has it open, where the system reports that.
   std::chrono::milliseconds wait{0};
+
+  // The budget of a cache that the database has from its opening to its closing, in bytes; 0 for
+  // none. Only with exclusive: see Database::cache().
+  size_t cache = 0;
 };
 
 // What the header of a database file holds, and the size of the file.
@@ -127,7 +133,8 @@ class QVDBASE_API Database {
   // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use, after
   // waiting where that is asked for; cannot_lock; read_only_file_system; not_a_database;
   // version_out_of_range; cannot_read; cannot_open. With `create` also what create() throws, and
-  // bad_argument with read_only; with `check` also what open_checked() throws.
+  // bad_argument with read_only; with `check` also what open_checked() throws; with `cache`
+  // bad_argument unless the mode is exclusive.
   static Database open(const std::filesystem::path& path, Mode mode = Mode::read_only);
 
   // The same with everything that can be asked for.
@@ -231,6 +238,15 @@ class QVDBASE_API Database {
   // A reader of this database, for a thread that reads beside others: see Reader. Throws not_open;
   // cannot_open when no further handle is free; and as open() does.
   Reader reader() const;
+
+  // Keeps what is read of the file in memory for as long as the object, or another one, is held:
+  // see Cache. The budget is that of the latest call.
+  //
+  // bytes  the budget, at most so much memory; 64 MiB unless said otherwise. Best is more than the
+  //        file has
+  //
+  // Throws bad_argument unless the database is open exclusively; opened_elsewhere; not_open.
+  [[nodiscard]] Cache cache(size_t bytes = size_t{64} << 20) const;
 
   // Waits until the device has everything that was written. Without it a power failure can lose
   // what the system has not written yet. Throws Error: cannot_write.

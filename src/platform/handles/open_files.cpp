@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "platform/host/lock.h"
+#include "platform/transfer/mirror.h"
 #include "platform/transfer/transfer.h"
 
 namespace qvdbase::platform {
@@ -110,6 +111,7 @@ bool closeFile(int16_t file) {
   const Sharing sharing = openFile->sharing;
   forgetTransfers(entry);
   openFile->mirror = nullptr;
+  if (sharing == Sharing::exclusive) dropMirror(entry);  // others may write to it from now on
   {
     const SharedLock lock(Shared::handles);
     openFile->entry = nullptr;

@@ -365,6 +365,24 @@ void leaveMirror(int16_t file) {
   openFile->mirror = nullptr;
 }
 
+uint64_t writesKnown(int16_t file) {
+  const OpenFile* openFile = findOpenFile(file);
+  return openFile != nullptr && openFile->mirror != nullptr ? openFile->entry->writes + 1 : 0;
+}
+
+// What is not there is read, unless the budget is used up: then it is as much as there is.
+PinnedBytes pinBytes(int16_t file, int64_t position, uint64_t most) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr || openFile->mirror == nullptr || position < 0) return {};
+  CallState& call = callState();
+  if (call.gathered.hold(openFile->entry) && !call.flush()) return {};
+  Mirror& mirror = *openFile->mirror;
+  if (position >= mirror.length()) return {};
+  const auto rest = static_cast<uint64_t>(mirror.length() - position);
+  static_cast<void>(mirror.obtain(openFile->descriptor, position, std::min(most, rest)));
+  return PinnedBytes(mirror, position, most);
+}
+
 void noteWritten(FileEntry* entry, int64_t position, const void* bytes, uint64_t count,
                  uint64_t done) {
   ++entry->writes;

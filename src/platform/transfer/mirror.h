@@ -183,6 +183,13 @@ uint64_t mirroredBytes(int16_t file);
 bool useMirror(int16_t file);
 void leaveMirror(int16_t file);
 
+// How often this process has written to the file, plus 1; 0 where no mirror is used at present:
+// then others may have written to it, too.
+uint64_t writesKnown(int16_t file);
+
+// Keeps bytes of the file in memory, see Mirror::pin; none where no mirror is used at present.
+PinnedBytes pinBytes(int16_t file, int64_t position, uint64_t most);
+
 // For the transfer layer: after each write to a file, before its entry goes, and when it is cut.
 void noteWritten(FileEntry* entry, int64_t position, const void* bytes, uint64_t count,
                  uint64_t done);

@@ -1,6 +1,7 @@
 // Transfers at a position, and the scopes in which they are made cheap.
 #include "platform/transfer/transfer.h"
 
+#include <algorithm>
 #include <cassert>
 #include <limits>
 
@@ -113,6 +114,14 @@ const uint8_t* mirrored(const OpenFile& file, int64_t position, uint64_t count, 
   const Mirror::Extent extent = file.mirror->around(position, count);
   call.serveFrom(file, extent.start, extent.length, extent.bytes);
   return bytes;
+}
+
+// The same for bytes that need not all be in the file. Nothing is gathered for it.
+bool isMirrored(const OpenFile& file, int64_t position, uint64_t count) {
+  if (file.mirror == nullptr || position < 0 || position >= file.mirror->length()) return false;
+  const auto rest = static_cast<uint64_t>(file.mirror->length() - position);
+  bool refused = false;
+  return mirrored(file, position, std::min(count, rest), &refused) != nullptr;
 }
 
 // The window for a read, or null: when the read is too large for one, and, with *refused set, when
@@ -245,8 +254,7 @@ bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_
 void readAhead(const OpenFile& file, int64_t position, uint32_t count) {
   CallState& call = callState();
   if (!call.isInScope() || call.gathered.hold(file.entry)) return;
-  bool refused = false;
-  if (mirrored(file, position, count, &refused) != nullptr) return;
+  if (isMirrored(file, position, count)) return;
   call.serveFromNothing();
   const ReadWindow* window = call.windows.fill(file.entry, position, count);
   if (window != nullptr) call.serveFrom(file, *window);
