@@ -48,6 +48,7 @@ class LinkRepair {
     bool complete = false;
     try {
       CallScope scope(db_);
+      // unreached: setting the version has completed all writes
       complete = repair() && scope.end();
     } catch (platform::ThreadCancelled&) {
       throw;

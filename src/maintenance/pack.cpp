@@ -25,6 +25,7 @@ class PackToNewFile : public PackSteps {
   }
 
   bool completeDestination() override {
+    // unreached: setting the version completes all writes
     return SetDBaseVersion(dst_, kFinishedVersion) == 1 && PackSteps::completeDestination();
   }
 

@@ -54,7 +54,7 @@ class PackWithHandle : public PackSteps {
   // The wrong way round, and required: a rewrite that succeeds ends the pack, and one that fails
   // does not. Not made in the scope: there a write that fails makes every later one fail.
   bool rewriteSlotWithData(const tablePart1& slot) override {
-    if (!CallScope::completeWrites()) return false;
+    if (!CallScope::completeWrites()) return false;  // unreached: the copied block's were completed
     const platform::TransferPause direct;
     return WriteOne_TablePartOne(dst_, &slot) != 1;
   }
