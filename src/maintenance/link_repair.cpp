@@ -38,6 +38,48 @@ using namespace qvdbase::maintenance;
 
 namespace {
 
+// The sum of the counts of all tables, each as GetNumberOfRecords counts them by identifier:
+// those of the first slot that has it. Ends at the first slot that holds no table.
+uint64_t countRecords(int16_t db, const DirectoryNumbers& directory) {
+  uint64_t total = 0;
+  std::unordered_map<uint64_t, uint32_t, SeededHash> counts;
+  for (int t = 0; t < directory.tableCount; ++t) {
+    tablePart1 slot;
+    if (!readUsedSlot(db, directory.slotSize, &slot)) break;
+    const uint64_t table = identifierNumber(slot.tableID);
+    if (table != 0) total += counts.try_emplace(table, slot.recordCount).first->second;
+  }
+  return total;
+}
+
+// The record of the table at the file's position.
+bool readEntry(int16_t db, const unsigned char* tableID, recordPartP1Class* entry) {
+  recordPart1 header;
+  entry->recordPos = myGetFilePos(db);
+  if (internal_GetOneRecordDataInfo(db, tableID, &header) != 1) return false;
+  entry->tableID = identifierNumber(header.tableID);
+  entry->recordID = identifierNumber(header.recordID);
+  entry->prevRecordPos = header.prevRecordPos;
+  entry->nextRecordPos = header.nextRecordPos;
+  entry->dataLength = header.dataLength;
+  entry->dataCapacity = header.dataCapacity;
+  return true;
+}
+
+// Puts the records that the two walks have reached into the order of the new chain.
+void merge(VisitedRecords& forward, VisitedRecords& backward, VisitedRecords* merged) {
+  for (QVNode* node = forward.first(); node != nullptr; node = node->next) {
+    merged->appendIfNew(VisitedRecords::entryOf(node));
+  }
+  // Kept deliberately: the count is that of the backward list, but the forward list is read, from
+  // that index down to its first entry. What was reached only backwards stays out of the
+  // chain. Indexes that the forward list does not have are left out.
+  const int from = std::min(backward.size(), forward.size()) - 1;
+  for (QVNode* node = forward.nodeAt(from); node != nullptr; node = node->prev) {
+    merged->appendIfNew(VisitedRecords::entryOf(node));
+  }
+}
+
 class LinkRepair {
  public:
   LinkRepair(int16_t db, const RepairProgress& progress, int* result)
@@ -64,25 +106,13 @@ class LinkRepair {
     if (!readDirectoryNumbers(db_, &directory_)) return false;
     const int64_t directoryPos = myGetFilePos(db_);
     if (!report(1)) return false;
-    countRecords();
+    total_ = countRecords(db_, directory_);
     if (myFileSeek(db_, directoryPos, kFromStart) != 0) return false;  // unreached: own position
     for (int t = 0; t < directory_.tableCount; ++t) {
       if (!repairTable()) return false;
     }
     // The version says that the repair was completed, so that everything must be written before.
     return report(99) && CallScope::completeWrites() && SetDBaseVersion(db_, kFinishedVersion) == 1;
-  }
-
-  // The sum of the counts of all tables, each as GetNumberOfRecords counts them by identifier:
-  // those of the first slot that has it. Ends at the first slot that holds no table.
-  void countRecords() {
-    std::unordered_map<uint64_t, uint32_t, SeededHash> counts;
-    for (int t = 0; t < directory_.tableCount; ++t) {
-      tablePart1 slot;
-      if (!readUsedSlot(db_, directory_.slotSize, &slot)) return;
-      const uint64_t table = identifierNumber(slot.tableID);
-      if (table != 0) total_ += counts.try_emplace(table, slot.recordCount).first->second;
-    }
   }
 
   bool repairTable() {
@@ -113,7 +143,7 @@ class LinkRepair {
     }
     if (forwardComplete && backwardComplete) return true;
     if (forward_.empty() && backward_.empty()) return false;
-    merge();
+    merge(forward_, backward_, &merged_);
     return writeBack();
   }
 
@@ -126,25 +156,12 @@ class LinkRepair {
     // unreached: the last record that is counted returns
     for (uint32_t i = 0; i < slot_.recordCount; ++i) {
       recordPartP1Class entry;
-      if (!readEntry(&entry) || records->has(entry.recordPos)) return true;
+      if (!readEntry(db_, slot_.tableID, &entry) || records->has(entry.recordPos)) return true;
       if (!visit(records, entry)) return false;
       *complete = i == slot_.recordCount - 1;
       if (*complete || entry.*link == 0) return true;
       if (myFileSeek(db_, entry.*link, kFromStart) != 0) return true;
     }
-    return true;
-  }
-
-  bool readEntry(recordPartP1Class* entry) {
-    recordPart1 header;
-    entry->recordPos = myGetFilePos(db_);
-    if (internal_GetOneRecordDataInfo(db_, slot_.tableID, &header) != 1) return false;
-    entry->tableID = identifierNumber(header.tableID);
-    entry->recordID = identifierNumber(header.recordID);
-    entry->prevRecordPos = header.prevRecordPos;
-    entry->nextRecordPos = header.nextRecordPos;
-    entry->dataLength = header.dataLength;
-    entry->dataCapacity = header.dataCapacity;
     return true;
   }
 
@@ -159,19 +176,6 @@ class LinkRepair {
     if (total_ == 0) return 1;
     const double percent = visited_ * 97.0 / static_cast<double>(total_) + 1.0;
     return static_cast<int>(std::min(percent, double{std::numeric_limits<int>::max()}));
-  }
-
-  void merge() {
-    for (QVNode* node = forward_.first(); node != nullptr; node = node->next) {
-      merged_.appendIfNew(VisitedRecords::entryOf(node));
-    }
-    // Kept deliberately: the count is that of the backward list, but the forward list is read, from
-    // that index down to its first entry. What was reached only backwards stays out of the
-    // chain. Indexes that the forward list does not have are left out.
-    const int from = std::min(backward_.size(), forward_.size()) - 1;
-    for (QVNode* node = forward_.nodeAt(from); node != nullptr; node = node->prev) {
-      merged_.appendIfNew(VisitedRecords::entryOf(node));
-    }
   }
 
   // The links first, then the slot, if it changes.
