@@ -140,7 +140,10 @@ ErrorDetails Operation::details(std::optional<uint64_t> recordNumber) const {
 void Operation::requireWritable() const {
   const auto* file = platform::findOpenFile(db());
   if (file == nullptr) fail(Reason::not_open, "its handle was closed by other means");
-  if (!file->isWritable()) fail(Reason::read_only, "it was opened for reading only");
+  if (!file->isWritable()) {
+    fail(Reason::read_only,
+         database_.viewed != nullptr ? "a Reader only reads" : "it was opened for reading only");
+  }
   requireOwn();
 }
 

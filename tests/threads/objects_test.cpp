@@ -362,7 +362,8 @@ TEST_F(ThreadsOnDatabase, ReadOnAfterTheDatabaseWasClosed) {
   fill();
   qvdb::Reader reader = database.reader();
   qvdb::Table read = reader.table("t");
-  expectError(Reason::read_only, [&] { read.add("y"); });
+  const std::string why = expectError(Reason::read_only, [&] { read.add("y"); });
+  EXPECT_NE(why.find("a Reader only reads"), std::string::npos) << why;
   expectError(Reason::read_only, [&] { read.remove(Id{1}); });
   table.add_with_id(Id{1000}, "y");
   EXPECT_EQ(read.count(), kLasting + 1);
