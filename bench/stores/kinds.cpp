@@ -9,6 +9,8 @@ const std::vector<StoreKind>& storeKinds() {
   static const std::vector<StoreKind> kinds{
       {"qvdbase", "our C++ layer, open exclusively, with an index", kTree | kInspect | kSideBySide,
        makeQvdbaseLayer},
+      {"qvdbase-cache", "the same with a cache that takes the whole file", kTree,
+       makeQvdbaseCached},
       {"qvdbase-c", "our C interface alone", kChain, makeQvdbaseC},
       {"sqlite-wal", "SQLite with a write-ahead log", kTree, makeSqliteWal},
       {"sqlite-rollback", "SQLite with a rollback journal", kTree, makeSqliteRollback},
