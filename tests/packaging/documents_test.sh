@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What is installed besides libraries, headers and tool: the licence, and the documents for users,
-# whose references to one another lead somewhere.
+# What is installed besides libraries, headers and tool: the licence; the documents for users, whose
+# references to one another lead somewhere; and with the tool its manual and completion.
 #
 # Usage: documents_test.sh BUILD-FOLDER
 set -euo pipefail
@@ -14,6 +14,12 @@ failures=0
 for document in LICENSE README.md CHANGELOG.md SECURITY.md docs/format.md docs/recovery.md; do
   [ -s "$documents/$document" ] || { echo "$document is not installed"; failures=1; }
 done
+if [ -e "$scratch/prefix/bin/qvdb" ]; then
+  for file in man/man1/qvdb.1 man/man1/qvdb-import.1 bash-completion/completions/qvdb \
+    zsh/site-functions/_qvdb fish/vendor_completions.d/qvdb.fish; do
+    [ -s "$scratch/prefix/share/$file" ] || { echo "$file is not installed"; failures=1; }
+  done
+fi
 [ "$failures" = 0 ] || exit 1
 
 # Headers lie elsewhere in an installation; what is about the sources is for those who have them.

@@ -14,11 +14,6 @@ namespace {
 constexpr size_t kWidth = 79;
 constexpr size_t kHelpColumn = 10;
 constexpr size_t kStatusColumn = 4;
-constexpr const char* kExitStatus = R"(0  done
-1  failed, or what was asked for does not exist
-2  wrong usage
-3  another process has the database open)";
-
 void wrap(std::ostream& out, const std::string& text, size_t indent) {
   const std::string space(indent, ' ');
   out << wrapped(space + text, kWidth, indent);
@@ -46,21 +41,17 @@ USAGE
 COMMANDS
 )";
 
-constexpr const char* kOverviewEnd = R"(
-A TABLE is named by its name or its identifier, a RECORD by its identifier or,
-in a table of imported files, by its file's name. Identifiers are written as 0x
-and hexadecimal digits, or in decimal.
-
+constexpr const char* kOverviewOptions = R"(
 OPTIONS
   -h, --help    show this help, or that of a command
   --version     show the version
-
-EXAMPLES
-  qvdb create photos.qvd
-  qvdb import photos.qvd holiday ~/Pictures/holiday/
-  qvdb records photos.qvd holiday
-  qvdb export photos.qvd holiday /mnt/copy
 )";
+
+void examples(std::ostream& out, const char* lines) {
+  out << "\nEXAMPLES\n";
+  std::istringstream examples(lines);
+  for (std::string line; std::getline(examples, line);) out << "  " << line << '\n';
+}
 
 void exitStatuses(std::ostream& out, const char* lines) {
   out << "\nEXIT STATUS\n";
@@ -72,6 +63,21 @@ void exitStatuses(std::ostream& out, const char* lines) {
 
 }  // namespace
 
+const char* const kExitStatus = R"(0  done
+1  failed, or what was asked for does not exist
+2  wrong usage
+3  another process has the database open)";
+
+const char* const kWordsHelp =
+    R"(A TABLE is named by its name or its identifier, a RECORD by its identifier or, in a table of
+imported files, by its file's name. Identifiers are written as 0x and hexadecimal digits, or in
+decimal.)";
+
+const char* const kExamples = R"(qvdb create photos.qvd
+qvdb import photos.qvd holiday ~/Pictures/holiday/
+qvdb records photos.qvd holiday
+qvdb export photos.qvd holiday /mnt/copy)";
+
 std::string overview() {
   std::ostringstream out;
   out << kOverviewStart;
@@ -80,7 +86,10 @@ std::string overview() {
         << std::string(12 - std::min<size_t>(11, std::string_view(command->name).size()), ' ')
         << command->summary << '\n';
   }
-  out << kOverviewEnd;
+  out << '\n';
+  paragraphs(out, kWordsHelp, 0);
+  out << kOverviewOptions;
+  examples(out, kExamples);
   exitStatuses(out, kExitStatus);
   return out.str();
 }
@@ -104,14 +113,20 @@ std::string CommandHelp::text() const {
       << command_.name << (options_.empty() ? "" : " [OPTION]...") << usage_ << "\n\nDESCRIPTION\n";
   paragraphs(out, command_.description, 2);
   section(out, "ARGUMENTS", arguments_);
+  section(out, "OPTIONS", options());
+  examples(out, command_.examples);
+  exitStatuses(out, exitStatus());
+  return out.str();
+}
+
+std::vector<CommandHelp::Entry> CommandHelp::options() const {
   std::vector<Entry> options = options_;
   options.push_back({"-h, --help", "Show this help."});
-  section(out, "OPTIONS", options);
-  out << "\nEXAMPLES\n";
-  std::istringstream lines(command_.examples);
-  for (std::string line; std::getline(lines, line);) out << "  " << line << '\n';
-  exitStatuses(out, command_.exitStatus != nullptr ? command_.exitStatus : kExitStatus);
-  return out.str();
+  return options;
+}
+
+const char* CommandHelp::exitStatus() const {
+  return command_.exitStatus != nullptr ? command_.exitStatus : kExitStatus;
 }
 
 void CommandHelp::section(std::ostream& out, const char* title, const std::vector<Entry>& entries) {

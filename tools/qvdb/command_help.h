@@ -11,6 +11,12 @@ namespace qvdb::tool {
 // What 'qvdb --help' prints.
 std::string overview();
 
+// The exit statuses of the tool, one to a line, and what it says of the words for tables and
+// records and of its own use.
+extern const char* const kExitStatus;
+extern const char* const kWordsHelp;
+extern const char* const kExamples;
+
 // The help of one command, laid out like a manual page: usage, description, arguments, options,
 // examples, exit status.
 class CommandHelp {
@@ -25,13 +31,18 @@ class CommandHelp {
 
   std::string text() const;
 
-  const Command& command() const { return command_; }
-
- private:
+  // What the text is made of, for the manual and the completion of shells.
   struct Entry {
-    std::string left;
+    std::string left;  // "FILE", "-o, --output FILE"
     std::string help;
   };
+  const Command& command() const { return command_; }
+  const std::string& usage() const { return usage_; }  // of the arguments: " FILE [TABLE]"
+  const std::vector<Entry>& arguments() const { return arguments_; }
+  std::vector<Entry> options() const;
+  const char* exitStatus() const;  // one to a line
+
+ private:
   static void section(std::ostream& out, const char* title, const std::vector<Entry>& entries);
 
   const Command& command_;

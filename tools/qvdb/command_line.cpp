@@ -202,6 +202,13 @@ void Arguments::noSync(bool& value) {
        "Do not wait until the device has everything. Faster, but a power failure can undo it.");
 }
 
+CommandHelp helpOf(const Command& command) {
+  CLI::App app;
+  Arguments::Parser parser(&app, command);
+  defineIn(parser);
+  return parser.help;
+}
+
 // Each command is an application of its own to the library. As a subcommand it would end at a word
 // "++", and at a "--" once all required arguments are there.
 std::optional<Action> readCommandLine(int argc, const char* const* argv) {

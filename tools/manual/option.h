@@ -1,0 +1,22 @@
+// The options of a command as the manual and the shells want them: taken apart.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "command_help.h"
+
+namespace qvdb::manual {
+
+struct Option {
+  std::vector<std::string> names;  // "-o", "--output"
+  std::string value;               // "FILE"; empty for a flag
+  std::string help;
+};
+
+std::vector<Option> optionsOf(const tool::CommandHelp& help);
+
+// The first sentence of a help, without its full stop: what a shell shows beside an option.
+std::string firstSentence(const std::string& help);
+
+}  // namespace qvdb::manual
