@@ -2,16 +2,15 @@
 // going to be linked to.
 #pragma once
 
-#include <qvdbase/qvdb/database.hpp>
-
 #include <cstdint>
 
 #include "format/layout.h"
+#include "objects/open_database.h"
 
 namespace qvdb::detail {
 
 // Throws directory_damaged, chain_damaged and cannot_read, as open_checked() describes them.
-void checkEnds(const Database& database);
+void checkEnds(const Operation& operation);
 
 // What is wrong with the links at the end of a table's chain, or null: most of all, that the
 // deletion of its last record was cut off. Moves the file's position.

@@ -211,7 +211,8 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
     database.state_->wait = options.wait;
     if (options.cache != 0) detail::holdCache(Operation(database.state_, kOpen), options.cache);
     if (options.check) {
-      detail::look(Operation(database.state_, kOpen), [&] { detail::checkEnds(database); });
+      const Operation operation(database.state_, kOpen);
+      detail::look(operation, [&] { detail::checkEnds(operation); });
     }
     return database;
   });

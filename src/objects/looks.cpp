@@ -5,6 +5,7 @@
 
 #include "QVDbase/directory_cache.h"
 #include "format/layout.h"
+#include "objects/table_index.h"
 #include "objects/waiting.h"
 #include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
@@ -90,14 +91,16 @@ void end(OpenDatabase& database) {
   endViewLook(database);
 }
 
-// Header and directory as they are now.
-std::string directoryBytes(int16_t db) {
-  engine::SavedPosition scope(db);
-  std::string bytes(format::kNewFileSize, '\0');
+// What the error can come from, as it is now: the slot of its table, or header and directory where
+// it is not about one.
+std::string bytesInDoubt(const Operation& operation) {
+  engine::SavedPosition scope(operation.db());
+  const bool isOfTable = operation.slotPos() != 0;
+  std::string bytes(isOfTable ? operation.slotSize() : format::kNewFileSize, '\0');
   uint32_t count = 0;
-  if (!support::seekTo(db, 0)) return {};
+  if (!support::seekTo(operation.db(), operation.slotPos())) return {};
   static_cast<void>(
-      support::readFile(db, bytes.data(), static_cast<uint32_t>(bytes.size()), &count));
+      support::readFile(operation.db(), bytes.data(), static_cast<uint32_t>(bytes.size()), &count));
   return bytes;
 }
 
@@ -110,6 +113,25 @@ void announce(OpenDatabase& database) {
   database.isAnnounced = platform::announceReader(database.handle);
   database.announcedAt = platform::microsecondCounter();
   database.mayMissChanges = platform::isOpenForWritingElsewhere(database.handle);
+}
+
+// What the threads of the parent were at has no end here. What they were changing when it forked
+// began before the announcement.
+void separateFromParent(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  if (!platform::separateReaders(operation.db(), database.place.native())) {
+    operation.fail(Reason::opened_elsewhere,
+                   "the process that opened it is another one, of which this is a child, and its "
+                   "path no longer leads to it; open it again here");
+  }
+  database.forkDepth = platform::forkDepth();
+  database.looks = database.changing = 0;
+  database.holdsLook = database.holdsViewLook = false;
+  markIndexesStale(database);
+  database.isBesideWriters = true;
+  database.isAnnounced = platform::announceReader(operation.db());
+  database.announcedAt = platform::microsecondCounter();
+  database.mayMissChanges = true;
 }
 
 void withdraw(OpenDatabase& database) noexcept {
@@ -141,19 +163,22 @@ void Steps::pause() const {
 
 void Doubt::weigh(const Error& error) {
   if (!saysWhatTheFileHolds(error.reason())) throw;
-  const int16_t db = operation_.db();
-  const bool mayBeChanging = platform::isOpenForWritingElsewhere(db);
+  const bool mayBeChanging = platform::isOpenForWritingElsewhere(operation_.db());
   // That something is missing is what the file says; that something is damaged may be what a change
   // makes of it, which shows in the directory.
   const bool isMissing =
       error.reason() == Reason::record_missing || error.reason() == Reason::table_missing;
-  std::string found = error.what() + (isMissing ? std::string() : directoryBytes(db));
+  std::string found = error.what() + (isMissing ? std::string() : bytesInDoubt(operation_));
   if (found == seen_) throw;
+  Place place = {error.table(), error.record_number()};
+  if (!place.record || place != place_) looksAtPlace_ = 0;
+  if (++looksAtPlace_ == kLooks) throw;
   if (++looks_ == kLooks) {
     operation_.fail(Reason::changed_meanwhile,
                     "another process changed it again and again while it was read; try again");
   }
   seen_ = std::move(found);
+  place_ = std::move(place);
   platform::forgetHostFailure();
   if (mayBeChanging) letPass(platform::microsecondCounter(), kLongestChange);
 }

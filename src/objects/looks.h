@@ -6,13 +6,16 @@
 // old ones mixed, and two equal reads are no proof that none was: only that exclusion is.
 //
 // What contradicts itself in a look is damage, or half of a change by a writer that takes no part
-// in this. It is believed when a second look finds the same.
+// in this. It is believed when a second look finds the same in a slot that is the same, and when
+// every look finds it at the same record, whatever writers do to the table meanwhile.
 //
 // A long walk ends its look and begins another one after a limited number of steps. It needs no
 // restart, because the format never uses space again: a record that has left its chain keeps its
 // links, and from there the chain leads to every record that was there all the time.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "QVDbase/position.h"
@@ -24,6 +27,10 @@ namespace qvdb::detail {
 // Where locks do not work it reads on without.
 void announce(OpenDatabase& database);
 void withdraw(OpenDatabase& database) noexcept;
+
+// In a child process that got the database by fork, before its first operation: it reads as any
+// other process does, with locks of its own. Throws opened_elsewhere where it cannot.
+void separateFromParent(const Operation& operation);
 
 class Look {
  public:
@@ -65,9 +72,18 @@ class Doubt {
  private:
   static constexpr int kLooks = 5;
 
+  // Which record of a table an error is about.
+  struct Place {
+    std::string table;
+    std::optional<uint64_t> record;
+    bool operator==(const Place&) const = default;
+  };
+
   const Operation& operation_;
   std::string seen_;
+  Place place_;
   int looks_ = 0;
+  int looksAtPlace_ = 0;  // in which the same record was damaged
 };
 
 // Reads by `body`, which begins afresh each time that it is called. The transfers of one call are

@@ -18,6 +18,8 @@
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "objects/chain_ends.h"
+#include "objects/looks.h"
+#include "objects/open_database.h"
 #include "recovery/check/findings.h"
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/survey.h"
@@ -27,11 +29,10 @@ using namespace qvdbase;
 namespace qvdb {
 namespace {
 
+using detail::Operation;
 using survey::ByteSource;
 using survey::Slot;
 using survey::Survey;
-
-constexpr const char* kOperation = "open the database";
 
 // The header that these bytes are, if it is one of a record of the table.
 std::optional<recordPart1> recordIn(const unsigned char* bytes, const tablePart1& slot) {
@@ -127,10 +128,8 @@ class Ends {
 // The chains of an open database, by the bytes of its file.
 class FileEnds {
  public:
-  FileEnds(const Database& database, const char* operation)
-      : path_(database.path()),
-        operation_(operation),
-        file_(database.handle(), database.path(), operation) {
+  explicit FileEnds(const Operation& operation)
+      : operation_(operation), file_(operation.db(), operation.database().path, operation.name()) {
     survey::readDirectory(file_.source(), {}, &survey_);
     if (survey_.unreadableAt >= 0) failReading(survey_.unreadableAt);
   }
@@ -158,23 +157,24 @@ class FileEnds {
 
   // That a byte cannot be read says nothing about the chain.
   [[noreturn]] void failReading(int64_t position) const {
-    failure::throwError(path_, operation_, Reason::cannot_read,
-                        "the system cannot read it at " + std::to_string(position));
+    operation_.fail(Reason::cannot_read,
+                    "the system cannot read it at " + std::to_string(position));
   }
 
-  const std::filesystem::path& path_;
-  const char* operation_;
+  const Operation& operation_;
   const survey::OpenedFile file_;
   Survey survey_;
 };
 
-[[noreturn]] void failChain(const std::filesystem::path& path, const char* operation,
-                            const Slot& slot, const char* problem, Remedy remedy = Remedy::usual) {
+[[noreturn]] void failChain(const Operation& operation, const Slot& slot, const char* problem,
+                            Remedy remedy = Remedy::usual) {
+  operation.aboutSlot(slot.position, format::kSlotImageSize);
   ErrorDetails known;
   known.remedy = remedy;
   known.table = format::storedName(slot.fields);
   const std::string why = "table " + survey::shown(known.table) + ": " + problem;
-  failure::throwError(path, operation, Reason::chain_damaged, why, std::move(known));
+  failure::throwError(operation.database().path, operation.name(), Reason::chain_damaged, why,
+                      std::move(known));
 }
 
 }  // namespace
@@ -186,23 +186,22 @@ Database open_checked(const std::filesystem::path& path, Mode mode) {
   return Database::open(path, options);
 }
 
-void detail::checkEnds(const Database& database) {
-  const std::filesystem::path& path = database.path();
-  const FileEnds file(database, kOperation);
+void detail::checkEnds(const Operation& operation) {
+  const FileEnds file(operation);
   const Survey& survey = file.survey();
   if (survey.header.tableCount < 0 ||
       survey.header.tableCount > static_cast<int>(survey.slots.size())) {
-    failure::throwError(path, kOperation, Reason::directory_damaged,
-                        "the number of tables is impossible");
+    operation.fail(Reason::directory_damaged, "the number of tables is impossible");
   }
   for (const Slot& slot : survey.slots) {
     if (!slot.counted) break;
     if (!slot.holdsTable()) {
-      failure::throwError(path, kOperation, Reason::directory_damaged,
-                          "slot " + std::to_string(slot.index) + " lacks its marks");
+      operation.aboutSlot(slot.position, format::kSlotImageSize);
+      operation.fail(Reason::directory_damaged,
+                     "slot " + std::to_string(slot.index) + " lacks its marks");
     }
     const char* problem = file.of(slot).problem();
-    if (problem != nullptr) failChain(path, kOperation, slot, problem);
+    if (problem != nullptr) failChain(operation, slot, problem);
   }
 }
 
@@ -220,15 +219,17 @@ const char* detail::problemAtEnd(int16_t db, const tablePart1& slot) {
 }
 
 void check_ends(const Database& database, Id table) {
-  constexpr const char* kWriting = "write to the table";
-  const FileEnds file(database, kWriting);
-  for (const Slot& slot : file.survey().slots) {
-    if (!slot.counted) break;
-    const Ends ends = file.of(slot);
-    const bool isAsked = format::identifierNumber(slot.fields.tableID) == table.value;
-    const char* problem = isAsked ? ends.problem() : ends.problemBeyondFile();
-    if (problem != nullptr) failChain(database.path(), kWriting, slot, problem, Remedy::mend);
-  }
+  const Operation operation(database.state_, "write to the table");
+  detail::look(operation, [&] {
+    const FileEnds file(operation);
+    for (const Slot& slot : file.survey().slots) {
+      if (!slot.counted) break;
+      const Ends ends = file.of(slot);
+      const bool isAsked = format::identifierNumber(slot.fields.tableID) == table.value;
+      const char* problem = isAsked ? ends.problem() : ends.problemBeyondFile();
+      if (problem != nullptr) failChain(operation, slot, problem, Remedy::mend);
+    }
+  });
 }
 
 }  // namespace qvdb

@@ -35,6 +35,7 @@ void OpenDatabase::takeOver(OpenDatabase& other) noexcept {
   mayMissChanges = other.mayMissChanges;
   announcedAt = other.announcedAt;
   opener = other.opener;
+  forkDepth = other.forkDepth;
   handle = other.handle;
   other.handle = 0;
 }
@@ -98,6 +99,7 @@ Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* 
     : database_(databaseOf(database, name)), name_(name), turn_(database_), db_(turn_.handle()) {
   platform::forgetHostFailure();
   if (db_ == 0) fail(Reason::not_open, "it was closed");
+  if (database_.forkDepth != platform::forkDepth()) separateFromParent(*this);
   if (database_.cacheHolders != 0) usesMirror_ = platform::useMirror(db_);
 }
 
@@ -191,6 +193,7 @@ engine::FoundTable Operation::table(Id table) const {
   // The common case reads each slot once. Only after a failure they are read again, to say why.
   if (engine::findTable(db(), table.value, &found)) {
     about({found.slot.tableName, sizeof found.slot.tableName});
+    aboutSlot(found.slotPos, found.slotSize);
     return found;
   }
   tablePart1 slot;
@@ -207,7 +210,9 @@ void Operation::failMissingTable(const std::string& wanted, const std::string& w
 void Operation::readSlot(const engine::DirectoryNumbers& numbers, int index,
                          tablePart1* slot) const {
   const auto fault = handle::readSlot(db(), numbers, index, slot);
-  if (fault) fail(fault->reason, fault->why);
+  if (!fault) return;
+  aboutSlot(format::slotPosition(index, numbers.slotSize), numbers.slotSize);
+  fail(fault->reason, fault->why);
 }
 
 uint64_t Operation::fileLength() const {

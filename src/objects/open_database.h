@@ -44,6 +44,7 @@ struct OpenDatabase {
   // Counts how often it was opened again: positions that were found before are of another file.
   Published<uint32_t> opening;
   qvdbase::platform::ProcessMark opener;
+  uint32_t forkDepth = qvdbase::platform::forkDepth();  // of the process that works with it
   // Whether others may write to the file while it is read, whether this opener has announced itself
   // to them, and since when; see looks.h and turns.h.
   bool isBesideWriters = false;
@@ -83,7 +84,8 @@ struct OpenDatabase {
 
   // Whether it is a view of a database that no other process may write to meanwhile.
   bool isViewOfExclusive() const {
-    return viewed != nullptr && viewed->mode == Mode::exclusive && viewed->handle != 0 &&
+    return viewed != nullptr && forkDepth == viewed->opener.forkDepth() &&
+           viewed->mode == Mode::exclusive && viewed->handle != 0 &&
            viewed->opening == viewedOpening;
   }
 
@@ -127,8 +129,9 @@ class DatabaseTurn {
 // follows "cannot ". Its transfers are made within a SavedPosition.
 class Operation {
  public:
-  // Throws not_open when there is no database, or a closed one. What the host answered to earlier
-  // operations is forgotten.
+  // Throws not_open when there is no database, or a closed one; opened_elsewhere in a child process
+  // that got it by fork and cannot read it by itself. What the host answered to earlier operations
+  // is forgotten.
   Operation(const std::shared_ptr<OpenDatabase>& database, const char* name);
   ~Operation() {
     if (usesMirror_) leaveMirror();
@@ -189,6 +192,15 @@ class Operation {
 
   uint64_t fileLength() const;
 
+  // Notes the slot of the table that the errors which follow are about, for looks.h. table() and
+  // findSlot() do that for theirs.
+  void aboutSlot(int64_t position, uint16_t size) const {
+    slotPos_ = position;
+    slotSize_ = size;
+  }
+  int64_t slotPos() const { return slotPos_; }  // 0 where it is not known
+  uint16_t slotSize() const { return slotSize_; }
+
   // Names the table in the errors that follow. table() does that for the one it finds.
   void about(std::string_view table) const;
   std::string tableName() const;
@@ -219,6 +231,8 @@ class Operation {
   bool usesMirror_ = false;  // of the file, and ends it
   mutable std::array<char, qvdbase::format::kTableNameSize>
       tableName_{};  // zeros where it is not known
+  mutable int64_t slotPos_ = 0;
+  mutable uint16_t slotSize_ = 0;
 };
 
 }  // namespace qvdb::detail

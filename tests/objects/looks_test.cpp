@@ -77,6 +77,7 @@ class LooksTest : public LayerTest {
             [this] { idsOf(*table_); },
             [this] { table_->data_size(); },
             [this] { table_->data(); },
+            [this] { qvdb::check_ends(*database_, table_->id()); },
             [this] {
               std::vector<std::byte> buffer(4);
               table_->read_data(1, buffer);
@@ -348,7 +349,6 @@ class ContradictionTest : public LooksTest {
   void setCount(uint8_t count) const { setByte(22 + 60, count); }
   void setCountWritten(uint8_t count) const { setByte(22 + 64, count); }
 
- private:
   void setByte(int position, uint8_t byte) const {
     std::fstream out(path(), std::ios::in | std::ios::out | std::ios::binary);
     out.seekp(position);
@@ -374,6 +374,30 @@ TEST_F(ContradictionTest, IsAChangeWhenEveryLookFindsSomethingElse) {
   setMark(mark);
   const Pauses pauses([&] { setMark(++mark); });
   expectError(Reason::changed_meanwhile, [&] { table_->count(); });
+}
+
+TEST_F(ContradictionTest, IsDamageBesideAWriterOfAnotherTable) {
+  expectDamage();
+  uint8_t byte = 0;
+  const Pauses pauses([&] { setByte(22 + 2 * 144, ++byte); });
+  expectError(Reason::chain_damaged, [&] { idsOf(*table_); });
+}
+
+TEST_F(ContradictionTest, IsDamageWhenEveryLookFindsItAtTheSameRecord) {
+  expectDamage();
+  setCount(9);
+  const auto records = database().tables.at(0).records;
+  setByte(static_cast<int>(records.at(4).position), 0);  // the mark of a block
+  uint8_t count = 10;
+  const Pauses pauses([&] { setCountWritten(++count); });
+  expectError(Reason::chain_damaged, [&] { idsOf(*table_); });
+}
+
+TEST_F(ContradictionTest, IsNoneAtTheEndsWhenASecondLookFindsNone) {
+  setCount(0);
+  const Pauses pauses([&] { setCount(9); });
+  qvdb::check_ends(*database_, table_->id());
+  EXPECT_GE(pauses.microseconds(), 20'000u);
 }
 
 // The directory is another one at each look, as beside a writer that never rests.

@@ -268,9 +268,12 @@ TEST_F(TurnsTest, AWriterKeepsReadersInThreadsOutForAsLongAsItKeepsThoseInProces
       change();
     }
     EXPECT_GE(isExcluding.size(), 6u);
-    EXPECT_FALSE(isExcluding.front());  // the turn of writers is taken before,
-    EXPECT_FALSE(isExcluding.back());   // and given up after it
-    EXPECT_EQ(std::count(isExcluding.begin(), isExcluding.end(), false), 2);
+    // Before it, whether another writer is next is asked, and the turn of writers is taken; that is
+    // given up after it.
+    EXPECT_FALSE(isExcluding.at(0));
+    EXPECT_FALSE(isExcluding.at(1));
+    EXPECT_FALSE(isExcluding.back());
+    EXPECT_EQ(std::count(isExcluding.begin(), isExcluding.end(), false), 3);
   }
   EXPECT_EQ(entry->viewLooks, 0u);
 }

@@ -437,6 +437,57 @@ TEST_F(ForkedDatabase, IsOnlyReadInTheChild) {
   expectSound();
 }
 
+// Each payload is one letter, so that a mixture is seen.
+TEST_F(ForkedDatabase, IsReadInTheChildWhileTheParentChangesIt) {
+  constexpr size_t kSize = 200'000;
+  for (const Mode mode : {Mode::exclusive, Mode::shared}) {
+    fill();
+    table.add_with_id(Id{1000}, std::string(kSize, 'a'));
+    database.close();
+    database = openDatabase(mode);
+    table = database.table("t");
+    const qvdb::Reader reader = database.reader();
+    const pid_t child = ::fork();
+    if (child == 0) {
+      beTheChild([&] {
+        const qvdb::Table viewed = reader.table("t");
+        for (int round = 0; round < kRounds; ++round) {
+          const qvdb::Table& read = round % 2 == 0 ? table : viewed;
+          const std::vector<std::byte> payload = read.get(Id{1000}).value();
+          const bool isWhole = payload == std::vector<std::byte>(kSize, payload.at(0));
+          EXPECT_TRUE(isWhole);
+          expectLasting(walk(read, Order::oldest_first));
+          qvdb::check_ends(database, table.id());
+        }
+        return HasFailure() ? 1 : 0;
+      });
+    }
+    int status = 0;
+    for (int round = 0; ::waitpid(child, &status, WNOHANG) == 0; ++round) {
+      table.modify(Id{1000}, std::string(kSize, static_cast<char>('a' + round % 26)));
+      table.add_with_id(Id{2000}, "passing");
+      table.remove(Id{2000});
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    expectSound();
+    std::filesystem::remove(path());
+  }
+}
+
+TEST_F(ForkedDatabase, IsNotReadInTheChildWhenItsPathLeadsElsewhere) {
+  fill();
+  EXPECT_EQ(inForkedChild([&] {
+              std::filesystem::rename(path(), path("elsewhere.qvd"));
+              const std::string why = expectError(Reason::opened_elsewhere, [&] { table.count(); });
+              EXPECT_NE(why.find("child"), std::string::npos) << why;
+              std::filesystem::rename(path("elsewhere.qvd"), path());
+              EXPECT_EQ(table.count(), kLasting);
+              return HasFailure() ? 1 : 0;
+            }),
+            0);
+  EXPECT_EQ(table.count(), kLasting);
+}
+
 TEST_F(ForkedDatabase, LosesNothingThatParentAndChildAddAtOnce) {
   fill();
   database.close();

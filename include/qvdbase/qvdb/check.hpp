@@ -186,8 +186,8 @@ QVDBASE_API Database open_checked(const std::filesystem::path& path, Mode mode =
 // tables are searched for a last record that extends beyond the end of the file: appended bytes
 // would be taken for the ones that it lacks. Only salvage() helps then.
 //
-// Throws Error with chain_damaged, whose remedy() is mend, or cannot_read; operation() is "write to
-// the table".
+// Throws Error with chain_damaged, whose remedy() is mend, or cannot_read, and beside other
+// processes in_use and changed_meanwhile; not_open; operation() is "write to the table".
 QVDBASE_API void check_ends(const Database& database, Id table);
 
 // What link repair (FixOneDBLinkErrorW) would do to a table.

@@ -114,9 +114,10 @@ class Reader;
 // (RecordRange and its iterators), appenders and writers belong to one thread at a time; another
 // thread may close the database meanwhile, and they then throw not_open.
 //
-// Fork. A child process that got the database by fork can read, and refuses to write with
-// opened_elsewhere, because its parent may be writing; reopen() opens the file for the child
-// itself. What the child closes or destroys has no effect on the parent.
+// Fork. A child process that got the database by fork can read, beside its parent as beside any
+// other process that writes, and refuses to write with opened_elsewhere; reopen() opens the file
+// for the child itself. Where the path no longer leads to the file that the parent opened, reading
+// throws opened_elsewhere, too. What the child closes or destroys has no effect on the parent.
 class QVDBASE_API Database {
  public:
   // Creates an empty database and leaves it open exclusively. It is made under a temporary name,
@@ -256,6 +257,7 @@ class QVDBASE_API Database {
   explicit Database(std::shared_ptr<detail::OpenDatabase> state) noexcept;
   static Database openOrCreate(const std::filesystem::path& path, Mode mode);
   detail::OpenDatabase& state() const;
+  friend QVDBASE_API void check_ends(const Database& database, Id table);
 
   std::shared_ptr<detail::OpenDatabase> state_;
 };

@@ -44,6 +44,7 @@ FileEntry newEntry(const struct stat& status) {
   entry.inode = status.st_ino;
   entry.readWrite = -1;
   entry.readOnly = -1;
+  entry.lockBytes.forkDepth = forkDepth();
   return entry;
 }
 

@@ -51,6 +51,7 @@ struct LockBytesHeld {
   int lookedOn;           // the descriptor of their lock
   const void* turnOwner;  // the writer here that has the turn of shared writers, or null
   const void* nextOwner;  // the one here whose turn is next, or null
+  uint32_t forkDepth;     // of the process that has taken them
 };
 
 struct FileEntry {

@@ -1,11 +1,13 @@
 // Locks on the bytes after every file.
 #include "platform/handles/lock_bytes.h"
 
+#include <memory>
 #include <optional>
 
 #include "platform/handles/look_count.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/system_calls.h"
+#include "platform/paths/host_path.h"
 
 namespace qvdbase::platform {
 namespace {
@@ -73,10 +75,28 @@ bool isGateClosed(int descriptor) {
 
 // Whether another opener holds a lock that conflicts with this one; what cannot be found out counts
 // as held.
-bool isHeld(const FileEntry& entry, struct flock lock) {
-  const int descriptor = descriptorOf(entry);
+bool isHeld(int descriptor, struct flock lock) {
   if (uninterrupted([&] { return systemCalls().findLock(descriptor, &lock); }) != 0) return true;
   return lock.l_type != F_UNLCK;
+}
+
+// Puts a new description of the file in the place of the one for reading.
+bool openForReaders(FileEntry* entry, const std::string& path) {
+  Directory folder;
+  const std::unique_ptr<EntryName> name = walkToParent(path, &folder);
+  if (name == nullptr || folder.descriptor() < 0) return false;
+  struct stat status = {};
+  const int descriptor = openRegularFile(folder, *name, O_RDONLY, &status);
+  if (descriptor < 0) return false;
+  const bool isSame = status.st_dev == entry->device && status.st_ino == entry->inode;
+  if (isSame && entry->readOnly < 0) {
+    entry->readOnly = descriptor;
+    return true;
+  }
+  const bool isReplaced =
+      isSame && systemCalls().replaceDescriptor(descriptor, entry->readOnly) >= 0;
+  systemCalls().close(descriptor);
+  return isReplaced;
 }
 
 bool isAnotherNext(const FileEntry& entry) {
@@ -100,7 +120,7 @@ void releaseLockByte(int16_t file, LockByte byte, Sharing strength) {
 
 bool isLockByteHeld(int16_t file, LockByte byte) {
   const LockedEntry entry(file);
-  return entry && isHeld(*entry, lockOf(byte, F_WRLCK));
+  return entry && isHeld(descriptorOf(*entry), lockOf(byte, F_WRLCK));
 }
 
 LockOutcome takeLook(int16_t file) {
@@ -164,9 +184,31 @@ void carryAnnouncement(const FileEntry& entry, int descriptor) {
   setLock(descriptor, LockByte::reader, F_RDLCK);
 }
 
+bool separateReaders(int16_t file, const std::string& path) {
+  const LockedEntry entry(file);
+  if (!entry) return false;
+  if (entry->lockBytes.forkDepth != forkDepth()) {
+    if (locksPassToChildren() && !openForReaders(&*entry, path)) return false;
+    entry->lockBytes = {};
+    entry->lockBytes.forkDepth = forkDepth();
+  }
+  OpenFile* openFile = &detail::openFiles[file];
+  FileEntry& own = *openFile->entry;  // a view has the descriptor of its source
+  if (own.source != nullptr) own.readOnly = descriptorFor(*entry, Sharing::shared);
+  // Of a call that a thread of the parent's was at.
+  openFile->served = {};
+  openFile->mirror = nullptr;
+  return true;
+}
+
 bool isOpenForWritingElsewhere(int16_t file) {
   const LockedEntry entry(file);
-  return entry && entry->exclusiveOpeners == 0 && isHeld(*entry, fileLock(Sharing::exclusive));
+  if (!entry) return false;
+  // The lock that a child has got from its parent is the parent's.
+  const bool isOwn = entry->locker.isStillOwn();
+  if (isOwn && entry->exclusiveOpeners > 0) return false;
+  const int descriptor = isOwn ? descriptorOf(*entry) : descriptorFor(*entry, Sharing::shared);
+  return isHeld(descriptor, fileLock(Sharing::exclusive));
 }
 
 LockOutcome takeWritersTurn(int16_t file, const void* owner) {

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 
 #include <cstdint>
+#include <string>
 
 #include "platform/handles/file_entries.h"
 
@@ -62,6 +63,11 @@ void renewAnnouncement(int16_t file);
 
 // The same for a description that is about to take the place of `entry.readWrite`.
 void carryAnnouncement(const FileEntry& entry, int descriptor);
+
+// In a child made by fork: from now on the readers of this file take locks of their own, on a
+// description that this process opens by the path, and not together with the parent. They have to
+// announce themselves again. False where the path does not lead to the file.
+bool separateReaders(int16_t file, const std::string& path);
 
 // Whether another process has the file open for writing.
 bool isOpenForWritingElsewhere(int16_t file);

@@ -10,10 +10,23 @@
 
 namespace qvdbase::platform {
 
+namespace detail {
+extern constinit uint32_t forkDepth;
+}
+
+// By how many forks this process descends from the first that had the library: another number in a
+// child than in its parent. Costs no call.
+inline uint32_t forkDepth() {
+  return detail::forkDepth;
+}
+
 class ProcessMark {
  public:
   // Made with the object that it marks, in the process that the object belongs to.
   ProcessMark() : process_(systemCalls().processId()), forks_(systemCalls().forkCount()) {}
+
+  // The fork depth of that process.
+  uint32_t forkDepth() const { return depth_; }
 
   // Whether this process is the one that made the mark.
   bool isOwn() const { return process_ == systemCalls().processId(); }
@@ -30,6 +43,7 @@ class ProcessMark {
  private:
   pid_t process_;
   uint32_t forks_;
+  uint32_t depth_ = platform::forkDepth();
 };
 
 }  // namespace qvdbase::platform
