@@ -18,6 +18,20 @@ QVWCHAR foldCase(QVWCHAR c) {
   return static_cast<QVWCHAR>(c >= 'A' && c <= 'Z' ? c + 32 : c);
 }
 
+QVWCHAR unchanged(QVWCHAR c) {
+  return c;
+}
+
+// Moves both texts to where they end or first differ, compared through `as`; by at most `most`
+// characters.
+template <QVWCHAR (*as)(QVWCHAR)>
+void skipEqual(const QVWCHAR** a, const QVWCHAR** b, uint64_t most = UINT64_MAX) {
+  for (; most > 0 && **a != 0 && as(**a) == as(**b); --most) {
+    ++*a;
+    ++*b;
+  }
+}
+
 // The search functions take a text they do not write to, and return a place in it that the owner
 // of the text may.
 QVWCHAR* placeIn(const QVWCHAR* text) {
@@ -127,36 +141,24 @@ QVWCHAR* QVWString::wcsset(QVWCHAR* text, int c) {
 }
 
 int QVWString::wcscmp(const QVWCHAR* a, const QVWCHAR* b) {
-  while (*a != 0 && *a == *b) {
-    ++a;
-    ++b;
-  }
+  skipEqual<unchanged>(&a, &b);
   return *a == *b ? 0 : *a < *b ? -1 : 1;
 }
 
 int QVWString::wcsncmp(const QVWCHAR* a, const QVWCHAR* b, uint32_t n) {
   if (n == 0) return 0;
-  while (--n > 0 && *a != 0 && *a == *b) {
-    ++a;
-    ++b;
-  }
+  skipEqual<unchanged>(&a, &b, n - 1);
   return *a - *b;
 }
 
 int QVWString::wcsicmp(const QVWCHAR* a, const QVWCHAR* b) {
-  while (*a != 0 && foldCase(*a) == foldCase(*b)) {
-    ++a;
-    ++b;
-  }
+  skipEqual<foldCase>(&a, &b);
   return foldCase(*a) - foldCase(*b);
 }
 
 int QVWString::wcsnicmp(const QVWCHAR* a, const QVWCHAR* b, uint32_t n) {
   if (n == 0) return wcsicmp(a, b);  // the limit counts compared pairs, and 0 of them never are
-  while (--n > 0 && *a != 0 && foldCase(*a) == foldCase(*b)) {
-    ++a;
-    ++b;
-  }
+  skipEqual<foldCase>(&a, &b, n - 1);
   return foldCase(*a) - foldCase(*b);
 }
 

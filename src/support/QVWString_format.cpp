@@ -80,20 +80,15 @@ struct Directive {
 };
 
 int flagFor(QVWCHAR c) {
-  switch (c) {
-    case '-':
-      return kLeft;
-    case '+':
-      return kPlusSign;
-    case ' ':
-      return kSpaceSign;
-    case '#':
-      return kAlternate;
-    case '0':
-      return kZeroFill;
-    default:
-      return 0;
+  static constexpr struct {
+    QVWCHAR character;
+    int flag;
+  } kFlags[] = {
+      {'-', kLeft}, {'+', kPlusSign}, {' ', kSpaceSign}, {'#', kAlternate}, {'0', kZeroFill}};
+  for (const auto& each : kFlags) {
+    if (each.character == c) return each.flag;
   }
+  return 0;
 }
 
 // One call of vswprintf: where the text goes, where the format is read, and the arguments left.
