@@ -5,9 +5,7 @@
 namespace qvdb {
 namespace {
 
-constexpr Severity kError = Severity::error;
-constexpr Severity kWarning = Severity::warning;
-constexpr Severity kInformation = Severity::information;
+using enum Severity;
 
 constexpr std::string_view kNothing = "nothing";
 constexpr std::string_view kAll = "every call on tables and records; pack and link repair";
@@ -23,149 +21,147 @@ constexpr std::string_view kPack = "nothing needs to be done; 'qvdb compact' dro
 
 constexpr FindingCode kCodes[] = {
     // ---- The file as a whole
-    {"F1", kError, "the file is empty", "every call",
+    {"F1", error, "the file is empty", "every call",
      "restore it from a copy; a pack that failed, or the copying of a frame, leaves such a file "
      "and has not changed its source"},
-    {"F2", kError, "the file is cut off before the end of its directory", kAll,
+    {"F2", error, "the file is cut off before the end of its directory", kAll,
      "restore it from a copy; 'qvdb salvage' finds what blocks there are"},
-    {"F3", kWarning, "the file has holes where data should be", kNothing,
+    {"F3", warning, "the file has holes where data should be", kNothing,
      "nothing if the data is meant to be zeros, of which copying programs make holes; else the "
      "system lost what was written there: take it from a copy"},
-    {"F5", kError, "the system cannot read a part of the file", "every call that needs that part",
+    {"F5", error, "the system cannot read a part of the file", "every call that needs that part",
      "copy what can be read from the device, then run 'qvdb salvage' on the copy"},
 
     // ---- Header
-    {"H1", kError, "the file does not begin with the letters of a database", kAll,
+    {"H1", error, "the file does not begin with the letters of a database", kAll,
      "if it was one, run 'qvdb salvage' into a new file"},
-    {"H2", kError, "the version lies outside 100 to 199", kAll,
+    {"H2", error, "the version lies outside 100 to 199", kAll,
      "run 'qvdb salvage' into a new file, which gets the version 100"},
-    {"H3", kError, "the file is an unfinished pack: its version is 101", kNothing,
+    {"H3", error, "the file is an unfinished pack: its version is 101", kNothing,
      "the source of the pack is the good copy: use that; link repair would set the version and "
      "hide that records are missing"},
-    {"H4", kError, "the database identifier is damaged", kNothing,
+    {"H4", error, "the database identifier is damaged", kNothing,
      "harmless to the library; programs that compare identifiers may refuse the file"},
-    {"H5", kError, "the number of tables is impossible",
+    {"H5", error, "the number of tables is impossible",
      "every call on tables that are not counted; adding tables", kSalvage},
-    {"H6", kError, "the number or the size of the slots is not what every file has", kAll,
-     kSalvage},
+    {"H6", error, "the number or the size of the slots is not what every file has", kAll, kSalvage},
 
     // ---- Directory
-    {"D1", kError, "a slot in use lacks one of its marks",
+    {"D1", error, "a slot in use lacks one of its marks",
      "every call on this table and on those after it; adding tables; pack and link repair",
      kSalvage},
-    {"D2", kError, "a slot that is not counted holds a table",
+    {"D2", error, "a slot that is not counted holds a table",
      "every call on this table; the next AddTable writes over the slot",
      "if the table has records, run 'qvdb salvage' into a new file before anything is added; else "
      "it is what an interrupted AddTable leaves"},
-    {"D3", kError, "a table identifier is damaged, zero, or used by two slots",
+    {"D3", error, "a table identifier is damaged, zero, or used by two slots",
      "calls on the second table of the same identifier", kSalvage},
-    {"D4", kWarning, "a table name is empty, appears twice, or is not fit to be shown",
+    {"D4", warning, "a table name is empty, appears twice, or is not fit to be shown",
      "finding the second table by its name", "use the table's identifier"},
-    {"D5", kInformation, "a slot is not written exactly as the library writes it", kNothing,
-     kLeave},
-    {"D6", kError, "the number of records and the ends of the chain contradict each other",
+    {"D5", information, "a slot is not written exactly as the library writes it", kNothing, kLeave},
+    {"D6", error, "the number of records and the ends of the chain contradict each other",
      "appending to the table; listing it or finding records in it", kSalvage},
-    {"D7", kError, "a position in a slot cannot be right",
+    {"D7", error, "a position in a slot cannot be right",
      "calls that start from there: listing and finding from the first record, appending from the "
      "last",
      kTailAdvice},
-    {"D8", kWarning, "a table counts more records than were ever added to it", kNothing,
+    {"D8", warning, "a table counts more records than were ever added to it", kNothing,
      "legal after a link repair; otherwise look at the other findings on the table"},
-    {"D9", kWarning, "the counts and the positions of the table data contradict each other",
+    {"D9", warning, "the counts and the positions of the table data contradict each other",
      "reading the table data, if its first position is the wrong one", "set the table data again"},
-    {"D10", kInformation, "a free slot is not as a new file has it", kNothing, kLeave},
+    {"D10", information, "a free slot is not as a new file has it", kNothing, kLeave},
 
     // ---- Chains of records
-    {"R1", kError, "a link leads to where no block can be", kTail, kTailAdvice},
-    {"R2", kError, "there is no record block where a link leads", kTail, kTailAdvice},
-    {"R3", kError, "a link leads into another table's chain", kTail, kTailAdvice},
-    {"R4", kError, "a record identifier is damaged, or zero",
+    {"R1", error, "a link leads to where no block can be", kTail, kTailAdvice},
+    {"R2", error, "there is no record block where a link leads", kTail, kTailAdvice},
+    {"R3", error, "a link leads into another table's chain", kTail, kTailAdvice},
+    {"R4", error, "a record identifier is damaged, or zero",
      "finding this record by the identifier it had", kSalvage},
-    {"R5", kError, "the chain ends before the number of records is reached",
+    {"R5", error, "the chain ends before the number of records is reached",
      "listing the table; finding a record that is not there, or is after the end", kTailAdvice},
-    {"R6", kError, "the last counted record has a successor: an append was cut off",
+    {"R6", error, "the last counted record has a successor: an append was cut off",
      "appending to the table; deleting or enlarging its last record",
      "'qvdb salvage' brings the record in; link repair takes this state for sound"},
-    {"R7", kError, "the walk from the front does not end at the table's last record",
+    {"R7", error, "the walk from the front does not end at the table's last record",
      "appending: it fails, or what is appended is not found afterwards; deleting the last record",
      kTailAdvice},
-    {"R8", kError, "a record's back link does not name its predecessor",
+    {"R8", error, "a record's back link does not name its predecessor",
      "deleting this record; enlarging it or its predecessor",
      "if the table has no other kind of finding, link repair mends this without loss, where it "
      "notices it; otherwise run 'qvdb salvage' into a new file"},
-    {"R9", kError, "the chain leads back into itself",
+    {"R9", error, "the chain leads back into itself",
      "nothing at once: lookups and listing repeat records, and miss those after the loop",
      kTailAdvice},
-    {"R10", kError, "records that only the walk from the back reaches",
+    {"R10", error, "records that only the walk from the back reaches",
      "listing the table; finding these records",
      "run 'qvdb salvage' into a new file; link repair would drop them"},
-    {"R11", kError, "a record claims more data than its capacity",
+    {"R11", error, "a record claims more data than its capacity",
      "reading the record: it returns bytes of what follows", kSalvage},
-    {"R12", kError, "a record reaches beyond the end of the file",
+    {"R12", error, "a record reaches beyond the end of the file",
      "reading the record; pack, if the data itself is cut off", kSalvage},
-    {"R13", kError, "a record's end mark is missing", kNothing,
+    {"R13", error, "a record's end mark is missing", kNothing,
      "something was written over the block; compare its data with a copy"},
-    {"R14", kWarning, "a record's times cannot be right", kNothing, kLeave},
-    {"R15", kWarning, "several records of a table have the same identifier",
+    {"R14", warning, "a record's times cannot be right", kNothing, kLeave},
+    {"R15", warning, "several records of a table have the same identifier",
      "finding any but the first of them", "add the others again under identifiers of their own"},
-    {"R16", kInformation, "the last written record is no longer in the chain", kNothing, kLeave},
+    {"R16", information, "the last written record is no longer in the chain", kNothing, kLeave},
 
     // ---- Table data
-    {"T1", kError, "the position of the table data cannot be right",
+    {"T1", error, "the position of the table data cannot be right",
      "reading and setting the table data; pack and link repair of the file", kSalvage},
-    {"T2", kError, "there is no table data of this table where its slot says",
+    {"T2", error, "there is no table data of this table where its slot says",
      "reading and setting the table data; pack and link repair of the file", kSalvage},
-    {"T3", kError, "there is sound table data that the slot does not point to, as a pack leaves it",
+    {"T3", error, "there is sound table data that the slot does not point to, as a pack leaves it",
      "reading and setting the table data; pack and link repair of the file",
      "'qvdb salvage' into a new file finds the data; 'qvdb compact' of the source avoids it"},
-    {"T4", kError, "the block of table data is not whole",
+    {"T4", error, "the block of table data is not whole",
      "pack and link repair of the file; reading the data, if it is cut off", kSalvage},
-    {"T5", kInformation, "there is no end mark directly after the table data", kNothing, kLeave},
+    {"T5", information, "there is no end mark directly after the table data", kNothing, kLeave},
 
     // ---- Space
-    {"S1", kError, "two blocks overlap", "reading the first of them returns bytes of the second",
+    {"S1", error, "two blocks overlap", "reading the first of them returns bytes of the second",
      kSalvage},
-    {"S2", kWarning, "blocks that no chain leads to", kNothing,
+    {"S2", warning, "blocks that no chain leads to", kNothing,
      "superseded and deleted ones: 'qvdb compact' drops them; lost or unlinked ones: 'qvdb "
      "salvage' brings them back"},
-    {"S3", kInformation, "table data that no slot points to", kNothing, kPack},
-    {"S4", kWarning, "a block that was never finished", kNothing,
+    {"S3", information, "table data that no slot points to", kNothing, kPack},
+    {"S4", warning, "a block that was never finished", kNothing,
      "an append was cut off; 'qvdb compact' drops it"},
-    {"S5", kWarning, "bytes that are no block", kNothing,
+    {"S5", warning, "bytes that are no block", kNothing,
      "something else wrote to the file, or the system lost what was written; 'qvdb compact' drops "
      "them"},
-    {"S6", kInformation, "blocks inside the payload of another", kNothing,
+    {"S6", information, "blocks inside the payload of another", kNothing,
      "a database is stored as a record; it counts as data, and 'qvdb salvage --deep' extracts it"},
-    {"S7", kInformation, "space that is not used", kNothing,
+    {"S7", information, "space that is not used", kNothing,
      "nothing needs to be done; 'qvdb compact' drops what is dead and clears older data after "
      "payloads, but keeps the spare capacity of blocks"},
-    {"S8", kError, "whole blocks of a table that the directory does not have",
+    {"S8", error, "whole blocks of a table that the directory does not have",
      "every call on that table",
      "run 'qvdb salvage' into a new file: it takes them into a table named after the identifier"},
 
     // ---- Categories
-    {"C1", kError, "a category record is shorter than its own counts say",
+    {"C1", error, "a category record is shorter than its own counts say",
      "pack with new identifiers; decoding the record", "write the record again"},
-    {"C2", kError, "a category names a record that does not exist", "pack with new identifiers",
+    {"C2", error, "a category names a record that does not exist", "pack with new identifiers",
      "take the entry out of the category"},
-    {"C3", kWarning, "a category names the last record of the records table",
+    {"C3", warning, "a category names the last record of the records table",
      "pack with new identifiers", "append another record to 'QVrz_Record' before"},
-    {"C4", kWarning, "categories without the tables that belong to them",
+    {"C4", warning, "categories without the tables that belong to them",
      "pack with new identifiers", "use the ordinary pack"},
 
     // ---- Imported files
-    {"I1", kWarning, "the list of imported files is damaged",
+    {"I1", warning, "the list of imported files is damaged",
      "no call of the library; the command-line tool knows only the names before the damage",
      "'qvdb export' writes all records, those without a name under their identifiers"},
-    {"I2", kInformation, "a list of imported files has names without records", kNothing,
+    {"I2", information, "a list of imported files has names without records", kNothing,
      "an import that was killed leaves them; importing the same files again completes them"},
 
     // ---- What will happen
-    {"W1", kInformation, "what the library's calls will do with this file now", "those named",
+    {"W1", information, "what the library's calls will do with this file now", "those named",
      "see the other findings"},
 };
 
-constexpr FindingCode kUnknown = {"", kInformation, "", "", ""};
+constexpr FindingCode kUnknown = {"", information, "", "", ""};
 
 }  // namespace
 
