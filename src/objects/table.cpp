@@ -7,6 +7,8 @@
 #include <utility>
 
 #include "format/Aliment8.h"
+#include "format/big_endian.h"
+#include "format/layout.h"
 #include "objects/chain_walker.h"
 #include "objects/looks.h"
 #include "objects/open_database.h"
@@ -46,6 +48,12 @@ std::optional<RecordInfo> infoAtEnd(const Operation& operation, Id table, Order 
       break;
   }
   return detail::recordInfo(header, position);
+}
+
+std::span<const std::byte> payloadOf(const detail::InMemory& found) {
+  const unsigned char* length = found.block + format::record::kDataLength;
+  return std::as_bytes(
+      std::span(found.block + format::record::kData, format::loadBigEndian<uint32_t>(length)));
 }
 
 }  // namespace
@@ -120,6 +128,13 @@ RecordIndex Table::index() const {
 
 std::optional<Record> Table::find(Id record) const {
   const Operation operation(database_, kFind);
+  const detail::InMemory known = detail::askMemory(operation, id_, record, false);
+  if (known.answer == detail::Answer::absent) return std::nullopt;
+  if (known.answer == detail::Answer::found) {
+    RecordInfo info;
+    detail::storeInfo(known.block, known.position, &info);
+    return Record(database_, id_, info);
+  }
   engine::FoundRecord found;
   const Located located =
       detail::look(operation, [&] { return detail::locate(operation, id_, record, &found); });
@@ -128,11 +143,25 @@ std::optional<Record> Table::find(Id record) const {
 }
 
 bool Table::contains(Id record) const {
+  {
+    const Operation operation(database_, kFind);
+    const detail::InMemory known = detail::askMemory(operation, id_, record, false);
+    if (known.answer != detail::Answer::unknown) return known.answer == detail::Answer::found;
+  }
   return find(record).has_value();
 }
 
 std::optional<std::vector<std::byte>> Table::get(Id record) const {
   const Operation operation(database_, detail::kRead);
+  const detail::InMemory known = detail::askMemory(operation, id_, record, true);
+  if (known.answer == detail::Answer::absent) return std::nullopt;
+  if (known.answer == detail::Answer::found) {
+    const std::span<const std::byte> payload = payloadOf(known);
+    std::vector<std::byte> copy;
+    detail::resizeFor(operation, &copy, payload.size());
+    std::copy(payload.begin(), payload.end(), copy.begin());
+    return copy;
+  }
   return detail::look(operation, [&]() -> std::optional<std::vector<std::byte>> {
     engine::FoundRecord found;
     if (detail::locate(operation, id_, record, &found) == Located::no) return std::nullopt;
@@ -145,6 +174,13 @@ std::optional<std::vector<std::byte>> Table::get(Id record) const {
 
 std::optional<uint32_t> Table::get(Id record, std::span<std::byte> buffer) const {
   const Operation operation(database_, detail::kRead);
+  const detail::InMemory known = detail::askMemory(operation, id_, record, true);
+  if (known.answer == detail::Answer::absent) return std::nullopt;
+  if (known.answer == detail::Answer::found) {
+    const std::span<const std::byte> payload = payloadOf(known);
+    std::copy_n(payload.begin(), std::min(buffer.size(), payload.size()), buffer.begin());
+    return static_cast<uint32_t>(payload.size());
+  }
   return detail::look(operation, [&]() -> std::optional<uint32_t> {
     engine::FoundRecord found;
     const Located located = detail::locate(operation, id_, record, &found);

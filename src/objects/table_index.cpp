@@ -14,6 +14,7 @@
 #include "objects/chain_walker.h"
 #include "objects/looks.h"
 #include "objects/record_search.h"
+#include "platform/handles/open_files.h"
 #include "platform/transfer/mirror.h"
 #include "support/file_transfers.h"
 
@@ -213,6 +214,40 @@ Answer askIndex(const Operation& operation, TableIndex& index, Id record,
   // until the chain has answered: a search that fails on its way must not make the record absent.
   if (!operation.database().isBesideWriters || index.hasDuplicates) index.isStale = true;
   return Answer::unknown;
+}
+
+// A record at an end of its chain is left to askIndex(), which asks the slot.
+InMemory askMemory(const Operation& operation, Id table, Id record, bool withPayload) {
+  using namespace format::record;
+  const platform::OpenFile* file = platform::findOpenFile(operation.db());
+  if (file == nullptr || file->mirror == nullptr) return {};
+  const platform::Mirror& mirror = *file->mirror;
+  const std::shared_ptr<TableIndex> index = indexOf(operation.database(), table);
+  if (index == nullptr || index->isStale) return {};
+  const std::optional<int64_t> position = index->map.find(record.value);
+  if (!position) {
+    const bool isKnown = index->writesSeen == file->entry->writes + 1;
+    return {isKnown ? Answer::absent : Answer::unknown};
+  }
+  const unsigned char* tableID = index->slot.tableID;
+  const unsigned char* block = mirror.find(*position, kData);
+  if (block == nullptr || !format::isRecordOf(block, tableID) ||
+      format::identifierNumber(block + kRecordID) != record.value) {
+    return {};
+  }
+  const auto link = [&](int64_t recordPos, int64_t which) {
+    const unsigned char* neighbour = mirror.find(recordPos, kData);
+    return neighbour != nullptr && format::isRecordOf(neighbour, tableID) &&
+           static_cast<int64_t>(format::loadBigEndian<uint64_t>(neighbour + which)) == *position;
+  };
+  const auto previous =
+      static_cast<int64_t>(format::loadBigEndian<uint64_t>(block + kPrevRecordPos));
+  const auto next = static_cast<int64_t>(format::loadBigEndian<uint64_t>(block + kNextRecordPos));
+  if (previous == 0 || next == 0) return {};
+  if (!link(previous, kNextRecordPos) || !link(next, kPrevRecordPos)) return {};
+  const uint64_t size = format::loadBigEndian<uint32_t>(block + kDataLength);
+  if (withPayload && mirror.find(*position, kData + size) == nullptr) return {};
+  return {Answer::found, block, *position};
 }
 
 void noteFound(const Operation& operation, TableIndex& index, Id record, int64_t position) {

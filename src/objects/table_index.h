@@ -43,6 +43,18 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
 Answer askIndex(const Operation& operation, TableIndex& index, Id record,
                 qvdbase::engine::FoundRecord* found);
 
+// What an index and the mirror of the file say together, without a transfer: nearly every lookup
+// where the database has a cache. `unknown` is for the other ways to find out.
+struct InMemory {
+  Answer answer = Answer::unknown;
+  const unsigned char* block = nullptr;  // of a record that was found: it lies in the mirror
+  int64_t position = 0;
+};
+
+// Looks a record up so, and verifies it as askIndex() does. With `withPayload` it is found only
+// where its payload follows its header in memory.
+InMemory askMemory(const Operation& operation, Id table, Id record, bool withPayload);
+
 // Notes where the chain has a record that the map did not have, or had elsewhere. Only in a
 // database that others may change; elsewhere the index is built again.
 void noteFound(const Operation& operation, TableIndex& index, Id record, int64_t position);
