@@ -181,6 +181,21 @@ TEST_F(TurnsTest, TheTurnOfAnOperationThatFailsEnds) {
   EXPECT_TRUE(isTurnFree());
 }
 
+TEST_F(TurnsTest, ATableThatAnotherAddsBeforeTheTurnIsFound) {
+  open(Mode::shared);
+  const int16_t db = DatabaseTest::open(kDefaultFile, 4);
+  ASSERT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);
+  uint64_t added = 0;
+  {
+    const Pauses pauses([&] {
+      if (added == 0) added = addTable(db, "u");
+      releaseThere(LockByte::turn, Sharing::exclusive);
+    });
+    EXPECT_EQ(database_->find_or_add_table("u").id().value, added);
+  }
+  EXPECT_EQ(database_->tables().size(), 2u);
+}
+
 TEST_F(TurnsTest, AnAppenderHasTheTurnUntilItIsFinishedOrDiscarded) {
   open(Mode::shared);
   {
