@@ -6,11 +6,14 @@
 set -euo pipefail
 
 made=$1
+for page in man3/qvdbase.3 man5/qvdbase.5 man7/qvdbase-recovery.7; do
+  [ -s "$made/$page" ] || { echo "$page is missing"; exit 1; }
+done
 [ "$(find "$made/man1" -name 'qvdb*.1' | wc -l)" -ge 20 ] || { echo "pages are missing"; exit 1; }
 
 if command -v mandoc >/dev/null; then
   # Each page is read alone: those that it refers to are not installed here.
-  complaints=$(mandoc -T lint -W style "$made"/man1/*.1 2>&1 | grep -v 'referenced manual not found' || true)
+  complaints=$(mandoc -T lint -W style "$made"/man*/* 2>&1 | grep -v 'referenced manual not found' || true)
   [ -z "$complaints" ] || { echo "$complaints"; exit 1; }
   mandoc -T utf8 "$made/man1/qvdb-import.1" | col -b | grep -q -- '-r, --replace'
 fi

@@ -5,7 +5,10 @@
 #include <set>
 
 #include "manual/completion.h"
+#include "manual/header_page.h"
 #include "manual/man_pages.h"
+#include "manual/markdown.h"
+#include "manual/mdoc.h"
 #include "manual/option.h"
 #include "qvdb/command_line.h"
 #include "qvdb/commands.h"
@@ -84,6 +87,51 @@ TEST(Manual, KeepsLinesShort) {
   for (int i = 0; i < 100; ++i) words += "word ";
   std::istringstream lines(mdocText(words));
   for (std::string each; std::getline(lines, each);) EXPECT_LE(each.size(), 78u);
+}
+
+TEST(Manual, HasEveryPublicFunction) {
+  const std::string page = headerPage(
+      "/* What it is.\n *\n * More. */\n\n"
+      "/* Adds one.\n *\n * number  what to add\n *          it to\n *\n * Returns it. */\n"
+      "QVDBASE_API int AddOne(int number,\n                       int more);\n"
+      "/* Takes one. */\nQVDBASE_API int TakeOne(void);\n");
+  EXPECT_TRUE(contains(page, ".Sh DESCRIPTION\nWhat it is.\n.Pp\nMore.\n")) << page;
+  EXPECT_TRUE(contains(page, ".Ss AddOne\n.Bd -literal\nint AddOne(int number,\n    int more);\n"))
+      << page;
+  EXPECT_TRUE(
+      contains(page, "Adds one.\n.Bl -tag -width Ds\n.It Fa number\nwhat to add it to\n.El\n"))
+      << page;
+  EXPECT_TRUE(contains(page, ".Ss TakeOne\n.Bd -literal\nint TakeOne(void);\n")) << page;
+}
+
+std::string converted(const std::string& markdown) {
+  const std::string page = pageOf({"x", "7", "y"}, markdown);
+  return page.substr(page.find(".Nd y\n") + 6);
+}
+
+TEST(Markdown, BecomesSectionsAndParagraphs) {
+  EXPECT_EQ(converted("# Title\n\nOne\ntwo.\n\nThree.\n\n## A part\n\nFour.\n\n### Of it\n"),
+            ".Sh DESCRIPTION\nOne two.\n.Pp\nThree.\n.Sh A PART\nFour.\n.Ss Of it\n");
+}
+
+TEST(Markdown, BecomesListsWithoutTheTableOfContents) {
+  EXPECT_EQ(converted("- [A](#a)\n- [B](#b)\n\n- one\n  more\n- two\n\n1. three\n"),
+            ".Bl -bullet\n.It\none more\n.It\ntwo\n.It\nthree\n.El\n");
+}
+
+TEST(Markdown, BecomesTablesWhoseCellsAreWrapped) {
+  EXPECT_EQ(converted("| a | b |\n|---|---|\n| `x|y` | z |\n"),
+            ".TS\nl lx.\nT{\na\nT}\tT{\nb\nT}\nT{\n\\fBx|y\\fP\nT}\tT{\nz\nT}\n.TE\n");
+}
+
+TEST(Markdown, KeepsCodeAsItIs) {
+  EXPECT_EQ(converted("    a-b \\n\n"), ".Bd -literal -offset indent\na\\-b \\en\n.Ed\n");
+  EXPECT_EQ(converted("```\n.x\n```\n"), ".Bd -literal -offset indent\n\\&.x\n.Ed\n");
+}
+
+TEST(Markdown, ShowsReferencesWithoutTheirTargets) {
+  EXPECT_EQ(inlineText("see [the *format*](format.md#x), **not** `a_b`"),
+            "see the \\fIformat\\fP, \\fBnot\\fP \\fBa_b\\fP");
 }
 
 TEST(Completion, OfBashHasEveryOptionOfEveryCommand) {

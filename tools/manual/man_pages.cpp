@@ -4,46 +4,11 @@
 #include <sstream>
 
 #include "commands.h"
+#include "mdoc.h"
 #include "option.h"
-#include "text.h"
 
 namespace qvdb::manual {
 namespace {
-
-constexpr size_t kWidth = 78;
-constexpr const char* kDate = "November 22, 2026";  // of the last change of the commands
-
-std::string upper(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-  return text;
-}
-
-// A backslash, and a hyphen that has to stay one when it is copied.
-std::string escaped(const std::string& text, bool isLiteral) {
-  std::string result;
-  for (const char c : text) {
-    if (c == '\\') {
-      result += "\\e";
-    } else if (c == '-' && isLiteral) {
-      result += "\\-";
-    } else {
-      result += c;
-    }
-  }
-  return result;
-}
-
-// At the beginning of a line a dot or an apostrophe would be a request.
-std::string line(const std::string& text) {
-  const bool looksLikeRequest = text.starts_with('.') || text.starts_with('\'');
-  return (looksLikeRequest ? "\\&" : "") + text + "\n";
-}
-
-std::string start(const std::string& name, const std::string& summary) {
-  return std::string(".Dd ") + kDate + "\n.Dt " + upper(name) + " 1\n.Os\n.Sh NAME\n.Nm " + name +
-         "\n.Nd " + summary + "\n";
-}
 
 std::string paragraphs(const std::string& text) {
   std::string result;
@@ -60,7 +25,7 @@ std::string paragraphs(const std::string& text) {
 std::string literal(const char* lines) {
   std::string result = ".Bd -literal -offset indent\n";
   std::istringstream in(lines);
-  for (std::string each; std::getline(in, each);) result += line(escaped(each, true));
+  for (std::string each; std::getline(in, each);) result += mdocLine(mdocEscaped(each, true));
   return result + ".Ed\n";
 }
 
@@ -89,7 +54,7 @@ std::string options(const tool::CommandHelp& help) {
     result += ".It";
     for (const std::string& name : option.names) {
       if (&name != &option.names.front()) result += " ,";
-      result += " Fl " + escaped(name.substr(1), true);
+      result += " Fl " + mdocEscaped(name.substr(1), true);
     }
     if (!option.value.empty()) result += " Ar " + option.value;
     result += "\n" + mdocText(option.help);
@@ -111,32 +76,11 @@ std::string synopsisOf(const std::string& usage) {
   return result;
 }
 
-// Where the first sentence ends: after a full stop that a new word follows, not after dots.
-size_t endOfSentence(const std::string& text) {
-  for (size_t i = 1; i + 2 < text.size(); ++i) {
-    const bool isEnd = text[i] == '.' || text[i] == '?' || text[i] == '!';
-    if (isEnd && text[i - 1] != '.' && text[i + 1] == ' ') return i + 1;
-  }
-  return text.size();
-}
-
 }  // namespace
 
-std::string mdocText(const std::string& text) {
-  std::string rest = escaped(text, false);
-  std::replace(rest.begin(), rest.end(), '\n', ' ');
-  std::string result;
-  while (!rest.empty()) {
-    const size_t end = endOfSentence(rest);
-    std::istringstream lines(tool::wrapped(rest.substr(0, end), kWidth, 0));
-    for (std::string each; std::getline(lines, each);) result += line(each);
-    rest.erase(0, std::min(rest.find_first_not_of(' ', end), rest.size()));
-  }
-  return result;
-}
-
 std::string toolPage() {
-  std::string page = start("qvdb", "create, inspect, fill and empty QVDbase database files");
+  std::string page =
+      mdocStart("qvdb", "1", "create, inspect, fill and empty QVDbase database files");
   page += ".Sh SYNOPSIS\n.Nm\n.Ar command\n.Op Ar argument ...\n.Nm\n.Ar command\n.Fl \\-help\n";
   page += ".Sh DESCRIPTION\nThe commands, each with a page of its own:\n.Bl -tag -width Ds\n";
   for (const tool::Command* command : tool::allCommands()) {
@@ -152,7 +96,7 @@ std::string toolPage() {
 
 std::string commandPage(const tool::CommandHelp& help) {
   const tool::Command& command = help.command();
-  std::string page = start(std::string("qvdb-") + command.name, command.summary);
+  std::string page = mdocStart(std::string("qvdb-") + command.name, "1", command.summary);
   page += std::string(".Sh SYNOPSIS\n.Nm qvdb ") + command.name + "\n.Op Ar option ...\n" +
           synopsisOf(help.usage());
   page += ".Sh DESCRIPTION\n" + paragraphs(command.description);
