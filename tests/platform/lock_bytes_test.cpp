@@ -28,7 +28,9 @@ class LockBytesTest : public testing::Test {
  protected:
   LockBytesTest() { writeFile(folder_ / "f", bytesOf("bytes")); }
   ~LockBytesTest() override {
-    if (here_ != 0) QVFile().QVCloseFile(here_);
+    if (here_ == 0) return;
+    platform::releaseLockByte(here_, LockByte::change, Sharing::exclusive);
+    QVFile().QVCloseFile(here_);
   }
 
   void openBoth(int permission = 4) {

@@ -254,6 +254,8 @@ void endLooksInChild() {
   for (FileEntry* entry = firstEntry; entry != nullptr; entry = entry->next) {
     entry->viewLooks = entry->lockBytes.looks = 0;
   }
+  noteGivenUp(Held::change);
+  noteGivenUp(Held::changeByte);
 }
 
 [[maybe_unused]] const int areEndedInChild = ::pthread_atfork(nullptr, nullptr, endLooksInChild);

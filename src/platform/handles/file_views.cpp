@@ -53,6 +53,7 @@ bool openView(int16_t file, int16_t* view) {
 }
 
 void beginChange(FileEntry* entry) {
+  noteHeld(Held::change);
   if (entry == nullptr || entry->views == 0) return;
   const std::atomic_ref looks = looksAt(*entry);
   uint32_t found = looks.fetch_or(kChange) | kChange;
@@ -63,6 +64,7 @@ void beginChange(FileEntry* entry) {
 }
 
 void endChange(FileEntry* entry) {
+  noteGivenUp(Held::change);
   if (entry == nullptr || entry->views == 0) return;
   looksAt(*entry).fetch_and(~kChange);
   looksAt(*entry).notify_all();
@@ -77,6 +79,7 @@ void endChange(int16_t file) {
 }
 
 void beginViewLook(int16_t view) {
+  noteHeld(Held::change);
   const std::atomic_ref looks = looksAt(*entryOf(view)->source);
   uint32_t found = looks.load();
   for (;;) {
@@ -90,6 +93,7 @@ void beginViewLook(int16_t view) {
 }
 
 void endViewLook(int16_t view) {
+  noteGivenUp(Held::change);
   const std::atomic_ref looks = looksAt(*entryOf(view)->source);
   if (looks.fetch_sub(1) == (kChange | 1)) looks.notify_all();
 }

@@ -6,8 +6,8 @@
 //
 // Bytes that are read beside a write can be new and old ones mixed. So changes of the file and
 // looks through its views exclude each other: any number of looks, or one change, for which new
-// looks wait. Whoever changes the file has its turn. Within a look no turn of the file is waited
-// for, and no other process: the change waits for the looks with that turn.
+// looks wait. Whoever changes the file has its turn. Within a look no turn is waited for, and no
+// other process: the change waits for the looks with the turn of the file.
 #pragma once
 
 #include <cstdint>

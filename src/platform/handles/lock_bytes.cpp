@@ -1,6 +1,7 @@
 // Locks on the bytes after every file.
 #include "platform/handles/lock_bytes.h"
 
+#include <cassert>
 #include <memory>
 #include <optional>
 
@@ -110,10 +111,13 @@ LockOutcome takeLockByte(int16_t file, LockByte byte, Sharing strength) {
   const LockedEntry entry(file);
   if (!entry) return LockOutcome::impossible;
   const short type = strength == Sharing::exclusive ? F_WRLCK : F_RDLCK;
-  return setLock(descriptorFor(*entry, strength), byte, type);
+  const LockOutcome outcome = setLock(descriptorFor(*entry, strength), byte, type);
+  if (byte == LockByte::change && outcome == LockOutcome::taken) noteHeldAgain(Held::changeByte);
+  return outcome;
 }
 
 void releaseLockByte(int16_t file, LockByte byte, Sharing strength) {
+  if (byte == LockByte::change) noteGivenUp(Held::changeByte);
   const LockedEntry entry(file);
   if (entry) setLock(descriptorFor(*entry, strength), byte, F_UNLCK);
 }
@@ -126,6 +130,7 @@ bool isLockByteHeld(int16_t file, LockByte byte) {
 LockOutcome takeLook(int16_t file) {
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return LockOutcome::impossible;
+  noteHeldAgain(Held::changeByte);
   LockBytesHeld& held = lockBytesOf(*openFile->entry);
   LookCount looks(held.looks);
   if (looks.join()) return LockOutcome::taken;
@@ -137,12 +142,14 @@ LockOutcome takeLook(int16_t file) {
     outcome = setLock(held.lookedOn, LockByte::change, F_RDLCK);
   }
   looks.settle(outcome == LockOutcome::taken);
+  if (outcome != LockOutcome::taken) noteGivenUp(Held::changeByte);
   return outcome;
 }
 
 void releaseLook(int16_t file) {
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr) return;
+  noteGivenUp(Held::changeByte);
   LockBytesHeld& held = lockBytesOf(*openFile->entry);
   LookCount looks(held.looks);
   if (looks.leave()) return;
@@ -216,6 +223,7 @@ LockOutcome takeWritersTurn(int16_t file, const void* owner) {
   if (!entry) return LockOutcome::impossible;
   LockBytesHeld& held = entry->lockBytes;
   if (held.turnOwner == owner) return LockOutcome::taken;
+  assert(mayTake(Held::change) && "a turn of writers is wanted within a change or a look");
   if (held.nextOwner != owner && isAnotherNext(*entry)) return LockOutcome::refused;
   LockOutcome outcome = LockOutcome::refused;
   if (held.turnOwner == nullptr) {

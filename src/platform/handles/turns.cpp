@@ -77,10 +77,12 @@ FileTurn* Turn::wanted() const {
 }
 
 void Turn::begin() {
-  assert(!holdsSharedLock() && "a turn is waited for while a lock is held");
-  outer_ = innermostTurn;
+  Turn* outer = innermostTurn;
+  assert(mayTake(Held::directoryCache) && "a turn is waited for while a lock is held");
+  assert((!isHeld(Held::change) || isMine(*wanted())) && "a turn is waited for within a look");
+  outer_ = outer;
   innermostTurn = this;
-  if (outer_ == nullptr) {
+  if (outer == nullptr) {
     holdCancellation();
     takeOverCounts();
   }
@@ -137,6 +139,7 @@ bool Turn::takeInOrder(Turn* innermost) {
 
 TurnPause::TurnPause() : paused_(innermostTurn) {
   if (paused_ == nullptr) return;
+  assert(!isHeld(Held::change) && "a function of the caller's is called within a change or a look");
   publishCounts();
   Turn::leaveAll(paused_);
   innermostTurn = nullptr;

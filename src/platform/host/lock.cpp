@@ -6,7 +6,9 @@
 namespace qvdbase::platform {
 
 constinit Lock detail::sharedLocks[kSharedThings] = {};
-constinit QVDBASE_PER_THREAD uint32_t detail::locksOfThread = 0;
+#if !defined(NDEBUG)
+constinit QVDBASE_PER_THREAD uint32_t detail::heldByThread = 0;
+#endif
 
 // Whoever has waited leaves the lock as one that others may wait for: it does not know.
 void Lock::wait() {

@@ -6,10 +6,10 @@
 #pragma once
 
 #include <atomic>
-#include <cassert>
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/host/lock_order.h"
 #include "platform/host/threads.h"
 
 namespace qvdbase::platform {
@@ -48,8 +48,8 @@ class Lock {
 };
 
 // What all threads share, each with a lock of its own. Where one is taken while another is held,
-// it comes later in this list; the turns of files (handles/turns.h) come before them all. None is
-// held during a call to the host that can take long, or while a function of the caller's runs.
+// it comes later in this list, which is the end of that in lock_order.h. None is held during a call
+// to the host that can take long, or while a function of the caller's runs.
 enum class Shared : uint8_t {
   directoryCache,  // the engine's, with the exported list
   handles,         // file entries and file numbers
@@ -60,30 +60,31 @@ inline constexpr size_t kSharedThings = 4;
 
 namespace detail {
 extern constinit Lock sharedLocks[kSharedThings];
-extern constinit QVDBASE_PER_THREAD uint32_t locksOfThread;  // a bit for each, to check the order
-}  // namespace detail
 
-// Whether this thread holds one of these locks.
-inline bool holdsSharedLock() {
-  return detail::locksOfThread != 0;
+inline Held heldFor(Shared what) {
+  return static_cast<Held>(static_cast<size_t>(Held::directoryCache) + static_cast<size_t>(what));
 }
+static_assert(static_cast<size_t>(Held::callBuffers) - static_cast<size_t>(Held::directoryCache) ==
+              static_cast<size_t>(Shared::callBuffers));
+}  // namespace detail
 
 class SharedLock {
  public:
-  explicit SharedLock(Shared what) : index_(static_cast<uint32_t>(what)) {
-    assert(detail::locksOfThread >> index_ == 0 && "locks are taken in the wrong order");
-    detail::sharedLocks[index_].lock();
-    detail::locksOfThread |= 1u << index_;
+  explicit SharedLock(Shared what) : what_(what) {
+    noteHeld(detail::heldFor(what));
+    lock().lock();
   }
   ~SharedLock() {
-    detail::locksOfThread &= ~(1u << index_);
-    detail::sharedLocks[index_].unlock();
+    lock().unlock();
+    noteGivenUp(detail::heldFor(what_));
   }
   SharedLock(const SharedLock&) = delete;
   SharedLock& operator=(const SharedLock&) = delete;
 
  private:
-  uint32_t index_;
+  Lock& lock() const { return detail::sharedLocks[static_cast<size_t>(what_)]; }
+
+  Shared what_;
 };
 
 }  // namespace qvdbase::platform
