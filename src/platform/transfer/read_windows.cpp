@@ -87,6 +87,7 @@ const ReadWindow* ReadWindows::refill(ReadWindow& window, const FileEntry* file,
     if (got <= 0) break;
     window.length += static_cast<size_t>(got);
   }
+  end_ = std::max(end_, window.start + static_cast<int64_t>(window.length));
   window.lastUsed = ++fillings_;
   return &window;
 }
@@ -112,8 +113,8 @@ const ReadWindow* ReadWindows::fill(const FileEntry* file, int64_t position, siz
   return refill(window, file, count);
 }
 
-void ReadWindows::overwrite(const FileEntry* file, int64_t position, const void* bytes,
-                            size_t count) {
+void ReadWindows::overwriteWindows(const FileEntry* file, int64_t position, const void* bytes,
+                                   size_t count) {
   for (ReadWindow& window : windows_) {
     if (window.entry != file) continue;
     const Overlap both(window, position, count);
@@ -141,6 +142,7 @@ void ReadWindows::drop(const FileEntry* file) {
 
 void ReadWindows::dropAll() {
   for (ReadWindow& window : windows_) window.entry = nullptr;
+  end_ = 0;
 }
 
 }  // namespace qvdbase::platform

@@ -58,8 +58,11 @@ class ReadWindows {
   // they are too many.
   const ReadWindow* fill(const FileEntry* file, int64_t position, size_t count);
 
-  // Copies bytes that the call has written into the windows that hold their place.
-  void overwrite(const FileEntry* file, int64_t position, const void* bytes, size_t count);
+  // Copies bytes that the call has written into the windows that hold their place. What is added to
+  // a file lies after all of them.
+  void overwrite(const FileEntry* file, int64_t position, const void* bytes, size_t count) {
+    if (position < end_) overwriteWindows(file, position, bytes, count);
+  }
 
   // Whether the windows hold these bytes of the file wherever they hold their place.
   bool agree(const FileEntry* file, int64_t position, const uint8_t* bytes, size_t count) const;
@@ -69,11 +72,13 @@ class ReadWindows {
   void dropAll();
 
  private:
+  void overwriteWindows(const FileEntry* file, int64_t position, const void* bytes, size_t count);
   const ReadWindow* neighbour(const FileEntry* file, int64_t position) const;
   ReadWindow& windowToRefill();
   const ReadWindow* refill(ReadWindow& window, const FileEntry* file, size_t needed);
 
   ReadWindow windows_[kCount] = {};
+  int64_t end_ = 0;  // no window, of whatever file, has bytes from here on
   uint64_t fillings_ = 0;
   Buffers* buffers_ = nullptr;
 };
