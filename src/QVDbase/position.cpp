@@ -34,6 +34,4 @@ uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context) {
   }
 }
 
-SavedPosition::SavedPosition(int16_t db) : scope_(db), db_(db), position_(myGetFilePos(db)) {}
-
 }  // namespace qvdbase::engine

@@ -65,7 +65,7 @@ uint16_t callOutside(QVProgressFunction callback, int a, int b, void* context);
 // either, because it throws or only reads, restores the position too.
 class SavedPosition {
  public:
-  explicit SavedPosition(int16_t db);
+  explicit SavedPosition(int16_t db) : scope_(db), db_(db), position_(myGetFilePos(db)) {}
   ~SavedPosition() {
     if (!isDone_) static_cast<void>(restore(0));
   }

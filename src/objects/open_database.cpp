@@ -81,17 +81,11 @@ bool saysWhatTheFileHolds(Reason reason) {
   }
 }
 
-// The number may have become that of another file before its turn was taken.
-DatabaseTurn::DatabaseTurn(const OpenDatabase& database) {
-  for (;;) {
-    const int16_t handle = database.handle;
-    if (handle == 0) return;
-    turn_.emplace(handle);
-    if (database.handle == handle) {
-      handle_ = handle;
-      return;
-    }
+void DatabaseTurn::takeAnew(const OpenDatabase& database) {
+  while (database.handle != handle_) {
     turn_.reset();
+    handle_ = database.handle;
+    turn_.emplace(handle_);
   }
 }
 

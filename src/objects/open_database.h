@@ -112,7 +112,10 @@ bool saysWhatTheFileHolds(Reason reason);
 // from a database that is closed.
 class DatabaseTurn {
  public:
-  explicit DatabaseTurn(const OpenDatabase& database);
+  // The number may have become that of another file before its turn was taken.
+  explicit DatabaseTurn(const OpenDatabase& database) : handle_(database.handle), turn_(handle_) {
+    if (database.handle != handle_) takeAnew(database);
+  }
 
   // The handle whose turn it is; 0 where the database is closed, and there is no turn.
   int16_t handle() const { return handle_; }
@@ -121,8 +124,10 @@ class DatabaseTurn {
   DatabaseTurn& operator=(const DatabaseTurn&) = delete;
 
  private:
+  void takeAnew(const OpenDatabase& database);
+
+  int16_t handle_;
   std::optional<qvdbase::platform::Turn> turn_;
-  int16_t handle_ = 0;
 };
 
 // One operation on an open database, in its turn: what its errors name. `name` is a literal that

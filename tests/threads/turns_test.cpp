@@ -255,6 +255,31 @@ TEST_F(Turns, OfANumberThatIsNotInUseKeepItFree) {
 }
 
 // The counts are those of the call that ended last, whichever thread made it.
+// As where a database is opened again within an operation.
+TEST_F(Turns, OfANumberThatHasBecomeAnotherFilesAreTakenAnew) {
+  close(create("one.qvd"));
+  close(create("other.qvd"));
+  const int16_t number = open("one.qvd");
+  const auto isTurnOfAnotherThread = [number] {
+    bool isOurs = false;
+    std::thread([&] {
+      isOurs = platform::isTurnOfAnother(*platform::findOpenFile(number)->turn);
+    }).join();
+    return isOurs;
+  };
+  const platform::Turn turn(number);
+  {
+    const platform::Turn again(number);
+    EXPECT_TRUE(isTurnOfAnotherThread());
+  }
+  EXPECT_TRUE(isTurnOfAnotherThread());
+  EXPECT_EQ(CloseDBase(number), 1);
+  ASSERT_EQ(open("other.qvd"), number);
+  EXPECT_FALSE(isTurnOfAnotherThread());
+  const platform::Turn others(number);
+  EXPECT_TRUE(isTurnOfAnotherThread());
+}
+
 TEST_F(Turns, EndWithTheCountsOfTheirCall) {
   const int16_t db = create();
   EXPECT_EQ(SetDBaseVersion(db, 102), 1);

@@ -44,7 +44,7 @@ bool tryEnter(FileTurn& turn) {
   return true;
 }
 
-void leave(FileTurn& turn) {
+inline void leave(FileTurn& turn) {
   assert(isMine(turn) && turn.depth > 0 && "a turn is left by a thread that does not have it");
   if (--turn.depth > 0) return;
   turn.owner.store(nullptr, std::memory_order_relaxed);
@@ -78,6 +78,7 @@ FileTurn* Turn::wanted() const {
 
 void Turn::begin() {
   Turn* outer = innermostTurn;
+  if (outer != nullptr && file_ > 0 && outer->file_ == file_ && outer->turn_ == wanted()) return;
   assert(mayTake(Held::directoryCache) && "a turn is waited for while a lock is held");
   assert((!isHeld(Held::change) || isMine(*wanted())) && "a turn is waited for within a look");
   outer_ = outer;

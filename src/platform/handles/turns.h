@@ -65,8 +65,8 @@ class Turn {
 
   int16_t file_ = 0;
   FileTurn* fixed_ = nullptr;
-  FileTurn* turn_ = nullptr;
-  Turn* outer_ = nullptr;  // the turn that this thread took before
+  FileTurn* turn_ = nullptr;  // null also where the object outside of this one has the same
+  Turn* outer_ = nullptr;     // the turn that this thread took before
 };
 
 // Gives up all turns of this thread while a function of the caller's runs, and takes them again.

@@ -4,10 +4,12 @@
 #include "platform/host/system_calls.h"
 
 namespace qvdbase::platform {
+
+constinit QVDBASE_PER_THREAD detail::HostFailure detail::hostFailure = {};
+
 namespace {
 
-constinit thread_local int lastCode = 0;
-constinit thread_local int lastWriteCode = 0;
+using detail::hostFailure;
 
 WriteObstacle obstacleOf(int code) {
   switch (code) {
@@ -25,36 +27,31 @@ WriteObstacle obstacleOf(int code) {
 
 }  // namespace
 
-void forgetHostFailure() {
-  lastCode = 0;
-  lastWriteCode = 0;
-}
-
 void noteHostFailure() {
-  lastCode = errno;
+  hostFailure.code = errno;
 }
 
 void noteHostFailure(int code) {
-  lastCode = code;
+  hostFailure.code = code;
 }
 
 void noteRefusedWrite(int code) {
-  lastCode = code;
-  lastWriteCode = code;
+  hostFailure.code = code;
+  hostFailure.writeCode = code;
 }
 
 std::error_code lastHostFailure() {
-  return {lastCode, std::system_category()};
+  return {hostFailure.code, std::system_category()};
 }
 
 std::error_code lastRefusedWrite() {
-  return {lastWriteCode, std::system_category()};
+  return {hostFailure.writeCode, std::system_category()};
 }
 
 WriteFailure findWriteFailure(uint64_t length) {
-  if (lastCode == 0 && length > systemCalls().fileSizeLimit()) noteHostFailure(EFBIG);
-  if (lastWriteCode != 0) return {obstacleOf(lastWriteCode), lastRefusedWrite()};
-  return {obstacleOf(lastCode), lastHostFailure()};
+  if (hostFailure.code == 0 && length > systemCalls().fileSizeLimit()) noteHostFailure(EFBIG);
+  if (hostFailure.writeCode != 0) return {obstacleOf(hostFailure.writeCode), lastRefusedWrite()};
+  return {obstacleOf(hostFailure.code), lastHostFailure()};
 }
 
 }  // namespace qvdbase::platform

@@ -6,10 +6,22 @@
 #include <cstdint>
 #include <system_error>
 
+#include "platform/host/threads.h"
+
 namespace qvdbase::platform {
 
+namespace detail {
+struct HostFailure {
+  int code;       // of the last call that failed
+  int writeCode;  // of the last write that was refused
+};
+extern constinit QVDBASE_PER_THREAD HostFailure hostFailure;
+}  // namespace detail
+
 // Called when an operation of the layer above begins.
-void forgetHostFailure();
+inline void forgetHostFailure() {
+  detail::hostFailure = {};
+}
 
 // Keeps the code of the call that has just failed, from errno. `noteHostFailure(code)` keeps that
 // code instead. errno is unchanged.

@@ -289,9 +289,11 @@ bool fileLength(const OpenFile& file, int64_t* length) {
 }
 
 // A scope within a scope starts afresh too: between the two, others may have written.
-TransferScope::TransferScope() : outer_(callState().innermost) {
-  CallState& call = callState();
-  flushTransfers();
+// Outside of all scopes nothing is gathered, and nothing that was read is kept.
+TransferScope::TransferScope() : TransferScope(callState()) {}
+
+TransferScope::TransferScope(CallState& call) : outer_(call.innermost) {
+  if (call.isInScope()) flushTransfers();
   if (!kGathers || !call.obtainBuffers()) return;
   assert((!call.isInScope() || call.current == outer_) && "a scope begins in one that is not open");
   resumed_ = call.current;
@@ -305,15 +307,15 @@ TransferScope::~TransferScope() {
 
 bool TransferScope::end() {
   if (ended_) return !failed_;
-  if (isEntered_) leaveChain();
+  CallState& call = callState();
+  if (isEntered_) leaveChain(call);
   ended_ = true;
-  if (!callState().isInScope()) callState().forgetWhatWasRead();
+  if (!call.isInScope()) call.forgetWhatWasRead();
   return !failed_;
 }
 
 // Scopes within this one end with it: nothing may point to a scope that is gone.
-void TransferScope::leaveChain() {
-  CallState& call = callState();
+void TransferScope::leaveChain(CallState& call) {
   assert(call.innermost == this && "a scope ends before one within it");
   while (call.innermost != this) static_cast<void>(call.innermost->end());
   if (call.current == this) call.flush();

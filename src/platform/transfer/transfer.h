@@ -99,7 +99,8 @@ class TransferScope {
 
  private:
   friend struct CallState;
-  void leaveChain();
+  explicit TransferScope(CallState& call);
+  void leaveChain(CallState& call);
 
   TransferScope* outer_;
   TransferScope* resumed_ = nullptr;  // outer_, or null when this one began in a caller's function

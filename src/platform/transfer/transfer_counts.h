@@ -3,6 +3,9 @@
 // the counts of the call that ended last.
 #pragma once
 
+#include <qvdbase/qvdbase.h>
+
+#include <atomic>
 #include <cstdint>
 
 #include "platform/host/threads.h"
@@ -16,13 +19,27 @@ struct TransferCounts {
 
 namespace detail {
 extern constinit QVDBASE_PER_THREAD TransferCounts countsOfThread;
+extern constinit QVDBASE_PER_THREAD TransferCounts takenOver;
+
+// Only what the call has changed: another thread may have published meanwhile.
+inline void publish(uint32_t& exported, uint32_t count, uint32_t before) {
+  if (count != before) std::atomic_ref(exported).store(count, std::memory_order_relaxed);
 }
+}  // namespace detail
 
 inline TransferCounts& transferCounts() {
   return detail::countsOfThread;
 }
 
-void takeOverCounts();
-void publishCounts();
+inline void takeOverCounts() {
+  detail::takenOver = {std::atomic_ref(gbl_realReaden).load(std::memory_order_relaxed),
+                       std::atomic_ref(gbl_realWriten).load(std::memory_order_relaxed)};
+  transferCounts() = detail::takenOver;
+}
+
+inline void publishCounts() {
+  detail::publish(gbl_realReaden, transferCounts().read, detail::takenOver.read);
+  detail::publish(gbl_realWriten, transferCounts().written, detail::takenOver.written);
+}
 
 }  // namespace qvdbase::platform
