@@ -2,6 +2,7 @@
 #pragma once
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/cpp20.hpp>
 
 #include <cstddef>
 #include <memory>
