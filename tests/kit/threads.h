@@ -12,6 +12,15 @@
 
 namespace qvdbase::test {
 
+// Whether the library is built for several threads. Tests that need that skip themselves without:
+//
+//   if (!kHasThreads) GTEST_SKIP() << "the library is built for one thread";
+#if defined(QVDBASE_NO_THREADS)
+inline constexpr bool kHasThreads = false;
+#else
+inline constexpr bool kHasThreads = true;
+#endif
+
 // Runs `work` in that many threads at once and waits for them.
 inline void runThreads(int count, const std::function<void(int)>& work) {
   std::latch start(count);

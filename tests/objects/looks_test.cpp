@@ -11,6 +11,7 @@
 #include "kit/other_process.h"
 #include "kit/pauses.h"
 #include "kit/recorded_calls.h"
+#include "kit/threads.h"
 #include "objects/layer_fixture.h"
 #include "platform/handles/open_files.h"
 
@@ -154,6 +155,7 @@ TEST_F(LooksTest, EveryReadIsWithinALook) {
 // The lock of a look belongs to the process and keeps no writer of it out: what does so begins
 // before that lock is asked for, and ends after it has been given up.
 TEST_F(LooksTest, AReaderInAThreadExcludesWritersOfItsProcessDuringEachOfItsCalls) {
+  if (!kHasThreads) GTEST_SKIP() << "the library is built for one thread";
   for (const Mode mode : {Mode::read_only, Mode::shared}) {
     read(mode);
     const qvdb::Reader reader = database_->reader();

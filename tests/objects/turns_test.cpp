@@ -10,6 +10,7 @@
 #include "kit/other_process.h"
 #include "kit/pauses.h"
 #include "kit/recorded_calls.h"
+#include "kit/threads.h"
 #include "objects/layer_fixture.h"
 #include "platform/handles/open_files.h"
 
@@ -267,6 +268,7 @@ TEST_F(TurnsTest, AWriterKeepsAnnouncedReadersOutWhileItWrites) {
 // A reader in a thread of this process that took the lock of a look meanwhile would make that of
 // the change one of its own.
 TEST_F(TurnsTest, AWriterKeepsReadersInThreadsOutForAsLongAsItKeepsThoseInProcessesOut) {
+  if (!kHasThreads) GTEST_SKIP() << "the library is built for one thread";
   open(Mode::shared);
   const qvdb::Reader reader = database_->reader();
   const auto* entry = platform::findOpenFile(database_->handle())->entry;
