@@ -154,6 +154,60 @@ TEST_F(CachedCalls, EndWithTheLastObjectThatHoldsIt) {
   EXPECT_EQ(callsOf([&] { table_->get(middle()); }), "read");
 }
 
+// All payloads, in the order of `ids`, by one call.
+std::vector<Bytes> manyOf(const qvdb::Table& table, const std::vector<qvdb::Id>& ids) {
+  std::vector<Bytes> result(ids.size(), bytesOf("(not called)"));
+  table.get_many(ids, [&](size_t number, std::optional<std::span<const std::byte>> payload) {
+    EXPECT_EQ(result[number], bytesOf("(not called)"));
+    result[number] = payload ? bytes(*payload) : bytesOf("(nothing)");
+  });
+  return result;
+}
+
+TEST_F(CacheTest, ManyRecordsAreThoseThatAreReadOneByOne) {
+  std::mt19937_64 random(randomSeed());
+  create(300);
+  for (int i = 0; i < 3000; ++i) {
+    const Bytes payload = pattern(random() % 50 == 0 ? 90'000 : random() % 600, unsigned(i));
+    ids_.push_back(table_->add(span(payload)));
+  }
+  for (int i = 0; i < 300; ++i) table_->modify(ids_[random() % ids_.size()], span(larger_));
+  for (int i = 0; i < 300; ++i) table_->remove(ids_[random() % ids_.size()]);
+  std::vector<qvdb::Id> wanted;
+  for (int i = 0; i < 2000; ++i) wanted.push_back(ids_[random() % ids_.size()]);
+  wanted.push_back(qvdb::Id{1});
+  const qvdb::RecordIndex index = table_->index();
+  std::vector<Bytes> expected;
+  for (const qvdb::Id id : wanted) expected.push_back(bytes(table_->get(id)));
+  EXPECT_EQ(manyOf(*table_, wanted), expected);
+  const qvdb::Cache cache = database_->cache();
+  EXPECT_EQ(manyOf(*table_, wanted), expected);
+  EXPECT_EQ(manyOf(*table_, {}), std::vector<Bytes>());
+}
+
+TEST_F(CacheTest, ManyRecordsSideBySideAreReadTogether) {
+  if (!platform::gathersTransfers()) GTEST_SKIP();
+  create(2000);
+  const qvdb::RecordIndex index = table_->index();
+  std::vector<qvdb::Id> wanted;
+  for (size_t i = 1990; i > 10; i -= 3) wanted.push_back(ids_[i]);
+  RecordedCalls host;
+  manyOf(*table_, wanted);
+  // 300 KiB in pieces of 64 KiB and what is around them; one by one they would be 660.
+  EXPECT_LE(host.count(Call::read), 8);
+}
+
+TEST_F(CacheTest, WhoGetsOneOfManyRecordsMayUseTheDatabase) {
+  create(100);
+  const qvdb::RecordIndex index = table_->index();
+  table_->get_many(ids_, [&](size_t number, std::optional<std::span<const std::byte>> payload) {
+    ASSERT_TRUE(payload);
+    EXPECT_EQ(bytes(*payload), payload_);
+    if (number % 2 == 0) table_->remove(ids_[number]);
+  });
+  EXPECT_EQ(table_->count(), 50u);
+}
+
 // What a walk has loaded stays what it was, whatever happens to the record, the cache and the file.
 TEST_F(CacheTest, LoadedPayloadsStayAsTheyAre) {
   create(500);

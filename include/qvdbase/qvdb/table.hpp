@@ -12,6 +12,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <ranges>
@@ -121,6 +122,21 @@ class QVDBASE_API Table {
   // whole size, which may be more than that; nothing when there is no such record. Throws as the
   // other get().
   std::optional<uint32_t> get(Id record, std::span<std::byte> buffer) const;
+
+  // Reads the payloads of many records, those that lie close together with one read: faster than
+  // one after the other where the table has an index, and the database no cache.
+  //
+  // ids       the records wanted, in any order; one that is there twice is read twice
+  // function  called once for each of them, in the order in which they lie in the file, with its
+  //           number in `ids` and its payload, or nothing when there is no such record. The payload
+  //           is valid during the call, which may use the database. What it throws ends the reading
+  //           and is passed on
+  //
+  // What others change meanwhile is seen or not, record by record. Throws as get(); the function
+  // has been called for a part of the records then.
+  void get_many(
+      std::span<const Id> ids,
+      const std::function<void(size_t, std::optional<std::span<const std::byte>>)>& function) const;
 
   // ---- Writing records
 
