@@ -107,6 +107,7 @@ std::span<const char> Filled::valueOf(const Held& record) {
 }
 
 void Filled::change() {
+  store_->expectLookups(true);
   const size_t changes = size_.records / 2;
   for (size_t i = 0; i < changes; i += 3) {
     const uint32_t stamp = willAdd();
