@@ -21,6 +21,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -69,7 +70,7 @@ struct FileEntry {
   uint32_t views;      // through which threads read it; see file_views.h
   uint32_t viewLooks;  // looks through them that last, and whether a change excludes them; atomic
   FileEntry* source;   // of a view: the entry of the file; then it is not in the list
-  uint64_t writes;     // that this process has made to it, and cuts
+  size_t writes;       // that this process has made to it, and cuts; atomic, see file_changes.h
   Mirror* mirror;      // what is remembered of it, or null; see transfer/mirror.h
   FileTurn* turn;
   FileEntry* next;

@@ -12,10 +12,6 @@
 namespace qvdbase::platform {
 namespace {
 
-int64_t nanoseconds(const struct timespec& time) {
-  return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
 // Without O_NONBLOCK: with it, a drive that holds no medium opens too, as an empty one.
 int openBlockDevice(const Directory& directory, const EntryName& name) {
   struct stat status = {};
@@ -85,14 +81,10 @@ bool ReadOnlyFile::nextHole(int64_t position, int64_t size, FileHole* hole) cons
 }
 
 bool ReadOnlyFile::stamp(FileStamp* stamp) const {
-  struct stat status = {};
-  if (systemCalls().status(descriptor(), &status) != 0) return false;
-  if (device_ >= 0) {
-    *stamp = {systemCalls().lengthOf(device_), 0, 0};  // its status has no size
-    return stamp->size >= 0;
-  }
-  *stamp = {status.st_size, nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
-  return true;
+  if (!stampOfDescriptor(descriptor(), stamp)) return false;
+  if (device_ < 0) return true;
+  *stamp = {systemCalls().lengthOf(device_), 0, 0};  // its status has no size
+  return stamp->size >= 0;
 }
 
 bool ReadOnlyFile::isLockedByOthers() const {

@@ -8,19 +8,10 @@
 #include <string>
 
 #include "platform/handles/file_access.h"
+#include "platform/handles/file_changes.h"
 #include "platform/handles/file_entries.h"
 
 namespace qvdbase::platform {
-
-// What changes whenever a file is written to. Times are in nanoseconds. Those of a device belong to
-// its name and not to its bytes: they are 0.
-struct FileStamp {
-  int64_t size = 0;
-  int64_t modifyTime = 0;
-  int64_t statusTime = 0;
-
-  bool operator==(const FileStamp&) const = default;
-};
 
 // A part of a file that is not stored.
 struct FileHole {

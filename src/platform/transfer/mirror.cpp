@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "platform/handles/file_changes.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/memory.h"
 #include "platform/host/system_calls.h"
@@ -385,12 +386,12 @@ PinnedBytes pinBytes(int16_t file, int64_t position, uint64_t most) {
 
 void noteWritten(FileEntry* entry, int64_t position, const void* bytes, uint64_t count,
                  uint64_t done) {
-  ++entry->writes;
+  countWrite(*entry);
   if (entry->mirror != nullptr) entry->mirror->noteWritten(position, bytes, count, done);
 }
 
 void noteCut(FileEntry* entry, int64_t length) {
-  ++entry->writes;
+  countWrite(*entry);
   if (entry->mirror != nullptr) entry->mirror->setLength(length);
 }
 

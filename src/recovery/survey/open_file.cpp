@@ -3,7 +3,6 @@
 
 #include <qvdbase/qvdb/error.hpp>
 
-#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,17 +15,6 @@
 
 namespace qvdbase::survey {
 namespace {
-
-// The times of a file change in ticks of the system's clock, of up to ten milliseconds: a second
-// write in the same tick leaves them unchanged. So after a write just now, the look at the file
-// waits until every further write would show.
-constexpr std::chrono::milliseconds kTick(12);
-
-bool isFresh(const platform::FileStamp& stamp) {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  const auto age = now - std::chrono::nanoseconds(stamp.modifyTime);
-  return age < kTick && age > -kTick;
-}
 
 std::vector<unsigned char> firstBytes(const ByteSource& source, size_t count) {
   std::vector<unsigned char> bytes(count);
@@ -90,9 +78,10 @@ platform::FileAccess OpenedFile::access(const std::filesystem::path& path,
   return access;
 }
 
+// After a write just now it waits until every further write would show.
 void OpenedFile::watch() {
-  if (!isFresh(stamp_)) return;
-  std::this_thread::sleep_for(kTick);
+  if (!platform::isFresh(stamp_)) return;
+  std::this_thread::sleep_for(platform::kFileTimeTick);
   look();
 }
 
