@@ -35,6 +35,7 @@
 #include <qvdbase/qvdb/history.hpp>
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/index.hpp>
+#include <qvdbase/qvdb/key_index.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
 #include <qvdbase/qvdb/mend.hpp>
 #include <qvdbase/qvdb/output_file.hpp>

@@ -71,6 +71,9 @@ class RecordBatch {
 
   uint32_t taken() const { return taken_; }
 
+  // Where the block of the record is, or will be, that was added last.
+  int64_t lastBlock() const { return added_.last; }
+
   // Whether it failed because the file or the table was changed by others meanwhile.
   bool wasDisturbed() const { return disturbed_; }
 

@@ -46,7 +46,8 @@ constexpr Words kWords[] = {{Reason::path_not_reachable, "path not reachable"},
                             {Reason::size_limit, "too long for the limits of the system"},
                             {Reason::damaged, "damaged"},
                             {Reason::changed_meanwhile, "changed meanwhile"},
-                            {Reason::opened_elsewhere, "opened by another process"}};
+                            {Reason::opened_elsewhere, "opened by another process"},
+                            {Reason::key_exists, "the key exists"}};
 
 }  // namespace
 

@@ -81,6 +81,7 @@ void Bulk::finish(const Operation& operation) {
   database->bulk = nullptr;
   endBatchTurn(*database);
   const tablePart1& slot = batch.table().slot;
+  keys.finish(*database, table, slot, batch.taken());
   if (batch.taken() == 1) return noteAdded(*database, slot, latest, slot.lastRecordPos);
   markIndexStale(*database, table);
 }
@@ -99,34 +100,56 @@ void Bulk::discard() noexcept {
   database->bulk = nullptr;
   if (!ownsFile()) return;
   {
+    const OwnWrites writes(*database);
     engine::SavedPosition scope(database->handle);
     batch.discard();
   }
+  keys.discard();
   endBatchTurn(*database);
 }
 
 void Bulk::dropRecord() noexcept {
   const DatabaseTurn turn(*database);
   inPieces = false;
+  pieces.reset();
   if (!isOpen() || !ownsFile()) return;
+  const OwnWrites writes(*database);
   engine::SavedPosition scope(database->handle);
   batch.dropRecord();
 }
 
-void Bulk::add(const Operation& operation, const NewRecord& record) {
+bool Bulk::add(const Operation& operation, const NewRecord& record, KeyChange& change) {
   const uint32_t size = operation.requireSize(record.payload.size());
   engine::BatchRecord entry = entryOf(operation, record.id, record.reserve);
+  if (!change.isReady(operation, {record.payload, {}}, 0)) return false;
+  keys.take(change);
+  const OwnWrites writes(*database);
   entry.dataLength = size;
   if (!batch.add(entry, bytesOf(record.payload))) {
     failed(operation,
            std::max(entry.dataLength, entry.reserve) + uint64_t{format::kRecordBlockOverhead});
   }
   latest = Id{format::identifierNumber(entry.recordID)};
+  keys.add(change, batch.lastBlock());
+  return true;
+}
+
+bool Bulk::addPieces(const Operation& operation, Id record, KeyChange& change) {
+  if (pieces && !change.isReady(operation, {*pieces, {}}, 0)) return false;
+  keys.take(change);
+  const OwnWrites writes(*database);
+  if (!batch.closeRecord()) failed(operation, format::kRecordBlockOverhead);
+  inPieces = false;
+  pieces.reset();
+  latest = record;
+  keys.add(change, batch.lastBlock());
+  return true;
 }
 
 void Bulk::failed(const Operation& operation, uint64_t bytes) {
   discard();
   markIndexStale(*database, table);
+  forgetKeysOf(*database, table);
   if (batch.wasDisturbed()) {
     operation.fail(Reason::cannot_write,
                    "the file or the table was changed by other means meanwhile; nothing was added");

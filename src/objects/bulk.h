@@ -3,11 +3,15 @@
 
 #include <qvdbase/qvdb/bulk.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <vector>
 
 #include "QVDbase/record_batch.h"
 #include "format/identifiers.h"
+#include "objects/key_changes.h"
 #include "objects/open_database.h"
 #include "platform/host/process_mark.h"
 
@@ -57,8 +61,11 @@ struct Bulk {
   // The same for the record that a writer has open; the batch continues without it.
   void dropRecord() noexcept;
 
-  // Adds a whole record. Throws too_large, and as failed().
-  void add(const Operation& operation, const NewRecord& record);
+  // Adds a whole record. False when its keys are not ready. Throws too_large, and as failed().
+  bool add(const Operation& operation, const NewRecord& record, KeyChange& change);
+
+  // Adds the record that a writer has open. False likewise.
+  bool addPieces(const Operation& operation, Id record, KeyChange& change);
 
   // After a write that failed: discards the batch and throws the reason. `bytes` is by how much the
   // file would have become longer, at least.
@@ -71,6 +78,9 @@ struct Bulk {
   Id latest;  // of the record that was added last, not counting one that a writer has open
   State state = State::discarded;
   bool inPieces = false;  // a RecordWriter has a record open
+  // Its payload so far, where the table has indexes of keys.
+  std::optional<std::vector<std::byte>> pieces;
+  BatchKeys keys;
   qvdbase::platform::ProcessMark maker;
 
  private:

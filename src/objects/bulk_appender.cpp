@@ -31,10 +31,12 @@ BulkAppender::~BulkAppender() {
 }
 
 Id BulkAppender::add(const NewRecord& record) {
-  const Operation operation(bulk_->database, detail::kAppend);
-  bulk_->requireIdle(operation);
-  bulk_->add(operation, record);
-  return bulk_->latest;
+  return detail::withKeys(bulk_->database, detail::kAppend, bulk_->table,
+                          [&](const Operation& operation, detail::KeyChange& keys) {
+                            bulk_->requireIdle(operation);
+                            const bool isAdded = bulk_->add(operation, record, keys);
+                            return isAdded ? std::optional(bulk_->latest) : std::nullopt;
+                          });
 }
 
 RecordWriter BulkAppender::writer(uint32_t reserve, std::optional<Id> record) {

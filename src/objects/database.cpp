@@ -19,6 +19,7 @@
 #include "objects/looks.h"
 #include "objects/open_database.h"
 #include "objects/table_index.h"
+#include "objects/table_keys.h"
 #include "objects/turns.h"
 #include "objects/waiting.h"
 #include "platform/handles/current_name.h"
@@ -266,6 +267,7 @@ void Database::reopen() {
     ++reopened.opening;
     ++reopened.changes;
     detail::markIndexesStale(reopened);
+    detail::forgetKeys(reopened);
     if (reopened.handle != 0) reopened.close();
   }
   const std::shared_ptr<OpenDatabase> opened =

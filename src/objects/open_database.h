@@ -32,6 +32,7 @@
 namespace qvdb::detail {
 
 struct TableIndex;
+struct TableKeys;
 struct Bulk;
 
 struct OpenDatabase {
@@ -65,6 +66,11 @@ struct OpenDatabase {
   NotedChanges noted;
   // The indexes of its tables that are held; see table_index.h.
   std::vector<std::weak_ptr<TableIndex>> indexes;
+  // The indexes of keys, likewise; see table_keys.h. While there is one: how many writes of this
+  // process to the file are known to be of this layer, and how often others were noticed.
+  std::vector<std::weak_ptr<TableKeys>> keyIndexes;
+  size_t writesKnown = 0;
+  uint64_t writesByOthers = 0;
   // How many objects hold a cache of it, itself included where it was opened with one.
   uint32_t cacheHolders = 0;
   uint64_t cacheBudget = 0;

@@ -140,6 +140,12 @@ void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, size_
   }
 }
 
+void appendTo(const Operation& operation, std::vector<std::byte>* buffer, ByteView bytes) {
+  const size_t from = buffer->size();
+  resizeFor(operation, buffer, from + bytes.size());
+  std::copy(bytes.begin(), bytes.end(), buffer->begin() + static_cast<ptrdiff_t>(from));
+}
+
 void requireInsideFile(const Operation& operation, const RecordInfo& info) {
   if (static_cast<uint64_t>(info.data_position) + info.size <= operation.fileLength()) return;
   operation.fail(Reason::data_damaged, "the payload of record " + to_string(info.id) +

@@ -27,9 +27,11 @@ RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, uint32_t reserve,
   const Operation operation(bulk->database, detail::kWrite);
   bulk->requireIdle(operation);
   const engine::BatchRecord entry = bulk->entryOf(operation, record, reserve);
+  const detail::OwnWrites writes(*bulk->database);
   if (!bulk->batch.openRecord(entry)) bulk->failed(operation, format::kRecordBlockOverhead);
   id_ = Id{format::identifierNumber(entry.recordID)};
   bulk->inPieces = true;
+  if (detail::KeyChange::concerns(operation, bulk->table)) bulk->pieces.emplace();
   bulk_ = std::move(bulk);
 }
 
@@ -54,18 +56,21 @@ void RecordWriter::write(ByteView bytes) {
   bulk_->requireOpen(operation);
   const uint32_t size = operation.requireSize(uint64_t{size_} + bytes.size());
   const uint32_t count = size - size_;
+  const detail::OwnWrites writes(*bulk_->database);
+  if (bulk_->pieces) detail::appendTo(operation, &*bulk_->pieces, bytes);
   if (!bulk_->batch.appendPayload(detail::bytesOf(bytes), count)) bulk_->failed(operation, count);
   size_ = size;
 }
 
 Id RecordWriter::finish() {
   requireOpen();
-  const Operation operation(bulk_->database, detail::kWrite);
-  bulk_->requireOpen(operation);
-  if (!bulk_->batch.closeRecord()) bulk_->failed(operation, format::kRecordBlockOverhead);
-  bulk_->inPieces = false;
-  bulk_->latest = id_;
-  if (isAlone_) bulk_->finish(operation);
+  detail::withKeys(bulk_->database, detail::kWrite, bulk_->table,
+                   [&](const Operation& operation, detail::KeyChange& keys) {
+                     bulk_->requireOpen(operation);
+                     if (!bulk_->addPieces(operation, id_, keys)) return std::optional<Id>();
+                     if (isAlone_) bulk_->finish(operation);
+                     return std::optional(id_);
+                   });
   bulk_.reset();
   return id_;
 }

@@ -40,6 +40,9 @@ inline const unsigned char* bytesOf(ByteView bytes) {
 // Throws too_large when there is not enough memory.
 void resizeFor(const Operation& operation, std::vector<std::byte>* buffer, size_t size);
 
+// Appends bytes. Throws likewise.
+void appendTo(const Operation& operation, std::vector<std::byte>* buffer, ByteView bytes);
+
 // Throws data_damaged when a payload reaches beyond the end of the file.
 void requireInsideFile(const Operation& operation, const RecordInfo& info);
 

@@ -49,8 +49,8 @@ Id tableOf(const tablePart1& slot) {
   return Id{format::identifierNumber(slot.tableID)};
 }
 
-void readNeighbourhood(int16_t db, const TableIndex& index, int64_t position) {
-  const int64_t before = std::clamp(index.usualBlock, kLeastAround, kMostAround);
+void readNeighbourhood(int16_t db, int64_t usualBlock, int64_t position) {
+  const int64_t before = std::clamp(usualBlock, kLeastAround, kMostAround);
   const int64_t from = std::max<int64_t>(0, position - before);
   const int64_t after = before + format::record::kData;
   support::readAhead(db, from, static_cast<uint32_t>(position - from + after));
@@ -91,21 +91,8 @@ bool slotAgrees(const tablePart1& slot, const recordPart1& header, int64_t posit
 
 bool verify(const Operation& operation, const TableIndex& index, Id record,
             engine::FoundRecord* found) {
-  const unsigned char* tableID = index.slot.tableID;
-  readNeighbourhood(operation.db(), index, found->recordPos);
-  return readHead(operation.db(), found->recordPos, tableID, &found->header) &&
-         format::identifierNumber(found->header.recordID) == record.value &&
-         neighboursPointBack(operation.db(), tableID, found->header, found->recordPos) &&
-         (!isEndOfChain(found->header) ||
-          slotAgrees(operation.table(index.table).slot, found->header, found->recordPos));
-}
-
-// The distance between blocks, and a quarter more for the larger ones.
-int64_t usualBlock(const tablePart1& slot) {
-  if (slot.firstRecordPos < 0 || slot.lastRecordPos < 0) return 0;
-  const int64_t records = std::max<int64_t>(1, slot.recordCount);
-  const int64_t spread = std::abs(slot.lastRecordPos - slot.firstRecordPos) / records;
-  return spread + spread / 4;
+  return readLinked(operation, index.table, index.slot.tableID, index.usualBlock, found) &&
+         format::identifierNumber(found->header.recordID) == record.value;
 }
 
 bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index) {
@@ -165,6 +152,32 @@ Answer askSlot(const Operation& operation, TableIndex& index, Id record,
 
 }  // namespace
 
+bool readLinked(const Operation& operation, Id table, const unsigned char* tableID,
+                int64_t usualBlock, engine::FoundRecord* found) {
+  readNeighbourhood(operation.db(), usualBlock, found->recordPos);
+  return readHead(operation.db(), found->recordPos, tableID, &found->header) &&
+         neighboursPointBack(operation.db(), tableID, found->header, found->recordPos) &&
+         (!isEndOfChain(found->header) ||
+          slotAgrees(operation.table(table).slot, found->header, found->recordPos));
+}
+
+bool isReachedFromFront(const Operation& operation, Id table, const unsigned char* tableID,
+                        engine::FoundRecord* found) {
+  if (!readHead(operation.db(), found->recordPos, tableID, &found->header)) return false;
+  const int64_t previous = found->header.prevRecordPos;
+  if (previous == 0) return operation.table(table).slot.firstRecordPos == found->recordPos;
+  return linksTo(operation.db(), previous, tableID, format::record::kNextRecordPos,
+                 found->recordPos);
+}
+
+// And a quarter more for the larger ones.
+int64_t usualBlockOf(const tablePart1& slot) {
+  if (slot.firstRecordPos < 0 || slot.lastRecordPos < 0) return 0;
+  const int64_t records = std::max<int64_t>(1, slot.recordCount);
+  const int64_t spread = std::abs(slot.lastRecordPos - slot.firstRecordPos) / records;
+  return spread + spread / 4;
+}
+
 std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table) {
   for (const std::weak_ptr<TableIndex>& held : database.indexes) {
     std::shared_ptr<TableIndex> index = held.lock();
@@ -198,7 +211,7 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
   if (!complete) return false;
   index.slot = slot;
   index.writesSeen = 0;
-  index.usualBlock = usualBlock(slot);
+  index.usualBlock = usualBlockOf(slot);
   index.isStale = false;
   return true;
 }

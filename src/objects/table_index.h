@@ -73,6 +73,20 @@ void markIndexStale(OpenDatabase& database, Id table);
 // The same for every table, when another file is opened.
 void markIndexesStale(OpenDatabase& database);
 
+// Reads what is around a position, in one go where records have about the usual size. Whether there
+// is a record of this table to which its neighbours, or the slot, lead; the table's slot is read
+// only where the record has one neighbour.
+bool readLinked(const Operation& operation, Id table, const unsigned char* tableID,
+                int64_t usualBlock, qvdbase::engine::FoundRecord* found);
+
+// Whether a walk from the first record comes to the record at a position as far as what precedes it
+// says: in a chain of which a change was cut off, that is all that leads to it.
+bool isReachedFromFront(const Operation& operation, Id table, const unsigned char* tableID,
+                        qvdbase::engine::FoundRecord* found);
+
+// The distance between the blocks of a table, about.
+int64_t usualBlockOf(const tablePart1& slot);
+
 // Whether a record is in its table's chain: both neighbours, or the slot where it has none, must
 // lead to it.
 bool isInChain(int16_t db, const qvdbase::engine::FoundRecord& found);

@@ -1,11 +1,14 @@
 // qvdb::Table: adding, changing and deleting records.
 //
 // Each change has three steps. The record is located; the engine changes it as the C functions do
-// after their search; and when that fails, the file is looked at to find out why.
+// after their search; and when that fails, the file is looked at to find out why. Where the table
+// has indexes of keys, the operation ends after the first step and begins again once the keys are
+// made: see key_changes.h.
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/table.hpp>
 
 #include <algorithm>
+#include <type_traits>
 
 #include "QVDbase/record_append.h"
 #include "QVDbase/record_delete.h"
@@ -13,10 +16,12 @@
 #include "QVDbase/record_modify.h"
 #include "format/identifiers.h"
 #include "objects/failed_append.h"
+#include "objects/key_changes.h"
 #include "objects/open_database.h"
 #include "objects/record_search.h"
 #include "objects/records.h"
 #include "objects/table_index.h"
+#include "objects/table_keys.h"
 #include "objects/turns.h"
 
 using namespace qvdbase;
@@ -81,13 +86,15 @@ Id idOf(const recordPart1& header) {
   operation.failedWrite(length);
 }
 
-// What AddRecordData does, with the new record noted in the table's index.
-Id addRecord(const Operation& operation, Id table, std::optional<Id> record, ByteView payload,
-             uint32_t reserve) {
+// What AddRecordData does, with the new record noted in the table's indexes. Nothing when its keys
+// are not ready.
+std::optional<Id> addRecord(const Operation& operation, detail::KeyChange& keys, Id table,
+                            std::optional<Id> record, ByteView payload, uint32_t reserve) {
   const uint32_t size = operation.requireSize(payload.size());
   operation.requireWritable();
   operation.requireNoBulk();
   if (record) operation.requireIdentifier(*record);
+  if (!keys.isReady(operation, {payload.span(), {}}, 0)) return std::nullopt;
   const detail::ChangeTurn turn(operation);
   unsigned char recordID[format::kIdentifierSize];
   if (record) internal_ConvertInt64_2UuID(record->value, recordID);
@@ -107,23 +114,28 @@ Id addRecord(const Operation& operation, Id table, std::optional<Id> record, Byt
     if (scope.restore(done)) {
       const Id id{format::identifierNumber(recordID)};
       detail::noteAdded(database, found.slot, id, blockPos);
+      keys.noteAdded(found.slot, blockPos);
       database.noteChange({Kind::added, table, blockPos});
       return id;
     }
   }
+  detail::forgetKeysOf(database, table);
   const uint64_t length = uint64_t{std::max(size, reserve)} + format::kRecordBlockOverhead;
   detail::takeBack(operation, table, blockPos, {{last, format::record::kNextRecordPos}}, length);
   explainAppend(operation, table, length);
 }
 
-// Changes one record, which is given as a Record or by its identifier. Returns whether it is there.
+// Changes one record, which is given as a Record or by its identifier. Returns whether it is there,
+// and nothing when its new keys are not ready.
 //
+// after   returns the payload that the located record will have; null where that stays
 // change  given the located record and where to store the position of a block that it appends;
 //         returns whether it was done
 // length  by how much the file would become longer, at most
-template <typename Whom, typename Change>
-bool changeRecord(const Operation& operation, Id table, const Whom& whom, uint64_t length,
-                  const Change& change) {
+template <typename Whom, typename After, typename Change>
+std::optional<bool> changeRecord(const Operation& operation, detail::KeyChange& keys, Id table,
+                                 const Whom& whom, uint64_t length, const After& after,
+                                 const Change& change) {
   operation.requireWritable();
   const detail::ChangeTurn turn(operation);
   FoundRecord found;
@@ -132,12 +144,19 @@ bool changeRecord(const Operation& operation, Id table, const Whom& whom, uint64
     SavedPosition scope(operation.db());
     const Located located = detail::locate(operation, table, whom, &found);
     if (located == Located::no) return false;
+    if constexpr (!std::is_null_pointer_v<After>) {
+      if (detail::KeyChange::concerns(operation, table) &&
+          !keys.isReady(operation, after(found), found.recordPos)) {
+        return std::nullopt;
+      }
+    }
     const bool mayChange = located != Located::atEarlyEnd;
     if (mayChange && scope.restore(change(&found, &blockPos))) return true;
   }
   // It may have been made in part.
   ++operation.database().changes;
   detail::markIndexStale(operation.database(), table);
+  detail::forgetKeysOf(operation.database(), table);
   using namespace format::record;
   const recordPart1& header = found.header;
   detail::takeBack(operation, table, blockPos,
@@ -153,13 +172,14 @@ void requireTable(const Operation& operation, Id table, FoundRecord* found) {
 }
 
 // What ModifyRecordData does after its search.
-bool replacePayload(const Operation& operation, Id table, FoundRecord* found, ByteView payload,
-                    int64_t* blockPos) {
+bool replacePayload(const Operation& operation, const detail::KeyChange& keys, Id table,
+                    FoundRecord* found, ByteView payload, int64_t* blockPos) {
   detail::OpenDatabase& database = operation.database();
   const auto size = static_cast<uint32_t>(payload.size());
   ++database.changes;
   if (size <= found->header.dataCapacity) {
     database.noteChange({Kind::inPlace, table, found->recordPos});
+    keys.noteInPlace(found->recordPos);
     return engine::overwriteRecord(operation.db(), found->recordPos, bytesOf(payload), size);
   }
   operation.requireNoBulk();
@@ -168,19 +188,37 @@ bool replacePayload(const Operation& operation, Id table, FoundRecord* found, By
     return false;
   }
   detail::noteMoved(database, found->table.slot, idOf(found->header), *blockPos);
+  keys.noteMoved(found->table.slot, found->recordPos, *blockPos);
   database.noteChange({Kind::moved, table, found->recordPos, *blockPos});
   return true;
 }
 
-bool overwritePart(const Operation& operation, Id table, const FoundRecord& found, uint64_t offset,
-                   ByteView bytes) {
+void requirePart(const Operation& operation, const FoundRecord& found, uint64_t offset,
+                 ByteView bytes) {
   const uint32_t size = found.header.dataLength;
-  if (offset > size || bytes.size() > size - offset) {
-    operation.fail(Reason::bad_argument, "it would end beyond the " + std::to_string(size) +
-                                             " bytes that the record has");
-  }
+  if (offset <= size && bytes.size() <= size - offset) return;
+  operation.fail(Reason::bad_argument,
+                 "it would end beyond the " + std::to_string(size) + " bytes that the record has");
+}
+
+// The payload with a part of it written over.
+detail::PayloadAfter payloadWith(const Operation& operation, const FoundRecord& found,
+                                 uint64_t offset, ByteView bytes) {
+  requirePart(operation, found, offset, bytes);
+  detail::PayloadAfter after;
+  const RecordInfo info = detail::recordInfo(found.header, found.recordPos);
+  detail::appendPayload(operation, info, info.size, &after.own);
+  std::copy(bytes.begin(), bytes.end(), after.own.begin() + static_cast<ptrdiff_t>(offset));
+  after.bytes = after.own;
+  return after;
+}
+
+bool overwritePart(const Operation& operation, const detail::KeyChange& keys, Id table,
+                   const FoundRecord& found, uint64_t offset, ByteView bytes) {
+  requirePart(operation, found, offset, bytes);
   ++operation.database().changes;
   operation.database().noteChange({Kind::inPlace, table, found.recordPos});
+  keys.noteInPlace(found.recordPos);
   return engine::overwritePart(operation.db(), found.recordPos, static_cast<uint32_t>(offset),
                                bytesOf(bytes), static_cast<uint32_t>(bytes.size()));
 }
@@ -193,42 +231,10 @@ bool unlink(const Operation& operation, Id table, FoundRecord* found) {
   ++database.changes;
   if (!engine::unlinkRecord(operation.db(), found)) return false;
   detail::noteRemoved(database, found->table.slot, idOf(found->header));
+  detail::noteKeysRemoved(database, table, found->table.slot);
   database.noteChange({Kind::removed, table, found->recordPos, found->header.nextRecordPos,
                        found->header.prevRecordPos});
   return true;
-}
-
-// The four changes, each for a record that was found before and for one by identifier.
-template <typename Whom>
-bool modifyRecord(const Operation& operation, Id table, const Whom& whom, ByteView payload) {
-  const uint64_t size = operation.requireSize(payload.size());
-  return changeRecord(operation, table, whom, size + format::kRecordBlockOverhead,
-                      [&](FoundRecord* found, int64_t* blockPos) {
-                        return replacePayload(operation, table, found, payload, blockPos);
-                      });
-}
-
-template <typename Whom>
-bool writeRecord(const Operation& operation, Id table, const Whom& whom, uint64_t offset,
-                 ByteView bytes) {
-  return changeRecord(operation, table, whom, 0, [&](FoundRecord* found, int64_t*) {
-    return overwritePart(operation, table, *found, offset, bytes);
-  });
-}
-
-template <typename Whom>
-bool touchRecord(const Operation& operation, Id table, const Whom& whom) {
-  return changeRecord(operation, table, whom, 0, [&](FoundRecord* found, int64_t*) {
-    return internal_ModifyOneRecordDataInfo_LMTime(operation.db(), found->header.tableID,
-                                                   found->recordPos) == 1;
-  });
-}
-
-template <typename Whom>
-bool removeRecord(const Operation& operation, Id table, const Whom& whom) {
-  return changeRecord(operation, table, whom, 0, [&](FoundRecord* found, int64_t*) {
-    return unlink(operation, table, found);
-  });
 }
 
 constexpr const char* kAdd = "add a record";
@@ -236,46 +242,106 @@ constexpr const char* kChange = "change the record";
 constexpr const char* kTouch = "touch the record";
 constexpr const char* kDelete = "delete the record";
 
+using Opened = std::shared_ptr<detail::OpenDatabase>;
+
+Id addWithKeys(const Opened& database, Id table, std::optional<Id> record, ByteView payload,
+               uint32_t reserve) {
+  return detail::withKeys(database, kAdd, table,
+                          [&](const Operation& operation, detail::KeyChange& keys) {
+                            return addRecord(operation, keys, table, record, payload, reserve);
+                          });
+}
+
+// The four changes, each for a record that was found before and for one by identifier.
+template <typename Whom>
+bool modifyRecord(const Opened& database, Id table, const Whom& whom, ByteView payload) {
+  return detail::withKeys(
+      database, kChange, table, [&](const Operation& operation, detail::KeyChange& keys) {
+        const uint64_t size = operation.requireSize(payload.size());
+        return changeRecord(
+            operation, keys, table, whom, size + format::kRecordBlockOverhead,
+            [&](const FoundRecord&) {
+              return detail::PayloadAfter{payload.span(), {}};
+            },
+            [&](FoundRecord* found, int64_t* blockPos) {
+              return replacePayload(operation, keys, table, found, payload, blockPos);
+            });
+      });
+}
+
+template <typename Whom>
+bool writeRecord(const Opened& database, Id table, const Whom& whom, uint64_t offset,
+                 ByteView bytes) {
+  return detail::withKeys(
+      database, kChange, table, [&](const Operation& operation, detail::KeyChange& keys) {
+        return changeRecord(
+            operation, keys, table, whom, 0,
+            [&](const FoundRecord& found) { return payloadWith(operation, found, offset, bytes); },
+            [&](FoundRecord* found, int64_t*) {
+              return overwritePart(operation, keys, table, *found, offset, bytes);
+            });
+      });
+}
+
+template <typename Whom>
+bool touchRecord(const Opened& database, Id table, const Whom& whom) {
+  const Operation operation(database, kTouch);
+  detail::KeyChange none(database, kTouch, table);
+  return *changeRecord(operation, none, table, whom, 0, nullptr, [&](FoundRecord* found, int64_t*) {
+    return internal_ModifyOneRecordDataInfo_LMTime(operation.db(), found->header.tableID,
+                                                   found->recordPos) == 1;
+  });
+}
+
+template <typename Whom>
+bool removeRecord(const Opened& database, Id table, const Whom& whom) {
+  const Operation operation(database, kDelete);
+  detail::KeyChange none(database, kDelete, table);
+  return *changeRecord(operation, none, table, whom, 0, nullptr, [&](FoundRecord* found, int64_t*) {
+    return unlink(operation, table, found);
+  });
+}
+
 }  // namespace
 
 Id Table::add(ByteView payload, uint32_t reserve) {
-  return addRecord(Operation(database_, kAdd), id_, std::nullopt, payload, reserve);
+  return addWithKeys(database_, id_, std::nullopt, payload, reserve);
 }
 
 void Table::add_with_id(Id record, ByteView payload, uint32_t reserve) {
-  addRecord(Operation(database_, kAdd), id_, record, payload, reserve);
+  addWithKeys(database_, id_, record, payload, reserve);
 }
 
 bool Table::modify(Id record, ByteView payload) {
-  return modifyRecord(Operation(database_, kChange), id_, record, payload);
+  return modifyRecord(database_, id_, record, payload);
 }
 
 bool Table::modify(const Record& record, ByteView payload) {
-  return modifyRecord(Operation(database_, kChange), id_, record, payload);
+  return modifyRecord(database_, id_, record, payload);
 }
 
 bool Table::write(Id record, uint64_t offset, ByteView bytes) {
-  return writeRecord(Operation(database_, kChange), id_, record, offset, bytes);
+  return writeRecord(database_, id_, record, offset, bytes);
 }
 
 bool Table::write(const Record& record, uint64_t offset, ByteView bytes) {
-  return writeRecord(Operation(database_, kChange), id_, record, offset, bytes);
+  return writeRecord(database_, id_, record, offset, bytes);
 }
 
 bool Table::touch(Id record) {
-  return touchRecord(Operation(database_, kTouch), id_, record);
+  return touchRecord(database_, id_, record);
 }
 
 bool Table::touch(const Record& record) {
-  return touchRecord(Operation(database_, kTouch), id_, record);
+  return touchRecord(database_, id_, record);
 }
 
 bool Table::remove(Id record) {
-  return removeRecord(Operation(database_, kDelete), id_, record);
+  return removeRecord(database_, id_, record);
 }
 
 bool Table::remove(const Record& record) {
-  return removeRecord(Operation(database_, kDelete), id_, record);
+  return removeRecord(database_, id_, record);
 }
 
 }  // namespace qvdb

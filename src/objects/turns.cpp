@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "QVDbase/directory_cache.h"
+#include "objects/table_keys.h"
 #include "objects/waiting.h"
 #include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
@@ -117,6 +118,7 @@ void ChangeTurn::begin(const Operation& operation) {
     hasTurn_ = true;
   }
   platform::beginChange(db);
+  if (!database_.keyIndexes.empty()) noticeWrites(database_);
   if (isReaderAnnounced(database_)) keepReadersOut(operation);
 }
 
@@ -132,6 +134,7 @@ void ChangeTurn::keepReadersOut(const Operation& operation) {
 // The lock belongs to all of this process, so its own readers begin to look when it has been given
 // up: they would make it theirs.
 void ChangeTurn::end() {
+  if (!database_.keyIndexes.empty()) noteOwnWrites(database_);
   if (holdsOff_) {
     platform::releaseLockByte(database_.handle, LockByte::change, Sharing::exclusive);
   }

@@ -171,6 +171,92 @@ TEST_F(ThreadsOnDatabase, WalkFindsItsPlaceAfterManyChangesByAnother) {
   }
 }
 
+// A payload is its key, and padding after a semicolon.
+std::string keyOf(std::string_view text) {
+  return std::string(text.substr(0, text.find(';')));
+}
+
+// Lasting keys are found all the time, once each, while others move their records and add and
+// remove records with keys of their own.
+TEST_F(ThreadsOnDatabase, ShareAnIndexOfKeys) {
+  database = createDatabase();
+  table = database.add_table("t");
+  std::vector<Id> ids;
+  for (int i = 0; i < 50; ++i) ids.push_back(table.add("lasting " + std::to_string(i % 10) + ";"));
+  const qvdb::KeyIndex<std::string> index(table, keyOf, {.ordered = true});
+  runThreads(kThreads, [&](int thread) {
+    const qvdb::KeyIndex<std::string> own = index;
+    for (int round = 0; round < kRounds; ++round) {
+      const auto number = static_cast<size_t>(thread * kRounds + round);
+      const std::string key = "passing " + std::to_string(number);
+      const Id added = table.add(key + ";");
+      EXPECT_EQ(own.find(key)->id(), added);
+      const size_t moved = number % ids.size();
+      EXPECT_TRUE(table.modify(ids[moved], "lasting " + std::to_string(moved % 10) + ";" +
+                                               std::string(static_cast<size_t>(round), 'x')));
+      EXPECT_TRUE(own.contains("lasting " + std::to_string(round % 10)));
+      std::multiset<std::string> found;
+      auto lasting = own.prefix("lasting");
+      for (const auto& [name, record] : lasting) found.insert(name);
+      EXPECT_EQ(found.size(), 50u);
+      EXPECT_EQ(found.count("lasting 3"), 5u);
+      EXPECT_TRUE(table.remove(added));
+      EXPECT_FALSE(own.contains(key));
+      if (round % 25 == 0) {
+        const qvdb::KeyIndex<std::string> another(table, keyOf);
+        EXPECT_TRUE(another.contains("lasting 7"));
+      }
+    }
+  });
+  EXPECT_EQ(table.count(), 50u);
+  expectSound();
+}
+
+// All threads try to add the same keys.
+TEST_F(ThreadsOnDatabase, AddEachKeyOfAUniqueIndexOnce) {
+  database = createDatabase();
+  table = database.add_table("t");
+  const qvdb::KeyIndex<std::string> index(table, keyOf, {.unique = true});
+  std::atomic<int> added = 0;
+  runThreads(kThreads, [&](int thread) {
+    for (int round = 0; round < kRounds; ++round) {
+      try {
+        const Id id = table.add("key " + std::to_string(round) + ";" + std::to_string(thread));
+        ++added;
+        EXPECT_TRUE(table.modify(id, "key " + std::to_string(round) + ";" + std::string(50, 'x')));
+      } catch (const qvdb::Error& error) {
+        EXPECT_EQ(error.reason(), Reason::key_exists) << error.what();
+      }
+    }
+  });
+  EXPECT_EQ(added, kRounds);
+  EXPECT_EQ(table.count(), static_cast<uint32_t>(kRounds));
+  EXPECT_EQ(index.size(), static_cast<size_t>(kRounds));
+  expectSound();
+}
+
+TEST_F(ThreadsOnDatabase, CallTheLibraryInAFunctionOfKeys) {
+  fill();
+  const qvdb::KeyIndex<std::string> index(
+      table,
+      [this](std::string_view text) {
+        if (text.starts_with("wait")) {
+          std::thread([this] { EXPECT_TRUE(table.touch(Id{1})); }).join();
+          EXPECT_TRUE(table.contains(Id{2}));
+        }
+        return text.starts_with("x") ? std::nullopt : std::optional(keyOf(text));
+      },
+      {.unique = true});
+  runThreads(kThreads, [&](int thread) {
+    const std::string key = "wait " + std::to_string(thread);
+    const Id id = table.add(key);
+    EXPECT_EQ(index.find(key)->id(), id);
+    EXPECT_TRUE(table.modify(id, key + ";" + std::string(50, 'x')));
+    EXPECT_TRUE(index.contains(key));
+  });
+  expectSound();
+}
+
 TEST_F(ThreadsOnDatabase, ShareAnIndex) {
   fill();
   const qvdb::RecordIndex index = table.index();

@@ -72,6 +72,8 @@ enum class Reason {
   changed_meanwhile,
 
   opened_elsewhere,  // a child process got the database by fork: it can only read until reopen()
+
+  key_exists,  // another record has a key that a unique KeyIndex allows once
 };
 
 // The reason in a few words, for example "no such file".

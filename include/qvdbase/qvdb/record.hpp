@@ -16,6 +16,7 @@
 namespace qvdb {
 
 namespace detail {
+struct KeyMatches;
 struct OpenDatabase;
 struct Walk;
 class Operation;
@@ -123,6 +124,7 @@ class QVDBASE_API Record {
   friend class Table;
   friend class RecordRange;
   friend class WalkStart;
+  friend struct detail::KeyMatches;
   friend int64_t detail::positionOf(const detail::Operation& operation, const Record& record);
   Record(std::shared_ptr<detail::OpenDatabase> database, Id table, const RecordInfo& info);
   void keepLoaded();

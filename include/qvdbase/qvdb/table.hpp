@@ -22,6 +22,10 @@
 
 namespace qvdb {
 
+namespace detail {
+struct TableKeys;
+}
+
 // What a table's slot in the directory holds.
 struct TableInfo {
   Id id;                              // the table's identifier
@@ -239,6 +243,7 @@ class QVDBASE_API Table {
 
  private:
   friend class Database;
+  friend struct detail::TableKeys;
   Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name);
   std::optional<Record> recordAtEnd(Order order) const;
 
