@@ -25,7 +25,19 @@ void BufferedOutput::zeros(uint64_t count) {
   });
 }
 
+void BufferedOutput::pass(const unsigned char* bytes, size_t count) {
+  flush();
+  while (count > 0) {
+    const size_t part = std::min(count, kPiece);
+    sink_(flushed_, bytes, part);
+    flushed_ += static_cast<int64_t>(part);
+    bytes += part;
+    count -= part;
+  }
+}
+
 void BufferedOutput::flush() {
+  if (held_ == 0) return;
   sink_(flushed_, buffer_.data(), held_);
   flushed_ += static_cast<int64_t>(held_);
   held_ = 0;

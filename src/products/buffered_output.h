@@ -46,6 +46,9 @@ class BufferedOutput {
 
   void flush();
 
+  // The same as write() for many bytes, which are not copied into the buffer.
+  void pass(const unsigned char* bytes, size_t count);
+
  private:
   // Small files need a small buffer only.
   unsigned char* spaceFor(size_t count) {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "failure/failure.h"
 #include "failure/native_path.h"
@@ -36,13 +37,13 @@ namespace fs = std::filesystem;
 
 constexpr const char* kOperation = "compact the database";
 
-// A part of the work, as a range of percents that is passed through record by record.
+// A part of the work, as a range of percents that is passed through step by step.
 class Stage {
  public:
   Stage(Reporter& reporter, const fs::path& path, int from, int to, uint64_t total)
       : reporter_(reporter), path_(path), from_(from), to_(to), total_(total) {}
 
-  // One record more. Throws cancelled, and what the caller's function throws.
+  // One record or piece more. Throws cancelled, and what the caller's function throws.
   void step() {
     const uint64_t share = std::min(done_++, total_);
     const auto width = static_cast<uint64_t>(to_ - from_);
@@ -82,8 +83,8 @@ class Compaction {
     changeTables(options_, source_, kOperation, &database_);
     const LiveLayout layout = layOut(database_);
     if (target) {
-      write(file.source(), layout, *target);
-      compare(file, layout, target->file());
+      write(file, layout, *target);
+      compare(file, target->file());
     }
     file.requireUnchanged(source_, kOperation);
     if (target) target->place();
@@ -122,22 +123,25 @@ class Compaction {
     return count;
   }
 
-  void write(const ByteSource& source, const LiveLayout& layout, TargetFile& target) {
-    Stage stage(reporter_, source_, 20, 60, database_.recordCount());
+  void write(const OpenedFile& file, const LiveLayout& layout, TargetFile& target) {
+    Stage stage(reporter_, source_, 20, 80, database_.recordCount());
     const platform::FileAccess access = accessOf(source_, kOperation);
     target.create(&access);
-    if (copyLive(source, database_, layout, target, [&] { stage.step(); })) return;
+    const bool isCopied = copyLive(
+        file.source(), database_, layout, target, [&] { stage.step(); }, &written_);
+    if (isCopied) return;
+    file.requireUnchanged(source_, kOperation);
     throwError(source_, kOperation, Reason::cannot_read, "the system cannot read it");
   }
 
-  void compare(const OpenedFile& file, const LiveLayout& layout, const platform::NewFile& made) {
-    Stage stage(reporter_, source_, 60, 100, database_.recordCount());
+  void compare(const OpenedFile& file, const platform::NewFile& made) {
+    Stage stage(reporter_, source_, 80, 100, written_.size());
     platform::ReadOnlyFile read;
     read.share(made.entry());
     platform::FileStamp stamp;
     const bool isKnown = read.stamp(&stamp);
     const FileSource copy(read, isKnown ? stamp.size : 0);
-    if (isLiveCopy(copy, file.source(), database_, layout, [&] { stage.step(); })) return;
+    if (holdsWhatWasWritten(copy, written_, [&] { stage.step(); })) return;
     file.requireUnchanged(source_, kOperation);
     throwError(source_, kOperation, Reason::cannot_write,
                "what was written is not what can be read back");
@@ -164,6 +168,7 @@ class Compaction {
   Survey survey_;
   LiveDatabase database_{survey_};
   Verdict verdict_;
+  std::vector<WrittenPiece> written_;
 };
 
 CompactReport compactTo(const fs::path& source, const fs::path& target,

@@ -8,6 +8,7 @@
 #include "products/target_file.h"
 #include "recovery/copy/database_writer.h"
 #include "recovery/survey/byte_source.h"
+#include "support/digest.h"
 #include "upkeep/live_database.h"
 
 namespace qvdbase::upkeep {
@@ -20,17 +21,23 @@ struct LiveLayout {
 
 LiveLayout layOut(const LiveDatabase& database);
 
+// A piece of the new file as it was written.
+struct WrittenPiece {
+  int64_t position = 0;
+  size_t size = 0;
+  support::Digest digest = {};
+};
+
 // Writes the new file. The header comes last, so that a file that is not finished is no database.
-// `step` is called for each record and may throw. False when the source cannot be read; throws
-// Error when the target cannot be written.
+// `step` is called for each record and may throw. False when the source cannot be read, or is not
+// what was surveyed; throws Error when the target cannot be written.
 bool copyLive(const survey::ByteSource& source, const LiveDatabase& database,
               const LiveLayout& layout, products::TargetFile& target,
-              const std::function<void()>& step);
+              const std::function<void()>& step, std::vector<WrittenPiece>* written);
 
-// Reads the new file back: it must hold byte for byte what the source gives now. False when
-// anything differs or cannot be read.
-bool isLiveCopy(const survey::ByteSource& copy, const survey::ByteSource& source,
-                const LiveDatabase& database, const LiveLayout& layout,
-                const std::function<void()>& step);
+// Reads the new file back: it must hold what was written. `step` is called for each piece and may
+// throw. False when anything differs or cannot be read.
+bool holdsWhatWasWritten(const survey::ByteSource& copy, const std::vector<WrittenPiece>& written,
+                         const std::function<void()>& step);
 
 }  // namespace qvdbase::upkeep

@@ -5,8 +5,12 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstring>
+#include <numeric>
+#include <random>
 
 #include "kit/maintenance_fixture.h"
+#include "kit/random_seed.h"
 #include "objects/layer_fixture.h"
 
 namespace qvdbase::test {
@@ -127,6 +131,108 @@ TEST_F(Compact, CarriesLargePayloadsAndEmptyDatabases) {
   putSource(image);
   compact(path(kSource));
   EXPECT_TRUE(sameBytes(contents(kSource), image.build()));
+}
+
+// Records that follow one another in an order of their own, and what a compaction makes of them.
+struct Shuffled {
+  FileImage image;
+  FileImage compacted;
+
+  explicit Shuffled(const std::vector<RecordOptions>& options, const std::vector<size_t>& sizes) {
+    std::vector<size_t> order(sizes.size());
+    std::iota(order.begin(), order.end(), size_t{0});
+    std::mt19937_64 random(randomSeed());
+    std::ranges::shuffle(order, random);
+    for (FileImage* each : {&image, &compacted}) each->addTable("t", 0x101);
+    std::vector<int64_t> positions;
+    for (size_t i = 0; i < sizes.size(); ++i) {
+      positions.push_back(image.addRecord(0, i + 1, pattern(sizes[i]), options[i]));
+    }
+    for (size_t i = 0; i < order.size(); ++i) {
+      const size_t record = order[i];
+      image.record(positions[record]).prevRecordPos = i == 0 ? 0 : positions[order[i - 1]];
+      image.record(positions[record]).nextRecordPos =
+          i + 1 == order.size() ? 0 : positions[order[i + 1]];
+      RecordOptions clean = options[record];
+      clean.fill = 0;
+      compacted.addRecord(0, record + 1, pattern(sizes[record]), clean);
+    }
+    image.slot(0).firstRecordPos = positions[order.front()];
+    image.slot(0).lastRecordPos = image.slot(0).lastWrittenRecordPos = positions[order.back()];
+  }
+};
+
+TEST_F(Compact, ReadsAChainThatLeadsToAndFroInTheOrderOfTheFile) {
+  constexpr size_t kRecords = 4000;
+  std::vector<RecordOptions> options(kRecords);
+  std::vector<size_t> sizes(kRecords, 100);
+  for (size_t i = 0; i < kRecords; i += 7) options[i] = {.reserve = 150, .fill = 0x55};
+  for (size_t i = 0; i < kRecords; i += 11) sizes[i] = 0;
+  Shuffled source(options, sizes);
+  putSource(source.image);
+  RecordedCalls host;
+  size_t reads = 0;
+  host.observe([&](Call call) { reads += call == Call::read ? 1 : 0; });
+  compact(path(kSource));
+  host.observe(nullptr);
+  EXPECT_LT(reads, 200u);
+  EXPECT_TRUE(sameBytes(contents(kSource), source.compacted.build()));
+}
+
+// More than is kept in memory at once, and some records that are not kept there at all.
+TEST_F(Compact, CarriesMoreThanFitsIntoItsMemory) {
+  const auto payloadOf = [](size_t number, size_t size) {
+    return std::vector<std::byte>(size, static_cast<std::byte>(number + 1));
+  };
+  std::vector<size_t> sizes(72, 1'000'000);
+  {
+    qvdb::Database database = qvdb::Database::create(path(kSource));
+    qvdb::Table table = database.add_table("t");
+    std::vector<qvdb::Id> ids;
+    for (size_t i = 0; i < sizes.size(); ++i) ids.push_back(table.add(payloadOf(i, sizes[i])));
+    for (const size_t i : {size_t{50}, size_t{3}, size_t{4}, size_t{71}, size_t{0}}) {
+      sizes[i] = i == 4 ? 1'200'000 : 1'000'100;
+      ASSERT_TRUE(table.modify(ids[i], payloadOf(i, sizes[i])));
+    }
+  }
+  compact(path(kSource));
+  qvdb::Database database = qvdb::Database::open(path(kSource), qvdb::Mode::read_only);
+  size_t number = 0;
+  for (const qvdb::Record& record : database.table("t").records(qvdb::Load::payloads)) {
+    const std::vector<std::byte> expected = payloadOf(number, sizes.at(number));
+    ASSERT_EQ(record.loaded().size(), expected.size()) << number;
+    ASSERT_EQ(std::memcmp(record.loaded().data(), expected.data(), expected.size()), 0) << number;
+    ++number;
+  }
+  EXPECT_EQ(number, sizes.size());
+}
+
+TEST_F(Compact, RefusesToPlaceWhatIsReadBackOtherwise) {
+  LivelyDatabase source = lively();
+  const Bytes before = source.image.build();
+  for (const off_t position : {10, 200, 4700, 4900}) {
+    putSource(source.image);
+    RecordedCalls host;
+    bool isChanged = false;
+    // Between writing, which ends with the header, and reading back.
+    host.observe([&](Call call) {
+      for (const std::string& name : names()) {
+        if (name == kSource || call != Call::read || isChanged) continue;
+        const int file = ::open(path(name).c_str(), O_RDWR | O_CLOEXEC);
+        unsigned char byte = 0;
+        if (::pread(file, &byte, 1, 0) == 1 && byte != 0) {
+          EXPECT_EQ(::pread(file, &byte, 1, position), 1);
+          byte ^= 1;
+          EXPECT_EQ(::pwrite(file, &byte, 1, position), 1);
+          isChanged = true;
+        }
+        ::close(file);
+      }
+    });
+    expectError(Reason::cannot_write, [&] { compact(path(kSource)); });
+    EXPECT_TRUE(contents(kSource) == before) << position;
+    EXPECT_EQ(names(), std::vector<std::string>{kSource});
+  }
 }
 
 TEST_F(Compact, KeepsThePermissionsOfTheFile) {

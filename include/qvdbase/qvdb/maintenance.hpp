@@ -78,8 +78,8 @@ struct CompactReport {
 // identifier of the database; name, identifier, flags and counters of the tables, and their data;
 // identifiers, times, payloads, capacities and order of the records; and permissions of the file.
 // Spare capacity after payloads and data is filled with zeros. The new file is read back and
-// compared with the source before it gets its name. Table data that a pack has moved is found and
-// copied too.
+// compared with what was written before it gets its name. Table data that a pack has moved is found
+// and copied too.
 //
 // The source is checked first. One with errors, or with records or table data that no chain leads
 // to any more, is refused unless `force` is set: a copy would be sound, and have less in it. A

@@ -1,0 +1,182 @@
+#include "upkeep/gathered_blocks.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "format/big_endian.h"
+#include "format/block_heads.h"
+
+using namespace qvdbase::format;
+using namespace qvdbase::survey;
+
+namespace qvdbase::upkeep {
+namespace {
+
+using support::KeyedNumber;
+
+constexpr size_t kMemory = size_t{64} << 20;    // for the blocks
+constexpr size_t kLargest = size_t{1} << 20;    // of a block that is kept in it
+constexpr int64_t kPiece = int64_t{256} << 10;  // of the source
+constexpr int64_t kGap = 4096;  // as many bytes are read as fast as another call is made
+
+size_t sizeOf(const Block& block) {
+  return static_cast<size_t>(block.claimedEnd() - block.position);
+}
+
+// What is copied: without spare bytes, what is after the payload comes along.
+int64_t endOfCopied(const Block& block) {
+  return block.length == block.capacity ? block.claimedEnd() : block.dataPos() + block.length;
+}
+
+}  // namespace
+
+bool GatheredBlocks::add(const Block& block) {
+  const size_t size = sizeOf(block);
+  if (size > kLargest) return write() && copyLarge(block);
+  if (size_ + size > kMemory && !write()) return false;
+  blocks_.push_back(&block);
+  size_ += size;
+  return true;
+}
+
+bool GatheredBlocks::finish() {
+  return write();
+}
+
+bool GatheredBlocks::write() {
+  if (blocks_.empty()) return true;
+  if (image_.size() < size_) image_.resize(size_);
+  if (!readAll()) return false;
+  here_ = output_.position();
+  unsigned char* bytes = image_.data();
+  for (const Block* each : blocks_) {
+    if (!finishBlock(*each, bytes)) return false;
+    bytes += sizeOf(*each);
+  }
+  output_.pass(image_.data(), size_);
+  blocks_.clear();
+  size_ = 0;
+  return true;
+}
+
+// ---- reading in the order of the source
+
+bool GatheredBlocks::readAll() {
+  Blocks order;
+  order.reserve(blocks_.size());
+  size_t place = 0;
+  for (uint32_t i = 0; i < blocks_.size(); ++i) {
+    order.push_back({static_cast<uint64_t>(blocks_[i]->position), i, static_cast<uint32_t>(place)});
+    place += sizeOf(*blocks_[i]);
+  }
+  support::sortByKey(&order);
+  const KeyedNumber* const end = order.data() + order.size();
+  for (const KeyedNumber* begin = order.data(); begin != end;) {
+    const KeyedNumber* next = begin + 1;
+    int64_t reached = endOfCopied(blockOf(*begin));
+    for (; next != end; ++next) {
+      const Block& block = blockOf(*next);
+      const bool isNear = block.position - reached <= kGap;
+      if (!isNear || endOfCopied(block) - blockOf(*begin).position > kPiece) break;
+      reached = std::max(reached, endOfCopied(block));
+    }
+    if (!readPiece(begin, next)) return false;
+    begin = next;
+  }
+  return true;
+}
+
+// Straight to its place what is to stay together.
+bool GatheredBlocks::readPiece(const KeyedNumber* begin, const KeyedNumber* end) {
+  const int64_t position = blockOf(*begin).position;
+  const auto size = static_cast<size_t>(endOfCopied(blockOf(end[-1])) - position);
+  if (isOneRun(begin, end)) return source_.readAll(position, image_.data() + begin->note, size);
+  if (piece_.size() < size) piece_.resize(size);
+  if (!source_.readAll(position, piece_.data(), size)) return false;
+  copyRuns(begin, end);
+  return true;
+}
+
+// Whether each of them lies right after the one before it, here and there, and nothing between them
+// is left out.
+bool GatheredBlocks::isOneRun(const KeyedNumber* begin, const KeyedNumber* end) const {
+  for (const KeyedNumber* each = begin; each + 1 != end; ++each) {
+    const Block& block = blockOf(*each);
+    const bool isFollowed = endOfCopied(block) == blockOf(each[1]).position &&
+                            each->note + sizeOf(block) == each[1].note;
+    if (!isFollowed) return false;
+  }
+  return true;
+}
+
+void GatheredBlocks::copyRuns(const KeyedNumber* begin, const KeyedNumber* end) {
+  const int64_t from = blockOf(*begin).position;
+  while (begin != end) {
+    const Block& first = blockOf(*begin);
+    size_t size = static_cast<size_t>(endOfCopied(first) - first.position);
+    const KeyedNumber* next = begin + 1;
+    for (; next != end; ++next) {
+      const Block& block = blockOf(*next);
+      const bool follows = block.position == first.position + static_cast<int64_t>(size) &&
+                           next->note == begin->note + size;
+      if (!follows) break;
+      size += static_cast<size_t>(endOfCopied(block) - block.position);
+    }
+    std::memcpy(image_.data() + begin->note, piece_.data() + (first.position - from), size);
+    begin = next;
+  }
+}
+
+// ---- what a block has anew
+
+// The links, and what is after the payload. What the spare bytes of a source hold is dead.
+bool GatheredBlocks::finishBlock(const Block& block, unsigned char* bytes) {
+  if (!setHead(block, bytes)) return false;
+  unsigned char* const end = bytes + sizeOf(block) - 1;
+  const size_t spare = block.capacity - block.length;
+  if (spare > 0) std::memset(end - spare, 0, spare);
+  *end = kBlockEndMark;
+  return true;
+}
+
+// False when the header is not the one that was surveyed. The first record of a table has no
+// predecessor, and the last one no successor.
+bool GatheredBlocks::setHead(const Block& block, unsigned char* bytes) {
+  const int64_t position = std::exchange(here_, here_ + static_cast<int64_t>(sizeOf(block)));
+  const auto isStill = [&](int64_t lengthAt, int64_t capacityAt) {
+    return isBlockStart(bytes) && loadBigEndian<uint32_t>(bytes + lengthAt) == block.length &&
+           loadBigEndian<uint32_t>(bytes + capacityAt) == block.capacity;
+  };
+  if (block.kind == BlockKind::tableData) {
+    return isStill(tabledata::kDataLength, tabledata::kDataCapacity);
+  }
+  if (!isStill(record::kDataLength, record::kDataCapacity)) return false;
+  const int64_t prev = block.prev == 0 ? 0 : previous_;
+  const int64_t next = block.next == 0 ? 0 : here_;
+  storeBigEndian(bytes + record::kPrevRecordPos, static_cast<uint64_t>(prev));
+  storeBigEndian(bytes + record::kNextRecordPos, static_cast<uint64_t>(next));
+  previous_ = position;
+  return true;
+}
+
+// A block of any size, piece by piece.
+bool GatheredBlocks::copyLarge(const Block& block) {
+  unsigned char head[record::kData];
+  const auto headSize = static_cast<size_t>(block.dataPos() - block.position);
+  here_ = output_.position();
+  if (!source_.readAll(block.position, head, headSize) || !setHead(block, head)) return false;
+  output_.write(head, headSize);
+  int64_t from = block.dataPos();
+  const bool isCopied = output_.fill(block.length, [&](unsigned char* to, size_t part) {
+    const bool isRead = source_.readAll(from, to, part);
+    from += static_cast<int64_t>(part);
+    return isRead;
+  });
+  if (!isCopied) return false;
+  output_.zeros(block.capacity - block.length);
+  output_.write(&kBlockEndMark, 1);
+  return true;
+}
+
+}  // namespace qvdbase::upkeep

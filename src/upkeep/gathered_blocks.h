@@ -1,0 +1,60 @@
+// Blocks of a database on their way into another one, in the order that they are to have there.
+//
+// After changes that order leads to and fro in the source. So as many blocks as fit into 64 MiB are
+// laid out in memory, each at its place, and read in the order of the source: neighbours together,
+// also over gaps that cost less to read than another call. Then the links are set, and all is
+// written in large pieces.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "products/buffered_output.h"
+#include "recovery/survey/byte_source.h"
+#include "recovery/survey/survey.h"
+#include "support/keyed_numbers.h"
+
+namespace qvdbase::upkeep {
+
+class GatheredBlocks {
+ public:
+  // Both must outlive the object. The blocks go to where the output is.
+  GatheredBlocks(const survey::ByteSource& source, products::BufferedOutput* output)
+      : source_(source), output_(*output) {}
+
+  // Adds a block of a survey of the source: the next one of its table, if it is a record. The
+  // survey must have found it sound, and keep it until finish(). False when the source cannot be
+  // read, or has other bytes than it had.
+  bool add(const survey::Block& block);
+
+  // Writes what is left.
+  bool finish();
+
+ private:
+  // Blocks in the memory; the key is the position in the source, the note the place in `image_`.
+  using Blocks = std::vector<support::KeyedNumber>;
+
+  const survey::Block& blockOf(const support::KeyedNumber& each) const {
+    return *blocks_[each.number];
+  }
+  bool write();
+  bool readAll();
+  bool readPiece(const support::KeyedNumber* begin, const support::KeyedNumber* end);
+  void copyRuns(const support::KeyedNumber* begin, const support::KeyedNumber* end);
+  bool isOneRun(const support::KeyedNumber* begin, const support::KeyedNumber* end) const;
+  bool finishBlock(const survey::Block& block, unsigned char* bytes);
+  bool setHead(const survey::Block& block, unsigned char* bytes);
+  bool copyLarge(const survey::Block& block);
+
+  const survey::ByteSource& source_;
+  products::BufferedOutput& output_;
+  std::vector<const survey::Block*> blocks_;  // in the new order
+  size_t size_ = 0;                           // of all of them
+  std::vector<unsigned char> image_;
+  std::vector<unsigned char> piece_;  // of the source
+  int64_t here_ = 0;                  // where the block goes whose head is set next
+  int64_t previous_ = 0;              // where the record before went
+};
+
+}  // namespace qvdbase::upkeep
