@@ -36,6 +36,7 @@ void OpenDatabase::takeOver(OpenDatabase& other) noexcept {
   announcedAt = other.announcedAt;
   opener = other.opener;
   forkDepth = other.forkDepth;
+  noReaderAt = 0;
   handle = other.handle;
   other.handle = 0;
 }

@@ -323,6 +323,20 @@ TEST_F(TurnsTest, AWriterWaitsForAReaderWhoLooksAndClosesTheGateMeanwhile) {
   EXPECT_EQ(table_->count(), 2u);
 }
 
+// With a cache, the answer that there is no reader holds for a while.
+TEST_F(TurnsTest, AWriterThatOpensItsFileAgainAsksAnewForReaders) {
+  open(Mode::exclusive);
+  const qvdb::Cache cache = database_->cache();
+  const Pauses pauses;
+  table_->add("while there is no reader");
+  table_->add("while the answer holds");
+  ASSERT_EQ(other_.announce(there_), 1);
+  ASSERT_EQ(takeThere(LockByte::change, Sharing::shared), kTaken);
+  table_->add("while the answer still holds");
+  database_->reopen();
+  expectError(Reason::in_use, [&] { table_->add("beside a reader"); });
+}
+
 TEST_F(TurnsTest, AWriterGivesUpWhenAReaderNeverEndsItsLook) {
   open(Mode::exclusive);
   ASSERT_EQ(other_.announce(there_), 1);
