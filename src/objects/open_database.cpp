@@ -47,8 +47,10 @@ int OpenDatabase::close() noexcept {
   // From then on looks through readers exclude other processes by themselves.
   const int16_t closed = handle;
   const bool isOwn = opener.isStillOwn();
-  platform::stopWaitingForTurn(closed, this);
-  if (isOwn) platform::beginChange(closed);
+  if (isOwn) {
+    platform::stopWaitingForTurn(closed, this);
+    platform::beginChange(closed);
+  }
   handle = 0;
   isOwn ? platform::endChange(closed) : platform::forgetLooks(closed);
   return CloseDBase(closed);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "kit/forked.h"
 #include "kit/other_process.h"
 #include "kit/pauses.h"
 #include "kit/recorded_calls.h"
@@ -136,6 +137,21 @@ TEST_F(TurnsTest, AWriterThatWaitsIsNextForAsLongAsItWaits) {
     expectError(Reason::not_open, [&] { table_->add("closed meanwhile"); });
   }
   EXPECT_FALSE(isNextHere());
+}
+
+TEST_F(TurnsTest, AChildThatClosesLeavesTheWaitingOfItsParent) {
+  open(Mode::shared);
+  ASSERT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);
+  const Pauses pauses([&] {
+    EXPECT_EQ(inForkedChild([&] {
+                database_->close();
+                return 0;
+              }),
+              0);
+    EXPECT_EQ(takeThere(LockByte::next, Sharing::exclusive), kRefused);
+    releaseThere(LockByte::turn, Sharing::exclusive);
+  });
+  table_->add("as soon as the other has ended");
 }
 
 TEST_F(TurnsTest, ASharedWriterThatIsRefusedChangesNothing) {
