@@ -55,9 +55,10 @@ struct OpenDatabase {
   uint32_t looks = 0;           // that have begun, one inside the other
   bool holdsLook = false;       // their lock
   uint32_t changing = 0;        // turns to change the file that have begun, likewise
-  // Of a reader: the database that it is a view of, and which opening of it.
+  // Of a reader: the database that it is a view of, and which opening of it, by which process.
   std::shared_ptr<const OpenDatabase> viewed;
   uint32_t viewedOpening = 0;
+  uint32_t viewedForkDepth = 0;
   bool holdsViewLook = false;
   // Counts the operations of this layer that can have changed the chains. A walk that finds it
   // raised forgets what it has read ahead.
@@ -90,9 +91,8 @@ struct OpenDatabase {
 
   // Whether it is a view of a database that no other process may write to meanwhile.
   bool isViewOfExclusive() const {
-    return viewed != nullptr && forkDepth == viewed->opener.forkDepth() &&
-           viewed->mode == Mode::exclusive && viewed->handle != 0 &&
-           viewed->opening == viewedOpening;
+    return viewed != nullptr && forkDepth == viewedForkDepth && viewed->mode == Mode::exclusive &&
+           viewed->handle != 0 && viewed->opening == viewedOpening;
   }
 
   // Takes over the handle of another one, which is closed then, with what it has announced.

@@ -20,6 +20,7 @@ Reader Database::reader() const {
   view->wait = state_->wait;
   view->viewed = state_;
   view->viewedOpening = state_->opening;
+  view->viewedForkDepth = state_->opener.forkDepth();
   int16_t handle = 0;
   if (!platform::openView(operation.db(), &handle)) {
     operation.fail(Reason::cannot_open, "too many files are open, or memory is short");
