@@ -49,6 +49,20 @@ class CancelledThreads : public LayerTest {
     for (int i = 0; i < threads; ++i) CancelledThread(step).cancelAfter(i % 4);
   }
 
+  // Whether a thread that runs it is cancelled in it, or at its end.
+  static bool isCancelledIn(const std::function<void()>& work) {
+    pthread_t thread = {};
+    const auto run = [](void* object) -> void* {
+      (*static_cast<const std::function<void()>*>(object))();
+      return nullptr;
+    };
+    void* object = const_cast<std::function<void()>*>(&work);
+    EXPECT_EQ(pthread_create(&thread, nullptr, run, object), 0);
+    void* result = nullptr;
+    EXPECT_EQ(pthread_join(thread, &result), 0);
+    return result == PTHREAD_CANCELED;
+  }
+
   void expectSound() { EXPECT_EQ(qvdb::check(path()).errors, 0u); }
 };
 
@@ -103,6 +117,52 @@ TEST_F(CancelledThreads, LeaveNothingOpen) {
   EXPECT_EQ(names(), (std::vector<std::string>{"target.qvd", kDefaultFile}));
   EXPECT_NO_THROW(openDatabase());
   EXPECT_NO_THROW(openDatabase(qvdb::Mode::exclusive, "target.qvd"));
+}
+
+// A cancellation that is pending when a call begins would end it at its first read.
+TEST_F(CancelledThreads, FinishWhatOpensAFileToLookAtIt) {
+  qvdb::Id id;
+  {
+    qvdb::Database database = createDatabase();
+    qvdb::Table table = database.add_table("t");
+    id = table.add("one");
+    table.add("two");
+  }
+  const qvdb::FoundBlock version = qvdb::history(path(), "t", id).at(0);
+  const Bytes image = readFile(path());
+  const std::vector<std::function<void()>> calls = {
+      [&] { qvdb::check(path()); },
+      [&] { qvdb::predict_repair(path()); },
+      [&] { qvdb::history(path(), "t", id); },
+      [&] { qvdb::deleted_records(path(), "t"); },
+      [&] { qvdb::read_version(path(), version); },
+      [&] { qvdb::salvage(path(), path("salvaged.qvd")); },
+      [&] { qvdb::salvage_image(span(image), path("salvaged from image.qvd")); },
+  };
+  for (const auto& call : calls) {
+    bool wasFinished = false;
+    const auto cancelledBefore = [&] {
+      pthread_cancel(pthread_self());
+      call();
+      wasFinished = true;
+      pthread_testcancel();
+    };
+    EXPECT_TRUE(isCancelledIn(cancelledBefore));
+    EXPECT_TRUE(wasFinished) << "call " << &call - calls.data();
+  }
+}
+
+TEST_F(CancelledThreads, EndInAFunctionOfTheCallers) {
+  createDatabase().add_table("t").add("one");
+  writeFile(path(), readFile(path()).text("what no block explains"));
+  const auto endHere = [](const auto&) {
+    pthread_cancel(pthread_self());
+    pthread_testcancel();
+  };
+  EXPECT_TRUE(isCancelledIn([&] { qvdb::check(path(), endHere); }));
+  EXPECT_TRUE(isCancelledIn([&] { qvdb::salvage(path(), path("target.qvd"), endHere); }));
+  EXPECT_EQ(names(), std::vector<std::string>{kDefaultFile});
+  std::filesystem::remove(path());
 }
 
 }  // namespace

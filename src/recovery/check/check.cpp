@@ -113,6 +113,12 @@ CheckReport deliver(Checked checked, const FindingVisitor& visitor) {
   return std::move(checked.report);
 }
 
+// To a visitor that is a function of the caller's.
+CheckReport deliverToCaller(Checked checked, const FindingVisitor& visitor) {
+  const platform::CancellationPause cancellation;
+  return deliver(std::move(checked), visitor);
+}
+
 }  // namespace
 
 CheckReport check(const std::filesystem::path& path, const FindingVisitor& visitor,
@@ -133,7 +139,7 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
         checked.findings.clear();
         checked.report.errors = checked.report.warnings = checked.report.informations = 0;
       }
-      return deliver(std::move(checked), visitor);
+      return deliverToCaller(std::move(checked), visitor);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(options.wait_milliseconds));
   }
@@ -142,10 +148,11 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
 CheckReport check_image(std::span<const std::byte> image, const FindingVisitor& visitor,
                         const CheckOptions& options) {
   const MemorySource source(image);
-  return deliver(checkOnce(source, options), visitor);
+  return deliverToCaller(checkOnce(source, options), visitor);
 }
 
 RepairPreview predict_repair(const std::filesystem::path& path) {
+  const platform::Uncancelled uncancelled;
   const OpenedFile file(path, "look at the database");
   return check::willRepair(makeSurvey(file.source()));
 }

@@ -95,6 +95,7 @@ std::vector<Patch> editedData(const ByteSource& source, const Survey& survey, ui
                  std::vector<unsigned char>(static_cast<size_t>(block.dataThere()))};
   std::vector<unsigned char>& bytes = patch.bytes;
   if (source.readAt(patch.position, bytes.data(), bytes.size()) != bytes.size()) return {};
+  const platform::CancellationPause cancellation;
   edit(std::as_writable_bytes(std::span(bytes)));
   return {std::move(patch)};
 }
@@ -103,11 +104,13 @@ std::vector<Patch> editedData(const ByteSource& source, const Survey& survey, ui
 
 std::vector<FoundBlock> history(const std::filesystem::path& path, std::string_view table,
                                 Id record) {
+  const platform::Uncancelled uncancelled;
   const Sought sought(path, table, "find the versions of the record");
   return sought.describe(sought.versionsOf(record));
 }
 
 std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::string_view table) {
+  const platform::Uncancelled uncancelled;
   const Sought sought(path, table, "list the deleted records");
   std::set<uint64_t> passed;
   for (const uint32_t number : sought.records(&Block::isInUse)) {
@@ -125,6 +128,7 @@ std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::
 
 std::vector<std::byte> read_version(const std::filesystem::path& path, const FoundBlock& version) {
   constexpr const char* kRead = "read the version";
+  const platform::Uncancelled uncancelled;
   const OpenedFile file(path, kRead);
   const int64_t header = version.is_table_data ? format::tabledata::kData : format::record::kData;
   const int64_t position = version.offset + header;

@@ -51,6 +51,7 @@ void Run::report(const qvdb::BlockVisitor& visitor) {
     if (!visitor) continue;
     qvdb::FoundBlock found = describe(survey, number);
     if (place >= 0) found.written_to = plan_.tables[static_cast<size_t>(place)].name();
+    const platform::CancellationPause cancellation;
     visitor(found);
   }
   for (const LeftoverRange& leftover : survey.leftovers) {
@@ -152,6 +153,7 @@ SalvageReport salvage(const std::filesystem::path& source, const std::filesystem
 
 SalvageReport salvage_image(std::span<const std::byte> image, const std::filesystem::path& target,
                             const BlockVisitor& visitor, const SalvageOptions& options) {
+  const platform::Uncancelled uncancelled;
   return salvageSource(MemorySource(image), nullptr, "the image", target, visitor, options);
 }
 
