@@ -110,6 +110,12 @@ void announce(OpenDatabase& database) {
   const auto* file = platform::findOpenFile(database.handle);
   if (file == nullptr || file->sharing == Sharing::exclusive) return;
   database.isBesideWriters = true;
+  // In a child, the entry that it has joined can be one that it has got from its parent. Where that
+  // cannot be separated, the first operation tries again.
+  if (!platform::separateReaders(database.handle, database.place.native())) {
+    database.forkDepth = platform::forkDepth() - 1;
+    return;
+  }
   database.isAnnounced = platform::announceReader(database.handle);
   database.announcedAt = platform::microsecondCounter();
   database.mayMissChanges = platform::isOpenForWritingElsewhere(database.handle);
@@ -134,8 +140,10 @@ void separateFromParent(const Operation& operation) {
   database.mayMissChanges = true;
 }
 
+// What the parent has announced is not counted among what this process has.
 void withdraw(OpenDatabase& database) noexcept {
-  if (database.isAnnounced) platform::withdrawReader(database.handle);
+  const bool isOfThisProcess = database.forkDepth == platform::forkDepth();
+  if (database.isAnnounced && isOfThisProcess) platform::withdrawReader(database.handle);
   database.isAnnounced = false;
 }
 

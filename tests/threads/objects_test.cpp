@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <latch>
 #include <map>
 #include <set>
@@ -10,6 +11,7 @@
 #include "kit/forked.h"
 #include "kit/threads.h"
 #include "objects/layer_fixture.h"
+#include "platform/handles/lock_bytes.h"
 #include "platform/handles/turns.h"
 #include "platform/host/system_calls.h"
 
@@ -561,6 +563,91 @@ TEST_F(ForkedDatabase, IsReadInTheChildWhileTheParentChangesIt) {
     expectSound();
     std::filesystem::remove(path());
   }
+}
+
+// What the child opens itself is in one entry with what it has got from its parent.
+TEST_F(ForkedDatabase, IsOpenedByTheChildForLocksOfItsOwn) {
+  constexpr size_t kSize = 4'000'000;
+  for (const Mode mode : {Mode::exclusive, Mode::shared}) {
+    fill();
+    table.add_with_id(Id{1000}, std::string(kSize, 'a'));
+    database.close();
+    database = openDatabase(mode);
+    table = database.table("t");
+    const pid_t child = ::fork();
+    if (child == 0) {
+      beTheChild([&] {
+        const qvdb::Database own = openDatabase(Mode::read_only);
+        const qvdb::Table opened = own.table("t");
+        const qvdb::Reader reader = own.reader();
+        const qvdb::Table viewed = reader.table("t");
+        for (int round = 0; round < 30; ++round) {
+          const qvdb::Table& read = round % 3 == 0 ? opened : round % 3 == 1 ? viewed : table;
+          const std::vector<std::byte> payload = read.get(Id{1000}).value();
+          EXPECT_EQ(payload.size(), kSize);
+          const bool isWhole = std::memcmp(&payload[0], &payload[1], kSize - 1) == 0;
+          EXPECT_TRUE(isWhole);
+        }
+        return HasFailure() ? 1 : 0;
+      });
+    }
+    int status = 0;
+    for (int round = 0; ::waitpid(child, &status, WNOHANG) == 0; ++round) {
+      table.modify(Id{1000}, std::string(kSize, static_cast<char>('a' + round % 26)));
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    expectSound();
+    std::filesystem::remove(path());
+  }
+}
+
+TEST_F(ForkedDatabase, LeavesTheTurnToTheAppenderThatTheChildHasOpened) {
+  fill();
+  database.close();
+  database = openDatabase(Mode::shared);
+  table = database.table("t");
+  EXPECT_EQ(inForkedChild([&] {
+              qvdb::Database own = openDatabase(Mode::shared);
+              auto appender = own.table("t").appender();
+              EXPECT_EQ(table.count(), kLasting);  // what it has got from its parent
+              qvdb::Database second = qvdb::Database::open(
+                  path(), {.mode = Mode::shared, .wait = std::chrono::milliseconds(20)});
+              expectError(Reason::in_use, [&] { second.table("t").add("between"); });
+              appender.add("of the appender");
+              EXPECT_EQ(appender.finish(), 1u);
+              EXPECT_NO_THROW(second.table("t").add("after it"));
+              return HasFailure() ? 1 : 0;
+            }),
+            0);
+  EXPECT_EQ(table.count(), kLasting + 2);
+  expectSound();
+}
+
+// Writers ask before each change whether another process has announced a reader.
+TEST_F(ForkedDatabase, SeesTheReadersThatItsChildHasOpened) {
+  fill();
+  const int16_t watching = DatabaseTest::open(kDefaultFile, 1);
+  int opened[2];
+  int seen[2];
+  ASSERT_EQ(::pipe(opened), 0);
+  ASSERT_EQ(::pipe(seen), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    beTheChild([&] {
+      ::close(seen[1]);
+      const qvdb::Database own = openDatabase(Mode::read_only);
+      char byte = 0;
+      if (::write(opened[1], &byte, 1) != 1) return 1;
+      return ::read(seen[0], &byte, 1) == 0 ? 0 : 2;
+    });
+  }
+  ::close(opened[1]);
+  char byte = 0;
+  EXPECT_EQ(::read(opened[0], &byte, 1), 1);
+  EXPECT_TRUE(platform::isLockByteHeld(watching, platform::LockByte::reader));
+  for (const int end : {opened[0], seen[0], seen[1]}) ::close(end);
+  EXPECT_EQ(endOf(child), 0);
+  EXPECT_FALSE(platform::isLockByteHeld(watching, platform::LockByte::reader));
 }
 
 TEST_F(ForkedDatabase, IsNotReadInTheChildWhenItsPathLeadsElsewhere) {
