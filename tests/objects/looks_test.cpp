@@ -164,9 +164,11 @@ TEST_F(LooksTest, AReaderInAThreadExcludesWritersOfItsProcessDuringEachOfItsCall
     {
       RecordedCalls host;
       host.observe([&](Call call) {
-        if (call != Call::lock && call != Call::findLock && call != Call::read) return;
-        if (call == Call::lock) ++locks;
-        EXPECT_EQ(entry->viewLooks, 1u);
+        // Where locks belong to the process, the announcement is renewed before a look begins.
+        if (call == Call::lock && entry->viewLooks == 1u) ++locks;
+        if (call == Call::read) {
+          EXPECT_EQ(entry->viewLooks, 1u);
+        }
       });
       EXPECT_EQ(reader.table("t").get(ids_[4]).has_value(), true);
     }
