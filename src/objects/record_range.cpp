@@ -13,9 +13,7 @@
 #include <algorithm>
 #include <string>
 #include <utility>
-#include <vector>
 
-#include "QVDbase/loop_detector.h"
 #include "QVDbase/record_append.h"
 #include "objects/chain_walker.h"
 #include "objects/looks.h"
@@ -23,6 +21,7 @@
 #include "objects/read_ahead.h"
 #include "objects/record_search.h"
 #include "objects/records.h"
+#include "objects/walked_chain.h"
 
 using namespace qvdbase;
 
@@ -32,21 +31,9 @@ namespace {
 
 constexpr const char* kWalk = "list the records";
 
-// The record that a walk has delivered last.
-struct CurrentRecord {
-  bool isValid = false;  // one was delivered, and the walk has not ended
-  uint32_t number = 0;   // counted from 1
-  uint32_t gone = 0;     // the number of the last one that was deleted while it was the current one
-  int64_t position = 0;  // of its block; of the record after it, or 0, when it is gone
-  int64_t block = 0;     // of its block when it was delivered
-
-  bool isGone() const { return number != 0 && gone == number; }
-};
-
 // What a look of a walk changes, apart from what it reads ahead.
 struct WalkPlace {
-  detail::ChainWalker chain;
-  CurrentRecord current;
+  detail::WalkedChain at;
   bool inPiece;
   bool isDense;
 };
@@ -71,8 +58,7 @@ struct detail::Walk {
   Loading loading;
   std::string tableName;
 
-  ChainWalker chain;
-  CurrentRecord current;
+  WalkedChain at;
 
   ReadBatch batch;
   FilePiece piece;
@@ -86,9 +72,8 @@ struct detail::Walk {
   // Begins before the first record, also when it has begun already.
   void start(const Operation& operation) {
     opening = database->opening;
-    chain = beginChain(operation);
+    at = {beginChain(operation), {}};
     tableName = operation.tableName();
-    current = {};
     batch = ReadBatch(loading);
     inPiece = false;
     isDense = false;
@@ -136,73 +121,52 @@ struct detail::Walk {
   // The next record of what was read ahead.
   bool take(RecordInfo* info, std::span<const std::byte>* payload) {
     const bool isTaken =
-        inPiece ? piece.take(chain, loading, info, payload) : batch.take(info, payload);
+        inPiece ? piece.take(at.chain, loading, info, payload) : batch.take(info, payload);
     if (!isTaken) return false;
-    ++current.number;
-    current.position = current.block = info->position;
+    ++at.current.number;
+    at.current.position = at.current.block = info->position;
     return true;
   }
 
-  // Reads what follows and takes the first record of it. False at the end of the chain; throws when
-  // damage is next.
+  // Reads what follows and takes the first record of it. False at the end of the chain; throws
+  // when damage is next.
   bool refill(const Operation& operation, RecordInfo* info, std::span<const std::byte>* payload) {
     changesSeen = database->changes;
-    current.isValid = false;
+    at.current.isValid = false;
     batch.finish();
-    if (database->readsBesideWriters()) chain.stepBack();  // it may have changed since
-    if (chain.isDamaged()) failDamagedChain(operation, chain);
+    if (database->readsBesideWriters()) at.chain.stepBack();  // it may have changed since
+    if (at.chain.isDamaged()) failDamagedChain(operation, at.chain);
     if (inPiece) isDense = piece.wasWorthIt();
-    inPiece = isDense && piece.read(operation.db(), chain);
+    inPiece = isDense && piece.read(operation.db(), at.chain);
     if (!inPiece) piece.release();
-    current.isValid = take(info, payload);
-    if (current.isValid) return true;
+    at.current.isValid = take(info, payload);
+    if (at.current.isValid) return true;
     // Not in a piece, or the next record is larger than one.
     inPiece = false;
-    if (!chain.isDamaged()) batch.read(operation, chain);
+    if (!at.chain.isDamaged()) batch.read(operation, at.chain);
     if (batch.isEmpty()) requireEnd(operation);
     isDense = batch.isDense();
-    current.isValid = take(info, payload);
-    return current.isValid;
+    at.current.isValid = take(info, payload);
+    return at.current.isValid;
   }
 
   // Throws unless the chain ends where it should. One that began in the middle may have had its end
   // changed by others since: then it ends where it ends.
   void requireEnd(const Operation& operation) {
-    if (chain.endsElsewhere() && engine::hasSameChain(operation.table(table).slot, chain.slot())) {
-      chain.foundCutOff();
+    if (at.chain.endsElsewhere() &&
+        engine::hasSameChain(operation.table(table).slot, at.chain.slot())) {
+      at.chain.foundCutOff();
     }
-    if (hasBecomeShorter(operation, chain)) chain.endHere();
-    if (chain.isDamaged()) failDamagedChain(operation, chain);
+    if (hasBecomeShorter(operation, at.chain)) at.chain.endHere();
+    if (at.chain.isDamaged()) failDamagedChain(operation, at.chain);
   }
 
   // Where a look begins, to begin it again.
-  WalkPlace place() const { return {chain, current, inPiece, isDense}; }
+  WalkPlace place() const { return {at, inPiece, isDense}; }
   void goTo(const WalkPlace& place) {
-    chain = place.chain;
-    current = place.current;
+    at = place.at;
     inPiece = place.inPiece;
     isDense = place.isDense;
-  }
-
-  // Whether a change of this table leaves what was read ahead valid: it concerns the current
-  // record, or is an addition beyond what was read.
-  bool outlives(const RecordChange& change) {
-    using Kind = RecordChange::Kind;
-    const bool isForward = chain.isForward();
-    if (change.kind == Kind::added) {
-      if (!isForward) return true;  // it is at the other end
-      const bool wasAtEnd = chain.nextPosition() == 0;
-      if (wasAtEnd && current.isGone() && current.position == 0) current.position = change.position;
-      return !wasAtEnd && !inPiece;
-    }
-    if (change.position != current.position) return false;
-    const bool wasGone = current.isGone();  // then it is the record after it that has changed
-    if (change.kind != Kind::inPlace) current.position = change.to;
-    if (change.kind == Kind::removed) {
-      current.gone = current.number;
-      if (!isForward) current.position = change.before;
-    }
-    return !wasGone;
   }
 
   // Applies the changes since the walk looked last. Returns whether what was read ahead is valid.
@@ -220,7 +184,7 @@ struct detail::Walk {
   }
 
   bool apply(const RecordChange& change) {
-    return change.table != table || (current.isValid && outlives(change));
+    return change.table != table || (at.current.isValid && at.outlives(change, inPiece));
   }
 
   // The chain has changed, and what was read ahead may be wrong: continues at the block of the
@@ -231,50 +195,8 @@ struct detail::Walk {
                      "the database was opened again since the walk began; begin it again");
     }
     batch.forgetFailure();
-    if (hasLostTrack) findPlaceAgain(operation);
-    if (current.isGone()) return chain.resumeAt(current.position, current.number);
-    if (chain.resumeAfter(operation.db(), current.position, current.number)) return;
-    failPlaceLost(operation);
-  }
-
-  [[noreturn]] void failPlaceLost(const Operation& operation) const {
-    operation.fail(Reason::chain_damaged,
-                   "record " + std::to_string(current.number) + " of the walk over " +
-                       operation.quotedTable() + " is no longer where it was",
-                   chain.recordNumberOf(current.number));
-  }
-
-  // Where the current record has left its block, that still has its links. Back from there are
-  // records that were delivered before, up to one that is in its place, or the beginning of the
-  // chain. What follows that is next, apart from those on the way that have only moved.
-  void findPlaceAgain(const Operation& operation) {
-    engine::FoundRecord found;
-    std::vector<uint64_t> passed;
-    engine::LoopDetector loop;
-    int64_t position = current.block;
-    while (position != 0 && !readReachable(operation, table, position, &found)) {
-      if (loop.visited(position) ||
-          !readHead(operation.db(), position, found.table.slot.tableID, &found.header)) {
-        failPlaceLost(operation);
-      }
-      passed.push_back(format::identifierNumber(found.header.recordID));
-      position = chain.isForward() ? found.header.prevRecordPos : found.header.nextRecordPos;
-    }
-    if (position != current.block) current.gone = current.number;
-    current.position = position;
-    if (!current.isGone()) return;
-    const int64_t begin = ChainWalker(operation.table(table).slot, order).nextPosition();
-    current.position = position == 0 ? begin : chain.linkOf(found.header);
-    skipMoved(operation, &passed);
-  }
-
-  void skipMoved(const Operation& operation, std::vector<uint64_t>* passed) {
-    recordPart1 header;
-    while (current.position != 0 &&
-           readHead(operation.db(), current.position, chain.slot().tableID, &header) &&
-           std::erase(*passed, format::identifierNumber(header.recordID)) != 0) {
-      current.position = chain.linkOf(header);
-    }
+    if (hasLostTrack) at.findAgain(operation, table, order);
+    at.resume(operation);
   }
 };
 
