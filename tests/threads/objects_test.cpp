@@ -565,7 +565,9 @@ TEST_F(ForkedDatabase, IsReadInTheChildWhileTheParentChangesIt) {
   }
 }
 
-// What the child opens itself is in one entry with what it has got from its parent.
+// What the child opens itself is in one entry with what it has got from its parent. The parent
+// begins when that is open: a change that had begun before could take longer than a reader waits
+// for it.
 TEST_F(ForkedDatabase, IsOpenedByTheChildForLocksOfItsOwn) {
   constexpr size_t kSize = 4'000'000;
   for (const Mode mode : {Mode::exclusive, Mode::shared}) {
@@ -574,10 +576,13 @@ TEST_F(ForkedDatabase, IsOpenedByTheChildForLocksOfItsOwn) {
     database.close();
     database = openDatabase(mode);
     table = database.table("t");
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = ::fork();
     if (child == 0) {
       beTheChild([&] {
         const qvdb::Database own = openDatabase(Mode::read_only);
+        if (::write(ready[1], "r", 1) != 1) return 2;
         const qvdb::Table opened = own.table("t");
         const qvdb::Reader reader = own.reader();
         const qvdb::Table viewed = reader.table("t");
@@ -591,6 +596,10 @@ TEST_F(ForkedDatabase, IsOpenedByTheChildForLocksOfItsOwn) {
         return HasFailure() ? 1 : 0;
       });
     }
+    ::close(ready[1]);
+    char byte = 0;
+    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
     int status = 0;
     for (int round = 0; ::waitpid(child, &status, WNOHANG) == 0; ++round) {
       table.modify(Id{1000}, std::string(kSize, static_cast<char>('a' + round % 26)));
