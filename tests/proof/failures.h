@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kit/recorded_calls.h"
+#include "kit/sanitized.h"
 #include "kit/test_extent.h"
 
 namespace qvdbase::test {
@@ -52,9 +53,11 @@ inline std::vector<Failure> allFailures() {
 
 // Lets every call fail in every way: `attempt` with the failure and how many calls it passes over,
 // and `judge` what came of it, as long as something failed. Of a long operation's calls the sample
-// tries the first `closely`, and then ever fewer. Returns how many attempts there were.
+// tries the first `closely`, and then ever fewer; half as closely under the sanitizers, which make
+// each attempt several times as long. Returns how many attempts there were.
 template <typename Attempt, typename Judge>
 uint64_t tryAllFailures(int closely, Attempt attempt, Judge judge) {
+  if (kIsSanitized) closely = (closely + 1) / 2;
   uint64_t attempts = 0;
   for (const Failure& failure : allFailures()) {
     for (int skip = 0;; skip += 1 + (testEverything() ? 0 : skip / closely)) {

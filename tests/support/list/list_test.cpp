@@ -37,6 +37,14 @@ void* operator new(size_t size) {
 void* operator new[](size_t size) {
   return countedAllocation(size);
 }
+// std::stable_sort asks for memory in this way, and gives it back as any other.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return countedAllocation(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
 void operator delete(void* memory) noexcept {
   countedFree(memory);
 }
