@@ -346,6 +346,7 @@ TEST_F(TurnsTest, AWriterThatOpensItsFileAgainAsksAnewForReaders) {
   const Pauses pauses;
   table_->add("while there is no reader");
   table_->add("while the answer holds");
+  if (cache.bytes() == 0) GTEST_SKIP() << "this host, or this build, has no caches";
   ASSERT_EQ(other_.announce(there_), 1);
   ASSERT_EQ(takeThere(LockByte::change, Sharing::shared), kTaken);
   table_->add("while the answer still holds");
