@@ -31,7 +31,7 @@ std::string commandNames() {
   return names + "help";
 }
 
-// Inside _arguments a bracket would end the description, a colon the specification.
+// Inside _arguments a bracket would end the description, and a colon begin the next field.
 std::string forZsh(const std::string& text) {
   std::string result;
   for (const char c : text) {
