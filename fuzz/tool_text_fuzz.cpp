@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "text.h"
+#include "streams/text.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include "format/Aliment8.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
-#include "objects/looks.h"
 #include "objects/open_database.h"
-#include "objects/turns.h"
+#include "objects/sharing/looks.h"
+#include "objects/sharing/turns.h"
 
 using namespace qvdbase;
 

@@ -14,11 +14,11 @@
 #include <vector>
 
 #include "format/layout.h"
-#include "objects/looks.h"
+#include "objects/indexes/table_index.h"
 #include "objects/open_database.h"
 #include "objects/record_search.h"
 #include "objects/records.h"
-#include "objects/table_index.h"
+#include "objects/sharing/looks.h"
 #include "support/file_transfers.h"
 
 using namespace qvdbase;

@@ -24,7 +24,7 @@
 #include "QVDbase/position.h"
 #include "QVDbase/tables.h"
 #include "format/layout.h"
-#include "objects/noted_changes.h"
+#include "objects/indexes/noted_changes.h"
 #include "objects/published.h"
 #include "platform/handles/turns.h"
 #include "platform/host/process_mark.h"

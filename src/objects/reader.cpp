@@ -2,8 +2,8 @@
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/reader.hpp>
 
-#include "objects/looks.h"
 #include "objects/open_database.h"
+#include "objects/sharing/looks.h"
 #include "platform/handles/file_views.h"
 
 using namespace qvdbase;

@@ -9,9 +9,9 @@
 #include "QVDbase/record_find.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
-#include "objects/looks.h"
 #include "objects/open_database.h"
 #include "objects/records.h"
+#include "objects/sharing/looks.h"
 
 using namespace qvdbase;
 

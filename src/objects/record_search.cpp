@@ -3,10 +3,10 @@
 
 #include "QVDbase/record_append.h"
 #include "format/identifiers.h"
-#include "objects/chain_walker.h"
-#include "objects/looks.h"
+#include "objects/indexes/table_index.h"
 #include "objects/records.h"
-#include "objects/table_index.h"
+#include "objects/sharing/looks.h"
+#include "objects/walks/chain_walker.h"
 
 using namespace qvdbase;
 

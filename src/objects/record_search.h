@@ -4,8 +4,8 @@
 #include <qvdbase/qvdb/record.hpp>
 
 #include "QVDbase/record_find.h"
-#include "objects/chain_walker.h"
 #include "objects/open_database.h"
+#include "objects/walks/chain_walker.h"
 
 namespace qvdb::detail {
 

@@ -11,8 +11,8 @@
 #include "QVDbase/record_find.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
-#include "objects/chain_walker.h"
 #include "objects/open_database.h"
+#include "objects/walks/chain_walker.h"
 
 namespace qvdb::detail {
 

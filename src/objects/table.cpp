@@ -9,12 +9,12 @@
 #include "format/Aliment8.h"
 #include "format/big_endian.h"
 #include "format/layout.h"
-#include "objects/chain_walker.h"
-#include "objects/looks.h"
+#include "objects/indexes/table_index.h"
 #include "objects/open_database.h"
 #include "objects/record_search.h"
 #include "objects/records.h"
-#include "objects/table_index.h"
+#include "objects/sharing/looks.h"
+#include "objects/walks/chain_walker.h"
 
 using namespace qvdbase;
 

@@ -7,11 +7,11 @@
 
 #include "QVDbase/table_data.h"
 #include "format/fields.h"
-#include "objects/failed_append.h"
-#include "objects/looks.h"
 #include "objects/open_database.h"
 #include "objects/records.h"
-#include "objects/turns.h"
+#include "objects/sharing/looks.h"
+#include "objects/sharing/turns.h"
+#include "objects/writing/failed_append.h"
 
 using namespace qvdbase;
 

@@ -10,8 +10,8 @@
 #include "manual/markdown.h"
 #include "manual/mdoc.h"
 #include "manual/option.h"
-#include "qvdb/command_line.h"
-#include "qvdb/commands.h"
+#include "qvdb/command_line/command_line.h"
+#include "qvdb/command_line/commands.h"
 
 namespace qvdb::manual {
 namespace {

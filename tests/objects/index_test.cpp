@@ -7,7 +7,7 @@
 #include "kit/fake_host.h"
 #include "kit/random_seed.h"
 #include "kit/recorded_calls.h"
-#include "objects/index_map.h"
+#include "objects/indexes/index_map.h"
 #include "objects/layer_fixture.h"
 #include "platform/transfer/transfer.h"
 

@@ -1,5 +1,5 @@
 // What an index of keys remembers: hashes with their positions, and keys in order.
-#include "objects/key_map.h"
+#include "objects/indexes/key_map.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "kit/random_seed.h"
-#include "objects/ordered_keys.h"
+#include "objects/indexes/ordered_keys.h"
 
 namespace qvdbase::test {
 namespace {

@@ -32,8 +32,8 @@ freshTree() {
   plant include/qvdbase/qvdb.hpp '#include <qvdbase/qvdb/error.hpp>'
   plant include/qvdbase/qvdb/error.hpp '#include <qvdbase/base.h>'
   plant tools/qvdb/main.cpp '#include <qvdbase/qvdb.hpp>'
-  plant tools/qvdb/stat.cpp '#include "command.h"'
-  plant tools/qvdb/text.cpp '#include "format/layout.h"'
+  plant tools/qvdb/commands/stat.cpp '#include "command_line/command.h"'
+  plant tools/qvdb/streams/text.cpp '#include "format/layout.h"'
 }
 
 # refuses FILE LINE: the check must fail on a fresh tree with this line, and name the file.
@@ -75,7 +75,7 @@ refuses src/upkeep/held.cpp '#include <qvdbase/qvdb/database.hpp>'
 refuses src/upkeep/held.cpp '#include <qvdbase/qvdb.hpp>'
 refuses src/recovery/check/held.cpp '#include <qvdbase/qvdb/table.hpp>'
 refuses tools/qvdb/inner.cpp '#include "QVDbase/header.h"'
-refuses tools/qvdb/inner.cpp '#include "objects/table_index.h"'
+refuses tools/qvdb/inner.cpp '#include "objects/indexes/table_index.h"'
 refuses tools/qvdb/inner.cpp '#include "recovery/survey/survey.h"'
 refuses tools/qvdb/inner.cpp '#include "qvdb/command.h"'
 

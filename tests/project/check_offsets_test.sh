@@ -31,7 +31,7 @@ freshTree() {
   plant src/recovery/survey/survey.cpp 'const int64_t end = directoryEnd(slotCount, stride);' \
     'constexpr int64_t kLargestPosition = std::numeric_limits<int64_t>::max();' \
     'char bytes_[kMaxNameBytes + 1];' 'const auto next = slots_[index + 1];'
-  plant tools/qvdb/stat.cpp 'uint64_t live = kNewFileSize;' 'const int width = 1022;'
+  plant tools/qvdb/commands/stat.cpp 'uint64_t live = kNewFileSize;' 'const int width = 1022;'
 }
 
 # refuses FILE LINE: the check must fail on a fresh tree with this line, and name the file.
@@ -53,8 +53,8 @@ freshTree
 # Numbers of the format.
 refuses src/recovery/survey/open_file.h 'static constexpr size_t kWatchedSize = 4630;'
 refuses src/recovery/survey/open_file.h "static constexpr size_t kWatchedSize = 4'630u;"
-refuses tools/qvdb/stat.cpp 'constexpr uint64_t kDirectoryEnd = 22 + 32 * 144;'
-refuses tools/qvdb/stat.cpp 'constexpr uint64_t kRecordOverhead = 55 + 1;'
+refuses tools/qvdb/commands/stat.cpp 'constexpr uint64_t kDirectoryEnd = 22 + 32 * 144;'
+refuses tools/qvdb/commands/stat.cpp 'constexpr uint64_t kRecordOverhead = 55 + 1;'
 refuses src/QVDbase/lifecycle.cpp 'writeUint16(db, 144);'
 refuses src/QVDbase/lifecycle.cpp '/* the header */ myFileSeek(db, 22, kFromStart);'
 
@@ -76,6 +76,6 @@ refuses src/recovery/survey/directory.cpp 'int64_t end() const { return first + 
 # Constants.
 refuses src/maintenance/renumber.cpp 'constexpr int64_t kIdentifierPos = 6;'
 refuses src/maintenance/renumber.cpp '  inline constexpr int kNameOffset{16};'
-refuses tools/qvdb/touch.cpp 'constexpr int64_t kTimePosition = record::kNextRecordPos - sizeof(Time);'
+refuses tools/qvdb/commands/touch.cpp 'constexpr int64_t kTimePosition = record::kNextRecordPos - sizeof(Time);'
 
 exit "$failures"

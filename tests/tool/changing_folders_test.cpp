@@ -3,9 +3,9 @@
 #include <filesystem>
 
 #include "tool/tool_fixture.h"
-#include "tools/qvdb/failure.h"
-#include "tools/qvdb/file_tree.h"
-#include "tools/qvdb/importer.h"
+#include "tools/qvdb/archive/file_tree.h"
+#include "tools/qvdb/archive/importer.h"
+#include "tools/qvdb/streams/failure.h"
 
 namespace qvdbase::test {
 namespace {

@@ -27,9 +27,9 @@
 #include "kit/temp_folder.h"
 #include "proof/failures.h"
 #include "recovery/salvage/salvage_kit.h"
-#include "tools/qvdb/command_line.h"
-#include "tools/qvdb/failure.h"
-#include "tools/qvdb/output.h"
+#include "tools/qvdb/command_line/command_line.h"
+#include "tools/qvdb/streams/failure.h"
+#include "tools/qvdb/streams/output.h"
 
 namespace qvdbase::test {
 namespace {

@@ -13,7 +13,7 @@
 #include "kit/random_seed.h"
 #include "kit/replaced_calls.h"
 #include "tool/tool_fixture.h"
-#include "tools/qvdb/follow.h"
+#include "tools/qvdb/feed/follow.h"
 
 namespace qvdbase::test {
 namespace {

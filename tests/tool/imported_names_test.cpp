@@ -4,9 +4,9 @@
 #include <set>
 
 #include "tool/tool_fixture.h"
-#include "tools/qvdb/failure.h"
-#include "tools/qvdb/import_names.h"
-#include "tools/qvdb/importer.h"
+#include "tools/qvdb/archive/import_names.h"
+#include "tools/qvdb/archive/importer.h"
+#include "tools/qvdb/streams/failure.h"
 
 namespace qvdbase::test {
 namespace {

@@ -3,7 +3,7 @@
 
 #include "kit/replaced_calls.h"
 #include "tool/tool_fixture.h"
-#include "tools/qvdb/record_feed.h"
+#include "tools/qvdb/feed/record_feed.h"
 
 namespace qvdbase::test {
 namespace {

@@ -1,7 +1,7 @@
 #include "completion.h"
 
-#include "command_line.h"
-#include "commands.h"
+#include "command_line/command_line.h"
+#include "command_line/commands.h"
 #include "option.h"
 
 namespace qvdb::manual {

@@ -8,8 +8,8 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "command_line.h"
-#include "commands.h"
+#include "command_line/command_line.h"
+#include "command_line/commands.h"
 #include "completion.h"
 #include "header_page.h"
 #include "man_pages.h"

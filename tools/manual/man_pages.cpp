@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "commands.h"
+#include "command_line/commands.h"
 #include "mdoc.h"
 #include "option.h"
 

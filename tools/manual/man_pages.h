@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "command_help.h"
+#include "command_line/command_help.h"
 
 namespace qvdb::manual {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "text.h"
+#include "streams/text.h"
 
 namespace qvdb::manual {
 namespace {

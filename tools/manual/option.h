@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "command_help.h"
+#include "command_line/command_help.h"
 
 namespace qvdb::manual {
 

@@ -4,11 +4,11 @@
 #include <filesystem>
 #include <new>
 
-#include "command_line.h"
-#include "failure.h"
-#include "interrupt.h"
-#include "output.h"
-#include "standard_streams.h"
+#include "command_line/command_line.h"
+#include "streams/failure.h"
+#include "streams/interrupt.h"
+#include "streams/output.h"
+#include "streams/standard_streams.h"
 
 namespace {
 

@@ -1,0 +1,97 @@
+// The index of one table, and what the operations of the layer do with it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "QVDbase/record_find.h"
+#include "objects/indexes/index_map.h"
+#include "objects/open_database.h"
+#include "objects/walks/chain_walker.h"
+
+namespace qvdb::detail {
+
+struct TableIndex {
+  std::shared_ptr<const OpenDatabase> database;  // in whose turn it is read and changed
+  Id table;
+  IndexMap map;
+  tablePart1 slot = {};        // as it was when the map was last up to date
+  uint64_t writesSeen = 0;     // platform::writesKnown when the slot was found to be this one
+  int64_t lastPos = 0;         // of the last record that was added to the map
+  int64_t usualBlock = 0;      // bytes from one record to the next, about
+  bool isStale = true;         // to be built again before it is used
+  bool hasDuplicates = false;  // some identifier is there twice; the map has the first one
+};
+
+// The outcome of asking an index: it knows the record, knows that there is none, or does not know.
+enum class Answer { found, absent, unknown };
+
+// The index of a table while one is held, else null.
+std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table);
+
+// Makes an index of the table, or returns the present one. The database knows it for as long as it
+// is held.
+std::shared_ptr<TableIndex> makeIndex(const std::shared_ptr<OpenDatabase>& database, Id table);
+
+// Builds the index in one walk. False when the chain is damaged: the index stays stale then, and
+// *walker, unless it is null, knows where and how.
+bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walker = nullptr);
+
+// Looks a record up and verifies it against the file. The caller holds a scope; after `found` the
+// record's neighbourhood has been read in it. Fills the header and the position only.
+Answer askIndex(const Operation& operation, TableIndex& index, Id record,
+                qvdbase::engine::FoundRecord* found);
+
+// What an index and the mirror of the file say together, without a transfer: nearly every lookup
+// where the database has a cache. `unknown` is for the other ways to find out.
+struct InMemory {
+  Answer answer = Answer::unknown;
+  const unsigned char* block = nullptr;  // of a record that was found: it lies in the mirror
+  int64_t position = 0;
+};
+
+// Looks a record up so, and verifies it as askIndex() does. With `withPayload` it is found only
+// where its payload follows its header in memory.
+InMemory askMemory(const Operation& operation, Id table, Id record, bool withPayload);
+
+// Notes where the chain has a record that the map did not have, or had elsewhere. Only in a
+// database that others may change; elsewhere the index is built again.
+void noteFound(const Operation& operation, TableIndex& index, Id record, int64_t position);
+
+// Notes that the chain does not have it, in the same way.
+void noteAbsent(const Operation& operation, TableIndex& index, Id record);
+
+// Note every change of a chain in the table's index, with the slot as it is now.
+void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
+void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
+void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record);
+
+// After changes that are not noted: the index of the table, if there is one, is built again.
+void markIndexStale(OpenDatabase& database, Id table);
+
+// The same for every table, when another file is opened.
+void markIndexesStale(OpenDatabase& database);
+
+// Reads what is around a position, in one go where records have about the usual size. Whether there
+// is a record of this table to which its neighbours, or the slot, lead; the table's slot is read
+// only where the record has one neighbour.
+bool readLinked(const Operation& operation, Id table, const unsigned char* tableID,
+                int64_t usualBlock, qvdbase::engine::FoundRecord* found);
+
+// Whether a walk from the first record comes to the record at a position as far as what precedes it
+// says: in a chain of which a change was cut off, that is all that leads to it.
+bool isReachedFromFront(const Operation& operation, Id table, const unsigned char* tableID,
+                        qvdbase::engine::FoundRecord* found);
+
+// The distance between the blocks of a table, about.
+int64_t usualBlockOf(const tablePart1& slot);
+
+// Whether a record is in its table's chain: both neighbours, or the slot where it has none, must
+// lead to it.
+bool isInChain(int16_t db, const qvdbase::engine::FoundRecord& found);
+
+// Whether either of the two leads to it. Neither does to a record that was deleted or has moved.
+bool isReachable(int16_t db, const qvdbase::engine::FoundRecord& found);
+
+}  // namespace qvdb::detail

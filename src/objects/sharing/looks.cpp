@@ -1,0 +1,194 @@
+// Reading beside writers.
+#include "objects/sharing/looks.h"
+
+#include <utility>
+
+#include "QVDbase/directory_cache.h"
+#include "format/layout.h"
+#include "objects/indexes/table_index.h"
+#include "objects/sharing/waiting.h"
+#include "platform/handles/file_views.h"
+#include "platform/handles/lock_bytes.h"
+#include "platform/handles/open_files.h"
+#include "platform/host/clock.h"
+#include "platform/host/host_failure.h"
+#include "platform/transfer/call_state.h"
+#include "support/file_transfers.h"
+
+using namespace qvdbase;
+
+namespace qvdb::detail {
+namespace {
+
+using platform::LockOutcome;
+using platform::Sharing;
+
+// An operation that had begun before the reader announced itself does not know of it. One call of a
+// writer is much shorter than this; and so long a writer that takes no part is given to complete
+// what looks like damage.
+constexpr uint64_t kLongestChange = 20'000;  // microseconds
+
+// A pause that a signal ends is continued; not for ever, in case the clock does not go on.
+void letPass(uint64_t since, uint64_t microseconds) {
+  for (int i = 0; i < 100; ++i) {
+    const uint64_t passed = platform::microsecondCounter() - since;
+    if (passed >= microseconds) return;
+    platform::pauseFor(microseconds - passed);
+  }
+}
+
+void waitForEarlierChanges(OpenDatabase& database) {
+  if (!database.mayMissChanges) return;
+  letPass(database.announcedAt, kLongestChange);
+  database.mayMissChanges = false;
+}
+
+void beginViewLook(OpenDatabase& database) {
+  if (database.viewed == nullptr) return;
+  platform::beginViewLook(database.handle);
+  database.holdsViewLook = true;
+}
+
+void endViewLook(OpenDatabase& database) {
+  if (std::exchange(database.holdsViewLook, false)) platform::endViewLook(database.handle);
+}
+
+// The lock belongs to all of this process, whose writers it would not exclude: the look of a view
+// does, from before the lock is taken until it has been given up. It ends while another process is
+// waited for.
+LockOutcome takeLook(OpenDatabase& database) {
+  beginViewLook(database);
+  const LockOutcome outcome = platform::takeLook(database.handle);
+  if (outcome == LockOutcome::refused) endViewLook(database);
+  return outcome;
+}
+
+void beginBesideProcesses(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  waitForEarlierChanges(database);
+  platform::renewAnnouncement(database.handle);
+  const LockOutcome outcome = whileRefused(database.turnWait(), [&] { return takeLook(database); });
+  if (outcome == LockOutcome::refused) {
+    operation.fail(Reason::in_use, "another process is in the middle of a change of it");
+  }
+  database.holdsLook = outcome == LockOutcome::taken;
+}
+
+// A database that is open exclusively is changed in this process only. That it is so ends with a
+// change, as which closing it counts, and for ever.
+void begin(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  if (database.isViewOfExclusive()) {
+    beginViewLook(database);
+    if (database.isViewOfExclusive()) return;
+    endViewLook(database);
+  }
+  beginBesideProcesses(operation);
+}
+
+void end(OpenDatabase& database) {
+  if (std::exchange(database.holdsLook, false)) platform::releaseLook(database.handle);
+  endViewLook(database);
+}
+
+// What the error can come from, as it is now: the slot of its table, or header and directory where
+// it is not about one.
+std::string bytesInDoubt(const Operation& operation) {
+  engine::SavedPosition scope(operation.db());
+  const bool isOfTable = operation.slotPos() != 0;
+  std::string bytes(isOfTable ? operation.slotSize() : format::kNewFileSize, '\0');
+  uint32_t count = 0;
+  if (!support::seekTo(operation.db(), operation.slotPos())) return {};
+  static_cast<void>(
+      support::readFile(operation.db(), bytes.data(), static_cast<uint32_t>(bytes.size()), &count));
+  return bytes;
+}
+
+}  // namespace
+
+void announce(OpenDatabase& database) {
+  const auto* file = platform::findOpenFile(database.handle);
+  if (file == nullptr || file->sharing == Sharing::exclusive) return;
+  database.isBesideWriters = true;
+  // In a child, the entry that it has joined can be one that it has got from its parent. Where that
+  // cannot be separated, the first operation tries again.
+  if (!platform::separateReaders(database.handle, database.place.native())) {
+    database.forkDepth = platform::forkDepth() - 1;
+    return;
+  }
+  database.isAnnounced = platform::announceReader(database.handle);
+  database.announcedAt = platform::microsecondCounter();
+  database.mayMissChanges = platform::isOpenForWritingElsewhere(database.handle);
+}
+
+// What the threads of the parent were at has no end here. What they were changing when it forked
+// began before the announcement.
+void separateFromParent(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  if (!platform::separateReaders(operation.db(), database.place.native())) {
+    operation.fail(Reason::opened_elsewhere,
+                   "the process that opened it is another one, of which this is a child, and its "
+                   "path no longer leads to it; open it again here");
+  }
+  database.forkDepth = platform::forkDepth();
+  database.looks = database.changing = 0;
+  database.holdsLook = database.holdsViewLook = false;
+  markIndexesStale(database);
+  database.isBesideWriters = true;
+  database.isAnnounced = platform::announceReader(operation.db());
+  database.announcedAt = platform::microsecondCounter();
+  database.mayMissChanges = true;
+}
+
+// What the parent has announced is not counted among what this process has.
+void withdraw(OpenDatabase& database) noexcept {
+  const bool isOfThisProcess = database.forkDepth == platform::forkDepth();
+  if (database.isAnnounced && isOfThisProcess) platform::withdrawReader(database.handle);
+  database.isAnnounced = false;
+}
+
+// The numbers in the directory cache may be of an earlier moment.
+Look::Look(const Operation& operation) : database_(operation.database()) {
+  if (database_.looks == 0) {
+    begin(operation);
+    engine::dropDirectoryEntry(database_.handle);
+  }
+  ++database_.looks;
+}
+
+Look::~Look() {
+  if (--database_.looks == 0) end(database_);
+}
+
+// Nothing that was read before the pause is used after it.
+void Steps::pause() const {
+  OpenDatabase& database = operation_.database();
+  if (database.looks != 1) return;
+  end(database);
+  begin(operation_);
+  platform::callState().forgetWhatWasRead();
+}
+
+void Doubt::weigh(const Error& error) {
+  if (!saysWhatTheFileHolds(error.reason())) throw;
+  const bool mayBeChanging = platform::isOpenForWritingElsewhere(operation_.db());
+  // That something is missing is what the file says; that something is damaged may be what a change
+  // makes of it, which shows in the directory.
+  const bool isMissing =
+      error.reason() == Reason::record_missing || error.reason() == Reason::table_missing;
+  std::string found = error.what() + (isMissing ? std::string() : bytesInDoubt(operation_));
+  if (found == seen_) throw;
+  Place place = {error.table(), error.record_number()};
+  if (!place.record || place != place_) looksAtPlace_ = 0;
+  if (++looksAtPlace_ == kLooks) throw;
+  if (++looks_ == kLooks) {
+    operation_.fail(Reason::changed_meanwhile,
+                    "another process changed it again and again while it was read; try again");
+  }
+  seen_ = std::move(found);
+  place_ = std::move(place);
+  platform::forgetHostFailure();
+  if (mayBeChanging) letPass(platform::microsecondCounter(), kLongestChange);
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,153 @@
+// Taking turns with the other openers of a database.
+#include "objects/sharing/turns.h"
+
+#include <algorithm>
+
+#include "QVDbase/directory_cache.h"
+#include "objects/indexes/table_keys.h"
+#include "objects/sharing/waiting.h"
+#include "platform/handles/file_views.h"
+#include "platform/handles/lock_bytes.h"
+#include "platform/handles/open_files.h"
+#include "platform/handles/turns.h"
+#include "platform/host/clock.h"
+#include "platform/transfer/mirror.h"
+
+using namespace qvdbase;
+
+namespace qvdb::detail {
+namespace {
+
+using platform::LockByte;
+using platform::LockOutcome;
+using platform::Sharing;
+
+bool isSharedWriter(int16_t db) {
+  const auto* file = platform::findOpenFile(db);
+  return file != nullptr && file->sharing == Sharing::shared;
+}
+
+// Ends the waiting for a turn, also where it was in vain.
+class Waiter {
+ public:
+  explicit Waiter(const OpenDatabase& database) : database_(database), file_(database.handle) {}
+  ~Waiter() { platform::stopWaitingForTurn(file_, &database_); }
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+
+ private:
+  const OpenDatabase& database_;
+  const int16_t file_;
+};
+
+// Where locks do not work, opening for writing has failed; whatever refuses them later must not
+// stop the writers.
+//
+// The writer whose turn it is may be a batch of another thread, which needs the turn of the file to
+// come to its end. So that is given up meanwhile, and what was looked at before is looked at again.
+void takeTurn(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  const Waiter waiter(database);
+  const LockOutcome outcome = whileRefused(
+      database.turnWait(), [&] { return platform::takeWritersTurn(database.handle, &database); },
+      [&](uint64_t length) {
+        {
+          const platform::TurnPause pause;
+          const platform::Uncancelled uncancelled;
+          platform::pauseFor(length);
+        }
+        operation.requireSameFile();
+        operation.requireNoBulk();
+      });
+  if (outcome == LockOutcome::refused) {
+    operation.fail(Reason::in_use,
+                   "another writer that shares it is in the middle of an operation, or has an "
+                   "appender or a writer open");
+  }
+  engine::dropDirectoryEntry(database.handle);
+}
+
+LockOutcome takeChange(int16_t db) {
+  return platform::takeLockByte(db, LockByte::change, Sharing::exclusive);
+}
+
+// A stream of readers, each of whom looks for a moment, must not keep a writer out for ever.
+LockOutcome takeChangeThroughGate(const OpenDatabase& database) {
+  const int16_t db = database.handle;
+  const LockOutcome atGate = whileRefused(database.turnWait(), [db] {
+    return platform::takeLockByte(db, LockByte::gate, Sharing::exclusive);
+  });
+  const LockOutcome outcome = whileRefused(database.turnWait(), [db] { return takeChange(db); });
+  if (atGate == LockOutcome::taken) {
+    platform::releaseLockByte(db, LockByte::gate, Sharing::exclusive);
+  }
+  return outcome;
+}
+
+// Who announces itself waits until what has begun before must be over, which is four times this
+// (looks.cpp). So the answer that there is no reader holds for a while; it is remembered where the
+// database has a cache, whose changes make no other calls.
+constexpr uint64_t kAnswerHolds = 5'000;  // microseconds
+
+bool isReaderAnnounced(OpenDatabase& database) {
+  const int16_t db = database.handle;
+  if (platform::writesKnown(db) == 0) return platform::isLockByteHeld(db, LockByte::reader);
+  const uint64_t now = platform::microsecondCounter();
+  if (database.noReaderAt != 0 && now - database.noReaderAt < kAnswerHolds) return false;
+  const bool isAnnounced = platform::isLockByteHeld(db, LockByte::reader);
+  database.noReaderAt = isAnnounced ? 0 : now;
+  return isAnnounced;
+}
+
+}  // namespace
+
+// One within another one adds nothing.
+ChangeTurn::ChangeTurn(const Operation& operation) : database_(operation.database()) {
+  if (database_.changing == 0) begin(operation);
+  ++database_.changing;
+}
+
+ChangeTurn::~ChangeTurn() {
+  if (--database_.changing == 0) end();
+}
+
+void ChangeTurn::begin(const Operation& operation) {
+  const int16_t db = database_.handle;
+  if (isSharedWriter(db) && database_.bulk == nullptr) {
+    takeTurn(operation);
+    hasTurn_ = true;
+  }
+  platform::beginChange(db);
+  if (!database_.keyIndexes.empty()) noticeWrites(database_);
+  if (isReaderAnnounced(database_)) keepReadersOut(operation);
+}
+
+void ChangeTurn::keepReadersOut(const Operation& operation) {
+  LockOutcome outcome = takeChange(database_.handle);
+  if (outcome == LockOutcome::refused) outcome = takeChangeThroughGate(database_);
+  holdsOff_ = outcome == LockOutcome::taken;
+  if (outcome != LockOutcome::refused) return;
+  end();
+  operation.fail(Reason::in_use, "a reader in another process does not finish");
+}
+
+// The lock belongs to all of this process, so its own readers begin to look when it has been given
+// up: they would make it theirs.
+void ChangeTurn::end() {
+  if (!database_.keyIndexes.empty()) noteOwnWrites(database_);
+  if (holdsOff_) {
+    platform::releaseLockByte(database_.handle, LockByte::change, Sharing::exclusive);
+  }
+  platform::endChange(database_.handle);
+  if (hasTurn_) platform::releaseWritersTurn(database_.handle, &database_);
+}
+
+void beginBatchTurn(const Operation& operation) {
+  if (isSharedWriter(operation.db())) takeTurn(operation);
+}
+
+void endBatchTurn(OpenDatabase& database) noexcept {
+  platform::releaseWritersTurn(database.handle, &database);
+}
+
+}  // namespace qvdb::detail

@@ -1,0 +1,161 @@
+// An open batch: from its beginning until its records are linked into the table, or removed.
+#include "objects/writing/bulk.h"
+
+#include <qvdbase/qvdb/error.hpp>
+
+#include <algorithm>
+#include <string>
+
+#include "format/identifiers.h"
+#include "objects/indexes/table_index.h"
+#include "objects/records.h"
+#include "objects/sharing/turns.h"
+#include "objects/walks/chain_ends.h"
+#include "platform/host/clock.h"
+
+using namespace qvdbase;
+
+namespace qvdb::detail {
+
+std::shared_ptr<Bulk> Bulk::open(const std::shared_ptr<OpenDatabase>& database, Id table) {
+  const Operation operation(database, kAppend);
+  operation.requireWritable();
+  operation.requireNoBulk();
+  beginBatchTurn(operation);
+  try {
+    return begin(operation, database, table);
+  } catch (...) {
+    endBatchTurn(*database);
+    throw;
+  }
+}
+
+std::shared_ptr<Bulk> Bulk::begin(const Operation& operation,
+                                  const std::shared_ptr<OpenDatabase>& database, Id table) {
+  engine::SavedPosition scope(operation.db());
+  auto bulk = std::make_shared<Bulk>(database, operation.table(table));
+  const char* problem = problemAtEnd(operation.db(), bulk->batch.table().slot);
+  if (problem == nullptr && !bulk->batch.begin()) problem = "the end of its chain is damaged";
+  if (problem != nullptr) {
+    operation.fail(Reason::chain_damaged,
+                   std::string("nothing can be added to the table: ") + problem);
+  }
+  bulk->table = table;
+  bulk->state = State::open;
+  database->bulk = bulk.get();
+  return bulk;
+}
+
+void Bulk::requireOpen(const Operation& operation) const {
+  operation.requireOwn();
+  if (state == State::finished) operation.fail(Reason::bad_argument, "the batch is finished");
+  if (state == State::discarded) operation.fail(Reason::bad_argument, "the batch was discarded");
+}
+
+void Bulk::requireIdle(const Operation& operation) const {
+  requireOpen(operation);
+  if (!inPieces) return;
+  operation.fail(Reason::appender_open,
+                 "a record of the batch is being written in pieces; finish its writer first");
+}
+
+engine::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id> record,
+                                  uint32_t reserve) {
+  engine::BatchRecord entry = {};
+  if (record) {
+    operation.requireIdentifier(*record);
+    internal_ConvertInt64_2UuID(record->value, entry.recordID);
+  } else {
+    identifiers.next(entry.recordID);
+  }
+  entry.createTime = platform::secondsSinceEpoch();
+  entry.modifyTime = entry.createTime;
+  entry.reserve = reserve;
+  return entry;
+}
+
+// After many records the index is rebuilt when it is next used: that costs less than noting each.
+void Bulk::finish(const Operation& operation) {
+  link(operation);
+  state = State::finished;
+  database->bulk = nullptr;
+  endBatchTurn(*database);
+  const tablePart1& slot = batch.table().slot;
+  keys.finish(*database, table, slot, batch.taken());
+  if (batch.taken() == 1) return noteAdded(*database, slot, latest, slot.lastRecordPos);
+  markIndexStale(*database, table);
+}
+
+void Bulk::link(const Operation& operation) {
+  const ChangeTurn turn(operation);
+  engine::SavedPosition scope(operation.db());
+  ++database->changes;
+  if (!batch.writeOut() || !batch.finish()) failed(operation, 1);
+}
+
+void Bulk::discard() noexcept {
+  const DatabaseTurn turn(*database);
+  if (!isOpen()) return;
+  state = State::discarded;
+  database->bulk = nullptr;
+  if (!ownsFile()) return;
+  {
+    const OwnWrites writes(*database);
+    engine::SavedPosition scope(database->handle);
+    batch.discard();
+  }
+  keys.discard();
+  endBatchTurn(*database);
+}
+
+void Bulk::dropRecord() noexcept {
+  const DatabaseTurn turn(*database);
+  inPieces = false;
+  pieces.reset();
+  if (!isOpen() || !ownsFile()) return;
+  const OwnWrites writes(*database);
+  engine::SavedPosition scope(database->handle);
+  batch.dropRecord();
+}
+
+bool Bulk::add(const Operation& operation, const NewRecord& record, KeyChange& change) {
+  const uint32_t size = operation.requireSize(record.payload.size());
+  engine::BatchRecord entry = entryOf(operation, record.id, record.reserve);
+  if (!change.isReady(operation, {record.payload, {}}, 0)) return false;
+  keys.take(change);
+  const OwnWrites writes(*database);
+  entry.dataLength = size;
+  if (!batch.add(entry, bytesOf(record.payload))) {
+    failed(operation,
+           std::max(entry.dataLength, entry.reserve) + uint64_t{format::kRecordBlockOverhead});
+  }
+  latest = Id{format::identifierNumber(entry.recordID)};
+  keys.add(change, batch.lastBlock());
+  return true;
+}
+
+bool Bulk::addPieces(const Operation& operation, Id record, KeyChange& change) {
+  if (pieces && !change.isReady(operation, {*pieces, {}}, 0)) return false;
+  keys.take(change);
+  const OwnWrites writes(*database);
+  if (!batch.closeRecord()) failed(operation, format::kRecordBlockOverhead);
+  inPieces = false;
+  pieces.reset();
+  latest = record;
+  keys.add(change, batch.lastBlock());
+  return true;
+}
+
+void Bulk::failed(const Operation& operation, uint64_t bytes) {
+  discard();
+  markIndexStale(*database, table);
+  forgetKeysOf(*database, table);
+  if (batch.wasDisturbed()) {
+    operation.fail(Reason::cannot_write,
+                   "the file or the table was changed by other means meanwhile; nothing was added");
+  }
+  engine::SavedPosition scope(operation.db());
+  operation.failedWrite(bytes);
+}
+
+}  // namespace qvdb::detail

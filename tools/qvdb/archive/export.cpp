@@ -1,0 +1,256 @@
+// qvdb export: writes the records of a table back as files.
+//
+// Folders come first, then the files in the order of the records, then symbolic links, and last the
+// permissions and times of folders: so no file is ever written through a link that came from the
+// database, and a folder becomes read-only only when all its files are written.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <exception>
+#include <unordered_map>
+
+#include "archive/folder_writer.h"
+#include "archive/imported_files.h"
+#include "command_line/commands.h"
+#include "commands/locate.h"
+#include "streams/interrupt.h"
+#include "streams/output.h"
+#include "streams/progress.h"
+#include "streams/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::string folder;
+  FolderOptions folderOptions;
+  bool byId = false;
+};
+
+class Exporter {
+ public:
+  Exporter(const Database& database, const Table& table, std::optional<ImportedFiles> files,
+           FolderWriter& writer, bool force)
+      : database_(database),
+        table_(table),
+        files_(std::move(files)),
+        writer_(writer),
+        force_(force) {
+    if (files_) isWritten_.resize(files_->list().size());
+  }
+
+  // Throws Failure when anything that will be written exists already.
+  void check();
+  // Throws Error where the chain of the records is damaged, after writing everything that can be.
+  void run();
+  std::string summary() const;
+  uint64_t namesWithoutRecord() const;
+
+ private:
+  // Calls take(file, record) for all records, in order.
+  template <typename Take>
+  void forEachFile(Take take);
+  void finishFolders();
+  ImportedFile fileOf(const Record& record);
+  template <typename Take>
+  void forEachNamed(FileKind kind, Take take);
+
+  void refuseTooMuch(const Record& record);
+
+  const Database& database_;
+  const Table& table_;
+  std::optional<ImportedFiles> files_;
+  FolderWriter& writer_;
+  bool force_;
+  uint64_t mostBytes_ = 0;       // the size of the file; asked for when more is written than it was
+  std::vector<bool> isWritten_;  // of each imported file
+  std::unordered_map<Id, unsigned> byId_;  // files named by identifier, and how many of each
+  uint64_t filesDone_ = 0;
+  uint64_t bytesDone_ = 0;
+};
+
+template <typename Take>
+void Exporter::forEachNamed(FileKind kind, Take take) {
+  if (!files_) return;
+  for (const ImportedFile& file : files_->list()) {
+    throwIfInterrupted();
+    if (file.kind != kind) continue;
+    // Of two links of a name the later one counts.
+    if (kind == FileKind::link && &file != &files_->list()[*files_->find(file.name)] &&
+        files_->list()[*files_->find(file.name)].kind == FileKind::link) {
+      continue;
+    }
+    take(file);
+  }
+}
+
+// The name that the record was imported under, or one made of its identifier. Further records of
+// the same identifier get numbers.
+ImportedFile Exporter::fileOf(const Record& record) {
+  if (files_) {
+    const auto index = files_->find(record.id());
+    if (index && !isWritten_[*index]) {
+      isWritten_[*index] = true;
+      return files_->list()[*index];
+    }
+  }
+  ImportedFile file;
+  file.record = record.id();
+  file.mode = 0644;
+  file.seconds = record.info().modify_time;
+  file.name = to_string(record.id());
+  const unsigned number = ++byId_[record.id()];
+  if (number > 1) file.name.append("-").append(std::to_string(number));
+  return file;
+}
+
+template <typename Take>
+void Exporter::forEachFile(Take take) {
+  isWritten_.assign(isWritten_.size(), false);
+  byId_.clear();
+  for (const Record& record : table_.records()) {
+    throwIfInterrupted();
+    take(fileOf(record), record);
+  }
+}
+
+void Exporter::check() {
+  if (writer_.wasEmpty()) return;
+  const auto checkOne = [this](const ImportedFile& file) { writer_.check(file); };
+  forEachNamed(FileKind::folder, checkOne);
+  forEachNamed(FileKind::link, checkOne);
+  forEachFile([&](const ImportedFile& file, const Record&) { checkOne(file); });
+}
+
+void Exporter::run() {
+  Progress progress("exporting", table_.count(), "records");
+  forEachNamed(FileKind::folder,
+               [this](const ImportedFile& file) { writer_.makeFolder(file.name); });
+  const auto writeOne = [&](const ImportedFile& file, const Record& record) {
+    refuseTooMuch(record);
+    writer_.writeFile(file, [&](uint64_t offset, std::span<std::byte> buffer) {
+      const size_t got = record.read(offset, buffer);
+      bytesDone_ += got;
+      return got;
+    });
+    ++filesDone_;
+    progress.step();
+  };
+  // Where the chain is damaged everything else is written anyway.
+  std::exception_ptr failure;
+  try {
+    forEachFile(writeOne);
+  } catch (const Error& error) {
+    if (error.reason() != Reason::chain_damaged) throw;
+    failure = std::current_exception();
+  }
+  forEachNamed(FileKind::link, [this](const ImportedFile& file) { writer_.makeLink(file); });
+  writer_.sync();
+  if (files_) finishFolders();
+  if (failure) std::rethrow_exception(failure);
+}
+
+// Records that overlap, as no sound file has them, can hold the square of the file's size.
+void Exporter::refuseTooMuch(const Record& record) {
+  if (force_ || bytesDone_ + record.size() <= mostBytes_) return;
+  mostBytes_ = database_.info().file_size;
+  if (bytesDone_ + record.size() <= mostBytes_) return;
+  throw Failure(database_.path().native() + ": the records of table '" + table_.name() +
+                "' overlap: they have more bytes than the file; stopped after " +
+                counted(filesDone_, "file", "files") + ", " + counted(bytesDone_, "byte", "bytes") +
+                "; 'qvdb check' reports the damage, --force writes the others too");
+}
+
+void Exporter::finishFolders() {
+  for (auto file = files_->list().rbegin(); file != files_->list().rend(); ++file) {
+    if (file->kind == FileKind::folder) writer_.finishFolder(*file);
+  }
+}
+
+uint64_t Exporter::namesWithoutRecord() const {
+  uint64_t count = 0;
+  for (size_t i = 0; i < isWritten_.size(); ++i) {
+    if (files_->list()[i].kind == FileKind::file && !isWritten_[i]) ++count;
+  }
+  return count;
+}
+
+std::string Exporter::summary() const {
+  return "exported " + counted(filesDone_, "file", "files") + ", " +
+         counted(bytesDone_, "byte", "bytes");
+}
+
+int run(const Options& options) {
+  if (options.folderOptions.samePermissions && ::geteuid() != 0) {
+    throw wrongUsage("--same-permissions is for root: the umask limits all other users");
+  }
+  const Database database = openToRead(options.file);
+  const Table table = findTable(database, options.table);
+  std::optional<ImportedFiles> files;
+  bool isUnreachable = false;
+  if (!options.byId) files = readNames(database, table, &isUnreachable);
+  FolderOptions folderOptions = options.folderOptions;
+  folderOptions.database = options.file;
+  FolderWriter writer(options.folder, folderOptions);
+  const bool hasAllNames = !isUnreachable && (!files || files->isWhole());
+  Exporter exporter(database, table, std::move(files), writer, folderOptions.force);
+  exporter.check();
+  exporter.run();
+  if (const uint64_t missing = exporter.namesWithoutRecord()) {
+    complain(options.file + ": " + counted(missing, "name has no record", "names have no record") +
+             " any more; no file was written for " + (missing == 1 ? "it" : "them"));
+  }
+  printLine(exporter.summary());
+  return hasAllNames ? kDone : kFailed;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.argument("FOLDER", options->folder,
+                     "The folder to write to. It is created if it does not exist.");
+  FolderOptions& folder = options->folderOptions;
+  arguments.force(folder.force, "Replace files that exist in the folder.");
+  arguments.parents(folder.parents);
+  arguments.flag(
+      "--same-permissions", folder.samePermissions,
+      "Give files and folders their stored permissions whatever the umask is; for root.");
+  arguments.noSync(folder.noSync);
+  arguments.flag("--by-id", options->byId,
+                 "Name all files by their records' identifiers, and ignore the names of imported "
+                 "files.");
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kExportCommand = {
+    "export",
+    "write records back as files",
+    R"(Writes each record of a table to a file in a folder. What 'qvdb import' stored gets its name,
+permissions and time back, and its folders and symbolic links are created again; other records are
+named by their identifiers. Permissions that the umask forbids are left out. The database is only
+read.
+
+Where the list of names is damaged, or is not where the table says, as in a packed file, the files
+whose names are lost are named by their records' identifiers too, and the status is 1.
+
+In a damaged file records can overlap, so that together they are larger than the file. Without
+--force no more bytes are written than the file has.
+
+Nothing is overwritten unless --force is given: if one file exists already, no file is written.
+Nothing is ever written outside the folder: a name that would lead out of it counts as damage, and
+symbolic links in the folder are not followed.
+
+Each file appears under its name when it is complete. Ctrl-C stops between two files. Only a
+process that is killed leaves a file .qvdb-....tmp, which you may delete.)",
+    R"(qvdb export photos.qvd holiday /mnt/copy
+diff -r ~/Pictures/holiday /mnt/copy
+qvdb export --force photos.qvd holiday /mnt/copy)",
+    define,
+};
+
+}  // namespace qvdb::tool

@@ -1,0 +1,87 @@
+// The names of an import's files.
+#include "archive/import_names.h"
+
+#include <algorithm>
+
+#include "streams/failure.h"
+
+namespace qvdb::tool {
+
+ImportNames::ImportNames(Table& table, const FileTree& tree, ImportedFiles names)
+    : table_(table), tree_(tree), names_(std::move(names)), hadNames_(names_.list().size()) {
+  entries_.reserve(tree.files.size());
+  for (const FoundFile& found : tree.files) {
+    entries_.push_back(names_.find(found.file.name).value_or(kNew));
+  }
+}
+
+const ImportedFile* ImportNames::present(size_t file) const {
+  return entries_[file] == kNew ? nullptr : &names_.list()[entries_[file]];
+}
+
+bool ImportNames::isNewOrChanged(size_t file) const {
+  const ImportedFile* old = present(file);
+  const ImportedFile& now = tree_.files[file].file;
+  return old == nullptr || (now.kind == FileKind::link && old->target != now.target);
+}
+
+void ImportNames::addNew() {
+  for (size_t i = 0; i < tree_.files.size(); ++i) {
+    if (!isNewOrChanged(i)) continue;
+    if (entries_[i] != kNew) oldLinks_.emplace(i, entries_[i]);
+    ImportedFile file = tree_.files[i].file;
+    if (file.kind == FileKind::file) file.record = new_id();
+    entries_[i] = names_.list().size();
+    names_.add(std::move(file));
+    haveChanged_ = true;
+  }
+  if (!names_.isReadable()) {
+    throw Failure(
+        "the list of names would be too long to be read again; nothing was stored; import into "
+        "another table, or from a folder further down");
+  }
+  if (hadNames_ == 0) haveChanged_ = true;
+}
+
+void ImportNames::note(size_t file, const ImportedFile& now) {
+  const ImportedFile& old = of(file);
+  if (now.mode == old.mode && now.seconds == old.seconds && now.nanoseconds == old.nanoseconds) {
+    return;
+  }
+  ImportedFile renewed = now;
+  renewed.record = old.record;
+  names_.update(entries_[file], renewed);
+  haveChanged_ = true;
+}
+
+void ImportNames::cutFrom(size_t firstMissing) {
+  for (size_t i = firstMissing; i < entries_.size(); ++i) {
+    if (entries_[i] < hadNames_) continue;
+    names_.cut(entries_[i]);  // new names are in the order of the files
+    return;
+  }
+}
+
+void ImportNames::dropOldLinks(size_t firstMissing) {
+  for (const auto& [file, old] : oldLinks_) {
+    if (file >= firstMissing) continue;
+    names_.remove(old);
+    haveChanged_ = true;
+  }
+}
+
+// The capacity only ever grows by a half more than needed, so that many small imports into one
+// table do not copy all names each time.
+void ImportNames::store() {
+  const uint64_t size = names_.bytes().size();
+  const auto present = table_.data_size();
+  const uint64_t reserve = present ? size + size / 2 : size;
+  table_.set_data(names_.bytes(), static_cast<uint32_t>(std::min<uint64_t>(reserve, 0xFFFFFFFF)));
+}
+
+void ImportNames::storeIfChanged() {
+  if (haveChanged_) store();
+  haveChanged_ = false;
+}
+
+}  // namespace qvdb::tool

@@ -1,0 +1,17 @@
+// The list of commands.
+#include "command_line/commands.h"
+
+namespace qvdb::tool {
+
+std::span<const Command* const> allCommands() {
+  static constexpr const Command* kAll[] = {
+      &kCreateCommand,  &kInfoCommand,     &kTablesCommand,   &kAddTableCommand, &kRecordsCommand,
+      &kGetCommand,     &kPutCommand,      &kSetCommand,      &kRmCommand,       &kTouchCommand,
+      &kDataCommand,    &kImportCommand,   &kExportCommand,   &kStatCommand,     &kCheckCommand,
+      &kSalvageCommand, &kHistoryCommand,  &kUndeleteCommand, &kMendCommand,     &kCompactCommand,
+      &kPackCommand,    &kRenumberCommand, &kRepairCommand,
+  };
+  return kAll;
+}
+
+}  // namespace qvdb::tool

@@ -1,0 +1,186 @@
+// From what the user types to databases, tables and records.
+#include "commands/locate.h"
+
+#include <qvdbase/qvdbase.h>
+
+#include <unordered_map>
+
+#include "format/layout.h"
+#include "streams/interrupt.h"
+#include "streams/text.h"
+#include "streams/waiting.h"
+
+namespace qvdb::tool {
+namespace {
+
+// "./17" is the name 17, which would be taken for an identifier.
+std::string withoutDot(const std::string& name) {
+  return name.starts_with("./") ? name.substr(2) : name;
+}
+
+Failure noIdentifier(const std::string& text) {
+  return Failure("'" + text +
+                 "' is not an identifier: write 0x and hexadecimal digits, or a decimal number");
+}
+
+Id idOfName(const Database& database, const Table& table, const ImportedFiles& files,
+            const std::string& idOrName) {
+  const std::string name = withoutDot(idOrName);
+  const auto index = files.find(name);
+  if (!index) {
+    throw Failure(database.path().native() + ": table '" + table.name() + "' has no file '" + name +
+                  "'" + (files.isWhole() ? "" : " before the damage in its list of names") +
+                  "; 'qvdb records' lists what it has");
+  }
+  const ImportedFile& file = files.list()[*index];
+  if (file.kind == FileKind::file) return file.record;
+  throw Failure(database.path().native() + ": '" + name + "' is a " +
+                (file.kind == FileKind::link ? "symbolic link" : "folder") +
+                ", which has no record");
+}
+
+// In a packed file the slots of tables that have records lead to no data.
+std::string unreachableData(const Table& table) {
+  return "the data of table '" + table.name() +
+         "' is not where its slot says, as is usual in a packed file; 'qvdb mend' corrects the "
+         "slot, "
+         "'qvdb salvage' writes a new file that has the data";
+}
+
+}  // namespace
+
+Database openToRead(const std::string& path) {
+  return Database::open(path, Mode::read_only);
+}
+
+Database openToWrite(const std::string& path) {
+  Database database = whileInUse([&] { return Database::open(path, Mode::exclusive); });
+  if (database.info().version != qvdbase::format::kUnfinishedPackVersion) return database;
+  throw Failure(path +
+                ": is an unfinished pack (version 101), in which records are missing; use the "
+                "source of the pack, or save what it has with 'qvdb salvage'");
+}
+
+std::vector<Table> tablesOf(const Database& database, std::exception_ptr* failure) {
+  try {
+    return database.tables();
+  } catch (const Error& error) {
+    if (error.reason() != Reason::directory_damaged) throw;
+    *failure = std::current_exception();
+  }
+  std::vector<Table> tables;
+  char name[33] = {};
+  for (int i = 0;; ++i) {
+    const uint64_t id = GetTableNameAndIDByIndex(database.handle(), i, name);
+    const auto table = id != 0 ? database.find_table(Id{id}) : std::nullopt;
+    if (!table) return tables;
+    tables.push_back(*table);
+  }
+}
+
+DataSize dataSizeOf(const Database& database, const Table& table) {
+  try {
+    return {true, table.data_size()};
+  } catch (const Error& error) {
+    if (error.reason() != Reason::data_damaged) throw;
+    complain(database.path().native() + ": " + unreachableData(table));
+    return {};
+  }
+}
+
+void finishWriting(Database& database, bool noSync) {
+  if (!noSync) database.sync();
+}
+
+Table findTable(const Database& database, const std::string& nameOrId) {
+  auto table = database.find_table(nameOrId);
+  const auto id = parse_id(nameOrId);
+  if (!table && id) table = database.find_table(*id);
+  if (table) {
+    // Writing to a table with an interrupted operation would add to the damage.
+    if (database.mode() != Mode::read_only) check_ends(database, table->id());
+    return *table;
+  }
+  throw Failure(database.path().native() + ": there is no table '" + nameOrId +
+                "'; 'qvdb tables' lists the tables");
+}
+
+std::optional<ImportedFiles> readNames(const Database& database, const Table& table,
+                                       bool* isUnreachable) {
+  const std::string where = database.path().native() + ": ";
+  try {
+    auto files = ImportedFiles::of(database, table);
+    if (files && !files->isWhole()) {
+      complain(where + "the names of the files of table '" + table.name() +
+               "' are damaged after the first " + std::to_string(files->list().size()) +
+               "; the other records have only their identifiers");
+    }
+    return files;
+  } catch (const Error& error) {
+    if (error.reason() != Reason::data_damaged) throw;
+    complain(where + unreachableData(table));
+    if (isUnreachable != nullptr) *isUnreachable = true;
+    return std::nullopt;
+  }
+}
+
+Id recordId(const Database& database, const Table& table, const std::string& idOrName) {
+  if (const auto id = parse_id(idOrName)) return *id;
+  const auto files = ImportedFiles::of(database, table);
+  if (files) return idOfName(database, table, *files, idOrName);
+  throw noIdentifier(idOrName);
+}
+
+Id recordIdInUseOrNot(const std::string& path, const std::string& table,
+                      const std::string& idOrName, Prefer prefer) {
+  if (const auto id = parse_id(idOrName)) return *id;
+  const Database database = openToRead(path);
+  const Table found = findTable(database, table);
+  const auto files = ImportedFiles::of(database, found);
+  if (!files) throw wrongUsage(noIdentifier(idOrName).what());
+  const auto removed = files->findRemoved(withoutDot(idOrName));
+  const auto inUse = files->find(withoutDot(idOrName));
+  if (removed && (prefer == Prefer::deleted || !inUse)) return files->list()[*removed].record;
+  return idOfName(database, found, *files, idOrName);
+}
+
+const char* letterOf(BlockGrade grade) {
+  static constexpr const char* kLetters[] = {"A", "B", "C"};
+  return kLetters[static_cast<size_t>(grade)];
+}
+
+Failure noSuchRecord(const Database& database, const Table& table, Id record) {
+  return Failure(database.path().native() + ": table '" + table.name() + "' has no record " +
+                 to_string(record) + "; 'qvdb records' lists what it has");
+}
+
+std::vector<Record> findRecords(const Database& database, const Table& table,
+                                const std::vector<std::string>& idsOrNames) {
+  std::optional<ImportedFiles> files;
+  std::vector<Id> ids;
+  for (const std::string& text : idsOrNames) {
+    const auto id = parse_id(text);
+    if (!id && !files) files = ImportedFiles::of(database, table);
+    ids.push_back(!id && files ? idOfName(database, table, *files, text)
+                               : recordId(database, table, text));
+  }
+  std::unordered_map<Id, std::optional<Record>> wanted;
+  for (const Id id : ids) wanted.emplace(id, std::nullopt);
+  size_t missing = wanted.size();
+  auto records = table.records();
+  for (auto record = records.begin(); missing > 0 && record != records.end(); ++record) {
+    const auto found = wanted.find(record->id());
+    if (found == wanted.end() || found->second) continue;  // the first of several counts
+    found->second = *record;
+    --missing;
+    throwIfInterrupted();
+  }
+  std::vector<Record> result;
+  for (const Id id : ids) {
+    if (!wanted[id]) throw noSuchRecord(database, table, id);
+    result.push_back(*wanted[id]);
+  }
+  return result;
+}
+
+}  // namespace qvdb::tool

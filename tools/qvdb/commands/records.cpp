@@ -1,0 +1,223 @@
+// qvdb records: lists the records of a table.
+#include <nlohmann/json.hpp>
+
+#include "archive/imported_files.h"
+#include "command_line/commands.h"
+#include "commands/locate.h"
+#include "feed/follow.h"
+#include "feed/newest_records.h"
+#include "feed/record_rows.h"
+#include "streams/interrupt.h"
+#include "streams/output.h"
+#include "streams/text.h"
+
+namespace qvdb::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  std::string table;
+  std::optional<uint64_t> limit;
+  std::optional<uint64_t> last;
+  std::optional<std::string> since;
+  bool follow = false;
+  bool deleted = false;
+  bool json = false;
+};
+
+const std::string* nameOf(const std::optional<ImportedFiles>& files, Id record) {
+  if (!files) return nullptr;
+  const auto index = files->find(record);
+  return index ? &files->list()[*index].name : nullptr;
+}
+
+// The end of the list that is wanted. Throws Failure for what is no time.
+Newest newestOf(const Options& options) {
+  Newest newest;
+  newest.last = options.last;
+  if (!options.since) return newest;
+  newest.since = parseTime(*options.since);
+  if (!newest.since) {
+    throw wrongUsage("--since: '" + *options.since +
+                     "' is no time; write 2024-05-01T12:34:56, 2024-05-01 (UTC) or @SECONDS");
+  }
+  return newest;
+}
+
+template <typename Take>
+void forEachRecord(const Table& table, const Options& options, Take take) {
+  uint64_t left = options.limit.value_or(~uint64_t{0});
+  if (left == 0) return;
+  forEachOf(table, newestOf(options), [&](const Record& record) {
+    take(record);
+    return --left != 0;
+  });
+}
+
+Row listed(const Record& record, const std::optional<ImportedFiles>& files) {
+  return rowOf(record, nameOf(files, record.id()));
+}
+
+Json jsonWithName(const Row& row) {
+  Json json = jsonOf(row);
+  addName(&json, row);
+  return json;
+}
+
+// The document is complete, closing brackets included, also where the records end early.
+void printJsonList(const Options& options, const Table& table,
+                   const std::optional<ImportedFiles>& files) {
+  Json head;
+  addText(&head, "file", options.file);
+  addText(&head, "table", table.name());
+  head["table_id"] = to_string(table.id());
+  head["count"] = table.count();
+  JsonArrayWriter writer(head, "records");
+  try {
+    forEachRecord(table, options,
+                  [&](const Record& record) { writer.add(jsonWithName(listed(record, files))); });
+  } catch (const Error& error) {
+    writer.finish(escaped(error.what()));
+    throw;
+  } catch (const Interrupted&) {
+    writer.finish("interrupted");
+    throw;
+  }
+  writer.finish();
+}
+
+// ---- deleted records
+
+// The name that the record's file had.
+const std::string* formerName(const std::optional<ImportedFiles>& files, Id record) {
+  if (!files) return nullptr;
+  const auto index = files->findRemoved(record);
+  return index ? &files->list()[*index].name : nameOf(files, record);
+}
+
+Row deletedRow(const FoundBlock& block, const std::optional<ImportedFiles>& files) {
+  return {block.record,      block.there,       static_cast<uint64_t>(block.offset),
+          block.create_time, block.modify_time, formerName(files, block.record)};
+}
+
+Json jsonOf(const FoundBlock& block, const std::optional<ImportedFiles>& files) {
+  const Row row = deletedRow(block, files);
+  Json json = jsonOf(row, "offset");
+  json["label"] = to_string(block.label);
+  addName(&json, row);
+  return json;
+}
+
+// The names, if the file can be opened: deleted records are found even if it cannot.
+std::optional<ImportedFiles> namesOfTable(const Options& options) {
+  try {
+    const Database database = openToRead(options.file);
+    return readNames(database, findTable(database, options.table));
+  } catch (const Error&) {
+  } catch (const Failure&) {
+  }
+  return std::nullopt;
+}
+
+int listDeleted(const Options& options) {
+  std::vector<FoundBlock> blocks = deleted_records(options.file, options.table);
+  const auto files = namesOfTable(options);
+  if (options.limit && *options.limit < blocks.size()) {
+    blocks.resize(static_cast<size_t>(*options.limit));
+  }
+  if (options.json) {
+    Json head;
+    addText(&head, "file", options.file);
+    addText(&head, "table", options.table);
+    JsonArrayWriter writer(head, "deleted");
+    for (const FoundBlock& block : blocks) writer.add(jsonOf(block, files));
+    writer.finish();
+    return kDone;
+  }
+  printHead("OFFSET", files.has_value());
+  for (const FoundBlock& block : blocks) printRow(deletedRow(block, files));
+  return kDone;
+}
+
+// What cannot be combined, and what is no time, is refused before anything is opened.
+void requireMeaning(const Options& options) {
+  if (options.deleted && (options.last || options.since || options.follow)) {
+    throw wrongUsage("--deleted cannot be combined with --last, --since or --follow");
+  }
+  static_cast<void>(newestOf(options));
+}
+
+int run(const Options& options) {
+  requireMeaning(options);
+  if (options.deleted) return listDeleted(options);
+  if (options.follow) {
+    return followRecords(
+        {options.file, options.table, newestOf(options), options.limit, options.json});
+  }
+  const Database database = openToRead(options.file);
+  const Table table = findTable(database, options.table);
+  const auto files = readNames(database, table);
+  if (options.json) {
+    printJsonList(options, table, files);
+  } else {
+    printHead("CAPACITY", files.has_value());
+    forEachRecord(table, options, [&](const Record& record) { printRow(listed(record, files)); });
+  }
+  return files && !files->isWhole() ? kFailed : kDone;
+}
+
+Action define(Arguments& arguments) {
+  const auto options = std::make_shared<Options>();
+  arguments.argument("FILE", options->file, kFileHelp);
+  arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.option("-n,--limit", "NUMBER", options->limit, "Stop after this number of records.");
+  arguments.option("--last", "NUMBER", options->last, "List only so many, those added last.");
+  arguments.option("--since", "TIME", options->since,
+                   "List only those at the end of the list that were created at this time (UTC) or "
+                   "later: 2024-05-01T12:34:56, 2024-05-01 or @SECONDS since 1970.");
+  arguments.flag("-f,--follow", options->follow,
+                 "Then list each record that is added, until interrupted.");
+  arguments.flag("--deleted", options->deleted,
+                 "Instead list the deleted records that are still in the file.");
+  arguments.json(options->json);
+  return actionOf(options, run);
+}
+
+}  // namespace
+
+extern const Command kRecordsCommand = {
+    "records",
+    "list the records of a table",
+    R"(Lists a table's records in their order: identifier, bytes of payload, capacity in bytes, the times
+of creation and last modification (UTC) and, in a table of imported files, the file's name. The
+file is only read.
+
+--last and --since read back from the end of the table, so that their time depends on what they
+list, not on how many records there are. Both list older records first.
+
+With --follow the command keeps running and lists the records that any process adds, without names.
+It continues with the new file when another process compacts or replaces the database, and waits for
+a file that was removed; if the new file has no such table, for some seconds until it is added. A
+table of the same name with another identifier is listed from its beginning. Only additions are
+listed, not changes, and not deletions: 'qvdb tables' shows the number of records. A record that is
+deleted again before it could be listed is left out. With --json each record is an object on a line
+of its own. Ctrl-C ends it with status 0.
+
+With --deleted the last version of each deleted record is listed, with its position in the file.
+'qvdb undelete' brings one back; 'qvdb history' shows its earlier versions.
+
+Control characters in names are shown as \x and two hexadecimal digits. Where the chain of records
+is damaged the list ends, with status 1 and the number of the record; a JSON list then ends with a
+member "error". Where the list of names is damaged, the records whose names are lost are listed
+without a name, with status 1.)",
+    R"(qvdb records notes.qvd letters
+qvdb records --limit 10 notes.qvd letters
+qvdb records --last 10 notes.qvd letters
+qvdb records --since 2024-05-01 notes.qvd letters
+qvdb records --last 0 --follow --json notes.qvd letters | jq .id
+qvdb records --deleted photos.qvd holiday
+qvdb records --json notes.qvd letters | jq -r '.records[].id')",
+    define,
+};
+
+}  // namespace qvdb::tool

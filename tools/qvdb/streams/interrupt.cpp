@@ -1,0 +1,92 @@
+// Ctrl-C, and the other signals that ask a process to end.
+#include "streams/interrupt.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <initializer_list>
+
+#include "streams/output.h"
+
+namespace qvdb::tool {
+namespace {
+
+volatile std::sig_atomic_t interrupted = 0;
+
+// A signal that comes just before a read would be noted, and the read would wait nevertheless. So
+// the handler writes into a pipe, and waiting for input waits for the pipe too.
+int notice[2] = {-1, -1};
+
+void noteInterrupt(int) {
+  const int error = errno;
+  interrupted = 1;
+  static_cast<void>(!::write(notice[1], "", 1));
+  errno = error;
+}
+
+}  // namespace
+
+void catchInterrupts() {
+  // Without the pipe a signal is still noted.
+  static_cast<void>(!::pipe2(notice, O_CLOEXEC | O_NONBLOCK));
+  struct sigaction action = {};
+  action.sa_handler = noteInterrupt;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);  // and without SA_RESTART: waiting reads return
+  sigemptyset(&action.sa_mask);
+  sigset_t noted;
+  sigemptyset(&noted);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    sigaddset(&noted, signal);
+    struct sigaction before = {};
+    // One that the caller ignores, as nohup does, stays ignored.
+    if (::sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
+    ::sigaction(signal, &action, nullptr);
+  }
+  ::sigprocmask(SIG_UNBLOCK, &noted, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
+namespace {
+
+void waitFor(int descriptor, short event) {
+  pollfd sources[2] = {{descriptor, event, 0}, {notice[0], POLLIN, 0}};
+  do {
+    throwIfInterrupted();
+  } while (::poll(sources, 2, -1) < 0 && errno == EINTR);
+  throwIfInterrupted();
+}
+
+}  // namespace
+
+void waitForInput(int descriptor) {
+  waitFor(descriptor, POLLIN);
+}
+
+// A pipe without a reader is reported whatever is asked for.
+void waitForNews(int descriptor, int milliseconds) {
+  throwIfInterrupted();
+  pollfd sources[3] = {{descriptor, POLLIN, 0}, {notice[0], POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+  const int found = ::poll(sources, 3, milliseconds);
+  throwIfInterrupted();
+  if (found > 0 && (sources[2].revents & (POLLERR | POLLHUP)) != 0) throw OutputClosed();
+}
+
+bool canContinueWriting(int descriptor) {
+  if (errno != EINTR && errno != EAGAIN) return false;
+  waitFor(descriptor, POLLOUT);
+  return true;
+}
+
+bool isInterrupted() {
+  return interrupted != 0;
+}
+
+void throwIfInterrupted() {
+  if (isInterrupted()) throw Interrupted();
+}
+
+}  // namespace qvdb::tool
