@@ -1,0 +1,33 @@
+// Patches of transactions that are committed, but not in the file yet: reads of the opener that
+// committed them have to lay them over what they get from the file.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace qvdbase::intents {
+
+struct HeldPatch {
+  int64_t position = 0;
+  std::vector<unsigned char> bytes;
+};
+
+class HeldPatches {
+ public:
+  bool isEmpty() const { return patches_.empty(); }
+  // By position, none over another.
+  const std::vector<HeldPatch>& byPosition() const { return patches_; }
+
+  // Lays those that lie in a range over bytes read from there.
+  void layOver(int64_t position, void* bytes, size_t count) const;
+
+  // A place always has the same length: the patch replaces the one that is held for it.
+  void hold(int64_t position, std::vector<unsigned char> bytes);
+  void clear() { patches_.clear(); }
+
+ private:
+  std::vector<HeldPatch> patches_;
+};
+
+}  // namespace qvdbase::intents
