@@ -49,6 +49,9 @@ const char* nameOf(Call call) {
                                            "sync",
                                            "nextHole",
                                            "nextStored",
+                                           "cloneFile",
+                                           "copyRange",
+                                           "punchHole",
                                            "length",
                                            "sizeLimit",
                                            "lock",
@@ -176,7 +179,8 @@ RecordedCalls::Verdict RecordedCalls::begin(Call call, size_t asked) {
   ++counts_[call];
   const auto found = plans_.find(call);
   if (found == plans_.end()) {
-    return call == Call::write && space_ ? limitedBySpace(asked) : Verdict{};
+    const bool takesSpace = call == Call::write || call == Call::copyRange;
+    return takesSpace && space_ ? limitedBySpace(asked) : Verdict{};
   }
   Plan& plan = found->second;
   if (plan.skip > 0) {
@@ -420,6 +424,39 @@ struct RecordedCalls::Calls {
     return result;
   }
 
+  static int cloneFile(int to, int from) {
+    const Verdict verdict = host().begin(Call::cloneFile);
+    const int result = verdict.fails ? -1 : real().cloneFile(to, from);
+    host().note({Call::cloneFile, to, {}, 0, 0, result}, verdict);
+    return result;
+  }
+
+  static ssize_t copyRange(int to, int from, off_t position, size_t count) {
+    const Verdict verdict = host().begin(Call::copyRange, count);
+    ssize_t result = -1;
+    if (!verdict.fails) {
+      result = real().copyRange(to, from, position, std::min(count, verdict.moves));
+    }
+    if (result > 0) noteCopied(from, to, position, static_cast<size_t>(result));
+    host().note({Call::copyRange, to, {}, position, count, result}, verdict);
+    return result;
+  }
+
+  static void noteCopied(int from, int to, off_t position, size_t count) {
+    Bytes bytes;
+    bytes.resize(count);
+    if (real().readAt(from, bytes.data(), count, position) != static_cast<ssize_t>(count)) return;
+    host().writes_.push_back({position, std::move(bytes), host().fileOf(to)});
+  }
+
+  static int punchHole(int descriptor, off_t position, off_t length) {
+    const Verdict verdict = host().begin(Call::punchHole);
+    const int result = verdict.fails ? -1 : real().punchHole(descriptor, position, length);
+    host().note({Call::punchHole, descriptor, {}, position, static_cast<size_t>(length), result},
+                verdict);
+    return result;
+  }
+
   static int64_t lengthOf(int descriptor) {
     const Verdict verdict = host().begin(Call::length);
     const int64_t result = verdict.fails ? -1 : real().lengthOf(descriptor);
@@ -554,6 +591,9 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.sync = Calls::sync;
   table_.nextHole = Calls::nextHole;
   table_.nextStored = Calls::nextStored;
+  table_.cloneFile = Calls::cloneFile;
+  table_.copyRange = Calls::copyRange;
+  table_.punchHole = Calls::punchHole;
   table_.lengthOf = Calls::lengthOf;
   table_.fileSizeLimit = Calls::fileSizeLimit;
   table_.setLock = Calls::setLock;

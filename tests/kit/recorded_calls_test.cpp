@@ -239,6 +239,26 @@ TEST_F(Recorder, FailsQuestionsAboutLocksAndHoles) {
   EXPECT_EQ(host.events()[1].position, 2);
 }
 
+// A host without these calls refuses them itself.
+TEST_F(Recorder, FailsAndNotesWhatMovesBytesWithinTheHost) {
+  write("abcdef", 0);
+  const std::string other = folder / "copy";
+  const int copy = systemCalls().openAt(AT_FDCWD, other.c_str(), O_RDWR | O_CREAT, 0600);
+  host.forget();
+  host.failOnce(Call::cloneFile, 0, EPERM);
+  host.failOnce(Call::copyRange, 0, EPERM);
+  host.failOnce(Call::punchHole, 0, EPERM);
+  EXPECT_EQ(systemCalls().cloneFile(copy, descriptor), -1);
+  EXPECT_EQ(systemCalls().copyRange(copy, descriptor, 0, 6), -1);
+  EXPECT_EQ(systemCalls().punchHole(descriptor, 0, 6), -1);
+  EXPECT_EQ(errno, EPERM);
+  host.cutOnce(Call::copyRange, exactly(2));
+  if (systemCalls().copyRange(copy, descriptor, 1, 3) == 2) {
+    EXPECT_EQ(host.writes(), (std::vector<Write>{{1, bytesOf("bc"), "copy"}}));
+  }
+  EXPECT_EQ(systemCalls().close(copy), 0);
+}
+
 TEST_F(Recorder, RunsTheTestsFunctionBeforeEachCall) {
   std::string seen;
   host.observe([&](Call call) { seen += std::string(nameOf(call)) + " " + contents() + ";"; });

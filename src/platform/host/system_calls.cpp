@@ -2,13 +2,16 @@
 //
 // QVDBASE_PORTABLE_POSIX selects, wherever a Linux call is used, its plain POSIX counterpart. Here
 // that is the kind of lock, which Linux can tie to one open file description and POSIX only to the
-// process; renaming without replacing; and extended attributes.
+// process; renaming without replacing; extended attributes; and sharing, copying and giving back
+// what files have stored.
 #include "platform/host/system_calls.h"
 
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #if !defined(QVDBASE_PORTABLE_POSIX) && defined(__linux__)
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 #define QVDBASE_HAS_ATTRIBUTES 1
@@ -91,6 +94,36 @@ off_t hostNextStored(int descriptor, off_t position) {
   return -1;
 #endif
 }
+
+#if defined(__linux__) && !defined(QVDBASE_PORTABLE_POSIX)
+int hostCloneFile(int to, int from) {
+  return ::ioctl(to, FICLONE, from);
+}
+
+ssize_t hostCopyRange(int to, int from, off_t position, size_t count) {
+  off_t target = position;
+  return ::copy_file_range(from, &position, to, &target, count, 0);
+}
+
+int hostPunchHole(int descriptor, off_t position, off_t length) {
+  return ::fallocate(descriptor, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, position, length);
+}
+#else
+int hostCloneFile(int, int) {
+  errno = ENOTSUP;
+  return -1;
+}
+
+ssize_t hostCopyRange(int, int, off_t, size_t) {
+  errno = ENOTSUP;
+  return -1;
+}
+
+int hostPunchHole(int, off_t, off_t) {
+  errno = ENOTSUP;
+  return -1;
+}
+#endif
 
 // Every transfer names its position, so the descriptor's own does not matter.
 int64_t hostLengthOf(int descriptor) {
@@ -232,6 +265,9 @@ constexpr SystemCalls kHostCalls = {
     .sync = ::fsync,
     .nextHole = hostNextHole,
     .nextStored = hostNextStored,
+    .cloneFile = hostCloneFile,
+    .copyRange = hostCopyRange,
+    .punchHole = hostPunchHole,
     .lengthOf = hostLengthOf,
     .fileSizeLimit = hostFileSizeLimit,
     .setLock = hostSetLock,

@@ -53,6 +53,15 @@ struct SystemCalls {
   // `position`; the end of the file counts as a hole. -1 also where the host does not know holes.
   off_t (*nextHole)(int descriptor, off_t position);
   off_t (*nextStored)(int descriptor, off_t position);
+  // Lets one file share the stored bytes of another, whole: nothing is copied until one of them is
+  // written to. Fails where the host or the file system has no such call, and for two file systems.
+  int (*cloneFile)(int to, int from);
+  // Copies up to `count` bytes within the host, to the same position of another file. Returns how
+  // many; 0 at the end of the source. Fails where the host or the file system has no such call.
+  ssize_t (*copyRange)(int to, int from, off_t position, size_t count);
+  // Gives what is stored of a range back to the file system: it reads as zeros, and the length of
+  // the file stays. Fails where the host or the file system has no such call.
+  int (*punchHole)(int descriptor, off_t position, off_t length);
   // The length of a regular file or block device, or -1. Not from its status: that has no size of
   // devices, and a host that has reported a file's times must store a new one at the next write,
   // which more than doubles the cost of that.
