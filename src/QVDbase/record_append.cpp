@@ -17,6 +17,7 @@
 #include "QVDbase/tables.h"
 #include "format/block_parts.h"
 #include "format/identifiers.h"
+#include "format/payload_checksum.h"
 #include "platform/host/clock.h"
 
 using namespace qvdbase;
@@ -33,14 +34,24 @@ bool writeNewRecordID(int16_t db, unsigned char* recordID, bool useGivenID) {
   return writeBytes(db, generated, sizeof generated);
 }
 
-// The block's fields from the mark to the two times.
+// The block's fields from the mark to the two times, which are `now` then.
 bool writeIdentity(int16_t db, const unsigned char* tableID, unsigned char* recordID,
-                   bool useGivenID) {
+                   bool useGivenID, uint32_t* now) {
   if (!writeBlockStart(db, kRecordBlock, tableID) || !writeNewRecordID(db, recordID, useGivenID)) {
     return false;
   }
-  const uint32_t now = platform::secondsSinceEpoch();
-  return writeUint32(db, now) && writeUint32(db, now);
+  *now = platform::secondsSinceEpoch();
+  return writeUint32(db, *now) && writeUint32(db, *now);
+}
+
+// Both lengths, the payload, and the rest of the block.
+bool writeProtected(int16_t db, const PayloadIdentity& identity, const unsigned char* payload,
+                    uint32_t capacity) {
+  PayloadHash hash;
+  hash.add(payload, identity.dataLength);
+  unsigned char sum[checksum::kSize];
+  encodeChecksum(identity, hash.of(identity), sum);
+  return writeBlockContent(db, payload, identity.dataLength, capacity, sum);
 }
 
 // The record that the new one follows: 0 when the table has none. Returns false when the slot
@@ -128,17 +139,22 @@ namespace qvdbase::engine {
 bool appendRecord(int16_t db, tablePart1* slot, const unsigned char* tableID,
                   unsigned char* recordID, int64_t slotPos, uint16_t slotSize,
                   const unsigned char* payload, uint32_t size, uint32_t reserve, bool useGivenID,
-                  int64_t* blockPos) {
+                  int64_t* blockPos, bool isProtected) {
   if (myFileSeek(db, 0, kFromEnd) != 0) return false;
   *blockPos = myGetFilePos(db);
-  if (!writeIdentity(db, tableID, recordID, useGivenID)) return false;
+  uint32_t now = 0;
+  if (!writeIdentity(db, tableID, recordID, useGivenID, &now)) return false;
   int64_t prevRecordPos = 0;
   if (!previousRecord(*slot, &prevRecordPos)) return false;
-  const uint32_t capacity = std::max(size, reserve);
-  if (!writeInt64(db, prevRecordPos) || !writeInt64(db, 0) ||
-      !writeBlockContent(db, payload, size, capacity)) {
-    return false;
-  }
+  const uint32_t capacity =
+      isProtected ? capacityWithChecksum(size, reserve) : std::max(size, reserve);
+  if (!writeInt64(db, prevRecordPos) || !writeInt64(db, 0)) return false;
+  const bool isWritten =
+      isProtected
+          ? writeProtected(db, {identifierNumber(tableID), identifierNumber(recordID), now, size},
+                           payload, capacity)
+          : writeBlockContent(db, payload, size, capacity);
+  if (!isWritten) return false;
   assert(myGetFilePos(db) == *blockPos + kRecordBlockOverhead + capacity && "a block out of place");
   if (prevRecordPos != 0 && !linkAfter(db, prevRecordPos, tableID, *blockPos)) return false;
 

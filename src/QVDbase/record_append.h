@@ -25,11 +25,12 @@ int internal_WriteOneRecordDataInEOF(int16_t db, tablePart1* slot, const unsigne
 namespace qvdbase::engine {
 
 // The same, with the block's position stored before anything is written, for callers that take the
-// block back after a failure.
+// block back after a failure. A block that is protected has a checksum of its payload, and the
+// capacity for it, and takes kMostWithChecksum bytes at most.
 [[nodiscard]] bool appendRecord(int16_t db, tablePart1* slot, const unsigned char* tableID,
                                 unsigned char* recordID, int64_t slotPos, uint16_t slotSize,
                                 const unsigned char* payload, uint32_t size, uint32_t reserve,
-                                bool useGivenID, int64_t* blockPos);
+                                bool useGivenID, int64_t* blockPos, bool isProtected = false);
 
 // Whether the slot's first position and its count agree on there being records.
 bool chainHeadMatchesCount(const tablePart1& slot);

@@ -38,6 +38,15 @@ bool lastRecordIsOpen(int16_t db, const tablePart1& slot) {
   return readRecordHeaderAt(db, slot.lastRecordPos, slot.tableID, &last) && last.nextRecordPos == 0;
 }
 
+uint32_t capacityOf(uint32_t length, uint32_t reserve, bool isProtected) {
+  return isProtected ? capacityWithChecksum(length, reserve) : std::max(length, reserve);
+}
+
+void encodeChecksum(const recordPart1& header, const PayloadHash& hash, unsigned char* sum) {
+  const PayloadIdentity identity = payloadIdentity(header);
+  format::encodeChecksum(identity, hash.of(identity), sum);
+}
+
 }  // namespace
 
 RecordBatch::RecordBatch(int16_t db, const FoundTable& table) : db_(db), table_(table) {}
@@ -58,7 +67,7 @@ bool RecordBatch::begin() {
 }
 
 bool RecordBatch::add(const BatchRecord& record, const unsigned char* payload) {
-  const uint32_t capacity = std::max(record.dataLength, record.reserve);
+  const uint32_t capacity = capacityOf(record.dataLength, record.reserve, record.isProtected);
   const int64_t blockSize = int64_t{capacity} + kRecordBlockOverhead;
   if (!canAdd(blockSize)) return false;
   if (blockSize > int64_t{kPieceSize} - pieceUsed_ && !writePiece()) return false;
@@ -66,10 +75,17 @@ bool RecordBatch::add(const BatchRecord& record, const unsigned char* payload) {
   recordPart1 header = headerOf(record);
   header.dataLength = record.dataLength;
   header.dataCapacity = capacity;
-  if (blockSize > int64_t{kPieceSize}) return writeAlone(header, payload, capacity);
+  unsigned char sum[checksum::kSize];
+  if (record.isProtected) {
+    PayloadHash hash;
+    hash.add(payload, record.dataLength);
+    encodeChecksum(header, hash, sum);
+  }
+  const unsigned char* const ownSum = record.isProtected ? sum : nullptr;
+  if (blockSize > int64_t{kPieceSize}) return writeAlone(header, payload, ownSum);
   unsigned char* data = piece_.data() + pieceUsed_ + record::kData;
   if (record.dataLength > 0) std::memcpy(data, payload, record.dataLength);
-  completeInPiece(header);
+  completeInPiece(header, ownSum);
   return true;
 }
 
@@ -108,14 +124,16 @@ bool RecordBatch::noteWritten(int64_t blockPos) {
 }
 
 // Makes a whole block of the payload that is in its place after the blocks of the piece.
-void RecordBatch::completeInPiece(const recordPart1& header) {
+void RecordBatch::completeInPiece(const recordPart1& header, const unsigned char* sum) {
   const int64_t blockPos = piecePos_ + pieceUsed_;
   if (pieceUsed_ > 0) linkInMemory(piece_.data() + lastInPiece_, blockPos);
   unsigned char* block = piece_.data() + pieceUsed_;
   encodeRecordHead(header, block);
   std::memset(block + record::kData + header.dataLength, 0,
               header.dataCapacity - header.dataLength);
-  block[record::kData + header.dataCapacity] = kBlockEndMark;
+  unsigned char* const end = block + record::kData + header.dataCapacity;
+  if (sum != nullptr) std::memcpy(end - checksum::kSize, sum, checksum::kSize);
+  *end = kBlockEndMark;
   lastInPiece_ = pieceUsed_;
   pieceUsed_ += static_cast<uint32_t>(kRecordBlockOverhead + header.dataCapacity);
   assert(pieceUsed_ <= kPieceSize && "a block that is larger than what is left of its piece");
@@ -175,7 +193,8 @@ bool RecordBatch::writePiece() {
 
 // A block that no piece can hold. The piece before it has been written.
 bool RecordBatch::writeAlone(const recordPart1& header, const unsigned char* payload,
-                             uint32_t capacity) {
+                             const unsigned char* sum) {
+  const uint32_t capacity = header.dataCapacity;
   const int64_t blockPos = piecePos_;
   unsigned char image[record::kData];
   encodeRecordHead(header, image);
@@ -183,7 +202,7 @@ bool RecordBatch::writeAlone(const recordPart1& header, const unsigned char* pay
                      [&] {
                        return writeBytes(db_, image, record::kData) &&
                               writeBytes(db_, payload, header.dataLength) &&
-                              writeBlockEnd(db_, capacity - header.dataLength) &&
+                              writeBlockEnd(db_, capacity - header.dataLength, sum) &&
                               linkToWritten(blockPos);
                      }) &&
          noteWritten(blockPos);
@@ -196,13 +215,16 @@ bool RecordBatch::openRecord(const BatchRecord& record) {
   open_.isOpen = true;
   open_.header = headerOf(record);
   open_.reserve = record.reserve;
+  open_.isProtected = record.isProtected;
   open_.blockPos = piecePos_ + pieceUsed_;
   open_.inPiece = record::kData;  // the header is stored last
   return true;
 }
 
 bool RecordBatch::appendPayload(const unsigned char* bytes, uint32_t count) {
-  if (failed_ || !open_.isOpen || count > UINT32_MAX - open_.length) return false;
+  const uint32_t most = open_.isProtected ? kMostWithChecksum : UINT32_MAX;
+  if (failed_ || !open_.isOpen || count > most - open_.length) return false;
+  if (open_.isProtected) open_.hash.add(bytes, count);
   while (count > 0) {
     if (open_.isInFile && open_.inPiece == 0 && count >= kPieceSize) {
       open_.length += count;
@@ -221,7 +243,7 @@ bool RecordBatch::appendPayload(const unsigned char* bytes, uint32_t count) {
 
 bool RecordBatch::closeRecord() {
   if (failed_ || !open_.isOpen) return false;
-  const uint32_t capacity = std::max(open_.length, open_.reserve);
+  const uint32_t capacity = capacityOf(open_.length, open_.reserve, open_.isProtected);
   const int64_t blockSize = int64_t{capacity} + kRecordBlockOverhead;
   const auto fits = [&] { return blockSize <= int64_t{kPieceSize} - pieceUsed_; };
   if (!open_.isInFile && !fits() && pieceUsed_ > 0 && !makeSpace()) return false;
@@ -229,8 +251,11 @@ bool RecordBatch::closeRecord() {
   open_.header.dataLength = open_.length;
   open_.header.dataCapacity = capacity;
   open_.isOpen = false;
-  if (open_.isInFile) return closeInFile();
-  completeInPiece(open_.header);
+  unsigned char sum[checksum::kSize];
+  if (open_.isProtected) encodeChecksum(open_.header, open_.hash, sum);
+  const unsigned char* const ownSum = open_.isProtected ? sum : nullptr;
+  if (open_.isInFile) return closeInFile(ownSum);
+  completeInPiece(open_.header, ownSum);
   return true;
 }
 
@@ -267,13 +292,13 @@ bool RecordBatch::writeOpenPart(const unsigned char* bytes, uint32_t count) {
 }
 
 // The lengths follow once all that they count is there.
-bool RecordBatch::closeInFile() {
+bool RecordBatch::closeInFile(const unsigned char* sum) {
   const uint32_t rest = std::exchange(open_.inPiece, 0);
   const uint32_t fill = open_.header.dataCapacity - open_.length;
   return appendPiece(
              int64_t{rest} + fill + 1,
              [&] {
-               return writeBytes(db_, piece_.data(), rest) && writeBlockEnd(db_, fill) &&
+               return writeBytes(db_, piece_.data(), rest) && writeBlockEnd(db_, fill, sum) &&
                       // unreached: own position
                       myFileSeek(db_, open_.blockPos + record::kDataLength, kFromStart) == 0 &&
                       writeUint32(db_, open_.header.dataLength) &&

@@ -16,6 +16,7 @@
 #include "QVDbase/tables.h"
 #include "QVDbase/take_back.h"
 #include "format/layout.h"
+#include "format/payload_checksum.h"
 #include "platform/host/memory.h"
 
 namespace qvdbase::engine {
@@ -26,7 +27,8 @@ struct BatchRecord {
   uint32_t createTime;
   uint32_t modifyTime;
   uint32_t dataLength;
-  uint32_t reserve;  // the block's capacity is the larger of reserve and dataLength
+  uint32_t reserve;          // the block's capacity is the larger of reserve and dataLength
+  bool isProtected = false;  // it gets a checksum of its payload, and the capacity for that
 };
 
 class RecordBatch {
@@ -47,8 +49,8 @@ class RecordBatch {
 
   // The same for a record in pieces: its header (dataLength does not count), its payload from the
   // beginning on, as often as wanted, and its end. In between nothing else can be added. False as
-  // for add(), and from appendPayload(), with nothing written, when the payload would reach 2^32
-  // bytes.
+  // for add(), and from appendPayload(), with nothing written, when the payload would become too
+  // large for its length, or for its checksum.
   [[nodiscard]] bool openRecord(const BatchRecord& record);
   [[nodiscard]] bool appendPayload(const unsigned char* bytes, uint32_t count);
   [[nodiscard]] bool closeRecord();
@@ -94,25 +96,27 @@ class RecordBatch {
     bool isInFile = false;  // its beginning is; else all of it is in memory
     recordPart1 header;
     uint32_t reserve;
+    bool isProtected;
     int64_t blockPos;
-    uint32_t length;   // of the payload so far
-    uint32_t inPiece;  // bytes of it in memory, after the blocks of the piece
+    uint32_t length;           // of the payload so far
+    format::PayloadHash hash;  // of that, where it is protected
+    uint32_t inPiece;          // bytes of it in memory, after the blocks of the piece
   };
 
   [[nodiscard]] bool canAdd(int64_t blockSize) const;
   [[nodiscard]] recordPart1 headerOf(const BatchRecord& record) const;
   void noteAdded(int64_t blockPos);
   bool noteWritten(int64_t blockPos);
-  void completeInPiece(const recordPart1& header);
+  void completeInPiece(const recordPart1& header, const unsigned char* sum);
   [[nodiscard]] bool isAtEnd(int64_t length);
   template <typename Write>
   [[nodiscard]] bool appendPiece(int64_t length, Write write);
   [[nodiscard]] bool writePiece();
   [[nodiscard]] bool writeOpenPart(const unsigned char* bytes, uint32_t count);
   [[nodiscard]] bool makeSpace();
-  [[nodiscard]] bool closeInFile();
+  [[nodiscard]] bool closeInFile(const unsigned char* sum);
   [[nodiscard]] bool writeAlone(const recordPart1& header, const unsigned char* payload,
-                                uint32_t capacity);
+                                const unsigned char* sum);
   [[nodiscard]] bool linkToWritten(int64_t pieceFirst);
   [[nodiscard]] bool endsSoundly();
   [[nodiscard]] bool takeIn();

@@ -11,6 +11,7 @@
 
 #include "QVDbase/position.h"
 #include "format/block_parts.h"
+#include "format/payload_checksum.h"
 #include "platform/host/clock.h"
 
 using namespace qvdbase;
@@ -20,12 +21,39 @@ using namespace qvdbase::engine;
 namespace {
 
 bool writeBlock(int16_t db, const unsigned char* tableID, const recordPart1& header,
-                const unsigned char* payload) {
+                const unsigned char* payload, const unsigned char* sum) {
   return writeBlockStart(db, kRecordBlock, tableID) &&
          writeBytes(db, header.recordID, sizeof header.recordID) &&
          writeUint32(db, header.createTime) && writeUint32(db, header.modifyTime) &&
          writeInt64(db, header.prevRecordPos) && writeInt64(db, header.nextRecordPos) &&
-         writeBlockContent(db, payload, header.dataLength, header.dataCapacity);
+         writeBlockContent(db, payload, header.dataLength, header.dataCapacity, sum);
+}
+
+// The header has the lengths.
+bool appendMoved(int16_t db, const tablePart1& slot, recordPart1* header,
+                 const unsigned char* payload, const unsigned char* sum, int64_t* newRecordPos) {
+  header->blockMark = kRecordMark;
+  header->headerSize = kRecordHeaderSize;
+  header->endMarkValue = kHeaderInMemoryEndMark;
+  if (myFileSeek(db, 0, kFromEnd) != 0) return false;
+  const int64_t blockPos = myGetFilePos(db);
+  if (newRecordPos != nullptr) *newRecordPos = blockPos;
+  if (!writeBlock(db, slot.tableID, *header, payload, sum)) return false;
+  assert(myGetFilePos(db) == blockPos + kRecordBlockOverhead + header->dataCapacity &&
+         "a block out of place");
+  return true;
+}
+
+bool appendMovedProtected(int16_t db, const tablePart1& slot, recordPart1* header,
+                          const unsigned char* payload, uint32_t size, int64_t* newRecordPos) {
+  header->dataLength = size;
+  header->dataCapacity = capacityWithChecksum(size, 0);
+  PayloadHash hash;
+  hash.add(payload, size);
+  const PayloadIdentity identity = payloadIdentity(*header);
+  unsigned char sum[checksum::kSize];
+  encodeChecksum(identity, hash.of(identity), sum);
+  return appendMoved(db, slot, header, payload, sum, newRecordPos);
 }
 
 bool relinkPredecessor(int16_t db, FoundRecord* found, int64_t newRecordPos) {
@@ -76,43 +104,46 @@ int internal_WriteOneRecordDataInEOF_Modify(int16_t db, const tablePart1* slot, 
                                             int64_t* newRecordPos) {
   header->dataLength = size;
   header->dataCapacity = size;  // a relocated record keeps no spare capacity
-  header->blockMark = kRecordMark;
-  header->headerSize = kRecordHeaderSize;
-  header->endMarkValue = kHeaderInMemoryEndMark;
-  if (myFileSeek(db, 0, kFromEnd) != 0) return 0;
-  const int64_t blockPos = myGetFilePos(db);
-  if (newRecordPos != nullptr) *newRecordPos = blockPos;
-  if (!writeBlock(db, slot->tableID, *header, payload)) return 0;
-  assert(myGetFilePos(db) == blockPos + kRecordBlockOverhead + size && "a block out of place");
-  return 1;
+  return appendMoved(db, *slot, header, payload, nullptr, newRecordPos) ? 1 : 0;
 }
 
 namespace qvdbase::engine {
 
 bool overwriteRecord(int16_t db, int64_t recordPos, const unsigned char* payload, uint32_t size) {
+  return overwriteRecordAt(db, recordPos, payload, size, platform::secondsSinceEpoch());
+}
+
+bool overwriteRecordAt(int16_t db, int64_t recordPos, const unsigned char* payload, uint32_t size,
+                       uint32_t now) {
   constexpr uint32_t kOverLinks = record::kDataLength - record::kPrevRecordPos;
   constexpr uint32_t kOverCapacity = record::kData - record::kDataCapacity;
-  return myFileSeek(db, recordPos + record::kModifyTime, kFromStart) == 0 &&
-         writeUint32(db, platform::secondsSinceEpoch()) && writeUint32After(db, kOverLinks, size) &&
+  return myFileSeek(db, recordPos + record::kModifyTime, kFromStart) == 0 && writeUint32(db, now) &&
+         writeUint32After(db, kOverLinks, size) &&
          writeBytesAfter(db, kOverCapacity, payload, size);
 }
 
 bool overwritePart(int16_t db, int64_t recordPos, uint32_t offset, const unsigned char* bytes,
                    uint32_t count) {
-  return myFileSeek(db, recordPos + record::kModifyTime, kFromStart) == 0 &&
-         writeUint32(db, platform::secondsSinceEpoch()) &&
+  return overwritePartAt(db, recordPos, offset, bytes, count, platform::secondsSinceEpoch());
+}
+
+bool overwritePartAt(int16_t db, int64_t recordPos, uint32_t offset, const unsigned char* bytes,
+                     uint32_t count, uint32_t now) {
+  return myFileSeek(db, recordPos + record::kModifyTime, kFromStart) == 0 && writeUint32(db, now) &&
          // unreached: own position
          myFileSeek(db, recordPos + record::kData + offset, kFromStart) == 0 &&
          writeBytes(db, bytes, count);
 }
 
 bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload, uint32_t size,
-                    int64_t* newRecordPos) {
+                    int64_t* newRecordPos, bool isProtected) {
   found->header.modifyTime = platform::secondsSinceEpoch();
-  if (internal_WriteOneRecordDataInEOF_Modify(db, &found->table.slot, &found->header, payload, size,
-                                              newRecordPos) != 1) {
-    return false;
-  }
+  const tablePart1& slot = found->table.slot;
+  const bool isAppended =
+      isProtected ? appendMovedProtected(db, slot, &found->header, payload, size, newRecordPos)
+                  : internal_WriteOneRecordDataInEOF_Modify(db, &slot, &found->header, payload,
+                                                            size, newRecordPos) == 1;
+  if (!isAppended) return false;
   return relinkPredecessor(db, found, *newRecordPos) && relinkSuccessor(db, found, *newRecordPos);
 }
 

@@ -17,15 +17,22 @@ namespace qvdbase::engine {
 
 // The two ways in which a record that was found takes a new payload. `overwriteRecord` needs a size
 // that fits its capacity and leaves the file right after the payload; `relocateRecord` appends a
-// new block and puts it into the chain in the old one's place.
+// new block and puts it into the chain in the old one's place. One that is protected gets a
+// checksum, and the capacity for it.
 [[nodiscard]] bool overwriteRecord(int16_t db, int64_t recordPos, const unsigned char* payload,
                                    uint32_t size);
 [[nodiscard]] bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload,
-                                  uint32_t size, int64_t* newRecordPos);
+                                  uint32_t size, int64_t* newRecordPos, bool isProtected = false);
 
 // Writes over part of the payload of a record that was found, and its modifyTime first. The caller
 // has made sure that the record's dataLength covers the part.
 [[nodiscard]] bool overwritePart(int16_t db, int64_t recordPos, uint32_t offset,
                                  const unsigned char* bytes, uint32_t count);
+
+// Both with a given time.
+[[nodiscard]] bool overwriteRecordAt(int16_t db, int64_t recordPos, const unsigned char* payload,
+                                     uint32_t size, uint32_t now);
+[[nodiscard]] bool overwritePartAt(int16_t db, int64_t recordPos, uint32_t offset,
+                                   const unsigned char* bytes, uint32_t count, uint32_t now);
 
 }  // namespace qvdbase::engine

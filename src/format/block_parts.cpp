@@ -10,14 +10,16 @@ bool writeBlockStart(int16_t file, BlockKind kind, const unsigned char* tableID)
          writeBytes(file, tableID, kIdentifierSize);
 }
 
-bool writeBlockContent(int16_t file, const unsigned char* data, uint32_t length,
-                       uint32_t capacity) {
+bool writeBlockContent(int16_t file, const unsigned char* data, uint32_t length, uint32_t capacity,
+                       const unsigned char* sum) {
   return writeUint32(file, length) && writeUint32(file, capacity) &&
-         writeBytes(file, data, length) && writeBlockEnd(file, capacity - length);
+         writeBytes(file, data, length) && writeBlockEnd(file, capacity - length, sum);
 }
 
-bool writeBlockEnd(int16_t file, uint32_t fill) {
+bool writeBlockEnd(int16_t file, uint32_t fill, const unsigned char* sum) {
+  if (sum != nullptr) fill -= checksum::kSize;
   return (fill == 0 || internal_WriteEmptyDatas(file, fill) == 1) &&
+         (sum == nullptr || writeBytes(file, sum, checksum::kSize)) &&
          writeUint8(file, kBlockEndMark);
 }
 

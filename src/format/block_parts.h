@@ -32,11 +32,11 @@ template <typename Head>
 [[nodiscard]] bool writeBlockStart(int16_t file, BlockKind kind, const unsigned char* tableID);
 
 // The rest of a block from its lengths on: both lengths, the data, fill up to the capacity, and the
-// end mark.
+// end mark. With a checksum, `sum`, that is the end of the fill.
 [[nodiscard]] bool writeBlockContent(int16_t file, const unsigned char* data, uint32_t length,
-                                     uint32_t capacity);
+                                     uint32_t capacity, const unsigned char* sum = nullptr);
 
 // The fill after data, which may be none, and the end mark.
-[[nodiscard]] bool writeBlockEnd(int16_t file, uint32_t fill);
+[[nodiscard]] bool writeBlockEnd(int16_t file, uint32_t fill, const unsigned char* sum = nullptr);
 
 }  // namespace qvdbase::format

@@ -109,6 +109,23 @@ inline constexpr int64_t kData = kDataCapacity + 4;  // dataCapacity bytes, then
 static_assert(kData == 55);
 }  // namespace record
 
+// Checksum of a payload: the last bytes of the block's capacity, right before the end mark, where
+// the block has one. Offsets from its first byte.
+namespace checksum {
+inline constexpr int64_t kMagic = 0;                     // four bytes
+inline constexpr int64_t kModifyTime = kMagic + 4;       // uint32, of the header
+inline constexpr int64_t kDataLength = kModifyTime + 4;  // uint32, of the header
+inline constexpr int64_t kHashHigh = kDataLength + 4;    // uint64
+inline constexpr int64_t kHashLow = kHashHigh + 8;       // uint64
+inline constexpr uint32_t kSize = kHashLow + 8;
+static_assert(kSize == 28);
+}  // namespace checksum
+
+inline constexpr unsigned char kChecksumMagic[] = {0xC5, 'Q', 'V', 'c'};
+// By so much the capacity of a new block is larger that gets a checksum.
+inline constexpr uint32_t kChecksumCapacity = 32;
+static_assert(kChecksumCapacity >= checksum::kSize);
+
 inline constexpr uint8_t kRecordMark = 135;
 inline constexpr uint16_t kRecordHeaderSize = 64;  // the stored number; the header has 55 bytes
 inline constexpr uint8_t kHeaderInMemoryEndMark = 'x';
