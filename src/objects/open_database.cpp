@@ -44,15 +44,17 @@ void OpenDatabase::takeOver(OpenDatabase& other) noexcept {
 int OpenDatabase::close() noexcept {
   withdraw(*this);
   isBesideWriters = false;
-  // From then on looks through readers exclude other processes by themselves.
   const int16_t closed = handle;
-  const bool isOwn = opener.isStillOwn();
-  if (isOwn) {
-    platform::stopWaitingForTurn(closed, this);
-    platform::beginChange(closed);
+  if (!opener.isStillOwn()) {
+    handle = 0;
+    return CloseDBase(closed);
   }
+  platform::stopWaitingForTurn(closed, this);
+  // From then on looks through readers exclude other processes by themselves. In a child they do so
+  // from their first one on.
+  platform::beginChange(closed);
   handle = 0;
-  isOwn ? platform::endChange(closed) : platform::forgetLooks(closed);
+  platform::endChange(closed);
   return CloseDBase(closed);
 }
 

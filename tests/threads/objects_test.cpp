@@ -9,9 +9,12 @@
 #include <thread>
 
 #include "kit/forked.h"
+#include "kit/replaced_calls.h"
+#include "kit/sanitized.h"
 #include "kit/threads.h"
 #include "objects/layer_fixture.h"
 #include "platform/handles/lock_bytes.h"
+#include "platform/handles/open_files.h"
 #include "platform/handles/turns.h"
 #include "platform/host/system_calls.h"
 
@@ -672,6 +675,38 @@ TEST_F(ForkedDatabase, IsNotReadInTheChildWhenItsPathLeadsElsewhere) {
             }),
             0);
   EXPECT_EQ(table.count(), kLasting);
+}
+
+// A thread of the child is in the middle of a read meanwhile: its look must be counted as one until
+// it ends.
+TEST_F(ForkedDatabase, IsClosedInTheChildBesideItsReaders) {
+  if (kThreadsAreWatched) GTEST_SKIP() << "the thread sanitizer starts no threads after a fork";
+  fill();
+  const auto closesBesideAReader = [&] {
+    const qvdb::Reader reader = database.reader();
+    const qvdb::Table viewed = reader.table("t");
+    const auto* entry = platform::findOpenFile(database.handle())->entry;
+    static std::latch isReading(1);
+    static std::latch isClosed(1);
+    ReplacedCalls calls;
+    calls->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
+      if (!isReading.try_wait()) {
+        isReading.count_down();
+        isClosed.wait();
+      }
+      return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+    };
+    std::thread thread([&] { EXPECT_EQ(viewed.count(), kLasting); });
+    isReading.wait();
+    EXPECT_EQ(entry->viewLooks, 1u);
+    database.close();
+    EXPECT_EQ(entry->viewLooks, 1u);
+    isClosed.count_down();
+    thread.join();
+    EXPECT_EQ(entry->viewLooks, 0u);
+    return HasFailure() ? 1 : 0;
+  };
+  EXPECT_EQ(inForkedChild(closesBesideAReader), 0);
 }
 
 TEST_F(ForkedDatabase, LosesNothingThatParentAndChildAddAtOnce) {

@@ -98,8 +98,4 @@ void endViewLook(int16_t view) {
   if (looks.fetch_sub(1) == (kChange | 1)) looks.notify_all();
 }
 
-void forgetLooks(int16_t file) {
-  if (FileEntry* entry = entryOf(file)) looksAt(*entry).store(0);
-}
-
 }  // namespace qvdbase::platform

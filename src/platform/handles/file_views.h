@@ -30,7 +30,4 @@ void endChange(FileEntry* entry);
 void beginViewLook(int16_t view);
 void endViewLook(int16_t view);
 
-// In a child made by fork: the looks of the parent's threads that were copied do not end here.
-void forgetLooks(int16_t file);
-
 }  // namespace qvdbase::platform
