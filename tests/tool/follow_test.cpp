@@ -14,6 +14,7 @@
 #include "kit/replaced_calls.h"
 #include "tool/tool_fixture.h"
 #include "tools/qvdb/feed/follow.h"
+#include "tools/qvdb/streams/output.h"
 
 namespace qvdbase::test {
 namespace {
@@ -120,10 +121,28 @@ class ToolFollow : public ToolTest {
     outcome_ = runProgram(call);
   }
 
+  // What the command lists in this process until it has listed so many.
+  Words followed(const qvdb::tool::Newest& newest, uint64_t limit) {
+    qvdb::tool::discardOutput();  // of other tests in this process
+    testing::internal::CaptureStdout();
+    int status = -1;
+    try {
+      status = qvdb::tool::followRecords({path().native(), "notes", newest, limit, true});
+      qvdb::tool::flushOutput();
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << error.what();
+    }
+    EXPECT_EQ(status, 0);
+    return listedIn(testing::internal::GetCapturedStdout());
+  }
+
   // The identifiers that were listed so far, of whole lines.
   Words listed() const {
     const Bytes bytes = contents("listed");
-    const std::string text(bytes.begin(), bytes.end());
+    return listedIn({bytes.begin(), bytes.end()});
+  }
+
+  static Words listedIn(const std::string& text) {
     Words ids;
     std::istringstream lines(text.substr(0, text.rfind('\n') + 1));
     for (std::string line; std::getline(lines, line);) {
@@ -445,6 +464,64 @@ TEST_F(ToolFollow, WaitsWhereEveryLookFindsSomethingElse) {
   const qvdb::tool::Newest onlyNew = {0, std::nullopt};
   EXPECT_EQ(qvdb::tool::followRecords({path().native(), "notes", onlyNew, 1, true}), 0);
   EXPECT_EQ(mark, 7);
+}
+
+// The same from the beginning, until the file is sound.
+TEST_F(ToolFollow, BeginsWhenALookSucceeds) {
+  OtherProcess writer;
+  FileImage image;
+  image.addTable("notes", 0x11);
+  image.addRecord(0, 1, bytesOf("x"));
+  image.addRecord(0, 2, bytesOf("x"));
+  static Bytes sound;
+  sound = image.build();
+  writeFile(path(), sound);
+  ASSERT_NE(writer.open(folder.wide(kDefaultFile), 4), 0);
+  static std::filesystem::path file;
+  static uint8_t mark;
+  file = path();
+  writeFile(file, sound.with(22, Bytes{mark = 1}));
+  ReplacedCalls calls;
+  calls->pause = [](uint64_t length) {
+    platform::hostSystemCalls().pause(length);
+    if (mark < 20) writeFile(file, ++mark < 20 ? sound.with(22, Bytes{mark}) : sound);
+  };
+  EXPECT_EQ(followed({}, 2), Words({idText(1), idText(2)}));
+  EXPECT_EQ(mark, 20);
+}
+
+// What the first listing has delivered before that is not listed again.
+TEST_F(ToolFollow, GoesOnWhereItsFirstListingHasFailed) {
+  OtherProcess writer;
+  FileImage image;
+  image.addTable("notes", 0x11);
+  image.addRecord(0, 1, pattern(100'000));
+  image.addRecord(0, 2, bytesOf("x"));
+  image.addRecord(0, 3, bytesOf("x"));
+  static Bytes sound, damaged;
+  sound = image.build();
+  writeFile(path(), sound);
+  damaged =
+      sound.with(static_cast<size_t>(database().tables.at(0).records.at(1).position), Bytes{0});
+  ASSERT_NE(writer.open(folder.wide(kDefaultFile), 4), 0);
+  static std::filesystem::path file;
+  static int looksAtFirst;
+  static int pauses;
+  file = path();
+  looksAtFirst = pauses = 0;
+  ReplacedCalls calls;
+  calls->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
+    if (position >= 4630 && position < 50'000) ++looksAtFirst;
+    // The second look at the first record is that of the listing.
+    if (position > 50'000 && looksAtFirst >= 2 && pauses == 0) writeFile(file, damaged);
+    return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+  };
+  calls->pause = [](uint64_t length) {
+    platform::hostSystemCalls().pause(length);
+    if (looksAtFirst >= 2 && ++pauses == 8) writeFile(file, sound);
+  };
+  EXPECT_EQ(followed({}, 3), Words({idText(1), idText(2), idText(3)}));
+  EXPECT_GE(pauses, 8);
 }
 
 // Of a pipe whose reader has gone: nothing is added that could not be written.

@@ -45,6 +45,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  holdInterrupts();
   openMissingStreams();
   catchInterrupts();
   try {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "commands/locate.h"
 #include "feed/file_watch.h"
@@ -43,12 +44,8 @@ class Follower {
 
   void run() {
     if (left_ == 0) return;
-    watch_.begin();
-    database_ = Database::open(options_.file, {.wait = kLongestTurn});
-    table_ = findTable(database_, options_.table);
-    hasTable_ = true;
+    while (!begins()) watch_.wait(true);
     if (!options_.json) printHead("CAPACITY", false);
-    feed_.begin(table_);
     bool goesOn = listPresent();
     while (goesOn) {
       flushOutput();
@@ -58,15 +55,54 @@ class Follower {
   }
 
  private:
+  // Whether to look again after a look that has failed. A writer that is stopped in the middle of a
+  // change is waited for, however long it takes.
+  bool isTriedAgain(const Error& error) {
+    if (error.reason() == Reason::in_use) return true;
+    return mayPass(error) && ++failedLooks_ != kMostLooks;
+  }
+
+  // False when it has to be tried again.
+  bool begins() {
+    try {
+      watch_.begin();
+      database_ = Database::open(options_.file, {.wait = kLongestTurn});
+      table_ = findTable(database_, options_.table);
+      hasTable_ = true;
+      return true;
+    } catch (const Error& error) {
+      if (!isTriedAgain(error)) throw;
+      return false;
+    }
+  }
+
   // Each of these returns false when the limit is reached.
   bool listPresent() {
-    bool goesOn = true;
-    forEachOf(table_, options_.newest, [&](const Record& record) {
-      feed_.note(record);
-      goesOn = show(record);
-      return goesOn;
-    });
-    return goesOn;
+    for (;;) {
+      RecordFeed listed;
+      bool goesOn = true;
+      try {
+        feed_ = RecordFeed();
+        feed_.begin(table_);
+        forEachOf(table_, options_.newest, [&](const Record& record) {
+          listed.note(record);
+          feed_.note(record);
+          goesOn = show(record);
+          return goesOn;
+        });
+        failedLooks_ = 0;
+        return goesOn;
+      } catch (const Error& error) {
+        if (!isTriedAgain(error)) throw;
+        // What has been listed is not listed again: the looks go on from there.
+        if (listed.hasSeen()) {
+          if (!options_.newest.isAll() && error.reason() == Reason::chain_damaged) throw;
+          feed_ = std::move(listed);
+          return true;
+        }
+      }
+      watch_.wait(true);
+    }
   }
 
   bool look() {
@@ -80,9 +116,7 @@ class Follower {
       if (hasTable_ || isMissing_) failedLooks_ = 0;
       return goesOn;
     } catch (const Error& error) {
-      // A writer that is stopped in the middle of a change is waited for, however long it takes.
-      if (error.reason() == Reason::in_use) return true;
-      if (!mayPass(error) || ++failedLooks_ == kMostLooks) throw;
+      if (!isTriedAgain(error)) throw;
       return true;
     }
   }

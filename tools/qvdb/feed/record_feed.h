@@ -31,6 +31,9 @@ class RecordFeed {
   // Regards a record as seen. To be called in the order of the chain.
   void note(const Record& record);
 
+  // Whether there is a record that it regards as seen.
+  bool hasSeen() const { return last_.has_value(); }
+
   // Calls take(record) for each record that was added since, oldest first, and regards it as seen.
   // False when take() has returned false. After an Error, the next call goes on with the next
   // record.

@@ -7,12 +7,20 @@
 
 #include <cerrno>
 #include <csignal>
-#include <initializer_list>
 
 #include "streams/output.h"
 
 namespace qvdb::tool {
 namespace {
+
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+sigset_t endingSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : kEndingSignals) sigaddset(&signals, signal);
+  return signals;
+}
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -29,6 +37,11 @@ void noteInterrupt(int) {
 
 }  // namespace
 
+void holdInterrupts() {
+  const sigset_t held = endingSignals();
+  ::sigprocmask(SIG_BLOCK, &held, nullptr);
+}
+
 void catchInterrupts() {
   // Without the pipe a signal is still noted.
   static_cast<void>(!::pipe2(notice, O_CLOEXEC | O_NONBLOCK));
@@ -36,15 +49,13 @@ void catchInterrupts() {
   action.sa_handler = noteInterrupt;
   action.sa_flags = static_cast<int>(SA_RESETHAND);  // and without SA_RESTART: waiting reads return
   sigemptyset(&action.sa_mask);
-  sigset_t noted;
-  sigemptyset(&noted);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    sigaddset(&noted, signal);
+  for (const int signal : kEndingSignals) {
     struct sigaction before = {};
     // One that the caller ignores, as nohup does, stays ignored.
     if (::sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
     ::sigaction(signal, &action, nullptr);
   }
+  const sigset_t noted = endingSignals();
   ::sigprocmask(SIG_UNBLOCK, &noted, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);

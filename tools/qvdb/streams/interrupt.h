@@ -7,10 +7,14 @@ namespace qvdb::tool {
 // Thrown by throwIfInterrupted; main prints "interrupted".
 struct Interrupted {};
 
+// Keeps the signals that ask a process to end waiting until catchInterrupts(). The first thing that
+// main() does: before that, they end the process as they end any other.
+void holdInterrupts();
+
 // From now on SIGINT, SIGTERM and SIGHUP are only noted; a second one of a kind ends the process at
-// once. One that was blocked until now, and sent, is noted too: before main() begins, that is how a
-// program that starts this one keeps a signal from ending it. Signals about failed writes are
-// ignored: the write itself reports the failure.
+// once. One that was blocked until now, and sent, is noted too, whether this process has blocked it
+// or the one that has started it. Signals about failed writes are ignored: the write itself reports
+// the failure.
 void catchInterrupts();
 
 // Waits until the descriptor has something to read, or is at its end. Throws Interrupted when a
