@@ -7,6 +7,7 @@
 #include "QVDbase/tables.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
+#include "platform/handles/lock_trial.h"
 #include "platform/handles/open_failure.h"
 #include "platform/handles/open_files.h"
 #include "platform/handles/sync.h"
@@ -65,7 +66,16 @@ std::optional<Fault> readSlot(int16_t db, const engine::DirectoryNumbers& number
                "entry " + std::to_string(index + 1) + " of its table directory is damaged"};
 }
 
-int16_t openFile(const std::filesystem::path& path, const std::filesystem::path& place,
+namespace {
+
+// The kind of file system where a lock keeps no other process out, or null.
+const char* withoutLocks(int16_t number, const std::filesystem::path& place) {
+  std::error_code unknown;
+  const std::filesystem::path absolute = std::filesystem::absolute(place, unknown);
+  return unknown ? nullptr : platform::fileSystemWithoutLocks(number, absolute.native());
+}
+
+int16_t openWith(const std::filesystem::path& path, const std::filesystem::path& place,
                  int permission, const char* operation) {
   const std::vector<QVWCHAR> wide = failure::nativePath(place, operation);
   // The obstacle may be gone by the time it is looked for: then opening is tried again.
@@ -76,6 +86,20 @@ int16_t openFile(const std::filesystem::path& path, const std::filesystem::path&
     if (tries > 1 && found.failure == platform::OpenFailure::none) continue;
     failure::throwOpenFailure(path, operation, found);
   }
+}
+
+}  // namespace
+
+int16_t openFile(const std::filesystem::path& path, const std::filesystem::path& place,
+                 int permission, const char* operation) {
+  const int16_t number = openWith(path, place, permission, operation);
+  const char* fileSystem = withoutLocks(number, place);
+  if (fileSystem == nullptr) return number;
+  CloseDBase(number);
+  if (permission == DatabaseHandle::any) {
+    return openWith(path, place, DatabaseHandle::readOnly, operation);
+  }
+  failure::throwOpenFailure(path, operation, platform::lockWithoutEffect(fileSystem));
 }
 
 DatabaseHandle::DatabaseHandle(const std::filesystem::path& path, Permission permission)

@@ -30,7 +30,8 @@ std::optional<Fault> readSlot(int16_t db, const engine::DirectoryNumbers& number
                               tablePart1* slot);
 
 // Opens the file at `place` and returns its number. Throws Error of this operation, which names the
-// file by `path`: the same, as the caller has given it.
+// file by `path`: the same, as the caller has given it. For writing also cannot_lock where the lock
+// would have no effect; `any` is readOnly there.
 int16_t openFile(const std::filesystem::path& path, const std::filesystem::path& place,
                  int permission, const char* operation);
 

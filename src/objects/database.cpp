@@ -160,8 +160,12 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
   if (target.isReadHere()) {
     failure::throwError(path, kOperation, Reason::in_use, "this program has it open");
   }
+  platform::NewFile& file = target.create(nullptr);
+  if (const char* fileSystem = file.fileSystemWithoutLocks()) {
+    failure::throwOpenFailure(path, kOperation, platform::lockWithoutEffect(fileSystem));
+  }
   int16_t handle = 0;
-  if (!target.create(nullptr).handOver(&handle)) {
+  if (!file.handOver(&handle)) {
     failure::throwError(path, kOperation, Reason::cannot_open, "too many files are open");
   }
   state->handle = handle;

@@ -2,6 +2,7 @@
 #include "kit/recorded_calls.h"
 #include "kit/replaced_calls.h"
 #include "objects/layer_fixture.h"
+#include "platform/host/system_calls.h"
 
 namespace qvdbase::test {
 namespace {
@@ -214,6 +215,88 @@ TEST_F(LayerOpen, NamesTheFileSystemThatDoesNotLock) {
   EXPECT_NE(expectError(Reason::cannot_lock, [&] { openDatabase(Mode::shared); })
                 .find("its file system does not lock files"),
             std::string::npos);
+}
+
+// A host that is said to have a file system of others, and counts how often it was asked.
+class ForeignHost : public ReplacedCalls {
+ public:
+  ForeignHost() {
+    questions = 0;
+    (*this)->fileSystem = [](int) {
+      ++questions;
+      return "fuse";
+    };
+  }
+  // Every lock is granted, none excludes.
+  void grantsAll() {
+    (*this)->setLock = [](int, struct flock*) { return 0; };
+    (*this)->findLock = [](int, struct flock* lock) {
+      lock->l_type = F_UNLCK;
+      return 0;
+    };
+  }
+  inline static int questions = 0;
+};
+
+TEST_F(LayerOpen, RefusesToWriteWhereLocksHaveNoEffect) {
+  if (!platform::locksPassToChildren()) GTEST_SKIP() << "a process has no stranger to its locks";
+  createDatabase().add_table("t");
+  ForeignHost host;
+  host.grantsAll();
+  const std::string why = "its file system (fuse) does not lock files";
+  for (const Mode mode : {Mode::exclusive, Mode::shared}) {
+    EXPECT_NE(expectError(Reason::cannot_lock, [&] { openDatabase(mode); }).find(why),
+              std::string::npos);
+  }
+  EXPECT_NE(expectError(Reason::cannot_lock, [&] { Database::create(path("new.qvd")); }).find(why),
+            std::string::npos);
+  EXPECT_NE(expectError(Reason::cannot_lock, [&] { qvdb::compact(path()); }).find(why),
+            std::string::npos);
+  expectError(Reason::cannot_lock, [&] { qvdb::mend(path()); });
+  EXPECT_EQ(names(), std::vector<std::string>{kDefaultFile});
+  // Whoever only reads is admitted, and so is who takes what there is.
+  EXPECT_EQ(openDatabase(Mode::read_only).tables().size(), 1u);
+  Database any = openDatabase(Mode::any);
+  expectError(Reason::read_only, [&] { any.add_table("u"); });
+}
+
+TEST_F(LayerOpen, TriesTheLocksOfForeignFileSystemsOnly) {
+  if (!platform::locksPassToChildren()) GTEST_SKIP() << "a process has no stranger to its locks";
+  createDatabase();
+  ForeignHost host;
+  for (const Mode mode : {Mode::exclusive, Mode::shared, Mode::any}) {
+    ForeignHost::questions = 0;
+    Database database = openDatabase(mode);
+    database.set_version(100);
+    EXPECT_EQ(ForeignHost::questions, 1);
+  }
+  EXPECT_TRUE(Database::create(path("new.qvd")).is_open());
+  // The lock itself is tried where the host does not say who has one.
+  host->findLock = [](int, struct flock*) {
+    errno = EINVAL;
+    return -1;
+  };
+  EXPECT_TRUE(openDatabase(Mode::exclusive).is_open());
+  host.grantsAll();
+  for (const char* kind : {static_cast<const char*>(nullptr), "overlay"}) {
+    static const char* answer;
+    answer = kind;
+    host->fileSystem = [](int) { return answer; };
+    EXPECT_TRUE(openDatabase(Mode::exclusive).is_open());
+  }
+}
+
+// Each answer but that another opener has the lock.
+TEST_F(LayerOpen, SaysThatAFileCannotBeLockedWhateverTheSystemAnswers) {
+  createDatabase();
+  for (const int code : {ENOLCK, EINVAL, ENOSYS, EOPNOTSUPP, EIO, EPERM}) {
+    LockedHost host(code);
+    LockedHost::tell(0, "fuse");
+    const auto error = errorOf([&] { openDatabase(Mode::exclusive); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->reason(), Reason::cannot_lock) << code << ": " << error->what();
+    EXPECT_EQ(error->system_code().value(), code);
+  }
 }
 
 TEST_F(LayerOpen, GetsADatabaseThatBecomesFreeMeanwhile) {

@@ -2,8 +2,10 @@
 #include "platform/handles/held_file.h"
 
 #include <memory>
+#include <utility>
 #include <vector>
 
+#include "platform/handles/lock_trial.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/system_calls.h"
 #include "platform/paths/host_path.h"
@@ -31,7 +33,10 @@ OpenFailureFound HeldFile::hold(const std::string& path) {
   Directory folder;
   const std::unique_ptr<EntryName> name = walkToParent(path, &folder);
   if (!name || !join(folder, *name)) return whyNot(path);
-  return {};
+  const char* fileSystem = fileSystemWithoutLocks(*entry_, folder, *name);
+  if (fileSystem == nullptr) return {};
+  leaveEntry(std::exchange(entry_, nullptr), sharing_);
+  return lockWithoutEffect(fileSystem);
 }
 
 bool HeldFile::lookAt(const std::string& path) {

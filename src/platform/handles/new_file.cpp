@@ -2,6 +2,7 @@
 #include "platform/handles/new_file.h"
 
 #include "platform/handles/file_creation.h"
+#include "platform/handles/lock_trial.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
 #include "platform/host/system_calls.h"
@@ -111,6 +112,11 @@ Placing NewFile::giveName(const Replaced& replaced) {
   if (!replaced.isAnything && replaced.file == nullptr) return renameWhereNothingIs(from, to);
   if (replaced.file != nullptr && !replaced.file->isNamed(folder_, *name_)) return Placing::changed;
   return renameOver(from, to);
+}
+
+const char* NewFile::fileSystemWithoutLocks() const {
+  return platform::fileSystemWithoutLocks(*entry_, folder_,
+                                          EntryName(std::string_view(temporary_)));
 }
 
 bool NewFile::handOver(int16_t* file) {

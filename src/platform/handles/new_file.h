@@ -84,6 +84,10 @@ class NewFile {
   // The folder of its place.
   const Directory& folder() const { return folder_; }
 
+  // The kind of file system where its lock, before it is placed, keeps no other opener out, or
+  // null.
+  const char* fileSystemWithoutLocks() const;
+
   int descriptor() const { return descriptorOf(*entry_); }
   FileEntry* entry() const { return entry_; }
 

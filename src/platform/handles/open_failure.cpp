@@ -158,6 +158,13 @@ OpenFailureFound findOpenFailureAt(const Directory& folder, const EntryName& nam
   return tryToOpen(folder, name, sharing == Sharing::none ? O_RDONLY : O_RDWR, sharing);
 }
 
+OpenFailureFound lockWithoutEffect(const char* fileSystem) {
+  OpenFailureFound found;
+  found.failure = OpenFailure::cannotLock;
+  found.fileSystem = fileSystem;
+  return found;
+}
+
 OpenFailureFound lastCreateFailure() {
   return createFailureOf(lastHostFailure());
 }

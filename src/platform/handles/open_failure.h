@@ -50,6 +50,9 @@ OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission);
 // The same for an entry of a folder.
 OpenFailureFound findOpenFailureAt(const Directory& folder, const EntryName& name, int permission);
 
+// That locks are granted on this kind of file system and have no effect.
+OpenFailureFound lockWithoutEffect(const char* fileSystem);
+
 // What kept a new file from being made, from the last failure of the host (host_failure.h), or from
 // the code with which the host refused to make a folder.
 OpenFailureFound lastCreateFailure();

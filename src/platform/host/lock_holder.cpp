@@ -135,10 +135,13 @@ struct KnownFileSystem {
 
 // Those of which a user may have to know that they are others than usual.
 constexpr KnownFileSystem kFileSystems[] = {
-    {0x6969, "nfs"},         {0xFF534D42, "cifs"},   {0xFE534D42, "smb2"}, {0x517B, "smbfs"},
-    {0x65735546, "fuse"},    {0x01021997, "9p"},     {0x00C36400, "ceph"}, {0x5346414F, "afs"},
-    {0x0BD00BD0, "lustre"},  {0x47504653, "gpfs"},   {0x01161970, "gfs2"}, {0x7461636F, "ocfs2"},
-    {0x794C7630, "overlay"}, {0x786F4256, "vboxsf"},
+    {0x6969, "nfs"},         {0xFF534D42, "cifs"},   {0xFE534D42, "smb2"},
+    {0x517B, "smbfs"},       {0x65735546, "fuse"},   {0x01021997, "9p"},
+    {0x00C36400, "ceph"},    {0x5346414F, "afs"},    {0x0BD00BD0, "lustre"},
+    {0x47504653, "gpfs"},    {0x01161970, "gfs2"},   {0x7461636F, "ocfs2"},
+    {0x794C7630, "overlay"}, {0x786F4256, "vboxsf"}, {0xBACBACBC, "vmhgfs"},
+    {0x6B414653, "afs"},     {0x73757245, "coda"},   {0x20030528, "orangefs"},
+    {0x19830326, "beegfs"},  {0x53464846, "wslfs"},
 };
 
 }  // namespace
