@@ -15,6 +15,9 @@ for document in LICENSE README.md CHANGELOG.md SECURITY.md docs/format.md docs/r
   [ -s "$documents/$document" ] || { echo "$document is not installed"; failures=1; }
 done
 if [ -e "$scratch/prefix/bin/qvdb" ]; then
+  if grep -q "^QVDBASE_SQLITE_HEADERS:PATH=/" "$1/CMakeCache.txt"; then
+    [ -n "$(find "$scratch/prefix" -path "*/qvdbase/qvdbsql.so")" ] || { echo "qvdbsql.so is not installed"; failures=1; }
+  fi
   for file in man/man1/qvdb.1 man/man1/qvdb-import.1 man/man3/qvdbase.3 \
     man/man5/qvdbase.5 man/man7/qvdbase-recovery.7 bash-completion/completions/qvdb \
     zsh/site-functions/_qvdb fish/vendor_completions.d/qvdb.fish; do

@@ -23,6 +23,7 @@ extern const Command kTouchCommand;
 extern const Command kDataCommand;
 extern const Command kImportCommand;
 extern const Command kExportCommand;
+extern const Command kSqlCommand;
 extern const Command kStatCommand;
 extern const Command kCheckCommand;
 extern const Command kSalvageCommand;
