@@ -21,11 +21,16 @@ int32_t Gbl_Flush_Time = 0;
 
 namespace {
 
-bool writeNewHeader(int16_t db, const void* signature, uint16_t version) {
+bool writeNewHeader(int16_t db, const void* signature, uint16_t version,
+                    const unsigned char* givenID) {
   unsigned char databaseID[kIdentifierSize];
   if (!writeBytes(db, signature, kSignatureSize)) return false;
   if (!writeUint16(db, version)) return false;
-  GenerateUuID(databaseID);
+  if (givenID == nullptr) {
+    GenerateUuID(databaseID);
+  } else {
+    std::memcpy(databaseID, givenID, sizeof databaseID);
+  }
   return writeBytes(db, databaseID, sizeof databaseID) && writeUint16(db, 0) &&
          writeUint16(db, kNewSlotCount) && writeUint16(db, kSlotImageSize);
 }
@@ -64,9 +69,10 @@ bool createDatabaseFile(const QVWCHAR* path, int16_t* db) {
   return QVFile().QVCreateAndOpenFile(path, platform::kOneWriter, db, 0) == 1;
 }
 
-bool writeNewDatabase(int16_t db, const void* signature, uint16_t version) {
+bool writeNewDatabase(int16_t db, const void* signature, uint16_t version,
+                      const unsigned char* databaseID) {
   CallScope scope(db);
-  return writeNewHeader(db, signature, version) && writeFreeSlots(db) && scope.end();
+  return writeNewHeader(db, signature, version, databaseID) && writeFreeSlots(db) && scope.end();
 }
 
 }  // namespace qvdbase::engine

@@ -76,6 +76,9 @@ class RecordBatch {
   // Where the block of the record is, or will be, that was added last.
   int64_t lastBlock() const { return added_.last; }
 
+  // Where the one is, or will be, that was added first; 0 when there is none.
+  int64_t firstBlock() const { return added_.first; }
+
   // Whether it failed because the file or the table was changed by others meanwhile.
   bool wasDisturbed() const { return disturbed_; }
 

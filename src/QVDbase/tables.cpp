@@ -21,14 +21,22 @@ using namespace qvdbase::engine;
 
 namespace {
 
-tablePart1 newTableSlot(const char* name) {
+tablePart1 newTableSlot(const char* name, const NewSlot& given) {
   tablePart1 slot;
   std::memset(&slot, 0, sizeof slot);
   slot.slotMark = kSlotMark;
   slot.infoSize = kInfoSize;
-  GenerateUuID(slot.tableID);
+  if (given.tableID == nullptr) {
+    GenerateUuID(slot.tableID);
+  } else {
+    std::memcpy(slot.tableID, given.tableID, sizeof slot.tableID);
+  }
   std::memcpy(slot.tableName, name, storedNameLength(name));
-  slot.tableVersion = kNewTableVersion;
+  slot.tableVersion = given.tableVersion;
+  slot.tableFlags1 = given.tableFlags1;
+  slot.tableFlags2 = given.tableFlags2;
+  slot.recordWriteCount = given.recordWriteCount;
+  slot.dataWriteCount = given.dataWriteCount;
   slot.dataInfoSize = kNewTableDataInfoSize;
   slot.slotEndMark = kSlotEndMark;
   return slot;
@@ -55,7 +63,7 @@ bool storeTableCount(int16_t db, int64_t directoryPos, int16_t tableCount) {
   return true;
 }
 
-uint64_t addTable(int16_t db, const char* name) {
+uint64_t addSlot(int16_t db, const char* name, const NewSlot& given) {
   DirectoryNumbers directory;
   if (!readDirectoryNumbers(db, &directory)) return 0;
   const int64_t directoryPos = myGetFilePos(db);
@@ -63,7 +71,7 @@ uint64_t addTable(int16_t db, const char* name) {
   if (directory.tableCount >= directory.slotCount - 1) return 0;
   if (!nameIsFree(db, directory, name)) return 0;
 
-  const tablePart1 slot = newTableSlot(name);
+  const tablePart1 slot = newTableSlot(name, given);
   if (WriteOne_TablePartOne(db, &slot) != 1) return 0;
   const auto tableCount = static_cast<int16_t>(directory.tableCount + 1);
   if (!storeTableCount(db, directoryPos, tableCount)) return 0;
@@ -86,9 +94,7 @@ bool findSlot(int16_t db, tablePart1* slot, Wanted wanted) {
 }  // namespace
 
 uint64_t AddTable(int16_t db, const char* name) {
-  if (name == nullptr || *name == '\0') return 0;
-  SavedPosition position(db);
-  return position.restore(addTable(db, name));
+  return engine::addTable(db, name, {});
 }
 
 uint64_t FindTableByName(int16_t db, const char* name) {
@@ -134,6 +140,12 @@ int internal_GetOneTableInfo(int16_t db, uint64_t table, int16_t tableCount, uin
 }
 
 namespace qvdbase::engine {
+
+uint64_t addTable(int16_t db, const char* name, const NewSlot& given) {
+  if (name == nullptr || *name == '\0') return 0;
+  SavedPosition position(db);
+  return position.restore(addSlot(db, name, given));
+}
 
 bool findTable(int16_t db, uint64_t table, FoundTable* found) {
   DirectoryNumbers directory;

@@ -22,6 +22,19 @@ struct FoundTable {
   uint16_t slotSize;
 };
 
+// What is given of a table that is added, beside its name.
+struct NewSlot {
+  const unsigned char* tableID = nullptr;  // null: a new one
+  uint16_t tableVersion = format::kNewTableVersion;
+  uint16_t tableFlags1 = 0;
+  uint16_t tableFlags2 = 0;
+  uint32_t recordWriteCount = 0;
+  uint32_t dataWriteCount = 0;
+};
+
+// What AddTable does, with a slot that holds what is given.
+uint64_t addTable(int16_t db, const char* name, const NewSlot& given);
+
 // Reads the directory and finds a table: how every operation on one table begins. The position is
 // not restored.
 [[nodiscard]] bool findTable(int16_t db, uint64_t table, FoundTable* found);

@@ -47,7 +47,8 @@ constexpr Words kWords[] = {{Reason::path_not_reachable, "path not reachable"},
                             {Reason::damaged, "damaged"},
                             {Reason::changed_meanwhile, "changed meanwhile"},
                             {Reason::opened_elsewhere, "opened by another process"},
-                            {Reason::key_exists, "the key exists"}};
+                            {Reason::key_exists, "the key exists"},
+                            {Reason::record_exists, "the record exists"}};
 
 }  // namespace
 

@@ -62,6 +62,7 @@ std::shared_ptr<OpenDatabase> openState(const std::filesystem::path& path, Mode 
   return state;
 }
 
+constexpr const char* kCreate = "create the database";
 constexpr const char* kOpen = "open the database";
 constexpr const char* kUse = "use the database";
 
@@ -138,42 +139,58 @@ Database& Database::operator=(Database&& other) noexcept {
 }
 
 Database Database::create(const std::filesystem::path& path, const CreateOptions& options) {
-  constexpr const char* kOperation = "create the database";
   const platform::Uncancelled uncancelled;
   if (isBadSignature(options.signature)) {
-    failure::throwError(path, kOperation, Reason::bad_argument,
+    failure::throwError(path, kCreate, Reason::bad_argument,
                         "a signature begins with the letters Q and V, in either case");
   }
   if (!isUsableVersion(options.version)) {
-    failure::throwError(path, kOperation, Reason::bad_argument,
-                        "a version lies between 100 and 199");
+    failure::throwError(path, kCreate, Reason::bad_argument, "a version lies between 100 and 199");
   }
-  static_cast<void>(failure::nativePath(path, kOperation));
+  static_cast<void>(failure::nativePath(path, kCreate));
   using products::Existing;
   // It outlives the target, whose file it closes.
   std::shared_ptr<OpenDatabase> state = stateOf(path, Mode::exclusive);
-  products::TargetFile target(
-      path, kOperation,
-      {.existing = options.overwrite ? Existing::isReplaced : Existing::isReplacedIfEmpty,
-       .createFolders = options.create_folders,
-       .waits = options.sync ? platform::Waits::forName : platform::Waits::no});
-  if (target.isReadHere()) {
-    failure::throwError(path, kOperation, Reason::in_use, "this program has it open");
+  const products::TargetRules rules = {
+      .existing = options.overwrite ? Existing::isReplaced : Existing::isReplacedIfEmpty,
+      .createFolders = options.create_folders,
+      .waits = options.sync ? platform::Waits::forName : platform::Waits::no};
+  auto target = std::make_unique<products::TargetFile>(path, kCreate, rules);
+  // What has no name yet may be made from the file that it will replace.
+  if (target->isReadHere() && options.place) {
+    failure::throwError(path, kCreate, Reason::in_use, "this program has it open");
   }
-  platform::NewFile& file = target.create(nullptr);
+  platform::NewFile& file = target->create(nullptr);
   if (const char* fileSystem = file.fileSystemWithoutLocks()) {
-    failure::throwOpenFailure(path, kOperation, platform::lockWithoutEffect(fileSystem));
+    failure::throwOpenFailure(path, kCreate, platform::lockWithoutEffect(fileSystem));
   }
   int16_t handle = 0;
   if (!file.handOver(&handle)) {
-    failure::throwError(path, kOperation, Reason::cannot_open, "too many files are open");
+    failure::throwError(path, kCreate, Reason::cannot_open, "too many files are open");
   }
   state->handle = handle;
-  if (!engine::writeNewDatabase(state->handle, options.signature.data(), options.version)) {
-    target.failWriting(platform::findWriteFailure(uint64_t{format::kNewFileSize}));
+  unsigned char databaseID[format::kIdentifierSize];
+  if (options.id) internal_ConvertInt64_2UuID(options.id->value, databaseID);
+  if (!engine::writeNewDatabase(state->handle, options.signature.data(), options.version,
+                                options.id ? databaseID : nullptr)) {
+    target->failWriting(platform::findWriteFailure(uint64_t{format::kNewFileSize}));
   }
-  target.place();
+  if (options.place) {
+    target->place();
+  } else {
+    state->unplaced = std::move(target);
+  }
   return Database(std::move(state));
+}
+
+void Database::place() {
+  const Operation operation(state_, kCreate);
+  OpenDatabase& database = operation.database();
+  if (database.unplaced == nullptr) return;
+  operation.requireOwn();
+  operation.requireNoBulk();
+  database.unplaced->place();
+  database.unplaced.reset();
 }
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {

@@ -61,6 +61,45 @@ void requireFreeSlot(const Operation& operation) {
                      format::storedName(slot) + "', which has records or data");
 }
 
+void requireName(const Operation& operation, std::string_view name) {
+  if (name.empty() || name.find('\0') != std::string_view::npos) {
+    operation.fail(Reason::bad_name, "a table name has at least one byte, and no zero bytes");
+  }
+  if (name.size() > format::kTableNameSize) {
+    operation.fail(Reason::name_too_long, "a table name has at most 32 bytes, and this one has " +
+                                              std::to_string(name.size()));
+  }
+}
+
+void requireNewTable(const Operation& operation, Id table) {
+  SavedPosition scope(operation.db());
+  tablePart1 slot;
+  if (!operation.findSlot(&slot, [table](const tablePart1& used) {
+        return format::identifierNumber(used.tableID) == table.value;
+      })) {
+    return;
+  }
+  operation.fail(Reason::table_exists, "table '" + format::storedName(slot) +
+                                           "' has the identifier " + to_string(table) + " already");
+}
+
+// A table could not be added: the name is taken, the directory is full, or the file cannot be
+// written.
+[[noreturn]] void explainTable(const Operation& operation, const std::string& name) {
+  operation.failIfWriteWasRefused(0);
+  SavedPosition scope(operation.db());
+  tablePart1 slot;
+  if (findNamed(operation, name, &slot)) {
+    operation.fail(Reason::table_exists, "a table named '" + name + "' exists already");
+  }
+  const engine::DirectoryNumbers numbers = operation.directory();
+  if (numbers.tableCount >= numbers.slotCount - 1) {
+    operation.fail(Reason::directory_full, "it has " + std::to_string(numbers.tableCount) +
+                                               " tables, and no free entry for another");
+  }
+  operation.failedWrite(0);
+}
+
 }  // namespace
 
 std::vector<Table> Database::tables() const {
@@ -113,34 +152,32 @@ Table Database::table(std::string_view name) const {
 }
 
 Table Database::add_table(std::string_view name) {
+  return addNew(NewTable(name));
+}
+
+Table Database::addNew(const NewTable& table) {
   const Operation operation(state_, "add the table");
-  if (name.empty() || name.find('\0') != std::string_view::npos) {
-    operation.fail(Reason::bad_name, "a table name has at least one byte, and no zero bytes");
-  }
-  if (name.size() > format::kTableNameSize) {
-    operation.fail(Reason::name_too_long, "a table name has at most 32 bytes, and this one has " +
-                                              std::to_string(name.size()));
+  const std::string& name = table.name;
+  requireName(operation, name);
+  if (table.id && table.id->value == 0) {
+    operation.fail(Reason::bad_argument, "identifier 0 means no table");
   }
   operation.about(name);
   operation.requireWritable();
   const detail::ChangeTurn turn(operation);
   requireFreeSlot(operation);
-  const uint64_t id = AddTable(operation.db(), std::string(name).c_str());
-  if (id != 0) return Table(state_, Id{id}, std::string(name));
-
-  operation.failIfWriteWasRefused(0);
-  SavedPosition scope(operation.db());
-  tablePart1 slot;
-  if (findNamed(operation, name, &slot)) {
-    operation.fail(Reason::table_exists,
-                   "a table named '" + std::string(name) + "' exists already");
-  }
-  const engine::DirectoryNumbers numbers = operation.directory();
-  if (numbers.tableCount >= numbers.slotCount - 1) {
-    operation.fail(Reason::directory_full, "it has " + std::to_string(numbers.tableCount) +
-                                               " tables, and no free entry for another");
-  }
-  operation.failedWrite(0);
+  if (table.id) requireNewTable(operation, *table.id);
+  unsigned char tableID[format::kIdentifierSize];
+  if (table.id) internal_ConvertInt64_2UuID(table.id->value, tableID);
+  const uint64_t id = engine::addTable(operation.db(), name.c_str(),
+                                       {.tableID = table.id ? tableID : nullptr,
+                                        .tableVersion = table.version,
+                                        .tableFlags1 = table.flags_1,
+                                        .tableFlags2 = table.flags_2,
+                                        .recordWriteCount = table.record_write_count,
+                                        .dataWriteCount = table.data_write_count});
+  if (id != 0) return Table(state_, Id{id}, name);
+  explainTable(operation, name);
 }
 
 Table Database::find_or_add_table(std::string_view name) {

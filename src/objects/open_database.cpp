@@ -42,6 +42,7 @@ void OpenDatabase::takeOver(OpenDatabase& other) noexcept {
 }
 
 int OpenDatabase::close() noexcept {
+  unplaced.reset();  // removes the file, while no other opener can have begun to use it
   withdraw(*this);
   isBesideWriters = false;
   const int16_t closed = handle;

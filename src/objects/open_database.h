@@ -28,6 +28,7 @@
 #include "objects/published.h"
 #include "platform/handles/turns.h"
 #include "platform/host/process_mark.h"
+#include "products/target_file.h"
 
 namespace qvdb::detail {
 
@@ -79,6 +80,8 @@ struct OpenDatabase {
       0;  // when it was known last that no reader has announced itself; see turns.cpp
   // The batch that is open, of an appender or a writer, or null; see bulk.h.
   Bulk* bulk = nullptr;
+  // Of a database that has not got its name yet; see Database::place().
+  std::unique_ptr<qvdbase::products::TargetFile> unplaced;
 
   ~OpenDatabase();
 

@@ -74,6 +74,12 @@ TableInfo Table::info() const {
   info.first_record_position = slot.firstRecordPos;
   info.last_record_position = slot.lastRecordPos;
   info.data_position = slot.firstDataPos;
+  info.flags_1 = slot.tableFlags1;
+  info.flags_2 = slot.tableFlags2;
+  info.data_block_count = slot.dataBlockCount;
+  info.last_written_record_position = slot.lastWrittenRecordPos;
+  info.last_written_data_position = slot.lastWrittenDataPos;
+  info.last_data_position = slot.lastDataPos;
   return info;
 }
 

@@ -22,10 +22,12 @@ using engine::SavedPosition;
 
 namespace {
 
-// The block of table data: where its data begins, and its size. Nothing when the table has none.
+// The block of table data: where its data begins, its size and its capacity. Nothing when the table
+// has none.
 struct DataBlock {
   int64_t dataPos;
   uint32_t size;
+  uint32_t capacity;
 };
 
 std::optional<DataBlock> findData(const Operation& operation, Id table) {
@@ -37,7 +39,8 @@ std::optional<DataBlock> findData(const Operation& operation, Id table) {
     operation.fail(Reason::data_damaged, "the block with the data of " + operation.quotedTable() +
                                              " is not where it should be");
   }
-  const DataBlock block{found.slot.firstDataPos + format::tabledata::kData, header.dataLength};
+  const DataBlock block{found.slot.firstDataPos + format::tabledata::kData, header.dataLength,
+                        header.dataCapacity};
   if (static_cast<uint64_t>(block.dataPos) + block.size > operation.fileLength()) {
     operation.fail(Reason::data_damaged, "the data of " + operation.quotedTable() +
                                              " reaches beyond the end of the file");
@@ -61,6 +64,15 @@ std::optional<uint32_t> Table::data_size() const {
     const std::optional<DataBlock> block = findData(operation, id_);
     if (!block) return std::nullopt;
     return block->size;
+  });
+}
+
+std::optional<uint32_t> Table::data_capacity() const {
+  const Operation operation(database_, "look at the table's data");
+  return detail::look(operation, [&]() -> std::optional<uint32_t> {
+    const std::optional<DataBlock> block = findData(operation, id_);
+    if (!block) return std::nullopt;
+    return block->capacity;
   });
 }
 

@@ -125,6 +125,21 @@ void changeByIndex(Table& notes) {
   notes.modify(kMiddle, payload(500));
 }
 
+void addAsGiven(Table& notes) {
+  const std::vector<std::byte> bytes = payload(30);
+  for (const uint64_t id : {0x7001u, 0x7002u}) {
+    qvdb::NewRecord given(bytes, 40, Id{id});
+    given.create_time = 5;
+    notes.add(given);
+  }
+}
+
+void createAndPlace(const Path&, const Path& made) {
+  Database database = Database::create(made, {.id = Id{0x1234}, .place = false});
+  database.add_table("notes").add(payload(10));
+  database.place();
+}
+
 std::vector<LayerCall> readingCalls() {
   return {
       {"Read", readEverything},
@@ -136,6 +151,7 @@ std::vector<LayerCall> readingCalls() {
       {"History",
        [](const Path& folder) { qvdb::history(folder / "source.qvd", "notes", kMiddle); }},
       making("Create", [](const Path&, const Path& made) { Database::create(made); }),
+      making("CreateAndPlace", createAndPlace),
       making("CompactToAnother",
              [](const Path& source, const Path& made) { qvdb::compact(source, made); }),
       making("Pack", [](const Path& source, const Path& made) { qvdb::pack(source, made); }),
@@ -174,6 +190,16 @@ std::vector<LayerCall> changingCalls() {
       {"AddTable",
        [](const Path& folder) {
          Database::open(folder / "source.qvd", Mode::exclusive).add_table("more");
+       },
+       true},
+      onNotes("AddAsGiven", addAsGiven),
+      onNotes("SetLastWritten", [](Table& notes) { notes.set_last_written(*notes.first()); }),
+      {"AddTableAsGiven",
+       [](const Path& folder) {
+         qvdb::NewTable given("more");
+         given.id = Id{0x7777};
+         given.flags_1 = 3;
+         Database::open(folder / "source.qvd", Mode::exclusive).add_table(given);
        },
        true},
       {"SetVersionAndSync",

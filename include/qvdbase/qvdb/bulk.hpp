@@ -16,8 +16,25 @@
 
 namespace qvdb {
 
+// Identifiers that a caller gives to new records.
+enum class GivenIds : uint8_t {
+  // One that the table or the batch has already is refused with record_exists, and identifier 0
+  // with bad_argument. The first costs a lookup; with the second, an appender builds the table's
+  // index (RecordIndex), unless there is one, and keeps it until its end, and it keeps the
+  // identifiers of its batch.
+  unique,
+  // Nothing is checked: where it is known that an identifier is new, and for records that are
+  // restored as they were in a file that has one of them several times, or identifier 0.
+  as_they_are,
+};
+
 // A record that is to be added. Bytes and text convert to one implicitly; they stay the caller's
 // and must exist until the record has been added.
+//
+//   qvdb::NewRecord restored(payload, capacity, id);
+//   restored.create_time = created;
+//   restored.modify_time = modified;
+//   table.add(restored);
 struct NewRecord {
   // bytes       the payload, as ByteView takes it
   // spare       `reserve`
@@ -28,7 +45,10 @@ struct NewRecord {
 
   std::span<const std::byte> payload;  // at most 2^32 - 1 bytes
   uint32_t reserve;      // in bytes; the record's capacity is the larger of this and its payload
-  std::optional<Id> id;  // nothing: a new one. Nothing checks whether the table has it already
+  std::optional<Id> id;  // nothing: a new one
+  std::optional<uint32_t> create_time = {};  // seconds since 1970, modulo 2^32; nothing: now
+  std::optional<uint32_t> modify_time = {};  // the same; nothing: create_time
+  GivenIds given_ids = GivenIds::unique;     // how `id` is taken
 };
 
 // Adds records after the last one of a table. Their blocks are gathered in memory (256 KiB) and
@@ -63,9 +83,11 @@ class QVDBASE_API BulkAppender {
 
   // Adds a record to the batch and returns its identifier.
   //
-  // Throws Error: too_large for a payload of 2^32 bytes or more (the batch can continue);
-  // bad_argument when the batch was finished or discarded; appender_open while a writer of this
-  // appender is open; not_open. When the file cannot be written, or was changed by other means, it
+  // Throws Error: too_large for a payload of 2^32 bytes or more, and record_exists and bad_argument
+  // for its identifier as GivenIds says (nothing is written then, and the batch can continue);
+  // chain_damaged when damage keeps the identifier from being looked for; bad_argument when the
+  // batch was finished or discarded; appender_open while a writer of this appender is open;
+  // not_open. When the file cannot be written, or was changed by other means, it
   // throws disk_full or cannot_write, and the batch is discarded.
   Id add(const NewRecord& record);
 
@@ -73,8 +95,12 @@ class QVDBASE_API BulkAppender {
   // appender takes no other record. Throws as add() does.
   //
   // reserve  capacity for later growth, in bytes; the record has the larger of this and its size
-  // record   its identifier; nothing: a new one
+  // record   its identifier; nothing: a new one. Nothing checks whether the table has it already
   RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
+
+  // The same for a record with times, or an identifier that is checked. Its payload is the
+  // beginning of what the writer writes; mostly it is empty.
+  RecordWriter writer(const NewRecord& record);
 
   // Puts the records into the table, all of them or, when it throws, none; the appender takes no
   // more after that. Returns the number of records in this batch. Throws Error as add() does. A

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <chrono>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -15,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace qvdb {
@@ -95,6 +97,11 @@ struct CreateOptions {
   // Whether create() waits until the device has the file before it gets its name, and then until
   // the device has the name.
   bool sync = true;
+  std::optional<Id> id = {};  // the database's identifier; nothing: a new one. 0 is stored as it is
+  // Whether the file gets its name at once. If not, it is under a temporary name until
+  // Database::place() is called, so that it appears with everything that is in it by then, or not
+  // at all.
+  bool place = true;
 };
 
 class Reader;
@@ -128,6 +135,16 @@ class QVDBASE_API Database {
   // the library itself would refuse later, and for a file to be replaced that has several hard
   // links; disk_full; cannot_read; cannot_write; cannot_open.
   static Database create(const std::filesystem::path& path, const CreateOptions& options = {});
+
+  // Gives a database that was created without its name (CreateOptions::place) that name, in one
+  // step: everything that was added is then in the file of that name, or, when this throws, the
+  // name is as it was before. A database that is closed or destroyed before is removed. No
+  // effect on one that has its name.
+  //
+  // Throws Error: file_exists when the name was taken meanwhile; in_use when the file to be
+  // replaced was replaced by others; appender_open; disk_full; cannot_write; opened_elsewhere in a
+  // child process that got the database by fork; not_open.
+  void place();
 
   // Opens a database and looks at its header.
   //
@@ -232,6 +249,14 @@ class QVDBASE_API Database {
   // read_only; cannot_write.
   Table add_table(std::string_view name);
 
+  // Adds a table with identifier, version, flags and counters as the NewTable says. Throws the
+  // same; and table_exists for an identifier that a table has already, and bad_argument for
+  // identifier 0, with nothing written. To look for it costs a look at the directory.
+  template <typename New>
+  requires std::same_as<std::remove_cvref_t<New>, NewTable> Table add_table(New&& table) {
+    return addNew(table);
+  }
+
   // The table of that name, which is added when there is none. Throws as find_table() and
   // add_table(); never table_exists.
   Table find_or_add_table(std::string_view name);
@@ -256,6 +281,7 @@ class QVDBASE_API Database {
  private:
   explicit Database(std::shared_ptr<detail::OpenDatabase> state) noexcept;
   static Database openOrCreate(const std::filesystem::path& path, Mode mode);
+  Table addNew(const NewTable& table);
   detail::OpenDatabase& state() const;
   friend QVDBASE_API void check_ends(const Database& database, Id table);
 

@@ -40,7 +40,7 @@ enum class Reason {
   bad_name,        // a table name that is empty or holds a zero byte
   name_too_long,   // a table name of more than 32 bytes
   table_missing,   // no table has this name or identifier
-  table_exists,    // a table has this name already
+  table_exists,    // a table has this name, or this identifier, already
   directory_full,  // 31 tables
   record_missing,  // no record, or no version of it, is there
   empty_payload,   // no operation throws this any more: a record can be changed to hold nothing
@@ -74,6 +74,8 @@ enum class Reason {
   opened_elsewhere,  // a child process got the database by fork: it can only read until reopen()
 
   key_exists,  // another record has a key that a unique KeyIndex allows once
+
+  record_exists,  // a record of the table has this identifier already
 };
 
 // The reason in a few words, for example "no such file".

@@ -18,6 +18,8 @@
 #include <ranges>
 #include <span>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace qvdb {
@@ -37,6 +39,33 @@ struct TableInfo {
   int64_t first_record_position = 0;  // of the first record's block; 0 when there is none
   int64_t last_record_position = 0;   // of the last record's block; 0 when there is none
   int64_t data_position = 0;          // of the table-data block; 0 when there is none
+  uint16_t flags_1 = 0;               // the application's; the library gives them no meaning
+  uint16_t flags_2 = 0;               // likewise
+  uint32_t data_block_count = 0;      // 1 when the table has data, else 0
+  // Of the record that was added last, or what became of it: it may have been deleted or moved.
+  int64_t last_written_record_position = 0;
+  int64_t last_written_data_position = 0;  // the same as data_position, as last_data_position is
+  int64_t last_data_position = 0;          // of the table-data block
+};
+
+// A table that is to be added, with what its slot holds from the beginning.
+//
+//   qvdb::NewTable notes("notes");
+//   notes.flags_1 = 7;
+//   database.add_table(notes);
+struct NewTable {
+  // The name: 1 to 32 bytes, none of them zero.
+  explicit NewTable(std::string_view table) : name(table) {}
+
+  std::string name;           // as it is given above
+  std::optional<Id> id = {};  // nothing: a new one
+  uint16_t version = 100;     // of the slot; the library gives it no meaning
+  uint16_t flags_1 = 0;       // the application's
+  uint16_t flags_2 = 0;       // the application's
+  // Where the counters begin, which count every record and every block of data that is added: so
+  // that they end where they were in a table that is restored.
+  uint32_t record_write_count = 0;  // modulo 2^32
+  uint32_t data_write_count = 0;    // modulo 2^32
 };
 
 // A table of an open database. Tables come from a Database and are cheap to copy; all copies refer
@@ -158,6 +187,14 @@ class QVDBASE_API Table {
   // add(), and bad_argument for identifier 0, which means no record.
   void add_with_id(Id record, ByteView payload, uint32_t reserve = 0);
 
+  // Adds a record with times, identifier and capacity as the NewRecord says, and returns its
+  // identifier. Throws as add(); and record_exists and bad_argument for its identifier, with
+  // nothing written, as GivenIds says. To look for the identifier costs what find() costs.
+  template <typename Record>
+  requires std::same_as<std::remove_cvref_t<Record>, NewRecord> Id add(Record&& record) {
+    return addNew(record);
+  }
+
   // Adds a record whose payload comes in pieces, of any number and size. See RecordWriter.
   //
   // reserve  as for add()
@@ -165,6 +202,10 @@ class QVDBASE_API Table {
   //
   // Throws as add() and add_with_id().
   RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
+
+  // The same for a record with times, or an identifier that is checked; see BulkAppender::writer.
+  // Throws as add() of a NewRecord.
+  RecordWriter writer(const NewRecord& record);
 
   // Adds many records: gathers them and writes them in large pieces; see BulkAppender. Throws
   // chain_damaged when the table's last record cannot be linked to; appender_open.
@@ -224,11 +265,20 @@ class QVDBASE_API Table {
   // Takes a record that was found before out of the table, likewise.
   bool remove(const Record& record);
 
+  // Notes in the table's slot that this record is the one that was written last, as adding it does;
+  // for a table that is restored. Nothing else changes, and nothing in the library relies on it.
+  // Returns and throws as the others.
+  bool set_last_written(const Record& record);
+
   // ---- Table data
 
   // The size of the table's block of data, in bytes; nothing when it has none. Throws data_damaged
   // when the block is not where it should be, as do the others here.
   std::optional<uint32_t> data_size() const;
+
+  // The capacity of that block: the bytes that the data can grow to in place. Nothing when the
+  // table has none.
+  std::optional<uint32_t> data_capacity() const;
 
   // The data; nothing when the table has none. Throws too_large when there is not enough memory.
   std::optional<std::vector<std::byte>> data() const;
@@ -246,6 +296,7 @@ class QVDBASE_API Table {
   friend struct detail::TableKeys;
   Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name);
   std::optional<Record> recordAtEnd(Order order) const;
+  Id addNew(const NewRecord& record);
 
   std::shared_ptr<detail::OpenDatabase> database_;
   Id id_;

@@ -15,6 +15,8 @@ namespace detail {
 struct Bulk;
 }
 
+struct NewRecord;
+
 // Writes a new record whose payload does not have to be in memory as a whole, nor its size known
 // beforehand. Whatever the size, the writer takes 256 KiB of memory.
 //
@@ -62,8 +64,7 @@ class QVDBASE_API RecordWriter {
  private:
   friend class Table;
   friend class BulkAppender;
-  RecordWriter(std::shared_ptr<detail::Bulk> bulk, uint32_t reserve, std::optional<Id> record,
-               bool isAlone);
+  RecordWriter(std::shared_ptr<detail::Bulk> bulk, const NewRecord& record, bool isAlone);
   void requireOpen() const;
 
   std::shared_ptr<detail::Bulk> bulk_;

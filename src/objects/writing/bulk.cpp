@@ -8,6 +8,7 @@
 
 #include "format/identifiers.h"
 #include "objects/indexes/table_index.h"
+#include "objects/record_search.h"
 #include "objects/records.h"
 #include "objects/sharing/turns.h"
 #include "objects/walks/chain_ends.h"
@@ -59,19 +60,53 @@ void Bulk::requireIdle(const Operation& operation) const {
                  "a record of the batch is being written in pieces; finish its writer first");
 }
 
-engine::BatchRecord Bulk::entryOf(const Operation& operation, std::optional<Id> record,
-                                  uint32_t reserve) {
+engine::BatchRecord Bulk::entryOf(const Operation& operation, const NewRecord& record) {
   engine::BatchRecord entry = {};
-  if (record) {
-    operation.requireIdentifier(*record);
-    internal_ConvertInt64_2UuID(record->value, entry.recordID);
+  if (record.id) {
+    if (record.given_ids == GivenIds::unique) requireNew(operation, *record.id);
+    internal_ConvertInt64_2UuID(record.id->value, entry.recordID);
   } else {
     identifiers.next(entry.recordID);
   }
-  entry.createTime = platform::secondsSinceEpoch();
-  entry.modifyTime = entry.createTime;
-  entry.reserve = reserve;
+  entry.createTime = record.create_time ? *record.create_time : platform::secondsSinceEpoch();
+  entry.modifyTime = record.modify_time.value_or(entry.createTime);
+  entry.reserve = record.reserve;
   return entry;
+}
+
+// A single record is looked for; with the second one, an index costs less than another walk.
+void Bulk::requireNew(const Operation& operation, Id record) {
+  operation.requireIdentifier(record);
+  if (++checked == 2) {
+    index = makeIndex(database, table);
+    if (index->isStale) static_cast<void>(buildIndex(operation, *index));
+  }
+  if (checked == 1) knowOwnRecords(operation);
+  bool exists = own.contains(record);
+  if (!exists) {
+    engine::SavedPosition scope(operation.db());
+    engine::FoundRecord found;
+    exists = locate(operation, table, record, &found) != Located::no;
+  }
+  if (!exists) return;
+  operation.fail(Reason::record_exists,
+                 "a record with the identifier " + to_string(record) + " exists already");
+}
+
+// Those of the records that were added before an identifier had to be new.
+void Bulk::knowOwnRecords(const Operation& operation) {
+  if (batch.lastBlock() == 0) return;
+  const OwnWrites writes(*database);
+  if (!batch.writeOut()) failed(operation, 1);
+  engine::SavedPosition scope(operation.db());
+  int64_t position = batch.firstBlock();
+  for (recordPart1 header; position != 0; position = header.nextRecordPos) {
+    if (!engine::readRecordHeaderAt(operation.db(), position, batch.table().slot.tableID,
+                                    &header)) {
+      operation.fail(Reason::cannot_read, "the records of the batch cannot be read");
+    }
+    own.insert(Id{format::identifierNumber(header.recordID)});
+  }
 }
 
 // After many records the index is rebuilt when it is next used: that costs less than noting each.
@@ -120,8 +155,8 @@ void Bulk::dropRecord() noexcept {
 
 bool Bulk::add(const Operation& operation, const NewRecord& record, KeyChange& change) {
   const uint32_t size = operation.requireSize(record.payload.size());
-  engine::BatchRecord entry = entryOf(operation, record.id, record.reserve);
   if (!change.isReady(operation, {record.payload, {}}, 0)) return false;
+  engine::BatchRecord entry = entryOf(operation, record);
   keys.take(change);
   const OwnWrites writes(*database);
   entry.dataLength = size;
@@ -130,6 +165,7 @@ bool Bulk::add(const Operation& operation, const NewRecord& record, KeyChange& c
            std::max(entry.dataLength, entry.reserve) + uint64_t{format::kRecordBlockOverhead});
   }
   latest = Id{format::identifierNumber(entry.recordID)};
+  if (checked > 0) own.insert(latest);
   keys.add(change, batch.lastBlock());
   return true;
 }
@@ -142,6 +178,7 @@ bool Bulk::addPieces(const Operation& operation, Id record, KeyChange& change) {
   inPieces = false;
   pieces.reset();
   latest = record;
+  if (checked > 0) own.insert(latest);
   keys.add(change, batch.lastBlock());
   return true;
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <unordered_set>
 #include <vector>
 
 #include "QVDbase/record_batch.h"
@@ -46,9 +47,8 @@ struct Bulk {
   void requireIdle(const Operation& operation) const;
 
   // A new record as the engine takes it, without the length of its payload. Throws bad_argument for
-  // identifier 0.
-  qvdbase::engine::BatchRecord entryOf(const Operation& operation, std::optional<Id> record,
-                                       uint32_t reserve);
+  // identifier 0, and record_exists; see GivenIds.
+  qvdbase::engine::BatchRecord entryOf(const Operation& operation, const NewRecord& record);
 
   // Links the records into the table: all of them, or none, and then the batch is discarded. Throws
   // as failed().
@@ -84,6 +84,15 @@ struct Bulk {
   qvdbase::platform::ProcessMark maker;
 
  private:
+  void requireNew(const Operation& operation, Id record);
+  void knowOwnRecords(const Operation& operation);
+
+  uint64_t checked = 0;  // identifiers that had to be new
+  // Once there is one: the identifiers of the batch, and, from the second one on, the table's
+  // index.
+  std::unordered_set<Id> own;
+  std::shared_ptr<TableIndex> index;
+
   static std::shared_ptr<Bulk> begin(const Operation& operation,
                                      const std::shared_ptr<OpenDatabase>& database, Id table);
   void link(const Operation& operation);

@@ -40,7 +40,14 @@ Id BulkAppender::add(const NewRecord& record) {
 }
 
 RecordWriter BulkAppender::writer(uint32_t reserve, std::optional<Id> record) {
-  return RecordWriter(bulk_, reserve, record, false);
+  NewRecord unchecked(ByteView(), reserve, record);
+  unchecked.given_ids = GivenIds::as_they_are;
+  if (record) Operation(bulk_->database, detail::kWrite).requireIdentifier(*record);
+  return writer(unchecked);
+}
+
+RecordWriter BulkAppender::writer(const NewRecord& record) {
+  return RecordWriter(bulk_, record, false);
 }
 
 uint32_t BulkAppender::finish() {

@@ -18,21 +18,35 @@ namespace qvdb {
 using detail::Operation;
 
 RecordWriter Table::writer(uint32_t reserve, std::optional<Id> record) {
-  return RecordWriter(detail::Bulk::open(database_, id_), reserve, record, true);
+  NewRecord unchecked(ByteView(), reserve, record);
+  unchecked.given_ids = GivenIds::as_they_are;
+  if (record) Operation(database_, detail::kWrite).requireIdentifier(*record);
+  return writer(unchecked);
 }
 
-RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, uint32_t reserve,
-                           std::optional<Id> record, bool isAlone)
+RecordWriter Table::writer(const NewRecord& record) {
+  return RecordWriter(detail::Bulk::open(database_, id_), record, true);
+}
+
+RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, const NewRecord& record,
+                           bool isAlone)
     : isAlone_(isAlone) {
   const Operation operation(bulk->database, detail::kWrite);
   bulk->requireIdle(operation);
-  const engine::BatchRecord entry = bulk->entryOf(operation, record, reserve);
+  const engine::BatchRecord entry = bulk->entryOf(operation, record);
   const detail::OwnWrites writes(*bulk->database);
   if (!bulk->batch.openRecord(entry)) bulk->failed(operation, format::kRecordBlockOverhead);
   id_ = Id{format::identifierNumber(entry.recordID)};
   bulk->inPieces = true;
   if (detail::KeyChange::concerns(operation, bulk->table)) bulk->pieces.emplace();
   bulk_ = std::move(bulk);
+  if (record.payload.empty()) return;
+  try {
+    write(record.payload);
+  } catch (...) {
+    discard();  // the destructor does not run
+    throw;
+  }
 }
 
 RecordWriter::RecordWriter(RecordWriter&&) noexcept = default;

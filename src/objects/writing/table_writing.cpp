@@ -312,6 +312,24 @@ void Table::add_with_id(Id record, ByteView payload, uint32_t reserve) {
   addWithKeys(database_, id_, record, payload, reserve);
 }
 
+// A batch of one: it takes times, and is written in the same order.
+Id Table::addNew(const NewRecord& record) {
+  BulkAppender batch = appender();
+  const Id id = batch.add(record);
+  batch.finish();
+  return id;
+}
+
+bool Table::set_last_written(const Record& record) {
+  const Operation operation(database_, "note the record that was written last");
+  detail::KeyChange none(database_, operation.name(), id_);
+  return *changeRecord(operation, none, id_, record, 0, nullptr, [&](FoundRecord* found, int64_t*) {
+    requireTable(operation, id_, found);
+    found->table.slot.lastWrittenRecordPos = found->recordPos;
+    return engine::rewriteSlot(operation.db(), found->table.slotPos, found->table.slot);
+  });
+}
+
 bool Table::modify(Id record, ByteView payload) {
   return modifyRecord(database_, id_, record, payload);
 }

@@ -27,7 +27,9 @@ void ImportBatch::add(Id record, size_t file, ByteView payload) {
   BulkAppender& bulk = appender();
   files_.push_back(file);
   bytes_ += payload.size();
-  bulk.add(NewRecord(payload, 0, record));
+  NewRecord stored(payload, 0, record);
+  stored.given_ids = GivenIds::as_they_are;  // it is new, or the list's, whose record was missing
+  bulk.add(stored);
   if (files_.size() == kMostFiles || bytes_ >= kMostBytes) finish();
 }
 
