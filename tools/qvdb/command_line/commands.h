@@ -31,6 +31,7 @@ extern const Command kHistoryCommand;
 extern const Command kUndeleteCommand;
 extern const Command kMendCommand;
 extern const Command kCompactCommand;
+extern const Command kCategoriesCommand;
 extern const Command kPackCommand;
 extern const Command kRenumberCommand;
 extern const Command kRepairCommand;
