@@ -10,11 +10,11 @@
 // Order of writes: the word (once in a run of up to 64 commits), intent and blocks, sync, patches.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <system_error>
 #include <vector>
 
+#include "format/intent.h"
 #include "intents/held_patches.h"
 #include "intents/staged_changes.h"
 
@@ -90,24 +90,33 @@ class CommitLog {
 
   // Whether the pending word is set, so that plain operations must settle first.
   bool hasOpenIntents() const { return start_ != 0; }
-  bool isBroken() const { return isBroken_; }
+  bool isBroken() const { return broken_ != Obstacle::none; }
+  Obstacle brokenBy() const { return broken_; }
   // To be laid over what is read from the file. They change only within the calls above.
   const HeldPatches& held() const { return held_; }
   // How many commits may hold their patches back; 0 writes them with each commit.
   void holdBack(uint32_t commits) { mostHeld_ = commits; }
 
  private:
+  Commit write(const StagedChanges& changes, int64_t position, const internal_Head1& header,
+               std::vector<format::IntentEntry> entries);
+  Commit takeBack(int64_t position);
+  bool beginRun(const internal_Head1& header, int64_t position, bool hasSpilled);
+  bool putInPlace();
+  bool writeHeld();
+  bool syncUnlessProcess();
+
   int16_t file_;
   Durability durability_;
-  bool isBroken_ = false;
+  Obstacle broken_ = Obstacle::none;
   uint64_t tickets_ = 0;
   uint64_t syncedTickets_ = 0;
-  int64_t start_ = 0;  // of the first intent of the run; 0 while the word is 0
-  int64_t end_ = 0;    // of the last intent's blocks
-  int64_t last_ = 0;   // the last intent's position
-  uint64_t sequence_ = 0;
-  uint64_t synced_ = 0;
-  std::array<unsigned char, 8> nonce_{};
+  int64_t start_ = 0;            // of the first intent of the run; 0 while the word is 0
+  int64_t end_ = 0;              // of the last intent's blocks
+  int64_t last_ = 0;             // the last intent's position
+  uint64_t sequence_ = 0;        // of the last intent
+  uint64_t syncedSequence_ = 0;  // of the last one that is known to be on the device
+  format::Nonce nonce_{};
   uint32_t mostHeld_ = 8;
   uint32_t heldCommits_ = 0;
   HeldPatches held_;

@@ -18,6 +18,14 @@ int64_t endOf(const HeldPatch& patch) {
 
 }  // namespace
 
+std::vector<const HeldPatch*> HeldPatches::inOrder() const {
+  std::vector<const HeldPatch*> ordered;
+  for (const HeldPatch& patch : patches_) ordered.push_back(&patch);
+  std::sort(ordered.begin(), ordered.end(),
+            [](const HeldPatch* one, const HeldPatch* other) { return one->order < other->order; });
+  return ordered;
+}
+
 void HeldPatches::layOver(int64_t position, void* bytes, size_t count) const {
   const int64_t end = position + static_cast<int64_t>(count);
   auto patch = std::lower_bound(patches_.begin(), patches_.end(), position, isBefore);
@@ -34,8 +42,9 @@ void HeldPatches::hold(int64_t position, std::vector<unsigned char> bytes) {
   auto patch = std::lower_bound(patches_.begin(), patches_.end(), position, isBefore);
   if (patch != patches_.end() && patch->position == position) {
     patch->bytes = std::move(bytes);
+    patch->order = ++order_;
   } else {
-    patches_.insert(patch, HeldPatch{position, std::move(bytes)});
+    patches_.insert(patch, HeldPatch{position, std::move(bytes), ++order_});
   }
 }
 

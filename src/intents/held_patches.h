@@ -11,6 +11,7 @@ namespace qvdbase::intents {
 struct HeldPatch {
   int64_t position = 0;
   std::vector<unsigned char> bytes;
+  uint64_t order = 0;
 };
 
 class HeldPatches {
@@ -18,6 +19,9 @@ class HeldPatches {
   bool isEmpty() const { return patches_.empty(); }
   // By position, none over another.
   const std::vector<HeldPatch>& byPosition() const { return patches_; }
+
+  // As they were held, which is the order in which they are to be written.
+  std::vector<const HeldPatch*> inOrder() const;
 
   // Lays those that lie in a range over bytes read from there.
   void layOver(int64_t position, void* bytes, size_t count) const;
@@ -28,6 +32,7 @@ class HeldPatches {
 
  private:
   std::vector<HeldPatch> patches_;
+  uint64_t order_ = 0;
 };
 
 }  // namespace qvdbase::intents

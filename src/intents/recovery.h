@@ -68,6 +68,9 @@ enum class Judging : uint8_t { bySectors, byBytes };
 
 RecoveryPlan plan(const Reader& file, Judging judging = Judging::bySectors);
 
+// Whether the pending word is set. Reads nothing else than the header and the word.
+bool hasPendingWord(const Reader& file);
+
 // What a recovery did.
 struct Recovered {
   bool succeeded = true;  // false: the host refused to read, write or sync; the word is unchanged

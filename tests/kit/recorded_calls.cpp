@@ -47,6 +47,7 @@ const char* nameOf(Call call) {
                                            "write",
                                            "truncate",
                                            "sync",
+                                           "syncData",
                                            "nextHole",
                                            "nextStored",
                                            "cloneFile",
@@ -410,6 +411,13 @@ struct RecordedCalls::Calls {
     return result;
   }
 
+  static int syncData(int descriptor) {
+    const Verdict verdict = host().begin(Call::syncData);
+    const int result = verdict.fails ? -1 : real().syncData(descriptor);
+    host().note({Call::syncData, descriptor, {}, 0, 0, result}, verdict);
+    return result;
+  }
+
   static off_t nextHole(int descriptor, off_t position) {
     const Verdict verdict = host().begin(Call::nextHole);
     const off_t result = verdict.fails ? -1 : real().nextHole(descriptor, position);
@@ -589,6 +597,7 @@ RecordedCalls::RecordedCalls() : table_(real()) {
   table_.writeAt = Calls::writeAt;
   table_.truncate = Calls::truncate;
   table_.sync = Calls::sync;
+  table_.syncData = Calls::syncData;
   table_.nextHole = Calls::nextHole;
   table_.nextStored = Calls::nextStored;
   table_.cloneFile = Calls::cloneFile;

@@ -263,6 +263,11 @@ constexpr SystemCalls kHostCalls = {
     .writeAt = ::pwrite,
     .truncate = ::ftruncate,
     .sync = ::fsync,
+#if defined(_POSIX_SYNCHRONIZED_IO) && _POSIX_SYNCHRONIZED_IO > 0
+    .syncData = ::fdatasync,
+#else
+    .syncData = ::fsync,
+#endif
     .nextHole = hostNextHole,
     .nextStored = hostNextStored,
     .cloneFile = hostCloneFile,

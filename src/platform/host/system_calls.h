@@ -49,6 +49,7 @@ struct SystemCalls {
   ssize_t (*writeAt)(int descriptor, const void* buffer, size_t count, off_t position);
   int (*truncate)(int descriptor, off_t length);
   int (*sync)(int descriptor);
+  int (*syncData)(int descriptor);  // without the times of the file, where the host knows that
   // Where the next hole begins, and where the next bytes that are stored do, at or after
   // `position`; the end of the file counts as a hole. -1 also where the host does not know holes.
   off_t (*nextHole)(int descriptor, off_t position);

@@ -1,0 +1,213 @@
+// Committing: the order in which intents, patches and the pending word are written.
+#include "intents/commit.h"
+
+#include <algorithm>
+#include <limits>
+#include <random>
+#include <utility>
+
+#include "format/intent.h"
+#include "intents/file_io.h"
+#include "intents/gathering.h"
+#include "intents/run.h"
+#include "platform/handles/cutting.h"
+#include "platform/handles/open_files.h"
+#include "platform/handles/sync.h"
+#include "platform/host/clock.h"
+#include "platform/host/host_failure.h"
+
+namespace qvdbase::intents {
+namespace {
+
+// Larger blocks are written by themselves, without a copy of them beside the intent.
+constexpr size_t kWrittenTogether = 1 << 20;
+
+bool appendBytes(int16_t file, int64_t position, std::vector<unsigned char> intent,
+                 const std::vector<unsigned char>& blocks) {
+  if (blocks.size() <= kWrittenTogether) {
+    intent.insert(intent.end(), blocks.begin(), blocks.end());
+    return writeAt(file, position, intent.data(), intent.size());
+  }
+  return writeAt(file, position, intent.data(), intent.size()) &&
+         writeAt(file, position + static_cast<int64_t>(intent.size()), blocks.data(),
+                 blocks.size());
+}
+
+format::Nonce newNonce() {
+  std::random_device random;
+  format::Nonce nonce;
+  for (unsigned char& byte : nonce) byte = static_cast<unsigned char>(random() & 0xFF);
+  return nonce;
+}
+
+Commit refused(Obstacle obstacle) {
+  Commit commit;
+  commit.obstacle = obstacle;
+  commit.host = platform::lastHostFailure();
+  return commit;
+}
+
+}  // namespace
+
+Commit CommitLog::commit(const StagedChanges& changes) {
+  const platform::Turn turn(file_);
+  Commit commit = append(changes);
+  if (commit.outcome != Outcome::committed || durability_ == Durability::interval) return commit;
+  if (durability_ == Durability::power && !synced(commit.ticket, platform::syncFileData(file_))) {
+    const bool isOnDevice = syncedTickets_ >= commit.ticket;
+    commit.outcome = isOnDevice ? Outcome::committed : Outcome::undecided;
+    commit.obstacle = isOnDevice ? Obstacle::cannotPatch : Obstacle::cannotSync;
+    commit.host = platform::lastHostFailure();
+  } else if (durability_ == Durability::process && !writeHeld()) {
+    commit.obstacle = Obstacle::cannotPatch;
+    commit.host = platform::lastHostFailure();
+  }
+  return commit;
+}
+
+Commit CommitLog::append(const StagedChanges& changes) {
+  const platform::Turn turn(file_);
+  if (isBroken()) return refused(Obstacle::isBroken);
+  if (changes.patches.empty() && changes.blocks.empty() && changes.spilled == 0) {
+    Commit nothing;
+    nothing.outcome = Outcome::committed;
+    nothing.ticket = tickets_;
+    return nothing;
+  }
+  const int64_t position = changes.base + changes.spilled;
+  const OpenReader reader(file_);
+  const FileBytes bytes(reader);
+  if (bytes.size() != position) return refused(Obstacle::changedMeanwhile);
+  const auto header = readIntentHeader(bytes);
+  if (!header) return refused(Obstacle::otherLayout);
+  Gathered gathered = gather(bytes, held_, changes);
+  if (gathered.obstacle != Obstacle::none) return refused(gathered.obstacle);
+  return write(changes, position, *header, std::move(gathered.entries));
+}
+
+Commit CommitLog::write(const StagedChanges& changes, int64_t position,
+                        const internal_Head1& header, std::vector<format::IntentEntry> entries) {
+  const int64_t shift = format::intentBlockSize(entries);
+  if (shift > std::numeric_limits<uint32_t>::max() ||
+      static_cast<int64_t>(changes.blocks.size()) >
+          std::numeric_limits<int64_t>::max() - position - shift) {
+    return refused(Obstacle::tooLarge);
+  }
+  std::vector<unsigned char> blocks = changes.blocks;
+  if (!movePositions(position, shift, &entries, &blocks)) return refused(Obstacle::notTakable);
+  if (!beginRun(header, position, changes.spilled > 0)) return refused(broken_);
+  format::BlocksHash hash;
+  hash.add(blocks);
+  format::Intent intent;
+  intent.flags = durability_ == Durability::power ? format::kIntentIsSynced : uint8_t{0};
+  intent.nonce = nonce_;
+  intent.sequence = sequence_ + 1;
+  intent.synced = durability_ == Durability::process ? sequence_ : syncedSequence_;
+  intent.position = position;
+  intent.lengthBefore = changes.base;
+  intent.blocksLength = blocks.size();
+  intent.blocksHash = hash.finish().value_or(support::Hash128{});
+  intent.entries = std::move(entries);
+  const uint32_t time = platform::secondsSinceEpoch();
+  if (!appendBytes(file_, position, format::encodeIntent(intent, header.databaseID, time, last_),
+                   blocks)) {
+    return takeBack(position);
+  }
+  last_ = position;
+  end_ = position + shift + static_cast<int64_t>(blocks.size());
+  ++sequence_;
+  ++heldCommits_;
+  for (format::IntentEntry& entry : intent.entries) {
+    if (format::isPatch(entry.kind)) held_.hold(entry.position, std::move(entry.after));
+  }
+  Commit commit;
+  commit.outcome = Outcome::committed;
+  commit.shift = shift;
+  commit.ticket = ++tickets_;
+  return commit;
+}
+
+// What was written of an intent that is not whole counts for nothing. Where it cannot be cut off,
+// the next commit begins a new run after it.
+Commit CommitLog::takeBack(int64_t position) {
+  Commit commit = refused(Obstacle::cannotWrite);
+  const auto* file = platform::findOpenFile(file_);
+  if (file != nullptr) static_cast<void>(platform::cutFile(*file, position));
+  return commit;
+}
+
+// A run ends where something else than its next intent begins, and after so many commits. Blocks
+// that were written early have to be on the device before an intent can be seen that names them.
+bool CommitLog::beginRun(const internal_Head1& header, int64_t position, bool hasSpilled) {
+  if (start_ != 0 && position == end_ && sequence_ < kMostOpenIntents) return true;
+  if (!putInPlace()) return false;
+  if ((start_ != 0 || hasSpilled) && !syncUnlessProcess()) return false;
+  format::PendingWord word;
+  word.start = position;
+  word.nonce = newNonce();
+  const format::WordBytes bytes = format::encodePendingWord(word, header.databaseID);
+  if (!writeAt(file_, format::pending::kPosition, bytes.data(), bytes.size())) {
+    broken_ = Obstacle::cannotWrite;
+    return false;
+  }
+  nonce_ = word.nonce;
+  start_ = end_ = position;
+  last_ = 0;
+  sequence_ = syncedSequence_ = 0;
+  return true;
+}
+
+bool CommitLog::synced(uint64_t ticket, bool succeeded) {
+  const platform::Turn turn(file_);
+  if (!succeeded) broken_ = Obstacle::cannotSync;
+  if (isBroken()) return false;
+  if (ticket > syncedTickets_) syncedTickets_ = ticket;
+  const uint64_t later = tickets_ - syncedTickets_;
+  syncedSequence_ = std::max(syncedSequence_, sequence_ > later ? sequence_ - later : 0);
+  return later != 0 || heldCommits_ < std::max(mostHeld_, 1u) || writeHeld();
+}
+
+bool CommitLog::writeHeld() {
+  for (const HeldPatch* patch : held_.inOrder()) {
+    if (writeAt(file_, patch->position, patch->bytes.data(), patch->bytes.size())) continue;
+    broken_ = Obstacle::cannotPatch;
+    return false;
+  }
+  held_.clear();
+  heldCommits_ = 0;
+  return true;
+}
+
+bool CommitLog::syncUnlessProcess() {
+  if (durability_ == Durability::process) return true;
+  if (!platform::syncFileData(file_)) broken_ = Obstacle::cannotSync;
+  return !isBroken();
+}
+
+// No patch is written before the intent is on the device that it belongs to.
+bool CommitLog::putInPlace() {
+  if (durability_ != Durability::process && syncedTickets_ < tickets_ && !sync()) return false;
+  return held_.isEmpty() || writeHeld();
+}
+
+bool CommitLog::sync() {
+  const platform::Turn turn(file_);
+  if (isBroken()) return false;
+  if (durability_ == Durability::process || syncedTickets_ == tickets_) return true;
+  return synced(tickets_, platform::syncFileData(file_));
+}
+
+bool CommitLog::settle() {
+  const platform::Turn turn(file_);
+  if (start_ == 0) return true;
+  if (isBroken() || !putInPlace() || !syncUnlessProcess()) return false;
+  constexpr format::WordBytes kNoWord{};
+  if (!writeAt(file_, format::pending::kPosition, kNoWord.data(), kNoWord.size())) {
+    broken_ = Obstacle::cannotWrite;
+    return false;
+  }
+  start_ = 0;
+  return syncUnlessProcess();
+}
+
+}  // namespace qvdbase::intents

@@ -1,0 +1,69 @@
+// Reading and writing an open file at any position.
+#include "intents/file_io.h"
+
+#include <algorithm>
+
+#include "platform/handles/open_files.h"
+#include "platform/transfer/transfer.h"
+
+namespace qvdbase::intents {
+namespace {
+
+// Puts the position of a number back.
+class KeptPosition {
+ public:
+  KeptPosition(platform::OpenFile* file, int64_t position) : file_(file), kept_(file->position) {
+    file_->position = position;
+  }
+  ~KeptPosition() { file_->position = kept_; }
+  KeptPosition(const KeptPosition&) = delete;
+  KeptPosition& operator=(const KeptPosition&) = delete;
+
+ private:
+  platform::OpenFile* file_;
+  int64_t kept_;
+};
+
+constexpr uint32_t kPiece = 1u << 30;
+
+}  // namespace
+
+OpenReader::OpenReader(int16_t file) : file_(file), size_(std::max<int64_t>(lengthOf(file), 0)) {}
+
+bool OpenReader::read(int64_t position, void* buffer, size_t count) const {
+  platform::OpenFile* file = platform::findOpenFile(file_);
+  if (file == nullptr) return false;
+  const KeptPosition kept(file, position);
+  auto* to = static_cast<unsigned char*>(buffer);
+  while (count > 0) {
+    const auto piece = static_cast<uint32_t>(std::min<size_t>(count, kPiece));
+    uint32_t moved = 0;
+    if (!platform::readAtPosition(*file, to, piece, &moved)) return false;
+    to += piece;
+    count -= piece;
+  }
+  return true;
+}
+
+int64_t lengthOf(int16_t file) {
+  const platform::OpenFile* open = platform::findOpenFile(file);
+  int64_t length = 0;
+  return open != nullptr && platform::fileLength(*open, &length) ? length : -1;
+}
+
+bool writeAt(int16_t file, int64_t position, const void* bytes, size_t count) {
+  platform::OpenFile* open = platform::findOpenFile(file);
+  if (open == nullptr) return false;
+  const KeptPosition kept(open, position);
+  const auto* from = static_cast<const unsigned char*>(bytes);
+  while (count > 0) {
+    const auto piece = static_cast<uint32_t>(std::min<size_t>(count, kPiece));
+    uint32_t moved = 0;
+    if (!platform::writeAtPosition(*open, from, piece, &moved)) return false;
+    from += piece;
+    count -= piece;
+  }
+  return platform::flushTransfers();
+}
+
+}  // namespace qvdbase::intents

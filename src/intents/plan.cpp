@@ -1,0 +1,65 @@
+// The plan of a recovery, from the bytes of a file.
+#include <optional>
+
+#include "format/intent.h"
+#include "intents/judgement.h"
+#include "intents/recovery.h"
+#include "intents/run.h"
+
+namespace qvdbase::intents {
+namespace {
+
+FoundIntent summaryOf(const RunIntent& found) {
+  FoundIntent summary;
+  summary.position = found.intent.position;
+  summary.blocks = found.blocks;
+  summary.end = found.end;
+  summary.sequence = found.intent.sequence;
+  summary.slots = found.slots;
+  summary.state = found.intent.state;
+  return summary;
+}
+
+std::optional<format::WordBytes> readWord(const FileBytes& file) {
+  format::WordBytes bytes;
+  if (!file.read(format::pending::kPosition, bytes.data(), bytes.size())) return std::nullopt;
+  if (format::isNoWord(bytes)) return std::nullopt;
+  return bytes;
+}
+
+RecoveryPlan planOf(const FileBytes& file, Judging judging) {
+  RecoveryPlan plan;
+  const auto bytes = readWord(file);
+  if (!bytes) return plan;
+  const auto header = readIntentHeader(file);
+  if (!header) return plan;
+  const auto word = format::decodePendingWord(*bytes, header->databaseID);
+  if (!word) {
+    plan.pending = Pending::damagedWord;
+    return plan;
+  }
+  plan.pending = Pending::open;
+  plan.start = word->start;
+  const std::vector<RunIntent> run = readRun(file, *header, *word);
+  for (const RunIntent& found : run) plan.intents.push_back(summaryOf(found));
+  Judgement(file, run, judging).decide(&plan);
+  return plan;
+}
+
+}  // namespace
+
+RecoveryPlan plan(const Reader& file, Judging judging) {
+  const FileBytes bytes(file);
+  RecoveryPlan plan = planOf(bytes, judging);
+  if (!bytes.hasFailed()) return plan;
+  RecoveryPlan none;
+  none.pending = Pending::unreadable;
+  return none;
+}
+
+bool hasPendingWord(const Reader& file) {
+  const FileBytes bytes(file);
+  return readWord(bytes) && readIntentHeader(bytes);
+}
+
+}  // namespace qvdbase::intents
