@@ -16,6 +16,8 @@
 #include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
+#include "platform/host/cancellation.h"
+#include "platform/host/clock.h"
 #include "platform/host/host_failure.h"
 #include "platform/transfer/mirror.h"
 #include "platform/transfer/transfer.h"
@@ -96,7 +98,11 @@ void DatabaseTurn::takeAnew(const OpenDatabase& database) {
 }
 
 Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
-    : database_(databaseOf(database, name)), name_(name), turn_(database_), db_(turn_.handle()) {
+    : database_(databaseOf(database, name)),
+      name_(name),
+      turn_(database_),
+      db_(turn_.handle()),
+      opening_(database_.opening) {
   platform::forgetHostFailure();
   if (db_ == 0) fail(Reason::not_open, "it was closed");
   if (database_.forkDepth != platform::forkDepth()) separateFromParent(*this);
@@ -149,8 +155,14 @@ void Operation::requireWritable() const {
   requireOwn();
 }
 
-void Operation::requireSameFile() const {
-  if (database_.handle != db_) fail(Reason::not_open, "it was closed meanwhile");
+void Operation::pauseWithoutTurn(uint64_t microseconds) const {
+  {
+    const platform::TurnPause pause;
+    const platform::Uncancelled uncancelled;
+    platform::pauseFor(microseconds);
+  }
+  const bool isSame = database_.handle == db_ && database_.opening == opening_;
+  if (!isSame) fail(Reason::not_open, "it was closed meanwhile");
 }
 
 void Operation::requireOwn() const {

@@ -55,6 +55,7 @@ struct OpenDatabase {
   uint64_t announcedAt = 0;     // in microseconds
   uint32_t looks = 0;           // that have begun, one inside the other
   bool holdsLook = false;       // their lock
+  bool asksForLook = false;     // so that writers wait for it
   uint32_t changing = 0;        // turns to change the file that have begun, likewise
   // Of a reader: the database that it is a view of, and which opening of it, by which process.
   std::shared_ptr<const OpenDatabase> viewed;
@@ -76,8 +77,10 @@ struct OpenDatabase {
   // How many objects hold a cache of it, itself included where it was opened with one.
   uint32_t cacheHolders = 0;
   uint64_t cacheBudget = 0;
-  uint64_t noReaderAt =
-      0;  // when it was known last that no reader has announced itself; see turns.cpp
+  // When it was known last that no reader has announced itself, and whether one that asked for a
+  // look did not take it; see turns.cpp.
+  uint64_t noReaderAt = 0;
+  bool isReaderLate = false;
   // The batch that is open, of an appender or a writer, or null; see bulk.h.
   Bulk* bulk = nullptr;
   // Of a database that has not got its name yet; see Database::place().
@@ -164,8 +167,10 @@ class Operation {
   // Throws read_only unless the handle may write, and as requireOwn().
   void requireWritable() const;
 
-  // Throws not_open when another thread has closed it while this one had given up the turn.
-  void requireSameFile() const;
+  // Pauses for a part of the time that it waits for another opener. Other threads have the turn of
+  // the file meanwhile. To be called before anything is read; throws not_open when one of them has
+  // closed the database, or opened it again.
+  void pauseWithoutTurn(uint64_t microseconds) const;
 
   // Throws opened_elsewhere in a child process that got the database by fork.
   void requireOwn() const;
@@ -242,6 +247,7 @@ class Operation {
   const char* name_;
   DatabaseTurn turn_;
   int16_t db_;
+  uint32_t opening_;
   bool usesMirror_ = false;  // of the file, and ends it
   mutable std::array<char, qvdbase::format::kTableNameSize>
       tableName_{};  // zeros where it is not known

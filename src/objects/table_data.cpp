@@ -105,7 +105,7 @@ void Table::set_data(ByteView data, uint32_t reserve) {
   const uint32_t size = operation.requireSize(data.size());
   operation.requireWritable();
   operation.requireNoBulk();
-  const detail::ChangeTurn turn(operation);
+  const detail::ChangeTurn turn(operation, detail::OwnBatch::isWaitedFor);
   const auto end = static_cast<int64_t>(operation.fileLength());
   if (SetTableData(operation.db(), id_.value, detail::bytesOf(data), size, reserve) == 1) return;
   const uint64_t length = uint64_t{std::max(size, reserve)} + format::kTableDataBlockOverhead;

@@ -201,6 +201,71 @@ TEST_F(LooksTest, AReaderWaitsForAChangeToEnd) {
   }
 }
 
+// A change, the time that an earlier one has, and that which what looks like damage has.
+TEST_F(LooksTest, WhileAReaderWaitsOtherThreadsHaveTheTurnOfItsFile) {
+  if (!kHasThreads) GTEST_SKIP() << "the library is built for one thread";
+  const auto isTurnFree = [this] {
+    return platform::findOpenFile(database_->handle())->turn->owner.load() == nullptr;
+  };
+  database_.emplace(openDatabase(Mode::shared));
+  const Pauses pauses([&] {
+    EXPECT_TRUE(isTurnFree());
+    other_.releaseByte(there_, LockByte::change, Sharing::exclusive);
+  });
+  const qvdb::Table read = database_->table("t");
+  ASSERT_EQ(other_.takeByte(there_, LockByte::change, Sharing::exclusive), kTaken);
+  const uint64_t before = pauses.microseconds();
+  EXPECT_EQ(read.count(), 9u);
+  EXPECT_GT(pauses.microseconds(), before);
+}
+
+TEST_F(LooksTest, ADatabaseThatIsClosedOrOpenedAgainWhileAReaderWaitsIsNotReadOn) {
+  read();
+  for (const bool isOpenedAgain : {true, false}) {
+    ASSERT_EQ(other_.takeByte(there_, LockByte::change, Sharing::exclusive), kTaken);
+    int paused = 0;
+    const Pauses pauses([&] {
+      if (++paused != 1) return;
+      other_.releaseByte(there_, LockByte::change, Sharing::exclusive);
+      isOpenedAgain ? database_->reopen() : database_->close();
+    });
+    expectError(Reason::not_open, [&] { table_->count(); });
+  }
+}
+
+TEST_F(LooksTest, AReaderThatWaitsAsksWritersForALook) {
+  read(Mode::shared);
+  const qvdb::Reader reader = database_->reader();
+  const qvdb::Table viewed = reader.table("t");
+  const auto isAsked = [this] {
+    if (other_.takeByte(there_, LockByte::waiting, Sharing::exclusive) != kTaken) return true;
+    other_.releaseByte(there_, LockByte::waiting, Sharing::exclusive);
+    return false;
+  };
+  for (const qvdb::Table& each : {*table_, viewed}) {
+    EXPECT_FALSE(isAsked());
+    ASSERT_EQ(other_.takeByte(there_, LockByte::change, Sharing::exclusive), kTaken);
+    {
+      const Pauses pauses([&] {
+        EXPECT_TRUE(isAsked());
+        other_.releaseByte(there_, LockByte::change, Sharing::exclusive);
+      });
+      each.count();
+      EXPECT_GT(pauses.microseconds(), 0u);
+    }
+    EXPECT_FALSE(isAsked());
+  }
+  ASSERT_EQ(other_.takeByte(there_, LockByte::change, Sharing::exclusive), kTaken);
+  {
+    const Pauses pauses;
+    expectError(Reason::in_use, [&] { table_->count(); });
+  }
+  EXPECT_FALSE(isAsked());
+  const Pauses pauses([&] { database_->close(); });
+  expectError(Reason::not_open, [&] { table_->count(); });
+  EXPECT_FALSE(isAsked());
+}
+
 TEST_F(LooksTest, AReaderGivesUpWhenAChangeNeverEnds) {
   read();
   ASSERT_EQ(other_.takeByte(there_, LockByte::change, Sharing::exclusive), kTaken);
@@ -364,6 +429,15 @@ TEST_F(ContradictionTest, IsNoDamageWhenASecondLookFindsNone) {
   const Pauses pauses([&] { setCount(9); });
   EXPECT_EQ(idsOf(*table_).size(), 9u);
   EXPECT_GE(pauses.microseconds(), 20'000u);
+}
+
+TEST_F(ContradictionTest, IsWaitedForWithoutTheTurnOfTheFile) {
+  const auto* turn = platform::findOpenFile(database_->handle())->turn;
+  const Pauses pauses([&] {
+    EXPECT_EQ(turn->owner.load(), nullptr);
+    setCount(9);
+  });
+  EXPECT_EQ(idsOf(*table_).size(), 9u);
 }
 
 TEST_F(ContradictionTest, IsDamageWhenASecondLookFindsTheSame) {

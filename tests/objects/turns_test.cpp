@@ -236,6 +236,38 @@ TEST_F(TurnsTest, AnAppenderHasTheTurnUntilItIsFinishedOrDiscarded) {
   EXPECT_TRUE(isTurnFree());
 }
 
+// By another thread, which has the turn of the file while this one waits.
+TEST_F(TurnsTest, ABatchThatIsOpenedMeanwhileHasItsTurnUntilItEnds) {
+  open(Mode::shared);
+  const qvdb::Id id = firstId();
+  const std::vector<std::function<void()>> joining = {
+      [&] { table_->touch(id); }, [&] { table_->modify(id, "f"); },
+      [&] { table_->write(id, 0, "F"); }, [&] { database_->set_version(100); }};
+  const std::vector<std::function<void()>> waiting = {[&] { table_->add("x"); },
+                                                      [&] { table_->set_data("data"); },
+                                                      [&] { table_->appender().finish(); }};
+  for (const auto* changes : {&joining, &waiting}) {
+    for (const auto& change : *changes) {
+      ASSERT_EQ(takeThere(LockByte::turn, Sharing::exclusive), kTaken);
+      std::optional<qvdb::BulkAppender> appender;
+      int waited = 0;
+      {
+        const Pauses pauses([&] {
+          ++waited;
+          if (waited == 1) releaseThere(LockByte::turn, Sharing::exclusive);
+          if (waited == 1) appender.emplace(table_->appender());
+          if (waited == 5) appender->finish();
+        });
+        change();
+      }
+      EXPECT_EQ(waited, changes == &joining ? 1 : 5);
+      EXPECT_EQ(isTurnFree(), changes == &waiting);
+      appender.reset();
+      EXPECT_TRUE(isTurnFree());
+    }
+  }
+}
+
 TEST_F(TurnsTest, TwoSharedWritersOfOneProcessTakeTurnsToo) {
   open(Mode::shared);
   qvdb::Database second = openDatabase(Mode::shared);
@@ -337,6 +369,41 @@ TEST_F(TurnsTest, AWriterWaitsForAReaderWhoLooksAndClosesTheGateMeanwhile) {
   EXPECT_EQ(gate, kRefused);
   EXPECT_EQ(takeThere(LockByte::gate, Sharing::shared), kTaken);
   EXPECT_EQ(table_->count(), 2u);
+}
+
+TEST_F(TurnsTest, AWriterLetsAReaderLookThatAsksForIt) {
+  open(Mode::exclusive);
+  ASSERT_EQ(other_.announce(there_), 1);
+  for (const auto& change : changes()) {
+    ASSERT_EQ(takeThere(LockByte::waiting, Sharing::shared), kTaken);
+    bool hasLooked = false;
+    const Pauses pauses([&] {
+      if (hasLooked) return;
+      hasLooked = takeThere(LockByte::change, Sharing::shared) == kTaken;
+      releaseThere(LockByte::waiting, Sharing::shared);
+      releaseThere(LockByte::change, Sharing::shared);
+    });
+    change();
+    EXPECT_TRUE(hasLooked);
+  }
+}
+
+TEST_F(TurnsTest, AWriterWaitsOnceForAReaderThatAsksAndDoesNotLook) {
+  open(Mode::exclusive);
+  ASSERT_EQ(other_.announce(there_), 1);
+  const auto waited = [this] {
+    const Pauses pauses;
+    table_->touch(firstId());
+    return pauses.microseconds();
+  };
+  EXPECT_EQ(waited(), 0u);
+  ASSERT_EQ(takeThere(LockByte::waiting, Sharing::shared), kTaken);
+  EXPECT_GE(waited(), 20'000u);
+  EXPECT_EQ(waited(), 0u);
+  releaseThere(LockByte::waiting, Sharing::shared);
+  EXPECT_EQ(waited(), 0u);
+  ASSERT_EQ(takeThere(LockByte::waiting, Sharing::shared), kTaken);
+  EXPECT_GE(waited(), 20'000u);
 }
 
 // With a cache, the answer that there is no reader holds for a while.

@@ -28,18 +28,35 @@ using platform::Sharing;
 // what looks like damage.
 constexpr uint64_t kLongestChange = 20'000;  // microseconds
 
-// A pause that a signal ends is continued; not for ever, in case the clock does not go on.
-void letPass(uint64_t since, uint64_t microseconds) {
-  for (int i = 0; i < 100; ++i) {
-    const uint64_t passed = platform::microsecondCounter() - since;
-    if (passed >= microseconds) return;
-    platform::pauseFor(microseconds - passed);
-  }
-}
+// Other threads have the turn of the file meanwhile, where the operation is at its beginning: not
+// within a walk, whose thread is in the middle of something.
+class Waiting {
+ public:
+  explicit Waiting(const Operation& operation) : operation_(operation) {}
 
-void waitForEarlierChanges(OpenDatabase& database) {
+  void pause(uint64_t microseconds) const {
+    const bool isAtBeginning =
+        operation_.database().looks == 0 && !platform::callState().isInScope();
+    isAtBeginning ? operation_.pauseWithoutTurn(microseconds) : platform::pauseFor(microseconds);
+  }
+
+  // A pause that a signal ends is continued; not for ever, in case the clock does not go on.
+  void letPass(uint64_t since, uint64_t microseconds) const {
+    for (int i = 0; i < 100; ++i) {
+      const uint64_t passed = platform::microsecondCounter() - since;
+      if (passed >= microseconds) return;
+      pause(microseconds - passed);
+    }
+  }
+
+ private:
+  const Operation& operation_;
+};
+
+void waitForEarlierChanges(const Operation& operation) {
+  OpenDatabase& database = operation.database();
   if (!database.mayMissChanges) return;
-  letPass(database.announcedAt, kLongestChange);
+  Waiting(operation).letPass(database.announcedAt, kLongestChange);
   database.mayMissChanges = false;
 }
 
@@ -63,11 +80,37 @@ LockOutcome takeLook(OpenDatabase& database) {
   return outcome;
 }
 
+void ask(OpenDatabase& database) {
+  database.asksForLook = true;
+  platform::askForLook(database.handle);
+}
+
+void stopAsking(OpenDatabase& database) {
+  if (std::exchange(database.asksForLook, false)) platform::stopAskingForLook(database.handle);
+}
+
+// A writer that makes one change after the other leaves the bytes free for a moment only, but for
+// longer while a reader asks for a look. What one thread asks another one may take back.
+LockOutcome takeLookInTime(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  const Waiting waiting(operation);
+  const LockOutcome outcome = whileRefused(
+      database.turnWait(),
+      [&] {
+        const LockOutcome found = takeLook(database);
+        if (found == LockOutcome::refused) ask(database);
+        return found;
+      },
+      [&](uint64_t length) { waiting.pause(length); });
+  stopAsking(database);
+  return outcome;
+}
+
 void beginBesideProcesses(const Operation& operation) {
   OpenDatabase& database = operation.database();
-  waitForEarlierChanges(database);
+  waitForEarlierChanges(operation);
   platform::renewAnnouncement(database.handle);
-  const LockOutcome outcome = whileRefused(database.turnWait(), [&] { return takeLook(database); });
+  const LockOutcome outcome = takeLookInTime(operation);
   if (outcome == LockOutcome::refused) {
     operation.fail(Reason::in_use, "another process is in the middle of a change of it");
   }
@@ -132,7 +175,7 @@ void separateFromParent(const Operation& operation) {
   }
   database.forkDepth = platform::forkDepth();
   database.looks = database.changing = 0;
-  database.holdsLook = database.holdsViewLook = false;
+  database.holdsLook = database.holdsViewLook = database.asksForLook = false;
   markIndexesStale(database);
   database.isBesideWriters = true;
   database.isAnnounced = platform::announceReader(operation.db());
@@ -142,6 +185,7 @@ void separateFromParent(const Operation& operation) {
 
 // What the parent has announced is not counted among what this process has.
 void withdraw(OpenDatabase& database) noexcept {
+  stopAsking(database);
   const bool isOfThisProcess = database.forkDepth == platform::forkDepth();
   if (database.isAnnounced && isOfThisProcess) platform::withdrawReader(database.handle);
   database.isAnnounced = false;
@@ -188,7 +232,9 @@ void Doubt::weigh(const Error& error) {
   seen_ = std::move(found);
   place_ = std::move(place);
   platform::forgetHostFailure();
-  if (mayBeChanging) letPass(platform::microsecondCounter(), kLongestChange);
+  if (mayBeChanging) {
+    Waiting(operation_).letPass(platform::microsecondCounter(), kLongestChange);
+  }
 }
 
 }  // namespace qvdb::detail

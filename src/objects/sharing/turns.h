@@ -8,9 +8,15 @@
 // limit in time. Locks are taken in the order turn, gate, change.
 #pragma once
 
+#include <cstdint>
+
 #include "objects/open_database.h"
 
 namespace qvdb::detail {
+
+// What becomes of an operation that waits for its turn when another thread opens a batch of the
+// same database meanwhile: one that would disturb it waits on.
+enum class OwnBatch : uint8_t { isJoined, isWaitedFor };
 
 // The turn of one operation that changes the file; it lasts until the object ends, which has to be
 // after the end of the operation's transfers. Also within an open batch, which has the turn
@@ -19,13 +25,13 @@ class ChangeTurn {
  public:
   // Throws in_use when it cannot be obtained within the time that the database waits. In a database
   // that others share, the directory is read afresh after it.
-  explicit ChangeTurn(const Operation& operation);
+  explicit ChangeTurn(const Operation& operation, OwnBatch batch = OwnBatch::isJoined);
   ~ChangeTurn();
   ChangeTurn(const ChangeTurn&) = delete;
   ChangeTurn& operator=(const ChangeTurn&) = delete;
 
  private:
-  void begin(const Operation& operation);
+  void begin(const Operation& operation, OwnBatch batch);
   void keepReadersOut(const Operation& operation);
   void end();
 

@@ -42,7 +42,7 @@ qvdbase::platform::LockOutcome whileRefused(uint64_t microseconds, Attempt attem
   constexpr uint64_t kFirstPause = 20;
   constexpr uint64_t kLongestPause = 1'000;
   qvdbase::platform::LockOutcome outcome = attempt();
-  if (outcome != qvdbase::platform::LockOutcome::refused) return outcome;
+  if (outcome != qvdbase::platform::LockOutcome::refused || microseconds == 0) return outcome;
   const uint64_t begin = qvdbase::platform::microsecondCounter();
   uint64_t waited = 0;
   for (uint64_t pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {

@@ -95,7 +95,7 @@ std::optional<Id> addRecord(const Operation& operation, detail::KeyChange& keys,
   operation.requireNoBulk();
   if (record) operation.requireIdentifier(*record);
   if (!keys.isReady(operation, {payload.span(), {}}, 0)) return std::nullopt;
-  const detail::ChangeTurn turn(operation);
+  const detail::ChangeTurn turn(operation, detail::OwnBatch::isWaitedFor);
   unsigned char recordID[format::kIdentifierSize];
   if (record) internal_ConvertInt64_2UuID(record->value, recordID);
   detail::OpenDatabase& database = operation.database();

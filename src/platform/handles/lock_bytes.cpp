@@ -157,6 +157,18 @@ void releaseLook(int16_t file) {
   looks.empty();
 }
 
+void askForLook(int16_t file) {
+  if (const OpenFile* openFile = findOpenFile(file)) {
+    setLock(descriptorFor(*openFile->entry, Sharing::shared), LockByte::waiting, F_RDLCK);
+  }
+}
+
+void stopAskingForLook(int16_t file) {
+  if (const OpenFile* openFile = findOpenFile(file)) {
+    setLock(descriptorFor(*openFile->entry, Sharing::shared), LockByte::waiting, F_UNLCK);
+  }
+}
+
 bool announceReader(int16_t file) {
   const LockedEntry entry(file);
   if (!entry) return false;

@@ -19,11 +19,12 @@ namespace qvdbase::platform {
 inline constexpr int64_t kFirstLockByte = kLockedBytes;
 
 enum class LockByte : uint8_t {
-  reader,  // shared, for as long as it has the file open: who reads beside writers
-  change,  // exclusive: a writer changes bytes in place; shared: a reader looks at them
-  gate,    // exclusive: a writer waits for `change`; readers take no new look meanwhile
-  turn,    // exclusive: of writers that share the file, the one whose turn it is
-  next,    // exclusive: of those that wait for `turn`, the one who gets it next
+  reader,   // shared, for as long as it has the file open: who reads beside writers
+  change,   // exclusive: a writer changes bytes in place; shared: a reader looks at them
+  gate,     // exclusive: a writer waits for `change`; readers take no new look meanwhile
+  turn,     // exclusive: of writers that share the file, the one whose turn it is
+  next,     // exclusive: of those that wait for `turn`, the one who gets it next
+  waiting,  // shared: readers that wait for `change`; writers let them look first
 };
 
 enum class LockOutcome : uint8_t {
@@ -49,6 +50,11 @@ bool isLockByteHeld(int16_t file, LockByte byte);
 // from before the look until after it.
 LockOutcome takeLook(int16_t file);
 void releaseLook(int16_t file);
+
+// Says to writers elsewhere that a reader here waits for a look, and that none does any more. To be
+// called under the same conditions.
+void askForLook(int16_t file);
+void stopAskingForLook(int16_t file);
 
 // Says to writers elsewhere that this opener reads beside them, until withdrawReader. Openers in
 // this process announce themselves together. False where the lock cannot be taken: nothing is

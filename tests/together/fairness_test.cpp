@@ -1,0 +1,91 @@
+// Processes that never rest keep no other one out: how many operations of theirs pass while another
+// one waits is counted, not how long that takes.
+#include <gtest/gtest.h>
+#include <qvdbase/qvdb.hpp>
+
+#include <string>
+#include <vector>
+
+#include "kit/forked.h"
+#include "kit/replaced_calls.h"
+#include "objects/layer_fixture.h"
+#include "together/board.h"
+
+namespace qvdbase::test {
+namespace {
+
+using qvdb::Id;
+using qvdb::Mode;
+
+constexpr std::chrono::seconds kPatience(60);
+
+class Fairness : public LayerTest {
+ protected:
+  void SetUp() override {
+    LayerTest::SetUp();
+    writers_.reserve(2);
+  }
+
+  // So that nearly all of the time a change is being made.
+  struct SlowWrites : ReplacedCalls {
+    SlowWrites() {
+      (*this)->writeAt = [](int descriptor, const void* bytes, size_t count, off_t position) {
+        platform::hostSystemCalls().pause(20'000);
+        return platform::hostSystemCalls().writeAt(descriptor, bytes, count, position);
+      };
+    }
+  };
+
+  // Processes that change the record again and again, until the end of the test.
+  void begin(Mode mode, int count) {
+    for (int i = 0; i < count; ++i) {
+      writers_.emplace_back([this, mode] {
+        const SlowWrites slowly;
+        const auto database = qvdb::Database::open(path(), {.mode = mode, .wait = kPatience});
+        qvdb::Table table = database.table("t");
+        while (!board_->isOver) {
+          if (!table.modify(Id{1}, "payload")) return 1;
+          ++board_->looks;
+        }
+        return 0;
+      });
+    }
+    createDatabase().add_table("t").add_with_id(Id{1}, "payload");
+    for (ForkedLater& writer : writers_) writer.begin();
+    while (board_->looks == 0) platform::hostSystemCalls().pause(1'000);
+  }
+
+  void end() {
+    board_->isOver = true;
+    for (ForkedLater& writer : writers_) EXPECT_EQ(writer.end(), 0);
+  }
+
+  SharedBoard board_;
+  std::vector<ForkedLater> writers_;
+};
+
+// About 20 for each look if it had to find the moment between two changes.
+TEST_F(Fairness, AReaderWaitsForFewChangesOfAWriterThatNeverRests) {
+  constexpr uint32_t kLooks = 30;
+  begin(Mode::exclusive, 1);
+  const auto database = qvdb::Database::open(path(), {.wait = kPatience});
+  const qvdb::Table table = database.table("t");
+  const uint32_t before = board_->looks;
+  for (uint32_t i = 0; i < kLooks; ++i) EXPECT_EQ(table.count(), 1u);
+  EXPECT_LT(board_->looks - before, 8 * kLooks);
+  end();
+}
+
+TEST_F(Fairness, AWriterWaitsForFewOperationsOfSharedWritersThatNeverRest) {
+  constexpr uint32_t kChanges = 30;
+  begin(Mode::shared, 2);
+  const auto database = qvdb::Database::open(path(), {.mode = Mode::shared, .wait = kPatience});
+  qvdb::Table table = database.table("t");
+  const uint32_t before = board_->looks;
+  for (uint32_t i = 0; i < kChanges; ++i) table.touch(Id{1});
+  EXPECT_LT(board_->looks - before, 8 * kChanges);
+  end();
+}
+
+}  // namespace
+}  // namespace qvdbase::test
