@@ -26,6 +26,7 @@
 
 #include <qvdbase/qvdb/cpp20.hpp>
 
+#include <qvdbase/qvdb/backup.hpp>
 #include <qvdbase/qvdb/bulk.hpp>
 #include <qvdbase/qvdb/bytes.hpp>
 #include <qvdbase/qvdb/cache.hpp>

@@ -113,6 +113,10 @@ void openAgain(const Path& folder) {
   require(notes.find(last->id()).has_value(), "the record is there");
 }
 
+void backUp(const Path& source, const Path& made, Mode mode) {
+  Database::open(source, mode).backup(made);
+}
+
 void undeleteMiddle(const Path& folder) {
   const Path source = folder / "source.qvd";
   const auto versions = qvdb::history(source, "notes", kMiddle);
@@ -154,6 +158,10 @@ std::vector<LayerCall> readingCalls() {
       making("CreateAndPlace", createAndPlace),
       making("CompactToAnother",
              [](const Path& source, const Path& made) { qvdb::compact(source, made); }),
+      making("BackUp",
+             [](const Path& source, const Path& made) { backUp(source, made, Mode::exclusive); }),
+      making("BackUpWhatOthersWrite",
+             [](const Path& source, const Path& made) { backUp(source, made, Mode::read_only); }),
       making("Pack", [](const Path& source, const Path& made) { qvdb::pack(source, made); }),
       {"Renumber",
        [](const Path& folder) { qvdb::renumber(folder / "source.qvd", folder / "new.qvd"); },

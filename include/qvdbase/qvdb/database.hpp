@@ -2,8 +2,10 @@
 #pragma once
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/backup.hpp>
 #include <qvdbase/qvdb/cache.hpp>
 #include <qvdbase/qvdb/id.hpp>
+#include <qvdbase/qvdb/maintenance.hpp>
 #include <qvdbase/qvdb/table.hpp>
 
 #include <array>
@@ -273,6 +275,24 @@ class QVDBASE_API Database {
   //
   // Throws bad_argument unless the database is open exclusively; opened_elsewhere; not_open.
   [[nodiscard]] Cache cache(size_t bytes = size_t{64} << 20) const;
+
+  // Copies the open file to `target`, as it is at one moment: from an exclusive database between
+  // two of its operations, from every other one beside writers, of which those of this layer wait
+  // for the last moments of it. What is written meanwhile is copied again; beside a program that
+  // writes by the C functions, which do not wait, all of it begins again a few times. The copy is
+  // checked before it gets its name; a damaged source is refused unless `force` is set. The target
+  // gets permissions, access list, attributes and group of the source, and its owner where the
+  // system allows that, unless it replaces a file. A relative path starts at the current folder.
+  //
+  // progress  called without a lock of the database; other threads may work with it meanwhile
+  //
+  // Throws Error: not_open; appender_open, since a copy would have half a batch;
+  // path_not_reachable; file_exists; not_a_file; access_denied; in_use, also where another program
+  // changes the source again and again; bad_argument when the target is the file itself, or has
+  // several hard links; damaged; disk_full; size_limit; cannot_read; cannot_write; cancelled. The
+  // target is as it was then.
+  BackupReport backup(const std::filesystem::path& target, const BackupOptions& options = {},
+                      const ProgressFunction& progress = {}) const;
 
   // Waits until the device has everything that was written. Without it a power failure can lose
   // what the system has not written yet. Throws Error: cannot_write.

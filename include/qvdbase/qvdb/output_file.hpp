@@ -15,6 +15,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -76,5 +77,14 @@ class QVDBASE_API OutputFile {
   class State;
   std::unique_ptr<State> state_;
 };
+
+struct CheckReport;  // qvdb/check.hpp
+struct Finding;
+
+// Checks a file that is being written and should be a database, as check() does one that has a
+// name: before place() gives it to it. The visitor, which may be empty, gets every finding. Nothing
+// is thrown but what the visitor throws, and std::bad_alloc; what cannot be read is a finding.
+QVDBASE_API CheckReport check(const OutputFile& file,
+                              const std::function<void(const Finding&)>& visitor = {});
 
 }  // namespace qvdb

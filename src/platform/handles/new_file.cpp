@@ -78,6 +78,38 @@ bool NewFile::writeAt(int64_t position, const void* bytes, size_t count) {
   return writePlain(descriptor(), position, bytes, count) == count;
 }
 
+bool NewFile::shareContentsOf(const ReadOnlyFile& source) {
+  return uninterrupted(
+             [&] { return systemCalls().cloneFile(descriptor(), source.descriptor()); }) == 0;
+}
+
+// Within the limit of this process's files, where a write beyond would raise a signal.
+size_t NewFile::copyFrom(const ReadOnlyFile& source, int64_t position, size_t count) {
+  if (bytesBelow(systemCalls().fileSizeLimit(), position, count) < count) return 0;
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t copied = uninterrupted([&] {
+      return systemCalls().copyRange(descriptor(), source.descriptor(),
+                                     position + static_cast<off_t>(done), count - done);
+    });
+    if (copied <= 0) break;
+    done += static_cast<size_t>(copied);
+  }
+  return done;
+}
+
+bool NewFile::setLength(int64_t length) {
+  const auto size = static_cast<uint64_t>(length);
+  if (length < 0 || size > systemCalls().fileSizeLimit()) {
+    noteHostFailure(EFBIG);
+    return false;
+  }
+  const bool isSet =
+      uninterrupted([&] { return systemCalls().truncate(descriptor(), length); }) == 0;
+  if (!isSet) noteHostFailure();
+  return isSet;
+}
+
 uint64_t NewFile::size() const {
   const int64_t length = systemCalls().lengthOf(descriptor());
   return length > 0 ? static_cast<uint64_t>(length) : 0;

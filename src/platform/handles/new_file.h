@@ -17,6 +17,7 @@
 #include "platform/handles/file_access.h"
 #include "platform/handles/file_entries.h"
 #include "platform/handles/held_file.h"
+#include "platform/handles/read_only_file.h"
 #include "platform/host/process_mark.h"
 #include "platform/paths/directory.h"
 #include "platform/paths/placing.h"
@@ -67,6 +68,17 @@ class NewFile {
 
   // True when all bytes were written.
   bool writeAt(int64_t position, const void* bytes, size_t count);
+
+  // Makes its contents those of another file, without copying them. False where the host does not
+  // do that, with nothing changed.
+  bool shareContentsOf(const ReadOnlyFile& source);
+
+  // Copies bytes of another file to the same position, within the host. Returns how many it has
+  // copied, which may be none.
+  size_t copyFrom(const ReadOnlyFile& source, int64_t position, size_t count);
+
+  // Makes it so long: what was never written reads as zeros. False when the host refuses.
+  bool setLength(int64_t length);
 
   // Puts the file in its place.
   Placing place(const Replaced& replaced, Waits waits);

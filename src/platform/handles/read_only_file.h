@@ -48,7 +48,9 @@ class ReadOnlyFile {
   // False when there is none before `size`, the file's, or the host does not report it.
   bool nextHole(int64_t position, int64_t size, FileHole* hole) const;
 
+  // Its length and when it was changed; the descriptor stays this object's.
   bool stamp(FileStamp* stamp) const;
+  int descriptor() const { return entry_ != nullptr ? descriptor_ : device_; }
   bool access(FileAccess* access) const { return readAccess(descriptor(), access); }
 
   // Whether another process holds a lock on the file, as every process does that has it open for
@@ -56,7 +58,6 @@ class ReadOnlyFile {
   bool isLockedByOthers() const;
 
  private:
-  int descriptor() const { return entry_ != nullptr ? descriptor_ : device_; }
   void use(FileEntry* entry);
 
   FileEntry* entry_ = nullptr;

@@ -5,12 +5,16 @@
 // damage when they last. So findings count only when the file did not change while it was read and
 // no other process has it open for writing; otherwise the check is repeated, and at last given up.
 #include <qvdbase/qvdb/check.hpp>
+#include <qvdbase/qvdb/output_file.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
 #include "platform/host/cancellation.h"
 #include "platform/host/clock.h"
+#include "platform/host/system_calls.h"
+#include "platform/transfer/plain_transfer.h"
 #include "recovery/check/findings.h"
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
@@ -119,6 +123,24 @@ CheckReport deliverToCaller(Checked checked, const FindingVisitor& visitor) {
   return deliver(std::move(checked), visitor);
 }
 
+// A file that is not one of the library's open files.
+class DescriptorSource : public ByteSource {
+ public:
+  explicit DescriptorSource(int descriptor)
+      : descriptor_(descriptor),
+        size_(std::max<int64_t>(platform::systemCalls().lengthOf(descriptor), 0)) {}
+
+  int64_t size() const override { return size_; }
+  size_t readAt(int64_t position, void* buffer, size_t count) const override {
+    bool failed = false;
+    return platform::readPlain(descriptor_, position, buffer, available(position, count), &failed);
+  }
+
+ private:
+  int descriptor_;
+  int64_t size_;
+};
+
 }  // namespace
 
 CheckReport check(const std::filesystem::path& path, const FindingVisitor& visitor,
@@ -149,6 +171,10 @@ CheckReport check_image(std::span<const std::byte> image, const FindingVisitor& 
                         const CheckOptions& options) {
   const MemorySource source(image);
   return deliverToCaller(checkOnce(source, options), visitor);
+}
+
+CheckReport check(const OutputFile& file, const FindingVisitor& visitor) {
+  return deliverToCaller(checkOnce(DescriptorSource(file.descriptor()), {}), visitor);
 }
 
 RepairPreview predict_repair(const std::filesystem::path& path) {

@@ -85,6 +85,11 @@ void OpenedFile::watch() {
   look();
 }
 
+void OpenedFile::watchAnew(const std::filesystem::path& path, const char* operation) {
+  if (!look()) failure::throwError(path, operation, qvdb::Reason::cannot_read);
+  watch();
+}
+
 bool OpenedFile::hasChanged() const {
   platform::FileStamp now;
   if (!file_.stamp(&now) || !(now == stamp_)) return true;

@@ -22,10 +22,15 @@ class OpenedFile {
   OpenedFile(int16_t file, const std::filesystem::path& path, const char* operation);
 
   const ByteSource& source() const { return *source_; }
+  const platform::ReadOnlyFile& file() const { return file_; }
 
   // Makes sure that every write from now on shows in hasChanged(), which may take a moment for a
   // file that was written just now. To be called before source() is.
   void watch();
+
+  // The same of the file as it is now: source() is then of another size, perhaps. Throws
+  // cannot_read.
+  void watchAnew(const std::filesystem::path& path, const char* operation);
 
   // Whether the file was written to since it was opened here: its size, its times, or the
   // bytes of its header and directory are others.
