@@ -30,6 +30,8 @@ extern const Command kSalvageCommand;
 extern const Command kHistoryCommand;
 extern const Command kUndeleteCommand;
 extern const Command kMendCommand;
+extern const Command kBackupCommand;
+extern const Command kRestoreCommand;
 extern const Command kCompactCommand;
 extern const Command kCategoriesCommand;
 extern const Command kPackCommand;
