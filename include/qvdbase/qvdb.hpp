@@ -31,6 +31,7 @@
 #include <qvdbase/qvdb/bytes.hpp>
 #include <qvdbase/qvdb/cache.hpp>
 #include <qvdbase/qvdb/check.hpp>
+#include <qvdbase/qvdb/checksum.hpp>
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/history.hpp>

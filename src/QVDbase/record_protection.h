@@ -20,7 +20,7 @@ struct StoredChecksum {
   unsigned char bytes[format::checksum::kSize];
 };
 
-// Reads it. False when the file cannot be read; not when there is none.
+// Reads it. False when the file cannot be read there, or ends before; not when there is none.
 [[nodiscard]] bool readChecksum(int16_t db, int64_t recordPos, uint32_t dataLength,
                                 uint32_t dataCapacity, StoredChecksum* stored);
 

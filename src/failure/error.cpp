@@ -48,7 +48,8 @@ constexpr Words kWords[] = {{Reason::path_not_reachable, "path not reachable"},
                             {Reason::changed_meanwhile, "changed meanwhile"},
                             {Reason::opened_elsewhere, "opened by another process"},
                             {Reason::key_exists, "the key exists"},
-                            {Reason::record_exists, "the record exists"}};
+                            {Reason::record_exists, "the record exists"},
+                            {Reason::payload_damaged, "payload damaged"}};
 
 }  // namespace
 

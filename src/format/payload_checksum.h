@@ -45,7 +45,7 @@ class PayloadHash {
   support::Xxh3 hash_;
 };
 
-enum class PayloadState {
+enum class PayloadState : uint8_t {
   verified,          // it is what was stored
   unprotected,       // there is no checksum
   changedElsewhere,  // the checksum is of another time or length: it says nothing of this payload
@@ -57,9 +57,10 @@ inline bool hasChecksumSpace(uint32_t dataLength, uint32_t dataCapacity) {
   return dataLength <= dataCapacity && dataCapacity - dataLength >= checksum::kSize;
 }
 
-// Where it is in the file, in a block that has the space.
+// Where it is in the file, in a block that has the space; negative where no file is that long.
 inline int64_t checksumPosition(int64_t recordPos, uint32_t dataCapacity) {
-  return recordPos + record::kData + int64_t{dataCapacity} - int64_t{checksum::kSize};
+  const uint64_t inBlock = uint64_t{record::kData} + dataCapacity - checksum::kSize;
+  return static_cast<int64_t>(static_cast<uint64_t>(recordPos) + inBlock);
 }
 
 // The capacity of a new block with a checksum for a payload of this length, which is at most

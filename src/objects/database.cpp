@@ -231,6 +231,7 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
     Database database =
         options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
     database.state_->wait = options.wait;
+    database.state_->checksums = options.checksums;
     if (options.cache != 0) detail::holdCache(Operation(database.state_, kOpen), options.cache);
     if (options.check) {
       const Operation operation(database.state_, kOpen);

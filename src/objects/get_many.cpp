@@ -91,7 +91,7 @@ void load(const Operation& operation, Id table, Id record, size_t number, Group*
   if (detail::locate(operation, table, record, &found) != detail::Located::no) {
     loaded.isThere = true;
     loaded.size = found.header.dataLength;
-    detail::appendPayload(operation, detail::recordInfo(found.header, found.recordPos),
+    detail::appendPayload(operation, table, detail::recordInfo(found.header, found.recordPos),
                           found.header.dataLength, &group->bytes);
   }
   group->records.push_back(loaded);

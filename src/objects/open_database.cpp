@@ -81,12 +81,21 @@ bool saysWhatTheFileHolds(Reason reason) {
     case Reason::directory_damaged:
     case Reason::chain_damaged:
     case Reason::data_damaged:
+    case Reason::payload_damaged:
     case Reason::table_missing:
     case Reason::record_missing:
       return true;
     default:
       return false;
   }
+}
+
+bool OpenDatabase::wantsChecksum(Id table, Checksum wanted) const {
+  if (wanted != Checksum::by_default) return wanted == Checksum::yes;
+  for (const auto& [id, isWanted] : tableChecksums) {
+    if (id == table) return isWanted;
+  }
+  return checksums;
 }
 
 void DatabaseTurn::takeAnew(const OpenDatabase& database) {
@@ -127,6 +136,20 @@ void Operation::failAs(Reason reason, const std::string& why, ErrorDetails known
   }
   const std::string host = "the system cannot read the file: " + known.system_code.message();
   failure::throwError(database_.path, name_, Reason::cannot_read, host, std::move(known));
+}
+
+void Operation::failPayload(const RecordInfo& record) const {
+  ErrorDetails known = details();
+  known.position = record.position;
+  known.remedy = Remedy::restore_payload;
+  failAs(
+      Reason::payload_damaged,
+      "the payload of record " + to_string(record.id) + ", whose block is at " +
+          std::to_string(record.position) +
+          ", does not agree with its checksum: its bytes have changed although nothing wrote to "
+          "them (or a program that does not know checksums wrote as many bytes within the second "
+          "of the change before)",
+      std::move(known));
 }
 
 void Operation::about(std::string_view table) const {
@@ -177,9 +200,15 @@ void Operation::requireIdentifier(Id record) const {
   }
 }
 
-uint32_t Operation::requireSize(uint64_t bytes) const {
+uint32_t Operation::requireSize(uint64_t bytes, bool isProtected) const {
   constexpr uint64_t kMost = std::numeric_limits<uint32_t>::max();
-  if (bytes <= kMost) return static_cast<uint32_t>(bytes);
+  if (bytes <= (isProtected ? format::kMostWithChecksum : kMost)) {
+    return static_cast<uint32_t>(bytes);
+  }
+  if (bytes <= kMost) {
+    fail(Reason::too_large, "it would be " + std::to_string(bytes) +
+                                " bytes, and 4,294,967,263 are the most with a checksum");
+  }
   fail(Reason::too_large,
        "it would be " + std::to_string(bytes) + " bytes, and 4,294,967,295 are the most");
 }

@@ -19,6 +19,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "QVDbase/position.h"
@@ -81,6 +82,9 @@ struct OpenDatabase {
   // look did not take it; see turns.cpp.
   uint64_t noReaderAt = 0;
   bool isReaderLate = false;
+  // Whether records that are added get a checksum: of all tables, and of those that say otherwise.
+  bool checksums = false;
+  std::vector<std::pair<Id, bool>> tableChecksums;
   // The batch that is open, of an appender or a writer, or null; see bulk.h.
   Bulk* bulk = nullptr;
   // Of a database that has not got its name yet; see Database::place().
@@ -106,6 +110,9 @@ struct OpenDatabase {
 
   // Closes the handle, and ends what was announced for it. Returns what CloseDBase does.
   int close() noexcept;
+
+  // Whether a record that is added to a table gets a checksum.
+  bool wantsChecksum(Id table, Checksum wanted) const;
 
   // How long an operation waits for its turn, in microseconds.
   uint64_t turnWait() const {
@@ -164,6 +171,9 @@ class Operation {
   [[noreturn]] void fail(Reason reason, const std::string& why,
                          std::optional<uint64_t> recordNumber = std::nullopt) const;
 
+  // The same about a payload whose checksum does not agree with it.
+  [[noreturn]] void failPayload(const RecordInfo& record) const;
+
   // Throws read_only unless the handle may write, and as requireOwn().
   void requireWritable() const;
 
@@ -176,7 +186,8 @@ class Operation {
   void requireOwn() const;
 
   // Throws too_large for more bytes than a length in the file can count; returns their number.
-  uint32_t requireSize(uint64_t bytes) const;
+  // With a checksum of its own a record can hold a little less.
+  uint32_t requireSize(uint64_t bytes, bool isProtected = false) const;
 
   // Throws bad_argument for the identifier of a new record that is 0, which means no record.
   void requireIdentifier(Id record) const;

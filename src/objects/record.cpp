@@ -7,11 +7,13 @@
 #include <utility>
 
 #include "QVDbase/record_find.h"
+#include "QVDbase/record_protection.h"
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "objects/open_database.h"
 #include "objects/records.h"
 #include "objects/sharing/looks.h"
+#include "platform/host/host_failure.h"
 
 using namespace qvdbase;
 
@@ -57,6 +59,47 @@ RecordInfo presentInfo(const Operation& operation, Id table, const RecordInfo& f
   return present;
 }
 
+[[noreturn]] void failReading(const Operation& operation, const RecordInfo& info) {
+  detail::requireInsideFile(operation, info);
+  operation.fail(Reason::cannot_read,
+                 "the payload of record " + to_string(info.id) + " cannot be read");
+}
+
+format::PayloadIdentity identityOf(Id table, const RecordInfo& info) {
+  return {table.value, info.id.value, info.modify_time, info.size};
+}
+
+// A block that is cut off before its checksum has none.
+engine::StoredChecksum checksumOf(const Operation& operation, const RecordInfo& info) {
+  engine::StoredChecksum stored;
+  if (!engine::readChecksum(operation.db(), info.position, info.size, info.capacity, &stored) &&
+      platform::lastHostFailure()) {
+    failReading(operation, info);
+  }
+  return stored;
+}
+
+// What the checksum says of the payload in the file.
+format::PayloadState storedState(const Operation& operation, Id table, const RecordInfo& info) {
+  const engine::StoredChecksum stored = checksumOf(operation, info);
+  if (!stored.isThere) return format::PayloadState::unprotected;
+  const format::PayloadIdentity identity = identityOf(table, info);
+  if (const auto known = stateWithoutHash(stored.bytes, identity)) return *known;
+  format::PayloadHash hash;
+  if (!engine::hashStoredPayload(operation.db(), info.position, info.size, &hash)) {
+    failReading(operation, info);
+  }
+  return stateOfPayload(stored.bytes, identity, hash);
+}
+
+constexpr bool isSame(PayloadState a, format::PayloadState b) {
+  return static_cast<uint8_t>(a) == static_cast<uint8_t>(b);
+}
+static_assert(isSame(PayloadState::verified, format::PayloadState::verified));
+static_assert(isSame(PayloadState::unprotected, format::PayloadState::unprotected));
+static_assert(isSame(PayloadState::changed_elsewhere, format::PayloadState::changedElsewhere));
+static_assert(isSame(PayloadState::rotten, format::PayloadState::rotten));
+
 }  // namespace
 
 Record::Record(std::shared_ptr<detail::OpenDatabase> database, Id table, const RecordInfo& info)
@@ -93,7 +136,7 @@ size_t Record::read(uint64_t offset, std::span<std::byte> buffer) const {
     if (offset >= present.size) return 0;
     const uint64_t count = std::min<uint64_t>(buffer.size(), present.size - offset);
     const std::span<std::byte> part = buffer.first(static_cast<size_t>(count));
-    detail::readPayload(operation, present, offset, part);
+    detail::readPayload(operation, table_, present, offset, part);
     return part.size();
   });
 }
@@ -109,7 +152,15 @@ void Record::payload(std::vector<std::byte>& buffer) const {
   detail::look(operation, [&] {
     const RecordInfo present = presentInfo(operation, table_, info_, opening_);
     detail::resizeFor(operation, &buffer, present.size);
-    detail::readPayload(operation, present, 0, buffer);
+    detail::readPayload(operation, table_, present, 0, buffer);
+  });
+}
+
+PayloadState Record::verify() const {
+  const Operation operation(database_, "verify the record");
+  return detail::look(operation, [&] {
+    const RecordInfo present = presentInfo(operation, table_, info_, opening_);
+    return static_cast<PayloadState>(storedState(operation, table_, present));
   });
 }
 
@@ -152,24 +203,29 @@ void requireInsideFile(const Operation& operation, const RecordInfo& info) {
                                            " reaches beyond the end of the file");
 }
 
-void appendPayload(const Operation& operation, const RecordInfo& info, uint32_t size,
+void appendPayload(const Operation& operation, Id table, const RecordInfo& info, uint32_t size,
                    std::vector<std::byte>* buffer) {
   if (size > kSmallPayload) requireInsideFile(operation, info);
   const size_t from = buffer->size();
   resizeFor(operation, buffer, from + size);
-  readPayload(operation, info, 0, std::span(*buffer).subspan(from));
+  readPayload(operation, table, info, 0, std::span(*buffer).subspan(from));
 }
 
-void readPayload(const Operation& operation, const RecordInfo& info, uint64_t offset,
+void readPayload(const Operation& operation, Id table, const RecordInfo& info, uint64_t offset,
                  std::span<std::byte> part) {
   const int64_t from = info.data_position + static_cast<int64_t>(offset);
-  if (myFileSeek(operation.db(), from, kFromStart) == 0 &&
-      format::readBytes(operation.db(), part.data(), static_cast<uint32_t>(part.size()))) {
-    return;
+  if (myFileSeek(operation.db(), from, kFromStart) != 0 ||
+      !format::readBytes(operation.db(), part.data(), static_cast<uint32_t>(part.size()))) {
+    failReading(operation, info);
   }
-  requireInsideFile(operation, info);
-  operation.fail(Reason::cannot_read,
-                 "the payload of record " + to_string(info.id) + " cannot be read");
+  if (offset == 0 && part.size() == info.size) requireSound(operation, table, info, part.data());
+}
+
+format::PayloadState stateOf(const Operation& operation, Id table, const RecordInfo& info,
+                             const void* payload) {
+  const engine::StoredChecksum stored = checksumOf(operation, info);
+  if (!stored.isThere) return format::PayloadState::unprotected;
+  return stateOfPayload(stored.bytes, identityOf(table, info), payload);
 }
 
 namespace {

@@ -11,6 +11,7 @@
 #include "QVDbase/record_find.h"
 #include "format/identifiers.h"
 #include "format/layout.h"
+#include "format/payload_checksum.h"
 #include "objects/open_database.h"
 #include "objects/walks/chain_walker.h"
 
@@ -48,11 +49,34 @@ void requireInsideFile(const Operation& operation, const RecordInfo& info);
 
 // Read a payload by what its record's header says now: its first `size` bytes, after what the
 // buffer holds, or a part that it covers. Throw data_damaged when it reaches beyond the end of the
-// file.
-void appendPayload(const Operation& operation, const RecordInfo& info, uint32_t size,
+// file, and payload_damaged when it is the whole payload and does not agree with its checksum.
+void appendPayload(const Operation& operation, Id table, const RecordInfo& info, uint32_t size,
                    std::vector<std::byte>* buffer);
-void readPayload(const Operation& operation, const RecordInfo& info, uint64_t offset,
+void readPayload(const Operation& operation, Id table, const RecordInfo& info, uint64_t offset,
                  std::span<std::byte> part);
+
+// What the checksum of a whole payload in memory says of it. Throws cannot_read.
+qvdbase::format::PayloadState stateOf(const Operation& operation, Id table, const RecordInfo& info,
+                                      const void* payload);
+
+// Throws payload_damaged when that is that it is rotten.
+inline void requireSound(const Operation& operation, Id table, const RecordInfo& info,
+                         const void* payload) {
+  if (!qvdbase::format::hasChecksumSpace(info.size, info.capacity)) return;
+  if (stateOf(operation, table, info, payload) == qvdbase::format::PayloadState::rotten) {
+    operation.failPayload(info);
+  }
+}
+
+// Whether a whole payload that lies in memory together with the rest of its block is anything but
+// rotten. `checksum` is null where the block has no space for one.
+inline bool isSoundInMemory(Id table, const RecordInfo& info, const void* payload,
+                            const unsigned char* checksum) {
+  if (checksum == nullptr || !qvdbase::format::isChecksum(checksum)) return true;
+  const qvdbase::format::PayloadIdentity identity = {table.value, info.id.value, info.modify_time,
+                                                     info.size};
+  return stateOfPayload(checksum, identity, payload) != qvdbase::format::PayloadState::rotten;
+}
 
 // Throws chain_damaged for the walker's last step. The operation knows the table.
 [[noreturn]] void failDamagedChain(const Operation& operation, const ChainWalker& walker);

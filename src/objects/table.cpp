@@ -56,6 +56,15 @@ std::span<const std::byte> payloadOf(const detail::InMemory& found) {
       std::span(found.block + format::record::kData, format::loadBigEndian<uint32_t>(length)));
 }
 
+// Throws payload_damaged.
+void requireSound(const Operation& operation, Id table, const detail::InMemory& found) {
+  if (found.checksum == nullptr) return;
+  RecordInfo info;
+  detail::storeInfo(found.block, found.position, &info);
+  if (detail::isSoundInMemory(table, info, payloadOf(found).data(), found.checksum)) return;
+  operation.failPayload(info);
+}
+
 }  // namespace
 
 Table::Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name)
@@ -112,6 +121,20 @@ std::optional<Record> Table::last() const {
   return recordAtEnd(Order::newest_first);
 }
 
+void Table::set_checksum(Checksum checksum) {
+  if (database_ == nullptr) Operation(database_, "set the checksums of the table");
+  const detail::DatabaseTurn turn(*database_);
+  auto& all = database_->tableChecksums;
+  std::erase_if(all, [this](const auto& each) { return each.first == id_; });
+  if (checksum != Checksum::by_default) all.emplace_back(id_, checksum == Checksum::yes);
+}
+
+Checksum Table::checksum() const {
+  if (database_ == nullptr) Operation(database_, "look at the table");
+  const detail::DatabaseTurn turn(*database_);
+  return database_->wantsChecksum(id_, Checksum::by_default) ? Checksum::yes : Checksum::no;
+}
+
 std::optional<Record> Table::recordAtEnd(Order order) const {
   const Operation operation(database_, kFind);
   const auto info = detail::look(operation, [&] { return infoAtEnd(operation, id_, order); });
@@ -162,6 +185,7 @@ std::optional<std::vector<std::byte>> Table::get(Id record) const {
   const detail::InMemory known = detail::askMemory(operation, id_, record, true);
   if (known.answer == detail::Answer::absent) return std::nullopt;
   if (known.answer == detail::Answer::found) {
+    requireSound(operation, id_, known);
     const std::span<const std::byte> payload = payloadOf(known);
     std::vector<std::byte> copy;
     detail::resizeFor(operation, &copy, payload.size());
@@ -172,7 +196,7 @@ std::optional<std::vector<std::byte>> Table::get(Id record) const {
     engine::FoundRecord found;
     if (detail::locate(operation, id_, record, &found) == Located::no) return std::nullopt;
     std::vector<std::byte> payload;
-    detail::appendPayload(operation, detail::recordInfo(found.header, found.recordPos),
+    detail::appendPayload(operation, id_, detail::recordInfo(found.header, found.recordPos),
                           found.header.dataLength, &payload);
     return payload;
   });
@@ -184,6 +208,7 @@ std::optional<uint32_t> Table::get(Id record, std::span<std::byte> buffer) const
   if (known.answer == detail::Answer::absent) return std::nullopt;
   if (known.answer == detail::Answer::found) {
     const std::span<const std::byte> payload = payloadOf(known);
+    if (buffer.size() >= payload.size()) requireSound(operation, id_, known);
     std::copy_n(payload.begin(), std::min(buffer.size(), payload.size()), buffer.begin());
     return static_cast<uint32_t>(payload.size());
   }
@@ -195,7 +220,7 @@ std::optional<uint32_t> Table::get(Id record, std::span<std::byte> buffer) const
     // The index is for speed: it makes no further call to the system for the rest of the payload.
     if (located != Located::byIndex) detail::requireInsideFile(operation, info);
     const size_t count = std::min<size_t>(buffer.size(), info.size);
-    detail::readPayload(operation, info, 0, buffer.first(count));
+    detail::readPayload(operation, id_, info, 0, buffer.first(count));
     return info.size;
   });
 }

@@ -3,6 +3,7 @@
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/bytes.hpp>
+#include <qvdbase/qvdb/checksum.hpp>
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/writer.hpp>
 
@@ -39,9 +40,14 @@ struct NewRecord {
   // bytes       the payload, as ByteView takes it
   // spare       `reserve`
   // identifier  `id`
+  // protection  `checksum`
   template <std::convertible_to<ByteView> Bytes>
-  NewRecord(Bytes&& bytes, uint32_t spare = 0, std::optional<Id> identifier = std::nullopt)
-      : payload(ByteView(std::forward<Bytes>(bytes)).span()), reserve(spare), id(identifier) {}
+  NewRecord(Bytes&& bytes, uint32_t spare = 0, std::optional<Id> identifier = std::nullopt,
+            Checksum protection = Checksum::by_default)
+      : payload(ByteView(std::forward<Bytes>(bytes)).span()),
+        reserve(spare),
+        id(identifier),
+        checksum(protection) {}
 
   std::span<const std::byte> payload;  // at most 2^32 - 1 bytes
   uint32_t reserve;      // in bytes; the record's capacity is the larger of this and its payload
@@ -49,6 +55,7 @@ struct NewRecord {
   std::optional<uint32_t> create_time = {};  // seconds since 1970, modulo 2^32; nothing: now
   std::optional<uint32_t> modify_time = {};  // the same; nothing: create_time
   GivenIds given_ids = GivenIds::unique;     // how `id` is taken
+  Checksum checksum = Checksum::by_default;  // whether it gets one, as for Table::add()
 };
 
 // Adds records after the last one of a table. Their blocks are gathered in memory (256 KiB) and
@@ -94,9 +101,11 @@ class QVDBASE_API BulkAppender {
   // Adds a record whose payload is written in pieces. Until the writer is finished or discarded the
   // appender takes no other record. Throws as add() does.
   //
-  // reserve  capacity for later growth, in bytes; the record has the larger of this and its size
-  // record   its identifier; nothing: a new one. Nothing checks whether the table has it already
-  RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
+  // reserve   capacity for later growth, in bytes; the record has the larger of this and its size
+  // record    its identifier; nothing: a new one. Nothing checks whether the table has it already
+  // checksum  whether it gets one, as for Table::add()
+  RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt,
+                      Checksum checksum = Checksum::by_default);
 
   // The same for a record with times, or an identifier that is checked. Its payload is the
   // beginning of what the writer writes; mostly it is empty.

@@ -71,6 +71,10 @@ struct OpenOptions {
   // The budget of a cache that the database has from its opening to its closing, in bytes; 0 for
   // none. Only with exclusive: see Database::cache().
   size_t cache = 0;
+
+  // Whether records that are added get a checksum of their payload, where neither their table's
+  // default nor the call that adds them says otherwise: see Table::set_checksum().
+  bool checksums = false;
 };
 
 // What the header of a database file holds, and the size of the file.

@@ -76,6 +76,8 @@ enum class Reason {
   key_exists,  // another record has a key that a unique KeyIndex allows once
 
   record_exists,  // a record of the table has this identifier already
+
+  payload_damaged,  // a payload does not agree with its checksum: its bytes have changed
 };
 
 // The reason in a few words, for example "no such file".
@@ -90,9 +92,11 @@ enum class Remedy {
   mend,         // mend() completes what was interrupted; where it refuses, salvage() helps
   salvage,      // mend() has refused: salvage() writes what can be saved into a new file
   remove_link,  // a symbolic link that leads nowhere has the name: remove it, or take another name
-  create_folder,  // a folder is missing: create it, or ask the operation to
-  other_name,     // the name is taken, and the operation replaces nothing: choose another name
-  other_folder,   // the same of a name in a folder for several files: choose another folder
+  create_folder,    // a folder is missing: create it, or ask the operation to
+  other_name,       // the name is taken, and the operation replaces nothing: choose another name
+  other_folder,     // the same of a name in a folder for several files: choose another folder
+  restore_payload,  // bytes have changed: take the payload from a copy of the file, and modify()
+                    // the record to hold it; salvage() copies it as it is
 };
 
 // What else is known about a failure. Each may be empty.
@@ -102,6 +106,7 @@ struct ErrorDetails {
   std::error_code system_code;            // as Error::system_code()
   std::optional<uint64_t> record_number;  // as Error::record_number()
   Remedy remedy = Remedy::usual;          // as Error::remedy()
+  std::optional<int64_t> position = {};   // as Error::position()
 };
 
 // A failed operation. what() is one sentence in English that names the file; names of tables and
@@ -144,6 +149,9 @@ class QVDBASE_API Error : public std::runtime_error {
 
   // What helps, where that is more than the reason says by itself.
   Remedy remedy() const noexcept { return details_->remedy; }
+
+  // With payload_damaged: where the record's block is in the file.
+  std::optional<int64_t> position() const noexcept { return details_->position; }
 
  private:
   const char* operation_;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/checksum.hpp>
 #include <qvdbase/qvdb/id.hpp>
 
 #include <chrono>
@@ -31,12 +32,12 @@ int64_t positionOf(const Operation& operation, const Record& record);
 
 // What a record's header holds.
 struct RecordInfo {
-  Id id;                      // the record's identifier
-  uint32_t create_time = 0;   // seconds since 1970, modulo 2^32
-  uint32_t modify_time = 0;   // seconds since 1970, modulo 2^32
-  uint32_t size = 0;          // bytes of payload
-  uint32_t capacity = 0;      // bytes that the payload can grow to in place
-  int64_t position = 0;       // of the record's block in the file
+  Id id;                     // the record's identifier
+  uint32_t create_time = 0;  // seconds since 1970, modulo 2^32
+  uint32_t modify_time = 0;  // seconds since 1970, modulo 2^32
+  uint32_t size = 0;         // bytes of payload
+  uint32_t capacity = 0;     // bytes that the payload can grow to in place; with a checksum 28 less
+  int64_t position = 0;      // of the record's block in the file
   int64_t data_position = 0;  // of the payload in the file
 
   // create_time as a point in time, 1970 to 2106 (where the numbers in the file begin again at 0).
@@ -107,18 +108,28 @@ class QVDBASE_API Record {
   // now, with its present size. One that was deleted, or that has moved to a new block, is read as
   // it was, as long as its old block is in the file.
   //
+  // A read of the whole payload at once, from offset 0 on, compares it with its checksum; parts
+  // cannot be compared: see verify().
+  //
   // Throws Error: record_missing when the block there is not this record's any more;
-  // changed_meanwhile when the record was found before Database::reopen(); data_damaged when the
-  // payload extends beyond the end of the file; not_open; cannot_read.
+  // payload_damaged as payload() does; changed_meanwhile when the record was found before
+  // Database::reopen(); data_damaged when the payload extends beyond the end of the file; not_open;
+  // cannot_read.
   size_t read(uint64_t offset, std::span<std::byte> buffer) const;
 
   // The whole payload. Memory is allocated for it only when the file is long enough to hold it.
-  // Throws Error as read() does, and too_large when there is not enough memory.
+  // Throws Error as read() does; too_large when there is not enough memory; payload_damaged when it
+  // has a checksum of the present time and length and does not agree with it.
   std::vector<std::byte> payload() const;
 
   // Reads the whole payload into a vector, which is resized to it, so that its memory can be
   // reused. Throws as payload() does.
   void payload(std::vector<std::byte>& buffer) const;
+
+  // Reads the payload piece by piece and says what its checksum says of it: for payloads that are
+  // read in parts, and for records that a program has changed that does not know checksums, which
+  // payload() returns. Throws Error as read() does.
+  PayloadState verify() const;
 
  private:
   friend class Table;

@@ -4,6 +4,7 @@
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/bulk.hpp>
 #include <qvdbase/qvdb/bytes.hpp>
+#include <qvdbase/qvdb/checksum.hpp>
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/index.hpp>
 #include <qvdbase/qvdb/record.hpp>
@@ -148,12 +149,13 @@ class QVDBASE_API Table {
   // Whether there is such a record. Throws as find().
   bool contains(Id record) const;
 
-  // A record's payload; nothing when there is no such record. Throws as find() and Record::read().
+  // A record's payload; nothing when there is no such record. Throws as find() and
+  // Record::payload().
   std::optional<std::vector<std::byte>> get(Id record) const;
 
   // Reads the beginning of a record's payload, as much as the buffer takes. Returns the payload's
   // whole size, which may be more than that; nothing when there is no such record. Throws as the
-  // other get().
+  // other get(), payload_damaged only where the buffer takes all of it.
   std::optional<uint32_t> get(Id record, std::span<std::byte> buffer) const;
 
   // Reads the payloads of many records, those that lie close together with one read: faster than
@@ -175,17 +177,27 @@ class QVDBASE_API Table {
 
   // Adds a record after the last one and returns its new identifier.
   //
-  // payload  bytes or text, as ByteView takes them
-  // reserve  capacity for later growth, in bytes; the record has the larger of this and its size
+  // payload   bytes or text, as ByteView takes them
+  // reserve   capacity for later growth, in bytes; the record has the larger of this and its size
+  // checksum  whether it gets a checksum of its payload, by which readers notice that its bytes
+  //           have changed; for that it has 32 bytes more capacity
   //
-  // Throws too_large for a payload of 2^32 bytes or more; chain_damaged when the table's last
-  // record cannot be linked to; appender_open. The record is then not in the table, and a database
-  // that is open exclusively has its former length: a full disk does not get fuller.
-  Id add(ByteView payload, uint32_t reserve = 0);
+  // Throws too_large for a payload of 2^32 bytes or more, or 2^32 - 32 with a checksum;
+  // chain_damaged when the table's last record cannot be linked to; appender_open. The record is
+  // then not in the table, and a database that is open exclusively has its former length: a full
+  // disk does not get fuller.
+  Id add(ByteView payload, uint32_t reserve = 0, Checksum checksum = Checksum::by_default);
+
+  // The same without a reserve. A template, so that {} is still a reserve.
+  template <std::same_as<Checksum> Protection>
+  Id add(ByteView payload, Protection checksum) {
+    return add(payload, 0, checksum);
+  }
 
   // The same under a given identifier. Nothing checks whether the table has it already. Throws as
   // add(), and bad_argument for identifier 0, which means no record.
-  void add_with_id(Id record, ByteView payload, uint32_t reserve = 0);
+  void add_with_id(Id record, ByteView payload, uint32_t reserve = 0,
+                   Checksum checksum = Checksum::by_default);
 
   // Adds a record with times, identifier and capacity as the NewRecord says, and returns its
   // identifier. Throws as add(); and record_exists and bad_argument for its identifier, with
@@ -197,11 +209,13 @@ class QVDBASE_API Table {
 
   // Adds a record whose payload comes in pieces, of any number and size. See RecordWriter.
   //
-  // reserve  as for add()
-  // record   the new record's identifier; nothing: a new one
+  // reserve   as for add()
+  // record    the new record's identifier; nothing: a new one
+  // checksum  as for add()
   //
   // Throws as add() and add_with_id().
-  RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt);
+  RecordWriter writer(uint32_t reserve = 0, std::optional<Id> record = std::nullopt,
+                      Checksum checksum = Checksum::by_default);
 
   // The same for a record with times, or an identifier that is checked; see BulkAppender::writer.
   // Throws as add() of a NewRecord.
@@ -231,6 +245,10 @@ class QVDBASE_API Table {
   // record's capacity, an empty one always, is written over the old one; a larger one goes to a new
   // block without spare capacity. Returns false when there is no such record.
   //
+  // A record with a checksum keeps one: a payload that would leave no capacity for it goes to a new
+  // block. A record without gets one where it gets a new block, or has the capacity, and the
+  // table's default is Checksum::yes.
+  //
   // Throws too_large; chain_damaged when the record cannot be reached or its neighbours cannot be
   // linked to a new block; appender_open when it would need a new block.
   bool modify(Id record, ByteView payload);
@@ -239,11 +257,14 @@ class QVDBASE_API Table {
   // last modification. The payload keeps its size. Returns false when there is no such record.
   //
   // Throws bad_argument, with nothing written, when offset + bytes.size() is beyond the payload's
-  // present size; chain_damaged when the record cannot be reached.
+  // present size; chain_damaged when the record cannot be reached; payload_damaged, with nothing
+  // written, when the payload does not agree with its checksum. Where there is a checksum, all of
+  // the payload is read for a new one.
   bool write(Id record, uint64_t offset, ByteView bytes);
 
   // Sets a record's time of last modification to now. Returns false when there is no such record.
-  // Throws chain_damaged when the record cannot be reached.
+  // Throws chain_damaged when the record cannot be reached; payload_damaged as write() does, and
+  // reads the payload in the same case.
   bool touch(Id record);
 
   // Takes a record out of the table. Its bytes stay in the file until the database is compacted or
@@ -269,6 +290,17 @@ class QVDBASE_API Table {
   // for a table that is restored. Nothing else changes, and nothing in the library relies on it.
   // Returns and throws as the others.
   bool set_last_written(const Record& record);
+
+  // ---- Checksums
+
+  // Says whether records that are added to this table through this database get a checksum, unless
+  // the call that adds one says otherwise: all copies of the Table share it. The file does not hold
+  // it; a program that wants it says so each time that it has opened the database, or for all
+  // tables with OpenOptions::checksums. Throws not_open only.
+  void set_checksum(Checksum checksum);
+
+  // Whether they get one: `yes` or `no`. Throws not_open only.
+  Checksum checksum() const;
 
   // ---- Table data
 

@@ -3,6 +3,7 @@
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/bytes.hpp>
+#include <qvdbase/qvdb/checksum.hpp>
 #include <qvdbase/qvdb/id.hpp>
 
 #include <cstdint>
@@ -70,6 +71,7 @@ class QVDBASE_API RecordWriter {
   std::shared_ptr<detail::Bulk> bulk_;
   Id id_;
   uint32_t size_ = 0;
+  bool isProtected_ = false;
   bool isAlone_;  // the record is all of its batch
 };
 

@@ -219,7 +219,7 @@ bool KeyMatches::readAt(const Operation& operation, const Place& from, Candidate
   candidate->place = from;
   candidate->info = recordInfo(record.header, from.position);
   candidate->payload = std::make_shared<std::vector<std::byte>>();
-  appendPayload(operation, candidate->info, candidate->info.size, candidate->payload.get());
+  appendPayload(operation, table, candidate->info, candidate->info.size, candidate->payload.get());
   return true;
 }
 

@@ -11,6 +11,7 @@
 #include "format/big_endian.h"
 #include "format/block_heads.h"
 #include "format/identifiers.h"
+#include "format/payload_checksum.h"
 #include "objects/record_search.h"
 #include "objects/sharing/looks.h"
 #include "objects/walks/chain_walker.h"
@@ -258,9 +259,16 @@ InMemory askMemory(const Operation& operation, Id table, Id record, bool withPay
   const auto next = static_cast<int64_t>(format::loadBigEndian<uint64_t>(block + kNextRecordPos));
   if (previous == 0 || next == 0) return {};
   if (!link(previous, kNextRecordPos) || !link(next, kPrevRecordPos)) return {};
-  const uint64_t size = format::loadBigEndian<uint32_t>(block + kDataLength);
-  if (withPayload && mirror.find(*position, kData + size) == nullptr) return {};
-  return {Answer::found, block, *position};
+  if (!withPayload) return {Answer::found, block, *position};
+  const auto size = format::loadBigEndian<uint32_t>(block + kDataLength);
+  const auto capacity = format::loadBigEndian<uint32_t>(block + kDataCapacity);
+  if (mirror.find(*position, uint64_t{kData} + size) == nullptr) return {};
+  const unsigned char* sum = nullptr;
+  if (format::hasChecksumSpace(size, capacity)) {
+    sum = mirror.find(format::checksumPosition(*position, capacity), format::checksum::kSize);
+    if (sum == nullptr) return {};
+  }
+  return {Answer::found, block, *position, sum};
 }
 
 void noteFound(const Operation& operation, TableIndex& index, Id record, int64_t position) {

@@ -49,6 +49,7 @@ struct InMemory {
   Answer answer = Answer::unknown;
   const unsigned char* block = nullptr;  // of a record that was found: it lies in the mirror
   int64_t position = 0;
+  const unsigned char* checksum = nullptr;  // where its block has one, and the payload is wanted
 };
 
 // Looks a record up so, and verifies it as askIndex() does. With `withPayload` it is found only

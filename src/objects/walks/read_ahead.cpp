@@ -99,10 +99,13 @@ void ReadBatch::readPayload(const Operation& operation, const recordPart1& heade
   const unsigned char* view =
       support::viewFile(operation.db(), position + format::record::kData, size);
   if (view == nullptr) {
-    return appendPayload(operation, recordInfo(header, position), size, &payloads_);
+    return appendPayload(operation, loading_.table, recordInfo(header, position), size, &payloads_);
   }
   const auto* bytes = reinterpret_cast<const std::byte*>(view);
   payloads_.insert(payloads_.end(), bytes, bytes + size);
+  if (size != header.dataLength) return;
+  const RecordInfo info = recordInfo(header, position);
+  requireSound(operation, loading_.table, info, payloads_.data() + payloads_.size() - size);
 }
 
 // What cannot be read is an error when the walk gets there. What the host answered is known now.

@@ -23,6 +23,7 @@ namespace qvdb::detail {
 struct Loading {
   uint32_t most = 0;                                        // bytes of one payload
   uint32_t largest = std::numeric_limits<uint32_t>::max();  // payloads above it are left out
+  Id table;
 
   bool isNone() const { return most == 0; }
   uint32_t of(uint32_t size) const { return size > largest ? 0 : std::min(size, most); }
@@ -103,7 +104,7 @@ class FilePiece {
       loaded = loading.of(
           qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataLength));
       bytes = at(position + qvdbase::format::record::kData, loaded);
-      if (bytes == nullptr) return false;
+      if (bytes == nullptr || !isSound(head, position, loading, bytes, loaded)) return false;
     }
     if (chain.pass(head) != ChainWalker::Step::record) return false;
     storeInfo(head, position, info);
@@ -126,6 +127,21 @@ class FilePiece {
     const auto offset = static_cast<uint64_t>(position) - static_cast<uint64_t>(start_);
     if (offset > length_ || count > length_ - offset) return nullptr;
     return data_ + offset;
+  }
+
+  // Whether a payload, if all of it is loaded, agrees with its checksum. One that does not is left
+  // to the reader that reports it, and so is one whose checksum is not in the piece.
+  bool isSound(const unsigned char* head, int64_t position, const Loading& loading,
+               const unsigned char* payload, uint32_t loaded) const {
+    using namespace qvdbase::format;
+    const auto size = loadBigEndian<uint32_t>(head + record::kDataLength);
+    const auto capacity = loadBigEndian<uint32_t>(head + record::kDataCapacity);
+    if (loaded != size || !hasChecksumSpace(size, capacity)) return true;
+    const unsigned char* sum = at(checksumPosition(position, capacity), checksum::kSize);
+    if (sum == nullptr) return false;
+    RecordInfo info;
+    storeInfo(head, position, &info);
+    return isSoundInMemory(loading.table, info, payload, sum);
   }
 
   bool pin(int16_t db, const ChainWalker& chain);

@@ -45,6 +45,7 @@ struct WalkPlace {
 struct detail::Walk {
   Walk(std::shared_ptr<OpenDatabase> opened, Id walked, const WalkOptions& wanted)
       : database(std::move(opened)), table(walked), order(wanted.order), from(wanted.from) {
+    loading.table = walked;
     loading.most = wanted.load.bytes();
     if (wanted.load.is_whole()) loading.largest = wanted.largest_loaded;
   }

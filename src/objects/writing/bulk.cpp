@@ -71,6 +71,7 @@ engine::BatchRecord Bulk::entryOf(const Operation& operation, const NewRecord& r
   entry.createTime = record.create_time ? *record.create_time : platform::secondsSinceEpoch();
   entry.modifyTime = record.modify_time.value_or(entry.createTime);
   entry.reserve = record.reserve;
+  entry.isProtected = database->wantsChecksum(table, record.checksum);
   return entry;
 }
 
@@ -154,7 +155,8 @@ void Bulk::dropRecord() noexcept {
 }
 
 bool Bulk::add(const Operation& operation, const NewRecord& record, KeyChange& change) {
-  const uint32_t size = operation.requireSize(record.payload.size());
+  const bool isProtected = database->wantsChecksum(table, record.checksum);
+  const uint32_t size = operation.requireSize(record.payload.size(), isProtected);
   if (!change.isReady(operation, {record.payload, {}}, 0)) return false;
   engine::BatchRecord entry = entryOf(operation, record);
   keys.take(change);

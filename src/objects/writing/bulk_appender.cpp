@@ -39,8 +39,8 @@ Id BulkAppender::add(const NewRecord& record) {
                           });
 }
 
-RecordWriter BulkAppender::writer(uint32_t reserve, std::optional<Id> record) {
-  NewRecord unchecked(ByteView(), reserve, record);
+RecordWriter BulkAppender::writer(uint32_t reserve, std::optional<Id> record, Checksum checksum) {
+  NewRecord unchecked(ByteView(), reserve, record, checksum);
   unchecked.given_ids = GivenIds::as_they_are;
   if (record) Operation(bulk_->database, detail::kWrite).requireIdentifier(*record);
   return writer(unchecked);

@@ -17,8 +17,8 @@ namespace qvdb {
 
 using detail::Operation;
 
-RecordWriter Table::writer(uint32_t reserve, std::optional<Id> record) {
-  NewRecord unchecked(ByteView(), reserve, record);
+RecordWriter Table::writer(uint32_t reserve, std::optional<Id> record, Checksum checksum) {
+  NewRecord unchecked(ByteView(), reserve, record, checksum);
   unchecked.given_ids = GivenIds::as_they_are;
   if (record) Operation(database_, detail::kWrite).requireIdentifier(*record);
   return writer(unchecked);
@@ -37,6 +37,7 @@ RecordWriter::RecordWriter(std::shared_ptr<detail::Bulk> bulk, const NewRecord& 
   const detail::OwnWrites writes(*bulk->database);
   if (!bulk->batch.openRecord(entry)) bulk->failed(operation, format::kRecordBlockOverhead);
   id_ = Id{format::identifierNumber(entry.recordID)};
+  isProtected_ = entry.isProtected;
   bulk->inPieces = true;
   if (detail::KeyChange::concerns(operation, bulk->table)) bulk->pieces.emplace();
   bulk_ = std::move(bulk);
@@ -56,6 +57,7 @@ RecordWriter& RecordWriter::operator=(RecordWriter&& other) noexcept {
   bulk_.swap(taken.bulk_);
   std::swap(id_, taken.id_);
   std::swap(size_, taken.size_);
+  std::swap(isProtected_, taken.isProtected_);
   std::swap(isAlone_, taken.isAlone_);
   return *this;
 }
@@ -68,7 +70,7 @@ void RecordWriter::write(ByteView bytes) {
   requireOpen();
   const Operation operation(bulk_->database, detail::kWrite);
   bulk_->requireOpen(operation);
-  const uint32_t size = operation.requireSize(uint64_t{size_} + bytes.size());
+  const uint32_t size = operation.requireSize(uint64_t{size_} + bytes.size(), isProtected_);
   const uint32_t count = size - size_;
   const detail::OwnWrites writes(*bulk_->database);
   if (bulk_->pieces) detail::appendTo(operation, &*bulk_->pieces, bytes);

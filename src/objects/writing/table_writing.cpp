@@ -14,6 +14,7 @@
 #include "QVDbase/record_delete.h"
 #include "QVDbase/record_find.h"
 #include "QVDbase/record_modify.h"
+#include "QVDbase/record_protection.h"
 #include "format/identifiers.h"
 #include "objects/indexes/key_changes.h"
 #include "objects/indexes/table_index.h"
@@ -23,6 +24,7 @@
 #include "objects/records.h"
 #include "objects/sharing/turns.h"
 #include "objects/writing/failed_append.h"
+#include "platform/host/host_failure.h"
 
 using namespace qvdbase;
 
@@ -89,8 +91,10 @@ Id idOf(const recordPart1& header) {
 // What AddRecordData does, with the new record noted in the table's indexes. Nothing when its keys
 // are not ready.
 std::optional<Id> addRecord(const Operation& operation, detail::KeyChange& keys, Id table,
-                            std::optional<Id> record, ByteView payload, uint32_t reserve) {
-  const uint32_t size = operation.requireSize(payload.size());
+                            std::optional<Id> record, ByteView payload, uint32_t reserve,
+                            Checksum checksum) {
+  const bool isProtected = operation.database().wantsChecksum(table, checksum);
+  const uint32_t size = operation.requireSize(payload.size(), isProtected);
   operation.requireWritable();
   operation.requireNoBulk();
   if (record) operation.requireIdentifier(*record);
@@ -110,7 +114,7 @@ std::optional<Id> addRecord(const Operation& operation, detail::KeyChange& keys,
         engine::chainHeadMatchesCount(found.slot) &&
         engine::appendRecord(operation.db(), &found.slot, found.slot.tableID, recordID,
                              found.slotPos, found.slotSize, bytesOf(payload), size, reserve,
-                             record.has_value(), &blockPos);
+                             record.has_value(), &blockPos, isProtected);
     if (scope.restore(done)) {
       const Id id{format::identifierNumber(recordID)};
       detail::noteAdded(database, found.slot, id, blockPos);
@@ -120,7 +124,9 @@ std::optional<Id> addRecord(const Operation& operation, detail::KeyChange& keys,
     }
   }
   detail::forgetKeysOf(database, table);
-  const uint64_t length = uint64_t{std::max(size, reserve)} + format::kRecordBlockOverhead;
+  const uint64_t length = uint64_t{isProtected ? format::capacityWithChecksum(size, reserve)
+                                               : std::max(size, reserve)} +
+                          format::kRecordBlockOverhead;
   detail::takeBack(operation, table, blockPos, {{last, format::record::kNextRecordPos}}, length);
   explainAppend(operation, table, length);
 }
@@ -171,20 +177,64 @@ void requireTable(const Operation& operation, Id table, FoundRecord* found) {
   if (found->table.slotSize == 0) found->table = operation.table(table);
 }
 
-// What ModifyRecordData does after its search.
+// The checksum of a record that was found; one beyond the end of the file is none.
+engine::StoredChecksum checksumOf(const Operation& operation, const FoundRecord& found) {
+  const recordPart1& header = found.header;
+  engine::StoredChecksum stored;
+  if (!engine::readChecksum(operation.db(), found.recordPos, header.dataLength, header.dataCapacity,
+                            &stored) &&
+      platform::lastHostFailure()) {
+    operation.fail(Reason::cannot_read, "the system cannot read the file");
+  }
+  return stored;
+}
+
+// Hashes the payload of a record that was found, as it is and with a part written over, for a new
+// checksum. Returns false where its checksum is none of it any more: then it stays so. Throws
+// payload_damaged: a new checksum would make it look sound.
+bool hashPayload(const Operation& operation, const FoundRecord& found,
+                 const engine::StoredChecksum& stored, format::PayloadHash* present,
+                 const engine::PayloadPart& part = {}, format::PayloadHash* after = nullptr) {
+  if (!stored.isThere) return false;
+  const format::PayloadIdentity identity = format::payloadIdentity(found.header);
+  if (stateWithoutHash(stored.bytes, identity)) return false;
+  const RecordInfo info = detail::recordInfo(found.header, found.recordPos);
+  if (!engine::hashStoredPayload(operation.db(), found.recordPos, info.size, present, part,
+                                 after)) {
+    detail::requireInsideFile(operation, info);
+    operation.fail(Reason::cannot_read, "the payload of the record cannot be read");
+  }
+  if (stateOfPayload(stored.bytes, identity, *present) == format::PayloadState::rotten) {
+    operation.failPayload(info);
+  }
+  return true;
+}
+
+// What ModifyRecordData does after its search. A record with a checksum keeps one; one without gets
+// it where its table's default says so and there is space.
 bool replacePayload(const Operation& operation, const detail::KeyChange& keys, Id table,
                     FoundRecord* found, ByteView payload, int64_t* blockPos) {
   detail::OpenDatabase& database = operation.database();
   const auto size = static_cast<uint32_t>(payload.size());
+  const uint32_t capacity = found->header.dataCapacity;
+  const bool hasChecksum = checksumOf(operation, *found).isThere;
+  const bool isProtected = hasChecksum || database.wantsChecksum(table, Checksum::by_default);
+  const bool hasSpace = format::hasChecksumSpace(size, capacity);
   ++database.changes;
-  if (size <= found->header.dataCapacity) {
+  if (size <= capacity && (hasSpace || !hasChecksum)) {
     database.noteChange({Kind::inPlace, table, found->recordPos});
     keys.noteInPlace(found->recordPos);
+    if (isProtected && hasSpace) {
+      return engine::overwriteProtected(operation.db(), found->header, found->recordPos,
+                                        bytesOf(payload), size);
+    }
     return engine::overwriteRecord(operation.db(), found->recordPos, bytesOf(payload), size);
   }
   operation.requireNoBulk();
+  operation.requireSize(size, isProtected);
   requireTable(operation, table, found);
-  if (!engine::relocateRecord(operation.db(), found, bytesOf(payload), size, blockPos)) {
+  if (!engine::relocateRecord(operation.db(), found, bytesOf(payload), size, blockPos,
+                              isProtected)) {
     return false;
   }
   detail::noteMoved(database, found->table.slot, idOf(found->header), *blockPos);
@@ -207,7 +257,8 @@ detail::PayloadAfter payloadWith(const Operation& operation, const FoundRecord& 
   requirePart(operation, found, offset, bytes);
   detail::PayloadAfter after;
   const RecordInfo info = detail::recordInfo(found.header, found.recordPos);
-  detail::appendPayload(operation, info, info.size, &after.own);
+  detail::appendPayload(operation, Id{format::identifierNumber(found.header.tableID)}, info,
+                        info.size, &after.own);
   std::copy(bytes.begin(), bytes.end(), after.own.begin() + static_cast<ptrdiff_t>(offset));
   after.bytes = after.own;
   return after;
@@ -216,11 +267,35 @@ detail::PayloadAfter payloadWith(const Operation& operation, const FoundRecord& 
 bool overwritePart(const Operation& operation, const detail::KeyChange& keys, Id table,
                    const FoundRecord& found, uint64_t offset, ByteView bytes) {
   requirePart(operation, found, offset, bytes);
+  const auto count = static_cast<uint32_t>(bytes.size());
+  const engine::PayloadPart part = {offset, bytesOf(bytes), count};
+  const engine::StoredChecksum stored = checksumOf(operation, found);
+  const bool isWhole = stored.isThere && count == found.header.dataLength;
+  format::PayloadHash present;
+  format::PayloadHash after;
+  const bool isHashed = !isWhole && hashPayload(operation, found, stored, &present, part, &after);
   ++operation.database().changes;
   operation.database().noteChange({Kind::inPlace, table, found.recordPos});
   keys.noteInPlace(found.recordPos);
+  if (isWhole) {
+    return engine::overwriteProtected(operation.db(), found.header, found.recordPos, part.bytes,
+                                      count);
+  }
+  if (isHashed) {
+    return engine::overwritePartProtected(operation.db(), found.header, found.recordPos, part,
+                                          after);
+  }
   return engine::overwritePart(operation.db(), found.recordPos, static_cast<uint32_t>(offset),
-                               bytesOf(bytes), static_cast<uint32_t>(bytes.size()));
+                               part.bytes, count);
+}
+
+bool touchFound(const Operation& operation, const FoundRecord& found) {
+  format::PayloadHash present;
+  if (hashPayload(operation, found, checksumOf(operation, found), &present)) {
+    return engine::touchProtected(operation.db(), found.header, found.recordPos, present);
+  }
+  return internal_ModifyOneRecordDataInfo_LMTime(operation.db(), found.header.tableID,
+                                                 found.recordPos) == 1;
 }
 
 // What DeleteOneRecord does after its search.
@@ -245,11 +320,11 @@ constexpr const char* kDelete = "delete the record";
 using Opened = std::shared_ptr<detail::OpenDatabase>;
 
 Id addWithKeys(const Opened& database, Id table, std::optional<Id> record, ByteView payload,
-               uint32_t reserve) {
-  return detail::withKeys(database, kAdd, table,
-                          [&](const Operation& operation, detail::KeyChange& keys) {
-                            return addRecord(operation, keys, table, record, payload, reserve);
-                          });
+               uint32_t reserve, Checksum checksum) {
+  return detail::withKeys(
+      database, kAdd, table, [&](const Operation& operation, detail::KeyChange& keys) {
+        return addRecord(operation, keys, table, record, payload, reserve, checksum);
+      });
 }
 
 // The four changes, each for a record that was found before and for one by identifier.
@@ -287,10 +362,8 @@ template <typename Whom>
 bool touchRecord(const Opened& database, Id table, const Whom& whom) {
   const Operation operation(database, kTouch);
   detail::KeyChange none(database, kTouch, table);
-  return *changeRecord(operation, none, table, whom, 0, nullptr, [&](FoundRecord* found, int64_t*) {
-    return internal_ModifyOneRecordDataInfo_LMTime(operation.db(), found->header.tableID,
-                                                   found->recordPos) == 1;
-  });
+  return *changeRecord(operation, none, table, whom, 0, nullptr,
+                       [&](FoundRecord* found, int64_t*) { return touchFound(operation, *found); });
 }
 
 template <typename Whom>
@@ -304,12 +377,12 @@ bool removeRecord(const Opened& database, Id table, const Whom& whom) {
 
 }  // namespace
 
-Id Table::add(ByteView payload, uint32_t reserve) {
-  return addWithKeys(database_, id_, std::nullopt, payload, reserve);
+Id Table::add(ByteView payload, uint32_t reserve, Checksum checksum) {
+  return addWithKeys(database_, id_, std::nullopt, payload, reserve, checksum);
 }
 
-void Table::add_with_id(Id record, ByteView payload, uint32_t reserve) {
-  addWithKeys(database_, id_, record, payload, reserve);
+void Table::add_with_id(Id record, ByteView payload, uint32_t reserve, Checksum checksum) {
+  addWithKeys(database_, id_, record, payload, reserve, checksum);
 }
 
 // A batch of one: it takes times, and is written in the same order.

@@ -30,6 +30,7 @@ bool mayPass(const Error& error) {
     case Reason::directory_damaged:
     case Reason::chain_damaged:
     case Reason::data_damaged:
+    case Reason::payload_damaged:
     case Reason::record_missing:
     case Reason::changed_meanwhile:
       return true;

@@ -88,6 +88,10 @@ std::string adviceFor(const Error& error) {
       return "choose another name for the new file";
     case Remedy::other_folder:
       return "choose another folder";
+    case Remedy::restore_payload:
+      return "take the payload from a copy of the file and store it with 'qvdb set'; 'qvdb "
+             "salvage' "
+             "keeps it as it is";
     case Remedy::usual:
       break;
   }
