@@ -34,6 +34,7 @@
 #include <qvdbase/qvdb/checksum.hpp>
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
+#include <qvdbase/qvdb/extents.hpp>
 #include <qvdbase/qvdb/history.hpp>
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/index.hpp>

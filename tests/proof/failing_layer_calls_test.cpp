@@ -151,6 +151,10 @@ std::vector<LayerCall> readingCalls() {
       {"OpenAgain", openAgain},
       {"Check", [](const Path& folder) { qvdb::check(folder / "source.qvd", {}, {.retries = 0}); }},
       {"OpenChecked", [](const Path& folder) { qvdb::open_checked(folder / "source.qvd"); }},
+      {"VisitExtents",
+       [](const Path& folder) {
+         qvdb::visit_extents(folder / "source.qvd", [](const qvdb::Extent&) {});
+       }},
       {"PredictRepair", [](const Path& folder) { qvdb::predict_repair(folder / "source.qvd"); }},
       {"History",
        [](const Path& folder) { qvdb::history(folder / "source.qvd", "notes", kMiddle); }},
