@@ -25,6 +25,8 @@ extern const Command kImportCommand;
 extern const Command kExportCommand;
 extern const Command kSqlCommand;
 extern const Command kStatCommand;
+extern const Command kMapCommand;
+extern const Command kHexdumpCommand;
 extern const Command kCheckCommand;
 extern const Command kSalvageCommand;
 extern const Command kHistoryCommand;

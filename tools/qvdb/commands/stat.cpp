@@ -18,8 +18,12 @@ namespace {
 struct Options {
   std::string file;
   std::optional<std::string> table;
+  bool quick = false;
   bool json = false;
 };
+
+// With --quick so many records at each end of a table stand for the others.
+constexpr uint64_t kSampled = 1000;
 
 struct TableStatistics {
   TableInfo info;
@@ -31,6 +35,7 @@ struct TableStatistics {
   uint32_t oldest = 0;  // create time
   uint32_t latest = 0;  // modify time
   DataSize dataSize;
+  uint64_t sampled = 0;  // with --quick, of a long table: the records that were looked at
 
   void take(const RecordInfo& record) {
     smallest = records == 0 ? record.size : std::min(smallest, record.size);
@@ -42,6 +47,15 @@ struct TableStatistics {
     ++records;
   }
 
+  // From the records that were looked at to all of them.
+  void extrapolate() {
+    sampled = records;
+    const long double factor = static_cast<long double>(info.record_count) / sampled;
+    payload = static_cast<uint64_t>(static_cast<long double>(payload) * factor);
+    capacity = static_cast<uint64_t>(static_cast<long double>(capacity) * factor);
+    records = info.record_count;
+  }
+
   // The capacity of table data is not known, only its size: spare capacity counts as unused.
   void addTo(SpaceUse* space) const {
     space->records += records * kRecordBlockOverhead + capacity;
@@ -49,12 +63,28 @@ struct TableStatistics {
   }
 };
 
+void sample(const Table& table, TableStatistics* statistics) {
+  for (const Order order : {Order::oldest_first, Order::newest_first}) {
+    uint64_t left = kSampled;
+    RecordRange records = table.records({.order = order});
+    for (auto record = records.begin(); left > 0 && record != records.end(); --left) {
+      statistics->take(record->info());
+      ++record;
+    }
+  }
+  statistics->extrapolate();
+}
+
 // Where the chain is damaged, of the records before the damage; the failure is then stored.
-TableStatistics statisticsOf(const Database& database, const Table& table,
+TableStatistics statisticsOf(const Database& database, const Table& table, bool isQuick,
                              std::exception_ptr* failure) {
   TableStatistics statistics;
   statistics.info = table.info();
   statistics.dataSize = dataSizeOf(database, table);
+  if (isQuick && statistics.info.record_count > 2 * kSampled) {
+    sample(table, &statistics);
+    return statistics;
+  }
   Progress progress("reading", statistics.info.record_count, "records");
   try {
     for (const Record& record : table.records()) {
@@ -75,6 +105,7 @@ Json jsonOf(const TableStatistics& table) {
   addText(&json, "name", table.info.name);
   json["records"] = table.records;
   json["records_ever_added"] = table.info.record_write_count;
+  if (table.sampled != 0) json["estimated_from"] = table.sampled;
   json["payload_bytes"] = table.payload;
   json["room_bytes"] = table.capacity;
   json["smallest"] = table.records == 0 ? Json(nullptr) : Json(table.smallest);
@@ -92,6 +123,9 @@ void printTable(const TableStatistics& table) {
   printLine("  records       " + std::to_string(table.records) + " (" +
             std::to_string(table.info.record_write_count) + " were ever added)");
   if (table.records != 0) {
+    if (table.sampled != 0) {
+      printLine("  (an estimate from " + std::to_string(table.sampled) + " records)");
+    }
     printLine("  payload       " + std::to_string(table.payload) + " bytes, " +
               std::to_string(table.payload / table.records) + " on average, " +
               std::to_string(table.smallest) + " to " + std::to_string(table.largest));
@@ -105,6 +139,112 @@ void printTable(const TableStatistics& table) {
                                       : std::string("none")));
 }
 
+// ---- where the bytes of the file are
+
+// What a compaction would leave: exactly, by the same pass over the file, or the reason why there
+// is none.
+struct Gain {
+  std::optional<uint64_t> sizeAfter;
+  std::string refusal;
+};
+
+Gain gainOf(const std::string& file) {
+  try {
+    return {compact(file, file + ".compact", {}, {.dry_run = true}).size_after, {}};
+  } catch (const Error& error) {
+    const Reason reason = error.reason();
+    const bool isRefused = reason == Reason::damaged || reason == Reason::chain_damaged ||
+                           reason == Reason::directory_damaged || reason == Reason::data_damaged ||
+                           reason == Reason::in_use;
+    if (!isRefused) throw;
+    return {std::nullopt, error.what()};
+  }
+}
+
+struct Part {
+  const char* key;
+  const char* name;
+  uint64_t bytes;
+};
+
+std::vector<Part> partsOf(const SpaceUse& space) {
+  return {{"directory", "directory", space.directory},
+          {"records", "records", space.records},
+          {"table_data", "table data", space.table_data},
+          {"superseded", "superseded", space.superseded},
+          {"deleted", "deleted", space.deleted},
+          {"unlinked", "never linked", space.unlinked},
+          {"lost", "lost", space.lost},
+          {"orphans", "of lost tables", space.orphans},
+          {"unknown", "no block", space.unknown}};
+}
+
+void addSpace(Json* json, const SpaceUse& space, const Gain& gain, uint64_t size) {
+  Json parts;
+  for (const Part& part : partsOf(space)) parts[part.key] = part.bytes;
+  parts["reserve"] = space.reserve;
+  (*json)["space"] = parts;
+  Json compaction;
+  if (gain.sizeAfter) {
+    compaction["size_after"] = *gain.sizeAfter;
+    compaction["gain"] = static_cast<int64_t>(size) - static_cast<int64_t>(*gain.sizeAfter);
+  } else {
+    compaction["refused"] = gain.refusal;
+  }
+  (*json)["compact"] = compaction;
+}
+
+void printSpace(const SpaceUse& space, const Gain& gain, uint64_t size) {
+  printLine("where the bytes are");
+  for (const Part& part : partsOf(space)) {
+    if (part.bytes == 0) continue;
+    std::string line = "  " + std::string(part.name);
+    line.resize(16, ' ');
+    line += std::to_string(part.bytes);
+    const bool hasReserve = part.bytes == space.records && space.reserve != 0;
+    if (hasReserve) line += ", with table data " + std::to_string(space.reserve) + " in reserve";
+    printLine(line);
+  }
+  if (!gain.sizeAfter) return printLine("compact         refuses: " + escaped(gain.refusal));
+  printLine("compact         would gain " + std::to_string(size - std::min(size, *gain.sizeAfter)) +
+            " bytes, and leave " + std::to_string(*gain.sizeAfter));
+}
+
+struct Statistics {
+  uint64_t size = 0;
+  bool isWhole = false;  // of all tables, and no damage was found
+  SpaceUse walked;       // what the walks over the tables add up to
+  std::vector<TableStatistics> tables;
+};
+
+void printHead(const Options& options, const Statistics& all) {
+  printLine("file            " + escaped(options.file));
+  printLine("size            " + std::to_string(all.size) + " bytes");
+  if (!all.isWhole) return;
+  const std::string unused = std::to_string(all.walked.unused(all.size));
+  if (options.quick) {
+    printLine("compact         would gain about " + unused +
+              " bytes: an estimate; without --quick it is calculated");
+  } else {
+    printLine("unused          " + unused + " bytes of deleted and replaced contents");
+    printSpace(check(options.file).space, gainOf(options.file), all.size);
+  }
+}
+
+Json jsonOf(const Options& options, const Statistics& all) {
+  Json json;
+  addText(&json, "file", options.file);
+  json["size"] = all.size;
+  if (all.isWhole) json["unused_bytes"] = all.walked.unused(all.size);
+  if (all.isWhole && options.quick) json["unused_bytes_are_an_estimate"] = true;
+  if (all.isWhole && !options.quick) {
+    addSpace(&json, check(options.file).space, gainOf(options.file), all.size);
+  }
+  json["tables"] = Json::array();
+  for (const TableStatistics& table : all.tables) json["tables"].push_back(jsonOf(table));
+  return json;
+}
+
 int run(const Options& options) {
   const Database database = openToRead(options.file);
   std::exception_ptr failure;
@@ -114,30 +254,19 @@ int run(const Options& options) {
   } else {
     tables = tablesOf(database, &failure);
   }
-  std::vector<TableStatistics> all;
-  SpaceUse space = {.directory = kNewFileSize};
+  Statistics all;
+  all.walked.directory = kNewFileSize;
   for (const Table& table : tables) {
-    all.push_back(statisticsOf(database, table, &failure));
-    all.back().addTo(&space);
+    all.tables.push_back(statisticsOf(database, table, options.quick, &failure));
+    all.tables.back().addTo(&all.walked);
   }
-  const uint64_t size = database.info().file_size;
-  const uint64_t unused = space.unused(size);
+  all.size = database.info().file_size;
+  all.isWhole = !options.table && !failure;
   if (options.json) {
-    Json json;
-    addText(&json, "file", options.file);
-    json["size"] = size;
-    if (!options.table && !failure) json["unused_bytes"] = unused;
-    json["tables"] = Json::array();
-    for (const TableStatistics& table : all) json["tables"].push_back(jsonOf(table));
-    printJson(json);
+    printJson(jsonOf(options, all));
   } else {
-    printLine("file            " + escaped(options.file));
-    printLine("size            " + std::to_string(size) + " bytes");
-    if (!options.table && !failure) {
-      printLine("unused          " + std::to_string(unused) +
-                " bytes of deleted and replaced contents");
-    }
-    for (const TableStatistics& table : all) printTable(table);
+    printHead(options, all);
+    for (const TableStatistics& table : all.tables) printTable(table);
   }
   if (failure) std::rethrow_exception(failure);
   return kDone;
@@ -148,6 +277,8 @@ Action define(Arguments& arguments) {
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.optionalArgument("TABLE", options->table,
                              "Show only this table: its name, or its identifier.");
+  arguments.flag("--quick", options->quick,
+                 "Estimate from some records of each long table, without reading the whole file.");
   arguments.json(options->json);
   return actionOf(options, run);
 }
@@ -158,10 +289,14 @@ extern const Command kStatCommand = {
     "stat",
     "show statistics",
     R"(Walks over all records and shows, for each table, how many there are, their sizes and times, and
-how much of the file belongs to deleted or replaced contents. Of a damaged chain only the part
-before the damage counts, and the status is 1. The file is only read.)",
+where the bytes of the file are: in use, in reserve (capacity that no payload uses), superseded by
+newer versions, deleted, or damaged; and what 'qvdb compact' would gain, exactly, for which it
+reads the file as that does. With --quick the last 1000 and the first 1000 records of a table stand for
+the others, and what compact would gain is an estimate. Of a damaged chain only the part before the
+damage counts, and the status is 1. The file is only read.)",
     R"(qvdb stat notes.qvd
 qvdb stat notes.qvd letters
+qvdb stat --quick huge.qvd
 qvdb stat --json notes.qvd)",
     define,
 };
