@@ -9,7 +9,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf -- "$scratch"' EXIT
 mkdir -- "$scratch/scripts"
 cp -- "$1/scripts/release-check" "$scratch/scripts/"
-for check in cross valgrind coverage mutate bench test; do
+for check in cross valgrind coverage mutate bench backup-check test; do
   printf '#!/bin/sh\necho "%s: called with: $*"\n' "$check" >"$scratch/scripts/$check"
   chmod +x -- "$scratch/scripts/$check"
 done
@@ -21,13 +21,13 @@ expects() {
 }
 
 export GIT_CEILING_DIRECTORIES=$scratch
-all=(cross valgrind coverage mutate test-all test-plain test-single bench)
+all=(cross valgrind coverage mutate test-all test-plain test-single bench backup)
 "$scratch/scripts/release-check" "${all[@]}" >"$scratch/printed"
 for check in "${all[@]}"; do
   expects "^$check +passed +[0-9]+ s +build/release-check/$check.log: .*called with"
 done
 expects '^test-single .*: --preset single$'
-[ "$(tail -n 1 "$scratch/printed")" = "release-check: 8 passed, 0 failed" ]
+[ "$(tail -n 1 "$scratch/printed")" = "release-check: 9 passed, 0 failed" ]
 
 printf '#!/bin/sh\necho "a leak"\nexit 3\n' >"$scratch/scripts/valgrind"
 ! "$scratch/scripts/release-check" cross valgrind bench >"$scratch/printed" ||
