@@ -286,7 +286,8 @@ void Database::reopen() {
   {
     const detail::DatabaseTurn turn(reopened);
     reopened.discardBulk();
-    ++reopened.opening;
+    reopened.opened = ++reopened.opening;
+    reopened.moves = {};
     ++reopened.changes;
     detail::markIndexesStale(reopened);
     detail::forgetKeys(reopened);

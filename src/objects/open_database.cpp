@@ -43,6 +43,28 @@ void OpenDatabase::takeOver(OpenDatabase& other) noexcept {
   other.handle = 0;
 }
 
+int64_t OpenDatabase::placeNow(int64_t position, uint32_t foundIn) const {
+  if (foundIn == opening) return position;
+  if (foundIn != compacted || compacted + 1 != opening) return 0;
+  const auto found = std::ranges::lower_bound(moves, position, {}, &upkeep::Move::from);
+  return found != moves.end() && found->from == position ? found->to : 0;
+}
+
+// Those who wait for the turn of the old handle find the new one then.
+int OpenDatabase::continueWith(int16_t made, std::vector<upkeep::Move> moved) noexcept {
+  const int16_t closed = handle;
+  const platform::Turn turn(made);
+  platform::stopWaitingForTurn(closed, this);
+  platform::beginChange(closed);
+  compacted = opening;
+  moves = std::move(moved);
+  ++opening;
+  ++changes;
+  handle = made;
+  platform::endChange(closed);
+  return CloseDBase(closed);
+}
+
 int OpenDatabase::close() noexcept {
   unplaced.reset();  // removes the file, while no other opener can have begun to use it
   withdraw(*this);

@@ -30,6 +30,7 @@
 #include "platform/handles/turns.h"
 #include "platform/host/process_mark.h"
 #include "products/target_file.h"
+#include "upkeep/compact_open.h"
 
 namespace qvdb::detail {
 
@@ -63,6 +64,11 @@ struct OpenDatabase {
   uint32_t viewedOpening = 0;
   uint32_t viewedForkDepth = 0;
   bool holdsViewLook = false;
+  // The latest compaction of the open file: of which opening, where its records went, by where they
+  // were, and the first opening from which only compactions have followed.
+  uint32_t compacted = 0;
+  std::vector<qvdbase::upkeep::Move> moves;
+  uint32_t opened = 0;
   // Counts the operations of this layer that can have changed the chains. A walk that finds it
   // raised forgets what it has read ahead.
   Published<uint64_t> changes;
@@ -107,6 +113,13 @@ struct OpenDatabase {
 
   // Takes over the handle of another one, which is closed then, with what it has announced.
   void takeOver(OpenDatabase& other) noexcept;
+
+  // Where a record is that was found at a position in that opening; 0 where that is not known.
+  int64_t placeNow(int64_t position, uint32_t foundIn) const;
+
+  // Continues with the file of another handle, which has a compaction of this one's, and closes
+  // this one's. Returns what CloseDBase does.
+  int continueWith(int16_t made, std::vector<qvdbase::upkeep::Move> moved) noexcept;
 
   // Closes the handle, and ends what was announced for it. Returns what CloseDBase does.
   int close() noexcept;

@@ -11,6 +11,7 @@
 #include "format/fields.h"
 #include "format/identifiers.h"
 #include "objects/open_database.h"
+#include "objects/record_search.h"
 #include "objects/records.h"
 #include "objects/sharing/looks.h"
 #include "platform/host/host_failure.h"
@@ -40,12 +41,32 @@ bool readPresentHeader(const Operation& operation, Id table, const RecordInfo& i
          format::identifierNumber(header->recordID) == info.id.value;
 }
 
+// The same after a compaction: where that has put it, or, after several, where its chain has it.
+RecordInfo movedInfo(const Operation& operation, Id table, const RecordInfo& found,
+                     uint32_t opening) {
+  RecordInfo moved = found;
+  recordPart1 header;
+  moved.position = operation.database().placeNow(found.position, opening);
+  if (moved.position == 0 || !readPresentHeader(operation, table, moved, &header)) {
+    engine::FoundRecord now;
+    if (detail::locate(operation, table, found.id, &now) == detail::Located::no) {
+      operation.fail(Reason::record_missing, "record " + to_string(found.id) + " is not there");
+    }
+    header = now.header;
+    moved.position = now.recordPos;
+  }
+  const RecordInfo present = detail::recordInfo(header, moved.position);
+  detail::requireInsideFile(operation, present);
+  return present;
+}
+
 // The record as it is now. Throws when there is no longer a block of it, or its payload reaches
 // beyond the end of the file.
 RecordInfo presentInfo(const Operation& operation, Id table, const RecordInfo& found,
                        uint32_t opening) {
   recordPart1 header;
   if (opening != operation.database().opening) {
+    if (opening >= operation.database().opened) return movedInfo(operation, table, found, opening);
     operation.fail(Reason::changed_meanwhile,
                    "record " + to_string(found.id) +
                        " was found before the database was opened again; find it again");

@@ -61,7 +61,7 @@ bool hasBecomeShorter(const Operation& operation, const ChainWalker& walker) {
 }
 
 int64_t positionOf(const Operation& operation, const Record& record) {
-  return record.opening_ == operation.database().opening ? record.info().position : 0;
+  return operation.database().placeNow(record.info().position, record.opening_);
 }
 
 Located locate(const Operation& operation, Id table, Id record, FoundRecord* found) {

@@ -154,6 +154,7 @@ void TargetFile::judge() {
 }
 
 void TargetFile::hold() {
+  if (rules_.replacedFile != 0) return holdOpen();
   const platform::OpenFailureFound found = held_.hold(place_.native());
   const bool isDenied = found.failure == platform::OpenFailure::accessDenied;
   if (found.failure == platform::OpenFailure::fileMissing) return;  // it has gone meanwhile
@@ -161,6 +162,13 @@ void TargetFile::hold() {
   if (found.failure != platform::OpenFailure::none && !isLookedAt) {
     failure::throwOpenFailure(given_, operation_, found);
   }
+  refuseSeveralNames();
+  if (held_.access(&heldAccess_)) return;
+  fail(Reason::cannot_read, "its access list or its attributes cannot be read");
+}
+
+void TargetFile::holdOpen() {
+  if (!held_.holdOpen(rules_.replacedFile)) fail(Reason::not_open, "it was closed");
   refuseSeveralNames();
   if (held_.access(&heldAccess_)) return;
   fail(Reason::cannot_read, "its access list or its attributes cannot be read");

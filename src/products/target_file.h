@@ -38,6 +38,8 @@ struct TargetRules {
   bool createFolders = false;
   bool mayBeReadOnly = false;  // a file that cannot be written is replaced, too
   qvdbase::platform::Waits waits = qvdbase::platform::Waits::forName;
+  int16_t replacedFile =
+      0;  // the number of the file that is replaced, where it is open exclusively
   qvdb::Remedy ifTaken = qvdb::Remedy::usual;  // when something has the name and is kept
 };
 
@@ -88,6 +90,7 @@ class TargetFile {
   Missing missingFolders() const;
   void judge();
   void hold();
+  void holdOpen();
   void refuseSeveralNames() const;
   void giveAccess(const qvdbase::platform::FileAccess* source);
   [[noreturn]] void fail(qvdb::Reason reason, const std::string& why,

@@ -18,6 +18,7 @@
 #include "platform/host/cancellation.h"
 #include "products/target_file.h"
 #include "recovery/survey/open_file.h"
+#include "upkeep/compact_open.h"
 #include "upkeep/live_copy.h"
 #include "upkeep/progress.h"
 #include "upkeep/table_changes.h"
@@ -68,18 +69,16 @@ class Compaction {
  public:
   Compaction(const fs::path& source, const ProgressFunction& progress,
              const CompactOptions& options)
-      : source_(source),
-        resolved_(resolved(source, kOperation)),
-        options_(options),
-        reporter_(progress) {}
+      : source_(source), options_(options), reporter_(progress) {}
 
   // Without a target nothing is written.
-  CompactReport run(std::optional<TargetFile>& target) {
-    OpenedFile file(resolved_, kOperation);
+  CompactReport run(OpenedFile& file, std::optional<TargetFile>& target,
+                    const PlaceFunction& place) {
     file.watch();
     survey_ = makeSurvey(file.source());
     takeWhatIsLive(file);
     judge(file);
+    keepWhatIsWanted();
     changeTables(options_, source_, kOperation, &database_);
     const LiveLayout layout = layOut(database_);
     if (target) {
@@ -87,7 +86,7 @@ class Compaction {
       compare(file, target->file());
     }
     file.requireUnchanged(source_, kOperation);
-    if (target) target->place();
+    if (target) place(*target, [this] { return movesOf(database_); });
     // Too late to stop anything.
     static_cast<void>(reporter_.report(100));
     return reportOn(file.source(), layout);
@@ -117,15 +116,47 @@ class Compaction {
   // Only for the progress: which of them are there is not known yet.
   uint64_t countedRecords() const {
     uint64_t count = 0;
-    for (const tablePart1& slot :
-         DatabaseHandle(source_, DatabaseHandle::readOnly).tables(kOperation))
-      count += slot.recordCount;
+    for (const Table& table : survey_.tables) {
+      const Slot& slot = survey_.slotOf(table);
+      if (slot.counted) count += slot.fields.recordCount;
+    }
     return count;
+  }
+
+  void keepWhatIsWanted() {
+    if (!options_.keep) return;
+    kept_.resize(database_.tables.size());
+    for (size_t i = 0; i < kept_.size(); ++i) {
+      LiveTable& table = database_.tables[i];
+      for (const uint32_t number : table.records) {
+        if (isWanted(table.name, survey_.blocks[number])) kept_[i].push_back(number);
+      }
+      if (kept_[i].size() != table.records.size()) shorten(kept_[i], &table);
+    }
+  }
+
+  bool isWanted(const std::string& table, const Block& block) const {
+    const platform::CancellationPause cancellation;
+    return options_.keep(
+        {table, Id{block.recordID}, block.createTime, block.modifyTime, block.length});
+  }
+
+  // Where a chain begins and ends is what the links of its blocks say.
+  void shorten(const std::vector<uint32_t>& kept, LiveTable* table) {
+    table->records = kept;
+    table->slot.recordCount = static_cast<uint32_t>(kept.size());
+    if (kept.empty()) {
+      table->slot.firstRecordPos = table->slot.lastRecordPos = 0;
+      table->slot.lastWrittenRecordPos = 0;
+      return;
+    }
+    survey_.blocks[kept.front()].prev = 0;
+    survey_.blocks[kept.back()].next = 0;
   }
 
   void write(const OpenedFile& file, const LiveLayout& layout, TargetFile& target) {
     Stage stage(reporter_, source_, 20, 80, database_.recordCount());
-    const platform::FileAccess access = accessOf(source_, kOperation);
+    const platform::FileAccess access = file.access(source_, kOperation);
     target.create(&access);
     const bool isCopied = copyLive(
         file.source(), database_, layout, target, [&] { stage.step(); }, &written_);
@@ -162,11 +193,11 @@ class Compaction {
   }
 
   const fs::path source_;
-  const fs::path resolved_;
   const CompactOptions& options_;
   Reporter reporter_;
   Survey survey_;
   LiveDatabase database_{survey_};
+  std::vector<std::vector<uint32_t>> kept_;  // the records of each table, where some go
   Verdict verdict_;
   std::vector<WrittenPiece> written_;
 };
@@ -177,16 +208,18 @@ CompactReport compactTo(const fs::path& source, const fs::path& target,
   const platform::Uncancelled uncancelled;
   // For a clear message on files that are no database.
   DatabaseHandle(source, DatabaseHandle::readOnly);
-  Compaction compaction(source, progress, options);
-  std::optional<TargetFile> file;
+  const fs::path place = resolved(source, kOperation);
+  std::optional<TargetFile> made;
   const TargetRules rules = {
       .existing = overwrite ? Existing::isReplaced : Existing::isReplacedIfEmpty,
       .createFolders = options.create_folders};
   if (!options.dry_run) {
     static_cast<void>(nativePath(resolved(target, kOperation), kOperation));
-    file.emplace(target, kOperation, rules);
+    made.emplace(target, kOperation, rules);
   }
-  return compaction.run(file);
+  OpenedFile file(place, kOperation);
+  return Compaction(source, progress, options)
+      .run(file, made, [](TargetFile& finished, const MovesFunction&) { finished.place(); });
 }
 
 }  // namespace
@@ -205,3 +238,16 @@ CompactReport compact(const fs::path& source, const fs::path& target,
 }
 
 }  // namespace qvdb
+
+qvdb::CompactReport upkeep::compactOpen(const OpenSource& source,
+                                        const qvdb::ProgressFunction& progress,
+                                        const qvdb::CompactOptions& options,
+                                        const PlaceFunction& place) {
+  std::optional<TargetFile> made;
+  if (!options.dry_run) {
+    made.emplace(source.place, qvdb::kOperation,
+                 TargetRules{.existing = Existing::isReplaced, .replacedFile = source.number});
+  }
+  OpenedFile file(source.number, source.path, qvdb::kOperation);
+  return qvdb::Compaction(source.path, progress, options).run(file, made, place);
+}

@@ -67,6 +67,24 @@ LiveLayout layOut(const LiveDatabase& database) {
   return layout;
 }
 
+std::vector<Move> movesOf(const LiveDatabase& database) {
+  std::vector<Move> moves;
+  moves.reserve(database.recordCount());
+  int64_t next = database.blocksStart();
+  const auto take = [&](const Block& block) {
+    return std::exchange(next, next + block.claimedEnd() - block.position);
+  };
+  for (const LiveTable& table : database.tables) {
+    if (table.data != kNoBlock) static_cast<void>(take(database.block(table.data)));
+    for (const uint32_t number : table.records) {
+      const Block& block = database.block(number);
+      moves.push_back({block.position, take(block)});
+    }
+  }
+  std::ranges::sort(moves, {}, &Move::from);
+  return moves;
+}
+
 bool copyLive(const ByteSource& source, const LiveDatabase& database, const LiveLayout& layout,
               products::TargetFile& target, const std::function<void()>& step,
               std::vector<WrittenPiece>* written) {

@@ -9,6 +9,7 @@
 #include "recovery/copy/database_writer.h"
 #include "recovery/survey/byte_source.h"
 #include "support/digest.h"
+#include "upkeep/compact_open.h"
 #include "upkeep/live_database.h"
 
 namespace qvdbase::upkeep {
@@ -20,6 +21,9 @@ struct LiveLayout {
 };
 
 LiveLayout layOut(const LiveDatabase& database);
+
+// Where its records go from where they are, in the order of the latter.
+std::vector<Move> movesOf(const LiveDatabase& database);
 
 // A piece of the new file as it was written.
 struct WrittenPiece {

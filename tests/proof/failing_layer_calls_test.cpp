@@ -222,6 +222,10 @@ std::vector<LayerCall> changingCalls() {
        },
        true},
       {"CompactInPlace", [](const Path& folder) { qvdb::compact(folder / "source.qvd"); }},
+      {"CompactWhileOpen",
+       [](const Path& folder) {
+         Database::open(folder / "source.qvd", Mode::exclusive).compact();
+       }},
       {"Repair",
        [](const Path& folder) { qvdb::repair(folder / "broken.qvd"); },
        false,

@@ -298,6 +298,25 @@ class QVDBASE_API Database {
   BackupReport backup(const std::filesystem::path& target, const BackupOptions& options = {},
                       const ProgressFunction& progress = {}) const;
 
+  // Compacts the open file, as qvdb::compact() does one by its path, and continues with the new
+  // one, which has the name and the exclusive lock of the old one. A failure, or a process that is
+  // killed, leaves the old file in its place, or the new one. Only a database that is open
+  // exclusively, and whose path still leads to its file.
+  //
+  // Tables stay usable, and so do records and indexes: records are found at their new places, those
+  // that were found before the last compaction but one, by their identifiers. A walk that has begun
+  // ends with changed_meanwhile. Readers keep the old file, and is_current() returns false to them.
+  // The handle for the C functions is another one afterwards.
+  //
+  // Other threads wait for it. While `progress` or `options.keep` runs they may work with the
+  // database; what they change then makes it fail with in_use, and nothing has happened.
+  //
+  // Throws Error as qvdb::compact(); read_only; bad_argument unless the database is open
+  // exclusively; appender_open; in_use, also where this process has it open for writing elsewhere;
+  // changed_meanwhile when its path leads elsewhere; cannot_open when too many files are open.
+  // After cannot_write with the words that the new file is in its place, it is the open one.
+  CompactReport compact(const ProgressFunction& progress = {}, const CompactOptions& options = {});
+
   // Waits until the device has everything that was written. Without it a power failure can lose
   // what the system has not written yet. Throws Error: cannot_write.
   void sync();

@@ -22,11 +22,13 @@
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/cpp20.hpp>
+#include <qvdbase/qvdb/id.hpp>
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -49,6 +51,15 @@ struct TargetOptions {
   bool create_folders = false;
 };
 
+// A record that compact() asks about.
+struct CompactedRecord {
+  std::string_view table;    // the name of its table in the source
+  Id id;                     // its identifier
+  uint32_t create_time = 0;  // in seconds since 1970
+  uint32_t modify_time = 0;  // likewise
+  uint32_t size = 0;         // bytes of its payload
+};
+
 // For compact().
 struct CompactOptions {
   bool overwrite = false;       // as in TargetOptions
@@ -59,6 +70,10 @@ struct CompactOptions {
   std::vector<std::string> drop = {};   // tables that the new file does not have
   std::vector<std::string> clear = {};  // tables that lose all records; they keep their data
   std::vector<std::pair<std::string, std::string>> rename = {};  // from, to
+  // Which records the new file has; all when it is empty. It is asked once about each record, table
+  // after table and in order, and must not work on the databases of the operation. What it throws
+  // ends the operation. Its cost is that of a walk over the headers: no payload is read.
+  std::function<bool(const CompactedRecord& record)> keep = {};
 };
 
 // The result of compact().

@@ -48,6 +48,16 @@ bool HeldFile::lookAt(const std::string& path) {
   return entry_ != nullptr;
 }
 
+bool HeldFile::holdOpen(int16_t file) {
+  const Turn turn(file);
+  const OpenFile* const open = findOpenFile(file);
+  if (open == nullptr) return false;
+  sharing_ = Sharing::none;
+  entry_ = open->entry;
+  addReader(entry_);
+  return true;
+}
+
 OpenFailureFound HeldFile::holdEntry(const Directory& folder, const EntryName& name) {
   struct stat status = {};
   if (systemCalls().statusAt(folder.descriptor(), name.bytes(), &status, AT_SYMLINK_NOFOLLOW) != 0)

@@ -25,6 +25,10 @@ class HeldFile {
   // Only looks at the file, which may then be changed by others: for one that cannot be written.
   bool lookAt(const std::string& path);
 
+  // Looks at a file that this process has open exclusively under that number: that keeps others
+  // from writing to it. False for a number that is not in use.
+  bool holdOpen(int16_t file);
+
   // Holds the entry `name` of a folder. Not a link: that and everything else that is no regular
   // file is notAFile.
   OpenFailureFound holdEntry(const Directory& folder, const EntryName& name);

@@ -83,6 +83,9 @@ class NewFile {
   // Puts the file in its place.
   Placing place(const Replaced& replaced, Waits waits);
 
+  // Whether it has its name, also where the device may not have that.
+  bool isPlaced() const { return isPlaced_; }
+
   // Takes its name away again, after nothing was replaced, if it still is this file's.
   void takeBack();
 
