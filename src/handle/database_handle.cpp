@@ -7,6 +7,7 @@
 #include "QVDbase/tables.h"
 #include "failure/failure.h"
 #include "failure/native_path.h"
+#include "handle/open_intents.h"
 #include "platform/handles/lock_trial.h"
 #include "platform/handles/open_failure.h"
 #include "platform/handles/open_files.h"
@@ -105,6 +106,7 @@ int16_t openFile(const std::filesystem::path& path, const std::filesystem::path&
 DatabaseHandle::DatabaseHandle(const std::filesystem::path& path, Permission permission)
     : DatabaseHandle(path, openFile(path, path, permission, kOpen)) {
   static_cast<void>(directory(kOpen));
+  if (permission == exclusive) completeIntents(number_, path_, kOpen);
 }
 
 DatabaseHandle::DatabaseHandle(const std::filesystem::path& path, int16_t number)

@@ -139,7 +139,7 @@ Commit CommitLog::takeBack(int64_t position) {
 // A run ends where something else than its next intent begins, and after so many commits. Blocks
 // that were written early have to be on the device before an intent can be seen that names them.
 bool CommitLog::beginRun(const internal_Head1& header, int64_t position, bool hasSpilled) {
-  if (start_ != 0 && position == end_ && sequence_ < kMostOpenIntents) return true;
+  if (position == end_ && sequence_ < kMostOpenIntents && isWordOwn(header)) return true;
   if (!putInPlace()) return false;
   if ((start_ != 0 || hasSpilled) && !syncUnlessProcess()) return false;
   format::PendingWord word;
@@ -155,6 +155,15 @@ bool CommitLog::beginRun(const internal_Head1& header, int64_t position, bool ha
   last_ = 0;
   sequence_ = syncedSequence_ = 0;
   return true;
+}
+
+// Another opener in this process may have completed what was open, and written another word.
+bool CommitLog::isWordOwn(const internal_Head1& header) const {
+  if (start_ == 0) return false;
+  format::WordBytes word;
+  const format::PendingWord own{start_, nonce_};
+  return OpenReader(file_).read(format::pending::kPosition, word.data(), word.size()) &&
+         word == format::encodePendingWord(own, header.databaseID);
 }
 
 bool CommitLog::synced(uint64_t ticket, bool succeeded) {

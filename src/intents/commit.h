@@ -102,6 +102,7 @@ class CommitLog {
                std::vector<format::IntentEntry> entries);
   Commit takeBack(int64_t position);
   bool beginRun(const internal_Head1& header, int64_t position, bool hasSpilled);
+  bool isWordOwn(const internal_Head1& header) const;
   bool putInPlace();
   bool writeHeld();
   bool syncUnlessProcess();

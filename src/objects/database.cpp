@@ -14,6 +14,7 @@
 #include "format/identifiers.h"
 #include "format/layout.h"
 #include "handle/database_handle.h"
+#include "handle/open_intents.h"
 #include "objects/cache.h"
 #include "objects/indexes/table_index.h"
 #include "objects/indexes/table_keys.h"
@@ -23,6 +24,7 @@
 #include "objects/sharing/waiting.h"
 #include "objects/walks/chain_ends.h"
 #include "platform/handles/current_name.h"
+#include "platform/handles/open_files.h"
 #include "platform/handles/sync.h"
 #include "platform/host/cancellation.h"
 #include "platform/host/host_failure.h"
@@ -71,6 +73,17 @@ void requireDirectory(const std::shared_ptr<OpenDatabase>& database) {
   static_cast<void>(detail::look(operation, [&] { return operation.directory(); }));
 }
 
+// A writer that a crash has ended can have left transactions that are committed but not in place.
+// Another writer that shares the file may have completed them when the turn comes: then nothing is
+// left to be done. Those of a writer in this process are its own affair.
+void completeTransactions(const std::shared_ptr<OpenDatabase>& database) {
+  if (database->mode == Mode::read_only) return;
+  const Operation operation(database, kOpen);
+  if (!handle::hasOpenIntents(operation.db()) || platform::writersOf(operation.db()) > 1) return;
+  const detail::ChangeTurn turn(operation);
+  handle::completeIntents(operation.db(), database->path, kOpen);
+}
+
 // The file that has the name of this one now, which may be closed.
 std::shared_ptr<OpenDatabase> openAgain(const OpenDatabase& database) {
   auto state = std::make_shared<OpenDatabase>();
@@ -79,6 +92,7 @@ std::shared_ptr<OpenDatabase> openAgain(const OpenDatabase& database) {
   state->mode = database.mode;
   openFileOf(*state, database.place, kOpen);
   requireDirectory(state);
+  completeTransactions(state);
   return state;
 }
 
@@ -197,6 +211,7 @@ Database Database::open(const std::filesystem::path& path, Mode mode) {
   const platform::Uncancelled uncancelled;
   Database database(openState(path, mode, kOpen));
   requireDirectory(database.state_);
+  completeTransactions(database.state_);
   return database;
 }
 
