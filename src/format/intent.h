@@ -42,9 +42,6 @@ struct PendingWord {
 };
 using WordBytes = std::array<unsigned char, pending::kSize>;
 
-inline bool isNoWord(const WordBytes& bytes) {
-  return bytes == WordBytes{};
-}
 WordBytes encodePendingWord(const PendingWord& word, const unsigned char* databaseID);
 // Nothing when the bytes are no word of this database, or name no place where a block can be.
 std::optional<PendingWord> decodePendingWord(const WordBytes& bytes,

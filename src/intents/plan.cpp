@@ -1,4 +1,5 @@
 // The plan of a recovery, from the bytes of a file.
+#include <algorithm>
 #include <optional>
 
 #include "format/intent.h"
@@ -23,7 +24,11 @@ FoundIntent summaryOf(const RunIntent& found) {
 std::optional<format::WordBytes> readWord(const FileBytes& file) {
   format::WordBytes bytes;
   if (!file.read(format::pending::kPosition, bytes.data(), bytes.size())) return std::nullopt;
-  if (format::isNoWord(bytes)) return std::nullopt;
+  // Bytes without a start are no word, whatever else there is: one of the packs leaves some.
+  if (std::all_of(bytes.begin(), bytes.begin() + format::pending::kNonce,
+                  [](unsigned char byte) { return byte == 0; })) {
+    return std::nullopt;
+  }
   return bytes;
 }
 

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <qvdbase/qvdb.hpp>
 
+#include <filesystem>
+#include <set>
 #include <string>
 
 #include "intents/commit.h"
@@ -49,14 +51,14 @@ class OpeningAfterACrash : public DatabaseTest {
 
 TEST_F(OpeningAfterACrash, CompletesWhatIsCommitted) {
   qvdb::Database database = qvdb::Database::open(path(), qvdb::Mode::exclusive);
-  EXPECT_EQ(database.table("notes").size(), 2u);
+  EXPECT_EQ(database.table("notes").count(), 2u);
   database.close();
   expectComplete();
 }
 
 TEST_F(OpeningAfterACrash, CompletesItForWritersThatShareTheFile) {
   qvdb::Database database = qvdb::Database::open(path(), qvdb::Mode::shared);
-  EXPECT_EQ(database.table("notes").size(), 2u);
+  EXPECT_EQ(database.table("notes").count(), 2u);
   database.close();
   expectComplete();
 }
@@ -96,6 +98,70 @@ TEST_F(OpeningAfterACrash, ClearsADamagedWord) {
   writeFile(path(), damaged);
   qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
   EXPECT_EQ(contents(), damaged.with(4558, Bytes().zeros(24)));
+}
+
+// The codes of the findings of qvdb::check.
+std::set<std::string> codesOf(const std::filesystem::path& file) {
+  std::set<std::string> codes;
+  static_cast<void>(
+      qvdb::check(file, [&](const qvdb::Finding& finding) { codes.insert(finding.code); }));
+  return codes;
+}
+
+TEST_F(OpeningAfterACrash, IsNotNeededToCheckOrToCopy) {
+  const Bytes crashed = contents();
+  EXPECT_EQ(codesOf(path()), (std::set<std::string>{"S7", "X2"}));
+  static_cast<void>(qvdb::compact(path(), path("compact.qvd")));
+  EXPECT_EQ(contentsOf(contents("compact.qvd")), after_);
+  static_cast<void>(qvdb::salvage(path(), path("salvaged.qvd")));
+  EXPECT_EQ(readDatabase(contents("salvaged.qvd")).tables.size(), 1u);
+  EXPECT_EQ(readDatabase(contents("salvaged.qvd")).tables[0].records.size(), 2u);
+  EXPECT_EQ(contents(), crashed);
+}
+
+TEST_F(OpeningAfterACrash, LeavesIntentsThatCheckKnows) {
+  qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
+  EXPECT_EQ(codesOf(path()), (std::set<std::string>{"S7", "X1"}));
+  static_cast<void>(qvdb::compact(path(), path("compact.qvd")));
+  EXPECT_TRUE(codesOf(path("compact.qvd")).empty());
+}
+
+TEST_F(OpeningAfterACrash, IsReportedWhereTheWordIsDamaged) {
+  const Bytes crashed = contents();
+  writeFile(path(), crashed.with(4560, Bytes().be(1, 0x55)));
+  EXPECT_EQ(codesOf(path()).count("X5"), 1u);
+  EXPECT_EQ(codesOf(path()).count("D10"), 0u);
+  // Bytes without a start, as one of the packs leaves them, are no word.
+  Bytes image = crashed.with(4558, Bytes().zeros(24)).with(4558 + 16, Bytes().be(1, 40));
+  writeFile(path(), image);
+  EXPECT_EQ(codesOf(path()).count("X5"), 0u);
+  EXPECT_EQ(codesOf(path()).count("D10"), 1u);
+  qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
+  EXPECT_EQ(contents(), image);
+}
+
+TEST_F(OpeningAfterACrash, LeavesATableAloneThatAnotherProgramHasChanged) {
+  const int16_t db = open();
+  const uint64_t table = readDatabase(contents()).tables[0].id;
+  addRecord(db, table, bytesOf("from another program"));
+  close(db);
+  const std::string changed = contentsOf(contents());
+  EXPECT_EQ(codesOf(path()).count("X3"), 1u);
+  qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
+  EXPECT_EQ(contentsOf(contents()), changed);
+  EXPECT_EQ(contents().at(4558, 24), Bytes().zeros(24));
+  EXPECT_EQ(codesOf(path()).count("X3"), 1u);
+  EXPECT_EQ(codesOf(path()).count("S2"), 1u);  // what the transaction had added
+}
+
+TEST_F(OpeningAfterACrash, IgnoresACommitThatWasTorn) {
+  const Bytes crashed = contents();
+  const Bytes before = crashed.with(4558, Bytes().zeros(24));
+  for (const size_t lost : {size_t{1}, size_t{30}, size_t{80}, size_t{200}, size_t{500}}) {
+    writeFile(path(), crashed.cut(crashed.size() - lost));
+    qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
+    EXPECT_EQ(contents(), before.cut(crashed.size() - lost)) << lost;
+  }
 }
 
 }  // namespace

@@ -156,6 +156,20 @@ constexpr FindingCode kCodes[] = {
     {"I2", information, "a list of imported files has names without records", kNothing,
      "an import that was killed leaves them; importing the same files again completes them"},
 
+    // ---- Transactions
+    {"X1", information, "intents of transactions that are in place", kNothing, kPack},
+    {"X2", warning, "transactions are committed, but not in place yet",
+     "calls that read the file see the state before some of their changes",
+     "open the file to write with the C++ interface, which completes them; a program that is "
+     "running does it by itself"},
+    {"X3", error, "a transaction was not completed in a table that another program has changed",
+     "nothing; what the transaction has added to that table is not in it",
+     "'qvdb salvage' takes its blocks like those of other records that are not linked"},
+    {"X4", information, "a transaction that was never committed", kNothing, kPack},
+    {"X5", warning, "the word that leads to open transactions is damaged, or leads to none",
+     "completing transactions that a crash has left, if there are any",
+     "look for records that are missing; 'qvdb salvage' finds their blocks"},
+
     // ---- What will happen
     {"W1", information, "what the library's calls will do with this file now", "those named",
      "see the other findings"},

@@ -17,6 +17,7 @@
 #include "platform/transfer/plain_transfer.h"
 #include "recovery/check/findings.h"
 #include "recovery/check/parts.h"
+#include "recovery/survey/completed_source.h"
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/survey.h"
 #include "recovery/survey/words.h"
@@ -70,7 +71,8 @@ void addOutlook(Check& check, CheckReport* report) {
   check.information("W1", {}, "What will fail on this file now: ", failing, ".");
 }
 
-void judge(Check& check, const CheckOptions& options, CheckReport* report) {
+void judge(Check& check, const CheckOptions& options, const intents::RecoveryPlan& plan,
+           CheckReport* report) {
   const int64_t now = options.now != 0 ? options.now : int64_t{platform::secondsSinceEpoch()};
   check::checkDirectory(check);
   for (const auto& table : check.survey.tables) {
@@ -83,16 +85,18 @@ void judge(Check& check, const CheckOptions& options, CheckReport* report) {
   if (options.categories) check::checkCategories(check);
   check::checkHoles(check);
   report->space = check::checkSpace(check);
+  check::checkIntents(check, plan);
   addOutlook(check, report);
 }
 
-Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOptions& options) {
+Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOptions& options,
+                  const intents::RecoveryPlan& plan = {}) {
   CheckReport report;
   Check check(source, survey, options.most_alike);
   report.file_size = static_cast<uint64_t>(survey.size);
   report.blocks = survey.blocks.size();
   if (check::checkHeader(check)) {
-    judge(check, options, &report);
+    judge(check, options, plan, &report);
   } else {
     report.space.unknown = report.file_size;
     report.repair = 1;
@@ -107,7 +111,9 @@ Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOpt
 }
 
 Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
-  return checkOnce(source, makeSurvey(source, {.deep = options.deep}), options);
+  const CompletedSource completed(source);
+  return checkOnce(completed, makeSurvey(completed, {.deep = options.deep}), options,
+                   completed.plan());
 }
 
 CheckReport deliver(Checked checked, const FindingVisitor& visitor) {
@@ -149,7 +155,7 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
   for (int attempt = 0;; ++attempt) {
     OpenedFile file(path, "check the database");
     file.watch();
-    Checked checked = checkOnce(file.source(), options);
+    Checked checked = checkOnce(file.rawSource(), options);
     const bool hasChanged = file.hasChanged();
     // What was found can be work in progress.
     const bool isInProgress = checked.report.state != CheckState::sound && file.isLockedByOthers();

@@ -4,9 +4,11 @@
 #include <cstring>
 #include <map>
 #include <set>
+#include <span>
 
 #include "format/Aliment8.h"
 #include "format/identifiers.h"
+#include "format/intent.h"
 #include "recovery/check/parts.h"
 
 using namespace qvdbase::format;
@@ -41,10 +43,21 @@ void checkUncounted(Check& check, const Slot& slot) {
   check.warning("D2", inSlot(slot), text, "; there are no blocks of it.");
 }
 
+bool hasPendingStart(std::span<const unsigned char> image) {
+  const auto start = image.subspan(slot::kFirstRecordPos + pending::kStart, 8);
+  return std::any_of(start.begin(), start.end(), [](unsigned char byte) { return byte != 0; });
+}
+
 void checkFreeSlot(Check& check, const Slot& slot) {
   std::array<unsigned char, kSlotImageSize> expected;
   encodeSlot({}, expected.data());
-  if (slot.image == expected) return;
+  auto image = slot.image;
+  // The pending word of transactions is judged by itself.
+  if (slot.position + slot::kFirstRecordPos == pending::kPosition && hasPendingStart(image)) {
+    std::fill_n(image.begin() + slot::kFirstRecordPos, pending::kSize,
+                static_cast<unsigned char>(0));
+  }
+  if (image == expected) return;
 
   // One of the packs writes the slot as it lies in memory.
   std::array<unsigned char, kSlotImageSize> raw = {};

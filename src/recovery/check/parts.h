@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "intents/recovery.h"
 #include "recovery/check/findings.h"
 #include "recovery/survey/survey.h"
 
@@ -47,6 +48,9 @@ void checkHoles(Check& check);
 qvdb::SpaceUse checkSpace(Check& check);
 
 void checkCategories(Check& check);
+
+// Transactions: what the plan of their recovery says, and what is left of earlier ones.
+void checkIntents(Check& check, const intents::RecoveryPlan& plan);
 
 // The blocks that the walk from the front reaches within the slot's count.
 std::span<const uint32_t> countedBlocks(const survey::Survey& survey, const survey::Table& table);

@@ -43,6 +43,9 @@ constexpr Fate kFates[] = {
 constexpr const Fate& kLost = kFates[std::size(kFates) - 2];
 constexpr const Fate& kOrphan = kFates[std::size(kFates) - 1];
 
+// Reported by themselves: see intent_checks.cpp.
+constexpr Fate kIntent = {Label::none, &SpaceUse::superseded, false, "intents", "intents"};
+
 struct Heap {
   uint64_t blocks = 0;
   uint64_t bytes = 0;
@@ -123,13 +126,14 @@ class SpaceCheck {
                       : block.kind == BlockKind::record ? &SpaceUse::records
                                                         : &SpaceUse::table_data;
     space_.*part += static_cast<uint64_t>(block.end - block.position);
-    if (block.isReached()) return;
+    if (block.isReached() || survey_.isIntent(block)) return;
     if (block.grade != Grade::a) return reportTorn(block);
     if (survey_.isOrphan(block)) return orphans_[block.owner].add(block);
     heaps_[{block.kind, survey_.owners[block.owner].slot, &fate}].add(block);
   }
 
   const Fate& fateOf(const Block& block) const {
+    if (survey_.isIntent(block)) return kIntent;
     if (survey_.ownerSlot(block) == nullptr) return kOrphan;
     return *std::find_if(kFates, &kLost,
                          [&](const Fate& each) { return each.label == block.label; });

@@ -65,6 +65,7 @@ void OpenedFile::begin(const std::filesystem::path& path, const char* operation)
 bool OpenedFile::look() {
   if (!file_.stamp(&stamp_)) return false;
   source_.emplace(file_, stamp_.size);
+  completed_.emplace(*source_);
   watched_ = firstBytes(*source_, format::kNewFileSize);
   return true;
 }

@@ -8,6 +8,7 @@
 
 #include "platform/handles/read_only_file.h"
 #include "recovery/survey/byte_source.h"
+#include "recovery/survey/completed_source.h"
 
 namespace qvdbase::survey {
 
@@ -21,7 +22,10 @@ class OpenedFile {
   // by now. Throws cannot_open.
   OpenedFile(int16_t file, const std::filesystem::path& path, const char* operation);
 
-  const ByteSource& source() const { return *source_; }
+  // With what committed transactions have not put into place yet laid over it.
+  const ByteSource& source() const { return *completed_; }
+  // The bytes as they are in the file.
+  const ByteSource& rawSource() const { return *source_; }
   const platform::ReadOnlyFile& file() const { return file_; }
 
   // Makes sure that every write from now on shows in hasChanged(), which may take a moment for a
@@ -54,6 +58,7 @@ class OpenedFile {
   bool wasLocked_ = false;
   platform::FileStamp stamp_;
   std::optional<FileSource> source_;
+  std::optional<CompletedSource> completed_;
   std::vector<unsigned char> watched_;
 };
 

@@ -19,6 +19,7 @@
 #include <map>
 #include <vector>
 
+#include "format/intent.h"
 #include "format/layout.h"
 #include "recovery/survey/byte_source.h"
 #include "recovery/survey/position_index.h"
@@ -242,10 +243,16 @@ struct Survey {
   // Whether the owner has a slot in the directory.
   bool isKnown(uint32_t owner) const { return owner < knownOwners; }
 
+  // Whether it is an intent of a transaction: of a table that no directory has.
+  bool isIntent(const Block& block) const {
+    return block.kind == BlockKind::record && owners[block.owner].id == format::kIntentTableID;
+  }
+
   // Whether it is a whole block of a table that the directory does not have. No operation removes a
   // table, so its slot was lost; unless the block is a piece of a payload.
   bool isOrphan(const Block& block) const {
-    return ownerSlot(block) == nullptr && block.grade == Grade::a && !block.isInTornBlock;
+    return ownerSlot(block) == nullptr && !isIntent(block) && block.grade == Grade::a &&
+           !block.isInTornBlock;
   }
 
   const Slot& slotOf(const Table& table) const { return slots[static_cast<size_t>(table.slot)]; }

@@ -394,7 +394,8 @@ TEST(Corrupter, KnowsADamageForEveryCode) {
   std::set<std::string> missing;
   for (const qvdb::FindingCode& code : qvdb::finding_codes()) missing.emplace(code.code);
   for (const Damage& damage : kDamages) missing.erase(damage.code);
-  EXPECT_EQ(missing, (std::set<std::string>{"F3", "F5", "C1", "C2", "C3", "C4", "I1", "I2", "W1"}));
+  EXPECT_EQ(missing, (std::set<std::string>{"F3", "F5", "C1", "C2", "C3", "C4", "I1", "I2", "X1",
+                                            "X2", "X3", "X4", "X5", "W1"}));
 }
 
 }  // namespace

@@ -1,0 +1,88 @@
+// Transactions: X1 to X5. A file with open ones is checked as it is once they are completed; these
+// findings say that they are not.
+#include <algorithm>
+#include <string>
+
+#include "format/intent.h"
+#include "recovery/check/parts.h"
+
+using namespace qvdbase::survey;
+
+namespace qvdbase::check {
+namespace {
+
+using intents::FoundIntent;
+using intents::Pending;
+using intents::RecoveryPlan;
+
+bool isContradicted(const RecoveryPlan& plan, const FoundIntent& intent) {
+  return std::any_of(intent.slots.begin(), intent.slots.end(),
+                     [&](int slot) { return plan.contradicted.count(slot) != 0; });
+}
+
+void checkOpen(Check& check, const RecoveryPlan& plan) {
+  uint64_t open = 0;
+  for (const FoundIntent& intent : plan.intents) {
+    const About about = {.offset = intent.position};
+    if (!intent.isWhole) {
+      check.information("X4", about, "The transaction at ", intent.position,
+                        " was never committed: its blocks are not whole.");
+    } else {
+      ++open;
+      if (!isContradicted(plan, intent)) continue;
+      check.error("X3", about, "The transaction at ", intent.position,
+                  " is committed, but another program has changed a table since in which it is not "
+                  "in place.");
+    }
+  }
+  if (plan.writes.empty()) return;
+  check.warning("X2", {.offset = plan.start}, counted(open, "transaction is", "transactions are"),
+                " committed, but not in place yet.");
+}
+
+// Where an intent says that it was given up.
+bool wasContradicted(const Check& check, const Block& block) {
+  unsigned char state = 0;
+  return block.dataThere() > format::intent::kState &&
+         check.source.readAll(block.dataPos() + format::intent::kState, &state, 1) &&
+         state == format::kIntentContradicted;
+}
+
+void checkFinished(Check& check, const RecoveryPlan& plan) {
+  uint64_t count = 0;
+  uint64_t bytes = 0;
+  int64_t first = -1;
+  for (const Block& block : check.survey.blocks) {
+    if (!check.survey.isIntent(block)) continue;
+    const bool isOpen =
+        std::any_of(plan.intents.begin(), plan.intents.end(),
+                    [&](const FoundIntent& intent) { return intent.position == block.position; });
+    if (isOpen && !plan.writes.empty()) continue;
+    ++count;
+    bytes += static_cast<uint64_t>(block.end - block.position);
+    if (first < 0 || block.position < first) first = block.position;
+    if (isOpen || !wasContradicted(check, block)) continue;
+    check.error("X3", inBlock(nullptr, block), "The transaction at ", block.position,
+                " was not completed in a table that another program had changed.");
+  }
+  if (count == 0) return;
+  check.information("X1", {.offset = first}, counted(count, "intent"), " of transactions, ",
+                    counted(bytes, "byte"), ".");
+}
+
+}  // namespace
+
+void checkIntents(Check& check, const RecoveryPlan& plan) {
+  const About word = {.offset = format::pending::kPosition};
+  if (plan.pending == Pending::damagedWord) {
+    check.warning("X5", word, "The word that leads to open transactions is damaged.");
+  } else if (plan.pending == Pending::open && plan.intents.empty() &&
+             plan.start != check.survey.size) {
+    check.warning("X5", word, "The word that leads to open transactions names ", plan.start,
+                  ", where there is none.");
+  }
+  checkOpen(check, plan);
+  checkFinished(check, plan);
+}
+
+}  // namespace qvdbase::check
