@@ -42,13 +42,13 @@ tablePart1 newTableSlot(const char* name, const NewSlot& given) {
   return slot;
 }
 
-// Reads past the slots in use, which must be sound and must not have the name. The file is then at
-// the slot that comes next.
+// Reads past the slots in use, which must be sound and must not have the name, unless that is null.
+// The file is then at the slot that comes next.
 bool nameIsFree(int16_t db, const DirectoryNumbers& directory, const char* name) {
   for (int i = 0; i < directory.tableCount; ++i) {
     tablePart1 slot;
     if (!readUsedSlot(db, directory.slotSize, &slot)) return false;
-    if (tableNameEquals(slot, name)) return false;
+    if (name != nullptr && tableNameEquals(slot, name)) return false;
   }
   return true;
 }
@@ -69,7 +69,7 @@ uint64_t addSlot(int16_t db, const char* name, const NewSlot& given) {
   const int64_t directoryPos = myGetFilePos(db);
   // The last slot stays free on purpose: a directory of 32 slots holds 31 tables.
   if (directory.tableCount >= directory.slotCount - 1) return 0;
-  if (!nameIsFree(db, directory, name)) return 0;
+  if (!nameIsFree(db, directory, given.mayRepeatName ? nullptr : name)) return 0;
 
   const tablePart1 slot = newTableSlot(name, given);
   if (WriteOne_TablePartOne(db, &slot) != 1) return 0;

@@ -30,6 +30,7 @@ struct NewSlot {
   uint16_t tableFlags2 = 0;
   uint32_t recordWriteCount = 0;
   uint32_t dataWriteCount = 0;
+  bool mayRepeatName = false;
 };
 
 // What AddTable does, with a slot that holds what is given.

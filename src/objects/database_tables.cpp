@@ -85,12 +85,12 @@ void requireNewTable(const Operation& operation, Id table) {
 
 // A table could not be added: the name is taken, the directory is full, or the file cannot be
 // written.
-[[noreturn]] void explainTable(const Operation& operation, const std::string& name) {
+[[noreturn]] void explainTable(const Operation& operation, const NewTable& table) {
   operation.failIfWriteWasRefused(0);
   SavedPosition scope(operation.db());
   tablePart1 slot;
-  if (findNamed(operation, name, &slot)) {
-    operation.fail(Reason::table_exists, "a table named '" + name + "' exists already");
+  if (!table.may_repeat_name && findNamed(operation, table.name, &slot)) {
+    operation.fail(Reason::table_exists, "a table named '" + table.name + "' exists already");
   }
   const engine::DirectoryNumbers numbers = operation.directory();
   if (numbers.tableCount >= numbers.slotCount - 1) {
@@ -175,9 +175,10 @@ Table Database::addNew(const NewTable& table) {
                                         .tableFlags1 = table.flags_1,
                                         .tableFlags2 = table.flags_2,
                                         .recordWriteCount = table.record_write_count,
-                                        .dataWriteCount = table.data_write_count});
+                                        .dataWriteCount = table.data_write_count,
+                                        .mayRepeatName = table.may_repeat_name});
   if (id != 0) return Table(state_, Id{id}, name);
-  explainTable(operation, name);
+  explainTable(operation, table);
 }
 
 Table Database::find_or_add_table(std::string_view name) {

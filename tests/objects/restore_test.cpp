@@ -88,6 +88,18 @@ TEST_F(LayerRestore, ATableIdentifierThatExistsIsRefusedAndNothingIsWritten) {
   });
 }
 
+TEST_F(LayerRestore, ATableMayRepeatANameWhereThatIsAskedFor) {
+  auto database = createDatabase();
+  const auto first = database.add_table("notes");
+  NewTable again("notes");
+  again.may_repeat_name = true;
+  const auto second = database.add_table(again);
+  expectDamage(kDefaultFile, {"D4"});
+  EXPECT_NE(first.id(), second.id());
+  EXPECT_EQ(database.table("notes").id(), first.id());
+  EXPECT_EQ(database.tables().size(), 2u);
+}
+
 TEST_F(LayerRestore, ARecordGetsEverythingThatIsGiven) {
   auto database = createDatabase();
   auto table = database.add_table("t");

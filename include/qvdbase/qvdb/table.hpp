@@ -67,6 +67,9 @@ struct NewTable {
   // that they end where they were in a table that is restored.
   uint32_t record_write_count = 0;  // modulo 2^32
   uint32_t data_write_count = 0;    // modulo 2^32
+  // Whether the name may be another table's, too: for a table that is restored, since names that
+  // the C functions have cut at 32 bytes can be equal. find_table() then finds the first one.
+  bool may_repeat_name = false;
 };
 
 // A table of an open database. Tables come from a Database and are cheap to copy; all copies refer
