@@ -14,6 +14,8 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/qvdbase DESTINATION ${CMAKE_INST
         FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 if(TARGET qvdb_tool)
   install(TARGETS qvdb_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/qvdb.magic
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/qvdbase)
 endif()
 
 # The documents refer to one another by their places in the source tree, which are kept.

@@ -7,7 +7,8 @@ find_package(nlohmann_json REQUIRED)
 add_dependencies(${name}_tests qvdb_tool)
 target_compile_definitions(${name}_tests PRIVATE
   QVDB_TOOL="$<TARGET_FILE:qvdb_tool>"
-  QVDBASE_CONFORMANCE="${PROJECT_SOURCE_DIR}/docs/conformance")
+  QVDBASE_CONFORMANCE="${PROJECT_SOURCE_DIR}/docs/conformance"
+  QVDBASE_CORPUS="${PROJECT_SOURCE_DIR}/fuzz/corpus")
 target_link_libraries(${name}_tests PRIVATE nlohmann_json::nlohmann_json)
 
 add_test(NAME ${name}.GrammarReadsTheFiles

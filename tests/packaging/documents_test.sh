@@ -24,6 +24,13 @@ if [ -e "$scratch/prefix/bin/qvdb" ]; then
     [ -s "$scratch/prefix/share/$file" ] || { echo "$file is not installed"; failures=1; }
   done
 fi
+magic=$scratch/prefix/share/qvdbase/qvdb.magic
+if [ -e "$scratch/prefix/bin/qvdb" ] && command -v file >/dev/null; then
+  answer=$(file -b -m "$magic" "$documents/docs/conformance/full.qvd")
+  [ "$answer" = 'QVDbase database, version 199, 31 tables' ] || { echo "file says: $answer"; failures=1; }
+  answer=$(file -b -m "$magic" "$documents/LICENSE")
+  case $answer in *QVDbase*) echo "file says of LICENSE: $answer"; failures=1 ;; esac
+fi
 [ "$failures" = 0 ] || exit 1
 
 # Headers lie elsewhere in an installation; what is about the sources is for those who have them.

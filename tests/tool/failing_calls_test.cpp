@@ -59,6 +59,10 @@ std::vector<ToolCall> toolCalls() {
       {"Remove", {"rm", "@/full.qvd", "photos", "a.txt"}, true},
       {"Compact", {"compact", "@/full.qvd"}, true},
       {"CompactToAnother", {"compact", "@/full.qvd", "@/new.qvd"}, false, "new.qvd"},
+      {.name = "DumpToFile",
+       .words = {"dump", "-o", "@/new.jsonl", "@/full.qvd"},
+       .product = "new.jsonl"},
+      {"Load", {"load", "@/new.qvd", "@/dump.jsonl"}, false, "new.qvd"},
       {.name = "Undelete",
        .words = {"undelete", "@/full.qvd", "@/new.qvd", "photos", "a.txt"},
        .product = "new.qvd",
@@ -125,6 +129,8 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
     std::string message;
     ASSERT_EQ(runCommand(folder.path(), {"create", "@/full.qvd"}, &message), 0) << message;
     ASSERT_EQ(runCommand(folder.path(), {"import", "@/full.qvd", "photos", "@/in/"}, &message), 0)
+        << message;
+    ASSERT_EQ(runCommand(folder.path(), {"dump", "-o", "@/dump.jsonl", "@/full.qvd"}, &message), 0)
         << message;
     const auto& first = GetParam().first;
     if (!first.empty()) {

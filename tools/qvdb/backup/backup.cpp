@@ -8,12 +8,12 @@
 #include <set>
 
 #include "backup/piece_folder.h"
-#include "backup/sha256.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "streams/failure.h"
 #include "streams/output.h"
 #include "streams/percent_progress.h"
+#include "streams/sha256.h"
 #include "streams/text.h"
 
 namespace qvdb::tool {

@@ -7,7 +7,7 @@
 #include <span>
 #include <string_view>
 
-#include "backup/sha256.h"
+#include "streams/sha256.h"
 #include "streams/text.h"
 
 namespace qvdb::tool {

@@ -14,9 +14,9 @@
 #include <qvdbase/qvdb.hpp>
 #include <utility>
 
-#include "backup/sha256.h"
 #include "command_line/command.h"
 #include "streams/failure.h"
+#include "streams/sha256.h"
 
 namespace qvdb::tool {
 namespace {

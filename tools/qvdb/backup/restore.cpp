@@ -8,11 +8,11 @@
 #include <filesystem>
 
 #include "backup/piece_folder.h"
-#include "backup/sha256.h"
 #include "command_line/commands.h"
 #include "streams/failure.h"
 #include "streams/interrupt.h"
 #include "streams/output.h"
+#include "streams/sha256.h"
 #include "streams/text.h"
 #include "streams/waiting.h"
 

@@ -88,6 +88,15 @@ DataSize dataSizeOf(const Database& database, const Table& table) {
   }
 }
 
+std::optional<uint32_t> requireDataSize(const Database& database, const Table& table) {
+  try {
+    return table.data_size();
+  } catch (const Error& error) {
+    if (error.reason() != Reason::data_damaged) throw;
+  }
+  throw Failure(database.path().native() + ": " + unreachableData(table));
+}
+
 void finishWriting(Database& database, bool noSync) {
   if (!noSync) database.sync();
 }

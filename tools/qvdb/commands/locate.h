@@ -39,6 +39,9 @@ struct DataSize {
 };
 DataSize dataSizeOf(const Database& database, const Table& table);
 
+// The same; data that cannot be reached is a Failure.
+std::optional<uint32_t> requireDataSize(const Database& database, const Table& table);
+
 // Waits until the device has everything that was written, unless that is not wanted.
 void finishWriting(Database& database, bool noSync);
 

@@ -39,15 +39,6 @@ size_t firstSize(int descriptor) {
   return std::min(static_cast<size_t>(status.st_size), kLargestPayload) + 1;
 }
 
-size_t readSome(int descriptor, const std::string& name, std::byte* to, size_t size) {
-  for (;;) {
-    waitForInput(descriptor);
-    const ssize_t got = ::read(descriptor, to, size);
-    if (got >= 0) return static_cast<size_t>(got);
-    if (errno != EINTR && errno != EAGAIN) throw systemFailure(name, "read");
-  }
-}
-
 void readUpTo(size_t most, int descriptor, const std::string& name,
               std::vector<std::byte>* buffer) {
   buffer->resize(std::max(buffer->size(), firstSize(descriptor)));
@@ -95,6 +86,22 @@ Descriptor::Descriptor(Descriptor&& other) noexcept : number_(std::exchange(othe
 Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
   std::swap(number_, other.number_);
   return *this;
+}
+
+size_t readSome(int descriptor, const std::string& name, std::byte* to, size_t size) {
+  for (;;) {
+    waitForInput(descriptor);
+    const ssize_t got = ::read(descriptor, to, size);
+    if (got >= 0) return static_cast<size_t>(got);
+    if (errno != EINTR && errno != EAGAIN) throw systemFailure(name, "read");
+  }
+}
+
+Descriptor openToReadAll(const std::string& path) {
+  Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file) throw systemFailure(path, "open");
+  if (S_ISDIR(statusOf(file.number(), path).st_mode)) throw Failure(path + ": is a folder");
+  return file;
 }
 
 void writeAll(int descriptor, const std::string& name, std::span<const std::byte> bytes) {

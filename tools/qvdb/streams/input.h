@@ -31,6 +31,14 @@ class Descriptor {
 // Writes all bytes. Throws Failure. `name` is for its message.
 void writeAll(int descriptor, const std::string& name, std::span<const std::byte> bytes);
 
+// A file, or a pipe that has a writer yet or not, to be read to its end. Throws Failure when it
+// cannot be opened, and for a folder.
+Descriptor openToReadAll(const std::string& path);
+
+// Reads what is there, at most `size` bytes; waits for the first one. 0 at the end. Throws Failure;
+// Interrupted. `name` is for messages.
+size_t readSome(int descriptor, const std::string& name, std::byte* to, size_t size);
+
 // Replaces the contents of the buffer by everything that can be read. Throws Failure for more than
 // 4,294,967,295 bytes, the largest payload, and when it cannot be read. `name` is for messages.
 void readAll(int descriptor, const std::string& name, std::vector<std::byte>* buffer);
