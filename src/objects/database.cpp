@@ -18,6 +18,7 @@
 #include "objects/cache.h"
 #include "objects/indexes/table_index.h"
 #include "objects/indexes/table_keys.h"
+#include "objects/kept/kept_indexes.h"
 #include "objects/open_database.h"
 #include "objects/sharing/looks.h"
 #include "objects/sharing/turns.h"
@@ -139,6 +140,8 @@ Database::Database(std::shared_ptr<OpenDatabase> state) noexcept : state_(std::m
 
 Database::~Database() {
   if (state_ == nullptr) return;
+  detail::writeKeptBeforeClose(state_);
+  const detail::KeptHeld held(*state_);
   const detail::DatabaseTurn turn(*state_);
   if (state_->handle == 0) return;
   state_->discardBulk();
@@ -276,6 +279,8 @@ std::u16string Database::native_path(const std::filesystem::path& path) {
 
 void Database::close() {
   if (state_ == nullptr) return;
+  detail::writeKeptBeforeClose(state_);
+  const detail::KeptHeld held(*state_);
   const detail::DatabaseTurn turn(*state_);
   if (state_->handle == 0) return;
   state_->discardBulk();
@@ -298,6 +303,7 @@ bool Database::is_current() const {
 void Database::reopen() {
   OpenDatabase& reopened = state();
   const platform::Uncancelled uncancelled;
+  detail::writeKeptBeforeClose(state_);
   {
     const detail::DatabaseTurn turn(reopened);
     reopened.discardBulk();
@@ -352,6 +358,11 @@ void Database::set_version(uint16_t version) {
   operation.requireWritable();
   const detail::ChangeTurn turn(operation);
   if (SetDBaseVersion(operation.db(), version) != 1) operation.failedWrite(0);
+}
+
+void Database::keep_indexes() {
+  static_cast<void>(state());
+  detail::writeKept(state_);
 }
 
 void Database::sync() {

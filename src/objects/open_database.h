@@ -79,6 +79,10 @@ struct OpenDatabase {
   // The indexes of keys, likewise; see table_keys.h. While there is one: how many writes of this
   // process to the file are known to be of this layer, and how often others were noticed.
   std::vector<std::weak_ptr<TableKeys>> keyIndexes;
+  // The indexes of both kinds that are kept in a file beside it, until it is closed: see
+  // kept/kept_indexes.h.
+  std::vector<std::shared_ptr<TableIndex>> keptIndexes;
+  std::vector<std::shared_ptr<TableKeys>> keptKeys;
   size_t writesKnown = 0;
   uint64_t writesByOthers = 0;
   // How many objects hold a cache of it, itself included where it was opened with one.

@@ -10,6 +10,7 @@
 #include "format/big_endian.h"
 #include "format/layout.h"
 #include "objects/indexes/table_index.h"
+#include "objects/kept/kept_indexes.h"
 #include "objects/open_database.h"
 #include "objects/record_search.h"
 #include "objects/records.h"
@@ -142,16 +143,23 @@ std::optional<Record> Table::recordAtEnd(Order order) const {
   return Record(database_, id_, *info);
 }
 
-RecordIndex Table::index() const {
-  const Operation operation(database_, "index the table");
+RecordIndex Table::index(const RecordIndexOptions& options) const {
+  constexpr const char* kIndex = "index the table";
+  std::optional<detail::KeptFile> file;
+  if (options.kept && database_ != nullptr) file.emplace(detail::KeptFile::placeFor(*database_));
+  const Operation operation(database_, kIndex);
   RecordIndex index(detail::makeIndex(database_, id_));
-  if (!index.index_->isStale) return index;
-  detail::look(operation, [&] {
-    detail::ChainWalker walker;
-    if (!detail::buildIndex(operation, *index.index_, &walker)) {
-      detail::failDamagedChain(operation, walker);
-    }
-  });
+  detail::TableIndex& made = *index.index_;
+  if (made.isStale) {
+    detail::look(operation, [&] {
+      detail::ChainWalker walker;
+      if (file && detail::useKept(operation, made, *file)) return;
+      if (!detail::buildIndex(operation, made, &walker)) {
+        detail::failDamagedChain(operation, walker);
+      }
+    });
+  }
+  if (options.kept) detail::keep(*database_, index.index_);
   return index;
 }
 

@@ -2,6 +2,7 @@
 // and its stack.
 #include "support/seeded_hash.h"
 
+#include <atomic>
 #include <chrono>
 
 using namespace qvdbase::support;
@@ -24,6 +25,13 @@ HashSeed drawn() {
 const HashSeed& hashSeed() {
   static const HashSeed seed = drawn();
   return seed;
+}
+
+uint64_t drawnNumber() {
+  static std::atomic<uint64_t> count = 0;
+  const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+  const HashSeed clock = {static_cast<uint64_t>(now), hashSeed().before};
+  return mixed(mixed(++count, hashSeed()), clock);
 }
 
 }  // namespace qvdbase::support

@@ -17,6 +17,9 @@ struct HashSeed {
 };
 const HashSeed& hashSeed();
 
+// A number that was not drawn before, and that only this process could guess.
+uint64_t drawnNumber();
+
 // Flipping any bit of the number or of the seed flips each bit of the result half of the time. A
 // product passes its bits upwards only, so this takes two of them after the last of the seed.
 inline uint64_t mixed(uint64_t number, const HashSeed& seed) {

@@ -317,6 +317,29 @@ class QVDBASE_API Database {
   // After cannot_write with the words that the new file is in its place, it is the open one.
   CompactReport compact(const ProgressFunction& progress = {}, const CompactOptions& options = {});
 
+  // Writes the indexes that are kept in a file beside the database: those that were asked for with
+  // RecordIndexOptions::kept, or with a name in KeyIndexOptions::kept_as. close(), reopen() and the
+  // end of the object do so too, where something has changed, but for indexes that would have to be
+  // built again first; and when that fails, they report nothing and remove nothing: an application
+  // that wants to know calls this before.
+  //
+  // The file of NAME.qvd is NAME.qvdx, of any other NAME it is NAME.qvdx too. It is written by
+  // openers with Mode::exclusive only, under a temporary name and with the access that the database
+  // has, and then gets its name; the device is not waited for. Whoever opens the database may use
+  // it. It may be removed at any time. Each index in it carries what the database was like: an
+  // index of another file, of an older state or with a damaged page is not believed, and the table
+  // is walked as if there were none. docs/kept-indexes.md says what is believed when, and what it
+  // costs. Where the database was written to in the last 12 milliseconds, so much time passes
+  // first.
+  //
+  // Throws, beside what the functions of key indexes throw: read_only; bad_argument unless the
+  // database is open exclusively; appender_open; chain_damaged; key_exists; file_exists when a file
+  // that is no such index has its name; no_such_file when the path of the database leads to another
+  // file by now; disk_full, cannot_write, and the others of a file that cannot be written;
+  // changed_meanwhile when the C functions of this process write at the same time. The file that
+  // was there stays then.
+  void keep_indexes();
+
   // Waits until the device has everything that was written. Without it a power failure can lose
   // what the system has not written yet. Throws Error: cannot_write.
   void sync();

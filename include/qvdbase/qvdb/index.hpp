@@ -13,11 +13,19 @@ namespace detail {
 struct TableIndex;
 }
 
+// What an index by identifier is asked to do.
+struct RecordIndexOptions {
+  // Whether it is kept in a file beside the database: see Database::keep_indexes().
+  bool kept = false;
+};
+
 // While a table has an index, every operation of Table that takes an identifier (find, get, modify,
 // touch, remove) goes straight to the record instead of walking the chain, and every operation of
-// this layer keeps the index up to date. It lives in memory only, as long as this object or a copy
-// of it does; it is built in one walk over the table and takes 16 bytes for each record and a fifth
-// more. When added records make it grow, it takes up to 23 bytes for each, and more than twice that
+// this layer keeps the index up to date. It lives in memory, as long as this object or a copy of it
+// does; it is built in one walk over the table and takes 16 bytes for each record and a fifth more.
+// One that is kept beside the database (RecordIndexOptions::kept) begins with what is there, and
+// lives until the database is closed: see Database::keep_indexes().
+// When added records make it grow, it takes up to 23 bytes for each, and more than twice that
 // for a moment.
 //
 //   const qvdb::RecordIndex index = table.index();
@@ -41,6 +49,10 @@ class QVDBASE_API RecordIndex {
 
   // The memory that it takes, in bytes.
   size_t bytes() const noexcept;
+
+  // Whether it uses the file in which it is kept, so that it takes memory for what has changed
+  // since only. False for one that was built.
+  bool is_from_file() const noexcept;
 
  private:
   friend class Table;

@@ -31,6 +31,12 @@ struct KeyIndexOptions {
 
   // Whether the keys are kept in order too, for KeyIndex::range, prefix and records.
   bool ordered = false;
+
+  // Under which name, of up to 255 bytes, the index is kept in a file beside the database: see
+  // Database::keep_indexes(). Empty: in memory only. The name stands for the function that makes
+  // the keys: whoever changes what that makes, changes the name too ("name 2"), or what is kept
+  // misses records.
+  std::string kept_as = {};
 };
 
 // The types of keys: text, bytes, whole numbers and enumerations.
@@ -86,9 +92,11 @@ struct KeyBounds {
 };
 
 QVDBASE_API std::shared_ptr<TableKeys> makeTableKeys(const Table& table, MakeKeys make,
-                                                     const KeyIndexOptions& options);
+                                                     const KeyIndexOptions& options,
+                                                     uint32_t keyType);
 QVDBASE_API size_t keysIn(const TableKeys* keys) noexcept;
 QVDBASE_API size_t bytesOfKeys(const TableKeys* keys) noexcept;
+QVDBASE_API bool isFromFile(const TableKeys* keys) noexcept;
 
 // The records that have certain keys.
 class QVDBASE_API KeyWalk {
@@ -123,6 +131,18 @@ requires std::is_enum_v<Key>
 struct NumberOf<Key> {
   using type = std::underlying_type_t<Key>;
 };
+
+// Types of keys whose bytes differ have different numbers: 0 for text and bytes, else the size of a
+// number, and whether it has a sign.
+template <typename Key>
+constexpr uint32_t typeOfKeys() {
+  if constexpr (std::integral<Key> || std::is_enum_v<Key>) {
+    using Number = typename NumberOf<Key>::type;
+    return sizeof(Number) * 2 + (std::is_signed_v<Number> ? 1 : 0);
+  } else {
+    return 0;
+  }
+}
 
 // Keys as bytes, in whose order they are: numbers begin with the byte of the highest value, with
 // the sign turned round.
@@ -315,14 +335,15 @@ class KeyRange<Key>::iterator {
 //   });
 //   if (auto record = by_name.find("Ada Lovelace")) use(record->loaded());
 //
-// It lives in memory only, as long as this object or a copy of it does, and is built in one walk
-// over the table. For each key it takes 16 bytes and a fifth more, up to 23 when it has grown; the
-// walk makes space for one key of each record. Where several records have one key, it takes about 8
-// bytes more for each of them. Keys in order take 32 to 64 bytes more, and what a key is longer
-// than 8 bytes, with the cost of its allocation. Records that were changed or
-// removed leave entries that lookups take out; before they outnumber half of the others, and a
-// thousand, the index is emptied and built again when it is next used. Building it again may take
-// up the memory twice for a moment.
+// It lives in memory, as long as this object or a copy of it does, and is built in one walk over
+// the table; one with a name (KeyIndexOptions::kept_as) is also kept in a file beside the database,
+// from which the next one begins without a walk: see Database::keep_indexes(). For each key it
+// takes 16 bytes and a fifth more, up to 23 when it has grown; the walk makes space for one key of
+// each record. Where several records have one key, it takes about 8 bytes more for each of them.
+// Keys in order take 32 to 64 bytes more, and what a key is longer than 8 bytes, with the cost of
+// its allocation. Records that were changed or removed leave entries that lookups take out; before
+// they outnumber half of the others, and a thousand, the index is emptied and built again when it
+// is next used. Building it again may take up the memory twice for a moment.
 //
 // Every operation of this layer on the table keeps the index up to date: adding, changing and
 // removing records, appenders and writers, and Database::reopen(). Adding and changing call the
@@ -360,7 +381,8 @@ class KeyIndex {
   // while records are being added to this table; std::bad_alloc.
   template <KeyExtractor<Key> Extractor>
   KeyIndex(const Table& table, Extractor extractor, const KeyIndexOptions& options = {})
-      : keys_(detail::makeTableKeys(table, makerOf(std::move(extractor)), options)) {}
+      : keys_(detail::makeTableKeys(table, makerOf(std::move(extractor)), options,
+                                    detail::typeOfKeys<Key>())) {}
 
   // The record with a key; of several any one. Nothing when there is none. Its payload is loaded.
   // Throws what the function throws, and as Table::find() does.
@@ -401,6 +423,10 @@ class KeyIndex {
   // The memory that it takes, in bytes, apart from the cost of allocations. 0 once the database is
   // closed.
   size_t bytes() const noexcept { return detail::bytesOfKeys(keys_.get()); }
+
+  // Whether it uses the file in which it is kept, so that it takes memory for what has changed
+  // since only. False for one that was built, and once the database is closed.
+  bool is_from_file() const noexcept { return detail::isFromFile(keys_.get()); }
 
  private:
   template <typename Extractor>

@@ -242,7 +242,11 @@ class QVDBASE_API Table {
   // Builds an index, by which the operations on records by identifier take constant time as long as
   // it or a copy of it exists. See RecordIndex. Throws chain_damaged when the records cannot all be
   // reached, and std::bad_alloc.
-  RecordIndex index() const;
+  RecordIndex index() const { return index({}); }
+
+  // The same. With `kept` it is read from the file beside the database where that has it: then
+  // damage of the chain that a walk would find is not noticed here.
+  RecordIndex index(const RecordIndexOptions& options) const;
 
   // Replaces a record's payload and sets its time of last modification. A payload that fits the
   // record's capacity, an empty one always, is written over the old one; a larger one goes to a new

@@ -37,6 +37,15 @@ class IndexMap {
   void clear();
 
   size_t size() const { return size_; }
+
+  // Calls function(key, position) for each key, in no order.
+  template <typename Function>
+  void forEach(const Function& function) const {
+    for (const Entry& entry : places_) {
+      if (entry.position != 0) function(entry.key, entry.position);
+    }
+  }
+
   // How many places a search for this key visits.
   size_t stepsTo(uint64_t key) const;
   size_t bytes() const { return places_.capacity() * sizeof(Entry); }

@@ -79,7 +79,8 @@ bool KeyChange::isFree(const Operation& operation, const Each& each) const {
   if (!each.index->isCompleteNow(operation)) return false;
   for (size_t i = 0; i < each.keys.size(); ++i) {
     std::vector<int64_t> positions;
-    each.index->maps.map.list(hashOfKey(each.keys[i]), 0, kLookedAt, &positions);
+    each.index->maps.list(each.keys[i], 0, kLookedAt, &positions);
+    if (each.index->maps.isBroken()) return false;
     std::erase_if(positions, [&](int64_t position) {
       return position == ownPosition_ ||
              (batch != nullptr && batch->keys.isPositionOf(position));  // looked at before
@@ -135,10 +136,10 @@ void KeyChange::noteAdded(const tablePart1& slot, int64_t position) const noexce
 
 void KeyChange::noteInPlace(int64_t position) const noexcept {
   for (const Each& each : made_) {
-    const size_t before = each.index->maps.map.size();
+    const size_t before = each.index->maps.size();
     each.index->enter(each.keys, position);
     // What is new has taken the place of others, perhaps; without keys it has perhaps lost one.
-    const size_t entered = each.index->maps.map.size() - before;
+    const size_t entered = each.index->maps.size() - before;
     if (entered != 0 || each.keys.size() == 0) each.index->noteLeft(std::max<size_t>(entered, 1));
   }
 }

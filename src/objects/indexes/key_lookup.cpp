@@ -13,6 +13,7 @@
 #include "failure/failure.h"
 #include "format/identifiers.h"
 #include "objects/indexes/table_index.h"
+#include "objects/kept/kept_indexes.h"
 #include "objects/record_search.h"
 #include "objects/records.h"
 #include "objects/sharing/looks.h"
@@ -32,35 +33,75 @@ constexpr size_t kMostBytesAtOnce = 256 * 1024;
 
 }  // namespace
 
+namespace {
+
+void requireName(const Operation& operation, const std::string& name) {
+  if (name.size() <= format::kept::kLongestName) return;
+  operation.fail(Reason::bad_argument, "the name under which an index is kept has " +
+                                           std::to_string(name.size()) +
+                                           " bytes, and 255 are the most");
+}
+
+bool isLikeThis(const TableKeys& keys, const KeyIndexOptions& options, uint32_t keyType) {
+  return keys.options.unique == options.unique && keys.options.ordered == options.ordered &&
+         keys.keyType == keyType;
+}
+
+// Nothing where the file, or the database, has no such index that can be used.
+bool useKeptFile(const std::shared_ptr<TableKeys>& keys) {
+  const KeptFile file(KeptFile::placeFor(*keys->database));
+  const Operation operation(keys->database, kFind);
+  return look(operation, [&] { return useKept(operation, *keys, file); });
+}
+
+}  // namespace
+
 std::shared_ptr<TableKeys> makeTableKeys(const Table& table, MakeKeys make,
-                                         const KeyIndexOptions& options) {
-  auto keys = std::make_shared<TableKeys>(table, std::move(make), options);
+                                         const KeyIndexOptions& options, uint32_t keyType) {
+  auto keys = std::make_shared<TableKeys>(table, std::move(make), options, keyType);
   {
     const Operation operation(keys->database, "make an index of keys");
     OpenDatabase& database = operation.database();
     operation.requireNoBulkOf(table.id());
+    requireName(operation, options.kept_as);
     if (options.unique && database.isBesideWriters && database.viewed == nullptr &&
         database.mode != Mode::read_only) {
       operation.fail(Reason::bad_argument,
                      "a unique index needs Mode::exclusive: other writers would not ask it");
     }
+    if (keys->isKept()) {
+      const auto kept = keptKeys(database, table.id(), options.kept_as);
+      if (kept != nullptr && isLikeThis(*kept, options, keyType)) return kept;
+    }
     std::erase_if(database.keyIndexes, [](const auto& held) { return held.expired(); });
     database.keyIndexes.push_back(keys);
   }
-  if (const std::exception_ptr failure = keys->build(true)) std::rethrow_exception(failure);
+  if (!keys->isKept() || !useKeptFile(keys)) {
+    if (const std::exception_ptr failure = keys->build(true)) std::rethrow_exception(failure);
+  }
+  if (keys->isKept()) {
+    const DatabaseTurn turn(*keys->database);
+    if (turn.handle() != 0) keep(*keys->database, keys);
+  }
   return keys;
+}
+
+bool isFromFile(const TableKeys* keys) noexcept {
+  if (keys == nullptr) return false;
+  const DatabaseTurn turn(*keys->database);
+  return turn.handle() != 0 && keys->maps.isKept();
 }
 
 size_t keysIn(const TableKeys* keys) noexcept {
   if (keys == nullptr) return 0;
   const DatabaseTurn turn(*keys->database);
-  return turn.handle() == 0 ? 0 : keys->maps.map.size();
+  return turn.handle() == 0 ? 0 : keys->maps.size();
 }
 
 size_t bytesOfKeys(const TableKeys* keys) noexcept {
   if (keys == nullptr) return 0;
   const DatabaseTurn turn(*keys->database);
-  return turn.handle() == 0 ? 0 : keys->maps.map.bytes() + keys->maps.ordered.bytes();
+  return turn.handle() == 0 ? 0 : keys->maps.bytes();
 }
 
 KeyWalk::KeyWalk(std::shared_ptr<TableKeys> keys, KeyBounds bounds)
@@ -136,6 +177,12 @@ void KeyMatches::fill() {
     const Operation operation(keys->database, kFind);
     look(operation, [&] { readBatch(operation, &batch); });
   }
+  if (batch.isBroken) {
+    // What was delivered is right: the walk goes on after it with another index.
+    failure = keys->build();
+    isAssured = true;
+    return;
+  }
   place = batch.last;
   match(batch);
   atOnce = std::min(atOnce * 2, kMostAtOnce);
@@ -152,11 +199,11 @@ void KeyMatches::fill() {
 std::vector<OrderedKeys::Place> KeyMatches::placesAfter(const Place& after) const {
   std::vector<Place> places;
   if (!bounds.isExact) {
-    keys->maps.ordered.list(after, bounds.to ? &*bounds.to : nullptr, atOnce, &places);
+    keys->maps.listKeys(after, bounds.to ? &*bounds.to : nullptr, atOnce, &places);
     return places;
   }
   std::vector<int64_t> positions;
-  keys->maps.map.list(hashOfKey(bounds.from), after.position, atOnce, &positions);
+  keys->maps.list(bounds.from, after.position, atOnce, &positions);
   for (const int64_t position : positions) places.push_back({bounds.from, position});
   return places;
 }
@@ -167,6 +214,8 @@ void KeyMatches::readBatch(const Operation& operation, Batch* batch) const {
   *batch = {};
   batch->last = place;
   const std::vector<Place> places = placesAfter(place);
+  batch->isBroken = keys->maps.isBroken();
+  if (batch->isBroken) return;
   batch->isAtEnd = places.size() < atOnce;
   std::optional<bool> isComplete;
   size_t bytes = 0;

@@ -50,6 +50,7 @@ struct KeyMatches {
     std::vector<Candidate> candidates;
     Place last;
     bool isAtEnd = false;
+    bool isBroken = false;  // the file of a kept index
     uint64_t changes = 0;
     uint64_t generation = 0;
     uint32_t opening = 0;

@@ -2,22 +2,25 @@
 #include "objects/indexes/key_map.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <limits>
 
+#include "format/big_endian.h"
 #include "support/seeded_hash.h"
 
 using namespace qvdbase;
 
 namespace qvdb::detail {
 
-uint64_t hashOfKey(std::string_view key) {
-  const support::HashSeed& seed = support::hashSeed();
+// Eight bytes at a time, the last ones followed by zeros.
+uint64_t hashOfKey(std::string_view key, const support::HashSeed& seed) {
   uint64_t hash = support::mixed(key.size(), seed);
   while (!key.empty()) {
-    uint64_t word = 0;
-    const size_t count = std::min(key.size(), sizeof word);
-    std::memcpy(&word, key.data(), count);
-    hash = support::mixed(hash ^ word, seed);
+    std::array<unsigned char, sizeof(uint64_t)> word = {};
+    const size_t count = std::min(key.size(), word.size());
+    std::memcpy(word.data(), key.data(), count);
+    hash = support::mixed(hash ^ format::loadBigEndian<uint64_t>(word.data()), seed);
     key.remove_prefix(count);
   }
   return hash;
@@ -145,6 +148,25 @@ void KeyMap::list(uint64_t hash, int64_t after, size_t most,
   if (!value || most == 0) return;
   if (*value < 0) return groups_[asGroup(*value)].list(after, most, positions);
   if (*value > after) positions->push_back(*value);
+}
+
+bool KeyMap::contains(uint64_t hash, int64_t position) const {
+  std::vector<int64_t> positions;
+  list(hash, position - 1, 1, &positions);
+  return !positions.empty() && positions[0] == position;
+}
+
+void KeyMap::collect(uint64_t from, uint64_t to,
+                     std::vector<format::kept::HashEntry>* entries) const {
+  map_.forEach([&](uint64_t hash, int64_t value) {
+    if (hash < from || hash > to) return;
+    std::vector<int64_t> positions = {value};
+    if (value < 0) {
+      positions.clear();
+      groups_[asGroup(value)].list(0, std::numeric_limits<size_t>::max(), &positions);
+    }
+    for (const int64_t position : positions) entries->push_back({hash, position});
+  });
 }
 
 size_t KeyMap::bytes() const {

@@ -6,12 +6,15 @@
 #include <string_view>
 #include <vector>
 
+#include "format/index_pages.h"
 #include "objects/indexes/index_map.h"
 
 namespace qvdb::detail {
 
 // Keys come from files too, so that this differs from process to process like the hash of numbers.
-uint64_t hashOfKey(std::string_view key);
+// With one seed it is the same on every host.
+uint64_t hashOfKey(std::string_view key,
+                   const qvdbase::support::HashSeed& seed = qvdbase::support::hashSeed());
 
 // Positions in ascending order, in pieces of limited size: of one key there can be millions.
 class PositionSet {
@@ -57,6 +60,13 @@ class KeyMap {
 
   // Appends those after a position, ascending, `most` at most.
   void list(uint64_t hash, int64_t after, size_t most, std::vector<int64_t>* positions) const;
+
+  // Whether a hash has this position.
+  bool contains(uint64_t hash, int64_t position) const;
+
+  // Appends all pairs with hashes from `from` to `to`, in no order.
+  void collect(uint64_t from, uint64_t to,
+               std::vector<qvdbase::format::kept::HashEntry>* entries) const;
 
   size_t size() const { return size_; }
   size_t bytes() const;

@@ -35,6 +35,11 @@ size_t RecordIndex::bytes() const noexcept {
   return index_->map.bytes();
 }
 
+bool RecordIndex::is_from_file() const noexcept {
+  const detail::DatabaseTurn turn(*index_->database);
+  return index_->map.isKept();
+}
+
 namespace detail {
 namespace {
 
@@ -113,7 +118,9 @@ bool walkInto(const Operation& operation, ChainWalker& walker, TableIndex& index
 // not lead there.
 bool catchUp(const Operation& operation, TableIndex& index, const tablePart1& slot) {
   recordPart1 header;
-  if (index.lastPos == 0 || !readHead(operation.db(), index.lastPos, slot.tableID, &header)) {
+  if (index.lastPos == 0 && index.slot.recordWriteCount != 0) return false;
+  header.nextRecordPos = slot.firstRecordPos;
+  if (index.lastPos != 0 && !readHead(operation.db(), index.lastPos, slot.tableID, &header)) {
     return false;
   }
   engine::LoopDetector loop;
@@ -131,6 +138,13 @@ bool catchUp(const Operation& operation, TableIndex& index, const tablePart1& sl
   return true;
 }
 
+// Whether its map can be believed. Where the file of a kept one turns out to be damaged, the index
+// is built again.
+bool isUsable(TableIndex& index) {
+  if (index.map.isBroken()) index.isStale = true;
+  return !index.isStale;
+}
+
 // The map does not have the record.
 Answer askSlot(const Operation& operation, TableIndex& index, Id record,
                engine::FoundRecord* found) {
@@ -141,17 +155,24 @@ Answer askSlot(const Operation& operation, TableIndex& index, Id record,
     index.writesSeen = writes;
     return Answer::absent;
   }
-  if (!operation.database().isBesideWriters || !catchUp(operation, index, slot)) {
+  if (!index.catchesUp() || !catchUp(operation, index, slot)) {
     index.isStale = true;
     return Answer::unknown;
   }
   const std::optional<int64_t> position = index.map.find(record.value);
-  if (!position) return Answer::absent;
+  if (!position) return isUsable(index) ? Answer::absent : Answer::unknown;
   found->recordPos = *position;
   return verify(operation, index, record, found) ? Answer::found : Answer::unknown;
 }
 
 }  // namespace
+
+bool bringUpToDate(const Operation& operation, TableIndex& index) {
+  const tablePart1 slot = operation.table(index.table).slot;
+  const bool isDone = engine::hasSameChain(slot, index.slot) ||
+                      (index.catchesUp() && catchUp(operation, index, slot));
+  return isDone && isUsable(index);
+}
 
 bool readLinked(const Operation& operation, Id table, const unsigned char* tableID,
                 int64_t usualBlock, engine::FoundRecord* found) {
@@ -221,6 +242,7 @@ Answer askIndex(const Operation& operation, TableIndex& index, Id record,
                 engine::FoundRecord* found) {
   if (index.isStale && !buildIndex(operation, index)) return Answer::unknown;
   const std::optional<int64_t> position = index.map.find(record.value);
+  if (!isUsable(index)) return Answer::unknown;
   if (!position) return askSlot(operation, index, record, found);
   found->recordPos = *position;
   if (verify(operation, index, record, found)) return Answer::found;
@@ -239,6 +261,7 @@ InMemory askMemory(const Operation& operation, Id table, Id record, bool withPay
   const std::shared_ptr<TableIndex> index = indexOf(operation.database(), table);
   if (index == nullptr || index->isStale) return {};
   const std::optional<int64_t> position = index->map.find(record.value);
+  if (!isUsable(*index)) return {};
   if (!position) {
     const bool isKnown = index->writesSeen == file->entry->writes + 1;
     return {isKnown ? Answer::absent : Answer::unknown};
@@ -285,12 +308,13 @@ void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_
   if (index == nullptr || index->isStale) return;
   const bool oneMore = slot.recordCount == index->slot.recordCount + 1 &&
                        slot.recordWriteCount == index->slot.recordWriteCount + 1;
-  if (!oneMore && database.isBesideWriters) return;  // it catches up when it is asked
+  if (!oneMore && index->catchesUp()) return;  // when it is asked
   index->slot = slot;
   index->lastPos = position;
   try {
     index->isStale = !oneMore;
     if (!index->map.insert(record.value, position)) index->hasDuplicates = true;
+    index->isStale = index->isStale || index->map.isBroken();
   } catch (const std::bad_alloc&) {
     index->isStale = true;
   }
@@ -299,8 +323,13 @@ void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_
 void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position) {
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr) return;
-  if (index->map.find(record.value) == index->lastPos) index->lastPos = position;
-  index->map.replace(record.value, position);
+  try {
+    if (index->map.find(record.value) == index->lastPos) index->lastPos = position;
+    index->map.replace(record.value, position);
+    index->isStale = index->isStale || index->map.isBroken();
+  } catch (const std::bad_alloc&) {
+    index->isStale = true;
+  }
   index->slot.firstRecordPos = slot.firstRecordPos;
   index->slot.lastRecordPos = slot.lastRecordPos;
   // Of two records with one identifier it may have been the second that moved.
@@ -313,11 +342,17 @@ void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
   const bool oneLess = slot.recordCount + 1 == index->slot.recordCount &&
                        slot.recordWriteCount == index->slot.recordWriteCount;
   index->map.erase(record.value);
-  if (!oneLess && database.isBesideWriters) return;
-  if (!oneLess) index->isStale = true;
-  index->slot = slot;
+  index->isStale = index->isStale || index->map.isBroken();
   // Another record with the identifier may be the one to find now.
   if (index->hasDuplicates) index->isStale = true;
+  if (!oneLess && index->catchesUp()) return;
+  if (!oneLess) index->isStale = true;
+  index->slot = slot;
+}
+
+void noteManyAdded(OpenDatabase& database, Id table) {
+  const std::shared_ptr<TableIndex> index = indexOf(database, table);
+  if (index != nullptr && !index->isKept) index->isStale = true;
 }
 
 void markIndexStale(OpenDatabase& database, Id table) {

@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "QVDbase/record_find.h"
-#include "objects/indexes/index_map.h"
+#include "format/index_pages.h"
+#include "objects/indexes/identifier_map.h"
 #include "objects/open_database.h"
 #include "objects/walks/chain_walker.h"
 
@@ -15,13 +17,24 @@ namespace qvdb::detail {
 struct TableIndex {
   std::shared_ptr<const OpenDatabase> database;  // in whose turn it is read and changed
   Id table;
-  IndexMap map;
+  IdentifierMap map;
   tablePart1 slot = {};        // as it was when the map was last up to date
   uint64_t writesSeen = 0;     // platform::writesKnown when the slot was found to be this one
   int64_t lastPos = 0;         // of the last record that was added to the map
   int64_t usualBlock = 0;      // bytes from one record to the next, about
   bool isStale = true;         // to be built again before it is used
   bool hasDuplicates = false;  // some identifier is there twice; the map has the first one
+  bool isKept = false;         // in a file, too; see kept/kept_indexes.h
+  // Then: what the database was like when the file was written last.
+  std::optional<qvdbase::format::kept::Stamp> saved;
+
+  // Files that it has used. To close one takes a turn, which an operation may not wait for: so they
+  // stay open as long as the index is there.
+  std::vector<std::shared_ptr<const void>> keptFiles;
+
+  // Whether what was added by other means, or in large numbers, is read from the end of what it
+  // knows on, and not by walking the whole chain.
+  bool catchesUp() const { return database->isBesideWriters || isKept; }
 };
 
 // The outcome of asking an index: it knows the record, knows that there is none, or does not know.
@@ -37,6 +50,10 @@ std::shared_ptr<TableIndex> makeIndex(const std::shared_ptr<OpenDatabase>& datab
 // Builds the index in one walk. False when the chain is damaged: the index stays stale then, and
 // *walker, unless it is null, knows where and how.
 bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walker = nullptr);
+
+// Reads what was added since. False where the chain does not lead from the record that was the last
+// one to the one that is it now.
+bool bringUpToDate(const Operation& operation, TableIndex& index);
 
 // Looks a record up and verifies it against the file. The caller holds a scope; after `found` the
 // record's neighbourhood has been read in it. Fills the header and the position only.
@@ -67,6 +84,9 @@ void noteAbsent(const Operation& operation, TableIndex& index, Id record);
 void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
 void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
 void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record);
+
+// After many records were added: the index catches up where it can, else it is built again.
+void noteManyAdded(OpenDatabase& database, Id table);
 
 // After changes that are not noted: the index of the table, if there is one, is built again.
 void markIndexStale(OpenDatabase& database, Id table);

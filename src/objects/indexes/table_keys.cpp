@@ -44,19 +44,13 @@ bool KeyList::contains(std::string_view key) const noexcept {
   return place != keys_.end() && at(*place) == key;
 }
 
-bool KeyMaps::insert(std::string_view key, int64_t position, bool isOrdered) {
-  const bool isNew = map.insert(hashOfKey(key), position);
-  if (isOrdered) ordered.insert(key, position);
-  return isNew;
-}
-
-bool KeyMaps::erase(std::string_view key, int64_t position) {
-  ordered.erase(key, position);
-  return map.erase(hashOfKey(key), position);
-}
-
-TableKeys::TableKeys(const Table& indexed, MakeKeys makeOne, const KeyIndexOptions& wanted)
-    : database(databaseOf(indexed)), table(indexed), make(std::move(makeOne)), options(wanted) {}
+TableKeys::TableKeys(const Table& indexed, MakeKeys makeOne, const KeyIndexOptions& wanted,
+                     uint32_t type)
+    : database(databaseOf(indexed)),
+      table(indexed),
+      make(std::move(makeOne)),
+      options(wanted),
+      keyType(type) {}
 
 KeyList TableKeys::keysOf(std::span<const std::byte> payload) const {
   KeyList keys;
@@ -67,7 +61,10 @@ KeyList TableKeys::keysOf(std::span<const std::byte> payload) const {
 
 std::shared_ptr<KeyBuild> TableKeys::beginBuild() {
   const Operation operation(database, kIndex);
-  auto build = std::make_shared<KeyBuild>();
+  // The hashes of a kept one will be in a file that others may read.
+  auto build = std::make_shared<KeyBuild>(
+      isKept() ? support::HashSeed{support::drawnNumber(), support::drawnNumber()}
+               : support::hashSeed());
   look(operation, [&] {
     build->slot = operation.table(table.id()).slot;
     build->isSettled =
@@ -77,9 +74,9 @@ std::shared_ptr<KeyBuild> TableKeys::beginBuild() {
   build->writesByOthers = database->writesByOthers;
   build->opening = database->opening;
   const uint64_t most = operation.fileLength() / format::kRecordBlockOverhead;
-  build->maps.map.reserve(static_cast<size_t>(std::min<uint64_t>(build->slot.recordCount, most)));
+  build->maps.reserve(static_cast<size_t>(std::min<uint64_t>(build->slot.recordCount, most)));
   isComplete = false;
-  replaceMaps({});
+  replaceMaps(KeyMaps());
   slot = build->slot;
   usualBlock = usualBlockOf(slot);
   std::erase_if(inWork, [](const auto& other) { return other.expired(); });
@@ -98,8 +95,7 @@ void TableKeys::enterSome(const std::vector<std::pair<KeyList, int64_t>>& some, 
   KeyMaps& to = build != nullptr ? build->maps : maps;
   for (const auto& [keys, position] : some) {
     for (size_t i = 0; i < keys.size(); ++i) {
-      const bool mayBeTwice =
-          options.unique && build != nullptr && to.map.contains(hashOfKey(keys[i]));
+      const bool mayBeTwice = options.unique && build != nullptr && to.containsInMemory(keys[i]);
       const bool isNew = to.insert(keys[i], position, options.ordered);
       if (mayBeTwice && isNew) build->twice.emplace(keys[i]);
     }
@@ -190,9 +186,26 @@ void TableKeys::requireOnce(const std::set<std::string>& keys) {
   }
 }
 
+// The stamp of the file was taken when every later write would change it.
+void TableKeys::useKept(std::shared_ptr<KeptPages> kept, const tablePart1& now, bool isSame) {
+  const format::kept::Stamp& then = kept->head().stamp;
+  saved = then;
+  stamp = {then.size, then.modifyTime, then.statusTime};
+  isSettled = true;
+  lastPos = kept->head().chain.last;
+  slot = now;
+  usualBlock = usualBlockOf(now);
+  opening = database->opening;
+  writesByOthers = database->writesByOthers;
+  KeyMaps begun;
+  begun.use(std::move(kept));
+  replaceMaps(std::move(begun));
+  isComplete = isSame;
+}
+
 bool TableKeys::isCompleteNow(const Operation& operation) const {
   OpenDatabase& asked = operation.database();
-  if (!isComplete || opening != asked.opening) return false;
+  if (!isComplete || maps.isBroken() || opening != asked.opening) return false;
   noticeWrites(asked);
   if (writesByOthers != asked.writesByOthers) return false;
   if (!engine::hasSameChain(operation.table(table.id()).slot, slot)) return false;
@@ -216,9 +229,9 @@ void TableKeys::enter(const KeyList& keys, int64_t position) noexcept {
 
 // Keys that it had before are left.
 void TableKeys::enterMoved(const KeyList& keys, int64_t from, int64_t to) noexcept {
-  const size_t before = maps.map.size();
+  const size_t before = maps.size();
   for (size_t i = 0; i < keys.size(); ++i) maps.erase(keys[i], from);
-  const size_t erased = before - maps.map.size();
+  const size_t erased = before - maps.size();
   enter(keys, to);
   if (erased < keys.size()) noteLeft(keys.size() - erased);
 }
@@ -238,7 +251,7 @@ void TableKeys::noteChain(const tablePart1& now, int64_t more) noexcept {
   }
   slot = now;
   if (more > 0) lastPos = now.lastRecordPos;
-  if (more < 0) noteLeft(maps.map.size() / (now.recordCount + size_t{1}) + 1);
+  if (more < 0) noteLeft(maps.size() / (now.recordCount + size_t{1}) + 1);
 }
 
 void TableKeys::noteMovedChain(const tablePart1& now, int64_t from, int64_t to) noexcept {
@@ -249,9 +262,9 @@ void TableKeys::noteMovedChain(const tablePart1& now, int64_t from, int64_t to) 
 
 void TableKeys::noteLeft(size_t entries) noexcept {
   left += entries;
-  if (left <= kMayBeLeft + maps.map.size() / 2) return;
+  if (left <= kMayBeLeft + maps.size() / 2) return;
   isComplete = false;
-  replaceMaps({});
+  replaceMaps(KeyMaps());
 }
 
 void TableKeys::spoil() noexcept {
@@ -263,7 +276,7 @@ void TableKeys::spoil() noexcept {
 
 void TableKeys::forget() noexcept {
   spoil();
-  replaceMaps({});
+  replaceMaps(KeyMaps());
   lastPos = 0;
 }
 

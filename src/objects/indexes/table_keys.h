@@ -21,31 +21,23 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "format/layout.h"
-#include "objects/indexes/key_map.h"
-#include "objects/indexes/ordered_keys.h"
+#include "objects/indexes/key_maps.h"
 #include "objects/open_database.h"
 #include "platform/handles/file_changes.h"
 
 namespace qvdb::detail {
 
-// What is known of the keys.
-struct KeyMaps {
-  KeyMap map;
-  OrderedKeys ordered;  // nothing unless the index is ordered
-
-  // False when the pair is there. Throws std::bad_alloc.
-  bool insert(std::string_view key, int64_t position, bool isOrdered);
-  bool erase(std::string_view key, int64_t position);
-};
-
 // When a walk that builds the index began, and what has been entered since.
 struct KeyBuild {
+  explicit KeyBuild(const qvdbase::support::HashSeed& seed) : maps(seed) {}
+
   KeyMaps maps;
   tablePart1 slot = {};
   uint32_t opening = 0;
@@ -58,7 +50,7 @@ struct KeyBuild {
 };
 
 struct TableKeys : std::enable_shared_from_this<TableKeys> {
-  TableKeys(const Table& indexed, MakeKeys make, const KeyIndexOptions& wanted);
+  TableKeys(const Table& indexed, MakeKeys make, const KeyIndexOptions& wanted, uint32_t type);
 
   // Of the table: not in its turn.
   static std::shared_ptr<OpenDatabase> databaseOf(const Table& table) { return table.database_; }
@@ -67,6 +59,7 @@ struct TableKeys : std::enable_shared_from_this<TableKeys> {
   const Table table;
   const MakeKeys make;
   const KeyIndexOptions options;
+  const uint32_t keyType;  // which type the keys have: see typeOfKeys
 
   // Read and changed in the turn of the database.
   KeyMaps maps;
@@ -80,6 +73,9 @@ struct TableKeys : std::enable_shared_from_this<TableKeys> {
   bool isSettled = false;
   uint64_t generation = 0;  // of the maps: raised when they are replaced
   size_t left = 0;          // entries, about, that changes have made wrong
+  // Of a kept one: what the database was like when the file was written last.
+  std::optional<qvdbase::format::kept::Stamp> saved;
+  std::vector<std::shared_ptr<const void>> keptFiles;  // as TableIndex has them
   std::vector<std::weak_ptr<KeyBuild>> inWork;
 
   // ---- Without a turn: they call the function
@@ -91,6 +87,8 @@ struct TableKeys : std::enable_shared_from_this<TableKeys> {
   // unique index, and two records have one key.
   std::exception_ptr build(bool isFirst = false);
 
+  bool isKept() const { return !options.kept_as.empty(); }
+
   // Enters what follows the last record that is known. False where that does not lead on.
   bool catchUp();
 
@@ -98,6 +96,10 @@ struct TableKeys : std::enable_shared_from_this<TableKeys> {
 
   // Whether what it does not know is not in the table. Within a look.
   bool isCompleteNow(const Operation& operation) const;
+
+  // Begins with what a file has. Incomplete, unless the database is what it was then. Within a
+  // look.
+  void useKept(std::shared_ptr<KeptPages> kept, const tablePart1& now, bool isSame);
 
   // Enters the keys of a record. Where that fails, the index is no longer complete.
   void enter(const KeyList& keys, int64_t position) noexcept;

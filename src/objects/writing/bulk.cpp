@@ -110,7 +110,8 @@ void Bulk::knowOwnRecords(const Operation& operation) {
   }
 }
 
-// After many records the index is rebuilt when it is next used: that costs less than noting each.
+// After many records the index is rebuilt, or catches up, when it is next used: that costs less
+// than noting each.
 void Bulk::finish(const Operation& operation) {
   link(operation);
   state = State::finished;
@@ -119,7 +120,7 @@ void Bulk::finish(const Operation& operation) {
   const tablePart1& slot = batch.table().slot;
   keys.finish(*database, table, slot, batch.taken());
   if (batch.taken() == 1) return noteAdded(*database, slot, latest, slot.lastRecordPos);
-  markIndexStale(*database, table);
+  noteManyAdded(*database, table);
 }
 
 void Bulk::link(const Operation& operation) {

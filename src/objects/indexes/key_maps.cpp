@@ -1,0 +1,113 @@
+// What an index knows of the keys.
+#include "objects/indexes/key_maps.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+using namespace qvdbase;
+
+namespace qvdb::detail {
+namespace {
+
+bool isBefore(const OrderedKeys::Place& a, const OrderedKeys::Place& b) {
+  const int order = a.key.compare(b.key);
+  return order != 0 ? order < 0 : a.position < b.position;
+}
+
+bool isSame(const OrderedKeys::Place& a, const OrderedKeys::Place& b) {
+  return a.position == b.position && a.key == b.key;
+}
+
+}  // namespace
+
+void KeyMaps::use(std::shared_ptr<KeptPages> kept) {
+  *this = KeyMaps(kept->seed());
+  kept_ = std::move(kept);
+  isChanged_ = false;
+}
+
+bool KeyMaps::isInFile(uint64_t hash, int64_t position) const {
+  // What was appended since is beyond the file as it was.
+  return kept_ != nullptr && position < kept_->head().stamp.size &&
+         kept_->contains(hash, position) && !dropped_.contains(hash, position);
+}
+
+bool KeyMaps::insert(std::string_view key, int64_t position, bool isOrdered) {
+  const uint64_t hash = hashOf(key);
+  if (isInFile(hash, position)) return false;
+  isChanged_ = true;
+  const bool isNew = map_.insert(hash, position);
+  if (isOrdered) ordered_.insert(key, position);
+  return isNew;
+}
+
+bool KeyMaps::erase(std::string_view key, int64_t position) noexcept {
+  const uint64_t hash = hashOf(key);
+  isChanged_ = true;
+  try {
+    bool wasThere = false;
+    if (isInFile(hash, position)) wasThere = dropped_.insert(hash, position);
+    ordered_.erase(key, position);
+    return map_.erase(hash, position) || wasThere;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+void KeyMaps::list(std::string_view key, int64_t after, size_t most,
+                   std::vector<int64_t>* positions) const {
+  const uint64_t hash = hashOf(key);
+  if (kept_ == nullptr) return map_.list(hash, after, most, positions);
+  std::vector<int64_t> found;
+  map_.list(hash, after, most, &found);
+  const size_t inMemory = found.size();
+  std::vector<int64_t> some;
+  for (int64_t from = after; found.size() < inMemory + most; from = some.back()) {
+    some.clear();
+    kept_->list(hash, from, most, &some);
+    if (some.empty()) break;
+    std::copy_if(some.begin(), some.end(), std::back_inserter(found),
+                 [&](int64_t position) { return !dropped_.contains(hash, position); });
+    if (some.size() < most) break;
+  }
+  std::sort(found.begin(), found.end());
+  found.erase(std::unique(found.begin(), found.end()), found.end());
+  const auto count = static_cast<ptrdiff_t>(std::min(most, found.size()));
+  positions->insert(positions->end(), found.begin(), found.begin() + count);
+}
+
+void KeyMaps::listKeys(const Place& after, const std::string* to, size_t most,
+                       std::vector<Place>* places) const {
+  if (kept_ == nullptr) return ordered_.list(after, to, most, places);
+  std::vector<Place> found;
+  ordered_.list(after, to, most, &found);
+  const size_t inMemory = found.size();
+  std::vector<Place> some;
+  for (Place from = after; found.size() < inMemory + most; from = some.back()) {
+    some.clear();
+    kept_->listKeys(from, to, most, &some);
+    if (some.empty()) break;
+    std::copy_if(some.begin(), some.end(), std::back_inserter(found), [&](const Place& place) {
+      return !dropped_.contains(hashOf(place.key), place.position);
+    });
+    if (some.size() < most) break;
+  }
+  std::sort(found.begin(), found.end(), isBefore);
+  found.erase(std::unique(found.begin(), found.end(), isSame), found.end());
+  const auto count = static_cast<ptrdiff_t>(std::min(most, found.size()));
+  std::move(found.begin(), found.begin() + count, std::back_inserter(*places));
+}
+
+size_t KeyMaps::size() const {
+  if (kept_ == nullptr) return map_.size();
+  const size_t all = static_cast<size_t>(kept_->head().entries) + map_.size();
+  return all - std::min(all, dropped_.size());
+}
+
+size_t KeyMaps::bytes() const {
+  return map_.bytes() + ordered_.bytes() + dropped_.bytes() +
+         (kept_ == nullptr ? 0 : kept_->bytes());
+}
+
+}  // namespace qvdb::detail
