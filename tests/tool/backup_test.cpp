@@ -261,6 +261,16 @@ TEST_F(ToolBackup, PrunesNothingWhileAListThatStaysIsDamaged) {
   EXPECT_EQ(namesIn("pool").size(), 3u);
 }
 
+TEST_F(ToolBackup, AddsABackupAlsoAfterAListThatIsDamaged) {
+  putDatabase();
+  const std::string manifest = backUp();
+  fs::permissions(path(manifest), fs::perms::owner_all);
+  writeFile(path(manifest), bytesOf("damaged"));
+  backUp();
+  done({"restore", "pool", "restored.qvd"});
+  EXPECT_TRUE(sameBytes(contents("restored.qvd"), contents()));
+}
+
 TEST_F(ToolBackup, RefusesAFolderWithBackupsOfAnotherDatabase) {
   putDatabase();
   backUp();

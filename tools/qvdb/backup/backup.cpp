@@ -67,18 +67,29 @@ Descriptor snapshot(const Options& options) {
   return file;
 }
 
+// The newest list that can be read: one that is damaged must not end all backups.
+std::optional<Manifest> newestManifest(const PieceFolder& folder) {
+  const std::vector<std::string> names = folder.manifests();
+  for (auto name = names.rbegin(); name != names.rend(); ++name) {
+    try {
+      return folder.read(*name);
+    } catch (const Failure&) {
+    }
+  }
+  return std::nullopt;
+}
+
 // What the folder has of the same database already.
 std::set<std::string> knownPieces(const PieceFolder& folder, uint64_t database) {
-  const std::vector<std::string> names = folder.manifests();
-  if (names.empty()) return {};
-  Manifest newest = folder.read(names.back());
-  if (newest.database != database) {
+  std::optional<Manifest> newest = newestManifest(folder);
+  if (!newest) return {};
+  if (newest->database != database) {
     throw Failure(folder.path() +
                   ": cannot add a backup: the folder has backups of another database (" +
-                  to_string(Id{newest.database}) + "); choose another folder");
+                  to_string(Id{newest->database}) + "); choose another folder");
   }
-  return {std::make_move_iterator(newest.pieces.begin()),
-          std::make_move_iterator(newest.pieces.end())};
+  return {std::make_move_iterator(newest->pieces.begin()),
+          std::make_move_iterator(newest->pieces.end())};
 }
 
 // Reads up to a piece.
