@@ -18,6 +18,7 @@
 #pragma once
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/checksum.hpp>
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/id.hpp>
 
@@ -135,7 +136,8 @@ struct CheckReport {
   SpaceUse space;                        // what the bytes are
   std::vector<TableOutlook> tables;      // in the order of the slots
   bool pack = false;                     // PackOneDB2NewW will succeed
-  int repair = 0;  // what FixOneDBLinkErrorW will report: 0, 1 (failure) or 2 (rewritten)
+  int repair = 0;          // what FixOneDBLinkErrorW will report: 0, 1 (failure) or 2 (rewritten)
+  PayloadCounts payloads;  // of the records in use, where CheckOptions::payloads asks for it
 };
 
 // What a check looks at, and how.
@@ -148,6 +150,7 @@ struct CheckOptions {
   int64_t now = 0;
   int retries = 2;              // how often a check is repeated that a writer has disturbed
   int wait_milliseconds = 200;  // how long it waits before each repetition
+  bool payloads = false;        // compare payloads with their checksums (reads all that have one)
 };
 
 // Gets the findings of a check, one at a time. What it throws ends the check and leaves it.

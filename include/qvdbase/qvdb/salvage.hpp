@@ -18,12 +18,14 @@
 #pragma once
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/checksum.hpp>
 #include <qvdbase/qvdb/id.hpp>
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -68,6 +70,8 @@ struct FoundBlock {
   uint32_t create_time = 0;             // of records: seconds since 1970, modulo 2^32
   uint32_t modify_time = 0;             // of records: seconds since 1970, modulo 2^32
   std::string written_to;  // the table of the new file that it was written to; empty: left out
+  // Of records that were written: what the checksum says of the payload.
+  std::optional<PayloadState> payload = std::nullopt;
 };
 
 // Gets the blocks that were found, one at a time. What it throws ends the operation and leaves it.
@@ -125,6 +129,7 @@ struct SalvageReport {
   std::vector<StoredDatabase> stored;  // what was written to `deep_to`
   bool source_in_use = false;          // another process has the source open for writing
   bool verified = false;               // the new file was checked and holds what was to be written
+  PayloadCounts payloads = {};         // of the records written: what their checksums say
 };
 
 // A database that was found stored in the source.

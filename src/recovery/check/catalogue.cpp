@@ -106,6 +106,21 @@ constexpr FindingCode kCodes[] = {
      "finding any but the first of them", "add the others again under identifiers of their own"},
     {"R16", information, "the last written record is no longer in the chain", kNothing, kLeave},
 
+    // ---- Payloads, where they are compared with their checksums
+    {"P1", error, "a payload does not agree with its checksum",
+     "nothing of the C interface, which returns the bytes as they are; in C++ reading the payload "
+     "as a "
+     "whole, touching the record, and writing over a part of it",
+     "take the payload from a copy of the file and store it with 'qvdb set', which makes a new "
+     "checksum; 'qvdb salvage' keeps it as it is"},
+    {"P2", warning,
+     "a record was changed by a program that does not know checksums, or a change was "
+     "cut off",
+     kNothing,
+     "look at the payload; where it is right, 'qvdb protect --changed' gives it a new checksum"},
+    {"P3", information, "a payload has no checksum", kNothing,
+     "nothing needs to be done; 'qvdb protect' gives one to every record"},
+
     // ---- Table data
     {"T1", error, "the position of the table data cannot be right",
      "reading and setting the table data; pack and link repair of the file", kSalvage},

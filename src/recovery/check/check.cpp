@@ -82,6 +82,7 @@ void judge(Check& check, const CheckOptions& options, const intents::RecoveryPla
     check::checkImportedNames(check, table);
   }
   check::checkRecords(check, now);
+  if (options.payloads) report->payloads = check::checkPayloads(check);
   if (options.categories) check::checkCategories(check);
   check::checkHoles(check);
   report->space = check::checkSpace(check);

@@ -52,6 +52,9 @@ void checkCategories(Check& check);
 // Transactions: what the plan of their recovery says, and what is left of earlier ones.
 void checkIntents(Check& check, const intents::RecoveryPlan& plan);
 
+// Payloads of live records against their checksums.
+qvdb::PayloadCounts checkPayloads(Check& check);
+
 // The blocks that the walk from the front reaches within the slot's count.
 std::span<const uint32_t> countedBlocks(const survey::Survey& survey, const survey::Table& table);
 

@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "recovery/check/parts.h"
+#include "recovery/survey/payload_checksums.h"
 
 using namespace qvdbase::format;
 using namespace qvdbase::survey;
@@ -206,10 +207,21 @@ class SpaceCheck {
     const int64_t end = position + (block.capacity - block.length);
     space_.reserve += static_cast<uint64_t>(end - position);
     if (block.kind == BlockKind::tableData && window_.byteAt(position) == kBlockEndMark) ++position;
-    const uint64_t stale = usedBytes(&window_, position, end);
+    const uint64_t stale = hasChecksumSpace(block) ? staleBeforeChecksum(position, end)
+                                                   : usedBytes(&window_, position, end);
     if (stale == 0) return;
     space_.stale += stale;
     if (++staleBlocks_ == 1) firstStale_ = position;
+  }
+
+  // A checksum is no older data. From front to back, as the window likes it.
+  uint64_t staleBeforeChecksum(int64_t position, int64_t end) {
+    const int64_t sum = end - int64_t{checksum::kSize};
+    const uint64_t stale = usedBytes(&window_, position, sum);
+    const uint8_t* const bytes = window_.at(sum, checksum::kSize);
+    if (bytes != nullptr && isChecksum(bytes)) return stale;
+    const uint64_t last = usedBytes(&window_, sum, end);
+    return last > 0 ? static_cast<uint64_t>(sum - position) + last : stale;
   }
 
   void reportSpare() {

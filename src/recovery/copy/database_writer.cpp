@@ -45,8 +45,9 @@ void DatabaseWriter::beginTableData(TableDataHead head) {
   write(bytes, sizeof bytes);
 }
 
-void DatabaseWriter::endBlock(uint32_t spare) {
-  zeros(spare);
+void DatabaseWriter::endBlock(uint32_t spare, const unsigned char* sum) {
+  zeros(sum != nullptr ? spare - checksum::kSize : spare);
+  if (sum != nullptr) write(sum, checksum::kSize);
   write(&kBlockEndMark, 1);
 }
 

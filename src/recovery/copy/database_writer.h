@@ -39,8 +39,8 @@ class DatabaseWriter : public products::BufferedOutput {
   void beginTableData(format::TableDataHead head);
 
   // Writes `spare` zeros and the end mark. What the source has in its spare bytes is dead, and not
-  // copied.
-  void endBlock(uint32_t spare);
+  // copied, except for a checksum: with one, `sum`, that is the end of the spare bytes.
+  void endBlock(uint32_t spare, const unsigned char* sum = nullptr);
 
  private:
   int64_t previousRecord_ = 0;

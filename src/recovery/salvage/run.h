@@ -28,6 +28,7 @@ class Run {
 
  private:
   void report(const qvdb::BlockVisitor& visitor);
+  qvdb::PayloadState stateOf(uint32_t number) const;
   void noteUnreadable(int64_t inPayloads);
   bool verify() const;
 
@@ -35,6 +36,7 @@ class Run {
   const Plan plan_;
   products::TargetFile target_;
   std::optional<Extraction> extraction_;
+  PayloadStates states_;
   qvdb::SalvageReport report_;
 };
 

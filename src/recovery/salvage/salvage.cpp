@@ -27,7 +27,7 @@ Run::Run(const Job& job, const std::filesystem::path& target, const qvdb::BlockV
               {.createFolders = job.options.create_folders, .ifTaken = qvdb::Remedy::other_name}) {
   if (!job.options.extract_to.empty()) extraction_.emplace(job_, plan_);
   target_.create(job.access);
-  const int64_t unreadableAt = writeFile(job_, plan_, &target_, &report_);
+  const int64_t unreadableAt = writeFile(job_, plan_, &target_, &report_, &states_);
   if (extraction_) extraction_->write();
   report(visitor);
   noteUnreadable(unreadableAt);
@@ -50,7 +50,10 @@ void Run::report(const qvdb::BlockVisitor& visitor) {
     if (place < 0) ++report_.blocks_left_out;
     if (!visitor) continue;
     qvdb::FoundBlock found = describe(survey, number);
-    if (place >= 0) found.written_to = plan_.tables[static_cast<size_t>(place)].name();
+    if (place >= 0) {
+      found.written_to = plan_.tables[static_cast<size_t>(place)].name();
+      if (!found.is_table_data) found.payload = stateOf(number);
+    }
     const platform::CancellationPause cancellation;
     visitor(found);
   }
@@ -58,6 +61,12 @@ void Run::report(const qvdb::BlockVisitor& visitor) {
     report_.bytes_unknown += static_cast<uint64_t>(leftover.range.size());
     report_.unknown.push_back({leftover.range.begin, leftover.range.size()});
   }
+}
+
+qvdb::PayloadState Run::stateOf(uint32_t number) const {
+  const auto known = states_.find(number);
+  return known == states_.end() ? qvdb::PayloadState::unprotected
+                                : static_cast<qvdb::PayloadState>(known->second);
 }
 
 void Run::noteUnreadable(int64_t inPayloads) {

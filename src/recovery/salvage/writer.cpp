@@ -8,6 +8,7 @@
 #include "format/identifiers.h"
 #include "recovery/copy/database_writer.h"
 #include "recovery/salvage/payload_reader.h"
+#include "recovery/survey/payload_checksums.h"
 
 using namespace qvdbase::format;
 using namespace qvdbase::survey;
@@ -67,12 +68,14 @@ Layout layOut(const Survey& survey, const Plan& plan) {
 class Writer {
  public:
   Writer(const Job& job, const Plan& plan, products::TargetFile* target,
-         qvdb::SalvageReport* report)
-      : payloads_(job.source),
+         qvdb::SalvageReport* report, PayloadStates* states)
+      : source_(job.source),
+        payloads_(job.source),
         survey_(job.survey),
         plan_(plan),
         output_(*target),
-        report_(*report) {}
+        report_(*report),
+        states_(*states) {}
 
   int64_t write() {
     output_.directory(header(), layOut(survey_, plan_).slots, kNewSlotCount);
@@ -101,7 +104,11 @@ class Writer {
       head.createTime = from.createTime;
       head.modifyTime = from.modifyTime;
       output_.beginRecord(head, i == 0, i + 1 == table.records.size());
-      const bool isWhole = writePayload(from) && head.dataLength == from.length;
+      const BlockChecksum sum = checksumOf(source_, from);
+      const bool isWhole =
+          (sum.isThere ? writeProtected(table, table.records[i], sum) : writePayload(from)) &&
+          head.dataLength == from.length;
+      if (!sum.isThere) ++report_.payloads.unprotected;
       ++report_.records_written;
       if (!isWhole) ++report_.records_cut;
     }
@@ -123,20 +130,65 @@ class Writer {
 
   // False when a part of the payload could not be read.
   bool writePayload(const Block& from) {
+    const bool isRead = copyPayload(from, nullptr);
     const Content content = contentOf(from);
-    const uint64_t unreadable =
-        payloads_.read(from, [&](const char* bytes, size_t count) { output_.write(bytes, count); });
     output_.endBlock(content.capacity - content.length);
-    report_.payload_bytes += content.length;
+    return isRead;
+  }
+
+  // The same with a checksum, which says afterwards what it says here. One of a sound payload that
+  // goes into another table is made for that one.
+  bool writeProtected(const PlannedTable& table, uint32_t number, BlockChecksum sum) {
+    const Block& from = survey_.blocks[number];
+    PayloadHash hash;
+    const bool isRead = copyPayload(from, &hash);
+    PayloadIdentity identity = identityOf(survey_, from);
+    const PayloadState state = stateOfPayload(sum.bytes, identity, hash);
+    count(state);
+    states_[number] = state;
+    if (state == PayloadState::verified) {
+      identity.table = identifierNumber(table.slot.tableID);
+      encodeChecksum(identity, hash.of(identity), sum.bytes);
+    }
+    output_.endBlock(from.capacity - from.length, sum.bytes);
+    return isRead;
+  }
+
+  bool copyPayload(const Block& from, PayloadHash* hash) {
+    const uint64_t unreadable = payloads_.read(from, [&](const char* bytes, size_t count) {
+      output_.write(bytes, count);
+      if (hash != nullptr) hash->add(bytes, count);
+    });
+    report_.payload_bytes += contentOf(from).length;
     report_.bytes_unreadable += unreadable;
     return unreadable == 0;
   }
 
+  void count(PayloadState state) {
+    qvdb::PayloadCounts& counts = report_.payloads;
+    switch (state) {
+      case PayloadState::verified:
+        ++counts.verified;
+        return;
+      case PayloadState::unprotected:
+        ++counts.unprotected;
+        return;
+      case PayloadState::changedElsewhere:
+        ++counts.changed_elsewhere;
+        return;
+      case PayloadState::rotten:
+        ++counts.rotten;
+        return;
+    }
+  }
+
+  const ByteSource& source_;
   PayloadReader payloads_;
   const Survey& survey_;
   const Plan& plan_;
   copy::DatabaseWriter output_;
   qvdb::SalvageReport& report_;
+  PayloadStates& states_;
 };
 
 }  // namespace
@@ -146,8 +198,8 @@ int64_t plannedSize(const Survey& survey, const Plan& plan) {
 }
 
 int64_t writeFile(const Job& job, const Plan& plan, products::TargetFile* target,
-                  qvdb::SalvageReport* report) {
-  return Writer(job, plan, target, report).write();
+                  qvdb::SalvageReport* report, PayloadStates* states) {
+  return Writer(job, plan, target, report, states).write();
 }
 
 }  // namespace qvdbase::salvage

@@ -389,13 +389,13 @@ TEST(Corrupter, KnowsAtLeastFiftyKindsOfDamage) {
 }
 
 // What is not here is in other tests: a host that cannot read (F5), holes (F3), categories (C1 to
-// C4), lists of imported files (I1, I2), and what the calls will do (W1).
+// C4), lists of imported files (I1, I2), payloads (P1 to P3), and what the calls will do (W1).
 TEST(Corrupter, KnowsADamageForEveryCode) {
   std::set<std::string> missing;
   for (const qvdb::FindingCode& code : qvdb::finding_codes()) missing.emplace(code.code);
   for (const Damage& damage : kDamages) missing.erase(damage.code);
-  EXPECT_EQ(missing, (std::set<std::string>{"F3", "F5", "C1", "C2", "C3", "C4", "I1", "I2", "X1",
-                                            "X2", "X3", "X4", "X5", "W1"}));
+  EXPECT_EQ(missing, (std::set<std::string>{"F3", "F5", "C1", "C2", "C3", "C4", "I1", "I2", "P1",
+                                            "P2", "P3", "X1", "X2", "X3", "X4", "X5", "W1"}));
 }
 
 }  // namespace

@@ -16,6 +16,7 @@ struct Options {
   std::string file;
   bool categories = false;
   bool deep = false;
+  bool payloads = false;
   bool strict = false;
   bool verbose = false;
   bool json = false;
@@ -165,6 +166,12 @@ void printJsonReport(const Options& options, const CheckReport& report,
   json["spare_room"] = {{"bytes", report.space.reserve}, {"stale", report.space.stale}};
   json["pack_works"] = report.pack;
   json["repair_result"] = report.repair;
+  if (options.payloads) {
+    json["payloads"] = {{"verified", report.payloads.verified},
+                        {"unprotected", report.payloads.unprotected},
+                        {"changed_elsewhere", report.payloads.changed_elsewhere},
+                        {"rotten", report.payloads.rotten}};
+  }
   json["tables"] = Json::array();
   for (const TableOutlook& table : report.tables) json["tables"].push_back(jsonOf(table));
   json["findings"] = Json::array();
@@ -185,9 +192,9 @@ CheckReport checkAtRest(const Options& options, std::vector<Finding>* findings) 
   const Patience patience;
   for (;;) {
     findings->clear();
-    const CheckReport report =
-        check(options.file, [&](const Finding& finding) { findings->push_back(finding); },
-              {.categories = options.categories, .deep = options.deep});
+    const CheckReport report = check(
+        options.file, [&](const Finding& finding) { findings->push_back(finding); },
+        {.categories = options.categories, .deep = options.deep, .payloads = options.payloads});
     if (report.state != CheckState::in_use || !patience.waitForNextAttempt()) return report;
   }
 }
@@ -204,6 +211,12 @@ int run(const Options& options) {
     if (isShown(finding, options, report)) printFinding(finding, &explained);
   }
   if (options.verbose) printSpace(report.space);
+  if (options.payloads && report.state != CheckState::in_use) {
+    printLine("payloads: " + std::to_string(report.payloads.verified) + " verified, " +
+              std::to_string(report.payloads.unprotected) + " without a checksum, " +
+              std::to_string(report.payloads.changed_elsewhere) + " changed elsewhere, " +
+              std::to_string(report.payloads.rotten) + " rotten");
+  }
   printLine(escaped(options.file) + ": " + summaryOf(report));
   return statusOf(report, options);
 }
@@ -215,6 +228,8 @@ Action define(Arguments& arguments) {
                  "Also check the records of QVrz_Category, which 'qvdb renumber' decodes.");
   arguments.flag("--deep", options->deep,
                  "Also search the payloads of records for databases. This reads the whole file.");
+  arguments.flag("--payloads", options->payloads,
+                 "Also compare payloads with their checksums. This reads all that have one.");
   arguments.flag("--strict", options->strict, "Exit with status 1 for warnings too.");
   arguments.flag(
       "-v,--verbose", options->verbose,

@@ -65,12 +65,17 @@ struct Tally {
   uint64_t written = 0;
 };
 
+bool hasChecksum(const FoundBlock& block) {
+  return block.payload && *block.payload != PayloadState::unprotected;
+}
+
 std::string lineOf(const FoundBlock& block) {
   return std::to_string(block.offset) + "  " + letterOf(block.grade) + "  " +
          (block.is_table_data ? "table data        " : to_string(block.record)) + "  " +
          (block.table_name.empty() ? to_string(block.table) : escaped(block.table_name)) + "  " +
          std::to_string(block.there) + " bytes  " + keyOf(block) +
-         (block.written_to.empty() ? "  left out" : "  -> " + escaped(block.written_to));
+         (block.written_to.empty() ? "  left out" : "  -> " + escaped(block.written_to)) +
+         (hasChecksum(block) ? "  " + std::string(to_string(*block.payload)) : "");
 }
 
 Json jsonOf(const SalvageReport& report) {
@@ -81,6 +86,10 @@ Json jsonOf(const SalvageReport& report) {
   json["table_data_written"] = report.data_written;
   json["payload_bytes"] = report.payload_bytes;
   json["records_cut"] = report.records_cut;
+  json["payloads"] = {{"verified", report.payloads.verified},
+                      {"unprotected", report.payloads.unprotected},
+                      {"changed_elsewhere", report.payloads.changed_elsewhere},
+                      {"rotten", report.payloads.rotten}};
   json["bytes_unreadable"] = report.bytes_unreadable;
   json["blocks_found"] = report.blocks_found;
   json["blocks_left_out"] = report.blocks_left_out;
@@ -130,6 +139,16 @@ void printStored(const StoredDatabase& stored) {
   if (report.records_cut > 0) printLine("  " + cutRecords(report));
 }
 
+// Where payloads have checksums.
+void printPayloads(const PayloadCounts& counts) {
+  if (counts.verified + counts.changed_elsewhere + counts.rotten == 0) return;
+  printLine("payloads: " + std::to_string(counts.verified) + " verified, " +
+            std::to_string(counts.unprotected) + " without a checksum, " +
+            std::to_string(counts.changed_elsewhere) + " changed elsewhere, " +
+            std::to_string(counts.rotten) + " rotten" +
+            (counts.rotten > 0 ? "; 'qvdb check --payloads' on the new file names them" : ""));
+}
+
 void printReport(const SalvageReport& report, const std::map<std::string, Tally>& tallies) {
   for (const auto& [label, tally] : tallies) {
     printLine(counted(tally.found, "block", "blocks") + " " + label + ": " +
@@ -142,6 +161,7 @@ void printReport(const SalvageReport& report, const std::map<std::string, Tally>
   for (const std::string& note : report.notes) printLine(escaped(note));
   for (const StoredDatabase& each : report.stored) printStored(each);
   if (report.records_cut > 0) printLine(cutRecords(report));
+  printPayloads(report.payloads);
   if (report.source_in_use) printLine(kSourceInUse);
   printLine(
       counted(report.tables_written, "table", "tables") + ", " +
