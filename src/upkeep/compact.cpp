@@ -69,7 +69,10 @@ class Compaction {
  public:
   Compaction(const fs::path& source, const ProgressFunction& progress,
              const CompactOptions& options)
-      : source_(source), options_(options), reporter_(progress) {}
+      : source_(source),
+        options_(options),
+        protection_{options.protect, options.protect && options.accept_changes},
+        reporter_(progress) {}
 
   // Without a target nothing is written.
   CompactReport run(OpenedFile& file, std::optional<TargetFile>& target,
@@ -80,13 +83,13 @@ class Compaction {
     judge(file);
     keepWhatIsWanted();
     changeTables(options_, source_, kOperation, &database_);
-    const LiveLayout layout = layOut(database_);
+    const LiveLayout layout = layOut(database_, protection_);
     if (target) {
       write(file, layout, *target);
       compare(file, target->file());
     }
     file.requireUnchanged(source_, kOperation);
-    if (target) place(*target, [this] { return movesOf(database_); });
+    if (target) place(*target, [this] { return movesOf(database_, protection_); });
     // Too late to stop anything.
     static_cast<void>(reporter_.report(100));
     return reportOn(file.source(), layout);
@@ -159,7 +162,8 @@ class Compaction {
     const platform::FileAccess access = file.access(source_, kOperation);
     target.create(&access);
     const bool isCopied = copyLive(
-        file.source(), database_, layout, target, [&] { stage.step(); }, &written_);
+        file.source(), database_, layout, protection_, target, [&] { stage.step(); }, &written_,
+        &checksumsMade_);
     if (isCopied) return;
     file.requireUnchanged(source_, kOperation);
     throwError(source_, kOperation, Reason::cannot_read, "the system cannot read it");
@@ -189,17 +193,20 @@ class Compaction {
     }
     report.records_lost = verdict_.records;
     report.torn_blocks = verdict_.tornBlocks;
+    report.checksums_made = checksumsMade_;
     return report;
   }
 
   const fs::path source_;
   const CompactOptions& options_;
+  const Protection protection_;
   Reporter reporter_;
   Survey survey_;
   LiveDatabase database_{survey_};
   std::vector<std::vector<uint32_t>> kept_;  // the records of each table, where some go
   Verdict verdict_;
   std::vector<WrittenPiece> written_;
+  uint64_t checksumsMade_ = 0;
 };
 
 CompactReport compactTo(const fs::path& source, const fs::path& target,

@@ -6,6 +6,8 @@
 
 #include "format/big_endian.h"
 #include "format/block_heads.h"
+#include "format/payload_checksum.h"
+#include "recovery/survey/payload_checksums.h"
 
 using namespace qvdbase::format;
 using namespace qvdbase::survey;
@@ -20,16 +22,27 @@ constexpr size_t kLargest = size_t{1} << 20;    // of a block that is kept in it
 constexpr int64_t kPiece = int64_t{256} << 10;  // of the source
 constexpr int64_t kGap = 4096;  // as many bytes are read as fast as another call is made
 
-size_t sizeOf(const Block& block) {
-  return static_cast<size_t>(block.claimedEnd() - block.position);
+// What is copied: without spare bytes, or with a checksum in them, what is after the payload comes
+// along.
+int64_t endOfCopied(const Block& block) {
+  const bool isWhole = block.length == block.capacity || hasChecksumSpace(block);
+  return isWhole ? block.claimedEnd() : block.dataPos() + block.length;
 }
 
-// What is copied: without spare bytes, what is after the payload comes along.
-int64_t endOfCopied(const Block& block) {
-  return block.length == block.capacity ? block.claimedEnd() : block.dataPos() + block.length;
+uint32_t capacityInCopy(const Block& block, const Protection& protection) {
+  if (!protection.unprotected || block.kind != BlockKind::record || hasChecksumSpace(block)) {
+    return block.capacity;
+  }
+  const uint32_t larger = capacityWithChecksum(block.length, block.capacity);
+  return format::hasChecksumSpace(block.length, larger) ? larger : block.capacity;
 }
 
 }  // namespace
+
+int64_t sizeInCopy(const Block& block, const Protection& protection) {
+  const uint32_t more = capacityInCopy(block, protection) - block.capacity;
+  return block.claimedEnd() - block.position + int64_t{more};
+}
 
 bool GatheredBlocks::add(const Block& block) {
   const size_t size = sizeOf(block);
@@ -103,8 +116,9 @@ bool GatheredBlocks::readPiece(const KeyedNumber* begin, const KeyedNumber* end)
 bool GatheredBlocks::isOneRun(const KeyedNumber* begin, const KeyedNumber* end) const {
   for (const KeyedNumber* each = begin; each + 1 != end; ++each) {
     const Block& block = blockOf(*each);
-    const bool isFollowed = endOfCopied(block) == blockOf(each[1]).position &&
-                            each->note + sizeOf(block) == each[1].note;
+    const auto copied = static_cast<size_t>(endOfCopied(block) - block.position);
+    const bool isFollowed =
+        endOfCopied(block) == blockOf(each[1]).position && each->note + copied == each[1].note;
     if (!isFollowed) return false;
   }
   return true;
@@ -130,14 +144,38 @@ void GatheredBlocks::copyRuns(const KeyedNumber* begin, const KeyedNumber* end) 
 
 // ---- what a block has anew
 
-// The links, and what is after the payload. What the spare bytes of a source hold is dead.
+// The links, and what is after the payload. What the spare bytes of a source hold is dead, except
+// for a checksum.
 bool GatheredBlocks::finishBlock(const Block& block, unsigned char* bytes) {
   if (!setHead(block, bytes)) return false;
   unsigned char* const end = bytes + sizeOf(block) - 1;
-  const size_t spare = block.capacity - block.length;
+  unsigned char* const payload = bytes + (block.dataPos() - block.position);
+  unsigned char sum[checksum::kSize];
+  bool hasSum = hasChecksumSpace(block) && isChecksum(end - sizeof sum);
+  if (hasSum) std::memcpy(sum, end - sizeof sum, sizeof sum);
+  if (makesChecksum(block, hasSum ? sum : nullptr)) {
+    PayloadHash hash;
+    hash.add(payload, block.length);
+    const PayloadIdentity identity = identityOf(survey_, block);
+    encodeChecksum(identity, hash.of(identity), sum);
+    hasSum = true;
+    ++made_;
+  }
+  const auto spare = static_cast<size_t>(end - payload) - block.length;
   if (spare > 0) std::memset(end - spare, 0, spare);
+  if (hasSum) std::memcpy(end - sizeof sum, sum, sizeof sum);
   *end = kBlockEndMark;
   return true;
+}
+
+// `present` is the one that the block has, or null.
+bool GatheredBlocks::makesChecksum(const Block& block, const unsigned char* present) const {
+  if (block.kind != BlockKind::record) return false;
+  const uint32_t capacity = capacityInCopy(block, protection_);
+  if (!format::hasChecksumSpace(block.length, capacity)) return false;
+  if (present == nullptr) return protection_.unprotected;
+  return protection_.changedElsewhere &&
+         stateWithoutHash(present, identityOf(survey_, block)) == PayloadState::changedElsewhere;
 }
 
 // False when the header is not the one that was surveyed. The first record of a table has no
@@ -152,6 +190,7 @@ bool GatheredBlocks::setHead(const Block& block, unsigned char* bytes) {
     return isStill(tabledata::kDataLength, tabledata::kDataCapacity);
   }
   if (!isStill(record::kDataLength, record::kDataCapacity)) return false;
+  storeBigEndian(bytes + record::kDataCapacity, capacityInCopy(block, protection_));
   const int64_t prev = block.prev == 0 ? 0 : previous_;
   const int64_t next = block.next == 0 ? 0 : here_;
   storeBigEndian(bytes + record::kPrevRecordPos, static_cast<uint64_t>(prev));
@@ -167,14 +206,26 @@ bool GatheredBlocks::copyLarge(const Block& block) {
   here_ = output_.position();
   if (!source_.readAll(block.position, head, headSize) || !setHead(block, head)) return false;
   output_.write(head, headSize);
+  BlockChecksum sum = checksumOf(source_, block);
+  const bool isNew = makesChecksum(block, sum.isThere ? sum.bytes : nullptr);
+  PayloadHash hash;
   int64_t from = block.dataPos();
   const bool isCopied = output_.fill(block.length, [&](unsigned char* to, size_t part) {
     const bool isRead = source_.readAll(from, to, part);
     from += static_cast<int64_t>(part);
+    if (isRead && isNew) hash.add(to, part);
     return isRead;
   });
   if (!isCopied) return false;
-  output_.zeros(block.capacity - block.length);
+  if (isNew) {
+    const PayloadIdentity identity = identityOf(survey_, block);
+    encodeChecksum(identity, hash.of(identity), sum.bytes);
+    ++made_;
+  }
+  const bool hasSum = isNew || sum.isThere;
+  const uint32_t spare = capacityInCopy(block, protection_) - block.length;
+  output_.zeros(hasSum ? spare - checksum::kSize : spare);
+  if (hasSum) output_.write(sum.bytes, checksum::kSize);
   output_.write(&kBlockEndMark, 1);
   return true;
 }

@@ -17,11 +17,22 @@
 
 namespace qvdbase::upkeep {
 
+// Which records of a copy get a new checksum of their payload.
+struct Protection {
+  bool unprotected = false;       // those that have none
+  bool changedElsewhere = false;  // those whose checksum is of another time or length
+};
+
+// The size of the block that a block becomes.
+int64_t sizeInCopy(const survey::Block& block, const Protection& protection);
+
 class GatheredBlocks {
  public:
-  // Both must outlive the object. The blocks go to where the output is.
-  GatheredBlocks(const survey::ByteSource& source, products::BufferedOutput* output)
-      : source_(source), output_(*output) {}
+  // Both must outlive the object. The blocks go to where the output is. Checksums of payloads go
+  // along as they are.
+  GatheredBlocks(const survey::ByteSource& source, const survey::Survey& survey,
+                 const Protection& protection, products::BufferedOutput* output)
+      : source_(source), survey_(survey), protection_(protection), output_(*output) {}
 
   // Adds a block of a survey of the source: the next one of its table, if it is a record. The
   // survey must have found it sound, and keep it until finish(). False when the source cannot be
@@ -30,6 +41,9 @@ class GatheredBlocks {
 
   // Writes what is left.
   bool finish();
+
+  // The checksums that were made.
+  uint64_t checksumsMade() const { return made_; }
 
  private:
   // Blocks in the memory; the key is the position in the source, the note the place in `image_`.
@@ -43,16 +57,23 @@ class GatheredBlocks {
   bool readPiece(const support::KeyedNumber* begin, const support::KeyedNumber* end);
   void copyRuns(const support::KeyedNumber* begin, const support::KeyedNumber* end);
   bool isOneRun(const support::KeyedNumber* begin, const support::KeyedNumber* end) const;
+  size_t sizeOf(const survey::Block& block) const {
+    return static_cast<size_t>(sizeInCopy(block, protection_));
+  }
   bool finishBlock(const survey::Block& block, unsigned char* bytes);
+  bool makesChecksum(const survey::Block& block, const unsigned char* present) const;
   bool setHead(const survey::Block& block, unsigned char* bytes);
   bool copyLarge(const survey::Block& block);
 
   const survey::ByteSource& source_;
+  const survey::Survey& survey_;
+  const Protection protection_;
   products::BufferedOutput& output_;
   std::vector<const survey::Block*> blocks_;  // in the new order
   size_t size_ = 0;                           // of all of them
   std::vector<unsigned char> image_;
   std::vector<unsigned char> piece_;  // of the source
+  uint64_t made_ = 0;                 // checksums
   int64_t here_ = 0;                  // where the block goes whose head is set next
   int64_t previous_ = 0;              // where the record before went
 };

@@ -5,8 +5,6 @@
 #include <cassert>
 #include <utility>
 
-#include "upkeep/gathered_blocks.h"
-
 using namespace qvdbase::format;
 using namespace qvdbase::survey;
 
@@ -16,7 +14,8 @@ namespace {
 
 // False when the source cannot be read.
 bool copyAll(const ByteSource& source, const LiveDatabase& database, const LiveLayout& layout,
-             products::BufferedOutput::Sink sink, const std::function<void()>& step) {
+             const Protection& protection, products::BufferedOutput::Sink sink,
+             const std::function<void()>& step, uint64_t* checksumsMade) {
   copy::DatabaseWriter output(std::move(sink));
   std::vector<tablePart1> slots;
   for (size_t i = 0; i < database.tables.size(); ++i) {
@@ -27,7 +26,7 @@ bool copyAll(const ByteSource& source, const LiveDatabase& database, const LiveL
   }
   output.directory({}, slots, database.slotCount);
   output.flush();
-  GatheredBlocks blocks(source, &output);
+  GatheredBlocks blocks(source, database.survey, protection, &output);
   for (const LiveTable& table : database.tables) {
     if (table.data != kNoBlock && !blocks.add(database.block(table.data))) return false;
     for (const uint32_t number : table.records) {
@@ -36,6 +35,7 @@ bool copyAll(const ByteSource& source, const LiveDatabase& database, const LiveL
     }
   }
   if (!blocks.finish()) return false;
+  *checksumsMade = blocks.checksumsMade();
   output.flush();
   assert(output.position() == layout.size && "a copy of another size");
   return true;
@@ -43,11 +43,11 @@ bool copyAll(const ByteSource& source, const LiveDatabase& database, const LiveL
 
 }  // namespace
 
-LiveLayout layOut(const LiveDatabase& database) {
+LiveLayout layOut(const LiveDatabase& database, const Protection& protection) {
   LiveLayout layout;
   layout.size = database.blocksStart();
   const auto take = [&](const Block& block) {
-    return std::exchange(layout.size, layout.size + block.claimedEnd() - block.position);
+    return std::exchange(layout.size, layout.size + sizeInCopy(block, protection));
   };
   for (const LiveTable& table : database.tables) {
     copy::TablePlace place;
@@ -67,12 +67,12 @@ LiveLayout layOut(const LiveDatabase& database) {
   return layout;
 }
 
-std::vector<Move> movesOf(const LiveDatabase& database) {
+std::vector<Move> movesOf(const LiveDatabase& database, const Protection& protection) {
   std::vector<Move> moves;
   moves.reserve(database.recordCount());
   int64_t next = database.blocksStart();
   const auto take = [&](const Block& block) {
-    return std::exchange(next, next + block.claimedEnd() - block.position);
+    return std::exchange(next, next + sizeInCopy(block, protection));
   };
   for (const LiveTable& table : database.tables) {
     if (table.data != kNoBlock) static_cast<void>(take(database.block(table.data)));
@@ -86,15 +86,16 @@ std::vector<Move> movesOf(const LiveDatabase& database) {
 }
 
 bool copyLive(const ByteSource& source, const LiveDatabase& database, const LiveLayout& layout,
-              products::TargetFile& target, const std::function<void()>& step,
-              std::vector<WrittenPiece>* written) {
+              const Protection& protection, products::TargetFile& target,
+              const std::function<void()>& step, std::vector<WrittenPiece>* written,
+              uint64_t* checksumsMade) {
   std::vector<unsigned char> front;  // header and directory
   const auto write = [&](int64_t position, const unsigned char* bytes, size_t count) {
     if (!target.file().writeAt(position, bytes, count)) target.failWriting();
     if (position == 0) front.assign(bytes, bytes + count);
     written->push_back({position, count, support::digestOf(bytes, count)});
   };
-  if (!copyAll(source, database, layout, write, step)) return false;
+  if (!copyAll(source, database, layout, protection, write, step, checksumsMade)) return false;
   const copy::Header& header = database.header;
   if (!target.file().writeAt(0, header.data(), header.size())) target.failWriting();
   std::ranges::copy(header, front.begin());

@@ -10,6 +10,7 @@
 #include "recovery/survey/byte_source.h"
 #include "support/digest.h"
 #include "upkeep/compact_open.h"
+#include "upkeep/gathered_blocks.h"
 #include "upkeep/live_database.h"
 
 namespace qvdbase::upkeep {
@@ -20,10 +21,10 @@ struct LiveLayout {
   std::vector<copy::TablePlace> tables;
 };
 
-LiveLayout layOut(const LiveDatabase& database);
+LiveLayout layOut(const LiveDatabase& database, const Protection& protection);
 
 // Where its records go from where they are, in the order of the latter.
-std::vector<Move> movesOf(const LiveDatabase& database);
+std::vector<Move> movesOf(const LiveDatabase& database, const Protection& protection);
 
 // A piece of the new file as it was written.
 struct WrittenPiece {
@@ -36,8 +37,9 @@ struct WrittenPiece {
 // `step` is called for each record and may throw. False when the source cannot be read, or is not
 // what was surveyed; throws Error when the target cannot be written.
 bool copyLive(const survey::ByteSource& source, const LiveDatabase& database,
-              const LiveLayout& layout, products::TargetFile& target,
-              const std::function<void()>& step, std::vector<WrittenPiece>* written);
+              const LiveLayout& layout, const Protection& protection, products::TargetFile& target,
+              const std::function<void()>& step, std::vector<WrittenPiece>* written,
+              uint64_t* checksumsMade);
 
 // Reads the new file back: it must hold what was written. `step` is called for each piece and may
 // throw. False when anything differs or cannot be read.

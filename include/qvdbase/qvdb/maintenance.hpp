@@ -74,6 +74,12 @@ struct CompactOptions {
   // after table and in order, and must not work on the databases of the operation. What it throws
   // ends the operation. Its cost is that of a walk over the headers: no payload is read.
   std::function<bool(const CompactedRecord& record)> keep = {};
+  // Whether every record gets a checksum of its payload that has none; for that it has 32 bytes
+  // more capacity where it has not 28 to spare. The others keep theirs, whatever it says.
+  bool protect = false;
+  // With `protect`: whether records whose checksum is of another time or length, because a program
+  // that does not know checksums has changed them, get a new one of what they hold now.
+  bool accept_changes = false;
 };
 
 // The result of compact().
@@ -87,14 +93,15 @@ struct CompactReport {
   uint64_t records_lost = 0;
   // Torn blocks left out, of writes that were interrupted; salvage() would not bring them back.
   uint64_t torn_blocks = 0;
+  uint64_t checksums_made = 0;  // records that got a checksum, with CompactOptions::protect
 };
 
 // Rewrites a database without what is dead in it. Everything live is kept: signature, version and
 // identifier of the database; name, identifier, flags and counters of the tables, and their data;
 // identifiers, times, payloads, capacities and order of the records; and permissions of the file.
-// Spare capacity after payloads and data is filled with zeros. The new file is read back and
-// compared with what was written before it gets its name. Table data that a pack has moved is found
-// and copied too.
+// Spare capacity after payloads and data is filled with zeros, and checksums of payloads stay in
+// it. The new file is read back and compared with what was written before it gets its name. Table
+// data that a pack has moved is found and copied too.
 //
 // The source is checked first. One with errors, or with records or table data that no chain leads
 // to any more, is refused unless `force` is set: a copy would be sound, and have less in it. A

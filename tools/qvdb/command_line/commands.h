@@ -38,6 +38,7 @@ extern const Command kMendCommand;
 extern const Command kBackupCommand;
 extern const Command kRestoreCommand;
 extern const Command kCompactCommand;
+extern const Command kProtectCommand;
 extern const Command kCategoriesCommand;
 extern const Command kPackCommand;
 extern const Command kRenumberCommand;

@@ -16,6 +16,7 @@ struct Options {
   std::vector<std::string> inputs;
   std::optional<std::string> id;
   std::optional<uint64_t> reserve;
+  bool checksum = false;
   bool noSync = false;
 };
 
@@ -73,6 +74,7 @@ int run(const Options& options) {
   Table table = findTable(database, options.table);
   if (id) refuseTaken(database, table, *id);
   std::vector<Id> ids;
+  if (options.checksum) table.set_checksum(Checksum::yes);
   // All of them are in the table, or none is.
   BulkAppender appender = table.appender();
   for (Input& input : inputs) {
@@ -97,6 +99,9 @@ Action define(Arguments& arguments) {
                    "Store the record under this identifier, which the table must not have yet.");
   arguments.option("--reserve", "BYTES", options->reserve,
                    "Give the record at least this capacity, so that it can grow in place later.");
+  arguments.flag("--checksum", options->checksum,
+                 "Give the records a checksum, by which readers notice that their bytes have "
+                 "changed.");
   arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
