@@ -132,7 +132,7 @@ uint64_t tiny64(const Byte* in, size_t size) {
     hash *= kMix_2;
     return hash ^ hash >> 28;
   }
-  if (size == 0) return scatteredWell(secretPair(56));
+  if (size == 0) return scatteredWell(secretPair(7 * kWord));
   return scatteredWell(combined(in, size) ^ uint64_t{load32(kSecret) ^ load32(kSecret + 4)});
 }
 
