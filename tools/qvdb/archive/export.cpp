@@ -13,6 +13,7 @@
 #include "archive/imported_files.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "formats/export_rows.h"
 #include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/progress.h"
@@ -23,10 +24,12 @@ namespace {
 
 struct Options {
   std::string file;
-  std::string table;
-  std::string folder;
+  std::optional<std::string> table;
+  std::optional<std::string> folder;
   FolderOptions folderOptions;
   bool byId = false;
+  RowTargets rows;
+  std::optional<std::string> after;
 };
 
 class Exporter {
@@ -182,18 +185,39 @@ std::string Exporter::summary() const {
          counted(bytesDone_, "byte", "bytes");
 }
 
+// Into a file of another program.
+int runRows(const Options& options) {
+  if (options.rows.count() > 1) {
+    throw wrongUsage("--sqlite, --parquet and --copy cannot be combined");
+  }
+  if (options.folder || options.byId || options.folderOptions.samePermissions) {
+    throw wrongUsage("--sqlite, --parquet and --copy write no folder: leave FOLDER out");
+  }
+  if (options.after && !options.table) throw wrongUsage("--after: name the TABLE, too");
+  exportRows({options.file, options.table, options.after}, options.rows,
+             {.overwrite = options.folderOptions.force,
+              .create_folders = options.folderOptions.parents,
+              .sync = !options.folderOptions.noSync});
+  return kDone;
+}
+
 int run(const Options& options) {
+  if (options.rows.count() != 0) return runRows(options);
+  if (options.after) throw wrongUsage("--after goes with --sqlite, --parquet or --copy");
+  if (!options.table || !options.folder) {
+    throw wrongUsage(std::string(options.table ? "FOLDER" : "TABLE") + " is required");
+  }
   if (options.folderOptions.samePermissions && ::geteuid() != 0) {
     throw wrongUsage("--same-permissions is for root: the umask limits all other users");
   }
   const Database database = openToRead(options.file);
-  const Table table = findTable(database, options.table);
+  const Table table = findTable(database, *options.table);
   std::optional<ImportedFiles> files;
   bool isUnreachable = false;
   if (!options.byId) files = readNames(database, table, &isUnreachable);
   FolderOptions folderOptions = options.folderOptions;
   folderOptions.database = options.file;
-  FolderWriter writer(options.folder, folderOptions);
+  FolderWriter writer(*options.folder, folderOptions);
   const bool hasAllNames = !isUnreachable && (!files || files->isWhole());
   Exporter exporter(database, table, std::move(files), writer, folderOptions.force);
   exporter.check();
@@ -209,9 +233,20 @@ int run(const Options& options) {
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
-  arguments.argument("TABLE", options->table, kTableHelp);
-  arguments.argument("FOLDER", options->folder,
-                     "The folder to write to. It is created if it does not exist.");
+  arguments.optionalArgument("TABLE", options->table,
+                             "A table: its name, or its identifier. With --sqlite, --parquet or "
+                             "--copy all tables unless it is given.");
+  arguments.optionalArgument("FOLDER", options->folder,
+                             "The folder to write to. It is created if it does not exist.");
+  arguments.option("--sqlite", "OUT", options->rows.sqlite,
+                   "Write the records into a new SQLite database instead.");
+  arguments.option("--parquet", "OUT", options->rows.parquet,
+                   "Write the records into a new Parquet file instead.");
+  arguments.option("--copy", "OUT", options->rows.copy,
+                   "Write the records as text for PostgreSQL's COPY instead; '-' is standard "
+                   "output.");
+  arguments.option("--after", "RECORD", options->after,
+                   "With these: only the records of TABLE that come after this one.");
   FolderOptions& folder = options->folderOptions;
   arguments.force(folder.force, "Replace files that exist in the folder.");
   arguments.parents(folder.parents);
@@ -229,7 +264,7 @@ Action define(Arguments& arguments) {
 
 extern const Command kExportCommand = {
     "export",
-    "write records back as files",
+    "write records as files, or for other databases",
     R"(Writes each record of a table to a file in a folder. What 'qvdb import' stored gets its name,
 permissions and time back, and its folders and symbolic links are created again; other records are
 named by their identifiers. Permissions that the umask forbids are left out. The database is only
@@ -245,11 +280,17 @@ Nothing is overwritten unless --force is given: if one file exists already, no f
 Nothing is ever written outside the folder: a name that would lead out of it counts as damage, and
 symbolic links in the folder are not followed.
 
+With --sqlite, --parquet or --copy the records become rows with the columns place (in the order of
+the table, from 1), table_name, id, created, modified and payload. --after leaves out what an
+earlier export has.
+
 Each file appears under its name when it is complete. Ctrl-C stops between two files. Only a
 process that is killed leaves a file .qvdb-....tmp, which you may delete.)",
     R"(qvdb export photos.qvd holiday /mnt/copy
 diff -r ~/Pictures/holiday /mnt/copy
-qvdb export --force photos.qvd holiday /mnt/copy)",
+qvdb export --force photos.qvd holiday /mnt/copy
+qvdb export --sqlite notes.sqlite notes.qvd
+qvdb export --parquet letters.parquet notes.qvd letters)",
     define,
 };
 
