@@ -17,8 +17,8 @@
 
 namespace qvdb {
 
-// What a part of a file is. SpaceUse has the sums of all but the last two under these names; the
-// sum of the last two is SpaceUse::unknown.
+// What a part of a file is. SpaceUse has the sums of most under these names; `torn` and `unknown`
+// make SpaceUse::unknown, and `intent` is part of SpaceUse::superseded.
 enum class ExtentUse {
   directory,   // header and slots
   record,      // the block of a record in use
@@ -30,6 +30,7 @@ enum class ExtentUse {
   orphan,      // a block of a table that the directory does not have
   torn,        // bytes that begin like a block
   unknown,     // bytes that begin like nothing
+  intent,      // what a transaction noted before it was carried out
 };
 
 // The word for it: "directory", "record", "table data", ...

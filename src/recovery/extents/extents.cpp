@@ -17,6 +17,7 @@ namespace {
 
 // What became of a block.
 ExtentUse useOf(const Survey& survey, const Block& block) {
+  if (survey.isIntent(block)) return ExtentUse::intent;
   if (survey.ownerSlot(block) == nullptr) return ExtentUse::orphan;
   switch (block.label) {
     case Label::live:
@@ -114,6 +115,8 @@ std::string_view to_string(ExtentUse use) noexcept {
       return "orphan";
     case ExtentUse::torn:
       return "torn";
+    case ExtentUse::intent:
+      return "intent";
     case ExtentUse::unknown:
       break;
   }

@@ -4,6 +4,7 @@
 #include <map>
 #include <random>
 
+#include "format/intent.h"
 #include "kit/database_fixture.h"
 
 namespace qvdbase::test {
@@ -40,7 +41,7 @@ void expectSumsOfTheCheck(const Bytes& file) {
   EXPECT_EQ(sums[ExtentUse::directory], space.directory);
   EXPECT_EQ(sums[ExtentUse::record], space.records);
   EXPECT_EQ(sums[ExtentUse::table_data], space.table_data);
-  EXPECT_EQ(sums[ExtentUse::superseded], space.superseded);
+  EXPECT_EQ(sums[ExtentUse::superseded] + sums[ExtentUse::intent], space.superseded);
   EXPECT_EQ(sums[ExtentUse::deleted], space.deleted);
   EXPECT_EQ(sums[ExtentUse::unlinked], space.unlinked);
   EXPECT_EQ(sums[ExtentUse::lost], space.lost);
@@ -73,6 +74,22 @@ TEST(Extents, NameEveryPartOfAFile) {
   EXPECT_TRUE(extents[2].is_table_data);
   EXPECT_EQ(extents[3].use, ExtentUse::unknown);
   EXPECT_EQ(extents[3].size, 8);
+  expectSumsOfTheCheck(file);
+}
+
+// The table of intents is in no directory: docs/format.md has its identifier.
+TEST(Extents, KnowTheIntentsOfTransactions) {
+  FileImage image;
+  const size_t table = image.addTable("notes", 0x11);
+  image.addRecord(table, 0xA1, bytesOf("first"));
+  RecordFields intent;
+  std::copy_n(format::kIntentTableID.begin(), 10, intent.tableID.begin());
+  intent.recordID = identifier(0xF1);
+  image.addDeadRecord(intent);
+  const Bytes file = image.build();
+  const auto extents = extentsOf(file);
+  ASSERT_EQ(extents.size(), 3u);
+  EXPECT_EQ(extents[2].use, ExtentUse::intent);
   expectSumsOfTheCheck(file);
 }
 

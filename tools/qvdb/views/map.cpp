@@ -25,7 +25,16 @@ constexpr uint64_t kMostCells = 1'000'000;
 constexpr size_t kCellsInALine = 64;
 
 // What a cell can show, in the order in which the legend lists it.
-enum Part : size_t { kDirectory, kLive, kReserve, kTableData, kSuperseded, kDeleted, kDamage };
+enum Part : size_t {
+  kDirectory,
+  kLive,
+  kReserve,
+  kTableData,
+  kSuperseded,
+  kDeleted,
+  kIntents,
+  kDamage
+};
 struct Look {
   char letter;
   const char* colour;  // of the terminal: the background of a cell
@@ -35,7 +44,7 @@ constexpr Look kLooks[] = {
     {'D', "\x1b[44m", "directory"},  {'#', "\x1b[42m", "live records"},
     {'+', "\x1b[46m", "reserve"},    {'T', "\x1b[45m", "table data"},
     {'s', "\x1b[43m", "superseded"}, {'x', "\x1b[100m", "deleted"},
-    {'!', "\x1b[41m", "damage"},
+    {'i', "\x1b[104m", "intents"},   {'!', "\x1b[41m", "damage"},
 };
 constexpr const char* kPlain = "\x1b[0m";
 using Bytes = std::array<uint64_t, std::size(kLooks)>;
@@ -52,6 +61,8 @@ Part partOf(ExtentUse use) {
       return kSuperseded;
     case ExtentUse::deleted:
       return kDeleted;
+    case ExtentUse::intent:
+      return kIntents;
     default:
       return kDamage;
   }
@@ -229,7 +240,7 @@ extern const Command kMapCommand = {
     "show what the bytes of a file are",
     R"(Divides the file into cells of one size and shows for each what most of its bytes are: the
 directory, live records, their reserve (capacity that no payload uses), table data, superseded
-(older versions), deleted, or damage (blocks that no chain leads to, torn ones, and bytes that are no
+(older versions), deleted, intents (of transactions), or damage (blocks that no chain leads to, torn ones, and bytes that are no
 block). A cell with any damage shows the damage. On a terminal cells are coloured, unless NO_COLOR
 is set; elsewhere they are letters. Then come the sums, of all bytes of the file.
 
