@@ -291,7 +291,7 @@ TEST(KeptPages, AnswerRightOrNotAtAllWithAnyByteChanged) {
     keys.emplace("key" + std::to_string(i), i);
   }
   const MemoryFile good = fileOf(pairs, keys);
-  for (size_t at = 0; at < good.bytes.size(); ++at) {
+  for (size_t at = 0; at < good.bytes.size(); at += 1 + random() % 4) {
     MemoryFile file = good;
     file.bytes[at] ^= static_cast<unsigned char>(1 + random() % 255);
     const auto pages = file.open();
