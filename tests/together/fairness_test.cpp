@@ -87,5 +87,26 @@ TEST_F(Fairness, AWriterWaitsForFewOperationsOfSharedWritersThatNeverRest) {
   end();
 }
 
+// They rest for a check, which would not find a moment between two changes.
+TEST_F(Fairness, ACheckFindsAFileSoundWhoseWritersNeverRest) {
+  for (const Mode mode : {Mode::exclusive, Mode::shared}) {
+    begin(mode, mode == Mode::shared ? 2 : 1);
+    {
+      ReplacedCalls slowly;
+      slowly->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
+        platform::hostSystemCalls().pause(30'000);
+        return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+      };
+      const qvdb::CheckReport report = qvdb::check(path(), {}, {.wait_milliseconds = 1});
+      EXPECT_EQ(report.state, qvdb::CheckState::sound);
+    }
+    end();
+    writers_.clear();
+    board_->isOver = false;
+    board_->looks = 0;
+    std::filesystem::remove(path());
+  }
+}
+
 }  // namespace
 }  // namespace qvdbase::test

@@ -11,10 +11,10 @@
 // takes time in proportion to the blocks and to the bytes that are not in use, and memory in
 // proportion to the blocks. No number in the file makes it take more.
 //
-// The file may be open elsewhere. A check beside a running writer, whose half-done work looks like
-// damage, is repeated and in the end reports in_use, whatever it finds. If the file changed even
-// during the last attempt, there are no findings; if it only was open for writing, they are
-// reported.
+// The file may be open elsewhere. A check that is disturbed by a writer is repeated; writers of the
+// C++ layer rest meanwhile, for two seconds at most. In the end it reports in_use if the file has
+// changed once more (there are no findings then), or if anything is found in a file that is open
+// for writing: that can be half-done work. docs/together.md says which writers never rest.
 #pragma once
 
 #include <qvdbase/base.h>

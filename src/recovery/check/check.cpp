@@ -3,12 +3,14 @@
 //
 // A file that is being written to shows, between two writes of one operation, states that are
 // damage when they last. So findings count only when the file did not change while it was read and
-// no other process has it open for writing; otherwise the check is repeated, and at last given up.
+// no other process has it open for writing; otherwise the check is repeated, while writers rest
+// (still_file.h), and at last given up.
 #include <qvdbase/qvdb/check.hpp>
 #include <qvdbase/qvdb/output_file.hpp>
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <thread>
 
 #include "platform/host/cancellation.h"
@@ -17,6 +19,7 @@
 #include "platform/transfer/plain_transfer.h"
 #include "recovery/check/findings.h"
 #include "recovery/check/parts.h"
+#include "recovery/check/still_file.h"
 #include "recovery/survey/completed_source.h"
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/survey.h"
@@ -29,6 +32,10 @@ namespace qvdb {
 namespace {
 
 using check::Check;
+
+// Writers do not rest for a check that takes longer than this: they wait for five seconds, unless
+// their program says otherwise.
+constexpr uint64_t kLongestLook = 2'000'000;  // microseconds
 
 struct Checked {
   CheckReport report;
@@ -153,7 +160,11 @@ class DescriptorSource : public ByteSource {
 CheckReport check(const std::filesystem::path& path, const FindingVisitor& visitor,
                   const CheckOptions& options) {
   const platform::Uncancelled uncancelled;
+  uint64_t length = 0;
   for (int attempt = 0;; ++attempt) {
+    std::optional<check::StillFile> still;
+    if (attempt > 0 && length < kLongestLook) still.emplace(path);
+    const uint64_t begin = platform::microsecondCounter();
     OpenedFile file(path, "check the database");
     file.watch();
     Checked checked = checkOnce(file.rawSource(), options);
@@ -161,6 +172,8 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
     // What was found can be work in progress.
     const bool isInProgress = checked.report.state != CheckState::sound && file.isLockedByOthers();
     const bool isDisturbed = hasChanged || isInProgress;
+    still.reset();
+    length = platform::microsecondCounter() - begin;
     if (!isDisturbed || attempt >= options.retries) {
       if (isDisturbed) checked.report.state = CheckState::in_use;
       // What was found while the file changed may be true of no state that it was ever in.

@@ -249,8 +249,9 @@ covers. Each finding has a severity (error: damage; warning: legal but dangerous
 information, with -v), a code, a place, the library calls that fail because of it, and what to do.
 The file is only read, and any file can be checked.
 
-A file that another process writes to meanwhile is read again, up to three times in all. Findings
-may be work in progress if it is still being changed then, or if another process has it open for
+A file that another process writes to meanwhile is read again, up to three times in all. Programs
+that use the C++ layer make no changes while it is read again, unless that takes more than two
+seconds. Findings may be work in progress if it is still being changed then, or if another process has it open for
 writing. Such findings are shown only with -v or --json, and the exit status is 4.
 
 docs/recovery.md says what to do about damage, symptom by symptom.)",
