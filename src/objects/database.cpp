@@ -25,6 +25,8 @@
 #include "objects/sharing/waiting.h"
 #include "objects/walks/chain_ends.h"
 #include "platform/handles/current_name.h"
+#include "platform/handles/file_views.h"
+#include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
 #include "platform/handles/sync.h"
 #include "platform/host/cancellation.h"
@@ -85,13 +87,50 @@ void completeTransactions(const std::shared_ptr<OpenDatabase>& database) {
   handle::completeIntents(operation.db(), database->path, kOpen);
 }
 
+// Keeps what a database has announced to writers while it is closed and opened again. Where its
+// name still leads to the same file, these know of it all the time.
+class KeptAnnouncement {
+ public:
+  void keep(const OpenDatabase& database) {
+    if (!database.isAnnounced || database.forkDepth != platform::forkDepth()) return;
+    if (!platform::openView(database.handle, &view_)) return;
+    isAnnounced_ = platform::announceReader(view_);
+    announcedAt_ = database.announcedAt;
+    mayMissChanges_ = database.mayMissChanges;
+  }
+  ~KeptAnnouncement() {
+    if (isAnnounced_) platform::withdrawReader(view_);
+    if (view_ != 0) platform::closeFile(view_);
+  }
+  KeptAnnouncement() = default;
+  KeptAnnouncement(const KeptAnnouncement&) = delete;
+  KeptAnnouncement& operator=(const KeptAnnouncement&) = delete;
+
+  void passTo(OpenDatabase& database) const {
+    if (!isAnnounced_ || !database.isAnnounced) return;
+    const platform::Turn turn(database.handle);
+    const auto* kept = platform::findOpenFile(view_)->entry;
+    if (platform::findOpenFile(database.handle)->entry != kept->source) return;
+    database.announcedAt = announcedAt_;
+    database.mayMissChanges = mayMissChanges_;
+  }
+
+ private:
+  int16_t view_ = 0;
+  bool isAnnounced_ = false;
+  uint64_t announcedAt_ = 0;
+  bool mayMissChanges_ = false;
+};
+
 // The file that has the name of this one now, which may be closed.
-std::shared_ptr<OpenDatabase> openAgain(const OpenDatabase& database) {
+std::shared_ptr<OpenDatabase> openAgain(const OpenDatabase& database,
+                                        const KeptAnnouncement& announcement) {
   auto state = std::make_shared<OpenDatabase>();
   state->path = database.path;
   state->place = database.place;
   state->mode = database.mode;
   openFileOf(*state, database.place, kOpen);
+  announcement.passTo(*state);
   requireDirectory(state);
   completeTransactions(state);
   return state;
@@ -304,6 +343,7 @@ void Database::reopen() {
   OpenDatabase& reopened = state();
   const platform::Uncancelled uncancelled;
   detail::writeKeptBeforeClose(state_);
+  KeptAnnouncement announcement;
   {
     const detail::DatabaseTurn turn(reopened);
     reopened.discardBulk();
@@ -312,10 +352,13 @@ void Database::reopen() {
     ++reopened.changes;
     detail::markIndexesStale(reopened);
     detail::forgetKeys(reopened);
-    if (reopened.handle != 0) reopened.close();
+    if (reopened.handle != 0) {
+      announcement.keep(reopened);
+      reopened.close();
+    }
   }
   const std::shared_ptr<OpenDatabase> opened =
-      detail::whileInUse(reopened.wait, [&] { return openAgain(reopened); });
+      detail::whileInUse(reopened.wait, [&] { return openAgain(reopened, announcement); });
   reopened.takeOver(*opened);
   const detail::DatabaseTurn turn(reopened);
   detail::attachCache(reopened);

@@ -307,6 +307,23 @@ TEST_F(LooksTest, AReaderOfADatabaseThatHasWaitedDoesNotWaitAgain) {
   EXPECT_EQ(pauses.microseconds(), before);
 }
 
+TEST_F(LooksTest, ADatabaseThatIsOpenedAgainDoesNotWaitAgainUnlessItsFileIsAnother) {
+  read();
+  table_->count();
+  const Pauses pauses([this] { EXPECT_TRUE(isAnnounced()); });
+  database_->reopen();
+  table_->count();
+  EXPECT_EQ(pauses.microseconds(), 0u);
+  ASSERT_EQ(other_.close(there_), 1);
+  std::filesystem::copy_file(path(), path("copy"));
+  std::filesystem::rename(path("copy"), path());
+  there_ = other_.open(folder.wide(kDefaultFile), 4);
+  database_->reopen();
+  EXPECT_GE(pauses.microseconds(), 20'000u);
+  database_->close();
+  EXPECT_FALSE(isAnnounced());
+}
+
 TEST_F(LooksTest, WhereLocksDoNotWorkAReaderReadsOnWithoutThem) {
   RecordedCalls host;
   host.failFrom(Call::lock, 0, ENOLCK);
