@@ -94,7 +94,7 @@ TEST_F(Fairness, ACheckFindsAFileSoundWhoseWritersNeverRest) {
     {
       ReplacedCalls slowly;
       slowly->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
-        platform::hostSystemCalls().pause(30'000);
+        platform::hostSystemCalls().pause(5'000);
         return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
       };
       const qvdb::CheckReport report = qvdb::check(path(), {}, {.wait_milliseconds = 1});
