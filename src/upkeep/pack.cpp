@@ -11,6 +11,7 @@
 #include "format/Aliment8.h"
 #include "format/category.h"
 #include "handle/database_handle.h"
+#include "handle/open_intents.h"
 #include "maintenance/pack_steps.h"
 #include "platform/handles/descriptor_path.h"
 #include "platform/host/cancellation.h"
@@ -62,6 +63,12 @@ class Packing {
         target_(differing(operation, source, target), operation, rulesOf(options)),
         nativeTarget_(nativePath(target_.makePrivateFolder(), operation)),
         isForced_(options.force) {
+    if (hasOpenIntents(database_.number())) {
+      throwError(
+          source, operation, Reason::in_use,
+          "transactions in it are committed and not in place yet: end the program that makes "
+          "them; where it has ended, 'qvdb mend' completes them");
+    }
     // What the library cannot open is not written either.
     static_cast<void>(nativePath(resolved(target, operation), operation));
   }

@@ -119,6 +119,21 @@ TEST_F(OpeningAfterACrash, IsNotNeededToCheckOrToCopy) {
   EXPECT_EQ(contents(), crashed);
 }
 
+TEST_F(OpeningAfterACrash, IsNeededToPack) {
+  const Bytes crashed = contents();
+  try {
+    static_cast<void>(qvdb::pack(path(), path("packed.qvd")));
+    ADD_FAILURE() << "packed";
+  } catch (const qvdb::Error& error) {
+    EXPECT_EQ(error.reason(), qvdb::Reason::in_use) << error.what();
+  }
+  EXPECT_EQ(contents(), crashed);
+  EXPECT_FALSE(std::filesystem::exists(path("packed.qvd")));
+  static_cast<void>(qvdb::mend(path()));
+  static_cast<void>(qvdb::pack(path(), path("packed.qvd")));
+  EXPECT_EQ(readDatabase(contents("packed.qvd")).tables.at(0).records.size(), 2u);
+}
+
 TEST_F(OpeningAfterACrash, LeavesIntentsThatCheckKnows) {
   qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
   EXPECT_EQ(codesOf(path()), (std::set<std::string>{"S7", "X1"}));
