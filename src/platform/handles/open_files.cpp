@@ -85,6 +85,7 @@ bool openEntry(FileEntry* entry, Sharing sharing, int16_t* file) {
   openFile->sharing = sharing;
   openFile->opener = thisThread();
   openFile->mirror = nullptr;
+  openFile->stage = nullptr;
   std::atomic_ref(openFile->turn).store(entry->turn, std::memory_order_release);
   *file = number;
   return true;
@@ -111,6 +112,7 @@ bool closeFile(int16_t file) {
   const Sharing sharing = openFile->sharing;
   forgetTransfers(entry);
   openFile->mirror = nullptr;
+  openFile->stage = nullptr;
   if (sharing == Sharing::exclusive) dropMirror(entry);  // others may write to it from now on
   {
     const SharedLock lock(Shared::handles);

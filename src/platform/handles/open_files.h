@@ -9,6 +9,8 @@
 
 namespace qvdbase::platform {
 
+class Stage;
+
 // The bytes from which the next read through a file number can be served without further
 // questions: the window used last, for the number that used it, while its file has no gathered
 // writes. Outside a scope, and after anything else that could make it wrong, it holds no bytes. It
@@ -41,6 +43,7 @@ struct alignas(64) OpenFile {
   FileTurn* turn;      // the entry's, also for those who do not have it: see Turn
   const void* opener;  // the thread that has opened it
   Mirror* mirror;      // by which its transfers are served at present, or null
+  Stage* stage;        // that takes its writes at present, or null; see transfer/stage.h
 
   bool isWritable() const { return sharing != Sharing::none; }
 };

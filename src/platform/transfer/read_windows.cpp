@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "platform/transfer/plain_transfer.h"
+#include "platform/transfer/stage.h"
 
 namespace qvdbase::platform {
 namespace {
@@ -86,6 +87,12 @@ const ReadWindow* ReadWindows::refill(ReadWindow& window, const FileEntry* file,
                  window.bytes + window.length, window.size - window.length);
     if (got <= 0) break;
     window.length += static_cast<size_t>(got);
+  }
+  if (stage_ != nullptr) {
+    // What others have appended meanwhile is not what the stage has there.
+    const int64_t most = std::max<int64_t>(stage_->inFile() - window.start, 0);
+    window.length = static_cast<size_t>(std::min(static_cast<int64_t>(window.length), most));
+    stage_->layOver(window.start, window.bytes, window.length);
   }
   end_ = std::max(end_, window.start + static_cast<int64_t>(window.length));
   window.lastUsed = ++fillings_;

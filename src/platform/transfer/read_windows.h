@@ -16,6 +16,8 @@
 
 namespace qvdbase::platform {
 
+class Stage;
+
 struct ReadWindow {
   const FileEntry* entry = nullptr;  // null while the window holds nothing
   int64_t start = 0;
@@ -46,6 +48,9 @@ class ReadWindows {
     uint8_t bytes[kCount][kLargest];
   };
   void useBuffers(Buffers* buffers) { buffers_ = buffers; }
+
+  // What is laid over the bytes of windows that are filled from now on, or null.
+  void useStage(const Stage* stage) { stage_ = stage; }
 
   // The window that holds all of a read, or null.
   const ReadWindow* find(const FileEntry* file, int64_t position, size_t count) const;
@@ -81,6 +86,7 @@ class ReadWindows {
   int64_t end_ = 0;  // no window, of whatever file, has bytes from here on
   uint64_t fillings_ = 0;
   Buffers* buffers_ = nullptr;
+  const Stage* stage_ = nullptr;
 };
 
 }  // namespace qvdbase::platform

@@ -10,6 +10,7 @@
 #include "platform/transfer/call_buffers.h"
 #include "platform/transfer/mirror.h"
 #include "platform/transfer/plain_transfer.h"
+#include "platform/transfer/stage.h"
 #include "platform/transfer/transfer_counts.h"
 
 namespace qvdbase::platform {
@@ -135,16 +136,84 @@ const ReadWindow* windowFor(const OpenFile& file, int64_t position, size_t count
   call.serveFromNothing();
   *refused = mustFlush && !call.flush();
   if (*refused) return nullptr;
+  call.windows.useStage(file.stage);
   const ReadWindow* window = call.windows.obtain(entry, position, count);
   assert(call.windowsAgree() && "a window was filled with what gathered writes change");
   if (window != nullptr && !call.gathered.hold(entry)) call.serveFrom(file, *window);
   return window;
 }
 
-size_t readNow(const OpenFile& file, void* buffer, size_t count) {
+size_t readNow(const OpenFile& file, int64_t position, void* buffer, size_t count) {
   bool failed = false;
-  const size_t done = readPlain(file.descriptor, file.position, buffer, count, &failed);
+  const size_t done = readPlain(file.descriptor, position, buffer, count, &failed);
   if (failed) noteHostFailure();
+  return done;
+}
+
+// A part of a read that is all in the file, or all in the memory of a stage. Returns its length.
+size_t readStagedPart(const OpenFile& file, int64_t position, uint8_t* buffer, size_t count) {
+  CallState& call = callState();
+  const Stage& stage = *file.stage;
+  const Stage::InMemory run = stage.runAt(position);
+  if (run.bytes != nullptr) {
+    const auto offset = static_cast<size_t>(position - run.start);
+    const size_t part = std::min(count, run.length - offset);
+    std::memcpy(buffer, run.bytes + offset, part);
+    if (call.isInScope()) call.serveFrom(file, run.start, run.length, run.bytes);
+    return part;
+  }
+  if (position >= stage.inFile()) return 0;
+  const auto inFile = static_cast<uint64_t>(stage.inFile() - position);
+  const auto part = static_cast<size_t>(std::min<uint64_t>(count, inFile));
+  bool refused = false;
+  const ReadWindow* window = call.isInScope() ? windowFor(file, position, part, &refused) : nullptr;
+  if (refused) return 0;
+  if (window != nullptr && window->holds(file.entry, position, part)) {
+    std::memcpy(buffer, window->at(position), part);
+    return part;
+  }
+  const size_t done = readNow(file, position, buffer, part);
+  stage.layOver(position, buffer, done);
+  return done;
+}
+
+size_t readStaged(const OpenFile& file, void* buffer, size_t count) {
+  size_t done = 0;
+  while (done < count) {
+    const size_t part = readStagedPart(file, file.position + static_cast<int64_t>(done),
+                                       static_cast<uint8_t*>(buffer) + done, count - done);
+    if (part == 0) break;
+    done += part;
+  }
+  return done;
+}
+
+// A view needs all of its bytes in one place.
+const uint8_t* viewStaged(const OpenFile& file, int64_t position, uint32_t count) {
+  const Stage& stage = *file.stage;
+  const Stage::InMemory run = stage.runAt(position);
+  if (run.bytes != nullptr) {
+    const auto offset = static_cast<size_t>(position - run.start);
+    if (count > run.length - offset) return nullptr;
+    callState().serveFrom(file, run.start, run.length, run.bytes);
+    return run.bytes + offset;
+  }
+  if (position > stage.inFile() - static_cast<int64_t>(count)) return nullptr;
+  bool refused = false;
+  const ReadWindow* window = windowFor(file, position, count, &refused);
+  if (window == nullptr || !window->holds(file.entry, position, count)) return nullptr;
+  return window->at(position);
+}
+
+size_t writeStaged(const OpenFile& file, const void* buffer, size_t count) {
+  CallState& call = callState();
+  if (call.isInScope() && call.hasFailed()) return 0;
+  call.serveFromNothing();
+  const ReadWindow* known = call.windows.find(file.entry, file.position, count);
+  const uint8_t* before = known != nullptr ? known->at(file.position) : nullptr;
+  const size_t done =
+      file.stage->write(file, file.position, static_cast<const uint8_t*>(buffer), count, before);
+  call.windows.overwrite(file.entry, file.position, buffer, done);
   return done;
 }
 
@@ -158,7 +227,7 @@ size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
   if (refused) return 0;
   // Too much for a window, or not all in it: what was asked for may still be there.
   if (window == nullptr || !window->holds(file.entry, file.position, count)) {
-    return readNow(file, buffer, count);
+    return readNow(file, file.position, buffer, count);
   }
   std::memcpy(buffer, window->at(file.position), count);
   return count;
@@ -233,6 +302,7 @@ size_t writeOutsideScope(const OpenFile& file, const void* buffer, size_t count)
 
 const uint8_t* detail::viewElsewhere(const OpenFile& file, int64_t position, uint32_t count) {
   if (!callState().isInScope() || count == 0 || position < 0) return nullptr;
+  if (file.stage != nullptr) return viewStaged(file, position, count);
   bool refused = false;
   if (const uint8_t* bytes = mirrored(file, position, count, &refused)) return bytes;
   const ReadWindow* window = refused ? nullptr : windowFor(file, position, count, &refused);
@@ -244,8 +314,9 @@ bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_
   assert(!isTurnOfAnother(*file.turn) && "a file is read out of turn");
   *moved = 0;
   if (count == 0) return true;
-  const size_t done =
-      callState().isInScope() ? readInScope(file, buffer, count) : readNow(file, buffer, count);
+  const size_t done = file.stage != nullptr     ? readStaged(file, buffer, count)
+                      : callState().isInScope() ? readInScope(file, buffer, count)
+                                                : readNow(file, file.position, buffer, count);
   file.position += static_cast<int64_t>(done);
   *moved = static_cast<uint32_t>(done);
   return done == count;
@@ -254,8 +325,9 @@ bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_
 void readAhead(const OpenFile& file, int64_t position, uint32_t count) {
   CallState& call = callState();
   if (!call.isInScope() || call.gathered.hold(file.entry)) return;
-  if (isMirrored(file, position, count)) return;
+  if (file.stage == nullptr && isMirrored(file, position, count)) return;
   call.serveFromNothing();
+  call.windows.useStage(file.stage);
   const ReadWindow* window = call.windows.fill(file.entry, position, count);
   if (window != nullptr) call.serveFrom(file, *window);
 }
@@ -265,8 +337,9 @@ bool writeAtPosition(OpenFile& file, const void* buffer, uint32_t count, uint32_
   *moved = 0;
   if (!file.isWritable()) return false;
   if (count == 0) return true;
-  const size_t done = callState().isInScope() ? writeInScope(file, buffer, count)
-                                              : writeOutsideScope(file, buffer, count);
+  const size_t done = file.stage != nullptr     ? writeStaged(file, buffer, count)
+                      : callState().isInScope() ? writeInScope(file, buffer, count)
+                                                : writeOutsideScope(file, buffer, count);
   file.position += static_cast<int64_t>(done);
   *moved = static_cast<uint32_t>(done);
   return done == count;
@@ -276,12 +349,17 @@ bool writeAfterGap(OpenFile& file, uint32_t gap, const void* buffer, uint32_t co
                    uint32_t* moved) {
   constexpr int64_t kLargestPosition = std::numeric_limits<int64_t>::max();
   if (file.position > kLargestPosition - static_cast<int64_t>(gap)) return false;
-  if (callState().isInScope() && file.isWritable()) gatherGap(file, gap, count);
+  if (file.stage == nullptr && callState().isInScope() && file.isWritable())
+    gatherGap(file, gap, count);
   file.position += static_cast<int64_t>(gap);
   return writeAtPosition(file, buffer, count, moved);
 }
 
 bool fileLength(const OpenFile& file, int64_t* length) {
+  if (file.stage != nullptr) {
+    *length = file.stage->length();
+    return true;
+  }
   if (callState().gathered.hold(file.entry) && !callState().flush()) return false;
   *length = file.mirror != nullptr ? file.mirror->length() : -1;
   if (*length < 0) *length = systemCalls().lengthOf(file.descriptor);
