@@ -46,4 +46,5 @@
 #include <qvdbase/qvdb/record.hpp>
 #include <qvdbase/qvdb/salvage.hpp>
 #include <qvdbase/qvdb/table.hpp>
+#include <qvdbase/qvdb/transaction.hpp>
 #include <qvdbase/qvdb/writer.hpp>

@@ -73,6 +73,10 @@ class RecordBatch {
 
   uint32_t taken() const { return taken_; }
 
+  // What it has written, or tried to.
+  int64_t firstByte() const { return appended_.from; }
+  int64_t endByte() const { return appended_.end; }
+
   // Where the block of the record is, or will be, that was added last.
   int64_t lastBlock() const { return added_.last; }
 

@@ -7,12 +7,14 @@
 
 #include <qvdbase/qvdbase.h>
 
+#include <algorithm>
 #include <cassert>
 
 #include "QVDbase/position.h"
 #include "format/block_parts.h"
 #include "format/payload_checksum.h"
 #include "platform/host/clock.h"
+#include "platform/host/memory.h"
 
 using namespace qvdbase;
 using namespace qvdbase::format;
@@ -54,6 +56,21 @@ bool appendMovedProtected(int16_t db, const tablePart1& slot, recordPart1* heade
   unsigned char sum[checksum::kSize];
   encodeChecksum(identity, hash.of(identity), sum);
   return appendMoved(db, slot, header, payload, sum, newRecordPos);
+}
+
+bool copyBytes(int16_t db, int64_t from, int64_t to, int64_t count) {
+  constexpr int64_t kPiece = int64_t{256} << 10;
+  platform::Buffer piece(static_cast<size_t>(std::min(count, kPiece)));
+  if (!piece) return false;
+  for (int64_t done = 0; done < count;) {
+    const auto part = static_cast<uint32_t>(std::min(count - done, kPiece));
+    if (myFileSeek(db, from + done, kFromStart) != 0 || !readBytes(db, piece.data(), part) ||
+        myFileSeek(db, to + done, kFromStart) != 0 || !writeBytes(db, piece.data(), part)) {
+      return false;
+    }
+    done += part;
+  }
+  return true;
 }
 
 bool relinkPredecessor(int16_t db, FoundRecord* found, int64_t newRecordPos) {
@@ -133,6 +150,20 @@ bool overwritePartAt(int16_t db, int64_t recordPos, uint32_t offset, const unsig
          // unreached: own position
          myFileSeek(db, recordPos + record::kData + offset, kFromStart) == 0 &&
          writeBytes(db, bytes, count);
+}
+
+bool moveRecord(int16_t db, FoundRecord* found, int64_t* newRecordPos) {
+  if (myFileSeek(db, 0, kFromEnd) != 0) return false;
+  *newRecordPos = myGetFilePos(db);
+  const int64_t size = int64_t{found->header.dataCapacity} + kRecordBlockOverhead;
+  // A capacity that reaches beyond the file is no reason to make the file as long as that.
+  if (size > *newRecordPos - found->recordPos) return false;
+  if (!copyBytes(db, found->recordPos, *newRecordPos, size) ||
+      !relinkPredecessor(db, found, *newRecordPos) || !relinkSuccessor(db, found, *newRecordPos)) {
+    return false;
+  }
+  found->recordPos = *newRecordPos;
+  return true;
 }
 
 bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload, uint32_t size,

@@ -24,6 +24,10 @@ namespace qvdbase::engine {
 [[nodiscard]] bool relocateRecord(int16_t db, FoundRecord* found, const unsigned char* payload,
                                   uint32_t size, int64_t* newRecordPos, bool isProtected = false);
 
+// Appends a copy of a record's block, byte for byte, and puts it into the chain in the old one's
+// place. *found is the record at its new place then.
+[[nodiscard]] bool moveRecord(int16_t db, FoundRecord* found, int64_t* newRecordPos);
+
 // Writes over part of the payload of a record that was found, and its modifyTime first. The caller
 // has made sure that the record's dataLength covers the part.
 [[nodiscard]] bool overwritePart(int16_t db, int64_t recordPos, uint32_t offset,

@@ -40,6 +40,7 @@ using Shared = std::shared_ptr<OpenDatabase>;
 survey::OpenedFile opened(const Shared& database) {
   const Operation operation(database, kOperation);
   operation.requireNoBulk();
+  operation.requireNoTransaction();
   return survey::OpenedFile(operation.db(), operation.database().path, kOperation);
 }
 
@@ -149,6 +150,7 @@ class Backup {
   void withoutWriters(const Body& body) {
     const Operation operation(database_, kOperation);
     operation.requireNoBulk();
+    operation.requireNoTransaction();
     if (!operation.database().readsBesideWriters()) return body();
     const detail::Look look(operation);
     body();

@@ -39,6 +39,7 @@ void requireCompactable(const Operation& operation) {
   const OpenDatabase& database = operation.database();
   operation.requireWritable();
   operation.requireNoBulk();
+  operation.requireNoTransaction();
   const auto* file = platform::findOpenFile(operation.db());
   if (file->sharing != platform::Sharing::exclusive) {
     operation.fail(Reason::bad_argument, "others may write to it; open it exclusively");

@@ -23,6 +23,7 @@
 #include "objects/sharing/looks.h"
 #include "objects/sharing/turns.h"
 #include "objects/sharing/waiting.h"
+#include "objects/transactions/transaction_steps.h"
 #include "objects/walks/chain_ends.h"
 #include "platform/handles/current_name.h"
 #include "platform/handles/file_views.h"
@@ -183,7 +184,7 @@ Database::~Database() {
   const detail::KeptHeld held(*state_);
   const detail::DatabaseTurn turn(*state_);
   if (state_->handle == 0) return;
-  state_->discardBulk();
+  state_->takeBackOpen();
   state_->close();
 }
 
@@ -283,12 +284,20 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
     failure::throwError(path, kOpen, Reason::bad_argument,
                         "only a database that is opened exclusively can have a cache");
   }
+  if (options.durability != Durability::process && options.mode != Mode::exclusive) {
+    failure::throwError(path, kOpen, Reason::bad_argument,
+                        "only of a database that is opened exclusively can each operation be on "
+                        "the device when it returns");
+  }
   const platform::Uncancelled uncancelled;
   return detail::whileInUse(options.wait, [&] {
     Database database =
         options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
     database.state_->wait = options.wait;
     database.state_->checksums = options.checksums;
+    if (options.durability == Durability::power) {
+      database.state_->transactions.durability = intents::Durability::power;
+    }
     if (options.cache != 0) detail::holdCache(Operation(database.state_, kOpen), options.cache);
     if (options.check) {
       const Operation operation(database.state_, kOpen);
@@ -322,7 +331,7 @@ void Database::close() {
   const detail::KeptHeld held(*state_);
   const detail::DatabaseTurn turn(*state_);
   if (state_->handle == 0) return;
-  state_->discardBulk();
+  state_->takeBackOpen();
   if (state_->close() != 0) return;
   constexpr const char* kOperation = "close the database";
   failure::throwError(state_->path, kOperation, Reason::cannot_write,
@@ -346,7 +355,7 @@ void Database::reopen() {
   KeptAnnouncement announcement;
   {
     const detail::DatabaseTurn turn(reopened);
-    reopened.discardBulk();
+    reopened.takeBackOpen();
     reopened.opened = ++reopened.opening;
     reopened.moves = {};
     ++reopened.changes;
@@ -394,13 +403,19 @@ DatabaseInfo Database::info() const {
 }
 
 void Database::set_version(uint16_t version) {
-  const Operation operation(state_, "set the version");
+  constexpr const char* kSetVersion = "set the version";
+  const Operation operation(state_, kSetVersion);
   if (!isUsableVersion(version)) {
     operation.fail(Reason::bad_argument, "a version lies between 100 and 199");
   }
   operation.requireWritable();
+  operation.requireNoTransaction();
   const detail::ChangeTurn turn(operation);
   if (SetDBaseVersion(operation.db(), version) != 1) operation.failedWrite(0);
+  if (state_->transactions.durability == intents::Durability::process) return;
+  if (!platform::syncFile(operation.db())) {
+    operation.fail(Reason::cannot_write, "the system reports a failure");
+  }
 }
 
 void Database::keep_indexes() {

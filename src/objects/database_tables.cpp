@@ -15,6 +15,7 @@
 #include "objects/open_database.h"
 #include "objects/sharing/looks.h"
 #include "objects/sharing/turns.h"
+#include "objects/transactions/own_commit.h"
 
 using namespace qvdbase;
 
@@ -26,6 +27,7 @@ using engine::SavedPosition;
 namespace {
 
 constexpr const char* kFind = "find the table";
+constexpr const char* kAddTable = "add the table";
 
 bool findNamed(const Operation& operation, std::string_view name, tablePart1* slot) {
   return operation.findSlot(
@@ -156,7 +158,11 @@ Table Database::add_table(std::string_view name) {
 }
 
 Table Database::addNew(const NewTable& table) {
-  const Operation operation(state_, "add the table");
+  return detail::committed(state_, kAddTable, [&] { return addTable(table); });
+}
+
+Table Database::addTable(const NewTable& table) {
+  const Operation operation(state_, kAddTable);
   const std::string& name = table.name;
   requireName(operation, name);
   if (table.id && table.id->value == 0) {
@@ -167,6 +173,7 @@ Table Database::addNew(const NewTable& table) {
   const detail::ChangeTurn turn(operation);
   requireFreeSlot(operation);
   if (table.id) requireNewTable(operation, *table.id);
+  if (operation.stage() != nullptr) state_->transactions.open->hasNewTables = true;
   unsigned char tableID[format::kIdentifierSize];
   if (table.id) internal_ConvertInt64_2UuID(table.id->value, tableID);
   const uint64_t id = engine::addTable(operation.db(), name.c_str(),

@@ -8,10 +8,12 @@
 #include <limits>
 #include <utility>
 
+#include "QVDbase/directory_cache.h"
 #include "failure/failure.h"
 #include "format/layout.h"
 #include "handle/database_handle.h"
 #include "objects/sharing/looks.h"
+#include "objects/transactions/transaction_steps.h"
 #include "objects/writing/bulk.h"
 #include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
@@ -20,6 +22,7 @@
 #include "platform/host/clock.h"
 #include "platform/host/host_failure.h"
 #include "platform/transfer/mirror.h"
+#include "platform/transfer/stage.h"
 #include "platform/transfer/transfer.h"
 
 using namespace qvdbase;
@@ -54,6 +57,7 @@ int64_t OpenDatabase::placeNow(int64_t position, uint32_t foundIn) const {
 int OpenDatabase::continueWith(int16_t made, std::vector<upkeep::Move> moved) noexcept {
   const int16_t closed = handle;
   const platform::Turn turn(made);
+  transactions.log.reset();  // it is of the file that is closed
   platform::stopWaitingForTurn(closed, this);
   platform::beginChange(closed);
   compacted = opening;
@@ -66,6 +70,10 @@ int OpenDatabase::continueWith(int16_t made, std::vector<upkeep::Move> moved) no
 }
 
 int OpenDatabase::close() noexcept {
+  if (opener.isStillOwn()) static_cast<void>(settleAtEnd(*this));
+  transactions.log.reset();
+  transactions.openNumber = 0;  // only in a child, which has it from its parent
+  transactions.open.reset();
   unplaced.reset();  // removes the file, while no other opener can have begun to use it
   withdraw(*this);
   isBesideWriters = false;
@@ -83,8 +91,9 @@ int OpenDatabase::close() noexcept {
   return CloseDBase(closed);
 }
 
-void OpenDatabase::discardBulk() noexcept {
+void OpenDatabase::takeBackOpen() noexcept {
   if (bulk != nullptr) bulk->discard();
+  rollBack(*this);
 }
 
 namespace {
@@ -128,7 +137,7 @@ void DatabaseTurn::takeAnew(const OpenDatabase& database) {
   }
 }
 
-Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name)
+Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* name, Sees sees)
     : database_(databaseOf(database, name)),
       name_(name),
       turn_(database_),
@@ -136,11 +145,57 @@ Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* 
       opening_(database_.opening) {
   platform::forgetHostFailure();
   if (db_ == 0) fail(Reason::not_open, "it was closed");
+  if (database_.transactions.open != nullptr) {
+    if (sees != Sees::fileAtOnce) waitForTransaction();
+    if (sees == Sees::transaction) enterTransaction();
+  }
   if (database_.forkDepth != platform::forkDepth()) separateFromParent(*this);
-  if (database_.cacheHolders != 0) usesMirror_ = platform::useMirror(db_);
+  if (database_.cacheHolders != 0 && stage() == nullptr) usesMirror_ = platform::useMirror(db_);
+}
+
+// In a process made by fork there is none: its parent has it.
+void Operation::waitForTransaction() const {
+  const Transactions& transactions = database_.transactions;
+  while (transactions.open != nullptr && transactions.open->maker.isStillOwn() &&
+         !transactions.open->isOfThisThread()) {
+    const uint32_t endings = transactions.endings;
+    {
+      const platform::TurnPause pause;
+      const platform::Uncancelled uncancelled;
+      transactions.endings.wait(endings);
+    }
+    const bool isSame = database_.handle == db_ && database_.opening == opening_;
+    if (!isSame) fail(Reason::not_open, "it was closed meanwhile");
+  }
+}
+
+// The numbers in the directory cache are those of the file for everybody else.
+void Operation::enterTransaction() {
+  const OpenTransaction* open = database_.transactions.open.get();
+  if (open == nullptr || !open->isOfThisThread()) return;
+  usesStage_ = platform::useStage(db_, open->stage.get());
+  if (usesStage_ && open->hasNewTables) engine::dropDirectoryEntry(db_);
 }
 
 // The database may have been closed within the operation.
+void Operation::leaveStage() const {
+  if (database_.handle != db_) return;
+  platform::leaveStage(db_);
+  const OpenTransaction* open = database_.transactions.open.get();
+  if (open != nullptr && open->hasNewTables) engine::dropDirectoryEntry(db_);
+}
+
+platform::Stage* Operation::stage() const {
+  const auto* file = platform::findOpenFile(db_);
+  return file != nullptr ? file->stage : nullptr;
+}
+
+bool Operation::isKept(int64_t position) const {
+  const platform::Stage* stage = this->stage();
+  return stage != nullptr && position < stage->inFile();
+}
+
+// Likewise.
 void Operation::leaveMirror() const {
   if (database_.handle == db_) platform::leaveMirror(db_);
 }
@@ -188,6 +243,11 @@ ErrorDetails Operation::details(std::optional<uint64_t> recordNumber) const {
   known.table = tableName();
   known.record_number = recordNumber;
   return known;
+}
+
+void Operation::requireNoTransaction() const {
+  if (stage() == nullptr) return;
+  fail(Reason::bad_argument, "a transaction is open on it; commit it or roll it back first");
 }
 
 void Operation::requireWritable() const {

@@ -27,6 +27,7 @@
 #include "format/layout.h"
 #include "objects/indexes/noted_changes.h"
 #include "objects/published.h"
+#include "objects/transactions/open_transaction.h"
 #include "platform/handles/turns.h"
 #include "platform/host/process_mark.h"
 #include "products/target_file.h"
@@ -95,6 +96,8 @@ struct OpenDatabase {
   // Whether records that are added get a checksum: of all tables, and of those that say otherwise.
   bool checksums = false;
   std::vector<std::pair<Id, bool>> tableChecksums;
+  // See transactions/open_transaction.h.
+  Transactions transactions;
   // The batch that is open, of an appender or a writer, or null; see bulk.h.
   Bulk* bulk = nullptr;
   // Of a database that has not got its name yet; see Database::place().
@@ -137,8 +140,9 @@ struct OpenDatabase {
     return static_cast<uint64_t>(std::min(milliseconds, INT64_MAX / 1'000)) * 1'000;
   }
 
-  // To be called before the handle is closed: discards the batch that is open.
-  void discardBulk() noexcept;
+  // To be called before the handle is closed: takes back the batch and the transaction that are
+  // open.
+  void takeBackOpen() noexcept;
 };
 
 // Whether it says that something in the file is wrong or missing, as far as it could be read.
@@ -166,16 +170,22 @@ class DatabaseTurn {
   std::optional<qvdbase::platform::Turn> turn_;
 };
 
+// What an operation sees in a transaction of its thread: what that has made of the file, or the
+// file; and the latter also without waiting for the transaction of another thread.
+enum class Sees : uint8_t { transaction, file, fileAtOnce };
+
 // One operation on an open database, in its turn: what its errors name. `name` is a literal that
 // follows "cannot ". Its transfers are made within a SavedPosition.
 class Operation {
  public:
   // Throws not_open when there is no database, or a closed one; opened_elsewhere in a child process
   // that got it by fork and cannot read it by itself. What the host answered to earlier operations
-  // is forgotten.
-  Operation(const std::shared_ptr<OpenDatabase>& database, const char* name);
+  // is forgotten. Waits while another thread has a transaction open.
+  Operation(const std::shared_ptr<OpenDatabase>& database, const char* name,
+            Sees sees = Sees::transaction);
   ~Operation() {
     if (usesMirror_) leaveMirror();
+    if (usesStage_) leaveStage();
   }
   Operation(const Operation&) = delete;
   Operation& operator=(const Operation&) = delete;
@@ -190,6 +200,16 @@ class Operation {
 
   // The same about a payload whose checksum does not agree with it.
   [[noreturn]] void failPayload(const RecordInfo& record) const;
+
+  // What takes its writes: the stage of the transaction that it belongs to, or null.
+  qvdbase::platform::Stage* stage() const;
+
+  // Whether a block at that position is one of the file, which its transaction must not change in
+  // place.
+  bool isKept(int64_t position) const;
+
+  // Throws bad_argument in a transaction, for operations on the whole file.
+  void requireNoTransaction() const;
 
   // Throws read_only unless the handle may write, and as requireOwn().
   void requireWritable() const;
@@ -264,6 +284,9 @@ class Operation {
   void failIfWriteWasRefused(uint64_t bytes) const;
 
  private:
+  void waitForTransaction() const;
+  void enterTransaction();
+  void leaveStage() const;
   void leaveMirror() const;
   void readSlot(const qvdbase::engine::DirectoryNumbers& numbers, int index,
                 tablePart1* slot) const;
@@ -277,6 +300,7 @@ class Operation {
   int16_t db_;
   uint32_t opening_;
   bool usesMirror_ = false;  // of the file, and ends it
+  bool usesStage_ = false;   // likewise
   mutable std::array<char, qvdbase::format::kTableNameSize>
       tableName_{};  // zeros where it is not known
   mutable int64_t slotPos_ = 0;

@@ -62,9 +62,17 @@ RecordInfo movedInfo(const Operation& operation, Id table, const RecordInfo& fou
 
 // The record as it is now. Throws when there is no longer a block of it, or its payload reaches
 // beyond the end of the file.
-RecordInfo presentInfo(const Operation& operation, Id table, const RecordInfo& found,
-                       uint32_t opening) {
+RecordInfo presentInfo(const Operation& operation, Id table, RecordInfo found, uint32_t opening,
+                       uint32_t transaction) {
   recordPart1 header;
+  const auto position =
+      operation.database().transactions.presentPosition(transaction, found.position);
+  if (!position) {
+    operation.fail(Reason::changed_meanwhile,
+                   "record " + to_string(found.id) +
+                       " was found in a transaction that has ended since; find it again");
+  }
+  found.position = *position;
   if (opening != operation.database().opening) {
     if (opening >= operation.database().opened) return movedInfo(operation, table, found, opening);
     operation.fail(Reason::changed_meanwhile,
@@ -124,13 +132,18 @@ static_assert(isSame(PayloadState::rotten, format::PayloadState::rotten));
 }  // namespace
 
 Record::Record(std::shared_ptr<detail::OpenDatabase> database, Id table, const RecordInfo& info)
-    : database_(std::move(database)), table_(table), info_(info), opening_(database_->opening) {}
+    : database_(std::move(database)),
+      table_(table),
+      info_(info),
+      opening_(database_->opening),
+      transaction_(database_->transactions.openNumber) {}
 
 Record::Record(const Record& other)
     : database_(other.database_),
       table_(other.table_),
       info_(other.info_),
       opening_(other.opening_),
+      transaction_(other.transaction_),
       loaded_(other.loaded_),
       kept_(other.kept_) {
   keepLoaded();
@@ -153,7 +166,7 @@ void Record::keepLoaded() {
 size_t Record::read(uint64_t offset, std::span<std::byte> buffer) const {
   const Operation operation(database_, kRead);
   return detail::look(operation, [&]() -> size_t {
-    const RecordInfo present = presentInfo(operation, table_, info_, opening_);
+    const RecordInfo present = presentInfo(operation, table_, info_, opening_, transaction_);
     if (offset >= present.size) return 0;
     const uint64_t count = std::min<uint64_t>(buffer.size(), present.size - offset);
     const std::span<std::byte> part = buffer.first(static_cast<size_t>(count));
@@ -171,7 +184,7 @@ std::vector<std::byte> Record::payload() const {
 void Record::payload(std::vector<std::byte>& buffer) const {
   const Operation operation(database_, kRead);
   detail::look(operation, [&] {
-    const RecordInfo present = presentInfo(operation, table_, info_, opening_);
+    const RecordInfo present = presentInfo(operation, table_, info_, opening_, transaction_);
     detail::resizeFor(operation, &buffer, present.size);
     detail::readPayload(operation, table_, present, 0, buffer);
   });
@@ -180,7 +193,7 @@ void Record::payload(std::vector<std::byte>& buffer) const {
 PayloadState Record::verify() const {
   const Operation operation(database_, "verify the record");
   return detail::look(operation, [&] {
-    const RecordInfo present = presentInfo(operation, table_, info_, opening_);
+    const RecordInfo present = presentInfo(operation, table_, info_, opening_, transaction_);
     return static_cast<PayloadState>(storedState(operation, table_, present));
   });
 }

@@ -61,7 +61,10 @@ bool hasBecomeShorter(const Operation& operation, const ChainWalker& walker) {
 }
 
 int64_t positionOf(const Operation& operation, const Record& record) {
-  return operation.database().placeNow(record.info().position, record.opening_);
+  const OpenDatabase& database = operation.database();
+  const auto position =
+      database.transactions.presentPosition(record.transaction_, record.info().position);
+  return position ? database.placeNow(*position, record.opening_) : 0;
 }
 
 Located locate(const Operation& operation, Id table, Id record, FoundRecord* found) {

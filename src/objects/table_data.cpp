@@ -11,6 +11,7 @@
 #include "objects/records.h"
 #include "objects/sharing/looks.h"
 #include "objects/sharing/turns.h"
+#include "objects/transactions/own_commit.h"
 #include "objects/writing/failed_append.h"
 
 using namespace qvdbase;
@@ -21,6 +22,8 @@ using detail::Operation;
 using engine::SavedPosition;
 
 namespace {
+
+constexpr const char* kSet = "set the table's data";
 
 // The block of table data: where its data begins, its size and its capacity. Nothing when the table
 // has none.
@@ -46,6 +49,36 @@ std::optional<DataBlock> findData(const Operation& operation, Id table) {
                                              " reaches beyond the end of the file");
   }
   return block;
+}
+
+// Whether a transaction must not write over the table's data, because they are in the file. Then
+// they get a new block, of the same capacity at least.
+bool takesNewBlock(const Operation& operation, Id table, uint32_t size, engine::FoundTable* found,
+                   uint32_t* capacity) {
+  if (operation.stage() == nullptr) return false;
+  *found = operation.table(table);
+  if (!operation.isKept(found->slot.firstDataPos)) return false;
+  format::TableDataHead head;
+  if (found->slot.firstDataPos == 0 ||
+      !engine::readTableDataHead(operation.db(), found->slot.firstDataPos, found->slot.tableID,
+                                 &head)) {
+    return false;
+  }
+  *capacity = head.dataCapacity;
+  return head.dataCapacity >= size;
+}
+
+bool setData(const Operation& operation, Id table, ByteView data, uint32_t reserve) {
+  const auto size = static_cast<uint32_t>(data.size());
+  SavedPosition scope(operation.db());
+  engine::FoundTable found;
+  uint32_t capacity = 0;
+  if (!takesNewBlock(operation, table, size, &found, &capacity)) {
+    return SetTableData(operation.db(), table.value, detail::bytesOf(data), size, reserve) == 1;
+  }
+  return scope.restore(internal_WriteOneTableLinkInEOF(
+             operation.db(), found.slot.tableID, found.slotPos, found.slotSize,
+             detail::bytesOf(data), size, std::max(capacity, reserve), nullptr)) == 1;
 }
 
 void readData(const Operation& operation, int64_t position, std::span<std::byte> buffer) {
@@ -101,13 +134,20 @@ size_t Table::read_data(uint64_t offset, std::span<std::byte> buffer) const {
 }
 
 void Table::set_data(ByteView data, uint32_t reserve) {
-  const Operation operation(database_, "set the table's data");
+  static_cast<void>(detail::committed(database_, kSet, [&] {
+    setDataOf(data, reserve);
+    return true;
+  }));
+}
+
+void Table::setDataOf(ByteView data, uint32_t reserve) {
+  const Operation operation(database_, kSet);
   const uint32_t size = operation.requireSize(data.size());
   operation.requireWritable();
   operation.requireNoBulk();
   const detail::ChangeTurn turn(operation, detail::OwnBatch::isWaitedFor);
   const auto end = static_cast<int64_t>(operation.fileLength());
-  if (SetTableData(operation.db(), id_.value, detail::bytesOf(data), size, reserve) == 1) return;
+  if (setData(operation, id_, data, reserve)) return;
   const uint64_t length = uint64_t{std::max(size, reserve)} + format::kTableDataBlockOverhead;
   detail::takeBack(operation, id_, end, {}, length);
   SavedPosition scope(operation.db());

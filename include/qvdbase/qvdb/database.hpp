@@ -7,6 +7,7 @@
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/maintenance.hpp>
 #include <qvdbase/qvdb/table.hpp>
+#include <qvdbase/qvdb/transaction.hpp>
 
 #include <array>
 #include <chrono>
@@ -14,11 +15,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace qvdb {
@@ -52,6 +55,35 @@ enum class Mode : int {
   shared = 4,     // reads and writes beside other shared openers; the operations take turns
 };
 
+// When what an operation has written is safe.
+class Durability {
+ public:
+  // When it has returned, whatever happens to the process. A power failure, or the end of the
+  // operating system, can lose what the system has not written yet, and parts of it: sync() waits
+  // for that.
+  static const Durability process;
+
+  // When it has returned, also from a power failure: every commit of a transaction is on the device
+  // then, and every single operation that writes is a transaction of its own, with what
+  // Transaction::commit() throws. That is one wait for the device for each, so that many operations
+  // are better made in one transaction; and while an appender or a writer is open, only that can be
+  // worked with. The file grows by the note that makes each of them whole:
+  // some 350 bytes for an operation on one table.
+  static const Durability power;
+
+  // Whether both are the same.
+  friend constexpr bool operator==(Durability, Durability) = default;
+
+ private:
+  enum class Kind : uint8_t { process, power };
+  constexpr explicit Durability(Kind kind) noexcept : kind_(kind) {}
+
+  Kind kind_;
+};
+
+inline constexpr Durability Durability::process{Kind::process};
+inline constexpr Durability Durability::power{Kind::power};
+
 // How a database is opened, with everything that can be asked for.
 struct OpenOptions {
   Mode mode = Mode::read_only;  // read, or write, and which other openers are allowed
@@ -75,6 +107,10 @@ struct OpenOptions {
   // Whether records that are added get a checksum of their payload, where neither their table's
   // default nor the call that adds them says otherwise: see Table::set_checksum().
   bool checksums = false;
+
+  // When what operations have written is safe. Only with exclusive, unless it is process. It does
+  // not concern the C functions.
+  Durability durability = Durability::process;
 };
 
 // What the header of a database file holds, and the size of the file.
@@ -157,8 +193,8 @@ class QVDBASE_API Database {
   // Throws Error: path_not_reachable; no_such_file; not_a_file; access_denied; in_use, after
   // waiting where that is asked for; cannot_lock; read_only_file_system; not_a_database;
   // version_out_of_range; cannot_read; cannot_open. With `create` also what create() throws, and
-  // bad_argument with read_only; with `check` also what open_checked() throws; with `cache`
-  // bad_argument unless the mode is exclusive.
+  // bad_argument with read_only; with `check` also what open_checked() throws; with `cache`,
+  // and with another durability than process, bad_argument unless the mode is exclusive.
   static Database open(const std::filesystem::path& path, Mode mode = Mode::read_only);
 
   // The same with everything that can be asked for.
@@ -340,15 +376,44 @@ class QVDBASE_API Database {
   // was there stays then.
   void keep_indexes();
 
+  // Begins a transaction, to which all operations of this thread on this database belong until it
+  // ends: see Transaction. Waits while another thread has one open.
+  //
+  // Throws bad_argument when this thread has one open on it already, unless it is open with
+  // Mode::exclusive, and for a file whose directory has another size than that of a new one
+  // (compact it first); appender_open while an appender or a writer is open; read_only;
+  // not_a_database; cannot_read; cannot_write when an earlier commit has left it unknown what the
+  // file holds; opened_elsewhere in a child process that got the database by fork; not_open.
+  [[nodiscard]] Transaction begin();
+
+  // Calls function(transaction) in a transaction, commits it, and returns what the function
+  // returns. Where the function throws the transaction is rolled back, and the exception goes on to
+  // the caller. One that the function has ended itself is not committed again. Throws as begin()
+  // and Transaction::commit().
+  template <std::invocable<Transaction&> Function>
+  auto transaction(Function&& function) {
+    Transaction transaction = begin();
+    if constexpr (std::is_void_v<std::invoke_result_t<Function, Transaction&>>) {
+      std::invoke(std::forward<Function>(function), transaction);
+      if (transaction.is_active()) transaction.commit();
+    } else {
+      auto result = std::invoke(std::forward<Function>(function), transaction);
+      if (transaction.is_active()) transaction.commit();
+      return result;
+    }
+  }
+
   // Waits until the device has everything that was written. Without it a power failure can lose
   // what the system has not written yet. Throws Error: cannot_write.
   void sync();
 
  private:
+  friend class Transaction;
   explicit Database(std::shared_ptr<detail::OpenDatabase> state) noexcept;
   static Database openOrCreate(const std::filesystem::path& path, Mode mode);
   Table addNew(const NewTable& table);
   detail::OpenDatabase& state() const;
+  Table addTable(const NewTable& table);
   friend QVDBASE_API void check_ends(const Database& database, Id table);
 
   std::shared_ptr<detail::OpenDatabase> state_;

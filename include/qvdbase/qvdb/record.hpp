@@ -26,7 +26,8 @@ class Operation;
 class Record;
 
 namespace detail {
-// Where the record was found, or 0 when that was before the database was opened again.
+// Where the record is now that was found, or 0 when that was before the database was opened again,
+// or in a transaction that was rolled back.
 int64_t positionOf(const Operation& operation, const Record& record);
 }  // namespace detail
 
@@ -113,8 +114,8 @@ class QVDBASE_API Record {
   //
   // Throws Error: record_missing when the block there is not this record's any more;
   // payload_damaged as payload() does; changed_meanwhile when the record was found before
-  // Database::reopen(); data_damaged when the payload extends beyond the end of the file; not_open;
-  // cannot_read.
+  // Database::reopen(), or in a transaction that has added or changed it and was rolled back;
+  // data_damaged when the payload extends beyond the end of the file; not_open; cannot_read.
   size_t read(uint64_t offset, std::span<std::byte> buffer) const;
 
   // The whole payload. Memory is allocated for it only when the file is long enough to hold it.
@@ -143,7 +144,8 @@ class QVDBASE_API Record {
   std::shared_ptr<detail::OpenDatabase> database_;
   Id table_;
   RecordInfo info_;
-  uint32_t opening_ = 0;  // which opening of the database its position is of
+  uint32_t opening_ = 0;      // which opening of the database its position is of
+  uint32_t transaction_ = 0;  // in which it was found, or 0
   std::span<const std::byte> loaded_;
   std::shared_ptr<const std::byte[]> kept_;  // what loaded_ shows, in a copy
 };

@@ -336,6 +336,7 @@ class QVDBASE_API Table {
   Table(std::shared_ptr<detail::OpenDatabase> database, Id id, std::string name);
   std::optional<Record> recordAtEnd(Order order) const;
   Id addNew(const NewRecord& record);
+  void setDataOf(ByteView data, uint32_t reserve);
 
   std::shared_ptr<detail::OpenDatabase> database_;
   Id id_;

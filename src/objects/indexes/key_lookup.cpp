@@ -239,6 +239,7 @@ void KeyMatches::readBatch(const Operation& operation, Batch* batch) const {
   batch->changes = database.changes;
   batch->generation = keys->generation;
   batch->opening = database.opening;
+  batch->transaction = database.transactions.openNumber;
   batch->mayHaveMoved =
       batch->changes != changesAtBegin || mayOthersWrite(database) || !isComplete.value_or(true);
 }
@@ -293,6 +294,7 @@ void KeyMatches::match(const Batch& batch) {
     if (wasDelivered(candidate) && batch.mayHaveMoved) continue;
     Record record(keys->database, keys->table.id(), candidate.info);
     record.opening_ = batch.opening;
+    record.transaction_ = batch.transaction;
     record.loaded_ = *candidate.payload;
     record.kept_ = {candidate.payload, candidate.payload->data()};
     found.push_back({candidate.place.key, std::move(record)});

@@ -54,6 +54,7 @@ struct KeyMatches {
     uint64_t changes = 0;
     uint64_t generation = 0;
     uint32_t opening = 0;
+    uint32_t transaction = 0;
     bool mayHaveMoved = false;
   };
 

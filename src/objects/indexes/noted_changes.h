@@ -10,6 +10,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 namespace qvdb::detail {
 
@@ -32,6 +33,18 @@ class NotedChanges {
 
   void add(uint64_t number, const RecordChange& change) {
     changes_[number % kKept] = {number, change};
+  }
+
+  // What was changed after change `before` was changed in a transaction. Its blocks from `limit` on
+  // have moved; or, without a shift, it was taken back, and nothing is known of these changes.
+  void endTransaction(uint64_t before, int64_t limit, std::optional<int64_t> shift) {
+    for (Noted& noted : changes_) {
+      if (noted.number <= before) continue;
+      if (!shift) noted.number = 0;
+      for (int64_t* position : {&noted.change.position, &noted.change.to, &noted.change.before}) {
+        if (*position >= limit) *position += shift.value_or(0);
+      }
+    }
   }
 
   // The change of that number, or null when it was not noted, or not kept.

@@ -222,6 +222,7 @@ bool buildIndex(const Operation& operation, TableIndex& index, ChainWalker* walk
   index.isStale = true;
   index.hasDuplicates = false;
   index.map.clear();
+  index.journal.lose();
   const tablePart1 slot = operation.table(index.table).slot;
   // Growing while it is filled would take more than twice the memory. The file's length bounds what
   // a damaged count asks for.
@@ -313,7 +314,12 @@ void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_
   index->lastPos = position;
   try {
     index->isStale = !oneMore;
-    if (!index->map.insert(record.value, position)) index->hasDuplicates = true;
+    if (index->map.insert(record.value, position)) {
+      index->journal.note(record.value, 0, position);
+    } else {
+      index->hasDuplicates = true;
+      index->journal.lose();
+    }
     index->isStale = index->isStale || index->map.isBroken();
   } catch (const std::bad_alloc&) {
     index->isStale = true;
@@ -324,7 +330,9 @@ void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr) return;
   try {
-    if (index->map.find(record.value) == index->lastPos) index->lastPos = position;
+    const int64_t before = index->map.find(record.value).value_or(0);
+    if (before != 0) index->journal.note(record.value, before, position);
+    if (before == index->lastPos) index->lastPos = position;
     index->map.replace(record.value, position);
     index->isStale = index->isStale || index->map.isBroken();
   } catch (const std::bad_alloc&) {
@@ -341,6 +349,9 @@ void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
   if (index == nullptr) return;
   const bool oneLess = slot.recordCount + 1 == index->slot.recordCount &&
                        slot.recordWriteCount == index->slot.recordWriteCount;
+  if (const auto before = index->map.find(record.value)) {
+    index->journal.note(record.value, *before, 0);
+  }
   index->map.erase(record.value);
   index->isStale = index->isStale || index->map.isBroken();
   // Another record with the identifier may be the one to find now.

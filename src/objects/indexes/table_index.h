@@ -9,6 +9,7 @@
 #include "QVDbase/record_find.h"
 #include "format/index_pages.h"
 #include "objects/indexes/identifier_map.h"
+#include "objects/indexes/index_journal.h"
 #include "objects/open_database.h"
 #include "objects/walks/chain_walker.h"
 
@@ -23,6 +24,7 @@ struct TableIndex {
   int64_t lastPos = 0;         // of the last record that was added to the map
   int64_t usualBlock = 0;      // bytes from one record to the next, about
   bool isStale = true;         // to be built again before it is used
+  IndexJournal journal;        // while a transaction is open
   bool hasDuplicates = false;  // some identifier is there twice; the map has the first one
   bool isKept = false;         // in a file, too; see kept/kept_indexes.h
   // Then: what the database was like when the file was written last.

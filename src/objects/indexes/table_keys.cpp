@@ -218,6 +218,7 @@ void TableKeys::enter(const KeyList& keys, int64_t position) noexcept {
   try {
     for (size_t i = 0; i < keys.size(); ++i) {
       maps.insert(keys[i], position, options.ordered);
+      journal.note(&KeyJournal::entered, keys[i], position);
       for (const auto& other : inWork) {
         if (const auto build = other.lock()) build->maps.insert(keys[i], position, options.ordered);
       }
@@ -230,14 +231,18 @@ void TableKeys::enter(const KeyList& keys, int64_t position) noexcept {
 // Keys that it had before are left.
 void TableKeys::enterMoved(const KeyList& keys, int64_t from, int64_t to) noexcept {
   const size_t before = maps.size();
-  for (size_t i = 0; i < keys.size(); ++i) maps.erase(keys[i], from);
+  for (size_t i = 0; i < keys.size(); ++i) {
+    if (maps.erase(keys[i], from)) journal.note(&KeyJournal::erased, keys[i], from);
+  }
   const size_t erased = before - maps.size();
   enter(keys, to);
   if (erased < keys.size()) noteLeft(keys.size() - erased);
 }
 
 void TableKeys::drop(const OrderedKeys::Place& place) noexcept {
-  if (maps.erase(place.key, place.position) && left != 0) --left;
+  if (!maps.erase(place.key, place.position)) return;
+  journal.note(&KeyJournal::erased, place.key, place.position);
+  if (left != 0) --left;
 }
 
 // What others have changed since, beside writers, is not hidden by a newer slot.

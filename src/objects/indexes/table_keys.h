@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "format/layout.h"
+#include "objects/indexes/index_journal.h"
 #include "objects/indexes/key_maps.h"
 #include "objects/open_database.h"
 #include "platform/handles/file_changes.h"
@@ -77,6 +78,7 @@ struct TableKeys : std::enable_shared_from_this<TableKeys> {
   std::optional<qvdbase::format::kept::Stamp> saved;
   std::vector<std::shared_ptr<const void>> keptFiles;  // as TableIndex has them
   std::vector<std::weak_ptr<KeyBuild>> inWork;
+  KeyJournal journal;  // while a transaction is open
 
   // ---- Without a turn: they call the function
 

@@ -2,16 +2,19 @@
 #include "objects/sharing/turns.h"
 
 #include <algorithm>
+#include <exception>
 
 #include "QVDbase/directory_cache.h"
 #include "objects/indexes/table_keys.h"
 #include "objects/sharing/waiting.h"
+#include "objects/transactions/transaction_steps.h"
 #include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
 #include "platform/handles/turns.h"
 #include "platform/host/clock.h"
 #include "platform/transfer/mirror.h"
+#include "platform/transfer/stage.h"
 
 using namespace qvdbase;
 
@@ -115,22 +118,36 @@ void letReadersLook(OpenDatabase& database) {
 }  // namespace
 
 // One within another one adds nothing.
-ChangeTurn::ChangeTurn(const Operation& operation, OwnBatch batch)
+ChangeTurn::ChangeTurn(const Operation& operation, OwnBatch batch, For what)
     : database_(operation.database()) {
-  if (database_.changing == 0) begin(operation, batch);
+  if (database_.changing == 0) begin(operation, batch, what);
   ++database_.changing;
 }
 
 ChangeTurn::~ChangeTurn() {
-  if (--database_.changing == 0) end();
+  if (--database_.changing != 0) return;
+  stage_ != nullptr ? endInStage() : end();
 }
 
-void ChangeTurn::begin(const Operation& operation, OwnBatch batch) {
+void ChangeTurn::begin(const Operation& operation, OwnBatch batch, For what) {
+  stage_ = operation.stage();
+  if (stage_ != nullptr) {
+    stage_->save();
+    exceptions_ = std::uncaught_exceptions();
+    return;
+  }
   const int16_t db = database_.handle;
   if (isSharedWriter(db) && database_.bulk == nullptr) hasTurn_ = takeTurn(operation, batch);
   platform::beginChange(db);
   if (!database_.keyIndexes.empty()) noticeWrites(database_);
   if (isReaderAnnounced(database_)) keepReadersOut(operation);
+  if (what == For::commit) return;
+  try {
+    settle(operation);
+  } catch (...) {
+    end();
+    throw;
+  }
 }
 
 void ChangeTurn::keepReadersOut(const Operation& operation) {
@@ -141,6 +158,13 @@ void ChangeTurn::keepReadersOut(const Operation& operation) {
   if (outcome != LockOutcome::refused) return;
   end();
   operation.fail(Reason::in_use, "a reader in another process does not finish");
+}
+
+// An operation that fails must not leave a part of itself to be committed.
+void ChangeTurn::endInStage() {
+  if (std::uncaught_exceptions() <= exceptions_) return stage_->keep();
+  const auto* file = platform::findOpenFile(database_.handle);
+  if (file != nullptr) static_cast<void>(stage_->restore(*file));
 }
 
 // The lock belongs to all of this process, so its own readers begin to look when it has been given

@@ -23,21 +23,31 @@ enum class OwnBatch : uint8_t { isJoined, isWaitedFor };
 // already.
 class ChangeTurn {
  public:
-  // Throws in_use when it cannot be obtained within the time that the database waits. In a database
-  // that others share, the directory is read afresh after it.
-  explicit ChangeTurn(const Operation& operation, OwnBatch batch = OwnBatch::isJoined);
+  // What is changed: the file, by an operation or by the commit of a transaction. In a transaction
+  // that is open nothing is changed for others, and a turn whose operation fails takes back what
+  // that has written.
+  enum class For : uint8_t { operation, commit };
+
+  // Throws in_use when it cannot be obtained within the time that the database waits, and
+  // cannot_write when what was committed before cannot be put into its place. In a database that
+  // others share, the directory is read afresh after it.
+  explicit ChangeTurn(const Operation& operation, OwnBatch batch = OwnBatch::isJoined,
+                      For what = For::operation);
   ~ChangeTurn();
   ChangeTurn(const ChangeTurn&) = delete;
   ChangeTurn& operator=(const ChangeTurn&) = delete;
 
  private:
-  void begin(const Operation& operation, OwnBatch batch);
+  void begin(const Operation& operation, OwnBatch batch, For what);
+  void endInStage();
   void keepReadersOut(const Operation& operation);
   void end();
 
   OpenDatabase& database_;
   bool hasTurn_ = false;   // of shared writers
   bool holdsOff_ = false;  // readers
+  qvdbase::platform::Stage* stage_ = nullptr;
+  int exceptions_ = 0;  // that were on their way when it began
 };
 
 // The turn of a batch, from its beginning until endBatchTurn: nothing unless the database is

@@ -69,10 +69,12 @@ struct detail::Walk {
   uint64_t changesSeen = 0;   // OpenDatabase::changes when what follows was read, or is valid
   bool hasLostTrack = false;  // more has changed since than is noted
   uint32_t opening = 0;       // OpenDatabase::opening when it began
+  uint32_t transaction = 0;   // in which the place of the walk is known, or 0
 
   // Begins before the first record, also when it has begun already.
   void start(const Operation& operation) {
     opening = database->opening;
+    transaction = database->transactions.openNumber;
     at = {beginChain(operation), {}};
     tableName = operation.tableName();
     batch = ReadBatch(loading);
@@ -188,6 +190,22 @@ struct detail::Walk {
     return change.table != table || (at.current.isValid && at.outlives(change, inPiece));
   }
 
+  // After the end of a transaction the blocks that it has made are elsewhere, or are no more.
+  void followTransaction(const Operation& operation) {
+    const uint32_t before = std::exchange(transaction, database->transactions.openNumber);
+    if (before == transaction || !at.current.isValid) return;
+    const Transactions& transactions = database->transactions;
+    const auto block = transactions.presentPosition(before, at.current.block);
+    const auto position = transactions.presentPosition(before, at.current.position);
+    if (!block && !position) {
+      operation.fail(Reason::changed_meanwhile,
+                     "the record that it delivered last was added in a transaction that has ended "
+                     "since; begin it again");
+    }
+    at.current.block = block ? *block : *position;
+    at.current.position = position ? *position : *block;
+  }
+
   // The chain has changed, and what was read ahead may be wrong: continues at the block of the
   // current record.
   void resume(const Operation& operation) {
@@ -239,6 +257,8 @@ void RecordRange::readOn(bool mayTake) {
   detail::Walk& walk = *walk_;
   const detail::Operation operation(walk.database, kWalk);
   operation.about(walk.tableName);
+  walk.followTransaction(operation);
+  current_.transaction_ = walk.transaction;
   const bool isValid = walk.applyChanges();
   if (isValid && mayTake && walk.take(&current_.info_, &current_.loaded_)) {
     done_ = false;

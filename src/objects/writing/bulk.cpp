@@ -11,6 +11,8 @@
 #include "objects/record_search.h"
 #include "objects/records.h"
 #include "objects/sharing/turns.h"
+#include "objects/transactions/own_commit.h"
+#include "objects/transactions/transaction_steps.h"
 #include "objects/walks/chain_ends.h"
 #include "platform/host/clock.h"
 
@@ -123,6 +125,24 @@ void Bulk::finish(const Operation& operation) {
   noteManyAdded(*database, table);
 }
 
+// The blocks are in the file, where nothing leads to them, before the transaction begins that links
+// them.
+void Bulk::finishCommitted(const char* name) {
+  if (!commitsEach(database)) return finish(Operation(database, name));
+  writeOut(Operation(database, name));
+  if (batch.firstByte() == batch.endByte()) return finish(Operation(database, name));
+  OwnCommit transaction(database, name, batch.firstByte());
+  finish(Operation(database, name));
+  transaction.commit();
+}
+
+void Bulk::writeOut(const Operation& operation) {
+  requireIdle(operation);
+  const ChangeTurn turn(operation);
+  engine::SavedPosition scope(operation.db());
+  if (!batch.writeOut()) failed(operation, 1);
+}
+
 void Bulk::link(const Operation& operation) {
   const ChangeTurn turn(operation);
   engine::SavedPosition scope(operation.db());
@@ -137,6 +157,7 @@ void Bulk::discard() noexcept {
   database->bulk = nullptr;
   if (!ownsFile()) return;
   {
+    const StageInUse stage(*database);
     const OwnWrites writes(*database);
     engine::SavedPosition scope(database->handle);
     batch.discard();
@@ -150,9 +171,19 @@ void Bulk::dropRecord() noexcept {
   inPieces = false;
   pieces.reset();
   if (!isOpen() || !ownsFile()) return;
+  const StageInUse stage(*database);
   const OwnWrites writes(*database);
   engine::SavedPosition scope(database->handle);
   batch.dropRecord();
+}
+
+void Bulk::forget() noexcept {
+  state = State::discarded;
+  inPieces = false;
+  pieces.reset();
+  database->bulk = nullptr;
+  keys.discard();
+  endBatchTurn(*database);
 }
 
 bool Bulk::add(const Operation& operation, const NewRecord& record, KeyChange& change) {

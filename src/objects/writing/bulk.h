@@ -54,12 +54,18 @@ struct Bulk {
   // as failed().
   void finish(const Operation& operation);
 
+  // The same as an operation of its own, and a transaction of its own where each operation is one.
+  void finishCommitted(const char* name);
+
   // Forgets the records and takes them out of the file. No effect on a batch that is not open. A
   // child process that got the batch by fork leaves the file alone.
   void discard() noexcept;
 
   // The same for the record that a writer has open; the batch continues without it.
   void dropRecord() noexcept;
+
+  // Forgets the records, with the transaction to which the batch belongs.
+  void forget() noexcept;
 
   // Adds a whole record. False when its keys are not ready. Throws too_large, and as failed().
   bool add(const Operation& operation, const NewRecord& record, KeyChange& change);
@@ -84,6 +90,7 @@ struct Bulk {
   qvdbase::platform::ProcessMark maker;
 
  private:
+  void writeOut(const Operation& operation);
   void requireNew(const Operation& operation, Id record);
   void knowOwnRecords(const Operation& operation);
 

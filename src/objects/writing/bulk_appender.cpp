@@ -51,10 +51,12 @@ RecordWriter BulkAppender::writer(const NewRecord& record) {
 }
 
 uint32_t BulkAppender::finish() {
-  const Operation operation(bulk_->database, detail::kAppend);
-  if (bulk_->state == detail::Bulk::State::finished) return taken();
-  bulk_->requireIdle(operation);
-  bulk_->finish(operation);
+  {
+    const Operation operation(bulk_->database, detail::kAppend);
+    if (bulk_->state == detail::Bulk::State::finished) return taken();
+    bulk_->requireIdle(operation);
+  }
+  bulk_->finishCommitted(detail::kAppend);
   return taken();
 }
 

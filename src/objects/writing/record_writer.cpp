@@ -84,9 +84,9 @@ Id RecordWriter::finish() {
                    [&](const Operation& operation, detail::KeyChange& keys) {
                      bulk_->requireOpen(operation);
                      if (!bulk_->addPieces(operation, id_, keys)) return std::optional<Id>();
-                     if (isAlone_) bulk_->finish(operation);
                      return std::optional(id_);
                    });
+  if (isAlone_) bulk_->finishCommitted(detail::kWrite);
   bulk_.reset();
   return id_;
 }

@@ -23,6 +23,7 @@
 #include "objects/record_search.h"
 #include "objects/records.h"
 #include "objects/sharing/turns.h"
+#include "objects/transactions/own_commit.h"
 #include "objects/writing/failed_append.h"
 #include "platform/host/host_failure.h"
 
@@ -151,9 +152,11 @@ std::optional<bool> changeRecord(const Operation& operation, detail::KeyChange& 
     const Located located = detail::locate(operation, table, whom, &found);
     if (located == Located::no) return false;
     if constexpr (!std::is_null_pointer_v<After>) {
-      if (detail::KeyChange::concerns(operation, table) &&
-          !keys.isReady(operation, after(found), found.recordPos)) {
-        return std::nullopt;
+      if (detail::KeyChange::concerns(operation, table)) {
+        std::optional<detail::PayloadAfter> made = after(found);
+        if (made && !keys.isReady(operation, *std::move(made), found.recordPos)) {
+          return std::nullopt;
+        }
       }
     }
     const bool mayChange = located != Located::atEarlyEnd;
@@ -210,6 +213,35 @@ bool hashPayload(const Operation& operation, const FoundRecord& found,
   return true;
 }
 
+// The slot of a table names no block that a transaction has taken out of its chain: of such a block
+// the commit writes no links, so that it may seem to be half taken out.
+bool nameMovedAsWritten(const Operation& operation, FoundRecord* found, int64_t from, int64_t to) {
+  tablePart1& slot = found->table.slot;
+  if (operation.stage() == nullptr || slot.lastWrittenRecordPos != from) return true;
+  slot.lastWrittenRecordPos = to;
+  return engine::rewriteSlot(operation.db(), found->table.slotPos, slot);
+}
+
+// A transaction changes no block in place that is in the file: the record gets a copy of its block
+// first, which is changed then.
+bool makeChangeable(const Operation& operation, const detail::KeyChange& keys, Id table,
+                    FoundRecord* found, int64_t* blockPos) {
+  if (!operation.isKept(found->recordPos)) return true;
+  operation.requireNoBulk();
+  requireTable(operation, table, found);
+  const int64_t from = found->recordPos;
+  detail::OpenDatabase& database = operation.database();
+  ++database.changes;
+  if (!engine::moveRecord(operation.db(), found, blockPos) ||
+      !nameMovedAsWritten(operation, found, from, *blockPos)) {
+    return false;
+  }
+  detail::noteMoved(database, found->table.slot, idOf(found->header), *blockPos);
+  keys.noteMoved(found->table.slot, from, *blockPos);
+  database.noteChange({Kind::moved, table, from, *blockPos});
+  return true;
+}
+
 // What ModifyRecordData does after its search. A record with a checksum keeps one; one without gets
 // it where its table's default says so and there is space.
 bool replacePayload(const Operation& operation, const detail::KeyChange& keys, Id table,
@@ -220,8 +252,9 @@ bool replacePayload(const Operation& operation, const detail::KeyChange& keys, I
   const bool hasChecksum = checksumOf(operation, *found).isThere;
   const bool isProtected = hasChecksum || database.wantsChecksum(table, Checksum::by_default);
   const bool hasSpace = format::hasChecksumSpace(size, capacity);
-  ++database.changes;
   if (size <= capacity && (hasSpace || !hasChecksum)) {
+    if (!makeChangeable(operation, keys, table, found, blockPos)) return false;
+    ++database.changes;
     database.noteChange({Kind::inPlace, table, found->recordPos});
     keys.noteInPlace(found->recordPos);
     if (isProtected && hasSpace) {
@@ -233,8 +266,10 @@ bool replacePayload(const Operation& operation, const detail::KeyChange& keys, I
   operation.requireNoBulk();
   operation.requireSize(size, isProtected);
   requireTable(operation, table, found);
+  ++database.changes;
   if (!engine::relocateRecord(operation.db(), found, bytesOf(payload), size, blockPos,
-                              isProtected)) {
+                              isProtected) ||
+      !nameMovedAsWritten(operation, found, found->recordPos, *blockPos)) {
     return false;
   }
   detail::noteMoved(database, found->table.slot, idOf(found->header), *blockPos);
@@ -265,27 +300,28 @@ detail::PayloadAfter payloadWith(const Operation& operation, const FoundRecord& 
 }
 
 bool overwritePart(const Operation& operation, const detail::KeyChange& keys, Id table,
-                   const FoundRecord& found, uint64_t offset, ByteView bytes) {
-  requirePart(operation, found, offset, bytes);
+                   FoundRecord* found, uint64_t offset, ByteView bytes, int64_t* blockPos) {
+  requirePart(operation, *found, offset, bytes);
   const auto count = static_cast<uint32_t>(bytes.size());
   const engine::PayloadPart part = {offset, bytesOf(bytes), count};
-  const engine::StoredChecksum stored = checksumOf(operation, found);
-  const bool isWhole = stored.isThere && count == found.header.dataLength;
+  const engine::StoredChecksum stored = checksumOf(operation, *found);
+  const bool isWhole = stored.isThere && count == found->header.dataLength;
   format::PayloadHash present;
   format::PayloadHash after;
-  const bool isHashed = !isWhole && hashPayload(operation, found, stored, &present, part, &after);
+  const bool isHashed = !isWhole && hashPayload(operation, *found, stored, &present, part, &after);
+  if (!makeChangeable(operation, keys, table, found, blockPos)) return false;
   ++operation.database().changes;
-  operation.database().noteChange({Kind::inPlace, table, found.recordPos});
-  keys.noteInPlace(found.recordPos);
+  operation.database().noteChange({Kind::inPlace, table, found->recordPos});
+  keys.noteInPlace(found->recordPos);
   if (isWhole) {
-    return engine::overwriteProtected(operation.db(), found.header, found.recordPos, part.bytes,
+    return engine::overwriteProtected(operation.db(), found->header, found->recordPos, part.bytes,
                                       count);
   }
   if (isHashed) {
-    return engine::overwritePartProtected(operation.db(), found.header, found.recordPos, part,
+    return engine::overwritePartProtected(operation.db(), found->header, found->recordPos, part,
                                           after);
   }
-  return engine::overwritePart(operation.db(), found.recordPos, static_cast<uint32_t>(offset),
+  return engine::overwritePart(operation.db(), found->recordPos, static_cast<uint32_t>(offset),
                                part.bytes, count);
 }
 
@@ -321,10 +357,12 @@ using Opened = std::shared_ptr<detail::OpenDatabase>;
 
 Id addWithKeys(const Opened& database, Id table, std::optional<Id> record, ByteView payload,
                uint32_t reserve, Checksum checksum) {
-  return detail::withKeys(
-      database, kAdd, table, [&](const Operation& operation, detail::KeyChange& keys) {
-        return addRecord(operation, keys, table, record, payload, reserve, checksum);
-      });
+  return detail::committed(database, kAdd, [&] {
+    return detail::withKeys(
+        database, kAdd, table, [&](const Operation& operation, detail::KeyChange& keys) {
+          return addRecord(operation, keys, table, record, payload, reserve, checksum);
+        });
+  });
 }
 
 // The four changes, each for a record that was found before and for one by identifier.
@@ -352,18 +390,36 @@ bool writeRecord(const Opened& database, Id table, const Whom& whom, uint64_t of
         return changeRecord(
             operation, keys, table, whom, 0,
             [&](const FoundRecord& found) { return payloadWith(operation, found, offset, bytes); },
-            [&](FoundRecord* found, int64_t*) {
-              return overwritePart(operation, keys, table, *found, offset, bytes);
+            [&](FoundRecord* found, int64_t* blockPos) {
+              return overwritePart(operation, keys, table, found, offset, bytes, blockPos);
             });
       });
 }
 
+// Its keys stay; they have to be known only where its block moves.
+std::optional<detail::PayloadAfter> payloadIfMoved(const Operation& operation,
+                                                   const FoundRecord& found) {
+  if (!operation.isKept(found.recordPos)) return std::nullopt;
+  detail::PayloadAfter after;
+  const RecordInfo info = detail::recordInfo(found.header, found.recordPos);
+  detail::appendPayload(operation, Id{format::identifierNumber(found.header.tableID)}, info,
+                        info.size, &after.own);
+  after.bytes = after.own;
+  return after;
+}
+
 template <typename Whom>
 bool touchRecord(const Opened& database, Id table, const Whom& whom) {
-  const Operation operation(database, kTouch);
-  detail::KeyChange none(database, kTouch, table);
-  return *changeRecord(operation, none, table, whom, 0, nullptr,
-                       [&](FoundRecord* found, int64_t*) { return touchFound(operation, *found); });
+  return detail::withKeys(
+      database, kTouch, table, [&](const Operation& operation, detail::KeyChange& keys) {
+        return changeRecord(
+            operation, keys, table, whom, 0,
+            [&](const FoundRecord& found) { return payloadIfMoved(operation, found); },
+            [&](FoundRecord* found, int64_t* blockPos) {
+              return makeChangeable(operation, keys, table, found, blockPos) &&
+                     touchFound(operation, *found);
+            });
+      });
 }
 
 template <typename Whom>
@@ -394,45 +450,55 @@ Id Table::addNew(const NewRecord& record) {
 }
 
 bool Table::set_last_written(const Record& record) {
-  const Operation operation(database_, "note the record that was written last");
-  detail::KeyChange none(database_, operation.name(), id_);
-  return *changeRecord(operation, none, id_, record, 0, nullptr, [&](FoundRecord* found, int64_t*) {
-    requireTable(operation, id_, found);
-    found->table.slot.lastWrittenRecordPos = found->recordPos;
-    return engine::rewriteSlot(operation.db(), found->table.slotPos, found->table.slot);
+  constexpr const char* kNote = "note the record that was written last";
+  return detail::committed(database_, kNote, [&] {
+    const Operation operation(database_, kNote);
+    detail::KeyChange none(database_, kNote, id_);
+    return *changeRecord(
+        operation, none, id_, record, 0, nullptr, [&](FoundRecord* found, int64_t*) {
+          requireTable(operation, id_, found);
+          found->table.slot.lastWrittenRecordPos = found->recordPos;
+          return engine::rewriteSlot(operation.db(), found->table.slotPos, found->table.slot);
+        });
   });
 }
 
 bool Table::modify(Id record, ByteView payload) {
-  return modifyRecord(database_, id_, record, payload);
+  return detail::committed(database_, kChange,
+                           [&] { return modifyRecord(database_, id_, record, payload); });
 }
 
 bool Table::modify(const Record& record, ByteView payload) {
-  return modifyRecord(database_, id_, record, payload);
+  return detail::committed(database_, kChange,
+                           [&] { return modifyRecord(database_, id_, record, payload); });
 }
 
 bool Table::write(Id record, uint64_t offset, ByteView bytes) {
-  return writeRecord(database_, id_, record, offset, bytes);
+  return detail::committed(database_, kChange,
+                           [&] { return writeRecord(database_, id_, record, offset, bytes); });
 }
 
 bool Table::write(const Record& record, uint64_t offset, ByteView bytes) {
-  return writeRecord(database_, id_, record, offset, bytes);
+  return detail::committed(database_, kChange,
+                           [&] { return writeRecord(database_, id_, record, offset, bytes); });
 }
 
 bool Table::touch(Id record) {
-  return touchRecord(database_, id_, record);
+  return detail::committed(database_, kTouch, [&] { return touchRecord(database_, id_, record); });
 }
 
 bool Table::touch(const Record& record) {
-  return touchRecord(database_, id_, record);
+  return detail::committed(database_, kTouch, [&] { return touchRecord(database_, id_, record); });
 }
 
 bool Table::remove(Id record) {
-  return removeRecord(database_, id_, record);
+  return detail::committed(database_, kDelete,
+                           [&] { return removeRecord(database_, id_, record); });
 }
 
 bool Table::remove(const Record& record) {
-  return removeRecord(database_, id_, record);
+  return detail::committed(database_, kDelete,
+                           [&] { return removeRecord(database_, id_, record); });
 }
 
 }  // namespace qvdb

@@ -1,0 +1,80 @@
+// The transaction that is open on a database, and what became of earlier ones.
+//
+// While a transaction is open, operations of its thread use its stage (platform/transfer/stage.h):
+// they are those of always, and what they write stays in memory. Operations of other threads on the
+// database wait until it has ended; readers and other processes see the file, which is the state
+// before. Committing gives what the stage holds to the log of intents (intents/commit.h).
+//
+// The log puts an intent before the new blocks, so that these move by its length: positions beyond
+// the limit of a transaction change when it ends. What the layer itself remembers is corrected
+// then; records that the program holds know in which transaction they were found, and are corrected
+// when they are used.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "intents/commit.h"
+#include "objects/published.h"
+#include "platform/handles/turns.h"
+#include "platform/host/process_mark.h"
+#include "platform/transfer/stage.h"
+
+namespace qvdb::detail {
+
+struct OpenTransaction {
+  uint32_t number = 0;
+  std::unique_ptr<qvdbase::platform::Stage> stage;
+  const void* thread = qvdbase::platform::thisThread();
+  qvdbase::platform::ProcessMark maker;
+  size_t writesBefore = 0;     // of this process to the file, when it began
+  uint64_t changesBefore = 0;  // of the database, likewise
+  bool hasNewTables = false;   // which the directory cache must not show to others
+
+  bool isOfThisThread() const {
+    return thread == qvdbase::platform::thisThread() && maker.isStillOwn();
+  }
+};
+
+// A transaction that has ended: what it has added lies from `limit` on, or did.
+struct EndedTransaction {
+  uint32_t number = 0;
+  int64_t limit = 0;
+  int64_t shift = 0;
+  bool isCommitted = false;
+};
+
+// The transactions of one database; read and changed in its turn.
+struct Transactions {
+  std::unique_ptr<OpenTransaction> open;
+  std::unique_ptr<qvdbase::intents::CommitLog> log;  // from the first one on
+  qvdbase::intents::Durability durability = qvdbase::intents::Durability::process;
+  uint32_t latest = 0;                // the number of the one that began last
+  std::atomic<uint32_t> endings = 0;  // for threads that wait for one to end
+
+  // The number of the one that is open, or 0. Threads ask for it without the turn, too.
+  Published<uint32_t> openNumber;
+
+  void noteEnded(const EndedTransaction& ended) { ended_[ended.number % kKept] = ended; }
+
+  // Where a block is now that was at a position when it was found in a transaction (0: in none).
+  // Nothing where it was taken back, and where that is no longer known.
+  std::optional<int64_t> presentPosition(uint32_t foundIn, int64_t position) const {
+    if (foundIn == 0 || foundIn == openNumber) return position;
+    const EndedTransaction& ended = ended_[foundIn % kKept];
+    if (ended.number != foundIn) return std::nullopt;
+    if (position < ended.limit) return position;
+    if (!ended.isCommitted) return std::nullopt;
+    return position + ended.shift;
+  }
+
+ private:
+  static constexpr size_t kKept = 256;
+  std::array<EndedTransaction, kKept> ended_ = {};
+};
+
+}  // namespace qvdb::detail

@@ -1,0 +1,128 @@
+// Transactions of several threads on one database: they take turns, and so do plain operations.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "objects/layer_fixture.h"
+
+namespace qvdbase::test {
+namespace {
+
+class ThreadsWithTransactions : public LayerTest {
+ protected:
+  static int numberIn(const qvdb::Table& table, qvdb::Id id) {
+    return std::stoi(
+        std::string(reinterpret_cast<const char*>(table.get(id)->data()), table.get(id)->size()));
+  }
+};
+
+TEST_F(ThreadsWithTransactions, TakeTurns) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 40;
+  qvdb::Database database = createDatabase();
+  qvdb::Table counter = database.add_table("counter");
+  qvdb::Table log = database.add_table("log");
+  const qvdb::Id id = counter.add("0", 20);
+  const qvdb::RecordIndex index = log.index();
+  std::atomic<int> committed = 0;
+  std::atomic<int> plain = 0;
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i < kEach; ++i) {
+        if (i % 4 == 3) {
+          log.add("plain");
+          ++plain;
+          continue;
+        }
+        auto t = database.begin();
+        const int before = numberIn(counter, id);
+        const uint32_t logged = log.count();
+        EXPECT_TRUE(counter.modify(id, std::to_string(before + 1)));
+        log.add("in a transaction");
+        std::this_thread::yield();
+        EXPECT_EQ(log.count(), logged + 1) << "an operation of another thread came between";
+        if ((i + thread) % 5 == 0) {
+          t.rollback();
+          continue;
+        }
+        t.commit();
+        ++committed;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(numberIn(counter, id), committed.load());
+  EXPECT_EQ(log.count(), static_cast<uint32_t>(committed.load() + plain.load()));
+}
+
+TEST_F(ThreadsWithTransactions, AreTakenBackByAnyThread) {
+  qvdb::Database database = createDatabase();
+  qvdb::Table table = database.add_table("t");
+  auto t = database.begin();
+  table.add("a");
+  std::thread([&] {
+    EXPECT_TRUE(t.is_active());
+    // Committing is refused: the thread that has begun it may be in the middle of something.
+    const auto error = errorOf([&] { t.commit(); });
+    EXPECT_EQ(error->reason(), qvdb::Reason::bad_argument);
+    t.rollback();
+    EXPECT_EQ(table.count(), 0u);
+  }).join();
+  EXPECT_FALSE(t.is_active());
+  expectError(qvdb::Reason::bad_argument, [&] { t.commit(); });
+}
+
+TEST_F(ThreadsWithTransactions, WaitNoLongerWhenTheDatabaseIsClosed) {
+  qvdb::Database database = createDatabase();
+  qvdb::Table table = database.add_table("t");
+  auto t = database.begin();
+  table.add("a");
+  std::atomic<bool> hasBegun = false;
+  std::thread waiting([&] {
+    hasBegun = true;
+    try {
+      table.count();
+    } catch (const qvdb::Error& error) {
+      EXPECT_EQ(error.reason(), qvdb::Reason::not_open);
+    }
+  });
+  while (!hasBegun) std::this_thread::yield();
+  database.close();
+  waiting.join();
+}
+
+// Readers go on beside one, and see what is committed.
+TEST_F(ThreadsWithTransactions, LetReadersSeeTheStateBeforeAndAfter) {
+  qvdb::Database database = createDatabase();
+  qvdb::Table first = database.add_table("first");
+  const qvdb::Id id = first.add("0", 20);
+  std::atomic<bool> isOver = false;
+  std::atomic<int> latest = 0;
+  std::thread reading([&, reader = database.reader()] {
+    const qvdb::Table seen = reader.table("first");
+    int last = 0;
+    while (!isOver) {
+      const int atLeast = latest;
+      const int now = numberIn(seen, id);
+      EXPECT_GE(now, last);
+      EXPECT_GE(now, atLeast);
+      last = now;
+    }
+  });
+  for (int i = 1; i <= 200; ++i) {
+    database.transaction([&](qvdb::Transaction&) {
+      EXPECT_TRUE(first.modify(id, "-1"));
+      EXPECT_TRUE(first.modify(id, std::to_string(i)));
+    });
+    latest = i;
+  }
+  isOver = true;
+  reading.join();
+}
+
+}  // namespace
+}  // namespace qvdbase::test
