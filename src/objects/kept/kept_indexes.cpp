@@ -387,7 +387,7 @@ void writeKeptBeforeClose(const std::shared_ptr<OpenDatabase>& database) noexcep
       const DatabaseTurn turn(*database);
       const bool hasAny = !database->keptIndexes.empty() || !database->keptKeys.empty();
       if (turn.handle() == 0 || !hasAny || !isWriter(*database)) return;
-      database->discardBulk();
+      database->takeBackOpen();
     }
     const KeptFile file(KeptFile::placeFor(*database));
     const Operation operation(database, kKeep);
