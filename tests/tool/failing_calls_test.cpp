@@ -158,7 +158,8 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
   void reset() {
     for (const auto& each : fs::directory_iterator(folder.path())) {
       const fs::path name = each.path().filename();
-      if (name != "in" && name != "changed") fs::remove_all(each.path());
+      const bool isInput = name == "in" || name == "changed" || name == "dump.jsonl";
+      if (!isInput) fs::remove_all(each.path());
     }
     writeFile(folder / "full.qvd", full_);
     // A file that was written just now is given time before it is judged.

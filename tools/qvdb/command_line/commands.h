@@ -27,6 +27,8 @@ extern const Command kSqlCommand;
 extern const Command kDumpCommand;
 extern const Command kLoadCommand;
 extern const Command kDigestCommand;
+extern const Command kDiffCommand;
+extern const Command kPatchCommand;
 extern const Command kStatCommand;
 extern const Command kMapCommand;
 extern const Command kHexdumpCommand;

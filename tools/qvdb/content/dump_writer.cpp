@@ -208,12 +208,19 @@ void writeTableData(const Database& database, const Table& table, JsonLines& lin
   writeBytesOf(table, *size, lines);
 }
 
+bool hasChecksum(const Record& record) {
+  const RecordInfo& info = record.info();
+  return info.capacity - info.size >= qvdbase::format::kChecksumCapacity &&
+         record.verify() == PayloadState::verified;
+}
+
 void writeRecord(const Record& record, bool mayBeCategory, JsonLines& lines) {
   const RecordInfo& info = record.info();
   lines.id("record", info.id);
   lines.number("created", info.create_time);
   lines.number("modified", info.modify_time);
   if (info.capacity != info.size) lines.number("capacity", info.capacity);
+  if (hasChecksum(record)) lines.truth("checksum", true);
   if (!record.is_loaded() && info.size > kMostOnOneLine) {
     lines.number("size", info.size);
     return writePieces(

@@ -40,6 +40,10 @@ void writeTableMembers(const TableInfo& info, bool isWhole, JsonLines& lines);
 // are ended: "none" where it has none.
 void writeTableData(const Database& database, const Table& table, JsonLines& lines);
 
+// Whether the record has a checksum that agrees with its payload. Another one is not restored: it
+// is spare capacity, and where the payload is rotten, reading it fails.
+bool hasChecksum(const Record& record);
+
 // The members of a record's line, and the lines that follow it where its payload has more than
 // kMostOnOneLine bytes. The line was begun, and is ended.
 void writeRecord(const Record& record, bool mayBeCategory, JsonLines& lines);

@@ -71,6 +71,8 @@ NewRecord RecordLine::newRecord() const {
   record.create_time = created;
   record.modify_time = modified;
   record.given_ids = GivenIds::as_they_are;
+  record.checksum = hasChecksum ? Checksum::yes : Checksum::no;
+  if (hasChecksum) record.reserve -= qvdbase::format::kChecksumCapacity;
   return record;
 }
 
@@ -85,6 +87,11 @@ RecordLine takeRecord(Members& members) {
       members.has("category") ? payloadOfCategory(members) : members.bytes("text", "base64");
   if (line.size && *line.size <= line.payload.size()) {
     throw BadLine("\"size\" is not more than what the line has of the payload");
+  }
+  line.hasChecksum = members.truth("checksum");
+  const uint64_t size = line.size.value_or(static_cast<uint32_t>(line.payload.size()));
+  if (line.hasChecksum && line.capacity.value_or(0) < size + qvdbase::format::kChecksumCapacity) {
+    throw BadLine("\"capacity\" is not enough for a checksum");
   }
   requireCapacity(line.capacity, line.size.value_or(static_cast<uint32_t>(line.payload.size())));
   return line;

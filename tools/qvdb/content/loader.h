@@ -22,6 +22,7 @@ struct RecordLine {
   std::optional<uint32_t> capacity;
   std::optional<uint32_t> size;  // of the whole payload, where it goes on in further lines
   std::string payload;           // or the first piece of it
+  bool hasChecksum = false;
 
   NewRecord newRecord() const;
 };
