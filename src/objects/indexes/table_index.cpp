@@ -132,6 +132,7 @@ bool catchUp(const Operation& operation, TableIndex& index, const tablePart1& sl
     const bool isNew = index.map.insert(format::identifierNumber(header.recordID), next);
     index.hasDuplicates = index.hasDuplicates || !isNew;
     index.lastPos = next;
+    index.journal.lose();  // it may know more than the transaction has made
     steps.next();
   }
   index.slot = slot;

@@ -98,6 +98,7 @@ void TableKeys::enterSome(const std::vector<std::pair<KeyList, int64_t>>& some, 
       const bool mayBeTwice = options.unique && build != nullptr && to.containsInMemory(keys[i]);
       const bool isNew = to.insert(keys[i], position, options.ordered);
       if (mayBeTwice && isNew) build->twice.emplace(keys[i]);
+      if (build == nullptr) journal.note(&KeyJournal::entered, keys[i], position);
     }
     (build != nullptr ? build->lastPos : lastPos) = position;
   }

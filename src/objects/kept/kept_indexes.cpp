@@ -13,6 +13,7 @@
 #include "objects/kept/kept_stamp.h"
 #include "objects/kept/kept_writer.h"
 #include "objects/sharing/looks.h"
+#include "objects/transactions/transaction_steps.h"
 #include "platform/handles/current_name.h"
 #include "platform/handles/file_access.h"
 #include "platform/handles/file_changes.h"
@@ -365,6 +366,7 @@ void writeKept(const std::shared_ptr<OpenDatabase>& database) {
     const Operation operation(database, kKeep);
     operation.requireWritable();
     operation.requireNoBulk();
+    operation.requireNoTransaction();
     if (!isWriter(*database)) {
       operation.fail(Reason::bad_argument, "only an opener with Mode::exclusive writes them");
     }
@@ -388,6 +390,7 @@ void writeKeptBeforeClose(const std::shared_ptr<OpenDatabase>& database) noexcep
       const bool hasAny = !database->keptIndexes.empty() || !database->keptKeys.empty();
       if (turn.handle() == 0 || !hasAny || !isWriter(*database)) return;
       database->takeBackOpen();
+      if (!settleAtEnd(*database)) return;
     }
     const KeptFile file(KeptFile::placeFor(*database));
     const Operation operation(database, kKeep);
