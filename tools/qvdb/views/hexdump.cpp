@@ -25,6 +25,7 @@ struct Options {
 
 constexpr int64_t kBytesInALine = 16;
 constexpr uint64_t kBytesShown = 256;  // of payloads, and of bytes that are no block
+constexpr size_t kNameWidth = sizeof "lastWrittenRecordPos  " - 1;  // the longest name
 constexpr uint64_t kMostShown = 1 << 24;
 
 // One field: its bytes, as far as the file has them, and what they mean.
@@ -224,7 +225,7 @@ class Dump {
 
   void printEntry(const Entry& entry) const {
     std::string name = entry.name;
-    name.resize(22, ' ');
+    name.resize(kNameWidth, ' ');
     std::string remark = name + entry.value;
     const auto size = static_cast<int64_t>(entry.bytes.size());
     for (int64_t from = 0; from < size || from == 0; from += kBytesInALine) {
@@ -294,7 +295,7 @@ that has the byte is marked with '>'.
 'qvdb map --extents' lists where blocks begin, and 'qvdb check' names offsets. The file is only read,
 and may be damaged in any way.)",
     R"(qvdb hexdump notes.qvd 0
-qvdb hexdump notes.qvd 4630
+qvdb hexdump notes.qvd 5000
 qvdb hexdump --length 4096 notes.qvd 0x1216)",
     define,
 };
