@@ -204,7 +204,7 @@ patch' needs to make B of A, payloads included.
 Both files are only read. Memory is needed for identifiers, about 150 bytes for each record of the
 largest table, never for payloads.)",
     R"(qvdb diff before.qvd after.qvd
-qvdb diff --json before.qvd after.qvd | jq -r 'select(.change == "added").record'
+qvdb diff --json old.qvd new.qvd | jq -r 'select(.change == "added").record'
 qvdb diff --patch before.qvd after.qvd > changes.jsonl)",
     define,
     "0  both hold the same\n1  they differ\n2  a database cannot be read, or wrong usage",
