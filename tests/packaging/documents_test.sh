@@ -42,5 +42,5 @@ while IFS=: read -r document target; do
   esac
   [ -e "$(dirname -- "$document")/$target" ] ||
     { echo "${document#"$documents/"} refers to $target, which is not installed"; failures=1; }
-done < <(grep -roE --include='*.md' '\]\([^)]*\)' -- "$documents")
+done < <(grep -roE --include='*.md' '\]\([^) ]*\)' -- "$documents")
 exit "$failures"
