@@ -305,7 +305,7 @@ TEST_F(LayerChecksums, AreComparedByAllThatReadsAWholePayload) {
     for (const auto& [name, read] : waysToRead()) {
       SCOPED_TRACE(name);
       auto database = openDatabase();
-      const auto error = errorOf([&] { read(database); });
+      const auto error = errorOf([&, way = read] { way(database); });
       ASSERT_TRUE(error.has_value());
       EXPECT_EQ(error->reason(), Reason::payload_damaged) << error->what();
       EXPECT_EQ(error->remedy(), qvdb::Remedy::restore_payload);

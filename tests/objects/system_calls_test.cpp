@@ -192,7 +192,8 @@ TEST_F(SystemCallsTest, OpeningAndReadingTheFirstRecordDoesNotDependOnTheirNumbe
   EXPECT_EQ(callsOf(openAndRead), few);
   // Behind the walk to the file: the header, the pending word of transactions, the slot twice, the
   // first records.
-  EXPECT_NE(few.find("lock statusAt close read read read read read close"), std::string::npos)
+  EXPECT_NE(few.find("lock statusAt close read length read read read read close"),
+            std::string::npos)
       << few;
 }
 

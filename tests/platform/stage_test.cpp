@@ -139,7 +139,9 @@ TEST_F(Stages, LinksAreKeptWithWhatWasThere) {
 }
 
 TEST_F(Stages, OtherChangesInPlaceAreRefusedAndBreakIt) {
-  for (const auto& [position, size] : {std::pair{3004, 8}, {2000, 9}, {196, 8}, {4996, 8}}) {
+  for (const auto& place : {std::pair{3004, 8}, {2000, 9}, {196, 8}, {4996, 8}}) {
+    const auto position = place.first;
+    const auto size = place.second;
     open(patterned(5000));
     inCall([&] {
       EXPECT_TRUE(write(3000, hex("1122 3344 5566 7788")));

@@ -108,8 +108,7 @@ constexpr uint64_t kReadersFirst = 20'000;  // microseconds
 
 void letReadersLook(OpenDatabase& database) {
   const auto ask = [&database] {
-    const bool isAsked = platform::isLockByteHeld(database.handle, LockByte::waiting);
-    return isAsked ? LockOutcome::refused : LockOutcome::taken;
+    return platform::isReaderWaiting(database.handle) ? LockOutcome::refused : LockOutcome::taken;
   };
   const uint64_t longest = database.isReaderLate ? 0 : kReadersFirst;
   database.isReaderLate = whileRefused(longest, ask) == LockOutcome::refused;

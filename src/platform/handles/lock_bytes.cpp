@@ -81,6 +81,12 @@ bool isHeld(int descriptor, struct flock lock) {
   return lock.l_type != F_UNLCK;
 }
 
+// The same, where what cannot be found out counts as not held.
+bool isSeenHeld(int descriptor, struct flock lock) {
+  if (uninterrupted([&] { return systemCalls().findLock(descriptor, &lock); }) != 0) return false;
+  return lock.l_type != F_UNLCK;
+}
+
 // Puts a new description of the file in the place of the one for reading.
 bool openForReaders(FileEntry* entry, const std::string& path) {
   Directory folder;
@@ -125,6 +131,11 @@ void releaseLockByte(int16_t file, LockByte byte, Sharing strength) {
 bool isLockByteHeld(int16_t file, LockByte byte) {
   const LockedEntry entry(file);
   return entry && isHeld(descriptorOf(*entry), lockOf(byte, F_WRLCK));
+}
+
+bool isReaderWaiting(int16_t file) {
+  const LockedEntry entry(file);
+  return entry && isSeenHeld(descriptorOf(*entry), lockOf(LockByte::waiting, F_WRLCK));
 }
 
 LockOutcome takeLook(int16_t file) {

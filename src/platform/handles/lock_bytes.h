@@ -44,6 +44,10 @@ void releaseLockByte(int16_t file, LockByte byte, Sharing strength);
 // time and is safe.
 bool isLockByteHeld(int16_t file, LockByte byte);
 
+// Whether an opener elsewhere holds the byte `waiting`. What cannot be found out counts as not
+// held: nothing depends on it but who is first.
+bool isReaderWaiting(int16_t file);
+
 // Locks `change` for a look of a reader, unless a writer waits at the gate. Looks of one process
 // are counted, and the last one that ends gives the lock up. The caller has the turn of this
 // number; through a view that is not the turn of the file, but it excludes changes (beginViewLook)
