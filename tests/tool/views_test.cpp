@@ -35,7 +35,7 @@ class ToolViews : public ToolTest {
 
 using ToolMap = ToolViews;
 using ToolHexdump = ToolViews;
-using ToolStat = ToolViews;
+using ToolStatBytes = ToolViews;
 
 // 4,630 bytes of directory; blocks of 461, 456, 356, 556 and 222 bytes: 6,681 in all.
 TEST_F(ToolMap, ShowsWhatTheBytesAre) {
@@ -182,7 +182,7 @@ TEST_F(ToolHexdump, SurvivesDamagedFiles) {
   allowDamage();
 }
 
-TEST_F(ToolStat, SaysWhereTheBytesAreAndWhatCompactGains) {
+TEST_F(ToolStatBytes, SaysWhereTheBytesAreAndWhatCompactGains) {
   makeLively();
   const auto stat = json({"stat", "--json", "test.qvd"});
   EXPECT_EQ(stat["space"]["directory"], 4630);
@@ -200,7 +200,7 @@ TEST_F(ToolStat, SaysWhereTheBytesAreAndWhatCompactGains) {
   EXPECT_EQ(fileSize(), 5869u);
 }
 
-TEST_F(ToolStat, CallsAnEstimateOne) {
+TEST_F(ToolStatBytes, CallsAnEstimateOne) {
   const int16_t db = create();
   const uint64_t notes = addTable(db, "notes");
   for (int i = 0; i < 2500; ++i)
@@ -217,7 +217,7 @@ TEST_F(ToolStat, CallsAnEstimateOne) {
   EXPECT_NE(text.find("(an estimate from 2000 records)"), std::string::npos) << text;
 }
 
-TEST_F(ToolStat, SaysThatCompactRefuses) {
+TEST_F(ToolStatBytes, SaysThatCompactRefuses) {
   makeLively();
   FileImage image;
   const size_t table = image.addTable("notes", 1);
