@@ -34,7 +34,7 @@ completes() {
     { echo "'${COMP_WORDS[*]}' completes to '${COMPREPLY[*]-}', not '$expected'"; exit 1; }
 }
 completes qvdb imp import
-completes qvdb re 'records renumber repair'
+completes qvdb re 'records restore renumber repair'
 completes qvdb import --rep --replace
 completes qvdb import a.qvd t --no --no-sync
 completes qvdb help und undelete

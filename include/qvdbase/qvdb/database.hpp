@@ -81,8 +81,8 @@ class Durability {
   Kind kind_;
 };
 
-inline constexpr Durability Durability::process{Kind::process};
-inline constexpr Durability Durability::power{Kind::power};
+inline constexpr Durability Durability::process{Kind::process};  // as declared above
+inline constexpr Durability Durability::power{Kind::power};      // as declared above
 
 // How a database is opened, with everything that can be asked for.
 struct OpenOptions {

@@ -90,7 +90,7 @@ class NewDatabase {
 
   static Descriptor openedFolder(const Options& options) {
     std::string folder = std::filesystem::path(*options.file).parent_path().native();
-    if (folder.empty()) folder = ".";
+    if (folder.empty()) folder.push_back('.');
     std::error_code error;
     if (options.parents) std::filesystem::create_directories(folder, error);
     Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
