@@ -48,7 +48,7 @@ class StagedReader : public Reader {
       count -= inFile;
     }
     if (count == 0) return true;
-    std::copy_n(blocks_.begin() + (position - limit_), count, to);
+    std::copy_n(blocks_.begin() + static_cast<ptrdiff_t>(position - limit_), count, to);
     return true;
   }
 
@@ -165,9 +165,9 @@ class Gathering {
     const int64_t from = std::max(begin, patch.position);
     const int64_t to =
         std::min(begin + size, patch.position + static_cast<int64_t>(patch.after.size()));
-    std::copy(patch.after.begin() + (from - patch.position),
-              patch.after.begin() + (to - patch.position),
-              (*place)->after.begin() + (from - begin));
+    std::copy(patch.after.begin() + static_cast<ptrdiff_t>(from - patch.position),
+              patch.after.begin() + static_cast<ptrdiff_t>(to - patch.position),
+              (*place)->after.begin() + static_cast<ptrdiff_t>(from - begin));
     laidOver_.hold(begin, (*place)->after);
     return true;
   }

@@ -69,7 +69,7 @@ LiveLayout layOut(const LiveDatabase& database, const Protection& protection) {
 
 std::vector<Move> movesOf(const LiveDatabase& database, const Protection& protection) {
   std::vector<Move> moves;
-  moves.reserve(database.recordCount());
+  moves.reserve(static_cast<size_t>(database.recordCount()));
   int64_t next = database.blocksStart();
   const auto take = [&](const Block& block) {
     return std::exchange(next, next + sizeInCopy(block, protection));

@@ -53,7 +53,8 @@ void requireUsable(const Operation& operation) {
 
 // The bytes of a part of the head.
 std::vector<unsigned char> part(const std::vector<uint8_t>& head, int64_t from, int64_t size) {
-  return {head.begin() + from, head.begin() + from + size};
+  const auto begin = head.begin() + static_cast<ptrdiff_t>(from);
+  return {begin, begin + static_cast<ptrdiff_t>(size)};
 }
 
 void addHeadPatch(const Stage& stage, int64_t position, int64_t size,
