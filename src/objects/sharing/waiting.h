@@ -44,15 +44,11 @@ qvdbase::platform::LockOutcome whileRefused(uint64_t microseconds, Attempt attem
   qvdbase::platform::LockOutcome outcome = attempt();
   if (outcome != qvdbase::platform::LockOutcome::refused || microseconds == 0) return outcome;
   const uint64_t begin = qvdbase::platform::microsecondCounter();
-  uint64_t paused = 0;
   uint64_t waited = 0;
   for (uint64_t pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
-    const uint64_t length = std::min(pause, microseconds - waited);
-    pauseFor(length);
-    paused += length;
+    pauseFor(std::min(pause, microseconds - waited));
     outcome = attempt();
-    // A pause can last longer than it should; a clock can stand still.
-    waited = std::max(paused, qvdbase::platform::microsecondCounter() - begin);
+    waited = qvdbase::platform::microsecondCounter() - begin;
     if (outcome != qvdbase::platform::LockOutcome::refused || waited >= microseconds) {
       return outcome;
     }
