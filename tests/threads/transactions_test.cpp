@@ -14,8 +14,8 @@ namespace {
 class ThreadsWithTransactions : public LayerTest {
  protected:
   static int numberIn(const qvdb::Table& table, qvdb::Id id) {
-    return std::stoi(
-        std::string(reinterpret_cast<const char*>(table.get(id)->data()), table.get(id)->size()));
+    const auto payload = table.get(id);
+    return std::stoi(std::string(reinterpret_cast<const char*>(payload->data()), payload->size()));
   }
 };
 
