@@ -26,7 +26,10 @@ bool Stage::writeToFile(const OpenFile& file, int64_t position, const uint8_t* b
   const size_t done = writePlain(file.descriptor, position, bytes, count);
   noteWritten(file.entry, position, bytes, count, done);
   ++writesMade_;
-  return done == count;
+  if (done == count) return true;
+  // The part of it that was appended must not stay where a rollback does not look for it.
+  if (done > 0 && position == inFile_) static_cast<void>(cutFile(file, position));
+  return false;
 }
 
 std::unique_ptr<Stage> Stage::begin(const OpenFile& file, size_t head, size_t budget,
@@ -192,13 +195,17 @@ bool Stage::cut(const OpenFile& file, int64_t length) {
   }
   tail_.clear();
   if (systemCalls().lengthOf(file.descriptor) != inFile_) return breakOff();
+  if (!cutFile(file, length)) return breakOff();
+  inFile_ = length;
+  return true;
+}
+
+bool Stage::cutFile(const OpenFile& file, int64_t length) {
   const bool isCut =
       uninterrupted([&] { return systemCalls().truncate(file.descriptor, length); }) == 0;
   noteCut(file.entry, isCut ? length : -1);
   ++writesMade_;
-  if (!isCut) return breakOff();
-  inFile_ = length;
-  return true;
+  return isCut;
 }
 
 void Stage::save() {

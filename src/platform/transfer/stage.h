@@ -109,6 +109,7 @@ class Stage {
   Stage() = default;
   bool readBefore(const OpenFile& file, int64_t position, uint8_t* bytes, size_t count) const;
   bool writeToFile(const OpenFile& file, int64_t position, const uint8_t* bytes, size_t count);
+  bool cutFile(const OpenFile& file, int64_t length);
   bool writeLink(const OpenFile& file, int64_t position, const uint8_t* bytes, size_t count,
                  const uint8_t* before);
   bool writeSpilled(const OpenFile& file, int64_t position, const uint8_t* bytes, size_t count);
