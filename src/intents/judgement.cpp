@@ -7,6 +7,7 @@
 
 #include "format/big_endian.h"
 #include "intents/chain_view.h"
+#include "intents/in_place.h"
 
 namespace qvdbase::intents {
 namespace {
@@ -286,7 +287,9 @@ void Judgement::decide(RecoveryPlan* plan) const {
       if (place.now != entry.after) plan->writes.push_back({place.position, entry.after, slot});
     }
   }
-  plan->contradicted = verdict.contradicted;
+  for (const int slot : verdict.contradicted) {
+    if (!isInPlace(file_, run_, committed_, slot)) plan->contradicted.insert(slot);
+  }
   plan->contradicted.insert(traces.begin(), traces.end());
   for (size_t i = 0; i < plan->intents.size(); ++i) {
     plan->intents[i].isWhole = i < committed_;

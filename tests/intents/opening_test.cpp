@@ -169,6 +169,26 @@ TEST_F(OpeningAfterACrash, LeavesATableAloneThatAnotherProgramHasChanged) {
   EXPECT_EQ(codesOf(path()).count("S2"), 1u);  // what the transaction had added
 }
 
+// The process ends after all was put into its place, and before that was noted.
+TEST_F(OpeningAfterACrash, IsOfNoImportanceWhereAllIsInPlaceAndOthersHaveGoneOn) {
+  const Bytes word = contents().at(4558, 24);
+  qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
+  writeFile(path(), contents().with(4558, word));
+  const int16_t db = open();
+  const uint64_t table = readDatabase(contents()).tables[0].id;
+  addRecord(db, table, bytesOf("from another program"));
+  const std::vector<ReadRecord> records = readDatabase(contents()).tables[0].records;
+  EXPECT_EQ(DeleteOneRecord(db, table, records[0].id, nullptr), 1);
+  const Bytes longer(200, 'x');
+  EXPECT_EQ(ModifyRecordData(db, table, longer.data(), 200, records[1].id, nullptr), 1);
+  close(db);
+  const std::string changed = contentsOf(contents());
+  EXPECT_EQ(codesOf(path()).count("X3"), 0u);
+  qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
+  EXPECT_EQ(contentsOf(contents()), changed);
+  EXPECT_EQ(codesOf(path()).count("X3"), 0u);
+}
+
 TEST_F(OpeningAfterACrash, IgnoresACommitThatWasTorn) {
   const Bytes crashed = contents();
   const Bytes before = crashed.with(4558, Bytes().zeros(24));
