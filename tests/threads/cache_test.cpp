@@ -91,5 +91,23 @@ TEST_F(ThreadsWithACache, BeginAndEndItWhileOthersRead) {
   });
 }
 
+// The cache follows to the new opening in the turn of that.
+TEST_F(ThreadsWithACache, ReadOnWhileOneOpensItAgain) {
+  const qvdb::Cache cache = database.cache(size_t{1} << 20);
+  const BusyThread busy([&] { database.reopen(); });
+  runThreads(3, [&](int) {
+    for (int round = 0; round < kRounds; ++round) {
+      try {
+        EXPECT_TRUE(isOfOneLetter(table.get(qvdb::Id{1}).value()));
+        table.modify(qvdb::Id{1}, std::string(100, 'b'));
+      } catch (const qvdb::Error& error) {
+        EXPECT_TRUE(error.reason() == qvdb::Reason::not_open ||
+                    error.reason() == qvdb::Reason::changed_meanwhile)
+            << error.what();
+      }
+    }
+  });
+}
+
 }  // namespace
 }  // namespace qvdbase::test

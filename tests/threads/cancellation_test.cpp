@@ -63,6 +63,19 @@ class CancelledThreads : public LayerTest {
     return result == PTHREAD_CANCELED;
   }
 
+  // That it is made to its end in a thread whose cancellation is pending when it begins.
+  static void expectToFinish(const std::function<void()>& call, ptrdiff_t number) {
+    bool wasFinished = false;
+    const auto cancelledBefore = [&] {
+      pthread_cancel(pthread_self());
+      EXPECT_NO_THROW(call()) << "call " << number;
+      wasFinished = true;
+      pthread_testcancel();
+    };
+    EXPECT_TRUE(isCancelledIn(cancelledBefore));
+    EXPECT_TRUE(wasFinished) << "call " << number;
+  }
+
   void expectSound() { EXPECT_EQ(qvdb::check(path()).errors, 0u); }
 };
 
@@ -138,18 +151,36 @@ TEST_F(CancelledThreads, FinishWhatOpensAFileToLookAtIt) {
       [&] { qvdb::read_version(path(), version); },
       [&] { qvdb::salvage(path(), path("salvaged.qvd")); },
       [&] { qvdb::salvage_image(span(image), path("salvaged from image.qvd")); },
+      [&] { qvdb::visit_extents(path(), [](const qvdb::Extent&) {}); },
+      [&] { qvdb::compact(path(), path("compacted.qvd")); },
+      [&] { qvdb::pack(path(), path("packed.qvd")); },
+      [&] { qvdb::mend(path()); },
+      [&] { qvdb::repair(path()); },
+      [&] { openDatabase().backup(path("backup.qvd")); },
+      [&] { openDatabase(qvdb::Mode::exclusive).compact(); },
+      [&] {
+        qvdb::Database reopened = openDatabase();
+        reopened.reopen();
+      },
   };
-  for (const auto& call : calls) {
-    bool wasFinished = false;
-    const auto cancelledBefore = [&] {
-      pthread_cancel(pthread_self());
-      call();
-      wasFinished = true;
-      pthread_testcancel();
-    };
-    EXPECT_TRUE(isCancelledIn(cancelledBefore));
-    EXPECT_TRUE(wasFinished) << "call " << &call - calls.data();
+  for (const auto& call : calls) expectToFinish(call, &call - calls.data());
+}
+
+// A check within another call has a visitor that is not the caller's.
+TEST_F(CancelledThreads, FinishWhatChecksAFileOnItsWay) {
+  createDatabase().add_table("t").add("one");
+  writeFile(path(), readFile(path()).text("what no block explains"));
+  const std::vector<std::function<void()>> calls = {
+      [&] { qvdb::mend(path(), {.dry_run = true}); },
+      [&] { qvdb::compact(path(), path("compacted.qvd")); },
+      [&] { openDatabase().backup(path("backup.qvd")); },
+      [&] { qvdb::salvage(path(), path("salvaged.qvd")); },
+  };
+  for (const auto& call : calls) expectToFinish(call, &call - calls.data());
+  for (const char* made : {"compacted.qvd", "backup.qvd", "salvaged.qvd"}) {
+    EXPECT_EQ(qvdb::check(path(made)).errors, 0u) << made;
   }
+  for (const char* copy : {kDefaultFile, "backup.qvd"}) std::filesystem::remove(path(copy));
 }
 
 TEST_F(CancelledThreads, EndInAFunctionOfTheCallers) {

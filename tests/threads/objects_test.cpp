@@ -1,5 +1,6 @@
 // Threads that share a database of the C++ layer: its tables, records, indexes, walks and batches.
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -322,6 +323,61 @@ TEST_F(ThreadsOnDatabase, ReadOnWhileOneOpensItAgain) {
     }
   });
   expectLasting(idsOf(table));
+}
+
+// A reader asks whether the database that it is a view of still is the one that was opened.
+TEST_F(ThreadsOnDatabase, ReadThroughReadersWhileOneOpensItAgain) {
+  for (const Mode mode : {Mode::exclusive, Mode::shared}) {
+    fill();
+    database.close();
+    database = openDatabase(mode);
+    std::atomic<bool> isOver = false;
+    const std::array readers = {database.reader(), database.reader()};
+    runThreads(3, [&](int thread) {
+      if (thread == 0) {
+        for (int i = 0; i < 20; ++i) database.reopen();
+        isOver = true;
+        return;
+      }
+      const qvdb::Table read = readers[static_cast<size_t>(thread - 1)].table("t");
+      do {
+        expectLasting(walk(read, Order::oldest_first));
+        EXPECT_EQ(read.count(), kLasting);
+      } while (!isOver);
+    });
+    expectSound();
+    std::filesystem::remove(path());
+  }
+}
+
+// Once the handle of the new opening is seen, all that belongs to it is.
+TEST_F(ThreadsOnDatabase, WriteWhileOneOpensItAgain) {
+  for (const Mode mode : {Mode::exclusive, Mode::shared}) {
+    fill();
+    database.close();
+    database = openDatabase(mode);
+    table = database.table("t");
+    std::atomic<bool> isOver = false;
+    std::atomic<uint32_t> added = 0;
+    runThreads(3, [&](int thread) {
+      if (thread == 0) {
+        for (int i = 0; i < 20; ++i) database.reopen();
+        isOver = true;
+        return;
+      }
+      while (!isOver) {
+        try {
+          table.add("y");
+          ++added;
+        } catch (const qvdb::Error& error) {
+          EXPECT_EQ(error.reason(), Reason::not_open) << error.what();
+        }
+      }
+    });
+    EXPECT_EQ(table.count(), kLasting + added);
+    expectSound();
+    std::filesystem::remove(path());
+  }
 }
 
 TEST_F(ThreadsOnDatabase, AddRecordsUnlessABatchIsOpen) {
