@@ -34,6 +34,7 @@ class Holder {
   bool isHolding() const { return isHolding_; }
   // How a message begins to name it: "another process (4711".
   std::string named() const { return "another process (" + std::to_string(process_); }
+  std::string number() const { return std::to_string(process_); }
   void end() {
     if (process_ <= 0) return;
     ::kill(process_, SIGKILL);
@@ -109,6 +110,26 @@ TEST_F(ToolWait, WaitsUntilTheDatabaseIsFree) {
   const Outcome outcome = runProgram(call);
   EXPECT_EQ(outcome.status, 0) << outcome;
   EXPECT_EQ(database().tables[0].records.size(), 2u);
+}
+
+// What looks like damage can be its work in progress.
+TEST_F(ToolWait, ACheckNamesWhoWrites) {
+  notes({bytesOf("a")});
+  patchFile(path(kDefaultFile), static_cast<uint64_t>(slot(0).firstRecordPos), Bytes().be(1, 0));
+  expectDamage(kDefaultFile);
+  const Holder holder(wide(kDefaultFile));
+  ASSERT_TRUE(holder.isHolding());
+  for (const Words& words :
+       {Words{"check", kDefaultFile}, {"check", "--wait", "1", kDefaultFile}}) {
+    const Outcome outcome = run(words);
+    EXPECT_EQ(outcome.status, 4) << outcome;
+    EXPECT_NE(outcome.out.find("in use: " + holder.named()), std::string::npos) << outcome;
+    EXPECT_NE(outcome.out.find(") is writing to it; "), std::string::npos) << outcome;
+  }
+  const Outcome outcome = run({"check", "--json", kDefaultFile});
+  EXPECT_EQ(outcome.status, 4) << outcome;
+  EXPECT_EQ(nlohmann::json::parse(outcome.out)["writer"]["process"].dump(), holder.number())
+      << outcome;
 }
 
 TEST_F(ToolWait, WaitsForTheFileThatItReplaces) {

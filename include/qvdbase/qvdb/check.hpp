@@ -125,6 +125,13 @@ enum class CheckState {
   in_use,   // it is being written: what was found may be work in progress
 };
 
+// Who has a file open for writing, as far as the system lets this process know.
+struct FileWriter {
+  bool is_this_process = false;  // a thread of it, or the caller itself
+  int64_t process = 0;           // the identifier of another process; 0 where it is not known
+  std::string name;              // the name of that process; empty where it is not known
+};
+
 // The result of a check.
 struct CheckReport {
   CheckState state = CheckState::sound;  // the whole in one word
@@ -138,6 +145,7 @@ struct CheckReport {
   bool pack = false;                     // PackOneDB2NewW will succeed
   int repair = 0;          // what FixOneDBLinkErrorW will report: 0, 1 (failure) or 2 (rewritten)
   PayloadCounts payloads;  // of the records in use, where CheckOptions::payloads asks for it
+  FileWriter writer;       // with in_use: who writes to it
 };
 
 // What a check looks at, and how.

@@ -45,23 +45,6 @@ OpenFailureFound failureOf(int error) {
   return {causeOf(error), {error, std::system_category()}};
 }
 
-// Where locks belong to open file descriptions, the query for them does not name a process.
-LockHolder holderOf(int descriptor, const struct stat& status, Sharing wanted) {
-  LockHolder holder;
-  struct flock lock = fileLock(wanted);
-  if (systemCalls().findLock(descriptor, &lock) != 0 || lock.l_type == F_UNLCK) return holder;
-  holder.process = lock.l_pid > 0
-                       ? lock.l_pid
-                       : systemCalls().lockHolder(status.st_dev, status.st_ino, kLockedBytes);
-  char name[64] = {};
-  if (holder.process <= 0 ||
-      !systemCalls().processName(static_cast<pid_t>(holder.process), name, sizeof name)) {
-    return holder;
-  }
-  holder.name = name;
-  return holder;
-}
-
 // A lock is refused while another process holds one; anything else says that there are none here.
 OpenFailureFound lockFailureOf(int error, int descriptor, const struct stat& status,
                                Sharing wanted) {
@@ -136,6 +119,23 @@ OpenFailureFound lookAtEntry(const FileEntry& entry, const struct stat& status, 
 }
 
 }  // namespace
+
+// Where locks belong to open file descriptions, the query for them does not name a process.
+LockHolder holderOf(int descriptor, const struct stat& status, Sharing wanted) {
+  LockHolder holder;
+  struct flock lock = fileLock(wanted);
+  if (systemCalls().findLock(descriptor, &lock) != 0 || lock.l_type == F_UNLCK) return holder;
+  holder.process = lock.l_pid > 0
+                       ? lock.l_pid
+                       : systemCalls().lockHolder(status.st_dev, status.st_ino, kLockedBytes);
+  char name[64] = {};
+  if (holder.process <= 0 ||
+      !systemCalls().processName(static_cast<pid_t>(holder.process), name, sizeof name)) {
+    return holder;
+  }
+  holder.name = name;
+  return holder;
+}
 
 OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission) {
   Place place;

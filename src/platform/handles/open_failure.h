@@ -4,10 +4,13 @@
 
 #include <qvdbase/base.h>
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string>
 #include <system_error>
 
+#include "platform/handles/file_entries.h"
 #include "platform/paths/directory.h"
 
 namespace qvdbase::platform {
@@ -35,6 +38,10 @@ struct LockHolder {
   int64_t process = 0;  // another one, or 0 where the host does not report it
   std::string name;     // of that process; empty where it cannot be obtained
 };
+
+// Who holds the lock that keeps another one of this strength from being taken: an empty answer
+// where no other process does.
+LockHolder holderOf(int descriptor, const struct stat& status, Sharing wanted);
 
 struct OpenFailureFound {
   OpenFailure failure = OpenFailure::none;

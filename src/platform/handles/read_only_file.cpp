@@ -93,4 +93,17 @@ bool ReadOnlyFile::isLockedByOthers() const {
   return lock.l_type != F_UNLCK;
 }
 
+std::optional<LockHolder> ReadOnlyFile::writer() const {
+  struct stat status = {};
+  if (isLockedByOthers() && systemCalls().status(descriptor(), &status) == 0) {
+    return holderOf(descriptor(), status, Sharing::exclusive);
+  }
+  if (entry_ == nullptr) return std::nullopt;
+  const Turn turn(*entry_->turn);
+  if (entry_->sharedOpeners + entry_->exclusiveOpeners == 0) return std::nullopt;
+  LockHolder holder;
+  holder.isThisProcess = true;
+  return holder;
+}
+
 }  // namespace qvdbase::platform

@@ -5,11 +5,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/handles/file_access.h"
 #include "platform/handles/file_changes.h"
 #include "platform/handles/file_entries.h"
+#include "platform/handles/open_failure.h"
 
 namespace qvdbase::platform {
 
@@ -56,6 +58,9 @@ class ReadOnlyFile {
   // Whether another process holds a lock on the file, as every process does that has it open for
   // writing.
   bool isLockedByOthers() const;
+
+  // Who has it open for writing: another process, else this one. Nothing where neither has.
+  std::optional<LockHolder> writer() const;
 
  private:
   void use(FileEntry* entry);

@@ -124,6 +124,14 @@ Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
                    completed.plan());
 }
 
+// One that has closed it meanwhile is not known.
+FileWriter writerOf(const OpenedFile& file) {
+  const std::optional<platform::LockHolder> holder = file.file().writer();
+  if (!holder) return {};
+  return {
+      .is_this_process = holder->isThisProcess, .process = holder->process, .name = holder->name};
+}
+
 CheckReport deliver(Checked checked, const FindingVisitor& visitor) {
   if (visitor) {
     for (const Finding& finding : checked.findings) visitor(finding);
@@ -175,7 +183,10 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
     still.reset();
     length = platform::microsecondCounter() - begin;
     if (!isDisturbed || attempt >= options.retries) {
-      if (isDisturbed) checked.report.state = CheckState::in_use;
+      if (isDisturbed) {
+        checked.report.state = CheckState::in_use;
+        checked.report.writer = writerOf(file);
+      }
       // What was found while the file changed may be true of no state that it was ever in.
       if (hasChanged) {
         checked.findings.clear();

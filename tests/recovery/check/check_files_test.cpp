@@ -95,6 +95,44 @@ TEST_F(CheckFile, GoesWellBesideADatabaseOpenInThisProcess) {
   EXPECT_NE(CloseDBase(db), 0);
 }
 
+// A host on which the file changes while it is read.
+class ChangingHost {
+ public:
+  ChangingHost(const std::filesystem::path& path, int changes) {
+    path_ = path;
+    changes_ = changes;
+    calls_ = platform::hostSystemCalls();
+    calls_.readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
+      const ssize_t moved = platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+      // After the first look at the directory, before the second.
+      if (position == 4630 && changes_ > 0) {
+        --changes_;
+        patchFile(path_, 4630 + 27, Bytes().be(4, 1500 + static_cast<unsigned>(changes_)));
+        std::filesystem::last_write_time(path_, std::filesystem::file_time_type::clock::now() +
+                                                    std::chrono::seconds(changes_ + 1));
+      }
+      return moved;
+    };
+    platform::replaceSystemCalls(&calls_);
+  }
+  ~ChangingHost() { platform::replaceSystemCalls(nullptr); }
+
+  static int changesLeft() { return changes_; }
+
+ private:
+  inline static std::filesystem::path path_;
+  inline static int changes_ = 0;
+  platform::SystemCalls calls_;
+};
+
+// As the system knows it, which keeps 15 characters of it.
+[[maybe_unused]] std::string nameOfThisProcess() {
+  std::string name;
+  std::ifstream file("/proc/self/comm");
+  std::getline(file, name);
+  return name;
+}
+
 // A process of its own that has the file open until the object goes.
 class OtherProcess {
  public:
@@ -119,6 +157,8 @@ class OtherProcess {
     waitpid(child_, nullptr, 0);
   }
 
+  int64_t id() const { return child_; }
+
  private:
   pid_t child_ = -1;
 };
@@ -130,9 +170,30 @@ TEST_F(CheckFile, ClaimsNoDamageWhileAnotherProcessMayWrite) {
     const qvdb::CheckReport report = qvdb::check(path, {}, kQuick);
     EXPECT_EQ(report.state, qvdb::CheckState::in_use) << permission;
     EXPECT_GT(report.errors, 0u) << "what may be damage is reported";
+    EXPECT_EQ(report.writer.process, writer.id());
+    EXPECT_FALSE(report.writer.is_this_process);
+#if defined(__linux__) && !defined(QVDBASE_PORTABLE_POSIX)
+    EXPECT_EQ(report.writer.name, nameOfThisProcess());
+#endif
   }
   OtherProcess reader(folder, 1);
-  EXPECT_EQ(qvdb::check(path, {}, kQuick).state, qvdb::CheckState::damaged);
+  const qvdb::CheckReport report = qvdb::check(path, {}, kQuick);
+  EXPECT_EQ(report.state, qvdb::CheckState::damaged);
+  EXPECT_EQ(report.writer.process, 0);
+}
+
+TEST_F(CheckFile, NamesAWriterOfItsOwnProcess) {
+  const auto path = put(usedFile().bytes);
+  const int16_t db = OpenDBaseW(folder.wide("test.qvd"), 3);
+  ASSERT_NE(db, 0);
+  {
+    const ChangingHost host(path, 100);
+    const qvdb::CheckReport report = qvdb::check(path, {}, kQuick);
+    EXPECT_EQ(report.state, qvdb::CheckState::in_use);
+    EXPECT_TRUE(report.writer.is_this_process);
+    EXPECT_EQ(report.writer.process, 0);
+  }
+  EXPECT_NE(CloseDBase(db), 0);
 }
 
 TEST_F(CheckFile, CallsASoundFileSoundBesideAnIdleWriter) {
@@ -231,36 +292,6 @@ TEST_F(CheckFile, NeverReportsDamageBesideARunningWriter) {
   reportCount("checks beside a running writer", checks);
 }
 
-// A host on which the file changes while it is read.
-class ChangingHost {
- public:
-  ChangingHost(const std::filesystem::path& path, int changes) {
-    path_ = path;
-    changes_ = changes;
-    calls_ = platform::hostSystemCalls();
-    calls_.readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
-      const ssize_t moved = platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
-      // After the first look at the directory, before the second.
-      if (position == 4630 && changes_ > 0) {
-        --changes_;
-        patchFile(path_, 4630 + 27, Bytes().be(4, 1500 + static_cast<unsigned>(changes_)));
-        std::filesystem::last_write_time(path_, std::filesystem::file_time_type::clock::now() +
-                                                    std::chrono::seconds(changes_ + 1));
-      }
-      return moved;
-    };
-    platform::replaceSystemCalls(&calls_);
-  }
-  ~ChangingHost() { platform::replaceSystemCalls(nullptr); }
-
-  static int changesLeft() { return changes_; }
-
- private:
-  inline static std::filesystem::path path_;
-  inline static int changes_ = 0;
-  platform::SystemCalls calls_;
-};
-
 TEST_F(CheckFile, IsRepeatedWhenTheFileChanges) {
   const auto path = put(damaged());
   ChangingHost host(path, 2);
@@ -276,6 +307,8 @@ TEST_F(CheckFile, GivesUpOnAFileThatKeepsChanging) {
     const qvdb::CheckReport report = qvdb::check(
         path, [&](const qvdb::Finding&) { ++findings; }, kQuick);
     EXPECT_EQ(report.state, qvdb::CheckState::in_use);
+    EXPECT_EQ(report.writer.process, 0) << "it has closed the file";
+    EXPECT_FALSE(report.writer.is_this_process);
     EXPECT_EQ(findings, 0) << "of a state that the file was never in";
     EXPECT_EQ(report.errors + report.warnings, 0u);
   }
