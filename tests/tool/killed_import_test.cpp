@@ -207,6 +207,35 @@ TEST_F(KilledImport, LeavesEachReplacedFileAsItWasOrAsItIs) {
   });
 }
 
+// What is a folder instead of a file then, or gone, is there or not.
+TEST_F(KilledImport, LeavesEachUpdatedFileAsItWasOrAsItIs) {
+  store("in/same", "the same");
+  store("in/becomes a folder", "still a file");
+  done({"import", "--update", "test.qvd", "files", "in/"});
+  const Contents before = contentsOf(path("in"));
+  store("in/a", "longer contents of a, for which a new place is needed");
+  fs::remove(path("in/folder/b"));
+  fs::remove(path("in/becomes a folder"));
+  store("in/becomes a folder/with a file", "in it");
+  store("in/new", "new");
+  const Contents after = contentsOf(path("in"));
+  const Words words = {"import", "--update", "--delete", "test.qvd", "files", "in/"};
+  killEverywhere(words, [&](const Contents& now) {
+    expectHasAll(now, {{"same", "the same"}, {"link", "-> a"}, {"folder/c", ""}});
+    ASSERT_TRUE(now.contains("a"));
+    for (const auto& [name, contents] : now) {
+      const auto old = before.find(name);
+      const auto changed = after.find(name);
+      EXPECT_TRUE((old != before.end() && contents == old->second) ||
+                  (changed != after.end() && contents == changed->second))
+          << name << ": " << contents;
+    }
+  });
+  if (IsSkipped()) return;
+  done(words);
+  EXPECT_EQ(exported(), after);
+}
+
 TEST_F(KilledImport, KeepsTheNamesOfWhatIsNotRemoved) {
   const Contents before = contentsOf(path("in"));
   killEverywhere({"rm", "test.qvd", "files", "a", "folder/c"}, [&](const Contents& now) {

@@ -26,10 +26,11 @@ bool isSame(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-// With `found` no link is followed, and the folder must still be that one.
+// With `found` no link is followed, and the folder must still be that one; none when it has gone.
 Folder openFolder(const std::string& path, const struct stat* found) {
   const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (found != nullptr ? O_NOFOLLOW : 0);
   const int descriptor = ::open(path.c_str(), flags);
+  if (descriptor < 0 && errno == ENOENT && found != nullptr) return nullptr;
   if (descriptor < 0) throw systemFailure(path, "open the folder");
   Folder folder(::fdopendir(descriptor));
   if (!folder) {
@@ -46,6 +47,7 @@ Folder openFolder(const std::string& path, const struct stat* found) {
 std::vector<std::string> namesIn(const std::string& path, const struct stat* found) {
   const Folder folder = openFolder(path, found);
   std::vector<std::string> names;
+  if (!folder) return names;
   for (;;) {
     errno = 0;
     const dirent* entry = ::readdir(folder.get());
@@ -73,17 +75,23 @@ std::string linkTarget(const std::string& path, const struct stat& status) {
 
 class Lister {
  public:
-  Lister(const std::string& database, Progress* progress) : progress_(progress) {
+  Lister(const std::string& database, const Excluded& excluded, Progress* progress)
+      : excluded_(excluded), progress_(progress) {
     hasDatabase_ = ::stat(database.c_str(), &database_) == 0;
   }
 
   void add(const std::string& path) {
     const std::string name = rootName(path);
+    tree_.roots.push_back({path, name});
     if (name.empty()) {
       addContents(path, "", nullptr);
     } else {
-      pending_.push_back({path, name});
+      addOne({path, name});
     }
+    const bool isFolder =
+        name.empty() || (!tree_.files.empty() && tree_.files.back().file.name == name &&
+                         tree_.files.back().file.kind == FileKind::folder);
+    tree_.roots.back().isEmptyFolder = isFolder && pending_.empty();
     while (!pending_.empty()) {
       const Pending next = std::move(pending_.back());
       pending_.pop_back();
@@ -119,8 +127,13 @@ class Lister {
 
   void addOne(const Pending& found) {
     throwIfInterrupted();
+    if (excluded_.has(found.name, false)) return;
     struct stat status = {};
-    if (::lstat(found.path.c_str(), &status) != 0) throw systemFailure(found.path, "access");
+    if (::lstat(found.path.c_str(), &status) != 0) {
+      if (errno == ENOENT && !isRoot(found)) return;
+      throw systemFailure(found.path, "access");
+    }
+    if (excluded_.has(found.name, S_ISDIR(status.st_mode))) return;
     if (isDatabase(status)) return leaveOut(found.path + " (the database itself)");
     FoundFile file;
     file.file = propertiesOf(status, found.name);
@@ -147,6 +160,8 @@ class Lister {
     if (isFolder) addContents(found.path, found.name + "/", &status);
   }
 
+  bool isRoot(const Pending& found) const { return found.path == tree_.roots.back().path; }
+
   bool isDatabase(const struct stat& status) const {
     return hasDatabase_ && isSame(status, database_);
   }
@@ -155,6 +170,7 @@ class Lister {
 
   struct stat database_ = {};
   bool hasDatabase_ = false;
+  const Excluded& excluded_;
   Progress* progress_;
   std::vector<Pending> pending_;
   FileTree tree_;
@@ -172,9 +188,10 @@ void refuseDoubles(const FileTree& tree) {
 
 }  // namespace
 
-FileTree listFiles(const std::vector<std::string>& paths, const std::string& database) {
+FileTree listFiles(const std::vector<std::string>& paths, const std::string& database,
+                   const Excluded& excluded) {
   Progress progress("listing", 0, "files");
-  Lister lister(database, &progress);
+  Lister lister(database, excluded, &progress);
   for (const std::string& path : paths) lister.add(path);
   FileTree tree = std::move(lister).take();
   if (paths.size() > 1) refuseDoubles(tree);

@@ -16,9 +16,14 @@ namespace {
 constexpr int kFileFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
 
-Failure folderFailure(const std::string& path) {
-  if (errno != ELOOP && errno != ENOTDIR) return systemFailure(path, "open the folder");
-  return Failure(path + ": was a folder when the files were listed, and is something else now");
+[[noreturn]] void failFor(const std::string& path, const char* what) {
+  if (errno != ENOENT) throw systemFailure(path, what);
+  throw Disappeared(path + ": has disappeared since the files were listed");
+}
+
+[[noreturn]] void failForFolder(const std::string& path) {
+  if (errno != ELOOP && errno != ENOTDIR) failFor(path, "open the folder");
+  throw Failure(path + ": was a folder when the files were listed, and is something else now");
 }
 
 }  // namespace
@@ -34,7 +39,7 @@ void FoundFileOpener::enterFolder(const std::string& folder, size_t named) {
     const size_t start = from == named ? 0 : from;
     const std::string part = folder.substr(start, end - start);
     Descriptor next(::openat(at ? at.number() : AT_FDCWD, part.c_str(), kFolderFlags));
-    if (!next) throw folderFailure(folder.substr(0, end));
+    if (!next) failForFolder(folder.substr(0, end));
     at = std::move(next);
     from = end + 1;
   }
@@ -50,7 +55,7 @@ Descriptor FoundFileOpener::open(const FoundFile& found, struct stat* status) {
   if (isInFolder) enterFolder(path.substr(0, slash), named);
   const std::string last = isInFolder ? path.substr(slash + 1) : path;
   Descriptor file(::openat(isInFolder ? folder_.number() : AT_FDCWD, last.c_str(), kFileFlags));
-  if (!file) throw systemFailure(path, "open");
+  if (!file) failFor(path, "open");
   if (::fstat(file.number(), status) != 0) throw systemFailure(path, "read its properties");
   if (!S_ISREG(status->st_mode)) throw Failure(path + ": is not a file any more");
   if (status->st_dev != found.device || status->st_ino != found.inode) {

@@ -1,5 +1,8 @@
 // qvdb import: stores files and folders as records, and their names in the table's data.
+#include <algorithm>
+
 #include "archive/file_tree.h"
+#include "archive/import_update.h"
 #include "archive/importer.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
@@ -14,7 +17,11 @@ struct Options {
   std::string file;
   std::string table;
   std::vector<std::string> paths;
+  std::vector<std::string> excluded;
   bool replace = false;
+  bool update = false;
+  bool mirror = false;
+  bool dryRun = false;
   bool noSync = false;
 };
 
@@ -55,22 +62,102 @@ Table presentTable(const Database& database, const std::string& nameOrId) {
   return isPresent ? findTable(database, nameOrId) : Table();
 }
 
-int import(const Options& options) {
-  Database database = openToWrite(options.file);
-  const FileTree tree = listFiles(options.paths, options.file);
-  refuseTooLarge(tree);
-  for (const std::string& path : tree.leftOut) complain("left out: " + path);
+// What an import is going to do. Entries are places in the list of names.
+struct Plan {
+  FileTree tree;               // without what the table has already, with --update
+  uint64_t unchanged = 0;      // files that were left out of it
+  std::vector<size_t> before;  // entries to be removed before the files are stored
+  std::vector<size_t> after;   // and those after it
+};
 
+Plan planOf(const Options& options, const Table& table, const ImportedFiles& names) {
+  const Excluded excluded(options.excluded);
+  Plan plan;
+  plan.tree = listFiles(options.paths, options.file, excluded);
+  refuseTooLarge(plan.tree);
+  for (const std::string& path : plan.tree.leftOut) complain("left out: " + path);
+  if (table == Table()) return plan;
+  if (options.mirror) plan.after = entriesThatAreGone(names, plan.tree, excluded);
+  if (!options.update) return plan;
+  plan.before = entriesInTheWay(names, plan.tree);
+  std::erase_if(plan.after, [&](size_t entry) {
+    return std::binary_search(plan.before.begin(), plan.before.end(), entry);
+  });
+  plan.unchanged = leaveOutUnchanged(table, names, &plan.tree);
+  return plan;
+}
+
+std::string summaryOf(const Plan& plan, const Options& options) {
+  std::string text;
+  if (options.update) {
+    text += "; " + counted(plan.unchanged, "file is", "files are") + " unchanged";
+  }
+  const uint64_t deleted = plan.before.size() + plan.after.size();
+  if (options.mirror || deleted != 0) text += "; deleted " + counted(deleted, "name", "names");
+  return text;
+}
+
+const char* stepFor(const FoundFile& found, const ImportedFiles& names) {
+  const auto index = names.find(found.file.name);
+  if (!index || names.list()[*index].kind != found.file.kind) return "add";
+  if (found.file.kind == FileKind::folder || found.isStored) return "properties";
+  return "replace";
+}
+
+// Prints what an import would do.
+int show(const Plan& plan, const ImportedFiles& names, const Options& options) {
+  uint64_t bytes = 0;
+  const auto line = [](const char* step, const ImportedFile& file) {
+    throwIfInterrupted();
+    printLine(std::string(step) + " " + escaped(file.name));
+  };
+  for (const size_t entry : plan.before) line("delete", names.list()[entry]);
+  for (const FoundFile& found : plan.tree.files) {
+    line(stepFor(found, names), found.file);
+    if (!found.isStored) bytes += found.size;
+  }
+  for (const size_t entry : plan.after) line("delete", names.list()[entry]);
+  const uint64_t steps = plan.before.size() + plan.tree.files.size() + plan.after.size();
+  printLine(counted(steps, "step", "steps") + ", " + counted(bytes, "byte", "bytes") +
+            summaryOf(plan, options) + "; nothing was changed");
+  return kDone;
+}
+
+void removeGone(const Database& database, Table& table, const Plan& plan) {
+  if (plan.after.empty()) return;
+  ImportedFiles names = namesOf(database, table);
+  try {
+    removeEntries(table, names, plan.after);
+  } catch (const Interrupted&) {
+    throw Failure(
+        "interrupted; all files are stored, but not all that are gone are deleted; "
+        "import again to complete it");
+  }
+}
+
+int import(const Options& options) {
+  Database database = options.dryRun ? openToRead(options.file) : openToWrite(options.file);
   Table table = presentTable(database, options.table);
-  Importer importer(database, table, tree, namesOf(database, table), options.table);
-  importer.check(options.replace);
+  ImportedFiles names = namesOf(database, table);
+  const Plan plan = planOf(options, table, names);
+  if (options.dryRun) {
+    if (!options.update) Importer(database, table, plan.tree, names).check(options.replace);
+    return show(plan, names, options);
+  }
+  removeEntries(table, names, plan.before);
+  Importer importer(database, table, plan.tree, std::move(names), options.table);
+  importer.check(options.replace || options.update);
   importer.run();
+  removeGone(database, table, plan);
   finishWriting(database, options.noSync);
-  printLine(importer.summary());
+  printLine(importer.summary() + summaryOf(plan, options));
   return kDone;
 }
 
 int run(const Options& options) {
+  if (options.replace && options.update) {
+    throw wrongUsage("--replace and --update cannot be combined");
+  }
   try {
     return import(options);
   } catch (const Interrupted&) {
@@ -89,6 +176,15 @@ Action define(Arguments& arguments) {
                       "the folder.");
   arguments.flag("-r,--replace", options->replace,
                  "Replace files that the table already has. Each keeps its record.");
+  arguments.flag("-u,--update", options->update,
+                 "Store what is new, and replace only those files whose size or time of last "
+                 "modification has changed.");
+  arguments.flag("--delete", options->mirror,
+                 "Delete what the table has below a PATH and the PATH has no more.");
+  arguments.option("--exclude", "PATTERN", options->excluded,
+                   "Leave out what has such a name. Can be given many times.");
+  arguments.flag("-n,--dry-run", options->dryRun,
+                 "Only list what would be done. The database is only read.");
   arguments.noSync(options->noSync);
   return actionOf(options, run);
 }
@@ -104,10 +200,29 @@ them. Names are relative: 'import ... photos' names the files photos/..., while 
 leave that out.
 
 More files can be imported into the same table later. A file whose name is in the table already is
-an error, found before anything is changed, unless --replace is given; then it replaces the old
-one. Files that have disappeared from a folder stay in the table.
+an error, found before anything is changed, unless --replace or --update is given; then it replaces
+the old one. Files that have disappeared from a folder stay in the table unless --delete is given.
 
-Sockets, pipes, devices and the database itself are left out, with a line on standard error.
+--update leaves files alone whose size and time are those that are stored, so that a backup each
+night reads and writes little more than what has changed. Where a file was stored within three
+seconds of its last change, or its time is in the future, its contents are compared. What has
+become a file, a folder or a symbolic link instead of another of these is deleted first, with all
+that was in it.
+
+--delete makes the table a mirror of the PATHs: what is gone is deleted after everything is stored.
+Below 'photos/' and '.' is the whole table. What is excluded stays as it is in the table. A PATH
+that is empty while the table has files of it is an error: nothing may be mounted there.
+
+A PATTERN of --exclude is compared with the last part of each name; if it has a '/' within it or at
+its beginning, with the whole name. With a '/' at its end it counts for folders. '*' is any text
+without '/', '**' any text, '?' one character, '[a-z]' one of these, '[!a-z]' any other; '\' takes
+the meaning from the next character. What is in a folder that is left out is left out, too.
+
+--dry-run prints a line for each step: add, replace, properties (only permissions or times) or
+delete, and the name.
+
+Sockets, pipes, devices, the database itself and files that disappear meanwhile are left out, with a
+line on standard error.
 Owners, access lists and hard links are not stored. A file can have 4,294,967,295 bytes at most;
 memory is needed for the names, not for the files.
 
@@ -115,6 +230,7 @@ Ctrl-C stops between two files and leaves a sound database. Whatever stops an im
 says how many files are stored.)",
     R"(qvdb create photos.qvd && qvdb import photos.qvd holiday ~/Pictures/holiday/
 qvdb import --replace photos.qvd holiday ~/Pictures/holiday/
+qvdb import -u --delete --exclude '*.tmp' home.qvd docs ~/Documents
 qvdb import src.qvd project src include README.md)",
     define,
 };

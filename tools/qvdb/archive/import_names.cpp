@@ -54,6 +54,12 @@ void ImportNames::note(size_t file, const ImportedFile& now) {
   haveChanged_ = true;
 }
 
+void ImportNames::forget(size_t file) {
+  if (entries_[file] < hadNames_) return;
+  names_.remove(entries_[file]);
+  haveChanged_ = true;
+}
+
 void ImportNames::cutFrom(size_t firstMissing) {
   for (size_t i = firstMissing; i < entries_.size(); ++i) {
     if (entries_[i] < hadNames_) continue;

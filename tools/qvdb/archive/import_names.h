@@ -36,6 +36,9 @@ class ImportNames {
   // Takes over mode and times of a file.
   void note(size_t file, const ImportedFile& now);
 
+  // Removes the name of a file that is not going to be stored, if it is a new one.
+  void forget(size_t file);
+
   // Removes the names of new files from `firstMissing` on, whose records are not in the table.
   void cutFrom(size_t firstMissing);
 

@@ -95,7 +95,8 @@ void Importer::check(bool replace) {
   if (clashes == 0 || replace) return;
   throw Failure(database_.path().native() + ": table '" + table_.name() + "' has '" + first + "'" +
                 (clashes > 1 ? " and " + counted(clashes - 1, "other file", "other files") : "") +
-                " already; use --replace to replace what it has");
+                " already; use --replace to replace what it has, or --update to replace what has "
+                "changed");
 }
 
 void Importer::run() {
@@ -139,9 +140,21 @@ void Importer::storeAll() {
 // Mode and times are those of a file when it was read, and those of others when they were listed.
 void Importer::store(size_t place) {
   const ImportedFile& found = tree_.files[place].file;
-  if (found.kind == FileKind::file) return storeFile(place);
+  if (tree_.files[place].isStored) return names_.note(place, found);
+  if (found.kind == FileKind::file) return storeIfThere(place);
   ++(found.kind == FileKind::folder ? folders_ : links_);
   names_.note(place, found);
+}
+
+// What the table has of a file that has disappeared stays there.
+void Importer::storeIfThere(size_t place) {
+  try {
+    storeFile(place);
+  } catch (const Disappeared& failure) {
+    complain(std::string("left out: ") + failure.what());
+    names_.forget(place);
+    ++disappeared_;
+  }
 }
 
 void Importer::storeFile(size_t place) {
@@ -203,9 +216,9 @@ std::string Importer::stop() {
     // Names without records do no harm. The failure that ended the import is reported.
   }
   const uint64_t missing = filesBetween(firstMissing, tree_.files.size());
-  return counted(filesBetween(0, firstMissing), "file is", "files are") + " stored, " +
-         counted(missing, "is", "are") +
-         " not; the database is sound; import again with --replace to complete it";
+  return counted(filesBetween(0, firstMissing) - disappeared_, "file is", "files are") +
+         " stored, " + counted(missing, "is", "are") +
+         " not; the database is sound; import again with --replace or --update to complete it";
 }
 
 std::string Importer::summary() const {

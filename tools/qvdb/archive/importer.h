@@ -20,7 +20,8 @@ namespace qvdb::tool {
 // names of all new files are stored, with the identifiers that their records are going to have, and
 // then the records, one by one. So no record is ever without its name. Names without records are
 // ignored by everything that reads them, and a new import of the same files adds the records. An
-// import that is interrupted by Ctrl-C removes such names before it ends.
+// import that is interrupted by Ctrl-C removes such names before it ends. A file that has
+// disappeared since it was listed is left out, with a line on standard error.
 class Importer {
  public:
   // `names` is the list that the table has. Where `table` is none, run() makes it, as `newTable`.
@@ -42,6 +43,7 @@ class Importer {
   void makeTable();
   void storeAll();
   void store(size_t place);
+  void storeIfThere(size_t place);
   void storeFile(size_t place);
   void replaceRecords(const std::vector<Record>& old, size_t place, const Descriptor& file,
                       uint64_t size);
@@ -61,6 +63,7 @@ class Importer {
   std::vector<std::byte> buffer_;
   size_t at_ = 0;  // the file that is being stored
   uint64_t files_ = 0;
+  uint64_t disappeared_ = 0;
   uint64_t folders_ = 0;
   uint64_t links_ = 0;
   uint64_t bytes_ = 0;

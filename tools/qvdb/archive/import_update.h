@@ -1,0 +1,41 @@
+// What an update of a table from a tree of files has to change.
+#pragma once
+
+#include <qvdbase/qvdb.hpp>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "archive/file_tree.h"
+#include "archive/imported_files.h"
+#include "selection/excluded.h"
+
+namespace qvdb::tool {
+
+// Takes out of the tree what the table has already, and notes the files of which only mode or times
+// are to be stored. Returns how many files are unchanged.
+//
+// A file is unchanged when its size and its time of last modification are those that are stored.
+// A time says nothing about changes within the same moment as the one that was stored; so the
+// contents are compared where the record was written less than three seconds after that time, or
+// before it, as after a change of the clock.
+//
+// Throws Failure when a file that must be compared cannot be read; Interrupted.
+uint64_t leaveOutUnchanged(const Table& table, const ImportedFiles& names, FileTree* tree);
+
+// The entries of the list that are in the way of the tree: what has become a file, a folder or a
+// link instead of another of these, with everything that was in it.
+std::vector<size_t> entriesInTheWay(const ImportedFiles& names, const FileTree& tree);
+
+// The entries of the list below the roots of the tree that are not in it, and not excluded either.
+// Throws Failure when a root is an empty folder, of which the table has files: it may be one where
+// nothing is mounted.
+std::vector<size_t> entriesThatAreGone(const ImportedFiles& names, const FileTree& tree,
+                                       const Excluded& excluded);
+
+// Deletes the records of these entries, and then the entries. Where an interruption or a failure
+// ends this early, all entries stay: names without records do no harm.
+void removeEntries(Table& table, ImportedFiles& names, const std::vector<size_t>& entries);
+
+}  // namespace qvdb::tool
