@@ -16,7 +16,7 @@
 #include "kit/random_seed.h"
 #include "kit/recorded_calls.h"
 #include "kit/replaced_calls.h"
-#include "objects/layer_fixture.h"
+#include "objects/kept_fixture.h"
 #include "platform/transfer/transfer.h"
 
 namespace qvdbase::test {
@@ -29,16 +29,6 @@ using qvdb::Reason;
 using qvdb::Record;
 using qvdb::RecordIndex;
 using qvdb::Table;
-
-using Names = qvdb::KeyIndex<std::string>;
-
-std::string textOf(const Record& record) {
-  const auto* text = reinterpret_cast<const char*>(record.loaded().data());
-  return record.loaded().empty() ? std::string() : std::string(text, record.loaded().size());
-}
-
-// A payload begins with its key, ended by a semicolon.
-constexpr auto kKey = [](std::string_view text) { return text.substr(0, text.find(';')); };
 
 using Answers = std::vector<std::string>;
 
@@ -63,44 +53,7 @@ Answers ofIds(const Table& table, const std::vector<Id>& ids) {
   return answers;
 }
 
-// The ids that have each key, by a walk; nothing where the chain is damaged.
-std::optional<std::multimap<std::string, uint64_t>> walkKeys(const Table& table) {
-  std::multimap<std::string, uint64_t> keys;
-  try {
-    for (const Record& record : table.records(qvdb::Load::payloads)) {
-      keys.emplace(kKey(textOf(record)), record.id().value);
-    }
-  } catch (const qvdb::Error&) {
-    return std::nullopt;
-  }
-  return keys;
-}
-
-class KeptIndexes : public LayerTest {
- protected:
-  std::string indexPath() const { return path("test.qvdx").native(); }
-  bool hasIndexFile() const { return std::filesystem::exists(indexPath()); }
-
-  static Names namesOf(const Table& table, bool ordered = true) {
-    return Names(table, kKey, {.ordered = ordered, .kept_as = "name 1"});
-  }
-
-  // A database of so many records, whose indexes are kept; closed.
-  std::vector<Id> makeKept(int count, bool ordered = true) {
-    Database database = createDatabase();
-    Table table = database.add_table("t");
-    std::vector<Id> ids;
-    qvdb::BulkAppender bulk = table.appender();
-    for (int i = 0; i < count; ++i) ids.push_back(bulk.add("key" + std::to_string(i) + ";payload"));
-    bulk.finish();
-    const RecordIndex index = table.index({.kept = true});
-    const Names names = namesOf(table, ordered);
-    EXPECT_FALSE(index.is_from_file());
-    EXPECT_FALSE(names.is_from_file());
-    database.close();
-    return ids;
-  }
-};
+class KeptIndexes : public KeptTest {};
 
 TEST_F(KeptIndexes, AreUsedWhenTheDatabaseIsOpenedAgain) {
   const std::vector<Id> ids = makeKept(5000);

@@ -327,34 +327,45 @@ void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_
   }
 }
 
-void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position) {
+// The map may not have the record: it has not caught up, or has another one of that identifier, and
+// then the first of them is to be looked for.
+void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t from,
+               int64_t to) {
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr) return;
   try {
-    const int64_t before = index->map.find(record.value).value_or(0);
-    if (before != 0) index->journal.note(record.value, before, position);
-    if (before == index->lastPos) index->lastPos = position;
-    index->map.replace(record.value, position);
+    const std::optional<int64_t> known = index->map.find(record.value);
+    if (known == from) {
+      index->journal.note(record.value, from, to);
+      index->map.replace(record.value, to);
+    }
+    index->hasDuplicates = index->hasDuplicates || (known && known != from);
     index->isStale = index->isStale || index->map.isBroken();
   } catch (const std::bad_alloc&) {
     index->isStale = true;
   }
+  if (index->lastPos == from) index->lastPos = to;
   index->slot.firstRecordPos = slot.firstRecordPos;
   index->slot.lastRecordPos = slot.lastRecordPos;
-  // Of two records with one identifier it may have been the second that moved.
   if (index->hasDuplicates) index->isStale = true;
 }
 
-void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record) {
+void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position) {
   const std::shared_ptr<TableIndex> index = indexOf(database, tableOf(slot));
   if (index == nullptr) return;
   const bool oneLess = slot.recordCount + 1 == index->slot.recordCount &&
                        slot.recordWriteCount == index->slot.recordWriteCount;
-  if (const auto before = index->map.find(record.value)) {
-    index->journal.note(record.value, *before, 0);
+  try {
+    const std::optional<int64_t> known = index->map.find(record.value);
+    if (known == position) {
+      index->journal.note(record.value, position, 0);
+      index->map.erase(record.value);
+    }
+    index->hasDuplicates = index->hasDuplicates || (known && known != position);
+    index->isStale = index->isStale || index->map.isBroken();
+  } catch (const std::bad_alloc&) {
+    index->isStale = true;
   }
-  index->map.erase(record.value);
-  index->isStale = index->isStale || index->map.isBroken();
   // Another record with the identifier may be the one to find now.
   if (index->hasDuplicates) index->isStale = true;
   if (!oneLess && index->catchesUp()) return;

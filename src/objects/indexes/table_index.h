@@ -84,8 +84,8 @@ void noteAbsent(const Operation& operation, TableIndex& index, Id record);
 
 // Note every change of a chain in the table's index, with the slot as it is now.
 void noteAdded(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
-void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
-void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record);
+void noteMoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t from, int64_t to);
+void noteRemoved(OpenDatabase& database, const tablePart1& slot, Id record, int64_t position);
 
 // After many records were added: the index catches up where it can, else it is built again.
 void noteManyAdded(OpenDatabase& database, Id table);

@@ -12,6 +12,7 @@
 #include "format/identifiers.h"
 #include "objects/kept/kept_stamp.h"
 #include "objects/kept/kept_writer.h"
+#include "objects/records.h"
 #include "objects/sharing/looks.h"
 #include "objects/transactions/transaction_steps.h"
 #include "platform/handles/current_name.h"
@@ -38,6 +39,9 @@ constexpr size_t kSortedAtOnce = size_t{1} << 20;
 constexpr size_t kKeysAtOnce = 256;
 
 constexpr int kTries = 5;
+
+// For a stamp that is never found again as it is.
+constexpr int64_t kNoTime = -1;
 
 void storeChain(const Chain& chain, tablePart1* slot) {
   slot->recordCount = chain.recordCount;
@@ -181,23 +185,42 @@ struct Writable {
   }
 };
 
+[[noreturn]] void failChangedMeanwhile(const Operation& operation) {
+  operation.fail(Reason::changed_meanwhile, "the database was changed meanwhile");
+}
+
 bool isCurrent(const Operation& operation, TableIndex& index) {
   return !index.isStale && !index.map.isBroken() && bringUpToDate(operation, index);
 }
 
-Writable writableOf(const Operation& operation, bool isBuilt) {
+// Those that are complete, and with `isWhole` all others too, or an error.
+Writable writableOf(const Operation& operation, bool isWhole) {
   Writable writable;
   OpenDatabase& database = operation.database();
   engine::SavedPosition scope(operation.db());
   for (const auto& index : database.keptIndexes) {
-    if (isCurrent(operation, *index) || (isBuilt && buildIndex(operation, *index))) {
-      writable.indexes.push_back(index);
-    }
+    ChainWalker walker;
+    const bool isReady =
+        isCurrent(operation, *index) || (isWhole && buildIndex(operation, *index, &walker));
+    if (isReady) writable.indexes.push_back(index);
+    if (!isReady && isWhole) failDamagedChain(operation, walker);
   }
   for (const auto& keys : database.keptKeys) {
-    if (keys->isCompleteNow(operation)) writable.keys.push_back(keys);
+    const bool isReady = keys->isCompleteNow(operation);
+    if (isReady) writable.keys.push_back(keys);
+    if (!isReady && isWhole) failChangedMeanwhile(operation);
   }
   return writable;
+}
+
+// The indexes of keys that are to be built before they can be written.
+std::vector<std::shared_ptr<TableKeys>> incompleteKeys(const Operation& operation) {
+  engine::SavedPosition scope(operation.db());
+  std::vector<std::shared_ptr<TableKeys>> incomplete;
+  for (const auto& keys : operation.database().keptKeys) {
+    if (!keys->isCompleteNow(operation)) incomplete.push_back(keys);
+  }
+  return incomplete;
 }
 
 // Sections of the file as it is that stay of use: those of other tables by identifier, and those of
@@ -219,14 +242,16 @@ void copySections(const KeptFile& file, const Operation& operation, const Writab
   }
 }
 
-// Waits until a write from now on changes the times of the file.
-void waitForTick(const Operation& operation) {
+// Waits until a write from now on changes the times of the file. False where that takes too long.
+bool waitForTick(const Operation& operation) {
   platform::FileStamp stamp;
   for (int i = 0; i < kTries; ++i) {
-    if (!platform::stampOf(operation.db(), &stamp) || !platform::isFresh(stamp)) return;
+    if (!platform::stampOf(operation.db(), &stamp)) return false;
+    if (!platform::isFresh(stamp)) return true;
     platform::pauseFor(
         static_cast<uint64_t>(std::chrono::microseconds(platform::kFileTimeTick).count()));
   }
+  return false;
 }
 
 [[noreturn]] void failWriting(const KeptFile& file) {
@@ -266,9 +291,10 @@ void writeFile(const Operation& operation, const KeptFile& file, const Writable&
   if (!isWhole) {
     failure::throwError(file.place(), kKeep, Reason::cannot_read, "it was damaged meanwhile");
   }
-  waitForTick(operation);
+  const bool isSettled = waitForTick(operation);
   const std::optional<Stamp> now = stampNow(operation);
-  if (now != stamp) operation.fail(Reason::changed_meanwhile, "the database was changed meanwhile");
+  if (now != stamp) failChangedMeanwhile(operation);
+  if (!isSettled) stamp->modifyTime = stamp->statusTime = kNoTime;
   platform::FileAccess access;
   const platform::OpenFile* database = platform::findOpenFile(operation.db());
   const bool isReadable = platform::readAccess(platform::descriptorOf(*database->entry), &access);
@@ -361,7 +387,7 @@ std::shared_ptr<TableKeys> keptKeys(const OpenDatabase& database, Id table, std:
 
 void writeKept(const std::shared_ptr<OpenDatabase>& database) {
   const platform::Uncancelled uncancelled;
-  std::vector<std::shared_ptr<TableKeys>> held;
+  std::vector<std::shared_ptr<TableKeys>> incomplete;
   {
     const Operation operation(database, kKeep);
     operation.requireWritable();
@@ -370,10 +396,9 @@ void writeKept(const std::shared_ptr<OpenDatabase>& database) {
     if (!isWriter(*database)) {
       operation.fail(Reason::bad_argument, "only an opener with Mode::exclusive writes them");
     }
-    held = database->keptKeys;
+    incomplete = incompleteKeys(operation);
   }
-  for (const auto& keys : held) {
-    if (keys->isComplete && !keys->maps.isBroken()) continue;
+  for (const auto& keys : incomplete) {
     if (const std::exception_ptr failure = keys->build()) std::rethrow_exception(failure);
   }
   const KeptFile file(KeptFile::placeFor(*database));

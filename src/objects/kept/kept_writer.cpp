@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
 
 #include "format/big_endian.h"
@@ -151,7 +152,9 @@ void KeptWriter::copy(const KeptPages::ReadAt& readAt, const Section& section) {
   Page page;
   for (uint64_t i = 0; isGood_ && i < section.pages; ++i) {
     const uint64_t from = section.firstPage + i;
-    if (!readAt(static_cast<int64_t>(from * kPageSize), page.data(), page.size())) {
+    const bool isRead = readAt(static_cast<int64_t>(from * kPageSize), page.data(), page.size());
+    const std::optional<PageLabel> label = isRead ? labelOf(page) : std::nullopt;
+    if (!label || label->generation != section.generation || label->number != i) {
       flush();
       nextPage_ = copied.firstPage;  // it is left out
       return;

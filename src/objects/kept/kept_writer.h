@@ -36,7 +36,8 @@ class KeptWriter {
   void addKey(std::string_view key, int64_t position);
   void end();
 
-  // A section of another file of this kind as it is.
+  // A section of another file of this kind as it is; it is left out where a page of it is not
+  // right.
   void copy(const KeptPages::ReadAt& readAt, const qvdbase::format::kept::Section& section);
 
   // Writes heads, all with this stamp, and front.

@@ -236,7 +236,7 @@ bool makeChangeable(const Operation& operation, const detail::KeyChange& keys, I
       !nameMovedAsWritten(operation, found, from, *blockPos)) {
     return false;
   }
-  detail::noteMoved(database, found->table.slot, idOf(found->header), *blockPos);
+  detail::noteMoved(database, found->table.slot, idOf(found->header), from, *blockPos);
   keys.noteMoved(found->table.slot, from, *blockPos);
   database.noteChange({Kind::moved, table, from, *blockPos});
   return true;
@@ -272,7 +272,7 @@ bool replacePayload(const Operation& operation, const detail::KeyChange& keys, I
       !nameMovedAsWritten(operation, found, found->recordPos, *blockPos)) {
     return false;
   }
-  detail::noteMoved(database, found->table.slot, idOf(found->header), *blockPos);
+  detail::noteMoved(database, found->table.slot, idOf(found->header), found->recordPos, *blockPos);
   keys.noteMoved(found->table.slot, found->recordPos, *blockPos);
   database.noteChange({Kind::moved, table, found->recordPos, *blockPos});
   return true;
@@ -341,7 +341,7 @@ bool unlink(const Operation& operation, Id table, FoundRecord* found) {
   requireTable(operation, table, found);
   ++database.changes;
   if (!engine::unlinkRecord(operation.db(), found)) return false;
-  detail::noteRemoved(database, found->table.slot, idOf(found->header));
+  detail::noteRemoved(database, found->table.slot, idOf(found->header), found->recordPos);
   detail::noteKeysRemoved(database, table, found->table.slot);
   database.noteChange({Kind::removed, table, found->recordPos, found->header.nextRecordPos,
                        found->header.prevRecordPos});

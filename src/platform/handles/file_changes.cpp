@@ -16,7 +16,9 @@ int64_t nanoseconds(const struct timespec& time) {
 bool isFresh(const FileStamp& stamp) {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const auto age = now - std::chrono::nanoseconds(stamp.modifyTime);
-  return age < kFileTimeTick && age > -kFileTimeTick;
+  const bool isWholeSecond = stamp.modifyTime % 1'000'000'000 == 0;
+  const auto tick = isWholeSecond ? kWholeSecondsTick : kFileTimeTick;
+  return age < tick && age > -tick;
 }
 
 bool stampOfDescriptor(int descriptor, FileStamp* stamp) {

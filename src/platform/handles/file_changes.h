@@ -24,6 +24,9 @@ struct FileStamp {
 // write in the same tick leaves them unchanged.
 inline constexpr std::chrono::milliseconds kFileTimeTick(12);
 
+// Some file systems have times of whole seconds only, and some of every second one.
+inline constexpr std::chrono::milliseconds kWholeSecondsTick(2012);
+
 // Whether a write now could leave the stamp unchanged.
 bool isFresh(const FileStamp& stamp);
 
