@@ -175,7 +175,7 @@ void addTableCalls() {
   }
   both("GetTableData", "PCGTD", GetTableData, PCGTD, "", [](auto* function) {
     return onHandle([=](Workbench& bench) {
-      char data[25] = "";
+      char data[256] = "";
       const bool done = function(bench.db, Workbench::kNotes, data) == 1;
       if (done) {
         EXPECT_STREQ(data, "what the notes are about");
