@@ -60,8 +60,10 @@ class PlaceCheck {
   bool isAllowed(const format::IntentEntry& entry) {
     if (entry.slot >= kMostTables) return false;
     if (entry.kind == format::EntryKind::guardByHash) {
+      // One for each table: more would only keep who opens the file busy.
       const auto guarded = format::loadBigEndian<uint32_t>(entry.before.data());
-      return entry.position >= format::kNewFileSize && entry.position <= intent_.position &&
+      return hashed_.insert(entry.slot).second && entry.position >= format::kNewFileSize &&
+             entry.position <= intent_.position &&
              int64_t{guarded} <= intent_.position - entry.position;
     }
     if (entry.position == format::kTableCountPos) return true;
@@ -92,6 +94,7 @@ class PlaceCheck {
   const format::Intent& intent_;
   int slot_ = -1;
   std::vector<Identifier> tables_;  // of that slot
+  std::set<uint8_t> hashed_;        // slots of which table data is guarded
 };
 
 // Whether the beginning of an intent says that it is the one that is looked for.

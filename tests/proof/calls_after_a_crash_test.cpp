@@ -2,11 +2,12 @@
 // not in their places, or only in some of them; then the next opener, who completes what it can.
 //
 // The C functions know nothing of transactions: they see one of the states that a call that was cut
-// off leaves, and while no patch is made simply the state before. Whatever they do, completing takes
-// nothing of it back, and nothing that either side has acknowledged is lost to those who look at
-// every block. A table in which it cannot complete a transaction it leaves as it is, and says so.
-#include <gtest/gtest.h>
+// off leaves, and while no patch is made simply the state before. Whatever they do, completing
+// takes nothing of it back, and nothing that either side has acknowledged is lost to those who look
+// at every block. A table in which it cannot complete a transaction it leaves as it is, and says
+// so.
 #include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
 #include <qvdbase/QVFile.h>
 #include <qvdbase/qvdbase.h>
 #include <qvdbase/qvdb.hpp>
@@ -158,8 +159,8 @@ class CallsAfterACrash : public testing::Test {
     for (const auto& [table, records] : is) {
       for (const auto& [id, payload] : records) {
         const auto old = was.find(table);
-        const bool isSame = old != was.end() && old->second.contains(id) &&
-                            old->second.at(id) == payload;
+        const bool isSame =
+            old != was.end() && old->second.contains(id) && old->second.at(id) == payload;
         if (!isSame) effects[{table, id}] = payload;
       }
     }
