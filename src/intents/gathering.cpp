@@ -1,9 +1,13 @@
 // Gathering the entries of an intent.
 //
 // For each table that is changed, in this order: guards of the records that were taken out of its
-// chain, the guard of table data that was replaced, the links of records that stay, the slot, which
-// is a guard where it is unchanged. After all tables their count. The patches among them are
-// written in this order: a slot never names what is not linked yet.
+// chain, the guard of table data that was replaced, links, the slot, which is a guard where it is
+// unchanged. After all tables their count. The patches among them are written in this order: a slot
+// never names what is not linked yet.
+//
+// Links of records that were taken out are changed, too, as the operations have changed them: two
+// neighbours that left the chain together must not lead to each other, or who comes to one of them
+// by its position would take it for one of the chain.
 #include "intents/gathering.h"
 
 #include <algorithm>
@@ -244,12 +248,13 @@ class Gathering {
     const tablePart1 before = decoded(slot.before);
     const tablePart1 after = decoded(slot.after);
     const std::set<int64_t> takenOut = findTakenOut(before, after, changes);
+    std::set<int64_t> changed;
+    for (const Link& link : changes.links) changed.insert(link.place.position);
     for (const int64_t block : takenOut) {
-      if (!guardRecord(index, block)) return false;
+      if (!guardRecord(index, block, changed)) return false;
     }
     if (!guardReplacedData(index, before, after)) return false;
     for (const Link& link : changes.links) {
-      if (takenOut.count(link.block) != 0) continue;
       addPatch(index, link.leadsBack ? EntryKind::backLink : EntryKind::patch, link.place);
     }
     if (slot.before != slot.after) {
@@ -288,12 +293,14 @@ class Gathering {
     return previous && previous->nextRecordPos == block;
   }
 
-  bool guardRecord(int table, int64_t block) {
+  // Its links that are changed are patches, with what they were before.
+  bool guardRecord(int table, int64_t block, const std::set<int64_t>& changed) {
     constexpr std::pair<int64_t, size_t> kGuarded[] = {{format::record::kModifyTime, 4},
                                                        {format::record::kPrevRecordPos, 8},
                                                        {format::record::kNextRecordPos, 8},
                                                        {format::record::kDataLength, 4}};
     for (const auto& [offset, size] : kGuarded) {
+      if (changed.count(block + offset) != 0) continue;
       Bytes now(size);
       if (!before_.read(block + offset, now.data(), now.size())) return false;
       addGuard(table, block + offset, now);

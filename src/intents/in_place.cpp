@@ -47,6 +47,9 @@ class TableLook {
     if (!table || !format::slotHoldsTable(*table) || !isCounted()) return false;
     table_ = *table;
     for (size_t i = 0; i < committed; ++i) {
+      for (const IntentEntry& entry : run[i].intent.entries) noteTakenOut(entry);
+    }
+    for (size_t i = 0; i < committed; ++i) {
       for (const IntentEntry& entry : run[i].intent.entries) {
         if (entry.slot == slot_ && !isWanted(entry, run[i].intent.lengthBefore)) return false;
       }
@@ -62,19 +65,26 @@ class TableLook {
            format::loadBigEndian<uint16_t>(count) > slot_;
   }
 
+  // Each record that was taken out has guards of its time and of its length.
+  void noteTakenOut(const IntentEntry& entry) {
+    const bool isGuard = entry.kind == format::EntryKind::guard && entry.before.size() == 4;
+    if (entry.slot != slot_ || !isGuard) return;
+    takenOut_.insert(entry.position - format::record::kModifyTime);
+    takenOut_.insert(entry.position - format::record::kDataLength);
+  }
+
   // Notes what an entry wants. False where it is seen at once not to be there.
   bool isWanted(const IntentEntry& entry, int64_t lengthBefore) {
     if (entry.position == format::slotPosition(slot_)) {
       return !format::isPatch(entry.kind) || isSlotWanted(entry, lengthBefore);
     }
-    if (entry.position < format::kNewFileSize) return true;
-    if (format::isPatch(entry.kind)) {
-      wantLinked(static_cast<int64_t>(format::loadBigEndian<uint64_t>(entry.after.data())),
-                 lengthBefore);
-    } else if (entry.before.size() == 4 && entry.kind == format::EntryKind::guard) {
-      // Of the time of a record or of its length: one of the two is where a record begins.
-      takenOut_.insert(entry.position - format::record::kModifyTime);
-    }
+    if (entry.position < format::kNewFileSize || !format::isPatch(entry.kind)) return true;
+    const bool leadsBack = entry.kind == format::EntryKind::backLink;
+    const int64_t block = entry.position - (leadsBack ? format::record::kPrevRecordPos
+                                                      : format::record::kNextRecordPos);
+    if (takenOut_.count(block) != 0) return true;
+    wantLinked(static_cast<int64_t>(format::loadBigEndian<uint64_t>(entry.after.data())),
+               lengthBefore);
     return true;
   }
 

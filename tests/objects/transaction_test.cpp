@@ -422,6 +422,40 @@ TEST_F(Transactions, RecordsThatWereFoundInOneAreFollowedOrRefused) {
   EXPECT_EQ(text(table, ids[0]), "found by its identifier");
 }
 
+// Blocks that were neighbours and have left the chain together must not vouch for each other.
+TEST_F(Transactions, NeighboursThatAreChangedTogetherAreFoundWhereTheyAre) {
+  for (const bool backward : {false, true}) {
+    const std::vector<qvdb::Record> before = [&] {
+      std::vector<qvdb::Record> found;
+      for (const qvdb::Record& record : table.records()) found.push_back(record);
+      return found;
+    }();
+    const qvdb::Database reader = openDatabase(qvdb::Mode::read_only);
+    const qvdb::Table seen = reader.table("t");
+    const qvdb::RecordIndex index = seen.index();
+    EXPECT_TRUE(seen.contains(ids[2]));
+    auto t = database.begin();
+    for (size_t i = 0; i < ids.size(); ++i) {
+      const size_t at = backward ? ids.size() - 1 - i : i;
+      EXPECT_TRUE(table.modify(ids[at], "changed " + std::to_string(at)));
+    }
+    t.commit();
+    for (size_t i = 0; i < ids.size(); ++i) {
+      EXPECT_EQ(text(seen, ids[i]), "changed " + std::to_string(i));
+    }
+    EXPECT_TRUE(table.modify(before[2], "and again"));
+    EXPECT_EQ(text(table, ids[2]), "and again");
+    EXPECT_TRUE(table.modify(before[1], std::string(300, 'l')));
+    EXPECT_EQ(text(table, ids[1]), std::string(300, 'l'));
+  }
+  const std::vector<qvdb::Record> before = {*table.find(ids[2]), *table.find(ids[3])};
+  database.transaction([&](qvdb::Transaction&) {
+    for (const size_t i : {size_t{1}, size_t{2}, size_t{3}}) EXPECT_TRUE(table.remove(ids[i]));
+  });
+  for (const qvdb::Record& removed : before) EXPECT_FALSE(table.modify(removed, "lost"));
+  EXPECT_EQ(table.count(), 2u);
+}
+
 TEST_F(Transactions, TablesThatWereAddedInOneAreMissingAfterItWasTakenBack) {
   auto t = database.begin();
   qvdb::Table other = t.add_table("other");
