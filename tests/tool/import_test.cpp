@@ -116,7 +116,7 @@ TEST_F(ToolImport, MakesOneRecordForEachFile) {
   EXPECT_EQ(database().tables[0].records.size(), 6u);
   EXPECT_EQ(done({"get", "test.qvd", "files", "a.txt"}), "text\n");
   EXPECT_EQ(bytesOf(done({"get", "test.qvd", "files", "sub/binary"})), pattern(100'000));
-  fails({"get", "test.qvd", "files", "sub"}, 1, {"'sub'", "folder"});
+  fails({"get", "test.qvd", "files", "empty folder/inside"}, 1, {"inside'", "folder"});
   fails({"get", "test.qvd", "files", "link"}, 1, {"'link'", "symbolic link"});
   fails({"get", "test.qvd", "files", "absent"}, 1, {"'absent'"});
 }

@@ -44,7 +44,7 @@ TEST_F(Usage, WrongUsageIsStatus2AndPointsToTheHelp) {
   fails({"get"}, 2, {"FILE", "qvdb get --help"});
   fails({"get", "a.qvd"}, 2, {"TABLE", "qvdb get --help"});
   fails({"get", "a.qvd", "t"}, 2, {"RECORD"});
-  fails({"get", "a.qvd", "t", "1", "2"}, 2, {"qvdb get --help"});
+  fails({"set", "a.qvd", "t", "1", "2", "3"}, 2, {"qvdb set --help"});
   fails({"info", "--frobnicate", "a.qvd"}, 2, {"--frobnicate", "qvdb info --help"});
   fails({"rm", "a.qvd", "t"}, 2, {"RECORD"});
   fails({"records", "--limit", "many", "a.qvd", "t"}, 2, {"--limit", "'many'"});
@@ -60,10 +60,10 @@ TEST_F(Usage, AnOptionOfACommandComesAfterIt) {
 }
 
 TEST_F(Usage, WhatFollowsTwoDashesIsNoOption) {
-  const Words extra = {"get", "a.qvd", "t", "1", "--", "-x"};
-  const std::string text = fails(extra, 2, {"too many arguments", "qvdb get --help"});
+  const Words extra = {"set", "a.qvd", "t", "1", "x", "--", "-x"};
+  const std::string text = fails(extra, 2, {"too many arguments", "qvdb set --help"});
   EXPECT_EQ(text.find("no option"), std::string::npos) << text;
-  fails({"get", "a.qvd", "t", "1", "-x", "--", "-y"}, 2, {"there is no option '-x'"});
+  fails({"set", "a.qvd", "t", "1", "-x", "--", "-y"}, 2, {"there is no option '-x'"});
 }
 
 TEST_F(Usage, AnUnknownCommandGetsASuggestion) {

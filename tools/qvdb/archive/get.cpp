@@ -1,32 +1,51 @@
-// qvdb get: prints a record's payload.
+// qvdb get: prints the payload of records.
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "selection/chosen_records.h"
 #include "streams/delivery.h"
 
 namespace qvdb::tool {
 namespace {
 
-struct Options {
-  std::string file;
-  std::string table;
-  std::string record;
+struct Options : RecordOptions {
   DeliveryOptions delivery;
+};
+
+// The payloads one after the other, from the beginning each time that offset 0 is asked for.
+class Payloads {
+ public:
+  explicit Payloads(const std::vector<Record>& records) : records_(records) {}
+
+  size_t read(uint64_t offset, std::span<std::byte> buffer) {
+    if (offset == 0) at_ = start_ = 0;
+    while (at_ < records_.size()) {
+      if (const size_t got = records_[at_].read(offset - start_, buffer)) return got;
+      ++at_;
+      start_ = offset;
+    }
+    return 0;
+  }
+
+ private:
+  const std::vector<Record>& records_;
+  size_t at_ = 0;
+  uint64_t start_ = 0;  // of the record, in all bytes
 };
 
 int run(const Options& options) {
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
-  const Record record = findRecords(database, table, {options.record}).front();
-  deliver([&](uint64_t offset, std::span<std::byte> buffer) { return record.read(offset, buffer); },
-          options.file, options.delivery);
-  return kDone;
+  const Chosen chosen = chooseSomeRecords(database, table, options.records);
+  Payloads payloads(chosen.records);
+  deliver(
+      [&](uint64_t offset, std::span<std::byte> buffer) { return payloads.read(offset, buffer); },
+      options.file, options.delivery);
+  return chosen.withoutRecord == 0 ? kDone : kFailed;
 }
 
 Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
-  arguments.argument("FILE", options->file, kFileHelp);
-  arguments.argument("TABLE", options->table, kTableHelp);
-  arguments.argument("RECORD", options->record, kRecordHelp);
+  defineRecords(arguments, *options);
   defineDelivery(arguments, options->delivery);
   return actionOf(options, run);
 }
@@ -35,12 +54,20 @@ Action define(Arguments& arguments) {
 
 extern const Command kGetCommand = {
     "get",
-    "print a record's payload",
+    "print the payload of records",
     R"(Writes the payload of a record, byte for byte, to standard output or to a file. On a terminal only
-plain text is shown unless --raw is given. The database is only read.)",
+plain text is shown unless --raw is given. The database is only read.
+
+The payloads of several records follow each other, each once, in the order of the arguments; those
+of a folder or a pattern in the order of their names. If one of the records is not in the table, or
+a pattern matches nothing, nothing is written. In a pattern '*' is any text without '/', '**' any
+text, '?' one character, '[a-z]' one of these and '[!a-z]' any other; '\' takes the meaning from the
+next character. A pattern is compared with whole names, and a name that exists is that name,
+whatever is in it. 'qvdb export' writes files of their own for the same arguments.)",
     R"(qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978
 qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978 --output letter.pdf
-qvdb get photos.qvd holiday beach/IMG1.jpg | display -)",
+qvdb get photos.qvd holiday beach/IMG1.jpg | display -
+qvdb get site.qvd logs '2024/*.log' | grep error)",
     define,
 };
 

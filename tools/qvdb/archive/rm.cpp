@@ -4,17 +4,11 @@
 #include "archive/imported_files.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "selection/chosen_records.h"
 #include "streams/interrupt.h"
 
 namespace qvdb::tool {
 namespace {
-
-struct Options {
-  std::string file;
-  std::string table;
-  std::vector<std::string> records;
-  bool noSync = false;
-};
 
 // Removes the other records of imported files. There are some after an import that was interrupted
 // while it replaced a file; without their name they could not be recognized.
@@ -34,45 +28,45 @@ void removeDoubles(Table& table, const std::optional<ImportedFiles>& files,
   }
 }
 
-// Removes the names of imported files with their records.
+// Removes the names of the records that are gone, and these entries. An entry of a record that is
+// still there stays.
 void forgetNames(Table& table, std::optional<ImportedFiles>& files,
-                 const std::unordered_set<Id>& gone) {
+                 const std::unordered_set<Id>& gone, const std::vector<size_t>& entries) {
   if (!files) return;
+  std::unordered_set<size_t> unwanted(entries.begin(), entries.end());
   bool hasChanged = false;
   for (size_t i = 0; i < files->list().size(); ++i) {
     const ImportedFile& file = files->list()[i];
-    if (file.kind != FileKind::file || !gone.contains(file.record)) continue;
+    const bool isGone = file.kind == FileKind::file && gone.contains(file.record);
+    if (file.kind == FileKind::removed || (!isGone && !unwanted.contains(i))) continue;
     files->remove(i);
     hasChanged = true;
   }
   if (hasChanged) table.set_data(files->bytes());
 }
 
-int run(const Options& options) {
+int run(const RecordChange& options) {
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
-  const std::vector<Record> records = findRecords(database, table, options.records);
+  Chosen chosen = chooseRecords(database, table, options.records);
   std::optional<ImportedFiles> files = readNames(database, table);
   std::unordered_set<Id> gone;
-  for (const Record& record : records) {
+  for (const Record& record : chosen.records) {
     if (isInterrupted()) break;
-    if (gone.insert(record.id()).second && !table.remove(record)) {
-      throw noSuchRecord(database, table, record.id());
-    }
+    if (!table.remove(record)) throw noSuchRecord(database, table, record.id());
+    gone.insert(record.id());
   }
+  if (isInterrupted()) chosen.entries.clear();
   removeDoubles(table, files, gone);
-  forgetNames(table, files, gone);
+  forgetNames(table, files, gone, chosen.entries);
   finishWriting(database, options.noSync);
   throwIfInterrupted();
   return kDone;
 }
 
 Action define(Arguments& arguments) {
-  const auto options = std::make_shared<Options>();
-  arguments.argument("FILE", options->file, kFileHelp);
-  arguments.argument("TABLE", options->table, kTableHelp);
-  arguments.arguments("RECORD", options->records, 1, kRecordHelp);
-  arguments.noSync(options->noSync);
+  const auto options = std::make_shared<RecordChange>();
+  defineRecords(arguments, *options);
   return actionOf(options, run);
 }
 
@@ -81,12 +75,20 @@ Action define(Arguments& arguments) {
 extern const Command kRmCommand = {
     "rm",
     "delete records",
-    R"(Takes one or more records out of a table. If one of them is not in the table, none is deleted.
-Their bytes stay in the file until it is compacted. In a table of imported files their names are
-removed too. A name can have two records, after an import that was interrupted while it replaced a
-file: both are deleted.)",
+    R"(Takes one or more records out of a table. If one of them is not in the table, or a pattern matches
+nothing, none is deleted. Their bytes stay in the file until it is compacted.
+
+In a table of imported files their names are removed too. A folder is deleted with all that is below
+it. In a pattern '*' is any text without '/', '**' any text, '?' one character, '[a-z]' one of these
+and '[!a-z]' any other; '\' takes the meaning from the next character. A pattern is compared with
+whole names, and a name that exists is that name, whatever is in it. 'qvdb records' with the same
+arguments shows the files that would be deleted.
+
+A name can have two records, after an import that was interrupted while it replaced a file: both are
+deleted.)",
     R"(qvdb rm notes.qvd letters 0x1f5e2d3c4b5a6978
-qvdb rm photos.qvd holiday beach/IMG1.jpg beach/IMG2.jpg)",
+qvdb rm photos.qvd holiday beach/IMG1.jpg beach/IMG2.jpg
+qvdb rm photos.qvd holiday old '**/*.tmp')",
     define,
 };
 

@@ -3,20 +3,14 @@
 
 #include <qvdbase/qvdbase.h>
 
-#include <unordered_map>
-
 #include "format/layout.h"
+#include "selection/pattern.h"
 #include "streams/interrupt.h"
 #include "streams/text.h"
 #include "streams/waiting.h"
 
 namespace qvdb::tool {
 namespace {
-
-// "./17" is the name 17, which would be taken for an identifier.
-std::string withoutDot(const std::string& name) {
-  return name.starts_with("./") ? name.substr(2) : name;
-}
 
 Failure noIdentifier(const std::string& text) {
   return Failure("'" + text +
@@ -25,13 +19,9 @@ Failure noIdentifier(const std::string& text) {
 
 Id idOfName(const Database& database, const Table& table, const ImportedFiles& files,
             const std::string& idOrName) {
-  const std::string name = withoutDot(idOrName);
+  const std::string name = nameIn(idOrName);
   const auto index = files.find(name);
-  if (!index) {
-    throw Failure(database.path().native() + ": table '" + table.name() + "' has no file '" + name +
-                  "'" + (files.isWhole() ? "" : " before the damage in its list of names") +
-                  "; 'qvdb records' lists what it has");
-  }
+  if (!index) throw noSuchName(database, table, files, idOrName);
   const ImportedFile& file = files.list()[*index];
   if (file.kind == FileKind::file) return file.record;
   throw Failure(database.path().native() + ": '" + name + "' is a " +
@@ -135,9 +125,7 @@ std::optional<ImportedFiles> readNames(const Database& database, const Table& ta
 
 Id recordId(const Database& database, const Table& table, const std::string& idOrName) {
   if (const auto id = parse_id(idOrName)) return *id;
-  const auto files = ImportedFiles::of(database, table);
-  if (files) return idOfName(database, table, *files, idOrName);
-  throw noIdentifier(idOrName);
+  return idOfName(database, table, namesOfImported(database, table, idOrName), idOrName);
 }
 
 Id recordIdInUseOrNot(const std::string& path, const std::string& table,
@@ -147,8 +135,8 @@ Id recordIdInUseOrNot(const std::string& path, const std::string& table,
   const Table found = findTable(database, table);
   const auto files = ImportedFiles::of(database, found);
   if (!files) throw wrongUsage(noIdentifier(idOrName).what());
-  const auto removed = files->findRemoved(withoutDot(idOrName));
-  const auto inUse = files->find(withoutDot(idOrName));
+  const auto removed = files->findRemoved(nameIn(idOrName));
+  const auto inUse = files->find(nameIn(idOrName));
   if (removed && (prefer == Prefer::deleted || !inUse)) return files->list()[*removed].record;
   return idOfName(database, found, *files, idOrName);
 }
@@ -158,38 +146,37 @@ const char* letterOf(BlockGrade grade) {
   return kLetters[static_cast<size_t>(grade)];
 }
 
+std::string nameIn(const std::string& word) {
+  return word.starts_with("./") ? word.substr(2) : word;
+}
+
+ImportedFiles namesOfImported(const Database& database, const Table& table,
+                              const std::string& word) {
+  auto files = ImportedFiles::of(database, table);
+  if (!files) throw noIdentifier(word);
+  return *std::move(files);
+}
+
+Failure noSuchName(const Database& database, const Table& table, const ImportedFiles& files,
+                   const std::string& word) {
+  return Failure(database.path().native() + ": table '" + table.name() + "' has " +
+                 (Pattern::isOne(word) ? "nothing that matches '" : "no file '") + nameIn(word) +
+                 "'" + (files.isWhole() ? "" : " before the damage in its list of names") +
+                 "; 'qvdb records' lists what it has");
+}
+
 Failure noSuchRecord(const Database& database, const Table& table, Id record) {
   return Failure(database.path().native() + ": table '" + table.name() + "' has no record " +
                  to_string(record) + "; 'qvdb records' lists what it has");
 }
 
-std::vector<Record> findRecords(const Database& database, const Table& table,
-                                const std::vector<std::string>& idsOrNames) {
-  std::optional<ImportedFiles> files;
-  std::vector<Id> ids;
-  for (const std::string& text : idsOrNames) {
-    const auto id = parse_id(text);
-    if (!id && !files) files = ImportedFiles::of(database, table);
-    ids.push_back(!id && files ? idOfName(database, table, *files, text)
-                               : recordId(database, table, text));
-  }
-  std::unordered_map<Id, std::optional<Record>> wanted;
-  for (const Id id : ids) wanted.emplace(id, std::nullopt);
-  size_t missing = wanted.size();
-  auto records = table.records();
-  for (auto record = records.begin(); missing > 0 && record != records.end(); ++record) {
-    const auto found = wanted.find(record->id());
-    if (found == wanted.end() || found->second) continue;  // the first of several counts
-    found->second = *record;
-    --missing;
+Record findRecord(const Database& database, const Table& table, const std::string& idOrName) {
+  const Id id = recordId(database, table, idOrName);
+  for (const Record& record : table.records()) {
     throwIfInterrupted();
+    if (record.id() == id) return record;
   }
-  std::vector<Record> result;
-  for (const Id id : ids) {
-    if (!wanted[id]) throw noSuchRecord(database, table, id);
-    result.push_back(*wanted[id]);
-  }
-  return result;
+  throw noSuchRecord(database, table, id);
 }
 
 }  // namespace qvdb::tool

@@ -74,12 +74,22 @@ Id recordIdInUseOrNot(const std::string& path, const std::string& table,
 // "A", "B" or "C".
 const char* letterOf(BlockGrade grade);
 
+// The name that a user wrote: "./17" is the name 17, which would be taken for an identifier.
+std::string nameIn(const std::string& word);
+
+// The list of a table's imported files, in which a word is looked up that is no identifier. Throws
+// Failure when there is none.
+ImportedFiles namesOfImported(const Database& database, const Table& table,
+                              const std::string& word);
+
+// The failure that the list has no such name, and nothing that matches.
+Failure noSuchName(const Database& database, const Table& table, const ImportedFiles& files,
+                   const std::string& word);
+
 // The failure that a record does not exist.
 Failure noSuchRecord(const Database& database, const Table& table, Id record);
 
-// All of these records, found in one walk, in the order of the arguments. Throws Failure when one
-// does not exist.
-std::vector<Record> findRecords(const Database& database, const Table& table,
-                                const std::vector<std::string>& idsOrNames);
+// A record by its identifier or the name of its file. Throws Failure when it does not exist.
+Record findRecord(const Database& database, const Table& table, const std::string& idOrName);
 
 }  // namespace qvdb::tool

@@ -1,5 +1,6 @@
 // qvdb records: lists the records of a table.
 #include <nlohmann/json.hpp>
+#include <unordered_set>
 
 #include "archive/imported_files.h"
 #include "command_line/commands.h"
@@ -7,6 +8,8 @@
 #include "feed/follow.h"
 #include "feed/newest_records.h"
 #include "feed/record_rows.h"
+#include "selection/chosen_records.h"
+#include "selection/name_choice.h"
 #include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
@@ -17,6 +20,7 @@ namespace {
 struct Options {
   std::string file;
   std::string table;
+  std::vector<std::string> records;
   std::optional<uint64_t> limit;
   std::optional<uint64_t> last;
   std::optional<std::string> since;
@@ -44,11 +48,24 @@ Newest newestOf(const Options& options) {
   return newest;
 }
 
+// The records that are wanted by identifier, name or pattern; nothing where all are.
+using Wanted = std::optional<std::unordered_set<Id>>;
+
+Wanted wantedOf(const Database& database, const Table& table, const Options& options) {
+  if (options.records.empty()) return std::nullopt;
+  std::unordered_set<Id> wanted;
+  for (const Record& record : chooseSomeRecords(database, table, options.records).records) {
+    wanted.insert(record.id());
+  }
+  return wanted;
+}
+
 template <typename Take>
-void forEachRecord(const Table& table, const Options& options, Take take) {
+void forEachRecord(const Table& table, const Options& options, const Wanted& wanted, Take take) {
   uint64_t left = options.limit.value_or(~uint64_t{0});
   if (left == 0) return;
   forEachOf(table, newestOf(options), [&](const Record& record) {
+    if (wanted && !wanted->contains(record.id())) return true;
     take(record);
     return --left != 0;
   });
@@ -66,7 +83,7 @@ Json jsonWithName(const Row& row) {
 
 // The document is complete, closing brackets included, also where the records end early.
 void printJsonList(const Options& options, const Table& table,
-                   const std::optional<ImportedFiles>& files) {
+                   const std::optional<ImportedFiles>& files, const Wanted& wanted) {
   Json head;
   addText(&head, "file", options.file);
   addText(&head, "table", table.name());
@@ -74,7 +91,7 @@ void printJsonList(const Options& options, const Table& table,
   head["count"] = table.count();
   JsonArrayWriter writer(head, "records");
   try {
-    forEachRecord(table, options,
+    forEachRecord(table, options, wanted,
                   [&](const Record& record) { writer.add(jsonWithName(listed(record, files))); });
   } catch (const Error& error) {
     writer.finish(escaped(error.what()));
@@ -119,9 +136,37 @@ std::optional<ImportedFiles> namesOfTable(const Options& options) {
   return std::nullopt;
 }
 
+// Leaves those that are wanted by identifier, or by the name that their file had.
+void choose(std::vector<FoundBlock>& blocks, const std::optional<ImportedFiles>& files,
+            const Options& options) {
+  std::vector<ChoosableName> names;
+  for (const FoundBlock& block : blocks) {
+    const std::string* name = formerName(files, block.record);
+    names.push_back({name != nullptr ? std::string_view(*name) : std::string_view()});
+  }
+  const NameChoice choice(std::move(names));
+  std::vector<bool> isWanted(blocks.size());
+  for (const std::string& word : options.records) {
+    const auto id = parse_id(word);
+    bool isFound = false;
+    for (size_t i = 0; id && i < blocks.size(); ++i) {
+      if (blocks[i].record == *id) isWanted[i] = isFound = true;
+    }
+    if (!id) {
+      for (const size_t place : choice.find(word)) isWanted[place] = isFound = true;
+    }
+    if (isFound) continue;
+    throw Failure(options.file + ": table '" + options.table + "' has no deleted record '" + word +
+                  "'; 'qvdb records --deleted' lists those that are still in the file");
+  }
+  size_t place = 0;
+  std::erase_if(blocks, [&](const FoundBlock&) { return !isWanted[place++]; });
+}
+
 int listDeleted(const Options& options) {
   std::vector<FoundBlock> blocks = deleted_records(options.file, options.table);
   const auto files = namesOfTable(options);
+  if (!options.records.empty()) choose(blocks, files, options);
   if (options.limit && *options.limit < blocks.size()) {
     blocks.resize(static_cast<size_t>(*options.limit));
   }
@@ -144,6 +189,9 @@ void requireMeaning(const Options& options) {
   if (options.deleted && (options.last || options.since || options.follow)) {
     throw wrongUsage("--deleted cannot be combined with --last, --since or --follow");
   }
+  if (options.follow && !options.records.empty()) {
+    throw wrongUsage("--follow lists all records that are added: leave RECORD out");
+  }
   static_cast<void>(newestOf(options));
 }
 
@@ -157,11 +205,13 @@ int run(const Options& options) {
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   const auto files = readNames(database, table);
+  const Wanted wanted = wantedOf(database, table, options);
   if (options.json) {
-    printJsonList(options, table, files);
+    printJsonList(options, table, files, wanted);
   } else {
     printHead("CAPACITY", files.has_value());
-    forEachRecord(table, options, [&](const Record& record) { printRow(listed(record, files)); });
+    forEachRecord(table, options, wanted,
+                  [&](const Record& record) { printRow(listed(record, files)); });
   }
   return files && !files->isWhole() ? kFailed : kDone;
 }
@@ -170,6 +220,7 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("TABLE", options->table, kTableHelp);
+  arguments.arguments("RECORD", options->records, 0, kRecordsHelp);
   arguments.option("-n,--limit", "NUMBER", options->limit, "Stop after this number of records.");
   arguments.option("--last", "NUMBER", options->last, "List only so many, those added last.");
   arguments.option("--since", "TIME", options->since,
@@ -191,6 +242,12 @@ extern const Command kRecordsCommand = {
     R"(Lists a table's records in their order: identifier, bytes of payload, capacity in bytes, the times
 of creation and last modification (UTC) and, in a table of imported files, the file's name. The
 file is only read.
+
+With RECORDs only these are listed, in the same order. A pattern of names is compared with whole
+names: '*' is any text without '/', '**' any text, '?' one character, '[a-z]' one of these and
+'[!a-z]' any other; '\' takes the meaning from the next character. A name that exists is that name,
+whatever is in it, and a folder means all files below it. With --last and --since those of the
+records at the end are listed that are meant.
 
 --last and --since read back from the end of the table, so that their time depends on what they
 list, not on how many records there are. Both list older records first.
@@ -215,6 +272,7 @@ qvdb records --limit 10 notes.qvd letters
 qvdb records --last 10 notes.qvd letters
 qvdb records --since 2024-05-01 notes.qvd letters
 qvdb records --last 0 --follow --json notes.qvd letters | jq .id
+qvdb records photos.qvd holiday 'beach/*.jpg'
 qvdb records --deleted photos.qvd holiday
 qvdb records --json notes.qvd letters | jq -r '.records[].id')",
     define,

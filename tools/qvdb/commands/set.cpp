@@ -19,7 +19,7 @@ int run(const Options& options) {
   const std::vector<std::byte> payload = readInput(input);
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
-  const Record record = findRecords(database, table, {options.record}).front();
+  const Record record = findRecord(database, table, options.record);
   if (!table.modify(record, payload)) throw noSuchRecord(database, table, record.id());
   finishWriting(database, options.noSync);
   return kDone;

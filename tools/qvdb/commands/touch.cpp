@@ -1,22 +1,16 @@
 // qvdb touch: sets the time of last modification of records.
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "selection/chosen_records.h"
 #include "streams/interrupt.h"
 
 namespace qvdb::tool {
 namespace {
 
-struct Options {
-  std::string file;
-  std::string table;
-  std::vector<std::string> records;
-  bool noSync = false;
-};
-
-int run(const Options& options) {
+int run(const RecordChange& options) {
   Database database = openToWrite(options.file);
   Table table = findTable(database, options.table);
-  for (const Record& record : findRecords(database, table, options.records)) {
+  for (const Record& record : chooseRecords(database, table, options.records).records) {
     throwIfInterrupted();
     if (!table.touch(record)) throw noSuchRecord(database, table, record.id());
   }
@@ -25,11 +19,8 @@ int run(const Options& options) {
 }
 
 Action define(Arguments& arguments) {
-  const auto options = std::make_shared<Options>();
-  arguments.argument("FILE", options->file, kFileHelp);
-  arguments.argument("TABLE", options->table, kTableHelp);
-  arguments.arguments("RECORD", options->records, 1, kRecordHelp);
-  arguments.noSync(options->noSync);
+  const auto options = std::make_shared<RecordChange>();
+  defineRecords(arguments, *options);
   return actionOf(options, run);
 }
 
