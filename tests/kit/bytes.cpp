@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cctype>
 #include <fstream>
-#include <iterator>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -147,9 +146,17 @@ Bytes pattern(size_t count, unsigned seed) {
 Bytes readFile(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw fileError("open", path);
+  // In pieces, since pipes and the files of /proc do not say how long they are.
+  constexpr size_t kPiece = 64 * 1024;
   Bytes content;
-  content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  size_t length = 0;
+  while (in) {
+    content.resize(length + kPiece);
+    in.read(reinterpret_cast<char*>(content.data() + length), kPiece);
+    length += static_cast<size_t>(in.gcount());
+  }
   if (in.bad()) throw fileError("read", path);
+  content.resize(length);
   return content;
 }
 
