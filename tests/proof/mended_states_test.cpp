@@ -5,10 +5,10 @@
 #include <qvdbase/qvdb.hpp>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <set>
 
+#include "kit/old_file.h"
 #include "kit/recorded_calls.h"
 #include "kit/test_extent.h"
 #include "proof/base_states.h"
@@ -52,17 +52,11 @@ class MendedStates : public testing::TestWithParam<BaseState> {
   void put(const Bytes& bytes) {
     std::filesystem::remove(path_);
     writeFile(path_, bytes);
-    age();
-  }
-
-  // A file that was written just now is given time before it is judged: an old one is not.
-  void age() {
-    using namespace std::chrono_literals;
-    std::filesystem::last_write_time(path_, std::filesystem::file_time_type::clock::now() - 1h);
+    makeOld(path_);
   }
 
   size_t mendAgain(qvdb::CutOffWrites cutOff) {
-    age();
+    makeOld(path_);
     return qvdb::mend(path_, {.cut_off = cutOff}).steps.size();
   }
 

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "kit/file_image.h"
+#include "kit/old_file.h"
 #include "platform/host/memory.h"
 #include "recovery/check/base_files.h"
 
@@ -477,6 +478,7 @@ void Workbench::reset() {
   writeFile(folder / "broken.qvd", broken);
   writeFile(folder / "bare.qvd", bare);
   writeFile(folder / "old.qvd", bytesOf("something older"));
+  for (const char* name : {"source.qvd", "broken.qvd", "bare.qvd"}) makeOld(folder / name);
 }
 
 std::vector<std::pair<std::string, Bytes>> Workbench::files() const {

@@ -30,7 +30,7 @@ class Workbench {
   // The files that are there, by their names (without folders).
   std::vector<std::pair<std::string, Bytes>> files() const;
 
-  TempFolder folder;
+  TempFolder folder{TempFolder::inMemory()};
   int16_t db = 0;
 };
 

@@ -15,7 +15,6 @@
 #include <unistd.h>
 #include <qvdbase/qvdb.hpp>
 
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -23,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "kit/old_file.h"
 #include "kit/recorded_calls.h"
 #include "kit/temp_folder.h"
 #include "proof/failures.h"
@@ -165,9 +165,7 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
       if (!isInput) fs::remove_all(each.path());
     }
     writeFile(folder / "full.qvd", full_);
-    // A file that was written just now is given time before it is judged.
-    using namespace std::chrono_literals;
-    fs::last_write_time(folder / "full.qvd", fs::file_time_type::clock::now() - 1h);
+    makeOld(folder / "full.qvd");
   }
 
   // Identifiers and times are the same in each attempt.
@@ -254,7 +252,7 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
     }
   }
 
-  TempFolder folder;
+  TempFolder folder{TempFolder::inMemory()};
   Bytes full_;
   std::map<std::pair<uint64_t, uint64_t>, Bytes> records_;  // added before all this
 };

@@ -1,8 +1,8 @@
 // compact, pack and renumber refuse what a copy would leave behind and a salvage would not.
-#include <chrono>
 #include <filesystem>
 
 #include "kit/maintenance_fixture.h"
+#include "kit/old_file.h"
 #include "kit/test_extent.h"
 #include "objects/layer_fixture.h"
 #include "recovery/salvage/salvage_kit.h"
@@ -77,7 +77,6 @@ TEST_F(RefusedCopies, LoseNothingThatSalvageFindsWhicheverBitIsFlipped) {
   for (size_t i = 4630; i < sound.size(); ++i) places.push_back(i);
   const size_t step = testEverything() ? 1 : 13;
   size_t compacted = 0;
-  const auto longAgo = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
   for (size_t bit = 0; bit < places.size() * 8 && !HasFailure(); bit += step) {
     SCOPED_TRACE("bit " + std::to_string(bit % 8) + " of byte " + std::to_string(places[bit / 8]));
     Bytes bytes = sound;
@@ -85,8 +84,7 @@ TEST_F(RefusedCopies, LoseNothingThatSalvageFindsWhicheverBitIsFlipped) {
     std::filesystem::remove(path(kSource));
     std::filesystem::remove(path(kTarget));
     writeFile(path(kSource), bytes);
-    // One that was written just now would be given time before it is judged.
-    std::filesystem::last_write_time(path(kSource), longAgo);
+    makeOld(path(kSource));
     try {
       qvdb::compact(path(kSource), path(kTarget));
     } catch (const qvdb::Error&) {

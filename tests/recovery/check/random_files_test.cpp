@@ -4,8 +4,7 @@
 
 #include <qvdbase/qvdb/maintenance.hpp>
 
-#include <chrono>
-
+#include "kit/old_file.h"
 #include "recovery/check/base_files.h"
 #include "recovery/check/random_database.h"
 #include "recovery/survey/survey.h"
@@ -78,10 +77,7 @@ class CheckOfPacks : public testing::Test {
   }
 
   void compact() {
-    const auto hour =
-        std::chrono::hours(1);  // compact waits for times that are too new to show a change
-    std::filesystem::last_write_time(folder / "random.qvd",
-                                     std::filesystem::file_time_type::clock::now() - hour);
+    makeOld(folder / "random.qvd");
     qvdb::compact(folder / "random.qvd", folder / "compact.qvd", {}, {.overwrite = true});
     expectSound("compact.qvd");
   }
