@@ -147,6 +147,20 @@ void KeyMatches::begin() {
   }
 }
 
+// What it has found of the file that was open before is of no use.
+void KeyMatches::beginAgain() {
+  if (hasDelivered) {
+    Operation(keys->database, kFind)
+        .fail(Reason::changed_meanwhile,
+              "the database was opened again since the walk began; begin it again");
+  }
+  place = {bounds.from, 0};
+  isAssured = hasCaughtUp = false;
+  opening.reset();
+  failure = nullptr;
+  begin();
+}
+
 // Sees to it that the index knows everything.
 void KeyMatches::assure() {
   bool isBehind = false;
@@ -158,15 +172,24 @@ void KeyMatches::assure() {
                  keys->lastPos != 0 && keys->lastPos != slot.lastRecordPos;
       return keys->isCompleteNow(operation);
     });
+    if (!opening) opening = operation.database().opening;
     isAssured = isComplete;
+    generation = keys->generation;
     if (isComplete) return;
   }
   if (isBehind) {
     hasCaughtUp = true;
     if (keys->catchUp()) return;
   }
+  build();
+}
+
+// What cannot be reached is reported at the end.
+void KeyMatches::build() {
   failure = keys->build();
   isAssured = true;
+  const DatabaseTurn turn(*keys->database);
+  generation = keys->builtGeneration;
 }
 
 void KeyMatches::fill() {
@@ -177,12 +200,10 @@ void KeyMatches::fill() {
     const Operation operation(keys->database, kFind);
     look(operation, [&] { readBatch(operation, &batch); });
   }
-  if (batch.isBroken) {
-    // What was delivered is right: the walk goes on after it with another index.
-    failure = keys->build();
-    isAssured = true;
-    return;
-  }
+  if (batch.isOfAnotherFile) return beginAgain();
+  if (!opening) opening = batch.opening;
+  // What was delivered is right: the walk goes on after it with another index.
+  if (batch.isBroken) return build();
   place = batch.last;
   match(batch);
   atOnce = std::min(atOnce * 2, kMostAtOnce);
@@ -213,8 +234,11 @@ void KeyMatches::readBatch(const Operation& operation, Batch* batch) const {
   OpenDatabase& database = operation.database();
   *batch = {};
   batch->last = place;
+  batch->opening = database.opening;
+  batch->isOfAnotherFile = opening && *opening != database.opening;
+  if (batch->isOfAnotherFile) return;
   const std::vector<Place> places = placesAfter(place);
-  batch->isBroken = keys->maps.isBroken();
+  batch->isBroken = keys->maps.isBroken() || isEmptied(operation);
   if (batch->isBroken) return;
   batch->isAtEnd = places.size() < atOnce;
   std::optional<bool> isComplete;
@@ -238,10 +262,14 @@ void KeyMatches::readBatch(const Operation& operation, Batch* batch) const {
   }
   batch->changes = database.changes;
   batch->generation = keys->generation;
-  batch->opening = database.opening;
   batch->transaction = database.transactions.openNumber;
   batch->mayHaveMoved =
       batch->changes != changesAtBegin || mayOthersWrite(database) || !isComplete.value_or(true);
+}
+
+// Whether the index had everything, and was emptied since: what was entered after that is not all.
+bool KeyMatches::isEmptied(const Operation& operation) const {
+  return isAssured && keys->generation != generation && !keys->isCompleteNow(operation);
 }
 
 // A record with several keys, in the same turn.
@@ -292,6 +320,7 @@ void KeyMatches::match(const Batch& batch) {
       continue;
     }
     if (wasDelivered(candidate) && batch.mayHaveMoved) continue;
+    hasDelivered = true;
     Record record(keys->database, keys->table.id(), candidate.info);
     record.opening_ = batch.opening;
     record.transaction_ = batch.transaction;

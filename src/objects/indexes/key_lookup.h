@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -50,7 +51,8 @@ struct KeyMatches {
     std::vector<Candidate> candidates;
     Place last;
     bool isAtEnd = false;
-    bool isBroken = false;  // the file of a kept index
+    bool isBroken = false;  // the file of a kept index, or the index was emptied
+    bool isOfAnotherFile = false;
     uint64_t changes = 0;
     uint64_t generation = 0;
     uint32_t opening = 0;
@@ -59,8 +61,11 @@ struct KeyMatches {
   };
 
   void begin();
+  void beginAgain();
   void fill();
   void assure();
+  void build();
+  bool isEmptied(const Operation& operation) const;
   void readBatch(const Operation& operation, Batch* batch) const;
   std::vector<Place> placesAfter(const Place& place) const;
   static bool readBefore(const Batch& batch, const Place& place, Candidate* candidate);
@@ -79,7 +84,10 @@ struct KeyMatches {
   std::vector<Made> made;  // of the batch
   size_t atOnce = 1;
   bool hasBegun = false;
-  bool isAssured = false;  // the index knew everything when the walk began, or since
+  bool hasDelivered = false;
+  std::optional<uint32_t> opening;  // of the file that it walks through
+  bool isAssured = false;           // the index knew everything when the walk began, or since
+  uint64_t generation = 0;          // of its maps, then
   bool hasCaughtUp = false;
   bool isAtEnd = false;
   std::exception_ptr failure;  // of the walk that has built the index

@@ -147,6 +147,7 @@ void TableKeys::endBuild(const std::shared_ptr<KeyBuild>& build, bool isWhole) {
   const Operation operation(database, kIndex);
   noticeWrites(*database);
   replaceMaps(std::move(build->maps));
+  builtGeneration = generation;
   std::erase_if(inWork, [&](const auto& other) { return other.lock() == build; });
   opening = build->opening;
   writesByOthers = build->writesByOthers;
@@ -202,6 +203,16 @@ void TableKeys::useKept(std::shared_ptr<KeptPages> kept, const tablePart1& now, 
   begun.use(std::move(kept));
   replaceMaps(std::move(begun));
   isComplete = isSame;
+}
+
+void TableKeys::useMoved(KeyMaps&& moved, const tablePart1& now) noexcept {
+  const size_t wrong = left;
+  replaceMaps(std::move(moved));
+  left = wrong;
+  slot = now;
+  lastPos = now.lastRecordPos;
+  usualBlock = usualBlockOf(now);
+  isSettled = false;
 }
 
 bool TableKeys::isCompleteNow(const Operation& operation) const {

@@ -72,8 +72,9 @@ struct TableKeys : std::enable_shared_from_this<TableKeys> {
   uint64_t writesByOthers = 0;
   qvdbase::platform::FileStamp stamp;
   bool isSettled = false;
-  uint64_t generation = 0;  // of the maps: raised when they are replaced
-  size_t left = 0;          // entries, about, that changes have made wrong
+  uint64_t generation = 0;       // of the maps: raised when they are replaced
+  uint64_t builtGeneration = 0;  // of those that were built last
+  size_t left = 0;               // entries, about, that changes have made wrong
   // Of a kept one: what the database was like when the file was written last.
   std::optional<qvdbase::format::kept::Stamp> saved;
   std::vector<std::shared_ptr<const void>> keptFiles;  // as TableIndex has them
@@ -102,6 +103,9 @@ struct TableKeys : std::enable_shared_from_this<TableKeys> {
   // Begins with what a file has. Incomplete, unless the database is what it was then. Within a
   // look.
   void useKept(std::shared_ptr<KeptPages> kept, const tablePart1& now, bool isSame);
+
+  // Goes on with the same in another file, in which the records have other places.
+  void useMoved(KeyMaps&& moved, const tablePart1& now) noexcept;
 
   // Enters the keys of a record. Where that fails, the index is no longer complete.
   void enter(const KeyList& keys, int64_t position) noexcept;
