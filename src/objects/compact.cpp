@@ -6,8 +6,7 @@
 
 #include "failure/failure.h"
 #include "objects/cache.h"
-#include "objects/indexes/table_index.h"
-#include "objects/indexes/table_keys.h"
+#include "objects/indexes/moved_indexes.h"
 #include "objects/open_database.h"
 #include "platform/handles/current_name.h"
 #include "platform/handles/open_files.h"
@@ -55,7 +54,7 @@ void requireCompactable(const Operation& operation) {
 class Compaction {
  public:
   explicit Compaction(const std::shared_ptr<OpenDatabase>& database)
-      : operation_(database, kOperation), database_(operation_.database()) {}
+      : operation_(database, kOperation), state_(database), database_(operation_.database()) {}
   // A file without a name is closed after the object that removes it.
   ~Compaction() {
     if (made_ != 0) static_cast<void>(platform::closeFile(made_));
@@ -81,29 +80,30 @@ class Compaction {
   void place(products::TargetFile& made, std::vector<upkeep::Move> moves) {
     if (database_.handle != operation_.db()) operation_.fail(Reason::not_open, "it was closed");
     requireCompactable(operation_);
+    const detail::MovedIndexes indexes(operation_);
     if (!made.file().handOver(&made_)) {
       operation_.fail(Reason::cannot_open, "too many files are open");
     }
     try {
       made.place();
     } catch (const Error&) {
-      if (made.file().isPlaced()) continueWithIt(std::move(moves));
+      if (made.file().isPlaced()) continueWithIt(std::move(moves), indexes);
       throw;
     }
-    continueWithIt(std::move(moves));
+    continueWithIt(std::move(moves), indexes);
   }
 
   // In the turn of the new file, so that no other thread begins before all is in order.
-  void continueWithIt(std::vector<upkeep::Move> moves) {
+  void continueWithIt(std::vector<upkeep::Move> moves, const detail::MovedIndexes& indexes) {
     const int16_t number = std::exchange(made_, int16_t{0});
     const platform::Turn turn(number);
     static_cast<void>(database_.continueWith(number, std::move(moves)));
-    detail::markIndexesStale(database_);
-    detail::forgetKeys(database_);
+    indexes.apply(state_);
     detail::attachCache(database_);
   }
 
   const Operation operation_;
+  const std::shared_ptr<OpenDatabase> state_;
   OpenDatabase& database_;
   int16_t made_ = 0;
 };

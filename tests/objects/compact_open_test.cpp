@@ -106,6 +106,71 @@ TEST_F(CompactOpen, KeepsIndexesRight) {
   EXPECT_TRUE(table.contains(Id{20}));
 }
 
+// No record is read for it: the function that makes keys is not called.
+TEST_F(CompactOpen, MovesIndexesWithTheRecords) {
+  for (const bool isKept : {false, true}) {
+    auto database = openDatabase();
+    auto table = database.table("t");
+    int calls = 0;
+    const auto key = [&calls](std::string_view text) {
+      ++calls;
+      return std::string(text.substr(0, 1));
+    };
+    const qvdb::KeyIndex<std::string> keys(table, key,
+                                           {.ordered = true, .kept_as = isKept ? "key" : ""});
+    const qvdb::RecordIndex index = table.index();
+    if (!isKept) table.append_all(std::vector<std::string>(3000, std::string(100, 'q')));
+    table.add_with_id(Id{30}, std::string("z"));
+    table.modify(Id{30}, std::string(200, 'y'));
+    table.remove(Id{isKept ? 1u : 3u});
+    const std::vector<uint64_t> ids = idsOf(table);
+    if (isKept) database.keep_indexes();
+    calls = 0;
+    database.compact();
+    EXPECT_EQ(std::ranges::distance(keys.records()), static_cast<ptrdiff_t>(ids.size()));
+    EXPECT_LE(calls, static_cast<int>(ids.size())) << "one for each that is delivered";
+    RecordedCalls host;
+    EXPECT_TRUE(table.contains(Id{30}));
+    EXPECT_LE(host.count(Call::read), 3) << "no walk";
+    EXPECT_FALSE(table.contains(Id{4}));
+    for (const uint64_t id : ids) EXPECT_EQ(table.find(Id{id})->id(), Id{id});
+    EXPECT_EQ(index.size(), ids.size());
+    EXPECT_FALSE(keys.contains("z"));
+    EXPECT_EQ(keys.find("y")->id(), Id{30});
+    calls = 0;
+    EXPECT_FALSE(keys.contains("none"));
+    EXPECT_EQ(calls, 0) << "it knows all of them";
+    table.add_with_id(Id{31}, std::string("new"));
+    EXPECT_EQ(keys.find("n")->id(), Id{31});
+    table.remove(Id{31});
+    table.remove(Id{30});
+  }
+}
+
+// Records that are dropped on the way are in no index.
+TEST_F(CompactOpen, LeavesWhatIsDroppedOutOfTheIndexes) {
+  auto database = openDatabase();
+  auto table = database.table("t");
+  table.add_with_id(Id{5}, std::string("second of 5"));
+  const qvdb::RecordIndex index = table.index();
+  const qvdb::KeyIndex<std::string> keys(
+      table, [](std::string_view text) { return std::string(text.substr(0, 1)); });
+  qvdb::CompactOptions options;
+  bool isFirst = true;
+  options.keep = [&](const qvdb::CompactedRecord& record) {
+    const bool isDropped = record.id == Id{3} || (record.id == Id{5} && isFirst);
+    if (record.id == Id{5}) isFirst = false;
+    return !isDropped;
+  };
+  database.compact({}, options);
+  EXPECT_EQ(idsOf(table), (std::vector<uint64_t>{1, 7, 9, 5}));
+  EXPECT_FALSE(table.contains(Id{3}));
+  EXPECT_EQ(bytes(table.get(Id{5})), bytesOf("second of 5"));
+  EXPECT_FALSE(keys.contains("d"));
+  EXPECT_EQ(keys.find("s")->id(), Id{5});
+  EXPECT_TRUE(keys.contains("h"));
+}
+
 TEST_F(CompactOpen, WorksWithACache) {
   auto database = openDatabase();
   const qvdb::Cache cache = database.cache();

@@ -30,6 +30,19 @@ class IdentifierMap {
   // Empties it; what is in the file is no longer used.
   void clear();
 
+  // After the records have got other places: function(position) is the new one, 0 for none. One
+  // that uses a file is emptied, and false returned. Throws std::bad_alloc; it means nothing then.
+  template <typename Function>
+  bool movePositions(const Function& function) {
+    if (kept_ != nullptr) {
+      clear();
+      return false;
+    }
+    isChanged_ = true;
+    memory_.movePositions(function);
+    return true;
+  }
+
   // Begins with what is in the file.
   void use(std::shared_ptr<KeptPages> kept);
 

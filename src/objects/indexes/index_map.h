@@ -46,6 +46,20 @@ class IndexMap {
     }
   }
 
+  // Replaces each position by function(position); where that is 0, the key is taken out. Throws
+  // std::bad_alloc; the map means nothing then.
+  template <typename Function>
+  void movePositions(const Function& function) {
+    std::vector<uint64_t> gone;
+    for (Entry& entry : places_) {
+      if (entry.position == 0) continue;
+      const int64_t position = function(entry.position);
+      if (position == 0) gone.push_back(entry.key);
+      if (position != 0) entry.position = position;
+    }
+    for (const uint64_t key : gone) erase(key);
+  }
+
   // How many places a search for this key visits.
   size_t stepsTo(uint64_t key) const;
   size_t bytes() const { return places_.capacity() * sizeof(Entry); }

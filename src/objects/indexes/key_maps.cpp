@@ -2,6 +2,7 @@
 #include "objects/indexes/key_maps.h"
 
 #include <algorithm>
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -9,6 +10,8 @@ using namespace qvdbase;
 
 namespace qvdb::detail {
 namespace {
+
+constexpr size_t kMovedAtOnce = 256;
 
 bool isBefore(const OrderedKeys::Place& a, const OrderedKeys::Place& b) {
   const int order = a.key.compare(b.key);
@@ -25,6 +28,34 @@ void KeyMaps::use(std::shared_ptr<KeptPages> kept) {
   *this = KeyMaps(kept->seed());
   kept_ = std::move(kept);
   isChanged_ = false;
+}
+
+KeyMaps KeyMaps::moved(const std::function<int64_t(int64_t)>& newPlace) const {
+  KeyMaps made(seed_);
+  made.reserve(size());
+  const auto enter = [&](const format::kept::HashEntry& entry) {
+    const int64_t position = newPlace(entry.position);
+    if (position != 0) made.map_.insert(entry.hash, position);
+  };
+  std::vector<format::kept::HashEntry> entries;
+  map_.collect(0, std::numeric_limits<uint64_t>::max(), &entries);
+  for (const auto& entry : entries) enter(entry);
+  if (kept_ != nullptr) {
+    KeptPages::Cursor cursor(*kept_);
+    for (format::kept::HashEntry entry; cursor.next(&entry);) {
+      if (!hides(entry)) enter(entry);
+    }
+  }
+  std::vector<Place> places;
+  for (Place after;; after = places.back()) {
+    places.clear();
+    listKeys(after, nullptr, kMovedAtOnce, &places);
+    for (const Place& place : places) {
+      const int64_t position = newPlace(place.position);
+      if (position != 0) made.ordered_.insert(place.key, position);
+    }
+    if (places.size() < kMovedAtOnce) return made;
+  }
 }
 
 bool KeyMaps::isInFile(uint64_t hash, int64_t position) const {

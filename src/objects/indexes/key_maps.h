@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,6 +46,10 @@ class KeyMaps {
   // most. Of an ordered index.
   void listKeys(const Place& after, const std::string* to, size_t most,
                 std::vector<Place>* places) const;
+
+  // The same after the records have got other places: newPlace(position), 0 for none. In memory.
+  // Throws std::bad_alloc.
+  KeyMaps moved(const std::function<int64_t(int64_t)>& newPlace) const;
 
   // Begins with what is in the file, which has the hashes of its own seed.
   void use(std::shared_ptr<KeptPages> kept);
