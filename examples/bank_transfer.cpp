@@ -19,10 +19,12 @@ std::string_view name_of(std::string_view account) {
   return account.substr(0, account.find(' '));
 }
 
-long amount_of(std::string_view text) {
-  long amount = 0;
+// A whole number that is not negative: who moves less than nothing takes.
+long long amount_of(std::string_view text) {
+  constexpr long long most = 1'000'000'000'000;
+  long long amount = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), amount);
-  if (error != std::errc() || end != text.data() + text.size()) {
+  if (error != std::errc() || end != text.data() + text.size() || amount < 0 || amount > most) {
     throw std::runtime_error("not an amount: " + std::string(text));
   }
   return amount;
@@ -37,12 +39,15 @@ class Bank {
         accounts_(database_.find_or_add_table("accounts")),
         by_name_(accounts_, name_of, {.unique = true, .ordered = true}) {}
 
-  void open(const std::string& name, long amount) {
+  void open(const std::string& name, long long amount) {
+    if (name.empty() || name.find(' ') != std::string::npos) {
+      throw std::runtime_error("not a name of one word: " + name);
+    }
     accounts_.add(name + ' ' + std::to_string(amount));
   }
 
   // Both accounts change, or, where an exception leaves the function, neither does.
-  void move(const std::string& from, const std::string& to, long amount) {
+  void move(const std::string& from, const std::string& to, long long amount) {
     database_.transaction([&](qvdb::Transaction&) {
       change(from, -amount);
       change(to, amount);
@@ -52,6 +57,7 @@ class Bank {
   void list() const {
     auto accounts = by_name_.records();
     for (const auto& [name, account] : accounts) std::cout << text_of(account) << '\n';
+    if (!std::cout.flush()) throw std::runtime_error("cannot write the list");
   }
 
  private:
@@ -59,10 +65,10 @@ class Bank {
     return {reinterpret_cast<const char*>(account.loaded().data()), account.loaded().size()};
   }
 
-  void change(const std::string& name, long amount) {
+  void change(const std::string& name, long long amount) {
     const auto account = by_name_.find(name);
     if (!account) throw std::runtime_error("there is no account " + name);
-    const long balance = amount_of(text_of(*account).substr(name.size() + 1)) + amount;
+    const long long balance = amount_of(text_of(*account).substr(name.size() + 1)) + amount;
     if (balance < 0) throw std::runtime_error("account " + name + " has too little");
     accounts_.modify(*account, name + ' ' + std::to_string(balance));
   }

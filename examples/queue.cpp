@@ -1,13 +1,15 @@
-// A queue of lines that survives the end of the process at any moment: each line is delivered once.
+// A queue of lines that survives the end of the process at any moment: no line is delivered twice.
 //
 // Usage: queue FILE put     adds the lines of standard input, and prints how many are safe
 //        queue FILE take    takes the lines, one after the other, and prints each
 //
 // A line is taken out of the queue and put among those that are done in one transaction. So who
-// takes lines, and is killed, begins again with the first line that was not done.
+// takes lines, and is killed, begins again with the first line that was not done. The one that was
+// taken right before the end may not have been printed: it is among those that are done.
 #include <exception>
 #include <iostream>
 #include <qvdbase/qvdb.hpp>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -43,17 +45,22 @@ class Queue {
   qvdb::Table done_;
 };
 
+// Lines are not to be taken for a reader that is gone.
+void say(const std::string& text) {
+  if (!(std::cout << text << std::endl)) throw std::runtime_error("cannot write the line " + text);
+}
+
 int run(const std::string& file, std::string_view command) {
   Queue queue(file);
   std::string line;
   if (command == "put") {
     for (int count = 1; std::getline(std::cin, line); ++count) {
       queue.put(line);
-      std::cout << count << std::endl;
+      say(std::to_string(count));
     }
     return 0;
   }
-  while (queue.take(&line)) std::cout << queue.count_done() << ' ' << line << std::endl;
+  while (queue.take(&line)) say(std::to_string(queue.count_done()) + ' ' + line);
   return 0;
 }
 

@@ -75,6 +75,17 @@ TEST_F(TransactionsAmongOthers, ADiskThatIsFullWhileItCommitsLeavesNothing) {
   }
 }
 
+TEST_F(TransactionsAmongOthers, ALimitOfTheFilesLengthIsNamed) {
+  const Bytes before = file();
+  RecordedCalls host;
+  host.setFileSizeLimit(before.size() + 100);
+  auto t = database.begin();
+  table.add(std::string(300, 'a'));
+  const std::string message = expectError(Reason::size_limit, [&] { t.commit(); });
+  EXPECT_NE(message.find("nothing of it was applied"), std::string::npos) << message;
+  EXPECT_TRUE(sameBytes(file().with(4558, Bytes().zeros(24)), before));
+}
+
 TEST_F(TransactionsAmongOthers, CopiesAndChecksSeeTheStateBefore) {
   auto t = database.begin();
   table.add("in it");

@@ -18,6 +18,10 @@ bank list | diff - <(printf '%s\n' "alice 70" "bob 50")
 grep -qxF "bank_transfer: there is no account nobody" "$scratch/errors"
 ! bank move bob alice 51 2>"$scratch/errors"
 grep -qxF "bank_transfer: account bob has too little" "$scratch/errors"
+! bank move alice bob -5 2>"$scratch/errors"
+grep -qxF "bank_transfer: not an amount: -5" "$scratch/errors"
+! bank open "two words" 5 2>"$scratch/errors"
+grep -qxF "bank_transfer: not a name of one word: two words" "$scratch/errors"
 ! bank open bob 1 2>"$scratch/errors"
 grep -qF "has one of its keys" "$scratch/errors"
 bank list | diff - <(printf '%s\n' "alice 70" "bob 50")

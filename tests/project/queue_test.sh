@@ -28,3 +28,11 @@ awk -v lines="$lines" -v kills="$kills" '
     if (bad) exit 1
     if (last + missing < lines || missing > kills) { print "lost lines: " missing; exit 1 }
   }' "$scratch/taken"
+
+# Where nothing can be printed one line is taken at most, and that is said.
+seq 5 | "$program" "$scratch/closed.qvd" put >/dev/null
+status=0
+"$program" "$scratch/closed.qvd" take >&- 2>"$scratch/errors" || status=$?
+[ "$status" -eq 1 ]
+grep -qxF "queue: cannot write the line 1 1" "$scratch/errors"
+"$program" "$scratch/closed.qvd" take | diff - <(printf '%s\n' "2 2" "3 3" "4 4" "5 5")

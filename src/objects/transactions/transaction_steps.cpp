@@ -178,6 +178,7 @@ Reason reasonOf(const intents::Commit& commit) {
     case Obstacle::cannotRead:
       return Reason::cannot_read;
     default:
+      if (commit.host == std::errc::file_too_large) return Reason::size_limit;
       return commit.host == std::errc::no_space_on_device ? Reason::disk_full
                                                           : Reason::cannot_write;
   }
