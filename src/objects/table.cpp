@@ -27,6 +27,12 @@ using engine::SavedPosition;
 
 namespace {
 
+// Only with a cache is anything in memory.
+detail::InMemory askCache(const Operation& operation, Id table, Id record, bool withPayload) {
+  if (operation.database().cacheHolders == 0) return {};
+  return detail::askMemory(operation, table, record, withPayload);
+}
+
 constexpr const char* kFind = "find the record";
 constexpr uint32_t kAnySize = std::numeric_limits<uint32_t>::max();
 
@@ -165,7 +171,7 @@ RecordIndex Table::index(const RecordIndexOptions& options) const {
 
 std::optional<Record> Table::find(Id record) const {
   const Operation operation(database_, kFind);
-  const detail::InMemory known = detail::askMemory(operation, id_, record, false);
+  const detail::InMemory known = askCache(operation, id_, record, false);
   if (known.answer == detail::Answer::absent) return std::nullopt;
   if (known.answer == detail::Answer::found) {
     RecordInfo info;
@@ -182,7 +188,7 @@ std::optional<Record> Table::find(Id record) const {
 bool Table::contains(Id record) const {
   {
     const Operation operation(database_, kFind);
-    const detail::InMemory known = detail::askMemory(operation, id_, record, false);
+    const detail::InMemory known = askCache(operation, id_, record, false);
     if (known.answer != detail::Answer::unknown) return known.answer == detail::Answer::found;
   }
   return find(record).has_value();
@@ -190,7 +196,7 @@ bool Table::contains(Id record) const {
 
 std::optional<std::vector<std::byte>> Table::get(Id record) const {
   const Operation operation(database_, detail::kRead);
-  const detail::InMemory known = detail::askMemory(operation, id_, record, true);
+  const detail::InMemory known = askCache(operation, id_, record, true);
   if (known.answer == detail::Answer::absent) return std::nullopt;
   if (known.answer == detail::Answer::found) {
     requireSound(operation, id_, known);
@@ -212,7 +218,7 @@ std::optional<std::vector<std::byte>> Table::get(Id record) const {
 
 std::optional<uint32_t> Table::get(Id record, std::span<std::byte> buffer) const {
   const Operation operation(database_, detail::kRead);
-  const detail::InMemory known = detail::askMemory(operation, id_, record, true);
+  const detail::InMemory known = askCache(operation, id_, record, true);
   if (known.answer == detail::Answer::absent) return std::nullopt;
   if (known.answer == detail::Answer::found) {
     const std::span<const std::byte> payload = payloadOf(known);

@@ -76,24 +76,36 @@ FileTurn* Turn::wanted() const {
   return turn != nullptr ? turn : &freeNumbers;
 }
 
+// Each call pays for this: what most of them need comes first, and needs no other function.
 void Turn::begin() {
-  Turn* outer = innermostTurn;
+  Turn* const outer = innermostTurn;
   if (outer != nullptr && file_ > 0 && outer->file_ == file_ && outer->turn_ == wanted()) return;
   assert(mayTake(Held::directoryCache) && "a turn is waited for while a lock is held");
   assert((!isHeld(Held::change) || isMine(*wanted())) && "a turn is waited for within a look");
-  outer_ = outer;
+  const auto beginAnother = [ this, outer ]() __attribute__((noinline)) {
+    outer_ = outer;
+    innermostTurn = this;
+    if (outer == nullptr) {
+      holdCancellation();
+      takeOverCounts();
+    }
+    turn_ = wanted();
+    if (tryEnter(*turn_)) {
+      if (wanted() == turn_) return;
+      leave(*turn_);
+    }
+    leaveAll(outer_);
+    takeAll(this);
+  };
+  if (!isOnlyThread() || outer != nullptr) return beginAnother();
+  FileTurn* const turn = wanted();
+  if (!turn->lock.tryLock()) return beginAnother();
+  own(*turn);
+  turn->depth = 1;
   innermostTurn = this;
-  if (outer == nullptr) {
-    holdCancellation();
-    takeOverCounts();
-  }
-  turn_ = wanted();
-  if (tryEnter(*turn_)) {
-    if (wanted() == turn_) return;
-    leave(*turn_);
-  }
-  leaveAll(outer_);
-  takeAll(this);
+  turn_ = turn;
+  holdCancellation();
+  takeOverCounts();
 }
 
 void Turn::end() {

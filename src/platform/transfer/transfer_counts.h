@@ -32,9 +32,10 @@ inline TransferCounts& transferCounts() {
 }
 
 inline void takeOverCounts() {
-  detail::takenOver = {std::atomic_ref(gbl_realReaden).load(std::memory_order_relaxed),
-                       std::atomic_ref(gbl_realWriten).load(std::memory_order_relaxed)};
-  transferCounts() = detail::takenOver;
+  const uint32_t read = std::atomic_ref(gbl_realReaden).load(std::memory_order_relaxed);
+  const uint32_t written = std::atomic_ref(gbl_realWriten).load(std::memory_order_relaxed);
+  detail::takenOver = {read, written};
+  transferCounts() = {read, written};  // a copy would wait for both stores
 }
 
 inline void publishCounts() {
