@@ -556,6 +556,41 @@ TEST_F(ThreadsOnDatabase, CopyAFileThatAnotherThreadChanges) {
   expectSound();
 }
 
+// One begins when the check has opened the file, and is between two writes until the check has seen
+// something that is not sound: then it asks who else has the file.
+TEST_F(ThreadsOnDatabase, AreNotTakenForDamageByACheck) {
+  fill();
+  static std::atomic<bool> isBetween;
+  static std::atomic<bool> wasSeen;
+  static std::latch isOpened(1);
+  isBetween = wasSeen = false;
+  ReplacedCalls calls;
+  calls->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
+    if (!isOpened.try_wait()) {
+      isOpened.count_down();
+      while (!isBetween) std::this_thread::yield();
+    }
+    return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+  };
+  calls->findLock = [](int descriptor, struct flock* lock) {
+    if (isBetween) wasSeen = true;
+    return platform::hostSystemCalls().findLock(descriptor, lock);
+  };
+  calls->writeAt = [](int descriptor, const void* bytes, size_t count, off_t position) {
+    const ssize_t done = platform::hostSystemCalls().writeAt(descriptor, bytes, count, position);
+    isBetween = true;
+    while (!wasSeen) std::this_thread::yield();
+    return done;
+  };
+  std::thread thread([&] {
+    isOpened.wait();
+    table.add("a record that is not linked yet");
+  });
+  EXPECT_EQ(qvdb::check(path(), {}, {.wait_milliseconds = 1}).state, qvdb::CheckState::sound);
+  wasSeen = true;
+  thread.join();
+}
+
 using ForkedDatabase = ThreadsOnDatabase;
 
 TEST_F(ForkedDatabase, IsOnlyReadInTheChild) {

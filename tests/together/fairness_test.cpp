@@ -8,6 +8,7 @@
 
 #include "kit/forked.h"
 #include "kit/replaced_calls.h"
+#include "kit/threads.h"
 #include "objects/layer_fixture.h"
 #include "together/board.h"
 
@@ -60,6 +61,32 @@ class Fairness : public LayerTest {
     for (ForkedLater& writer : writers_) EXPECT_EQ(writer.end(), 0);
   }
 
+  void beginAnew() {
+    writers_.clear();
+    board_->isOver = false;
+    board_->looks = 0;
+    std::filesystem::remove(path());
+  }
+
+  // So that a check takes longer than the writers pause.
+  struct SlowReads : ReplacedCalls {
+    SlowReads() {
+      (*this)->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
+        platform::hostSystemCalls().pause(5'000);
+        return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+      };
+    }
+  };
+
+  void expectFoundSound() {
+    EXPECT_EQ(qvdb::check(path(), {}, {.wait_milliseconds = 1}).state, qvdb::CheckState::sound);
+  }
+
+  void expectFoundSoundBesideWriters() {
+    const SlowReads slowly;
+    expectFoundSound();
+  }
+
   SharedBoard board_;
   std::vector<ForkedLater> writers_;
 };
@@ -91,19 +118,27 @@ TEST_F(Fairness, AWriterWaitsForFewOperationsOfSharedWritersThatNeverRest) {
 TEST_F(Fairness, ACheckFindsAFileSoundWhoseWritersNeverRest) {
   for (const Mode mode : {Mode::exclusive, Mode::shared}) {
     begin(mode, mode == Mode::shared ? 2 : 1);
-    {
-      ReplacedCalls slowly;
-      slowly->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
-        platform::hostSystemCalls().pause(5'000);
-        return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
-      };
-      const qvdb::CheckReport report = qvdb::check(path(), {}, {.wait_milliseconds = 1});
-      EXPECT_EQ(report.state, qvdb::CheckState::sound);
-    }
+    expectFoundSoundBesideWriters();
     end();
-    writers_.clear();
-    board_->isOver = false;
-    board_->looks = 0;
+    beginAnew();
+  }
+}
+
+// Which waits for the turn of the file.
+TEST_F(Fairness, ACheckFindsAFileSoundThatAThreadOfItsProcessChanges) {
+  if (!kHasThreads) GTEST_SKIP() << "the library is built for one thread";
+  for (const Mode mode : {Mode::exclusive, Mode::shared}) {
+    auto database = createDatabase();
+    database.add_table("t").add_with_id(Id{1}, "payload");
+    database.close();
+    const auto changed = openDatabase(mode);
+    qvdb::Table table = changed.table("t");
+    const SlowReads slowly;
+    const BusyThread busy([&] {
+      EXPECT_TRUE(table.modify(Id{1}, "payload"));
+      platform::hostSystemCalls().pause(1'000);
+    });
+    expectFoundSound();
     std::filesystem::remove(path());
   }
 }

@@ -12,9 +12,9 @@
 // proportion to the blocks. No number in the file makes it take more.
 //
 // The file may be open elsewhere. A check that is disturbed by a writer is repeated; writers of the
-// C++ layer rest meanwhile, for two seconds at most. In the end it reports in_use if the file has
-// changed once more (there are no findings then), or if anything is found in a file that is open
-// for writing: that can be half-done work. docs/together.md says which writers never rest.
+// C++ layer and threads of this process rest meanwhile, for two seconds at most. In the end it is
+// in_use if the file has changed once more (there are no findings then), or if anything is found in
+// a file that another process has open for writing. docs/together.md says which ones never rest.
 #pragma once
 
 #include <qvdbase/base.h>

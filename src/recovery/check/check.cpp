@@ -180,9 +180,13 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
     // What was found can be work in progress.
     const bool isInProgress = checked.report.state != CheckState::sound && file.isLockedByOthers();
     const bool isDisturbed = hasChanged || isInProgress;
+    const bool hadRest = still.has_value();
     still.reset();
     length = platform::microsecondCounter() - begin;
-    if (!isDisturbed || attempt >= options.retries) {
+    // Nor is what a thread of this process is in the middle of; it rests for another attempt.
+    const bool isDoubtful = checked.report.state != CheckState::sound && !hadRest &&
+                            length < kLongestLook && writerOf(file).is_this_process;
+    if (attempt >= options.retries || !(isDisturbed || isDoubtful)) {
       if (isDisturbed) {
         checked.report.state = CheckState::in_use;
         checked.report.writer = writerOf(file);
@@ -194,6 +198,7 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
       }
       return deliverToCaller(std::move(checked), visitor);
     }
+    if (!isDisturbed) continue;  // the turn is waited for anyway
     std::this_thread::sleep_for(std::chrono::milliseconds(options.wait_milliseconds));
   }
 }

@@ -49,10 +49,12 @@ int16_t opened(const std::filesystem::path& path) {
 }  // namespace
 
 StillFile::StillFile(const std::filesystem::path& path) : file_(opened(path)) {
-  if (file_ != 0 && platform::writersOf(file_) == 0) begin();
+  if (file_ == 0) return;
+  platform::writersOf(file_) == 0 ? begin() : static_cast<void>(turn_.emplace(file_));
 }
 
 StillFile::~StillFile() {
+  turn_.reset();
   if (hasLook_) platform::releaseLook(file_);
   if (hasTurn_) platform::releaseLockByte(file_, LockByte::turn, Sharing::shared);
   if (isAnnounced_) platform::withdrawReader(file_);
