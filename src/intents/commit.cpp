@@ -11,6 +11,7 @@
 #include "intents/gathering.h"
 #include "intents/run.h"
 #include "platform/handles/cutting.h"
+#include "platform/handles/file_changes.h"
 #include "platform/handles/open_files.h"
 #include "platform/handles/sync.h"
 #include "platform/host/clock.h"
@@ -48,6 +49,19 @@ Commit refused(Obstacle obstacle) {
 }
 
 }  // namespace
+
+// Counts the writes that are made to the file while it lasts.
+class CommitLog::OwnWrites {
+ public:
+  explicit OwnWrites(CommitLog& log) : log_(log), before_(platform::writesHere(log.file_)) {}
+  ~OwnWrites() { log_.ownWrites_ += platform::writesHere(log_.file_) - before_; }
+  OwnWrites(const OwnWrites&) = delete;
+  OwnWrites& operator=(const OwnWrites&) = delete;
+
+ private:
+  CommitLog& log_;
+  size_t before_;
+};
 
 Commit CommitLog::commit(const StagedChanges& changes) {
   const platform::Turn turn(file_);
@@ -109,6 +123,7 @@ Commit CommitLog::write(const StagedChanges& changes, int64_t position,
   intent.blocksHash = hash.finish().value_or(support::Hash128{});
   intent.entries = std::move(entries);
   const uint32_t time = platform::secondsSinceEpoch();
+  const OwnWrites own(*this);
   if (!appendBytes(file_, position, format::encodeIntent(intent, header.databaseID, time, last_),
                    blocks)) {
     return takeBack(position);
@@ -136,16 +151,20 @@ Commit CommitLog::takeBack(int64_t position) {
   return commit;
 }
 
-// A run ends where something else than its next intent begins, and after so many commits. Blocks
-// that were written early have to be on the device before an intent can be seen that names them.
+// A run ends where something else than its next intent begins, where somebody else has written to
+// the file (what is there is then not what the intents say), and after so many commits. Blocks that
+// were written early have to be on the device before an intent can be seen that names them.
 bool CommitLog::beginRun(const internal_Head1& header, int64_t position, bool hasSpilled) {
-  if (position == end_ && sequence_ < kMostOpenIntents && isWordOwn(header)) return true;
+  const bool isAlone = platform::writesHere(file_) == ownWrites_ + otherWrites_;
+  if (position == end_ && isAlone && sequence_ < kMostOpenIntents && isWordOwn(header)) return true;
   if (!putInPlace()) return false;
   if ((start_ != 0 || hasSpilled) && !syncUnlessProcess()) return false;
   format::PendingWord word;
   word.start = position;
   word.nonce = newNonce();
   const format::WordBytes bytes = format::encodePendingWord(word, header.databaseID);
+  const OwnWrites own(*this);
+  otherWrites_ = platform::writesHere(file_) - ownWrites_;
   if (!writeAt(file_, format::pending::kPosition, bytes.data(), bytes.size())) {
     broken_ = Obstacle::cannotWrite;
     return false;
@@ -177,6 +196,7 @@ bool CommitLog::synced(uint64_t ticket, bool succeeded) {
 }
 
 bool CommitLog::writeHeld() {
+  const OwnWrites own(*this);
   for (const HeldPatch* patch : held_.inOrder()) {
     if (writeAt(file_, patch->position, patch->bytes.data(), patch->bytes.size())) continue;
     broken_ = Obstacle::cannotPatch;

@@ -98,6 +98,7 @@ class CommitLog {
   void holdBack(uint32_t commits) { mostHeld_ = commits; }
 
  private:
+  class OwnWrites;
   Commit write(const StagedChanges& changes, int64_t position, const internal_Head1& header,
                std::vector<format::IntentEntry> entries);
   Commit takeBack(int64_t position);
@@ -117,6 +118,8 @@ class CommitLog {
   int64_t last_ = 0;             // the last intent's position
   uint64_t sequence_ = 0;        // of the last intent
   uint64_t syncedSequence_ = 0;  // of the last one that is known to be on the device
+  size_t ownWrites_ = 0;         // to the file, while it is open
+  size_t otherWrites_ = 0;       // by others of this process, when the run began
   format::Nonce nonce_{};
   uint32_t mostHeld_ = 8;
   uint32_t heldCommits_ = 0;

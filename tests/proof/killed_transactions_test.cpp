@@ -3,6 +3,7 @@
 // before, too. It acknowledges each commit through a pipe. Every one that was acknowledged is in
 // the file as a whole; the one that was under way is there as a whole, or not at all.
 #include <gtest/gtest.h>
+#include <qvdbase/qvdbase.h>
 #include <qvdbase/qvdb.hpp>
 
 #include <sys/wait.h>
@@ -148,6 +149,7 @@ class Committer {
 class KilledTransactions : public testing::Test {
  protected:
   void SetUp() override {
+    std::filesystem::remove(path_);
     Database database = Database::create(path_);
     for (const char* name : {"one", "other"}) database.add_table(name);
     database.close();
@@ -230,6 +232,8 @@ class KilledTransactions : public testing::Test {
     EXPECT_EQ(stateOf(file), state_);
   }
 
+  TempFolder folder_;
+  const std::filesystem::path path_ = folder_ / "a.qvd";
   std::mt19937_64 random_;
   uint64_t incomplete_ = 0;
   uint64_t wholeUnderWay_ = 0;
@@ -249,8 +253,6 @@ class KilledTransactions : public testing::Test {
     return true;
   }
 
-  TempFolder folder_;
-  const std::filesystem::path path_ = folder_ / "a.qvd";
   State state_;
   uint64_t nextSeed_ = 1;
   std::optional<uint64_t> underWay_;
@@ -271,6 +273,64 @@ TEST_F(KilledTransactions, AreWholeWhereTheyWereAcknowledged) {
   reportCount("of these, with patches missing", incomplete_);
   reportCount("of these, committed and not acknowledged", wholeUnderWay_);
   reportCount("most intents open at once", mostOpen_);
+}
+
+// A C function that writes through the same handle between two transactions knows nothing of the
+// first one, of which it is not noted yet that all is in place.
+TEST_F(KilledTransactions, AreWholeAfterACFunctionOfTheSameProgram) {
+  for (const bool appends : {false, true}) {
+    for (uint64_t call = 0;; ++call) {
+      SCOPED_TRACE("killed before call " + std::to_string(call));
+      SetUp();
+      const pid_t child = ::fork();
+      if (child == 0) {
+        RecordedCalls host;
+        Database database = Database::open(path_, qvdb::Mode::exclusive);
+        Table table = database.table("one");
+        database.transaction([&](qvdb::Transaction&) {
+          for (const uint64_t id : {1u, 2u, 3u}) table.add_with_id(Id{id}, "as it was", 20);
+        });
+        const Bytes payload(10, 'c');
+        uint64_t id = 9;
+        const bool isDone =
+            appends ? AddRecordData_AssignRecordID(database.handle(), table.id().value,
+                                                   payload.data(), 10, 0, &id) == 1
+                    : DeleteOneRecord(database.handle(), table.id().value, 1, nullptr) == 1;
+        if (!isDone) _exit(6);
+        uint64_t left = call;
+        host.observe([&left](Call kind) {
+          if (kind == Call::write && left-- == 0) ::raise(SIGKILL);
+        });
+        database.transaction([&](qvdb::Transaction&) {
+          table.modify(Id{2}, std::string(100, 'm'));
+          table.remove(Id{3});
+          table.add_with_id(Id{4}, "added");
+        });
+        _exit(0);
+      }
+      int status = 0;
+      ::waitpid(child, &status, 0);
+      ASSERT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0) << WEXITSTATUS(status);
+      Database::open(path_, qvdb::Mode::exclusive).close();
+      const State found = stateOf(readFile(path_));
+      const auto& records = found.at("one").records;
+      const bool isAfter = std::any_of(records.begin(), records.end(),
+                                       [](const auto& record) { return record.first == 4; });
+      std::vector<std::pair<uint64_t, std::string>> expected;
+      if (appends) expected.emplace_back(1, "as it was");
+      expected.emplace_back(2, isAfter ? std::string(100, 'm') : "as it was");
+      if (!isAfter) expected.emplace_back(3, "as it was");
+      if (appends) expected.emplace_back(9, "cccccccccc");
+      if (isAfter) expected.emplace_back(4, "added");
+      EXPECT_EQ(records, expected);
+      for (const Finding& finding : checkFile(readFile(path_))) {
+        EXPECT_TRUE(finding.code == "S4" || finding.code == "S5" || finding.code == "S8")
+            << finding.code << ' ' << finding.text;
+      }
+      if (!WIFSIGNALED(status)) break;
+      if (HasFailure()) return;
+    }
+  }
 }
 
 }  // namespace
