@@ -285,6 +285,61 @@ TEST_F(ImportUpdate, IsNotCombinedWithReplacingAll) {
         {"--replace and --update"});
 }
 
+// Some hundred files of all kinds, changed and mirrored in several rounds.
+TEST_F(ImportUpdate, FollowsAFolderOfOddFiles) {
+  const Words parts = {" ",      "a b",   "line\nend", "tab\t", "\xff\xfe",   "\xc3\xa4", "[a-z]*",
+                       "back\\", "-dash", "#",         "'",     "\"quoted\"", ".hidden",  "a.b.c"};
+  std::string deep = "odd";
+  for (int i = 0; i < 20; ++i) deep += "/" + parts[static_cast<size_t>(i) % parts.size()];
+  store(deep + "/at the bottom", "deep");
+  for (const std::string& sub : parts) {
+    for (const std::string& part : parts) store("odd/" + sub + "/" + part + "x", sub + part);
+  }
+  fs::create_directories(path("odd/empty folder"));
+  store("odd/empty", "");
+  store("odd/sparse", "x");
+  fs::resize_file(path("odd/sparse"), 3'000'000);
+  fs::create_symlink(std::string(200, 't'), path("odd/dangling\n"));
+  fs::create_symlink(".", path("odd/loop"));
+  ASSERT_EQ(::mkfifo(path("odd/pipe").c_str(), 0600), 0);
+  store("odd/read-only/inside", "inside");
+  fs::permissions(path("odd/read-only/inside"), fs::perms(0400));
+  store("odd/before 1970", "old", -1'000'000);
+  fs::permissions(path("odd/read-only"), fs::perms(0500));
+
+  const auto follow = [&] {
+    const Outcome outcome = run({"import", "--update", "--delete", "test.qvd", "odd files", "odd"});
+    EXPECT_EQ(outcome.status, 0) << outcome;
+    expectOneLine(outcome.err, {"odd/pipe", "not a file"});
+    fs::remove_all(path("out"));
+    done({"export", "test.qvd", "odd files", "out"});
+    auto expected = propertiesIn(path("odd"));
+    expected.erase("pipe");
+    EXPECT_EQ(propertiesIn(path("out/odd")), expected);
+    fs::permissions(path("out/odd/read-only"), fs::perms(0700));
+    return outcome.out;
+  };
+  follow();
+  EXPECT_NE(follow().find("imported 0 files, 0 folders and 0 symbolic links"), std::string::npos);
+  size_t turn = 0;
+  for (const std::string& sub : parts) {
+    for (const std::string& part : parts) {
+      const std::string name = "odd/" + sub + "/" + part + "x";
+      if (turn % 5 == 0) fs::remove(path(name));
+      if (turn % 5 == 1) store(name, "changed", kOld + 1);
+      if (turn % 5 == 2) store(name + " too", "new");
+      if (turn % 31 == 3) {
+        fs::remove(path(name));
+        store(name + "/folder now", "in it");
+      }
+      ++turn;
+    }
+  }
+  fs::remove_all(path("odd/[a-z]*"));
+  follow();
+  fs::permissions(path("odd/read-only"), fs::perms(0700));
+}
+
 // A file that disappears between the listing and its turn is no reason to store no other.
 TEST_F(ImportUpdate, LeavesOutWhatDisappearsMeanwhile) {
   store("more/first", "first");
