@@ -34,7 +34,7 @@ size_t IndexMap::stepsTo(uint64_t key) const {
 }
 
 void IndexMap::reserve(size_t count) {
-  if (size_ == 0) places_ = std::vector<Entry>(std::max(kSmallest, count + count / 5));
+  if (size_ == 0) places_ = platform::LargeArray<Entry>(std::max(kSmallest, count + count / 5));
 }
 
 bool IndexMap::insert(uint64_t key, int64_t position) {
@@ -82,7 +82,8 @@ void IndexMap::clear() {
 }
 
 void IndexMap::grow() {
-  std::vector<Entry> old(places_.empty() ? kSmallest : places_.size() + places_.size() / 4);
+  platform::LargeArray<Entry> old(places_.empty() ? kSmallest
+                                                  : places_.size() + places_.size() / 4);
   old.swap(places_);
   for (const Entry& entry : old) {
     if (entry.position != 0) places_[placeOf(entry.key)] = entry;

@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/host/large_array.h"
 #include "support/seeded_hash.h"
 
 namespace qvdb::detail {
@@ -62,7 +63,7 @@ class IndexMap {
 
   // How many places a search for this key visits.
   size_t stepsTo(uint64_t key) const;
-  size_t bytes() const { return places_.capacity() * sizeof(Entry); }
+  size_t bytes() const { return places_.bytes(); }
 
  private:
   struct Entry {
@@ -76,7 +77,7 @@ class IndexMap {
   void grow();
 
   qvdbase::support::HashSeed seed_;
-  std::vector<Entry> places_;
+  qvdbase::platform::LargeArray<Entry> places_;
   size_t size_ = 0;
 };
 
