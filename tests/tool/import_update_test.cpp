@@ -239,6 +239,33 @@ TEST_F(ImportUpdate, RefusesToMirrorAFolderThatIsEmptyNow) {
   EXPECT_EQ(names().size(), 3u);
 }
 
+// As when the folder has moved, and a link leads to where it is now.
+TEST_F(ImportUpdate, RefusesToReplaceTheWholeFolderByALinkOrAFile) {
+  fs::rename(path("in"), path("moved"));
+  fs::create_directory_symlink("moved", path("in"));
+  expectOnlyRead([&] {
+    for (const Words& options : {Words{}, Words{"--delete"}, Words{"--dry-run"}}) {
+      Words words = {"import", "-u"};
+      words.insert(words.end(), options.begin(), options.end());
+      words.insert(words.end(), {"test.qvd", "files", "in"});
+      fails(words, 1, {"in: is no folder any more", "'in/a'"});
+    }
+  });
+  EXPECT_EQ(update({"--delete"}, "moved").find("deleted 0 names") != std::string::npos, true);
+  fs::remove(path("in"));
+  fs::rename(path("moved"), path("in"));
+  update({"--delete"});
+  expectMirrored();
+}
+
+// An update that deletes nothing has nothing to fear of an empty folder.
+TEST_F(ImportUpdate, OfAnEmptyFolderKeepsWhatTheTableHas) {
+  fs::remove_all(path("in"));
+  fs::create_directory(path("in"));
+  update();
+  EXPECT_EQ(names().size(), 3u);
+}
+
 TEST_F(ImportUpdate, LeavesOutWhatIsExcludedAndKeepsWhatTheTableHasOfIt) {
   store("in/x.o", "object");
   store("in/sub/y.o", "object");

@@ -88,10 +88,10 @@ class Lister {
     } else {
       addOne({path, name});
     }
-    const bool isFolder =
-        name.empty() || (!tree_.files.empty() && tree_.files.back().file.name == name &&
-                         tree_.files.back().file.kind == FileKind::folder);
-    tree_.roots.back().isEmptyFolder = isFolder && pending_.empty();
+    FoundRoot& root = tree_.roots.back();
+    root.isFolder = name.empty() || (!tree_.files.empty() && tree_.files.back().file.name == name &&
+                                     tree_.files.back().file.kind == FileKind::folder);
+    root.isEmpty = pending_.empty();
     while (!pending_.empty()) {
       const Pending next = std::move(pending_.back());
       pending_.pop_back();

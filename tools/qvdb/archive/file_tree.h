@@ -25,7 +25,8 @@ struct FoundFile {
 struct FoundRoot {
   std::string path;
   std::string name;
-  bool isEmptyFolder = false;
+  bool isFolder = false;
+  bool isEmpty = false;  // nothing is in it
 };
 
 struct FileTree {

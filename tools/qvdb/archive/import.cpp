@@ -77,6 +77,7 @@ Plan planOf(const Options& options, const Table& table, const ImportedFiles& nam
   refuseTooLarge(plan.tree);
   for (const std::string& path : plan.tree.leftOut) complain("left out: " + path);
   if (table == Table()) return plan;
+  if (options.update || options.mirror) refuseLostRoots(names, plan.tree, options.mirror);
   if (options.mirror) plan.after = entriesThatAreGone(names, plan.tree, excluded);
   if (!options.update) return plan;
   plan.before = entriesInTheWay(names, plan.tree);
@@ -123,15 +124,14 @@ int show(const Plan& plan, const ImportedFiles& names, const Options& options) {
   return kDone;
 }
 
-void removeGone(const Database& database, Table& table, const Plan& plan) {
-  if (plan.after.empty()) return;
-  ImportedFiles names = namesOf(database, table);
+// Deletes these entries, and says what has been done so far if that is interrupted.
+void removeOrReport(Table& table, ImportedFiles& names, const std::vector<size_t>& entries,
+                    const char* done) {
   try {
-    removeEntries(table, names, plan.after);
+    removeEntries(table, names, entries);
   } catch (const Interrupted&) {
-    throw Failure(
-        "interrupted; all files are stored, but not all that are gone are deleted; "
-        "import again to complete it");
+    throw Failure("interrupted; " + std::string(done) +
+                  ", and not all that is gone is deleted; import again to complete it");
   }
 }
 
@@ -144,11 +144,14 @@ int import(const Options& options) {
     if (!options.update) Importer(database, table, plan.tree, names).check(options.replace);
     return show(plan, names, options);
   }
-  removeEntries(table, names, plan.before);
+  removeOrReport(table, names, plan.before, "nothing is stored");
   Importer importer(database, table, plan.tree, std::move(names), options.table);
   importer.check(options.replace || options.update);
   importer.run();
-  removeGone(database, table, plan);
+  if (!plan.after.empty()) {
+    ImportedFiles stored = namesOf(database, table);
+    removeOrReport(table, stored, plan.after, "all files are stored");
+  }
   finishWriting(database, options.noSync);
   printLine(importer.summary() + summaryOf(plan, options));
   return kDone;
@@ -211,7 +214,8 @@ that was in it.
 
 --delete makes the table a mirror of the PATHs: what is gone is deleted after everything is stored.
 Below 'photos/' and '.' is the whole table. What is excluded stays as it is in the table. A PATH
-that is empty while the table has files of it is an error: nothing may be mounted there.
+that is empty, or no folder any more, while the table has files of it is an error: perhaps nothing
+is mounted there.
 
 A PATTERN of --exclude is compared with the last part of each name; if it has a '/' within it or at
 its beginning, with the whole name. With a '/' at its end it counts for folders. '*' is any text

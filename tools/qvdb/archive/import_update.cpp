@@ -161,6 +161,20 @@ std::vector<size_t> entriesInTheWay(const ImportedFiles& names, const FileTree& 
   return entries;
 }
 
+void refuseLostRoots(const ImportedFiles& names, const FileTree& tree, bool mirror) {
+  for (const FoundRoot& root : tree.roots) {
+    if (root.isFolder && !(mirror && root.isEmpty)) continue;
+    const auto lost = std::find_if(names.list().begin(), names.list().end(), [&](const auto& file) {
+      return file.kind != FileKind::removed && isBelow(file.name, root.name);
+    });
+    if (lost == names.list().end()) continue;
+    throw Failure(root.path + (root.isFolder ? ": is empty" : ": is no folder any more") +
+                  ", but the table has files of it, '" + lost->name +
+                  "' for one; nothing was changed; mount or restore the folder, or delete the "
+                  "files with 'qvdb rm'");
+  }
+}
+
 std::vector<size_t> entriesThatAreGone(const ImportedFiles& names, const FileTree& tree,
                                        const Excluded& excluded) {
   const auto kinds = kindsIn(tree);
@@ -174,11 +188,6 @@ std::vector<size_t> entriesThatAreGone(const ImportedFiles& names, const FileTre
         });
     if (root == tree.roots.end() || excluded.covers(file.name, file.kind == FileKind::folder)) {
       continue;
-    }
-    if (root->isEmptyFolder) {
-      throw Failure(root->path + ": is empty, but the table has files of it, '" + file.name +
-                    "' for one; nothing was changed; mount or restore the folder, or delete the "
-                    "files with 'qvdb rm'");
     }
     entries.push_back(i);
   }

@@ -28,9 +28,12 @@ uint64_t leaveOutUnchanged(const Table& table, const ImportedFiles& names, FileT
 // link instead of another of these, with everything that was in it.
 std::vector<size_t> entriesInTheWay(const ImportedFiles& names, const FileTree& tree);
 
+// Throws Failure when the table has files below a root that is no folder any more, or is empty
+// where `mirror` is set: it may be a folder where nothing is mounted, or a link to one. An update
+// would delete all of them.
+void refuseLostRoots(const ImportedFiles& names, const FileTree& tree, bool mirror);
+
 // The entries of the list below the roots of the tree that are not in it, and not excluded either.
-// Throws Failure when a root is an empty folder, of which the table has files: it may be one where
-// nothing is mounted.
 std::vector<size_t> entriesThatAreGone(const ImportedFiles& names, const FileTree& tree,
                                        const Excluded& excluded);
 
