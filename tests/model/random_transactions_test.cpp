@@ -136,6 +136,7 @@ class Course {
  public:
   Course() : database_(Database::create(path())) {
     addTable("first");
+    keys_ = keysOf(database_);
     reader_ = Database::open(path(), Mode::read_only);
   }
 
@@ -173,6 +174,7 @@ class Course {
     const State& committed = transaction_.is_active() ? before_ : state_;
     RC_ASSERT(stateOf(readFile(path())) == committed);
     RC_ASSERT(stateOf(reader_) == committed);
+    compareKeys();
     for (const auto& [name, content] : state_) {
       const Table table = database_.table(name);
       for (const auto& [id, payload] : content.records) {
@@ -187,11 +189,27 @@ class Course {
     }
   }
 
+  // In the order of the keys, and each found by its own.
+  void compareKeys() {
+    std::vector<std::string> expected;
+    for (const auto& [id, payload] : state_["first"].records) expected.push_back(payload);
+    std::sort(expected.begin(), expected.end());
+    std::vector<std::string> found;
+    auto records = keys_.records();
+    for (const auto& [key, record] : records) {
+      RC_ASSERT(textOf(record.payload()) == key);
+      found.emplace_back(key);
+    }
+    RC_ASSERT(found == expected);
+    for (const std::string& key : expected) RC_ASSERT(keys_.contains(key));
+  }
+
   void end() {
     if (transaction_.is_active()) state_ = before_;
     transaction_.rollback();
     compare();
     indexes_.clear();
+    keys_ = {};
     database_.close();
     const std::vector<Finding> findings = checkFile(readFile(path()));
     if (!findings.empty()) RC_FAIL(describe(findings));
@@ -200,6 +218,12 @@ class Course {
 
  private:
   std::filesystem::path path() const { return folder_ / "model.qvd"; }
+
+  static qvdb::KeyIndex<std::string> keysOf(const Database& database) {
+    return {database.table("first"),
+            [](std::string_view text) { return text; },
+            {.unique = false, .ordered = true}};
+  }
 
   void addTable(const std::string& name) {
     database_.add_table(name);
@@ -219,10 +243,12 @@ class Course {
   void changeDurability() {
     held_.clear();
     indexes_.clear();
+    keys_ = {};
     database_.close();
     durability_ = durability_ == qvdb::Durability::process ? qvdb::Durability::power
                                                            : qvdb::Durability::process;
     database_ = Database::open(path(), {.mode = Mode::exclusive, .durability = durability_});
+    keys_ = keysOf(database_);
   }
 
   void onTable(const Step& step) {
@@ -308,6 +334,7 @@ class Course {
   TempFolder folder_;
   Database database_;
   Database reader_;
+  qvdb::KeyIndex<std::string> keys_;  // of the first table, by payloads
   qvdb::Transaction transaction_;
   qvdb::Durability durability_ = qvdb::Durability::process;
   State state_;
