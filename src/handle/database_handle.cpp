@@ -103,10 +103,12 @@ int16_t openFile(const std::filesystem::path& path, const std::filesystem::path&
   failure::throwOpenFailure(path, operation, platform::lockWithoutEffect(fileSystem));
 }
 
-DatabaseHandle::DatabaseHandle(const std::filesystem::path& path, Permission permission)
+DatabaseHandle::DatabaseHandle(const std::filesystem::path& path, Permission permission,
+                               Intents intents)
     : DatabaseHandle(path, openFile(path, path, permission, kOpen)) {
   static_cast<void>(directory(kOpen));
-  if (permission == exclusive) completeIntents(number_, path_, kOpen);
+  const bool completes = permission == exclusive && intents == Intents::areCompleted;
+  if (completes) completeIntents(number_, path_, kOpen);
 }
 
 DatabaseHandle::DatabaseHandle(const std::filesystem::path& path, int16_t number)

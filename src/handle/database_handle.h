@@ -40,8 +40,12 @@ class DatabaseHandle {
   // The permission codes of OpenDBaseW.
   enum Permission : int { any = 0, readOnly = 1, exclusive = 3, shared = 4 };
 
+  // What becomes of transactions that a crash has left in a file that is opened exclusively.
+  enum class Intents : uint8_t { areCompleted, stay };
+
   // Throws Error of the operation "open the database", also for a file that is no database.
-  DatabaseHandle(const std::filesystem::path& path, Permission permission);
+  DatabaseHandle(const std::filesystem::path& path, Permission permission,
+                 Intents intents = Intents::areCompleted);
   ~DatabaseHandle();
   DatabaseHandle(const DatabaseHandle&) = delete;
   DatabaseHandle& operator=(const DatabaseHandle&) = delete;

@@ -16,6 +16,7 @@
 #include "platform/host/cancellation.h"
 #include "products/target_file.h"
 #include "recovery/check/parts.h"
+#include "recovery/survey/completed_source.h"
 #include "recovery/survey/open_file.h"
 #include "recovery/survey/words.h"
 #include "upkeep/file_copy.h"
@@ -133,7 +134,9 @@ class Backup {
       if (finding.severity != Severity::error || !first.empty()) return;
       first = check::inSentence(finding);
     };
-    const CheckReport found = check::checkSurvey(copied, survey::makeSurvey(copied), note);
+    // Who opens it to write completes what a crash has left in the file.
+    const survey::CompletedSource completed(copied);
+    const CheckReport found = check::checkSurvey(completed, survey::makeSurvey(completed), note);
     report_.size = found.file_size;
     report_.blocks = found.blocks;
     report_.errors = found.errors;

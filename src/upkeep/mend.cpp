@@ -30,24 +30,28 @@ constexpr const char* kOperation = "mend the database";
 
 class Mending {
  public:
-  explicit Mending(const std::filesystem::path& path)
-      : path_(path), database_(path, DatabaseHandle::exclusive) {
+  Mending(const std::filesystem::path& path, const MendOptions& options)
+      : path_(path),
+        options_(options),
+        database_(path, DatabaseHandle::exclusive,
+                  options.dry_run ? DatabaseHandle::Intents::stay
+                                  : DatabaseHandle::Intents::areCompleted) {
     database_.requireAlone(kOperation);
   }
 
-  MendReport run(const MendOptions& options) {
+  MendReport run() {
     MendReport report;
     {
       OpenedFile file(database_.number(), path_, kOperation);
       file.watch();
-      plan_ = planMend(file.source(), options.cut_off);
+      plan_ = planMend(file.source(), options_.cut_off);
       file.requireUnchanged(path_, kOperation);
     }
     if (plan_.unreadableAt >= 0) {
       refuse(Reason::cannot_read, joined("the system cannot read it at ", plan_.unreadableAt));
     }
     if (!plan_.refusal.empty()) refuse(Reason::damaged, plan_.refusal);
-    if (!options.dry_run && !plan_.steps.empty()) write();
+    if (!options_.dry_run && !plan_.steps.empty()) write();
     report.steps = std::move(plan_.steps);
     report.left_over = plan_.leftOver;
     report.left_over_data = plan_.leftOverData;
@@ -90,6 +94,7 @@ class Mending {
   }
 
   const std::filesystem::path path_;
+  const MendOptions options_;
   const DatabaseHandle database_;
   MendPlan plan_;
 };
@@ -98,7 +103,7 @@ class Mending {
 
 MendReport mend(const std::filesystem::path& path, const MendOptions& options) {
   const platform::Uncancelled uncancelled;
-  return Mending(path).run(options);
+  return Mending(path, options).run();
 }
 
 }  // namespace qvdb

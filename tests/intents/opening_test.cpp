@@ -72,6 +72,12 @@ TEST_F(OpeningAfterACrash, CompletesItBeforeRepairAndMend) {
   expectComplete();
 }
 
+TEST_F(OpeningAfterACrash, LeavesTheFileAloneWhenItOnlyAsks) {
+  const Bytes crashed = contents();
+  EXPECT_TRUE(qvdb::mend(path(), {.dry_run = true}).steps.empty());
+  EXPECT_TRUE(sameBytes(contents(), crashed));
+}
+
 TEST_F(OpeningAfterACrash, ReportsWhatTheSystemRefuses) {
   const Bytes crashed = contents();
   for (const auto call : {RecordedCalls::Call::write, RecordedCalls::Call::syncData}) {
@@ -167,6 +173,22 @@ TEST_F(OpeningAfterACrash, LeavesATableAloneThatAnotherProgramHasChanged) {
   EXPECT_EQ(contents().at(4558, 24), Bytes().zeros(24));
   EXPECT_EQ(codesOf(path()).count("X3"), 1u);
   EXPECT_EQ(codesOf(path()).count("S2"), 1u);  // what the transaction had added
+}
+
+TEST_F(OpeningAfterACrash, IsNotNeededForABackup) {
+  const Bytes crashed = contents();
+  const intents::RecoveryPlan plan = intents::plan(BytesReader(crashed));
+  ASSERT_GT(plan.writes.size(), 1u);
+  Bytes state = crashed;
+  for (const intents::PlannedWrite& write : plan.writes) {
+    writeFile(path(), state);
+    std::filesystem::remove(path("backup.qvd"));
+    qvdb::Database::open(path(), qvdb::Mode::read_only).backup(path("backup.qvd"));
+    qvdb::Database::open(path("backup.qvd"), qvdb::Mode::exclusive).close();
+    EXPECT_EQ(contentsOf(contents("backup.qvd")), after_);
+    state = state.with(static_cast<size_t>(write.position),
+                       Bytes(write.bytes.begin(), write.bytes.end()));
+  }
 }
 
 // The process ends after all was put into its place, and before that was noted.

@@ -174,9 +174,9 @@ constexpr FindingCode kCodes[] = {
     // ---- Transactions
     {"X1", information, "intents of transactions that are in place", kNothing, kPack},
     {"X2", warning, "transactions are committed, but not in place yet",
-     "calls that read the file see the state before some of their changes",
-     "open the file to write with the C++ interface, which completes them; a program that is "
-     "running does it by itself"},
+     "calls that read the file find the state before, or a part of the changes, where walks fail",
+     "'qvdb mend' completes them, as does every program that opens the file to write with the C++ "
+     "interface; one that is running does it by itself"},
     {"X3", error, "a transaction was not completed in a table that another program has changed",
      "nothing; what the transaction has added to that table is not in it",
      "'qvdb salvage' takes its blocks like those of other records that are not linked"},
