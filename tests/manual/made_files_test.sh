@@ -36,6 +36,9 @@ completes() {
 completes qvdb imp import
 completes qvdb re 'records restore renumber repair'
 completes qvdb import --rep --replace
+completes qvdb import --up --update
+completes qvdb import --d '--delete --dry-run'
+completes qvdb import --ex --exclude
 completes qvdb import a.qvd t --no --no-sync
 completes qvdb help und undelete
 completes qvdb import a ''  # names of files, by the shell

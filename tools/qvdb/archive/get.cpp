@@ -63,7 +63,7 @@ of a folder or a pattern in the order of their names. If one of the records is n
 a pattern matches nothing, nothing is written. In a pattern '*' is any text without '/', '**' any
 text, '?' one character, '[a-z]' one of these and '[!a-z]' any other; '\' takes the meaning from the
 next character. A pattern is compared with whole names, and a name that exists is that name,
-whatever is in it. 'qvdb export' writes files of their own for the same arguments.)",
+whatever is in it. 'qvdb export' writes all files of a table into a folder, each under its name.)",
     R"(qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978
 qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978 --output letter.pdf
 qvdb get photos.qvd holiday beach/IMG1.jpg | display -
