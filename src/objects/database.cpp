@@ -88,6 +88,16 @@ void completeTransactions(const std::shared_ptr<OpenDatabase>& database) {
   handle::completeIntents(operation.db(), database->path, kOpen);
 }
 
+// Also its first look at the file waits no longer than that.
+std::shared_ptr<OpenDatabase> openWhole(const std::filesystem::path& path, Mode mode,
+                                        std::chrono::milliseconds wait) {
+  std::shared_ptr<OpenDatabase> state = openState(path, mode, kOpen);
+  state->wait = wait;
+  requireDirectory(state);
+  completeTransactions(state);
+  return state;
+}
+
 // Keeps what a database has announced to writers while it is closed and opened again. Where its
 // name still leads to the same file, these know of it all the time.
 class KeptAnnouncement {
@@ -130,6 +140,7 @@ std::shared_ptr<OpenDatabase> openAgain(const OpenDatabase& database,
   state->path = database.path;
   state->place = database.place;
   state->mode = database.mode;
+  state->wait = database.wait;
   openFileOf(*state, database.place, kOpen);
   announcement.passTo(*state);
   requireDirectory(state);
@@ -252,10 +263,7 @@ void Database::place() {
 
 Database Database::open(const std::filesystem::path& path, Mode mode) {
   const platform::Uncancelled uncancelled;
-  Database database(openState(path, mode, kOpen));
-  requireDirectory(database.state_);
-  completeTransactions(database.state_);
-  return database;
+  return Database(openWhole(path, mode, {}));
 }
 
 // A file that appears between looking and creating was created by another process, and is opened.
@@ -291,8 +299,14 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
   }
   const platform::Uncancelled uncancelled;
   return detail::whileInUse(options.wait, [&] {
-    Database database =
-        options.create ? openOrCreate(path, options.mode) : open(path, options.mode);
+    Database database = [&] {
+      try {
+        return Database(openWhole(path, options.mode, options.wait));
+      } catch (const Error& error) {
+        if (!options.create || error.reason() != Reason::no_such_file) throw;
+      }
+      return openOrCreate(path, options.mode);
+    }();
     database.state_->wait = options.wait;
     database.state_->checksums = options.checksums;
     if (options.durability == Durability::power) {
