@@ -4,6 +4,8 @@
 #include <iterator>
 #include <utility>
 
+#include "platform/handles/byte_holder.h"
+
 using namespace qvdb;
 
 namespace qvdbase::failure {
@@ -98,8 +100,8 @@ void throwError(const char* operation, Reason reason, const std::string& why) {
 std::string wordsFor(const platform::LockHolder& holder) {
   if (holder.isThisProcess) return "this program has it open for writing already";
   if (holder.process == 0) return causeOf(OpenFailure::inUse).why;
-  const std::string name = holder.name.empty() ? "" : ", " + holder.name;
-  return "another process (" + std::to_string(holder.process) + name + ") is writing to it";
+  const std::string who = platform::inParentheses(holder);
+  return "another process" + who + " is writing to it";
 }
 
 void throwOpenFailure(const std::filesystem::path& path, const char* operation,

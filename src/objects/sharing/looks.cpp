@@ -7,6 +7,7 @@
 #include "format/layout.h"
 #include "objects/indexes/table_index.h"
 #include "objects/sharing/waiting.h"
+#include "platform/handles/byte_holder.h"
 #include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
@@ -20,6 +21,7 @@ using namespace qvdbase;
 namespace qvdb::detail {
 namespace {
 
+using platform::LockByte;
 using platform::LockOutcome;
 using platform::Sharing;
 
@@ -112,7 +114,9 @@ void beginBesideProcesses(const Operation& operation) {
   platform::renewAnnouncement(database.handle);
   const LockOutcome outcome = takeLookInTime(operation);
   if (outcome == LockOutcome::refused) {
-    operation.fail(Reason::in_use, "another process is in the middle of a change of it");
+    const std::string who =
+        platform::inParentheses(platform::holderOfByte(database.handle, LockByte::change));
+    operation.fail(Reason::in_use, "another process" + who + " is in the middle of a change of it");
   }
   database.holdsLook = outcome == LockOutcome::taken;
 }

@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <exception>
+#include <string>
 
 #include "QVDbase/directory_cache.h"
 #include "objects/indexes/table_keys.h"
 #include "objects/sharing/waiting.h"
 #include "objects/transactions/transaction_steps.h"
+#include "platform/handles/byte_holder.h"
 #include "platform/handles/file_views.h"
 #include "platform/handles/lock_bytes.h"
 #include "platform/handles/open_files.h"
@@ -28,6 +30,10 @@ using platform::Sharing;
 bool isSharedWriter(int16_t db) {
   const auto* file = platform::findOpenFile(db);
   return file != nullptr && file->sharing == Sharing::shared;
+}
+
+std::string holderOf(const OpenDatabase& database, LockByte byte) {
+  return platform::inParentheses(platform::holderOfByte(database.handle, byte));
 }
 
 // Ends the waiting for a turn, also where it was in vain.
@@ -62,9 +68,10 @@ bool takeTurn(const Operation& operation, OwnBatch batch) {
       },
       [&](uint64_t length) { operation.pauseWithoutTurn(length); });
   if (outcome == LockOutcome::refused) {
+    const std::string who = holderOf(database, LockByte::turn);
     operation.fail(Reason::in_use,
-                   "another writer that shares it is in the middle of an operation, or has an "
-                   "appender or a writer open");
+                   "another writer that shares it" + who +
+                       " is in the middle of an operation, or has an appender or a writer open");
   }
   engine::dropDirectoryEntry(database.handle);
   return database.bulk == nullptr;
@@ -155,8 +162,9 @@ void ChangeTurn::keepReadersOut(const Operation& operation) {
   if (outcome == LockOutcome::refused) outcome = takeChangeThroughGate(database_);
   holdsOff_ = outcome == LockOutcome::taken;
   if (outcome != LockOutcome::refused) return;
+  const std::string who = holderOf(database_, LockByte::change);
   end();
-  operation.fail(Reason::in_use, "a reader in another process does not finish");
+  operation.fail(Reason::in_use, "a reader in another process" + who + " does not finish");
 }
 
 // An operation that fails must not leave a part of itself to be committed.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "platform/handles/byte_holder.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
 #include "platform/host/system_calls.h"
@@ -120,21 +121,8 @@ OpenFailureFound lookAtEntry(const FileEntry& entry, const struct stat& status, 
 
 }  // namespace
 
-// Where locks belong to open file descriptions, the query for them does not name a process.
 LockHolder holderOf(int descriptor, const struct stat& status, Sharing wanted) {
-  LockHolder holder;
-  struct flock lock = fileLock(wanted);
-  if (systemCalls().findLock(descriptor, &lock) != 0 || lock.l_type == F_UNLCK) return holder;
-  holder.process = lock.l_pid > 0
-                       ? lock.l_pid
-                       : systemCalls().lockHolder(status.st_dev, status.st_ino, kLockedBytes);
-  char name[64] = {};
-  if (holder.process <= 0 ||
-      !systemCalls().processName(static_cast<pid_t>(holder.process), name, sizeof name)) {
-    return holder;
-  }
-  holder.name = name;
-  return holder;
+  return holderOfLock(descriptor, status, fileLock(wanted));
 }
 
 OpenFailureFound findOpenFailure(const QVWCHAR* path, int permission) {

@@ -26,6 +26,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <memory>
 
 namespace qvdbase::platform {
@@ -34,20 +35,26 @@ namespace qvdbase::platform {
 
 namespace {
 
-constexpr int kMostDescriptors = 50'000;    // in all processes together
-constexpr time_t kSecondsBetweenScans = 1;  // that find nothing
+constexpr int kMostDescriptors = 50'000;  // in all processes together
+constexpr off_t kFirstLockByte = std::numeric_limits<off_t>::max() - 63;  // handles/lock_bytes.h
+constexpr time_t kSecondsBetweenScans = 1;                                // that find nothing
 
 struct CloseFolder {
   void operator()(DIR* folder) const { ::closedir(folder); }
 };
 using Folder = std::unique_ptr<DIR, CloseFolder>;
 
-// A file whose locks are looked for: only those that begin before `end`.
+// A file whose locks are looked for: those that begin before `end`. Where that is after one of the
+// lock bytes at the end of the range, those on this byte, also as a part of more.
 struct Wanted {
   dev_t device;
   ino_t inode;
   off_t end;
   bool operator==(const Wanted&) const = default;
+
+  bool holds(int64_t first, int64_t last) const {
+    return end > kFirstLockByte ? first < end && last >= end - 1 : first < end;
+  }
 };
 
 // Reads the beginning of a small file as text. Returns its length, 0 where it cannot be read.
@@ -68,13 +75,16 @@ bool isWanted(const char* line, const Wanted& wanted) {
   unsigned major = 0;
   unsigned minor = 0;
   uint64_t inode = 0;
-  int64_t start = 0;
-  const int fields = std::sscanf(line, "lock:%*s %*s %*s %*s %*s %x:%x:%" SCNu64 " %" SCNd64,
-                                 &major, &minor, &inode, &start);
+  int64_t first = 0;
+  int64_t last = 0;  // not a number, but "EOF", for a lock without an end
+  const int fields =
+      std::sscanf(line, "lock:%*s %*s %*s %*s %*s %x:%x:%" SCNu64 " %" SCNd64 " %" SCNd64, &major,
+                  &minor, &inode, &first, &last);
+  if (fields == 4) last = std::numeric_limits<int64_t>::max();
   const bool isSameDevice = major == ::major(wanted.device) && minor == ::minor(wanted.device);
   const bool isAnonymous = major == 0 || ::major(wanted.device) == 0;
-  return fields == 4 && inode == wanted.inode && (isSameDevice || isAnonymous) &&
-         start < wanted.end;
+  return fields >= 4 && inode == wanted.inode && (isSameDevice || isAnonymous) &&
+         wanted.holds(first, last);
 }
 
 bool holdsLock(const char* descriptorInfo, const Wanted& wanted) {
