@@ -2,13 +2,17 @@
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "selection/chosen_records.h"
+#include "selection/version_at.h"
 #include "streams/delivery.h"
+#include "streams/failure.h"
+#include "streams/given_time.h"
 
 namespace qvdb::tool {
 namespace {
 
 struct Options : RecordOptions {
   DeliveryOptions delivery;
+  std::optional<std::string> at;
 };
 
 // The payloads one after the other, from the beginning each time that offset 0 is asked for.
@@ -32,7 +36,16 @@ class Payloads {
   uint64_t start_ = 0;  // of the record, in all bytes
 };
 
+int runAt(const Options& options) {
+  if (options.records.size() > 1) throw wrongUsage("--at takes one record or file");
+  const int64_t time = timeOfOption("--at", *options.at);
+  const FoundBlock version = versionAt(options.file, options.table, options.records.front(), time);
+  deliverVersion(options.file, version, options.delivery);
+  return kDone;
+}
+
 int run(const Options& options) {
+  if (options.at) return runAt(options);
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   const Chosen chosen = chooseSomeRecords(database, table, options.records);
@@ -47,6 +60,9 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   defineRecords(arguments, *options);
   defineDelivery(arguments, options->delivery);
+  arguments.option("--at", "TIME", options->at,
+                   "The payload that one record or file had at this time, for as long as the file "
+                   "has it: 2024-05-01T12:34:56, 2024-05-01 (UTC) or @SECONDS since 1970.");
   return actionOf(options, run);
 }
 
@@ -63,11 +79,17 @@ of a folder or a pattern in the order of their names. If one of the records is n
 a pattern matches nothing, nothing is written. In a pattern '*' is any text without '/', '**' any
 text, '?' one character, '[a-z]' one of these and '[!a-z]' any other; '\' takes the meaning from the
 next character. A pattern is compared with whole names, and a name that exists is that name,
-whatever is in it. 'qvdb export' writes all files of a table into a folder, each under its name.)",
+whatever is in it. 'qvdb export' writes all files of a table into a folder, each under its name.
+
+--at shows one record as it was at a time, also one that was deleted, until the file is compacted.
+Versions are known by the times when they were written: contents that a change in place has
+overwritten are lost, and when a record was deleted is not stored. A line on standard error says so
+where it matters.)",
     R"(qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978
 qvdb get notes.qvd letters 0x1f5e2d3c4b5a6978 --output letter.pdf
 qvdb get photos.qvd holiday beach/IMG1.jpg | display -
-qvdb get site.qvd logs '2024/*.log' | grep error)",
+qvdb get site.qvd logs '2024/*.log' | grep error
+qvdb get --at 2024-05-01T12:00:00 photos.qvd holiday plan.txt)",
     define,
 };
 

@@ -3,7 +3,7 @@
 #include "commands/locate.h"
 #include "content/dump_writer.h"
 #include "content/text_output.h"
-#include "streams/text.h"
+#include "streams/given_time.h"
 
 namespace qvdb::tool {
 namespace {
@@ -28,11 +28,7 @@ DumpSelection selectionOf(const Options& options) {
     }
   }
   if (!options.since) return selection;
-  selection.since = parseTime(*options.since);
-  if (!selection.since) {
-    throw wrongUsage("--since: '" + *options.since +
-                     "' is no time; write 2024-05-01T12:34:56, 2024-05-01 (UTC) or @SECONDS");
-  }
+  selection.since = timeOfOption("--since", *options.since);
   return selection;
 }
 

@@ -2,10 +2,10 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstring>
 
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "selection/version_at.h"
 #include "streams/delivery.h"
 #include "streams/output.h"
 #include "streams/text.h"
@@ -42,7 +42,7 @@ Json jsonOf(const FoundBlock& version) {
   return json;
 }
 
-int deliverVersion(const Options& options, const std::vector<FoundBlock>& versions) {
+int deliverAt(const Options& options, const std::vector<FoundBlock>& versions) {
   const auto wanted = std::find_if(versions.begin(), versions.end(), [&](const FoundBlock& each) {
     return static_cast<uint64_t>(each.offset) == *options.at;
   });
@@ -50,15 +50,7 @@ int deliverVersion(const Options& options, const std::vector<FoundBlock>& versio
     throw Failure(options.file + ": there is no version of the record at " +
                   std::to_string(*options.at) + "; 'qvdb history' without --at lists them");
   }
-  const std::vector<std::byte> payload = read_version(options.file, *wanted);
-  deliver(
-      [&](uint64_t offset, std::span<std::byte> buffer) {
-        const size_t from = std::min<uint64_t>(offset, payload.size());
-        const size_t count = std::min(buffer.size(), payload.size() - from);
-        if (count > 0) std::memcpy(buffer.data(), payload.data() + from, count);
-        return count;
-      },
-      options.file, options.delivery);
+  deliverVersion(options.file, *wanted, options.delivery);
   return kDone;
 }
 
@@ -70,7 +62,7 @@ int run(const Options& options) {
     throw Failure(options.file + ": there is no version of the record " + options.record +
                   "; 'qvdb records' lists the records, with --deleted the deleted ones");
   }
-  if (options.at) return deliverVersion(options, versions);
+  if (options.at) return deliverAt(options, versions);
   if (options.json) {
     Json json;
     addText(&json, "file", options.file);

@@ -10,6 +10,7 @@
 #include "feed/record_rows.h"
 #include "selection/chosen_records.h"
 #include "selection/name_choice.h"
+#include "streams/given_time.h"
 #include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
@@ -40,11 +41,7 @@ Newest newestOf(const Options& options) {
   Newest newest;
   newest.last = options.last;
   if (!options.since) return newest;
-  newest.since = parseTime(*options.since);
-  if (!newest.since) {
-    throw wrongUsage("--since: '" + *options.since +
-                     "' is no time; write 2024-05-01T12:34:56, 2024-05-01 (UTC) or @SECONDS");
-  }
+  newest.since = timeOfOption("--since", *options.since);
   return newest;
 }
 
