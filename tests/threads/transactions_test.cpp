@@ -2,11 +2,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "intents/recovery.h"
+#include "intents/staged_transactions.h"
 #include "objects/layer_fixture.h"
+#include "platform/host/system_calls.h"
 
 namespace qvdbase::test {
 namespace {
@@ -122,6 +126,78 @@ TEST_F(ThreadsWithTransactions, LetReadersSeeTheStateBeforeAndAfter) {
   }
   isOver = true;
   reading.join();
+}
+
+// Keeps what the file holds when the device is last waited for: that survives a power failure.
+class WatchedDevice {
+ public:
+  WatchedDevice() {
+    platform::SystemCalls calls = platform::systemCalls();
+    host_ = calls;
+    calls.syncData = keep;
+    watching_ = calls;
+    platform::replaceSystemCalls(&watching_);
+  }
+  ~WatchedDevice() { platform::replaceSystemCalls(nullptr); }
+  WatchedDevice(const WatchedDevice&) = delete;
+  WatchedDevice& operator=(const WatchedDevice&) = delete;
+
+  static Bytes onDevice() {
+    const std::lock_guard lock(mutex_);
+    return onDevice_;
+  }
+
+ private:
+  static int keep(int descriptor) {
+    Bytes now;
+    now.resize(static_cast<size_t>(host_.lengthOf(descriptor)));
+    const ptrdiff_t got = host_.readAt(descriptor, now.data(), now.size(), 0);
+    if (got != static_cast<ptrdiff_t>(now.size())) return -1;
+    const int result = host_.syncData(descriptor);
+    const std::lock_guard lock(mutex_);
+    onDevice_ = now;
+    return result;
+  }
+
+  static inline platform::SystemCalls host_;
+  static inline platform::SystemCalls watching_;
+  static inline std::mutex mutex_;
+  static inline Bytes onDevice_;
+};
+
+TEST_F(ThreadsWithTransactions, FindOnTheDeviceWhatTheyHaveCommitted) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 15;
+  createDatabase().add_table("t");
+  const WatchedDevice device;
+  qvdb::Database database = qvdb::Database::open(
+      path(), {.mode = qvdb::Mode::exclusive, .durability = qvdb::Durability::power});
+  qvdb::Table table = database.table("t");
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i < kEach; ++i) {
+        const std::string text = "of " + std::to_string(thread) + ", " + std::to_string(i) + ".";
+        if (i % 3 == 0) {
+          table.add(text);
+        } else {
+          database.transaction([&](qvdb::Transaction&) {
+            table.add(text);
+            table.add("with it");
+          });
+        }
+        Bytes file = WatchedDevice::onDevice();
+        const intents::RecoveryPlan plan = intents::plan(BytesReader(file));
+        EXPECT_TRUE(plan.contradicted.empty());
+        for (const intents::PlannedWrite& write : plan.writes) {
+          file = file.with(static_cast<size_t>(write.position),
+                           Bytes(write.bytes.begin(), write.bytes.end()));
+        }
+        EXPECT_NE(contentsOf(file).find(bytesOf(text).str()), std::string::npos) << text;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace
