@@ -248,13 +248,20 @@ class Gathering {
     const tablePart1 before = decoded(slot.before);
     const tablePart1 after = decoded(slot.after);
     const std::set<int64_t> takenOut = findTakenOut(before, after, changes);
+    std::vector<Link> links = changes.links;
+    for (Link& link : links) {
+      if (takenOut.count(link.block) != 0) leadToLinked(after, &link);
+    }
     std::set<int64_t> changed;
-    for (const Link& link : changes.links) changed.insert(link.place.position);
+    for (const Link& link : links) {
+      if (link.place.before != link.place.after) changed.insert(link.place.position);
+    }
     for (const int64_t block : takenOut) {
       if (!guardRecord(index, block, changed)) return false;
     }
     if (!guardReplacedData(index, before, after)) return false;
-    for (const Link& link : changes.links) {
+    for (const Link& link : links) {
+      if (changed.count(link.place.position) == 0) continue;
       addPatch(index, link.leadsBack ? EntryKind::backLink : EntryKind::patch, link.place);
     }
     if (slot.before != slot.after) {
@@ -283,6 +290,30 @@ class Gathering {
       if (!isLinked(block, after)) takenOut.insert(block);
     }
     return takenOut;
+  }
+
+  // A record that was taken out must not lead to a block that only the transaction has ever linked:
+  // where a part of the patches is made, programs come there. It leads to what follows the nearest
+  // record on its other side that stays, so that who goes on from it misses none.
+  void leadToLinked(const tablePart1& table, Link* link) const {
+    constexpr int kMostSteps = 100'000;
+    const int64_t wanted = numberIn(link->place.after);
+    if (wanted == 0 || isLinked(wanted, table)) return;
+    int64_t to = link->leadsBack ? int64_t{table.lastRecordPos} : int64_t{table.firstRecordPos};
+    int64_t block = link->block;
+    for (int step = 0; block != 0; ++step) {
+      const auto head = after_.record(block, table);
+      if (!head || step == kMostSteps) {
+        link->place.after = link->place.before;
+        return;
+      }
+      if (block != link->block && isLinked(block, table)) {
+        to = link->leadsBack ? int64_t{head->prevRecordPos} : int64_t{head->nextRecordPos};
+        break;
+      }
+      block = link->leadsBack ? int64_t{head->nextRecordPos} : int64_t{head->prevRecordPos};
+    }
+    format::storeBigEndian(link->place.after.data(), static_cast<uint64_t>(to));
   }
 
   bool isLinked(int64_t block, const tablePart1& table) const {
