@@ -33,6 +33,8 @@ class Model {
   RecordFields& recordAt(int64_t position) { return image_.record(position); }
   uint64_t recordID(int64_t position) { return identifierNumber(recordAt(position).recordID); }
 
+  uint32_t recordSize(int64_t position) { return recordAt(position).dataLength; }
+
   void setVersion(uint16_t version) { image_.header().version = version; }
 
   // ---- tables ----

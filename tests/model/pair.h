@@ -7,11 +7,14 @@
 #include <qvdbase/QVFile.h>
 #include <qvdbase/qvdbase.h>
 #include <rapidcheck.h>
+#include <qvdbase/qvdb.hpp>
 
 #include <algorithm>
 #include <array>
 #include <optional>
 #include <ostream>
+#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -129,6 +132,11 @@ class Pair {
   ~Pair() { CloseDBase(db_); }
 
   static uint32_t time() { return now_; }
+
+  // Each time that the file is closed, every lookup is made by indexes of the layer, too.
+  void askIndexes() { asksIndexes_ = true; }
+  int indexesFromFile() const { return indexesFromFile_; }
+  int keysFromFile() const { return keysFromFile_; }
 
   // From now on what the database reads comes from a mirror of its file with this budget, as it
   // does in the C++ layer, whenever it is open exclusively; nothing where the host has no mirrors.
@@ -374,12 +382,55 @@ class Pair {
 
   void reopen(int permission) {
     RC_ASSERT(CloseDBase(db_) != 0);
+    if (asksIndexes_) {
+      compareIndexes(qvdb::Mode::read_only, false);
+      compareIndexes(qvdb::Mode::read_only, true);
+      compareIndexes(qvdb::Mode::exclusive, true);  // which writes the file of indexes
+    }
     uint16_t version = 0;
     RC_ASSERT(GetDBaseInfoW(folder_.wide("model.qvd"), nullptr, &version, nullptr) == 1);
     RC_ASSERT(version == decodeHeader(model_.file()).version);
     db_ = OpenDBaseW(folder_.wide("model.qvd"), permission);
     RC_ASSERT(db_ != 0);
     expectedPosition_ = 0;
+  }
+
+  // Every lookup, through the layer, by identifiers and by keys: the sizes of the payloads.
+  void compareIndexes(qvdb::Mode mode, bool isKept) {
+    const auto sizeOf = [](std::span<const std::byte> bytes) {
+      return static_cast<uint32_t>(bytes.size());
+    };
+    qvdb::Database database = qvdb::Database::open(path(), mode);
+    for (const qvdb::Table& table : database.tables()) {
+      Model::Table& expected = *model_.table(table.id().value);
+      const qvdb::RecordIndex index = table.index({.kept = isKept});
+      const qvdb::KeyIndex<uint32_t> sizes(table, sizeOf,
+                                           {.ordered = true, .kept_as = isKept ? "size" : ""});
+      indexesFromFile_ += index.is_from_file() ? 1 : 0;
+      keysFromFile_ += sizes.is_from_file() ? 1 : 0;
+      // Of records with one identifier and one key a range may deliver one only.
+      std::set<std::pair<uint32_t, uint64_t>> keys;
+      for (const int64_t position : expected.chain) {
+        asked_.insert(model_.recordID(position));
+        keys.emplace(model_.recordSize(position), model_.recordID(position));
+      }
+      for (const uint64_t id : asked_) {
+        const auto found = table.find(qvdb::Id{id});
+        const auto wanted = model_.findRecord(expected, id);
+        RC_ASSERT(found.has_value() == wanted.has_value());
+        if (found) RC_ASSERT(found->info().position == *wanted);
+      }
+      std::set<std::pair<uint32_t, uint64_t>> inOrder;
+      for (const auto& [size, record] : sizes.records()) {
+        RC_ASSERT(record.info().size == size);
+        inOrder.emplace(size, record.id().value);
+      }
+      RC_ASSERT(inOrder == keys);
+      for (const uint32_t size : {0u, 1u, 7u, 20u}) {
+        const auto first = keys.lower_bound({size, 0});
+        RC_ASSERT(sizes.contains(size) == (first != keys.end() && first->first == size));
+      }
+    }
   }
 
   // ---- the end ----
@@ -407,6 +458,10 @@ class Pair {
   TempFolder folder_;
   int16_t db_;
   std::optional<uint64_t> mirrorBudget_;
+  bool asksIndexes_ = false;
+  std::set<uint64_t> asked_ = {1, kNoSuchID};
+  int indexesFromFile_ = 0;
+  int keysFromFile_ = 0;
   Model model_;
   static inline thread_local uint32_t now_ = 1000;
   unsigned seed_ = 1;

@@ -65,6 +65,31 @@ TEST(RandomOperations, WithACacheAnswerAndWriteWhatTheModelSays) {
   }
 }
 
+// The same, and while the file is closed every lookup by indexes: by those that are kept beside it,
+// which the changes have overtaken, and by those that are built.
+TEST(RandomOperations, AreFoundByKeptIndexesAsByThoseThatAreBuilt) {
+  int indexes = 0;
+  int keys = 0;
+  EXPECT_TRUE(rc::check("every lookup finds what the model has", [&] {
+    auto operations = *anySequence();
+    const PairsClock clock;
+    Pair pair;
+    pair.askIndexes();
+    pair.run({.kind = Kind::addTable, .table = 1});
+    size_t number = 0;
+    for (Operation& each : operations) {
+      if (each.kind == Kind::addTable && each.table % 4 != 0) each.kind = Kind::addRecord;
+      pair.run(each);
+      if (++number % 20 == 0) pair.run({.kind = Kind::reopen});
+    }
+    pair.compareFile();
+    indexes += pair.indexesFromFile();
+    keys += pair.keysFromFile();
+  }));
+  EXPECT_GT(indexes, 10) << "otherwise this has proved nothing";
+  EXPECT_GT(keys, 10);
+}
+
 // Four sequences at once, on a file each: none of them notices the others.
 TEST(RandomOperations, OfFourThreadsAnswerAndWriteWhatTheModelSays) {
   if (!kHasThreads) GTEST_SKIP() << "the library is built for one thread";
