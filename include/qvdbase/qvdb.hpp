@@ -47,4 +47,5 @@
 #include <qvdbase/qvdb/salvage.hpp>
 #include <qvdbase/qvdb/table.hpp>
 #include <qvdbase/qvdb/transaction.hpp>
+#include <qvdbase/qvdb/trim.hpp>
 #include <qvdbase/qvdb/writer.hpp>

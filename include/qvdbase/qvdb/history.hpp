@@ -41,8 +41,8 @@ QVDBASE_API std::vector<FoundBlock> deleted_records(const std::filesystem::path&
 //
 // version  as history() or deleted_records() returned it, of the same file
 //
-// Throws as history() does, cannot_read when the file no longer has it, and too_large when there is
-// not enough memory.
+// Throws as history() does, cannot_read when the file no longer has it (also when trim() has given
+// it back), and too_large when there is not enough memory.
 QVDBASE_API std::vector<std::byte> read_version(const std::filesystem::path& path,
                                                 const FoundBlock& version);
 
@@ -59,7 +59,8 @@ using DataEdit = std::function<void(std::span<std::byte> data)>;
 // `edit_data` is given the data of the record's table, where it has any, and may change these
 // bytes: the new file has them so from the beginning. What it throws ends the operation.
 //
-// Throws as history() and salvage() do; record_missing when there is no such version; bad_argument
+// Throws as history() and salvage() do; record_missing when there is no such version; cannot_read
+// when trim() has given its payload back; bad_argument
 // when the record is in use and no offset is given.
 QVDBASE_API SalvageReport undelete(const std::filesystem::path& source,
                                    const std::filesystem::path& target, std::string_view table,

@@ -72,6 +72,7 @@ struct FoundBlock {
   std::string written_to;  // the table of the new file that it was written to; empty: left out
   // Of records that were written: what the checksum says of the payload.
   std::optional<PayloadState> payload = std::nullopt;
+  bool is_trimmed = false;  // trim() has given the payload back to the file system
 };
 
 // Gets the blocks that were found, one at a time. What it throws ends the operation and leaves it.

@@ -31,6 +31,7 @@ qvdb::FoundBlock qvdbase::salvage::describe(const Survey& survey, uint32_t numbe
   found.capacity = block.capacity;
   found.create_time = block.createTime;
   found.modify_time = block.modifyTime;
+  found.is_trimmed = block.isTrimmed;
   return found;
 }
 

@@ -26,6 +26,12 @@ using namespace qvdbase::survey;
 namespace qvdb {
 namespace {
 
+[[noreturn]] void failTrimmed(const std::filesystem::path& path, const char* operation) {
+  throwError(path, operation, Reason::cannot_read,
+             "its payload was given back to the file system by a trim; a backup from before may "
+             "have it");
+}
+
 // The file of a record, its survey, and the record's table: the one of that name or identifier,
 // among all of which the file shows traces.
 struct Sought {
@@ -130,6 +136,7 @@ std::vector<std::byte> read_version(const std::filesystem::path& path, const Fou
   constexpr const char* kRead = "read the version";
   const platform::Uncancelled uncancelled;
   const OpenedFile file(path, kRead);
+  if (version.is_trimmed) failTrimmed(path, kRead);
   const int64_t header = version.is_table_data ? format::tabledata::kData : format::record::kData;
   const int64_t position = version.offset + header;
   const int64_t left = file.source().size() - position;
@@ -168,6 +175,7 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
   if (chosen == kNoBlock) {
     throwError(source, kUndelete, Reason::record_missing, "the file holds no such version of it");
   }
+  if (sought.block(chosen).isTrimmed) failTrimmed(source, kUndelete);
   const platform::FileAccess access = sought.file.access(source, kUndelete);
   const ByteSource& bytes = sought.file.source();
   std::vector<Patch> edited;

@@ -77,6 +77,10 @@ class Planner {
     if (taken_.nameless > 0) {
       note("Left out: ", counted(taken_.nameless, "record block"), " with the identifier 0.");
     }
+    if (taken_.trimmed > 0) {
+      note("Left out: ", counted(taken_.trimmed, "record"),
+           " of which the payload was given back to the file system by a trim.");
+    }
     for (const Table& table : survey_.tables) owners_[table.slot] = adoptedOwner(table);
     for (const Table& table : survey_.tables) planTable(table);
     for (uint32_t owner = 0; owner < survey_.owners.size(); ++owner) planOrphan(owner);

@@ -80,12 +80,20 @@ class Selection {
     }
   }
 
+  bool isWanted(const Block& each) const {
+    if (each.isDeleted()) return options_.deleted;
+    return each.label != Label::superseded || options_.versions;
+  }
+
   void placeRecord(uint32_t number, const Block& each, Group* group) {
+    if (each.isTrimmed) {
+      if (isWanted(each)) ++taken_.trimmed;
+      return;
+    }
     if (each.isInUse()) return group->members.push_back(number);
     if (each.label == Label::unlinked) return group->unlinked.push_back(number);
-    if (each.isDeleted() && !options_.deleted) return;
+    if (!isWanted(each)) return;
     if (each.isDeleted() && options_.in_place_tables) return group->unlinked.push_back(number);
-    if (each.label == Label::superseded && !options_.versions) return;
     const bool isKnown = survey_.ownerSlot(each) != nullptr;
     if (isKnown || taken_.takesOrphan(survey_, each)) taken_.strays.push_back(number);
   }

@@ -22,6 +22,7 @@ struct Taken {
   std::vector<Group> groups;     // by owner
   std::vector<uint32_t> strays;  // records that are no part of their table any more
   uint64_t nameless = 0;         // record blocks with the identifier 0, which are left out
+  uint64_t trimmed = 0;          // records without their payload, left out, too
 
   // The version in use, which the wanted one is to replace; kNoBlock for none. Its group still has
   // it.

@@ -10,6 +10,7 @@ Survey makeSurvey(const ByteSource& source, const SurveyOptions& options) {
   layExtents(&survey);
   scanGaps(source, options, &survey);
   labelBlocks(&survey);
+  findTrimmed(source, &survey);
   return survey;
 }
 

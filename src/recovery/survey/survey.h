@@ -124,6 +124,7 @@ struct Block {
   // It begins in the space that an earlier block claims. That one is not whole, so this one may be
   // a piece of its payload.
   bool isInTornBlock = false;
+  bool isTrimmed = false;  // its payload was given back to the file system
 
   int64_t dataPos() const {
     return position +
@@ -307,6 +308,7 @@ void followChains(const ByteSource& source, Survey* survey);
 void layExtents(Survey* survey);
 void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* survey);
 void labelBlocks(Survey* survey);
+void findTrimmed(const ByteSource& source, Survey* survey);
 
 // The numbers of all blocks, sorted by position.
 std::vector<uint32_t> blocksInFileOrder(const Survey& survey);

@@ -40,6 +40,7 @@ extern const Command kMendCommand;
 extern const Command kBackupCommand;
 extern const Command kRestoreCommand;
 extern const Command kCompactCommand;
+extern const Command kTrimCommand;
 extern const Command kProtectCommand;
 extern const Command kCategoriesCommand;
 extern const Command kPackCommand;

@@ -26,7 +26,8 @@ void printVersion(const FoundBlock& version) {
   printLine(timeText(version.modify_time) + column(std::to_string(version.offset), 12) +
             column(std::to_string(version.there), 12) + "  " +
             std::string(to_string(version.label)) +
-            (version.there < version.length ? ", cut short" : ""));
+            (version.there < version.length ? ", cut short" : "") +
+            (version.is_trimmed ? ", trimmed" : ""));
 }
 
 Json jsonOf(const FoundBlock& version) {
@@ -39,6 +40,7 @@ Json jsonOf(const FoundBlock& version) {
   json["length"] = version.length;
   json["there"] = version.there;
   json["capacity"] = version.capacity;
+  if (version.is_trimmed) json["trimmed"] = true;
   return json;
 }
 
