@@ -3,9 +3,9 @@
 //
 // To those who do not know it, it is spare capacity like any other: a writer may write over it, or
 // change the payload and leave it. So it repeats the time and the length that the header had when
-// it was made. Where these differ from the header's, the payload was changed by someone who does
+// it was made. Where these differ from the header's, the payload was changed by a writer that does
 // not know it, or a change was cut off; where they agree and the hash does not, bytes have changed
-// that nobody has written.
+// without having been written.
 #pragma once
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // themselves can have other values by now.
 //
 // The table must be sound: patches of a table are written in such an order that a part of them
-// leaves it otherwise, until somebody mends it. Blocks that were taken out must not be in its
+// leaves it otherwise, until it is mended. Blocks that were taken out must not be in its
 // chain. Those that a patch has linked must be in it, or a newer block of the same record. Where a
 // record was removed that only the transaction had added, there is no telling: it counts as
 // missing.

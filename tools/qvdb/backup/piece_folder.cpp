@@ -170,7 +170,7 @@ void PieceFolder::write(const std::string& hash, std::span<const std::byte> byte
                         uint32_t mode) const {
   OutputFile file(pieces_.number(), hash, pathOf(hash), {.overwrite = replaces, .sync = false});
   file.write(bytes);
-  // Nobody changes a piece; its owner can still read it.
+  // A piece is never changed; its owner can still read it.
   if (::fchmod(file.descriptor(), (mode & 0444) | 0400) != 0) {
     throw systemFailure(pathOf(hash), "set its permissions");
   }

@@ -10,7 +10,7 @@ namespace qvdb::tool {
 
 class SqliteFile {
  public:
-  // Begins the file beside `target`, under a temporary name; nobody but its owner can read it.
+  // Begins the file beside `target`, under a temporary name; only its owner can read it.
   // Throws Failure, also when the target exists and is not to be replaced, or the tool is built
   // without SQLite.
   SqliteFile(const std::string& target, const std::string& source, bool replaces);
