@@ -1,4 +1,4 @@
-// qvdb export of records that overlap, as only a damaged or hostile file has them: their bytes
+// Writing out records that overlap, as only a damaged or hostile file has them: their bytes
 // together grow with the square of the file's size.
 #include <filesystem>
 
@@ -54,6 +54,38 @@ TEST_F(OverlappingRecords, AreNotExportedBeyondTheSizeOfTheFile) {
 TEST_F(OverlappingRecords, AreAllExportedWithForce) {
   done({"export", "--force", "test.qvd", "files", "out"});
   EXPECT_EQ(written(), together);
+}
+
+// Of a file that cannot be completed nothing is left.
+TEST_F(OverlappingRecords, AreNotWrittenForOtherProgramsBeyondTheSizeOfTheFile) {
+  for (const Words& words : {Words{"export", "--copy", "rows", "test.qvd"},
+                             Words{"export", "--parquet", "rows", "test.qvd"},
+                             Words{"export", "--copy", "rows", "test.qvd", "files"},
+                             Words{"dump", "-o", "rows", "test.qvd"}}) {
+    fails(words, 1, {"test.qvd", "'files'", "overlap", "qvdb check"});
+    EXPECT_FALSE(fs::exists(path("rows")));
+  }
+  done({"export", "--force", "--copy", "rows", "test.qvd"});
+  EXPECT_GT(fs::file_size(path("rows")), together);
+}
+
+TEST_F(OverlappingRecords, AreNotCopiedByAPatch) {
+  const std::string head = line({"info", "--json", "test.qvd"});
+  const std::string id = nlohmann::json::parse(head)["id"];
+  const std::string patch =
+      R"({"qvdb":"patch","format":1,"of":")" + id + R"(","signature":"QVdb","version":100,"id":")" +
+      id + R"("})" +
+      "\n"
+      R"({"table":"files","id":"0x0000000000000011","version":100,"flags":[0,0],)"
+      R"("from":"0x0000000000000011"})"
+      "\n"
+      R"({"end":"table"})"
+      "\n"
+      R"({"end":"patch"})"
+      "\n";
+  const Bytes before = contents();
+  fails({"patch", "test.qvd"}, 1, {"test.qvd", "overlap", "qvdb check"}, patch);
+  EXPECT_EQ(contents(), before);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "archive/imported_files.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "commands/payload_limit.h"
 #include "formats/export_rows.h"
 #include "streams/interrupt.h"
 #include "streams/output.h"
@@ -36,11 +37,7 @@ class Exporter {
  public:
   Exporter(const Database& database, const Table& table, std::optional<ImportedFiles> files,
            FolderWriter& writer, bool force)
-      : database_(database),
-        table_(table),
-        files_(std::move(files)),
-        writer_(writer),
-        force_(force) {
+      : table_(table), files_(std::move(files)), writer_(writer), force_(force), limit_(database) {
     if (files_) isWritten_.resize(files_->list().size());
   }
 
@@ -60,15 +57,12 @@ class Exporter {
   template <typename Take>
   void forEachNamed(FileKind kind, Take take);
 
-  void refuseTooMuch(const Record& record);
-
-  const Database& database_;
   const Table& table_;
   std::optional<ImportedFiles> files_;
   FolderWriter& writer_;
   bool force_;
-  uint64_t mostBytes_ = 0;       // the size of the file; asked for when more is written than it was
-  std::vector<bool> isWritten_;  // of each imported file
+  PayloadLimit limit_;
+  std::vector<bool> isWritten_;            // of each imported file
   std::unordered_map<Id, unsigned> byId_;  // files named by identifier, and how many of each
   uint64_t filesDone_ = 0;
   uint64_t bytesDone_ = 0;
@@ -132,7 +126,7 @@ void Exporter::run() {
   forEachNamed(FileKind::folder,
                [this](const ImportedFile& file) { writer_.makeFolder(file.name); });
   const auto writeOne = [&](const ImportedFile& file, const Record& record) {
-    refuseTooMuch(record);
+    if (!force_) limit_.count(table_, record, "--force writes the others too");
     writer_.writeFile(file, [&](uint64_t offset, std::span<std::byte> buffer) {
       const size_t got = record.read(offset, buffer);
       bytesDone_ += got;
@@ -153,17 +147,6 @@ void Exporter::run() {
   writer_.sync();
   if (files_) finishFolders();
   if (failure) std::rethrow_exception(failure);
-}
-
-// Records that overlap, as no sound file has them, can hold the square of the file's size.
-void Exporter::refuseTooMuch(const Record& record) {
-  if (force_ || bytesDone_ + record.size() <= mostBytes_) return;
-  mostBytes_ = database_.info().file_size;
-  if (bytesDone_ + record.size() <= mostBytes_) return;
-  throw Failure(database_.path().native() + ": the records of table '" + table_.name() +
-                "' overlap: they have more bytes than the file; stopped after " +
-                counted(filesDone_, "file", "files") + ", " + counted(bytesDone_, "byte", "bytes") +
-                "; 'qvdb check' reports the damage, --force writes the others too");
 }
 
 void Exporter::finishFolders() {
@@ -194,10 +177,15 @@ int runRows(const Options& options) {
     throw wrongUsage("--sqlite, --parquet and --copy write no folder: leave FOLDER out");
   }
   if (options.after && !options.table) throw wrongUsage("--after: name the TABLE, too");
-  exportRows({options.file, options.table, options.after}, options.rows,
-             {.overwrite = options.folderOptions.force,
-              .create_folders = options.folderOptions.parents,
-              .sync = !options.folderOptions.noSync});
+  const uint64_t count = exportRows({.file = options.file,
+                                     .table = options.table,
+                                     .after = options.after,
+                                     .takesOverlapping = options.folderOptions.force},
+                                    options.rows,
+                                    {.overwrite = options.folderOptions.force,
+                                     .create_folders = options.folderOptions.parents,
+                                     .sync = !options.folderOptions.noSync});
+  if (options.rows.copy != "-") printLine("exported " + counted(count, "record", "records"));
   return kDone;
 }
 

@@ -7,6 +7,7 @@
 
 #include "archive/imported_files.h"
 #include "commands/locate.h"
+#include "commands/payload_limit.h"
 #include "content/category_text.h"
 #include "content/file_entry_text.h"
 #include "format/layout.h"
@@ -128,7 +129,7 @@ WalkOptions walkOf(const DumpSelection& selection) {
 
 // Returns the number of records.
 uint64_t writeTable(const Database& database, const Table& table, const DumpSelection& selection,
-                    JsonLines& lines) {
+                    PayloadLimit& limit, JsonLines& lines) {
   const TableInfo info = table.info();
   const bool isWhole = !selection.hasPartOfATable();
   lines.begin();
@@ -148,6 +149,7 @@ uint64_t writeTable(const Database& database, const Table& table, const DumpSele
     requireSpace(
         database, record.info().data_position, record.info().capacity,
         [&] { return "record " + to_string(record.id()); }, &fileSize);
+    limit.count(table, record, "'qvdb salvage' writes a file without it");
     ++count;
     if (record.info().position == info.last_written_record_position) lastWritten = count;
     lines.begin();
@@ -255,7 +257,8 @@ void dumpDatabase(const Database& database, const DumpSelection& selection, Json
   if (!selection.isWhole()) lines.truth("part", true);
   lines.end();
   uint64_t records = 0;
-  for (const Table& table : tables) records += writeTable(database, table, selection, lines);
+  PayloadLimit limit(database);
+  for (const Table& table : tables) records += writeTable(database, table, selection, limit, lines);
   lines.begin();
   lines.bytes("end", "end", "dump");
   lines.number("tables", tables.size());

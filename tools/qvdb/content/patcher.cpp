@@ -11,6 +11,7 @@
 
 #include "command_line/command.h"
 #include "commands/locate.h"
+#include "commands/payload_limit.h"
 #include "content/digests.h"
 #include "content/dump_writer.h"
 #include "content/loader.h"
@@ -64,6 +65,7 @@ struct Patcher::State {
   std::string path;
   bool sync;
   Database old;
+  PayloadLimit kept{old};
   Database made;    // unplaced
   Database pieces;  // unplaced, never placed
   Place place = Place::head;
@@ -312,7 +314,9 @@ void Patcher::State::writeRecords() {
     if (noted != RecordOrder::kNone) {
       copyRecord(records[noted], out, buffer);
     } else {
-      copyRecord(from->find(*id).value(), out, buffer);
+      const Record record = from->find(*id).value();
+      kept.count(*from, record, "'qvdb salvage' writes a file without it");
+      copyRecord(record, out, buffer);
     }
   }
   out.finish();

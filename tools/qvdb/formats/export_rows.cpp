@@ -1,4 +1,4 @@
-// 'qvdb export' into files of other programs.
+// Records written into files of other programs.
 #include "formats/export_rows.h"
 
 #include <functional>
@@ -78,15 +78,12 @@ uint64_t toCopy(const FlatSource& source, const std::string& target, const Outpu
 
 }  // namespace
 
-void exportRows(const FlatSource& source, const RowTargets& targets, const OutputOptions& options) {
-  if (targets.copy == "-") {
-    writeCopy(source, [](std::string_view text) { print(text); });
-    return;
-  }
-  const uint64_t count = targets.sqlite    ? toSqlite(source, *targets.sqlite, options)
-                         : targets.parquet ? toParquet(source, *targets.parquet, options)
-                                           : toCopy(source, *targets.copy, options);
-  printLine("exported " + counted(count, "record", "records"));
+uint64_t exportRows(const FlatSource& source, const RowTargets& targets,
+                    const OutputOptions& options) {
+  if (targets.sqlite) return toSqlite(source, *targets.sqlite, options);
+  if (targets.parquet) return toParquet(source, *targets.parquet, options);
+  if (*targets.copy != "-") return toCopy(source, *targets.copy, options);
+  return writeCopy(source, [](std::string_view text) { print(text); });
 }
 
 }  // namespace qvdb::tool

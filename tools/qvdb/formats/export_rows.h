@@ -1,4 +1,4 @@
-// 'qvdb export' into files of other programs.
+// Records written into files of other programs, for 'qvdb export' and 'qvdb dump --copy'.
 #pragma once
 
 #include <optional>
@@ -10,15 +10,15 @@ namespace qvdb::tool {
 
 // Of these one is given; '-' is standard output for `copy`.
 struct RowTargets {
-  std::optional<std::string> sqlite;
-  std::optional<std::string> parquet;
-  std::optional<std::string> copy;  // for PostgreSQL's COPY
+  std::optional<std::string> sqlite = {};
+  std::optional<std::string> parquet = {};
+  std::optional<std::string> copy = {};  // for PostgreSQL's COPY
 
   int count() const { return (sqlite ? 1 : 0) + (parquet ? 1 : 0) + (copy ? 1 : 0); }
 };
 
-// Writes the rows, and prints their number unless they go to standard output. A file that cannot be
-// completed is not left.
-void exportRows(const FlatSource& source, const RowTargets& targets, const OutputOptions& options);
+// Writes the rows and returns their number. A file that cannot be completed is not left.
+uint64_t exportRows(const FlatSource& source, const RowTargets& targets,
+                    const OutputOptions& options);
 
 }  // namespace qvdb::tool

@@ -2,6 +2,7 @@
 #include "formats/rows.h"
 
 #include "commands/locate.h"
+#include "commands/payload_limit.h"
 #include "streams/interrupt.h"
 #include "streams/text.h"
 
@@ -19,15 +20,26 @@ int64_t placeOf(const Database& database, const Table& table, Id id) {
   throw noSuchRecord(database, table, id);
 }
 
-uint64_t takeTable(const Table& table, int64_t place, const WalkOptions& options,
-                   const std::function<void(const FlatRow&)>& take) {
+// Takes the records of tables, with what is common to them all.
+struct Taker {
+  const FlatSource& source;
+  const std::function<void(const FlatRow&)>& take;
+  PayloadLimit limit;
+
+  uint64_t takeTable(const Table& table, int64_t place, const WalkOptions& options);
+};
+
+uint64_t Taker::takeTable(const Table& table, int64_t place, const WalkOptions& options) {
   uint64_t count = 0;
   std::vector<std::byte> buffer;
   FlatRow row;
   row.table = table.name();
   for (RecordRange records = table.records(options); const Record& record : records) {
     throwIfInterrupted();
-    row.place = ++place;
+    ++place;
+    if (source.since && record.info().modify_time < *source.since) continue;
+    if (!source.takesOverlapping) limit.count(table, record, "--force writes the others too");
+    row.place = place;
     row.id = to_string(record.id());
     row.created = record.info().create_time;
     row.modified = record.info().modify_time;
@@ -46,19 +58,20 @@ uint64_t takeTable(const Table& table, int64_t place, const WalkOptions& options
 
 uint64_t forEachRow(const FlatSource& source, const std::function<void(const FlatRow&)>& take) {
   const Database database = openToRead(source.file);
+  Taker taker{source, take, PayloadLimit(database)};
   if (!source.table) {
     uint64_t count = 0;
     for (const Table& table : database.tables()) {
-      count += takeTable(table, 0, WalkOptions{.load = Load::payloads}, take);
+      count += taker.takeTable(table, 0, WalkOptions{.load = Load::payloads});
     }
     return count;
   }
   const Table table = findTable(database, *source.table);
-  if (!source.after) return takeTable(table, 0, WalkOptions{.load = Load::payloads}, take);
+  if (!source.after) return taker.takeTable(table, 0, WalkOptions{.load = Load::payloads});
   const Id id = recordId(database, table, *source.after);
   const int64_t place = placeOf(database, table, id);
-  return takeTable(table, place, WalkOptions{.from = WalkStart::after(id), .load = Load::payloads},
-                   take);
+  return taker.takeTable(table, place,
+                         WalkOptions{.from = WalkStart::after(id), .load = Load::payloads});
 }
 
 }  // namespace qvdb::tool

@@ -25,8 +25,10 @@ struct FlatRow {
 // What is exported of a database.
 struct FlatSource {
   std::string file;
-  std::optional<std::string> table;  // all of them unless named
-  std::optional<std::string> after;  // of the table: the records after this one
+  std::optional<std::string> table = {};  // all of them unless named
+  std::optional<std::string> after = {};  // of the table: the records after this one
+  std::optional<int64_t> since = {};      // records that were added or modified then or later
+  bool takesOverlapping = false;  // also records that have more bytes together than the file
 };
 
 // Calls the function with each record, table by table, each in its own order. Returns their number.
