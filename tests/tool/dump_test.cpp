@@ -230,6 +230,26 @@ TEST_F(ToolDump, WritesToAFile) {
   EXPECT_EQ(done({"load", "again.qvd", "out.jsonl"}), "3 records in 1 table\n");
 }
 
+TEST_F(ToolDump, WritesTheRowsThatExportWritesForCopy) {
+  makeDatabase();
+  const std::string rows = done({"export", "--copy", "-", kDefaultFile});
+  EXPECT_EQ(linesOf(rows).size(), 3u);
+  EXPECT_EQ(done({"dump", "--copy", kDefaultFile}), rows);
+  EXPECT_EQ(done({"dump", "--copy", "-o", "rows.txt", kDefaultFile}), "");
+  EXPECT_EQ(contents("rows.txt"), bytesOf(rows));
+  fails({"dump", "--copy", "-o", "rows.txt", kDefaultFile}, 1, {"rows.txt", "exists"});
+  fails({"load", "rows.qvd", "rows.txt"}, 1, {"rows.txt: line 1"});
+  // A part keeps the places that its records have in the table.
+  const std::vector<std::string> last = {linesOf(rows)[2]};
+  EXPECT_EQ(done({"dump", "--copy", "--table", "notes", "--after", "0x2", kDefaultFile}),
+            joined(last));
+  Database::open(path(), qvdb::Mode::exclusive)
+      .table("notes")
+      .add(NewRecord(std::string_view("old"), 0, Id{5}));
+  const std::string since = done({"dump", "--copy", "--since", "@4294967295", kDefaultFile});
+  EXPECT_EQ(since, rows);
+}
+
 TEST_F(ToolDump, LoadsNothingOverAFileThatExists) {
   makeDatabase();
   const std::string dump = done({"dump", kDefaultFile});

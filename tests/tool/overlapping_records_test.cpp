@@ -61,6 +61,7 @@ TEST_F(OverlappingRecords, AreNotWrittenForOtherProgramsBeyondTheSizeOfTheFile) 
   for (const Words& words : {Words{"export", "--copy", "rows", "test.qvd"},
                              Words{"export", "--parquet", "rows", "test.qvd"},
                              Words{"export", "--copy", "rows", "test.qvd", "files"},
+                             Words{"dump", "--copy", "-o", "rows", "test.qvd"},
                              Words{"dump", "-o", "rows", "test.qvd"}}) {
     fails(words, 1, {"test.qvd", "'files'", "overlap", "qvdb check"});
     EXPECT_FALSE(fs::exists(path("rows")));

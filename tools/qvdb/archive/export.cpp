@@ -270,7 +270,7 @@ symbolic links in the folder are not followed.
 
 With --sqlite, --parquet or --copy the records become rows with the columns place (in the order of
 the table, from 1), table_name, id, created, modified and payload. --after leaves out what an
-earlier export has.
+earlier export has. 'qvdb dump --copy' writes the same rows as --copy.
 
 Each file appears under its name when it is complete. Ctrl-C stops between two files. Only a
 process that is killed leaves a file .qvdb-....tmp, which you may delete.)",

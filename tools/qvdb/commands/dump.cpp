@@ -3,6 +3,7 @@
 #include "commands/locate.h"
 #include "content/dump_writer.h"
 #include "content/text_output.h"
+#include "formats/export_rows.h"
 #include "streams/given_time.h"
 
 namespace qvdb::tool {
@@ -13,6 +14,7 @@ struct Options {
   std::optional<std::string> table;
   std::optional<std::string> after;
   std::optional<std::string> since;
+  bool copy = false;
   TextOutputOptions output;
 };
 
@@ -32,8 +34,21 @@ DumpSelection selectionOf(const Options& options) {
   return selection;
 }
 
+// As text for PostgreSQL's COPY.
+int runCopy(const Options& options, const DumpSelection& selection) {
+  const TextOutputOptions& output = options.output;
+  exportRows({.file = options.file,
+              .table = options.table,
+              .after = options.after,
+              .since = selection.since},
+             {.copy = output.output.value_or("-")},
+             {.overwrite = output.force, .create_folders = output.parents, .sync = !output.noSync});
+  return kDone;
+}
+
 int run(const Options& options) {
   const DumpSelection selection = selectionOf(options);
+  if (options.copy) return runCopy(options, selection);
   const Database database = openToRead(options.file);
   writeText(options.output, options.file,
             [&](JsonLines& lines) { dumpDatabase(database, selection, lines); });
@@ -49,6 +64,9 @@ Action define(Arguments& arguments) {
   arguments.option("--since", "TIME", options->since,
                    "Dump only records that were added or modified at this time (UTC) or later: "
                    "2024-05-01T12:34:56, 2024-05-01 or @SECONDS since 1970.");
+  arguments.flag("--copy", options->copy,
+                 "Write the records as text for PostgreSQL's COPY instead of JSON Lines, as "
+                 "'qvdb export --copy' does.");
   defineTextOutput(arguments, options->output);
   return actionOf(options, run);
 }
@@ -70,12 +88,16 @@ lacks its last line, so that it cannot be loaded.
 
 With --table, --after or --since the dump holds a part of the database, which can be loaded, too.
 
+With --copy the records become rows with the columns place (in the order of the table, from 1),
+table_name, id, created, modified and payload, for PostgreSQL. Such rows cannot be loaded again.
+
 docs/text.md describes the lines. To let 'git diff' show changes of databases, write "*.qvd diff=qvdb"
 into .gitattributes and run: git config diff.qvdb.textconv "qvdb dump")",
     R"(qvdb dump notes.qvd
 qvdb dump notes.qvd | gzip > notes.jsonl.gz
 qvdb dump --table letters --since 2024-05-01 notes.qvd
-qvdb dump notes.qvd | grep '"text"' | jq -r .text)",
+qvdb dump notes.qvd | grep '"text"' | jq -r .text
+qvdb dump --copy notes.qvd | psql -c 'COPY records FROM STDIN')",
     define,
 };
 
