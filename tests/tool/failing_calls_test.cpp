@@ -28,6 +28,8 @@
 #include "proof/failures.h"
 #include "recovery/salvage/salvage_kit.h"
 #include "tools/qvdb/command_line/command_line.h"
+#include "tools/qvdb/content/json_lines.h"
+#include "tools/qvdb/content/patch_writer.h"
 #include "tools/qvdb/streams/failure.h"
 #include "tools/qvdb/streams/output.h"
 
@@ -47,6 +49,8 @@ struct ToolCall {
   std::vector<std::string> first = {};
   // full.qvd ends in a record whose adding was cut off before so many of its last writes.
   size_t missingWrites = 0;
+  int success = 0;     // the status of success
+  bool isOne = false;  // full.qvd is what it was, or what the whole command makes of it
 };
 
 std::vector<ToolCall> toolCalls() {
@@ -66,6 +70,11 @@ std::vector<ToolCall> toolCalls() {
        .words = {"dump", "-o", "@/new.jsonl", "@/full.qvd"},
        .product = "new.jsonl"},
       {"Load", {"load", "@/new.qvd", "@/dump.jsonl"}, false, "new.qvd"},
+      {.name = "Diff", .words = {"diff", "--patch", "@/full.qvd", "@/changed.qvd"}, .success = 1},
+      {.name = "Patch",
+       .words = {"patch", "@/full.qvd", "@/changes.jsonl"},
+       .changesDatabase = true,
+       .isOne = true},
       {.name = "Undelete",
        .words = {"undelete", "@/full.qvd", "@/new.qvd", "photos", "a.txt"},
        .product = "new.qvd",
@@ -139,10 +148,28 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
     if (!first.empty()) {
       ASSERT_EQ(runCommand(folder.path(), first, &message), 0) << message;
     }
+    makeAChangedOne();
     full_ = readFile(folder / "full.qvd");
     records_ = takenRecords(full_);
     ASSERT_EQ(records_.size(), first.empty() ? 3u : 2u);
     if (GetParam().missingWrites > 0) cutAnAppendOff();
+  }
+
+  // changed.qvd has a record more, and changes.jsonl is the patch that adds it.
+  void makeAChangedOne() {
+    const std::string name = folder / "changed.qvd";
+    fs::copy_file(folder / "full.qvd", name);
+    {
+      auto database = qvdb::Database::open(name, qvdb::Mode::exclusive);
+      database.table("photos").add(asBytes(pattern(600, 7)));
+    }
+    const auto a = qvdb::Database::open(folder / "full.qvd", qvdb::Mode::read_only);
+    const auto b = qvdb::Database::open(name, qvdb::Mode::read_only);
+    std::string text;
+    qvdb::tool::JsonLines lines([&text](std::string_view more) { text += more; });
+    ASSERT_TRUE(qvdb::tool::writePatch(a, b, lines));
+    lines.flush();
+    writeFile(folder / "changes.jsonl", bytesOf(text));
   }
 
   void cutAnAppendOff() {
@@ -161,7 +188,8 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
   void reset() {
     for (const auto& each : fs::directory_iterator(folder.path())) {
       const fs::path name = each.path().filename();
-      const bool isInput = name == "in" || name == "changed" || name == "dump.jsonl";
+      const bool isInput = name == "in" || name == "changed" || name == "dump.jsonl" ||
+                           name == "changed.qvd" || name == "changes.jsonl";
       if (!isInput) fs::remove_all(each.path());
     }
     writeFile(folder / "full.qvd", full_);
@@ -182,7 +210,7 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
     if (failure != nullptr) failure->plan(host, skip);
     Attempt result;
     const int status = runCommand(folder.path(), GetParam().words, &result.message);
-    result.succeeded = status == 0;
+    result.succeeded = status == GetParam().success;
     result.failed = failure != nullptr && host.failed();
     host.heal();
     EXPECT_EQ(host.openDescriptors(), 0u);
@@ -208,7 +236,7 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
     }
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == GetParam().success);
     return WIFSIGNALED(status);
   }
 
@@ -252,6 +280,14 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
     }
   }
 
+  // Everything was done, or nothing.
+  void expectAllOrNothing(const Attempt& outcome, const Attempt& whole) {
+    if (!GetParam().isOne) return;
+    const Bytes& is = outcome.files.at("full.qvd");
+    if (is == full_) return;
+    EXPECT_TRUE(sameBytes(is, whole.files.at("full.qvd"))) << outcome.message;
+  }
+
   TempFolder folder{TempFolder::inMemory()};
   Bytes full_;
   std::map<std::pair<uint64_t, uint64_t>, Bytes> records_;  // added before all this
@@ -265,6 +301,7 @@ TEST_P(FailingToolCalls, EndInAMessageOrInFullSuccess) {
       [&](const Failure& failure, const Attempt& outcome) {
         EXPECT_TRUE(outcome.succeeded || !outcome.message.empty());
         expectRecordsKept(outcome);
+        if (!isClock(failure.kind)) expectAllOrNothing(outcome, whole);
         if (isClock(failure.kind) || GetParam().passesOver.contains(failure.kind)) return;
         expectWholeProducts(outcome, whole);
         if (!outcome.succeeded) return;
@@ -286,6 +323,7 @@ TEST_P(FailingToolCalls, LoseNothingWhenTheirProcessIsKilled) {
     ++kills;
     const Attempt outcome{.message = "killed", .files = filesNow()};
     expectRecordsKept(outcome);
+    expectAllOrNothing(outcome, whole);
     expectWholeProducts(outcome, whole);
     if (HasFailure()) return;
   }
