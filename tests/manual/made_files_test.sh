@@ -35,6 +35,8 @@ completes() {
 }
 completes qvdb imp import
 completes qvdb re 'records restore renumber repair'
+completes qvdb tri trim
+completes qvdb trim --dry --dry-run
 completes qvdb import --rep --replace
 completes qvdb import --up --update
 completes qvdb import --d '--delete --dry-run'

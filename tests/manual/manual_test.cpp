@@ -73,6 +73,9 @@ TEST(Manual, ShowsWhichArgumentsMayBeLeftOutOrRepeated) {
 TEST(Manual, HasTheExitStatusesOfACommandOfItsOwn) {
   const std::string page = commandPage(tool::helpOf(tool::kCheckCommand));
   EXPECT_TRUE(contains(page, ".It 4\nthe file is in use")) << page;
+  const std::string ofTrim = commandPage(tool::helpOf(tool::kTrimCommand));
+  EXPECT_TRUE(contains(ofTrim, ".It 0\ndone, or nothing to give back")) << ofTrim;
+  EXPECT_TRUE(contains(ofTrim, ".It 3\nanother process has the database open")) << ofTrim;
 }
 
 TEST(Manual, BeginsEachSentenceOnALineAndHidesRequests) {

@@ -51,6 +51,8 @@ TEST_F(ClosedStreams, LeaveEveryCommandItsFiles) {
           {0, {"records", file, "t"}},
           {1, {"get", file, "t", "0x8"}},
           {0, {"export", file, "t", number + ".out"}},
+          {0, {"rm", file, "t", "0x7"}},
+          {0, {"trim", file}},
           {0, {"compact", file}},
           {0, {"salvage", file, number + ".saved.qvd"}},
           {0, {"check", file}},

@@ -6,9 +6,9 @@ namespace {
 
 using Usage = ToolTest;
 
-const Words kCommands = {"create", "info", "tables", "add-table", "records", "get",
-                         "put",    "set",  "rm",     "touch",     "data",    "import",
-                         "export", "stat", "check",  "salvage",   "history", "undelete"};
+const Words kCommands = {"create", "info",    "tables",  "add-table", "records", "get",    "put",
+                         "set",    "rm",      "touch",   "data",      "import",  "export", "stat",
+                         "check",  "salvage", "history", "undelete",  "trim"};
 
 TEST_F(Usage, HelpListsEveryCommand) {
   const std::string help = done({"--help"});

@@ -82,11 +82,18 @@ TEST_F(ToolWait, ADatabaseInUseHasAStatusOfItsOwn) {
   const Holder holder(wide(kDefaultFile));
   ASSERT_TRUE(holder.isHolding());
   const std::vector<Words> commands = {
-      {"create", "--force", kDefaultFile},        {"add-table", kDefaultFile, "more"},
-      {"put", kDefaultFile, "notes", "input"},    {"set", kDefaultFile, "notes", ids[0], "input"},
-      {"touch", kDefaultFile, "notes", ids[0]},   {"rm", kDefaultFile, "notes", ids[0]},
-      {"import", kDefaultFile, "files", "input"}, {"compact", kDefaultFile},
-      {"pack", kDefaultFile, "packed.qvd"},       {"repair", kDefaultFile},
+      {"create", "--force", kDefaultFile},
+      {"add-table", kDefaultFile, "more"},
+      {"put", kDefaultFile, "notes", "input"},
+      {"set", kDefaultFile, "notes", ids[0], "input"},
+      {"touch", kDefaultFile, "notes", ids[0]},
+      {"rm", kDefaultFile, "notes", ids[0]},
+      {"import", kDefaultFile, "files", "input"},
+      {"compact", kDefaultFile},
+      {"pack", kDefaultFile, "packed.qvd"},
+      {"repair", kDefaultFile},
+      {"trim", kDefaultFile},
+      {"trim", "--dry-run", kDefaultFile},
   };
   expectUnchanged([&] {
     for (const Words& words : commands) {
