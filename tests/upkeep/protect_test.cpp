@@ -137,5 +137,27 @@ TEST_F(ProtectedFile, TakesChangedRecordsAsTheyAreWhereThatIsAskedFor) {
   EXPECT_EQ(again.size_after, again.size_before);
 }
 
+TEST_F(ProtectedFile, GetsThemThroughTheHandleThatHasItOpen) {
+  breakRecord(8, 60);
+  {
+    auto database = openDatabase();
+    const auto table = database.table("t");
+    const auto found = table.find(Id{1});
+    const auto report = database.compact({}, {.protect = true});
+    EXPECT_EQ(report.records, records_);
+    EXPECT_EQ(report.checksums_made, records_ - withChecksum_.size());
+    EXPECT_EQ(found->verify(), PayloadState::verified);
+    for (uint64_t id = 1; id <= records_; ++id) {
+      EXPECT_EQ(table.find(Id{id})->verify(),
+                id == 8 ? PayloadState::rotten : PayloadState::verified)
+          << id;
+    }
+    EXPECT_EQ(database.compact({}, {.protect = true}).checksums_made, 0u);
+  }
+  EXPECT_EQ(stateOf(kDefaultFile, 1), PayloadState::verified);
+  EXPECT_EQ(stateOf(kDefaultFile, 8), PayloadState::rotten);
+  EXPECT_EQ(qvdb::check(path()).errors, 0u);
+}
+
 }  // namespace
 }  // namespace qvdbase::test
