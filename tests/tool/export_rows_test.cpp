@@ -107,6 +107,21 @@ TEST_F(ToolExportRows, RefusesToReplaceWithoutForce) {
   }
 }
 
+TEST_F(ToolExportRows, NeverReplacesTheDatabaseItself) {
+  make();
+  std::filesystem::create_symlink("test.qvd", path("link"));
+  expectOnlyRead([&] {
+    for (const char* option : {"--parquet", "--copy", "--sqlite"}) {
+#ifndef QVDB_HAS_SQLITE
+      if (std::string(option) == "--sqlite") continue;
+#endif
+      for (const char* target : {"test.qvd", "./test.qvd", "link"}) {
+        fails({"export", option, target, "--force", "test.qvd"}, 1, {target, "database itself"});
+      }
+    }
+  });
+}
+
 TEST_F(ToolExportRows, LeavesNothingOfAFileThatCannotBeCompleted) {
   FileImage image;
   const size_t table = image.addTable("notes", 1);

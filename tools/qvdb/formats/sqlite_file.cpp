@@ -68,6 +68,11 @@ struct SqliteFile::State {
   }
 
   void begin() {
+    std::error_code none;
+    if (fs::equivalent(target, source, none)) {
+      throw Failure(target +
+                    ": cannot write the file: it is the database itself; choose another name");
+    }
     if (!replaces && fs::exists(fs::symlink_status(target))) exists();
     temporary = target + ".qvdb-" + to_string(new_id()).substr(2) + ".tmp";
     std::ofstream made(temporary);
