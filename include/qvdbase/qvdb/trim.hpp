@@ -9,6 +9,7 @@
 #pragma once
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/cpp20.hpp>
 
 #include <cstdint>
 #include <filesystem>
