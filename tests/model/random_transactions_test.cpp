@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <array>
-#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -18,7 +17,7 @@
 #include <vector>
 
 #include "kit/file_checker.h"
-#include "kit/file_reader.h"
+#include "kit/table_contents.h"
 #include "kit/temp_folder.h"
 
 namespace qvdbase::test {
@@ -91,33 +90,14 @@ rc::Gen<Step> anyStep() {
                               rc::gen::set(&Step::size, rc::gen::inRange<uint32_t>(0, 120)));
 }
 
-struct Content {
-  std::vector<std::pair<uint64_t, std::string>> records;
-  std::string data;
-  bool operator==(const Content&) const = default;
-};
-using State = std::map<std::string, Content>;
-
-State stateOf(const Bytes& file) {
-  State state;
-  for (const ReadTable& table : readDatabase(file).tables) {
-    Content& content = state[table.name];
-    if (table.data) content.data = table.data->data().str();
-    for (const ReadRecord& record : table.records) {
-      content.records.emplace_back(record.id, record.fields.data().str());
-    }
-  }
-  return state;
-}
-
 std::string textOf(const std::vector<std::byte>& payload) {
   return {reinterpret_cast<const char*>(payload.data()), payload.size()};
 }
 
-State stateOf(const Database& database) {
-  State state;
+TableContents tableContentsOf(const Database& database) {
+  TableContents state;
   for (const Table& table : database.tables()) {
-    Content& content = state[table.name()];
+    TableContent& content = state[table.name()];
     if (const auto data = table.data()) content.data = textOf(*data);
     for (const qvdb::Record& record : table.records(qvdb::Load::payloads)) {
       content.records.emplace_back(record.id().value, textOf(record.payload()));
@@ -170,10 +150,10 @@ class Course {
   }
 
   void compare() {
-    RC_ASSERT(stateOf(database_) == state_);
-    const State& committed = transaction_.is_active() ? before_ : state_;
-    RC_ASSERT(stateOf(readFile(path())) == committed);
-    RC_ASSERT(stateOf(reader_) == committed);
+    RC_ASSERT(tableContentsOf(database_) == state_);
+    const TableContents& committed = transaction_.is_active() ? before_ : state_;
+    RC_ASSERT(tableContentsOf(readFile(path())) == committed);
+    RC_ASSERT(tableContentsOf(reader_) == committed);
     compareKeys();
     for (const auto& [name, content] : state_) {
       const Table table = database_.table(name);
@@ -213,7 +193,7 @@ class Course {
     database_.close();
     const std::vector<Finding> findings = checkFile(readFile(path()));
     if (!findings.empty()) RC_FAIL(describe(findings));
-    RC_ASSERT(stateOf(readFile(path())) == state_);
+    RC_ASSERT(tableContentsOf(readFile(path())) == state_);
   }
 
  private:
@@ -254,7 +234,7 @@ class Course {
   void onTable(const Step& step) {
     auto entry = std::next(state_.begin(), static_cast<std::ptrdiff_t>(step.table % state_.size()));
     Table table = database_.table(entry->first);
-    Content& content = entry->second;
+    TableContent& content = entry->second;
     const std::string text(step.size, static_cast<char>('a' + number_ % 26));
     switch (step.move) {
       case Move::add:
@@ -283,13 +263,13 @@ class Course {
     return table ? table->index() : database_.table(name).index();
   }
 
-  static void addMany(Table& table, Content& content, const std::string& text) {
+  static void addMany(Table& table, TableContent& content, const std::string& text) {
     qvdb::BulkAppender appender = table.appender();
     for (int i = 0; i < 3; ++i) content.records.emplace_back(appender.add(text).value, text);
     appender.finish();
   }
 
-  void onRecord(const Step& step, Table& table, Content& content, const std::string& text) {
+  void onRecord(const Step& step, Table& table, TableContent& content, const std::string& text) {
     const auto at =
         content.records.begin() + static_cast<std::ptrdiff_t>(step.record % content.records.size());
     const Id id{at->first};
@@ -337,8 +317,8 @@ class Course {
   qvdb::KeyIndex<std::string> keys_;  // of the first table, by payloads
   qvdb::Transaction transaction_;
   qvdb::Durability durability_ = qvdb::Durability::process;
-  State state_;
-  State before_;  // while a transaction is open
+  TableContents state_;
+  TableContents before_;  // while a transaction is open
   std::vector<Held> held_;
   std::vector<qvdb::RecordIndex> indexes_;
   unsigned number_ = 0;

@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <csignal>
 #include <iterator>
-#include <map>
 #include <optional>
 #include <random>
 #include <string>
@@ -22,9 +21,9 @@
 #include "intents/recovery.h"
 #include "intents/staged_transactions.h"
 #include "kit/file_checker.h"
-#include "kit/file_reader.h"
 #include "kit/random_seed.h"
 #include "kit/recorded_calls.h"
+#include "kit/table_contents.h"
 #include "kit/temp_folder.h"
 #include "kit/test_extent.h"
 
@@ -35,32 +34,12 @@ using qvdb::Database;
 using qvdb::Id;
 using qvdb::Table;
 
-// What tables hold, by their names: identifiers and payloads, in order, and their data.
-struct Content {
-  std::vector<std::pair<uint64_t, std::string>> records;
-  std::string data;
-  bool operator==(const Content&) const = default;
-};
-using State = std::map<std::string, Content>;
-
-State stateOf(const Bytes& file) {
-  State state;
-  for (const ReadTable& table : readDatabase(file).tables) {
-    Content& content = state[table.name];
-    if (table.data) content.data = table.data->data().str();
-    for (const ReadRecord& record : table.records) {
-      content.records.emplace_back(record.id, record.fields.data().str());
-    }
-  }
-  return state;
-}
-
 // A transaction, made of its seed: what it does to a database, and to what it should hold.
 class RandomTransaction {
  public:
   explicit RandomTransaction(uint64_t seed) : random_(seed), seed_(seed) {}
 
-  void run(State& state, Database* database) {
+  void run(TableContents& state, Database* database) {
     const std::string mark = "transaction " + std::to_string(seed_);
     for (const char* name : {"one", "other"}) add(state, database, name, mark);
     for (size_t count = below(6); count > 0; --count) {
@@ -80,14 +59,15 @@ class RandomTransaction {
   static std::ptrdiff_t offset(size_t at) { return static_cast<std::ptrdiff_t>(at); }
   std::string text() { return std::string(below(200), static_cast<char>('a' + below(26))); }
 
-  void add(State& state, Database* database, const std::string& name, const std::string& payload) {
+  void add(TableContents& state, Database* database, const std::string& name,
+           const std::string& payload) {
     const uint64_t id = seed_ * 64 + ++added_;
     state[name].records.emplace_back(id, payload);
     if (database != nullptr) database->table(name).add_with_id(Id{id}, payload);
   }
 
-  void changeOne(State& state, Database* database, const std::string& name) {
-    Content& content = state[name];
+  void changeOne(TableContents& state, Database* database, const std::string& name) {
+    TableContent& content = state[name];
     const std::string payload = text();
     const size_t kind = below(8);
     if (kind == 0) {
@@ -123,7 +103,7 @@ struct Message {
 // The child: commits until it is killed, or has done what it had to.
 class Committer {
  public:
-  Committer(int pipe, State state) : pipe_(pipe), state_(std::move(state)) {}
+  Committer(int pipe, TableContents state) : pipe_(pipe), state_(std::move(state)) {}
 
   void run(const std::filesystem::path& path, qvdb::Durability durability, uint64_t firstSeed) {
     Database database =
@@ -143,7 +123,7 @@ class Committer {
   }
 
   int pipe_;
-  State state_;
+  TableContents state_;
 };
 
 class KilledTransactions : public testing::Test {
@@ -153,7 +133,7 @@ class KilledTransactions : public testing::Test {
     Database database = Database::create(path_);
     for (const char* name : {"one", "other"}) database.add_table(name);
     database.close();
-    state_ = stateOf(readFile(path_));
+    state_ = tableContentsOf(readFile(path_));
   }
 
   // Ends by a signal of its own before a call to the host, or is killed from here.
@@ -209,7 +189,7 @@ class KilledTransactions : public testing::Test {
       file = file.with(static_cast<size_t>(write.position),
                        Bytes(write.bytes.begin(), write.bytes.end()));
     }
-    const State found = stateOf(file);
+    const TableContents found = tableContentsOf(file);
     if (underWay_ && found != state_) {
       RandomTransaction(*underWay_).run(state_, nullptr);
       ++wholeUnderWay_;
@@ -229,7 +209,7 @@ class KilledTransactions : public testing::Test {
     EXPECT_GE(std::filesystem::file_size(path_), before);
     const Bytes file = readFile(path_);
     EXPECT_EQ(file.at(4558, 24), Bytes().zeros(24));
-    EXPECT_EQ(stateOf(file), state_);
+    EXPECT_EQ(tableContentsOf(file), state_);
   }
 
   TempFolder folder_;
@@ -253,7 +233,7 @@ class KilledTransactions : public testing::Test {
     return true;
   }
 
-  State state_;
+  TableContents state_;
   uint64_t nextSeed_ = 1;
   std::optional<uint64_t> underWay_;
 };
@@ -312,7 +292,7 @@ TEST_F(KilledTransactions, AreWholeAfterACFunctionOfTheSameProgram) {
       ::waitpid(child, &status, 0);
       ASSERT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0) << WEXITSTATUS(status);
       Database::open(path_, qvdb::Mode::exclusive).close();
-      const State found = stateOf(readFile(path_));
+      const TableContents found = tableContentsOf(readFile(path_));
       const auto& records = found.at("one").records;
       const bool isAfter = std::any_of(records.begin(), records.end(),
                                        [](const auto& record) { return record.first == 4; });
