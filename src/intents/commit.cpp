@@ -151,8 +151,8 @@ Commit CommitLog::takeBack(int64_t position) {
   return commit;
 }
 
-// A run ends where something else than its next intent begins, where somebody else has written to
-// the file (what is there is then not what the intents say), and after so many commits. Blocks that
+// A run ends where something other than its next intent follows, where others have written to the
+// file (what is there is then not what the intents say), and after so many commits. Blocks that
 // were written early have to be on the device before an intent can be seen that names them.
 bool CommitLog::beginRun(const internal_Head1& header, int64_t position, bool hasSpilled) {
   const bool isAlone = platform::writesHere(file_) == ownWrites_ + otherWrites_;
