@@ -223,6 +223,12 @@ TEST_F(ToolDiff, APatchMustFitOrNothingChanges) {
   bad("{}\n", "a patch begins with");
   bad(patch.substr(0, patch.size() - 16), "");
   bad(patch + "{}\n", "nothing may follow");
+  const size_t afterTable = patch.find('\n', patch.find("\"table\"")) + 1;
+  const std::string withData =
+      R"({"op":"data","was":"3a6eb0790f39ac87c94f3856b2dd2c5d110e6811602261a9a923d3bb23adc8b7",)"
+      R"("capacity":1,"text":"abc"})"
+      "\n";
+  bad(patch.substr(0, afterTable) + withData, "\"capacity\" is less than the size");
   // Changed elsewhere, it fits.
   {
     auto database = Database::open(path("c.qvd"), Mode::exclusive);

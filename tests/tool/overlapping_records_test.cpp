@@ -38,6 +38,21 @@ class OverlappingRecords : public ToolTest {
     return sum;
   }
 
+  // A patch that keeps every record of the table.
+  std::string patchOfNothing() {
+    const std::string id = nlohmann::json::parse(line({"info", "--json", "test.qvd"}))["id"];
+    return R"({"qvdb":"patch","format":1,"of":")" + id +
+           R"(","signature":"QVdb","version":100,"id":")" + id + R"("})" +
+           "\n"
+           R"({"table":"files","id":"0x0000000000000011","version":100,"flags":[0,0],)"
+           R"("from":"0x0000000000000011"})"
+           "\n"
+           R"({"end":"table"})"
+           "\n"
+           R"({"end":"patch"})"
+           "\n";
+  }
+
   static constexpr size_t kHeadLength = 55;
   static constexpr size_t kDataLength = 47;
   uint64_t together = 0;
@@ -71,22 +86,24 @@ TEST_F(OverlappingRecords, AreNotWrittenForOtherProgramsBeyondTheSizeOfTheFile) 
 }
 
 TEST_F(OverlappingRecords, AreNotCopiedByAPatch) {
-  const std::string head = line({"info", "--json", "test.qvd"});
-  const std::string id = nlohmann::json::parse(head)["id"];
-  const std::string patch =
-      R"({"qvdb":"patch","format":1,"of":")" + id + R"(","signature":"QVdb","version":100,"id":")" +
-      id + R"("})" +
-      "\n"
-      R"({"table":"files","id":"0x0000000000000011","version":100,"flags":[0,0],)"
-      R"("from":"0x0000000000000011"})"
-      "\n"
-      R"({"end":"table"})"
-      "\n"
-      R"({"end":"patch"})"
-      "\n";
   const Bytes before = contents();
-  fails({"patch", "test.qvd"}, 1, {"test.qvd", "overlap", "qvdb check"}, patch);
+  fails({"patch", "test.qvd"}, 1, {"test.qvd", "overlap", "qvdb check"}, patchOfNothing());
   EXPECT_EQ(contents(), before);
+}
+
+// A record of five bytes, which says that two gigabytes are reserved for it.
+TEST_F(OverlappingRecords, ASingleOneThatClaimsMoreThanTheFileIsNotCopiedByAPatch) {
+  FileImage image;
+  const size_t table = image.addTable("files", 0x11);
+  const int64_t position = image.addRecord(table, 1, bytesOf("small"));
+  Bytes file = image.build();
+  file.putBe(static_cast<size_t>(position) + kDataLength + 4, 4, 0x7FFF'FFFF);
+  writeFile(path(), file);
+  fails({"patch", "test.qvd"}, 1,
+        {"test.qvd", "cannot be patched", "record 0x0000000000000001",
+         "claims more bytes than the file has", "qvdb salvage"},
+        patchOfNothing());
+  EXPECT_EQ(contents(), file);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "commands/locate.h"
 #include "commands/payload_limit.h"
 #include "content/category_text.h"
+#include "content/claimed_space.h"
 #include "content/file_entry_text.h"
 #include "format/layout.h"
 #include "streams/failure.h"
@@ -48,19 +49,10 @@ void writePieces(uint64_t size, const ReadPart& read, JsonLines& lines) {
   }
 }
 
-[[noreturn]] void refuse(const Database& database, const std::string& why) {
-  throw Failure(
-      database.path().native() + ": cannot be dumped: " + why +
-      "; 'qvdb check' shows what else is wrong, 'qvdb salvage' writes a file without that");
-}
+constexpr const char* kRefusal = "cannot be dumped";
 
-// Loading a claim would fill the disk.
-void requireSpace(const Database& database, int64_t position, uint32_t capacity,
-                  const std::function<std::string()>& what, uint64_t* fileSize) {
-  const uint64_t end = static_cast<uint64_t>(position) + capacity;
-  if (end < *fileSize) return;
-  *fileSize = database.info().file_size;
-  if (end >= *fileSize) refuse(database, what() + " claims more bytes than the file has");
+[[noreturn]] void refuse(const Database& database, const std::string& why) {
+  refuseSource(database, kRefusal, why);
 }
 
 // ---- table data
@@ -96,10 +88,7 @@ void writeBytesOf(const Table& table, uint32_t size, JsonLines& lines) {
 
 void writeCapacity(const Database& database, const Table& table, uint32_t size, JsonLines& lines) {
   const uint32_t capacity = table.data_capacity().value_or(size);
-  uint64_t fileSize = 0;
-  requireSpace(
-      database, table.info().data_position, capacity,
-      [&] { return "the data of table '" + table.name() + "'"; }, &fileSize);
+  ClaimedSpace(database, kRefusal).requireData(table);
   if (capacity != size) lines.number("capacity", capacity);
 }
 
@@ -139,16 +128,14 @@ uint64_t writeTable(const Database& database, const Table& table, const DumpSele
   const bool mayBeCategory = isCategoryTable(info.name);
   uint64_t count = 0;
   uint64_t lastWritten = 0;
-  uint64_t fileSize = 0;
+  ClaimedSpace space(database, kRefusal);
   for (const Record& record : table.records(walkOf(selection))) {
     throwIfInterrupted();
     if (selection.since && record.info().modify_time < *selection.since) continue;
     if (record.info().capacity < record.size()) {
       refuse(database, "record " + to_string(record.id()) + " has more bytes than capacity");
     }
-    requireSpace(
-        database, record.info().data_position, record.info().capacity,
-        [&] { return "record " + to_string(record.id()); }, &fileSize);
+    space.require(record);
     limit.count(table, record, "'qvdb salvage' writes a file without it");
     ++count;
     if (record.info().position == info.last_written_record_position) lastWritten = count;

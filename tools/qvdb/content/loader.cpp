@@ -46,10 +46,6 @@ std::string payloadOfCategory(Members& line) {
   return *std::move(payload);
 }
 
-void requireCapacity(const std::optional<uint32_t>& capacity, uint64_t size) {
-  if (capacity && *capacity < size) throw BadLine("\"capacity\" is less than the size");
-}
-
 uint16_t modeOf(const std::string& text) {
   uint32_t mode = 0;
   const bool isOctal =
@@ -74,6 +70,10 @@ NewRecord RecordLine::newRecord() const {
   record.checksum = hasChecksum ? Checksum::yes : Checksum::no;
   if (hasChecksum) record.reserve -= qvdbase::format::kChecksumCapacity;
   return record;
+}
+
+void requireCapacity(const std::optional<uint64_t>& capacity, uint64_t size) {
+  if (capacity && *capacity < size) throw BadLine("\"capacity\" is less than the size");
 }
 
 RecordLine takeRecord(Members& members) {

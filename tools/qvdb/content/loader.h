@@ -27,6 +27,9 @@ struct RecordLine {
   NewRecord newRecord() const;
 };
 
+// Throws BadLine where the capacity is less than the size.
+void requireCapacity(const std::optional<uint64_t>& capacity, uint64_t size);
+
 // Takes the members of the record. Throws BadLine.
 RecordLine takeRecord(Members& members);
 

@@ -12,6 +12,7 @@
 #include "command_line/command.h"
 #include "commands/locate.h"
 #include "commands/payload_limit.h"
+#include "content/claimed_space.h"
 #include "content/digests.h"
 #include "content/dump_writer.h"
 #include "content/loader.h"
@@ -66,6 +67,7 @@ struct Patcher::State {
   bool sync;
   Database old;
   PayloadLimit kept{old};
+  ClaimedSpace space{old, "cannot be patched"};
   Database made;    // unplaced
   Database pieces;  // unplaced, never placed
   Place place = Place::head;
@@ -203,6 +205,7 @@ void Patcher::State::takeData(Members& members) {
   const auto size = members.numberIfThere("size", UINT32_MAX);
   data = members.bytes("text", "base64");
   members.requireNoOther();
+  requireCapacity(capacity, size.value_or(data.size()));
   dataCapacity = static_cast<uint32_t>(capacity.value_or(0));
   if (!size) {
     to->set_data(viewOf(data), dataCapacity);
@@ -300,6 +303,7 @@ void Patcher::State::takeMove(Members& members) {
 // What the patch says nothing about stays.
 void Patcher::State::keepData() {
   if (!from || hasNewData || !requireDataSize(old, *from)) return;
+  space.requireData(*from);
   to->set_data(*from->data(), from->data_capacity().value_or(0));
 }
 
@@ -315,6 +319,7 @@ void Patcher::State::writeRecords() {
       copyRecord(records[noted], out, buffer);
     } else {
       const Record record = from->find(*id).value();
+      space.require(record);
       kept.count(*from, record, "'qvdb salvage' writes a file without it");
       copyRecord(record, out, buffer);
     }
