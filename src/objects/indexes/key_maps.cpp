@@ -2,6 +2,7 @@
 #include "objects/indexes/key_maps.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <utility>
@@ -20,6 +21,35 @@ bool isBefore(const OrderedKeys::Place& a, const OrderedKeys::Place& b) {
 
 bool isSame(const OrderedKeys::Place& a, const OrderedKeys::Place& b) {
   return a.position == b.position && a.key == b.key;
+}
+
+bool isBefore(int64_t a, int64_t b) {
+  return a < b;
+}
+
+bool isSame(int64_t a, int64_t b) {
+  return a == b;
+}
+
+// Adds to what memory has, `found`, what the file has and what was not dropped since: in order,
+// each once, `most` in all. `listFile` appends `most` entries of the file at most, after the one
+// given.
+template <typename Item, typename ListFile, typename IsDropped>
+void addKept(Item from, size_t most, std::vector<Item>* found, const ListFile& listFile,
+             const IsDropped& isDropped) {
+  const size_t inMemory = found->size();
+  for (std::vector<Item> some; found->size() < inMemory + most; from = some.back()) {
+    some.clear();
+    listFile(from, &some);
+    std::remove_copy_if(some.begin(), some.end(), std::back_inserter(*found), isDropped);
+    if (some.size() < most) break;
+  }
+  std::sort(found->begin(), found->end(),
+            [](const Item& a, const Item& b) { return isBefore(a, b); });
+  found->erase(std::unique(found->begin(), found->end(),
+                           [](const Item& a, const Item& b) { return isSame(a, b); }),
+               found->end());
+  if (found->size() > most) found->resize(most);
 }
 
 }  // namespace
@@ -92,20 +122,11 @@ void KeyMaps::list(std::string_view key, int64_t after, size_t most,
   if (kept_ == nullptr) return map_.list(hash, after, most, positions);
   std::vector<int64_t> found;
   map_.list(hash, after, most, &found);
-  const size_t inMemory = found.size();
-  std::vector<int64_t> some;
-  for (int64_t from = after; found.size() < inMemory + most; from = some.back()) {
-    some.clear();
-    kept_->list(hash, from, most, &some);
-    if (some.empty()) break;
-    std::copy_if(some.begin(), some.end(), std::back_inserter(found),
-                 [&](int64_t position) { return !dropped_.contains(hash, position); });
-    if (some.size() < most) break;
-  }
-  std::sort(found.begin(), found.end());
-  found.erase(std::unique(found.begin(), found.end()), found.end());
-  const auto count = static_cast<ptrdiff_t>(std::min(most, found.size()));
-  positions->insert(positions->end(), found.begin(), found.begin() + count);
+  addKept(
+      after, most, &found,
+      [&](int64_t from, std::vector<int64_t>* some) { kept_->list(hash, from, most, some); },
+      [&](int64_t position) { return dropped_.contains(hash, position); });
+  positions->insert(positions->end(), found.begin(), found.end());
 }
 
 void KeyMaps::listKeys(const Place& after, const std::string* to, size_t most,
@@ -113,21 +134,11 @@ void KeyMaps::listKeys(const Place& after, const std::string* to, size_t most,
   if (kept_ == nullptr) return ordered_.list(after, to, most, places);
   std::vector<Place> found;
   ordered_.list(after, to, most, &found);
-  const size_t inMemory = found.size();
-  std::vector<Place> some;
-  for (Place from = after; found.size() < inMemory + most; from = some.back()) {
-    some.clear();
-    kept_->listKeys(from, to, most, &some);
-    if (some.empty()) break;
-    std::copy_if(some.begin(), some.end(), std::back_inserter(found), [&](const Place& place) {
-      return !dropped_.contains(hashOf(place.key), place.position);
-    });
-    if (some.size() < most) break;
-  }
-  std::sort(found.begin(), found.end(), isBefore);
-  found.erase(std::unique(found.begin(), found.end(), isSame), found.end());
-  const auto count = static_cast<ptrdiff_t>(std::min(most, found.size()));
-  std::move(found.begin(), found.begin() + count, std::back_inserter(*places));
+  addKept(
+      after, most, &found,
+      [&](const Place& from, std::vector<Place>* some) { kept_->listKeys(from, to, most, some); },
+      [&](const Place& place) { return dropped_.contains(hashOf(place.key), place.position); });
+  std::move(found.begin(), found.end(), std::back_inserter(*places));
 }
 
 size_t KeyMaps::size() const {
