@@ -253,7 +253,9 @@ TEST_F(ToolDump, WritesTheRowsThatExportWritesForCopy) {
 TEST_F(ToolDump, LoadsNothingOverAFileThatExists) {
   makeDatabase();
   const std::string dump = done({"dump", kDefaultFile});
-  expectUnchanged([&] { fails({"load", kDefaultFile}, 1, {kDefaultFile, "exists"}, dump); });
+  expectUnchanged([&] {
+    fails({"load", kDefaultFile}, 1, {kDefaultFile, "exists already", "remove it first"}, dump);
+  });
   writeFile(path("empty.qvd"), {});
   done({"load", "empty.qvd"}, dump);
 }

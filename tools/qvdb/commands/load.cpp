@@ -37,6 +37,9 @@ int run(const Options& options) {
   } catch (const BadLine& bad) {
     throw Failure(reader.about(bad.what()) + std::string("; nothing was loaded"));
   } catch (const Error& error) {
+    if (error.reason() == Reason::file_exists) {
+      throw Failure(options.file + ": exists already; choose another name, or remove it first");
+    }
     if (!isAboutTheInput(error.reason())) throw;
     throw Failure(reader.about(error.what()) + std::string("; nothing was loaded"));
   }
