@@ -6,8 +6,8 @@
 // never names what is not linked yet.
 //
 // Links of records that were taken out are changed, too, as the operations have changed them: two
-// neighbours that left the chain together must not lead to each other, or who comes to one of them
-// by its position would take it for one of the chain.
+// neighbours that left the chain together must not lead to each other, or a program that comes to
+// one of them by its position would take it for one of the chain.
 #include "intents/gathering.h"
 
 #include <algorithm>
@@ -294,7 +294,7 @@ class Gathering {
 
   // A record that was taken out must not lead to a block that only the transaction has ever linked:
   // where a part of the patches is made, programs come there. It leads to what follows the nearest
-  // record on its other side that stays, so that who goes on from it misses none.
+  // record on its other side that stays, so that a walk that goes on from it misses none.
   void leadToLinked(const tablePart1& table, Link* link) const {
     constexpr int kMostSteps = 100'000;
     const int64_t wanted = numberIn(link->place.after);

@@ -60,7 +60,7 @@ class PlaceCheck {
   bool isAllowed(const format::IntentEntry& entry) {
     if (entry.slot >= kMostTables) return false;
     if (entry.kind == format::EntryKind::guardByHash) {
-      // One for each table: more would only keep who opens the file busy.
+      // One for each table: more would only keep an opener busy.
       const auto guarded = format::loadBigEndian<uint32_t>(entry.before.data());
       return hashed_.insert(entry.slot).second && entry.position >= format::kNewFileSize &&
              entry.position <= intent_.position &&

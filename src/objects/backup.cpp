@@ -134,7 +134,7 @@ class Backup {
       if (finding.severity != Severity::error || !first.empty()) return;
       first = check::inSentence(finding);
     };
-    // Who opens it to write completes what a crash has left in the file.
+    // What a crash has left in the file is completed by the next opener that writes.
     const survey::CompletedSource completed(copied);
     const CheckReport found = check::checkSurvey(completed, survey::makeSurvey(completed), note);
     report_.size = found.file_size;

@@ -131,7 +131,7 @@ TEST_F(HostileIntents, APatchThatIsTornAnywhereIsCompletedOrReported) {
         } else {
           ++reported;
         }
-        // Who knows that nobody else has written can have it completed.
+        // A caller that knows of no other writer can have it completed.
         const RecoveryPlan byBytes = planOf(file, Judging::byBytes);
         ASSERT_TRUE(byBytes.contradicted.empty()) << patch << ' ' << count;
         ASSERT_EQ(contentsOf(carriedOut(file, byBytes)), after_) << patch << ' ' << count;

@@ -60,8 +60,8 @@ using DataEdit = std::function<void(std::span<std::byte> data)>;
 // bytes: the new file has them so from the beginning. What it throws ends the operation.
 //
 // Throws as history() and salvage() do; record_missing when there is no such version; cannot_read
-// when trim() has given its payload back; bad_argument
-// when the record is in use and no offset is given.
+// when trim() has given its payload back; bad_argument when the record is in use and no offset is
+// given.
 QVDBASE_API SalvageReport undelete(const std::filesystem::path& source,
                                    const std::filesystem::path& target, std::string_view table,
                                    Id record, std::optional<int64_t> offset = std::nullopt,
