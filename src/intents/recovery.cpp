@@ -5,8 +5,6 @@
 // plan.
 #include "intents/recovery.h"
 
-#include <algorithm>
-
 #include "format/intent.h"
 #include "intents/file_io.h"
 #include "platform/handles/open_files.h"
@@ -15,12 +13,6 @@
 
 namespace qvdbase::intents {
 namespace {
-
-bool isContradicted(const FoundIntent& intent, const RecoveryPlan& plan) {
-  return intent.isWhole && std::any_of(intent.slots.begin(), intent.slots.end(), [&](int slot) {
-           return plan.contradicted.count(slot) != 0;
-         });
-}
 
 bool markContradicted(int16_t file, const FoundIntent& intent) {
   constexpr unsigned char kState = format::kIntentContradicted;
@@ -33,7 +25,7 @@ bool carryOut(int16_t file, const RecoveryPlan& plan) {
     if (!writeAt(file, write.position, write.bytes.data(), write.bytes.size())) return false;
   }
   for (const FoundIntent& intent : plan.intents) {
-    if (isContradicted(intent, plan) && !markContradicted(file, intent)) return false;
+    if (plan.contradicts(intent) && !markContradicted(file, intent)) return false;
   }
   constexpr format::WordBytes kNoWord{};
   return platform::syncFileData(file) &&

@@ -10,6 +10,7 @@
 // nothing of it is written.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <set>
@@ -60,6 +61,13 @@ struct RecoveryPlan {
   std::set<int> contradicted;        // slots of tables of which nothing is written
 
   bool hasWork() const { return pending == Pending::open || pending == Pending::damagedWord; }
+
+  // Whether an intent was committed and is not completed in one of its tables: recovery marks it.
+  bool contradicts(const FoundIntent& intent) const {
+    return intent.isWhole &&
+           std::any_of(intent.slots.begin(), intent.slots.end(),
+                       [this](int slot) { return contradicted.count(slot) != 0; });
+  }
 };
 
 // How strictly a place is judged that was torn: by whole sectors, which is what devices write as

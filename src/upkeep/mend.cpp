@@ -8,6 +8,7 @@
 #include "failure/failure.h"
 #include "format/fields.h"
 #include "handle/database_handle.h"
+#include "handle/open_intents.h"
 #include "platform/handles/cutting.h"
 #include "platform/handles/open_files.h"
 #include "platform/host/cancellation.h"
@@ -33,9 +34,7 @@ class Mending {
   Mending(const std::filesystem::path& path, const MendOptions& options)
       : path_(path),
         options_(options),
-        database_(path, DatabaseHandle::exclusive,
-                  options.dry_run ? DatabaseHandle::Intents::stay
-                                  : DatabaseHandle::Intents::areCompleted) {
+        database_(path, DatabaseHandle::exclusive, DatabaseHandle::Intents::stay) {
     database_.requireAlone(kOperation);
   }
 
@@ -44,7 +43,7 @@ class Mending {
     {
       OpenedFile file(database_.number(), path_, kOperation);
       file.watch();
-      plan_ = planMend(file.source(), options_.cut_off);
+      plan_ = planMend(file.source(), file.openTransactions(), options_.cut_off);
       file.requireUnchanged(path_, kOperation);
     }
     if (plan_.unreadableAt >= 0) {
@@ -66,6 +65,7 @@ class Mending {
   }
 
   void write() {
+    completeIntents(database_.number(), path_, kOperation);
     platform::forgetHostFailure();
     for (const Patch& patch : plan_.patches) writePatch(patch);
     if (plan_.size < static_cast<int64_t>(database_.fileLength(kOperation))) cut();

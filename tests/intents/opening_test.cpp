@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 #include <qvdbase/qvdb.hpp>
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "intents/commit.h"
 #include "intents/staged_transactions.h"
@@ -14,8 +16,19 @@
 namespace qvdbase::test {
 namespace {
 
+// The codes of the findings of qvdb::check.
+std::set<std::string> codesOf(const std::filesystem::path& file) {
+  std::set<std::string> codes;
+  static_cast<void>(
+      qvdb::check(file, [&](const qvdb::Finding& finding) { codes.insert(finding.code); }));
+  return codes;
+}
+
 class OpeningAfterACrash : public DatabaseTest {
  protected:
+  // What the transaction adds.
+  virtual std::vector<std::string> added() const { return {"committed"}; }
+
   // A file as it is when the process ends right after the sync of a commit.
   void SetUp() override {
     const int16_t db = create();
@@ -25,7 +38,7 @@ class OpeningAfterACrash : public DatabaseTest {
     const Bytes before = contents();
     writeFile(path("after.qvd"), before);
     const int16_t other = open("after.qvd");
-    addRecord(other, table, bytesOf("committed"));
+    for (const std::string& each : added()) addRecord(other, table, bytesOf(each));
     close(other);
     after_ = contentsOf(contents("after.qvd"));
     const int16_t again = open();
@@ -65,8 +78,10 @@ TEST_F(OpeningAfterACrash, CompletesItForWritersThatShareTheFile) {
 
 TEST_F(OpeningAfterACrash, CompletesItBeforeRepairAndMend) {
   const Bytes crashed = contents();
-  EXPECT_TRUE(qvdb::mend(path()).steps.empty());
+  EXPECT_EQ(qvdb::mend(path()).steps,
+            std::vector<std::string>{"1 transaction that was committed is completed: 2 places"});
   expectComplete();
+  EXPECT_TRUE(qvdb::mend(path()).steps.empty());
   writeFile(path(), crashed);
   static_cast<void>(qvdb::repair(path()));
   expectComplete();
@@ -74,8 +89,81 @@ TEST_F(OpeningAfterACrash, CompletesItBeforeRepairAndMend) {
 
 TEST_F(OpeningAfterACrash, LeavesTheFileAloneWhenItOnlyAsks) {
   const Bytes crashed = contents();
-  EXPECT_TRUE(qvdb::mend(path(), {.dry_run = true}).steps.empty());
+  EXPECT_EQ(qvdb::mend(path(), {.dry_run = true}).steps,
+            std::vector<std::string>{"1 transaction that was committed is completed: 2 places"});
   EXPECT_TRUE(sameBytes(contents(), crashed));
+}
+
+// A C function that adds a record between the crash and the mend.
+class ContradictedTransaction : public OpeningAfterACrash {
+ protected:
+  std::vector<std::string> added() const override { return {"first", "second", "committed"}; }
+
+  void SetUp() override {
+    OpeningAfterACrash::SetUp();
+    const int16_t db = open();
+    addRecord(db, FindTableByName(db, "notes"), bytesOf("of another program"));
+    close(db);
+  }
+
+  std::vector<std::string> payloads() {
+    std::vector<std::string> found;
+    const Bytes file = contents();
+    const ReadDatabase database = readDatabase(file);
+    for (const ReadRecord& record : database.tables.at(0).records) {
+      found.push_back(record.fields.data().str());
+    }
+    return found;
+  }
+};
+
+TEST_F(ContradictedTransaction, IsMendedOnceTheCallerHasSaidHow) {
+  const Bytes crashed = contents();
+  for (const bool isDry : {true, false}) {
+    try {
+      static_cast<void>(qvdb::mend(path(), {.dry_run = isDry}));
+      ADD_FAILURE() << "mended";
+    } catch (const qvdb::Error& error) {
+      EXPECT_EQ(error.reason(), qvdb::Reason::damaged);
+      EXPECT_NE(std::string(error.what()).find("X3"), std::string::npos) << error.what();
+    }
+    EXPECT_EQ(contents(), crashed);
+  }
+  for (const bool isOpenedBefore : {false, true}) {
+    for (const auto cutOff : {qvdb::CutOffWrites::link, qvdb::CutOffWrites::discard}) {
+      writeFile(path(), crashed);
+      if (isOpenedBefore) qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
+      EXPECT_TRUE(codesOf(path()).contains("X3"));
+      const auto steps = qvdb::mend(path(), {.cut_off = cutOff, .dry_run = true}).steps;
+      EXPECT_TRUE(codesOf(path()).contains("X3"));
+      EXPECT_EQ(qvdb::mend(path(), {.cut_off = cutOff}).steps, steps);
+      EXPECT_NE(steps.back().find("counts as finished"), std::string::npos) << steps.back();
+      std::vector<std::string> expected = {"before", "of another program"};
+      if (cutOff == qvdb::CutOffWrites::link) {
+        expected.insert(expected.end(), {"first", "second", "committed"});
+      }
+      EXPECT_EQ(payloads(), expected);
+      const auto codes = codesOf(path());
+      EXPECT_FALSE(codes.contains("X3") || codes.contains("X2"));
+      EXPECT_TRUE(checkFile(contents()).empty()) << describe(checkFile(contents()));
+      EXPECT_TRUE(qvdb::mend(path()).steps.empty());
+    }
+  }
+}
+
+TEST_F(ContradictedTransaction, IsSalvagedAsAWhole) {
+  const Bytes crashed = contents();
+  for (const bool isOpenedBefore : {false, true}) {
+    writeFile(path(), crashed);
+    if (isOpenedBefore) qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
+    static_cast<void>(qvdb::salvage(path(), path("salvaged.qvd")));
+    writeFile(path(), contents("salvaged.qvd"));
+    std::filesystem::remove(path("salvaged.qvd"));
+    std::vector<std::string> found = payloads();
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(found, (std::vector<std::string>{"before", "committed", "first", "of another program",
+                                               "second"}));
+  }
 }
 
 TEST_F(OpeningAfterACrash, ReportsWhatTheSystemRefuses) {
@@ -104,14 +192,6 @@ TEST_F(OpeningAfterACrash, ClearsADamagedWord) {
   writeFile(path(), damaged);
   qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
   EXPECT_EQ(contents(), damaged.with(4558, Bytes().zeros(24)));
-}
-
-// The codes of the findings of qvdb::check.
-std::set<std::string> codesOf(const std::filesystem::path& file) {
-  std::set<std::string> codes;
-  static_cast<void>(
-      qvdb::check(file, [&](const qvdb::Finding& finding) { codes.insert(finding.code); }));
-  return codes;
 }
 
 TEST_F(OpeningAfterACrash, IsNotNeededToCheckOrToCopy) {

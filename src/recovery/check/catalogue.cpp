@@ -179,7 +179,8 @@ constexpr FindingCode kCodes[] = {
      "interface; one that is running does it by itself"},
     {"X3", error, "a transaction was not completed in a table that another program has changed",
      "nothing; what the transaction has added to that table is not in it",
-     "'qvdb salvage' takes its blocks like those of other records that are not linked"},
+     "'qvdb mend --link' adds these records to the table, 'qvdb mend --discard' drops them; "
+     "'qvdb salvage' writes a new file that has them"},
     {"X4", information, "a transaction that was never committed", kNothing, kPack},
     {"X5", warning, "the word that leads to open transactions is damaged, or leads to none",
      "completing transactions that a crash has left, if there are any",

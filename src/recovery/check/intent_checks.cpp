@@ -15,11 +15,6 @@ using intents::FoundIntent;
 using intents::Pending;
 using intents::RecoveryPlan;
 
-bool isContradicted(const RecoveryPlan& plan, const FoundIntent& intent) {
-  return std::any_of(intent.slots.begin(), intent.slots.end(),
-                     [&](int slot) { return plan.contradicted.count(slot) != 0; });
-}
-
 void checkOpen(Check& check, const RecoveryPlan& plan) {
   uint64_t open = 0;
   for (const FoundIntent& intent : plan.intents) {
@@ -29,7 +24,7 @@ void checkOpen(Check& check, const RecoveryPlan& plan) {
                         " was never committed: its blocks are not whole.");
     } else {
       ++open;
-      if (!isContradicted(plan, intent)) continue;
+      if (!plan.contradicts(intent)) continue;
       check.error("X3", about, "The transaction at ", intent.position,
                   " is committed, but another program has changed a table since in which it is not "
                   "in place.");
@@ -40,18 +35,13 @@ void checkOpen(Check& check, const RecoveryPlan& plan) {
                 " committed, but not in place yet.");
 }
 
-// Where an intent says that it was given up.
-bool wasContradicted(const Check& check, const Block& block) {
-  unsigned char state = 0;
-  return block.dataThere() > format::intent::kState &&
-         check.source.readAll(block.dataPos() + format::intent::kState, &state, 1) &&
-         state == format::kIntentContradicted;
-}
-
 void checkFinished(Check& check, const RecoveryPlan& plan) {
   uint64_t count = 0;
   uint64_t bytes = 0;
   int64_t first = -1;
+  const auto wasContradicted = [&](const Block& block) {
+    return std::ranges::binary_search(check.survey.contradicted, block.position);
+  };
   for (const Block& block : check.survey.blocks) {
     if (!check.survey.isIntent(block)) continue;
     const bool isOpen =
@@ -61,7 +51,7 @@ void checkFinished(Check& check, const RecoveryPlan& plan) {
     ++count;
     bytes += static_cast<uint64_t>(block.end - block.position);
     if (first < 0 || block.position < first) first = block.position;
-    if (isOpen || !wasContradicted(check, block)) continue;
+    if (isOpen || !wasContradicted(block)) continue;
     check.error("X3", inBlock(nullptr, block), "The transaction at ", block.position,
                 " was not completed in a table that another program had changed.");
   }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 #include <set>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -11,6 +12,7 @@
 #include "recovery/check/parts.h"
 #include "recovery/mend/chain_completion.h"
 #include "recovery/mend/left_over.h"
+#include "recovery/mend/open_transactions.h"
 #include "recovery/salvage/plan.h"
 #include "recovery/survey/packed_data.h"
 #include "recovery/survey/words.h"
@@ -199,13 +201,23 @@ void verify(const ByteSource& source, const Survey& before, const Records& gone,
   const PatchedSource mended(source, plan->patches, plan->size);
   const Survey survey = makeSurvey(mended);
   plan->unreadableAt = survey.unreadableAt;
-  std::string first;
+  std::string damage;
+  std::string contradiction;
   const auto note = [&](const qvdb::Finding& finding) {
-    const bool isError = finding.severity == qvdb::Severity::error;
-    if (isError && first.empty()) first = check::inSentence(finding);
+    if (finding.severity != qvdb::Severity::error) return;
+    std::string& first = std::string_view(finding.code) == "X3" ? contradiction : damage;
+    if (first.empty()) first = check::inSentence(finding);
   };
-  if (check::checkSurvey(mended, survey, note).errors > 0) {
-    plan->refusal = joined("it has damage that no interrupted operation leaves (", first, ")");
+  static_cast<void>(check::checkSurvey(mended, survey, note));
+  if (!damage.empty()) {
+    plan->refusal = joined("it has damage that no interrupted operation leaves (", damage, ")");
+    return;
+  }
+  if (!contradiction.empty()) {
+    plan->refusal = joined(
+        "it is for the caller to choose whether what a transaction has added is linked or "
+        "discarded (",
+        contradiction, ")");
     return;
   }
   const Records after = salvageable(survey);
@@ -220,8 +232,11 @@ void verify(const ByteSource& source, const Survey& before, const Records& gone,
 
 class Planner {
  public:
-  Planner(const ByteSource& source, CutOffWrites cutOff)
-      : source_(source), cutOff_(cutOff), survey_(makeSurvey(source)) {}
+  Planner(const ByteSource& source, const intents::RecoveryPlan& transactions, CutOffWrites cutOff)
+      : source_(source),
+        transactions_(transactions),
+        cutOff_(cutOff),
+        survey_(makeSurvey(source)) {}
 
   MendPlan make() {
     plan_.size = survey_.size;
@@ -236,13 +251,26 @@ class Planner {
       plan_.refusal = "it is an unfinished pack; its source is complete";
       return;
     }
+    plan_.steps = completionOf(transactions_);
     if (cutOff_ == CutOffWrites::discard) cutEnd();
     for (const Table& table : survey_.tables) {
       if (survey_.slotOf(table).counted) mendTable(table);
     }
+    finishContradicted();
     // The slots last: what they count is then linked.
     for (Patch& slot : slots_) plan_.patches.push_back(std::move(slot));
     verify(source_, survey_, gone_, &plan_);
+  }
+
+  // Where the caller has decided what becomes of the blocks of a transaction that another program
+  // has contradicted, its mark has served its purpose.
+  void finishContradicted() {
+    if (cutOff_ == CutOffWrites::keep) return;
+    for (const int64_t position : survey_.contradicted) {
+      plan_.patches.push_back(unmarked(position));
+      step("the transaction at ", position,
+           ", which another program has contradicted, counts as finished");
+    }
   }
 
   const Block& block(uint32_t number) const { return survey_.blocks[number]; }
@@ -323,6 +351,7 @@ class Planner {
   }
 
   const ByteSource& source_;
+  const intents::RecoveryPlan& transactions_;
   const CutOffWrites cutOff_;
   const Survey survey_;
   MendPlan plan_;
@@ -332,8 +361,9 @@ class Planner {
 
 }  // namespace
 
-MendPlan planMend(const ByteSource& source, CutOffWrites cutOff) {
-  return Planner(source, cutOff).make();
+MendPlan planMend(const ByteSource& source, const intents::RecoveryPlan& transactions,
+                  CutOffWrites cutOff) {
+  return Planner(source, transactions, cutOff).make();
 }
 
 }  // namespace qvdbase::mend

@@ -15,6 +15,7 @@
 //     slot says
 //   a pack has left the position in the slot that    point it at the data
 //     the data had in the source
+//   transactions are committed, but not in place     complete them
 //
 // Before anything is written, the result is checked as a file would be: it must have no error, and
 // hold every record that a salvage would bring back, except those whose deletion is finished.
@@ -26,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "intents/recovery.h"
 #include "recovery/survey/byte_source.h"
 #include "recovery/survey/patched_source.h"
 #include "recovery/survey/survey.h"
@@ -42,6 +44,9 @@ struct MendPlan {
   uint64_t leftOverData = 0;       // of these, table data
 };
 
-MendPlan planMend(const survey::ByteSource& source, qvdb::CutOffWrites cutOff);
+// `source` is the file with its open transactions laid over it; completing these is the first step
+// of the plan, and not among its patches.
+MendPlan planMend(const survey::ByteSource& source, const intents::RecoveryPlan& transactions,
+                  qvdb::CutOffWrites cutOff);
 
 }  // namespace qvdbase::mend

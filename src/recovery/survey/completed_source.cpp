@@ -1,6 +1,8 @@
 // Laying the plan of a recovery over a source.
 #include "recovery/survey/completed_source.h"
 
+#include "format/intent.h"
+
 namespace qvdbase::survey {
 namespace {
 
@@ -16,12 +18,20 @@ class PlanReader : public intents::Reader {
   const ByteSource& source_;
 };
 
+// The mark that recovery leaves in an intent.
+Patch contradictionOf(int64_t intent) {
+  return {intent + format::record::kData + format::intent::kState, {format::kIntentContradicted}};
+}
+
 }  // namespace
 
 CompletedSource::CompletedSource(const ByteSource& source)
     : source_(source), plan_(intents::plan(PlanReader(source))) {
   for (const intents::PlannedWrite& write : plan_.writes) {
     patches_.push_back({write.position, write.bytes});
+  }
+  for (const intents::FoundIntent& intent : plan_.intents) {
+    if (plan_.contradicts(intent)) patches_.push_back(contradictionOf(intent.position));
   }
   if (!patches_.empty()) patched_.emplace(source_, patches_, source_.size());
 }

@@ -1,4 +1,4 @@
-// Step 5 of a survey: what became of each block.
+// Step 6 of a survey: what became of each block.
 //
 // Blocks are never changed after they leave the chain, and nothing is written over them. So a block
 // that its neighbours no longer name was taken out (whoever unlinks a block relinks its neighbours
@@ -276,6 +276,11 @@ class Labeller {
   void labelLastVersion(Block* version) {
     Block& last = *version;
     Remains& remains = remains_[last.owner];
+    if (last.isOfContradicted && last.grade == Grade::a && last.recordID != 0) {
+      last.label = Label::unlinked;
+      --remains.distinct;  // the slot does not count it
+      return;
+    }
     Evidence evidence = evidenceFor(survey_, last);
     // A block without neighbours is its table's only record or none at all.
     const bool isAlone = last.prev == 0 && last.next == 0;

@@ -24,6 +24,8 @@ class OpenedFile {
 
   // With what committed transactions have not put into place yet laid over it.
   const ByteSource& source() const { return *completed_; }
+  // Which these are, as far as source() has them.
+  const intents::RecoveryPlan& openTransactions() const { return completed_->plan(); }
   // The bytes as they are in the file.
   const ByteSource& rawSource() const { return *source_; }
   const platform::ReadOnlyFile& file() const { return file_; }

@@ -9,6 +9,7 @@ Survey makeSurvey(const ByteSource& source, const SurveyOptions& options) {
   followChains(source, &survey);
   layExtents(&survey);
   scanGaps(source, options, &survey);
+  noteTransactions(source, &survey);
   labelBlocks(&survey);
   findTrimmed(source, &survey);
   return survey;

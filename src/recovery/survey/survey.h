@@ -3,12 +3,13 @@
 //
 // It is made in this order:
 //
-//   1. directory.cpp   the header and every slot
-//   2. chains.cpp      both walks of each table's chain, and its table data
-//   3. extents.cpp     what the blocks so found cover, and where they overlap
-//   4. scanner.cpp     candidates for blocks in all bytes that are left; nested.cpp finds which of
-//                      them are parts of payloads
-//   5. labels.cpp      what each unreferenced block is: superseded, deleted, never linked, ...
+//   1. directory.cpp     the header and every slot
+//   2. chains.cpp        both walks of each table's chain, and its table data
+//   3. extents.cpp       what the blocks so found cover, and where they overlap
+//   4. scanner.cpp       candidates for blocks in all bytes that are left; nested.cpp finds which
+//                        of them are parts of payloads
+//   5. transactions.cpp  which blocks are of transactions that are not complete
+//   6. labels.cpp        what each unreferenced block is: superseded, deleted, never linked, ...
 //
 // No count and no length in the file is trusted: every walk ends at a block that it has passed, and
 // memory grows with the blocks that are really there.
@@ -125,6 +126,8 @@ struct Block {
   // a piece of its payload.
   bool isInTornBlock = false;
   bool isTrimmed = false;  // its payload was given back to the file system
+  // Of a transaction that is committed, and not complete in this table.
+  bool isOfContradicted = false;
 
   int64_t dataPos() const {
     return position +
@@ -230,6 +233,7 @@ struct Survey {
   std::vector<LeftoverRange> leftovers;
   std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others
   std::vector<int64_t> nestedDatabases;  // where databases seem to begin that are not this one
+  std::vector<int64_t> contradicted;     // intents with that mark, in file order
   int64_t unreadableAt = -1;             // the first position found that could not be read
   bool hasEqualRecords = false;          // walks reach two blocks of one record
 
@@ -307,6 +311,7 @@ void readDirectory(const ByteSource& source, const SurveyOptions& options, Surve
 void followChains(const ByteSource& source, Survey* survey);
 void layExtents(Survey* survey);
 void scanGaps(const ByteSource& source, const SurveyOptions& options, Survey* survey);
+void noteTransactions(const ByteSource& source, Survey* survey);
 void labelBlocks(Survey* survey);
 void findTrimmed(const ByteSource& source, Survey* survey);
 

@@ -78,6 +78,11 @@ counted, a back link to the place from which a record has moved, a deletion of w
 written. Where only one completion agrees with everything in the file, it is written: a few links
 and the table's slot. Table data that a pack has moved is found too.
 
+Transactions that were committed, but are not in place, are completed. Where another program has
+changed a table since in such a way that one cannot be, 'qvdb check' reports X3. --link then adds
+to that table what the transaction has added or changed, as far as no later version has replaced
+it; --discard drops that. Records that the transaction has removed from that table stay in it.
+
 The file is checked before, and so is the result: nothing is written unless the result has no
 errors and has every record that 'qvdb salvage' would find. All other damage is refused. A deletion
 that was begun is finished; 'qvdb undelete' brings its record back.
