@@ -185,6 +185,44 @@ TEST_F(ToolExportRows, WritesASqliteDatabase) {
   fails({"export", "--sqlite", "no/folder/out", "test.qvd"}, 1, {"no/folder"});
 }
 
+// SQLite would take what is in them for changes of the new database.
+TEST_F(ToolExportRows, WritesNoSqliteDatabaseBesideTheJournalOfAnother) {
+  make();
+  for (const char* suffix : {"-journal", "-wal"}) {
+    const std::string journal = std::string("rows.sqlite") + suffix;
+    std::filesystem::create_symlink("rows.sqlite", path("link"));
+    for (const bool exists : {false, true}) {
+      if (exists) writeFile(path("rows.sqlite"), bytesOf("SQLite's"));
+      writeFile(path(journal), bytesOf("changes"));
+      fails({"export", "--sqlite", "rows.sqlite", "--force", "test.qvd"}, 1,
+            {"rows.sqlite", journal, "remove both"});
+      if (exists)
+        fails({"export", "--sqlite", "link", "--force", "test.qvd"}, 1, {"link", journal});
+      EXPECT_EQ(text(journal), "changes");
+      EXPECT_EQ(std::filesystem::exists(path("rows.sqlite")), exists);
+    }
+    writeFile(path(journal), {});  // SQLite leaves an empty one, which means nothing
+    done({"export", "--sqlite", "rows.sqlite", "--force", "test.qvd"});
+    EXPECT_TRUE(text("rows.sqlite").starts_with("SQLite format 3"));
+    for (const auto* name : {"rows.sqlite", "link"}) std::filesystem::remove(path(name));
+    std::filesystem::remove(path(journal));
+  }
+}
+
+// Another program of SQLite's holds a lock on a database that it reads or changes.
+TEST_F(ToolExportRows, ReplacesNoSqliteDatabaseThatIsInUse) {
+  make();
+  done({"export", "--sqlite", "rows.sqlite", "test.qvd"});
+  sqlite3* connection = nullptr;
+  ASSERT_EQ(sqlite3_open(path("rows.sqlite").c_str(), &connection), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(connection, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  fails({"export", "--sqlite", "rows.sqlite", "--force", "test.qvd"}, 3, {"rows.sqlite", "--wait"});
+  EXPECT_EQ(sqlite3_exec(connection, "DROP TABLE records; COMMIT", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(connection);
+  done({"export", "--sqlite", "rows.sqlite", "--force", "test.qvd"});
+}
+
 #endif
 
 }  // namespace

@@ -6,11 +6,13 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <set>
 #include <sstream>
 
 #include "kit/sanitized.h"
 #include "kit/unprivileged.h"
+#include "tool/holder.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {
@@ -47,6 +49,12 @@ class ProductsOfTheTool : public ToolTest {
         {"renumber", kDefaultFile, "new"},
         {"salvage", kDefaultFile, "new"},
         {"undelete", kDefaultFile, "new", "notes", deleted_},
+        {"dump", kDefaultFile, "--output", "new"},
+        {"export", kDefaultFile, "--parquet", "new"},
+        {"export", kDefaultFile, "--copy", "new"},
+#ifdef QVDB_HAS_SQLITE
+        {"export", kDefaultFile, "--sqlite", "new"},
+#endif
     };
   }
 
@@ -96,6 +104,30 @@ TEST_F(ProductsOfTheTool, ThatReplaceAFileKeepItsMode) {
   fs::permissions(path("new"), fs::perms(0604));
   done({"create", "--force", "new"});
   EXPECT_EQ(modeOf("new"), 0604u);
+}
+
+// It is a file that another program works with, or one that has other names, too.
+TEST_F(ProductsOfTheTool, ThatReplaceAFileLeaveOneThatOthersUse) {
+  done({"create", "new"});
+  fs::create_hard_link(path("new"), path("other"));
+  const Bytes before = contents("new");
+  for (const bool isOpen : {true, false}) {
+    std::optional<Holder> holder;
+    if (isOpen) holder.emplace(wide("new"));
+    ASSERT_TRUE(!isOpen || holder->isHolding());
+    for (Words words : makers()) {
+      if (words[0] == "salvage" || words[0] == "undelete") continue;  // these replace nothing
+      SCOPED_TRACE(words[0] + " " + words[2]);
+      words.push_back("--force");
+      if (isOpen) {
+        fails(words, 3, {"new", holder->named(), "--wait"});
+      } else {
+        fails(words, 1, {"new", "2 names (hard links)"});
+      }
+      EXPECT_EQ(contents("new"), before);
+      EXPECT_EQ(contents("other"), before);
+    }
+  }
 }
 
 TEST_F(ProductsOfTheTool, OfCreateHaveTheUsualMode) {

@@ -7,6 +7,7 @@
 #include "formats/sqlite_file.h"
 #include "streams/output.h"
 #include "streams/text.h"
+#include "streams/waiting.h"
 
 namespace qvdb::tool {
 namespace {
@@ -50,17 +51,25 @@ uint64_t writeCopy(const FlatSource& source, const Write& write) {
   return count;
 }
 
+OutputFile beginFile(const FlatSource& source, const std::string& target,
+                     const OutputOptions& options) {
+  return whileInUse([&] { return OutputFile(target, source.file, options); });
+}
+
 uint64_t toSqlite(const FlatSource& source, const std::string& target,
                   const OutputOptions& options) {
-  SqliteFile file(target, source.file, options.overwrite);
+  OutputFile output = beginFile(source, target, options);
+  requireNoJournal(target);
+  SqliteFile file(output, target);
   const uint64_t count = forEachRow(source, [&](const FlatRow& row) { file.add(row); });
-  file.place();
+  file.finish();
+  output.place();
   return count;
 }
 
 uint64_t toParquet(const FlatSource& source, const std::string& target,
                    const OutputOptions& options) {
-  OutputFile output(target, source.file, options);
+  OutputFile output = beginFile(source, target, options);
   ParquetFile file(output);
   const uint64_t count = forEachRow(source, [&](const FlatRow& row) { file.add(row); });
   file.finish();
@@ -69,7 +78,7 @@ uint64_t toParquet(const FlatSource& source, const std::string& target,
 }
 
 uint64_t toCopy(const FlatSource& source, const std::string& target, const OutputOptions& options) {
-  OutputFile output(target, source.file, options);
+  OutputFile output = beginFile(source, target, options);
   const uint64_t count = writeCopy(
       source, [&](std::string_view text) { output.write(std::as_bytes(std::span(text))); });
   output.place();

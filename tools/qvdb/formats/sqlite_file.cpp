@@ -2,19 +2,29 @@
 #include "formats/sqlite_file.h"
 
 #include <filesystem>
-#include <fstream>
+#include <new>
 
+#include "formats/output_vfs.h"
 #include "streams/failure.h"
-
-#ifdef QVDB_HAS_SQLITE
-#include <sqlite3.h>
-#endif
 
 namespace qvdb::tool {
 
-#ifdef QVDB_HAS_SQLITE
-
 namespace fs = std::filesystem;
+
+void requireNoJournal(const std::string& target) {
+  std::error_code none;
+  const fs::path followed = fs::weakly_canonical(target, none);
+  for (const char* suffix : {"-journal", "-wal"}) {
+    const std::string journal = (followed.empty() ? fs::path(target) : followed).native() + suffix;
+    const auto size = fs::file_size(journal, none);
+    if (none || size == 0) continue;
+    throw Failure(target + ": cannot be written: " + journal +
+                  " has changes of the SQLite database of that name; close it in other programs, "
+                  "then remove both files or choose another name");
+  }
+}
+
+#ifdef QVDB_HAS_SQLITE
 
 namespace {
 
@@ -23,27 +33,21 @@ constexpr const char* kBegin =
     "CREATE TABLE records(table_name TEXT NOT NULL, place INTEGER NOT NULL, id TEXT NOT NULL,"
     " created INTEGER NOT NULL, modified INTEGER NOT NULL, payload BLOB NOT NULL); BEGIN";
 constexpr const char* kInsert = "INSERT INTO records VALUES (?, ?, ?, ?, ?, ?)";
-// When all rows are there; synchronous from here on, so that what gets its name is on the device.
 constexpr const char* kEnd =
     "CREATE INDEX records_by_place ON records(table_name, place);"
-    "CREATE INDEX records_by_id ON records(id); COMMIT; PRAGMA synchronous = FULL;"
+    "CREATE INDEX records_by_id ON records(id); COMMIT;"
     "PRAGMA user_version = 1";
 
 }  // namespace
 
 struct SqliteFile::State {
+  State(OutputFile& file, std::string name) : target(std::move(name)), vfs(file) {}
+  ~State() { close(); }
+
   std::string target;
-  std::string source;
-  bool replaces = false;
-  std::string temporary;
+  OutputVfs vfs;
   sqlite3* connection = nullptr;
   sqlite3_stmt* insert = nullptr;
-
-  ~State() {
-    close();
-    std::error_code ignored;
-    if (!temporary.empty()) fs::remove(temporary, ignored);
-  }
 
   void close() {
     sqlite3_finalize(insert);
@@ -63,23 +67,8 @@ struct SqliteFile::State {
     require(sqlite3_exec(connection, text, nullptr, nullptr, nullptr));
   }
 
-  [[noreturn]] void exists() const {
-    throw Failure(target + ": exists; choose another name, or use --force to replace it");
-  }
-
   void begin() {
-    std::error_code none;
-    if (fs::equivalent(target, source, none)) {
-      throw Failure(target +
-                    ": cannot write the file: it is the database itself; choose another name");
-    }
-    if (!replaces && fs::exists(fs::symlink_status(target))) exists();
-    temporary = target + ".qvdb-" + to_string(new_id()).substr(2) + ".tmp";
-    std::ofstream made(temporary);
-    if (!made) throw systemFailure(target, "be written");
-    made.close();
-    fs::permissions(temporary, fs::perms::owner_read | fs::perms::owner_write);
-    require(sqlite3_open_v2(temporary.c_str(), &connection, SQLITE_OPEN_READWRITE, nullptr));
+    require(sqlite3_open_v2("rows", &connection, SQLITE_OPEN_READWRITE, vfs.name()));
     execute(kBegin);
     require(sqlite3_prepare_v2(connection, kInsert, -1, &insert, nullptr));
   }
@@ -100,31 +89,10 @@ struct SqliteFile::State {
     require(sqlite3_step(insert));
     require(sqlite3_reset(insert));
   }
-
-  // A new name is given by a link, which never replaces a file that came meanwhile.
-  void place() {
-    execute(kEnd);
-    close();
-    fs::permissions(temporary, fs::status(source).permissions() & fs::perms(0666));
-    if (replaces) {
-      fs::rename(temporary, target);
-      temporary.clear();
-      return;
-    }
-    std::error_code error;
-    fs::create_hard_link(temporary, target, error);
-    if (error == std::errc::file_exists) exists();
-    if (!error) return;
-    fs::rename(temporary, target);  // where the file system has no links
-    temporary.clear();
-  }
 };
 
-SqliteFile::SqliteFile(const std::string& target, const std::string& source, bool replaces)
-    : state_(std::make_unique<State>()) {
-  state_->target = target;
-  state_->source = source;
-  state_->replaces = replaces;
+SqliteFile::SqliteFile(OutputFile& file, const std::string& target)
+    : state_(std::make_unique<State>(file, target)) {
   state_->begin();
 }
 
@@ -132,15 +100,16 @@ void SqliteFile::add(const FlatRow& row) {
   state_->add(row);
 }
 
-void SqliteFile::place() {
-  state_->place();
+void SqliteFile::finish() {
+  state_->execute(kEnd);
+  state_->close();
 }
 
 #else
 
 struct SqliteFile::State {};
 
-SqliteFile::SqliteFile(const std::string&, const std::string&, bool) {
+SqliteFile::SqliteFile(OutputFile&, const std::string&) {
   throw Failure(
       "this qvdb was built without SQLite; install SQLite's header and library (in Debian the "
       "package libsqlite3-dev) and build it again");
@@ -148,7 +117,7 @@ SqliteFile::SqliteFile(const std::string&, const std::string&, bool) {
 
 void SqliteFile::add(const FlatRow&) {}
 
-void SqliteFile::place() {}
+void SqliteFile::finish() {}
 
 #endif
 

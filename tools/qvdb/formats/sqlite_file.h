@@ -1,6 +1,8 @@
 // Writes rows into a new SQLite database.
 #pragma once
 
+#include <qvdbase/qvdb.hpp>
+
 #include <memory>
 #include <string>
 
@@ -8,18 +10,21 @@
 
 namespace qvdb::tool {
 
+// Throws Failure when files of SQLite's lie beside the target that belong to a database of its
+// name: SQLite would take what is in them for changes of the new one.
+void requireNoJournal(const std::string& target);
+
 class SqliteFile {
  public:
-  // Begins the file beside `target`, under a temporary name; only its owner can read it.
-  // Throws Failure, also when the target exists and is not to be replaced, or the tool is built
-  // without SQLite.
-  SqliteFile(const std::string& target, const std::string& source, bool replaces);
-  ~SqliteFile();  // removes a file that was not placed
+  // `file` is empty, and outlives this object; `target` is its name, for messages. Throws Failure,
+  // also when the tool is built without SQLite.
+  SqliteFile(OutputFile& file, const std::string& target);
+  ~SqliteFile();
 
   void add(const FlatRow& row);
 
-  // Completes the file, gives it the permissions of the source, and its name.
-  void place();
+  // Completes the database. The file is not placed yet.
+  void finish();
 
  private:
   struct State;
