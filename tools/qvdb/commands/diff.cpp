@@ -201,6 +201,9 @@ their identifier. Spare capacity and counters are not compared.
 With --json each difference is a JSON object on a line of its own. With --patch the lines are what 'qvdb
 patch' needs to make B of A, payloads included.
 
+When another program writes to one of them meanwhile, the status is 2, and what was printed may mix
+moments: compare copies that 'qvdb backup' makes.
+
 Both files are only read. Memory is needed for identifiers, about 150 bytes for each record of the
 largest table, never for payloads.)",
     R"(qvdb diff before.qvd after.qvd

@@ -5,6 +5,7 @@
 #include "commands/locate.h"
 #include "content/digests.h"
 #include "content/saved_digests.h"
+#include "content/steady_file.h"
 #include "streams/output.h"
 #include "streams/text.h"
 
@@ -48,12 +49,14 @@ void printAll(const Options& options, const Database& database) {
       printLine(hexOf(digest) + "  " + table);
     };
   }
-  const Sha256Digest digest = digestOf(database, listener);
+  const auto all = [&] { return digestOf(database, listener); };
+  const bool printsBefore = options.tables || options.records;
+  const Sha256Digest digest = printsBefore ? all() : whileChanging(all);
   printLine(hexOf(digest) + "  " + escaped(options.file));
 }
 
 void printAllAsJson(const Options& options, const Database& database) {
-  Json tables = Json::array();
+  Json tables;
   Json table;
   DigestListener listener;
   listener.table = [&](const TableInfo& info, const auto&) {
@@ -74,7 +77,10 @@ void printAllAsJson(const Options& options, const Database& database) {
     table["sha256"] = hexOf(digest);
     tables.push_back(std::move(table));
   };
-  const Sha256Digest digest = digestOf(database, listener);
+  const Sha256Digest digest = whileChanging([&] {
+    tables = Json::array();
+    return digestOf(database, listener);
+  });
   Json json;
   addText(&json, "file", options.file);
   json["sha256"] = hexOf(digest);
@@ -87,7 +93,7 @@ int run(const Options& options) {
   const Database database = openToRead(options.file);
   if (options.verify) return verify(options, database);
   if (options.save) {
-    saveDigests(database, pathOfDigests(options.file), options.noSync);
+    whileChanging([&] { saveDigests(database, pathOfDigests(options.file), options.noSync); });
   } else if (options.json) {
     printAllAsJson(options, database);
   } else {
@@ -123,6 +129,9 @@ record is that of its payload, as 'sha256sum' prints it for the output of 'qvdb 
 With --save the digests of all records are kept beside the file, in FILE.sha256, which is replaced;
 --verify then names the table and the record of each payload that changed, of each record that is new or
 missing, and whatever else differs. Its status is 1 where something does.
+
+When another program writes to the file meanwhile, no digest of the whole is printed or saved, and the
+status is 3: try again, with --wait SECONDS, or take a copy that 'qvdb backup' makes.
 
 The file is only read, in constant memory; --verify needs about 150 bytes for each record that was
 saved. docs/text.md says what exactly is hashed.)",

@@ -2,6 +2,7 @@
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "content/dump_writer.h"
+#include "content/steady_file.h"
 #include "content/text_output.h"
 #include "formats/export_rows.h"
 #include "streams/given_time.h"
@@ -50,8 +51,11 @@ int run(const Options& options) {
   const DumpSelection selection = selectionOf(options);
   if (options.copy) return runCopy(options, selection);
   const Database database = openToRead(options.file);
-  writeText(options.output, options.file,
-            [&](JsonLines& lines) { dumpDatabase(database, selection, lines); });
+  const auto dump = [&] {
+    writeText(options.output, options.file,
+              [&](JsonLines& lines) { dumpDatabase(database, selection, lines); });
+  };
+  options.output.isFile() ? whileChanging(dump) : dump();
   return kDone;
 }
 
@@ -84,7 +88,10 @@ makes a database of it of which the dump is the same, byte for byte. Where thing
 what was deleted, is not dumped.
 
 The file is only read, in constant memory but for a table's list of imported files. A dump that fails
-lacks its last line, so that it cannot be loaded.
+lacks its last line, so that it cannot be loaded. It fails, with status 3, when another program writes
+to the file meanwhile, because its records could be of no single moment: try again, or dump a copy that
+'qvdb backup' makes. With --output, --wait SECONDS tries again. --after, --since and --copy take the
+records that they find.
 
 With --table, --after or --since the dump holds a part of the database, which can be loaded, too.
 

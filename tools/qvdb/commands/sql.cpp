@@ -261,7 +261,8 @@ data and data_text.
 
 The columns id, number and rowid lead straight to records, ORDER BY rowid DESC LIMIT N reads only the
 last N, and a payload is read when a query uses payload or text. Databases are only read, also beside
-a process that writes. The result is one line for each row, with a tab between columns; NULL is
+a process that writes: what it writes while a statement runs the statement may see or not. For sums of
+one moment query a copy that 'qvdb backup' makes. The result is one line for each row, with a tab between columns; NULL is
 empty, and control characters and bytes that are not UTF-8 are shown as \x and two hexadecimal
 digits.)",
     R"(qvdb sql notes.qvd "select id, text from letters order by rowid desc limit 10"

@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "commands/locate.h"
+#include "content/steady_file.h"
 #include "streams/failure.h"
 #include "streams/interrupt.h"
 #include "streams/text.h"
@@ -86,8 +87,8 @@ bool hasSamePayload(const Record& a, const Record& b) {
   return true;
 }
 
-Failure changedMeanwhile(const Database& database) {
-  return Failure(database.path().native() + ": was changed while it was compared; try again");
+ChangedMeanwhile changedMeanwhile(const Database& database) {
+  return ChangedMeanwhile(database.path().native());
 }
 
 // The identifiers of a table's records with their places.
@@ -252,8 +253,12 @@ std::vector<bool> ascendingSeries(const std::vector<uint32_t>& numbers) {
 }
 
 bool compareDatabases(const Database& a, const Database& b, DifferenceTaker& taker) {
+  const SteadyFile steadyA(a);
+  const SteadyFile steadyB(b);
   Comparer comparer(a, b, taker);
   comparer.compare();
+  steadyA.require();
+  steadyB.require();
   return comparer.differs();
 }
 

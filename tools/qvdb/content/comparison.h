@@ -59,7 +59,8 @@ class DifferenceTaker {
 };
 
 // Compares, in memory for identifiers and places only. Returns whether anything differs. Throws
-// Failure for a table that has an identifier twice, Error, Interrupted.
+// Failure for a table that has an identifier twice, ChangedMeanwhile, at the end, when one of them
+// was written to meanwhile, Error, Interrupted.
 bool compareDatabases(const Database& a, const Database& b, DifferenceTaker& taker);
 
 // Which of these numbers, all different, belong to one of their longest ascending series.

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "commands/locate.h"
+#include "content/steady_file.h"
 #include "format/big_endian.h"
 #include "streams/failure.h"
 #include "streams/interrupt.h"
@@ -97,6 +98,7 @@ std::optional<Sha256Digest> dataDigestOf(const Database& database, const Table& 
 }
 
 Sha256Digest digestOf(const Database& database, const DigestListener& listener) {
+  const SteadyFile steady(database);
   const DatabaseInfo info = database.info();
   Sha256 all;
   Sha256 records;
@@ -106,6 +108,7 @@ Sha256Digest digestOf(const Database& database, const DigestListener& listener) 
   for (const Table& table : database.tables()) {
     all.add(digestOfTable(database, table, listener, records));
   }
+  steady.require();
   return all.finish();
 }
 

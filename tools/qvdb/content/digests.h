@@ -36,7 +36,8 @@ struct DigestListener {
   std::function<void(const Sha256Digest&)> endOfTable;
 };
 
-// The digest of a whole database. Throws Failure, Error, Interrupted.
+// The digest of a whole database. Throws ChangedMeanwhile when it was written to meanwhile;
+// Failure, Error, Interrupted.
 Sha256Digest digestOf(const Database& database, const DigestListener& listener);
 
 }  // namespace qvdb::tool

@@ -11,6 +11,7 @@
 #include "content/category_text.h"
 #include "content/claimed_space.h"
 #include "content/file_entry_text.h"
+#include "content/steady_file.h"
 #include "format/layout.h"
 #include "streams/failure.h"
 #include "streams/interrupt.h"
@@ -231,6 +232,8 @@ void writeRecord(const Record& record, bool mayBeCategory, JsonLines& lines) {
 }
 
 void dumpDatabase(const Database& database, const DumpSelection& selection, JsonLines& lines) {
+  std::optional<SteadyFile> steady;
+  if (!selection.hasPartOfATable()) steady.emplace(database);
   const DatabaseInfo info = database.info();
   std::vector<Table> tables = database.tables();
   requireTellable(database, tables);
@@ -246,6 +249,7 @@ void dumpDatabase(const Database& database, const DumpSelection& selection, Json
   uint64_t records = 0;
   PayloadLimit limit(database);
   for (const Table& table : tables) records += writeTable(database, table, selection, limit, lines);
+  if (steady) steady->require();
   lines.begin();
   lines.bytes("end", "end", "dump");
   lines.number("tables", tables.size());

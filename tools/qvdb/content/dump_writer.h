@@ -30,6 +30,7 @@ struct DumpSelection {
 using ReadPart = std::function<size_t(uint64_t offset, std::span<std::byte> buffer)>;
 
 // Dumps the database. Throws Failure where it cannot be dumped so that loading it yields the same,
+// ChangedMeanwhile, before the last line, where a whole database or table was written to meanwhile,
 // Error, Interrupted, and what the sink throws.
 void dumpDatabase(const Database& database, const DumpSelection& selection, JsonLines& lines);
 

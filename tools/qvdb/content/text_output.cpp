@@ -17,7 +17,7 @@ void defineTextOutput(Arguments& arguments, TextOutputOptions& options) {
 
 void writeText(const TextOutputOptions& options, const std::string& source,
                const std::function<void(JsonLines&)>& write) {
-  if (!options.output || *options.output == "-") {
+  if (!options.isFile()) {
     JsonLines lines([](std::string_view text) { print(text); });
     write(lines);
     lines.flush();

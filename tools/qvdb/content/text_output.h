@@ -15,6 +15,8 @@ struct TextOutputOptions {
   bool force = false;                 // replace a file that exists
   bool parents = false;               // create missing folders in the path of the file
   bool noSync = false;                // do not wait for the device
+
+  bool isFile() const { return output && *output != "-"; }
 };
 
 void defineTextOutput(Arguments& arguments, TextOutputOptions& options);
