@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "kit/forked.h"
 #include "kit/replaced_calls.h"
@@ -820,6 +821,97 @@ TEST_F(ForkedDatabase, LosesNothingThatParentAndChildAddAtOnce) {
   expectLasting(ids);
   EXPECT_EQ(ids.size(), kLasting + 2 * kRounds);
   expectSound();
+}
+
+// A thread of the parent is in the middle of an operation when it forks. That has no end in the
+// child, which takes part in the turns nevertheless.
+class ForkedInAnOperation : public ForkedDatabase {
+ protected:
+  // Runs `operation` in a thread up to its first call of the kind that `calls` replace by one that
+  // calls stopHere(). Then runs `work` in a child, and the operation to its end.
+  template <typename Operation, typename Work>
+  int inChildDuring(Operation operation, Work work) {
+    std::latch hasStopped(1);
+    std::latch mayEnd(1);
+    stop_ = {&hasStopped, &mayEnd};
+    std::thread thread([&] {
+      isStopped_ = true;
+      operation();
+    });
+    hasStopped.wait();
+    const int status = inForkedChild([&] {
+      work();
+      return HasFailure() ? 1 : 0;
+    });
+    mayEnd.count_down();
+    thread.join();
+    return status;
+  }
+
+  static void stopHere() {
+    if (!std::exchange(isStopped_, false)) return;
+    stop_.reached->count_down();
+    stop_.passed->wait();
+  }
+
+  void openShared() {
+    fill();
+    database.close();
+    database =
+        qvdb::Database::open(path(), {.mode = Mode::shared, .wait = std::chrono::milliseconds(20)});
+    table = database.table("t");
+  }
+
+  ReplacedCalls calls;
+
+ private:
+  struct Stop {
+    std::latch* reached;
+    std::latch* passed;
+  };
+  static inline Stop stop_ = {};
+  static inline thread_local bool isStopped_ = false;  // by its next call
+};
+
+TEST_F(ForkedInAnOperation, WritesInTurnsInTheChildThatHasOpenedItAgain) {
+  if (kThreadsAreWatched) GTEST_SKIP() << "the thread sanitizer has locks of its own";
+  openShared();
+  calls->writeAt = [](int descriptor, const void* bytes, size_t count, off_t position) {
+    stopHere();
+    return platform::hostSystemCalls().writeAt(descriptor, bytes, count, position);
+  };
+  EXPECT_EQ(inChildDuring([&] { table.add("of the parent"); },
+                          [&] {
+                            database.reopen();
+                            expectError(Reason::in_use, [&] { table.add("between"); });
+                          }),
+            0);
+  EXPECT_EQ(table.count(), kLasting + 1);
+  expectSound();
+}
+
+TEST_F(ForkedInAnOperation, IsReadInLooksByTheChildThatHasOpenedItAgain) {
+  if (kThreadsAreWatched) GTEST_SKIP() << "the thread sanitizer has locks of its own";
+  openShared();
+  static int reads = 0;
+  static const platform::FileEntry* entry;
+  entry = nullptr;
+  calls->readAt = [](int descriptor, void* buffer, size_t count, off_t position) {
+    stopHere();
+    if (entry != nullptr) {
+      ++reads;
+      EXPECT_EQ(entry->lockBytes.looks, 1u);
+    }
+    return platform::hostSystemCalls().readAt(descriptor, buffer, count, position);
+  };
+  EXPECT_EQ(inChildDuring([&] { EXPECT_EQ(table.count(), kLasting); },
+                          [&] {
+                            database.reopen();
+                            entry = platform::findOpenFile(database.handle())->entry;
+                            EXPECT_EQ(table.count(), kLasting);
+                            EXPECT_GT(reads, 0);
+                          }),
+            0);
 }
 
 }  // namespace

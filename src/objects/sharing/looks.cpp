@@ -138,6 +138,12 @@ void end(OpenDatabase& database) {
   endViewLook(database);
 }
 
+// What the threads of the parent were at has no end here, and their locks are the parent's.
+void forgetParentsOperations(OpenDatabase& database) {
+  database.looks = database.changing = 0;
+  database.holdsLook = database.holdsViewLook = database.asksForLook = false;
+}
+
 // What the error can come from, as it is now: the slot of its table, or header and directory where
 // it is not about one.
 std::string bytesInDoubt(const Operation& operation) {
@@ -168,8 +174,7 @@ void announce(OpenDatabase& database) {
   database.mayMissChanges = platform::isOpenForWritingElsewhere(database.handle);
 }
 
-// What the threads of the parent were at has no end here. What they were changing when it forked
-// began before the announcement.
+// What the parent was changing when it forked began before the announcement.
 void separateFromParent(const Operation& operation) {
   OpenDatabase& database = operation.database();
   if (!platform::separateReaders(operation.db(), database.place.native())) {
@@ -178,8 +183,7 @@ void separateFromParent(const Operation& operation) {
                    "path no longer leads to it; open it again here");
   }
   database.forkDepth = platform::forkDepth();
-  database.looks = database.changing = 0;
-  database.holdsLook = database.holdsViewLook = database.asksForLook = false;
+  forgetParentsOperations(database);
   markIndexesStale(database);
   database.isBesideWriters = true;
   database.isAnnounced = platform::announceReader(operation.db());
@@ -189,8 +193,9 @@ void separateFromParent(const Operation& operation) {
 
 // What the parent has announced is not counted among what this process has.
 void withdraw(OpenDatabase& database) noexcept {
-  stopAsking(database);
   const bool isOfThisProcess = database.forkDepth == platform::forkDepth();
+  if (!isOfThisProcess) forgetParentsOperations(database);
+  stopAsking(database);
   if (database.isAnnounced && isOfThisProcess) platform::withdrawReader(database.handle);
   database.isAnnounced = false;
 }
