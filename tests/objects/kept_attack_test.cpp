@@ -137,6 +137,28 @@ TEST_F(KeptAttack, KeepsAnIndexOfKeysAlsoAfterCFunctionsHaveWritten) {
   EXPECT_TRUE(names.is_from_file());
 }
 
+TEST_F(KeptAttack, AFunctionThatThrowsLeavesTheFileOfBefore) {
+  const std::vector<Id> ids = makeKept(20);
+  const Bytes good = readFile(indexPath());
+  bool isThrowing = false;
+  Database database = openDatabase();
+  const Names names(database.table("t"),
+                    [&isThrowing](std::string_view text) {
+                      if (isThrowing) throw std::logic_error("no key");
+                      return kKey(text);
+                    },
+                    {.ordered = true, .kept_as = "name 1"});
+  EXPECT_TRUE(names.is_from_file());
+  modifyByC(database.handle(), ids[3], "other;");
+  isThrowing = true;
+  EXPECT_THROW(database.keep_indexes(), std::logic_error);
+  EXPECT_EQ(readFile(indexPath()), good);
+  EXPECT_EQ(this->names(), (std::vector<std::string>{"test.qvd", "test.qvdx"}));
+  EXPECT_NO_THROW(database.close());  // which does not call it
+  EXPECT_EQ(readFile(indexPath()), good);
+  expectWalksAnswers({ids[3].value}, {"other", "key3", "key4"});
+}
+
 TEST_F(KeptAttack, ReportsADamagedChainInsteadOfKeepingNothing) {
   const std::vector<Id> ids = makeKept(20);
   std::filesystem::remove(indexPath());
@@ -336,6 +358,98 @@ TEST_F(KeptAttack, OddThingsUnderItsNameAreLeftAlone) {
     EXPECT_EQ(expectWalksAnswers(asked, someKeys()).first, what == "a link to itself");
   }
   std::filesystem::remove_all(indexPath());
+}
+
+// ---- Other users
+
+ino_t indexInode = 0;
+void (*alter)(struct stat*) = nullptr;
+
+int statusAltered(int descriptor, struct stat* result) {
+  const int outcome = platform::hostSystemCalls().status(descriptor, result);
+  if (outcome == 0 && result->st_ino == indexInode) alter(result);
+  return outcome;
+}
+
+// Root's index beside a user's database is not believed either: one rule for all.
+TEST_F(KeptAttack, AnIndexOfAnotherUserIsNotUsedAndIsReplaced) {
+  const std::vector<Id> ids = makeKept(20);
+  struct stat status = {};
+  ASSERT_EQ(::stat(indexPath().c_str(), &status), 0);
+  indexInode = status.st_ino;
+  const std::vector<std::pair<bool, void (*)(struct stat*)>> cases = {
+      {false, [](struct stat* its) { its->st_uid += 1; }},
+      {false, [](struct stat* its) { its->st_mode |= 0002; }},
+      {false, [](struct stat* its) { its->st_mode |= 0020; }},
+      {true, [](struct stat* its) { its->st_gid += 1; }},  // which may not write to it
+      {true, [](struct stat*) {}},
+  };
+  for (const auto& [isUsed, change] : cases) {
+    SCOPED_TRACE(&change - &cases[0].second);
+    ReplacedCalls calls;
+    calls->status = statusAltered;
+    alter = change;
+    EXPECT_EQ(expectWalksAnswers({ids[3].value, 1}, someKeys()), std::pair(isUsed, isUsed));
+  }
+  {
+    ReplacedCalls calls;
+    calls->status = statusAltered;
+    alter = cases[0].second;
+    Database database = openDatabase();
+    const RecordIndex index = database.table("t").index({.kept = true});
+    const Names names = namesOf(database.table("t"));
+    EXPECT_FALSE(index.is_from_file());
+    database.keep_indexes();
+  }
+  struct stat after = {};
+  ASSERT_EQ(::stat(indexPath().c_str(), &after), 0);
+  EXPECT_NE(after.st_ino, status.st_ino);
+  EXPECT_EQ(expectWalksAnswers({ids[3].value, 1}, someKeys()), std::pair(true, true));
+}
+
+// ---- Clocks
+
+// The clock was set back by an hour: the database's times are in the future, and those of a change
+// come before them.
+int statusInTheFuture(int descriptor, struct stat* result) {
+  const int outcome = platform::hostSystemCalls().status(descriptor, result);
+  result->st_mtim.tv_sec += 3600;
+  result->st_ctim.tv_sec += 3600;
+  return outcome;
+}
+
+TEST_F(KeptAttack, AChangeAfterTheClockWasSetBackIsSeen) {
+  std::vector<Id> ids;
+  {
+    ReplacedCalls calls;
+    calls->status = statusInTheFuture;
+    ids = makeKept(20);
+    EXPECT_EQ(expectWalksAnswers({ids[5].value}, {"key5", "key6"}), std::pair(true, true));
+  }
+  const int16_t db = open();
+  modifyByC(db, ids[5], "other;");
+  close(db);
+  expectWalksAnswers({ids[5].value}, {"other", "key5", "key6"});
+  {
+    Database database = openDatabase();
+    const RecordIndex index = database.table("t").index({.kept = true});
+    const Names names = namesOf(database.table("t"));
+    database.keep_indexes();
+  }
+  EXPECT_EQ(expectWalksAnswers({ids[5].value}, {"other", "key5"}), std::pair(true, true));
+}
+
+// Where the modification time is put back, the status time still differs.
+TEST_F(KeptAttack, EitherTimeThatDiffersIsEnough) {
+  const std::vector<Id> ids = makeKept(20);
+  struct stat then = {};
+  ASSERT_EQ(::stat(path().c_str(), &then), 0);
+  const int16_t db = open();
+  modifyByC(db, ids[5], "other;");
+  close(db);
+  const timespec times[] = {then.st_atim, then.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path().c_str(), times, 0), 0);
+  expectWalksAnswers({ids[5].value}, {"other", "key5", "key6"});
 }
 
 TEST_F(KeptAttack, AnIndexThatCannotBeReadIsNotUsedAndIsWrittenAnew) {

@@ -286,6 +286,48 @@ TEST_F(KeptIndexes, AreNoReasonToFailAndReportWhyOnRequest) {
   EXPECT_FALSE(hasIndexFile());
 }
 
+// The database holds them, so that there is something to write when it is closed.
+TEST_F(KeptIndexes, OfKeysHoldTheirFunctionUntilTheDatabaseIsClosed) {
+  const auto calls = std::make_shared<int>(0);
+  const auto make = [calls](std::string_view text) {
+    ++*calls;
+    return kKey(text);
+  };
+  Database database = createDatabase();
+  Table table = database.add_table("t");
+  static_cast<void>(Names(table, make, {.kept_as = "name"}));
+  table.add("a;");
+  EXPECT_EQ(*calls, 1);
+  // The same index again, with the function that it has.
+  const Names second(table, [](std::string_view) { return "other"; }, {.kept_as = "name"});
+  table.add("b;");
+  EXPECT_EQ(*calls, 2);
+  EXPECT_TRUE(second.contains("b"));
+  EXPECT_FALSE(second.contains("other"));
+  const int before = *calls;
+  database.close();
+  EXPECT_EQ(*calls, before);
+  EXPECT_GT(calls.use_count(), 2);  // by the second one
+  database.reopen();
+  EXPECT_TRUE(second.contains("a"));
+  database.close();
+  database = {};
+}
+
+TEST_F(KeptIndexes, OfKeysGiveTheirFunctionBackWhenTheDatabaseIsClosed) {
+  const auto captured = std::make_shared<int>(0);
+  const auto make = [captured](std::string_view text) { return kKey(text); };
+  const auto holders = captured.use_count();
+  Database database = createDatabase();
+  Table table = database.add_table("t");
+  static_cast<void>(Names(table, make, {.kept_as = "name"}));
+  table.add("a;");
+  database.reopen();
+  EXPECT_GT(captured.use_count(), holders);
+  database.close();
+  EXPECT_EQ(captured.use_count(), holders);
+}
+
 TEST_F(KeptIndexes, AreNotWrittenWhereThePathLeadsToAnotherFile) {
   makeKept(20);
   Database database = openDatabase();

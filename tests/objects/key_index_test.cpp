@@ -457,6 +457,68 @@ TEST_F(LayerKeys, WhoseFunctionThrowsAreAReasonToWriteNothing) {
   table.add("d;");
 }
 
+TEST_F(LayerKeys, WhoseFunctionThrowsInALookupAreAskedAgain) {
+  bool isThrowing = false;
+  const auto make = [&isThrowing](std::string_view text) {
+    if (isThrowing && text.starts_with("c;")) throw std::runtime_error("not now");
+    return keysIn(text);
+  };
+  const Names index(table, make, {.ordered = true});
+  std::vector<uint64_t> ids;
+  for (const char* text : {"a;", "b;", "c;", "d;", "e;"}) ids.push_back(table.add(text).value);
+  isThrowing = true;
+  EXPECT_THROW(static_cast<void>(index.find("c")), std::runtime_error);
+  EXPECT_THROW(static_cast<void>(index.contains("c")), std::runtime_error);
+  EXPECT_TRUE(index.contains("b"));
+
+  // No record is skipped by the walk that goes on.
+  qvdb::KeyRange<std::string> range = index.records();
+  std::vector<uint64_t> seen;
+  int thrown = 0;
+  qvdb::KeyRange<std::string>::iterator record;
+  const auto step = [&](auto&& go) {
+    try {
+      go();
+    } catch (const std::runtime_error&) {
+      isThrowing = ++thrown < 3;
+      return false;
+    }
+    if (record != range.end()) seen.push_back(record->record.id().value);
+    return true;
+  };
+  while (!step([&] { record = range.begin(); })) {
+    ASSERT_LT(thrown, 4);
+  }
+  while (record != range.end() || isThrowing) {
+    ASSERT_LT(seen.size() + static_cast<size_t>(thrown), 9u);
+    step([&] { ++record; });
+  }
+  EXPECT_EQ(seen, ids);
+  EXPECT_EQ(thrown, 3);
+}
+
+// Nothing of it is left, nor does it answer for what it has not seen.
+TEST_F(LayerKeys, WhoseFunctionThrowsWhileTheyAreBuiltAgainAreBuiltOnceMore) {
+  bool isThrowing = false;
+  const Names index(table, [&isThrowing](std::string_view text) {
+    if (isThrowing && text.starts_with("b;")) throw std::runtime_error("not now");
+    return keysIn(text);
+  });
+  table.add("a;");
+  const Id b = table.add("b;");
+  database.close();
+  database.reopen();  // it is to be built again
+  isThrowing = true;
+  EXPECT_THROW(static_cast<void>(index.contains("none")), std::runtime_error);
+  EXPECT_THROW(static_cast<void>(index.contains("b")), std::runtime_error);
+  table.add("c;");
+  EXPECT_TRUE(index.contains("c"));
+  isThrowing = false;
+  EXPECT_EQ(index.find("b")->id(), b);
+  EXPECT_TRUE(index.contains("a"));
+  EXPECT_FALSE(index.contains("none"));
+}
+
 TEST_F(LayerKeys, WhoseFunctionCallsTheDatabaseAreAnsweredInIt) {
   table.add("seed;");
   std::optional<Names> index;
@@ -545,6 +607,29 @@ TEST_F(LayerKeys, AreNoLongerKeptOnceTheirLastHolderIsGone) {
   EXPECT_EQ(calls, 1);
   table.add("b;");
   EXPECT_EQ(calls, 1);
+}
+
+// A copy and a range hold the function; the database does not.
+TEST_F(LayerKeys, HoldTheirFunctionAsLongAsTheirLastHolderLives) {
+  const auto captured = std::make_shared<int>(1);
+  const auto isHeld = [&captured] { return captured.use_count() > 1; };
+  table.add("a;");
+  std::optional<Names> index(std::in_place, table,
+                             [captured](std::string_view text) { return keysIn(text); });
+  std::optional<Names> copy = index;
+  index.reset();
+  EXPECT_TRUE(isHeld());
+  std::optional<qvdb::KeyRange<std::string>> range(copy->records("a"));
+  copy.reset();
+  EXPECT_TRUE(isHeld());
+  EXPECT_EQ(range->begin()->key, "a");
+  range.reset();
+  EXPECT_FALSE(isHeld());
+  index.emplace(table, [captured](std::string_view text) { return keysIn(text); });
+  database.close();
+  EXPECT_TRUE(isHeld());
+  *index = {};
+  EXPECT_FALSE(isHeld());
 }
 
 TEST_F(LayerKeys, AreFoundInTheFileThatIsOpenedAgain) {

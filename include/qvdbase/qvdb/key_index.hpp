@@ -36,6 +36,10 @@ struct KeyIndexOptions {
   // Database::keep_indexes(). Empty: in memory only. The name stands for the function that makes
   // the keys: whoever changes what that makes, changes the name too ("name 2"), or what is kept
   // misses records.
+  //
+  // The database holds a kept index until it is closed, and calls the function until then, also
+  // when no KeyIndex object is left. A second index of the table with the same name, type and
+  // options is the same index, with the function of the first.
   std::string kept_as = {};
 };
 
@@ -234,8 +238,23 @@ decltype(auto) extract(Extractor& extractor, std::span<const std::byte> payload)
 //   a key; text and bytes also as what converts to std::string_view or ByteView;
 //   a std::optional of one, for records that may have none; or
 //   a range of keys, for records that may have several.
-// The keys of a record depend on nothing but its payload. Several threads may call the function at
-// once. It may use the library, and the database: no lock is held while it runs.
+// The keys of a record depend on nothing but its payload.
+//
+// The function is moved into the index. It lives, with what it has captured, as long as the index,
+// copies and ranges of it, and operations of other threads that are using it; with a name also
+// until the database is closed. What it refers to has to live as long, or the first change of the
+// table afterwards uses what is gone. The thread that ends the last of these destroys it, perhaps
+// within an operation: its destructor must not use the database.
+//
+// It is called in the thread of the operation that needs it: lookups, and adding and changing
+// records of the table by any thread. So several threads may call it at once: what it changes needs
+// a lock of its own. It may use the library, and the database: no lock is held while it runs.
+// Removing records and closing the database do not call it.
+//
+// Exceptions that it throws pass to the caller of that operation. A change has written nothing
+// then; an index that was being made is none; a lookup or the increment of a range can be tried
+// again, and goes on at the same place; keep_indexes() has left the file as it was. No record is
+// skipped: whoever does not want one in the index returns no key for it.
 template <typename Extractor, typename Key>
 concept KeyExtractor = (std::invocable<Extractor&, std::span<const std::byte>> ||
                         std::invocable<Extractor&, std::string_view>)&&requires(Extractor& make) {

@@ -204,8 +204,8 @@ void KeyMatches::fill() {
   if (!opening) opening = batch.opening;
   // What was delivered is right: the walk goes on after it with another index.
   if (batch.isBroken) return build();
-  place = batch.last;
   match(batch);
+  place = batch.last;
   atOnce = std::min(atOnce * 2, kMostAtOnce);
   if (!found.empty() || !batch.isAtEnd) return;
   if (!isAssured) {
@@ -314,8 +314,14 @@ void KeyMatches::enterWhereItIs(const Operation& operation, const Place& from) c
 void KeyMatches::match(const Batch& batch) {
   std::vector<Place> wrong;
   const std::vector<Made> earlier = std::exchange(made, {});
+  // First, and into one piece of memory: where the function throws, nothing has been delivered.
+  made.reserve(batch.candidates.size());
+  std::vector<const KeyList*> keysOfEach;
+  keysOfEach.reserve(batch.candidates.size());
+  for (const Candidate& each : batch.candidates) keysOfEach.push_back(&keysOf(each, earlier));
+  auto keysOfNext = keysOfEach.begin();
   for (const Candidate& candidate : batch.candidates) {
-    if (!keysOf(candidate, earlier).contains(candidate.place.key)) {
+    if (!(*keysOfNext++)->contains(candidate.place.key)) {
       wrong.push_back(candidate.place);
       continue;
     }
