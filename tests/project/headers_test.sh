@@ -33,7 +33,7 @@ compiles() {
   local compiler=("$cc" -std=c11)
   [ "$language" = c ] || compiler=("$cxx" -std=c++20)
   if ! "${compiler[@]}" -Wall -Wextra -pedantic -Werror -I "$include" \
-    -c "$source" -o "$scratch/object"; then
+    -fsyntax-only "$source"; then
     echo "as $language: $*"
     failures=$((failures + 1))
     [ "$failures" -lt 3 ] || exit 1
@@ -58,7 +58,7 @@ orders() {
 # refused HEADER: the first thing that the compiler reports of it as C++17 is what it needs.
 refused() {
   printf '#include <%s>\n' "$1" >"$scratch/old.cpp"
-  if "$cxx" -std=c++17 -I "$include" -c "$scratch/old.cpp" -o "$scratch/object" \
+  if "$cxx" -std=c++17 -I "$include" -fsyntax-only -Wfatal-errors "$scratch/old.cpp" \
     2>"$scratch/said"; then
     echo "as C++17: $1 is not refused"
     failures=$((failures + 1))
