@@ -17,3 +17,5 @@ target_compile_features(watched_host PRIVATE cxx_std_20)
 target_link_libraries(watched_host PRIVATE ${CMAKE_DL_LIBS})
 add_dependencies(${name}_tests watched_host)
 target_compile_definitions(${name}_tests PRIVATE WATCHED_HOST="$<TARGET_FILE:watched_host>")
+set_source_files_properties(${folder}/git_diff_test.cpp PROPERTIES
+  COMPILE_DEFINITIONS TEXT_PAGE="${PROJECT_SOURCE_DIR}/docs/text.md")
