@@ -26,6 +26,21 @@ class Dumps : public ::testing::Test {
     return runProgram(call);
   }
 
+  // Whether it could be dumped; of a file that could not, what can be saved must come back.
+  bool comesBackOrIsSaved(const fs::path& file) {
+    if (comesBack(file)) return true;
+    const fs::path saved = folder_.path() / "saved.qvd";
+    fs::remove(saved);
+    const Outcome salvage = run({"salvage", file.native(), saved.native()});
+    if (fs::exists(saved)) {
+      EXPECT_TRUE(comesBack(saved)) << file;
+      ++saved_;
+    } else {
+      EXPECT_EQ(salvage.status, 1) << salvage;
+    }
+    return false;
+  }
+
   // Whether it could be dumped.
   bool comesBack(const fs::path& file) {
     SCOPED_TRACE(file);
@@ -44,23 +59,37 @@ class Dumps : public ::testing::Test {
   }
 
   TempFolder folder_;
+  int saved_ = 0;
 };
 
 TEST_F(Dumps, OfConformanceFilesLoadBackTheSame) {
   std::set<std::string> refused;
   for (const auto& entry : fs::directory_iterator(QVDBASE_CONFORMANCE)) {
     if (entry.path().extension() != ".qvd") continue;
-    if (!comesBack(entry.path())) refused.insert(entry.path().stem());
+    if (!comesBackOrIsSaved(entry.path())) refused.insert(entry.path().stem());
   }
   EXPECT_EQ(refused, (std::set<std::string>{"damaged", "interrupted", "packed"}));
+  EXPECT_EQ(saved_, 3);
 }
 
 TEST_F(Dumps, OfTheCorpusLoadBackTheSame) {
-  int dumped = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(QVDBASE_CORPUS)) {
-    if (entry.is_regular_file()) dumped += comesBack(entry.path()) ? 1 : 0;
+  std::set<std::string> refused;
+  for (const auto& entry : fs::directory_iterator(QVDBASE_CORPUS "/database")) {
+    if (!comesBackOrIsSaved(entry.path())) refused.insert(entry.path().filename());
   }
-  EXPECT_GE(dumped, 5);
+  EXPECT_EQ(refused, (std::set<std::string>{
+                         "claimed_capacity", "cut_short", "empty_file", "forward_link_cleared",
+                         "huge_record", "huge_table_data", "loop_of_one", "loop_of_two",
+                         "odd_directory", "renumbering-round-a-loop", "touched_at_version_48"}));
+  EXPECT_GE(saved_, 8);
+}
+
+// Which are no databases: input for other parts.
+TEST_F(Dumps, OfTheRestOfTheCorpusAreRefusedOrLoadBack) {
+  for (const auto& entry : fs::recursive_directory_iterator(QVDBASE_CORPUS)) {
+    const bool isDatabase = entry.path().parent_path().filename() == "database";
+    if (entry.is_regular_file() && !isDatabase) comesBack(entry.path());
+  }
 }
 
 }  // namespace
