@@ -98,6 +98,7 @@ class Compaction {
     const int16_t number = std::exchange(made_, int16_t{0});
     const platform::Turn turn(number);
     static_cast<void>(database_.continueWith(number, std::move(moves)));
+    database_.deadBytes = 0;
     indexes.apply(state_);
     detail::attachCache(database_);
   }

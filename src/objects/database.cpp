@@ -23,6 +23,7 @@
 #include "objects/sharing/looks.h"
 #include "objects/sharing/turns.h"
 #include "objects/sharing/waiting.h"
+#include "objects/space/compact_when.h"
 #include "objects/transactions/transaction_steps.h"
 #include "objects/walks/chain_ends.h"
 #include "platform/handles/current_name.h"
@@ -243,6 +244,7 @@ Database Database::create(const std::filesystem::path& path, const CreateOptions
                                 options.id ? databaseID : nullptr)) {
     target->failWriting(platform::findWriteFailure(uint64_t{format::kNewFileSize}));
   }
+  state->deadBytes = 0;
   if (options.place) {
     target->place();
   } else {
@@ -297,6 +299,16 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
                         "only of a database that is opened exclusively can each operation be on "
                         "the device when it returns");
   }
+  // Also refuses what is not a number.
+  const bool isPart = options.compact_when.dead_part >= 0 && options.compact_when.dead_part <= 1;
+  if (!isPart) {
+    failure::throwError(path, kOpen, Reason::bad_argument,
+                        "the dead part from which on it is to be compacted is between 0 and 1");
+  }
+  if (options.compact_when.dead_part > 0 && options.mode != Mode::exclusive) {
+    failure::throwError(path, kOpen, Reason::bad_argument,
+                        "only a database that is opened exclusively can be compacted");
+  }
   const platform::Uncancelled uncancelled;
   return detail::whileInUse(options.wait, [&] {
     Database database = [&] {
@@ -317,6 +329,8 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
       const Operation operation(database.state_, kOpen);
       detail::look(operation, [&] { detail::checkEnds(operation); });
     }
+    database.state_->compactWhen = options.compact_when;
+    detail::compactIfDue(database, *database.state_);
     return database;
   });
 }
@@ -341,6 +355,7 @@ std::u16string Database::native_path(const std::filesystem::path& path) {
 
 void Database::close() {
   if (state_ == nullptr) return;
+  detail::compactIfDue(*this, *state_);
   detail::writeKeptBeforeClose(state_);
   const detail::KeptHeld held(*state_);
   const detail::DatabaseTurn turn(*state_);
@@ -372,6 +387,7 @@ void Database::reopen() {
     reopened.takeBackOpen();
     reopened.opened = ++reopened.opening;
     reopened.moves = {};
+    reopened.deadBytes.reset();
     ++reopened.changes;
     detail::markIndexesStale(reopened);
     detail::forgetKeys(reopened);

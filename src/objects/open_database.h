@@ -96,6 +96,10 @@ struct OpenDatabase {
   // Whether records that are added get a checksum: of all tables, and of those that say otherwise.
   bool checksums = false;
   std::vector<std::pair<Id, bool>> tableChecksums;
+  // How many bytes of the file are dead, as far as that is known; see space/dead_bytes.h. And how
+  // many may be before it is compacted.
+  std::optional<uint64_t> deadBytes;
+  CompactWhen compactWhen;
   // See transactions/open_transaction.h.
   Transactions transactions;
   // The batch that is open, of an appender or a writer, or null; see bulk.h.
@@ -108,6 +112,11 @@ struct OpenDatabase {
   // Notes a change for the walks: those that it does not concern keep what they have read ahead.
   // To be called once after each raise of `changes`.
   void noteChange(const RecordChange& change) { noted.add(changes, change); }
+
+  // Notes that so many bytes of the file have become dead.
+  void noteDead(uint64_t bytes) {
+    if (deadBytes) *deadBytes += bytes;
+  }
 
   // Whether reading takes looks. Not within a change of its own, which excludes other writers.
   bool readsBesideWriters() const { return isBesideWriters && changing == 0; }

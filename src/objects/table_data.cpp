@@ -68,6 +68,35 @@ bool takesNewBlock(const Operation& operation, Id table, uint32_t size, engine::
   return head.dataCapacity >= size;
 }
 
+// The block of a table's data, as far as it can be read: where it is, and its size in the file.
+struct DataPlace {
+  int64_t position = 0;
+  uint64_t bytes = 0;
+};
+
+DataPlace placeOfData(const Operation& operation, Id table) {
+  SavedPosition scope(operation.db());
+  const engine::FoundTable found = operation.table(table);
+  const int64_t position = found.slot.firstDataPos;
+  format::TableDataHead head;
+  if (position == 0 ||
+      !engine::readTableDataHead(operation.db(), position, found.slot.tableID, &head)) {
+    return {};
+  }
+  return {position, uint64_t{head.dataCapacity} + format::kTableDataBlockOverhead};
+}
+
+// Sets the data by `set`, and notes the block that is dead then.
+template <typename Set>
+bool setNotingDead(const Operation& operation, Id table, const Set& set) {
+  detail::OpenDatabase& database = operation.database();
+  if (!database.deadBytes) return set();
+  const DataPlace before = placeOfData(operation, table);
+  if (!set()) return false;
+  if (placeOfData(operation, table).position != before.position) database.noteDead(before.bytes);
+  return true;
+}
+
 bool setData(const Operation& operation, Id table, ByteView data, uint32_t reserve) {
   const auto size = static_cast<uint32_t>(data.size());
   SavedPosition scope(operation.db());
@@ -147,7 +176,7 @@ void Table::setDataOf(ByteView data, uint32_t reserve) {
   operation.requireNoBulk();
   const detail::ChangeTurn turn(operation, detail::OwnBatch::isWaitedFor);
   const auto end = static_cast<int64_t>(operation.fileLength());
-  if (setData(operation, id_, data, reserve)) return;
+  if (setNotingDead(operation, id_, [&] { return setData(operation, id_, data, reserve); })) return;
   const uint64_t length = uint64_t{std::max(size, reserve)} + format::kTableDataBlockOverhead;
   detail::takeBack(operation, id_, end, {}, length);
   SavedPosition scope(operation.db());

@@ -352,7 +352,27 @@ std::vector<LayerCall> openingCalls() {
       Database::open(options.create ? made : source, options);
     });
   };
+  // Where the file cannot be compacted it stays as it was, without a report.
+  constexpr qvdb::CompactWhen anyDead{.dead_part = 1e-9, .dead_bytes = 1};
+  const auto compacting = [](const char* name, std::function<void(Database&)> work,
+                             std::set<Id> about) {
+    const auto run = [=](const Path& folder) {
+      Database database =
+          Database::open(folder / "source.qvd", {.mode = Mode::exclusive, .compact_when = anyDead});
+      work(database);
+      database.close();
+    };
+    return LayerCall{name, run, true, std::move(about)}.passingOver(
+        {std::begin(kFailingCalls), std::end(kFailingCalls)});
+  };
   return {
+      compacting("CompactWhenOpened", [](Database&) {}, {}),
+      compacting("CompactWhenClosed",
+                 [](Database& database) {
+                   Table notes = database.table("notes");
+                   notes.remove(kMiddle);
+                 },
+                 {kMiddle}),
       opening("OpenOrCreate", {.mode = Mode::exclusive, .create = true}),
       opening("OpenOrCreateShared", {.mode = Mode::shared, .create = true}),
       opening("OpenAndCheck", {.mode = Mode::exclusive, .check = true}),

@@ -111,6 +111,19 @@ struct OpenOptions {
   // When what operations have written is safe. Only with exclusive, unless it is process. It does
   // not concern the C functions.
   Durability durability = Durability::process;
+
+  // How much of the file has to be dead before it is compacted, such as {.dead_part = 0.5}; it
+  // never is unless something is said. Only with exclusive. Dead bytes are counted as
+  // Database::reclaimable_estimate() does, at two moments: at the end of opening, before the
+  // database is returned, and in close(). Opening a file of at least so many bytes walks over the
+  // headers of its records for that. close() counts again only where the number is not known; the
+  // end of the object, reopen() and every other operation compact nothing.
+  //
+  // The compaction is Database::compact(), takes as long, and needs the same space for a second
+  // file. Where it is not possible (the file is damaged or has several hard links, the disk is
+  // full, ...) the database is opened, or closed, with the file as it was, and nothing is reported:
+  // a program that wants to know the reason calls compact() while reclaimable_estimate() is large.
+  CompactWhen compact_when = {};
 };
 
 // What the header of a database file holds, and the size of the file.
@@ -194,7 +207,8 @@ class QVDBASE_API Database {
   // waiting where that is asked for; cannot_lock; read_only_file_system; not_a_database;
   // version_out_of_range; cannot_read; cannot_open. With `create` also what create() throws, and
   // bad_argument with read_only; with `check` also what open_checked() throws; with `cache`,
-  // and with another durability than process, bad_argument unless the mode is exclusive.
+  // another durability than process, and `compact_when`, bad_argument unless the mode is exclusive,
+  // and for a part that is not between 0 and 1.
   static Database open(const std::filesystem::path& path, Mode mode = Mode::read_only);
 
   // The same with everything that can be asked for.
@@ -221,8 +235,8 @@ class QVDBASE_API Database {
   ~Database();  // closes, and ignores a failure
 
   // Closes the database; its tables and records cannot be used any more. Without effect on a closed
-  // one. Throws Error: cannot_write when the system reports a failure; the database is closed then
-  // too.
+  // one. May compact it before: see OpenOptions::compact_when. Throws Error: cannot_write when the
+  // system reports a failure; the database is closed then too.
   void close();
 
   // Whether there is an open database: not after close(), nor after a move from it.
@@ -352,6 +366,21 @@ class QVDBASE_API Database {
   // changed_meanwhile when its path leads elsewhere; cannot_open when too many files are open.
   // After cannot_write with the words that the new file is in its place, it is the open one.
   CompactReport compact(const ProgressFunction& progress = {}, const CompactOptions& options = {});
+
+  // About how many bytes a compaction would gain: those of the file that belong neither to its
+  // directory nor to a record or the data of a table. The first call walks over the headers of all
+  // records, without their payloads. An exclusive database then keeps count of what its operations
+  // add to it, so that later calls take no time; after create() and compact() it begins at 0. Of
+  // every other database each call walks.
+  //
+  // It is an estimate: what the C functions delete through handle(), and what failed operations
+  // leave, is not counted before reopen(). CompactReport of a compaction with
+  // CompactOptions::dry_run is exact, and `qvdb check` lists every dead block.
+  //
+  // Throws, where it walks: appender_open, since the records of a batch are in no table yet;
+  // directory_damaged; chain_damaged; data_damaged; cannot_read; in_use and changed_meanwhile
+  // beside writers. Always: not_open.
+  uint64_t reclaimable_estimate() const;
 
   // Writes the indexes that are kept in a file beside the database: those that were asked for with
   // RecordIndexOptions::kept, or with a name in KeyIndexOptions::kept_as. close(), reopen() and the

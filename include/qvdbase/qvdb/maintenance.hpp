@@ -96,6 +96,15 @@ struct CompactReport {
   uint64_t checksums_made = 0;  // records that got a checksum, with CompactOptions::protect
 };
 
+// When a database that is open is compacted by itself: see OpenOptions::compact_when. Both limits
+// have to be reached.
+struct CompactWhen {
+  // The part of the file's bytes that are dead, more than 0 and at most 1; 0 for never.
+  double dead_part = 0;
+  // How many bytes are dead.
+  uint64_t dead_bytes = uint64_t{1} << 20;
+};
+
 // Rewrites a database without what is dead in it. Everything live is kept: signature, version and
 // identifier of the database; name, identifier, flags and counters of the tables, and their data;
 // identifiers, times, payloads, capacities and order of the records; and permissions of the file.
@@ -138,10 +147,14 @@ struct PackReport {
   // records.
   std::vector<std::string> tables_without_data;
   uint64_t records_lost = 0;  // as in CompactReport
+  // Records that have a checksum of their payload in the source, and none in the new file: these
+  // operations fill spare capacity with zeros.
+  uint64_t checksums_lost = 0;
 };
 
 // Does what PackOneDB2NewW does: makes a new file with every table, its records under their
-// identifiers, and the data of tables without records. The version becomes 100. The source must be
+// identifiers, and the data of tables without records. The version becomes 100. Checksums of
+// payloads are neither compared nor kept: compact() keeps them. The source must be
 // writable, and no other process may have it open exclusively; it is not changed.
 //
 // The source is checked first, as compact() does, and refused with `damaged` unless `force` is set.
@@ -154,8 +167,9 @@ QVDBASE_API PackReport pack(const std::filesystem::path& source,
 
 // Does what PackOneDB2AllNewUUIDFile does: makes a new file with new identifiers for the database
 // and its records, except those of the tables "QVrz_Info" and "QVrz_Category"; categories get the
-// new identifiers of the records that they list. A database without a table "QVrz_Category" cannot
-// be renumbered.
+// new identifiers of the records that they list. Checksums of payloads are neither compared nor
+// kept; `qvdb protect` makes new ones. A database without a table "QVrz_Category" cannot be
+// renumbered.
 //
 // Throws Error as pack() does; table_missing without that table; data_damaged when the categories
 // cannot be renewed, mostly because one lists an identifier that was not replaced.

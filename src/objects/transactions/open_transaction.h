@@ -31,9 +31,10 @@ struct OpenTransaction {
   std::unique_ptr<qvdbase::platform::Stage> stage;
   const void* thread = qvdbase::platform::thisThread();
   qvdbase::platform::ProcessMark maker;
-  size_t writesBefore = 0;     // of this process to the file, when it began
-  uint64_t changesBefore = 0;  // of the database, likewise
-  bool hasNewTables = false;   // which the directory cache must not show to others
+  size_t writesBefore = 0;             // of this process to the file, when it began
+  uint64_t changesBefore = 0;          // of the database, likewise
+  std::optional<uint64_t> deadBefore;  // bytes of the file, likewise
+  bool hasNewTables = false;           // which the directory cache must not show to others
 
   bool isOfThisThread() const {
     return thread == qvdbase::platform::thisThread() && maker.isStillOwn();

@@ -88,6 +88,12 @@ intents::StagedChanges gather(Stage& stage) {
 void end(OpenDatabase& database, const EndedTransaction& ended) noexcept {
   Transactions& transactions = database.transactions;
   if (transactions.open->hasNewTables) engine::dropDirectoryEntry(database.handle);
+  // The intent, by whose length the blocks have moved, is dead once it is carried out.
+  if (ended.isCommitted) {
+    database.noteDead(static_cast<uint64_t>(ended.shift));
+  } else {
+    database.deadBytes = transactions.open->deadBefore;
+  }
   database.noted.endTransaction(transactions.open->changesBefore, ended.limit,
                                 ended.isCommitted ? std::optional(ended.shift) : std::nullopt);
   transactions.noteEnded(ended);
@@ -246,6 +252,7 @@ uint32_t beginTransaction(const std::shared_ptr<OpenDatabase>& database, const c
   if (open->number == 0) open->number = ++transactions.latest;
   beginIndexJournals(operation.database());
   open->changesBefore = operation.database().changes;
+  open->deadBefore = operation.database().deadBytes;
   transactions.openNumber = open->number;
   transactions.open = std::move(open);
   return transactions.openNumber;

@@ -222,6 +222,11 @@ bool nameMovedAsWritten(const Operation& operation, FoundRecord* found, int64_t 
   return engine::rewriteSlot(operation.db(), found->table.slotPos, slot);
 }
 
+// The block of a record that is in its table no more.
+void noteDeadBlock(detail::OpenDatabase& database, uint32_t capacity) {
+  database.noteDead(uint64_t{capacity} + format::kRecordBlockOverhead);
+}
+
 // A transaction changes no block in place that is in the file: the record gets a copy of its block
 // first, which is changed then.
 bool makeChangeable(const Operation& operation, const detail::KeyChange& keys, Id table,
@@ -239,6 +244,7 @@ bool makeChangeable(const Operation& operation, const detail::KeyChange& keys, I
   detail::noteMoved(database, found->table.slot, idOf(found->header), from, *blockPos);
   keys.noteMoved(found->table.slot, from, *blockPos);
   database.noteChange({Kind::moved, table, from, *blockPos});
+  noteDeadBlock(database, found->header.dataCapacity);
   return true;
 }
 
@@ -275,6 +281,7 @@ bool replacePayload(const Operation& operation, const detail::KeyChange& keys, I
   detail::noteMoved(database, found->table.slot, idOf(found->header), found->recordPos, *blockPos);
   keys.noteMoved(found->table.slot, found->recordPos, *blockPos);
   database.noteChange({Kind::moved, table, found->recordPos, *blockPos});
+  noteDeadBlock(database, capacity);
   return true;
 }
 
@@ -345,6 +352,7 @@ bool unlink(const Operation& operation, Id table, FoundRecord* found) {
   detail::noteKeysRemoved(database, table, found->table.slot);
   database.noteChange({Kind::removed, table, found->recordPos, found->header.nextRecordPos,
                        found->header.prevRecordPos});
+  noteDeadBlock(database, found->header.dataCapacity);
   return true;
 }
 
