@@ -18,6 +18,7 @@
 #include "products/target_file.h"
 #include "recovery/check/parts.h"
 #include "recovery/survey/open_file.h"
+#include "recovery/survey/payload_checksums.h"
 #include "recovery/survey/survey.h"
 #include "upkeep/progress.h"
 #include "upkeep/verdict.h"
@@ -49,6 +50,13 @@ std::vector<std::string> tablesThatLoseData(const std::vector<tablePart1>& table
     if (hasRecords && table.firstDataPos != 0) names.push_back(format::storedName(table));
   }
   return names;
+}
+
+// Of the records that are copied.
+uint64_t countChecksums(const ByteSource& source, const Survey& survey) {
+  return static_cast<uint64_t>(std::ranges::count_if(survey.blocks, [&](const Block& block) {
+    return block.label == Label::live && checksumOf(source, block).isThere;
+  }));
 }
 
 // What both kinds of pack share around the library's function.
@@ -90,7 +98,7 @@ class Packing {
     PackReport report;
     report.size_before = database_.fileLength(operation_);
     report.tables_without_data = tablesThatLoseData(tables());
-    report.records_lost = judge();
+    judge(&report);
     Reporter reporter(progress);
     const bool done = pack(&reporter) == 1;
     if (!done && reporter.wantsToStop()) {
@@ -109,12 +117,14 @@ class Packing {
             .createFolders = options.create_folders};
   }
 
-  // Returns how many records would be lost. Refuses that, and errors, unless it is forced.
-  uint64_t judge() const {
+  // Counts what would be lost. Refuses errors, and records that are lost, unless it is forced.
+  void judge(PackReport* report) const {
     const OpenedFile file(database_.number(), source_, operation_);
     const Survey survey = makeSurvey(file.source());
     const Verdict verdict = judgeCopy(file.source(), survey);
-    if (verdict.isClean() || isForced_) return verdict.records;
+    report->records_lost = verdict.records;
+    report->checksums_lost = countChecksums(file.source(), survey);
+    if (verdict.isClean() || isForced_) return;
     file.requireUnchanged(source_, operation_);
     const bool canPack = check::willPack(survey);
     throwError(source_, operation_, canPack ? Reason::damaged : Reason::chain_damaged,

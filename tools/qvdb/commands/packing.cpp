@@ -35,6 +35,11 @@ int runPacking(const Packing& packing, const PackOptions& options) {
     complain(options.target + ": table '" + table + "' has records, and therefore lost its data" +
              packing.lostData);
   }
+  if (report.checksums_lost > 0) {
+    complain(options.target + ": " + counted(report.checksums_lost, "record", "records") +
+             " lost " + (report.checksums_lost == 1 ? "its checksum" : "their checksums") +
+             packing.lostChecksums);
+  }
   printLine(std::string(packing.done) + " " + counted(report.size_before, "byte", "bytes") +
             " into " + std::to_string(report.size_after));
   return kDone;

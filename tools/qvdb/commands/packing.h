@@ -13,9 +13,10 @@ namespace qvdb::tool {
 struct Packing {
   PackReport (*operation)(const std::filesystem::path& source, const std::filesystem::path& target,
                           const ProgressFunction& progress, const TargetOptions& options);
-  const char* doing;     // "packing"
-  const char* done;      // "packed"
-  const char* lostData;  // ends the complaint about a table whose data was lost
+  const char* doing;          // "packing"
+  const char* done;           // "packed"
+  const char* lostData;       // ends the complaint about a table whose data was lost
+  const char* lostChecksums;  // and about records that lost their checksums
 };
 
 struct PackOptions {

@@ -6,7 +6,8 @@ namespace qvdb::tool {
 namespace {
 
 int run(const PackOptions& options) {
-  return runPacking({renumber, "renumbering", "renumbered", ""}, options);
+  return runPacking({renumber, "renumbering", "renumbered", "", "; 'qvdb protect' makes new ones"},
+                    options);
 }
 
 Action define(Arguments& arguments) {
@@ -24,7 +25,8 @@ QVrz_Category are categories: the identifiers of records of QVrz_Record that the
 replaced by the new ones. A database without a table QVrz_Category cannot be renumbered.
 
 If no table follows QVrz_Record, a category that lists the last record of QVrz_Record makes the
-operation fail. A table that has records loses its table data. This operation has always done both.
+operation fail. A table that has records loses its table data, and records lose checksums of their
+payloads. This operation has always done so.
 
 The target appears under its name only when it is complete. Ctrl-C leaves nothing.)",
     R"(qvdb renumber notes.qvd twin.qvd)",
