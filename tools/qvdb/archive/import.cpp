@@ -21,6 +21,7 @@ struct Options {
   bool replace = false;
   bool update = false;
   bool mirror = false;
+  bool checksum = false;
   bool dryRun = false;
   bool noSync = false;
 };
@@ -136,7 +137,8 @@ void removeOrReport(Table& table, ImportedFiles& names, const std::vector<size_t
 }
 
 int import(const Options& options) {
-  Database database = options.dryRun ? openToRead(options.file) : openToWrite(options.file);
+  Database database =
+      options.dryRun ? openToRead(options.file) : openToWrite(options.file, options.checksum);
   Table table = presentTable(database, options.table);
   ImportedFiles names = namesOf(database, table);
   const Plan plan = planOf(options, table, names);
@@ -186,6 +188,9 @@ Action define(Arguments& arguments) {
                  "Delete what the table has below a PATH and the PATH has no more.");
   arguments.option("--exclude", "PATTERN", options->excluded,
                    "Leave out what has such a name. Can be given many times.");
+  arguments.flag("--checksum", options->checksum,
+                 "Give new records a checksum, by which readers notice that their bytes have "
+                 "changed. Records of files that are replaced keep theirs.");
   arguments.flag("-n,--dry-run", options->dryRun,
                  "Only list what would be done. The database is only read.");
   arguments.noSync(options->noSync);
@@ -235,6 +240,7 @@ says how many files are stored.)",
     R"(qvdb create photos.qvd && qvdb import photos.qvd holiday ~/Pictures/holiday/
 qvdb import --replace photos.qvd holiday ~/Pictures/holiday/
 qvdb import -u --delete --exclude '*.tmp' home.qvd docs ~/Documents
+qvdb import --checksum archive.qvd 2026 ~/Scans
 qvdb import src.qvd project src include README.md)",
     define,
 };

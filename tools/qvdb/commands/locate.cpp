@@ -43,8 +43,9 @@ Database openToRead(const std::string& path) {
   return Database::open(path, Mode::read_only);
 }
 
-Database openToWrite(const std::string& path) {
-  Database database = whileInUse([&] { return Database::open(path, Mode::exclusive); });
+Database openToWrite(const std::string& path, bool checksums) {
+  const OpenOptions options = {.mode = Mode::exclusive, .checksums = checksums};
+  Database database = whileInUse([&] { return Database::open(path, options); });
   if (database.info().version != qvdbase::format::kUnfinishedPackVersion) return database;
   throw Failure(path +
                 ": is an unfinished pack (version 101), in which records are missing; use the "

@@ -26,7 +26,9 @@ Database openToRead(const std::string& path);
 
 // Opens for writing, and excludes other writers meanwhile. Waits for it as --wait allows. Throws
 // Failure for an unfinished pack.
-Database openToWrite(const std::string& path);
+//
+// checksums  whether records that are added get a checksum of their payload
+Database openToWrite(const std::string& path, bool checksums = false);
 
 // The tables of a database, those before the damage when its directory is damaged: then the failure
 // is stored, to be thrown when they have been shown.
