@@ -149,6 +149,20 @@ TEST_F(ToolBackup, RefusesWrongUsage) {
   EXPECT_FALSE(fs::exists(path("x")));
 }
 
+TEST_F(ToolBackup, CopiesToFilesOnly) {
+  putDatabase();
+  fs::create_directory(path("folder"));
+  fails({"backup", "test.qvd", "folder"}, 1, {"folder"});
+  fails({"backup", "-f", "test.qvd", "folder"}, 1, {"folder"});
+  ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+  fails({"backup", "test.qvd", "fifo"}, 1, {"fifo"});
+  fails({"backup", "-f", "test.qvd", "fifo"}, 1, {"fifo"});
+  fs::create_symlink("test.qvd", path("link"));
+  fails({"backup", "-f", "test.qvd", "link"}, 1, {"it is the database itself"});
+  EXPECT_TRUE(fs::is_fifo(path("fifo")));
+  EXPECT_EQ(namesIn("."), (std::vector<std::string>{"link", "test.qvd"}));
+}
+
 // ---- pieces ----
 
 TEST_F(ToolBackup, CutsTheFileIntoPiecesThatAreNamedByTheirHashes) {
@@ -319,7 +333,113 @@ TEST_F(ToolBackup, KeepsAFileThatExistsUnlessForced) {
   fails({"restore", "missing", "b.qvd"}, 1, {"missing"});
 }
 
+// What is newest is restored and kept, whatever the clock showed.
+TEST_F(ToolBackup, AddsNoBackupThatIsOlderThanTheNewest) {
+  putDatabase();
+  const std::string manifest = backUp();
+  std::string text = contents(manifest).str();
+  const std::string date = "2099-01-01T00:00:00Z";
+  text.replace(text.find("time ") + 5, date.size(), date);
+  text.erase(text.rfind("sha256 "));
+  fs::remove(path(manifest));
+  putManifest(text);
+  addRecord('n');
+  for (const Words& more : {Words{}, Words{"--prune", "1"}}) {
+    Words words = {"backup", "--pieces", "test.qvd", "pool"};
+    words.insert(words.end(), more.begin(), more.end());
+    const Outcome outcome = run(words);
+    EXPECT_EQ(outcome.status, 0) << outcome;
+    expectOneLine(outcome.err, {"pool: the newest backup in it is of " + date, "the clock shows"});
+    done({"restore", "--force", "pool", "restored.qvd"});
+    EXPECT_TRUE(sameBytes(contents("restored.qvd"), contents()));
+  }
+  EXPECT_EQ(namesIn("pool"), std::vector<std::string>{"backup-20990101T000000Z-002.manifest"});
+}
+
+TEST_F(ToolBackup, NamesAThousandAndMoreBackupsOfOneTime) {
+  putDatabase();
+  const std::string manifest = backUp();
+  std::string text = contents(manifest).str();
+  const std::string date = "2099-01-01T00:00:00Z";
+  text.replace(text.find("time ") + 5, date.size(), date);
+  text.erase(text.rfind("sha256 "));
+  putManifest(text);
+  for (int i = 1; i < 1000; ++i) {
+    const std::string number = std::to_string(1000 + i).substr(1);
+    fs::copy_file(path("pool/backup-20990101T000000Z-000.manifest"),
+                  path("pool/backup-20990101T000000Z-" + number + ".manifest"));
+  }
+  addRecord('n');
+  EXPECT_EQ(run({"backup", "--pieces", "test.qvd", "pool"}).status, 0);
+  EXPECT_EQ(namesIn("pool").back(), "backup-20990101T000001Z-000.manifest");
+  done({"restore", "pool", "restored.qvd"});
+  EXPECT_TRUE(sameBytes(contents("restored.qvd"), contents()));
+}
+
+TEST_F(ToolBackup, TakesTurnsWithOthersInItsFolder) {
+  putDatabase();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      const Outcome outcome =
+          runProgram(callOf({"backup", "--wait", "60", "--pieces", "test.qvd", "pool"}));
+      EXPECT_EQ(outcome.status, 0) << outcome;
+    });
+  }
+  for (std::thread& each : threads) each.join();
+  EXPECT_EQ(namesIn("pool").size(), 4u);
+  for (const std::string& name : namesIn("pool")) {
+    fs::create_directory(path("one"));
+    fs::copy(path("pool/pieces"), path("one/pieces"));
+    fs::copy(path("pool") / name, path("one") / name);
+    done({"restore", "one", "restored.qvd"});
+    EXPECT_TRUE(sameBytes(contents("restored.qvd"), contents()));
+    fs::remove_all(path("one"));
+    fs::remove(path("restored.qvd"));
+  }
+}
+
+// Its folder may be that of the database, where another command may be writing.
+TEST_F(ToolBackup, LeavesUnfinishedFilesOfOtherCommandsAlone) {
+  putDatabase();
+  const std::string others = ".qvdb-0123456789abcdef.tmp";
+  writeFile(path(others), bytesOf("being written"));
+  done({"backup", "--pieces", "test.qvd", "."});
+  EXPECT_TRUE(sameBytes(contents(others), bytesOf("being written")));
+  done({"restore", ".", "restored.qvd"});
+  EXPECT_TRUE(sameBytes(contents("restored.qvd"), contents()));
+  for (const std::string& name : namesIn("pieces")) allowDamage("pieces/" + name);
+}
+
 // ---- damaged and hostile folders ----
+
+TEST_F(ToolBackup, RefusesTargetsThatAreNoFolders) {
+  putDatabase();
+  writeFile(path("file"), bytesOf("x"));
+  ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+  for (const std::string target : {"file", "fifo", "test.qvd", "missing/pool", ""}) {
+    fails({"backup", "--pieces", "test.qvd", target}, 1, {target});
+    fails({"restore", target, "restored.qvd"}, 1, {target});
+  }
+  EXPECT_FALSE(fs::exists(path("missing")));
+}
+
+// Whoever may write to the folder could make root write and remove files elsewhere.
+TEST_F(ToolBackup, FollowsNoLinkInsteadOfTheFolderOfPieces) {
+  putDatabase();
+  backUp();
+  const std::string left = ".qvdb-0123456789abcdef.tmp";
+  fs::rename(path("pool/pieces"), path("elsewhere"));
+  writeFile(path("elsewhere") / left, bytesOf("x"));
+  const std::vector<std::string> before = namesIn("elsewhere");
+  for (const std::string& name : before) allowDamage("elsewhere/" + name);
+  fs::create_directory_symlink(path("elsewhere"), path("pool/pieces"));
+  addRecord('n');
+  fails({"backup", "--pieces", "test.qvd", "pool"}, 1, {"pool/pieces", "open the folder"});
+  refusesToRestore({"pool/pieces", "open the folder"});
+  EXPECT_EQ(namesIn("elsewhere"), before);
+  fs::remove(path("pool/pieces"));
+}
 
 TEST_F(ToolBackup, RestoresNothingOfMissingOrDamagedPieces) {
   putDatabase();

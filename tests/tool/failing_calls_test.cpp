@@ -29,11 +29,9 @@
 #include "kit/temp_folder.h"
 #include "proof/failures.h"
 #include "recovery/salvage/salvage_kit.h"
-#include "tools/qvdb/command_line/command_line.h"
+#include "tool/in_process.h"
 #include "tools/qvdb/content/json_lines.h"
 #include "tools/qvdb/content/patch_writer.h"
-#include "tools/qvdb/streams/failure.h"
-#include "tools/qvdb/streams/output.h"
 
 namespace qvdbase::test {
 namespace {
@@ -127,33 +125,6 @@ std::vector<ToolCall> toolCalls() {
        .changesDatabase = true,
        .missingWrites = 2},
   };
-}
-
-// Runs a command as main() does, without its output. Returns its exit status.
-int runCommand(const fs::path& folder, const std::vector<std::string>& words,
-               std::string* message) {
-  std::vector<std::string> all = {"qvdb"};
-  for (std::string word : words) {
-    if (word.starts_with('@')) word.replace(0, 1, folder.native());
-    all.push_back(std::move(word));
-  }
-  std::vector<const char*> pointers;
-  for (const std::string& word : all) pointers.push_back(word.c_str());
-  int status = qvdb::tool::kFailed;
-  try {
-    const auto action =
-        qvdb::tool::readCommandLine(static_cast<int>(pointers.size()), pointers.data());
-    status = action ? (*action)() : qvdb::tool::kDone;
-  } catch (const qvdb::tool::Failure& failure) {
-    *message = failure.what();
-    status = failure.status();
-  } catch (const qvdb::Error& error) {
-    *message = error.what();
-  } catch (const std::bad_alloc&) {
-    *message = "there is not enough memory";
-  }
-  qvdb::tool::discardOutput();
-  return status;
 }
 
 class FailingToolCalls : public testing::TestWithParam<ToolCall> {

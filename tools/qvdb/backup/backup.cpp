@@ -1,12 +1,11 @@
 // qvdb backup: copies a database that may be in use.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <set>
 
+#include "backup/folder_calls.h"
 #include "backup/piece_folder.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
@@ -58,13 +57,9 @@ uint32_t modeOf(const std::string& file) {
 }
 
 // A copy of the database as it is at one moment, which has no name.
-Descriptor snapshot(const Options& options) {
-  const std::string path = options.target + "/" + PieceFolder::kCopyName;
-  copy(options.file, path, {.sync = false});
-  Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  if (!file) throw systemFailure(path, "open");
-  if (::unlink(path.c_str()) != 0) throw systemFailure(path, "remove");
-  return file;
+Descriptor snapshot(const PieceFolder& folder, const std::string& file) {
+  copy(file, folder.copyPath(), {.sync = false});
+  return folder.takeCopy();
 }
 
 // The newest list that can be read: one that is damaged must not end all backups.
@@ -79,42 +74,31 @@ std::optional<Manifest> newestManifest(const PieceFolder& folder) {
   return std::nullopt;
 }
 
-// What the folder has of the same database already.
-std::set<std::string> knownPieces(const PieceFolder& folder, uint64_t database) {
-  std::optional<Manifest> newest = newestManifest(folder);
-  if (!newest) return {};
-  if (newest->database != database) {
-    throw Failure(folder.path() +
-                  ": cannot add a backup: the folder has backups of another database (" +
-                  to_string(Id{newest->database}) + "); choose another folder");
-  }
-  return {std::make_move_iterator(newest->pieces.begin()),
-          std::make_move_iterator(newest->pieces.end())};
+void requireSameDatabase(const PieceFolder& folder, const Manifest& newest, uint64_t database) {
+  if (newest.database == database) return;
+  throw Failure(folder.path() +
+                ": cannot add a backup: the folder has backups of another database (" +
+                to_string(Id{newest.database}) + "); choose another folder");
 }
 
-// Reads up to a piece.
-std::vector<std::byte> nextPiece(int file, const std::string& path) {
-  std::vector<std::byte> bytes(kPieceSize);
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t got = ::read(file, bytes.data() + done, bytes.size() - done);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) throw systemFailure(path, "read the copy of it");
-    if (got == 0) break;
-    done += static_cast<size_t>(got);
-  }
-  bytes.resize(done);
-  return bytes;
+// The time of a new backup. Backups are in the order of their times, and what is newest is restored
+// and kept: so none gets an earlier time than the one before, whatever the clock shows.
+int64_t timeAfter(const PieceFolder& folder, const Manifest* newest) {
+  const int64_t time = now();
+  if (newest == nullptr || newest->time <= time) return time;
+  complain(folder.path() + ": the newest backup in it is of " + timeText(newest->time) +
+           ", and the clock shows " + timeText(time) + "; the new one gets the time of that one");
+  return newest->time;
 }
 
 // Writes the pieces that are not there yet. Returns how many these were.
-size_t writePieces(const PieceFolder& folder, int file, const std::set<std::string>& known,
-                   Manifest* manifest) {
+size_t writePieces(const PieceFolder& folder, const Descriptor& copy,
+                   const std::set<std::string>& known, Manifest* manifest) {
   size_t written = 0;
+  std::vector<std::byte> bytes;
   for (;;) {
     throwIfInterrupted();
-    const std::vector<std::byte> bytes = nextPiece(file, folder.path());
-    if (bytes.empty()) return written;
+    if (folder.readCopy(copy, &bytes) == 0) return written;
     std::string hash = sha256(bytes);
     if (folder.add(hash, bytes, known.contains(hash), manifest->mode)) ++written;
     manifest->length += bytes.size();
@@ -130,10 +114,15 @@ int backUpInPieces(const Options& options) {
   manifest.mode = modeOf(options.file);
   const PieceFolder folder =
       whileInUse([&] { return PieceFolder(options.target, PieceFolder::Use::writing); });
-  const std::set<std::string> known = knownPieces(folder, manifest.database);
-  manifest.time = now();
-  const Descriptor file = snapshot(options);
-  const size_t written = writePieces(folder, file.number(), known, &manifest);
+  const std::optional<Manifest> newest = newestManifest(folder);
+  std::set<std::string> known;
+  if (newest) {
+    requireSameDatabase(folder, *newest, manifest.database);
+    known = {newest->pieces.begin(), newest->pieces.end()};
+  }
+  manifest.time = timeAfter(folder, newest ? &*newest : nullptr);
+  const Descriptor file = snapshot(folder, options.file);
+  const size_t written = writePieces(folder, file, known, &manifest);
   if (!options.noSync) folder.sync();
   const std::string name = folder.add(manifest, !options.noSync);
   printLine(escaped(options.target) + "/" + name + ": " +

@@ -1,11 +1,8 @@
 // A folder with backups in pieces.
 #include "backup/piece_folder.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +11,7 @@
 #include <qvdbase/qvdb.hpp>
 #include <utility>
 
+#include "backup/folder_calls.h"
 #include "command_line/command.h"
 #include "streams/failure.h"
 #include "streams/sha256.h"
@@ -24,14 +22,18 @@ namespace {
 constexpr off_t kLargestManifest = off_t{1} << 30;
 constexpr int kReading = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
-Descriptor openFolder(int at, const char* name, const std::string& path) {
-  Descriptor folder(::openat(at, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+// The copy of the database while it is cut, and a list that is not complete.
+constexpr const char* kCopyName = ".copy.tmp";
+constexpr const char* kListName = ".list.tmp";
+
+Descriptor openFolder(int at, const char* name, const std::string& path, int more = 0) {
+  Descriptor folder(folderCalls.openAt(at, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | more));
   if (!folder) throw systemFailure(path, "open the folder");
   return folder;
 }
 
 void makeFolder(int at, const char* name, const std::string& path) {
-  if (::mkdirat(at, name, 0777) != 0 && errno != EEXIST) {
+  if (folderCalls.makeFolder(at, name, 0777) != 0 && errno != EEXIST) {
     throw systemFailure(path, "create the folder");
   }
 }
@@ -39,7 +41,8 @@ void makeFolder(int at, const char* name, const std::string& path) {
 // The length of the regular file that is open there, or -1.
 off_t lengthOf(int descriptor) {
   struct stat status = {};
-  return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
+  return folderCalls.status(descriptor, &status) == 0 && S_ISREG(status.st_mode) ? status.st_size
+                                                                                 : -1;
 }
 
 // Reads `size` bytes; fewer at the end of the file. False when they cannot be read.
@@ -47,7 +50,7 @@ bool readBytes(int descriptor, size_t size, std::vector<std::byte>* bytes) {
   bytes->resize(size);
   size_t done = 0;
   while (done < size) {
-    const ssize_t got = ::read(descriptor, bytes->data() + done, size - done);
+    const ssize_t got = folderCalls.read(descriptor, bytes->data() + done, size - done);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return false;
     if (got == 0) break;
@@ -60,12 +63,16 @@ bool readBytes(int descriptor, size_t size, std::vector<std::byte>* bytes) {
 // Calls visit(name) for every entry of the folder.
 void forEachEntry(int folder, const std::string& path,
                   const std::function<void(const std::string&)>& visit) {
-  const int own = ::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* const entries = own < 0 ? nullptr : ::fdopendir(own);
-  if (entries == nullptr) throw systemFailure(path, "list the folder");
+  const int own = folderCalls.openAt(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* const entries = own < 0 ? nullptr : folderCalls.openEntries(own);
+  if (entries == nullptr) {
+    const Failure failure = systemFailure(path, "list the folder");
+    const Descriptor closed(own);
+    throw failure;
+  }
   const std::unique_ptr<DIR, int (*)(DIR*)> closed(entries, ::closedir);
   errno = 0;
-  while (const dirent* const entry = ::readdir(entries)) {
+  while (const dirent* const entry = folderCalls.nextEntry(entries)) {
     visit(entry->d_name);
     errno = 0;
   }
@@ -73,18 +80,18 @@ void forEachEntry(int folder, const std::string& path,
 }
 
 bool isTemporaryName(const std::string& name) {
-  return name == PieceFolder::kCopyName ||
+  return name == kCopyName || name == kListName ||
          (name.size() == 26 && name.starts_with(".qvdb-") && name.ends_with(".tmp"));
 }
 
 void removeEntry(int folder, const std::string& name, const std::string& path) {
-  if (::unlinkat(folder, name.c_str(), 0) != 0 && errno != ENOENT) {
+  if (folderCalls.remove(folder, name.c_str()) != 0 && errno != ENOENT) {
     throw systemFailure(path, "remove");
   }
 }
 
 void syncFolder(int folder, const std::string& path) {
-  if (::fsync(folder) != 0 && errno != EINVAL) throw systemFailure(path, "sync");
+  if (folderCalls.sync(folder) != 0 && errno != EINVAL) throw systemFailure(path, "sync");
 }
 
 }  // namespace
@@ -94,31 +101,47 @@ PieceFolder::PieceFolder(const std::string& path, Use use) : path_(path) {
   folder_ = openFolder(AT_FDCWD, path.c_str(), path);
   lock(use);
   if (use == Use::writing) makeFolder(folder_.number(), "pieces", path + "/pieces");
-  pieces_ = openFolder(folder_.number(), "pieces", path + "/pieces");
+  pieces_ = openFolder(folder_.number(), "pieces", path + "/pieces", O_NOFOLLOW);
   if (use == Use::writing) removeTemporaryFiles();
 }
 
-// What processes that were killed have left: none is at work here now.
+// What processes that were killed have left: none is at work here now. Outside of the folder of the
+// pieces such a name may be that of a file which another command is writing.
 void PieceFolder::removeTemporaryFiles() const {
-  for (const int folder : {folder_.number(), pieces_.number()}) {
-    std::vector<std::string> left;
-    forEachEntry(folder, path_, [&](const std::string& name) {
-      if (isTemporaryName(name)) left.push_back(name);
-    });
-    for (const std::string& name : left) removeEntry(folder, name, path_ + ": " + name);
-  }
+  std::vector<std::string> left;
+  forEachEntry(pieces_.number(), path_ + "/pieces", [&](const std::string& name) {
+    if (isTemporaryName(name)) left.push_back(name);
+  });
+  for (const std::string& name : left) removeEntry(pieces_.number(), name, pathOf(name));
+  removeEntry(folder_.number(), kCopyName, path_ + "/" + kCopyName);
 }
 
 // Where the file system has no such locks, the user has to see to it.
 void PieceFolder::lock(Use use) const {
   const int kind = use == Use::writing ? LOCK_EX : LOCK_SH;
-  if (::flock(folder_.number(), kind | LOCK_NB) == 0 || errno != EWOULDBLOCK) return;
+  if (folderCalls.lock(folder_.number(), kind | LOCK_NB) == 0 || errno != EWOULDBLOCK) return;
   ErrorDetails details;
   details.path = path_;
   const char* const doing =
       use == Use::writing ? "works with the backups in it" : "writes a backup to it";
   throw Error("use the folder", Reason::in_use,
               path_ + ": cannot use the folder: another process " + doing, std::move(details));
+}
+
+std::string PieceFolder::copyPath() const {
+  return pathOf(kCopyName);
+}
+
+Descriptor PieceFolder::takeCopy() const {
+  Descriptor file(folderCalls.openAt(pieces_.number(), kCopyName, kReading));
+  if (!file) throw systemFailure(copyPath(), "open");
+  removeEntry(pieces_.number(), kCopyName, copyPath());
+  return file;
+}
+
+size_t PieceFolder::readCopy(const Descriptor& copy, std::vector<std::byte>* bytes) const {
+  if (!readBytes(copy.number(), kPieceSize, bytes)) throw systemFailure(copyPath(), "read");
+  return bytes->size();
 }
 
 std::vector<std::string> PieceFolder::manifests() const {
@@ -132,7 +155,7 @@ std::vector<std::string> PieceFolder::manifests() const {
 
 Manifest PieceFolder::read(const std::string& name) const {
   const std::string path = path_ + "/" + name;
-  const Descriptor file(::openat(folder_.number(), name.c_str(), kReading));
+  const Descriptor file(folderCalls.openAt(folder_.number(), name.c_str(), kReading));
   if (!file) throw systemFailure(path, "open");
   const off_t length = lengthOf(file.number());
   std::vector<std::byte> bytes;
@@ -154,7 +177,7 @@ Manifest PieceFolder::read(const std::string& name) const {
 
 bool PieceFolder::add(const std::string& hash, std::span<const std::byte> bytes, bool isKnown,
                       uint32_t mode) const {
-  const Descriptor file(::openat(pieces_.number(), hash.c_str(), kReading));
+  const Descriptor file(folderCalls.openAt(pieces_.number(), hash.c_str(), kReading));
   if (!file && errno != ENOENT) throw systemFailure(pathOf(hash), "open");
   if (file && lengthOf(file.number()) == static_cast<off_t>(bytes.size())) {
     if (isKnown) return false;
@@ -171,7 +194,7 @@ void PieceFolder::write(const std::string& hash, std::span<const std::byte> byte
   OutputFile file(pieces_.number(), hash, pathOf(hash), {.overwrite = replaces, .sync = false});
   file.write(bytes);
   // A piece is never changed; its owner can still read it.
-  if (::fchmod(file.descriptor(), (mode & 0444) | 0400) != 0) {
+  if (folderCalls.changeMode(file.descriptor(), (mode & 0444) | 0400) != 0) {
     throw systemFailure(pathOf(hash), "set its permissions");
   }
   file.place();
@@ -181,7 +204,7 @@ void PieceFolder::readPiece(const std::string& hash, uint64_t size,
                             std::vector<std::byte>* bytes) const {
   const char* const remedy =
       "; copy the folder again from where it was made, or choose an earlier backup with --at";
-  const Descriptor file(::openat(pieces_.number(), hash.c_str(), kReading));
+  const Descriptor file(folderCalls.openAt(pieces_.number(), hash.c_str(), kReading));
   if (!file && errno == ENOENT) {
     throw Failure(pathOf(hash) + ": cannot read a piece of the backup: it is missing" + remedy);
   }
@@ -194,35 +217,55 @@ void PieceFolder::readPiece(const std::string& hash, uint64_t size,
 }
 
 void PieceFolder::sync() const {
-#if defined(__linux__) && !defined(QVDBASE_PORTABLE_POSIX)
-  if (::syncfs(pieces_.number()) != 0) throw systemFailure(path_ + "/pieces", "sync");
-#else
-  forEachEntry(pieces_.number(), path_ + "/pieces", [&](const std::string& name) {
-    if (!isHash(name)) return;
-    const Descriptor file(::openat(pieces_.number(), name.c_str(), kReading));
-    if (!file || ::fsync(file.number()) != 0) throw systemFailure(pathOf(name), "sync");
-  });
-#endif
+  if (folderCalls.syncAll(pieces_.number()) != 0) {
+    if (errno != ENOSYS) throw systemFailure(path_ + "/pieces", "sync");
+    syncEach();
+  }
   syncFolder(pieces_.number(), path_ + "/pieces");
   syncFolder(folder_.number(), path_);
 }
 
-std::string PieceFolder::add(const Manifest& manifest, bool sync) const {
-  const std::string text = textOf(manifest);
+void PieceFolder::syncEach() const {
+  forEachEntry(pieces_.number(), path_ + "/pieces", [&](const std::string& name) {
+    if (!isHash(name)) return;
+    const Descriptor file(folderCalls.openAt(pieces_.number(), name.c_str(), kReading));
+    if (!file || folderCalls.sync(file.number()) != 0) throw systemFailure(pathOf(name), "sync");
+  });
+}
+
+// A list gets the first name that is free, in the order in which they are made.
+std::string PieceFolder::freeName(Manifest* manifest) const {
   for (int number = 0;; ++number) {
-    const std::string name = manifestName(manifest.time, number);
-    struct stat status = {};
-    if (::fstatat(folder_.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) continue;
-    const std::string path = path_ + "/" + name;
-    OutputFile file(folder_.number(), name, path, {.sync = sync});
-    file.write(std::as_bytes(std::span(text)));
-    if (::fchmod(file.descriptor(), (manifest.mode & 0444) | 0400) != 0) {
-      throw systemFailure(path, "set its permissions");
+    if (number == 1000) {
+      number = 0;
+      ++manifest->time;
     }
-    file.place();
-    if (sync) syncFolder(folder_.number(), path_);
+    const std::string name = manifestName(manifest->time, number);
+    struct stat status = {};
+    if (folderCalls.statusAt(folder_.number(), name.c_str(), &status) == 0) continue;
+    if (errno != ENOENT) throw systemFailure(path_ + "/" + name, "look at");
     return name;
   }
+}
+
+// It is written in the folder of the pieces, which has what is unfinished.
+std::string PieceFolder::add(Manifest manifest, bool sync) const {
+  const std::string name = freeName(&manifest);
+  const std::string path = path_ + "/" + name;
+  const std::string text = textOf(manifest);
+  OutputFile file(pieces_.number(), kListName, path, {.sync = sync});
+  file.write(std::as_bytes(std::span(text)));
+  if (folderCalls.changeMode(file.descriptor(), (manifest.mode & 0444) | 0400) != 0) {
+    throw systemFailure(path, "set its permissions");
+  }
+  file.place();
+  if (folderCalls.rename(pieces_.number(), kListName, folder_.number(), name.c_str()) != 0) {
+    const Failure failure = systemFailure(path, "create");
+    static_cast<void>(folderCalls.remove(pieces_.number(), kListName));
+    throw failure;
+  }
+  if (sync) syncFolder(folder_.number(), path_);
+  return name;
 }
 
 // Nothing is removed unless all that is to be kept is known.

@@ -18,15 +18,21 @@ class PieceFolder {
  public:
   enum class Use { reading, writing };
 
-  // The name of the copy of the database while it is cut into pieces.
-  static constexpr const char* kCopyName = ".copy.tmp";
-
   // Opens the folder, and for writing creates it where it is missing, and removes temporary files.
   // One process at a time writes, and none reads meanwhile. Throws Failure, and Error with in_use
   // when it would have to wait.
   PieceFolder(const std::string& path, Use use);
 
   const std::string& path() const { return path_; }
+
+  // Where the copy of the database is while it is cut into pieces.
+  std::string copyPath() const;
+
+  // Opens the copy for reading, and removes its name. Throws Failure.
+  Descriptor takeCopy() const;
+
+  // Replaces the buffer by the next piece of it. Returns its size: 0 at the end. Throws Failure.
+  size_t readCopy(const Descriptor& copy, std::vector<std::byte>* bytes) const;
 
   // The names of the manifests, the oldest first.
   std::vector<std::string> manifests() const;
@@ -46,8 +52,9 @@ class PieceFolder {
   // Waits until the device has the pieces.
   void sync() const;
 
-  // Adds a manifest, and waits for it, if asked to. Returns its name.
-  std::string add(const Manifest& manifest, bool sync) const;
+  // Adds a manifest, and waits for it, if asked to. Returns its name. Where there is one of the
+  // same time already, its name says that it is later.
+  std::string add(Manifest manifest, bool sync) const;
 
   // Removes all but the newest manifests, then the pieces that are in none of these. Returns how
   // many pieces went.
@@ -59,6 +66,8 @@ class PieceFolder {
   std::string pathOf(const std::string& hash) const { return path_ + "/pieces/" + hash; }
   void write(const std::string& hash, std::span<const std::byte> bytes, bool replaces,
              uint32_t mode) const;
+  void syncEach() const;
+  std::string freeName(Manifest* manifest) const;
   size_t removeAllBut(const std::set<std::string>& kept) const;
 
   std::string path_;

@@ -1,12 +1,11 @@
 // qvdb restore: makes a database file of a backup in pieces.
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 
+#include "backup/folder_calls.h"
 #include "backup/piece_folder.h"
 #include "command_line/commands.h"
 #include "streams/failure.h"
@@ -72,9 +71,10 @@ class NewDatabase {
                     counted(report.errors, "error", "errors") + " (" + first +
                     "); choose an earlier backup with --at");
     }
-    if (::fchmod(file_.descriptor(), mode) != 0) throw systemFailure(path_, "set its permissions");
+    if (folderCalls.changeMode(file_.descriptor(), mode) != 0)
+      throw systemFailure(path_, "set its permissions");
     file_.place();
-    if (sync && ::fsync(folder_.number()) != 0 && errno != EINVAL) {
+    if (sync && folderCalls.sync(folder_.number()) != 0 && errno != EINVAL) {
       throw systemFailure(path_, "sync the folder of");
     }
   }
@@ -93,7 +93,8 @@ class NewDatabase {
     if (folder.empty()) folder.push_back('.');
     std::error_code error;
     if (options.parents) std::filesystem::create_directories(folder, error);
-    Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Descriptor opened(
+        folderCalls.openAt(AT_FDCWD, folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!opened && errno == ENOENT) {
       throw Failure(*options.file + ": cannot create the file: the folder " + folder +
                     " does not exist; create it, or use --parents");
