@@ -198,6 +198,15 @@ PayloadState Record::verify() const {
   });
 }
 
+void Record::require_sound() const {
+  const Operation operation(database_, kRead);
+  detail::look(operation, [&] {
+    const RecordInfo present = presentInfo(operation, table_, info_, opening_, transaction_);
+    const auto state = static_cast<PayloadState>(storedState(operation, table_, present));
+    if (state == PayloadState::rotten) operation.failPayload(present);
+  });
+}
+
 namespace detail {
 
 void storeInfo(const recordPart1& header, int64_t recordPos, RecordInfo* info) {

@@ -4,9 +4,11 @@
 #include <qvdbase/qvdb.hpp>
 
 #include <functional>
-#include <set>
+#include <map>
+#include <random>
 
 #include "kit/file_reader.h"
+#include "kit/random_seed.h"
 #include "kit/recorded_calls.h"
 #include "kit/test_extent.h"
 #include "objects/layer_fixture.h"
@@ -92,6 +94,33 @@ class ProtectedChanges : public LayerTest {
     }
   }
 
+  // Each sector as any of the writes has left it, whatever the others are: all mixtures, or a
+  // sample where they are many.
+  void mixtures(const Bytes& before, const std::vector<Write>& writes, size_t sector) {
+    std::map<size_t, std::vector<Bytes>> versions;
+    for (size_t at = 0; at < before.size(); at += sector) {
+      std::vector<Bytes> seen = {before.at(at, std::min(sector, before.size() - at))};
+      for (size_t n = 1; n <= writes.size(); ++n) {
+        const Bytes file = applied(before, {writes.begin(), writes.begin() + ptrdiff_t(n)});
+        Bytes now = file.at(at, seen.front().size());
+        if (now != seen.back()) seen.push_back(std::move(now));
+      }
+      if (seen.size() > 1) versions[at] = std::move(seen);
+    }
+    size_t all = 1;
+    for (const auto& [at, seen] : versions) all = std::min(all * seen.size(), kSample + 1);
+    for (size_t mixture = 0; mixture < std::min(all, kSample); ++mixture) {
+      Bytes file = before;
+      size_t rest = all <= kSample ? mixture : static_cast<size_t>(random_());
+      for (const auto& [at, seen] : versions) {
+        file = file.with(at, seen[rest % seen.size()]);
+        rest /= seen.size();
+      }
+      look(file);
+    }
+  }
+  static constexpr size_t kSample = 1000;
+
   void tryAll(const Change& change, size_t size, uint32_t later) {
     RecordedCalls host;
     host.setTime(5000);
@@ -112,6 +141,8 @@ class ProtectedChanges : public LayerTest {
     prefixes(before, writes);
     sectors(before, after, 512);
     sectors(before, after, 4096);
+    mixtures(before, writes, 512);
+    mixtures(before, writes, 64);
     // The first state and the last one are among them.
     EXPECT_GE(verified_, 2u);
     allStates_ += states_;
@@ -125,6 +156,7 @@ class ProtectedChanges : public LayerTest {
   Bytes new_;
   uint64_t states_ = 0;
   uint64_t verified_ = 0;
+  std::mt19937_64 random_{randomSeed()};
 };
 
 TEST_F(ProtectedChanges, AreVerifiedOnlyAsAWholeOrNotAtAll) {

@@ -132,6 +132,11 @@ class QVDBASE_API Record {
   // payload() returns. Throws Error as read() does.
   PayloadState verify() const;
 
+  // The same, where a rotten payload is an error: to be called before a payload is read in parts
+  // that matters as a whole. A payload without a checksum costs nothing. Throws Error as read()
+  // does; payload_damaged as payload() does.
+  void require_sound() const;
+
  private:
   friend class Table;
   friend class RecordRange;

@@ -127,6 +127,7 @@ void Exporter::run() {
                [this](const ImportedFile& file) { writer_.makeFolder(file.name); });
   const auto writeOne = [&](const ImportedFile& file, const Record& record) {
     if (!force_) limit_.count(table_, record, "--force writes the others too");
+    record.require_sound();
     writer_.writeFile(file, [&](uint64_t offset, std::span<std::byte> buffer) {
       const size_t got = record.read(offset, buffer);
       bytesDone_ += got;

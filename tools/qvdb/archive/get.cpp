@@ -49,6 +49,7 @@ int run(const Options& options) {
   const Database database = openToRead(options.file);
   const Table table = findTable(database, options.table);
   const Chosen chosen = chooseSomeRecords(database, table, options.records);
+  for (const Record& record : chosen.records) record.require_sound();
   Payloads payloads(chosen.records);
   deliver(
       [&](uint64_t offset, std::span<std::byte> buffer) { return payloads.read(offset, buffer); },

@@ -73,6 +73,10 @@ bool hasSameData(const Database& a, const Table& ofA, const Database& b, const T
 
 bool hasSamePayload(const Record& a, const Record& b) {
   if (a.size() != b.size()) return false;
+  if (a.size() > kPiece) {
+    a.require_sound();
+    b.require_sound();
+  }
   std::vector<std::byte> one(std::min<size_t>(kPiece, a.size()));
   std::vector<std::byte> other(one.size());
   for (uint64_t offset = 0; offset < a.size();) {

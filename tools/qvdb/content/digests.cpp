@@ -71,6 +71,7 @@ RecordDigest digestOf(const Record& record, Sha256& with) {
   if (record.is_loaded()) {
     with.add(record.loaded());
   } else {
+    if (info.size > kPiece) record.require_sound();
     std::vector<std::byte> buffer(kPiece);
     uint64_t offset = 0;
     while (offset < info.size) {

@@ -200,8 +200,10 @@ void writeTableData(const Database& database, const Table& table, JsonLines& lin
 
 bool hasChecksum(const Record& record) {
   const RecordInfo& info = record.info();
-  return info.capacity - info.size >= qvdbase::format::kChecksumCapacity &&
-         record.verify() == PayloadState::verified;
+  if (info.capacity - info.size < qvdbase::format::kChecksumCapacity) return false;
+  const PayloadState state = record.verify();
+  if (state == PayloadState::rotten) record.require_sound();
+  return state == PayloadState::verified;
 }
 
 void writeRecord(const Record& record, bool mayBeCategory, JsonLines& lines) {

@@ -42,7 +42,8 @@ void writeTableMembers(const TableInfo& info, bool isWhole, JsonLines& lines);
 void writeTableData(const Database& database, const Table& table, JsonLines& lines);
 
 // Whether the record has a checksum that agrees with its payload. Another one is not restored: it
-// is spare capacity, and where the payload is rotten, reading it fails.
+// is spare capacity. Throws Error with payload_damaged for a payload that is rotten, also where it
+// is then read in parts, which nothing compares.
 bool hasChecksum(const Record& record);
 
 // The members of a record's line, and the lines that follow it where its payload has more than
