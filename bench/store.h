@@ -107,9 +107,10 @@ const std::vector<StoreKind>& storeKinds();
 
 // One for each source in stores/. Hash stores get as many buckets as their manuals recommend for
 // the number of records that is expected.
-std::unique_ptr<Store> makeQvdbaseC(size_t);       // the C interface alone
-std::unique_ptr<Store> makeQvdbaseLayer(size_t);   // the C++ layer, with an index
-std::unique_ptr<Store> makeQvdbaseCached(size_t);  // the same with a cache
+std::unique_ptr<Store> makeQvdbaseC(size_t);          // the C interface alone
+std::unique_ptr<Store> makeQvdbaseLayer(size_t);      // the C++ layer, with an index
+std::unique_ptr<Store> makeQvdbaseCached(size_t);     // the same with a cache
+std::unique_ptr<Store> makeQvdbaseChecksums(size_t);  // with checksums instead
 std::unique_ptr<Store> makeSqliteWal(size_t);
 std::unique_ptr<Store> makeSqliteRollback(size_t);
 std::unique_ptr<Store> makeLmdb(size_t);

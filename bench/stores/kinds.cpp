@@ -11,6 +11,8 @@ const std::vector<StoreKind>& storeKinds() {
        makeQvdbaseLayer},
       {"qvdbase-cache", "the same with a cache that takes the whole file", kTree,
        makeQvdbaseCached},
+      {"qvdbase-checksums", "the first with checksums of all payloads", kTree,
+       makeQvdbaseChecksums},
       {"qvdbase-c", "our C interface alone", kChain, makeQvdbaseC},
       {"sqlite-wal", "SQLite with a write-ahead log", kTree, makeSqliteWal},
       {"sqlite-rollback", "SQLite with a rollback journal", kTree, makeSqliteRollback},
