@@ -163,7 +163,7 @@ TEST_F(ToolChecksums, AreComparedByAllThatReadsALargePayload) {
   done({"add-table", kDefaultFile, "notes"});
   done({"put", "--checksum", "--id", "0xA1", kDefaultFile, "notes"}, std::string(700'000, 'p'));
   std::filesystem::copy_file(path(), path("sound.qvd"));
-  for (const size_t place : {0, 350'000, 699'999}) {
+  for (const size_t place : {0u, 350000u, 699999u}) {
     std::filesystem::copy_file(path("sound.qvd"), path(),
                                std::filesystem::copy_options::overwrite_existing);
     rot(static_cast<size_t>(database().tables[0].records[0].position) + 55 + place);
@@ -178,7 +178,7 @@ TEST_F(ToolChecksums, AreComparedByAllThatReadsALargePayload) {
                {"diff", "--patch", "sound.qvd", kDefaultFile},
            }) {
         const Outcome outcome = run(words);
-        EXPECT_EQ(outcome.status, 1) << words.front();
+        EXPECT_EQ(outcome.status, words.front() == "diff" ? 2 : 1) << words.front();
         expectOneLine(outcome.err, {"does not agree with its checksum"});
         EXPECT_EQ(outcome.out.find(std::string(100, 'p')), std::string::npos) << words.front();
       }

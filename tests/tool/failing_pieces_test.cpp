@@ -252,9 +252,10 @@ TEST_P(FailingPieces, EndInAMessageOrInFullSuccess) {
 }
 
 TEST_P(FailingPieces, LeaveWhatCanBeUsedWhereverTheProcessIsKilled) {
-  int total = 0;
-  for (const int count : countCalls()) total += count;
-  for (int skip = 0; skip < total; ++skip) {
+  bool isKilled = true;
+  int skip = 0;
+  for (; isKilled; ++skip) {
+    ASSERT_LT(skip, 1000);
     reset();
     const int status = inForkedChild([&] {
       verdict = [left = skip](size_t) mutable {
@@ -264,11 +265,13 @@ TEST_P(FailingPieces, LeaveWhatCanBeUsedWhereverTheProcessIsKilled) {
       std::string message;
       return runCommand(folder.path(), GetParam().words, &message);
     });
+    isKilled = status == -1;
     SCOPED_TRACE("killed before call " + std::to_string(skip));
-    EXPECT_EQ(status, -1);
-    expectNoHarm(false);
+    EXPECT_TRUE(isKilled || status == 0);
+    expectNoHarm(status == 0);
     if (HasFailure()) return;
   }
+  EXPECT_GT(skip, 5);
 }
 
 std::string nameOfPieceCommand(const testing::TestParamInfo<PieceCommand>& command) {
