@@ -35,6 +35,7 @@
 #include <qvdbase/qvdb/database.hpp>
 #include <qvdbase/qvdb/error.hpp>
 #include <qvdbase/qvdb/extents.hpp>
+#include <qvdbase/qvdb/file_writer.hpp>
 #include <qvdbase/qvdb/history.hpp>
 #include <qvdbase/qvdb/id.hpp>
 #include <qvdbase/qvdb/index.hpp>

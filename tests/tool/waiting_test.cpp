@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <optional>
+#include <utility>
 
 #include "tool/holder.h"
 #include "tool/tool_fixture.h"
@@ -100,6 +102,38 @@ TEST_F(ToolWait, ACheckNamesWhoWrites) {
   EXPECT_EQ(outcome.status, 4) << outcome;
   EXPECT_EQ(nlohmann::json::parse(outcome.out)["writer"]["process"].dump(), holder.number())
       << outcome;
+}
+
+TEST_F(ToolWait, ASalvageNamesWhoWritesToItsSource) {
+  notes({bytesOf("a")});
+  const Holder holder(wide(kDefaultFile));
+  ASSERT_TRUE(holder.isHolding());
+  const std::string text = done({"salvage", kDefaultFile, "new.qvd"});
+  EXPECT_NE(text.find("The source is in use: " + holder.named()), std::string::npos) << text;
+  const auto report =
+      nlohmann::json::parse(done({"salvage", "--json", kDefaultFile, "second.qvd"}));
+  EXPECT_EQ(report["source_in_use"], true);
+  EXPECT_EQ(report["source_writer"]["process"].dump(), holder.number());
+}
+
+// In each of its forms, on standard error.
+TEST_F(ToolWait, AMapNamesWhoWrites) {
+  notes({bytesOf("a")});
+  std::optional<Holder> holder(std::in_place, wide(kDefaultFile));
+  ASSERT_TRUE(holder->isHolding());
+  const std::vector<Words> forms = {
+      {"map", kDefaultFile}, {"map", "--extents", kDefaultFile}, {"map", "--json", kDefaultFile}};
+  for (const Words& words : forms) {
+    const Outcome outcome = run(words);
+    EXPECT_EQ(outcome.status, 0) << outcome;
+    EXPECT_NE(outcome.err.find(": " + holder->named()), std::string::npos) << outcome;
+    EXPECT_NE(
+        outcome.err.find(") is writing to it; what looks like damage can be work in progress"),
+        std::string::npos)
+        << outcome;
+  }
+  holder.reset();
+  for (const Words& words : forms) EXPECT_EQ(run(words).err, "");
 }
 
 TEST_F(ToolWait, WaitsForTheFileThatItReplaces) {

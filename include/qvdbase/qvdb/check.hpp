@@ -20,6 +20,7 @@
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/checksum.hpp>
 #include <qvdbase/qvdb/database.hpp>
+#include <qvdbase/qvdb/file_writer.hpp>
 #include <qvdbase/qvdb/id.hpp>
 
 #include <cstddef>
@@ -123,13 +124,6 @@ enum class CheckState {
   unusual,  // warnings
   damaged,  // errors
   in_use,   // it is being written: what was found may be work in progress
-};
-
-// Who has a file open for writing, as far as the system lets this process know.
-struct FileWriter {
-  bool is_this_process = false;  // a thread of it, or the caller itself
-  int64_t process = 0;           // the identifier of another process; 0 where it is not known
-  std::string name;              // the name of that process; empty where it is not known
 };
 
 // The result of a check.

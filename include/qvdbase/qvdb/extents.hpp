@@ -6,6 +6,7 @@
 #pragma once
 
 #include <qvdbase/base.h>
+#include <qvdbase/qvdb/file_writer.hpp>
 #include <qvdbase/qvdb/id.hpp>
 
 #include <cstdint>
@@ -58,6 +59,7 @@ struct ExtentsReport {
   int64_t file_size = 0;  // the sum of all extents
   bool in_use = false;    // another process has the file open for writing, or changed it meanwhile:
                           // parts can be work in progress
+  FileWriter writer;      // with in_use: who writes to it
 };
 
 // Visits every part of a file, sound or not: the extents follow one another without gaps, from the

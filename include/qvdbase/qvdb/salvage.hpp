@@ -19,6 +19,7 @@
 
 #include <qvdbase/base.h>
 #include <qvdbase/qvdb/checksum.hpp>
+#include <qvdbase/qvdb/file_writer.hpp>
 #include <qvdbase/qvdb/id.hpp>
 
 #include <cstddef>
@@ -131,6 +132,7 @@ struct SalvageReport {
   bool source_in_use = false;          // another process has the source open for writing
   bool verified = false;               // the new file was checked and holds what was to be written
   PayloadCounts payloads = {};         // of the records written: what their checksums say
+  FileWriter source_writer = {};       // with source_in_use: who writes to it
 };
 
 // A database that was found stored in the source.

@@ -124,14 +124,6 @@ Checked checkOnce(const ByteSource& source, const CheckOptions& options) {
                    completed.plan());
 }
 
-// One that has closed it meanwhile is not known.
-FileWriter writerOf(const OpenedFile& file) {
-  const std::optional<platform::LockHolder> holder = file.file().writer();
-  if (!holder) return {};
-  return {
-      .is_this_process = holder->isThisProcess, .process = holder->process, .name = holder->name};
-}
-
 CheckReport deliver(Checked checked, const FindingVisitor& visitor) {
   if (visitor) {
     for (const Finding& finding : checked.findings) visitor(finding);
@@ -185,11 +177,11 @@ CheckReport check(const std::filesystem::path& path, const FindingVisitor& visit
     length = platform::microsecondCounter() - begin;
     // Nor is what a thread of this process is in the middle of; it rests for another attempt.
     const bool isDoubtful = checked.report.state != CheckState::sound && !hadRest &&
-                            length < kLongestLook && writerOf(file).is_this_process;
+                            length < kLongestLook && file.writer().is_this_process;
     if (attempt >= options.retries || !(isDisturbed || isDoubtful)) {
       if (isDisturbed) {
         checked.report.state = CheckState::in_use;
-        checked.report.writer = writerOf(file);
+        checked.report.writer = file.writer();
       }
       // What was found while the file changed may be true of no state that it was ever in.
       if (hasChanged) {

@@ -132,8 +132,10 @@ ExtentsReport visit_extents(const std::filesystem::path& path, const ExtentVisit
   OpenedFile file(path, "look at the database");
   file.watch();
   const Survey survey = makeSurvey(file.source());
-  const ExtentsReport report = {.file_size = survey.size,
-                                .in_use = file.hasChanged() || file.isLockedByOthers()};
+  ExtentsReport report;
+  report.file_size = survey.size;
+  report.in_use = file.hasChanged() || file.isLockedByOthers();
+  if (report.in_use) report.writer = file.writer();
   visitAll(survey, visitor);
   return report;
 }
@@ -142,7 +144,9 @@ ExtentsReport visit_extents(std::span<const std::byte> image, const ExtentVisito
   const platform::Uncancelled uncancelled;
   const Survey survey = makeSurvey(MemorySource(image));
   visitAll(survey, visitor);
-  return {.file_size = survey.size, .in_use = false};
+  ExtentsReport report;
+  report.file_size = survey.size;
+  return report;
 }
 
 }  // namespace qvdb

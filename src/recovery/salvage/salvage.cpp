@@ -100,6 +100,7 @@ bool Run::verify() const {
 void lookAtSourceAgain(const OpenedFile& source, const std::filesystem::path& path,
                        const char* operation, qvdb::SalvageReport* report) {
   report->source_in_use = source.isLockedByOthers();
+  if (report->source_in_use) report->source_writer = source.writer();
   source.requireUnchanged(path, operation);
 }
 

@@ -97,9 +97,28 @@ bool OpenedFile::hasChanged() const {
   return firstBytes(*source_, format::kNewFileSize) != watched_;
 }
 
+qvdb::FileWriter OpenedFile::writer() const {
+  const std::optional<platform::LockHolder> holder = file_.writer();
+  if (!holder) return {};
+  return {
+      .is_this_process = holder->isThisProcess, .process = holder->process, .name = holder->name};
+}
+
 void OpenedFile::requireUnchanged(const std::filesystem::path& path, const char* operation) const {
   if (!hasChanged()) return;
   failure::throwError(path, operation, qvdb::Reason::in_use, "it was changed meanwhile");
 }
 
 }  // namespace qvdbase::survey
+
+namespace qvdb {
+
+std::string to_string(const FileWriter& writer) {
+  qvdbase::platform::LockHolder holder;
+  holder.isThisProcess = writer.is_this_process;
+  holder.process = writer.process;
+  holder.name = writer.name;
+  return qvdbase::failure::wordsFor(holder);
+}
+
+}  // namespace qvdb

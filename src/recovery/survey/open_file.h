@@ -1,6 +1,8 @@
 // A database file opened to be looked at, with failures reported as the C++ layer reports them.
 #pragma once
 
+#include <qvdbase/qvdb/file_writer.hpp>
+
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -51,6 +53,9 @@ class OpenedFile {
 
   // Whether another process has it open for writing, or had when it was opened here.
   bool isLockedByOthers() const { return wasLocked_ || file_.isLockedByOthers(); }
+
+  // Who has it open for writing now. One that has closed it meanwhile is not known.
+  qvdb::FileWriter writer() const;
 
  private:
   void begin(const std::filesystem::path& path, const char* operation);

@@ -138,7 +138,10 @@ TEST_F(ExtentsOfDatabases, LeaveOutNoByteOfADamagedFile) {
 
 TEST_F(ExtentsOfDatabases, SayWhetherAnotherProcessWrites) {
   create();
-  EXPECT_FALSE(qvdb::visit_extents(path(), {}).in_use);  // this process has it open
+  const qvdb::ExtentsReport report = qvdb::visit_extents(path(), {});
+  EXPECT_FALSE(report.in_use);  // this process has it open
+  EXPECT_EQ(report.writer.process, 0);
+  EXPECT_FALSE(report.writer.is_this_process);
   EXPECT_THROW(qvdb::visit_extents(path("missing.qvd"), {}), qvdb::Error);
 }
 

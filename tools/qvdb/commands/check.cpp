@@ -85,23 +85,14 @@ void printSpace(const SpaceUse& space) {
   line("bytes that are no block", space.unknown);
 }
 
-std::string wordsFor(const FileWriter& writer) {
-  std::string words = "another process ";
-  if (writer.process != 0) {
-    words += "(" + std::to_string(writer.process);
-    if (!writer.name.empty()) words += ", " + escaped(writer.name);
-    words += ") ";
-  }
-  return words + "is writing to it";
-}
-
 std::string summaryOf(const CheckReport& report) {
   if (report.state == CheckState::in_use) {
     const uint64_t findings = report.errors + report.warnings;
     const std::string what = findings == 0 ? "it changed while it was read"
                                            : counted(findings, "finding", "findings") +
                                                  ", shown with -v, can be work in progress";
-    return "in use: " + wordsFor(report.writer) + "; " + what + "; wait, or use --wait 10";
+    return "in use: " + escaped(to_string(report.writer)) + "; " + what +
+           "; wait, or use --wait 10";
   }
   std::string text =
       std::string(nameOf(report.state)) + ": " + counted(report.errors, "error", "errors") + ", " +
@@ -168,10 +159,7 @@ void printJsonReport(const Options& options, const CheckReport& report,
   Json json;
   addText(&json, "file", options.file);
   json["state"] = nameOf(report.state);
-  if (report.state == CheckState::in_use && report.writer.process != 0) {
-    json["writer"] = {{"process", report.writer.process}};
-    addText(&json["writer"], "name", report.writer.name);
-  }
+  if (report.state == CheckState::in_use) addWriter(&json, "writer", report.writer);
   json["errors"] = report.errors;
   json["warnings"] = report.warnings;
   json["informations"] = report.informations;

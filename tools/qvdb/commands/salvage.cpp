@@ -114,6 +114,7 @@ Json jsonOf(const StoredDatabase& stored) {
 Json jsonOf(const SalvageReport& report, const std::map<std::string, Tally>& tallies) {
   Json json = jsonOf(report);
   json["source_in_use"] = report.source_in_use;
+  addWriter(&json, "source_writer", report.source_writer);
   json["blocks"] = Json::array();
   for (const auto& [label, tally] : tallies) {
     json["blocks"].push_back(
@@ -162,7 +163,7 @@ void printReport(const SalvageReport& report, const std::map<std::string, Tally>
   for (const StoredDatabase& each : report.stored) printStored(each);
   if (report.records_cut > 0) printLine(cutRecords(report));
   printPayloads(report.payloads);
-  if (report.source_in_use) printLine(kSourceInUse);
+  if (report.source_in_use) printSourceInUse(report.source_writer);
   printLine(
       counted(report.tables_written, "table", "tables") + ", " +
       counted(report.records_written, "record", "records") + ", " +

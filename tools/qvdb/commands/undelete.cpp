@@ -50,7 +50,7 @@ int run(const Options& options) {
                     [&](std::span<std::byte> data) { named = restoreName(data, record); });
   });
   for (const std::string& note : report.notes) printLine(escaped(note));
-  if (report.source_in_use) printLine(kSourceInUse);
+  if (report.source_in_use) printSourceInUse(report.source_writer);
   if (report.verified) {
     if (!named.empty()) printLine(named);
     return kDone;

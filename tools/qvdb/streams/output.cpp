@@ -77,6 +77,18 @@ void addText(Json* object, const char* key, std::string_view bytes) {
   if (!isUtf8(bytes)) (*object)[std::string(key) + "_bytes"] = hexDigits(bytes);
 }
 
+void printSourceInUse(const FileWriter& writer) {
+  printLine("The source is in use: " + escaped(to_string(writer)) +
+            "; repeat this when it has closed the file.");
+}
+
+void addWriter(Json* object, const char* key, const FileWriter& writer) {
+  if (writer.process == 0) return;
+  Json& member = (*object)[key];
+  member["process"] = writer.process;
+  addText(&member, "name", writer.name);
+}
+
 JsonArrayWriter::JsonArrayWriter(const Json& head, const char* arrayName) {
   std::string text = jsonText(head, false);
   text.pop_back();  // the closing brace

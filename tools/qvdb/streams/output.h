@@ -1,6 +1,8 @@
 // Standard output: buffered, and never silently lost.
 #pragma once
 
+#include <qvdbase/qvdb/file_writer.hpp>
+
 #include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <string>
@@ -24,6 +26,9 @@ void flushOutput();
 // Throws away what was not written yet.
 void discardOutput();
 
+// That what was saved may be work in progress of the one who writes to the source.
+void printSourceInUse(const FileWriter& writer);
+
 bool outputIsTerminal();
 
 // A JSON text in ASCII, on one line or indented.
@@ -33,6 +38,9 @@ void printJson(const Json& value);
 // Bytes from a file as JSON members: `key` holds them as text, with a replacement character for
 // what is not UTF-8; then `key`_bytes is added, with all bytes in hexadecimal.
 void addText(Json* object, const char* key, std::string_view bytes);
+
+// A member with the number and the name of the process; none where it is not known.
+void addWriter(Json* object, const char* key, const FileWriter& writer);
 
 // A JSON document with one long array, written element by element:
 //   {"table": "notes", "records": [

@@ -43,8 +43,4 @@ std::string hexDigits(std::string_view bytes, const char* prefix = "");
 // "1 file", "2 files".
 std::string counted(uint64_t count, const char* one, const char* many);
 
-// A message: what was saved may be work in progress of the writer.
-inline constexpr const char* kSourceInUse =
-    "Another process has the source open for writing: repeat this when it has closed the file.";
-
 }  // namespace qvdb::tool

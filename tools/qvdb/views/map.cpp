@@ -154,6 +154,12 @@ void printLegend(const Strip& strip, uint64_t fileSize, bool isColoured) {
   }
 }
 
+void complainOfWriter(const Options& options, const ExtentsReport& report) {
+  if (!report.in_use) return;
+  complain(options.file + ": " + to_string(report.writer) +
+           "; what looks like damage can be work in progress");
+}
+
 void showStrip(const Options& options) {
   std::vector<Extent> extents;
   const ExtentsReport report =
@@ -168,10 +174,7 @@ void showStrip(const Options& options) {
   printStrip(strip, isColoured);
   printLine("");
   printLegend(strip, size, isColoured);
-  if (report.in_use)
-    complain(options.file +
-             ": another process has it open for writing; what looks like damage can be work in "
-             "progress");
+  complainOfWriter(options, report);
 }
 
 void showExtents(const Options& options) {
@@ -184,7 +187,7 @@ void showExtents(const Options& options) {
     if (extent.record.value != 0) line += "  " + to_string(extent.record);
     printLine(line);
   });
-  static_cast<void>(report);
+  complainOfWriter(options, report);
 }
 
 Json jsonOf(const Extent& extent) {
@@ -204,12 +207,13 @@ int showJson(const Options& options) {
   Json head;
   addText(&head, "file", options.file);
   std::optional<JsonArrayWriter> writer;
-  visit_extents(options.file, [&](const Extent& extent) {
+  const ExtentsReport report = visit_extents(options.file, [&](const Extent& extent) {
     if (!writer) writer.emplace(head, "extents");
     writer->add(jsonOf(extent));
   });
   if (!writer) writer.emplace(head, "extents");
   writer->finish();
+  complainOfWriter(options, report);
   return kDone;
 }
 
