@@ -49,11 +49,13 @@ class Run {
     if (participants.empty()) return;
     const std::vector<Measured> measured = bench::measure(participants, plan, random_);
     for (size_t i = 0; i < measured.size(); ++i) {
-      results_.put({workload.name, participants[i].name, options_.size, measured[i].processor,
-                    measured[i].wall, measured[i].attempts, notes[i]});
+      const Figure figure{
+          workload.name,    participants[i].name, options_.size, measured[i].processor,
+          measured[i].wall, measured[i].attempts, notes[i]};
+      results_.put(figure);
+      print(figure);
     }
     save(results_, options_.output);
-    print(workload, participants, measured);
   }
 
  private:
@@ -111,14 +113,11 @@ class Run {
             [] {}};
   }
 
-  static void print(const Workload& workload, const std::vector<Participant>& participants,
-                    const std::vector<Measured>& measured) {
-    for (size_t i = 0; i < measured.size(); ++i) {
-      std::printf("%-22s %-16s %12.0f ns  +-%3.0f %%%s\n", workload.name,
-                  participants[i].name.c_str(), medianOf(measured[i].processor),
-                  spreadOf(measured[i].processor) * 100,
-                  isSteady(measured[i].processor) ? "" : "  unsteady");
-    }
+  static void print(const Figure& figure) {
+    const std::vector<double>& counted = countedOf(figure);
+    std::printf("%-22s %-16s %12.0f ns  +-%3.0f %%%s\n", figure.workload.c_str(),
+                figure.store.c_str(), medianOf(counted), spreadOf(counted) * 100,
+                isSteady(counted) ? "" : "  unsteady");
     std::fflush(stdout);
   }
 
@@ -191,6 +190,10 @@ const char* describe(unsigned abilities) {
       return "qvdbase";
     case kChain:
       return "qvdbase-c";
+    case kTransact:
+      return "stores with transactions over reads and writes";
+    case kDurable:
+      return "stores that can wait for the device";
   }
   return "";
 }

@@ -1,10 +1,11 @@
 // A key-value store under measurement: our library or one of its peers, reduced to what the
 // workloads need. Every store gives the same guarantee: when a call has returned, ending the
-// process at once loses nothing of it; nothing is synced to the device.
+// process at once loses nothing of it; nothing is synced to the device, unless it is opened so.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <span>
 #include <stdexcept>
@@ -50,6 +51,12 @@ class Store {
   virtual void open(const std::filesystem::path& folder) = 0;
   virtual void close() = 0;
 
+  // Opens the store that is there so that the device has each operation when its call returns, as
+  // the store's manual recommends.
+  virtual void openDurably(const std::filesystem::path&) {}
+  // Carries out the operations of `body` as one transaction.
+  virtual void inTransaction(const std::function<void()>&) {}
+
   // Called before operations, outside the time: whether they look records up by their keys. Ours
   // makes its index then, or drops it.
   virtual void expectLookups(bool /*areExpected*/) {}
@@ -93,6 +100,8 @@ enum Ability : unsigned {
   kInspect = 8,      // sees whether it is sound
   kSideBySide = 16,  // is read by several threads and processes of ours
   kChain = 32,       // looks records up by walking
+  kTransact = 64,    // makes several operations one, which see each other
+  kDurable = 128,    // waits for the device
 };
 
 struct StoreKind {

@@ -30,6 +30,10 @@ bool isRaw(const Figure& figure) {
   return figure.store.starts_with("raw-");
 }
 
+const std::vector<double>& countedOf(const Figure& figure) {
+  return figure.workload == "commit" ? figure.wall : figure.processor;
+}
+
 const Figure* Results::find(const std::string& workload, const std::string& store,
                             Size size) const {
   const auto found = std::find_if(figures.begin(), figures.end(), isFigure(workload, store, size));

@@ -34,6 +34,10 @@ struct Figure {
 bool isOurs(const Figure& figure);
 bool isRaw(const Figure& figure);
 
+// The time that counts: where operations wait for the device, that which passed; else processor
+// time.
+const std::vector<double>& countedOf(const Figure& figure);
+
 struct Results {
   Machine machine;
   std::vector<Figure> figures;

@@ -26,7 +26,7 @@ void keepFastest(Comparison& comparison) {
 }  // namespace
 
 double costOf(const Figure& figure) {
-  return medianOf(figure.processor);
+  return medianOf(countedOf(figure));
 }
 
 double timesOf(const Figure& figure, const Figure* other) {

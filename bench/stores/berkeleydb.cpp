@@ -23,10 +23,12 @@ DBT dbt(const void* bytes, size_t size) {
 
 class BerkeleyDb : public Store {
  public:
-  void open(const std::filesystem::path& folder) override {
+  void open(const std::filesystem::path& folder) override { openWith(folder, false); }
+  void openDurably(const std::filesystem::path& folder) override { openWith(folder, true); }
+  void openWith(const std::filesystem::path& folder, bool isDurable) {
     check(db_env_create(&env_, 0));
     check(env_->set_cachesize(env_, 0, 256u << 20, 1));
-    check(env_->set_flags(env_, DB_TXN_WRITE_NOSYNC, 1));
+    check(env_->set_flags(env_, DB_TXN_WRITE_NOSYNC, isDurable ? 0 : 1));
     check(env_->log_set_config(env_, DB_LOG_AUTO_REMOVE, 1));
     check(env_->set_lk_max_locks(env_, 100000));
     check(env_->set_lk_max_objects(env_, 100000));

@@ -6,24 +6,25 @@ namespace bench {
 const std::vector<StoreKind>& storeKinds() {
   static constexpr unsigned kHash = kLookUp | kCompact;
   static constexpr unsigned kTree = kHash | kOrdered;
+  static constexpr unsigned kSingle = kTree | kTransact | kDurable;
   static const std::vector<StoreKind> kinds{
-      {"qvdbase", "our C++ layer, open exclusively, with an index", kTree | kInspect | kSideBySide,
-       makeQvdbaseLayer},
-      {"qvdbase-cache", "the same with a cache that takes the whole file", kTree,
+      {"qvdbase", "our C++ layer, open exclusively, with an index",
+       kSingle | kInspect | kSideBySide, makeQvdbaseLayer},
+      {"qvdbase-cache", "the same with a cache that takes the whole file", kTree | kTransact,
        makeQvdbaseCached},
       {"qvdbase-checksums", "the first with checksums of all payloads", kTree,
        makeQvdbaseChecksums},
       {"qvdbase-c", "our C interface alone", kChain, makeQvdbaseC},
-      {"sqlite-wal", "SQLite with a write-ahead log", kTree, makeSqliteWal},
-      {"sqlite-rollback", "SQLite with a rollback journal", kTree, makeSqliteRollback},
-      {"lmdb", "LMDB", kTree, makeLmdb},
-      {"lmdb-writemap", "LMDB with a writable map", kTree, makeLmdbWritemap},
-      {"leveldb", "LevelDB", kTree, makeLevelDb},
-      {"rocksdb", "RocksDB", kTree, makeRocksDb},
+      {"sqlite-wal", "SQLite with a write-ahead log", kSingle, makeSqliteWal},
+      {"sqlite-rollback", "SQLite with a rollback journal", kSingle, makeSqliteRollback},
+      {"lmdb", "LMDB", kSingle, makeLmdb},
+      {"lmdb-writemap", "LMDB with a writable map", kTree | kTransact, makeLmdbWritemap},
+      {"leveldb", "LevelDB", kTree | kDurable, makeLevelDb},
+      {"rocksdb", "RocksDB", kTree | kDurable, makeRocksDb},
       {"tkrzw", "tkrzw's hash database", kHash, makeTkrzw},
       {"tokyocabinet", "Tokyo Cabinet's hash database", kHash, makeTokyoCabinet},
       {"gdbm", "GDBM", kHash, makeGdbm},
-      {"berkeleydb", "Berkeley DB's B-tree", kTree, makeBerkeleyDb},
+      {"berkeleydb", "Berkeley DB's B-tree", kTree | kDurable, makeBerkeleyDb},
   };
   return kinds;
 }

@@ -10,6 +10,7 @@ namespace {
 struct Api {
   using Options = leveldb::Options;
   using Database = leveldb::DB;
+  using WriteOptions = leveldb::WriteOptions;
   using WriteBatch = leveldb::WriteBatch;
   using Iterator = leveldb::Iterator;
   using Slice = leveldb::Slice;

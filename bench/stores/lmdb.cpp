@@ -15,11 +15,20 @@ class Lmdb : public Store {
  public:
   explicit Lmdb(unsigned flags) : flags_(flags) {}
 
-  void open(const std::filesystem::path& folder) override {
+  void open(const std::filesystem::path& folder) override { openWith(folder, MDB_NOSYNC); }
+  void openDurably(const std::filesystem::path& folder) override { openWith(folder, 0); }
+  void inTransaction(const std::function<void()>& body) override {
+    MDB_txn* txn = begin(0);
+    open_ = txn;
+    body();
+    open_ = nullptr;
+    check(mdb_txn_commit(txn));
+  }
+  void openWith(const std::filesystem::path& folder, unsigned sync) {
     folder_ = folder;
     check(mdb_env_create(&env_));
     check(mdb_env_set_mapsize(env_, size_t{32} << 30));
-    check(mdb_env_open(env_, folder.c_str(), MDB_NOSYNC | flags_, 0644));
+    check(mdb_env_open(env_, folder.c_str(), sync | flags_, 0644));
     MDB_txn* txn = begin(0);
     check(mdb_dbi_open(txn, nullptr, MDB_CREATE, &dbi_));
     check(mdb_txn_commit(txn));
@@ -29,7 +38,7 @@ class Lmdb : public Store {
   Key append(std::span<const char> value) override {
     MDB_txn* txn = begin(0);
     put(txn, next_, value, MDB_APPEND);
-    check(mdb_txn_commit(txn));
+    commit(txn);
     return next_++;
   }
   void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
@@ -63,13 +72,13 @@ class Lmdb : public Store {
       const auto* from = static_cast<const char*>(v.mv_data);
       value->assign(from, from + v.mv_size);
     }
-    mdb_txn_abort(txn);
+    endReading(txn);
     return found;
   }
   bool update(Key key, std::span<const char> value) override {
     MDB_txn* txn = begin(0);
     put(txn, key, value, 0);
-    check(mdb_txn_commit(txn));
+    commit(txn);
     return true;
   }
   bool remove(Key key) override {
@@ -77,7 +86,7 @@ class Lmdb : public Store {
     KeyBytes bytes(key);
     MDB_val k{sizeof bytes.bytes, bytes.bytes};
     const bool found = mdb_del(txn, dbi_, &k, nullptr) == MDB_SUCCESS;
-    check(mdb_txn_commit(txn));
+    commit(txn);
     return found;
   }
   // Its compacting copy, which then takes the place of the database.
@@ -97,10 +106,18 @@ class Lmdb : public Store {
   };
   static constexpr size_t kAll = SIZE_MAX;
 
+  // The transaction that is open, or one for a single operation.
   MDB_txn* begin(unsigned flags) {
+    if (open_ != nullptr) return open_;
     MDB_txn* txn = nullptr;
     check(mdb_txn_begin(env_, nullptr, flags, &txn));
     return txn;
+  }
+  void commit(MDB_txn* txn) {
+    if (txn != open_) check(mdb_txn_commit(txn));
+  }
+  void endReading(MDB_txn* txn) {
+    if (txn != open_) mdb_txn_abort(txn);
   }
   void put(MDB_txn* txn, Key key, std::span<const char> value, unsigned flags) {
     KeyBytes bytes(key);
@@ -133,6 +150,7 @@ class Lmdb : public Store {
   unsigned flags_;
   std::filesystem::path folder_;
   MDB_env* env_ = nullptr;
+  MDB_txn* open_ = nullptr;
   MDB_dbi dbi_ = 0;
   Key next_ = 1;
 };

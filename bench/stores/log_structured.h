@@ -10,6 +10,14 @@ template <typename Api>
 class LogStructuredStore : public Store {
  public:
   void open(const std::filesystem::path& folder) override {
+    write_ = {};
+    openFile(folder);
+  }
+  void openDurably(const std::filesystem::path& folder) override {
+    write_.sync = true;
+    openFile(folder);
+  }
+  void openFile(const std::filesystem::path& folder) {
     typename Api::Options options;
     options.create_if_missing = true;
     options.compression = Api::kNoCompression;
@@ -21,7 +29,7 @@ class LogStructuredStore : public Store {
   void close() override { db_.reset(); }
 
   Key append(std::span<const char> value) override {
-    check(db_->Put({}, slice(KeyBytes(next_)), slice(value)));
+    check(db_->Put(write_, slice(KeyBytes(next_)), slice(value)));
     return next_++;
   }
   void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
@@ -31,7 +39,7 @@ class LogStructuredStore : public Store {
         keys[done++] = next_;
         batch.Put(slice(KeyBytes(next_++)), slice(values.of(stamp++)));
       }
-      check(db_->Write({}, &batch));
+      check(db_->Write(write_, &batch));
     }
   }
 
@@ -71,9 +79,9 @@ class LogStructuredStore : public Store {
     return true;
   }
   bool update(Key key, std::span<const char> value) override {
-    return db_->Put({}, slice(KeyBytes(key)), slice(value)).ok();
+    return db_->Put(write_, slice(KeyBytes(key)), slice(value)).ok();
   }
-  bool remove(Key key) override { return db_->Delete({}, slice(KeyBytes(key))).ok(); }
+  bool remove(Key key) override { return db_->Delete(write_, slice(KeyBytes(key))).ok(); }
   void compact() override { Api::compactAll(*db_); }
 
  private:
@@ -91,6 +99,7 @@ class LogStructuredStore : public Store {
   }
 
   std::unique_ptr<typename Api::Database> db_;
+  typename Api::WriteOptions write_;
   std::string found_;
   Key next_ = 1;
 };

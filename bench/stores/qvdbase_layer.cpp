@@ -18,9 +18,21 @@ Walked valuesOf(qvdb::RecordRange records, size_t count) {
 }  // namespace
 
 void QvdbaseLayer::open(const std::filesystem::path& folder) {
+  openWith(folder, {});
+}
+
+void QvdbaseLayer::openDurably(const std::filesystem::path& folder) {
+  openWith(folder, {.durability = qvdb::Durability::power});
+}
+
+void QvdbaseLayer::inTransaction(const std::function<void()>& body) {
+  database_->transaction([&](qvdb::Transaction&) { body(); });
+}
+
+void QvdbaseLayer::openWith(const std::filesystem::path& folder, const qvdb::OpenOptions& options) {
   path_ = folder / "data.qvd";
   if (std::filesystem::exists(path_)) {
-    database_ = qvdb::Database::open(path_, qvdb::Mode::exclusive);
+    database_ = qvdb::Database::open(path_, qvdb::Mode::exclusive, options);
     table_ = database_->table("t");
   } else {
     database_ = qvdb::Database::create(path_);

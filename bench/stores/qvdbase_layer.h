@@ -13,6 +13,8 @@ class QvdbaseLayer : public Store {
  public:
   void open(const std::filesystem::path& folder) override;
   void close() override;
+  void openDurably(const std::filesystem::path& folder) override;
+  void inTransaction(const std::function<void()>& body) override;
   void expectLookups(bool areExpected) override;
 
   Key append(std::span<const char> value) override;
@@ -37,6 +39,8 @@ class QvdbaseLayer : public Store {
   virtual void willClose() {}
 
  private:
+  void openWith(const std::filesystem::path& folder, const qvdb::OpenOptions& options);
+
   std::filesystem::path path_;
   std::optional<qvdb::Database> database_;
   std::optional<qvdb::Table> table_;

@@ -10,6 +10,7 @@ namespace {
 struct Api {
   using Options = rocksdb::Options;
   using Database = rocksdb::DB;
+  using WriteOptions = rocksdb::WriteOptions;
   using WriteBatch = rocksdb::WriteBatch;
   using Iterator = rocksdb::Iterator;
   using Slice = rocksdb::Slice;

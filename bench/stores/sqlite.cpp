@@ -11,10 +11,17 @@ class Sqlite : public Store {
  public:
   explicit Sqlite(const char* journal) : journal_(journal) {}
 
-  void open(const std::filesystem::path& folder) override {
+  void open(const std::filesystem::path& folder) override { openWith(folder, "OFF"); }
+  void openDurably(const std::filesystem::path& folder) override { openWith(folder, "FULL"); }
+  void inTransaction(const std::function<void()>& body) override {
+    run("BEGIN");
+    body();
+    run("COMMIT");
+  }
+  void openWith(const std::filesystem::path& folder, const char* synchronous) {
     if (sqlite3_open((folder / "data.sqlite").c_str(), &db_) != SQLITE_OK) failed("sqlite: open");
     run("PRAGMA journal_mode=" + std::string(journal_));
-    run("PRAGMA synchronous=OFF");
+    run("PRAGMA synchronous=" + std::string(synchronous));
     run("PRAGMA locking_mode=EXCLUSIVE");
     run("CREATE TABLE IF NOT EXISTS t (k INTEGER PRIMARY KEY, v BLOB)");
     insert_ = prepare("INSERT INTO t (v) VALUES (?1)");

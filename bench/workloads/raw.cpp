@@ -223,6 +223,18 @@ void appendBlock(RawStore& raw, Turn& turn) {
   });
 }
 
+void appendDurably(RawStore& raw, Turn& turn) {
+  const File& file = raw.file();
+  const std::vector<char> block(raw.block, 'b');
+  turn.timed(kCommits, [&] {
+    for (size_t i = 0; i < kCommits; ++i) {
+      file.write(block.data(), block.size(), raw.end);
+      file.waitForDevice();
+      raw.end += raw.block;
+    }
+  });
+}
+
 void moveAnyBlock(RawStore& raw, Turn& turn) {
   const File& file = raw.file();
   const std::vector<char> block(raw.block + (raw.block - kHeader - 1) / 2, 'b');
@@ -284,6 +296,7 @@ constexpr RawLimit kLimits[] = {
     {"append", "raw-pwrite", "three pwrites: a block, a link, a slot", appendBlock},
     {"grow", "raw-pwrite", "three pwrites: a block, two links", moveAnyBlock},
     {"delete", "raw-pwrite", "three pwrites: two links, a slot", unlinkAnyBlock},
+    {"commit", "raw-append", "one pwrite of a block at the end, and fdatasync", appendDurably},
     {"batch", "raw-pwrite", "large pwrites of the bytes of all blocks", writeAll},
     {"compact", "raw-copy", "large preads and pwrites of the whole file, and fdatasync", copyFile},
     {"compact-in-order", "raw-copy", "the same", copyFile},

@@ -31,7 +31,9 @@ bool isRunBy(const Workload& workload, const StoreKind& kind);
 
 // Operations of one turn: that read; that change the store, which are few beside its records.
 constexpr size_t kReads = 10'000;
+constexpr size_t kCommits = 200;
 size_t changesOf(size_t records);
+size_t operationsOfTransaction(size_t records);
 
 // The turns, by the files in which they are defined: see workloads.cpp for what each does.
 
@@ -39,6 +41,8 @@ void append(Filled& f, Turn& turn);
 void update(Filled& f, Turn& turn);
 void grow(Filled& f, Turn& turn);
 void remove(Filled& f, Turn& turn);
+void mixInTransaction(Filled& f, Turn& turn);
+void commitEach(Filled& f, Turn& turn);
 
 void scanKeys(Filled& f, Turn& turn);
 void scanValues(Filled& f, Turn& turn);

@@ -14,6 +14,14 @@ size_t additionsOf(size_t) {
   return kReads / 20;
 }
 
+size_t transactionChanges(size_t records) {
+  return operationsOfTransaction(records) / 2;
+}
+
+size_t commitsOf(size_t) {
+  return kCommits;
+}
+
 constexpr Workload kWorkloads[] = {
     {"scan-ids", "walk all records, reading identifiers only", 0, kShort, false, nullptr, scanKeys},
     {"scan-payloads", "walk all records, reading their values", kLookUp, kShort, false, nullptr,
@@ -52,6 +60,10 @@ constexpr Workload kWorkloads[] = {
     {"grow", "write a value half as large again over a random record's", kLookUp, kShort, true,
      changesOf, grow},
     {"delete", "remove a random record", kLookUp, kShort, true, changesOf, remove},
+    {"transaction", "an operation of 1,000 in one transaction: add, write over, read and remove",
+     kTransact, kShort, true, transactionChanges, mixInTransaction},
+    {"commit", "add a record, which the device has when the call returns", kDurable, kShort, false,
+     commitsOf, commitEach},
     {"batch", "fill a new store in the way it recommends for many records", 0, kWhole, false,
      nullptr, loadAll},
     {"compact", "give dead space back after half as many changes as there are records", kCompact,
@@ -74,6 +86,10 @@ const Workload* findWorkload(const std::string& name) {
 
 bool isRunBy(const Workload& workload, const StoreKind& kind) {
   return workload.abilities == 0 || (workload.abilities & kind.abilities) != 0;
+}
+
+size_t operationsOfTransaction(size_t records) {
+  return std::min<size_t>(1000, records / 10);
 }
 
 size_t changesOf(size_t records) {
