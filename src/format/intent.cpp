@@ -39,6 +39,12 @@ support::Hash128 hashOfIntent(std::span<const unsigned char> block) {
   return sum.result128();
 }
 
+uint64_t hashOfPrelude(const PreludeBlock& block) {
+  support::Xxh3 sum;
+  sum.add(block.data(), kHeadBytes + prelude::kHash);
+  return sum.result64();
+}
+
 uint64_t hashOfWord(const unsigned char* bytes, const unsigned char* databaseID) {
   support::Xxh3 sum;
   sum.add(databaseID, kIdentifierBytes);
@@ -111,12 +117,13 @@ std::optional<std::vector<IntentEntry>> takeEntries(std::span<const unsigned cha
   return entries;
 }
 
-recordPart1 headOf(const Intent& intent, uint32_t payload, uint32_t time, int64_t previous) {
+// Of a block of the intents' table.
+recordPart1 headOf(uint64_t number, uint32_t payload, uint32_t time, int64_t previous) {
   recordPart1 head{};
   head.blockMark = kRecordMark;
   head.headerSize = kRecordHeaderSize;
   std::copy(kIntentTableID.begin(), kIntentTableID.end(), head.tableID);
-  storeBigEndian(head.recordID, intent.sequence);
+  storeBigEndian(head.recordID, number);
   uint16_t sum = 0;
   for (int64_t i = 0; i < kIdentitySize; ++i) sum = static_cast<uint16_t>(sum + head.recordID[i]);
   storeBigEndian(head.recordID + kIdentitySize, sum);
@@ -187,7 +194,8 @@ std::vector<unsigned char> encodeIntent(const Intent& intent, const unsigned cha
   const int64_t payload = size - kRecordBlockOverhead;
   assert(payload <= std::numeric_limits<uint32_t>::max());
   std::vector<unsigned char> block(static_cast<size_t>(size));
-  encodeRecordHead(headOf(intent, static_cast<uint32_t>(payload), time, previous), block.data());
+  encodeRecordHead(headOf(intent.sequence, static_cast<uint32_t>(payload), time, previous),
+                   block.data());
   encodeFixedPart(intent, databaseID, block.data() + kHeadBytes);
   unsigned char* out = block.data() + kHeadBytes + intent::kEntries;
   for (const IntentEntry& entry : intent.entries) out = encodeEntry(entry, out);
@@ -235,6 +243,35 @@ std::optional<Intent> decodeIntent(std::span<const unsigned char> block,
   if (!entries) return std::nullopt;
   intent.entries = std::move(*entries);
   return intent;
+}
+
+PreludeBlock encodePrelude(const Prelude& prelude, const unsigned char* databaseID) {
+  PreludeBlock block{};
+  const auto position = static_cast<uint64_t>(prelude.position);
+  encodeRecordHead(headOf(position, prelude::kSize, prelude.time, 0), block.data());
+  unsigned char* out = block.data() + kHeadBytes;
+  std::copy(std::begin(kPreludeMagic), std::end(kPreludeMagic), out + prelude::kMagic);
+  std::copy(databaseID, databaseID + kIdentifierSize, out + prelude::kDatabaseID);
+  storeBigEndian(out + prelude::kOwnPosition, position);
+  storeBigEndian(out + prelude::kLength, static_cast<uint64_t>(prelude.length));
+  storeBigEndian(out + prelude::kHash, hashOfPrelude(block));
+  block.back() = kBlockEndMark;
+  return block;
+}
+
+std::optional<Prelude> decodePrelude(const PreludeBlock& block, const unsigned char* databaseID) {
+  const unsigned char* fields = block.data() + kHeadBytes;
+  if (!isRecordOf(block.data(), kIntentTableID.data()) || block.back() != kBlockEndMark ||
+      std::memcmp(fields + prelude::kMagic, kPreludeMagic, sizeof kPreludeMagic) != 0 ||
+      std::memcmp(fields + prelude::kDatabaseID, databaseID, kIdentifierBytes) != 0 ||
+      loadBigEndian<uint64_t>(fields + prelude::kHash) != hashOfPrelude(block)) {
+    return std::nullopt;
+  }
+  Prelude prelude;
+  prelude.position = static_cast<int64_t>(loadBigEndian<uint64_t>(fields + prelude::kOwnPosition));
+  prelude.length = static_cast<int64_t>(loadBigEndian<uint64_t>(fields + prelude::kLength));
+  prelude.time = decodeRecordHead(block.data()).modifyTime;
+  return prelude;
 }
 
 void BlocksHash::add(std::span<const unsigned char> piece) {

@@ -127,6 +127,33 @@ std::optional<uint32_t> intentPayloadLength(const unsigned char* head);
 std::optional<Intent> decodeIntent(std::span<const unsigned char> block,
                                    const unsigned char* databaseID);
 
+// A prelude: a block of the same table, which comes before what a transaction writes before its
+// intent. Where no intent follows that begins the transaction here, these blocks were never
+// committed. It is written again whenever more of them follow.
+namespace prelude {
+inline constexpr int kMagic = 0;  // 8 bytes
+inline constexpr int kDatabaseID = kMagic + 8;
+inline constexpr int kOwnPosition = kDatabaseID + static_cast<int>(kIdentifierSize);  // int64
+inline constexpr int kLength = kOwnPosition + 8;                                      // int64
+inline constexpr int kHash = kLength + 8;  // 8 bytes: of the block up to here
+inline constexpr int kSize = kHash + 8;
+inline constexpr int64_t kBlockSize = kRecordBlockOverhead + kSize;
+static_assert(kSize == 42 && kBlockSize == 98);
+}  // namespace prelude
+
+inline constexpr unsigned char kPreludeMagic[8] = {'Q', 'V', 't', 'p', 0, 1, '\r', '\n'};
+
+struct Prelude {
+  int64_t position = 0;  // of its block: the length of the file before the transaction
+  int64_t length = 0;    // of the blocks after it, as far as they were written or about to be
+  uint32_t time = 0;     // when it was written last
+};
+using PreludeBlock = std::array<unsigned char, static_cast<size_t>(prelude::kBlockSize)>;
+
+PreludeBlock encodePrelude(const Prelude& prelude, const unsigned char* databaseID);
+// Nothing when it is no prelude of this database, or not whole.
+std::optional<Prelude> decodePrelude(const PreludeBlock& block, const unsigned char* databaseID);
+
 // The hash of an intent's blocks, fed in pieces of any size. Links of records count as zeros: later
 // transactions change them in place.
 class BlocksHash {

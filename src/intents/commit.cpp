@@ -101,12 +101,13 @@ Commit CommitLog::append(const StagedChanges& changes) {
 
 Commit CommitLog::write(const StagedChanges& changes, int64_t position,
                         const internal_Head1& header, std::vector<format::IntentEntry> entries) {
-  const int64_t shift = format::intentBlockSize(entries);
-  if (shift > std::numeric_limits<uint32_t>::max() ||
+  const int64_t size = format::intentBlockSize(entries);
+  if (size > std::numeric_limits<uint32_t>::max() ||
       static_cast<int64_t>(changes.blocks.size()) >
-          std::numeric_limits<int64_t>::max() - position - shift) {
+          std::numeric_limits<int64_t>::max() - position - size) {
     return refused(Obstacle::tooLarge);
   }
+  const int64_t shift = size - changes.gap;
   std::vector<unsigned char> blocks = changes.blocks;
   if (!movePositions(position, shift, &entries, &blocks)) return refused(Obstacle::notTakable);
   if (!beginRun(header, position, changes.spilled > 0)) return refused(broken_);
@@ -129,7 +130,7 @@ Commit CommitLog::write(const StagedChanges& changes, int64_t position,
     return takeBack(position);
   }
   last_ = position;
-  end_ = position + shift + static_cast<int64_t>(blocks.size());
+  end_ = position + size + static_cast<int64_t>(blocks.size());
   ++sequence_;
   ++heldCommits_;
   for (format::IntentEntry& entry : intent.entries) {

@@ -38,9 +38,12 @@ constexpr int kMostTables = format::kNewSlotCount - 1;
 class StagedReader : public Reader {
  public:
   StagedReader(const FileBytes& file, const StagedChanges& changes)
-      : file_(file), blocks_(changes.blocks), limit_(changes.base + changes.spilled) {}
+      : file_(file),
+        blocks_(changes.blocks),
+        limit_(changes.base + changes.spilled),
+        start_(limit_ + changes.gap) {}
 
-  int64_t size() const override { return limit_ + static_cast<int64_t>(blocks_.size()); }
+  int64_t size() const override { return start_ + static_cast<int64_t>(blocks_.size()); }
 
   bool read(int64_t position, void* buffer, size_t count) const override {
     auto* to = static_cast<unsigned char*>(buffer);
@@ -52,7 +55,8 @@ class StagedReader : public Reader {
       count -= inFile;
     }
     if (count == 0) return true;
-    std::copy_n(blocks_.begin() + static_cast<ptrdiff_t>(position - limit_), count, to);
+    if (position < start_) return false;
+    std::copy_n(blocks_.begin() + static_cast<ptrdiff_t>(position - start_), count, to);
     return true;
   }
 
@@ -60,6 +64,7 @@ class StagedReader : public Reader {
   const FileBytes& file_;
   const Bytes& blocks_;
   int64_t limit_;
+  int64_t start_;  // of the blocks
 };
 
 struct Place {

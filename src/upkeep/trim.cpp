@@ -51,7 +51,7 @@ bool isDead(const Survey& survey, const Block& block) {
   if (survey.isIntent(block) || survey.ownerSlot(block) == nullptr) return false;
   if (block.isReached() || block.isCut() || block.flaws != 0) return false;
   if (block.grade != Grade::a || block.isInTornBlock) return false;
-  return block.isDeleted() || block.label == Label::superseded;
+  return block.isDeleted() || block.label == Label::superseded || block.label == Label::uncommitted;
 }
 
 std::vector<DeadPayload> deadPayloads(const Survey& survey) {

@@ -50,6 +50,7 @@ void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
   const salvage::Plan plan = salvage::makePlan(survey, {});
   for (const uint32_t number : blocksInFileOrder(survey)) {
     const Block& block = survey.blocks[number];
+    if (block.label == Label::uncommitted) continue;
     if (!block.isReached() && block.grade != Grade::a) ++verdict->tornBlocks;
     if (plan.destination[number] < 0 || copied.blocks[number]) continue;
     if (block.kind == BlockKind::tableData) {
@@ -63,7 +64,8 @@ void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
     }
   }
   for (const auto& leftover : survey.leftovers) {
-    if (leftover.kind == Leftover::torn) ++verdict->tornBlocks;
+    const bool isEarly = survey.endsEarlyBlocks(leftover.range);
+    if (leftover.kind == Leftover::torn && !isEarly) ++verdict->tornBlocks;
   }
 }
 

@@ -18,6 +18,7 @@
 #include <memory>
 #include <optional>
 
+#include "format/layout.h"
 #include "intents/commit.h"
 #include "objects/published.h"
 #include "platform/handles/turns.h"
@@ -28,6 +29,7 @@ namespace qvdb::detail {
 
 struct OpenTransaction {
   uint32_t number = 0;
+  std::array<unsigned char, qvdbase::format::kIdentifierSize> databaseID{};
   std::unique_ptr<qvdbase::platform::Stage> stage;
   const void* thread = qvdbase::platform::thisThread();
   qvdbase::platform::ProcessMark maker;

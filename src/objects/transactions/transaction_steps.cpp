@@ -22,6 +22,7 @@
 #include "objects/writing/bulk.h"
 #include "platform/handles/file_changes.h"
 #include "platform/handles/open_files.h"
+#include "platform/host/clock.h"
 #include "support/file_transfers.h"
 
 using namespace qvdbase;
@@ -80,8 +81,30 @@ intents::StagedChanges gather(Stage& stage) {
     addHeadPatch(stage, format::slotPosition(i), format::kSlotImageSize, &changes);
   }
   addHeadPatch(stage, format::kTableCountPos, 2, &changes);
+  changes.gap = stage.gap();
   changes.blocks = stage.takeTail();
   return changes;
+}
+
+void makePrelude(const void* databaseID, int64_t position, int64_t length, uint8_t* bytes) {
+  const format::Prelude prelude{position, length, platform::secondsSinceEpoch()};
+  const auto block = format::encodePrelude(prelude, static_cast<const unsigned char*>(databaseID));
+  std::copy(block.begin(), block.end(), bytes);
+}
+
+// What the transaction writes early is known for what it is.
+std::unique_ptr<Stage> beginStage(const Operation& operation, OpenTransaction& open, int64_t from) {
+  const engine::SavedPosition scope(operation.db());
+  uint32_t read = 0;
+  if (myFileSeek(operation.db(), format::kDatabaseIDPos, kFromStart) != 0 ||
+      !support::readFile(operation.db(), open.databaseID.data(),
+                         static_cast<uint32_t>(open.databaseID.size()), &read)) {
+    return nullptr;
+  }
+  return Stage::begin(*platform::findOpenFile(operation.db()), kHead, Stage::kBudget, {}, from,
+                      {.size = static_cast<size_t>(format::prelude::kBlockSize),
+                       .context = open.databaseID.data(),
+                       .make = makePrelude});
 }
 
 // Whoever waits looks again.
@@ -242,8 +265,7 @@ uint32_t beginTransaction(const std::shared_ptr<OpenDatabase>& database, const c
     operation.fail(Reason::cannot_write, kBroken);
   }
   auto open = std::make_unique<OpenTransaction>();
-  open->stage =
-      Stage::begin(*platform::findOpenFile(operation.db()), kHead, Stage::kBudget, {}, from);
+  open->stage = beginStage(operation, *open, from);
   if (open->stage == nullptr) {
     operation.fail(Reason::cannot_read, "the system cannot read the file, or memory is short");
   }
@@ -287,6 +309,7 @@ void commitTransaction(const std::shared_ptr<OpenDatabase>& database, uint32_t n
       static_cast<void>(stage.discard(*platform::findOpenFile(operation.db())));
     }
   } else {
+    static_cast<void>(stage.discard(*platform::findOpenFile(operation.db())));
     commit.outcome = Outcome::committed;
   }
   const bool isCommitted = commit.outcome == Outcome::committed;

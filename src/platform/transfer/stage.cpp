@@ -33,13 +33,19 @@ bool Stage::writeToFile(const OpenFile& file, int64_t position, const uint8_t* b
 }
 
 std::unique_ptr<Stage> Stage::begin(const OpenFile& file, size_t head, size_t budget,
-                                    Underlay underlay, int64_t from) {
+                                    Underlay underlay, int64_t from,
+                                    const Announcement& announcement) {
   try {
     std::unique_ptr<Stage> stage(new Stage);
     stage->budget_ = budget;
     stage->underlay_ = underlay;
     stage->base_ = stage->inFile_ = systemCalls().lengthOf(file.descriptor);
-    if (from != 0) stage->base_ = from;
+    if (from != 0) {
+      stage->base_ = from;
+    } else {
+      stage->announcement_ = announcement;
+      stage->tail_.resize(announcement.size);
+    }
     if (stage->base_ < static_cast<int64_t>(head) || stage->inFile_ < stage->base_) return nullptr;
     stage->headBefore_.resize(head);
     if (!stage->readBefore(file, 0, stage->headBefore_.data(), head)) return nullptr;
@@ -165,7 +171,7 @@ bool Stage::writeTail(const OpenFile& file, int64_t position, const uint8_t* byt
   // What is as large as the budget need not come into memory first.
   if (more >= budget_) {
     const int64_t from = position + static_cast<int64_t>(over);
-    if (!spill(file) || !writeToFile(file, from, bytes + over, more)) return breakOff();
+    if (!spillBefore(file, more) || !writeToFile(file, from, bytes + over, more)) return breakOff();
     inFile_ = from + static_cast<int64_t>(more);
     return true;
   }
@@ -178,8 +184,34 @@ void Stage::keepForUndo(int64_t position, const uint8_t* bytes, size_t count) {
   undo_.push_back({position, false, {bytes, bytes + count}});
 }
 
+std::vector<uint8_t> Stage::takeTail() {
+  std::vector<uint8_t> tail = std::move(tail_);
+  tail.erase(tail.begin(), tail.begin() + static_cast<ptrdiff_t>(gap()));
+  return tail;
+}
+
+// Before the bytes that it announces: where these are cut off, it says more than there is.
+bool Stage::announce(const OpenFile& file, int64_t end) {
+  if (announcement_.size == 0) return true;
+  const int64_t length = end - base_ - announced();
+  if (inFile_ == base_) {
+    announcement_.make(announcement_.context, base_, length, tail_.data());
+    return true;
+  }
+  std::vector<uint8_t> bytes(announcement_.size);
+  announcement_.make(announcement_.context, base_, length, bytes.data());
+  return writeToFile(file, base_, bytes.data(), bytes.size());
+}
+
 bool Stage::spill(const OpenFile& file) {
+  return spillBefore(file, 0);
+}
+
+// `more` bytes will follow at once.
+bool Stage::spillBefore(const OpenFile& file, size_t more) {
   if (systemCalls().lengthOf(file.descriptor) != inFile_) return breakOff();
+  if (tail_.empty() && more == 0) return true;
+  if (!announce(file, length() + static_cast<int64_t>(more))) return breakOff();
   if (tail_.empty()) return true;
   if (!writeToFile(file, inFile_, tail_.data(), tail_.size())) return breakOff();
   inFile_ += static_cast<int64_t>(tail_.size());
@@ -188,7 +220,11 @@ bool Stage::spill(const OpenFile& file) {
 }
 
 bool Stage::cut(const OpenFile& file, int64_t length) {
-  if (length < base_ || length > this->length()) return false;
+  return length >= base_ + announced() && cutTo(file, length);
+}
+
+bool Stage::cutTo(const OpenFile& file, int64_t length) {
+  if (length > this->length()) return false;
   if (length >= inFile_) {
     tail_.resize(static_cast<size_t>(length - inFile_));
     return true;
@@ -245,7 +281,7 @@ bool Stage::discard(const OpenFile& file) {
     tail_.clear();
     return true;
   }
-  return cut(file, base_);
+  return cutTo(file, base_);
 }
 
 bool useStage(int16_t file, Stage* stage) {

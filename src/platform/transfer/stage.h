@@ -33,6 +33,15 @@ struct Underlay {
   void (*layOver)(const void* context, int64_t position, void* bytes, size_t count) = nullptr;
 };
 
+// What is put before blocks that go to the file early, so that they are known for what they are: so
+// many bytes, of which nothing is in the file where no block goes there early.
+struct Announcement {
+  size_t size = 0;
+  const void* context = nullptr;
+  // Makes the bytes that lie at `position`, with `length` bytes after them.
+  void (*make)(const void* context, int64_t position, int64_t length, uint8_t* bytes) = nullptr;
+};
+
 class Stage {
  public:
   static constexpr size_t kBudget = size_t{16} << 20;
@@ -48,7 +57,8 @@ class Stage {
   // A stage for an open file, whose head has so many bytes. Null when these cannot be read, and
   // when memory is short.
   static std::unique_ptr<Stage> begin(const OpenFile& file, size_t head, size_t budget = kBudget,
-                                      Underlay underlay = {}, int64_t from = 0);
+                                      Underlay underlay = {}, int64_t from = 0,
+                                      const Announcement& announcement = {});
 
   // The file's length when it began, that with what was spilled, and with everything.
   int64_t base() const { return base_; }
@@ -59,8 +69,13 @@ class Stage {
   const std::vector<uint8_t>& headBefore() const { return headBefore_; }
   const std::vector<uint8_t>& head() const { return head_; }
   const std::map<int64_t, Link>& links() const { return links_; }
-  std::vector<uint8_t> takeTail() { return std::move(tail_); }
-  bool isEmpty() const { return links_.empty() && length() == base_ && head_ == headBefore_; }
+  // What was added and is not in the file. Where nothing is there early, it begins at
+  // inFile() + gap(), after the place of the announcement.
+  std::vector<uint8_t> takeTail();
+  int64_t gap() const { return inFile_ == base_ ? announced() : 0; }
+  bool isEmpty() const {
+    return links_.empty() && length() == base_ + announced() && head_ == headBefore_;
+  }
 
   bool isBroken() const { return isBroken_; }
 
@@ -83,10 +98,10 @@ class Stage {
   size_t write(const OpenFile& file, int64_t position, const uint8_t* bytes, size_t count,
                const uint8_t* before);
 
-  // Cuts off what was added after `length`. False before the base.
+  // Cuts off what was added after `length`. False where that is not after the base.
   bool cut(const OpenFile& file, int64_t length);
 
-  // Appends what is in memory to the file.
+  // Appends what is in memory to the file, after the announcement.
   bool spill(const OpenFile& file);
 
   // What was written since save() is taken back by restore(), and stays with
@@ -107,6 +122,10 @@ class Stage {
   };
 
   Stage() = default;
+  int64_t announced() const { return static_cast<int64_t>(announcement_.size); }
+  bool announce(const OpenFile& file, int64_t end);
+  bool spillBefore(const OpenFile& file, size_t more);
+  bool cutTo(const OpenFile& file, int64_t length);
   bool readBefore(const OpenFile& file, int64_t position, uint8_t* bytes, size_t count) const;
   bool writeToFile(const OpenFile& file, int64_t position, const uint8_t* bytes, size_t count);
   bool cutFile(const OpenFile& file, int64_t length);
@@ -124,6 +143,7 @@ class Stage {
   int64_t inFile_ = 0;
   size_t budget_ = kBudget;
   Underlay underlay_;
+  Announcement announcement_;
   std::vector<uint8_t> headBefore_;
   std::vector<uint8_t> head_;
   std::map<int64_t, Link> links_;

@@ -181,7 +181,8 @@ constexpr FindingCode kCodes[] = {
      "nothing; what the transaction has added to that table is not in it",
      "'qvdb mend --link' adds these records to the table, 'qvdb mend --discard' drops them; "
      "'qvdb salvage' writes a new file that has them"},
-    {"X4", information, "a transaction that was never committed", kNothing, kPack},
+    {"X4", information, "a transaction that was never committed, or what it had written", kNothing,
+     kPack},
     {"X5", warning, "the word that leads to open transactions is damaged, or leads to none",
      "completing transactions that a crash has left, if there are any",
      "look for records that are missing; 'qvdb salvage' finds their blocks"},

@@ -48,7 +48,9 @@ void checkFinished(Check& check, const RecoveryPlan& plan) {
         std::any_of(plan.intents.begin(), plan.intents.end(),
                     [&](const FoundIntent& intent) { return intent.position == block.position; });
     if (isOpen && !plan.writes.empty()) continue;
-    ++count;
+    const EarlyBlocks* early = check.survey.earlyAt(block.position);
+    if (early != nullptr && !early->isCommitted) continue;
+    if (early == nullptr) ++count;
     bytes += static_cast<uint64_t>(block.end - block.position);
     if (first < 0 || block.position < first) first = block.position;
     if (isOpen || !wasContradicted(block)) continue;
@@ -58,6 +60,15 @@ void checkFinished(Check& check, const RecoveryPlan& plan) {
   if (count == 0) return;
   check.information("X1", {.offset = first}, counted(count, "intent"), " of transactions, ",
                     counted(bytes, "byte"), ".");
+}
+
+void checkUncommitted(Check& check) {
+  for (const EarlyBlocks& early : check.survey.early) {
+    if (early.isCommitted) continue;
+    check.information("X4", {.offset = early.prelude}, "The transaction at ", early.prelude,
+                      " was never committed: nothing leads to the ", counted(early.blocks, "block"),
+                      ", ", counted(early.range.size(), "byte"), ", that it had written.");
+  }
 }
 
 }  // namespace
@@ -73,6 +84,7 @@ void checkIntents(Check& check, const RecoveryPlan& plan) {
   }
   checkOpen(check, plan);
   checkFinished(check, plan);
+  checkUncommitted(check);
 }
 
 }  // namespace qvdbase::check

@@ -46,6 +46,9 @@ constexpr const Fate& kOrphan = kFates[std::size(kFates) - 1];
 
 // Reported by themselves: see intent_checks.cpp.
 constexpr Fate kIntent = {Label::none, &SpaceUse::superseded, false, "intents", "intents"};
+constexpr Fate kUncommitted = {Label::uncommitted, &SpaceUse::unlinked, false,
+                               "records that were never committed",
+                               "table data that was never committed"};
 
 struct Heap {
   uint64_t blocks = 0;
@@ -127,7 +130,7 @@ class SpaceCheck {
                       : block.kind == BlockKind::record ? &SpaceUse::records
                                                         : &SpaceUse::table_data;
     space_.*part += static_cast<uint64_t>(block.end - block.position);
-    if (block.isReached() || survey_.isIntent(block)) return;
+    if (block.isReached() || survey_.isIntent(block) || block.label == Label::uncommitted) return;
     if (block.grade != Grade::a) return reportTorn(block);
     if (survey_.isOrphan(block)) return orphans_[block.owner].add(block);
     heaps_[{block.kind, survey_.owners[block.owner].slot, &fate}].add(block);
@@ -135,6 +138,7 @@ class SpaceCheck {
 
   const Fate& fateOf(const Block& block) const {
     if (survey_.isIntent(block)) return kIntent;
+    if (block.label == Label::uncommitted) return kUncommitted;
     if (survey_.ownerSlot(block) == nullptr) return kOrphan;
     return *std::find_if(kFates, &kLost,
                          [&](const Fate& each) { return each.label == block.label; });
@@ -170,6 +174,7 @@ class SpaceCheck {
   void reportLeftover(const LeftoverRange& leftover) {
     const Range& range = leftover.range;
     space_.unknown += static_cast<uint64_t>(range.size());
+    if (leftover.kind == Leftover::torn && survey_.endsEarlyBlocks(range)) return;
     const bool isAtEnd = range.end == survey_.size;
     const About about = {.offset = range.begin};
     const std::string bytes = joined(counted(range.size(), "byte"), " at ", range.begin);

@@ -18,6 +18,7 @@ namespace {
 // What became of a block.
 ExtentUse useOf(const Survey& survey, const Block& block) {
   if (survey.isIntent(block)) return ExtentUse::intent;
+  if (block.label == Label::uncommitted) return ExtentUse::unlinked;
   if (survey.ownerSlot(block) == nullptr) return ExtentUse::orphan;
   switch (block.label) {
     case Label::live:
@@ -31,6 +32,7 @@ ExtentUse useOf(const Survey& survey, const Block& block) {
     case Label::unfinishedRelocation:
       return ExtentUse::unlinked;
     case Label::detached:
+    case Label::uncommitted:
     case Label::none:
       break;
   }

@@ -65,7 +65,10 @@ std::vector<Piece> cutOffPieces(const Survey& survey) {
   const auto add = [&](const Block& each) { pieces.push_back({each.position, each.end, &each}); };
   for (const Block& each : survey.blocks) {
     const bool isTorn = each.grade != Grade::a && !each.isReached();
-    if (isTorn || isLeftOver(each) || isLeftOverData(survey, each)) add(each);
+    const EarlyBlocks* early = survey.isIntent(each) ? survey.earlyAt(each.position) : nullptr;
+    const bool isUncommitted =
+        each.label == Label::uncommitted || (early != nullptr && !early->isCommitted);
+    if (isTorn || isUncommitted || isLeftOver(each) || isLeftOverData(survey, each)) add(each);
   }
   for (const Table& table : survey.tables) {
     if (!survey.slotOf(table).counted) continue;

@@ -12,14 +12,24 @@ static_assert(static_cast<int>(Label::live) == static_cast<int>(BlockLabel::live
 static_assert(static_cast<int>(Label::deletedOrUnlinked) ==
               static_cast<int>(BlockLabel::deleted_or_unlinked));
 
+namespace {
+
+BlockLabel labelOf(const Block& block) {
+  if (block.label == Label::none) return BlockLabel::lost;
+  // Its transaction was interrupted.
+  if (block.label == Label::uncommitted) return BlockLabel::unlinked;
+  return static_cast<BlockLabel>(block.label);
+}
+
+}  // namespace
+
 qvdb::FoundBlock qvdbase::salvage::describe(const Survey& survey, uint32_t number) {
   const Block& block = survey.blocks[number];
   const Slot* const slot = survey.ownerSlot(block);
   const bool isFlawed = block.isReached() && block.flaws != 0;
   qvdb::FoundBlock found;
   found.is_table_data = block.kind == BlockKind::tableData;
-  found.label =
-      block.label == Label::none ? BlockLabel::lost : static_cast<BlockLabel>(block.label);
+  found.label = labelOf(block);
   found.grade = isFlawed ? BlockGrade::b : static_cast<BlockGrade>(block.grade);
   found.is_orphan = slot == nullptr;
   found.table.value = survey.owners[block.owner].number;

@@ -170,7 +170,8 @@ SalvageReport undelete(const std::filesystem::path& source, const std::filesyste
   uint32_t chosen = kNoBlock;
   for (const uint32_t number : versions) {
     const Block& block = sought.block(number);
-    if (offset ? block.position == *offset : block.grade == Grade::a) chosen = number;
+    const bool isUsable = block.grade == Grade::a && block.label != Label::uncommitted;
+    if (offset ? block.position == *offset : isUsable) chosen = number;
   }
   if (chosen == kNoBlock) {
     throwError(source, kUndelete, Reason::record_missing, "the file holds no such version of it");

@@ -61,6 +61,7 @@ class Selection {
   void place(uint32_t number) {
     const Block& each = block(number);
     if (survey_.isIntent(each)) return;
+    if (each.label == Label::uncommitted && number != wanted_) return;
     Group& group = taken_.groups[each.owner];
     // No record has the identifier 0. Such a block was torn or damaged, and nothing says of which
     // record it is a version.

@@ -11,6 +11,9 @@
 // The blocks of one record are in the file in the order in which they were written. Of a record
 // that no chain holds, the last whole block is its last version.
 //
+// Blocks of a transaction that was never committed have their label already, and say nothing about
+// others.
+//
 // After a power failure the device can have the links to a moved record, but only a part of its new
 // block. So a block in a chain replaces an older version only if it is complete: it has an
 // identifier, and its end mark is there.
@@ -148,7 +151,7 @@ class Labeller {
   void run() {
     remains_.resize(survey_.owners.size());
     for (Block& each : survey_.blocks) {
-      if (each.kind != BlockKind::record) continue;
+      if (each.kind != BlockKind::record || each.label == Label::uncommitted) continue;
       noteChain(each);
       if (each.reach & (kForward | kBackward)) each.label = Label::live;
     }
@@ -174,7 +177,8 @@ class Labeller {
     records.reserve(survey_.blocks.size());
     for (const uint32_t number : blocksInFileOrder(survey_)) {
       const Block& each = survey_.blocks[number];
-      if (each.kind == BlockKind::record) records.push_back({each.recordID, number, noteOf(each)});
+      if (each.kind != BlockKind::record || each.label == Label::uncommitted) continue;
+      records.push_back({each.recordID, number, noteOf(each)});
     }
     support::sortByKey(&records);
     if (!std::ranges::is_sorted(records, {}, ownerOf)) {
@@ -348,7 +352,7 @@ void labelTableData(Survey* survey) {
   std::vector<const Block*> current(survey->owners.size(), nullptr);
   std::vector<Block*> newest(survey->owners.size(), nullptr);
   for (Block& each : survey->blocks) {
-    if (each.kind != BlockKind::tableData) continue;
+    if (each.kind != BlockKind::tableData || each.label == Label::uncommitted) continue;
     if (each.reach & kAsData) current[each.owner] = &each;
     Block*& candidate = newest[each.owner];
     const bool isBetter = candidate == nullptr || each.grade < candidate->grade ||
@@ -356,7 +360,7 @@ void labelTableData(Survey* survey) {
     if (isBetter) candidate = &each;
   }
   for (Block& each : survey->blocks) {
-    if (each.kind != BlockKind::tableData) continue;
+    if (each.kind != BlockKind::tableData || each.label == Label::uncommitted) continue;
     each.label = labelOf(*survey, each, current[each.owner], newest[each.owner]);
   }
 }

@@ -15,8 +15,10 @@
 // memory grows with the blocks that are really there.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <vector>
 
@@ -81,6 +83,7 @@ enum class Label : uint8_t {
   deleted,
   unlinked,           // appended, but never counted
   deletedOrUnlinked,  // the block alone does not show which
+  uncommitted,        // of a transaction that was never committed
   none,
 };
 
@@ -211,6 +214,14 @@ struct LeftoverRange {
   Leftover kind;
 };
 
+// What a transaction has written before its intent, and the prelude before that.
+struct EarlyBlocks {
+  int64_t prelude = 0;
+  Range range;  // of blocks that were never committed; empty where the transaction was
+  uint64_t blocks = 0;
+  bool isCommitted = false;
+};
+
 struct Overlap {
   uint32_t first = kNoBlock;  // kNoBlock: the directory
   uint32_t second = kNoBlock;
@@ -234,6 +245,7 @@ struct Survey {
   std::vector<int64_t> nestedBlocks;     // blocks inside the payload of others
   std::vector<int64_t> nestedDatabases;  // where databases seem to begin that are not this one
   std::vector<int64_t> contradicted;     // intents with that mark, in file order
+  std::vector<EarlyBlocks> early;        // in file order
   int64_t unreadableAt = -1;             // the first position found that could not be read
   bool hasEqualRecords = false;          // walks reach two blocks of one record
 
@@ -251,6 +263,27 @@ struct Survey {
   // Whether it is an intent of a transaction: of a table that no directory has.
   bool isIntent(const Block& block) const {
     return block.kind == BlockKind::record && owners[block.owner].id == format::kIntentTableID;
+  }
+
+  // What a transaction has written early after the last prelude before or at this position; null
+  // where there is none.
+  const EarlyBlocks* earlyBefore(int64_t position) const {
+    const auto after = std::upper_bound(
+        early.begin(), early.end(), position,
+        [](int64_t asked, const EarlyBlocks& each) { return asked < each.prelude; });
+    return after == early.begin() ? nullptr : &*std::prev(after);
+  }
+
+  // What the prelude at this position comes before; null where there is no prelude.
+  const EarlyBlocks* earlyAt(int64_t position) const {
+    const EarlyBlocks* found = earlyBefore(position);
+    return found != nullptr && found->prelude == position ? found : nullptr;
+  }
+
+  // Whether bytes are what was cut off of blocks that were never committed.
+  bool endsEarlyBlocks(const Range& range) const {
+    const EarlyBlocks* found = earlyBefore(range.begin);
+    return found != nullptr && !found->isCommitted && found->range.end == range.begin;
   }
 
   // Whether it is a whole block of a table that the directory does not have. No operation removes a
