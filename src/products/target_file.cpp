@@ -37,6 +37,8 @@ fs::path resolved(const fs::path& path, const char* operation) {
 
 namespace {
 
+constexpr const char* kNoFile = "something that is no file has that name";
+
 // Creates the folder and those in its path. Returns those that are new.
 std::vector<fs::path> createFolders(const fs::path& folder, std::error_code* error) {
   std::vector<fs::path> created;
@@ -112,6 +114,8 @@ TargetFile::TargetFile(int folder, const std::string& name, const fs::path& path
       break;
     case platform::OpenFailure::inUse:
       fail(Reason::in_use, failure::wordsFor(found.holder));
+    case platform::OpenFailure::notAFile:
+      fail(Reason::not_a_file, kNoFile);
     default:
       isAnythingReplaced_ = true;
   }
@@ -144,7 +148,7 @@ void TargetFile::judge() {
   }
   const bool isFile = fs::is_regular_file(status);
   if (rules_.existing != Existing::isKept && !isFile) {
-    fail(Reason::not_a_file, "something that is no file has that name");
+    fail(Reason::not_a_file, kNoFile);
   }
   const bool isReplaced =
       rules_.existing == Existing::isReplaced ||

@@ -411,6 +411,31 @@ TEST_F(ToolBackup, LeavesUnfinishedFilesOfOtherCommandsAlone) {
   for (const std::string& name : namesIn("pieces")) allowDamage("pieces/" + name);
 }
 
+TEST_F(ToolBackup, RestoresFilesOnly) {
+  putDatabase();
+  backUp();
+  fs::create_directory(path("folder"));
+  ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+  for (const char* name : {"folder", "fifo"}) {
+    fails({"restore", "pool", name}, 1, {name, "something that is no file has that name"});
+    fails({"restore", "--force", "pool", name}, 1, {name, "something that is no file"});
+  }
+  EXPECT_TRUE(fs::is_fifo(path("fifo")));
+  EXPECT_TRUE(fs::is_empty(path("folder")));
+  // Links lead to where the file is made.
+  fs::create_symlink("nowhere", path("broken"));
+  fails({"restore", "pool", "broken"}, 1, {"broken", "a symbolic link that leads nowhere"});
+  fs::create_symlink("folder/real.qvd", path("link"));
+  writeFile(path("folder/real.qvd"), bytesOf("x"));
+  fails({"restore", "pool", "link"}, 1, {"folder/real.qvd", "exists already", "--force"});
+  done({"restore", "--force", "pool", "link"});
+  EXPECT_TRUE(fs::is_symlink(path("link")));
+  EXPECT_TRUE(sameBytes(contents("folder/real.qvd"), contents()));
+  const int16_t db = open();
+  fails({"restore", "--force", "pool", "test.qvd"}, 3, {"test.qvd"});
+  close(db);
+}
+
 // ---- damaged and hostile folders ----
 
 TEST_F(ToolBackup, RefusesTargetsThatAreNoFolders) {

@@ -577,6 +577,10 @@ TEST_F(ToolExport, BesideOtherFilesDoesNotChangeThem) {
   fs::remove(path("out/f"));
   fs::create_directory(path("out/f"));
   fails({"export", "--force", "test.qvd", "files", "out"}, 1, {"out/f", "folder"});
+  fs::remove(path("out/f"));
+  ASSERT_EQ(::mkfifo(path("out/f").c_str(), 0600), 0);
+  fails({"export", "--force", "test.qvd", "files", "out"}, 1, {"out/f", "a pipe"});
+  EXPECT_TRUE(fs::is_fifo(path("out/f")));
 }
 
 TEST_F(ToolExport, RestoresAReadOnlyFolder) {

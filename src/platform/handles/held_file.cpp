@@ -62,6 +62,7 @@ OpenFailureFound HeldFile::holdEntry(const Directory& folder, const EntryName& n
   struct stat status = {};
   if (systemCalls().statusAt(folder.descriptor(), name.bytes(), &status, AT_SYMLINK_NOFOLLOW) != 0)
     return {OpenFailure::fileMissing, {}};
+  if (S_ISLNK(status.st_mode)) return {OpenFailure::fileMissing, {}};
   if (!S_ISREG(status.st_mode)) return {OpenFailure::notAFile, {}};
   errno = 0;
   if (join(folder, name)) return {};

@@ -29,8 +29,8 @@ class HeldFile {
   // from writing to it. False for a number that is not in use.
   bool holdOpen(int16_t file);
 
-  // Holds the entry `name` of a folder. Not a link: that and everything else that is no regular
-  // file is notAFile.
+  // Holds the entry `name` of a folder. A link is none that could be held, fileMissing; everything
+  // else that is no regular file is notAFile.
   OpenFailureFound holdEntry(const Directory& folder, const EntryName& name);
 
   bool isHeld() const { return entry_ != nullptr; }

@@ -108,6 +108,11 @@ void FolderWriter::check(const ImportedFile& file) {
     throw Failure(
         walk_.pathOf(file.name) +
         ": is a folder, but should become a file; nothing was written; choose another folder");
+  if (options_.force && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+    throw Failure(walk_.pathOf(file.name) +
+                  ": is no file, but a pipe, a socket or a device; nothing was written; choose "
+                  "another folder");
+  }
   if (options_.force && S_ISREG(status.st_mode) && status.st_nlink > 1) {
     throw Failure(walk_.pathOf(file.name) +
                   ": has several names (hard links), of which only this one would get the new "

@@ -48,12 +48,48 @@ std::string chooseManifest(const PieceFolder& folder, const Options& options) {
                 "; the oldest is " + names.front());
 }
 
+std::string nameOf(const std::string& file) {
+  std::string name = std::filesystem::path(file).filename().native();
+  if (name.empty() || name == "." || name == "..") {
+    throw Failure(file + ": cannot create the file: it names a folder; add a name");
+  }
+  return name;
+}
+
+// Where the file is to be: links are followed, as by everything that makes a database.
+std::string placeOf(const Options& options) {
+  static_cast<void>(nameOf(*options.file));
+  const std::filesystem::path given = *options.file;
+  std::error_code error;
+  if (!std::filesystem::is_symlink(given, error)) return given.native();
+  const std::string place = std::filesystem::canonical(given, error).native();
+  if (!error) return place;
+  throw Failure(*options.file +
+                ": cannot create the file: it is a symbolic link that leads nowhere; remove it, or "
+                "choose another name");
+}
+
+// What has the name already. Where that is not known, creating the file says why.
+void requireFree(const std::string& path, bool mayReplace) {
+  struct stat status = {};
+  if (folderCalls.statusAt(AT_FDCWD, path.c_str(), &status) != 0) return;
+  if (!S_ISREG(status.st_mode)) {
+    throw Failure(path +
+                  ": cannot create the file: something that is no file has that name; choose "
+                  "another name");
+  }
+  if (mayReplace) return;
+  throw Failure(path +
+                ": cannot create the file: it exists already; choose another name, or use --force "
+                "to replace it");
+}
+
 class NewDatabase {
  public:
-  explicit NewDatabase(const Options& options)
-      : path_(*options.file),
-        folder_(openedFolder(options)),
-        file_(folder_.number(), nameOf(*options.file), path_,
+  NewDatabase(const Options& options, const std::string& place)
+      : path_(place),
+        folder_(openedFolder(place, options.parents)),
+        file_(folder_.number(), nameOf(place), place,
               {.overwrite = options.force, .sync = !options.noSync}) {}
 
   void write(const std::vector<std::byte>& bytes) { file_.write(bytes); }
@@ -80,23 +116,15 @@ class NewDatabase {
   }
 
  private:
-  static std::string nameOf(const std::string& file) {
-    std::string name = std::filesystem::path(file).filename().native();
-    if (name.empty() || name == "." || name == "..") {
-      throw Failure(file + ": cannot create the file: it names a folder; add a name");
-    }
-    return name;
-  }
-
-  static Descriptor openedFolder(const Options& options) {
-    std::string folder = std::filesystem::path(*options.file).parent_path().native();
+  static Descriptor openedFolder(const std::string& file, bool createFolders) {
+    std::string folder = std::filesystem::path(file).parent_path().native();
     if (folder.empty()) folder.push_back('.');
     std::error_code error;
-    if (options.parents) std::filesystem::create_directories(folder, error);
+    if (createFolders) std::filesystem::create_directories(folder, error);
     Descriptor opened(
         folderCalls.openAt(AT_FDCWD, folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!opened && errno == ENOENT) {
-      throw Failure(*options.file + ": cannot create the file: the folder " + folder +
+      throw Failure(file + ": cannot create the file: the folder " + folder +
                     " does not exist; create it, or use --parents");
     }
     if (!opened) throw systemFailure(folder, "open the folder");
@@ -120,7 +148,9 @@ int list(const PieceFolder& folder) {
 int restore(const PieceFolder& folder, const Options& options) {
   const std::string name = chooseManifest(folder, options);
   const Manifest manifest = folder.read(name);
-  NewDatabase made = whileInUse([&] { return NewDatabase(options); });
+  const std::string place = placeOf(options);
+  requireFree(place, options.force);
+  NewDatabase made = whileInUse([&] { return NewDatabase(options, place); });
   std::vector<std::byte> bytes;
   for (size_t i = 0; i < manifest.pieces.size(); ++i) {
     throwIfInterrupted();
