@@ -150,7 +150,7 @@ Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* 
     if (sees == Sees::transaction) enterTransaction();
   }
   if (database_.forkDepth != platform::forkDepth()) separateFromParent(*this);
-  if (database_.cacheHolders != 0 && stage() == nullptr) usesMirror_ = platform::useMirror(db_);
+  if (database_.cacheHolders != 0) usesMirror_ = platform::useMirror(db_);
 }
 
 // In a process made by fork there is none: its parent has it.

@@ -227,7 +227,10 @@ class Course {
     database_.close();
     durability_ = durability_ == qvdb::Durability::process ? qvdb::Durability::power
                                                            : qvdb::Durability::process;
-    database_ = Database::open(path(), {.mode = Mode::exclusive, .durability = durability_});
+    hasCache_ = !hasCache_;
+    database_ = Database::open(path(), {.mode = Mode::exclusive,
+                                        .cache = hasCache_ ? size_t{1} << 20 : 0,
+                                        .durability = durability_});
     keys_ = keysOf(database_);
   }
 
@@ -316,6 +319,7 @@ class Course {
   Database reader_;
   qvdb::KeyIndex<std::string> keys_;  // of the first table, by payloads
   qvdb::Transaction transaction_;
+  bool hasCache_ = false;
   qvdb::Durability durability_ = qvdb::Durability::process;
   TableContents state_;
   TableContents before_;  // while a transaction is open

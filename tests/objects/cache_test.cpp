@@ -116,6 +116,36 @@ TEST_F(CachedCalls, ChangesMakeTheirWritesAndAskForTheLimit) {
   EXPECT_EQ(callsOf([&] { EXPECT_FALSE(table_->contains(middle())); }), "");
 }
 
+// Inside a transaction, what it has not changed comes from the cache, and what it has changed from
+// memory.
+TEST_F(CachedCalls, ATransactionMakesNoneUntilItCommits) {
+  static_cast<void>(table_->get(ids_[10]));
+  qvdb::Transaction t = database_->begin();
+  EXPECT_EQ(callsOf([&] { EXPECT_EQ(table_->get(ids_[20])->size(), kSize); }), "");
+  EXPECT_EQ(callsOf([&] {
+              EXPECT_TRUE(table_->modify(ids_[20], "changed"));
+              EXPECT_TRUE(table_->remove(ids_[30]));
+              table_->add("added");
+            }),
+            "");
+  EXPECT_EQ(callsOf([&] {
+              EXPECT_EQ(table_->get(ids_[20])->size(), 7u);
+              EXPECT_FALSE(table_->get(ids_[30]));
+              EXPECT_EQ(table_->get(ids_[29])->size(), kSize);
+              size_t records = 0;
+              for (const qvdb::Record& record : table_->records())
+                records += record.id().value != 0;
+              EXPECT_EQ(records, ids_.size());
+            }),
+            "");
+  t.rollback();
+  EXPECT_EQ(callsOf([&] {
+              EXPECT_EQ(table_->get(ids_[20])->size(), kSize);
+              EXPECT_EQ(table_->get(ids_[30])->size(), kSize);
+            }),
+            "");
+}
+
 TEST_F(CachedCalls, ReadersAreAskedForAgainAfterSomeTime) {
   RecordedCalls host;
   host.setMicroseconds(1'004'999);

@@ -368,13 +368,16 @@ void leaveMirror(int16_t file) {
 
 uint64_t writesKnown(int16_t file) {
   const OpenFile* openFile = findOpenFile(file);
-  return openFile != nullptr && openFile->mirror != nullptr ? openFile->entry->writes + 1 : 0;
+  const bool isKnown =
+      openFile != nullptr && openFile->mirror != nullptr && openFile->stage == nullptr;
+  return isKnown ? openFile->entry->writes + 1 : 0;
 }
 
 // What is not there is read, unless the budget is used up: then it is as much as there is.
 PinnedBytes pinBytes(int16_t file, int64_t position, uint64_t most) {
   const OpenFile* openFile = findOpenFile(file);
   if (openFile == nullptr || openFile->mirror == nullptr || position < 0) return {};
+  if (openFile->stage != nullptr) return {};  // what is there may lie under what a stage has
   CallState& call = callState();
   if (call.gathered.hold(openFile->entry) && !call.flush()) return {};
   Mirror& mirror = *openFile->mirror;

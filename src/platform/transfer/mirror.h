@@ -19,7 +19,8 @@
 //      others. What is given back is given back in runs of 2 MiB, which are large pages.
 //   5. It serves only transfers of layers that have asked for it (useMirror), while they have the
 //      turn of the file. Views and other numbers read from the host.
-//   6. It ends with a fork: the other process may write to the file too.
+//   6. Where a stage is used too, what is laid over is laid over copies of its bytes.
+//   7. It ends with a fork: the other process may write to the file too.
 //
 // A program that writes to the file in spite of the lock is not seen, and what it makes of the file
 // reaches nothing but results: no length that the mirror relies on is the host's.
@@ -183,11 +184,13 @@ uint64_t mirroredBytes(int16_t file);
 bool useMirror(int16_t file);
 void leaveMirror(int16_t file);
 
-// How often this process has written to the file, plus 1; 0 where no mirror is used at present:
-// then others may have written to it, too.
+// How often this process has written to the file, plus 1; 0 where no mirror is used at present, as
+// others may have written to it then, and while a stage is: what is written to that is no write to
+// the file.
 uint64_t writesKnown(int16_t file);
 
-// Keeps bytes of the file in memory, see Mirror::pin; none where no mirror is used at present.
+// Keeps bytes of the file in memory, see Mirror::pin; none where no mirror is used at present, and
+// while a stage is.
 PinnedBytes pinBytes(int16_t file, int64_t position, uint64_t most);
 
 // For the transfer layer: after each write to a file, before its entry goes, and when it is cut.

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 
+#include "platform/transfer/mirror.h"
 #include "platform/transfer/plain_transfer.h"
 #include "platform/transfer/stage.h"
 
@@ -77,11 +78,24 @@ ReadWindow& ReadWindows::windowToRefill() {
 }
 
 // Reads until the window holds the wanted bytes or the file gives no more.
+// What the window wants, as far as the file goes, or nothing.
+size_t ReadWindows::copyFromMirror(const ReadWindow& window) const {
+  if (mirror_ == nullptr || window.start >= mirror_->length()) return 0;
+  const auto rest = static_cast<uint64_t>(mirror_->length() - window.start);
+  const auto count = static_cast<size_t>(std::min<uint64_t>(window.size, rest));
+  const uint8_t* bytes = mirror_->obtain(descriptorOf(*window.entry), window.start, count);
+  if (bytes == nullptr) return 0;
+  std::memcpy(window.bytes, bytes, count);
+  return count;
+}
+
 const ReadWindow* ReadWindows::refill(ReadWindow& window, const FileEntry* file, size_t needed) {
   window.entry = file;
   window.bytes = buffers_->bytes[&window - windows_];
-  window.length = 0;
-  while (window.length < needed) {
+  window.length = copyFromMirror(window);
+  const bool isToTheEnd =
+      window.length > 0 && window.start + static_cast<int64_t>(window.length) == mirror_->length();
+  while (!isToTheEnd && window.length < needed) {
     const ptrdiff_t got =
         readOnce(descriptorOf(*file), window.start + static_cast<int64_t>(window.length),
                  window.bytes + window.length, window.size - window.length);

@@ -16,6 +16,7 @@
 
 namespace qvdbase::platform {
 
+class Mirror;
 class Stage;
 
 struct ReadWindow {
@@ -49,8 +50,12 @@ class ReadWindows {
   };
   void useBuffers(Buffers* buffers) { buffers_ = buffers; }
 
-  // What is laid over the bytes of windows that are filled from now on, or null.
-  void useStage(const Stage* stage) { stage_ = stage; }
+  // What is laid over the bytes of windows that are filled from now on, or null; and where these
+  // bytes come from as far as they are there, which may be null too.
+  void useStage(const Stage* stage, Mirror* mirror) {
+    stage_ = stage;
+    mirror_ = stage != nullptr ? mirror : nullptr;
+  }
 
   // The window that holds all of a read, or null.
   const ReadWindow* find(const FileEntry* file, int64_t position, size_t count) const;
@@ -80,6 +85,7 @@ class ReadWindows {
   void overwriteWindows(const FileEntry* file, int64_t position, const void* bytes, size_t count);
   const ReadWindow* neighbour(const FileEntry* file, int64_t position) const;
   ReadWindow& windowToRefill();
+  size_t copyFromMirror(const ReadWindow& window) const;
   const ReadWindow* refill(ReadWindow& window, const FileEntry* file, size_t needed);
 
   ReadWindow windows_[kCount] = {};
@@ -87,6 +93,7 @@ class ReadWindows {
   uint64_t fillings_ = 0;
   Buffers* buffers_ = nullptr;
   const Stage* stage_ = nullptr;
+  Mirror* mirror_ = nullptr;
 };
 
 }  // namespace qvdbase::platform

@@ -59,7 +59,11 @@ std::unique_ptr<Stage> Stage::begin(const OpenFile& file, size_t head, size_t bu
 
 bool Stage::readBefore(const OpenFile& file, int64_t position, uint8_t* bytes, size_t count) const {
   bool failed = false;
-  const bool isRead = readPlain(file.descriptor, position, bytes, count, &failed) == count;
+  const uint8_t* mirrored =
+      file.mirror != nullptr ? file.mirror->obtain(file.descriptor, position, count) : nullptr;
+  if (mirrored != nullptr) std::memcpy(bytes, mirrored, count);
+  const bool isRead =
+      mirrored != nullptr || readPlain(file.descriptor, position, bytes, count, &failed) == count;
   if (failed) noteHostFailure();
   if (isRead && underlay_.layOver != nullptr) {
     underlay_.layOver(underlay_.context, position, bytes, count);

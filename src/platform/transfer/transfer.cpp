@@ -136,7 +136,7 @@ const ReadWindow* windowFor(const OpenFile& file, int64_t position, size_t count
   call.serveFromNothing();
   *refused = mustFlush && !call.flush();
   if (*refused) return nullptr;
-  call.windows.useStage(file.stage);
+  call.windows.useStage(file.stage, file.mirror);
   const ReadWindow* window = call.windows.obtain(entry, position, count);
   assert(call.windowsAgree() && "a window was filled with what gathered writes change");
   if (window != nullptr && !call.gathered.hold(entry)) call.serveFrom(file, *window);
@@ -172,7 +172,10 @@ size_t readStagedPart(const OpenFile& file, int64_t position, uint8_t* buffer, s
     std::memcpy(buffer, window->at(position), part);
     return part;
   }
-  const size_t done = readNow(file, position, buffer, part);
+  const uint8_t* mirrored =
+      file.mirror != nullptr ? file.mirror->obtain(file.descriptor, position, part) : nullptr;
+  if (mirrored != nullptr) std::memcpy(buffer, mirrored, part);
+  const size_t done = mirrored != nullptr ? part : readNow(file, position, buffer, part);
   stage.layOver(position, buffer, done);
   return done;
 }
@@ -327,7 +330,7 @@ void readAhead(const OpenFile& file, int64_t position, uint32_t count) {
   if (!call.isInScope() || call.gathered.hold(file.entry)) return;
   if (file.stage == nullptr && isMirrored(file, position, count)) return;
   call.serveFromNothing();
-  call.windows.useStage(file.stage);
+  call.windows.useStage(file.stage, file.mirror);
   const ReadWindow* window = call.windows.fill(file.entry, position, count);
   if (window != nullptr) call.serveFrom(file, *window);
 }
