@@ -18,11 +18,11 @@ Walked valuesOf(qvdb::RecordRange records, size_t count) {
 }  // namespace
 
 void QvdbaseLayer::open(const std::filesystem::path& folder) {
-  openWith(folder, {});
+  openWith(folder, {.mode = qvdb::Mode::exclusive});
 }
 
 void QvdbaseLayer::openDurably(const std::filesystem::path& folder) {
-  openWith(folder, {.durability = qvdb::Durability::power});
+  openWith(folder, {.mode = qvdb::Mode::exclusive, .durability = qvdb::Durability::power});
 }
 
 void QvdbaseLayer::inTransaction(const std::function<void()>& body) {
@@ -32,7 +32,7 @@ void QvdbaseLayer::inTransaction(const std::function<void()>& body) {
 void QvdbaseLayer::openWith(const std::filesystem::path& folder, const qvdb::OpenOptions& options) {
   path_ = folder / "data.qvd";
   if (std::filesystem::exists(path_)) {
-    database_ = qvdb::Database::open(path_, qvdb::Mode::exclusive, options);
+    database_ = qvdb::Database::open(path_, options);
     table_ = database_->table("t");
   } else {
     database_ = qvdb::Database::create(path_);
