@@ -26,8 +26,8 @@
 //
 // Only regular files can be opened.
 //
-// A process made by fork shares the files that were open then, and their locks, with its parent;
-// it should not use them.
+// A process made by fork shares the files that were open then, and their locks, with its parent:
+// only one of the two may work with them. What the other one closes has no effect on that.
 #pragma once
 
 #include <qvdbase/base.h>
@@ -96,7 +96,7 @@ class QVDBASE_API QVFile {
   //             0     the most that can be obtained: as 4, or else as 1
   //             1     read; it excludes no other opener, and none excludes it
   //             2, 3  read and write, and exclude every other writer
-  //             4     read and write beside others who opened it with 4
+  //             4     read and write beside others with 4; writers take turns by other means
   //
   // Between processes a lock on the file enforces this, among programs that take such locks. Inside
   // one process only a second opener with 2 or 3 is refused: openers with 4 and 0 are allowed

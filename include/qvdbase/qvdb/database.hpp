@@ -32,17 +32,17 @@ namespace qvdb {
 //
 //   - `exclusive` is the mode for one writer. Readers may come and go meanwhile.
 //   - In `shared`, several processes write: every operation that writes waits for its turn, and
-//   sees
-//     all that the others have written before; an appender or a writer has the turn from its
+//     sees all that the others have written before; an appender or a writer has the turn from its
 //     beginning until it is finished or discarded. Waiting lasts as long as OpenOptions::wait says,
 //     or five seconds; then the operation throws in_use, and has changed nothing.
-//   - A reader (`read_only`, and every opener that is not exclusive when it reads) sees each record
-//     as it was written at one time, whole, and each walk delivers every record that is there from
-//     its beginning to its end, in order and once. Records that are added, changed or deleted
-//     during a walk may be delivered as they were before, or as they are now; deleted ones may be
-//     missing. What one operation of a writer has done is visible to every operation of a reader
-//     that begins after it. A sound file is never reported as damaged. A reader waits for a writer
-//     only for a moment; where that does not end, after the same time, it throws in_use.
+//   - A reader (`read_only`, and every opener that is not exclusive when it reads) sees each
+//     addition, change, deletion and batch whole or not at all, and all that were finished before
+//     its own operation began. It never sees a mixture of two versions, and a sound file is never
+//     reported as damaged. A walk delivers every record that is there from its beginning to its
+//     end, in order and once. Records that are added, changed or deleted meanwhile may be delivered
+//     as they were before, or as they are now; deleted ones may be missing. A compaction puts a new
+//     file in the place of the old one, which readers see until reopen(). A reader waits for a
+//     writer only for a moment; where that does not end, after the same time, it throws in_use.
 //
 // This does not hold beside programs that write by the C functions: they take no turns. With mode
 // `shared` they must take turns by other means, and a reader can then meet half of a change. It
