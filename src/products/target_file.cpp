@@ -62,6 +62,10 @@ bool syncName(const fs::path& folder) {
 void requireFolder(const fs::path& file, const char* operation, Missing missing) {
   std::error_code error;
   const fs::path folder = fs::absolute(file, error).parent_path();
+  if (error) {
+    throwError(file, operation, Reason::path_not_reachable,
+               "the current folder is not known (" + error.message() + ")");
+  }
   if (missing != Missing::fail) {
     const std::vector<fs::path> created = createFolders(folder, &error);
     if (error) failure::throwFolderFailure(file, operation, "its folder cannot be created", error);

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <qvdbase/qvdb.hpp>
 
 #include <cstdlib>
 #include <fstream>
@@ -10,6 +11,7 @@
 #include <set>
 #include <sstream>
 
+#include "kit/forked.h"
 #include "kit/sanitized.h"
 #include "kit/unprivileged.h"
 #include "tool/holder.h"
@@ -415,6 +417,23 @@ TEST_F(ProductsOfTheTool, OfRootGoNowhereElseInAFolderOfAnotherUser) {
     EXPECT_EQ(run(words).status, 1) << words[0];
   }
   EXPECT_EQ(contents("victim"), bytesOf("precious"));
+}
+
+// A path that begins at the current folder then leads nowhere, and the message says so.
+TEST_F(ProductsOfTheTool, AreRefusedWhereTheCurrentFolderWasRemoved) {
+  fs::create_directory(path("removed"));
+  EXPECT_EQ(inForkedChild([&] {
+              fs::current_path(path("removed"));
+              fs::remove(path("removed"));
+              std::string why;
+              try {
+                qvdb::compact(path(), "new.qvd");
+              } catch (const qvdb::Error& error) {
+                if (error.reason() == qvdb::Reason::path_not_reachable) why = error.what();
+              }
+              return why.find("the current folder is not known") != std::string::npos ? 0 : 1;
+            }),
+            0);
 }
 
 }  // namespace
