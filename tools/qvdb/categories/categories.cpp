@@ -7,6 +7,7 @@
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "format/category.h"
+#include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
 
@@ -31,6 +32,7 @@ class Outlook {
 
   // What has nothing to do with the categories.
   void judgeFile(const std::string& file) {
+    const EndsAtOnce atOnce;
     if (!check(file).pack) {
       add("a table or its chain is damaged; 'qvdb check' says where");
       return;

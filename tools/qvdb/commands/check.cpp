@@ -5,6 +5,7 @@
 
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
 #include "streams/waiting.h"
@@ -193,6 +194,7 @@ bool isShown(const Finding& finding, const Options& options, const CheckReport& 
 // With --wait the check is repeated until no process writes to the file.
 CheckReport checkAtRest(const Options& options, std::vector<Finding>* findings) {
   const Patience patience;
+  const EndsAtOnce atOnce;
   for (;;) {
     findings->clear();
     const CheckReport report = check(

@@ -7,6 +7,7 @@
 #include "commands/locate.h"
 #include "selection/version_at.h"
 #include "streams/delivery.h"
+#include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
 
@@ -56,10 +57,14 @@ int deliverAt(const Options& options, const std::vector<FoundBlock>& versions) {
   return kDone;
 }
 
+std::vector<FoundBlock> versionsOf(const Options& options) {
+  const Id record = recordIdInUseOrNot(options.file, options.table, options.record, Prefer::inUse);
+  const EndsAtOnce atOnce;
+  return history(options.file, options.table, record);
+}
+
 int run(const Options& options) {
-  const std::vector<FoundBlock> versions =
-      history(options.file, options.table,
-              recordIdInUseOrNot(options.file, options.table, options.record, Prefer::inUse));
+  const std::vector<FoundBlock> versions = versionsOf(options);
   if (versions.empty()) {
     throw Failure(options.file + ": there is no version of the record " + options.record +
                   "; 'qvdb records' lists the records, with --deleted the deleted ones");

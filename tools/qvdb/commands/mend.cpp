@@ -2,6 +2,7 @@
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "streams/failure.h"
+#include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
 #include "streams/waiting.h"
@@ -43,6 +44,7 @@ std::string aboutLeftOver(const MendReport& report, const Options& options) {
 
 int run(const Options& options) {
   const CutOffWrites cutOff = cutOffOf(options);
+  const EndsAtOnce atOnce;
   const MendReport report = whileInUse(
       [&] { return mend(options.file, {.cut_off = cutOff, .dry_run = options.dryRun}); });
   for (const std::string& step : report.steps) printLine(escaped(step));

@@ -161,6 +161,7 @@ void choose(std::vector<FoundBlock>& blocks, const std::optional<ImportedFiles>&
 }
 
 int listDeleted(const Options& options) {
+  const EndsAtOnce atOnce;
   std::vector<FoundBlock> blocks = deleted_records(options.file, options.table);
   const auto files = namesOfTable(options);
   if (!options.records.empty()) choose(blocks, files, options);

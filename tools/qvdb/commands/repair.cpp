@@ -2,6 +2,7 @@
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "streams/failure.h"
+#include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/percent_progress.h"
 #include "streams/text.h"
@@ -36,6 +37,7 @@ void reportLosses(const RepairPreview& preview) {
 
 // Link repair only counts records. What it takes for sound can be damaged.
 void refuseFalseComfort(const Options& options, const char* what) {
+  const EndsAtOnce atOnce;
   const CheckReport report = check(options.file);
   if (report.state != CheckState::damaged) return;
   throw Failure(options.file + ": " + what + ", but 'qvdb check' finds " +
@@ -44,6 +46,7 @@ void refuseFalseComfort(const Options& options, const char* what) {
 }
 
 int predict(const Options& options) {
+  const EndsAtOnce atOnce;
   const RepairPreview preview = predict_repair(options.file);
   if (preview.result == 1) throw Failure(options.file + ": repair would fail: " + preview.failure);
   reportLosses(preview);

@@ -9,6 +9,7 @@
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "streams/input.h"
+#include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
 #include "streams/waiting.h"
@@ -189,6 +190,7 @@ int run(const Options& options) {
     if (!waitSeconds) print(std::exchange(lines, {}));
   };
   const BlockVisitor visit = [&](const FoundBlock& block) {
+    throwIfInterrupted();
     Tally& tally = tallies[keyOf(block)];
     ++tally.found;
     if (!block.written_to.empty()) ++tally.written;

@@ -246,6 +246,7 @@ Json jsonOf(const Options& options, const Statistics& all) {
 }
 
 int run(const Options& options) {
+  const EndsAtOnce atOnce;
   const Database database = openToRead(options.file);
   std::exception_ptr failure;
   std::vector<Table> tables;

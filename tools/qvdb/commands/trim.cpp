@@ -2,6 +2,7 @@
 #include <qvdbase/qvdb/trim.hpp>
 
 #include "command_line/commands.h"
+#include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
 #include "streams/waiting.h"
@@ -15,6 +16,7 @@ struct Options {
 };
 
 int run(const Options& options) {
+  const EndsAtOnce atOnce;
   const TrimReport report =
       whileInUse([&] { return trim(options.file, {.dry_run = options.dryRun}); });
   printLine(counted(report.bytes, "byte", "bytes") +

@@ -14,6 +14,7 @@
 #include "commands/locate.h"
 #include "selection/pattern.h"
 #include "streams/failure.h"
+#include "streams/interrupt.h"
 #include "streams/text.h"
 
 namespace qvdb::tool {
@@ -61,6 +62,7 @@ bool isDeleted(const FoundBlock& version) {
 // The versions of a record, oldest first.
 std::vector<FoundBlock> versionsInUse(const std::string& path, const std::string& table,
                                       Id record) {
+  const EndsAtOnce atOnce;
   std::vector<FoundBlock> versions = history(path, table, record);
   std::erase_if(versions, [](const FoundBlock& each) { return !wasInUse(each); });
   std::stable_sort(versions.begin(), versions.end(), [](const FoundBlock& a, const FoundBlock& b) {

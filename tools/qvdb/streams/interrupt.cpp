@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "command_line/command.h"
 #include "streams/output.h"
 
 namespace qvdb::tool {
@@ -23,12 +24,18 @@ sigset_t endingSignals() {
 }
 
 volatile std::sig_atomic_t interrupted = 0;
+volatile std::sig_atomic_t endsAtOnce = 0;  // how many of these objects there are
 
 // A signal that comes just before a read would be noted, and the read would wait nevertheless. So
 // the handler writes into a pipe, and waiting for input waits for the pipe too.
 int notice[2] = {-1, -1};
 
 void noteInterrupt(int) {
+  if (endsAtOnce != 0) {
+    constexpr char kMessage[] = "qvdb: interrupted\n";
+    static_cast<void>(!::write(STDERR_FILENO, kMessage, sizeof kMessage - 1));
+    ::_exit(kFailed);
+  }
   const int error = errno;
   interrupted = 1;
   static_cast<void>(!::write(notice[1], "", 1));
@@ -98,6 +105,18 @@ bool isInterrupted() {
 
 void throwIfInterrupted() {
   if (isInterrupted()) throw Interrupted();
+}
+
+EndsAtOnce::EndsAtOnce() {
+  throwIfInterrupted();
+  endsAtOnce = endsAtOnce + 1;
+  if (!isInterrupted()) return;  // it came before the line above
+  endsAtOnce = endsAtOnce - 1;
+  throw Interrupted();
+}
+
+EndsAtOnce::~EndsAtOnce() {
+  endsAtOnce = endsAtOnce - 1;
 }
 
 }  // namespace qvdb::tool

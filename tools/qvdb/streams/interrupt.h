@@ -32,4 +32,15 @@ bool canContinueWriting(int descriptor);
 bool isInterrupted();
 void throwIfInterrupted();
 
+// While one of these exists, the first signal ends the process at once, with the message and the
+// status of one that was interrupted: for operations of the library that look at a whole file, and
+// can be cut off at any moment. What was printed and not flushed is lost.
+class EndsAtOnce {
+ public:
+  EndsAtOnce();  // throws Interrupted when a signal has come before
+  ~EndsAtOnce();
+  EndsAtOnce(const EndsAtOnce&) = delete;
+  EndsAtOnce& operator=(const EndsAtOnce&) = delete;
+};
+
 }  // namespace qvdb::tool

@@ -6,6 +6,7 @@
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "format/layout.h"
+#include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
 #include "views/field_list.h"
@@ -57,6 +58,7 @@ class Dump {
  public:
   Dump(const Options& options, int64_t offset)
       : options_(options), wanted_(offset), file_(options.file) {
+    const EndsAtOnce atOnce;
     const ExtentsReport report =
         visit_extents(options.file, [&](const Extent& each) { extents_.push_back(each); });
     if (offset >= report.file_size) {

@@ -7,6 +7,7 @@
 
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
 
@@ -221,6 +222,7 @@ int run(const Options& options) {
   if (options.cells && (*options.cells == 0 || *options.cells > kMostCells)) {
     throw wrongUsage("--cells: write a number from 1 to 1000000");
   }
+  const EndsAtOnce atOnce;
   if (options.json) return showJson(options);
   options.extents ? showExtents(options) : showStrip(options);
   return kDone;
