@@ -91,6 +91,7 @@ Commit CommitLog::append(const StagedChanges& changes) {
   const int64_t position = changes.base + changes.spilled;
   const OpenReader reader(file_);
   const FileBytes bytes(reader);
+  if (bytes.hasFailed()) return refused(Obstacle::cannotRead);
   if (bytes.size() != position) return refused(Obstacle::changedMeanwhile);
   const auto header = readIntentHeader(bytes);
   if (!header) return refused(Obstacle::otherLayout);

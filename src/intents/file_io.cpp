@@ -28,7 +28,7 @@ constexpr uint32_t kPiece = 1u << 30;
 
 }  // namespace
 
-OpenReader::OpenReader(int16_t file) : file_(file), size_(std::max<int64_t>(lengthOf(file), 0)) {}
+OpenReader::OpenReader(int16_t file) : file_(file), size_(lengthOf(file)) {}
 
 bool OpenReader::read(int64_t position, void* buffer, size_t count) const {
   platform::OpenFile* file = platform::findOpenFile(file_);

@@ -64,7 +64,8 @@ RecoveryPlan plan(const Reader& file, Judging judging) {
 
 bool hasPendingWord(const Reader& file) {
   const FileBytes bytes(file);
-  return readWord(bytes) && readIntentHeader(bytes);
+  const bool isSet = readWord(bytes) && readIntentHeader(bytes);
+  return isSet || bytes.hasFailed();
 }
 
 }  // namespace qvdbase::intents

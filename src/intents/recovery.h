@@ -23,6 +23,7 @@ namespace qvdbase::intents {
 class Reader {
  public:
   virtual ~Reader() = default;
+  // Negative where the host does not report it.
   virtual int64_t size() const = 0;
   // Reads `count` bytes, all or nothing.
   virtual bool read(int64_t position, void* buffer, size_t count) const = 0;
@@ -76,7 +77,8 @@ enum class Judging : uint8_t { bySectors, byBytes };
 
 RecoveryPlan plan(const Reader& file, Judging judging = Judging::bySectors);
 
-// Whether the pending word is set. Reads nothing else than the header and the word.
+// Whether the pending word is set, or cannot be read. Reads nothing else than the header and the
+// word.
 bool hasPendingWord(const Reader& file);
 
 // What a recovery did.

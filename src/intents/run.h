@@ -3,6 +3,7 @@
 // first.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -20,7 +21,8 @@ inline constexpr uint64_t kMostOpenIntents = 64;
 // read is remembered.
 class FileBytes {
  public:
-  explicit FileBytes(const Reader& file) : file_(file), size_(file.size()) {}
+  explicit FileBytes(const Reader& file)
+      : file_(file), size_(std::max<int64_t>(file.size(), 0)), hasFailed_(file.size() < 0) {}
 
   int64_t size() const { return size_; }
   bool read(int64_t position, void* buffer, size_t count) const;
@@ -29,7 +31,7 @@ class FileBytes {
  private:
   const Reader& file_;
   int64_t size_;
-  mutable bool hasFailed_ = false;
+  mutable bool hasFailed_;
 };
 
 // The hash of a part of the file, or nothing when it cannot be read.

@@ -194,6 +194,29 @@ TEST_F(OpeningAfterACrash, ClearsADamagedWord) {
   EXPECT_EQ(contents(), damaged.with(4558, Bytes().zeros(24)));
 }
 
+// Who cannot see whether something is to be completed must not go on as if nothing were.
+TEST_F(OpeningAfterACrash, IsRefusedWhereTheSystemDoesNotReadTheFile) {
+  const Bytes crashed = contents();
+  for (const auto call : {RecordedCalls::Call::read, RecordedCalls::Call::length}) {
+    for (int skip = 0;; ++skip) {
+      writeFile(path(), crashed);
+      RecordedCalls host;
+      host.failOnce(call, skip);
+      bool isOpened = false;
+      try {
+        qvdb::Database::open(path(), qvdb::Mode::exclusive).close();
+        isOpened = true;
+      } catch (const qvdb::Error& error) {
+        EXPECT_EQ(error.reason(), qvdb::Reason::cannot_read) << error.what();
+      }
+      const bool hasFailed = host.failed();
+      host.heal();
+      if (isOpened) expectComplete();
+      if (!hasFailed) break;
+    }
+  }
+}
+
 TEST_F(OpeningAfterACrash, IsNotNeededToCheckOrToCopy) {
   const Bytes crashed = contents();
   EXPECT_EQ(codesOf(path()), (std::set<std::string>{"S7", "X2"}));
