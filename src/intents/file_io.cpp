@@ -31,24 +31,28 @@ constexpr uint32_t kPiece = 1u << 30;
 OpenReader::OpenReader(int16_t file) : file_(file), size_(lengthOf(file)) {}
 
 bool OpenReader::read(int64_t position, void* buffer, size_t count) const {
-  platform::OpenFile* file = platform::findOpenFile(file_);
-  if (file == nullptr) return false;
-  const KeptPosition kept(file, position);
-  auto* to = static_cast<unsigned char*>(buffer);
-  while (count > 0) {
-    const auto piece = static_cast<uint32_t>(std::min<size_t>(count, kPiece));
-    uint32_t moved = 0;
-    if (!platform::readAtPosition(*file, to, piece, &moved)) return false;
-    to += piece;
-    count -= piece;
-  }
-  return true;
+  return readAt(file_, position, buffer, count);
 }
 
 int64_t lengthOf(int16_t file) {
   const platform::OpenFile* open = platform::findOpenFile(file);
   int64_t length = 0;
   return open != nullptr && platform::fileLength(*open, &length) ? length : -1;
+}
+
+bool readAt(int16_t file, int64_t position, void* buffer, size_t count) {
+  platform::OpenFile* open = platform::findOpenFile(file);
+  if (open == nullptr) return false;
+  const KeptPosition kept(open, position);
+  auto* to = static_cast<unsigned char*>(buffer);
+  while (count > 0) {
+    const auto piece = static_cast<uint32_t>(std::min<size_t>(count, kPiece));
+    uint32_t moved = 0;
+    if (!platform::readAtPosition(*open, to, piece, &moved)) return false;
+    to += piece;
+    count -= piece;
+  }
+  return true;
 }
 
 bool writeAt(int16_t file, int64_t position, const void* bytes, size_t count) {

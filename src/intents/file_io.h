@@ -24,6 +24,9 @@ class OpenReader : public Reader {
 // The length of the file, or -1.
 int64_t lengthOf(int16_t file);
 
+// Reads all, or nothing of use.
+bool readAt(int16_t file, int64_t position, void* buffer, size_t count);
+
 // Writes all, with the operating system when it returns. Outside of transfer scopes.
 bool writeAt(int16_t file, int64_t position, const void* bytes, size_t count);
 

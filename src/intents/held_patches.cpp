@@ -48,4 +48,10 @@ void HeldPatches::hold(int64_t position, std::vector<unsigned char> bytes) {
   }
 }
 
+platform::Underlay underlayOf(const HeldPatches& patches) {
+  return {&patches, [](const void* context, int64_t position, void* bytes, size_t count) {
+            static_cast<const HeldPatches*>(context)->layOver(position, bytes, count);
+          }};
+}
+
 }  // namespace qvdbase::intents

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/transfer/stage.h"
+
 namespace qvdbase::intents {
 
 struct HeldPatch {
@@ -34,5 +36,8 @@ class HeldPatches {
   std::vector<HeldPatch> patches_;
   uint64_t order_ = 0;
 };
+
+// The same for the transfers of a file; it lasts as long as the patches do.
+platform::Underlay underlayOf(const HeldPatches& patches);
 
 }  // namespace qvdbase::intents

@@ -1,9 +1,11 @@
 // The plan of a recovery, from the bytes of a file.
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "format/intent.h"
 #include "intents/judgement.h"
+#include "intents/known_run.h"
 #include "intents/recovery.h"
 #include "intents/run.h"
 
@@ -32,7 +34,7 @@ std::optional<format::WordBytes> readWord(const FileBytes& file) {
   return bytes;
 }
 
-RecoveryPlan planOf(const FileBytes& file, Judging judging) {
+RecoveryPlan planOf(const FileBytes& file, Judging judging, KnownRun* known) {
   RecoveryPlan plan;
   const auto bytes = readWord(file);
   if (!bytes) return plan;
@@ -45,21 +47,32 @@ RecoveryPlan planOf(const FileBytes& file, Judging judging) {
   }
   plan.pending = Pending::open;
   plan.start = word->start;
-  const std::vector<RunIntent> run = readRun(file, *header, *word);
-  for (const RunIntent& found : run) plan.intents.push_back(summaryOf(found));
-  Judgement(file, run, judging).decide(&plan);
+  if (known->word != *bytes) *known = {*bytes, {}};
+  known->intents = readRun(file, *header, *word, std::move(known->intents));
+  for (const RunIntent& found : known->intents) plan.intents.push_back(summaryOf(found));
+  Judgement(file, known->intents, judging).decide(&plan);
   return plan;
+}
+
+RecoveryPlan planUnlessUnreadable(const Reader& file, Judging judging, KnownRun* known) {
+  const FileBytes bytes(file);
+  RecoveryPlan plan = planOf(bytes, judging, known);
+  if (!bytes.hasFailed()) return plan;
+  *known = {};
+  RecoveryPlan none;
+  none.pending = Pending::unreadable;
+  return none;
 }
 
 }  // namespace
 
 RecoveryPlan plan(const Reader& file, Judging judging) {
-  const FileBytes bytes(file);
-  RecoveryPlan plan = planOf(bytes, judging);
-  if (!bytes.hasFailed()) return plan;
-  RecoveryPlan none;
-  none.pending = Pending::unreadable;
-  return none;
+  KnownRun none;
+  return planUnlessUnreadable(file, judging, &none);
+}
+
+RecoveryPlan planAgain(const Reader& file, KnownRun* known) {
+  return planUnlessUnreadable(file, Judging::bySectors, known);
 }
 
 bool hasPendingWord(const Reader& file) {

@@ -39,18 +39,21 @@ std::optional<uint64_t> hashOf(const FileBytes& file, int64_t position, uint64_t
 
 struct RunIntent {
   format::Intent intent;
-  int64_t blocks = 0;   // where its blocks begin
-  int64_t end = 0;      // and end
-  bool tiles = false;   // these are whole blocks without a gap
-  bool isTorn = false;  // their hash is not the one in the intent
-  std::set<int> slots;  // the tables that it changes
+  int64_t blocks = 0;                    // where its blocks begin
+  int64_t end = 0;                       // and end
+  bool tiles = false;                    // these are whole blocks without a gap
+  bool isTorn = false;                   // their hash is not the one in the intent
+  std::set<int> slots;                   // the tables that it changes
+  std::vector<unsigned char> beginning;  // of its block in the file, up to the entries
 };
 
 // The header's fields that are needed here. Nothing when the directory has other sizes than a new
 // file's, or cannot be read: such files have no word.
 std::optional<internal_Head1> readIntentHeader(const FileBytes& file);
 
+// Those of `known`, which were found when the word was the same, are not read again where they are
+// still there: what was whole once was committed, whatever has become of its blocks.
 std::vector<RunIntent> readRun(const FileBytes& file, const internal_Head1& header,
-                               const format::PendingWord& word);
+                               const format::PendingWord& word, std::vector<RunIntent> known = {});
 
 }  // namespace qvdbase::intents

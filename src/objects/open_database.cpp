@@ -42,6 +42,7 @@ void OpenDatabase::takeOver(OpenDatabase& other) noexcept {
   opener = other.opener;
   forkDepth = other.forkDepth;
   noReaderAt = 0;
+  committed = CommittedView();
   handle = other.handle;
   other.handle = 0;
 }
@@ -187,7 +188,8 @@ void Operation::leaveStage() const {
 
 platform::Stage* Operation::stage() const {
   const auto* file = platform::findOpenFile(db_);
-  return file != nullptr ? file->stage : nullptr;
+  if (file == nullptr || file->stage == nullptr || file->stage->onlyReads()) return nullptr;
+  return file->stage;
 }
 
 bool Operation::isKept(int64_t position) const {

@@ -27,6 +27,7 @@
 #include "format/layout.h"
 #include "objects/indexes/noted_changes.h"
 #include "objects/published.h"
+#include "objects/transactions/committed_view.h"
 #include "objects/transactions/open_transaction.h"
 #include "platform/handles/turns.h"
 #include "platform/host/process_mark.h"
@@ -60,6 +61,7 @@ struct OpenDatabase {
   bool holdsLook = false;       // their lock
   bool asksForLook = false;     // so that writers wait for it
   uint32_t changing = 0;        // turns to change the file that have begun, likewise
+  CommittedView committed;      // what looks lay over the file
   // Of a reader: the database that it is a view of, and which opening of it, by which process.
   std::shared_ptr<const OpenDatabase> viewed;
   uint32_t viewedOpening = 0;

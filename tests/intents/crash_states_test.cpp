@@ -20,6 +20,7 @@
 #include "intents/commit.h"
 #include "intents/file_io.h"
 #include "intents/recovery.h"
+#include "intents/shown_contents.h"
 #include "intents/staged_transactions.h"
 #include "kit/database_fixture.h"
 #include "kit/random_seed.h"
@@ -140,6 +141,7 @@ class CrashStates : public DatabaseTest {
   void runSequence(uint64_t seed, Durability durability);
   void tryStates(Durability durability);
   void tryState(const Bytes& file, size_t least, size_t most, const char* what);
+  void tryReading(const Bytes& file, const Bytes& end, const char* what);
   void tryRecoveryItself();
 
   std::mt19937_64 random_;
@@ -150,6 +152,7 @@ class CrashStates : public DatabaseTest {
   size_t killStates_ = 0;
   size_t powerStates_ = 0;
   size_t recoveryStates_ = 0;
+  size_t readStates_ = 0;
   size_t transactions_ = 0;
 
  private:
@@ -275,9 +278,24 @@ void CrashStates::tryState(const Bytes& file, size_t least, size_t most, const c
     const bool isLeftOver = finding.code == "S4" || finding.code == "S5" || finding.code == "S8";
     EXPECT_TRUE(isLeftOver) << what << ": " << finding.code << ' ' << finding.text;
   }
+  if (random_() % 64 == 0) tryReading(file, end, what);
   if (end.cut(4558) != file.cut(4558) || random_() % 50 == 0) {
     if (random_() % 20 == 0) samples_.push_back(file);
   }
+}
+
+// Who opens it for reading only sees what recovery would make of it, and writes nothing.
+void CrashStates::tryReading(const Bytes& file, const Bytes& end, const char* what) {
+  ++readStates_;
+  writeFile(path("read.qvd"), file);
+  allowDamage("read.qvd");
+  try {
+    const qvdb::Database database = qvdb::Database::open(path("read.qvd"), qvdb::Mode::read_only);
+    EXPECT_EQ(shownBy(database), tableContentsOf(end)) << what;
+  } catch (const std::exception& error) {
+    ADD_FAILURE() << what << ": " << error.what();
+  }
+  EXPECT_TRUE(sameBytes(contents("read.qvd"), file)) << what;
 }
 
 void CrashStates::tryStates(Durability durability) {
@@ -346,12 +364,13 @@ void CrashStates::tryRecoveryItself() {
 }
 
 void reportCounts(const char* durability, size_t transactions, size_t kill, size_t power,
-                  size_t recovery) {
+                  size_t recovery, size_t read) {
   const std::string name = durability;
   reportCount("transactions, " + name, transactions);
   reportCount("states after the end of the process, " + name, kill);
   reportCount("states after the end of the host, " + name, power);
   reportCount("of these, states of recovery itself, " + name, recovery);
+  reportCount("of these, read before it, " + name, read);
 }
 
 class CrashStatesOf : public CrashStates {
@@ -371,7 +390,7 @@ class CrashStatesOf : public CrashStates {
       if (!HasFailure()) tryStates(durability);
       if (!HasFailure()) tryRecoveryItself();
     }
-    reportCounts(name, transactions_, killStates_, powerStates_, recoveryStates_);
+    reportCounts(name, transactions_, killStates_, powerStates_, recoveryStates_, readStates_);
   }
 };
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "format/intent.h"
 #include "intents/commit.h"
 #include "intents/recovery.h"
+#include "intents/shown_contents.h"
 #include "intents/staged_transactions.h"
 #include "kit/database_fixture.h"
 #include "kit/random_seed.h"
@@ -50,6 +52,21 @@ std::set<size_t> changeable(const Bytes& file) {
     for (size_t link = at + 31; link < at + 47; ++link) places.insert(link);
   }
   return places;
+}
+
+// What those see who only read, or what they are told.
+std::string shownOf(const std::filesystem::path& file) {
+  std::ostringstream text;
+  try {
+    const qvdb::Database database = qvdb::Database::open(file, qvdb::Mode::read_only);
+    for (const auto& [name, content] : shownBy(database)) {
+      text << name << ": " << content.data << '\n';
+      for (const auto& [id, payload] : content.records) text << id << ' ' << payload << '\n';
+    }
+  } catch (const std::exception& error) {
+    text << error.what();
+  }
+  return text.str();
 }
 
 class HostileIntents : public DatabaseTest {
@@ -365,6 +382,8 @@ TEST_F(HostileIntents, ForgedOnesCanOnlyChangeWhatATransactionCan) {
     writeFile(path("forged.qvd"), file);
     allowDamage("forged.qvd");
     static_cast<void>(qvdb::check(path("forged.qvd"), {}, {.retries = 0}));
+    const std::string shown = shownOf(path("forged.qvd"));
+    EXPECT_TRUE(sameBytes(contents("forged.qvd"), file)) << "reading has changed it";
     try {
       qvdb::Database database = qvdb::Database::open(path("forged.qvd"), qvdb::Mode::exclusive);
       for (const qvdb::Table& table : database.tables()) {
@@ -373,6 +392,7 @@ TEST_F(HostileIntents, ForgedOnesCanOnlyChangeWhatATransactionCan) {
     } catch (const qvdb::Error&) {
     }
     EXPECT_EQ(contents("forged.qvd").size(), file.size());
+    EXPECT_EQ(shown, shownOf(path("forged.qvd"))) << "it was not read as it is once completed";
   }
   EXPECT_GT(writing, count / 10);
   reportCount("forged intents", count);

@@ -142,7 +142,7 @@ class IndexBesideWriters : public LayerTest {
   }
 
   bool isConstant(Id id) {
-    return readsOf([&] { EXPECT_TRUE(table_->contains(id)); }) <= 5;
+    return readsOf([&] { EXPECT_TRUE(table_->contains(id)); }) <= 6;
   }
 
   static constexpr int kRecords = 500;

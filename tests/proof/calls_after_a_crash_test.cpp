@@ -22,6 +22,7 @@
 #include "QVDbase/directory_cache.h"
 #include "intents/commit.h"
 #include "intents/recovery.h"
+#include "intents/shown_contents.h"
 #include "intents/staged_transactions.h"
 #include "kit/file_image.h"
 #include "kit/recorded_calls.h"
@@ -171,10 +172,13 @@ class CallsAfterACrash : public testing::Test {
     const intents::RecoveryPlan plan = intents::plan(BytesReader(left));
     const auto before = reachable(left);
     const Effects ofTheCall = effectsOf(state, left);
+    const std::optional<TableContents> shown = shownToReaders();
+    EXPECT_EQ(readFile(bench_.folder / "source.qvd"), left) << "reading has changed it";
     qvdb::Database::open(bench_.folder / "source.qvd", qvdb::Mode::exclusive).close();
     const Bytes end = readFile(bench_.folder / "source.qvd");
     EXPECT_GE(end.size(), left.size());
     EXPECT_EQ(end.at(4558, 8), Bytes().zeros(8));
+    EXPECT_EQ(shown, shownToReaders()) << "it was not read as it is once completed";
     const auto after = reachable(end);
     for (const auto& [table, records] : before) {
       for (const auto& [id, payload] : records) {
@@ -201,6 +205,15 @@ class CallsAfterACrash : public testing::Test {
     twice = twice.at(4558, 8) == Bytes().zeros(8) ? end : twice;
     for (const intents::PlannedWrite& write : intents::plan(BytesReader(twice)).writes) {
       EXPECT_TRUE(false) << "completing twice writes more, at " << write.position;
+    }
+  }
+
+  // Nothing where a call that was cut off has left what cannot be read.
+  std::optional<TableContents> shownToReaders() const {
+    try {
+      return shownBy(qvdb::Database::open(bench_.folder / "source.qvd", qvdb::Mode::read_only));
+    } catch (const std::exception&) {
+      return std::nullopt;
     }
   }
 

@@ -134,14 +134,29 @@ void begin(const Operation& operation) {
 }
 
 void end(OpenDatabase& database) {
+  database.committed.end();
   if (std::exchange(database.holdsLook, false)) platform::releaseLook(database.handle);
   endViewLook(database);
 }
 
 // What the threads of the parent were at has no end here, and their locks are the parent's.
 void forgetParentsOperations(OpenDatabase& database) {
+  database.committed.end();
   database.looks = database.changing = 0;
   database.holdsLook = database.holdsViewLook = database.asksForLook = false;
+}
+
+// What others have committed is in its place wherever nothing is laid over the file. An exclusive
+// opener of this process sees to it for its views.
+void showCommitted(const Operation& operation) {
+  OpenDatabase& database = operation.database();
+  if (database.isViewOfExclusive()) return;
+  try {
+    database.committed.begin(operation);
+  } catch (...) {
+    end(database);
+    throw;
+  }
 }
 
 // What the error can come from, as it is now: the slot of its table, or header and directory where
@@ -205,6 +220,7 @@ Look::Look(const Operation& operation) : database_(operation.database()) {
   if (database_.looks == 0) {
     begin(operation);
     engine::dropDirectoryEntry(database_.handle);
+    showCommitted(operation);
   }
   ++database_.looks;
 }
@@ -220,6 +236,7 @@ void Steps::pause() const {
   end(database);
   begin(operation_);
   platform::callState().forgetWhatWasRead();
+  showCommitted(operation_);
 }
 
 void Doubt::weigh(const Error& error) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -57,6 +58,14 @@ std::unique_ptr<Stage> Stage::begin(const OpenFile& file, size_t head, size_t bu
   }
 }
 
+std::unique_ptr<Stage> Stage::forReading(Underlay underlay) {
+  std::unique_ptr<Stage> stage(new Stage);
+  stage->underlay_ = underlay;
+  stage->inFile_ = std::numeric_limits<int64_t>::max();
+  stage->onlyReads_ = true;
+  return stage;
+}
+
 bool Stage::readBefore(const OpenFile& file, int64_t position, uint8_t* bytes, size_t count) const {
   bool failed = false;
   const uint8_t* mirrored =
@@ -102,6 +111,11 @@ void Stage::layOver(int64_t position, uint8_t* bytes, size_t count) const {
 
 size_t Stage::write(const OpenFile& file, int64_t position, const uint8_t* bytes, size_t count,
                     const uint8_t* before) {
+  assert(!onlyReads_ && "what only reads is written to");
+  if (onlyReads_) {
+    noteRefusedWrite(EROFS);
+    return 0;
+  }
   const auto headEnd = static_cast<int64_t>(head_.size());
   const int64_t end = position + static_cast<int64_t>(count);
   bool isDone = false;

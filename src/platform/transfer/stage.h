@@ -10,7 +10,9 @@
 //   3. What is added at the end is kept in memory up to a budget. Beyond it all of it is appended
 //   to
 //      the file, where nothing leads to it: it is spilled. Spilled bytes are changed in the file.
-//   4. A stage that could not do what it should is broken: what it holds is not to be committed.
+//   4. A stage that only reads has none of this: it is the file, however long, with something laid
+//      over it.
+//   5. A stage that could not do what it should is broken: what it holds is not to be committed.
 //      It is broken, too, when the file has become longer or shorter by other means.
 //
 // It is used by one thread at a time, which has the turn of the file.
@@ -59,6 +61,10 @@ class Stage {
   static std::unique_ptr<Stage> begin(const OpenFile& file, size_t head, size_t budget = kBudget,
                                       Underlay underlay = {}, int64_t from = 0,
                                       const Announcement& announcement = {});
+
+  // A stage that only reads.
+  static std::unique_ptr<Stage> forReading(Underlay underlay);
+  bool onlyReads() const { return onlyReads_; }
 
   // The file's length when it began, that with what was spilled, and with everything.
   int64_t base() const { return base_; }
@@ -153,6 +159,7 @@ class Stage {
   int64_t savedLength_ = -1;  // -1 while nothing is saved
   size_t writesMade_ = 0;
   bool isBroken_ = false;
+  bool onlyReads_ = false;
 };
 
 // Transfers through this number use a stage until leaveStage(). False where they use one already:

@@ -359,7 +359,7 @@ bool writeAfterGap(OpenFile& file, uint32_t gap, const void* buffer, uint32_t co
 }
 
 bool fileLength(const OpenFile& file, int64_t* length) {
-  if (file.stage != nullptr) {
+  if (file.stage != nullptr && !file.stage->onlyReads()) {
     *length = file.stage->length();
     return true;
   }
