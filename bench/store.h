@@ -81,6 +81,18 @@ class Store {
   virtual bool update(Key key, std::span<const char> value) = 0;
   virtual bool remove(Key key) = 0;
 
+  // Stores with names: each record has a key of the user's own, nameOf() its value, which no other
+  // record has. Adding in any way enters it.
+  //
+  // Adds a record, or reports that there is one of that name.
+  virtual bool addNamed(std::span<const char> /*value*/, Key* /*key*/) { return false; }
+  // Reads the value of the record with a name, or reports that there is none.
+  virtual bool getNamed(const std::string& /*name*/, Bytes* /*value*/) { return false; }
+  // The values of the records whose names begin so, in the order of these.
+  virtual Walked valuesNamed(const std::string& /*beginning*/) { return {}; }
+  // The memory that is taken up for names, where that is known: in bytes.
+  virtual size_t memoryOfNames() { return 0; }
+
   // Gives dead space back, and leaves the store open.
   virtual void compact() {}
 
@@ -102,6 +114,7 @@ enum Ability : unsigned {
   kChain = 32,       // looks records up by walking
   kTransact = 64,    // makes several operations one, which see each other
   kDurable = 128,    // waits for the device
+  kNames = 256,      // by a second key of the user's own; such stores do nothing else
 };
 
 struct StoreKind {
@@ -120,10 +133,14 @@ std::unique_ptr<Store> makeQvdbaseC(size_t);          // the C interface alone
 std::unique_ptr<Store> makeQvdbaseLayer(size_t);      // the C++ layer, with an index
 std::unique_ptr<Store> makeQvdbaseCached(size_t);     // the same with a cache
 std::unique_ptr<Store> makeQvdbaseChecksums(size_t);  // with checksums instead
+std::unique_ptr<Store> makeQvdbaseNames(size_t);      // with names in memory
+std::unique_ptr<Store> makeQvdbaseNamesKept(size_t);
 std::unique_ptr<Store> makeSqliteWal(size_t);
 std::unique_ptr<Store> makeSqliteRollback(size_t);
+std::unique_ptr<Store> makeSqliteNames(size_t);
 std::unique_ptr<Store> makeLmdb(size_t);
 std::unique_ptr<Store> makeLmdbWritemap(size_t);
+std::unique_ptr<Store> makeLmdbNames(size_t);
 std::unique_ptr<Store> makeLevelDb(size_t);
 std::unique_ptr<Store> makeRocksDb(size_t);
 std::unique_ptr<Store> makeTkrzw(size_t expectedRecords);

@@ -37,7 +37,8 @@ std::string figureRow(const Comparison& comparison, const Figure& figure) {
   return row({comparison.workload, mark + figure.store + mark, duration(costOf(figure)),
               spreadCell(figure.processor), duration(medianOf(figure.wall)),
               spreadCell(figure.wall), ratio(timesOf(figure, comparison.peer)),
-              ratio(timesOf(figure, comparison.limit)), noteCell(figure, "disk_per_record")});
+              ratio(timesOf(figure, comparison.limit)), noteCell(figure, "disk_per_record"),
+              noteCell(figure, "memory_per_record")});
 }
 
 // Another figure beside ours: its time, its name, and how ours compares.
@@ -56,7 +57,8 @@ std::string tablesOf(const Results& results) {
       size = comparison.size;
       text += "\n### " + describe(size) + "\n\n";
       text += header({"workload", "store", "processor time", "spread", "wall time", "spread",
-                      "to the best peer", "to the limit", "bytes on disk per record"});
+                      "to the best peer", "to the limit", "bytes on disk per record",
+                      "bytes of memory per record"});
     }
     for (const Figure* figure : comparison.figures) text += figureRow(comparison, *figure);
   }

@@ -15,6 +15,8 @@ const std::vector<StoreKind>& storeKinds() {
       {"qvdbase-checksums", "the first with checksums of all payloads", kTree,
        makeQvdbaseChecksums},
       {"qvdbase-c", "our C interface alone", kChain, makeQvdbaseC},
+      {"qvdbase-keys", "our C++ layer with a KeyIndex in memory", kNames, makeQvdbaseNames},
+      {"qvdbase-keys-kept", "the same, kept beside the file", kNames, makeQvdbaseNamesKept},
       {"sqlite-wal", "SQLite with a write-ahead log", kSingle, makeSqliteWal},
       {"sqlite-rollback", "SQLite with a rollback journal", kSingle, makeSqliteRollback},
       {"lmdb", "LMDB", kSingle, makeLmdb},
@@ -25,6 +27,8 @@ const std::vector<StoreKind>& storeKinds() {
       {"tokyocabinet", "Tokyo Cabinet's hash database", kHash, makeTokyoCabinet},
       {"gdbm", "GDBM", kHash, makeGdbm},
       {"berkeleydb", "Berkeley DB's B-tree", kTree | kDurable, makeBerkeleyDb},
+      {"sqlite-wal-keys", "SQLite with a unique index of a column", kNames, makeSqliteNames},
+      {"lmdb-keys", "LMDB with a second database, of names and keys", kNames, makeLmdbNames},
   };
   return kinds;
 }

@@ -1,5 +1,6 @@
 // LMDB without syncing, with and without a writable map. Keys are appended in order, as its manual
-// recommends for loading.
+// recommends for loading. With names, a second database of names and keys, changed in the same
+// transactions.
 #include <lmdb.h>
 
 #include "store.h"
@@ -13,7 +14,7 @@ void check(int result) {
 
 class Lmdb : public Store {
  public:
-  explicit Lmdb(unsigned flags) : flags_(flags) {}
+  explicit Lmdb(unsigned flags, bool hasNames = false) : flags_(flags), hasNames_(hasNames) {}
 
   void open(const std::filesystem::path& folder) override { openWith(folder, MDB_NOSYNC); }
   void openDurably(const std::filesystem::path& folder) override { openWith(folder, 0); }
@@ -28,24 +29,26 @@ class Lmdb : public Store {
     folder_ = folder;
     check(mdb_env_create(&env_));
     check(mdb_env_set_mapsize(env_, size_t{32} << 30));
+    if (hasNames_) check(mdb_env_set_maxdbs(env_, 2));
     check(mdb_env_open(env_, folder.c_str(), sync | flags_, 0644));
     MDB_txn* txn = begin(0);
-    check(mdb_dbi_open(txn, nullptr, MDB_CREATE, &dbi_));
+    check(mdb_dbi_open(txn, hasNames_ ? "records" : nullptr, MDB_CREATE, &dbi_));
+    if (hasNames_) check(mdb_dbi_open(txn, "names", MDB_CREATE, &names_));
     check(mdb_txn_commit(txn));
   }
   void close() override { mdb_env_close(env_); }
 
   Key append(std::span<const char> value) override {
     MDB_txn* txn = begin(0);
-    put(txn, next_, value, MDB_APPEND);
+    add(txn, value);
     commit(txn);
     return next_++;
   }
   void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
     MDB_txn* txn = begin(0);
     for (Key& key : keys) {
+      add(txn, values.of(stamp++));
       key = next_++;
-      put(txn, key, values.of(stamp++), MDB_APPEND);
     }
     check(mdb_txn_commit(txn));
   }
@@ -65,13 +68,7 @@ class Lmdb : public Store {
   bool get(Key key, Bytes* value) override {
     MDB_txn* txn = begin(MDB_RDONLY);
     KeyBytes bytes(key);
-    MDB_val k{sizeof bytes.bytes, bytes.bytes};
-    MDB_val v;
-    const bool found = mdb_get(txn, dbi_, &k, &v) == MDB_SUCCESS;
-    if (found) {
-      const auto* from = static_cast<const char*>(v.mv_data);
-      value->assign(from, from + v.mv_size);
-    }
+    const bool found = read(txn, {sizeof bytes.bytes, bytes.bytes}, value);
     endReading(txn);
     return found;
   }
@@ -99,6 +96,46 @@ class Lmdb : public Store {
     open(folder_);
   }
 
+  bool addNamed(std::span<const char> value, Key* key) override {
+    MDB_txn* txn = begin(0);
+    const int result = enterName(txn, value);
+    if (result == MDB_KEYEXIST) {
+      mdb_txn_abort(txn);
+      return false;
+    }
+    check(result);
+    put(txn, next_, value, MDB_APPEND);
+    check(mdb_txn_commit(txn));
+    *key = next_++;
+    return true;
+  }
+  bool getNamed(const std::string& name, Bytes* value) override {
+    MDB_txn* txn = begin(MDB_RDONLY);
+    MDB_val n{name.size(), const_cast<char*>(name.data())};
+    MDB_val key;
+    const bool found = mdb_get(txn, names_, &n, &key) == MDB_SUCCESS && read(txn, key, value);
+    mdb_txn_abort(txn);
+    return found;
+  }
+  Walked valuesNamed(const std::string& beginning) override {
+    MDB_txn* txn = begin(MDB_RDONLY);
+    MDB_cursor* cursor = nullptr;
+    check(mdb_cursor_open(txn, names_, &cursor));
+    Walked seen;
+    MDB_val name{beginning.size(), const_cast<char*>(beginning.data())};
+    MDB_val key;
+    MDB_cursor_op step = MDB_SET_RANGE;
+    for (; mdb_cursor_get(cursor, &name, &key, step) == MDB_SUCCESS; step = MDB_NEXT) {
+      if (std::memcmp(name.mv_data, beginning.data(), beginning.size()) != 0) break;
+      MDB_val value;
+      check(mdb_get(txn, dbi_, &key, &value));
+      seen.value(value.mv_data, value.mv_size);
+    }
+    mdb_cursor_close(cursor);
+    mdb_txn_abort(txn);
+    return seen;
+  }
+
  private:
   struct Steps {
     MDB_cursor_op first;
@@ -118,6 +155,25 @@ class Lmdb : public Store {
   }
   void endReading(MDB_txn* txn) {
     if (txn != open_) mdb_txn_abort(txn);
+  }
+  // The next record, with its name.
+  void add(MDB_txn* txn, std::span<const char> value) {
+    if (hasNames_) check(enterName(txn, value));
+    put(txn, next_, value, MDB_APPEND);
+  }
+  int enterName(MDB_txn* txn, std::span<const char> value) {
+    const std::string name = nameOf(value);
+    KeyBytes bytes(next_);
+    MDB_val n{name.size(), const_cast<char*>(name.data())};
+    MDB_val k{sizeof bytes.bytes, bytes.bytes};
+    return mdb_put(txn, names_, &n, &k, MDB_NOOVERWRITE);
+  }
+  bool read(MDB_txn* txn, MDB_val key, Bytes* value) const {
+    MDB_val v;
+    if (mdb_get(txn, dbi_, &key, &v) != MDB_SUCCESS) return false;
+    const auto* from = static_cast<const char*>(v.mv_data);
+    value->assign(from, from + v.mv_size);
+    return true;
   }
   void put(MDB_txn* txn, Key key, std::span<const char> value, unsigned flags) {
     KeyBytes bytes(key);
@@ -148,10 +204,12 @@ class Lmdb : public Store {
   }
 
   unsigned flags_;
+  bool hasNames_;
   std::filesystem::path folder_;
   MDB_env* env_ = nullptr;
   MDB_txn* open_ = nullptr;
   MDB_dbi dbi_ = 0;
+  MDB_dbi names_ = 0;
   Key next_ = 1;
 };
 
@@ -159,6 +217,9 @@ class Lmdb : public Store {
 
 std::unique_ptr<Store> makeLmdb(size_t) {
   return std::make_unique<Lmdb>(0);
+}
+std::unique_ptr<Store> makeLmdbNames(size_t) {
+  return std::make_unique<Lmdb>(0, true);
 }
 std::unique_ptr<Store> makeLmdbWritemap(size_t) {
   return std::make_unique<Lmdb>(MDB_WRITEMAP);

@@ -14,7 +14,7 @@ enum class Length { operations, wholeStore };
 struct Workload {
   const char* name;
   const char* summary;
-  unsigned abilities;  // the stores that run it have one of these; all stores with 0
+  unsigned abilities;  // the stores that run it have one of these; all but those of names with 0
   Length length;
   bool looksUp;  // whether its operations find records by their keys
   // How many changes a turn makes to a store of so many records that later turns notice; none
@@ -60,6 +60,11 @@ void stepChain(Filled& f, Turn& turn);
 void readInThreads(Filled& f, Turn& turn);
 void readInThreadsReadOnly(Filled& f, Turn& turn);
 void readInProcesses(Filled& f, Turn& turn);
+
+void lookUpName(Filled& f, Turn& turn);
+void walkNames(Filled& f, Turn& turn);
+void addNames(Filled& f, Turn& turn);
+void openAndReadName(Filled& f, Turn& turn);
 
 void ycsbA(Filled& f, Turn& turn);
 void ycsbB(Filled& f, Turn& turn);

@@ -54,9 +54,17 @@ constexpr Workload kWorkloads[] = {
      ycsbD},
     {"ycsb-e", "YCSB E: walk 1 to 100 records from a popular one (95 %), add some", kOrdered,
      kShort, true, additionsOf, ycsbE},
+    {"key-lookup", "read a record by a key of the user's own", kNames, kShort, true, nullptr,
+     lookUpName},
+    {"key-prefix", "read the records whose keys begin so, some 20 or more; of one record", kNames,
+     kShort, true, nullptr, walkNames},
+    {"key-open+read", "open the closed store and read one record by a key of the user's own",
+     kNames, kShort, true, nullptr, openAndReadName},
     {"update", "write a value of the same size over a random record's", kLookUp, kShort, true,
      nullptr, update},
     {"append", "add a record with a call of its own", 0, kShort, false, changesOf, append},
+    {"key-add", "add a record with a key of the user's own that no other may have", kNames, kShort,
+     true, changesOf, addNames},
     {"grow", "write a value half as large again over a random record's", kLookUp, kShort, true,
      changesOf, grow},
     {"delete", "remove a random record", kLookUp, kShort, true, changesOf, remove},
@@ -65,6 +73,8 @@ constexpr Workload kWorkloads[] = {
     {"commit", "add a record, which the device has when the call returns", kDurable, kShort, false,
      commitsOf, commitEach},
     {"batch", "fill a new store in the way it recommends for many records", 0, kWhole, false,
+     nullptr, loadAll},
+    {"key-batch", "the same with a key of the user's own for each record", kNames, kWhole, false,
      nullptr, loadAll},
     {"compact", "give dead space back after half as many changes as there are records", kCompact,
      kWhole, false, nullptr, compactChanged},
@@ -85,7 +95,8 @@ const Workload* findWorkload(const std::string& name) {
 }
 
 bool isRunBy(const Workload& workload, const StoreKind& kind) {
-  return workload.abilities == 0 || (workload.abilities & kind.abilities) != 0;
+  if (workload.abilities == 0) return kind.abilities != kNames;
+  return (workload.abilities & kind.abilities) != 0;
 }
 
 size_t operationsOfTransaction(size_t records) {

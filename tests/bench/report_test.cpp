@@ -65,9 +65,9 @@ TEST(BenchTables, HaveARowForEachStoreWithItsRatios) {
   const std::string tables = tablesOf(lookups());
   EXPECT_TRUE(contains(tables, "### 1,000 records of 100 bytes\n"));
   EXPECT_TRUE(contains(
-      tables, "| lookup | **qvdbase** | 150 ns | 0 % | 300 ns | 0 % | 0.50 | 3.00 |  |\n"));
+      tables, "| lookup | **qvdbase** | 150 ns | 0 % | 300 ns | 0 % | 0.50 | 3.00 |  |  |\n"));
   EXPECT_TRUE(
-      contains(tables, "| lookup | lmdb | 300 ns | 0 % | 600 ns | 0 % | 1.00 | 6.00 |  |\n"));
+      contains(tables, "| lookup | lmdb | 300 ns | 0 % | 600 ns | 0 % | 1.00 | 6.00 |  |  |\n"));
 }
 
 TEST(BenchTables, MarkFiguresThatStayedUnsteady) {
@@ -83,7 +83,17 @@ TEST(BenchTables, ShowTheSpaceThatAStoreOccupies) {
   Figure figure = bench::figure("batch", "lmdb", 100);
   figure.notes["disk_per_record"] = 1234;
   results.put(figure);
-  EXPECT_TRUE(contains(tablesOf(results), "| 1,234 |\n"));
+  EXPECT_TRUE(contains(tablesOf(results), "| 1,234 |  |\n"));
+}
+
+TEST(BenchTables, ShowTheMemoryThatAnIndexTakes) {
+  Results results;
+  Figure figure = bench::figure("key-lookup", "qvdbase-keys", 100);
+  figure.notes["memory_per_record"] = 61.7;
+  results.put(figure);
+  const std::string tables = tablesOf(results);
+  EXPECT_TRUE(contains(tables, "|  | 61 |\n"));
+  EXPECT_TRUE(contains(tables, "bytes of memory per record |\n"));
 }
 
 TEST(BenchSummary, SetsUsBesideTheBestPeerAndTheLimit) {
