@@ -71,6 +71,28 @@ TEST_F(ToolSql, SaysWhatIsWrong) {
   fails({"sql", "test.qvd"}, 2, {"QUERY"});
 }
 
+// SQLite would forget them, and the user would take that for a change of the file.
+TEST_F(ToolSql, DropsNoTableOfTheDatabase) {
+  notes({bytesOf("one")});
+  for (const char* table : {"notes", "main.notes", "qvdb_tables", "other.notes"}) {
+    fails({"sql", "test.qvd", "--attach", "other=test.qvd", std::string("drop table ") + table}, 1,
+          {"test.qvd", "may not be modified"});
+  }
+  fails({"sql", "test.qvd", "alter table notes rename to x"}, 1, {"may not be modified"});
+  EXPECT_EQ(done({"sql", "test.qvd",
+                  "create temp view v as select text from notes; drop view v;"
+                  "create virtual table temp.mine using qvdb_records('test.qvd'); drop table mine;"
+                  "create temp table t as select text from notes; drop table t"}),
+            "");
+  fails({"sql", "test.qvd", "select load_extension('none')"}, 1, {"not authorized"});
+}
+
+TEST_F(ToolSql, SaysHowAnotherDatabaseIsAttached) {
+  notes({bytesOf("one")});
+  fails({"sql", "test.qvd", "attach 'test.qvd' as other; select * from other.notes"}, 1,
+        {"not a database", "--attach NAME=FILE"});
+}
+
 TEST_F(ToolSql, ReachesTablesWhoseNamesSqlCannotHave) {
   const int16_t db = create();
   addRecord(db, addTable(db, "Notes"), bytesOf("A"));

@@ -10,6 +10,7 @@
 
 #ifdef QVDB_HAS_SQLITE
 #include <cmath>
+#include <set>
 
 #include "sql/module.h"
 #endif
@@ -45,6 +46,7 @@ class Session {
     if (sql::addModules(connection_) != SQLITE_OK) fail();
     const auto isStopped = [](void*) { return isInterrupted() ? 1 : 0; };
     sqlite3_progress_handler(connection_, kStepsBetweenLooks, isStopped, nullptr);
+    sqlite3_set_authorizer(connection_, judge, this);
   }
   ~Session() { sqlite3_close_v2(connection_); }
   Session(const Session&) = delete;
@@ -68,6 +70,7 @@ class Session {
                  sqlite3_errmsg(connection_) + "); use qvdb_records");
       }
     }
+    shown_.insert(schema);
   }
 
   void attach(const std::string& schema) {
@@ -100,6 +103,17 @@ class Session {
   }
 
  private:
+  // SQLite would drop or rename the tables that are shown as if that changed the database.
+  static int judge(void* session, int action, const char* first, const char* second,
+                   const char* third, const char*) {
+    auto& self = *static_cast<Session*>(session);
+    const bool isAltered = action == SQLITE_ALTER_TABLE;  // has its names in another order
+    if (action != SQLITE_DROP_VTABLE && !isAltered) return SQLITE_OK;
+    if (!self.shown_.contains(isAltered ? first : third)) return SQLITE_OK;
+    self.kept_ = isAltered ? second : first;
+    return SQLITE_DENY;
+  }
+
   void execute(const std::string& text) {
     if (sqlite3_exec(connection_, text.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) fail();
   }
@@ -109,6 +123,9 @@ class Session {
     if (code == SQLITE_INTERRUPT) throw Interrupted();
     if (code == SQLITE_NOMEM) throw std::bad_alloc();
     std::string message = sqlite3_errmsg(connection_);
+    if (code == SQLITE_AUTH && !kept_.empty()) message = "table " + kept_ + " may not be modified";
+    if (message == "file is not a database")
+      message += "; '--attach NAME=FILE' shows one of qvdb's";
     if (message.starts_with("unsafe use of virtual table")) {
       message += "; write CREATE TEMP VIEW, or CREATE TEMP TRIGGER";
     }
@@ -119,6 +136,8 @@ class Session {
 
   std::string file_;
   sqlite3* connection_ = nullptr;
+  std::set<std::string> shown_;  // schemas whose tables are those of a database
+  std::string kept_;             // the table that was to be dropped
 };
 
 std::string_view bytesOf(sqlite3_stmt* row, int column) {
