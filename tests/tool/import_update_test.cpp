@@ -240,6 +240,30 @@ TEST_F(ImportUpdate, RefusesToMirrorAFolderThatIsEmptyNow) {
 }
 
 // As when the folder has moved, and a link leads to where it is now.
+// 'in' was imported, 'in/' is meant the next time: all files would come again, and the first ones
+// go.
+TEST_F(ImportUpdate, RefusesToMirrorTheContentsOfAFolderThatWasImportedByItsName) {
+  expectOnlyRead([&] {
+    for (const char* again : {"in/", "in/.", "./in//"}) {
+      for (const Words& words : {Words{"import", "-u", "--delete"},
+                                 {"import", "--delete"},
+                                 {"import", "-u", "--delete", "--dry-run"}}) {
+        Words all = words;
+        all.insert(all.end(), {"test.qvd", "files", again});
+        fails(all, 1, {again, "'in/...'", "leave out the '/'"});
+      }
+    }
+  });
+  // Not where the folder has one of its own name, or the table something else.
+  fs::create_directories(path("other/in"));
+  writeFile(path("other/in/x"), bytesOf("x"));
+  done({"import", "-u", "--dry-run", "--delete", "test.qvd", "files", "other/"});
+  writeFile(path("beside"), bytesOf("x"));
+  done({"import", "test.qvd", "files", "beside"});
+  done({"import", "-u", "--delete", "test.qvd", "files", "in/"});
+  EXPECT_EQ(names().front(), "a");
+}
+
 TEST_F(ImportUpdate, RefusesToReplaceTheWholeFolderByALinkOrAFile) {
   fs::rename(path("in"), path("moved"));
   fs::create_directory_symlink("moved", path("in"));

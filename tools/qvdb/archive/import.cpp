@@ -79,6 +79,7 @@ Plan planOf(const Options& options, const Table& table, const ImportedFiles& nam
   for (const std::string& path : plan.tree.leftOut) complain("left out: " + path);
   if (table == Table()) return plan;
   if (options.update || options.mirror) refuseLostRoots(names, plan.tree, options.mirror);
+  if (options.mirror) refuseOtherTop(names, plan.tree);
   if (options.mirror) plan.after = entriesThatAreGone(names, plan.tree, excluded);
   if (!options.update) return plan;
   plan.before = entriesInTheWay(names, plan.tree);
@@ -218,9 +219,10 @@ become a file, a folder or a symbolic link instead of another of these is delete
 that was in it.
 
 --delete makes the table a mirror of the PATHs: what is gone is deleted after everything is stored.
-Below 'photos/' and '.' is the whole table. What is excluded stays as it is in the table. A PATH
-that is empty, or no folder any more, while the table has files of it is an error: perhaps nothing
-is mounted there.
+Below 'photos/' and '.' is the whole table, below 'photos' only what has that name: give each PATH as
+it was given before, with '/' at its end or without, as with rsync. 'photos/' for a table that was
+filled by 'photos' is an error. What is excluded stays as it is in the table. A PATH that is empty, or
+no folder any more, while the table has files of it is an error: perhaps nothing is mounted there.
 
 A PATTERN of --exclude is compared with the last part of each name; if it has a '/' within it or at
 its beginning, with the whole name. With a '/' at its end it counts for folders. '*' is any text

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
@@ -113,6 +114,17 @@ std::unordered_map<std::string_view, FileKind> kindsIn(const FileTree& tree) {
   return kinds;
 }
 
+// Whether there is something below the folder of that name, and nothing else.
+bool hasNothingBeside(std::string_view top, const ImportedFiles& names) {
+  bool isAny = false;
+  for (const ImportedFile& file : names.list()) {
+    if (file.kind == FileKind::removed || file.name == top) continue;
+    if (!isBelow(file.name, top)) return false;
+    isAny = true;
+  }
+  return isAny;
+}
+
 }  // namespace
 
 uint64_t leaveOutUnchanged(const Table& table, const ImportedFiles& names, FileTree* tree) {
@@ -162,6 +174,21 @@ std::vector<size_t> entriesInTheWay(const ImportedFiles& names, const FileTree& 
     if (file.kind != FileKind::removed && isInTheWay(file)) entries.push_back(i);
   }
   return entries;
+}
+
+void refuseOtherTop(const ImportedFiles& names, const FileTree& tree) {
+  for (const FoundRoot& root : tree.roots) {
+    std::error_code none;
+    const std::string top = std::filesystem::canonical(root.path, none).filename();
+    if (!root.name.empty() || top.empty() || !hasNothingBeside(top, names)) continue;
+    const bool isInIt = std::any_of(tree.files.begin(), tree.files.end(),
+                                    [&](const auto& found) { return found.file.name == top; });
+    if (isInIt) continue;
+    throw Failure(root.path + ": the table has its files as '" + top +
+                  "/...'; all of them would be stored again under other names, and then deleted; "
+                  "nothing was changed; leave out the '/' at the end, as when they were imported, "
+                  "or delete them first with 'qvdb rm'");
+  }
 }
 
 void refuseLostRoots(const ImportedFiles& names, const FileTree& tree, bool mirror) {

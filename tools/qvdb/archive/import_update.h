@@ -33,6 +33,11 @@ std::vector<size_t> entriesInTheWay(const ImportedFiles& names, const FileTree& 
 // would delete all of them.
 void refuseLostRoots(const ImportedFiles& names, const FileTree& tree, bool mirror);
 
+// Throws Failure when a root means the contents of a folder, while all that the table has is below
+// the name of that folder: it was imported without the '/' at its end, and a mirror would have all
+// files twice and delete the first ones.
+void refuseOtherTop(const ImportedFiles& names, const FileTree& tree);
+
 // The entries of the list below the roots of the tree that are not in it, and not excluded either.
 std::vector<size_t> entriesThatAreGone(const ImportedFiles& names, const FileTree& tree,
                                        const Excluded& excluded);
