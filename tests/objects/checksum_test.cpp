@@ -211,6 +211,7 @@ std::vector<std::pair<const char*, std::function<void(Database&)>>> waysToRead()
   };
   return {
       {"payload", [=](Database& d) { static_cast<void>(table(d).find(Id{kRecord})->payload()); }},
+      {"require_sound", [=](Database& d) { table(d).find(Id{kRecord})->require_sound(); }},
       {"read",
        [=](Database& d) {
          std::vector<std::byte> buffer(1000);
@@ -362,6 +363,25 @@ TEST_F(LayerChecksums, AreVerifiedPieceByPiece) {
   EXPECT_EQ(openDatabase().table("t").find(Id{kRecord})->verify(), PayloadState::verified);
   rot(at + 300000, 0x80);
   EXPECT_EQ(openDatabase().table("t").find(Id{kRecord})->verify(), PayloadState::rotten);
+}
+
+// As payload() does: neither is damage.
+TEST_F(LayerChecksums, AreRequiredToBeSoundOnlyWhereTheySayOtherwise) {
+  makeOne(pattern(300001), 400000);
+  auto database = openDatabase();
+  auto table = database.table("t");
+  const Id unprotected = table.add(span(pattern(1000)), 0, Checksum::no);
+  table.find(unprotected)->require_sound();
+  const Bytes shorter = pattern(2000, 3);
+  ASSERT_EQ(ModifyRecordData(database.handle(), table.id().value, shorter.data(),
+                             static_cast<uint32_t>(shorter.size()), kRecord, nullptr),
+            1);
+  const auto changed = table.find(Id{kRecord});
+  EXPECT_EQ(changed->verify(), PayloadState::changed_elsewhere);
+  changed->require_sound();
+  table.remove(unprotected);
+  table.add(std::string(2000, 'x'));
+  EXPECT_NO_THROW(changed->require_sound());
 }
 
 // ---- Changes

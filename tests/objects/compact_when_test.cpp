@@ -3,8 +3,10 @@
 #include <cmath>
 #include <csignal>
 #include <limits>
+#include <random>
 
 #include "kit/forked.h"
+#include "kit/random_seed.h"
 #include "kit/recorded_calls.h"
 #include "objects/layer_fixture.h"
 
@@ -128,6 +130,52 @@ TEST_F(CompactWhenDue, CountsWhatACompactionGainsAfterEachOperation) {
     database.reopen();
     expectExact("reopen");
     EXPECT_EQ(openDatabase(Mode::read_only).reclaimable_estimate(), exactly(database));
+  }
+}
+
+TEST_F(CompactWhenDue, CountsTheSameThroughRandomOperations) {
+  std::mt19937_64 random(randomSeed());
+  const auto upTo = [&](uint64_t most) { return random() % (most + 1); };
+  putRecords(2);
+  auto database = openDatabase();
+  ASSERT_EQ(database.reclaimable_estimate(), 2000u);
+  auto table = database.table("t");
+  const auto any = [&]() -> Id {
+    const std::vector<uint64_t> ids = idsOf(table);
+    return ids.empty() ? table.add(std::string("first")) : Id{ids[upTo(ids.size() - 1)]};
+  };
+  const auto operate = [&] {
+    const std::string bytes(upTo(3000), 'r');
+    switch (upTo(6)) {
+      case 0:
+        table.add(bytes, static_cast<uint32_t>(upTo(100)), qvdb::Checksum::yes);
+        break;
+      case 1:
+        table.append_all(std::vector<std::string>(upTo(5), bytes));
+        break;
+      case 2:
+        table.remove(any());
+        break;
+      case 3:
+        table.set_data(bytes, static_cast<uint32_t>(upTo(3000)));
+        break;
+      case 4:
+        table.touch(any());
+        break;
+      default:
+        table.modify(any(), bytes);
+    }
+  };
+  for (int i = 0; i < 150; ++i) {
+    if (upTo(3) != 0) {
+      operate();
+    } else {
+      qvdb::Transaction transaction = database.begin();
+      for (uint64_t left = upTo(6); left > 0; --left) operate();
+      if (upTo(2) != 0) transaction.commit();
+    }
+    ASSERT_EQ(database.reclaimable_estimate(), exactly(database)) << "after step " << i;
+    if (upTo(40) == 0) database.compact();
   }
 }
 

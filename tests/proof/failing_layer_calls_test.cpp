@@ -353,7 +353,7 @@ std::vector<LayerCall> openingCalls() {
     });
   };
   // Where the file cannot be compacted it stays as it was, without a report.
-  constexpr qvdb::CompactWhen anyDead{.dead_part = 1e-9, .dead_bytes = 1};
+  static constexpr qvdb::CompactWhen anyDead{.dead_part = 1e-9, .dead_bytes = 1};
   const auto compacting = [](const char* name, bool isWhenClosed) {
     const auto run = [=](const Path& folder) {
       const auto open = [&](const qvdb::CompactWhen& when) {

@@ -76,7 +76,8 @@ uint64_t Database::reclaimable_estimate() const {
   if (database.deadBytes) return *database.deadBytes;
   operation.requireNoBulk();
   const uint64_t dead = detail::look(operation, [&] { return detail::countDead(operation); });
-  if (database.mode == Mode::exclusive) database.deadBytes = dead;
+  const bool isKept = database.mode == Mode::exclusive && operation.stage() == nullptr;
+  if (isKept) database.deadBytes = dead;
   return dead;
 }
 

@@ -111,12 +111,7 @@ std::unique_ptr<Stage> beginStage(const Operation& operation, OpenTransaction& o
 void end(OpenDatabase& database, const EndedTransaction& ended) noexcept {
   Transactions& transactions = database.transactions;
   if (transactions.open->hasNewTables) engine::dropDirectoryEntry(database.handle);
-  // The intent, by whose length the blocks have moved, is dead once it is carried out.
-  if (ended.isCommitted) {
-    database.noteDead(static_cast<uint64_t>(ended.shift));
-  } else {
-    database.deadBytes = transactions.open->deadBefore;
-  }
+  if (!ended.isCommitted) database.deadBytes = transactions.open->deadBefore;
   database.noted.endTransaction(transactions.open->changesBefore, ended.limit,
                                 ended.isCommitted ? std::optional(ended.shift) : std::nullopt);
   transactions.noteEnded(ended);
@@ -307,6 +302,9 @@ void commitTransaction(const std::shared_ptr<OpenDatabase>& database, uint32_t n
     commit = database->transactions.log->commit(changes);
     if (commit.outcome == Outcome::nothingApplied) {
       static_cast<void>(stage.discard(*platform::findOpenFile(operation.db())));
+    } else {
+      // The intent and the announcement, which are dead once it is carried out.
+      database->noteDead(static_cast<uint64_t>(commit.shift + stage.announced()));
     }
   } else {
     static_cast<void>(stage.discard(*platform::findOpenFile(operation.db())));

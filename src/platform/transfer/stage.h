@@ -70,6 +70,8 @@ class Stage {
   int64_t base() const { return base_; }
   int64_t inFile() const { return inFile_; }
   int64_t length() const { return inFile_ + static_cast<int64_t>(tail_.size()); }
+  // Bytes of the announcement, which precedes what is written early.
+  int64_t announced() const { return static_cast<int64_t>(announcement_.size); }
 
   // What it holds.
   const std::vector<uint8_t>& headBefore() const { return headBefore_; }
@@ -128,7 +130,6 @@ class Stage {
   };
 
   Stage() = default;
-  int64_t announced() const { return static_cast<int64_t>(announcement_.size); }
   bool announce(const OpenFile& file, int64_t end);
   bool spillBefore(const OpenFile& file, size_t more);
   bool cutTo(const OpenFile& file, int64_t length);
