@@ -179,6 +179,22 @@ TEST_F(CompactWhenDue, CountsTheSameThroughRandomOperations) {
   }
 }
 
+// Its first blocks go to the file before the others are known.
+TEST_F(CompactWhenDue, CountsWhatATransactionLeavesThatDoesNotFitIntoMemory) {
+  putRecords(2);
+  auto database = openDatabase();
+  ASSERT_EQ(database.reclaimable_estimate(), 2000u);
+  auto table = database.table("t");
+  for (const bool isCommitted : {false, true}) {
+    qvdb::Transaction transaction = database.begin();
+    for (int i = 0; i < 3; ++i) table.add(std::string(9'000'000, 'l'));
+    table.remove(Id{1});
+    if (isCommitted) transaction.commit();
+  }
+  EXPECT_GT(database.reclaimable_estimate(), 3000u);
+  EXPECT_EQ(database.reclaimable_estimate(), exactly(database));
+}
+
 TEST_F(CompactWhenDue, CountsNothingMoreThanOnce) {
   putRecords(2);
   auto database = openDatabase();
