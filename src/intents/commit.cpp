@@ -9,6 +9,7 @@
 #include "format/intent.h"
 #include "intents/file_io.h"
 #include "intents/gathering.h"
+#include "intents/paged_reader.h"
 #include "intents/run.h"
 #include "platform/handles/cutting.h"
 #include "platform/handles/file_changes.h"
@@ -90,7 +91,8 @@ Commit CommitLog::append(const StagedChanges& changes) {
   }
   const int64_t position = changes.base + changes.spilled;
   const OpenReader reader(file_);
-  const FileBytes bytes(reader);
+  const PagedReader pages(reader);
+  const FileBytes bytes(pages);
   if (bytes.hasFailed()) return refused(Obstacle::cannotRead);
   if (bytes.size() != position) return refused(Obstacle::changedMeanwhile);
   const auto header = readIntentHeader(bytes);
