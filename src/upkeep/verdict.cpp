@@ -90,11 +90,11 @@ std::string Verdict::why() const {
 Verdict judgeCopy(const ByteSource& source, const Survey& survey) {
   Verdict verdict;
   const auto note = [&](const qvdb::Finding& finding) {
-    if (finding.severity != qvdb::Severity::error || isOfPackedData(survey, finding)) return;
+    if (isOfPackedData(survey, finding)) return;
     verdict.errors += 1 + finding.more;
     if (verdict.firstError.empty()) verdict.firstError = check::inSentence(finding);
   };
-  static_cast<void>(check::checkSurvey(source, survey, note));
+  check::findErrors(source, survey, note);
   const Copied copied = copiedBlocks(survey);
   countLosses(survey, copied, &verdict);
   verdict.grows = copied.size > survey.size;

@@ -94,17 +94,19 @@ void judge(Check& check, const CheckOptions& options, const intents::RecoveryPla
   check::checkHoles(check);
   report->space = check::checkSpace(check);
   check::checkIntents(check, plan);
-  addOutlook(check, report);
 }
 
+enum class Outlook { no, yes };  // whether to find out what the library's calls will do
+
 Checked checkOnce(const ByteSource& source, const Survey& survey, const CheckOptions& options,
-                  const intents::RecoveryPlan& plan = {}) {
+                  const intents::RecoveryPlan& plan = {}, Outlook outlook = Outlook::yes) {
   CheckReport report;
   Check check(source, survey, options.most_alike);
   report.file_size = static_cast<uint64_t>(survey.size);
   report.blocks = survey.blocks.size();
   if (check::checkHeader(check)) {
     judge(check, options, plan, &report);
+    if (outlook == Outlook::yes) addOutlook(check, &report);
   } else {
     report.space.unknown = report.file_size;
     report.repair = 1;
@@ -220,6 +222,14 @@ qvdb::CheckReport check::checkSource(const ByteSource& source) {
 qvdb::CheckReport check::checkSurvey(const ByteSource& source, const Survey& survey,
                                      const qvdb::FindingVisitor& visitor) {
   return qvdb::deliver(qvdb::checkOnce(source, survey, {}), visitor);
+}
+
+void check::findErrors(const ByteSource& source, const Survey& survey,
+                       const qvdb::FindingVisitor& visitor) {
+  const qvdb::Checked checked = qvdb::checkOnce(source, survey, {}, {}, qvdb::Outlook::no);
+  for (const qvdb::Finding& finding : checked.findings) {
+    if (finding.severity == qvdb::Severity::error) visitor(finding);
+  }
 }
 
 std::string check::inSentence(const qvdb::Finding& finding) {

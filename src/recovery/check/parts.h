@@ -21,6 +21,11 @@ qvdb::CheckReport checkSource(const survey::ByteSource& source);
 qvdb::CheckReport checkSurvey(const survey::ByteSource& source, const survey::Survey& survey,
                               const qvdb::FindingVisitor& visitor);
 
+// The errors alone. What the library's calls will do on the file, which none of them depends on, is
+// not looked at.
+void findErrors(const survey::ByteSource& source, const survey::Survey& survey,
+                const qvdb::FindingVisitor& visitor);
+
 // A finding inside another sentence: code and message, without the full stop.
 std::string inSentence(const qvdb::Finding& finding);
 
