@@ -153,18 +153,6 @@ int bestIndex(sqlite3_vtab* base, sqlite3_index_info* info) noexcept {
 
 // ---- reading
 
-int open(sqlite3_vtab* base, sqlite3_vtab_cursor** cursor) noexcept {
-  return guarded(&base->zErrMsg, [&] {
-    *cursor = new Cursor();
-    return SQLITE_OK;
-  });
-}
-
-int close(sqlite3_vtab_cursor* cursor) noexcept {
-  delete static_cast<Cursor*>(cursor);
-  return SQLITE_OK;
-}
-
 // Narrows what is wanted by one value. A value of another type narrows nothing: SQLite compares it
 // with every row. False where no row can be right.
 bool narrow(WantedRecords* wanted, unsigned use, sqlite3_value* value) {
@@ -267,15 +255,8 @@ int rowid(sqlite3_vtab_cursor* base, sqlite3_int64* number) noexcept {
 }
 
 constexpr sqlite3_module moduleOfRecords() {
-  sqlite3_module module = {};
-  module.iVersion = 1;
-  module.xCreate = connectRecords;  // the same as xConnect: also a function in a FROM clause
-  module.xConnect = connectRecords;
+  sqlite3_module module = moduleWith<Cursor>(connectRecords);
   module.xBestIndex = bestIndex;
-  module.xDisconnect = disconnect;
-  module.xDestroy = disconnect;
-  module.xOpen = open;
-  module.xClose = close;
   module.xFilter = filter;
   module.xNext = next;
   module.xEof = isAtEnd;

@@ -57,18 +57,6 @@ int bestIndex(sqlite3_vtab* base, sqlite3_index_info* info) noexcept {
   return SQLITE_ERROR;
 }
 
-int open(sqlite3_vtab* base, sqlite3_vtab_cursor** cursor) noexcept {
-  return guarded(&base->zErrMsg, [&] {
-    *cursor = new Cursor();
-    return SQLITE_OK;
-  });
-}
-
-int close(sqlite3_vtab_cursor* cursor) noexcept {
-  delete static_cast<Cursor*>(cursor);
-  return SQLITE_OK;
-}
-
 int filter(sqlite3_vtab_cursor* base, int, const char*, int argc, sqlite3_value** argv) noexcept {
   Cursor& cursor = *static_cast<Cursor*>(base);
   VirtualTable& table = tableOf(base);
@@ -137,15 +125,8 @@ int rowid(sqlite3_vtab_cursor* base, sqlite3_int64* number) noexcept {
 }
 
 constexpr sqlite3_module moduleOfTables() {
-  sqlite3_module module = {};
-  module.iVersion = 1;
-  module.xCreate = connectTables;  // the same as xConnect: also a function in a FROM clause
-  module.xConnect = connectTables;
+  sqlite3_module module = moduleWith<Cursor>(connectTables);
   module.xBestIndex = bestIndex;
-  module.xDisconnect = disconnect;
-  module.xDestroy = disconnect;
-  module.xOpen = open;
-  module.xClose = close;
   module.xFilter = filter;
   module.xNext = next;
   module.xEof = isAtEnd;

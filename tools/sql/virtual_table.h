@@ -69,6 +69,35 @@ int connect(sqlite3* connection, int argc, const char* const* argv, const char* 
             bool takesTable, sqlite3_vtab** table, char** message) noexcept;
 int disconnect(sqlite3_vtab* table) noexcept;
 
+// xOpen and xClose of a module with cursors of this type.
+template <typename Cursor>
+int openCursor(sqlite3_vtab* table, sqlite3_vtab_cursor** cursor) noexcept {
+  return guarded(&table->zErrMsg, [&] {
+    *cursor = new Cursor();
+    return SQLITE_OK;
+  });
+}
+template <typename Cursor>
+int closeCursor(sqlite3_vtab_cursor* cursor) noexcept {
+  delete static_cast<Cursor*>(cursor);
+  return SQLITE_OK;
+}
+
+// What a module has of this; it adds the functions of its own. xCreate is the same as xConnect, so
+// that the module is also a function in a FROM clause.
+template <typename Cursor>
+constexpr sqlite3_module moduleWith(decltype(sqlite3_module::xConnect) connect) {
+  sqlite3_module module = {};
+  module.iVersion = 1;
+  module.xCreate = connect;
+  module.xConnect = connect;
+  module.xDisconnect = disconnect;
+  module.xDestroy = disconnect;
+  module.xOpen = openCursor<Cursor>;
+  module.xClose = closeCursor<Cursor>;
+  return module;
+}
+
 // What a constraint compares with, as text; nothing where that is no text.
 std::optional<std::string> textOf(sqlite3_value* value);
 std::optional<int64_t> integerOf(sqlite3_value* value);
