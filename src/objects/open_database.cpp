@@ -105,6 +105,11 @@ OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const ch
   failure::throwError(operation, Reason::not_open, "no database is open");
 }
 
+// Not inline: an operation that begins needs no memory for a message then.
+[[noreturn]] __attribute__((noinline)) void failClosed(const Operation& operation) {
+  operation.fail(Reason::not_open, "it was closed");
+}
+
 }  // namespace
 
 bool saysWhatTheFileHolds(Reason reason) {
@@ -145,7 +150,7 @@ Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* 
       db_(turn_.handle()),
       opening_(database_.opening) {
   platform::forgetHostFailure();
-  if (db_ == 0) fail(Reason::not_open, "it was closed");
+  if (db_ == 0) failClosed(*this);
   if (database_.transactions.open != nullptr) {
     if (sees != Sees::fileAtOnce) waitForTransaction();
     if (sees == Sees::transaction) enterTransaction();

@@ -15,7 +15,9 @@ namespace {
 
 using engine::FoundRecord;
 
-Located walkTo(const Operation& operation, Id table, Id record, FoundRecord* found) {
+// Not inline: what it needs is not prepared where an index answers.
+__attribute__((noinline)) Located walkTo(const Operation& operation, Id table, Id record,
+                                         FoundRecord* found) {
   found->table = operation.table(table);
   ChainWalker walker(found->table.slot);
   for (Steps steps(operation);

@@ -24,7 +24,8 @@ void IdentifierMap::clear() {
   isChanged_ = true;
 }
 
-std::optional<int64_t> IdentifierMap::findKept(uint64_t hash) const {
+// Not inline: most maps have no file.
+__attribute__((noinline)) std::optional<int64_t> IdentifierMap::findKept(uint64_t hash) const {
   if (const std::optional<int64_t> position = memory_.find(hash)) {
     return *position == kErased ? std::nullopt : position;
   }

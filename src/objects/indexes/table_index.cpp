@@ -62,16 +62,22 @@ void readNeighbourhood(int16_t db, int64_t usualBlock, int64_t position) {
   support::readAhead(db, from, static_cast<uint32_t>(position - from + after));
 }
 
+// The same as linksTo() where the block does not lie in memory. Not inline, nor is
+// presentSlotAgrees(): the space for what they read is not prepared where it is not needed.
+__attribute__((noinline)) bool readLinksTo(int16_t db, int64_t recordPos,
+                                           const unsigned char* tableID, int64_t link,
+                                           int64_t position) {
+  recordPart1 header;
+  if (!readHead(db, recordPos, tableID, &header)) return false;
+  const bool isNext = link == format::record::kNextRecordPos;
+  return (isNext ? header.nextRecordPos : header.prevRecordPos) == position;
+}
+
 // Whether there is a record of this table at recordPos, with this position in one of its links.
 bool linksTo(int16_t db, int64_t recordPos, const unsigned char* tableID, int64_t link,
              int64_t position) {
-  recordPart1 header;
   const unsigned char* block = support::viewFile(db, recordPos, format::record::kData);
-  if (block == nullptr) {
-    if (!readHead(db, recordPos, tableID, &header)) return false;
-    const bool isNext = link == format::record::kNextRecordPos;
-    return (isNext ? header.nextRecordPos : header.prevRecordPos) == position;
-  }
+  if (block == nullptr) return readLinksTo(db, recordPos, tableID, link, position);
   return format::isRecordOf(block, tableID) &&
          static_cast<int64_t>(format::loadBigEndian<uint64_t>(block + link)) == position;
 }
@@ -93,6 +99,11 @@ bool isEndOfChain(const recordPart1& header) {
 bool slotAgrees(const tablePart1& slot, const recordPart1& header, int64_t position) {
   return (header.prevRecordPos != 0 || slot.firstRecordPos == position) &&
          (header.nextRecordPos != 0 || slot.lastRecordPos == position);
+}
+
+__attribute__((noinline)) bool presentSlotAgrees(const Operation& operation, Id table,
+                                                 const recordPart1& header, int64_t position) {
+  return slotAgrees(operation.table(table).slot, header, position);
 }
 
 bool verify(const Operation& operation, const TableIndex& index, Id record,
@@ -181,7 +192,7 @@ bool readLinked(const Operation& operation, Id table, const unsigned char* table
   return readHead(operation.db(), found->recordPos, tableID, &found->header) &&
          neighboursPointBack(operation.db(), tableID, found->header, found->recordPos) &&
          (!isEndOfChain(found->header) ||
-          slotAgrees(operation.table(table).slot, found->header, found->recordPos));
+          presentSlotAgrees(operation, table, found->header, found->recordPos));
 }
 
 bool isReachedFromFront(const Operation& operation, Id table, const unsigned char* tableID,

@@ -86,18 +86,39 @@ class Doubt {
   int looksAtPlace_ = 0;  // in which the same record was damaged
 };
 
+// What a SavedPosition is to an exported call, for reads of an operation, which has the turn of its
+// file already.
+class ReadScope {
+ public:
+  explicit ReadScope(const Operation& operation) : position_(operation.db()) {}
+
+ private:
+  struct Position {
+    explicit Position(int16_t file) : db(file), found(myGetFilePos(file)) {}
+    ~Position() { myFileSeek(db, found, kFromStart); }
+    Position(const Position&) = delete;
+    Position& operator=(const Position&) = delete;
+
+    int16_t db;
+    int64_t found;
+  };
+
+  Position position_;
+  qvdbase::platform::TransferScope scope_;  // ends first
+};
+
 // Reads by `body`, which begins afresh each time that it is called. The transfers of one call are
-// within one SavedPosition.
+// within one ReadScope.
 template <typename Body>
 auto look(const Operation& operation, const Body& body) {
   if (!operation.database().readsBesideWriters()) {
-    qvdbase::engine::SavedPosition scope(operation.db());
+    const ReadScope scope(operation);
     return body();
   }
   for (Doubt doubt(operation);;) {
     try {
       const Look held(operation);
-      qvdbase::engine::SavedPosition scope(operation.db());
+      const ReadScope scope(operation);
       return body();
     } catch (const Error& error) {
       doubt.weigh(error);

@@ -78,28 +78,30 @@ FileTurn* Turn::wanted() const {
 
 // Each call pays for this: what most of them need comes first, and needs no other function.
 void Turn::begin() {
+  struct Begin {
+    __attribute__((noinline)) static void another(Turn& turn, Turn* outer) {
+      turn.outer_ = outer;
+      innermostTurn = &turn;
+      if (outer == nullptr) {
+        holdCancellation();
+        takeOverCounts();
+      }
+      turn.turn_ = turn.wanted();
+      if (tryEnter(*turn.turn_)) {
+        if (turn.wanted() == turn.turn_) return;
+        leave(*turn.turn_);
+      }
+      leaveAll(turn.outer_);
+      takeAll(&turn);
+    }
+  };
   Turn* const outer = innermostTurn;
   if (outer != nullptr && file_ > 0 && outer->file_ == file_ && outer->turn_ == wanted()) return;
   assert(mayTake(Held::directoryCache) && "a turn is waited for while a lock is held");
   assert((!isHeld(Held::change) || isMine(*wanted())) && "a turn is waited for within a look");
-  const auto beginAnother = [ this, outer ]() __attribute__((noinline)) {
-    outer_ = outer;
-    innermostTurn = this;
-    if (outer == nullptr) {
-      holdCancellation();
-      takeOverCounts();
-    }
-    turn_ = wanted();
-    if (tryEnter(*turn_)) {
-      if (wanted() == turn_) return;
-      leave(*turn_);
-    }
-    leaveAll(outer_);
-    takeAll(this);
-  };
-  if (!isOnlyThread() || outer != nullptr) return beginAnother();
+  if (!isOnlyThread() || outer != nullptr) return Begin::another(*this, outer);
   FileTurn* const turn = wanted();
-  if (!turn->lock.tryLock()) return beginAnother();
+  if (!turn->lock.tryLock()) return Begin::another(*this, outer);
   own(*turn);
   turn->depth = 1;
   innermostTurn = this;
@@ -109,9 +111,13 @@ void Turn::begin() {
 }
 
 void Turn::end() {
-  Turn** link = &innermostTurn;
-  while (*link != this) link = &(*link)->outer_;
-  *link = outer_;
+  if (innermostTurn == this) {
+    innermostTurn = outer_;
+  } else {
+    Turn* inner = innermostTurn;
+    while (inner->outer_ != this) inner = inner->outer_;
+    inner->outer_ = outer_;
+  }
   leave(*turn_);
   if (innermostTurn != nullptr) return;
   publishCounts();

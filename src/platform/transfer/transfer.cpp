@@ -40,13 +40,22 @@ CallState& detail::firstCallOfThread() {
   return ownCall;
 }
 
-bool CallState::obtainBuffers() {
-  if (hasBuffers_) return true;
+namespace {
+
+// What few calls need is not inline here, so that the others do not prepare for it.
+__attribute__((noinline)) bool giveBuffers(CallState& call) {
   CallBuffers* buffers = buffersForThread();
   if (buffers == nullptr) return false;
-  windows.useBuffers(&buffers->windows);
-  gathered.useBuffers(&buffers->gathered);
-  return hasBuffers_ = true;
+  call.windows.useBuffers(&buffers->windows);
+  call.gathered.useBuffers(&buffers->gathered);
+  return true;
+}
+
+}  // namespace
+
+bool CallState::obtainBuffers() {
+  if (!hasBuffers_) hasBuffers_ = giveBuffers(*this);
+  return hasBuffers_;
 }
 
 void CallState::serveFrom(const OpenFile& file, int64_t start, uint64_t length,
@@ -70,7 +79,7 @@ uint64_t CallState::sizeLimit() {
   return sizeLimit_;
 }
 
-bool CallState::send() {
+__attribute__((noinline)) bool CallState::send() {
   RefusedWrite refused = {};
   assert(windowsAgree() && "a window holds bytes that were overwritten");
   if (gathered.flush(&refused)) return true;
@@ -117,9 +126,10 @@ const uint8_t* mirrored(const OpenFile& file, int64_t position, uint64_t count, 
   return bytes;
 }
 
-// The same for bytes that need not all be in the file. Nothing is gathered for it.
-bool isMirrored(const OpenFile& file, int64_t position, uint64_t count) {
-  if (file.mirror == nullptr || position < 0 || position >= file.mirror->length()) return false;
+// The same, in a file that has a mirror, for bytes that need not all be in the file. Nothing is
+// gathered for it.
+__attribute__((noinline)) bool isMirrored(const OpenFile& file, int64_t position, uint64_t count) {
+  if (position < 0 || position >= file.mirror->length()) return false;
   const auto rest = static_cast<uint64_t>(file.mirror->length() - position);
   bool refused = false;
   return mirrored(file, position, std::min(count, rest), &refused) != nullptr;
@@ -328,7 +338,8 @@ bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_
 void readAhead(const OpenFile& file, int64_t position, uint32_t count) {
   CallState& call = callState();
   if (!call.isInScope() || call.gathered.hold(file.entry)) return;
-  if (file.stage == nullptr && isMirrored(file, position, count)) return;
+  const bool hasMirror = file.stage == nullptr && file.mirror != nullptr;
+  if (hasMirror && isMirrored(file, position, count)) return;
   call.serveFromNothing();
   call.windows.useStage(file.stage, file.mirror);
   const ReadWindow* window = call.windows.fill(file.entry, position, count);
@@ -395,10 +406,19 @@ bool TransferScope::end() {
   return !failed_;
 }
 
-// Scopes within this one end with it: nothing may point to a scope that is gone.
+namespace {
+
+// They end with it: nothing may point to a scope that is gone.
+__attribute__((noinline)) void endScopesWithin(const TransferScope* scope) {
+  assert(false && "a scope ends before one within it");
+  CallState& call = callState();
+  while (call.innermost != scope) static_cast<void>(call.innermost->end());
+}
+
+}  // namespace
+
 void TransferScope::leaveChain(CallState& call) {
-  assert(call.innermost == this && "a scope ends before one within it");
-  while (call.innermost != this) static_cast<void>(call.innermost->end());
+  if (call.innermost != this) endScopesWithin(this);
   if (call.current == this) call.flush();
   assert(call.gathered.length() == 0 && "a scope ends before its writes are sent");
   call.innermost = outer_;
@@ -428,7 +448,7 @@ TransferPause::~TransferPause() {
   call.current = isOpen ? paused_ : nullptr;
 }
 
-bool flushTransfers() {
+__attribute__((noinline)) bool flushTransfers() {
   const bool complete = callState().flush();
   callState().forgetWhatWasRead();
   return complete;
