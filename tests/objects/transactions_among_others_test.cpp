@@ -7,6 +7,7 @@
 
 #include "kit/forked.h"
 #include "kit/recorded_calls.h"
+#include "kit/threads.h"
 #include "objects/layer_fixture.h"
 
 namespace qvdbase::test {
@@ -152,6 +153,7 @@ TEST_F(TransactionsAmongOthers, ATableThatWasTakenBackTakesNothing) {
 }
 
 TEST_F(TransactionsAmongOthers, AThreadThatEndsLeavesItToTheOthers) {
+  if (!kHasThreads) GTEST_SKIP() << "a build without threads";
   qvdb::Transaction t;
   std::thread([&] {
     t = database.begin();
