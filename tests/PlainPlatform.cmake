@@ -22,7 +22,7 @@ target_compile_definitions(plain_platform PRIVATE
   $<TARGET_PROPERTY:qvdbase_internal,INTERFACE_COMPILE_DEFINITIONS>)
 target_include_directories(plain_platform PRIVATE
   ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
-target_compile_options(plain_platform PRIVATE $<$<CONFIG:RelWithDebInfo>:-O1>)  # as the library is
+target_compile_options(plain_platform PRIVATE $<$<CONFIG:RelWithDebInfo>:-O1>)  # not as the tests are
 qvdbase_warnings(plain_platform)
 
 # Makes PROGRAM from what TWIN is made of.

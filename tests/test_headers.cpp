@@ -1,0 +1,1 @@
+// The headers that nearly every test includes, compiled once, belong to this file.
