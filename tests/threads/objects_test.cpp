@@ -558,7 +558,8 @@ TEST_F(ThreadsOnDatabase, CopyAFileThatAnotherThreadChanges) {
 }
 
 // One begins when the check has opened the file, and is between two writes until the check has seen
-// something that is not sound: then it asks who else has the file.
+// something that is not sound: then it asks who else has the file. A check that has seen a sound
+// one waits for the writer's turn instead, so that the writer does not wait for ever.
 TEST_F(ThreadsOnDatabase, AreNotTakenForDamageByACheck) {
   fill();
   static std::atomic<bool> isBetween;
@@ -580,7 +581,9 @@ TEST_F(ThreadsOnDatabase, AreNotTakenForDamageByACheck) {
   calls->writeAt = [](int descriptor, const void* bytes, size_t count, off_t position) {
     const ssize_t done = platform::hostSystemCalls().writeAt(descriptor, bytes, count, position);
     isBetween = true;
-    while (!wasSeen) std::this_thread::yield();
+    for (int pauses = 0; pauses < 1000 && !wasSeen; ++pauses) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     return done;
   };
   std::thread thread([&] {
