@@ -22,15 +22,15 @@ using Key = uint64_t;
 // What a walk has seen. It copies each value, as an application that uses values does.
 class Walked {
  public:
-  void key(Key key) {
+  void key(Key added) {
     ++records;
-    keys += key;
+    keys += added;
   }
-  void value(const void* bytes, size_t size) {
-    const auto* from = static_cast<const char*>(bytes);
+  void value(const void* data, size_t size) {
+    const auto* from = static_cast<const char*>(data);
     copy_.assign(from, from + size);
     ++records;
-    this->bytes += size;
+    bytes += size;
     stamps += stampOf(copy_);
   }
 

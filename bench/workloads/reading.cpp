@@ -73,7 +73,7 @@ void lookUpAbsent(Filled& f, Turn& turn) {
 
 // The same places at each turn: where a store has to search, the cost depends on them.
 void openAndRead(Filled& f, Turn& turn) {
-  for (const size_t tenth : {1, 3, 5, 7, 9}) {
+  for (const size_t tenth : {1u, 3u, 5u, 7u, 9u}) {
     const Held record = f.at(f.count() * tenth / 10);
     Bytes value;
     bool isFound = false;
