@@ -19,9 +19,14 @@ namespace {
 using platform::Shared;
 using platform::SharedLock;
 
+// The end of the process destroys the list; its other threads may still be at work, and static
+// objects of the application too. For them there is no cache any more.
+bool isOver;
+
 // The database's entry, with its index. To be called with the lock, as eraseAt.
 DirectoryCacheEntry* entryOf(int16_t db, int* index) {
-  *index = 0;
+  *index = isOver ? -1 : 0;
+  if (isOver) return nullptr;
   for (QVNode* node = gbl_Gdb2tDQ.GetNodeAt(0); node != nullptr; node = node->next, ++*index) {
     auto* entry = static_cast<DirectoryCacheEntry*>(node->data);
     // unreached: an entry is added with its bytes
@@ -32,6 +37,7 @@ DirectoryCacheEntry* entryOf(int16_t db, int* index) {
 }
 
 int eraseAt(int index) {
+  if (isOver) return 0;
   int size = 0;
   const void* bytes = gbl_Gdb2tDQ.GetAtNoCopy(&size, index);
   const auto* entry = static_cast<const DirectoryCacheEntry*>(bytes);
@@ -39,6 +45,17 @@ int eraseAt(int index) {
   if (entry->headCopy != nullptr) platform::release(entry->headCopy);
   return gbl_Gdb2tDQ.DelAt(index);
 }
+
+// Destroyed before the list, which it leaves empty.
+struct End {
+  ~End() {
+    const SharedLock lock(Shared::directoryCache);
+    while (eraseAt(0) == 1) {
+    }
+    isOver = true;
+  }
+};
+const End endOfCache{};
 
 }  // namespace
 
@@ -78,7 +95,8 @@ void addDirectoryEntry(DirectoryCacheEntry entry, const internal_Head1& head) {
   entry.headCopy = static_cast<internal_Head1*>(copy);
   const SharedLock lock(Shared::directoryCache);
   try {
-    if (gbl_Gdb2tDQ.Add(&entry, sizeof entry) == 1) return;  // unreached: the list adds or throws
+    if (!isOver && gbl_Gdb2tDQ.Add(&entry, sizeof entry) == 1)
+      return;  // unreached: the list adds or throws
   } catch (const std::bad_alloc&) {
     // Without the entry every call reads the three numbers from the file.
   }
