@@ -45,8 +45,8 @@ class Mirror;
 
 // What this process holds of the bytes after the file; see lock_bytes.h.
 struct LockBytesHeld {
-  uint32_t announced;     // openers that have announced themselves as readers
-  int announcedOn;        // the descriptor of their lock
+  uint32_t announced;     // openers that have announced themselves as readers; atomic
+  int announcedOn;        // the descriptor of their lock; atomic
   ProcessMark announcer;  // who took it
   uint32_t looks;         // of any reader here, that last; atomic, see look_count.h
   int lookedOn;           // the descriptor of their lock

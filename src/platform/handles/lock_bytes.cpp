@@ -1,6 +1,7 @@
 // Locks on the bytes after every file.
 #include "platform/handles/lock_bytes.h"
 
+#include <atomic>
 #include <cassert>
 #include <memory>
 #include <optional>
@@ -185,11 +186,11 @@ bool announceReader(int16_t file) {
   if (!entry) return false;
   LockBytesHeld& held = entry->lockBytes;
   if (held.announced == 0) {
-    held.announcedOn = descriptorFor(*entry, Sharing::shared);
+    std::atomic_ref(held.announcedOn).store(descriptorFor(*entry, Sharing::shared));
     held.announcer = ProcessMark();
     if (setLock(held.announcedOn, LockByte::reader, F_RDLCK) != LockOutcome::taken) return false;
   }
-  ++held.announced;
+  ++std::atomic_ref(held.announced);
   return true;
 }
 
@@ -198,15 +199,19 @@ void withdrawReader(int16_t file) {
   const LockedEntry entry(file);
   if (!entry || entry->lockBytes.announced == 0) return;
   const LockBytesHeld& held = entry->lockBytes;
-  if (--entry->lockBytes.announced > 0 || held.announcer.maybeShared()) return;
+  if (--std::atomic_ref(entry->lockBytes.announced) > 0 || held.announcer.maybeShared()) return;
   setLock(held.announcedOn, LockByte::reader, F_UNLCK);
 }
 
 void renewAnnouncement(int16_t file) {
   if (locksPassToChildren()) return;
-  const LockedEntry entry(file);
-  if (!entry || entry->lockBytes.announced == 0) return;
-  setLock(entry->lockBytes.announcedOn, LockByte::reader, F_RDLCK);
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr) return;
+  // Without the turn: a view does not wait for what the file's own opener is doing. The descriptor
+  // stays the one it is for as long as any reader is announced.
+  LockBytesHeld& held = lockBytesOf(*openFile->entry);
+  if (std::atomic_ref(held.announced).load() == 0) return;
+  setLock(std::atomic_ref(held.announcedOn).load(), LockByte::reader, F_RDLCK);
 }
 
 void carryAnnouncement(const FileEntry& entry, int descriptor) {
