@@ -64,7 +64,7 @@ class EarlyBlocks : public DatabaseTest {
     for (int i = 0; i < records; ++i) (i % 3 == 0 ? other : notes).add(large);
   }
 
-  // What nobody may see anything of: as before for those who read, and those who bring back.
+  // As before for those who read, and for those who bring back.
   void expectNothingOfIt(const std::set<std::string>& expected) {
     EXPECT_EQ(findingsOf(path()), expected);
     EXPECT_EQ(contentsOf(contents()), content_);

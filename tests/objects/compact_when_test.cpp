@@ -272,7 +272,8 @@ TEST_F(CompactWhenDue, WalksOverNoFileThatIsTooSmall) {
     return host.count(Call::read);
   };
   const int withoutWalk = readsOf({.dead_part = 0.99, .dead_bytes = 8001});
-  EXPECT_LE(withoutWalk, readsOf({}) + 1) << "of the header";
+  // One of the header; without windows one of each field of it.
+  EXPECT_LE(withoutWalk, readsOf({}) + 6);
   EXPECT_GT(readsOf({.dead_part = 0.99, .dead_bytes = 8000}), withoutWalk);
 }
 
