@@ -9,6 +9,8 @@
 
 #if !defined(QVDBASE_NO_THREADS)
 #include <pthread.h>
+
+#include <atomic>
 #endif
 
 namespace qvdbase::platform {
@@ -48,24 +50,21 @@ bool giveBackAtEnd(CallBuffers*) {
 }
 #else
 // By a key of the host's, whose functions are called for a thread that ends. It is given up with
-// the library, which may be unloaded while threads go on.
-class EndOfThread {
- public:
-  EndOfThread() : isKnown_(::pthread_key_create(&key_, giveBack) == 0) {}
-  ~EndOfThread() {
-    if (isKnown_) ::pthread_key_delete(key_);
-    isKnown_ = false;
-  }
-  bool hand(CallBuffers* buffers) { return isKnown_ && ::pthread_setspecific(key_, buffers) == 0; }
+// the library, which may be unloaded while threads go on. What they ask outlives the object that
+// gives it up: where the process ends, they may still be at work.
+constinit pthread_key_t endOfThread = {};
+constinit std::atomic<bool> isEndOfThreadKnown = false;
 
- private:
-  pthread_key_t key_ = {};
-  bool isKnown_;
+struct EndOfThread {
+  EndOfThread() { isEndOfThreadKnown = ::pthread_key_create(&endOfThread, giveBack) == 0; }
+  ~EndOfThread() {
+    if (isEndOfThreadKnown.exchange(false)) ::pthread_key_delete(endOfThread);
+  }
 };
 
 bool giveBackAtEnd(CallBuffers* buffers) {
-  static EndOfThread endOfThread;
-  return endOfThread.hand(buffers);
+  static const EndOfThread withLibrary;
+  return isEndOfThreadKnown && ::pthread_setspecific(endOfThread, buffers) == 0;
 }
 #endif
 
