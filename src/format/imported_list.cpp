@@ -7,7 +7,25 @@ namespace qvdbase::format::imported {
 
 Version versionOf(const unsigned char* head) {
   if (std::memcmp(head, kMark.data(), kMark.size()) != 0) return Version::none;
-  return head[kVersion] == kKnownVersion ? Version::known : Version::unknown;
+  const uint8_t version = head[kVersion];
+  return version >= kFirstVersion && version <= kNewestVersion ? Version::known : Version::unknown;
+}
+
+bool areSoundFields(std::string_view fields) {
+  if (fields.size() > kLongestFields) return false;
+  for (size_t at = 0; at < fields.size();) {
+    ++at;  // what it is
+    uint64_t length = 0;
+    for (int shift = 0;; shift += 7) {
+      if (at == fields.size() || shift > 28) return false;
+      const auto byte = static_cast<uint8_t>(fields[at++]);
+      length |= uint64_t{byte & 0x7Fu} << shift;
+      if (byte < 0x80) break;
+    }
+    if (length > fields.size() - at) return false;
+    at += static_cast<size_t>(length);
+  }
+  return true;
 }
 
 bool isSafeName(std::string_view name) {

@@ -32,6 +32,7 @@
 #include "tool/in_process.h"
 #include "tools/qvdb/content/json_lines.h"
 #include "tools/qvdb/content/patch_writer.h"
+#include "tools/qvdb/streams/given_time.h"
 
 namespace qvdbase::test {
 namespace {
@@ -194,6 +195,8 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
     full_ = applied(full_, writes);
   }
 
+  void TearDown() override { qvdb::tool::setClock(nullptr); }
+
   void reset() {
     for (const auto& each : fs::directory_iterator(folder.path())) {
       const fs::path name = each.path().filename();
@@ -209,6 +212,7 @@ class FailingToolCalls : public testing::TestWithParam<ToolCall> {
   static void stopClocks(RecordedCalls& host) {
     host.setTime(5000);
     host.setMicroseconds(6000);
+    qvdb::tool::setClock([] { return int64_t{5000}; });
     std::srand(1);
   }
 

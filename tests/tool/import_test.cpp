@@ -8,6 +8,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include "kit/unprivileged.h"
@@ -28,15 +29,23 @@ namespace fs = std::filesystem;
 // The data of a table of imported files, made by hand as docs/imported-files.md describes it.
 class NameBlock {
  public:
+  NameBlock() = default;  // of version 1
+  // Of version 2, of entries that were added at this time.
+  explicit NameBlock(uint64_t since)
+      : since_(since), bytes_(bytesOf("QVfiles").be(1, 2).fill(8 + 16, 0)) {}
+
   NameBlock& entry(char kind, uint16_t mode, uint64_t record, const std::string& rest,
                    uint8_t shared = 0, const std::string& target = {}) {
     bytes_.text(std::string(1, kind)).be(2, mode).be(8, 1000).be(4, 5).be(8, record);
+    if (since_) bytes_.be(8, *since_).be(8, 0);
     bytes_.be(1, shared).be(1, rest.size()).text(rest).be(1, target.size()).text(target);
+    if (since_) bytes_.be(1, 0);
     return *this;
   }
   const Bytes& bytes() const { return bytes_; }
 
  private:
+  std::optional<uint64_t> since_;
   Bytes bytes_ = bytesOf("QVfiles").be(1, 1);
 };
 
@@ -134,7 +143,8 @@ TEST_F(ToolImport, StoresTheNamesInTheDocumentedFormat) {
   const ReadTable table = database().tables[0];
   ASSERT_EQ(table.records.size(), 2u);
   ASSERT_TRUE(table.data.has_value());
-  EXPECT_EQ(table.data->data(), NameBlock()
+  const uint64_t since = table.data->data().beAt(32 + 23, 8);  // the present time
+  EXPECT_EQ(table.data->data(), NameBlock(since)
                                     .entry('d', 0700, 0, "d")
                                     .entry('f', 0700, table.records[0].id, "/file one", 1)
                                     .entry('f', 0700, table.records[1].id, "two", 7)
@@ -695,14 +705,17 @@ TEST_F(HostileNames, ThatAreDuplicateOrContradictoryAreAFailure) {
 }
 
 TEST_F(HostileNames, ThatAreDamagedAreReportedAndTheRecordsAreExported) {
-  const Bytes sound = NameBlock().entry('f', 0644, 0xA1, "x").bytes();
-  for (size_t length = 9; length < sound.size(); ++length) {
-    FileImage image;
-    image.addTable("files", 0x11);
-    image.addRecord(0, 0xA1, bytesOf("payload"));
-    image.setTableData(0, sound.cut(length));
-    writeFile(path(), image.build());
-    expectNumbered();
+  constexpr size_t kHead = 32;  // of version 2: a list that ends with it has no entries
+  for (NameBlock block : {NameBlock(), NameBlock(1)}) {
+    const Bytes sound = block.entry('f', 0644, 0xA1, "x").bytes();
+    for (size_t length = 9; length < sound.size(); length += length == kHead - 1 ? 2 : 1) {
+      FileImage image;
+      image.addTable("files", 0x11);
+      image.addRecord(0, 0xA1, bytesOf("payload"));
+      image.setTableData(0, sound.cut(length));
+      writeFile(path(), image.build());
+      expectNumbered();
+    }
   }
   done({"export", "--by-id", "test.qvd", "files", "out"});
   EXPECT_EQ(readFile(path("out/0x00000000000000a1")), bytesOf("payload"));

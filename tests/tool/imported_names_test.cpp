@@ -65,7 +65,7 @@ TEST_F(ImportedNames, ThatNoReaderWouldTakeAreRefusedBeforeAnythingIsStored) {
       return tree;
     };
     for (const auto& tree : {treeOf(65'535, 1), treeOf(60'000, 400)}) {
-      qvdb::tool::ImportNames names(table, tree, {});
+      qvdb::tool::ImportNames names(database, table, tree, {});
       EXPECT_THROW(names.addNew(), qvdb::tool::Failure);
       qvdb::Table none;
       qvdb::tool::Importer importer(database, none, tree, {}, "new");
@@ -85,7 +85,7 @@ class NewerNames : public ImportedNames {
     const Bytes file = contents();
     for (size_t at = list; at < file.size(); ++at) {
       if (file.at(at, 7) != bytesOf("QVfiles")) continue;
-      patchFile(path(), at + 7, hex("02"));
+      patchFile(path(), at + 7, hex("03"));
       return;
     }
     FAIL() << "there is no list";

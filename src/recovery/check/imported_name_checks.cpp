@@ -15,8 +15,9 @@ namespace {
 using EntryReader = imported::EntryReader<PayloadCursor>;
 static_assert(EntryReader::kLargestPiece <= Window::kLargestView);
 
-bool isKnownList(PayloadCursor* bytes) {
-  const uint8_t* const head = bytes->take(imported::kHeadSize);
+// Whether the data begins as a list that is known.
+bool isKnownList(PayloadCursor bytes) {
+  const uint8_t* const head = bytes.take(imported::kHeadSize);
   return head != nullptr && imported::versionOf(head) == imported::Version::known;
 }
 
@@ -28,8 +29,14 @@ void checkImportedNames(Check& check, const Table& table) {
   const Block& block = check.survey.blocks[table.dataBlock];
   Window window(check.source);
   PayloadCursor bytes(window, block);
-  EntryReader list(bytes, static_cast<uint64_t>(bytes.left()));
-  if (!isKnownList(&bytes)) return;
+  if (!isKnownList(bytes)) return;
+  const auto size = static_cast<uint64_t>(bytes.left());
+  imported::Head head;
+  if (!imported::readHead(bytes, &head)) {
+    return check.warning("I1", {.slot = &slot, .offset = block.dataPos()},
+                         "The list of imported files is cut off in its head.");
+  }
+  EntryReader list(bytes, size, head.version);
   const std::vector<uint64_t> records = sortedRecords(check.survey, table.forward.blocks);
   uint64_t entries = 0;
   uint64_t withoutRecord = 0;

@@ -89,6 +89,40 @@ TEST(CheckOfImportedNames, WarnsOfAnImpossibleTimeAndReadsOn) {
   EXPECT_EQ(imported.checked.report.warnings, 1u);
 }
 
+// A list of version 2: times of the entries, and fields that a reader need not know.
+Bytes timedList(const Bytes& fields = bytesOf("x").be(1, 3).text("abc")) {
+  Bytes list = bytesOf("QVfiles").be(1, 2).be(8, 1000).fill(16, 0);
+  list.text("f").be(2, 0644).be(8, 1000).be(4, 5).be(8, 0xA1).be(8, 1500).be(8, 0);
+  list.be(1, 0).be(1, 3).text("one").be(1, 0).be(1, fields.size()).add(fields);
+  list.text("-").be(2, 0644).be(8, 1000).be(4, 5).be(8, 0xA7).be(8, 1500).be(8, 1600);
+  return list.be(1, 1).be(1, 1).text("x").be(1, 0).be(1, 0);
+}
+
+TEST(CheckOfImportedNames, FindsNothingInASoundListWithTimes) {
+  const Checked checked = checkList(timedList()).checked;
+  EXPECT_EQ(checked.report.state, qvdb::CheckState::sound) << checked.text();
+}
+
+TEST(CheckOfImportedNames, WarnsOfAListWithTimesThatIsCutOffAnywhere) {
+  const Bytes sound = timedList();
+  const size_t second = 32 + 39 + 5 + 1 + 6;
+  for (size_t size = 8; size < sound.size(); ++size) {
+    const bool isEnd = size == 32 || size == second;
+    const Checked checked = checkList(sound.cut(size)).checked;
+    EXPECT_EQ(checked.codes(qvdb::Severity::warning).count("I1"), isEnd ? 0u : 1u)
+        << size << checked.text();
+  }
+}
+
+TEST(CheckOfImportedNames, WarnsOfFieldsThatMakeNoSense) {
+  for (const Bytes& fields : {bytesOf("x"), bytesOf("x").be(1, 1), bytesOf("x").be(1, 0x80),
+                              bytesOf("x").be(1, 0).text("y").be(1, 2).text("z"),
+                              bytesOf("x").fill(5, 0xFF), bytesOf("x").fill(9, 0xFF).be(1, 1)}) {
+    const Checked checked = checkList(timedList(fields)).checked;
+    EXPECT_EQ(checked.codes(qvdb::Severity::warning), std::set<std::string>{"I1"});
+  }
+}
+
 // What a kill leaves between the mark after a shorter list and its length.
 TEST(CheckOfImportedNames, TakesAnEndMarkForTheEnd) {
   Bytes list = soundList().bytes();
@@ -104,7 +138,7 @@ TEST(CheckOfImportedNames, CountsNamesWithoutARecord) {
 }
 
 TEST(CheckOfImportedNames, LeavesOtherDataAlone) {
-  for (const Bytes& data : {bytesOf("QVfiles").be(1, 2).fill(40, 0xFF), bytesOf("QVfile"),
+  for (const Bytes& data : {bytesOf("QVfiles").be(1, 3).fill(40, 0xFF), bytesOf("QVfile"),
                             bytesOf("something else that is data")}) {
     EXPECT_EQ(checkList(data).checked.report.state, qvdb::CheckState::sound);
   }

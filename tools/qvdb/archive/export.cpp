@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 #include <unordered_map>
 
@@ -150,10 +151,15 @@ void Exporter::run() {
   if (failure) std::rethrow_exception(failure);
 }
 
+// What is in a folder has the longer name, and comes first.
 void Exporter::finishFolders() {
-  for (auto file = files_->list().rbegin(); file != files_->list().rend(); ++file) {
-    if (file->kind == FileKind::folder) writer_.finishFolder(*file);
+  std::vector<const ImportedFile*> folders;
+  for (const ImportedFile& file : files_->list()) {
+    if (file.kind == FileKind::folder) folders.push_back(&file);
   }
+  std::stable_sort(folders.begin(), folders.end(),
+                   [](const auto* a, const auto* b) { return a->name > b->name; });
+  for (const ImportedFile* folder : folders) writer_.finishFolder(*folder);
 }
 
 uint64_t Exporter::namesWithoutRecord() const {

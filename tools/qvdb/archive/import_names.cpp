@@ -4,11 +4,15 @@
 #include <algorithm>
 
 #include "streams/failure.h"
+#include "streams/given_time.h"
 
 namespace qvdb::tool {
 
-ImportNames::ImportNames(Table& table, const FileTree& tree, ImportedFiles names)
-    : table_(table), tree_(tree), names_(std::move(names)), hadNames_(names_.list().size()) {
+ImportNames::ImportNames(Database& database, Table& table, const FileTree& tree,
+                         ImportedFiles names)
+    : database_(database), table_(table), now_(timeNow()), tree_(tree), names_(std::move(names)) {
+  names_.renew(now_);
+  hadNames_ = names_.list().size();
   entries_.reserve(tree.files.size());
   for (const FoundFile& found : tree.files) {
     entries_.push_back(names_.find(found.file.name).value_or(kNew));
@@ -31,6 +35,7 @@ void ImportNames::addNew() {
     if (entries_[i] != kNew) oldLinks_.emplace(i, entries_[i]);
     ImportedFile file = tree_.files[i].file;
     if (file.kind == FileKind::file) file.record = new_id();
+    file.since = now_;
     entries_[i] = names_.list().size();
     names_.add(std::move(file));
     haveChanged_ = true;
@@ -50,13 +55,18 @@ void ImportNames::note(size_t file, const ImportedFile& now) {
   }
   ImportedFile renewed = now;
   renewed.record = old.record;
-  names_.update(entries_[file], renewed);
   haveChanged_ = true;
+  if (entries_[file] >= hadNames_) return names_.update(entries_[file], renewed);
+  renewed.kind = old.kind;
+  renewed.target = old.target;
+  renewed.fields = old.fields;
+  renewed.since = timeNow();
+  changed_.emplace_back(entries_[file], std::move(renewed));
 }
 
 void ImportNames::forget(size_t file) {
   if (entries_[file] < hadNames_) return;
-  names_.remove(entries_[file]);
+  names_.remove(entries_[file], now_);  // it was never there
   haveChanged_ = true;
 }
 
@@ -68,10 +78,14 @@ void ImportNames::cutFrom(size_t firstMissing) {
   }
 }
 
-void ImportNames::dropOldLinks(size_t firstMissing) {
+void ImportNames::replaceOld(size_t firstMissing) {
+  for (const auto& each : changed_) names_.add(each.second);
+  if (!changed_.empty()) store();
+  for (const auto& [entry, now] : changed_) names_.remove(entry, now.since);
+  changed_.clear();
   for (const auto& [file, old] : oldLinks_) {
     if (file >= firstMissing) continue;
-    names_.remove(old);
+    names_.remove(old, now_);
     haveChanged_ = true;
   }
 }
@@ -82,7 +96,16 @@ void ImportNames::store() {
   const uint64_t size = names_.bytes().size();
   const auto present = table_.data_size();
   const uint64_t reserve = present ? size + size / 2 : size;
-  table_.set_data(names_.bytes(), static_cast<uint32_t>(std::min<uint64_t>(reserve, 0xFFFFFFFF)));
+  const auto set = [&] {
+    table_.set_data(names_.bytes(), static_cast<uint32_t>(std::min<uint64_t>(reserve, 0xFFFFFFFF)));
+  };
+  if (names_.isRewritten() && present) {
+    // In a transaction it gets a new block: it is another list from the first byte on.
+    database_.transaction([&](Transaction&) { set(); });
+  } else {
+    set();
+  }
+  names_.noteStored();
 }
 
 void ImportNames::storeIfChanged() {

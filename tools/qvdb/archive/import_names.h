@@ -4,7 +4,9 @@
 #include <qvdbase/qvdb.hpp>
 
 #include <cstddef>
+#include <cstdint>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "archive/file_tree.h"
@@ -17,7 +19,7 @@ namespace qvdb::tool {
 class ImportNames {
  public:
   // `names` is the list that the table has.
-  ImportNames(Table& table, const FileTree& tree, ImportedFiles names);
+  ImportNames(Database& database, Table& table, const FileTree& tree, ImportedFiles names);
 
   // The entry that the table has for a file already; null when it has none. Only before addNew().
   const ImportedFile* present(size_t file) const;
@@ -33,7 +35,8 @@ class ImportNames {
   // The entry of a file. Only after addNew().
   const ImportedFile& of(size_t file) const { return names_.list()[entries_[file]]; }
 
-  // Takes over mode and times of a file.
+  // Takes over mode and times of a file, with finish(): an entry that the table has stays as it is,
+  // and gets one that takes its place.
   void note(size_t file, const ImportedFile& now);
 
   // Removes the name of a file that is not going to be stored, if it is a new one.
@@ -42,10 +45,10 @@ class ImportNames {
   // Removes the names of new files from `firstMissing` on, whose records are not in the table.
   void cutFrom(size_t firstMissing);
 
-  // Deletes the entries of links that have new ones. The list has both for a time, in which the
-  // later one counts, so that a kill loses none. Links from `firstMissing` on keep their old
-  // entries.
-  void dropOldLinks(size_t firstMissing);
+  // Adds the entries that note() has kept, stores the list, and then removes the entries that have
+  // new ones. The list has both for a time, in which the later one counts, so that a kill loses
+  // none. Links from `firstMissing` on keep their old entries. The list is then still to be stored.
+  void replaceOld(size_t firstMissing);
 
   // The size of the table's data once they are stored.
   uint64_t storedSize() const { return names_.bytes().size(); }
@@ -58,12 +61,15 @@ class ImportNames {
 
   bool isNewOrChanged(size_t file) const;
 
+  Database& database_;
   Table& table_;
+  const int64_t now_;
   const FileTree& tree_;
   ImportedFiles names_;
-  size_t hadNames_;                              // entries that the table has
-  std::vector<size_t> entries_;                  // of each file in names_, or kNew
-  std::unordered_map<size_t, size_t> oldLinks_;  // of files: their old entries
+  size_t hadNames_;                                       // entries that the table has
+  std::vector<size_t> entries_;                           // of each file in names_, or kNew
+  std::unordered_map<size_t, size_t> oldLinks_;           // of files: their old entries
+  std::vector<std::pair<size_t, ImportedFile>> changed_;  // old entries, and what replaces them
   bool haveChanged_ = false;
 };
 

@@ -11,6 +11,7 @@
 
 #include "archive/found_file_opener.h"
 #include "streams/failure.h"
+#include "streams/given_time.h"
 #include "streams/input.h"
 #include "streams/interrupt.h"
 #include "streams/progress.h"
@@ -235,7 +236,7 @@ void removeEntries(Table& table, ImportedFiles& names, const std::vector<size_t>
     throwIfInterrupted();
     return unwanted.contains(record.id());
   });
-  for (const size_t entry : entries) names.remove(entry);
+  for (const size_t entry : entries) names.remove(entry, timeNow());
   table.set_data(names.bytes());
 }
 

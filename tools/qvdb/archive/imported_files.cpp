@@ -2,6 +2,8 @@
 #include "archive/imported_files.h"
 
 #include <algorithm>
+#include <map>
+#include <utility>
 
 #include "streams/failure.h"
 
@@ -13,8 +15,7 @@ namespace {
 // The bytes of a list from its first entry on, for its reader.
 class Entries {
  public:
-  explicit Entries(std::span<const std::byte> data)
-      : data_(data), at_(std::min(kHeadSize, data.size())) {}
+  explicit Entries(std::span<const std::byte> data) : data_(data) {}
 
   size_t position() const { return at_; }
   bool isAtEnd() const {
@@ -30,17 +31,21 @@ class Entries {
 
  private:
   std::span<const std::byte> data_;
-  size_t at_;
+  size_t at_ = 0;
 };
+
+// How many removed entries a list keeps at least, and how many for each that is in use.
+constexpr size_t kRemovedKept = 10'000;
+constexpr size_t kRemovedForEach = 4;
+
+// Whether the later one of two entries is in the place of the other.
+bool replaces(const ImportedFile& later, const ImportedFile& other) {
+  return later.kind == other.kind && (later.kind != FileKind::file || later.record == other.record);
+}
 
 }  // namespace
 
-ImportedFiles::ImportedFiles() {
-  const auto mark = std::as_bytes(std::span(kMark));
-  bytes_.assign(mark.begin(), mark.end());
-  bytes_.push_back(std::byte{kKnownVersion});
-  end_ = bytes_.size();
-}
+ImportedFiles::ImportedFiles() : bytes_(encodeHead(head_)), end_(bytes_.size()) {}
 
 ListVersion ImportedFiles::versionOf(std::span<const std::byte> data) {
   if (data.size() < kHeadSize) return ListVersion::none;
@@ -83,7 +88,14 @@ bool ImportedFiles::isReadable() const {
 
 void ImportedFiles::decode(std::vector<std::byte> data) {
   Entries entries(data);
-  EntryReader reader(entries, data.size());
+  if (!readHead(entries, &head_)) {
+    *this = ImportedFiles();
+    isWhole_ = false;
+    isRewritten_ = true;
+    return;
+  }
+  EntryReader reader(entries, data.size(), head_.version);
+  end_ = entries.position();
   while (!entries.isAtEnd()) {
     end_ = entries.position();
     const Entry* const entry = reader.next();
@@ -99,6 +111,58 @@ void ImportedFiles::decode(std::vector<std::byte> data) {
     data.resize(end_);
   }
   bytes_ = std::move(data);
+  if (head_.version != kFirstVersion) dropReplaced();
+}
+
+// A list has both entries from when the new one was added until the old one is removed.
+void ImportedFiles::dropReplaced() {
+  std::map<std::string_view, size_t> places;
+  for (size_t i = 0; i < list_.size(); ++i) {
+    if (list_[i].kind == FileKind::removed) continue;
+    const auto [place, isNew] = places.emplace(list_[i].name, i);
+    if (isNew) continue;
+    if (!replaces(list_[i], list_[place->second])) continue;
+    remove(std::exchange(place->second, i), list_[i].since);
+  }
+}
+
+void ImportedFiles::rebuild(std::vector<ImportedFile> list) {
+  index_.forget();
+  list_ = std::move(list);
+  starts_.clear();
+  bytes_ = encodeHead(head_);
+  std::string_view before;
+  for (const ImportedFile& file : list_) {
+    starts_.push_back(bytes_.size());
+    appendEntry(head_.version, file, before, &bytes_);
+    before = file.name;
+  }
+  end_ = bytes_.size();
+  isWhole_ = true;
+  isRewritten_ = true;
+}
+
+void ImportedFiles::renew(int64_t time) {
+  const auto isRemoved = [](const ImportedFile& file) { return file.kind == FileKind::removed; };
+  const auto removed = static_cast<size_t>(std::count_if(list_.begin(), list_.end(), isRemoved));
+  const size_t inUse = list_.size() - removed;
+  const bool hasTooMany = removed > kRemovedKept && removed / kRemovedForEach > inUse;
+  if (head_.version == kNewestVersion && !hasTooMany) return;
+  std::vector<ImportedFile> list = std::move(list_);
+  if (head_.version != kNewestVersion) head_ = {.version = kNewestVersion, .knownSince = time};
+  if (hasTooMany) {
+    std::vector<int64_t> ends;
+    for (const ImportedFile& file : list) {
+      if (isRemoved(file)) ends.push_back(file.until);
+    }
+    const auto middle = ends.begin() + static_cast<ptrdiff_t>(ends.size() / 2);
+    std::nth_element(ends.begin(), middle, ends.end());
+    const int64_t last = *middle;
+    std::erase_if(list,
+                  [&](const ImportedFile& file) { return isRemoved(file) && file.until <= last; });
+    head_.knownSince = std::max(head_.knownSince, last);
+  }
+  rebuild(std::move(list));
 }
 
 std::optional<size_t> ImportedFiles::findRemoved(std::string_view name) const {
@@ -122,20 +186,22 @@ void ImportedFiles::add(ImportedFile file) {
   bytes_.resize(end_);
   isWhole_ = true;
   starts_.push_back(end_);
-  appendEntry(file, nameBefore(), &bytes_);
+  appendEntry(head_.version, file, nameBefore(), &bytes_);
   end_ = bytes_.size();
   list_.push_back(std::move(file));
 }
 
-void ImportedFiles::remove(size_t index) {
+void ImportedFiles::remove(size_t index, int64_t time) {
   index_.forget();
   list_[index].kind = FileKind::removed;
+  list_[index].until = time;
   rewrite(index);
 }
 
 void ImportedFiles::restore(size_t index) {
   index_.forget();
   list_[index].kind = FileKind::file;
+  list_[index].until = 0;
   rewrite(index);
 }
 
@@ -160,7 +226,7 @@ void ImportedFiles::cut(size_t index) {
 }
 
 void ImportedFiles::rewrite(size_t index) {
-  rewriteEntry(list_[index], bytes_.data() + starts_[index]);
+  rewriteEntry(head_.version, list_[index], bytes_.data() + starts_[index]);
 }
 
 std::string_view ImportedFiles::nameBefore() const {

@@ -1,9 +1,9 @@
 // The names, kinds, modes and times of the files that were imported into a table, as the table's
 // data block holds them. docs/imported-files.md describes the format for other programs.
 //
-// The block is a list of entries after eight bytes of identification. New entries follow the old
-// ones and a removed entry only changes its kind, so that a block that is written over in place is
-// readable at every moment, also when the program ends in the middle of it.
+// The block is a list of entries after a head. New entries follow the old ones, and of a removed
+// entry only its kind and a time change, so that a block that is written over in place is readable
+// at every moment, also when the program ends in the middle of it.
 //
 // A list that was damaged otherwise (by a power failure, a failing device) is read up to its first
 // invalid entry. The entries before that are kept.
@@ -46,7 +46,10 @@ class ImportedFiles {
   // long, one by one or together.
   bool isReadable() const;
 
-  // Removed entries are in the list too.
+  const qvdbase::format::imported::Head& head() const { return head_; }
+
+  // Removed entries are in the list too. Where a change was cut off that replaces an entry, so that
+  // both are there, the older one counts as removed.
   const std::vector<ImportedFile>& list() const { return list_; }
 
   // The index of an entry that is not removed.
@@ -59,7 +62,8 @@ class ImportedFiles {
 
   // The name must not be in the list yet. What could not be read of the list is dropped.
   void add(ImportedFile file);
-  void remove(size_t index);
+  // At a time in seconds since 1970.
+  void remove(size_t index, int64_t time);
   // Turns a removed entry into a file again. Its name must not be in the list.
   void restore(size_t index);
   // Changes mode, times and record.
@@ -67,19 +71,32 @@ class ImportedFiles {
   // Forgets all entries from `index` on.
   void cut(size_t index);
 
+  // Makes the list one of the newest version, and one that is not much longer than what is in use:
+  // where far more entries were removed, the older ones of these are forgotten.
+  void renew(int64_t time);
+
+  // Whether the block may not be written over the old one: its bytes are others from the beginning.
+  bool isRewritten() const { return isRewritten_; }
+  // The block is stored.
+  void noteStored() { isRewritten_ = false; }
+
   // The block.
   std::span<const std::byte> bytes() const { return bytes_; }
 
  private:
   void decode(std::vector<std::byte> data);
+  void dropReplaced();
+  void rebuild(std::vector<ImportedFile> list);
   void rewrite(size_t index);
   std::string_view nameBefore() const;  // of the last entry
 
+  qvdbase::format::imported::Head head_;
   std::vector<ImportedFile> list_;
   std::vector<size_t> starts_;  // of each entry in bytes_
   std::vector<std::byte> bytes_;
   size_t end_ = 0;  // of the last entry in bytes_: what follows cannot be read
   bool isWhole_ = true;
+  bool isRewritten_ = false;
   mutable NameIndex index_;
 };
 

@@ -56,7 +56,7 @@ Importer::Importer(Database& database, Table& table, const FileTree& tree, Impor
       table_(table),
       newTable_(std::move(newTable)),
       tree_(tree),
-      names_(table, tree, std::move(names)),
+      names_(database, table, tree, std::move(names)),
       batch_(table) {}
 
 // The records that have names. A name without a record is one whose import did not get that far.
@@ -115,7 +115,7 @@ void Importer::run() {
   } catch (const std::bad_alloc&) {
     throw Failure("there is not enough memory; " + stop());
   }
-  names_.dropOldLinks(tree_.files.size());
+  names_.replaceOld(tree_.files.size());
   names_.storeIfChanged();
 }
 
@@ -209,8 +209,8 @@ uint64_t Importer::filesBetween(size_t from, size_t to) const {
 std::string Importer::stop() {
   const size_t firstMissing = batch_.firstMissing(at_);
   names_.cutFrom(firstMissing);
-  names_.dropOldLinks(firstMissing);
   try {
+    names_.replaceOld(firstMissing);
     names_.store();
   } catch (const Error&) {
     // Names without records do no harm. The failure that ended the import is reported.

@@ -8,19 +8,20 @@ const NameIndex& NameIndex::of(const std::vector<ImportedFile>& list) {
   isBuilt_ = true;
   byRecord_.reserve(list.size());
   for (size_t i = 0; i < list.size(); ++i) {
-    if (list[i].kind == FileKind::removed) {
-      // Folders and links have no record.
-      if (list[i].record.value == 0) continue;
-      removedByName_.insert_or_assign(list[i].name, i);
-      removedByRecord_.insert_or_assign(list[i].record, i);
-      continue;
-    }
+    if (list[i].kind == FileKind::removed) continue;
     const auto [there, isNew] = byName_.emplace(list[i].name, i);
-    // A link that is being replaced: see ImportNames::dropOldLinks.
+    // A link that is being replaced: see ImportNames::replaceOld.
     if (!isNew && list[i].kind == FileKind::link && list[there->second].kind == FileKind::link) {
       there->second = i;
     }
     if (list[i].kind == FileKind::file) byRecord_.emplace(list[i].record, i);
+  }
+  for (size_t i = 0; i < list.size(); ++i) {
+    if (list[i].kind != FileKind::removed) continue;
+    // Folders and links have no record, and a file that has a newer entry is not gone.
+    if (list[i].record.value == 0 || byRecord_.contains(list[i].record)) continue;
+    removedByName_.insert_or_assign(list[i].name, i);
+    removedByRecord_.insert_or_assign(list[i].record, i);
   }
   return *this;
 }

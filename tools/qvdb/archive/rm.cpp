@@ -5,6 +5,7 @@
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "selection/chosen_records.h"
+#include "streams/given_time.h"
 #include "streams/interrupt.h"
 
 namespace qvdb::tool {
@@ -39,7 +40,7 @@ void forgetNames(Table& table, std::optional<ImportedFiles>& files,
     const ImportedFile& file = files->list()[i];
     const bool isGone = file.kind == FileKind::file && gone.contains(file.record);
     if (file.kind == FileKind::removed || (!isGone && !unwanted.contains(i))) continue;
-    files->remove(i);
+    files->remove(i, timeNow());
     hasChanged = true;
   }
   if (hasChanged) table.set_data(files->bytes());

@@ -60,6 +60,7 @@ constexpr const char* kRefusal = "cannot be dumped";
 
 void writeList(const ImportedFiles& files, JsonLines& lines) {
   lines.number("files", files.list().size());
+  writeListHead(files.head(), lines);
   lines.end();
   for (const ImportedFile& file : files.list()) {
     throwIfInterrupted();
@@ -72,7 +73,7 @@ void writeList(const ImportedFiles& files, JsonLines& lines) {
 // Whether the entries, written again, are the same bytes.
 bool isCanonical(const ImportedFiles& files, std::span<const std::byte> data) {
   return files.isWhole() &&
-         encodeFileList(files.list()) == std::vector<std::byte>(data.begin(), data.end());
+         encodeList(files.head(), files.list()) == std::vector<std::byte>(data.begin(), data.end());
 }
 
 void writeBytesOf(const Table& table, uint32_t size, JsonLines& lines) {

@@ -1,8 +1,9 @@
 // Entries of the list of imported files as text.
 #include "content/file_entry_text.h"
 
+#include <cstdint>
 #include <cstdio>
-#include <span>
+#include <string>
 
 namespace qvdb::tool {
 namespace {
@@ -47,18 +48,45 @@ void writeFileEntry(const ImportedFile& file, JsonLines& lines) {
   lines.number("nanoseconds", file.nanoseconds);
   if (file.record.value != 0) lines.id("record", file.record);
   if (!file.target.empty()) lines.bytes("target", "target_base64", file.target);
+  if (file.since != 0) lines.signedNumber("since", file.since);
+  if (file.until != 0) lines.signedNumber("until", file.until);
+  if (!file.fields.empty()) lines.bytes("fields", "fields_base64", file.fields);
 }
 
-std::vector<std::byte> encodeFileList(const std::vector<ImportedFile>& files) {
-  const auto mark = std::as_bytes(std::span(imported::kMark));
-  std::vector<std::byte> list(mark.begin(), mark.end());
-  list.push_back(std::byte{imported::kKnownVersion});
-  std::string_view before;
-  for (const ImportedFile& file : files) {
-    appendEntry(file, before, &list);
-    before = file.name;
+void writeListHead(const imported::Head& head, JsonLines& lines) {
+  if (head.version == imported::kFirstVersion) return;
+  lines.number("list", head.version);
+  lines.signedNumber("known_since", head.knownSince);
+  if (head.key == imported::Head().key) return;
+  std::string key;
+  for (const uint8_t byte : head.key) {
+    char digits[3];
+    std::snprintf(digits, sizeof digits, "%02x", unsigned{byte});
+    key += digits;
   }
-  return list;
+  lines.bytes("key", "key", key);
+}
+
+imported::Head takeListHead(Members& line) {
+  imported::Head head;
+  head.version = imported::kFirstVersion;
+  const auto version = line.numberIfThere("list", UINT64_MAX);
+  if (!version) return head;
+  if (*version <= imported::kFirstVersion || *version > imported::kNewestVersion) {
+    throw BadLine("\"list\" is no version of a list of files that is known");
+  }
+  head.version = static_cast<uint8_t>(*version);
+  head.knownSince = line.signedNumber("known_since");
+  if (!line.has("key")) return head;
+  const std::string& key = line.text("key");
+  bool isKey = key.size() == 2 * head.key.size();
+  for (size_t i = 0; isKey && i < key.size(); ++i) {
+    const size_t digit = std::string_view("0123456789abcdef").find(key[i]);
+    isKey = digit != std::string_view::npos;
+    head.key[i / 2] = static_cast<uint8_t>(head.key[i / 2] * 16u + static_cast<uint8_t>(digit));
+  }
+  if (!isKey) throw BadLine("\"key\" is not 32 hexadecimal digits");
+  return head;
 }
 
 }  // namespace qvdb::tool

@@ -2,11 +2,10 @@
 // list.
 #pragma once
 
-#include <cstddef>
 #include <string_view>
-#include <vector>
 
 #include "archive/imported_entry.h"
+#include "content/json_line.h"
 #include "content/json_lines.h"
 
 namespace qvdb::tool {
@@ -18,7 +17,9 @@ bool kindOf(std::string_view word, FileKind* kind);
 // Writes an entry as the members of a line.
 void writeFileEntry(const ImportedFile& file, JsonLines& lines);
 
-// A list, from its head on, in which each name shares as much as it can with the one before it.
-std::vector<std::byte> encodeFileList(const std::vector<ImportedFile>& files);
+// The head of a list as members of a line; none for version 1, which has nothing to say. And the
+// reverse; throws BadLine.
+void writeListHead(const qvdbase::format::imported::Head& head, JsonLines& lines);
+qvdbase::format::imported::Head takeListHead(Members& line);
 
 }  // namespace qvdb::tool

@@ -200,6 +200,7 @@ void Loader::takeData(Members& members) {
   const auto files = members.numberIfThere("files", UINT64_MAX);
   if (files) {
     entries_.clear();
+    listHead_ = takeListHead(members);
     missing_ = *files;
     place_ = Place::entries;
     if (missing_ == 0) storeData();
@@ -233,14 +234,21 @@ void Loader::takeEntry(Members& members) {
   if (members.has("target") || members.has("target_base64")) {
     file.target = members.bytes("target", "target_base64");
   }
-  if (!isSound(file)) throw BadLine("no list of files has such a name, or target");
+  if (listHead_.version != qvdbase::format::imported::kFirstVersion) {
+    if (members.has("since")) file.since = members.signedNumber("since");
+    if (members.has("until")) file.until = members.signedNumber("until");
+    if (members.has("fields") || members.has("fields_base64")) {
+      file.fields = members.bytes("fields", "fields_base64");
+    }
+  }
+  if (!isSound(file)) throw BadLine("no list of files has such a name, target or fields");
   entries_.push_back(std::move(file));
   if (--missing_ == 0) storeData();
 }
 
 void Loader::storeData() {
   if (place_ == Place::entries) {
-    const std::vector<std::byte> list = encodeFileList(entries_);
+    const std::vector<std::byte> list = encodeList(listHead_, entries_);
     entries_ = {};
     data_ = textOf(list);
     requireCapacity(dataCapacity_ == 0 ? std::nullopt : std::optional(dataCapacity_), data_.size());

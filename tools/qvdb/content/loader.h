@@ -97,6 +97,7 @@ class Loader {
   std::string data_;
   uint32_t dataCapacity_ = 0;
   std::vector<ImportedFile> entries_;
+  qvdbase::format::imported::Head listHead_;  // of their list
 };
 
 }  // namespace qvdb::tool
