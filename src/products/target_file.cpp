@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "failure/failure.h"
+#include "failure/native_path.h"
 #include "platform/handles/open_failure.h"
+#include "platform/handles/open_files.h"
 #include "platform/handles/read_only_file.h"
 #include "platform/paths/host_path.h"
 #include "platform/paths/placing.h"
@@ -51,6 +53,16 @@ std::vector<fs::path> createFolders(const fs::path& folder, std::error_code* err
   return created;
 }
 
+// A device that fails, or no descriptor that is left for the folder to wait for.
+[[noreturn]] void throwUnsynced(const fs::path& file, const char* operation,
+                                const std::string& whoCannot) {
+  ErrorDetails details;
+  details.system_code = platform::lastHostFailure();
+  std::string why = whoCannot + " wait until the device has its name";
+  if (details.system_code) why += " (" + details.system_code.message() + ")";
+  throwError(file, operation, Reason::cannot_write, why, std::move(details));
+}
+
 // Waits until the device has the folder's name in the folder above it.
 bool syncName(const fs::path& folder) {
   platform::Directory above;
@@ -72,8 +84,7 @@ void requireFolder(const fs::path& file, const char* operation, Missing missing)
     const bool isSynced =
         missing == Missing::areCreated || std::all_of(created.begin(), created.end(), syncName);
     if (!isSynced) {
-      throwError(file, operation, Reason::cannot_write,
-                 "its folder was created, but the system reports a failure of the device");
+      throwUnsynced(file, operation, "its folder was created, but the system cannot");
     }
   }
   const fs::file_status status = fs::status(folder, error);
@@ -93,7 +104,13 @@ void requireFolder(const fs::path& file, const char* operation, Missing missing)
 platform::FileAccess accessOf(const fs::path& file, const char* operation) {
   platform::ReadOnlyFile source;
   platform::FileAccess access;
-  if (source.open(resolved(file, operation).native()) && source.access(&access)) return access;
+  const fs::path place = resolved(file, operation);
+  if (!source.open(place.native())) {
+    const std::vector<QVWCHAR> wide = failure::nativePath(place, operation);
+    failure::throwOpenFailure(file, operation,
+                              platform::findOpenFailure(wide.data(), platform::kReadOnly));
+  }
+  if (source.access(&access)) return access;
   throwError(file, operation, Reason::cannot_read,
              "its permissions, access list or attributes cannot be read");
 }
@@ -236,12 +253,11 @@ void TargetFile::place() {
     case platform::Placing::notStored:
       failWriting();
     case platform::Placing::notNamed:
-      if (!held_.isHeld() && !isAnythingReplaced_) {
-        file_->takeBack();
-        fail(Reason::cannot_write, "the system reports a failure of the device");
+      if (held_.isHeld() || isAnythingReplaced_) {
+        throwUnsynced(given_, operation_, "the new file is in its place, but the system cannot");
       }
-      fail(Reason::cannot_write,
-           "the new file is in its place, but the system reports a failure of the device");
+      file_->takeBack();
+      throwUnsynced(given_, operation_, "the system cannot");
   }
 }
 

@@ -27,7 +27,8 @@ enum class Missing : uint8_t { fail, areCreated, areCreatedAndSynced };
 // Throws path_not_reachable when it does not exist, access_denied, cannot_write.
 void requireFolder(const std::filesystem::path& file, const char* operation, Missing missing);
 
-// Who may do what with the file, for a file that is made from it. Throws cannot_read.
+// Who may do what with the file, for a file that is made from it. Throws cannot_read, and why it
+// cannot be opened.
 qvdbase::platform::FileAccess accessOf(const std::filesystem::path& file, const char* operation);
 
 // What becomes of a file that has the target's name already.

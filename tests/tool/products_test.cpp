@@ -436,5 +436,28 @@ TEST_F(ProductsOfTheTool, AreRefusedWhereTheCurrentFolderWasRemoved) {
             0);
 }
 
+// Whatever it is that no descriptor is left for, the message says that these are too few.
+TEST_F(ProductsOfTheTool, SayThatTooManyFilesAreOpen) {
+  std::vector<Words> commands = makers();
+  commands.push_back({"backup", kDefaultFile, "new"});
+  for (const Words& words : commands) {
+    int failures = 0;
+    for (int descriptors = 5; descriptors < 30; ++descriptors) {
+      ProgramCall call =
+          callOf({"-c", "ulimit -n \"$0\" && exec \"$@\"", std::to_string(descriptors), QVDB_TOOL});
+      call.program = "/bin/sh";
+      call.arguments.insert(call.arguments.end(), words.begin(), words.end());
+      const Outcome outcome = runProgram(call);
+      fs::remove(path("new"));
+      if (outcome.status == 0) break;
+      if (!outcome.err.starts_with("qvdb: ")) continue;  // the program did not get to run
+      ++failures;
+      EXPECT_NE(outcome.err.find("oo many "), std::string::npos)
+          << words[0] << descriptors << outcome;
+    }
+    EXPECT_GT(failures, 0) << words[0];
+  }
+}
+
 }  // namespace
 }  // namespace qvdbase::test

@@ -1,6 +1,7 @@
 // Renaming and waiting.
 #include "platform/paths/placing.h"
 
+#include "platform/host/host_failure.h"
 #include "platform/host/system_calls.h"
 
 namespace qvdbase::platform {
@@ -49,6 +50,7 @@ bool syncFolder(const Directory& folder) {
   const int descriptor =
       uninterrupted([&] { return systemCalls().openAt(folder.descriptor(), ".", flags, 0); });
   const bool isSynced = descriptor >= 0 && syncDescriptor(descriptor);
+  if (!isSynced) noteHostFailure();
   // Some file systems cannot sync a directory. Those errors count as success: nothing more can be
   // done.
   const bool isMoot = errno == EINVAL || errno == ENOTSUP || errno == EACCES;

@@ -18,6 +18,10 @@ constexpr mode_t kOfOthers = 0077;
 constexpr mode_t kWritableByOthers = 0022;
 constexpr uid_t kSuperuser = 0;
 
+bool isForWantOfDescriptors(int error) {
+  return error == EMFILE || error == ENFILE;
+}
+
 // Whether only `owner` and the superuser can rename what is in the directory.
 bool isSafe(const Directory& directory, uid_t owner) {
   struct stat status = {};
@@ -94,11 +98,16 @@ bool PrivateFolder::isOurs() {
 
 bool PrivateFolder::choosePath(const std::string& place) {
   routinePath_ = "/proc/self/fd/" + std::to_string(folder_.descriptor()) + "/" + kFileName;
+  errno = 0;
   if (isReachedThrough(routinePath_)) return true;
-  routinePath_ = filePath_;
-  isExposed_ = !isReachedThrough(filePath_) || !isWaySafe(place, owner_);
+  if (!isForWantOfDescriptors(errno)) {
+    routinePath_ = filePath_;
+    if (isReachedThrough(filePath_) && isWaySafe(place, owner_)) return true;
+  }
+  if (isForWantOfDescriptors(errno)) return false;  // then nothing is known of the path
+  isExposed_ = true;
   errno = EACCES;
-  return !isExposed_;
+  return false;
 }
 
 bool PrivateFolder::isReachedThrough(const std::string& path) const {
