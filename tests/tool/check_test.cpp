@@ -1,4 +1,6 @@
 // qvdb check
+#include <fstream>
+
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {
@@ -108,6 +110,14 @@ TEST_F(ToolCheck, ChecksAFileThatIsNotADatabase) {
   EXPECT_EQ(run({"check", "empty"}).status, 1);
   fails({"check", "absent"}, 1, {"absent", "no such file"});
   fails({"check", "."}, 1, {"not a regular file"});
+}
+
+TEST_F(ToolCheck, RefusesAFileThatTheSystemMakesUp) {
+  if (!std::ifstream("/proc/version")) GTEST_SKIP() << "there is no /proc";
+  for (const char* command : {"check", "map"}) {
+    fails({command, "/proc/version"}, 1,
+          {"/proc/version", "the system makes what is read from it"});
+  }
 }
 
 TEST_F(ToolCheck, EscapesWhatTheFileSays) {

@@ -60,6 +60,11 @@ OpenedFile::OpenedFile(int16_t file, const std::filesystem::path& path, const ch
 
 void OpenedFile::begin(const std::filesystem::path& path, const char* operation) {
   if (!look()) failure::throwError(path, operation, qvdb::Reason::cannot_open);
+  unsigned char byte = 0;
+  if (stamp_.size == 0 && file_.readAt(0, &byte, 1) != 0) {
+    failure::throwError(path, operation, qvdb::Reason::not_a_file,
+                        "the system makes what is read from it, and it has no size");
+  }
 }
 
 bool OpenedFile::look() {
