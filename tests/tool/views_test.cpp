@@ -200,6 +200,45 @@ TEST_F(ToolStatBytes, SaysWhereTheBytesAreAndWhatCompactGains) {
   EXPECT_EQ(fileSize(), 5869u);
 }
 
+// A block in use and a deleted one of the same size; the reserve is that of the former.
+TEST_F(ToolStatBytes, NamesTheReserveWithTheRecordsOnly) {
+  const int16_t db = create();
+  const uint64_t notes = addTable(db, "notes");
+  addRecord(db, notes, bytesOf("first"), 405);
+  const uint64_t gone = addRecord(db, notes, Bytes(405, 'x'));
+  int status = 0;
+  ASSERT_EQ(DeleteOneRecord(db, notes, gone, &status), 1);
+  close(db);
+  EXPECT_NE(done({"stat", "test.qvd"})
+                .find("  records       461, with table data 400 in reserve\n"
+                      "  deleted       461\n"),
+            std::string::npos)
+      << done({"stat", "test.qvd"});
+}
+
+// 57 bytes in use, and 57 that the damaged chain does not lead to any more.
+TEST_F(ToolStatBytes, SaysWhereTheBytesOfADamagedFileAre) {
+  FileImage image;
+  image.addTable("notes", 0x11);
+  image.addRecord(0, 0xA1, bytesOf("1"));
+  image.record(image.addRecord(0, 0xA2, bytesOf("2"))).blockMark = 0;
+  writeFile(path(), image.build());
+  allowDamage();
+  const Outcome text = run({"stat", "test.qvd"});
+  EXPECT_EQ(text.status, 1) << text;
+  EXPECT_NE(text.out.find("where the bytes are\n  directory     4630\n  records       57\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.out.find("  no block      57\n"), std::string::npos) << text;
+  EXPECT_NE(text.out.find("compact         refuses: test.qvd: "), std::string::npos) << text;
+  EXPECT_EQ(text.out.find("unused"), std::string::npos) << text;
+  const auto stat = nlohmann::json::parse(run({"stat", "--json", "test.qvd"}).out);
+  EXPECT_EQ(stat["space"]["unknown"], 57) << stat;
+  EXPECT_TRUE(stat["compact"].contains("refused")) << stat;
+  EXPECT_FALSE(
+      nlohmann::json::parse(run({"stat", "--json", "test.qvd", "notes"}).out).contains("space"));
+}
+
 TEST_F(ToolStatBytes, CallsAnEstimateOne) {
   const int16_t db = create();
   const uint64_t notes = addTable(db, "notes");

@@ -165,11 +165,12 @@ struct Part {
   const char* key;
   const char* name;
   uint64_t bytes;
+  bool hasReserve = false;
 };
 
 std::vector<Part> partsOf(const SpaceUse& space) {
   return {{"directory", "directory", space.directory},
-          {"records", "records", space.records},
+          {"records", "records", space.records, space.reserve != 0},
           {"table_data", "table data", space.table_data},
           {"superseded", "superseded", space.superseded},
           {"deleted", "deleted", space.deleted},
@@ -201,8 +202,8 @@ void printSpace(const SpaceUse& space, const Gain& gain, uint64_t size) {
     std::string line = "  " + std::string(part.name);
     line.resize(16, ' ');
     line += std::to_string(part.bytes);
-    const bool hasReserve = part.bytes == space.records && space.reserve != 0;
-    if (hasReserve) line += ", with table data " + std::to_string(space.reserve) + " in reserve";
+    if (part.hasReserve)
+      line += ", with table data " + std::to_string(space.reserve) + " in reserve";
     printLine(line);
   }
   if (!gain.sizeAfter) return printLine("compact         refuses: " + escaped(gain.refusal));
@@ -212,6 +213,7 @@ void printSpace(const SpaceUse& space, const Gain& gain, uint64_t size) {
 
 struct Statistics {
   uint64_t size = 0;
+  bool isOfAll = false;  // tables
   bool isWhole = false;  // of all tables, and no damage was found
   SpaceUse walked;       // what the walks over the tables add up to
   std::vector<TableStatistics> tables;
@@ -220,15 +222,15 @@ struct Statistics {
 void printHead(const Options& options, const Statistics& all) {
   printLine("file            " + escaped(options.file));
   printLine("size            " + std::to_string(all.size) + " bytes");
-  if (!all.isWhole) return;
   const std::string unused = std::to_string(all.walked.unused(all.size));
-  if (options.quick) {
+  if (all.isWhole && options.quick) {
     printLine("compact         would gain about " + unused +
               " bytes: an estimate; without --quick it is calculated");
-  } else {
+  } else if (all.isWhole) {
     printLine("unused          " + unused + " bytes of deleted and replaced contents");
-    printSpace(check(options.file).space, gainOf(options.file), all.size);
   }
+  if (!all.isOfAll || options.quick) return;
+  printSpace(check(options.file).space, gainOf(options.file), all.size);
 }
 
 Json jsonOf(const Options& options, const Statistics& all) {
@@ -237,7 +239,7 @@ Json jsonOf(const Options& options, const Statistics& all) {
   json["size"] = all.size;
   if (all.isWhole) json["unused_bytes"] = all.walked.unused(all.size);
   if (all.isWhole && options.quick) json["unused_bytes_are_an_estimate"] = true;
-  if (all.isWhole && !options.quick) {
+  if (all.isOfAll && !options.quick) {
     addSpace(&json, check(options.file).space, gainOf(options.file), all.size);
   }
   json["tables"] = Json::array();
@@ -262,7 +264,8 @@ int run(const Options& options) {
     all.tables.back().addTo(&all.walked);
   }
   all.size = database.info().file_size;
-  all.isWhole = !options.table && !failure;
+  all.isOfAll = !options.table;
+  all.isWhole = all.isOfAll && !failure;
   if (options.json) {
     printJson(jsonOf(options, all));
   } else {
