@@ -106,6 +106,16 @@ TEST_F(SqlShell, ReportsWhatTheLibraryReports) {
   allowDamage();
 }
 
+TEST_F(SqlShell, SaysWhichPayloadIsTooLargeForSqlite) {
+  const Words ids = notes({Bytes(2000, 'x')});
+  done({"data", "test.qvd", "notes", "--set", "-"}, std::string(3000, 'd'));
+  expectFailure(".limit length 1500\nselect text from qvdb_records('test.qvd');",
+                "the payload of record " + ids[0] +
+                    " has 2000 bytes, and SQLite takes at most 1500; 'qvdb get' prints it");
+  expectFailure(".limit length 1500\nselect data from qvdb_tables('test.qvd');",
+                "has 3000 bytes, and SQLite takes at most 1500; 'qvdb data' prints it");
+}
+
 TEST_F(SqlShell, DeliversTheRecordsBeforeTheDamageAndThenFails) {
   FileImage image;
   const size_t table = image.addTable("notes", 1);

@@ -237,7 +237,9 @@ void give(sqlite3_context* context, RecordCursor& rows, int column) {
     default:
       break;
   }
-  if (isTakenBy(context, info.size)) giveBytes(context, rows.payload(), column == kText);
+  if (isTakenBy(context, info.size)) return giveBytes(context, rows.payload(), column == kText);
+  refuseSize(context, "the payload of record " + to_string(info.id), info.size,
+             "'qvdb get' prints it");
 }
 
 int column(sqlite3_vtab_cursor* base, sqlite3_context* context, int number) noexcept {

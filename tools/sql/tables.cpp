@@ -85,7 +85,10 @@ void giveData(sqlite3_context* context, const Table& table, int column) {
   const auto size = table.data_size();
   if (!size) return sqlite3_result_null(context);
   if (column == kDataSize) return giveInteger(context, *size);
-  if (!isTakenBy(context, *size)) return;
+  if (!isTakenBy(context, *size)) {
+    return refuseSize(context, "the data of table " + to_string(table.id()), *size,
+                      "'qvdb data' prints it");
+  }
   const auto data = table.data();
   if (data) giveBytes(context, *data, column == kDataText);
 }

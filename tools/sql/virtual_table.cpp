@@ -122,11 +122,26 @@ void giveBytes(sqlite3_context* context, std::span<const std::byte> bytes, bool 
   sqlite3_result_blob64(context, data, bytes.size(), SQLITE_TRANSIENT);
 }
 
+namespace {
+
+uint64_t mostTakenBy(sqlite3_context* context) {
+  sqlite3* const connection = sqlite3_context_db_handle(context);
+  return static_cast<uint64_t>(sqlite3_limit(connection, SQLITE_LIMIT_LENGTH, -1));
+}
+
+}  // namespace
+
 bool isTakenBy(sqlite3_context* context, uint64_t size) {
-  const int most = sqlite3_limit(sqlite3_context_db_handle(context), SQLITE_LIMIT_LENGTH, -1);
-  if (size <= static_cast<uint64_t>(most)) return true;
-  sqlite3_result_error_toobig(context);
-  return false;
+  return size <= mostTakenBy(context);
+}
+
+void refuseSize(sqlite3_context* context, const std::string& whose, uint64_t size,
+                const std::string& remedy) {
+  const std::string message = whose + " has " + std::to_string(size) +
+                              " bytes, and SQLite takes at most " +
+                              std::to_string(mostTakenBy(context)) + "; " + remedy;
+  sqlite3_result_error(context, message.data(), static_cast<int>(message.size()));
+  sqlite3_result_error_code(context, SQLITE_TOOBIG);
 }
 
 }  // namespace qvdb::sql

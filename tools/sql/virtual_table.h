@@ -109,7 +109,11 @@ void giveNumber(sqlite3_context* context, Id id);
 void giveInteger(sqlite3_context* context, uint64_t value);
 void giveBytes(sqlite3_context* context, std::span<const std::byte> bytes, bool asText);
 
-// Whether SQLite takes a value of so many bytes; where not, the column's value is its error.
+// Whether SQLite takes a value of so many bytes.
 bool isTakenBy(sqlite3_context* context, uint64_t size);
+
+// Where not, the column's value is the error that says so.
+void refuseSize(sqlite3_context* context, const std::string& whose, uint64_t size,
+                const std::string& remedy);
 
 }  // namespace qvdb::sql
