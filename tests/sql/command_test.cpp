@@ -59,6 +59,19 @@ TEST_F(ToolSql, RunsSeveralStatements) {
   EXPECT_EQ(done({"sql", "test.qvd", "  "}), "");
 }
 
+TEST_F(ToolSql, ReadsTheQueryFromStandardInput) {
+  notes({bytesOf("one")});
+  const std::string query = "-- as in a script\nselect text from notes;\nselect 2 as n\n";
+  EXPECT_EQ(done({"sql", "test.qvd", "-"}, query), "text\none\nn\n2\n");
+  EXPECT_EQ(done({"sql", "test.qvd", "select 3 as n"}, query), "n\n3\n");
+  EXPECT_EQ(done({"sql", "test.qvd", "-"}, ""), "");
+  fails({"sql", "test.qvd", "-"}, 1, {"standard input", "zero byte"},
+        std::string("select 1\0; select 2", 19));
+  fails({"sql", "test.qvd", "-"}, 1, {"test.qvd", "syntax error"}, "selec 1");
+  // A file that is not there is noticed before anything is waited for.
+  fails({"sql", "none.qvd", "-"}, 1, {"none.qvd", "no such file"}, query);
+}
+
 TEST_F(ToolSql, SaysWhatIsWrong) {
   notes({bytesOf("one")});
   fails({"sql", "test.qvd", "selec 1"}, 1, {"test.qvd", "selec"});

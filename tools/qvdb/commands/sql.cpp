@@ -4,6 +4,7 @@
 
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "streams/input.h"
 #include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/text.h"
@@ -226,6 +227,15 @@ std::pair<std::string, std::string> schemaAndFile(const std::string& text) {
   return {text.substr(0, equals), text.substr(equals + 1)};
 }
 
+// That of the command line, or all of standard input. SQLite would take a zero byte for the end.
+std::string queryOf(const Options& options) {
+  if (options.query != "-") return options.query;
+  const std::vector<std::byte> input = readStandardInput();
+  std::string query(reinterpret_cast<const char*>(input.data()), input.size());
+  if (query.find('\0') == query.npos) return query;
+  throw Failure("standard input: is not SQL: it has a zero byte; write the query as UTF-8");
+}
+
 int run(const Options& options) {
   std::exception_ptr failure;
   Session session(options.file);
@@ -236,7 +246,7 @@ int run(const Options& options) {
     session.attach(schema);
     session.show(schema, file, &failure);
   }
-  session.run(options.query, [&](sqlite3_stmt* statement) {
+  session.run(queryOf(options), [&](sqlite3_stmt* statement) {
     options.json ? printJsonList(session, statement) : printList(session, statement);
   });
   if (failure) std::rethrow_exception(failure);
@@ -257,7 +267,8 @@ Action define(Arguments& arguments) {
   const auto options = std::make_shared<Options>();
   arguments.argument("FILE", options->file, kFileHelp);
   arguments.argument("QUERY", options->query,
-                     "SQL as SQLite understands it; several statements are separated by ';'.");
+                     "SQL as SQLite understands it; several statements are separated by ';'. '-' "
+                     "is standard input.");
   arguments.option("--attach", "NAME=FILE", options->attached,
                    "Show the tables of another database too, as NAME.TABLE. Can be repeated.");
   arguments.json(options->json);
@@ -287,7 +298,8 @@ digits.)",
     R"(qvdb sql notes.qvd "select id, text from letters order by rowid desc limit 10"
 qvdb sql notes.qvd "select name, records from qvdb_tables"
 qvdb sql --json notes.qvd "select text->>'$.title' as title from letters"
-qvdb sql a.qvd --attach b=b.qvd "select id from x except select id from b.x")",
+qvdb sql a.qvd --attach b=b.qvd "select id from x except select id from b.x"
+qvdb sql notes.qvd - < queries.sql)",
     define,
 };
 
