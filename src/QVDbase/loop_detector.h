@@ -15,22 +15,23 @@ class LoopDetector {
   // Takes each position of the walk, in order. Returns whether the walk has been at this position
   // before; period() is then the number of steps since.
   bool visited(int64_t position) {
-    if (steps_ != 0 && position == remembered_) return true;
-    if (steps_ == limit_) {
-      remembered_ = position;
-      limit_ = limit_ == 0 ? 1 : limit_ * 2;
-      steps_ = 0;
-    }
-    ++steps_;
+    if (position == remembered_ && limit_ != 0) return true;
+    if (--left_ == 0) remember(position);
     return false;
   }
 
-  uint64_t period() const { return steps_; }
+  uint64_t period() const { return limit_ - left_ + 1; }
 
  private:
+  void remember(int64_t position) {
+    remembered_ = position;
+    limit_ = limit_ == 0 ? 1 : limit_ * 2;
+    left_ = limit_;
+  }
+
   int64_t remembered_ = -1;
-  uint64_t steps_ = 0;  // steps since the remembered position
-  uint64_t limit_ = 0;
+  uint64_t limit_ = 0;  // how many steps a position is remembered for; 0 before the first
+  uint64_t left_ = 1;   // of them
 };
 
 }  // namespace qvdbase::engine

@@ -155,12 +155,13 @@ class ChainWalker {
   }
 
   tablePart1 slot_ = {};
+  // Apart from passedPos_: a step waits for it, and would wait longer for a store of both at once.
   int64_t nextPos_ = 0;
-  int64_t passedPos_ = 0;
   uint32_t number_ = 0;
   bool isForward_ = true;
   bool isPart_ = false;
   bool hasChanged_ = false;
+  int64_t passedPos_ = 0;
   qvdbase::engine::LoopDetector loop_;
   const char* damage_ = nullptr;
 };

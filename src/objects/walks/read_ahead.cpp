@@ -53,6 +53,16 @@ void ReadBatch::finish() {
   if (failure_ != nullptr) std::rethrow_exception(std::exchange(failure_, nullptr));
 }
 
+bool ReadBatch::take(RecordInfo* info, std::span<const std::byte>* payload) {
+  if (at_ == records_.size()) return false;
+  *info = records_[at_++];
+  if (loading_.isNone()) return true;
+  const uint32_t loaded = loading_.of(info->size);
+  *payload = std::span<const std::byte>(payloads_).subspan(payloadAt_, loaded);
+  payloadAt_ += loaded;
+  return true;
+}
+
 bool ReadBatch::isDense() const {
   if (records_.size() < kManyRecords) return false;
   const int64_t from = records_.front().position;
@@ -121,28 +131,72 @@ bool ReadBatch::tryToRead(Read read) {
   }
 }
 
+void FilePiece::setLength(uint32_t length) {
+  constexpr auto kHead = static_cast<uint32_t>(format::record::kData);
+  length_ = length;
+  heads_ = length < kHead ? 0 : length - kHead + 1;
+}
+
 bool FilePiece::pin(int16_t db, const ChainWalker& chain) {
   start_ = startOf(chain, kPinnedSize);
   pinned_ = platform::pinBytes(db, start_, kPinnedSize);
   data_ = pinned_.data();
-  length_ = static_cast<uint32_t>(pinned_.size());
-  return at(chain.nextPosition(), format::record::kData) != nullptr;
+  setLength(static_cast<uint32_t>(pinned_.size()));
+  return offsetOf(chain.nextPosition()) < heads_;
 }
 
 // Back from a record, the bytes between the next one's header and it are that one's payload.
 bool FilePiece::read(int16_t db, const ChainWalker& chain) {
   pinned_.release();
-  length_ = 0;
+  setLength(0);
   taken_ = 0;
   if (chain.nextPosition() <= 0 || chain.isAtCount()) return false;
   if (pin(db, chain)) return true;
   start_ = startOf(chain, kPieceSize);
-  bytes_.resize(kPieceSize);
-  data_ = bytes_.data();
+  if (bytes_ == nullptr) bytes_.reset(new unsigned char[kPieceSize]);
+  data_ = bytes_.get();
   // At the end of the file it is less than was asked for.
   if (!support::seekTo(db, start_)) return false;
-  static_cast<void>(support::readFile(db, bytes_.data(), kPieceSize, &length_));
-  return length_ > 0;
+  uint32_t length = 0;
+  static_cast<void>(support::readFile(db, bytes_.get(), kPieceSize, &length));
+  setLength(length);
+  return length > 0;
+}
+
+bool FilePiece::take(ChainWalker& chain, const Loading& loading, RecordInfo* info,
+                     std::span<const std::byte>* payload) {
+  const int64_t position = chain.nextPosition();
+  const uint64_t offset = offsetOf(position);
+  if (offset >= heads_) return false;
+  const unsigned char* head = data_ + offset;
+  const auto size = format::loadBigEndian<uint32_t>(head + format::record::kDataLength);
+  const auto capacity = format::loadBigEndian<uint32_t>(head + format::record::kDataCapacity);
+  const uint32_t loaded = loading.of(size);
+  if (loaded >= heads_ - offset) return false;
+  if (loaded == size && format::hasChecksumSpace(size, capacity)) {
+    return takeIfSound(chain, loading.table, info, payload);
+  }
+  return take(chain, head, position, info) && show(head, loaded, payload);
+}
+
+// Whether the payload agrees with its checksum: not one whose checksum is not in the piece.
+bool FilePiece::isSound(const RecordInfo& info, Id table) const {
+  const uint64_t offset = offsetOf(format::checksumPosition(info.position, info.capacity));
+  if (offset > length_ || length_ - offset < format::checksum::kSize) return false;
+  const unsigned char* payload = data_ + offsetOf(info.data_position);
+  return isSoundInMemory(table, info, payload, data_ + offset);
+}
+
+// Not inline, so that nothing is prepared for it where there is no space for a checksum.
+__attribute__((noinline)) bool FilePiece::takeIfSound(ChainWalker& chain, Id table,
+                                                      RecordInfo* info,
+                                                      std::span<const std::byte>* payload) {
+  const int64_t position = chain.nextPosition();
+  const unsigned char* head = data_ + offsetOf(position);
+  RecordInfo found;
+  storeInfo(head, position, &found);
+  return isSound(found, table) && take(chain, head, position, info) &&
+         show(head, found.size, payload);
 }
 
 }  // namespace qvdb::detail

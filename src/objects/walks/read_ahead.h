@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -52,15 +53,7 @@ class ReadBatch {
   bool isDense() const;
 
   // The next record. False at the end of the batch.
-  bool take(RecordInfo* info, std::span<const std::byte>* payload) {
-    if (at_ == records_.size()) return false;
-    *info = records_[at_++];
-    if (loading_.isNone()) return true;
-    const uint32_t loaded = loading_.of(info->size);
-    *payload = std::span<const std::byte>(payloads_).subspan(payloadAt_, loaded);
-    payloadAt_ += loaded;
-    return true;
-  }
+  bool take(RecordInfo* info, std::span<const std::byte>* payload);
 
  private:
   static constexpr size_t kFirst = 4;
@@ -91,27 +84,18 @@ class FilePiece {
   // with it. False when there is none.
   bool read(int16_t db, const ChainWalker& chain);
 
-  // The next record. False when it is not in the piece as far as it is wanted, and when none
-  // follows. The payload is returned where it lies.
-  bool take(ChainWalker& chain, const Loading& loading, RecordInfo* info,
-            std::span<const std::byte>* payload) {
+  // The next record. False when its header is not in the piece, and when none follows.
+  bool take(ChainWalker& chain, RecordInfo* info) {
     const int64_t position = chain.nextPosition();
-    const unsigned char* head = at(position, qvdbase::format::record::kData);
-    if (head == nullptr) return false;
-    const unsigned char* bytes = nullptr;
-    uint32_t loaded = 0;
-    if (!loading.isNone()) {
-      loaded = loading.of(
-          qvdbase::format::loadBigEndian<uint32_t>(head + qvdbase::format::record::kDataLength));
-      bytes = at(position + qvdbase::format::record::kData, loaded);
-      if (bytes == nullptr || !isSound(head, position, loading, bytes, loaded)) return false;
-    }
-    if (chain.pass(head) != ChainWalker::Step::record) return false;
-    storeInfo(head, position, info);
-    if (bytes != nullptr) *payload = std::as_bytes(std::span(bytes, loaded));
-    ++taken_;
-    return true;
+    const uint64_t offset = offsetOf(position);
+    return offset < heads_ && take(chain, data_ + offset, position, info);
   }
+
+  // The same with what is wanted of its payload, all of which must be in the piece, too. It is
+  // returned where it lies. One that does not agree with its checksum is left to the reader that
+  // reports it.
+  bool take(ChainWalker& chain, const Loading& loading, RecordInfo* info,
+            std::span<const std::byte>* payload);
 
   // Gives up what is in memory.
   void release() { pinned_.release(); }
@@ -122,36 +106,36 @@ class FilePiece {
  private:
   static constexpr size_t kLeastTaken = 16;
 
-  // The bytes at a position of the file; null when not all of them are in the piece.
-  const unsigned char* at(int64_t position, uint32_t count) const {
-    const auto offset = static_cast<uint64_t>(position) - static_cast<uint64_t>(start_);
-    if (offset > length_ || count > length_ - offset) return nullptr;
-    return data_ + offset;
+  uint64_t offsetOf(int64_t position) const {
+    return static_cast<uint64_t>(position) - static_cast<uint64_t>(start_);
   }
 
-  // Whether a payload, if all of it is loaded, agrees with its checksum. One that does not is left
-  // to the reader that reports it, and so is one whose checksum is not in the piece.
-  bool isSound(const unsigned char* head, int64_t position, const Loading& loading,
-               const unsigned char* payload, uint32_t loaded) const {
-    using namespace qvdbase::format;
-    const auto size = loadBigEndian<uint32_t>(head + record::kDataLength);
-    const auto capacity = loadBigEndian<uint32_t>(head + record::kDataCapacity);
-    if (loaded != size || !hasChecksumSpace(size, capacity)) return true;
-    const unsigned char* sum = at(checksumPosition(position, capacity), checksum::kSize);
-    if (sum == nullptr) return false;
-    RecordInfo info;
-    storeInfo(head, position, &info);
-    return isSoundInMemory(loading.table, info, payload, sum);
+  bool take(ChainWalker& chain, const unsigned char* head, int64_t position, RecordInfo* info) {
+    if (chain.pass(head) != ChainWalker::Step::record) return false;
+    storeInfo(head, position, info);
+    ++taken_;
+    return true;
   }
 
+  static bool show(const unsigned char* head, uint32_t loaded,
+                   std::span<const std::byte>* payload) {
+    *payload = std::as_bytes(std::span(head + qvdbase::format::record::kData, loaded));
+    return true;
+  }
+
+  bool isSound(const RecordInfo& info, Id table) const;
+  bool takeIfSound(ChainWalker& chain, Id table, RecordInfo* info,
+                   std::span<const std::byte>* payload);
+  void setLength(uint32_t length);
   bool pin(int16_t db, const ChainWalker& chain);
 
   const unsigned char* data_ = nullptr;  // of the bytes in one of these
   qvdbase::platform::PinnedBytes pinned_;
-  std::vector<unsigned char> bytes_;
+  std::unique_ptr<unsigned char[]> bytes_;
   int64_t start_ = 0;
   uint32_t length_ = 0;
-  size_t taken_ = 0;  // records
+  uint32_t heads_ = 0;  // the places in it at which a whole header can begin: the first so many
+  size_t taken_ = 0;    // records
 };
 
 }  // namespace qvdb::detail

@@ -123,8 +123,9 @@ struct detail::Walk {
 
   // The next record of what was read ahead.
   bool take(RecordInfo* info, std::span<const std::byte>* payload) {
-    const bool isTaken =
-        inPiece ? piece.take(at.chain, loading, info, payload) : batch.take(info, payload);
+    const bool isTaken = !inPiece           ? batch.take(info, payload)
+                         : loading.isNone() ? piece.take(at.chain, info)
+                                            : piece.take(at.chain, loading, info, payload);
     if (!isTaken) return false;
     ++at.current.number;
     at.current.position = at.current.block = info->position;
