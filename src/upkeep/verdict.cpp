@@ -46,26 +46,44 @@ bool isOfPackedData(const Survey& survey, const qvdb::Finding& finding) {
   return table != nullptr && packedData(survey, *table) != kNoBlock;
 }
 
+// Whether a salvage takes such a block without being asked. It leaves out what was deleted or
+// replaced, and what was never committed.
+bool isSaved(const Block& block) {
+  return !block.isDeleted() && block.label != Label::superseded &&
+         block.label != Label::uncommitted;
+}
+
+void countLoss(const Block& block, Verdict* verdict) {
+  if (block.kind == BlockKind::tableData) {
+    ++verdict->dataBlocks;
+    return;
+  }
+  ++verdict->records;
+  if (block.label != Label::unlinked && block.label != Label::unfinishedRelocation) return;
+  if (verdict->cutOff++ == 0) {
+    verdict->firstCutOff = joined(shownId(block.recordID), " at offset ", block.position);
+  }
+}
+
+// What a salvage would bring back is planned only where there is anything beyond the copy.
 void countLosses(const Survey& survey, const Copied& copied, Verdict* verdict) {
-  const salvage::Plan plan = salvage::makePlan(survey, {});
-  for (const uint32_t number : blocksInFileOrder(survey)) {
+  bool isAllCopied = true;
+  for (size_t number = 0; number < survey.blocks.size(); ++number) {
     const Block& block = survey.blocks[number];
-    if (block.label == Label::uncommitted) continue;
-    if (!block.isReached() && block.grade != Grade::a) ++verdict->tornBlocks;
-    if (plan.destination[number] < 0 || copied.blocks[number]) continue;
-    if (block.kind == BlockKind::tableData) {
-      ++verdict->dataBlocks;
-      continue;
-    }
-    ++verdict->records;
-    if (block.label != Label::unlinked && block.label != Label::unfinishedRelocation) continue;
-    if (verdict->cutOff++ == 0) {
-      verdict->firstCutOff = joined(shownId(block.recordID), " at offset ", block.position);
-    }
+    const bool isTorn = !block.isReached() && block.grade != Grade::a;
+    if (isTorn && block.label != Label::uncommitted) ++verdict->tornBlocks;
+    if (!copied.blocks[number] && isSaved(block)) isAllCopied = false;
   }
   for (const auto& leftover : survey.leftovers) {
     const bool isEarly = survey.endsEarlyBlocks(leftover.range);
     if (leftover.kind == Leftover::torn && !isEarly) ++verdict->tornBlocks;
+  }
+  if (isAllCopied) return;
+  const salvage::Plan plan = salvage::makePlan(survey, {});
+  for (const uint32_t number : blocksInFileOrder(survey)) {
+    if (plan.destination[number] < 0 || copied.blocks[number]) continue;
+    const Block& block = survey.blocks[number];
+    if (block.label != Label::uncommitted) countLoss(block, verdict);
   }
 }
 
