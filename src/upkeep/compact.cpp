@@ -99,7 +99,7 @@ class Compaction {
   void takeWhatIsLive(const OpenedFile& file) {
     Stage stage(reporter_, source_, 0, 20, countedRecords());
     const auto damage = takeLive(
-        file.source(), [&] { stage.step(); }, &database_);
+        file.source(), survey_, [&] { stage.step(); }, &database_);
     if (!damage) return;
     // First, here and below: work in progress looks like damage.
     file.requireUnchanged(source_, kOperation);
@@ -128,13 +128,15 @@ class Compaction {
 
   void keepWhatIsWanted() {
     if (!options_.keep) return;
-    kept_.resize(database_.tables.size());
-    for (size_t i = 0; i < kept_.size(); ++i) {
+    for (size_t i = 0; i < database_.tables.size(); ++i) {
+      const Walk& walk = survey_.tableOfSlot(static_cast<int>(i))->forward;
       LiveTable& table = database_.tables[i];
-      for (const uint32_t number : table.records) {
-        if (isWanted(table.name, survey_.blocks[number])) kept_[i].push_back(number);
+      std::vector<LiveBlock> kept;
+      for (size_t place = 0; place < table.records.size(); ++place) {
+        const Block& block = survey_.blocks[walk.blocks[place]];
+        if (isWanted(table.name, block)) kept.push_back(table.records[place]);
       }
-      if (kept_[i].size() != table.records.size()) shorten(kept_[i], &table);
+      if (kept.size() != table.records.size()) shorten(std::move(kept), &table);
     }
   }
 
@@ -144,17 +146,12 @@ class Compaction {
         {table, Id{block.recordID}, block.createTime, block.modifyTime, block.length});
   }
 
-  // Where a chain begins and ends is what the links of its blocks say.
-  void shorten(const std::vector<uint32_t>& kept, LiveTable* table) {
-    table->records = kept;
-    table->slot.recordCount = static_cast<uint32_t>(kept.size());
-    if (kept.empty()) {
-      table->slot.firstRecordPos = table->slot.lastRecordPos = 0;
-      table->slot.lastWrittenRecordPos = 0;
-      return;
-    }
-    survey_.blocks[kept.front()].prev = 0;
-    survey_.blocks[kept.back()].next = 0;
+  static void shorten(std::vector<LiveBlock> kept, LiveTable* table) {
+    table->setRecords(std::move(kept));
+    table->slot.recordCount = static_cast<uint32_t>(table->records.size());
+    if (!table->records.empty()) return;
+    table->slot.firstRecordPos = table->slot.lastRecordPos = 0;
+    table->slot.lastWrittenRecordPos = 0;
   }
 
   void write(const OpenedFile& file, const LiveLayout& layout, TargetFile& target) {
@@ -189,7 +186,7 @@ class Compaction {
     report.tables = database_.tables.size();
     report.records = database_.recordCount();
     for (const LiveTable& table : database_.tables) {
-      if (table.data != kNoBlock) ++report.data_blocks;
+      if (table.data) ++report.data_blocks;
     }
     report.records_lost = verdict_.records;
     report.torn_blocks = verdict_.tornBlocks;
@@ -202,8 +199,7 @@ class Compaction {
   const Protection protection_;
   Reporter reporter_;
   Survey survey_;
-  LiveDatabase database_{survey_};
-  std::vector<std::vector<uint32_t>> kept_;  // the records of each table, where some go
+  LiveDatabase database_;
   Verdict verdict_;
   std::vector<WrittenPiece> written_;
   uint64_t checksumsMade_ = 0;

@@ -7,7 +7,6 @@
 #include "format/big_endian.h"
 #include "format/block_heads.h"
 #include "format/payload_checksum.h"
-#include "recovery/survey/payload_checksums.h"
 
 using namespace qvdbase::format;
 using namespace qvdbase::survey;
@@ -22,14 +21,19 @@ constexpr size_t kLargest = size_t{1} << 20;    // of a block that is kept in it
 constexpr int64_t kPiece = int64_t{256} << 10;  // of the source
 constexpr int64_t kGap = 4096;  // as many bytes are read as fast as another call is made
 
+bool hasChecksumSpace(const LiveBlock& block) {
+  return block.kind == BlockKind::record && !block.isCut &&
+         format::hasChecksumSpace(block.length, block.capacity);
+}
+
 // What is copied: without spare bytes, or with a checksum in them, what is after the payload comes
 // along.
-int64_t endOfCopied(const Block& block) {
+int64_t endOfCopied(const LiveBlock& block) {
   const bool isWhole = block.length == block.capacity || hasChecksumSpace(block);
   return isWhole ? block.claimedEnd() : block.dataPos() + block.length;
 }
 
-uint32_t capacityInCopy(const Block& block, const Protection& protection) {
+uint32_t capacityInCopy(const LiveBlock& block, const Protection& protection) {
   if (!protection.unprotected || block.kind != BlockKind::record || hasChecksumSpace(block)) {
     return block.capacity;
   }
@@ -39,12 +43,12 @@ uint32_t capacityInCopy(const Block& block, const Protection& protection) {
 
 }  // namespace
 
-int64_t sizeInCopy(const Block& block, const Protection& protection) {
+int64_t sizeInCopy(const LiveBlock& block, const Protection& protection) {
   const uint32_t more = capacityInCopy(block, protection) - block.capacity;
   return block.claimedEnd() - block.position + int64_t{more};
 }
 
-bool GatheredBlocks::add(const Block& block) {
+bool GatheredBlocks::add(const LiveBlock& block) {
   const size_t size = sizeOf(block);
   if (size > kLargest) return write() && copyLarge(block);
   if (size_ + size > kMemory && !write()) return false;
@@ -63,7 +67,7 @@ bool GatheredBlocks::write() {
   if (!readAll()) return false;
   here_ = output_.position();
   unsigned char* bytes = image_.data();
-  for (const Block* each : blocks_) {
+  for (const LiveBlock* each : blocks_) {
     if (!finishBlock(*each, bytes)) return false;
     bytes += sizeOf(*each);
   }
@@ -89,7 +93,7 @@ bool GatheredBlocks::readAll() {
     const KeyedNumber* next = begin + 1;
     int64_t reached = endOfCopied(blockOf(*begin));
     for (; next != end; ++next) {
-      const Block& block = blockOf(*next);
+      const LiveBlock& block = blockOf(*next);
       const bool isNear = block.position - reached <= kGap;
       if (!isNear || endOfCopied(block) - blockOf(*begin).position > kPiece) break;
       reached = std::max(reached, endOfCopied(block));
@@ -115,7 +119,7 @@ bool GatheredBlocks::readPiece(const KeyedNumber* begin, const KeyedNumber* end)
 // is left out.
 bool GatheredBlocks::isOneRun(const KeyedNumber* begin, const KeyedNumber* end) const {
   for (const KeyedNumber* each = begin; each + 1 != end; ++each) {
-    const Block& block = blockOf(*each);
+    const LiveBlock& block = blockOf(*each);
     const auto copied = static_cast<size_t>(endOfCopied(block) - block.position);
     const bool isFollowed =
         endOfCopied(block) == blockOf(each[1]).position && each->note + copied == each[1].note;
@@ -127,11 +131,11 @@ bool GatheredBlocks::isOneRun(const KeyedNumber* begin, const KeyedNumber* end) 
 void GatheredBlocks::copyRuns(const KeyedNumber* begin, const KeyedNumber* end) {
   const int64_t from = blockOf(*begin).position;
   while (begin != end) {
-    const Block& first = blockOf(*begin);
+    const LiveBlock& first = blockOf(*begin);
     size_t size = static_cast<size_t>(endOfCopied(first) - first.position);
     const KeyedNumber* next = begin + 1;
     for (; next != end; ++next) {
-      const Block& block = blockOf(*next);
+      const LiveBlock& block = blockOf(*next);
       const bool follows = block.position == first.position + static_cast<int64_t>(size) &&
                            next->note == begin->note + size;
       if (!follows) break;
@@ -146,17 +150,17 @@ void GatheredBlocks::copyRuns(const KeyedNumber* begin, const KeyedNumber* end) 
 
 // The links, and what is after the payload. What the spare bytes of a source hold is dead, except
 // for a checksum.
-bool GatheredBlocks::finishBlock(const Block& block, unsigned char* bytes) {
+bool GatheredBlocks::finishBlock(const LiveBlock& block, unsigned char* bytes) {
   if (!setHead(block, bytes)) return false;
   unsigned char* const end = bytes + sizeOf(block) - 1;
   unsigned char* const payload = bytes + (block.dataPos() - block.position);
   unsigned char sum[checksum::kSize];
   bool hasSum = hasChecksumSpace(block) && isChecksum(end - sizeof sum);
   if (hasSum) std::memcpy(sum, end - sizeof sum, sizeof sum);
-  if (makesChecksum(block, hasSum ? sum : nullptr)) {
+  if (makesChecksum(block, bytes, hasSum ? sum : nullptr)) {
     PayloadHash hash;
     hash.add(payload, block.length);
-    const PayloadIdentity identity = identityOf(survey_, block);
+    const PayloadIdentity identity = payloadIdentity(decodeRecordHead(bytes));
     encodeChecksum(identity, hash.of(identity), sum);
     hasSum = true;
     ++made_;
@@ -169,18 +173,20 @@ bool GatheredBlocks::finishBlock(const Block& block, unsigned char* bytes) {
 }
 
 // `present` is the one that the block has, or null.
-bool GatheredBlocks::makesChecksum(const Block& block, const unsigned char* present) const {
+bool GatheredBlocks::makesChecksum(const LiveBlock& block, const unsigned char* head,
+                                   const unsigned char* present) const {
   if (block.kind != BlockKind::record) return false;
   const uint32_t capacity = capacityInCopy(block, protection_);
   if (!format::hasChecksumSpace(block.length, capacity)) return false;
   if (present == nullptr) return protection_.unprotected;
   return protection_.changedElsewhere &&
-         stateWithoutHash(present, identityOf(survey_, block)) == PayloadState::changedElsewhere;
+         stateWithoutHash(present, payloadIdentity(decodeRecordHead(head))) ==
+             PayloadState::changedElsewhere;
 }
 
 // False when the header is not the one that was surveyed. The first record of a table has no
 // predecessor, and the last one no successor.
-bool GatheredBlocks::setHead(const Block& block, unsigned char* bytes) {
+bool GatheredBlocks::setHead(const LiveBlock& block, unsigned char* bytes) {
   const int64_t position = std::exchange(here_, here_ + static_cast<int64_t>(sizeOf(block)));
   const auto isStill = [&](int64_t lengthAt, int64_t capacityAt) {
     return isBlockStart(bytes) && loadBigEndian<uint32_t>(bytes + lengthAt) == block.length &&
@@ -191,23 +197,31 @@ bool GatheredBlocks::setHead(const Block& block, unsigned char* bytes) {
   }
   if (!isStill(record::kDataLength, record::kDataCapacity)) return false;
   storeBigEndian(bytes + record::kDataCapacity, capacityInCopy(block, protection_));
-  const int64_t prev = block.prev == 0 ? 0 : previous_;
-  const int64_t next = block.next == 0 ? 0 : here_;
+  const int64_t prev = block.isFirst ? 0 : previous_;
+  const int64_t next = block.isLast ? 0 : here_;
   storeBigEndian(bytes + record::kPrevRecordPos, static_cast<uint64_t>(prev));
   storeBigEndian(bytes + record::kNextRecordPos, static_cast<uint64_t>(next));
   previous_ = position;
   return true;
 }
 
+// One that cannot be read is none.
+bool GatheredBlocks::readChecksum(const LiveBlock& block, unsigned char* sum) const {
+  if (!hasChecksumSpace(block)) return false;
+  const int64_t position = checksumPosition(block.position, block.capacity);
+  return position >= 0 && source_.readAll(position, sum, checksum::kSize) && isChecksum(sum);
+}
+
 // A block of any size, piece by piece.
-bool GatheredBlocks::copyLarge(const Block& block) {
+bool GatheredBlocks::copyLarge(const LiveBlock& block) {
   unsigned char head[record::kData];
   const auto headSize = static_cast<size_t>(block.dataPos() - block.position);
   here_ = output_.position();
   if (!source_.readAll(block.position, head, headSize) || !setHead(block, head)) return false;
   output_.write(head, headSize);
-  BlockChecksum sum = checksumOf(source_, block);
-  const bool isNew = makesChecksum(block, sum.isThere ? sum.bytes : nullptr);
+  unsigned char sum[checksum::kSize];
+  const bool isThere = readChecksum(block, sum);
+  const bool isNew = makesChecksum(block, head, isThere ? sum : nullptr);
   PayloadHash hash;
   int64_t from = block.dataPos();
   const bool isCopied = output_.fill(block.length, [&](unsigned char* to, size_t part) {
@@ -218,14 +232,14 @@ bool GatheredBlocks::copyLarge(const Block& block) {
   });
   if (!isCopied) return false;
   if (isNew) {
-    const PayloadIdentity identity = identityOf(survey_, block);
-    encodeChecksum(identity, hash.of(identity), sum.bytes);
+    const PayloadIdentity identity = payloadIdentity(decodeRecordHead(head));
+    encodeChecksum(identity, hash.of(identity), sum);
     ++made_;
   }
-  const bool hasSum = isNew || sum.isThere;
+  const bool hasSum = isNew || isThere;
   const uint32_t spare = capacityInCopy(block, protection_) - block.length;
   output_.zeros(hasSum ? spare - checksum::kSize : spare);
-  if (hasSum) output_.write(sum.bytes, checksum::kSize);
+  if (hasSum) output_.write(sum, sizeof sum);
   output_.write(&kBlockEndMark, 1);
   return true;
 }

@@ -12,8 +12,8 @@
 
 #include "products/buffered_output.h"
 #include "recovery/survey/byte_source.h"
-#include "recovery/survey/survey.h"
 #include "support/keyed_numbers.h"
+#include "upkeep/live_database.h"
 
 namespace qvdbase::upkeep {
 
@@ -24,20 +24,20 @@ struct Protection {
 };
 
 // The size of the block that a block becomes.
-int64_t sizeInCopy(const survey::Block& block, const Protection& protection);
+int64_t sizeInCopy(const LiveBlock& block, const Protection& protection);
 
 class GatheredBlocks {
  public:
   // Both must outlive the object. The blocks go to where the output is. Checksums of payloads go
   // along as they are.
-  GatheredBlocks(const survey::ByteSource& source, const survey::Survey& survey,
-                 const Protection& protection, products::BufferedOutput* output)
-      : source_(source), survey_(survey), protection_(protection), output_(*output) {}
+  GatheredBlocks(const survey::ByteSource& source, const Protection& protection,
+                 products::BufferedOutput* output)
+      : source_(source), protection_(protection), output_(*output) {}
 
-  // Adds a block of a survey of the source: the next one of its table, if it is a record. The
-  // survey must have found it sound, and keep it until finish(). False when the source cannot be
-  // read, or has other bytes than it had.
-  bool add(const survey::Block& block);
+  // Adds a block of the source: the next one of its table, if it is a record. It must have been
+  // found sound, and stay where it is until finish(). False when the source cannot be read, or has
+  // other bytes than it had.
+  bool add(const LiveBlock& block);
 
   // Writes what is left.
   bool finish();
@@ -49,28 +49,27 @@ class GatheredBlocks {
   // Blocks in the memory; the key is the position in the source, the note the place in `image_`.
   using Blocks = std::vector<support::KeyedNumber>;
 
-  const survey::Block& blockOf(const support::KeyedNumber& each) const {
-    return *blocks_[each.number];
-  }
+  const LiveBlock& blockOf(const support::KeyedNumber& each) const { return *blocks_[each.number]; }
   bool write();
   bool readAll();
   bool readPiece(const support::KeyedNumber* begin, const support::KeyedNumber* end);
   void copyRuns(const support::KeyedNumber* begin, const support::KeyedNumber* end);
   bool isOneRun(const support::KeyedNumber* begin, const support::KeyedNumber* end) const;
-  size_t sizeOf(const survey::Block& block) const {
+  size_t sizeOf(const LiveBlock& block) const {
     return static_cast<size_t>(sizeInCopy(block, protection_));
   }
-  bool finishBlock(const survey::Block& block, unsigned char* bytes);
-  bool makesChecksum(const survey::Block& block, const unsigned char* present) const;
-  bool setHead(const survey::Block& block, unsigned char* bytes);
-  bool copyLarge(const survey::Block& block);
+  bool finishBlock(const LiveBlock& block, unsigned char* bytes);
+  bool makesChecksum(const LiveBlock& block, const unsigned char* head,
+                     const unsigned char* present) const;
+  bool readChecksum(const LiveBlock& block, unsigned char* sum) const;
+  bool setHead(const LiveBlock& block, unsigned char* bytes);
+  bool copyLarge(const LiveBlock& block);
 
   const survey::ByteSource& source_;
-  const survey::Survey& survey_;
   const Protection protection_;
   products::BufferedOutput& output_;
-  std::vector<const survey::Block*> blocks_;  // in the new order
-  size_t size_ = 0;                           // of all of them
+  std::vector<const LiveBlock*> blocks_;  // in the new order
+  size_t size_ = 0;                       // of all of them
   std::vector<unsigned char> image_;
   std::vector<unsigned char> piece_;  // of the source
   uint64_t made_ = 0;                 // checksums

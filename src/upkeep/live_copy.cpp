@@ -26,12 +26,12 @@ bool copyAll(const ByteSource& source, const LiveDatabase& database, const LiveL
   }
   output.directory({}, slots, database.slotCount);
   output.flush();
-  GatheredBlocks blocks(source, database.survey, protection, &output);
+  GatheredBlocks blocks(source, protection, &output);
   for (const LiveTable& table : database.tables) {
-    if (table.data != kNoBlock && !blocks.add(database.block(table.data))) return false;
-    for (const uint32_t number : table.records) {
+    if (table.data && !blocks.add(*table.data)) return false;
+    for (const LiveBlock& record : table.records) {
       step();
-      if (!blocks.add(database.block(number))) return false;
+      if (!blocks.add(record)) return false;
     }
   }
   if (!blocks.finish()) return false;
@@ -46,15 +46,14 @@ bool copyAll(const ByteSource& source, const LiveDatabase& database, const LiveL
 LiveLayout layOut(const LiveDatabase& database, const Protection& protection) {
   LiveLayout layout;
   layout.size = database.blocksStart();
-  const auto take = [&](const Block& block) {
+  const auto take = [&](const LiveBlock& block) {
     return std::exchange(layout.size, layout.size + sizeInCopy(block, protection));
   };
   for (const LiveTable& table : database.tables) {
     copy::TablePlace place;
-    if (table.data != kNoBlock) place.data = take(database.block(table.data));
+    if (table.data) place.data = take(*table.data);
     if (!table.records.empty()) place.firstRecord = layout.size;
-    for (const uint32_t number : table.records) {
-      const Block& block = database.block(number);
+    for (const LiveBlock& block : table.records) {
       place.lastRecord = take(block);
       if (block.position == table.slot.lastWrittenRecordPos) {
         place.lastWrittenRecord = place.lastRecord;
@@ -71,13 +70,12 @@ std::vector<Move> movesOf(const LiveDatabase& database, const Protection& protec
   std::vector<Move> moves;
   moves.reserve(static_cast<size_t>(database.recordCount()));
   int64_t next = database.blocksStart();
-  const auto take = [&](const Block& block) {
+  const auto take = [&](const LiveBlock& block) {
     return std::exchange(next, next + sizeInCopy(block, protection));
   };
   for (const LiveTable& table : database.tables) {
-    if (table.data != kNoBlock) static_cast<void>(take(database.block(table.data)));
-    for (const uint32_t number : table.records) {
-      const Block& block = database.block(number);
+    if (table.data) static_cast<void>(take(*table.data));
+    for (const LiveBlock& block : table.records) {
       moves.push_back({block.position, take(block)});
     }
   }

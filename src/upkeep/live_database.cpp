@@ -1,5 +1,7 @@
 #include "upkeep/live_database.h"
 
+#include <utility>
+
 #include "format/Aliment8.h"
 #include "recovery/survey/packed_data.h"
 #include "recovery/survey/words.h"
@@ -62,24 +64,44 @@ Damage takeChain(const Survey& survey, const Walk& walk, const std::function<voi
         "the last record of table '" + table->name + "' is not where the directory says",
         {}};
   }
-  table->records = std::span(walk.blocks).first(slot.recordCount);
+  std::vector<LiveBlock> records;
+  records.reserve(slot.recordCount);
+  for (uint32_t i = 0; i < slot.recordCount; ++i) {
+    records.push_back(LiveBlock::of(survey.blocks[walk.blocks[i]]));
+  }
+  table->setRecords(std::move(records));
   return std::nullopt;
 }
 
 Damage takeData(const Survey& survey, const Table& found, LiveTable* table) {
   if (found.dataState == DataState::none) return std::nullopt;
-  table->data = dataOf(survey, found);
-  const bool isSound =
-      table->data != kNoBlock && !survey.blocks[table->data].has(kLengthAboveCapacity | kBeyondEnd);
-  if (isSound) return std::nullopt;
+  const uint32_t data = dataOf(survey, found);
+  if (data != kNoBlock && !survey.blocks[data].has(kLengthAboveCapacity | kBeyondEnd)) {
+    table->data = LiveBlock::of(survey.blocks[data]);
+    return std::nullopt;
+  }
   return LiveDamage{Reason::data_damaged, "the data of table '" + table->name + "' is damaged", {}};
 }
 
-Damage takeDirectory(const ByteSource& source, LiveDatabase* database) {
+}  // namespace
+
+void LiveTable::setRecords(std::vector<LiveBlock> chain) {
+  records = std::move(chain);
+  if (records.empty()) return;
+  records.front().isFirst = true;
+  records.back().isLast = true;
+}
+
+uint64_t LiveDatabase::recordCount() const {
+  uint64_t count = 0;
+  for (const LiveTable& table : tables) count += table.records.size();
+  return count;
+}
+
+Damage takeDirectory(const ByteSource& source, const Survey& survey, LiveDatabase* database) {
   const auto damaged = [](const std::string& why) {
     return LiveDamage{Reason::directory_damaged, why, {}};
   };
-  const Survey& survey = database->survey;
   if (!survey.headerThere || !source.readAll(0, database->header.data(), database->header.size())) {
     return damaged("the file is cut off in its header");
   }
@@ -104,18 +126,9 @@ Damage takeDirectory(const ByteSource& source, LiveDatabase* database) {
   return std::nullopt;
 }
 
-}  // namespace
-
-uint64_t LiveDatabase::recordCount() const {
-  uint64_t count = 0;
-  for (const LiveTable& table : tables) count += table.records.size();
-  return count;
-}
-
-Damage takeLive(const ByteSource& source, const std::function<void()>& step,
+Damage takeLive(const ByteSource& source, const Survey& survey, const std::function<void()>& step,
                 LiveDatabase* database) {
-  if (auto damage = takeDirectory(source, database)) return damage;
-  const Survey& survey = database->survey;
+  if (auto damage = takeDirectory(source, survey, database)) return damage;
   for (size_t i = 0; i < database->tables.size(); ++i) {
     const Table& found = *survey.tableOfSlot(static_cast<int>(i));
     LiveTable* const table = &database->tables[i];

@@ -1,5 +1,4 @@
 // What is live in a database file: header, tables, and which blocks hold their records and data.
-// Taken from a survey, and believed only if everything fits together.
 #pragma once
 
 #include <qvdbase/qvdb/error.hpp>
@@ -7,7 +6,6 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -18,20 +16,37 @@
 
 namespace qvdbase::upkeep {
 
+// What a copy has to know of a block.
+struct LiveBlock {
+  int64_t position = 0;
+  uint32_t length = 0;
+  uint32_t capacity = 0;
+  survey::BlockKind kind = survey::BlockKind::record;
+  bool isCut = false;    // its capacity reaches over other blocks
+  bool isFirst = false;  // of its table's records in the copy
+  bool isLast = false;
+
+  static LiveBlock of(const survey::Block& block) {
+    return {block.position, block.length, block.capacity, block.kind, block.isCut()};
+  }
+  int64_t dataPos() const { return position + survey::headSizeOf(kind); }
+  int64_t claimedEnd() const { return dataPos() + int64_t{capacity} + 1; }
+};
+
 struct LiveTable {
   tablePart1 slot{};
   std::string name;
-  std::span<const uint32_t> records;  // their blocks, in the order of the chain
-  uint32_t data = survey::kNoBlock;
+  std::vector<LiveBlock> records;  // in the order of the chain
+  std::optional<LiveBlock> data;
+
+  void setRecords(std::vector<LiveBlock> chain);
 };
 
 struct LiveDatabase {
-  const survey::Survey& survey;  // whose blocks they are
   copy::Header header{};
   int16_t slotCount = 0;
   std::vector<LiveTable> tables{};
 
-  const survey::Block& block(uint32_t number) const { return survey.blocks[number]; }
   int64_t blocksStart() const { return format::directoryEnd(slotCount); }
   uint64_t recordCount() const;
 };
@@ -43,11 +58,15 @@ struct LiveDamage {
   std::optional<uint64_t> record;  // the number in the chain, counted from 1
 };
 
+// Takes header, directory and names from the survey of `source`, which needs no blocks for that.
+std::optional<LiveDamage> takeDirectory(const survey::ByteSource& source,
+                                        const survey::Survey& survey, LiveDatabase* database);
+
 // Takes all of it from the survey of `source`. Each link of a chain must lead to a record of the
 // table whose back link names the record before, and after as many records as the slot counts the
 // chain must end, at the slot's last position. Every block must lie in the file. Data that a pack
 // has moved is found. `step` is called for each record and may throw.
-std::optional<LiveDamage> takeLive(const survey::ByteSource& source,
+std::optional<LiveDamage> takeLive(const survey::ByteSource& source, const survey::Survey& survey,
                                    const std::function<void()>& step, LiveDatabase* database);
 
 }  // namespace qvdbase::upkeep

@@ -67,6 +67,11 @@ struct Slot {
 
 enum class BlockKind : uint8_t { record, tableData };
 
+// From its first byte to its payload.
+inline int64_t headSizeOf(BlockKind kind) {
+  return kind == BlockKind::record ? format::record::kData : format::tabledata::kData;
+}
+
 // How much of a block that was found by scanning proved right.
 enum class Grade : uint8_t {
   a,  // all of it, and after it begins a block, or the bytes end
@@ -132,10 +137,7 @@ struct Block {
   // Of a transaction that is committed, and not complete in this table.
   bool isOfContradicted = false;
 
-  int64_t dataPos() const {
-    return position +
-           (kind == BlockKind::record ? format::record::kData : format::tabledata::kData);
-  }
+  int64_t dataPos() const { return position + headSizeOf(kind); }
   // After its last byte, if its capacity is right.
   int64_t claimedEnd() const { return dataPos() + int64_t{capacity} + 1; }
   bool isCut() const { return has(kBeyondEnd | kCutShort); }
