@@ -1,4 +1,5 @@
-// qvdb::compact: survey, judge, write, compare, place.
+// qvdb::compact: survey, judge, write, compare, place. A plain file (plain_file.h) needs neither
+// survey nor judgement.
 //
 // Until the last step, which gives the new file its name, nothing has happened to the source or the
 // target. Everything before it can fail, be cancelled or be killed.
@@ -20,6 +21,7 @@
 #include "recovery/survey/open_file.h"
 #include "upkeep/compact_open.h"
 #include "upkeep/live_copy.h"
+#include "upkeep/plain_file.h"
 #include "upkeep/progress.h"
 #include "upkeep/table_changes.h"
 #include "upkeep/verdict.h"
@@ -78,10 +80,12 @@ class Compaction {
   CompactReport run(OpenedFile& file, std::optional<TargetFile>& target,
                     const PlaceFunction& place) {
     file.watch();
-    survey_ = makeSurvey(file.source());
-    takeWhatIsLive(file);
-    judge(file);
-    keepWhatIsWanted();
+    if (!takeIfPlain(file)) {
+      survey_ = makeSurvey(file.source());
+      takeWhatIsLive(file);
+      judge(file);
+      keepWhatIsWanted();
+    }
     changeTables(options_, source_, kOperation, &database_);
     const LiveLayout layout = layOut(database_, protection_);
     if (target) {
@@ -96,6 +100,17 @@ class Compaction {
   }
 
  private:
+  // Most files are. The function of the caller's that chooses records asks more of each of them.
+  bool takeIfPlain(const OpenedFile& file) {
+    if (options_.keep) return false;
+    std::optional<LiveDatabase> plain = takePlain(file.source());
+    if (!plain) return false;
+    database_ = std::move(*plain);
+    Stage stage(reporter_, source_, 0, 20, database_.recordCount());
+    for (uint64_t i = database_.recordCount(); i > 0; --i) stage.step();
+    return true;
+  }
+
   void takeWhatIsLive(const OpenedFile& file) {
     Stage stage(reporter_, source_, 0, 20, countedRecords());
     const auto damage = takeLive(
