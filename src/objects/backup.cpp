@@ -18,6 +18,7 @@
 #include "recovery/check/parts.h"
 #include "recovery/survey/completed_source.h"
 #include "recovery/survey/open_file.h"
+#include "recovery/survey/watched_source.h"
 #include "recovery/survey/words.h"
 #include "upkeep/file_copy.h"
 #include "upkeep/progress.h"
@@ -35,6 +36,10 @@ constexpr const char* kOperation = "back up the database";
 
 // How often all of it is done where the source changes under the copy, or shows half of a change.
 constexpr int kAttempts = 5;
+
+// The percent at which the copy is there, and that at which it is checked.
+constexpr int kCopied = 80;
+constexpr int kChecked = 95;
 
 using Shared = std::shared_ptr<OpenDatabase>;
 
@@ -76,7 +81,7 @@ class Backup {
     target_.create(&access);
     for (int attempt = 1; !isTaken(attempt == kAttempts); ++attempt) {
     }
-    report(95);
+    report(kChecked);
     target_.place();
     // Too late to stop anything.
     static_cast<void>(reporter_.report(100));
@@ -91,7 +96,7 @@ class Backup {
       copy();
       if (!settle(isLast)) return false;
     }
-    report(80);
+    report(kCopied);
     return isSound(isLast);
   }
 
@@ -102,12 +107,16 @@ class Backup {
     return report_.shares_storage = isShared;
   }
 
+  static int percentAt(int64_t done, int64_t size, int from, int to) {
+    return from + static_cast<int>((to - from) * std::min(done, size) / std::max<int64_t>(size, 1));
+  }
+
   void copy() {
     const int64_t size = source_.source().size();
     int64_t done = 0;
     const auto step = [&] {
       done += static_cast<int64_t>(upkeep::FileCopy::kPiece);
-      report(static_cast<int>(80 * std::min(done, size) / std::max<int64_t>(size, 1)));
+      report(percentAt(done, size, 0, kCopied));
     };
     if (!copy_.copy(step)) failReading();
   }
@@ -128,7 +137,10 @@ class Backup {
   bool isSound(bool isLast) {
     platform::ReadOnlyFile read;
     read.share(target_.file().entry());
-    const survey::FileSource copied(read, static_cast<int64_t>(target_.file().size()));
+    const survey::FileSource file(read, static_cast<int64_t>(target_.file().size()));
+    const survey::WatchedSource copied(file, [&](int64_t position) {
+      report(percentAt(position, file.size(), kCopied, kChecked));
+    });
     std::string first;
     const auto note = [&](const Finding& finding) {
       if (finding.severity != Severity::error || !first.empty()) return;

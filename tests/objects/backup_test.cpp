@@ -188,6 +188,29 @@ TEST_F(Backup, EndsWithThatWhatTheCallerThrows) {
   EXPECT_EQ(names(), std::vector<std::string>{kDefaultFile});
 }
 
+// Several reads of it, each reported before.
+TEST_F(Backup, CanBeStoppedWhileTheCopyIsChecked) {
+  auto database = filled();
+  {
+    auto bulk = database.table("t").appender();
+    for (int i = 0; i < 64; ++i) bulk.add(std::string(100'000, 'z'));
+    bulk.finish();
+  }
+  std::vector<int> percents;
+  expectError(Reason::cancelled, [&] {
+    database.backup(path(kCopy), {}, [&](int percent) {
+      percents.push_back(percent);
+      return percent < 90;
+    });
+  });
+  ASSERT_FALSE(percents.empty());
+  EXPECT_LT(percents.back(), 95);
+  EXPECT_GE(percents.back(), 90);
+  EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end()));
+  EXPECT_EQ(names(), std::vector<std::string>{kDefaultFile});
+  EXPECT_EQ(database.backup(path(kCopy)).errors, 0u);
+}
+
 // ---- the ways in which bytes are copied ----
 
 TEST_F(Backup, IsTheSameWhereTheHostCannotCopyByItself) {
