@@ -12,4 +12,6 @@ if(TARGET manual)
   add_test(NAME manual.FilesAreLintedAndWorkInAShell
     COMMAND ${folder}/made_files_test.sh ${PROJECT_BINARY_DIR}/tools/manual/made
             $<TARGET_FILE:qvdb_tool>)
+  add_test(NAME manual.ShellsCompleteCommandLines
+    COMMAND ${folder}/completion_test.sh ${PROJECT_BINARY_DIR}/tools/manual/made)
 endif()

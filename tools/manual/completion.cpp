@@ -43,22 +43,42 @@ std::string forZsh(const std::string& text) {
 
 std::string zshOption(const Option& option) {
   const std::string description = "[" + forZsh(firstSentence(option.help)) + "]";
-  const std::string value = option.value.empty() ? "" : ":" + option.value + ":_files";
+  std::string value;
+  if (!option.value.empty()) {
+    value = ":" + option.value + ":" + (option.takesPath() ? "_files" : " ");
+  }
   std::string excluded;
   for (const std::string& name : option.names) excluded += (excluded.empty() ? "" : " ") + name;
+  const std::string before = option.isRepeatable ? "*" : "(" + excluded + ")";
   std::string result;
   for (const std::string& name : option.names) {
-    result += " \\\n        " + quoted("(" + excluded + ")" + name + description + value, "'\\''");
+    result += " \\\n        " + quoted(before + name + description + value, "'\\''");
   }
   return result;
 }
 
-std::string fishOption(const std::string& command, const Option& option) {
-  std::string result = "complete -c qvdb -n '__fish_seen_subcommand_from " + command + "'";
+// The functions by which the lines of fish ask where on the command line the cursor is: a file or a
+// table may be called as a command is.
+constexpr const char* kFishQuestions = R"(function __qvdb_begins
+  test (count (commandline -opc)) -eq 1
+end
+function __qvdb_runs
+  set -l words (commandline -opc)
+  test (count $words) -gt 1; and test $words[2] = $argv[1]
+end
+)";
+
+std::string fishNames(const Option& option) {
+  std::string names;
   for (const std::string& name : option.names) {
-    result += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
+    names += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
   }
-  if (!option.value.empty()) result += " -r";
+  return names;
+}
+
+std::string fishOption(const std::string& command, const Option& option) {
+  std::string result = "complete -c qvdb -n '__qvdb_runs " + command + "'" + fishNames(option);
+  if (!option.value.empty()) result += option.takesPath() ? " -r -F" : " -x";
   return result + " -d " + quoted(firstSentence(option.help), "\\'") + "\n";
 }
 
@@ -95,15 +115,18 @@ std::string bashCompletion() {
 std::string zshCompletion() {
   std::string script = std::string("#compdef qvdb\n# zsh completion of qvdb, ") + kOrigin +
                        "_qvdb() {\n"
-                       "  local -a commands\n"
+                       "  local -a commands general\n"
                        "  commands=(\n";
   for (const tool::Command* command : tool::allCommands()) {
     script += "    " + quoted(command->name + (":" + forZsh(command->summary)), "'\\''") + "\n";
   }
   script +=
+      "    'help:show the help of a command'\n"
       "  )\n"
+      "  general=('--help:show the help' '--version:show the version')\n"
       "  if (( CURRENT == 2 )); then\n"
       "    _describe command commands\n"
+      "    _describe -o option general\n"
       "    return\n"
       "  fi\n"
       "  local command=${words[2]}\n"
@@ -120,11 +143,16 @@ std::string zshCompletion() {
 }
 
 std::string fishCompletion() {
-  std::string script = std::string("# fish completion of qvdb, ") + kOrigin;
-  script += "complete -c qvdb -n __fish_use_subcommand -l version -d 'Show the version'\n";
+  std::string script = std::string("# fish completion of qvdb, ") + kOrigin + kFishQuestions;
+  const std::string first = "complete -c qvdb -f -n __qvdb_begins";
+  script += first + " -s h -l help -d 'Show the help'\n";
+  script += first + " -l version -d 'Show the version'\n";
+  script += first + " -a help -d 'show the help of a command'\n";
   for (const tool::Command* command : tool::allCommands()) {
-    script += std::string("complete -c qvdb -f -n __fish_use_subcommand -a ") + command->name +
-              " -d " + quoted(command->summary, "\\'") + "\n";
+    const std::string named =
+        std::string(" -a ") + command->name + " -d " + quoted(command->summary, "\\'") + "\n";
+    script += first + named;
+    script += "complete -c qvdb -f -n '__qvdb_runs help'" + named;
     for (const Option& option : optionsOf(tool::helpOf(*command))) {
       script += fishOption(command->name, option);
     }

@@ -4,10 +4,14 @@
 
 namespace qvdb::manual {
 
+bool Option::takesPath() const {
+  return value == "PATH" || value == "DIR" || value == "OUT" || value == "FILE";
+}
+
 std::vector<Option> optionsOf(const tool::CommandHelp& help) {
   std::vector<Option> options;
   for (const auto& entry : help.options()) {
-    Option option{{}, {}, entry.help};
+    Option option{{}, {}, entry.help, entry.given == tool::CommandHelp::Given::manyTimes};
     std::istringstream words(entry.left);
     for (std::string word; words >> word;) {
       if (word.back() == ',') word.pop_back();

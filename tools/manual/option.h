@@ -12,6 +12,10 @@ struct Option {
   std::vector<std::string> names;  // "-o", "--output"
   std::string value;               // "FILE"; empty for a flag
   std::string help;
+  bool isRepeatable = false;
+
+  // Whether its value is the path of a file or folder.
+  bool takesPath() const;
 };
 
 std::vector<Option> optionsOf(const tool::CommandHelp& help);

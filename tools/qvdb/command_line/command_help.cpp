@@ -99,12 +99,13 @@ void CommandHelp::addArgument(const std::string& usage, const char* name, const 
   arguments_.push_back({name, help});
 }
 
-void CommandHelp::addOption(const std::string& names, const char* valueName, const char* help) {
+void CommandHelp::addOption(const std::string& names, const char* valueName, const char* help,
+                            Given given) {
   std::string left = names;
   const size_t comma = left.find(',');
   if (comma != std::string::npos) left.insert(comma + 1, 1, ' ');
   if (valueName != nullptr) left += std::string(" ") + valueName;
-  options_.push_back({left, help});
+  options_.push_back({left, help, given});
 }
 
 std::string CommandHelp::text() const {

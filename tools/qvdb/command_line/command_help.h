@@ -27,7 +27,9 @@ class CommandHelp {
   void addArgument(const std::string& usage, const char* name, const char* help);
 
   // `names` as in "-o,--output"; `valueName` is null for a flag.
-  void addOption(const std::string& names, const char* valueName, const char* help);
+  enum class Given { once, manyTimes };
+  void addOption(const std::string& names, const char* valueName, const char* help,
+                 Given given = Given::once);
 
   std::string text() const;
 
@@ -35,6 +37,7 @@ class CommandHelp {
   struct Entry {
     std::string left;  // "FILE", "-o, --output FILE"
     std::string help;
+    Given given = Given::once;
   };
   const Command& command() const { return command_; }
   const std::string& usage() const { return usage_; }  // of the arguments: " FILE [TABLE]"

@@ -177,7 +177,7 @@ void Arguments::option(const char* names, const char* valueName, std::optional<u
 void Arguments::option(const char* names, const char* valueName, std::vector<std::string>& values,
                        const char* help) {
   addList(parser_.app(), names, &values);
-  parser_.help.addOption(names, valueName, help);
+  parser_.help.addOption(names, valueName, help, CommandHelp::Given::manyTimes);
 }
 
 void Arguments::flag(const char* names, bool& value, const char* help) {
