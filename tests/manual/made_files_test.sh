@@ -15,7 +15,8 @@ if command -v mandoc >/dev/null; then
   # Each page is read alone: those that it refers to are not installed here.
   complaints=$(mandoc -T lint -W style "$made"/man*/* 2>&1 | grep -v 'referenced manual not found' || true)
   [ -z "$complaints" ] || { echo "$complaints"; exit 1; }
-  mandoc -T utf8 "$made/man1/qvdb-import.1" | col -b | grep -q -- '-r, --replace'
+  # 'grep -q' would end before the programs have written all, which then fail.
+  mandoc -T utf8 "$made/man1/qvdb-import.1" | col -b | grep -- '-r, --replace' >/dev/null
 fi
 if command -v zsh >/dev/null; then zsh -n "$made/zsh/_qvdb"; fi
 if command -v fish >/dev/null; then fish --no-execute "$made/fish/qvdb.fish"; fi
@@ -49,8 +50,9 @@ completes qvdb import a ''  # names of files, by the shell
 for command in $(compgen -W "$("$2" --help | sed -n '/^COMMANDS/,/^$/s/^  \([a-z-]*\) .*/\1/p')"); do
   COMP_WORDS=(qvdb "$command" -) COMP_CWORD=2 COMPREPLY=()
   _qvdb
+  help=$("$2" "$command" --help)
   for option in "${COMPREPLY[@]}"; do
-    "$2" "$command" --help | grep -qE -- "^  (-., )?$option( |,|$)" ||
+    grep -qE -- "^  (-., )?$option( |,|$)" <<<"$help" ||
       { echo "qvdb $command has no $option"; exit 1; }
   done
 done
