@@ -30,6 +30,12 @@ namespace qvdb {
 QVDBASE_API std::vector<FoundBlock> history(const std::filesystem::path& path,
                                             std::string_view table, Id record);
 
+// The same of all records of a table, from one look at the whole file: the visitor gets every
+// version, in the order in which they were written. It must not be empty; what it throws ends this
+// and leaves it.
+QVDBASE_API void history(const std::filesystem::path& path, std::string_view table,
+                         const BlockVisitor& visitor);
+
 // The last version of every record of a table that is not in use any more, in the order in which
 // these versions were written. Deleted records are in the file until it is rewritten. A record
 // whose adding was interrupted can look like a deleted one (BlockLabel::deleted_or_unlinked).

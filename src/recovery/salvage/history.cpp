@@ -115,6 +115,17 @@ std::vector<FoundBlock> history(const std::filesystem::path& path, std::string_v
   return sought.describe(sought.versionsOf(record));
 }
 
+void history(const std::filesystem::path& path, std::string_view table,
+             const BlockVisitor& visitor) {
+  const platform::Uncancelled uncancelled;
+  const Sought sought(path, table, "find the versions of the records");
+  for (const uint32_t number : sought.records([](const Block&) { return true; })) {
+    const FoundBlock version = salvage::describe(sought.survey, number);
+    const platform::CancellationPause cancellation;
+    visitor(version);
+  }
+}
+
 std::vector<FoundBlock> deleted_records(const std::filesystem::path& path, std::string_view table) {
   const platform::Uncancelled uncancelled;
   const Sought sought(path, table, "list the deleted records");

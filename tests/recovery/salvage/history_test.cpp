@@ -74,6 +74,28 @@ class History : public testing::Test {
   uint64_t table_ = 0;
 };
 
+TEST_F(History, OfAllRecordsIsThatOfEachInTheOrderOfWriting) {
+  remove(0xA3);
+  std::vector<qvdb::FoundBlock> all;
+  qvdb::history(path(), "notes", [&](const qvdb::FoundBlock& each) { all.push_back(each); });
+  EXPECT_EQ(textsOf(all),
+            (std::vector<std::string>{"first text", "first text", "first text", "a longer text",
+                                      "a text that is longer still"}));
+  for (const uint64_t id : {0xA1u, 0xA2u, 0xA3u}) {
+    std::vector<int64_t> offsets;
+    for (const auto& each : qvdb::history(path(), "notes", Id{id})) offsets.push_back(each.offset);
+    std::vector<int64_t> among;
+    for (const auto& each : all) {
+      if (each.record == Id{id}) among.push_back(each.offset);
+    }
+    EXPECT_EQ(among, offsets);
+  }
+  EXPECT_EQ(reasonOf([&] { qvdb::history(path(), "none", [](const qvdb::FoundBlock&) {}); }),
+            qvdb::Reason::table_missing);
+  const auto stop = [](const qvdb::FoundBlock&) { throw std::runtime_error("enough"); };
+  EXPECT_THROW(qvdb::history(path(), "notes", stop), std::runtime_error);
+}
+
 TEST_F(History, ReportsEveryVersionOldestFirst) {
   const auto versions = qvdb::history(path(), "notes", Id{0xA2});
   EXPECT_EQ(textsOf(versions), (std::vector<std::string>{"first text", "a longer text",
