@@ -102,16 +102,17 @@ TEST_F(EarlierVersions, AVersionThatIsDamagedIsNotShownAsIfItWereWhole) {
         {"'f'", "damaged", "history --at " + std::to_string(offset)});
 }
 
-TEST_F(EarlierVersions, OneRecordAndATimeAreWanted) {
+TEST_F(EarlierVersions, OneRecordOrNamesAndATimeAreWanted) {
   store("one");
   const std::string id = json({"records", "--json", "test.qvd", "files"})["records"][0]["id"];
   EXPECT_EQ(done(getAt("2070-01-01", id)), "one");
   EXPECT_EQ(done(getAt("2070-01-01", "./f")), "one");
   fails(getAt("yesterday"), 2, {"--at", "'yesterday'", "no time"});
-  fails(getAt("2070-01-01", "*"), 2, {"--at", "pattern"});
+  EXPECT_EQ(done(getAt("2070-01-01", "*")), "one");
   fails(getAt("2070-01-01", "g"), 1, {"no file 'g'"});
   fails(getAt("2070-01-01", "0xee"), 1, {"0xee", "no version"});
-  fails({"get", "--at", "2070-01-01", "test.qvd", "files", "f", "f"}, 2, {"--at", "one record"});
+  EXPECT_EQ(done({"get", "--at", "2070-01-01", "test.qvd", "files", "f", "f"}), "one");
+  fails({"get", "--at", "2070-01-01", "test.qvd", "files", id, id}, 2, {"--at", "one identifier"});
 }
 
 }  // namespace

@@ -10,12 +10,14 @@
 #include <exception>
 #include <unordered_map>
 
+#include "archive/export_at.h"
 #include "archive/folder_writer.h"
 #include "archive/imported_files.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "commands/payload_limit.h"
 #include "formats/export_rows.h"
+#include "streams/given_time.h"
 #include "streams/interrupt.h"
 #include "streams/output.h"
 #include "streams/progress.h"
@@ -32,6 +34,7 @@ struct Options {
   bool byId = false;
   RowTargets rows;
   std::optional<std::string> after;
+  std::optional<std::string> at;
 };
 
 class Exporter {
@@ -180,7 +183,7 @@ int runRows(const Options& options) {
   if (options.rows.count() > 1) {
     throw wrongUsage("--sqlite, --parquet and --copy cannot be combined");
   }
-  if (options.folder || options.byId || options.folderOptions.samePermissions) {
+  if (options.folder || options.byId || options.at || options.folderOptions.samePermissions) {
     throw wrongUsage("--sqlite, --parquet and --copy write no folder: leave FOLDER out");
   }
   if (options.after && !options.table) throw wrongUsage("--after: name the TABLE, too");
@@ -204,6 +207,16 @@ int run(const Options& options) {
   }
   if (options.folderOptions.samePermissions && ::geteuid() != 0) {
     throw wrongUsage("--same-permissions is for root: the umask limits all other users");
+  }
+  if (options.at) {
+    if (options.byId) throw wrongUsage("--at and --by-id cannot be combined");
+    FolderOptions folderOptions = options.folderOptions;
+    folderOptions.database = options.file;
+    return exportAt({.table = *options.table,
+                     .folder = *options.folder,
+                     .names = {},
+                     .time = timeOfOption("--at", *options.at)},
+                    folderOptions);
   }
   const Database database = openToRead(options.file);
   const Table table = findTable(database, *options.table);
@@ -252,6 +265,9 @@ Action define(Arguments& arguments) {
   arguments.flag("--by-id", options->byId,
                  "Name all files by their records' identifiers, and ignore the names of imported "
                  "files.");
+  arguments.option("--at", "TIME", options->at,
+                   "Write the folder as it was at this time, for as long as the file has it: "
+                   "2024-05-01T12:34:56, 2024-05-01 (UTC) or @SECONDS since 1970.");
   return actionOf(options, run);
 }
 
@@ -275,6 +291,13 @@ Nothing is overwritten unless --force is given: if one file exists already, no f
 Nothing is ever written outside the folder: a name that would lead out of it counts as damage, and
 symbolic links in the folder are not followed.
 
+--at writes the folder as it was at a time: the files, folders and links that had been imported until
+then and were not deleted yet, with the names, permissions and contents of that time. The list of names
+knows that since it has times, which a line on standard error says where it does not; what it lists
+has its contents until the file is compacted or trimmed. Where a file was changed in place, because
+the new contents fitted, the old ones are lost: such files are left out, a line says so, and the
+status is 1. Records without a name are left out.
+
 With --sqlite, --parquet or --copy the records become rows with the columns place (in the order of
 the table, from 1), table_name, id, created, modified and payload. --after leaves out what an
 earlier export has. 'qvdb dump --copy' writes the same rows as --copy.
@@ -284,6 +307,7 @@ process that is killed leaves a file .qvdb-....tmp, which you may delete.)",
     R"(qvdb export photos.qvd holiday /mnt/copy
 diff -r ~/Pictures/holiday /mnt/copy
 qvdb export --force photos.qvd holiday /mnt/copy
+qvdb export --at 2024-05-01T12:00:00 photos.qvd holiday /mnt/as-it-was
 qvdb export --sqlite notes.sqlite notes.qvd
 qvdb export --parquet letters.parquet notes.qvd letters)",
     define,

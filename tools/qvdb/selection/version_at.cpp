@@ -1,8 +1,4 @@
 // The version of a record that was in use at a time.
-//
-// The file keeps no list of what was in use when. Each version has the time when its record was
-// added, which all versions of a record share, and the time when it was last changed; versions come
-// in the order in which they were written. A change in place leaves no version, only its time.
 #include "selection/version_at.h"
 
 #include <algorithm>
@@ -10,9 +6,10 @@
 #include <optional>
 #include <vector>
 
-#include "archive/imported_files.h"
+#include "archive/list_at.h"
 #include "commands/locate.h"
 #include "selection/pattern.h"
+#include "selection/record_versions.h"
 #include "streams/failure.h"
 #include "streams/interrupt.h"
 #include "streams/text.h"
@@ -20,14 +17,32 @@
 namespace qvdb::tool {
 namespace {
 
+std::string nameOf(const std::string& path, const std::string& word) {
+  return path + ": '" + nameIn(word) + "'";
+}
+
 // The records that a word can mean: one identifier, or those that a name has had.
-std::vector<Id> recordsNamed(const std::string& path, const std::string& table,
-                             const std::string& word) {
-  if (const auto id = parse_id(word)) return {*id};
+struct Named {
+  std::vector<Id> records;
+  bool isListed = false;  // the list of names says that it is this record, at that time
+};
+
+Named recordsNamed(const std::string& path, const std::string& table, const std::string& word,
+                   int64_t time) {
+  if (const auto id = parse_id(word)) return {.records = {*id}};
   const Database database = openToRead(path);
   const Table found = findTable(database, table);
   const ImportedFiles files = namesOfImported(database, found, word);
   const std::string name = nameIn(word);
+  for (const ImportedFile& file : entriesAt(files, time)) {
+    if (file.name == name && file.since != 0 && file.kind == FileKind::file) {
+      return {.records = {file.record}, .isListed = true};
+    }
+  }
+  if (const auto removed = removalBefore(files, name, time)) {
+    throw Failure(nameOf(path, word) + " was removed at " + timeText(*removed) +
+                  ", and was not there at " + timeText(time));
+  }
   std::vector<Id> records;
   bool isOther = false;  // a folder or a link has the name
   for (const ImportedFile& file : files.list()) {
@@ -39,7 +54,7 @@ std::vector<Id> recordsNamed(const std::string& path, const std::string& table,
       records.push_back(file.record);
     }
   }
-  if (!records.empty()) return records;
+  if (!records.empty()) return {.records = records};
   if (isOther) {
     throw Failure(path + ": '" + name + "' in table '" + found.name() +
                   "' is a folder or a symbolic link, which has no versions; name a file");
@@ -50,44 +65,25 @@ std::vector<Id> recordsNamed(const std::string& path, const std::string& table,
   throw noSuchName(database, found, files, word);
 }
 
-// Whether a chain may ever have led to it.
-bool wasInUse(const FoundBlock& version) {
-  return version.label != BlockLabel::unfinished && version.label != BlockLabel::unlinked;
-}
-
-bool isDeleted(const FoundBlock& version) {
-  return version.label == BlockLabel::deleted || version.label == BlockLabel::deleted_or_unlinked;
-}
-
 // The versions of a record, oldest first.
 std::vector<FoundBlock> versionsInUse(const std::string& path, const std::string& table,
                                       Id record) {
   const EndsAtOnce atOnce;
-  std::vector<FoundBlock> versions = history(path, table, record);
-  std::erase_if(versions, [](const FoundBlock& each) { return !wasInUse(each); });
-  std::stable_sort(versions.begin(), versions.end(), [](const FoundBlock& a, const FoundBlock& b) {
-    return a.modify_time < b.modify_time;
-  });
-  return versions;
-}
-
-uint32_t additionOf(const std::vector<FoundBlock>& versions) {
-  const auto first = std::min_element(
-      versions.begin(), versions.end(),
-      [](const FoundBlock& a, const FoundBlock& b) { return a.create_time < b.create_time; });
-  return first->create_time;
+  return thoseInUse(history(path, table, record));
 }
 
 // Of several records that had a name, the one that was added last until `time`.
 struct Candidates {
+  bool isListed = false;             // see Named
   std::vector<FoundBlock> versions;  // of that record; empty for none
   std::optional<uint32_t> earliest;  // when the first of all was added; nothing for no versions
 };
 
-Candidates recordAt(const std::string& path, const std::string& table, const std::string& word,
-                    int64_t time) {
-  Candidates found;
-  for (const Id record : recordsNamed(path, table, word)) {
+Candidates candidatesAt(const std::string& path, const std::string& table, const std::string& word,
+                        int64_t time) {
+  const Named named = recordsNamed(path, table, word, time);
+  Candidates found = {.isListed = named.isListed, .versions = {}, .earliest = {}};
+  for (const Id record : named.records) {
     std::vector<FoundBlock> versions = versionsInUse(path, table, record);
     if (versions.empty()) continue;
     const uint32_t added = additionOf(versions);
@@ -99,18 +95,15 @@ Candidates recordAt(const std::string& path, const std::string& table, const std
   return found;
 }
 
-std::string nameOf(const std::string& path, const std::string& word) {
-  return path + ": '" + nameIn(word) + "'";
-}
-
-void reportDoubts(const std::string& path, const std::string& word, const FoundBlock& version,
-                  const FoundBlock* next) {
-  if (next != nullptr) {
+void reportDoubts(const std::string& path, const std::string& word, const RecordAt& record,
+                  bool isListed) {
+  const FoundBlock& version = *record.version;
+  if (record.next != nullptr) {
     complain(nameOf(path, word) + " is shown as it was written at " +
              timeText(version.modify_time) + "; the next version is of " +
-             timeText(next->modify_time) +
+             timeText(record.next->modify_time) +
              ", and what was changed in place between them is not in the file");
-  } else if (isDeleted(version)) {
+  } else if (isDeleted(version) && !isListed) {
     complain(nameOf(path, word) + " is shown as it was written at " +
              timeText(version.modify_time) +
              "; it has been deleted since, and the file does not say when");
@@ -121,33 +114,30 @@ void reportDoubts(const std::string& path, const std::string& word, const FoundB
 
 FoundBlock versionAt(const std::string& path, const std::string& table, const std::string& word,
                      int64_t time) {
-  const Candidates found = recordAt(path, table, word, time);
-  const std::vector<FoundBlock>& versions = found.versions;
+  const Candidates found = candidatesAt(path, table, word, time);
   if (!found.earliest) {
     throw Failure(nameOf(path, word) +
                   " has no version in the file; 'qvdb records' lists the records, with --deleted "
                   "the deleted ones");
   }
-  if (versions.empty()) {
+  if (found.versions.empty()) {
     throw Failure(nameOf(path, word) + " was added at " + timeText(*found.earliest) +
                   ", and was not there at " + timeText(time));
   }
-  const auto next = std::find_if(versions.begin(), versions.end(), [time](const FoundBlock& each) {
-    return each.modify_time > time;
-  });
-  if (next == versions.begin()) {
+  const RecordAt record = recordAt(found.versions, time);
+  const FoundBlock& version = *record.version;
+  if (record.state == RecordAt::State::lost) {
     throw Failure(nameOf(path, word) + " is no longer in the file as it was at " + timeText(time) +
                   ": it was changed in place later, or the file was compacted; its oldest version "
                   "is of " +
-                  timeText(next->modify_time));
+                  timeText(version.modify_time));
   }
-  const FoundBlock version = *std::prev(next);
-  if (version.grade == BlockGrade::c || version.there < version.length) {
+  if (record.state == RecordAt::State::damaged) {
     throw Failure(nameOf(path, word) + ": the version of " + timeText(version.modify_time) +
                   " is damaged; 'qvdb history --at " + std::to_string(version.offset) +
                   "' writes what is left of it");
   }
-  reportDoubts(path, word, version, next == versions.end() ? nullptr : &*next);
+  reportDoubts(path, word, record, found.isListed);
   return version;
 }
 
