@@ -1,5 +1,6 @@
 // qvdb map, qvdb hexdump, and where qvdb stat says the bytes are
 #include <cstdlib>
+#include <qvdbase/qvdb.hpp>
 #include <random>
 
 #include "tool/tool_fixture.h"
@@ -146,6 +147,62 @@ TEST_F(ToolHexdump, NamesTheFields) {
     EXPECT_NE(done({"hexdump", "test.qvd", "6459"}).find("table-data block at 6459"),
               std::string::npos);
   });
+}
+
+// A transaction that changes one record in place of 59 bytes, and its intent between that and the
+// new block.
+TEST_F(ToolHexdump, NamesTheFieldsOfWhatTransactionsWrite) {
+  {
+    auto database = qvdb::Database::create(path());
+    auto table = database.add_table("notes");
+    const qvdb::Id one = table.add(std::string("one"));
+    database.transaction([&](qvdb::Transaction&) { table.modify(one, std::string("ONE")); });
+  }
+  const auto extents = json({"map", "--json", "test.qvd"})["extents"];
+  ASSERT_EQ(extents.size(), 4u) << extents;
+  ASSERT_EQ(extents[2]["use"], "intent");
+  const auto size = extents[2]["size"].get<int64_t>();
+  const std::string text = done({"hexdump", "--length", "1000", "test.qvd", "4689"});
+  for (const char* part :
+       {"record block at 4689: intent\n", "magic                 QVtx", "sequence              1\n",
+        "ownPosition           4689, intent 0x0000000000000001\n", "lengthBefore          4689\n",
+        "blocksLength          59\n", "  blocksHash\n",
+        "entry                 slot 0, changes 144 bytes at 22\n"}) {
+    EXPECT_NE(text.find(part), std::string::npos) << part << " is not in " << text;
+  }
+  EXPECT_EQ(text.find("--length"), std::string::npos) << text;
+  // Each byte is in one field, without gaps.
+  int64_t end = 4689;
+  const auto shown = json({"hexdump", "--json", "--length", "1000", "test.qvd", "4689"});
+  for (const auto& field : shown["fields"]) {
+    EXPECT_EQ(field["offset"], end) << field;
+    end += static_cast<int64_t>(field["bytes"].get<std::string>().size() / 2);
+  }
+  EXPECT_EQ(end, 4689 + size);
+  EXPECT_NE(done({"hexdump", "--length", "1", "test.qvd", "4689"}).find("(--length shows more)"),
+            std::string::npos);
+  const std::string map = done({"map", "test.qvd"});
+  EXPECT_NE(map.find("i  intents"), std::string::npos) << map;
+  EXPECT_EQ(json({"stat", "--json", "test.qvd"})["space"]["intents"], size);
+  EXPECT_EQ(json({"stat", "--json", "test.qvd"})["space"]["superseded"], 59);
+}
+
+TEST_F(ToolHexdump, NamesTheFieldsOfThePendingWord) {
+  makeLively();
+  EXPECT_NE(done({"hexdump", "test.qvd", "4558"}).find("firstRecordPos        0, none"),
+            std::string::npos);
+  Bytes file = contents();
+  file.putLe(4558, 8, 4630);
+  file.putLe(4566, 8, 0x1122334455667788);
+  writeFile(path(), file);
+  allowDamage();
+  const std::string text = done({"hexdump", "test.qvd", "4566"});
+  for (const char* part :
+       {"slot 31 of the directory, with the pending word of transactions\n",
+        "start                 4630, record 0x", "  nonce\n", "  hash\n", "        4566 > 88 77"}) {
+    EXPECT_NE(text.find(part), std::string::npos) << part << " is not in " << text;
+  }
+  EXPECT_EQ(text.find("firstRecordPos"), std::string::npos) << text;
 }
 
 TEST_F(ToolHexdump, ShowsTheLineThatIsAskedFor) {

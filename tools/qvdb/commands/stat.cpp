@@ -1,5 +1,6 @@
 // qvdb stat: statistics of a database and its tables.
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "command_line/commands.h"
@@ -164,25 +165,49 @@ Gain gainOf(const std::string& file) {
 struct Part {
   const char* key;
   const char* name;
-  uint64_t bytes;
-  bool hasReserve = false;
+  std::vector<ExtentUse> uses;
 };
 
-std::vector<Part> partsOf(const SpaceUse& space) {
-  return {{"directory", "directory", space.directory},
-          {"records", "records", space.records, space.reserve != 0},
-          {"table_data", "table data", space.table_data},
-          {"superseded", "superseded", space.superseded},
-          {"deleted", "deleted", space.deleted},
-          {"unlinked", "never linked", space.unlinked},
-          {"lost", "lost", space.lost},
-          {"orphans", "of lost tables", space.orphans},
-          {"unknown", "no block", space.unknown}};
+const Part kParts[] = {
+    {"directory", "directory", {ExtentUse::directory}},
+    {"records", "records", {ExtentUse::record}},
+    {"table_data", "table data", {ExtentUse::table_data}},
+    {"superseded", "superseded", {ExtentUse::superseded}},
+    {"deleted", "deleted", {ExtentUse::deleted}},
+    {"intents", "intents", {ExtentUse::intent}},
+    {"unlinked", "never linked", {ExtentUse::unlinked}},
+    {"lost", "lost", {ExtentUse::lost}},
+    {"orphans", "of lost tables", {ExtentUse::orphan}},
+    {"unknown", "no block", {ExtentUse::torn, ExtentUse::unknown}},
+};
+
+// By a pass over every part of the file, as 'qvdb map' makes it.
+struct Space {
+  std::map<ExtentUse, uint64_t> bytes;
+  uint64_t reserve = 0;  // of records and table data
+
+  uint64_t of(const Part& part) const {
+    uint64_t sum = 0;
+    for (const ExtentUse use : part.uses) {
+      const auto found = bytes.find(use);
+      if (found != bytes.end()) sum += found->second;
+    }
+    return sum;
+  }
+};
+
+Space spaceOf(const std::string& file) {
+  Space space;
+  visit_extents(file, [&](const Extent& extent) {
+    space.bytes[extent.use] += static_cast<uint64_t>(extent.size);
+    space.reserve += static_cast<uint64_t>(extent.reserve);
+  });
+  return space;
 }
 
-void addSpace(Json* json, const SpaceUse& space, const Gain& gain, uint64_t size) {
+void addSpace(Json* json, const Space& space, const Gain& gain, uint64_t size) {
   Json parts;
-  for (const Part& part : partsOf(space)) parts[part.key] = part.bytes;
+  for (const Part& part : kParts) parts[part.key] = space.of(part);
   parts["reserve"] = space.reserve;
   (*json)["space"] = parts;
   Json compaction;
@@ -195,15 +220,15 @@ void addSpace(Json* json, const SpaceUse& space, const Gain& gain, uint64_t size
   (*json)["compact"] = compaction;
 }
 
-void printSpace(const SpaceUse& space, const Gain& gain, uint64_t size) {
+void printSpace(const Space& space, const Gain& gain, uint64_t size) {
   printLine("where the bytes are");
-  for (const Part& part : partsOf(space)) {
-    if (part.bytes == 0) continue;
+  for (const Part& part : kParts) {
+    if (space.of(part) == 0) continue;
     std::string line = "  " + std::string(part.name);
     line.resize(16, ' ');
-    line += std::to_string(part.bytes);
-    if (part.hasReserve)
-      line += ", with table data " + std::to_string(space.reserve) + " in reserve";
+    line += std::to_string(space.of(part));
+    const bool hasReserve = part.uses.front() == ExtentUse::record && space.reserve != 0;
+    if (hasReserve) line += ", with table data " + std::to_string(space.reserve) + " in reserve";
     printLine(line);
   }
   if (!gain.sizeAfter) return printLine("compact         refuses: " + escaped(gain.refusal));
@@ -230,7 +255,7 @@ void printHead(const Options& options, const Statistics& all) {
     printLine("unused          " + unused + " bytes of deleted and replaced contents");
   }
   if (!all.isOfAll || options.quick) return;
-  printSpace(check(options.file).space, gainOf(options.file), all.size);
+  printSpace(spaceOf(options.file), gainOf(options.file), all.size);
 }
 
 Json jsonOf(const Options& options, const Statistics& all) {
@@ -240,7 +265,7 @@ Json jsonOf(const Options& options, const Statistics& all) {
   if (all.isWhole) json["unused_bytes"] = all.walked.unused(all.size);
   if (all.isWhole && options.quick) json["unused_bytes_are_an_estimate"] = true;
   if (all.isOfAll && !options.quick) {
-    addSpace(&json, check(options.file).space, gainOf(options.file), all.size);
+    addSpace(&json, spaceOf(options.file), gainOf(options.file), all.size);
   }
   json["tables"] = Json::array();
   for (const TableStatistics& table : all.tables) json["tables"].push_back(jsonOf(table));
@@ -294,7 +319,7 @@ extern const Command kStatCommand = {
     "show statistics",
     R"(Walks over all records and shows, for each table, how many there are, their sizes and times, and
 where the bytes of the file are: in use, in reserve (capacity that no payload uses), superseded by
-newer versions, deleted, or damaged; and what 'qvdb compact' would gain, exactly, for which it
+newer versions, deleted, intents (what transactions noted), or damaged; and what 'qvdb compact' would gain, exactly, for which it
 reads the file as that does. With --quick the last 1000 and the first 1000 records of a table stand for
 the others, and what compact would gain is an estimate. Of a damaged chain only the part before the
 damage counts, and the status is 1. The file is only read.)",

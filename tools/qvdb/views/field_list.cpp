@@ -1,6 +1,7 @@
 // The fields of each structure in a database file.
 #include "views/field_list.h"
 
+#include "format/intent.h"
 #include "format/layout.h"
 
 using namespace qvdbase::format;
@@ -75,6 +76,36 @@ constexpr Field kTableData[] = {
     {"dataCapacity", tabledata::kDataCapacity, 4, number},
 };
 
+constexpr Field kPendingWord[] = {
+    {"start", pending::kStart, 8, position},
+    {"nonce", pending::kNonce, 8, FieldKind::bytes},
+    {"hash", pending::kHash, 8, FieldKind::bytes},
+};
+
+constexpr Field kIntent[] = {
+    {"magic", intent::kMagic, 8, text},
+    {"databaseID", intent::kDatabaseID, kIdentifierSize, identifier},
+    {"flags", intent::kFlags, 1, number},
+    {"state", intent::kState, 1, number},
+    {"entryCount", intent::kEntryCount, 4, number},
+    {"nonce", intent::kNonce, 8, FieldKind::bytes},
+    {"sequence", intent::kSequence, 8, number},
+    {"synced", intent::kSynced, 8, number},
+    {"ownPosition", intent::kOwnPosition, 8, position},
+    {"lengthBefore", intent::kLengthBefore, 8, number},
+    {"blocksLength", intent::kBlocksLength, 8, number},
+    {"blocksHash", intent::kBlocksHash, 16, FieldKind::bytes},
+    {"hash", intent::kHash, 16, FieldKind::bytes},
+};
+
+constexpr Field kPrelude[] = {
+    {"magic", prelude::kMagic, 8, text},
+    {"databaseID", prelude::kDatabaseID, kIdentifierSize, identifier},
+    {"ownPosition", prelude::kOwnPosition, 8, position},
+    {"length", prelude::kLength, 8, number},
+    {"hash", prelude::kHash, 8, FieldKind::bytes},
+};
+
 // The fields follow one another without gaps, up to the end of the structure.
 constexpr bool cover(std::span<const Field> fields, int64_t size) {
   int64_t end = 0;
@@ -88,6 +119,9 @@ static_assert(cover(kHeader, kDirectoryPos));
 static_assert(cover(kSlot, kSlotImageSize));
 static_assert(cover(kRecord, record::kData));
 static_assert(cover(kTableData, tabledata::kData));
+static_assert(cover(kPendingWord, pending::kSize));
+static_assert(cover(kIntent, intent::kEntries));
+static_assert(cover(kPrelude, prelude::kSize));
 
 }  // namespace
 
@@ -105,6 +139,18 @@ std::span<const Field> recordFields() {
 
 std::span<const Field> tableDataFields() {
   return kTableData;
+}
+
+std::span<const Field> pendingWordFields() {
+  return kPendingWord;
+}
+
+std::span<const Field> intentFields() {
+  return kIntent;
+}
+
+std::span<const Field> preludeFields() {
+  return kPrelude;
 }
 
 }  // namespace qvdb::tool

@@ -14,6 +14,7 @@ enum class FieldKind {
   position,    // of a block; 0 for none
   text,
   mark,
+  bytes,  // a hash, and what else has no value to show
   filler,
 };
 
@@ -27,6 +28,9 @@ struct Field {
 std::span<const Field> headerFields();
 std::span<const Field> slotFields();    // integers least significant byte first, unlike the others
 std::span<const Field> recordFields();  // up to the payload
-std::span<const Field> tableDataFields();  // up to the data
+std::span<const Field> tableDataFields();    // up to the data
+std::span<const Field> pendingWordFields();  // in the last slot; numbers as in slots
+std::span<const Field> intentFields();       // from the payload on, up to the entries
+std::span<const Field> preludeFields();      // from the payload on
 
 }  // namespace qvdb::tool

@@ -5,6 +5,7 @@
 
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "format/intent.h"
 #include "format/layout.h"
 #include "streams/interrupt.h"
 #include "streams/output.h"
@@ -52,6 +53,32 @@ bool isSumRight(std::string_view identifier) {
   uint64_t sum = 0;
   for (const char c : identifier.substr(0, kIdentitySize)) sum += static_cast<unsigned char>(c);
   return sum == numberOf(identifier.substr(kIdentitySize), false);
+}
+
+bool hasBytes(std::string_view bytes, std::span<const unsigned char> wanted) {
+  return std::ranges::equal(bytes, wanted, {},
+                            [](char c) { return static_cast<unsigned char>(c); });
+}
+
+// What an entry of an intent says of its place; null for what is no kind.
+const char* wordFor(EntryKind kind) {
+  switch (kind) {
+    case EntryKind::patch:
+    case EntryKind::backLink:
+      return "changes";
+    case EntryKind::guard:
+      return "requires";
+    case EntryKind::guardByHash:
+      return "requires by hash";
+  }
+  return nullptr;
+}
+
+// The bytes of its values: those before, and of a change those after, or the hash.
+int64_t valuesOf(EntryKind kind, int64_t length) {
+  constexpr int64_t kHashSize = 8;
+  if (kind == EntryKind::guardByHash) return length + kHashSize;
+  return isPatch(kind) ? 2 * length : length;
 }
 
 class Dump {
@@ -121,8 +148,20 @@ class Dump {
     const int64_t begin = slotPosition(index, size);
     title_ = "slot " + std::to_string(index) + " of the directory";
     end_ = std::min(end_, begin + size);
-    addFields(begin, slotFields(), true);
+    for (const Field& field : slotFields()) addSlotField(begin, field);
     addBytes("filler", begin + kSlotImageSize, end_);
+  }
+
+  // In the place of three fields of the last slot is the pending word, unless it is zero.
+  void addSlotField(int64_t begin, const Field& field) {
+    const int64_t place = begin + field.offset - pending::kPosition;
+    const bool isInWord = place >= 0 && place < pending::kSize;
+    if (!isInWord || numberOf(file_.read(pending::kPosition, 8), true) == 0) {
+      return addField(begin + field.offset, field, true);
+    }
+    if (place != 0) return;
+    title_ += ", with the pending word of transactions";
+    addFields(pending::kPosition, pendingWordFields(), true);
   }
 
   // A block that overlaps another may be there in part only; then its first bytes are not here.
@@ -144,10 +183,54 @@ class Dump {
     const int64_t data = extent.offset + fields.back().offset + fields.back().size;
     const auto length = static_cast<int64_t>(lastNumbers_[0]);
     const auto capacity = static_cast<int64_t>(lastNumbers_[1]);
-    addBytes("data", data, data + std::min(length, capacity));
+    const int64_t end = data + std::min(length, capacity);
+    if (extent.use != ExtentUse::intent || !addIntent(data, end)) addBytes("data", data, end);
     addBytes("fill", data + std::min(length, capacity), data + capacity);
     addField(data + capacity, {"blockEndMark", 0, 1, FieldKind::mark}, false);
     addBytes("", data + capacity + 1, end_);
+  }
+
+  // The payload of an intent, or of a prelude to one. False where it is neither.
+  bool addIntent(int64_t begin, int64_t end) {
+    const std::string magic = file_.read(begin, sizeof kIntentMagic);
+    if (hasBytes(magic, kPreludeMagic)) {
+      addFields(begin, preludeFields(), false);
+      addBytes("data", begin + prelude::kSize, end);
+      return true;
+    }
+    if (!hasBytes(magic, kIntentMagic)) return false;
+    addFields(begin, intentFields(), false);
+    addEntries(begin + intent::kEntries, end);
+    return true;
+  }
+
+  // Those from the wanted byte on; of many the first ones. Bytes that are no entry end them.
+  void addEntries(int64_t begin, int64_t end) {
+    end = std::min(end, end_);
+    int64_t left = static_cast<int64_t>(options_.length.value_or(kBytesShown));
+    int64_t at = begin;
+    for (int64_t size = 0; at < end; at += size) {
+      const std::string head = file_.read(at, std::min<int64_t>(intent::kEntryValues, end - at));
+      const auto numberIn = [&](int from, size_t count) {
+        return numberOf(std::string_view(head).substr(static_cast<size_t>(from), count), false);
+      };
+      if (head.size() < intent::kEntryValues) break;
+      const auto kind = static_cast<EntryKind>(numberIn(intent::kEntryKind, 1));
+      const auto length = static_cast<int64_t>(numberIn(intent::kEntryLength, 2));
+      size = intent::kEntryValues + valuesOf(kind, length);
+      if (size > end - at || wordFor(kind) == nullptr) break;
+      if (wanted_ >= at + size) continue;
+      if (left <= 0) {
+        rest_ = "(--length shows more)";
+        return;
+      }
+      left -= size;
+      const std::string value = "slot " + std::to_string(numberIn(intent::kEntrySlot, 1)) + ", " +
+                                wordFor(kind) + " " + std::to_string(length) + " bytes at " +
+                                std::to_string(numberIn(intent::kEntryPosition, 8));
+      entries_.push_back({at, file_.read(at, size), "entry", value, false});
+    }
+    addBytes("data", at, end);
   }
 
   void addFields(int64_t begin, std::span<const Field> fields, bool isLittleEndian) {
@@ -182,6 +265,7 @@ class Dump {
         return escaped(std::string_view(bytes).substr(0, bytes.find_last_not_of('\0') + 1));
       case FieldKind::mark:
         return std::to_string(number);
+      case FieldKind::bytes:
       case FieldKind::filler:
         break;
     }
