@@ -1,8 +1,10 @@
 #include "upkeep/dead_tiles.h"
 
 #include <algorithm>
+#include <bit>
 #include <vector>
 
+#include "platform/host/large_array.h"
 #include "recovery/survey/candidates.h"
 #include "support/seeded_hash.h"
 
@@ -17,37 +19,39 @@ namespace {
 class DeadRecords {
  public:
   struct Entry {
-    uint64_t recordID = 0;
-    uint32_t last = Tiles::kNone;  // tile
-    bool isLive = false;           // the record has a live tile, too
+    uint64_t recordID;
+    uint32_t tile;  // the number after that of the last one
+    uint8_t owner;
+    bool isLive;  // the record has a live tile, too
+    uint32_t last() const { return tile - 1; }
   };
 
-  DeadRecords(const Tiles& tiles, size_t count) : tiles_(tiles) {
-    while (places_ < 2 * count) places_ *= 2;
-    entries_.resize(places_);
-    filter_.resize(places_ * kFilterBits / 64);
-  }
+  explicit DeadRecords(size_t count)
+      : places_(std::bit_ceil(std::max<size_t>(2 * count, 64))),
+        entries_(places_),
+        filter_(places_ * kFilterBits / 64) {}
 
   // In the order of the file.
-  void add(uint32_t number) {
-    const Tile& tile = tiles_[number];
+  void add(uint32_t number, const Tile& tile) {
     const uint64_t hash = hashOf(tile);
-    Entry& entry = entries_[placeOf(tile, hash)];
-    entry.recordID = tile.recordID;
-    entry.last = number;
+    entryOf(tile, hash) = {tile.recordID, number + 1, tile.owner, false};
     filter_[wordOf(hash)] |= bitOf(hash);
+  }
+
+  // Whether there may be an entry with the tile's record.
+  bool mayHave(const Tile& tile) const {
+    const uint64_t hash = hashOf(tile);
+    return (filter_[wordOf(hash)] & bitOf(hash)) != 0;
   }
 
   // The entry with the tile's record, or null.
   Entry* find(const Tile& tile) {
-    const uint64_t hash = hashOf(tile);
-    if ((filter_[wordOf(hash)] & bitOf(hash)) == 0) return nullptr;
-    Entry& entry = entries_[placeOf(tile, hash)];
-    return entry.last == Tiles::kNone ? nullptr : &entry;
+    Entry& entry = entryOf(tile, hashOf(tile));
+    return entry.tile == 0 ? nullptr : &entry;
   }
 
-  // One for each place; those that hold a record have a tile.
-  const std::vector<Entry>& entries() const { return entries_; }
+  // To be called a little before.
+  void prefetch(const Tile& tile) const { __builtin_prefetch(&entries_[placeOf(hashOf(tile))]); }
 
  private:
   static constexpr size_t kFilterBits = 8;  // for a place
@@ -60,22 +64,22 @@ class DeadRecords {
   }
   static uint64_t bitOf(uint64_t hash) { return uint64_t{1} << (hash & 63); }
 
-  size_t placeOf(const Tile& tile, uint64_t hash) const {
-    size_t place = static_cast<size_t>(hash >> 20) & (places_ - 1);
-    while (entries_[place].last != Tiles::kNone && !isOf(entries_[place], tile)) {
-      place = (place + 1) & (places_ - 1);
-    }
-    return place;
-  }
-  bool isOf(const Entry& entry, const Tile& tile) const {
-    return entry.recordID == tile.recordID && tiles_[entry.last].owner == tile.owner;
+  size_t placeOf(uint64_t hash) const { return static_cast<size_t>(hash >> 20) & (places_ - 1); }
+
+  // That of the record, or the free one where it would be.
+  Entry& entryOf(const Tile& tile, uint64_t hash) {
+    size_t place = placeOf(hash);
+    const auto isOther = [&](const Entry& each) {
+      return each.tile != 0 && (each.recordID != tile.recordID || each.owner != tile.owner);
+    };
+    while (isOther(entries_[place])) place = (place + 1) & (places_ - 1);
+    return entries_[place];
   }
 
-  const Tiles& tiles_;
   const support::HashSeed seed_ = support::hashSeed();
-  size_t places_ = 64 / kFilterBits;
-  std::vector<Entry> entries_;
-  std::vector<uint64_t> filter_;
+  const size_t places_;
+  platform::LargeArray<Entry> entries_;
+  platform::LargeArray<uint64_t> filter_;
 };
 
 class DeadTiles {
@@ -88,16 +92,17 @@ class DeadTiles {
         tables_(directory->knownOwners) {}
 
   bool areExplained() {
-    size_t records = 0;
     for (uint32_t number = 0; number < tiles_.size(); ++number) {
       const Tile& tile = tiles_[number];
-      if (tile.isLive) {
-        count(tile);
+      if (!tile.isLive) {
+        (tile.kind == BlockKind::record ? records_ : data_).push_back(number);
       } else if (tile.kind == BlockKind::record) {
-        ++records;
+        ++tables_[tile.owner].live;
+      } else {
+        tables_[tile.owner].data = tile.position;
       }
     }
-    return areFreeOfBlocks() && areDataReplaced() && (records == 0 || areRecordsOld(records));
+    return areFreeOfBlocks() && areDataReplaced() && (records_.empty() || areRecordsOld());
   }
 
  private:
@@ -109,26 +114,17 @@ class DeadTiles {
     int64_t data = 0;        // where its data is
   };
 
-  void count(const Tile& tile) {
-    Seen& table = tables_[tile.owner];
-    if (tile.kind == BlockKind::record) {
-      ++table.live;
-    } else {
-      table.data = tile.position;
-    }
-  }
-
   // ---- blocks and databases inside of dead tiles, to which these would belong
 
   bool areFreeOfBlocks() {
-    for (const Tiles::Hit& hit : tiles_.hits()) {
-      if (!tiles_[hit.tile].isLive && isReal(hit.position, hit.isHeader)) return false;
-    }
-    for (uint32_t number = 0; number < tiles_.size(); ++number) {
-      const Tile& tile = tiles_[number];
-      if (!tile.isLive && !Tiles::isSearched(tile) && !isFreeOfBlocks(tile)) return false;
-    }
-    return true;
+    const bool isAnyReal = std::ranges::any_of(tiles_.hits(), [this](const Tiles::Hit& hit) {
+      return !tiles_[hit.tile].isLive && isReal(hit.position, hit.isHeader);
+    });
+    const auto isFree = [this](uint32_t number) {
+      return Tiles::isSearched(tiles_[number]) || isFreeOfBlocks(tiles_[number]);
+    };
+    return !isAnyReal && std::ranges::all_of(records_, isFree) &&
+           std::ranges::all_of(data_, isFree);
   }
 
   bool isReal(int64_t position, bool isHeader) {
@@ -155,43 +151,56 @@ class DeadTiles {
   // ---- table data
 
   bool areDataReplaced() const {
-    for (uint32_t number = 0; number < tiles_.size(); ++number) {
+    return std::ranges::all_of(data_, [this](uint32_t number) {
       const Tile& tile = tiles_[number];
-      if (tile.isLive || tile.kind != BlockKind::tableData) continue;
-      if (tables_[tile.owner].data < tile.position) return false;
-    }
-    return true;
+      return tile.position < tables_[tile.owner].data;
+    });
   }
 
   // ---- records
 
-  bool areRecordsOld(size_t count) {
-    DeadRecords records(tiles_, count);
+  bool areRecordsOld() {
+    DeadRecords records(records_.size());
+    // The memory is asked for each entry some time before it is used.
+    const auto eachOf = [&](const std::vector<uint32_t>& numbers, const auto& visit) {
+      constexpr size_t kAhead = 40;
+      for (size_t i = 0; i < numbers.size(); ++i) {
+        if (i + kAhead < numbers.size()) records.prefetch(tiles_[numbers[i + kAhead]]);
+        if (!visit(numbers[i])) return false;
+      }
+      return true;
+    };
+    eachOf(records_, [&](uint32_t number) {
+      records.add(number, tiles_[number]);
+      return true;
+    });
+    std::vector<uint32_t> moved;
     for (uint32_t number = 0; number < tiles_.size(); ++number) {
       const Tile& tile = tiles_[number];
-      if (!tile.isLive && tile.kind == BlockKind::record) records.add(number);
+      const bool isLive = tile.isLive && tile.kind == BlockKind::record;
+      if (isLive && records.mayHave(tile)) moved.push_back(number);
     }
-    for (uint32_t number = 0; number < tiles_.size(); ++number) {
-      const Tile& tile = tiles_[number];
-      if (!tile.isLive || tile.kind != BlockKind::record) continue;
-      DeadRecords::Entry* const entry = records.find(tile);
-      if (entry == nullptr) continue;
-      if (entry->last > number) return false;  // a move that was cut off
-      entry->isLive = true;
-    }
-    for (const DeadRecords::Entry& each : records.entries()) {
-      if (each.last == Tiles::kNone || each.isLive) continue;
-      if (!isDeleted(tiles_[each.last])) return false;
-    }
-    return std::ranges::all_of(tables_, [this](const Seen& each) { return areDecided(each); });
+    const bool isWhole = eachOf(moved, [&](uint32_t number) {
+      DeadRecords::Entry* const entry = records.find(tiles_[number]);
+      if (entry != nullptr) entry->isLive = true;
+      return entry == nullptr || entry->last() < number;  // or a move was cut off
+    });
+    const bool isOld = isWhole && eachOf(records_, [&](uint32_t number) {
+                         const DeadRecords::Entry& entry = *records.find(tiles_[number]);
+                         return entry.last() != number || entry.isLive || isDeleted(number);
+                       });
+    return isOld &&
+           std::ranges::all_of(tables_, [this](const Seen& each) { return areDecided(each); });
   }
 
   // A neighbour that still names it would show that the chain was broken there.
-  bool isDeleted(const Tile& tile) {
+  bool isDeleted(uint32_t number) {
+    const Tile& tile = tiles_[number];
+    const uint32_t near = number < kNear ? Tiles::kNone : number - kNear;
     const auto names = [&](int64_t neighbour, int64_t Tile::*link) {
-      const uint32_t number = tiles_.find(neighbour);
-      return number != Tiles::kNone && tiles_[number].isRecordOf(tile.owner) &&
-             tiles_[number].*link == tile.position;
+      const uint32_t found = tiles_.find(neighbour, near);
+      return found != Tiles::kNone && tiles_[found].isRecordOf(tile.owner) &&
+             tiles_[found].*link == tile.position;
     };
     Seen& table = tables_[tile.owner];
     ++table.deleted;
@@ -207,11 +216,16 @@ class DeadTiles {
     return table.live + table.deleted <= slot->fields.recordWriteCount;
   }
 
+  // A neighbour that was not moved begins so few tiles before it, or as soon after it.
+  static constexpr uint32_t kNear = 3;
+
   const ByteSource& source_;
   const Tiles& tiles_;
   const Survey& directory_;
   CandidateReader reader_;
-  std::vector<Seen> tables_;  // by owner
+  std::vector<Seen> tables_;       // by owner
+  std::vector<uint32_t> records_;  // those that are not live, in the order of the file
+  std::vector<uint32_t> data_;     // the same of table data
 };
 
 }  // namespace
