@@ -63,15 +63,18 @@ bool GatheredBlocks::finish() {
 
 bool GatheredBlocks::write() {
   if (blocks_.empty()) return true;
-  if (image_.size() < size_) image_.resize(size_);
+  if (image_.size() < size_) {
+    image_ = {};  // never two of them
+    image_ = platform::LargeArray<unsigned char>(size_);
+  }
   if (!readAll()) return false;
   here_ = output_.position();
-  unsigned char* bytes = image_.data();
+  unsigned char* bytes = image_.begin();
   for (const LiveBlock* each : blocks_) {
     if (!finishBlock(*each, bytes)) return false;
     bytes += sizeOf(*each);
   }
-  output_.pass(image_.data(), size_);
+  output_.pass(image_.begin(), size_);
   blocks_.clear();
   size_ = 0;
   return true;
@@ -80,16 +83,17 @@ bool GatheredBlocks::write() {
 // ---- reading in the order of the source
 
 bool GatheredBlocks::readAll() {
-  Blocks order;
-  order.reserve(blocks_.size());
+  order_.clear();
+  order_.reserve(blocks_.size());
   size_t place = 0;
   for (uint32_t i = 0; i < blocks_.size(); ++i) {
-    order.push_back({static_cast<uint64_t>(blocks_[i]->position), i, static_cast<uint32_t>(place)});
+    order_.push_back(
+        {static_cast<uint64_t>(blocks_[i]->position), i, static_cast<uint32_t>(place)});
     place += sizeOf(*blocks_[i]);
   }
-  support::sortByKey(&order);
-  const KeyedNumber* const end = order.data() + order.size();
-  for (const KeyedNumber* begin = order.data(); begin != end;) {
+  support::sortByKey(&order_);
+  const KeyedNumber* const end = order_.data() + order_.size();
+  for (const KeyedNumber* begin = order_.data(); begin != end;) {
     const KeyedNumber* next = begin + 1;
     int64_t reached = endOfCopied(blockOf(*begin));
     for (; next != end; ++next) {
@@ -108,7 +112,7 @@ bool GatheredBlocks::readAll() {
 bool GatheredBlocks::readPiece(const KeyedNumber* begin, const KeyedNumber* end) {
   const int64_t position = blockOf(*begin).position;
   const auto size = static_cast<size_t>(endOfCopied(blockOf(end[-1])) - position);
-  if (isOneRun(begin, end)) return source_.readAll(position, image_.data() + begin->note, size);
+  if (isOneRun(begin, end)) return source_.readAll(position, image_.begin() + begin->note, size);
   if (piece_.size() < size) piece_.resize(size);
   if (!source_.readAll(position, piece_.data(), size)) return false;
   copyRuns(begin, end);
@@ -141,7 +145,7 @@ void GatheredBlocks::copyRuns(const KeyedNumber* begin, const KeyedNumber* end) 
       if (!follows) break;
       size += static_cast<size_t>(endOfCopied(block) - block.position);
     }
-    std::memcpy(image_.data() + begin->note, piece_.data() + (first.position - from), size);
+    std::memcpy(image_.begin() + begin->note, piece_.data() + (first.position - from), size);
     begin = next;
   }
 }

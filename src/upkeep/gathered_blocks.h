@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/host/large_array.h"
 #include "products/buffered_output.h"
 #include "recovery/survey/byte_source.h"
 #include "support/keyed_numbers.h"
@@ -70,7 +71,8 @@ class GatheredBlocks {
   products::BufferedOutput& output_;
   std::vector<const LiveBlock*> blocks_;  // in the new order
   size_t size_ = 0;                       // of all of them
-  std::vector<unsigned char> image_;
+  Blocks order_;                          // in that of the source
+  platform::LargeArray<unsigned char> image_;
   std::vector<unsigned char> piece_;  // of the source
   uint64_t made_ = 0;                 // checksums
   int64_t here_ = 0;                  // where the block goes whose head is set next

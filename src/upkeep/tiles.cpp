@@ -22,20 +22,15 @@ bool isSizesPattern(const uint8_t* bytes) {
          loadBigEndian<uint16_t>(bytes + 2) == kSlotImageSize;
 }
 
-// Whether there is a hit at any of `count` places. Without a branch in the loop, which becomes one
-// for vectors so.
-bool hasHit(const uint8_t* bytes, size_t count) {
+// Whether there may be a hit at any of `count` places. Without a branch in the loop, which becomes
+// one for vectors so; a part of a hit is enough to rule nearly all places out.
+bool mayHaveHit(const uint8_t* bytes, size_t count) {
   uint8_t found = 0;
   for (size_t i = 0; i < count; ++i) {
-    const auto equal = [&](size_t after, unsigned value) {
-      return static_cast<uint8_t>(bytes[i + after] == value);
-    };
-    const auto block = static_cast<uint8_t>(
-        equal(1, 0) & ((equal(0, kRecordMark) & equal(2, kRecordHeaderSize)) |
-                       (equal(0, kTableDataMark) & equal(2, kTableDataHeaderSize))));
-    const auto sizes = static_cast<uint8_t>(equal(0, 0) & equal(1, kNewSlotCount) & equal(2, 0) &
-                                            equal(3, kSlotImageSize));
-    found = static_cast<uint8_t>(found | block | sizes);
+    const int isMark = (bytes[i] == kRecordMark) | (bytes[i] == kTableDataMark);
+    const int isBlock = isMark & (bytes[i + 1] == 0);
+    const int isHeader = (bytes[i] == 0) & (bytes[i + 2] == 0) & (bytes[i + 3] == kSlotImageSize);
+    found = static_cast<uint8_t>(found | isBlock | isHeader);
   }
   return found != 0;
 }
@@ -55,7 +50,7 @@ bool Tiles::read(const ByteSource& source, const Survey& directory) {
   int64_t position = directory.blocksStart;
   while (position < directory.size) {
     if (!readOne(position, directory, &window) || hits_.size() > kMostHits) return false;
-    position = tiles_.back().end();
+    position = tiles_[size() - 1].end();
   }
   ranges_ = PositionRanges(size(), [this](uint32_t number) { return tiles_[number].position; });
   return true;
@@ -63,7 +58,7 @@ bool Tiles::read(const ByteSource& source, const Survey& directory) {
 
 bool Tiles::readOne(int64_t position, const Survey& directory, Window* window) {
   const int64_t left = directory.size - position;
-  if (left < tabledata::kData || tiles_.size() == kNone) return false;
+  if (left < tabledata::kData || size() == kNone) return false;
   const uint8_t* const bytes =
       window->at(position, static_cast<size_t>(std::min(left, int64_t{record::kData})));
   if (bytes == nullptr || !isBlockStart(bytes)) return false;
@@ -71,9 +66,17 @@ bool Tiles::readOne(int64_t position, const Survey& directory, Window* window) {
   const Block block = decodeBlock(position, bytes);
   const uint32_t owner = ownerWith(bytes + record::kTableID, directory);
   if (block.flaws != 0 || owner == kNoBlock || block.claimedEnd() > directory.size) return false;
-  tiles_.push_back({position, block.prev, block.next, block.recordID, block.length, block.capacity,
-                    static_cast<uint8_t>(owner), block.kind});
-  return readRest(tiles_.back(), directory.size, window);
+  const Tile tile = {position,
+                     block.prev,
+                     block.next,
+                     block.recordID,
+                     block.length,
+                     block.capacity,
+                     static_cast<uint8_t>(owner),
+                     block.kind,
+                     false};
+  tiles_.add(tile, static_cast<uint64_t>(left / kTableDataBlockOverhead) + 1);
+  return readRest(tile, directory.size, window);
 }
 
 // The end mark, and the hits of a tile that is not large.
@@ -85,12 +88,13 @@ bool Tiles::readRest(const Tile& tile, int64_t fileSize, Window* window) {
   const uint8_t* const bytes = window->at(tile.position, there);
   if (bytes == nullptr || bytes[size - 1] != kBlockEndMark) return false;
   const size_t places = std::min(size, there - static_cast<size_t>(kOverhang)) - 1;
-  if (hasHit(bytes + 1, places)) addHits(tile, bytes, places + 1);
+  if (mayHaveHit(bytes + 1, places)) addHits(tile, bytes, places + 1);
   return true;
 }
 
 void Tiles::addHits(const Tile& tile, const uint8_t* bytes, size_t count) {
   for (size_t i = 1; i < count; ++i) {
+    if (bytes[i] != 0 && bytes[i + 1] != 0) continue;
     const int64_t position = tile.position + static_cast<int64_t>(i);
     if (isBlockStart(bytes + i)) hits_.push_back({position, size() - 1, false});
     if (isSizesPattern(bytes + i)) hits_.push_back({position - kSlotCountPos, size() - 1, true});

@@ -2,9 +2,11 @@
 // one before it: 52 bytes of memory for each.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
+#include "platform/host/large_array.h"
 #include "recovery/survey/byte_source.h"
 #include "recovery/survey/position_ranges.h"
 #include "recovery/survey/survey.h"
@@ -13,20 +15,41 @@
 namespace qvdbase::upkeep {
 
 struct Tile {
-  int64_t position = 0;
-  int64_t prev = 0;
-  int64_t next = 0;
-  uint64_t recordID = 0;
-  uint32_t length = 0;
-  uint32_t capacity = 0;
-  uint8_t owner = 0;  // index in Survey::owners
-  survey::BlockKind kind = survey::BlockKind::record;
-  bool isLive = false;  // in the chain of its table, or its data
+  int64_t position;
+  int64_t prev;
+  int64_t next;
+  uint64_t recordID;
+  uint32_t length;
+  uint32_t capacity;
+  uint8_t owner;  // index in Survey::owners
+  survey::BlockKind kind;
+  bool isLive;  // in the chain of its table, or its data
 
   int64_t end() const { return position + survey::headSizeOf(kind) + int64_t{capacity} + 1; }
   bool isRecordOf(uint32_t table) const {
     return kind == survey::BlockKind::record && owner == table;
   }
+};
+
+// Many tiles, which stay where they are while others are added, in large pages where the host has
+// them.
+class TileArray {
+ public:
+  uint32_t size() const { return size_; }
+  Tile& operator[](uint32_t number) { return parts_[number / kPart][number % kPart]; }
+  const Tile& operator[](uint32_t number) const { return parts_[number / kPart][number % kPart]; }
+
+  // `more` is how many may follow, this one included.
+  void add(const Tile& tile, uint64_t more) {
+    if (size_ % kPart == 0) parts_.emplace_back(std::min<uint64_t>(more, kPart));
+    (*this)[size_++] = tile;
+  }
+
+ private:
+  static constexpr uint32_t kPart = 1 << 17;
+
+  std::vector<platform::LargeArray<Tile>> parts_;
+  uint32_t size_ = 0;
 };
 
 class Tiles {
@@ -45,13 +68,13 @@ class Tiles {
   // writes it, where the source cannot be read, and where there are very many hits.
   bool read(const survey::ByteSource& source, const survey::Survey& directory);
 
-  uint32_t size() const { return static_cast<uint32_t>(tiles_.size()); }
+  uint32_t size() const { return tiles_.size(); }
   Tile& operator[](uint32_t number) { return tiles_[number]; }
   const Tile& operator[](uint32_t number) const { return tiles_[number]; }
 
   // The number of the tile that begins there, or kNone. It is found at once soon after `near`.
   uint32_t find(int64_t position, uint32_t near = kNone) const {
-    constexpr uint32_t kSoon = 3;
+    constexpr uint32_t kSoon = 6;
     for (uint32_t number = near + 1; number - near <= kSoon && number < size(); ++number) {
       if (tiles_[number].position == position) return number;
     }
@@ -73,7 +96,7 @@ class Tiles {
   bool readRest(const Tile& tile, int64_t fileSize, survey::Window* window);
   void addHits(const Tile& tile, const uint8_t* bytes, size_t count);
 
-  std::vector<Tile> tiles_;
+  TileArray tiles_;
   std::vector<Hit> hits_;
   survey::PositionRanges ranges_;
 };
