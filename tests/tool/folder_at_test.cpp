@@ -234,5 +234,82 @@ TEST_F(FolderAtATime, IsPrintedInParts) {
   });
 }
 
+TEST_F(FolderAtATime, IsWrittenInPart) {
+  Outcome outcome = exportAt(2000, {"sub/b", "l*"});
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  EXPECT_EQ(outcome.out, "exported 1 file, 9 bytes\n");
+  EXPECT_TRUE(fs::is_symlink(path("out/link")));
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(path("out")), {}), 3);
+  outcome = exportAt(2000, {"a", "c"});
+  EXPECT_EQ(outcome.status, 1);
+  expectOneLine(outcome.err, {"had no 'c' at"});
+  EXPECT_FALSE(fs::exists(path("out")));
+}
+
+class ExportInPart : public ToolTest {
+ protected:
+  void SetUp() override {
+    fs::create_directories(path("in/sub/empty"));
+    writeFile(path("in/a"), bytesOf("a"));
+    writeFile(path("in/7"), bytesOf("seven"));
+    writeFile(path("in/sub/b"), bytesOf("b"));
+    writeFile(path("in/sub/c.txt"), bytesOf("c"));
+    fs::permissions(path("in/sub"), fs::perms(0710));
+    fs::create_symlink("a", path("in/link"));
+    done({"create", "test.qvd"});
+    done({"import", "test.qvd", "files", "in/"});
+    unnamed_ = line({"put", "test.qvd", "files", "in/a"});
+  }
+
+  std::vector<std::string> exported(const Words& names) {
+    fs::remove_all(path("out"));
+    Words words = {"export", "test.qvd", "files", "out"};
+    words.insert(words.end(), names.begin(), names.end());
+    done(words);
+    std::vector<std::string> found;
+    for (const auto& each : fs::recursive_directory_iterator(path("out"))) {
+      found.push_back(each.path().lexically_relative(path("out")).native());
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+
+  std::string unnamed_;
+};
+
+TEST_F(ExportInPart, WritesWhatTheNamesMean) {
+  expectOnlyRead([&] {
+    EXPECT_EQ(exported({"a"}), (Words{"a"}));
+    EXPECT_EQ(exported({"sub"}), (Words{"sub", "sub/b", "sub/c.txt", "sub/empty"}));
+    EXPECT_EQ(fs::status(path("out/sub")).permissions(), fs::perms(0710));
+    EXPECT_EQ(exported({"**/*.txt", "link"}), (Words{"link", "sub", "sub/c.txt"}));
+    EXPECT_EQ(exported({"./7", "a", "a"}), (Words{"7", "a"}));
+    EXPECT_EQ(exported({unnamed_}), (Words{unnamed_}));
+    const auto records = json({"records", "--json", "test.qvd", "files"})["records"];
+    EXPECT_EQ(exported({records[0]["id"]}), (Words{records[0]["name"]}));
+    EXPECT_EQ(readFile(path("out") / std::string(records[0]["name"])), bytesOf("seven"));
+  });
+}
+
+TEST_F(ExportInPart, WritesNothingWhereANameMeansNothing) {
+  expectOnlyRead([&] {
+    fails({"export", "test.qvd", "files", "out", "a", "none"}, 1, {"'none'", "'qvdb records'"});
+    fails({"export", "test.qvd", "files", "out", "none*"}, 1, {"matches 'none*'"});
+    fails({"export", "test.qvd", "files", "out", "0x1"}, 1, {"no record 0x"});
+    fails({"export", "--by-id", "test.qvd", "files", "out", "a"}, 1, {"'a'", "identifier"});
+    fails({"export", "--copy", "-", "test.qvd", "files", "out", "a"}, 2, {"FOLDER"});
+  });
+  EXPECT_FALSE(fs::exists(path("out")));
+}
+
+TEST_F(ExportInPart, FailsForAFileWithoutARecord) {
+  const std::string id = json({"records", "--json", "test.qvd", "files"})["records"][1]["id"];
+  qvdb::Database::open(path(), qvdb::Mode::exclusive).table("files").remove(*qvdb::parse_id(id));
+  const Outcome outcome = run({"export", "test.qvd", "files", "out", "a", "./7"});
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  expectOneLine(outcome.err, {"1 name has no record"});
+  EXPECT_EQ(outcome.out, "exported 1 file, 5 bytes\n");
+}
+
 }  // namespace
 }  // namespace qvdbase::test

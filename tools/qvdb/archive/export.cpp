@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <exception>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "archive/export_at.h"
 #include "archive/folder_writer.h"
@@ -17,6 +18,7 @@
 #include "commands/locate.h"
 #include "commands/payload_limit.h"
 #include "formats/export_rows.h"
+#include "selection/chosen_records.h"
 #include "streams/given_time.h"
 #include "streams/interrupt.h"
 #include "streams/output.h"
@@ -30,6 +32,7 @@ struct Options {
   std::string file;
   std::optional<std::string> table;
   std::optional<std::string> folder;
+  std::vector<std::string> names;
   FolderOptions folderOptions;
   bool byId = false;
   RowTargets rows;
@@ -37,11 +40,49 @@ struct Options {
   std::optional<std::string> at;
 };
 
+// What of a table is exported, where that is not all.
+struct Part {
+  std::unordered_set<size_t> entries;  // places in the list of names
+  std::unordered_set<Id> records;
+};
+
+// Throws Failure for a word that means nothing in the table.
+std::optional<Part> partOf(const Database& database, const Table& table,
+                           const std::optional<ImportedFiles>& files,
+                           const std::vector<std::string>& words) {
+  if (words.empty()) return std::nullopt;
+  Part part;
+  std::optional<ListedNames> names;
+  if (files) names.emplace(*files);
+  for (const std::string& word : words) {
+    throwIfInterrupted();
+    if (const auto id = parse_id(word)) {
+      part.records.insert(findRecord(database, table, word).id());
+      if (const auto entry = files ? files->find(*id) : std::nullopt) part.entries.insert(*entry);
+      continue;
+    }
+    if (!files) throw noIdentifier(word);
+    const std::vector<size_t> found = names->find(word);
+    if (found.empty()) throw noSuchName(database, table, *files, word);
+    for (const size_t entry : found) {
+      part.entries.insert(entry);
+      const ImportedFile& file = files->list()[entry];
+      if (file.kind == FileKind::file) part.records.insert(file.record);
+    }
+  }
+  return part;
+}
+
 class Exporter {
  public:
   Exporter(const Database& database, const Table& table, std::optional<ImportedFiles> files,
-           FolderWriter& writer, bool force)
-      : table_(table), files_(std::move(files)), writer_(writer), force_(force), limit_(database) {
+           std::optional<Part> part, FolderWriter& writer, bool force)
+      : table_(table),
+        files_(std::move(files)),
+        part_(std::move(part)),
+        writer_(writer),
+        force_(force),
+        limit_(database) {
     if (files_) isWritten_.resize(files_->list().size());
   }
 
@@ -57,12 +98,14 @@ class Exporter {
   template <typename Take>
   void forEachFile(Take take);
   void finishFolders();
+  bool isWanted(const ImportedFile& file) const;
   ImportedFile fileOf(const Record& record);
   template <typename Take>
   void forEachNamed(FileKind kind, Take take);
 
   const Table& table_;
   std::optional<ImportedFiles> files_;
+  std::optional<Part> part_;  // nothing for all
   FolderWriter& writer_;
   bool force_;
   PayloadLimit limit_;
@@ -72,12 +115,17 @@ class Exporter {
   uint64_t bytesDone_ = 0;
 };
 
+// Of an entry of the list.
+bool Exporter::isWanted(const ImportedFile& file) const {
+  return !part_ || part_->entries.contains(static_cast<size_t>(&file - files_->list().data()));
+}
+
 template <typename Take>
 void Exporter::forEachNamed(FileKind kind, Take take) {
   if (!files_) return;
   for (const ImportedFile& file : files_->list()) {
     throwIfInterrupted();
-    if (file.kind != kind) continue;
+    if (file.kind != kind || !isWanted(file)) continue;
     // Of two links of a name the later one counts.
     if (kind == FileKind::link && &file != &files_->list()[*files_->find(file.name)] &&
         files_->list()[*files_->find(file.name)].kind == FileKind::link) {
@@ -113,6 +161,7 @@ void Exporter::forEachFile(Take take) {
   byId_.clear();
   for (const Record& record : table_.records()) {
     throwIfInterrupted();
+    if (part_ && !part_->records.contains(record.id())) continue;
     take(fileOf(record), record);
   }
 }
@@ -126,7 +175,7 @@ void Exporter::check() {
 }
 
 void Exporter::run() {
-  Progress progress("exporting", table_.count(), "records");
+  Progress progress("exporting", part_ ? part_->records.size() : table_.count(), "records");
   forEachNamed(FileKind::folder,
                [this](const ImportedFile& file) { writer_.makeFolder(file.name); });
   const auto writeOne = [&](const ImportedFile& file, const Record& record) {
@@ -158,7 +207,7 @@ void Exporter::run() {
 void Exporter::finishFolders() {
   std::vector<const ImportedFile*> folders;
   for (const ImportedFile& file : files_->list()) {
-    if (file.kind == FileKind::folder) folders.push_back(&file);
+    if (file.kind == FileKind::folder && isWanted(file)) folders.push_back(&file);
   }
   std::stable_sort(folders.begin(), folders.end(),
                    [](const auto* a, const auto* b) { return a->name > b->name; });
@@ -168,7 +217,8 @@ void Exporter::finishFolders() {
 uint64_t Exporter::namesWithoutRecord() const {
   uint64_t count = 0;
   for (size_t i = 0; i < isWritten_.size(); ++i) {
-    if (files_->list()[i].kind == FileKind::file && !isWritten_[i]) ++count;
+    const ImportedFile& file = files_->list()[i];
+    if (file.kind == FileKind::file && !isWritten_[i] && isWanted(file)) ++count;
   }
   return count;
 }
@@ -214,7 +264,7 @@ int run(const Options& options) {
     folderOptions.database = options.file;
     return exportAt({.table = *options.table,
                      .folder = *options.folder,
-                     .names = {},
+                     .names = options.names,
                      .time = timeOfOption("--at", *options.at)},
                     folderOptions);
   }
@@ -225,17 +275,20 @@ int run(const Options& options) {
   if (!options.byId) files = readNames(database, table, &isUnreachable);
   FolderOptions folderOptions = options.folderOptions;
   folderOptions.database = options.file;
+  std::optional<Part> part = partOf(database, table, files, options.names);
   FolderWriter writer(*options.folder, folderOptions);
   const bool hasAllNames = !isUnreachable && (!files || files->isWhole());
-  Exporter exporter(database, table, std::move(files), writer, folderOptions.force);
+  Exporter exporter(database, table, std::move(files), std::move(part), writer,
+                    folderOptions.force);
   exporter.check();
   exporter.run();
-  if (const uint64_t missing = exporter.namesWithoutRecord()) {
+  const uint64_t missing = exporter.namesWithoutRecord();
+  if (missing != 0) {
     complain(options.file + ": " + counted(missing, "name has no record", "names have no record") +
              " any more; no file was written for " + (missing == 1 ? "it" : "them"));
   }
   printLine(exporter.summary());
-  return hasAllNames ? kDone : kFailed;
+  return hasAllNames && (missing == 0 || options.names.empty()) ? kDone : kFailed;
 }
 
 Action define(Arguments& arguments) {
@@ -246,6 +299,9 @@ Action define(Arguments& arguments) {
                              "--copy all tables unless it is given.");
   arguments.optionalArgument("FOLDER", options->folder,
                              "The folder to write to. It is created if it does not exist.");
+  arguments.arguments("NAME", options->names, 0,
+                      "Only these: names of files, folders with all that is below them, patterns "
+                      "of names, or identifiers of records. All unless one is given.");
   arguments.option("--sqlite", "OUT", options->rows.sqlite,
                    "Write the records into a new SQLite database instead.");
   arguments.option("--parquet", "OUT", options->rows.parquet,
@@ -281,6 +337,12 @@ permissions and time back, and its folders and symbolic links are created again;
 named by their identifiers. Permissions that the umask forbids are left out. The database is only
 read.
 
+With NAMEs only these are written, into the folders that they were in. If the table has nothing of that
+name, or that matches, nothing is written. In a pattern '*' is any text without '/', '**' any text, '?'
+one character, '[a-z]' one of these and '[!a-z]' any other; '\' takes the meaning from the next
+character. A pattern is compared with whole names, and a name that exists is that name. Write ./NAME
+for a name that looks like a number.
+
 Where the list of names is damaged, or is not where the table says, as in a packed file, the files
 whose names are lost are named by their records' identifiers too, and the status is 1.
 
@@ -307,6 +369,7 @@ process that is killed leaves a file .qvdb-....tmp, which you may delete.)",
     R"(qvdb export photos.qvd holiday /mnt/copy
 diff -r ~/Pictures/holiday /mnt/copy
 qvdb export --force photos.qvd holiday /mnt/copy
+qvdb export photos.qvd holiday . beach '**/*.jpg'
 qvdb export --at 2024-05-01T12:00:00 photos.qvd holiday /mnt/as-it-was
 qvdb export --sqlite notes.sqlite notes.qvd
 qvdb export --parquet letters.parquet notes.qvd letters)",

@@ -12,11 +12,6 @@
 namespace qvdb::tool {
 namespace {
 
-Failure noIdentifier(const std::string& text) {
-  return Failure("'" + text +
-                 "' is not an identifier: write 0x and hexadecimal digits, or a decimal number");
-}
-
 Id idOfName(const Database& database, const Table& table, const ImportedFiles& files,
             const std::string& idOrName) {
   const std::string name = nameIn(idOrName);
@@ -122,6 +117,11 @@ std::optional<ImportedFiles> readNames(const Database& database, const Table& ta
     if (isUnreachable != nullptr) *isUnreachable = true;
     return std::nullopt;
   }
+}
+
+Failure noIdentifier(const std::string& text) {
+  return Failure("'" + text +
+                 "' is not an identifier: write 0x and hexadecimal digits, or a decimal number");
 }
 
 Id recordId(const Database& database, const Table& table, const std::string& idOrName) {

@@ -84,6 +84,9 @@ std::string nameIn(const std::string& word);
 ImportedFiles namesOfImported(const Database& database, const Table& table,
                               const std::string& word);
 
+// The failure that a word is no identifier where it must be one.
+Failure noIdentifier(const std::string& text);
+
 // The failure that the list has no such name, and nothing that matches.
 Failure noSuchName(const Database& database, const Table& table, const ImportedFiles& files,
                    const std::string& word);

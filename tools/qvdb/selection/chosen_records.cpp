@@ -5,43 +5,13 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "archive/imported_files.h"
 #include "commands/locate.h"
-#include "selection/name_choice.h"
 #include "streams/failure.h"
 #include "streams/interrupt.h"
 #include "streams/text.h"
 
 namespace qvdb::tool {
 namespace {
-
-// The names of a list that are in use, and their places in it.
-class ListedNames {
- public:
-  explicit ListedNames(const ImportedFiles& files) : choice_(namesOf(files, &places_)) {}
-
-  std::vector<size_t> find(const std::string& word) const {
-    std::vector<size_t> found = choice_.find(word);
-    for (size_t& place : found) place = places_[place];
-    return found;
-  }
-
- private:
-  static std::vector<ChoosableName> namesOf(const ImportedFiles& files,
-                                            std::vector<size_t>* places) {
-    std::vector<ChoosableName> names;
-    for (size_t i = 0; i < files.list().size(); ++i) {
-      const ImportedFile& file = files.list()[i];
-      if (file.kind == FileKind::removed) continue;
-      names.push_back({file.name, file.kind == FileKind::folder});
-      places->push_back(i);
-    }
-    return names;
-  }
-
-  std::vector<size_t> places_;
-  NameChoice choice_;
-};
 
 struct ChosenNames {
   std::vector<Id> records;            // each once, in the order of the words
@@ -87,6 +57,24 @@ ChosenNames chooseNames(const Database& database, const Table& table,
 }
 
 }  // namespace
+
+std::vector<ChoosableName> ListedNames::namesOf(const ImportedFiles& files,
+                                                std::vector<size_t>* places) {
+  std::vector<ChoosableName> names;
+  for (size_t i = 0; i < files.list().size(); ++i) {
+    const ImportedFile& file = files.list()[i];
+    if (file.kind == FileKind::removed) continue;
+    names.push_back({file.name, file.kind == FileKind::folder});
+    places->push_back(i);
+  }
+  return names;
+}
+
+std::vector<size_t> ListedNames::find(const std::string& word) const {
+  std::vector<size_t> found = choice_.find(word);
+  for (size_t& place : found) place = places_[place];
+  return found;
+}
 
 Chosen chooseRecords(const Database& database, const Table& table,
                      const std::vector<std::string>& words) {

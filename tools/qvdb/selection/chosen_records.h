@@ -8,13 +8,31 @@
 #include <string>
 #include <vector>
 
+#include "archive/imported_files.h"
 #include "command_line/command.h"
+#include "selection/name_choice.h"
 
 namespace qvdb::tool {
 
 inline constexpr const char* kRecordsHelp =
     "Records: identifiers or, in a table of imported files, names of files, folders with all that "
     "is below them, and patterns of names. Write ./NAME for a name that looks like a number.";
+
+// The names of a list that are in use. The list must outlive this, and stay as it is.
+class ListedNames {
+ public:
+  explicit ListedNames(const ImportedFiles& files) : choice_(namesOf(files, &places_)) {}
+
+  // The places in the list of what a word means, as NameChoice says.
+  std::vector<size_t> find(const std::string& word) const;
+
+ private:
+  static std::vector<ChoosableName> namesOf(const ImportedFiles& files,
+                                            std::vector<size_t>* places);
+
+  std::vector<size_t> places_;
+  NameChoice choice_;
+};
 
 // What the words of a command mean. Each is an identifier, else a name or a pattern as NameChoice
 // says.
