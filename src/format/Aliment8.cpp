@@ -67,19 +67,27 @@ void RZGetQVWCHARFromBuffer(QVWCHAR* text, const unsigned char* buf, int byteCou
   }
 }
 
+namespace {
+
+// One read of the whole length: a slot that the file does not hold in full is a failed read.
+__attribute__((noinline)) bool readLongSlot(int16_t file, uint32_t count, unsigned char* image) {
+  platform::Buffer whole(count);
+  if (!whole) return false;
+  if (!format::readBytes(file, whole.data(), count)) return false;
+  std::memcpy(image, whole.data(), format::kSlotImageSize);
+  return true;
+}
+
+}  // namespace
+
 int ReadOne_TablePartOne(int16_t file, tablePart1* slot, int length) {
   if (length < 0) return 0;
   const auto count = static_cast<uint32_t>(length);
-  unsigned char image[format::kSlotImageSize] = {};
-  if (count <= sizeof image) {
-    if (!format::readBytes(file, image, count)) return 0;
-  } else {
-    // One read of the whole length: a slot that the file does not hold in full is a failed read.
-    platform::Buffer whole(count);
-    if (!whole) return 0;
-    if (!format::readBytes(file, whole.data(), count)) return 0;
-    std::memcpy(image, whole.data(), sizeof image);
-  }
+  unsigned char image[format::kSlotImageSize];
+  if (count < sizeof image) std::memset(image, 0, sizeof image);
+  const bool isRead = count <= sizeof image ? format::readBytes(file, image, count)
+                                            : readLongSlot(file, count, image);
+  if (!isRead) return 0;
   format::decodeSlot(image, slot);
   return 1;
 }

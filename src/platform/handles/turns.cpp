@@ -124,6 +124,14 @@ void Turn::end() {
   letCancellation();
 }
 
+void Turn::exchangeFor(int16_t file) {
+  if (turn_ != nullptr) end();
+  file_ = file;
+  turn_ = nullptr;
+  outer_ = nullptr;
+  if (file > 0) begin();
+}
+
 void Turn::leaveAll(Turn* innermost) {
   for (Turn* each = innermost; each != nullptr; each = each->outer_) leave(*each->turn_);
 }

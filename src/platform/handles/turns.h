@@ -54,6 +54,9 @@ class Turn {
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
 
+  // Ends it, and begins that of another file.
+  void exchangeFor(int16_t file);
+
  private:
   friend class TurnPause;
   void begin();

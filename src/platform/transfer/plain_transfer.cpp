@@ -2,7 +2,6 @@
 #include "platform/transfer/plain_transfer.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "platform/host/host_failure.h"
 #include "platform/host/system_calls.h"
@@ -13,13 +12,6 @@ namespace {
 constexpr size_t kLargestTransfer = size_t{1} << 30;  // below the limit of every host
 
 }  // namespace
-
-size_t bytesBelow(uint64_t limit, int64_t position, size_t count) {
-  constexpr auto kLargestPosition = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
-  const uint64_t end = std::min(limit, kLargestPosition);
-  const auto start = static_cast<uint64_t>(position);
-  return start >= end ? 0 : static_cast<size_t>(std::min<uint64_t>(count, end - start));
-}
 
 ptrdiff_t readOnce(int descriptor, int64_t position, void* buffer, size_t count) {
   return uninterrupted([&] {

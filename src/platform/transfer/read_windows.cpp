@@ -70,8 +70,12 @@ const ReadWindow* ReadWindows::neighbour(const FileEntry* file, int64_t position
   return nullptr;
 }
 
-// The window that was left alone longest. Not the neighbour: the call may come back to that.
+// One that holds nothing, so that short calls use the same memory each time; else the one that was
+// left alone longest. Not the neighbour: the call may come back to that.
 ReadWindow& ReadWindows::windowToRefill() {
+  for (ReadWindow& window : windows_) {
+    if (window.entry == nullptr) return window;
+  }
   return *std::min_element(windows_, windows_ + kCount, [](const auto& one, const auto& other) {
     return one.lastUsed < other.lastUsed;
   });
@@ -91,7 +95,6 @@ size_t ReadWindows::copyFromMirror(const ReadWindow& window) const {
 
 const ReadWindow* ReadWindows::refill(ReadWindow& window, const FileEntry* file, size_t needed) {
   window.entry = file;
-  window.bytes = buffers_->bytes[&window - windows_];
   window.length = copyFromMirror(window);
   const bool isToTheEnd =
       window.length > 0 && window.start + static_cast<int64_t>(window.length) == mirror_->length();
@@ -115,19 +118,22 @@ const ReadWindow* ReadWindows::refill(ReadWindow& window, const FileEntry* file,
 
 const ReadWindow* ReadWindows::obtain(const FileEntry* file, int64_t position, size_t count) {
   if (count > kLargest / 2 || position > kLastWindowPosition) return nullptr;
-  for (ReadWindow& window : windows_) {
-    if (!window.holds(file, position, count)) continue;
-    window.lastUsed = ++fillings_;
-    return &window;
+  if (position < end_) {
+    for (ReadWindow& window : windows_) {
+      if (!window.holds(file, position, count)) continue;
+      window.lastUsed = ++fillings_;
+      return &window;
+    }
   }
   ReadWindow& window = windowToRefill();
-  placeWindow(window, neighbour(file, position), position, count);
+  placeWindow(window, end_ != 0 ? neighbour(file, position) : nullptr, position, count);
   return refill(window, file, static_cast<size_t>(position - window.start) + count);
 }
 
 const ReadWindow* ReadWindows::fill(const FileEntry* file, int64_t position, size_t count) {
   if (count > kLargest || position > kLastWindowPosition) return nullptr;
-  if (const ReadWindow* held = find(file, position, count); held != nullptr) return held;
+  const ReadWindow* held = position < end_ ? find(file, position, count) : nullptr;
+  if (held != nullptr) return held;
   ReadWindow& window = windowToRefill();
   window.start = position;
   window.size = count;

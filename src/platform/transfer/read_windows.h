@@ -48,7 +48,9 @@ class ReadWindows {
   struct Buffers {
     uint8_t bytes[kCount][kLargest];
   };
-  void useBuffers(Buffers* buffers) { buffers_ = buffers; }
+  void useBuffers(Buffers* buffers) {
+    for (size_t i = 0; i < kCount; ++i) windows_[i].bytes = buffers->bytes[i];
+  }
 
   // What is laid over the bytes of windows that are filled from now on, or null; and where these
   // bytes come from as far as they are there, which may be null too.
@@ -91,7 +93,6 @@ class ReadWindows {
   ReadWindow windows_[kCount] = {};
   int64_t end_ = 0;  // no window, of whatever file, has bytes from here on
   uint64_t fillings_ = 0;
-  Buffers* buffers_ = nullptr;
   const Stage* stage_ = nullptr;
   Mirror* mirror_ = nullptr;
 };

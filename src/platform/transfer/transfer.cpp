@@ -110,10 +110,9 @@ bool CallState::windowsAgree() const {
 
 namespace {
 
-// The bytes of a read in the mirror of its file, or null: when they cannot be there, when none is
-// used, and, with *refused set, when writes that must go first are refused.
-const uint8_t* mirrored(const OpenFile& file, int64_t position, uint64_t count, bool* refused) {
-  if (file.mirror == nullptr) return nullptr;
+// The bytes of a read in the mirror of its file, or null: when they cannot be there, and, with
+// *refused set, when writes that must go first are refused.
+const uint8_t* inMirror(const OpenFile& file, int64_t position, uint64_t count, bool* refused) {
   CallState& call = callState();
   if (call.gathered.hold(file.entry, position, static_cast<size_t>(count))) {
     *refused = !call.flush();
@@ -132,28 +131,33 @@ __attribute__((noinline)) bool isMirrored(const OpenFile& file, int64_t position
   if (position < 0 || position >= file.mirror->length()) return false;
   const auto rest = static_cast<uint64_t>(file.mirror->length() - position);
   bool refused = false;
-  return mirrored(file, position, std::min(count, rest), &refused) != nullptr;
+  return inMirror(file, position, std::min(count, rest), &refused) != nullptr;
 }
 
-// The window for a read, or null: when the read is too large for one, and, with *refused set, when
-// writes that must go first are refused.
-const ReadWindow* windowFor(const OpenFile& file, int64_t position, size_t count, bool* refused) {
+// The window for a read, or null: when the read is too large for one, and when writes that must go
+// first are refused.
+struct WindowFor {
+  const ReadWindow* window;
+  bool isRefused;
+};
+
+WindowFor windowFor(const OpenFile& file, int64_t position, size_t count) {
   CallState& call = callState();
   const FileEntry* entry = file.entry;
   // A window must not be filled with what gathered writes are about to change.
   const bool mustFlush = call.gathered.hold(entry, position, count) ||
                          (call.gathered.hold(entry) && !call.windows.find(entry, position, count));
   call.serveFromNothing();
-  *refused = mustFlush && !call.flush();
-  if (*refused) return nullptr;
+  if (mustFlush && !call.flush()) return {nullptr, true};
   call.windows.useStage(file.stage, file.mirror);
   const ReadWindow* window = call.windows.obtain(entry, position, count);
   assert(call.windowsAgree() && "a window was filled with what gathered writes change");
   if (window != nullptr && !call.gathered.hold(entry)) call.serveFrom(file, *window);
-  return window;
+  return {window, false};
 }
 
-size_t readNow(const OpenFile& file, int64_t position, void* buffer, size_t count) {
+__attribute__((noinline)) size_t readNow(const OpenFile& file, int64_t position, void* buffer,
+                                         size_t count) {
   bool failed = false;
   const size_t done = readPlain(file.descriptor, position, buffer, count, &failed);
   if (failed) noteHostFailure();
@@ -175,9 +179,9 @@ size_t readStagedPart(const OpenFile& file, int64_t position, uint8_t* buffer, s
   if (position >= stage.inFile()) return 0;
   const auto inFile = static_cast<uint64_t>(stage.inFile() - position);
   const auto part = static_cast<size_t>(std::min<uint64_t>(count, inFile));
-  bool refused = false;
-  const ReadWindow* window = call.isInScope() ? windowFor(file, position, part, &refused) : nullptr;
-  if (refused) return 0;
+  const auto [window, isRefused] =
+      call.isInScope() ? windowFor(file, position, part) : WindowFor{nullptr, false};
+  if (isRefused) return 0;
   if (window != nullptr && window->holds(file.entry, position, part)) {
     std::memcpy(buffer, window->at(position), part);
     return part;
@@ -190,7 +194,7 @@ size_t readStagedPart(const OpenFile& file, int64_t position, uint8_t* buffer, s
   return done;
 }
 
-size_t readStaged(const OpenFile& file, void* buffer, size_t count) {
+__attribute__((noinline)) size_t readStaged(const OpenFile& file, void* buffer, size_t count) {
   size_t done = 0;
   while (done < count) {
     const size_t part = readStagedPart(file, file.position + static_cast<int64_t>(done),
@@ -199,6 +203,19 @@ size_t readStaged(const OpenFile& file, void* buffer, size_t count) {
     done += part;
   }
   return done;
+}
+
+const uint8_t* viewWindow(const OpenFile& file, int64_t position, uint32_t count) {
+  const ReadWindow* window = windowFor(file, position, count).window;
+  if (window == nullptr || !window->holds(file.entry, position, count)) return nullptr;
+  return window->at(position);
+}
+
+__attribute__((noinline)) const uint8_t* viewBesideMirror(const OpenFile& file, int64_t position,
+                                                          uint32_t count) {
+  bool refused = false;
+  const uint8_t* bytes = inMirror(file, position, count, &refused);
+  return bytes != nullptr || refused ? bytes : viewWindow(file, position, count);
 }
 
 // A view needs all of its bytes in one place.
@@ -212,13 +229,11 @@ const uint8_t* viewStaged(const OpenFile& file, int64_t position, uint32_t count
     return run.bytes + offset;
   }
   if (position > stage.inFile() - static_cast<int64_t>(count)) return nullptr;
-  bool refused = false;
-  const ReadWindow* window = windowFor(file, position, count, &refused);
-  if (window == nullptr || !window->holds(file.entry, position, count)) return nullptr;
-  return window->at(position);
+  return viewWindow(file, position, count);
 }
 
-size_t writeStaged(const OpenFile& file, const void* buffer, size_t count) {
+__attribute__((noinline)) size_t writeStaged(const OpenFile& file, const void* buffer,
+                                             size_t count) {
   CallState& call = callState();
   if (call.isInScope() && call.hasFailed()) return 0;
   call.serveFromNothing();
@@ -230,20 +245,30 @@ size_t writeStaged(const OpenFile& file, const void* buffer, size_t count) {
   return done;
 }
 
-size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
-  bool refused = false;
-  if (const uint8_t* bytes = mirrored(file, file.position, count, &refused)) {
-    std::memcpy(buffer, bytes, count);
-    return count;
-  }
-  const ReadWindow* window = refused ? nullptr : windowFor(file, file.position, count, &refused);
-  if (refused) return 0;
+size_t readFromWindow(const OpenFile& file, void* buffer, size_t count) {
+  const auto [window, isRefused] = windowFor(file, file.position, count);
+  if (isRefused) return 0;
   // Too much for a window, or not all in it: what was asked for may still be there.
   if (window == nullptr || !window->holds(file.entry, file.position, count)) {
     return readNow(file, file.position, buffer, count);
   }
   std::memcpy(buffer, window->at(file.position), count);
   return count;
+}
+
+__attribute__((noinline)) size_t readBesideMirror(const OpenFile& file, void* buffer,
+                                                  size_t count) {
+  bool refused = false;
+  const uint8_t* bytes = inMirror(file, file.position, count, &refused);
+  if (refused) return 0;
+  if (bytes == nullptr) return readFromWindow(file, buffer, count);
+  std::memcpy(buffer, bytes, count);
+  return count;
+}
+
+size_t readInScope(const OpenFile& file, void* buffer, size_t count) {
+  return file.mirror != nullptr ? readBesideMirror(file, buffer, count)
+                                : readFromWindow(file, buffer, count);
 }
 
 // The bytes from the position on, where they are in memory.
@@ -279,7 +304,7 @@ size_t writableBytes(uint64_t limit, int64_t position, size_t count) {
   return below;
 }
 
-size_t writeNow(const OpenFile& file, const void* buffer, size_t count) {
+__attribute__((noinline)) size_t writeNow(const OpenFile& file, const void* buffer, size_t count) {
   const size_t done = writePlain(file.descriptor, file.position, buffer, count);
   noteWritten(file.entry, file.position, buffer, count, done);
   return done;
@@ -306,7 +331,8 @@ size_t writeInScope(OpenFile& file, const void* buffer, size_t count) {
   return done;
 }
 
-size_t writeOutsideScope(const OpenFile& file, const void* buffer, size_t count) {
+__attribute__((noinline)) size_t writeOutsideScope(const OpenFile& file, const void* buffer,
+                                                   size_t count) {
   const size_t wanted = writableBytes(systemCalls().fileSizeLimit(), file.position, count);
   return writeNow(file, buffer, wanted);
 }
@@ -316,11 +342,8 @@ size_t writeOutsideScope(const OpenFile& file, const void* buffer, size_t count)
 const uint8_t* detail::viewElsewhere(const OpenFile& file, int64_t position, uint32_t count) {
   if (!callState().isInScope() || count == 0 || position < 0) return nullptr;
   if (file.stage != nullptr) return viewStaged(file, position, count);
-  bool refused = false;
-  if (const uint8_t* bytes = mirrored(file, position, count, &refused)) return bytes;
-  const ReadWindow* window = refused ? nullptr : windowFor(file, position, count, &refused);
-  if (window == nullptr || !window->holds(file.entry, position, count)) return nullptr;
-  return window->at(position);
+  return file.mirror != nullptr ? viewBesideMirror(file, position, count)
+                                : viewWindow(file, position, count);
 }
 
 bool detail::readElsewhere(OpenFile& file, void* buffer, uint32_t count, uint32_t* moved) {

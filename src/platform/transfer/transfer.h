@@ -64,6 +64,13 @@ inline const uint8_t* viewBytes(const OpenFile& file, int64_t position, uint32_t
   return window.bytes + offset;
 }
 
+// The same where the bytes lie in the window that was used last; null elsewhere.
+inline const uint8_t* viewServed(const OpenFile& file, int64_t position, uint32_t count) {
+  const ServedWindow& window = file.served;
+  const uint64_t offset = static_cast<uint64_t>(position) - static_cast<uint64_t>(window.start);
+  return window.holds(offset, count) ? window.bytes + offset : nullptr;
+}
+
 // Fills a window with these bytes, when a scope is open. Changes nothing else, and never fails: the
 // reads that follow find out what cannot be read.
 void readAhead(const OpenFile& file, int64_t position, uint32_t count);
