@@ -99,13 +99,17 @@ void OpenDatabase::takeBackOpen() noexcept {
 
 namespace {
 
-// Objects of the layer that were made without a database have none.
-OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const char* operation) {
-  if (database != nullptr) return *database;
+// Not inline, as failClosed(): an operation that begins needs no memory for a message then.
+[[noreturn]] __attribute__((noinline)) void failWithout(const char* operation) {
   failure::throwError(operation, Reason::not_open, "no database is open");
 }
 
-// Not inline: an operation that begins needs no memory for a message then.
+// Objects of the layer that were made without a database have none.
+OpenDatabase& databaseOf(const std::shared_ptr<OpenDatabase>& database, const char* operation) {
+  if (database == nullptr) failWithout(operation);
+  return *database;
+}
+
 [[noreturn]] __attribute__((noinline)) void failClosed(const Operation& operation) {
   operation.fail(Reason::not_open, "it was closed");
 }
@@ -137,9 +141,8 @@ bool OpenDatabase::wantsChecksum(Id table, Checksum wanted) const {
 
 void DatabaseTurn::takeAnew(const OpenDatabase& database) {
   while (database.handle != handle_) {
-    turn_.reset();
     handle_ = database.handle;
-    turn_.emplace(handle_);
+    turn_.exchangeFor(handle_);
   }
 }
 
@@ -159,8 +162,9 @@ Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* 
   if (database_.cacheHolders != 0) usesMirror_ = platform::useMirror(db_);
 }
 
-// In a process made by fork there is none: its parent has it.
-void Operation::waitForTransaction() const {
+// In a process made by fork there is none: its parent has it. Not inline, as enterTransaction():
+// most operations find no transaction.
+__attribute__((noinline)) void Operation::waitForTransaction() const {
   const Transactions& transactions = database_.transactions;
   while (transactions.open != nullptr && transactions.open->maker.isStillOwn() &&
          !transactions.open->isOfThisThread()) {
@@ -176,7 +180,7 @@ void Operation::waitForTransaction() const {
 }
 
 // The numbers in the directory cache are those of the file for everybody else.
-void Operation::enterTransaction() {
+__attribute__((noinline)) void Operation::enterTransaction() {
   const OpenTransaction* open = database_.transactions.open.get();
   if (open == nullptr || !open->isOfThisThread()) return;
   usesStage_ = platform::useStage(db_, open->stage.get());

@@ -40,6 +40,13 @@ struct TableIndex;
 struct TableKeys;
 struct Bulk;
 
+// An index that others hold: its address as well, for as long as it is there.
+struct HeldIndex : std::weak_ptr<TableIndex> {
+  HeldIndex(const std::shared_ptr<TableIndex>& held) : weak_ptr(held), index(held.get()) {}
+
+  TableIndex* index;
+};
+
 struct OpenDatabase {
   Published<int16_t> handle;  // 0 once it is closed
   std::filesystem::path path;
@@ -78,7 +85,7 @@ struct OpenDatabase {
   // The latest of them.
   NotedChanges noted;
   // The indexes of its tables that are held; see table_index.h.
-  std::vector<std::weak_ptr<TableIndex>> indexes;
+  std::vector<HeldIndex> indexes;
   // The indexes of keys, likewise; see table_keys.h. While there is one: how many writes of this
   // process to the file are known to be of this layer, and how often others were noticed.
   std::vector<std::weak_ptr<TableKeys>> keyIndexes;
@@ -178,7 +185,7 @@ class DatabaseTurn {
   void takeAnew(const OpenDatabase& database);
 
   int16_t handle_;
-  std::optional<qvdbase::platform::Turn> turn_;
+  qvdbase::platform::Turn turn_;
 };
 
 // What an operation sees in a transaction of its thread: what that has made of the file, or the

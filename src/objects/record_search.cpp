@@ -7,6 +7,7 @@
 #include "objects/records.h"
 #include "objects/sharing/looks.h"
 #include "objects/walks/chain_walker.h"
+#include "platform/host/threads.h"
 
 using namespace qvdbase;
 
@@ -69,17 +70,33 @@ int64_t positionOf(const Operation& operation, const Record& record) {
   return position ? database.placeNow(*position, record.opening_) : 0;
 }
 
+namespace {
+
+Located locateBy(TableIndex* index, const Operation& operation, Id table, Id record,
+                 FoundRecord* found) {
+  if (index == nullptr) return walkTo(operation, table, record, found);
+  found->table.slotSize = 0;
+  const Answer answer = askIndex(operation, *index, record, found);
+  if (answer != Answer::unknown) return answer == Answer::found ? Located::byIndex : Located::no;
+  const Located located = walkTo(operation, table, record, found);
+  if (located == Located::alongChain) noteFound(operation, *index, record, found->recordPos);
+  if (located == Located::no) noteAbsent(operation, *index, record);
+  return located;
+}
+
+// Another thread may give the index up meanwhile. Not inline: holding it needs space.
+__attribute__((noinline)) Located locateBesideThreads(const Operation& operation, Id table,
+                                                      Id record, FoundRecord* found) {
+  const std::shared_ptr<TableIndex> index = indexOf(operation.database(), table);
+  return locateBy(index.get(), operation, table, record, found);
+}
+
+}  // namespace
+
 Located locate(const Operation& operation, Id table, Id record, FoundRecord* found) {
-  if (const std::shared_ptr<TableIndex> index = indexOf(operation.database(), table)) {
-    found->table.slotSize = 0;
-    const Answer answer = askIndex(operation, *index, record, found);
-    if (answer != Answer::unknown) return answer == Answer::found ? Located::byIndex : Located::no;
-    const Located located = walkTo(operation, table, record, found);
-    if (located == Located::alongChain) noteFound(operation, *index, record, found->recordPos);
-    if (located == Located::no) noteAbsent(operation, *index, record);
-    return located;
-  }
-  return walkTo(operation, table, record, found);
+  if (!platform::isOnlyThread()) return locateBesideThreads(operation, table, record, found);
+  TableIndex* const index = indexOfOnlyThread(operation.database(), table);
+  return locateBy(index, operation, table, record, found);
 }
 
 Located locate(const Operation& operation, Id table, const Record& record, FoundRecord* found) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <type_traits>
 #include <utility>
 
 #include "format/Aliment8.h"
@@ -32,6 +33,17 @@ detail::InMemory askCache(const Operation& operation, Id table, Id record, bool 
   if (operation.database().cacheHolders == 0) return {};
   return detail::askMemory(operation, table, record, withPayload);
 }
+
+// Makes an object where it is to be, from what a function returns.
+template <typename Make>
+class InPlace {
+ public:
+  explicit InPlace(const Make& make) : make_(make) {}
+  operator std::invoke_result_t<Make>() const { return make_(); }
+
+ private:
+  const Make& make_;
+};
 
 constexpr const char* kFind = "find the record";
 constexpr uint32_t kAnySize = std::numeric_limits<uint32_t>::max();
@@ -182,7 +194,9 @@ std::optional<Record> Table::find(Id record) const {
   const Located located =
       detail::look(operation, [&] { return detail::locate(operation, id_, record, &found); });
   if (located == Located::no) return std::nullopt;
-  return Record(database_, id_, detail::recordInfo(found.header, found.recordPos));
+  const RecordInfo info = detail::recordInfo(found.header, found.recordPos);
+  return std::optional<Record>(std::in_place,
+                               InPlace([&] { return Record(database_, id_, info); }));
 }
 
 bool Table::contains(Id record) const {

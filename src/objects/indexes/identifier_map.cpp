@@ -24,8 +24,7 @@ void IdentifierMap::clear() {
   isChanged_ = true;
 }
 
-// Not inline: most maps have no file.
-__attribute__((noinline)) std::optional<int64_t> IdentifierMap::findKept(uint64_t hash) const {
+std::optional<int64_t> IdentifierMap::findKept(uint64_t hash) const {
   if (const std::optional<int64_t> position = memory_.find(hash)) {
     return *position == kErased ? std::nullopt : position;
   }
@@ -35,8 +34,8 @@ __attribute__((noinline)) std::optional<int64_t> IdentifierMap::findKept(uint64_
   return positions[0];
 }
 
-std::optional<int64_t> IdentifierMap::find(uint64_t id) const {
-  return kept_ == nullptr ? memory_.find(id) : findKept(support::mixed(id, kept_->seed()));
+std::optional<int64_t> IdentifierMap::findInFile(uint64_t id) const {
+  return findKept(support::mixed(id, kept_->seed()));
 }
 
 void IdentifierMap::set(uint64_t hash, int64_t position) {

@@ -25,7 +25,9 @@ class IdentifierMap {
   // Sets the position of one that is there; no effect for one that is not.
   void replace(uint64_t id, int64_t position);
   void erase(uint64_t id);
-  std::optional<int64_t> find(uint64_t id) const;
+  std::optional<int64_t> find(uint64_t id) const {
+    return kept_ == nullptr ? memory_.find(id) : findInFile(id);
+  }
 
   // Empties it; what is in the file is no longer used.
   void clear();
@@ -73,6 +75,7 @@ class IdentifierMap {
  private:
   static constexpr int64_t kErased = -1;
 
+  std::optional<int64_t> findInFile(uint64_t id) const;
   std::optional<int64_t> findKept(uint64_t hash) const;
   void set(uint64_t hash, int64_t position);
 

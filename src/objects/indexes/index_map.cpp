@@ -13,17 +13,20 @@ constexpr size_t kSmallest = 64;
 }  // namespace
 
 // The hash's share of the places: the upper half of the product, in 32-bit steps.
-size_t IndexMap::home(uint64_t key) const {
+inline size_t IndexMap::home(uint64_t key) const {
   const uint64_t hash = support::mixed(key, seed_);
   const uint64_t places = places_.size();
   const uint64_t low = (hash & 0xFFFFFFFFu) * places >> 32;
   return static_cast<size_t>(((hash >> 32) * places + low) >> 32);
 }
 
-size_t IndexMap::placeOf(uint64_t key) const {
-  size_t place = home(key);
-  while (places_[place].position != 0 && places_[place].key != key) place = next(place);
-  return place;
+inline const IndexMap::Entry* IndexMap::search(uint64_t key) const {
+  const Entry* entry = places_.begin() + home(key);
+  const Entry* const end = places_.end();
+  while (entry->position != 0 && entry->key != key) {
+    if (++entry == end) entry = places_.begin();
+  }
+  return entry;
 }
 
 size_t IndexMap::stepsTo(uint64_t key) const {
@@ -71,9 +74,9 @@ void IndexMap::erase(uint64_t key) {
 
 std::optional<int64_t> IndexMap::find(uint64_t key) const {
   if (size_ == 0) return std::nullopt;
-  const Entry& entry = places_[placeOf(key)];
-  if (entry.position == 0) return std::nullopt;
-  return entry.position;
+  const Entry* entry = search(key);
+  if (entry->position == 0) return std::nullopt;
+  return entry->position;
 }
 
 void IndexMap::clear() {

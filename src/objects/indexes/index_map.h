@@ -72,7 +72,8 @@ class IndexMap {
   };
 
   size_t home(uint64_t key) const;
-  size_t placeOf(uint64_t key) const;  // of the key, or the empty place where it belongs
+  const Entry* search(uint64_t key) const;  // the key's, or the empty one where it belongs
+  size_t placeOf(uint64_t key) const { return static_cast<size_t>(search(key) - places_.begin()); }
   size_t next(size_t place) const { return place + 1 == places_.size() ? 0 : place + 1; }
   void grow();
 

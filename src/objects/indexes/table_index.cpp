@@ -16,6 +16,7 @@
 #include "objects/sharing/looks.h"
 #include "objects/walks/chain_walker.h"
 #include "platform/handles/open_files.h"
+#include "platform/host/threads.h"
 #include "platform/transfer/mirror.h"
 #include "support/file_transfers.h"
 
@@ -55,18 +56,26 @@ Id tableOf(const tablePart1& slot) {
   return Id{format::identifierNumber(slot.tableID)};
 }
 
-void readNeighbourhood(int16_t db, int64_t usualBlock, int64_t position) {
+void readNeighbourhood(const platform::OpenFile& file, int64_t usualBlock, int64_t position) {
   const int64_t before = std::clamp(usualBlock, kLeastAround, kMostAround);
   const int64_t from = std::max<int64_t>(0, position - before);
   const int64_t after = before + format::record::kData;
-  support::readAhead(db, from, static_cast<uint32_t>(position - from + after));
+  platform::readAhead(file, from, static_cast<uint32_t>(position - from + after));
 }
 
-// The same as linksTo() where the block does not lie in memory. Not inline, nor is
-// presentSlotAgrees(): the space for what they read is not prepared where it is not needed.
+bool hasLink(const unsigned char* block, const unsigned char* tableID, int64_t link,
+             int64_t position) {
+  return format::isRecordOf(block, tableID) &&
+         static_cast<int64_t>(format::loadBigEndian<uint64_t>(block + link)) == position;
+}
+
+// The same as linksTo() where the block does not lie in the window that was used last. Not inline,
+// nor is presentSlotAgrees(): the space for what they read is not prepared where it is not needed.
 __attribute__((noinline)) bool readLinksTo(int16_t db, int64_t recordPos,
                                            const unsigned char* tableID, int64_t link,
                                            int64_t position) {
+  const unsigned char* block = support::viewFile(db, recordPos, format::record::kData);
+  if (block != nullptr) return hasLink(block, tableID, link, position);
   recordPart1 header;
   if (!readHead(db, recordPos, tableID, &header)) return false;
   const bool isNext = link == format::record::kNextRecordPos;
@@ -76,10 +85,11 @@ __attribute__((noinline)) bool readLinksTo(int16_t db, int64_t recordPos,
 // Whether there is a record of this table at recordPos, with this position in one of its links.
 bool linksTo(int16_t db, int64_t recordPos, const unsigned char* tableID, int64_t link,
              int64_t position) {
-  const unsigned char* block = support::viewFile(db, recordPos, format::record::kData);
-  if (block == nullptr) return readLinksTo(db, recordPos, tableID, link, position);
-  return format::isRecordOf(block, tableID) &&
-         static_cast<int64_t>(format::loadBigEndian<uint64_t>(block + link)) == position;
+  const platform::OpenFile* file = platform::findOpenFile(db);
+  const unsigned char* block =
+      file == nullptr ? nullptr : platform::viewServed(*file, recordPos, format::record::kData);
+  return block != nullptr ? hasLink(block, tableID, link, position)
+                          : readLinksTo(db, recordPos, tableID, link, position);
 }
 
 // The neighbours that are records. At the ends of the chain it is the slot that is asked.
@@ -162,7 +172,8 @@ Answer askSlot(const Operation& operation, TableIndex& index, Id record,
                engine::FoundRecord* found) {
   const uint64_t writes = platform::writesKnown(operation.db());
   if (writes != 0 && writes == index.writesSeen) return Answer::absent;
-  const tablePart1 slot = operation.table(index.table).slot;
+  const engine::FoundTable present = operation.table(index.table);
+  const tablePart1& slot = present.slot;
   if (engine::hasSameChain(slot, index.slot)) {
     index.writesSeen = writes;
     return Answer::absent;
@@ -188,7 +199,8 @@ bool bringUpToDate(const Operation& operation, TableIndex& index) {
 
 bool readLinked(const Operation& operation, Id table, const unsigned char* tableID,
                 int64_t usualBlock, engine::FoundRecord* found) {
-  readNeighbourhood(operation.db(), usualBlock, found->recordPos);
+  const platform::OpenFile* file = platform::findOpenFile(operation.db());
+  if (file != nullptr) readNeighbourhood(*file, usualBlock, found->recordPos);
   return readHead(operation.db(), found->recordPos, tableID, &found->header) &&
          neighboursPointBack(operation.db(), tableID, found->header, found->recordPos) &&
          (!isEndOfChain(found->header) ||
@@ -271,7 +283,9 @@ InMemory askMemory(const Operation& operation, Id table, Id record, bool withPay
   const platform::OpenFile* file = platform::findOpenFile(operation.db());
   if (file == nullptr || file->mirror == nullptr) return {};
   const platform::Mirror& mirror = *file->mirror;
-  const std::shared_ptr<TableIndex> index = indexOf(operation.database(), table);
+  const bool isHeld = !platform::isOnlyThread();
+  const std::shared_ptr<TableIndex> held = isHeld ? indexOf(operation.database(), table) : nullptr;
+  TableIndex* const index = isHeld ? held.get() : indexOfOnlyThread(operation.database(), table);
   if (index == nullptr || index->isStale) return {};
   const std::optional<int64_t> position = index->map.find(record.value);
   if (!isUsable(*index)) return {};

@@ -45,6 +45,15 @@ enum class Answer { found, absent, unknown };
 // The index of a table while one is held, else null.
 std::shared_ptr<TableIndex> indexOf(OpenDatabase& database, Id table);
 
+// The same where there is no other thread, for as long as no function of the caller's runs: it
+// cannot end meanwhile, and is not held.
+inline TableIndex* indexOfOnlyThread(const OpenDatabase& database, Id table) {
+  for (const HeldIndex& each : database.indexes) {
+    if (!each.expired() && each.index->table == table) return each.index;
+  }
+  return nullptr;
+}
+
 // Makes an index of the table, or returns the present one. The database knows it for as long as it
 // is held.
 std::shared_ptr<TableIndex> makeIndex(const std::shared_ptr<OpenDatabase>& database, Id table);

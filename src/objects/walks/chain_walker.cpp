@@ -8,11 +8,30 @@ using namespace qvdbase;
 
 namespace qvdb::detail {
 
-bool readHead(int16_t db, int64_t position, const unsigned char* tableID, recordPart1* header) {
+namespace {
+
+bool decode(const unsigned char* head, const unsigned char* tableID, recordPart1* header) {
+  format::decodeRecordHead(head, header);
+  return format::isRecordOf(head, tableID);
+}
+
+// Not inline: most headers lie in the window that was used last.
+__attribute__((noinline)) bool readHeadElsewhere(int16_t db, int64_t position,
+                                                 const unsigned char* tableID,
+                                                 recordPart1* header) {
   const unsigned char* view = support::viewFile(db, position, format::record::kData);
   if (view == nullptr) return engine::readRecordHeaderAt(db, position, tableID, header);
-  format::decodeRecordHead(view, header);
-  return format::isRecordOf(view, tableID);
+  return decode(view, tableID, header);
+}
+
+}  // namespace
+
+bool readHead(int16_t db, int64_t position, const unsigned char* tableID, recordPart1* header) {
+  const platform::OpenFile* file = platform::findOpenFile(db);
+  const unsigned char* view =
+      file == nullptr ? nullptr : platform::viewServed(*file, position, format::record::kData);
+  return view != nullptr ? decode(view, tableID, header)
+                         : readHeadElsewhere(db, position, tableID, header);
 }
 
 ChainWalker::Step ChainWalker::next(int16_t db, recordPart1* header, int64_t* recordPos) {
