@@ -10,13 +10,13 @@
 
 namespace qvdbase::support {
 
-using Digest = std::array<uint64_t, 4>;
+using Digest = std::array<uint64_t, 8>;
 
-// Four sums side by side, so that none of them waits for the one before.
+// Eight sums side by side, so that none of them waits for its own last step.
 inline Digest digestOf(const unsigned char* bytes, size_t count) {
   constexpr uint64_t kFactor = 0xD6E8FEB86659FD93u;
   constexpr size_t kWord = sizeof(uint64_t);
-  Digest sums = {1, 2, 3, count};
+  Digest sums = {1, 2, 3, 4, 5, 6, 7, count};
   const auto add = [&](uint64_t& sum, uint64_t word) {
     sum = (sum ^ word) * kFactor;
     sum ^= sum >> 32;
