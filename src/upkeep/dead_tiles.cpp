@@ -27,7 +27,7 @@ class DeadRecords {
   };
 
   explicit DeadRecords(size_t count)
-      : places_(std::bit_ceil(std::max<size_t>(2 * count, 64))),
+      : places_(std::bit_ceil(std::max<size_t>(count + count / 2, 64))),
         entries_(places_),
         filter_(places_ * kFilterBits / 64) {}
 
