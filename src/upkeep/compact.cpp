@@ -48,6 +48,7 @@ class Stage {
 
   // One record or piece more. Throws cancelled, and what the caller's function throws.
   void step() {
+    if (!reporter_.isAsked()) return;
     const uint64_t share = std::min(done_++, total_);
     const auto width = static_cast<uint64_t>(to_ - from_);
     report(from_ + static_cast<int>(total_ == 0 ? 0 : share * width / total_));

@@ -33,18 +33,21 @@ int64_t endOfCopied(const LiveBlock& block) {
   return isWhole ? block.claimedEnd() : block.dataPos() + block.length;
 }
 
-uint32_t capacityInCopy(const LiveBlock& block, const Protection& protection) {
-  if (!protection.unprotected || block.kind != BlockKind::record || hasChecksumSpace(block)) {
-    return block.capacity;
-  }
+// With a checksum, where there can be one.
+uint32_t protectedCapacity(const LiveBlock& block) {
+  if (block.kind != BlockKind::record || hasChecksumSpace(block)) return block.capacity;
   const uint32_t larger = capacityWithChecksum(block.length, block.capacity);
   return format::hasChecksumSpace(block.length, larger) ? larger : block.capacity;
 }
 
+uint32_t capacityInCopy(const LiveBlock& block, const Protection& protection) {
+  return protection.unprotected ? protectedCapacity(block) : block.capacity;
+}
+
 }  // namespace
 
-int64_t sizeInCopy(const LiveBlock& block, const Protection& protection) {
-  const uint32_t more = capacityInCopy(block, protection) - block.capacity;
+int64_t sizeInProtectedCopy(const LiveBlock& block) {
+  const uint32_t more = protectedCapacity(block) - block.capacity;
   return block.claimedEnd() - block.position + int64_t{more};
 }
 

@@ -25,7 +25,10 @@ struct Protection {
 };
 
 // The size of the block that a block becomes.
-int64_t sizeInCopy(const LiveBlock& block, const Protection& protection);
+int64_t sizeInProtectedCopy(const LiveBlock& block);
+inline int64_t sizeInCopy(const LiveBlock& block, const Protection& protection) {
+  return protection.unprotected ? sizeInProtectedCopy(block) : block.claimedEnd() - block.position;
+}
 
 class GatheredBlocks {
  public:

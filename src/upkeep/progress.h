@@ -15,6 +15,9 @@ class Reporter {
   Reporter(const Reporter&) = delete;
   Reporter& operator=(const Reporter&) = delete;
 
+  // Whether there is a function to call.
+  bool isAsked() const { return static_cast<bool>(function_); }
+
   // Calls the function. False when the operation is to stop; it may not be called again then. Keeps
   // what the function throws; only the cancellation of its thread passes.
   bool report(int percent);
