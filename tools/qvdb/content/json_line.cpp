@@ -121,13 +121,18 @@ bool Members::has(std::string_view key) const {
   return std::find(object_.keys.begin(), object_.keys.end(), key) != object_.keys.end();
 }
 
-JsonValue* Members::find(std::string_view key, JsonValue::Kind kind, const char* what) {
-  known_.emplace(key);
+JsonValue* Members::find(std::string_view key) {
   const auto at = std::find(object_.keys.begin(), object_.keys.end(), key);
   if (at == object_.keys.end()) return nullptr;
-  JsonValue& value = object_.items[static_cast<size_t>(at - object_.keys.begin())];
-  if (value.kind != kind) throw BadLine(inQuotes(key) + " is not " + what);
-  return &value;
+  const auto place = static_cast<size_t>(at - object_.keys.begin());
+  known_[place] = true;
+  return &object_.items[place];
+}
+
+JsonValue* Members::find(std::string_view key, JsonValue::Kind kind, const char* what) {
+  JsonValue* const value = find(key);
+  if (value != nullptr && value->kind != kind) throw BadLine(inQuotes(key) + " is not " + what);
+  return value;
 }
 
 JsonValue& Members::get(std::string_view key, JsonValue::Kind kind, const char* what) {
@@ -152,11 +157,9 @@ std::optional<uint64_t> Members::numberIfThere(std::string_view key, uint64_t mo
 }
 
 int64_t Members::signedNumber(std::string_view key) {
-  known_.emplace(key);
-  const auto at = std::find(object_.keys.begin(), object_.keys.end(), key);
-  if (at != object_.keys.end()) {
-    const JsonValue& value = object_.items[static_cast<size_t>(at - object_.keys.begin())];
-    if (value.kind == JsonValue::Kind::negative) return static_cast<int64_t>(value.number);
+  const JsonValue* const value = find(key);
+  if (value != nullptr && value->kind == JsonValue::Kind::negative) {
+    return static_cast<int64_t>(value->number);
   }
   return static_cast<int64_t>(number(key, INT64_MAX));
 }
@@ -208,11 +211,10 @@ std::string Members::bytes(std::string_view key, std::string_view base64Key) {
 }
 
 void Members::requireNoOther() const {
-  for (const std::string& key : object_.keys) {
-    if (!known_.contains(key)) {
-      throw BadLine("a member " + inQuotes(key.substr(0, 60)) + " is not known in such a line");
-    }
-  }
+  const auto unknown = std::find(known_.begin(), known_.end(), false);
+  if (unknown == known_.end()) return;
+  const std::string& key = object_.keys[static_cast<size_t>(unknown - known_.begin())];
+  throw BadLine("a member " + inQuotes(key.substr(0, 60)) + " is not known in such a line");
 }
 
 }  // namespace qvdb::tool

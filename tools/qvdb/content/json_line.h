@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -37,7 +36,7 @@ JsonValue parseLine(std::string_view line);
 // missing or of another kind.
 class Members {
  public:
-  explicit Members(JsonValue& object) : object_(object) {}
+  explicit Members(JsonValue& object) : object_(object), known_(object.keys.size()) {}
 
   bool has(std::string_view key) const;
   const std::string& text(std::string_view key);
@@ -57,11 +56,13 @@ class Members {
   void requireNoOther() const;
 
  private:
+  // The member, which is known from now on; null when there is none.
+  JsonValue* find(std::string_view key);
   JsonValue* find(std::string_view key, JsonValue::Kind kind, const char* what);
   JsonValue& get(std::string_view key, JsonValue::Kind kind, const char* what);
 
   JsonValue& object_;
-  std::set<std::string, std::less<>> known_;
+  std::vector<bool> known_;  // in the order of the keys
 };
 
 }  // namespace qvdb::tool
