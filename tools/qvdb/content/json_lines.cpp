@@ -22,14 +22,24 @@ uint64_t zeroBytes(uint64_t bytes) {
   return (bytes - kOnes) & ~bytes & kTops;
 }
 
-// Whether one of eight characters is not ASCII that a JSON string has as it is.
-bool needsLook(const char* text) {
+uint64_t eightFrom(const char* text) {
   uint64_t eight = 0;
   std::memcpy(&eight, text, sizeof eight);
-  const uint64_t below = (eight - kOnes * 0x20) & ~eight;  // control characters
-  const uint64_t deleted = zeroBytes(eight ^ (kOnes * 0x7F));
+  return eight;
+}
+
+// Top bits of characters that a JSON string has escaped: control characters, quotes, backslashes.
+uint64_t escapedOnes(uint64_t eight) {
+  const uint64_t below = (eight - kOnes * 0x20) & ~eight;
   const uint64_t quotes = zeroBytes(eight ^ (kOnes * '"')) | zeroBytes(eight ^ (kOnes * '\\'));
-  return ((below | eight | deleted | quotes) & kTops) != 0;
+  return below | quotes;
+}
+
+// Whether one of eight characters is not ASCII that a JSON string has as it is.
+bool needsLook(const char* text) {
+  const uint64_t eight = eightFrom(text);
+  const uint64_t deleted = zeroBytes(eight ^ (kOnes * 0x7F));
+  return ((escapedOnes(eight) | eight | deleted) & kTops) != 0;
 }
 
 bool isPlain(char c) {
@@ -43,6 +53,37 @@ size_t plainLength(std::string_view text) {
   while (length + 8 <= text.size() && !needsLook(text.data() + length)) length += 8;
   while (length < text.size() && isPlain(text[length])) ++length;
   return length;
+}
+
+// The first byte of each character that mustBeEscaped() names.
+constexpr unsigned char kFirstOfEscaped = 0xE2;
+
+// How many bytes from the beginning a JSON string has as they are, of text that prints: it has no
+// control characters but tabs and line ends.
+size_t unescapedLength(std::string_view text) {
+  const auto isUnescaped = [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte >= 0x20 && c != '"' && c != '\\' && byte != kFirstOfEscaped;
+  };
+  size_t length = 0;
+  for (; length + 8 <= text.size(); length += 8) {
+    const uint64_t eight = eightFrom(text.data() + length);
+    const uint64_t first = zeroBytes(eight ^ (kOnes * kFirstOfEscaped));
+    if (((escapedOnes(eight) | first) & kTops) != 0) break;
+  }
+  while (length < text.size() && isUnescaped(text[length])) ++length;
+  return length;
+}
+
+// The size of a character of two or three bytes that prints; 0 for one that needs a closer look.
+size_t commonCharacter(std::string_view text) {
+  const auto byteAt = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const auto follows = [&](size_t i) { return i < text.size() && (byteAt(i) & 0xC0u) == 0x80; };
+  if (text.empty()) return 0;
+  const unsigned char first = byteAt(0);
+  if (first >= 0xC3 && first <= 0xDF) return follows(1) ? 2 : 0;
+  if (first >= 0xE1 && first <= 0xEE && first != 0xED) return follows(1) && follows(2) ? 3 : 0;
+  return 0;
 }
 
 bool isAllowedControl(uint32_t code) {
@@ -105,6 +146,7 @@ std::array<uint8_t, 256> valuesOfBase64() {
 bool printsAsText(std::string_view bytes) {
   while (!bytes.empty()) {
     bytes.remove_prefix(plainLength(bytes));
+    while (const size_t common = commonCharacter(bytes)) bytes.remove_prefix(common);
     uint32_t code = 0;
     const size_t length = utf8Character(bytes, &code);
     if (bytes.empty()) break;
@@ -218,19 +260,20 @@ void JsonLines::bytes(std::string_view key, std::string_view base64Key, std::str
 
 void JsonLines::appendText(std::string_view text) {
   while (!text.empty()) {
-    const size_t plain = plainLength(text);
-    text_.append(text.data(), plain);
-    text.remove_prefix(plain);
+    const size_t length = unescapedLength(text);
+    text_.append(text.data(), length);
+    text.remove_prefix(length);
     uint32_t code = 0;
-    const size_t length = utf8Character(text, &code);
-    if (const char* const escape = length == 0 ? "" : shortEscape(code)) {
+    const size_t character = utf8Character(text, &code);
+    if (character == 0) return;
+    if (const char* const escape = shortEscape(code)) {
       text_ += escape;
     } else if (mustBeEscaped(code)) {
       appendEscape(code, &text_);
     } else {
-      text_.append(text.data(), length);
+      text_.append(text.data(), character);
     }
-    text.remove_prefix(length);
+    text.remove_prefix(character);
   }
 }
 
