@@ -214,6 +214,37 @@ TEST(PlainFiles, MayHaveBlocksInsideOfLiveOnes) {
   EXPECT_TRUE(isPlain(image.build()));
 }
 
+TEST(PlainFiles, HaveTheirTableDataWhereTheirSlotsSay) {
+  FileImage image;
+  const size_t notes = image.addTable("notes", 0x11);
+  const size_t other = image.addTable("other", 0x22);
+  const int64_t first = image.addRecord(notes, 0xA1, pattern(30));
+  image.setTableData(notes, bytesOf("of notes"));
+  const int64_t theirs = image.setTableData(other, bytesOf("of other"));
+  EXPECT_TRUE(isPlain(image.build()));
+  for (const int64_t wrong : {first, theirs, first + 1, image.end(), int64_t{1}, INT64_MAX}) {
+    SCOPED_TRACE(wrong);
+    FileImage damaged = image;
+    SlotFields& slot = damaged.slot(notes);
+    slot.firstDataPos = slot.lastDataPos = slot.lastWrittenDataPos = wrong;
+    EXPECT_FALSE(isPlain(damaged.build()));
+  }
+}
+
+// Those that are not read from end to end, too.
+TEST(PlainFiles, HaveTheEndMarkOfEveryBlock) {
+  for (const size_t size : {30u, 4030u, 4040u, 5000u, 300'000u}) {
+    SCOPED_TRACE(size);
+    FileImage image;
+    const size_t table = image.addTable("notes", 0x11);
+    const int64_t record = image.addRecord(table, 0xA1, pattern(size));
+    image.addRecord(table, 0xA2, pattern(30));
+    EXPECT_TRUE(isPlain(image.build()));
+    image.record(record).blockEndMark = 'j';
+    EXPECT_FALSE(isPlain(image.build()));
+  }
+}
+
 // Where the slot counts fewer than there are, the last one may never have been in the chain.
 TEST(PlainFiles, CountTheRecordsThatWereEverWritten) {
   FileImage image;
