@@ -10,6 +10,7 @@
 #include "intents/file_io.h"
 #include "intents/gathering.h"
 #include "intents/paged_reader.h"
+#include "intents/recovery.h"
 #include "intents/run.h"
 #include "platform/handles/cutting.h"
 #include "platform/handles/file_changes.h"
@@ -159,8 +160,8 @@ Commit CommitLog::takeBack(int64_t position) {
 // file (what is there is then not what the intents say), and after so many commits. Blocks that
 // were written early have to be on the device before an intent can be seen that names them.
 bool CommitLog::beginRun(const internal_Head1& header, int64_t position, bool hasSpilled) {
-  const bool isAlone = platform::writesHere(file_) == ownWrites_ + otherWrites_;
-  if (position == end_ && isAlone && sequence_ < kMostOpenIntents && isWordOwn(header)) return true;
+  if (position == end_ && isAlone() && sequence_ < kMostOpenIntents && isWordOwn(header))
+    return true;
   if (!putInPlace()) return false;
   if ((start_ != 0 || hasSpilled) && !syncUnlessProcess()) return false;
   format::PendingWord word;
@@ -199,7 +200,27 @@ bool CommitLog::synced(uint64_t ticket, bool succeeded) {
   return later != 0 || heldCommits_ < std::max(mostHeld_, 1u) || writeHeld();
 }
 
+// Whether nothing else in this process has written to the file since the run began.
+bool CommitLog::isAlone() const {
+  return platform::writesHere(file_) == ownWrites_ + otherWrites_;
+}
+
+// What others have changed in the places of held patches is not overwritten: the recovery decides,
+// as it does after a crash.
+bool CommitLog::completeBesideOthers() {
+  const OwnWrites own(*this);
+  if (!recover(file_).succeeded) {
+    broken_ = Obstacle::cannotPatch;
+    return false;
+  }
+  held_.clear();
+  heldCommits_ = 0;
+  start_ = 0;
+  return true;
+}
+
 bool CommitLog::writeHeld() {
+  if (!isAlone()) return completeBesideOthers();
   const OwnWrites own(*this);
   for (const HeldPatch* patch : held_.inOrder()) {
     if (writeAt(file_, patch->position, patch->bytes.data(), patch->bytes.size())) continue;
@@ -219,6 +240,8 @@ bool CommitLog::syncUnlessProcess() {
 
 // No patch is written before the intent is on the device that it belongs to.
 bool CommitLog::putInPlace() {
+  const platform::Turn turn(file_);
+  if (isBroken()) return false;
   if (durability_ != Durability::process && syncedTickets_ < tickets_ && !sync()) return false;
   return held_.isEmpty() || writeHeld();
 }

@@ -87,6 +87,9 @@ class CommitLog {
   bool settle();
   // Syncs the commits of Durability::interval. False as settle().
   bool sync();
+  // The same, and writes the held patches: they are in place then, but not on the device. False as
+  // settle().
+  bool putInPlace();
 
   // Whether the pending word is set, so that plain operations must settle first.
   bool hasOpenIntents() const { return start_ != 0; }
@@ -104,8 +107,9 @@ class CommitLog {
   Commit takeBack(int64_t position);
   bool beginRun(const internal_Head1& header, int64_t position, bool hasSpilled);
   bool isWordOwn(const internal_Head1& header) const;
-  bool putInPlace();
+  bool isAlone() const;
   bool writeHeld();
+  bool completeBesideOthers();
   bool syncUnlessProcess();
 
   int16_t file_;

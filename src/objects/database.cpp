@@ -24,6 +24,7 @@
 #include "objects/sharing/turns.h"
 #include "objects/sharing/waiting.h"
 #include "objects/space/compact_when.h"
+#include "objects/transactions/held_commits.h"
 #include "objects/transactions/transaction_steps.h"
 #include "objects/walks/chain_ends.h"
 #include "platform/handles/current_name.h"
@@ -296,8 +297,8 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
   }
   if (options.durability != Durability::process && options.mode != Mode::exclusive) {
     failure::throwError(path, kOpen, Reason::bad_argument,
-                        "only of a database that is opened exclusively can each operation be on "
-                        "the device when it returns");
+                        "only a database that is opened exclusively can have another durability "
+                        "than process");
   }
   // Also refuses what is not a number.
   const bool isPart = options.compact_when.dead_part >= 0 && options.compact_when.dead_part <= 1;
@@ -321,9 +322,7 @@ Database Database::open(const std::filesystem::path& path, const OpenOptions& op
     }();
     database.state_->wait = options.wait;
     database.state_->checksums = options.checksums;
-    if (options.durability == Durability::power) {
-      database.state_->transactions.durability = intents::Durability::power;
-    }
+    database.state_->transactions.choose(options.durability);
     if (options.cache != 0) detail::holdCache(Operation(database.state_, kOpen), options.cache);
     if (options.check) {
       const Operation operation(database.state_, kOpen);
@@ -455,6 +454,7 @@ void Database::keep_indexes() {
 
 void Database::sync() {
   const Operation operation(state_, "wait for the device");
+  if (operation.stage() == nullptr && detail::putInPlace(operation)) return;
   if (!platform::syncFile(operation.db())) {
     operation.fail(Reason::cannot_write, "the system reports a failure");
   }

@@ -13,6 +13,7 @@
 #include "format/layout.h"
 #include "handle/database_handle.h"
 #include "objects/sharing/looks.h"
+#include "objects/transactions/held_commits.h"
 #include "objects/transactions/transaction_steps.h"
 #include "objects/writing/bulk.h"
 #include "platform/handles/file_views.h"
@@ -58,7 +59,7 @@ int64_t OpenDatabase::placeNow(int64_t position, uint32_t foundIn) const {
 int OpenDatabase::continueWith(int16_t made, std::vector<upkeep::Move> moved) noexcept {
   const int16_t closed = handle;
   const platform::Turn turn(made);
-  transactions.log.reset();  // it is of the file that is closed
+  forgetLog(*this);  // it is of the file that is closed
   platform::stopWaitingForTurn(closed, this);
   platform::beginChange(closed);
   compacted = opening;
@@ -71,8 +72,8 @@ int OpenDatabase::continueWith(int16_t made, std::vector<upkeep::Move> moved) no
 }
 
 int OpenDatabase::close() noexcept {
-  if (opener.isStillOwn()) static_cast<void>(settleAtEnd(*this));
-  transactions.log.reset();
+  const bool isSafe = !opener.isStillOwn() || settleAtEnd(*this) || !waitsForDevice(*this);
+  forgetLog(*this);
   transactions.openNumber = 0;  // only in a child, which has it from its parent
   transactions.open.reset();
   unplaced.reset();  // removes the file, while no other opener can have begun to use it
@@ -89,7 +90,8 @@ int OpenDatabase::close() noexcept {
   platform::beginChange(closed);
   handle = 0;
   platform::endChange(closed);
-  return CloseDBase(closed);
+  const int result = CloseDBase(closed);
+  return isSafe ? result : 0;
 }
 
 void OpenDatabase::takeBackOpen() noexcept {
@@ -154,10 +156,7 @@ Operation::Operation(const std::shared_ptr<OpenDatabase>& database, const char* 
       opening_(database_.opening) {
   platform::forgetHostFailure();
   if (db_ == 0) failClosed(*this);
-  if (database_.transactions.open != nullptr) {
-    if (sees != Sees::fileAtOnce) waitForTransaction();
-    if (sees == Sees::transaction) enterTransaction();
-  }
+  if (database_.transactions.open != nullptr || database_.transactions.holds) useStages(sees);
   if (database_.forkDepth != platform::forkDepth()) separateFromParent(*this);
   if (database_.cacheHolders != 0) usesMirror_ = platform::useMirror(db_);
 }
@@ -179,20 +178,47 @@ __attribute__((noinline)) void Operation::waitForTransaction() const {
   }
 }
 
-// The numbers in the directory cache are those of the file for everybody else.
-__attribute__((noinline)) void Operation::enterTransaction() {
+platform::Stage* Operation::stageFor(Sees sees) const {
+  if (sees != Sees::transaction) return nullptr;
   const OpenTransaction* open = database_.transactions.open.get();
-  if (open == nullptr || !open->isOfThisThread()) return;
-  usesStage_ = platform::useStage(db_, open->stage.get());
-  if (usesStage_ && open->hasNewTables) engine::dropDirectoryEntry(db_);
+  if (open == nullptr) return heldViewOf(database_);
+  return open->isOfThisThread() ? open->stage.get() : nullptr;
 }
 
-// The database may have been closed within the operation.
+__attribute__((noinline)) void Operation::useStages(Sees sees) {
+  if (sees != Sees::fileAtOnce) waitForTransaction();
+  platform::Stage* const wanted = stageFor(sees);
+  platform::Stage* const view = database_.transactions.heldView.get();
+  const auto* file = platform::findOpenFile(db_);
+  const platform::Stage* const used = file != nullptr ? file->stage : nullptr;
+  if (used == nullptr && wanted == view && view != nullptr) syncBeforeReading(database_);
+  if (used != nullptr && used == view && used != wanted) {
+    platform::leaveStage(db_);
+    setsViewAside_ = true;
+  }
+  if (wanted != nullptr) usesStage_ = platform::useStage(db_, wanted);
+  if ((usesStage_ || setsViewAside_) && hidesTables()) engine::dropDirectoryEntry(db_);
+}
+
+// Whether the numbers in the directory cache are not those that others read.
+bool Operation::hidesTables() const {
+  const OpenTransaction* open = database_.transactions.open.get();
+  return (open != nullptr && open->hasNewTables) || holdsTableCount(database_.transactions);
+}
+
+// The database may have been closed within the operation, and what was held back written.
 void Operation::leaveStage() const {
   if (database_.handle != db_) return;
-  platform::leaveStage(db_);
-  const OpenTransaction* open = database_.transactions.open.get();
-  if (open != nullptr && open->hasNewTables) engine::dropDirectoryEntry(db_);
+  if (usesStage_) platform::leaveStage(db_);
+  platform::Stage* const view = setsViewAside_ ? heldViewOf(database_) : nullptr;
+  if (view != nullptr) static_cast<void>(platform::useStage(db_, view));
+  if (hidesTables()) engine::dropDirectoryEntry(db_);
+}
+
+void Operation::leaveHeldView() const {
+  const platform::Stage* const view = database_.transactions.heldView.get();
+  const auto* file = platform::findOpenFile(db_);
+  if (view != nullptr && file != nullptr && file->stage == view) platform::leaveStage(db_);
 }
 
 platform::Stage* Operation::stage() const {

@@ -203,7 +203,7 @@ class Operation {
             Sees sees = Sees::transaction);
   ~Operation() {
     if (usesMirror_) leaveMirror();
-    if (usesStage_) leaveStage();
+    if (usesStage_ || setsViewAside_) leaveStage();
   }
   Operation(const Operation&) = delete;
   Operation& operator=(const Operation&) = delete;
@@ -225,6 +225,10 @@ class Operation {
   // Whether a block at that position is one of the file, which its transaction must not change in
   // place.
   bool isKept(int64_t position) const;
+
+  // To be called before the file is written to by other means than a transaction, once nothing is
+  // held back any more that would have to be laid over it.
+  void leaveHeldView() const;
 
   // Throws bad_argument in a transaction, for operations on the whole file.
   void requireNoTransaction() const;
@@ -302,8 +306,10 @@ class Operation {
   void failIfWriteWasRefused(uint64_t bytes) const;
 
  private:
+  void useStages(Sees sees);
   void waitForTransaction() const;
-  void enterTransaction();
+  qvdbase::platform::Stage* stageFor(Sees sees) const;
+  bool hidesTables() const;
   void leaveStage() const;
   void leaveMirror() const;
   void readSlot(const qvdbase::engine::DirectoryNumbers& numbers, int index,
@@ -317,8 +323,9 @@ class Operation {
   DatabaseTurn turn_;
   int16_t db_;
   uint32_t opening_;
-  bool usesMirror_ = false;  // of the file, and ends it
-  bool usesStage_ = false;   // likewise
+  bool usesMirror_ = false;     // of the file, and ends it
+  bool usesStage_ = false;      // likewise
+  bool setsViewAside_ = false;  // of what is held back, which an outer operation uses
   mutable std::array<char, qvdbase::format::kTableNameSize>
       tableName_{};  // zeros where it is not known
   mutable int64_t slotPos_ = 0;

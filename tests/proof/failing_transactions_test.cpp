@@ -114,6 +114,10 @@ Step many() {
           [](State& state) { state["other"].insert(state["other"].end(), 3, "many"); }};
 }
 
+Step synced() {
+  return {"synced", [](Database& database) { database.sync(); }, [](State&) {}};
+}
+
 struct Program {
   std::string name;
   Durability durability;
@@ -126,6 +130,9 @@ std::vector<Program> programs() {
   return {
       {"Process", Durability::process, {transfer(1), transfer(2), version(), transfer(3)}},
       {"Power", Durability::power, {transfer(1), alone(), many(), version(), transfer(3)}},
+      {"Interval",
+       Durability::interval(std::chrono::hours(1)),
+       {transfer(1), alone(), synced(), many(), version(), transfer(3)}},
       {"AfterACrash", Durability::process, {transfer(4)}, true},
       {"AfterACrashOnTheDevice", Durability::power, {transfer(4)}, true},
   };

@@ -244,8 +244,10 @@ TEST_F(KilledTransactions, AreWholeWhereTheyWereAcknowledged) {
   const int kills = testEverything() ? 3000 : 40;
   for (int i = 0; i < kills && !HasFailure(); ++i) {
     SCOPED_TRACE("QVDBASE_TEST_SEED=" + std::to_string(seed) + ", kill " + std::to_string(i));
-    const bool waits = random_() % 2 == 0;
-    runAndKill(waits ? qvdb::Durability::power : qvdb::Durability::process, random_() % 3 != 0);
+    const qvdb::Durability durabilities[] = {
+        qvdb::Durability::process, qvdb::Durability::power,
+        qvdb::Durability::interval(std::chrono::milliseconds(random_() % 2))};
+    runAndKill(durabilities[random_() % 3], random_() % 3 != 0);
     expectWhole();
     if (random_() % 3 == 0 && !HasFailure()) openHere();
   }

@@ -157,6 +157,10 @@ TEST_F(ReadersBesideTransactions, SeeEachBeforeOrAfterOnTheDevice) {
   run(qvdb::Durability::power, false);
 }
 
+TEST_F(ReadersBesideTransactions, SeeEachBeforeOrAfterWhileItWaitsForTheDevice) {
+  run(qvdb::Durability::interval(std::chrono::milliseconds(1)), false);
+}
+
 TEST_F(ReadersBesideTransactions, SeeEachBeforeOrAfterThoughWritersAreKilled) {
   run(qvdb::Durability::process, true);
 }

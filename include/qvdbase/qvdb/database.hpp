@@ -26,6 +26,10 @@
 
 namespace qvdb {
 
+namespace detail {
+struct Transactions;
+}
+
 // How a database is opened. The values are the permissions of OpenDBaseW.
 //
 // Processes that use this layer work beside each other in every combination that can be opened:
@@ -71,14 +75,30 @@ class Durability {
   // some 350 bytes for an operation on one table.
   static const Durability power;
 
+  // At most so long after it has returned, as long as the program goes on using the database: the
+  // first operation after that time waits for the device, for everything before it, and so do
+  // sync() and close(), and at the latest every 64th commit. After a power failure the file is as
+  // one of the commits has left it: all before that one are there, and nothing of those after it.
+  // As with power, each single operation is a transaction of its own, and the file grows by its
+  // note. What was committed is put into its place when it is on the device; until then it is read
+  // from memory, and programs that use the C functions see the state before. There is no thread
+  // that would sync while the program does nothing: call sync() before a long rest. A negative time
+  // is as 0, with which each commit waits.
+  static constexpr Durability interval(std::chrono::milliseconds time) noexcept {
+    return Durability(Kind::interval, time);
+  }
+
   // Whether both are the same.
   friend constexpr bool operator==(Durability, Durability) = default;
 
  private:
-  enum class Kind : uint8_t { process, power };
-  constexpr explicit Durability(Kind kind) noexcept : kind_(kind) {}
+  friend struct detail::Transactions;
+  enum class Kind : uint8_t { process, power, interval };
+  constexpr explicit Durability(Kind kind, std::chrono::milliseconds time = {}) noexcept
+      : kind_(kind), time_(time) {}
 
   Kind kind_;
+  std::chrono::milliseconds time_;
 };
 
 inline constexpr Durability Durability::process{Kind::process};  // as declared above
@@ -433,7 +453,8 @@ class QVDBASE_API Database {
   }
 
   // Waits until the device has everything that was written. Without it a power failure can lose
-  // what the system has not written yet. Throws Error: cannot_write.
+  // what the system has not written yet. Throws Error: cannot_write; and in_use with
+  // Durability::interval, where a reader does not finish.
   void sync();
 
  private:

@@ -147,10 +147,10 @@ void forgetParentsOperations(OpenDatabase& database) {
 }
 
 // What others have committed is in its place wherever nothing is laid over the file. An exclusive
-// opener of this process sees to it for its views.
+// opener of this process sees to it for its views, but for commits that wait for the device.
 void showCommitted(const Operation& operation) {
   OpenDatabase& database = operation.database();
-  if (database.isViewOfExclusive()) return;
+  if (database.isViewOfExclusive() && !database.viewed->transactions.holds) return;
   try {
     database.committed.begin(operation);
   } catch (...) {

@@ -121,6 +121,12 @@ void letReadersLook(OpenDatabase& database) {
   database.isReaderLate = whileRefused(longest, ask) == LockOutcome::refused;
 }
 
+LockOutcome lockReadersOut(OpenDatabase& database) {
+  letReadersLook(database);
+  const LockOutcome outcome = takeChange(database.handle);
+  return outcome == LockOutcome::refused ? takeChangeThroughGate(database) : outcome;
+}
+
 }  // namespace
 
 // One within another one adds nothing.
@@ -157,9 +163,7 @@ void ChangeTurn::begin(const Operation& operation, OwnBatch batch, For what) {
 }
 
 void ChangeTurn::keepReadersOut(const Operation& operation) {
-  letReadersLook(database_);
-  LockOutcome outcome = takeChange(database_.handle);
-  if (outcome == LockOutcome::refused) outcome = takeChangeThroughGate(database_);
+  const LockOutcome outcome = lockReadersOut(database_);
   holdsOff_ = outcome == LockOutcome::taken;
   if (outcome != LockOutcome::refused) return;
   const std::string who = holderOf(database_, LockByte::change);
@@ -183,6 +187,23 @@ void ChangeTurn::end() {
   }
   platform::endChange(database_.handle);
   if (hasTurn_) platform::releaseWritersTurn(database_.handle, &database_);
+}
+
+LastChange::LastChange(OpenDatabase& database) noexcept : database_(database) {
+  platform::beginChange(database_.handle);
+  if (!database_.keyIndexes.empty()) noticeWrites(database_);
+  if (!isReaderAnnounced(database_)) return;
+  const LockOutcome outcome = lockReadersOut(database_);
+  holdsOff_ = outcome == LockOutcome::taken;
+  isAlone_ = outcome != LockOutcome::refused;
+}
+
+LastChange::~LastChange() {
+  if (!database_.keyIndexes.empty()) noteOwnWrites(database_);
+  if (holdsOff_) {
+    platform::releaseLockByte(database_.handle, LockByte::change, Sharing::exclusive);
+  }
+  platform::endChange(database_.handle);
 }
 
 void beginBatchTurn(const Operation& operation) {

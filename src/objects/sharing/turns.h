@@ -50,6 +50,24 @@ class ChangeTurn {
   int exceptions_ = 0;  // that were on their way when it began
 };
 
+// What keeps readers out of the changes that are made when a database is closed, outside of
+// operations.
+class LastChange {
+ public:
+  explicit LastChange(OpenDatabase& database) noexcept;
+  ~LastChange();
+  LastChange(const LastChange&) = delete;
+  LastChange& operator=(const LastChange&) = delete;
+
+  // False where a reader does not finish within the time that the database waits.
+  bool isAlone() const { return isAlone_; }
+
+ private:
+  OpenDatabase& database_;
+  bool holdsOff_ = false;  // readers in other processes
+  bool isAlone_ = true;
+};
+
 // The turn of a batch, from its beginning until endBatchTurn: nothing unless the database is
 // shared. Throws in_use.
 void beginBatchTurn(const Operation& operation);

@@ -11,6 +11,8 @@
 // when they are used.
 #pragma once
 
+#include <qvdbase/qvdb/database.hpp>
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -55,12 +57,22 @@ struct EndedTransaction {
 struct Transactions {
   std::unique_ptr<OpenTransaction> open;
   std::unique_ptr<qvdbase::intents::CommitLog> log;  // from the first one on
+  // Lays over the file what the log holds back; null without a log. See held_commits.h.
+  std::unique_ptr<qvdbase::platform::Stage> heldView;
+  // Whether it holds something back. Changed within changes of the file only, which views of the
+  // database exclude while they look.
+  Published<bool> holds = false;
   qvdbase::intents::Durability durability = qvdbase::intents::Durability::process;
-  uint32_t latest = 0;                // the number of the one that began last
+  uint64_t longestUnsynced = 0;  // with `interval`, in microseconds
+  uint64_t unsyncedSince = 0;    // when the first commit was made that may not be on the device
+  uint32_t latest = 0;           // the number of the one that began last
   std::atomic<uint32_t> endings = 0;  // for threads that wait for one to end
 
   // The number of the one that is open, or 0. Threads ask for it without the turn, too.
   Published<uint32_t> openNumber;
+
+  // As a database is opened.
+  void choose(Durability wanted);
 
   void noteEnded(const EndedTransaction& ended) { ended_[ended.number % kKept] = ended; }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
 #include <new>
 #include <string>
 #include <utility>
@@ -18,6 +19,7 @@
 #include "objects/indexes/index_journal.h"
 #include "objects/indexes/table_keys.h"
 #include "objects/sharing/turns.h"
+#include "objects/transactions/held_commits.h"
 #include "objects/transactions/own_commit.h"
 #include "objects/writing/bulk.h"
 #include "platform/handles/file_changes.h"
@@ -101,7 +103,9 @@ std::unique_ptr<Stage> beginStage(const Operation& operation, OpenTransaction& o
                          static_cast<uint32_t>(open.databaseID.size()), &read)) {
     return nullptr;
   }
-  return Stage::begin(*platform::findOpenFile(operation.db()), kHead, Stage::kBudget, {}, from,
+  const intents::HeldPatches& held = operation.database().transactions.log->held();
+  return Stage::begin(*platform::findOpenFile(operation.db()), kHead, Stage::kBudget,
+                      intents::underlayOf(held), from,
                       {.size = static_cast<size_t>(format::prelude::kBlockSize),
                        .context = open.databaseID.data(),
                        .make = makePrelude});
@@ -254,10 +258,13 @@ uint32_t beginTransaction(const std::shared_ptr<OpenDatabase>& database, const c
     recover(operation);
     transactions.log =
         std::make_unique<intents::CommitLog>(operation.db(), transactions.durability);
-    transactions.log->holdBack(0);
+    transactions.log->holdBack(transactions.durability == intents::Durability::interval
+                                   ? std::numeric_limits<uint32_t>::max()
+                                   : 0);
+    transactions.heldView = Stage::forReading(intents::underlayOf(transactions.log->held()));
   }
   if (transactions.log->isBroken()) {
-    operation.fail(Reason::cannot_write, kBroken);
+    failBroken(operation);
   }
   auto open = std::make_unique<OpenTransaction>();
   open->stage = beginStage(operation, *open, from);
@@ -296,10 +303,14 @@ void commitTransaction(const std::shared_ptr<OpenDatabase>& database, uint32_t n
   }
   const int64_t limit = stage.inFile();
   intents::Commit commit;
+  bool isCommitted = true;
   if (!stage.isEmpty()) {
     const ChangeTurn turn(operation, OwnBatch::isJoined, ChangeTurn::For::commit);
     const intents::StagedChanges changes = gather(stage);
+    static_cast<void>(placeSynced(*database));
     commit = database->transactions.log->commit(changes);
+    isCommitted = commit.outcome == Outcome::committed;
+    syncAfterCommit(*database, &commit);
     if (commit.outcome == Outcome::nothingApplied) {
       static_cast<void>(stage.discard(*platform::findOpenFile(operation.db())));
     } else {
@@ -310,7 +321,6 @@ void commitTransaction(const std::shared_ptr<OpenDatabase>& database, uint32_t n
     static_cast<void>(stage.discard(*platform::findOpenFile(operation.db())));
     commit.outcome = Outcome::committed;
   }
-  const bool isCommitted = commit.outcome == Outcome::committed;
   end(*database, {number, limit, commit.shift, isCommitted});
   if (!isCommitted || commit.obstacle != Obstacle::none) failCommit(operation, commit);
 }
@@ -348,14 +358,24 @@ void recover(const Operation& operation) {
 void settle(const Operation& operation) {
   const Transactions& transactions = operation.database().transactions;
   if (transactions.log == nullptr) return;
-  if (!transactions.log->isBroken() && transactions.log->settle()) return;
+  operation.leaveHeldView();
+  const bool isSettled = !transactions.log->isBroken() && transactions.log->settle();
+  noteHeld(operation.database());
+  if (!isSettled) failBroken(operation);
+}
+
+void failBroken(const Operation& operation) {
   operation.fail(Reason::cannot_write, kBroken);
 }
 
 bool settleAtEnd(OpenDatabase& database) noexcept {
   const Transactions& transactions = database.transactions;
-  return transactions.log == nullptr || !transactions.log->hasOpenIntents() ||
-         transactions.log->settle();
+  if (transactions.log == nullptr || !transactions.log->hasOpenIntents()) return true;
+  if (!transactions.holds) return transactions.log->settle();
+  const LastChange change(database);
+  const bool isSettled = change.isAlone() ? transactions.log->settle() : transactions.log->sync();
+  noteHeld(database);
+  return isSettled;
 }
 
 }  // namespace qvdb::detail

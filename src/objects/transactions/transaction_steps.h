@@ -40,7 +40,11 @@ void recover(const Operation& operation);
 // Throws cannot_write.
 void settle(const Operation& operation);
 
-// The same before the file is closed. False where the host refuses.
+// Throws cannot_write: a write or a sync of the log has failed earlier.
+[[noreturn]] void failBroken(const Operation& operation);
+
+// The same as settle() before the file is closed. False where the host refuses. Where a reader in
+// another process does not finish, it waits for the device only: the next opener does the rest.
 bool settleAtEnd(OpenDatabase& database) noexcept;
 
 }  // namespace qvdb::detail

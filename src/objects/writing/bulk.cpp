@@ -11,6 +11,7 @@
 #include "objects/record_search.h"
 #include "objects/records.h"
 #include "objects/sharing/turns.h"
+#include "objects/transactions/held_commits.h"
 #include "objects/transactions/own_commit.h"
 #include "objects/transactions/transaction_steps.h"
 #include "objects/walks/chain_ends.h"
@@ -24,6 +25,7 @@ std::shared_ptr<Bulk> Bulk::open(const std::shared_ptr<OpenDatabase>& database, 
   const Operation operation(database, kAppend);
   operation.requireWritable();
   operation.requireNoBulk();
+  if (operation.stage() == nullptr) static_cast<void>(putInPlace(operation));
   beginBatchTurn(operation);
   try {
     return begin(operation, database, table);
