@@ -99,10 +99,15 @@ TEST_F(ThreadsWithTransactions, WaitNoLongerWhenTheDatabaseIsClosed) {
   waiting.join();
 }
 
-// Readers go on beside one, and see what is committed.
-TEST_F(ThreadsWithTransactions, LetReadersSeeTheStateBeforeAndAfter) {
-  qvdb::Database database = createDatabase();
-  qvdb::Table first = database.add_table("first");
+// Readers go on beside one, and see what is committed, also before it is in place.
+class ThreadsWithReaders : public ThreadsWithTransactions,
+                           public testing::WithParamInterface<qvdb::Durability> {};
+
+TEST_P(ThreadsWithReaders, LetThemSeeTheStateBeforeAndAfter) {
+  createDatabase().add_table("first");
+  qvdb::Database database =
+      qvdb::Database::open(path(), {.mode = qvdb::Mode::exclusive, .durability = GetParam()});
+  qvdb::Table first = database.table("first");
   const qvdb::Id id = first.add("0", 20);
   std::atomic<bool> isOver = false;
   std::atomic<int> latest = 0;
@@ -127,6 +132,13 @@ TEST_F(ThreadsWithTransactions, LetReadersSeeTheStateBeforeAndAfter) {
   isOver = true;
   reading.join();
 }
+
+INSTANTIATE_TEST_SUITE_P(With, ThreadsWithReaders,
+                         testing::Values(qvdb::Durability::process,
+                                         qvdb::Durability::interval(std::chrono::milliseconds(1))),
+                         [](const auto& way) {
+                           return way.param == qvdb::Durability::process ? "Process" : "Interval";
+                         });
 
 // Keeps what the file holds when the device is last waited for: that survives a power failure.
 class WatchedDevice {
