@@ -97,10 +97,8 @@ std::optional<IntentEntry> takeEntry(std::span<const unsigned char>* bytes) {
   if (!isLength(entry.kind, entry.position, before) || bytes->size() < before + after) {
     return std::nullopt;
   }
-  const auto values = bytes->begin();
-  const auto middle = values + static_cast<std::ptrdiff_t>(before);
-  entry.before.assign(values, middle);
-  entry.after.assign(middle, middle + static_cast<std::ptrdiff_t>(after));
+  entry.before = PlaceBytes(bytes->data(), before);
+  entry.after = PlaceBytes(bytes->data() + before, after);
   *bytes = bytes->subspan(before + after);
   return entry;
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "format/layout.h"
+#include "format/place_bytes.h"
 #include "support/xxh3.h"
 
 namespace qvdbase::format {
@@ -91,8 +92,8 @@ struct IntentEntry {
   uint8_t slot = 0;
   EntryKind kind = EntryKind::patch;
   int64_t position = 0;
-  std::vector<unsigned char> before;
-  std::vector<unsigned char> after;
+  PlaceBytes before;
+  PlaceBytes after;
 };
 
 struct Intent {

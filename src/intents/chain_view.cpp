@@ -2,6 +2,7 @@
 #include "intents/chain_view.h"
 
 #include "format/Aliment8.h"
+#include "format/big_endian.h"
 #include "format/block_heads.h"
 
 namespace qvdbase::intents {
@@ -26,6 +27,16 @@ std::optional<recordPart1> ChainView::record(int64_t position, const tablePart1&
     return std::nullopt;
   }
   return format::decodeRecordHead(head);
+}
+
+std::optional<ChainView::Links> ChainView::links(int64_t position, const tablePart1& table) const {
+  using namespace format::record;
+  unsigned char head[kData];
+  if (!read(position, head, sizeof head) || !format::isRecordOf(head, table.tableID)) {
+    return std::nullopt;
+  }
+  return Links{static_cast<int64_t>(format::loadBigEndian<uint64_t>(head + kPrevRecordPos)),
+               static_cast<int64_t>(format::loadBigEndian<uint64_t>(head + kNextRecordPos))};
 }
 
 bool ChainView::hangsTogether(const tablePart1& table, int64_t block) const {

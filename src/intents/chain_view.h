@@ -19,7 +19,13 @@ class ChainView {
   bool read(int64_t position, void* buffer, size_t count) const;
 
   std::optional<tablePart1> slot(int index) const;
-  // The header of a record of that table, or nothing.
+  // The links of a record of that table, or nothing.
+  struct Links {
+    int64_t previous;
+    int64_t next;
+  };
+  std::optional<Links> links(int64_t position, const tablePart1& table) const;
+  // Its whole header, likewise.
   std::optional<recordPart1> record(int64_t position, const tablePart1& table) const;
 
   // Whether the neighbours of a record, or the ends of the chain in the slot, lead to it, each as

@@ -10,6 +10,7 @@
 #include "intents/file_io.h"
 #include "intents/gathering.h"
 #include "intents/paged_reader.h"
+#include "intents/patch_runs.h"
 #include "intents/recovery.h"
 #include "intents/run.h"
 #include "platform/handles/cutting.h"
@@ -67,14 +68,16 @@ class CommitLog::OwnWrites {
 
 Commit CommitLog::commit(const StagedChanges& changes) {
   const platform::Turn turn(file_);
-  Commit commit = append(changes);
+  const OpenReader reader(file_);
+  const PagedReader pages(reader);
+  Commit commit = append(changes, pages);
   if (commit.outcome != Outcome::committed || durability_ == Durability::interval) return commit;
   if (durability_ == Durability::power && !synced(commit.ticket, platform::syncFileData(file_))) {
     const bool isOnDevice = syncedTickets_ >= commit.ticket;
     commit.outcome = isOnDevice ? Outcome::committed : Outcome::undecided;
     commit.obstacle = isOnDevice ? Obstacle::cannotPatch : Obstacle::cannotSync;
     commit.host = platform::lastHostFailure();
-  } else if (durability_ == Durability::process && !writeHeld()) {
+  } else if (durability_ == Durability::process && !writeHeld(pages)) {
     commit.obstacle = Obstacle::cannotPatch;
     commit.host = platform::lastHostFailure();
   }
@@ -83,6 +86,11 @@ Commit CommitLog::commit(const StagedChanges& changes) {
 
 Commit CommitLog::append(const StagedChanges& changes) {
   const platform::Turn turn(file_);
+  const OpenReader reader(file_);
+  return append(changes, PagedReader(reader));
+}
+
+Commit CommitLog::append(const StagedChanges& changes, const Reader& file) {
   if (isBroken()) return refused(Obstacle::isBroken);
   if (changes.patches.empty() && changes.blocks.empty() && changes.spilled == 0) {
     Commit nothing;
@@ -91,9 +99,7 @@ Commit CommitLog::append(const StagedChanges& changes) {
     return nothing;
   }
   const int64_t position = changes.base + changes.spilled;
-  const OpenReader reader(file_);
-  const PagedReader pages(reader);
-  const FileBytes bytes(pages);
+  const FileBytes bytes(file);
   if (bytes.hasFailed()) return refused(Obstacle::cannotRead);
   if (bytes.size() != position) return refused(Obstacle::changedMeanwhile);
   const auto header = readIntentHeader(bytes);
@@ -220,10 +226,15 @@ bool CommitLog::completeBesideOthers() {
 }
 
 bool CommitLog::writeHeld() {
+  return writeHeld(OpenReader(file_));
+}
+
+bool CommitLog::writeHeld(const Reader& file) {
   if (!isAlone()) return completeBesideOthers();
   const OwnWrites own(*this);
-  for (const HeldPatch* patch : held_.inOrder()) {
-    if (writeAt(file_, patch->position, patch->bytes.data(), patch->bytes.size())) continue;
+  PatchRuns runs(held_, file);
+  while (runs.next()) {
+    if (writeAt(file_, runs.position(), runs.bytes().data(), runs.bytes().size())) continue;
     broken_ = Obstacle::cannotPatch;
     return false;
   }

@@ -20,6 +20,8 @@
 
 namespace qvdbase::intents {
 
+class Reader;
+
 // When the commits of a log are on the device.
 enum class Durability : uint8_t {
   process,   // whenever the host writes them: they survive the end of the process, not of the host
@@ -108,7 +110,9 @@ class CommitLog {
   bool beginRun(const internal_Head1& header, int64_t position, bool hasSpilled);
   bool isWordOwn(const internal_Head1& header) const;
   bool isAlone() const;
+  Commit append(const StagedChanges& changes, const Reader& file);
   bool writeHeld();
+  bool writeHeld(const Reader& file);
   bool completeBesideOthers();
   bool syncUnlessProcess();
 

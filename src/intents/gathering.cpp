@@ -16,7 +16,6 @@
 #include <limits>
 #include <map>
 #include <optional>
-#include <set>
 #include <utility>
 
 #include "format/Aliment8.h"
@@ -27,9 +26,10 @@
 namespace qvdbase::intents {
 namespace {
 
-using Bytes = std::vector<unsigned char>;
 using format::EntryKind;
 using format::IntentEntry;
+using format::PlaceBytes;
+using Positions = std::vector<int64_t>;  // sorted
 
 constexpr int64_t kLinkSize = 8;
 constexpr int kMostTables = format::kNewSlotCount - 1;
@@ -62,15 +62,17 @@ class StagedReader : public Reader {
 
  private:
   const FileBytes& file_;
-  const Bytes& blocks_;
+  const std::vector<unsigned char>& blocks_;
   int64_t limit_;
   int64_t start_;  // of the blocks
 };
 
 struct Place {
   int64_t position;
-  Bytes before;
-  Bytes after;
+  PlaceBytes before;
+  PlaceBytes after;
+
+  bool isChanged() const { return before != after; }
 };
 
 struct Link {
@@ -85,11 +87,21 @@ struct TableChanges {
   std::vector<Link> links;  // in the order in which they were made
 };
 
-int64_t numberIn(const Bytes& link) {
+int64_t numberIn(const PlaceBytes& link) {
   return static_cast<int64_t>(format::loadBigEndian<uint64_t>(link.data()));
 }
 
-tablePart1 decoded(const Bytes& image) {
+bool has(const Positions& positions, int64_t position) {
+  return std::binary_search(positions.begin(), positions.end(), position);
+}
+
+Positions sorted(Positions positions) {
+  std::sort(positions.begin(), positions.end());
+  positions.erase(std::unique(positions.begin(), positions.end()), positions.end());
+  return positions;
+}
+
+tablePart1 decoded(const PlaceBytes& image) {
   tablePart1 table;
   format::decodeSlot(image.data(), &table);
   return table;
@@ -139,7 +151,7 @@ class Gathering {
   }
 
   bool isUnchanged(const Patch& patch) const {
-    Bytes now(patch.before.size());
+    PlaceBytes now(patch.before.size());
     return before_.read(patch.position, now.data(), now.size()) && now == patch.before;
   }
 
@@ -157,26 +169,26 @@ class Gathering {
         return refuse(Obstacle::notTakable);
       }
       std::optional<Place>& place = isCount ? count_ : tables_[index].slot;
-      if (!lay(patch, begin, size, &place)) return false;
+      if (!layOverSlot(patch, begin, size, &place)) return false;
       at = begin + size;
       if (isCount && at < end) return refuse(Obstacle::notTakable);
     }
     return true;
   }
 
-  // Lays a patch over a place, which gets its bytes before that when it is new.
-  bool lay(const Patch& patch, int64_t begin, int64_t size, std::optional<Place>* place) {
+  // Lays a patch over a slot or the count, which gets its bytes before that when it is new.
+  bool layOverSlot(const Patch& patch, int64_t begin, int64_t size, std::optional<Place>* place) {
     if (!*place) {
-      Bytes now(static_cast<size_t>(size));
+      PlaceBytes now(static_cast<size_t>(size));
       if (!before_.read(begin, now.data(), now.size())) return refuse(Obstacle::changedMeanwhile);
       *place = Place{begin, now, now};
     }
     const int64_t from = std::max(begin, patch.position);
     const int64_t to =
         std::min(begin + size, patch.position + static_cast<int64_t>(patch.after.size()));
-    std::copy(patch.after.begin() + static_cast<ptrdiff_t>(from - patch.position),
-              patch.after.begin() + static_cast<ptrdiff_t>(to - patch.position),
-              (*place)->after.begin() + static_cast<ptrdiff_t>(from - begin));
+    std::copy(patch.after.begin() + (from - patch.position),
+              patch.after.begin() + (to - patch.position),
+              (*place)->after.begin() + (from - begin));
     laidOver_.hold(begin, (*place)->after);
     return true;
   }
@@ -220,19 +232,19 @@ class Gathering {
     if (table < 0) return refuse(Obstacle::notTakable);
     const int64_t begin =
         block + (leadsBack ? format::record::kPrevRecordPos : format::record::kNextRecordPos);
-    std::optional<Place> place;
-    if (!lay(patch, begin, kLinkSize, &place)) return false;
-    if (place->before != place->after) {
-      tables_[table].links.push_back({std::move(*place), block, leadsBack});
-    }
+    const int64_t offset = begin - patch.position;
+    Place place{begin, PlaceBytes(patch.before.data() + offset, kLinkSize),
+                PlaceBytes(patch.after.data() + offset, kLinkSize)};
+    laidOver_.hold(begin, place.after);
+    if (place.isChanged()) tables_[table].links.push_back({std::move(place), block, leadsBack});
     return true;
   }
 
   bool addAll() {
-    for (const auto& [index, changes] : tables_) {
-      if (!addTable(index, changes)) return false;
+    for (auto& [index, changes] : tables_) {
+      if (!addTable(index, &changes)) return false;
     }
-    if (count_ && count_->before != count_->after) {
+    if (count_ && count_->isChanged()) {
       const int count = format::loadBigEndian<uint16_t>(count_->after.data());
       if (count < 1 || count > kMostTables) return refuse(Obstacle::notTakable);
       addPatch(count - 1, EntryKind::patch, *count_);
@@ -240,59 +252,57 @@ class Gathering {
     return true;
   }
 
-  bool addTable(int index, const TableChanges& changes) {
+  bool addTable(int index, TableChanges* changes) {
     Place slot;
-    if (changes.slot) {
-      slot = *changes.slot;
+    if (changes->slot) {
+      slot = *changes->slot;
     } else {
-      slot = {format::slotPosition(index), Bytes(format::kSlotImageSize), {}};
+      slot = {format::slotPosition(index), PlaceBytes(format::kSlotImageSize), {}};
       if (!before_.read(slot.position, slot.before.data(), slot.before.size())) return false;
       slot.after = slot.before;
     }
-    if (changes.links.empty() && slot.before == slot.after) return true;
+    std::vector<Link>& links = changes->links;
+    if (links.empty() && !slot.isChanged()) return true;
     const tablePart1 before = decoded(slot.before);
     const tablePart1 after = decoded(slot.after);
-    const std::set<int64_t> takenOut = findTakenOut(before, after, changes);
-    std::vector<Link> links = changes.links;
+    const Positions takenOut = findTakenOut(before, after, links);
     for (Link& link : links) {
-      if (takenOut.count(link.block) != 0) leadToLinked(after, &link);
+      if (has(takenOut, link.block)) leadToLinked(after, &link);
     }
-    std::set<int64_t> changed;
+    constexpr size_t kMostOfRecord = 4;
+    entries_.reserve(entries_.size() + links.size() + kMostOfRecord * takenOut.size() + 2);
+    if (!guardRecords(index, takenOut, links) || !guardReplacedData(index, before, after)) {
+      return false;
+    }
     for (const Link& link : links) {
-      if (link.place.before != link.place.after) changed.insert(link.place.position);
-    }
-    for (const int64_t block : takenOut) {
-      if (!guardRecord(index, block, changed)) return false;
-    }
-    if (!guardReplacedData(index, before, after)) return false;
-    for (const Link& link : links) {
-      if (changed.count(link.place.position) == 0) continue;
+      if (!link.place.isChanged()) continue;
       addPatch(index, link.leadsBack ? EntryKind::backLink : EntryKind::patch, link.place);
     }
-    if (slot.before != slot.after) {
+    if (slot.isChanged()) {
       addPatch(index, EntryKind::patch, slot);
     } else {
-      addGuard(index, slot.position, slot.before);
+      addGuard(index, slot.position, std::move(slot.before));
     }
     return true;
   }
 
   // Every record that is not in the chain any more had a link changed, or a neighbour or the slot
   // did that named it.
-  std::set<int64_t> findTakenOut(const tablePart1& before, const tablePart1& after,
-                                 const TableChanges& changes) const {
-    std::set<int64_t> candidates;
+  Positions findTakenOut(const tablePart1& before, const tablePart1& after,
+                         const std::vector<Link>& links) const {
+    Positions candidates;
+    candidates.reserve(2 * links.size() + 2);
     if (format::slotHoldsTable(before)) {
       candidates = {before.firstRecordPos, before.lastRecordPos};
     }
-    for (const Link& link : changes.links) {
-      candidates.insert(link.block);
-      candidates.insert(numberIn(link.place.before));
+    for (const Link& link : links) {
+      candidates.push_back(link.block);
+      candidates.push_back(numberIn(link.place.before));
     }
-    std::set<int64_t> takenOut;
-    for (const int64_t block : candidates) {
-      if (block >= limit_ || !before_.record(block, after)) continue;
-      if (!isLinked(block, after)) takenOut.insert(block);
+    Positions takenOut;
+    for (const int64_t block : sorted(std::move(candidates))) {
+      if (block >= limit_ || !before_.links(block, after)) continue;
+      if (!isLinked(block, after)) takenOut.push_back(block);
     }
     return takenOut;
   }
@@ -322,24 +332,31 @@ class Gathering {
   }
 
   bool isLinked(int64_t block, const tablePart1& table) const {
-    const auto head = after_.record(block, table);
-    if (!head) return false;
-    if (head->prevRecordPos == 0) return table.firstRecordPos == block;
-    const auto previous = after_.record(head->prevRecordPos, table);
-    return previous && previous->nextRecordPos == block;
+    const auto own = after_.links(block, table);
+    if (!own) return false;
+    if (own->previous == 0) return table.firstRecordPos == block;
+    const auto previous = after_.links(own->previous, table);
+    return previous && previous->next == block;
   }
 
-  // Its links that are changed are patches, with what they were before.
-  bool guardRecord(int table, int64_t block, const std::set<int64_t>& changed) {
+  // Links that are changed are patches, with what they were before.
+  bool guardRecords(int table, const Positions& blocks, const std::vector<Link>& links) {
     constexpr std::pair<int64_t, size_t> kGuarded[] = {{format::record::kModifyTime, 4},
                                                        {format::record::kPrevRecordPos, 8},
                                                        {format::record::kNextRecordPos, 8},
                                                        {format::record::kDataLength, 4}};
-    for (const auto& [offset, size] : kGuarded) {
-      if (changed.count(block + offset) != 0) continue;
-      Bytes now(size);
-      if (!before_.read(block + offset, now.data(), now.size())) return false;
-      addGuard(table, block + offset, now);
+    Positions changed;
+    changed.reserve(links.size());
+    for (const Link& link : links) {
+      if (link.place.isChanged()) changed.push_back(link.place.position);
+    }
+    changed = sorted(std::move(changed));
+    for (const int64_t block : blocks) {
+      unsigned char head[format::record::kData];
+      if (!before_.read(block, head, sizeof head)) return false;
+      for (const auto& [offset, size] : kGuarded) {
+        if (!has(changed, block + offset)) addGuard(table, block + offset, {head + offset, size});
+      }
     }
     return true;
   }
@@ -354,8 +371,8 @@ class Gathering {
     const int64_t place = block + format::tabledata::kDataLength;
     const auto hash = hashOf(file_, place, length);
     if (!hash) return refuse(Obstacle::changedMeanwhile);
-    IntentEntry entry{static_cast<uint8_t>(index), EntryKind::guardByHash, place, Bytes(4),
-                      Bytes(8)};
+    IntentEntry entry{static_cast<uint8_t>(index), EntryKind::guardByHash, place, PlaceBytes(4),
+                      PlaceBytes(8)};
     format::storeBigEndian(entry.before.data(), static_cast<uint32_t>(length));
     format::storeBigEndian(entry.after.data(), *hash);
     entries_.push_back(std::move(entry));
@@ -367,8 +384,9 @@ class Gathering {
         {static_cast<uint8_t>(table), kind, place.position, place.before, place.after});
   }
 
-  void addGuard(int table, int64_t position, const Bytes& before) {
-    entries_.push_back({static_cast<uint8_t>(table), EntryKind::guard, position, before, {}});
+  void addGuard(int table, int64_t position, PlaceBytes before) {
+    entries_.push_back(
+        {static_cast<uint8_t>(table), EntryKind::guard, position, std::move(before), {}});
   }
 
   const FileBytes& file_;
@@ -393,7 +411,7 @@ void moveLink(int64_t from, int64_t shift, unsigned char* link) {
 }
 
 // Slots store positions least significant byte first.
-void moveSlot(int64_t from, int64_t shift, Bytes* image) {
+void moveSlot(int64_t from, int64_t shift, PlaceBytes* image) {
   for (const int field : {format::slot::kFirstRecordPos, format::slot::kLastWrittenRecordPos,
                           format::slot::kLastRecordPos, format::slot::kFirstDataPos,
                           format::slot::kLastWrittenDataPos, format::slot::kLastDataPos}) {

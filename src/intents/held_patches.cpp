@@ -38,7 +38,7 @@ void HeldPatches::layOver(int64_t position, void* bytes, size_t count) const {
   }
 }
 
-void HeldPatches::hold(int64_t position, std::vector<unsigned char> bytes) {
+void HeldPatches::hold(int64_t position, format::PlaceBytes bytes) {
   auto patch = std::lower_bound(patches_.begin(), patches_.end(), position, isBefore);
   if (patch != patches_.end() && patch->position == position) {
     patch->bytes = std::move(bytes);

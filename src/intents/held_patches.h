@@ -6,13 +6,14 @@
 #include <cstdint>
 #include <vector>
 
+#include "format/place_bytes.h"
 #include "platform/transfer/stage.h"
 
 namespace qvdbase::intents {
 
 struct HeldPatch {
   int64_t position = 0;
-  std::vector<unsigned char> bytes;
+  format::PlaceBytes bytes;
   uint64_t order = 0;
 };
 
@@ -29,7 +30,7 @@ class HeldPatches {
   void layOver(int64_t position, void* bytes, size_t count) const;
 
   // A place always has the same length: the patch replaces the one that is held for it.
-  void hold(int64_t position, std::vector<unsigned char> bytes);
+  void hold(int64_t position, format::PlaceBytes bytes);
   void clear() { patches_.clear(); }
 
  private:

@@ -32,7 +32,7 @@ Identifier identifierOf(const recordPart1& record) {
   return identifier;
 }
 
-tablePart1 decoded(const std::vector<unsigned char>& image) {
+tablePart1 decoded(const format::PlaceBytes& image) {
   tablePart1 table;
   format::decodeSlot(image.data(), &table);
   return table;

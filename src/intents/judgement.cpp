@@ -19,8 +19,7 @@ bool isHashed(const IntentEntry& entry) {
   return entry.kind == EntryKind::guardByHash;
 }
 
-bool isSame(const std::vector<unsigned char>& one, const std::vector<unsigned char>& other,
-            const Part& part) {
+bool isSame(const format::PlaceBytes& one, const format::PlaceBytes& other, const Part& part) {
   const auto begin = static_cast<std::ptrdiff_t>(part.begin);
   const auto end = static_cast<std::ptrdiff_t>(part.end);
   return std::equal(one.begin() + begin, one.begin() + end, other.begin() + begin);
@@ -45,7 +44,7 @@ std::vector<Part> bytesOf(const Place& place) {
 }
 
 // What two lists of values were before and after one intent.
-void addValues(const IntentEntry& entry, std::vector<const std::vector<unsigned char>*>* values) {
+void addValues(const IntentEntry& entry, std::vector<const format::PlaceBytes*>* values) {
   values->push_back(&entry.before);
   if (format::isPatch(entry.kind)) values->push_back(&entry.after);
 }
@@ -71,7 +70,7 @@ void Judgement::collectPlaces() {
       Place& place = places_[{entry.position, entry.before.size()}];
       if (place.uses.empty()) {
         place.position = entry.position;
-        place.now.resize(entry.before.size());
+        place.now = format::PlaceBytes(entry.before.size());
         static_cast<void>(file_.read(entry.position, place.now.data(), place.now.size()));
       }
       place.uses.push_back({i, &entry});
@@ -284,7 +283,8 @@ void Judgement::decide(RecoveryPlan* plan) const {
       const Place& place = *found->second;
       const int slot = slotOf(place);
       if (verdict.contradicted.count(slot) != 0 || traces.count(slot) != 0) continue;
-      if (place.now != entry.after) plan->writes.push_back({place.position, entry.after, slot});
+      if (place.now != entry.after)
+        plan->writes.push_back({place.position, entry.after.copy(), slot});
     }
   }
   for (const int slot : verdict.contradicted) {

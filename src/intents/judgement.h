@@ -21,8 +21,8 @@ struct Place {
   };
 
   int64_t position = 0;
-  std::vector<unsigned char> now;  // what is there
-  std::vector<Use> uses;           // in the order of the run
+  format::PlaceBytes now;  // what is there
+  std::vector<Use> uses;   // in the order of the run
 };
 
 // A part of a place in one sector: what a device writes as one, or a byte, where it is judged by
@@ -49,7 +49,7 @@ class Judgement {
     std::vector<std::pair<const Place*, const format::IntentEntry*>> latest;  // in order
   };
 
-  using Values = std::vector<const std::vector<unsigned char>*>;
+  using Values = std::vector<const format::PlaceBytes*>;
 
   void collectPlaces();
   std::vector<Part> partsOf(const Place& place) const;

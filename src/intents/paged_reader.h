@@ -1,10 +1,11 @@
 // Many small reads of a file that nothing writes to meanwhile: each page is read once.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <unordered_map>
-#include <vector>
 
 #include "intents/recovery.h"
 
@@ -19,12 +20,23 @@ class PagedReader : public Reader {
   bool read(int64_t position, void* buffer, size_t count) const override;
 
  private:
-  using Page = std::vector<unsigned char>;
+  struct Page {
+    std::unique_ptr<unsigned char[]> bytes;
+    size_t size;
+  };
+  struct Recent {
+    int64_t number = -1;
+    const Page* page = nullptr;
+  };
+  static constexpr size_t kRecent = 16;
 
   const Page* page(int64_t number) const;
+  const Page* readPage(int64_t number) const;
 
   const Reader& file_;
   mutable std::unordered_map<int64_t, Page> pages_;
+  // Those that were used last, of each remainder of their number: reads come to few at a time.
+  mutable std::array<Recent, kRecent> recent_;
 };
 
 }  // namespace qvdbase::intents

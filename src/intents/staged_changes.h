@@ -4,14 +4,16 @@
 #include <cstdint>
 #include <vector>
 
+#include "format/place_bytes.h"
+
 namespace qvdbase::intents {
 
 // Bytes that are to be changed in place: what is there now, and what shall be. Both have the same
 // length.
 struct Patch {
   int64_t position = 0;
-  std::vector<unsigned char> before;
-  std::vector<unsigned char> after;
+  format::PlaceBytes before;
+  format::PlaceBytes after;
 };
 
 // The new file as the transaction sees it is: the file up to `base + spilled`, with the patches

@@ -249,7 +249,7 @@ class Forger {
     std::vector<IntentEntry>& entries = intent->entries;
     for (size_t count = below(4); count > 0; --count) {
       IntentEntry& entry = entries[below(entries.size())];
-      std::vector<unsigned char>& value = below(3) == 0 ? entry.before : entry.after;
+      format::PlaceBytes& value = below(3) == 0 ? entry.before : entry.after;
       switch (below(7)) {
         case 0:
           entry = entries[below(entries.size())];

@@ -55,9 +55,8 @@ void requireUsable(const Operation& operation) {
 }
 
 // The bytes of a part of the head.
-std::vector<unsigned char> part(const std::vector<uint8_t>& head, int64_t from, int64_t size) {
-  const auto begin = head.begin() + static_cast<ptrdiff_t>(from);
-  return {begin, begin + static_cast<ptrdiff_t>(size)};
+format::PlaceBytes part(const std::vector<uint8_t>& head, int64_t from, int64_t size) {
+  return {head.data() + from, static_cast<size_t>(size)};
 }
 
 void addHeadPatch(const Stage& stage, int64_t position, int64_t size,
@@ -73,10 +72,7 @@ intents::StagedChanges gather(Stage& stage) {
   changes.base = stage.base();
   changes.spilled = stage.inFile() - stage.base();
   for (const auto& [position, link] : stage.links()) {
-    const auto size = static_cast<ptrdiff_t>(link.size);
-    intents::Patch patch{position,
-                         {link.before.begin(), link.before.begin() + size},
-                         {link.after.begin(), link.after.begin() + size}};
+    intents::Patch patch{position, {link.before.data(), link.size}, {link.after.data(), link.size}};
     if (patch.before != patch.after) changes.patches.push_back(std::move(patch));
   }
   for (int i = 0; i < format::kNewSlotCount; ++i) {
