@@ -2,8 +2,10 @@
 #include "intents/file_io.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "platform/handles/open_files.h"
+#include "platform/transfer/mirror.h"
 #include "platform/transfer/transfer.h"
 
 namespace qvdbase::intents {
@@ -32,6 +34,14 @@ OpenReader::OpenReader(int16_t file) : file_(file), size_(lengthOf(file)) {}
 
 bool OpenReader::read(int64_t position, void* buffer, size_t count) const {
   return readAt(file_, position, buffer, count);
+}
+
+bool OpenReader::readFromMirror(int64_t position, void* buffer, size_t count) const {
+  const platform::OpenFile* open = platform::findOpenFile(file_);
+  if (open == nullptr || open->mirror == nullptr) return false;
+  const uint8_t* bytes = open->mirror->obtain(open->descriptor, position, count);
+  if (bytes != nullptr) std::memcpy(buffer, bytes, count);
+  return bytes != nullptr;
 }
 
 int64_t lengthOf(int16_t file) {

@@ -16,6 +16,10 @@ class OpenReader : public Reader {
   int64_t size() const override { return size_; }
   bool read(int64_t position, void* buffer, size_t count) const override;
 
+  // The same where the bytes are in memory already, or come there with others. False where the file
+  // has no mirror, or this has no place for them.
+  bool readFromMirror(int64_t position, void* buffer, size_t count) const;
+
  private:
   int16_t file_;
   int64_t size_ = 0;

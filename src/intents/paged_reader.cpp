@@ -35,6 +35,7 @@ const PagedReader::Page* PagedReader::readPage(int64_t number) const {
 }
 
 bool PagedReader::read(int64_t position, void* buffer, size_t count) const {
+  if (file_.readFromMirror(position, buffer, count)) return true;
   if (count > static_cast<size_t>(kPageSize)) return file_.read(position, buffer, count);
   auto* to = static_cast<unsigned char*>(buffer);
   while (count > 0) {

@@ -1,4 +1,5 @@
-// Many small reads of a file that nothing writes to meanwhile: each page is read once.
+// Many small reads of a file whose bytes do not change meanwhile: they come from its mirror, or
+// each page is read once.
 #pragma once
 
 #include <array>
@@ -7,14 +8,14 @@
 #include <memory>
 #include <unordered_map>
 
-#include "intents/recovery.h"
+#include "intents/file_io.h"
 
 namespace qvdbase::intents {
 
 class PagedReader : public Reader {
  public:
   // The file must outlive the object.
-  explicit PagedReader(const Reader& file) : file_(file) {}
+  explicit PagedReader(const OpenReader& file) : file_(file) {}
 
   int64_t size() const override { return file_.size(); }
   bool read(int64_t position, void* buffer, size_t count) const override;
@@ -33,7 +34,7 @@ class PagedReader : public Reader {
   const Page* page(int64_t number) const;
   const Page* readPage(int64_t number) const;
 
-  const Reader& file_;
+  const OpenReader& file_;
   mutable std::unordered_map<int64_t, Page> pages_;
   // Those that were used last, of each remainder of their number: reads come to few at a time.
   mutable std::array<Recent, kRecent> recent_;

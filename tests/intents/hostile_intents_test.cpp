@@ -411,11 +411,7 @@ TEST_F(HostileIntents, AreReadInATimeThatTheFileIsWorth) {
     // The rest of the file is hashed for each.
     const auto rest = static_cast<uint32_t>(sound_.size() - 4630);
     const Bytes length = Bytes().be(4, rest);
-    const IntentEntry guard{0,
-                            EntryKind::guardByHash,
-                            4630,
-                            {length.begin(), length.end()},
-                            std::vector<unsigned char>(8)};
+    const IntentEntry guard{0, EntryKind::guardByHash, 4630, length, format::PlaceBytes(8)};
     intent.entries.assign(guards, guard);
     const auto block = format::encodeIntent(intent, id.data(), 5000, 0);
     const auto bytes = format::encodePendingWord(word, id.data());

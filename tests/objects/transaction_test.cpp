@@ -533,6 +533,22 @@ TEST_F(Transactions, AnEmptyOneWritesNothing) {
   EXPECT_EQ(host.count(Call::write), 0);
 }
 
+// What lies between them is written as it is.
+TEST_F(Transactions, PatchesThatLieCloseTogetherAreWrittenAtOnce) {
+  for (int i = 5; i < 41; ++i) ids.push_back(table.add("record " + std::to_string(i), 20));
+  RecordedCalls host;
+  auto t = database.begin();
+  for (size_t i = 1; i < ids.size(); i += 4) EXPECT_TRUE(table.remove(ids[i]));
+  t.commit();
+  // The word, the intent with its blocks, the links of the neighbours of ten records, the slot.
+  EXPECT_LE(host.count(Call::write), 5);
+  std::vector<std::string> left;
+  for (size_t i = 0; i < ids.size(); ++i) {
+    if (i % 4 != 1) left.push_back("record " + std::to_string(i));
+  }
+  EXPECT_EQ(texts(table), left);
+}
+
 TEST_F(Transactions, WithACacheTheyReadTheSame) {
   const qvdb::Cache cache = database.cache();
   EXPECT_EQ(texts(table).size(), 5u);
