@@ -19,9 +19,9 @@
 
 namespace qvdb {
 
-// What becomes of whole blocks that an interrupted operation has written but not linked: records
-// that were to be added, newer versions of records that were to be moved, the first data of a
-// table. Their operations never returned, so that each choice is correct.
+// What becomes of whole blocks without links that an interrupted operation has written: records,
+// newer versions, first data of a table (it never returned, so each choice is correct); and that a
+// committed transaction has, for a table that another program has changed since (X3 of qvdb check).
 enum class CutOffWrites {
   keep,  // they are not changed; salvage() brings them back
   link,  // they are linked into their tables
