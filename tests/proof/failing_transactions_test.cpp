@@ -20,6 +20,7 @@
 #include "kit/bytes.h"
 #include "kit/file_checker.h"
 #include "kit/file_reader.h"
+#include "kit/old_file.h"
 #include "kit/recorded_calls.h"
 #include "kit/temp_folder.h"
 #include "kit/test_extent.h"
@@ -118,11 +119,29 @@ Step synced() {
   return {"synced", [](Database& database) { database.sync(); }, [](State&) {}};
 }
 
+// More than is kept in memory: most of it is written before the commit.
+Step large() {
+  const std::string payload(size_t{6} << 20, 'l');
+  return {"large",
+          [=](Database& database) {
+            database.transaction([&](qvdb::Transaction& t) {
+              Table other = t.table("other");
+              for (int i = 0; i < 3; ++i) other.add(payload);
+              t.table("one").modify(kStays, "after three large ones");
+            });
+          },
+          [=](State& state) {
+            state["other"].insert(state["other"].end(), 3, payload);
+            state["one"][2] = "after three large ones";
+          }};
+}
+
 struct Program {
   std::string name;
   Durability durability;
   std::vector<Step> steps;
   bool isCrashed = false;  // what it opens was left by a crash
+  bool isMended = false;   // it is not opened, but mended
 };
 
 // Single operations are transactions only where each is to be on the device.
@@ -135,6 +154,7 @@ std::vector<Program> programs() {
        {transfer(1), alone(), synced(), many(), version(), transfer(3)}},
       {"AfterACrash", Durability::process, {transfer(4)}, true},
       {"AfterACrashOnTheDevice", Durability::power, {transfer(4)}, true},
+      {"MendedAfterACrash", Durability::process, {}, true, true},
   };
 }
 
@@ -207,6 +227,7 @@ class FailingTransactionSteps : public testing::TestWithParam<Program> {
   // Whether no step has failed.
   bool runAll() {
     try {
+      if (GetParam().isMended) return mend();
       Database database = Database::open(
           path(), {.mode = qvdb::Mode::exclusive, .durability = GetParam().durability});
       bool succeeded = true;
@@ -216,6 +237,15 @@ class FailingTransactionSteps : public testing::TestWithParam<Program> {
     } catch (const qvdb::Error&) {
       return false;
     }
+  }
+
+  bool mend() {
+    makeOld(path());
+    const qvdb::MendReport report = qvdb::mend(path());
+    EXPECT_FALSE(report.steps.empty());
+    EXPECT_EQ(stateOf(readFile(path())), state_);
+    EXPECT_EQ(readFile(path()).at(4558, 24), Bytes().zeros(24));
+    return true;
   }
 
   bool run(Database& database, const Step& step) {
@@ -281,7 +311,7 @@ class FailingTransactionSteps : public testing::TestWithParam<Program> {
   uint64_t reported_ = 0;
 
  private:
-  TempFolder folder_;
+  TempFolder folder_{TempFolder::inMemory()};
   Bytes first_;
   State state_;
   std::vector<State> possible_;
@@ -298,6 +328,46 @@ TEST_P(FailingTransactionSteps, AreWholeOrNotThereAndSayWhich) {
   reportCount("failing calls, of programs with transactions", attempts);
   reportCount("of these, patches that were torn and are reported", reported_);
 }
+
+// Each file of them is large: the sample tries the calls that meet what is written early, once
+// each.
+class FailingLargeTransactions : public FailingTransactionSteps {
+ protected:
+  static bool isSampled(const Failure& failure) {
+    return failure.isError && failure.name.find("moves") == std::string::npos &&
+           (failure.kind == Call::write || failure.kind == Call::truncate ||
+            failure.kind == Call::syncData);
+  }
+};
+
+TEST_P(FailingLargeTransactions, AreWholeOrNotThereAndSayWhich) {
+  ASSERT_TRUE(attempt(nullptr, 0).succeeded);
+  uint64_t attempts = 0;
+  for (const Failure& failure : allFailures()) {
+    if (!isSampled(failure) && !testEverything()) continue;
+    for (int skip = 0;; skip += 1 + (testEverything() ? 0 : skip)) {
+      SCOPED_TRACE(failure.name + " after " + std::to_string(skip));
+      const Outcome outcome = attempt(&failure, skip);
+      if (!outcome.failed) {
+        EXPECT_TRUE(outcome.succeeded);
+        break;
+      }
+      ++attempts;
+      if (HasFailure()) return;
+    }
+  }
+  EXPECT_GT(attempts, 0u);
+  reportCount("failing calls, of large transactions", attempts);
+}
+
+std::vector<Program> largePrograms() {
+  std::vector<Program> all = {{"Process", Durability::process, {large()}}};
+  if (testEverything()) all.push_back({"Power", Durability::power, {large()}});
+  return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, FailingLargeTransactions, testing::ValuesIn(largePrograms()),
+                         [](const auto& program) { return program.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(Of, FailingTransactionSteps, testing::ValuesIn(programs()),
                          [](const auto& program) { return program.param.name; });
