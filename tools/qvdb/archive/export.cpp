@@ -17,6 +17,7 @@
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "commands/payload_limit.h"
+#include "compression/coded_payload.h"
 #include "formats/export_rows.h"
 #include "selection/chosen_records.h"
 #include "streams/given_time.h"
@@ -82,7 +83,8 @@ class Exporter {
         part_(std::move(part)),
         writer_(writer),
         force_(force),
-        limit_(database) {
+        limit_(database),
+        key_(ImportedFiles::keyOf(table)) {
     if (files_) isWritten_.resize(files_->list().size());
   }
 
@@ -109,6 +111,7 @@ class Exporter {
   FolderWriter& writer_;
   bool force_;
   PayloadLimit limit_;
+  const ListKey key_;
   std::vector<bool> isWritten_;            // of each imported file
   std::unordered_map<Id, unsigned> byId_;  // files named by identifier, and how many of each
   uint64_t filesDone_ = 0;
@@ -181,8 +184,9 @@ void Exporter::run() {
   const auto writeOne = [&](const ImportedFile& file, const Record& record) {
     if (!force_) limit_.count(table_, record, "--force writes the others too");
     record.require_sound();
+    CodedPayload contents(key_, record);
     writer_.writeFile(file, [&](uint64_t offset, std::span<std::byte> buffer) {
-      const size_t got = record.read(offset, buffer);
+      const size_t got = contents.read(offset, buffer);
       bytesDone_ += got;
       return got;
     });

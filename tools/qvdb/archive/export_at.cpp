@@ -16,13 +16,13 @@ namespace {
 
 class Writer {
  public:
-  Writer(const Database& database, const std::vector<FileAt>& entries, FolderWriter& folder,
-         bool force)
+  Writer(const Database& database, const ListKey& key, const std::vector<FileAt>& entries,
+         FolderWriter& folder, bool force)
       : database_(database),
         entries_(entries),
         folder_(folder),
         force_(force),
-        contents_(database.path().native()) {}
+        contents_(database.path().native(), key) {}
 
   void check() {
     if (folder_.wasEmpty()) return;
@@ -114,7 +114,7 @@ int exportAt(const ExportAt& what, const FolderOptions& options) {
   }
   folder.findContents(what.table);
   FolderWriter target(what.folder, options);
-  Writer writer(database, folder.entries(), target, options.force);
+  Writer writer(database, files->head().key, folder.entries(), target, options.force);
   writer.check();
   writer.run();
   const bool isAll = folder.report();

@@ -133,16 +133,29 @@ bool FolderAt::report() const {
   return isComplete_ && lost_.empty();
 }
 
-size_t ContentsAt::read(const FileAt& file, uint64_t offset, std::span<std::byte> buffer) {
+size_t ContentsAt::readStored(const FileAt& file, uint64_t offset, std::span<std::byte> buffer) {
   if (file.record) return file.record->read(offset, buffer);
-  if (of_ != &file) {
-    payload_ = read_version(path_, *file.version);
-    of_ = &file;
-  }
   const auto from = static_cast<size_t>(std::min<uint64_t>(offset, payload_.size()));
   const size_t count = std::min(buffer.size(), payload_.size() - from);
   if (count > 0) std::memcpy(buffer.data(), payload_.data() + from, count);
   return count;
+}
+
+size_t ContentsAt::read(const FileAt& file, uint64_t offset, std::span<std::byte> buffer) {
+  if (of_ != &file) {
+    contents_.reset();
+    payload_ = file.record ? std::vector<std::byte>() : read_version(path_, *file.version);
+    of_ = &file;
+  }
+  if (!contents_) {
+    contents_.emplace(
+        key_, file.version->length,
+        [this, &file](uint64_t from, std::span<std::byte> to) {
+          return readStored(file, from, to);
+        },
+        path_ + ": '" + escaped(file.file.name) + "'");
+  }
+  return contents_->read(offset, buffer);
 }
 
 }  // namespace qvdb::tool

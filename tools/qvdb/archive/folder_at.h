@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "archive/imported_files.h"
+#include "compression/coded_payload.h"
 
 namespace qvdb::tool {
 
@@ -57,14 +58,19 @@ class FolderAt {
 // What a file of that time held, read in pieces as Record::read does.
 class ContentsAt {
  public:
-  explicit ContentsAt(std::string path) : path_(std::move(path)) {}
+  // `key` is that of the table's list.
+  ContentsAt(std::string path, const ListKey& key) : path_(std::move(path)), key_(key) {}
 
   // `file` has a version, and stays as it is while it is read.
   size_t read(const FileAt& file, uint64_t offset, std::span<std::byte> buffer);
 
  private:
+  size_t readStored(const FileAt& file, uint64_t offset, std::span<std::byte> buffer);
+
   const std::string path_;
+  const ListKey key_;
   const FileAt* of_ = nullptr;
+  std::optional<CodedPayload> contents_;
   std::vector<std::byte> payload_;
 };
 

@@ -3,6 +3,7 @@
 #include "archive/list_at.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
+#include "compression/coded_payload.h"
 #include "selection/chosen_records.h"
 #include "selection/pattern.h"
 #include "selection/version_at.h"
@@ -22,7 +23,7 @@ struct Options : RecordOptions {
 // The payloads one after the other, from the beginning each time that offset 0 is asked for.
 class Payloads {
  public:
-  explicit Payloads(const std::vector<Record>& records) : records_(records) {}
+  Payloads(const std::vector<Record>& records, const ListKey& key) : records_(records), key_(key) {}
 
   size_t read(uint64_t offset, std::span<std::byte> buffer) {
     if (offset == 0) {
@@ -30,7 +31,9 @@ class Payloads {
       start_ = 0;
     }
     while (at_ < records_.size()) {
-      if (const size_t got = records_[at_].read(offset - start_, buffer)) return got;
+      if (!contents_ || of_ != at_) contents_.emplace(key_, records_[at_]);
+      of_ = at_;
+      if (const size_t got = contents_->read(offset - start_, buffer)) return got;
       ++at_;
       start_ = offset;
     }
@@ -39,6 +42,9 @@ class Payloads {
 
  private:
   const std::vector<Record>& records_;
+  const ListKey key_;
+  std::optional<CodedPayload> contents_;
+  size_t of_ = 0;  // whose contents_ these are
   size_t at_ = 0;
   uint64_t start_ = 0;  // of the record, in all bytes
 };
@@ -46,8 +52,8 @@ class Payloads {
 // The files of a folder of an earlier time, one after the other, as Payloads does it.
 class PayloadsAt {
  public:
-  PayloadsAt(std::string path, std::vector<const FileAt*> files)
-      : contents_(std::move(path)), files_(std::move(files)) {}
+  PayloadsAt(std::string path, const ListKey& key, std::vector<const FileAt*> files)
+      : contents_(std::move(path), key), files_(std::move(files)) {}
 
   size_t read(uint64_t offset, std::span<std::byte> buffer) {
     if (offset == 0) {
@@ -105,7 +111,7 @@ std::optional<int> runFolderAt(const Options& options, int64_t time) {
     throw Failure(options.file + ": '" + words.front() + "' in table '" + table.name() +
                   "' has no file of which the contents of " + timeText(time) + " are there");
   }
-  PayloadsAt payloads(options.file, std::move(files));
+  PayloadsAt payloads(options.file, names.head().key, std::move(files));
   deliver(
       [&](uint64_t offset, std::span<std::byte> buffer) { return payloads.read(offset, buffer); },
       options.file, options.delivery);
@@ -116,7 +122,7 @@ int runAt(const Options& options) {
   const int64_t time = timeOfOption("--at", *options.at);
   if (const auto status = runFolderAt(options, time)) return *status;
   const FoundBlock version = versionAt(options.file, options.table, options.records.front(), time);
-  deliverVersion(options.file, version, options.delivery);
+  deliverVersion(options.file, options.table, version, options.delivery);
   return kDone;
 }
 
@@ -126,7 +132,7 @@ int run(const Options& options) {
   const Table table = findTable(database, options.table);
   const Chosen chosen = chooseSomeRecords(database, table, options.records);
   for (const Record& record : chosen.records) record.require_sound();
-  Payloads payloads(chosen.records);
+  Payloads payloads(chosen.records, ImportedFiles::keyOf(table));
   deliver(
       [&](uint64_t offset, std::span<std::byte> buffer) { return payloads.read(offset, buffer); },
       options.file, options.delivery);

@@ -22,6 +22,7 @@ struct Options {
   bool update = false;
   bool mirror = false;
   bool checksum = false;
+  bool compress = false;
   bool dryRun = false;
   bool noSync = false;
 };
@@ -138,6 +139,7 @@ void removeOrReport(Table& table, ImportedFiles& names, const std::vector<size_t
 }
 
 int import(const Options& options) {
+  if (options.compress) PayloadEncoder::requireCompression();
   Database database =
       options.dryRun ? openToRead(options.file) : openToWrite(options.file, options.checksum);
   Table table = presentTable(database, options.table);
@@ -148,7 +150,7 @@ int import(const Options& options) {
     return show(plan, names, options);
   }
   removeOrReport(table, names, plan.before, "nothing is stored");
-  Importer importer(database, table, plan.tree, std::move(names), options.table);
+  Importer importer(database, table, plan.tree, std::move(names), options.table, options.compress);
   importer.check(options.replace || options.update);
   importer.run();
   if (!plan.after.empty()) {
@@ -192,6 +194,9 @@ Action define(Arguments& arguments) {
   arguments.flag("--checksum", options->checksum,
                  "Give new records a checksum, by which readers notice that their bytes have "
                  "changed. Records of files that are replaced keep theirs.");
+  arguments.flag("--compress", options->compress,
+                 "Compress the files that are stored now, each by itself, where that makes them "
+                 "smaller.");
   arguments.flag("-n,--dry-run", options->dryRun,
                  "Only list what would be done. The database is only read.");
   arguments.noSync(options->noSync);
@@ -229,6 +234,11 @@ its beginning, with the whole name. With a '/' at its end it counts for folders.
 without '/', '**' any text, '?' one character, '[a-z]' one of these, '[!a-z]' any other; '\' takes
 the meaning from the next character. What is in a folder that is left out is left out, too.
 
+--compress stores files as zstd makes them, if that is smaller. 'qvdb export' and 'qvdb get' write them
+as they were; all else shows such records as they are stored: 'qvdb records' their size, 'qvdb dump',
+'qvdb digest' and 'qvdb sql' their bytes. Give it with each import: files that are replaced without it
+are stored as they are.
+
 --dry-run prints a line for each step: add, replace, properties (only permissions or times) or
 delete, and the name.
 
@@ -243,6 +253,7 @@ says how many files are stored.)",
 qvdb import --replace photos.qvd holiday ~/Pictures/holiday/
 qvdb import -u --delete --exclude '*.tmp' home.qvd docs ~/Documents
 qvdb import --checksum archive.qvd 2026 ~/Scans
+qvdb import -u --compress logs.qvd web /var/log/nginx
 qvdb import src.qvd project src include README.md)",
     define,
 };

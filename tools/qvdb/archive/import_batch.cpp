@@ -34,13 +34,17 @@ void ImportBatch::add(Id record, size_t file, ByteView payload) {
 }
 
 uint64_t ImportBatch::addPieces(Id record, size_t file, const Descriptor& from,
-                                const std::string& path) {
+                                const std::string& path, PayloadEncoder& encoder) {
   BulkAppender& bulk = appender();
   files_.push_back(file);
   RecordWriter writer = bulk.writer(0, record);
-  forEachInputPiece(from.number(), path,
-                    [&](std::span<const std::byte> piece) { writer.write(piece); });
-  const uint64_t size = writer.size();
+  uint64_t size = 0;
+  encoder.begin([&](std::span<const std::byte> piece) { writer.write(piece); });
+  forEachInputPiece(from.number(), path, [&](std::span<const std::byte> piece) {
+    size += piece.size();
+    encoder.piece(piece);
+  });
+  encoder.end();
   writer.finish();
   finish();
   return size;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "compression/payload_encoder.h"
 #include "streams/input.h"
 
 namespace qvdb::tool {
@@ -20,9 +21,10 @@ class ImportBatch {
 
   void add(Id record, size_t file, ByteView payload);
 
-  // Adds a file that is never in memory as a whole, and ends the batch. Returns its size. `path` is
-  // for messages.
-  uint64_t addPieces(Id record, size_t file, const Descriptor& from, const std::string& path);
+  // Adds a file that is never in memory as a whole, and ends the batch. Returns its size, before it
+  // is encoded. `path` is for messages.
+  uint64_t addPieces(Id record, size_t file, const Descriptor& from, const std::string& path,
+                     PayloadEncoder& encoder);
 
   // Puts everything gathered into the table. Must be called before anything else is changed there.
   void finish();

@@ -19,6 +19,11 @@ ImportNames::ImportNames(Database& database, Table& table, const FileTree& tree,
   }
 }
 
+void ImportNames::giveKey() {
+  names_.giveKey();
+  if (names_.isRewritten()) haveChanged_ = true;
+}
+
 const ImportedFile* ImportNames::present(size_t file) const {
   return entries_[file] == kNew ? nullptr : &names_.list()[entries_[file]];
 }

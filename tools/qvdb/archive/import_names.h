@@ -21,6 +21,12 @@ class ImportNames {
   // `names` is the list that the table has.
   ImportNames(Database& database, Table& table, const FileTree& tree, ImportedFiles names);
 
+  // The key of the list; giveKey() makes one, to be stored, if there is none.
+  const std::array<uint8_t, qvdbase::format::imported::kKeySize>& key() const {
+    return names_.head().key;
+  }
+  void giveKey();
+
   // The entry that the table has for a file already; null when it has none. Only before addNew().
   const ImportedFile* present(size_t file) const;
 

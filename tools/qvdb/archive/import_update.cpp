@@ -10,6 +10,7 @@
 #include <unordered_set>
 
 #include "archive/found_file_opener.h"
+#include "compression/coded_payload.h"
 #include "streams/failure.h"
 #include "streams/given_time.h"
 #include "streams/input.h"
@@ -55,11 +56,25 @@ bool wasSettled(const Record& record, const ImportedFile& file) {
 
 class Comparison {
  public:
+  explicit Comparison(const ListKey& key) : key_(key) {}
+
+  // Whether the record holds so many bytes of a file. A damaged one is stored again.
+  bool hasSize(const Record& record, uint64_t size) const {
+    if (!isKey(key_)) return record.size() == size;
+    try {
+      return CodedPayload(key_, record).size() == size;
+    } catch (const DamagedContents&) {
+      return false;
+    }
+  }
+
   // A file that has disappeared meanwhile is for the import to report.
   bool areSame(const Record& record, const FoundFile& found) {
     try {
       return areSameNow(record, found);
     } catch (const Disappeared&) {
+      return false;
+    } catch (const DamagedContents&) {
       return false;
     } catch (const Error& error) {
       if (error.reason() != Reason::payload_damaged) throw;
@@ -76,8 +91,9 @@ class Comparison {
     const Descriptor file = opener_.open(found, &status);
     there_.resize(kPiece);
     here_.resize(kPiece);
+    CodedPayload contents(key_, record);
     for (uint64_t offset = 0;;) {
-      const size_t stored = record.read(offset, there_);
+      const size_t stored = readFully(contents, offset);
       const size_t read = readFully(file.number(), found.path);
       if (stored != read || !std::equal(there_.begin(), there_.begin() + distance(stored),
                                         here_.begin(), here_.begin() + distance(read))) {
@@ -86,6 +102,16 @@ class Comparison {
       if (stored == 0) return true;
       offset += stored;
     }
+  }
+
+  size_t readFully(CodedPayload& contents, uint64_t offset) {
+    size_t got = 0;
+    while (got < kPiece) {
+      const size_t more = contents.read(offset + got, std::span(there_).subspan(got));
+      if (more == 0) break;
+      got += more;
+    }
+    return got;
   }
 
   size_t readFully(int file, const std::string& path) {
@@ -98,6 +124,7 @@ class Comparison {
     return got;
   }
 
+  const ListKey key_;
   FoundFileOpener opener_;
   std::vector<std::byte> there_;
   std::vector<std::byte> here_;
@@ -130,7 +157,7 @@ bool hasNothingBeside(std::string_view top, const ImportedFiles& names) {
 
 uint64_t leaveOutUnchanged(const Table& table, const ImportedFiles& names, FileTree* tree) {
   const StoredFiles stored(table, names);
-  Comparison comparison;
+  Comparison comparison(names.head().key);
   Progress progress("comparing", tree->files.size(), "files");
   uint64_t unchanged = 0;
   const auto isUnchanged = [&](FoundFile& found) {
@@ -144,7 +171,8 @@ uint64_t leaveOutUnchanged(const Table& table, const ImportedFiles& names, FileT
     if (old.kind == FileKind::folder) return isSame;
     if (old.kind == FileKind::link) return isSame && old.target == found.file.target;
     const Record* record = stored.find(old.record);
-    if (record == nullptr || record->size() != found.size || !hasTimeOf(old, found.file)) {
+    if (record == nullptr || !hasTimeOf(old, found.file) ||
+        !comparison.hasSize(*record, found.size)) {
       return false;
     }
     found.isStored = wasSettled(*record, old) || comparison.areSame(*record, found);

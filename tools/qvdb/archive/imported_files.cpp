@@ -58,6 +58,19 @@ ListVersion ImportedFiles::versionOf(const Table& table) {
   return versionOf(std::span(start).first(got));
 }
 
+std::array<uint8_t, kKeySize> ImportedFiles::keyOf(const Table& table) {
+  std::byte start[kLargeHeadSize] = {};
+  Head head;
+  try {
+    const size_t got = table.read_data(0, start);
+    Entries entries(std::span<const std::byte>(start, got));
+    return readHead(entries, &head) ? head.key : Head().key;
+  } catch (const Error& error) {
+    if (error.reason() != Reason::data_damaged) throw;
+    return {};
+  }
+}
+
 std::optional<ImportedFiles> ImportedFiles::of(const Database& database, const Table& table) {
   const ListVersion version = versionOf(table);
   if (version == ListVersion::none) return std::nullopt;
@@ -163,6 +176,16 @@ void ImportedFiles::renew(int64_t time) {
     head_.knownSince = std::max(head_.knownSince, last);
   }
   rebuild(std::move(list));
+}
+
+void ImportedFiles::giveKey() {
+  if (head_.key != Head().key) return;
+  for (const size_t half : {size_t{0}, kKeySize / 2}) {
+    qvdbase::format::storeBigEndian(head_.key.data() + half, uint64_t{new_id().value});
+  }
+  const std::vector<std::byte> head = encodeHead(head_);
+  std::copy(head.begin(), head.end(), bytes_.begin());
+  isRewritten_ = true;
 }
 
 std::optional<size_t> ImportedFiles::findRemoved(std::string_view name) const {

@@ -11,6 +11,7 @@
 
 #include <qvdbase/qvdb.hpp>
 
+#include <array>
 #include <cstddef>
 #include <optional>
 #include <span>
@@ -38,6 +39,9 @@ class ImportedFiles {
   // Whether a block of table data, or that of a table, begins as one of these does.
   static ListVersion versionOf(std::span<const std::byte> data);
   static ListVersion versionOf(const Table& table);
+
+  // The key of a table's list; none where there is no list or it cannot be read. Throws Error.
+  static std::array<uint8_t, qvdbase::format::imported::kKeySize> keyOf(const Table& table);
 
   // Whether all of the list could be read.
   bool isWhole() const { return isWhole_; }
@@ -74,6 +78,9 @@ class ImportedFiles {
   // Makes the list one of the newest version, and one that is not much longer than what is in use:
   // where far more entries were removed, the older ones of these are forgotten.
   void renew(int64_t time);
+
+  // Gives the list a key, if it has none: payloads that begin with it may be compressed.
+  void giveKey();
 
   // Whether the block may not be written over the old one: its bytes are others from the beginning.
   bool isRewritten() const { return isRewritten_; }

@@ -51,12 +51,14 @@ void requireSpace(const std::filesystem::path& path, uint64_t more) {
 }  // namespace
 
 Importer::Importer(Database& database, Table& table, const FileTree& tree, ImportedFiles names,
-                   std::string newTable)
+                   std::string newTable, bool compress)
     : database_(database),
       table_(table),
       newTable_(std::move(newTable)),
       tree_(tree),
       names_(database, table, tree, std::move(names)),
+      compress_(compress),
+      encoder_(names_.key(), compress),
       batch_(table) {}
 
 // The records that have names. A name without a record is one whose import did not get that far.
@@ -99,7 +101,18 @@ void Importer::check(bool replace) {
                 "changed");
 }
 
+// A list gets a key with the first file that is compressed.
+void Importer::prepareToCompress() {
+  const auto isStoredNow = [](const FoundFile& found) {
+    return found.file.kind == FileKind::file && !found.isStored;
+  };
+  if (!compress_ || std::none_of(tree_.files.begin(), tree_.files.end(), isStoredNow)) return;
+  names_.giveKey();
+  encoder_ = PayloadEncoder(names_.key(), true);
+}
+
 void Importer::run() {
+  prepareToCompress();
   names_.addNew();
   try {
     if (table_ == Table()) makeTable();
@@ -167,10 +180,10 @@ void Importer::storeFile(size_t place) {
   if (old != records_.end()) {
     replaceRecords(old->second, place, file, size);
   } else if (size > kLargeFile) {
-    bytes_ += batch_.addPieces(record, place, file, found.path);
+    bytes_ += batch_.addPieces(record, place, file, found.path, encoder_);
   } else {
     readAll(file.number(), found.path, &buffer_);
-    batch_.add(record, place, buffer_);
+    batch_.add(record, place, encoder_.encode(buffer_));
     bytes_ += buffer_.size();
   }
   names_.note(place, propertiesOf(status, found.file.name));
@@ -186,11 +199,12 @@ void Importer::replaceRecords(const std::vector<Record>& old, size_t place, cons
   const Id id = old.front().id();
   size_t replaced = 0;
   if (size > kLargeFile) {
-    bytes_ += batch_.addPieces(id, place, file, path);
+    bytes_ += batch_.addPieces(id, place, file, path, encoder_);
   } else {
     readAll(file.number(), path, &buffer_);
     batch_.finish();
-    if (!table_.modify(old.front(), buffer_)) throw noSuchRecord(database_, table_, id);
+    if (!table_.modify(old.front(), encoder_.encode(buffer_)))
+      throw noSuchRecord(database_, table_, id);
     bytes_ += buffer_.size();
     replaced = 1;
   }

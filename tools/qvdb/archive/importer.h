@@ -25,8 +25,9 @@ namespace qvdb::tool {
 class Importer {
  public:
   // `names` is the list that the table has. Where `table` is none, run() makes it, as `newTable`.
+  // With `compress` files are compressed; throws Failure where that is not possible.
   Importer(Database& database, Table& table, const FileTree& tree, ImportedFiles names,
-           std::string newTable = {});
+           std::string newTable = {}, bool compress = false);
 
   // Throws Failure when the table has a file already that is not to be replaced, or one of another
   // kind under its name. Changes nothing.
@@ -40,6 +41,7 @@ class Importer {
  private:
   bool isReplaced(size_t place);
   void loadRecords();
+  void prepareToCompress();
   void makeTable();
   void storeAll();
   void store(size_t place);
@@ -55,6 +57,8 @@ class Importer {
   const std::string newTable_;
   const FileTree& tree_;
   ImportNames names_;
+  const bool compress_;
+  PayloadEncoder encoder_;
   ImportBatch batch_;
   FoundFileOpener opener_;
   bool areRecordsLoaded_ = false;

@@ -53,7 +53,7 @@ int deliverAt(const Options& options, const std::vector<FoundBlock>& versions) {
     throw Failure(options.file + ": there is no version of the record at " +
                   std::to_string(*options.at) + "; 'qvdb history' without --at lists them");
   }
-  deliverVersion(options.file, *wanted, options.delivery);
+  deliverVersion(options.file, options.table, *wanted, options.delivery);
   return kDone;
 }
 

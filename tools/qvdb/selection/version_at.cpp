@@ -8,6 +8,7 @@
 
 #include "archive/list_at.h"
 #include "commands/locate.h"
+#include "compression/coded_payload.h"
 #include "selection/pattern.h"
 #include "selection/record_versions.h"
 #include "streams/failure.h"
@@ -110,6 +111,18 @@ void reportDoubts(const std::string& path, const std::string& word, const Record
   }
 }
 
+// A table that the directory does not have any more has no key.
+ListKey keyOf(const std::string& path, const std::string& table) {
+  try {
+    const Database database = openToRead(path);
+    return ImportedFiles::keyOf(findTable(database, table));
+  } catch (const Failure&) {
+    return {};
+  } catch (const Error&) {
+    return {};  // a file that is too damaged to be opened
+  }
+}
+
 }  // namespace
 
 FoundBlock versionAt(const std::string& path, const std::string& table, const std::string& word,
@@ -141,16 +154,19 @@ FoundBlock versionAt(const std::string& path, const std::string& table, const st
   return version;
 }
 
-void deliverVersion(const std::string& path, const FoundBlock& version,
+void deliverVersion(const std::string& path, const std::string& table, const FoundBlock& version,
                     const DeliveryOptions& options) {
   const std::vector<std::byte> payload = read_version(path, version);
+  const PieceReader stored = [&](uint64_t offset, std::span<std::byte> buffer) {
+    const auto from = static_cast<size_t>(std::min<uint64_t>(offset, payload.size()));
+    const size_t count = std::min(buffer.size(), payload.size() - from);
+    if (count > 0) std::memcpy(buffer.data(), payload.data() + from, count);
+    return count;
+  };
+  CodedPayload contents(keyOf(path, table), payload.size(), stored,
+                        path + ": the version at " + std::to_string(version.offset));
   deliver(
-      [&](uint64_t offset, std::span<std::byte> buffer) {
-        const size_t from = std::min<uint64_t>(offset, payload.size());
-        const size_t count = std::min(buffer.size(), payload.size() - from);
-        if (count > 0) std::memcpy(buffer.data(), payload.data() + from, count);
-        return count;
-      },
+      [&](uint64_t offset, std::span<std::byte> buffer) { return contents.read(offset, buffer); },
       path, options);
 }
 

@@ -20,8 +20,9 @@ namespace qvdb::tool {
 FoundBlock versionAt(const std::string& path, const std::string& table, const std::string& word,
                      int64_t time);
 
-// Delivers the payload of a version, as much of it as the file has.
-void deliverVersion(const std::string& path, const FoundBlock& version,
+// Delivers what a version holds, as much of it as the file has. `table` is the name or identifier
+// that was given.
+void deliverVersion(const std::string& path, const std::string& table, const FoundBlock& version,
                     const DeliveryOptions& options);
 
 }  // namespace qvdb::tool
