@@ -19,7 +19,7 @@ static_assert(kRecordHeaderSize < 256 && kTableDataHeaderSize < 256 && kNewSlotC
 // The numbers of slots and of bytes in a slot, as each header has them.
 bool isSizesPattern(const uint8_t* bytes) {
   return loadBigEndian<uint16_t>(bytes) == kNewSlotCount &&
-         loadBigEndian<uint16_t>(bytes + 2) == kSlotImageSize;
+         loadBigEndian<uint16_t>(bytes + sizeof(uint16_t)) == kSlotImageSize;
 }
 
 // Whether there may be a hit at any of `count` places. Without a branch in the loop, which becomes
@@ -88,7 +88,7 @@ bool Tiles::readRest(const Tile& tile, int64_t fileSize, Window* window) {
   const uint8_t* const bytes = window->at(tile.position, there);
   if (bytes == nullptr || bytes[size - 1] != kBlockEndMark) return false;
   const size_t places = std::min(size, there - static_cast<size_t>(kOverhang)) - 1;
-  if (mayHaveHit(bytes + 1, places)) addHits(tile, bytes, places + 1);
+  if (mayHaveHit(&bytes[1], places)) addHits(tile, bytes, places + 1);
   return true;
 }
 

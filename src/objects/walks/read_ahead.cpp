@@ -132,9 +132,9 @@ bool ReadBatch::tryToRead(Read read) {
 }
 
 void FilePiece::setLength(uint32_t length) {
-  constexpr auto kHead = static_cast<uint32_t>(format::record::kData);
+  constexpr auto kSmallest = static_cast<uint32_t>(format::record::kData);
   length_ = length;
-  heads_ = length < kHead ? 0 : length - kHead + 1;
+  heads_ = length < kSmallest ? 0 : length - kSmallest + 1;
 }
 
 bool FilePiece::pin(int16_t db, const ChainWalker& chain) {
