@@ -41,7 +41,8 @@ class TileArray {
 
   // `more` is how many may follow, this one included.
   void add(const Tile& tile, uint64_t more) {
-    if (size_ % kPart == 0) parts_.emplace_back(std::min<uint64_t>(more, kPart));
+    const auto space = static_cast<size_t>(std::min<uint64_t>(more, kPart));
+    if (size_ % kPart == 0) parts_.emplace_back(space);
     (*this)[size_++] = tile;
   }
 

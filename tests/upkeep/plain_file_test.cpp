@@ -155,7 +155,8 @@ TEST(PlainFiles, AreNotThoseThatACrashLeavesInDoubt) {
       }
       (isPlain(bytes) ? plain : others)++;
       (isPlain(state) ? plain : others)++;
-      (isPlain(applied(bytes, {writes[n + 1]}, random() % 100)) ? plain : others)++;
+      const auto part = static_cast<size_t>(random() % 100);
+      (isPlain(applied(bytes, {writes[n + 1]}, part)) ? plain : others)++;
     }
   }
   EXPECT_GT(plain, 0u);
