@@ -63,6 +63,20 @@ void readNeighbourhood(const platform::OpenFile& file, int64_t usualBlock, int64
   platform::readAhead(file, from, static_cast<uint32_t>(position - from + after));
 }
 
+// Asks for the record at a position and its neighbours in memory all at once: found one after the
+// other, each would be waited for by itself. The neighbours are where records lie in order and have
+// about the usual size; of larger ones only the beginning of the record is.
+void fetchNeighbourhood(const platform::Mirror& mirror, int64_t usualBlock, int64_t position) {
+  constexpr int64_t kMostBetween = 256;
+  constexpr int64_t kLine = 64;
+  const int64_t before = usualBlock > 0 && usualBlock <= kMostBetween ? usualBlock : 0;
+  if (position < before) return;
+  const int64_t length = before + (before != 0 ? before : kMostBetween) + format::record::kData;
+  const uint8_t* bytes = mirror.find(position - before, static_cast<uint64_t>(length));
+  if (bytes == nullptr) return;
+  for (int64_t at = 0; at < length; at += kLine) __builtin_prefetch(bytes + at);
+}
+
 bool hasLink(const unsigned char* block, const unsigned char* tableID, int64_t link,
              int64_t position) {
   return format::isRecordOf(block, tableID) &&
@@ -293,6 +307,7 @@ InMemory askMemory(const Operation& operation, Id table, Id record, bool withPay
     const bool isKnown = index->writesSeen == file->entry->writes + 1;
     return {isKnown ? Answer::absent : Answer::unknown};
   }
+  fetchNeighbourhood(mirror, index->usualBlock, *position);
   const unsigned char* tableID = index->slot.tableID;
   const unsigned char* block = mirror.find(*position, kData);
   if (block == nullptr || !format::isRecordOf(block, tableID) ||
