@@ -133,11 +133,11 @@ void PayloadEncoder::end() {
     const uint64_t least = read_ / coded::kLargestRatio + 1;
     const uint64_t most = written_ + coded::kLengthSize;
     if (most < least) {
-      std::array<std::byte, coded::kSkippedHeadSize> head;
+      std::array<std::byte, coded::kSkippedHeadSize> frame;
       uint64_t fill = least - most;
-      storeLittleEndian(head.data(), coded::kSkippedFrame);
-      storeLittleEndian(head.data() + 4, static_cast<uint32_t>(fill));
-      pass(head);
+      storeLittleEndian(frame.data(), coded::kSkippedFrame);
+      storeLittleEndian(frame.data() + sizeof(uint32_t), static_cast<uint32_t>(fill));
+      pass(frame);
       const std::vector<std::byte> zeros(static_cast<size_t>(std::min<uint64_t>(fill, kPiece)));
       for (; fill > 0; fill -= std::min<uint64_t>(fill, zeros.size())) {
         pass(std::span(zeros).first(static_cast<size_t>(std::min<uint64_t>(fill, zeros.size()))));
