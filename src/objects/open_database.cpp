@@ -203,7 +203,7 @@ __attribute__((noinline)) void Operation::useStages(Sees sees) {
 // Whether the numbers in the directory cache are not those that others read.
 bool Operation::hidesTables() const {
   const OpenTransaction* open = database_.transactions.open.get();
-  return (open != nullptr && open->hasNewTables) || holdsTableCount(database_.transactions);
+  return (open != nullptr && open->hasNewTables) || database_.transactions.holdsTables;
 }
 
 // The database may have been closed within the operation, and what was held back written.

@@ -50,11 +50,6 @@ platform::Stage* heldViewOf(const OpenDatabase& database) {
   return transactions.holds && database.opener.isStillOwn() ? transactions.heldView.get() : nullptr;
 }
 
-bool holdsTableCount(const Transactions& transactions) {
-  if (!transactions.holds) return false;
-  return transactions.log->held().byPosition().front().position == format::kTableCountPos;
-}
-
 bool waitsForDevice(const OpenDatabase& database) noexcept {
   const Transactions& transactions = database.transactions;
   return transactions.durability == intents::Durability::interval && transactions.log != nullptr &&
@@ -63,15 +58,18 @@ bool waitsForDevice(const OpenDatabase& database) noexcept {
 
 void forgetLog(OpenDatabase& database) noexcept {
   Transactions& transactions = database.transactions;
-  transactions.holds = false;
+  transactions.holds = transactions.holdsTables = false;
   transactions.heldView.reset();
   transactions.log.reset();
 }
 
 void noteHeld(OpenDatabase& database) noexcept {
   Transactions& transactions = database.transactions;
-  if (holdsTableCount(transactions)) engine::dropDirectoryEntry(database.handle);
-  transactions.holds = !transactions.log->held().isEmpty();
+  const auto& held = transactions.log->held().byPosition();  // the header's fields are the first
+  const bool heldTables = transactions.holdsTables;
+  transactions.holds = !held.empty();
+  transactions.holdsTables = !held.empty() && held.front().position == format::kTableCountPos;
+  if (heldTables || transactions.holdsTables) engine::dropDirectoryEntry(database.handle);
 }
 
 bool placeSynced(OpenDatabase& database) {

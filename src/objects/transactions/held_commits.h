@@ -19,9 +19,6 @@ namespace qvdb::detail {
 // What takes the reads of an operation on the database in this process; null for the file itself.
 qvdbase::platform::Stage* heldViewOf(const OpenDatabase& database);
 
-// Whether the number of tables in the file is not what the database reads.
-bool holdsTableCount(const Transactions& transactions);
-
 // Whether there are commits that may not be on the device.
 bool waitsForDevice(const OpenDatabase& database) noexcept;
 

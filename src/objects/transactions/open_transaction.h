@@ -62,6 +62,7 @@ struct Transactions {
   // Whether it holds something back. Changed within changes of the file only, which views of the
   // database exclude while they look.
   Published<bool> holds = false;
+  bool holdsTables = false;  // the number of tables among it
   qvdbase::intents::Durability durability = qvdbase::intents::Durability::process;
   uint64_t longestUnsynced = 0;  // with `interval`, in microseconds
   uint64_t unsyncedSince = 0;    // when the first commit was made that may not be on the device
