@@ -22,10 +22,10 @@ struct RecordIndexOptions {
 // While a table has an index, every operation of Table that takes an identifier (find, get, modify,
 // touch, remove) goes straight to the record instead of walking the chain, and every operation of
 // this layer keeps the index up to date. It lives in memory, as long as this object or a copy of it
-// does; it is built in one walk over the table and takes 16 bytes for each record and a fifth more.
+// does; it is built in one walk over the table and takes 24 bytes for each record.
 // One that is kept beside the database (RecordIndexOptions::kept) begins with what is there, and
 // lives until the database is closed: see Database::keep_indexes().
-// When added records make it grow, it takes up to 23 bytes for each, and more than twice that
+// When added records make it grow, it takes up to 27 bytes for each, and more than twice that
 // for a moment.
 //
 //   const qvdb::RecordIndex index = table.index();

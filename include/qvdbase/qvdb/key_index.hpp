@@ -357,7 +357,7 @@ class KeyRange<Key>::iterator {
 // It lives in memory, as long as this object or a copy of it does, and is built in one walk over
 // the table; one with a name (KeyIndexOptions::kept_as) is also kept in a file beside the database,
 // from which the next one begins without a walk: see Database::keep_indexes(). For each key it
-// takes 16 bytes and a fifth more, up to 23 when it has grown; the walk makes space for one key of
+// takes 24 bytes, up to 27 when it has grown; the walk makes space for one key of
 // each record. Where several records have one key, it takes about 8 bytes more for each of them.
 // Keys in order take 32 to 64 bytes more, and what a key is longer than 8 bytes, with the cost of
 // its allocation. Records that were changed or removed leave entries that lookups take out; before

@@ -37,11 +37,11 @@ size_t IndexMap::stepsTo(uint64_t key) const {
 }
 
 void IndexMap::reserve(size_t count) {
-  if (size_ == 0) places_ = platform::LargeArray<Entry>(std::max(kSmallest, count + count / 5));
+  if (size_ == 0) places_ = platform::LargeArray<Entry>(std::max(kSmallest, count + count / 2));
 }
 
 bool IndexMap::insert(uint64_t key, int64_t position) {
-  if ((size_ + 1) * 8 > places_.size() * 7) grow();
+  if ((size_ + 1) * 4 > places_.size() * 3) grow();
   Entry& entry = places_[placeOf(key)];
   if (entry.position != 0) return false;
   entry = {key, position};
