@@ -39,7 +39,8 @@ class Compressed : public ToolTest {
 
   static Bytes text(size_t size) {
     std::string text;
-    for (int i = 0; text.size() < size; ++i) text += "line " + std::to_string(i * i) + " of text\n";
+    for (int64_t i = 0; text.size() < size; ++i)
+      text += "line " + std::to_string(i * i) + " of text\n";
     return bytesOf(text.substr(0, size));
   }
   void store(const std::string& name, const Bytes& contents) {
@@ -206,7 +207,7 @@ TEST_F(Compressed, PayloadsThatAreDamagedAreReportedAndNeverTrusted) {
     EXPECT_FALSE(fs::exists(path("out/text")));
     done({"dump", "-f", "-o", "dumped", "test.qvd"});
   }
-  import({"--update", "--compress"});
+  import({"--replace", "--compress"});
   expectSameFiles();
 }
 
