@@ -14,6 +14,7 @@
 #include "intents/staged_transactions.h"
 #include "kit/database_fixture.h"
 #include "kit/file_checker.h"
+#include "kit/holes.h"
 #include "kit/recorded_calls.h"
 #include "kit/replaced_calls.h"
 
@@ -158,7 +159,9 @@ TEST_F(EarlyBlocks, AreKnownForWhatTheyAreWhereverTheProcessEnds) {
   EXPECT_EQ(findingsOf(path()), (std::set<std::string>{"X1", "X4"}));
   EXPECT_EQ(salvaged(), content_);
   EXPECT_EQ(qvdb::deleted_records(path(), "notes").size(), 2u);
-  EXPECT_TRUE(qvdb::trim(path()).bytes > (size_t{16} << 20));
+  if (kCanMakeHoles) {
+    EXPECT_GT(qvdb::trim(path()).bytes, size_t{16} << 20);
+  }
   EXPECT_EQ(contentsOf(contents()), content_);
 }
 

@@ -245,7 +245,13 @@ TEST_F(ReadingAfterACrash, CostsAFewReadsForEachLook) {
   EXPECT_TRUE(notes.contains(Id{2}));
   RecordedCalls host;
   EXPECT_TRUE(notes.contains(Id{2}));
-  EXPECT_LE(host.count(RecordedCalls::Call::read), static_cast<int>(plan_.writes.size()) + 8);
+#if defined(QVDBASE_PLAIN_TRANSFERS)
+  constexpr int kOfALookup = 20;  // a header is read field by field
+#else
+  constexpr int kOfALookup = 8;
+#endif
+  EXPECT_LE(host.count(RecordedCalls::Call::read),
+            static_cast<int>(plan_.writes.size()) + kOfALookup);
 }
 
 }  // namespace

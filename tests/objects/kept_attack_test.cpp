@@ -21,6 +21,7 @@
 #include "kit/random_seed.h"
 #include "kit/recorded_calls.h"
 #include "kit/replaced_calls.h"
+#include "kit/threads.h"
 #include "objects/kept_fixture.h"
 
 namespace qvdbase::test {
@@ -563,6 +564,7 @@ TEST_F(KeptAttack, ARollbackAndACommitBeforeItIsWrittenAreInIt) {
 // ---- Threads
 
 TEST_F(KeptAttack, ThreadsMayKeepThemWhileOthersChangeTheTable) {
+  if (!kHasThreads) GTEST_SKIP() << "a build without threads";
   const std::vector<Id> ids = makeKept(300);
   {
     Database database = openDatabase();

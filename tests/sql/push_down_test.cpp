@@ -144,7 +144,12 @@ TEST_F(SqlPushDown, BuildsAnIndexForManyLookups) {
   std::string list;
   for (size_t i = 0; i < ids.size(); i += 3) list += (list.empty() ? "" : ",") + idText(ids[i]);
   const Reads many = readsOf("select count(*) from notes where id in (" + list + ")", "100 ");
-  EXPECT_LT(many.calls, all.calls * 3 + 100 * 8);
+#if defined(QVDBASE_PLAIN_TRANSFERS)
+  constexpr int kOfALookup = 40;  // headers are read field by field
+#else
+  constexpr int kOfALookup = 8;
+#endif
+  EXPECT_LT(many.calls, all.calls * 3 + 100 * kOfALookup);
 }
 
 TEST_F(SqlPushDown, AnswersAsWithoutPushingDown) {
