@@ -237,7 +237,8 @@ int runRows(const Options& options) {
   if (options.rows.count() > 1) {
     throw wrongUsage("--sqlite, --parquet and --copy cannot be combined");
   }
-  if (options.folder || options.byId || options.at || options.folderOptions.samePermissions) {
+  if (options.folder || options.byId || options.at || options.folderOptions.samePermissions ||
+      options.folderOptions.fields.isAny()) {
     throw wrongUsage("--sqlite, --parquet and --copy write no folder: leave FOLDER out");
   }
   if (options.after && !options.table) throw wrongUsage("--after: name the TABLE, too");
@@ -262,6 +263,10 @@ int run(const Options& options) {
   if (options.folderOptions.samePermissions && ::geteuid() != 0) {
     throw wrongUsage("--same-permissions is for root: the umask limits all other users");
   }
+  if (options.folderOptions.fields.owners && ::geteuid() != 0) {
+    throw wrongUsage("--same-owner is for root: only root can give files to other users");
+  }
+  if (options.folderOptions.fields.attributes) requireAttributes("--xattrs");
   if (options.at) {
     if (options.byId) throw wrongUsage("--at and --by-id cannot be combined");
     FolderOptions folderOptions = options.folderOptions;
@@ -292,7 +297,8 @@ int run(const Options& options) {
              " any more; no file was written for " + (missing == 1 ? "it" : "them"));
   }
   printLine(exporter.summary());
-  return hasAllNames && (missing == 0 || options.names.empty()) ? kDone : kFailed;
+  const bool isAll = missing == 0 || options.names.empty();
+  return hasAllNames && isAll && writer.hasAllAttributes() ? kDone : kFailed;
 }
 
 Action define(Arguments& arguments) {
@@ -318,9 +324,16 @@ Action define(Arguments& arguments) {
   FolderOptions& folder = options->folderOptions;
   arguments.force(folder.force, "Replace files that exist in the folder.");
   arguments.parents(folder.parents);
-  arguments.flag(
-      "--same-permissions", folder.samePermissions,
-      "Give files and folders their stored permissions whatever the umask is; for root.");
+  arguments.flag("--same-permissions", folder.samePermissions,
+                 "Give files and folders their stored permissions whatever the umask is, set-id "
+                 "bits included; "
+                 "for root.");
+  arguments.flag("--same-owner", folder.fields.owners,
+                 "Give what is written to the users and groups that 'qvdb import --owners' stored; "
+                 "for root.");
+  arguments.flag("--xattrs", folder.fields.attributes,
+                 "Give files and folders the extended attributes that 'qvdb import --xattrs' "
+                 "stored.");
   arguments.noSync(folder.noSync);
   arguments.flag("--by-id", options->byId,
                  "Name all files by their records' identifiers, and ignore the names of imported "
@@ -352,6 +365,11 @@ whose names are lost are named by their records' identifiers too, and the status
 
 In a damaged file records can overlap, so that together they are larger than the file. Without
 --force no more bytes are written than the file has.
+
+--same-owner finds a user or group by the stored name, and by the number where the system knows no such
+name. Set-id bits and capabilities are restored only with --same-permissions; where the list has the
+owner of a file, set-id bits only if the file belongs to that owner again. An attribute that the system
+refuses is left out, with a line on standard error, and the status is 1.
 
 Nothing is overwritten unless --force is given: if one file exists already, no file is written.
 Nothing is ever written outside the folder: a name that would lead out of it counts as damage, and

@@ -119,7 +119,7 @@ int exportAt(const ExportAt& what, const FolderOptions& options) {
   writer.run();
   const bool isAll = folder.report();
   printLine(writer.summary());
-  return isAll && files->isWhole() ? kDone : kFailed;
+  return isAll && files->isWhole() && target.hasAllAttributes() ? kDone : kFailed;
 }
 
 }  // namespace qvdb::tool

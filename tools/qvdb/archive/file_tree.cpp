@@ -10,6 +10,7 @@
 #include <memory>
 #include <unordered_set>
 
+#include "archive/file_fields.h"
 #include "streams/failure.h"
 #include "streams/interrupt.h"
 #include "streams/progress.h"
@@ -75,8 +76,10 @@ std::string linkTarget(const std::string& path, const struct stat& status) {
 
 class Lister {
  public:
-  Lister(const std::string& database, const Excluded& excluded, Progress* progress)
-      : excluded_(excluded), progress_(progress) {
+  Lister(const std::string& database, const Excluded& excluded, const FieldChoice& fields,
+         Progress* progress)
+      : excluded_(excluded), fields_(fields), progress_(progress) {
+    tree_.fields = fields;
     hasDatabase_ = ::stat(database.c_str(), &database_) == 0;
   }
 
@@ -154,6 +157,7 @@ class Lister {
       default:
         return leaveOut(found.path + " (not a file, folder or symbolic link)");
     }
+    file.file.fields = fields_.of(found.path, status);
     const bool isFolder = file.file.kind == FileKind::folder;
     tree_.files.push_back(std::move(file));
     if (progress_ != nullptr) progress_->step();
@@ -171,6 +175,7 @@ class Lister {
   struct stat database_ = {};
   bool hasDatabase_ = false;
   const Excluded& excluded_;
+  FieldReader fields_;
   Progress* progress_;
   std::vector<Pending> pending_;
   FileTree tree_;
@@ -189,9 +194,9 @@ void refuseDoubles(const FileTree& tree) {
 }  // namespace
 
 FileTree listFiles(const std::vector<std::string>& paths, const std::string& database,
-                   const Excluded& excluded) {
+                   const Excluded& excluded, const FieldChoice& fields) {
   Progress progress("listing", 0, "files");
-  Lister lister(database, excluded, &progress);
+  Lister lister(database, excluded, fields, &progress);
   for (const std::string& path : paths) lister.add(path);
   FileTree tree = std::move(lister).take();
   if (paths.size() > 1) refuseDoubles(tree);

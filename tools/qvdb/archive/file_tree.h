@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "archive/entry_fields.h"
 #include "archive/imported_files.h"
 #include "selection/excluded.h"
 
@@ -33,6 +34,7 @@ struct FileTree {
   std::vector<FoundFile> files;  // folders before what is in them, each folder in order of names
   std::vector<std::string> leftOut;  // what is not a file, folder or link, and the database
   std::vector<FoundRoot> roots;
+  FieldChoice fields;  // what the files have in their fields
 };
 
 // Lists PATHs with everything below them. A PATH gives its last part as the first part of the
@@ -40,10 +42,11 @@ struct FileTree {
 // are not followed (except such a PATH), folders of other file systems are entered.
 //
 // `database` is left out if it is among the files, and so is what is excluded. What disappears from
-// a folder meanwhile counts as if it had never been there. Throws Failure when a path cannot be
+// a folder meanwhile counts as if it had never been there. Owners and attributes are read of each
+// file if they are chosen. Throws Failure when a path cannot be
 // read, and when two of them give the same name; Interrupted.
 FileTree listFiles(const std::vector<std::string>& paths, const std::string& database,
-                   const Excluded& excluded = {});
+                   const Excluded& excluded = {}, const FieldChoice& fields = {});
 
 // What the system reports about a file, in our form.
 ImportedFile propertiesOf(const struct stat& status, std::string name);

@@ -84,12 +84,30 @@ FolderWriter::FolderWriter(const std::string& path, const FolderOptions& options
       masked_(options.samePermissions ? 0 : maskOfProcess()),
       parents_(changedBy(path)),
       walk_(createdFolder(path, options.parents)),
-      wasEmpty_(isEmptyFolder(path)) {}
+      wasEmpty_(isEmptyFolder(path)),
+      fields_(options.fields) {}
 
-// The stored permissions without the set-user-ID and set-group-ID bits, and without those that new
-// files do not get.
-mode_t FolderWriter::modeOf(const ImportedFile& file) const {
-  return file.mode & 0777 & ~masked_;
+// The stored permissions without those that new files do not get. With set-id bits and the sticky
+// bit only where all permissions are to be the same; and where it is known to whom the file
+// belonged, only if it belongs to them again: a program of one user must not run for another.
+mode_t FolderWriter::modeOf(const ImportedFile& file, const struct stat& status) const {
+  if (!options_.samePermissions) return file.mode & 0777 & ~masked_;
+  constexpr mode_t kSetId = S_ISUID | S_ISGID;
+  const auto owner = ownerIn(file.fields);
+  const bool hasOther = owner && !options_.fields.owners &&
+                        (owner->user != status.st_uid || owner->group != status.st_gid);
+  return hasOther ? file.mode & 07777 & ~kSetId : file.mode & 07777;
+}
+
+void FolderWriter::setFields(int opened, const ImportedFile& file, const std::string& path) {
+  fields_.setOwner(opened, file.fields, path);
+  fields_.setAttributes(opened, file.fields, path, options_.samePermissions);
+}
+
+void FolderWriter::setMode(int opened, const ImportedFile& file, const std::string& path) {
+  struct stat status = {};
+  if (::fstat(opened, &status) != 0) throw systemFailure(path, "read its properties");
+  if (::fchmod(opened, modeOf(file, status)) != 0) throw systemFailure(path, "set its permissions");
 }
 
 void FolderWriter::check(const ImportedFile& file) {
@@ -159,8 +177,8 @@ void FolderWriter::writeFile(const ImportedFile& file, const PieceReader& read) 
                       {.overwrite = options_.force, .sync = !options_.noSync});
   });
   writePieces(read, out);
-  if (::fchmod(out.descriptor(), modeOf(file)) != 0)
-    throw systemFailure(path, "set its permissions");
+  setFields(out.descriptor(), file, path);
+  setMode(out.descriptor(), file, path);
   if (::futimens(out.descriptor(), Times(file).values) != 0) {
     throw systemFailure(path, "set its time");
   }
@@ -178,7 +196,13 @@ void FolderWriter::makeLink(const ImportedFile& file) {
   if (::symlinkat(file.target.c_str(), folder, made.c_str()) != 0) {
     throw systemFailure(path, "create the symbolic link");
   }
-  setTimes(folder, made.c_str(), file, path);
+  try {
+    fields_.setOwnerOfLink(folder, made.c_str(), file.fields, path);
+    setTimes(folder, made.c_str(), file, path);
+  } catch (const Failure&) {
+    ::unlinkat(folder, made.c_str(), 0);
+    throw;
+  }
   if (made != last && ::renameat(folder, made.c_str(), folder, last.c_str()) != 0) {
     const Failure failure = systemFailure(path, "replace");
     ::unlinkat(folder, made.c_str(), 0);
@@ -202,10 +226,10 @@ void FolderWriter::finishFolder(const ImportedFile& file) {
   const std::string last = walk_.enterParent(file.name, true);
   const Descriptor folder = walk_.openFolder(last, file.name, false);
   if (!folder) throw systemFailure(walk_.pathOf(file.name), "open the folder");
-  setTimes(walk_.parent(), last.c_str(), file, walk_.pathOf(file.name));
-  if (::fchmod(folder.number(), modeOf(file)) != 0) {
-    throw systemFailure(walk_.pathOf(file.name), "set its permissions");
-  }
+  const std::string path = walk_.pathOf(file.name);
+  setFields(folder.number(), file, path);
+  setTimes(walk_.parent(), last.c_str(), file, path);
+  setMode(folder.number(), file, path);
 }
 
 }  // namespace qvdb::tool

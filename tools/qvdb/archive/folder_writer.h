@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "archive/file_fields.h"
 #include "archive/folder_walk.h"
 #include "archive/imported_files.h"
 #include "streams/delivery.h"
@@ -18,7 +19,8 @@ namespace qvdb::tool {
 struct FolderOptions {
   bool force = false;            // replace what exists
   bool parents = false;          // create missing folders in the path
-  bool samePermissions = false;  // ignore the umask
+  bool samePermissions = false;  // ignore the umask, and restore set-id bits
+  FieldChoice fields = {};       // what else is restored
   bool noSync = false;           // do not wait for the device
   std::string database = {};     // the file that is never replaced: where everything comes from
 };
@@ -44,20 +46,26 @@ class FolderWriter {
   // Waits until the device has the names of all that was written.
   void sync();
 
-  // Sets permissions and times of a folder. To be called last, and from the bottom up.
+  // Sets permissions, times and fields of a folder. To be called last, and from the bottom up.
   void finishFolder(const ImportedFile& file);
+
+  // Whether everything that was written got the attributes that are stored of it.
+  bool hasAllAttributes() const { return fields_.isComplete(); }
 
  private:
   bool isDatabase(const struct stat& status) const;
   void noteWritten();
 
-  mode_t modeOf(const ImportedFile& file) const;
+  mode_t modeOf(const ImportedFile& file, const struct stat& status) const;
+  void setFields(int opened, const ImportedFile& file, const std::string& path);
+  void setMode(int opened, const ImportedFile& file, const std::string& path);
 
   FolderOptions options_;
   mode_t masked_;                               // the permissions that new files do not get
   std::vector<std::filesystem::path> parents_;  // those that got new folders for this one
   FolderWalk walk_;
   bool wasEmpty_;
+  FieldWriter fields_;
   std::set<std::string> written_;  // the folders that got new names, as FolderWalk::parentName()
 };
 

@@ -1,6 +1,7 @@
 // qvdb import: stores files and folders as records, and their names in the table's data.
 #include <algorithm>
 
+#include "archive/file_fields.h"
 #include "archive/file_tree.h"
 #include "archive/import_update.h"
 #include "archive/importer.h"
@@ -23,6 +24,7 @@ struct Options {
   bool mirror = false;
   bool checksum = false;
   bool compress = false;
+  FieldChoice fields;
   bool dryRun = false;
   bool noSync = false;
 };
@@ -75,7 +77,7 @@ struct Plan {
 Plan planOf(const Options& options, const Table& table, const ImportedFiles& names) {
   const Excluded excluded(options.excluded);
   Plan plan;
-  plan.tree = listFiles(options.paths, options.file, excluded);
+  plan.tree = listFiles(options.paths, options.file, excluded, options.fields);
   refuseTooLarge(plan.tree);
   for (const std::string& path : plan.tree.leftOut) complain("left out: " + path);
   if (table == Table()) return plan;
@@ -166,6 +168,7 @@ int run(const Options& options) {
   if (options.replace && options.update) {
     throw wrongUsage("--replace and --update cannot be combined");
   }
+  if (options.fields.attributes) requireAttributes("--xattrs");
   try {
     return import(options);
   } catch (const Interrupted&) {
@@ -197,6 +200,10 @@ Action define(Arguments& arguments) {
   arguments.flag("--compress", options->compress,
                  "Compress the files that are stored now, each by itself, where that makes them "
                  "smaller.");
+  arguments.flag("--owners", options->fields.owners,
+                 "Store the user and the group of each file, by name and number.");
+  arguments.flag("--xattrs", options->fields.attributes,
+                 "Store the extended attributes and access lists of files and folders.");
   arguments.flag("-n,--dry-run", options->dryRun,
                  "Only list what would be done. The database is only read.");
   arguments.noSync(options->noSync);
@@ -239,12 +246,18 @@ as they were; all else shows such records as they are stored: 'qvdb records' the
 'qvdb digest' and 'qvdb sql' their bytes. Give it with each import: files that are replaced without it
 are stored as they are.
 
---dry-run prints a line for each step: add, replace, properties (only permissions or times) or
-delete, and the name.
+--owners and --xattrs also store to whom files belong, and their extended attributes, for the options
+of 'qvdb export' that restore them. Give them with each import: without them, a file keeps what was
+stored of these before. Attributes are those that belong to the file (user., trusted., access lists and
+capabilities); all of a file can have a mebibyte. What cannot be read of them is left out, with a line
+on standard error.
+
+--dry-run prints a line for each step: add, replace, properties (no contents) or delete, and the
+name.
 
 Sockets, pipes, devices, the database itself and files that disappear meanwhile are left out, with a
 line on standard error.
-Owners, access lists and hard links are not stored. A file can have 4,294,967,295 bytes at most;
+Hard links are stored as separate files. A file can have 4,294,967,295 bytes at most;
 memory is needed for the names, not for the files.
 
 Ctrl-C stops between two files and leaves a sound database. Whatever stops an import, the message
@@ -253,6 +266,7 @@ says how many files are stored.)",
 qvdb import --replace photos.qvd holiday ~/Pictures/holiday/
 qvdb import -u --delete --exclude '*.tmp' home.qvd docs ~/Documents
 qvdb import --checksum archive.qvd 2026 ~/Scans
+qvdb import -u --owners --xattrs system.qvd etc /etc
 qvdb import -u --compress logs.qvd web /var/log/nginx
 qvdb import src.qvd project src include README.md)",
     define,

@@ -55,7 +55,9 @@ void ImportNames::addNew() {
 
 void ImportNames::note(size_t file, const ImportedFile& now) {
   const ImportedFile& old = of(file);
-  if (now.mode == old.mode && now.seconds == old.seconds && now.nanoseconds == old.nanoseconds) {
+  std::string fields = renewedFields(old.fields, tree_.files[file].file.fields, tree_.fields);
+  if (now.mode == old.mode && now.seconds == old.seconds && now.nanoseconds == old.nanoseconds &&
+      fields == old.fields) {
     return;
   }
   ImportedFile renewed = now;
@@ -64,7 +66,7 @@ void ImportNames::note(size_t file, const ImportedFile& now) {
   if (entries_[file] >= hadNames_) return names_.update(entries_[file], renewed);
   renewed.kind = old.kind;
   renewed.target = old.target;
-  renewed.fields = old.fields;
+  renewed.fields = std::move(fields);
   renewed.since = timeNow();
   changed_.emplace_back(entries_[file], std::move(renewed));
 }

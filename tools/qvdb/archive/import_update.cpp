@@ -166,7 +166,8 @@ uint64_t leaveOutUnchanged(const Table& table, const ImportedFiles& names, FileT
     const auto index = names.find(found.file.name);
     if (!index) return false;
     const ImportedFile& old = names.list()[*index];
-    const bool isSame = hasTimeOf(old, found.file) && old.mode == found.file.mode;
+    const bool isSame = hasTimeOf(old, found.file) && old.mode == found.file.mode &&
+                        old.fields == renewedFields(old.fields, found.file.fields, tree->fields);
     if (old.kind != found.file.kind) return false;
     if (old.kind == FileKind::folder) return isSame;
     if (old.kind == FileKind::link) return isSame && old.target == found.file.target;

@@ -13,8 +13,8 @@
 
 namespace qvdb::tool {
 
-// Takes out of the tree what the table has already, and notes the files of which only mode or times
-// are to be stored. Returns how many files are unchanged.
+// Takes out of the tree what the table has already, and notes the files of which only mode, times
+// or fields are to be stored. Returns how many files are unchanged.
 //
 // A file is unchanged when its size and its time of last modification are those that are stored.
 // A time says nothing about changes within the same moment as the one that was stored; so the
