@@ -58,9 +58,9 @@ class Writer {
   }
 
   // Versions that overlap, as no sound file has them, could fill the disk.
-  void countBytes(uint64_t more) {
-    bytes_ += more;
-    if (force_ || bytes_ <= database_.info().file_size) return;
+  void countStored(uint64_t more) {
+    stored_ += more;
+    if (force_ || stored_ <= database_.info().file_size) return;
     throw Failure(
         database_.path().native() +
         ": the versions overlap: they have more bytes than the file; 'qvdb check' reports "
@@ -68,10 +68,12 @@ class Writer {
   }
 
   void writeFile(const FileAt& each) {
-    countBytes(each.version->length);
+    countStored(each.version->length);
     if (each.record) each.record->require_sound();
     folder_.writeFile(each.file, [&](uint64_t offset, std::span<std::byte> buffer) {
-      return contents_.read(each, offset, buffer);
+      const size_t got = contents_.read(each, offset, buffer);
+      bytes_ += got;
+      return got;
     });
     ++files_;
   }
@@ -91,7 +93,8 @@ class Writer {
   const bool force_;
   ContentsAt contents_;
   uint64_t files_ = 0;
-  uint64_t bytes_ = 0;
+  uint64_t bytes_ = 0;   // of the files
+  uint64_t stored_ = 0;  // of their versions, which may be compressed
 };
 
 }  // namespace
