@@ -1,5 +1,5 @@
-// qvdb import --owners and --xattrs, and what qvdb export makes of them: owners, extended
-// attributes, set-id bits.
+// qvdb import --owners, --xattrs and --hard-links, and what qvdb export makes of them: owners,
+// extended attributes, names of one file, set-id bits.
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
@@ -15,6 +15,7 @@
 #include "tool/tool_fixture.h"
 #include "tools/qvdb/archive/entry_fields.h"
 #include "tools/qvdb/archive/file_fields.h"
+#include "tools/qvdb/archive/folder_writer.h"
 
 #if defined(__linux__)
 #include <sys/xattr.h>
@@ -364,6 +365,158 @@ TEST_F(ImportedAttributes, ThatGivePrivilegesNeedSamePermissions) {
 }
 #endif
 
+// -- Names of one file
+
+class ImportedHardLinks : public ImportedFields {
+ protected:
+  void SetUp() override {
+    ImportedFields::SetUp();
+    writeFile(path("in/a"), bytesOf("same"));
+    fs::create_hard_link(path("in/a"), path("in/b"));
+    fs::create_hard_link(path("in/a"), path("in/folder/c"));
+    writeFile(path("in/other"), bytesOf("same"));
+    fs::last_write_time(path("in/other"), fs::last_write_time(path("in/a")));
+  }
+
+  bool areOne(const std::string& one, const std::string& other) {
+    return fs::equivalent(path(one), path(other));
+  }
+  void expectNoTemporaries(const std::string& target) {
+    for (const auto& each : fs::recursive_directory_iterator(path(target))) {
+      EXPECT_FALSE(each.path().filename().native().starts_with(".qvdb")) << each.path();
+    }
+  }
+};
+
+TEST_F(ImportedHardLinks, ComeBackOnRequest) {
+  import({"--hard-links"});
+  exportTo("out", {"--hard-links"});
+  EXPECT_TRUE(areOne("out/a", "out/b"));
+  EXPECT_TRUE(areOne("out/a", "out/folder/c"));
+  EXPECT_EQ(statusOf(path("out/a")).st_nlink, 3u);
+  EXPECT_EQ(readFile(path("out/b")), bytesOf("same"));
+  // What only has the same contents and time stays a file of its own.
+  EXPECT_FALSE(areOne("out/a", "out/other"));
+  expectNoTemporaries("out");
+  exportTo("plain");
+  EXPECT_FALSE(areOne("plain/a", "plain/b"));
+  EXPECT_EQ(readFile(path("plain/b")), bytesOf("same"));
+  exportTo("before", {"--hard-links", "--at", "2100-01-01"});
+  EXPECT_TRUE(areOne("before/a", "before/folder/c"));
+  EXPECT_FALSE(areOne("before/a", "before/other"));
+  expectNoTemporaries("before");
+}
+
+TEST_F(ImportedHardLinks, AreStoredAsDocumented) {
+  import({"--hard-links"});
+  EXPECT_EQ(fieldsOf("a"), "");
+  EXPECT_EQ(fieldsOf("b"), "aAFh");  // "h", 1 byte, "a"
+  EXPECT_EQ(fieldsOf("folder/c"), "aAFh");
+  EXPECT_EQ(fieldsOf("other"), "");
+}
+
+TEST_F(ImportedHardLinks, AreNotStoredUnlessAskedFor) {
+  import({});
+  EXPECT_EQ(fieldsOf("b"), "");
+  exportTo("out", {"--hard-links"});
+  EXPECT_FALSE(areOne("out/a", "out/b"));
+}
+
+TEST_F(ImportedHardLinks, WhoseContentsDifferNowAreTwoFiles) {
+  import({"--hard-links"});
+  fs::remove(path("in/b"));
+  writeFile(path("in/b"), bytesOf("diff"));
+  fs::last_write_time(path("in/b"), fs::last_write_time(path("in/a")));
+  import({"--replace"});  // without the option what is stored of names stays
+  EXPECT_EQ(fieldsOf("b"), "aAFh");
+  exportTo("out", {"--hard-links"});
+  EXPECT_FALSE(areOne("out/a", "out/b"));
+  EXPECT_TRUE(areOne("out/a", "out/folder/c"));
+  EXPECT_EQ(readFile(path("out/b")), bytesOf("diff"));
+  EXPECT_EQ(readFile(path("out/a")), bytesOf("same"));
+}
+
+TEST_F(ImportedHardLinks, WhosePropertiesDifferAreTwoFiles) {
+  import({"--hard-links"});
+  fs::remove(path("in/b"));
+  writeFile(path("in/b"), bytesOf("same"));
+  fs::last_write_time(path("in/b"), fs::last_write_time(path("in/a")));
+  fs::permissions(path("in/b"), fs::perms::owner_read);
+  import({"--replace"});
+  exportTo("out", {"--hard-links"});
+  EXPECT_FALSE(areOne("out/a", "out/b"));
+  EXPECT_EQ(modeOf(path("out/b")), 0400u);
+}
+
+TEST_F(ImportedHardLinks, ThatWereSeparatedAreNoticedByAnUpdate) {
+  import({"--hard-links"});
+  EXPECT_NE(done({"import", "-nu", "--hard-links", kDefaultFile, "files", "in/"}).find("0 steps"),
+            std::string::npos);
+  fs::copy_file(path("in/b"), path("in/new"));
+  fs::last_write_time(path("in/new"), fs::last_write_time(path("in/a")));
+  fs::rename(path("in/new"), path("in/b"));
+  EXPECT_NE(done({"import", "-nu", "--hard-links", kDefaultFile, "files", "in/"})
+                .find("properties b\n1 step"),
+            std::string::npos);
+  import({"-u", "--hard-links"});
+  exportTo("out", {"--hard-links"});
+  EXPECT_FALSE(areOne("out/a", "out/b"));
+  EXPECT_TRUE(areOne("out/a", "out/folder/c"));
+}
+
+// Each name has a record of its own.
+TEST_F(ImportedHardLinks, LoseNoContentsWithTheFirstName) {
+  import({"--hard-links"});
+  done({"rm", kDefaultFile, "files", "a"});
+  EXPECT_EQ(done({"get", kDefaultFile, "files", "b"}), "same");
+  exportTo("out", {"--hard-links"});
+  EXPECT_FALSE(fs::exists(path("out/a")));
+  EXPECT_TRUE(areOne("out/b", "out/folder/c"));
+  // And so where the first one is not chosen.
+  done({"export", "--hard-links", kDefaultFile, "files", "part", "folder", "b"});
+  EXPECT_TRUE(areOne("part/b", "part/folder/c"));
+}
+
+TEST_F(ImportedHardLinks, ReplaceFilesWithForce) {
+  import({"--hard-links"});
+  fs::create_directory(path("out"));
+  writeFile(path("out/b"), bytesOf("old"));
+  exportTo("out", {"--hard-links", "--force"});
+  EXPECT_TRUE(areOne("out/a", "out/b"));
+  expectNoTemporaries("out");
+}
+
+TEST_F(ImportedHardLinks, AreNotMadeOfWhatHasTakenThePlaceOfTheFirst) {
+  qvdb::tool::FolderWriter writer(path("out"), {});
+  qvdb::tool::ImportedFile a;
+  a.name = "folder/a";
+  a.mode = 0644;
+  bool isRead = false;
+  const auto identity = writer.writeFile(
+      a, [&](uint64_t, std::span<std::byte>) -> size_t { return isRead = true, 0; });
+  EXPECT_TRUE(isRead);
+  qvdb::tool::ImportedFile b = a;
+  b.name = "b";
+  fs::rename(path("out/folder/a"), path("out/moved"));
+  EXPECT_FALSE(writer.makeHardLink(b, a, identity));  // gone
+  EXPECT_FALSE(writer.isComplete());
+  writeFile(path("secret"), bytesOf("not for everybody"));
+  fs::create_symlink(path("secret"), path("out/folder/a"));
+  EXPECT_FALSE(writer.makeHardLink(b, a, identity));  // a link
+  fs::remove(path("out/folder/a"));
+  fs::create_hard_link(path("secret"), path("out/folder/a"));
+  EXPECT_FALSE(writer.makeHardLink(b, a, identity));  // another file
+  EXPECT_FALSE(fs::exists(path("out/b")));
+  EXPECT_EQ(statusOf(path("secret")).st_nlink, 2u);
+  fs::remove(path("out/folder/a"));
+  fs::rename(path("out/moved"), path("out/folder/a"));
+  EXPECT_TRUE(writer.makeHardLink(b, a, identity));
+  EXPECT_TRUE(areOne("out/folder/a", "out/b"));
+  // What is there is not replaced without --force.
+  EXPECT_THROW(writer.makeHardLink(b, a, identity), qvdb::tool::Failure);
+  expectNoTemporaries("out");
+}
+
 // -- Fields from anywhere
 
 TEST(EntryFields, OfAnOwnerAreTakenWholeOrNotAtAll) {
@@ -418,6 +571,22 @@ TEST(EntryFields, ThatAreNotKnownOrNotChosenStay) {
   const auto renewed = [&](bool owners, bool attributes) {
     return qvdb::tool::renewedFields(old, now, {owners, attributes});
   };
+  EXPECT_EQ(qvdb::tool::renewedFields("q\x01zh\x01"
+                                      "a",
+                                      "h\x01"
+                                      "b",
+                                      {.hardLinks = true}),
+            "h\x01"
+            "bq\x01z");
+  EXPECT_EQ(qvdb::tool::renewedFields("h\x01"
+                                      "a",
+                                      "", {.hardLinks = true}),
+            "");
+  EXPECT_EQ(qvdb::tool::renewedFields("h\x01"
+                                      "a",
+                                      "", {.owners = true}),
+            "h\x01"
+            "a");
   EXPECT_EQ(renewed(false, false), old);
   EXPECT_EQ(renewed(true, false),
             "o\x04\x03\x04\x00\x00x\x03\x01"

@@ -8,6 +8,7 @@ namespace {
 
 constexpr char kOwner = 'o';
 constexpr char kAttribute = 'x';
+constexpr char kFirstName = 'h';
 constexpr int kCountBits = 35;  // those that a count of five bytes has
 
 void appendCount(uint64_t value, std::string* to) {
@@ -144,25 +145,51 @@ std::string fieldsOf(const FileAttributes& attributes) {
   return fields;
 }
 
+std::string_view firstNameIn(std::string_view fields) {
+  std::string_view name;
+  forEachField(fields, [&](char tag, std::string_view content, std::string_view) {
+    if (tag == kFirstName && name.empty()) name = content;
+  });
+  return name;
+}
+
+std::string withoutFirstName(std::string_view fields) {
+  std::string others;
+  forEachField(fields, [&](char tag, std::string_view, std::string_view bytes) {
+    if (tag != kFirstName) others += bytes;
+  });
+  return others;
+}
+
+std::string fieldOfFirstName(std::string_view name) {
+  return field(kFirstName, name);
+}
+
 // Always in the same order, so that what has not changed has the same bytes.
 std::string renewedFields(std::string_view old, std::string_view now, const FieldChoice& chosen) {
-  std::string owner;
-  std::string attributes;
+  struct Known {
+    char tag;
+    bool isRenewed;
+    std::string bytes = {};
+  };
+  Known known[] = {
+      {kOwner, chosen.owners}, {kAttribute, chosen.attributes}, {kFirstName, chosen.hardLinks}};
   std::string others;
   const auto sortOut = [&](std::string_view fields, bool isNow) {
     forEachField(fields, [&](char tag, std::string_view, std::string_view bytes) {
-      if (tag == kOwner) {
-        if (chosen.owners == isNow) owner += bytes;
-      } else if (tag == kAttribute) {
-        if (chosen.attributes == isNow) attributes += bytes;
-      } else if (!isNow) {
-        others += bytes;
+      for (Known& each : known) {
+        if (each.tag != tag) continue;
+        if (each.isRenewed == isNow) each.bytes += bytes;
+        return;
       }
+      if (!isNow) others += bytes;
     });
   };
   sortOut(old, false);
   sortOut(now, true);
-  const std::string fields = owner + attributes + others;
+  std::string fields;
+  for (const Known& each : known) fields += each.bytes;
+  fields += others;
   // Where fields that are not known here leave no space, nothing of them is lost.
   const bool fits = fields.size() <= qvdbase::format::imported::kLongestFields;
   return fits ? fields : std::string(old);

@@ -1,5 +1,6 @@
 // What the list of imported files keeps of a file beside its mode and time, where that was asked
-// for: its owner, its extended attributes. docs/imported-files.md describes the fields.
+// for: its owner, its extended attributes, its other names. docs/imported-files.md describes the
+// fields.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +15,9 @@ namespace qvdb::tool {
 struct FieldChoice {
   bool owners = false;
   bool attributes = false;
+  bool hardLinks = false;
 
-  bool isAny() const { return owners || attributes; }
+  bool isAny() const { return owners || attributes || hardLinks; }
 };
 
 // Names are empty where the system knew none.
@@ -32,6 +34,11 @@ using FileAttributes = std::map<std::string, std::string>;
 // name the first; what is no owner and no attribute by its bytes is passed over.
 std::optional<FileOwner> ownerIn(std::string_view fields);
 FileAttributes attributesIn(std::string_view fields);
+
+// Of a file with several names all but the first lead to the first one. Empty for all others.
+std::string_view firstNameIn(std::string_view fields);
+std::string withoutFirstName(std::string_view fields);
+std::string fieldOfFirstName(std::string_view name);
 
 std::string fieldOf(const FileOwner& owner);
 std::string fieldsOf(const FileAttributes& attributes);

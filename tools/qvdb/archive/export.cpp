@@ -8,11 +8,13 @@
 
 #include <algorithm>
 #include <exception>
+#include <memory>
 #include <unordered_map>
 #include <unordered_set>
 
 #include "archive/export_at.h"
 #include "archive/folder_writer.h"
+#include "archive/hard_links.h"
 #include "archive/imported_files.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
@@ -74,17 +76,31 @@ std::optional<Part> partOf(const Database& database, const Table& table,
   return part;
 }
 
+// Reads what a record holds of a file, and keeps both for that.
+PieceReader contentsOf(const ListKey& key, const Record& record) {
+  struct Held {
+    Record record;
+    CodedPayload contents;
+    Held(const ListKey& ofList, const Record& of) : record(of), contents(ofList, record) {}
+  };
+  auto held = std::make_shared<Held>(key, record);
+  return [held](uint64_t offset, std::span<std::byte> buffer) {
+    return held->contents.read(offset, buffer);
+  };
+}
+
 class Exporter {
  public:
   Exporter(const Database& database, const Table& table, std::optional<ImportedFiles> files,
-           std::optional<Part> part, FolderWriter& writer, bool force)
+           std::optional<Part> part, FolderWriter& writer, const FolderOptions& options)
       : table_(table),
         files_(std::move(files)),
         part_(std::move(part)),
         writer_(writer),
-        force_(force),
+        force_(options.force),
         limit_(database),
-        key_(ImportedFiles::keyOf(table)) {
+        key_(ImportedFiles::keyOf(table)),
+        hardLinks_(options.fields.hardLinks, writer) {
     if (files_) isWritten_.resize(files_->list().size());
   }
 
@@ -112,6 +128,7 @@ class Exporter {
   bool force_;
   PayloadLimit limit_;
   const ListKey key_;
+  HardLinks hardLinks_;
   std::vector<bool> isWritten_;            // of each imported file
   std::unordered_map<Id, unsigned> byId_;  // files named by identifier, and how many of each
   uint64_t filesDone_ = 0;
@@ -181,17 +198,22 @@ void Exporter::run() {
   Progress progress("exporting", part_ ? part_->records.size() : table_.count(), "records");
   forEachNamed(FileKind::folder,
                [this](const ImportedFile& file) { writer_.makeFolder(file.name); });
+  forEachNamed(FileKind::file, [this](const ImportedFile& file) { hardLinks_.note(file); });
   const auto writeOne = [&](const ImportedFile& file, const Record& record) {
     if (!force_) limit_.count(table_, record, "--force writes the others too");
     record.require_sound();
-    CodedPayload contents(key_, record);
-    writer_.writeFile(file, [&](uint64_t offset, std::span<std::byte> buffer) {
-      const size_t got = contents.read(offset, buffer);
-      bytesDone_ += got;
-      return got;
-    });
     ++filesDone_;
     progress.step();
+    const auto again = [this, record]() { return contentsOf(key_, record); };
+    if (hardLinks_.link(file, again)) return;
+    CodedPayload contents(key_, record);
+    const auto identity =
+        writer_.writeFile(file, [&](uint64_t offset, std::span<std::byte> buffer) {
+          const size_t got = contents.read(offset, buffer);
+          bytesDone_ += got;
+          return got;
+        });
+    hardLinks_.noteWritten(file, identity, again);
   };
   // Where the chain is damaged everything else is written anyway.
   std::exception_ptr failure;
@@ -287,8 +309,7 @@ int run(const Options& options) {
   std::optional<Part> part = partOf(database, table, files, options.names);
   FolderWriter writer(*options.folder, folderOptions);
   const bool hasAllNames = !isUnreachable && (!files || files->isWhole());
-  Exporter exporter(database, table, std::move(files), std::move(part), writer,
-                    folderOptions.force);
+  Exporter exporter(database, table, std::move(files), std::move(part), writer, folderOptions);
   exporter.check();
   exporter.run();
   const uint64_t missing = exporter.namesWithoutRecord();
@@ -298,7 +319,7 @@ int run(const Options& options) {
   }
   printLine(exporter.summary());
   const bool isAll = missing == 0 || options.names.empty();
-  return hasAllNames && isAll && writer.hasAllAttributes() ? kDone : kFailed;
+  return hasAllNames && isAll && writer.isComplete() ? kDone : kFailed;
 }
 
 Action define(Arguments& arguments) {
@@ -334,6 +355,9 @@ Action define(Arguments& arguments) {
   arguments.flag("--xattrs", folder.fields.attributes,
                  "Give files and folders the extended attributes that 'qvdb import --xattrs' "
                  "stored.");
+  arguments.flag(
+      "--hard-links", folder.fields.hardLinks,
+      "Make files names of one file again that 'qvdb import --hard-links' stored as that.");
   arguments.noSync(folder.noSync);
   arguments.flag("--by-id", options->byId,
                  "Name all files by their records' identifiers, and ignore the names of imported "
@@ -370,6 +394,9 @@ In a damaged file records can overlap, so that together they are larger than the
 name. Set-id bits and capabilities are restored only with --same-permissions; where the list has the
 owner of a file, set-id bits only if the file belongs to that owner again. An attribute that the system
 refuses is left out, with a line on standard error, and the status is 1.
+
+--hard-links makes two files one only where their contents, permissions, times, owners and attributes
+are still the same. Where the file system refuses, they are written as two, and the status is 1.
 
 Nothing is overwritten unless --force is given: if one file exists already, no file is written.
 Nothing is ever written outside the folder: a name that would lead out of it counts as damage, and

@@ -2,8 +2,10 @@
 #include "archive/export_at.h"
 
 #include <algorithm>
+#include <memory>
 
 #include "archive/folder_at.h"
+#include "archive/hard_links.h"
 #include "command_line/commands.h"
 #include "commands/locate.h"
 #include "streams/interrupt.h"
@@ -17,12 +19,14 @@ namespace {
 class Writer {
  public:
   Writer(const Database& database, const ListKey& key, const std::vector<FileAt>& entries,
-         FolderWriter& folder, bool force)
+         FolderWriter& folder, bool force, bool hardLinks)
       : database_(database),
         entries_(entries),
         folder_(folder),
         force_(force),
-        contents_(database.path().native(), key) {}
+        key_(key),
+        contents_(database.path().native(), key),
+        hardLinks_(hardLinks, folder) {}
 
   void check() {
     if (folder_.wasEmpty()) return;
@@ -35,6 +39,7 @@ class Writer {
   void run() {
     Progress progress("exporting", entries_.size(), "names");
     forEach(FileKind::folder, [&](const FileAt& each) { folder_.makeFolder(each.file.name); });
+    forEach(FileKind::file, [&](const FileAt& each) { hardLinks_.note(each.file); });
     forEach(FileKind::file, [&](const FileAt& each) {
       writeFile(each);
       progress.step();
@@ -70,12 +75,21 @@ class Writer {
   void writeFile(const FileAt& each) {
     countStored(each.version->length);
     if (each.record) each.record->require_sound();
-    folder_.writeFile(each.file, [&](uint64_t offset, std::span<std::byte> buffer) {
-      const size_t got = contents_.read(each, offset, buffer);
-      bytes_ += got;
-      return got;
-    });
     ++files_;
+    const auto again = [this, &each]() -> PieceReader {
+      auto contents = std::make_shared<ContentsAt>(database_.path().native(), key_);
+      return [contents, &each](uint64_t offset, std::span<std::byte> buffer) {
+        return contents->read(each, offset, buffer);
+      };
+    };
+    if (hardLinks_.link(each.file, again)) return;
+    const auto identity =
+        folder_.writeFile(each.file, [&](uint64_t offset, std::span<std::byte> buffer) {
+          const size_t got = contents_.read(each, offset, buffer);
+          bytes_ += got;
+          return got;
+        });
+    hardLinks_.noteWritten(each.file, identity, again);
   }
 
   // What is in a folder has the longer name, and comes first.
@@ -91,7 +105,9 @@ class Writer {
   const std::vector<FileAt>& entries_;
   FolderWriter& folder_;
   const bool force_;
+  const ListKey key_;
   ContentsAt contents_;
+  HardLinks hardLinks_;
   uint64_t files_ = 0;
   uint64_t bytes_ = 0;   // of the files
   uint64_t stored_ = 0;  // of their versions, which may be compressed
@@ -117,12 +133,13 @@ int exportAt(const ExportAt& what, const FolderOptions& options) {
   }
   folder.findContents(what.table);
   FolderWriter target(what.folder, options);
-  Writer writer(database, files->head().key, folder.entries(), target, options.force);
+  Writer writer(database, files->head().key, folder.entries(), target, options.force,
+                options.fields.hardLinks);
   writer.check();
   writer.run();
   const bool isAll = folder.report();
   printLine(writer.summary());
-  return isAll && files->isWhole() && target.hasAllAttributes() ? kDone : kFailed;
+  return isAll && files->isWhole() && target.isComplete() ? kDone : kFailed;
 }
 
 }  // namespace qvdb::tool

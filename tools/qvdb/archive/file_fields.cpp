@@ -123,8 +123,15 @@ const std::string& FieldReader::groupName(gid_t group) {
   return place->second;
 }
 
-std::string FieldReader::of(const std::string& path, const struct stat& status) {
+std::string FieldReader::of(const std::string& path, const std::string& name,
+                            const struct stat& status) {
   std::string fields;
+  std::string first;
+  if (chosen_.hardLinks && S_ISREG(status.st_mode) && status.st_nlink > 1) {
+    const auto [place, isNew] =
+        firstNames_.try_emplace(std::pair(status.st_dev, status.st_ino), name);
+    if (!isNew) first = fieldOfFirstName(place->second);
+  }
   if (chosen_.owners) {
     fields +=
         fieldOf({status.st_uid, status.st_gid, userName(status.st_uid), groupName(status.st_gid)});
@@ -132,10 +139,11 @@ std::string FieldReader::of(const std::string& path, const struct stat& status) 
   // Links have no attributes that a user could set.
   if (chosen_.attributes && !S_ISLNK(status.st_mode)) {
     FileAttributes attributes = attributesOf(path);
-    limitTo(qvdbase::format::imported::kLongestFields - fields.size(), &attributes, path);
+    limitTo(qvdbase::format::imported::kLongestFields - fields.size() - first.size(), &attributes,
+            path);
     fields += fieldsOf(attributes);
   }
-  return fields;
+  return fields + first;
 }
 
 FieldWriter::Numbers FieldWriter::numbersOf(const FileOwner& owner) {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "archive/entry_fields.h"
 
@@ -22,13 +23,16 @@ class FieldReader {
 
   // What was chosen of a file, a folder or a link, which is not followed. What cannot be read of
   // it, or has no place in the list, is left out with a line on standard error.
-  std::string of(const std::string& path, const struct stat& status);
+  // `name` is the name that the file is going to have.
+  std::string of(const std::string& path, const std::string& name, const struct stat& status);
 
  private:
   const std::string& userName(uid_t user);
   const std::string& groupName(gid_t group);
 
   FieldChoice chosen_;
+  // Of files with several names: the first one that was met.
+  std::map<std::pair<dev_t, ino_t>, std::string> firstNames_;
   std::map<uid_t, std::string> users_;
   std::map<gid_t, std::string> groups_;
 };

@@ -157,7 +157,7 @@ class Lister {
       default:
         return leaveOut(found.path + " (not a file, folder or symbolic link)");
     }
-    file.file.fields = fields_.of(found.path, status);
+    file.file.fields = fields_.of(found.path, found.name, status);
     const bool isFolder = file.file.kind == FileKind::folder;
     tree_.files.push_back(std::move(file));
     if (progress_ != nullptr) progress_->step();

@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 #include "streams/failure.h"
+#include "streams/text.h"
 #include "streams/waiting.h"
 
 namespace qvdb::tool {
@@ -104,10 +106,11 @@ void FolderWriter::setFields(int opened, const ImportedFile& file, const std::st
   fields_.setAttributes(opened, file.fields, path, options_.samePermissions);
 }
 
-void FolderWriter::setMode(int opened, const ImportedFile& file, const std::string& path) {
+FileIdentity FolderWriter::setMode(int opened, const ImportedFile& file, const std::string& path) {
   struct stat status = {};
   if (::fstat(opened, &status) != 0) throw systemFailure(path, "read its properties");
   if (::fchmod(opened, modeOf(file, status)) != 0) throw systemFailure(path, "set its permissions");
+  return {status.st_dev, status.st_ino};
 }
 
 void FolderWriter::check(const ImportedFile& file) {
@@ -169,7 +172,7 @@ void FolderWriter::makeFolder(const std::string& name) {
   noteWritten();
 }
 
-void FolderWriter::writeFile(const ImportedFile& file, const PieceReader& read) {
+FileIdentity FolderWriter::writeFile(const ImportedFile& file, const PieceReader& read) {
   const std::string path = walk_.pathOf(file.name);
   const std::string last = walk_.enterParent(file.name, true);
   OutputFile out = whileInUse([&] {
@@ -178,12 +181,43 @@ void FolderWriter::writeFile(const ImportedFile& file, const PieceReader& read) 
   });
   writePieces(read, out);
   setFields(out.descriptor(), file, path);
-  setMode(out.descriptor(), file, path);
+  const FileIdentity identity = setMode(out.descriptor(), file, path);
   if (::futimens(out.descriptor(), Times(file).values) != 0) {
     throw systemFailure(path, "set its time");
   }
   out.place();
   noteWritten();
+  return identity;
+}
+
+bool FolderWriter::makeHardLink(const ImportedFile& file, const ImportedFile& first,
+                                const FileIdentity& identity) {
+  const std::string path = walk_.pathOf(file.name);
+  const std::string firstLast = walk_.enterParent(first.name, false);
+  const Descriptor firstFolder(firstLast.empty() ? -1 : ::dup(walk_.parent()));
+  if (!firstFolder) return false;
+  const std::string last = walk_.enterParent(file.name, true);
+  const int folder = walk_.parent();
+  const std::string made = ".qvdb-" + to_string(new_id()).substr(2) + ".tmp";
+  if (::linkat(firstFolder.number(), firstLast.c_str(), folder, made.c_str(), 0) != 0) {
+    if (refusedLinks_ == 0) {
+      complain(path + ": cannot be made another name of '" + escaped(first.name) +
+               "': " + std::strerror(errno) + "; such files are written as files of their own");
+    }
+    ++refusedLinks_;
+    return false;
+  }
+  struct stat status = {};
+  const bool isIt = ::fstatat(folder, made.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    status.st_dev == identity.device && status.st_ino == identity.inode;
+  const bool isPlaced =
+      isIt && (options_.force ? ::renameat(folder, made.c_str(), folder, last.c_str())
+                              : ::linkat(folder, made.c_str(), folder, last.c_str(), 0)) == 0;
+  const Failure failure = systemFailure(path, "create");
+  ::unlinkat(folder, made.c_str(), 0);  // after renameat() it is gone already
+  if (isIt && !isPlaced) throw failure;
+  if (isIt) noteWritten();
+  return isIt;
 }
 
 // A link that exists is replaced in one step, as a file is.

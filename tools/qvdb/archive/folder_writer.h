@@ -25,6 +25,12 @@ struct FolderOptions {
   std::string database = {};     // the file that is never replaced: where everything comes from
 };
 
+// A file that was written.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+};
+
 class FolderWriter {
  public:
   // Opens the folder, which may be a symbolic link, or creates it. Throws Failure.
@@ -40,8 +46,13 @@ class FolderWriter {
 
   // Each throws Failure; a half-written file is removed. Missing folders in a name are created.
   void makeFolder(const std::string& name);
-  void writeFile(const ImportedFile& file, const PieceReader& read);
+  FileIdentity writeFile(const ImportedFile& file, const PieceReader& read);
   void makeLink(const ImportedFile& file);
+
+  // Makes the file another name of one that was written before, and is still the same one. False,
+  // and nothing is made, where it is another one now or the file system refuses.
+  bool makeHardLink(const ImportedFile& file, const ImportedFile& first,
+                    const FileIdentity& identity);
 
   // Waits until the device has the names of all that was written.
   void sync();
@@ -49,8 +60,8 @@ class FolderWriter {
   // Sets permissions, times and fields of a folder. To be called last, and from the bottom up.
   void finishFolder(const ImportedFile& file);
 
-  // Whether everything that was written got the attributes that are stored of it.
-  bool hasAllAttributes() const { return fields_.isComplete(); }
+  // Whether everything that was written got the attributes and the names that are stored of it.
+  bool isComplete() const { return fields_.isComplete() && refusedLinks_ == 0; }
 
  private:
   bool isDatabase(const struct stat& status) const;
@@ -58,7 +69,7 @@ class FolderWriter {
 
   mode_t modeOf(const ImportedFile& file, const struct stat& status) const;
   void setFields(int opened, const ImportedFile& file, const std::string& path);
-  void setMode(int opened, const ImportedFile& file, const std::string& path);
+  FileIdentity setMode(int opened, const ImportedFile& file, const std::string& path);
 
   FolderOptions options_;
   mode_t masked_;                               // the permissions that new files do not get
@@ -66,6 +77,7 @@ class FolderWriter {
   FolderWalk walk_;
   bool wasEmpty_;
   FieldWriter fields_;
+  uint64_t refusedLinks_ = 0;
   std::set<std::string> written_;  // the folders that got new names, as FolderWalk::parentName()
 };
 

@@ -204,6 +204,8 @@ Action define(Arguments& arguments) {
                  "Store the user and the group of each file, by name and number.");
   arguments.flag("--xattrs", options->fields.attributes,
                  "Store the extended attributes and access lists of files and folders.");
+  arguments.flag("--hard-links", options->fields.hardLinks,
+                 "Store which files are names of one file.");
   arguments.flag("-n,--dry-run", options->dryRun,
                  "Only list what would be done. The database is only read.");
   arguments.noSync(options->noSync);
@@ -246,8 +248,8 @@ as they were; all else shows such records as they are stored: 'qvdb records' the
 'qvdb digest' and 'qvdb sql' their bytes. Give it with each import: files that are replaced without it
 are stored as they are.
 
---owners and --xattrs also store to whom files belong, and their extended attributes, for the options
-of 'qvdb export' that restore them. Give them with each import: without them, a file keeps what was
+--owners, --xattrs and --hard-links also store to whom files belong, their extended attributes, and
+which of them are names of one file, for the options of 'qvdb export' that restore them. Give them with each import: without them, a file keeps what was
 stored of these before. Attributes are those that belong to the file (user., trusted., access lists and
 capabilities); all of a file can have a mebibyte. What cannot be read of them is left out, with a line
 on standard error.
@@ -257,7 +259,7 @@ name.
 
 Sockets, pipes, devices, the database itself and files that disappear meanwhile are left out, with a
 line on standard error.
-Hard links are stored as separate files. A file can have 4,294,967,295 bytes at most;
+Files with several names (hard links) are stored once for each name. A file can have 4,294,967,295 bytes at most;
 memory is needed for the names, not for the files.
 
 Ctrl-C stops between two files and leaves a sound database. Whatever stops an import, the message
