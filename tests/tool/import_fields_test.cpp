@@ -587,6 +587,11 @@ TEST(EntryFields, ThatAreNotKnownOrNotChosenStay) {
                                       "", {.owners = true}),
             "h\x01"
             "a");
+  // In another order than the tool writes: as it is, unless something was chosen.
+  EXPECT_EQ(qvdb::tool::renewedFields("q\x01zh\x01"
+                                      "a",
+                                      "", {}),
+            "q\x01zh\x01"s + "a");
   EXPECT_EQ(renewed(false, false), old);
   EXPECT_EQ(renewed(true, false),
             "o\x04\x03\x04\x00\x00x\x03\x01"

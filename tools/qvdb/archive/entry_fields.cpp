@@ -167,6 +167,7 @@ std::string fieldOfFirstName(std::string_view name) {
 
 // Always in the same order, so that what has not changed has the same bytes.
 std::string renewedFields(std::string_view old, std::string_view now, const FieldChoice& chosen) {
+  if (!chosen.isAny()) return std::string(old);
   struct Known {
     char tag;
     bool isRenewed;

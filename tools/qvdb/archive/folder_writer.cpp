@@ -194,7 +194,8 @@ bool FolderWriter::makeHardLink(const ImportedFile& file, const ImportedFile& fi
                                 const FileIdentity& identity) {
   const std::string path = walk_.pathOf(file.name);
   const std::string firstLast = walk_.enterParent(first.name, false);
-  const Descriptor firstFolder(firstLast.empty() ? -1 : ::dup(walk_.parent()));
+  const Descriptor firstFolder(firstLast.empty() ? -1
+                                                 : ::fcntl(walk_.parent(), F_DUPFD_CLOEXEC, 3));
   if (!firstFolder) return false;
   const std::string last = walk_.enterParent(file.name, true);
   const int folder = walk_.parent();

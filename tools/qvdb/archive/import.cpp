@@ -249,17 +249,18 @@ as they were; all else shows such records as they are stored: 'qvdb records' the
 are stored as they are.
 
 --owners, --xattrs and --hard-links also store to whom files belong, their extended attributes, and
-which of them are names of one file, for the options of 'qvdb export' that restore them. Give them with each import: without them, a file keeps what was
-stored of these before. Attributes are those that belong to the file (user., trusted., access lists and
-capabilities); all of a file can have a mebibyte. What cannot be read of them is left out, with a line
-on standard error.
+which of them are names of one file, for the options of 'qvdb export' that restore them. Give them with
+each import: without them, a file keeps what was stored of these before. Attributes are those that
+belong to the file (user., trusted., access lists and capabilities); all of a file can have a mebibyte.
+What cannot be read of them is left out, with a line on standard error.
 
 --dry-run prints a line for each step: add, replace, properties (no contents) or delete, and the
 name.
 
 Sockets, pipes, devices, the database itself and files that disappear meanwhile are left out, with a
 line on standard error.
-Files with several names (hard links) are stored once for each name. A file can have 4,294,967,295 bytes at most;
+Files with several names (hard links) are stored once for each name. A file can have 4,294,967,295
+bytes at most;
 memory is needed for the names, not for the files.
 
 Ctrl-C stops between two files and leaves a sound database. Whatever stops an import, the message
