@@ -8,16 +8,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
-#include <memory>
 #include <random>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "format/intent.h"
 #include "intents/commit.h"
+#include "intents/crash_states.h"
 #include "intents/file_io.h"
 #include "intents/recovery.h"
 #include "intents/shown_contents.h"
@@ -32,108 +30,6 @@ namespace {
 
 using intents::CommitLog;
 using intents::Durability;
-
-struct Step {
-  bool isSync = false;
-  size_t position = 0;
-  Bytes bytes;
-  size_t returned = 0;  // commits that had returned when it was made
-  size_t begun = 0;     // and that had begun
-};
-
-void writeInto(Bytes* file, size_t position, const Bytes& bytes, size_t count) {
-  if (file->size() < position + count) file->resize(position + count);
-  std::copy_n(bytes.begin(), count, file->begin() + static_cast<std::ptrdiff_t>(position));
-}
-
-bool isIntent(const Bytes& block) {
-  return block.size() > 13 && block.at(0, 11) == hex("87 0040").text("QVintent");
-}
-
-// The states in which a host that ends can leave a file: all, or so many of them.
-class PowerStates {
- public:
-  PowerStates(const Bytes& durable, const std::vector<const Step*>& writes, size_t unit,
-              std::mt19937_64* random)
-      : durable_(durable), unit_(unit), random_(random) {
-    Bytes now = durable;
-    lengths_.insert(durable.size());
-    for (const Step* write : writes) {
-      writeInto(&now, write->position, write->bytes, write->bytes.size());
-      lengths_.insert(now.size());
-      const size_t last = (write->position + write->bytes.size() - 1) / unit;
-      for (size_t k = write->position / unit; k <= last; ++k) {
-        std::vector<Bytes>& known = versions_[k];
-        if (known.empty()) known.push_back(sector(durable, k));
-        if (sector(now, k) != known.back()) known.push_back(sector(now, k));
-      }
-    }
-  }
-
-  template <typename Try>
-  void forSome(size_t most, const Try& tried) {
-    size_t all = lengths_.size();
-    for (const auto& [k, known] : versions_) all = std::min(all * known.size(), most + 1);
-    for (size_t i = 0; i < std::min(all, most); ++i) tried(all <= most ? numbered(i) : drawn());
-  }
-
- private:
-  Bytes sector(const Bytes& file, size_t k) const {
-    const size_t begin = std::min(file.size(), k * unit_);
-    return file.at(begin, std::min(file.size() - begin, unit_));
-  }
-
-  template <typename Choose>
-  Bytes built(const Choose& choose) const {
-    auto length = lengths_.begin();
-    std::advance(length, static_cast<std::ptrdiff_t>(choose(lengths_.size())));
-    Bytes file = durable_;
-    file.resize(std::max(file.size(), *length));
-    for (const auto& [k, known] : versions_) {
-      const Bytes& version = known[choose(known.size())];
-      const size_t begin = k * unit_;
-      if (begin >= file.size()) continue;
-      writeInto(&file, begin, version, std::min(version.size(), file.size() - begin));
-    }
-    file.resize(*length);
-    return file;
-  }
-
-  Bytes numbered(size_t index) const {
-    return built([&](size_t count) {
-      const size_t chosen = index % count;
-      index /= count;
-      return chosen;
-    });
-  }
-
-  // Mostly the last versions, mostly the first ones, or any.
-  Bytes drawn() const {
-    const size_t density = (*random_)() % 3;
-    return built([&](size_t count) {
-      if ((*random_)() % 4 != 0 && density < 2) return density == 0 ? count - 1 : size_t{0};
-      return static_cast<size_t>((*random_)() % count);
-    });
-  }
-
-  const Bytes& durable_;
-  const size_t unit_;
-  std::mt19937_64* random_;
-  std::set<size_t> lengths_;
-  std::map<size_t, std::vector<Bytes>> versions_;
-};
-
-// The file after recovery, in memory.
-Bytes recovered(Bytes file) {
-  const intents::RecoveryPlan plan = intents::plan(BytesReader(file));
-  EXPECT_TRUE(plan.contradicted.empty()) << "nothing else has written to the file";
-  EXPECT_NE(plan.pending, intents::Pending::damagedWord);
-  for (const intents::PlannedWrite& write : plan.writes) {
-    file = file.with(static_cast<size_t>(write.position),
-                     Bytes(write.bytes.begin(), write.bytes.end()));
-  }
-  return file.with(4558, Bytes().zeros(24));
-}
 
 class CrashStates : public DatabaseTest {
  protected:
@@ -361,140 +257,6 @@ void CrashStates::tryRecoveryItself() {
     tryStates(Durability::power);
     recoveryStates_ += killStates_ + powerStates_ - before;
   }
-}
-
-// What a program by the layer leaves where its commits wait for the device together.
-class CrashStatesOfIntervals : public DatabaseTest {
- protected:
-  void runProgram(uint64_t seed) {
-    random_.seed(seed);
-    steps_.clear();
-    states_.clear();
-    std::filesystem::remove(path());
-    qvdb::Database::create(path()).add_table("one").add("first");
-    first_ = contents();
-    const auto interval = std::chrono::milliseconds(random_() % 3 == 0 ? 1 : 1000);
-    qvdb::Database database = qvdb::Database::open(
-        path(),
-        {.mode = qvdb::Mode::exclusive, .durability = qvdb::Durability::interval(interval)});
-    states_.push_back(shownBy(database));
-    for (int i = 0; i < 12; ++i) {
-      RecordedCalls host;
-      const size_t before = states_.size() - 1;
-      change(database);
-      states_.push_back(shownBy(database));
-      note(host, before, before + 1);
-    }
-    RecordedCalls host;
-    database.close();
-    note(host, states_.size() - 1, states_.size() - 1);
-  }
-
-  // Every state is the one after some commit, and none before the last one that was synced.
-  void tryStates() {
-    Bytes now = first_;
-    Bytes durable = first_;
-    std::vector<const Step*> unsynced;
-    size_t synced = 0;
-    for (const Step& step : steps_) {
-      if (step.isSync) {
-        tryPowerStates(durable, unsynced, synced, step.begun);
-        durable = now;
-        unsynced.clear();
-        synced = step.returned;
-        continue;
-      }
-      const bool isAppend = step.position + step.bytes.size() > now.size();
-      for (const size_t part : {size_t{0}, isAppend ? random_() % step.bytes.size() : 0}) {
-        Bytes file = now;
-        writeInto(&file, step.position, step.bytes, part);
-        tryState(file, step.returned, step.begun, "kill");
-      }
-      writeInto(&now, step.position, step.bytes, step.bytes.size());
-      unsynced.push_back(&step);
-    }
-    tryPowerStates(durable, unsynced, synced, states_.size() - 1);
-  }
-
-  size_t tried_ = 0;
-
- private:
-  void change(qvdb::Database& database) {
-    qvdb::Table table = database.table("one");
-    const std::string text(random_() % 700, static_cast<char>('a' + random_() % 26));
-    switch (random_() % 7) {
-      case 0:
-        database.transaction([&](qvdb::Transaction& t) { t.find_or_add_table("other").add(text); });
-        break;
-      case 1:
-        database.transaction([&](qvdb::Transaction&) {
-          for (int i = 0; i < 3; ++i) table.add(text);
-          table.modify(table.first()->id(), text + "!");
-        });
-        break;
-      case 2:
-        if (table.count() > 1) table.remove(table.last()->id());
-        break;
-      case 3:
-        table.set_data(text);
-        break;
-      case 4:
-        table.modify(table.last()->id(), text);
-        break;
-      case 5:
-        database.sync();
-        break;
-      default:
-        table.add(text);
-    }
-  }
-
-  void note(const RecordedCalls& host, size_t returned, size_t begun) {
-    size_t write = 0;
-    for (const Event& event : host.events()) {
-      if (event.call == Call::syncData || event.call == Call::sync) {
-        steps_.push_back({true, 0, {}, returned, begun});
-      } else if (event.call == Call::write) {
-        const Write& made = host.writes().at(write++);
-        steps_.push_back({false, static_cast<size_t>(made.position), made.bytes, returned, begun});
-      }
-    }
-  }
-
-  void tryPowerStates(const Bytes& durable, const std::vector<const Step*>& unsynced, size_t least,
-                      size_t most) {
-    for (const size_t unit : {size_t{512}, size_t{4096}}) {
-      PowerStates states(durable, unsynced, unit, &random_);
-      states.forSome(testEverything() ? 100 : 12,
-                     [&](const Bytes& file) { tryState(file, least, most, "power"); });
-    }
-  }
-
-  void tryState(const Bytes& file, size_t least, size_t most, const char* what) {
-    if (HasFailure()) return;
-    ++tried_;
-    const TableContents found = tableContentsOf(recovered(file));
-    const auto from = states_.begin() + static_cast<std::ptrdiff_t>(least);
-    const auto to = states_.begin() + static_cast<std::ptrdiff_t>(most) + 1;
-    EXPECT_NE(std::find(from, to, found), to)
-        << what << ": none of the states " << least << " to " << most;
-  }
-
-  std::mt19937_64 random_;
-  Bytes first_;
-  std::vector<Step> steps_;
-  std::vector<TableContents> states_;  // before the first change, after it, ...
-};
-
-TEST_F(CrashStatesOfIntervals, AreThoseAfterACommitAndNoneBeforeTheLastOneOnTheDevice) {
-  const uint64_t seed = randomSeed();
-  const uint64_t programs = testEverything() ? 2000 : 6;
-  for (uint64_t i = 0; i < programs && !HasFailure(); ++i) {
-    SCOPED_TRACE("QVDBASE_TEST_SEED=" + std::to_string(seed + i));
-    runProgram(seed + i);
-    tryStates();
-  }
-  reportCount("states that programs with an interval leave", tried_);
 }
 
 void reportCounts(const char* durability, size_t transactions, size_t kill, size_t power,
