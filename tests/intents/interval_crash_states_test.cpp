@@ -144,7 +144,7 @@ class CrashStatesOfIntervals : public DatabaseTest {
 
 TEST_F(CrashStatesOfIntervals, AreThoseAfterACommitAndNoneBeforeTheLastOneOnTheDevice) {
   const uint64_t seed = randomSeed();
-  const uint64_t programs = testEverything() ? 2000 : 6;
+  const uint64_t programs = sequencesToTry(6, 2000);
   for (uint64_t i = 0; i < programs && !HasFailure(); ++i) {
     SCOPED_TRACE("QVDBASE_TEST_SEED=" + std::to_string(seed + i));
     runProgram(seed + i);
