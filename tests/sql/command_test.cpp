@@ -131,7 +131,7 @@ TEST_F(ToolSql, EndsAJsonListThatDamageCutsShort) {
   allowDamage();
   const Outcome outcome = run({"sql", "--json", "test.qvd", "select text from notes"});
   EXPECT_EQ(outcome.status, 1) << outcome;
-  const auto answer = nlohmann::json::parse(outcome.out);
+  const auto answer = parsedJson(outcome.out);
   EXPECT_EQ(answer["rows"].size(), 1u);
   EXPECT_NE(answer["error"].get<std::string>().find("test.qvd"), std::string::npos);
 }

@@ -60,7 +60,7 @@ class ToolCategories : public ToolTest {
   // What the command predicts, which has to be what 'qvdb renumber' then does.
   nlohmann::json prediction() {
     const Outcome outcome = run({"categories", "--json", "test.qvd"});
-    const auto json = nlohmann::json::parse(outcome.out);
+    const auto json = parsedJson(outcome.out);
     std::filesystem::remove(path("new.qvd"));
     const int status = run({"renumber", "test.qvd", "new.qvd"}).status;
     EXPECT_EQ(json["renumber"]["succeeds"], status == 0) << outcome;

@@ -54,7 +54,7 @@ TEST_F(ToolCheck, PrintsJson) {
   damaged(39, Bytes().zeros(8));
   const Outcome outcome = run({"check", "--json", "test.qvd"});
   EXPECT_EQ(outcome.status, 1);
-  const auto report = nlohmann::json::parse(outcome.out);
+  const auto report = parsedJson(outcome.out);
   EXPECT_EQ(report["state"], "damaged");
   EXPECT_EQ(report["errors"], 3);
   EXPECT_EQ(report["tables"][0]["works"]["append"], true);
@@ -70,7 +70,7 @@ TEST_F(ToolCheck, PrintsTheSpareCapacityAndHowMuchOfItHoldsOlderData) {
   notes({bytesOf("sixteen bytes ab")});
   const int64_t record = database().tables[0].records[0].position;
   patchFile(path(), static_cast<uint64_t>(record) + 47, Bytes().be(4, 4));  // the length
-  const auto report = nlohmann::json::parse(run({"check", "--json", "test.qvd"}).out);
+  const auto report = parsedJson(run({"check", "--json", "test.qvd"}).out);
   EXPECT_EQ(report["state"], "sound");
   EXPECT_EQ(report["spare_room"]["bytes"], 12);
   EXPECT_EQ(report["spare_room"]["stale"], 12);

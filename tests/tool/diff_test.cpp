@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <string>
 #include <vector>
@@ -124,7 +123,7 @@ TEST_F(ToolDiff, NamesEachKindOfChange) {
   std::vector<std::string> changes;
   std::istringstream lines(run({"diff", "--json", "a.qvd", "b.qvd"}).out);
   for (std::string line; std::getline(lines, line);) {
-    changes.push_back(nlohmann::json::parse(line)["change"]);
+    changes.push_back(parsedJson(line)["change"]);
   }
   EXPECT_EQ(changes, (std::vector<std::string>{"header", "table_changed", "removed", "changed",
                                                "changed", "added", "table_added"}));

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -158,12 +157,12 @@ TEST_F(ToolDump, WritesLongPayloadsOnSeveralLines) {
   ASSERT_EQ(lines.size(), 11u);
   EXPECT_TRUE(lines[2].starts_with(R"({"data":true,"size":2000000,"text":"ddd)"));
   EXPECT_TRUE(lines[3].starts_with(R"({"more":2,"text":"ddd)"));
-  const auto first = nlohmann::json::parse(lines[4]);
+  const auto first = parsedJson(lines[4]);
   EXPECT_EQ(first["size"], text.size());
   EXPECT_EQ(first["text"], std::string(1048575, 'a'));
-  EXPECT_TRUE(nlohmann::json::parse(lines[5]).contains("base64"));
+  EXPECT_TRUE(parsedJson(lines[5]).contains("base64"));
   EXPECT_EQ(lines[6].find("\"size\""), std::string::npos);
-  EXPECT_EQ(nlohmann::json::parse(lines[8])["base64"], "/w==");
+  EXPECT_EQ(parsedJson(lines[8])["base64"], "/w==");
   EXPECT_EQ(dumpedAgain(dump), dump);
 
   auto missing = lines;

@@ -4,6 +4,8 @@ if(NOT TARGET qvdb_tool)
   message(FATAL_ERROR "The tests need the tool: set QVDBASE_BUILD_TOOLS to ON")
 endif()
 find_package(nlohmann_json REQUIRED)
+set(own_headers <nlohmann/json.hpp>)
+target_sources(${name}_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tool/parsed_json.cpp)
 add_dependencies(${name}_tests qvdb_tool)
 target_compile_definitions(${name}_tests PRIVATE QVDB_TOOL="$<TARGET_FILE:qvdb_tool>")
 # Named from the top: the C++ layer has headers of the same names.

@@ -98,7 +98,7 @@ TEST_F(ToolNewest, BeforeADamageAreListedAndTheDamageIsReported) {
   const Outcome outcome = run({"records", "--json", "--last", "6", kDefaultFile, "notes"});
   EXPECT_EQ(outcome.status, 1);
   expectOneLine(outcome.err, {"record 5 of 9"});
-  const auto list = nlohmann::json::parse(outcome.out);
+  const auto list = parsedJson(outcome.out);
   EXPECT_EQ(idsOf(list["records"]), idTexts({6, 7, 8, 9}));
   EXPECT_NE(list["error"].get<std::string>().find("damaged"), std::string::npos);
 }
@@ -146,7 +146,7 @@ class ToolFollow : public ToolTest {
     Words ids;
     std::istringstream lines(text.substr(0, text.rfind('\n') + 1));
     for (std::string line; std::getline(lines, line);) {
-      ids.push_back(nlohmann::json::parse(line)["id"]);
+      ids.push_back(parsedJson(line)["id"]);
     }
     return ids;
   }

@@ -68,7 +68,7 @@ class ImportedFields : public ToolTest {
   std::string fieldsOf(const std::string& name) {
     std::istringstream lines(done({"dump", kDefaultFile}));
     for (std::string line; std::getline(lines, line);) {
-      const auto entry = nlohmann::json::parse(line);
+      const auto entry = parsedJson(line);
       if (entry.value("name", "") != name || entry.value("entry", "removed") == "removed") continue;
       return entry.value("fields", entry.value("fields_base64", ""));
     }

@@ -7,10 +7,12 @@
 
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <thread>
 
+#include "kit/sanitized.h"
 #include "kit/unprivileged.h"
 #include "tool/tool_fixture.h"
 
@@ -319,7 +321,7 @@ TEST_F(ToolImport, StopsAtCtrlCBetweenTwoFilesAndKeepsWhatIsStored) {
   Outcome outcome;
   // How far the tool gets before the signal reaches it is not in our hands: with enough files it
   // comes in the middle.
-  for (int files = 10'000; files <= 160'000; files *= 2) {
+  for (int files = 6'000; files <= 160'000; files *= 2) {
     for (int i = files / 2; i < files; ++i) store("in/" + std::to_string(i), bytesOf("x"));
     ProgramCall call = callOf({"import", "test.qvd", "files", "in"});
     call.meanwhile = [this](pid_t process) {
@@ -785,7 +787,7 @@ TEST_F(TornNames, AreKeptBeforeTheTear) {
   const Outcome list = run({"records", "--json", "test.qvd", "files"});
   EXPECT_EQ(list.status, 1) << list;
   expectOneLine(list.err, {"damaged"});
-  const auto records = nlohmann::json::parse(list.out)["records"];
+  const auto records = parsedJson(list.out)["records"];
   ASSERT_EQ(records.size(), 3u);
   EXPECT_EQ(records[0]["name"], "one");
   EXPECT_FALSE(records[1].contains("name"));
@@ -798,9 +800,12 @@ TEST_F(TornNames, AreKeptBeforeTheTear) {
 TEST_F(TornNames, AtAnyByteHoldNoRecordBack) {
   const Bytes sound = threeNames().bytes();
   for (size_t at = 8; at < sound.size(); ++at) {
-    for (const int value : {0x00, 0xFF, sound[at] ^ 0x01}) {
+    const int values[] = {0x00, 0xFF, sound[at] ^ 0x01};
+    for (size_t i = 0; i < std::size(values); ++i) {
+      // Under a sanitizer each of these is a long run of the tool: one value at each byte.
+      if (kIsSanitized && i != at % std::size(values)) continue;
       Bytes names = sound;
-      names[at] = static_cast<uint8_t>(value);
+      names[at] = static_cast<uint8_t>(values[i]);
       write(names);
       const Outcome outcome = run({"export", "test.qvd", "files", "out"});
       EXPECT_NE(outcome.out.find("exported 3 files"), std::string::npos)

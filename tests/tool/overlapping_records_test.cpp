@@ -40,7 +40,7 @@ class OverlappingRecords : public ToolTest {
 
   // A patch that keeps every record of the table.
   std::string patchOfNothing() {
-    const std::string id = nlohmann::json::parse(line({"info", "--json", "test.qvd"}))["id"];
+    const std::string id = parsedJson(line({"info", "--json", "test.qvd"}))["id"];
     return R"({"qvdb":"patch","format":1,"of":")" + id +
            R"(","signature":"QVdb","version":100,"id":")" + id + R"("})" +
            "\n"

@@ -71,7 +71,7 @@ TEST_F(ToolRecords, InJsonAreAWholeDocumentAlsoWhereTheChainIsDamaged) {
     const Outcome outcome = run({"records", "--json", "test.qvd", "notes"});
     EXPECT_EQ(outcome.status, 1);
     expectOneLine(outcome.err, {"test.qvd"});
-    const auto list = nlohmann::json::parse(outcome.out);
+    const auto list = parsedJson(outcome.out);
     EXPECT_EQ(list["records"].size(), atTheStart ? 0u : 1u);
     EXPECT_NE(list["error"].get<std::string>().find("damaged"), std::string::npos) << outcome;
   }
@@ -89,7 +89,7 @@ TEST_F(ToolStat, CountsTheRecordsBeforeADamage) {
   const Outcome outcome = run({"stat", "--json", "test.qvd"});
   EXPECT_EQ(outcome.status, 1);
   expectOneLine(outcome.err, {"record 2 of 2"});
-  const auto tables = nlohmann::json::parse(outcome.out)["tables"];
+  const auto tables = parsedJson(outcome.out)["tables"];
   ASSERT_EQ(tables.size(), 2u);
   EXPECT_EQ(tables[0]["records"], 1);
 }

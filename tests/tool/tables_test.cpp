@@ -54,7 +54,7 @@ TEST_F(ToolTables, BeforeADamagedSlotAreListed) {
   for (const char* command : {"tables", "stat"}) {
     const Outcome outcome = run({command, "--json", "test.qvd"});
     EXPECT_EQ(outcome.status, 1) << outcome;
-    const auto tables = nlohmann::json::parse(outcome.out)["tables"];
+    const auto tables = parsedJson(outcome.out)["tables"];
     ASSERT_EQ(tables.size(), 1u);
     EXPECT_EQ(tables[0]["name"], "one");
   }
@@ -85,7 +85,7 @@ TEST_F(ToolTables, OfAPackedFileAreListedWithANote) {
   const Outcome list = run({"records", "--json", "test.qvd", "files"});
   EXPECT_EQ(list.status, 0) << list;
   expectOneLine(list.err, {"packed", "qvdb mend", "qvdb salvage"});
-  EXPECT_EQ(nlohmann::json::parse(list.out)["records"].size(), 2u);
+  EXPECT_EQ(parsedJson(list.out)["records"].size(), 2u);
   const Outcome exported = run({"export", "test.qvd", "files", "out"});
   EXPECT_EQ(exported.status, 1) << exported;
   expectOneLine(exported.err, {"test.qvd", "'files'", "packed", "qvdb mend"});

@@ -5,13 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "kit/database_fixture.h"
 #include "kit/process.h"
+#include "tool/parsed_json.h"
 
 namespace qvdbase::test {
 
@@ -47,7 +47,7 @@ class ToolTest : public DatabaseTest {
     return out;
   }
 
-  nlohmann::json json(const Words& words) { return nlohmann::json::parse(done(words)); }
+  nlohmann::json json(const Words& words) { return parsedJson(done(words)); }
 
   // Runs the tool, expects it to fail with one line on standard error that holds each of these, and
   // nothing on standard output. Returns the line.

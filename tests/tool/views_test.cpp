@@ -289,11 +289,10 @@ TEST_F(ToolStatBytes, SaysWhereTheBytesOfADamagedFileAre) {
   EXPECT_NE(text.out.find("  no block      57\n"), std::string::npos) << text;
   EXPECT_NE(text.out.find("compact         refuses: test.qvd: "), std::string::npos) << text;
   EXPECT_EQ(text.out.find("unused"), std::string::npos) << text;
-  const auto stat = nlohmann::json::parse(run({"stat", "--json", "test.qvd"}).out);
+  const auto stat = parsedJson(run({"stat", "--json", "test.qvd"}).out);
   EXPECT_EQ(stat["space"]["unknown"], 57) << stat;
   EXPECT_TRUE(stat["compact"].contains("refused")) << stat;
-  EXPECT_FALSE(
-      nlohmann::json::parse(run({"stat", "--json", "test.qvd", "notes"}).out).contains("space"));
+  EXPECT_FALSE(parsedJson(run({"stat", "--json", "test.qvd", "notes"}).out).contains("space"));
 }
 
 TEST_F(ToolStatBytes, CallsAnEstimateOne) {

@@ -100,8 +100,7 @@ TEST_F(ToolWait, ACheckNamesWhoWrites) {
   }
   const Outcome outcome = run({"check", "--json", kDefaultFile});
   EXPECT_EQ(outcome.status, 4) << outcome;
-  EXPECT_EQ(nlohmann::json::parse(outcome.out)["writer"]["process"].dump(), holder.number())
-      << outcome;
+  EXPECT_EQ(parsedJson(outcome.out)["writer"]["process"].dump(), holder.number()) << outcome;
 }
 
 TEST_F(ToolWait, ASalvageNamesWhoWritesToItsSource) {
@@ -110,8 +109,7 @@ TEST_F(ToolWait, ASalvageNamesWhoWritesToItsSource) {
   ASSERT_TRUE(holder.isHolding());
   const std::string text = done({"salvage", kDefaultFile, "new.qvd"});
   EXPECT_NE(text.find("The source is in use: " + holder.named()), std::string::npos) << text;
-  const auto report =
-      nlohmann::json::parse(done({"salvage", "--json", kDefaultFile, "second.qvd"}));
+  const auto report = parsedJson(done({"salvage", "--json", kDefaultFile, "second.qvd"}));
   EXPECT_EQ(report["source_in_use"], true);
   EXPECT_EQ(report["source_writer"]["process"].dump(), holder.number());
 }
