@@ -115,6 +115,7 @@ enum Ability : unsigned {
   kTransact = 64,    // makes several operations one, which see each other
   kDurable = 128,    // waits for the device
   kNames = 256,      // by a second key of the user's own; such stores do nothing else
+  kOpens = 512,      // is another one that differs where it is opened; does nothing else
 };
 
 struct StoreKind {
@@ -133,6 +134,7 @@ std::unique_ptr<Store> makeQvdbaseC(size_t);          // the C interface alone
 std::unique_ptr<Store> makeQvdbaseLayer(size_t);      // the C++ layer, with an index
 std::unique_ptr<Store> makeQvdbaseCached(size_t);     // the same with a cache
 std::unique_ptr<Store> makeQvdbaseChecksums(size_t);  // with checksums instead
+std::unique_ptr<Store> makeQvdbaseKept(size_t);       // with the index kept beside the file
 std::unique_ptr<Store> makeQvdbaseNames(size_t);      // with names in memory
 std::unique_ptr<Store> makeQvdbaseNamesKept(size_t);
 std::unique_ptr<Store> makeSqliteWal(size_t);

@@ -14,6 +14,7 @@ const std::vector<StoreKind>& storeKinds() {
        makeQvdbaseCached},
       {"qvdbase-checksums", "the first with checksums of all payloads", kTree,
        makeQvdbaseChecksums},
+      {"qvdbase-kept", "the first with its index kept beside the file", kOpens, makeQvdbaseKept},
       {"qvdbase-c", "our C interface alone", kChain, makeQvdbaseC},
       {"qvdbase-keys", "our C++ layer with a KeyIndex in memory", kNames, makeQvdbaseNames},
       {"qvdbase-keys-kept", "the same, kept beside the file", kNames, makeQvdbaseNamesKept},

@@ -31,8 +31,8 @@ constexpr Workload kWorkloads[] = {
     {"lookup", "read a record that is there, chosen at random", kLookUp, kShort, true, nullptr,
      lookUp},
     {"absent", "look up a record that is not there", kLookUp, kShort, true, nullptr, lookUpAbsent},
-    {"open+read", "open the closed store and read one record by its key", 0, kShort, false, nullptr,
-     openAndRead},
+    {"open+read", "open the closed store and read one record by its key", kLookUp | kChain | kOpens,
+     kShort, false, nullptr, openAndRead},
     {"check", "read the whole closed store to see that it is sound", kInspect, kWhole, false,
      nullptr, inspect},
     {"reader-threads", "walk and look up in two threads, a Reader each, of an exclusive opener",
@@ -95,7 +95,8 @@ const Workload* findWorkload(const std::string& name) {
 }
 
 bool isRunBy(const Workload& workload, const StoreKind& kind) {
-  if (workload.abilities == 0) return kind.abilities != kNames;
+  constexpr unsigned kFew = kNames | kOpens;
+  if (workload.abilities == 0) return (kind.abilities & kFew) == 0;
   return (workload.abilities & kind.abilities) != 0;
 }
 
