@@ -163,13 +163,15 @@ Commit CommitLog::takeBack(int64_t position) {
 }
 
 // A run ends where something other than its next intent follows, where others have written to the
-// file (what is there is then not what the intents say), and after so many commits. Blocks that
-// were written early have to be on the device before an intent can be seen that names them.
+// file (what is there is then not what the intents say), and after so many commits. What was
+// written before it has to be on the device: blocks that were written early, because an intent
+// names them, and everything else, because a place that a power failure takes back to what it was
+// before that could look like one that the transaction has changed.
 bool CommitLog::beginRun(const internal_Head1& header, int64_t position, bool hasSpilled) {
   if (position == end_ && isAlone() && sequence_ < kMostOpenIntents && isWordOwn(header))
     return true;
   if (!putInPlace()) return false;
-  if ((start_ != 0 || hasSpilled) && !syncUnlessProcess()) return false;
+  if ((start_ != 0 || hasSpilled || !isOnDevice()) && !syncUnlessProcess()) return false;
   format::PendingWord word;
   word.start = position;
   word.nonce = newNonce();
@@ -222,7 +224,13 @@ bool CommitLog::completeBesideOthers() {
   held_.clear();
   heldCommits_ = 0;
   start_ = 0;
+  writesOnDevice_ = platform::writesHere(file_);
   return true;
+}
+
+// Whether all is on the device that is in the file, as far as this log knows.
+bool CommitLog::isOnDevice() const {
+  return writesOnDevice_ == platform::writesHere(file_);
 }
 
 bool CommitLog::writeHeld() {
@@ -274,7 +282,9 @@ bool CommitLog::settle() {
     return false;
   }
   start_ = 0;
-  return syncUnlessProcess();
+  if (!syncUnlessProcess()) return false;
+  writesOnDevice_ = platform::writesHere(file_);
+  return true;
 }
 
 }  // namespace qvdbase::intents

@@ -7,10 +7,12 @@
 // pending word in the directory says where the first intent is whose patches may be missing:
 // recovery (recovery.h) begins there. It is 0 while nothing is open.
 //
-// Order of writes: the word (once in a run of up to 64 commits), intent and blocks, sync, patches.
+// Order of writes: a sync of what others have written before, the word (both once in a run of up to
+// 64 commits), intent and blocks, sync, patches.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <system_error>
 #include <vector>
 
@@ -110,6 +112,7 @@ class CommitLog {
   bool beginRun(const internal_Head1& header, int64_t position, bool hasSpilled);
   bool isWordOwn(const internal_Head1& header) const;
   bool isAlone() const;
+  bool isOnDevice() const;
   Commit append(const StagedChanges& changes, const Reader& file);
   bool writeHeld();
   bool writeHeld(const Reader& file);
@@ -121,13 +124,14 @@ class CommitLog {
   Obstacle broken_ = Obstacle::none;
   uint64_t tickets_ = 0;
   uint64_t syncedTickets_ = 0;
-  int64_t start_ = 0;            // of the first intent of the run; 0 while the word is 0
-  int64_t end_ = 0;              // of the last intent's blocks
-  int64_t last_ = 0;             // the last intent's position
-  uint64_t sequence_ = 0;        // of the last intent
-  uint64_t syncedSequence_ = 0;  // of the last one that is known to be on the device
-  size_t ownWrites_ = 0;         // to the file, while it is open
-  size_t otherWrites_ = 0;       // by others of this process, when the run began
+  int64_t start_ = 0;                     // of the first intent of the run; 0 while the word is 0
+  int64_t end_ = 0;                       // of the last intent's blocks
+  int64_t last_ = 0;                      // the last intent's position
+  uint64_t sequence_ = 0;                 // of the last intent
+  uint64_t syncedSequence_ = 0;           // of the last one that is known to be on the device
+  size_t ownWrites_ = 0;                  // to the file, while it is open
+  size_t otherWrites_ = 0;                // by others of this process, when the run began
+  std::optional<size_t> writesOnDevice_;  // how many had been made when all were on the device
   format::Nonce nonce_{};
   uint32_t mostHeld_ = 8;
   uint32_t heldCommits_ = 0;

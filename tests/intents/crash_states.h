@@ -110,13 +110,10 @@ class PowerStates {
   std::map<size_t, std::vector<Bytes>> versions_;
 };
 
-// The file after recovery, in memory. Only in tables that are `loose` may anything contradict it.
-inline Bytes recovered(Bytes file, const std::set<size_t>& loose = {}) {
+// The file after recovery, in memory.
+inline Bytes recovered(Bytes file) {
   const intents::RecoveryPlan plan = intents::plan(BytesReader(file));
-  for (const int slot : plan.contradicted) {
-    EXPECT_TRUE(loose.contains(static_cast<size_t>(slot)))
-        << "nothing else has written to table " << slot;
-  }
+  EXPECT_TRUE(plan.contradicted.empty()) << "nothing else has written to the file";
   EXPECT_NE(plan.pending, intents::Pending::damagedWord);
   for (const intents::PlannedWrite& write : plan.writes) {
     writeInto(&file, static_cast<size_t>(write.position),
