@@ -5,6 +5,7 @@
 
 #include "figures/statistics.h"
 #include "report/comparison.h"
+#include "report/remarks.h"
 #include "report/text.h"
 
 namespace bench {
@@ -66,12 +67,14 @@ std::string tablesOf(const Results& results) {
 }
 
 std::string summaryOf(const Results& results, Size size) {
-  std::string text = header({"workload", "we", "best peer", "limit"});
+  std::string text = header({"workload", "we", "best peer", "limit", "if not ahead, why"});
   for (const Comparison& comparison : compare(results)) {
     if (comparison.size != size || comparison.ours == nullptr) continue;
     const Figure& ours = *comparison.ours;
+    const bool isBehind = timesOf(ours, comparison.peer) > 1;
     text += row({comparison.workload, duration(costOf(ours)) + " " + ours.store,
-                 besideOurs(ours, comparison.peer), besideOurs(ours, comparison.limit)});
+                 besideOurs(ours, comparison.peer), besideOurs(ours, comparison.limit),
+                 isBehind ? whyBehind(comparison.workload) : ""});
   }
   return text;
 }

@@ -11,7 +11,7 @@ namespace bench {
 std::string tablesOf(const Results& results);
 
 // One table of one size: each workload that ours run, with the best of ours, the best peer and the
-// limit.
+// limit; and where that peer is ahead, why.
 std::string summaryOf(const Results& results, Size size);
 
 // One table of ours: how the cost of an operation depends on the number of records.

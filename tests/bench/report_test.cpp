@@ -5,6 +5,7 @@
 
 #include "report/comparison.h"
 #include "report/picture.h"
+#include "report/remarks.h"
 #include "report/tables.h"
 #include "report/text.h"
 
@@ -98,9 +99,9 @@ TEST(BenchTables, ShowTheMemoryThatAnIndexTakes) {
 
 TEST(BenchSummary, SetsUsBesideTheBestPeerAndTheLimit) {
   EXPECT_EQ(summaryOf(lookups(), kSize),
-            "| workload | we | best peer | limit |\n"
-            "|---|---|---|---|\n"
-            "| lookup | 150 ns qvdbase | 300 ns lmdb (0.50) | 50 ns raw-memcpy (3.00) |\n");
+            "| workload | we | best peer | limit | if not ahead, why |\n"
+            "|---|---|---|---|---|\n"
+            "| lookup | 150 ns qvdbase | 300 ns lmdb (0.50) | 50 ns raw-memcpy (3.00) |  |\n");
 }
 
 TEST(BenchSummary, LeavesCellsEmptyThatHaveNoFigure) {
@@ -109,9 +110,22 @@ TEST(BenchSummary, LeavesCellsEmptyThatHaveNoFigure) {
   results.put(figure("other", "lmdb", 150));
   results.put(figure("check", "qvdbase", 77, {100, 9}));
   EXPECT_EQ(summaryOf(results, kSize),
-            "| workload | we | best peer | limit |\n"
-            "|---|---|---|---|\n"
-            "| check | 150 ns qvdbase |  |  |\n");
+            "| workload | we | best peer | limit | if not ahead, why |\n"
+            "|---|---|---|---|---|\n"
+            "| check | 150 ns qvdbase |  |  |  |\n");
+}
+
+TEST(BenchSummary, SaysWhyAPeerIsAhead) {
+  Results results;
+  results.put(figure("delete", "qvdbase", 300));
+  results.put(figure("delete", "lmdb", 200));
+  const std::string why = whyBehind("delete");
+  EXPECT_NE(why, "");
+  EXPECT_TRUE(contains(summaryOf(results, kSize), "| 200 ns lmdb (1.50) |  | " + why + " |\n"));
+}
+
+TEST(BenchSummary, HasNoReasonForWhatItDoesNotKnow) {
+  EXPECT_EQ(whyBehind("delet"), "");
 }
 
 TEST(BenchGrowth, HasAColumnForEachNumberOfRecords) {
