@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <set>
+#include <string_view>
 
 #include "backup/folder_calls.h"
 #include "backup/piece_folder.h"
@@ -57,9 +58,9 @@ uint32_t modeOf(const std::string& file) {
 }
 
 // A copy of the database as it is at one moment, which has no name.
-Descriptor snapshot(const PieceFolder& folder, const std::string& file) {
-  copy(file, folder.copyPath(), {.sync = false});
-  return folder.takeCopy();
+Descriptor snapshot(const PieceFolder& folder, const std::string& file, uint64_t* length) {
+  *length = static_cast<uint64_t>(copy(file, folder.copyPath(), {.sync = false}).size);
+  return folder.takeCopy(*length);
 }
 
 // The newest list that can be read: one that is damaged must not end all backups.
@@ -93,17 +94,17 @@ int64_t timeAfter(const PieceFolder& folder, const Manifest* newest) {
 
 // Writes the pieces that are not there yet. Returns how many these were.
 size_t writePieces(const PieceFolder& folder, const Descriptor& copy,
-                   const std::set<std::string>& known, Manifest* manifest) {
+                   const std::set<std::string_view>& known, Manifest* manifest) {
   size_t written = 0;
   std::vector<std::byte> bytes;
-  for (;;) {
+  while (manifest->pieceCount() * kPieceSize < manifest->length) {
     throwIfInterrupted();
-    if (folder.readCopy(copy, &bytes) == 0) return written;
-    std::string hash = sha256(bytes);
+    folder.readCopy(copy, manifest->sizeOf(manifest->pieceCount()), &bytes);
+    const std::string hash = sha256(bytes);
     if (folder.add(hash, bytes, known.contains(hash), manifest->mode)) ++written;
-    manifest->length += bytes.size();
-    manifest->pieces.push_back(std::move(hash));
+    manifest->hashes += hash;
   }
+  return written;
 }
 
 // The folder's list of pieces comes when the device has all of them.
@@ -115,19 +116,19 @@ int backUpInPieces(const Options& options) {
   const PieceFolder folder =
       whileInUse([&] { return PieceFolder(options.target, PieceFolder::Use::writing); });
   const std::optional<Manifest> newest = newestManifest(folder);
-  std::set<std::string> known;
+  std::set<std::string_view> known;
   if (newest) {
     requireSameDatabase(folder, *newest, manifest.database);
-    known = {newest->pieces.begin(), newest->pieces.end()};
+    for (size_t i = 0; i < newest->pieceCount(); ++i) known.insert(newest->piece(i));
   }
   manifest.time = timeAfter(folder, newest ? &*newest : nullptr);
-  const Descriptor file = snapshot(folder, options.file);
+  const Descriptor file = snapshot(folder, options.file, &manifest.length);
   const size_t written = writePieces(folder, file, known, &manifest);
   if (!options.noSync) folder.sync();
   const std::string name = folder.add(manifest, !options.noSync);
   printLine(escaped(options.target) + "/" + name + ": " +
             counted(manifest.length, "byte", "bytes") + " in " +
-            counted(manifest.pieces.size(), "piece", "pieces") + ", " + std::to_string(written) +
+            counted(manifest.pieceCount(), "piece", "pieces") + ", " + std::to_string(written) +
             " of them new");
   if (!options.prune) return kDone;
   const size_t removed = folder.prune(static_cast<size_t>(*options.prune));

@@ -14,12 +14,14 @@
 #include "backup/folder_calls.h"
 #include "command_line/command.h"
 #include "streams/failure.h"
+#include "streams/interrupt.h"
 #include "streams/sha256.h"
 
 namespace qvdb::tool {
 namespace {
 
 constexpr off_t kLargestManifest = off_t{1} << 30;
+constexpr size_t kReadAtOnce = size_t{64} << 10;
 constexpr int kReading = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 // The copy of the database while it is cut, and a list that is not complete.
@@ -60,6 +62,18 @@ bool readBytes(int descriptor, size_t size, std::vector<std::byte>* bytes) {
   return true;
 }
 
+// Reads no further than the file looks like a manifest. Throws Failure when it cannot be read.
+std::optional<Manifest> parsed(int descriptor, uint64_t length, const std::string& path) {
+  ManifestParser parser(length);
+  std::vector<std::byte> bytes;
+  do {
+    throwIfInterrupted();
+    if (!readBytes(descriptor, kReadAtOnce, &bytes)) throw systemFailure(path, "read");
+  } while (!bytes.empty() &&
+           parser.add({reinterpret_cast<const char*>(bytes.data()), bytes.size()}));
+  return parser.finish();
+}
+
 // Calls visit(name) for every entry of the folder.
 void forEachEntry(int folder, const std::string& path,
                   const std::function<void(const std::string&)>& visit) {
@@ -88,6 +102,12 @@ void removeEntry(int folder, const std::string& name, const std::string& path) {
   if (folderCalls.remove(folder, name.c_str()) != 0 && errno != ENOENT) {
     throw systemFailure(path, "remove");
   }
+}
+
+Failure changedMeanwhile(const std::string& path) {
+  return Failure(path +
+                 ": cannot use it: another program has put something else there meanwhile; end "
+                 "that program, or choose another folder");
 }
 
 void syncFolder(int folder, const std::string& path) {
@@ -128,20 +148,39 @@ void PieceFolder::lock(Use use) const {
               path_ + ": cannot use the folder: another process " + doing, std::move(details));
 }
 
+// Whoever owns the folder can rename what is in it.
 std::string PieceFolder::copyPath() const {
+  const std::string path = path_ + "/pieces";
+  const Descriptor found(
+      folderCalls.openAt(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!found) throw systemFailure(path, "open the folder");
+  struct stat own = {};
+  struct stat there = {};
+  if (folderCalls.status(pieces_.number(), &own) != 0 ||
+      folderCalls.status(found.number(), &there) != 0) {
+    throw systemFailure(path, "look at the folder");
+  }
+  if (own.st_dev != there.st_dev || own.st_ino != there.st_ino) throw changedMeanwhile(path);
   return pathOf(kCopyName);
 }
 
-Descriptor PieceFolder::takeCopy() const {
+Descriptor PieceFolder::takeCopy(uint64_t length) const {
+  const std::string path = pathOf(kCopyName);
   Descriptor file(folderCalls.openAt(pieces_.number(), kCopyName, kReading));
-  if (!file) throw systemFailure(copyPath(), "open");
-  removeEntry(pieces_.number(), kCopyName, copyPath());
+  if (!file) throw systemFailure(path, "open");
+  removeEntry(pieces_.number(), kCopyName, path);
+  const off_t found = lengthOf(file.number());
+  if (found < 0 || static_cast<uint64_t>(found) != length) throw changedMeanwhile(path);
   return file;
 }
 
-size_t PieceFolder::readCopy(const Descriptor& copy, std::vector<std::byte>* bytes) const {
-  if (!readBytes(copy.number(), kPieceSize, bytes)) throw systemFailure(copyPath(), "read");
-  return bytes->size();
+void PieceFolder::readCopy(const Descriptor& copy, uint64_t size,
+                           std::vector<std::byte>* bytes) const {
+  const std::string path = pathOf(kCopyName);
+  if (!readBytes(copy.number(), static_cast<size_t>(size), bytes)) {
+    throw systemFailure(path, "read");
+  }
+  if (bytes->size() != size) throw changedMeanwhile(path);
 }
 
 std::vector<std::string> PieceFolder::manifests() const {
@@ -158,13 +197,9 @@ Manifest PieceFolder::read(const std::string& name) const {
   const Descriptor file(folderCalls.openAt(folder_.number(), name.c_str(), kReading));
   if (!file) throw systemFailure(path, "open");
   const off_t length = lengthOf(file.number());
-  std::vector<std::byte> bytes;
   const bool fits = length >= 0 && length <= kLargestManifest;
-  if (fits && !readBytes(file.number(), static_cast<size_t>(length), &bytes)) {
-    throw systemFailure(path, "read");
-  }
-  const std::string text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  const std::optional<Manifest> manifest = fits ? parseManifest(text) : std::nullopt;
+  const std::optional<Manifest> manifest =
+      fits ? parsed(file.number(), static_cast<uint64_t>(length), path) : std::nullopt;
   const size_t beforeNumber = name.size() - std::string("-000.manifest").size();
   if (manifest &&
       manifestName(manifest->time, 0).substr(0, beforeNumber) == name.substr(0, beforeNumber)) {
@@ -241,6 +276,11 @@ std::string PieceFolder::freeName(Manifest* manifest) const {
       ++manifest->time;
     }
     const std::string name = manifestName(manifest->time, number);
+    if (!isManifestName(name)) {
+      throw Failure(path_ +
+                    ": cannot add a backup: there is one at the end of the year 9999, after which "
+                    "no list has a name; choose another folder");
+    }
     struct stat status = {};
     if (folderCalls.statusAt(folder_.number(), name.c_str(), &status) == 0) continue;
     if (errno != ENOENT) throw systemFailure(path_ + "/" + name, "look at");
@@ -268,28 +308,33 @@ std::string PieceFolder::add(Manifest manifest, bool sync) const {
   return name;
 }
 
-// Nothing is removed unless all that is to be kept is known.
+// Nothing is removed unless all that is to be kept is known. What is remembered meanwhile are
+// pieces that are there, however many a list names.
 size_t PieceFolder::prune(size_t kept) const {
-  std::vector<std::string> names = manifests();
+  const std::vector<std::string> names = manifests();
   const size_t surplus = names.size() > kept ? names.size() - kept : 0;
-  std::set<std::string> needed;
+  Names unneeded = pieces();
   for (size_t i = surplus; i < names.size(); ++i) {
-    for (std::string& piece : read(names[i]).pieces) needed.insert(std::move(piece));
+    const Manifest manifest = read(names[i]);
+    for (size_t piece = 0; piece < manifest.pieceCount(); ++piece) {
+      const auto found = unneeded.find(manifest.piece(piece));
+      if (found != unneeded.end()) unneeded.erase(found);
+    }
   }
   for (size_t i = 0; i < surplus; ++i) {
     removeEntry(folder_.number(), names[i], path_ + "/" + names[i]);
   }
   syncFolder(folder_.number(), path_);
-  return removeAllBut(needed);
+  for (const std::string& name : unneeded) removeEntry(pieces_.number(), name, pathOf(name));
+  return unneeded.size();
 }
 
-size_t PieceFolder::removeAllBut(const std::set<std::string>& kept) const {
-  std::vector<std::string> surplus;
+PieceFolder::Names PieceFolder::pieces() const {
+  Names names;
   forEachEntry(pieces_.number(), path_ + "/pieces", [&](const std::string& name) {
-    if (isHash(name) && !kept.contains(name)) surplus.push_back(name);
+    if (isHash(name)) names.insert(name);
   });
-  for (const std::string& name : surplus) removeEntry(pieces_.number(), name, pathOf(name));
-  return surplus.size();
+  return names;
 }
 
 }  // namespace qvdb::tool

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <set>
 #include <span>
 #include <string>
@@ -25,14 +26,16 @@ class PieceFolder {
 
   const std::string& path() const { return path_; }
 
-  // Where the copy of the database is while it is cut into pieces.
+  // Where the copy of the database is while it is cut into pieces. Throws Failure where that path
+  // leads to another folder now.
   std::string copyPath() const;
 
-  // Opens the copy for reading, and removes its name. Throws Failure.
-  Descriptor takeCopy() const;
+  // Opens the copy for reading, and removes its name. Throws Failure, also where something else
+  // has its name, or it has another length.
+  Descriptor takeCopy(uint64_t length) const;
 
-  // Replaces the buffer by the next piece of it. Returns its size: 0 at the end. Throws Failure.
-  size_t readCopy(const Descriptor& copy, std::vector<std::byte>* bytes) const;
+  // Replaces the buffer by the next `size` bytes of it. Throws Failure where it has fewer.
+  void readCopy(const Descriptor& copy, uint64_t size, std::vector<std::byte>* bytes) const;
 
   // The names of the manifests, the oldest first.
   std::vector<std::string> manifests() const;
@@ -61,6 +64,8 @@ class PieceFolder {
   size_t prune(size_t kept) const;
 
  private:
+  using Names = std::set<std::string, std::less<>>;
+
   void lock(Use use) const;
   void removeTemporaryFiles() const;
   std::string pathOf(const std::string& hash) const { return path_ + "/pieces/" + hash; }
@@ -68,7 +73,7 @@ class PieceFolder {
              uint32_t mode) const;
   void syncEach() const;
   std::string freeName(Manifest* manifest) const;
-  size_t removeAllBut(const std::set<std::string>& kept) const;
+  Names pieces() const;
 
   std::string path_;
   Descriptor folder_;

@@ -152,9 +152,9 @@ int restore(const PieceFolder& folder, const Options& options) {
   requireFree(place, options.force);
   NewDatabase made = whileInUse([&] { return NewDatabase(options, place); });
   std::vector<std::byte> bytes;
-  for (size_t i = 0; i < manifest.pieces.size(); ++i) {
+  for (size_t i = 0; i < manifest.pieceCount(); ++i) {
     throwIfInterrupted();
-    folder.readPiece(manifest.pieces[i], manifest.sizeOf(i), &bytes);
+    folder.readPiece(std::string(manifest.piece(i)), manifest.sizeOf(i), &bytes);
     made.write(bytes);
   }
   made.finish(manifest.mode, !options.noSync);

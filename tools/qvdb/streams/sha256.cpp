@@ -6,7 +6,6 @@
 #endif
 
 #include <algorithm>
-#include <string_view>
 
 #include "streams/failure.h"
 #include "streams/text.h"
@@ -23,7 +22,7 @@ std::string sha256(std::span<const std::byte> bytes) {
   return hexOf(all.finish());
 }
 
-bool isHash(const std::string& text) {
+bool isHash(std::string_view text) {
   return text.size() == 64 && std::ranges::all_of(text, [](char each) {
            return (each >= '0' && each <= '9') || (each >= 'a' && each <= 'f');
          });

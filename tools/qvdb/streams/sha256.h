@@ -6,6 +6,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace qvdb::tool {
 
@@ -21,7 +22,7 @@ std::string hexOf(const Sha256Digest& digest);
 std::string sha256(std::span<const std::byte> bytes);
 
 // Whether the text is such a hash.
-bool isHash(const std::string& text);
+bool isHash(std::string_view text);
 
 class Sha256 {
  public:
