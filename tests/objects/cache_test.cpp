@@ -184,6 +184,41 @@ TEST_F(CachedCalls, EndWithTheLastObjectThatHoldsIt) {
   EXPECT_EQ(callsOf([&] { table_->get(middle()); }), "read");
 }
 
+// The calls of an operation that transfer or ask, with the number of bytes of each read.
+template <typename Operation>
+std::string callsWithSizes(Operation operation) {
+  RecordedCalls host;
+  host.setMicroseconds(1'000'000);
+  operation();
+  std::string calls;
+  for (const Event& event : host.events()) {
+    if (event.call == Call::allocate || event.call == Call::release) continue;
+    if (event.call == Call::time) continue;
+    calls += std::string(nameOf(event.call)) + " ";
+    if (event.call == Call::read) calls += std::to_string(event.count) + " ";
+  }
+  return calls;
+}
+
+// What is beyond the budget is read as without a cache: by as many calls, of as many bytes.
+TEST_F(CacheTest, BeyondItsBudgetALookupMakesTheReadThatItMakesWithoutOne) {
+  if (!hostHasCaches()) GTEST_SKIP();
+  create(4000);
+  const qvdb::RecordIndex index = table_->index();
+  const auto far = [&] { EXPECT_EQ(bytes(table_->get(ids_[3000])), payload_); };
+  const auto change = [&] { EXPECT_TRUE(table_->touch(ids_[3000])); };
+  const std::string without = callsWithSizes(far);
+  EXPECT_NE(without.find("read"), std::string::npos);
+  const qvdb::Cache cache = database_->cache(size_t{64} << 10);
+  EXPECT_EQ(bytes(table_->get(ids_[10])), payload_);
+  EXPECT_EQ(cache.bytes(), size_t{64} << 10);
+  EXPECT_EQ(callsWithSizes([&] { table_->get(ids_[10]); }), "");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(callsWithSizes(far), without);
+  callsOf(change);  // asks for readers, which is not done again for some time
+  EXPECT_EQ(callsOf(change), "limit read write");
+  EXPECT_EQ(cache.bytes(), size_t{64} << 10);
+}
+
 // All payloads, in the order of `ids`, by one call.
 std::vector<Bytes> manyOf(const qvdb::Table& table, const std::vector<qvdb::Id>& ids) {
   std::vector<Bytes> result(ids.size(), bytesOf("(not called)"));

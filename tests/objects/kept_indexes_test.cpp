@@ -102,6 +102,22 @@ TEST_F(KeptIndexes, HaveTheNameAndTheModeOfTheDatabase) {
   for (const std::string& name : names()) EXPECT_EQ(name.find(".tmp"), name.npos) << name;
 }
 
+// It can be made again at any time, so nobody waits for the device: neither for the file nor for
+// the folder with its name.
+TEST_F(KeptIndexes, AreNeverSynced) {
+  makeKept(2000);
+  RecordedCalls host;
+  Database database = openDatabase();
+  const RecordIndex index = database.table("t").index({.kept = true});
+  database.table("t").add("more;");
+  database.keep_indexes();
+  database.table("t").add("again;");
+  database.close();
+  EXPECT_EQ(host.count(Call::rename), 2);
+  EXPECT_EQ(host.count(Call::sync), 0);
+  EXPECT_EQ(host.count(Call::syncData), 0);
+}
+
 // The whole cost of opening and of the first lookup, in calls to the system.
 TEST_F(KeptIndexes, CostAsManyCallsToOpenAndAskWhateverTheNumberOfRecords) {
   if (!platform::gathersTransfers()) GTEST_SKIP() << "each transfer is a system call of its own";

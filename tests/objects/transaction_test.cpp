@@ -1,6 +1,8 @@
 // Transactions: all of one is in the file after its commit, and nothing before it, or without it.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <cstdio>
 #include <map>
 #include <random>
 #include <stdexcept>
@@ -8,6 +10,8 @@
 #include "kit/forked.h"
 #include "kit/random_seed.h"
 #include "kit/recorded_calls.h"
+#include "kit/sanitized.h"
+#include "kit/test_extent.h"
 #include "objects/layer_fixture.h"
 
 namespace qvdbase::test {
@@ -334,6 +338,34 @@ TEST_F(Transactions, WhatIsTooMuchForMemoryGoesToTheEndOfTheFileEarly) {
   u.commit();
   EXPECT_EQ(table.count(), 25u);
   EXPECT_EQ(texts(table).back(), "short");
+}
+
+// The blocks of 400,000 records are 62 MB, those of 10,000,000 1,560 MB.
+TEST_F(Transactions, TakeLittleMemoryHoweverMuchTheyAdd) {
+  if (kIsSanitized || kThreadsAreWatched) GTEST_SKIP() << "a sanitizer takes memory of its own";
+  const int count = testEverything() ? 10'000'000 : 400'000;
+  const long mostKib = testEverything() ? 100 * 1024 : 40 * 1024;
+  database.close();
+  const auto peak = [] {
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+  };
+  const int result = inForkedChild([&] {
+    qvdb::Database own = openDatabase();
+    const qvdb::Table to = own.table("t");
+    const long before = peak();
+    const std::string payload(100, 'p');
+    own.transaction([&](qvdb::Transaction& t) {
+      qvdb::Table same = t.table("t");
+      for (int i = 0; i < count; ++i) same.add(payload);
+    });
+    const long grown = peak() - before;
+    if (grown > mostKib) std::fprintf(stderr, "it took %ld KiB\n", grown);
+    return grown <= mostKib && to.count() == ids.size() + static_cast<size_t>(count) ? 0 : 1;
+  });
+  EXPECT_EQ(result, 0);
+  std::filesystem::remove(path());  // the walk at the end takes more memory than the transaction
 }
 
 TEST_F(Transactions, AnIndexFollowsAndFollowsBack) {

@@ -319,6 +319,34 @@ TEST_F(Mirrors, AFileThatAnotherProgramCutsShortIsReadAsFarAsItGoes) {
   expectEqualToTheFile();
 }
 
+// A mirror has addresses for its file and 4 GiB of growth. Beyond that the next call has a new one,
+// with the same budget.
+TEST_F(Mirrors, AFileThatOutgrowsItsAddressesGetsOthers) {
+  constexpr int64_t kFar = int64_t{5} << 30;
+  open(patterned(kPiece), 2 * kPiece);
+  inCall([&] { EXPECT_EQ(read(0, 10), expected(0, 10)); });
+  inCall([&] {
+    uint32_t moved = 0;
+    EXPECT_TRUE(seekTo(file_, kFar));
+    EXPECT_TRUE(support::writeFile(file_, "end", 3, &moved));
+  });
+  EXPECT_TRUE(mirror().isOutgrown());
+  EXPECT_EQ(mirror().find(0, 10), nullptr);
+  for (int i = 0; i < 2; ++i) {
+    RecordedCalls host;
+    inCall([&] {
+      EXPECT_EQ(read(kFar, 3), bytesOf("end"));
+      EXPECT_EQ(read(5, 10), expected(5, 10));
+    });
+    EXPECT_EQ(host.count(Call::reserve), i == 0 ? 1 : 0);
+    EXPECT_EQ(host.count(Call::unreserve), i == 0 ? 1 : 0);
+    EXPECT_EQ(host.count(Call::read), i == 0 ? 2 : 0);
+  }
+  EXPECT_FALSE(mirror().isOutgrown());
+  EXPECT_EQ(mirror().budget(), 2 * kPiece);
+  EXPECT_EQ(platform::mirroredBytes(file_), 2 * kPiece);
+}
+
 TEST_F(Mirrors, AForkEndsIt) {
   open(patterned(kPiece), kPiece);
   inCall([&] { read(0, 1); });
