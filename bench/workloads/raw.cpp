@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "platform/host/large_array.h"
 #include "support/xxh3.h"
 #include "workloads/workload.h"
 
@@ -67,6 +68,16 @@ class File {
 
 }  // namespace
 
+using qvdbase::platform::LargeArray;
+
+constexpr char kInMemory = 'm';  // each byte of the blocks in memory
+
+// As large as an entry of an index.
+struct Named {
+  size_t key;
+  size_t number;
+};
+
 class RawStore {
  public:
   RawStore(Size size, std::filesystem::path scratch)
@@ -83,9 +94,22 @@ class RawStore {
     }
     return *file_;
   }
-  const std::vector<char>& memory() {
-    if (memory_.empty()) memory_.resize(bytes(), 'm');
+  // In large pages where the host has them.
+  const LargeArray<char>& memory() {
+    if (memory_.empty()) {
+      memory_ = LargeArray<char>(bytes());
+      std::fill(memory_.begin(), memory_.end(), kInMemory);
+    }
     return memory_;
+  }
+  // The number of a block for each other one.
+  const LargeArray<Named>& table() {
+    if (table_.empty()) {
+      table_ = LargeArray<Named>(records);
+      for (size_t i = 0; i < records; ++i) table_[i] = {i, i};
+      std::shuffle(table_.begin(), table_.end(), random_);
+    }
+    return table_;
   }
   size_t bytes() const { return block * records; }
   std::filesystem::path path(const char* name) const { return scratch_ / name; }
@@ -104,7 +128,8 @@ class RawStore {
  private:
   std::filesystem::path scratch_;
   std::optional<File> file_;
-  std::vector<char> memory_;
+  LargeArray<char> memory_;
+  LargeArray<Named> table_;
   std::mt19937_64 random_{2};
 };
 
@@ -120,13 +145,13 @@ void use(const void* bytes) {
 }
 
 void copyFromMemory(RawStore& raw, Turn& turn, size_t offset, size_t count) {
-  const std::vector<char>& memory = raw.memory();
+  const LargeArray<char>& memory = raw.memory();
   std::vector<char> copy(count);
   const size_t walks = std::max<size_t>(1, 100'000 / raw.records);
   turn.timed(raw.records * walks, [&] {
     for (size_t i = 0; i < walks; ++i) {
       for (size_t at = 0; at < memory.size(); at += raw.block) {
-        std::memcpy(copy.data(), memory.data() + at + offset, count);
+        std::memcpy(copy.data(), memory.begin() + at + offset, count);
         use(copy.data());
       }
     }
@@ -143,13 +168,13 @@ void copyValues(RawStore& raw, Turn& turn) {
 
 // The checksum of each value alone, without the bytes that name its record.
 void hashValues(RawStore& raw, Turn& turn) {
-  const std::vector<char>& memory = raw.memory();
+  const LargeArray<char>& memory = raw.memory();
   const size_t walks = std::max<size_t>(1, 100'000 / raw.records);
   turn.timed(raw.records * walks, [&] {
     for (size_t i = 0; i < walks; ++i) {
       for (size_t at = 0; at < memory.size(); at += raw.block) {
         const auto hash =
-            qvdbase::support::xxh3_128(memory.data() + at + kHeader, raw.block - kHeader - 1);
+            qvdbase::support::xxh3_128(memory.begin() + at + kHeader, raw.block - kHeader - 1);
         use(&hash);
       }
     }
@@ -157,13 +182,30 @@ void hashValues(RawStore& raw, Turn& turn) {
 }
 
 void copyAnyBlock(RawStore& raw, Turn& turn) {
-  const std::vector<char>& memory = raw.memory();
+  const LargeArray<char>& memory = raw.memory();
   const std::vector<size_t> places = raw.anyPlaces(kReads);
   std::vector<char> copy(raw.block);
   turn.timed(places.size(), [&] {
     for (const size_t place : places) {
-      std::memcpy(copy.data(), memory.data() + place, copy.size());
+      std::memcpy(copy.data(), memory.begin() + place, copy.size());
       use(copy.data());
+    }
+  });
+}
+
+// Which number is asked for depends on the bytes that were copied last, as in a program that waits
+// for each answer: the processor cannot look for several at once.
+void findAnyBlock(RawStore& raw, Turn& turn) {
+  const LargeArray<char>& memory = raw.memory();
+  const LargeArray<Named>& table = raw.table();
+  std::vector<size_t> numbers = raw.anyPlaces(kReads);
+  for (size_t& number : numbers) number /= raw.block;
+  std::vector<char> copy(raw.block, kInMemory);
+  turn.timed(numbers.size(), [&] {
+    for (const size_t number : numbers) {
+      use(copy.data());
+      const size_t asked = number + static_cast<size_t>(copy.back() - kInMemory);
+      std::memcpy(copy.data(), memory.begin() + table[asked].number * raw.block, copy.size());
     }
   });
 }
@@ -235,6 +277,21 @@ void appendDurably(RawStore& raw, Turn& turn) {
   });
 }
 
+// As many places as there are changes, and in the order of the file.
+void changePlaces(RawStore& raw, Turn& turn) {
+  const File& file = raw.file();
+  const size_t operations = operationsOfTransaction(raw.records);
+  const char links[2 * kSlot] = {};
+  const std::vector<char> blocks(raw.block * operations / 2, 'b');
+  std::vector<size_t> places = raw.anyPlaces(operations / 2);
+  std::sort(places.begin(), places.end());
+  turn.timed(operations, [&] {
+    file.write(blocks.data(), blocks.size(), raw.end);
+    for (const size_t place : places) file.write(links, sizeof links, place);
+  });
+  raw.end += blocks.size();
+}
+
 void moveAnyBlock(RawStore& raw, Turn& turn) {
   const File& file = raw.file();
   const std::vector<char> block(raw.block + (raw.block - kHeader - 1) / 2, 'b');
@@ -288,6 +345,8 @@ constexpr RawLimit kLimits[] = {
     {"scan-payloads", "raw-hash", "hash each value in the same memory, as checksums do",
      hashValues},
     {"lookup", "raw-memcpy", "copy a random block out of the same memory", copyAnyBlock},
+    {"lookup", "raw-table",
+     "find a random block in a table in memory, copy it, and only then go on", findAnyBlock},
     {"lookup", "raw-pread", "pread of a random block", readAnyBlock},
     {"open+read", "raw-pread", "open, one pread, close", openAndReadBlock},
     {"check", "raw-pread", "large preads of the whole file", readAll},
@@ -296,6 +355,8 @@ constexpr RawLimit kLimits[] = {
     {"append", "raw-pwrite", "three pwrites: a block, a link, a slot", appendBlock},
     {"grow", "raw-pwrite", "three pwrites: a block, two links", moveAnyBlock},
     {"delete", "raw-pwrite", "three pwrites: two links, a slot", unlinkAnyBlock},
+    {"transaction", "raw-pwrite",
+     "one pwrite of the new blocks, and one in each place of every other operation", changePlaces},
     {"commit", "raw-append", "one pwrite of a block at the end, and fdatasync", appendDurably},
     {"batch", "raw-pwrite", "large pwrites of the bytes of all blocks", writeAll},
     {"compact", "raw-copy", "large preads and pwrites of the whole file, and fdatasync", copyFile},
