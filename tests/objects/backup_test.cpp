@@ -302,6 +302,49 @@ TEST_F(Backup, IsOfOneMomentBesideAnotherProcessThatWrites) {
   allowDamage(kDefaultFile);  // half of a change
 }
 
+// Both records get the same number in each transaction.
+TEST_F(Backup, HasTransactionsOfAnotherProcessWholeOrNotAtAll) {
+  for (const qvdb::Durability durability :
+       {qvdb::Durability::process, qvdb::Durability::power,
+        qvdb::Durability::interval(std::chrono::milliseconds(2))}) {
+    std::filesystem::remove(path(kDefaultFile));
+    { static_cast<void>(filled()); }
+    const pid_t writer = ::fork();
+    if (writer == 0) {
+      try {
+        auto database =
+            Database::open(path(kDefaultFile), {.mode = Mode::exclusive, .durability = durability});
+        auto table = database.table("t");
+        for (int number = 1; number < 2'000; ++number) {
+          database.transaction([&](qvdb::Transaction&) {
+            table.modify(Id{1}, std::to_string(number));
+            table.modify(Id{2}, std::to_string(number));
+          });
+          ::usleep(200);
+        }
+        ::sleep(60);
+      } catch (...) {
+      }
+      ::_exit(1);
+    }
+    const auto backUpAndCompare = [&] {
+      for (int i = 0; i < 5; ++i) {
+        const Database database = openDatabase(Mode::read_only);
+        EXPECT_EQ(database.backup(path(kCopy), {.overwrite = true}).errors, 0u);
+        const Database copy = Database::open(path(kCopy));
+        const Bytes first = bytes(copy.table("t").get(Id{1}));
+        if (first[0] == 'x') continue;  // the writer has not begun
+        EXPECT_EQ(first, bytes(copy.table("t").get(Id{2})));
+      }
+    };
+    EXPECT_NO_THROW(backUpAndCompare());
+    ::kill(writer, SIGKILL);
+    static_cast<void>(endOf(writer));
+  }
+  allowDamage(kDefaultFile);  // committed, and not in place
+  allowDamage(kCopy);
+}
+
 TEST_F(Backup, WorksBesideAThreadThatWrites) {
   if (!kHasThreads) GTEST_SKIP() << "a build without threads";
   auto database = filled();
