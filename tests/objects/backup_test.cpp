@@ -4,11 +4,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <thread>
 
 #include "kit/forked.h"
 #include "kit/recorded_calls.h"
+#include "kit/replaced_calls.h"
 #include "kit/threads.h"
 #include "objects/layer_fixture.h"
 
@@ -223,6 +225,33 @@ TEST_F(Backup, IsTheSameWhereTheHostCannotCopyByItself) {
     EXPECT_FALSE(report.shares_storage);
     EXPECT_TRUE(sameBytes(contents(kCopy), contents()));
   }
+}
+
+// As on a file system that can do so: in one step, with nothing copied besides.
+TEST_F(Backup, SharesStoredBytesWhereTheHostCanDoThat) {
+  auto database = filled();
+  ReplacedCalls calls;
+  static int copies = 0;
+  copies = 0;
+  calls->cloneFile = [](int to, int from) {
+    char bytes[4096];
+    off_t done = 0;
+    for (ssize_t got = 1; got > 0; done += got) {
+      got = ::pread(from, bytes, sizeof bytes, done);
+      if (::pwrite(to, bytes, static_cast<size_t>(got), done) != got) return -1;
+    }
+    return 0;
+  };
+  calls->copyRange = [](int, int, off_t, size_t) {
+    ++copies;
+    errno = ENOSYS;
+    return ssize_t{-1};
+  };
+  const qvdb::BackupReport report = database.backup(path(kCopy));
+  EXPECT_TRUE(report.shares_storage);
+  EXPECT_EQ(report.size, fileSize());
+  EXPECT_EQ(copies, 0);
+  EXPECT_TRUE(sameBytes(contents(kCopy), contents()));
 }
 
 TEST_F(Backup, LeavesHolesUnstored) {

@@ -242,6 +242,24 @@ TEST_F(CompactOpen, KeepsTheRecordsThatAreAskedFor) {
   EXPECT_EQ(database.table("t").count(), 1u);
 }
 
+// Of those that are let go, headers are read and nothing is written.
+TEST_F(CompactOpen, TakesWhatItDropsNoFurtherThanItsHeaders) {
+  auto database = openDatabase();
+  auto table = database.add_table("large");
+  for (int i = 0; i < 40; ++i) table.add(std::string(500'000, 'x'));
+  const RecordedCalls host;
+  database.compact(
+      {}, {.keep = [](const qvdb::CompactedRecord& record) { return record.table != "large"; }});
+  uint64_t read = 0;
+  for (const Event& event : host.events()) {
+    if (event.call == Call::read && event.result > 0) read += static_cast<uint64_t>(event.result);
+  }
+  EXPECT_LT(read, 2'000'000u);  // of more than 20,000,000
+  EXPECT_LT(byteCount(host.writes()), 100'000u);
+  EXPECT_EQ(host.count(Call::copyRange), 0);
+  EXPECT_EQ(table.count(), 0u);
+}
+
 TEST_F(CompactOpen, OnlyCalculatesInADryRun) {
   auto database = openDatabase();
   const Bytes before = contents();
