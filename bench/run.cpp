@@ -115,7 +115,7 @@ class Run {
 
   static void print(const Figure& figure) {
     const std::vector<double>& counted = countedOf(figure);
-    std::printf("%-22s %-16s %12.0f ns  +-%3.0f %%%s\n", figure.workload.c_str(),
+    std::printf("%-22s %-18s %12.0f ns  +-%3.0f %%%s\n", figure.workload.c_str(),
                 figure.store.c_str(), medianOf(counted), spreadOf(counted) * 100,
                 isSteady(counted) ? "" : "  unsteady");
     std::fflush(stdout);

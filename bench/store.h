@@ -136,6 +136,7 @@ std::unique_ptr<Store> makeQvdbaseCached(size_t);     // the same with a cache
 std::unique_ptr<Store> makeQvdbaseChecksums(size_t);  // with checksums instead
 std::unique_ptr<Store> makeQvdbaseKept(size_t);       // with the index kept beside the file
 std::unique_ptr<Store> makeQvdbaseNames(size_t);      // with names in memory
+std::unique_ptr<Store> makeQvdbaseNamesCached(size_t);
 std::unique_ptr<Store> makeQvdbaseNamesKept(size_t);
 std::unique_ptr<Store> makeSqliteWal(size_t);
 std::unique_ptr<Store> makeSqliteRollback(size_t);

@@ -1,5 +1,5 @@
 // Our library through its C++ layer with an index of names: in memory, built in a walk when the
-// database is opened; or kept beside the file.
+// database is opened, without and with a cache; or kept beside the file.
 #include "stores/qvdbase_layer.h"
 
 namespace bench {
@@ -63,10 +63,38 @@ class QvdbaseNames : public QvdbaseLayer {
   qvdb::KeyIndex<std::string> names_;
 };
 
+class QvdbaseNamesCached : public QvdbaseNames {
+ public:
+  QvdbaseNamesCached() : QvdbaseNames(false) {}
+
+  // Again, since a cache ends where a workload before has forked.
+  void expectLookups(bool) override { cache_ = opened_->cache(kBudget); }
+
+ protected:
+  void wasOpened(qvdb::Database& database) override {
+    opened_ = &database;
+    cache_ = database.cache(kBudget);
+    QvdbaseNames::wasOpened(database);
+  }
+  void willClose() override {
+    QvdbaseNames::willClose();
+    cache_ = {};
+  }
+
+ private:
+  static constexpr size_t kBudget = size_t{4} << 30;
+
+  qvdb::Database* opened_ = nullptr;
+  qvdb::Cache cache_;
+};
+
 }  // namespace
 
 std::unique_ptr<Store> makeQvdbaseNames(size_t) {
   return std::make_unique<QvdbaseNames>(false);
+}
+std::unique_ptr<Store> makeQvdbaseNamesCached(size_t) {
+  return std::make_unique<QvdbaseNamesCached>();
 }
 std::unique_ptr<Store> makeQvdbaseNamesKept(size_t) {
   return std::make_unique<QvdbaseNames>(true);
