@@ -1,8 +1,9 @@
 // Carrying out the plan of a recovery.
 //
-// Order of writes: what is missing, marks in the intents of tables that were changed by others,
-// sync, word 0, sync. A crash in between leaves the word, and the next recovery finds the same
-// plan.
+// Order of writes: sync, what is missing, marks in the intents of tables that were changed by
+// others, sync, word 0, sync. A crash in between leaves the word, and the next recovery finds the
+// same plan. The first sync is for intents that a process has left which ended before it had synced
+// them: their patches must not be on the device without them.
 #include "intents/recovery.h"
 
 #include "format/intent.h"
@@ -21,6 +22,7 @@ bool markContradicted(int16_t file, const FoundIntent& intent) {
 }
 
 bool carryOut(int16_t file, const RecoveryPlan& plan) {
+  if (!plan.writes.empty() && !platform::syncFileData(file)) return false;
   for (const PlannedWrite& write : plan.writes) {
     if (!writeAt(file, write.position, write.bytes.data(), write.bytes.size())) return false;
   }

@@ -69,6 +69,24 @@ TEST_F(OpeningAfterACrash, CompletesWhatIsCommitted) {
   expectComplete();
 }
 
+// The process may have ended before its intents were on the device. Patches that are there without
+// them would be a part of a transaction, or make one that is torn look committed.
+TEST_F(OpeningAfterACrash, SyncsTheIntentsBeforeItPutsAnythingInPlace) {
+  RecordedCalls host;
+  const int16_t db = open();
+  ASSERT_TRUE(intents::recover(db).succeeded);
+  close(db);
+  std::string calls;
+  size_t write = 0;
+  for (const Event& event : host.events()) {
+    if (event.call == RecordedCalls::Call::syncData) calls += "sync ";
+    if (event.call != RecordedCalls::Call::write) continue;
+    calls += host.writes().at(write++).position == 4558 ? "word " : "patch ";
+  }
+  EXPECT_EQ(calls, "sync patch patch sync word sync ");
+  expectComplete();
+}
+
 TEST_F(OpeningAfterACrash, CompletesItForWritersThatShareTheFile) {
   qvdb::Database database = qvdb::Database::open(path(), qvdb::Mode::shared);
   EXPECT_EQ(database.table("notes").count(), 2u);
