@@ -111,6 +111,8 @@ class CrashStates : public DatabaseTest {
   const Contents* soundContents(const Bytes& end, const char* what);
   void tryReading(const Bytes& file, const Bytes& end, const char* what);
   void tryRecoveryOf(const Bytes& sample);
+  void tryRecoveryOfKilled(const Bytes& file, const Bytes& durable, std::vector<Step> written,
+                           Range range);
 
   Bytes first_;
   std::vector<Contents> contents_;  // after no change, after one, ...
@@ -308,6 +310,8 @@ void CrashStates::tryStates() {
   Bytes now = first_;
   Bytes durable = first_;
   std::vector<const Step*> unsynced;
+  const bool hasSyncs =
+      std::any_of(steps_.begin(), steps_.end(), [](const Step& step) { return step.isSync; });
   size_t appended = 0;  // changes that were written, commits as intents with their blocks
   size_t synced = 0;    // that are on the device
   for (const Step& step : steps_) {
@@ -329,7 +333,13 @@ void CrashStates::tryStates() {
     for (const size_t cut : cuts) {
       Bytes file = now;
       writeInto(&file, step.position, step.bytes, cut);
-      killStates_ += tryState(file, {step.returned, step.begun}, step.loose, "kill");
+      const bool isNew = tryState(file, {step.returned, step.begun}, step.loose, "kill");
+      killStates_ += isNew;
+      if (!isNew || !hasSyncs || !step.loose.empty() || random_() % 20 != 0) continue;
+      std::vector<Step> written;
+      for (const Step* each : unsynced) written.push_back(*each);
+      written.push_back({false, step.position, step.bytes.cut(cut), 0, 0, {}});
+      tryRecoveryOfKilled(file, durable, std::move(written), {synced, step.begun});
     }
     writeInto(&now, step.position, step.bytes, size);
     unsynced.push_back(&step);
@@ -366,6 +376,29 @@ void CrashStates::tryRecoveryOf(const Bytes& sample) {
   const size_t before = killStates_ + powerStates_;
   tryStates();
   recoveryStates_ += killStates_ + powerStates_ - before;
+}
+
+// The end of a process, and then that of the host while the next one completes what it has left.
+void CrashStates::tryRecoveryOfKilled(const Bytes& file, const Bytes& durable,
+                                      std::vector<Step> written, Range range) {
+  if (HasFailure() || !intents::plan(BytesReader(file)).hasWork()) return;
+  writeFile(path(), file);
+  const int16_t db = open();
+  {
+    RecordedCalls host;
+    EXPECT_TRUE(intents::recover(db).succeeded);
+    size_t write = 0;
+    for (const Event& event : host.events()) {
+      if (event.call == RecordedCalls::Call::syncData) break;
+      if (event.call != RecordedCalls::Call::write) continue;
+      const Write& made = host.writes().at(write++);
+      written.push_back({false, static_cast<size_t>(made.position), made.bytes, 0, 0, {}});
+    }
+  }
+  close(db);
+  std::vector<const Step*> unsynced;
+  for (const Step& step : written) unsynced.push_back(&step);
+  tryPowerStates(durable, unsynced, range);
 }
 
 class CrashStatesOf : public CrashStates {
