@@ -90,8 +90,19 @@ bool Judgement::isOneOf(const Place& place, const Values& values) const {
   });
 }
 
+// Where a sector of new blocks has not arrived, its zeros look like a link that a later intent has
+// ended.
+bool Judgement::mayBeMissing(const Place& place, const Part& part) const {
+  const bool isInTornBlocks = std::any_of(run_.begin(), run_.end(), [&](const RunIntent& found) {
+    return found.isTorn && place.position >= found.blocks && place.position < found.end;
+  });
+  return isInTornBlocks && std::all_of(place.now.begin() + static_cast<std::ptrdiff_t>(part.begin),
+                                       place.now.begin() + static_cast<std::ptrdiff_t>(part.end),
+                                       [](unsigned char byte) { return byte == 0; });
+}
+
 // Whether a sector of the place holds what only the intent `first` or a later one has put there.
-bool Judgement::showsNew(const Place& place, size_t first) const {
+bool Judgement::showsNew(const Place& place, size_t first, Missing missing) const {
   Values older;
   for (const Place::Use& use : place.uses) {
     if (!format::isPatch(use.entry->kind)) continue;
@@ -102,17 +113,16 @@ bool Judgement::showsNew(const Place& place, size_t first) const {
     if (older.empty()) older.push_back(&use.entry->before);
     for (const Part& part : sectorsOf(place)) {
       const auto isThere = [&](const auto* value) { return isSame(place.now, *value, part); };
-      if (isThere(&use.entry->after) && std::none_of(older.begin(), older.end(), isThere)) {
-        return true;
-      }
+      if (!isThere(&use.entry->after) || std::any_of(older.begin(), older.end(), isThere)) continue;
+      if (missing == Missing::counts || !mayBeMissing(place, part)) return true;
     }
   }
   return false;
 }
 
-bool Judgement::isVisible(size_t first) const {
+bool Judgement::isVisible(size_t first, Missing missing) const {
   return std::any_of(places_.begin(), places_.end(),
-                     [&](const auto& place) { return showsNew(place.second, first); });
+                     [&](const auto& place) { return showsNew(place.second, first, missing); });
 }
 
 // An intent was on the device when its blocks are there. Later changes in place can have changed
@@ -126,7 +136,7 @@ bool Judgement::isWhole(size_t intent) const {
   if (std::any_of(run_.begin() + static_cast<std::ptrdiff_t>(intent) + 1, run_.end(), vouches)) {
     return true;
   }
-  return found.tiles && isVisible(intent);
+  return found.tiles && isVisible(intent, Missing::isNoSign);
 }
 
 // An intent that never was committed has changed nothing. Tables in which its places hold something
@@ -268,7 +278,7 @@ void Judgement::decide(RecoveryPlan* plan) const {
   // Of an intent nothing of which is visible, and one of whose tables was changed by others,
   // nothing is begun, nor of those after it.
   while (upTo > 0 && haveCommon(verdict.contradicted, run_[upTo - 1].slots) &&
-         !isVisible(upTo - 1)) {
+         !isVisible(upTo - 1, Missing::counts)) {
     --upTo;
   }
   if (upTo < committed_) verdict = judge(upTo);

@@ -50,12 +50,15 @@ class Judgement {
   };
 
   using Values = std::vector<const format::PlaceBytes*>;
+  // What a sector says that may not have arrived: as much as any other, or nothing.
+  enum class Missing { counts, isNoSign };
 
   void collectPlaces();
   std::vector<Part> partsOf(const Place& place) const;
   bool isOneOf(const Place& place, const Values& values) const;
-  bool showsNew(const Place& place, size_t first) const;
-  bool isVisible(size_t first) const;
+  bool mayBeMissing(const Place& place, const Part& part) const;
+  bool showsNew(const Place& place, size_t first, Missing missing) const;
+  bool isVisible(size_t first, Missing missing) const;
   bool isWhole(size_t intent) const;
   std::set<int> tracesOfUncommitted() const;
   int slotOf(const Place& place) const;

@@ -153,5 +153,59 @@ TEST_F(CrashStatesOfIntervals, AreThoseAfterACommitAndNoneBeforeTheLastOneOnTheD
   reportCount("states that programs with an interval leave", tried_);
 }
 
+// A link that the last commit ends, and that is zero because its sector has not arrived.
+class CrashStatesOfALostLink : public DatabaseTest {
+ protected:
+  // Adds a record, in another commit three, of which the last one is removed; nothing is synced.
+  void runProgram(size_t length) {
+    std::filesystem::remove(path());
+    qvdb::Database::create(path()).add_table("one").add("first");
+    file_ = contents();
+    qvdb::Database database = qvdb::Database::open(
+        path(), {.mode = qvdb::Mode::exclusive,
+                 .durability = qvdb::Durability::interval(std::chrono::hours(1))});
+    before_ = shownBy(database);
+    qvdb::Table table = database.table("one");
+    RecordedCalls host;
+    table.add(std::string(1500, 'a'));
+    database.transaction([&](qvdb::Transaction&) {
+      for (const char c : {'b', 'c', 'd'}) table.add(std::string(length, c));
+    });
+    table.remove(table.last()->id());
+    for (const Write& made : host.writes()) {
+      writeInto(&file_, static_cast<size_t>(made.position), made.bytes, made.bytes.size());
+    }
+    after_ = shownBy(database);
+  }
+
+  size_t payload(char c) const {
+    const Bytes wanted = Bytes().text(std::string(1500, c));
+    const auto found = std::search(file_.begin(), file_.end(), wanted.begin(), wanted.end());
+    return static_cast<size_t>(found - file_.begin());
+  }
+
+  void loseSector(size_t position) {
+    const auto begin = file_.begin() + static_cast<std::ptrdiff_t>(position / 512 * 512);
+    std::fill(begin, begin + 512, uint8_t{0});
+  }
+
+  Bytes file_;  // what the commits leave
+  TableContents before_;
+  TableContents after_;
+};
+
+TEST_F(CrashStatesOfALostLink, IsNoSignOfALaterCommit) {
+  runProgram(1500);
+  // The block of c begins 20 bytes before the end of a sector: its mark and its table are there,
+  // its link to d is in the next one.
+  const size_t block = payload('c') - 55;
+  runProgram(1500 + (2 * 512 - 20 - block % 512) % 512);
+  ASSERT_EQ((payload('c') - 55) % 512, 492u);
+  ASSERT_EQ(tableContentsOf(recovered(file_)), after_);
+  loseSector(payload('c') - 16);
+  loseSector(payload('a') + 512);
+  EXPECT_EQ(tableContentsOf(recovered(file_)), before_);
+}
+
 }  // namespace
 }  // namespace qvdbase::test
