@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 #include <random>
 #include <utility>
 
@@ -72,11 +73,11 @@ Commit CommitLog::commit(const StagedChanges& changes) {
   const PagedReader pages(reader);
   Commit commit = append(changes, pages);
   if (commit.outcome != Outcome::committed || durability_ == Durability::interval) return commit;
-  if (durability_ == Durability::power && !synced(commit.ticket, platform::syncFileData(file_))) {
+  if (durability_ == Durability::power && !synced(commit.ticket, syncFile())) {
     const bool isOnDevice = syncedTickets_ >= commit.ticket;
     commit.outcome = isOnDevice ? Outcome::committed : Outcome::undecided;
     commit.obstacle = isOnDevice ? Obstacle::cannotPatch : Obstacle::cannotSync;
-    commit.host = platform::lastHostFailure();
+    commit.host = groupFailure_ ? groupFailure_ : platform::lastHostFailure();
   } else if (durability_ == Durability::process && !writeHeld(pages)) {
     commit.obstacle = Obstacle::cannotPatch;
     commit.host = platform::lastHostFailure();
@@ -87,7 +88,10 @@ Commit CommitLog::commit(const StagedChanges& changes) {
 Commit CommitLog::append(const StagedChanges& changes) {
   const platform::Turn turn(file_);
   const OpenReader reader(file_);
-  return append(changes, PagedReader(reader));
+  isInGroup_ = true;
+  const Commit commit = append(changes, PagedReader(reader));
+  isInGroup_ = false;
+  return commit;
 }
 
 Commit CommitLog::append(const StagedChanges& changes, const Reader& file) {
@@ -143,13 +147,16 @@ Commit CommitLog::write(const StagedChanges& changes, int64_t position,
   end_ = position + size + static_cast<int64_t>(blocks.size());
   ++sequence_;
   ++heldCommits_;
-  for (format::IntentEntry& entry : intent.entries) {
-    if (format::isPatch(entry.kind)) held_.hold(entry.position, std::move(entry.after));
-  }
   Commit commit;
   commit.outcome = Outcome::committed;
   commit.shift = shift;
   commit.ticket = ++tickets_;
+  if (isInGroup_) appended_.push_back({commit.ticket, {}});
+  for (format::IntentEntry& entry : intent.entries) {
+    if (!format::isPatch(entry.kind)) continue;
+    if (isInGroup_) appended_.back().patches.push_back({entry.position, entry.after, 0});
+    held_.hold(entry.position, std::move(entry.after));
+  }
   return commit;
 }
 
@@ -200,12 +207,41 @@ bool CommitLog::isWordOwn(const internal_Head1& header) const {
 
 bool CommitLog::synced(uint64_t ticket, bool succeeded) {
   const platform::Turn turn(file_);
+  if (!noteSynced(ticket, succeeded)) return false;
+  const bool isMore = syncedTickets_ != tickets_;
+  return isMore || heldCommits_ < std::max(mostHeld_, 1u) || writeHeld();
+}
+
+bool CommitLog::noteSynced(uint64_t ticket, bool succeeded) {
   if (!succeeded) broken_ = Obstacle::cannotSync;
   if (isBroken()) return false;
   if (ticket > syncedTickets_) syncedTickets_ = ticket;
   const uint64_t later = tickets_ - syncedTickets_;
   syncedSequence_ = std::max(syncedSequence_, sequence_ > later ? sequence_ - later : 0);
-  return later != 0 || heldCommits_ < std::max(mostHeld_, 1u) || writeHeld();
+  return true;
+}
+
+std::shared_ptr<GroupSync> CommitLog::beginGroupSync() {
+  const platform::Turn turn(file_);
+  try {
+    if (groupSync_ == nullptr) groupSync_ = std::make_shared<GroupSync>(file_, tickets_);
+  } catch (const std::bad_alloc&) {
+  }
+  return groupSync_;
+}
+
+bool CommitLog::noteGroupSync() {
+  const platform::Turn turn(file_);
+  if (groupSync_ == nullptr) return !isBroken();
+  const std::shared_ptr<GroupSync> sync = std::exchange(groupSync_, nullptr);
+  sync->wait();
+  if (!sync->hasSucceeded()) groupFailure_ = sync->host();
+  return noteSynced(sync->ticket(), sync->hasSucceeded());
+}
+
+// Not beside the sync of a group: the host reports a failure to one of the two only.
+bool CommitLog::syncFile() {
+  return noteGroupSync() && platform::syncFileData(file_);
 }
 
 // Whether nothing else in this process has written to the file since the run began.
@@ -217,12 +253,13 @@ bool CommitLog::isAlone() const {
 // as it does after a crash.
 bool CommitLog::completeBesideOthers() {
   const OwnWrites own(*this);
-  if (!recover(file_).succeeded) {
+  const Recovered recovered = recover(file_);
+  if (!recovered.succeeded) {
     broken_ = Obstacle::cannotPatch;
     return false;
   }
-  held_.clear();
-  heldCommits_ = 0;
+  hasLost_ = hasLost_ || !recovered.plan.contradicted.empty();
+  forgetHeld();
   start_ = 0;
   writesOnDevice_ = platform::writesHere(file_);
   return true;
@@ -239,21 +276,55 @@ bool CommitLog::writeHeld() {
 
 bool CommitLog::writeHeld(const Reader& file) {
   if (!isAlone()) return completeBesideOthers();
+  if (!write(held_, file)) return false;
+  forgetHeld();
+  return true;
+}
+
+bool CommitLog::write(const HeldPatches& patches, const Reader& file) {
   const OwnWrites own(*this);
-  PatchRuns runs(held_, file);
+  PatchRuns runs(patches, file);
   while (runs.next()) {
     if (writeAt(file_, runs.position(), runs.bytes().data(), runs.bytes().size())) continue;
     broken_ = Obstacle::cannotPatch;
     return false;
   }
+  return true;
+}
+
+void CommitLog::forgetHeld() {
   held_.clear();
   heldCommits_ = 0;
+  appended_.clear();
+}
+
+// Where others have written to the file, what is held waits until all of it is on the device: the
+// recovery decides then.
+bool CommitLog::placeSynced() {
+  const platform::Turn turn(file_);
+  if (isBroken()) return false;
+  if (syncedTickets_ == tickets_) return held_.isEmpty() || writeHeld();
+  const auto later = std::find_if(appended_.begin(), appended_.end(), [this](const auto& each) {
+    return each.ticket > syncedTickets_;
+  });
+  if (later == appended_.begin() || !isAlone()) return true;
+  HeldPatches onDevice;
+  for (auto each = appended_.begin(); each != later; ++each) {
+    for (const HeldPatch& patch : each->patches) onDevice.hold(patch.position, patch.bytes);
+  }
+  if (!write(onDevice, OpenReader(file_))) return false;
+  appended_.erase(appended_.begin(), later);
+  heldCommits_ = static_cast<uint32_t>(appended_.size());
+  held_.clear();
+  for (const Appended& each : appended_) {
+    for (const HeldPatch& patch : each.patches) held_.hold(patch.position, patch.bytes);
+  }
   return true;
 }
 
 bool CommitLog::syncUnlessProcess() {
   if (durability_ == Durability::process) return true;
-  if (!platform::syncFileData(file_)) broken_ = Obstacle::cannotSync;
+  if (!syncFile()) broken_ = Obstacle::cannotSync;
   return !isBroken();
 }
 
@@ -269,7 +340,7 @@ bool CommitLog::sync() {
   const platform::Turn turn(file_);
   if (isBroken()) return false;
   if (durability_ == Durability::process || syncedTickets_ == tickets_) return true;
-  return synced(tickets_, platform::syncFileData(file_));
+  return synced(tickets_, syncFile());
 }
 
 bool CommitLog::settle() {

@@ -12,11 +12,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "format/intent.h"
+#include "intents/group_sync.h"
 #include "intents/held_patches.h"
 #include "intents/staged_changes.h"
 
@@ -81,6 +84,16 @@ class CommitLog {
   // and all that was appended is on the device. False when the log is broken: a failed sync leaves
   // unknown what the device has.
   bool synced(uint64_t ticket, bool succeeded);
+  // Begins a sync of all that was appended, where none is begun: the caller is to run() it. What it
+  // has done counts once it was noted. Null where memory is short.
+  std::shared_ptr<GroupSync> beginGroupSync();
+  // The one that was begun and not noted yet; null where there is none.
+  const std::shared_ptr<GroupSync>& groupSync() const { return groupSync_; }
+  // Waits until that one is over, and notes what it has done. False as synced().
+  bool noteGroupSync();
+  // Writes the patches of those commits that are on the device, and holds those of later ones.
+  // False when the host refuses: the log is broken.
+  bool placeSynced();
   // These count on from run to run.
   uint64_t lastAppended() const { return tickets_; }
   uint64_t lastSynced() const { return syncedTickets_; }
@@ -99,6 +112,11 @@ class CommitLog {
   bool hasOpenIntents() const { return start_ != 0; }
   bool isBroken() const { return broken_ != Obstacle::none; }
   Obstacle brokenBy() const { return broken_; }
+  // Whether something of what was held is not in its place because others had changed the same
+  // tables meanwhile. To be asked after each step; the next question is about later ones.
+  bool hasLost() { return std::exchange(hasLost_, false); }
+  // What the host has answered to a sync of a group that has failed.
+  const std::error_code& groupFailure() const { return groupFailure_; }
   // To be laid over what is read from the file. They change only within the calls above.
   const HeldPatches& held() const { return held_; }
   // How many commits may hold their patches back; 0 writes them with each commit.
@@ -116,12 +134,17 @@ class CommitLog {
   Commit append(const StagedChanges& changes, const Reader& file);
   bool writeHeld();
   bool writeHeld(const Reader& file);
+  bool write(const HeldPatches& patches, const Reader& file);
+  void forgetHeld();
+  bool noteSynced(uint64_t ticket, bool succeeded);
+  bool syncFile();
   bool completeBesideOthers();
   bool syncUnlessProcess();
 
   int16_t file_;
   Durability durability_;
   Obstacle broken_ = Obstacle::none;
+  bool hasLost_ = false;
   uint64_t tickets_ = 0;
   uint64_t syncedTickets_ = 0;
   int64_t start_ = 0;                     // of the first intent of the run; 0 while the word is 0
@@ -136,6 +159,15 @@ class CommitLog {
   uint32_t mostHeld_ = 8;
   uint32_t heldCommits_ = 0;
   HeldPatches held_;
+  // Those of each commit that was appended for a group, while it is not known to be in place.
+  struct Appended {
+    uint64_t ticket;
+    std::vector<HeldPatch> patches;
+  };
+  std::vector<Appended> appended_;
+  bool isInGroup_ = false;  // the commit that is being appended
+  std::shared_ptr<GroupSync> groupSync_;
+  std::error_code groupFailure_;
 };
 
 }  // namespace qvdbase::intents

@@ -80,8 +80,11 @@ uint64_t hashOf(const Bytes& file) {
 
 class CrashStates : public DatabaseTest {
  protected:
+  // How commits wait for the device: each by itself, or while others are appended.
+  enum class Waiting { alone, together };
+
   // Runs a sequence of transactions, and plain operations between them, and keeps what was written.
-  void runSequence(uint64_t seed, Durability durability);
+  void runSequence(uint64_t seed, Durability durability, Waiting waiting = Waiting::alone);
   void tryStates();
   void tryRecoveryItself();
 
@@ -104,6 +107,7 @@ class CrashStates : public DatabaseTest {
   Bytes withOperations(const Bytes& file, RandomOperations* operations, size_t count);
   void commitOne(CommitLog* log, int16_t db, RandomOperations* operations);
   void settleOrSync(CommitLog* log, RandomOperations* operations);
+  void goOnWithGroup(CommitLog* log, RandomOperations* operations);
   void plainOperation(CommitLog* log, int16_t db, RandomOperations* operations, bool canAddTables);
   void note(RecordedCalls* host, bool isChange, const std::set<size_t>& loose = {});
   void tryPowerStates(const Bytes& durable, const std::vector<const Step*>& unsynced, Range range);
@@ -116,7 +120,10 @@ class CrashStates : public DatabaseTest {
 
   Bytes first_;
   std::vector<Contents> contents_;  // after no change, after one, ...
-  std::vector<Bytes> samples_;      // states in which recovery has something to do
+  Waiting waiting_ = Waiting::alone;
+  std::map<uint64_t, size_t> changes_;  // by the tickets of commits, the numbers of changes
+  size_t returned_ = 0;                 // changes, where commits wait together
+  std::vector<Bytes> samples_;          // states in which recovery has something to do
   std::set<std::pair<uint64_t, size_t>> tried_;
   std::map<uint64_t, Contents> sound_;  // what files hold that were found sound
 };
@@ -141,7 +148,8 @@ Bytes CrashStates::baseFile(RandomOperations* operations) {
 // What the host was asked to write, after the last change or as part of the next one.
 void CrashStates::note(RecordedCalls* host, bool isChange, const std::set<size_t>& loose) {
   const size_t begun = contents_.size() - 1;
-  const size_t returned = isChange ? begun - 1 : begun;
+  const bool isTogether = waiting_ == Waiting::together;
+  const size_t returned = isTogether ? returned_ : isChange ? begun - 1 : begun;
   size_t write = 0;
   for (const Event& event : host->events()) {
     if (event.call == RecordedCalls::Call::syncData) {
@@ -155,8 +163,11 @@ void CrashStates::note(RecordedCalls* host, bool isChange, const std::set<size_t
   host->forget();
 }
 
-void CrashStates::runSequence(uint64_t seed, Durability durability) {
+void CrashStates::runSequence(uint64_t seed, Durability durability, Waiting waiting) {
   random_.seed(seed);
+  waiting_ = waiting;
+  changes_ = {{0, 0}};
+  returned_ = 0;
   steps_.clear();
   samples_.clear();
   RandomOperations operations(seed);
@@ -169,9 +180,10 @@ void CrashStates::runSequence(uint64_t seed, Durability durability) {
   CommitLog log(db, durability);
   const uint32_t held[] = {0, 1, 3, 8};
   log.holdBack(held[operations.below(4)]);
-  const size_t count = 1 + operations.below(5);
+  const size_t count = 1 + operations.below(waiting == Waiting::together ? 9 : 5);
   for (size_t i = 0; i < count && !HasFatalFailure(); ++i) {
     commitOne(&log, db, &operations);
+    if (waiting == Waiting::together) goOnWithGroup(&log, &operations);
     settleOrSync(&log, &operations);
     if (operations.below(4) == 0) {
       plainOperation(&log, db, &operations, durability == Durability::process);
@@ -209,8 +221,11 @@ void CrashStates::commitOne(CommitLog* log, int16_t db, RandomOperations* operat
     const auto position = static_cast<int64_t>(now.size() - early.size());
     ASSERT_TRUE(intents::writeAt(db, position, early.data(), early.size()));
   }
-  const intents::Commit commit = log->commit(changesBetween(now, end, early.size()));
+  const intents::StagedChanges changes = changesBetween(now, end, early.size());
+  const intents::Commit commit =
+      waiting_ == Waiting::together ? log->append(changes) : log->commit(changes);
   ASSERT_EQ(commit.outcome, intents::Outcome::committed) << static_cast<int>(commit.obstacle);
+  changes_[commit.ticket] = contents_.size();
   engine::dropDirectoryEntry(db);  // there may be more tables now
   contents_.push_back(tablesOf(end));
   note(&host, true);
@@ -221,10 +236,26 @@ void CrashStates::settleOrSync(CommitLog* log, RandomOperations* operations) {
   RecordedCalls host;
   if (operations->below(8) == 0) {
     ASSERT_TRUE(log->settle());
-  } else if (operations->below(3) == 0) {
+  } else if (operations->below(waiting_ == Waiting::together ? 12 : 3) == 0) {
     ASSERT_TRUE(log->sync());
   }
   note(&host, false);
+  returned_ = changes_.at(log->lastSynced());
+}
+
+// A sync has what was written before it began; others append until it is noted.
+void CrashStates::goOnWithGroup(CommitLog* log, RandomOperations* operations) {
+  for (int i = 0; i < 2 && operations->below(3) != 0; ++i) {
+    RecordedCalls host;
+    if (log->groupSync() == nullptr) {
+      log->beginGroupSync()->run();
+    } else {
+      ASSERT_TRUE(log->noteGroupSync());
+      ASSERT_TRUE(log->placeSynced());
+    }
+    note(&host, false);
+    returned_ = changes_.at(log->lastSynced());
+  }
 }
 
 // As the layer does for one outside of any transaction, and for a C function: what is committed is
@@ -234,10 +265,13 @@ void CrashStates::plainOperation(CommitLog* log, int16_t db, RandomOperations* o
   RecordedCalls host;
   ASSERT_TRUE(log->settle());
   note(&host, false);
+  returned_ = contents_.size() - 1;
   const Bytes now = contents();
   operations->oneOperation(db, now, canAddTables);
   contents_.push_back(tablesOf(contents()));
   note(&host, true, tablesThatDiffer(tablesOf(now), contents_.back()));
+  returned_ = contents_.size() - 1;
+  changes_[log->lastAppended()] = returned_;
   ++plainOperations_;
 }
 
@@ -365,6 +399,7 @@ void CrashStates::tryRecoveryOf(const Bytes& sample) {
   first_ = sample;
   steps_.clear();
   contents_ = {wanted};
+  waiting_ = Waiting::alone;
   {
     RecordedCalls host;
     ASSERT_TRUE(intents::recover(db).succeeded);
@@ -403,12 +438,12 @@ void CrashStates::tryRecoveryOfKilled(const Bytes& file, const Bytes& durable,
 
 class CrashStatesOf : public CrashStates {
  protected:
-  void tryAll(Durability durability, const char* name) {
+  void tryAll(Durability durability, const char* name, Waiting waiting = Waiting::alone) {
     const uint64_t seed = randomSeed();
     const uint64_t sequences = sequencesToTry(12, 10'000);
     for (uint64_t i = 0; i < sequences && !HasFailure(); ++i) {
       SCOPED_TRACE("QVDBASE_TEST_SEED=" + std::to_string(seed + i));
-      runSequence(seed + i, durability);
+      runSequence(seed + i, durability, waiting);
       // A host that ends promises nothing for those that never wait for the device.
       if (durability == Durability::process) {
         steps_.erase(std::remove_if(steps_.begin(), steps_.end(),
@@ -442,6 +477,10 @@ class CrashStatesOf : public CrashStates {
 
 TEST_F(CrashStatesOf, CommitsThatWaitForTheDeviceAreBeforeOrAfter) {
   tryAll(Durability::power, "power");
+}
+
+TEST_F(CrashStatesOf, CommitsThatWaitForTheDeviceTogetherAreBeforeOrAfter) {
+  tryAll(Durability::power, "power, in groups", Waiting::together);
 }
 
 TEST_F(CrashStatesOf, CommitsOfAnIntervalAreAPrefix) {

@@ -134,9 +134,10 @@ TEST_P(ThreadsWithReaders, LetThemSeeTheStateBeforeAndAfter) {
 }
 
 INSTANTIATE_TEST_SUITE_P(With, ThreadsWithReaders,
-                         testing::Values(qvdb::Durability::process,
+                         testing::Values(qvdb::Durability::process, qvdb::Durability::power,
                                          qvdb::Durability::interval(std::chrono::milliseconds(1))),
                          [](const auto& way) {
+                           if (way.param == qvdb::Durability::power) return "Power";
                            return way.param == qvdb::Durability::process ? "Process" : "Interval";
                          });
 

@@ -73,6 +73,9 @@ class Durability {
   // are better made in one transaction; and while an appender or a writer is open, only that can be
   // worked with. The file grows by the note that makes each of them whole:
   // some 350 bytes for an operation on one table.
+  // Commits of several threads wait for the device together, with one sync for all that were
+  // written while the sync before it lasted. Other threads and readers see a commit already while
+  // its thread waits.
   static const Durability power;
 
   // At most so long after it has returned, as long as the program goes on using the database: the

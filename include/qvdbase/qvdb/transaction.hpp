@@ -67,6 +67,9 @@ class QVDBASE_API Transaction {
   // or in one of its operations; cannot_read; too_large. cannot_write also where the system failed
   // at a moment after which it does not know what the file holds: the message says so, nothing more
   // can be written then, and the next opener finds the transaction whole or not at all.
+  // changed_meanwhile also when the C functions have changed one of its tables while it waited for
+  // the device (Durability::power, in several threads): it is missing in that table then, in which
+  // they have lost nothing, and made in the others; the message says that, too.
   //
   // Throws, and it stays open: appender_open while an appender or a writer is open; bad_argument in
   // another thread than the one that has begun it. bad_argument also when it has ended;

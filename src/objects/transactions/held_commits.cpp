@@ -9,6 +9,7 @@
 #include "QVDbase/directory_cache.h"
 #include "format/layout.h"
 #include "objects/sharing/turns.h"
+#include "objects/transactions/awaited_commits.h"
 #include "objects/transactions/transaction_steps.h"
 #include "platform/host/clock.h"
 
@@ -58,6 +59,7 @@ bool waitsForDevice(const OpenDatabase& database) noexcept {
 
 void forgetLog(OpenDatabase& database) noexcept {
   Transactions& transactions = database.transactions;
+  endAwaiting(database);
   transactions.holds = transactions.holdsTables = false;
   transactions.heldView.reset();
   transactions.log.reset();
@@ -70,12 +72,13 @@ void noteHeld(OpenDatabase& database) noexcept {
   transactions.holds = !held.empty();
   transactions.holdsTables = !held.empty() && held.front().position == format::kTableCountPos;
   if (heldTables || transactions.holdsTables) engine::dropDirectoryEntry(database.handle);
+  if (transactions.awaited != nullptr) decideAwaited(database);
 }
 
 bool placeSynced(OpenDatabase& database) {
   Transactions& transactions = database.transactions;
-  if (!transactions.holds || isUnsynced(*transactions.log)) return true;
-  const bool isDone = transactions.log->putInPlace();
+  if (!transactions.holds) return true;
+  const bool isDone = transactions.log->placeSynced();
   noteHeld(database);
   return isDone;
 }
@@ -98,7 +101,7 @@ void syncAfterCommit(OpenDatabase& database, intents::Commit* commit) {
 
 void syncBeforeReading(OpenDatabase& database) {
   const Transactions& transactions = database.transactions;
-  if (isUnsynced(*transactions.log) && isTime(transactions)) {
+  if (waitsForDevice(database) && isTime(transactions)) {
     static_cast<void>(transactions.log->sync());
   }
 }

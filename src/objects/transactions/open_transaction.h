@@ -29,6 +29,8 @@
 
 namespace qvdb::detail {
 
+struct AwaitedCommit;
+
 struct OpenTransaction {
   uint32_t number = 0;
   std::array<unsigned char, qvdbase::format::kIdentifierSize> databaseID{};
@@ -63,6 +65,8 @@ struct Transactions {
   // database exclude while they look.
   Published<bool> holds = false;
   bool holdsTables = false;  // the number of tables among it
+  // Commits whose threads wait for the device without the turn; see awaited_commits.h.
+  AwaitedCommit* awaited = nullptr;
   qvdbase::intents::Durability durability = qvdbase::intents::Durability::process;
   uint64_t longestUnsynced = 0;  // with `interval`, in microseconds
   uint64_t unsyncedSince = 0;    // when the first commit was made that may not be on the device

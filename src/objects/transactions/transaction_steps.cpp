@@ -19,6 +19,7 @@
 #include "objects/indexes/index_journal.h"
 #include "objects/indexes/table_keys.h"
 #include "objects/sharing/turns.h"
+#include "objects/transactions/awaited_commits.h"
 #include "objects/transactions/held_commits.h"
 #include "objects/transactions/own_commit.h"
 #include "objects/writing/bulk.h"
@@ -162,6 +163,11 @@ constexpr const char* kBroken =
 std::string whyNotCommitted(const intents::Commit& commit) {
   const std::string nothing = "; nothing of it was applied";
   const std::string host = commit.host ? ": " + commit.host.message() : std::string();
+  if (commit.outcome == Outcome::committed && commit.obstacle == Obstacle::changedMeanwhile) {
+    return "it is committed, but the file was written to by other means before it was in its "
+           "place: "
+           "in tables that were changed by these it is missing, and a check names them";
+  }
   if (commit.outcome == Outcome::committed) {
     return "it is committed, but the system refuses to complete it" + host +
            "; that is done when the database is opened again, and nothing more can be written "
@@ -190,10 +196,9 @@ std::string whyNotCommitted(const intents::Commit& commit) {
 }
 
 Reason reasonOf(const intents::Commit& commit) {
+  if (commit.obstacle == Obstacle::changedMeanwhile) return Reason::changed_meanwhile;
   if (commit.outcome != Outcome::nothingApplied) return Reason::cannot_write;
   switch (commit.obstacle) {
-    case Obstacle::changedMeanwhile:
-      return Reason::changed_meanwhile;
     case Obstacle::notTakable:
     case Obstacle::otherLayout:
       return Reason::damaged;
@@ -208,11 +213,25 @@ Reason reasonOf(const intents::Commit& commit) {
   }
 }
 
-[[noreturn]] void failCommit(const Operation& operation, const intents::Commit& commit) {
+[[noreturn]] void failCommit(const OpenDatabase& database, const char* name,
+                             const intents::Commit& commit) {
   ErrorDetails details;
   details.system_code = commit.host;
-  failure::throwError(operation.database().path, operation.name(), reasonOf(commit),
-                      whyNotCommitted(commit), std::move(details));
+  failure::throwError(database.path, name, reasonOf(commit), whyNotCommitted(commit),
+                      std::move(details));
+}
+
+// Commits, but for the sync where `awaited` is given.
+intents::Commit commitStage(const Operation& operation, const intents::StagedChanges& changes,
+                            AwaitedCommit* awaited) {
+  OpenDatabase& database = operation.database();
+  intents::CommitLog& log = *database.transactions.log;
+  static_cast<void>(placeSynced(database));
+  if (awaited == nullptr) return log.commit(changes);
+  const intents::Commit commit = log.append(changes);
+  const bool isAppended = commit.outcome == Outcome::committed && commit.ticket > log.lastSynced();
+  if (isAppended) await(database, awaited, commit.ticket);
+  return commit;
 }
 
 }  // namespace
@@ -278,8 +297,11 @@ uint32_t beginTransaction(const std::shared_ptr<OpenDatabase>& database, const c
   return transactions.openNumber;
 }
 
-void commitTransaction(const std::shared_ptr<OpenDatabase>& database, uint32_t number,
-                       const char* name) {
+namespace {
+
+// Where `awaited` gets a ticket, it is in the list of those who are still to wait for the device.
+void commitInTurn(const std::shared_ptr<OpenDatabase>& database, uint32_t number, const char* name,
+                  AwaitedCommit* awaited) {
   const Operation operation(database, name, Sees::fileAtOnce);
   OpenTransaction& transaction = requireOpen(operation, number);
   operation.requireNoBulk();
@@ -292,7 +314,7 @@ void commitTransaction(const std::shared_ptr<OpenDatabase>& database, uint32_t n
                        (!isLarge || stage.spill(*platform::findOpenFile(operation.db())));
   if (!isWhole) {
     rollBack(*database, number);
-    if (isDisturbed) failCommit(operation, disturbed());
+    if (isDisturbed) failCommit(*database, name, disturbed());
     operation.failIfWriteWasRefused(0);
     operation.fail(Reason::cannot_write,
                    "one of its operations could not be completed; nothing of it was applied");
@@ -302,9 +324,7 @@ void commitTransaction(const std::shared_ptr<OpenDatabase>& database, uint32_t n
   bool isCommitted = true;
   if (!stage.isEmpty()) {
     const ChangeTurn turn(operation, OwnBatch::isJoined, ChangeTurn::For::commit);
-    const intents::StagedChanges changes = gather(stage);
-    static_cast<void>(placeSynced(*database));
-    commit = database->transactions.log->commit(changes);
+    commit = commitStage(operation, gather(stage), isAwaited(operation) ? awaited : nullptr);
     isCommitted = commit.outcome == Outcome::committed;
     syncAfterCommit(*database, &commit);
     if (commit.outcome == Outcome::nothingApplied) {
@@ -318,7 +338,18 @@ void commitTransaction(const std::shared_ptr<OpenDatabase>& database, uint32_t n
     commit.outcome = Outcome::committed;
   }
   end(*database, {number, limit, commit.shift, isCommitted});
-  if (!isCommitted || commit.obstacle != Obstacle::none) failCommit(operation, commit);
+  if (!isCommitted || commit.obstacle != Obstacle::none) failCommit(*database, name, commit);
+}
+
+}  // namespace
+
+void commitTransaction(const std::shared_ptr<OpenDatabase>& database, uint32_t number,
+                       const char* name) {
+  AwaitedCommit awaited;
+  commitInTurn(database, number, name, canAwait() ? &awaited : nullptr);
+  if (awaited.ticket == 0) return;
+  waitForDevice(database, name, &awaited);
+  if (awaited.commit.obstacle != Obstacle::none) failCommit(*database, name, awaited.commit);
 }
 
 void rollBack(OpenDatabase& database, std::optional<uint32_t> number) noexcept {

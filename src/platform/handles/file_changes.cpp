@@ -41,4 +41,10 @@ size_t writesHere(int16_t file) {
   return std::atomic_ref(entry.writes).load(std::memory_order_relaxed);
 }
 
+bool isOnlyWriterHere(int16_t file) {
+  const OpenFile* openFile = findOpenFile(file);
+  if (openFile == nullptr || !openFile->isWritable()) return false;
+  return openFile->entry->sharedOpeners + openFile->entry->exclusiveOpeners == 1;
+}
+
 }  // namespace qvdbase::platform

@@ -44,4 +44,7 @@ inline void countWrite(FileEntry& entry) {
 // the file. 0 for a number that is not in use.
 size_t writesHere(int16_t file);
 
+// Whether this number is the only one of this process through which the file can be written to.
+bool isOnlyWriterHere(int16_t file);
+
 }  // namespace qvdbase::platform

@@ -1,6 +1,8 @@
 // Waiting for the device.
 #include "platform/handles/sync.h"
 
+#include <utility>
+
 #include "platform/handles/open_files.h"
 #include "platform/host/host_failure.h"
 #include "platform/host/system_calls.h"
@@ -40,7 +42,12 @@ SyncOutside::SyncOutside(int16_t file) {
 }
 
 SyncOutside::~SyncOutside() {
-  if (entry_ != nullptr) static_cast<void>(leaveEntry(entry_, Sharing::none));
+  leave();
+}
+
+void SyncOutside::leave() {
+  FileEntry* const left = std::exchange(entry_, nullptr);
+  if (left != nullptr) static_cast<void>(leaveEntry(left, Sharing::none));
 }
 
 bool SyncOutside::run() const {

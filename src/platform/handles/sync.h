@@ -28,6 +28,10 @@ class SyncOutside {
   // Without the turn. As syncFileData().
   bool run() const;
 
+  // Keeps the file open no longer; not while it is run. For a process made by fork, in which the
+  // thread is not that runs it.
+  void leave();
+
  private:
   FileEntry* entry_ = nullptr;
   int descriptor_ = -1;

@@ -39,6 +39,11 @@ inline const void* thisThread() {
   return &detail::innermostTurn;
 }
 
+// Whether this thread has one.
+inline bool hasTurn() {
+  return detail::innermostTurn != nullptr;
+}
+
 // Has the turn of a file from its beginning to its end. Its thread is not cancelled meanwhile.
 class Turn {
  public:
