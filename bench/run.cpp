@@ -194,6 +194,8 @@ const char* describe(unsigned abilities) {
       return "stores with transactions over reads and writes";
     case kDurable:
       return "stores that can wait for the device";
+    case kThreads:
+      return "of these, stores that threads share";
     case kLookUp | kChain | kOpens:
       return "every store, and qvdbase-kept";
     case kNames:

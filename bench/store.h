@@ -61,7 +61,8 @@ class Store {
   // makes its index then, or drops it.
   virtual void expectLookups(bool /*areExpected*/) {}
 
-  // Adds a record under the next key and returns it. Stores that make their own keys do so.
+  // Adds a record under the next key and returns it. Stores that make their own keys do so. Those
+  // with kThreads can be asked by several threads at once.
   virtual Key append(std::span<const char> value) = 0;
   // Adds as many records as `keys` takes, the values with the stamps from `stamp` on, in the way
   // that the store recommends for many.
@@ -116,6 +117,7 @@ enum Ability : unsigned {
   kDurable = 128,    // waits for the device
   kNames = 256,      // by a second key of the user's own; such stores do nothing else
   kOpens = 512,      // is another one that differs where it is opened; does nothing else
+  kThreads = 1024,   // is written to by several threads, each commit on the device; see append()
 };
 
 struct StoreKind {

@@ -31,7 +31,7 @@ bool isRaw(const Figure& figure) {
 }
 
 const std::vector<double>& countedOf(const Figure& figure) {
-  return figure.workload == "commit" ? figure.wall : figure.processor;
+  return figure.workload.starts_with("commit") ? figure.wall : figure.processor;
 }
 
 const Figure* Results::find(const std::string& workload, const std::string& store,

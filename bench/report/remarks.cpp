@@ -45,6 +45,7 @@ constexpr Remark kRemarks[] = {
     {"delete", kThreeWrites},
     {"transaction", "links in the neighbours of each record; a page of a peer takes many changes"},
     {"commit", "the best peers append to a log only, and leave their data for later"},
+    {"commit-threads", "the best peers append to a log only, and leave their data for later"},
     {"key-batch", "each key is looked for in the batch and in the index, and entered by itself"},
     {"compact", kCompact},
     {"compact-in-order", kCompact},

@@ -9,7 +9,7 @@ const std::vector<StoreKind>& storeKinds() {
   static constexpr unsigned kSingle = kTree | kTransact | kDurable;
   static const std::vector<StoreKind> kinds{
       {"qvdbase", "our C++ layer, open exclusively, with an index",
-       kSingle | kInspect | kSideBySide, makeQvdbaseLayer},
+       kSingle | kInspect | kSideBySide | kThreads, makeQvdbaseLayer},
       {"qvdbase-cache", "the same with a cache that takes the whole file", kTree | kTransact,
        makeQvdbaseCached},
       {"qvdbase-checksums", "the first with checksums of all payloads", kTree,
@@ -23,10 +23,10 @@ const std::vector<StoreKind>& storeKinds() {
        makeQvdbaseNamesKept},
       {"sqlite-wal", "SQLite with a write-ahead log", kSingle, makeSqliteWal},
       {"sqlite-rollback", "SQLite with a rollback journal", kSingle, makeSqliteRollback},
-      {"lmdb", "LMDB", kSingle, makeLmdb},
+      {"lmdb", "LMDB", kSingle | kThreads, makeLmdb},
       {"lmdb-writemap", "LMDB with a writable map", kTree | kTransact, makeLmdbWritemap},
-      {"leveldb", "LevelDB", kTree | kDurable, makeLevelDb},
-      {"rocksdb", "RocksDB", kTree | kDurable, makeRocksDb},
+      {"leveldb", "LevelDB", kTree | kDurable | kThreads, makeLevelDb},
+      {"rocksdb", "RocksDB", kTree | kDurable | kThreads, makeRocksDb},
       {"tkrzw", "tkrzw's hash database", kHash, makeTkrzw},
       {"tokyocabinet", "Tokyo Cabinet's hash database", kHash, makeTokyoCabinet},
       {"gdbm", "GDBM", kHash, makeGdbm},

@@ -41,8 +41,9 @@ class Lmdb : public Store {
   Key append(std::span<const char> value) override {
     MDB_txn* txn = begin(0);
     add(txn, value);
+    const Key key = next_++;  // while no other thread can have a transaction
     commit(txn);
-    return next_++;
+    return key;
   }
   void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
     MDB_txn* txn = begin(0);

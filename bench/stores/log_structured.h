@@ -1,6 +1,8 @@
 // LevelDB and RocksDB, whose interfaces are alike: the log written and not synced, no compression.
 #pragma once
 
+#include <atomic>
+
 #include "store.h"
 
 namespace bench {
@@ -29,8 +31,9 @@ class LogStructuredStore : public Store {
   void close() override { db_.reset(); }
 
   Key append(std::span<const char> value) override {
-    check(db_->Put(write_, slice(KeyBytes(next_)), slice(value)));
-    return next_++;
+    const Key key = next_++;
+    check(db_->Put(write_, slice(KeyBytes(key)), slice(value)));
+    return key;
   }
   void appendMany(Values& values, uint32_t stamp, std::span<Key> keys) override {
     for (size_t done = 0; done < keys.size();) {
@@ -101,7 +104,7 @@ class LogStructuredStore : public Store {
   std::unique_ptr<typename Api::Database> db_;
   typename Api::WriteOptions write_;
   std::string found_;
-  Key next_ = 1;
+  std::atomic<Key> next_ = 1;
 };
 
 }  // namespace bench

@@ -1,5 +1,7 @@
 // Workloads that commit: many operations at once, without waiting for the device; and one at a
 // time, each of which waits.
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "workloads/workload.h"
@@ -53,6 +55,31 @@ void commitEach(Filled& f, Turn& turn) {
   f.store().openDurably(f.folder());
   turn.timed(added.size(), [&] {
     for (Held& record : added) record.key = f.store().append(f.valueOf(record.stamp));
+  });
+  f.store().close();
+  f.store().open(f.folder());
+  for (const Held& record : added) f.hasAdded(record.key, record.stamp);
+}
+
+void commitInThreads(Filled& f, Turn& turn) {
+  std::vector<Held> added(kCommits);
+  std::vector<Bytes> values;
+  for (Held& record : added) {
+    record.stamp = f.willAdd();
+    const auto value = f.valueOf(record.stamp);
+    values.emplace_back(value.begin(), value.end());
+  }
+  f.store().close();
+  f.store().openDurably(f.folder());
+  const auto addEvery = [&](size_t first) {
+    for (size_t i = first; i < added.size(); i += kCommittingThreads) {
+      added[i].key = f.store().append(values[i]);
+    }
+  };
+  turn.timed(added.size(), [&] {
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < kCommittingThreads; ++i) threads.emplace_back(addEvery, i);
+    for (std::thread& thread : threads) thread.join();
   });
   f.store().close();
   f.store().open(f.folder());

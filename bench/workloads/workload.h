@@ -32,6 +32,7 @@ bool isRunBy(const Workload& workload, const StoreKind& kind);
 // Operations of one turn: that read; that change the store, which are few beside its records.
 constexpr size_t kReads = 10'000;
 constexpr size_t kCommits = 200;
+constexpr size_t kCommittingThreads = 8;
 size_t changesOf(size_t records);
 size_t operationsOfTransaction(size_t records);
 
@@ -43,6 +44,7 @@ void grow(Filled& f, Turn& turn);
 void remove(Filled& f, Turn& turn);
 void mixInTransaction(Filled& f, Turn& turn);
 void commitEach(Filled& f, Turn& turn);
+void commitInThreads(Filled& f, Turn& turn);
 
 void scanKeys(Filled& f, Turn& turn);
 void scanValues(Filled& f, Turn& turn);

@@ -72,6 +72,8 @@ constexpr Workload kWorkloads[] = {
      kTransact, kShort, true, transactionChanges, mixInTransaction},
     {"commit", "add a record, which the device has when the call returns", kDurable, kShort, false,
      commitsOf, commitEach},
+    {"commit-threads", "the same by eight threads at once", kThreads, kShort, false, commitsOf,
+     commitInThreads},
     {"batch", "fill a new store in the way it recommends for many records", 0, kWhole, false,
      nullptr, loadAll},
     {"key-batch", "the same with a key of the user's own for each record", kNames, kWhole, false,
