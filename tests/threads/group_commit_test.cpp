@@ -293,6 +293,20 @@ TEST_F(GroupCommits, OfATransactionWithoutChangesWaitForNothing) {
   joinAll();
 }
 
+// Nobody would wait with it: that takes no turn a second time, and holds nothing back.
+TEST_F(GroupCommits, OfAThreadThatIsAloneKeepTheTurnAfterAWhile) {
+  const SlowDevice device;
+  device.allowAll();
+  std::thread([&] {
+    for (int i = 0; i < 20; ++i) table_.add("alone");
+  }).join();
+  EXPECT_EQ(device.begun(), 20);
+  EXPECT_EQ(device.withTurn(), 12);
+  EXPECT_EQ(table_.count(), 21u);  // this thread has had the turn
+  std::thread([&] { table_.add("not alone any more"); }).join();
+  EXPECT_EQ(device.withTurn(), 12);
+}
+
 // Whose thread that waits for the device is not there. The file is closed in it like any other.
 TEST_F(GroupCommits, DoNotKeepTheFileOpenInAChild) {
   const SlowDevice device;

@@ -1,7 +1,9 @@
 // Waiting for the device together.
 #include "objects/transactions/awaited_commits.h"
 
+#include <algorithm>
 #include <exception>
+#include <utility>
 
 #include "objects/open_database.h"
 #include "objects/sharing/turns.h"
@@ -53,6 +55,17 @@ void noteWhatIsOver(const std::shared_ptr<OpenDatabase>& database, const char* n
   decideAwaited(*database);
 }
 
+// So many commits after which a thread counts as alone, if no other has had the turn meanwhile.
+constexpr uint32_t kAlone = 8;
+
+bool isUsedByOthers(const Operation& operation) {
+  Transactions& transactions = operation.database().transactions;
+  const uint32_t handovers = platform::handoversOf(operation.db());
+  if (std::exchange(transactions.handovers, handovers) != handovers) transactions.commitsAlone = 0;
+  transactions.commitsAlone = std::min(transactions.commitsAlone + 1, kAlone + 1);
+  return transactions.commitsAlone <= kAlone || transactions.awaited != nullptr;
+}
+
 }  // namespace
 
 bool canAwait() noexcept {
@@ -61,7 +74,7 @@ bool canAwait() noexcept {
 
 bool isAwaited(const Operation& operation) noexcept {
   return operation.database().transactions.durability == intents::Durability::power &&
-         platform::isOnlyWriterHere(operation.db());
+         platform::isOnlyWriterHere(operation.db()) && isUsedByOthers(operation);
 }
 
 void await(OpenDatabase& database, AwaitedCommit* awaited, uint64_t ticket) noexcept {

@@ -7,8 +7,8 @@
 // operations of the database read them from memory: other threads see a commit as soon as it is
 // appended.
 //
-// A thread that has the file to itself, or keeps its turn for more than the commit, waits within
-// it: that needs no patches to be held, and no turn to be taken again.
+// A thread that has used the database alone for a while, or keeps its turn for more than the
+// commit, waits within it: that needs no patches to be held, and no turn to be taken again.
 #pragma once
 
 #include <cstdint>
@@ -34,8 +34,8 @@ struct AwaitedCommit {
 // an operation is begun.
 bool canAwait() noexcept;
 
-// Whether it is to do so, now that the operation has begun: none but this database may write to the
-// file, which others could change between the commit and its patches.
+// Whether it is to do so, now that the operation has begun: others use the database, and none but
+// this one may write to the file, which could be changed between the commit and its patches.
 bool isAwaited(const Operation& operation) noexcept;
 
 // Adds a commit that was appended with that ticket. In the turn in which it was.

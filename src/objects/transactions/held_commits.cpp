@@ -72,7 +72,7 @@ void noteHeld(OpenDatabase& database) noexcept {
   transactions.holds = !held.empty();
   transactions.holdsTables = !held.empty() && held.front().position == format::kTableCountPos;
   if (heldTables || transactions.holdsTables) engine::dropDirectoryEntry(database.handle);
-  if (transactions.awaited != nullptr) decideAwaited(database);
+  decideAwaited(database);
 }
 
 bool placeSynced(OpenDatabase& database) {

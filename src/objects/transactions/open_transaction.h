@@ -67,6 +67,9 @@ struct Transactions {
   bool holdsTables = false;  // the number of tables among it
   // Commits whose threads wait for the device without the turn; see awaited_commits.h.
   AwaitedCommit* awaited = nullptr;
+  // How often the turn had gone from thread to thread, and how many commits have come since.
+  uint32_t handovers = 0;
+  uint32_t commitsAlone = 0;
   qvdbase::intents::Durability durability = qvdbase::intents::Durability::process;
   uint64_t longestUnsynced = 0;  // with `interval`, in microseconds
   uint64_t unsyncedSince = 0;    // when the first commit was made that may not be on the device

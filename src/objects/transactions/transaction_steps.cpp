@@ -324,7 +324,8 @@ void commitInTurn(const std::shared_ptr<OpenDatabase>& database, uint32_t number
   bool isCommitted = true;
   if (!stage.isEmpty()) {
     const ChangeTurn turn(operation, OwnBatch::isJoined, ChangeTurn::For::commit);
-    commit = commitStage(operation, gather(stage), isAwaited(operation) ? awaited : nullptr);
+    commit = commitStage(operation, gather(stage),
+                         awaited != nullptr && isAwaited(operation) ? awaited : nullptr);
     isCommitted = commit.outcome == Outcome::committed;
     syncAfterCommit(*database, &commit);
     if (commit.outcome == Outcome::nothingApplied) {

@@ -5,6 +5,7 @@
 #include <cassert>
 #include <functional>
 #include <new>
+#include <utility>
 
 #include "platform/handles/open_files.h"
 #include "platform/transfer/transfer_counts.h"
@@ -35,10 +36,15 @@ void own(FileTurn& turn) {
   turn.owner.store(thisThread(), std::memory_order_relaxed);
 }
 
+void ownAmongOthers(FileTurn& turn) {
+  own(turn);
+  if (std::exchange(turn.latest, thisThread()) != thisThread()) ++turn.handovers;
+}
+
 bool tryEnter(FileTurn& turn) {
   if (!isMine(turn)) {
     if (!turn.lock.tryLock()) return false;
-    own(turn);
+    ownAmongOthers(turn);
   }
   ++turn.depth;
   return true;
@@ -153,7 +159,7 @@ bool Turn::takeInOrder(Turn* innermost) {
     }
     if (next == nullptr) break;
     next->lock.lock();
-    own(*next);
+    ownAmongOthers(*next);
     taken = next;
   }
   bool isUnchanged = true;
@@ -198,6 +204,11 @@ FileTurn& reserveTurn() {
 void releaseTurn(FileTurn& turn) {
   const SharedLock lock(Shared::handles);
   --turn.users;
+}
+
+uint32_t handoversOf(int16_t file) {
+  const OpenFile* openFile = findOpenFile(file);
+  return openFile != nullptr && openFile->turn != nullptr ? openFile->turn->handovers : 0;
 }
 
 bool isTurnOfAnother(const FileTurn& turn) {

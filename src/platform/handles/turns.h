@@ -28,6 +28,8 @@ struct alignas(64) FileTurn {  // each in a cache line of its own
   std::atomic<const void*> owner = nullptr;  // the thread that has it
   uint32_t depth = 0;                        // by how many objects; the owner's
   uint32_t users = 0;                        // entries that have it, under Shared::handles
+  uint32_t handovers = 0;                    // from one thread to another; the owner's
+  const void* latest = nullptr;              // who had it last, where there were several threads
 };
 
 namespace detail {
@@ -97,6 +99,9 @@ FileTurn& turnOfFreeNumbers();
 // A turn for one more entry. With very many files open some share one.
 FileTurn& reserveTurn();
 void releaseTurn(FileTurn& turn);
+
+// How often the turn of a file, which this thread has, has gone from one thread to another.
+uint32_t handoversOf(int16_t file);
 
 // Whether it is the turn of another thread.
 bool isTurnOfAnother(const FileTurn& turn);
