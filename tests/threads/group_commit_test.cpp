@@ -237,6 +237,23 @@ TEST_F(GroupCommits, GoOnBesideATransactionThatIsOpen) {
   EXPECT_EQ(database_.table("t").count(), 3u);
 }
 
+// A part of which is in the file already, behind what is to be completed.
+TEST_F(GroupCommits, GoOnBesideALargeTransactionThatIsOpen) {
+  const SlowDevice device;
+  addInThread("a");
+  device.awaitSync(1);
+  auto t = database_.begin();
+  for (int i = 0; i < 20; ++i) table_.add(std::string(1'000'000, 'b'));
+  EXPECT_GT(std::filesystem::file_size(path()), 16'000'000u);
+  device.allowAll();
+  joinAll();
+  EXPECT_EQ(refused_, 0);
+  t.commit();
+  EXPECT_EQ(table_.count(), 22u);
+  database_.reopen();
+  EXPECT_EQ(database_.table("t").count(), 22u);
+}
+
 TEST_F(GroupCommits, AreCompletedByClosing) {
   const SlowDevice device;
   addInThread("a");
