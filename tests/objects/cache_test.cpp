@@ -14,6 +14,7 @@
 #include "kit/forked.h"
 #include "kit/random_seed.h"
 #include "kit/recorded_calls.h"
+#include "kit/sanitized.h"
 #include "objects/layer_fixture.h"
 #include "platform/transfer/transfer.h"
 
@@ -360,8 +361,8 @@ TEST_F(CacheTest, ResultsAreThoseWithoutIt) {
   const auto anyPayload = [&] {
     return pattern(below(20) == 0 ? 70'000 : below(400), unsigned(random()));
   };
-  // A host call for each field takes too long for as many.
-  const int operations = platform::gathersTransfers() ? 3000 : 1000;
+  // A host call for each field takes too long for as many, and so does a sanitizer.
+  const int operations = platform::gathersTransfers() && !kIsSanitized ? 3000 : 1000;
   for (int i = 0; i < operations; ++i) {
     const size_t choice = expected.empty() ? 0 : below(14);
     if (choice <= 1) {

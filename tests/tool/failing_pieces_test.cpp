@@ -21,6 +21,7 @@
 #include "kit/bytes.h"
 #include "kit/forked.h"
 #include "kit/temp_folder.h"
+#include "kit/test_extent.h"
 #include "tool/in_process.h"
 #include "tools/qvdb/backup/folder_calls.h"
 
@@ -228,7 +229,7 @@ class FailingPieces : public testing::TestWithParam<PieceCommand> {
 TEST_P(FailingPieces, EndInAMessageOrInFullSuccess) {
   const std::vector<int> counts = countCalls();
   for (size_t kind = 0; kind < kKinds; ++kind) {
-    for (int skip = 0; skip < counts[kind]; ++skip) {
+    for (int skip = 0; skip < counts[kind]; skip += sampleStep()) {
       for (const bool isForGood : {false, true}) {
         reset();
         int left = skip;
@@ -254,7 +255,7 @@ TEST_P(FailingPieces, EndInAMessageOrInFullSuccess) {
 TEST_P(FailingPieces, LeaveWhatCanBeUsedWhereverTheProcessIsKilled) {
   bool isKilled = true;
   int skip = 0;
-  for (; isKilled; ++skip) {
+  for (; isKilled; skip += sampleStep()) {
     ASSERT_LT(skip, 1000);
     reset();
     const int status = inForkedChild([&] {

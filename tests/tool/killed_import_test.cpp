@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <map>
 
+#include "kit/test_extent.h"
 #include "tool/tool_fixture.h"
 
 namespace qvdbase::test {
@@ -81,7 +82,7 @@ class KilledImport : public ToolTest {
   void killEverywhere(const Words& words, Judge judge) {
     const Bytes before = readFile(path());
     int kills = 0;
-    for (;; ++kills) {
+    for (;; kills += sampleStep()) {
       writeFile(path(), before);
       const End end = runAndKill(words, kills);
       if (end == End::cannotTrace) GTEST_SKIP() << "the system does not allow tracing";
