@@ -235,6 +235,7 @@ bool CommitLog::noteGroupSync() {
   if (groupSync_ == nullptr) return !isBroken();
   const std::shared_ptr<GroupSync> sync = std::exchange(groupSync_, nullptr);
   sync->wait();
+  sync->leave();
   if (!sync->hasSucceeded()) groupFailure_ = sync->host();
   return noteSynced(sync->ticket(), sync->hasSucceeded());
 }

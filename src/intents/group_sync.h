@@ -25,8 +25,9 @@ class GroupSync {
   void wait() const noexcept;
   bool isOver() const noexcept { return state_ != State::begun; }
 
-  // In a process made by fork, which has nobody who would end it.
-  void abandon() { outside_.leave(); }
+  // Once it is over, and in a process made by fork, which has nobody who would end it: keeps the
+  // file open no longer, though threads that have waited may still have to wake up.
+  void leave() { outside_.leave(); }
 
   uint64_t ticket() const { return ticket_; }
   // Once it is over.

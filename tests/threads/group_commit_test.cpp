@@ -8,11 +8,13 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
 
+#include "intents/commit.h"
 #include "intents/shown_contents.h"
 #include "kit/forked.h"
 #include "objects/layer_fixture.h"
@@ -346,6 +348,24 @@ TEST_F(GroupCommits, DoNotKeepTheFileOpenInAChild) {
   joinAll();
   EXPECT_EQ(refused_, 0);
   EXPECT_EQ(table_.count(), 2u);
+}
+
+// A thread that has waited may wake up long after the file was closed.
+TEST_F(GroupCommits, DoNotKeepTheFileOpenWhereAThreadStillHasToWakeUp) {
+  database_.close();
+  const int16_t db = open(kDefaultFile, 3);
+  ASSERT_GT(db, 0);
+  intents::CommitLog log(db, intents::Durability::power);
+  const std::shared_ptr<intents::GroupSync> sync = log.beginGroupSync();
+  ASSERT_TRUE(sync);
+  sync->run();
+  EXPECT_TRUE(log.noteGroupSync());
+  close(db);
+  for (const auto& each : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    EXPECT_NE(std::filesystem::read_symlink(each, gone), path());
+  }
+  EXPECT_TRUE(sync->hasSucceeded());
 }
 
 // The thread that waits for the device does so for others, too.

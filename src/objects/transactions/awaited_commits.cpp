@@ -144,7 +144,7 @@ void endAwaiting(OpenDatabase& database) noexcept {
   if (transactions.log == nullptr) return;
   if (database.opener.isStillOwn()) return decide(transactions, true);
   transactions.awaited = nullptr;
-  if (transactions.log->groupSync() != nullptr) transactions.log->groupSync()->abandon();
+  if (transactions.log->groupSync() != nullptr) transactions.log->groupSync()->leave();
 }
 
 }  // namespace qvdb::detail
