@@ -71,6 +71,7 @@ Commit CommitLog::commit(const StagedChanges& changes) {
   const platform::Turn turn(file_);
   const OpenReader reader(file_);
   const PagedReader pages(reader);
+  isInGroup_ = false;
   Commit commit = append(changes, pages);
   if (commit.outcome != Outcome::committed || durability_ == Durability::interval) return commit;
   if (durability_ == Durability::power && !synced(commit.ticket, syncFile())) {
@@ -78,7 +79,7 @@ Commit CommitLog::commit(const StagedChanges& changes) {
     commit.outcome = isOnDevice ? Outcome::committed : Outcome::undecided;
     commit.obstacle = isOnDevice ? Obstacle::cannotPatch : Obstacle::cannotSync;
     commit.host = groupFailure_ ? groupFailure_ : platform::lastHostFailure();
-  } else if (durability_ == Durability::process && !writeHeld(pages)) {
+  } else if (durability_ == Durability::process && !tryToWriteHeld(pages)) {
     commit.obstacle = Obstacle::cannotPatch;
     commit.host = platform::lastHostFailure();
   }
@@ -89,9 +90,7 @@ Commit CommitLog::append(const StagedChanges& changes) {
   const platform::Turn turn(file_);
   const OpenReader reader(file_);
   isInGroup_ = true;
-  const Commit commit = append(changes, PagedReader(reader));
-  isInGroup_ = false;
-  return commit;
+  return append(changes, PagedReader(reader));
 }
 
 Commit CommitLog::append(const StagedChanges& changes, const Reader& file) {
@@ -138,6 +137,16 @@ Commit CommitLog::write(const StagedChanges& changes, int64_t position,
   intent.blocksHash = hash.finish().value_or(support::Hash128{});
   intent.entries = std::move(entries);
   const uint32_t time = platform::secondsSinceEpoch();
+  // From the write on, nothing needs memory: what is in the file then is held.
+  Appended appended{tickets_ + 1, {}};
+  size_t patches = 0;
+  for (const format::IntentEntry& entry : intent.entries) {
+    if (!format::isPatch(entry.kind)) continue;
+    ++patches;
+    if (isInGroup_) appended.patches.push_back({entry.position, entry.after, 0});
+  }
+  held_.makeRoom(patches);
+  if (isInGroup_) appended_.reserve(appended_.size() + 1);
   const OwnWrites own(*this);
   if (!appendBytes(file_, position, format::encodeIntent(intent, header.databaseID, time, last_),
                    blocks)) {
@@ -151,11 +160,9 @@ Commit CommitLog::write(const StagedChanges& changes, int64_t position,
   commit.outcome = Outcome::committed;
   commit.shift = shift;
   commit.ticket = ++tickets_;
-  if (isInGroup_) appended_.push_back({commit.ticket, {}});
+  if (isInGroup_) appended_.push_back(std::move(appended));
   for (format::IntentEntry& entry : intent.entries) {
-    if (!format::isPatch(entry.kind)) continue;
-    if (isInGroup_) appended_.back().patches.push_back({entry.position, entry.after, 0});
-    held_.hold(entry.position, std::move(entry.after));
+    if (format::isPatch(entry.kind)) held_.hold(entry.position, std::move(entry.after));
   }
   return commit;
 }
@@ -209,7 +216,7 @@ bool CommitLog::synced(uint64_t ticket, bool succeeded) {
   const platform::Turn turn(file_);
   if (!noteSynced(ticket, succeeded)) return false;
   const bool isMore = syncedTickets_ != tickets_;
-  return isMore || heldCommits_ < std::max(mostHeld_, 1u) || writeHeld();
+  return isMore || heldCommits_ < std::max(mostHeld_, 1u) || tryToWriteHeld(OpenReader(file_));
 }
 
 bool CommitLog::noteSynced(uint64_t ticket, bool succeeded) {
@@ -282,6 +289,16 @@ bool CommitLog::writeHeld(const Reader& file) {
   return true;
 }
 
+// Of a commit that is made: where memory is short its patches stay held, until the next call that
+// writes them.
+bool CommitLog::tryToWriteHeld(const Reader& file) {
+  try {
+    return writeHeld(file);
+  } catch (const std::bad_alloc&) {
+    return true;
+  }
+}
+
 bool CommitLog::write(const HeldPatches& patches, const Reader& file) {
   const OwnWrites own(*this);
   PatchRuns runs(patches, file);
@@ -310,16 +327,15 @@ bool CommitLog::placeSynced() {
   });
   if (later == appended_.begin() || !isAlone()) return true;
   HeldPatches onDevice;
-  for (auto each = appended_.begin(); each != later; ++each) {
-    for (const HeldPatch& patch : each->patches) onDevice.hold(patch.position, patch.bytes);
+  HeldPatches stillHeld;
+  for (auto each = appended_.begin(); each != appended_.end(); ++each) {
+    HeldPatches& to = each < later ? onDevice : stillHeld;
+    for (const HeldPatch& patch : each->patches) to.hold(patch.position, patch.bytes);
   }
   if (!write(onDevice, OpenReader(file_))) return false;
   appended_.erase(appended_.begin(), later);
   heldCommits_ = static_cast<uint32_t>(appended_.size());
-  held_.clear();
-  for (const Appended& each : appended_) {
-    for (const HeldPatch& patch : each.patches) held_.hold(patch.position, patch.bytes);
-  }
+  held_ = std::move(stillHeld);
   return true;
 }
 

@@ -134,6 +134,7 @@ class CommitLog {
   Commit append(const StagedChanges& changes, const Reader& file);
   bool writeHeld();
   bool writeHeld(const Reader& file);
+  bool tryToWriteHeld(const Reader& file);
   bool write(const HeldPatches& patches, const Reader& file);
   void forgetHeld();
   bool noteSynced(uint64_t ticket, bool succeeded);

@@ -48,6 +48,11 @@ void HeldPatches::hold(int64_t position, format::PlaceBytes bytes) {
   }
 }
 
+void HeldPatches::makeRoom(size_t count) {
+  const size_t wanted = patches_.size() + count;
+  if (patches_.capacity() < wanted) patches_.reserve(std::max(wanted, 2 * patches_.capacity()));
+}
+
 platform::Underlay underlayOf(const HeldPatches& patches) {
   return {&patches, [](const void* context, int64_t position, void* bytes, size_t count) {
             static_cast<const HeldPatches*>(context)->layOver(position, bytes, count);

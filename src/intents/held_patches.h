@@ -31,6 +31,8 @@ class HeldPatches {
 
   // A place always has the same length: the patch replaces the one that is held for it.
   void hold(int64_t position, format::PlaceBytes bytes);
+  // So many more can be held without memory of their own.
+  void makeRoom(size_t count);
   void clear() { patches_.clear(); }
 
  private:

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include "QVDbase/directory_cache.h"
 #include "format/layout.h"
@@ -21,6 +22,15 @@ namespace {
 bool isTime(const Transactions& transactions) {
   const uint64_t passed = platform::microsecondCounter() - transactions.unsyncedSince;
   return passed >= transactions.longestUnsynced;
+}
+
+// Where memory is short the patches stay held: what is committed is not taken back.
+bool putInPlaceIfMemoryAllows(intents::CommitLog& log) {
+  try {
+    return log.putInPlace();
+  } catch (const std::bad_alloc&) {
+    return true;
+  }
 }
 
 bool isUnsynced(const intents::CommitLog& log) {
@@ -90,7 +100,7 @@ void syncAfterCommit(OpenDatabase& database, intents::Commit* commit) {
       commit->outcome == intents::Outcome::committed) {
     const bool isFirst = log.lastAppended() == log.lastSynced() + 1;
     if (isFirst) transactions.unsyncedSince = platform::microsecondCounter();
-    if (isTime(transactions) && !log.putInPlace()) {
+    if (isTime(transactions) && !putInPlaceIfMemoryAllows(log)) {
       commit->obstacle = log.brokenBy();
       const bool isOnDevice = !isUnsynced(log);
       if (!isOnDevice) commit->outcome = intents::Outcome::undecided;

@@ -324,8 +324,13 @@ void commitInTurn(const std::shared_ptr<OpenDatabase>& database, uint32_t number
   bool isCommitted = true;
   if (!stage.isEmpty()) {
     const ChangeTurn turn(operation, OwnBatch::isJoined, ChangeTurn::For::commit);
-    commit = commitStage(operation, gather(stage),
-                         awaited != nullptr && isAwaited(operation) ? awaited : nullptr);
+    try {
+      commit = commitStage(operation, gather(stage),
+                           awaited != nullptr && isAwaited(operation) ? awaited : nullptr);
+    } catch (const std::bad_alloc&) {  // nothing is in the file, and the stage may have lost blocks
+      rollBack(*database, number);
+      throw;
+    }
     isCommitted = commit.outcome == Outcome::committed;
     syncAfterCommit(*database, &commit);
     if (commit.outcome == Outcome::nothingApplied) {
