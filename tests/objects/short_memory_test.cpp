@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <qvdbase/qvdb.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -11,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "kit/file_checker.h"
+#include "kit/test_extent.h"
 #include "kit/threads.h"
 #include "objects/layer_fixture.h"
 
@@ -76,7 +79,8 @@ class ParkedThread {
 struct Setting {
   const char* name;
   qvdb::Durability durability;
-  bool hasThreads;  // then commits of a group wait for the device together
+  bool isEachCommitted = false;  // an operation without a transaction is one
+  bool hasThreads = false;       // then commits of a group wait for the device together
 };
 
 class ShortMemory : public LayerTest, public testing::WithParamInterface<Setting> {
@@ -125,6 +129,8 @@ class ShortMemory : public LayerTest, public testing::WithParamInterface<Setting
   std::vector<qvdb::Id> ids_ = std::vector<qvdb::Id>(10);
 };
 
+class ShortMemoryOfOperations : public ShortMemory {};
+
 const char* const kBefore = "a b c d e f g h i j ";
 const std::string kAfter = "a b d e five g h i j " + std::string(20, 'n') + " ";
 
@@ -172,18 +178,90 @@ TEST_P(ShortMemory, LeavesACommitWholeOrNotThere) {
   EXPECT_GT(refused, 0);
 }
 
+// Each of the operations, at each place where it asks for memory: what was done before is
+// committed.
+TEST_P(ShortMemoryOfOperations, LeavesEachOfATransactionWholeOrNotThere) {
+  const std::string added = std::string(20, 'n') + " ";
+  const std::vector<std::string> states = {kBefore, "a b d e f g h i j ", "a b d e five g h i j ",
+                                           "a b d e five g h i j " + added};
+  for (long allowed = 0;; ++allowed) {
+    SCOPED_TRACE("allocation " + std::to_string(allowed));
+    create();
+    bool isThrough = false;
+    std::string seen;
+    {
+      qvdb::Database database = openIt();
+      qvdb::Table table = database.table("t");
+      const qvdb::RecordIndex index = table.index();
+      qvdb::Transaction transaction = database.begin();
+      g_allocationsLeft = allowed;
+      try {
+        change(table);
+        isThrough = g_allocationsLeft >= 0;
+      } catch (const std::bad_alloc&) {
+      } catch (const qvdb::Error&) {
+      }
+      g_allocationsLeft = -1;
+      try {
+        transaction.commit();
+      } catch (const qvdb::Error&) {
+      }
+      seen = payloads(table);
+    }
+    qvdb::Database database = openIt();
+    const std::string kept = payloads(database.table("t"));
+    EXPECT_EQ(kept, seen);
+    EXPECT_NE(std::find(states.begin(), states.end(), kept), states.end()) << kept;
+    database.close();
+    EXPECT_EQ(describe(checkFile(path())), "");
+    if (isThrough || HasFailure()) break;
+  }
+}
+
+// The same without a transaction.
+TEST_P(ShortMemoryOfOperations, LeavesTheFileSound) {
+  // Each operation waits for the device where it is a commit of its own.
+  const long step = GetParam().isEachCommitted && !testEverything() ? 3 : 1;
+  for (long allowed = 0;; allowed += step) {
+    SCOPED_TRACE("allocation " + std::to_string(allowed));
+    create();
+    bool isThrough = false;
+    {
+      qvdb::Database database = openIt();
+      qvdb::Table table = database.table("t");
+      const qvdb::RecordIndex index = table.index();
+      g_allocationsLeft = allowed;
+      try {
+        change(table);
+        isThrough = g_allocationsLeft >= 0;
+      } catch (const std::bad_alloc&) {
+      } catch (const qvdb::Error&) {
+      }
+      g_allocationsLeft = -1;
+      const std::string seen = payloads(table);
+      EXPECT_EQ(table.count(), static_cast<uint64_t>(std::count(seen.begin(), seen.end(), ' ')));
+      const Bytes next = bytesOf("next");
+      const qvdb::Id id = table.add(span(next));
+      EXPECT_EQ(bytes(table.get(id)), next);
+    }
+    EXPECT_EQ(describe(checkFile(path())), "");
+    if (isThrough || HasFailure()) break;
+  }
+}
+
 std::string nameOf(const testing::TestParamInfo<Setting>& setting) {
   return setting.param.name;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    With, ShortMemory,
-    testing::Values(Setting{"Process", qvdb::Durability::process, false},
-                    Setting{"Power", qvdb::Durability::power, false},
-                    Setting{"PowerBesideAThread", qvdb::Durability::power, true},
-                    Setting{"Interval", qvdb::Durability::interval(std::chrono::milliseconds(0)),
-                            false}),
-    nameOf);
+const Setting kProcess{"Process", qvdb::Durability::process};
+const Setting kPower{"Power", qvdb::Durability::power, true};
+const Setting kBesideAThread{"PowerBesideAThread", qvdb::Durability::power, true, true};
+const Setting kInterval{"Interval", qvdb::Durability::interval(std::chrono::milliseconds(0)), true};
+
+INSTANTIATE_TEST_SUITE_P(With, ShortMemory,
+                         testing::Values(kProcess, kPower, kBesideAThread, kInterval), nameOf);
+INSTANTIATE_TEST_SUITE_P(With, ShortMemoryOfOperations,
+                         testing::Values(kProcess, kPower, kInterval), nameOf);
 
 }  // namespace
 }  // namespace qvdbase::test
